@@ -1,0 +1,3 @@
+#include "trace/settings.h"
+
+TraceSettings traceSettings;
