@@ -1,0 +1,28 @@
+// A folder of its own for a test: made empty, removed with all that it holds at the end.
+
+#pragma once
+
+#include <set>
+#include <string>
+
+void writeFile(const std::string& path, const std::string& text);
+
+// The whole text; empty where the file can't be read.
+[[nodiscard]] std::string readFile(const std::string& path);
+
+struct Folder {
+    Folder();
+    ~Folder();
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    [[nodiscard]] std::string path(const std::string& name) const { return root + "/" + name; }
+
+    // The names in it.
+    [[nodiscard]] std::set<std::string> names() const;
+
+    // Each entry as "name=text", text being the file's first line; a folder is "name=".
+    [[nodiscard]] std::set<std::string> entries() const;
+
+    std::string root;  // absolute, no "/" at its end
+};
