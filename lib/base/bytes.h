@@ -9,7 +9,7 @@
 //
 // A load tolerates any alignment. One that would reach past the end gives 0: whoever has to tell a
 // short packet from a field of 0 asks cursorHolds first. loadBe*At are for bytes that such a
-// question has already covered.
+// question has already covered, and store*At for room that the caller knows to be there.
 
 #pragma once
 
@@ -83,4 +83,25 @@ struct Cursor {
 
 [[nodiscard]] inline uint64_t loadBe64(Cursor cursor, size_t offset) {
     return cursorHolds(cursor, offset, 8) ? loadBe64At(cursor.left.data() + offset) : 0;
+}
+
+inline void storeNet16At(uint8_t* at, uint16_t word) {
+    std::memcpy(at, &word, sizeof word);
+}
+
+inline void storeNet32At(uint8_t* at, uint32_t word) {
+    std::memcpy(at, &word, sizeof word);
+}
+
+inline void storeBe16At(uint8_t* at, uint16_t number) {
+    storeNet16At(at, hostOrder16(number));
+}
+
+inline void storeBe32At(uint8_t* at, uint32_t number) {
+    storeNet32At(at, hostOrder32(number));
+}
+
+inline void storeBe64At(uint8_t* at, uint64_t number) {
+    storeBe32At(at, static_cast<uint32_t>(number >> 32));
+    storeBe32At(at + 4, static_cast<uint32_t>(number));
 }

@@ -1,0 +1,43 @@
+// The order of all locks, outermost first: a thread that holds a lock takes only locks that stand
+// further down. Debug builds stop at the first thread that does otherwise (lib/base/lock.h).
+//
+// The locks of the tool itself come first: a tool's thread may call into the library with one held,
+// and the library knows nothing of them. Tracing and log come last: whoever has something to tell
+// may hold any lock.
+
+#pragma once
+
+#include <cstdint>
+
+// Name, may a thread hold two of this rank, words for it.
+//
+// Object locks may be held in pairs, as where one queue's call ends in another queue: which of the
+// two comes first is then the rule of the module that takes both. Any lock may be taken again by
+// its holder.
+#define PELMO_LOCK_RANK_TABLE(ROW)                    \
+    ROW(kStop, false, "stop lock")                    \
+    ROW(kStats, false, "stats lock")                  \
+    ROW(kLibrary, false, "library lock")              \
+    ROW(kEventManager, false, "event manager lock")   \
+    ROW(kTransportObject, true, "transport object")   \
+    ROW(kGroupObject, true, "queue group object")     \
+    ROW(kDispatcherObject, true, "dispatcher object") \
+    ROW(kQueueObject, true, "queue object")           \
+    ROW(kQueueData, false, "queue data lock")         \
+    ROW(kEventObject, true, "event object")           \
+    ROW(kIdTable, false, "id table lock")             \
+    ROW(kId, false, "id lock")                        \
+    ROW(kLink, false, "daemon link lock")             \
+    ROW(kEndpoint, false, "endpoint lock")            \
+    ROW(kConnection, false, "connection lock")        \
+    ROW(kSocket, false, "socket lock")                \
+    ROW(kWakeupPair, false, "wake-up pair lock")      \
+    ROW(kPoolManager, false, "pool manager lock")     \
+    ROW(kPool, false, "pool lock")                    \
+    ROW(kLeaf, false, "lock with nothing beneath it") \
+    ROW(kTrace, false, "tracing lock")                \
+    ROW(kLog, false, "log lock")
+
+#define PELMO_LOCK_RANK_ENUMERATOR(name, mayPair, words) name,
+enum class LockRank : uint8_t { PELMO_LOCK_RANK_TABLE(PELMO_LOCK_RANK_ENUMERATOR) };
+#undef PELMO_LOCK_RANK_ENUMERATOR

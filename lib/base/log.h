@@ -1,0 +1,70 @@
+// The log: the one text output that everything shares. A line is a time stamp, the program's name,
+// for tracing a module and a thread number, and the caller's text:
+//
+//     2024-02-29 23:59:59 pelmoscope: startup aborted: Invalid argument.
+//
+// and, with tracing on:
+//
+//     2024-02-29 22:59:59.123000000Z pelmoscope: [queue][71]: pelmoQueue_Create
+//
+// Lines go to the standard error stream until a file is open, and again after it was closed. A text
+// that ends in a line break leaves an empty line behind it.
+//
+// The file is kept within a limit: a line that takes it there, or whatever else was written to it,
+// moves it aside as a numbered file (lib/base/numbered_ring.h), and a new one begins with the
+// header. The limit is a trigger, not a cap. Only a regular file rotates.
+//
+// Failure: a line that can't be written is lost, and nobody is told. Where a rotation can't rename
+// the file, the file is emptied; where it can't open it anew, lines go to the standard error stream
+// and each further limit's worth of text tries again. The rotation tells both there.
+//
+// Threads: any, at any time, with any lock held. A line is written whole. Nothing is called back.
+// The stream of an open file stays the same, and valid, through all rotations up to logClose, so
+// that a thread may write to it while others log.
+
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+
+#include "lib/base/status.h"
+
+[[gnu::format(printf, 1, 2)]] void logPrint(const char* format, ...);
+
+// A line with the module's name and the calling thread's number in it.
+[[gnu::format(printf, 2, 0)]] void logPrintModule(const char* module,
+                                                  const char* format,
+                                                  va_list arguments);
+
+// Opens the file for appending, beginning with the header; without a path the log stays where it
+// is. The file rotates at limitBytes (0: never) over `rotations` numbered files (0: it starts over,
+// in place). Path and header may be null and are copied; the header is printed as it stands, no
+// format. Without memory for its copy the log does without.
+//
+// kStatusInitFailed where the file can't be opened or its path not be resolved: a line on the
+// standard error stream tells which, and the log is closed.
+[[nodiscard]] pelmoStatus logOpen(const char* path,
+                                  uint32_t limitBytes,
+                                  int32_t rotations,
+                                  const char* header);
+
+// Back to the standard error stream, no limit, no header. Closes only the file that logOpen opened:
+// a stream from logSetStream belongs to whoever set it.
+void logClose();
+
+// Not copied: must outlive the log. "PM" until then.
+void logSetProgramName(const char* name);
+
+// Sends lines to the stream, which the caller keeps open until it sets another, or null for the
+// standard error stream. A file of logOpen stays open behind it, and doesn't rotate.
+void logSetStream(FILE* stream);
+
+// Where lines go; null where there was none yet. For callers that print by themselves.
+[[nodiscard]] FILE* logStreamGet();
+
+// Rotates the file if it is full. For those who wrote to the stream by themselves.
+void logCheckRotation();
+
+// The UTC stamp with fractions in place of the local one.
+void logSetUtcStamp(bool utc);

@@ -1,0 +1,30 @@
+// Texts that fit: what is too long is cut, and the last byte is always the terminator.
+//
+// Failure: none, but for concat2 and concat3, which give null where there is no memory.
+
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+
+// Returns the length of what was written: sizeBytes - 1 where the text was cut. Size 0: nothing is
+// written, 0.
+[[gnu::format(printf, 3, 4)]] size_t boundedFormat(char* buffer,
+                                                   size_t sizeBytes,
+                                                   const char* format,
+                                                   ...);
+[[gnu::format(printf, 3, 0)]] size_t boundedFormatList(char* buffer,
+                                                       size_t sizeBytes,
+                                                       const char* format,
+                                                       va_list arguments);
+
+// Size 0: nothing happens.
+void boundedCopy(char* destination, const char* source, size_t sizeBytes);
+
+// sizeBytes is that of the whole destination. Where its text already fills it, terminated or not,
+// nothing happens.
+void boundedAppend(char* destination, const char* source, size_t sizeBytes);
+
+// The parts one behind the other, in a new block that the caller frees.
+[[nodiscard]] char* concat2(const char* a, const char* b);
+[[nodiscard]] char* concat3(const char* a, const char* b, const char* c);
