@@ -1,0 +1,33 @@
+#include "lib/containers/pool_seam.h"
+
+PoolMakerOps poolMakerOps = {};
+
+namespace {
+
+constexpr uint32_t kItemsPerBlock = 100;
+constexpr size_t kMostRequests = 8;
+
+}  // namespace
+
+bool poolsMake(const PoolRequest* requests, size_t count) {
+    if (poolMakerOps.create == nullptr || count > kMostRequests) return false;
+
+    ItemPool* made[kMostRequests] = {};
+    for (size_t i = 0; i < count; ++i) {
+        if (requests[i].out == nullptr) continue;
+        made[i] = poolMakerOps.create(requests[i].itemBytes, kItemsPerBlock);
+        if (made[i] != nullptr) continue;
+        while (i-- > 0) {
+            poolUnmake(made[i]);
+        }
+        return false;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        if (requests[i].out != nullptr) *requests[i].out = made[i];
+    }
+    return true;
+}
+
+void poolUnmake(ItemPool* pool) {
+    if (pool != nullptr) poolMakerOps.destroy(pool);
+}

@@ -1,0 +1,70 @@
+// Where containers meet memory pools. A container that is given pools takes its small parts from
+// them, and from the heap what it has no pool for. Pools themselves live a floor above; here stands
+// only what a container must know of one.
+//
+// Ownership: a container borrows its pools, which outlive it. What was taken from a pool is given
+// back to that pool.
+//
+// Failure: a take gives nothing when memory runs out.
+//
+// Threads: a pool is as safe as its maker says; containers themselves lock nothing.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+struct PoolOps {
+    void* (*take)(void* pool);
+    void (*give)(void* pool, void* item);
+};
+
+// A pool as containers see it: items of one size.
+struct ItemPool {
+    const PoolOps* ops;
+    void* pool;             // what `ops` is called with
+    uint32_t payloadBytes;  // what an item holds for its user
+};
+
+// Makes pools for the containers that bring pools of their own. Empty until the pools' floor fills
+// it, once, before other threads run; without it nothing can be made.
+struct PoolMakerOps {
+    ItemPool* (*create)(uint32_t itemBytes, uint32_t itemsPerBlock);
+    void (*destroy)(ItemPool* pool);
+};
+
+extern PoolMakerOps poolMakerOps;
+
+// An item is this much larger than its payload: the pool keeps a word of its own there.
+constexpr uint32_t kPoolOwnerBytes = 8;
+
+struct PoolRequest {
+    ItemPool** out;  // null: not wanted
+    uint32_t itemBytes;
+};
+
+// Makes all the pools that are wanted, of 100 items a block, or none: then no output is written.
+[[nodiscard]] bool poolsMake(const PoolRequest* requests, size_t count);
+
+// Destroys a pool of poolsMake. Nothing happens for none.
+void poolUnmake(ItemPool* pool);
+
+[[nodiscard]] inline bool poolServes(const ItemPool* pool, size_t sizeBytes) {
+    return pool != nullptr && sizeBytes <= pool->payloadBytes;
+}
+
+// From the pool where there is one whose items are large enough, else from the heap. The bytes are
+// not zeroed.
+[[nodiscard]] inline void* itemTake(const ItemPool* pool, size_t sizeBytes) {
+    return poolServes(pool, sizeBytes) ? pool->ops->take(pool->pool) : std::malloc(sizeBytes);
+}
+
+// With the same pool and size as at the take: they tell where the item came from.
+inline void itemGive(const ItemPool* pool, void* item, size_t sizeBytes) {
+    if (poolServes(pool, sizeBytes)) {
+        if (item != nullptr) pool->ops->give(pool->pool, item);
+    } else {
+        std::free(item);
+    }
+}
