@@ -1,0 +1,172 @@
+// The statistics of the tool: one tree of records, built as traffic is seen. The first packet that
+// names a port, a destination address, a host or a subject makes its record; packet handlers count
+// in place; the snapshot copies out what moved and zeroes it.
+//
+//     ports:  dstPort -> PortEntry
+//               nets:     dstIp -> NetEntry
+//                           hosts:    (srcIp, srcPort) -> HostEntry
+//                           subjects: packed subject -> SubjectEntry
+//                                       hosts: (srcIp, srcPort) -> HostSubjEntry
+//               rlHosts:  (address, UDP port) -> RlHostEntry
+//               ptpHosts: (address, UDP port) -> PtpHostEntry
+//     services: (host, SCid) -> ServiceEntry, beside the tree
+//
+// Ownership: the tree owns its records and lives until the process ends. Only subjects are ever
+// removed: by the first snapshot, under a live port, that finds them silent.
+//
+// Failure: each find-or-create gives null when memory runs out, after logging which record or
+// dictionary it was for; nothing half-made stays. The caller gives the packet up, and the next
+// packet tries again.
+//
+// Liveness: `live` is set by a handler on every record of its path, ahead of the checks of the
+// packet's own header, and cleared by the snapshot. Only live records are reported.
+//
+// Threads: all of it under `statsLock`, except `services`: that belongs to the thread that prints.
+//
+// Byte order: addresses and ports are words in network order, in records and in keys alike.
+// Counters are packets unless their name says bytes.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "lib/base/lock.h"
+#include "lib/base/status.h"
+#include "lib/containers/dict.h"
+#include "lib/containers/subject_map.h"
+
+struct PortEntry {
+    uint32_t live;
+    Dict32* nets;
+    Dict64* rlHosts;
+    Dict64* ptpHosts;
+};
+
+struct NetEntry {
+    uint32_t live;
+    Dict64* hosts;
+    SubjectMap* subjects;
+
+    // Host status messages held for the next snapshot, one behind the other, each on a 4-byte
+    // boundary and in its wire form, whose first word is its length.
+    uint8_t* statusBuf;
+    uint32_t statusCapacity;  // bytes
+    uint32_t statusUsed;      // bytes
+    uint32_t statusCount;     // messages
+};
+
+// One sender of multicast packets under a net.
+struct HostEntry {
+    uint32_t live;
+
+    // What is known of the sender; outlives snapshots.
+    uint32_t epoch;      // last epoch word, host order
+    uint32_t lastSeq;    // highest sequence number of this epoch
+    double reliability;  // of the last null packet that told it
+
+    // Counters of the interval.
+    uint64_t bad;
+    uint64_t gaps;  // sequence numbers missed
+    uint64_t data, bytes;
+    uint64_t nulls;
+    uint64_t rdata, rbytes;  // repeated data: at or below lastSeq
+};
+
+// One host's part in retransmission control under a port: what it sent and what was sent to it.
+struct RlHostEntry {
+    uint32_t live;
+    uint64_t badSent, badRecv;
+    uint64_t rreqSent, rreqRecv;
+    uint64_t rseqSent, rseqRecv;  // sequence numbers asked for
+    uint64_t rrejSent, rrejRecv;
+};
+
+// The same for point-to-point traffic.
+struct PtpHostEntry {
+    uint32_t live;
+    uint64_t badSent, badRecv;
+    uint64_t dataSent, dataRecv;
+    uint64_t bytesSent, bytesRecv;
+    uint64_t nakSent, nakRecv;
+    uint64_t ackmeSent, ackmeRecv;
+    uint64_t ackSent, ackRecv;
+};
+
+// A subject under a net; its packed form stands right behind the record.
+struct SubjectEntry {
+    SubjectMapEntry place;  // the map's
+    uint32_t live;
+    Dict64* hosts;
+};
+
+struct HostSubjEntry {
+    uint32_t live;
+    uint64_t msgs, bytes;
+};
+
+struct ServiceEntry {
+    uint32_t host;
+    uint16_t scid;
+    uint16_t servicePort;  // 0 until set
+};
+
+// Guards the statistics and, while capture runs, the capture file.
+extern Lock statsLock;
+
+struct Statistics {
+    Dict32* ports;
+    Dict64* services;
+    uint32_t totalPackets;  // that reached classification since the last snapshot
+    uint32_t oskaPackets;   // that carried the magic
+};
+
+extern Statistics statistics;
+
+// Keys of the 64-bit dictionaries: the address in the high half.
+[[nodiscard]] inline uint64_t hostKey(uint32_t address, uint16_t port) {
+    return uint64_t{address} << 32 | port;
+}
+
+[[nodiscard]] inline uint32_t hostKeyAddress(uint64_t key) {
+    return static_cast<uint32_t>(key >> 32);
+}
+
+[[nodiscard]] inline uint16_t hostKeyPort(uint64_t key) {
+    return static_cast<uint16_t>(key);
+}
+
+// Once, ahead of everything else here. kStatusNoMemory if anything can't be had. Applies
+// "-no-display" to the display switches.
+[[nodiscard]] pelmoStatus statsInit();
+
+// Frees the tree, for programs that build more than one: tests, fuzzing.
+void statsDestroy();
+
+[[nodiscard]] PortEntry* portEntry(uint16_t dstPort);
+[[nodiscard]] NetEntry* netEntry(PortEntry& port, uint32_t dstIp);
+[[nodiscard]] HostEntry* hostEntry(NetEntry& net, uint32_t srcIp, uint16_t srcPort);
+[[nodiscard]] RlHostEntry* rlHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
+[[nodiscard]] PtpHostEntry* ptpHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
+
+// `subject` is packed, well formed and has at least one element; it is copied.
+[[nodiscard]] SubjectEntry* subjectEntry(NetEntry& net, const uint8_t* subject);
+[[nodiscard]] HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t srcPort);
+
+// Takes the subject out of its net and frees it with all that is counted under it. The subject at
+// the net's last place moves to the place that falls free.
+void subjectRemove(NetEntry& net, SubjectEntry& subject);
+
+// The subject at a place of the net, 0 to the count of its map - 1.
+[[nodiscard]] inline SubjectEntry& subjectAt(const NetEntry& net, uint32_t place) {
+    return *reinterpret_cast<SubjectEntry*>(subjectMapAt(net.subjects, place));
+}
+
+[[nodiscard]] inline const uint8_t* packedSubject(const SubjectEntry& subject) {
+    return reinterpret_cast<const uint8_t*>(&subject + 1);
+}
+
+[[nodiscard]] ServiceEntry* serviceEntry(uint32_t host, uint16_t scid);
+
+// 0 where host and SCid were never reported.
+[[nodiscard]] uint16_t servicePort(uint32_t host, uint16_t scid);

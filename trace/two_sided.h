@@ -1,0 +1,66 @@
+// Packets between two hosts: six types of two families that differ in a word, a header, a check and
+// the counters that they move. Each packet is counted twice, in the record of its source and in
+// that of its destination; these may be the same record.
+//
+// Threads: under `statsLock`.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "trace/inspection.h"
+#include "trace/oska.h"
+#include "trace/statistics.h"
+
+template <typename Entry>
+struct TwoSidedType {
+    int16_t type;
+    const char* word;        // what messages call the packet
+    const char* headerWord;  // and its header
+    size_t headerBytes;
+    void (*checkDst)(Inspection& inspection);
+    uint64_t Entry::*sent;
+    uint64_t Entry::*recv;
+
+    // What else the packet carries: requests or bytes. None for most.
+    uint32_t (*checkAmount)(Inspection& inspection);
+    uint64_t Entry::*amountSent;
+    uint64_t Entry::*amountRecv;
+};
+
+// `find` finds or creates a record of the family under the packet's port.
+template <typename Entry>
+void twoSidedHandle(const TwoSidedType<Entry>& type,
+                    const OskaPacket& packet,
+                    Entry* (*find)(PortEntry& port, uint32_t address, uint16_t udpPort)) {
+    PortEntry* port = portEntry(packet.dstPort);
+    if (port == nullptr) return;
+    Entry* source = find(*port, packet.srcIp, packet.srcPort);
+    if (source == nullptr) return;
+    Entry* destination = find(*port, packet.dstIp, packet.dstPort);
+    if (destination == nullptr) return;
+
+    // Ahead of every check: even a packet that proves too short brings its hosts into the report.
+    port->live = source->live = destination->live = 1;
+
+    Inspection inspection{packet, type.word, packet.bad};
+    if (!headerInHand(inspection, type.headerWord, type.headerBytes)) {
+        if (packet.complete) ++source->badSent;
+        return;
+    }
+    checkSrc(inspection);
+    type.checkDst(inspection);
+
+    ++(source->*type.sent);
+    ++(destination->*type.recv);
+    if (type.checkAmount != nullptr) {
+        const uint32_t amount = type.checkAmount(inspection);
+        source->*type.amountSent += amount;
+        destination->*type.amountRecv += amount;
+    }
+    if (inspection.bad) {
+        ++source->badSent;
+        ++destination->badRecv;
+    }
+}
