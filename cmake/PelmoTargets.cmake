@@ -4,10 +4,25 @@ add_library(pelmo_options INTERFACE)
 target_compile_options(pelmo_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${PELMO_WERROR}>:-Werror>)
 
+# The compiler only reads: nothing is made, and what would put it together is left out.
+option(PELMO_SYNTAX_ONLY "check the sources without building anything" OFF)
+if(PELMO_SYNTAX_ONLY)
+    target_compile_options(pelmo_options INTERFACE -fsyntax-only)
+    set(CMAKE_CXX_ARCHIVE_CREATE "${CMAKE_COMMAND} -E true")
+    set(CMAKE_CXX_ARCHIVE_FINISH "${CMAKE_COMMAND} -E true")
+    set(CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_COMMAND} -E true")
+endif()
+
 # pelmo_library(NAME [libraries it stands on ...]): the sources of this folder, as a static library.
 function(pelmo_library name)
     file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
     list(FILTER sources EXCLUDE REGEX "/main\\.cc$")
+    if(NOT sources)
+        # A folder that has only headers so far: what stands above it can link it all the same.
+        add_library(${name} INTERFACE)
+        target_link_libraries(${name} INTERFACE ${ARGN})
+        return()
+    endif()
     add_library(${name} STATIC ${sources})
     target_link_libraries(${name} PUBLIC ${ARGN} PRIVATE pelmo_options)
 endfunction()

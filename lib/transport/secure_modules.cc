@@ -1,0 +1,189 @@
+#include "lib/transport/secure_modules.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "lib/base/status.h"
+#include "lib/transport/secure_names.h"
+
+// The forwarders have no prototypes, since they touch neither registers nor stack but what a jump
+// between two calls may use: nothing on x86-64, x16 on arm64.
+#if defined(__x86_64__)
+#define SECURE_JUMP "jmp *secureSlot_\\name(%rip)\n"
+#elif defined(__aarch64__)
+#define SECURE_JUMP                             \
+    "adrp x16, secureSlot_\\name\n"             \
+    "ldr x16, [x16, :lo12:secureSlot_\\name]\n" \
+    "br x16\n"
+#else
+#error "no forwarders for this processor"
+#endif
+
+asm(".macro secureForwarder name\n"
+    ".pushsection .text\n"
+    ".globl \\name\n"
+    ".hidden \\name\n"
+    ".type \\name, %function\n"
+    ".balign 16\n"
+    "\\name:\n"  //
+    SECURE_JUMP
+    ".size \\name, . - \\name\n"
+    ".popsection\n"
+    ".endm\n");
+
+#define SECURE_FORWARDER(name) asm("secureForwarder " #name);
+#define SECURE_SLOT(name) \
+    [[gnu::visibility("hidden")]] SecureEntry secureSlot_##name = unboundEntry;
+
+#define SECURE_ROW(name) {&secureSlot_##name, #name},
+
+extern "C" {
+SECURE_CRYPTO_BOOT_NAMES(SECURE_SLOT)
+SECURE_CRYPTO_NAMES(SECURE_SLOT)
+SECURE_SSL_NAMES(SECURE_SLOT)
+
+// The two that are called here.
+[[gnu::visibility("hidden")]] unsigned long OpenSSL_version_num();
+[[gnu::visibility("hidden")]] const char* OpenSSL_version(int what);
+}
+
+SECURE_CRYPTO_BOOT_NAMES(SECURE_FORWARDER)
+SECURE_CRYPTO_NAMES(SECURE_FORWARDER)
+SECURE_SSL_NAMES(SECURE_FORWARDER)
+
+const ModuleBinding cryptoBootTable[] = {SECURE_CRYPTO_BOOT_NAMES(SECURE_ROW){nullptr, nullptr}};
+const ModuleBinding cryptoTable[] = {SECURE_CRYPTO_NAMES(SECURE_ROW){nullptr, nullptr}};
+const ModuleBinding sslTable[] = {SECURE_SSL_NAMES(SECURE_ROW){nullptr, nullptr}};
+
+namespace {
+
+constexpr const char* kCryptoFile = "libcrypto.so.1.1";
+constexpr const char* kSslFile = "libssl.so.1.1";
+
+// The version's patch letter and state lie in the low 12 bits: any 1.1.1 will do.
+constexpr unsigned long kVersionMask = ~0xffful;
+constexpr unsigned long kVersionWanted = 0x10101000;
+constexpr int kVersionText = 0;  // what OpenSSL_version is asked for
+
+struct SecureModules {
+    std::string bindingText;  // what went on, shown only on failure
+    const char* sslVersionText = nullptr;
+};
+
+SecureModules secure;
+
+const char* versionTextNow() {
+    const char* text = OpenSSL_version(kVersionText);
+    return text != nullptr ? text : "Unknown";
+}
+
+std::string programFile(const char* const* argv) {
+    char name[PATH_MAX];
+    const ssize_t sizeBytes = readlink("/proc/self/exe", name, sizeof name);
+    if (sizeBytes > 0) return std::string(name, static_cast<size_t>(sizeBytes));
+    return argv != nullptr && argv[0] != nullptr ? argv[0] : "";
+}
+
+std::string programFolder(const char* const* argv) {
+    const std::string file = programFile(argv);
+    const size_t separator = file.rfind('/');
+    if (separator == std::string::npos) return ".";
+    return separator == 0 ? "/" : file.substr(0, separator);
+}
+
+void prepareEnvironment(const char* const* argv) {
+    if (getenv("PELMO_REXEC") != nullptr) return;
+    const std::string folder = programFolder(argv);
+    setenv("PM_BIN", folder.c_str(), 1);
+    char canonical[PATH_MAX];
+    if (realpath((folder + "/../lib").c_str(), canonical) != nullptr) {
+        setenv("PM_LIB", canonical, 1);
+    }
+}
+
+pelmoStatus bindTable(void* module, const ModuleBinding* table) {
+    for (const ModuleBinding* row = table; row->slot != nullptr; ++row) {
+        void* entry = dlsym(module, row->name);
+        if (entry == nullptr) {
+            std::fprintf(stderr, "failed to bind %s\n", row->name);
+            return kStatusNotFound;
+        }
+        *row->slot = reinterpret_cast<SecureEntry>(entry);
+    }
+    return kStatusSuccess;
+}
+
+// Local and by full name: nothing of the libraries gets among the program's own symbols, and no
+// other directory is searched. libssl finds its libcrypto because that one is loaded already.
+pelmoStatus loadModule(const std::string& folder, const char* file, void** module) {
+    const std::string fullName = folder + "/" + file;
+    if (access(fullName.c_str(), F_OK) != 0) return kStatusFileNotFound;
+    *module = dlopen(fullName.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (*module == nullptr) return kStatusIoFailed;
+    secure.bindingText.append("Opened library ").append(file).append("\n");
+    return kStatusSuccess;
+}
+
+pelmoStatus checkVersion() {
+    if ((OpenSSL_version_num() & kVersionMask) != kVersionWanted) return kStatusIoFailed;
+    secure.sslVersionText = versionTextNow();
+    return kStatusSuccess;
+}
+
+[[noreturn]] void giveUp() {
+    secure.bindingText.append("Error loading shared libraries; exiting\n");
+    std::fprintf(stderr, "%s", secure.bindingText.c_str());
+    std::exit(1);
+}
+
+void* mustLoad(const std::string& folder, const char* file) {
+    void* module = nullptr;
+    if (loadModule(folder, file, &module) == kStatusSuccess) return module;
+    secure.bindingText.append("Failed loading library ").append(file);
+    secure.bindingText.append("\nTried paths: ").append(folder).append("\n");
+    giveUp();
+}
+
+void mustBind(void* module, const char* file, const ModuleBinding* table) {
+    if (bindTable(module, table) == kStatusSuccess) return;
+    secure.bindingText.append("Failed binding entry points in library ").append(file).append("\n");
+    giveUp();
+}
+
+}  // namespace
+
+void secureBindAll(const char* const* argv) {
+    prepareEnvironment(argv);
+    const char* path = getenv("PM_BIN");
+    if (path == nullptr) {
+        secure.bindingText.append("Failed to set module path\n");
+        giveUp();
+    }
+
+    const std::string folder = path;
+    void* crypto = mustLoad(folder, kCryptoFile);
+    mustBind(crypto, kCryptoFile, cryptoBootTable);
+    void* ssl = mustLoad(folder, kSslFile);
+    if (checkVersion() != kStatusSuccess) {
+        secure.bindingText.append("Wrong SSL version\n");
+        giveUp();
+    }
+    mustBind(crypto, kCryptoFile, cryptoTable);
+    mustBind(ssl, kSslFile, sslTable);
+    secure.bindingText = std::string();
+}
+
+void unboundEntry() {
+    std::fprintf(stderr, "Unrecoverable error: an unbound module entry point was invoked.");
+    std::exit(2);
+}
+
+const char* secureVersionText() {
+    return secure.sslVersionText != nullptr ? secure.sslVersionText : versionTextNow();
+}

@@ -1,0 +1,281 @@
+#include "lib/transport/secure_modules.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "lib/transport/secure_names.h"
+#include "tests/support/scratch_folder.h"
+
+#define TEST_FORWARDER(name) const char* name();
+extern "C" {
+SECURE_CRYPTO_BOOT_NAMES(TEST_FORWARDER)
+SECURE_CRYPTO_NAMES(TEST_FORWARDER)
+SECURE_SSL_NAMES(TEST_FORWARDER)
+}
+
+// Binding ends processes and can't be undone: everything that binds runs in a child, by
+// EXPECT_EXIT.
+namespace {
+
+namespace fs = std::filesystem;
+using testing::Eq;
+using testing::ExitedWithCode;
+
+const std::string kFakes = TEST_MODULES;
+const std::string kGivenUp = "Error loading shared libraries; exiting\n";
+const std::string kOpenedCrypto = "Opened library libcrypto.so.1.1\n";
+const std::string kOpenedBoth = kOpenedCrypto + "Opened library libssl.so.1.1\n";
+
+// Lays a fake module into the folder: by its variant, "" for none, "text" for one that is no
+// module.
+void lay(const Folder& folder, const std::string& file, const std::string& variant) {
+    if (variant.empty()) return;
+    if (variant == "text") return writeFile(folder.path(file), "no module");
+    fs::create_symlink(kFakes + "/" + variant + "/" + file, folder.path(file));
+}
+
+void layBoth(const Folder& folder, const std::string& crypto, const std::string& ssl) {
+    lay(folder, "libcrypto.so.1.1", crypto);
+    lay(folder, "libssl.so.1.1", ssl);
+}
+
+// In a child: binds what lies in the folder.
+void bindFrom(const Folder& folder, const char* version = "1010117f") {
+    setenv("PELMO_REXEC", "", 1);
+    setenv("PM_BIN", folder.root.c_str(), 1);
+    setenv("FAKE_VERSION_NUMBER", version, 1);
+    secureBindAll(nullptr);
+}
+
+TEST(SecureModules, TellsHowFarItCameWhenItFails) {
+    const struct {
+        std::string crypto, ssl;
+        std::string words;
+    } cases[] = {
+        {"", "ssl", "Failed loading library libcrypto.so.1.1\nTried paths: @\n"},
+        {"text", "ssl", "Failed loading library libcrypto.so.1.1\nTried paths: @\n"},
+        {"crypto", "", kOpenedCrypto + "Failed loading library libssl.so.1.1\nTried paths: @\n"},
+        {"crypto", "text",
+         kOpenedCrypto + "Failed loading library libssl.so.1.1\nTried paths: @\n"},
+        {"crypto_without_boot_name", "",
+         "failed to bind ERR_get_error\n" + kOpenedCrypto +
+             "Failed binding entry points in library libcrypto.so.1.1\n"},
+        {"crypto_without_first_name", "ssl_without_name",
+         "failed to bind OPENSSL_init_crypto\n" + kOpenedBoth +
+             "Failed binding entry points in library libcrypto.so.1.1\n"},
+        {"crypto_without_last_name", "ssl_without_name",
+         "failed to bind RSA_free\n" + kOpenedBoth +
+             "Failed binding entry points in library libcrypto.so.1.1\n"},
+        {"crypto", "ssl_without_name",
+         "failed to bind SSL_read\n" + kOpenedBoth +
+             "Failed binding entry points in library libssl.so.1.1\n"},
+    };
+    for (auto [crypto, ssl, words] : cases) {
+        SCOPED_TRACE(crypto + " " + ssl);
+        Folder folder;
+        layBoth(folder, crypto, ssl);
+        if (const size_t at = words.find('@'); at != std::string::npos) {
+            words.replace(at, 1, folder.root);
+        }
+        EXPECT_EXIT(bindFrom(folder), ExitedWithCode(1), Eq(words + kGivenUp));
+    }
+}
+
+TEST(SecureModules, GivesUpWithoutAPath) {
+    const auto bind = [] {
+        setenv("PELMO_REXEC", "1", 1);
+        unsetenv("PM_BIN");
+        secureBindAll(nullptr);
+    };
+    EXPECT_EXIT(bind(), ExitedWithCode(1), Eq("Failed to set module path\n" + kGivenUp));
+}
+
+TEST(SecureModules, TakesAnyLetterOfOneVersion) {
+    const struct {
+        const char* version;
+        bool accepted;
+    } cases[] = {
+        {"1010100f", true},  {"101010bf", true},   {"10101fff", true}, {"101000cf", false},
+        {"1010200f", false}, {"30000000", false},  {"0", false},       {"110101000", false},
+        {"1000212f", false}, {"90101000f", false},
+    };
+    Folder folder;
+    layBoth(folder, "crypto_without_first_name", "ssl");
+    for (const auto& [version, accepted] : cases) {
+        SCOPED_TRACE(version);
+        // An accepted version shows by the step behind it.
+        const std::string words =
+            accepted ? "failed to bind OPENSSL_init_crypto\n" + kOpenedBoth +
+                           "Failed binding entry points in library libcrypto.so.1.1\n"
+                     : kOpenedBoth + "Wrong SSL version\n";
+        EXPECT_EXIT(bindFrom(folder, version), ExitedWithCode(1), Eq(words + kGivenUp));
+    }
+}
+
+struct Forwarder {
+    const char* name;
+    const char* (*call)();
+};
+
+#define TEST_ROW(name) {#name, name},
+const Forwarder kForwarders[] = {
+    SECURE_CRYPTO_NAMES(TEST_ROW) SECURE_SSL_NAMES(TEST_ROW){"ERR_get_error", ERR_get_error},
+    {"ERR_error_string", ERR_error_string},
+};
+
+TEST(SecureModules, EachForwarderLeadsToItsFunction) {
+    Folder folder;
+    layBoth(folder, "crypto", "ssl");
+    const auto callAll = [&folder] {
+        setenv("FAKE_VERSION_TEXT", "OpenSSL 1.1.1w", 1);
+        bindFrom(folder);
+        for (const Forwarder& forwarder : kForwarders) {
+            if (std::strcmp(forwarder.call(), forwarder.name) == 0) continue;
+            std::fprintf(stderr, "%s leads to %s\n", forwarder.name, forwarder.call());
+        }
+        std::exit(std::strcmp(secureVersionText(), "OpenSSL 1.1.1w") == 0 ? 0 : 3);
+    };
+    EXPECT_EXIT(callAll(), ExitedWithCode(0), Eq(""));
+}
+
+TEST(SecureModules, CallsAVersionWithoutTextUnknown) {
+    Folder folder;
+    layBoth(folder, "crypto", "ssl");
+    const auto bind = [&folder] {
+        unsetenv("FAKE_VERSION_TEXT");
+        bindFrom(folder);
+        std::fputs(secureVersionText(), stderr);
+        std::exit(0);
+    };
+    EXPECT_EXIT(bind(), ExitedWithCode(0), Eq("Unknown"));
+}
+
+TEST(SecureModules, ACallAheadOfTheBindingEndsTheProcess) {
+    const std::string words = "Unrecoverable error: an unbound module entry point was invoked.";
+    for (const Forwarder& forwarder : {kForwarders[0], {"SSL_read", SSL_read}}) {
+        EXPECT_EXIT(forwarder.call(), ExitedWithCode(2), Eq(words)) << forwarder.name;
+    }
+    EXPECT_EXIT((void)secureVersionText(), ExitedWithCode(2), Eq(words));
+
+    size_t rows = 0;
+    for (const ModuleBinding* table : {cryptoBootTable, cryptoTable, sslTable}) {
+        for (const ModuleBinding* row = table; row->slot != nullptr; ++row, ++rows) {
+            EXPECT_EQ(*row->slot, &unboundEntry) << row->name;
+        }
+    }
+    EXPECT_EQ(rows, 4u + 189u + 62u);
+}
+
+// A forwarder that the dynamic linker could see would catch the calls within OpenSSL itself, and
+// the library's own functions are for nobody but the slots.
+TEST(SecureModules, NothingOfTheBindingIsSeenByOthers) {
+    Folder folder;
+    layBoth(folder, "crypto", "ssl");
+    const auto look = [&folder] {
+        bindFrom(folder);
+        for (const Forwarder& forwarder : kForwarders) {
+            if (dlsym(RTLD_DEFAULT, forwarder.name) == nullptr) continue;
+            std::fprintf(stderr, "%s is seen\n", forwarder.name);
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(look(), ExitedWithCode(0), Eq(""));
+}
+
+// Runs the program with the environment's words ahead of it; gives what it printed and its status.
+std::string run(const std::string& environment, const std::string& program) {
+    const std::string command =
+        "env -u PM_BIN -u PM_LIB -u PELMO_REXEC FAKE_VERSION_NUMBER=1010117f " + environment + " " +
+        program + " 2>&1; echo status $?";
+    FILE* pipe = popen(command.c_str(), "r");
+    std::string text;
+    std::array<char, 512> part{};
+    while (std::fgets(part.data(), part.size(), pipe) != nullptr) {
+        text += part.data();
+    }
+    pclose(pipe);
+    return text;
+}
+
+TEST(SecureModules, SearchesTheProgramsOwnFolderUnlessTheEnvironmentIsPrepared) {
+    Folder folder;
+    fs::create_directories(folder.path("bin"));
+    fs::create_directories(folder.path("other"));
+    const std::string program = folder.path("bin/bind");
+    fs::copy_file(kFakes + "/bind_beside", program);
+    for (const char* place : {"bin/", "other/"}) {
+        fs::create_symlink(kFakes + "/crypto/libcrypto.so.1.1",
+                           folder.path(std::string(place) + "libcrypto.so.1.1"));
+        fs::create_symlink(kFakes + "/ssl/libssl.so.1.1",
+                           folder.path(std::string(place) + "libssl.so.1.1"));
+    }
+    const std::string bin = "PM_BIN=" + folder.path("bin") + "\n";
+    const std::string other = "PM_BIN=" + folder.path("other") + "\n";
+
+    // No "lib" beside it: the environment's own value stays.
+    EXPECT_EQ(run("", program), bin + "PM_LIB=(none)\nstatus 0\n");
+    EXPECT_EQ(run("PM_BIN=/nowhere PM_LIB=/kept", program), bin + "PM_LIB=/kept\nstatus 0\n");
+
+    fs::create_directories(folder.path("elsewhere"));
+    fs::create_directory_symlink(folder.path("elsewhere"), folder.path("lib"));
+    const std::string lib = "PM_LIB=" + folder.path("elsewhere") + "\n";
+    EXPECT_EQ(run("PM_LIB=/replaced", program), bin + lib + "status 0\n");
+    EXPECT_EQ(run("", "sh -c 'cd " + folder.path("bin") + " && ./bind'"), bin + lib + "status 0\n");
+
+    EXPECT_EQ(run("PELMO_REXEC=1 PM_BIN=" + folder.path("other"), program),
+              other + "PM_LIB=(none)\nstatus 0\n");
+    EXPECT_EQ(run("PELMO_REXEC= PM_BIN=/nowhere", program),
+              "Failed loading library libcrypto.so.1.1\nTried paths: /nowhere\n" + kGivenUp +
+                  "status 1\n");
+}
+
+// The forwarder with the type that OpenSSL gives the function.
+template <typename Call>
+Call typed(const char* (*forwarder)()) {
+    return reinterpret_cast<Call>(reinterpret_cast<void*>(forwarder));
+}
+
+using HmacCall = unsigned char* (*)(const void* digest,
+                                    const void* key,
+                                    int keyBytes,
+                                    const char* data,
+                                    size_t dataBytes,
+                                    unsigned char* result,
+                                    unsigned* resultBytes);
+using ContextCall = void* (*)(const void*);
+
+// In a child. The data is the second case of RFC 4231.
+void useOpenSsl() {
+    unsetenv("PELMO_REXEC");
+    secureBindAll(nullptr);
+
+    const char* data = "what do ya want for nothing?";
+    const unsigned char expected[] = {0x5b, 0xdc, 0xc1, 0x46, 0xbf, 0x60, 0x75, 0x4e};
+    unsigned char result[64];
+    unsigned resultBytes = 0;
+    const auto hmac = typed<HmacCall>(HMAC);
+    hmac(EVP_sha256(), "Jefe", 4, data, std::strlen(data), result, &resultBytes);
+    if (resultBytes != 32 || std::memcmp(result, expected, sizeof expected) != 0) std::exit(3);
+
+    void* context = typed<ContextCall>(SSL_CTX_new)(TLS_method());
+    if (context == nullptr) std::exit(4);
+    typed<ContextCall>(SSL_CTX_free)(context);
+    std::exit(std::strncmp(secureVersionText(), "OpenSSL 1.1.1", 13) == 0 ? 0 : 5);
+}
+
+// With OpenSSL itself, where the set-up has laid it beside this program: arguments in registers and
+// on the stack get through, and libssl finds the libcrypto that was loaded for it.
+TEST(SecureModules, BindsOpenSsl) {
+    const fs::path beside = fs::read_symlink("/proc/self/exe").parent_path();
+    if (!fs::exists(beside / "libssl.so.1.1")) GTEST_SKIP() << "no OpenSSL 1.1.1 beside it";
+    EXPECT_EXIT(useOpenSsl(), ExitedWithCode(0), Eq(""));
+}
+
+}  // namespace
