@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Sets up what is missing, builds the tool and lets it read a small capture of a bus.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/setup.sh
+cmake --preset release >/dev/null
+cmake --build --preset release --target pelmoscope -- --quiet
+
+exec build/release/bin/pelmoscope -r samples/bus.pcap -addrinfo -ptp -u 5

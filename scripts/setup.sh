@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Brings a fresh Debian 12 to where the tree builds and runs: the packages that are missing, and the
+# two modules beside the built program. Run again, it finds all in place and asks apt nothing.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+have_command() { command -v "$1" >/dev/null 2>&1; }
+have_header() { [ -f "/usr/include/$1" ]; }
+have_fuzzer() { compgen -G '/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a' >/dev/null; }
+
+missing=()
+need() {
+    local package=$1
+    shift
+    "$@" || missing+=("$package")
+}
+
+need g++ have_command g++
+need cmake have_command cmake
+need ninja-build have_command ninja
+need git have_command git
+need python3 have_command python3
+need libpcap-dev have_header pcap.h
+need zlib1g-dev have_header zlib.h
+need libgtest-dev have_header gtest/gtest.h
+need libbenchmark-dev have_header benchmark/benchmark.h
+need clang-14 have_command clang++-14
+need clang-format-14 have_command clang-format-14
+need libclang-rt-14-dev have_fuzzer
+need debian-archive-keyring test -f /usr/share/keyrings/debian-archive-keyring.gpg
+
+if [ ${#missing[@]} -gt 0 ]; then
+    as_root=()
+    if [ "$(id -u)" != 0 ]; then
+        have_command sudo || { echo "missing: ${missing[*]}; only root can install them" >&2 && exit 1; }
+        as_root=(sudo)
+    fi
+    echo "installing ${missing[*]}"
+    "${as_root[@]}" apt-get -qq update
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get -qq install -y --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+scripts/lay_modules.sh build/release/bin

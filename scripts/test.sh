@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# test.sh [--long]: sets up what is missing, builds, and runs every test: under the sanitizers, the
+# fuzz targets for a few seconds each (with --long for a minute each), the checks of lock
+# annotations, and at last the release build, whose count ends the output.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+fuzz_seconds=3
+case "${1:-}" in
+    --long) fuzz_seconds=60 ;;
+    "") ;;
+    *) echo "usage: test.sh [--long]" >&2 && exit 2 ;;
+esac
+
+jobs=$(nproc)
+export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=0:detect_stack_use_after_return=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
+
+step() { echo "== $*"; }
+
+# build PRESET [TARGET ...]
+build() {
+    local preset=$1
+    shift
+    step "build $preset"
+    cmake --preset "$preset" >/dev/null
+    cmake --build "build/$preset" -j "$jobs" ${1:+--target "$@"} -- --quiet
+    [ "$preset" = tsa ] || scripts/lay_modules.sh "build/$preset/bin"
+}
+
+fuzz() {
+    local target name corpus
+    for target in build/fuzz/bin/*_fuzz; do
+        [ -x "$target" ] || continue
+        name=$(basename "$target")
+        step "$name, $fuzz_seconds seconds"
+        corpus=build/fuzz/corpus/$name
+        mkdir -p "$corpus"
+        seeds=tests/fuzz/corpus/${name%_fuzz}
+        "$target" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=4096 -verbosity=0 \
+            -print_final_stats=0 -artifact_prefix=build/fuzz/ "$corpus" $([ ! -d "$seeds" ] || echo "$seeds")
+    done
+}
+
+scripts/setup.sh
+
+build tsa
+
+build fuzz
+fuzz
+
+# Where threads meet.
+build tsan base_tests
+step "tsan"
+build/tsan/bin/base_tests --gtest_brief=1
+
+build asan
+step "asan"
+ctest --preset asan -j "$jobs" --quiet --output-log build/asan/ctest.log ||
+    { grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' build/asan/ctest.log >&2; exit 1; }
+
+build release
+step "release"
+ctest --preset release -j "$jobs"

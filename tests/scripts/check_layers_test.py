@@ -1,0 +1,68 @@
+#!/usr/bin/env python3
+"""scripts/check_layers on small trees: what must be found, and what must pass."""
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+CHECK = os.path.join(os.path.dirname(__file__), "..", "..", "scripts", "check_layers")
+
+GOOD = {
+    "lib/base/a.h": "",
+    "lib/base/b.h": '#include "lib/base/a.h"\n#include <vector>\n',
+    "lib/transport/t.cc": '#include "lib/base/b.h"\n#include "lib/base/a.h"\n',
+    "trace/main.cc": '#include "lib/transport/t.h"\n',
+    "lib/transport/t.h": "",
+    "tests/base/a_test.cc": '#include "trace/x.h"\n#include "tests/support/s.h"\n',
+    "tests/support/s.h": "",
+    "trace/x.h": "",
+}
+
+FAULTS = {
+    "up to the next floor": (
+        {"lib/base/b.h": '\n# include "lib/containers/c.h"\n', "lib/containers/c.h": ""},
+        "lib/base/b.h:2: includes lib/containers/c.h, a floor above its own"),
+    "up to the tool": (
+        {"lib/transport/t.h": '#include "trace/x.h"\n'},
+        "lib/transport/t.h:1: includes trace/x.h, a floor above its own"),
+    "into the tests": (
+        {"trace/x.h": '#include "tests/support/s.h"\n'},
+        "trace/x.h:1: includes tests/support/s.h, which is on no floor"),
+    "not from the root": (
+        {"lib/base/b.h": '#include "a.h"\n'},
+        'lib/base/b.h:1: includes "a.h", which is no file from the root'),
+    "itself": (
+        {"lib/base/a.h": '#include "lib/base/a.h"\n'},
+        "lib/base/a.h:1: a circle: lib/base/a.h -> lib/base/a.h"),
+    "a circle of three": (
+        {"lib/base/a.h": '#include "lib/base/c.h"\n', "lib/base/c.h": '#include "lib/base/b.h"\n'},
+        "lib/base/a.h:1: a circle: lib/base/a.h -> lib/base/c.h -> lib/base/b.h -> lib/base/a.h"),
+    "a floor of its own": (
+        {"lib/cellar/a.h": ""},
+        "lib/cellar/a.h:1: lies on a floor that nobody knows"),
+}
+
+
+def check(files):
+    with tempfile.TemporaryDirectory() as root:
+        for path, text in files.items():
+            os.makedirs(os.path.dirname(os.path.join(root, path)), exist_ok=True)
+            with open(os.path.join(root, path), "w", encoding="utf-8") as f:
+                f.write(text)
+        run = subprocess.run([sys.executable, CHECK, root], capture_output=True, text=True)
+        return run.returncode, run.stdout
+
+
+class CheckLayers(unittest.TestCase):
+    def test_passes_a_good_tree(self):
+        self.assertEqual(check(GOOD), (0, ""))
+
+    def test_finds_each_fault(self):
+        for name, (change, fault) in FAULTS.items():
+            with self.subTest(name):
+                self.assertEqual(check({**GOOD, **change}), (1, fault + "\n"))
+
+
+if __name__ == "__main__":
+    unittest.main()
