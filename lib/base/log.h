@@ -19,8 +19,9 @@
 // and each further limit's worth of text tries again. The rotation tells both there.
 //
 // Threads: any, at any time, with any lock held. A line is written whole. Nothing is called back.
-// The stream of an open file stays the same, and valid, through all rotations up to logClose, so
-// that a thread may write to it while others log.
+// The stream of a file stays the same, and valid, through all rotations to the end of the process,
+// so that a thread may write to it while others log; after logClose that leads to nowhere. Nobody
+// calls in here with the stream's own lock (flockfile) held.
 
 #pragma once
 

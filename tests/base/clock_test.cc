@@ -1,0 +1,92 @@
+#include "lib/base/clock.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <ctime>
+
+#include "lib/base/timestamp.h"
+#include "tests/support/fixed_clock.h"
+
+namespace {
+
+// An hour ahead of UTC, two in summer.
+struct Zone {
+    Zone() { set("CET-1CEST,M3.5.0,M10.5.0/3"); }
+    ~Zone() { set("UTC"); }
+
+    static void set(const char* zone) {
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+};
+
+TEST(Clock, CutsToMillisecondsAnd32Bits) {
+    const struct {
+        int64_t seconds, nanoseconds;
+        TimeSpec expected;
+    } cases[] = {
+        {0, 999'999, {0, 0}},
+        {1, 1'000'000, {1, 1'000'000}},
+        {INT32_MAX, 999'999'999, {INT32_MAX, 999'000'000}},
+        {int64_t{INT32_MAX} + 1, 0, {INT32_MIN, 0}},
+    };
+    for (const auto& c : cases) {
+        const FixedClock clock(c.seconds, c.nanoseconds);
+        TimeSpec now;
+        clockNow(&now);
+        EXPECT_EQ(now, c.expected);
+        double seconds;
+        clockSeconds(&seconds);
+        EXPECT_DOUBLE_EQ(seconds, c.expected.seconds + c.expected.nanoseconds / 1e9);
+    }
+}
+
+TEST(Clock, TellsTheSystemsTimeWithoutASource) {
+    { const FixedClock clock(5); }
+    TimeSpec now;
+    const time_t before = time(nullptr);
+    clockNow(&now);
+    EXPECT_NEAR(now.seconds, static_cast<double>(before), 2);
+    EXPECT_EQ(now.nanoseconds % 1'000'000, 0u);
+}
+
+TEST(Clock, SplitsLocalTime) {
+    const Zone zone;
+    const struct {
+        int64_t time;
+        CalendarTime expected;
+    } cases[] = {
+        {1709247599, {2024, 2, 29, 23, 59, 59}},
+        {1709247600, {2024, 3, 1, 0, 0, 0}},
+        {1711846799, {2024, 3, 31, 1, 59, 59}},
+        {1711846800, {2024, 3, 31, 3, 0, 0}},  // summer begins
+        {4294967296, {2106, 2, 7, 7, 28, 16}},
+        {-3600, {1970, 1, 1, 0, 0, 0}},
+        {INT64_MAX, {}},  // a year that no calendar holds
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.time);
+        CalendarTime calendar{1, 1, 1, 1, 1, 1};
+        calendarFrom(c.time, &calendar);
+        EXPECT_EQ(calendar, c.expected);
+    }
+}
+
+TEST(Clock, TextIsCutToItsBuffer) {
+    const Zone zone;
+    const FixedClock clock(1704067199 + 9, 999'000'000);
+    char text[20];
+    timeText(text, sizeof text);
+    EXPECT_STREQ(text, "2024-01-01 01:00:08");
+    timeText(text, 11);
+    EXPECT_STREQ(text, "2024-01-01");
+
+    char local[kTimeStampBytes], utc[kTimeStampBytes];
+    EXPECT_EQ(timeStampTexts(local, utc), 0u);
+    EXPECT_STREQ(local, "2024-01-01 01:00:08");
+    EXPECT_STREQ(utc, "2024-01-01 00:00:08.999000000Z");
+    EXPECT_EQ(timeStampTexts(nullptr, nullptr), 0u);
+}
+
+}  // namespace
