@@ -1,0 +1,51 @@
+#include "tools/pelmogen/generate.h"
+
+#include <algorithm>
+
+#include "tools/pelmogen/damage.h"
+#include "tools/pelmogen/packet.h"
+#include "tools/pelmogen/prng.h"
+#include "tools/pelmogen/traffic.h"
+
+namespace {
+
+// Faults draw from numbers of their own: the traffic below them stays the same.
+struct Faults {
+    const GeneratorOptions& options;
+    Prng prng;
+};
+
+void makePacket(PacketMaker& maker, Faults& faults, const PacketPlan& plan) {
+    packetFill(maker, plan);
+    const Damage* damage = nullptr;
+    if (prngChance(faults.prng, faults.options.damaged.perMillion)) {
+        damage = damagePayload(faults.options.damage, maker.draft, faults.prng);
+    }
+    packetSeal(maker);
+    if (damage != nullptr && damage->toFrame != nullptr) {
+        damage->toFrame(maker.draft, faults.prng);
+    }
+}
+
+size_t bytesInHand(Faults& faults, size_t frameBytes) {
+    if (!prngChance(faults.prng, faults.options.cut.perMillion)) return frameBytes;
+    const Range to = faults.options.cutTo;
+    return std::min<size_t>(prngBetween(faults.prng, to.low, to.high), frameBytes - 1);
+}
+
+}  // namespace
+
+bool generate(const GeneratorOptions& options, const PacketSink& sink) {
+    Traffic traffic = trafficMake(options);
+    PacketMaker maker = packetMakerMake(options);
+    Faults faults{options, prngMake(hash64(options.seed, 2))};
+    for (uint64_t packet = 0; packet < options.count; ++packet) {
+        makePacket(maker, faults, trafficNext(traffic));
+        const size_t frameBytes = maker.draft.frameBytes;
+        const auto frame = maker.draft.frame.first(bytesInHand(faults, frameBytes));
+        if (!sink.write(sink.context, frame, frameBytes, packetTime(options, packet).count)) {
+            return false;
+        }
+    }
+    return sink.finish(sink.context);
+}

@@ -1,0 +1,9 @@
+// The run: plan, fill, damage, seal, cut and hand on, packet by packet.
+
+#pragma once
+
+#include "tools/pelmogen/options.h"
+#include "tools/pelmogen/sink.h"
+
+// False with `errno` set where the sink failed.
+[[nodiscard]] bool generate(const GeneratorOptions& options, const PacketSink& sink);

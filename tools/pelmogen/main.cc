@@ -1,0 +1,46 @@
+// pelmogen: writes captures of bus traffic for tests, samples and measurements.
+//
+// Exit status: 0 the capture is complete, 1 it couldn't be written, 2 wrong command line.
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "tools/pelmogen/generate.h"
+#include "tools/pelmogen/options.h"
+#include "tools/pelmogen/pcap_file.h"
+
+namespace {
+
+int writeCapture(const GeneratorOptions& options) {
+    PcapFile file;
+    errno = 0;
+    const bool done = pcapFileOpen(file, options) && generate(options, pcapFileSink(file));
+    const int error = errno;
+    pcapFileClose(file);
+    if (done) return 0;
+    std::fprintf(stderr, "pelmogen: %s: %s\n", options.outFile, std::strerror(error));
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    GeneratorOptions options;
+    std::string error;
+    switch (optionsParse(argc, argv, options, error)) {
+        case ParseResult::kHelp:
+            std::fputs(optionsHelp().c_str(), stdout);
+            return 0;
+        case ParseResult::kWrong:
+            std::fprintf(stderr, "pelmogen: %s; --help lists the options\n", error.c_str());
+            return 2;
+        case ParseResult::kRun:
+            return writeCapture(options);
+    }
+} catch (const std::bad_alloc&) {
+    std::fputs("pelmogen: out of memory\n", stderr);
+    return 1;
+}

@@ -1,0 +1,99 @@
+// What to generate. The command line is a table of rows in the source; "--help" prints that table.
+//
+// A capture depends on these options alone: the same ones give the same bytes on every machine.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// A part of a whole, from 0 to 1.
+struct Share {
+    uint32_t perMillion = 0;
+};
+
+// From `low` to `high`, both included.
+struct Range {
+    uint32_t low, high;
+};
+
+struct Nanoseconds {
+    int64_t count = 0;
+};
+
+// Ahead of packet number `packet`, counted from 0, the clock moves by `by`.
+struct ClockJump {
+    uint64_t packet;
+    Nanoseconds by;
+};
+
+// Rows of a table by number: bit n stands for row n.
+struct FieldTypeSet {
+    uint64_t bits = ~uint64_t{0};
+};
+struct DamageSet {
+    uint64_t bits = ~uint64_t{0};
+};
+
+struct GeneratorOptions {
+    // The file.
+    const char* outFile = nullptr;  // "-" is the standard output stream
+    uint64_t count = 1000;          // packets
+    uint64_t seed = 1;
+    bool bigEndian = false;
+    bool nanoseconds = false;
+    uint64_t snapLength = 65535;
+
+    // The clock.
+    uint64_t rate = 1000;                        // packets a second
+    Nanoseconds start{1'700'000'000'000000000};  // since 1970
+    std::vector<ClockJump> jumps;
+
+    // Who sends what to where.
+    uint64_t hosts = 10;
+    uint64_t perAddress = 1;
+    uint64_t nets = 1;
+    uint64_t ports = 1;
+    uint64_t firstPort = 7500;
+    uint64_t subjects = 20;
+    uint64_t publishers = 1;
+    Share scids{1'000'000};
+    bool roundRobin = false;
+
+    // Kinds of packets; what is left of the whole is multicast data.
+    Share nulls, rreqs, rrejs, ptpData, ptpAckmes, ptpAcks, ptpNaks, nonBus;
+
+    // What becomes of the sequence numbers of multicast data.
+    Share repeats, gaps, restarts, fragments;
+
+    // The shape of data.
+    Range payload{300, 300};  // bytes of UDP payload
+    Range messages{1, 1};
+    Range fields{3, 6};
+    FieldTypeSet types;
+    Range elements{3, 5};
+    Range elementLength{3, 8};
+    Share hostStatus, replies, noSubject;
+
+    // Faults.
+    Share damaged, cut;
+    DamageSet damage;
+    Range cutTo{1, 1500};
+};
+
+constexpr uint64_t kMessagesMax = 64;
+constexpr uint64_t kPayloadMax = 32000;
+
+enum class ParseResult { kRun, kHelp, kWrong };
+
+// `error` is set with kWrong. Texts of the options are the arguments themselves.
+[[nodiscard]] ParseResult optionsParse(int argc,
+                                       char* const* argv,
+                                       GeneratorOptions& options,
+                                       std::string& error);
+
+[[nodiscard]] std::string optionsHelp();
+
+// When packet number `packet` is on the wire, in time since 1970.
+[[nodiscard]] Nanoseconds packetTime(const GeneratorOptions& options, uint64_t packet);

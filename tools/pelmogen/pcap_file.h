@@ -1,0 +1,40 @@
+// A capture file in libpcap's format, link type Ethernet:
+//
+//     0      4         8      12     16        20
+//     | magic | version | zone | sigs | snaplen | link |      24 bytes, once
+//     | seconds | fraction | caplen | len |              16 bytes, ahead of each packet
+//
+// The magic tells the byte order of these words and whether fractions are micro- or nanoseconds.
+//
+// Failure: the file grows under the name with ".part" behind it and gets its own name only when it
+// is complete. pcapFileClose takes an incomplete one away. A device or a pipe is written directly.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/pelmogen/options.h"
+#include "tools/pelmogen/sink.h"
+
+struct PcapFile {
+    bool bigEndian;
+    bool nanoseconds;
+    uint32_t snapLength;
+    std::string path;
+    std::string partPath;  // empty where `path` itself is written, or no more
+    int descriptor = -1;
+    std::vector<uint8_t> buffer;
+    size_t used = 0;
+};
+
+// False with `errno` set.
+[[nodiscard]] bool pcapFileOpen(PcapFile& file, const GeneratorOptions& options);
+
+// Whatever happened, and after a failed open too.
+void pcapFileClose(PcapFile& file);
+
+// Borrows the file.
+[[nodiscard]] PacketSink pcapFileSink(PcapFile& file);

@@ -1,0 +1,19 @@
+// Where packets go. The generator knows no more of it than this table: a file today, a socket that
+// sends the payloads, which begin behind the UDP header, could be another.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+struct PacketSink {
+    void* context;
+
+    // `frame` is what is in hand of a packet of `wireBytes`, `timeNs` is nanoseconds since 1970.
+    // False with `errno` set where it can't go on.
+    bool (*write)(void* context, std::span<const uint8_t> frame, size_t wireBytes, int64_t timeNs);
+
+    // After the last packet: all of it is where it belongs, or false with `errno` set.
+    bool (*finish)(void* context);
+};

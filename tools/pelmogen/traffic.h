@@ -1,0 +1,74 @@
+// The bus at work: who sends which kind of packet to whom, under which sequence number. It knows
+// nothing of bytes; packet.h makes them.
+//
+// Subject s goes to net s mod nets and, of the rest, to port mod ports. Its publisher k is host
+// (s + k * hosts / publishers) mod hosts. So whoever knows a subject's number knows who sends it
+// where. Each host counts its packets for each port and net apart: a stream.
+//
+// Host h of the population has address 10.0.0.1 + h / perAddress and a UDP port of its own; the
+// SCid is that port.
+//
+// Repeated packets and those left out aren't remembered: a repeat has the number of before, and
+// other contents.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "tools/pelmogen/options.h"
+#include "tools/pelmogen/prng.h"
+
+enum class PacketKind : uint8_t {
+    kData,
+    kNull,
+    kRreq,
+    kRrej,
+    kPtpData,
+    kPtpAckme,
+    kPtpAck,
+    kPtpNak,
+    kNonBus,
+};
+constexpr size_t kPacketKinds = 9;
+
+// Addresses and ports in host order.
+struct PacketPlan {
+    PacketKind kind;
+    uint32_t host;  // number of the sender
+    uint32_t srcIp, dstIp;
+    uint16_t srcPort, dstPort;
+    uint32_t epoch;
+
+    // Of multicast data and nulls.
+    uint32_t seq;
+
+    // Of multicast data alone.
+    uint16_t fragment;  // 0 whole messages, 1 the start of one, 2 the rest of that one
+    bool hostStatus;    // one message, on the host's status subject
+    uint32_t subjectCount;
+    std::array<uint32_t, kMessagesMax> subjects;
+};
+
+struct Stream {
+    uint32_t epoch;  // 0: nothing sent yet
+    uint32_t seq;
+};
+
+struct Traffic {
+    const GeneratorOptions& options;
+    Prng prng;
+    std::vector<Stream> streams;                   // by port, net and host
+    std::array<uint32_t, kPacketKinds> kindBelow;  // a draw below it means this kind
+    uint64_t subjectStride;  // subjects so far apart share sender and destination
+    uint64_t turn;           // with roundRobin
+    bool runsOn;             // the last message of `last` isn't whole yet
+    PacketPlan last;         // the latest data packet
+};
+
+// `options` are borrowed for as long as the traffic lives.
+[[nodiscard]] Traffic trafficMake(const GeneratorOptions& options);
+
+// What the next packet is.
+[[nodiscard]] PacketPlan trafficNext(Traffic& traffic);
