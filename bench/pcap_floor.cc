@@ -1,0 +1,123 @@
+// The floor that the tool is measured against: libpcap's loop with the same filter on the same
+// file, and a callback that counts.
+//
+//     pcap_floor FILE [--filter EXPRESSION] [--checksum | --checksum-wide]
+//
+// With --checksum the callback also sums each UDP payload once, in the plainest quick way: 16-bit
+// words into a 64-bit sum, a loop without a branch, folded at the end. At -O2 g++ 12 leaves it
+// scalar, one word a turn. --checksum-wide sums 32-bit words, which comes to the same checksum in
+// half the turns.
+//
+// Prints packets, bytes and the sum of the checksums, so that no work can be left out.
+
+#include <pcap.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr size_t kEtherIpBytes = 14 + 20;
+constexpr size_t kUdpBytes = 8;
+
+using Summer = uint16_t (*)(const uint8_t* bytes, size_t sizeBytes);
+
+struct Totals {
+    Summer summer;  // or null
+    uint64_t packets, bytes, sums;
+};
+
+uint16_t fold(uint64_t sum) {
+    while (sum >> 16 != 0) {
+        sum = (sum & 0xffff) + (sum >> 16);
+    }
+    return static_cast<uint16_t>(sum);
+}
+
+template <typename Word>
+uint16_t sumWords(const uint8_t* bytes, size_t sizeBytes) {
+    uint64_t sum = 0;
+    size_t at = 0;
+    for (; at + sizeof(Word) <= sizeBytes; at += sizeof(Word)) {
+        Word word;
+        std::memcpy(&word, bytes + at, sizeof word);
+        sum += word;
+    }
+    Word last = 0;
+    std::memcpy(&last, bytes + at, sizeBytes - at);
+    return fold(sum + last);
+}
+
+// The UDP payload in hand behind an Ethernet and an IP header without options.
+size_t payloadBytes(const uint8_t* frame, size_t caughtBytes) {
+    if (caughtBytes < kEtherIpBytes + kUdpBytes) return 0;
+    const uint8_t* length = frame + kEtherIpBytes + 4;
+    const auto udpBytes = static_cast<size_t>(length[0] << 8 | length[1]);
+    const size_t inHand = caughtBytes - kEtherIpBytes - kUdpBytes;
+    if (udpBytes < kUdpBytes) return 0;
+    return udpBytes - kUdpBytes < inHand ? udpBytes - kUdpBytes : inHand;
+}
+
+void count(u_char* user, const pcap_pkthdr* header, const u_char* frame) {
+    Totals& totals = *reinterpret_cast<Totals*>(user);
+    ++totals.packets;
+    totals.bytes += header->caplen;
+    if (totals.summer == nullptr) return;
+    const uint8_t* payload = frame + kEtherIpBytes + kUdpBytes;
+    totals.sums += totals.summer(payload, payloadBytes(frame, header->caplen));
+}
+
+int fail(const char* what, const char* why) {
+    std::fprintf(stderr, "pcap_floor: %s: %s\n", what, why);
+    return 1;
+}
+
+int loop(const char* file, const char* filter, Totals& totals) {
+    char error[PCAP_ERRBUF_SIZE];
+    pcap_t* capture = pcap_open_offline(file, error);
+    if (capture == nullptr) return fail(file, error);
+    bpf_program program;
+    if (pcap_compile(capture, &program, filter, 0, 0) != 0 ||
+        pcap_setfilter(capture, &program) != 0) {
+        return fail(filter, pcap_geterr(capture));
+    }
+    if (pcap_loop(capture, 0, count, reinterpret_cast<u_char*>(&totals)) < 0) {
+        return fail(file, pcap_geterr(capture));
+    }
+    pcap_freecode(&program);
+    pcap_close(capture);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const char* file = nullptr;
+    const char* filter = "udp";
+    Totals totals{};
+    bool wrong = false;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--checksum") == 0) {
+            totals.summer = sumWords<uint16_t>;
+        } else if (std::strcmp(argv[i], "--checksum-wide") == 0) {
+            totals.summer = sumWords<uint32_t>;
+        } else if (std::strcmp(argv[i], "--filter") == 0 && i + 1 < argc) {
+            filter = argv[++i];
+        } else {
+            wrong = wrong || file != nullptr;
+            file = argv[i];
+        }
+    }
+    if (file == nullptr || wrong) {
+        std::fputs("usage: pcap_floor FILE [--filter EXPRESSION] [--checksum | --checksum-wide]\n",
+                   stderr);
+        return 2;
+    }
+    const int status = loop(file, filter, totals);
+    std::printf("%llu packets, %llu bytes, sum %llu\n",
+                static_cast<unsigned long long>(totals.packets),
+                static_cast<unsigned long long>(totals.bytes),
+                static_cast<unsigned long long>(totals.sums));
+    return status;
+}
