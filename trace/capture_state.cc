@@ -1,0 +1,3 @@
+#include "trace/capture_state.h"
+
+CaptureState captureState;

@@ -1,0 +1,12 @@
+// Reading a saved capture. The clock is the packets' own: a snapshot falls due when a packet is
+// strictly later than the time for the next one. That packet counts in the snapshot after.
+//
+// At most one snapshot falls due per packet. Behind a gap longer than the interval, each of the
+// next packets brings one more, until the time for the next snapshot has caught up.
+//
+// Threads: the main thread, which is capture thread and report writer in one.
+
+#pragma once
+
+// Runs the source to its end or to a read error, and prints the last, partial interval.
+void runOffline();

@@ -1,0 +1,197 @@
+#include "trace/run.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "lib/base/clock.h"
+#include "lib/base/lock.h"
+#include "lib/base/log.h"
+#include "lib/base/path.h"
+#include "lib/transport/secure_modules.h"
+#include "trace/capture_rotation.h"
+#include "trace/capture_session.h"
+#include "trace/capture_state.h"
+#include "trace/command_line.h"
+#include "trace/live_run.h"
+#include "trace/offline_run.h"
+#include "trace/rotation_settings.h"
+#include "trace/runtime_ops.h"
+#include "trace/settings.h"
+#include "trace/snapshot.h"
+#include "trace/statistics.h"
+
+namespace {
+
+constexpr const char* kProgramName = "pelmoscope";
+constexpr char kBanner[] = "\nPelmo trace program\n\nVersion 8.5.2 V1 11/12/20 06:42:40\n";
+constexpr double kRotationCheckSeconds = 1.0;
+
+// A standard stream that the caller closed would lend its number to the next file opened, and log
+// lines and reports would land in a capture.
+void holdStandardStreams() {
+    int descriptor;
+    do {
+        descriptor = open("/dev/null", O_RDWR);
+    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor >= 0) close(descriptor);
+}
+
+pelmoStatus openLog() {
+    const int failed = logOpen(traceSettings.logFile, traceSettings.logLimitBytes,
+                               traceSettings.logMaxRotations, kBanner);
+    return failed == 0 ? kStatusSuccess : kStatusInitFailed;
+}
+
+pelmoStatus openSource() {
+    captureState.captureHandle = traceSettings.liveCapture ? openLive(traceSettings.interfaceName)
+                                                           : openOffline(traceSettings.readFile);
+    return captureState.captureHandle != nullptr ? kStatusSuccess : kStatusNotInitialized;
+}
+
+// Ahead of the capture file: a run that can't go on shall not have emptied one.
+pelmoStatus requireRuntime() {
+    if (runtimeAttached()) return kStatusSuccess;
+    logPrint("live capture is not part of this build; read a saved capture with -r.");
+    return kStatusNotInitialized;
+}
+
+// The path is made absolute because a live run leaves its directory and a rotation comes later.
+pelmoStatus openCaptureFile() {
+    const char* const path = traceSettings.writeFile;
+    if (path == nullptr) return kStatusSuccess;
+
+    captureState.dumpHandle = openDump(captureState.captureHandle, path);
+    if (captureState.dumpHandle == nullptr) {
+        logPrint("failed to open save file '%s'", path);
+        return kStatusNotInitialized;
+    }
+    captureState.savingFrames = true;
+
+    const std::unique_ptr<char, decltype(&std::free)> resolved(absolutePath(path), std::free);
+    if (!resolved) {
+        logPrint("failed to resolve save file '%s'.", path);
+        return kStatusNotInitialized;
+    }
+    traceSettings.resolvedWriteFile = resolved.get();
+    traceSettings.writeFile = traceSettings.resolvedWriteFile.c_str();
+    const uint64_t sizeBytes = fileSize64(resolved.get());
+    captureState.captureBytes = sizeBytes != kFileSizeUnknown64 ? sizeBytes : 0;
+    return kStatusSuccess;
+}
+
+// A refused filter has told its fault; the run goes on with all traffic.
+pelmoStatus filterSource() {
+    (void)installFilter(captureState.captureHandle, traceSettings.filterText);
+    return kStatusSuccess;
+}
+
+pelmoStatus markStart() {
+    TimeSpec now;
+    clockNow(&now);
+    snapshotSetStart({now.seconds, now.nanoseconds});
+    return kStatusSuccess;
+}
+
+pelmoStatus openLibrary() {
+    return runtimeAttached() ? runtimeOps.open() : kStatusSuccess;
+}
+
+pelmoStatus startRotationTimer() {
+    if (!runtimeAttached() || traceSettings.captureLimitBytes == 0) return kStatusSuccess;
+    captureRotationStart();
+    return runtimeOps.createTimer(kRotationCheckSeconds, onRotationTimer);
+}
+
+pelmoStatus startSnapshotTimer() {
+    return runtimeOps.createTimer(traceSettings.updateInterval, onSnapshotTimer);
+}
+
+pelmoStatus startCaptureThread() {
+    return runtimeOps.startCaptureThread(runLiveCapture);
+}
+
+struct StartStep {
+    bool liveOnly;
+    pelmoStatus (*run)();
+};
+
+constexpr bool kLiveOnly = true;
+constexpr bool kEitherMode = false;
+
+// The order is what operators see in the log, and each step stands on those ahead of it.
+constexpr StartStep kStartSteps[] = {
+    {kEitherMode, validateLogRotation},
+    {kEitherMode, validateCaptureRotation},
+    {kEitherMode, statsInit},
+    {kEitherMode, openLog},
+    {kEitherMode, openSource},
+    {kLiveOnly, requireRuntime},
+    {kEitherMode, openCaptureFile},
+    {kEitherMode, filterSource},
+    {kLiveOnly, markStart},
+    {kEitherMode, openLibrary},
+    {kEitherMode, startRotationTimer},
+    {kLiveOnly, startSnapshotTimer},
+    {kLiveOnly, startCaptureThread},
+};
+
+void leaveDirectory() {
+    if (chdir("/") != 0) return;  // no matter: all paths are absolute by now
+}
+
+void runLive() {
+    if (!traceSettings.foreground) leaveDirectory();
+    runtimeOps.waitForStop();
+}
+
+// The capture thread isn't joined, and a frame in flight may still want to be saved.
+void closeCaptureFile() {
+    const LockGuard guard(statsLock);
+    if (captureState.dumpHandle == nullptr) return;
+    closeDump(captureState.dumpHandle);
+    captureState.dumpHandle = nullptr;
+}
+
+}  // namespace
+
+pelmoStatus startTrace() {
+    for (const StartStep& step : kStartSteps) {
+        if (step.liveOnly && !traceSettings.liveCapture) continue;
+        const pelmoStatus status = step.run();
+        if (status != kStatusSuccess) return status;
+    }
+    return kStatusSuccess;
+}
+
+void stopTrace() {
+    logPrint("Shutting down ...");
+    captureState.shuttingDown.store(true, std::memory_order_relaxed);
+    if (traceSettings.liveCapture) runtimeOps.releaseCaptureThread();
+    closeCaptureFile();
+    logClose();
+    if (runtimeAttached()) runtimeOps.close();
+}
+
+int traceMain(int argc, char** argv) {
+    holdStandardStreams();
+    secureBindAll(argv);
+    logSetProgramName(kProgramName);
+    parseArguments(argc, argv);
+    logPrint(kBanner);
+
+    const pelmoStatus status = startTrace();
+    if (status != kStatusSuccess) {
+        logPrint("startup aborted: %s.", pelmoStatus_GetText(status));
+        return 1;
+    }
+    if (traceSettings.liveCapture) {
+        runLive();
+    } else {
+        runOffline();
+    }
+    stopTrace();
+    return 0;
+}

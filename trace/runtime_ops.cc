@@ -1,0 +1,3 @@
+#include "trace/runtime_ops.h"
+
+RuntimeOps runtimeOps;
