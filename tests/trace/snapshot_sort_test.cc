@@ -1,0 +1,250 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+
+#include "tests/support/fail_alloc.h"
+#include "tests/support/snapshot_builder.h"
+#include "trace/snapshot.h"
+
+namespace {
+
+using Elements = std::vector<std::string>;
+
+constexpr size_t kSubjectBytesMax = 255;
+
+// What counts of a subject: each element up to its first NUL. Vectors of texts then compare as
+// subjects do.
+Elements seen(const Elements& elements) {
+    Elements cut;
+    for (const std::string& element : elements)
+        cut.emplace_back(element.c_str());
+    return cut;
+}
+
+// Sorts the subjects, each with the place that it had as the SCid of its host. Returns the places
+// in their new order.
+std::vector<size_t> sortSubjects(const std::vector<Elements>& subjects) {
+    BuiltNet net{.net = 1};
+    for (size_t i = 0; i < subjects.size(); ++i) {
+        net.subjects.push_back({packSubject(subjects[i]), {{static_cast<uint32_t>(i), 0, 1, 1}}});
+    }
+    BuiltSnapshot built{.from = {}, .to = {}, .ports = {{.port = 1, .nets = {net}}}};
+    snapshotSort(built.link());
+
+    std::vector<size_t> places;
+    for (const SnapSubject& subject : built.subjects.front()) {
+        const size_t place = subject.hosts->host;
+        EXPECT_EQ(subject.subject, built.ports[0].nets[0].subjects[place].packed.data());
+        places.push_back(place);
+    }
+    return places;
+}
+
+void expectSorted(const std::vector<Elements>& subjects) {
+    const std::vector<size_t> places = sortSubjects(subjects);
+    std::vector<size_t> all = places;
+    std::sort(all.begin(), all.end());
+    for (size_t i = 0; i < subjects.size(); ++i)
+        ASSERT_EQ(all.at(i), i);
+    for (size_t i = 1; i < places.size(); ++i) {
+        ASSERT_LE(seen(subjects[places[i - 1]]), seen(subjects[places[i]])) << "at " << i;
+    }
+}
+
+struct Random {
+    std::mt19937 engine{20240229};
+
+    size_t below(size_t limit) { return engine() % limit; }
+
+    // Of few characters, NUL among them, so that most subjects share long beginnings.
+    std::string element(size_t lengthMax) {
+        constexpr char kCharacters[] = {'\0', '\1', 'A', 'B', 'B', 'B', '\xff'};
+        std::string text;
+        for (size_t left = below(lengthMax + 1); left > 0; --left) {
+            text += kCharacters[below(sizeof kCharacters)];
+        }
+        return text;
+    }
+
+    Elements subject(size_t lengthMax, const Elements& prefix) {
+        Elements elements = prefix;
+        size_t bytes = packSubject(prefix).size();
+        for (size_t left = below(12); left > 0; --left) {
+            const std::string next = element(lengthMax);
+            bytes += next.size() + 2;
+            if (bytes > kSubjectBytesMax) break;
+            elements.push_back(next);
+        }
+        return elements;
+    }
+};
+
+TEST(SnapshotSort, OrdersSubjectsElementByElement) {
+    const std::string longest(250, 'x');
+    const std::vector<Elements> inOrder = {
+        {},
+        {""},
+        {"", ""},
+        Elements(126, ""),
+        {"", "", "A"},
+        {"", "\1"},
+        {"\1"},
+        {"*"},
+        {"A"},
+        {"A", ""},
+        {"A", "", "B"},
+        {"A", "B"},
+        {"A", "B", "C"},
+        {"A", "C"},
+        {"A", "\xff"},
+        {"A-", "B"},
+        {"A-B"},
+        {"AB"},
+        {"ABCDEFG", "HI"},
+        {"ABCDEFGH"},
+        {"ABCDEFGH", ""},
+        {"ABCDEFGH", "I"},
+        {"ABCDEFGHI"},
+        {longest.substr(1)},
+        {longest},
+        {"\x7f"},
+        {"\xff"},
+    };
+    ASSERT_GT(inOrder.size(), 16u);
+
+    std::vector<Elements> shuffled = inOrder;
+    Random random;
+    for (int round = 0; round < 20; ++round) {
+        std::shuffle(shuffled.begin(), shuffled.end(), random.engine);
+        const std::vector<size_t> places = sortSubjects(shuffled);
+        for (size_t i = 0; i < places.size(); ++i)
+            ASSERT_EQ(shuffled[places[i]], inOrder[i]) << i;
+    }
+}
+
+TEST(SnapshotSort, OrdersAnySubjectsWithMemoryAndWithout) {
+    const Elements prefixes[] = {{},
+                                 {"FEED", "PRICES", "EQUITY"},
+                                 Elements(100, ""),
+                                 {std::string(120, 'p'), std::string(90, 'q')}};
+    Random random;
+    for (int round = 0; round < 200; ++round) {
+        const Elements& prefix = prefixes[random.below(4)];
+        const size_t lengthMax = random.below(20);
+        std::vector<Elements> subjects(random.below(300));
+        for (Elements& subject : subjects)
+            subject = random.subject(lengthMax, prefix);
+
+        expectSorted(subjects);
+        std::sort(subjects.begin(), subjects.end());
+        expectSorted(subjects);
+    }
+}
+
+TEST(SnapshotSort, GoesWithoutMemory) {
+    Random random;
+    BuiltSnapshot built{.from = {}, .to = {}, .ports = {{.port = 1, .nets = {{.net = 1}}}}};
+    BuiltNet& net = built.ports[0].nets[0];
+    std::map<const uint8_t*, Elements> elementsOf;
+    for (int i = 0; i < 500; ++i) {
+        const Elements elements = random.subject(6, {"FEED"});
+        net.subjects.push_back({packSubject(elements)});
+        elementsOf[net.subjects.back().packed.data()] = seen(elements);
+        net.hosts.emplace_back().host = static_cast<uint32_t>(random.engine());
+    }
+
+    const size_t failing = eachAllocationFails([&] {
+        SnapHeader* snapshot = built.link();
+        snapshotSort(snapshot);
+        const SnapNet& sorted = snapshot->ports[0].nets[0];
+        for (uint32_t i = 1; i < sorted.subjectCount; ++i) {
+            ASSERT_LE(elementsOf.at(sorted.subjects[i - 1].subject),
+                      elementsOf.at(sorted.subjects[i].subject));
+            ASSERT_LE(ntohl(sorted.hosts[i - 1].host), ntohl(sorted.hosts[i].host));
+        }
+        std::shuffle(net.hosts.begin(), net.hosts.end(), random.engine);
+    });
+    EXPECT_EQ(failing, 2u);  // one allocation at most, failing once and for good
+}
+
+// Hosts in order, the SCid deciding between equal addresses, each with its place as its counter.
+template <typename Host>
+std::vector<Host> hostsInOrder(size_t count, uint64_t Host::*counter) {
+    const char* addresses[] = {"0.0.0.0",   "1.0.0.255",       "9.255.0.0",
+                               "127.0.0.1", "128.0.0.1",       "224.0.0.5",
+                               "224.0.1.4", "255.255.255.255", "255.255.255.255"};
+    constexpr size_t kAddresses = sizeof addresses / sizeof addresses[0] - 1;
+    std::vector<Host> hosts(count);
+    const size_t perAddress = count / kAddresses + 1;
+    for (size_t i = 0; i < count; ++i) {
+        hosts[i].host = addressOf(addresses[i / perAddress]);
+        hosts[i].port = htons(static_cast<uint16_t>(i % perAddress * 200));
+        hosts[i].*counter = i;
+    }
+    return hosts;
+}
+
+template <typename Host>
+void expectInOrder(const Host* hosts, size_t count, uint64_t Host::*counter) {
+    for (size_t i = 0; i < count; ++i)
+        ASSERT_EQ(hosts[i].*counter, i);
+}
+
+TEST(SnapshotSort, OrdersAddressesAsUnsignedNumbersAndMovesWholeRecords) {
+    Random random;
+    for (const size_t count : {0, 1, 2, 15, 16, 17, 300}) {
+        auto hosts = hostsInOrder(count, &SnapHost::rbytes);
+        auto rlHosts = hostsInOrder(count, &SnapRlHost::rrejRecv);
+        auto ptpHosts = hostsInOrder(count, &SnapPtpHost::ackRecv);
+        auto subjectHosts = hostsInOrder(count, &SnapSubjectHost::bytes);
+        std::shuffle(hosts.begin(), hosts.end(), random.engine);
+        std::shuffle(rlHosts.begin(), rlHosts.end(), random.engine);
+        std::shuffle(ptpHosts.begin(), ptpHosts.end(), random.engine);
+        std::shuffle(subjectHosts.begin(), subjectHosts.end(), random.engine);
+        const BuiltNet net = {
+            .net = 1, .hosts = hosts, .subjects = {{packText("A"), subjectHosts}}};
+        BuiltSnapshot built{
+            .from = {},
+            .to = {},
+            .ports = {{.port = 1, .nets = {net}, .rlHosts = rlHosts, .ptpHosts = ptpHosts}}};
+
+        const SnapHeader* snapshot = built.link();
+        snapshotSort(&built.head);
+        const SnapPort& port = snapshot->ports[0];
+        expectInOrder(port.nets[0].hosts, count, &SnapHost::rbytes);
+        expectInOrder(port.rlHosts, count, &SnapRlHost::rrejRecv);
+        expectInOrder(port.ptpHosts, count, &SnapPtpHost::ackRecv);
+        expectInOrder(port.nets[0].subjects[0].hosts, count, &SnapSubjectHost::bytes);
+    }
+}
+
+TEST(SnapshotSort, OrdersPortsAndNetsWithAllThatIsUnderThem) {
+    BuiltSnapshot built{.from = {}, .to = {}};
+    for (const uint16_t port : std::initializer_list<uint16_t>{256, 80, 65535, 1, 7500}) {
+        BuiltPort& to = built.ports.emplace_back(BuiltPort{.port = port});
+        for (const char* net : {"239.1.1.1", "10.0.0.255", "224.0.0.251"}) {
+            to.nets.push_back({.net = addressOf(net)});
+            SnapHost& host = to.nets.back().hosts.emplace_back();
+            host.host = addressOf(net);
+            host.data = port;
+        }
+    }
+
+    const SnapHeader* snapshot = built.link();
+    snapshotSort(&built.head);
+    const uint16_t inOrder[] = {1, 80, 256, 7500, 65535};
+    const char* nets[] = {"10.0.0.255", "224.0.0.251", "239.1.1.1"};
+    for (size_t i = 0; i < 5; ++i) {
+        ASSERT_EQ(ntohs(snapshot->ports[i].port), inOrder[i]);
+        for (size_t j = 0; j < 3; ++j) {
+            const SnapNet& net = snapshot->ports[i].nets[j];
+            EXPECT_EQ(net.net, addressOf(nets[j]));
+            EXPECT_EQ(net.hosts->host, net.net);
+            EXPECT_EQ(net.hosts->data, inOrder[i]);
+        }
+    }
+}
+
+}  // namespace
