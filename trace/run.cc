@@ -40,9 +40,8 @@ void holdStandardStreams() {
 }
 
 pelmoStatus openLog() {
-    const int failed = logOpen(traceSettings.logFile, traceSettings.logLimitBytes,
-                               traceSettings.logMaxRotations, kBanner);
-    return failed == 0 ? kStatusSuccess : kStatusInitFailed;
+    return logOpen(traceSettings.logFile, traceSettings.logLimitBytes,
+                   traceSettings.logMaxRotations, kBanner);
 }
 
 pelmoStatus openSource() {
