@@ -196,11 +196,10 @@ pelmoStatus insertNew(Dict<Key>* dict, Key key, void* value) {
     return kStatusSuccess;
 }
 
+// Behind an entry's leaving its chain.
 template <typename Key>
-void unlink(Dict<Key>* dict, DictEntry<Key>** link) {
-    DictEntry<Key>* entry = *link;
+void release(Dict<Key>* dict, DictEntry<Key>* entry) {
     if (dict->index.slots != nullptr) probeRemove(dict->index, probeHashKey(entry->key), entry);
-    *link = entry->next;
     --dict->count;
     std::free(entry);
 }
@@ -216,33 +215,24 @@ pelmoStatus remove(Dict<Key>* dict, Key key, void** value) {
     while (*link != entry) {
         link = &(*link)->next;
     }
-    unlink(dict, link);
+    *link = entry->next;
+    release(dict, entry);
     return kStatusSuccess;
 }
 
 template <typename Key>
 bool iterNext(DictIterator<Key>* iterator, Key* key, void** value) {
-    if (!iterator->removed && iterator->current != nullptr) {
-        iterator->link = &iterator->current->next;
-        iterator->current = *iterator->link;
-    }
-    iterator->removed = false;
-    while (iterator->current == nullptr) {
-        if (iterator->index > iterator->dict->headMask) return false;
-        iterator->link = &iterator->dict->heads[iterator->index++];
-        iterator->current = *iterator->link;
-    }
-    if (key != nullptr) *key = iterator->current->key;
-    if (value != nullptr) *value = iterator->current->value;
+    const Dict<Key>* dict = iterator->dict;
+    const DictEntry<Key>* entry = chainNext(iterator->cursor, dict->heads, dict->headMask);
+    if (entry == nullptr) return false;
+    if (key != nullptr) *key = entry->key;
+    if (value != nullptr) *value = entry->value;
     return true;
 }
 
 template <typename Key>
 void iterRemove(DictIterator<Key>* iterator) {
-    if (iterator->removed || iterator->current == nullptr) return;
-    unlink(iterator->dict, iterator->link);
-    iterator->current = *iterator->link;
-    iterator->removed = true;
+    if (DictEntry<Key>* entry = chainTakeOut(iterator->cursor)) release(iterator->dict, entry);
 }
 
 }  // namespace
@@ -287,11 +277,11 @@ pelmoStatus dict64Remove(Dict64* dict, uint64_t key, void** value) {
 }
 
 void dict32IterInit(Dict32* dict, Dict32Iterator* iterator) {
-    *iterator = {.index = 0, .current = nullptr, .link = nullptr, .dict = dict, .removed = false};
+    *iterator = {.cursor = {}, .dict = dict};
 }
 
 void dict64IterInit(Dict64* dict, Dict64Iterator* iterator) {
-    *iterator = {.index = 0, .current = nullptr, .link = nullptr, .dict = dict, .removed = false};
+    *iterator = {.cursor = {}, .dict = dict};
 }
 
 bool dict32IterNext(Dict32Iterator* iterator, uint32_t* key, void** value) {

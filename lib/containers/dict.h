@@ -24,6 +24,7 @@
 #include <cstdint>
 
 #include "lib/base/status.h"
+#include "lib/containers/chain_cursor.h"
 #include "lib/containers/probe_index.h"
 
 template <typename Key>
@@ -48,11 +49,8 @@ struct Dict {
 
 template <typename Key>
 struct DictIterator {
-    uint32_t index;           // next chain to visit
-    DictEntry<Key>* current;  // entry at hand
-    DictEntry<Key>** link;    // what points at `current`
+    ChainCursor<DictEntry<Key>> cursor;
     Dict<Key>* dict;
-    bool removed;  // `current` is already the one behind a removed entry
 };
 
 using Dict32 = Dict<uint32_t>;

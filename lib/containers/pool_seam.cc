@@ -9,11 +9,11 @@ constexpr size_t kMostRequests = 8;
 
 }  // namespace
 
-bool poolsMake(const PoolRequest* requests, size_t count) {
-    if (poolMakerOps.create == nullptr || count > kMostRequests) return false;
+bool poolsMake(std::span<const PoolRequest> requests) {
+    if (poolMakerOps.create == nullptr || requests.size() > kMostRequests) return false;
 
     ItemPool* made[kMostRequests] = {};
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < requests.size(); ++i) {
         if (requests[i].out == nullptr) continue;
         made[i] = poolMakerOps.create(requests[i].itemBytes, kItemsPerBlock);
         if (made[i] != nullptr) continue;
@@ -22,7 +22,7 @@ bool poolsMake(const PoolRequest* requests, size_t count) {
         }
         return false;
     }
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < requests.size(); ++i) {
         if (requests[i].out != nullptr) *requests[i].out = made[i];
     }
     return true;

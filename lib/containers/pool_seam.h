@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <span>
 
 struct PoolOps {
     void* (*take)(void* pool);
@@ -45,7 +46,7 @@ struct PoolRequest {
 };
 
 // Makes all the pools that are wanted, of 100 items a block, or none: then no output is written.
-[[nodiscard]] bool poolsMake(const PoolRequest* requests, size_t count);
+[[nodiscard]] bool poolsMake(std::span<const PoolRequest> requests);
 
 // Destroys a pool of poolsMake. Nothing happens for none.
 void poolUnmake(ItemPool* pool);

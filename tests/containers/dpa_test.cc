@@ -1,0 +1,149 @@
+#include "lib/containers/dpa.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "tests/support/fail_alloc.h"
+#include "tests/support/toy_pool.h"
+
+namespace {
+
+using Array = std::unique_ptr<Dpa, decltype(&dpaDestroy)>;
+using Numbers = std::vector<uintptr_t>;
+
+void* number(uintptr_t value) {
+    return reinterpret_cast<void*>(value);
+}
+
+Array make(const Numbers& numbers, uint32_t capacity = 1) {
+    Array array(dpaCreate(capacity), dpaDestroy);
+    for (const uintptr_t value : numbers) {
+        EXPECT_TRUE(dpaAppend(array.get(), number(value)));
+    }
+    return array;
+}
+
+Numbers numbersIn(const Dpa* array) {
+    Numbers all;
+    for (uint32_t i = 0; i < array->count; ++i) {
+        all.push_back(reinterpret_cast<uintptr_t>(array->items[i]));
+    }
+    return all;
+}
+
+// Orders by tens, so that equal items can be told apart.
+int byTens(const void* key, const void* item) {
+    const auto left = reinterpret_cast<uintptr_t>(key) / 10;
+    const auto right = reinterpret_cast<uintptr_t>(item) / 10;
+    return left < right ? -1 : left > right;
+}
+
+TEST(Dpa, DoublesWhenFullAndGrowsByTheSourceOtherwise) {
+    const Array array = make({}, 0);
+    for (uintptr_t i = 1; i <= 5; ++i) {
+        EXPECT_TRUE(dpaAppend(array.get(), number(i)));
+        EXPECT_EQ(array->capacity, i <= 2 ? i : i <= 4 ? 4 : 8);
+    }
+    EXPECT_FALSE(dpaAppend(array.get(), nullptr));
+
+    EXPECT_FALSE(dpaAppendAll(array.get(), nullptr));
+    EXPECT_TRUE(dpaAppendAll(array.get(), make({6, 7, 8}).get()));
+    EXPECT_EQ(array->capacity, 8u);
+    EXPECT_TRUE(dpaAppendAll(array.get(), make({9, 10, 11}).get()));
+    EXPECT_EQ(array->capacity, 11u);
+    EXPECT_EQ(numbersIn(array.get()), (Numbers{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
+    EXPECT_TRUE(dpaAppendAll(array.get(), array.get()));
+    EXPECT_EQ(array->count, 22u);
+    EXPECT_EQ(array->items[21], number(11));
+}
+
+TEST(Dpa, FindsThePlaceInSortedItems) {
+    const Array array = make({10, 20, 30, 50});
+    const struct {
+        uintptr_t key;
+        int32_t place;
+    } cases[] = {{10, 0}, {50, 3}, {9, ~0}, {11, ~1}, {40, ~3}, {60, ~4}};
+    for (const auto& [key, place] : cases) {
+        EXPECT_EQ(dpaSearch(array.get(), number(key), nullptr), place) << key;
+    }
+    EXPECT_EQ(dpaSearch(array.get(), number(35), byTens), 2);
+    EXPECT_EQ(dpaSearch(array.get(), number(45), byTens), ~3);
+    EXPECT_EQ(dpaSearch(make({}).get(), number(1), nullptr), -1);
+}
+
+TEST(Dpa, InsertsBehindAllThatIsEqual) {
+    const struct {
+        Numbers before;
+        uintptr_t value;
+        Numbers after;
+    } cases[] = {
+        {{}, 10, {10}},
+        {{10, 11, 12}, 13, {10, 11, 12, 13}},
+        {{5, 10, 11, 12, 20}, 19, {5, 10, 11, 12, 19, 20}},
+        {{10, 20}, 5, {5, 10, 20}},
+        {{10, 20}, 35, {10, 20, 35}},
+    };
+    for (const auto& [before, value, after] : cases) {
+        const Array array = make(before);
+        EXPECT_TRUE(dpaInsertSorted(array.get(), number(value), byTens));
+        EXPECT_EQ(numbersIn(array.get()), after);
+    }
+    EXPECT_FALSE(dpaInsertSorted(make({1}).get(), nullptr, nullptr));
+}
+
+TEST(Dpa, RemovesByMovingTheLastOrByClosingTheGap) {
+    const Array array = make({1, 2, 3, 4, 5});
+    EXPECT_EQ(dpaRemoveValue(array.get(), number(9)), ~5);
+    EXPECT_EQ(dpaRemoveValue(array.get(), number(2)), 1);
+    EXPECT_EQ(numbersIn(array.get()), (Numbers{1, 5, 3, 4}));
+    EXPECT_EQ(dpaRemoveValue(array.get(), number(4)), 3);
+    EXPECT_EQ(array->items[3], nullptr);
+
+    EXPECT_FALSE(dpaRemoveAt(array.get(), 3));
+    EXPECT_TRUE(dpaRemoveAt(array.get(), 0));
+    EXPECT_EQ(numbersIn(array.get()), (Numbers{5, 3}));
+
+    const Array sorted = make({10, 20, 30});
+    EXPECT_EQ(dpaRemoveSorted(sorted.get(), number(25), nullptr), ~2);
+    EXPECT_EQ(dpaRemoveSorted(sorted.get(), number(25), byTens), 1);
+    EXPECT_EQ(numbersIn(sorted.get()), (Numbers{10, 30}));
+}
+
+// The one slot goes back to its pool as soon as the array outgrows it.
+TEST(Dpa, LivesInPools) {
+    ToyPool arrays(sizeof(Dpa));
+    ToyPool slots(sizeof(void*));
+    Dpa* array = dpaCreateWithPools(1, &arrays.seam, &slots.seam);
+    EXPECT_TRUE(dpaAppend(array, number(7)));
+    EXPECT_EQ(slots.held(), 1u);
+    EXPECT_TRUE(dpaAppend(array, number(8)));
+    EXPECT_EQ(slots.held(), 0u);
+    EXPECT_EQ(numbersIn(array), (Numbers{7, 8}));
+    EXPECT_EQ(dpaDestroy(array), nullptr);
+
+    dpaDestroy(dpaCreateWithPools(2, &arrays.seam, &slots.seam));
+    dpaDestroy(dpaCreateWithPools(1, &arrays.seam, &slots.seam));
+    EXPECT_EQ(slots.takes, 2u);
+}
+
+TEST(Dpa, StaysAsItWasWhenMemoryFails) {
+    const size_t failed = eachAllocationFails([] {
+        ToyPool slots(sizeof(void*));
+        Array array(dpaCreateWithPools(1, nullptr, &slots.seam), dpaDestroy);
+        if (array == nullptr) return;
+        Numbers expected;
+        for (uintptr_t i = 9; i > 0; --i) {
+            void* items[] = {number(i)};
+            const Dpa source = {1, 1, items, nullptr, nullptr};
+            const bool done =
+                i % 2 == 0 ? dpaAppend(array.get(), number(i)) : dpaAppendAll(array.get(), &source);
+            if (done) expected.push_back(i);
+            EXPECT_EQ(numbersIn(array.get()), expected);
+        }
+    });
+    EXPECT_GT(failed, 6u);
+}
+
+}  // namespace

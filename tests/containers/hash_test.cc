@@ -1,0 +1,182 @@
+#include "lib/containers/hash.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "tests/support/fail_alloc.h"
+#include "tests/support/toy_pool.h"
+
+namespace {
+
+using Table = std::unique_ptr<Hash, decltype(&hashDestroy)>;
+
+void* number(uintptr_t value) {
+    return reinterpret_cast<void*>(value);
+}
+
+Table make(uint32_t buckets) {
+    return Table(hashCreate(buckets), hashDestroy);
+}
+
+uint32_t lengthOf(const std::string& key) {
+    return static_cast<uint32_t>(key.size());
+}
+
+TEST(Hash, ComputesTheSameHashEverywhere) {
+    const struct {
+        std::string key;
+        uint32_t hash;
+    } cases[] = {
+        {"", 0xffffffff},
+        {"A", 0x41},
+        {"AB", 0x4142},
+        {"ABC", 0x9f151},
+        {std::string("\0", 1), 0xffffffff},
+        {std::string("\xff\xff\xff\xff\xff\xff", 6), 0xffffu * 39 * 39 + 0xffffu * 39 + 0xffff},
+        {std::string("\0\x80\xff", 3), 0x80 * 39 + 0xff},
+    };
+    for (const auto& [key, hash] : cases) {
+        EXPECT_EQ(hashKeyHash(key.data(), lengthOf(key)), hash) << testing::PrintToString(key);
+    }
+}
+
+TEST(Hash, AddsReplacesAndRemoves) {
+    const Table table = make(2);
+    EXPECT_FALSE(hashPut(table.get(), "A", 0, 0, true, nullptr));
+    EXPECT_TRUE(hashPut(table.get(), "A", 0, 0, true, number(1)));
+    EXPECT_TRUE(hashPut(table.get(), "A", 2, 0, true, number(2)));  // its NUL counted: another key
+    EXPECT_EQ(table->bucketCount, 2u);
+    EXPECT_TRUE(hashPut(table.get(), "A", 1, 0x41, false, number(3)));
+    EXPECT_EQ(table->bucketCount, 2u);
+    EXPECT_TRUE(hashPut(table.get(), "", 0, 0, true, number(4)));
+    EXPECT_EQ(table->bucketCount, 4u);
+
+    EXPECT_EQ(hashFind(table.get(), "A", 0, 0), number(3));
+    EXPECT_EQ(hashFind(table.get(), "A", 2, 0), number(2));
+    EXPECT_EQ(hashFind(table.get(), "", 0, 0xffffffff), number(4));
+    EXPECT_EQ(hashFind(table.get(), "B", 0, 0), nullptr);
+    EXPECT_TRUE(hashPut(table.get(), "A", 0, 0, false, nullptr));
+    EXPECT_EQ(hashFind(table.get(), "A", 0, 0), nullptr);
+    EXPECT_EQ(table->count, 2u);
+
+    EXPECT_EQ(hashCreate(0), nullptr);
+    EXPECT_EQ(hashCreate((1u << 31) + 1), nullptr);
+    EXPECT_EQ(hashFind(table.get(), "A", 1u << 31, 0), nullptr);
+    EXPECT_FALSE(hashPut(table.get(), "A", 1u << 31, 0, true, number(1)));
+}
+
+// Keys of one bucket and one length, under hashes that the caller made up.
+TEST(Hash, ComparesKeysNotHashes) {
+    const Table table = make(8);
+    for (const uintptr_t i : {1, 2, 3}) {
+        const std::string key = "key" + std::to_string(i);
+        EXPECT_TRUE(hashPut(table.get(), key.data(), 4, 8, true, number(i)));
+    }
+    EXPECT_EQ(hashFind(table.get(), "key2", 4, 8), number(2));
+    EXPECT_EQ(hashFind(table.get(), "key2", 4, 16), number(2));  // same bucket
+    EXPECT_EQ(hashFind(table.get(), "key4", 4, 8), nullptr);
+}
+
+TEST(Hash, BorrowsOrOwnsItsKeys) {
+    const Table table = make(4);
+    const auto keyHeld = [&] {
+        HashIterator iterator;
+        const void* key = nullptr;
+        hashIterInit(table.get(), &iterator);
+        EXPECT_TRUE(hashIterNext(&iterator, &key, nullptr, nullptr));
+        return key;
+    };
+    const std::string first = "key", second = "key", third = "key";
+    EXPECT_TRUE(hashPut(table.get(), first.data(), 3, 0, false, number(1)));
+    EXPECT_EQ(keyHeld(), first.data());
+    EXPECT_TRUE(hashPut(table.get(), second.data(), 3, 0, false, number(2)));
+    EXPECT_EQ(keyHeld(), second.data());
+    EXPECT_TRUE(hashPut(table.get(), third.data(), 3, 0, true, number(3)));
+    const void* owned = keyHeld();
+    EXPECT_NE(owned, third.data());
+    EXPECT_TRUE(hashPut(table.get(), first.data(), 3, 0, false, number(4)));
+    EXPECT_EQ(keyHeld(), owned);
+    EXPECT_EQ(hashFind(table.get(), "key", 0, 0), number(4));
+}
+
+TEST(Hash, HoldsWhatWasPutInWhileItIsSwept) {
+    std::mt19937 random(7);
+    const Table table = make(1);
+    std::map<std::string, void*> model;
+    for (uintptr_t step = 1; step < 20000; ++step) {
+        const std::string key = std::to_string(random() % 300);
+        void* value = random() % 3 == 0 ? nullptr : number(step);
+        const bool present = model.contains(key);
+        ASSERT_EQ(hashPut(table.get(), key.data(), lengthOf(key), 0, true, value),
+                  value != nullptr || present);
+        if (value != nullptr) model[key] = value;
+        if (value == nullptr) model.erase(key);
+        ASSERT_EQ(table->count, model.size());
+        if (step % 1000 != 0) continue;
+
+        std::map<std::string, void*> seen;
+        HashIterator iterator;
+        hashIterInit(table.get(), &iterator);
+        const void* held = nullptr;
+        uint32_t length = 0;
+        while (hashIterNext(&iterator, &held, &length, &value)) {
+            const std::string text(static_cast<const char*>(held), length);
+            ASSERT_TRUE(seen.emplace(text, value).second);
+            ASSERT_EQ(hashFind(table.get(), text.data(), length, 0), value);
+            if (random() % 2 == 0) continue;
+            hashIterRemove(&iterator);
+            model.erase(text);
+            ASSERT_EQ(hashFind(table.get(), text.data(), length, 0), nullptr);
+        }
+        ASSERT_GE(seen.size(), model.size());
+        ASSERT_EQ(table->count, model.size());
+    }
+}
+
+TEST(Hash, TakesItsPartsFromPoolsWhereTheyFit) {
+    ItemPool *tables = nullptr, *entries = nullptr, *keys = nullptr, *buckets = nullptr;
+    EXPECT_FALSE(hashCreatePools(&tables, &entries, 16, &keys, &buckets));
+
+    ToyPoolMaker maker;
+    ASSERT_TRUE(hashCreatePools(&tables, &entries, 16, &keys, &buckets));
+    EXPECT_EQ(maker.sizes, (std::vector<uint32_t>{64, 40, 16, 16}));
+    Hash* table = hashCreateWithPools(1, tables, entries, keys, buckets);
+    EXPECT_TRUE(hashPut(table, "12345678", 0, 0, true, number(1)));
+    EXPECT_EQ(maker.pools[2]->held(), 1u);
+    EXPECT_EQ(maker.pools[3]->held(), 1u);
+    EXPECT_TRUE(hashPut(table, "123456789", 0, 0, true, number(2)));  // too long for an item
+    EXPECT_TRUE(hashPut(table, "1", 0, 0, false, number(3)));
+    EXPECT_EQ(maker.pools[2]->held(), 1u);
+    EXPECT_EQ(maker.pools[3]->held(), 0u);  // outgrown
+    EXPECT_EQ(maker.pools[1]->held(), 3u);
+    EXPECT_TRUE(hashPut(table, "12345678", 0, 0, true, nullptr));
+    EXPECT_EQ(maker.pools[2]->held(), 0u);
+    hashDestroy(table);
+    for (ItemPool* pool : {tables, entries, keys, buckets}) {
+        poolUnmake(pool);
+    }
+}
+
+TEST(Hash, StaysAsItWasWhenMemoryFails) {
+    const size_t failed = eachAllocationFails([] {
+        const Table table = make(1);
+        if (table == nullptr) return;
+        std::map<std::string, uintptr_t> model;
+        for (uintptr_t i = 1; i <= 12; ++i) {
+            static const char* const kKeys[] = {"a", "b", "c", "d", "e", "f"};
+            const char* key = kKeys[i % 6];  // borrowed at first, copied in the second round
+            if (hashPut(table.get(), key, 0, 0, i > 6, number(i))) model[key] = i;
+            EXPECT_EQ(table->count, model.size());
+        }
+        for (const auto& [key, value] : model) {
+            EXPECT_EQ(hashFind(table.get(), key.c_str(), 0, 0), number(value));
+        }
+    });
+    EXPECT_GT(failed, 30u);
+}
+
+}  // namespace

@@ -1,0 +1,156 @@
+#include "lib/containers/i32map.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <random>
+
+#include "tests/support/fail_alloc.h"
+#include "tests/support/toy_pool.h"
+
+namespace {
+
+using Map = std::unique_ptr<I32Map, decltype(&i32mapDestroy)>;
+
+Map make(uint32_t buckets) {
+    return Map(i32mapCreate(buckets), i32mapDestroy);
+}
+
+void fill(I32Map* map, uint32_t first, uint32_t last, uint32_t stride = 1) {
+    for (uint32_t key = first; key <= last; ++key) {
+        ASSERT_EQ(i32mapSet(map, key * stride, key), kStatusSuccess);
+    }
+}
+
+// The wraps of the generation are met on the way: it starts a few clears ahead of one.
+TEST(I32Map, HoldsWhatWasSetSinceTheLastClear) {
+    for (const uint32_t buckets : {1u, 4u, 5u, 64u}) {
+        SCOPED_TRACE(buckets);
+        std::mt19937 random(buckets);
+        const Map map = make(buckets);
+        map->generation = UINT32_MAX - 5;
+        std::map<uint32_t, uint32_t> model;
+        for (uint32_t step = 0; step < 30000; ++step) {
+            const uint32_t key = static_cast<uint32_t>(random() % 40) * 4;
+            if (random() % 3 != 0) {
+                ASSERT_EQ(i32mapSet(map.get(), key, step), kStatusSuccess);
+                model[key] = step;
+            } else {
+                i32mapRemove(map.get(), key);
+                model.erase(key);
+            }
+            if (random() % 100 == 0) {
+                ASSERT_EQ(i32mapClear(map.get()), kStatusSuccess);
+                model.clear();
+            }
+            const uint32_t sought = static_cast<uint32_t>(random() % 40) * 4;
+            const auto known = model.find(sought);
+            uint32_t value = 99;
+            ASSERT_EQ(i32mapFind(map.get(), sought, &value),
+                      known == model.end() ? kStatusNotFound : kStatusSuccess);
+            ASSERT_EQ(value, known == model.end() ? 99 : known->second);
+            ASSERT_EQ(map->count, model.size());
+        }
+        EXPECT_LT(map->generation, 1000u);
+    }
+}
+
+TEST(I32Map, DoublesOnlyForANewKey) {
+    const Map map = make(3);
+    fill(map.get(), 1, 4);
+    fill(map.get(), 1, 4);
+    EXPECT_EQ(map->bucketCount, 4u);
+    fill(map.get(), 5, 5);
+    EXPECT_EQ(map->bucketCount, 8u);
+    EXPECT_EQ(i32mapFind(map.get(), 1, nullptr), kStatusSuccess);
+}
+
+TEST(I32Map, ReusesItsNodesAfterAClear) {
+    const Map map = make(8);
+    fill(map.get(), 1, 6, 8);  // one chain
+    EXPECT_EQ(i32mapClear(map.get()), kStatusSuccess);
+
+    FailAlloc none{.after = 0, .forGood = true};
+    fill(map.get(), 11, 16, 8);
+    EXPECT_EQ(allocationsCounted(), 0u);
+    EXPECT_EQ(i32mapFind(map.get(), 8, nullptr), kStatusNotFound);
+    EXPECT_EQ(map->count, 6u);
+}
+
+// At the wrap the nodes leave their buckets, and serve any bucket from then on.
+TEST(I32Map, KeepsItsNodesThroughTheWrap) {
+    const Map map = make(8);
+    map->generation = UINT32_MAX;
+    fill(map.get(), 1, 8, 8);
+    EXPECT_EQ(i32mapClear(map.get()), kStatusSuccess);
+    EXPECT_EQ(map->generation, 0u);
+    EXPECT_EQ(i32mapFind(map.get(), 8, nullptr), kStatusNotFound);
+
+    FailAlloc none{.after = 0, .forGood = true};
+    fill(map.get(), 1, 8);
+    EXPECT_EQ(allocationsCounted(), 0u);
+}
+
+TEST(I32Map, AnswersWithoutAMap) {
+    EXPECT_EQ(i32mapCreate(0), nullptr);
+    EXPECT_EQ(i32mapCreate((1u << 31) + 1), nullptr);
+    EXPECT_EQ(i32mapClear(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(i32mapFind(nullptr, 1, nullptr), kStatusInvalidArgument);
+    i32mapDestroy(nullptr);
+}
+
+TEST(I32Map, TakesAllPartsFromItsPools) {
+    ItemPool *maps = nullptr, *nodes = nullptr, *buckets = nullptr;
+    EXPECT_FALSE(i32mapCreatePools(&maps, &nodes, &buckets));
+    EXPECT_EQ(maps, nullptr);
+
+    ToyPoolMaker maker;
+    ASSERT_TRUE(i32mapCreatePools(&maps, &nodes, &buckets));
+    EXPECT_EQ(maker.sizes, (std::vector<uint32_t>{64, 32, 16}));
+    I32Map* map = nullptr;
+    {
+        FailAlloc count{.after = kNeverFails};
+        map = i32mapCreate(1, maps, nodes, buckets);
+        fill(map, 7, 7);
+        EXPECT_EQ(allocationsCounted(), 3u);
+    }
+    EXPECT_EQ(maker.pools[2]->held(), 1u);
+    fill(map, 1, 5);
+    EXPECT_EQ(maker.pools[2]->held(), 0u);  // outgrown
+    EXPECT_EQ(maker.pools[1]->held(), 6u);
+
+    // Stale nodes go back at the next growth.
+    EXPECT_EQ(i32mapClear(map), kStatusSuccess);
+    fill(map, 0, 8, 8);
+    EXPECT_EQ(maker.pools[1]->held(), 9u);
+    i32mapDestroy(map);
+    for (ItemPool* pool : {maps, nodes, buckets}) {
+        poolUnmake(pool);
+    }
+}
+
+TEST(I32Map, KeepsWhatItHoldsWhenMemoryFails) {
+    const size_t failed = eachAllocationFails([] {
+        const Map map = make(1);
+        if (map == nullptr) return;
+        std::map<uint32_t, uint32_t> model;
+        for (uint32_t key = 1; key <= 10; ++key) {
+            if (key == 5) {
+                map->generation = UINT32_MAX;  // all present turn stale, then the wrap spares them
+                EXPECT_EQ(i32mapClear(map.get()), kStatusSuccess);
+                model.clear();
+            }
+            if (i32mapSet(map.get(), key, key * 2) == kStatusSuccess) model[key] = key * 2;
+            EXPECT_EQ(map->count, model.size());
+        }
+        for (const auto& [key, expected] : model) {
+            uint32_t value = 0;
+            EXPECT_EQ(i32mapFind(map.get(), key, &value), kStatusSuccess);
+            EXPECT_EQ(value, expected);
+        }
+    });
+    EXPECT_GT(failed, 20u);
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+// Pools that count: they stand in for the real ones, a floor above the containers. Each item is a
+// heap block of its own, so that the sanitizers see one that is used too far or too late, and so
+// that a take can be made to fail.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "lib/containers/pool_seam.h"
+
+struct ToyPool {
+    explicit ToyPool(uint32_t payloadBytes) {
+        static constexpr PoolOps kOps = {
+            .take =
+                [](void* pool) {
+                    auto* self = static_cast<ToyPool*>(pool);
+                    void* item = std::malloc(self->seam.payloadBytes);
+                    if (item != nullptr) ++self->takes;
+                    return item;
+                },
+            .give =
+                [](void* pool, void* item) {
+                    ++static_cast<ToyPool*>(pool)->gives;
+                    std::free(item);
+                },
+        };
+        seam = {&kOps, this, payloadBytes};
+    }
+    ToyPool(const ToyPool&) = delete;
+    ToyPool& operator=(const ToyPool&) = delete;
+    ~ToyPool() { EXPECT_EQ(takes, gives); }
+
+    size_t held() const { return takes - gives; }
+
+    ItemPool seam{};
+    size_t takes = 0, gives = 0;
+};
+
+// While it lives, containers can make pools of their own.
+struct ToyPoolMaker {
+    ToyPoolMaker() {
+        current = this;
+        poolMakerOps = {
+            .create = [](uint32_t itemBytes, uint32_t itemsPerBlock) -> ItemPool* {
+                EXPECT_EQ(itemsPerBlock, 100u);
+                void* budget = std::malloc(1);
+                std::free(budget);
+                if (budget == nullptr) return nullptr;
+                current->sizes.push_back(itemBytes);
+                current->pools.push_back(new ToyPool(itemBytes - kPoolOwnerBytes));
+                ++current->alive;
+                return &current->pools.back()->seam;
+            },
+            .destroy =
+                [](ItemPool* pool) {
+                    delete static_cast<ToyPool*>(pool->pool);
+                    --current->alive;
+                },
+        };
+    }
+    ToyPoolMaker(const ToyPoolMaker&) = delete;
+    ToyPoolMaker& operator=(const ToyPoolMaker&) = delete;
+    ~ToyPoolMaker() {
+        poolMakerOps = {};
+        EXPECT_EQ(alive, 0);
+    }
+
+    static inline ToyPoolMaker* current = nullptr;
+    std::vector<uint32_t> sizes;  // item bytes of all pools ever made, in order
+    std::vector<ToyPool*> pools;  // the same; those destroyed dangle
+    int alive = 0;
+};
