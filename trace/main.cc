@@ -1,5 +1,7 @@
+#include "lib/base/huge_heap.h"
 #include "trace/run.h"
 
 int main(int argc, char** argv) {
+    hugeHeapPrefer();
     return traceMain(argc, argv);
 }

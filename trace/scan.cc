@@ -89,7 +89,7 @@ Walk chargeSubject(const ScanSource& source, const Message& message, const Field
     }
     if (subjectElementCount(field.data) == 0) return Walk::kGoOn;
 
-    SubjectEntry* subject = subjectEntry(source.net, field.data);
+    SubjectEntry* subject = subjectEntry(source.net, field.data, source.srcIp, source.srcPort);
     if (subject == nullptr) return Walk::kEnd;
     HostSubjEntry* host = hostSubjEntry(*subject, source.srcIp, source.srcPort);
     if (host == nullptr) return Walk::kEnd;

@@ -22,26 +22,10 @@ constexpr size_t padded(size_t size, size_t alignment) {
 }
 
 template <typename Record, typename Visit>
-void eachRecord(Dict32* dict, Visit visit) {
-    Dict32Iterator iterator;
-    uint32_t key = 0;
-    void* record = nullptr;
-    dict32IterInit(dict, &iterator);
-    while (dict32IterNext(&iterator, &key, &record)) {
-        visit(key, *static_cast<Record*>(record));
-    }
-}
-
-template <typename Record, typename Visit>
 void eachLive(Dict64* dict, Visit visit) {
-    Dict64Iterator iterator;
-    uint64_t key = 0;
-    void* record = nullptr;
-    dict64IterInit(dict, &iterator);
-    while (dict64IterNext(&iterator, &key, &record)) {
-        auto* entry = static_cast<Record*>(record);
-        if (entry->live != 0) visit(key, *entry);
-    }
+    eachRecord<Record>(dict, [&](uint64_t key, Record& record) {
+        if (record.live != 0) visit(key, record);
+    });
 }
 
 // First pass: what there is to copy.
@@ -69,7 +53,9 @@ void countSubjects(NetEntry& net, Sizes& sizes) {
         }
         ++sizes.subjects;
         sizes.textBytes += padded(subjectLength(packedSubject(subject)), kTextAlignment);
-        sizes.subjectHosts += countLive<HostSubjEntry>(subject.hosts);
+        eachSubjectHost(subject, [&](uint64_t, const HostSubjEntry& host) {
+            if (host.live != 0) ++sizes.subjectHosts;
+        });
     }
 }
 
@@ -190,9 +176,15 @@ void copyPtpHost(uint64_t key, PtpHostEntry& host, SnapPtpHost& to) {
     host = {};
 }
 
-void copySubjectHost(uint64_t key, HostSubjEntry& host, SnapSubjectHost& to) {
-    to = {hostKeyAddress(key), hostKeyPort(key), host.msgs, host.bytes};
-    host = {};
+// Moves the live hosts of a subject to the next places. Returns their count.
+uint32_t copySubjectHosts(SubjectEntry& subject, SnapSubjectHost*& place) {
+    const SnapSubjectHost* first = place;
+    eachSubjectHost(subject, [&](uint64_t key, HostSubjEntry& host) {
+        if (host.live == 0) return;
+        *place++ = {hostKeyAddress(key), hostKeyPort(key), host.msgs, host.bytes};
+        host = {};
+    });
+    return static_cast<uint32_t>(place - first);
 }
 
 // Copies the live records of a dictionary to the next places of their array. Returns their count.
@@ -214,7 +206,7 @@ void copySubjects(NetEntry& net, Places& places, SnapNet& to) {
         SnapSubject& copy = *places.subjects++;
         copy = {places.text, 0, 0, 0, places.subjectHosts};
         places.text += padded(textBytes, kTextAlignment);
-        copy.hostCount = copyLive(subject.hosts, places.subjectHosts, copySubjectHost);
+        copy.hostCount = copySubjectHosts(subject, places.subjectHosts);
         subject.live = 0;
     }
 }

@@ -93,18 +93,13 @@ void freeNet(NetEntry* net) {
 }
 
 void freeRecords(Dict64* dict) {
-    Dict64Iterator iterator;
-    void* record = nullptr;
-    dict64IterInit(dict, &iterator);
-    while (dict64IterNext(&iterator, nullptr, &record)) {
-        std::free(record);
-    }
+    eachRecord<void*>(dict, [](uint64_t, void*& record) { std::free(&record); });
 }
 
 void freeSubject(SubjectEntry* subject) {
-    if (subject->hosts != nullptr) {
-        freeRecords(subject->hosts);
-        dict64Destroy(subject->hosts);
+    if (subject->others != nullptr) {
+        freeRecords(subject->others);
+        dict64Destroy(subject->others);
     }
     std::free(subject);
 }
@@ -140,19 +135,17 @@ NetEntry* createNet(PortEntry& port, uint32_t dstIp) {
     return nullptr;
 }
 
-SubjectEntry* createSubject(NetEntry& net, const uint8_t* packed) {
+SubjectEntry* createSubject(NetEntry& net, const uint8_t* packed, uint64_t firstKey) {
     const size_t packedBytes = subjectLength(packed);
     auto* subject = static_cast<SubjectEntry*>(std::calloc(1, sizeof(SubjectEntry) + packedBytes));
     if (subject == nullptr) {
         logPrint("Out of memory allocating subject entry");
         return nullptr;
     }
+    subject->firstKey = firstKey;
     std::memcpy(subject + 1, packed, packedBytes);
-
-    bool whole = true;
-    makeDict(subject->hosts, kHostBuckets, "subject host", whole);
-    if (whole && stored(subjectMapInsert(net.subjects, &subject->place), "subject")) return subject;
-    freeSubject(subject);
+    if (stored(subjectMapInsert(net.subjects, &subject->place), "subject")) return subject;
+    std::free(subject);
     return nullptr;
 }
 
@@ -165,12 +158,7 @@ void freeWholeNet(NetEntry* net) {
 }
 
 void freeWholePort(PortEntry* port) {
-    Dict32Iterator iterator;
-    void* net = nullptr;
-    dict32IterInit(port->nets, &iterator);
-    while (dict32IterNext(&iterator, nullptr, &net)) {
-        freeWholeNet(static_cast<NetEntry*>(net));
-    }
+    eachRecord<NetEntry>(port->nets, [](uint32_t, NetEntry& net) { freeWholeNet(&net); });
     freeRecords(port->rlHosts);
     freeRecords(port->ptpHosts);
     freePort(port);
@@ -196,12 +184,8 @@ pelmoStatus statsInit() {
 }
 
 void statsDestroy() {
-    Dict32Iterator iterator;
-    void* port = nullptr;
-    dict32IterInit(statistics.ports, &iterator);
-    while (dict32IterNext(&iterator, nullptr, &port)) {
-        freeWholePort(static_cast<PortEntry*>(port));
-    }
+    eachRecord<PortEntry>(statistics.ports,
+                          [](uint32_t, PortEntry& port) { freeWholePort(&port); });
     dict32Destroy(statistics.ports);
     freeRecords(statistics.services);
     dict64Destroy(statistics.services);
@@ -234,14 +218,23 @@ PtpHostEntry* ptpHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort) 
     return plainEntry<PtpHostEntry>(port.ptpHosts, key, "ptp host", "ptp host");
 }
 
-SubjectEntry* subjectEntry(NetEntry& net, const uint8_t* subject) {
+SubjectEntry* subjectEntry(NetEntry& net,
+                           const uint8_t* subject,
+                           uint32_t srcIp,
+                           uint16_t srcPort) {
     SubjectMapEntry* found = subjectMapFind(net.subjects, subject);
-    return found != nullptr ? reinterpret_cast<SubjectEntry*>(found) : createSubject(net, subject);
+    return found != nullptr ? reinterpret_cast<SubjectEntry*>(found)
+                            : createSubject(net, subject, hostKey(srcIp, srcPort));
 }
 
 HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t srcPort) {
     const uint64_t key = hostKey(srcIp, srcPort);
-    return plainEntry<HostSubjEntry>(subject.hosts, key, "HostSubj", "host subject");
+    if (key == subject.firstKey) return &subject.first;
+
+    bool whole = true;
+    if (subject.others == nullptr) makeDict(subject.others, kHostBuckets, "subject host", whole);
+    if (!whole) return nullptr;
+    return plainEntry<HostSubjEntry>(subject.others, key, "HostSubj", "host subject");
 }
 
 void subjectRemove(NetEntry& net, SubjectEntry& subject) {

@@ -6,7 +6,7 @@
 //               nets:     dstIp -> NetEntry
 //                           hosts:    (srcIp, srcPort) -> HostEntry
 //                           subjects: packed subject -> SubjectEntry
-//                                       hosts: (srcIp, srcPort) -> HostSubjEntry
+//                                       first, others: (srcIp, srcPort) -> HostSubjEntry
 //               rlHosts:  (address, UDP port) -> RlHostEntry
 //               ptpHosts: (address, UDP port) -> PtpHostEntry
 //     services: (host, SCid) -> ServiceEntry, beside the tree
@@ -93,16 +93,22 @@ struct PtpHostEntry {
     uint64_t ackSent, ackRecv;
 };
 
-// A subject under a net; its packed form stands right behind the record.
-struct SubjectEntry {
-    SubjectMapEntry place;  // the map's
-    uint32_t live;
-    Dict64* hosts;
-};
-
+// What one host sent on one subject.
 struct HostSubjEntry {
     uint32_t live;
     uint64_t msgs, bytes;
+};
+
+// A subject under a net; its packed form stands right behind the record.
+//
+// Nearly every subject has one publisher. The first is therefore held in place, so that charging a
+// message touches no memory but this; a dictionary is made for the second.
+struct SubjectEntry {
+    SubjectMapEntry place;  // the map's
+    uint32_t live;
+    uint64_t firstKey;  // hostKey of `first`
+    HostSubjEntry first;
+    Dict64* others;  // null while there are none
 };
 
 struct ServiceEntry {
@@ -149,9 +155,42 @@ void statsDestroy();
 [[nodiscard]] RlHostEntry* rlHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
 [[nodiscard]] PtpHostEntry* ptpHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
 
-// `subject` is packed, well formed and has at least one element; it is copied.
-[[nodiscard]] SubjectEntry* subjectEntry(NetEntry& net, const uint8_t* subject);
+// `subject` is packed, well formed and has at least one element; it is copied. A new one holds the
+// given host as its first, silent until somebody marks it.
+[[nodiscard]] SubjectEntry* subjectEntry(NetEntry& net,
+                                         const uint8_t* subject,
+                                         uint32_t srcIp,
+                                         uint16_t srcPort);
 [[nodiscard]] HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t srcPort);
+
+// Calls visit(key, record) for each record of a dictionary, in the dictionary's order.
+template <typename Record, typename Visit>
+void eachRecord(Dict64* dict, Visit visit) {
+    Dict64Iterator iterator;
+    uint64_t key = 0;
+    void* record = nullptr;
+    dict64IterInit(dict, &iterator);
+    while (dict64IterNext(&iterator, &key, &record)) {
+        visit(key, *static_cast<Record*>(record));
+    }
+}
+
+template <typename Record, typename Visit>
+void eachRecord(Dict32* dict, Visit visit) {
+    Dict32Iterator iterator;
+    uint32_t key = 0;
+    void* record = nullptr;
+    dict32IterInit(dict, &iterator);
+    while (dict32IterNext(&iterator, &key, &record)) {
+        visit(key, *static_cast<Record*>(record));
+    }
+}
+
+template <typename Visit>
+void eachSubjectHost(SubjectEntry& subject, Visit visit) {
+    visit(subject.firstKey, subject.first);
+    if (subject.others != nullptr) eachRecord<HostSubjEntry>(subject.others, visit);
+}
 
 // Takes the subject out of its net and frees it with all that is counted under it. The subject at
 // the net's last place moves to the place that falls free.

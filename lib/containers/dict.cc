@@ -11,7 +11,7 @@ constexpr uint32_t kMostBuckets = 1u << 31;
 constexpr uint32_t kSmallCount = 4;
 
 // A walk past more entries than this asks for an index.
-constexpr uint32_t kLongChain = 8;
+constexpr uint32_t kLongChain = 4;
 
 template <typename Key>
 uint32_t bucketOf(const Dict<Key>* dict, Key key) {

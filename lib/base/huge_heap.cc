@@ -1,0 +1,29 @@
+#include "lib/base/huge_heap.h"
+
+#include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace {
+
+constexpr int kHeapStepBytes = 256 << 20;      // of addresses; memory comes as it is touched
+constexpr int kMappedFromBytes = 32 << 20;     // smaller blocks stay on the heap
+constexpr uintptr_t kHugePageBytes = 2 << 20;  // x86-64, and arm64 with pages of 4 KiB
+
+}  // namespace
+
+void hugeHeapPrefer() {
+    mallopt(M_MMAP_THRESHOLD, kMappedFromBytes);
+    mallopt(M_TOP_PAD, kHeapStepBytes);
+    void* first = std::malloc(kHugePageBytes);  // makes the heap take its first step
+    const auto firstAddress = reinterpret_cast<uintptr_t>(first);
+    std::free(first);
+
+    const uintptr_t begin = (firstAddress + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
+    const auto end = reinterpret_cast<uintptr_t>(sbrk(0));
+    if (firstAddress == 0 || begin >= end) return;
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
