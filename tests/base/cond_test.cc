@@ -1,0 +1,140 @@
+#include "lib/base/cond.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <limits>
+#include <thread>
+#include <vector>
+
+#include "tests/support/fail_alloc.h"
+
+namespace {
+
+constexpr double kLong = 60;  // nobody waits that long in a good run
+
+struct Condition : testing::Test {
+    Condition() {
+        EXPECT_EQ(Lock_Init(&lock, LockRank::kLeaf), kStatusSuccess);
+        EXPECT_EQ(Cond_Init(&cond), kStatusSuccess);
+    }
+    ~Condition() override {
+        Cond_Destroy(&cond);
+        Lock_Destroy(&lock);
+    }
+
+    // A waiter that waits once; `woken` counts those who came back, under the lock.
+    void startWaiters(int count) {
+        for (int i = 0; i < count; ++i) {
+            threads.emplace_back([this] {
+                const LockGuard guard(lock);
+                EXPECT_EQ(Cond_TimedWait(&cond, &lock, kLong), kStatusSuccess);
+                ++woken;
+            });
+        }
+        awaitUnderLock([this, count] { return cond.waiters == count; });
+    }
+
+    template <typename Test>
+    void awaitUnderLock(Test test) {
+        for (bool met = false; !met; std::this_thread::yield()) {
+            const LockGuard guard(lock);
+            met = test();
+        }
+    }
+
+    Lock lock;
+    Cond cond;
+    int woken = 0;
+    std::vector<std::jthread> threads;
+};
+
+TEST_F(Condition, RemembersOneSignal) {
+    const LockGuard guard(lock);
+    Cond_Signal(&cond);
+    Cond_Signal(&cond);
+    EXPECT_EQ(Cond_Wait(&cond, &lock), kStatusSuccess);
+    EXPECT_EQ(Cond_TimedWait(&cond, &lock, 0), kStatusTimeout);
+
+    Cond_Broadcast(&cond);
+    EXPECT_EQ(Cond_Wait(&cond, &lock), kStatusSuccess);
+    EXPECT_EQ(cond.broadcast, 0);
+    EXPECT_EQ(Cond_TimedWait(&cond, &lock, 0), kStatusTimeout);
+    EXPECT_EQ(cond.waiters, 0);
+}
+
+TEST_F(Condition, SignalWakesOneAndBroadcastTheRest) {
+    startWaiters(3);
+    Cond_Signal(&cond);
+    awaitUnderLock([this] { return woken == 1; });
+    EXPECT_EQ(cond.waiters, 2);
+    Cond_Broadcast(&cond);
+    threads.clear();
+    EXPECT_EQ(woken, 3);
+}
+
+TEST_F(Condition, BroadcastWakesThreeAndIsOver) {
+    for (int round = 1; round <= 100; ++round) {
+        startWaiters(3);
+        Cond_Broadcast(&cond);
+        threads.clear();
+        ASSERT_EQ(woken, 3 * round);
+        ASSERT_EQ(cond.broadcast, 0);
+        ASSERT_FALSE(cond.signalled);
+    }
+}
+
+// Many broadcasts at any moment of a chain: nobody stays asleep.
+TEST_F(Condition, BroadcastsMayOverlap) {
+    int turn = 0;
+    constexpr int kTurns = 300;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            const LockGuard guard(lock);
+            while (turn < kTurns) {
+                ASSERT_EQ(Cond_TimedWait(&cond, &lock, kLong), kStatusSuccess);
+            }
+        });
+    }
+    for (int i = 0; i < kTurns; ++i) {
+        {
+            const LockGuard guard(lock);
+            ++turn;
+        }
+        Cond_Broadcast(&cond);
+    }
+    threads.clear();
+    EXPECT_EQ(cond.waiters, 0);
+}
+
+TEST_F(Condition, TimesOutWithTheLockHeldAgain) {
+    constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
+    const LockGuard guard(lock);
+    for (const double seconds : {0.0, 0.0009, 0.002, -1.0, -1e300, kNone}) {
+        EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), kStatusTimeout);
+        std::thread([this] { EXPECT_EQ(pthread_mutex_trylock(&lock.mutex), EBUSY); }).join();
+    }
+    for (const double seconds : {1e300, std::numeric_limits<double>::infinity()}) {
+        Cond_Signal(&cond);
+        EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), kStatusSuccess);
+    }
+}
+
+TEST_F(Condition, AnswersForArgumentsAndMemory) {
+    EXPECT_EQ(Cond_Create(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(Cond_Init(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(Cond_Destroy(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(Cond_Signal(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(Cond_Broadcast(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(Cond_Wait(nullptr, &lock), kStatusInvalidArgument);
+    EXPECT_EQ(Cond_TimedWait(&cond, nullptr, 0), kStatusInvalidArgument);
+    const size_t failures = eachAllocationFails([] {
+        Cond* made = nullptr;
+        const pelmoStatus status = Cond_Create(&made);
+        EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
+        if (made != nullptr) Cond_Destroy(made);
+    });
+    EXPECT_EQ(failures, 2u);
+}
+
+}  // namespace
