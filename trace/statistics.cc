@@ -9,7 +9,7 @@
 #include "trace/settings.h"
 #include "trace/snapshot_storage.h"
 
-Lock statsLock;
+Lock statsLock = PELMO_LOCK_READY(LockRank::kStats);
 Statistics statistics;
 
 namespace {
@@ -180,18 +180,21 @@ pelmoStatus statsInit() {
     statistics.ports = dict32Create(kPortBuckets);
     statistics.services = dict64Create(kServiceBuckets);
     if (statistics.ports == nullptr || statistics.services == nullptr) return kStatusNoMemory;
-    return Lock_Init(&statsLock, LockRank::kStats);
+    return kStatusSuccess;
 }
 
 void statsDestroy() {
-    eachRecord<PortEntry>(statistics.ports,
-                          [](uint32_t, PortEntry& port) { freeWholePort(&port); });
-    dict32Destroy(statistics.ports);
-    freeRecords(statistics.services);
-    dict64Destroy(statistics.services);
+    if (statistics.ports != nullptr) {
+        eachRecord<PortEntry>(statistics.ports,
+                              [](uint32_t, PortEntry& port) { freeWholePort(&port); });
+        dict32Destroy(statistics.ports);
+    }
+    if (statistics.services != nullptr) {
+        freeRecords(statistics.services);
+        dict64Destroy(statistics.services);
+    }
     statistics = {};
     snapshotStorageFree();
-    Lock_Destroy(&statsLock);
 }
 
 PortEntry* portEntry(uint16_t dstPort) {

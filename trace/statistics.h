@@ -146,7 +146,8 @@ extern Statistics statistics;
 // "-no-display" to the display switches.
 [[nodiscard]] pelmoStatus statsInit();
 
-// Frees the tree, for programs that build more than one: tests, fuzzing.
+// Frees the tree, also one that statsInit couldn't complete. For programs that build more than one:
+// tests, fuzzing.
 void statsDestroy();
 
 [[nodiscard]] PortEntry* portEntry(uint16_t dstPort);

@@ -1,0 +1,323 @@
+#include "tests/support/trace_run.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <sstream>
+
+#include "lib/base/log.h"
+#include "trace/address.h"
+#include "trace/classify.h"
+#include "trace/settings.h"
+#include "trace/statistics.h"
+
+namespace {
+
+struct Count {
+    const char* name;
+    uint64_t value;
+};
+
+std::string counts(const std::vector<Count>& all) {
+    std::string text;
+    for (const Count& count : all) {
+        if (count.value != 0)
+            text += std::string(" ") + count.name + "=" + std::to_string(count.value);
+    }
+    return text;
+}
+
+std::string liveMark(uint32_t live) {
+    return live != 0 ? " live" : "";
+}
+
+std::string hostName(uint32_t address, uint16_t port) {
+    return ipToText(address) + (":" + std::to_string(hostOrder16(port)));
+}
+
+std::string reliabilityText(double reliability) {
+    if (reliability == 0) return "";
+    std::ostringstream text;
+    text << " reliability=" << reliability;
+    return text.str();
+}
+
+// The counters have the same names in a record and in its copy.
+template <typename Record>
+std::string multicastCounts(const Record& host) {
+    return counts({{"bad", host.bad},
+                   {"gaps", host.gaps},
+                   {"data", host.data},
+                   {"bytes", host.bytes},
+                   {"nulls", host.nulls},
+                   {"rdata", host.rdata},
+                   {"rbytes", host.rbytes}}) +
+           reliabilityText(host.reliability);
+}
+
+template <typename Record>
+std::string rlCounts(const Record& host) {
+    return counts({{"badSent", host.badSent},
+                   {"badRecv", host.badRecv},
+                   {"rreqSent", host.rreqSent},
+                   {"rreqRecv", host.rreqRecv},
+                   {"rseqSent", host.rseqSent},
+                   {"rseqRecv", host.rseqRecv},
+                   {"rrejSent", host.rrejSent},
+                   {"rrejRecv", host.rrejRecv}});
+}
+
+template <typename Record>
+std::string ptpCounts(const Record& host) {
+    return counts({{"badSent", host.badSent},
+                   {"badRecv", host.badRecv},
+                   {"dataSent", host.dataSent},
+                   {"dataRecv", host.dataRecv},
+                   {"bytesSent", host.bytesSent},
+                   {"bytesRecv", host.bytesRecv},
+                   {"nakSent", host.nakSent},
+                   {"nakRecv", host.nakRecv},
+                   {"ackmeSent", host.ackmeSent},
+                   {"ackmeRecv", host.ackmeRecv},
+                   {"ackSent", host.ackSent},
+                   {"ackRecv", host.ackRecv}});
+}
+
+template <typename Record>
+std::string messageCounts(const Record& host) {
+    return counts({{"msgs", host.msgs}, {"bytes", host.bytes}});
+}
+
+std::string senderState(const HostEntry& host) {
+    if (host.epoch == 0 && host.lastSeq == 0) return "";
+    char text[64];
+    std::snprintf(text, sizeof text, " epoch=%08x lastSeq=%u", host.epoch, host.lastSeq);
+    return text;
+}
+
+// Records of a kind, one line each, by key as people read it.
+class Rows {
+  public:
+    template <typename Record>
+    void add(const char* head, uint64_t key, const Record& record, const std::string& text) {
+        const uint32_t address = hostKeyAddress(key);
+        const uint16_t port = hostKeyPort(key);
+        rows_.push_back({{hostOrder32(address), hostOrder16(port)},
+                         head + hostName(address, port) + liveMark(record.live) + text});
+    }
+
+    void moveTo(Lines& lines) {
+        std::sort(rows_.begin(), rows_.end());
+        for (const auto& row : rows_) {
+            lines.push_back(row.second);
+        }
+    }
+
+  private:
+    std::vector<std::pair<std::pair<uint32_t, uint16_t>, std::string>> rows_;
+};
+
+template <typename Record, typename Text>
+void addRecords(Lines& lines, Dict64* dict, const char* head, Text text) {
+    Rows rows;
+    eachRecord<Record>(dict, [&](uint64_t key, const Record& record) {
+        rows.add(head, key, record, text(record));
+    });
+    rows.moveTo(lines);
+}
+
+template <typename Record>
+std::vector<std::pair<uint32_t, Record*>> sortedRecords(Dict32* dict, uint32_t (*order)(uint32_t)) {
+    std::vector<std::pair<uint32_t, Record*>> records;
+    eachRecord<Record>(dict, [&](uint32_t key, Record& record) {
+        records.push_back({order(key), &record});
+    });
+    std::sort(records.begin(), records.end());
+    return records;
+}
+
+void addSubjects(Lines& lines, NetEntry& net) {
+    std::vector<std::pair<std::string, SubjectEntry*>> subjects;
+    for (uint32_t i = 0; i < subjectMapCount(net.subjects); ++i) {
+        SubjectEntry& subject = subjectAt(net, i);
+        subjects.push_back({subjectName(packedSubject(subject)), &subject});
+    }
+    std::sort(subjects.begin(), subjects.end());
+    for (const auto& [name, subject] : subjects) {
+        lines.push_back("  subject " + name + liveMark(subject->live));
+        Rows rows;
+        eachSubjectHost(*subject, [&](uint64_t key, const HostSubjEntry& host) {
+            rows.add("   from ", key, host, messageCounts(host));
+        });
+        rows.moveTo(lines);
+    }
+}
+
+void addNet(Lines& lines, uint32_t address, NetEntry& net) {
+    lines.push_back(std::string(" net ") + ipToText(hostOrder32(address)) + liveMark(net.live));
+    addRecords<HostEntry>(lines, net.hosts, "  host ", [](const HostEntry& host) {
+        return senderState(host) + multicastCounts(host);
+    });
+    addSubjects(lines, net);
+    if (net.statusCount != 0) {
+        lines.push_back("  held " + std::to_string(net.statusCount) + " in " +
+                        std::to_string(net.statusUsed));
+    }
+}
+
+std::string packetLine(uint64_t packets, uint64_t oskaPackets) {
+    return "packets=" + std::to_string(packets) + " oska=" + std::to_string(oskaPackets);
+}
+
+std::string timeText(SnapTime time) {
+    char text[48];
+    std::snprintf(text, sizeof text, "%" PRId32 ".%09" PRIu32, time.seconds, time.nanoseconds);
+    return text;
+}
+
+void addSnapNet(Lines& lines, const SnapNet& net) {
+    lines.push_back(std::string(" net ") + ipToText(net.net));
+    for (uint32_t i = 0; i < net.hostCount; ++i) {
+        const SnapHost& host = net.hosts[i];
+        lines.push_back("  host " + hostName(host.host, host.port) + multicastCounts(host));
+    }
+    for (uint32_t i = 0; i < net.subjectCount; ++i) {
+        const SnapSubject& subject = net.subjects[i];
+        lines.push_back("  subject " + subjectName(subject.subject));
+        for (uint32_t j = 0; j < subject.hostCount; ++j) {
+            const SnapSubjectHost& host = subject.hosts[j];
+            lines.push_back("   from " + hostName(host.host, host.port) + messageCounts(host));
+        }
+    }
+    for (uint32_t i = 0; i < net.statusMsgCount; ++i) {
+        const uint8_t* bytes = net.statusMsgs[i];
+        lines.push_back("  message " + hexText(Bytes(bytes, bytes + loadBe32At(bytes))));
+    }
+    if (net.statusMsgCount == 0 && net.statusMsgs != nullptr) lines.push_back("  stray messages");
+}
+
+void addSnapPort(Lines& lines, const SnapPort& port) {
+    lines.push_back("port " + std::to_string(hostOrder16(port.port)));
+    for (uint32_t i = 0; i < port.netCount; ++i) {
+        addSnapNet(lines, port.nets[i]);
+    }
+    for (uint32_t i = 0; i < port.rlHostCount; ++i) {
+        const SnapRlHost& host = port.rlHosts[i];
+        lines.push_back(" rl " + hostName(host.host, host.port) + rlCounts(host));
+    }
+    for (uint32_t i = 0; i < port.ptpHostCount; ++i) {
+        const SnapPtpHost& host = port.ptpHosts[i];
+        lines.push_back(" ptp " + hostName(host.host, host.port) + ptpCounts(host));
+    }
+}
+
+}  // namespace
+
+TraceRun::TraceRun(bool complain) : complainBefore_(traceSettings.complain) {
+    traceSettings.complain = complain;
+    log_ = open_memstream(&logText_, &logBytes_);
+    logSetStream(log_);
+    EXPECT_EQ(statsInit(), kStatusSuccess);
+}
+
+TraceRun::~TraceRun() {
+    statsDestroy();
+    logSetStream(stderr);
+    std::fclose(log_);
+    std::free(logText_);
+    traceSettings.complain = complainBefore_;
+}
+
+Lines TraceRun::logged() {
+    std::fflush(log_);
+    std::istringstream text(std::string(logText_ + logTaken_, logBytes_ - logTaken_));
+    logTaken_ = logBytes_;
+    Lines lines;
+    for (std::string line; std::getline(text, line);) {
+        const bool continued = line.starts_with(" ");  // of a text of several lines
+        const size_t nameEnd = continued ? std::string::npos : line.find(": ");
+        lines.push_back(nameEnd == std::string::npos ? line : line.substr(nameEnd + 2));
+    }
+    return lines;
+}
+
+std::string hexText(const Bytes& bytes) {
+    std::string text;
+    char digits[3];
+    for (const uint8_t byte : bytes) {
+        std::snprintf(digits, sizeof digits, "%02x", byte);
+        text += digits;
+    }
+    return text;
+}
+
+void analyze(const std::vector<Bytes>& packets) {
+    for (const Bytes& packet : packets) {
+        analyzePacket(packet.data(), packet.size());
+    }
+}
+
+Lines treeText() {
+    const auto portOrder = [](uint32_t key) {
+        return uint32_t{hostOrder16(static_cast<uint16_t>(key))};
+    };
+    Lines lines = {packetLine(statistics.totalPackets, statistics.oskaPackets)};
+    for (const auto& [number, port] : sortedRecords<PortEntry>(statistics.ports, portOrder)) {
+        lines.push_back("port " + std::to_string(number) + liveMark(port->live));
+        for (const auto& [address, net] : sortedRecords<NetEntry>(port->nets, hostOrder32)) {
+            addNet(lines, address, *net);
+        }
+        addRecords<RlHostEntry>(lines, port->rlHosts, " rl ", rlCounts<RlHostEntry>);
+        addRecords<PtpHostEntry>(lines, port->ptpHosts, " ptp ", ptpCounts<PtpHostEntry>);
+    }
+    return lines;
+}
+
+Lines snapshotText(const SnapHeader& snapshot) {
+    Lines lines = {timeText(snapshot.prevTime) + " to " + timeText(snapshot.thisTime) + " " +
+                   packetLine(snapshot.packets, snapshot.oskaPackets)};
+    for (uint32_t i = 0; i < snapshot.portCount; ++i) {
+        addSnapPort(lines, snapshot.ports[i]);
+    }
+    return lines;
+}
+
+Outcome outcomeOf(const std::vector<Bytes>& packets) {
+    Lines silentTree;
+    {
+        TraceRun silent(false);
+        analyze(packets);
+        silentTree = treeText();
+        EXPECT_EQ(silent.logged(), Lines());
+    }
+    TraceRun run;
+    analyze(packets);
+    const Lines tree = treeText();
+    EXPECT_EQ(tree, silentTree);
+    return {tree, run.logged()};
+}
+
+Outcome hostOutcome(size_t packetCount, const std::string& host, const Lines& logged) {
+    return {{packetLine(packetCount, packetCount), "port 7500 live", " net 239.1.1.1 live",
+             "  host " + host},
+            logged};
+}
+
+Outcome pairOutcome(const std::string& kind,
+                    const std::string& source,
+                    const std::string& destination,
+                    const Lines& logged) {
+    return {{packetLine(1, 1), "port 7500 live", " " + kind + " " + source,
+             " " + kind + " " + destination},
+            logged};
+}
+
+void PrintTo(const Outcome& outcome, std::ostream* stream) {
+    for (const std::string& line : outcome.tree) {
+        *stream << "\n    " << line;
+    }
+    for (const std::string& line : outcome.logged) {
+        *stream << "\n    log: " << line;
+    }
+}
