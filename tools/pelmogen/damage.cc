@@ -151,6 +151,10 @@ constexpr Damage kDamages[] = {
     {"stray-bytes", addStrayBytes, nullptr},
 };
 
+// A prime, so that any step visits every row.
+constexpr uint32_t kDamageSteps = 17;
+static_assert(std::size(kDamages) <= kDamageSteps);
+
 }  // namespace
 
 std::span<const Damage> damages() {
@@ -159,12 +163,13 @@ std::span<const Damage> damages() {
 
 const Damage* damagePayload(DamageSet set, PacketDraft& draft, Prng& prng) {
     if (has(draft, PacketKind::kNonBus)) return nullptr;
-    constexpr size_t kCount = std::size(kDamages);
-    const size_t first = prngBelow(prng, kCount);
-    for (size_t i = 0; i < kCount; ++i) {
-        const size_t row = (first + i) % kCount;
+    // A step of its own each time: rows behind those that seldom suit get no more than their share.
+    const size_t first = prngBelow(prng, kDamageSteps);
+    const size_t step = prngBetween(prng, 1, kDamageSteps - 1);
+    for (size_t i = 0; i < kDamageSteps; ++i) {
+        const size_t row = (first + i * step) % kDamageSteps;
+        if (row >= std::size(kDamages) || (set.bits >> row & 1) == 0) continue;
         const Damage& damage = kDamages[row];
-        if ((set.bits >> row & 1) == 0) continue;
         if (damage.toPayload == nullptr || damage.toPayload(draft, prng)) return &damage;
     }
     return nullptr;
