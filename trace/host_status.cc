@@ -15,7 +15,6 @@ constexpr uint8_t hostStatusPrefix[] = {
 };
 static_assert(sizeof hostStatusPrefix == 25);
 
-
 // Room for this message and for a few of its kind. False leaves the area as it was.
 bool growFor(NetEntry& net, uint32_t length) {
     const uint64_t capacity = net.statusCapacity + uint64_t{4} * length;

@@ -72,7 +72,7 @@ TEST(Hash, AddsReplacesAndRemoves) {
 // Keys of one bucket and one length, under hashes that the caller made up.
 TEST(Hash, ComparesKeysNotHashes) {
     const Table table = make(8);
-    for (const uintptr_t i : {1, 2, 3}) {
+    for (const uintptr_t i : {1u, 2u, 3u}) {
         const std::string key = "key" + std::to_string(i);
         EXPECT_TRUE(hashPut(table.get(), key.data(), 4, 8, true, number(i)));
     }

@@ -122,7 +122,7 @@ TEST(Sublist, RefusesWhatCantBeStored) {
 
 TEST(Sublist, RemovesOneValueOrAll) {
     const List list = make();
-    for (const uintptr_t value : {7, 7, 8}) {
+    for (const uintptr_t value : {7u, 7u, 8u}) {
         EXPECT_TRUE(add(list, "A.B.C", value));
     }
     EXPECT_TRUE(add(list, "A", 9));

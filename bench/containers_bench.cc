@@ -1,0 +1,138 @@
+// What each captured packet and each message pays to the containers: a look-up by address in a
+// dictionary, the structure test of a subject, and its look-up among all subjects seen.
+//
+// "Cold" look-ups go through all keys in a scattered order, so that tables larger than the caches
+// pay for memory; "hot" ones come back to a few.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "lib/containers/dict.h"
+#include "lib/containers/subject_map.h"
+
+namespace {
+
+constexpr size_t kLookUps = 1 << 16;
+constexpr int64_t kHotKeys = 16;
+
+std::vector<uint32_t> scattered(int64_t count, bool hot) {
+    std::mt19937 random(1);
+    std::vector<uint32_t> order(kLookUps);
+    for (uint32_t& place : order) {
+        place = static_cast<uint32_t>(
+            random() % static_cast<uint64_t>(hot ? std::min(count, kHotKeys) : count));
+    }
+    return order;
+}
+
+// Arguments: entries, bits that the key is shifted by. Shifted by 32, all keys share a bucket.
+void dictionaryFind(benchmark::State& state) {
+    Dict64* dict = dict64Create(256);
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        if (dict64Insert(dict, static_cast<uint64_t>(i) << state.range(1), dict) != 0) std::abort();
+    }
+    const std::vector<uint32_t> order = scattered(state.range(0), false);
+    size_t at = 0;
+    for (auto _ : state) {
+        void* value = nullptr;
+        const uint64_t key = uint64_t{order[at++ % kLookUps]} << state.range(1);
+        benchmark::DoNotOptimize(dict64Find(dict, key, &value));
+        benchmark::DoNotOptimize(value);
+    }
+    dict64Destroy(dict);
+}
+BENCHMARK(dictionaryFind)->Args({1, 0})->Args({4, 32})->Args({20000, 0})->Args({20000, 32});
+
+struct Record {
+    SubjectMapEntry entry;
+    uint64_t messages, bytes;
+};
+
+struct Subjects {
+    explicit Subjects(int64_t count) {
+        for (int64_t i = 0; i < count; ++i) {
+            const std::string text =
+                "MARKET.PRICE.EXCHANGE." + std::to_string(i % 97) + "." + std::to_string(i * 7919);
+            uint8_t buffer[kSubjectMaxBytes];
+            const int32_t length = subjectFromText(buffer, sizeof buffer, text.c_str());
+            if (length < 0) std::abort();
+            packed.emplace_back(buffer, buffer + length);
+        }
+    }
+
+    std::vector<std::vector<uint8_t>> packed;
+};
+
+struct FilledMap {
+    explicit FilledMap(const Subjects& subjects) {
+        for (const std::vector<uint8_t>& subject : subjects.packed) {
+            auto* record = static_cast<Record*>(std::calloc(1, sizeof(Record) + subject.size()));
+            if (record == nullptr) std::abort();
+            std::copy(subject.begin(), subject.end(), reinterpret_cast<uint8_t*>(record + 1));
+            if (subjectMapInsert(map, &record->entry) != kStatusSuccess) std::abort();
+        }
+    }
+    FilledMap(const FilledMap&) = delete;
+    FilledMap& operator=(const FilledMap&) = delete;
+    ~FilledMap() {
+        for (uint32_t i = 0; i < subjectMapCount(map); ++i) {
+            std::free(subjectMapAt(map, i));
+        }
+        subjectMapDestroy(map);
+    }
+
+    SubjectMap* map = subjectMapCreate(sizeof(Record));
+};
+
+// Arguments: subjects, 1 for hot.
+void subjectFind(benchmark::State& state) {
+    const Subjects subjects(state.range(0));
+    const FilledMap filled(subjects);
+
+    // The sought subjects lie one behind the other, as in packets.
+    std::vector<uint8_t> packets;
+    std::vector<size_t> starts;
+    for (const uint32_t place : scattered(state.range(0), state.range(1) != 0)) {
+        starts.push_back(packets.size());
+        packets.insert(packets.end(), subjects.packed[place].begin(), subjects.packed[place].end());
+    }
+    size_t at = 0;
+    for (auto _ : state) {
+        const uint8_t* subject = packets.data() + starts[at++ % kLookUps];
+        auto* record = reinterpret_cast<Record*>(subjectMapFind(filled.map, subject));
+        benchmark::DoNotOptimize(++record->messages);
+    }
+}
+BENCHMARK(subjectFind)->Args({1000, 0})->Args({200000, 0})->Args({200000, 1});
+
+void subjectInsertAll(benchmark::State& state) {
+    const Subjects subjects(state.range(0));
+    for (auto _ : state) {
+        const FilledMap filled(subjects);
+        benchmark::DoNotOptimize(subjectMapCount(filled.map));
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(subjectInsertAll)->Arg(200000)->Unit(benchmark::kMillisecond);
+
+// Argument: elements of the subject.
+void subjectValidity(benchmark::State& state) {
+    std::string text = "MARKET";
+    for (int64_t i = 1; i < state.range(0); ++i) {
+        text += ".E" + std::to_string(i % 10);
+    }
+    uint8_t subject[kSubjectMaxBytes];
+    if (subjectFromText(subject, sizeof subject, text.c_str()) < 0) std::abort();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(subjectIsValid(subject));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(subjectValidity)->Arg(1)->Arg(5)->Arg(50);
+
+}  // namespace
