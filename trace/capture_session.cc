@@ -47,6 +47,12 @@ void describeSavefile(pcap_t* capture) {
              pcap_minor_version(capture));
 }
 
+// A stream that was never told to seek asks the system for its position again and again: a call for
+// each frame saved. A pipe can't seek and has no position, which is no matter here.
+void rememberPosition(pcap_dumper_t* dump) {
+    (void)std::fseek(pcap_dump_file(dump), 0, SEEK_CUR);
+}
+
 }  // namespace
 
 std::string buildFilter(Texts srcAddrs, Texts dstAddrs, Texts ports) {
@@ -91,7 +97,11 @@ pcap_t* openOffline(const char* path) {
 
 pcap_dumper_t* openDump(pcap_t* capture, const char* path) {
     pcap_dumper_t* const dump = pcap_dump_open(capture, path);
-    if (dump == nullptr) logPrint("pcap_dump_open: %s", pcap_geterr(capture));
+    if (dump == nullptr) {
+        logPrint("pcap_dump_open: %s", pcap_geterr(capture));
+        return nullptr;
+    }
+    rememberPosition(dump);
     return dump;
 }
 
