@@ -1,0 +1,63 @@
+// The counted byte store under every message. A Buffer record comes from the process's pool of such
+// records and has its bytes on the heap; in a private pool its bytes lie behind it in the chunk:
+//
+//     | Buffer, 32 bytes | inline bytes ...   |
+//
+// so that reading off a stream costs one take and nothing else. Without a pool records come from
+// the heap.
+//
+// Ownership: counted. Who creates or retains, releases; the last release frees.
+//
+// Failure: null, or kStatusNoMemory and an unchanged buffer.
+//
+// Threads: the count is atomic, holders let go on any thread. `data` and `size` are changed only by
+// the one holder of a buffer that nobody shares.
+
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "lib/base/status.h"
+
+struct ChunkPool;  // lib/msg/pool.h
+
+struct Buffer {
+    uint8_t* data;  // null while there are no bytes and never were
+    uint32_t size;  // bytes at `data`
+    std::atomic<uint32_t> refCount;
+    ChunkPool* pool;  // of the record; null for one from the heap
+    void* poolOwner;  // the pool's own word, not ours to touch
+};
+
+// No buffer with bytes has fewer.
+constexpr uint32_t kBufferLeastBytes = 32;
+
+// The process's pool of records. Nobody holds a record of it when it goes.
+[[nodiscard]] pelmoStatus bufferPoolCreate();
+void bufferPoolDestroy();
+
+// A pool of records with so many inline bytes each, `count` to a block, for bufferCreateFrom. It is
+// destroyed by poolDestroy. kStatusInvalidArgument for no output, a count of 0 or sizes that no
+// block can have; kStatusNoMemory.
+[[nodiscard]] pelmoStatus bufferPrivatePool(ChunkPool** out, uint32_t count, uint32_t bytes);
+
+// The bytes aren't zeroed. A size of 1 to 31 becomes 32.
+[[nodiscard]] Buffer* bufferCreate(uint32_t size);
+
+// With the bytes inline where they are exactly as many as the pool's; otherwise, and for no pool,
+// as bufferCreate.
+[[nodiscard]] Buffer* bufferCreateFrom(ChunkPool* pool, uint32_t size);
+
+// A new buffer, beginning with a copy of bytes that `source` has and that fit.
+[[nodiscard]] Buffer* bufferClone(const Buffer* source,
+                                  uint32_t sourceOffset,
+                                  uint32_t newSize,
+                                  uint32_t copySize);
+
+// Adds bytes at the end, or takes some away; `data` may move. kStatusNoMemory also for a size that
+// no buffer can have.
+[[nodiscard]] pelmoStatus bufferGrow(Buffer* buffer, int32_t additional);
+
+void bufferRetain(Buffer* buffer);
+void bufferRelease(Buffer* buffer);  // null is ignored
