@@ -163,6 +163,8 @@ class Generator(unittest.TestCase):
         cut = [after for _, after in pairs if len(after.frame) < after.wire_bytes]
         self.assertAlmostEqual(len(cut) / 1000, 0.3, delta=0.05)
         self.assertTrue(all(20 <= len(record.frame) <= 341 for record in cut))
+        self.assertTrue(all(len(record.frame) == record.wire_bytes - 1
+                            for record in self.records("--cut 1 --cut-to 1500")))
         changed = [after for before, after in pairs
                    if before.frame[:len(after.frame)] != after.frame]
         self.assertAlmostEqual(len(changed) / 1000, 0.2, delta=0.05)
@@ -177,9 +179,10 @@ class Generator(unittest.TestCase):
 
     def test_wrong_command_lines_are_refused(self):
         for options in ["", "--out", "--out x --bogus", "--out x --hosts 0", "--out x --hosts 1.",
-                        "--out x --nulls 1.1", "--out x --nulls 0.0000001", "--out x --fields 6-3",
+                        "--out x --hosts 1000001", "--out x --nulls 1.1", "--out x --nulls 0.0000001", "--out x --fields 6-3",
                         "--out x --types i32,i33", "--out x --nulls 0.6 --rreqs 0.6",
-                        "--out x --publishers 11", "--out x --jump 5", "--out x --jump 0:-1800000000",
+                        "--out x --publishers 11", "--out x --jump 5",
+                        "--out x --jump 0:-1800000000",
                         "--out x --elements 40 --element-length 20", "--out x --start 4294967295 --rate 9",
                         "--out x --hosts 1000000 --nets 10000"]:
             run = self.run_it(options)
