@@ -68,7 +68,10 @@ run() {
     "$build/bin/run_usage" "$@" || { echo "failed: $*" >&2 && return 1; }
 }
 
-median() { sort -n | awk '{ value[NR] = $1 } END { print (value[int((NR + 1) / 2)] + value[int((NR + 2) / 2)]) / 2 }'; }
+median() {
+    sort -n | awk '{ value[NR] = $1 }
+        END { print (value[int((NR + 1) / 2)] + value[int((NR + 2) / 2)]) / 2 }'
+}
 calc() { awk "BEGIN { printf \"$1\", $2 }"; }
 
 declare -A toolTime
@@ -94,7 +97,7 @@ compare() {
     rm -r "$scratch"
     local ratio
     ratio=$(calc %.2f "${ns[tool]} / ${ns[sum]}")
-    [ "$bar" = - ] || verdict=$(calc %s "$ratio <= $bar ? \"within\" : \"OVER\"")
+    [ "$bar" = - ] || verdict=$(calc %s "$ratio <= $bar ? \"within\" : \"over\"")
     printf '%-4s %8s %8s %8s %8s %8s %7s %5s %5s %-7s %8s %8s\n' "$name" "$packets" "${ns[tool]}" \
         "${ns[bare]}" "${ns[sum]}" "${ns[wide]}" "$ratio" "$bar" "$aim" "$verdict" \
         "$(calc %.2f "${ns[tool]} / ${ns[bare]}")" "$(calc %.1f "$peak / 1024")"

@@ -179,11 +179,13 @@ class Generator(unittest.TestCase):
 
     def test_wrong_command_lines_are_refused(self):
         for options in ["", "--out", "--out x --bogus", "--out x --hosts 0", "--out x --hosts 1.",
-                        "--out x --hosts 1000001", "--out x --nulls 1.1", "--out x --nulls 0.0000001", "--out x --fields 6-3",
+                        "--out x --hosts 1000001", "--out x --nulls 1.1", "--out x --nulls 0.0000001",
+                        "--out x --fields 6-3",
                         "--out x --types i32,i33", "--out x --nulls 0.6 --rreqs 0.6",
                         "--out x --publishers 11", "--out x --jump 5",
                         "--out x --jump 0:-1800000000",
-                        "--out x --elements 40 --element-length 20", "--out x --start 4294967295 --rate 9",
+                        "--out x --elements 40 --element-length 20",
+                        "--out x --start 4294967295 --rate 9",
                         "--out x --hosts 1000000 --nets 10000"]:
             run = self.run_it(options)
             self.assertEqual((run.returncode, run.stdout), (2, ""), options)
