@@ -3,7 +3,7 @@
 // Which of them, and in which of the two views, the display settings say.
 //
 // It goes to the log stream, or to the standard output stream where the log is on the standard
-// error stream. What counts as printed is flushed, and then the log's rotation is checked.
+// error stream. The stream is flushed, and then the log's rotation is checked.
 //
 // The multicast table teaches the tool which service port a host's SCid belongs to; the
 // retransmission table shows it, in this report and in later ones.

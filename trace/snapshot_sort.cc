@@ -10,8 +10,10 @@
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <span>
+#include <type_traits>
 
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
@@ -44,21 +46,25 @@ void sortKeys(std::span<SortKey> keys) {
     std::sort(keys.begin(), keys.end(), keyBefore);
 }
 
-// Brings each record to the place of its key, one cycle of the exchange after the other. Uses up
-// the keys.
-template <typename Record>
-void moveToKeys(Record* records, std::span<SortKey> keys) {
-    for (uint32_t start = 0; start < keys.size(); ++start) {
-        const Record first = records[start];
-        uint32_t hole = start;
-        for (uint32_t from = keys[hole].index; from != start; from = keys[hole].index) {
-            records[hole] = records[from];
-            keys[hole].index = hole;
-            hole = from;
-        }
-        records[hole] = first;
-        keys[hole].index = hole;
+// Room for the keys and for a copy of the records of the largest array, or none.
+struct Scratch {
+    SortKey* keys = nullptr;
+    void* records = nullptr;
+
+    [[nodiscard]] bool serves(uint32_t count) const {
+        return keys != nullptr && count >= kFewRecords;
     }
+};
+
+// Brings each record to the place of its key. Reading from all over the array and writing in
+// order lets the reads overlap, which following the cycles of the exchange in place wouldn't.
+template <typename Record>
+void moveToKeys(Record* records, uint32_t count, const Scratch& scratch) {
+    auto* moved = static_cast<Record*>(scratch.records);
+    for (uint32_t i = 0; i < count; ++i) {
+        moved[i] = records[scratch.keys[i].index];
+    }
+    std::memcpy(records, moved, count * sizeof(Record));
 }
 
 uint64_t orderWord(const SnapPort& port) {
@@ -74,21 +80,22 @@ uint64_t orderWord(const Host& host) {
     return uint64_t{hostOrder32(host.host)} << 16 | hostOrder16(host.port);
 }
 
-// `keys` has room for all records, or is none.
 template <typename Record>
-void sortRecords(Record* records, uint32_t count, SortKey* keys) {
+void sortRecords(Record* records, uint32_t count, const Scratch& scratch) {
     const auto before = [](const Record& left, const Record& right) {
         return orderWord(left) < orderWord(right);
     };
     if (std::is_sorted(records, records + count, before)) return;
-    if (keys == nullptr || count < kFewRecords) {
+    if (!scratch.serves(count)) {
         std::sort(records, records + count, before);
         return;
     }
-    for (uint32_t i = 0; i < count; ++i)
+    const std::span keys(scratch.keys, count);
+    for (uint32_t i = 0; i < count; ++i) {
         keys[i] = {orderWord(records[i]), 0, i, 0, 0};
-    sortKeys({keys, count});
-    moveToKeys(records, {keys, count});
+    }
+    sortKeys(keys);
+    moveToKeys(records, count, scratch);
 }
 
 // Subjects. One is ordered by its elements' texts, each up to its first NUL and with it, one behind
@@ -100,28 +107,31 @@ void shiftIn(SortKey& key, uint8_t byte) {
     key.low = key.low << 8 | byte;
 }
 
-// Shifts the subject's next bytes into the key. False if there were none left.
+// Shifts the subject's next bytes into the key. False if there were none left. Works on a copy,
+// which no store through a byte pointer could change and which so stays in registers.
 bool takeBytes(SortKey& key, const uint8_t* subject, size_t count) {
     const size_t totalLength = subjectLength(subject);
-    if (key.element == totalLength) {
-        for (; count > 0; --count)
-            shiftIn(key, 0);
-        return false;
+    SortKey taken = key;
+    for (; count > 0 && taken.element < totalLength; --count) {
+        const uint8_t byte = subject[taken.next++];
+        shiftIn(taken, byte);
+        if (byte != 0) continue;
+        taken.element = static_cast<uint16_t>(taken.element + subject[taken.element]);
+        taken.next = static_cast<uint16_t>(taken.element + 1);
     }
     for (; count > 0; --count) {
-        const uint8_t byte = key.element < totalLength ? subject[key.next++] : uint8_t{0};
-        shiftIn(key, byte);
-        if (byte != 0 || key.element >= totalLength) continue;
-        key.element = static_cast<uint16_t>(key.element + subject[key.element]);
-        key.next = static_cast<uint16_t>(key.element + 1);
+        shiftIn(taken, 0);
     }
-    return true;
+    const bool any = key.element < totalLength;
+    key = taken;
+    return any;
 }
 
 bool takeBytesOfAll(std::span<SortKey> keys, const SnapSubject* subjects, size_t count) {
     bool any = false;
-    for (SortKey& key : keys)
+    for (SortKey& key : keys) {
         any |= takeBytes(key, subjects[key.index].subject, count);
+    }
     return any;
 }
 
@@ -160,8 +170,9 @@ void sortSubjectKeys(std::span<SortKey> keys, const SnapSubject* subjects) {
     }
     sortKeys(keys);
     for (size_t start = 0, end = 0; start < keys.size(); start = end) {
-        while (end < keys.size() && sameKey(keys[end], keys[start]))
+        while (end < keys.size() && sameKey(keys[end], keys[start])) {
             ++end;
+        }
         if (end - start > 1) sortSubjectKeys(keys.subspan(start, end - start), subjects);
     }
 }
@@ -170,44 +181,48 @@ bool subjectBefore(const SnapSubject& left, const SnapSubject& right) {
     return subjectCompare(left.subject, right.subject) < 0;
 }
 
-void sortSubjects(SnapSubject* subjects, uint32_t count, SortKey* keys) {
-    if (keys == nullptr || count < kFewRecords) {
+void sortSubjects(SnapSubject* subjects, uint32_t count, const Scratch& scratch) {
+    if (!scratch.serves(count)) {
         std::sort(subjects, subjects + count, subjectBefore);
         return;
     }
-    for (uint32_t i = 0; i < count; ++i)
+    const std::span keys(scratch.keys, count);
+    for (uint32_t i = 0; i < count; ++i) {
         keys[i] = {0, 0, i, kSubjectHeadBytes, kSubjectHeadBytes + 1};
-    sortSubjectKeys({keys, count}, subjects);
-    moveToKeys(subjects, {keys, count});
-}
-
-void sortNet(SnapNet& net, SortKey* keys) {
-    sortRecords(net.hosts, net.hostCount, keys);
-    for (SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-        sortRecords(subject.hosts, subject.hostCount, keys);
     }
-    sortSubjects(net.subjects, net.subjectCount, keys);
+    sortSubjectKeys(keys, subjects);
+    moveToKeys(subjects, count, scratch);
 }
 
-void sortPort(SnapPort& port, SortKey* keys) {
-    sortRecords(port.nets, port.netCount, keys);
-    for (SnapNet& net : std::span(port.nets, port.netCount))
-        sortNet(net, keys);
-    sortRecords(port.rlHosts, port.rlHostCount, keys);
-    sortRecords(port.ptpHosts, port.ptpHostCount, keys);
-}
-
-uint32_t largestArray(const SnapHeader& snapshot) {
-    uint32_t largest = snapshot.portCount;
+// What has an order: `visit` gets each array of the Snapshot and its count, parents first.
+template <typename Visit>
+void eachArray(const SnapHeader& snapshot, Visit visit) {
+    visit(snapshot.ports, snapshot.portCount);
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
-        largest = std::max({largest, port.netCount, port.rlHostCount, port.ptpHostCount});
+        visit(port.nets, port.netCount);
+        visit(port.rlHosts, port.rlHostCount);
+        visit(port.ptpHosts, port.ptpHostCount);
         for (const SnapNet& net : std::span(port.nets, port.netCount)) {
-            largest = std::max({largest, net.hostCount, net.subjectCount});
+            visit(net.hosts, net.hostCount);
             for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-                largest = std::max(largest, subject.hostCount);
+                visit(subject.hosts, subject.hostCount);
             }
+            visit(net.subjects, net.subjectCount);
         }
     }
+}
+
+struct Largest {
+    uint32_t count = 0;
+    size_t bytes = 0;
+};
+
+Largest findLargest(const SnapHeader& snapshot) {
+    Largest largest;
+    eachArray(snapshot, [&](const auto* records, uint32_t count) {
+        largest.count = std::max(largest.count, count);
+        largest.bytes = std::max(largest.bytes, count * sizeof *records);
+    });
     return largest;
 }
 
@@ -218,13 +233,21 @@ struct Free {
 }  // namespace
 
 void snapshotSort(SnapHeader* snapshot) {
-    const uint32_t largest = largestArray(*snapshot);
-    std::unique_ptr<SortKey[], Free> keys;
-    if (largest >= kFewRecords) {
-        keys.reset(static_cast<SortKey*>(std::malloc(size_t{largest} * sizeof(SortKey))));
+    const Largest largest = findLargest(*snapshot);
+    const size_t keyBytes = largest.count * sizeof(SortKey);
+    std::unique_ptr<uint8_t, Free> block;
+    Scratch scratch;
+    if (largest.count >= kFewRecords) {
+        block.reset(static_cast<uint8_t*>(std::malloc(keyBytes + largest.bytes)));
     }
-    sortRecords(snapshot->ports, snapshot->portCount, keys.get());
-    for (SnapPort& port : std::span(snapshot->ports, snapshot->portCount)) {
-        sortPort(port, keys.get());
+    if (block != nullptr) {
+        scratch = {reinterpret_cast<SortKey*>(block.get()), block.get() + keyBytes};
     }
+    eachArray(*snapshot, [&](auto* records, uint32_t count) {
+        if constexpr (std::is_same_v<decltype(records), SnapSubject*>) {
+            sortSubjects(records, count, scratch);
+        } else {
+            sortRecords(records, count, scratch);
+        }
+    });
 }

@@ -74,8 +74,9 @@ struct BuiltSnapshot {
         subjects.clear();
         nets.clear();
         snapPorts.clear();
-        for (BuiltPort& port : ports)
+        for (BuiltPort& port : ports) {
             snapPorts.push_back(linkPort(port));
+        }
         head = {from, to, 0, 0, sizeOf(snapPorts), snapPorts.data()};
         return &head;
     }
@@ -87,8 +88,9 @@ struct BuiltSnapshot {
 
     SnapPort linkPort(BuiltPort& port) {
         std::vector<SnapNet> linked;
-        for (BuiltNet& net : port.nets)
+        for (BuiltNet& net : port.nets) {
             linked.push_back(linkNet(net));
+        }
         std::vector<SnapNet>& kept = nets.emplace_back(std::move(linked));
         return {htons(port.port),     sizeOf(kept),        kept.data(),
                 sizeOf(port.rlHosts), port.rlHosts.data(), sizeOf(port.ptpHosts),

@@ -18,8 +18,9 @@ constexpr size_t kSubjectBytesMax = 255;
 // subjects do.
 Elements seen(const Elements& elements) {
     Elements cut;
-    for (const std::string& element : elements)
+    for (const std::string& element : elements) {
         cut.emplace_back(element.c_str());
+    }
     return cut;
 }
 
@@ -46,8 +47,9 @@ void expectSorted(const std::vector<Elements>& subjects) {
     const std::vector<size_t> places = sortSubjects(subjects);
     std::vector<size_t> all = places;
     std::sort(all.begin(), all.end());
-    for (size_t i = 0; i < subjects.size(); ++i)
+    for (size_t i = 0; i < subjects.size(); ++i) {
         ASSERT_EQ(all.at(i), i);
+    }
     for (size_t i = 1; i < places.size(); ++i) {
         ASSERT_LE(seen(subjects[places[i - 1]]), seen(subjects[places[i]])) << "at " << i;
     }
@@ -119,8 +121,9 @@ TEST(SnapshotSort, OrdersSubjectsElementByElement) {
     for (int round = 0; round < 20; ++round) {
         std::shuffle(shuffled.begin(), shuffled.end(), random.engine);
         const std::vector<size_t> places = sortSubjects(shuffled);
-        for (size_t i = 0; i < places.size(); ++i)
+        for (size_t i = 0; i < places.size(); ++i) {
             ASSERT_EQ(shuffled[places[i]], inOrder[i]) << i;
+        }
     }
 }
 
@@ -130,12 +133,13 @@ TEST(SnapshotSort, OrdersAnySubjectsWithMemoryAndWithout) {
                                  Elements(100, ""),
                                  {std::string(120, 'p'), std::string(90, 'q')}};
     Random random;
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 60; ++round) {
         const Elements& prefix = prefixes[random.below(4)];
         const size_t lengthMax = random.below(20);
         std::vector<Elements> subjects(random.below(300));
-        for (Elements& subject : subjects)
+        for (Elements& subject : subjects) {
             subject = random.subject(lengthMax, prefix);
+        }
 
         expectSorted(subjects);
         std::sort(subjects.begin(), subjects.end());
@@ -188,13 +192,14 @@ std::vector<Host> hostsInOrder(size_t count, uint64_t Host::*counter) {
 
 template <typename Host>
 void expectInOrder(const Host* hosts, size_t count, uint64_t Host::*counter) {
-    for (size_t i = 0; i < count; ++i)
+    for (size_t i = 0; i < count; ++i) {
         ASSERT_EQ(hosts[i].*counter, i);
+    }
 }
 
 TEST(SnapshotSort, OrdersAddressesAsUnsignedNumbersAndMovesWholeRecords) {
     Random random;
-    for (const size_t count : {0, 1, 2, 15, 16, 17, 300}) {
+    for (const size_t count : std::initializer_list<size_t>{0, 1, 2, 15, 16, 17, 300}) {
         auto hosts = hostsInOrder(count, &SnapHost::rbytes);
         auto rlHosts = hostsInOrder(count, &SnapRlHost::rrejRecv);
         auto ptpHosts = hostsInOrder(count, &SnapPtpHost::ackRecv);
