@@ -130,4 +130,18 @@ TEST(HostStatus, TakesMultiplesOfFour) {
     EXPECT_EQ(net.statusCount, 6u);
 }
 
+// Room for this message and for four of its size, once the padding behind it might not fit.
+TEST(HostStatus, GrowsByFourMessages) {
+    for (const auto& [second, capacity] : {std::pair{33u, 48u}, {34u, 48u + 4 * 34}}) {
+        TraceRun run;
+        NetEntry& net = someNet();
+        for (const uint32_t sizeBytes : {12u, second}) {
+            const Bytes bytes = joined({be32(sizeBytes), Bytes(sizeBytes - 4, 0xcc)});
+            hostStatusStore(net, bytes.data(), sizeBytes);
+        }
+        EXPECT_EQ(net.statusCapacity, capacity);
+        EXPECT_EQ(net.statusCount, 2u);
+    }
+}
+
 }  // namespace

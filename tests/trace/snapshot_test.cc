@@ -297,6 +297,14 @@ TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
     EXPECT_EQ(take().size(), 6u);
 }
 
+TEST(Snapshot, HalvesOnlyBelowHalf) {
+    TraceRun run;
+    EXPECT_NE(snapshotStorage(16384), nullptr);
+    EXPECT_EQ(snapshotStorageCapacity(), 32768u);
+    EXPECT_NE(snapshotStorage(16383), nullptr);
+    EXPECT_EQ(snapshotStorageCapacity(), 16384u);
+}
+
 TEST(Snapshot, AllocatesNothingInTheSteadyState) {
     TraceRun run;
     for (uint32_t seq = 1; seq < 4; ++seq) {
