@@ -135,6 +135,7 @@ void copyHost(uint64_t key, HostEntry& host, SnapHost& to) {
     // What is known of the sender outlives the interval.
     const HostEntry kept = host;
     host = {};
+    host.key = kept.key;
     host.epoch = kept.epoch;
     host.lastSeq = kept.lastSeq;
     host.reliability = kept.reliability;

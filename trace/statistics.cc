@@ -87,6 +87,7 @@ void freePort(PortEntry* port) {
 
 void freeNet(NetEntry* net) {
     dict64Destroy(net->hosts);
+    probeClear(net->hostIndex);
     subjectMapDestroy(net->subjects);
     std::free(net->statusBuf);
     std::free(net);
@@ -133,6 +134,18 @@ NetEntry* createNet(PortEntry& port, uint32_t dstIp) {
     if (whole && stored(dict32Insert(port.nets, dstIp, net), "net")) return net;
     freeNet(net);
     return nullptr;
+}
+
+// Room in the index is made first: then only the dictionary can refuse the record.
+HostEntry* createHost(NetEntry& net, uint64_t key) {
+    Owned<HostEntry> made = makeRecord<HostEntry>("host");
+    if (made == nullptr) return nullptr;
+    made->key = key;
+    const bool room = probeReserve(net.hostIndex, net.hostIndex.count + 1);
+    const pelmoStatus status = room ? dict64Insert(net.hosts, key, made.get()) : kStatusNoMemory;
+    if (!stored(status, "host")) return nullptr;
+    (void)probeInsert(net.hostIndex, probeHashKey(key), made.get());
+    return made.release();
 }
 
 SubjectEntry* createSubject(NetEntry& net, const uint8_t* packed, uint64_t firstKey) {
@@ -208,7 +221,10 @@ NetEntry* netEntry(PortEntry& port, uint32_t dstIp) {
 }
 
 HostEntry* hostEntry(NetEntry& net, uint32_t srcIp, uint16_t srcPort) {
-    return plainEntry<HostEntry>(net.hosts, hostKey(srcIp, srcPort), "host", "host");
+    const uint64_t key = hostKey(srcIp, srcPort);
+    const auto matches = [key](void* host) { return static_cast<HostEntry*>(host)->key == key; };
+    void* found = probeFind(net.hostIndex, probeHashKey(key), matches);
+    return found != nullptr ? static_cast<HostEntry*>(found) : createHost(net, key);
 }
 
 RlHostEntry* rlHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort) {

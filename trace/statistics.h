@@ -34,6 +34,7 @@
 #include "lib/base/lock.h"
 #include "lib/base/status.h"
 #include "lib/containers/dict.h"
+#include "lib/containers/probe_index.h"
 #include "lib/containers/subject_map.h"
 
 struct PortEntry {
@@ -46,6 +47,7 @@ struct PortEntry {
 struct NetEntry {
     uint32_t live;
     Dict64* hosts;
+    ProbeIndex hostIndex;  // of the same records: where a packet finds its sender in one step
     SubjectMap* subjects;
 
     // Host status messages held for the next snapshot, one behind the other, each on a 4-byte
@@ -61,6 +63,7 @@ struct HostEntry {
     uint32_t live;
 
     // What is known of the sender; outlives snapshots.
+    uint64_t key;        // hostKey
     uint32_t epoch;      // last epoch word, host order
     uint32_t lastSeq;    // highest sequence number of this epoch
     double reliability;  // of the last null packet that told it
