@@ -190,7 +190,8 @@ pelmoStatus pelmoMsg_ClearReferences(pelmoMsg* msg);
 
 // For the library's own floors. They want a sound message where they don't say otherwise.
 
-// The pool of message objects. Without it they come from the heap.
+// The pool of message objects, made before other threads run; nobody holds one of it when it goes.
+// Without it they come from the heap.
 [[nodiscard]] pelmoStatus msgPoolCreate();
 void msgPoolDestroy();
 

@@ -1,0 +1,271 @@
+#include "lib/msg/message.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "lib/base/bytes.h"
+#include "lib/containers/i32map.h"
+#include "lib/msg/buffer.h"
+#include "lib/msg/message_parts.h"
+#include "lib/msg/pool.h"
+#include "lib/msg/trace_ops.h"
+
+namespace {
+
+constexpr uint32_t kObjectsPerBlock = 1000;
+constexpr uint32_t kLeastBlocks = 1;
+constexpr uint32_t kObjectsAtATime = 100;
+
+// Null: objects come from the heap. Constant while other threads run.
+ChunkPool* objectPool = nullptr;
+
+void* takeZeroed() {
+    if (objectPool == nullptr) return std::calloc(1, sizeof(pelmoMsg));
+    void* object = poolTake(objectPool, __FILE__, __LINE__);
+    if (object != nullptr) std::memset(object, 0, offsetof(pelmoMsg, poolOwner));
+    return object;
+}
+
+pelmoMsg* takeObject() {
+    auto* msg = static_cast<pelmoMsg*>(takeZeroed());
+    if (msg == nullptr) return nullptr;
+    msg->magic = kMessageMagic;
+    msg->refCount.store(1, std::memory_order_relaxed);
+    msg->userOwned = 1;
+    return msg;
+}
+
+// By its own word: the pool may have come after the object.
+void giveObject(pelmoMsg* msg) {
+    if (msg->poolOwner == nullptr) {
+        std::free(msg);
+    } else {
+        poolGive(objectPool, msg, __FILE__, __LINE__);
+    }
+}
+
+void freeMessage(pelmoMsg* msg) {
+    traceLine(kTraceMsg, "Message %p destroyed", tracePointer(msg));
+    msg->magic = kMessageDead;
+    bufferRelease(msg->buffer);
+    msgCutBackAll(msg);
+    msgDropMarks(msg);
+    i32mapDestroy(msg->idMap);
+    if (msg->index != msg->inlineIndex) std::free(msg->index);
+    giveObject(msg);
+}
+
+void writeEmptyHead(pelmoMsg* msg) {
+    msg->length = kMessageHeadBytes;
+    storeBe32At(msgImage(msg), kMessageHeadBytes);
+    storeBe32At(msgImage(msg) + 4, kMessageMagic);
+}
+
+// The fields that show are none, and the index says so.
+void indexEmpty(pelmoMsg* msg) {
+    if (msg->index == nullptr) {
+        msg->index = msg->inlineIndex;
+        msg->indexCapacity = kInlineIndexEntries;
+    }
+    if (msg->idMap != nullptr) i32mapClear(msg->idMap);
+    msg->fieldCount = 0;
+    msg->indexValid = 1;
+}
+
+// From an image whose head has been checked.
+pelmoStatus copyImage(pelmoMsg** out, const uint8_t* image, uint32_t length) {
+    pelmoMsg* msg = nullptr;
+    const pelmoStatus status = msgCreateRaw(&msg, length);
+    if (status != kStatusSuccess) return status;
+    std::memcpy(msgImage(msg), image, length);
+    msg->length = length;
+    msg->indexValid = 0;
+    *out = msg;
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+pelmoStatus msgPoolCreate() {
+    if (objectPool != nullptr) return kStatusSuccess;
+    objectPool = poolCreate(kObjectsPerBlock, sizeof(pelmoMsg), offsetof(pelmoMsg, poolOwner),
+                            nullptr, nullptr, kLeastBlocks, kObjectsAtATime, __FILE__, __LINE__);
+    return objectPool != nullptr ? kStatusSuccess : kStatusNoMemory;
+}
+
+void msgPoolDestroy() {
+    poolDestroy(objectPool, __FILE__, __LINE__);
+    objectPool = nullptr;
+}
+
+pelmoStatus msgCreateRaw(pelmoMsg** out, uint32_t size) {
+    Buffer* buffer = bufferCreate(size < kMessageLeastBytes ? kMessageLeastBytes : size);
+    if (buffer == nullptr) return kStatusNoMemory;
+    pelmoMsg* msg = takeObject();
+    if (msg == nullptr) {
+        bufferRelease(buffer);
+        return kStatusNoMemory;
+    }
+    msg->buffer = buffer;
+    msg->capacity = buffer->size;
+    writeEmptyHead(msg);
+    indexEmpty(msg);
+    traceLine(kTraceMsg, "Message %p created", tracePointer(msg));
+    *out = msg;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_Create(pelmoMsg** out) {
+    traceLine(kTraceMsg, "pelmoMsg_Create(%p)", tracePointer(out));
+    if (out == nullptr) return kStatusInvalidArgument;
+    return msgCreateRaw(out, kMessageDefaultBytes);
+}
+
+pelmoStatus pelmoMsg_CreateEx(pelmoMsg** out, uint32_t size) {
+    traceLine(kTraceMsg, "pelmoMsg_CreateEx(%p, %u)", tracePointer(out), size);
+    if (out == nullptr) return kStatusInvalidArgument;
+    return msgCreateRaw(out, size);
+}
+
+pelmoStatus pelmoMsg_CreateFromBytes(pelmoMsg** out, const void* bytes) {
+    traceLine(kTraceMsg, "pelmoMsg_CreateFromBytes(%p, %p)", tracePointer(out), bytes);
+    if (out == nullptr) return kStatusInvalidArgument;
+    const auto* image = static_cast<const uint8_t*>(bytes);
+    if (image == nullptr || loadBe32At(image + 4) != kMessageMagic) return kStatusInvalidMessage;
+    const uint32_t length = loadBe32At(image);
+    if (length < kMessageHeadBytes) return kStatusCorruptMessage;
+    return copyImage(out, image, length);
+}
+
+pelmoStatus pelmoMsg_CreateCopy(pelmoMsg* msg, pelmoMsg** out) {
+    traceLine(kTraceMsg, "pelmoMsg_CreateCopy(%p, %p)", tracePointer(msg), tracePointer(out));
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    msgFlush(msg);
+    return copyImage(out, msgImage(msg) + msg->dataOffset, msg->length - msg->dataOffset);
+}
+
+pelmoStatus msgCreateOverBuffer(pelmoMsg** out, Buffer* buffer, uint32_t offset) {
+    if (out == nullptr || buffer == nullptr) return kStatusInvalidArgument;
+    if (offset > buffer->size || buffer->size - offset < kMessageHeadBytes) {
+        return kStatusInvalidMessage;
+    }
+    const uint8_t* image = buffer->data + offset;
+    if (loadBe32At(image + 4) != kMessageMagic) return kStatusInvalidMessage;
+    const uint32_t length = loadBe32At(image);
+    if (length < kMessageHeadBytes || length > buffer->size - offset) return kStatusCorruptMessage;
+
+    pelmoMsg* msg = takeObject();
+    if (msg == nullptr) return kStatusNoMemory;
+    bufferRetain(buffer);
+    msg->buffer = buffer;
+    msg->base = offset;
+    msg->capacity = length;
+    msg->length = length;
+    traceLine(kTraceMsg, "Message %p created", tracePointer(msg));
+    *out = msg;
+    return kStatusSuccess;
+}
+
+pelmoStatus msgShareCopy(pelmoMsg** out, pelmoMsg* msg) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    pelmoMsg* copy = takeObject();
+    if (copy == nullptr) return kStatusNoMemory;
+    msgFlush(msg);
+    bufferRetain(msg->buffer);
+    copy->buffer = msg->buffer;
+    copy->base = msg->base;
+    copy->dataOffset = msg->dataOffset;
+    copy->capacity = msg->capacity;
+    copy->length = msg->length;
+    copy->limitAdvisory = msg->limitAdvisory;
+    copy->bufferRefs = msg->bufferRefs;
+    copy->sendSubjectOffset = msg->sendSubjectOffset;
+    copy->replySubjectOffset = msg->replySubjectOffset;
+    copy->mtypeOffset = msg->mtypeOffset;
+    traceLine(kTraceMsg, "Message %p created as copy of %p", tracePointer(copy), tracePointer(msg));
+    *out = copy;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_Destroy(pelmoMsg* msg) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (msg->userOwned != 1) {
+        traceLine(kTraceMsg, "pelmoMsg_Destroy(%p), not permitted", tracePointer(msg));
+        return kStatusNotPermitted;
+    }
+    traceLine(kTraceMsg, "pelmoMsg_Destroy(%p)", tracePointer(msg));
+    msg->magic = kMessageDead;
+    msgRelease(msg);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_Detach(pelmoMsg* msg) {
+    traceLine(kTraceMsg, "pelmoMsg_Detach(%p)", tracePointer(msg));
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (msg->userOwned == 1) return kStatusNotPermitted;
+    const pelmoStatus status = msgPrepareShared(msg);
+    if (status != kStatusSuccess) return status;
+    msgRetain(msg);
+    msgSetOwned(msg);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_Reset(pelmoMsg* msg) {
+    traceLine(kTraceMsg, "pelmoMsg_Reset(%p)", tracePointer(msg));
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    // Pointers into the image are let go of below; they alone are no reason for another buffer.
+    const uint32_t heldRefs = msg->bufferRefs;
+    msg->bufferRefs = 0;
+    const pelmoStatus status = msgMakeWritable(msg);
+    if (status != kStatusSuccess) {
+        msg->bufferRefs = heldRefs;
+        return status;
+    }
+    msgShowOuter(msg);
+    msg->sourcePortOffset = 0;
+    writeEmptyHead(msg);
+    indexEmpty(msg);
+    msgCutBackAll(msg);
+    return kStatusSuccess;
+}
+
+void msgShowOuter(pelmoMsg* msg) {
+    msg->sendSubjectOffset = 0;
+    msg->replySubjectOffset = 0;
+    msg->mtypeOffset = 0;
+    msg->dataOffset = 0;
+    msg->indexValid = 0;
+}
+
+void msgRetain(pelmoMsg* msg) {
+    msg->refCount.fetch_add(1, std::memory_order_relaxed);
+}
+
+void msgRelease(pelmoMsg* msg) {
+    if (msg == nullptr) return;
+    // The last holder has to see what the others did with the object.
+    if (msg->refCount.fetch_sub(1, std::memory_order_acq_rel) == 1) freeMessage(msg);
+}
+
+void msgSetOwned(pelmoMsg* msg) {
+    msg->userOwned = 1;
+}
+
+void msgClearOwned(pelmoMsg* msg) {
+    msg->userOwned = 0;
+}
+
+pelmoStatus msgPrepareShared(pelmoMsg* msg) {
+    return msgIsValid(msg) ? kStatusSuccess : kStatusInvalidMessage;
+}
+
+void msgSetLimitAdvisory(pelmoMsg* msg) {
+    msg->limitAdvisory |= 1;
+}
+
+bool msgIsLimitAdvisory(const pelmoMsg* msg) {
+    return (msg->limitAdvisory & 1) != 0;
+}

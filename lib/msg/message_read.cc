@@ -1,0 +1,172 @@
+// Reads: the decoder gives the value, the message takes over what is behind it.
+
+#include <cstring>
+
+#include "lib/msg/buffer.h"
+#include "lib/msg/codec.h"
+#include "lib/msg/message.h"
+#include "lib/msg/message_parts.h"
+#include "lib/msg/trace_ops.h"
+
+namespace {
+
+pelmoStatus keepMessage(pelmoMsg* msg, pelmoMsg* subMessage) {
+    msgClearOwned(subMessage);
+    const pelmoStatus status = msgListAdd(msg->subMessages, subMessage);
+    if (status != kStatusSuccess) msgRelease(subMessage);
+    return status;
+}
+
+// Makes an object of a nested message, whose first byte lies in the image.
+pelmoStatus openNested(pelmoMsg* msg, const void* image, pelmoMsg*& out) {
+    const auto offset = static_cast<const uint8_t*>(image) - msg->buffer->data;
+    pelmoMsg* nested = nullptr;
+    pelmoStatus status = msgCreateOverBuffer(&nested, msg->buffer, static_cast<uint32_t>(offset));
+    if (status != kStatusSuccess) return status;
+    status = keepMessage(msg, nested);
+    if (status == kStatusSuccess) out = nested;
+    return status;
+}
+
+// The list's pointers into the image become pointers to objects.
+pelmoStatus openEach(pelmoMsg* msg, void* list, uint32_t count) {
+    auto* slot = static_cast<uint8_t*>(list);
+    for (uint32_t i = 0; i < count; ++i, slot += sizeof(void*)) {
+        const void* image = nullptr;
+        std::memcpy(&image, slot, sizeof image);
+        pelmoMsg* nested = nullptr;
+        const pelmoStatus status = openNested(msg, image, nested);
+        if (status != kStatusSuccess) return status;
+        std::memcpy(slot, &nested, sizeof nested);
+    }
+    return kStatusSuccess;
+}
+
+pelmoStatus keepInImage(pelmoMsg* msg, pelmoMsgField& field) {
+    void* data = const_cast<void*>(field.data.pointer);
+    switch (field.type) {
+        case FIELD_MSG: {
+            // The head's lengths are written while nobody else looks at the buffer.
+            msgFlush(msg);
+            pelmoMsg* nested = nullptr;
+            const pelmoStatus status = openNested(msg, data, nested);
+            field.data.pointer = nested;
+            return status;
+        }
+        case FIELD_MSGARRAY: {
+            msgFlush(msg);
+            const pelmoStatus status = msgKeepBlock(msg, data);
+            return status == kStatusSuccess ? openEach(msg, data, field.count) : status;
+        }
+        case FIELD_STRINGARRAY: {
+            const pelmoStatus status = msgKeepBlock(msg, data);
+            if (status == kStatusSuccess) ++msg->bufferRefs;
+            return status;
+        }
+        default:
+            ++msg->bufferRefs;
+            return kStatusSuccess;
+    }
+}
+
+// Arrays of bytes come as values do, and point into the image all the same.
+bool pointsIntoImage(const pelmoMsgField& field) {
+    return (field.type == FIELD_I8ARRAY || field.type == FIELD_U8ARRAY) &&
+           field.data.pointer != nullptr;
+}
+
+pelmoStatus keepData(pelmoMsg* msg, pelmoMsgField& field, Disposition disposition) {
+    void* data = const_cast<void*>(field.data.pointer);
+    switch (disposition) {
+        case kDataByValue:
+            if (pointsIntoImage(field)) ++msg->bufferRefs;
+            return kStatusSuccess;
+        case kDataOwnedBlock:
+            return msgKeepBlock(msg, data);
+        case kDataMessage:
+            return keepMessage(msg, static_cast<pelmoMsg*>(data));
+        case kDataInImage:
+            return keepInImage(msg, field);
+    }
+    return kStatusDecoderFailed;
+}
+
+// Where an operation on the fields begins.
+pelmoStatus beginRead(pelmoMsg* msg, const pelmoMsgField* field) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (field == nullptr) return kStatusInvalidField;
+    return msgParse(msg);
+}
+
+}  // namespace
+
+pelmoStatus msgReadField(pelmoMsg* msg,
+                         uint32_t position,
+                         pelmoMsgField& field,
+                         NameWanted nameWanted) {
+    const FieldIndexEntry& entry = msg->index[position];
+    const uint8_t* image = msgImage(msg);
+    const uint8_t* type = image + fieldTypeOffset(entry);
+    const FieldDecoder decode = fieldDecoders[*type];
+    if (decode == nullptr) return kStatusInvalidType;
+
+    const bool named = nameWanted == NameWanted::kYes && entry.nameSize != 0;
+    pelmoMsgField read;
+    if (named) read.name = reinterpret_cast<const char*>(image + entry.nameOffset);
+    read.type = *type;
+    read.id = entry.id;
+    ReadCursor cursor{type + 1, image + fieldEndOffset(msg, position)};
+    Disposition disposition = kDataByValue;
+    pelmoStatus status = decode(cursor, read, disposition);
+    if (status != kStatusSuccess) return status;
+
+    const ReferenceMark before = msgMark(msg);
+    status = keepData(msg, read, disposition);
+    if (status != kStatusSuccess) {
+        msgCutBack(msg, before);
+        return status;
+    }
+    if (named) ++msg->bufferRefs;
+    field = read;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_GetFieldEx(pelmoMsg* msg,
+                                const char* name,
+                                pelmoMsgField* field,
+                                uint16_t id) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_GetFieldEx(%p, \"%s\", %p, %u)", tracePointer(msg),
+              traceText(name), tracePointer(field), id);
+    pelmoStatus status = beginRead(msg, field);
+    if (status != kStatusSuccess) return status;
+    uint32_t position = 0;
+    status = msgFind(msg, name, id, position);
+    if (status != kStatusSuccess) return status;
+    return msgReadField(msg, position, *field, NameWanted::kYes);
+}
+
+pelmoStatus pelmoMsg_GetFieldByIndex(pelmoMsg* msg, pelmoMsgField* field, uint32_t index) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_GetFieldByIndex(%p, %p, %u)", tracePointer(msg),
+              tracePointer(field), index);
+    const pelmoStatus status = beginRead(msg, field);
+    if (status != kStatusSuccess) return status;
+    if (index >= msg->fieldCount) return kStatusNotFound;
+    return msgReadField(msg, index, *field, NameWanted::kYes);
+}
+
+pelmoStatus pelmoMsg_GetFieldInstance(pelmoMsg* msg,
+                                      const char* name,
+                                      pelmoMsgField* field,
+                                      uint32_t instance) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_GetFieldInstance(%p, \"%s\", %p, %u)", tracePointer(msg),
+              traceText(name), tracePointer(field), instance);
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (field == nullptr) return kStatusInvalidField;
+    if (instance == 0) return kStatusInvalidInstance;
+    pelmoStatus status = msgParse(msg);
+    if (status != kStatusSuccess) return status;
+    uint32_t position = 0;
+    status = msgFindInstance(msg, name, instance, position);
+    if (status != kStatusSuccess) return status;
+    return msgReadField(msg, position, *field, NameWanted::kYes);
+}

@@ -1,0 +1,282 @@
+// What messages take from the heap, what they do when it gives nothing, and what they keep.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/buffer.h"
+#include "lib/msg/message.h"
+#include "lib/msg/message_typed.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/message_values.h"
+
+namespace {
+
+template <typename Work>
+size_t allocationsOf(Work work) {
+    FailAlloc count{.after = kNeverFails};
+    work();
+    allocationsHeal();
+    return allocationsCounted();
+}
+
+const char* const kTenNames[] = {"alpha", "bravo", "charlie", "delta", "echo",
+                                 "fox",   "golf",  "hotel",   "india", "juliet"};
+
+void addTen(pelmoMsg* msg) {
+    uint16_t id = 0;
+    for (const char* name : kTenNames) {
+        ++id;
+        ASSERT_EQ(pelmoMsg_AddI32(msg, name, id, id), kStatusSuccess);
+    }
+}
+
+// Something of each kind that a read keeps track of.
+Bytes richImage() {
+    const Bytes inner = imageOf({recordOf("x", 0, *stringValue("inner"))});
+    return imageOf({
+        recordOf("i", 1, *scalarValue(FIELD_I32, &FieldData::i32, 7)),
+        recordOf("s", 2, *stringValue("text")),
+        recordOf("u", 0, *arrayValue(FIELD_U8ARRAY, 1, {1, 2, 3})),
+        recordOf("n", 0, *arrayValue(FIELD_I32ARRAY, 4, patternBytes(40, 1))),
+        recordOf("t", 0, *stringArrayValue({"one", "two"})),
+        recordOf("m", 3, *messageValue(inner)),
+        recordOf("l", 0, *messageArrayValue({inner, inner})),
+    });
+}
+
+TEST(MessageMemory, BuildsAnewWithoutTheHeap) {
+    const Message msg = newMessage();
+    addTen(msg.get());
+    EXPECT_EQ(allocationsOf([&] {
+                  ASSERT_EQ(pelmoMsg_Reset(msg.get()), kStatusSuccess);
+                  addTen(msg.get());
+              }),
+              0u);
+}
+
+TEST(MessageMemory, ReadsAReceivedMessageWithoutTheHeap) {
+    Message sent = newMessage();
+    for (const char* name : kTenNames) {
+        ASSERT_EQ(pelmoMsg_AddI64(sent.get(), name, name[0], 0), kStatusSuccess);
+    }
+    const pelmoMsgDateTime now = {1, 0};
+    ASSERT_EQ(pelmoMsg_AddDateTime(sent.get(), "now", &now, 0), kStatusSuccess);
+    Buffer* buffer = msgFlushBuffer(sent.get());
+    const size_t object = allocationsOf([&] {
+        pelmoMsg* msg = nullptr;
+        ASSERT_EQ(msgCreateOverBuffer(&msg, buffer, 0), kStatusSuccess);
+        int64_t wide = 0;
+        int32_t narrow = 0;
+        double real = 0;
+        pelmoMsgDateTime time;
+        EXPECT_EQ(pelmoMsg_GetI64(msg, "echo", &wide, 0), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_GetI32(msg, "juliet", &narrow, 0), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_GetF64(msg, "alpha", &real, 0), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_GetDateTime(msg, "now", &time, 0), kStatusSuccess);
+        EXPECT_EQ(wide + narrow, 'e' + 'j');
+        EXPECT_EQ(pelmoMsg_Destroy(msg), kStatusSuccess);
+    });
+    EXPECT_LE(object, 1u);  // the object itself, where there is no pool
+    EXPECT_EQ(buffer->refCount.load(), 1u);
+}
+
+TEST(MessageMemory, IndexesSixteenFieldsInTheObject) {
+    const Message msg = newMessage();
+    ASSERT_EQ(pelmoMsg_Expand(msg.get(), 1000), kStatusSuccess);
+    const auto addOne = [&] { EXPECT_EQ(pelmoMsg_AddI8(msg.get(), "f", 1, 0), kStatusSuccess); };
+    for (uint32_t i = 0; i < kInlineIndexEntries; ++i) {
+        EXPECT_EQ(allocationsOf(addOne), 0u) << i;
+    }
+    EXPECT_EQ(allocationsOf(addOne), 1u);
+    const Message parsed = messageFrom(imageOf(msg.get()));
+    EXPECT_EQ(msgParse(parsed.get()), kStatusSuccess);
+    EXPECT_EQ(parsed->fieldCount, kInlineIndexEntries + 1);
+}
+
+// A step on a message, run with each of its allocations failing in turn.
+struct FailingStep {
+    const char* what;
+    std::function<pelmoStatus(pelmoMsg*)> run;
+};
+
+pelmoStatus readAll(pelmoMsg* msg) {
+    pelmoStatus status = kStatusSuccess;
+    for (uint32_t i = 0; i < 7 && status == kStatusSuccess; ++i) {
+        pelmoMsgField field;
+        status = pelmoMsg_GetFieldByIndex(msg, &field, i);
+    }
+    return status;
+}
+
+pelmoStatus destroyIfMade(pelmoStatus status, pelmoMsg* made) {
+    EXPECT_EQ(made != nullptr, status == kStatusSuccess);
+    if (made != nullptr) {
+        EXPECT_EQ(pelmoMsg_Destroy(made), kStatusSuccess);
+    }
+    return status;
+}
+
+struct Plan {
+    size_t after;
+    bool forGood;
+};
+
+// False when no allocation failed.
+bool failsOnce(const FailingStep& step, const Bytes& image, bool read, const Plan& plan) {
+    const Message msg = messageFrom(image);
+    const char* text = nullptr;
+    if (read) {
+        EXPECT_EQ(readAll(msg.get()), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_GetString(msg.get(), "s", &text, 0), kStatusSuccess);
+    }
+    FailAlloc fail{.after = plan.after, .forGood = plan.forGood};
+    const pelmoStatus status = step.run(msg.get());
+    allocationsHeal();
+    if (allocationsFailed() == 0) {
+        EXPECT_EQ(status, kStatusSuccess);
+        return false;
+    }
+    if (status == kStatusSuccess) return true;  // went on with what it had
+    EXPECT_EQ(status, kStatusNoMemory);
+    EXPECT_EQ(imageOf(msg.get()), image);
+    EXPECT_EQ(readAll(msg.get()), kStatusSuccess);
+    if (read) {
+        EXPECT_STREQ(text, "text");
+    }
+    return true;
+}
+
+TEST(MessageMemory, AnswersEachFailedAllocationAndStaysAsItWas) {
+    const std::string large(50000, 'l');
+    const int64_t numbers[] = {1, 2, 3};
+    const FailingStep steps[] = {
+        {"parse", [](pelmoMsg* msg) { return msgParse(msg); }},
+        {"read", readAll},
+        {"add", [](pelmoMsg* msg) { return pelmoMsg_AddI32(msg, "new", 1, 9); }},
+        {"add much",
+         [&](pelmoMsg* msg) { return pelmoMsg_AddString(msg, "new", large.c_str(), 9); }},
+        {"add compressed",
+         [&](pelmoMsg* msg) { return pelmoMsg_AddXml(msg, "new", large.data(), 50000, 0); }},
+        {"update shorter", [](pelmoMsg* msg) { return pelmoMsg_UpdateString(msg, "s", "", 0); }},
+        {"update longer",
+         [&](pelmoMsg* msg) { return pelmoMsg_UpdateString(msg, "s", large.c_str(), 0); }},
+        {"update to an addition",
+         [&](pelmoMsg* msg) { return pelmoMsg_UpdateI64Array(msg, "new", numbers, 3, 10); }},
+        {"remove", [](pelmoMsg* msg) { return pelmoMsg_RemoveFieldEx(msg, "s", 0); }},
+        {"expand", [](pelmoMsg* msg) { return pelmoMsg_Expand(msg, 1000); }},
+        {"mark", [](pelmoMsg* msg) { return pelmoMsg_MarkReferences(msg); }},
+        {"reset", [](pelmoMsg* msg) { return pelmoMsg_Reset(msg); }},
+        {"convert",
+         [](pelmoMsg* msg) {
+             const char* text = nullptr;
+             return pelmoMsg_GetString(msg, "n", &text, 0);
+         }},
+        {"copy",
+         [](pelmoMsg* msg) {
+             pelmoMsg* copy = nullptr;
+             const pelmoStatus status = pelmoMsg_CreateCopy(msg, &copy);
+             return destroyIfMade(status, copy);
+         }},
+        {"share",
+         [](pelmoMsg* msg) {
+             pelmoMsg* copy = nullptr;
+             const pelmoStatus status = msgShareCopy(&copy, msg);
+             return destroyIfMade(status, copy);
+         }},
+        {"create",
+         [](pelmoMsg*) {
+             pelmoMsg* made = nullptr;
+             const pelmoStatus status = pelmoMsg_Create(&made);
+             return destroyIfMade(status, made);
+         }},
+    };
+    const Bytes image = richImage();
+    for (const FailingStep& step : steps) {
+        for (const bool read : {false, true}) {
+            SCOPED_TRACE(testing::Message() << step.what << (read ? " after reads" : ""));
+            for (const bool forGood : {false, true}) {
+                size_t after = 0;
+                while (failsOnce(step, image, read, {.after = after, .forGood = forGood})) {
+                    ASSERT_LT(++after, 1000u);
+                }
+            }
+        }
+    }
+}
+
+TEST(MessageMemory, KeepsWhatWasReadThroughChanges) {
+    const Message msg = messageFrom(richImage());
+    pelmoMsgField text;
+    ASSERT_EQ(pelmoMsg_GetFieldEx(msg.get(), "s", &text, 0), kStatusSuccess);
+    const uint8_t* bytes = nullptr;
+    uint32_t count = 0;
+    ASSERT_EQ(pelmoMsg_GetU8Array(msg.get(), "u", &bytes, &count, 0), kStatusSuccess);
+    pelmoMsg* inner = nullptr;
+    ASSERT_EQ(pelmoMsg_GetMsg(msg.get(), "m", &inner, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_UpdateString(msg.get(), "s", "other", 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_AddString(msg.get(), "z", std::string(5000, 'z').c_str(), 0),
+              kStatusSuccess);
+    // What was read of the message goes into it again.
+    text.id = 0;
+    text.name = "again";
+    EXPECT_EQ(pelmoMsg_AddField(msg.get(), &text), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_AddMsg(msg.get(), "m again", inner, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_RemoveFieldEx(msg.get(), "m", 0), kStatusSuccess);
+    EXPECT_STREQ(static_cast<const char*>(text.data.pointer), "text");
+    EXPECT_EQ(Bytes(bytes, bytes + count), (Bytes{1, 2, 3}));
+    const char* innerText = nullptr;
+    ASSERT_EQ(pelmoMsg_GetString(inner, "x", &innerText, 0), kStatusSuccess);
+    EXPECT_STREQ(innerText, "inner");
+}
+
+TEST(MessageMemory, ClearsWhatWasReadSinceTheMarkAndNoMore) {
+    const Message msg = messageFrom(richImage());
+    EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusInvalidMessage);
+    const char* early = nullptr;
+    ASSERT_EQ(pelmoMsg_GetString(msg.get(), "s", &early, 0), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_GetString(msg.get(), "i", &early, 0), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_GetString(msg.get(), "s", &early, 0), kStatusSuccess);
+    const ReferenceMark before = msgMark(msg.get());
+    ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
+    ASSERT_EQ(readAll(msg.get()), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
+    ASSERT_EQ(readAll(msg.get()), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusSuccess);
+    // Another buffer from here on: the early text stays in the old one.
+    ASSERT_EQ(pelmoMsg_AddI32(msg.get(), "z", 1, 0), kStatusSuccess);
+    ASSERT_EQ(readAll(msg.get()), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusNotPermitted);
+    EXPECT_STREQ(early, "text");
+    EXPECT_EQ(msg->bufferRefs, 0u);
+    ASSERT_NE(msg->heldBuffers, nullptr);
+    EXPECT_EQ(msg->heldBuffers->count, before.bufferRefs);
+    EXPECT_EQ(msg->ownedBlocks->count, before.ownedBlocks);
+    EXPECT_EQ(msg->subMessages, nullptr);
+}
+
+TEST(MessageMemory, LosesItsReadsAtAReset) {
+    const Message msg = messageFrom(richImage());
+    ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
+    ASSERT_EQ(readAll(msg.get()), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_Reset(msg.get()), kStatusSuccess);
+    EXPECT_EQ(msg->ownedBlocks, nullptr);
+    EXPECT_EQ(msg->subMessages, nullptr);
+    EXPECT_EQ(msg->bufferRefs, 0u);
+    // A mark from before is as good as none: all that comes is behind it.
+    const uint8_t bytes[] = {1};
+    const uint8_t* out = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(pelmoMsg_AddU8Array(msg.get(), "u", bytes, 1, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_GetU8Array(msg.get(), "u", &out, &count, 0), kStatusSuccess);
+    EXPECT_EQ(msg->bufferRefs, 1u);
+    EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusSuccess);
+    EXPECT_EQ(msg->bufferRefs, 0u);
+}
+
+}  // namespace

@@ -1,0 +1,78 @@
+// Values of message fields, kept outside of any message: to be added, compared with what a read
+// gives, and laid down in wire form by hand.
+
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lib/msg/message.h"
+
+using Bytes = std::vector<uint8_t>;
+
+struct MessageEnd {
+    void operator()(pelmoMsg* msg) const { pelmoMsg_Destroy(msg); }
+};
+using Message = std::unique_ptr<pelmoMsg, MessageEnd>;
+
+// Null where there is no memory; other failures fail the test.
+[[nodiscard]] Message newMessage();
+[[nodiscard]] Message messageFrom(const Bytes& image);
+
+// The image of what shows.
+[[nodiscard]] Bytes imageOf(pelmoMsg* msg);
+
+// A value owns what its field points to, and lends it.
+struct FieldValue {
+    uint8_t type = FIELD_NONE;
+    uint32_t size = 0;  // as a read gives it
+    uint32_t count = 1;
+    FieldData scalar{.u64 = 0};
+    Bytes block;                     // elements in host order, or bytes
+    std::vector<std::string> texts;  // of a string array
+    std::vector<Bytes> images;       // of a message, or of a message array
+    std::vector<Message> messages;   // the same as objects
+    std::vector<const void*> pointers;
+
+    // Name and id are null and 0.
+    [[nodiscard]] pelmoMsgField field() const;
+};
+
+using SharedValue = std::shared_ptr<const FieldValue>;
+
+template <typename Value>
+[[nodiscard]] SharedValue scalarValue(uint8_t type, Value FieldData::*member, Value number) {
+    auto value = std::make_shared<FieldValue>();
+    value->type = type;
+    value->size = sizeof number;
+    value->scalar.*member = number;
+    return value;
+}
+
+[[nodiscard]] SharedValue dateTimeValue(int64_t seconds, uint32_t nanoseconds);
+[[nodiscard]] SharedValue noneValue();
+
+// Of FIELD_OPAQUE, FIELD_XML and, with the NUL that it has to end in, FIELD_STRING.
+[[nodiscard]] SharedValue blockValue(uint8_t type, Bytes bytes);
+[[nodiscard]] SharedValue stringValue(const std::string& text);
+[[nodiscard]] SharedValue subjectValue(const char* text);
+
+// `bytes` are the elements, each `width` wide, in host order.
+[[nodiscard]] SharedValue arrayValue(uint8_t type, uint32_t width, Bytes bytes);
+[[nodiscard]] SharedValue stringArrayValue(std::vector<std::string> texts);
+[[nodiscard]] SharedValue messageValue(Bytes image);
+[[nodiscard]] SharedValue messageArrayValue(std::vector<Bytes> images);
+
+// So many bytes, no two lengths and no two seeds alike.
+[[nodiscard]] Bytes patternBytes(size_t sizeBytes, uint32_t seed);
+
+// Does the field that a read gave hold the value?
+[[nodiscard]] bool fieldHolds(const pelmoMsgField& field, const FieldValue& value);
+
+// A record as it stands in an image. Not for FIELD_XML, whose bytes are the compressor's.
+[[nodiscard]] Bytes recordOf(const char* name, uint16_t id, const FieldValue& value);
+
+// An image of such records.
+[[nodiscard]] Bytes imageOf(const std::vector<Bytes>& records);
