@@ -1,0 +1,68 @@
+// Encoding, decoding and converting of field values: three operations per type, in tables by type
+// code, so that the message object knows nothing of types.
+//
+// The tables are filled at build time for the library's types; the application adds rows from 128
+// up with pelmoMsg_SetHandlers, before messages flow. Read from any thread, without a lock.
+//
+// Encoder: writes the size prefix and the value from `at` on, never past `end`, and leaves `at`
+// behind them. May overwrite the type byte, at[-1]; folded types do. kStatusNoMemory means that the
+// room is too small: the object makes more and asks again from the same place.
+//
+// Decoder: stands on the first prefix byte. Fills size, count, data, folds the type back to the
+// application's, and tells with the disposition who owns the data. It reads nothing past `end`,
+// which is the end of the field's record. kStatusCorruptMessage for a value that is malformed,
+// kStatusInvalidSize for a width or prefix that doesn't fit, kStatusNoMemory.
+//
+// Converter: rewrites the field to hold the value as another type. kStatusConversionFailed where
+// there is no way.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "lib/base/status.h"
+#include "lib/msg/field.h"
+
+// Who owns the data of a field that was decoded or converted.
+enum Disposition : uint32_t {
+    kDataByValue = 0,     // or constant, or nothing to keep track of
+    kDataOwnedBlock = 1,  // a new heap block, for the message to keep
+    kDataMessage = 2,     // a message object
+    kDataInImage = 3,     // points into the image, or is a block of pointers into it
+};
+
+struct WriteCursor {
+    uint8_t* at;
+    uint8_t* end;
+};
+
+struct ReadCursor {
+    const uint8_t* at;
+    const uint8_t* end;
+};
+
+using FieldEncoder = pelmoStatus (*)(WriteCursor& cursor, const pelmoMsgField& field);
+using FieldDecoder = pelmoStatus (*)(ReadCursor& cursor,
+                                     pelmoMsgField& field,
+                                     Disposition& disposition);
+using FieldConverter = pelmoStatus (*)(pelmoMsgField& field,
+                                       uint8_t targetType,
+                                       Disposition& disposition);
+
+// By type code; null where there is no such operation.
+template <typename Operation>
+using CodecTable = std::array<Operation, 256>;
+
+extern CodecTable<FieldEncoder> fieldEncoders;
+extern CodecTable<FieldDecoder> fieldDecoders;
+extern CodecTable<FieldConverter> fieldConverters;
+
+// Null operations are stored as they are. kStatusReservedHandler for a type below 128.
+pelmoStatus pelmoMsg_SetHandlers(uint8_t type,
+                                 FieldEncoder encoder,
+                                 FieldDecoder decoder,
+                                 FieldConverter converter);
+
+// Carries fields of this type as a length and bytes.
+pelmoStatus pelmoMsg_SetOpaqueHandlers(uint8_t type);

@@ -1,0 +1,232 @@
+// Scalars: a size byte and the value. Integers, floats, ports and addresses fold into four wire
+// types, whose size byte tells them apart.
+
+#include <bit>
+#include <cstring>
+
+#include "lib/base/bytes.h"
+#include "lib/msg/codec_parts.h"
+#include "lib/msg/wire.h"
+
+namespace {
+
+constexpr int64_t kLeastSeconds = -(int64_t{1} << 39);
+constexpr int64_t kMostSeconds = (int64_t{1} << 39) - 1;
+constexpr uint32_t kMostNanoseconds = 999999999;
+constexpr uint32_t kDateTimeFieldBytes = 12;
+constexpr uint32_t kDateTimeWireBytes = 8;
+constexpr uint32_t kMicrosecondMask = 0xffffff;
+
+void storeWord(uint8_t* at, uint8_t word) {
+    *at = word;
+}
+
+void storeWord(uint8_t* at, uint16_t word) {
+    storeBe16At(at, word);
+}
+
+void storeWord(uint8_t* at, uint32_t word) {
+    storeBe32At(at, word);
+}
+
+void storeWord(uint8_t* at, uint64_t word) {
+    storeBe64At(at, word);
+}
+
+// A size that isn't the type's would be a lie in the image.
+template <typename Word>
+pelmoStatus encodeWord(WriteCursor& cursor,
+                       const pelmoMsgField& field,
+                       uint8_t wireType,
+                       Word word) {
+    if (field.size != sizeof word) return kStatusInvalidArgument;
+    if (writeRoom(cursor) < 1 + sizeof word) return kStatusNoMemory;
+    cursor.at[-1] = wireType;
+    cursor.at[0] = sizeof word;
+    storeWord(cursor.at + 1, word);
+    cursor.at += 1 + sizeof word;
+    return kStatusSuccess;
+}
+
+// The width that the size byte tells, with all its bytes in hand. The field gets the type that the
+// width unfolds to.
+pelmoStatus openWord(ReadCursor& cursor, pelmoMsgField& field) {
+    if (readLeft(cursor) < 1) return kStatusCorruptMessage;
+    const uint8_t width = *cursor.at;
+    const uint8_t type = wireApplicationType(field.type, width);
+    if (type == FIELD_BAD) return kStatusInvalidSize;
+    if (readLeft(cursor) < uint64_t{1} + width) return kStatusCorruptMessage;
+    field.type = type;
+    field.size = width;
+    field.count = 1;
+    ++cursor.at;
+    return kStatusSuccess;
+}
+
+// Signed and unsigned values have the same bits, floats those of the word of their width.
+pelmoStatus decodeWord(ReadCursor& cursor, pelmoMsgField& field, Disposition& disposition) {
+    const pelmoStatus status = openWord(cursor, field);
+    if (status != kStatusSuccess) return status;
+    switch (field.size) {
+        case 1:
+            field.data.u8 = *cursor.at;
+            break;
+        case 2:
+            field.data.u16 = loadBe16At(cursor.at);
+            break;
+        case 4:
+            field.data.u32 = loadBe32At(cursor.at);
+            break;
+        default:
+            field.data.u64 = loadBe64At(cursor.at);
+            break;
+    }
+    cursor.at += field.size;
+    disposition = kDataByValue;
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+PELMO_ENCODER(encodeI8) {
+    return encodeWord(cursor, field, WIRE_INT, field.data.u8);
+}
+
+PELMO_ENCODER(encodeU8) {
+    return encodeWord(cursor, field, WIRE_UINT, field.data.u8);
+}
+
+PELMO_ENCODER(encodeI16) {
+    return encodeWord(cursor, field, WIRE_INT, field.data.u16);
+}
+
+PELMO_ENCODER(encodeU16) {
+    return encodeWord(cursor, field, WIRE_UINT, field.data.u16);
+}
+
+PELMO_ENCODER(encodeI32) {
+    return encodeWord(cursor, field, WIRE_INT, field.data.u32);
+}
+
+PELMO_ENCODER(encodeU32) {
+    return encodeWord(cursor, field, WIRE_UINT, field.data.u32);
+}
+
+PELMO_ENCODER(encodeI64) {
+    return encodeWord(cursor, field, WIRE_INT, field.data.u64);
+}
+
+PELMO_ENCODER(encodeU64) {
+    return encodeWord(cursor, field, WIRE_UINT, field.data.u64);
+}
+
+PELMO_ENCODER(encodeF32) {
+    return encodeWord(cursor, field, WIRE_FLOAT, std::bit_cast<uint32_t>(field.data.f32));
+}
+
+PELMO_ENCODER(encodeF64) {
+    return encodeWord(cursor, field, WIRE_FLOAT, std::bit_cast<uint64_t>(field.data.f64));
+}
+
+// Words in network order already: the store turns them back.
+PELMO_ENCODER(encodeIpPort16) {
+    return encodeWord(cursor, field, WIRE_NETINT, hostOrder16(field.data.ipPort16));
+}
+
+PELMO_ENCODER(encodeIpAddr32) {
+    return encodeWord(cursor, field, WIRE_NETINT, hostOrder32(field.data.ipAddr32));
+}
+
+PELMO_ENCODER(encodeBool) {
+    if (writeRoom(cursor) < 2) return kStatusNoMemory;
+    cursor.at[0] = 1;
+    cursor.at[1] = field.data.boolean != 0 ? 1 : 0;
+    cursor.at += 2;
+    return kStatusSuccess;
+}
+
+PELMO_ENCODER(encodeNone) {
+    static_cast<void>(field);
+    if (writeRoom(cursor) < 1) return kStatusNoMemory;
+    *cursor.at++ = 0;
+    return kStatusSuccess;
+}
+
+// Low word of the seconds, then a word of their high byte and the microseconds.
+PELMO_ENCODER(encodeDateTime) {
+    const auto [seconds, nanoseconds] = field.data.dateTime;
+    if (field.size < kDateTimeFieldBytes) return kStatusInvalidArgument;
+    if (seconds < kLeastSeconds || seconds > kMostSeconds) return kStatusInvalidArgument;
+    if (nanoseconds > kMostNanoseconds) return kStatusInvalidArgument;
+    if (writeRoom(cursor) < 1 + kDateTimeWireBytes) return kStatusNoMemory;
+
+    const auto bits = static_cast<uint64_t>(seconds);
+    cursor.at[0] = kDateTimeWireBytes;
+    storeBe32At(cursor.at + 1, static_cast<uint32_t>(bits));
+    storeBe32At(cursor.at + 5, static_cast<uint32_t>(bits >> 32 << 24) | nanoseconds / 1000);
+    cursor.at += 1 + kDateTimeWireBytes;
+    return kStatusSuccess;
+}
+
+PELMO_DECODER(decodeInt) {
+    return decodeWord(cursor, field, disposition);
+}
+
+PELMO_DECODER(decodeUint) {
+    return decodeWord(cursor, field, disposition);
+}
+
+PELMO_DECODER(decodeFloat) {
+    return decodeWord(cursor, field, disposition);
+}
+
+PELMO_DECODER(decodeNetInt) {
+    const pelmoStatus status = openWord(cursor, field);
+    if (status != kStatusSuccess) return status;
+    if (field.size == sizeof field.data.ipPort16) {
+        field.data.ipPort16 = loadNet16At(cursor.at);
+    } else {
+        field.data.ipAddr32 = loadNet32At(cursor.at);
+    }
+    cursor.at += field.size;
+    disposition = kDataByValue;
+    return kStatusSuccess;
+}
+
+// The size byte isn't tested; a field that ends with it has no value to be true.
+PELMO_DECODER(decodeBool) {
+    if (readLeft(cursor) < 1) return kStatusCorruptMessage;
+    const bool present = readLeft(cursor) >= 2;
+    field.size = sizeof field.data.boolean;
+    field.count = 1;
+    field.data.boolean = present ? cursor.at[1] : 0;
+    cursor.at += present ? 2 : 1;
+    disposition = kDataByValue;
+    return kStatusSuccess;
+}
+
+PELMO_DECODER(decodeNone) {
+    if (readLeft(cursor) < 1) return kStatusCorruptMessage;
+    field.size = 0;
+    field.count = 1;
+    ++cursor.at;
+    disposition = kDataByValue;
+    return kStatusSuccess;
+}
+
+PELMO_DECODER(decodeDateTime) {
+    if (readLeft(cursor) < 1) return kStatusCorruptMessage;
+    if (*cursor.at != kDateTimeWireBytes) return kStatusInvalidSize;
+    if (readLeft(cursor) < 1 + kDateTimeWireBytes) return kStatusCorruptMessage;
+
+    const uint32_t low = loadBe32At(cursor.at + 1);
+    const uint32_t rest = loadBe32At(cursor.at + 5);
+    const auto high = static_cast<int8_t>(rest >> 24);  // bit 39 of the seconds is their sign
+    field.size = kDateTimeFieldBytes;
+    field.count = 1;
+    field.data.dateTime.seconds = int64_t{high} * (int64_t{1} << 32) + low;
+    field.data.dateTime.nanoseconds = (rest & kMicrosecondMask) * 1000;
+    cursor.at += 1 + kDateTimeWireBytes;
+    disposition = kDataByValue;
+    return kStatusSuccess;
+}

@@ -1,0 +1,151 @@
+// What can be shown as text and converts to nothing else.
+
+#include <cstdlib>
+#include <cstring>
+
+#include "lib/base/text.h"
+#include "lib/base/timestamp.h"
+#include "lib/containers/subject.h"
+#include "lib/msg/convert.h"
+#include "lib/msg/text.h"
+#include "lib/msg/text_builder.h"
+
+namespace {
+
+constexpr size_t kSizeTextBytes = 64;
+
+void becomeBlock(pelmoMsgField& field, Disposition& disposition, char* text, size_t sizeBytes) {
+    field.type = FIELD_STRING;
+    field.size = static_cast<uint32_t>(sizeBytes);
+    field.count = 1;
+    field.data.pointer = text;
+    disposition = kDataOwnedBlock;
+}
+
+// Texts of a list, each within two marks, one blank apart, in brackets.
+struct ListText {
+    const char* (*text)(const void* const* items, uint32_t index, pelmoStatus& status);
+    bool quoted;
+};
+
+const char* stringAt(const void* const* items, uint32_t index, pelmoStatus&) {
+    return static_cast<const char*>(items[index]);
+}
+
+const char* messageTextAt(const void* const* items, uint32_t index, pelmoStatus& status) {
+    auto* message = static_cast<pelmoMsg*>(const_cast<void*>(items[index]));
+    const char* text = nullptr;
+    status = pelmoMsg_ConvertToString(message, &text);
+    return text;
+}
+
+constexpr ListText kStrings = {stringAt, true};
+constexpr ListText kMessages = {messageTextAt, false};
+
+bool addItem(TextBuilder& out, const char* text, bool quoted) {
+    if (!quoted) return out.add(text);
+    return out.add("\"") && out.add(text) && out.add("\"");
+}
+
+pelmoStatus becomeListText(pelmoMsgField& field, Disposition& disposition, const ListText& list) {
+    const auto* items = static_cast<const void* const*>(field.data.pointer);
+    TextBuilder out;
+    if (!out.add("[")) return kStatusNoMemory;
+    for (uint32_t i = 0; i < field.count; ++i) {
+        pelmoStatus status = kStatusSuccess;
+        const char* text = list.text(items, i, status);
+        if (status != kStatusSuccess) return status;
+        if (i != 0 && !out.add(" ")) return kStatusNoMemory;
+        if (!addItem(out, text, list.quoted)) return kStatusNoMemory;
+    }
+    if (!out.add("]", 2)) return kStatusNoMemory;
+    const size_t sizeBytes = out.sizeBytes();
+    becomeBlock(field, disposition, out.release(), sizeBytes);
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+pelmoStatus becomeText(pelmoMsgField& field, Disposition& disposition, const char* text) {
+    const size_t sizeBytes = std::strlen(text) + 1;
+    auto* block = static_cast<char*>(std::malloc(sizeBytes));
+    if (block == nullptr) return kStatusNoMemory;
+    std::memcpy(block, text, sizeBytes);
+    becomeBlock(field, disposition, block, sizeBytes);
+    return kStatusSuccess;
+}
+
+void becomeConstant(pelmoMsgField& field, Disposition& disposition, const char* text) {
+    field.type = FIELD_STRING;
+    field.size = static_cast<uint32_t>(std::strlen(text) + 1);
+    field.count = 1;
+    field.data.pointer = text;
+    disposition = kDataByValue;
+}
+
+PELMO_CONVERTER(convertBad) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    becomeConstant(field, disposition, "[BADDATA]");
+    return kStatusSuccess;
+}
+
+PELMO_CONVERTER(convertNone) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    becomeConstant(field, disposition, "[NONE]");
+    return kStatusSuccess;
+}
+
+PELMO_CONVERTER(convertOpaque) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    char text[kSizeTextBytes];
+    boundedFormat(text, sizeof text, "[%d opaque bytes]", static_cast<int>(field.size));
+    return becomeText(field, disposition, text);
+}
+
+PELMO_CONVERTER(convertXml) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    char text[kSizeTextBytes];
+    boundedFormat(text, sizeof text, "[XML document: %d bytes]", static_cast<int>(field.size));
+    return becomeText(field, disposition, text);
+}
+
+PELMO_CONVERTER(convertDateTime) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    char text[kTimeStampBytes];
+    char* cursor = text;
+    dateTimeToText(field.data.dateTime, &cursor, sizeof text);
+    return becomeText(field, disposition, text);
+}
+
+PELMO_CONVERTER(convertSubject) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    const auto* subject = static_cast<const uint8_t*>(field.data.pointer);
+    const size_t sizeBytes = subjectLength(subject);
+    auto* text = static_cast<char*>(std::malloc(sizeBytes));
+    if (text == nullptr) return kStatusNoMemory;
+    if (subjectToText(text, sizeBytes, subject) == nullptr) {
+        std::free(text);
+        return kStatusConversionFailed;
+    }
+    becomeBlock(field, disposition, text, std::strlen(text) + 1);
+    return kStatusSuccess;
+}
+
+// The text stays the nested message's.
+PELMO_CONVERTER(convertMsg) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    pelmoStatus status = kStatusSuccess;
+    const char* text = messageTextAt(&field.data.pointer, 0, status);
+    if (status == kStatusSuccess) becomeConstant(field, disposition, text);
+    return status;
+}
+
+PELMO_CONVERTER(convertMsgArray) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    return becomeListText(field, disposition, kMessages);
+}
+
+PELMO_CONVERTER(convertStringArray) {
+    if (targetType != FIELD_STRING) return kStatusConversionFailed;
+    return becomeListText(field, disposition, kStrings);
+}

@@ -1,0 +1,131 @@
+#include "lib/msg/text.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "lib/base/text.h"
+#include "lib/msg/codec.h"
+#include "lib/msg/message.h"
+#include "lib/msg/text_builder.h"
+#include "lib/msg/trace_ops.h"
+
+namespace {
+
+constexpr const char* kNoDecoder = "[NO DECODER AVAILABLE]";
+constexpr const char* kNoConverter = "[NO CONVERTER AVAILABLE]";
+constexpr size_t kIdTextBytes = 10;
+
+thread_local uint32_t depth = 0;  // of the rendering under way
+
+struct DepthGuard {
+    DepthGuard() { ++depth; }
+    ~DepthGuard() { --depth; }
+    DepthGuard(const DepthGuard&) = delete;
+    DepthGuard& operator=(const DepthGuard&) = delete;
+};
+
+bool addLeftSide(TextBuilder& out, const pelmoMsgField& field) {
+    if (field.name == nullptr) return out.add("NULL=");
+    if (!out.add(field.name)) return false;
+    if (field.id != 0) {
+        char id[kIdTextBytes];
+        boundedFormat(id, sizeof id, "[%u]", field.id);
+        if (!out.add(id)) return false;
+    }
+    return out.add("=");
+}
+
+// The characters of a value that may lack its NUL.
+bool addBounded(TextBuilder& out, const void* data, size_t sizeBytes) {
+    const auto* text = static_cast<const char*>(data);
+    return text == nullptr || out.add(text, strnlen(text, sizeBytes));
+}
+
+bool addQuoted(TextBuilder& out, const pelmoMsgField& field) {
+    return out.add("\"") && addBounded(out, field.data.pointer, field.size) && out.add("\"");
+}
+
+bool nestsTooDeep(const pelmoMsgField& field) {
+    return depth >= kMostTextDepth && (field.type == FIELD_MSG || field.type == FIELD_MSGARRAY);
+}
+
+// Turns the field into text, unless that can't be done.
+bool becomesText(pelmoMsgField& field, Disposition& disposition) {
+    const FieldConverter convert = fieldConverters[field.type];
+    if (convert == nullptr || nestsTooDeep(field)) return false;
+    return convert(field, FIELD_STRING, disposition) == kStatusSuccess;
+}
+
+bool addConverted(TextBuilder& out, pelmoMsgField field) {
+    const bool isSubject = field.type == FIELD_SUBJECT;
+    Disposition disposition = kDataByValue;
+    if (!becomesText(field, disposition)) return out.add(kNoConverter);
+
+    bool added = !isSubject || out.add("[");
+    added = added && addBounded(out, field.data.pointer, field.size);
+    added = added && (!isSubject || out.add("]"));
+    if (disposition == kDataOwnedBlock) std::free(const_cast<void*>(field.data.pointer));
+    return added;
+}
+
+// The left side shows whether or not the value can be read.
+bool addField(TextBuilder& out, pelmoMsg* msg, uint32_t position) {
+    const FieldIndexEntry& entry = msg->index[position];
+    const char* image = reinterpret_cast<const char*>(msgImage(msg));
+    pelmoMsgField head;
+    head.name = entry.nameSize != 0 ? image + entry.nameOffset : nullptr;
+    head.id = entry.id;
+    if (!addLeftSide(out, head)) return false;
+
+    pelmoMsgField field;
+    if (msgReadField(msg, position, field, NameWanted::kNo) != kStatusSuccess) {
+        return out.add(kNoDecoder);
+    }
+    return field.type == FIELD_STRING ? addQuoted(out, field) : addConverted(out, field);
+}
+
+// Each field leaves a blank behind; the last one becomes the end.
+bool addAll(TextBuilder& out, pelmoMsg* msg) {
+    if (!out.add("{")) return false;
+    for (uint32_t i = 0; i < msg->fieldCount; ++i) {
+        if (!addField(out, msg, i) || !out.add(" ")) return false;
+    }
+    if (msg->fieldCount == 0) return out.add("}", 2);
+    out.replaceLast('}');
+    return out.add("", 1);
+}
+
+}  // namespace
+
+pelmoStatus pelmoMsg_ConvertToString(pelmoMsg* msg, const char** out) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_ConvertToString(%p, %p)", tracePointer(msg),
+              tracePointer(out));
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    const pelmoStatus parsed = msgParse(msg);
+    if (parsed != kStatusSuccess) return parsed;
+
+    const ReferenceMark mark = msgMark(msg);
+    TextBuilder builder;
+    bool whole;
+    {
+        const DepthGuard guard;
+        whole = addAll(builder, msg);
+    }
+    msgCutBack(msg, mark);
+    if (!whole) return kStatusNoMemory;
+
+    char* text = builder.release();
+    const pelmoStatus kept = msgKeepBlock(msg, text);
+    if (kept == kStatusSuccess) *out = text;
+    return kept;
+}
+
+pelmoStatus pelmoMsg_Print(pelmoMsg* msg) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_Print(%p)", tracePointer(msg));
+    const char* text = nullptr;
+    const pelmoStatus status = pelmoMsg_ConvertToString(msg, &text);
+    if (status == kStatusSuccess) std::fprintf(stderr, "%s\n", text);
+    return status;
+}

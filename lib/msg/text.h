@@ -1,0 +1,33 @@
+// One readable line for any message:
+//
+//     {sub=[A.B] mtype="D" data={load[5]=1.5 name="x" tags=["a" "b"] NULL=7}}
+//
+// Fields in image order, each as name, "=", value; an id stands in brackets behind the name. A
+// value that doesn't decode reads "[NO DECODER AVAILABLE]", one that has no text, or is nested
+// deeper than kMostTextDepth, "[NO CONVERTER AVAILABLE]"; neither is a failure. A text value shows
+// up to its first NUL, without any escaping.
+//
+// Ownership: the text belongs to the message, as what a read returns. Each call makes a new one and
+// leaves nothing else behind.
+//
+// Failure: kStatusInvalidMessage, kStatusInvalidArgument for no output, kStatusCorruptMessage for
+// an image that doesn't walk, kStatusNoMemory.
+//
+// Threads: as the message.
+
+#pragma once
+
+#include <cstdint>
+
+#include "lib/base/status.h"
+
+struct pelmoMsg;
+
+// Levels of messages within messages. A packet could hold thousands, each a level of recursion.
+constexpr uint32_t kMostTextDepth = 128;
+
+// The fields that the message shows: the application's, or the envelope's while it is closed.
+[[nodiscard]] pelmoStatus pelmoMsg_ConvertToString(pelmoMsg* msg, const char** out);
+
+// To the standard error stream, with a line break.
+pelmoStatus pelmoMsg_Print(pelmoMsg* msg);

@@ -1,0 +1,130 @@
+#include "lib/msg/wire.h"
+
+#include "lib/base/bytes.h"
+
+namespace {
+
+constexpr uint32_t kIdBytes = 2;
+constexpr uint32_t kTypeAndPrefixBytes = 2;
+
+// N alone tells the forms of the name area apart: with an id, the name's NUL is three bytes from
+// the end.
+bool readNameArea(const uint8_t* record, WireRecord& out) {
+    const uint32_t areaSize = record[0];
+    if (areaSize >= kIdBytes && record[areaSize - kIdBytes] == 0) {
+        out = {areaSize - kIdBytes, areaSize, loadBe16At(record + areaSize - 1)};
+        return true;
+    }
+    out = {areaSize, areaSize, 0};
+    return record[areaSize] == 0;
+}
+
+}  // namespace
+
+const uint8_t* wireRecordRead(const uint8_t* at, const uint8_t* end, WireRecord& record) {
+    const uint32_t areaSize = at[0];
+    const auto left = static_cast<uint64_t>(end - at);
+    if (areaSize + 1 + kTypeAndPrefixBytes > left) return nullptr;
+    if (!readNameArea(at, record)) return nullptr;
+
+    ReadCursor value{at + areaSize + 1 + kTypeAndPrefixBytes, end};
+    const uint8_t sizeClass = value.at[-1];
+    uint64_t sizeBytes = sizeClass;
+    if (sizeClass == kSizeClass16) {
+        if (readLeft(value) < 2) return nullptr;
+        sizeBytes = loadBe16At(value.at);
+    } else if (sizeClass == kSizeClass32) {
+        if (readLeft(value) < 4) return nullptr;
+        sizeBytes = loadBe32At(value.at);
+    } else if (sizeClass >= kFirstLongSizeClass) {
+        return nullptr;
+    }
+    return sizeBytes <= readLeft(value) ? value.at + sizeBytes : nullptr;
+}
+
+uint8_t wireApplicationType(uint8_t wireType, uint8_t sizeByte) {
+    const auto byWidth = [sizeByte](uint8_t one, uint8_t two, uint8_t four, uint8_t eight) {
+        switch (sizeByte) {
+            case 1:
+                return one;
+            case 2:
+                return two;
+            case 4:
+                return four;
+            case 8:
+                return eight;
+            default:
+                return uint8_t{FIELD_BAD};
+        }
+    };
+    switch (wireType) {
+        case WIRE_INT:
+        case FIELD_I8:
+        case FIELD_I16:
+        case FIELD_I32:
+        case FIELD_I64:
+            return byWidth(FIELD_I8, FIELD_I16, FIELD_I32, FIELD_I64);
+        case WIRE_UINT:
+        case FIELD_U8:
+        case FIELD_U16:
+        case FIELD_U32:
+        case FIELD_U64:
+            return byWidth(FIELD_U8, FIELD_U16, FIELD_U32, FIELD_U64);
+        case WIRE_FLOAT:
+        case FIELD_F32:
+        case FIELD_F64:
+            return byWidth(FIELD_BAD, FIELD_BAD, FIELD_F32, FIELD_F64);
+        case WIRE_NETINT:
+        case FIELD_IPPORT16:
+        case FIELD_IPADDR32:
+            return byWidth(FIELD_BAD, FIELD_IPPORT16, FIELD_IPADDR32, FIELD_BAD);
+        default:
+            return wireType;
+    }
+}
+
+pelmoStatus writeSizePrefix(WriteCursor* cursor, uint64_t value) {
+    if (cursor == nullptr) return kStatusInvalidArgument;
+    if (value > UINT32_MAX - 4) return kStatusInvalidSize;
+    const uint32_t prefixBytes = sizePrefixBytes(value);
+    if (prefixBytes > writeRoom(*cursor)) return kStatusNoMemory;
+
+    if (prefixBytes == 1) {
+        *cursor->at = static_cast<uint8_t>(value);
+    } else if (prefixBytes == 3) {
+        *cursor->at = kSizeClass16;
+        storeBe16At(cursor->at + 1, static_cast<uint16_t>(value + 2));
+    } else {
+        *cursor->at = kSizeClass32;
+        storeBe32At(cursor->at + 1, static_cast<uint32_t>(value + 4));
+    }
+    cursor->at += prefixBytes;
+    return kStatusSuccess;
+}
+
+pelmoStatus readSizePrefix(ReadCursor* cursor, uint32_t* out) {
+    if (cursor == nullptr || out == nullptr) return kStatusInvalidArgument;
+    if (readLeft(*cursor) < 1) return kStatusCorruptMessage;
+    const uint8_t sizeClass = *cursor->at;
+    if (sizeClass < kFirstLongSizeClass) {
+        ++cursor->at;
+        *out = sizeClass;
+        return kStatusSuccess;
+    }
+    if (sizeClass != kSizeClass16 && sizeClass != kSizeClass32) return kStatusInvalidSize;
+
+    const uint32_t ownBytes = sizeClass == kSizeClass16 ? 2 : 4;
+    if (readLeft(*cursor) < 1 + ownBytes) return kStatusCorruptMessage;
+    const uint8_t* word = cursor->at + 1;
+    const uint32_t counted = ownBytes == 2 ? loadBe16At(word) : loadBe32At(word);
+    if (counted < ownBytes) return kStatusCorruptMessage;
+    cursor->at += 1 + ownBytes;
+    *out = counted - ownBytes;
+    return kStatusSuccess;
+}
+
+pelmoStatus readValueLength(ReadCursor& cursor, uint32_t& length) {
+    const pelmoStatus status = readSizePrefix(&cursor, &length);
+    if (status != kStatusSuccess) return status;
+    return length <= readLeft(cursor) ? kStatusSuccess : kStatusCorruptMessage;
+}

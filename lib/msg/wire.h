@@ -1,0 +1,75 @@
+// The wire format of messages: what the bytes are. Big-endian throughout, nothing is aligned or
+// padded; IP ports and addresses stand as they do in packets.
+//
+//     message:      0 length, these 8 bytes included | 4 magic | 8 field records ...
+//     record:       0 N | 1 name area, N bytes | N + 1 type | N + 2 size prefix | value
+//     name area:    (nothing) | name NUL | name NUL id(2)
+//     size prefix:  v below 120            | 121 v+2 (2 bytes)      | 122 v+4 (4 bytes)
+//                   written for v below 120 | 120 to 29999           | 30000 and above
+//
+// A message as a value takes prefix byte 122, and its own length is what follows; a packed subject
+// takes 121 likewise.
+//
+// Bytes from outside: each read here stops at `end`, and a length is compared with what is left
+// ahead of its use.
+
+#pragma once
+
+#include <cstdint>
+
+#include "lib/base/status.h"
+#include "lib/msg/codec.h"
+
+constexpr uint8_t kFirstLongSizeClass = 120;
+constexpr uint8_t kSizeClass16 = 121;
+constexpr uint8_t kSizeClass32 = 122;
+constexpr uint32_t kFirst16BitSize = 120;
+constexpr uint32_t kFirst32BitSize = 30000;
+constexpr uint32_t kMostPrefixBytes = 5;
+
+// The head of a record, as the index needs it.
+struct WireRecord {
+    uint32_t nameSize;      // with the NUL; 0 for no name
+    uint32_t nameAreaSize;  // the name's, and 2 for an id
+    uint16_t id;            // 0 for none
+};
+
+// Reads the record at `at`, which is below `end`. Returns where the next one begins, at most `end`;
+// null for a record that is malformed or reaches past the end. Looks at no value.
+[[nodiscard]] const uint8_t* wireRecordRead(const uint8_t* at,
+                                            const uint8_t* end,
+                                            WireRecord& record);
+
+// The application's type of a wire type and the size byte behind it: FIELD_BAD where a folded type
+// doesn't allow the size. Types that don't fold stay.
+[[nodiscard]] uint8_t wireApplicationType(uint8_t wireType, uint8_t sizeByte);
+
+// 1, 3 or 5 bytes.
+[[nodiscard]] constexpr uint32_t sizePrefixBytes(uint64_t value) {
+    return value < kFirst16BitSize ? 1 : value < kFirst32BitSize ? 3 : 5;
+}
+
+// The value with its prefix.
+[[nodiscard]] constexpr uint64_t sizePrefixedLength(uint64_t value) {
+    return value + sizePrefixBytes(value);
+}
+
+// kStatusInvalidArgument without a cursor, kStatusNoMemory without room for the prefix,
+// kStatusInvalidSize for a value that no prefix can tell.
+[[nodiscard]] pelmoStatus writeSizePrefix(WriteCursor* cursor, uint64_t value);
+
+// Leaves the cursor behind the prefix. The length may tell of more than what is left.
+// kStatusInvalidArgument for no arguments, kStatusInvalidSize for a byte that is no class,
+// kStatusCorruptMessage where the prefix is cut or its length doesn't cover its own bytes.
+[[nodiscard]] pelmoStatus readSizePrefix(ReadCursor* cursor, uint32_t* out);
+
+// The same for a value that has to be in hand: kStatusCorruptMessage where it isn't.
+[[nodiscard]] pelmoStatus readValueLength(ReadCursor& cursor, uint32_t& length);
+
+[[nodiscard]] inline uint64_t readLeft(const ReadCursor& cursor) {
+    return static_cast<uint64_t>(cursor.end - cursor.at);
+}
+
+[[nodiscard]] inline uint64_t writeRoom(const WriteCursor& cursor) {
+    return static_cast<uint64_t>(cursor.end - cursor.at);
+}
