@@ -106,7 +106,7 @@ TEST(Scan, ChargesEachSubjectFieldWithTheWholeMessage) {
 }
 
 TEST(Scan, PassesFieldsOfEachSize) {
-    for (const size_t valueBytes : {0, 1, 118, 119, 120, 121, 254, 29999, 30000, 70000}) {
+    for (const size_t valueBytes : {0u, 1u, 118u, 119u, 120u, 121u, 254u, 29999u, 30000u, 70000u}) {
         SCOPED_TRACE(valueBytes);
         const Bytes bytes =
             message({field(named("v"), 7, Bytes(valueBytes, 0x77)), subjectOf("A")});
