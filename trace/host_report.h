@@ -1,9 +1,14 @@
-// The host status messages of a net, as text at the end of a report.
+// The host status messages of a net, as text at the end of a report: a heading, and each message on
+// a line of its own, in the order of arrival.
 //
-// Missing so far: the messages themselves. The text of a message isn't available yet, so that only
-// the lines around the messages are printed.
+// A message was held for its framing; its fields come from outside and may be anything. One that
+// has no text is told of in its place:
 //
-// Threads: on the thread that prints; no lock.
+//     [message of 74 bytes without text: The contents of the message are corrupt]
+//
+// Memory: of one message at a time.
+//
+// Threads: on the thread that prints; no lock. The messages are the Snapshot's.
 
 #pragma once
 
