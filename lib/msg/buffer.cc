@@ -1,28 +1,117 @@
 #include "lib/msg/buffer.h"
 
+#include <algorithm>
 #include <cassert>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
+
+#include "lib/msg/pool.h"
 
 namespace {
 
-Buffer* takeRecord() {
-    void* block = std::calloc(1, sizeof(Buffer));
-    return block != nullptr ? new (block) Buffer{} : nullptr;
+constexpr uint32_t kRecordBytes = sizeof(Buffer);
+constexpr uint32_t kRecordsPerBlock = 100;
+constexpr uint32_t kRecordRefresh = 10;
+
+// The process's pool of records; null: they come from the heap. Constant while other threads run.
+ChunkPool* recordPool = nullptr;
+
+void initRecord(void* chunk) {
+    new (chunk) Buffer{};
+}
+
+void finiRecord(void* chunk) {
+    std::destroy_at(static_cast<Buffer*>(chunk));
+}
+
+ChunkPool* makePool(uint32_t count, uint32_t inlineBytes, uint32_t refreshCount) {
+    return poolCreate(count, kRecordBytes + inlineBytes, offsetof(Buffer, poolOwner), initRecord,
+                      finiRecord, 1, refreshCount, __FILE__, __LINE__);
+}
+
+uint8_t* inlineBytesOf(Buffer* buffer) {
+    return reinterpret_cast<uint8_t*>(buffer + 1);
+}
+
+bool isPrivate(const Buffer* buffer) {
+    return buffer->pool != nullptr && poolChunkSize(buffer->pool) > kRecordBytes;
+}
+
+bool isInline(Buffer* buffer) {
+    return isPrivate(buffer) && buffer->data == inlineBytesOf(buffer);
+}
+
+// With one reference and no bytes.
+Buffer* takeRecord(ChunkPool* pool) {
+    void* record =
+        pool != nullptr ? poolTake(pool, __FILE__, __LINE__) : std::calloc(1, sizeof(Buffer));
+    if (record == nullptr) return nullptr;
+    if (pool == nullptr) initRecord(record);
+    auto* buffer = static_cast<Buffer*>(record);
+    buffer->data = nullptr;
+    buffer->size = 0;
+    buffer->refCount.store(1, std::memory_order_relaxed);
+    buffer->pool = pool;
+    return buffer;
 }
 
 void giveRecord(Buffer* buffer) {
-    std::free(buffer);
+    if (buffer->pool != nullptr) {
+        poolGive(buffer->pool, buffer, __FILE__, __LINE__);
+    } else {
+        std::free(buffer);
+    }
+}
+
+void freeBytes(Buffer* buffer) {
+    if (!isInline(buffer)) std::free(buffer->data);
+}
+
+// Inline bytes can't be reallocated: they are copied, and lie unused until the record goes.
+void* resizeBytes(Buffer* buffer, uint32_t size) {
+    if (!isInline(buffer)) return std::realloc(buffer->data, size);
+    void* data = std::malloc(size);
+    if (data != nullptr) std::memcpy(data, buffer->data, std::min(buffer->size, size));
+    return data;
 }
 
 }  // namespace
 
-Buffer* bufferCreate(uint32_t size) {
-    Buffer* buffer = takeRecord();
+pelmoStatus bufferPoolCreate() {
+    if (recordPool == nullptr) recordPool = makePool(kRecordsPerBlock, 0, kRecordRefresh);
+    return recordPool != nullptr ? kStatusSuccess : kStatusNoMemory;
+}
+
+void bufferPoolDestroy() {
+    poolDestroy(recordPool, __FILE__, __LINE__);
+    recordPool = nullptr;
+}
+
+pelmoStatus bufferPrivatePool(ChunkPool** out, uint32_t count, uint32_t bytes) {
+    if (out == nullptr) return kStatusInvalidArgument;
+    if (bytes > UINT32_MAX - kRecordBytes) return kStatusNoMemory;
+    ChunkPool* pool = makePool(count, bytes, count / 10);
+    if (pool == nullptr) return kStatusNoMemory;
+    *out = pool;
+    return kStatusSuccess;
+}
+
+Buffer* bufferCreateFrom(ChunkPool* pool, uint32_t size) {
+    const bool fits = pool != nullptr && poolChunkSize(pool) - kRecordBytes == size;
+    if (!fits || size == 0) return bufferCreate(size);
+    Buffer* buffer = takeRecord(pool);
     if (buffer == nullptr) return nullptr;
-    buffer->refCount.store(1, std::memory_order_relaxed);
-    if (size == 0) return buffer;
+    buffer->data = inlineBytesOf(buffer);
+    buffer->size = size;
+    return buffer;
+}
+
+Buffer* bufferCreate(uint32_t size) {
+    Buffer* buffer = takeRecord(recordPool);
+    if (buffer == nullptr || size == 0) return buffer;
 
     if (size < kBufferLeastBytes) size = kBufferLeastBytes;
     buffer->data = static_cast<uint8_t*>(std::malloc(size));
@@ -50,12 +139,12 @@ pelmoStatus bufferGrow(Buffer* buffer, int32_t additional) {
     const int64_t size = int64_t{buffer->size} + additional;
     if (size < 0 || size > UINT32_MAX) return kStatusNoMemory;
     if (size == 0) {
-        std::free(buffer->data);
+        freeBytes(buffer);
         buffer->data = nullptr;
         buffer->size = 0;
         return kStatusSuccess;
     }
-    void* data = std::realloc(buffer->data, static_cast<size_t>(size));
+    void* data = resizeBytes(buffer, static_cast<uint32_t>(size));
     if (data == nullptr) return kStatusNoMemory;
     buffer->data = static_cast<uint8_t*>(data);
     buffer->size = static_cast<uint32_t>(size);
@@ -70,6 +159,6 @@ void bufferRelease(Buffer* buffer) {
     if (buffer == nullptr) return;
     // The last holder frees what the others have used.
     if (buffer->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-    std::free(buffer->data);
+    freeBytes(buffer);
     giveRecord(buffer);
 }

@@ -33,20 +33,21 @@ struct Buffer {
 // No buffer with bytes has fewer.
 constexpr uint32_t kBufferLeastBytes = 32;
 
-// The process's pool of records. Nobody holds a record of it when it goes.
+// The process's pool of records, made before other threads run. Nobody holds a record of it when it
+// goes.
 [[nodiscard]] pelmoStatus bufferPoolCreate();
 void bufferPoolDestroy();
 
 // A pool of records with so many inline bytes each, `count` to a block, for bufferCreateFrom. It is
-// destroyed by poolDestroy. kStatusInvalidArgument for no output, a count of 0 or sizes that no
-// block can have; kStatusNoMemory.
+// destroyed by poolDestroy. kStatusInvalidArgument for no output; kStatusNoMemory also for sizes
+// that make no block.
 [[nodiscard]] pelmoStatus bufferPrivatePool(ChunkPool** out, uint32_t count, uint32_t bytes);
 
 // The bytes aren't zeroed. A size of 1 to 31 becomes 32.
 [[nodiscard]] Buffer* bufferCreate(uint32_t size);
 
-// With the bytes inline where they are exactly as many as the pool's; otherwise, and for no pool,
-// as bufferCreate.
+// With the bytes inline, however few, where they are exactly as many as the pool's; otherwise, and
+// for no pool, as bufferCreate.
 [[nodiscard]] Buffer* bufferCreateFrom(ChunkPool* pool, uint32_t size);
 
 // A new buffer, beginning with a copy of bytes that `source` has and that fit.

@@ -1,0 +1,181 @@
+// Take and give, and the caches that keep most of them from locking.
+//
+// A chunk given on a thread is the first that the thread takes again. Given chunks go back to their
+// blocks 256 at a time, so that a thread that only gives, as one that releases what others made,
+// doesn't hoard. Chunks taken in a batch stay with the thread until it ends.
+
+#include <cstdlib>
+
+#include "lib/msg/pool_parts.h"
+
+namespace {
+
+// In all give lists of a thread together.
+constexpr uint32_t kMostGiven = 256;
+
+constexpr uint32_t kListBuckets = 128;
+
+struct ThreadCache {
+    // Pool id to a Dpa of chunks.
+    Dict32* takeLists;
+    Dict32* giveLists;
+
+    uint32_t seenGeneration;  // the manager's, when dead pools were last looked for
+    uint32_t giveCount;       // chunks in all give lists
+};
+
+// What the manager's key holds in this thread: the key runs the release at the thread's end, and
+// this spares each take and give its look-up.
+constinit thread_local ThreadCache* threadCache = nullptr;
+
+Dpa* findList(const Dict32* lists, const ChunkPool* pool) {
+    void* list = nullptr;
+    return dict32Find(lists, pool->id, &list) == kStatusSuccess ? static_cast<Dpa*>(list) : nullptr;
+}
+
+// Makes one, with room for a batch, where the thread has none of that pool; null when memory runs
+// out.
+Dpa* findOrMakeList(Dict32* lists, const ChunkPool* pool) {
+    if (Dpa* found = findList(lists, pool)) return found;
+    Dpa* list = dpaCreate(pool->refreshCount);
+    if (list == nullptr) return nullptr;
+    if (dict32Insert(lists, pool->id, list) != kStatusSuccess) return dpaDestroy(list);
+    return list;
+}
+
+enum class Ending : bool { kNo, kYes };
+
+// Gives chunks back where asked to. The lists of dead pools go: their chunks went with the pools.
+void flushLists(Dict32* lists, bool putBack, Ending ending) {
+    Dict32Iterator iterator;
+    dict32IterInit(lists, &iterator);
+    uint32_t id = 0;
+    void* value = nullptr;
+    while (dict32IterNext(&iterator, &id, &value)) {
+        auto* list = static_cast<Dpa*>(value);
+        ChunkPool* pool = poolRetain(id);
+        if (pool != nullptr && putBack) poolPutBack(pool, list);
+        if (pool == nullptr || ending == Ending::kYes) {
+            dict32IterRemove(&iterator);
+            dpaDestroy(list);
+        }
+        if (pool != nullptr) poolRelease(pool);
+    }
+}
+
+uint32_t generationNow() {
+    const LockGuard guard(poolManager.lock);
+    return poolManager.generation;
+}
+
+void flush(ThreadCache* cache, Ending ending) {
+    flushLists(cache->giveLists, true, ending);
+    cache->giveCount = 0;
+    const uint32_t generation = generationNow();
+    if (ending == Ending::kNo && generation == cache->seenGeneration) return;
+    cache->seenGeneration = generation;
+    flushLists(cache->takeLists, ending == Ending::kYes, ending);
+}
+
+void freeCache(ThreadCache* cache) {
+    dict32Destroy(cache->takeLists);
+    dict32Destroy(cache->giveLists);
+    std::free(cache);
+}
+
+ThreadCache* makeCache() {
+    auto* cache = static_cast<ThreadCache*>(std::malloc(sizeof(ThreadCache)));
+    if (cache == nullptr) return nullptr;
+    *cache = {.takeLists = dict32Create(kListBuckets),
+              .giveLists = dict32Create(kListBuckets),
+              .seenGeneration = generationNow(),
+              .giveCount = 0};
+    if (cache->takeLists != nullptr && cache->giveLists != nullptr) return cache;
+    freeCache(cache);
+    return nullptr;
+}
+
+void* takeFromBatch(ThreadCache* cache, ChunkPool* pool) {
+    Dpa* list = findOrMakeList(cache->takeLists, pool);
+    if (list == nullptr) return nullptr;
+    if (list->count == 0) poolRefill(pool, list);
+    return list->count != 0 ? list->items[--list->count] : nullptr;
+}
+
+void* takeCached(ThreadCache* cache, ChunkPool* pool) {
+    if (cache->giveCount != 0) {
+        Dpa* list = findList(cache->giveLists, pool);
+        if (list != nullptr && list->count != 0) {
+            --cache->giveCount;
+            return list->items[--list->count];
+        }
+    }
+    return takeFromBatch(cache, pool);
+}
+
+void giveCached(ThreadCache* cache, ChunkPool* pool, void* chunk) {
+    Dpa* list = findOrMakeList(cache->giveLists, pool);
+    if (list == nullptr) return;
+    if (!dpaAppend(list, chunk)) {
+        flush(cache, Ending::kNo);
+        list->items[list->count++] = chunk;  // the flush left it empty, and no list is without room
+    }
+    if (++cache->giveCount == kMostGiven) flush(cache, Ending::kNo);
+}
+
+}  // namespace
+
+void* poolTake(ChunkPool* pool, [[maybe_unused]] const char* file, [[maybe_unused]] uint32_t line) {
+    ThreadCache* cache = threadCache;
+    void* chunk = cache != nullptr ? takeCached(cache, pool) : poolTakeDirect(pool);
+    if (chunk != nullptr) chunkShow(pool, chunk);
+    return chunk;
+}
+
+void poolGive(ChunkPool* pool,
+              void* chunk,
+              [[maybe_unused]] const char* file,
+              [[maybe_unused]] uint32_t line) {
+    if (chunkBlock(pool, chunk) == nullptr) {
+        if (pool->finiChunk != nullptr) pool->finiChunk(chunk);
+        std::free(chunk);
+        return;
+    }
+    chunkHide(pool, chunk);
+    if (threadCache != nullptr) {
+        giveCached(threadCache, pool, chunk);
+    } else {
+        poolGiveDirect(pool, chunk);
+    }
+}
+
+void poolThreadEnter() {
+    if (poolManager.useThreadCache == 0 || threadCache != nullptr) return;
+    ThreadCache* cache = makeCache();
+    if (cache == nullptr) return;
+    if (ThreadKey_Set(&poolManager.key, cache) == kStatusSuccess) {
+        threadCache = cache;
+    } else {
+        freeCache(cache);
+    }
+}
+
+void poolThreadLeave() {
+    if (threadCache == nullptr) return;
+    // Setting a slot that has a value takes no memory.
+    [[maybe_unused]] const pelmoStatus status = ThreadKey_Set(&poolManager.key, nullptr);
+    poolCacheRelease(threadCache);
+}
+
+void poolThreadRun(ThreadFunction function, void* argument) {
+    poolThreadEnter();
+    function(argument);
+    poolThreadLeave();
+}
+
+void poolCacheRelease(void* value) {
+    auto* cache = static_cast<ThreadCache*>(value);
+    threadCache = nullptr;
+    flush(cache, Ending::kYes);
+    freeCache(cache);
+}
