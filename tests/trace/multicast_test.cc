@@ -63,7 +63,7 @@ TEST(Multicast, TellsWhatIsWrongAndCountsItAllTheSame) {
     for (const auto& [offset, patch, text] : cases) {
         SCOPED_TRACE(text);
         const std::string bad = text.empty() ? "" : " bad=1";
-        const auto told = [&text](const std::string& word) {
+        const auto told = [&text = text](const std::string& word) {
             return text.empty() ? Lines{}
                                 : Lines{"OSKA " + word + " packet with " + text + " from 10.0.0.1"};
         };
