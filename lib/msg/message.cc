@@ -117,33 +117,41 @@ pelmoStatus msgCreateRaw(pelmoMsg** out, uint32_t size) {
 }
 
 pelmoStatus pelmoMsg_Create(pelmoMsg** out) {
-    traceLine(kTraceMsg, "pelmoMsg_Create(%p)", tracePointer(out));
     if (out == nullptr) return kStatusInvalidArgument;
-    return msgCreateRaw(out, kMessageDefaultBytes);
+    const pelmoStatus status = msgCreateRaw(out, kMessageDefaultBytes);
+    if (status == kStatusSuccess) traceLine(kTraceMsg, "pelmoMsg_Create(%p)", tracePointer(*out));
+    return status;
 }
 
 pelmoStatus pelmoMsg_CreateEx(pelmoMsg** out, uint32_t size) {
-    traceLine(kTraceMsg, "pelmoMsg_CreateEx(%p, %u)", tracePointer(out), size);
     if (out == nullptr) return kStatusInvalidArgument;
-    return msgCreateRaw(out, size);
+    const pelmoStatus status = msgCreateRaw(out, size);
+    if (status != kStatusSuccess) return status;
+    traceLine(kTraceMsg, "pelmoMsg_CreateEx(%p, %u)", tracePointer(*out), size);
+    return kStatusSuccess;
 }
 
 pelmoStatus pelmoMsg_CreateFromBytes(pelmoMsg** out, const void* bytes) {
-    traceLine(kTraceMsg, "pelmoMsg_CreateFromBytes(%p, %p)", tracePointer(out), bytes);
     if (out == nullptr) return kStatusInvalidArgument;
     const auto* image = static_cast<const uint8_t*>(bytes);
     if (image == nullptr || loadBe32At(image + 4) != kMessageMagic) return kStatusInvalidMessage;
     const uint32_t length = loadBe32At(image);
     if (length < kMessageHeadBytes) return kStatusCorruptMessage;
-    return copyImage(out, image, length);
+    const pelmoStatus status = copyImage(out, image, length);
+    if (status != kStatusSuccess) return status;
+    traceLine(kTraceMsg, "pelmoMsg_CreateFromBytes(%p, %p)", tracePointer(*out), bytes);
+    return kStatusSuccess;
 }
 
 pelmoStatus pelmoMsg_CreateCopy(pelmoMsg* msg, pelmoMsg** out) {
-    traceLine(kTraceMsg, "pelmoMsg_CreateCopy(%p, %p)", tracePointer(msg), tracePointer(out));
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
     msgFlush(msg);
-    return copyImage(out, msgImage(msg) + msg->dataOffset, msg->length - msg->dataOffset);
+    const uint8_t* shown = msgImage(msg) + msg->dataOffset;
+    const pelmoStatus status = copyImage(out, shown, msg->length - msg->dataOffset);
+    if (status != kStatusSuccess) return status;
+    traceLine(kTraceMsg, "pelmoMsg_CreateCopy(%p, %p)", tracePointer(*out), tracePointer(msg));
+    return kStatusSuccess;
 }
 
 pelmoStatus msgCreateOverBuffer(pelmoMsg** out, Buffer* buffer, uint32_t offset) {

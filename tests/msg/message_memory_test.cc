@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <latch>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "lib/containers/dpa.h"
@@ -277,6 +279,35 @@ TEST(MessageMemory, LosesItsReadsAtAReset) {
     EXPECT_EQ(msg->bufferRefs, 1u);
     EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusSuccess);
     EXPECT_EQ(msg->bufferRefs, 0u);
+}
+
+// Each thread has an object of its own over the one buffer. What they would write of it is there.
+TEST(MessageMemory, SharesABufferBetweenThreads) {
+    const Message msg = newMessage();
+    addTen(msg.get());
+    const Bytes image = imageOf(msg.get());
+    constexpr int kThreads = 4;
+    std::latch start(kThreads);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        pelmoMsg* shared = nullptr;
+        ASSERT_EQ(msgShareCopy(&shared, msg.get()), kStatusSuccess);
+        threads.emplace_back([&start, &image, copy = Message(shared)] {
+            start.arrive_and_wait();
+            int32_t value = 0;
+            EXPECT_EQ(pelmoMsg_GetI32(copy.get(), "juliet", &value, 10), kStatusSuccess);
+            EXPECT_EQ(value, 10);
+            EXPECT_EQ(imageOf(copy.get()), image);
+            EXPECT_EQ(pelmoMsg_UpdateI32(copy.get(), "alpha", 77, 0), kStatusSuccess);
+            EXPECT_EQ(pelmoMsg_RemoveFieldEx(copy.get(), "echo", 0), kStatusSuccess);
+            EXPECT_NE(imageOf(copy.get()), image);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(imageOf(msg.get()), image);
+    EXPECT_EQ(msg->buffer->refCount.load(), 1u);
 }
 
 }  // namespace
