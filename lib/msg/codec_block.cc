@@ -78,9 +78,11 @@ PELMO_ENCODER(encodeSubject) {
     const auto* subject = static_cast<const uint8_t*>(field.data.pointer);
     if (subject == nullptr) return kStatusInvalidArgument;
     if (writeRoom(cursor) < uint64_t{field.size} + 1) return kStatusNoMemory;
-    if (!subjectIsValid(subject) || subjectLength(subject) != field.size) {
+    // Its own length is looked at first: the form's check reads as much as that tells.
+    if (field.size < kSubjectHeadBytes || subjectLength(subject) != field.size) {
         return kStatusInvalidArgument;
     }
+    if (!subjectIsValid(subject)) return kStatusInvalidArgument;
     *cursor.at = kSizeClass16;
     std::memcpy(cursor.at + 1, subject, field.size);
     cursor.at += 1 + field.size;

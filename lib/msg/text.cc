@@ -85,11 +85,15 @@ bool addField(TextBuilder& out, pelmoMsg* msg, uint32_t position) {
     return field.type == FIELD_STRING ? addQuoted(out, field) : addConverted(out, field);
 }
 
-// Each field leaves a blank behind; the last one becomes the end.
+// Each field leaves a blank behind; the last one becomes the end. What was read of a field goes
+// with it: a message of millions of small ones doesn't hold an object for each.
 bool addAll(TextBuilder& out, pelmoMsg* msg) {
     if (!out.add("{")) return false;
+    const ReferenceMark mark = msgMark(msg);
     for (uint32_t i = 0; i < msg->fieldCount; ++i) {
-        if (!addField(out, msg, i) || !out.add(" ")) return false;
+        const bool added = addField(out, msg, i) && out.add(" ");
+        msgCutBack(msg, mark);
+        if (!added) return false;
     }
     if (msg->fieldCount == 0) return out.add("}", 2);
     out.replaceLast('}');
@@ -106,14 +110,12 @@ pelmoStatus pelmoMsg_ConvertToString(pelmoMsg* msg, const char** out) {
     const pelmoStatus parsed = msgParse(msg);
     if (parsed != kStatusSuccess) return parsed;
 
-    const ReferenceMark mark = msgMark(msg);
     TextBuilder builder;
     bool whole;
     {
         const DepthGuard guard;
         whole = addAll(builder, msg);
     }
-    msgCutBack(msg, mark);
     if (!whole) return kStatusNoMemory;
 
     char* text = builder.release();

@@ -61,6 +61,11 @@ template <typename Value>
 
 // `bytes` are the elements, each `width` wide, in host order.
 [[nodiscard]] SharedValue arrayValue(uint8_t type, uint32_t width, Bytes bytes);
+template <typename Word>
+[[nodiscard]] SharedValue numbersValue(uint8_t type, const std::vector<Word>& words) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(words.data());
+    return arrayValue(type, sizeof(Word), Bytes(bytes, bytes + words.size() * sizeof(Word)));
+}
 [[nodiscard]] SharedValue stringArrayValue(std::vector<std::string> texts);
 [[nodiscard]] SharedValue messageValue(Bytes image);
 [[nodiscard]] SharedValue messageArrayValue(std::vector<Bytes> images);

@@ -1,0 +1,196 @@
+// Values that somebody else wrote, and wrote wrong: refused with their status, without a block
+// taken for what isn't there, and without a byte read beyond them.
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <vector>
+
+#include "tests/support/codec_run.h"
+#include "tests/support/fail_alloc.h"
+
+namespace {
+
+// A count or length is believed only where the bytes bear it out.
+TEST(CodecHostile, RefusesToReadWhatIsMalformed) {
+    const Bytes empty = {0, 0, 0, 8, 0x99, 0x55, 0xee, 0xaa};
+    const struct {
+        const char* what;
+        uint8_t type;
+        Bytes bytes;
+        pelmoStatus status;
+    } cases[] = {
+        {"int of 0", 11, {0}, kStatusInvalidSize},
+        {"int of 3", 11, {3, 1, 2, 3}, kStatusInvalidSize},
+        {"int of 16", 12, Bytes(17, 16), kStatusInvalidSize},
+        {"int with a long prefix", 11, {121, 0, 6, 0, 0, 0, 1}, kStatusInvalidSize},
+        {"float of 2", 13, {2, 0, 0}, kStatusInvalidSize},
+        {"address of 8", 10, {8, 0, 0, 0, 0, 0, 0, 0, 0}, kStatusInvalidSize},
+        {"date of 7", 3, {7, 0, 0, 0, 0, 0, 0, 0}, kStatusInvalidSize},
+        {"date of 9", 3, {9, 0, 0, 0, 0, 0, 0, 0, 0, 0}, kStatusInvalidSize},
+        {"opaque class 120", 7, {120}, kStatusInvalidSize},
+        {"string class 123", 8, {123}, kStatusInvalidSize},
+        {"array class 255", 38, {255}, kStatusInvalidSize},
+        {"bytes class 120", 35, {120}, kStatusInvalidSize},
+        {"string array class 120", 48, {120}, kStatusInvalidSize},
+        {"document class 120", 47, {120}, kStatusInvalidSize},
+        {"document inner class 120", 47, {1, 120}, kStatusInvalidSize},
+        {"opaque prefix below its width", 7, {121, 0, 1}, kStatusCorruptMessage},
+        {"array prefix below its width", 40, {122, 0, 0, 0, 3}, kStatusCorruptMessage},
+        {"array of more than there is", 38, {122, 255, 255, 255, 255, 1}, kStatusCorruptMessage},
+        {"subject class 122", 2, {122, 0, 9, 2, 3, 'A', 0, 3, 'B', 0}, kStatusCorruptMessage},
+        {"subject too long", 2, {121, 0, 10, 2, 3, 'A', 0, 3, 'B', 0}, kStatusCorruptMessage},
+        {"subject of 2 bytes", 2, {121, 0, 2}, kStatusCorruptMessage},
+        {"subject's element too long", 2, {121, 0, 6, 1, 4, 'A', 0}, kStatusCorruptMessage},
+        {"message class 8", 1, Bytes{8} + empty, kStatusCorruptMessage},
+        {"message's magic", 1, {122, 0, 0, 0, 8, 0x99, 0x55, 0xee, 0xab}, kStatusCorruptMessage},
+        {"message of 7", 1, {122, 0, 0, 0, 7, 0x99, 0x55, 0xee, 0xaa}, kStatusCorruptMessage},
+        {"message of 9", 1, {122, 0, 0, 0, 9, 0x99, 0x55, 0xee, 0xaa}, kStatusCorruptMessage},
+        {"strings without a count", 48, {3, 0, 0, 0}, kStatusCorruptMessage},
+        {"strings that aren't there", 48, {4, 0, 0, 0, 1}, kStatusCorruptMessage},
+        {"a string too few", 48, {6, 0, 0, 0, 2, 'a', 0}, kStatusCorruptMessage},
+        {"a string too many", 48, {6, 0, 0, 0, 1, 0, 0}, kStatusCorruptMessage},
+        {"string without NUL", 48, {5, 0, 0, 0, 1, 'a'}, kStatusCorruptMessage},
+        {"four thousand million strings", 48, {6, 255, 255, 255, 255, 0, 0}, kStatusCorruptMessage},
+        {"messages without a count", 49, {0}, kStatusCorruptMessage},
+        {"a message too few", 49, Bytes{12, 0, 0, 0, 2} + empty, kStatusCorruptMessage},
+        {"a message too many", 49, Bytes{20, 0, 0, 0, 1} + empty + empty, kStatusCorruptMessage},
+        {"bytes behind the messages", 49, Bytes{13, 0, 0, 0, 1} + empty + Bytes{0},
+         kStatusCorruptMessage},
+        {"element's magic", 49, {12, 0, 0, 0, 1, 0, 0, 0, 8, 9, 9, 9, 9}, kStatusCorruptMessage},
+        {"element of 0",
+         49,
+         {12, 0, 0, 0, 1, 0, 0, 0, 0, 0x99, 0x55, 0xee, 0xaa},
+         kStatusCorruptMessage},
+        {"messages by the million", 49, Bytes{12, 0x20, 0, 0, 1} + empty, kStatusCorruptMessage},
+        {"document without inner prefix", 47, {0}, kStatusCorruptMessage},
+        {"document with half of it", 47, {2, 121, 0}, kStatusCorruptMessage},
+        {"document that is no stream", 47, {6, 5, 'h', 'e', 'l', 'l', 'o'}, kStatusCorruptMessage},
+    };
+    for (const auto& [what, type, bytes, status] : cases) {
+        SCOPED_TRACE(what);
+        FailAlloc count{.after = kNeverFails};
+        EXPECT_EQ(decode(type, bytes).status, status);
+        allocationsHeal();
+        EXPECT_LE(allocationsCounted(), type == FIELD_XML ? 1u : 0u);
+    }
+}
+
+Bytes prefixOf(size_t size) {
+    const Bytes bytes = wireBytes(*blockValue(FIELD_OPAQUE, Bytes(size)));
+    return Bytes(bytes.data(), bytes.data() + bytes.size() - size);
+}
+
+Bytes deflated(const Bytes& document) {
+    uLongf size = compressBound(document.size());
+    Bytes stream(size);
+    EXPECT_EQ(compress(stream.data(), &size, document.data(), document.size()), Z_OK);
+    stream.resize(size);
+    return stream;
+}
+
+Bytes documentValue(size_t declared, const Bytes& rest) {
+    const Bytes inner = prefixOf(declared) + rest;
+    return prefixOf(inner.size()) + inner;
+}
+
+TEST(CodecXml, TravelsCompressedWhateverThatGains) {
+    for (const size_t size : {1u, 119u, 120u, 29999u, 30000u, 200000u}) {
+        for (const Bytes& document : {Bytes(size, 'x'), patternBytes(size, 1)}) {
+            SCOPED_TRACE(size);
+            const SharedValue value = blockValue(FIELD_XML, document);
+            const Bytes stream = deflated(document);
+            const Bytes bytes = documentValue(size, stream);
+            const size_t need = 10 + stream.size();  // room for the largest prefixes
+            const Encoded encoded = encode(value->field(), need);
+            EXPECT_EQ(encoded.status, kStatusSuccess);
+            EXPECT_EQ(Bytes(encoded.image.data(), encoded.image.data() + encoded.used),
+                      Bytes{FIELD_XML} + bytes);
+            for (const size_t room : {size_t{0}, size_t{9}, size_t{10}, need - 1}) {
+                const Encoded cut = encode(value->field(), room);
+                EXPECT_EQ(cut.status, kStatusNoMemory) << room;
+                EXPECT_EQ(cut.used, 1u);
+            }
+            const Decoded decoded = decode(FIELD_XML, bytes);
+            EXPECT_EQ(decoded.status, kStatusSuccess);
+            EXPECT_TRUE(fieldHolds(decoded.field, *value));
+            EXPECT_EQ(decoded.disposition, kDataOwnedBlock);
+        }
+    }
+}
+
+TEST(CodecXml, IsReadStoredEmptyOrWithBytesBehind) {
+    const Bytes hello = {'h', 'e', 'l', 'l', 'o'};
+    for (const Bytes& bytes : {documentValue(0, hello), documentValue(5, deflated(hello)),
+                               documentValue(5, deflated(hello) + Bytes{1, 2, 3})}) {
+        const Decoded decoded = decode(FIELD_XML, bytes);
+        EXPECT_EQ(decoded.status, kStatusSuccess);
+        EXPECT_TRUE(fieldHolds(decoded.field, *blockValue(FIELD_XML, hello)));
+        EXPECT_EQ(decoded.used, bytes.size());
+    }
+    for (const size_t declared : {0u, 5u}) {
+        const Decoded nothing = decode(FIELD_XML, documentValue(declared, {}));
+        EXPECT_EQ(nothing.status, kStatusSuccess);
+        EXPECT_EQ(nothing.field.size, declared);
+        EXPECT_EQ(nothing.field.data.pointer, nullptr);
+        EXPECT_EQ(nothing.disposition, kDataByValue);
+    }
+}
+
+TEST(CodecXml, IsRefusedWhereTheStreamIsAnother) {
+    const Bytes document(1000, 'x');
+    const Bytes stream = deflated(document);
+    const Bytes cut(stream.data(), stream.data() + stream.size() - 1);
+    Bytes damaged = stream;
+    damaged.back() ^= 1;  // of the checksum
+    for (const Bytes& bytes : {documentValue(999, stream), documentValue(1001, stream),
+                               documentValue(1000, cut), documentValue(1000, damaged)}) {
+        EXPECT_EQ(decode(FIELD_XML, bytes).status, kStatusCorruptMessage);
+    }
+}
+
+// No stream of these bytes could be as long as it claims to be: no block is made for it.
+TEST(CodecXml, TakesNoBlockForWhatCantBeReached) {
+    const Bytes stream = deflated(Bytes(1 << 20, 'x'));
+    const auto blocksFor = [&](uint32_t declared) {
+        const Bytes declaredPrefix = {
+            122, static_cast<uint8_t>(declared >> 24), static_cast<uint8_t>(declared >> 16),
+            static_cast<uint8_t>(declared >> 8), static_cast<uint8_t>(declared)};
+        const Bytes inner = declaredPrefix + stream;
+        FailAlloc count{.after = kNeverFails};
+        const Decoded decoded = decode(FIELD_XML, prefixOf(inner.size()) + inner);
+        allocationsHeal();
+        EXPECT_EQ(decoded.status,
+                  declared == 4 + (1 << 20) ? kStatusSuccess : kStatusCorruptMessage);
+        return allocationsCounted();
+    };
+    EXPECT_EQ(blocksFor(4 + (1 << 20)), 1u);
+    EXPECT_EQ(blocksFor(UINT32_MAX), 0u);
+    EXPECT_EQ(blocksFor(static_cast<uint32_t>(stream.size() * 1100)), 0u);
+}
+
+TEST(CodecHostile, AnswersForEachAllocationThatFails) {
+    const Bytes empty = imageOf(std::vector<Bytes>());
+    const struct {
+        uint8_t type;
+        Bytes bytes;
+    } cases[] = {
+        {FIELD_I16ARRAY, {2, 0, 1}},
+        {FIELD_F32ARRAY, {4, 0, 0, 0, 0}},
+        {FIELD_U64ARRAY, {8, 0, 0, 0, 0, 0, 0, 0, 0}},
+        {FIELD_XML, documentValue(3, deflated({1, 2, 3}))},
+        {FIELD_XML, documentValue(0, {1, 2, 3})},
+        {FIELD_STRINGARRAY, {5, 0, 0, 0, 1, 0}},
+        {FIELD_MSGARRAY, Bytes{12, 0, 0, 0, 1} + empty},
+    };
+    for (const auto& [type, bytes] : cases) {
+        const size_t failures = eachAllocationFails([&type = type, &bytes = bytes] {
+            const Decoded decoded = decode(type, bytes);
+            EXPECT_EQ(decoded.status, allocationsFailed() != 0 ? kStatusNoMemory : kStatusSuccess);
+            EXPECT_EQ(decoded.disposition == kDataByValue, allocationsFailed() != 0);
+        });
+        EXPECT_EQ(failures, 2u) << int{type};
+    }
+}
+
+}  // namespace

@@ -1,0 +1,485 @@
+// What each type becomes when a read asks for another one. Expected values are written as text, one
+// word for each target: "-" where there is no way, "." for the type itself.
+
+#include "lib/msg/convert.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <sstream>
+
+#include "lib/base/bytes.h"
+#include "tests/support/codec_run.h"
+#include "tests/support/fail_alloc.h"
+
+namespace {
+
+struct Converted {
+    pelmoStatus status;
+    pelmoMsgField field;
+    Disposition disposition = kDataByValue;
+    OwnedBlock block;
+};
+
+Converted convert(const pelmoMsgField& field, uint8_t targetType) {
+    Converted out{kStatusSuccess, field, kDataByValue, nullptr};
+    out.status = fieldConverters[field.type](out.field, targetType, out.disposition);
+    if (out.status == kStatusSuccess && out.disposition == kDataOwnedBlock) {
+        out.block.reset(const_cast<void*>(out.field.data.pointer));
+    }
+    return out;
+}
+
+template <typename... Arguments>
+std::string format(const char* how, Arguments... arguments) {
+    char text[64];
+    std::snprintf(text, sizeof text, how, arguments...);
+    return text;
+}
+
+std::string shownReal(double real) {
+    return std::isnan(real) ? "nan" : format("%.17g", real);
+}
+
+template <typename Word>
+Word load(const void* at) {
+    Word word;
+    std::memcpy(&word, at, sizeof word);
+    return word;
+}
+
+std::string shown(uint8_t type, const void* at) {
+    switch (type) {
+        case FIELD_BOOL:
+            return std::to_string(load<uint32_t>(at));
+        case FIELD_I8:
+            return std::to_string(load<int8_t>(at));
+        case FIELD_U8:
+            return std::to_string(load<uint8_t>(at));
+        case FIELD_I16:
+            return std::to_string(load<int16_t>(at));
+        case FIELD_U16:
+            return std::to_string(load<uint16_t>(at));
+        case FIELD_I32:
+            return std::to_string(load<int32_t>(at));
+        case FIELD_U32:
+            return std::to_string(load<uint32_t>(at));
+        case FIELD_I64:
+            return std::to_string(load<int64_t>(at));
+        case FIELD_U64:
+            return std::to_string(load<uint64_t>(at));
+        case FIELD_F32:
+            return shownReal(double{load<float>(at)});
+        case FIELD_F64:
+            return shownReal(load<double>(at));
+        case FIELD_IPPORT16:
+            return std::to_string(loadBe16At(static_cast<const uint8_t*>(at)));
+        case FIELD_IPADDR32: {
+            const auto* octets = static_cast<const uint8_t*>(at);
+            return format("%u.%u.%u.%u", octets[0], octets[1], octets[2], octets[3]);
+        }
+        default:
+            return "?";
+    }
+}
+
+uint32_t widthOf(uint8_t type) {
+    switch (type) {
+        case FIELD_I8:
+        case FIELD_U8:
+            return 1;
+        case FIELD_I16:
+        case FIELD_U16:
+        case FIELD_IPPORT16:
+            return 2;
+        case FIELD_I64:
+        case FIELD_U64:
+        case FIELD_F64:
+            return 8;
+        default:
+            return 4;
+    }
+}
+
+struct ArrayType {
+    uint8_t array, element;
+};
+constexpr ArrayType kArrays[] = {{34, FIELD_I8},  {35, FIELD_U8},  {36, FIELD_I16}, {37, FIELD_U16},
+                                 {38, FIELD_I32}, {39, FIELD_U32}, {40, FIELD_I64}, {41, FIELD_U64},
+                                 {44, FIELD_F32}, {45, FIELD_F64}};
+
+uint8_t elementOf(uint8_t arrayType) {
+    for (const ArrayType& row : kArrays) {
+        if (row.array == arrayType) return row.element;
+    }
+    return FIELD_BAD;
+}
+
+// The value, or for an array its elements, "=" ahead of them where it is still the same block.
+// Size, count and disposition are checked on the way.
+std::string shownAs(const pelmoMsgField& source, uint8_t targetType) {
+    const Converted out = convert(source, targetType);
+    if (out.status != kStatusSuccess) {
+        EXPECT_EQ(out.status, kStatusConversionFailed);
+        return "-";
+    }
+    const pelmoMsgField& field = out.field;
+    EXPECT_EQ(field.type, targetType);
+    if (targetType == FIELD_STRING) {
+        const auto* text = static_cast<const char*>(field.data.pointer);
+        EXPECT_EQ(field.size, std::strlen(text) + 1);
+        EXPECT_EQ(field.count, 1u);
+        return text;
+    }
+    const uint8_t element = elementOf(targetType);
+    EXPECT_EQ(field.size, widthOf(element == FIELD_BAD ? targetType : element));
+    EXPECT_EQ(field.count, source.count);
+    if (element == FIELD_BAD) {
+        EXPECT_EQ(out.disposition, kDataByValue);
+        return shown(targetType, &field.data);
+    }
+    const bool same = field.data.pointer == source.data.pointer;
+    EXPECT_EQ(out.disposition, same ? kDataByValue : kDataOwnedBlock);
+    std::string all = same ? "=" : "";
+    for (uint32_t i = 0; i < field.count; ++i) {
+        const auto* at = static_cast<const uint8_t*>(field.data.pointer) + i * field.size;
+        all += (i != 0 ? "," : "") + shown(element, at);
+    }
+    return all;
+}
+
+// All 256 targets: those named have a word each, text has its own, all others have no way.
+void expectAll(const pelmoMsgField& source,
+               const std::vector<uint8_t>& targets,
+               const std::string& words,
+               const std::string& text) {
+    std::array<std::string, 256> expected;
+    expected.fill("-");
+    std::istringstream in(words);
+    for (const uint8_t target : targets) {
+        ASSERT_TRUE(in >> expected[target]) << words;
+    }
+    expected[FIELD_STRING] = text;
+    for (unsigned target = 0; target < 256; ++target) {
+        if (target == source.type) continue;
+        EXPECT_EQ(shownAs(source, static_cast<uint8_t>(target)), expected[target])
+            << "from " << int{source.type} << " to " << target;
+    }
+}
+
+const std::vector<uint8_t> kScalars = {FIELD_BOOL, FIELD_I8,  FIELD_U8,  FIELD_I16,
+                                       FIELD_U16,  FIELD_I32, FIELD_U32, FIELD_I64,
+                                       FIELD_U64,  FIELD_F32, FIELD_F64};
+
+SharedValue f64(double number) {
+    return scalarValue(FIELD_F64, &FieldData::f64, number);
+}
+
+SharedValue truth(uint32_t number) {
+    return scalarValue(FIELD_BOOL, &FieldData::boolean, number);
+}
+
+// Bool, then signed and unsigned of 8, 16, 32 and 64 bits, then floats of 32 and 64.
+TEST(Convert, CutsAndWrapsNumbers) {
+    constexpr double kInfinity = std::numeric_limits<double>::infinity();
+    const struct {
+        SharedValue source;
+        const char* words;
+        const char* text;
+    } cases[] = {
+        {scalarValue(FIELD_I8, &FieldData::i8, int8_t{-128}),
+         "1 . 128 -128 65408 -128 4294967168 -128 18446744073709551488 -128 -128", "-128"},
+        {scalarValue(FIELD_U8, &FieldData::u8, uint8_t{255}),
+         "1 -1 . 255 255 255 255 255 255 255 255", "255"},
+        {scalarValue(FIELD_I16, &FieldData::i16, int16_t{-32768}),
+         "1 0 0 . 32768 -32768 4294934528 -32768 18446744073709518848 -32768 -32768", "-32768"},
+        {scalarValue(FIELD_U16, &FieldData::u16, uint16_t{65535}),
+         "1 -1 255 -1 . 65535 65535 65535 65535 65535 65535", "65535"},
+        {scalarValue(FIELD_I32, &FieldData::i32, -1),
+         "1 -1 255 -1 65535 . 4294967295 -1 18446744073709551615 -1 -1", "-1"},
+        {scalarValue(FIELD_I32, &FieldData::i32, 0), "0 0 0 0 0 . 0 0 0 0 0", "0"},
+        {scalarValue(FIELD_I32, &FieldData::i32, 16777217),
+         "1 1 1 1 1 . 16777217 16777217 16777217 16777216 16777217", "16777217"},
+        {scalarValue(FIELD_U32, &FieldData::u32, UINT32_MAX),
+         "1 -1 255 -1 65535 -1 . 4294967295 4294967295 4294967296 4294967295", "4294967295"},
+        {scalarValue(FIELD_I64, &FieldData::i64, INT64_MIN),
+         "1 0 0 0 0 0 0 . 9223372036854775808 -9.2233720368547758e+18 -9.2233720368547758e+18",
+         "-9223372036854775808"},
+        {scalarValue(FIELD_I64, &FieldData::i64, int64_t{0x123456789abcdef0}),
+         "1 -16 240 -8464 57072 -1698898192 2596069104 . 1311768467463790320 "
+         "1.3117684992274596e+18 1.3117684674637903e+18",
+         "1311768467463790320"},
+        {scalarValue(FIELD_U64, &FieldData::u64, UINT64_MAX),
+         "1 -1 255 -1 65535 -1 4294967295 -1 . -1 -1", "18446744073709551615"},
+        {scalarValue(FIELD_U64, &FieldData::u64, uint64_t{1} << 63),
+         "1 0 0 0 0 0 0 -9223372036854775808 . -9.2233720368547758e+18 -9.2233720368547758e+18",
+         "9223372036854775808"},
+        {scalarValue(FIELD_F32, &FieldData::f32, 1.5f), "1 1 1 1 1 1 1 1 1 . 1.5", "1.5"},
+        {scalarValue(FIELD_F32, &FieldData::f32, -3.9f),
+         "1 -3 253 -3 65533 -3 4294967293 -3 18446744073709551613 . -3.9000000953674316", "-3.9"},
+        {scalarValue(FIELD_F32, &FieldData::f32, 1e-45f),
+         "1 0 0 0 0 0 0 0 0 . 1.4012984643248171e-45", "1.4013e-45"},
+        {f64(3.9), "1 3 3 3 3 3 3 3 3 3.9000000953674316 .", "3.9"},
+        {f64(-0.0), "0 0 0 0 0 0 0 0 0 -0 .", "-0"},
+        {f64(0.4), "1 0 0 0 0 0 0 0 0 0.40000000596046448 .", "0.4"},
+        {f64(2147483647.9),
+         "1 -1 255 -1 65535 2147483647 2147483647 2147483647 2147483647 2147483648 .",
+         "2.14748e+09"},
+        {f64(-2147483648.9),
+         "1 0 0 0 0 -2147483648 2147483648 -2147483648 18446744071562067968 -2147483648 .",
+         "-2.14748e+09"},
+        // Beyond what an integer holds.
+        {f64(1e10), "1 0 0 0 0 -2147483648 1410065408 10000000000 10000000000 10000000000 .",
+         "1e+10"},
+        {f64(1e19),
+         "1 0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 "
+         "9.9999999805064479e+18 .",
+         "1e+19"},
+        {f64(1e300), "1 0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 inf .",
+         "1e+300"},
+        {f64(-kInfinity), "1 0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 -inf .",
+         "-inf"},
+        {f64(std::numeric_limits<double>::quiet_NaN()),
+         "1 0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 nan .", "nan"},
+        {truth(1), ". 1 1 1 1 1 1 1 1 1 1", "true"},
+        {truth(0), ". 0 0 0 0 0 0 0 0 0 0", "false"},
+        {truth(2), ". 0 0 0 0 0 0 0 0 0 0", "false"},
+    };
+    for (const auto& [source, words, text] : cases) {
+        expectAll(source->field(), kScalars, words, text);
+    }
+}
+
+TEST(Convert, TurnsPortsAndAddressesToTheHostsOrder) {
+    expectAll(scalarValue(FIELD_IPPORT16, &FieldData::ipPort16, hostOrder16(57072))->field(),
+              {FIELD_U16, FIELD_I32, FIELD_U32}, "57072 57072 57072", "57072");
+    expectAll(scalarValue(FIELD_IPADDR32, &FieldData::ipAddr32, hostOrder32(0xc0a80101))->field(),
+              {FIELD_U32}, "3232235777", "192.168.1.1");
+}
+
+// Bool, the integers and floats, then port and address.
+TEST(Convert, ParsesText) {
+    std::vector<uint8_t> targets = kScalars;
+    targets.insert(targets.end(), {FIELD_IPPORT16, FIELD_IPADDR32});
+    const struct {
+        std::string text;
+        const char* words;
+    } cases[] = {
+        {"", "0 - - - - - - - - - - - -"},
+        {"True", "1 - - - - - - - - - - - -"},
+        {"t", "1 - - - - - - - - - - - -"},
+        {"yes", "0 - - - - - - - - - - - -"},
+        {"1", "0 1 1 1 1 1 1 1 1 1 1 1 0.0.0.1"},
+        {"+5", "0 5 5 5 5 5 5 5 5 5 5 5 0.0.0.5"},
+        {" 7", "0 7 7 7 7 7 7 7 7 7 7 7 0.0.0.7"},
+        {"7 ", "0 7 7 7 7 7 7 7 7 - - 7 -"},
+        {"0x10", "0 0 0 0 0 0 0 0 0 16 16 0 0.0.0.16"},
+        {"1.5x", "0 1 1 1 1 1 1 1 1 - - 1 -"},
+        {"-1.5", "0 -1 255 -1 65535 -1 4294967295 -1 18446744073709551615 -1.5 -1.5 65535 -"},
+        {"-1",
+         "0 -1 255 -1 65535 -1 4294967295 -1 18446744073709551615 -1 -1 65535 "
+         "255.255.255.255"},
+        {"300", "0 44 44 300 300 300 300 300 300 300 300 300 0.0.3.0"},
+        {"9223372036854775808",
+         "0 -1 0 -1 0 -1 0 9223372036854775807 9223372036854775808 "
+         "9.2233720368547758e+18 9.2233720368547758e+18 0 255.255.255.255"},
+        {"1e400", "0 1 1 1 1 1 1 1 1 inf inf 1 0.1.228.0"},
+        {"nan", "0 - - - - - - - - nan nan - -"},
+        {"c0a80101", "0 - - - - - - - - - - - 192.168.1.1"},
+        {"192.168.1.1", "0 -64 192 192 192 192 192 192 192 - - 192 192.168.1.1"},
+        {"192.168.1", "0 -64 192 192 192 192 192 192 192 - - 192 -"},
+        {"192.168.1.", "0 -64 192 192 192 192 192 192 192 - - 192 -"},
+        {"192.168.1.1.", "0 -64 192 192 192 192 192 192 192 - - 192 -"},
+        {"192..1.1", "0 -64 192 192 192 192 192 192 192 - - 192 -"},
+        {"1.2.4.300", "0 1 1 1 1 1 1 1 1 - - 1 1.2.5.44"},
+        {std::string("12\0x", 4), "0 12 12 12 12 12 12 12 12 12 12 12 0.0.0.18"},
+    };
+    for (const auto& [text, words] : cases) {
+        SCOPED_TRACE(text);
+        expectAll(stringValue(text)->field(), targets, words, "-");
+        // The same without its NUL, in a block of its own size.
+        if (text.empty()) continue;
+        const Bytes bare(text.begin(), text.end());
+        expectAll(blockValue(FIELD_STRING, bare)->field(), targets, words, "-");
+    }
+    expectAll(blockValue(FIELD_STRING, {})->field(), {}, "", "-");
+}
+
+TEST(Convert, ShowsTheRestAsTextAlone) {
+    const Bytes inner = imageOf({recordOf("a", 0, *truth(1))});
+    pelmoMsgField bad;
+    expectAll(bad, {}, "", "[BADDATA]");
+    const struct {
+        SharedValue source;
+        const char* text;
+    } cases[] = {
+        {noneValue(), "[NONE]"},
+        {blockValue(FIELD_OPAQUE, Bytes(12)), "[12 opaque bytes]"},
+        {blockValue(FIELD_XML, Bytes(7)), "[XML document: 7 bytes]"},
+        {subjectValue("A.B.*.>"), "A.B.*.>"},
+        {messageValue(inner), "{a=true}"},
+        {messageArrayValue({inner, inner}), "[{a=true} {a=true}]"},
+        {messageArrayValue({}), "[]"},
+        {stringArrayValue({"a", "", "%s"}), "[\"a\" \"\" \"%s\"]"},
+        {stringArrayValue({}), "[]"},
+        {dateTimeValue(0, 0), "1970-01-01 00:00:00Z"},
+        {dateTimeValue(-1, 0), "1969-12-31 23:59:59Z"},
+        {dateTimeValue(951782400, 1), "2000-02-29 00:00:00.000000001Z"},
+        {dateTimeValue(-2203891200, 999999999), "1900-03-01 00:00:00.999999999Z"},
+        {dateTimeValue(-62135596801, 0), "-001-12-31 23:59:59Z"},
+        {dateTimeValue(549755813887, 5000), "19391-01-25 12:18:07.000005000Z"},
+    };
+    for (const auto& [source, text] : cases) {
+        expectAll(source->field(), {}, "", text);
+    }
+}
+
+std::vector<uint8_t> arrayTypes() {
+    std::vector<uint8_t> types;
+    for (const ArrayType& row : kArrays) {
+        types.push_back(row.array);
+    }
+    return types;
+}
+
+TEST(Convert, CutsAndWidensArrays) {
+    const struct {
+        SharedValue source;
+        const char* words;
+        const char* text;
+    } cases[] = {
+        {numbersValue<int8_t>(34, {-1, 127}),
+         ". =255,127 -1,127 65535,127 -1,127 4294967295,127 - - -1,127 -1,127", "[-1 127]"},
+        {numbersValue<uint8_t>(35, {255, 1}), "=-1,1 . 255,1 255,1 255,1 255,1 - - 255,1 255,1",
+         "[255 1]"},
+        {numbersValue<int16_t>(36, {-32768}), "0 0 . =32768 -32768 4294934528 - - -32768 -32768",
+         "[-32768]"},
+        {numbersValue<uint16_t>(37, {65535}), "-1 255 =-1 . 65535 65535 - - 65535 65535",
+         "[65535]"},
+        {numbersValue<int32_t>(38, {-1, 16777217}),
+         "-1,1 255,1 -1,1 65535,1 . 4294967295,16777217 -1,16777217 "
+         "18446744073709551615,16777217 -1,16777216 -1,16777217",
+         "[-1 16777217]"},
+        {numbersValue<uint32_t>(39, {UINT32_MAX}),
+         "-1 255 -1 65535 -1 . 4294967295 4294967295 4294967296 4294967295", "[4294967295]"},
+        {numbersValue<int64_t>(40, {-2}),
+         "-2 254 -2 65534 -2 4294967294 . 18446744073709551614 -2 -2", "[-2]"},
+        {numbersValue<uint64_t>(41, {UINT64_MAX}), "-1 255 -1 65535 -1 4294967295 -1 . -1 -1",
+         "[18446744073709551615]"},
+        {numbersValue<float>(44, {-3.9f}),
+         "-3 253 -3 65533 -3 4294967293 -3 18446744073709551613 . -3.9000000953674316",
+         "[-3.900000]"},
+        {numbersValue<double>(45, {3.9, 1e10}),
+         "3,0 3,0 3,0 3,0 3,-2147483648 3,1410065408 3,10000000000 3,10000000000 "
+         "3.9000000953674316,10000000000 .",
+         "[3.9 1e+10]"},
+        {numbersValue<double>(45, {std::numeric_limits<double>::quiet_NaN()}),
+         "0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 nan .", "[nan]"},
+    };
+    for (const auto& [source, words, text] : cases) {
+        expectAll(source->field(), arrayTypes(), words, text);
+    }
+}
+
+TEST(Convert, KeepsArraysOfNothingEmpty) {
+    for (const ArrayType& from : kArrays) {
+        const pelmoMsgField source = arrayValue(from.array, widthOf(from.element), {})->field();
+        EXPECT_EQ(shownAs(source, FIELD_STRING), "[]");
+        for (const ArrayType& to : kArrays) {
+            const bool widens = from.array <= 37 && (to.array == 40 || to.array == 41);
+            const Converted out = convert(source, to.array);
+            EXPECT_EQ(out.status, widens ? kStatusConversionFailed : kStatusSuccess);
+            EXPECT_EQ(out.field.count, 0u);
+            EXPECT_EQ(out.field.data.pointer, nullptr);
+            EXPECT_EQ(out.disposition, kDataByValue);
+        }
+    }
+}
+
+// The longest text that an element can have, often enough to overrun a block that is too small.
+TEST(Convert, ShowsTheWidestElements) {
+    constexpr double kTwoTo64 = 18446744073709551616.0;
+    const float beyond = std::nextafterf(static_cast<float>(kTwoTo64), INFINITY);
+    const auto times = [](auto number) { return std::vector(500, number); };
+    const struct {
+        SharedValue source;
+        const char* element;
+    } cases[] = {
+        {numbersValue(34, times(int8_t{-128})), "-128"},
+        {numbersValue(35, times(uint8_t{255})), "255"},
+        {numbersValue(36, times(int16_t{-32768})), "-32768"},
+        {numbersValue(37, times(uint16_t{65535})), "65535"},
+        {numbersValue(38, times(INT32_MIN)), "-2147483648"},
+        {numbersValue(39, times(UINT32_MAX)), "4294967295"},
+        {numbersValue(40, times(int64_t{INT64_MIN})), "-9223372036854775808"},
+        {numbersValue(41, times(uint64_t{UINT64_MAX})), "18446744073709551615"},
+        {numbersValue(44, times(static_cast<float>(-kTwoTo64))), "-18446744073709551616.000000"},
+        {numbersValue(44, times(static_cast<float>(kTwoTo64))), "18446744073709551616.000000"},
+        {numbersValue(44, times(-beyond)), "-1.844675e+19"},
+        {numbersValue(44, times(INFINITY)), "inf"},
+        {numbersValue(44, times(1e-45f)), "0.000000"},
+        {numbersValue(45, times(-1.23456789e-300)), "-1.23457e-300"},
+        {numbersValue(45, times(-0.0)), "-0"},
+    };
+    for (const auto& [source, element] : cases) {
+        std::string text = "[";
+        for (int i = 0; i < 500; ++i) {
+            text += (i != 0 ? " " : "") + std::string(element);
+        }
+        EXPECT_EQ(shownAs(source->field(), FIELD_STRING), text + "]");
+    }
+}
+
+TEST(Convert, AnswersForEachAllocationThatFails) {
+    const struct {
+        SharedValue source;
+        uint8_t target;
+    } cases[] = {
+        {f64(1.5), FIELD_STRING},
+        {scalarValue(FIELD_IPADDR32, &FieldData::ipAddr32, 1u), FIELD_STRING},
+        {scalarValue(FIELD_IPPORT16, &FieldData::ipPort16, uint16_t{1}), FIELD_STRING},
+        {blockValue(FIELD_STRING, {'1', '2'}), FIELD_I32},
+        {blockValue(FIELD_OPAQUE, {1}), FIELD_STRING},
+        {blockValue(FIELD_XML, {1}), FIELD_STRING},
+        {subjectValue("A.B"), FIELD_STRING},
+        {dateTimeValue(0, 1), FIELD_STRING},
+        {stringArrayValue({std::string(40, 'a'), std::string(400, 'b')}), FIELD_STRING},
+        {numbersValue<int32_t>(38, {1, 2}), FIELD_I64ARRAY},
+        {numbersValue<int8_t>(34, {1, 2}), FIELD_F64ARRAY},
+    };
+    for (const auto& [source, target] : cases) {
+        const size_t failures = eachAllocationFails([&source = source, &target = target] {
+            const Converted out = convert(source->field(), target);
+            EXPECT_EQ(out.status, allocationsFailed() != 0 ? kStatusNoMemory : kStatusSuccess);
+        });
+        EXPECT_GE(failures, 2u) << int{source->type};
+    }
+    // An array's text goes on in the larger block where none of its own size can be had.
+    const SharedValue numbersOfOne = numbersValue<uint8_t>(35, {1});
+    eachAllocationFails([&] {
+        const Converted out = convert(numbersOfOne->field(), FIELD_STRING);
+        if (out.status == kStatusSuccess) {
+            EXPECT_STREQ(static_cast<const char*>(out.field.data.pointer), "[1]");
+        } else {
+            EXPECT_EQ(out.status, kStatusNoMemory);
+        }
+    });
+}
+
+TEST(IpAddrToText, NeedsRoomForTheLongest) {
+    char text[16];
+    EXPECT_EQ(ipAddrToText(0x0a010203, text, sizeof text), 9u);
+    EXPECT_STREQ(text, "10.1.2.3");
+    EXPECT_EQ(ipAddrToText(UINT32_MAX, text, sizeof text), 16u);
+    EXPECT_STREQ(text, "255.255.255.255");
+    EXPECT_EQ(ipAddrToText(1, text, 15), 0u);
+    EXPECT_EQ(ipAddrToText(1, nullptr, 16), 0u);
+}
+
+}  // namespace
