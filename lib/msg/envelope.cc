@@ -1,0 +1,375 @@
+// Opening and closing, and what an open envelope tells.
+
+#include "lib/msg/envelope.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "lib/base/bytes.h"
+#include "lib/containers/subject.h"
+#include "lib/msg/codec_parts.h"
+#include "lib/msg/envelope_parts.h"
+#include "lib/msg/message_parts.h"
+#include "lib/msg/text.h"
+#include "lib/msg/trace_ops.h"
+
+namespace {
+
+constexpr uint32_t kMostReplyBytes = 255;  // with its NUL
+constexpr uint32_t kWrapBytes = 22;        // a head, and the field "_data_" around its value
+
+// A field of the outer message.
+struct EnvelopeField {
+    const uint8_t* image;
+    uint32_t typeOffset;
+    uint32_t end;
+
+    // Behind type and size byte.
+    [[nodiscard]] uint32_t valueOffset() const { return typeOffset + 2; }
+};
+
+pelmoStatus noteSendSubject(const EnvelopeField& field, EnvelopeView& view) {
+    // The walk has seen that the record holds the length that its prefix tells, which is the
+    // subject's own.
+    if (!subjectFieldIsValid(field.image + field.typeOffset + 1)) return kStatusCorruptMessage;
+    if (field.image[field.typeOffset] == FIELD_SUBJECT) {
+        view.sendSubjectOffset = field.valueOffset();
+    }
+    return kStatusSuccess;
+}
+
+pelmoStatus noteReplySubject(const EnvelopeField& field, EnvelopeView& view) {
+    ReadCursor value{field.image + field.typeOffset + 1, field.image + field.end};
+    uint32_t sizeBytes = 0;
+    if (readValueLength(value, sizeBytes) != kStatusSuccess) return kStatusCorruptMessage;
+    if (sizeBytes == 0 || sizeBytes > kMostReplyBytes) return kStatusCorruptMessage;
+    if (std::memchr(value.at, 0, sizeBytes) != value.at + sizeBytes - 1) {
+        return kStatusCorruptMessage;
+    }
+    view.replySubjectOffset = static_cast<uint32_t>(value.at - field.image);
+    return kStatusSuccess;
+}
+
+pelmoStatus noteMtype(const EnvelopeField& field, EnvelopeView& view) {
+    view.mtypeOffset = field.valueOffset();
+    return kStatusSuccess;
+}
+
+pelmoStatus noteSourcePort(const EnvelopeField& field, EnvelopeView& view) {
+    view.sourcePortOffset = field.valueOffset();
+    return kStatusSuccess;
+}
+
+struct EnvelopeName {
+    std::string_view name;
+    uint8_t flags;
+    bool staysAtStrip;
+    pelmoStatus (*note)(const EnvelopeField& field, EnvelopeView& view);
+};
+
+constexpr EnvelopeName kNames[] = {
+    {"sub", 0, true, noteSendSubject},
+    {"return", 0, true, noteReplySubject},
+    {"mtype", 0, true, noteMtype},
+    {"cid", 0, false, noteSourcePort},
+    {"data", ENV_FOREIGN, true, nullptr},  // one that isn't the last
+    {"e", 0, false, nullptr},
+    {"ro", ENV_FOREIGN | ENV_SRC, false, nullptr},
+    {"src", ENV_FOREIGN | ENV_SRC, false, nullptr},
+    {"pmtx", ENV_FOREIGN | ENV_PMTX, false, nullptr},
+    {"cmnam", ENV_FOREIGN | ENV_CMNAM, false, nullptr},
+};
+constexpr EnvelopeName kOtherName = {"", ENV_FOREIGN, false, nullptr};
+
+bool nameIs(const pelmoMsg* msg, const FieldIndexEntry& entry, std::string_view name) {
+    if (entry.nameSize != name.size() + 1) return false;
+    const char* chars = reinterpret_cast<const char*>(msgImage(msg) + entry.nameOffset);
+    return std::string_view(chars, name.size()) == name;
+}
+
+const EnvelopeName& envelopeName(const pelmoMsg* msg, const FieldIndexEntry& entry) {
+    for (const EnvelopeName& row : kNames) {
+        if (nameIs(msg, entry, row.name)) return row;
+    }
+    return kOtherName;
+}
+
+// The field that becomes the nested message, and the fields ahead of it.
+struct DataField {
+    uint32_t fieldsAhead;
+    uint32_t typeOffset;
+};
+
+DataField lastField(const pelmoMsg* msg) {
+    const uint32_t last = msg->fieldCount - 1;
+    return {last, fieldTypeOffset(msg->index[last])};
+}
+
+// In place and in one go, however much lies behind the field. The id map is stale then.
+void moveLast(pelmoMsg* msg, uint32_t position) {
+    uint8_t* image = msgImage(msg);
+    FieldIndexEntry* entries = msg->index;
+    const uint32_t begin = fieldRecordOffset(entries[position]);
+    const uint32_t end = fieldEndOffset(msg, position);
+    std::rotate(image + begin, image + end, image + msg->length);
+    std::rotate(entries + position, entries + position + 1, entries + msg->fieldCount);
+    for (uint32_t i = position; i + 1 < msg->fieldCount; ++i) {
+        entries[i].nameOffset -= end - begin;
+    }
+    entries[msg->fieldCount - 1].nameOffset = msg->length - (end - begin) + 1;
+}
+
+pelmoStatus appendEmptyData(pelmoMsg* msg, DataField& data) {
+    const pelmoStatus status = msgReserve(msg, sizeof kDataHead + kMessageHeadBytes);
+    if (status != kStatusSuccess) return status;
+    uint8_t* at = msgImage(msg) + msg->length;
+    std::memcpy(at, kDataHead, sizeof kDataHead);
+    storeBe32At(at + sizeof kDataHead, kMessageHeadBytes);
+    storeBe32At(at + sizeof kDataHead + 4, kMessageMagic);
+    msg->length += sizeof kDataHead;
+    data = {msg->fieldCount, msg->length - 2};
+    msg->length += kMessageHeadBytes;
+    return kStatusSuccess;
+}
+
+// Sees to it that the last field is "data".
+pelmoStatus bringDataLast(pelmoMsg* msg, DataField& data) {
+    if (!nameIs(msg, msg->index[msg->fieldCount - 1], kDataName)) {
+        const pelmoStatus status = msgMakeWritable(msg);
+        if (status != kStatusSuccess) return status;
+        uint32_t position = 0;
+        if (msgFind(msg, kDataName, 0, position) != kStatusSuccess) {
+            return appendEmptyData(msg, data);
+        }
+        moveLast(msg, position);
+    }
+    data = lastField(msg);
+    return kStatusSuccess;
+}
+
+// A message whose one field, "_data_", has the value and the id of the last one.
+pelmoStatus wrapLastValue(pelmoMsg* msg, HeldMessage& wrapped) {
+    pelmoMsgField value;
+    if (msgReadField(msg, msg->fieldCount - 1, value, NameWanted::kNo) != kStatusSuccess) {
+        return kStatusInvalidMessage;
+    }
+    value.name = "_data_";
+    pelmoMsg* made = nullptr;
+    const pelmoStatus status =
+        msgCreateRaw(&made, msg->length - lastField(msg).typeOffset + kWrapBytes);
+    if (status != kStatusSuccess) return status;
+    wrapped.reset(made);
+    return pelmoMsg_AddField(made, &value) == kStatusSuccess ? kStatusSuccess
+                                                             : kStatusInvalidMessage;
+}
+
+// The new record is written behind the old one, which it then overwrites.
+pelmoStatus replaceLast(pelmoMsg* msg, pelmoMsg* wrapped, DataField& data) {
+    if (msgMakeWritable(msg) != kStatusSuccess) return kStatusInvalidMessage;
+    pelmoMsgField field;
+    field.name = kDataName;
+    field.type = FIELD_MSG;
+    field.size = wrapped->length;
+    field.data.pointer = wrapped;
+    const uint32_t fresh = msg->length;
+    if (msgAppendRecord(msg, field) != kStatusSuccess) return kStatusInvalidMessage;
+
+    const uint32_t recordOffset = fieldRecordOffset(msg->index[data.fieldsAhead]);
+    const uint32_t sizeBytes = msg->length - fresh;
+    std::memmove(msgImage(msg) + recordOffset, msgImage(msg) + fresh, sizeBytes);
+    msg->length = recordOffset + sizeBytes;
+    data.typeOffset = recordOffset + sizeof kDataHead - 2;
+    return kStatusSuccess;
+}
+
+pelmoStatus wrapData(pelmoMsg* msg, DataField& data) {
+    const ReferenceMark before = msgMark(msg);
+    HeldMessage wrapped;
+    const pelmoStatus status = wrapLastValue(msg, wrapped);
+    msgCutBack(msg, before);
+    return status == kStatusSuccess ? replaceLast(msg, wrapped.get(), data) : status;
+}
+
+// A head that lies would be written over by the next flush.
+bool dataIsMessage(const pelmoMsg* msg, const DataField& data) {
+    const uint8_t* image = msgImage(msg);
+    ReadCursor value{image + data.typeOffset + 1, image + msg->length};
+    pelmoMsgField field;
+    Disposition disposition = kDataByValue;
+    return decodeMsg(value, field, disposition) == kStatusSuccess &&
+           value.at == image + msg->length;
+}
+
+pelmoStatus openParsed(pelmoMsg* msg) {
+    DataField data{};
+    pelmoStatus status = bringDataLast(msg, data);
+    if (status != kStatusSuccess) return status;
+    if (msgImage(msg)[data.typeOffset] != FIELD_MSG) {
+        status = wrapData(msg, data);
+        if (status != kStatusSuccess) return status;
+    }
+    if (!dataIsMessage(msg, data)) return kStatusCorruptMessage;
+    EnvelopeView view;
+    status = envelopeScan(msg, data.fieldsAhead, view);
+    if (status == kStatusSuccess) envelopeShow(msg, data.typeOffset + 2, view);
+    return status;
+}
+
+// Shows the outer fields for a while.
+class ClosedForNow {
+  public:
+    explicit ClosedForNow(pelmoMsg* msg)
+        : msg_(msg),
+          dataOffset_(msg->dataOffset),
+          view_{0, msg->sendSubjectOffset, msg->replySubjectOffset, msg->mtypeOffset,
+                msg->sourcePortOffset} {
+        msgCloseEnvelope(msg);
+    }
+    ~ClosedForNow() {
+        if (dataOffset_ != 0) envelopeShow(msg_, dataOffset_, view_);
+    }
+    ClosedForNow(const ClosedForNow&) = delete;
+    ClosedForNow& operator=(const ClosedForNow&) = delete;
+
+  private:
+    pelmoMsg* msg_;
+    uint32_t dataOffset_;
+    EnvelopeView view_;
+};
+
+pelmoStatus noText(const char** out) {
+    *out = nullptr;
+    return kStatusNotFound;
+}
+
+}  // namespace
+
+pelmoStatus envelopeScan(const pelmoMsg* msg, uint32_t fieldCount, EnvelopeView& view) {
+    EnvelopeView seen;
+    for (uint32_t i = 0; i < fieldCount; ++i) {
+        const EnvelopeName& row = envelopeName(msg, msg->index[i]);
+        seen.flags |= row.flags;
+        if (row.note == nullptr) continue;
+        const EnvelopeField field{msgImage(msg), fieldTypeOffset(msg->index[i]),
+                                  fieldEndOffset(msg, i)};
+        const pelmoStatus status = row.note(field, seen);
+        if (status != kStatusSuccess) return status;
+    }
+    view = seen;
+    return kStatusSuccess;
+}
+
+void envelopeShow(pelmoMsg* msg, uint32_t dataOffset, const EnvelopeView& view) {
+    msg->envelopeFlags |= view.flags;
+    msg->sendSubjectOffset = view.sendSubjectOffset;
+    msg->replySubjectOffset = view.replySubjectOffset;
+    msg->mtypeOffset = view.mtypeOffset;
+    msg->sourcePortOffset = view.sourcePortOffset;
+    msg->dataOffset = dataOffset;
+    msg->indexValid = 0;
+    msgFlush(msg);
+}
+
+bool envelopeKeeps(const pelmoMsg* msg, const FieldIndexEntry& entry) {
+    return envelopeName(msg, entry).staysAtStrip;
+}
+
+pelmoStatus msgOpenEnvelope(pelmoMsg* msg) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (msg->dataOffset != 0) return kStatusSuccess;
+    pelmoStatus status = msgParse(msg);
+    if (status != kStatusSuccess || msg->fieldCount == 0) return status;
+    status = openParsed(msg);
+    msg->indexValid = 0;  // it is of the outer fields, or of fields that have moved
+    return status;
+}
+
+pelmoStatus msgCloseEnvelope(pelmoMsg* msg) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (msg->dataOffset == 0) return kStatusSuccess;
+    msgFlush(msg);
+    msgShowOuter(msg);
+    return kStatusSuccess;
+}
+
+pelmoStatus msgCopyWithEnvelope(pelmoMsg* msg, pelmoMsg** out) {
+    pelmoMsg* copy = nullptr;
+    const pelmoStatus status = msgShareCopy(out != nullptr ? &copy : nullptr, msg);
+    if (status != kStatusSuccess) return status;
+    msgShowOuter(copy);
+    *out = copy;
+    return kStatusSuccess;
+}
+
+bool msgHasForeign(const pelmoMsg* msg) {
+    return msgIsValid(msg) && (msg->envelopeFlags & ENV_FOREIGN) != 0;
+}
+
+pelmoStatus msgClearForeign(pelmoMsg* msg) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    msg->envelopeFlags &= static_cast<uint8_t>(~ENV_FOREIGN);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_GetSendSubject(pelmoMsg* msg, const char** out) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_GetSendSubject(%p, %p)", tracePointer(msg),
+              tracePointer(out));
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    if (msg->sendSubjectOffset == 0) return noText(out);
+    const uint8_t* subject = msgImage(msg) + msg->sendSubjectOffset;
+    // The text, with its dots and NUL, takes no more than the packed form.
+    const size_t sizeBytes = subjectLength(subject);
+    auto* text = static_cast<char*>(std::malloc(sizeBytes));
+    if (text == nullptr) return kStatusNoMemory;
+    if (subjectToText(text, sizeBytes, subject) == nullptr) {
+        std::free(text);
+        return kStatusInvalidSubject;
+    }
+    const pelmoStatus status = msgKeepBlock(msg, text);
+    if (status == kStatusSuccess) *out = text;
+    return status;
+}
+
+pelmoStatus pelmoMsg_GetReplySubject(pelmoMsg* msg, const char** out) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_GetReplySubject(%p, %p)", tracePointer(msg),
+              tracePointer(out));
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    if (msg->replySubjectOffset == 0) return noText(out);
+    const uint8_t* reply = msgImage(msg) + msg->replySubjectOffset;
+    const size_t sizeBytes = std::strlen(reinterpret_cast<const char*>(reply)) + 1;
+    auto* text = static_cast<char*>(std::malloc(sizeBytes));
+    if (text == nullptr) return kStatusNoMemory;
+    std::memcpy(text, reply, sizeBytes);
+    const pelmoStatus status = msgKeepBlock(msg, text);
+    if (status == kStatusSuccess) *out = text;
+    return status;
+}
+
+pelmoStatus pelmoMsg_GetSource(pelmoMsg* msg, uint16_t* out) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_GetSource(%p, %p)", tracePointer(msg), tracePointer(out));
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    const uint32_t offset = msg->sourcePortOffset;
+    // Behind a close the fields may have changed; what is read then lies in the image all the same.
+    if (offset == 0 || offset > msg->length - sizeof *out) return kStatusNotFound;
+    *out = loadBe16At(msgImage(msg) + offset);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_PrintEnvelope(pelmoMsg* msg) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_PrintEnvelope(%p)", tracePointer(msg));
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    const char* text = nullptr;
+    pelmoStatus status;
+    {
+        const ClosedForNow closed(msg);
+        status = pelmoMsg_ConvertToString(msg, &text);
+    }
+    if (status == kStatusSuccess) std::fprintf(stderr, "%s\n", text);
+    return status;
+}

@@ -1,0 +1,182 @@
+// Messages made with their envelope, in one buffer and without moving anything.
+
+#include <bitset>
+#include <cstring>
+
+#include "lib/containers/subject.h"
+#include "lib/msg/envelope_parts.h"
+
+namespace {
+
+constexpr uint32_t kFixedBytes =
+    kMessageHeadBytes + sizeof kMtypeRecord + sizeof kDataHead + kMessageHeadBytes;
+
+// Subject and reply as they will stand in the image; 0 bytes for none.
+struct Addressing {
+    uint8_t subject[kMostSendSubjectBytes];
+    uint32_t subjectBytes;
+    const char* reply;
+    uint32_t replyBytes;  // with the NUL
+};
+
+pelmoStatus packAddressing(const char* subject, const char* reply, Addressing& out) {
+    if (subject != nullptr) {
+        const int32_t packed = subjectFromText(out.subject, kMostSendSubjectBytes, subject);
+        if (packed < 1) return kStatusInvalidSubject;
+        out.subjectBytes = static_cast<uint32_t>(packed);
+    }
+    if (reply != nullptr) {
+        if (subjectTextSize(reply) > kMostReplySubjectSize) return kStatusInvalidSubject;
+        out.reply = reply;
+        out.replyBytes = static_cast<uint32_t>(std::strlen(reply)) + 1;
+    }
+    return kStatusSuccess;
+}
+
+uint64_t addressingBytes(const Addressing& addressing) {
+    uint64_t bytes = 0;
+    if (addressing.subjectBytes != 0) bytes += sizeof kSubHead + addressing.subjectBytes;
+    if (addressing.replyBytes != 0) {
+        bytes += sizeof kReturnHead + sizePrefixedLength(addressing.replyBytes);
+    }
+    return bytes;
+}
+
+// Writes into room that has been made.
+struct ImageWriter {
+    uint8_t* image;
+    uint32_t at;
+
+    void put(const void* bytes, uint32_t sizeBytes) {
+        std::memcpy(image + at, bytes, sizeBytes);
+        at += sizeBytes;
+    }
+    void putPrefix(uint32_t value) {
+        WriteCursor cursor{image + at, image + at + kMostPrefixBytes};
+        if (writeSizePrefix(&cursor, value) == kStatusSuccess) {
+            at = static_cast<uint32_t>(cursor.at - image);
+        }
+    }
+};
+
+// Returns where the nested message begins.
+uint32_t writeEnvelope(uint8_t* image, const Addressing& addressing, EnvelopeView& view) {
+    ImageWriter writer{image, kMessageHeadBytes};
+    if (addressing.subjectBytes != 0) {
+        writer.put(kSubHead, sizeof kSubHead);
+        view.sendSubjectOffset = writer.at;
+        writer.put(addressing.subject, addressing.subjectBytes);
+    }
+    if (addressing.replyBytes != 0) {
+        writer.put(kReturnHead, sizeof kReturnHead);
+        writer.putPrefix(addressing.replyBytes);
+        view.replySubjectOffset = writer.at;
+        writer.put(addressing.reply, addressing.replyBytes);
+    }
+    writer.put(kMtypeRecord, sizeof kMtypeRecord);
+    view.mtypeOffset = writer.at - 2;
+    writer.put(kDataHead, sizeof kDataHead);
+    return writer.at;
+}
+
+pelmoStatus createOpen(pelmoMsg** out, const char* subject, const char* reply, uint64_t extra) {
+    Addressing addressing{};
+    pelmoStatus status = packAddressing(subject, reply, addressing);
+    if (status != kStatusSuccess) return status;
+    const uint64_t need = extra + kFixedBytes + addressingBytes(addressing);
+    if (need > UINT32_MAX) return kStatusNoMemory;
+    pelmoMsg* msg = nullptr;
+    status = msgCreateRaw(&msg, static_cast<uint32_t>(need));
+    if (status != kStatusSuccess) return status;
+
+    EnvelopeView view;
+    const uint32_t dataOffset = writeEnvelope(msgImage(msg), addressing, view);
+    msg->length = static_cast<uint32_t>(need);
+    envelopeShow(msg, dataOffset, view);
+    *out = msg;
+    return kStatusSuccess;
+}
+
+// Bytes that the records take at most.
+pelmoStatus measureFields(const pelmoMsgField* fields, uint32_t count, uint64_t& sum) {
+    for (uint32_t i = 0; i < count; ++i) {
+        pelmoMsgField field = fields[i];
+        uint64_t need = 0;
+        pelmoStatus status = msgCheckField(field);
+        if (status == kStatusSuccess) status = msgRecordNeed(field, need);
+        if (status != kStatusSuccess) return status;
+        sum += need;
+    }
+    return kStatusSuccess;
+}
+
+bool idsRepeat(const pelmoMsgField* fields, uint32_t count) {
+    std::bitset<UINT16_MAX + 1> seen;
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint16_t id = fields[i].id;
+        if (id != 0 && seen.test(id)) return true;
+        seen.set(id);
+    }
+    return false;
+}
+
+pelmoStatus appendFields(pelmoMsg* msg, const pelmoMsgField* fields, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        pelmoMsgField field = fields[i];
+        pelmoStatus status = msgCheckField(field);
+        if (status == kStatusSuccess) status = msgAppendRecord(msg, field);
+        if (status != kStatusSuccess) return status;
+    }
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+pelmoStatus msgCreateEnveloped(pelmoMsg** out,
+                               const char* subject,
+                               const char* reply,
+                               uint32_t extra) {
+    if (out == nullptr) return kStatusInvalidArgument;
+    return createOpen(out, subject, reply, extra);
+}
+
+pelmoStatus msgCreateWithFields(pelmoMsg** out,
+                                const char* subject,
+                                const char* reply,
+                                const pelmoMsgField* fields,
+                                uint32_t count) {
+    if (out == nullptr || (fields == nullptr && count > 0)) return kStatusInvalidArgument;
+    uint64_t sum = 0;
+    pelmoStatus status = measureFields(fields, count, sum);
+    if (status != kStatusSuccess) return status;
+    if (idsRepeat(fields, count)) return kStatusIdInUse;
+
+    // One byte is never used: an image grows when it would be full.
+    const uint64_t extra = sum + 1;
+    pelmoMsg* made = nullptr;
+    status = createOpen(&made, subject, reply, extra);
+    if (status != kStatusSuccess) return status;
+    HeldMessage msg(made);
+    msg->length -= static_cast<uint32_t>(extra);
+    status = appendFields(msg.get(), fields, count);
+    if (status != kStatusSuccess) return status;
+    msgFlush(msg.get());
+    *out = msg.release();
+    return kStatusSuccess;
+}
+
+pelmoStatus msgCreateWithOpaque(
+    pelmoMsg** out, const char* subject, const char* reply, const void* bytes, uint32_t size) {
+    constexpr uint8_t kHead[] = {1, 0, FIELD_OPAQUE};
+    if (out == nullptr || (bytes == nullptr && size > 0)) return kStatusInvalidArgument;
+    pelmoMsg* msg = nullptr;
+    const pelmoStatus status =
+        createOpen(&msg, subject, reply, sizeof kHead + sizePrefixedLength(size));
+    if (status != kStatusSuccess) return status;
+    ImageWriter writer{msgImage(msg), msg->dataOffset + kMessageHeadBytes};
+    writer.put(kHead, sizeof kHead);
+    writer.putPrefix(size);
+    if (size != 0) writer.put(bytes, size);
+    *out = msg;
+    return kStatusSuccess;
+}

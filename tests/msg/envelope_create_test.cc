@@ -1,0 +1,138 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "lib/msg/envelope.h"
+#include "tests/msg/envelope_bytes.h"
+#include "tests/support/fail_alloc.h"
+
+namespace {
+
+TEST(EnvelopeCreate, IsCreatedAsSettersMakeIt) {
+    const Bytes longReply =
+        Bytes{7, 'r', 'e', 't', 'u', 'r', 'n', 0, 8, 121, 0, 151} + Bytes(148, 'r') + Bytes{0};
+    const std::string longText(148, 'r');
+    const struct {
+        const char *subject, *reply;
+        Bytes addressing;
+    } cases[] = {
+        {"A.B", nullptr, kSubAB}, {"A.B", "R", kSubAB + kReturnR},
+        {nullptr, "R", kReturnR}, {nullptr, longText.c_str(), longReply},
+        {nullptr, nullptr, {}},
+    };
+    for (const auto& [subject, reply, addressing] : cases) {
+        const Bytes ahead = addressing + kMtypeD + kData;
+        pelmoMsg* made = nullptr;
+        ASSERT_EQ(msgCreateEnveloped(&made, subject, reply, 6), kStatusSuccess);
+        const Message msg(made);
+        EXPECT_EQ(msg->length, 8 + ahead.size() + kApp.size());
+        std::memcpy(msgImage(made) + msg->dataOffset + 8, kAppFields.data(), kAppFields.size());
+        EXPECT_EQ(wireOf(made), outer(ahead + kApp));
+        EXPECT_EQ(sendSubjectOf(made), subject != nullptr ? subject : kNotFound);
+        EXPECT_EQ(replySubjectOf(made), reply != nullptr ? reply : kNotFound);
+        // The offsets are those that an opening finds.
+        const Message opened = messageFrom(wireOf(made));
+        ASSERT_EQ(msgOpenEnvelope(opened.get()), kStatusSuccess);
+        EXPECT_EQ(opened->sendSubjectOffset, msg->sendSubjectOffset);
+        EXPECT_EQ(opened->replySubjectOffset, msg->replySubjectOffset);
+        EXPECT_EQ(opened->mtypeOffset, msg->mtypeOffset);
+        EXPECT_EQ(opened->dataOffset, msg->dataOffset);
+    }
+}
+
+TEST(EnvelopeCreate, IsCreatedWithFieldsAsAddingThemDoes) {
+    const std::vector<SharedValue> values = {
+        scalarValue(FIELD_U16, &FieldData::u16, uint16_t{9}), stringValue(std::string(300, 's')),
+        stringArrayValue({"one", ""}), messageValue(kApp), noneValue()};
+    const char* const names[] = {"a", "", nullptr, "m", "x"};
+    const uint16_t ids[] = {3, 65535, 0, 1, 0};
+    std::vector<pelmoMsgField> fields;
+    std::vector<Bytes> records;
+    for (size_t i = 0; i < values.size(); ++i) {
+        fields.push_back(values[i]->field());
+        fields.back().name = names[i];
+        fields.back().id = ids[i];
+        records.push_back(recordOf(names[i], ids[i], *values[i]));
+    }
+    fields[1].size = 0;  // to be worked out
+
+    const auto create = [&](pelmoMsg** out) {
+        return msgCreateWithFields(out, "A.B", nullptr, fields.data(),
+                                   static_cast<uint32_t>(fields.size()));
+    };
+    pelmoMsg* made = nullptr;
+    ASSERT_EQ(create(&made), kStatusSuccess);
+    const Message msg(made);
+    EXPECT_EQ(loadBe32At(msgImage(made)), made->length);  // flushed already
+    EXPECT_EQ(wireOf(made), outer(kSubAB + kMtypeD + kData + imageOf(records)));
+    uint16_t number = 0;
+    EXPECT_EQ(pelmoMsg_GetU16(made, nullptr, &number, 3), kStatusSuccess);
+    EXPECT_EQ(number, 9);
+
+    made = nullptr;
+    ASSERT_EQ(msgCreateWithFields(&made, nullptr, nullptr, nullptr, 0), kStatusSuccess);
+    EXPECT_EQ(wireOf(Message(made).get()), outer(kMtypeD + kData + outer({})));
+    EXPECT_EQ(create(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(msgCreateWithFields(&made, nullptr, nullptr, nullptr, 1), kStatusInvalidArgument);
+
+    pelmoMsg* none = nullptr;
+    fields[3].id = 65535;
+    EXPECT_EQ(create(&none), kStatusIdInUse);
+    fields[3].id = 0;
+    fields[4].count = 0;
+    EXPECT_EQ(create(&none), kStatusInvalidFieldCount);
+    fields[4] = {};
+    EXPECT_EQ(create(&none), kStatusInvalidType);
+    EXPECT_EQ(msgCreateWithFields(&none, "A..B", nullptr, nullptr, 0), kStatusInvalidSubject);
+    EXPECT_EQ(none, nullptr);
+}
+
+template <typename Create>
+size_t allocationsOf(Create create) {
+    pelmoMsg* made = nullptr;
+    FailAlloc count{.after = kNeverFails};
+    EXPECT_EQ(create(&made), kStatusSuccess);
+    allocationsHeal();
+    pelmoMsg_Destroy(made);
+    return allocationsCounted();
+}
+
+TEST(EnvelopeCreate, IsCreatedWithFieldsInOneBuffer) {
+    const SharedValue value = stringValue(std::string(300, 'v'));
+    const std::vector<pelmoMsgField> fields(20, value->field());
+    EXPECT_EQ(
+        allocationsOf(
+            [&](pelmoMsg** out) { return msgCreateWithFields(out, "A", "B", fields.data(), 20); }),
+        allocationsOf([](pelmoMsg** out) { return msgCreateEnveloped(out, "A", "B", 20 * 310); }));
+}
+
+TEST(EnvelopeCreate, IsCreatedAroundBytes) {
+    const struct {
+        uint32_t size;
+        Bytes prefix;
+    } cases[] = {
+        {0, {0}},
+        {119, {119}},
+        {120, {121, 0, 122}},
+        {29999, {121, 0x75, 0x31}},
+        {30000, {122, 0, 0, 0x75, 0x34}},
+    };
+    for (const auto& [size, prefix] : cases) {
+        const Bytes bytes = patternBytes(size, 1);
+        pelmoMsg* made = nullptr;
+        ASSERT_EQ(msgCreateWithOpaque(&made, "A.B", "R", bytes.data(), size), kStatusSuccess);
+        EXPECT_EQ(wireOf(Message(made).get()), outer(kSubAB + kReturnR + kMtypeD + kData +
+                                                     outer(Bytes{1, 0, 7} + prefix + bytes)));
+    }
+    pelmoMsg* made = nullptr;
+    EXPECT_EQ(msgCreateWithOpaque(&made, nullptr, nullptr, nullptr, 1), kStatusInvalidArgument);
+    EXPECT_EQ(msgCreateWithOpaque(nullptr, nullptr, nullptr, "", 1), kStatusInvalidArgument);
+    EXPECT_EQ(msgCreateEnveloped(nullptr, nullptr, nullptr, 0), kStatusInvalidArgument);
+    EXPECT_EQ(msgCreateEnveloped(&made, nullptr, nullptr, UINT32_MAX), kStatusNoMemory);
+    EXPECT_EQ(msgCreateWithOpaque(&made, nullptr, nullptr, "", UINT32_MAX), kStatusNoMemory);
+    EXPECT_EQ(made, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "lib/msg/envelope.h"
+#include "tests/msg/envelope_bytes.h"
+#include "tests/support/fail_alloc.h"
+
+namespace {
+
+TEST(EnvelopeFaults, StaysClosedWhereItIsMalformed) {
+    const Bytes data = kData + kApp;
+    const auto reply = [&](const Bytes& value) {
+        return field("return", *blockValue(FIELD_STRING, value)) + data;
+    };
+    Bytes badMagic = data, shortHead = data;
+    badMagic[12] ^= 1;
+    const struct {
+        const char* what;
+        Bytes fields;
+        pelmoStatus status;
+    } cases[] = {
+        {"reply of 254 characters", reply(Bytes(254, 'r') + Bytes{0}), kStatusSuccess},
+        {"reply of 255 characters", reply(Bytes(255, 'r') + Bytes{0}), kStatusCorruptMessage},
+        {"reply of no characters", reply({0}), kStatusSuccess},
+        {"reply of no bytes", reply({}), kStatusCorruptMessage},
+        {"reply without its NUL", reply({'a', 'b'}), kStatusCorruptMessage},
+        {"reply with a NUL within", reply({'a', 0, 'b', 0}), kStatusCorruptMessage},
+        {"reply that ends twice", reply({'a', 0, 0}), kStatusCorruptMessage},
+        {"reply whose prefix doesn't cover itself",
+         Bytes{7, 'r', 'e', 't', 'u', 'r', 'n', 0, 8, 121, 0, 0} + data, kStatusCorruptMessage},
+        {"subject in a short class", Bytes{4, 's', 'u', 'b', 0, 2, 3, 0, 3, 0} + data,
+         kStatusCorruptMessage},
+        {"subject with a wrong count", Bytes{4, 's', 'u', 'b', 0, 2, 121, 0, 3, 1} + data,
+         kStatusCorruptMessage},
+        {"subject with an element that runs over",
+         Bytes{4, 's', 'u', 'b', 0, 2, 121, 0, 6, 1, 9, 'A', 0} + data, kStatusCorruptMessage},
+        {"subject of two bytes", Bytes{4, 's', 'u', 'b', 0, 2, 121, 0, 2} + data,
+         kStatusCorruptMessage},
+        {"subject as a text", field("sub", *stringValue("A.B")) + data, kStatusCorruptMessage},
+        {"data with another magic", badMagic, kStatusCorruptMessage},
+        {"data without a head", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 122, 0, 0, 0, 4},
+         kStatusCorruptMessage},
+        {"data in a short class", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 0}, kStatusCorruptMessage},
+        {"data in the 16-bit class", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 121, 0, 2},
+         kStatusCorruptMessage},
+        {"data of an unknown type", Bytes{5, 'd', 'a', 't', 'a', 0, 200, 1, 1},
+         kStatusInvalidMessage},
+        {"data that doesn't decode", Bytes{5, 'd', 'a', 't', 'a', 0, 11, 3, 1, 1, 1},
+         kStatusInvalidMessage},
+    };
+    for (const auto& [what, fields, status] : cases) {
+        SCOPED_TRACE(what);
+        const Message msg = messageFrom(outer(fields));
+        EXPECT_EQ(msgOpenEnvelope(msg.get()), status);
+        EXPECT_EQ(wireOf(msg.get()), outer(fields));
+        if (status == kStatusSuccess) continue;
+        EXPECT_EQ(msg->dataOffset, 0u);
+        EXPECT_EQ(msg->envelopeFlags, 0u);
+        EXPECT_EQ(msgOpenEnvelope(msg.get()), status);
+        EXPECT_EQ(sendSubjectOf(msg.get()), kNotFound);
+        EXPECT_EQ(replySubjectOf(msg.get()), kNotFound);
+    }
+    const Message cut = messageFrom(outer({2, 'a'}));
+    EXPECT_EQ(msgOpenEnvelope(cut.get()), kStatusCorruptMessage);
+}
+
+// "data" has moved by then; what is looked up by its id has moved with it.
+TEST(EnvelopeFaults, KeepsItsFieldsWhenItCannotOpen) {
+    const Bytes x = field("x", *stringValue("1"), 7), y = field("y", *stringValue("2"), 8);
+    const Bytes badSubject = field("sub", *stringValue("A.B"));
+    const Message msg = messageFrom(outer(x + kData + kApp + y + badSubject));
+    EXPECT_EQ(msgOpenEnvelope(msg.get()), kStatusCorruptMessage);
+    EXPECT_EQ(wireOf(msg.get()), outer(x + y + badSubject + kData + kApp));
+    const char* text = nullptr;
+    ASSERT_EQ(pelmoMsg_GetString(msg.get(), nullptr, &text, 8), kStatusSuccess);
+    EXPECT_STREQ(text, "2");
+}
+
+// A step on a message, run with each of its allocations failing in turn. `lowMemory` is what it
+// answers then.
+struct FailingStep {
+    const char* what;
+    Bytes image;
+    bool opened;
+    std::function<pelmoStatus(pelmoMsg*)> run;
+    std::vector<pelmoStatus> lowMemory = {kStatusNoMemory};
+};
+
+TEST(EnvelopeFaults, AnswersEachFailedAllocationAndStaysAsItWas) {
+    const Bytes foreign = field("x", *stringValue(std::string(400, 'y')), 7);
+    const Bytes full = outer(foreign + kReturnR + kData + kApp);
+    const auto send = [](pelmoMsg* msg) { return pelmoMsg_SetSendSubject(msg, "Long.Subject"); };
+    const auto make = [](const std::function<pelmoStatus(pelmoMsg**)>& create) {
+        return [create](pelmoMsg*) {
+            pelmoMsg* made = nullptr;
+            const pelmoStatus status = create(&made);
+            EXPECT_EQ(made != nullptr, status == kStatusSuccess);
+            pelmoMsg_Destroy(made);
+            return status;
+        };
+    };
+    const SharedValue large = stringValue(std::string(500, 'v'));
+    const FailingStep steps[] = {
+        {"send, new", kApp, false, send},
+        {"send", full, true, send},
+        {"reply", full, true,
+         [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, std::string(90, 'r').c_str()); }},
+        {"no reply", full, true,
+         [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, nullptr); }},
+        {"port", full, true, [](pelmoMsg* msg) { return pelmoMsg_SetSourcePort(msg, 1); }},
+        {"strip, open", full, true, msgStripEnvelope},
+        {"strip, closed", full, false, msgStripEnvelope},
+        {"open", full, false, msgOpenEnvelope},
+        {"open, no data", outer(foreign), false, msgOpenEnvelope},
+        {"open, data moves", outer(kData + kApp + foreign), false, msgOpenEnvelope},
+        {"open, data is wrapped",
+         outer(field("data", *large)),
+         false,
+         msgOpenEnvelope,
+         {kStatusNoMemory, kStatusInvalidMessage}},
+        {"text", full, true,
+         [](pelmoMsg* msg) {
+             const char* text = nullptr;
+             return pelmoMsg_GetReplySubject(msg, &text);
+         }},
+        {"create", kApp, false,
+         make([](pelmoMsg** out) { return msgCreateEnveloped(out, "A", "B", 1); })},
+        {"create with fields", kApp, false, make([&](pelmoMsg** out) {
+             pelmoMsgField fields[2] = {large->field(), large->field()};
+             return msgCreateWithFields(out, "A", "B", fields, 2);
+         })},
+    };
+    for (const FailingStep& step : steps) {
+        SCOPED_TRACE(step.what);
+        for (const bool shared : {false, true}) {
+            const auto run = [&] {
+                const Message msg = messageFrom(step.image);
+                if (msg == nullptr) return;
+                if (step.opened && msgOpenEnvelope(msg.get()) != kStatusSuccess) return;
+                Buffer* other = shared ? msg->buffer : nullptr;
+                if (other != nullptr) bufferRetain(other);
+                const size_t before = allocationsFailed();
+                const pelmoStatus status = step.run(msg.get());
+                const bool failed = allocationsFailed() != before;
+                allocationsHeal();
+                if (!failed) {
+                    EXPECT_EQ(status, kStatusSuccess);
+                } else if (status != kStatusSuccess) {
+                    EXPECT_EQ(std::count(step.lowMemory.begin(), step.lowMemory.end(), status), 1);
+                    EXPECT_EQ(msg->dataOffset != 0, step.opened);
+                    EXPECT_EQ(wireOf(msg.get()), step.image);
+                    EXPECT_EQ(step.run(msg.get()), kStatusSuccess);
+                }
+                if (other != nullptr) bufferRelease(other);
+            };
+            EXPECT_GT(eachAllocationFails(run), 0u);
+        }
+    }
+}
+
+// Fields by the hundred thousand, and "data" ahead of them: what takes a step for each pair of them
+// wouldn't end.
+TEST(EnvelopeFaults, OpensManyFieldsInTimeThatGrowsWithThem) {
+    constexpr uint32_t kFields = 300000;
+    Bytes many;
+    for (uint32_t i = 0; i < kFields; ++i) {
+        many.insert(many.end(), {0, FIELD_NONE, 0});
+    }
+    const Message msg = messageFrom(outer(kData + kApp + many));
+    ASSERT_EQ(msgOpenEnvelope(msg.get()), kStatusSuccess);
+    EXPECT_EQ(wireOf(msg.get()), outer(many + kData + kApp));
+    ASSERT_EQ(pelmoMsg_SetSendSubject(msg.get(), "A.B"), kStatusSuccess);
+    ASSERT_EQ(msgStripEnvelope(msg.get()), kStatusSuccess);
+    EXPECT_EQ(wireOf(msg.get()), outer(kSubAB + kMtypeD + kData + kApp));
+}
+
+// Any bytes: what opens is sound, what doesn't stays closed, and every later call gets by.
+TEST(EnvelopeFaults, BearsAnyDamage) {
+    const Bytes images[] = {
+        outer(kSubAB + kReturnR + kMtypeD + kCid + kData + kApp),
+        outer(kData + kApp + kSubAB + kReturnR),
+        outer(field("data", *stringValue("text")) + kSubAB),
+    };
+    uint32_t opened = 0;
+    const auto check = [&](const Bytes& image) {
+        const Message msg = messageFrom(image);
+        if (msgOpenEnvelope(msg.get()) == kStatusSuccess && msg->dataOffset != 0) {
+            ++opened;
+            ASSERT_LE(msg->dataOffset + kMessageHeadBytes, msg->length);
+            for (const uint32_t offset : {msg->sendSubjectOffset, msg->replySubjectOffset,
+                                          msg->mtypeOffset, msg->sourcePortOffset}) {
+                ASSERT_LT(offset, msg->dataOffset);
+            }
+        } else {
+            ASSERT_EQ(msg->dataOffset, 0u);
+        }
+        uint16_t port = 0;
+        const char* text = nullptr;
+        (void)pelmoMsg_GetSource(msg.get(), &port);
+        (void)sendSubjectOf(msg.get());
+        (void)replySubjectOf(msg.get());
+        (void)pelmoMsg_ConvertToString(msg.get(), &text);
+        (void)pelmoMsg_SetSourcePort(msg.get(), 1);
+        (void)pelmoMsg_SetReplySubject(msg.get(), "other.reply");
+        if (pelmoMsg_SetSendSubject(msg.get(), "X.Y.Z") == kStatusSuccess) {
+            ASSERT_EQ(sendSubjectOf(msg.get()), "X.Y.Z");
+        }
+        (void)msgStripEnvelope(msg.get());
+        ASSERT_EQ(msgCloseEnvelope(msg.get()), kStatusSuccess);
+        (void)pelmoMsg_ConvertToString(msg.get(), &text);
+    };
+    std::mt19937 random(7);
+    for (const Bytes& image : images) {
+        for (size_t at = 8; at < image.size(); ++at) {
+            for (const uint32_t byte : {0u, 1u, 2u, 119u, 121u, 122u, 255u}) {
+                Bytes damaged = image;
+                damaged[at] = static_cast<uint8_t>(byte);
+                ASSERT_NO_FATAL_FAILURE(check(damaged)) << at << " becomes " << byte;
+            }
+        }
+        for (uint32_t i = 0; i < 3000; ++i) {
+            Bytes damaged = image;
+            for (uint32_t changes = 1 + random() % 4; changes > 0; --changes) {
+                damaged[8 + random() % (image.size() - 8)] = static_cast<uint8_t>(random());
+            }
+            ASSERT_NO_FATAL_FAILURE(check(damaged)) << "random " << i;
+        }
+    }
+    EXPECT_GT(opened, 1000u);
+}
+
+}  // namespace

@@ -1,0 +1,458 @@
+// A message and a plain list of named values are driven side by side by the same random steps.
+// After each step the image is what the list lays down, the index tells where each record stands,
+// and all that was ever read and not let go of still shows what it showed.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "lib/msg/envelope.h"
+#include "lib/msg/message.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/message_values.h"
+
+namespace {
+
+constexpr uint32_t kSeeds = 24;
+constexpr uint32_t kSteps = 600;
+constexpr size_t kMostFields = 40;
+
+struct Random {
+    std::mt19937 engine;
+
+    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(engine() % limit); }
+    bool oneIn(uint32_t chances) { return below(chances) == 0; }
+};
+
+struct ModelField {
+    std::optional<std::string> name;
+    uint16_t id;
+    SharedValue value;
+
+    [[nodiscard]] const char* nameText() const { return name ? name->c_str() : nullptr; }
+};
+
+// What a read gave, and what it has to show until it is let go of.
+struct Held {
+    pelmoMsgField field;
+    ModelField model;
+};
+
+struct ModelEnvelope {
+    bool there = false;
+    bool portKnown = true;  // a copy finds the port out at its next opening
+    std::optional<std::string> subject, reply;
+    std::optional<uint16_t> port;
+};
+
+// A message beside its model.
+struct Pair {
+    Message msg;
+    std::vector<ModelField> fields;
+    std::vector<Held> held;
+    std::vector<size_t> marks;  // how much was held at each
+    bool markedEver = false;
+    ModelEnvelope envelope = {};
+};
+
+// Few, so that they meet; a null and an empty one among them.
+const std::optional<std::string> kNames[] = {
+    std::nullopt, "", "a", "b", "ab", "longer", std::string(kMaxNameChars, 'n')};
+constexpr uint32_t kIds = 12;
+
+Bytes elementBytes(Random& random, uint32_t width) {
+    return patternBytes(size_t{1 + random.below(random.oneIn(8) ? 400 : 12)} * width,
+                        random.below(1000));
+}
+
+SharedValue randomValue(Random& random, uint32_t kind) {
+    const uint32_t number = static_cast<uint32_t>(random.engine());
+    switch (kind) {
+        case 0:
+            return scalarValue(FIELD_I8, &FieldData::i8, static_cast<int8_t>(number));
+        case 1:
+            return scalarValue(FIELD_I32, &FieldData::i32, static_cast<int32_t>(number));
+        case 2:
+            return scalarValue(FIELD_U64, &FieldData::u64, uint64_t{number} << 20);
+        case 3:
+            return scalarValue(FIELD_F64, &FieldData::f64, number / 8.0);
+        case 4:
+            return dateTimeValue(int64_t{number} - (1 << 30), number % 1000000 * 1000);
+        case 5:
+        case 6:
+            return stringValue(std::string(random.oneIn(9) ? number % 40000 : number % 140, 's'));
+        case 7:
+            return blockValue(FIELD_OPAQUE, patternBytes(number % 130, number));
+        case 8:
+            return arrayValue(FIELD_U8ARRAY, 1, elementBytes(random, 1));
+        case 9:
+            return arrayValue(FIELD_I32ARRAY, 4, elementBytes(random, 4));
+        case 10:
+            return stringArrayValue({std::string(number % 70, 't'), "", "end"});
+        case 11:
+            return messageValue(imageOf({recordOf("x", 0, *randomValue(random, number % 10))}));
+        default: {
+            const Bytes image = imageOf({recordOf("y", 1, *randomValue(random, number % 10))});
+            return messageArrayValue({image, imageOf(std::vector<Bytes>{}), image});
+        }
+    }
+}
+
+constexpr uint32_t kKinds = 13;
+
+struct Key {
+    std::optional<std::string> name;
+    uint16_t id;
+
+    [[nodiscard]] const char* text() const { return name ? name->c_str() : nullptr; }
+};
+
+Key randomKey(Random& random) {
+    Key key{kNames[random.below(std::size(kNames))], 0};
+    if (key.name && random.oneIn(2)) key.id = static_cast<uint16_t>(1 + random.below(kIds));
+    return key;
+}
+
+// Mirrors nothing of the index: a search over the list.
+pelmoStatus modelFind(const std::vector<ModelField>& fields, const Key& key, size_t& position) {
+    for (size_t i = 0; i < fields.size() && key.id != 0; ++i) {
+        if (fields[i].id != key.id) continue;
+        position = i;
+        return kStatusSuccess;
+    }
+    for (size_t i = 0; i < fields.size(); ++i) {
+        if (fields[i].name != key.name) continue;
+        position = i;
+        const bool conflict = key.id != 0 && fields[i].id != 0;
+        return conflict ? kStatusIdConflict : kStatusSuccess;
+    }
+    return kStatusNotFound;
+}
+
+bool modelHasId(const std::vector<ModelField>& fields, uint16_t id) {
+    for (const ModelField& field : fields) {
+        if (id != 0 && field.id == id) return true;
+    }
+    return false;
+}
+
+// The operation may be made to run out of memory. Then nothing may have changed.
+template <typename Operation>
+pelmoStatus attempt(Random& random, Operation operation) {
+    if (!random.oneIn(6)) return operation();
+    FailAlloc fail{.after = random.below(4), .forGood = random.oneIn(2)};
+    const pelmoStatus status = operation();
+    allocationsHeal();
+    // Growing a value may go on with what it has.
+    EXPECT_TRUE(status != kStatusNoMemory || allocationsFailed() > 0);
+    return status;
+}
+
+pelmoMsgField keyed(const Key& key, const FieldValue& value) {
+    pelmoMsgField field = value.field();
+    field.name = key.text();
+    field.id = key.id;
+    return field;
+}
+
+void stepAdd(Random& random, Pair& pair) {
+    if (pair.fields.size() >= kMostFields) return;
+    const Key key = randomKey(random);
+    const SharedValue value = randomValue(random, random.below(kKinds));
+    const pelmoMsgField field = keyed(key, *value);
+    const pelmoStatus status =
+        attempt(random, [&] { return pelmoMsg_AddField(pair.msg.get(), &field); });
+    if (status == kStatusNoMemory) return;
+    ASSERT_EQ(status, modelHasId(pair.fields, key.id) ? kStatusIdInUse : kStatusSuccess);
+    if (status == kStatusSuccess) pair.fields.push_back({key.name, key.id, value});
+}
+
+void stepUpdate(Random& random, Pair& pair) {
+    const Key key = randomKey(random);
+    size_t position = 0;
+    const pelmoStatus found = modelFind(pair.fields, key, position);
+    if (found == kStatusNotFound && pair.fields.size() >= kMostFields) return;
+    SharedValue value = randomValue(random, random.below(kKinds));
+    // Mostly another value of the same type; by chance it is of another one.
+    for (int i = 0; i < 40 && found == kStatusSuccess; ++i) {
+        if (value->type == pair.fields[position].value->type) break;
+        value = randomValue(random, random.below(kKinds));
+    }
+    const pelmoMsgField field = keyed(key, *value);
+    const pelmoStatus status =
+        attempt(random, [&] { return pelmoMsg_UpdateField(pair.msg.get(), &field); });
+    if (status == kStatusNoMemory) return;
+    if (found == kStatusNotFound) {
+        ASSERT_EQ(status, kStatusSuccess);
+        pair.fields.push_back({key.name, key.id, value});
+    } else if (found == kStatusSuccess && value->type != pair.fields[position].value->type) {
+        ASSERT_EQ(status, kStatusInvalidType);
+    } else {
+        ASSERT_EQ(status, found);
+        if (status == kStatusSuccess) pair.fields[position].value = value;
+    }
+}
+
+void stepRemove(Random& random, Pair& pair) {
+    const Key key = randomKey(random);
+    size_t position = 0;
+    const pelmoStatus found = modelFind(pair.fields, key, position);
+    const pelmoStatus status =
+        attempt(random, [&] { return pelmoMsg_RemoveFieldEx(pair.msg.get(), key.text(), key.id); });
+    if (status == kStatusNoMemory) return;
+    ASSERT_EQ(status, found);
+    if (status != kStatusSuccess) return;
+    pair.fields.erase(pair.fields.begin() + static_cast<ptrdiff_t>(position));
+}
+
+// Position of the n-th of that name, or the count.
+size_t modelInstance(const Pair& pair, const Key& key, uint32_t instance) {
+    size_t position = 0;
+    for (; position < pair.fields.size(); ++position) {
+        if (pair.fields[position].name == key.name && --instance == 0) break;
+    }
+    return position;
+}
+
+void stepRemoveInstance(Random& random, Pair& pair) {
+    const Key key = randomKey(random);
+    const uint32_t instance = 1 + random.below(3);
+    const size_t position = modelInstance(pair, key, instance);
+    const pelmoStatus status = attempt(
+        random, [&] { return pelmoMsg_RemoveFieldInstance(pair.msg.get(), key.text(), instance); });
+    if (status == kStatusNoMemory) return;
+    const bool there = position < pair.fields.size();
+    ASSERT_EQ(status, there ? kStatusSuccess : kStatusNotFound);
+    if (there) pair.fields.erase(pair.fields.begin() + static_cast<ptrdiff_t>(position));
+}
+
+void stepRead(Random& random, Pair& pair) {
+    const Key key = randomKey(random);
+    size_t position = 0;
+    pelmoStatus found = kStatusSuccess;
+    pelmoMsgField field;
+    pelmoStatus status = kStatusSuccess;
+    switch (random.below(3)) {
+        case 0:
+            found = modelFind(pair.fields, key, position);
+            status = attempt(random, [&] {
+                return pelmoMsg_GetFieldEx(pair.msg.get(), key.text(), &field, key.id);
+            });
+            break;
+        case 1: {
+            const uint32_t instance = 1 + random.below(3);
+            position = modelInstance(pair, key, instance);
+            status = attempt(random, [&] {
+                return pelmoMsg_GetFieldInstance(pair.msg.get(), key.text(), &field, instance);
+            });
+            break;
+        }
+        default:
+            position = random.below(static_cast<uint32_t>(kMostFields));
+            status = attempt(random, [&] {
+                return pelmoMsg_GetFieldByIndex(pair.msg.get(), &field,
+                                                static_cast<uint32_t>(position));
+            });
+            break;
+    }
+    if (status == kStatusNoMemory) return;
+    if (position >= pair.fields.size()) found = kStatusNotFound;
+    ASSERT_EQ(status, found);
+    if (status == kStatusSuccess) pair.held.push_back({field, pair.fields[position]});
+}
+
+void stepMark(Random& random, Pair& pair) {
+    const pelmoStatus status =
+        attempt(random, [&] { return pelmoMsg_MarkReferences(pair.msg.get()); });
+    pair.markedEver |= pair.msg->markStack != nullptr;
+    if (status == kStatusSuccess) pair.marks.push_back(pair.held.size());
+}
+
+void stepClear(Pair& pair) {
+    const pelmoStatus status = pelmoMsg_ClearReferences(pair.msg.get());
+    if (pair.marks.empty()) {
+        ASSERT_EQ(status, pair.markedEver ? kStatusNotPermitted : kStatusInvalidMessage);
+        return;
+    }
+    ASSERT_EQ(status, kStatusSuccess);
+    pair.held.resize(std::min(pair.held.size(), pair.marks.back()));
+    pair.marks.pop_back();
+}
+
+void stepReset(Random& random, Pair& pair) {
+    const pelmoStatus status = attempt(random, [&] { return pelmoMsg_Reset(pair.msg.get()); });
+    if (status == kStatusNoMemory) return;
+    ASSERT_EQ(status, kStatusSuccess);
+    pair.fields.clear();
+    pair.held.clear();
+    pair.marks.assign(pair.marks.size(), 0);
+    pair.envelope = {};
+}
+
+std::string randomSubject(Random& random) {
+    return std::string(1 + random.below(90), 's') + "." + std::to_string(random.below(1000));
+}
+
+// Closing and opening again finds everything anew. Where that lacks memory it is still closed.
+pelmoStatus reopen(pelmoMsg* msg) {
+    if (msgCloseEnvelope(msg) != kStatusSuccess) return kStatusInvalidMessage;
+    const pelmoStatus status = msgOpenEnvelope(msg);
+    allocationsHeal();
+    EXPECT_TRUE(status == kStatusSuccess || msg->dataOffset == 0);
+    return status == kStatusNoMemory ? msgOpenEnvelope(msg) : status;
+}
+
+void stepEnvelope(Random& random, Pair& pair) {
+    pelmoMsg* msg = pair.msg.get();
+    ModelEnvelope next = pair.envelope;
+    std::optional<std::string> text;
+    if (random.oneIn(2)) text = randomSubject(random);
+    const char* chars = text ? text->c_str() : nullptr;
+    pelmoStatus status = kStatusSuccess;
+    const uint32_t dice = random.below(4);
+    const bool changes = (dice == 0 && (text || next.subject)) ||
+                         (dice == 1 && (text || next.reply)) || dice == 2 || next.there;
+    switch (dice) {
+        case 0:
+            next.subject = text;
+            status = attempt(random, [&] { return pelmoMsg_SetSendSubject(msg, chars); });
+            break;
+        case 1:
+            next.reply = text;
+            status = attempt(random, [&] { return pelmoMsg_SetReplySubject(msg, chars); });
+            break;
+        case 2:
+            next.port = static_cast<uint16_t>(random.below(65536));
+            status = attempt(random, [&] { return pelmoMsg_SetSourcePort(msg, *next.port); });
+            break;
+        default:
+            if (next.there) status = attempt(random, [&] { return reopen(msg); });
+            break;
+    }
+    if (status == kStatusNoMemory) return;
+    ASSERT_EQ(status, kStatusSuccess);
+    next.there |= changes;
+    // Taking away what isn't there looks at nothing.
+    next.portKnown |=
+        dice >= 2 || text || (dice == 0 ? pair.envelope.subject : pair.envelope.reply);
+    pair.envelope = next;
+}
+
+// The other message becomes a second object of this one's buffer, or a copy of its bytes.
+void stepCopy(Random& random, Pair& from, Pair& to) {
+    pelmoMsg* copy = nullptr;
+    const bool shared = !random.oneIn(3);
+    const pelmoStatus status = attempt(random, [&] {
+        return shared ? msgShareCopy(&copy, from.msg.get())
+                      : pelmoMsg_CreateCopy(from.msg.get(), &copy);
+    });
+    if (status == kStatusNoMemory) return;
+    ASSERT_EQ(status, kStatusSuccess);
+    to = Pair{Message(copy), from.fields, {}, {}, false, {}};
+    if (!shared) return;
+    to.envelope = from.envelope;
+    to.envelope.portKnown = false;
+}
+
+// The image, where each record stands in it, and what a second reader makes of it.
+void expectSame(Pair& pair) {
+    std::vector<Bytes> records;
+    ASSERT_EQ(pair.msg->dataOffset != 0, pair.envelope.there);
+    uint32_t offset = pair.msg->dataOffset + kMessageHeadBytes;
+    ASSERT_EQ(msgParse(pair.msg.get()), kStatusSuccess);
+    ASSERT_EQ(pair.msg->fieldCount, pair.fields.size());
+    for (size_t i = 0; i < pair.fields.size(); ++i) {
+        const ModelField& field = pair.fields[i];
+        const FieldIndexEntry& entry = pair.msg->index[i];
+        const uint32_t nameSize = field.name ? static_cast<uint32_t>(field.name->size()) + 1 : 0;
+        ASSERT_EQ(entry.nameOffset, offset + 1);
+        ASSERT_EQ(entry.nameSize, nameSize);
+        ASSERT_EQ(entry.nameAreaSize, nameSize + (field.id != 0 ? 2 : 0));
+        ASSERT_EQ(entry.id, field.id);
+        records.push_back(recordOf(field.nameText(), field.id, *field.value));
+        offset += static_cast<uint32_t>(records.back().size());
+    }
+    ASSERT_EQ(imageOf(pair.msg.get()), imageOf(records));
+}
+
+void expectHeld(const Pair& pair) {
+    for (const Held& held : pair.held) {
+        ASSERT_STREQ(held.field.name, held.model.nameText());
+        ASSERT_EQ(held.field.id, held.model.id);
+        ASSERT_TRUE(fieldHolds(held.field, *held.model.value));
+    }
+}
+
+void expectReadable(const Pair& pair) {
+    const Message second = messageFrom(imageOf(pair.msg.get()));
+    ASSERT_NE(second, nullptr);
+    for (size_t i = 0; i < pair.fields.size(); ++i) {
+        pelmoMsgField field;
+        ASSERT_EQ(pelmoMsg_GetFieldByIndex(second.get(), &field, static_cast<uint32_t>(i)),
+                  kStatusSuccess);
+        ASSERT_TRUE(fieldHolds(field, *pair.fields[i].value));
+    }
+}
+
+// Without leaving anything with the message: its marks count what it holds.
+void expectEnvelope(const Pair& pair) {
+    const ReferenceMark before = msgMark(pair.msg.get());
+    const auto& [there, portKnown, subject, reply, port] = pair.envelope;
+    const char* text = nullptr;
+    ASSERT_EQ(pelmoMsg_GetSendSubject(pair.msg.get(), &text),
+              subject ? kStatusSuccess : kStatusNotFound);
+    ASSERT_STREQ(text, subject ? subject->c_str() : nullptr);
+    ASSERT_EQ(pelmoMsg_GetReplySubject(pair.msg.get(), &text),
+              reply ? kStatusSuccess : kStatusNotFound);
+    ASSERT_STREQ(text, reply ? reply->c_str() : nullptr);
+    uint16_t number = 0;
+    const pelmoStatus status = pelmoMsg_GetSource(pair.msg.get(), &number);
+    ASSERT_EQ(status, port && portKnown ? kStatusSuccess : kStatusNotFound);
+    ASSERT_EQ(number, status == kStatusSuccess ? *port : 0);
+    msgCutBack(pair.msg.get(), before);
+}
+
+void step(Random& random, Pair& pair, Pair& other) {
+    const uint32_t dice = random.below(108);
+    if (dice >= 100) return stepEnvelope(random, pair);
+    if (dice < 30) return stepAdd(random, pair);
+    if (dice < 50) return stepUpdate(random, pair);
+    if (dice < 60) return stepRemove(random, pair);
+    if (dice < 63) return stepRemoveInstance(random, pair);
+    if (dice < 83) return stepRead(random, pair);
+    if (dice < 88) return stepMark(random, pair);
+    if (dice < 93) return stepClear(pair);
+    if (dice < 94) return stepReset(random, pair);
+    if (dice < 97) return stepCopy(random, pair, other);
+    const auto more = static_cast<int32_t>(random.below(300));
+    ASSERT_NE(pelmoMsg_Expand(pair.msg.get(), more - 100), kStatusInvalidMessage);
+}
+
+class MessageModel : public testing::TestWithParam<uint32_t> {};
+
+TEST_P(MessageModel, StaysTheSame) {
+    Random random{std::mt19937(GetParam())};
+    Pair pairs[2];
+    pairs[0].msg = newMessage();
+    pairs[1].msg = newMessage();
+    for (uint32_t i = 0; i < kSteps; ++i) {
+        SCOPED_TRACE(testing::Message() << "step " << i);
+        const uint32_t which = random.below(2);
+        step(random, pairs[which], pairs[1 - which]);
+        for (Pair& pair : pairs) {
+            expectSame(pair);
+            expectHeld(pair);
+            expectEnvelope(pair);
+        }
+        if (i % 16 == 0) expectReadable(pairs[which]);
+        if (HasFatalFailure()) return;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, MessageModel, testing::Range(1u, kSeeds + 1));
+
+}  // namespace
