@@ -13,6 +13,8 @@ case "${1:-}" in
 esac
 
 jobs=$(nproc)
+# Where threads meet.
+threaded_suites=(base_tests msg_tests)
 export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=0:detect_stack_use_after_return=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
@@ -30,16 +32,18 @@ build() {
 }
 
 fuzz() {
-    local target name corpus
+    local target name corpus seeds
     for target in build/fuzz/bin/*_fuzz; do
         [ -x "$target" ] || continue
         name=$(basename "$target")
         step "$name, $fuzz_seconds seconds"
-        corpus=build/fuzz/corpus/$name
-        mkdir -p "$corpus"
+        corpus=(build/fuzz/corpus/"$name")
+        mkdir -p "${corpus[0]}"
         seeds=tests/fuzz/corpus/${name%_fuzz}
-        "$target" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=4096 -verbosity=0 \
-            -print_final_stats=0 -artifact_prefix=build/fuzz/ "$corpus" $([ ! -d "$seeds" ] || echo "$seeds")
+        [ ! -d "$seeds" ] || corpus+=("$seeds")
+        "$target" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=4096 \
+            -artifact_prefix=build/fuzz/ "${corpus[@]}" >"build/fuzz/$name.log" 2>&1 ||
+            { tail -n 60 "build/fuzz/$name.log" >&2; exit 1; }
     done
 }
 
@@ -50,10 +54,11 @@ build tsa
 build fuzz
 fuzz
 
-# Where threads meet.
-build tsan base_tests
-step "tsan"
-build/tsan/bin/base_tests --gtest_brief=1
+build tsan "${threaded_suites[@]}"
+for suite in "${threaded_suites[@]}"; do
+    step "tsan $suite"
+    "build/tsan/bin/$suite" --gtest_brief=1
+done
 
 build asan
 step "asan"
