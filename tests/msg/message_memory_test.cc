@@ -12,6 +12,7 @@
 #include "lib/msg/buffer.h"
 #include "lib/msg/message.h"
 #include "lib/msg/message_typed.h"
+#include "lib/msg/pool.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"
 
@@ -60,30 +61,40 @@ TEST(MessageMemory, BuildsAnewWithoutTheHeap) {
               0u);
 }
 
+void receiveAndRead(Buffer* buffer) {
+    pelmoMsg* msg = nullptr;
+    ASSERT_EQ(msgCreateOverBuffer(&msg, buffer, 0), kStatusSuccess);
+    int64_t wide = 0;
+    int32_t narrow = 0;
+    double real = 0;
+    pelmoMsgDateTime time;
+    EXPECT_EQ(pelmoMsg_GetI64(msg, "echo", &wide, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_GetI32(msg, "juliet", &narrow, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_GetF64(msg, "alpha", &real, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_GetDateTime(msg, "now", &time, 0), kStatusSuccess);
+    EXPECT_EQ(wide + narrow, 'e' + 'j');
+    EXPECT_EQ(pelmoMsg_Destroy(msg), kStatusSuccess);
+}
+
 TEST(MessageMemory, ReadsAReceivedMessageWithoutTheHeap) {
-    Message sent = newMessage();
-    for (const char* name : kTenNames) {
-        ASSERT_EQ(pelmoMsg_AddI64(sent.get(), name, name[0], 0), kStatusSuccess);
+    ASSERT_EQ(poolManagerOpen(1), kStatusSuccess);
+    poolThreadEnter();
+    ASSERT_EQ(msgPoolCreate(), kStatusSuccess);
+    {
+        Message sent = newMessage();
+        for (const char* name : kTenNames) {
+            ASSERT_EQ(pelmoMsg_AddI64(sent.get(), name, name[0], 0), kStatusSuccess);
+        }
+        const pelmoMsgDateTime now = {1, 0};
+        ASSERT_EQ(pelmoMsg_AddDateTime(sent.get(), "now", &now, 0), kStatusSuccess);
+        Buffer* buffer = msgFlushBuffer(sent.get());
+        receiveAndRead(buffer);
+        EXPECT_EQ(allocationsOf([&] { receiveAndRead(buffer); }), 0u);
+        EXPECT_EQ(buffer->refCount.load(), 1u);
     }
-    const pelmoMsgDateTime now = {1, 0};
-    ASSERT_EQ(pelmoMsg_AddDateTime(sent.get(), "now", &now, 0), kStatusSuccess);
-    Buffer* buffer = msgFlushBuffer(sent.get());
-    const size_t object = allocationsOf([&] {
-        pelmoMsg* msg = nullptr;
-        ASSERT_EQ(msgCreateOverBuffer(&msg, buffer, 0), kStatusSuccess);
-        int64_t wide = 0;
-        int32_t narrow = 0;
-        double real = 0;
-        pelmoMsgDateTime time;
-        EXPECT_EQ(pelmoMsg_GetI64(msg, "echo", &wide, 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_GetI32(msg, "juliet", &narrow, 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_GetF64(msg, "alpha", &real, 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_GetDateTime(msg, "now", &time, 0), kStatusSuccess);
-        EXPECT_EQ(wide + narrow, 'e' + 'j');
-        EXPECT_EQ(pelmoMsg_Destroy(msg), kStatusSuccess);
-    });
-    EXPECT_LE(object, 1u);  // the object itself, where there is no pool
-    EXPECT_EQ(buffer->refCount.load(), 1u);
+    msgPoolDestroy();
+    poolThreadLeave();
+    poolManagerClose();
 }
 
 TEST(MessageMemory, IndexesSixteenFieldsInTheObject) {
@@ -103,6 +114,7 @@ TEST(MessageMemory, IndexesSixteenFieldsInTheObject) {
 struct FailingStep {
     const char* what;
     std::function<pelmoStatus(pelmoMsg*)> run;
+    bool keepsSomeReads = false;
 };
 
 pelmoStatus readAll(pelmoMsg* msg) {
@@ -135,6 +147,7 @@ bool failsOnce(const FailingStep& step, const Bytes& image, bool read, const Pla
         EXPECT_EQ(readAll(msg.get()), kStatusSuccess);
         EXPECT_EQ(pelmoMsg_GetString(msg.get(), "s", &text, 0), kStatusSuccess);
     }
+    const ReferenceMark before = msgMark(msg.get());
     FailAlloc fail{.after = plan.after, .forGood = plan.forGood};
     const pelmoStatus status = step.run(msg.get());
     allocationsHeal();
@@ -145,6 +158,11 @@ bool failsOnce(const FailingStep& step, const Bytes& image, bool read, const Pla
     if (status == kStatusSuccess) return true;  // went on with what it had
     EXPECT_EQ(status, kStatusNoMemory);
     EXPECT_EQ(imageOf(msg.get()), image);
+    if (!step.keepsSomeReads) {
+        const ReferenceMark behind = msgMark(msg.get());
+        EXPECT_EQ(before.ownedBlocks, behind.ownedBlocks);
+        EXPECT_EQ(before.subMessages, behind.subMessages);
+    }
     EXPECT_EQ(readAll(msg.get()), kStatusSuccess);
     if (read) {
         EXPECT_STREQ(text, "text");
@@ -157,7 +175,12 @@ TEST(MessageMemory, AnswersEachFailedAllocationAndStaysAsItWas) {
     const int64_t numbers[] = {1, 2, 3};
     const FailingStep steps[] = {
         {"parse", [](pelmoMsg* msg) { return msgParse(msg); }},
-        {"read", readAll},
+        {"read all", readAll, true},
+        {"read a list of messages",
+         [](pelmoMsg* msg) {
+             pelmoMsgField field;
+             return pelmoMsg_GetFieldEx(msg, "l", &field, 0);
+         }},
         {"add", [](pelmoMsg* msg) { return pelmoMsg_AddI32(msg, "new", 1, 9); }},
         {"add much",
          [&](pelmoMsg* msg) { return pelmoMsg_AddString(msg, "new", large.c_str(), 9); }},
@@ -261,24 +284,60 @@ TEST(MessageMemory, ClearsWhatWasReadSinceTheMarkAndNoMore) {
     EXPECT_EQ(msg->subMessages, nullptr);
 }
 
+// Nested messages share the buffer, so that a reset goes on with another one; texts don't.
 TEST(MessageMemory, LosesItsReadsAtAReset) {
+    for (const uint32_t fieldsRead : {5u, 7u}) {
+        const Message msg = messageFrom(richImage());
+        const auto read = [&] {
+            pelmoMsgField field;
+            for (uint32_t i = 0; i < fieldsRead; ++i) {
+                ASSERT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, i), kStatusSuccess);
+            }
+        };
+        ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
+        read();
+        ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_Reset(msg.get()), kStatusSuccess);
+        EXPECT_EQ(msg->ownedBlocks, nullptr);
+        EXPECT_EQ(msg->subMessages, nullptr);
+        EXPECT_EQ(msg->bufferRefs, 0u);
+        // A mark from before is as good as none: all that comes is behind it.
+        const uint8_t bytes[] = {1};
+        const uint8_t* out = nullptr;
+        uint32_t count = 0;
+        EXPECT_EQ(pelmoMsg_AddU8Array(msg.get(), "u", bytes, 1, 0), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_GetU8Array(msg.get(), "u", &out, &count, 0), kStatusSuccess);
+        EXPECT_EQ(msg->bufferRefs, 1u);
+        EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusSuccess);
+        EXPECT_EQ(msg->bufferRefs, 0u);
+    }
+}
+
+TEST(MessageMemory, KeepsItsReadsWhereAResetFails) {
     const Message msg = messageFrom(richImage());
-    ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
-    ASSERT_EQ(readAll(msg.get()), kStatusSuccess);
-    ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_Reset(msg.get()), kStatusSuccess);
-    EXPECT_EQ(msg->ownedBlocks, nullptr);
-    EXPECT_EQ(msg->subMessages, nullptr);
-    EXPECT_EQ(msg->bufferRefs, 0u);
-    // A mark from before is as good as none: all that comes is behind it.
-    const uint8_t bytes[] = {1};
-    const uint8_t* out = nullptr;
-    uint32_t count = 0;
-    EXPECT_EQ(pelmoMsg_AddU8Array(msg.get(), "u", bytes, 1, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_GetU8Array(msg.get(), "u", &out, &count, 0), kStatusSuccess);
-    EXPECT_EQ(msg->bufferRefs, 1u);
-    EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusSuccess);
-    EXPECT_EQ(msg->bufferRefs, 0u);
+    const char* text = nullptr;
+    ASSERT_EQ(pelmoMsg_GetString(msg.get(), "s", &text, 0), kStatusSuccess);
+    pelmoMsg* shared = nullptr;
+    ASSERT_EQ(msgShareCopy(&shared, msg.get()), kStatusSuccess);
+    {
+        FailAlloc fail{.after = 0, .forGood = true};
+        EXPECT_EQ(pelmoMsg_Reset(msg.get()), kStatusNoMemory);
+    }
+    EXPECT_EQ(pelmoMsg_Destroy(shared), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_UpdateString(msg.get(), "s", "other text", 0), kStatusSuccess);
+    EXPECT_STREQ(text, "text");
+}
+
+TEST(MessageMemory, UpdatesInPlaceWithoutMoreRoom) {
+    const Message msg = messageFrom(richImage());
+    ASSERT_EQ(msg->capacity, msg->length);
+    EXPECT_EQ(pelmoMsg_UpdateI32(msg.get(), "i", 8, 0), kStatusSuccess);
+    EXPECT_EQ(allocationsOf([&] {
+                  EXPECT_EQ(pelmoMsg_UpdateI32(msg.get(), "i", 9, 0), kStatusSuccess);
+                  EXPECT_EQ(pelmoMsg_UpdateString(msg.get(), "s", "less", 0), kStatusSuccess);
+              }),
+              0u);
+    EXPECT_EQ(msg->capacity, msg->length);
 }
 
 // Each thread has an object of its own over the one buffer. What they would write of it is there.
