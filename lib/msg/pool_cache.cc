@@ -28,15 +28,14 @@ struct ThreadCache {
 // this spares each take and give its look-up.
 constinit thread_local ThreadCache* threadCache = nullptr;
 
-Dpa* findList(const Dict32* lists, const ChunkPool* pool) {
+inline Dpa* findList(const Dict32* lists, const ChunkPool* pool) {
     void* list = nullptr;
     return dict32Find(lists, pool->id, &list) == kStatusSuccess ? static_cast<Dpa*>(list) : nullptr;
 }
 
-// Makes one, with room for a batch, where the thread has none of that pool; null when memory runs
-// out.
-Dpa* findOrMakeList(Dict32* lists, const ChunkPool* pool) {
-    if (Dpa* found = findList(lists, pool)) return found;
+// With room for a batch; null when memory runs out. Like all that is rare, kept out of the way of a
+// take or give.
+[[gnu::noinline]] Dpa* makeList(Dict32* lists, const ChunkPool* pool) {
     Dpa* list = dpaCreate(pool->refreshCount);
     if (list == nullptr) return nullptr;
     if (dict32Insert(lists, pool->id, list) != kStatusSuccess) return dpaDestroy(list);
@@ -68,7 +67,7 @@ uint32_t generationNow() {
     return poolManager.generation;
 }
 
-void flush(ThreadCache* cache, Ending ending) {
+[[gnu::noinline]] void flush(ThreadCache* cache, Ending ending) {
     flushLists(cache->giveLists, true, ending);
     cache->giveCount = 0;
     const uint32_t generation = generationNow();
@@ -95,8 +94,9 @@ ThreadCache* makeCache() {
     return nullptr;
 }
 
-void* takeFromBatch(ThreadCache* cache, ChunkPool* pool) {
-    Dpa* list = findOrMakeList(cache->takeLists, pool);
+[[gnu::noinline]] void* takeFromBatch(ThreadCache* cache, ChunkPool* pool) {
+    Dpa* list = findList(cache->takeLists, pool);
+    if (list == nullptr) list = makeList(cache->takeLists, pool);
     if (list == nullptr) return nullptr;
     if (list->count == 0) poolRefill(pool, list);
     return list->count != 0 ? list->items[--list->count] : nullptr;
@@ -113,13 +113,25 @@ void* takeCached(ThreadCache* cache, ChunkPool* pool) {
     return takeFromBatch(cache, pool);
 }
 
-void giveCached(ThreadCache* cache, ChunkPool* pool, void* chunk) {
-    Dpa* list = findOrMakeList(cache->giveLists, pool);
-    if (list == nullptr) return;
-    if (!dpaAppend(list, chunk)) {
+// A give list with room for one more, for the thread that has none or a full one; null when memory
+// runs out for the first. One that can't grow is flushed.
+[[gnu::noinline]] Dpa* makeRoom(ThreadCache* cache, const ChunkPool* pool, Dpa* list, void* chunk) {
+    if (list == nullptr) return makeList(cache->giveLists, pool);
+    if (dpaAppend(list, chunk)) {
+        --list->count;
+    } else {
         flush(cache, Ending::kNo);
-        list->items[list->count++] = chunk;  // the flush left it empty, and no list is without room
     }
+    return list;
+}
+
+void giveCached(ThreadCache* cache, const ChunkPool* pool, void* chunk) {
+    Dpa* list = findList(cache->giveLists, pool);
+    if (list == nullptr || list->count == list->capacity) {
+        list = makeRoom(cache, pool, list, chunk);
+        if (list == nullptr) return;
+    }
+    list->items[list->count++] = chunk;
     if (++cache->giveCount == kMostGiven) flush(cache, Ending::kNo);
 }
 
