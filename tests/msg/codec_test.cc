@@ -378,6 +378,9 @@ TEST(Codec, ReadsOddValuesAsFarAsTheyGo) {
         EXPECT_EQ(decoded.disposition, kDataByValue);
         EXPECT_EQ(decoded.used, bytes.size());
     }
+    const Decoded untold = decode(FIELD_BOOL, {0});
+    EXPECT_EQ(untold.field.data.boolean, 0u);
+    EXPECT_EQ(untold.used, 1u);
     // More microseconds than a second has.
     EXPECT_EQ(decode(FIELD_DATETIME, {8, 0, 0, 0, 1, 0, 255, 255, 255}).field.data.dateTime.seconds,
               1);
