@@ -693,4 +693,13 @@ TEST(Message, ReadsAsTheTypeAskedFor) {
     EXPECT_EQ(std::memcmp(&before, &behind, sizeof before), 0);  // nothing was left behind
 }
 
+TEST(Message, ForgetsWhereTheSendSubjectWasWhenItIsUpdated) {
+    const Message msg = newMessage();
+    msg->sendSubjectOffset = 8;
+    EXPECT_EQ(pelmoMsg_UpdateSubjectText(msg.get(), "subs", "A", 0), kStatusSuccess);
+    EXPECT_EQ(msg->sendSubjectOffset, 8u);
+    EXPECT_EQ(pelmoMsg_UpdateSubjectText(msg.get(), "sub", "A", 0), kStatusSuccess);
+    EXPECT_EQ(msg->sendSubjectOffset, 0u);
+}
+
 }  // namespace
