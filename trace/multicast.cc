@@ -28,6 +28,9 @@ SenderPath findSender(const OskaPacket& packet) {
     if (port == nullptr) return {};
     NetEntry* net = netEntry(*port, packet.dstIp);
     if (net == nullptr) return {};
+    if (packet.type == kOskaData && cursorHolds(packet.header, kOskaDataHeaderBytes, 1)) {
+        scanPrefetch(*net, packet.header.left.subspan(kOskaDataHeaderBytes));
+    }
     HostEntry* host = hostEntry(*net, packet.srcIp, packet.srcPort);
     if (host == nullptr) return {};
 

@@ -29,3 +29,8 @@ struct ScanSource {
 
 // 0, or 1 when a fault was found. Running out of memory ends the scan and is no fault.
 [[nodiscard]] int scanMessages(const ScanSource& source, std::span<const uint8_t> payload);
+
+// Ahead of the scan, while its sender is being looked up: asks the cache for where the first
+// message's subject is found, if that is the first field, as senders write it. A guess: it reads
+// nothing outside the payload, and nothing depends on it.
+void scanPrefetch(const NetEntry& net, std::span<const uint8_t> payload);

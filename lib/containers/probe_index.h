@@ -94,6 +94,11 @@ template <typename Matches>
     }
 }
 
+// Asks the cache for where a search would begin.
+inline void probePrefetch(const ProbeIndex& index, uint32_t hash) {
+    if (index.slots != nullptr) __builtin_prefetch(&index.slots[hash & index.mask]);
+}
+
 // Makes room for `count` entries in all.
 [[nodiscard]] bool probeReserve(ProbeIndex& index, uint32_t count);
 

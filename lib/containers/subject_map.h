@@ -78,3 +78,8 @@ void subjectMapRemove(SubjectMap* map, SubjectMapEntry* record);
     };
     return static_cast<SubjectMapEntry*>(probeFind(map->index, subjectHash(subject), matches));
 }
+
+// Ahead of a look-up that can wait a little: asks the cache for where it will begin.
+inline void subjectMapPrefetch(const SubjectMap* map, const uint8_t* subject) {
+    probePrefetch(map->index, subjectHash(subject));
+}
