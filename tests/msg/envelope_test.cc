@@ -83,6 +83,7 @@ Opened open(const Bytes& image) {
     // Opening keeps nothing of what it had to read.
     EXPECT_EQ(msg->bufferRefs, 0u);
     EXPECT_EQ(msg->ownedBlocks, nullptr);
+    EXPECT_EQ(msg->heldBuffers, nullptr);
     opened.flags = msg->envelopeFlags;
     opened.shown = textOf(msg.get());
     opened.send = sendSubjectOf(msg.get());
