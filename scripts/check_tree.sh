@@ -40,7 +40,7 @@ rule "scripts that aren't executable" not_executable
 rule "tests that sleep" sleeping_tests
 rule "blanks at the end of a line" trailing_blanks
 rule "words that have no place in the tree" search \
-    '\bthe spec\b|spec\.md|specification document|\bParts? [1-7](\.[0-9])?\b|\bper spec\b'
+    '\bthe sp[e]c\b|sp[e]c\.md|sp[e]cification document|\bP[a]rts? [1-7](\.[0-9])?\b|\bper sp[e]c\b'
 rule "names of mirrors: they come from the machine" search \
     '(deb|security|snapshot|archive|ftp[.a-z]*)\.debian\.org|registry\.npmjs|proxy\.golang'
 
