@@ -18,6 +18,7 @@
     ROW(kStop, false, "stop lock")                    \
     ROW(kStats, false, "stats lock")                  \
     ROW(kLibrary, false, "library lock")              \
+    ROW(kWakeupPair, false, "wake-up pair lock")      \
     ROW(kEventManager, false, "event manager lock")   \
     ROW(kTransportObject, true, "transport object")   \
     ROW(kGroupObject, true, "queue group object")     \
@@ -31,7 +32,6 @@
     ROW(kEndpoint, false, "endpoint lock")            \
     ROW(kConnection, false, "connection lock")        \
     ROW(kSocket, false, "socket lock")                \
-    ROW(kWakeupPair, false, "wake-up pair lock")      \
     ROW(kPoolManager, false, "pool manager lock")     \
     ROW(kPool, false, "pool lock")                    \
     ROW(kLeaf, false, "lock with nothing beneath it") \

@@ -4,31 +4,20 @@
 #pragma once
 
 #include "lib/msg/codec.h"
+#include "lib/msg/scalar.h"
 
 #define PELMO_ENCODER(name) pelmoStatus name(WriteCursor& cursor, const pelmoMsgField& field)
 #define PELMO_DECODER(name) \
     pelmoStatus name(ReadCursor& cursor, pelmoMsgField& field, Disposition& disposition)
 
 // codec_scalar.cc
-PELMO_ENCODER(encodeBool);
-PELMO_ENCODER(encodeI8);
-PELMO_ENCODER(encodeU8);
-PELMO_ENCODER(encodeI16);
-PELMO_ENCODER(encodeU16);
-PELMO_ENCODER(encodeI32);
-PELMO_ENCODER(encodeU32);
-PELMO_ENCODER(encodeI64);
-PELMO_ENCODER(encodeU64);
-PELMO_ENCODER(encodeF32);
-PELMO_ENCODER(encodeF64);
-PELMO_ENCODER(encodeIpPort16);
-PELMO_ENCODER(encodeIpAddr32);
+#define PELMO_DECLARE_ENCODER(word, type, Value, size, member) PELMO_ENCODER(encode##word);
+PELMO_SCALAR_FIELDS(PELMO_DECLARE_ENCODER)
+#undef PELMO_DECLARE_ENCODER
 PELMO_ENCODER(encodeDateTime);
 PELMO_ENCODER(encodeNone);
 PELMO_DECODER(decodeBool);
-PELMO_DECODER(decodeInt);
-PELMO_DECODER(decodeUint);
-PELMO_DECODER(decodeFloat);
+PELMO_DECODER(decodeWord);
 PELMO_DECODER(decodeNetInt);
 PELMO_DECODER(decodeDateTime);
 PELMO_DECODER(decodeNone);

@@ -1,11 +1,8 @@
-// Scalars: a size byte and the value. Integers, floats, ports and addresses fold into four wire
-// types, whose size byte tells them apart.
-
-#include <bit>
-#include <cstring>
+// Scalars (lib/msg/scalar.h), dates, and the field that has no value.
 
 #include "lib/base/bytes.h"
 #include "lib/msg/codec_parts.h"
+#include "lib/msg/scalar.h"
 #include "lib/msg/wire.h"
 
 namespace {
@@ -17,34 +14,17 @@ constexpr uint32_t kDateTimeFieldBytes = 12;
 constexpr uint32_t kDateTimeWireBytes = 8;
 constexpr uint32_t kMicrosecondMask = 0xffffff;
 
-void storeWord(uint8_t* at, uint8_t word) {
-    *at = word;
-}
-
-void storeWord(uint8_t* at, uint16_t word) {
-    storeBe16At(at, word);
-}
-
-void storeWord(uint8_t* at, uint32_t word) {
-    storeBe32At(at, word);
-}
-
-void storeWord(uint8_t* at, uint64_t word) {
-    storeBe64At(at, word);
-}
-
-// A size that isn't the type's would be a lie in the image.
-template <typename Word>
-pelmoStatus encodeWord(WriteCursor& cursor,
-                       const pelmoMsgField& field,
-                       uint8_t wireType,
-                       Word word) {
-    if (field.size != sizeof word) return kStatusInvalidArgument;
-    if (writeRoom(cursor) < 1 + sizeof word) return kStatusNoMemory;
-    cursor.at[-1] = wireType;
-    cursor.at[0] = sizeof word;
-    storeWord(cursor.at + 1, word);
-    cursor.at += 1 + sizeof word;
+// A size that isn't the type's would be a lie in the image. A bool's isn't looked at: it is wider in
+// the application than on the wire.
+template <uint8_t kType, typename Value>
+pelmoStatus encodeScalar(WriteCursor& cursor, const pelmoMsgField& field, Value value) {
+    constexpr uint32_t kValueBytes = kScalarBytes<kType, Value>;
+    constexpr uint8_t kWireType = scalarWireType(kType);
+    if (kType != FIELD_BOOL && field.size != kValueBytes) return kStatusInvalidArgument;
+    if (writeRoom(cursor) < 1 + kValueBytes) return kStatusNoMemory;
+    if constexpr (kWireType != kType) cursor.at[-1] = kWireType;
+    storeScalar<kType>(cursor.at, value);
+    cursor.at += 1 + kValueBytes;
     return kStatusSuccess;
 }
 
@@ -63,87 +43,14 @@ pelmoStatus openWord(ReadCursor& cursor, pelmoMsgField& field) {
     return kStatusSuccess;
 }
 
-// Signed and unsigned values have the same bits, floats those of the word of their width.
-pelmoStatus decodeWord(ReadCursor& cursor, pelmoMsgField& field, Disposition& disposition) {
-    const pelmoStatus status = openWord(cursor, field);
-    if (status != kStatusSuccess) return status;
-    switch (field.size) {
-        case 1:
-            field.data.u8 = *cursor.at;
-            break;
-        case 2:
-            field.data.u16 = loadBe16At(cursor.at);
-            break;
-        case 4:
-            field.data.u32 = loadBe32At(cursor.at);
-            break;
-        default:
-            field.data.u64 = loadBe64At(cursor.at);
-            break;
-    }
-    cursor.at += field.size;
-    disposition = kDataByValue;
-    return kStatusSuccess;
-}
-
 }  // namespace
 
-PELMO_ENCODER(encodeI8) {
-    return encodeWord(cursor, field, WIRE_INT, field.data.u8);
-}
-
-PELMO_ENCODER(encodeU8) {
-    return encodeWord(cursor, field, WIRE_UINT, field.data.u8);
-}
-
-PELMO_ENCODER(encodeI16) {
-    return encodeWord(cursor, field, WIRE_INT, field.data.u16);
-}
-
-PELMO_ENCODER(encodeU16) {
-    return encodeWord(cursor, field, WIRE_UINT, field.data.u16);
-}
-
-PELMO_ENCODER(encodeI32) {
-    return encodeWord(cursor, field, WIRE_INT, field.data.u32);
-}
-
-PELMO_ENCODER(encodeU32) {
-    return encodeWord(cursor, field, WIRE_UINT, field.data.u32);
-}
-
-PELMO_ENCODER(encodeI64) {
-    return encodeWord(cursor, field, WIRE_INT, field.data.u64);
-}
-
-PELMO_ENCODER(encodeU64) {
-    return encodeWord(cursor, field, WIRE_UINT, field.data.u64);
-}
-
-PELMO_ENCODER(encodeF32) {
-    return encodeWord(cursor, field, WIRE_FLOAT, std::bit_cast<uint32_t>(field.data.f32));
-}
-
-PELMO_ENCODER(encodeF64) {
-    return encodeWord(cursor, field, WIRE_FLOAT, std::bit_cast<uint64_t>(field.data.f64));
-}
-
-// Words in network order already: the store turns them back.
-PELMO_ENCODER(encodeIpPort16) {
-    return encodeWord(cursor, field, WIRE_NETINT, hostOrder16(field.data.ipPort16));
-}
-
-PELMO_ENCODER(encodeIpAddr32) {
-    return encodeWord(cursor, field, WIRE_NETINT, hostOrder32(field.data.ipAddr32));
-}
-
-PELMO_ENCODER(encodeBool) {
-    if (writeRoom(cursor) < 2) return kStatusNoMemory;
-    cursor.at[0] = 1;
-    cursor.at[1] = field.data.boolean != 0 ? 1 : 0;
-    cursor.at += 2;
-    return kStatusSuccess;
-}
+#define PELMO_DEFINE_ENCODER(word, type, Value, size, member)   \
+    PELMO_ENCODER(encode##word) {                               \
+        return encodeScalar<type>(cursor, field, field.data.member); \
+    }
+PELMO_SCALAR_FIELDS(PELMO_DEFINE_ENCODER)
+#undef PELMO_DEFINE_ENCODER
 
 PELMO_ENCODER(encodeNone) {
     static_cast<void>(field);
@@ -168,16 +75,27 @@ PELMO_ENCODER(encodeDateTime) {
     return kStatusSuccess;
 }
 
-PELMO_DECODER(decodeInt) {
-    return decodeWord(cursor, field, disposition);
-}
-
-PELMO_DECODER(decodeUint) {
-    return decodeWord(cursor, field, disposition);
-}
-
-PELMO_DECODER(decodeFloat) {
-    return decodeWord(cursor, field, disposition);
+// Signed and unsigned values have the same bits, floats those of the word of their width.
+PELMO_DECODER(decodeWord) {
+    const pelmoStatus status = openWord(cursor, field);
+    if (status != kStatusSuccess) return status;
+    switch (field.size) {
+        case 1:
+            field.data.u8 = *cursor.at;
+            break;
+        case 2:
+            field.data.u16 = loadBe16At(cursor.at);
+            break;
+        case 4:
+            field.data.u32 = loadBe32At(cursor.at);
+            break;
+        default:
+            field.data.u64 = loadBe64At(cursor.at);
+            break;
+    }
+    cursor.at += field.size;
+    disposition = kDataByValue;
+    return kStatusSuccess;
 }
 
 PELMO_DECODER(decodeNetInt) {

@@ -17,23 +17,7 @@
 #include <cstdint>
 
 #include "lib/msg/message.h"
-
-// word, field type, C++ type, bytes on the wire, member of FieldData that holds it. IP ports and
-// addresses are in network order.
-#define PELMO_SCALAR_FIELDS(ROW)                         \
-    ROW(Bool, FIELD_BOOL, uint32_t, 1, boolean)          \
-    ROW(I8, FIELD_I8, int8_t, 1, i8)                     \
-    ROW(U8, FIELD_U8, uint8_t, 1, u8)                    \
-    ROW(I16, FIELD_I16, int16_t, 2, i16)                 \
-    ROW(U16, FIELD_U16, uint16_t, 2, u16)                \
-    ROW(I32, FIELD_I32, int32_t, 4, i32)                 \
-    ROW(U32, FIELD_U32, uint32_t, 4, u32)                \
-    ROW(I64, FIELD_I64, int64_t, 8, i64)                 \
-    ROW(U64, FIELD_U64, uint64_t, 8, u64)                \
-    ROW(F32, FIELD_F32, float, 4, f32)                   \
-    ROW(F64, FIELD_F64, double, 8, f64)                  \
-    ROW(IPPort16, FIELD_IPPORT16, uint16_t, 2, ipPort16) \
-    ROW(IPAddr32, FIELD_IPADDR32, uint32_t, 4, ipAddr32)
+#include "lib/msg/scalar.h"
 
 // word, field type, type of an element, its bytes.
 #define PELMO_NUMBER_ARRAY_FIELDS(ROW)         \
@@ -53,110 +37,50 @@
     ROW(StringArray, FIELD_STRINGARRAY, const char*, 0) \
     ROW(MsgArray, FIELD_MSGARRAY, pelmoMsg*, 0)
 
-// word, field type: a length and bytes.
-#define PELMO_BLOCK_FIELDS(ROW) \
-    ROW(Opaque, FIELD_OPAQUE)   \
-    ROW(Xml, FIELD_XML)
+// The same for bytes: the number is of them.
+#define PELMO_BLOCK_FIELDS(ROW)        \
+    ROW(Opaque, FIELD_OPAQUE, void, 1) \
+    ROW(Xml, FIELD_XML, void, 1)
 
-#define PELMO_DECLARE_SCALAR(word, type, Value, size, member)                                     \
+#define PELMO_DECLARE_FIELD(word, Value, Out)                                                     \
     [[nodiscard]] pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value value,    \
                                                  uint16_t id);                                    \
     [[nodiscard]] pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value value, \
                                                     uint16_t id);                                 \
-    [[nodiscard]] pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Value* out,     \
+    [[nodiscard]] pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Out* out,       \
                                                  uint16_t id);
+
+#define PELMO_DECLARE_SCALAR(word, type, Value, size, member) \
+    PELMO_DECLARE_FIELD(word, Value, Value)
 PELMO_SCALAR_FIELDS(PELMO_DECLARE_SCALAR)
 #undef PELMO_DECLARE_SCALAR
 
-#define PELMO_DECLARE_ARRAY(word, type, Value, size)                                          \
+#define PELMO_DECLARE_LIST(word, type, Value, size)                                           \
     [[nodiscard]] pelmoStatus pelmoMsg_Add##word(                                             \
-        pelmoMsg* msg, const char* name, Value const* values, uint32_t count, uint16_t id);   \
+        pelmoMsg* msg, const char* name, Value const* values, uint32_t number, uint16_t id);  \
     [[nodiscard]] pelmoStatus pelmoMsg_Update##word(                                          \
-        pelmoMsg* msg, const char* name, Value const* values, uint32_t count, uint16_t id);   \
+        pelmoMsg* msg, const char* name, Value const* values, uint32_t number, uint16_t id);  \
     [[nodiscard]] pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name,             \
-                                                 Value const** outValues, uint32_t* outCount, \
+                                                 Value const** outValues, uint32_t* outNumber, \
                                                  uint16_t id);
-PELMO_NUMBER_ARRAY_FIELDS(PELMO_DECLARE_ARRAY)
-PELMO_LIST_FIELDS(PELMO_DECLARE_ARRAY)
-#undef PELMO_DECLARE_ARRAY
+PELMO_NUMBER_ARRAY_FIELDS(PELMO_DECLARE_LIST)
+PELMO_LIST_FIELDS(PELMO_DECLARE_LIST)
+PELMO_BLOCK_FIELDS(PELMO_DECLARE_LIST)
+#undef PELMO_DECLARE_LIST
 
-#define PELMO_DECLARE_BLOCK(word, type)                                                          \
-    [[nodiscard]] pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name,                \
-                                                 const void* bytes, uint32_t size, uint16_t id); \
-    [[nodiscard]] pelmoStatus pelmoMsg_Update##word(                                             \
-        pelmoMsg* msg, const char* name, const void* bytes, uint32_t size, uint16_t id);         \
-    [[nodiscard]] pelmoStatus pelmoMsg_Get##word(                                                \
-        pelmoMsg* msg, const char* name, const void** outBytes, uint32_t* outSize, uint16_t id);
-PELMO_BLOCK_FIELDS(PELMO_DECLARE_BLOCK)
-#undef PELMO_DECLARE_BLOCK
-
-[[nodiscard]] pelmoStatus pelmoMsg_AddDateTime(pelmoMsg* msg,
-                                               const char* name,
-                                               const pelmoMsgDateTime* value,
-                                               uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_UpdateDateTime(pelmoMsg* msg,
-                                                  const char* name,
-                                                  const pelmoMsgDateTime* value,
-                                                  uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_GetDateTime(pelmoMsg* msg,
-                                               const char* name,
-                                               pelmoMsgDateTime* out,
-                                               uint16_t id);
+PELMO_DECLARE_FIELD(DateTime, const pelmoMsgDateTime*, pelmoMsgDateTime)
 
 // The read gives null for a value of no bytes, and a terminated copy of one without its NUL.
-[[nodiscard]] pelmoStatus pelmoMsg_AddString(pelmoMsg* msg,
-                                             const char* name,
-                                             const char* text,
-                                             uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_UpdateString(pelmoMsg* msg,
-                                                const char* name,
-                                                const char* text,
-                                                uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_GetString(pelmoMsg* msg,
-                                             const char* name,
-                                             const char** out,
-                                             uint16_t id);
+PELMO_DECLARE_FIELD(String, const char*, const char*)
 
-// The fields that `value` shows are copied. The read gives an object that belongs to `msg`.
-[[nodiscard]] pelmoStatus pelmoMsg_AddMsg(pelmoMsg* msg,
-                                          const char* name,
-                                          pelmoMsg* value,
-                                          uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_UpdateMsg(pelmoMsg* msg,
-                                             const char* name,
-                                             pelmoMsg* value,
-                                             uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_GetMsg(pelmoMsg* msg,
-                                          const char* name,
-                                          pelmoMsg** out,
-                                          uint16_t id);
+// The fields that the value shows are copied. The read gives an object that belongs to `msg`.
+PELMO_DECLARE_FIELD(Msg, pelmoMsg*, pelmoMsg*)
 
 // Packed subjects (lib/containers/subject.h), and the same as text: kStatusInvalidSubject for a
 // text that doesn't pack.
-[[nodiscard]] pelmoStatus pelmoMsg_AddSubject(pelmoMsg* msg,
-                                              const char* name,
-                                              const uint8_t* subject,
-                                              uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_UpdateSubject(pelmoMsg* msg,
-                                                 const char* name,
-                                                 const uint8_t* subject,
-                                                 uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_GetSubject(pelmoMsg* msg,
-                                              const char* name,
-                                              const uint8_t** out,
-                                              uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_AddSubjectText(pelmoMsg* msg,
-                                                  const char* name,
-                                                  const char* text,
-                                                  uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_UpdateSubjectText(pelmoMsg* msg,
-                                                     const char* name,
-                                                     const char* text,
-                                                     uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_GetSubjectText(pelmoMsg* msg,
-                                                  const char* name,
-                                                  const char** out,
-                                                  uint16_t id);
+PELMO_DECLARE_FIELD(Subject, const uint8_t*, const uint8_t*)
+PELMO_DECLARE_FIELD(SubjectText, const char*, const char*)
+#undef PELMO_DECLARE_FIELD
 
 // A field that says only that it is there.
 [[nodiscard]] pelmoStatus pelmoMsg_AddNone(pelmoMsg* msg, const char* name, uint16_t id);

@@ -1,0 +1,41 @@
+// The Pelmo client library: opening and closing it, and all of its public calls in one include.
+//
+//     if (pelmo_Open() != kStatusSuccess) return;
+//     ...
+//     pelmo_Close();
+//
+// The first open starts the library's threads: a timer thread, an IO thread, and a dispatcher on
+// the work queue; it makes the default queue, 1, and the intra-process transport, 10. Later opens
+// count. The last close ends every object: no callback starts afterwards, and one that runs sees
+// its event and queue ended behind it. The library can be opened again; ids go on counting.
+//
+// Environment, read at the first open: _PM_TRACING_MODULES and _PM_TRACING_FILE (see
+// lib/runtime/tracing.h). Settings that can't be followed leave tracing off.
+//
+// Failure: kStatusInitFailed where the process' one-time set-up failed, then and ever after;
+// kStatusOsError for a thread that waited for another's set-up in vain; kStatusNoMemory; the status
+// of whatever couldn't be started. A failed open leaves nothing running. pelmo_Close on a closed
+// library answers kStatusNotInitialized.
+//
+// Threads: any. The library lock, outermost of the library's, is held throughout, and is recursive:
+// a completion that runs inside the close may call back.
+
+#pragma once
+
+#include "lib/base/status.h"
+#include "lib/runtime/dispatch.h"
+#include "lib/runtime/dispatcher.h"
+#include "lib/runtime/event.h"
+#include "lib/runtime/queue.h"
+#include "lib/runtime/queue_group.h"
+
+[[nodiscard]] pelmoStatus pelmo_Open();
+
+// Each successful open is matched by one close.
+pelmoStatus pelmo_Close();
+
+// Constant, whatever the library's state.
+[[nodiscard]] const char* pelmo_Version();
+
+// Returns once the library isn't open.
+void pelmo_WaitClosed();

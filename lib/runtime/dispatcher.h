@@ -1,0 +1,31 @@
+// Dispatchers: threads that do nothing but dispatch one queue or queue group.
+//
+// A dispatcher's thread goes on until a dispatch answers anything but success: with a finite time
+// also at the first time-out. It then tells of its end by the advisory
+// "_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.<name>" with the fields "status" and "description".
+//
+// Failure: kStatusInvalidDispatcher for a bad id (kStatusInvalidQueue from GetName),
+// kStatusInvalidArgument for no output or text, kStatusNoMemory. Outputs are written only on
+// success.
+//
+// Threads: any. A callback may destroy the dispatcher that runs it: the thread isn't joined then
+// and ends when the callback has returned.
+
+#pragma once
+
+#include <cstdint>
+
+#include "lib/base/status.h"
+
+// kStatusInvalidArgument where the id is neither a queue nor a group. Doesn't test the open flag.
+[[nodiscard]] pelmoStatus pelmoDispatcher_CreateEx(uint32_t* out,
+                                                   uint32_t dispatchable,
+                                                   double seconds);
+
+// Waits for the thread's end.
+pelmoStatus pelmoDispatcher_Destroy(uint32_t dispatcher);
+[[nodiscard]] pelmoStatus pelmoDispatcher_Join(uint32_t dispatcher);
+
+// The text is good until the name changes or the dispatcher goes. Setting copies.
+[[nodiscard]] pelmoStatus pelmoDispatcher_GetName(uint32_t dispatcher, const char** out);
+pelmoStatus pelmoDispatcher_SetName(uint32_t dispatcher, const char* name);

@@ -1,0 +1,30 @@
+// The event manager: turns time and ready sockets into queue entries.
+//
+// One timer thread keeps all armed timers (lib/runtime/timers.h), sleeps until the soonest is due,
+// posts what is due, and dispatches the timer queue. Each IO thread owns one IO queue and one set
+// of sockets (lib/runtime/io_events.h), and alternates between dispatching its queue and waiting
+// for its sockets.
+//
+// An entry that another thread posts to an IO queue is dispatched when the wait ends, at the latest
+// 10 seconds later: such a post wakes nobody.
+//
+// Failure: kStatusNoMemory, kStatusInvalidArgument for a count of threads other than 1 to 128; what
+// stands of a failed start goes at the stop.
+//
+// Threads: started and stopped under the library lock. The stop joins its threads, but for one that
+// it is called on.
+
+#pragma once
+
+#include <cstdint>
+
+#include "lib/base/status.h"
+
+// Makes the timer queue and starts the timer thread.
+[[nodiscard]] pelmoStatus EventManager_Start();
+
+// Makes IO queues 1 to count, their socket sets and threads; stops at the first failure.
+[[nodiscard]] pelmoStatus EventManager_StartIo(uint32_t count);
+
+// No timer or IO event fires afterwards; its queues are destroyed. Timers don't survive.
+void EventManager_Stop();

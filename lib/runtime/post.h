@@ -1,0 +1,32 @@
+// Posting: from a source that fired to an entry on its queue.
+//
+// Failure: kStatusInvalidEvent, kStatusInvalidQueue, kStatusNoMemory.
+//
+// Threads: any, with no lock of the runtime held but, on an IO thread, the event manager's, and a
+// transport's object lock. A post waits for neither; it takes queue and event locks alone. No
+// advisory is sent and no hook runs with these held.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "lib/base/status.h"
+
+struct Event;
+struct Queue;
+struct pelmoMsg;
+
+// One firing. A listener's oldest waiting message becomes the entry (nothing happens where it has
+// none), a timer or IO event gets an empty message. A listener's message that a queue at its limit
+// refuses is gone; that too is a success, as a poster has no use for it.
+[[nodiscard]] pelmoStatus Event_Post(Event* event);
+
+struct PostEntry {
+    uint32_t eventId;
+    pelmoMsg* message;
+};
+
+// Many messages for listeners of one queue. Owns them, whatever becomes of the call: those that
+// find no place are destroyed.
+void Queue_PostBatch(uint32_t queueId, std::span<const PostEntry> entries);

@@ -1,0 +1,83 @@
+// Queues: where firing events wait for a thread to dispatch them (lib/runtime/dispatch.h).
+//
+//     uint32_t queue;
+//     if (pelmoQueue_Create(&queue) != kStatusSuccess) return;
+//     pelmoQueue_SetLimitPolicy(queue, kLimitDiscardFirst, 1000, 10);
+//     ...
+//     pelmoQueue_DestroyEx(queue, nullptr, nullptr);
+//
+// A queue at its limit drops listeners' messages as its policy tells, and an advisory tells of it
+// on "_PM.WARN.SYSTEM.QUEUE.LIMIT_EXCEEDED" of the intra-process transport; timer and IO entries
+// are never dropped. A synchronous queue hands its messages out by polls instead of callbacks.
+//
+// Failure: kStatusNotInitialized while the library is closed, kStatusInvalidQueue for a bad id,
+// kStatusInvalidArgument for no output, kStatusNoMemory, kStatusNotPermitted for what the default
+// queue or a synchronous one refuses. Outputs are written only on success.
+//
+// Threads: any.
+
+#pragma once
+
+#include <cstdint>
+
+#include "lib/base/status.h"
+#include "lib/runtime/queue_object.h"
+
+[[nodiscard]] pelmoStatus pelmoQueue_Create(uint32_t* out);
+[[nodiscard]] pelmoStatus pelmoQueue_CreateSynchronous(uint32_t* out);
+
+// Waiters wake, nothing more is posted, the queue leaves its groups. The completion may be null; it
+// runs on this thread if no dispatch is under way, else on the thread of the last one, after its
+// callback. kStatusNotPermitted for the default queue while the library is open. Entries not
+// dispatched are dropped.
+pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion, void* closure);
+
+[[nodiscard]] pelmoStatus pelmoQueue_GetCount(uint32_t queue, uint32_t* out);
+[[nodiscard]] pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out);
+pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure);
+
+[[nodiscard]] pelmoStatus pelmoQueue_GetLimitPolicy(uint32_t queue,
+                                                    uint32_t* outPolicy,
+                                                    uint32_t* outMaxEvents,
+                                                    uint32_t* outDiscardAmount);
+
+// kStatusArgumentsConflict, ahead of all else: kLimitNone wants 0 and 0, the others a limit, a
+// discard of at most the limit, and kLimitDiscardNew a discard of exactly 1. A count above the new
+// limit is cut by one discard at once.
+pelmoStatus pelmoQueue_SetLimitPolicy(uint32_t queue,
+                                      uint32_t policy,
+                                      uint32_t maxEvents,
+                                      uint32_t discardAmount);
+
+// The text is good until the name changes or the queue goes. Setting copies.
+[[nodiscard]] pelmoStatus pelmoQueue_GetName(uint32_t queue, const char** out);
+pelmoStatus pelmoQueue_SetName(uint32_t queue, const char* name);
+
+// 1 at first. The queue changes places in its groups.
+[[nodiscard]] pelmoStatus pelmoQueue_GetPriority(uint32_t queue, uint32_t* out);
+pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority);
+
+// Waits for a message of a synchronous queue; the caller destroys it. Seconds below 0: without
+// limit; 0: kStatusTimeout where there is none. The output is null where all that waited was for
+// events that are gone. kStatusNotPermitted for other queues.
+[[nodiscard]] pelmoStatus pelmoQueue_Poll(uint32_t queue, pelmoMsg** out, double seconds);
+[[nodiscard]] pelmoStatus pelmoQueue_PollMany(
+    uint32_t queue, pelmoMsg** messages, uint32_t size, uint32_t* outCount, double seconds);
+
+// For the library's own floors.
+
+// A fixed id, or 0 for a global one; `out` may be null. The name isn't copied: a constant, unless
+// `nameOwned`, which hands over a heap text, on success only. The open flag isn't tested.
+// kStatusNoMemory for any failure.
+[[nodiscard]] pelmoStatus Queue_Create(
+    uint32_t* out, uint32_t fixedId, const char* name, bool nameOwned, bool synchronous);
+
+// What one discard of policy kLimitDiscardFirst or kLimitDiscardLast drops; nothing under the
+// others, or on a synchronous queue. The caller holds the object lock, and no event's.
+void Queue_Discard(Queue* queue);
+
+// The same walk from the newest entry whatever the policy: makes room for a limit advisory.
+void Queue_DiscardNewest(Queue* queue);
+
+// `pending` and `ready`. The caller holds the object lock.
+[[nodiscard]] uint32_t Queue_CountLocked(Queue* queue);

@@ -1,0 +1,12 @@
+// Socket errors: the numbers that messages show, and their texts. The system's errno values are
+// mapped to them in one table.
+//
+// Threads: any; nothing here changes. Texts are constant.
+
+#pragma once
+
+// 0 for 0; an errno without a number of its own comes back as it is.
+[[nodiscard]] int socketErrorFromErrno(int error);
+
+// "***Unknown***" for a number without a text.
+[[nodiscard]] const char* socketErrorText(int code);

@@ -1,0 +1,53 @@
+// What queues, dispatchers and events ask of transports. Empty until the floor above fills it,
+// ahead of the first open.
+
+#pragma once
+
+#include <cstdint>
+
+#include "lib/base/status.h"
+#include "lib/runtime/event_object.h"
+
+struct pelmoMsg;
+
+struct ListenerRequest {
+    uint32_t queueId;
+    uint32_t transportId;
+    const char* subject;
+    ListenerKind kind;
+    pelmoEventCallback callback;         // kPlain
+    pelmoVectorCallback vectorCallback;  // kVector
+    void* vectorGroup;                   // kVector
+    void* closure;
+};
+
+struct TransportOps {
+    // An advisory: a message about the library's own state, on a reserved subject.
+    pelmoStatus (*sendAdvisory)(uint32_t transport,
+                                const char* advisoryClass,
+                                const char* source,
+                                const char* name,
+                                const char* description);
+
+    // The message that sendAdvisory would send, for a caller that adds fields of its own.
+    pelmoStatus (*createAdvisory)(pelmoMsg** out,
+                                  const char* advisoryClass,
+                                  const char* source,
+                                  const char* name,
+                                  const char* description);
+
+    // To the transport's own listeners. Owns the message, on failure too.
+    pelmoStatus (*distribute)(uint32_t transport, pelmoMsg* message);
+
+    // Makes the event, binds it to the transport and gives it its id.
+    pelmoStatus (*addListener)(uint32_t* out, const ListenerRequest& request);
+
+    // Cuts the listener off from its transport: empties and frees its inbox, sets its transport
+    // to 0.
+    pelmoStatus (*removeListener)(uint32_t transport, Event* event);
+
+    // May the message go to the listener's callback? False where the transport is gone.
+    bool (*runInboundHooks)(uint32_t transport, pelmoMsg* message);
+};
+
+inline TransportOps transportOps{};
