@@ -62,3 +62,8 @@ void bufferPoolDestroy();
 
 void bufferRetain(Buffer* buffer);
 void bufferRelease(Buffer* buffer);  // null is ignored
+
+[[nodiscard]] inline bool bufferIsShared(const Buffer* buffer) {
+    // Whoever let go of it last has done so after its last read.
+    return buffer->refCount.load(std::memory_order_acquire) >= 2;
+}

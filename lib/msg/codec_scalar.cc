@@ -14,8 +14,8 @@ constexpr uint32_t kDateTimeFieldBytes = 12;
 constexpr uint32_t kDateTimeWireBytes = 8;
 constexpr uint32_t kMicrosecondMask = 0xffffff;
 
-// A size that isn't the type's would be a lie in the image. A bool's isn't looked at: it is wider in
-// the application than on the wire.
+// A size that isn't the type's would be a lie in the image. A bool's isn't looked at: it is wider
+// in the application than on the wire.
 template <uint8_t kType, typename Value>
 pelmoStatus encodeScalar(WriteCursor& cursor, const pelmoMsgField& field, Value value) {
     constexpr uint32_t kValueBytes = kScalarBytes<kType, Value>;
@@ -45,8 +45,8 @@ pelmoStatus openWord(ReadCursor& cursor, pelmoMsgField& field) {
 
 }  // namespace
 
-#define PELMO_DEFINE_ENCODER(word, type, Value, size, member)   \
-    PELMO_ENCODER(encode##word) {                               \
+#define PELMO_DEFINE_ENCODER(word, type, Value, size, member)        \
+    PELMO_ENCODER(encode##word) {                                    \
         return encodeScalar<type>(cursor, field, field.data.member); \
     }
 PELMO_SCALAR_FIELDS(PELMO_DEFINE_ENCODER)

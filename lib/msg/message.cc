@@ -23,7 +23,12 @@ ChunkPool* objectPool = nullptr;
 void* takeZeroed() {
     if (objectPool == nullptr) return std::calloc(1, sizeof(pelmoMsg));
     void* object = poolTake(objectPool, __FILE__, __LINE__);
-    if (object != nullptr) std::memset(object, 0, offsetof(pelmoMsg, poolOwner));
+    if (object == nullptr) return nullptr;
+    // But for the entries of the index, which are written ahead of being read.
+    auto* bytes = static_cast<uint8_t*>(object);
+    std::memset(bytes, 0, offsetof(pelmoMsg, inlineIndex));
+    std::memset(bytes + offsetof(pelmoMsg, deliveryEvent), 0,
+                offsetof(pelmoMsg, poolOwner) - offsetof(pelmoMsg, deliveryEvent));
     return object;
 }
 

@@ -45,9 +45,9 @@
 #include <cstdint>
 
 #include "lib/base/status.h"
+#include "lib/msg/buffer.h"
 #include "lib/msg/field.h"
 
-struct Buffer;
 struct Dpa;
 struct EntryRing;
 struct I32Map;
@@ -225,7 +225,9 @@ void msgSetLimitAdvisory(pelmoMsg* msg);
 [[nodiscard]] bool msgIsLimitAdvisory(const pelmoMsg* msg);
 
 // First byte of the image. It moves with every change.
-[[nodiscard]] uint8_t* msgImage(const pelmoMsg* msg);
+[[nodiscard]] inline uint8_t* msgImage(const pelmoMsg* msg) {
+    return msg->buffer->data + msg->base;
+}
 
 // Brings the lengths in the image up to date. Writes nothing where they are: so a buffer, once
 // shared, is only read.

@@ -14,11 +14,6 @@ namespace {
 // One growth of a buffer.
 constexpr uint32_t kMostGrowth = INT32_MAX;
 
-bool bufferIsShared(const Buffer* buffer) {
-    // Whoever let go of it last has done so after its last read.
-    return buffer->refCount.load(std::memory_order_acquire) >= 2;
-}
-
 void storeWhereOther(uint8_t* at, uint32_t word) {
     if (loadBe32At(at) != word) storeBe32At(at, word);
 }
@@ -46,10 +41,6 @@ pelmoStatus replaceBuffer(pelmoMsg* msg, uint64_t extra) {
 }
 
 }  // namespace
-
-uint8_t* msgImage(const pelmoMsg* msg) {
-    return msg->buffer->data + msg->base;
-}
 
 void msgFlush(pelmoMsg* msg) {
     uint8_t* image = msgImage(msg);

@@ -6,6 +6,8 @@
 #include "lib/containers/subject.h"
 #include "lib/msg/codec.h"
 #include "lib/msg/message_parts.h"
+#include "lib/msg/message_place.h"
+#include "lib/msg/scalar.h"
 
 namespace {
 
@@ -32,6 +34,23 @@ pelmoStatus writeScalar(FieldWriter write,
     field.id = id;
     field.type = kind.type;
     return write(msg, &field);
+}
+
+// The common road is short: no record for the generic call, no encoder by table.
+template <uint8_t kType, typename Value>
+pelmoStatus addScalar(pelmoMsg* msg,
+                      const char* name,
+                      Value value,
+                      Value FieldData::*member,
+                      uint32_t size,
+                      uint16_t id) {
+    uint8_t* type = msgPlaceScalar(msg, name, id, kScalarBytes<kType, Value>);
+    if (type == nullptr) {
+        return writeScalar(pelmoMsg_AddField, msg, name, value, member, {kType, size}, id);
+    }
+    *type = scalarWireType(kType);
+    storeScalar<kType>(type + 1, value);
+    return kStatusSuccess;
 }
 
 pelmoStatus writePointer(FieldWriter write,
@@ -145,6 +164,8 @@ pelmoStatus terminate(pelmoMsg* msg, pelmoMsgField& field) {
 }
 
 pelmoStatus readText(pelmoMsg* msg, const char* name, const char** out, uint16_t id) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
     const ReferenceMark before = msgMark(msg);
     pelmoMsgField field;
     pelmoStatus status = readAs(msg, name, id, FIELD_STRING, field, convertTo);
@@ -155,6 +176,63 @@ pelmoStatus readText(pelmoMsg* msg, const char* name, const char** out, uint16_t
     }
     *out = static_cast<const char*>(field.data.pointer);
     return kStatusSuccess;
+}
+
+template <typename Value, typename OtherType>
+pelmoStatus readPointer(
+    pelmoMsg* msg, const char* name, Value** out, uint8_t type, uint16_t id, OtherType otherType) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    pelmoMsgField field;
+    const pelmoStatus status = readAs(msg, name, id, type, field, otherType);
+    if (status != kStatusSuccess) return status;
+    // Of an object that a read hands out the image alone is constant.
+    *out = static_cast<Value*>(const_cast<void*>(field.data.pointer));
+    return kStatusSuccess;
+}
+
+pelmoStatus readMessage(pelmoMsg* msg, const char* name, pelmoMsg** out, uint16_t id) {
+    return readPointer(msg, name, out, FIELD_MSG, id, noWay);
+}
+
+pelmoStatus readSubject(pelmoMsg* msg, const char* name, const uint8_t** out, uint16_t id) {
+    return readPointer(msg, name, out, FIELD_SUBJECT, id, convertTo);
+}
+
+pelmoStatus readDateTime(pelmoMsg* msg, const char* name, pelmoMsgDateTime* out, uint16_t id) {
+    return readScalar(msg, name, out, &FieldData::dateTime, FIELD_DATETIME, id);
+}
+
+pelmoStatus readSubjectText(pelmoMsg* msg, const char* name, const char** out, uint16_t id) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    const ReferenceMark before = msgMark(msg);
+    pelmoMsgField field;
+    pelmoStatus status = readAs(msg, name, id, FIELD_SUBJECT, field, noWay);
+    if (status == kStatusSuccess) status = convertTo(msg, FIELD_STRING, field);
+    if (status != kStatusSuccess) {
+        msgCutBack(msg, before);
+        return status;
+    }
+    *out = static_cast<const char*>(field.data.pointer);
+    return kStatusSuccess;
+}
+
+pelmoStatus writeDateTime(FieldWriter write,
+                          pelmoMsg* msg,
+                          const char* name,
+                          const pelmoMsgDateTime* value,
+                          uint16_t id) {
+    constexpr uint32_t kDateTimeBytes = 12;
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (value == nullptr) return kStatusInvalidArgument;
+    return writeScalar(write, msg, name, *value, &FieldData::dateTime,
+                       {FIELD_DATETIME, kDateTimeBytes}, id);
+}
+
+pelmoStatus writeText(
+    FieldWriter write, pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
+    return writePointer(write, msg, name, text, 1, {FIELD_STRING, 0}, id);
 }
 
 pelmoStatus writeMessage(
@@ -174,28 +252,26 @@ pelmoStatus writeSubject(
     return writePointer(write, msg, name, subject, 1, {FIELD_SUBJECT, size}, id);
 }
 
-using SubjectWriter = pelmoStatus (*)(pelmoMsg* msg,
-                                      const char* name,
-                                      const uint8_t* subject,
-                                      uint16_t id);
-
 pelmoStatus writeSubjectText(
-    SubjectWriter write, pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
+    FieldWriter write, pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (text == nullptr) return kStatusInvalidArgument;
     uint8_t subject[kSubjectMaxBytes];
     if (subjectFromText(subject, sizeof subject, text) < 1) return kStatusInvalidSubject;
-    return write(msg, name, subject, id);
+    return writeSubject(write, msg, name, subject, id);
 }
 
-constexpr FieldKind kDateTimeKind{FIELD_DATETIME, 12};
+pelmoStatus updateSubject(pelmoMsg* msg, const pelmoMsgField* field) {
+    // The send subject may move; opening the envelope finds it anew.
+    if (field->name != nullptr && std::strcmp(field->name, "sub") == 0) msg->sendSubjectOffset = 0;
+    return pelmoMsg_UpdateField(msg, field);
+}
 
 }  // namespace
 
 #define PELMO_DEFINE_SCALAR(word, type, Value, size, member)                                       \
     pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) {    \
-        return writeScalar(pelmoMsg_AddField, msg, name, value, &FieldData::member, {type, size},  \
-                           id);                                                                    \
+        return addScalar<type>(msg, name, value, &FieldData::member, size, id);                    \
     }                                                                                              \
     pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) { \
         return writeScalar(pelmoMsg_UpdateField, msg, name, value, &FieldData::member,             \
@@ -207,163 +283,58 @@ constexpr FieldKind kDateTimeKind{FIELD_DATETIME, 12};
 PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
 #undef PELMO_DEFINE_SCALAR
 
-#define PELMO_DEFINE_ARRAY(word, type, Value, size, otherType)                                 \
+// `number` counts elements of a known size, or tells the bytes of one value.
+#define PELMO_DEFINE_LIST(word, type, Value, count, size, told, otherType)                     \
     pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value const* values,       \
-                                   uint32_t count, uint16_t id) {                              \
+                                   uint32_t number, uint16_t id) {                             \
         return writePointer(pelmoMsg_AddField, msg, name, values, count, {type, size}, id);    \
     }                                                                                          \
     pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value const* values,    \
-                                      uint32_t count, uint16_t id) {                           \
+                                      uint32_t number, uint16_t id) {                          \
         return writePointer(pelmoMsg_UpdateField, msg, name, values, count, {type, size}, id); \
     }                                                                                          \
     pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Value const** outValues,   \
-                                   uint32_t* outCount, uint16_t id) {                          \
-        return readList(msg, name, outValues, outCount, &pelmoMsgField::count, type, id,       \
+                                   uint32_t* outNumber, uint16_t id) {                         \
+        return readList(msg, name, outValues, outNumber, &pelmoMsgField::told, type, id,       \
                         otherType);                                                            \
     }
-#define PELMO_DEFINE_NUMBERS(word, type, Value, size) \
-    PELMO_DEFINE_ARRAY(word, type, Value, size, convertTo)
-#define PELMO_DEFINE_LIST(word, type, Value, size) \
-    PELMO_DEFINE_ARRAY(word, type, Value, size, noWayFromLists)
+#define PELMO_DEFINE_NUMBERS(word, type, Value, bytes) \
+    PELMO_DEFINE_LIST(word, type, Value, number, bytes, count, convertTo)
+#define PELMO_DEFINE_POINTERS(word, type, Value, bytes) \
+    PELMO_DEFINE_LIST(word, type, Value, number, bytes, count, noWayFromLists)
+#define PELMO_DEFINE_BLOCK(word, type, Value, bytes) \
+    PELMO_DEFINE_LIST(word, type, Value, 1, number, size, noWay)
 PELMO_NUMBER_ARRAY_FIELDS(PELMO_DEFINE_NUMBERS)
-PELMO_LIST_FIELDS(PELMO_DEFINE_LIST)
-#undef PELMO_DEFINE_LIST
-#undef PELMO_DEFINE_NUMBERS
-#undef PELMO_DEFINE_ARRAY
-
-#define PELMO_DEFINE_BLOCK(word, type)                                                        \
-    pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, const void* bytes,        \
-                                   uint32_t size, uint16_t id) {                              \
-        return writePointer(pelmoMsg_AddField, msg, name, bytes, 1, {type, size}, id);        \
-    }                                                                                         \
-    pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, const void* bytes,     \
-                                      uint32_t size, uint16_t id) {                           \
-        return writePointer(pelmoMsg_UpdateField, msg, name, bytes, 1, {type, size}, id);     \
-    }                                                                                         \
-    pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, const void** outBytes,    \
-                                   uint32_t* outSize, uint16_t id) {                          \
-        return readList(msg, name, outBytes, outSize, &pelmoMsgField::size, type, id, noWay); \
-    }
+PELMO_LIST_FIELDS(PELMO_DEFINE_POINTERS)
 PELMO_BLOCK_FIELDS(PELMO_DEFINE_BLOCK)
 #undef PELMO_DEFINE_BLOCK
+#undef PELMO_DEFINE_POINTERS
+#undef PELMO_DEFINE_NUMBERS
+#undef PELMO_DEFINE_LIST
 
-pelmoStatus pelmoMsg_AddDateTime(pelmoMsg* msg,
-                                 const char* name,
-                                 const pelmoMsgDateTime* value,
-                                 uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (value == nullptr) return kStatusInvalidArgument;
-    return writeScalar(pelmoMsg_AddField, msg, name, *value, &FieldData::dateTime, kDateTimeKind,
-                       id);
-}
-
-pelmoStatus pelmoMsg_UpdateDateTime(pelmoMsg* msg,
-                                    const char* name,
-                                    const pelmoMsgDateTime* value,
-                                    uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (value == nullptr) return kStatusInvalidArgument;
-    return writeScalar(pelmoMsg_UpdateField, msg, name, *value, &FieldData::dateTime, kDateTimeKind,
-                       id);
-}
-
-pelmoStatus pelmoMsg_GetDateTime(pelmoMsg* msg,
-                                 const char* name,
-                                 pelmoMsgDateTime* out,
-                                 uint16_t id) {
-    return readScalar(msg, name, out, &FieldData::dateTime, FIELD_DATETIME, id);
-}
-
-pelmoStatus pelmoMsg_AddString(pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
-    return writePointer(pelmoMsg_AddField, msg, name, text, 1, {FIELD_STRING, 0}, id);
-}
-
-pelmoStatus pelmoMsg_UpdateString(pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
-    return writePointer(pelmoMsg_UpdateField, msg, name, text, 1, {FIELD_STRING, 0}, id);
-}
-
-pelmoStatus pelmoMsg_GetString(pelmoMsg* msg, const char* name, const char** out, uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
-    return readText(msg, name, out, id);
-}
-
-pelmoStatus pelmoMsg_AddMsg(pelmoMsg* msg, const char* name, pelmoMsg* value, uint16_t id) {
-    return writeMessage(pelmoMsg_AddField, msg, name, value, id);
-}
-
-pelmoStatus pelmoMsg_UpdateMsg(pelmoMsg* msg, const char* name, pelmoMsg* value, uint16_t id) {
-    return writeMessage(pelmoMsg_UpdateField, msg, name, value, id);
-}
-
-pelmoStatus pelmoMsg_GetMsg(pelmoMsg* msg, const char* name, pelmoMsg** out, uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
-    pelmoMsgField field;
-    const pelmoStatus status = readAs(msg, name, id, FIELD_MSG, field, noWay);
-    if (status != kStatusSuccess) return status;
-    // Reads hand out an object, whose image alone is constant.
-    *out = static_cast<pelmoMsg*>(const_cast<void*>(field.data.pointer));
-    return kStatusSuccess;
-}
-
-pelmoStatus pelmoMsg_AddSubject(pelmoMsg* msg,
-                                const char* name,
-                                const uint8_t* subject,
-                                uint16_t id) {
-    return writeSubject(pelmoMsg_AddField, msg, name, subject, id);
-}
-
-pelmoStatus pelmoMsg_UpdateSubject(pelmoMsg* msg,
-                                   const char* name,
-                                   const uint8_t* subject,
-                                   uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    // The send subject may move; opening the envelope finds it anew.
-    if (name != nullptr && std::strcmp(name, "sub") == 0) msg->sendSubjectOffset = 0;
-    return writeSubject(pelmoMsg_UpdateField, msg, name, subject, id);
-}
-
-pelmoStatus pelmoMsg_GetSubject(pelmoMsg* msg, const char* name, const uint8_t** out, uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
-    pelmoMsgField field;
-    const pelmoStatus status = readAs(msg, name, id, FIELD_SUBJECT, field, convertTo);
-    if (status == kStatusSuccess) *out = static_cast<const uint8_t*>(field.data.pointer);
-    return status;
-}
-
-pelmoStatus pelmoMsg_AddSubjectText(pelmoMsg* msg,
-                                    const char* name,
-                                    const char* text,
-                                    uint16_t id) {
-    return writeSubjectText(pelmoMsg_AddSubject, msg, name, text, id);
-}
-
-pelmoStatus pelmoMsg_UpdateSubjectText(pelmoMsg* msg,
-                                       const char* name,
-                                       const char* text,
-                                       uint16_t id) {
-    return writeSubjectText(pelmoMsg_UpdateSubject, msg, name, text, id);
-}
-
-pelmoStatus pelmoMsg_GetSubjectText(pelmoMsg* msg,
-                                    const char* name,
-                                    const char** out,
-                                    uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
-    const ReferenceMark before = msgMark(msg);
-    pelmoMsgField field;
-    pelmoStatus status = readAs(msg, name, id, FIELD_SUBJECT, field, noWay);
-    if (status == kStatusSuccess) status = convertTo(msg, FIELD_STRING, field);
-    if (status != kStatusSuccess) {
-        msgCutBack(msg, before);
-        return status;
+#define PELMO_DEFINE_FIELD(word, Value, Out, writeField, update, readField)                        \
+    pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) {    \
+        return writeField(pelmoMsg_AddField, msg, name, value, id);                                \
+    }                                                                                              \
+    pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) { \
+        return writeField(update, msg, name, value, id);                                           \
+    }                                                                                              \
+    pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Out* out, uint16_t id) {       \
+        return readField(msg, name, out, id);                                                      \
     }
-    *out = static_cast<const char*>(field.data.pointer);
-    return kStatusSuccess;
-}
+PELMO_DEFINE_FIELD(DateTime,
+                   const pelmoMsgDateTime*,
+                   pelmoMsgDateTime,
+                   writeDateTime,
+                   pelmoMsg_UpdateField,
+                   readDateTime)
+PELMO_DEFINE_FIELD(String, const char*, const char*, writeText, pelmoMsg_UpdateField, readText)
+PELMO_DEFINE_FIELD(Msg, pelmoMsg*, pelmoMsg*, writeMessage, pelmoMsg_UpdateField, readMessage)
+PELMO_DEFINE_FIELD(
+    Subject, const uint8_t*, const uint8_t*, writeSubject, updateSubject, readSubject)
+PELMO_DEFINE_FIELD(
+    SubjectText, const char*, const char*, writeSubjectText, updateSubject, readSubjectText)
+#undef PELMO_DEFINE_FIELD
 
 pelmoStatus pelmoMsg_AddNone(pelmoMsg* msg, const char* name, uint16_t id) {
     pelmoMsgField field;

@@ -55,12 +55,12 @@
 PELMO_SCALAR_FIELDS(PELMO_DECLARE_SCALAR)
 #undef PELMO_DECLARE_SCALAR
 
-#define PELMO_DECLARE_LIST(word, type, Value, size)                                           \
-    [[nodiscard]] pelmoStatus pelmoMsg_Add##word(                                             \
-        pelmoMsg* msg, const char* name, Value const* values, uint32_t number, uint16_t id);  \
-    [[nodiscard]] pelmoStatus pelmoMsg_Update##word(                                          \
-        pelmoMsg* msg, const char* name, Value const* values, uint32_t number, uint16_t id);  \
-    [[nodiscard]] pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name,             \
+#define PELMO_DECLARE_LIST(word, type, Value, size)                                            \
+    [[nodiscard]] pelmoStatus pelmoMsg_Add##word(                                              \
+        pelmoMsg* msg, const char* name, Value const* values, uint32_t number, uint16_t id);   \
+    [[nodiscard]] pelmoStatus pelmoMsg_Update##word(                                           \
+        pelmoMsg* msg, const char* name, Value const* values, uint32_t number, uint16_t id);   \
+    [[nodiscard]] pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name,              \
                                                  Value const** outValues, uint32_t* outNumber, \
                                                  uint16_t id);
 PELMO_NUMBER_ARRAY_FIELDS(PELMO_DECLARE_LIST)

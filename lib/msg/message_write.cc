@@ -8,6 +8,7 @@
 #include "lib/msg/codec.h"
 #include "lib/msg/message.h"
 #include "lib/msg/message_parts.h"
+#include "lib/msg/message_place.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/msg/wire.h"
 
@@ -29,14 +30,6 @@ bool needsData(uint8_t type) {
         default:
             return type >= FIELD_I8ARRAY && type <= FIELD_U64ARRAY;
     }
-}
-
-uint32_t nameSizeOf(const char* name) {
-    return name != nullptr ? static_cast<uint32_t>(std::strlen(name)) + 1 : 0;
-}
-
-bool nameIsTooLong(const char* name) {
-    return strnlen(name, kMaxNameChars + 1) > kMaxNameChars;
 }
 
 pelmoStatus addMessageSize(pelmoMsg* value, uint64_t& size) {
@@ -93,10 +86,9 @@ pelmoStatus sizeByType(const pelmoMsgField& field, uint64_t& size) {
     }
 }
 
-uint8_t* writeName(uint8_t* at, const pelmoMsgField& field) {
-    const uint32_t nameSize = nameSizeOf(field.name);
+uint8_t* writeName(uint8_t* at, const pelmoMsgField& field, uint32_t nameSize) {
     *at++ = static_cast<uint8_t>(nameSize + (field.id != 0 ? kIdBytes : 0));
-    if (nameSize != 0) std::memcpy(at, field.name, nameSize);
+    copyName(at, field.name, nameSize);
     at += nameSize;
     if (field.id != 0) {
         storeBe16At(at, field.id);
@@ -121,8 +113,10 @@ pelmoStatus encodeOnce(pelmoMsg* msg,
     return kStatusSuccess;
 }
 
-pelmoStatus indexAppended(pelmoMsg* msg, const pelmoMsgField& field, uint32_t recordOffset) {
-    const uint32_t nameSize = nameSizeOf(field.name);
+pelmoStatus indexAppended(pelmoMsg* msg,
+                          const pelmoMsgField& field,
+                          uint32_t nameSize,
+                          uint32_t recordOffset) {
     if (field.id != 0) {
         const pelmoStatus status = i32mapSet(msg->idMap, field.id, msg->fieldCount);
         if (status != kStatusSuccess) return status;
@@ -134,7 +128,34 @@ pelmoStatus indexAppended(pelmoMsg* msg, const pelmoMsgField& field, uint32_t re
     return kStatusSuccess;
 }
 
-pelmoStatus addChecked(pelmoMsg* msg, const pelmoMsgField& field) {
+pelmoStatus checkField(pelmoMsgField& field, uint32_t nameSize) {
+    if (fieldEncoders[field.type] == nullptr) return kStatusInvalidType;
+    if (nameSize > kMaxNameSize) return kStatusInvalidName;
+    if (field.name == nullptr && field.id != 0) return kStatusNotPermitted;
+    if (field.count == 0) return kStatusInvalidFieldCount;
+    if (needsData(field.type) && field.data.pointer == nullptr) return kStatusInvalidArgument;
+    return fieldWorkOutSize(field);
+}
+
+pelmoStatus recordNeed(const pelmoMsgField& field, uint32_t nameSize, uint64_t& need) {
+    const uint64_t valueBytes = fieldValueBytes(field);
+    if (valueBytes > kMaxValueBytes) return kStatusInvalidSize;
+    const uint32_t prefixBytes = field.type == FIELD_MSG ? 1 : sizePrefixBytes(valueBytes);
+    need = nameSize + (field.id != 0 ? kIdBytes : 0) + valueBytes + prefixBytes + 2;
+    return kStatusSuccess;
+}
+
+pelmoStatus appendRecord(pelmoMsg* msg, const pelmoMsgField& field, uint32_t nameSize) {
+    uint64_t need = 0;
+    pelmoStatus status = recordNeed(field, nameSize, need);
+    if (status == kStatusSuccess) status = msgReserve(msg, need);
+    if (status != kStatusSuccess) return status;
+    const uint8_t* type = writeName(msgImage(msg) + msg->length, field, nameSize);
+    const auto typeOffset = static_cast<uint32_t>(type - msgImage(msg));
+    return msgEncodeAt(msg, typeOffset, field, msg->length);
+}
+
+pelmoStatus addChecked(pelmoMsg* msg, const pelmoMsgField& field, uint32_t nameSize) {
     if (fieldContains(field, msg)) return kStatusNotPermitted;
     if (field.id != 0 && msg->idMap != nullptr &&
         i32mapFind(msg->idMap, field.id, nullptr) == kStatusSuccess) {
@@ -144,9 +165,9 @@ pelmoStatus addChecked(pelmoMsg* msg, const pelmoMsgField& field) {
     if (status == kStatusSuccess && field.id != 0) status = msgIdMapReserve(msg);
     if (status != kStatusSuccess) return status;
     const uint32_t recordOffset = msg->length;
-    status = msgAppendRecord(msg, field);
+    status = appendRecord(msg, field, nameSize);
     if (status != kStatusSuccess) return status;
-    status = indexAppended(msg, field, recordOffset);
+    status = indexAppended(msg, field, nameSize, recordOffset);
     if (status != kStatusSuccess) msg->length = recordOffset;
     return status;
 }
@@ -189,20 +210,11 @@ bool fieldContains(const pelmoMsgField& field, const pelmoMsg* msg) {
 }
 
 pelmoStatus msgCheckField(pelmoMsgField& field) {
-    if (fieldEncoders[field.type] == nullptr) return kStatusInvalidType;
-    if (field.name != nullptr && nameIsTooLong(field.name)) return kStatusInvalidName;
-    if (field.name == nullptr && field.id != 0) return kStatusNotPermitted;
-    if (field.count == 0) return kStatusInvalidFieldCount;
-    if (needsData(field.type) && field.data.pointer == nullptr) return kStatusInvalidArgument;
-    return fieldWorkOutSize(field);
+    return checkField(field, fieldNameSize(field.name));
 }
 
 pelmoStatus msgRecordNeed(const pelmoMsgField& field, uint64_t& need) {
-    const uint64_t valueBytes = fieldValueBytes(field);
-    if (valueBytes > kMaxValueBytes) return kStatusInvalidSize;
-    const uint32_t prefixBytes = field.type == FIELD_MSG ? 1 : sizePrefixBytes(valueBytes);
-    need = nameSizeOf(field.name) + (field.id != 0 ? kIdBytes : 0) + valueBytes + prefixBytes + 2;
-    return kStatusSuccess;
+    return recordNeed(field, fieldNameSize(field.name), need);
 }
 
 pelmoStatus msgEncodeAt(pelmoMsg* msg,
@@ -217,13 +229,7 @@ pelmoStatus msgEncodeAt(pelmoMsg* msg,
 }
 
 pelmoStatus msgAppendRecord(pelmoMsg* msg, const pelmoMsgField& field) {
-    uint64_t need = 0;
-    pelmoStatus status = msgRecordNeed(field, need);
-    if (status == kStatusSuccess) status = msgReserve(msg, need);
-    if (status != kStatusSuccess) return status;
-    const uint8_t* type = writeName(msgImage(msg) + msg->length, field);
-    const auto typeOffset = static_cast<uint32_t>(type - msgImage(msg));
-    return msgEncodeAt(msg, typeOffset, field, msg->length);
+    return appendRecord(msg, field, fieldNameSize(field.name));
 }
 
 pelmoStatus pelmoMsg_AddField(pelmoMsg* msg, const pelmoMsgField* field) {
@@ -234,8 +240,9 @@ pelmoStatus pelmoMsg_AddField(pelmoMsg* msg, const pelmoMsgField* field) {
     pelmoStatus status = msgParse(msg);
     if (status != kStatusSuccess) return status;
     pelmoMsgField checked = *field;
-    status = msgCheckField(checked);
+    const uint32_t nameSize = fieldNameSize(checked.name);
+    status = checkField(checked, nameSize);
     if (status == kStatusSuccess) status = msgMakeWritable(msg);
     if (status != kStatusSuccess) return status;
-    return addChecked(msg, checked);
+    return addChecked(msg, checked, nameSize);
 }
