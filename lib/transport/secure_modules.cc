@@ -97,8 +97,8 @@ std::string programFolder(const char* const* argv) {
     return separator == 0 ? "/" : file.substr(0, separator);
 }
 
-// A program that runs with more rights than its caller, by file capabilities or set-user-id, finds no
-// PELMO_REXEC: the caller mustn't name the folder that code is loaded from.
+// A program that runs with more rights than its caller, by file capabilities or set-user-id, finds
+// no PELMO_REXEC: the caller mustn't name the folder that code is loaded from.
 void prepareEnvironment(const char* const* argv) {
     if (secure_getenv("PELMO_REXEC") != nullptr) return;
     const std::string folder = programFolder(argv);
