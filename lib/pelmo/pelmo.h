@@ -28,6 +28,7 @@
 #include "lib/runtime/event.h"
 #include "lib/runtime/queue.h"
 #include "lib/runtime/queue_group.h"
+#include "lib/transport/transport.h"
 
 [[nodiscard]] pelmoStatus pelmo_Open();
 
