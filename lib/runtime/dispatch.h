@@ -42,6 +42,12 @@ enum class DispatchBatch { kOneEvent, kMixedEvents };
 // event manager can dispatch while the library opens.
 [[nodiscard]] pelmoStatus Queue_Dispatch(Queue* queue, double seconds, DispatchBatch batch);
 
+// What the public calls do, traced as they are, but for the look at the open flag: a dispatcher's
+// thread may begin while the library opens.
+[[nodiscard]] pelmoStatus Queue_DispatchId(uint32_t queue, double seconds);
+[[nodiscard]] pelmoStatus QueueGroup_DispatchId(uint32_t group, double seconds);
+
 // The calling thread's waits on the queue or group of that id end as soon as the word holds the id.
 // Null: nothing ends them.
 void dispatchSetStopWord(const std::atomic<uint32_t>* word);
+[[nodiscard]] const std::atomic<uint32_t>* dispatchStopWord();

@@ -1,0 +1,272 @@
+#include "lib/runtime/dispatch.h"
+
+#include <utility>
+
+#include "lib/containers/entry_ring.h"
+#include "lib/msg/message.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/dispatch_wait.h"
+#include "lib/runtime/event_object.h"
+#include "lib/runtime/io_events.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue_object.h"
+#include "lib/runtime/timers.h"
+#include "lib/runtime/transport_ops.h"
+
+namespace {
+
+// What one step runs. Owns a reference to each event, which stands once for each time that it was
+// met anew, and the ring's reference to each message.
+struct Batch {
+    uint32_t messageCount = 0;
+    uint32_t eventCount = 0;
+    pelmoMsg* messages[kMostBatchMessages];
+    Event* events[kMostBatchMessages];
+};
+
+// Under both locks: makes `ready` hold what there is. A condition remembers several posts as one
+// signal, which wakes one thread: whoever leaves entries behind wakes the next.
+bool takePendingLocked(Queue* queue) {
+    if (queue->ready->count == 0) std::swap(queue->pending, queue->ready);
+    const bool leavesSome = queue->ready->count + queue->pending->count > 1;
+    if (leavesSome && queue->waiters != 0) Cond_Signal(&queue->cond);
+    return queue->ready->count != 0;
+}
+
+// Under the object lock. On success the data lock is held, with or without entries.
+pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) PELMO_UNCHECKED_LOCKING {
+    DispatchWait wait{seconds};
+    pelmoStatus status = kStatusSuccess;
+    for (;;) {
+        if (Id_IsInvalid(&queue->header)) return kStatusInvalidQueue;
+        Lock_Enter(&queue->dataLock);
+        if (takePendingLocked(queue) || dispatchToldToStop(queue->header.id)) return kStatusSuccess;
+        Lock_Leave(&queue->dataLock);
+        if (seconds == 0 || status != kStatusSuccess) break;
+
+        ++queue->waiters;
+        status = dispatchWaitStep(wait, &queue->header, &queue->cond);
+        --queue->waiters;
+        if (!libraryIsOpen()) return kStatusNotInitialized;
+    }
+    return seconds == 0 ? kStatusTimeout : status;
+}
+
+// On success the data lock is held, and the queue valid. Entries of `ready` are to be had without
+// the lock that posters need.
+pelmoStatus enterWithEntries(Queue* queue, double seconds) PELMO_UNCHECKED_LOCKING {
+    Lock_Enter(&queue->dataLock);
+    if (Id_IsInvalid(&queue->header)) {
+        Lock_Leave(&queue->dataLock);
+        return kStatusInvalidQueue;
+    }
+    if (queue->ready->count != 0) return kStatusSuccess;
+    Lock_Leave(&queue->dataLock);
+
+    Id_Enter(&queue->header);
+    const pelmoStatus status = awaitEntriesLocked(queue, seconds);
+    Id_Leave(&queue->header);
+    return status;
+}
+
+pelmoMsg* frontEntry(const EntryRing* ring) {
+    return static_cast<pelmoMsg*>(ring->slots[EntryRing_Slot(ring, 0)]);
+}
+
+// False, holding nothing, where the entry's event is gone. Destroying an event takes the data lock:
+// one that is valid here stays so while this is held.
+bool eventOfEntry(const pelmoMsg* entry, Held<Event>& event) {
+    if (event.get(entry->deliveryEvent, IdAccess::kUnlocked) != kStatusSuccess) return false;
+    if (!Id_IsInvalid(&event->header)) return true;
+    event.release();
+    return false;
+}
+
+void takeMessageLocked(Batch& batch, Queue* queue) {
+    auto* message = static_cast<pelmoMsg*>(EntryRing_PopFront(queue->ready));
+    msgClearOwned(message);
+    batch.messages[batch.messageCount++] = message;
+}
+
+void dropEntryLocked(Queue* queue) {
+    msgRelease(static_cast<pelmoMsg*>(EntryRing_PopFront(queue->ready)));
+}
+
+void openBatchLocked(Batch& batch, Queue* queue) {
+    while (batch.messageCount == 0 && queue->ready->count != 0) {
+        Held<Event> event;
+        if (!eventOfEntry(frontEntry(queue->ready), event)) {
+            dropEntryLocked(queue);
+            continue;
+        }
+        takeMessageLocked(batch, queue);
+        batch.events[batch.eventCount++] = event.take();
+    }
+}
+
+bool shareBatches(const Event* event, const Event* other) {
+    return event->listener.vectorCallback == other->listener.vectorCallback &&
+           event->listener.vectorGroup == other->listener.vectorGroup &&
+           event->listener.transportId == other->listener.transportId;
+}
+
+// Entries that follow the first in a row and may come with it.
+void fillBatchLocked(Batch& batch, Queue* queue, DispatchBatch kind) {
+    const Event* const first = batch.events[0];
+    while (batch.messageCount < kMostBatchMessages && queue->ready->count != 0) {
+        const pelmoMsg* const entry = frontEntry(queue->ready);
+        if (entry->deliveryEvent == first->header.id) {
+            takeMessageLocked(batch, queue);
+            continue;
+        }
+        if (kind == DispatchBatch::kOneEvent) return;
+        Held<Event> event;
+        if (!eventOfEntry(entry, event)) {
+            dropEntryLocked(queue);
+            continue;
+        }
+        if (!shareBatches(first, event.pointer())) return;
+        takeMessageLocked(batch, queue);
+        batch.events[batch.eventCount++] = event.take();
+    }
+}
+
+// From here until finishBatch those who destroy the queue or an event leave their completions to
+// this dispatch.
+void countDispatchLocked(const Batch& batch, Queue* queue) {
+    ++queue->dispatching;
+    for (uint32_t i = 0; i < batch.eventCount; ++i)
+        ++batch.events[i]->dispatchCount;
+}
+
+void takeBatchLocked(Batch& batch, Queue* queue, DispatchBatch kind) {
+    openBatchLocked(batch, queue);
+    if (batch.messageCount == 0) return;
+    if (batch.events[0]->listener.vectorCallback != nullptr) fillBatchLocked(batch, queue, kind);
+    countDispatchLocked(batch, queue);
+}
+
+// Back into the timer list ahead of the callback. A destroy in between looked for the timer in vain
+// and left it to us.
+void rearmTimer(Event* event) {
+    if (Timer_Insert(event) == kStatusSuccess && Id_IsInvalid(&event->header)) Timer_Remove(event);
+}
+
+void rewatchSource(Event* event) {
+    if (Id_IsInvalid(&event->header)) return;
+    const pelmoStatus status = Event_RegisterIO(event);
+    if (status == kStatusSuccess && Id_IsInvalid(&event->header)) Event_UnregisterIO(event);
+}
+
+bool passesHooks(const Event* event, pelmoMsg* message) {
+    if (!event->listener.inboundHooks) return true;
+    return transportOps.runInboundHooks != nullptr &&
+           transportOps.runInboundHooks(event->listener.transportId, message);
+}
+
+void callPlain(const Batch& batch) {
+    const Event* const event = batch.events[0];
+    pelmoMsg* const message = batch.messages[0];
+    if (event->callback == nullptr || !passesHooks(event, message)) return;
+    event->callback(event->header.id, message, event->closure);
+}
+
+// The callback gets an array of its own: it may do with it as it likes.
+void callVector(const Batch& batch) {
+    const Event* const event = batch.events[0];
+    pelmoMsg* passed[kMostBatchMessages];
+    uint32_t count = 0;
+    for (uint32_t i = 0; i < batch.messageCount; ++i) {
+        if (passesHooks(event, batch.messages[i])) passed[count++] = batch.messages[i];
+    }
+    if (count != 0) event->listener.vectorCallback(passed, count);
+}
+
+void callBack(const Batch& batch) {
+    Event* const event = batch.events[0];
+    if (event->kind == kEventListener && event->listener.transportId == kNoId) return;
+    if (event->kind == kEventTimer) rearmTimer(event);
+    if (event->listener.vectorCallback != nullptr) {
+        callVector(batch);
+    } else {
+        callPlain(batch);
+    }
+}
+
+pelmoEventCompletion countDownLocked(Event* event) {
+    --event->dispatchCount;
+    if (event->dispatchCount != 0 || !Id_IsInvalid(&event->header)) return nullptr;
+    return std::exchange(event->completion, nullptr);
+}
+
+// Takes the dispatch off the counts, and runs with no lock held what waited for that.
+void finishBatch(const Batch& batch, Queue* queue) {
+    pelmoEventCompletion completions[kMostBatchMessages];
+    pelmoQueueCompletion queueCompletion = nullptr;
+    void* queueClosure;
+    {
+        const LockGuard guard(queue->dataLock);
+        if (--queue->dispatching == 0) queueCompletion = std::exchange(queue->completion, nullptr);
+        queueClosure = queue->completionClosure;
+        for (uint32_t i = 0; i < batch.eventCount; ++i) {
+            completions[i] = countDownLocked(batch.events[i]);
+        }
+    }
+    for (uint32_t i = 0; i < batch.eventCount; ++i) {
+        Event* const event = batch.events[i];
+        if (event->kind == kEventIo && !idIsIoQueue(event->queueId)) rewatchSource(event);
+        if (completions[i] != nullptr) completions[i](event->header.id, event->closure);
+    }
+    if (queueCompletion != nullptr) queueCompletion(queue->header.id, queueClosure);
+}
+
+// A message that the callback detached lives on by the reference that this gave.
+void releaseBatch(const Batch& batch) {
+    for (uint32_t i = 0; i < batch.messageCount; ++i)
+        msgRelease(batch.messages[i]);
+    for (uint32_t i = 0; i < batch.eventCount; ++i)
+        Id_Release(&batch.events[i]->header, false);
+}
+
+pelmoStatus dispatchById(uint32_t id, double seconds, DispatchBatch kind) {
+    Held<Queue> queue;
+    if (queue.get(id, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidQueue;
+    return Queue_Dispatch(queue.pointer(), seconds, kind);
+}
+
+}  // namespace
+
+pelmoStatus Queue_Dispatch(Queue* queue,
+                           double seconds,
+                           DispatchBatch kind) PELMO_UNCHECKED_LOCKING {
+    if (queue->synchronous) return kStatusNotPermitted;
+    const pelmoStatus status = enterWithEntries(queue, seconds);
+    if (status != kStatusSuccess) return status;
+
+    Batch batch;
+    takeBatchLocked(batch, queue, kind);
+    Lock_Leave(&queue->dataLock);
+    if (batch.messageCount == 0) return kStatusSuccess;
+
+    callBack(batch);
+    finishBatch(batch, queue);
+    releaseBatch(batch);
+    return kStatusSuccess;
+}
+
+pelmoStatus Queue_DispatchId(uint32_t queue, double seconds) {
+    traceLine(kTraceDispatch, "pelmoQueue_TimedDispatch(%u, %f)", queue, seconds);
+    return dispatchById(queue, seconds, DispatchBatch::kMixedEvents);
+}
+
+pelmoStatus pelmoQueue_TimedDispatch(uint32_t queue, double seconds) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    return Queue_DispatchId(queue, seconds);
+}
+
+// Traced as the plain call.
+pelmoStatus pelmoQueue_TimedDispatchSingle(uint32_t queue, double seconds) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceDispatch, "pelmoQueue_TimedDispatch(%u, %f)", queue, seconds);
+    return dispatchById(queue, seconds, DispatchBatch::kOneEvent);
+}

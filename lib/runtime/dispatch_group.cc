@@ -1,0 +1,108 @@
+// The dispatch of a queue group; that of a queue stands in dispatch.cc.
+
+#include <utility>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/dispatch.h"
+#include "lib/runtime/dispatch_wait.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue.h"
+#include "lib/runtime/queue_group.h"
+
+namespace {
+
+uint32_t queueAt(const QueueGroup* group, uint32_t place) {
+    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(group->queues->items[place]));
+}
+
+// Entries of all queues. Ids that are gone leave the group on the way.
+uint64_t countEntriesLocked(QueueGroup* group) {
+    uint64_t total = 0;
+    for (uint32_t place = 0; place < group->queues->count;) {
+        uint32_t count = 0;
+        const pelmoStatus status = pelmoQueue_GetCount(queueAt(group, place), &count);
+        if (status == kStatusInvalidQueue) {
+            dpaRemoveAt(group->queues, place);
+            continue;
+        }
+        total += count;
+        ++place;
+    }
+    return total;
+}
+
+// Several posts may have left one signal: whoever leaves entries behind wakes the next.
+bool hasEntriesLocked(QueueGroup* group) {
+    const uint64_t total = countEntriesLocked(group);
+    if (total > 1 && group->cond.waiters.load(std::memory_order_relaxed) > 0) {
+        Cond_Signal(&group->cond);
+    }
+    return total != 0;
+}
+
+pelmoStatus awaitEntriesLocked(QueueGroup* group, double seconds) {
+    DispatchWait wait{seconds};
+    pelmoStatus status = kStatusSuccess;
+    for (;;) {
+        if (Id_IsInvalid(&group->header)) return kStatusInvalidQueueGroup;
+        if (hasEntriesLocked(group) || dispatchToldToStop(group->header.id)) return kStatusSuccess;
+        if (seconds == 0) return kStatusTimeout;
+        if (status != kStatusSuccess) return status;
+
+        status = dispatchWaitStep(wait, &group->header, &group->cond);
+        if (!libraryIsOpen()) return kStatusNotInitialized;
+    }
+}
+
+bool isOfPriority(uint32_t id, uint32_t priority) {
+    Held<Queue> queue;
+    return queue.get(id, IdAccess::kLocked) == kStatusSuccess && queue->priority == priority;
+}
+
+// Behind all others of its priority, so that they take turns.
+void rotateLocked(QueueGroup* group, uint32_t place, uint32_t priority) {
+    void** const items = group->queues->items;
+    for (uint32_t next = place + 1; next < group->queues->count; ++place, ++next) {
+        if (!isOfPriority(queueAt(group, next), priority)) return;
+        std::swap(items[place], items[next]);
+    }
+}
+
+// False, holding nothing, where none has entries.
+bool takeQueueLocked(QueueGroup* group, Held<Queue>& queue) {
+    for (uint32_t place = 0; place < group->queues->count; ++place) {
+        if (queue.get(queueAt(group, place), IdAccess::kLocked) != kStatusSuccess) continue;
+        if (Queue_CountLocked(queue.pointer()) == 0) {
+            queue.release();
+            continue;
+        }
+        const uint32_t priority = queue->priority;
+        queue.leave();
+        rotateLocked(group, place, priority);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+pelmoStatus QueueGroup_DispatchId(uint32_t group, double seconds) {
+    traceLine(kTraceDispatch, "pelmoQueueGroup_TimedDispatch(%u, %f)", group, seconds);
+    Held<QueueGroup> held;
+    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueueGroup;
+    const pelmoStatus status = awaitEntriesLocked(held.pointer(), seconds);
+    if (status != kStatusSuccess) return status;
+
+    Held<Queue> queue;
+    if (!takeQueueLocked(held.pointer(), queue)) return kStatusSuccess;
+    held.leave();
+    // Another thread may have been quicker, or the queue be gone: the step was taken all the same.
+    (void)Queue_Dispatch(queue.pointer(), 0.0, DispatchBatch::kMixedEvents);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueueGroup_TimedDispatch(uint32_t group, double seconds) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    return QueueGroup_DispatchId(group, seconds);
+}
