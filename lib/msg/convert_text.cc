@@ -7,6 +7,7 @@
 #include "lib/base/timestamp.h"
 #include "lib/containers/subject.h"
 #include "lib/msg/convert.h"
+#include "lib/msg/message.h"
 #include "lib/msg/text.h"
 #include "lib/msg/text_builder.h"
 
@@ -22,41 +23,39 @@ void becomeBlock(pelmoMsgField& field, Disposition& disposition, char* text, siz
     disposition = kDataOwnedBlock;
 }
 
-// Texts of a list, each within two marks, one blank apart, in brackets.
-struct ListText {
-    const char* (*text)(const void* const* items, uint32_t index, pelmoStatus& status);
-    bool quoted;
-};
+// Adds the text of one item of a list.
+using AddItem = pelmoStatus (*)(TextBuilder& out, const void* item);
 
-const char* stringAt(const void* const* items, uint32_t index, pelmoStatus&) {
-    return static_cast<const char*>(items[index]);
+pelmoStatus addQuoted(TextBuilder& out, const void* item) {
+    const bool added = out.add("\"") && out.add(static_cast<const char*>(item)) && out.add("\"");
+    return added ? kStatusSuccess : kStatusNoMemory;
 }
 
-const char* messageTextAt(const void* const* items, uint32_t index, pelmoStatus& status) {
-    auto* message = static_cast<pelmoMsg*>(const_cast<void*>(items[index]));
+pelmoMsg* asMessage(const void* item) {
+    return static_cast<pelmoMsg*>(const_cast<void*>(item));
+}
+
+// The message doesn't keep the text: a list of many would hold all of them.
+pelmoStatus addMessageText(TextBuilder& out, const void* item) {
+    pelmoMsg* message = asMessage(item);
+    if (!msgIsValid(message)) return kStatusInvalidMessage;
+    const ReferenceMark before = msgMark(message);
     const char* text = nullptr;
-    status = pelmoMsg_ConvertToString(message, &text);
-    return text;
+    pelmoStatus status = pelmoMsg_ConvertToString(message, &text);
+    if (status == kStatusSuccess && !out.add(text)) status = kStatusNoMemory;
+    msgCutBack(message, before);
+    return status;
 }
 
-constexpr ListText kStrings = {stringAt, true};
-constexpr ListText kMessages = {messageTextAt, false};
-
-bool addItem(TextBuilder& out, const char* text, bool quoted) {
-    if (!quoted) return out.add(text);
-    return out.add("\"") && out.add(text) && out.add("\"");
-}
-
-pelmoStatus becomeListText(pelmoMsgField& field, Disposition& disposition, const ListText& list) {
+// One blank apart, in brackets.
+pelmoStatus becomeListText(pelmoMsgField& field, Disposition& disposition, AddItem addItem) {
     const auto* items = static_cast<const void* const*>(field.data.pointer);
     TextBuilder out;
     if (!out.add("[")) return kStatusNoMemory;
     for (uint32_t i = 0; i < field.count; ++i) {
-        pelmoStatus status = kStatusSuccess;
-        const char* text = list.text(items, i, status);
-        if (status != kStatusSuccess) return status;
         if (i != 0 && !out.add(" ")) return kStatusNoMemory;
-        if (!addItem(out, text, list.quoted)) return kStatusNoMemory;
+        const pelmoStatus status = addItem(out, items[i]);
+        if (status != kStatusSuccess) return status;
     }
     if (!out.add("]", 2)) return kStatusNoMemory;
     const size_t sizeBytes = out.sizeBytes();
@@ -134,18 +133,18 @@ PELMO_CONVERTER(convertSubject) {
 // The text stays the nested message's.
 PELMO_CONVERTER(convertMsg) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
-    pelmoStatus status = kStatusSuccess;
-    const char* text = messageTextAt(&field.data.pointer, 0, status);
+    const char* text = nullptr;
+    const pelmoStatus status = pelmoMsg_ConvertToString(asMessage(field.data.pointer), &text);
     if (status == kStatusSuccess) becomeConstant(field, disposition, text);
     return status;
 }
 
 PELMO_CONVERTER(convertMsgArray) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
-    return becomeListText(field, disposition, kMessages);
+    return becomeListText(field, disposition, addMessageText);
 }
 
 PELMO_CONVERTER(convertStringArray) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
-    return becomeListText(field, disposition, kStrings);
+    return becomeListText(field, disposition, addQuoted);
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "lib/base/bytes.h"
+#include "lib/containers/dpa.h"
 #include "lib/containers/i32map.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_parts.h"
@@ -48,6 +49,23 @@ void giveObject(pelmoMsg* msg) {
     } else {
         poolGive(objectPool, msg, __FILE__, __LINE__);
     }
+}
+
+bool dropReference(pelmoMsg* msg) {
+    // The last holder has to see what the others did with the object.
+    return msg->refCount.fetch_sub(1, std::memory_order_acq_rel) == 1;
+}
+
+void lineUpNested(pelmoMsg* msg, pelmoMsg*& line) {
+    Dpa* nested = msg->subMessages;
+    if (nested == nullptr) return;
+    for (uint32_t i = 0; i < nested->count; ++i) {
+        auto* item = static_cast<pelmoMsg*>(nested->items[i]);
+        if (!dropReference(item)) continue;
+        item->nextFreed = line;
+        line = item;
+    }
+    msg->subMessages = dpaDestroy(nested);
 }
 
 void freeMessage(pelmoMsg* msg) {
@@ -258,9 +276,16 @@ void msgRetain(pelmoMsg* msg) {
 }
 
 void msgRelease(pelmoMsg* msg) {
-    if (msg == nullptr) return;
-    // The last holder has to see what the others did with the object.
-    if (msg->refCount.fetch_sub(1, std::memory_order_acq_rel) == 1) freeMessage(msg);
+    if (msg == nullptr || !dropReference(msg)) return;
+    msg->nextFreed = nullptr;
+    // Who read into a nest from outside holds an object for each level: they line up to be freed,
+    // since a call within a call for each could need more stack than there is.
+    for (pelmoMsg* line = msg; line != nullptr;) {
+        pelmoMsg* first = line;
+        line = first->nextFreed;
+        lineUpNested(first, line);
+        freeMessage(first);
+    }
 }
 
 void msgSetOwned(pelmoMsg* msg) {

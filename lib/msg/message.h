@@ -32,6 +32,10 @@
 // An image is less than 4 GiB: a value that no size prefix can tell gives kStatusInvalidSize, an
 // image that would grow beyond that kStatusNoMemory.
 //
+// Nested messages are read as objects, each of which takes some fifty times the bytes that it may
+// stand in. A message hands out kMostSubMessages of them until they are let go of; a read beyond
+// gives kStatusNoMemory. Its text makes one at a time and knows no such bound.
+//
 // Threads: no lock; an object is used by one thread at a time. Reference counts are atomic, so that
 // holders let go on any thread. Objects over one buffer may live on different threads: a shared
 // buffer is only read.
@@ -46,6 +50,7 @@
 
 #include "lib/base/status.h"
 #include "lib/msg/buffer.h"
+#include "lib/msg/codec.h"
 #include "lib/msg/field.h"
 
 struct Dpa;
@@ -59,6 +64,7 @@ constexpr uint32_t kMessageDefaultBytes = 64;
 constexpr uint32_t kMessageLeastBytes = 32;
 constexpr uint32_t kMaxNameChars = 126;
 constexpr uint32_t kInlineIndexEntries = 16;
+constexpr uint32_t kMostSubMessages = 1u << 18;
 
 // Where a field stands; entries are in image order. Offsets are from the message's first byte.
 struct FieldIndexEntry {
@@ -108,6 +114,8 @@ struct pelmoMsg {
     // Set when the message is posted: the event that fired, and its closure.
     uint32_t deliveryEvent;
     void* deliveryClosure;
+
+    pelmoMsg* nextFreed;  // only while it is being freed
 
     void* poolOwner;  // the pool's own word, not ours to touch; null for an object from the heap
 };
@@ -261,9 +269,16 @@ void msgShowOuter(pelmoMsg* msg);
 // `length`; index and id map stay as they are. The message is writable.
 [[nodiscard]] pelmoStatus msgAppendRecord(pelmoMsg* msg, const pelmoMsgField& field);
 
+// Decodes the field at a position of a parsed message, with its id and without its name. What the
+// disposition tells to be owned is the caller's; a nested message is a pointer into the image.
+[[nodiscard]] pelmoStatus msgDecodeField(const pelmoMsg* msg,
+                                         uint32_t position,
+                                         pelmoMsgField& field,
+                                         Disposition& disposition);
+
 enum class NameWanted : bool { kNo, kYes };
 
-// Reads the field at a position of a parsed message.
+// Reads that field, and keeps what is behind it.
 [[nodiscard]] pelmoStatus msgReadField(pelmoMsg* msg,
                                        uint32_t position,
                                        pelmoMsgField& field,

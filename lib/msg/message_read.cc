@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "lib/msg/buffer.h"
-#include "lib/msg/codec.h"
 #include "lib/msg/message.h"
 #include "lib/msg/message_parts.h"
 #include "lib/msg/trace_ops.h"
@@ -12,7 +11,8 @@ namespace {
 
 pelmoStatus keepMessage(pelmoMsg* msg, pelmoMsg* subMessage) {
     msgClearOwned(subMessage);
-    const pelmoStatus status = msgListAdd(msg->subMessages, subMessage);
+    const bool room = msgMark(msg).subMessages < kMostSubMessages;
+    const pelmoStatus status = !room ? kStatusNoMemory : msgListAdd(msg->subMessages, subMessage);
     if (status != kStatusSuccess) msgRelease(subMessage);
     return status;
 }
@@ -55,7 +55,9 @@ pelmoStatus keepInImage(pelmoMsg* msg, pelmoMsgField& field) {
         }
         case FIELD_MSGARRAY: {
             msgFlush(msg);
-            const pelmoStatus status = msgKeepBlock(msg, data);
+            pelmoStatus status = msgKeepBlock(msg, data);
+            // Known ahead, lest most of them be made in vain.
+            if (field.count > kMostSubMessages) status = kStatusNoMemory;
             return status == kStatusSuccess ? openEach(msg, data, field.count) : status;
         }
         case FIELD_STRINGARRAY: {
@@ -100,24 +102,31 @@ pelmoStatus beginRead(pelmoMsg* msg, const pelmoMsgField* field) {
 
 }  // namespace
 
-pelmoStatus msgReadField(pelmoMsg* msg,
-                         uint32_t position,
-                         pelmoMsgField& field,
-                         NameWanted nameWanted) {
+pelmoStatus msgDecodeField(const pelmoMsg* msg,
+                           uint32_t position,
+                           pelmoMsgField& field,
+                           Disposition& disposition) {
     const FieldIndexEntry& entry = msg->index[position];
     const uint8_t* image = msgImage(msg);
     const uint8_t* type = image + fieldTypeOffset(entry);
     const FieldDecoder decode = fieldDecoders[*type];
     if (decode == nullptr) return kStatusInvalidType;
-
-    const bool named = nameWanted == NameWanted::kYes && entry.nameSize != 0;
-    pelmoMsgField read;
-    if (named) read.name = reinterpret_cast<const char*>(image + entry.nameOffset);
-    read.type = *type;
-    read.id = entry.id;
+    field.type = *type;
+    field.id = entry.id;
     ReadCursor cursor{type + 1, image + fieldEndOffset(msg, position)};
+    return decode(cursor, field, disposition);
+}
+
+pelmoStatus msgReadField(pelmoMsg* msg,
+                         uint32_t position,
+                         pelmoMsgField& field,
+                         NameWanted nameWanted) {
+    pelmoMsgField read;
+    const FieldIndexEntry& entry = msg->index[position];
+    const bool named = nameWanted == NameWanted::kYes && entry.nameSize != 0;
+    if (named) read.name = reinterpret_cast<const char*>(msgImage(msg) + entry.nameOffset);
     Disposition disposition = kDataByValue;
-    pelmoStatus status = decode(cursor, read, disposition);
+    pelmoStatus status = msgDecodeField(msg, position, read, disposition);
     if (status != kStatusSuccess) return status;
 
     const ReferenceMark before = msgMark(msg);

@@ -69,6 +69,47 @@ bool addConverted(TextBuilder& out, pelmoMsgField field) {
     return added;
 }
 
+// `shown` tells whether the message at that place of the image has a text at all.
+bool addElement(TextBuilder& out, const pelmoMsg* msg, const uint8_t* image, bool& shown) {
+    const auto offset = static_cast<uint32_t>(image - msg->buffer->data);
+    pelmoMsg* element = nullptr;
+    const char* text = nullptr;
+    shown = msgCreateOverBuffer(&element, msg->buffer, offset) == kStatusSuccess &&
+            pelmoMsg_ConvertToString(element, &text) == kStatusSuccess;
+    const bool added = !shown || out.add(text);
+    msgRelease(element);
+    return added;
+}
+
+// An object and a text for one element at a time: eight bytes of image are an element, and millions
+// of objects would be more than the memory.
+bool addElements(TextBuilder& out, const pelmoMsg* msg, const pelmoMsgField& list) {
+    if (nestsTooDeep(list)) return out.add(kNoConverter);
+    const size_t begin = out.sizeBytes();
+    if (!out.add("[")) return false;
+    const auto* elements = static_cast<const uint8_t* const*>(list.data.pointer);
+    for (uint32_t i = 0; i < list.count; ++i) {
+        bool shown = true;
+        if (i != 0 && !out.add(" ")) return false;
+        if (!addElement(out, msg, elements[i], shown)) return false;
+        if (shown) continue;
+        out.cutTo(begin);
+        return out.add(kNoConverter);
+    }
+    return out.add("]");
+}
+
+bool addMessageArray(TextBuilder& out, const pelmoMsg* msg, uint32_t position) {
+    pelmoMsgField list;
+    Disposition disposition = kDataByValue;
+    if (msgDecodeField(msg, position, list, disposition) != kStatusSuccess) {
+        return out.add(kNoDecoder);
+    }
+    const bool added = addElements(out, msg, list);
+    std::free(const_cast<void*>(list.data.pointer));
+    return added;
+}
+
 // The left side shows whether or not the value can be read.
 bool addField(TextBuilder& out, pelmoMsg* msg, uint32_t position) {
     const FieldIndexEntry& entry = msg->index[position];
@@ -77,6 +118,9 @@ bool addField(TextBuilder& out, pelmoMsg* msg, uint32_t position) {
     head.name = entry.nameSize != 0 ? image + entry.nameOffset : nullptr;
     head.id = entry.id;
     if (!addLeftSide(out, head)) return false;
+    if (msgImage(msg)[entry.nameOffset + entry.nameAreaSize] == FIELD_MSGARRAY) {
+        return addMessageArray(out, msg, position);
+    }
 
     pelmoMsgField field;
     if (msgReadField(msg, position, field, NameWanted::kNo) != kStatusSuccess) {

@@ -28,6 +28,9 @@ class TextBuilder {
 
     size_t sizeBytes() const { return used; }
 
+    // Back to what it was at that size.
+    void cutTo(size_t sizeBytes) { used = sizeBytes; }
+
     // The last byte becomes another one.
     void replaceLast(char byte) { block[used - 1] = byte; }
 

@@ -2,17 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <latch>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "lib/base/bytes.h"
 #include "lib/containers/dpa.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/message.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/pool.h"
+#include "lib/msg/text.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"
 
@@ -340,6 +343,64 @@ TEST(MessageMemory, UpdatesInPlaceWithoutMoreRoom) {
               }),
               0u);
     EXPECT_EQ(msg->capacity, msg->length);
+}
+
+// Messages within messages, each the one field of the one around it.
+Bytes nestOf(uint32_t levels) {
+    constexpr uint32_t kLevelBytes = kMessageHeadBytes + 3;
+    Bytes image(kMessageHeadBytes + levels * kLevelBytes);
+    for (uint32_t at = 0; at < image.size(); at += kLevelBytes) {
+        storeBe32At(image.data() + at, static_cast<uint32_t>(image.size()) - at);
+        storeBe32At(image.data() + at + 4, kMessageMagic);
+        if (at + kLevelBytes > image.size()) break;
+        image[at + 9] = FIELD_MSG;
+        image[at + 10] = 122;
+    }
+    return image;
+}
+
+TEST(MessageMemory, LetsGoOfANestThatIsDeeperThanTheStack) {
+    Message outer = messageFrom(nestOf(100000));
+    Buffer* buffer = outer->buffer;
+    bufferRetain(buffer);
+    pelmoMsg* inner = outer.get();
+    for (int i = 0; i < 100000; ++i) {
+        ASSERT_EQ(pelmoMsg_GetMsg(inner, nullptr, &inner, 0), kStatusSuccess);
+    }
+    msgRetain(inner);
+    outer.reset();
+    EXPECT_EQ(buffer->refCount.load(), 2u);  // the innermost alone has another holder
+    msgRelease(inner);
+    EXPECT_EQ(buffer->refCount.load(), 1u);
+    bufferRelease(buffer);
+}
+
+// An image could be all messages of eight bytes, objects are some hundreds each.
+TEST(MessageMemory, BoundsTheObjectsThatReadsMake) {
+    const Bytes empty = imageOf(std::vector<Bytes>{});
+    Bytes list = {0, FIELD_MSGARRAY, 122, 0, 0, 0, 0, 0, 0, 0, 0};
+    storeBe32At(list.data() + 3, 8 + 8 * (kMostSubMessages + 1));
+    storeBe32At(list.data() + 7, kMostSubMessages + 1);
+    for (uint32_t i = 0; i <= kMostSubMessages; ++i) {
+        list.insert(list.end(), empty.begin(), empty.end());
+    }
+    const Message msg = messageFrom(imageOf({list, recordOf("m", 0, *messageValue(empty))}));
+    pelmoMsgField field;
+    EXPECT_EQ(allocationsOf([&] {
+                  EXPECT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 0), kStatusNoMemory);
+              }),
+              3u);  // the list, and what would hold it
+    EXPECT_EQ(msg->subMessages, nullptr);
+    const char* text = nullptr;
+    ASSERT_EQ(pelmoMsg_ConvertToString(msg.get(), &text), kStatusSuccess);
+    EXPECT_EQ(std::strlen(text), std::strlen("{NULL=[] m={}}") + 3 * kMostSubMessages + 2);
+
+    for (uint32_t i = 0; i < kMostSubMessages; ++i) {
+        ASSERT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 1), kStatusSuccess);
+    }
+    EXPECT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 1), kStatusNoMemory);
+    msgCutBack(msg.get(), {});
+    EXPECT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 1), kStatusSuccess);
 }
 
 // Each thread has an object of its own over the one buffer. What they would write of it is there.
