@@ -186,6 +186,7 @@ class Generator(unittest.TestCase):
                         "--out x --jump 0:-1800000000",
                         "--out x --elements 40 --element-length 20",
                         "--out x --start 4294967295 --rate 9",
+                        "--out x --loopback", "--interface x --loopback", "--loopback --cut 0.1",
                         "--out x --hosts 1000000 --nets 10000"]:
             run = self.run_it(options)
             self.assertEqual((run.returncode, run.stdout), (2, ""), options)

@@ -1,6 +1,7 @@
 #include "tools/pelmogen/generate.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "tools/pelmogen/damage.h"
 #include "tools/pelmogen/packet.h"
@@ -33,19 +34,31 @@ size_t bytesInHand(Faults& faults, size_t frameBytes) {
     return std::min<size_t>(prngBetween(faults.prng, to.low, to.high), frameBytes - 1);
 }
 
+void tally(SentTotals& totals, const PacketDraft& draft) {
+    KindTotals& row = totals.kinds[static_cast<size_t>(draft.plan.kind)];
+    ++row.packets;
+    row.payloadBytes += draft.payloadBytes;
+}
+
 }  // namespace
 
-bool generate(const GeneratorOptions& options, const PacketSink& sink) {
+bool generate(const GeneratorOptions& options, const PacketSink& sink, SentTotals& totals) {
+    using Clock = std::chrono::steady_clock;
     Traffic traffic = trafficMake(options);
-    PacketMaker maker = packetMakerMake(options);
+    PacketMaker maker = packetMakerMake(options, totals);
     Faults faults{options, prngMake(hash64(options.seed, 2))};
+    const Clock::time_point start = Clock::now();
     for (uint64_t packet = 0; packet < options.count; ++packet) {
+        if (sink.wantsMore != nullptr && !sink.wantsMore(sink.context)) break;
         makePacket(maker, faults, trafficNext(traffic));
         const size_t frameBytes = maker.draft.frameBytes;
         const auto frame = maker.draft.frame.first(bytesInHand(faults, frameBytes));
         if (!sink.write(sink.context, frame, frameBytes, packetTime(options, packet).count)) {
             return false;
         }
+        tally(totals, maker.draft);
     }
-    return sink.finish(sink.context);
+    const bool done = sink.finish(sink.context);
+    totals.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return done;
 }

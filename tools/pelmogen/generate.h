@@ -4,6 +4,9 @@
 
 #include "tools/pelmogen/options.h"
 #include "tools/pelmogen/sink.h"
+#include "tools/pelmogen/totals.h"
 
-// False with `errno` set where the sink failed.
-[[nodiscard]] bool generate(const GeneratorOptions& options, const PacketSink& sink);
+// False with `errno` set where the sink failed; `totals` is of no use then.
+[[nodiscard]] bool generate(const GeneratorOptions& options,
+                            const PacketSink& sink,
+                            SentTotals& totals);

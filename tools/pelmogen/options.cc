@@ -47,6 +47,13 @@ const Option kOptions[] = {
     {"--nano", "", &Options::nanoseconds, 0, 0, "time stamps in nanoseconds"},
     {"--snaplen", "N", &Options::snapLength, 1, 262144, "bytes kept of each packet"},
 
+    {"The wire, in place of the file; each packet is sent at its time", "", kHeading, 0, 0, ""},
+    {"--interface", "NAME", &Options::interfaceName, 0, 0,
+     "one end of a veth pair, both ends in a network namespace made for it"},
+    {"--loopback", "", &Options::loopback, 0, 0, "the loopback; first bytes of addresses are 127"},
+    {"--seconds", "N", &Options::seconds, 0, kMany,
+     "end by then if --count isn't reached; 0: go on"},
+
     {"The clock", "", kHeading, 0, 0, ""},
     {"--rate", "N", &Options::rate, 1, 1'000'000'000, "packets a second"},
     {"--start", "S", &Options::start, 0, 0, "time of the first packet, seconds since 1970"},
@@ -319,7 +326,10 @@ bool clockHoldsThroughout(const Options& options) {
 // What no single option can tell; null when all is well.
 const char* findConflict(const Options& options) {
     const Options& o = options;
-    if (o.outFile == nullptr) return "--out is missing";
+    if ((o.outFile != nullptr) + (o.interfaceName != nullptr) + (o.loopback ? 1 : 0) != 1) {
+        return "one of --out, --interface and --loopback is needed";
+    }
+    if (o.outFile == nullptr && o.cut.perMillion > 0) return "--cut is for captures alone";
     if (sumOf({o.nulls, o.rreqs, o.rrejs, o.ptpData, o.ptpAckmes, o.ptpAcks, o.ptpNaks, o.nonBus}) >
         1'000'000) {
         return "the shares of the kinds of packets exceed 1";
@@ -369,8 +379,9 @@ ParseResult optionsParse(int argc,
 
 std::string optionsHelp() {
     std::string help =
-        "usage: pelmogen --out FILE [options ...]\n"
-        "Writes a capture of bus traffic; the same options give the same bytes.\n"
+        "usage: pelmogen --out FILE | --interface NAME | --loopback [options ...]\n"
+        "Makes bus traffic, as a capture or live; the same options give the same packets.\n"
+        "Live, it prints what was sent, and SIGINT and SIGTERM end it early.\n"
         "SHARE is 0 to 1, six places at most. RANGE is N or N-N. NAMES are comma-separated.\n"
         "Defaults stand in brackets.\n";
     for (const Option& option : kOptions) {

@@ -1,6 +1,7 @@
 // What to generate. The command line is a table of rows in the source; "--help" prints that table.
 //
-// A capture depends on these options alone: the same ones give the same bytes on every machine.
+// Packets depend on these options alone: the same ones give the same bytes on every machine, in a
+// capture and on the wire.
 
 #pragma once
 
@@ -44,6 +45,11 @@ struct GeneratorOptions {
     bool bigEndian = false;
     bool nanoseconds = false;
     uint64_t snapLength = 65535;
+
+    // The wire, in place of the file.
+    const char* interfaceName = nullptr;
+    bool loopback = false;
+    uint64_t seconds = 0;  // 0: no limit
 
     // The clock.
     uint64_t rate = 1000;                        // packets a second

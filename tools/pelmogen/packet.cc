@@ -65,6 +65,17 @@ size_t pickDataBytes(PacketMaker& maker) {
     return prngBetween(maker.prng, payload.low, payload.high) - kDataHeaderBytes;
 }
 
+void tallyMessage(PacketMaker& maker, uint32_t subject) {
+    const PacketPlan& plan = maker.draft.plan;
+    SentTotals& totals = maker.totals;
+    ++totals.messages;
+    if (plan.hostStatus) {
+        totals.hostStatusSent[plan.host] = true;
+    } else {
+        totals.subjectSent[subject] = true;
+    }
+}
+
 bool addMessage(PacketMaker& maker, ByteWriter& out, uint32_t subject, size_t sizeBytes) {
     const GeneratorOptions& options = maker.options;
     const PacketPlan& plan = maker.draft.plan;
@@ -83,6 +94,7 @@ bool addMessage(PacketMaker& maker, ByteWriter& out, uint32_t subject, size_t si
     }
     const size_t start = out.used;
     if (!putMessage(out, shape, maker.prng)) return false;
+    if (!shape.subject.empty()) tallyMessage(maker, subject);
     if (start == kDataHeaderBytes && !shape.subject.empty()) {
         maker.draft.subjectOffset = start + kMessageSubjectOffset;
     }
@@ -263,8 +275,11 @@ void writeUdp(uint8_t* at, const PacketPlan& plan, size_t udpBytes) {
 
 }  // namespace
 
-PacketMaker packetMakerMake(const GeneratorOptions& options) {
+PacketMaker packetMakerMake(const GeneratorOptions& options, SentTotals& totals) {
+    totals.subjectSent.resize(options.subjects);
+    totals.hostStatusSent.resize(options.hosts);
     PacketMaker maker{.options = options,
+                      .totals = totals,
                       .prng = prngMake(hash64(options.seed, 1)),
                       .subjects = subjectTableMake(options),
                       .types = {},

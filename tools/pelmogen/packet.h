@@ -19,6 +19,7 @@
 #include "tools/pelmogen/byte_writer.h"
 #include "tools/pelmogen/options.h"
 #include "tools/pelmogen/subjects.h"
+#include "tools/pelmogen/totals.h"
 #include "tools/pelmogen/traffic.h"
 
 constexpr size_t kIpOffset = 14;
@@ -39,6 +40,7 @@ struct PacketDraft {
 
 struct PacketMaker {
     const GeneratorOptions& options;
+    SentTotals& totals;  // its messages and subjects; the rest is the caller's
     Prng prng;
     SubjectTable subjects;
     std::vector<uint8_t> types;  // rows of fieldTypes to choose from
@@ -48,8 +50,8 @@ struct PacketMaker {
     PacketDraft draft;
 };
 
-// `options` are borrowed for as long as the maker lives.
-[[nodiscard]] PacketMaker packetMakerMake(const GeneratorOptions& options);
+// Both are borrowed for as long as the maker lives.
+[[nodiscard]] PacketMaker packetMakerMake(const GeneratorOptions& options, SentTotals& totals);
 
 void packetFill(PacketMaker& maker, const PacketPlan& plan);
 void packetSeal(PacketMaker& maker);

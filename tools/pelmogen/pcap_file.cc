@@ -134,5 +134,5 @@ void pcapFileClose(PcapFile& file) {
 }
 
 PacketSink pcapFileSink(PcapFile& file) {
-    return {.context = &file, .write = writePacket, .finish = finish};
+    return {.context = &file, .write = writePacket, .finish = finish, .wantsMore = nullptr};
 }

@@ -1,5 +1,4 @@
-// Where packets go. The generator knows no more of it than this table: a file today, a socket that
-// sends the payloads, which begin behind the UDP header, could be another.
+// Where packets go: a capture file or the wire. The generator knows no more of it than this table.
 
 #pragma once
 
@@ -16,4 +15,7 @@ struct PacketSink {
 
     // After the last packet: all of it is where it belongs, or false with `errno` set.
     bool (*finish)(void* context);
+
+    // False once the run is to end, however many packets are left. Null: it never is.
+    bool (*wantsMore)(void* context);
 };

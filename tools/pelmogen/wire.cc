@@ -1,0 +1,201 @@
+#include "tools/pelmogen/wire.h"
+
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+
+#include "lib/base/bytes.h"
+#include "tools/pelmogen/packet.h"
+#include "tools/pelmogen/wire_guard.h"
+
+namespace {
+
+constexpr size_t kBatchPackets = 64;
+constexpr size_t kRoomBytes = 1 << 20;
+// Sleeps are no shorter, so that at high rates packets leave in batches.
+constexpr int64_t kTickNs = 500'000;
+constexpr int64_t kSecondNs = 1'000'000'000;
+constexpr uint8_t kLoopbackNet = 127;
+
+volatile std::sig_atomic_t stopAsked = 0;
+
+void askToStop(int) {
+    stopAsked = 1;
+}
+
+int64_t monotonicNs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * kSecondNs + now.tv_nsec;
+}
+
+// A signal ends the sleep early.
+void sleepUntil(int64_t timeNs) {
+    const timespec until = {timeNs / kSecondNs, timeNs % kSecondNs};
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
+}
+
+bool flush(Wire& wire) {
+    size_t done = 0;
+    while (done < wire.batch.size()) {
+        const int sent = ::sendmmsg(wire.descriptor, wire.batch.data() + done,
+                                    static_cast<unsigned>(wire.batch.size() - done), 0);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent < 0) return false;
+        done += static_cast<size_t>(sent);
+    }
+    wire.batch.clear();
+    wire.pieces.clear();
+    wire.addresses.clear();
+    wire.used = 0;
+    return true;
+}
+
+// Moves the first byte of an address, at `at` in the packet, to 127 and the checksum along with it
+// (RFC 1624). A sum of 0 stands for none and stays.
+void moveToLoopback(uint8_t* ip, size_t at) {
+    uint8_t* const checksum = ip + kUdpOffset - kIpOffset + 6;
+    const uint16_t before = loadBe16At(ip + at);
+    ip[at] = kLoopbackNet;
+    const uint16_t after = loadBe16At(ip + at);
+    const uint16_t old = loadBe16At(checksum);
+    if (old == 0) return;
+    uint32_t sum = uint32_t{static_cast<uint16_t>(~old)} + static_cast<uint16_t>(~before) + after;
+    sum = (sum & 0xffff) + (sum >> 16);
+    sum = (sum & 0xffff) + (sum >> 16);
+    const auto renewed = static_cast<uint16_t>(~sum);
+    storeBe16At(checksum, renewed == 0 ? uint16_t{0xffff} : renewed);
+}
+
+sockaddr_in loopbackDestination(uint8_t* ip) {
+    constexpr size_t kSourceOffset = 12;
+    constexpr size_t kDestinationOffset = 16;
+    moveToLoopback(ip, kSourceOffset);
+    moveToLoopback(ip, kDestinationOffset);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    std::memcpy(&address.sin_addr, ip + kDestinationOffset, sizeof address.sin_addr);
+    return address;
+}
+
+void add(Wire& wire, std::span<const uint8_t> packet) {
+    uint8_t* const at = wire.room.data() + wire.used;
+    std::memcpy(at, packet.data(), packet.size());
+    wire.used += packet.size();
+    wire.pieces.push_back({at, packet.size()});
+
+    mmsghdr header{};
+    header.msg_hdr.msg_iov = &wire.pieces.back();
+    header.msg_hdr.msg_iovlen = 1;
+    if (wire.loopback) {
+        wire.addresses.push_back(loopbackDestination(at));
+        header.msg_hdr.msg_name = &wire.addresses.back();
+        header.msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    }
+    wire.batch.push_back(header);
+}
+
+bool isFull(const Wire& wire, size_t sizeBytes) {
+    return wire.batch.size() == kBatchPackets || wire.used + sizeBytes > wire.room.size();
+}
+
+// Nothing that is due waits while the next one isn't.
+bool waitUntilDue(Wire& wire, int64_t timeNs) {
+    if (!wire.started) {
+        wire.started = true;
+        wire.firstPacketNs = timeNs;
+        wire.wokenNs = wire.startNs = monotonicNs();
+        return true;
+    }
+    const int64_t dueNs = wire.startNs + (timeNs - wire.firstPacketNs);
+    if (dueNs <= wire.wokenNs) return true;
+    if (monotonicNs() < dueNs) {
+        if (!flush(wire)) return false;
+        sleepUntil(std::min(std::max(dueNs, wire.wokenNs + kTickNs), wire.endNs));
+    }
+    wire.wokenNs = monotonicNs();
+    return true;
+}
+
+bool writePacket(void* context, std::span<const uint8_t> frame, size_t, int64_t timeNs) {
+    Wire& wire = *static_cast<Wire*>(context);
+    const std::span<const uint8_t> packet = wire.loopback ? frame.subspan(kIpOffset) : frame;
+    if (!waitUntilDue(wire, timeNs)) return false;
+    if (isFull(wire, packet.size()) && !flush(wire)) return false;
+    add(wire, packet);
+    return true;
+}
+
+bool finish(void* context) {
+    return flush(*static_cast<Wire*>(context));
+}
+
+bool wantsMore(void* context) {
+    const Wire& wire = *static_cast<Wire*>(context);
+    return stopAsked == 0 && wire.wokenNs < wire.endNs;
+}
+
+// An empty reason means that `errno` has it.
+const char* openInterface(Wire& wire, const char* name) {
+    if (const char* refusal = wireRefusal(name)) return refusal;
+    wire.descriptor = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    if (wire.descriptor < 0) return "";
+    sockaddr_ll address{};
+    address.sll_family = AF_PACKET;
+    address.sll_ifindex = static_cast<int>(::if_nametoindex(name));
+    const auto* const any = reinterpret_cast<const sockaddr*>(&address);
+    return ::bind(wire.descriptor, any, sizeof address) == 0 ? nullptr : "";
+}
+
+// Bound to the device as well, so that no route leads elsewhere.
+const char* openLoopback(Wire& wire) {
+    constexpr char kDevice[] = "lo";
+    wire.loopback = true;
+    wire.descriptor = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW);
+    if (wire.descriptor < 0) return "";
+    const int bound =
+        ::setsockopt(wire.descriptor, SOL_SOCKET, SO_BINDTODEVICE, kDevice, sizeof kDevice);
+    return bound == 0 ? nullptr : "";
+}
+
+void catchSignals() {
+    struct sigaction action {};
+    action.sa_handler = askToStop;
+    for (const int signal : {SIGINT, SIGTERM}) {
+        sigaction(signal, &action, nullptr);
+    }
+}
+
+}  // namespace
+
+bool wireOpen(Wire& wire, const GeneratorOptions& options, std::string& error) {
+    wire.room.resize(kRoomBytes);
+    wire.batch.reserve(kBatchPackets);
+    wire.pieces.reserve(kBatchPackets);
+    wire.addresses.reserve(kBatchPackets);
+    const char* const reason =
+        options.loopback ? openLoopback(wire) : openInterface(wire, options.interfaceName);
+    if (reason != nullptr) {
+        error = *reason != '\0' ? reason : std::strerror(errno);
+        return false;
+    }
+    const auto seconds = static_cast<int64_t>(std::min<uint64_t>(options.seconds, UINT32_MAX));
+    if (seconds > 0) wire.endNs = monotonicNs() + seconds * kSecondNs;
+    catchSignals();
+    return true;
+}
+
+void wireClose(Wire& wire) {
+    if (wire.descriptor >= 0) ::close(wire.descriptor);
+    wire.descriptor = -1;
+}
+
+PacketSink wireSink(Wire& wire) {
+    return {.context = &wire, .write = writePacket, .finish = finish, .wantsMore = wantsMore};
+}

@@ -1,0 +1,47 @@
+// Sends packets at their times, paced by the monotonic clock: the first at once, each other one as
+// much later as its time stamp says. Whoever falls behind catches up in a burst.
+//
+// On an interface, frames go out as they were made, their made-up senders included; wire_guard.h
+// tells which interfaces will do. On the loopback, IP packets go to 127/8: the first byte of both
+// addresses becomes 127 and the UDP checksum follows suit, so that senders and groups stay apart.
+// Either needs the right to raw sockets.
+//
+// SIGINT and SIGTERM end the run after the packet in hand.
+
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/pelmogen/options.h"
+#include "tools/pelmogen/sink.h"
+
+struct Wire {
+    int descriptor = -1;
+    bool loopback = false;
+
+    // Packets that are due but not sent yet, one behind the other in `room`.
+    std::vector<uint8_t> room;
+    size_t used = 0;
+    std::vector<mmsghdr> batch;
+    std::vector<iovec> pieces;
+    std::vector<sockaddr_in> addresses;  // loopback only
+
+    // Monotonic, in nanoseconds.
+    int64_t startNs = 0, endNs = INT64_MAX;
+    int64_t firstPacketNs = 0;  // time stamp of the first packet
+    int64_t wokenNs = 0;
+    bool started = false;
+};
+
+// False with `error` set.
+[[nodiscard]] bool wireOpen(Wire& wire, const GeneratorOptions& options, std::string& error);
+
+void wireClose(Wire& wire);
+
+// Borrows the wire.
+[[nodiscard]] PacketSink wireSink(Wire& wire);
