@@ -269,18 +269,19 @@ pelmoStatus Id_Get(uint32_t id, IdType type, IdHeader** out, IdAccess access) {
 }
 
 pelmoStatus Id_Release(IdHeader* object, bool unlock) {
-    if (object == nullptr || !state.ready.load(std::memory_order_relaxed)) {
-        return kStatusInvalidArgument;
-    }
+    if (object == nullptr) return kStatusInvalidArgument;
+    // Without tables nobody but a creator that failed comes here; its object goes all the same.
+    const bool ready = state.ready.load(std::memory_order_relaxed);
+    const pelmoStatus done = ready ? kStatusSuccess : kStatusInvalidArgument;
     if (unlock) Id_Leave(object);
     // What every holder did to the object happens ahead of its end.
-    if (object->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return kStatusSuccess;
+    if (object->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return done;
 
     // Its last reference went away without a destroy.
     if (!Id_IsInvalid(object) && withdraw(object) == kStatusSuccess) giveGlobalId(object->id);
     Lock_Destroy(&object->lock);
     object->destructor(object);
-    return kStatusSuccess;
+    return done;
 }
 
 void Id_AddRef(IdHeader* object) {

@@ -1,0 +1,217 @@
+#include "lib/runtime/queue.h"
+
+#include <cstdlib>
+
+#include "lib/base/text.h"
+#include "lib/containers/dpa.h"
+#include "lib/containers/entry_ring.h"
+#include "lib/msg/message.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue_group.h"
+#include "lib/runtime/queue_parts.h"
+
+namespace {
+
+constexpr uint32_t kRingCapacity = 8;
+constexpr uint32_t kFirstPriority = 1;
+
+void releaseEntries(EntryRing* ring) {
+    if (ring == nullptr) return;
+    while (void* entry = EntryRing_PopFront(ring))
+        msgRelease(static_cast<pelmoMsg*>(entry));
+    EntryRing_Destroy(ring);
+}
+
+void destruct(IdHeader* object) {
+    auto* queue = reinterpret_cast<Queue*>(object);
+    releaseEntries(queue->ready);
+    releaseEntries(queue->pending);
+    dpaDestroy(queue->groups);
+    Cond_Destroy(&queue->cond);
+    Lock_Destroy(&queue->dataLock);
+    if (queue->nameOwned) std::free(const_cast<char*>(queue->name));
+    std::free(queue);
+}
+
+// What the destructor takes for granted; false where one of it can't be had.
+bool initParts(Queue* queue) {
+    if (Lock_Init(&queue->dataLock, LockRank::kQueueData) != kStatusSuccess) return false;
+    if (Cond_Init(&queue->cond) == kStatusSuccess) {
+        if (Id_Init(&queue->header, IdType::kQueue, destruct) == kStatusSuccess) return true;
+        Cond_Destroy(&queue->cond);
+    }
+    Lock_Destroy(&queue->dataLock);
+    return false;
+}
+
+// With the base reference, and no id. Null where memory ran out.
+Queue* newQueue(const char* name, bool synchronous) {
+    auto* queue = static_cast<Queue*>(std::calloc(1, sizeof(Queue)));
+    if (queue == nullptr) return nullptr;
+    if (!initParts(queue)) {
+        std::free(queue);
+        return nullptr;
+    }
+    queue->header.flagLock = &queue->dataLock;
+    queue->synchronous = synchronous;
+    queue->name = name;
+    queue->priority = kFirstPriority;
+    queue->pending = EntryRing_Create(kRingCapacity);
+    queue->ready = EntryRing_Create(kRingCapacity);
+    if (queue->pending != nullptr && queue->ready != nullptr) return queue;
+    Id_Release(&queue->header, false);
+    return nullptr;
+}
+
+pelmoStatus create(uint32_t* out, bool synchronous) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    if (out == nullptr) return kStatusInvalidArgument;
+    return Queue_Create(out, kNoId, "pelmoQueue", false, synchronous);
+}
+
+}  // namespace
+
+pelmoStatus Queue_Create(
+    uint32_t* out, uint32_t fixedId, const char* name, bool nameOwned, bool synchronous) {
+    Queue* queue = newQueue(name, synchronous);
+    if (queue == nullptr) return kStatusNoMemory;
+    // Ahead of the id, by which others find it; given back where it gets none.
+    queue->nameOwned = nameOwned;
+
+    uint32_t id = fixedId;
+    const pelmoStatus status =
+        fixedId != kNoId ? Id_SetFixed(&queue->header, fixedId) : Id_SetGlobal(&queue->header, &id);
+    if (status != kStatusSuccess) {
+        queue->nameOwned = false;
+        Id_Release(&queue->header, false);
+        return kStatusNoMemory;
+    }
+    if (out != nullptr) *out = id;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_Create(uint32_t* out) {
+    const pelmoStatus status = create(out, false);
+    if (status == kStatusSuccess) traceLine(kTraceQueue, "pelmoQueue_Create(%u)", *out);
+    return status;
+}
+
+pelmoStatus pelmoQueue_CreateSynchronous(uint32_t* out) {
+    const pelmoStatus status = create(out, true);
+    if (status == kStatusSuccess) traceLine(kTraceQueue, "pelmoQueue_CreateSynchronous(%u)", *out);
+    return status;
+}
+
+pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion, void* closure) {
+    traceLine(kTraceQueue, "pelmoQueue_DestroyEx(%u, %p, %p)", queue,
+              reinterpret_cast<const void*>(completion), tracePointer(closure));
+    if (queue == kDefaultQueueId && libraryIsOpen()) return kStatusNotPermitted;
+    Held<Queue> held;
+    if (held.get(queue, IdAccess::kDestroyLocked) != kStatusSuccess) return kStatusInvalidQueue;
+
+    Dpa* groups = std::exchange(held->groups, nullptr);
+    bool completesHere = false;
+    {
+        const LockGuard data(held->dataLock);
+        Cond_Broadcast(&held->cond);
+        if (completion != nullptr && held->dispatching != 0) {
+            held->completion = completion;
+            held->completionClosure = closure;
+        } else {
+            completesHere = completion != nullptr;
+        }
+    }
+    held.release();
+
+    // A group's lock stands outside a queue's.
+    for (uint32_t i = 0; groups != nullptr && i < groups->count; ++i) {
+        QueueGroup_Forget(idFromItem(groups->items[i]), queue);
+    }
+    dpaDestroy(groups);
+    if (completesHere) completion(queue, closure);
+    return kStatusSuccess;
+}
+
+pelmoStatus queueFind(Held<Queue>& queue, uint32_t id) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    const pelmoStatus status = queue.get(id, IdAccess::kLocked);
+    return status == kStatusSuccess ? kStatusSuccess : kStatusInvalidQueue;
+}
+
+uint32_t Queue_CountLocked(Queue* queue) {
+    const LockGuard data(queue->dataLock);
+    return queue->pending->count + queue->ready->count;
+}
+
+pelmoStatus pelmoQueue_GetCount(uint32_t queue, uint32_t* out) {
+    traceLine(kTraceQueue, "pelmoQueue_GetCount(%u, %p)", queue, tracePointer(out));
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    *out = Queue_CountLocked(held.pointer());
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out) {
+    traceLine(kTraceQueue, "pelmoQueue_GetHook(%u, %p)", queue, tracePointer(out));
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    *out = held->hook;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure) {
+    traceLine(kTraceQueue, "pelmoQueue_SetHook(%u, %p, %p)", queue,
+              reinterpret_cast<const void*>(hook), tracePointer(closure));
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (held->synchronous) return kStatusNotPermitted;
+    held->hook = hook;
+    held->hookClosure = closure;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_GetName(uint32_t queue, const char** out) {
+    traceLine(kTraceQueue, "pelmoQueue_GetName(%u, %p)", queue, tracePointer(out));
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    *out = held->name;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_SetName(uint32_t queue, const char* name) {
+    traceLine(kTraceQueue, "pelmoQueue_SetName(%u, \"%s\")", queue, traceText(name));
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (name == nullptr) return kStatusInvalidArgument;
+    char* copy = concat2(name, "");
+    if (copy == nullptr) return kStatusNoMemory;
+    if (held->nameOwned) std::free(const_cast<char*>(held->name));
+    held->name = copy;
+    held->nameOwned = true;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_GetPriority(uint32_t queue, uint32_t* out) {
+    traceLine(kTraceQueue, "pelmoQueue_GetPriority(%u, %p)", queue, tracePointer(out));
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    *out = held->priority;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority) {
+    traceLine(kTraceQueue, "pelmoQueue_SetPriority(%u, %u)", queue, priority);
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (held->priority == priority) return kStatusSuccess;
+    held->priority = priority;
+    QueueGroups groups(held.pointer());
+    held.leave();
+    groups.forEach([queue](uint32_t group) { QueueGroup_Reorder(group, queue); });
+    return kStatusSuccess;
+}
