@@ -1,0 +1,163 @@
+#include "lib/runtime/queue_group.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue_parts.h"
+
+namespace {
+
+constexpr uint32_t kFirstQueues = 4;
+constexpr uint32_t kFirstGroups = 2;
+
+void destruct(IdHeader* object) {
+    auto* group = reinterpret_cast<QueueGroup*>(object);
+    dpaDestroy(group->queues);
+    Cond_Destroy(&group->cond);
+    std::free(group);
+}
+
+// With the base reference, and no id. Null where memory ran out.
+QueueGroup* newGroup() {
+    auto* group = static_cast<QueueGroup*>(std::calloc(1, sizeof(QueueGroup)));
+    if (group == nullptr) return nullptr;
+    group->queues = dpaCreate(kFirstQueues);
+    if (group->queues != nullptr) {
+        if (Cond_Init(&group->cond) == kStatusSuccess) {
+            if (Id_Init(&group->header, IdType::kQueueGroup, destruct) == kStatusSuccess) {
+                return group;
+            }
+            Cond_Destroy(&group->cond);
+        }
+        dpaDestroy(group->queues);
+    }
+    std::free(group);
+    return nullptr;
+}
+
+// The present one; of a queue that is gone the lowest, so that it ends up where it is in nobody's
+// way.
+uint32_t priorityOf(const void* item) {
+    Held<Queue> queue;
+    return queue.get(idFromItem(item), IdAccess::kLocked) == kStatusSuccess ? queue->priority : 0;
+}
+
+// Sorts by the present priorities, and leaves equal ones in their order. All are looked at: two
+// priorities may have changed at a time, and either may come here first.
+void sortLocked(QueueGroup* group) {
+    void** const items = group->queues->items;
+    for (uint32_t i = 1; i < group->queues->count; ++i) {
+        const uint32_t priority = priorityOf(items[i]);
+        uint32_t place = i;
+        while (place > 0 && priorityOf(items[place - 1]) < priority)
+            --place;
+        std::rotate(items + place, items + i, items + i + 1);
+    }
+}
+
+bool removeLocked(QueueGroup* group, uint32_t queue) {
+    const int32_t index = dpaIndexOf(group->queues, idToItem(queue));
+    return index >= 0 && dpaRemoveAt(group->queues, static_cast<uint32_t>(index));
+}
+
+// The queue's side of joining and leaving; both happen under the group's lock.
+
+pelmoStatus joinLocked(uint32_t queue, uint32_t group) {
+    Held<Queue> held;
+    if (held.get(queue, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueue;
+    if (held->synchronous) return kStatusNoMemory;
+    if (held->groups == nullptr) held->groups = dpaCreate(kFirstGroups);
+    if (held->groups == nullptr || !dpaAppend(held->groups, idToItem(group))) {
+        return kStatusNoMemory;
+    }
+    return kStatusSuccess;
+}
+
+void partLocked(uint32_t queue, uint32_t group) {
+    Held<Queue> held;
+    if (held.get(queue, IdAccess::kLocked) != kStatusSuccess || held->groups == nullptr) return;
+    dpaRemoveValue(held->groups, idToItem(group));
+}
+
+}  // namespace
+
+pelmoStatus pelmoQueueGroup_Create(uint32_t* out) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    if (out == nullptr) return kStatusInvalidArgument;
+    QueueGroup* group = newGroup();
+    if (group == nullptr) return kStatusNoMemory;
+    if (Id_SetGlobal(&group->header, out) != kStatusSuccess) {
+        Id_Release(&group->header, false);
+        return kStatusNoMemory;
+    }
+    traceLine(kTraceQueueGroup, "pelmoQueueGroup_Create(%u)", *out);
+    return kStatusSuccess;
+}
+
+// Its queues go on naming it until they find that it is gone.
+pelmoStatus pelmoQueueGroup_Destroy(uint32_t group) {
+    traceLine(kTraceQueueGroup, "pelmoQueueGroup_Destroy(%u)", group);
+    Held<QueueGroup> held;
+    if (held.get(group, IdAccess::kDestroyLocked) != kStatusSuccess) {
+        return kStatusInvalidQueueGroup;
+    }
+    held->queues->count = 0;
+    Cond_Broadcast(&held->cond);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueueGroup_Add(uint32_t group, uint32_t queue) {
+    traceLine(kTraceQueueGroup, "pelmoQueueGroup_Add(%u, %u)", group, queue);
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    if (Id_Check(queue, IdType::kQueue) != kStatusSuccess) return kStatusInvalidQueue;
+    Held<QueueGroup> held;
+    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueueGroup;
+    if (dpaIndexOf(held->queues, idToItem(queue)) >= 0) return kStatusSuccess;
+
+    // The queue learns of the group first: a priority set from then on, or the queue's end, waits
+    // for this group's lock and finds the queue in its place.
+    const pelmoStatus status = joinLocked(queue, group);
+    if (status != kStatusSuccess) return status;
+    if (!dpaAppend(held->queues, idToItem(queue))) {
+        partLocked(queue, group);
+        return kStatusNoMemory;
+    }
+    sortLocked(held.pointer());
+    Cond_Signal(&held->cond);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueueGroup_Remove(uint32_t group, uint32_t queue) {
+    traceLine(kTraceQueueGroup, "pelmoQueueGroup_Remove(%u, %u)", group, queue);
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    Held<QueueGroup> held;
+    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueueGroup;
+    if (!removeLocked(held.pointer(), queue)) return kStatusInvalidQueue;
+    partLocked(queue, group);
+    return kStatusSuccess;
+}
+
+void QueueGroup_Signal(uint32_t group, uint32_t times) {
+    Held<QueueGroup> held;
+    if (held.get(group, IdAccess::kUnlocked) != kStatusSuccess) return;
+    while (times-- > 0)
+        Cond_Signal(&held->cond);
+}
+
+void QueueGroup_Forget(uint32_t group, uint32_t queue) {
+    Held<QueueGroup> held;
+    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return;
+    removeLocked(held.pointer(), queue);
+}
+
+// Goes behind the others of its new priority.
+void QueueGroup_Reorder(uint32_t group, uint32_t queue) {
+    Held<QueueGroup> held;
+    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return;
+    if (!removeLocked(held.pointer(), queue)) return;
+    held->queues->items[held->queues->count++] = idToItem(queue);  // the place just freed
+    sortLocked(held.pointer());
+}
