@@ -1,0 +1,141 @@
+// A queue's limit: the policy, and what it drops.
+
+#include <cstdlib>
+
+#include "lib/base/text.h"
+#include "lib/containers/entry_ring.h"
+#include "lib/msg/message.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue.h"
+#include "lib/runtime/queue_parts.h"
+#include "lib/runtime/transport_ops.h"
+
+namespace {
+
+bool argumentsAgree(uint32_t policy, uint32_t maxEvents, uint32_t discardAmount) {
+    switch (policy) {
+        case kLimitNone:
+            return maxEvents == 0 && discardAmount == 0;
+        case kLimitDiscardNew:
+            return maxEvents != 0 && discardAmount == 1;
+        case kLimitDiscardFirst:
+        case kLimitDiscardLast:
+            return maxEvents != 0 && discardAmount <= maxEvents;
+        default:
+            return false;
+    }
+}
+
+// Where an entry stands. The places of `ready` come ahead of those of `pending`, so that the two
+// are walked as one without a move from one to the other, which memory could fail.
+struct Place {
+    EntryRing* ring;
+    uint32_t slot;
+};
+
+Place placeAt(const Queue* queue, uint32_t place) PELMO_REQUIRES(queue->dataLock) {
+    EntryRing* const ready = queue->ready;
+    if (place < ready->count) return {ready, EntryRing_Slot(ready, place)};
+    return {queue->pending, EntryRing_Slot(queue->pending, place - ready->count)};
+}
+
+// Timer and IO entries stay: their events are armed again by their dispatch, and so never would be.
+bool mayDrop(const pelmoMsg* entry) {
+    Held<Event> event;
+    if (event.get(entry->deliveryEvent, IdAccess::kUnlocked) != kStatusSuccess) return true;
+    return event->kind == kEventListener;
+}
+
+bool dropAt(const Queue* queue, uint32_t at) PELMO_REQUIRES(queue->dataLock) {
+    const Place place = placeAt(queue, at);
+    auto* const entry = static_cast<pelmoMsg*>(place.ring->slots[place.slot]);
+    if (!mayDrop(entry)) return false;
+    EntryRing_RemoveAt(place.ring, place.slot);
+    msgRelease(entry);
+    return true;
+}
+
+void discardOldest(Queue* queue) {
+    const LockGuard data(queue->dataLock);
+    uint32_t left = queue->discardAmount;
+    uint32_t count = queue->ready->count + queue->pending->count;
+    for (uint32_t at = 0; left > 0 && at < count;) {
+        if (dropAt(queue, at)) {
+            --left;
+            --count;
+        } else {
+            ++at;
+        }
+    }
+}
+
+}  // namespace
+
+void Queue_DiscardNewest(Queue* queue) {
+    const LockGuard data(queue->dataLock);
+    uint32_t left = queue->discardAmount;
+    for (uint32_t at = queue->ready->count + queue->pending->count; left > 0 && at > 0;) {
+        if (dropAt(queue, --at)) --left;
+    }
+}
+
+void Queue_Discard(Queue* queue) {
+    if (queue->synchronous) return;
+    if (queue->limitPolicy == kLimitDiscardFirst) discardOldest(queue);
+    if (queue->limitPolicy == kLimitDiscardLast) Queue_DiscardNewest(queue);
+}
+
+bool queueIsFullLocked(Queue* queue) {
+    return queue->limitPolicy != kLimitNone && Queue_CountLocked(queue) >= queue->maxEvents;
+}
+
+void queueTellLimit(Held<Queue>& queue) {
+    // The name may change as soon as the lock is left.
+    char* name = concat2(queue->name, "");
+    queue.leave();
+    if (name != nullptr && transportOps.sendAdvisory != nullptr) {
+        // One that can't be sent changes nothing for the post.
+        (void)transportOps.sendAdvisory(kIntraProcessTransportId, "WARN", "SYSTEM",
+                                        "QUEUE.LIMIT_EXCEEDED", name);
+    }
+    std::free(name);
+    queue.enter();
+}
+
+pelmoStatus pelmoQueue_GetLimitPolicy(uint32_t queue,
+                                      uint32_t* outPolicy,
+                                      uint32_t* outMaxEvents,
+                                      uint32_t* outDiscardAmount) {
+    traceLine(kTraceQueue, "pelmoQueue_GetLimitPolicy(%u, %p, %p, %p)", queue,
+              tracePointer(outPolicy), tracePointer(outMaxEvents), tracePointer(outDiscardAmount));
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (outPolicy == nullptr || outMaxEvents == nullptr || outDiscardAmount == nullptr) {
+        return kStatusInvalidArgument;
+    }
+    *outPolicy = held->limitPolicy;
+    *outMaxEvents = held->maxEvents;
+    *outDiscardAmount = held->discardAmount;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_SetLimitPolicy(uint32_t queue,
+                                      uint32_t policy,
+                                      uint32_t maxEvents,
+                                      uint32_t discardAmount) {
+    traceLine(kTraceQueue, "pelmoQueue_SetLimitPolicy(%u, %u, %u, %u)", queue, policy, maxEvents,
+              discardAmount);
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    if (!argumentsAgree(policy, maxEvents, discardAmount)) return kStatusArgumentsConflict;
+    if (queue == kDefaultQueueId) return kStatusNotPermitted;
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (held->synchronous) return kStatusNotPermitted;
+
+    held->limitPolicy = static_cast<LimitPolicy>(policy);
+    held->maxEvents = maxEvents;
+    held->discardAmount = discardAmount;
+    if (Queue_CountLocked(held.pointer()) > maxEvents) Queue_Discard(held.pointer());
+    return kStatusSuccess;
+}

@@ -1,0 +1,81 @@
+// Polls: how synchronous queues hand out their messages.
+
+#include "lib/containers/entry_ring.h"
+#include "lib/msg/message.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/dispatch_wait.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue.h"
+#include "lib/runtime/queue_parts.h"
+
+namespace {
+
+pelmoStatus findToPoll(Held<Queue>& queue, uint32_t id, bool hasOutput) {
+    const pelmoStatus status = queueFind(queue, id);
+    if (status != kStatusSuccess) return status;
+    if (!hasOutput) return kStatusInvalidArgument;
+    return queue->synchronous ? kStatusSuccess : kStatusNotPermitted;
+}
+
+pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) {
+    DispatchWait wait{seconds};
+    while (queue->pending->count == 0) {
+        ++queue->waiters;
+        const pelmoStatus status = dispatchWaitStep(wait, &queue->header, &queue->cond);
+        --queue->waiters;
+        if (!libraryIsOpen()) return kStatusNotInitialized;
+        if (Id_IsInvalid(&queue->header)) return kStatusInvalidQueue;
+        if (queue->pending->count == 0 && status != kStatusSuccess) return status;
+    }
+    return kStatusSuccess;
+}
+
+// The oldest message of a living event, now the caller's; null where there is none left.
+pelmoMsg* takeLocked(Queue* queue, EventRun& run) {
+    while (void* entry = EntryRing_PopFront(queue->pending)) {
+        auto* const message = static_cast<pelmoMsg*>(entry);
+        if (run.find(message->deliveryEvent) != nullptr) {
+            msgSetOwned(message);
+            return message;
+        }
+        msgRelease(message);
+    }
+    return nullptr;
+}
+
+// Several posts may have left one signal: whoever leaves entries behind wakes the next.
+void wakeNextLocked(Queue* queue) {
+    if (queue->pending->count != 0 && queue->waiters != 0) Cond_Signal(&queue->cond);
+}
+
+}  // namespace
+
+pelmoStatus pelmoQueue_Poll(uint32_t queue, pelmoMsg** out, double seconds) {
+    traceLine(kTraceQueue, "pelmoQueue_Poll(%u, %p, %f)", queue, tracePointer(out), seconds);
+    EventRun run;
+    Held<Queue> held;
+    pelmoStatus status = findToPoll(held, queue, out != nullptr);
+    if (status == kStatusSuccess) status = awaitEntriesLocked(held.pointer(), seconds);
+    if (status != kStatusSuccess) return status;
+    *out = takeLocked(held.pointer(), run);
+    wakeNextLocked(held.pointer());
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_PollMany(
+    uint32_t queue, pelmoMsg** messages, uint32_t size, uint32_t* outCount, double seconds) {
+    traceLine(kTraceQueue, "pelmoQueue_PollMany(%u, %p, %u, %p, %f)", queue, tracePointer(messages),
+              size, tracePointer(outCount), seconds);
+    EventRun run;
+    Held<Queue> held;
+    pelmoStatus status = findToPoll(held, queue, messages != nullptr && outCount != nullptr);
+    if (status == kStatusSuccess) status = awaitEntriesLocked(held.pointer(), seconds);
+    if (status != kStatusSuccess) return status;
+
+    uint32_t count = 0;
+    while (count < size && (messages[count] = takeLocked(held.pointer(), run)) != nullptr)
+        ++count;
+    *outCount = count;
+    wakeNextLocked(held.pointer());
+    return kStatusSuccess;
+}
