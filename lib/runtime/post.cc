@@ -1,0 +1,166 @@
+#include "lib/runtime/post.h"
+
+#include "lib/containers/entry_ring.h"
+#include "lib/msg/message.h"
+#include "lib/runtime/queue.h"
+#include "lib/runtime/queue_group.h"
+#include "lib/runtime/queue_parts.h"
+#include "lib/runtime/tracing.h"
+
+namespace {
+
+// What a post that meets the limit comes to.
+enum class AtLimit {
+    kNoMessage,  // a listener's that has nothing to post
+    kAdvisory,   // told of a limit itself: gets a place, and causes no other
+    kRefused,    // its message is gone
+    kPosted,
+};
+
+AtLimit judgeLocked(const Queue* queue, Event* event) {
+    if (event->kind != kEventListener) return AtLimit::kPosted;
+    EntryRing* const inbox = event->listener.inbox;
+    if (inbox == nullptr || inbox->count == 0) return AtLimit::kNoMessage;
+
+    // The newest is the one that this post is for. It stays where it is unless it is refused: were
+    // it out of the ring while the locks are left, it could find no place when it comes back.
+    auto* const newest = static_cast<pelmoMsg*>(inbox->slots[inbox->tail]);
+    if (msgIsLimitAdvisory(newest)) return AtLimit::kAdvisory;
+    if (queue->limitPolicy != kLimitDiscardNew) return AtLimit::kPosted;
+    EntryRing_PopBack(inbox);
+    msgRelease(newest);
+    return AtLimit::kRefused;
+}
+
+// Under the queue's lock, which is left and taken again where an advisory goes out.
+// kStatusQueueLimit ends the post.
+pelmoStatus meetLimit(Held<Queue>& queue, Event* event) {
+    Id_Enter(&event->header);
+    const AtLimit outcome = judgeLocked(queue.pointer(), event);
+    Id_Leave(&event->header);
+
+    if (outcome == AtLimit::kNoMessage) return kStatusQueueLimit;
+    if (outcome == AtLimit::kAdvisory) {
+        if (queue->limitPolicy == kLimitDiscardNew) {
+            Queue_DiscardNewest(queue.pointer());
+        } else if (queue->discardAmount == 1) {
+            queue->discardAmount = 2;  // a place for it as well, from the next discard on
+        }
+        return kStatusSuccess;
+    }
+    Queue_Discard(queue.pointer());
+    queueTellLimit(queue);
+    if (outcome == AtLimit::kRefused) return kStatusQueueLimit;
+    return Id_IsInvalid(&queue->header) ? kStatusInvalidQueue : kStatusSuccess;
+}
+
+// Null where a listener has nothing to post.
+pelmoStatus takeEntryLocked(Event* event, pelmoMsg** out) {
+    if (event->kind != kEventListener) return pelmoMsg_Create(out);
+    EntryRing* const inbox = event->listener.inbox;
+    *out = inbox != nullptr ? static_cast<pelmoMsg*>(EntryRing_PopFront(inbox)) : nullptr;
+    return kStatusSuccess;
+}
+
+pelmoStatus pushLocked(Queue* queue, pelmoMsg* entry) {
+    if (EntryRing_PushBack(queue->pending, entry)) return kStatusSuccess;
+    msgRelease(entry);
+    return kStatusNoMemory;
+}
+
+void address(pelmoMsg* entry, const Event* event) {
+    entry->deliveryEvent = event->header.id;
+    entry->deliveryClosure = event->closure;
+}
+
+pelmoStatus postEntryLocked(Queue* queue, Event* event, bool& posted) {
+    if (Id_IsInvalid(&event->header)) return kStatusInvalidEvent;
+    pelmoMsg* entry = nullptr;
+    pelmoStatus status = takeEntryLocked(event, &entry);
+    if (status != kStatusSuccess || entry == nullptr) return status;
+
+    address(entry, event);
+    if (event->kind == kEventListener) {
+        traceMessage(kTraceReceive, entry, "Message %p posted to listener queue for subject %s",
+                     tracePointer(entry), traceText(event->listener.subject));
+    }
+    status = pushLocked(queue, entry);
+    posted = status == kStatusSuccess;
+    return status;
+}
+
+// Tells of new entries whoever may wait for them: the queue's threads, its groups', and a foreign
+// loop by the hook. Gives the queue back.
+void announce(Held<Queue>& queue, uint32_t entries) {
+    const uint32_t id = queue->header.id;
+    const pelmoQueueHook hook = queue->hook;
+    void* const closure = queue->hookClosure;
+    // Threads of the library's own queues wait for their timers and sockets instead.
+    if (id != kTimerQueueId && !idIsIoQueue(id)) {
+        for (uint32_t i = std::min(entries, queue->waiters); i > 0; --i)
+            Cond_Signal(&queue->cond);
+    }
+    QueueGroups groups(queue.pointer());
+    queue.leave();
+    groups.forEach([entries](uint32_t group) { QueueGroup_Signal(group, entries); });
+    queue.release();
+    for (uint32_t i = 0; hook != nullptr && i < entries; ++i)
+        hook(id, closure);
+}
+
+// True where there is room for one of a batch, which a policy that discards makes.
+bool hasRoom(Held<Queue>& queue) {
+    if (!queueIsFullLocked(queue.pointer())) return true;
+    const bool refused = queue->limitPolicy == kLimitDiscardNew;
+    Queue_Discard(queue.pointer());
+    queueTellLimit(queue);
+    return !refused;
+}
+
+// False where the message went. An event that was cut off has no transport any more.
+bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry) {
+    const Event* const event = run.find(entry.eventId);
+    if (event == nullptr || !hasRoom(queue) || Id_IsInvalid(&queue->header) ||
+        event->listener.transportId == kNoId) {
+        msgRelease(entry.message);
+        return false;
+    }
+    address(entry.message, event);
+    traceMessage(kTraceReceive, entry.message, "Message %p added to listener queue",
+                 tracePointer(entry.message));
+    return pushLocked(queue.pointer(), entry.message) == kStatusSuccess;
+}
+
+}  // namespace
+
+pelmoStatus Event_Post(Event* event) {
+    if (event == nullptr) return kStatusInvalidEvent;
+    Held<Queue> queue;
+    if (queue.get(event->queueId, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueue;
+
+    if (queueIsFullLocked(queue.pointer()) && !Id_IsInvalid(&event->header)) {
+        const pelmoStatus status = meetLimit(queue, event);
+        if (status == kStatusQueueLimit) return kStatusSuccess;
+        if (status != kStatusSuccess) return status;
+    }
+    bool posted = false;
+    Id_Enter(&event->header);
+    const pelmoStatus status = postEntryLocked(queue.pointer(), event, posted);
+    Id_Leave(&event->header);
+    if (posted) announce(queue, 1);
+    return status;
+}
+
+void Queue_PostBatch(uint32_t queueId, std::span<const PostEntry> entries) {
+    EventRun run;  // ends behind the queue's lock
+    Held<Queue> queue;
+    if (queue.get(queueId, IdAccess::kLocked) != kStatusSuccess) {
+        for (const PostEntry& entry : entries)
+            msgRelease(entry.message);
+        return;
+    }
+    uint32_t added = 0;
+    for (const PostEntry& entry : entries)
+        added += postOfBatch(queue, run, entry) ? 1 : 0;
+    if (added != 0) announce(queue, added);
+}
