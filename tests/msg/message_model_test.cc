@@ -64,13 +64,12 @@ const std::optional<std::string> kNames[] = {
     std::nullopt, "", "a", "b", "ab", "longer", std::string(kMaxNameChars, 'n')};
 constexpr uint32_t kIds = 12;
 
-Bytes elementBytes(Random& random, uint32_t width) {
-    return patternBytes(size_t{1 + random.below(random.oneIn(8) ? 400 : 12)} * width,
-                        random.below(1000));
-}
+// Some about the borders of the size classes, with their NUL.
+constexpr size_t kStringChars[] = {0,   1,   2,   7,   29,    60,    117,
+                                   118, 119, 120, 130, 29998, 29999, 30000};
 
 SharedValue randomValue(Random& random, uint32_t kind) {
-    const uint32_t number = static_cast<uint32_t>(random.engine());
+    const auto number = static_cast<uint32_t>(random.engine());
     switch (kind) {
         case 0:
             return scalarValue(FIELD_I8, &FieldData::i8, static_cast<int8_t>(number));
@@ -84,13 +83,13 @@ SharedValue randomValue(Random& random, uint32_t kind) {
             return dateTimeValue(int64_t{number} - (1 << 30), number % 1000000 * 1000);
         case 5:
         case 6:
-            return stringValue(std::string(random.oneIn(9) ? number % 40000 : number % 140, 's'));
+            return stringValue(std::string(kStringChars[number % std::size(kStringChars)], 's'));
         case 7:
             return blockValue(FIELD_OPAQUE, patternBytes(number % 130, number));
         case 8:
-            return arrayValue(FIELD_U8ARRAY, 1, elementBytes(random, 1));
+            return arrayValue(FIELD_U8ARRAY, 1, patternBytes(1 + number % 150, number));
         case 9:
-            return arrayValue(FIELD_I32ARRAY, 4, elementBytes(random, 4));
+            return arrayValue(FIELD_I32ARRAY, 4, patternBytes(4 + number % 150 / 4 * 4, number));
         case 10:
             return stringArrayValue({std::string(number % 70, 't'), "", "end"});
         case 11:

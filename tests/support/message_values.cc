@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cfloat>
+#include <cmath>
 #include <cstring>
+#include <initializer_list>
 
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
+#include "lib/msg/codec.h"
 
 namespace {
 
@@ -288,4 +292,76 @@ Bytes recordOf(const char* name, uint16_t id, const FieldValue& value) {
     record.push_back(foldedType(value.type));
     appendValue(record, value);
     return record;
+}
+
+namespace {
+
+template <typename Value>
+void addScalars(std::vector<SharedValue>& values,
+                uint8_t type,
+                Value FieldData::*member,
+                std::initializer_list<Value> numbers) {
+    for (const Value number : numbers) {
+        values.push_back(scalarValue(type, member, number));
+    }
+}
+
+std::vector<SharedValue> scalarValues() {
+    std::vector<SharedValue> values = {dateTimeValue(-(int64_t{1} << 39), 0), noneValue(),
+                                       dateTimeValue((int64_t{1} << 39) - 1, 999999000)};
+    addScalars(values, FIELD_BOOL, &FieldData::boolean, {0u, 1u});
+    addScalars<int8_t>(values, FIELD_I8, &FieldData::i8, {-1, INT8_MIN, INT8_MAX});
+    addScalars<uint8_t>(values, FIELD_U8, &FieldData::u8, {0, 128, UINT8_MAX});
+    addScalars<int16_t>(values, FIELD_I16, &FieldData::i16, {-1, INT16_MIN, INT16_MAX});
+    addScalars<uint16_t>(values, FIELD_U16, &FieldData::u16, {0, 128, UINT16_MAX});
+    addScalars<int32_t>(values, FIELD_I32, &FieldData::i32, {-1, INT32_MIN, INT32_MAX});
+    addScalars<uint32_t>(values, FIELD_U32, &FieldData::u32, {0, 128, UINT32_MAX});
+    addScalars<int64_t>(values, FIELD_I64, &FieldData::i64, {-1, INT64_MIN, INT64_MAX});
+    addScalars<uint64_t>(values, FIELD_U64, &FieldData::u64, {0, 128, UINT64_MAX});
+    addScalars(values, FIELD_F32, &FieldData::f32, {-0.0f, FLT_MAX, FLT_TRUE_MIN, HUGE_VALF, NAN});
+    addScalars(values, FIELD_F64, &FieldData::f64, {-0.0, DBL_MAX, DBL_TRUE_MIN, -HUGE_VAL});
+    addScalars<uint16_t>(values, FIELD_IPPORT16, &FieldData::ipPort16, {0x4c1d});
+    addScalars(values, FIELD_IPADDR32, &FieldData::ipAddr32, {0x0403020au});
+    return values;
+}
+
+// Values at both sides of each size class.
+std::vector<SharedValue> sizedValues() {
+    std::vector<SharedValue> values = {
+        blockValue(FIELD_OPAQUE, {}), stringArrayValue({"", "b", ""}), subjectValue("A"),
+        subjectValue((std::string(120, 'x') + "." + std::string(120, 'y')).c_str())};
+    for (const size_t size : {8u, 112u, 119u, 120u, 29992u, 29999u, 30000u}) {
+        values.push_back(stringValue(std::string(size - 1, 's')));
+        values.push_back(blockValue(FIELD_OPAQUE, patternBytes(size, 1)));
+        values.push_back(blockValue(FIELD_XML, patternBytes(size, 2)));
+        values.push_back(stringArrayValue({std::string(size - 5, 'a')}));
+        for (uint8_t type = FIELD_I8ARRAY; type <= FIELD_F64ARRAY; ++type) {
+            const uint32_t width = type < 42 ? 1u << (type - FIELD_I8ARRAY) / 2 : 4u << (type - 44);
+            if (fieldEncoders[type] == nullptr || size % width != 0) continue;
+            values.push_back(arrayValue(type, width, patternBytes(size, type)));
+        }
+    }
+    return values;
+}
+
+std::vector<SharedValue> nestedValues() {
+    const Bytes empty = imageOf(std::vector<Bytes>{});
+    const Bytes one = imageOf({recordOf("in", 3, *stringValue("inner"))});
+    const Bytes large = imageOf({recordOf("x", 0, *blockValue(FIELD_OPAQUE, Bytes(40000, 6)))});
+    std::vector<SharedValue> values;
+    for (const Bytes& image : {empty, large, imageOf({recordOf("d", 0, *messageValue(one))})}) {
+        values.push_back(messageValue(image));
+        values.push_back(messageArrayValue({image, one, empty}));
+    }
+    return values;
+}
+
+}  // namespace
+
+std::vector<SharedValue> edgeValues() {
+    std::vector<SharedValue> values = scalarValues();
+    for (const auto& more : {sizedValues(), nestedValues()}) {
+        values.insert(values.end(), more.begin(), more.end());
+    }
+    return values;
 }

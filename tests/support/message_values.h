@@ -70,6 +70,9 @@ template <typename Word>
 [[nodiscard]] SharedValue messageValue(Bytes image);
 [[nodiscard]] SharedValue messageArrayValue(std::vector<Bytes> images);
 
+// A value of each type, or several: at its least and greatest, at both sides of each size class.
+[[nodiscard]] std::vector<SharedValue> edgeValues();
+
 // So many bytes, no two lengths and no two seeds alike.
 [[nodiscard]] Bytes patternBytes(size_t sizeBytes, uint32_t seed);
 
