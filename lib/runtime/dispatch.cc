@@ -146,18 +146,6 @@ void takeBatchLocked(Batch& batch, Queue* queue, DispatchBatch kind) {
     countDispatchLocked(batch, queue);
 }
 
-// Back into the timer list ahead of the callback. A destroy in between looked for the timer in vain
-// and left it to us.
-void rearmTimer(Event* event) {
-    if (Timer_Insert(event) == kStatusSuccess && Id_IsInvalid(&event->header)) Timer_Remove(event);
-}
-
-void rewatchSource(Event* event) {
-    if (Id_IsInvalid(&event->header)) return;
-    const pelmoStatus status = Event_RegisterIO(event);
-    if (status == kStatusSuccess && Id_IsInvalid(&event->header)) Event_UnregisterIO(event);
-}
-
 bool passesHooks(const Event* event, pelmoMsg* message) {
     if (!event->listener.inboundHooks) return true;
     return transportOps.runInboundHooks != nullptr &&
@@ -185,7 +173,7 @@ void callVector(const Batch& batch) {
 void callBack(const Batch& batch) {
     Event* const event = batch.events[0];
     if (event->kind == kEventListener && event->listener.transportId == kNoId) return;
-    if (event->kind == kEventTimer) rearmTimer(event);
+    if (event->kind == kEventTimer) (void)Timer_Insert(event);  // refused for one destroyed
     if (event->listener.vectorCallback != nullptr) {
         callVector(batch);
     } else {
@@ -214,7 +202,7 @@ void finishBatch(const Batch& batch, Queue* queue) {
     }
     for (uint32_t i = 0; i < batch.eventCount; ++i) {
         Event* const event = batch.events[i];
-        if (event->kind == kEventIo && !idIsIoQueue(event->queueId)) rewatchSource(event);
+        if (event->kind == kEventIo && !idIsIoQueue(event->queueId)) (void)Event_RegisterIO(event);
         if (completions[i] != nullptr) completions[i](event->header.id, event->closure);
     }
     if (queueCompletion != nullptr) queueCompletion(queue->header.id, queueClosure);
@@ -260,13 +248,14 @@ pelmoStatus Queue_DispatchId(uint32_t queue, double seconds) {
 }
 
 pelmoStatus pelmoQueue_TimedDispatch(uint32_t queue, double seconds) {
+    traceLine(kTraceDispatch, "pelmoQueue_TimedDispatch(%u, %f)", queue, seconds);
     if (!libraryIsOpen()) return kStatusNotInitialized;
-    return Queue_DispatchId(queue, seconds);
+    return dispatchById(queue, seconds, DispatchBatch::kMixedEvents);
 }
 
 // Traced as the plain call.
 pelmoStatus pelmoQueue_TimedDispatchSingle(uint32_t queue, double seconds) {
-    if (!libraryIsOpen()) return kStatusNotInitialized;
     traceLine(kTraceDispatch, "pelmoQueue_TimedDispatch(%u, %f)", queue, seconds);
+    if (!libraryIsOpen()) return kStatusNotInitialized;
     return dispatchById(queue, seconds, DispatchBatch::kOneEvent);
 }

@@ -9,11 +9,12 @@
 #include "lib/runtime/library.h"
 #include "lib/runtime/queue.h"
 #include "lib/runtime/queue_group.h"
+#include "lib/runtime/queue_parts.h"
 
 namespace {
 
 uint32_t queueAt(const QueueGroup* group, uint32_t place) {
-    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(group->queues->items[place]));
+    return idFromItem(group->queues->items[place]);
 }
 
 // Entries of all queues. Ids that are gone leave the group on the way.
@@ -85,24 +86,29 @@ bool takeQueueLocked(QueueGroup* group, Held<Queue>& queue) {
     return false;
 }
 
-}  // namespace
-
-pelmoStatus QueueGroup_DispatchId(uint32_t group, double seconds) {
-    traceLine(kTraceDispatch, "pelmoQueueGroup_TimedDispatch(%u, %f)", group, seconds);
-    Held<QueueGroup> held;
-    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueueGroup;
-    const pelmoStatus status = awaitEntriesLocked(held.pointer(), seconds);
+pelmoStatus dispatchById(uint32_t id, double seconds) {
+    Held<QueueGroup> group;
+    if (group.get(id, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueueGroup;
+    const pelmoStatus status = awaitEntriesLocked(group.pointer(), seconds);
     if (status != kStatusSuccess) return status;
 
     Held<Queue> queue;
-    if (!takeQueueLocked(held.pointer(), queue)) return kStatusSuccess;
-    held.leave();
+    if (!takeQueueLocked(group.pointer(), queue)) return kStatusSuccess;
+    group.leave();
     // Another thread may have been quicker, or the queue be gone: the step was taken all the same.
     (void)Queue_Dispatch(queue.pointer(), 0.0, DispatchBatch::kMixedEvents);
     return kStatusSuccess;
 }
 
+}  // namespace
+
+pelmoStatus QueueGroup_DispatchId(uint32_t group, double seconds) {
+    traceLine(kTraceDispatch, "pelmoQueueGroup_TimedDispatch(%u, %f)", group, seconds);
+    return dispatchById(group, seconds);
+}
+
 pelmoStatus pelmoQueueGroup_TimedDispatch(uint32_t group, double seconds) {
+    traceLine(kTraceDispatch, "pelmoQueueGroup_TimedDispatch(%u, %f)", group, seconds);
     if (!libraryIsOpen()) return kStatusNotInitialized;
-    return QueueGroup_DispatchId(group, seconds);
+    return dispatchById(group, seconds);
 }

@@ -197,8 +197,8 @@ pelmoStatus pelmoDispatcher_Destroy(uint32_t dispatcher) {
 }
 
 pelmoStatus pelmoDispatcher_Join(uint32_t dispatcher) {
-    if (!libraryIsOpen()) return kStatusNotInitialized;
     traceLine(kTraceDispatch, "pelmoDispatcher_Join(%u)", dispatcher);
+    if (!libraryIsOpen()) return kStatusNotInitialized;
     Held<Dispatcher> held;
     if (held.get(dispatcher, IdAccess::kUnlocked) != kStatusSuccess) {
         return kStatusInvalidDispatcher;
@@ -207,8 +207,8 @@ pelmoStatus pelmoDispatcher_Join(uint32_t dispatcher) {
 }
 
 pelmoStatus pelmoDispatcher_GetName(uint32_t dispatcher, const char** out) {
-    if (!libraryIsOpen()) return kStatusNotInitialized;
     traceLine(kTraceDispatch, "pelmoDispatcher_GetName(%u, %p)", dispatcher, tracePointer(out));
+    if (!libraryIsOpen()) return kStatusNotInitialized;
     if (out == nullptr) return kStatusInvalidArgument;
     Held<Dispatcher> held;
     if (held.get(dispatcher, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueue;
@@ -217,8 +217,8 @@ pelmoStatus pelmoDispatcher_GetName(uint32_t dispatcher, const char** out) {
 }
 
 pelmoStatus pelmoDispatcher_SetName(uint32_t dispatcher, const char* name) {
-    if (!libraryIsOpen()) return kStatusNotInitialized;
     traceLine(kTraceDispatch, "pelmoDispatcher_SetName(%u, \"%s\")", dispatcher, traceText(name));
+    if (!libraryIsOpen()) return kStatusNotInitialized;
     if (name == nullptr) return kStatusInvalidArgument;
     Held<Dispatcher> held;
     if (held.get(dispatcher, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidDispatcher;

@@ -1,4 +1,4 @@
-// What the sources of queues and posting share; nobody else includes this.
+// What the sources of queues, posting and group dispatch share; nobody else includes this.
 
 #pragma once
 
