@@ -107,6 +107,14 @@ void Id_AddRef(IdHeader* object);
     return object == nullptr || (object->flags.load(std::memory_order_relaxed) & kIdInvalid) != 0;
 }
 
+// Lists of ids are arrays of pointer-sized values.
+[[nodiscard]] inline uint32_t idFromItem(const void* item) {
+    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(item));
+}
+[[nodiscard]] inline void* idToItem(uint32_t id) {
+    return reinterpret_cast<void*>(uintptr_t{id});
+}
+
 // The object's lock; null is ignored.
 void Id_Enter(IdHeader* object);
 void Id_Leave(IdHeader* object);

@@ -9,14 +9,6 @@
 #include "lib/runtime/event_object.h"
 #include "lib/runtime/queue_object.h"
 
-// Lists of ids are arrays of pointer-sized values.
-[[nodiscard]] inline uint32_t idFromItem(const void* item) {
-    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(item));
-}
-[[nodiscard]] inline void* idToItem(uint32_t id) {
-    return reinterpret_cast<void*>(uintptr_t{id});
-}
-
 // The way into every public call: kStatusNotInitialized, kStatusInvalidQueue, or the queue, locked.
 [[nodiscard]] pelmoStatus queueFind(Held<Queue>& queue, uint32_t id);
 
