@@ -1,0 +1,187 @@
+// A transport's life, its inboxes, and the settings of its delivery.
+
+#include "lib/transport/transport.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/event_object.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue.h"
+#include "lib/runtime/transport_ops.h"
+#include "lib/transport/transport_object.h"
+
+namespace {
+
+constexpr uint32_t kRequestQueueBuckets = 4;
+constexpr const char* kIntraProcessPrefix = "_INBOX.";
+
+void freeTransport(IdHeader* header) {
+    auto* transport = reinterpret_cast<Transport*>(header);
+    sublistDestroy(transport->subjects);
+    for (uint32_t i = 0; transport->spareQueues != nullptr && i < transport->spareQueues->count;
+         ++i) {
+        pelmoQueue_DestroyEx(idFromItem(transport->spareQueues->items[i]), nullptr, nullptr);
+    }
+    dpaDestroy(transport->spareQueues);
+    dict32Destroy(transport->requestQueues);
+    if (transport->link != nullptr) daemonLinkOps.destroy(transport->link);
+    if (transport->circuit != nullptr) circuitOps.destroy(transport->circuit);
+    transportFreeHooks(transport);
+    std::free(transport);
+}
+
+// Requests under way wake with a failure; those that come now are refused.
+void endRequestsLocked(Transport* transport) {
+    Dict32Iterator each;
+    dict32IterInit(transport->requestQueues, &each);
+    uint32_t queueId = kNoId;
+    while (dict32IterNext(&each, &queueId, nullptr)) {
+        pelmoQueue_DestroyEx(queueId, nullptr, nullptr);
+    }
+}
+
+// A few at a time, without memory of its own and with the lock left: the daemon may be told.
+void cutOffListeners(Held<Transport>& held) {
+    constexpr uint32_t kAtATime = 64;
+    Event* some[kAtATime];
+    while (const Dpa* all = sublistAll(held->subjects)) {
+        const uint32_t count = all->count < kAtATime ? all->count : kAtATime;
+        for (uint32_t i = 0; i < count; ++i) {
+            some[i] = static_cast<Event*>(all->items[i]);
+            Id_AddRef(&some[i]->header);
+        }
+        held.leave();
+        for (uint32_t i = 0; i < count; ++i) {
+            (void)Transport_RemoveListener(held->header.id, some[i]);
+            Id_Release(&some[i]->header, false);
+        }
+        held.enter();
+    }
+}
+
+// What leads out of the process. The endpoint is for the caller to close, behind all else.
+ReliableEndpoint* stopPaths(Held<Transport>& held) {
+    if (held->kind == TransportKind::kNetwork && held->link != nullptr) {
+        held.leave();
+        daemonLinkOps.stop(held.pointer());
+        held.enter();
+    }
+    if (held->kind == TransportKind::kCircuit) circuitOps.disconnect(held.pointer(), nullptr);
+    return std::exchange(held->directEndpoint, nullptr);
+}
+
+// The caller has set `destroying`, so that this runs once.
+void endTransport(Held<Transport>& held) {
+    (void)Transport_RunHooks(held.pointer(), kHookDestroy, nullptr);
+    ReliableEndpoint* endpoint = stopPaths(held);
+    endRequestsLocked(held.pointer());
+    cutOffListeners(held);
+    const bool wasPublished = Id_Invalidate(&held->header) == kStatusSuccess;
+    (void)Transport_RunHooks(held.pointer(), kHookDestroyed, nullptr);
+    if (wasPublished) Id_Release(&held->header, false);
+    held.release();
+    if (endpoint != nullptr) endpointOps.close(endpoint);
+}
+
+pelmoStatus setFlag(uint32_t transport, bool Transport::*flag) {
+    Held<Transport> held;
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
+    held.pointer()->*flag = true;
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+void transportAttach() {
+    transportOps = {.sendAdvisory = advisorySend,
+                    .createAdvisory = advisoryCreate,
+                    .distribute = transportDistribute,
+                    .addListener = Transport_AddListener,
+                    .removeListener = Transport_RemoveListener,
+                    .runInboundHooks = Transport_RunInboundHooks};
+}
+
+Transport* Transport_New(TransportKind kind) {
+    auto* transport = static_cast<Transport*>(std::calloc(1, sizeof(Transport)));
+    if (transport == nullptr) return nullptr;
+    if (Id_Init(&transport->header, IdType::kTransport, freeTransport) != kStatusSuccess) {
+        std::free(transport);
+        return nullptr;
+    }
+    transport->kind = kind;
+    transport->nextInbox = 1;
+    transport->subjects = sublistCreate();
+    transport->spareQueues = dpaCreate(kMostSpareQueues);
+    transport->requestQueues = dict32Create(kRequestQueueBuckets);
+    if (transport->subjects == nullptr || transport->spareQueues == nullptr ||
+        transport->requestQueues == nullptr) {
+        Id_Release(&transport->header, false);
+        return nullptr;
+    }
+    return transport;
+}
+
+pelmoStatus Transport_CreateIntraProcess() {
+    Transport* transport = Transport_New(TransportKind::kIntraProcess);
+    if (transport == nullptr) return kStatusNoMemory;
+    std::strcpy(transport->inboxPrefix, kIntraProcessPrefix);
+    if (Id_SetFixed(&transport->header, kIntraProcessTransportId) == kStatusSuccess) {
+        return kStatusSuccess;
+    }
+    Id_Release(&transport->header, false);
+    return kStatusNoMemory;
+}
+
+pelmoStatus pelmoTransport_Destroy(uint32_t transport) {
+    traceLine(kTraceTransport, "pelmoTransport_Destroy(%u)", transport);
+    if (transport == kIntraProcessTransportId && libraryIsOpen()) return kStatusNotPermitted;
+    Held<Transport> held;
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess || held->destroying) {
+        return kStatusInvalidTransport;
+    }
+    held->destroying = true;
+    endTransport(held);
+    return kStatusSuccess;
+}
+
+uint32_t transportNextInbox(Transport* transport, char* buffer, uint32_t size) {
+    const int length =
+        std::snprintf(buffer, size, "%s%" PRIu64, transport->inboxPrefix, transport->nextInbox++);
+    return static_cast<uint32_t>(length);
+}
+
+pelmoStatus pelmoTransport_CreateInbox(uint32_t transport, char* buffer, uint32_t size) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    if (buffer == nullptr) return kStatusInvalidArgument;
+    char text[kInboxPrefixBytes + 24];
+    uint32_t length = 0;
+    {
+        Held<Transport> held;
+        if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) {
+            return kStatusInvalidTransport;
+        }
+        length = transportNextInbox(held.pointer(), text, sizeof text);
+    }
+    if (length >= size) return kStatusInsufficientBuffer;
+    std::memcpy(buffer, text, length + 1);
+    traceLine(kTraceTransport, "pelmoTransport_CreateInbox(%u, %s, %u)", transport, buffer, size);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoTransport_SetFirstListenerOnly(uint32_t transport) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "pelmoTransport_SetFirstListenerOnly(%u)", transport);
+    return setFlag(transport, &Transport::firstListenerOnly);
+}
+
+pelmoStatus pelmoTransport_SetQuietUnhandled(uint32_t transport) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "pelmoTransport_SetQuietUnhandled(%u)", transport);
+    return setFlag(transport, &Transport::quietUnhandled);
+}

@@ -1,0 +1,311 @@
+// Delivery: from a message to the queues of those who listen to its subject.
+//
+// Posting can lead back here on the same thread, and a hook can end listeners meanwhile. So a match
+// is copied, each listener with a reference, ahead of the first post: the subject list's own array
+// belongs to the next match.
+
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "lib/base/log.h"
+#include "lib/containers/dpa.h"
+#include "lib/containers/entry_ring.h"
+#include "lib/containers/subject.h"
+#include "lib/msg/envelope.h"
+#include "lib/msg/message.h"
+#include "lib/msg/text.h"
+#include "lib/runtime/event_object.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/post.h"
+#include "lib/runtime/tracing.h"
+#include "lib/transport/transport.h"
+#include "lib/transport/transport_object.h"
+
+namespace {
+
+constexpr uint32_t kListenersOnStack = 128;
+constexpr uint32_t kMostEntries = 128;
+
+// Listeners, each held by a reference.
+class HeldListeners {
+  public:
+    HeldListeners() = default;
+    ~HeldListeners() {
+        drop();
+        if (items_ != onStack_) std::free(items_);
+    }
+    HeldListeners(const HeldListeners&) = delete;
+    HeldListeners& operator=(const HeldListeners&) = delete;
+
+    // In place of what is held. Null is none. False where memory ran out.
+    [[nodiscard]] bool hold(const Dpa* matches) {
+        drop();
+        if (matches == nullptr) return true;
+        if (!makeRoom(matches->count)) return false;
+        for (uint32_t i = 0; i < matches->count; ++i) {
+            items_[i] = static_cast<Event*>(matches->items[i]);
+            Id_AddRef(&items_[i]->header);
+        }
+        count_ = matches->count;
+        return true;
+    }
+
+    [[nodiscard]] std::span<Event* const> events() const { return {items_, count_}; }
+
+  private:
+    void drop() {
+        for (Event* event : events()) {
+            Id_Release(&event->header, false);
+        }
+        count_ = 0;
+    }
+
+    bool makeRoom(uint32_t count) {
+        if (count <= room_) return true;
+        auto* wider = static_cast<Event**>(std::calloc(count, sizeof(Event*)));
+        if (wider == nullptr) return false;
+        if (items_ != onStack_) std::free(items_);
+        items_ = wider;
+        room_ = count;
+        return true;
+    }
+
+    Event* onStack_[kListenersOnStack];
+    Event** items_ = onStack_;
+    uint32_t room_ = kListenersOnStack;
+    uint32_t count_ = 0;
+};
+
+void logUnhandled(pelmoMsg* message, const uint8_t* subject) {
+    if (!subjectIsAdvisory(subject, false)) return;
+    const char* text = nullptr;
+    if (pelmoMsg_ConvertToString(message, &text) != kStatusSuccess) return;
+    logPrint("Pelmo Error Not Handled by Process:\n%s", text);
+}
+
+void traceAdvisory(pelmoMsg* message, const uint8_t* subject, const char* words) {
+    if (!traceWants(kTraceAdvisories) || !subjectIsAdvisory(subject, true)) return;
+    (void)Trace_Message(kTraceAdvisories, message, "%s", words);
+}
+
+// Names the subject in a trace line.
+struct SubjectText {
+    char text[kSubjectTextBytes];
+
+    explicit SubjectText(const uint8_t* subject) {
+        if (subjectToText(text, sizeof text, subject) == nullptr) text[0] = 0;
+    }
+};
+
+// Stored only where it changes: most transports never have such hooks.
+void noteInboundHooks(Event* event, bool hooks) {
+    if (event->listener.inboundHooks.load(std::memory_order_relaxed) == hooks) return;
+    Id_Enter(&event->header);
+    event->listener.inboundHooks.store(hooks, std::memory_order_relaxed);
+    Id_Leave(&event->header);
+}
+
+enum class Pushed { kYes, kCutOff, kNoMemory };
+
+// The copy waits in the listener's inbox for its place on the queue.
+Pushed pushCopy(Event* event, pelmoMsg* copy, const uint8_t* subject, bool hooks) {
+    Pushed pushed = Pushed::kCutOff;
+    Id_Enter(&event->header);
+    if (event->listener.inbox != nullptr) {
+        traceLine(kTraceReceive, "Internal message %p added to listener queue for subject %s",
+                  tracePointer(copy), SubjectText(subject).text);
+        pushed = EntryRing_PushBack(event->listener.inbox, copy) ? Pushed::kYes : Pushed::kNoMemory;
+        event->listener.inboundHooks.store(hooks, std::memory_order_relaxed);
+    }
+    Id_Leave(&event->header);
+    return pushed;
+}
+
+// Of a listener whose queue is gone: what waits in its inbox would wait for ever.
+void dropWaiting(Event* event) {
+    Id_Enter(&event->header);
+    while (event->listener.inbox != nullptr) {
+        auto* message = static_cast<pelmoMsg*>(EntryRing_PopFront(event->listener.inbox));
+        if (message == nullptr) break;
+        msgRelease(message);
+    }
+    Id_Leave(&event->header);
+}
+
+pelmoStatus deliverTo(Event* event, pelmoMsg* message, const uint8_t* subject, bool hooks) {
+    pelmoMsg* copy = nullptr;
+    const pelmoStatus status = msgShareCopy(&copy, message);
+    if (status != kStatusSuccess) return status;
+    const Pushed pushed = pushCopy(event, copy, subject, hooks);
+    if (pushed != Pushed::kYes) {
+        msgRelease(copy);
+        return pushed == Pushed::kNoMemory ? kStatusNoMemory : kStatusSuccess;
+    }
+    const pelmoStatus posted = Event_Post(event);
+    if (posted == kStatusInvalidQueue) dropWaiting(event);
+    return posted == kStatusNoMemory ? posted : kStatusSuccess;
+}
+
+// Entries for listeners of one queue, on their way to it.
+class Collector {
+  public:
+    Collector() = default;
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
+
+    // Takes the message over.
+    void add(const Event* event, pelmoMsg* message) {
+        if (event->queueId != queueId_ || count_ == kMostEntries) flush();
+        queueId_ = event->queueId;
+        entries_[count_++] = {event->header.id, message};
+    }
+
+    void flush() {
+        if (count_ == 0) return;
+        const uint32_t count = std::exchange(count_, 0);
+        Queue_PostBatch(queueId_, {entries_, count});
+    }
+
+  private:
+    PostEntry entries_[kMostEntries];
+    uint32_t count_ = 0;
+    uint32_t queueId_ = kNoId;
+};
+
+// A run of messages on one subject looks it up once.
+struct BatchMatch {
+    HeldListeners listeners;
+    uint8_t subject[kSubjectMaxBytes];  // length 0: of none
+    bool isInbox = false;
+
+    BatchMatch() { forget(); }
+
+    void forget() { std::memset(subject, 0, 2); }
+
+    [[nodiscard]] bool isFor(const uint8_t* other) const {
+        return subjectLength(subject) == subjectLength(other) &&
+               std::memcmp(subject, other, subjectLength(other)) == 0;
+    }
+
+    // False where memory ran out.
+    [[nodiscard]] bool find(SubjectList* list, const uint8_t* other) {
+        if (isFor(other)) return true;
+        forget();
+        if (!listeners.hold(sublistMatch(list, other))) return false;
+        isInbox = subjectIsInbox(other);
+        if (!listeners.events().empty()) std::memcpy(subject, other, subjectLength(other));
+        return true;
+    }
+};
+
+// Takes the message over, unless no listener takes it.
+bool collectFor(Transport* transport,
+                const BatchMatch& match,
+                pelmoMsg* message,
+                Collector& collector) {
+    const std::span<Event* const> events = match.listeners.events();
+    const bool hooks = transportHasHooks(transport, kHookInbound);
+    const bool firstOnly = transport->firstListenerOnly;
+    const bool share = !firstOnly && events.size() > 1;
+    bool taken = false;
+    for (Event* event : events) {
+        if (event->listener.isInbox != match.isInbox) continue;
+        noteInboundHooks(event, hooks);
+        pelmoMsg* given = message;
+        if (share && msgShareCopy(&given, message) != kStatusSuccess) continue;
+        collector.add(event, given);
+        taken = true;
+        if (firstOnly) break;
+    }
+    return taken && !share;
+}
+
+void batchOne(Transport* transport, pelmoMsg* message, BatchMatch& match, Collector& collector) {
+    const uint8_t* subject = nullptr;
+    bool kept = false;
+    if (msgOpenEnvelope(message) == kStatusSuccess &&
+        messageSubject(message, &subject) == kStatusSuccess) {
+        traceAdvisory(message, subject, "Process received advisory from network");
+        if (match.find(transport->subjects, subject)) {
+            if (match.listeners.events().empty()) {
+                if (!transport->quietUnhandled) logUnhandled(message, subject);
+            } else {
+                kept = collectFor(transport, match, message, collector);
+            }
+        }
+    }
+    if (!kept) msgRelease(message);
+}
+
+}  // namespace
+
+pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message) {
+    if (!msgIsValid(message)) return kStatusInvalidMessage;
+    const uint8_t* subject = nullptr;
+    pelmoStatus status = messageSubject(message, &subject);
+    if (status != kStatusSuccess) return status;
+    traceAdvisory(message, subject, "Internally generated advisory");
+    SubjectList* list = transport->subjects;
+    HeldListeners listeners;
+    if (!listeners.hold(subjectIsInbox(subject) ? sublistFind(list, subject)
+                                                : sublistMatch(list, subject))) {
+        return kStatusNoMemory;
+    }
+    if (listeners.events().empty()) {
+        logUnhandled(message, subject);
+        return kStatusSuccess;
+    }
+    const bool hooks = transportHasHooks(transport, kHookInbound);
+    for (Event* event : listeners.events()) {
+        const pelmoStatus delivered = deliverTo(event, message, subject, hooks);
+        if (delivered != kStatusSuccess) status = delivered;
+    }
+    return status;
+}
+
+void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> messages) {
+    Collector collector;
+    BatchMatch match;
+    Id_Enter(&transport->header);
+    for (pelmoMsg* message : messages) {
+        batchOne(transport, message, match, collector);
+    }
+    Id_Leave(&transport->header);
+    collector.flush();
+}
+
+pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message) {
+    Held<Transport> held;
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) {
+        msgRelease(message);
+        return kStatusInvalidTransport;
+    }
+    pelmoStatus status = msgPrepareShared(message);
+    if (status != kStatusSuccess) return status;  // not a message: nothing to release
+    switch (held->kind) {
+        case TransportKind::kIntraProcess:
+            status = Transport_Deliver(held.pointer(), message);
+            msgRelease(message);
+            break;
+        case TransportKind::kNetwork:
+            held.leave();
+            Transport_DeliverBatch(held.pointer(), {&message, 1});
+            break;
+        case TransportKind::kCircuit:
+            status = circuitOps.deliver(held.pointer(), message);
+            break;
+    }
+    return status;
+}
+
+pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message) {
+    if (!libraryIsOpen()) {
+        if (msgIsValid(message)) msgRelease(message);
+        return kStatusNotInitialized;
+    }
+    traceLine(kTraceTransport, "pelmoTransport_Distribute(%u, %p)", transport,
+              tracePointer(message));
+    if (!msgIsValid(message)) return kStatusInvalidMessage;
+    return transportDistribute(transport, message);
+}

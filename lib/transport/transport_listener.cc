@@ -1,0 +1,154 @@
+// Listeners: what subjects a transport delivers, and to whom.
+
+#include <cstring>
+
+#include "lib/containers/dpa.h"
+#include "lib/containers/entry_ring.h"
+#include "lib/containers/subject.h"
+#include "lib/msg/message.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/event.h"
+#include "lib/runtime/event_object.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/transport_ops.h"
+#include "lib/transport/transport.h"
+#include "lib/transport/transport_object.h"
+
+namespace {
+
+constexpr int32_t kListenerSubjectBytes = 200;
+constexpr uint32_t kListenerInbox = 4;  // messages of room
+
+// An inbox of the daemon's: any network transport may listen to it.
+bool isDaemonInbox(const uint8_t* subject) {
+    return subjectElementEquals(subject, 3, "DAEMON") ||
+           subjectElementEquals(subject, 3, "ROUTED") || subjectElementEquals(subject, 4, "ROUTED");
+}
+
+bool isOwnInbox(const Transport* transport, const char* text) {
+    return std::strncmp(text, transport->inboxPrefix, std::strlen(transport->inboxPrefix)) == 0;
+}
+
+bool mayListenToInboxLocked(const Transport* transport, const uint8_t* subject, const char* text) {
+    if (!transport->inboxWildcards && subjectHasWildcard(subject)) return false;
+    switch (transport->kind) {
+        case TransportKind::kIntraProcess:
+            return subjectElementCount(subject) == 2;
+        case TransportKind::kNetwork:
+            return subjectElementCount(subject) >= 3 &&
+                   (isDaemonInbox(subject) || isOwnInbox(transport, text));
+        case TransportKind::kCircuit:
+            break;
+    }
+    return isOwnInbox(transport, text);
+}
+
+// Binds a listener, of which the caller holds the base reference, and gives it its id.
+pelmoStatus bindLocked(
+    Transport* transport, Event* listener, const uint8_t* subject, uint32_t* out, bool* isFirst) {
+    SubjectNode* node = nullptr;
+    if (!sublistAdd(transport->subjects, subject, listener, &node)) return kStatusNoMemory;
+    *isFirst = sublistNodeValueCount(node) == 1;
+    if (Id_SetGlobal(&listener->header, out) == kStatusSuccess) return kStatusSuccess;
+    (void)transportForgetListener(transport, listener, subject, nullptr);
+    return kStatusNoMemory;
+}
+
+}  // namespace
+
+bool transportForgetListener(Transport* transport,
+                             Event* event,
+                             const uint8_t* subject,
+                             uint32_t* remaining) {
+    return sublistRemove(transport->subjects, subject, event, remaining) != 0;
+}
+
+void listenerCutOff(Event* event) {
+    Id_Enter(&event->header);
+    EntryRing* inbox = event->listener.inbox;
+    event->listener.inbox = nullptr;
+    event->listener.transportId.store(kNoId, std::memory_order_relaxed);
+    Id_Leave(&event->header);
+    while (inbox != nullptr && inbox->count != 0) {
+        msgRelease(static_cast<pelmoMsg*>(EntryRing_PopFront(inbox)));
+    }
+    EntryRing_Destroy(inbox);
+}
+
+pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request) {
+    if (request.subject == nullptr) return kStatusInvalidSubject;
+    if (Id_Check(request.queueId, IdType::kQueue) != kStatusSuccess) return kStatusInvalidQueue;
+    Held<Transport> held;
+    if (held.get(request.transportId, IdAccess::kLocked) != kStatusSuccess || held->destroying ||
+        (held->kind == TransportKind::kNetwork && held->link == nullptr)) {
+        return kStatusInvalidTransport;
+    }
+    uint8_t subject[kListenerSubjectBytes];
+    if (subjectFromText(subject, sizeof subject, request.subject) < 0) return kStatusInvalidSubject;
+    const bool isInbox = subjectIsInbox(subject);
+    if (isInbox && !mayListenToInboxLocked(held.pointer(), subject, request.subject)) {
+        return kStatusInvalidSubject;
+    }
+    Event* listener = Event_NewListener(request, isInbox, kListenerInbox);
+    if (listener == nullptr) return kStatusNoMemory;
+    bool isFirst = false;
+    const pelmoStatus status = bindLocked(held.pointer(), listener, subject, out, &isFirst);
+    if (status != kStatusSuccess) {
+        Id_Release(&listener->header, false);
+        return status;
+    }
+    held.leave();
+    if (held->kind == TransportKind::kNetwork && isFirst && (!isInbox || isDaemonInbox(subject))) {
+        // Where this fails, the next connection tells the daemon.
+        (void)daemonLinkOps.interest(held.pointer(), subject, kInterestStart);
+    }
+    return kStatusSuccess;
+}
+
+pelmoStatus Transport_RemoveListener(uint32_t transport, Event* event) {
+    listenerCutOff(event);
+    uint8_t subject[kListenerSubjectBytes];
+    if (subjectFromText(subject, sizeof subject, event->listener.subject) < 0) {
+        return kStatusInvalidSubject;
+    }
+    Held<Transport> held;
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
+    uint32_t remaining = 0;
+    const bool removed = transportForgetListener(held.pointer(), event, subject, &remaining);
+    const bool linked = held->kind == TransportKind::kNetwork && held->link != nullptr;
+    held.leave();
+    if (removed && remaining == 0 && linked && !subjectIsInbox(subject)) {
+        (void)daemonLinkOps.interest(held.pointer(), subject, kInterestStop);
+    }
+    return kStatusSuccess;
+}
+
+uint32_t pelmoTransport_HasInterest(uint32_t transport, const char* subject) {
+    if (!libraryIsOpen()) return 0;
+    traceLine(kTraceTransport, "pelmoTransport_HasInterest(%u, \"%s\")", transport,
+              traceText(subject));
+    uint8_t packed[kSubjectMaxBytes];
+    if (subject == nullptr || subjectFromText(packed, sizeof packed, subject) < 0) return 0;
+    const bool isInbox = subjectIsInbox(packed);
+    Held<Transport> held;
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return 0;
+    const Dpa* matches = sublistMatch(held->subjects, packed);
+    for (uint32_t i = 0; matches != nullptr && i < matches->count; ++i) {
+        if (static_cast<const Event*>(matches->items[i])->listener.isInbox == isInbox) return 1;
+    }
+    return 0;
+}
+
+uint32_t pelmoTransport_FindInterest(uint32_t transport,
+                                     const uint8_t* subject,
+                                     uint32_t* outEvent) {
+    if (!libraryIsOpen()) return 0;
+    traceLine(kTraceTransport, "pelmoTransport_FindInterest(%u)", transport);
+    if (subject == nullptr || outEvent == nullptr || subjectElementCount(subject) == 0) return 0;
+    Held<Transport> held;
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return 0;
+    const Dpa* values = sublistFind(held->subjects, subject);
+    if (values == nullptr) return 0;
+    *outEvent = static_cast<const Event*>(values->items[0])->header.id;
+    return 1;
+}

@@ -1,0 +1,311 @@
+// Network transports: their creation, and the settings that they share with the daemon connection.
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "lib/base/text.h"
+#include "lib/msg/message.h"
+#include "lib/msg/message_typed.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/library.h"
+#include "lib/transport/transport.h"
+#include "lib/transport/transport_object.h"
+
+namespace {
+
+// Messages that tell the daemon of a setting: the letter, and the first version that knows it.
+struct ControlKind {
+    const char* letter;
+    DaemonVersion since;
+};
+constexpr ControlKind kControlHidden = {"C", {8, 0, 2}};
+constexpr ControlKind kControlEcho = {"E", {8, 0, 2}};
+constexpr ControlKind kControlReliability = {"R", {8, 2, 0}};
+constexpr ControlKind kControlDescription = {"D", {6, 0, 0}};
+constexpr ControlKind kControlHttpAddress = {"H", {6, 0, 0}};
+
+const char* traceBool(bool value) {
+    return value ? "true" : "false";
+}
+
+pelmoStatus createLocked(Held<Transport>& held,
+                         const char* service,
+                         const char* network,
+                         const char* daemon,
+                         bool resume) {
+    Transport* transport = held.pointer();
+    const pelmoStatus status = daemonLinkOps.create(transport, service, network, daemon, resume);
+    if (status != kStatusSuccess) return status;
+    std::snprintf(transport->inboxPrefix, sizeof transport->inboxPrefix, "_INBOX.%s.",
+                  transport->link->session);
+    if (Id_SetGlobal(&transport->header, nullptr) != kStatusSuccess) return kStatusNoMemory;
+    if (transport->directEndpoint != nullptr) {
+        endpointOps.setTransport(transport->directEndpoint, transport->header.id);
+    }
+    return kStatusSuccess;
+}
+
+// Of a transport that never got an id: nobody else knows it.
+void abandon(Held<Transport>& held) {
+    Transport* transport = held.pointer();
+    transport->destroying = true;
+    ReliableEndpoint* endpoint = std::exchange(transport->directEndpoint, nullptr);
+    held.leave();
+    if (transport->link != nullptr) daemonLinkOps.stop(transport);
+    held.release();
+    if (endpoint != nullptr) endpointOps.close(endpoint);
+}
+
+pelmoStatus createNetwork(
+    uint32_t* out, const char* service, const char* network, const char* daemon, bool resume) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    if (out == nullptr) return kStatusInvalidArgument;
+    if (daemonLinkOps.create == nullptr) return kStatusDaemonNotConnected;
+    Held<Transport> held;
+    Transport* transport = Transport_New(TransportKind::kNetwork);
+    if (transport == nullptr) return kStatusNoMemory;
+    held.adopt(transport);
+    held.enter();
+    const pelmoStatus status = createLocked(held, service, network, daemon, resume);
+    if (status != kStatusSuccess) {
+        abandon(held);
+        return status;
+    }
+    const uint32_t id = transport->header.id;
+    // The base reference stays with the id.
+    held.leave();
+    (void)held.take();
+    *out = id;
+    return kStatusSuccess;
+}
+
+// Any of the calls on a network transport: the library open, the transport there and locked, its
+// kind the right one.
+pelmoStatus holdNetwork(Held<Transport>& held, uint32_t transport) {
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
+    const bool linked = held->kind == TransportKind::kNetwork && held->link != nullptr;
+    return linked ? kStatusSuccess : kStatusNotPermitted;
+}
+
+using AddData = pelmoStatus (*)(pelmoMsg* message, const void* value);
+
+pelmoStatus addBool(pelmoMsg* message, const void* value) {
+    return pelmoMsg_AddBool(message, "data", *static_cast<const bool*>(value) ? 1 : 0, 0);
+}
+
+pelmoStatus addSeconds(pelmoMsg* message, const void* value) {
+    return pelmoMsg_AddF64(message, "data", *static_cast<const double*>(value), 0);
+}
+
+pelmoStatus addText(pelmoMsg* message, const void* value) {
+    return pelmoMsg_AddString(message, "data", static_cast<const char*>(value), 0);
+}
+
+pelmoStatus fillControl(pelmoMsg* message,
+                        const ControlKind& kind,
+                        AddData addData,
+                        const void* value) {
+    pelmoStatus status = pelmoMsg_AddString(message, "mtype", "S", 0);
+    if (status == kStatusSuccess) {
+        status = pelmoMsg_AddString(message, "control", kind.letter, 0);
+    }
+    return status == kStatusSuccess ? addData(message, value) : status;
+}
+
+// Tells the daemon, unless it is too old. Without a connection nothing is lost: the next one begins
+// with the settings as they are then.
+pelmoStatus sendControl(Held<Transport>& held,
+                        const ControlKind& kind,
+                        AddData addData,
+                        const void* value) {
+    if (held->link->version < kind.since) return kStatusSuccess;
+    pelmoMsg* message = nullptr;
+    pelmoStatus status = pelmoMsg_Create(&message);
+    if (status != kStatusSuccess) return status;
+    status = fillControl(message, kind, addData, value);
+    if (status == kStatusSuccess) {
+        held.leave();
+        status = daemonLinkOps.send(held.pointer(), message);
+    }
+    msgRelease(message);
+    return status == kStatusDaemonNotConnected ? kStatusSuccess : status;
+}
+
+pelmoStatus setText(uint32_t transport,
+                    const char* text,
+                    char* DaemonLink::*member,
+                    const ControlKind& kind) {
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    if (status != kStatusSuccess) return status;
+    const char* given = text != nullptr ? text : "";
+    char* copy = concat2(given, "");
+    if (copy == nullptr) return kStatusNoMemory;
+    char*& kept = held->link->*member;
+    std::free(kept);
+    kept = copy;
+    return sendControl(held, kind, addText, given);
+}
+
+pelmoStatus giveText(Held<Transport>& held, char* DaemonLink::*member, const char** out) {
+    if (out == nullptr) return kStatusInvalidArgument;
+    const char* text = held->link->*member;
+    *out = text != nullptr ? text : "";
+    return kStatusSuccess;
+}
+
+pelmoStatus getText(uint32_t transport, char* DaemonLink::*member, const char** out) {
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    return status == kStatusSuccess ? giveText(held, member, out) : status;
+}
+
+// What the transport was made with: other kinds count as none.
+pelmoStatus getOrigin(uint32_t transport, char* DaemonLink::*member, const char** out) {
+    Held<Transport> held;
+    if (holdNetwork(held, transport) != kStatusSuccess) return kStatusInvalidTransport;
+    return giveText(held, member, out);
+}
+
+// Calls that are the daemon connection's own.
+template <typename Operation, typename... Arguments>
+pelmoStatus passOn(uint32_t transport, Operation operation, Arguments... arguments) {
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    if (status != kStatusSuccess) return status;
+    held.leave();
+    return operation(held.pointer(), arguments...);
+}
+
+}  // namespace
+
+pelmoStatus pelmoTransport_CreateNetwork(uint32_t* out,
+                                         const char* service,
+                                         const char* network,
+                                         const char* daemon) {
+    const pelmoStatus status = createNetwork(out, service, network, daemon, true);
+    if (status != kStatusSuccess) return status;
+    traceLine(kTraceTransport, "pelmoTransport_CreateNetwork(%u, \"%s\", \"%s\", \"%s\")", *out,
+              traceText(service), traceText(network), traceText(daemon));
+    return status;
+}
+
+pelmoStatus pelmoTransport_CreateNetworkNoResume(uint32_t* out,
+                                                 const char* service,
+                                                 const char* network,
+                                                 const char* daemon) {
+    const pelmoStatus status = createNetwork(out, service, network, daemon, false);
+    if (status != kStatusSuccess) return status;
+    traceLine(kTraceTransport, "pelmoTransport_CreateNetworkNoResume(%u, \"%s\", \"%s\", \"%s\")",
+              *out, traceText(service), traceText(network), traceText(daemon));
+    return status;
+}
+
+// The rest trace on entry, and differ in little else.
+#define PELMO_TRANSPORT_CALL(...)                       \
+    if (!libraryIsOpen()) return kStatusNotInitialized; \
+    traceLine(kTraceTransport, __VA_ARGS__)
+
+pelmoStatus pelmoTransport_GetService(uint32_t transport, const char** out) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_GetService(%u, %p)", transport, tracePointer(out));
+    return getOrigin(transport, &DaemonLink::service, out);
+}
+
+pelmoStatus pelmoTransport_GetNetwork(uint32_t transport, const char** out) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_GetNetwork(%u, %p)", transport, tracePointer(out));
+    return getOrigin(transport, &DaemonLink::network, out);
+}
+
+pelmoStatus pelmoTransport_GetDaemon(uint32_t transport, const char** out) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_GetDaemon(%u, %p)", transport, tracePointer(out));
+    return getOrigin(transport, &DaemonLink::daemon, out);
+}
+
+pelmoStatus pelmoTransport_SetDescription(uint32_t transport, const char* text) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_SetDescription(%u, \"%s\")", transport, traceText(text));
+    return setText(transport, text, &DaemonLink::description, kControlDescription);
+}
+
+pelmoStatus pelmoTransport_GetDescription(uint32_t transport, const char** out) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_GetDescription(%u, %p)", transport, tracePointer(out));
+    return getText(transport, &DaemonLink::description, out);
+}
+
+pelmoStatus pelmoTransport_SetHttpAddress(uint32_t transport, const char* text) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_SetHttpAddress(%u, \"%s\")", transport, traceText(text));
+    return setText(transport, text, &DaemonLink::httpAddress, kControlHttpAddress);
+}
+
+pelmoStatus pelmoTransport_GetHttpAddress(uint32_t transport, const char** out) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_GetHttpAddress(%u, %p)", transport, tracePointer(out));
+    return getText(transport, &DaemonLink::httpAddress, out);
+}
+
+pelmoStatus pelmoTransport_SetHidden(uint32_t transport, bool hidden) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_SetHidden(%u, \"%s\")", transport, traceBool(hidden));
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    if (status != kStatusSuccess) return status;
+    held->link->hide = hidden;
+    held->reservedAllowed = hidden;
+    held->inboxWildcards = hidden;
+    return sendControl(held, kControlHidden, addBool, &hidden);
+}
+
+pelmoStatus pelmoTransport_SetEcho(uint32_t transport, bool echo) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_SetEcho(%u, \"%s\")", transport, traceBool(echo));
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    if (status != kStatusSuccess) return status;
+    held->link->echo = echo;
+    return sendControl(held, kControlEcho, addBool, &echo);
+}
+
+pelmoStatus pelmoTransport_RequestReliability(uint32_t transport, double seconds) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_RequestReliability(%u, %f)", transport, seconds);
+    if (!(seconds > 0)) return kStatusInvalidArgument;
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    if (status != kStatusSuccess) return status;
+    held->link->reliabilitySeconds = seconds;
+    return sendControl(held, kControlReliability, addSeconds, &seconds);
+}
+
+pelmoStatus pelmoTransport_SetBatchMode(uint32_t transport, uint32_t mode) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_SetBatchMode(%u, %u)", transport, mode);
+    return passOn(transport, daemonLinkOps.setBatchMode, mode);
+}
+
+pelmoStatus pelmoTransport_SetBlockingOnExcessiveBacklog(uint32_t transport, bool blocking) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_SetBlockingOnExcessiveBacklog(%u, \"%s\")", transport,
+                         traceBool(blocking));
+    return passOn(transport, daemonLinkOps.setBlocking, blocking);
+}
+
+pelmoStatus pelmoTransport_SetSendingWaitLimit(uint32_t transport, uint32_t limit) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_SetSendingWaitLimit(%u, %u)", transport, limit);
+    return passOn(transport, daemonLinkOps.setWaitLimit, limit);
+}
+
+pelmoStatus pelmoTransport_GetSendingWaitLimit(uint32_t transport, uint32_t* out) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_GetSendingWaitLimit(%u, %p)", transport,
+                         tracePointer(out));
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    if (status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    held.leave();
+    return daemonLinkOps.getWaitLimit(held.pointer(), out);
+}
+
+pelmoStatus pelmoTransport_HoldSends(uint32_t transport) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_HoldSends(%u)", transport);
+    return passOn(transport, daemonLinkOps.hold);
+}
+
+pelmoStatus pelmoTransport_ReleaseSends(uint32_t transport) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_ReleaseSends(%u)", transport);
+    return passOn(transport, daemonLinkOps.flush);
+}
+#undef PELMO_TRANSPORT_CALL

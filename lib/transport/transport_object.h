@@ -1,0 +1,139 @@
+// The transport's record, and what the floor of the transports does with it. The calls for
+// applications stand in lib/transport/transport.h.
+//
+// Order of locks: a circuit's object lock, that of the transport beneath it, the intra-process
+// transport's; then those of queues and events. Posting may run a queue's hook, or send an advisory
+// that comes back to the same transport on the same thread: the lock is recursive for that, and
+// nobody walks a list of the record while posting.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "lib/base/status.h"
+#include "lib/containers/dict.h"
+#include "lib/containers/sublist.h"
+#include "lib/runtime/id.h"
+#include "lib/transport/transport_hooks.h"
+#include "lib/transport/transport_links.h"
+
+struct Dpa;
+struct Event;
+struct ListenerRequest;
+struct pelmoMsg;
+
+enum class TransportKind : uint32_t { kIntraProcess, kNetwork, kCircuit };
+
+inline constexpr uint32_t kMostSpareQueues = 4;
+
+// "_INBOX.", a session and a dot.
+inline constexpr uint32_t kInboxPrefixBytes = kSessionBytes + 16;
+
+struct Transport {
+    static constexpr IdType kIdType = IdType::kTransport;
+    IdHeader header;
+
+    // Constant after creation.
+    TransportKind kind;
+    char inboxPrefix[kInboxPrefixBytes];  // what each inbox begins with, its last dot included
+    DaemonLink* link;         // kNetwork; may be null for another, and never changes to null
+    VirtualCircuit* circuit;  // kCircuit
+    uint32_t underlying;      // kCircuit: id of the transport beneath
+
+    // Guarded by the object lock.
+    bool destroying;  // from the start of the destroy: no listener, no request more
+    bool firstListenerOnly;
+    bool quietUnhandled;
+    bool reservedAllowed;
+    bool inboxWildcards;
+    uint64_t nextInbox;
+    SubjectList* subjects;             // of Event, whose base reference keeps it
+    Dpa* spareQueues;                  // ids, for requests
+    Dict32* requestQueues;             // id of each request's queue; the value means nothing
+    Dpa* hooks[kHookKinds];            // of TransportHook; null: none yet
+    ReliableEndpoint* directEndpoint;  // kNetwork; null: none
+    uint16_t directPort;               // 0: none
+    bool autoStart;                    // the next three are the daemon connection's
+    uint32_t reconnectCount;
+    double lastDisconnectSeconds;
+};
+
+// Fills transportOps. Ahead of the first open.
+void transportAttach();
+
+// Life
+
+// kStatusNoMemory for any failure.
+[[nodiscard]] pelmoStatus Transport_CreateIntraProcess();
+
+// A record without an id, link and circuit: the caller's base reference. Null where memory ran out.
+[[nodiscard]] Transport* Transport_New(TransportKind kind);
+
+// Delivery
+
+// To the listeners of the message's subject, a copy for each; an advisory of class "WARN" or
+// "ERROR" without a listener is logged. The caller holds the object lock and keeps the message.
+// kStatusInvalidMessage, kStatusInvalidSubject; kStatusNoMemory where a listener went without.
+[[nodiscard]] pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message);
+
+// What came from outside, in order. Owns the messages; one that is malformed, or has no send
+// subject, is dropped. Takes the object lock; the caller holds a reference, and the lock at most
+// where it can't help it.
+void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> messages);
+
+// Listeners
+
+// What transportOps.addListener and removeListener do. kStatusInvalidSubject, kStatusInvalidQueue,
+// kStatusInvalidTransport, kStatusNoMemory.
+[[nodiscard]] pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request);
+pelmoStatus Transport_RemoveListener(uint32_t transport, Event* event);
+
+// Takes a listener off the list, not its id or inbox; how many stay at its subject. False where it
+// wasn't there. The caller holds the object lock.
+bool transportForgetListener(Transport* transport,
+                             Event* event,
+                             const uint8_t* subject,
+                             uint32_t* remaining);
+
+// Empties and frees the inbox; nothing is delivered to the listener afterwards.
+void listenerCutOff(Event* event);
+
+// Writes the next inbox's subject, whole or cut to size; the length that it has whole. The caller
+// holds the object lock.
+[[nodiscard]] uint32_t transportNextInbox(Transport* transport, char* buffer, uint32_t size);
+
+// Messages
+
+// The packed send subject: of the open envelope, or else of the field "sub". It lies in the image,
+// good while nothing changes that. kStatusInvalidSubject.
+[[nodiscard]] pelmoStatus messageSubject(pelmoMsg* message, const uint8_t** out);
+
+[[nodiscard]] bool subjectElementEquals(const uint8_t* subject, uint32_t index, const char* word);
+[[nodiscard]] bool subjectIsInbox(const uint8_t* subject);
+
+// Ahead of sending: checks the subject, and gives a reference on what is to be sent: the message,
+// or, where its envelope has fields that this library doesn't make, a copy with a plain one. The
+// caller holds the object lock. kStatusInvalidMessage, kStatusInvalidSubject, kStatusNoMemory.
+[[nodiscard]] pelmoStatus transportMakeReady(Transport* transport,
+                                             pelmoMsg* message,
+                                             pelmoMsg** out);
+
+// Advisories
+
+[[nodiscard]] pelmoStatus advisoryCreate(pelmoMsg** out,
+                                         const char* advisoryClass,
+                                         const char* source,
+                                         const char* name,
+                                         const char* description);
+pelmoStatus advisorySend(uint32_t transport,
+                         const char* advisoryClass,
+                         const char* source,
+                         const char* name,
+                         const char* description);
+
+// pelmoTransport_Distribute, whether the library is open or not.
+pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message);
+
+// Is it an advisory of class "WARN" or "ERROR", or, with `infoToo`, "INFO"?
+[[nodiscard]] bool subjectIsAdvisory(const uint8_t* subject, bool infoToo);

@@ -1,0 +1,166 @@
+// Requests: a message that wants an answer, and the wait for it.
+//
+// Each request has a queue of its own, one of the transport's spare ones if there is any, and a
+// one-shot inbox. An answer that comes too late finds no listener; one that was posted too late is
+// met by the next request on that queue as an entry of an event that is gone.
+
+#include <utility>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/envelope.h"
+#include "lib/msg/message.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/dispatch.h"
+#include "lib/runtime/event.h"
+#include "lib/runtime/event_object.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue.h"
+#include "lib/runtime/transport_ops.h"
+#include "lib/transport/transport.h"
+#include "lib/transport/transport_object.h"
+
+namespace {
+
+constexpr uint32_t kOneReply = 1;
+
+struct Request {
+    Held<Transport> transport;
+    uint32_t queueId = kNoId;
+    Event* listener = nullptr;  // one reference
+    char inbox[kSubjectTextBytes];
+    uint8_t packedInbox[kSubjectMaxBytes];
+};
+
+void onReply(uint32_t /*event*/, pelmoMsg* message, void* closure) {
+    auto* slot = static_cast<pelmoMsg**>(closure);
+    if (*slot == nullptr && pelmoMsg_Detach(message) == kStatusSuccess) *slot = message;
+}
+
+// The steps of a start; the caller holds the object lock. What stands is ended by endLocked.
+
+pelmoStatus takeQueueLocked(Request& request) {
+    Dpa* spare = request.transport->spareQueues;
+    if (spare->count != 0) {
+        request.queueId = idFromItem(spare->items[--spare->count]);
+        return kStatusSuccess;
+    }
+    return pelmoQueue_Create(&request.queueId);
+}
+
+pelmoStatus listenLocked(Request& request, pelmoMsg** slot) {
+    Transport* transport = request.transport.pointer();
+    (void)transportNextInbox(transport, request.inbox, sizeof request.inbox);
+    if (subjectFromText(request.packedInbox, sizeof request.packedInbox, request.inbox) < 0) {
+        return kStatusInvalidSubject;
+    }
+    const ListenerRequest wanted = {.queueId = request.queueId,
+                                    .transportId = transport->header.id,
+                                    .subject = request.inbox,
+                                    .kind = ListenerKind::kPlain,
+                                    .callback = onReply,
+                                    .vectorCallback = nullptr,
+                                    .vectorGroup = nullptr,
+                                    .closure = slot};
+    Event* listener = Event_NewListener(wanted, true, kOneReply);
+    if (listener == nullptr) return kStatusNoMemory;
+    Id_AddRef(&listener->header);
+    request.listener = listener;
+    if (!sublistAdd(transport->subjects, request.packedInbox, listener, nullptr) ||
+        Id_SetGlobal(&listener->header, nullptr) != kStatusSuccess) {
+        // The base reference, which no id stands for.
+        Id_Release(&listener->header, false);
+        return kStatusNoMemory;
+    }
+    return kStatusSuccess;
+}
+
+pelmoStatus startLocked(Request& request, pelmoMsg** slot) {
+    Transport* transport = request.transport.pointer();
+    if (transport->destroying) return kStatusInvalidTransport;
+    if (transport->kind == TransportKind::kNetwork && transport->link == nullptr) {
+        return kStatusInvalidTransport;
+    }
+    pelmoStatus status = takeQueueLocked(request);
+    if (status != kStatusSuccess) return status;
+    status = listenLocked(request, slot);
+    if (status != kStatusSuccess) return status;
+    return dict32Insert(transport->requestQueues, request.queueId, transport);
+}
+
+void endListenerLocked(Request& request) {
+    Event* listener = std::exchange(request.listener, nullptr);
+    if (listener == nullptr) return;
+    if (Id_Invalidate(&listener->header) == kStatusSuccess) Id_Release(&listener->header, false);
+    (void)transportForgetListener(request.transport.pointer(), listener, request.packedInbox,
+                                  nullptr);
+    Id_Release(&listener->header, false);
+}
+
+// A queue that didn't serve to the end of its wait isn't kept.
+void endLocked(Request& request, bool queueServes) {
+    Transport* transport = request.transport.pointer();
+    dict32Remove(transport->requestQueues, request.queueId, nullptr);
+    Dpa* spare = transport->spareQueues;
+    const bool keeps = queueServes && !transport->destroying && spare->count < kMostSpareQueues &&
+                       dpaAppend(spare, idToItem(request.queueId));
+    endListenerLocked(request);
+    if (!keeps && request.queueId != kNoId) {
+        pelmoQueue_DestroyEx(request.queueId, nullptr, nullptr);
+    }
+}
+
+pelmoStatus awaitReply(uint32_t queueId, double seconds, pelmoMsg* const* slot) {
+    while (*slot == nullptr) {
+        const pelmoStatus status = pelmoQueue_TimedDispatch(queueId, seconds);
+        if (status == kStatusTimeout) return status;
+        if (status != kStatusSuccess) return kStatusInvalidTransport;
+    }
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+pelmoStatus pelmoTransport_SendRequest(uint32_t transport,
+                                       pelmoMsg* message,
+                                       pelmoMsg** outReply,
+                                       double seconds) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "pelmoTransport_SendRequest(%u, %p, %p, %f)", transport,
+              tracePointer(message), tracePointer(outReply), seconds);
+    if (outReply == nullptr) return kStatusInvalidArgument;
+    Request request;
+    if (request.transport.get(transport, IdAccess::kLocked) != kStatusSuccess) {
+        return kStatusInvalidTransport;
+    }
+    pelmoMsg* reply = nullptr;
+    bool queueServes = true;
+    pelmoStatus status = startLocked(request, &reply);
+    if (status == kStatusSuccess) {
+        request.transport.leave();
+        status = pelmoMsg_SetReplySubject(message, request.inbox);
+        if (status == kStatusSuccess) status = pelmoTransport_Send(transport, message);
+        if (status == kStatusSuccess) {
+            status = awaitReply(request.queueId, seconds, &reply);
+            queueServes = status != kStatusInvalidTransport;
+        }
+        request.transport.enter();
+    }
+    endLocked(request, queueServes);
+    request.transport.release();
+    if (status == kStatusSuccess) *outReply = reply;
+    return status;
+}
+
+pelmoStatus pelmoTransport_SendReply(uint32_t transport, pelmoMsg* reply, pelmoMsg* request) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "pelmoTransport_SendReply(%u, %p, %p)", transport,
+              tracePointer(reply), tracePointer(request));
+    if (!msgIsValid(reply) || !msgIsValid(request)) return kStatusInvalidMessage;
+    if (Id_Check(transport, IdType::kTransport) != kStatusSuccess) return kStatusInvalidTransport;
+    const ReferenceMark before = msgMark(request);
+    const char* subject = nullptr;
+    pelmoStatus status = pelmoMsg_GetReplySubject(request, &subject);
+    if (status == kStatusSuccess) status = pelmoMsg_SetSendSubject(reply, subject);
+    msgCutBack(request, before);
+    return status == kStatusSuccess ? pelmoTransport_Send(transport, reply) : status;
+}

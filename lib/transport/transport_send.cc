@@ -1,0 +1,221 @@
+// Sending: from the application's message to the path of its transport.
+
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "lib/containers/dpa.h"
+#include "lib/containers/subject.h"
+#include "lib/msg/message.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/tracing.h"
+#include "lib/transport/transport.h"
+#include "lib/transport/transport_object.h"
+
+namespace {
+
+struct ReleaseMessage {
+    void operator()(pelmoMsg* message) const { msgRelease(message); }
+};
+using HeldMessage = std::unique_ptr<pelmoMsg, ReleaseMessage>;
+
+// All of the text, of at most so many digits.
+bool parseHex(const char* text, size_t mostDigits, uint32_t& number) {
+    const std::string_view digits(text);
+    if (digits.empty() || digits.size() > mostDigits) return false;
+    if (digits.find_first_not_of("0123456789abcdefABCDEF") != digits.npos) return false;
+    number = static_cast<uint32_t>(std::strtoul(text, nullptr, 16));
+    return true;
+}
+
+struct DirectPeer {
+    uint32_t host;
+    uint32_t port;
+};
+
+// Does the subject name an inbox that can be reached without the daemon?
+bool findDirectPeer(const uint8_t* subject, DirectPeer& peer) {
+    constexpr size_t kHostDigits = 8;
+    constexpr size_t kPortDigits = 4;
+    if (subjectElementCount(subject) < 3 || !subjectIsInbox(subject)) return false;
+    const char* port = subjectElement(subject, 3);
+    return port[0] == 'P' && parseHex(port + 1, kPortDigits, peer.port) &&
+           parseHex(subjectElement(subject, 2), kHostDigits, peer.host);
+}
+
+// The caller holds the object lock, which is left meanwhile; so in the next two.
+pelmoStatus sendDirect(Transport* transport, const DirectPeer& peer, pelmoMsg* message) {
+    ReliableEndpoint* endpoint = transport->directEndpoint;
+    Id_Leave(&transport->header);
+    const pelmoStatus status =
+        endpointOps.send(endpoint, peer.host, static_cast<uint16_t>(peer.port), {&message, 1});
+    Id_Enter(&transport->header);
+    return status;
+}
+
+pelmoStatus sendOnNetwork(Transport* transport, pelmoMsg* message) {
+    const uint8_t* subject = nullptr;
+    DirectPeer peer{};
+    if (transport->directEndpoint != nullptr &&
+        messageSubject(message, &subject) == kStatusSuccess && findDirectPeer(subject, peer)) {
+        return sendDirect(transport, peer, message);
+    }
+    if (transport->link == nullptr) return kStatusInvalidTransport;
+    Id_Leave(&transport->header);
+    const pelmoStatus status = daemonLinkOps.send(transport, message);
+    Id_Enter(&transport->header);
+    return status;
+}
+
+// What is to go out, checked and past the hooks; nothing where the transport has gone meanwhile.
+pelmoStatus prepare(Transport* transport, pelmoMsg* message, HeldMessage& ready) {
+    pelmoMsg* made = nullptr;
+    pelmoStatus status = transportMakeReady(transport, message, &made);
+    if (status != kStatusSuccess) return status;
+    status = Transport_RunHooks(transport, kHookSend, &made);
+    ready.reset(made);
+    if (status != kStatusSuccess || Id_IsInvalid(&transport->header)) ready.reset();
+    return status;
+}
+
+// Messages that leave for the daemon together.
+class Outgoing {
+  public:
+    Outgoing() = default;
+    ~Outgoing() {
+        for (uint32_t i = 0; i < count_; ++i) {
+            msgRelease(items_[i]);
+        }
+        std::free(items_);
+    }
+    Outgoing(const Outgoing&) = delete;
+    Outgoing& operator=(const Outgoing&) = delete;
+
+    [[nodiscard]] bool makeRoom(uint32_t count) {
+        items_ = static_cast<pelmoMsg**>(std::calloc(count, sizeof(pelmoMsg*)));
+        return items_ != nullptr;
+    }
+
+    void add(HeldMessage message) { items_[count_++] = message.release(); }
+
+    // The caller holds the object lock, which is left meanwhile.
+    [[nodiscard]] pelmoStatus send(Transport* transport) {
+        if (count_ == 0) return kStatusSuccess;
+        Id_Leave(&transport->header);
+        const pelmoStatus status = daemonLinkOps.sendVector(transport, {items_, count_});
+        Id_Enter(&transport->header);
+        return status;
+    }
+
+  private:
+    pelmoMsg** items_ = nullptr;
+    uint32_t count_ = 0;
+};
+
+// By a transport that isn't a circuit.
+pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, Outgoing& outgoing) {
+    switch (transport->kind) {
+        case TransportKind::kIntraProcess:
+            return Transport_Deliver(transport, ready.get());
+        case TransportKind::kNetwork: {
+            const uint8_t* subject = nullptr;
+            const bool direct = transport->directEndpoint != nullptr &&
+                                messageSubject(ready.get(), &subject) == kStatusSuccess &&
+                                subjectIsInbox(subject);
+            if (direct) return sendOnNetwork(transport, ready.get());
+            if (transport->link == nullptr) return kStatusInvalidTransport;
+            outgoing.add(std::move(ready));
+            return kStatusSuccess;
+        }
+        case TransportKind::kCircuit:
+            break;
+    }
+    return kStatusInvalidTransport;
+}
+
+pelmoStatus gatherForCircuit(Transport* circuit,
+                             HeldMessage ready,
+                             Held<Transport>& underlying,
+                             Outgoing& outgoing) {
+    pelmoMsg* wrapped = nullptr;
+    pelmoStatus status = circuitOps.wrap(circuit, ready.get(), &wrapped);
+    if (status != kStatusSuccess) return status;
+    const HeldMessage envelope(wrapped);
+    ready.reset();
+    if (!underlying && underlying.get(circuit->underlying, IdAccess::kLocked) != kStatusSuccess) {
+        return kStatusInvalidTransport;
+    }
+    HeldMessage outer;
+    status = prepare(underlying.pointer(), envelope.get(), outer);
+    if (status != kStatusSuccess || outer == nullptr) return status;
+    return sendOrGather(underlying.pointer(), std::move(outer), outgoing);
+}
+
+pelmoStatus sendAll(Transport* transport, std::span<pelmoMsg* const> messages) {
+    Held<Transport> underlying;
+    Outgoing outgoing;
+    if (messages.empty()) return kStatusSuccess;
+    if (!outgoing.makeRoom(static_cast<uint32_t>(messages.size()))) return kStatusNoMemory;
+    pelmoStatus status = kStatusSuccess;
+    for (pelmoMsg* message : messages) {
+        HeldMessage ready;
+        status = prepare(transport, message, ready);
+        if (status == kStatusSuccess && ready != nullptr) {
+            status = transport->kind == TransportKind::kCircuit
+                         ? gatherForCircuit(transport, std::move(ready), underlying, outgoing)
+                         : sendOrGather(transport, std::move(ready), outgoing);
+        }
+        if (status != kStatusSuccess) return status;
+    }
+    return outgoing.send(underlying ? underlying.pointer() : transport);
+}
+
+pelmoStatus sendVector(uint32_t transport, std::span<pelmoMsg* const> messages) {
+    Held<Transport> held;
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
+    return sendAll(held.pointer(), messages);
+}
+
+pelmoStatus sendOne(Transport* transport, pelmoMsg* message) {
+    HeldMessage ready;
+    const pelmoStatus status = prepare(transport, message, ready);
+    if (status != kStatusSuccess || ready == nullptr) return status;
+    switch (transport->kind) {
+        case TransportKind::kIntraProcess:
+            return Transport_Deliver(transport, ready.get());
+        case TransportKind::kNetwork:
+            return sendOnNetwork(transport, ready.get());
+        case TransportKind::kCircuit:
+            break;
+    }
+    return circuitOps.send(transport, ready.get());
+}
+
+}  // namespace
+
+pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceMessage(kTraceTransport, message, "pelmoTransport_Send(%u, %p)", transport,
+                 tracePointer(message));
+    if (!msgIsValid(message)) return kStatusInvalidMessage;
+    Held<Transport> held;
+    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
+    return sendOne(held.pointer(), message);
+}
+
+pelmoStatus pelmoTransport_Sendv(uint32_t transport, const Dpa* messages) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "pelmoTransport_Sendv(%u, %p)", transport, tracePointer(messages));
+    if (messages == nullptr) return kStatusInvalidArgument;
+    return sendVector(transport,
+                      {reinterpret_cast<pelmoMsg* const*>(messages->items), messages->count});
+}
+
+pelmoStatus pelmoTransport_Sendv(uint32_t transport, pelmoMsg* const* messages, uint32_t count) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "pelmoTransport_Sendv(%u, %p, %u)", transport,
+              tracePointer(messages), count);
+    if (messages == nullptr) return kStatusInvalidArgument;
+    return sendVector(transport, {messages, count});
+}
