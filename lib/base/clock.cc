@@ -12,11 +12,29 @@ timespec systemTime() {
     return now;
 }
 
+timespec monotonicTime() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now;
+}
+
 // Relaxed: a source stands for itself, nothing else is handed over with it.
 constinit std::atomic<ClockSource> source = systemTime;
+constinit std::atomic<ClockSource> monotonicSource = monotonicTime;
 
 timespec currentTime() {
     return source.load(std::memory_order_relaxed)();
+}
+
+int64_t inMilliseconds(const timespec& time) {
+    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
+}
+
+ClockSource replaceSource(std::atomic<ClockSource>& place,
+                          ClockSource wanted,
+                          ClockSource standard) {
+    const ClockSource former = place.exchange(wanted != nullptr ? wanted : standard);
+    return former == standard ? nullptr : former;
 }
 
 }  // namespace
@@ -31,6 +49,14 @@ void clockSeconds(double* out) {
     TimeSpec now;
     clockNow(&now);
     *out = now.nanoseconds / 1e9 + now.seconds;
+}
+
+double clockSteadySeconds() {
+    const auto look = [] {
+        return inMilliseconds(monotonicSource.load(std::memory_order_relaxed)());
+    };
+    static const int64_t start = inMilliseconds(currentTime()) - look();
+    return static_cast<double>(start + look()) / 1000;
 }
 
 void calendarNow(CalendarTime* out) {
@@ -60,6 +86,9 @@ void timeText(char* buffer, size_t sizeBytes) {
 }
 
 ClockSource clockSetSource(ClockSource wanted) {
-    const ClockSource former = source.exchange(wanted != nullptr ? wanted : systemTime);
-    return former == systemTime ? nullptr : former;
+    return replaceSource(source, wanted, systemTime);
+}
+
+ClockSource clockSetMonotonicSource(ClockSource wanted) {
+    return replaceSource(monotonicSource, wanted, monotonicTime);
 }

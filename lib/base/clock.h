@@ -1,4 +1,4 @@
-// The wall clock and the local calendar. All time has steps of a millisecond.
+// The wall clock, the steady clock and the local calendar. All time has steps of a millisecond.
 //
 // Threads: any.
 
@@ -31,6 +31,11 @@ struct CalendarTime {
 void clockNow(TimeSpec* out);
 void clockSeconds(double* out);
 
+// Seconds since 1970, as the wall clock told when the process first asked; from there on they go
+// with the monotonic clock and never step. For what is to come after so many seconds, not at some
+// time of the day.
+[[nodiscard]] double clockSteadySeconds();
+
 // A time whose year no calendar holds gives all zeros.
 void calendarNow(CalendarTime* out);
 void calendarFrom(int64_t time, CalendarTime* out);
@@ -42,3 +47,6 @@ void timeText(char* buffer, size_t sizeBytes);
 // Returns what stood there; null stands for the system. Sources are called from any thread.
 using ClockSource = timespec (*)();
 ClockSource clockSetSource(ClockSource source);
+
+// The same for the monotonic clock beneath the steady one.
+ClockSource clockSetMonotonicSource(ClockSource source);

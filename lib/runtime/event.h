@@ -14,11 +14,13 @@
 // Ownership: an event belongs to its creator until it is destroyed. Closures and sockets stay the
 // caller's.
 //
-// Failure: kStatusNotInitialized while the library is closed, then in this order:
-// kStatusInvalidCallback for none, kStatusInvalidEvent for no output or a bad id,
-// kStatusInvalidInterval for a negative one or none at all (NaN), kStatusInvalidQueue,
-// kStatusInvalidIoSource, kStatusInvalidIoCondition, kStatusSocketLimit, kStatusNoMemory. Listeners
-// add kStatusInvalidSubject and kStatusInvalidTransport. Outputs are written only on success.
+// Failure: kStatusNotInitialized while the library is closed. Creating then answers, in this order,
+// kStatusInvalidCallback for none, kStatusInvalidEvent for no output (for listeners the other way
+// round), kStatusInvalidInterval for a negative one or none at all (NaN), kStatusInvalidQueue,
+// kStatusInvalidIoSource, kStatusInvalidIoCondition, kStatusSocketLimit, kStatusNoMemory; listeners
+// add kStatusInvalidSubject and kStatusInvalidTransport. The others answer kStatusInvalidEvent for
+// a bad id or another kind, then kStatusInvalidArgument for no output. Outputs are written only on
+// success.
 //
 // Threads: any.
 
@@ -74,7 +76,8 @@
                                                             const char* subject);
 
 // No callback starts afterwards; one that runs goes on. The completion may be null; it runs on this
-// thread if no callback is under way, else on the thread of the last one, after it.
+// thread if no callback is under way, else on the thread of the last one, after it. In each case no
+// wait has an IO event's socket any more: the completion may close it.
 pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion);
 
 // Of any kind.
@@ -98,7 +101,7 @@ pelmoStatus pelmoEvent_ResetTimerInterval(uint32_t event, double intervalSeconds
 // For transports.
 
 // A listener's record, initialised and without an id: one reference, which the caller holds. Its
-// inbox has room as told, a power of two. Null where memory ran out.
+// inbox has room as told, a power of two. Null where memory ran out, or the queue is gone.
 [[nodiscard]] Event* Event_NewListener(const struct ListenerRequest& request,
                                        bool isInbox,
                                        uint32_t inboxCapacity);

@@ -13,6 +13,7 @@
 #include "lib/runtime/id.h"
 
 struct EntryRing;
+struct Queue;
 
 // What pelmoEvent_GetType answers.
 enum EventKind : uint32_t { kEventTimer = 1, kEventIo = 2, kEventListener = 3 };
@@ -26,8 +27,9 @@ struct TimerPart {
     std::atomic<double> interval;
 
     // Guarded by the event manager's lock: seconds since 1970 by the steady clock; changed only
-    // while the timer isn't in the timer list.
+    // while the timer isn't armed.
     double nextExpiry;
+    uint32_t place;  // among the armed timers, from 1; 0: not armed
 };
 
 struct IoPart {
@@ -67,6 +69,7 @@ struct Event {
     // Constant after creation.
     EventKind kind;
     uint32_t queueId;
+    Queue* queue;  // counted: its data lock is there for as long as the event, whatever its id
     pelmoEventCallback callback;  // null for a vector or polled listener
     void* closure;
 

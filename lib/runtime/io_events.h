@@ -1,22 +1,57 @@
 // IO events: sockets that an IO thread watches, and the events that they fire.
 //
 // Failure: kStatusInvalidIoSource for what isn't a socket, or a socket and condition that the set
-// has already; kStatusNotInitialized while the event manager doesn't run;
-// kStatusInvalidIoCondition; kStatusSocketLimit where the set can't grow; kStatusNoMemory;
-// kStatusInvalidEvent for an event that isn't registered.
+// has already; kStatusNotInitialized while the event manager, or the thread in question, doesn't
+// run; kStatusInvalidIoCondition; kStatusSocketLimit where the set can't grow; kStatusNoMemory;
+// kStatusInvalidEvent for an event that isn't registered, or that is destroyed.
 //
 // Threads: any, with no event's lock held.
 
 #pragma once
 
+#include "lib/base/annotate.h"
 #include "lib/base/status.h"
+#include "lib/base/thread.h"
+#include "lib/runtime/evm_state.h"
+#include "lib/runtime/poll_set.h"
 
 struct Event;
+struct WakeupPair;
 
 // With the set of the event's queue if that is an IO queue, else with that of the first IO thread,
 // which takes it up at once.
 [[nodiscard]] pelmoStatus Event_RegisterIO(Event* event);
 
 // On return no wait has the socket in it: its owner may close it. From an IO thread's own callback
-// there is none to wait for.
+// there is none to wait for. While the event manager stops, its threads leave their waits by
+// themselves.
 pelmoStatus Event_UnregisterIO(Event* event);
+
+// For the event manager.
+
+// What stands behind one IO thread. Guarded by evmLock where nothing else is said.
+struct IoThread {
+    uint32_t queueId;  // of its IO queue, constant
+    uint32_t epoch;    // constant
+    WakeupPair* pair;  // constant while the thread runs
+    Thread* thread;    // the stop's
+    PollSet sockets;
+
+    // Set under evmLock ahead of a poll, cleared without when it is over, and waited for by those
+    // who took a socket out.
+    std::atomic<bool> inPoll;
+};
+
+// Makes the record and its set, and enters it in the table, which the first one makes.
+[[nodiscard]] pelmoStatus ioThreadAddLocked(uint32_t queueId, IoThread** out)
+    PELMO_REQUIRES(evmLock);
+
+// From place 0 on; null behind the last.
+[[nodiscard]] IoThread* ioThreadAtLocked(uint32_t place) PELMO_REQUIRES(evmLock);
+
+// Lets go of all records and the table. Their threads have ended, or never look at them again.
+void ioThreadsClearLocked() PELMO_REQUIRES(evmLock);
+
+// One pass: waits for the sockets, at most 10 seconds, and posts the events that are ready. On the
+// thread that owns the record. False once the record's epoch has passed: it may then be gone.
+[[nodiscard]] bool ioThreadPass(IoThread* own, uint32_t epoch);

@@ -15,10 +15,10 @@ struct ListenerRequest {
     uint32_t transportId;
     const char* subject;
     ListenerKind kind;
-    pelmoEventCallback callback;         // kPlain
-    pelmoVectorCallback vectorCallback;  // kVector
-    void* vectorGroup;                   // kVector
-    void* closure;
+    pelmoEventCallback callback = nullptr;         // kPlain
+    pelmoVectorCallback vectorCallback = nullptr;  // kVector
+    void* vectorGroup = nullptr;                   // kVector
+    void* closure = nullptr;
 };
 
 struct TransportOps {

@@ -89,4 +89,15 @@ TEST(Clock, TextIsCutToItsBuffer) {
     EXPECT_EQ(timeStampTexts(nullptr, nullptr), 0u);
 }
 
+TEST(Clock, SteadySecondsGoWithTheMonotonicClockAlone) {
+    FixedClock wall(1'700'000'000);
+    FixedMonotonic steady(100);
+    const double start = clockSteadySeconds();
+    wall.set(1'700'003'600);
+    EXPECT_EQ(clockSteadySeconds(), start);
+    wall.set(0);
+    steady.set(101, 1'999'999);
+    EXPECT_NEAR(clockSteadySeconds(), start + 1.001, 1e-6);
+}
+
 }  // namespace

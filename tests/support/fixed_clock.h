@@ -1,5 +1,6 @@
-// A wall clock that stands still until it is set: for as long as it exists, clockNow and all that
-// rests on it tell its time. One at a time.
+// Clocks that stand still until they are set. FixedClock is the wall clock: for as long as it
+// exists, clockNow and all that rests on it tell its time. FixedMonotonic is the monotonic clock
+// beneath clockSteadySeconds. One of each at a time.
 
 #pragma once
 
@@ -7,14 +8,15 @@
 
 #include "lib/base/clock.h"
 
-struct FixedClock {
-    explicit FixedClock(int64_t seconds, int64_t nanoseconds = 0) {
+template <ClockSource (*setSource)(ClockSource)>
+struct ClockThatStands {
+    explicit ClockThatStands(int64_t seconds, int64_t nanoseconds = 0) {
         set(seconds, nanoseconds);
-        former = clockSetSource(tell);
+        former = setSource(tell);
     }
-    ~FixedClock() { clockSetSource(former); }
-    FixedClock(const FixedClock&) = delete;
-    FixedClock& operator=(const FixedClock&) = delete;
+    ~ClockThatStands() { setSource(former); }
+    ClockThatStands(const ClockThatStands&) = delete;
+    ClockThatStands& operator=(const ClockThatStands&) = delete;
 
     // Other threads may see the two parts change one after the other.
     static void set(int64_t seconds, int64_t nanoseconds = 0) {
@@ -29,3 +31,6 @@ struct FixedClock {
     static inline std::atomic<int64_t> nanosecondsNow;
     ClockSource former;
 };
+
+using FixedClock = ClockThatStands<clockSetSource>;
+using FixedMonotonic = ClockThatStands<clockSetMonotonicSource>;

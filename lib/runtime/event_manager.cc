@@ -1,0 +1,147 @@
+#include "lib/runtime/event_manager.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "lib/base/thread.h"
+#include "lib/runtime/dispatch.h"
+#include "lib/runtime/io_events.h"
+#include "lib/runtime/queue.h"
+#include "lib/runtime/timers.h"
+#include "lib/runtime/wakeup_pair.h"
+
+namespace {
+
+constexpr size_t kQueueNameBytes = 64;
+
+// Owned by the library lock's holder, who alone starts and stops.
+constinit Thread* timerThread = nullptr;
+
+void dispatchAll(Queue* queue) {
+    while (Queue_Dispatch(queue, 0.0, DispatchBatch::kMixedEvents) == kStatusSuccess) {
+    }
+}
+
+// A thread's argument carries its epoch: a thread that comes to run late finds out that way that it
+// was stopped.
+void runTimers(void* argument) {
+    const auto epoch = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
+    Held<Queue> queue;
+    if (queue.get(kTimerQueueId, IdAccess::kUnlocked) != kStatusSuccess) return;
+    while (evmIsAt(epoch) && !Id_IsInvalid(&queue->header)) {
+        dispatchAll(queue.pointer());
+        double now;
+        if (!timersAwait(epoch, &now)) return;
+        (void)timersFire(epoch, now);
+    }
+}
+
+// The record is there at the thread's start: a stop that comes first waits for the thread's end.
+void runIo(void* argument) {
+    auto* const own = static_cast<IoThread*>(argument);
+    const uint32_t epoch = own->epoch;
+    Held<Queue> queue;
+    if (queue.get(own->queueId, IdAccess::kUnlocked) != kStatusSuccess) return;
+    while (evmIsAt(epoch) && !Id_IsInvalid(&queue->header)) {
+        dispatchAll(queue.pointer());
+        if (!ioThreadPass(own, epoch)) return;
+    }
+}
+
+pelmoStatus startTimers() {
+    LockGuard guard(evmLock);
+    const uint32_t epoch = evmEpoch.fetch_add(1, std::memory_order_release) + 1;
+    pelmoStatus status = timersOpenLocked();
+    if (status != kStatusSuccess) return status;
+    status = Queue_Create(nullptr, kTimerQueueId, "Event Manager Timer Queue", false, false);
+    if (status != kStatusSuccess) return status;
+    return Thread_Create(&timerThread, runTimers, reinterpret_cast<void*>(uintptr_t{epoch}));
+}
+
+pelmoStatus createIoQueue(uint32_t number) {
+    char name[kQueueNameBytes];
+    std::snprintf(name, sizeof(name), "PELMO IO Queue %u", number);
+    char* const owned = strdup(name);
+    if (owned == nullptr) return kStatusNoMemory;
+    const uint32_t id = kFirstIoQueueId + number - 1;
+    const pelmoStatus status = Queue_Create(nullptr, id, owned, true, false);
+    if (status != kStatusSuccess) std::free(owned);
+    return status;
+}
+
+// Thread numbers count from 1.
+pelmoStatus startIoThread(uint32_t number) {
+    pelmoStatus status = createIoQueue(number);
+    if (status != kStatusSuccess) return status;
+    IoThread* io;
+    {
+        LockGuard guard(evmLock);
+        status = ioThreadAddLocked(kFirstIoQueueId + number - 1, &io);
+    }
+    if (status != kStatusSuccess) return status;
+    // A pair's lock comes before evmLock. Nobody else touches the record's pair and thread yet.
+    WakeupPair* pair;
+    status = wakeupPairCreate(&pair, io->queueId, nullptr, nullptr, nullptr);
+    if (status != kStatusSuccess) return status;
+    LockGuard guard(evmLock);
+    io->pair = pair;
+    return Thread_Create(&io->thread, runIo, io);
+}
+
+// Also where that is the calling thread, which then ends by itself.
+void endThread(Thread* thread) {
+    if (thread == nullptr) return;
+    if (!Thread_IsCurrent(thread)) Thread_Join(thread);
+    Thread_Destroy(thread);
+}
+
+IoThread* ioThreadAt(uint32_t place) {
+    LockGuard guard(evmLock);
+    return ioThreadAtLocked(place);
+}
+
+}  // namespace
+
+pelmoStatus EventManager_Start() {
+    const pelmoStatus status = startTimers();
+    if (status != kStatusSuccess) EventManager_Stop();
+    return status;
+}
+
+pelmoStatus EventManager_StartIo(uint32_t count) {
+    if (count < 1 || count > kMostIoQueues) return kStatusInvalidArgument;
+    for (uint32_t number = 1; number <= count; ++number) {
+        const pelmoStatus status = startIoThread(number);
+        if (status != kStatusSuccess) return status;
+    }
+    return kStatusSuccess;
+}
+
+void EventManager_Stop() {
+    {
+        LockGuard guard(evmLock);
+        if (!evmRuns()) return;
+        evmEpoch.fetch_add(1, std::memory_order_release);
+        timersWakeLocked();
+        for (uint32_t place = 0; IoThread* const io = ioThreadAtLocked(place); ++place) {
+            if (io->pair != nullptr) wakeupPairWake(io->pair);
+        }
+    }
+    // Nobody but a stop changes the table, and that is this one.
+    (void)pelmoQueue_DestroyEx(kTimerQueueId, nullptr, nullptr);
+    for (uint32_t place = 0; IoThread* const io = ioThreadAt(place); ++place) {
+        (void)pelmoQueue_DestroyEx(io->queueId, nullptr, nullptr);
+    }
+    for (uint32_t place = 0; IoThread* const io = ioThreadAt(place); ++place) {
+        endThread(io->thread);
+    }
+    endThread(timerThread);
+    timerThread = nullptr;
+    for (uint32_t place = 0; IoThread* const io = ioThreadAt(place); ++place) {
+        if (io->pair != nullptr) wakeupPairDestroy(io->pair);
+    }
+    LockGuard guard(evmLock);
+    timersCloseLocked();
+    ioThreadsClearLocked();
+}

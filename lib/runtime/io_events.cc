@@ -1,0 +1,200 @@
+#include "lib/runtime/io_events.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "lib/containers/dpa.h"
+#include "lib/runtime/event_object.h"
+#include "lib/runtime/post.h"
+#include "lib/runtime/socket_error.h"
+#include "lib/runtime/wakeup_pair.h"
+
+namespace {
+
+constexpr int kPassMilliseconds = 10'000;
+constexpr int kPassWithoutPairMilliseconds = 100;  // a short poll stands in for the wake-up
+constexpr int kPauseMilliseconds = 1'000;
+
+// The IO threads' records; null while there is none.
+constinit Dpa* ioThreads PELMO_GUARDED_BY(evmLock) = nullptr;
+
+// Null where that thread doesn't run.
+IoThread* threadOfLocked(const Event* event) PELMO_REQUIRES(evmLock) {
+    if (!idIsIoQueue(event->queueId)) return ioThreadAtLocked(0);
+    for (uint32_t place = 0; IoThread* const io = ioThreadAtLocked(place); ++place) {
+        if (io->queueId == event->queueId) return io;
+    }
+    return nullptr;
+}
+
+// Once for each event: a source that has died isn't taken up again.
+bool sourceIsValidLocked(Event* event) PELMO_REQUIRES(evmLock) {
+    if (!event->io.sourceChecked) {
+        event->io.sourceValid = sourceIsSocket(event->io.source);
+        event->io.sourceChecked = true;
+    }
+    return event->io.sourceValid;
+}
+
+void wakeLocked(const IoThread* io) PELMO_REQUIRES(evmLock) {
+    if (io->pair != nullptr) wakeupPairWake(io->pair);
+}
+
+void giveItTime() {
+    (void)poll(nullptr, 0, kPauseMilliseconds);
+}
+
+// Dead sources leave the set and fire once more, so that their owners hear of it.
+void dropDeadLocked(IoThread* own) PELMO_REQUIRES(evmLock) {
+    const uint32_t epoch = own->epoch;
+    while (evmIsAt(epoch)) {
+        Held<Event> event;
+        Event* const dead = pollSetFindDead(&own->sockets);
+        if (dead == nullptr) return;
+        event.share(dead);
+        (void)pollSetRemove(&own->sockets, dead);
+        (void)Event_Post(dead);
+    }
+}
+
+// A post runs its queue's hook, and a hook may do anything, even end the event manager: after each
+// the epoch is looked at before the record is.
+void postReadyLocked(IoThread* own) PELMO_REQUIRES(evmLock) {
+    const uint32_t epoch = own->epoch;
+    for (uint32_t condition = 0; condition < kIoConditions; ++condition) {
+        uint32_t from = 0;
+        while (evmIsAt(epoch)) {
+            Event* const ready = pollSetNextReady(&own->sockets, condition, &from);
+            if (ready == nullptr) break;
+            Held<Event> event;
+            event.share(ready);
+            const pelmoStatus status = Event_Post(ready);
+            // On an IO queue the callback has run by the next pass. Elsewhere the event comes back
+            // after its dispatch: evmLock is held, so that this can't happen ahead of the removal.
+            if (status != kStatusSuccess || idIsIoQueue(ready->queueId)) continue;
+            if (evmIsAt(epoch)) (void)pollSetRemove(&own->sockets, ready);
+        }
+        if (!evmIsAt(epoch)) return;
+    }
+}
+
+void tellError(int error) {
+    const int code = socketErrorFromErrno(error);
+    std::fprintf(stderr, "select error: %d (%s)\n", code, socketErrorText(code));
+}
+
+// Under evmLock: what the poll is to look at. False once the epoch has passed.
+bool prepare(IoThread* own) {
+    LockGuard guard(evmLock);
+    if (!evmIsAt(own->epoch)) return false;
+    pollSetPrepare(&own->sockets);
+    own->inPoll.store(true, std::memory_order_relaxed);
+    return true;
+}
+
+// Returns the error number, 0 for none. With nothing to watch there is no pair either, and so
+// nobody who could end the wait.
+int pollOnce(IoThread* own, int timeoutMilliseconds) {
+    const PollSet& set = own->sockets;
+    if (set.passCount == 0) timeoutMilliseconds = kPauseMilliseconds;
+    int error = poll(set.pass, set.passCount, timeoutMilliseconds) < 0 ? errno : 0;
+    // The results of an interrupted or failed poll are those of its entries before it: none.
+    if (error == 0 && pollSetMetClosed(&set)) error = EBADF;
+    own->inPoll.store(false, std::memory_order_release);
+    own->inPoll.notify_all();
+    return error;
+}
+
+bool finish(IoThread* own, int error) {
+    const uint32_t epoch = own->epoch;
+    LockGuard guard(evmLock);
+    if (!evmIsAt(epoch)) return false;
+    if (error == 0) postReadyLocked(own);
+    if (error == EBADF) dropDeadLocked(own);
+    if (!evmIsAt(epoch)) return false;
+    pollSetFinish(&own->sockets);
+    return true;
+}
+
+}  // namespace
+
+pelmoStatus Event_RegisterIO(Event* event) {
+    LockGuard guard(evmLock);
+    if (!sourceIsValidLocked(event)) return kStatusInvalidIoSource;
+    if (!evmRuns()) return kStatusNotInitialized;
+    // As with timers: a destroy would miss an event that is entered behind its back.
+    if (Id_IsInvalid(&event->header)) return kStatusInvalidEvent;
+    IoThread* const io = threadOfLocked(event);
+    if (io == nullptr) return kStatusNotInitialized;
+    if (!pollSetKnows(event->io.condition)) return kStatusInvalidIoCondition;
+
+    const pelmoStatus status = pollSetAdd(&io->sockets, event);
+    if (status != kStatusSuccess) return status;
+    if (io->inPoll.load(std::memory_order_acquire)) wakeLocked(io);
+    return kStatusSuccess;
+}
+
+pelmoStatus Event_UnregisterIO(Event* event) {
+    LockGuard guard(evmLock);
+    if (!evmRuns()) return kStatusNotInitialized;
+    IoThread* const io = threadOfLocked(event);
+    if (io == nullptr) return kStatusInvalidEvent;
+    if (!pollSetKnows(event->io.condition)) return kStatusInvalidIoCondition;
+
+    // The poll's array is left alone until the poll is over. evmLock stays held meanwhile: the
+    // thread leaves its poll without it, and nobody can stop the event manager.
+    if (!pollSetHas(&io->sockets, event)) return kStatusInvalidEvent;
+    if (io->inPoll.load(std::memory_order_acquire)) wakeLocked(io);
+    io->inPoll.wait(true, std::memory_order_acquire);
+    return pollSetRemove(&io->sockets, event);
+}
+
+pelmoStatus ioThreadAddLocked(uint32_t queueId, IoThread** out) {
+    if (ioThreads == nullptr) ioThreads = dpaCreate(1);
+    if (ioThreads == nullptr) return kStatusNoMemory;
+    void* const block = std::calloc(1, sizeof(IoThread));
+    if (block == nullptr) return kStatusNoMemory;
+
+    auto* const io = new (block) IoThread{};
+    io->queueId = queueId;
+    io->epoch = evmEpoch.load(std::memory_order_relaxed);
+    pelmoStatus status = pollSetInit(&io->sockets);
+    if (status == kStatusSuccess && !dpaAppend(ioThreads, io)) status = kStatusNoMemory;
+    if (status != kStatusSuccess) {
+        pollSetFree(&io->sockets);
+        std::free(io);
+        return status;
+    }
+    *out = io;
+    return kStatusSuccess;
+}
+
+IoThread* ioThreadAtLocked(uint32_t place) {
+    if (ioThreads == nullptr || place >= ioThreads->count) return nullptr;
+    return static_cast<IoThread*>(ioThreads->items[place]);
+}
+
+void ioThreadsClearLocked() {
+    for (uint32_t place = 0; IoThread* const io = ioThreadAtLocked(place); ++place) {
+        pollSetFree(&io->sockets);
+        std::free(io);
+    }
+    ioThreads = dpaDestroy(ioThreads);
+}
+
+bool ioThreadPass(IoThread* own, uint32_t epoch) {
+    // The record is there for as long as this holds: only a stop on this very thread doesn't wait
+    // for the thread's end. So the pair, whose lock comes before evmLock, can be used without it.
+    if (!evmIsAt(epoch)) return false;
+    const bool hasPair = wakeupPairHasEvent(own->pair) ||
+                         wakeupPairRemake(own->pair, own->queueId) == kStatusSuccess;
+    if (!prepare(own)) return false;
+    const int error = pollOnce(own, hasPair ? kPassMilliseconds : kPassWithoutPairMilliseconds);
+    if (error != 0 && error != EINTR) tellError(error);
+    if (!finish(own, error)) return false;
+    // What isn't a closed descriptor is the system's own trouble: it is given time to pass.
+    if (error != 0 && error != EINTR && error != EBADF) giveItTime();
+    return true;
+}

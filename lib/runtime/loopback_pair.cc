@@ -1,0 +1,119 @@
+#include "lib/runtime/loopback_pair.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace {
+
+constexpr int kMostStrangers = 32;
+constexpr int kAwaitMilliseconds = 1000;
+
+// Closed at the end of the scope unless taken.
+class Handle {
+  public:
+    explicit Handle(int number) : handle(number) {}
+    ~Handle() {
+        // Without a second try on EINTR: the number is free all the same.
+        if (handle >= 0) close(handle);
+    }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+
+    [[nodiscard]] int number() const { return handle; }
+    [[nodiscard]] int take() { return std::exchange(handle, -1); }
+
+  private:
+    int handle;
+};
+
+struct Address {
+    sockaddr_in in{};
+    socklen_t size = sizeof(in);
+
+    sockaddr* generic() { return reinterpret_cast<sockaddr*>(&in); }
+
+    bool operator==(const Address& other) const {
+        return in.sin_port == other.in.sin_port && in.sin_addr.s_addr == other.in.sin_addr.s_addr;
+    }
+};
+
+int newSocket() {
+    return socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
+}
+
+bool listenOnLoopback(int listener, Address* out) {
+    Address address;
+    address.in.sin_family = AF_INET;
+    address.in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(listener, address.generic(), address.size) != 0) return false;
+    if (listen(listener, 1) != 0) return false;
+    *out = {};
+    return getsockname(listener, out->generic(), &out->size) == 0;
+}
+
+// Begins to connect, and tells from where. An interrupted connect goes on by itself.
+bool connectTo(int connecting, Address target, Address* own) {
+    if (connect(connecting, target.generic(), target.size) != 0 && errno != EINPROGRESS &&
+        errno != EINTR) {
+        return false;
+    }
+    return getsockname(connecting, own->generic(), &own->size) == 0;
+}
+
+bool awaitPeer(int listener) {
+    pollfd entry{.fd = listener, .events = POLLIN, .revents = 0};
+    int ready;
+    do {
+        ready = poll(&entry, 1, kAwaitMilliseconds);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+// The listener's end of the connection from that address, or -1.
+int acceptFrom(int listener, const Address& own) {
+    for (int strangers = 0; strangers <= kMostStrangers; ++strangers) {
+        if (!awaitPeer(listener)) return -1;
+        Address peer;
+        Handle accepted(
+            accept4(listener, peer.generic(), &peer.size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (accepted.number() >= 0 && peer == own) return accepted.take();
+        if (accepted.number() < 0 && errno != EINTR && errno != EAGAIN && errno != ECONNABORTED) {
+            return -1;
+        }
+    }
+    return -1;
+}
+
+bool setNoDelay(int socket) {
+    const int on = 1;
+    return setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) == 0;
+}
+
+}  // namespace
+
+bool loopbackPairMake(LoopbackPair* out) {
+    const Handle listener(newSocket());
+    Handle connecting(newSocket());
+    if (listener.number() < 0 || connecting.number() < 0) return false;
+    Address target;
+    Address own;
+    if (!listenOnLoopback(listener.number(), &target)) return false;
+    if (!connectTo(connecting.number(), target, &own)) return false;
+    Handle accepted(acceptFrom(listener.number(), own));
+    if (accepted.number() < 0) return false;
+    if (!setNoDelay(accepted.number()) || !setNoDelay(connecting.number())) return false;
+    *out = {.readHandle = accepted.take(), .writeHandle = connecting.take()};
+    return true;
+}
+
+void loopbackPairClose(const LoopbackPair& pair) {
+    close(pair.readHandle);
+    close(pair.writeHandle);
+}
