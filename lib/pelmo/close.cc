@@ -1,0 +1,133 @@
+// The last close. Callbacks may be under way on threads of the library's users: what they use is
+// ended only behind them, which is why events go when the last queue has.
+
+#include <utility>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/pool.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/pelmo/library_state.h"
+#include "lib/pelmo/pelmo.h"
+#include "lib/runtime/event_manager.h"
+#include "lib/runtime/id.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/tracing.h"
+#include "lib/transport/transport.h"
+
+namespace {
+
+constexpr uint32_t kListedIds = 32;
+
+// The last first, as later objects stand on earlier ones. Leaves the list empty.
+template <typename Destroy>
+void destroyListed(Dpa& ids, Destroy destroy) {
+    while (ids.count > 0)
+        destroy(idFromItem(ids.items[--ids.count]));
+}
+
+// Each type in turn, in one list. Whatever found no room in it stays.
+template <typename Destroy>
+void destroyAll(IdType type, Dpa& ids, Destroy destroy) {
+    (void)idTableList(type, &ids);
+    destroyListed(ids, destroy);
+}
+
+void countQueueLocked() PELMO_REQUIRES(library.lock) {
+    if (--library.closingQueues != 0) return;
+    Dpa* const events = std::exchange(library.closingEvents, nullptr);
+    if (events == nullptr) return;
+    destroyListed(*events, [](uint32_t event) { pelmoEvent_DestroyEx(event, nullptr); });
+    dpaDestroy(events);
+}
+
+// On whichever thread ends the last callback of a queue.
+void onQueueGone(uint32_t, void*) {
+    const LockGuard guard(library.lock);
+    countQueueLocked();
+}
+
+void endQueuesLocked(Dpa& ids) PELMO_REQUIRES(library.lock) {
+    (void)idTableList(IdType::kQueue, &ids);
+    library.closingQueues += ids.count + 1;
+    destroyListed(ids, [](uint32_t queue) {
+        // One that its owner has just destroyed won't call back.
+        const pelmoStatus status = pelmoQueue_DestroyEx(queue, onQueueGone, nullptr);
+        if (status != kStatusSuccess) onQueueGone(queue, nullptr);
+    });
+    countQueueLocked();
+}
+
+// Fills the list with the dispatchers that are left to be destroyed.
+void endObjectsLocked(Dpa& ids) PELMO_REQUIRES(library.lock) {
+    (void)idTableList(IdType::kEvent, library.closingEvents);
+    destroyAll(IdType::kQueueGroup, ids, pelmoQueueGroup_Destroy);
+    endQueuesLocked(ids);
+    destroyAll(IdType::kTransport, ids, pelmoTransport_Destroy);
+    (void)idTableList(IdType::kDispatcher, &ids);
+}
+
+// Null where memory ran out: then users' objects stay as they are, but the library's own aren't in
+// the way of the next open.
+Dpa* endAllLocked() PELMO_REQUIRES(library.lock) {
+    if (library.closingEvents == nullptr) library.closingEvents = dpaCreate(kListedIds);
+    Dpa* const ids = library.closingEvents != nullptr ? dpaCreate(kListedIds) : nullptr;
+    if (ids != nullptr) {
+        endObjectsLocked(*ids);
+    } else {
+        pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr);
+        pelmoQueue_DestroyEx(kWorkQueueId, nullptr, nullptr);
+        pelmoTransport_Destroy(kIntraProcessTransportId);
+    }
+    return ids;
+}
+
+// What is left to do once the lock is free.
+struct Leftover {
+    Dpa* dispatchers;
+    uint32_t workDispatcher;
+};
+
+Leftover closeLocked() PELMO_REQUIRES(library.lock) {
+    poolStopReclaim();
+    libraryOpen.store(false, std::memory_order_release);
+    ++library.closeCount;
+    EventManager_Stop();
+    Dpa* const dispatchers = endAllLocked();
+    const Leftover leftover = {dispatchers, std::exchange(library.workDispatcher, 0)};
+    poolThreadLeave();
+    Tracing_Stop();
+    return leftover;
+}
+
+// Joins their threads. One may be inside a callback that waits for the library lock.
+void endDispatchers(const Leftover& leftover) {
+    pelmoDispatcher_Destroy(leftover.workDispatcher);
+    if (leftover.dispatchers == nullptr) return;
+    destroyListed(*leftover.dispatchers, pelmoDispatcher_Destroy);
+    dpaDestroy(leftover.dispatchers);
+}
+
+}  // namespace
+
+void fixedObjectsEndLocked() {
+    pelmoDispatcher_Destroy(std::exchange(library.workDispatcher, 0));
+    pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr);
+    pelmoTransport_Destroy(kIntraProcessTransportId);
+    pelmoQueue_DestroyEx(kWorkQueueId, nullptr, nullptr);
+    EventManager_Stop();
+}
+
+pelmoStatus pelmo_Close() {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    Leftover leftover;
+    {
+        const LockGuard guard(library.lock);
+        if (!libraryIsOpen()) return kStatusNotInitialized;
+        traceLine(kTraceLibrary, "pelmo_Close()");
+        if (--library.openCount != 0) return kStatusSuccess;
+        leftover = closeLocked();
+    }
+    endDispatchers(leftover);
+    Cond_Broadcast(&library.closedCond);
+    return kStatusSuccess;
+}

@@ -1,0 +1,92 @@
+#include <cstdlib>
+
+#include "lib/msg/pool.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/pelmo/library_state.h"
+#include "lib/pelmo/pelmo.h"
+#include "lib/runtime/event_manager.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/tracing.h"
+#include "lib/transport/transport_object.h"
+
+namespace {
+
+constexpr char kVersion[] = "8.5.2";
+constexpr char kBanner[] = "\nPelmo API\n\nVersion 8.5.2 V1 11/12/20 06:41:40\n";
+constexpr uint32_t kIoThreads = 1;
+constexpr double kWithoutLimit = -1.0;
+
+constexpr bool kNameIsConstant = false;
+constexpr bool kForDispatch = false;
+
+pelmoStatus makeQueue(uint32_t id, const char* name) {
+    return Queue_Create(nullptr, id, name, kNameIsConstant, kForDispatch);
+}
+
+// The first failure ends it; what stands by then is the caller's to end.
+pelmoStatus fixedObjectsMakeLocked() PELMO_REQUIRES(library.lock) {
+    pelmoStatus status = makeQueue(kDefaultQueueId, "Default Queue");
+    if (status == kStatusSuccess) status = Transport_CreateIntraProcess();
+    if (status == kStatusSuccess) status = EventManager_Start();
+    if (status == kStatusSuccess) status = makeQueue(kWorkQueueId, "Work Queue");
+    if (status != kStatusSuccess) return status;
+    return pelmoDispatcher_CreateEx(&library.workDispatcher, kWorkQueueId, kWithoutLimit);
+}
+
+// Settings that can't be followed are no reason to refuse an open, nor is a machine that has no
+// sockets: timers and listeners work all the same.
+pelmoStatus openFirstLocked() PELMO_REQUIRES(library.lock) {
+    pelmoStatus status = processTablesLocked();
+    if (status != kStatusSuccess) return status;
+    poolThreadEnter();
+    status = fixedObjectsMakeLocked();
+    if (status != kStatusSuccess) {
+        fixedObjectsEndLocked();
+        return status;
+    }
+    (void)Tracing_Start(std::getenv("_PM_TRACING_MODULES"), std::getenv("_PM_TRACING_FILE"),
+                        kBanner);
+    traceLine(kTraceLibrary, "pelmo_Open()");
+    library.openCount = 1;
+    libraryOpen.store(true, std::memory_order_release);
+    (void)EventManager_StartIo(kIoThreads);
+    return kStatusSuccess;
+}
+
+pelmoStatus openAgainLocked() PELMO_REQUIRES(library.lock) {
+    traceLine(kTraceLibrary, "pelmo_Open()");
+    ++library.openCount;
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+pelmoStatus pelmo_Open() {
+    pelmoStatus status = processSetUp();
+    if (status != kStatusSuccess) return status;
+    {
+        const LockGuard guard(library.lock);
+        if (libraryIsOpen()) return openAgainLocked();
+        status = openFirstLocked();
+        if (status != kStatusSuccess) return status;
+        // Under the lock, so that no close comes between the open and the timers.
+        status = poolStartReclaim(kTimerQueueId);
+    }
+    if (status != kStatusSuccess) pelmo_Close();
+    return status;
+}
+
+const char* pelmo_Version() {
+    traceLine(kTraceLibrary, "pelmo_Version()");
+    return kVersion;
+}
+
+void pelmo_WaitClosed() {
+    if (!libraryIsOpen()) return;
+    const LockGuard guard(library.lock);
+    // Another open may come before this thread gets the lock back.
+    const uint32_t closeCount = library.closeCount;
+    while (libraryIsOpen() && library.closeCount == closeCount) {
+        Cond_Wait(&library.closedCond, &library.lock);
+    }
+}

@@ -1,0 +1,54 @@
+// What stands once per process, under all opens of the library.
+
+#include "lib/base/once.h"
+#include "lib/base/thread.h"
+#include "lib/msg/buffer.h"
+#include "lib/msg/message.h"
+#include "lib/msg/pool.h"
+#include "lib/pelmo/library_state.h"
+#include "lib/runtime/event.h"
+#include "lib/runtime/id.h"
+#include "lib/transport/transport_object.h"
+
+constinit LibraryState library;
+
+namespace {
+
+constexpr uint32_t kThreadCaches = 1;
+
+constinit OnceGate setUpGate;
+
+void setUp() {
+    if (Cond_Init(&library.closedCond) != kStatusSuccess) return;
+    if (poolManagerOpen(kThreadCaches) != kStatusSuccess) {
+        Cond_Destroy(&library.closedCond);
+        return;
+    }
+    Thread_SetStartHook(poolThreadRun);
+    poolTimerOps = {.create = pelmoEvent_CreateTimer, .destroyEx = pelmoEvent_DestroyEx};
+    transportAttach();
+    library.setUpDone = true;
+}
+
+}  // namespace
+
+pelmoStatus processSetUp() {
+    const pelmoStatus status = oncePass(setUpGate, setUp);
+    if (status != kStatusSuccess) return status;
+    return library.setUpDone ? kStatusSuccess : kStatusInitFailed;
+}
+
+pelmoStatus processTablesLocked() {
+    if (library.tablesReady) return kStatusSuccess;
+    pelmoStatus status = idTablesCreate();
+    if (status != kStatusSuccess) return status;
+
+    status = bufferPoolCreate();
+    if (status == kStatusSuccess) {
+        status = msgPoolCreate();
+        if (status != kStatusSuccess) bufferPoolDestroy();
+    }
+    if (status != kStatusSuccess) idTablesDestroy();
+    library.tablesReady = status == kStatusSuccess;
+    return status;
+}
