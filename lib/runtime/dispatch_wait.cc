@@ -16,7 +16,7 @@ double secondsLeft(const DispatchWait& wait) {
 }
 
 void noteWake(DispatchWait& wait) {
-    clockSeconds(wait.wakes == 0 ? &wait.firstWake : &wait.lastWake);
+    (wait.wakes == 0 ? wait.firstWake : wait.lastWake) = clockSteadySeconds();
     ++wait.wakes;
 }
 
