@@ -5,7 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <functional>
+#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
@@ -46,77 +46,61 @@ struct Tracing {
     }
 };
 
-using Lines = std::vector<std::string>;
-
 TEST(MessageTrace, TellsOfEachCall) {
     const Message msg = newMessage();
     ASSERT_EQ(pelmoMsg_AddI32(msg.get(), "a", 1, 5), kStatusSuccess);
     const Bytes image = imageOf(msg.get());
     pelmoMsg* made = nullptr;
     pelmoMsgField field;
-    uint32_t number = 0;
-    const void* bytes = nullptr;
-    char copy[100];
-    const struct {
-        std::function<pelmoStatus()> call;
-        Lines lines;
-    } cases[] = {
-        {[&] { return pelmoMsg_Create(&made); }, {"6 Message P created", "6 pelmoMsg_Create(P)"}},
-        {[&] { return pelmoMsg_Destroy(made); },
-         {"6 pelmoMsg_Destroy(P)", "6 Message P destroyed"}},
-        {[&] { return pelmoMsg_CreateEx(&made, 100); },
-         {"6 Message P created", "6 pelmoMsg_CreateEx(P, 100)"}},
-        {[&] { return pelmoMsg_Reset(made); }, {"6 pelmoMsg_Reset(P)"}},
-        {[&] { return pelmoMsg_Detach(made); }, {"6 pelmoMsg_Detach(P)"}},
-        {[&] {
-             msgClearOwned(made);
-             return pelmoMsg_Destroy(made);
-         },
-         {"6 pelmoMsg_Destroy(P), not permitted"}},
-        {[&] {
-             msgRelease(made);
-             return kStatusSuccess;
-         },
-         {"6 Message P destroyed"}},
-        {[&] { return pelmoMsg_CreateFromBytes(&made, image.data()); },
-         {"6 Message P created", "6 pelmoMsg_CreateFromBytes(P, P)"}},
-        {[&] {
-             msgRelease(made);
-             return msgShareCopy(&made, msg.get());
-         },
-         {"6 Message P destroyed", "6 Message P created as copy of P"}},
-        {[&] {
-             msgRelease(made);
-             return pelmoMsg_CreateCopy(msg.get(), &made);
-         },
-         {"6 Message P destroyed", "6 Message P created", "6 pelmoMsg_CreateCopy(P, P)"}},
-        {[&] { return pelmoMsg_AddNone(made, "n", 0); }, {"7 pelmoMsg_AddField(P, P) type=22"}},
-        {[&] { return pelmoMsg_UpdateI32(made, "a", 2, 0); }, {"7 pelmoMsg_UpdateField(P, P)"}},
-        {[&] { return pelmoMsg_GetFieldEx(made, nullptr, &field, 5); },
-         {"7 pelmoMsg_GetFieldEx(P, \"<NULL>\", P, 5)"}},
-        {[&] { return pelmoMsg_GetFieldByIndex(made, &field, 1); },
-         {"7 pelmoMsg_GetFieldByIndex(P, P, 1)"}},
-        {[&] { return pelmoMsg_GetFieldInstance(made, "a", &field, 1); },
-         {"7 pelmoMsg_GetFieldInstance(P, \"a\", P, 1)"}},
-        {[&] { return pelmoMsg_MarkReferences(made); }, {"7 pelmoMsg_MarkReferences(P)"}},
-        {[&] { return pelmoMsg_ClearReferences(made); }, {"7 pelmoMsg_ClearReferences(P)"}},
-        {[&] { return pelmoMsg_RemoveFieldEx(made, "a", 5); },
-         {"7 pelmoMsg_RemoveFieldEx(P, \"a\", 5)"}},
-        {[&] { return pelmoMsg_RemoveFieldInstance(made, "n", 1); },
-         {"7 pelmoMsg_RemoveFieldInstance(P, \"n\", 1)"}},
-        {[&] { return pelmoMsg_GetNumFields(made, &number); }, {"7 pelmoMsg_GetNumFields(P, P)"}},
-        {[&] { return pelmoMsg_GetByteSize(made, &number); }, {"7 pelmoMsg_GetByteSize(P, P)"}},
-        {[&] { return pelmoMsg_GetAsBytes(made, &bytes); }, {"7 pelmoMsg_GetAsBytes(P, P)"}},
-        {[&] { return pelmoMsg_GetAsBytesCopy(made, copy, 100); },
-         {"7 pelmoMsg_GetAsBytesCopy(P, P, 100)"}},
-        {[&] { return pelmoMsg_Expand(made, -1); }, {"7 pelmoMsg_Expand(P, -1)"}},
-    };
-    for (const auto& row : cases) {
-        const Tracing tracing;
-        (void)row.call();
-        EXPECT_EQ(lines, row.lines);
-    }
+    const Tracing tracing;
+    (void)pelmoMsg_CreateEx(&made, 100);
+    (void)pelmoMsg_Reset(made);
+    (void)pelmoMsg_Detach(made);
+    (void)pelmoMsg_Destroy(made);
+    (void)msgShareCopy(&made, msg.get());
+    msgClearOwned(made);
+    (void)pelmoMsg_Destroy(made);
     msgRelease(made);
+    (void)pelmoMsg_CreateFromBytes(&made, image.data());
+    msgRelease(made);
+    (void)pelmoMsg_CreateCopy(msg.get(), &made);
+    (void)pelmoMsg_AddNone(made, "n", 0);
+    (void)pelmoMsg_AddI32(made, "i", 1, 0);
+    (void)pelmoMsg_UpdateI32(made, "a", 2, 0);
+    (void)pelmoMsg_GetFieldEx(made, nullptr, &field, 5);
+    (void)pelmoMsg_GetFieldInstance(made, "a", &field, 1);
+    (void)pelmoMsg_RemoveFieldEx(made, "a", 5);
+    (void)pelmoMsg_Expand(made, -1);
+    msgRelease(made);
+    (void)pelmoMsg_Create(&made);
+    (void)pelmoMsg_Destroy(made);
+    const char* const expected[] = {"6 Message P created",
+                                    "6 pelmoMsg_CreateEx(P, 100)",
+                                    "6 pelmoMsg_Reset(P)",
+                                    "6 pelmoMsg_Detach(P)",
+                                    "6 pelmoMsg_Destroy(P)",
+                                    "6 Message P destroyed",
+                                    "6 Message P created as copy of P",
+                                    "6 pelmoMsg_Destroy(P), not permitted",
+                                    "6 Message P destroyed",
+                                    "6 Message P created",
+                                    "6 pelmoMsg_CreateFromBytes(P, P)",
+                                    "6 Message P destroyed",
+                                    "6 Message P created",
+                                    "6 pelmoMsg_CreateCopy(P, P)",
+                                    "7 pelmoMsg_AddField(P, P) type=22",
+                                    "7 pelmoMsg_AddField(P, P) type=18",
+                                    "7 pelmoMsg_UpdateField(P, P)",
+                                    "7 pelmoMsg_GetFieldEx(P, \"<NULL>\", P, 5)",
+                                    "7 pelmoMsg_GetFieldInstance(P, \"a\", P, 1)",
+                                    "7 pelmoMsg_RemoveFieldEx(P, \"a\", 5)",
+                                    "7 pelmoMsg_Expand(P, -1)",
+                                    "6 Message P destroyed",
+                                    "6 Message P created",
+                                    "6 pelmoMsg_Create(P)",
+                                    "6 pelmoMsg_Destroy(P)",
+                                    "6 Message P destroyed"};
+    EXPECT_EQ(lines, std::vector<std::string>(std::begin(expected), std::end(expected)));
 }
 
 TEST(MessageTrace, IsSilentWhileAnySwitchIsOff) {
