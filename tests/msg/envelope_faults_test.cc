@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "lib/msg/envelope.h"
-#include "tests/msg/envelope_bytes.h"
+#include "tests/support/envelope_bytes.h"
 #include "tests/support/fail_alloc.h"
 
 namespace {
@@ -26,31 +26,21 @@ TEST(EnvelopeFaults, StaysClosedWhereItIsMalformed) {
     } cases[] = {
         {"reply of 254 characters", reply(Bytes(254, 'r') + Bytes{0}), kStatusSuccess},
         {"reply of 255 characters", reply(Bytes(255, 'r') + Bytes{0}), kStatusCorruptMessage},
-        {"reply of no characters", reply({0}), kStatusSuccess},
         {"reply of no bytes", reply({}), kStatusCorruptMessage},
         {"reply without its NUL", reply({'a', 'b'}), kStatusCorruptMessage},
         {"reply with a NUL within", reply({'a', 0, 'b', 0}), kStatusCorruptMessage},
-        {"reply that ends twice", reply({'a', 0, 0}), kStatusCorruptMessage},
         {"reply whose prefix doesn't cover itself",
          Bytes{7, 'r', 'e', 't', 'u', 'r', 'n', 0, 8, 121, 0, 0} + data, kStatusCorruptMessage},
         {"subject in a short class", Bytes{4, 's', 'u', 'b', 0, 2, 3, 0, 3, 0} + data,
          kStatusCorruptMessage},
-        {"subject with a wrong count", Bytes{4, 's', 'u', 'b', 0, 2, 121, 0, 3, 1} + data,
-         kStatusCorruptMessage},
         {"subject with an element that runs over",
          Bytes{4, 's', 'u', 'b', 0, 2, 121, 0, 6, 1, 9, 'A', 0} + data, kStatusCorruptMessage},
-        {"subject of two bytes", Bytes{4, 's', 'u', 'b', 0, 2, 121, 0, 2} + data,
-         kStatusCorruptMessage},
         {"subject as a text", field("sub", *stringValue("A.B")) + data, kStatusCorruptMessage},
         {"data with another magic", badMagic, kStatusCorruptMessage},
         {"data without a head", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 122, 0, 0, 0, 4},
          kStatusCorruptMessage},
         {"data in a short class", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 0}, kStatusCorruptMessage},
-        {"data in the 16-bit class", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 121, 0, 2},
-         kStatusCorruptMessage},
         {"data of an unknown type", Bytes{5, 'd', 'a', 't', 'a', 0, 200, 1, 1},
-         kStatusInvalidMessage},
-        {"data that doesn't decode", Bytes{5, 'd', 'a', 't', 'a', 0, 11, 3, 1, 1, 1},
          kStatusInvalidMessage},
     };
     for (const auto& [what, fields, status] : cases) {
@@ -110,13 +100,9 @@ TEST(EnvelopeFaults, AnswersEachFailedAllocationAndStaysAsItWas) {
         {"send", full, true, send},
         {"reply", full, true,
          [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, std::string(90, 'r').c_str()); }},
-        {"no reply", full, true,
-         [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, nullptr); }},
         {"port", full, true, [](pelmoMsg* msg) { return pelmoMsg_SetSourcePort(msg, 1); }},
         {"strip, open", full, true, msgStripEnvelope},
-        {"strip, closed", full, false, msgStripEnvelope},
         {"open", full, false, msgOpenEnvelope},
-        {"open, no data", outer(foreign), false, msgOpenEnvelope},
         {"open, data moves", outer(kData + kApp + foreign), false, msgOpenEnvelope},
         {"open, data is wrapped",
          outer(field("data", *large)),
