@@ -13,6 +13,7 @@
 #include "lib/base/bytes.h"
 #include "tools/pelmogen/packet.h"
 #include "tools/pelmogen/wire_guard.h"
+#include "trace/oska.h"
 
 namespace {
 
@@ -21,6 +22,11 @@ constexpr size_t kRoomBytes = 1 << 20;
 // Sleeps are no shorter, so that at high rates packets leave in batches.
 constexpr int64_t kTickNs = 500'000;
 constexpr int64_t kSecondNs = 1'000'000'000;
+
+// From the start of the IP header.
+constexpr size_t kIpSource = 12;
+constexpr size_t kIpDestination = 16;
+constexpr size_t kOskaDestination = kPayloadOffset - kIpOffset + kOskaDstOffset;
 constexpr uint8_t kLoopbackNet = 127;
 
 volatile std::sig_atomic_t stopAsked = 0;
@@ -73,14 +79,21 @@ void moveToLoopback(uint8_t* ip, size_t at) {
     storeBe16At(checksum, renewed == 0 ? uint16_t{0xffff} : renewed);
 }
 
-sockaddr_in loopbackDestination(uint8_t* ip) {
-    constexpr size_t kSourceOffset = 12;
-    constexpr size_t kDestinationOffset = 16;
-    moveToLoopback(ip, kSourceOffset);
-    moveToLoopback(ip, kDestinationOffset);
+// Point-to-point packets repeat their destination in the OSKA header; groups stay what they are
+// there.
+bool repeatsDestination(std::span<const uint8_t> ip) {
+    constexpr uint8_t kHostsNet = 10;
+    if (ip.size() < kOskaDestination + 4 || ip[kIpDestination] != kHostsNet) return false;
+    return std::memcmp(ip.data() + kIpDestination, ip.data() + kOskaDestination, 4) == 0;
+}
+
+sockaddr_in redirectToLoopback(std::span<uint8_t> ip) {
+    if (repeatsDestination(ip)) moveToLoopback(ip.data(), kOskaDestination);
+    moveToLoopback(ip.data(), kIpSource);
+    moveToLoopback(ip.data(), kIpDestination);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    std::memcpy(&address.sin_addr, ip + kDestinationOffset, sizeof address.sin_addr);
+    std::memcpy(&address.sin_addr, ip.data() + kIpDestination, sizeof address.sin_addr);
     return address;
 }
 
@@ -94,7 +107,7 @@ void add(Wire& wire, std::span<const uint8_t> packet) {
     header.msg_hdr.msg_iov = &wire.pieces.back();
     header.msg_hdr.msg_iovlen = 1;
     if (wire.loopback) {
-        wire.addresses.push_back(loopbackDestination(at));
+        wire.addresses.push_back(redirectToLoopback({at, packet.size()}));
         header.msg_hdr.msg_name = &wire.addresses.back();
         header.msg_hdr.msg_namelen = sizeof(sockaddr_in);
     }

@@ -3,7 +3,7 @@
 //
 // On an interface, frames go out as they were made, their made-up senders included; wire_guard.h
 // tells which interfaces will do. On the loopback, IP packets go to 127/8: the first byte of both
-// addresses becomes 127 and the UDP checksum follows suit, so that senders and groups stay apart.
+// addresses becomes 127, checksum and all, so that senders and groups stay apart.
 // Either needs the right to raw sockets.
 //
 // SIGINT and SIGTERM end the run after the packet in hand.

@@ -1,0 +1,275 @@
+"""Live runs of the built tool: live_test.py PELMOSCOPE PELMOGEN CLOCK_SHIFT [unittest arguments]."""
+
+import fcntl
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+from live_run import (Process, Tool, added_up, open_wire, read_reports, run_quietly, sent_totals,
+                      total_of, wait_until)
+
+BINARY, PELMOGEN, CLOCK_SHIFT = (pathlib.Path(argument).resolve() for argument in sys.argv[1:4])
+WIRE = None
+
+MIX = """--nulls 0.1 --rreqs 0.05 --rrejs 0.04 --ptp-data 0.06 --ptp-ackmes 0.03 --ptp-acks 0.02
+    --ptp-naks 0.02 --non-bus 0.05 --hosts 20 --nets 2 --ports 3 --subjects 240 --publishers 2
+    --scids 0.5 --replies 0.2 --host-status 0.1 --messages 1-3 --payload 100-1300 --repeats 0.02
+    --gaps 0.02 --restarts 0.002 --damaged 0.02 --damage checksum""".split()
+# What the generator tells -> the table and the columns that it's counted in.
+COUNTED = {"data": ("mcast", (0, 3)), "data bytes": ("mcast", (1, 4)), "null": ("mcast", (2,)),
+           "rreq": ("retrans", (0,)), "rrej": ("retrans", (2,)), "ptp-data": ("ptp", (0,)),
+           "ptp-ackme": ("ptp", (2,)), "ptp-ack": ("ptp", (3,)), "ptp-nak": ("ptp", (4,))}
+DATA_HEADER_BYTES = 32
+# Numbers of files in a ring; the last one has room for all that comes.
+RINGS = (0, 1, 3, 12)
+LARGE_RING = 12
+HOUR = 3600
+MEGABYTE = 1 << 20
+SYS_WRITE = ("1", "64")  # x86-64, arm64
+
+
+class Live(unittest.TestCase):
+    def setUp(self):
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.folder = pathlib.Path(scratch.name)
+
+    def start(self, name, *arguments, **more):
+        tool = Tool(BINARY, self.folder / name, "-i", WIRE.interface, "-u", "1", *arguments, **more)
+        self.addCleanup(tool.close)
+        return tool
+
+    def send(self, *options):
+        sender = Process(PELMOGEN, *WIRE.send, *options, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(sender.close)
+        return sender
+
+    def sent(self, sender):
+        text = sender.popen.communicate(timeout=30)[0]
+        self.assertEqual(sender.status(), 0)
+        return sent_totals(text)
+
+    def send_all(self, *options):
+        return self.sent(self.send(*options))
+
+    def read_back(self, path, *arguments):
+        """What an offline run makes of a capture, in one report."""
+        run = run_quietly(BINARY, "-r", path, "-u", "100000000", *arguments)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        return read_reports(run.stdout)
+
+    def stop_in_order(self, tool, log="stderr", number=signal.SIGTERM):
+        status, seconds = tool.stop(number)
+        self.assertEqual(status, 0, tool.text("stderr"))
+        self.assertLess(seconds, 1.0)
+        self.assertRegex(tool.text(log).splitlines()[-1], r" pelmoscope: Shutting down \.\.\.$")
+
+    def wait_for_count(self, tool, count, name="stdout"):
+        wait_until(lambda: total_of(tool.reports(name)) >= count, "%d packets counted" % count)
+
+    def same_rows(self, rows, wanted):
+        odd = {row: (rows.get(row, 0), wanted.get(row, 0)) for row in rows.keys() | wanted.keys()
+               if rows.get(row, 0) != wanted.get(row, 0)}
+        self.assertFalse(odd, "what came and what was wanted of %d rows" % len(wanted))
+
+    def as_on_the_wire(self, rows):
+        """The loopback moves addresses to 127/8."""
+        if WIRE.interface != "lo":
+            return rows
+        return {(table, re.sub(r"\b(10|239)(\.\d+\.\d+\.\d+)", r"127\2", key), column): count
+                for (table, key, column), count in rows.items()}
+
+    def test_reports_and_saved_capture_add_up_to_what_was_sent(self):
+        options = [*MIX, "--count", "7000", "--rate", "2000", "--seed", "3"]
+        run_quietly(PELMOGEN, "--out", self.folder / "sent.pcap", *options)
+        wanted = self.as_on_the_wire(
+            added_up(self.read_back(self.folder / "sent.pcap", "-addrinfo", "-ptp")))
+
+        tool = self.start("tool", "-addrinfo", "-ptp", "-w", "saved.pcap")
+        tool.wait_for_reports(1)
+        totals = self.send_all(*options)
+        wait_until(lambda: added_up(tool.reports()) == wanted or len(tool.reports()) > 8,
+                   "the reports' end")
+        self.stop_in_order(tool)
+
+        self.same_rows(added_up(tool.reports()), wanted)
+        self.assertGreaterEqual(sum(total_of([report]) > 0 for report in tool.reports()), 3)
+        counted = {name: sum(wanted.get((table, "totals", column), 0) for column in columns)
+                   for name, (table, columns) in COUNTED.items()}
+        counted["data bytes"] += DATA_HEADER_BYTES * totals["data"]
+        self.assertEqual(counted, {name: totals[name] for name in COUNTED})
+        saved = self.read_back(tool.folder / "saved.pcap", "-addrinfo", "-ptp")
+        self.same_rows(added_up(saved), wanted)
+
+    def test_either_signal_ends_a_run_within_a_second(self):
+        tools = {signal.SIGINT: self.start("int"),
+                 signal.SIGTERM: self.start("term", "-foreground")}
+        for number, tool in tools.items():
+            tool.wait_for_reports(1)
+            where = str(tool.folder) if number == signal.SIGTERM else "/"
+            self.assertEqual(os.readlink("/proc/%d/cwd" % tool.popen.pid), where)
+        for number, tool in tools.items():
+            self.stop_in_order(tool, number=number)
+
+    def test_rings_of_capture_and_log_files(self):
+        """Names are relative, and the tool leaves its directory."""
+        tools = {}
+        for count in RINGS:
+            tools[count] = self.start(
+                "ring%d" % count, "-w", "w.pcap", "-w-max-size", "1", "-w-max-rotations", count,
+                "-logfile", "log", "-log-max-size", "100", "-log-max-rotations", count, "-addrinfo")
+        logs = {count: [tool.folder / ("log%s" % (n or "")) for n in range(count + 1)]
+                for count, tool in tools.items()}
+        for count, tool in tools.items():
+            tool.wait_for_reports(1, "log")
+        # Each second brings more than a capture file and a log file may hold.
+        totals = self.send_all("--count", "20000", "--rate", "4000", "--hosts", "400",
+                               "--subjects", "2000", "--round-robin")
+
+        def all_counted():
+            written = "".join(path.read_text() for path in logs[LARGE_RING] if path.exists())
+            return total_of(read_reports(written)) == totals["data"]
+        wait_until(all_counted, "all packets in the logs")
+        for tool in tools.values():
+            self.stop_in_order(tool, "log")
+
+        for count, tool in tools.items():
+            files = {path.name for path in tool.folder.iterdir()} - {"stdout", "stderr"}
+            numbers = range(1, count + 1)
+            wanted = {"log", "w.pcap"} | {name + str(n) for name in ("log", "w.pcap")
+                                          for n in numbers}
+            if count == LARGE_RING:  # not gone round
+                self.assertLess(files, wanted)
+            else:
+                self.assertEqual(files, wanted)
+            saved = {path.name: total_of(self.read_back(path))
+                     for path in tool.folder.glob("w.pcap*")}
+            self.assertTrue(all(saved[name] > 0 for name in saved if name != "w.pcap"), saved)
+            if count == LARGE_RING:
+                self.assertEqual(sum(saved.values()), totals["data"])
+            for path in tool.folder.glob("log*"):
+                self.assertIn("Pelmo trace program", path.read_text()[:200])
+
+    def test_an_interface_that_goes_leaves_the_reports_running(self):
+        if WIRE.interface == "lo":
+            print("without a namespace no interface can be taken away: left out")
+            return
+        for command in ("add sender2 type veth peer name listener2", "set sender2 up",
+                        "set listener2 up"):
+            self.assertEqual(run_quietly("ip", "link", *command.split()).returncode, 0)
+        tool = Tool(BINARY, self.folder / "tool", "-i", "listener2", "-u", "1")
+        self.addCleanup(tool.close)
+        tool.wait_for_reports(1)
+        run_quietly("ip", "link", "set", "listener2", "down")
+        tool.wait_for_reports(len(tool.reports()) + 1)
+        run_quietly("ip", "link", "delete", "listener2")
+        wait_until(lambda: " pelmoscope: pcap_loop: " in tool.text("stderr"), "the loop's error")
+        tool.wait_for_reports(len(tool.reports()) + 2)
+        self.stop_in_order(tool)
+
+    def test_a_reader_that_stalls_costs_no_packet(self):
+        reader, writer = os.pipe()
+        self.addCleanup(os.close, reader)
+        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+        tool = self.start("tool", stdout=writer)
+        os.close(writer)
+        text = b""
+        while b"Snapshot" not in text:
+            text += os.read(reader, 4096)
+        # With traffic of many subjects a report is larger than the pipe.
+        first = self.send_all("--count", "2000", "--rate", "20000", "--subjects", "1000")
+        tasks = pathlib.Path("/proc/%d/task" % tool.popen.pid)
+
+        def stalls():
+            calls = [(task / "syscall").read_text().split() for task in tasks.iterdir()]
+            return any(call[0] in SYS_WRITE and call[1] == "0x1" for call in calls)
+        wait_until(stalls, "a report that waits for its reader")
+        # Several times what libpcap's buffer holds, from senders of another port.
+        second = self.send_all("--count", "60000", "--rate", "30000", "--subjects", "1000",
+                               "--first-port", "7600")
+        self.assertTrue(stalls())
+
+        wanted = first["data"] + second["data"]
+        pieces = [text]
+        drain = threading.Thread(target=lambda: pieces.extend(
+            iter(lambda: os.read(reader, 65536), b"")))
+        drain.start()
+        self.addCleanup(drain.join)
+        wait_until(lambda: total_of(read_reports(b"".join(pieces).decode())) >= wanted,
+                   "all packets in the reports")
+        self.stop_in_order(tool)
+
+    def test_a_wall_clock_that_steps_neither_hangs_nor_floods(self):
+        tools = {}
+        for shift in (HOUR, -HOUR):
+            path = self.folder / ("shift%d" % shift)
+            tools[shift] = self.start(
+                "tool%d" % shift, LD_PRELOAD=str(CLOCK_SHIFT), CLOCK_SHIFT_FILE=str(path),
+                ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0")
+        for shift, tool in tools.items():
+            tool.wait_for_reports(2)
+        before = {shift: len(tool.reports()) for shift, tool in tools.items()}
+        stepped = time.monotonic()
+        for shift in tools:
+            path = self.folder / ("shift%d" % shift)
+            path.with_suffix(".new").write_text(str(shift))
+            path.with_suffix(".new").rename(path)
+        for shift, tool in tools.items():
+            tool.wait_for_reports(before[shift] + 4)
+        seconds = time.monotonic() - stepped
+        for shift, tool in tools.items():
+            elapsed = [report.elapsed for report in tool.reports()]
+            self.assertLessEqual(len(elapsed) - before[shift], seconds + 2)
+            odd = [value for value in elapsed if not 0.5 < value < 2]
+            self.assertEqual(len(odd), 1, elapsed)
+            self.assertAlmostEqual(odd[0], 1 + shift, delta=0.5)
+            self.stop_in_order(tool)
+
+    def test_an_offline_run_rotates_at_the_pace_of_the_wall_clock(self):
+        whole = self.folder / "whole.pcap"
+        run_quietly(PELMOGEN, "--out", whole, "--count", "6000")
+        data = whole.read_bytes()
+        self.assertGreater(len(data), MEGABYTE + MEGABYTE // 2)
+        tube = self.folder / "tube"
+        os.mkfifo(tube)
+        tool = Tool(BINARY, self.folder / "tool", "-r", tube, "-w", "w.pcap", "-w-max-size", "1",
+                    "-w-max-rotations", "2")
+        self.addCleanup(tool.close)
+        with open(tube, "wb", buffering=0) as feed:
+            feed.write(data[:len(data) - 1000])
+            wait_until((tool.folder / "w.pcap1").exists, "a rotation")
+            feed.write(data[len(data) - 1000:])
+        self.assertEqual(tool.status(), 0)
+        saved = [total_of(self.read_back(tool.folder / name)) for name in ("w.pcap1", "w.pcap")]
+        self.assertEqual(sum(saved), 6000)
+        self.assertRegex(tool.text("stderr"), r"Shutting down \.\.\.\n$")
+
+    def test_the_generator_sends_nothing_where_a_frame_could_leave(self):
+        if WIRE.interface == "lo":
+            print("without a namespace nothing can lead out of one: left out")
+            return
+        other = Process("unshare", "--net", "sleep", "60")
+        self.addCleanup(other.close)
+        here = os.readlink("/proc/self/ns/net")
+        wait_until(lambda: os.readlink("/proc/%d/ns/net" % other.popen.pid) != here, "a namespace")
+        run = run_quietly("ip", "link", "add", "out", "type", "veth", "peer", "name", "away",
+                          "netns", str(other.popen.pid))
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.addCleanup(run_quietly, "ip", "link", "delete", "out")
+        self.send_all("--count", "1")
+        run_quietly("ip", "link", "set", "out", "up")
+        for interface in ("out", "sender", "lo", "none"):
+            run = run_quietly(PELMOGEN, "--interface", interface, "--count", "1")
+            self.assertEqual((run.returncode, run.stdout), (1, ""), interface)
+
+
+if __name__ == "__main__":
+    WIRE = open_wire()
+    unittest.main(argv=[sys.argv[0], *sys.argv[4:]], verbosity=2)
