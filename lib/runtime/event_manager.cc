@@ -70,8 +70,8 @@ pelmoStatus createIoQueue(uint32_t number) {
     return status;
 }
 
-// Thread numbers count from 1.
-pelmoStatus startIoThread(uint32_t number) {
+// Thread numbers count from 1. What was made of a record that stays goes to `out`.
+pelmoStatus startIoThread(uint32_t number, IoThread** out) {
     pelmoStatus status = createIoQueue(number);
     if (status != kStatusSuccess) return status;
     IoThread* io;
@@ -80,6 +80,7 @@ pelmoStatus startIoThread(uint32_t number) {
         status = ioThreadAddLocked(kFirstIoQueueId + number - 1, &io);
     }
     if (status != kStatusSuccess) return status;
+    *out = io;
     // A pair's lock comes before evmLock. Nobody else touches the record's pair and thread yet.
     WakeupPair* pair;
     status = wakeupPairCreate(&pair, io->queueId, nullptr, nullptr, nullptr);
@@ -87,6 +88,15 @@ pelmoStatus startIoThread(uint32_t number) {
     LockGuard guard(evmLock);
     io->pair = pair;
     return Thread_Create(&io->thread, runIo, io);
+}
+
+// A queue and a set of sockets that no thread looks at would be taken for working ones.
+void dropIoThread(uint32_t number, IoThread* io) {
+    (void)pelmoQueue_DestroyEx(kFirstIoQueueId + number - 1, nullptr, nullptr);
+    if (io == nullptr) return;
+    if (io->pair != nullptr) wakeupPairDestroy(io->pair);
+    LockGuard guard(evmLock);
+    ioThreadDropLastLocked();
 }
 
 // Also where that is the calling thread, which then ends by itself.
@@ -112,8 +122,11 @@ pelmoStatus EventManager_Start() {
 pelmoStatus EventManager_StartIo(uint32_t count) {
     if (count < 1 || count > kMostIoQueues) return kStatusInvalidArgument;
     for (uint32_t number = 1; number <= count; ++number) {
-        const pelmoStatus status = startIoThread(number);
-        if (status != kStatusSuccess) return status;
+        IoThread* io = nullptr;
+        const pelmoStatus status = startIoThread(number, &io);
+        if (status == kStatusSuccess) continue;
+        dropIoThread(number, io);
+        return status;
     }
     return kStatusSuccess;
 }

@@ -176,11 +176,15 @@ IoThread* ioThreadAtLocked(uint32_t place) {
     return static_cast<IoThread*>(ioThreads->items[place]);
 }
 
+void ioThreadDropLastLocked() {
+    auto* const io = static_cast<IoThread*>(ioThreads->items[--ioThreads->count]);
+    pollSetFree(&io->sockets);
+    std::free(io);
+}
+
 void ioThreadsClearLocked() {
-    for (uint32_t place = 0; IoThread* const io = ioThreadAtLocked(place); ++place) {
-        pollSetFree(&io->sockets);
-        std::free(io);
-    }
+    while (ioThreadAtLocked(0) != nullptr)
+        ioThreadDropLastLocked();
     ioThreads = dpaDestroy(ioThreads);
 }
 

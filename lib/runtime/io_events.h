@@ -50,6 +50,7 @@ struct IoThread {
 [[nodiscard]] IoThread* ioThreadAtLocked(uint32_t place) PELMO_REQUIRES(evmLock);
 
 // Lets go of all records and the table. Their threads have ended, or never look at them again.
+void ioThreadDropLastLocked() PELMO_REQUIRES(evmLock);  // there is one
 void ioThreadsClearLocked() PELMO_REQUIRES(evmLock);
 
 // One pass: waits for the sockets, at most 10 seconds, and posts the events that are ready. On the
