@@ -59,6 +59,14 @@ pelmoStatus openAgainLocked() PELMO_REQUIRES(library.lock) {
     return kStatusSuccess;
 }
 
+// A close without memory can't stop the timers in order: what is left of them goes first.
+pelmoStatus startReclaim() {
+    const pelmoStatus status = poolStartReclaim(kTimerQueueId);
+    if (status != kStatusNotPermitted) return status;
+    poolStopReclaim();
+    return poolStartReclaim(kTimerQueueId);
+}
+
 }  // namespace
 
 pelmoStatus pelmo_Open() {
@@ -70,7 +78,7 @@ pelmoStatus pelmo_Open() {
         status = openFirstLocked();
         if (status != kStatusSuccess) return status;
         // Under the lock, so that no close comes between the open and the timers.
-        status = poolStartReclaim(kTimerQueueId);
+        status = startReclaim();
     }
     if (status != kStatusSuccess) pelmo_Close();
     return status;
