@@ -28,12 +28,15 @@ struct Random {
     bool oneIn(uint32_t chances) { return below(chances) == 0; }
 };
 
-struct ModelField {
+struct Key {
     std::optional<std::string> name;
     uint16_t id;
-    SharedValue value;
 
-    [[nodiscard]] const char* nameText() const { return name ? name->c_str() : nullptr; }
+    [[nodiscard]] const char* text() const { return name ? name->c_str() : nullptr; }
+};
+
+struct ModelField : Key {
+    SharedValue value;
 };
 
 // What a read gave, and what it has to show until it is let go of.
@@ -103,13 +106,6 @@ SharedValue randomValue(Random& random, uint32_t kind) {
 
 constexpr uint32_t kKinds = 13;
 
-struct Key {
-    std::optional<std::string> name;
-    uint16_t id;
-
-    [[nodiscard]] const char* text() const { return name ? name->c_str() : nullptr; }
-};
-
 Key randomKey(Random& random) {
     Key key{kNames[random.below(std::size(kNames))], 0};
     if (key.name && random.oneIn(2)) key.id = static_cast<uint16_t>(1 + random.below(kIds));
@@ -167,7 +163,7 @@ void stepAdd(Random& random, Pair& pair) {
         attempt(random, [&] { return pelmoMsg_AddField(pair.msg.get(), &field); });
     if (status == kStatusNoMemory) return;
     ASSERT_EQ(status, modelHasId(pair.fields, key.id) ? kStatusIdInUse : kStatusSuccess);
-    if (status == kStatusSuccess) pair.fields.push_back({key.name, key.id, value});
+    if (status == kStatusSuccess) pair.fields.push_back({key, value});
 }
 
 void stepUpdate(Random& random, Pair& pair) {
@@ -187,7 +183,7 @@ void stepUpdate(Random& random, Pair& pair) {
     if (status == kStatusNoMemory) return;
     if (found == kStatusNotFound) {
         ASSERT_EQ(status, kStatusSuccess);
-        pair.fields.push_back({key.name, key.id, value});
+        pair.fields.push_back({key, value});
     } else if (found == kStatusSuccess && value->type != pair.fields[position].value->type) {
         ASSERT_EQ(status, kStatusInvalidType);
     } else {
@@ -196,71 +192,47 @@ void stepUpdate(Random& random, Pair& pair) {
     }
 }
 
+// The n-th of that name, from 1; 0 for the one that name and id tell.
+pelmoStatus modelInstance(const Pair& pair, const Key& key, uint32_t instance, size_t& position) {
+    if (instance == 0) return modelFind(pair.fields, key, position);
+    for (position = 0; position < pair.fields.size(); ++position) {
+        if (pair.fields[position].name == key.name && --instance == 0) return kStatusSuccess;
+    }
+    return kStatusNotFound;
+}
+
 void stepRemove(Random& random, Pair& pair) {
     const Key key = randomKey(random);
+    const uint32_t instance = random.below(4);
     size_t position = 0;
-    const pelmoStatus found = modelFind(pair.fields, key, position);
-    const pelmoStatus status =
-        attempt(random, [&] { return pelmoMsg_RemoveFieldEx(pair.msg.get(), key.text(), key.id); });
+    const pelmoStatus expected = modelInstance(pair, key, instance, position);
+    const pelmoStatus status = attempt(random, [&] {
+        return instance == 0 ? pelmoMsg_RemoveFieldEx(pair.msg.get(), key.text(), key.id)
+                             : pelmoMsg_RemoveFieldInstance(pair.msg.get(), key.text(), instance);
+    });
     if (status == kStatusNoMemory) return;
-    ASSERT_EQ(status, found);
+    ASSERT_EQ(status, expected);
     if (status != kStatusSuccess) return;
     pair.fields.erase(pair.fields.begin() + static_cast<ptrdiff_t>(position));
 }
 
-// Position of the n-th of that name, or the count.
-size_t modelInstance(const Pair& pair, const Key& key, uint32_t instance) {
-    size_t position = 0;
-    for (; position < pair.fields.size(); ++position) {
-        if (pair.fields[position].name == key.name && --instance == 0) break;
-    }
-    return position;
-}
-
-void stepRemoveInstance(Random& random, Pair& pair) {
-    const Key key = randomKey(random);
-    const uint32_t instance = 1 + random.below(3);
-    const size_t position = modelInstance(pair, key, instance);
-    const pelmoStatus status = attempt(
-        random, [&] { return pelmoMsg_RemoveFieldInstance(pair.msg.get(), key.text(), instance); });
-    if (status == kStatusNoMemory) return;
-    const bool there = position < pair.fields.size();
-    ASSERT_EQ(status, there ? kStatusSuccess : kStatusNotFound);
-    if (there) pair.fields.erase(pair.fields.begin() + static_cast<ptrdiff_t>(position));
-}
-
 void stepRead(Random& random, Pair& pair) {
+    pelmoMsg* msg = pair.msg.get();
     const Key key = randomKey(random);
-    size_t position = 0;
-    pelmoStatus found = kStatusSuccess;
+    const uint32_t instance = random.below(4);
+    const bool byIndex = random.oneIn(3);
+    size_t position = random.below(static_cast<uint32_t>(kMostFields));
+    const auto index = static_cast<uint32_t>(position);
+    pelmoStatus expected = index < pair.fields.size() ? kStatusSuccess : kStatusNotFound;
+    if (!byIndex) expected = modelInstance(pair, key, instance, position);
     pelmoMsgField field;
-    pelmoStatus status = kStatusSuccess;
-    switch (random.below(3)) {
-        case 0:
-            found = modelFind(pair.fields, key, position);
-            status = attempt(random, [&] {
-                return pelmoMsg_GetFieldEx(pair.msg.get(), key.text(), &field, key.id);
-            });
-            break;
-        case 1: {
-            const uint32_t instance = 1 + random.below(3);
-            position = modelInstance(pair, key, instance);
-            status = attempt(random, [&] {
-                return pelmoMsg_GetFieldInstance(pair.msg.get(), key.text(), &field, instance);
-            });
-            break;
-        }
-        default:
-            position = random.below(static_cast<uint32_t>(kMostFields));
-            status = attempt(random, [&] {
-                return pelmoMsg_GetFieldByIndex(pair.msg.get(), &field,
-                                                static_cast<uint32_t>(position));
-            });
-            break;
-    }
+    const pelmoStatus status = attempt(random, [&] {
+        if (byIndex) return pelmoMsg_GetFieldByIndex(msg, &field, index);
+        return instance == 0 ? pelmoMsg_GetFieldEx(msg, key.text(), &field, key.id)
+                             : pelmoMsg_GetFieldInstance(msg, key.text(), &field, instance);
+    });
     if (status == kStatusNoMemory) return;
-    if (position >= pair.fields.size()) found = kStatusNotFound;
-    ASSERT_EQ(status, found);
+    ASSERT_EQ(status, expected);
     if (status == kStatusSuccess) pair.held.push_back({field, pair.fields[position]});
 }
 
@@ -372,7 +344,7 @@ void expectSame(Pair& pair) {
         ASSERT_EQ(entry.nameSize, nameSize);
         ASSERT_EQ(entry.nameAreaSize, nameSize + (field.id != 0 ? 2 : 0));
         ASSERT_EQ(entry.id, field.id);
-        records.push_back(recordOf(field.nameText(), field.id, *field.value));
+        records.push_back(recordOf(field.text(), field.id, *field.value));
         offset += static_cast<uint32_t>(records.back().size());
     }
     ASSERT_EQ(imageOf(pair.msg.get()), imageOf(records));
@@ -380,7 +352,7 @@ void expectSame(Pair& pair) {
 
 void expectHeld(const Pair& pair) {
     for (const Held& held : pair.held) {
-        ASSERT_STREQ(held.field.name, held.model.nameText());
+        ASSERT_STREQ(held.field.name, held.model.text());
         ASSERT_EQ(held.field.id, held.model.id);
         ASSERT_TRUE(fieldHolds(held.field, *held.model.value));
     }
@@ -420,8 +392,7 @@ void step(Random& random, Pair& pair, Pair& other) {
     if (dice >= 100) return stepEnvelope(random, pair);
     if (dice < 30) return stepAdd(random, pair);
     if (dice < 50) return stepUpdate(random, pair);
-    if (dice < 60) return stepRemove(random, pair);
-    if (dice < 63) return stepRemoveInstance(random, pair);
+    if (dice < 63) return stepRemove(random, pair);
     if (dice < 83) return stepRead(random, pair);
     if (dice < 88) return stepMark(random, pair);
     if (dice < 93) return stepClear(pair);

@@ -1,0 +1,72 @@
+// The timers by which pools free idle blocks, driven by hand: installed while the object lives. One
+// at a time.
+
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "lib/base/lock.h"
+#include "lib/msg/pool.h"
+
+// Its lock stands outside those of the pools, as the runtime's do: taking it stops a debug build
+// where a pool's lock is held.
+struct PoolTimers {
+    struct Row {
+        uint32_t queue;
+        double seconds;
+        void (*callback)(uint32_t, pelmoMsg*, void*);
+        void* closure;
+        void (*completion)(uint32_t, void*);  // null while the timer lives
+    };
+
+    PoolTimers() {
+        current = this;
+        poolTimerOps = {
+            .create =
+                [](uint32_t* out, uint32_t queue, auto callback, double seconds, void* closure) {
+                    return current->create(out, {queue, seconds, callback, closure, nullptr});
+                },
+            .destroyEx = [](uint32_t timer, auto done) { return current->destroyEx(timer, done); },
+        };
+    }
+    PoolTimers(const PoolTimers&) = delete;
+    PoolTimers& operator=(const PoolTimers&) = delete;
+    ~PoolTimers() { poolTimerOps = {}; }
+
+    pelmoStatus create(uint32_t* out, const Row& row) {
+        const LockGuard guard(lock);
+        if (failAt-- == 0) return kStatusInvalidQueue;
+        rows.push_back(row);
+        *out = kFirstId + static_cast<uint32_t>(rows.size()) - 1;
+        if (whileCreating != nullptr) whileCreating();
+        return kStatusSuccess;
+    }
+    pelmoStatus destroyEx(uint32_t timer, void (*completion)(uint32_t, void*)) {
+        const LockGuard guard(lock);
+        if (refuseToDestroy) return kStatusInvalidEvent;
+        rows.at(timer - kFirstId).completion = completion;
+        if (!late) complete(timer);
+        return kStatusSuccess;
+    }
+    void complete(uint32_t timer) {
+        const Row& row = rows.at(timer - kFirstId);
+        row.completion(timer, row.closure);
+    }
+    void tick() {
+        for (const Row& row : rows) {
+            if (row.completion == nullptr) row.callback(kFirstId, nullptr, row.closure);
+        }
+    }
+    long alive() const { return std::ranges::count(rows, nullptr, &Row::completion); }
+
+    static constexpr uint32_t kFirstId = 1001;
+    static inline PoolTimers* current = nullptr;
+    Lock lock = PELMO_LOCK_READY(LockRank::kEventManager);
+    std::vector<Row> rows;
+    int failAt = -1;               // which create fails
+    bool late = false;             // completions wait for complete()
+    bool refuseToDestroy = false;  // destroyEx fails
+    void (*whileCreating)() = nullptr;
+};
