@@ -1,0 +1,167 @@
+// Opens and closes against everything else.
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/envelope.h"
+#include "lib/msg/message.h"
+#include "lib/pelmo/pelmo.h"
+#include "lib/runtime/id.h"
+#include "lib/runtime/library.h"
+#include "lib/transport/transport.h"
+
+namespace {
+
+constexpr int kRounds = 60;
+
+void onEvent(uint32_t, pelmoMsg*, void*) {}
+
+void expectNoObjects() {
+    for (const IdType type : {IdType::kEvent, IdType::kQueue, IdType::kQueueGroup,
+                              IdType::kTransport, IdType::kDispatcher}) {
+        Dpa* ids = dpaCreate(1);
+        EXPECT_TRUE(idTableList(type, ids));
+        EXPECT_EQ(ids->count, 0u) << static_cast<int>(type);
+        dpaDestroy(ids);
+    }
+}
+
+// Each does one piece of work, whatever it is answered.
+
+void makeTimers() {
+    uint32_t queue = 0;
+    uint32_t timer = 0;
+    if (pelmoQueue_Create(&queue) != kStatusSuccess) return;
+    if (pelmoEvent_CreateTimer(&timer, queue, onEvent, 0, nullptr) == kStatusSuccess) {
+        (void)pelmoQueue_TimedDispatch(queue, 0.002);
+        pelmoEvent_ResetTimerInterval(timer, 0.001);
+        pelmoEvent_DestroyEx(timer, nullptr);
+    }
+    pelmoQueue_DestroyEx(queue, nullptr, nullptr);
+}
+
+void makeIoEvents() {
+    int sockets[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) return;
+    uint32_t event = 0;
+    for (const uint32_t queue : {kDefaultQueueId, kFirstIoQueueId}) {
+        if (pelmoEvent_CreateIO(&event, queue, onEvent, sockets[0], kIoWrite, nullptr) ==
+            kStatusSuccess) {
+            pelmoEvent_DestroyEx(event, nullptr);
+        }
+    }
+    for (const int socket : sockets)
+        close(socket);
+}
+
+void sendMessages() {
+    uint32_t listener = 0;
+    (void)pelmoEvent_CreateListener(&listener, kDefaultQueueId, onEvent, kIntraProcessTransportId,
+                                    "A.*", nullptr);
+    pelmoMsg* message = nullptr;
+    if (pelmoMsg_Create(&message) == kStatusSuccess) {
+        (void)pelmoMsg_SetSendSubject(message, "A.B");
+        for (int i = 0; i < 5; ++i)
+            (void)pelmoTransport_Send(kIntraProcessTransportId, message);
+        pelmoMsg* reply = nullptr;
+        (void)pelmoTransport_SendRequest(kIntraProcessTransportId, message, &reply, 0.001);
+        pelmoMsg_Destroy(message);
+    }
+    if (listener != 0) pelmoEvent_DestroyEx(listener, nullptr);
+}
+
+void dispatchGroups() {
+    uint32_t group = 0;
+    if (pelmoQueueGroup_Create(&group) != kStatusSuccess) return;
+    (void)pelmoQueueGroup_Add(group, kDefaultQueueId);
+    for (int i = 0; i < 5; ++i)
+        (void)pelmoQueueGroup_TimedDispatch(group, 0.001);
+    pelmoQueueGroup_Destroy(group);
+}
+
+void makeDispatchers() {
+    uint32_t dispatcher = 0;
+    if (pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1.0) != kStatusSuccess) return;
+    (void)pelmoDispatcher_SetName(dispatcher, "racing");
+    pelmoDispatcher_Destroy(dispatcher);
+}
+
+void pollQueues() {
+    uint32_t queue = 0;
+    uint32_t listener = 0;
+    if (pelmoQueue_CreateSynchronous(&queue) != kStatusSuccess) return;
+    (void)_pelmoTransport_AddPolledListener(&listener, queue, kIntraProcessTransportId, "A.B");
+    pelmoMsg* message = nullptr;
+    if (pelmoQueue_Poll(queue, &message, 0.002) == kStatusSuccess && message != nullptr) {
+        pelmoMsg_Destroy(message);
+    }
+    pelmoQueue_DestroyEx(queue, nullptr, nullptr);
+}
+
+void openAndClose() {
+    if (pelmo_Open() == kStatusSuccess) pelmo_Close();
+}
+
+void waitForever() {
+    (void)pelmoQueue_TimedDispatch(kDefaultQueueId, -1.0);
+}
+
+TEST(Close, MeetsEverythingElse) {
+    void (*const works[])() = {makeTimers,     makeIoEvents,    sendMessages,
+                               dispatchGroups, makeDispatchers, pollQueues,
+                               openAndClose,   waitForever,     pelmo_WaitClosed};
+    std::atomic<bool> over = false;
+    std::latch ready(std::size(works) + 1);
+    std::vector<std::jthread> threads;
+    for (auto* const work : works) {
+        threads.emplace_back([&over, &ready, work] {
+            ready.arrive_and_wait();
+            while (!over)
+                work();
+        });
+    }
+    ready.arrive_and_wait();
+    for (int round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+        sendMessages();
+        EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+    }
+    over = true;
+    threads.clear();
+
+    // What was made while the library closed goes with the next close.
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    makeTimers();
+    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+    EXPECT_FALSE(libraryIsOpen());
+    expectNoObjects();
+}
+
+TEST(Close, IsCountedOverThreads) {
+    std::vector<std::jthread> threads;
+    std::latch ready(2);
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&ready] {
+            ready.arrive_and_wait();
+            for (int round = 0; round < kRounds; ++round) {
+                ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+                EXPECT_EQ(Id_Check(kDefaultQueueId, IdType::kQueue), kStatusSuccess);
+                EXPECT_EQ(Id_Check(kIntraProcessTransportId, IdType::kTransport), kStatusSuccess);
+                makeTimers();
+                EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+            }
+        });
+    }
+    threads.clear();
+    EXPECT_EQ(pelmo_Close(), kStatusNotInitialized);
+    expectNoObjects();
+}
+
+}  // namespace

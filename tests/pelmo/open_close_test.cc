@@ -1,0 +1,323 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <latch>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lib/containers/dpa.h"
+#include "lib/pelmo/pelmo.h"
+#include "lib/runtime/id.h"
+#include "lib/runtime/library.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/scratch_folder.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+size_t threadCount() {
+    size_t count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        count += task.is_directory() ? 1 : 0;
+    }
+    return count;
+}
+
+// A joined thread may stand in the system's list a moment longer.
+void expectThreads(size_t expected) {
+    constexpr int kLooksMax = 100000;
+    for (int look = 0; threadCount() != expected && look < kLooksMax; ++look)
+        sched_yield();
+    EXPECT_EQ(threadCount(), expected);
+}
+
+void expectNothingLeft() {
+    EXPECT_FALSE(libraryIsOpen());
+    for (const IdType type : {IdType::kEvent, IdType::kQueue, IdType::kQueueGroup,
+                              IdType::kTransport, IdType::kDispatcher}) {
+        Dpa* ids = dpaCreate(1);
+        EXPECT_TRUE(idTableList(type, ids));
+        EXPECT_EQ(ids->count, 0u) << static_cast<int>(type);
+        dpaDestroy(ids);
+    }
+}
+
+uint32_t newQueue() {
+    uint32_t queue = 0;
+    EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
+    return queue;
+}
+
+uint32_t newTimer(uint32_t queue, pelmoEventCallback callback, void* closure = nullptr) {
+    uint32_t timer = 0;
+    EXPECT_EQ(pelmoEvent_CreateTimer(&timer, queue, callback, 0.001, closure), kStatusSuccess);
+    return timer;
+}
+
+// Runs the body in a process of its own, which has never opened the library.
+template <typename Body>
+int inFreshProcess(Body body) {
+    const pid_t child = fork();
+    if (child == 0) _exit(body());
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+enum Outcome { kRefused, kRefusedForGood, kOpened, kNoFailureMet, kWrong };
+
+Outcome firstOpen(size_t after, bool forGood) {
+    pelmoStatus status;
+    {
+        const FailAlloc fail{.after = after, .forGood = forGood};
+        status = pelmo_Open();
+    }
+    const bool met = allocationsFailed() > 0;
+    if (status == kStatusInitFailed) {
+        return met && pelmo_Open() == kStatusInitFailed ? kRefusedForGood : kWrong;
+    }
+    if (status != kStatusSuccess && libraryIsOpen()) return kWrong;
+    if (status != kStatusSuccess && pelmo_Open() != kStatusSuccess) return kWrong;
+    if (pelmo_Close() != kStatusSuccess || pelmo_Close() != kStatusNotInitialized) return kWrong;
+    if (!met) return kNoFailureMet;
+    return status == kStatusSuccess ? kOpened : kRefused;
+}
+
+// Ahead of the other tests, as long as this process has no threads.
+TEST(LibraryDeathTest, AFirstOpenThatFailsLeavesTheNextOneToSucceed) {
+    for (const bool forGood : {false, true}) {
+        int outcomes[kWrong + 1] = {};
+        for (size_t after = 0; outcomes[kNoFailureMet] == 0; ++after) {
+            const int outcome = inFreshProcess([&] { return firstOpen(after, forGood); });
+            ASSERT_TRUE(outcome >= 0 && outcome < kWrong) << after << (forGood ? " for good" : "");
+            ++outcomes[outcome];
+        }
+        EXPECT_GT(outcomes[kRefusedForGood], 0);  // the set-up of the process
+        EXPECT_GT(outcomes[kRefused], 10);
+    }
+}
+
+TEST(Library, CountsItsOpens) {
+    const size_t threads = threadCount();
+    EXPECT_EQ(pelmo_Close(), kStatusNotInitialized);
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    EXPECT_EQ(threadCount(), threads + 3);  // timers, IO, work
+    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+    const uint32_t queue = newQueue();
+    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+    EXPECT_EQ(pelmo_Close(), kStatusNotInitialized);
+    EXPECT_EQ(Id_Check(queue, IdType::kQueue), kStatusNotFound);
+    expectNothingLeft();
+    expectThreads(threads);
+    EXPECT_STREQ(pelmo_Version(), "8.5.2");
+}
+
+TEST(Library, MakesItsOwnObjectsAtEachOpenAndCountsIdsOn) {
+    const struct {
+        uint32_t queue;
+        const char* name;
+    } queues[] = {{1, "Default Queue"},
+                  {2, "Event Manager Timer Queue"},
+                  {3, "Work Queue"},
+                  {5, "PELMO IO Queue 1"}};
+    uint32_t lastId = kLastFixedId;
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+        for (const auto& [queue, expected] : queues) {
+            const char* name = nullptr;
+            ASSERT_EQ(pelmoQueue_GetName(queue, &name), kStatusSuccess) << queue;
+            EXPECT_STREQ(name, expected);
+        }
+        EXPECT_EQ(Id_Check(6, IdType::kQueue), kStatusNotFound);
+        EXPECT_EQ(Id_Check(10, IdType::kTransport), kStatusSuccess);
+        EXPECT_EQ(Id_Check(10, IdType::kQueue), kStatusNotFound);
+        EXPECT_EQ(pelmoQueue_DestroyEx(1, nullptr, nullptr), kStatusNotPermitted);
+        const uint32_t queue = newQueue();
+        EXPECT_GT(queue, lastId);
+        lastId = queue;
+        EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+    }
+    expectNothingLeft();
+}
+
+TEST(Library, AnOpenThatFailsLeavesNothingRunning) {
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    pelmo_Close();
+    const size_t threads = threadCount();
+    const size_t failing = eachAllocationFails([threads] {
+        const pelmoStatus status = pelmo_Open();
+        allocationsHeal();
+        EXPECT_TRUE(status == kStatusSuccess || allocationsFailed() > 0);
+        if (status != kStatusSuccess) {
+            EXPECT_FALSE(libraryIsOpen());
+            expectThreads(threads);
+            ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+        }
+        pelmo_Close();
+        expectNothingLeft();
+    });
+    EXPECT_GT(failing, 20u);
+}
+
+TEST(Library, ACloseWithoutMemoryIsNotInTheWayOfTheNextOpen) {
+    for (const size_t after : {0, 1, 2, 3, 4}) {
+        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+        newTimer(newQueue(), [](uint32_t, pelmoMsg*, void*) {});
+        {
+            const FailAlloc fail{.after = after, .forGood = true};
+            EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+        }
+        ASSERT_EQ(pelmo_Open(), kStatusSuccess) << after;
+        EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+        expectNothingLeft();
+    }
+}
+
+TEST(Library, WaitersSeeTheClose) {
+    pelmo_WaitClosed();
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    std::latch ready(4);
+    std::vector<std::jthread> waiters;
+    for (int i = 0; i < 3; ++i) {
+        waiters.emplace_back([&ready] {
+            ready.arrive_and_wait();
+            pelmo_WaitClosed();
+        });
+    }
+    ready.arrive_and_wait();
+    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+}
+
+// A user's thread that dispatches; closing the library doesn't wait for it.
+TEST(Library, KeepsAnEventWhileItsCallbackRunsThroughTheClose) {
+    struct Meeting {
+        std::latch inside{1};
+        std::latch closed{1};
+        pelmoStatus found = kStatusNotFound;
+        pelmoStatus answered = kStatusSuccess;
+    } meeting;
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    const uint32_t queue = newQueue();
+    const auto callback = [](uint32_t event, pelmoMsg*, void* closure) {
+        auto& both = *static_cast<Meeting*>(closure);
+        both.inside.count_down();
+        both.closed.wait();
+        both.found = Id_Check(event, IdType::kEvent);
+        uint32_t kind = 0;
+        both.answered = pelmoEvent_GetType(event, &kind);
+    };
+    const uint32_t timer = newTimer(queue, callback, &meeting);
+    pelmoStatus after = kStatusSuccess;
+    std::jthread dispatching([&] {
+        EXPECT_EQ(pelmoQueue_TimedDispatch(queue, -1.0), kStatusSuccess);
+        after = pelmoQueue_TimedDispatch(queue, -1.0);
+    });
+    meeting.inside.wait();
+    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+    meeting.closed.count_down();
+    dispatching.join();
+    EXPECT_EQ(meeting.found, kStatusSuccess);
+    EXPECT_EQ(meeting.answered, kStatusNotInitialized);
+    EXPECT_EQ(after, kStatusNotInitialized);
+    EXPECT_EQ(Id_Check(timer, IdType::kEvent), kStatusNotFound);
+    expectNothingLeft();
+}
+
+// From a callback, or the completion that follows it, on a thread of the library's or the user's.
+TEST(Library, IsClosedFromACallback) {
+    struct Closing {
+        bool fromCompletion;
+        std::atomic<bool> done;
+    };
+    const auto callback = [](uint32_t event, pelmoMsg*, void* closure) {
+        auto& closing = *static_cast<Closing*>(closure);
+        const auto close = [](uint32_t, void* again) {
+            EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+            static_cast<Closing*>(again)->done = true;
+        };
+        pelmoEvent_DestroyEx(event, closing.fromCompletion ? +close : nullptr);
+        if (!closing.fromCompletion) close(event, closure);
+    };
+    for (const uint32_t fixed : {kNoId, kDefaultQueueId, kTimerQueueId, kWorkQueueId}) {
+        for (const bool fromCompletion : {false, true}) {
+            SCOPED_TRACE(std::to_string(fixed) + (fromCompletion ? " completion" : " callback"));
+            ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+            Closing closing = {fromCompletion, false};
+            const uint32_t queue = fixed != kNoId ? fixed : newQueue();
+            uint32_t dispatcher = 0;
+            if (fixed == kNoId) {
+                ASSERT_EQ(pelmoDispatcher_CreateEx(&dispatcher, queue, -1.0), kStatusSuccess);
+            }
+            newTimer(queue, callback, &closing);
+            if (fixed == kDefaultQueueId) {
+                EXPECT_EQ(pelmoQueue_TimedDispatch(queue, -1.0), kStatusSuccess);
+            }
+            while (!closing.done)
+                sched_yield();
+            // The next open waits for the end of the close.
+            ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+            EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+            expectNothingLeft();
+        }
+    }
+}
+
+struct TracingSettings {
+    TracingSettings(const char* modules, const std::string& file) {
+        setenv("_PM_TRACING_MODULES", modules, 1);
+        setenv("_PM_TRACING_FILE", file.c_str(), 1);
+    }
+    ~TracingSettings() {
+        unsetenv("_PM_TRACING_MODULES");
+        unsetenv("_PM_TRACING_FILE");
+    }
+};
+
+// Behind the time stamp, without the thread's number.
+Lines linesOf(const std::string& text) {
+    Lines lines;
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = text.find('\n', at);
+        std::string line = text.substr(at, end - at);
+        const size_t name = line.find("PM: ");
+        if (name != std::string::npos) line = line.substr(name);
+        const size_t number = line.find("][");
+        if (number != std::string::npos) line.replace(number, line.find("]: ") - number, "");
+        lines.push_back(line);
+        at = end + 1;
+    }
+    return lines;
+}
+
+TEST(Library, TracesAsTheEnvironmentSays) {
+    const Folder folder;
+    {
+        const TracingSettings settings("PELMO", folder.path("trace"));
+        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+        (void)pelmo_Version();
+        pelmo_Close();
+        pelmo_Close();
+        (void)pelmo_Version();
+    }
+    EXPECT_EQ(linesOf(readFile(folder.path("trace"))),
+              Lines({"PM: ", "Pelmo API", "", "Version 8.5.2 V1 11/12/20 06:41:40", "",
+                     "PM: [PELMO]: pelmo_Open()", "PM: [PELMO]: pelmo_Open()",
+                     "PM: [PELMO]: pelmo_Version()", "PM: [PELMO]: pelmo_Close()",
+                     "PM: [PELMO]: pelmo_Close()"}));
+
+    const TracingSettings settings("NOSUCH", folder.path("none"));
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    pelmo_Close();
+    EXPECT_EQ(folder.names(), std::set<std::string>({"trace"}));
+}
+
+}  // namespace
