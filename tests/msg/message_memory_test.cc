@@ -14,10 +14,10 @@
 #include "lib/msg/buffer.h"
 #include "lib/msg/message.h"
 #include "lib/msg/message_typed.h"
-#include "lib/msg/pool.h"
 #include "lib/msg/text.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"
+#include "tests/support/pool_manager.h"
 
 namespace {
 
@@ -29,8 +29,8 @@ size_t allocationsOf(Work work) {
     return allocationsCounted();
 }
 
-const char* const kTenNames[] = {"alpha", "bravo", "charlie", "delta", "echo",
-                                 "fox",   "golf",  "hotel",   "india", "juliet"};
+const char* const kTenNames[] = {"alpha",   "bravo", "charlie", "delta", "echo",
+                                 "foxtrot", "golf",  "hotel",   "india", "juliet"};
 
 void addTen(pelmoMsg* msg) {
     uint16_t id = 0;
@@ -68,36 +68,27 @@ void receiveAndRead(Buffer* buffer) {
     pelmoMsg* msg = nullptr;
     ASSERT_EQ(msgCreateOverBuffer(&msg, buffer, 0), kStatusSuccess);
     int64_t wide = 0;
-    int32_t narrow = 0;
     double real = 0;
-    pelmoMsgDateTime time;
     EXPECT_EQ(pelmoMsg_GetI64(msg, "echo", &wide, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_GetI32(msg, "juliet", &narrow, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_GetF64(msg, "alpha", &real, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_GetDateTime(msg, "now", &time, 0), kStatusSuccess);
-    EXPECT_EQ(wide + narrow, 'e' + 'j');
+    EXPECT_EQ(pelmoMsg_GetF64(msg, "juliet", &real, 0), kStatusSuccess);
+    EXPECT_EQ(static_cast<double>(wide) + real, 5 + 10);
     EXPECT_EQ(pelmoMsg_Destroy(msg), kStatusSuccess);
 }
 
 TEST(MessageMemory, ReadsAReceivedMessageWithoutTheHeap) {
-    ASSERT_EQ(poolManagerOpen(1), kStatusSuccess);
-    poolThreadEnter();
+    const OpenPools open(1);
     ASSERT_EQ(msgPoolCreate(), kStatusSuccess);
     {
-        Message sent = newMessage();
+        const Message sent = newMessage();
         for (const char* name : kTenNames) {
-            ASSERT_EQ(pelmoMsg_AddI64(sent.get(), name, name[0], 0), kStatusSuccess);
+            ASSERT_EQ(pelmoMsg_AddI32(sent.get(), name, name[0] - 'a' + 1, 0), kStatusSuccess);
         }
-        const pelmoMsgDateTime now = {1, 0};
-        ASSERT_EQ(pelmoMsg_AddDateTime(sent.get(), "now", &now, 0), kStatusSuccess);
         Buffer* buffer = msgFlushBuffer(sent.get());
         receiveAndRead(buffer);
         EXPECT_EQ(allocationsOf([&] { receiveAndRead(buffer); }), 0u);
         EXPECT_EQ(buffer->refCount.load(), 1u);
     }
     msgPoolDestroy();
-    poolThreadLeave();
-    poolManagerClose();
 }
 
 TEST(MessageMemory, IndexesSixteenFieldsInTheObject) {
@@ -220,6 +211,17 @@ TEST(MessageMemory, ClearsWhatWasReadSinceTheMarkAndNoMore) {
     EXPECT_EQ(msg->heldBuffers->count, before.bufferRefs);
     EXPECT_EQ(msg->ownedBlocks->count, before.ownedBlocks);
     EXPECT_EQ(msg->subMessages, nullptr);
+
+    // A reset lets go of all. A mark from before is as good as none: all that comes is behind it.
+    ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_Reset(msg.get()), kStatusSuccess);
+    EXPECT_EQ(msg->ownedBlocks, nullptr);
+    EXPECT_EQ(msg->heldBuffers, nullptr);
+    ASSERT_EQ(pelmoMsg_AddString(msg.get(), "s", "x", 0), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_GetString(msg.get(), "s", &early, 0), kStatusSuccess);
+    EXPECT_EQ(msg->bufferRefs, 1u);
+    EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusSuccess);
+    EXPECT_EQ(msg->bufferRefs, 0u);
 }
 
 TEST(MessageMemory, TakesWhatWasReadOfItself) {
@@ -238,35 +240,6 @@ TEST(MessageMemory, TakesWhatWasReadOfItself) {
     EXPECT_EQ(pelmoMsg_GetString(inner, "x", &last, 0), kStatusSuccess);
     EXPECT_STREQ(last, "inner");
     EXPECT_STREQ(static_cast<const char*>(text.data.pointer), "text");
-}
-
-// Nested messages share the buffer, so that a reset goes on with another one; texts don't.
-TEST(MessageMemory, LosesItsReadsAtAReset) {
-    for (const uint32_t fieldsRead : {5u, 7u}) {
-        const Message msg = messageFrom(richImage());
-        const auto read = [&] {
-            pelmoMsgField field;
-            for (uint32_t i = 0; i < fieldsRead; ++i) {
-                ASSERT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, i), kStatusSuccess);
-            }
-        };
-        ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
-        read();
-        ASSERT_EQ(pelmoMsg_MarkReferences(msg.get()), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_Reset(msg.get()), kStatusSuccess);
-        EXPECT_EQ(msg->ownedBlocks, nullptr);
-        EXPECT_EQ(msg->subMessages, nullptr);
-        EXPECT_EQ(msg->bufferRefs, 0u);
-        // A mark from before is as good as none: all that comes is behind it.
-        const uint8_t bytes[] = {1};
-        const uint8_t* out = nullptr;
-        uint32_t count = 0;
-        EXPECT_EQ(pelmoMsg_AddU8Array(msg.get(), "u", bytes, 1, 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_GetU8Array(msg.get(), "u", &out, &count, 0), kStatusSuccess);
-        EXPECT_EQ(msg->bufferRefs, 1u);
-        EXPECT_EQ(pelmoMsg_ClearReferences(msg.get()), kStatusSuccess);
-        EXPECT_EQ(msg->bufferRefs, 0u);
-    }
 }
 
 // Messages within messages, each the one field of the one around it.

@@ -336,8 +336,10 @@ std::vector<SharedValue> sizedValues() {
         values.push_back(blockValue(FIELD_XML, patternBytes(size, 2)));
         values.push_back(stringArrayValue({std::string(size - 5, 'a')}));
         for (uint8_t type = FIELD_I8ARRAY; type <= FIELD_F64ARRAY; ++type) {
-            const uint32_t width = type < 42 ? 1u << (type - FIELD_I8ARRAY) / 2 : 4u << (type - 44);
-            if (fieldEncoders[type] == nullptr || size % width != 0) continue;
+            if (fieldEncoders[type] == nullptr) continue;
+            const uint32_t width = type < FIELD_F32ARRAY ? 1u << (type - FIELD_I8ARRAY) / 2
+                                                         : 4u << (type - FIELD_F32ARRAY);
+            if (size % width != 0) continue;
             values.push_back(arrayValue(type, width, patternBytes(size, type)));
         }
     }
