@@ -36,62 +36,23 @@ Converted convert(const pelmoMsgField& field, uint8_t targetType) {
     return out;
 }
 
-template <typename... Arguments>
-std::string format(const char* how, Arguments... arguments) {
-    char text[64];
-    std::snprintf(text, sizeof text, how, arguments...);
-    return text;
-}
-
-std::string shownReal(double real) {
-    return std::isnan(real) ? "nan" : format("%.17g", real);
-}
-
-template <typename Word>
-Word load(const void* at) {
-    Word word;
-    std::memcpy(&word, at, sizeof word);
-    return word;
-}
-
+// Of a number, a truth value, a port or an address.
 std::string shown(uint8_t type, const void* at) {
-    switch (type) {
-        case FIELD_BOOL:
-            return std::to_string(load<uint32_t>(at));
-        case FIELD_I8:
-            return std::to_string(load<int8_t>(at));
-        case FIELD_U8:
-            return std::to_string(load<uint8_t>(at));
-        case FIELD_I16:
-            return std::to_string(load<int16_t>(at));
-        case FIELD_U16:
-            return std::to_string(load<uint16_t>(at));
-        case FIELD_I32:
-            return std::to_string(load<int32_t>(at));
-        case FIELD_U32:
-            return std::to_string(load<uint32_t>(at));
-        case FIELD_I64:
-            return std::to_string(load<int64_t>(at));
-        case FIELD_U64:
-            return std::to_string(load<uint64_t>(at));
-        case FIELD_F32:
-            return shownReal(double{load<float>(at)});
-        case FIELD_F64:
-            return shownReal(load<double>(at));
-        case FIELD_IPPORT16:
-            return std::to_string(loadBe16At(static_cast<const uint8_t*>(at)));
-        case FIELD_IPADDR32: {
-            const auto* octets = static_cast<const uint8_t*>(at);
-            return format("%u.%u.%u.%u", octets[0], octets[1], octets[2], octets[3]);
-        }
-        default:
-            return "?";
-    }
+    const auto* octets = static_cast<const uint8_t*>(at);
+    if (type == FIELD_IPPORT16) return std::to_string(loadBe16At(octets));
+    char text[64];
+    if (type == FIELD_IPADDR32)
+        return std::string(text, ipAddrToText(loadBe32At(octets), text, 64) - 1);
+    const Number number = loadNumber(type == FIELD_BOOL ? uint8_t{FIELD_U32} : type, at);
+    if (type == FIELD_U64) return std::to_string(static_cast<uint64_t>(number.integer));
+    if (!number.isFloat) return std::to_string(number.integer);
+    std::snprintf(text, sizeof text, "%.17g", number.real);
+    return std::isnan(number.real) ? "nan" : text;
 }
 
 uint32_t widthOf(uint8_t type) {
-    if (type >= FIELD_I8 && type <= FIELD_U64) return 1u << (type - FIELD_I8) / 2;
-    return type == FIELD_IPPORT16 ? 2 : type == FIELD_F64 ? 8 : 4;
+    if (isNumberType(type)) return numberBytes(type);
+    return type == FIELD_IPPORT16 ? 2 : 4;
 }
 
 constexpr uint8_t kElements[] = {FIELD_I8,  FIELD_U8,  FIELD_I16, FIELD_U16, FIELD_I32, FIELD_U32,
