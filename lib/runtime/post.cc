@@ -108,20 +108,20 @@ void announce(Held<Queue>& queue, uint32_t entries) {
         hook(id, closure);
 }
 
-// True where there is room for one of a batch, which a policy that discards makes.
+// Is there room for one of a batch? A policy that discards makes some.
 bool hasRoom(Held<Queue>& queue) {
+    if (Id_IsInvalid(&queue->header)) return false;
     if (!queueIsFullLocked(queue.pointer())) return true;
     const bool refused = queue->limitPolicy == kLimitDiscardNew;
     Queue_Discard(queue.pointer());
     queueTellLimit(queue);
-    return !refused;
+    return !refused && !Id_IsInvalid(&queue->header);
 }
 
 // False where the message went. An event that was cut off has no transport any more.
 bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry) {
     const Event* const event = run.find(entry.eventId);
-    if (event == nullptr || !hasRoom(queue) || Id_IsInvalid(&queue->header) ||
-        event->listener.transportId == kNoId) {
+    if (event == nullptr || !hasRoom(queue) || event->listener.transportId == kNoId) {
         msgRelease(entry.message);
         return false;
     }

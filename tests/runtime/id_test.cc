@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <barrier>
 #include <set>
 #include <string>
 #include <thread>
@@ -12,6 +11,7 @@
 #include "lib/containers/dpa.h"
 #include "lib/runtime/id_counter.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/race.h"
 #include "tests/support/runtime_objects.h"
 
 namespace {
@@ -262,23 +262,6 @@ TEST(IdsOutOfMemory, LeaveNoTablesHalfMadeAndNoNumberTaken) {
     const std::string told = testing::internal::GetCapturedStderr();
     EXPECT_NE(told.find("Out of memory trying to set a global Id"), std::string::npos);
     EXPECT_NE(told.find("Out of memory trying to set an Id"), std::string::npos);
-}
-
-// Threads that come together ahead of each round.
-template <typename Act>
-void race(int threadCount, int rounds, Act act) {
-    std::barrier meeting(threadCount);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < threadCount; ++t) {
-        threads.emplace_back([&, t] {
-            for (int round = 0; round < rounds; ++round) {
-                meeting.arrive_and_wait();
-                act(t, round);
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
 TEST_F(Ids, AreDestroyedByOneOfManyWhoTry) {

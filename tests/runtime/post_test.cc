@@ -1,0 +1,400 @@
+#include "lib/runtime/post.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lib/runtime/transport_ops.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/lock_count.h"
+#include "tests/support/race.h"
+#include "tests/support/runtime_objects.h"
+
+namespace {
+
+// What advisories tell, in place of transports: the queue's name each. `meanwhile` runs in each,
+// and whoever tells must hold no lock.
+std::vector<std::string> advisories;
+std::function<void()> meanwhile;
+
+pelmoStatus keepAdvisory(uint32_t transport,
+                         const char* advisoryClass,
+                         const char* source,
+                         const char* name,
+                         const char* description) {
+    EXPECT_EQ(transport, kIntraProcessTransportId);
+    EXPECT_STREQ(advisoryClass, "WARN");
+    EXPECT_STREQ(source, "SYSTEM");
+    EXPECT_STREQ(name, "QUEUE.LIMIT_EXCEEDED");
+    advisories.emplace_back(description);
+    if (meanwhile) meanwhile();
+    return kStatusNoMemory;  // which nobody minds
+}
+
+struct Posts : testing::Test {
+    RuntimeTables tables;
+    uint32_t queue = makeQueue();
+
+    Posts() {
+        transportOps.sendAdvisory = keepAdvisory;
+        advisories.clear();
+        meanwhile = nullptr;
+    }
+    ~Posts() override {
+        (void)pelmoQueue_DestroyEx(queue, nullptr, nullptr);
+        transportOps.sendAdvisory = nullptr;
+    }
+
+    size_t count() const { return entriesOf(queue).size(); }
+
+    const pelmoMsg* post(TestEvent& listener, bool advisory = false) const {
+        pelmoMsg* message = messageFor(0);
+        if (advisory) msgSetLimitAdvisory(message);
+        listener.deliver(message);
+        EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);
+        return message;
+    }
+};
+
+// The record, for as long as the queue isn't destroyed.
+Queue* recordOf(uint32_t queue) {
+    Held<Queue> held;
+    EXPECT_EQ(held.get(queue, IdAccess::kUnlocked), kStatusSuccess);
+    return held.pointer();
+}
+
+TEST_F(Posts, CarryEventAndClosure) {
+    int closure = 0;
+    TestEvent timer(kEventTimer, queue, &closure), listener(kEventListener, queue, &queue);
+    EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
+    EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);  // nothing waits
+    pelmoMsg* first = messageFor(0);
+    listener.deliver(first);
+    const pelmoMsg* second = post(listener);
+    EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);
+
+    const auto entries = entriesOf(queue);
+    ASSERT_EQ(entries.size(), 3u);
+    EXPECT_EQ(entries[0]->deliveryEvent, timer.id);
+    EXPECT_EQ(entries[0]->deliveryClosure, &closure);
+    EXPECT_EQ(entries[1], first);
+    EXPECT_EQ(entries[1]->deliveryEvent, listener.id);
+    EXPECT_EQ(entries[2], second);
+    EXPECT_EQ(entries[2]->deliveryClosure, &queue);
+}
+
+TEST_F(Posts, FailWithoutEventOrQueue) {
+    TestEvent timer(kEventTimer, queue), stray(kEventTimer, queue + 1000);
+    EXPECT_EQ(Event_Post(nullptr), kStatusInvalidEvent);
+    EXPECT_EQ(Event_Post(stray.event), kStatusInvalidQueue);
+    ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardLast, 1, 1), kStatusSuccess);
+    EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
+    timer.destroy();
+    EXPECT_EQ(Event_Post(timer.event), kStatusInvalidEvent);
+    EXPECT_EQ(advisories.size(), 0u);
+    EXPECT_EQ(count(), 1u);
+}
+
+// Posts, L a listener's message, A one that tells of a limit, T a timer's, and which are left.
+struct Limited {
+    uint32_t policy, most, discard;
+    const char* posts;
+    const char* left;
+    size_t advisories;
+};
+
+TEST_F(Posts, MeetTheLimitAsThePolicySays) {
+    const Limited rows[] = {
+        {kLimitDiscardFirst, 3, 1, "LLLL", ".LLL", 1},
+        {kLimitDiscardFirst, 3, 1, "LLLLLL", "...LLL", 3},
+        {kLimitDiscardFirst, 4, 3, "LLLLLL", "...LLL", 1},
+        {kLimitDiscardLast, 3, 1, "LLLLL", "LL..L", 2},
+        {kLimitDiscardNew, 3, 1, "LLLLL", "LLL..", 2},
+        {kLimitDiscardNew, 2, 1, "LLTTL", "LLTT.", 3},  // timers go over the limit
+        {kLimitDiscardFirst, 2, 1, "TLTL", "T.TL", 2},  // and aren't dropped
+        {kLimitDiscardLast, 2, 1, "TTTT", "TTTT", 2},
+        {kLimitDiscardFirst, 2, 0, "LLL", "LLL", 1},
+        {kLimitDiscardNew, 2, 1, "LLA", "L.A", 0},  // makes a place for itself
+        {kLimitDiscardNew, 2, 1, "TTA", "TTA", 0},
+        {kLimitDiscardFirst, 2, 1, "LLAL", "..AL", 1},  // and leaves that to the next
+        {kLimitDiscardLast, 2, 1, "LLAL", "L..L", 1},
+    };
+    for (const Limited& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.policy << ' ' << row.posts);
+        const uint32_t limited = makeQueue();
+        advisories.clear();
+        TestEvent timer(kEventTimer, limited), listener(kEventListener, limited);
+        ASSERT_EQ(pelmoQueue_SetLimitPolicy(limited, row.policy, row.most, row.discard),
+                  kStatusSuccess);
+        std::string left(std::strlen(row.posts), '.');
+        std::vector<const pelmoMsg*> posted;
+        for (const char* kind = row.posts; *kind != '\0'; ++kind) {
+            if (*kind == 'T') {
+                EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
+                posted.push_back(entriesOf(limited).back());
+            } else {
+                posted.push_back(post(listener, *kind == 'A'));
+            }
+        }
+        // A block that was given back may serve a later message: the last of a pointer counts.
+        for (const pelmoMsg* entry : entriesOf(limited)) {
+            const auto last = std::find(posted.rbegin(), posted.rend(), entry);
+            ASSERT_NE(last, posted.rend());
+            const auto place = static_cast<size_t>(posted.rend() - last) - 1;
+            left[place] = row.posts[place];
+        }
+        EXPECT_EQ(left, row.left);
+        EXPECT_EQ(advisories, std::vector<std::string>(row.advisories, "queue"));
+        EXPECT_EQ(pelmoQueue_DestroyEx(limited, nullptr, nullptr), kStatusSuccess);
+    }
+}
+
+TEST_F(Posts, TellOfTheLimitWithNoLockHeld) {
+    TestEvent listener(kEventListener, queue);
+    ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardFirst, 1, 1), kStatusSuccess);
+    post(listener);
+    Queue* record = recordOf(queue);
+    meanwhile = [&] {
+        EXPECT_TRUE(isFree(record->header.lock));
+        EXPECT_TRUE(isFree(record->dataLock));
+        EXPECT_TRUE(isFree(listener.event->header.lock));
+        EXPECT_EQ(pelmoQueue_SetName(queue, "meanwhile"), kStatusSuccess);
+    };
+    post(listener);
+    const PostEntry entry = {listener.id, messageFor(0)};
+    Queue_PostBatch(queue, {&entry, 1});
+    EXPECT_EQ(advisories, (std::vector<std::string>{"queue", "meanwhile"}));
+
+    // Both may be gone when the post goes on.
+    const auto end = [this](auto destroy) {
+        TestEvent other(kEventListener, queue);
+        meanwhile = [&] { destroy(other); };
+        other.deliver(messageFor(0));
+        return Event_Post(other.event);
+    };
+    EXPECT_EQ(end([](TestEvent& event) { event.destroy(); }), kStatusInvalidEvent);
+    meanwhile = nullptr;
+    post(listener);
+    EXPECT_EQ(end([this](TestEvent&) {
+                  EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
+              }),
+              kStatusInvalidQueue);
+}
+
+TEST_F(Posts, OfABatchDropTheRestWhereTheQueueEnds) {
+    TestEvent listener(kEventListener, queue);
+    ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardLast, 1, 0), kStatusSuccess);
+    meanwhile = [this] { (void)pelmoQueue_DestroyEx(queue, nullptr, nullptr); };
+    std::vector<PostEntry> batch;
+    for (int i = 0; i < 4; ++i)
+        batch.push_back({listener.id, messageFor(0)});
+    Queue_PostBatch(queue, batch);
+    EXPECT_EQ(advisories.size(), 1u);
+
+    batch.resize(1);
+    batch[0].message = messageFor(0);
+    Queue_PostBatch(queue, batch);  // and all of it where there is none
+}
+
+TEST_F(Posts, OfABatchKeepTheirOrderAndPassOverDeadEvents) {
+    TestEvent first(kEventListener, queue, &queue), second(kEventListener, queue);
+    TestEvent cutOff(kEventListener, queue), dead(kEventListener, queue);
+    cutOff.event->listener.transportId = kNoId;
+    dead.destroy();
+    std::vector<PostEntry> batch;
+    std::vector<const pelmoMsg*> expected;
+    for (const TestEvent* event : {&first, &first, &dead, &second, &cutOff, &dead, &first}) {
+        batch.push_back({event->id, messageFor(0)});
+        if (event == &first || event == &second) expected.push_back(batch.back().message);
+    }
+    batch.push_back({kNoId, messageFor(0)});
+    Queue_PostBatch(queue, batch);
+    EXPECT_EQ(entriesOf(queue), expected);
+    EXPECT_EQ(expected[1]->deliveryEvent, first.id);
+    EXPECT_EQ(expected[1]->deliveryClosure, &queue);
+    EXPECT_EQ(expected[2]->deliveryEvent, second.id);
+}
+
+TEST_F(Posts, OfABatchMeetTheLimitOneByOne) {
+    const struct {
+        uint32_t policy;
+        std::vector<size_t> left;
+    } rows[] = {
+        {kLimitDiscardNew, {0, 1}}, {kLimitDiscardFirst, {2, 3}}, {kLimitDiscardLast, {0, 3}}};
+    for (const auto& row : rows) {
+        const uint32_t limited = makeQueue();
+        TestEvent listener(kEventListener, limited);
+        ASSERT_EQ(pelmoQueue_SetLimitPolicy(limited, row.policy, 2, 1), kStatusSuccess);
+        advisories.clear();
+        std::vector<PostEntry> batch;
+        for (int i = 0; i < 4; ++i)
+            batch.push_back({listener.id, messageFor(0)});
+        Queue_PostBatch(limited, batch);
+        std::vector<const pelmoMsg*> expected;
+        for (const size_t place : row.left)
+            expected.push_back(batch[place].message);
+        EXPECT_EQ(entriesOf(limited), expected);
+        EXPECT_EQ(advisories.size(), 2u);
+        EXPECT_EQ(pelmoQueue_DestroyEx(limited, nullptr, nullptr), kStatusSuccess);
+    }
+}
+
+TEST_F(Posts, CallTheHookForEachEntryWithNoLockHeld) {
+    struct Hook {
+        uint32_t queue;
+        int calls = 0;
+        static void call(uint32_t id, void* closure) {
+            auto* self = static_cast<Hook*>(closure);
+            EXPECT_EQ(id, self->queue);
+            EXPECT_TRUE(isFree(recordOf(id)->header.lock));
+            ++self->calls;
+        }
+    } hook{queue};
+    TestEvent listener(kEventListener, queue);
+    EXPECT_EQ(pelmoQueue_SetHook(queue, Hook::call, &hook), kStatusSuccess);
+    post(listener);
+    EXPECT_EQ(hook.calls, 1);
+    EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);  // nothing waits
+    EXPECT_EQ(hook.calls, 1);
+    const PostEntry batch[] = {
+        {listener.id, messageFor(0)}, {kNoId, messageFor(0)}, {listener.id, messageFor(0)}};
+    Queue_PostBatch(queue, batch);
+    EXPECT_EQ(hook.calls, 3);
+    Queue_PostBatch(queue, {batch, 0});
+    EXPECT_EQ(hook.calls, 3);
+}
+
+TEST_F(Posts, SignalOnlyQueuesWithSleepers) {
+    const struct {
+        uint32_t id, waiters;
+        bool signalled;
+    } rows[] = {{kWorkQueueId, 0, false},
+                {kWorkQueueId, 1, true},
+                {kTimerQueueId, 1, false},
+                {5, 1, false},
+                {133, 1, false},
+                {134, 1, true},
+                {4, 1, true}};
+    for (const auto& row : rows) {
+        ASSERT_EQ(Queue_Create(nullptr, row.id, "fixed", false, false), kStatusSuccess);
+        const TestEvent timer(kEventTimer, row.id);
+        Queue* record = recordOf(row.id);
+        record->waiters = row.waiters;
+        EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
+        EXPECT_EQ(record->cond.signalled, row.signalled) << row.id;
+        EXPECT_EQ(pelmoQueue_DestroyEx(row.id, nullptr, nullptr), kStatusSuccess);
+    }
+}
+
+TEST_F(Posts, OfABatchLookUpAnEventOncePerRun) {
+    TestEvent first(kEventListener, queue), second(kEventListener, queue);
+    const auto locksFor = [this](std::vector<uint32_t> ids) {
+        std::vector<PostEntry> batch;
+        for (const uint32_t id : ids)
+            batch.push_back({id, messageFor(0)});
+        const size_t before = locksEntered();
+        Queue_PostBatch(queue, batch);
+        return locksEntered() - before;
+    };
+    const size_t one = locksFor({first.id});
+    EXPECT_EQ(locksFor({first.id, first.id, first.id, first.id}), one);
+    EXPECT_GT(locksFor({first.id, second.id}), one);
+}
+
+// Posts with the queue's ring about to grow, each allocation failing in turn.
+template <typename Post>
+void failEach(uint32_t queue, size_t least, Post postOnce) {
+    size_t after = 0;
+    for (bool failed = true; failed; ++after) {
+        const size_t before = entriesOf(queue).size();
+        pelmoStatus status;
+        {
+            const FailAlloc fail{.after = after};
+            status = postOnce();
+            failed = allocationsFailed() != 0;
+        }
+        EXPECT_EQ(status, failed ? kStatusNoMemory : kStatusSuccess);
+        EXPECT_EQ(entriesOf(queue).size(), before + (failed ? 0 : 1));
+    }
+    EXPECT_GT(after, least);
+}
+
+TEST_F(Posts, OutOfMemoryDropTheMessage) {
+    TestEvent timer(kEventTimer, queue), listener(kEventListener, queue);
+    for (int i = 0; i < 7; ++i)
+        EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
+    failEach(queue, 3, [&] { return Event_Post(timer.event); });
+    for (int i = 8; i < 15; ++i)
+        post(listener);
+
+    pelmoMsg* message = messageFor(0);
+    listener.deliver(message);
+    {
+        const FailAlloc fail{.after = 0};
+        EXPECT_EQ(Event_Post(listener.event), kStatusNoMemory);
+    }
+    EXPECT_EQ(listener.event->listener.inbox->count, 0u);
+    PostEntry batch[] = {{listener.id, messageFor(0)}, {listener.id, messageFor(0)}};
+    {
+        const FailAlloc fail{.after = 0};
+        Queue_PostBatch(queue, batch);
+    }
+    EXPECT_EQ(count(), 16u);
+    EXPECT_EQ(entriesOf(queue).back(), batch[1].message);
+
+    // Without memory for the name nobody is told, and the post goes on.
+    ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardFirst, 16, 1), kStatusSuccess);
+    listener.deliver(messageFor(0));
+    const FailAlloc fail{.after = 0};
+    EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);
+    EXPECT_EQ(allocationsFailed(), 1u);
+    EXPECT_EQ(advisories.size(), 0u);
+    EXPECT_EQ(count(), 16u);
+}
+
+TEST_F(Posts, RaceWithTheEndOfEventsAndQueues) {
+    constexpr int kRounds = 200;
+    struct Round {
+        uint32_t queue = makeQueue();
+        TestEvent timer{kEventTimer, queue}, listener{kEventListener, queue};
+    };
+    transportOps.sendAdvisory = nullptr;
+    std::vector<std::unique_ptr<Round>> rounds(kRounds);
+    for (auto& round : rounds)
+        round = std::make_unique<Round>();
+    const auto either = [](pelmoStatus status, pelmoStatus ended) {
+        EXPECT_TRUE(status == kStatusSuccess || status == ended) << status;
+    };
+    race(3, kRounds, [&](int thread, int number) {
+        Round& round = *rounds[static_cast<size_t>(number)];
+        if (thread == 0) {
+            for (int i = 0; i < 5; ++i)
+                (void)Event_Post(round.timer.event);
+            either(pelmoQueue_DestroyEx(round.queue, nullptr, nullptr), kStatusSuccess);
+        } else if (thread == 1) {
+            for (int i = 0; i < 5; ++i) {
+                const PostEntry batch[] = {{round.listener.id, messageFor(0)},
+                                           {round.timer.id, messageFor(0)}};
+                Queue_PostBatch(round.queue, batch);
+                round.listener.deliver(messageFor(0));
+                (void)Event_Post(round.listener.event);
+            }
+            round.listener.destroy();
+        } else {
+            either(
+                pelmoQueue_SetLimitPolicy(round.queue, 1 + static_cast<uint32_t>(number) % 3, 3, 1),
+                kStatusInvalidQueue);
+            round.timer.destroy();
+            either(pelmoQueue_SetPriority(round.queue, 3), kStatusInvalidQueue);
+        }
+    });
+    for (const auto& round : rounds)
+        EXPECT_EQ(Id_Check(round->queue, IdType::kQueue), kStatusNotFound);
+}
+
+}  // namespace
