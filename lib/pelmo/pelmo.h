@@ -17,8 +17,11 @@
 // of whatever couldn't be started. A failed open leaves nothing running. pelmo_Close on a closed
 // library answers kStatusNotInitialized.
 //
-// Threads: any. The library lock, outermost of the library's, is held throughout, and is recursive:
-// a completion that runs inside the close may call back.
+// Threads: any, but the process' first open comes ahead of all other use, that of messages
+// included. The library lock, outermost of the library's, is held throughout. The last close waits
+// for the callbacks that run on the library's own threads and on those of dispatchers, unless it is
+// one of them that closes. So a callback on one of the library's threads doesn't open or wait for
+// the close, where another thread may be closing: each would wait for the other.
 
 #pragma once
 
