@@ -201,6 +201,10 @@ void timersWakeLocked() {
     if (armed.waiting) Cond_Signal(armed.wake);
 }
 
+bool timersAreAwaitedLocked() {
+    return armed.waiting;
+}
+
 bool timersAwait(uint32_t epoch, double* outNow) {
     LockGuard guard(evmLock);
     if (!evmIsAt(epoch)) return false;

@@ -50,6 +50,9 @@ void timersCloseLocked() PELMO_REQUIRES(evmLock);
 // Ends a wait, so that its thread looks at the epoch.
 void timersWakeLocked() PELMO_REQUIRES(evmLock);
 
+// Does a thread sit in timersAwait?
+[[nodiscard]] bool timersAreAwaitedLocked() PELMO_REQUIRES(evmLock);
+
 // Waits until the soonest timer is due, at most a minute, and gives the time to fire at: that of
 // the clock ahead of the wait, and what was waited for added where nothing cut the wait short.
 // False once the epoch has passed.

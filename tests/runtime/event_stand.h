@@ -1,0 +1,102 @@
+// What tests of events stand on: the event manager's parts without its threads, on clocks that
+// stand. The test passes time, and makes the passes, itself.
+
+#pragma once
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "lib/runtime/dispatch.h"
+#include "lib/runtime/event.h"
+#include "lib/runtime/io_events.h"
+#include "lib/runtime/timers.h"
+#include "lib/runtime/wakeup_pair.h"
+#include "tests/support/fixed_clock.h"
+#include "tests/support/runtime_objects.h"
+
+struct EventStand {
+    EventStand() {
+        EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
+        EXPECT_EQ(Queue_Create(nullptr, kFirstIoQueueId, "io", false, false), kStatusSuccess);
+        {
+            LockGuard guard(evmLock);
+            epoch = ++evmEpoch;
+            EXPECT_EQ(timersOpenLocked(), kStatusSuccess);
+            EXPECT_EQ(ioThreadAddLocked(kFirstIoQueueId, &io), kStatusSuccess);
+        }
+        EXPECT_EQ(wakeupPairCreate(&io->pair, kFirstIoQueueId, nullptr, nullptr, nullptr),
+                  kStatusSuccess);
+    }
+    ~EventStand() {
+        wakeupPairDestroy(io->pair);
+        {
+            LockGuard guard(evmLock);
+            ++evmEpoch;
+            timersCloseLocked();
+            ioThreadsClearLocked();
+        }
+        pelmoQueue_DestroyEx(queue, nullptr, nullptr);
+        pelmoQueue_DestroyEx(kFirstIoQueueId, nullptr, nullptr);
+    }
+    EventStand(const EventStand&) = delete;
+    EventStand& operator=(const EventStand&) = delete;
+
+    // Runs what waits on the queue; how many.
+    uint32_t dispatchAll(uint32_t id) const {
+        uint32_t steps = 0;
+        while (pelmoQueue_TimedDispatch(id, 0) == kStatusSuccess)
+            ++steps;
+        return steps;
+    }
+
+    // One pass of the IO thread that doesn't wait.
+    void ioPass() const {
+        wakeupPairWake(io->pair);
+        EXPECT_TRUE(ioThreadPass(io, epoch));
+        dispatchAll(kFirstIoQueueId);
+    }
+
+    uint32_t entries(uint32_t id) const {
+        uint32_t count = 0;
+        EXPECT_EQ(pelmoQueue_GetCount(id, &count), kStatusSuccess);
+        return count;
+    }
+
+    uint32_t timer(double interval, pelmoEventCallback callback, void* closure = nullptr) const {
+        uint32_t event = kNoId;
+        EXPECT_EQ(pelmoEvent_CreateTimer(&event, queue, callback, interval, closure),
+                  kStatusSuccess);
+        return event;
+    }
+
+    RuntimeTables tables;
+    FixedMonotonic clock{1'000};
+    uint32_t queue = kNoId;
+    uint32_t epoch = 0;
+    IoThread* io = nullptr;
+};
+
+// Two connected sockets, closed at the end of the scope.
+struct SocketPair {
+    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0); }
+    ~SocketPair() {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    SocketPair(const SocketPair&) = delete;
+    SocketPair& operator=(const SocketPair&) = delete;
+
+    // Makes ends[0] readable.
+    void ready() const { EXPECT_EQ(send(ends[1], "*", 1, MSG_NOSIGNAL), 1); }
+
+    int ends[2];
+};
+
+inline void ignoreEvent(uint32_t, pelmoMsg*, void*) {}
+
+// Adds the event to the std::vector<uint32_t> of the closure.
+inline void noteEvent(uint32_t event, pelmoMsg*, void* fired) {
+    static_cast<std::vector<uint32_t>*>(fired)->push_back(event);
+}

@@ -1,0 +1,250 @@
+#include "lib/runtime/timers.h"
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "tests/runtime/event_stand.h"
+#include "tests/support/fail_alloc.h"
+
+namespace {
+
+struct Timers : testing::Test {
+    // One pass at `seconds` from the start, and the dispatch of what fired.
+    uint32_t passAt(double seconds) {
+        const uint32_t fires = timersFire(stand.epoch, start + seconds);
+        stand.dispatchAll(stand.queue);
+        return fires;
+    }
+
+    double expiry(uint32_t timer) {
+        Held<Event> event;
+        EXPECT_EQ(event.get(timer, IdAccess::kUnlocked), kStatusSuccess);
+        return event->timer.nextExpiry - start;
+    }
+
+    EventStand stand;
+    const double start = clockSteadySeconds();
+    std::vector<uint32_t> fired;
+};
+
+TEST_F(Timers, KeepTheirRateHoweverLateTheyFire) {
+    const uint32_t timer = stand.timer(0.25, noteEvent, &fired);
+    for (int tick = 1; tick <= 10'000; ++tick) {
+        EXPECT_EQ(passAt(tick * 0.25 - 0.001), 0u);
+        EXPECT_EQ(passAt(tick * 0.25 + tick % 7 * 0.03), 1u);
+    }
+    EXPECT_EQ(fired.size(), 10'000u);
+    EXPECT_EQ(expiry(timer), 10'001 * 0.25);
+}
+
+TEST_F(Timers, CatchUpWithAHundredIntervalsAndDropMore) {
+    const struct {
+        double pause;
+        uint32_t fires;
+        double next;
+    } cases[] = {{50, 50, 51}, {101, 101, 102}, {101.5, 1, 102.5}, {150, 1, 151}};
+    for (const auto& c : cases) {
+        const uint32_t timer = stand.timer(1.0, ignoreEvent);
+        uint32_t fires = 0;
+        while (passAt(c.pause) == 1)
+            ++fires;
+        EXPECT_EQ(fires, c.fires) << c.pause;
+        EXPECT_EQ(expiry(timer), c.next) << c.pause;
+        pelmoEvent_DestroyEx(timer, nullptr);
+    }
+}
+
+TEST_F(Timers, FireSoonestFirstThirtyTwoAtATime) {
+    std::vector<std::pair<double, uint32_t>> byTime;
+    for (uint32_t i = 0; i < 33; ++i) {
+        const double interval = 1 + i * 7 % 33;
+        byTime.push_back({interval, stand.timer(interval, noteEvent, &fired)});
+    }
+    EXPECT_EQ(timersFire(stand.epoch, start + 40), 32u);
+    EXPECT_EQ(timersFire(stand.epoch, start + 40), 1u);
+    EXPECT_EQ(timersFire(stand.epoch, start + 40), 0u);
+    stand.dispatchAll(stand.queue);
+    std::ranges::sort(byTime);
+    for (uint32_t i = 0; i < 33; ++i)
+        EXPECT_EQ(fired[i], byTime[i].second);
+}
+
+// Armed, removed and fired at random, beside an ordered set; equal times go by address.
+TEST_F(Timers, AreOrderedAsInASet) {
+    constexpr uint32_t kTimers = 300;
+    std::mt19937 random(1);
+    std::set<std::pair<double, Event*>> model;
+    std::vector<uint32_t> ids;
+    for (uint32_t i = 0; i < kTimers; ++i) {
+        ids.push_back(stand.timer(1e9, noteEvent, &fired));
+        Held<Event> event;
+        ASSERT_EQ(event.get(ids.back(), IdAccess::kUnlocked), kStatusSuccess);
+        EXPECT_EQ(Timer_Remove(event.pointer()), kStatusSuccess);
+        EXPECT_EQ(Timer_Remove(event.pointer()), kStatusInvalidArgument);
+    }
+    for (int step = 0; step < 5'000; ++step) {
+        Held<Event> event;
+        ASSERT_EQ(event.get(ids[random() % kTimers], IdAccess::kUnlocked), kStatusSuccess);
+        if (event->timer.place != 0) {
+            EXPECT_EQ(model.erase({event->timer.nextExpiry, event.pointer()}), 1u);
+            EXPECT_EQ(Timer_Remove(event.pointer()), kStatusSuccess);
+        } else {
+            event->timer.nextExpiry = start + static_cast<double>(random() % 50);
+            model.insert({event->timer.nextExpiry, event.pointer()});
+            EXPECT_EQ(Timer_Insert(event.pointer()), kStatusSuccess);
+        }
+    }
+    while (timersFire(stand.epoch, start + 50) != 0) {
+    }
+    // Dispatches arm them again, a long time ahead.
+    stand.dispatchAll(stand.queue);
+    std::vector<uint32_t> expected;
+    for (const auto& [time, event] : model)
+        expected.push_back(event->header.id);
+    EXPECT_EQ(fired, expected);
+}
+
+TEST_F(Timers, OfAnIdleQueueLeaveOneEntry) {
+    (void)stand.timer(1.0, ignoreEvent);
+    for (int second = 1; second < 20; ++second)
+        (void)timersFire(stand.epoch, start + second);
+    EXPECT_EQ(stand.entries(stand.queue), 1u);
+}
+
+TEST_F(Timers, WithoutIntervalFireAtEveryPass) {
+    (void)stand.timer(0, noteEvent, &fired);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(passAt(0), 1u);
+    uint32_t timer = 7;
+    for (const double interval : {-0.001, -HUGE_VAL, std::nan("")}) {
+        EXPECT_EQ(pelmoEvent_CreateTimer(&timer, stand.queue, ignoreEvent, interval, nullptr),
+                  kStatusInvalidInterval);
+        EXPECT_EQ(pelmoEvent_ResetTimerInterval(1, interval), kStatusInvalidInterval);
+    }
+    EXPECT_EQ(timer, 7u);
+}
+
+TEST_F(Timers, TakeANewIntervalFromTheCallOn) {
+    const uint32_t armed = stand.timer(10, ignoreEvent);
+    const uint32_t waiting = stand.timer(1, noteEvent, &fired);
+    const uint32_t inCallback = stand.timer(1, [](uint32_t timer, pelmoMsg*, void*) {
+        EXPECT_EQ(pelmoEvent_ResetTimerInterval(timer, 5), kStatusSuccess);
+    });
+    stand.clock.set(1'002);
+    EXPECT_EQ(timersFire(stand.epoch, start + 1), 2u);
+    EXPECT_EQ(pelmoEvent_ResetTimerInterval(armed, 3), kStatusSuccess);
+    EXPECT_EQ(pelmoEvent_ResetTimerInterval(waiting, 4), kStatusSuccess);
+    EXPECT_EQ(passAt(1), 0u);
+    EXPECT_EQ(expiry(armed), 5);
+    EXPECT_EQ(expiry(waiting), 6);
+    EXPECT_EQ(expiry(inCallback), 7);
+    EXPECT_EQ(passAt(4.999), 0u);
+    EXPECT_EQ(passAt(7), 3u);
+    double interval = 0;
+    EXPECT_EQ(pelmoEvent_GetTimerInterval(armed, &interval), kStatusSuccess);
+    EXPECT_EQ(interval, 3);
+}
+
+TEST_F(Timers, DontMindTheWallClock) {
+    FixedClock wall(1'700'000'000);
+    (void)stand.timer(10, ignoreEvent);
+    for (const int64_t step : {3'600, -3'600}) {
+        wall.set(1'700'000'000 + step);
+        stand.clock.set(1'009, 999'000'000);
+        EXPECT_EQ(timersFire(stand.epoch, clockSteadySeconds()), 0u);
+    }
+    stand.clock.set(1'010);
+    EXPECT_EQ(timersFire(stand.epoch, clockSteadySeconds()), 1u);
+}
+
+// What waits is cut short by a timer that is due sooner, and by no other.
+TEST_F(Timers, WakeTheirThreadForTheSoonestAlone) {
+    const auto awaited = [] {
+        LockGuard guard(evmLock);
+        return timersAreAwaitedLocked();
+    };
+    (void)stand.timer(1'000, ignoreEvent);
+    std::atomic<uint32_t> returns{0};
+    std::thread thread([&] {
+        double now;
+        while (timersAwait(stand.epoch, &now)) {
+            EXPECT_EQ(now, start);
+            ++returns;
+        }
+    });
+    const auto awaitReturns = [&](uint32_t count) {
+        while (returns != count || !awaited())
+            std::this_thread::yield();
+    };
+    awaitReturns(0);
+    for (int i = 1; i <= 500; ++i) {
+        (void)stand.timer(1'000 + i, ignoreEvent);
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(returns, 0u);
+    for (uint32_t i = 1; i <= 50; ++i) {
+        (void)stand.timer(1'000 - i, ignoreEvent);
+        awaitReturns(i);
+    }
+    {
+        LockGuard guard(evmLock);
+        ++evmEpoch;
+        timersWakeLocked();
+    }
+    thread.join();
+    ++evmEpoch;
+}
+
+TEST_F(Timers, ThatAreDestroyedLeaveAtOnceAndCantComeBack) {
+    const uint32_t timer = stand.timer(1, ignoreEvent);
+    Held<Event> event;
+    ASSERT_EQ(event.get(timer, IdAccess::kUnlocked), kStatusSuccess);
+    EXPECT_EQ(pelmoEvent_DestroyEx(timer, nullptr), kStatusSuccess);
+    EXPECT_EQ(Timer_Insert(event.pointer()), kStatusInvalidEvent);
+    EXPECT_EQ(passAt(10), 0u);
+    EXPECT_EQ(event->header.refCount, 1);
+}
+
+TEST_F(Timers, AreMadeWholeOrNotAtAllWithoutMemory) {
+    testing::internal::CaptureStderr();
+    const size_t failures = eachAllocationFails([&] {
+        std::vector<uint32_t> timers(20, kNoId);
+        for (uint32_t& timer : timers) {
+            const pelmoStatus status =
+                pelmoEvent_CreateTimer(&timer, stand.queue, noteEvent, 1, &fired);
+            EXPECT_EQ(status, timer != kNoId ? kStatusSuccess : kStatusNoMemory);
+        }
+        const auto made = static_cast<uint32_t>(20 - std::ranges::count(timers, kNoId));
+        EXPECT_GE(made + allocationsFailed(), 20u);
+        EXPECT_EQ(timersFire(stand.epoch, start + 1), made);
+        allocationsHeal();
+        stand.dispatchAll(stand.queue);
+        for (const uint32_t timer : timers)
+            pelmoEvent_DestroyEx(timer, nullptr);
+        EXPECT_EQ(timersFire(stand.epoch, start + 1e6), 0u);
+    });
+    EXPECT_GT(failures, 40u);
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(Timers, AnswerThatNothingRunsOnceStopped) {
+    const uint32_t timer = stand.timer(1, ignoreEvent);
+    const auto step = [] {
+        LockGuard guard(evmLock);
+        ++evmEpoch;
+    };
+    step();
+    uint32_t other = kNoId;
+    EXPECT_EQ(pelmoEvent_CreateTimer(&other, stand.queue, ignoreEvent, 1, nullptr),
+              kStatusNotInitialized);
+    EXPECT_EQ(pelmoEvent_ResetTimerInterval(timer, 1), kStatusNotInitialized);
+    EXPECT_EQ(timersFire(stand.epoch, start + 10), 0u);
+    double now;
+    EXPECT_FALSE(timersAwait(stand.epoch, &now));
+    step();
+}
+
+}  // namespace

@@ -1,0 +1,239 @@
+#include "lib/runtime/wakeup_pair.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+
+#include <cstdio>
+#include <functional>
+#include <thread>
+
+#include "lib/runtime/loopback_pair.h"
+#include "tests/runtime/event_stand.h"
+
+namespace {
+
+// The ends of the one TCP connection that both are this process': the reader is watched.
+struct Ends {
+    explicit Ends(uint32_t ioEvent) {
+        EXPECT_EQ(pelmoEvent_GetIOSource(ioEvent, &reader), kStatusSuccess);
+        sockaddr_in peer = address(reader, getpeername);
+        for (writer = 0; writer < 1'000; ++writer) {
+            if (address(writer, getsockname).sin_port == peer.sin_port) return;
+        }
+        ADD_FAILURE() << "no writing end";
+    }
+
+    static sockaddr_in address(int end, int (*ask)(int, sockaddr*, socklen_t*)) {
+        sockaddr_in found{};
+        socklen_t size = sizeof(found);
+        if (ask(end, reinterpret_cast<sockaddr*>(&found), &size) != 0) found = {};
+        return found.sin_family == AF_INET ? found : sockaddr_in{};
+    }
+
+    int32_t reader = -1;
+    int writer = -1;
+};
+
+struct WakeupPairs : testing::Test {
+    WakeupPairs() {
+        // Ids count up: the pair's event has the one after this.
+        const uint32_t before = stand.timer(1e9, ignoreEvent);
+        EXPECT_EQ(wakeupPairCreate(&pair, stand.queue, wake, fail, this), kStatusSuccess);
+        event = before + 1;
+    }
+    ~WakeupPairs() override {
+        if (pair != nullptr) wakeupPairDestroy(pair);
+    }
+
+    static void wake(void* closure) {
+        auto* const self = static_cast<WakeupPairs*>(closure);
+        ++self->wakes;
+        if (self->onWake) self->onWake();
+    }
+    static void fail(void* closure) {
+        auto* const self = static_cast<WakeupPairs*>(closure);
+        ++self->fails;
+        if (self->onFail) self->onFail();
+    }
+
+    void pass() {
+        stand.ioPass();
+        stand.dispatchAll(stand.queue);
+    }
+
+    // Nothing that is closed can be opened again until the test's end.
+    void forbidSockets() {
+        getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit none{3, limit.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    void allowSockets() { setrlimit(RLIMIT_NOFILE, &limit); }
+
+    // Also forgets it, as onWake and onFail may.
+    void destroy() { wakeupPairDestroy(std::exchange(pair, nullptr)); }
+
+    EventStand stand;
+    WakeupPair* pair = nullptr;
+    uint32_t event = kNoId;
+    int wakes = 0;
+    int fails = 0;
+    std::function<void()> onWake, onFail;
+    rlimit limit{};
+};
+
+TEST_F(WakeupPairs, CallOnceForManyWakes) {
+    pass();
+    EXPECT_EQ(wakes, 0);
+    errno = 4'711;
+    for (int i = 0; i < 32; ++i)
+        wakeupPairWake(pair);
+    EXPECT_EQ(errno, 4'711);
+    pass();
+    pass();
+    EXPECT_EQ(wakes, 1);
+}
+
+TEST_F(WakeupPairs, NeverBlockNorKillTheWaker) {
+    for (int i = 0; i < 300'000; ++i)
+        wakeupPairWake(pair);
+    shutdown(Ends(event).writer, SHUT_RDWR);
+    wakeupPairWake(pair);
+}
+
+TEST_F(WakeupPairs, RemakeABrokenConnection) {
+    testing::internal::CaptureStderr();
+    shutdown(Ends(event).writer, SHUT_RDWR);
+    pass();
+    EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(
+        "Socket pair unexpectedly closed, creating new pair\n"));
+    EXPECT_EQ(wakes, 0);  // nobody has woken
+    wakeupPairWake(pair);
+    pass();
+    EXPECT_EQ(wakes, 1);
+    EXPECT_EQ(fails, 0);
+    EXPECT_TRUE(wakeupPairHasEvent(pair));
+}
+
+TEST_F(WakeupPairs, TellTheirOwnerWhereRemakingFails) {
+    testing::internal::CaptureStderr();
+    onFail = [this] {
+        EXPECT_FALSE(wakeupPairHasEvent(pair));
+        wakeupPairWake(pair);  // for the next remake's event
+        EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSocketLimit);
+        allowSockets();
+        EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSuccess);
+    };
+    shutdown(Ends(event).writer, SHUT_RDWR);
+    forbidSockets();
+    pass();
+    allowSockets();
+    EXPECT_EQ(fails, 1);
+    wakeupPairWake(pair);
+    pass();
+    EXPECT_EQ(wakes, 1);
+    (void)testing::internal::GetCapturedStderr();
+}
+
+TEST_F(WakeupPairs, MayBeDestroyedFromTheirOwnCallbacks) {
+    onWake = [this] { destroy(); };
+    wakeupPairWake(pair);
+    pass();
+    EXPECT_EQ(wakes, 1);
+    EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusInvalidEvent);
+}
+
+TEST_F(WakeupPairs, MayBeDestroyedWhereTheyFail) {
+    testing::internal::CaptureStderr();
+    wakeupPairWake(pair);
+    shutdown(Ends(event).writer, SHUT_RDWR);
+    pass();
+    onWake = [this] { destroy(); };
+    forbidSockets();
+    pass();  // takes the byte, or the end: the callback finds no event left in the second case
+    if (pair != nullptr) pass();
+    allowSockets();
+    EXPECT_EQ(pair, nullptr);
+    EXPECT_EQ(fails, 0);
+    (void)testing::internal::GetCapturedStderr();
+}
+
+TEST_F(WakeupPairs, KeepAWakeThatFindsNoSockets) {
+    wakeupPairDisable(pair);
+    EXPECT_FALSE(wakeupPairHasEvent(pair));
+    wakeupPairWake(pair);
+    EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSuccess);
+    pass();
+    EXPECT_EQ(wakes, 0);
+    wakeupPairWake(pair);
+    pass();
+    EXPECT_EQ(wakes, 1);
+}
+
+TEST_F(WakeupPairs, OutliveTheirEvent) {
+    EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
+    wakeupPairWake(pair);
+    pass();
+    EXPECT_EQ(wakes, 0);
+}
+
+// Numbers of closed sockets go to others' at once; a waker never writes to them.
+TEST_F(WakeupPairs, WriteToNobodyElsesDescriptor) {
+    std::atomic<bool> done{false};
+    std::thread waker([&] {
+        while (!done)
+            wakeupPairWake(pair);
+    });
+    for (int i = 0; i < 300; ++i) {
+        wakeupPairDisable(pair);
+        SocketPair others[3];
+        ASSERT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSuccess);
+        char byte;
+        for (const SocketPair& other : others) {
+            for (const int end : other.ends)
+                ASSERT_LT(recv(end, &byte, 1, MSG_DONTWAIT), 0);
+        }
+    }
+    done = true;
+    waker.join();
+}
+
+// Connects to whatever port listens on the loopback interface and isn't its own.
+void intrude(const std::atomic<bool>& done) {
+    while (!done) {
+        FILE* const table = std::fopen("/proc/net/tcp", "re");
+        if (table == nullptr) return;
+        char line[256];
+        while (std::fgets(line, sizeof(line), table) != nullptr) {
+            unsigned address, port, state;
+            if (std::sscanf(line, "%*d: %8X:%4X %*8X:%*4X %2X", &address, &port, &state) != 3)
+                continue;
+            if (state != 0x0A || address != htonl(INADDR_LOOPBACK)) continue;
+            const int stranger = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            sockaddr_in target{};
+            target.sin_family = AF_INET;
+            target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            target.sin_port = htons(static_cast<uint16_t>(port));
+            (void)connect(stranger, reinterpret_cast<sockaddr*>(&target), sizeof(target));
+            (void)send(stranger, "!", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+            close(stranger);
+        }
+        std::fclose(table);
+    }
+}
+
+TEST(LoopbackPair, IsNobodyElses) {
+    std::atomic<bool> done{false};
+    std::thread stranger([&] { intrude(done); });
+    for (int i = 0; i < 1'000; ++i) {
+        LoopbackPair pair;
+        if (!loopbackPairMake(&pair)) continue;  // one who is kept out may well fail
+        const sockaddr_in own = Ends::address(pair.writeHandle, getsockname);
+        EXPECT_EQ(own.sin_port, Ends::address(pair.readHandle, getpeername).sin_port);
+        loopbackPairClose(pair);
+    }
+    done = true;
+    stranger.join();
+}
+
+}  // namespace
