@@ -51,6 +51,19 @@ class HeldListeners {
         return true;
     }
 
+    // Lets go of those of the other sort.
+    void keepOnly(bool inboxes) {
+        uint32_t kept = 0;
+        for (Event* event : events()) {
+            if (event->listener.isInbox == inboxes) {
+                items_[kept++] = event;
+            } else {
+                Id_Release(&event->header, false);
+            }
+        }
+        count_ = kept;
+    }
+
     [[nodiscard]] std::span<Event* const> events() const { return {items_, count_}; }
 
   private:
@@ -174,68 +187,63 @@ class Collector {
 };
 
 // A run of messages on one subject looks it up once.
-struct BatchMatch {
-    HeldListeners listeners;
-    uint8_t subject[kSubjectMaxBytes];  // length 0: of none
-    bool isInbox = false;
-
-    BatchMatch() { forget(); }
-
-    void forget() { std::memset(subject, 0, 2); }
-
-    [[nodiscard]] bool isFor(const uint8_t* other) const {
-        return subjectLength(subject) == subjectLength(other) &&
-               std::memcmp(subject, other, subjectLength(other)) == 0;
-    }
-
-    // False where memory ran out.
-    [[nodiscard]] bool find(SubjectList* list, const uint8_t* other) {
-        if (isFor(other)) return true;
-        forget();
-        if (!listeners.hold(sublistMatch(list, other))) return false;
-        isInbox = subjectIsInbox(other);
-        if (!listeners.events().empty()) std::memcpy(subject, other, subjectLength(other));
+class BatchMatch {
+  public:
+    // Who listens: no wildcard gets an inbox's message. False where memory ran out.
+    [[nodiscard]] bool find(SubjectList* list, const uint8_t* subject) {
+        if (isFor(subject)) return true;
+        lengthBytes_ = 0;
+        if (!listeners_.hold(sublistMatch(list, subject))) return false;
+        listeners_.keepOnly(subjectIsInbox(subject));
+        lengthBytes_ = subjectLength(subject);
+        std::memcpy(subject_, subject, lengthBytes_);
         return true;
     }
+
+    [[nodiscard]] std::span<Event* const> events() const { return listeners_.events(); }
+
+  private:
+    [[nodiscard]] bool isFor(const uint8_t* subject) const {
+        return lengthBytes_ == subjectLength(subject) &&
+               std::memcmp(subject_, subject, lengthBytes_) == 0;
+    }
+
+    HeldListeners listeners_;
+    uint8_t subject_[kSubjectMaxBytes];
+    size_t lengthBytes_ = 0;  // 0: of no subject
 };
 
-// Takes the message over, unless no listener takes it.
+// True where a listener took the message itself.
 bool collectFor(Transport* transport,
-                const BatchMatch& match,
+                std::span<Event* const> events,
                 pelmoMsg* message,
                 Collector& collector) {
-    const std::span<Event* const> events = match.listeners.events();
     const bool hooks = transportHasHooks(transport, kHookInbound);
-    const bool firstOnly = transport->firstListenerOnly;
-    const bool share = !firstOnly && events.size() > 1;
-    bool taken = false;
+    if (transport->firstListenerOnly) events = events.first(1);
+    const bool share = events.size() > 1;
     for (Event* event : events) {
-        if (event->listener.isInbox != match.isInbox) continue;
         noteInboundHooks(event, hooks);
         pelmoMsg* given = message;
         if (share && msgShareCopy(&given, message) != kStatusSuccess) continue;
         collector.add(event, given);
-        taken = true;
-        if (firstOnly) break;
     }
-    return taken && !share;
+    return !share;
 }
 
-void batchOne(Transport* transport, pelmoMsg* message, BatchMatch& match, Collector& collector) {
+// True where a listener took the message itself.
+bool batchOne(Transport* transport, pelmoMsg* message, BatchMatch& match, Collector& collector) {
     const uint8_t* subject = nullptr;
-    bool kept = false;
-    if (msgOpenEnvelope(message) == kStatusSuccess &&
-        messageSubject(message, &subject) == kStatusSuccess) {
-        traceAdvisory(message, subject, "Process received advisory from network");
-        if (match.find(transport->subjects, subject)) {
-            if (match.listeners.events().empty()) {
-                if (!transport->quietUnhandled) logUnhandled(message, subject);
-            } else {
-                kept = collectFor(transport, match, message, collector);
-            }
-        }
+    if (msgOpenEnvelope(message) != kStatusSuccess ||
+        messageSubject(message, &subject) != kStatusSuccess) {
+        return false;
     }
-    if (!kept) msgRelease(message);
+    traceAdvisory(message, subject, "Process received advisory from network");
+    if (!match.find(transport->subjects, subject)) return false;
+    if (match.events().empty()) {
+        if (!transport->quietUnhandled) logUnhandled(message, subject);
+        return false;
+    }
+    return collectFor(transport, match.events(), message, collector);
 }
 
 }  // namespace
@@ -269,7 +277,7 @@ void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> mes
     BatchMatch match;
     Id_Enter(&transport->header);
     for (pelmoMsg* message : messages) {
-        batchOne(transport, message, match, collector);
+        if (!batchOne(transport, message, match, collector)) msgRelease(message);
     }
     Id_Leave(&transport->header);
     collector.flush();

@@ -1,0 +1,127 @@
+// The intra-process transport on its own: no threads, no event manager; and who listens to it.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "lib/base/log.h"
+#include "lib/msg/envelope.h"
+#include "lib/msg/message_typed.h"
+#include "lib/runtime/dispatch.h"
+#include "lib/runtime/event.h"
+#include "lib/transport/transport.h"
+#include "lib/transport/transport_object.h"
+#include "tests/support/message_values.h"
+#include "tests/support/runtime_objects.h"
+
+inline constexpr uint32_t kLocal = kIntraProcessTransportId;
+using Texts = std::vector<std::string>;
+
+// Objects that a test made end ahead of it.
+struct LocalBus {
+    RuntimeTables tables;
+    LocalBus() {
+        transportAttach();
+        EXPECT_EQ(Transport_CreateIntraProcess(), kStatusSuccess);
+    }
+    ~LocalBus() {
+        libraryOpen = false;
+        EXPECT_EQ(pelmoTransport_Destroy(kLocal), kStatusSuccess);
+    }
+    LocalBus(const LocalBus&) = delete;
+    LocalBus& operator=(const LocalBus&) = delete;
+};
+
+struct TestQueue {
+    uint32_t id;
+
+    explicit TestQueue(bool synchronous = false) : id(makeQueue(synchronous)) {}
+    ~TestQueue() { pelmoQueue_DestroyEx(id, nullptr, nullptr); }
+    TestQueue(const TestQueue&) = delete;
+    TestQueue& operator=(const TestQueue&) = delete;
+
+    // Runs all callbacks that wait.
+    void drain() const {
+        while (pelmoQueue_TimedDispatch(id, 0) == kStatusSuccess) {
+        }
+    }
+};
+
+// Null where there is no memory.
+inline Message messageOn(const char* subject, const char* text = "text") {
+    Message message = newMessage();
+    if (message == nullptr ||
+        pelmoMsg_AddString(message.get(), "text", text, 0) != kStatusSuccess ||
+        (subject != nullptr && pelmoMsg_SetSendSubject(message.get(), subject) != kStatusSuccess)) {
+        return nullptr;
+    }
+    return message;
+}
+
+inline std::string textOf(pelmoMsg* message) {
+    const char* text = nullptr;
+    return pelmoMsg_GetString(message, "text", &text, 0) == kStatusSuccess ? text : "no text";
+}
+
+inline pelmoStatus sendText(uint32_t transport, const char* subject, const char* text = "text") {
+    const Message message = messageOn(subject, text);
+    return message != nullptr ? pelmoTransport_Send(transport, message.get()) : kStatusNoMemory;
+}
+
+// A plain listener that keeps the texts of what it gets.
+struct TestListener {
+    uint32_t event = kNoId;
+    Texts texts;
+    std::function<void(pelmoMsg*)> onMessage;  // optional
+
+    TestListener() = default;
+    TestListener(const TestQueue& queue, const char* subject, uint32_t transport = kLocal) {
+        EXPECT_EQ(listen(queue.id, subject, transport), kStatusSuccess);
+    }
+    ~TestListener() { end(); }
+    TestListener(const TestListener&) = delete;
+    TestListener& operator=(const TestListener&) = delete;
+
+    pelmoStatus listen(uint32_t queue, const char* subject, uint32_t transport = kLocal) {
+        return pelmoEvent_CreateListener(&event, queue, received, transport, subject, this);
+    }
+    void end() {
+        if (event != kNoId) pelmoEvent_DestroyEx(event, nullptr);
+        event = kNoId;
+    }
+
+  private:
+    static void received(uint32_t, pelmoMsg* message, void* closure) {
+        auto* self = static_cast<TestListener*>(closure);
+        self->texts.push_back(textOf(message));
+        if (self->onMessage) self->onMessage(message);
+    }
+};
+
+// What is logged from here on.
+struct LogText {
+    LogText() { logSetStream(stream); }
+    ~LogText() {
+        logSetStream(nullptr);
+        std::fclose(stream);
+        std::free(block);
+    }
+    LogText(const LogText&) = delete;
+    LogText& operator=(const LogText&) = delete;
+
+    std::string text() {
+        std::fflush(stream);
+        return {block, bytes};
+    }
+
+  private:
+    char* block = nullptr;
+    size_t bytes = 0;
+    FILE* stream = open_memstream(&block, &bytes);
+};

@@ -1,0 +1,226 @@
+// A daemon, an endpoint and circuits that only write down what they are asked, and answer what a
+// test tells them to. In place for as long as they exist; one of each kind at a time.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lib/containers/subject.h"
+#include "lib/msg/envelope.h"
+#include "lib/msg/message_typed.h"
+#include "lib/msg/text.h"
+#include "lib/transport/transport_object.h"
+#include "tests/support/runtime_objects.h"
+
+inline std::string shownText(pelmoMsg* message) {
+    const char* text = nullptr;
+    return pelmoMsg_ConvertToString(message, &text) == kStatusSuccess ? text : "no text";
+}
+
+class FakeDaemon {
+  public:
+    DaemonVersion version = {8, 5, 2};
+    pelmoStatus createAnswer = kStatusSuccess;
+    pelmoStatus answer = kStatusSuccess;   // to all else
+    ReliableEndpoint* endpoint = nullptr;  // given to the next transport
+    bool checksLocks = true;               // false: other threads use the transport meanwhile
+
+    FakeDaemon() {
+        current = this;
+        daemonLinkOps = {.create = create,
+                         .destroy = destroy,
+                         .stop = [](Transport* t) { (void)note(t, "stop"); },
+                         .send = send,
+                         .sendVector = sendVector,
+                         .hold = [](Transport* t) { return note(t, "hold"); },
+                         .flush = [](Transport* t) { return note(t, "flush"); },
+                         .setBatchMode =
+                             [](Transport* t, uint32_t mode) {
+                                 return note(t, "batch mode " + std::to_string(mode));
+                             },
+                         .setBlocking =
+                             [](Transport* t, bool blocking) {
+                                 return note(t, blocking ? "block" : "don't block");
+                             },
+                         .setWaitLimit =
+                             [](Transport* t, uint32_t limit) {
+                                 return note(t, "wait limit " + std::to_string(limit));
+                             },
+                         .getWaitLimit =
+                             [](Transport* t, uint32_t* out) {
+                                 *out = 7;
+                                 return note(t, "wait limit?");
+                             },
+                         .interest = interest};
+    }
+    ~FakeDaemon() { daemonLinkOps = {}; }
+    FakeDaemon(const FakeDaemon&) = delete;
+    FakeDaemon& operator=(const FakeDaemon&) = delete;
+
+    // Since the last call.
+    std::vector<std::string> taken() {
+        const std::lock_guard guard(mutex);
+        return std::exchange(calls, {});
+    }
+    size_t sends() {
+        const std::lock_guard guard(mutex);
+        return sendCount;
+    }
+    int links() {
+        const std::lock_guard guard(mutex);
+        return linkCount;
+    }
+
+  private:
+    static inline FakeDaemon* current = nullptr;
+    std::mutex mutex;
+    std::vector<std::string> calls;
+    size_t sendCount = 0;
+    int linkCount = 0;
+
+    // The transport's lock isn't held by whoever calls in.
+    static pelmoStatus note(Transport* transport, const std::string& words) {
+        EXPECT_TRUE(!current->checksLocks || isFree(transport->header.lock)) << words;
+        const std::lock_guard guard(current->mutex);
+        current->calls.push_back(words);
+        return current->answer;
+    }
+    static pelmoStatus create(Transport* transport,
+                              const char* service,
+                              const char* network,
+                              const char* daemon,
+                              bool resume) {
+        if (current->createAnswer != kStatusSuccess) return current->createAnswer;
+        auto* link = static_cast<DaemonLink*>(std::calloc(1, sizeof(DaemonLink)));
+        if (link == nullptr) return kStatusNoMemory;
+        const auto copy = [](const char* text) { return strdup(text != nullptr ? text : ""); };
+        link->service = copy(service);
+        link->network = copy(network);
+        link->daemon = copy(daemon != nullptr ? daemon : "7500");
+        std::strcpy(link->session, "0A000001.P1F40.GOB");
+        link->echo = true;
+        link->reliabilitySeconds = -1;
+        link->version = current->version;
+        transport->link = link;
+        transport->directEndpoint = current->endpoint;
+        const std::lock_guard guard(current->mutex);
+        current->calls.emplace_back(resume ? "create" : "create without resume");
+        ++current->linkCount;
+        return kStatusSuccess;
+    }
+    static void destroy(DaemonLink* link) {
+        for (char* text :
+             {link->service, link->network, link->daemon, link->description, link->httpAddress}) {
+            std::free(text);
+        }
+        std::free(link);
+        const std::lock_guard guard(current->mutex);
+        --current->linkCount;
+    }
+    static pelmoStatus send(Transport* transport, pelmoMsg* message) {
+        const pelmoStatus status = note(transport, "send " + shownText(message));
+        const std::lock_guard guard(current->mutex);
+        ++current->sendCount;
+        return status;
+    }
+    static pelmoStatus sendVector(Transport* transport, std::span<pelmoMsg* const> messages) {
+        std::string words = "send together";
+        for (pelmoMsg* message : messages) {
+            words += " " + shownText(message);
+        }
+        return note(transport, words);
+    }
+    static pelmoStatus interest(Transport* transport, const uint8_t* subject, const char* kind) {
+        char text[kSubjectTextBytes];
+        return note(transport, std::string(kind) + " " + subjectToText(text, sizeof text, subject));
+    }
+};
+
+// The fake endpoint and the fake circuits write into one list.
+class FakePeers {
+  public:
+    std::vector<std::string> calls;
+    pelmoStatus answer = kStatusSuccess;
+    bool checksLocks = true;
+    Transport* transport = nullptr;  // whose lock is looked at
+
+    FakePeers() {
+        current = this;
+        endpointOps = {.send = send,
+                       .setTransport =
+                           [](ReliableEndpoint*, uint32_t id) {
+                               current->calls.push_back("transport " + std::to_string(id));
+                           },
+                       .close = [](ReliableEndpoint*) { current->calls.emplace_back("close"); }};
+        circuitOps = {.send = [](Transport* t, pelmoMsg* m) { return noteHeld(t, "send", m); },
+                      .wrap = wrap,
+                      .deliver = deliver,
+                      .disconnect = [](Transport* t,
+                                       const char*) { (void)noteHeld(t, "disconnect", nullptr); },
+                      .destroy = [](VirtualCircuit*) { current->calls.emplace_back("destroy"); }};
+    }
+    ~FakePeers() {
+        endpointOps = {};
+        circuitOps = {};
+    }
+    FakePeers(const FakePeers&) = delete;
+    FakePeers& operator=(const FakePeers&) = delete;
+
+    // Never looked into.
+    [[nodiscard]] ReliableEndpoint* endpoint() {
+        return reinterpret_cast<ReliableEndpoint*>(&calls);
+    }
+
+    // A circuit over the transport, its base reference with its id.
+    [[nodiscard]] uint32_t makeCircuit(uint32_t underlying) {
+        Transport* made = Transport_New(TransportKind::kCircuit);
+        std::strcpy(made->inboxPrefix, "_INBOX.1.V");
+        made->underlying = underlying;
+        made->circuit = reinterpret_cast<VirtualCircuit*>(&calls);
+        uint32_t id = kNoId;
+        EXPECT_EQ(Id_SetGlobal(&made->header, &id), kStatusSuccess);
+        return id;
+    }
+
+    std::vector<std::string> taken() { return std::exchange(calls, {}); }
+
+  private:
+    static inline FakePeers* current = nullptr;
+
+    static pelmoStatus noteHeld(Transport* circuit, const char* words, pelmoMsg* message) {
+        EXPECT_FALSE(isFree(circuit->header.lock)) << words;
+        const std::string shown = message != nullptr ? " " + shownText(message) : "";
+        current->calls.push_back(words + shown);
+        return current->answer;
+    }
+    static pelmoStatus send(ReliableEndpoint*,
+                            uint32_t host,
+                            uint16_t port,
+                            std::span<pelmoMsg* const> messages) {
+        char words[40];
+        std::snprintf(words, sizeof words, "to %x:%x", host, unsigned{port});
+        EXPECT_TRUE(current->transport == nullptr || isFree(current->transport->header.lock));
+        current->calls.push_back(words + (" " + shownText(messages[0])));
+        return current->answer;
+    }
+    static pelmoStatus wrap(Transport* circuit, pelmoMsg* message, pelmoMsg** out) {
+        const pelmoStatus status = noteHeld(circuit, "wrap", message);
+        if (status != kStatusSuccess) return status;
+        EXPECT_EQ(msgCreateWithFields(out, "_INBOX.PEER", nullptr, nullptr, 0), kStatusSuccess);
+        return pelmoMsg_AddMsg(*out, "wrapped", message, 0);
+    }
+    static pelmoStatus deliver(Transport* circuit, pelmoMsg* message) {
+        const pelmoStatus status = noteHeld(circuit, "deliver", message);
+        msgRelease(message);
+        return status;
+    }
+};

@@ -1,0 +1,519 @@
+// Network transports and circuits between the calls of applications and the floors that carry
+// messages out, which are fakes here.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+
+#include "lib/containers/dpa.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/local_bus.h"
+#include "tests/support/network_fakes.h"
+
+namespace {
+
+const std::string kOwnInbox = "_INBOX.0A000001.P1F40.GOB.";
+
+struct Network : testing::Test {
+    LocalBus bus;
+    FakePeers peers;
+    FakeDaemon daemon;
+    TestQueue queue;
+    uint32_t id = kNoId;
+
+    void SetUp() override { make(); }
+    void TearDown() override {
+        if (id != kNoId) pelmoTransport_Destroy(id);
+        EXPECT_EQ(daemon.links(), 0);
+    }
+    void make(ReliableEndpoint* endpoint = nullptr) {
+        daemon.endpoint = endpoint;
+        ASSERT_EQ(pelmoTransport_CreateNetwork(&id, "service", nullptr, nullptr), kStatusSuccess);
+        (void)daemon.taken();
+    }
+    void remake(ReliableEndpoint* endpoint) {
+        ASSERT_EQ(pelmoTransport_Destroy(id), kStatusSuccess);
+        make(endpoint);
+        (void)peers.taken();
+    }
+    Transport* record() {
+        Held<Transport> held;
+        EXPECT_EQ(held.get(id, IdAccess::kUnlocked), kStatusSuccess);
+        return held.pointer();
+    }
+
+    // Hands what came from outside to the transport, which owns it.
+    void arrive(const std::vector<std::pair<const char*, const char*>>& subjectsAndTexts) {
+        std::vector<pelmoMsg*> batch;
+        for (const auto& [subject, text] : subjectsAndTexts) {
+            pelmoMsg* message = messageOn(subject, text).release();
+            EXPECT_EQ(msgCloseEnvelope(message), kStatusSuccess);
+            batch.push_back(message);
+        }
+        Transport_DeliverBatch(record(), batch);
+    }
+};
+
+TEST_F(Network, CreatesOverTheDaemonConnection) {
+    uint32_t other = 0;
+    daemon.createAnswer = kStatusWrongVersion;
+    EXPECT_EQ(pelmoTransport_CreateNetwork(&other, nullptr, nullptr, nullptr), kStatusWrongVersion);
+    EXPECT_EQ(pelmoTransport_CreateNetwork(nullptr, nullptr, nullptr, nullptr),
+              kStatusInvalidArgument);
+    daemon.createAnswer = kStatusSuccess;
+    daemon.endpoint = peers.endpoint();
+    ASSERT_EQ(pelmoTransport_CreateNetworkNoResume(&other, "s", "n", "d"), kStatusSuccess);
+    EXPECT_EQ(daemon.taken(), Texts{"create without resume"});
+    EXPECT_EQ(peers.taken(), Texts{"transport " + std::to_string(other)});
+    char inbox[64];
+    ASSERT_EQ(pelmoTransport_CreateInbox(other, inbox, sizeof inbox), kStatusSuccess);
+    EXPECT_EQ(inbox, kOwnInbox + "1");
+    EXPECT_EQ(pelmoTransport_Destroy(other), kStatusSuccess);
+    EXPECT_EQ(pelmoTransport_Destroy(other), kStatusInvalidTransport);
+    EXPECT_EQ(daemon.taken(), Texts{"stop"});
+    EXPECT_EQ(peers.taken(), Texts{"close"});
+
+    eachAllocationFails([&] {
+        const pelmoStatus status = pelmoTransport_CreateNetwork(&other, "s", "n", "d");
+        EXPECT_EQ(status, allocationsFailed() != 0 ? kStatusNoMemory : kStatusSuccess);
+        if (status == kStatusSuccess) pelmoTransport_Destroy(other);
+    });
+    daemonLinkOps.create = nullptr;
+    EXPECT_EQ(pelmoTransport_CreateNetwork(&other, nullptr, nullptr, nullptr),
+              kStatusDaemonNotConnected);
+}
+
+using Call = std::function<pelmoStatus(uint32_t)>;
+struct Setting {
+    const char* name;
+    Call call;
+    pelmoStatus ofOtherKinds;
+    std::string told;  // to the daemon; empty: nothing
+};
+
+const char* givenText = nullptr;
+uint32_t givenLimit = 0;
+
+std::vector<Setting> settings() {
+    const auto text = [](auto call) {
+        return [call](uint32_t id) { return call(id, &givenText); };
+    };
+    const pelmoStatus no = kStatusNotPermitted;
+    const pelmoStatus none = kStatusInvalidTransport;
+    return {
+        {"service", text(pelmoTransport_GetService), none, ""},
+        {"network", text(pelmoTransport_GetNetwork), none, ""},
+        {"daemon", text(pelmoTransport_GetDaemon), none, ""},
+        {"get description", text(pelmoTransport_GetDescription), no, ""},
+        {"get http", text(pelmoTransport_GetHttpAddress), no, ""},
+        {"description", [](uint32_t id) { return pelmoTransport_SetDescription(id, "d"); }, no,
+         R"(send {mtype="S" control="D" data="d"})"},
+        {"http", [](uint32_t id) { return pelmoTransport_SetHttpAddress(id, nullptr); }, no,
+         R"(send {mtype="S" control="H" data=""})"},
+        {"hidden", [](uint32_t id) { return pelmoTransport_SetHidden(id, true); }, no,
+         R"(send {mtype="S" control="C" data=true})"},
+        {"echo", [](uint32_t id) { return pelmoTransport_SetEcho(id, false); }, no,
+         R"(send {mtype="S" control="E" data=false})"},
+        {"reliability", [](uint32_t id) { return pelmoTransport_RequestReliability(id, 2.5); }, no,
+         R"(send {mtype="S" control="R" data=2.5})"},
+        {"batch", [](uint32_t id) { return pelmoTransport_SetBatchMode(id, 1); }, no,
+         "batch mode 1"},
+        {"block",
+         [](uint32_t id) { return pelmoTransport_SetBlockingOnExcessiveBacklog(id, true); }, no,
+         "block"},
+        {"limit", [](uint32_t id) { return pelmoTransport_SetSendingWaitLimit(id, 3); }, no,
+         "wait limit 3"},
+        {"get limit",
+         [](uint32_t id) { return pelmoTransport_GetSendingWaitLimit(id, &givenLimit); }, no,
+         "wait limit?"},
+        {"hold", pelmoTransport_HoldSends, no, "hold"},
+        {"release", pelmoTransport_ReleaseSends, no, "flush"},
+    };
+}
+
+TEST_F(Network, HasSettings) {
+    for (const Setting& setting : settings()) {
+        SCOPED_TRACE(setting.name);
+        EXPECT_EQ(setting.call(kLocal), setting.ofOtherKinds);
+        EXPECT_EQ(setting.call(77777), kStatusInvalidTransport);
+        EXPECT_EQ(daemon.taken(), Texts{});
+        EXPECT_EQ(setting.call(id), kStatusSuccess);
+        EXPECT_EQ(daemon.taken(), setting.told.empty() ? Texts{} : Texts{setting.told});
+
+        // A setting is kept without a connection; an order to the connection needs one.
+        const bool isControl = setting.told.starts_with("send ");
+        daemon.answer = kStatusDaemonNotConnected;
+        EXPECT_EQ(setting.call(id),
+                  isControl || setting.told.empty() ? kStatusSuccess : kStatusDaemonNotConnected);
+        daemon.answer = kStatusNoMemory;
+        EXPECT_EQ(setting.call(id), setting.told.empty() ? kStatusSuccess : kStatusNoMemory);
+        daemon.answer = kStatusSuccess;
+        libraryOpen = false;
+        (void)daemon.taken();
+        EXPECT_EQ(setting.call(id), kStatusNotInitialized);
+        EXPECT_EQ(daemon.taken(), Texts{});
+        libraryOpen = true;
+        eachAllocationFails([&] {
+            const pelmoStatus status = setting.call(id);
+            EXPECT_TRUE(status == kStatusSuccess ||
+                        (allocationsFailed() != 0 && status == kStatusNoMemory));
+        });
+        (void)daemon.taken();
+    }
+    EXPECT_EQ(givenLimit, 7u);
+    struct Getter {
+        pelmoStatus (*call)(uint32_t, const char**);
+        const char* text;
+    };
+    for (const Getter& getter :
+         {Getter{pelmoTransport_GetService, "service"}, Getter{pelmoTransport_GetNetwork, ""},
+          Getter{pelmoTransport_GetDaemon, "7500"}, Getter{pelmoTransport_GetDescription, "d"},
+          Getter{pelmoTransport_GetHttpAddress, ""}}) {
+        ASSERT_EQ(getter.call(id, &givenText), kStatusSuccess);
+        EXPECT_STREQ(givenText, getter.text);
+        EXPECT_EQ(getter.call(id, nullptr), kStatusInvalidArgument);
+    }
+    EXPECT_EQ(pelmoTransport_GetSendingWaitLimit(id, nullptr), kStatusInvalidArgument);
+    for (const double seconds : {0.0, -1.0, std::nan("")}) {
+        EXPECT_EQ(pelmoTransport_RequestReliability(77777, seconds), kStatusInvalidArgument);
+    }
+    EXPECT_TRUE(record()->link->hide && !record()->link->echo);
+    EXPECT_EQ(record()->link->reliabilitySeconds, 2.5);
+}
+
+TEST_F(Network, TellsADaemonOnlyWhatItKnows) {
+    struct Row {
+        DaemonVersion version;
+        size_t known;  // of the five
+    };
+    for (const Row& row : {Row{{8, 2, 0}, 5}, Row{{8, 1, 9}, 4}, Row{{8, 0, 2}, 4},
+                           Row{{8, 0, 1}, 2}, Row{{6, 0, 0}, 2}, Row{{5, 9, 9}, 0}}) {
+        record()->link->version = row.version;
+        for (const Setting& setting : settings()) {
+            if (setting.told.starts_with("send ")) {
+                EXPECT_EQ(setting.call(id), kStatusSuccess);
+            }
+        }
+        EXPECT_EQ(daemon.taken().size(), row.known);
+    }
+}
+
+TEST_F(Network, AnnouncesWhatIsListenedTo) {
+    const std::string own = kOwnInbox + "7";
+    struct Row {
+        std::string subject;
+        pelmoStatus status;
+        Texts told;  // over the life of one listener
+    };
+    const Row rows[] = {
+        {"A.B", kStatusSuccess, {"L A.B", "C A.B"}},
+        {"A.>", kStatusSuccess, {"L A.>", "C A.>"}},
+        {own, kStatusSuccess, {}},
+        {kOwnInbox + "*", kStatusInvalidSubject, {}},
+        {"_INBOX.X.Y.7", kStatusInvalidSubject, {}},
+        {"_INBOX.X", kStatusInvalidSubject, {}},
+        {"_INBOX.X.DAEMON.7", kStatusSuccess, {"L _INBOX.X.DAEMON.7"}},
+        {"_INBOX.X.ROUTED.7", kStatusSuccess, {"L _INBOX.X.ROUTED.7"}},
+        {"_INBOX.X.Y.ROUTED", kStatusSuccess, {"L _INBOX.X.Y.ROUTED"}},
+        {"_INBOX.X.Y.DAEMON", kStatusInvalidSubject, {}},
+        {"_INBOX.X.DAEMON.>", kStatusInvalidSubject, {}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.subject);
+        TestListener first;
+        TestListener second;
+        EXPECT_EQ(first.listen(queue.id, row.subject.c_str(), id), row.status);
+        // A second one isn't news, nor is the first one's end while it stays.
+        EXPECT_EQ(second.listen(queue.id, row.subject.c_str(), id), row.status);
+        first.end();
+        second.end();
+        EXPECT_EQ(daemon.taken(), row.told);
+    }
+    ASSERT_EQ(pelmoTransport_SetHidden(id, true), kStatusSuccess);
+    const TestListener wild(queue, "_INBOX.X.DAEMON.>", id);
+    EXPECT_EQ(sendText(id, "_PM.X"), kStatusSuccess);
+    (void)daemon.taken();
+
+    const TestListener left(queue, "A", id);
+    EXPECT_EQ(pelmoTransport_Destroy(id), kStatusSuccess);
+    EXPECT_EQ(daemon.taken(), (Texts{"L A", "stop", "C A"}));
+    id = kNoId;
+}
+
+TEST_F(Network, SendsToTheDaemonOrAPeer) {
+    remake(peers.endpoint());
+    peers.transport = record();
+    struct Row {
+        const char* subject;
+        const char* peer;  // null: the daemon's
+    };
+    const Row rows[] = {
+        {"A.B", nullptr},
+        {"_INBOX.0A000001.P1F40.GOB.1", "to a000001:1f40"},
+        {"_INBOX.ffffffff.Pffff.1", "to ffffffff:ffff"},
+        {"_INBOX.1.P2", "to 1:2"},
+        {"_INBOX.0A000001.U1F40.1", nullptr},
+        {"_INBOX.0A000001.P.1", nullptr},
+        {"_INBOX.0A000001.PX.1", nullptr},
+        {"_INBOX.0A000001.P12345.1", nullptr},
+        {"_INBOX.0A0000012.P1.1", nullptr},
+        {"_INBOX.GOB.P1.1", nullptr},
+        {"_INBOX.1", nullptr},
+        {"_INBOXES.1.P2", nullptr},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.subject);
+        EXPECT_EQ(sendText(id, row.subject, "x"), kStatusSuccess);
+        const bool direct = row.peer != nullptr;
+        EXPECT_EQ(daemon.taken(), direct ? Texts{} : Texts{R"(send {text="x"})"});
+        EXPECT_EQ(peers.taken(),
+                  direct ? Texts{std::string(row.peer) + R"( {text="x"})"} : Texts{});
+    }
+    EXPECT_EQ(sendText(id, "_PM.X"), kStatusInvalidSubject);
+    daemon.answer = peers.answer = kStatusIoFailed;
+    EXPECT_EQ(sendText(id, "A"), kStatusIoFailed);
+    EXPECT_EQ(sendText(id, "_INBOX.1.P2"), kStatusIoFailed);
+    remake(nullptr);
+    daemon.answer = kStatusSuccess;
+    EXPECT_EQ(sendText(id, "_INBOX.1.P2", "x"), kStatusSuccess);
+    EXPECT_EQ(daemon.taken(), Texts{R"(send {text="x"})"});
+}
+
+TEST_F(Network, SendsVectorsTogetherOrNotAtAll) {
+    remake(peers.endpoint());
+    const Message a = messageOn("A", "a");
+    const Message b = messageOn("B", "b");
+    const Message inbox = messageOn("_INBOX.1.P2", "direct");
+    const Message reserved = messageOn("_PM.X");
+    pelmoMsg* messages[] = {a.get(), inbox.get(), b.get(), reserved.get()};
+    EXPECT_EQ(pelmoTransport_Sendv(id, messages, 3), kStatusSuccess);
+    EXPECT_EQ(daemon.taken(), Texts{R"(send together {text="a"} {text="b"})"});
+    EXPECT_EQ(peers.taken(), Texts{R"(to 1:2 {text="direct"})"});
+    EXPECT_EQ(pelmoTransport_Sendv(id, messages, 4), kStatusInvalidSubject);
+    EXPECT_EQ(daemon.taken(), Texts{});
+    (void)peers.taken();
+
+    const uint32_t circuit = peers.makeCircuit(id);
+    EXPECT_EQ(pelmoTransport_Send(circuit, a.get()), kStatusSuccess);
+    EXPECT_EQ(peers.taken(), Texts{R"(send {text="a"})"});
+    pelmoMsg* both[] = {a.get(), b.get()};
+    remake(nullptr);
+    EXPECT_EQ(pelmoTransport_Sendv(circuit, both, 2), kStatusInvalidTransport);  // its base is gone
+    pelmoTransport_Destroy(circuit);
+    const uint32_t next = peers.makeCircuit(id);
+    EXPECT_EQ(pelmoTransport_Sendv(next, both, 2), kStatusSuccess);
+    EXPECT_EQ(daemon.taken(), Texts{R"(send together {wrapped={text="a"}} {wrapped={text="b"}})"});
+    const uint32_t stacked = peers.makeCircuit(next);
+    EXPECT_EQ(pelmoTransport_Sendv(stacked, both, 2), kStatusInvalidTransport);
+    peers.answer = kStatusCircuitNotConnected;
+    EXPECT_EQ(pelmoTransport_Sendv(next, both, 2), kStatusCircuitNotConnected);
+    const uint32_t local = peers.makeCircuit(kLocal);
+    peers.answer = kStatusSuccess;
+    const TestListener listener(queue, "_INBOX.PEER");
+    EXPECT_EQ(pelmoTransport_Sendv(local, both, 2), kStatusSuccess);
+    queue.drain();
+    EXPECT_EQ(listener.texts.size(), 2u);
+    (void)peers.taken();
+    EXPECT_EQ(pelmoTransport_Distribute(next, messageOn("A", "d").release()), kStatusSuccess);
+    EXPECT_EQ(peers.taken(), Texts{R"(deliver {text="d"})"});
+    for (const uint32_t made : {next, stacked, local}) {
+        EXPECT_EQ(pelmoTransport_Destroy(made), kStatusSuccess);
+    }
+    EXPECT_EQ(peers.taken().size(), 6u);  // disconnected and destroyed, each
+}
+
+TEST_F(Network, DeliversBatches) {
+    TestListener all(queue, ">", id);
+    const TestQueue other;
+    const TestListener wild(other, "A.*", id);
+    const TestListener inbox(queue, (kOwnInbox + "1").c_str(), id);
+    const TestListener inboxToo(queue, (kOwnInbox + "1").c_str(), id);
+    arrive({{"A.B", "1"},
+            {"A.B", "2"},
+            {"B", "3"},
+            {"A.C", "4"},
+            {"A.B", "5"},
+            {(kOwnInbox + "1").c_str(), "6"},
+            {"_INBOX.2.3.4", "7"}});
+    queue.drain();
+    other.drain();
+    EXPECT_EQ(all.texts, (Texts{"1", "2", "3", "4", "5"}));  // a wildcard gets no inbox's
+    EXPECT_EQ(wild.texts, (Texts{"1", "2", "4", "5"}));
+    EXPECT_EQ(inbox.texts, Texts{"6"});
+    EXPECT_EQ(inboxToo.texts, Texts{"6"});
+
+    // With one listener the message itself goes on; ">" matches the inbox, but doesn't count.
+    for (const char* subject : {"B", "_INBOX.9.DAEMON"}) {
+        TestListener sees(other, "_INBOX.9.DAEMON", id);
+        const pelmoMsg* seen = nullptr;
+        const auto see = [&](pelmoMsg* message) { seen = message; };
+        sees.onMessage = see;
+        all.onMessage = see;
+        pelmoMsg* single = messageOn(subject).release();
+        Transport_DeliverBatch(record(), {&single, 1});
+        queue.drain();
+        other.drain();
+        EXPECT_EQ(seen, single);
+    }
+}
+
+TEST_F(Network, DeliversMoreThanABatchHolds) {
+    constexpr size_t kMessages = 300;
+    const TestListener first(queue, "A", id);
+    const TestListener second(queue, "A", id);
+    std::vector<std::pair<const char*, const char*>> many(kMessages, {"A", "x"});
+    arrive(many);
+    queue.drain();
+    EXPECT_EQ(first.texts.size(), kMessages);
+    EXPECT_EQ(second.texts.size(), kMessages);
+    ASSERT_EQ(pelmoTransport_SetFirstListenerOnly(id), kStatusSuccess);
+    arrive(many);
+    queue.drain();
+    EXPECT_EQ(first.texts.size() + second.texts.size(), 3 * kMessages);
+    EXPECT_EQ(pelmoTransport_SetFirstListenerOnly(77777), kStatusInvalidTransport);
+}
+
+TEST_F(Network, DropsWhatIsMalformedAndLogsWhatIsUnheard) {
+    const TestListener listener(queue, "A", id);
+    pelmoMsg* empty = newMessage().release();
+    pelmoMsg* unaddressed = messageOn(nullptr).release();
+    pelmoMsg* badReturn = newMessage().release();
+    ASSERT_EQ(pelmoMsg_AddOpaque(badReturn, "return", "x", 1, 0), kStatusSuccess);
+    pelmoMsg* batch[] = {empty, unaddressed, badReturn};
+    Transport_DeliverBatch(record(), batch);
+    queue.drain();
+    EXPECT_EQ(listener.texts.size(), 0u);
+
+    const auto logs = [&](const char* advisoryClass) {
+        LogText log;
+        EXPECT_EQ(pelmoTransport_SendAdvisory(id, advisoryClass, "S", "N", nullptr),
+                  kStatusSuccess);
+        return !log.text().empty();
+    };
+    EXPECT_TRUE(logs("WARN") && logs("ERROR") && !logs("INFO"));
+    ASSERT_EQ(pelmoTransport_SetQuietUnhandled(id), kStatusSuccess);
+    EXPECT_FALSE(logs("WARN"));
+    EXPECT_EQ(daemon.taken(), Texts{"L A"});  // an advisory never leaves
+    EXPECT_EQ(pelmoTransport_Distribute(77777, messageOn("A").release()), kStatusInvalidTransport);
+}
+
+TEST_F(Network, DeliversWhatMemoryAllows) {
+    const TestListener first(queue, "A", id);
+    const TestListener second(queue, "A", id);
+    size_t delivered = 0;
+    EXPECT_GT(eachAllocationFails([&] {
+                  const Message message = messageOn("A");
+                  if (message == nullptr) return;
+                  pelmoMsg* given = message.get();
+                  msgRetain(given);
+                  Transport_DeliverBatch(record(), {&given, 1});
+                  const size_t failed = allocationsFailed();
+                  allocationsHeal();
+                  queue.drain();
+                  const size_t now = first.texts.size() + second.texts.size();
+                  if (failed == 0) {
+                      EXPECT_EQ(now - delivered, 2u);
+                  }
+                  delivered = now;
+              }),
+              4u);
+}
+
+// Hooks
+
+struct HookLog {
+    Texts calls;
+    pelmoStatus answer = kStatusSuccess;
+    std::function<void(uint32_t, pelmoMsg**)> act;
+    Transport* transport = nullptr;
+
+    static pelmoStatus run(uint32_t id, pelmoMsg** message, void* closure) {
+        auto* self = static_cast<HookLog*>(closure);
+        self->calls.push_back(message != nullptr ? textOf(*message) : "-");
+        EXPECT_TRUE(isFree(self->transport->header.lock));
+        if (self->act) self->act(id, message);
+        return self->answer;
+    }
+};
+
+TEST_F(Network, RunsHooksAroundSendsAndDestroys) {
+    HookLog log;
+    log.transport = record();
+    TransportHook* hook = nullptr;
+    ASSERT_EQ(Transport_AddHook(&hook, kHookSend, id, HookLog::run, &log), kStatusSuccess);
+    EXPECT_EQ(sendText(id, "A", "1"), kStatusSuccess);
+    log.answer = kStatusNotPermitted;
+    EXPECT_EQ(sendText(id, "A", "2"), kStatusNotPermitted);
+    log.answer = kStatusSuccess;
+    log.act = [](uint32_t, pelmoMsg** message) { *message = messageOn("A", "other").release(); };
+    EXPECT_EQ(sendText(id, "A", "3"), kStatusSuccess);
+    EXPECT_EQ(daemon.taken(), (Texts{R"(send {text="1"})", R"(send {text="other"})"}));
+    // More than fit on the stack; and hooks that remove themselves.
+    TransportHook* more[70];
+    log.act = nullptr;
+    for (TransportHook*& one : more) {
+        ASSERT_EQ(Transport_AddHook(&one, kHookSend, id, HookLog::run, &log), kStatusSuccess);
+    }
+    log.calls.clear();
+    EXPECT_EQ(sendText(id, "A", "4"), kStatusSuccess);
+    EXPECT_EQ(log.calls, Texts(71, "4"));
+    log.act = [&](uint32_t, pelmoMsg**) {
+        if (hook == nullptr) return;
+        EXPECT_EQ(Transport_RemoveHook(std::exchange(hook, nullptr)), kStatusSuccess);
+    };
+    EXPECT_EQ(sendText(id, "A", "5"), kStatusSuccess);
+    log.calls.clear();
+    EXPECT_EQ(sendText(id, "A", "6"), kStatusSuccess);
+    EXPECT_EQ(log.calls.size(), 70u);
+
+    // A destroy in a send's hook: nothing goes out. Its own hooks see the id valid, and then gone.
+    HookLog ends;
+    ends.transport = log.transport;
+    ends.act = [&](uint32_t of, pelmoMsg**) {
+        const bool valid = Id_Check(of, IdType::kTransport) == kStatusSuccess;
+        EXPECT_EQ(valid, ends.calls.size() == 1);
+    };
+    TransportHook* end = nullptr;
+    ASSERT_EQ(Transport_AddHook(&end, kHookDestroyed, id, HookLog::run, &ends), kStatusSuccess);
+    ASSERT_EQ(Transport_AddHook(&end, kHookDestroy, id, HookLog::run, &ends), kStatusSuccess);
+    log.act = [](uint32_t of, pelmoMsg**) {
+        if (Id_Check(of, IdType::kTransport) == kStatusSuccess) pelmoTransport_Destroy(of);
+    };
+    (void)daemon.taken();
+    EXPECT_EQ(sendText(id, "A", "7"), kStatusSuccess);
+    EXPECT_EQ(daemon.taken(), Texts{"stop"});
+    EXPECT_EQ(ends.calls, (Texts{"-", "-"}));
+    EXPECT_EQ(Transport_AddHook(&end, kHookSend, id, HookLog::run, &log), kStatusInvalidTransport);
+    id = kNoId;
+}
+
+TEST_F(Network, RunsInboundHooksAtDispatch) {
+    HookLog log;
+    log.transport = record();
+    const TestListener listener(queue, "A", id);
+    TransportHook* hook = nullptr;
+    ASSERT_EQ(Transport_AddHook(&hook, kHookInbound, id, HookLog::run, &log), kStatusSuccess);
+    log.act = [](uint32_t, pelmoMsg** message) { *message = messageOn("A", "ignored").release(); };
+    arrive({{"A", "1"}});
+    queue.drain();
+    log.act = nullptr;
+    log.answer = kStatusNotPermitted;
+    arrive({{"A", "2"}});
+    queue.drain();
+    EXPECT_EQ(listener.texts, Texts{"1"});
+    EXPECT_EQ(Transport_RemoveHook(hook), kStatusSuccess);
+    arrive({{"A", "3"}});
+    queue.drain();
+    EXPECT_EQ(listener.texts, (Texts{"1", "3"}));
+    EXPECT_EQ(log.calls, (Texts{"1", "2"}));
+    EXPECT_GT(eachAllocationFails([&] {
+                  TransportHook* one = nullptr;
+                  const pelmoStatus status =
+                      Transport_AddHook(&one, kHookReconnect, id, HookLog::run, &log);
+                  EXPECT_EQ(status, allocationsFailed() ? kStatusNoMemory : kStatusSuccess);
+              }),
+              1u);
+}
+
+}  // namespace

@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "lib/containers/dpa.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/local_bus.h"
+#include "tests/support/network_fakes.h"
+
+namespace {
+
+constexpr double kWithoutLimit = -1;
+
+// The wait for an answer dispatches the request's own queue alone: answers come from a hook of the
+// queue that requests arrive on, or from another thread.
+struct Requests : testing::Test {
+    LocalBus bus;
+    TestQueue queue;
+
+    static uint32_t spareQueues() {
+        Held<Transport> held;
+        EXPECT_EQ(held.get(kLocal, IdAccess::kLocked), kStatusSuccess);
+        EXPECT_EQ(dict32Count(held->requestQueues), 0u);
+        return held->spareQueues->count;
+    }
+    static std::string nextInbox() {
+        char text[32];
+        EXPECT_EQ(pelmoTransport_CreateInbox(kLocal, text, sizeof text), kStatusSuccess);
+        return text;
+    }
+};
+
+// Answers what arrives with the request's own text and a mark, so often.
+void answerTimes(pelmoMsg* request, int times) {
+    const std::string text = "re " + textOf(request);
+    for (int i = 0; i < times; ++i) {
+        const Message reply = messageOn(nullptr, text.c_str());
+        EXPECT_EQ(pelmoTransport_SendReply(kLocal, reply.get(), request), kStatusSuccess);
+    }
+}
+void answer(pelmoMsg* request) {
+    answerTimes(request, 1);
+}
+
+std::string ask(const char* subject, const char* text, double seconds = kWithoutLimit) {
+    const Message request = messageOn(subject, text);
+    pelmoMsg* reply = nullptr;
+    const pelmoStatus status = pelmoTransport_SendRequest(kLocal, request.get(), &reply, seconds);
+    if (status != kStatusSuccess) return pelmoStatus_GetText(status);
+    std::string answered = textOf(reply);
+    EXPECT_EQ(pelmoMsg_Destroy(reply), kStatusSuccess);
+    return answered;
+}
+
+// Dispatches a queue the moment that something is posted to it.
+void dispatchAtOnce(const TestQueue& queue) {
+    const auto hook = [](uint32_t id, void*) {
+        EXPECT_EQ(pelmoQueue_TimedDispatch(id, 0), kStatusSuccess);
+    };
+    ASSERT_EQ(pelmoQueue_SetHook(queue.id, hook, nullptr), kStatusSuccess);
+}
+
+TEST_F(Requests, AreAnswered) {
+    dispatchAtOnce(queue);
+    TestListener server(queue, "A");
+    server.onMessage = answer;
+    EXPECT_EQ(ask("A", "1"), "re 1");
+    EXPECT_EQ(ask("A", "2", 60), "re 2");
+    // A second answer to the same request doesn't disturb the next one on its queue.
+    server.onMessage = [](pelmoMsg* request) { answerTimes(request, 3); };
+    EXPECT_EQ(ask("A", "3"), "re 3");
+    EXPECT_EQ(ask("A", "4"), "re 4");
+    EXPECT_EQ(spareQueues(), 1u);
+    EXPECT_EQ(nextInbox(), "_INBOX.5");
+    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "_INBOX.4"), 0u);
+}
+
+TEST_F(Requests, FailWithoutTrace) {
+    struct Row {
+        const char* subject;
+        double seconds;
+        pelmoStatus status;
+    };
+    for (const Row& row :
+         {Row{"A", 0, kStatusTimeout}, Row{"A", 0.001, kStatusTimeout},
+          Row{"_PM.X", 0, kStatusInvalidSubject}, Row{nullptr, 0, kStatusInvalidSubject}}) {
+        EXPECT_EQ(ask(row.subject, "x", row.seconds), pelmoStatus_GetText(row.status));
+    }
+    const Message message = messageOn("A");
+    pelmoMsg* reply = nullptr;
+    EXPECT_EQ(pelmoTransport_SendRequest(77777, message.get(), &reply, 0), kStatusInvalidTransport);
+    EXPECT_EQ(pelmoTransport_SendRequest(kLocal, nullptr, &reply, 0), kStatusInvalidMessage);
+    EXPECT_EQ(pelmoTransport_SendRequest(kLocal, message.get(), nullptr, 0),
+              kStatusInvalidArgument);
+    EXPECT_EQ(pelmoTransport_SendReply(kLocal, message.get(), nullptr), kStatusInvalidMessage);
+    EXPECT_EQ(pelmoTransport_SendReply(kLocal, nullptr, message.get()), kStatusInvalidMessage);
+    EXPECT_EQ(pelmoTransport_SendReply(77777, message.get(), message.get()),
+              kStatusInvalidTransport);
+    const Message noReply = messageOn("A");
+    EXPECT_EQ(pelmoTransport_SendReply(kLocal, message.get(), noReply.get()), kStatusNotFound);
+    EXPECT_EQ(reply, nullptr);
+    EXPECT_EQ(spareQueues(), 1u);
+}
+
+// The next request on the same queue isn't disturbed.
+TEST_F(Requests, DropLateAnswers) {
+    TestListener server(queue, "A");
+    Message late;
+    server.onMessage = [&](pelmoMsg* request) {
+        ASSERT_EQ(pelmoMsg_Detach(request), kStatusSuccess);
+        late.reset(request);
+    };
+    EXPECT_EQ(ask("A", "1", 0), "Operation timed out");
+    queue.drain();
+    ASSERT_NE(late, nullptr);
+    answer(late.get());
+    dispatchAtOnce(queue);
+    server.onMessage = answer;
+    EXPECT_EQ(ask("A", "2"), "re 2");
+    EXPECT_EQ(spareQueues(), 1u);
+}
+
+TEST_F(Requests, KeepFourQueuesAtMost) {
+    constexpr int kDepth = 6;
+    dispatchAtOnce(queue);
+    // Each request is answered when the one that it causes has been.
+    TestListener server(queue, "A");
+    int depth = 0;
+    server.onMessage = [&](pelmoMsg* request) {
+        if (++depth < kDepth) {
+            EXPECT_EQ(ask("A", "inner"), "re inner");
+        }
+        answer(request);
+    };
+    EXPECT_EQ(ask("A", "outer"), "re outer");
+    EXPECT_EQ(spareQueues(), kMostSpareQueues);
+}
+
+TEST_F(Requests, AnswerToFailingMemory) {
+    dispatchAtOnce(queue);
+    TestListener server(queue, "A");
+    server.onMessage = [](pelmoMsg* request) {
+        const Message reply = messageOn(nullptr, "y");
+        if (reply != nullptr) (void)pelmoTransport_SendReply(kLocal, reply.get(), request);
+    };
+    EXPECT_GT(eachAllocationFails([&] {
+                  const Message request = messageOn("A");
+                  if (request == nullptr) return;
+                  pelmoMsg* reply = nullptr;
+                  const pelmoStatus status =
+                      pelmoTransport_SendRequest(kLocal, request.get(), &reply, 0);
+                  const bool met = allocationsFailed() != 0;
+                  EXPECT_EQ(status == kStatusSuccess, reply != nullptr);
+                  // What the server fails to answer runs out of time.
+                  EXPECT_TRUE(status == kStatusSuccess ||
+                              (met && (status == kStatusNoMemory || status == kStatusTimeout)))
+                      << status;
+                  if (reply != nullptr) pelmoMsg_Destroy(reply);
+              }),
+              10u);
+    EXPECT_LE(spareQueues(), 1u);
+    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "_INBOX.>"), 0u);
+}
+
+TEST_F(Requests, CrossThreads) {
+    constexpr int kRequests = 200;
+    TestListener server(queue, "A");
+    server.onMessage = answer;
+    std::atomic<int> running = 2;
+    const auto client = [&] {
+        for (int i = 0; i < kRequests; ++i) {
+            const std::string text = std::to_string(i);
+            EXPECT_EQ(ask("A", text.c_str(), 60), "re " + text);
+        }
+        --running;
+    };
+    std::thread clients[] = {std::thread(client), std::thread(client)};
+    while (running != 0) {
+        (void)pelmoQueue_TimedDispatch(queue.id, 0.001);
+    }
+    for (std::thread& thread : clients) {
+        thread.join();
+    }
+    EXPECT_LE(spareQueues(), 2u);
+}
+
+// Requests wait on a network transport that nobody answers on, some asked ahead of its destroy,
+// some meanwhile, some afterwards.
+TEST_F(Requests, EndWithTheirTransport) {
+    constexpr int kRounds = 20;
+    for (int round = 0; round < kRounds; ++round) {
+        FakeDaemon daemon;
+        daemon.checksLocks = false;
+        uint32_t network = 0;
+        ASSERT_EQ(pelmoTransport_CreateNetwork(&network, nullptr, nullptr, nullptr),
+                  kStatusSuccess);
+        const auto client = [network] {
+            const Message request = messageOn("A");
+            pelmoMsg* reply = nullptr;
+            EXPECT_EQ(pelmoTransport_SendRequest(network, request.get(), &reply, kWithoutLimit),
+                      kStatusInvalidTransport);
+        };
+        std::thread clients[] = {std::thread(client), std::thread(client), std::thread(client)};
+        while (daemon.sends() < static_cast<size_t>(round % 4)) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(pelmoTransport_Destroy(network), kStatusSuccess);
+        for (std::thread& thread : clients) {
+            thread.join();
+        }
+        EXPECT_EQ(daemon.links(), 0);
+    }
+}
+
+}  // namespace
