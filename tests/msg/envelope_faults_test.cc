@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "lib/msg/envelope.h"
 #include "tests/support/envelope_bytes.h"
-#include "tests/support/fail_alloc.h"
 
 namespace {
 
@@ -68,84 +65,6 @@ TEST(EnvelopeFaults, KeepsItsFieldsWhenItCannotOpen) {
     const char* text = nullptr;
     ASSERT_EQ(pelmoMsg_GetString(msg.get(), nullptr, &text, 8), kStatusSuccess);
     EXPECT_STREQ(text, "2");
-}
-
-// A step on a message, run with each of its allocations failing in turn. `lowMemory` is what it
-// answers then.
-struct FailingStep {
-    const char* what;
-    Bytes image;
-    bool opened;
-    std::function<pelmoStatus(pelmoMsg*)> run;
-    std::vector<pelmoStatus> lowMemory = {kStatusNoMemory};
-};
-
-TEST(EnvelopeFaults, AnswersEachFailedAllocationAndStaysAsItWas) {
-    const Bytes foreign = field("x", *stringValue(std::string(400, 'y')), 7);
-    const Bytes full = outer(foreign + kReturnR + kData + kApp);
-    const auto send = [](pelmoMsg* msg) { return pelmoMsg_SetSendSubject(msg, "Long.Subject"); };
-    const auto make = [](const std::function<pelmoStatus(pelmoMsg**)>& create) {
-        return [create](pelmoMsg*) {
-            pelmoMsg* made = nullptr;
-            const pelmoStatus status = create(&made);
-            EXPECT_EQ(made != nullptr, status == kStatusSuccess);
-            pelmoMsg_Destroy(made);
-            return status;
-        };
-    };
-    const SharedValue large = stringValue(std::string(500, 'v'));
-    const FailingStep steps[] = {
-        {"send, new", kApp, false, send},
-        {"send", full, true, send},
-        {"reply", full, true,
-         [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, std::string(90, 'r').c_str()); }},
-        {"port", full, true, [](pelmoMsg* msg) { return pelmoMsg_SetSourcePort(msg, 1); }},
-        {"strip, open", full, true, msgStripEnvelope},
-        {"open", full, false, msgOpenEnvelope},
-        {"open, data moves", outer(kData + kApp + foreign), false, msgOpenEnvelope},
-        {"open, data is wrapped",
-         outer(field("data", *large)),
-         false,
-         msgOpenEnvelope,
-         {kStatusNoMemory, kStatusInvalidMessage}},
-        {"text", full, true,
-         [](pelmoMsg* msg) {
-             const char* text = nullptr;
-             return pelmoMsg_GetReplySubject(msg, &text);
-         }},
-        {"create", kApp, false,
-         make([](pelmoMsg** out) { return msgCreateEnveloped(out, "A", "B", 1); })},
-        {"create with fields", kApp, false, make([&](pelmoMsg** out) {
-             pelmoMsgField fields[2] = {large->field(), large->field()};
-             return msgCreateWithFields(out, "A", "B", fields, 2);
-         })},
-    };
-    for (const FailingStep& step : steps) {
-        SCOPED_TRACE(step.what);
-        for (const bool shared : {false, true}) {
-            const auto run = [&] {
-                const Message msg = messageFrom(step.image);
-                if (msg == nullptr) return;
-                if (step.opened && msgOpenEnvelope(msg.get()) != kStatusSuccess) return;
-                Buffer* other = shared ? msg->buffer : nullptr;
-                if (other != nullptr) bufferRetain(other);
-                const size_t before = allocationsFailed();
-                const pelmoStatus status = step.run(msg.get());
-                const bool failed = allocationsFailed() != before;
-                allocationsHeal();
-                if (!failed) {
-                    EXPECT_EQ(status, kStatusSuccess);
-                } else if (status != kStatusSuccess) {
-                    EXPECT_EQ(std::count(step.lowMemory.begin(), step.lowMemory.end(), status), 1);
-                    EXPECT_EQ(msg->dataOffset != 0, step.opened);
-                    EXPECT_EQ(wireOf(msg.get()), step.image);
-                    EXPECT_EQ(step.run(msg.get()), kStatusSuccess);
-                }
-                if (other != nullptr) bufferRelease(other);
-            };
-            EXPECT_GT(eachAllocationFails(run), 0u);
-        }
-    }
 }
 
 // Fields by the hundred thousand, and "data" ahead of them: what takes a step for each pair of them

@@ -1,11 +1,10 @@
-// Heads of records, and what folded types unfold to; the codecs' tests see to size prefixes. Bytes
+// Heads of records; the codecs' tests see to size prefixes and to what types unfold to. Bytes
 // lie in vectors of their own size, so that the address sanitizer sees one read too far.
 
 #include "lib/msg/wire.h"
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <vector>
 
 namespace {
@@ -73,28 +72,6 @@ TEST(WireRecord, IsRefusedWhereItCantBeTold) {
         EXPECT_EQ(behind == nullptr ? -1 : static_cast<int>(behind - bytes.data()), next)
             << testing::PrintToString(bytes);
     }
-}
-
-TEST(WireType, UnfoldsByTheSizeByteAlone) {
-    const struct {
-        Bytes types;
-        Bytes unfolded;  // by sizes of 1, 2, 4 and 8
-    } cases[] = {
-        {{WIRE_INT, 14, 16, 18, 20}, {14, 16, 18, 20}},
-        {{WIRE_UINT, 15, 17, 19, 21}, {15, 17, 19, 21}},
-        {{WIRE_FLOAT, 24, 25}, {0, 0, 24, 25}},
-        {{WIRE_NETINT, 26, 27}, {0, 26, 27, 0}},
-    };
-    for (const auto& [types, unfolded] : cases) {
-        for (const uint8_t type : types) {
-            for (unsigned size = 0; size < 256; ++size) {
-                const bool known = size == 1 || size == 2 || size == 4 || size == 8;
-                EXPECT_EQ(wireApplicationType(type, static_cast<uint8_t>(size)),
-                          known ? unfolded[static_cast<size_t>(std::countr_zero(size))] : 0);
-            }
-        }
-    }
-    EXPECT_EQ(wireApplicationType(200, 3), 200);
 }
 
 }  // namespace
