@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "lib/base/lock.h"
+#include "trace/capture_state.h"
 #include "trace/checksum.h"
 #include "trace/inspection.h"
 #include "trace/multicast.h"
@@ -134,5 +135,6 @@ void classifyPacket(const uint8_t* ip, size_t length) {
 
 void analyzePacket(const uint8_t* ip, size_t length) {
     const LockGuard guard(statsLock);
+    if (captureShuttingDown()) return;
     classifyPacket(ip, length);
 }

@@ -12,7 +12,8 @@
 //
 // Failure: none is answered. Faults are told with "-complain".
 //
-// Threads: analyzePacket takes `statsLock` for one packet; classifyPacket wants it held.
+// Threads: analyzePacket takes `statsLock` for one packet, and leaves the statistics alone once the
+// shutdown has begun; classifyPacket wants it held, or a run where no other thread counts.
 //
 // The bytes are borrowed from the capture for the length of the call. Any bytes will do.
 

@@ -1,10 +1,22 @@
-// The pieces of a live run that the runtime's threads call.
+// The pieces of a live run: the capture thread, the reports, and the wait for a stop.
+//
+// Threads: the main thread, unless it says otherwise.
 
 #pragma once
 
-// The capture thread's life: until libpcap fails. The process goes on without it.
-void runLiveCapture();
+#include "lib/base/status.h"
+
+// The capture thread lives until libpcap fails, which the log tells; the process goes on without
+// it. kStatusNoMemory, kStatusNotInitialized where the system refuses the thread.
+[[nodiscard]] pelmoStatus captureThreadStart();
+
+// Gives up the thread, which is neither stopped nor joined: libpcap may be waiting for a packet.
+// Once the shutdown has had `statsLock` the thread only looks at that flag, however late its frame.
+void captureThreadRelease();
 
 // Every update interval, on the timer thread: takes a snapshot at the wall clock's time and prints
 // it. Capture waits for the snapshot, not for the printing.
 void onSnapshotTimer();
+
+// Returns when a signal has come.
+void waitForStop();

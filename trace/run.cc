@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 
@@ -10,6 +11,7 @@
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/base/path.h"
+#include "lib/pelmo/pelmo.h"
 #include "lib/transport/secure_modules.h"
 #include "trace/capture_rotation.h"
 #include "trace/capture_session.h"
@@ -18,10 +20,10 @@
 #include "trace/live_run.h"
 #include "trace/offline_run.h"
 #include "trace/rotation_settings.h"
-#include "trace/runtime_ops.h"
 #include "trace/settings.h"
 #include "trace/snapshot.h"
 #include "trace/statistics.h"
+#include "trace/stop_wait.h"
 
 namespace {
 
@@ -48,13 +50,6 @@ pelmoStatus openSource() {
     captureState.captureHandle = traceSettings.liveCapture ? openLive(traceSettings.interfaceName)
                                                            : openOffline(traceSettings.readFile);
     return captureState.captureHandle != nullptr ? kStatusSuccess : kStatusNotInitialized;
-}
-
-// Ahead of the capture file: a run that can't go on shall not have emptied one.
-pelmoStatus requireRuntime() {
-    if (runtimeAttached()) return kStatusSuccess;
-    logPrint("live capture is not part of this build; read a saved capture with -r.");
-    return kStatusNotInitialized;
 }
 
 // The path is made absolute because a live run leaves its directory and a rotation comes later.
@@ -94,22 +89,30 @@ pelmoStatus markStart() {
     return kStatusSuccess;
 }
 
-pelmoStatus openLibrary() {
-    return runtimeAttached() ? runtimeOps.open() : kStatusSuccess;
+// A closed reader of the reports shall not end a run that others rely on: it is told in the log.
+pelmoStatus outliveReaders() {
+    struct sigaction action = {};
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+    return kStatusSuccess;
+}
+
+// What every timer of a run has in common. None is destroyed: they end with the library.
+template <void (*tick)()>
+pelmoStatus startTimer(double seconds) {
+    const auto onTick = [](uint32_t, pelmoMsg*, void*) { tick(); };
+    uint32_t timer = kNoId;
+    return pelmoEvent_CreateTimer(&timer, kTimerQueueId, onTick, seconds, nullptr);
 }
 
 pelmoStatus startRotationTimer() {
-    if (!runtimeAttached() || traceSettings.captureLimitBytes == 0) return kStatusSuccess;
+    if (traceSettings.captureLimitBytes == 0) return kStatusSuccess;
     captureRotationStart();
-    return runtimeOps.createTimer(kRotationCheckSeconds, onRotationTimer);
+    return startTimer<onRotationTimer>(kRotationCheckSeconds);
 }
 
 pelmoStatus startSnapshotTimer() {
-    return runtimeOps.createTimer(traceSettings.updateInterval, onSnapshotTimer);
-}
-
-pelmoStatus startCaptureThread() {
-    return runtimeOps.startCaptureThread(runLiveCapture);
+    return startTimer<onSnapshotTimer>(traceSettings.updateInterval);
 }
 
 struct StartStep {
@@ -127,14 +130,14 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, statsInit},
     {kEitherMode, openLog},
     {kEitherMode, openSource},
-    {kLiveOnly, requireRuntime},
+    {kLiveOnly, outliveReaders},
     {kEitherMode, openCaptureFile},
     {kEitherMode, filterSource},
     {kLiveOnly, markStart},
-    {kEitherMode, openLibrary},
+    {kEitherMode, pelmo_Open},
     {kEitherMode, startRotationTimer},
     {kLiveOnly, startSnapshotTimer},
-    {kLiveOnly, startCaptureThread},
+    {kLiveOnly, captureThreadStart},
 };
 
 void leaveDirectory() {
@@ -143,10 +146,11 @@ void leaveDirectory() {
 
 void runLive() {
     if (!traceSettings.foreground) leaveDirectory();
-    runtimeOps.waitForStop();
+    waitForStop();
 }
 
-// The capture thread isn't joined, and a frame in flight may still want to be saved.
+// The capture thread isn't joined: a frame in flight may still want to be saved or counted. Behind
+// this turn at the lock it finds the shutdown, and nothing of the run is touched any more.
 void closeCaptureFile() {
     const LockGuard guard(statsLock);
     if (captureState.dumpHandle == nullptr) return;
@@ -168,10 +172,12 @@ pelmoStatus startTrace() {
 void stopTrace() {
     logPrint("Shutting down ...");
     captureState.shuttingDown.store(true, std::memory_order_relaxed);
-    if (traceSettings.liveCapture) runtimeOps.releaseCaptureThread();
+    captureThreadRelease();
     closeCaptureFile();
     logClose();
-    if (runtimeAttached()) runtimeOps.close();
+    // All that was captured is safe. What may still take its time is a report that nobody reads.
+    if (traceSettings.liveCapture) stopWaitRelease();
+    pelmo_Close();
 }
 
 int traceMain(int argc, char** argv) {
@@ -184,6 +190,8 @@ int traceMain(int argc, char** argv) {
     const pelmoStatus status = startTrace();
     if (status != kStatusSuccess) {
         logPrint("startup aborted: %s.", pelmoStatus_GetText(status));
+        pelmo_Close();  // where it was opened: none of its threads shall meet the end of the
+                        // process
         return 1;
     }
     if (traceSettings.liveCapture) {

@@ -1,38 +1,29 @@
 #include "trace/run.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <semaphore>
+#include <set>
 #include <string>
-#include <vector>
 
+#include "lib/pelmo/pelmo.h"
+#include "lib/runtime/library.h"
 #include "tests/support/capture_file.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/fixed_clock.h"
 #include "tests/support/scratch_folder.h"
 #include "trace/capture_session.h"
 #include "trace/capture_state.h"
-#include "trace/runtime_ops.h"
 #include "trace/settings.h"
 #include "trace/statistics.h"
 
 namespace {
 
-using Calls = std::vector<std::string>;
-
-Calls calls;
-pelmoStatus openStatus;
-pelmoStatus timerStatus;
-
-pelmoStatus noteOpen() {
-    calls.push_back("open");
-    return openStatus;
-}
-
-pelmoStatus noteTimer(double seconds, void (*)()) {
-    calls.push_back("timer " + std::to_string(static_cast<int>(seconds * 1000)));
-    return timerStatus;
-}
-
 // What the end of the process would take.
 void undoStart() {
+    pelmo_Close();
     if (captureState.dumpHandle != nullptr) closeDump(captureState.dumpHandle);
     if (captureState.captureHandle != nullptr) pcap_close(captureState.captureHandle);
     captureState.dumpHandle = nullptr;
@@ -47,8 +38,6 @@ void undoStart() {
 struct Run : testing::Test {
     Run() {
         writeFile(input, captureText({}));
-        calls.clear();
-        openStatus = timerStatus = kStatusSuccess;
         traceSettings = {};
         traceSettings.readFile = input.c_str();
         traceSettings.liveCapture = false;
@@ -56,7 +45,6 @@ struct Run : testing::Test {
     }
     ~Run() override {
         undoStart();
-        runtimeOps = {};
         traceSettings = {};
     }
 
@@ -66,10 +54,27 @@ struct Run : testing::Test {
         traceSettings.captureMaxSizeMB = 1;
     }
 
-    static void attachRuntime() {
-        runtimeOps.open = noteOpen;
-        runtimeOps.close = [] { calls.push_back("close"); };
-        runtimeOps.createTimer = noteTimer;
+    static void saveMoreThanTheLimit() {
+        constexpr bpf_u_int32 kMegabyte = 1 << 20;
+        CaptureContext context = {[](SnapTime, const uint8_t*, size_t) {}};
+        const Bytes frame(kMegabyte, 0);
+        const pcap_pkthdr header = {.ts = {}, .caplen = kMegabyte, .len = kMegabyte};
+        frameHandler(reinterpret_cast<u_char*>(&context), &header, frame.data());
+        const LockGuard guard(statsLock);
+        pcap_dump_flush(captureState.dumpHandle);
+    }
+
+    // Timers that are due have run on return: one of no interval is the last of its pass.
+    static void timerThreadPasses() {
+        static std::binary_semaphore passed(0);  // its release may end after the acquire
+        uint32_t timer = 0;
+        const auto onTick = [](uint32_t event, pelmoMsg*, void*) {
+            pelmoEvent_DestroyEx(event, nullptr);
+            passed.release();
+        };
+        ASSERT_EQ(pelmoEvent_CreateTimer(&timer, kTimerQueueId, onTick, 0, nullptr),
+                  kStatusSuccess);
+        passed.acquire();
     }
 
     const Folder folder;
@@ -77,43 +82,67 @@ struct Run : testing::Test {
     const std::string output = folder.path("out");
 };
 
-TEST_F(Run, OpensTheLibraryBehindTheCaptureFileAndClosesItLast) {
+TEST_F(Run, OpensAndClosesTheLibraryAndTheCaptureFile) {
     saveAndRotate();
-    attachRuntime();
     ASSERT_EQ(startTrace(), kStatusSuccess);
-    EXPECT_EQ(calls, Calls({"open", "timer 1000"}));
+    EXPECT_TRUE(libraryIsOpen());
     EXPECT_NE(captureState.dumpHandle, nullptr);
     stopTrace();
-    EXPECT_EQ(calls, Calls({"open", "timer 1000", "close"}));
+    EXPECT_FALSE(libraryIsOpen());
     EXPECT_EQ(captureState.dumpHandle, nullptr);
     EXPECT_TRUE(captureState.shuttingDown);
     EXPECT_EQ(readFile(output), captureText({}));
 }
 
-TEST_F(Run, NeedsNoTimerWithoutALimit) {
-    traceSettings.writeFile = output.c_str();
-    attachRuntime();
-    ASSERT_EQ(startTrace(), kStatusSuccess);
-    EXPECT_EQ(calls, Calls({"open"}));
+// By the timer, for each count of numbered files, and by a path that was relative at the start.
+TEST_F(Run, RotatesTheCaptureFileOnceASecond) {
+    const std::string home = std::filesystem::current_path();
+    const struct {
+        int32_t count;
+        std::set<std::string> names;
+    } cases[] = {
+        {0, {"in", "out"}}, {1, {"in", "out", "out1"}}, {3, {"in", "out", "out1", "out2"}}};
+    for (const auto& [count, names] : cases) {
+        SCOPED_TRACE(count);
+        saveAndRotate();
+        std::filesystem::current_path(folder.root);
+        traceSettings.writeFile = "out";
+        traceSettings.captureMaxRotations = count;
+        {
+            FixedMonotonic clock(1000);
+            ASSERT_EQ(startTrace(), kStatusSuccess);
+            std::filesystem::current_path("/");
+            for (const int64_t seconds : {1001, 1002}) {
+                saveMoreThanTheLimit();
+                FixedMonotonic::set(seconds, 500'000'000);
+                timerThreadPasses();
+            }
+            stopTrace();
+        }
+        EXPECT_EQ(folder.names(), names);
+        EXPECT_EQ(readFile(output), captureText({}));
+        undoStart();
+        for (const char* const numbered : {"out1", "out2"})
+            unlink(folder.path(numbered).c_str());
+    }
+    std::filesystem::current_path(home);
 }
 
-TEST_F(Run, LeavesOutWhatNeedsTheRuntimeWhereThereIsNone) {
-    saveAndRotate();
-    ASSERT_EQ(startTrace(), kStatusSuccess);
-    stopTrace();
-    EXPECT_EQ(readFile(output), captureText({}));
-}
-
-TEST_F(Run, ReportsWhatTheRuntimeAnswers) {
-    saveAndRotate();
-    attachRuntime();
-    timerStatus = kStatusInvalidInterval;
-    EXPECT_EQ(startTrace(), kStatusInvalidInterval);
-    openStatus = kStatusOsError;
-    calls.clear();
-    undoStart();
-    EXPECT_EQ(startTrace(), kStatusOsError);
-    EXPECT_EQ(calls, Calls({"open"}));
+TEST_F(Run, AnyAllocationOfAStartMayFail) {
+    testing::internal::CaptureStdout();
+    const size_t failing = eachAllocationFails([this] {
+        const TraceSettings sound = traceSettings;
+        saveAndRotate();
+        const pelmoStatus status = startTrace();
+        allocationsHeal();
+        EXPECT_TRUE(status == kStatusSuccess ? libraryIsOpen() : allocationsFailed() > 0);
+        if (status == kStatusSuccess) stopTrace();
+        undoStart();
+        EXPECT_FALSE(libraryIsOpen());
+        traceSettings = sound;
+    });
+    (void)testing::internal::GetCapturedStdout();
+    EXPECT_GT(failing, 100u);
 }
 
 TEST_F(Run, TheFirstFailureEndsTheStart) {
@@ -141,7 +170,6 @@ TEST_F(Run, TheFirstFailureEndsTheStart) {
         {"capture file", [](const char* at) { traceSettings.writeFile = at; },
          kStatusNotInitialized},
     };
-    attachRuntime();
     for (const auto& [what, damage, status] : cases) {
         SCOPED_TRACE(what);
         const TraceSettings sound = traceSettings;
@@ -150,7 +178,7 @@ TEST_F(Run, TheFirstFailureEndsTheStart) {
         undoStart();
         traceSettings = sound;
     }
-    EXPECT_EQ(calls, Calls());
+    EXPECT_FALSE(libraryIsOpen());
 }
 
 }  // namespace

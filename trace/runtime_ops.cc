@@ -1,3 +1,0 @@
-#include "trace/runtime_ops.h"
-
-RuntimeOps runtimeOps;

@@ -1,0 +1,32 @@
+// Waits for the signal that ends a live run: SIGINT or SIGTERM.
+//
+// The handler only writes a byte to a wake-up pair; the first IO thread takes it up and wakes the
+// waiter. Where the pair breaks and can't be remade, a timer tries again each second, and looks for
+// a signal that came meanwhile.
+//
+//     (void)stopWaitInit(nullptr);
+//     stopWaitRun();
+//     stopWaitCleanup();
+//
+// Failure: what making the pair answers, and nothing is armed: stopWaitRun returns at once. So does
+// it where a broken pair has no timer either, which the log tells.
+//
+// Threads: one thread inits, runs and cleans up, with the library open. The callback runs on the
+// library's threads, with no lock held.
+
+#pragma once
+
+#include "lib/base/status.h"
+
+using StopCallback = void (*)();
+
+// The callback, which may be null, runs once, when the stop is decided.
+[[nodiscard]] pelmoStatus stopWaitInit(StopCallback callback);
+
+// Returns when the program is to stop. Signals are of no effect from the clean-up on, and don't
+// kill: what is open can be closed in peace. A wait that is cleaned up can be armed anew.
+void stopWaitRun();
+void stopWaitCleanup();
+
+// Gives the signals back to the system: another one ends the process, however it hangs.
+void stopWaitRelease();
