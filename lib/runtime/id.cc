@@ -49,24 +49,23 @@ void* typeMark(IdType type) {
     return reinterpret_cast<void*>(static_cast<uintptr_t>(type));
 }
 
-// The next number of the counter that nobody uses, 0 where there is none.
+uint32_t idAfter(uint32_t id) {
+    return id == idCounter.last ? idCounter.first : id + 1;
+}
+
+// The next number of the counter that nobody uses, 0 where there is none. No search until it has
+// wrapped once.
 uint32_t nextFreeLocked() PELMO_REQUIRES(state.idLock) {
-    IdCounter& counter = idCounter;
-    const auto following = [&counter](uint32_t id) {
-        return id == counter.last ? counter.first : id + 1;
-    };
-    if (counter.previous == counter.last) counter.wrapped = true;
-    const uint32_t begin = following(counter.previous);
-    counter.previous = begin;
-    if (!counter.wrapped) return begin;
+    if (idCounter.previous == idCounter.last) idCounter.wrapped = true;
+    const uint32_t begin = idCounter.previous = idAfter(idCounter.previous);
+    if (!idCounter.wrapped) return begin;
 
     uint32_t id = begin;
     while (dict32Find(state.globalIds, id, nullptr) == kStatusSuccess) {
-        id = following(id);
+        id = idAfter(id);
         if (id == begin) return kNoId;
     }
-    counter.previous = id;
-    return id;
+    return idCounter.previous = id;
 }
 
 pelmoStatus takeGlobalId(IdType type, uint32_t& id) {

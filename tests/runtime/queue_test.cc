@@ -5,12 +5,17 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <span>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/queue_group.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
 
@@ -305,6 +310,71 @@ TEST_F(Queues, CompleteAtOnceOrLeaveItToTheDispatchUnderWay) {
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusNotPermitted);
     libraryOpen = false;
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusSuccess);
+}
+
+std::vector<std::string> traced;
+
+[[gnu::format(printf, 2, 3)]] void keepLine(uint32_t module, const char* format, ...) {
+    char line[200];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line, sizeof(line), format, arguments);
+    va_end(arguments);
+    traced.push_back(std::to_string(module) + ' ' + line);
+}
+
+TEST_F(Queues, TraceTheirCallsOnEntryAndCreationsOnceDone) {
+    const uint32_t modules[] = {kTraceQueue, kTraceQueueGroup};
+    for (const uint32_t module : modules)
+        traceOps.enabled[module] = 1;
+    traceOps.write = keepLine;
+    traceOps.on = 1;
+    uint32_t queue = kNoId, synchronous = kNoId, group = kNoId;
+    EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);  // no line
+    EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_CreateSynchronous(&synchronous), kStatusSuccess);
+    EXPECT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
+    const std::string id = std::to_string(queue);
+    const std::string both = std::to_string(group) + ", " + id + ")";
+    EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess);
+    EXPECT_EQ(pelmoQueueGroup_Remove(group, queue), kStatusSuccess);
+    EXPECT_EQ(pelmoQueueGroup_Destroy(group), kStatusSuccess);
+    for (const pelmoStatus status : callAll(queue, false))
+        EXPECT_EQ(status, kStatusInvalidArgument);
+    EXPECT_EQ(pelmoQueue_SetName(queue, "a"), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_SetPriority(queue, 2), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_SetLimitPolicy(queue, 2, 4, 3), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_SetHook(queue, nullptr, nullptr), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
+    traceOps.on = 0;
+    EXPECT_EQ(pelmoQueue_DestroyEx(synchronous, nullptr, nullptr), kStatusSuccess);
+
+    std::erase_if(traced,
+                  [](const std::string& line) { return line.find("GetLimitPolicy") != line.npos; });
+    const std::string expected[] = {
+        "8 pelmoQueue_Create(" + id + ")",
+        "8 pelmoQueue_CreateSynchronous(" + std::to_string(synchronous) + ")",
+        "9 pelmoQueueGroup_Create(" + std::to_string(group) + ")",
+        "9 pelmoQueueGroup_Add(" + both,
+        "9 pelmoQueueGroup_Remove(" + both,
+        "9 pelmoQueueGroup_Destroy(" + std::to_string(group) + ")",
+        "8 pelmoQueue_GetCount(" + id + ", (nil))",
+        "8 pelmoQueue_GetHook(" + id + ", (nil))",
+        "8 pelmoQueue_GetName(" + id + ", (nil))",
+        "8 pelmoQueue_SetName(" + id + ", \"<NULL>\")",
+        "8 pelmoQueue_GetPriority(" + id + ", (nil))",
+        "8 pelmoQueue_Poll(" + id + ", (nil), 0.000000)",
+        "8 pelmoQueue_PollMany(" + id + ", (nil), 1, (nil), 0.000000)",
+        "8 pelmoQueue_SetName(" + id + ", \"a\")",
+        "8 pelmoQueue_SetPriority(" + id + ", 2)",
+        "8 pelmoQueue_SetLimitPolicy(" + id + ", 2, 4, 3)",
+        "8 pelmoQueue_SetHook(" + id + ", (nil), (nil))",
+        "8 pelmoQueue_DestroyEx(" + id + ", (nil), (nil))",
+    };
+    EXPECT_TRUE(std::ranges::equal(traced, expected)) << testing::PrintToString(traced);
+    for (const uint32_t module : modules)
+        traceOps.enabled[module] = 0;
+    traceOps.write = nullptr;
 }
 
 TEST_F(Queues, OutOfMemoryLeaveAllAsItWas) {
