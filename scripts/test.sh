@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # test.sh [--long]: sets up what is missing, builds, and runs every test: under the sanitizers, the
-# fuzz targets for a few seconds each (with --long for a minute each), the checks of lock
-# annotations, and at last the release build, whose count ends the output.
+# fuzz targets for a few seconds each, the checks of lock annotations, and at last the release
+# build, whose count ends the output. With --long each fuzz target has a minute, and a live run of ten
+# minutes comes ahead of that count.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 fuzz_seconds=3
+long=
 case "${1:-}" in
-    --long) fuzz_seconds=60 ;;
+    --long) fuzz_seconds=60 && long=1 ;;
     "") ;;
     *) echo "usage: test.sh [--long]" >&2 && exit 2 ;;
 esac
@@ -48,6 +50,7 @@ fuzz() {
 }
 
 scripts/setup.sh
+step "$(python3 tests/e2e/live_run.py)"
 
 build tsa
 
@@ -66,5 +69,9 @@ ctest --preset asan --no-tests=error -j "$jobs" --quiet --output-log build/asan/
     { grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' build/asan/ctest.log >&2; exit 1; }
 
 build release
+if [ -n "$long" ]; then
+    step "soak, 10 minutes"
+    python3 tests/e2e/soak.py build/release/bin/{pelmoscope,pelmogen} || [ $? = 77 ]
+fi
 step "release"
 ctest --preset release --no-tests=error -j "$jobs"

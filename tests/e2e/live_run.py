@@ -1,16 +1,16 @@
 """What the live tests share: a wire of their own, the tool and the generator as processes, reports.
 
-The wire is a veth pair in a network namespace that lives as long as the test. Where namespaces aren't
-permitted it's the loopback, and the output says so; where live capture isn't permitted at all the
-test ends with status 77.
+The wire is a veth pair in a network namespace that lives as long as the test. Where namespaces
+aren't permitted it's the loopback, and the output says so; where live capture isn't permitted at
+all the test says that and ends with status 77. Run as a program it tells which of these it will be.
 """
 
 import collections
 import ctypes
 import os
-import pathlib
 import re
 import signal
+import socket
 import subprocess
 import sys
 import time
@@ -53,8 +53,10 @@ def open_wire():
         reason = veth_pair()
         if not reason:
             return Wire("listener", ("--interface", "sender"))
-    if os.geteuid() != 0:
-        print("live capture isn't permitted here: not root, and no network namespace:", reason)
+    try:
+        socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0).close()
+    except PermissionError:
+        print("NOT TESTED: no live capture is permitted here, and no network namespace:", reason)
         sys.exit(SKIPPED)
     print("no network namespace here (%s): the loopback stands in for it" % reason, flush=True)
     return Wire("lo", ("--loopback",))
@@ -144,7 +146,7 @@ def sent_totals(text):
 
 
 def read_reports(text):
-    """All reports in a text, other lines in between allowed. A line that isn't whole is left out."""
+    """All reports in a text, other lines in between allowed. An unfinished line is left out."""
     reports, table, host = [], None, None
     for line in text[:text.rfind("\n") + 1].splitlines():
         head = re.match(r"Snapshot  (\S+ \S+)  \((\S+) elapsed seconds\)$", line)
@@ -195,3 +197,8 @@ def added_up(reports):
 
 def total_of(reports, table="mcast", column=0):
     return sum(report.rows[table, "totals", column] for report in reports)
+
+
+if __name__ == "__main__":
+    if open_wire().interface != "lo":
+        print("a network namespace and its veth pair carry the live tests")

@@ -1,4 +1,4 @@
-"""Live runs of the built tool: live_test.py PELMOSCOPE PELMOGEN CLOCK_SHIFT [unittest arguments]."""
+"""Live runs of the built tool: live_test.py PELMOSCOPE PELMOGEN CLOCK_SHIFT [TEST ...]."""
 
 import fcntl
 import os

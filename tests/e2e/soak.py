@@ -1,0 +1,131 @@
+"""A live run for many minutes: soak.py PELMOSCOPE PELMOGEN [--seconds N].
+
+Steady traffic in phases. Each phase brings new subjects and new epochs, from another number of
+hosts to another set of ports, out of few that come again and again; the capture file goes round in
+its ring. Once all have been there, the tool's memory and descriptors must stay as they are. No
+report may be missing, and no packet.
+"""
+
+import argparse
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+from live_run import Process, Tool, open_wire, read_reports, sent_totals, total_of, wait_until
+
+RATE = 3000
+PHASE_SECONDS = 4
+POPULATIONS = ((50, 1, 7500), (400, 2, 7510), (100, 3, 7520), (200, 1, 7530))
+# What the allocator may keep of one phase for the next.
+SLACK_KB = 1024
+
+
+class Reader(threading.Thread):
+    """Takes the reports from the pipe as they come, and keeps their figures alone."""
+
+    def __init__(self, pipe):
+        super().__init__(daemon=True)
+        self.pipe, self.elapsed, self.packets = pipe, [], 0
+        self.start()
+
+    def run(self):
+        text = ""
+        for line in self.pipe:
+            if line.startswith("Snapshot"):
+                self.take(text)
+                text = ""
+            if "Totals" in line or "Statistics" in line or "Snapshot" in line:
+                text += line
+        self.take(text)
+
+    def take(self, text):
+        for report in read_reports(text):
+            self.elapsed.append(report.elapsed)
+            self.packets += total_of([report]) + total_of([report], column=3)
+
+
+def memory_kb(pid):
+    with open("/proc/%d/status" % pid, encoding="ascii") as status:
+        return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
+
+
+def phase(number, pelmogen, wire):
+    hosts, ports, first_port = POPULATIONS[number % len(POPULATIONS)]
+    return Process(pelmogen, *wire.send, "--rate", RATE, "--count", RATE * PHASE_SECONDS,
+                   "--seed", number + 1, "--hosts", hosts, "--ports", ports, "--nets", 2,
+                   "--first-port", first_port, "--subjects", 1500, "--publishers", 2,
+                   "--messages", "1-3", "--nulls", 0.05, "--rreqs", 0.02, "--ptp-data", 0.05,
+                   "--restarts", 0.01, "--repeats", 0.02, "--host-status", 0.02, "--payload",
+                   "100-1000", stdout=subprocess.PIPE, text=True)
+
+
+def soak(options, wire, folder):
+    pipe_out, pipe_in = os.pipe()
+    tool = Tool(options.binary, folder / "tool", "-i", wire.interface, "-u", "1", "-addrinfo",
+                "-ptp", "-hostmsgs", "-w", "w.pcap", "-w-max-size", "1", "-w-max-rotations", "2",
+                stdout=pipe_in)
+    os.close(pipe_in)
+    sender = None
+    samples = []  # seconds, kilobytes, descriptors, behind each phase
+    try:
+        reader = Reader(os.fdopen(pipe_out, errors="replace"))
+        wait_until(lambda: len(reader.elapsed) >= 1, "a report")
+        began, sent = time.monotonic(), 0
+        first_reports = len(reader.elapsed)
+        while time.monotonic() - began < options.seconds:
+            sender = phase(len(samples), options.pelmogen, wire)
+            sent += sent_totals(sender.popen.communicate(timeout=60)[0])["data"]
+            samples.append((time.monotonic() - began, memory_kb(tool.popen.pid),
+                            len(os.listdir("/proc/%d/fd" % tool.popen.pid))))
+        seconds, reports = time.monotonic() - began, len(reader.elapsed) - first_reports
+        wait_until(lambda: reader.packets >= sent, "the last packets")
+        status, stopped_in = tool.stop()
+        reader.join(10)
+        return judge(samples, {"seconds": seconds, "reports": reports, "elapsed": reader.elapsed,
+                               "sent": sent, "counted": reader.packets, "status": status,
+                               "stopped in": stopped_in})
+    finally:
+        for process in (tool, sender):
+            if process:
+                process.close()
+
+
+def judge(samples, run):
+    """Prints what was seen; answers what was wrong with it."""
+    settled = 2 * len(POPULATIONS)
+    early, late = samples[settled:2 * settled], samples[-settled:]
+    before, after = (max(kilobytes for _, kilobytes, _ in part) for part in (early, late))
+    descriptors = {count for _, _, count in samples}
+    print("%.0f seconds, %d reports, %d of %d packets counted; %d KB at first, %d KB in the end; "
+          "%s descriptors" % (run["seconds"], run["reports"], run["counted"], run["sent"], before,
+                              after, sorted(descriptors)))
+    wrong = {
+        "memory grows": after > before + SLACK_KB,
+        "descriptors change": max(descriptors) - min(descriptors) > 0,
+        "reports are missing": abs(run["reports"] - run["seconds"]) > 2,
+        "an interval is odd": not all(0.5 <= seconds <= 1.5 for seconds in run["elapsed"]),
+        "packets are missing": run["counted"] != run["sent"],
+        "the end isn't orderly": run["status"] != 0 or run["stopped in"] > 1,
+    }
+    return [what for what, is_so in wrong.items() if is_so]
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
+    parser.add_argument("binary", type=lambda path: pathlib.Path(path).resolve())
+    parser.add_argument("pelmogen", type=lambda path: pathlib.Path(path).resolve())
+    parser.add_argument("--seconds", type=int, default=600, help="at least 100")
+    options = parser.parse_args()
+    wire = open_wire()
+    with tempfile.TemporaryDirectory() as folder:
+        wrong = soak(options, wire, pathlib.Path(folder))
+    if wrong:
+        sys.exit("soak: " + ", ".join(wrong))
+
+
+if __name__ == "__main__":
+    main()
