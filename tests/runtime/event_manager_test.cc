@@ -15,7 +15,10 @@ struct EventManagers : testing::Test {
         ASSERT_EQ(EventManager_Start(), kStatusSuccess);
         ASSERT_EQ(EventManager_StartIo(1), kStatusSuccess);
     }
-    ~EventManagers() override { EventManager_Stop(); }
+    ~EventManagers() override {
+        EventManager_Stop();
+        endAllEvents();
+    }
 
     static void countDownOnce(uint32_t event, pelmoMsg*, void*) {
         pelmoEvent_DestroyEx(

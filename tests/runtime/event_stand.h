@@ -8,6 +8,7 @@
 
 #include <vector>
 
+#include "lib/containers/dpa.h"
 #include "lib/runtime/dispatch.h"
 #include "lib/runtime/event.h"
 #include "lib/runtime/io_events.h"
@@ -15,6 +16,17 @@
 #include "lib/runtime/wakeup_pair.h"
 #include "tests/support/fixed_clock.h"
 #include "tests/support/runtime_objects.h"
+
+// What a test leaves behind.
+inline void endAllEvents() {
+    Dpa* const ids = dpaCreate(1);
+    EXPECT_TRUE(idTableList(IdType::kEvent, ids));
+    for (uint32_t i = 0; i < ids->count; ++i) {
+        const auto id = reinterpret_cast<uintptr_t>(ids->items[i]);
+        pelmoEvent_DestroyEx(static_cast<uint32_t>(id), nullptr);
+    }
+    dpaDestroy(ids);
+}
 
 struct EventStand {
     EventStand() {
@@ -31,6 +43,7 @@ struct EventStand {
     }
     ~EventStand() {
         wakeupPairDestroy(io->pair);
+        endAllEvents();
         {
             LockGuard guard(evmLock);
             ++evmEpoch;

@@ -145,11 +145,13 @@ TEST_F(Events, EndOnceAndBehindTheirCallback) {
 TEST_F(Events, CanBeDestroyedWhenTheirQueueIsGone) {
     uint32_t queue = kNoId;
     ASSERT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
-    ASSERT_EQ(pelmoEvent_CreateTimer(&event, queue, ignoreEvent, 1, nullptr), kStatusSuccess);
+    int completions = 0;
+    ASSERT_EQ(pelmoEvent_CreateTimer(&event, queue, ignoreEvent, 1, &completions), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
     (void)timersFire(stand.epoch, clockSteadySeconds() + 1);
-    static int completions = 0;
-    EXPECT_EQ(pelmoEvent_DestroyEx(event, [](uint32_t, void*) { ++completions; }), kStatusSuccess);
+    EXPECT_EQ(
+        pelmoEvent_DestroyEx(event, [](uint32_t, void* count) { ++*static_cast<int*>(count); }),
+        kStatusSuccess);
     EXPECT_EQ(completions, 1);
 }
 
