@@ -1,5 +1,7 @@
 #include "trace/capture_session.h"
 
+#include <stdio_ext.h>
+
 #include <cstdio>
 
 #include "lib/base/log.h"
@@ -47,6 +49,12 @@ void describeSavefile(pcap_t* capture) {
              pcap_minor_version(capture));
 }
 
+// The process has several threads, so that each read and write of a stream would take its lock. One
+// thread reads a source, and a capture file has `statsLock`.
+void spareStreamLock(FILE* stream) {
+    __fsetlocking(stream, FSETLOCKING_BYCALLER);
+}
+
 // A stream that was never told to seek asks the system for its position again and again: a call for
 // each frame saved. A pipe can't seek and has no position, which is no matter here.
 void rememberPosition(pcap_dumper_t* dump) {
@@ -91,6 +99,7 @@ pcap_t* openOffline(const char* path) {
         logPrint("pcap_open_offline: %s", error);
         return nullptr;
     }
+    spareStreamLock(pcap_file(capture));
     describeSavefile(capture);
     return capture;
 }
@@ -101,6 +110,7 @@ pcap_dumper_t* openDump(pcap_t* capture, const char* path) {
         logPrint("pcap_dump_open: %s", pcap_geterr(capture));
         return nullptr;
     }
+    spareStreamLock(pcap_dump_file(dump));
     rememberPosition(dump);
     return dump;
 }

@@ -43,7 +43,7 @@ void handleFirstPacket(SnapTime time, const uint8_t* ip, size_t length) {
     calendarFrom(time.seconds, &begin);
     logPrint("Savefile begins at %04d/%02d/%02d-%02d:%02d:%02d\n", begin.year, begin.month,
              begin.day, begin.hour, begin.minute, begin.second);
-    analyzePacket(ip, length);
+    classifyPacket(ip, length);
 }
 
 void handlePacket(SnapTime time, const uint8_t* ip, size_t length) {
@@ -52,7 +52,7 @@ void handlePacket(SnapTime time, const uint8_t* ip, size_t length) {
         offlineRun.nextSnapshotTime = afterInterval(offlineRun.nextSnapshotTime);
     }
     offlineRun.lastPacketTime = time;
-    analyzePacket(ip, length);
+    classifyPacket(ip, length);
 }
 
 }  // namespace

@@ -4,7 +4,8 @@
 // At most one snapshot falls due per packet. Behind a gap longer than the interval, each of the
 // next packets brings one more, until the time for the next snapshot has caught up.
 //
-// Threads: the main thread, which is capture thread and report writer in one.
+// Threads: the main thread, which is capture thread and report writer in one: nobody else looks at
+// the statistics, and a packet is analysed without their lock.
 
 #pragma once
 
