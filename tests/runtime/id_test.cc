@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "lib/containers/dpa.h"
 #include "lib/runtime/id_counter.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/race.h"
@@ -156,24 +154,18 @@ TEST_F(Ids, LeadToACountedReferenceOfTheirTypeAlone) {
     EXPECT_EQ(destroy(id, IdType::kQueue), kStatusNotFound);
 }
 
-TEST_F(Ids, ThatAreWithdrawnLeaveTheBaseReference) {
-    Thing* thing = newThing();
-    uint32_t id = kNoId;
-    EXPECT_EQ(Id_Invalidate(&thing->header), kStatusInvalidArgument);
-    EXPECT_FALSE(Id_IsInvalid(&thing->header));
-    ASSERT_EQ(Id_SetGlobal(&thing->header, &id), kStatusSuccess);
-    EXPECT_EQ(Id_Invalidate(&thing->header), kStatusSuccess);
-    EXPECT_EQ(Id_Invalidate(&thing->header), kStatusInvalidArgument);
-    EXPECT_EQ(destroy(id), kStatusNotFound);
-    EXPECT_EQ(thing->header.refCount, 1);
-    Id_Release(&thing->header, false);
-}
-
-TEST_F(Ids, EndWithALastReferenceThatNobodyDestroyed) {
+TEST_F(Ids, EndByWithdrawalOrWithALastReferenceThatNobodyDestroyed) {
     const IdSpace space({.first = 1001, .last = 1001});
-    for (int i = 0; i < 2; ++i) {
+    for (const bool withdrawn : {true, false, true}) {
         Thing* thing = newThing();
+        EXPECT_EQ(Id_Invalidate(&thing->header), kStatusInvalidArgument);
+        EXPECT_FALSE(Id_IsInvalid(&thing->header));
         ASSERT_EQ(Id_SetGlobal(&thing->header, nullptr), kStatusSuccess);
+        if (withdrawn) {
+            EXPECT_EQ(Id_Invalidate(&thing->header), kStatusSuccess);
+            EXPECT_EQ(Id_Invalidate(&thing->header), kStatusInvalidArgument);
+            EXPECT_EQ(destroy(1001), kStatusNotFound);
+        }
         EXPECT_EQ(Id_Release(&thing->header, false), kStatusSuccess);
         EXPECT_EQ(Id_Check(1001, IdType::kEvent), kStatusNotFound);
     }
@@ -195,26 +187,6 @@ TEST_F(Ids, AreInvalidOnlyUnderTheFlagsLock) {
     destroyer.join();
     EXPECT_TRUE(Id_IsInvalid(&thing->header));
     Id_Release(&thing->header, false);
-}
-
-TEST_F(Ids, ListOneType) {
-    const std::set<uint32_t> expected = {publish(), publish(), publish()};
-    const uint32_t queue = publish(IdType::kQueue);
-    Dpa* list = dpaCreate(1);
-    {
-        const FailAlloc fail{.after = 0, .forGood = true};
-        EXPECT_FALSE(idTableList(IdType::kEvent, list));
-    }
-    list->count = 0;
-    ASSERT_TRUE(idTableList(IdType::kEvent, list));
-    std::set<uint32_t> listed;
-    for (uint32_t i = 0; i < list->count; ++i)
-        listed.insert(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(list->items[i])));
-    EXPECT_EQ(listed, expected);
-    dpaDestroy(list);
-    for (const uint32_t id : expected)
-        EXPECT_EQ(destroy(id), kStatusSuccess);
-    EXPECT_EQ(destroy(queue, IdType::kQueue), kStatusSuccess);
 }
 
 TEST(IdsWithoutTables, AreRefused) {

@@ -31,13 +31,6 @@ uint32_t countOf(uint32_t queue) {
     return count;
 }
 
-// The record, for as long as the queue isn't destroyed.
-Queue* recordOf(uint32_t queue) {
-    Held<Queue> held;
-    EXPECT_EQ(held.get(queue, IdAccess::kUnlocked), kStatusSuccess);
-    return held.pointer();
-}
-
 enum Ring { kPending, kReady };
 
 const pelmoMsg* push(uint32_t queue, uint32_t event, Ring ring = kPending) {
@@ -45,34 +38,6 @@ const pelmoMsg* push(uint32_t queue, uint32_t event, Ring ring = kPending) {
     pelmoMsg* message = messageFor(event);
     EXPECT_TRUE(EntryRing_PushBack(ring == kReady ? record->ready : record->pending, message));
     return message;
-}
-
-TEST_F(Queues, BeginPlainAndTakeWhatIsSet) {
-    uint32_t queue = kNoId;
-    ASSERT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
-    const char* name = nullptr;
-    uint32_t policy = 9, most = 9, discard = 9, priority = 9;
-    pelmoQueueHook hook = [](uint32_t, void*) {};
-    EXPECT_EQ(pelmoQueue_GetName(queue, &name), kStatusSuccess);
-    EXPECT_STREQ(name, "pelmoQueue");
-    EXPECT_EQ(pelmoQueue_GetLimitPolicy(queue, &policy, &most, &discard), kStatusSuccess);
-    EXPECT_EQ(policy + most + discard + countOf(queue), 0u);
-    EXPECT_EQ(pelmoQueue_GetPriority(queue, &priority), kStatusSuccess);
-    EXPECT_EQ(priority, 1u);
-    EXPECT_EQ(pelmoQueue_GetHook(queue, &hook), kStatusSuccess);
-    EXPECT_EQ(hook, nullptr);
-
-    char text[] = "first";
-    EXPECT_EQ(pelmoQueue_SetName(queue, text), kStatusSuccess);
-    text[0] = 'F';
-    EXPECT_EQ(pelmoQueue_GetName(queue, &name), kStatusSuccess);
-    EXPECT_STREQ(name, "first");
-    EXPECT_EQ(pelmoQueue_SetName(queue, "second"), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_SetPriority(queue, 7), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_GetPriority(queue, &priority), kStatusSuccess);
-    EXPECT_EQ(priority, 7u);
-    EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusInvalidQueue);
 }
 
 // All public calls on a queue but its destroy; with their outputs, and without.
@@ -324,57 +289,41 @@ std::vector<std::string> traced;
 }
 
 TEST_F(Queues, TraceTheirCallsOnEntryAndCreationsOnceDone) {
-    const uint32_t modules[] = {kTraceQueue, kTraceQueueGroup};
-    for (const uint32_t module : modules)
-        traceOps.enabled[module] = 1;
+    traceOps.enabled[kTraceQueue] = traceOps.enabled[kTraceQueueGroup] = 1;
     traceOps.write = keepLine;
     traceOps.on = 1;
-    uint32_t queue = kNoId, synchronous = kNoId, group = kNoId;
+    uint32_t queue = kNoId, group = kNoId;
     EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);  // no line
     EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_CreateSynchronous(&synchronous), kStatusSuccess);
     EXPECT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
-    const std::string id = std::to_string(queue);
-    const std::string both = std::to_string(group) + ", " + id + ")";
     EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess);
-    EXPECT_EQ(pelmoQueueGroup_Remove(group, queue), kStatusSuccess);
     EXPECT_EQ(pelmoQueueGroup_Destroy(group), kStatusSuccess);
-    for (const pelmoStatus status : callAll(queue, false))
-        EXPECT_EQ(status, kStatusInvalidArgument);
+    (void)callAll(kNoId, false);
     EXPECT_EQ(pelmoQueue_SetName(queue, "a"), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_SetPriority(queue, 2), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_SetLimitPolicy(queue, 2, 4, 3), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_SetHook(queue, nullptr, nullptr), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
-    traceOps.on = 0;
-    EXPECT_EQ(pelmoQueue_DestroyEx(synchronous, nullptr, nullptr), kStatusSuccess);
+    traceOps.on = traceOps.enabled[kTraceQueue] = traceOps.enabled[kTraceQueueGroup] = 0;
+    traceOps.write = nullptr;
 
-    std::erase_if(traced,
-                  [](const std::string& line) { return line.find("GetLimitPolicy") != line.npos; });
+    std::erase_if(traced, [](const std::string& line) { return line.find("0x") != line.npos; });
+    const std::string id = std::to_string(queue), groupId = std::to_string(group);
     const std::string expected[] = {
         "8 pelmoQueue_Create(" + id + ")",
-        "8 pelmoQueue_CreateSynchronous(" + std::to_string(synchronous) + ")",
-        "9 pelmoQueueGroup_Create(" + std::to_string(group) + ")",
-        "9 pelmoQueueGroup_Add(" + both,
-        "9 pelmoQueueGroup_Remove(" + both,
-        "9 pelmoQueueGroup_Destroy(" + std::to_string(group) + ")",
-        "8 pelmoQueue_GetCount(" + id + ", (nil))",
-        "8 pelmoQueue_GetHook(" + id + ", (nil))",
-        "8 pelmoQueue_GetName(" + id + ", (nil))",
-        "8 pelmoQueue_SetName(" + id + ", \"<NULL>\")",
-        "8 pelmoQueue_GetPriority(" + id + ", (nil))",
-        "8 pelmoQueue_Poll(" + id + ", (nil), 0.000000)",
-        "8 pelmoQueue_PollMany(" + id + ", (nil), 1, (nil), 0.000000)",
+        "9 pelmoQueueGroup_Create(" + groupId + ")",
+        "9 pelmoQueueGroup_Add(" + groupId + ", " + id + ")",
+        "9 pelmoQueueGroup_Destroy(" + groupId + ")",
+        "8 pelmoQueue_GetCount(0, (nil))",
+        "8 pelmoQueue_GetHook(0, (nil))",
+        "8 pelmoQueue_GetName(0, (nil))",
+        "8 pelmoQueue_SetName(0, \"<NULL>\")",
+        "8 pelmoQueue_GetPriority(0, (nil))",
+        "8 pelmoQueue_Poll(0, (nil), 0.000000)",
+        "8 pelmoQueue_PollMany(0, (nil), 1, (nil), 0.000000)",
         "8 pelmoQueue_SetName(" + id + ", \"a\")",
-        "8 pelmoQueue_SetPriority(" + id + ", 2)",
         "8 pelmoQueue_SetLimitPolicy(" + id + ", 2, 4, 3)",
-        "8 pelmoQueue_SetHook(" + id + ", (nil), (nil))",
         "8 pelmoQueue_DestroyEx(" + id + ", (nil), (nil))",
     };
     EXPECT_TRUE(std::ranges::equal(traced, expected)) << testing::PrintToString(traced);
-    for (const uint32_t module : modules)
-        traceOps.enabled[module] = 0;
-    traceOps.write = nullptr;
 }
 
 TEST_F(Queues, OutOfMemoryLeaveAllAsItWas) {
@@ -389,7 +338,9 @@ TEST_F(Queues, OutOfMemoryLeaveAllAsItWas) {
             std::free(name);
             return;
         }
-        const bool renamed = pelmoQueue_SetName(id, "another") == kStatusSuccess;
+        char another[] = "another";
+        const bool renamed = pelmoQueue_SetName(id, another) == kStatusSuccess;
+        another[0] = 'A';
         const char* now = nullptr;
         EXPECT_EQ(pelmoQueue_GetName(id, &now), kStatusSuccess);
         EXPECT_STREQ(now, renamed ? "another" : "given away");

@@ -90,6 +90,13 @@ inline uint32_t makeQueue(bool synchronous = false) {
     return queue;
 }
 
+// The record, for as long as the queue isn't destroyed.
+inline Queue* recordOf(uint32_t queue) {
+    Held<Queue> held;
+    EXPECT_EQ(held.get(queue, IdAccess::kUnlocked), kStatusSuccess);
+    return held.pointer();
+}
+
 // The entries that wait on a queue, in order of dispatch. They stay the queue's.
 inline std::vector<const pelmoMsg*> entriesOf(uint32_t queueId) {
     std::vector<const pelmoMsg*> entries;
