@@ -3,6 +3,8 @@
 #include <bit>
 #include <cstring>
 
+#include "lib/base/bytes.h"
+
 namespace {
 
 // End-around carries may be added at any time and in any width: the ones' complement sum stays the
@@ -10,10 +12,27 @@ namespace {
 // chains that don't wait for each other.
 __extension__ using Wide = unsigned __int128;
 
+template <typename Word = uint64_t>
 uint64_t loadWord(const uint8_t* at) {
-    uint64_t word;
+    Word word;
     std::memcpy(&word, at, sizeof word);
     return word;
+}
+
+// Up to 7 bytes, by loads of fixed sizes: copied into one word, they would be read back before they
+// are all there, and the load would wait for the stores.
+uint64_t loadRest(const uint8_t* at, size_t byteCount) {
+    uint64_t rest = 0;
+    if ((byteCount & 4) != 0) {
+        rest += loadWord<uint32_t>(at);
+        at += 4;
+    }
+    if ((byteCount & 2) != 0) {
+        rest += loadWord<uint16_t>(at);
+        at += 2;
+    }
+    if ((byteCount & 1) != 0) rest += hostOrder16(static_cast<uint16_t>(*at << 8));
+    return rest;
 }
 
 uint32_t fold32(uint64_t sum) {
@@ -32,9 +51,7 @@ uint32_t sumOf(const uint8_t* data, size_t byteCount) {
     for (; byteCount >= 8; data += 8, byteCount -= 8) {
         even += loadWord(data);
     }
-    uint64_t rest = 0;
-    std::memcpy(&rest, data, byteCount);
-    even += rest;
+    even += loadRest(data, byteCount);
 
     const Wide sum = even + odd;
     return fold32(uint64_t{fold32(static_cast<uint64_t>(sum))} + static_cast<uint64_t>(sum >> 64));

@@ -46,17 +46,11 @@ Extent settleExtent(const uint8_t* ip, size_t length, uint32_t srcIp) {
     return {datagramEnd, true, false};
 }
 
-// Pseudo-header, UDP header with an empty checksum field, payload.
+// Pseudo-header, UDP header with an empty checksum field, payload. The addresses of the first stand
+// right ahead of the second; its other two words are the protocol and once more the length.
 uint16_t computeChecksum(const uint8_t* ip, size_t udpLength) {
-    uint8_t pseudoHeader[12];
-    std::memcpy(pseudoHeader, ip + kIpSrcOffset, 8);
-    pseudoHeader[8] = 0;
-    pseudoHeader[9] = kProtocolUdp;
-    std::memcpy(pseudoHeader + 10, ip + kUdpLengthOffset, 2);
-
-    uint32_t sum = 0;
-    (void)udpChecksum(pseudoHeader, sizeof pseudoHeader, &sum);
-    (void)udpChecksum(ip + kUdpOffset, kUdpChecksumOffset - kUdpOffset, &sum);
+    uint32_t sum = uint32_t{hostOrder16(kProtocolUdp)} + loadNet16At(ip + kUdpLengthOffset);
+    (void)udpChecksum(ip + kIpSrcOffset, kUdpChecksumOffset - kIpSrcOffset, &sum);
     return udpChecksum(ip + kOskaOffset, udpLength - kUdpHeaderBytes, &sum);
 }
 
@@ -79,12 +73,11 @@ bool checksumFails(const uint8_t* ip, size_t length, const Extent& extent, uint3
 OskaPacket openPacket(const uint8_t* ip, size_t length) {
     const uint32_t srcIp = loadNet32At(ip + kIpSrcOffset);
     const Extent extent = settleExtent(ip, length, srcIp);
-    const bool checksumBad = checksumFails(ip, length, extent, srcIp);
 
     const uint8_t* oska = ip + kOskaOffset;
     const bool hasScid = (loadBe32At(oska + kOskaEpochOffset) & kOskaEpochHasScid) != 0;
     const size_t packetBytes = extent.endOffset > kOskaOffset ? extent.endOffset - kOskaOffset : 0;
-    return {
+    OskaPacket packet = {
         .srcIp = srcIp,
         .srcPort = hasScid ? loadNet16At(ip + kUdpOffset) : uint16_t{0},
         .dstIp = loadNet32At(ip + kIpDstOffset),
@@ -92,8 +85,12 @@ OskaPacket openPacket(const uint8_t* ip, size_t length) {
         .type = static_cast<int16_t>(loadBe16At(oska + kOskaTypeOffset)),
         .header = {{oska, packetBytes}},
         .complete = extent.complete,
-        .bad = extent.bad || checksumBad,
+        .bad = extent.bad,
     };
+    const LookAhead ahead = multicastPrefetch(packet);
+    if (checksumFails(ip, length, extent, srcIp)) packet.bad = true;
+    prefetchRecords(ahead);
+    return packet;
 }
 
 void dispatch(const OskaPacket& packet) {

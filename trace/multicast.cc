@@ -28,9 +28,6 @@ SenderPath findSender(const OskaPacket& packet) {
     if (port == nullptr) return {};
     NetEntry* net = netEntry(*port, packet.dstIp);
     if (net == nullptr) return {};
-    if (packet.type == kOskaData && cursorHolds(packet.header, kOskaDataHeaderBytes, 1)) {
-        scanPrefetch(*net, packet.header.left.subspan(kOskaDataHeaderBytes));
-    }
     HostEntry* host = hostEntry(*net, packet.srcIp, packet.srcPort);
     if (host == nullptr) return {};
 
@@ -81,6 +78,13 @@ void followNull(HostEntry& host, uint32_t epoch, uint32_t seq) {
 }
 
 }  // namespace
+
+LookAhead multicastPrefetch(const OskaPacket& packet) {
+    if (packet.type != kOskaData || !cursorHolds(packet.header, 0, kOskaDataHeaderBytes)) return {};
+    const auto payload = packet.header.left.subspan(kOskaDataHeaderBytes);
+    return prefetchSlots(packet.dstPort, packet.dstIp, hostKey(packet.srcIp, packet.srcPort),
+                         scanGuessSubject(payload));
+}
 
 void dataHandle(const OskaPacket& packet) {
     const SenderPath sender = findSender(packet);

@@ -154,11 +154,11 @@ int scanMessages(const ScanSource& source, std::span<const uint8_t> payload) {
     return 0;
 }
 
-void scanPrefetch(const NetEntry& net, std::span<const uint8_t> payload) {
+const uint8_t* scanGuessSubject(std::span<const uint8_t> payload) {
     constexpr size_t kSubjectOffset = kMessageHeadBytes + 1 + sizeof kSubjectName + 2;
     const Cursor cursor{payload};
     const size_t subjectBytes = loadBe16(cursor, kSubjectOffset);
-    if (subjectBytes == 0 || subjectBytes > kSubjectMaxBytes) return;
-    if (!cursorHolds(cursor, kSubjectOffset, subjectBytes)) return;
-    subjectMapPrefetch(net.subjects, payload.data() + kSubjectOffset);
+    if (subjectBytes == 0 || subjectBytes > kSubjectMaxBytes) return nullptr;
+    if (!cursorHolds(cursor, kSubjectOffset, subjectBytes)) return nullptr;
+    return payload.data() + kSubjectOffset;
 }

@@ -30,7 +30,7 @@ struct ScanSource {
 // 0, or 1 when a fault was found. Running out of memory ends the scan and is no fault.
 [[nodiscard]] int scanMessages(const ScanSource& source, std::span<const uint8_t> payload);
 
-// Ahead of the scan, while its sender is being looked up: asks the cache for where the first
-// message's subject is found, if that is the first field, as senders write it. A guess: it reads
-// nothing outside the payload, and nothing depends on it.
-void scanPrefetch(const NetEntry& net, std::span<const uint8_t> payload);
+// The subject of the payload's first message, if it is the first field, as senders write it: for
+// those who want to know early and don't depend on it. As many bytes as its length says are inside
+// the payload, nothing else of it is tested. Else null.
+[[nodiscard]] const uint8_t* scanGuessSubject(std::span<const uint8_t> payload);

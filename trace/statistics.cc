@@ -21,6 +21,8 @@ constexpr uint32_t kNetBuckets = 4;
 constexpr uint32_t kTwoSidedBuckets = 4;
 constexpr uint32_t kHostBuckets = 256;
 
+constexpr size_t kUsualSubjectBytes = 40;  // most are no longer
+
 // Records are zeroed C storage, so that running out of it is an answer and not an exception.
 struct RecordFree {
     void operator()(void* record) const { std::free(record); }
@@ -136,15 +138,19 @@ NetEntry* createNet(PortEntry& port, uint32_t dstIp) {
     return nullptr;
 }
 
+uint32_t hashOfHost(const void* host) {
+    return probeHashKey(static_cast<const HostEntry*>(host)->key);
+}
+
 // Room in the index is made first: then only the dictionary can refuse the record.
 HostEntry* createHost(NetEntry& net, uint64_t key) {
     Owned<HostEntry> made = makeRecord<HostEntry>("host");
     if (made == nullptr) return nullptr;
     made->key = key;
-    const bool room = probeReserve(net.hostIndex, net.hostIndex.count + 1);
+    const bool room = probeReserve(net.hostIndex, net.hostIndex.count + 1, hashOfHost);
     const pelmoStatus status = room ? dict64Insert(net.hosts, key, made.get()) : kStatusNoMemory;
     if (!stored(status, "host")) return nullptr;
-    (void)probeInsert(net.hostIndex, probeHashKey(key), made.get());
+    (void)probeInsert(net.hostIndex, made.get(), hashOfHost);
     return made.release();
 }
 
@@ -259,6 +265,30 @@ HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t src
 void subjectRemove(NetEntry& net, SubjectEntry& subject) {
     subjectMapRemove(net.subjects, &subject.place);
     freeSubject(&subject);
+}
+
+LookAhead prefetchSlots(uint16_t dstPort,
+                        uint32_t dstIp,
+                        uint64_t senderKey,
+                        const uint8_t* subject) {
+    const auto* port = findIn<PortEntry>(statistics.ports, dstPort);
+    if (port == nullptr) return {};
+    const auto* net = findIn<NetEntry>(port->nets, dstIp);
+    if (net == nullptr) return {};
+    LookAhead ahead{net, probeHashKey(senderKey), {}};
+    probePrefetchSlot(net->hostIndex, ahead.hostHash);
+    if (subject != nullptr) {
+        ahead.subjectHash = subjectHash(subject);
+        subjectMapPrefetchSlot(net->subjects, *ahead.subjectHash);
+    }
+    return ahead;
+}
+
+void prefetchRecords(const LookAhead& ahead) {
+    if (ahead.net == nullptr) return;
+    probePrefetchEntry(ahead.net->hostIndex, ahead.hostHash, offsetof(HostEntry, bad));
+    if (!ahead.subjectHash) return;
+    subjectMapPrefetchRecord(ahead.net->subjects, *ahead.subjectHash, kUsualSubjectBytes);
 }
 
 ServiceEntry* serviceEntry(uint32_t host, uint16_t scid) {

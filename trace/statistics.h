@@ -30,6 +30,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 #include "lib/base/lock.h"
 #include "lib/base/status.h"
@@ -58,22 +59,23 @@ struct NetEntry {
     uint32_t statusCount;     // messages
 };
 
-// One sender of multicast packets under a net.
+// One sender of multicast packets under a net. What new data reads or moves comes first.
 struct HostEntry {
     uint32_t live;
 
     // What is known of the sender; outlives snapshots.
-    uint64_t key;        // hostKey
-    uint32_t epoch;      // last epoch word, host order
-    uint32_t lastSeq;    // highest sequence number of this epoch
-    double reliability;  // of the last null packet that told it
+    uint32_t epoch;    // last epoch word, host order
+    uint32_t lastSeq;  // highest sequence number of this epoch
+    uint64_t key;      // hostKey
 
     // Counters of the interval.
-    uint64_t bad;
-    uint64_t gaps;  // sequence numbers missed
     uint64_t data, bytes;
+    uint64_t gaps;  // sequence numbers missed
+    uint64_t bad;
     uint64_t nulls;
     uint64_t rdata, rbytes;  // repeated data: at or below lastSeq
+
+    double reliability;  // of the last null packet that told it; outlives snapshots
 };
 
 // One host's part in retransmission control under a port: what it sent and what was sent to it.
@@ -166,6 +168,23 @@ void statsDestroy();
                                          uint32_t srcIp,
                                          uint16_t srcPort);
 [[nodiscard]] HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t srcPort);
+
+// On a large bus a packet's records are four trips to memory: for its sender and for its subject
+// the slot of an index and the record. These ask the cache for them ahead of their use, so that the
+// trips go on beside each other and beside other work: first for both slots, then for what they
+// lead to. They create and mark nothing, and nothing depends on them.
+struct LookAhead {
+    const NetEntry* net;  // null where no packet has come to it yet: nothing to ask for
+    uint32_t hostHash;
+    std::optional<uint32_t> subjectHash;
+};
+
+// `subject` may be null, or bytes that aren't well formed; as many as its length says are read.
+[[nodiscard]] LookAhead prefetchSlots(uint16_t dstPort,
+                                      uint32_t dstIp,
+                                      uint64_t senderKey,
+                                      const uint8_t* subject);
+void prefetchRecords(const LookAhead& ahead);
 
 // Calls visit(key, record) for each record of a dictionary, in the dictionary's order.
 template <typename Record, typename Visit>

@@ -152,11 +152,16 @@ void dropIndex(Dict<Key>* dict) {
 }
 
 template <typename Key>
+uint32_t hashOf(const void* entry) {
+    return probeHashKey(static_cast<const DictEntry<Key>*>(entry)->key);
+}
+
+template <typename Key>
 void buildIndex(Dict<Key>* dict) {
-    if (!probeReserve(dict->index, dict->count)) return dropIndex(dict);
+    if (!probeReserve(dict->index, dict->count, hashOf<Key>)) return dropIndex(dict);
     for (uint32_t i = 0; i <= dict->headMask; ++i) {
         for (DictEntry<Key>* entry = dict->heads[i]; entry != nullptr; entry = entry->next) {
-            if (!probeInsert(dict->index, probeHashKey(entry->key), entry)) return dropIndex(dict);
+            if (!probeInsert(dict->index, entry, hashOf<Key>)) return dropIndex(dict);
         }
     }
 }
@@ -175,7 +180,7 @@ bool passesLongChain(const Dict<Key>* dict, Key key) {
 template <typename Key>
 void indexNew(Dict<Key>* dict, DictEntry<Key>* entry) {
     if (dict->index.slots != nullptr) {
-        if (!probeInsert(dict->index, probeHashKey(entry->key), entry)) dropIndex(dict);
+        if (!probeInsert(dict->index, entry, hashOf<Key>)) dropIndex(dict);
     } else if (dict->count >= dict->indexRetryCount && passesLongChain(dict, entry->key)) {
         buildIndex(dict);
     }
@@ -199,7 +204,7 @@ pelmoStatus insertNew(Dict<Key>* dict, Key key, void* value) {
 // Behind an entry's leaving its chain.
 template <typename Key>
 void release(Dict<Key>* dict, DictEntry<Key>* entry) {
-    if (dict->index.slots != nullptr) probeRemove(dict->index, probeHashKey(entry->key), entry);
+    if (dict->index.slots != nullptr) probeRemove(dict->index, entry, hashOf<Key>);
     --dict->count;
     std::free(entry);
 }

@@ -3,7 +3,9 @@
 #include <sys/random.h>
 #include <time.h>
 
+#include <algorithm>
 #include <bit>
+#include <cassert>
 #include <cstdlib>
 #include <utility>
 
@@ -27,61 +29,79 @@ ProbeSeed drawSeed() {
     return seed;
 }
 
-void place(ProbeIndex& index, uint32_t hash, void* entry) {
+uint64_t slotOf(const void* entry, uint32_t hash) {
+    const auto address = reinterpret_cast<uintptr_t>(entry);
+    assert(address >> kProbeAddressBits == 0);
+    return uint64_t{hash >> 16} << kProbeAddressBits | address;
+}
+
+void place(ProbeIndex& index, const void* entry, uint32_t hash) {
     uint32_t at = hash & index.mask;
-    while (index.slots[at].entry != nullptr) {
+    while (index.slots[at] != 0) {
         at = (at + 1) & index.mask;
     }
-    index.slots[at] = {entry, hash};
+    index.slots[at] = slotOf(entry, hash);
 }
 
 uint32_t slotCount(const ProbeIndex& index) {
     return index.slots == nullptr ? 0 : index.mask + 1;
 }
 
+bool hasRoom(uint64_t slots, uint64_t count) {
+    return count * 5 <= slots * 4;
+}
+
+// Entries lie all over memory, so those that are soon to come are asked for.
+void placeAllOf(const ProbeIndex& old, ProbeIndex& index, ProbeHashOf hashOf) {
+    constexpr uint32_t kAhead = 16;
+    for (uint32_t at = 0; at < slotCount(old); ++at) {
+        if (at + kAhead <= old.mask) prefetchLine(probeEntry(old.slots[at + kAhead]));
+        const void* entry = probeEntry(old.slots[at]);
+        if (entry != nullptr) place(index, entry, hashOf(entry));
+    }
+}
+
 }  // namespace
 
 ProbeSeed probeSeed = drawSeed();
 
-bool probeReserve(ProbeIndex& index, uint32_t count) {
-    if (count <= slotCount(index) / 2) return true;
+bool probeReserve(ProbeIndex& index, uint32_t count, ProbeHashOf hashOf) {
+    if (hasRoom(slotCount(index), count)) return true;
     if (count > kMostEntries) return false;
-    const uint32_t slots = count <= kLeastSlots / 2 ? kLeastSlots : std::bit_ceil(count * 2);
-    auto* fresh = static_cast<ProbeSlot*>(std::calloc(slots, sizeof(ProbeSlot)));
+    uint32_t slots = std::bit_ceil(std::max(count, kLeastSlots));
+    if (!hasRoom(slots, count)) slots *= 2;
+    auto* fresh = static_cast<uint64_t*>(std::calloc(slots, sizeof(uint64_t)));
     if (fresh == nullptr) return false;
 
     const ProbeIndex old = std::exchange(index, {fresh, slots - 1, index.count});
-    for (uint32_t at = 0; at < slotCount(old); ++at) {
-        if (old.slots[at].entry != nullptr) place(index, old.slots[at].hash, old.slots[at].entry);
-    }
+    placeAllOf(old, index, hashOf);
     std::free(old.slots);
     return true;
 }
 
-bool probeInsert(ProbeIndex& index, uint32_t hash, void* entry) {
-    if (!probeReserve(index, index.count + 1)) return false;
-    place(index, hash, entry);
+bool probeInsert(ProbeIndex& index, void* entry, ProbeHashOf hashOf) {
+    if (!probeReserve(index, index.count + 1, hashOf)) return false;
+    place(index, entry, hashOf(entry));
     ++index.count;
     return true;
 }
 
-void probeRemove(ProbeIndex& index, uint32_t hash, const void* entry) {
-    uint32_t hole = hash & index.mask;
-    while (index.slots[hole].entry != entry) {
+void probeRemove(ProbeIndex& index, const void* entry, ProbeHashOf hashOf) {
+    uint32_t hole = hashOf(entry) & index.mask;
+    while (probeEntry(index.slots[hole]) != entry) {
         hole = (hole + 1) & index.mask;
     }
 
     // Whoever stands behind the hole moves into it, unless that would be ahead of its own place: so
     // no search ever meets a gap between an entry's place and the entry.
-    for (uint32_t at = (hole + 1) & index.mask; index.slots[at].entry != nullptr;
-         at = (at + 1) & index.mask) {
-        const uint32_t fromHome = (at - index.slots[at].hash) & index.mask;
+    for (uint32_t at = (hole + 1) & index.mask; index.slots[at] != 0; at = (at + 1) & index.mask) {
+        const uint32_t fromHome = (at - hashOf(probeEntry(index.slots[at]))) & index.mask;
         const uint32_t fromHole = (at - hole) & index.mask;
         if (fromHome < fromHole) continue;
         index.slots[hole] = index.slots[at];
         hole = at;
     }
-    index.slots[hole].entry = nullptr;
+    index.slots[hole] = 0;
     --index.count;
 }
 

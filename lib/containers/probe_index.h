@@ -1,6 +1,12 @@
 // A side index of entries that live elsewhere: open addressing in one array, for tables whose
 // senders choose the keys. It knows hashes and addresses only; the user compares keys.
 //
+// A large index is searched at random places and each of them waits for memory, so slots are small
+// and well filled: a slot is the entry's address with the upper half of its hash above it.
+//
+//     63         48                        0
+//     | hash >> 16 | address of the entry |        0: free
+//
 // The hashes are seeded by the process, so that nobody outside can choose keys that meet in one
 // place and make every look-up a long walk.
 //
@@ -17,6 +23,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "lib/base/prefetch.h"
+
 // Drawn from the system before main runs. A test may set it, while no index holds anything.
 struct ProbeSeed {
     uint64_t first, second;
@@ -24,16 +32,17 @@ struct ProbeSeed {
 
 extern ProbeSeed probeSeed;
 
-struct ProbeSlot {
-    void* entry;  // null: free
-    uint32_t hash;
+struct ProbeIndex {
+    uint64_t* slots;  // null until the first insertion
+    uint32_t mask;    // slots - 1; their number is a power of two
+    uint32_t count;   // entries, at most four fifths of the slots
 };
 
-struct ProbeIndex {
-    ProbeSlot* slots;  // null until the first insertion
-    uint32_t mask;     // slots - 1; their number is a power of two
-    uint32_t count;    // entries, at most half the slots
-};
+// The hash that an entry of the user's table was put in under. Slots have only half of it.
+using ProbeHashOf = uint32_t (*)(const void* entry);
+
+// Where addresses of user space end, on x86-64 and arm64 alike, unless a program asks for more.
+constexpr int kProbeAddressBits = 48;
 
 // The one mixer: both halves of a 128-bit product, folded.
 [[nodiscard]] inline uint64_t probeMix(uint64_t a, uint64_t b) {
@@ -83,30 +92,44 @@ struct ProbeIndex {
     return static_cast<uint32_t>(state ^ state >> 32);
 }
 
-// The entry of this hash for which matches(entry) holds, or null.
+[[nodiscard]] inline void* probeEntry(uint64_t slot) {
+    return reinterpret_cast<void*>(slot & ((uint64_t{1} << kProbeAddressBits) - 1));
+}
+
+// The entry of this hash for which matches(entry) holds, or null. Asks for few entries of other
+// hashes besides.
 template <typename Matches>
 [[nodiscard]] inline void* probeFind(const ProbeIndex& index, uint32_t hash, Matches matches) {
     if (index.slots == nullptr) return nullptr;
     for (uint32_t at = hash & index.mask;; at = (at + 1) & index.mask) {
-        const ProbeSlot& slot = index.slots[at];
-        if (slot.entry == nullptr) return nullptr;
-        if (slot.hash == hash && matches(slot.entry)) return slot.entry;
+        const uint64_t slot = index.slots[at];
+        if (slot == 0) return nullptr;
+        if (slot >> kProbeAddressBits != hash >> 16) continue;
+        void* entry = probeEntry(slot);
+        if (matches(entry)) return entry;
     }
 }
 
-// Asks the cache for where a search would begin.
-inline void probePrefetch(const ProbeIndex& index, uint32_t hash) {
-    if (index.slots != nullptr) __builtin_prefetch(&index.slots[hash & index.mask]);
+// Ahead of a search, in two steps with other work between: asks the cache for where it begins, and
+// for `sizeBytes` of the entry that it compares first.
+inline void probePrefetchSlot(const ProbeIndex& index, uint32_t hash) {
+    if (index.slots != nullptr) prefetchLine(&index.slots[hash & index.mask]);
+}
+
+inline void probePrefetchEntry(const ProbeIndex& index, uint32_t hash, size_t sizeBytes) {
+    const auto* entry =
+        static_cast<const uint8_t*>(probeFind(index, hash, [](void*) { return true; }));
+    if (entry != nullptr) prefetchBytes(entry, sizeBytes);
 }
 
 // Makes room for `count` entries in all.
-[[nodiscard]] bool probeReserve(ProbeIndex& index, uint32_t count);
+[[nodiscard]] bool probeReserve(ProbeIndex& index, uint32_t count, ProbeHashOf hashOf);
 
 // The entry isn't there yet.
-[[nodiscard]] bool probeInsert(ProbeIndex& index, uint32_t hash, void* entry);
+[[nodiscard]] bool probeInsert(ProbeIndex& index, void* entry, ProbeHashOf hashOf);
 
-// The entry is there, under this hash.
-void probeRemove(ProbeIndex& index, uint32_t hash, const void* entry);
+// The entry is there.
+void probeRemove(ProbeIndex& index, const void* entry, ProbeHashOf hashOf);
 
 // Frees the slots and leaves an empty index.
 void probeClear(ProbeIndex& index);

@@ -18,6 +18,10 @@ bool makeRoom(SubjectMap* map) {
     return true;
 }
 
+uint32_t hashOf(const void* record) {
+    return static_cast<const SubjectMapEntry*>(record)->hash;
+}
+
 }  // namespace
 
 SubjectMap* subjectMapCreate(uint32_t subjectOffset) {
@@ -34,16 +38,16 @@ void subjectMapDestroy(SubjectMap* map) {
 }
 
 pelmoStatus subjectMapInsert(SubjectMap* map, SubjectMapEntry* record) {
-    const uint32_t hash = subjectHash(subjectMapSubject(map, record));
-    if (!makeRoom(map) || !probeInsert(map->index, hash, record)) return kStatusNoMemory;
-    const uint32_t position = subjectMapCount(map) - 1;
-    *record = {.hash = hash, .position = position};
+    const uint32_t position = subjectMapCount(map);
+    if (!makeRoom(map) || !probeReserve(map->index, position + 1, hashOf)) return kStatusNoMemory;
+    *record = {.hash = subjectHash(subjectMapSubject(map, record)), .position = position};
+    (void)probeInsert(map->index, record, hashOf);
     map->records[position] = record;
     return kStatusSuccess;
 }
 
 void subjectMapRemove(SubjectMap* map, SubjectMapEntry* record) {
-    probeRemove(map->index, record->hash, record);
+    probeRemove(map->index, record, hashOf);
     SubjectMapEntry* last = map->records[subjectMapCount(map)];
     last->position = record->position;
     map->records[record->position] = last;

@@ -79,7 +79,12 @@ void subjectMapRemove(SubjectMap* map, SubjectMapEntry* record);
     return static_cast<SubjectMapEntry*>(probeFind(map->index, subjectHash(subject), matches));
 }
 
-// Ahead of a look-up that can wait a little: asks the cache for where it will begin.
-inline void subjectMapPrefetch(const SubjectMap* map, const uint8_t* subject) {
-    probePrefetch(map->index, subjectHash(subject));
+// Ahead of a look-up, as in probe_index.h: the slot, and then the record with so many bytes of its
+// subject. `hash` is the subject's subjectHash.
+inline void subjectMapPrefetchSlot(const SubjectMap* map, uint32_t hash) {
+    probePrefetchSlot(map->index, hash);
+}
+
+inline void subjectMapPrefetchRecord(const SubjectMap* map, uint32_t hash, size_t subjectBytes) {
+    probePrefetchEntry(map->index, hash, map->subjectOffset + subjectBytes);
 }

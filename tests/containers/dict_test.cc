@@ -263,25 +263,24 @@ TEST(Dictionary64, GoesWithoutItsIndexWhereMemoryFails) {
         EXPECT_EQ(dict64Insert(dict.get(), key << 32, number(key)), kStatusSuccess);
         ++key;
     };
-    while (key < 8) {
+    while (dict->index.slots == nullptr) {
         insertNext(kNeverFails);
     }
-    insertNext(1);
-    EXPECT_EQ(dict->index.slots, nullptr);
-
-    // From here memory would do, but the table doesn't try at every insertion.
-    while (key < 17) {
-        insertNext(kNeverFails);
-        EXPECT_EQ(dict->index.slots, nullptr);
-    }
-    insertNext(kNeverFails);
-    EXPECT_NE(dict->index.slots, nullptr);
 
     // An index that can't grow is given up, the entries stay.
     while (dict->index.slots != nullptr) {
         insertNext(1);
     }
     EXPECT_EQ(dict->index.count, 0u);
+
+    // From here memory would do, but the table doesn't try at every insertion.
+    const uint64_t givenUp = key;
+    while (key < 2 * givenUp - 1) {
+        insertNext(kNeverFails);
+        EXPECT_EQ(dict->index.slots, nullptr);
+    }
+    insertNext(kNeverFails);
+    EXPECT_NE(dict->index.slots, nullptr);
     for (uint64_t i = 0; i < key; ++i) {
         EXPECT_EQ(dict64Find(dict.get(), i << 32, nullptr), kStatusSuccess);
     }

@@ -14,6 +14,10 @@ struct Item {
     bool held;
 };
 
+uint32_t hashOf(const void* item) {
+    return static_cast<const Item*>(item)->hash;
+}
+
 bool finds(const ProbeIndex& index, Item& item) {
     return probeFind(index, item.hash, [&](void* entry) { return entry == &item; }) == &item;
 }
@@ -30,9 +34,9 @@ TEST(ProbeIndex, FindsAllThroughRunsThatWrap) {
     for (int step = 0; step < 20000; ++step) {
         Item& item = items[random() % items.size()];
         if (item.held) {
-            probeRemove(index, item.hash, &item);
+            probeRemove(index, &item, hashOf);
         } else {
-            ASSERT_TRUE(probeInsert(index, item.hash, &item));
+            ASSERT_TRUE(probeInsert(index, &item, hashOf));
         }
         item.held = !item.held;
         if (step % 16 != 0) continue;
@@ -40,7 +44,7 @@ TEST(ProbeIndex, FindsAllThroughRunsThatWrap) {
             ASSERT_EQ(finds(index, each), each.held);
         }
     }
-    EXPECT_GE(index.mask + 1, 2 * index.count);
+    EXPECT_GT(index.mask + 1, index.count);
     probeClear(index);
 }
 
