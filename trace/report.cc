@@ -7,6 +7,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/base/log.h"
+#include "lib/base/prefetch.h"
 #include "lib/containers/subject.h"
 #include "trace/host_report.h"
 #include "trace/report_format.h"
@@ -327,8 +328,8 @@ void printSubjects(uint16_t port, const SnapNet& net) {
     for (size_t i = 0; i < subjects.size(); ++i) {
         if (i + kRowsAhead < subjects.size()) {
             const SnapSubject& ahead = subjects[i + kRowsAhead];
-            __builtin_prefetch(ahead.subject);
-            if (traceSettings.displayAddrInfo) __builtin_prefetch(ahead.hosts);
+            prefetchLine(ahead.subject);
+            if (traceSettings.displayAddrInfo) prefetchLine(ahead.hosts);
         }
         printSubject(port, net.net, subjects[i]);
     }

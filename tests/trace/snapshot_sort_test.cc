@@ -147,6 +147,18 @@ TEST(SnapshotSort, OrdersAnySubjectsWithMemoryAndWithout) {
     }
 }
 
+// So many that keys are dealt out ahead of their sorting, all into one heap or into many.
+TEST(SnapshotSort, OrdersManySubjects) {
+    Random random;
+    for (const Elements& prefix : {Elements{}, Elements{"FEED"}}) {
+        std::vector<Elements> subjects(5000);
+        for (Elements& subject : subjects) {
+            subject = random.subject(6, prefix);
+        }
+        expectSorted(subjects);
+    }
+}
+
 TEST(SnapshotSort, GoesWithoutMemory) {
     Random random;
     BuiltSnapshot built{.from = {}, .to = {}, .ports = {{.port = 1, .nets = {{.net = 1}}}}};
