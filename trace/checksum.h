@@ -6,6 +6,7 @@
 #include <cstdint>
 
 // Sums 16-bit words in memory order, so that the result compares with a checksum field as stored.
-// Calls chain through `accumulator`, which starts at 0 or at a sum of words that come from elsewhere;
-// only the last of a chain may have an odd length. The result is never 0, as UDP wants it: 0 in the field says that there is none.
+// Calls chain through `accumulator`, which starts at 0 or at a sum of words that come from
+// elsewhere; only the last of a chain may have an odd length. The result is never 0, as UDP wants
+// it: 0 in the field says that there is none.
 [[nodiscard]] uint16_t udpChecksum(const uint8_t* data, size_t byteCount, uint32_t* accumulator);
