@@ -29,7 +29,8 @@ Cases, all by default:
   cpu      10,000, 100,000 and 200,000 packets a second of 300 bytes, 200 hosts, 1,000 subjects
   load     150,000 a second: what the kernel drops, what is counted
   ceiling  the highest rate without loss, in steps of 50,000
-  buffer   the bare loop at the rate above that, with libpcap's buffer and with larger ones
+  buffer   150,000 a second and a listener that stands still for 100 ms: the tool, and the bare loop
+           with libpcap's own buffer and with larger ones
 END
 }
 
@@ -97,9 +98,18 @@ listen() {
     until_true grep -q "$sign" "$scratch/out" "$scratch/err"
 }
 
+# Seconds that the listener stands still in a run.
+pause=0
+stand_still() {
+    sleep 1
+    kill -STOP "$listener"
+    sleep "$pause"
+    kill -CONT "$listener"
+}
+
 # run LEG RATE [ARGUMENT ...]: one run; sets sent, took, ns, dropped, counted.
 run() {
-    local leg=$1 rate=$2 before after count
+    local leg=$1 rate=$2 before after count pauser=
     shift 2
     count=$((rate * seconds))
     case $leg in
@@ -107,8 +117,13 @@ run() {
     *) listen '^listening' "$build/bin/pcap_floor" --live listener "$@" ;;
     esac
     before=$(cpu_time)
+    if [ "$pause" != 0 ]; then
+        stand_still &
+        pauser=$!
+    fi
     "$build/bin/pelmogen" --interface sender --rate "$rate" --count "$count" --payload 300 \
         --hosts 200 --subjects 1000 >"$scratch/sent"
+    [ -z "$pauser" ] || wait "$pauser"
     # libpcap hands on what it has after a second, and the next report shows it.
     sleep 2.2
     after=$(cpu_time)
@@ -163,7 +178,6 @@ load() {
     tell loop 150000
 }
 
-lossless=0
 ceiling() {
     local leg rate
     heading "The highest rate without loss"
@@ -174,20 +188,23 @@ ceiling() {
             [ "$dropped" = 0 ] && [ "$counted" = "$sent" ] || break
             # The sender can't go faster.
             [ "$(calc %d "$sent / $took < 0.97 * $rate")" = 0 ] || break
-            lossless=$rate
         done
     done
 }
 
 buffer() {
-    local rate=$((lossless > 0 ? lossless + 50000 : 400000)) kilobytes
-    heading "The bare loop with larger buffers"
-    run loop "$rate"
-    tell "2 MB, default" "$rate"
+    local kilobytes
+    heading "150,000 a second, a listener that stands still for 100 ms"
+    pause=0.1
+    run tool 150000
+    tell tool 150000
+    run loop 150000
+    tell loop 150000
     for kilobytes in 8192 32768; do
-        run loop "$rate" --buffer "$kilobytes"
-        tell "$((kilobytes / 1024)) MB" "$rate"
+        run loop 150000 --buffer "$kilobytes"
+        tell "loop, $((kilobytes / 1024)) MB" 150000
     done
+    pause=0
 }
 
 for name in "${cases[@]}"; do
