@@ -26,6 +26,7 @@ need zlib1g-dev have_header zlib.h
 need libgtest-dev have_header gtest/gtest.h
 need libbenchmark-dev have_header benchmark/benchmark.h
 need libmsgpack-dev have_header msgpack.h
+need libuv1-dev have_header uv.h
 need clang-14 have_command clang++-14
 need clang-format-14 have_command clang-format-14
 need libclang-rt-14-dev have_fuzzer
