@@ -48,7 +48,8 @@ pelmoStatus addScalar(pelmoMsg* msg,
     if (type == nullptr) {
         return writeScalar(pelmoMsg_AddField, msg, name, value, member, {kType, size}, id);
     }
-    *type = scalarWireType(kType);
+    constexpr uint8_t kWireType = scalarWireType(kType);
+    *type = kWireType;
     storeScalar<kType>(type + 1, value);
     return kStatusSuccess;
 }

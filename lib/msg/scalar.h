@@ -29,7 +29,7 @@
     ROW(IPAddr32, FIELD_IPADDR32, uint32_t, 4, ipAddr32)
 
 // What a writer puts down for the type.
-consteval uint8_t scalarWireType(uint8_t type) {
+[[nodiscard]] constexpr uint8_t scalarWireType(uint8_t type) {
     if (type == FIELD_F32 || type == FIELD_F64) return WIRE_FLOAT;
     if (type == FIELD_IPPORT16 || type == FIELD_IPADDR32) return WIRE_NETINT;
     if (type < FIELD_I8 || type > FIELD_U64) return type;
@@ -38,7 +38,7 @@ consteval uint8_t scalarWireType(uint8_t type) {
 
 // The number that the value's bytes spell on the wire.
 template <uint8_t kType, typename Value>
-constexpr auto scalarWord(Value value) {
+[[nodiscard]] constexpr auto scalarWord(Value value) {
     if constexpr (kType == FIELD_BOOL) {
         return static_cast<uint8_t>(value != 0);
     } else if constexpr (kType == FIELD_IPPORT16) {

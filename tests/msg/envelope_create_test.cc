@@ -42,14 +42,14 @@ TEST(EnvelopeCreate, IsCreatedAsSettersMakeIt) {
 }
 
 TEST(EnvelopeCreate, IsCreatedWithFieldsAsAddingThemDoes) {
-    const std::vector<SharedValue> values = {
-        scalarValue(FIELD_U16, &FieldData::u16, uint16_t{9}), stringValue(std::string(300, 's')),
-        stringArrayValue({"one", ""}), messageValue(kApp), noneValue()};
-    const char* const names[] = {"a", "", nullptr, "m", "x"};
-    const uint16_t ids[] = {3, 65535, 0, 1, 0};
+    const SharedValue values[] = {scalarValue(FIELD_U16, &FieldData::u16, uint16_t{9}),
+                                  stringValue(std::string(300, 's')), stringArrayValue({"one", ""}),
+                                  messageValue(kApp)};
+    const char* const names[] = {"a", "", nullptr, "m"};
+    const uint16_t ids[] = {3, 65535, 0, 1};
     std::vector<pelmoMsgField> fields;
     std::vector<Bytes> records;
-    for (size_t i = 0; i < values.size(); ++i) {
+    for (size_t i = 0; i < std::size(values); ++i) {
         fields.push_back(values[i]->field());
         fields.back().name = names[i];
         fields.back().id = ids[i];

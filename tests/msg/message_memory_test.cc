@@ -35,8 +35,8 @@ const char* const kTenNames[] = {"alpha",   "bravo", "charlie", "delta", "echo",
 void addTen(pelmoMsg* msg) {
     uint16_t id = 0;
     for (const char* name : kTenNames) {
-        ++id;
-        ASSERT_EQ(pelmoMsg_AddI32(msg, name, id, id), kStatusSuccess);
+        ++id;  // every other one goes with its field
+        ASSERT_EQ(pelmoMsg_AddI32(msg, name, id, id % 2 == 0 ? id : 0), kStatusSuccess);
     }
 }
 
