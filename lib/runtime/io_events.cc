@@ -46,38 +46,53 @@ void giveItTime() {
     (void)poll(nullptr, 0, kPauseMilliseconds);
 }
 
-// Dead sources leave the set and fire once more, so that their owners hear of it.
-void dropDeadLocked(IoThread* own) PELMO_REQUIRES(evmLock) {
-    const uint32_t epoch = own->epoch;
-    while (evmIsAt(epoch)) {
-        Held<Event> event;
-        Event* const dead = pollSetFindDead(&own->sockets);
-        if (dead == nullptr) return;
-        event.share(dead);
-        (void)pollSetRemove(&own->sockets, dead);
-        (void)Event_Post(dead);
+// How far the posts of a pass have come.
+struct PassWalk {
+    uint32_t condition = 0;
+    uint32_t from = 0;
+};
+
+// Events with a reference each, and how many there are. They are posted with no lock held, since a
+// post runs its queue's hook, which may do anything.
+constexpr uint32_t kBatchEvents = 32;
+using Batch = Event* [kBatchEvents];
+
+// On an IO queue an event's callback has run by the next pass; elsewhere the event leaves the set,
+// and its dispatch brings it back.
+uint32_t takeReadyLocked(IoThread* own, PassWalk& walk, Batch& batch) PELMO_REQUIRES(evmLock) {
+    uint32_t count = 0;
+    while (count < kBatchEvents && walk.condition < kIoConditions) {
+        Event* const ready = pollSetNextReady(&own->sockets, walk.condition, &walk.from);
+        if (ready == nullptr) {
+            walk = {.condition = walk.condition + 1};
+            continue;
+        }
+        Id_AddRef(&ready->header);
+        if (!idIsIoQueue(ready->queueId)) (void)pollSetRemove(&own->sockets, ready);
+        batch[count++] = ready;
     }
+    return count;
 }
 
-// A post runs its queue's hook, and a hook may do anything, even end the event manager: after each
-// the epoch is looked at before the record is.
-void postReadyLocked(IoThread* own) PELMO_REQUIRES(evmLock) {
-    const uint32_t epoch = own->epoch;
-    for (uint32_t condition = 0; condition < kIoConditions; ++condition) {
-        uint32_t from = 0;
-        while (evmIsAt(epoch)) {
-            Event* const ready = pollSetNextReady(&own->sockets, condition, &from);
-            if (ready == nullptr) break;
-            Held<Event> event;
-            event.share(ready);
-            const pelmoStatus status = Event_Post(ready);
-            // On an IO queue the callback has run by the next pass. Elsewhere the event comes back
-            // after its dispatch: evmLock is held, so that this can't happen ahead of the removal.
-            if (status != kStatusSuccess || idIsIoQueue(ready->queueId)) continue;
-            if (evmIsAt(epoch)) (void)pollSetRemove(&own->sockets, ready);
-        }
-        if (!evmIsAt(epoch)) return;
+// Dead sources leave the set and fire once more, so that their owners hear of it.
+uint32_t takeDeadLocked(IoThread* own, Batch& batch) PELMO_REQUIRES(evmLock) {
+    uint32_t count = 0;
+    while (count < kBatchEvents) {
+        Event* const dead = pollSetFindDead(&own->sockets);
+        if (dead == nullptr) break;
+        Id_AddRef(&dead->header);
+        (void)pollSetRemove(&own->sockets, dead);
+        batch[count++] = dead;
     }
+    return count;
+}
+
+// An event that couldn't be posted for want of memory is still ready in the next pass. A dead one
+// doesn't get back into the set.
+void postAndRelease(Event* event) {
+    const pelmoStatus status = Event_Post(event);
+    if (status == kStatusNoMemory && !idIsIoQueue(event->queueId)) (void)Event_RegisterIO(event);
+    Id_Release(&event->header, false);
 }
 
 void tellError(int error) {
@@ -107,15 +122,27 @@ int pollOnce(IoThread* own, int timeoutMilliseconds) {
     return error;
 }
 
+// Posts what came of the poll. A hook may have ended the event manager meanwhile: the epoch is
+// looked at before the record is.
 bool finish(IoThread* own, int error) {
     const uint32_t epoch = own->epoch;
-    LockGuard guard(evmLock);
-    if (!evmIsAt(epoch)) return false;
-    if (error == 0) postReadyLocked(own);
-    if (error == EBADF) dropDeadLocked(own);
-    if (!evmIsAt(epoch)) return false;
-    pollSetFinish(&own->sockets);
-    return true;
+    PassWalk walk;
+    Batch batch;
+    for (;;) {
+        uint32_t count = 0;
+        {
+            LockGuard guard(evmLock);
+            if (!evmIsAt(epoch)) return false;
+            if (error == 0) count = takeReadyLocked(own, walk, batch);
+            if (error == EBADF) count = takeDeadLocked(own, batch);
+            if (count == 0) {
+                pollSetFinish(&own->sockets);
+                return true;
+            }
+        }
+        for (uint32_t i = 0; i < count; ++i)
+            postAndRelease(batch[i]);
+    }
 }
 
 }  // namespace

@@ -2,9 +2,8 @@
 //
 // Failure: kStatusInvalidEvent, kStatusInvalidQueue, kStatusNoMemory.
 //
-// Threads: any, with no lock of the runtime held but, on an IO thread, the event manager's, and a
-// transport's object lock. A post waits for neither; it takes queue and event locks alone. No
-// advisory is sent and no hook runs with these held.
+// Threads: any, with no lock of the runtime held but a transport's object lock. A post takes queue
+// and event locks alone. No advisory is sent and no hook runs with these held.
 
 #pragma once
 

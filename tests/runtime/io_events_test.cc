@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <memory>
+#include <thread>
 
 #include "lib/containers/dpa.h"
 #include "lib/runtime/socket_error.h"
@@ -98,6 +99,33 @@ TEST_F(IoEvents, HearOfASocketThatSomebodyClosed) {
     stand.dispatchAll(stand.queue);
     EXPECT_EQ(fired, (std::vector{deadToo, dead, alive}));
     close(lost);
+}
+
+TEST_F(IoEvents, AreStillThereAfterAPostWithoutMemory) {
+    const uint32_t event = watch(stand.queue, pair.ends[0], kIoRead);
+    pair.ready();
+    {
+        const FailAlloc fail{.forGood = true};
+        stand.ioPass();
+    }
+    EXPECT_EQ(stand.entries(stand.queue), 0u);
+    stand.ioPass();
+    stand.dispatchAll(stand.queue);
+    EXPECT_EQ(fired, std::vector{event});
+}
+
+TEST_F(IoEvents, ArePostedWithNoLockHeld) {
+    static int hooks;
+    hooks = 0;
+    const auto hook = [](uint32_t, void*) {
+        std::thread([] { LockGuard guard(evmLock); }).join();
+        ++hooks;
+    };
+    ASSERT_EQ(pelmoQueue_SetHook(stand.queue, hook, nullptr), kStatusSuccess);
+    (void)watch(stand.queue, pair.ends[0], kIoRead);
+    pair.ready();
+    stand.ioPass();
+    EXPECT_EQ(hooks, 1);
 }
 
 TEST_F(IoEvents, FillALargerSet) {
