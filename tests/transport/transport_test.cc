@@ -329,8 +329,14 @@ TEST_F(IntraProcess, SurvivesWhatQueueHooksDo) {
             self->listeners.resize(kListeners / 2);
         }
     };
+    const Message first = messageOn("A", "first");
+    ASSERT_EQ(pelmoTransport_HasInterest(kLocal, "A"), 1u);  // the list has room for its matches
+    {
+        FailAlloc fail{.after = 0};  // the copy of so large a match
+        EXPECT_EQ(pelmoTransport_Send(kLocal, first.get()), kStatusNoMemory);
+    }
     ASSERT_EQ(pelmoQueue_SetHook(queue.id, hook, &trouble), kStatusSuccess);
-    EXPECT_EQ(sendText(kLocal, "A", "first"), kStatusSuccess);
+    EXPECT_EQ(pelmoTransport_Send(kLocal, first.get()), kStatusSuccess);
     queue.drain();
     for (size_t i = 0; i < kListeners / 2; ++i) {
         Texts texts = trouble.listeners[i]->texts;
@@ -369,6 +375,30 @@ TEST_F(IntraProcess, EndsWithTheLibraryAlone) {
     listener.end();
     EXPECT_EQ(Transport_CreateIntraProcess(), kStatusSuccess);
     EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
+}
+
+TEST_F(IntraProcess, RefusesCallsOnAClosedLibrary) {
+    const Message message = messageOn("A");
+    pelmoMsg* const messages[] = {message.get()};
+    pelmoMsg* reply = nullptr;
+    uint32_t number = 0;
+    char text[32];
+    libraryOpen = false;
+    for (const pelmoStatus status :
+         {pelmoTransport_Send(kLocal, nullptr), pelmoTransport_Sendv(kLocal, messages, 1),
+          pelmoTransport_Sendv(kLocal, static_cast<Dpa*>(nullptr)),
+          pelmoTransport_SendRequest(kLocal, message.get(), &reply, 0),
+          pelmoTransport_SendReply(kLocal, message.get(), message.get()),
+          pelmoTransport_CreateInbox(kLocal, text, sizeof text),
+          pelmoTransport_SendAdvisory(kLocal, "A.B", "S", "N", nullptr),
+          pelmoTransport_Distribute(kLocal, messageOn("A").release()),
+          pelmoTransport_CreateNetwork(&number, nullptr, nullptr, nullptr),
+          pelmoTransport_SetFirstListenerOnly(kLocal), pelmoTransport_SetQuietUnhandled(kLocal)}) {
+        EXPECT_EQ(status, kStatusNotInitialized);
+    }
+    libraryOpen = true;
+    EXPECT_EQ(pelmoTransport_CreateNetwork(&number, nullptr, nullptr, nullptr),
+              kStatusDaemonNotConnected);
 }
 
 std::string traced;
