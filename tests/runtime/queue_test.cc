@@ -12,6 +12,7 @@
 #include <span>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "lib/msg/trace_ops.h"
@@ -290,7 +291,7 @@ std::vector<std::string> traced;
 
 TEST_F(Queues, TraceTheirCallsOnEntryAndCreationsOnceDone) {
     traceOps.enabled[kTraceQueue] = traceOps.enabled[kTraceQueueGroup] = 1;
-    traceOps.write = keepLine;
+    const auto former = std::exchange(traceOps.write, keepLine);
     traceOps.on = 1;
     uint32_t queue = kNoId, group = kNoId;
     EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);  // no line
@@ -303,7 +304,7 @@ TEST_F(Queues, TraceTheirCallsOnEntryAndCreationsOnceDone) {
     EXPECT_EQ(pelmoQueue_SetLimitPolicy(queue, 2, 4, 3), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
     traceOps.on = traceOps.enabled[kTraceQueue] = traceOps.enabled[kTraceQueueGroup] = 0;
-    traceOps.write = nullptr;
+    traceOps.write = former;
 
     std::erase_if(traced, [](const std::string& line) { return line.find("0x") != line.npos; });
     const std::string id = std::to_string(queue), groupId = std::to_string(group);
