@@ -1,5 +1,6 @@
 #include "lib/containers/dpa.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -81,6 +82,11 @@ bool dpaAppend(Dpa* array, void* value) {
     if (value == nullptr || !makeRoom(array)) return false;
     array->items[array->count++] = value;
     return true;
+}
+
+bool dpaReserve(Dpa* array, uint32_t count) {
+    if (count <= array->capacity) return true;
+    return grow(array, std::max(count - array->capacity, array->capacity));
 }
 
 bool dpaAppendAll(Dpa* target, const Dpa* source) {

@@ -39,6 +39,10 @@ Dpa* dpaDestroy(Dpa* array);
 // A full array doubles.
 [[nodiscard]] bool dpaAppend(Dpa* array, void* value);
 
+// Room for so many items, those it has included: appends up to there can't fail. Grows by doubling
+// at least.
+[[nodiscard]] bool dpaReserve(Dpa* array, uint32_t count);
+
 // False for no source. Where the sum exceeds the capacity, that grows by the source's count.
 [[nodiscard]] bool dpaAppendAll(Dpa* target, const Dpa* source);
 

@@ -43,18 +43,20 @@ bool mayListenToInboxLocked(const Transport* transport, const uint8_t* subject, 
     return isOwnInbox(transport, text);
 }
 
-// Binds a listener, of which the caller holds the base reference, and gives it its id.
-pelmoStatus bindLocked(
+}  // namespace
+
+pelmoStatus transportBindListener(
     Transport* transport, Event* listener, const uint8_t* subject, uint32_t* out, bool* isFirst) {
+    SubjectList* list = transport->subjects;
+    // No match has more values than the list: a delivery misses nobody for want of memory.
+    if (!dpaReserve(list->matches, list->valueCount + 1)) return kStatusNoMemory;
     SubjectNode* node = nullptr;
-    if (!sublistAdd(transport->subjects, subject, listener, &node)) return kStatusNoMemory;
-    *isFirst = sublistNodeValueCount(node) == 1;
+    if (!sublistAdd(list, subject, listener, &node)) return kStatusNoMemory;
+    if (isFirst != nullptr) *isFirst = sublistNodeValueCount(node) == 1;
     if (Id_SetGlobal(&listener->header, out) == kStatusSuccess) return kStatusSuccess;
     (void)transportForgetListener(transport, listener, subject, nullptr);
     return kStatusNoMemory;
 }
-
-}  // namespace
 
 bool transportForgetListener(Transport* transport,
                              Event* event,
@@ -92,7 +94,8 @@ pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request)
     Event* listener = Event_NewListener(request, isInbox, kListenerInbox);
     if (listener == nullptr) return kStatusNoMemory;
     bool isFirst = false;
-    const pelmoStatus status = bindLocked(held.pointer(), listener, subject, out, &isFirst);
+    const pelmoStatus status =
+        transportBindListener(held.pointer(), listener, subject, out, &isFirst);
     if (status != kStatusSuccess) {
         Id_Release(&listener->header, false);
         return status;

@@ -89,6 +89,12 @@ void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> mes
 [[nodiscard]] pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request);
 pelmoStatus Transport_RemoveListener(uint32_t transport, Event* event);
 
+// Enters a listener, of which the caller holds the base reference, in the list and gives it its id.
+// `isFirst`, optional: it is the only one at its subject. On failure it is in neither. The caller
+// holds the object lock. kStatusNoMemory.
+[[nodiscard]] pelmoStatus transportBindListener(
+    Transport* transport, Event* listener, const uint8_t* subject, uint32_t* out, bool* isFirst);
+
 // Takes a listener off the list, not its id or inbox; how many stay at its subject. False where it
 // wasn't there. The caller holds the object lock.
 bool transportForgetListener(Transport* transport,

@@ -65,13 +65,11 @@ pelmoStatus listenLocked(Request& request, pelmoMsg** slot) {
     if (listener == nullptr) return kStatusNoMemory;
     Id_AddRef(&listener->header);
     request.listener = listener;
-    if (!sublistAdd(transport->subjects, request.packedInbox, listener, nullptr) ||
-        Id_SetGlobal(&listener->header, nullptr) != kStatusSuccess) {
-        // The base reference, which no id stands for.
-        Id_Release(&listener->header, false);
-        return kStatusNoMemory;
-    }
-    return kStatusSuccess;
+    const pelmoStatus status =
+        transportBindListener(transport, listener, request.packedInbox, nullptr, nullptr);
+    // The base reference goes where no id stands for it.
+    if (status != kStatusSuccess) Id_Release(&listener->header, false);
+    return status;
 }
 
 pelmoStatus startLocked(Request& request, pelmoMsg** slot) {

@@ -57,6 +57,14 @@ TEST(Dpa, DoublesWhenFullAndGrowsByTheSourceOtherwise) {
     EXPECT_TRUE(dpaAppendAll(array.get(), array.get()));
     EXPECT_EQ(array->count, 22u);
     EXPECT_EQ(array->items[21], number(11));
+
+    EXPECT_TRUE(dpaReserve(array.get(), 3));
+    EXPECT_EQ(array->capacity, 22u);
+    EXPECT_TRUE(dpaReserve(array.get(), 23));
+    EXPECT_EQ(array->capacity, 44u);
+    EXPECT_TRUE(dpaReserve(array.get(), 100));
+    EXPECT_EQ(array->capacity, 100u);
+    EXPECT_EQ(array->count, 22u);
 }
 
 TEST(Dpa, FindsThePlaceInSortedItems) {
