@@ -26,10 +26,11 @@ void* takeZeroed() {
     void* object = poolTake(objectPool, __FILE__, __LINE__);
     if (object == nullptr) return nullptr;
     // But for the entries of the index, which are written ahead of being read.
+    constexpr size_t kIndexBegin = offsetof(pelmoMsg, inlineIndex);
+    constexpr size_t kIndexEnd = kIndexBegin + sizeof(pelmoMsg::inlineIndex);
     auto* bytes = static_cast<uint8_t*>(object);
-    std::memset(bytes, 0, offsetof(pelmoMsg, inlineIndex));
-    std::memset(bytes + offsetof(pelmoMsg, deliveryEvent), 0,
-                offsetof(pelmoMsg, poolOwner) - offsetof(pelmoMsg, deliveryEvent));
+    std::memset(bytes, 0, kIndexBegin);
+    std::memset(bytes + kIndexEnd, 0, offsetof(pelmoMsg, poolOwner) - kIndexEnd);
     return object;
 }
 
