@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <thread>
+#include <utility>
 
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/post.h"
@@ -211,7 +212,7 @@ std::string traced;
 }
 
 TEST_F(Events, TraceCreationsBehindAndOtherCallsAhead) {
-    traceOps.write = trace;
+    const auto former = std::exchange(traceOps.write, trace);
     traceOps.enabled[kTraceEvents] = 1;
     traceOps.on = 1;
     traced.clear();
@@ -223,6 +224,7 @@ TEST_F(Events, TraceCreationsBehindAndOtherCallsAhead) {
     EXPECT_EQ(pelmoEvent_DestroyEx(timer, nullptr), kStatusSuccess);
     traceOps.on = 0;
     traceOps.enabled[kTraceEvents] = 0;
+    traceOps.write = former;
 
     char expected[256];
     std::snprintf(expected, sizeof(expected),

@@ -5,18 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <span>
-#include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
-#include "lib/msg/trace_ops.h"
-#include "lib/runtime/queue_group.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
 
@@ -276,55 +270,6 @@ TEST_F(Queues, CompleteAtOnceOrLeaveItToTheDispatchUnderWay) {
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusNotPermitted);
     libraryOpen = false;
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusSuccess);
-}
-
-std::vector<std::string> traced;
-
-[[gnu::format(printf, 2, 3)]] void keepLine(uint32_t module, const char* format, ...) {
-    char line[200];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(line, sizeof(line), format, arguments);
-    va_end(arguments);
-    traced.push_back(std::to_string(module) + ' ' + line);
-}
-
-TEST_F(Queues, TraceTheirCallsOnEntryAndCreationsOnceDone) {
-    traceOps.enabled[kTraceQueue] = traceOps.enabled[kTraceQueueGroup] = 1;
-    const auto former = std::exchange(traceOps.write, keepLine);
-    traceOps.on = 1;
-    uint32_t queue = kNoId, group = kNoId;
-    EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);  // no line
-    EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
-    EXPECT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
-    EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess);
-    EXPECT_EQ(pelmoQueueGroup_Destroy(group), kStatusSuccess);
-    (void)callAll(kNoId, false);
-    EXPECT_EQ(pelmoQueue_SetName(queue, "a"), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_SetLimitPolicy(queue, 2, 4, 3), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
-    traceOps.on = traceOps.enabled[kTraceQueue] = traceOps.enabled[kTraceQueueGroup] = 0;
-    traceOps.write = former;
-
-    std::erase_if(traced, [](const std::string& line) { return line.find("0x") != line.npos; });
-    const std::string id = std::to_string(queue), groupId = std::to_string(group);
-    const std::string expected[] = {
-        "8 pelmoQueue_Create(" + id + ")",
-        "9 pelmoQueueGroup_Create(" + groupId + ")",
-        "9 pelmoQueueGroup_Add(" + groupId + ", " + id + ")",
-        "9 pelmoQueueGroup_Destroy(" + groupId + ")",
-        "8 pelmoQueue_GetCount(0, (nil))",
-        "8 pelmoQueue_GetHook(0, (nil))",
-        "8 pelmoQueue_GetName(0, (nil))",
-        "8 pelmoQueue_SetName(0, \"<NULL>\")",
-        "8 pelmoQueue_GetPriority(0, (nil))",
-        "8 pelmoQueue_Poll(0, (nil), 0.000000)",
-        "8 pelmoQueue_PollMany(0, (nil), 1, (nil), 0.000000)",
-        "8 pelmoQueue_SetName(" + id + ", \"a\")",
-        "8 pelmoQueue_SetLimitPolicy(" + id + ", 2, 4, 3)",
-        "8 pelmoQueue_DestroyEx(" + id + ", (nil), (nil))",
-    };
-    EXPECT_TRUE(std::ranges::equal(traced, expected)) << testing::PrintToString(traced);
 }
 
 TEST_F(Queues, OutOfMemoryLeaveAllAsItWas) {
