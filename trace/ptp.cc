@@ -8,7 +8,7 @@ namespace {
 
 constexpr size_t kControlHeaderBytes = 24;
 
-using Ptp = PtpHostEntry;
+using Ptp = PtpCounters;
 
 constexpr TwoSidedType<Ptp> control(int16_t type,
                                     const char* word,

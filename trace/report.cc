@@ -22,10 +22,10 @@ struct Report {
     FILE* stream;
     ReportView view;
 
-    // What was sent, over the whole Snapshot. Only the counters of the records are used.
+    // What was sent, over the whole Snapshot. Of records, only the counters are used.
     SnapHost mcast;
-    SnapRlHost retrans;
-    SnapPtpHost ptp;
+    RlCounters retrans;
+    PtpCounters ptp;
     SnapSubjectHost subjects;
 
     // Whole rows that wait to be written.
@@ -49,28 +49,28 @@ constexpr ReportTable<SnapHost, 7> kMcastTable = {
         {5, &SnapHost::bad},
     }};
 
-constexpr ReportTable<SnapRlHost, 4> kRetransTable = {
+constexpr ReportTable<RlCounters, 4> kRetransTable = {
     "                         Multicast Retrans Packet Statistics\n"
     "  Port   Address         SCid     Rreq      Rseq  Rrej     Bad\n"
     " -----   --------------- ----- ------- --------- -----  ------\n",
     {
-        {7, &SnapRlHost::rreqSent, &SnapRlHost::rreqRecv},
-        {9, &SnapRlHost::rseqSent, &SnapRlHost::rseqRecv},
-        {5, &SnapRlHost::rrejSent, &SnapRlHost::rrejRecv},
-        {7, &SnapRlHost::badSent, &SnapRlHost::badRecv},
+        {7, &RlCounters::rreqSent, &RlCounters::rreqRecv},
+        {9, &RlCounters::rseqSent, &RlCounters::rseqRecv},
+        {5, &RlCounters::rrejSent, &RlCounters::rrejRecv},
+        {7, &RlCounters::badSent, &RlCounters::badRecv},
     }};
 
-constexpr ReportTable<SnapPtpHost, 6> kPtpTable = {
+constexpr ReportTable<PtpCounters, 6> kPtpTable = {
     "                                      PTP Packet Statistics\n"
     "  Port   Address         SCid     Data     Bytes  AckR     Ack       Nak    Bad\n"
     " -----   --------------- ----- ------- --------- -----  ------   ------- ------\n",
     {
-        {7, &SnapPtpHost::dataSent, &SnapPtpHost::dataRecv},
-        {9, &SnapPtpHost::bytesSent, &SnapPtpHost::bytesRecv},
-        {5, &SnapPtpHost::ackmeSent, &SnapPtpHost::ackmeRecv},
-        {7, &SnapPtpHost::ackSent, &SnapPtpHost::ackRecv},
-        {9, &SnapPtpHost::nakSent, &SnapPtpHost::nakRecv},
-        {6, &SnapPtpHost::badSent, &SnapPtpHost::badRecv},
+        {7, &PtpCounters::dataSent, &PtpCounters::dataRecv},
+        {9, &PtpCounters::bytesSent, &PtpCounters::bytesRecv},
+        {5, &PtpCounters::ackmeSent, &PtpCounters::ackmeRecv},
+        {7, &PtpCounters::ackSent, &PtpCounters::ackRecv},
+        {9, &PtpCounters::nakSent, &PtpCounters::nakRecv},
+        {6, &PtpCounters::badSent, &PtpCounters::badRecv},
     }};
 
 constexpr ReportTable<SnapSubjectHost, 2> kSubjectTable = {
@@ -136,7 +136,7 @@ char* appendHostLead(char* at, const char* indent, uint32_t host, uint16_t scid)
 }
 
 template <typename Table>
-void printTableHead(const Table& table, const typename Table::Host& totals, const char* tail) {
+void printTableHead(const Table& table, const typename Table::Counters& totals, const char* tail) {
     char* at = appendText(appendText(rowBegin(), table.title), kTotalsLead);
     at = appendCounters(at, report.view, table, totals);
     rowEnd(appendText(at, tail));
@@ -187,10 +187,10 @@ void addUp(const SnapHeader& snapshot) {
             addNet(net);
         }
         for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
-            addCounters(kRetransTable, report.retrans, host);
+            addCounters(kRetransTable, report.retrans, host.counters);
         }
         for (const SnapPtpHost& host : std::span(port.ptpHosts, port.ptpHostCount)) {
-            addCounters(kPtpTable, report.ptp, host);
+            addCounters(kPtpTable, report.ptp, host.counters);
         }
     }
 }
@@ -243,22 +243,22 @@ uint16_t findServicePort(const SnapPort& port) {
 }
 
 // Two lines: what was sent to the host, then what it sent.
-template <typename Table>
-void printTwoSidedHost(const Table& table, const typename Table::Host& host) {
+template <typename Table, typename Host>
+void printTwoSidedHost(const Table& table, const Host& host) {
     char* at = appendHostLead(rowBegin(), kTwoSidedIndent, host.host, host.port);
-    at = appendCounters(at, report.view, table, host, Side::kRecv);
+    at = appendCounters(at, report.view, table, host.counters, Side::kRecv);
     at = appendText(at, "\n");
     at = appendText(at, kSecondLineLead);
-    at = appendCounters(at, report.view, table, host, Side::kSent);
+    at = appendCounters(at, report.view, table, host.counters, Side::kSent);
     rowEnd(appendText(at, "\n"));
 }
 
 // `port` is in network order, `sum` that of the hosts.
-template <typename Table>
+template <typename Table, typename Host>
 void printTwoSidedPort(const Table& table,
                        uint16_t port,
-                       const typename Table::Host& sum,
-                       std::span<const typename Table::Host> hosts) {
+                       const typename Table::Counters& sum,
+                       std::span<const Host> hosts) {
     char* at = appendPortLead(rowBegin(), port);
     at = appendCounters(at, report.view, table, sum);
     rowEnd(appendText(at, "\n"));
@@ -268,11 +268,11 @@ void printTwoSidedPort(const Table& table,
     }
 }
 
-template <typename Table>
-typename Table::Host sumUp(const Table& table, std::span<const typename Table::Host> hosts) {
-    typename Table::Host sum{};
+template <typename Table, typename Host>
+typename Table::Counters sumUp(const Table& table, std::span<const Host> hosts) {
+    typename Table::Counters sum{};
     for (const auto& host : hosts) {
-        addCounters(table, sum, host);
+        addCounters(table, sum, host.counters);
     }
     return sum;
 }
@@ -281,7 +281,7 @@ void printRetransTable(const SnapHeader& snapshot) {
     printTableHead(kRetransTable, report.retrans, "\n");
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
         const std::span<const SnapRlHost> hosts(port.rlHosts, port.rlHostCount);
-        const SnapRlHost sum = sumUp(kRetransTable, hosts);
+        const RlCounters sum = sumUp(kRetransTable, hosts);
         if (!anySent(kRetransTable, sum) && sum.badRecv == 0) continue;
         printTwoSidedPort(kRetransTable, findServicePort(port), sum, hosts);
     }
@@ -292,7 +292,7 @@ void printPtpTable(const SnapHeader& snapshot) {
     printTableHead(kPtpTable, report.ptp, "\n");
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
         const std::span<const SnapPtpHost> hosts(port.ptpHosts, port.ptpHostCount);
-        const SnapPtpHost sum = sumUp(kPtpTable, hosts);
+        const PtpCounters sum = sumUp(kPtpTable, hosts);
         if (!anySent(kPtpTable, sum)) continue;
         printTwoSidedPort(kPtpTable, port.port, sum, hosts);
     }

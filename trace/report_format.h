@@ -47,7 +47,7 @@ enum class Side { kSent, kRecv };
 
 template <typename Record, size_t kColumns>
 struct ReportTable {
-    using Host = Record;
+    using Counters = Record;
 
     const char* title;
     Column<Record> columns[kColumns];

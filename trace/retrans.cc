@@ -24,7 +24,7 @@ uint32_t checkList(Inspection& inspection) {
     return bytes / kItemBytes;
 }
 
-using Rl = RlHostEntry;
+using Rl = RlCounters;
 
 constexpr TwoSidedType<Rl> kRreq = {
     kOskaRreq,     "rreq",        "rreq",    kHeaderBytes,  checkDstHost,

@@ -141,39 +141,9 @@ void copyHost(uint64_t key, HostEntry& host, SnapHost& to) {
     host.reliability = kept.reliability;
 }
 
-void copyRlHost(uint64_t key, RlHostEntry& host, SnapRlHost& to) {
-    to = {
-        .host = hostKeyAddress(key),
-        .port = hostKeyPort(key),
-        .badSent = host.badSent,
-        .badRecv = host.badRecv,
-        .rreqSent = host.rreqSent,
-        .rreqRecv = host.rreqRecv,
-        .rseqSent = host.rseqSent,
-        .rseqRecv = host.rseqRecv,
-        .rrejSent = host.rrejSent,
-        .rrejRecv = host.rrejRecv,
-    };
-    host = {};
-}
-
-void copyPtpHost(uint64_t key, PtpHostEntry& host, SnapPtpHost& to) {
-    to = {
-        .host = hostKeyAddress(key),
-        .port = hostKeyPort(key),
-        .badSent = host.badSent,
-        .badRecv = host.badRecv,
-        .dataSent = host.dataSent,
-        .dataRecv = host.dataRecv,
-        .bytesSent = host.bytesSent,
-        .bytesRecv = host.bytesRecv,
-        .nakSent = host.nakSent,
-        .nakRecv = host.nakRecv,
-        .ackmeSent = host.ackmeSent,
-        .ackmeRecv = host.ackmeRecv,
-        .ackSent = host.ackSent,
-        .ackRecv = host.ackRecv,
-    };
+template <typename Record, typename Snap>
+void copyTwoSidedHost(uint64_t key, Record& host, Snap& to) {
+    to = {hostKeyAddress(key), hostKeyPort(key), host.counters};
     host = {};
 }
 
@@ -247,9 +217,9 @@ void copyPort(uint32_t number, PortEntry& port, Places& places) {
     });
     to.netCount = static_cast<uint32_t>(places.nets - to.nets);
     to.rlHosts = places.rlHosts;
-    to.rlHostCount = copyLive(port.rlHosts, places.rlHosts, copyRlHost);
+    to.rlHostCount = copyLive<RlHostEntry>(port.rlHosts, places.rlHosts, copyTwoSidedHost);
     to.ptpHosts = places.ptpHosts;
-    to.ptpHostCount = copyLive(port.ptpHosts, places.ptpHosts, copyPtpHost);
+    to.ptpHostCount = copyLive<PtpHostEntry>(port.ptpHosts, places.ptpHosts, copyTwoSidedHost);
     port.live = 0;
 }
 

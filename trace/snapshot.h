@@ -22,6 +22,8 @@
 
 #include <cstdint>
 
+#include "trace/two_sided_counters.h"
+
 // Seconds since 1970 and nanoseconds, of a packet or of the wall clock.
 struct SnapTime {
     int32_t seconds = 0;
@@ -41,21 +43,13 @@ struct SnapHost {
 struct SnapRlHost {
     uint32_t host;
     uint16_t port;
-    uint64_t badSent, badRecv;
-    uint64_t rreqSent, rreqRecv;
-    uint64_t rseqSent, rseqRecv;
-    uint64_t rrejSent, rrejRecv;
+    RlCounters counters;
 };
 
 struct SnapPtpHost {
     uint32_t host;
     uint16_t port;
-    uint64_t badSent, badRecv;
-    uint64_t dataSent, dataRecv;
-    uint64_t bytesSent, bytesRecv;
-    uint64_t nakSent, nakRecv;
-    uint64_t ackmeSent, ackmeRecv;
-    uint64_t ackSent, ackRecv;
+    PtpCounters counters;
 };
 
 struct SnapSubjectHost {

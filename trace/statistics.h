@@ -37,6 +37,7 @@
 #include "lib/containers/dict.h"
 #include "lib/containers/probe_index.h"
 #include "lib/containers/subject_map.h"
+#include "trace/two_sided_counters.h"
 
 struct PortEntry {
     uint32_t live;
@@ -78,24 +79,16 @@ struct HostEntry {
     double reliability;  // of the last null packet that told it; outlives snapshots
 };
 
-// One host's part in retransmission control under a port: what it sent and what was sent to it.
+// One host's part in retransmission control under a port.
 struct RlHostEntry {
     uint32_t live;
-    uint64_t badSent, badRecv;
-    uint64_t rreqSent, rreqRecv;
-    uint64_t rseqSent, rseqRecv;  // sequence numbers asked for
-    uint64_t rrejSent, rrejRecv;
+    RlCounters counters;
 };
 
 // The same for point-to-point traffic.
 struct PtpHostEntry {
     uint32_t live;
-    uint64_t badSent, badRecv;
-    uint64_t dataSent, dataRecv;
-    uint64_t bytesSent, bytesRecv;
-    uint64_t nakSent, nakRecv;
-    uint64_t ackmeSent, ackmeRecv;
-    uint64_t ackSent, ackRecv;
+    PtpCounters counters;
 };
 
 // What one host sent on one subject.

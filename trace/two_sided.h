@@ -13,25 +13,25 @@
 #include "trace/oska.h"
 #include "trace/statistics.h"
 
-template <typename Entry>
+template <typename Counters>
 struct TwoSidedType {
     int16_t type;
     const char* word;        // what messages call the packet
     const char* headerWord;  // and its header
     size_t headerBytes;
     void (*checkDst)(Inspection& inspection);
-    uint64_t Entry::*sent;
-    uint64_t Entry::*recv;
+    uint64_t Counters::*sent;
+    uint64_t Counters::*recv;
 
     // What else the packet carries: requests or bytes. None for most.
     uint32_t (*checkAmount)(Inspection& inspection);
-    uint64_t Entry::*amountSent;
-    uint64_t Entry::*amountRecv;
+    uint64_t Counters::*amountSent;
+    uint64_t Counters::*amountRecv;
 };
 
 // `find` finds or creates a record of the family under the packet's port.
-template <typename Entry>
-void twoSidedHandle(const TwoSidedType<Entry>& type,
+template <typename Counters, typename Entry>
+void twoSidedHandle(const TwoSidedType<Counters>& type,
                     const OskaPacket& packet,
                     Entry* (*find)(PortEntry& port, uint32_t address, uint16_t udpPort)) {
     PortEntry* port = portEntry(packet.dstPort);
@@ -46,21 +46,21 @@ void twoSidedHandle(const TwoSidedType<Entry>& type,
 
     Inspection inspection{packet, type.word, packet.bad};
     if (!headerInHand(inspection, type.headerWord, type.headerBytes)) {
-        if (packet.complete) ++source->badSent;
+        if (packet.complete) ++source->counters.badSent;
         return;
     }
     checkSrc(inspection);
     type.checkDst(inspection);
 
-    ++(source->*type.sent);
-    ++(destination->*type.recv);
+    ++(source->counters.*type.sent);
+    ++(destination->counters.*type.recv);
     if (type.checkAmount != nullptr) {
         const uint32_t amount = type.checkAmount(inspection);
-        source->*type.amountSent += amount;
-        destination->*type.amountRecv += amount;
+        source->counters.*type.amountSent += amount;
+        destination->counters.*type.amountRecv += amount;
     }
     if (inspection.bad) {
-        ++source->badSent;
-        ++destination->badRecv;
+        ++source->counters.badSent;
+        ++destination->counters.badRecv;
     }
 }

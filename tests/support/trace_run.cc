@@ -56,8 +56,7 @@ std::string multicastCounts(const Record& host) {
            reliabilityText(host.reliability);
 }
 
-template <typename Record>
-std::string rlCounts(const Record& host) {
+std::string rlCounts(const RlCounters& host) {
     return counts({{"badSent", host.badSent},
                    {"badRecv", host.badRecv},
                    {"rreqSent", host.rreqSent},
@@ -68,8 +67,7 @@ std::string rlCounts(const Record& host) {
                    {"rrejRecv", host.rrejRecv}});
 }
 
-template <typename Record>
-std::string ptpCounts(const Record& host) {
+std::string ptpCounts(const PtpCounters& host) {
     return counts({{"badSent", host.badSent},
                    {"badRecv", host.badRecv},
                    {"dataSent", host.dataSent},
@@ -204,11 +202,11 @@ void addSnapPort(Lines& lines, const SnapPort& port) {
     }
     for (uint32_t i = 0; i < port.rlHostCount; ++i) {
         const SnapRlHost& host = port.rlHosts[i];
-        lines.push_back(" rl " + hostName(host.host, host.port) + rlCounts(host));
+        lines.push_back(" rl " + hostName(host.host, host.port) + rlCounts(host.counters));
     }
     for (uint32_t i = 0; i < port.ptpHostCount; ++i) {
         const SnapPtpHost& host = port.ptpHosts[i];
-        lines.push_back(" ptp " + hostName(host.host, host.port) + ptpCounts(host));
+        lines.push_back(" ptp " + hostName(host.host, host.port) + ptpCounts(host.counters));
     }
 }
 
@@ -268,8 +266,10 @@ Lines treeText() {
         for (const auto& [address, net] : sortedRecords<NetEntry>(port->nets, hostOrder32)) {
             addNet(lines, address, *net);
         }
-        addRecords<RlHostEntry>(lines, port->rlHosts, " rl ", rlCounts<RlHostEntry>);
-        addRecords<PtpHostEntry>(lines, port->ptpHosts, " ptp ", ptpCounts<PtpHostEntry>);
+        addRecords<RlHostEntry>(lines, port->rlHosts, " rl ",
+                                [](const RlHostEntry& host) { return rlCounts(host.counters); });
+        addRecords<PtpHostEntry>(lines, port->ptpHosts, " ptp ",
+                                 [](const PtpHostEntry& host) { return ptpCounts(host.counters); });
     }
     return lines;
 }

@@ -86,13 +86,16 @@ SnapHost mcastHost(const char* address, uint16_t scid, double reliability, uint6
 }
 
 SnapRlHost rlHost(const char* address, uint16_t scid, uint64_t sent, uint64_t recv) {
-    return {addressOf(address), htons(scid), sent + 3, recv + 3, sent, recv,
-            sent + 1,           recv + 1,    sent + 2, recv + 2};
+    return {addressOf(address),
+            htons(scid),
+            {sent + 3, recv + 3, sent, recv, sent + 1, recv + 1, sent + 2, recv + 2}};
 }
 
 SnapPtpHost ptpHost(const char* address, uint16_t scid, uint64_t sent, uint64_t recv) {
-    return {addressOf(address), htons(scid), sent + 5, recv + 5, sent,     recv,     sent + 1,
-            recv + 1,           sent + 4,    recv + 4, sent + 2, recv + 2, sent + 3, recv + 3};
+    return {addressOf(address),
+            htons(scid),
+            {sent + 5, recv + 5, sent, recv, sent + 1, recv + 1, sent + 4, recv + 4, sent + 2,
+             recv + 2, sent + 3, recv + 3}};
 }
 
 SnapSubjectHost subjectHost(const char* address, uint16_t scid, uint64_t msgs, uint64_t bytes) {
@@ -315,12 +318,12 @@ TEST_F(ReportTest, LeavesOutPortsWithNothingToShow) {
     traceSettings.displayMcast = true;
     traceSettings.displaySubjects = false;
     SnapRlHost silent{}, asked{}, bad{};
-    silent.rreqRecv = silent.rseqRecv = silent.rrejRecv = 9;
-    asked.rrejSent = 1;
-    bad.badRecv = 5;
+    silent.counters.rreqRecv = silent.counters.rseqRecv = silent.counters.rrejRecv = 9;
+    asked.counters.rrejSent = 1;
+    bad.counters.badRecv = 5;
     SnapPtpHost ptpSilent{}, ptpBad{};
-    ptpSilent.dataRecv = ptpSilent.badRecv = 9;
-    ptpBad.badSent = 2;
+    ptpSilent.counters.dataRecv = ptpSilent.counters.badRecv = 9;
+    ptpBad.counters.badSent = 2;
     BuiltSnapshot built = {.from = kFrom,
                            .to = kTo,
                            .ports = {{.port = 1, .rlHosts = {silent}, .ptpHosts = {ptpSilent}},

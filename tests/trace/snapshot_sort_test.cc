@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <random>
 
@@ -186,8 +187,8 @@ TEST(SnapshotSort, GoesWithoutMemory) {
 }
 
 // Hosts in order, the SCid deciding between equal addresses, each with its place as its counter.
-template <typename Host>
-std::vector<Host> hostsInOrder(size_t count, uint64_t Host::*counter) {
+template <typename Host, typename Counter>
+std::vector<Host> hostsInOrder(size_t count, Counter counter) {
     const char* addresses[] = {"0.0.0.0",   "1.0.0.255",       "9.255.0.0",
                                "127.0.0.1", "128.0.0.1",       "224.0.0.5",
                                "224.0.1.4", "255.255.255.255", "255.255.255.255"};
@@ -197,25 +198,27 @@ std::vector<Host> hostsInOrder(size_t count, uint64_t Host::*counter) {
     for (size_t i = 0; i < count; ++i) {
         hosts[i].host = addressOf(addresses[i / perAddress]);
         hosts[i].port = htons(static_cast<uint16_t>(i % perAddress * 200));
-        hosts[i].*counter = i;
+        std::invoke(counter, hosts[i]) = i;
     }
     return hosts;
 }
 
-template <typename Host>
-void expectInOrder(const Host* hosts, size_t count, uint64_t Host::*counter) {
+template <typename Host, typename Counter>
+void expectInOrder(Host* hosts, size_t count, Counter counter) {
     for (size_t i = 0; i < count; ++i) {
-        ASSERT_EQ(hosts[i].*counter, i);
+        ASSERT_EQ(std::invoke(counter, hosts[i]), i);
     }
 }
 
 TEST(SnapshotSort, OrdersAddressesAsUnsignedNumbersAndMovesWholeRecords) {
+    const auto rrejRecv = [](SnapRlHost& host) -> uint64_t& { return host.counters.rrejRecv; };
+    const auto ackRecv = [](SnapPtpHost& host) -> uint64_t& { return host.counters.ackRecv; };
     Random random;
     for (const size_t count : std::initializer_list<size_t>{0, 1, 2, 15, 16, 17, 300}) {
-        auto hosts = hostsInOrder(count, &SnapHost::rbytes);
-        auto rlHosts = hostsInOrder(count, &SnapRlHost::rrejRecv);
-        auto ptpHosts = hostsInOrder(count, &SnapPtpHost::ackRecv);
-        auto subjectHosts = hostsInOrder(count, &SnapSubjectHost::bytes);
+        auto hosts = hostsInOrder<SnapHost>(count, &SnapHost::rbytes);
+        auto rlHosts = hostsInOrder<SnapRlHost>(count, rrejRecv);
+        auto ptpHosts = hostsInOrder<SnapPtpHost>(count, ackRecv);
+        auto subjectHosts = hostsInOrder<SnapSubjectHost>(count, &SnapSubjectHost::bytes);
         std::shuffle(hosts.begin(), hosts.end(), random.engine);
         std::shuffle(rlHosts.begin(), rlHosts.end(), random.engine);
         std::shuffle(ptpHosts.begin(), ptpHosts.end(), random.engine);
@@ -231,8 +234,8 @@ TEST(SnapshotSort, OrdersAddressesAsUnsignedNumbersAndMovesWholeRecords) {
         snapshotSort(&built.head);
         const SnapPort& port = snapshot->ports[0];
         expectInOrder(port.nets[0].hosts, count, &SnapHost::rbytes);
-        expectInOrder(port.rlHosts, count, &SnapRlHost::rrejRecv);
-        expectInOrder(port.ptpHosts, count, &SnapPtpHost::ackRecv);
+        expectInOrder(port.rlHosts, count, rrejRecv);
+        expectInOrder(port.ptpHosts, count, ackRecv);
         expectInOrder(port.nets[0].subjects[0].hosts, count, &SnapSubjectHost::bytes);
     }
 }
