@@ -78,8 +78,8 @@ void transportAttach();
 [[nodiscard]] pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message);
 
 // What came from outside, in order. Owns the messages; one that is malformed, or has no send
-// subject, is dropped. Takes the object lock; the caller holds a reference, and the lock at most
-// where it can't help it.
+// subject, is dropped. The caller holds a reference, and better not the object lock: it is taken
+// here, and left ahead of the last post.
 void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> messages);
 
 // Listeners
