@@ -182,7 +182,9 @@ class Live(unittest.TestCase):
         os.close(writer)
         text = b""
         while b"Snapshot" not in text:
-            text += os.read(reader, 4096)
+            piece = os.read(reader, 4096)
+            self.assertTrue(piece, "the tool ended")
+            text += piece
         # With traffic of many subjects a report is larger than the pipe.
         first = self.send_all("--count", "2000", "--rate", "20000", "--subjects", "1000")
         tasks = pathlib.Path("/proc/%d/task" % tool.popen.pid)
@@ -199,9 +201,8 @@ class Live(unittest.TestCase):
         wanted = first["data"] + second["data"]
         pieces = [text]
         drain = threading.Thread(target=lambda: pieces.extend(
-            iter(lambda: os.read(reader, 65536), b"")))
+            iter(lambda: os.read(reader, 65536), b"")), daemon=True)
         drain.start()
-        self.addCleanup(drain.join)
         wait_until(lambda: total_of(read_reports(b"".join(pieces).decode())) >= wanted,
                    "all packets in the reports")
         self.stop_in_order(tool)
