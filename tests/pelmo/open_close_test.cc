@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <latch>
 #include <string>
 #include <thread>
@@ -17,26 +16,11 @@
 #include "lib/runtime/library.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/scratch_folder.h"
+#include "tests/support/thread_count.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-size_t threadCount() {
-    size_t count = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        count += task.is_directory() ? 1 : 0;
-    }
-    return count;
-}
-
-// A joined thread may stand in the system's list a moment longer.
-void expectThreads(size_t expected) {
-    constexpr int kLooksMax = 100000;
-    for (int look = 0; threadCount() != expected && look < kLooksMax; ++look)
-        sched_yield();
-    EXPECT_EQ(threadCount(), expected);
-}
 
 void expectNothingLeft() {
     EXPECT_FALSE(libraryIsOpen());
@@ -116,7 +100,7 @@ TEST(Library, CountsItsOpens) {
     EXPECT_EQ(pelmo_Close(), kStatusNotInitialized);
     EXPECT_EQ(Id_Check(queue, IdType::kQueue), kStatusNotFound);
     expectNothingLeft();
-    expectThreads(threads);
+    EXPECT_TRUE(threadsBecome(threads));
     EXPECT_STREQ(pelmo_Version(), "8.5.2");
 }
 
@@ -158,7 +142,7 @@ TEST(Library, AnOpenThatFailsLeavesNothingRunning) {
         EXPECT_TRUE(status == kStatusSuccess || allocationsFailed() > 0);
         if (status != kStatusSuccess) {
             EXPECT_FALSE(libraryIsOpen());
-            expectThreads(threads);
+            EXPECT_TRUE(threadsBecome(threads));
             ASSERT_EQ(pelmo_Open(), kStatusSuccess);
         }
         pelmo_Close();
