@@ -38,11 +38,11 @@ struct Address {
     socklen_t size = sizeof(in);
 
     sockaddr* generic() { return reinterpret_cast<sockaddr*>(&in); }
-
-    bool operator==(const Address& other) const {
-        return in.sin_port == other.in.sin_port && in.sin_addr.s_addr == other.in.sin_addr.s_addr;
-    }
 };
+
+bool isSame(const sockaddr_in& a, const sockaddr_in& b) {
+    return a.sin_port == b.sin_port && a.sin_addr.s_addr == b.sin_addr.s_addr;
+}
 
 int newSocket() {
     return socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
@@ -76,27 +76,26 @@ bool awaitPeer(int listener) {
     return ready > 0;
 }
 
-// The listener's end of the connection from that address, or -1.
-int acceptFrom(int listener, const Address& own) {
-    for (int strangers = 0; strangers <= kMostStrangers; ++strangers) {
-        if (!awaitPeer(listener)) return -1;
-        Address peer;
-        Handle accepted(
-            accept4(listener, peer.generic(), &peer.size, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (accepted.number() >= 0 && peer == own) return accepted.take();
-        if (accepted.number() < 0 && errno != EINTR && errno != EAGAIN && errno != ECONNABORTED) {
-            return -1;
-        }
-    }
-    return -1;
-}
-
 bool setNoDelay(int socket) {
     const int on = 1;
     return setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) == 0;
 }
 
 }  // namespace
+
+int loopbackAcceptFrom(int listener, const sockaddr_in& own) {
+    for (int strangers = 0; strangers <= kMostStrangers; ++strangers) {
+        if (!awaitPeer(listener)) return -1;
+        Address peer;
+        Handle accepted(
+            accept4(listener, peer.generic(), &peer.size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (accepted.number() >= 0 && isSame(peer.in, own)) return accepted.take();
+        if (accepted.number() < 0 && errno != EINTR && errno != EAGAIN && errno != ECONNABORTED) {
+            return -1;
+        }
+    }
+    return -1;
+}
 
 bool loopbackPairMake(LoopbackPair* out) {
     const Handle listener(newSocket());
@@ -106,7 +105,7 @@ bool loopbackPairMake(LoopbackPair* out) {
     Address own;
     if (!listenOnLoopback(listener.number(), &target)) return false;
     if (!connectTo(connecting.number(), target, &own)) return false;
-    Handle accepted(acceptFrom(listener.number(), own));
+    Handle accepted(loopbackAcceptFrom(listener.number(), own.in));
     if (accepted.number() < 0) return false;
     if (!setNoDelay(accepted.number()) || !setNoDelay(connecting.number())) return false;
     *out = {.readHandle = accepted.take(), .writeHandle = connecting.take()};

@@ -1,7 +1,9 @@
 #include "lib/runtime/event_manager.h"
 
+#include <algorithm>
 #include <latch>
 #include <memory>
+#include <span>
 #include <thread>
 
 #include "tests/runtime/event_stand.h"
@@ -32,6 +34,14 @@ struct EventManagers : testing::Test {
         ASSERT_EQ(pelmoEvent_CreateTimer(&timer, queue, countDownOnce, 0.001, &fired),
                   kStatusSuccess);
         fired.wait();
+    }
+
+    // Is a poll under way that has the socket in it?
+    static bool isPolled(int source) {
+        LockGuard guard(evmLock);
+        const IoThread* const io = ioThreadAtLocked(0);
+        const std::span<const pollfd> pass{io->sockets.pass, io->sockets.passCount};
+        return io->inPoll && std::ranges::find(pass, source, &pollfd::fd) != pass.end();
     }
 
     RuntimeTables tables;
@@ -150,6 +160,7 @@ TEST_F(EventManagers, WatchSocketsThatComeAndGo) {
             if (i % 2 != 0) pair.ready();
             if (i % 3 != 0) std::this_thread::yield();
             EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
+            EXPECT_FALSE(isPolled(pair.ends[0]));
         }
     };
     std::thread one(churn, queue), two(churn, kFirstIoQueueId);

@@ -58,17 +58,6 @@ TEST_F(Events, AnswerByTheirKind) {
     uint32_t number = 0;
     int32_t source = 0;
     double interval = 0;
-    EXPECT_EQ(pelmoEvent_GetType(io, &number), kStatusSuccess);
-    EXPECT_EQ(number, kEventIo);
-    EXPECT_EQ(pelmoEvent_GetQueue(timer, &number), kStatusSuccess);
-    EXPECT_EQ(number, stand.queue);
-    EXPECT_EQ(pelmoEvent_GetIOType(io, &number), kStatusSuccess);
-    EXPECT_EQ(number, kIoWrite);
-    EXPECT_EQ(pelmoEvent_GetIOSource(io, &source), kStatusSuccess);
-    EXPECT_EQ(source, pair.ends[0]);
-    EXPECT_EQ(pelmoEvent_GetTimerInterval(timer, &interval), kStatusSuccess);
-    EXPECT_EQ(interval, 1.5);
-
     const char* text = nullptr;
     for (const uint32_t wrong : {timer, uint32_t{999'999}, stand.queue}) {
         EXPECT_EQ(pelmoEvent_GetIOType(wrong, &number), kStatusInvalidEvent);

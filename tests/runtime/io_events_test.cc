@@ -39,6 +39,15 @@ TEST_F(IoEvents, AreOutOfTheSetFromFiringToDispatch) {
     EXPECT_EQ(fired, (std::vector{event, event}));
 }
 
+TEST_F(IoEvents, ThatAreDestroyedCantComeBack) {
+    const uint32_t event = watch(stand.queue, pair.ends[0], kIoRead);
+    Held<Event> held;
+    ASSERT_EQ(held.get(event, IdAccess::kUnlocked), kStatusSuccess);
+    EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
+    EXPECT_EQ(Event_UnregisterIO(held.pointer()), kStatusInvalidEvent);
+    EXPECT_EQ(Event_RegisterIO(held.pointer()), kStatusInvalidEvent);
+}
+
 TEST_F(IoEvents, StayInTheSetOnAnIoQueue) {
     const uint32_t event = watch(kFirstIoQueueId, pair.ends[0], kIoRead);
     pair.ready();
