@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 
+#include "lib/msg/envelope.h"
 #include "lib/msg/message.h"
 #include "lib/pelmo/pelmo.h"
 #include "lib/runtime/id.h"
@@ -56,7 +57,16 @@ constexpr IdType kEvent = IdType::kEvent;
 constexpr IdType kTransport = IdType::kTransport;
 constexpr IdType kDispatcher = IdType::kDispatcher;
 
+// What only a network transport can follow; a bad id is told first.
+#define NETWORK_SETTING(call)                                                                  \
+    {                                                                                          \
+#call, kTransport, kStatusInvalidTransport, [](uint32_t id, uint32_t) { return call; } \
+    }
+
 uint32_t made;
+pelmoMsg* sent;
+char text[64];
+const char* name;
 pelmoMsg* polled;
 uint32_t policy, most, discard;
 
@@ -166,12 +176,55 @@ const Call kCalls[] = {
     {"pelmoDispatcher_Destroy", kDispatcher, kStatusInvalidDispatcher,
      [](uint32_t id, uint32_t) { return pelmoDispatcher_Destroy(id); }, nullptr, kStatusSuccess,
      kAnyKind, true},
+
+    {"pelmoTransport_Send", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t) { return pelmoTransport_Send(id, sent); },
+     [](uint32_t id, uint32_t) { return pelmoTransport_Send(id, nullptr); }, kStatusInvalidMessage},
+    {"pelmoTransport_Sendv", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t) { return pelmoTransport_Sendv(id, &sent, 1); },
+     [](uint32_t id, uint32_t) { return pelmoTransport_Sendv(id, nullptr, 1); }},
+    {"pelmoTransport_SendRequest", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t) { return pelmoTransport_SendRequest(id, sent, &polled, 0.0); },
+     [](uint32_t id, uint32_t) { return pelmoTransport_SendRequest(id, sent, nullptr, 0.0); }},
+    {"pelmoTransport_CreateInbox", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t) { return pelmoTransport_CreateInbox(id, text, sizeof text); },
+     [](uint32_t id, uint32_t) { return pelmoTransport_CreateInbox(id, nullptr, sizeof text); }},
+    {"pelmoTransport_SendAdvisory", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t) {
+         return pelmoTransport_SendAdvisory(id, "INFO", "A", "B", nullptr);
+     },
+     [](uint32_t id, uint32_t) {
+         return pelmoTransport_SendAdvisory(id, nullptr, "A", "B", nullptr);
+     }},
+    NETWORK_SETTING(pelmoTransport_SetDescription(id, "text")),
+    NETWORK_SETTING(pelmoTransport_SetHttpAddress(id, "text")),
+    NETWORK_SETTING(pelmoTransport_SetEcho(id, true)),
+    NETWORK_SETTING(pelmoTransport_RequestReliability(id, 1.0)),
+    NETWORK_SETTING(pelmoTransport_SetBatchMode(id, 1)),
+    NETWORK_SETTING(pelmoTransport_SetBlockingOnExcessiveBacklog(id, true)),
+    NETWORK_SETTING(pelmoTransport_SetSendingWaitLimit(id, 1)),
+    NETWORK_SETTING(pelmoTransport_HoldSends(id)),
+    NETWORK_SETTING(pelmoTransport_ReleaseSends(id)),
+    NETWORK_SETTING(pelmoTransport_SetHidden(id, false)),
+    NETWORK_SETTING(pelmoTransport_GetService(id, &name)),
+    NETWORK_SETTING(pelmoTransport_GetNetwork(id, &name)),
+    NETWORK_SETTING(pelmoTransport_GetDaemon(id, &name)),
+    NETWORK_SETTING(pelmoTransport_GetDescription(id, &name)),
+    NETWORK_SETTING(pelmoTransport_GetHttpAddress(id, &name)),
+    NETWORK_SETTING(pelmoTransport_GetSendingWaitLimit(id, &most)),
+    NETWORK_SETTING(pelmoTransport_SetFirstListenerOnly(id)),
+    NETWORK_SETTING(pelmoTransport_SetQuietUnhandled(id)),
+    {"pelmoTransport_Destroy", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t) { return pelmoTransport_Destroy(id); }, nullptr, kStatusSuccess,
+     kAnyKind, true},
 };
 
 // One object of each kind, and one of each type that is gone.
 struct Objects {
     Objects() {
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_Create(&sent), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_SetSendSubject(sent, "B"), kStatusSuccess);
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
         for (uint32_t* const out : {&goneQueue, &queue}) {
             EXPECT_EQ(pelmoQueue_Create(out), kStatusSuccess);
@@ -197,6 +250,7 @@ struct Objects {
     }
     ~Objects() {
         pelmo_Close();
+        pelmoMsg_Destroy(sent);
         for (const int socket : sockets)
             close(socket);
     }
