@@ -69,6 +69,11 @@ struct Log : testing::Test {
         return logOpen(path.c_str(), limitBytes, rotations, header);
     }
 
+    [[nodiscard]] std::string renameRefused(int number) const {
+        return line("failed to rename '" + path + "' to '" + path + std::to_string(number) +
+                    "' during log rotation.");
+    }
+
     [[nodiscard]] Files files() const {
         Files all;
         for (const std::string& name : folder.names()) {
@@ -96,31 +101,25 @@ TEST_F(Log, WritesToStandardErrorUntilAFileIsOpenAndAfterwards) {
 }
 
 TEST_F(Log, LinesHaveTheirForm) {
-    const std::string thread = std::to_string(Thread_Number());
-    const std::string longText(3000, 'x');
+    const std::string module = "[queue][" + std::to_string(Thread_Number()) + "]: ";
     ASSERT_EQ(open(0, 0, "\nProduct 100%s %n\n"), kStatusSuccess);
-    logPrint("ends in a break\n");
-    logPrint("%s", longText.c_str());
     logPrint("%s", "");
     printModule("queue", "%s(%u)", "create", 7u);
-    printModule("queue", "%s", longText.c_str());
     logSetUtcStamp(true);
     logPrint("traced");
     FixedClock::set(1709247599, 0);
     logPrint("whole second");
     logSetUtcStamp(false);
-    const std::string module = "[queue][" + thread + "]: ";
-    EXPECT_EQ(readFile(path), line("\nProduct 100%s %n\n") + line("ends in a break\n") +
-                                  line(longText) + line("") + line(module + "create(7)") +
-                                  line(module + longText) + kUtcStamp +
+    EXPECT_EQ(readFile(path), line("\nProduct 100%s %n\n") + line("") + line(module + "create(7)") +
+                                  kUtcStamp +
                                   " tool: traced\n2024-02-29 22:59:59Z tool: whole second\n");
 }
 
-// The line buffer's edge: around its size lines are written whole, by one road or the other.
+// Around the line buffer's size and far above it: written whole, by one road or the other.
 TEST_F(Log, LinesOfAnyLengthAreWhole) {
     ASSERT_EQ(open(0, 0, nullptr), kStatusSuccess);
     std::string expected;
-    for (size_t length = 980; length < 1030; ++length) {
+    for (size_t length = 980; length < 3000; length += length == 1030 ? 1900 : 1) {
         const std::string text = std::string(length, 'y') + "end";
         logPrint("%s", text.c_str());
         expected += line(text);
@@ -140,17 +139,9 @@ TEST_F(Log, RotatesAtItsLimit) {
         std::vector<const char*> lines;
         Files after;
     } cases[] = {
-        {"no limit", {}, 0, 2, nullptr, {"a", "b"}, {{"log", a + b}}},
-        {"appends, header again",
-         {{"log", "old\n"}},
-         0,
-         0,
-         "head",
-         {"a"},
-         {{"log", "old\n" + head + a}}},
         {"one below", {}, twoLines + 1, 2, nullptr, {"a", "b"}, {{"log", a + b}}},
         {"met", {}, twoLines, 2, nullptr, {"a", "b", "c"}, {{"log", c}, {"log1", a + b}}},
-        {"one above", {}, twoLines - 1, 2, nullptr, {"a", "b", "c"}, {{"log", c}, {"log1", a + b}}},
+        {"the largest limit", {}, 2147483648, 1, nullptr, {"a"}, {{"log", a}}},
         {"met with what was there",
          {{"log", a}},
          twoLines,
@@ -158,17 +149,7 @@ TEST_F(Log, RotatesAtItsLimit) {
          nullptr,
          {"b"},
          {{"log", ""}, {"log1", a + b}}},
-        {"the largest limit", {}, 2147483648, 1, nullptr, {"a"}, {{"log", a}}},
-        {"full at the start", {{"log", a}}, 1, 2, "head", {}, {{"log", a + head}}},
-        {"full at the start, a line",
-         {{"log", a}},
-         1,
-         2,
-         "head",
-         {"b"},
-         {{"log", head}, {"log1", a + head + b}}},
         {"ring wraps", {}, 1, 2, nullptr, {"a", "b", "c"}, {{"log", ""}, {"log1", c}, {"log2", b}}},
-        {"ring of one", {{"log1", "old"}}, 1, 1, nullptr, {"a", "b"}, {{"log", ""}, {"log1", b}}},
         {"starts over in place",
          {{"log1", "old"}},
          static_cast<uint32_t>(head.size()) + twoLines,
@@ -187,7 +168,9 @@ TEST_F(Log, RotatesAtItsLimit) {
         }
         ASSERT_EQ(open(each.limitBytes, each.rotations, each.header), kStatusSuccess);
         for (const char* text : each.lines) {
+            errno = EXDEV;
             logPrint("%s", text);
+            EXPECT_EQ(errno, EXDEV);  // callers ask it after they logged what failed
         }
         logClose();
         EXPECT_EQ(files(), each.after);
@@ -216,16 +199,12 @@ TEST_F(Log, TextThatPassesByTheLogRotatesItToo) {
 TEST_F(Log, RefusedRenameEmptiesTheFileAndKeepsTheNumber) {
     fs::create_directory(folder.path("log1"));
     ASSERT_EQ(open(1, 3, "head"), kStatusSuccess);
-    const std::string told =
-        line("failed to rename '" + path + "' to '" + path + "1' during log rotation.");
     logPrint("a");
     EXPECT_EQ(readFile(path), line("head"));
-    EXPECT_EQ(err.text(), told);
-
     fs::remove(folder.path("log1"));
     logPrint("b");
     EXPECT_EQ(files(), Files({{"log", line("head")}, {"log1", line("head") + line("b")}}));
-    EXPECT_EQ(err.text(), told);
+    EXPECT_EQ(err.text(), renameRefused(1));
 }
 
 TEST_F(Log, GoesOnOnStandardErrorWhereTheFileIsRefusedAndComesBack) {
@@ -244,31 +223,11 @@ TEST_F(Log, GoesOnOnStandardErrorWhereTheFileIsRefusedAndComesBack) {
     std::fputs("a report under way is not harmed\n", stream);
 
     // The old file was moved aside already, so that a rename has nothing to move the next time.
-    const std::string rename =
-        line("failed to rename '" + path + "' to '" + path + "2' during log rotation.");
     logPrint("%s", longText.c_str());
-    EXPECT_EQ(err.text(), told + line(longText) + rename);
+    EXPECT_EQ(err.text(), told + line(longText) + renameRefused(2));
     EXPECT_EQ(logStreamGet(), stream);
     logPrint("b");
     EXPECT_EQ(readFile(path), line("head") + line("b"));
-}
-
-TEST_F(Log, StandsALostDirectory) {
-    const Folder other;
-    path = other.path("log");
-    ASSERT_EQ(open(1, 3, nullptr), kStatusSuccess);
-    fs::remove_all(other.root);
-    const std::string rename =
-        line("failed to rename '" + path + "' to '" + path + "1' during log rotation.");
-    const std::string reopen = line("failed to open log file '" + path + "' during log rotation.");
-    logPrint("a");  // lost with its file
-    logPrint("b");
-    EXPECT_EQ(err.text(), rename + reopen + line("b") + rename + reopen);
-
-    fs::create_directory(other.root);
-    logPrint("c");
-    logPrint("d");
-    EXPECT_EQ(readFile(other.path("log1")), line("d"));
 }
 
 TEST_F(Log, StandsAFullDiskAndLeavesDevicesAlone) {
@@ -289,7 +248,6 @@ TEST_F(Log, StandsAFullDiskAndLeavesDevicesAlone) {
 TEST_F(Log, TellsWhyItCannotOpen) {
     path = folder.path("none/log");
     EXPECT_EQ(open(1, 1, "head"), kStatusInitFailed);
-    EXPECT_EQ(err.text(), line("failed to open log file '" + path + "'."));
     logPrint("b");
     EXPECT_EQ(err.text(), line("failed to open log file '" + path + "'.") + line("b"));
     EXPECT_EQ(logOpen(nullptr, 1, 1, "head"), kStatusSuccess);
@@ -332,13 +290,6 @@ TEST_F(Log, FollowsAStreamThatStaysTheCallers) {
     EXPECT_EQ(err.text(), line("b"));
 }
 
-TEST_F(Log, LeavesErrnoAlone) {
-    ASSERT_EQ(open(1, 0, nullptr), kStatusSuccess);
-    errno = EXDEV;
-    logPrint("a");
-    EXPECT_EQ(errno, EXDEV);
-}
-
 // Four threads log, a fifth writes reports to the stream by itself, and the file rotates all the
 // time: each line comes out whole and once.
 TEST_F(Log, LinesOfManyThreadsNeverMix) {
@@ -346,40 +297,37 @@ TEST_F(Log, LinesOfManyThreadsNeverMix) {
     constexpr int kLines = 300;
     ASSERT_EQ(open(2000, 1000, "head"), kStatusSuccess);
     FILE* stream = logStreamGet();
+    std::vector<std::string> expected;
     std::vector<std::jthread> threads;
-    for (int thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([thread] {
-            for (int i = 0; i < kLines; ++i) {
-                logPrint("thread %d line %d %.*s", thread, i, i % 100,
-                         std::string(99, '.').c_str());
+    for (int thread = 0; thread <= kThreads; ++thread) {
+        std::vector<std::string> texts;
+        for (int i = 0; i < kLines; ++i) {
+            texts.push_back(std::to_string(thread) +
+                            std::string(static_cast<size_t>(i % 100), '.') + std::to_string(i));
+            expected.push_back(thread < kThreads ? line(texts.back()) : texts.back() + "\n");
+        }
+        threads.emplace_back([thread, stream, texts] {
+            for (const std::string& text : texts) {
+                if (thread < kThreads) {
+                    logPrint("%s", text.c_str());
+                } else {
+                    std::fprintf(stream, "%s\n", text.c_str());
+                    if (text.ends_with('0')) std::fflush(stream);
+                    logCheckRotation();
+                }
             }
         });
     }
-    threads.emplace_back([stream] {
-        for (int i = 0; i < kLines; ++i) {
-            std::fprintf(stream, "report %d\n", i);
-            if (i % 10 == 0) std::fflush(stream);
-            logCheckRotation();
-        }
-    });
     threads.clear();
     logClose();
     std::fputs("written after the end, to nowhere\n", stream);
 
-    std::vector<std::string> found, expected;
+    std::vector<std::string> found;
     for (const auto& [name, text] : files()) {
         EXPECT_TRUE(name == "log1" || text.starts_with(line("head"))) << name;
         std::istringstream lines(text);
         for (std::string each; std::getline(lines, each);) {
             if (each + "\n" != line("head")) found.push_back(each + "\n");
-        }
-    }
-    for (int i = 0; i < kLines; ++i) {
-        expected.push_back("report " + std::to_string(i) + "\n");
-        for (int thread = 0; thread < kThreads; ++thread) {
-            const auto dots = std::string(static_cast<size_t>(i % 100), '.');
-            expected.push_back(line("thread " + std::to_string(thread) + " line " +
-                                    std::to_string(i) + " " + dots));
         }
     }
     std::ranges::sort(found);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -56,12 +57,6 @@ TEST(AbsolutePath, IsNoneWhereTheDirectoryCannotBeRead) {
     }
     EXPECT_EQ(resolved("f"), "");
     EXPECT_EQ(resolved("/f"), "/f");
-
-    const std::string gone = folder.path("gone");
-    ASSERT_EQ(mkdir(gone.c_str(), 0700), 0);
-    ASSERT_EQ(chdir(gone.c_str()), 0);
-    ASSERT_EQ(rmdir(gone.c_str()), 0);
-    EXPECT_EQ(resolved("f"), "");
 }
 
 TEST(AbsolutePath, IsNoneWithoutMemory) {
@@ -80,21 +75,11 @@ TEST(FileSize, NeverShowsALargeFileAsSmall) {
     EXPECT_EQ(fileSize(path.c_str()), UINT32_MAX);
     EXPECT_EQ(fileSize64(path.c_str()), UINT64_MAX);
 
-    const struct {
-        uint64_t sizeBytes;
-        uint32_t expected;
-    } cases[] = {
-        {0, 0},
-        {5, 5},
-        {UINT32_MAX - 1, UINT32_MAX - 1},
-        {UINT32_MAX, UINT32_MAX - 1},
-        {uint64_t{UINT32_MAX} + 1, UINT32_MAX - 1},
-    };
     writeFile(path, "");
-    for (const auto& c : cases) {
-        ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(c.sizeBytes)), 0);
-        EXPECT_EQ(fileSize(path.c_str()), c.expected);
-        EXPECT_EQ(fileSize64(path.c_str()), c.sizeBytes);
+    for (const uint64_t sizeBytes : {uint64_t{5}, uint64_t{UINT32_MAX}, uint64_t{1} << 32}) {
+        ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(sizeBytes)), 0);
+        EXPECT_EQ(fileSize(path.c_str()), std::min<uint64_t>(sizeBytes, UINT32_MAX - 1));
+        EXPECT_EQ(fileSize64(path.c_str()), sizeBytes);
     }
 }
 
