@@ -7,23 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/container_values.h"
+
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using Bytes = Packed;
+using Texts = std::vector<std::string>;
 
 const std::string k127(127, 'x');
-
-// Exactly as many bytes as its length, so that the address sanitizer sees one read too far.
-Bytes pack(const std::string& text) {
-    uint8_t buffer[256];
-    const int32_t length = subjectFromText(buffer, sizeof buffer, text.c_str());
-    return length < 0 ? Bytes() : Bytes(buffer, buffer + length);
-}
-
-std::string unpack(const Bytes& subject) {
-    char buffer[kSubjectTextBytes];
-    return subjectToText(buffer, sizeof buffer, subject.data()) == nullptr ? "(none)" : buffer;
-}
 
 // A head that fits the bytes behind it.
 Bytes wire(uint8_t count, const Bytes& elements) {
@@ -36,20 +27,19 @@ TEST(Subject, PacksWhatIsWellFormedText) {
     EXPECT_EQ(pack("A.B"), (Bytes{0, 9, 2, 3, 'A', 0, 3, 'B', 0}));
     EXPECT_EQ(pack(k127).size(), 132u);
 
-    for (const std::string& text :
-         {std::string("A"), std::string("A.B"), std::string("A.>"), std::string(">"),
-          std::string(">>"), std::string(">>.A"), std::string("*.*.>"), k127,
-          k127 + "." + std::string(119, 'y'), std::string("_INBOX.\xc3\xa4 b")}) {
+    const Texts sound = {
+        "A", "A.>", ">", ">>.A", "*.*.>", k127 + "." + std::string(119, 'y'), "_INBOX.\xc3\xa4 b"};
+    for (const std::string& text : sound) {
         const Bytes subject = pack(text);
         ASSERT_FALSE(subject.empty()) << text;
         EXPECT_TRUE(subjectIsValid(subject.data()));
-        EXPECT_EQ(unpack(subject), text);
+        EXPECT_EQ(unpack(subject.data()), text);
         EXPECT_EQ(subjectTextSize(text.c_str()), static_cast<int32_t>(subject.size()) - 4);
     }
-    for (const std::string& text :
-         {std::string(), std::string("."), std::string(".A"), std::string("A."),
-          std::string("A..B"), k127 + "x", std::string(">.A"), std::string("A.>.B"),
-          k127 + "." + std::string(122, 'y')}) {
+    const Texts unsound = {"",    ".",     ".A",
+                           "A.",  "A..B",  k127 + "x",
+                           ">.A", "A.>.B", k127 + "." + std::string(122, 'y')};
+    for (const std::string& text : unsound) {
         EXPECT_TRUE(pack(text).empty()) << text;
     }
 }
@@ -60,8 +50,6 @@ TEST(Subject, FitsTheBufferToTheByte) {
     for (const int32_t size : {8, 6, 3, 0, -1}) {
         EXPECT_EQ(subjectFromText(buffer, size, "A.B"), -1) << size;
     }
-    EXPECT_EQ(subjectFromText(buffer, 9, nullptr), -1);
-    EXPECT_EQ(subjectFromText(buffer, 9, "A.B.C"), -1);
 
     // 255 bytes are the most, whatever the buffer holds.
     uint8_t large[600];
@@ -69,6 +57,11 @@ TEST(Subject, FitsTheBufferToTheByte) {
     EXPECT_EQ(subjectFromText(large, sizeof large, most.c_str()), 255);
     EXPECT_EQ(subjectFromText(large, sizeof large, (most + "y").c_str()), -1);
     EXPECT_EQ(subjectFromText(large, sizeof large, (most + ".y").c_str()), -1);
+    EXPECT_EQ(subjectInit(large, sizeof large), 3);
+    EXPECT_EQ(subjectAppend(large, sizeof large, std::string(251, 'x').c_str()), -1);
+    EXPECT_EQ(subjectAppend(large, sizeof large, std::string(900, 'x').c_str()), -1);
+    EXPECT_EQ(subjectAppend(large, sizeof large, std::string(250, 'x').c_str()), 255);
+    EXPECT_TRUE(subjectIsValid(large));
 
     // As the wire form, although the text would be shorter.
     char text[9];
@@ -77,12 +70,7 @@ TEST(Subject, FitsTheBufferToTheByte) {
 }
 
 TEST(Subject, JudgesBytesFromOutside) {
-    Bytes most(255, 0);
-    most[1] = 255;
-    most[2] = 126;
-    for (size_t i = 3; i < most.size(); i += 2) {
-        most[i] = 2;
-    }
+    const Bytes most = subjectOf126Elements();
     Bytes tooMany = most;
     tooMany[2] = 125;
 
@@ -93,27 +81,21 @@ TEST(Subject, JudgesBytesFromOutside) {
     } cases[] = {
         {"empty", wire(0, {}), true},
         {"empty, counts one", wire(1, {}), false},
-        {"one element", wire(1, {3, 'A', 0}), true},
-        {"no characters", wire(1, {2, 0}), true},
         {"two, one without characters", wire(2, {2, 0, 3, 'A', 0}), true},
-        {"wildcards", wire(2, {3, '>', 0, 3, '*', 0}), true},
         {"NUL among the characters", wire(1, {5, 'A', 0, 'B', 0}), true},
         {"126 elements", most, true},
         {"counts 125 of 126", tooMany, false},
         {"no NUL", wire(1, {2, 'A'}), false},
         {"no NUL at the second", wire(2, {3, 'A', 0, 3, 'B', 'C'}), false},
-        {"counts too few", wire(1, {3, 'A', 0, 3, 'B', 0}), false},
         {"counts too many", wire(3, {3, 'A', 0, 3, 'B', 0}), false},
         {"counts none", wire(0, {3, 'A', 0}), false},
         {"element runs out", wire(1, {4, 'A', 0}), false},
         {"element size 255", wire(1, {255, 'A', 0}), false},
         {"left over", wire(1, {3, 'A', 0, 0}), false},
-        {"size 0", wire(1, {0, 0}), false},
         {"size 0 behind a NUL", wire(2, {2, 0, 0}), false},
         {"size 0, counts 255", wire(255, {2, 0, 0, 0}), false},
         {"size 1", wire(1, {1, 0}), false},
         {"size 1 at the end", wire(2, {2, 0, 1}), false},
-        {"length 0", {0, 0}, false},
         {"length 2", {0, 2}, false},
         {"length 256", {1, 0}, false},
         {"length 259", {1, 3}, false},
@@ -126,7 +108,7 @@ TEST(Subject, JudgesBytesFromOutside) {
             EXPECT_EQ(subjectFieldIsValid(field.data()), valid && right) << name;
         }
     }
-    EXPECT_EQ(unpack(wire(3, {2, 0, 5, 'A', 0, 'B', 0, 2, 0})), ".A.");
+    EXPECT_EQ(unpack(wire(3, {2, 0, 5, 'A', 0, 'B', 0, 2, 0}).data()), ".A.");
 }
 
 TEST(Subject, IsBuiltElementByElement) {
@@ -142,14 +124,6 @@ TEST(Subject, IsBuiltElementByElement) {
     EXPECT_STREQ(subjectElement(buffer, 2), "C");
     EXPECT_EQ(subjectElement(buffer, 0), nullptr);
     EXPECT_EQ(subjectElement(buffer, 3), nullptr);
-
-    // The form's own limit holds in a larger buffer.
-    uint8_t large[1000];
-    EXPECT_EQ(subjectInit(large, sizeof large), 3);
-    EXPECT_EQ(subjectAppend(large, sizeof large, std::string(251, 'x').c_str()), -1);
-    EXPECT_EQ(subjectAppend(large, sizeof large, std::string(900, 'x').c_str()), -1);
-    EXPECT_EQ(subjectAppend(large, sizeof large, std::string(250, 'x').c_str()), 255);
-    EXPECT_TRUE(subjectIsValid(large));
 }
 
 TEST(Subject, CopiesARangeOfElements) {
@@ -167,7 +141,7 @@ TEST(Subject, CopiesARangeOfElements) {
         target.resize(50);
         EXPECT_EQ(subjectCopyElements(target.data(), size, pack("a.b.c").data(), first, last),
                   result);
-        EXPECT_EQ(unpack(target), text);
+        EXPECT_EQ(unpack(target.data()), text);
     }
 }
 
@@ -184,16 +158,14 @@ TEST(Subject, KnowsWildcardsAndTextSizes) {
 }
 
 TEST(Subject, SortsElementByElement) {
-    const std::vector<std::string> order = {"A",  "A.B",  "A.B.C", "A.BA", "A.C",
-                                            "AB", "AB.A", "B",     "a",    "a.A",
-                                            "aa", "\x7f", "\x80",  "\xff", "\xff\xff"};
-    std::vector<std::string> shuffled = order;
+    const Texts order = {"A", "A.B", "A.B.C", "A.BA", "A.C",  "AB",   "AB.A",
+                         "B", "a",   "a.A",   "aa",   "\x7f", "\x80", "\xff"};
+    Texts shuffled = order;
     std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(3));
     std::sort(shuffled.begin(), shuffled.end(), [](const auto& left, const auto& right) {
         return subjectCompare(pack(left).data(), pack(right).data()) < 0;
     });
     EXPECT_EQ(shuffled, order);
-    EXPECT_EQ(subjectCompare(pack("A.B").data(), pack("A.B").data()), 0);
     EXPECT_LT(subjectCompare(wire(0, {}).data(), pack("A").data()), 0);
 }
 
