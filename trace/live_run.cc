@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "lib/base/clock.h"
+#include "lib/base/cond.h"
 #include "lib/base/log.h"
 #include "lib/base/thread.h"
 #include "trace/capture_session.h"
@@ -21,6 +22,10 @@ struct LiveRun {
 
     // Of the timer thread.
     bool reportsLost = false;
+
+    Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
+    Cond reportEnded = {};  // made at the start
+    bool reporting PELMO_GUARDED_BY(lock) = false;
 };
 
 constinit LiveRun liveRun;
@@ -43,7 +48,17 @@ void tellOfLostReports() {
     std::clearerr(stdout);
 }
 
+void setReporting(bool reporting) {
+    const LockGuard guard(liveRun.lock);
+    liveRun.reporting = reporting;
+    if (!reporting) Cond_Signal(&liveRun.reportEnded);
+}
+
 }  // namespace
+
+pelmoStatus liveRunInit() {
+    return Cond_Init(&liveRun.reportEnded);
+}
 
 pelmoStatus captureThreadStart() {
     return Thread_Create(&liveRun.captureThread, capture, nullptr);
@@ -60,12 +75,25 @@ void onSnapshotTimer() {
     clockNow(&now);
     SnapHeader* const snapshot = snapshotTake({now.seconds, now.nanoseconds});
     if (snapshot == nullptr) return;
+    setReporting(true);
     printSnapshot(snapshot);
     tellOfLostReports();
+    setReporting(false);
 }
 
 void waitForStop() {
-    (void)stopWaitInit(nullptr);
+    const pelmoStatus status = stopWaitInit(nullptr);
+    if (status != kStatusSuccess) {
+        logPrint("unable to wait for a stop signal: %s.", pelmoStatus_GetText(status));
+    }
     stopWaitRun();
     stopWaitCleanup();
+}
+
+bool reportEndsWithin(double seconds) {
+    const LockGuard guard(liveRun.lock);
+    while (liveRun.reporting) {
+        if (Cond_TimedWait(&liveRun.reportEnded, &liveRun.lock, seconds) == kStatusTimeout) break;
+    }
+    return !liveRun.reporting;
 }

@@ -6,6 +6,9 @@
 
 #include "lib/base/status.h"
 
+// Ahead of the timers. kStatusNoMemory.
+[[nodiscard]] pelmoStatus liveRunInit();
+
 // The capture thread lives until libpcap fails, which the log tells; the process goes on without
 // it. kStatusNoMemory, kStatusNotInitialized where the system refuses the thread.
 [[nodiscard]] pelmoStatus captureThreadStart();
@@ -20,3 +23,8 @@ void onSnapshotTimer();
 
 // Returns when a signal has come.
 void waitForStop();
+
+// For the shutdown: does the report under way, if there is one, end within these seconds? It
+// doesn't where its reader has stalled, and whoever waits for the timer thread would then wait for
+// ever.
+[[nodiscard]] bool reportEndsWithin(double seconds);

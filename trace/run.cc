@@ -30,6 +30,7 @@ namespace {
 constexpr const char* kProgramName = "pelmoscope";
 constexpr char kBanner[] = "\nPelmo trace program\n\nVersion 8.5.2 V1 11/12/20 06:42:40\n";
 constexpr double kRotationCheckSeconds = 1.0;
+constexpr double kLastReportSeconds = 0.5;
 
 // A standard stream that the caller closed would lend its number to the next file opened, and log
 // lines and reports would land in a capture.
@@ -134,6 +135,7 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, openCaptureFile},
     {kEitherMode, filterSource},
     {kLiveOnly, markStart},
+    {kLiveOnly, liveRunInit},
     {kEitherMode, pelmo_Open},
     {kEitherMode, startRotationTimer},
     {kLiveOnly, startSnapshotTimer},
@@ -175,8 +177,10 @@ void stopTrace() {
     captureThreadRelease();
     closeCaptureFile();
     logClose();
-    // All that was captured is safe. What may still take its time is a report that nobody reads.
     if (traceSettings.liveCapture) stopWaitRelease();
+    // All that was captured is safe by now. A report that nobody reads holds its thread and its
+    // stream, and every orderly end would wait for both.
+    if (!reportEndsWithin(kLastReportSeconds)) std::_Exit(EXIT_SUCCESS);
     pelmo_Close();
 }
 

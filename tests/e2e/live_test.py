@@ -174,7 +174,9 @@ class Live(unittest.TestCase):
         tool.wait_for_reports(len(tool.reports()) + 2)
         self.stop_in_order(tool)
 
-    def test_a_reader_that_stalls_costs_no_packet(self):
+    def start_behind_a_reader_that_stalls(self):
+        """The tool, its reader's end, what was read until the stall, what was sent, a test of the
+        stall."""
         reader, writer = os.pipe()
         self.addCleanup(os.close, reader)
         fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
@@ -193,6 +195,15 @@ class Live(unittest.TestCase):
             calls = [(task / "syscall").read_text().split() for task in tasks.iterdir()]
             return any(call[0] in SYS_WRITE and call[1] == "0x1" for call in calls)
         wait_until(stalls, "a report that waits for its reader")
+        return tool, reader, text, first, stalls
+
+    def test_a_reader_that_stalls_holds_up_no_end(self):
+        tool, _, _, _, stalls = self.start_behind_a_reader_that_stalls()
+        self.assertTrue(stalls())
+        self.stop_in_order(tool)
+
+    def test_a_reader_that_stalls_costs_no_packet(self):
+        tool, reader, text, first, stalls = self.start_behind_a_reader_that_stalls()
         # Several times what libpcap's buffer holds, from senders of another port.
         second = self.send_all("--count", "60000", "--rate", "30000", "--subjects", "1000",
                                "--first-port", "7600")
