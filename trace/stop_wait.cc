@@ -16,6 +16,7 @@
 namespace {
 
 constexpr double kRestartSeconds = 1.0;
+constexpr double kLookSeconds = 1.0;
 constexpr int kStopSignals[] = {SIGINT, SIGTERM};
 
 struct StopWait {
@@ -136,10 +137,18 @@ pelmoStatus stopWaitInit(StopCallback callback) {
     return kStatusSuccess;
 }
 
+// While the loopback interface is down no byte gets through a pair, and nothing tells: the signal
+// itself is looked at now and then.
 void stopWaitRun() {
-    const LockGuard guard(stop.lock);
-    while (stop.armed && !stop.requested)
-        Cond_Wait(&stop.event, &stop.lock);
+    StopCallback callback = nullptr;
+    {
+        const LockGuard guard(stop.lock);
+        while (stop.armed && !stop.requested) {
+            const pelmoStatus status = Cond_TimedWait(&stop.event, &stop.lock, kLookSeconds);
+            if (status == kStatusTimeout) callback = decideLocked();
+        }
+    }
+    if (callback != nullptr) callback();
 }
 
 void stopWaitCleanup() {

@@ -1,8 +1,9 @@
 // Waits for the signal that ends a live run: SIGINT or SIGTERM.
 //
 // The handler only writes a byte to a wake-up pair; the first IO thread takes it up and wakes the
-// waiter. Where the pair breaks and can't be remade, a timer tries again each second, and looks for
-// a signal that came meanwhile.
+// waiter, who also looks each second whether a signal came that the pair couldn't carry. Where the
+// pair breaks and can't be remade, a timer tries again each second, and looks for a signal that
+// came meanwhile.
 //
 //     (void)stopWaitInit(nullptr);
 //     stopWaitRun();
@@ -12,7 +13,7 @@
 // it where a broken pair has no timer either, which the log tells.
 //
 // Threads: one thread inits, runs and cleans up, with the library open. The callback runs on the
-// library's threads, with no lock held.
+// library's threads or the waiting one, with no lock held.
 
 #pragma once
 
