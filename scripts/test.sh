@@ -15,8 +15,8 @@ case "${1:-}" in
 esac
 
 jobs=$(nproc)
-# Where threads meet.
-threaded_suites=(base_tests msg_tests)
+# Where threads meet. The preset keeps assertions, so that the ranks of locks are checked as well.
+threaded_suites=(base_tests msg_tests runtime_tests transport_tests pelmo_tests trace_tests)
 export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=0:detect_stack_use_after_return=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
