@@ -6,11 +6,10 @@
 #include <vector>
 
 #include "tests/support/capture_file.h"
+#include "tests/support/capture_reset.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/trace_run.h"
-#include "trace/capture_session.h"
-#include "trace/capture_state.h"
 
 namespace {
 
@@ -56,30 +55,24 @@ Lines noIp(const std::string& length) {
 }
 
 struct Frame : testing::Test {
-    Frame() { handed.clear(); }
-    ~Frame() override {
-        captureState.savingFrames = false;
-        captureState.shuttingDown = false;
-        if (captureState.dumpHandle != nullptr) closeDump(captureState.dumpHandle);
-        captureState.dumpHandle = nullptr;
-        captureState.captureBytes = 0;
-        if (source != nullptr) pcap_close(source);
+    Frame() {
+        handed.clear();
+        captureState.captureHandle = pcap_open_dead(DLT_EN10MB, 65535);
     }
+    ~Frame() override { resetCapture(); }
 
     void saveTo(const std::string& path) {
-        captureState.dumpHandle = openDump(source, path.c_str());
+        captureState.dumpHandle = openDump(captureState.captureHandle, path.c_str());
         captureState.savingFrames = true;
     }
 
     TraceRun run;
-    pcap_t* source = pcap_open_dead(DLT_EN10MB, 65535);
 };
 
 TEST_F(Frame, IsStrippedToItsIpPacket) {
     const Bytes ipType = {8, 0};
     const Bytes arpType = {8, 6};
     const Bytes twenty = counting(20);
-    const Bytes large = counting(3000);
     const struct {
         const char* what;
         Bytes frame;
@@ -87,13 +80,10 @@ TEST_F(Frame, IsStrippedToItsIpPacket) {
         Lines logged;
     } cases[] = {
         {"empty", {}, {}, {kNoEthernet}},
-        {"13 bytes", cut(joined({macs(), ipType}), 13), {}, {kNoEthernet}},
         {"13 of bare IP", counting(13), {}, {kNoEthernet}},
         {"no IP", joined({macs(), ipType}), {}, noIp("0")},
         {"19 of IP", joined({macs(), ipType, counting(19)}), {}, noIp("19")},
         {"20 of IP", joined({macs(), ipType, twenty}), {{{}, twenty}}, {}},
-        {"much of IP", joined({macs(), ipType, large}), {{{}, large}}, {}},
-        {"14 of another type", joined({macs(), arpType}), {}, noIp("14")},
         {"19 of another type", joined({macs(), arpType, counting(5)}), {}, noIp("19")},
         {"20 of another type",
          joined({macs(), arpType, counting(6)}),
@@ -117,9 +107,7 @@ TEST_F(Frame, CarriesAnyTimeStamp) {
     } cases[] = {
         {{1700000000, 999999}, {1700000000, 999999000}},
         {{-1, 5}, {-1, 5000}},
-        {{2147483647, 0}, {2147483647, 0}},
         {{2147483648, 0}, {-2147483647 - 1, 0}},
-        {{4294967295, 0}, {-1, 0}},
         {{0, -1}, {0, 4294966296}},
         {{0, 4294967295}, {0, 4294966296}},
     };

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
-
 #include "tests/support/trace_run.h"
 
 namespace {
@@ -51,8 +49,6 @@ TEST(Multicast, TellsWhatIsWrongAndCountsItAllTheSame) {
     } cases[] = {
         {4, be32(0), "invalid oska src (00000000)"},
         {4, be32(0xffffffff), "invalid oska src (ffffffff)"},
-        {4, be32(1), ""},
-        {4, be32(0xfffffffe), ""},
         {12, be32(0), ""},
         {12, be32(ipv4(223, 255, 255, 255)), "invalid oska dst (ffffffdf)"},
         {12, be32(ipv4(224, 0, 0, 0)), ""},
@@ -87,9 +83,7 @@ TEST(Multicast, ChecksTheDataLength) {
         Lines loggedWhenCut;
     } cases[] = {
         {0, " bad=1 data=1", {invalid("0")}, " bad=1 data=1", {invalid("0")}},
-        {0xffff, " bad=1 data=1", {invalid("-1")}, " bad=1 data=1", {invalid("-1")}},
         {0x8000, " bad=1 data=1", {invalid("-32768")}, " bad=1 data=1", {invalid("-32768")}},
-        {1, " data=1 bytes=1", {}, " data=1 bytes=1", {}},
         {8, " data=1 bytes=8", {}, " data=1 bytes=8", {}},
         {9, " bad=1 data=1 bytes=9", {larger}, " data=1 bytes=9", {}},
         {0x7fff, " bad=1 data=1 bytes=32767", {larger}, " data=1 bytes=32767", {}},
@@ -118,7 +112,6 @@ TEST(Multicast, IsBadOnceHoweverMuchIsWrong) {
 }
 
 constexpr uint32_t kEpoch = 0x80000001;
-constexpr uint32_t kLaterEpoch = 0x80000002;
 constexpr uint32_t kTop = 0xffffffff;
 
 struct Step {
@@ -127,19 +120,17 @@ struct Step {
     uint32_t epoch = kEpoch;
 };
 
+// A new epoch begins anew wherever its numbers lie.
 TEST(Multicast, FollowsEachSendersSequence) {
+    constexpr uint32_t kFirst = 0x80000000;  // ahead of kEpoch
     const struct {
         const char* name;
         std::vector<Step> steps;
         std::string host;
     } cases[] = {
-        {"first is no gap", {{'d', 100}}, "lastSeq=100 data=1 bytes=8"},
-        {"in order", {{'d', 5}, {'d', 6}}, "lastSeq=6 data=2 bytes=16"},
-        {"gap", {{'d', 5}, {'d', 9}}, "lastSeq=9 gaps=3 data=2 bytes=16"},
         {"late one stays a gap",
          {{'d', 5}, {'d', 9}, {'d', 7}},
          "lastSeq=9 gaps=3 data=2 bytes=16 rdata=1 rbytes=8"},
-        {"twice the same", {{'d', 5}, {'d', 5}}, "lastSeq=5 data=1 bytes=8 rdata=1 rbytes=8"},
         {"null ahead of data",
          {{'d', 5}, {'n', 7}, {'d', 6}, {'d', 7}, {'d', 8}},
          "lastSeq=8 gaps=2 data=2 bytes=16 nulls=1 rdata=2 rbytes=16"},
@@ -156,6 +147,14 @@ TEST(Multicast, FollowsEachSendersSequence) {
         {"widest gap of a null",
          {{'n', 0}, {'n', kTop}},
          "lastSeq=4294967295 gaps=4294967295 nulls=2"},
+        {"new epoch, lower", {{'d', 500, kFirst}, {'d', 1}}, "lastSeq=1 data=2 bytes=16"},
+        {"new epoch, higher", {{'d', 5, kFirst}, {'d', 900}}, "lastSeq=900 data=2 bytes=16"},
+        {"new epoch of a null",
+         {{'d', 5, kFirst}, {'n', 900}},
+         "lastSeq=900 data=1 bytes=8 nulls=1"},
+        {"gaps beyond 32 bits",
+         {{'d', 1, kFirst}, {'d', kTop, kFirst}, {'d', 1}, {'d', kTop}},
+         "lastSeq=4294967295 gaps=8589934586 data=4 bytes=32"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -169,35 +168,6 @@ TEST(Multicast, FollowsEachSendersSequence) {
     }
 }
 
-TEST(Multicast, BeginsAnewWithANewEpoch) {
-    const struct {
-        const char* name;
-        std::vector<Step> steps;
-        std::string host;
-    } cases[] = {
-        {"data lower", {{'d', 500}, {'d', 1, kLaterEpoch}}, "lastSeq=1 data=2 bytes=16"},
-        {"data higher", {{'d', 5}, {'d', 900, kLaterEpoch}}, "lastSeq=900 data=2 bytes=16"},
-        {"null lower", {{'d', 500}, {'n', 4, kLaterEpoch}}, "lastSeq=4 data=1 bytes=8 nulls=1"},
-        {"null higher", {{'d', 5}, {'n', 900, kLaterEpoch}}, "lastSeq=900 data=1 bytes=8 nulls=1"},
-        {"gaps beyond 32 bits",
-         {{'d', 1, 0x80000009},
-          {'d', kTop, 0x80000009},
-          {'d', 1, kLaterEpoch},
-          {'d', kTop, kLaterEpoch}},
-         "lastSeq=4294967295 gaps=8589934586 data=4 bytes=32"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::vector<Bytes> packets;
-        for (const Step& step : c.steps) {
-            const PacketHead head = {.epoch = step.epoch, .seq = step.seq};
-            packets.push_back(step.kind == 'd' ? data(head) : nullPacket(head, {}));
-        }
-        EXPECT_EQ(outcomeOf(packets),
-                  hostOutcome(packets.size(), kSeen + " epoch=80000002 " + c.host));
-    }
-}
-
 // A fresh record has epoch 0 and sequence 0, so a sender of epoch 0 doesn't look new.
 TEST(Multicast, CountsGapsFromZeroForASenderOfEpochZero) {
     EXPECT_EQ(outcomeOf({data({.epoch = 0, .seq = 100})}),
@@ -205,13 +175,9 @@ TEST(Multicast, CountsGapsFromZeroForASenderOfEpochZero) {
 }
 
 TEST(Multicast, KeepsTheLastReliabilityThatWasTold) {
-    const Bytes told = nullPacket({}, 0.5);
     const Bytes silent = nullPacket({}, {});
-    EXPECT_EQ(outcomeOf({told, silent}), hostOutcome(2, kKnown + " nulls=2 reliability=0.5"));
-    EXPECT_EQ(outcomeOf({silent, told, nullPacket({}, 99.0)}),
+    EXPECT_EQ(outcomeOf({nullPacket({}, 0.5), nullPacket({}, 99.0), silent}),
               hostOutcome(3, kKnown + " nulls=3 reliability=99"));
-    EXPECT_EQ(outcomeOf({told, nullPacket({}, -1e300 * 1e10)}),
-              hostOutcome(2, kKnown + " nulls=2 reliability=-inf"));
     // Told by a packet that is bad besides.
     EXPECT_EQ(outcomeOf({nullPacket({.src = 0}, 0.25)}).tree.back(),
               "  host " + kKnown + " bad=1 nulls=1 reliability=0.25");
@@ -225,7 +191,6 @@ TEST(Multicast, HandsOnlyNewDataToTheScan) {
     const std::string ofSound = " data=1 bytes=" + std::to_string(messageBytes);
     const std::string ofStray = " data=1 bytes=" + std::to_string(messageBytes + 4);
     const Bytes strayPacket = dataPacket({}, stray);
-    const Bytes noSum = patched(strayPacket, kUdpChecksumAt, be16(0));
     const Bytes noLength = sealed(patched(dataPacket({}, sound), kOskaAt + 28, be16(0)));
 
     const struct {
@@ -238,15 +203,9 @@ TEST(Multicast, HandsOnlyNewDataToTheScan) {
         {"whole", dataPacket({}, sound), ofSound, 1, {}},
         {"runs on", dataPacket({}, sound, 1), ofSound, 1, {}},
         {"continued", dataPacket({}, sound, 2), ofSound, 0, {}},
-        {"continued, widest", dataPacket({}, sound, 0xffff), ofSound, 0, {}},
         {"whole with stray bytes", strayPacket, " bad=1" + ofStray, 1, {strayTold}},
         {"runs on with stray bytes", dataPacket({}, stray, 1), ofStray, 1, {}},
         {"cut with stray bytes", cut(strayPacket, strayPacket.size() - 1), ofStray, 1, {}},
-        {"bad ahead of the scan",
-         noSum,
-         " bad=1" + ofStray,
-         1,
-         {"OSKA packet without UDP checksum from 10.0.0.1", strayTold}},
         {"no length",
          noLength,
          " bad=1 data=1",

@@ -8,11 +8,10 @@
 #include <vector>
 
 #include "tests/support/capture_file.h"
+#include "tests/support/capture_reset.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/trace_run.h"
-#include "trace/capture_session.h"
-#include "trace/capture_state.h"
 #include "trace/settings.h"
 
 namespace {
@@ -39,22 +38,6 @@ Lines reportsOf(const Lines& logged) {
     return reports;
 }
 
-Lines readCapture(uint32_t updateInterval, const std::vector<SavedFrame>& frames) {
-    const Folder folder;
-    const std::string path = folder.path("in");
-    writeFile(path, captureText(frames));
-
-    TraceRun run;
-    traceSettings.updateInterval = updateInterval;
-    traceSettings.displaySubjects = false;
-    captureState.captureHandle = openOffline(path.c_str());
-    runOffline();
-    pcap_close(captureState.captureHandle);
-    captureState.captureHandle = nullptr;
-    traceSettings = {};
-    return reportsOf(run.logged());
-}
-
 Lines readStamps(uint32_t updateInterval, const std::vector<Stamp>& stamps) {
     std::vector<SavedFrame> frames;
     PacketHead head;
@@ -62,20 +45,25 @@ Lines readStamps(uint32_t updateInterval, const std::vector<Stamp>& stamps) {
         frames.push_back({stamp.seconds, stamp.microseconds, ethernetFrame(dataPacket(head, {}))});
         ++head.seq;
     }
-    return readCapture(updateInterval, frames);
-}
+    const Folder folder;
+    writeFile(folder.path("in"), captureText(frames));
 
-struct OfflineRun : testing::Test {
-    OfflineRun() {
-        setenv("TZ", "UTC", 1);
-        tzset();
-    }
-};
+    TraceRun run;
+    traceSettings.updateInterval = updateInterval;
+    traceSettings.displaySubjects = false;
+    captureState.captureHandle = openOffline(folder.path("in").c_str());
+    runOffline();
+    resetCapture();
+    traceSettings = {};
+    return reportsOf(run.logged());
+}
 
 const std::string kBeginsAtNoon = "Savefile begins at 1970/01/01-12:00:00";
 const std::string kBeginsLast = "Savefile begins at 2038/01/19-03:14:07";
 
-TEST_F(OfflineRun, TakesSnapshotsByTheTimeOfThePackets) {
+TEST(OfflineRun, TakesSnapshotsByTheTimeOfThePackets) {
+    setenv("TZ", "UTC", 1);
+    tzset();
     const struct {
         const char* what;
         uint32_t updateInterval;
@@ -89,26 +77,10 @@ TEST_F(OfflineRun, TakesSnapshotsByTheTimeOfThePackets) {
           "1970-01-01 12:00:05  (0.0 elapsed seconds) 1"}},
         {"one packet brings one snapshot, however wide the gap",
          10,
-         {{kNoon}, {kNoon + 60}, {kNoon + 61}, {kNoon + 62}},
+         {{kNoon}, {kNoon + 60}, {kNoon + 61}},
          {kBeginsAtNoon, "1970-01-01 12:00:10  (10.0 elapsed seconds) 1",
           "1970-01-01 12:00:20  (10.0 elapsed seconds) 1",
-          "1970-01-01 12:00:30  (10.0 elapsed seconds) 1",
-          "1970-01-01 12:01:02  (32.0 elapsed seconds) 1"}},
-        {"time that stands still",
-         0,
-         {{kNoon}, {kNoon}, {kNoon}},
-         {kBeginsAtNoon, "1970-01-01 12:00:00  (0.0 elapsed seconds) 3"}},
-        {"an interval of 0",
-         0,
-         {{kNoon}, {kNoon, 1}, {kNoon + 1}},
-         {kBeginsAtNoon, "1970-01-01 12:00:00  (0.0 elapsed seconds) 1",
-          "1970-01-01 12:00:00  (0.0 elapsed seconds) 1",
-          "1970-01-01 12:00:01  (1.0 elapsed seconds) 1"}},
-        {"time that runs backwards",
-         3,
-         {{kNoon}, {kNoon + 4}, {kNoon - 2}},
-         {kBeginsAtNoon, "1970-01-01 12:00:03  (3.0 elapsed seconds) 1",
-          "1970-01-01 11:59:58  (-5.0 elapsed seconds) 2"}},
+          "1970-01-01 12:01:01  (41.0 elapsed seconds) 1"}},
         {"before 1970",
          5,
          {{-7}, {-1}, {-1}},
@@ -128,21 +100,12 @@ TEST_F(OfflineRun, TakesSnapshotsByTheTimeOfThePackets) {
          10,
          {{kNoon}},
          {kBeginsAtNoon, "1970-01-01 00:00:00  (-43200.0 elapsed seconds) 1"}},
-        {"no packet", 10, {}, {"1970-01-01 00:00:00  (0.0 elapsed seconds) 0"}},
     };
     for (const auto& [what, updateInterval, stamps, reports] : cases) {
         SCOPED_TRACE(what);
         snapshotSetStart({});
         EXPECT_EQ(readStamps(updateInterval, stamps), reports);
     }
-}
-
-TEST_F(OfflineRun, AnyPacketMovesTheClock) {
-    const Bytes foreign = ethernetFrame(udpPacket({}, Bytes(8)));
-    const Bytes ours = ethernetFrame(dataPacket({}, {}));
-    EXPECT_EQ(readCapture(5, {{kNoon, 0, foreign}, {kNoon + 1, 0, ours}, {kNoon + 6, 0, foreign}}),
-              (Lines{kBeginsAtNoon, "1970-01-01 12:00:05  (5.0 elapsed seconds) 1",
-                     "1970-01-01 12:00:06  (1.0 elapsed seconds) 0"}));
 }
 
 }  // namespace

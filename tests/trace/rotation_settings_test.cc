@@ -11,6 +11,7 @@
 
 namespace {
 
+constexpr uint32_t kMost = 2147483648;
 constexpr uint32_t kUnset = 77;  // what a refused family leaves in place
 
 struct Settled {
@@ -65,95 +66,64 @@ Settled settle(const Family& family, const std::string& options) {
 const std::string kLogOff = "trace log does not rotate.";
 const std::string kLogRaised = "setting trace log size to the minimum allowed (100KB).";
 const std::string kLogLowered = "setting trace log size to the maximum allowed (~2GB).";
-const std::string kLogNegativeCount = "-log-max-rotations must be a positive value.";
 const std::string kLogConflict =
     "log-rotate (deprecated) and log-max-rotations|log-max-size (preferred) are incompatible. "
     "Using preferred options.";
 
-std::string logRotates(const std::string& limit, const std::string& count = "10") {
-    return "trace log rotates every ~" + limit + " bytes, for " + count + " rotations.";
+std::string logRotates(const std::string& limit) {
+    return "trace log rotates every ~" + limit + " bytes, for 10 rotations.";
 }
 
 const std::string kCaptureOff = "capture file does not rotate.";
 const std::string kCaptureLowered = "setting capture file size to the maximum allowed (~2GB).";
-const std::string kCaptureConflict =
-    "w-rotate (deprecated) and w-max-rotations|w-max-size (preferred) are incompatible. Using "
-    "preferred options.";
-
-std::string captureRotates(const std::string& limit, const std::string& count = "10") {
-    return "capture file rotates every ~" + limit + " bytes for " + count + " rotations.";
+std::string captureRotates(const std::string& limit) {
+    return "capture file rotates every ~" + limit + " bytes for 10 rotations.";
 }
 
-TEST(RotationSettings, SettleTheLog) {
+TEST(RotationSettings, TakeEachOptionIntoItsLimits) {
     const struct {
+        const Family& family;
         std::string options;
         Settled settled;
     } cases[] = {
-        {"", {0, 0, 10, {}}},
-        {"-logfile x", {0, 0, 10, {kLogOff}}},
-        {"-log-max-size 0 -logfile x", {0, 0, 10, {kLogOff}}},
-        {"-log-max-size 1 -logfile x", {0, 102400, 10, {kLogRaised, logRotates("102400")}}},
-        {"-log-max-size 99 -logfile x", {0, 102400, 10, {kLogRaised, logRotates("102400")}}},
-        {"-log-max-size 100 -logfile x", {0, 102400, 10, {logRotates("102400")}}},
-        {"-log-max-size 2097152 -logfile x", {0, 2147483648, 10, {logRotates("2147483648")}}},
-        {"-log-max-size 2097153 -logfile x",
-         {0, 2147483648, 10, {kLogLowered, logRotates("2147483648")}}},
-        {"-log-max-size 200 -log-max-rotations 0 -logfile x",
-         {0, 204800, 0, {logRotates("204800", "0")}}},
-        {"-log-max-rotations 5 -logfile x", {0, 0, 5, {kLogOff}}},
-        {"-log-max-rotations 5", {0, 0, 5, {}}},
-        {"-log-max-rotations -2", {3, kUnset, -2, {kLogNegativeCount}}},
-        {"-log-max-size 200 -log-max-rotations -1 -logfile x",
-         {3, kUnset, -1, {kLogNegativeCount}}},
-        {"-log-max-size -1 -logfile x",
-         {3, kUnset, 10, {"-log-max-size must be a positive value."}}},
-        {"-log-max-size 1000",
+        {kLog, "", {0, 0, 10, {}}},
+        {kLog, "-log-max-size 0 -logfile x", {0, 0, 10, {kLogOff}}},
+        {kLog, "-log-max-size 99 -logfile x", {0, 102400, 10, {kLogRaised, logRotates("102400")}}},
+        {kLog, "-log-max-size 100 -logfile x", {0, 102400, 10, {logRotates("102400")}}},
+        {kLog, "-log-max-size 2097152 -logfile x", {0, kMost, 10, {logRotates("2147483648")}}},
+        {kLog,
+         "-log-max-size 2097153 -logfile x",
+         {0, kMost, 10, {kLogLowered, logRotates("2147483648")}}},
+        {kLog, "-log-max-rotations 5", {0, 0, 5, {}}},
+        {kLog,
+         "-log-max-size 200 -log-max-rotations -1 -logfile x",
+         {3, kUnset, -1, {"-log-max-rotations must be a positive value."}}},
+        {kLog, "-log-rotate 1 -logfile x", {0, 102, 10, {logRotates("102")}}},
+        {kLog, "-log-rotate -1 -logfile x", {0, 429496627, 10, {logRotates("429496627")}}},
+        {kLog, "-log-rotate 4194304 -logfile x", {0, 0, 10, {kLogOff}}},
+        {kLog,
+         "-log-rotate 5",
          {3, kUnset, 10, {"-logfile must be specified to rotate trace log."}}},
-        {"-log-rotate 1000 -logfile x", {0, 102400, 10, {logRotates("102400")}}},
-        {"-log-rotate 1 -logfile x", {0, 102, 10, {logRotates("102")}}},
-        {"-log-rotate 0 -logfile x", {0, 0, 10, {kLogOff}}},
-        {"-log-rotate -1 -logfile x", {0, 429496627, 10, {logRotates("429496627")}}},
-        {"-log-rotate 4194304 -logfile x", {0, 0, 10, {kLogOff}}},
-        {"-log-rotate 5", {3, kUnset, 10, {"-logfile must be specified to rotate trace log."}}},
-        {"-log-rotate 1000 -log-max-size 200 -logfile x",
-         {0, 204800, 10, {kLogConflict, logRotates("204800")}}},
-        {"-log-rotate 1000 -log-max-rotations 3 -logfile x", {0, 0, 3, {kLogConflict, kLogOff}}},
-        {"-w-max-size 5 -logfile x", {0, 0, 10, {kLogOff}}},
+        {kLog,
+         "-log-rotate 1000 -log-max-rotations 3 -logfile x",
+         {0, 0, 3, {kLogConflict, kLogOff}}},
+        {kLog, "-w-max-size 5 -logfile x", {0, 0, 10, {kLogOff}}},
+        {kCapture, "", {0, 0, 10, {}}},
+        {kCapture, "-w-max-size 1 -w x", {0, 1048576, 10, {captureRotates("1048576")}}},
+        {kCapture, "-w-max-size 2048 -w x", {0, kMost, 10, {captureRotates("2147483648")}}},
+        {kCapture,
+         "-w-max-size 2049 -w x",
+         {0, kMost, 10, {kCaptureLowered, captureRotates("2147483648")}}},
+        {kCapture,
+         "-w-max-rotations -3",
+         {3, kUnset, -3, {"-w-max-rotations must be a positive value."}}},
+        {kCapture, "-w-rotate 4097 -w x", {0, 104857, 10, {captureRotates("104857")}}},
+        {kCapture, "-w-rotate 4096 -w x", {0, 0, 10, {kCaptureOff}}},
+        {kCapture, "-log-max-size 5 -w x", {0, 0, 10, {kCaptureOff}}},
     };
-    for (const auto& [options, settled] : cases) {
+    for (const auto& [family, options, settled] : cases) {
         SCOPED_TRACE(options);
-        EXPECT_EQ(settle(kLog, options), settled);
-    }
-}
-
-TEST(RotationSettings, SettleTheCaptureFile) {
-    const struct {
-        std::string options;
-        Settled settled;
-    } cases[] = {
-        {"", {0, 0, 10, {}}},
-        {"-w x", {0, 0, 10, {kCaptureOff}}},
-        {"-w-max-size abc -w x", {0, 0, 10, {kCaptureOff}}},
-        {"-w-max-size 1 -w x", {0, 1048576, 10, {captureRotates("1048576")}}},
-        {"-w-max-size 2048 -w x", {0, 2147483648, 10, {captureRotates("2147483648")}}},
-        {"-w-max-size 2049 -w x",
-         {0, 2147483648, 10, {kCaptureLowered, captureRotates("2147483648")}}},
-        {"-w-max-size 1 -w-max-rotations 0 -w x",
-         {0, 1048576, 0, {captureRotates("1048576", "0")}}},
-        {"-w-max-size -1 -w x", {3, kUnset, 10, {"-w-max-size must be a positive value."}}},
-        {"-w-max-rotations -3", {3, kUnset, -3, {"-w-max-rotations must be a positive value."}}},
-        {"-w-max-size 5",
-         {3, kUnset, 10, {"a capture file (-w) must be specified to rotate capture file."}}},
-        {"-w-rotate 100 -w x", {0, 10485760, 10, {captureRotates("10485760")}}},
-        {"-w-rotate 4097 -w x", {0, 104857, 10, {captureRotates("104857")}}},
-        {"-w-rotate 4096 -w x", {0, 0, 10, {kCaptureOff}}},
-        {"-w-rotate 100 -w-max-size 5 -w x",
-         {0, 5242880, 10, {kCaptureConflict, captureRotates("5242880")}}},
-        {"-log-max-size 5 -w x", {0, 0, 10, {kCaptureOff}}},
-    };
-    for (const auto& [options, settled] : cases) {
-        SCOPED_TRACE(options);
-        EXPECT_EQ(settle(kCapture, options), settled);
+        EXPECT_EQ(settle(family, options), settled);
     }
 }
 

@@ -66,7 +66,6 @@ TEST(Scan, ChargesEachSubjectFieldWithTheWholeMessage) {
     }
     const Bytes empty = {0, 3, 0};
     const Bytes withId = joined({{6, 's', 'u', 'b', 0, 0, 9, 2, 121}, packedSubject("A.B")});
-    const Bytes otherType = joined({{4, 's', 'u', 'b', 0, 7, 121}, packedSubject("A.B")});
     const Bytes longName = joined({{5, 's', 'u', 'b', 'x', 0, 2, 121}, packedSubject("A.B")});
     const Bytes otherCase = joined({{4, 'S', 'u', 'b', 0, 2, 121}, packedSubject("A.B")});
     const Bytes cOnly = message({subjectOf("C")});
@@ -77,26 +76,20 @@ TEST(Scan, ChargesEachSubjectFieldWithTheWholeMessage) {
         Lines charged;
     } cases[] = {
         {"nothing", {}, {}},
-        {"no fields", message({}), {}},
         {"no subject", message({other}), {}},
-        {"subject", message({ab}), charged("A.B", 24)},
         {"subject among others", message({other, ab, other}), charged("A.B", 42)},
         {"two messages", joined({message({ab}), cOnly}),
          both(charged("A.B", 24), charged("C", 21))},
         {"same subject", joined({message({ab}), message({other, ab})}), charged("A.B", 57, 2)},
-        {"behind one without fields", joined({message({}), cOnly}), charged("C", 21)},
         {"two subjects", message({ab, subjectOf("C")}), both(charged("A.B", 37), charged("C", 37))},
         {"twice the same", message({ab, ab}), charged("A.B", 80, 2)},
         {"name with id", message({withId}), charged("A.B", 26)},
-        {"other type", message({otherType}), {}},
         {"longer name", message({longName}), {}},
         {"other case", message({otherCase}), {}},
-        {"wildcards", message({subjectOf("*.>")}), charged("*.>", 24)},
         {"most elements", message({subjectField(empties)}), charged(std::string(125, '.'), 270)},
         {"longest element", message({subjectOf(longest.c_str())}), charged(longest, 270)},
         {"no elements", joined({message({subjectField(empty), ab}), cOnly}),
          both(charged("A.B", 34), charged("C", 21))},
-        {"as applications send it", busMessage("A.B"), charged("A.B", busMessage("A.B").size())},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -106,7 +99,7 @@ TEST(Scan, ChargesEachSubjectFieldWithTheWholeMessage) {
 }
 
 TEST(Scan, PassesFieldsOfEachSize) {
-    for (const size_t valueBytes : {0u, 1u, 118u, 119u, 120u, 121u, 254u, 29999u, 30000u, 70000u}) {
+    for (const size_t valueBytes : {0u, 118u, 119u, 120u, 121u, 254u, 29999u, 30000u, 70000u}) {
         SCOPED_TRACE(valueBytes);
         const Bytes bytes =
             message({field(named("v"), 7, Bytes(valueBytes, 0x77)), subjectOf("A")});
@@ -115,7 +108,7 @@ TEST(Scan, PassesFieldsOfEachSize) {
 }
 
 TEST(Scan, KnowsTheSubjectByItsFirstFourBytes) {
-    for (size_t nameBytes = 0; nameBytes < 256; ++nameBytes) {
+    for (const size_t nameBytes : {0u, 3u, 4u, 5u, 127u, 255u}) {
         SCOPED_TRACE(nameBytes);
         Bytes name = {'s', 'u', 'b', 0};
         name.resize(nameBytes, 0xff);
@@ -132,15 +125,10 @@ TEST(Scan, StaysInStepWithLengthsBelowTheirOwnWord) {
     const Bytes cases[] = {
         {0, 7, 121, 0, 0, 0},                    // 00 00 00
         {0, 7, 121, 0, 1, 'n', 7, 0},            // 01 n 07 00
-        {0, 7, 121, 0, 2},                       //
-        {0, 7, 121, 0, 3, 9},                    //
-        {0, 7, 121, 0, 4, 9, 9},                 //
+        {0, 7, 121, 0, 2},                       // nothing
         {0, 7, 122, 0, 0, 0, 0, 7, 0},           // 00 00 00, 00 07 00
-        {0, 7, 122, 0, 0, 0, 1, 9},              // 00 00 01 09
-        {0, 7, 122, 0, 0, 0, 2, 0},              // 00 02 00
         {0, 7, 122, 0, 0, 0, 3, 1, 2, 3, 7, 0},  // 03 01 02 03 07 00
-        {0, 7, 122, 0, 0, 0, 4},                 //
-        {0, 7, 122, 0, 0, 0, 5, 9},              //
+        {0, 7, 122, 0, 0, 0, 4},                 // nothing
     };
     for (const Bytes& odd : cases) {
         SCOPED_TRACE(hexText(odd));
@@ -166,22 +154,17 @@ TEST(Scan, TellsShortfallsOnlyWhenStrict) {
         Lines charged;
         std::string told;
     } cases[] = {
-        {"1 byte", {0}, {}, kTooSmall},
         {"7 bytes", cut(message({}), 7), {}, kTooSmall},
         {"stray bytes", joined({whole, {1, 2, 3, 4}}), charged("A.B", 24), kTooSmall},
-        {"name size alone", message({{0}}), {}, kField},
         {"no size class", message({{0, 7}}), {}, kField},
         {"name cut", message({{5, 'a', 'b'}}), {}, kField},
-        {"widest name cut", message({{255, 'a', 'b'}}), {}, kField},
         {"name runs into the next message", joined({message({{9, 'a', 'b'}}), whole}), {}, kField},
-        {"no 16-bit length", message({{0, 7, 121}}), {}, kField},
         {"half a 16-bit length", message({{0, 7, 121, 0}}), {}, kField},
         {"three quarters of a length", message({{0, 7, 122, 0, 0, 0}}), {}, kField},
         {"short data cut", message({{0, 7, 2, 1}}), {}, kField},
         {"16-bit data cut", message({{0, 7, 121, 0, 4, 1}}), {}, kField},
         {"32-bit data cut", message({{0, 7, 122, 0, 0, 0, 6, 1}}), {}, kField},
         {"widest length", message({{0, 7, 122, 255, 255, 255, 255, 1}}), {}, kField},
-        {"subject cut", message({cut(ab, 15)}), {}, kField},
         {"field behind the subject cut", joined({message({ab, {0}}), whole}), charged("A.B", 25),
          kField},
     };
@@ -213,25 +196,18 @@ TEST(Scan, TellsDamageInAnyCase) {
         Bytes payload;
         std::string told;
     } cases[] = {
-        {"magic, first byte", shortOfMagic(4), kMagic},
         {"magic, last byte", shortOfMagic(7), kMagic},
         {"magic before length", Bytes(8), kMagic},
         {"length 7", patched(message({}), 0, be32(7)), kLength},
-        {"length 0", patched(message({}), 0, be32(0)), kLength},
         {"size class 120", message({{0, 7, 120}}), kField},
         {"size class 123", message({{0, 7, 123}}), kField},
-        {"size class 255", message({{0, 7, 255}}), kField},
         {"short subject", sub(9, ab), kSubject},
-        {"no subject", sub(0, {}), kSubject},
         {"32-bit subject", sub(122, {0, 0, 0, 9, 2, 3, 'A', 0, 0}), kSubject},
         {"length 0 of a subject", sub(121, {0, 0}), kSubject},
-        {"length 1 of a subject", sub(121, {0, 1}), kSubject},
         {"length 2 of a subject", sub(121, {0, 2}), kSubject},
         {"elements without bytes", sub(121, {0, 3, 1}), kSubject},
         {"no NUL", sub(121, {0, 5, 1, 2, 'A'}), kSubject},
-        {"too few elements", sub(121, patched(ab, 2, {1})), kSubject},
         {"too many elements", sub(121, patched(ab, 2, {3})), kSubject},
-        {"element of 0 bytes", sub(121, patched(ab, 3, {0})), kSubject},
         {"element beyond the end", sub(121, patched(ab, 6, {4})), kSubject},
         {"subject of 256 bytes", sub(121, joined({{1, 0, 1, 253}, Bytes(252)})), kSubject},
     };
@@ -273,21 +249,6 @@ TEST(Scan, StandsACutAtEachByte) {
         EXPECT_EQ(strict.result, sound ? 0 : 1);
         EXPECT_EQ(strict.charged, expected(first.size(), payload.size()));
         EXPECT_EQ(strict.logged.size(), sound ? 0u : 1u);
-    }
-}
-
-TEST(Scan, TellsOneFaultAtMostWhateverTheDamage) {
-    const Bytes payload = joined({busMessage("_PM.INFO.SYSTEM.HOST.x", 3), busMessage("A.B", 130)});
-    for (size_t at = 0; at < payload.size(); ++at) {
-        for (const int value : {0, 1, 2, 119, 120, 121, 122, 127, 128, 255}) {
-            SCOPED_TRACE(std::to_string(at) + " is " + std::to_string(value));
-            const Bytes damaged = patched(payload, at, {static_cast<uint8_t>(value)});
-            const Scanned strict = scan(damaged, true);
-            const Scanned lax = scan(damaged, false);
-            EXPECT_EQ(static_cast<int>(strict.logged.size()), strict.result);
-            EXPECT_EQ(static_cast<int>(lax.logged.size()), lax.result);
-            EXPECT_LE(lax.result, strict.result);
-        }
     }
 }
 
