@@ -9,7 +9,6 @@
 #include <memory>
 #include <string>
 
-#include "tests/support/fail_alloc.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
@@ -57,16 +56,6 @@ TEST(AbsolutePath, IsNoneWhereTheDirectoryCannotBeRead) {
     }
     EXPECT_EQ(resolved("f"), "");
     EXPECT_EQ(resolved("/f"), "/f");
-}
-
-TEST(AbsolutePath, IsNoneWithoutMemory) {
-    for (const char* path : {"/f", "f"}) {
-        const size_t failures = eachAllocationFails([path] {
-            const bool none = resolved(path).empty();
-            EXPECT_EQ(none, allocationsFailed() == 1);
-        });
-        EXPECT_EQ(failures, 2u);
-    }
 }
 
 TEST(FileSize, NeverShowsALargeFileAsSmall) {

@@ -267,29 +267,4 @@ TEST(Dictionary64, GoesWithoutItsIndexWhereMemoryFails) {
     }
 }
 
-TYPED_TEST(Dictionary, LosesNothingWhenMemoryFails) {
-    using Kind = TypeParam;
-    const size_t failed = eachAllocationFails([] {
-        const Owned<Kind> dict = make<Kind>(2);
-        if (dict == nullptr) return;
-        std::vector<typename Kind::Key> held;
-        for (typename Kind::Key i = 0; i < 40; ++i) {
-            const auto key = static_cast<typename Kind::Key>(i << 24);
-            const pelmoStatus status = Kind::insert(dict.get(), key, number(i + 1));
-            if (status == kStatusSuccess) held.push_back(key);
-            EXPECT_TRUE(status == kStatusSuccess || status == kStatusNoMemory);
-            EXPECT_EQ(dict->count, held.size());
-            EXPECT_EQ(Kind::find(dict.get(), key, nullptr),
-                      status == kStatusSuccess ? kStatusSuccess : kStatusNotFound);
-        }
-        for (const auto key : held) {
-            void* value = nullptr;
-            EXPECT_EQ(Kind::remove(dict.get(), key, &value), kStatusSuccess);
-            EXPECT_EQ(value, number((key >> 24) + 1));
-        }
-        EXPECT_TRUE(entriesIn<Kind>(dict.get()).empty());
-    });
-    EXPECT_GT(failed, 80u);
-}
-
 }  // namespace

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "tests/support/container_values.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/toy_pool.h"
 
 namespace {
@@ -119,24 +118,6 @@ TEST(Dpa, LivesInPools) {
     EXPECT_EQ(dpaDestroy(array), nullptr);
     dpaDestroy(dpaCreateWithPools(2, &arrays.seam, &slots.seam));
     EXPECT_EQ(slots.takes, 1u);
-}
-
-TEST(Dpa, StaysAsItWasWhenMemoryFails) {
-    const size_t failed = eachAllocationFails([] {
-        ToyPool slots(sizeof(void*));
-        Array array(dpaCreateWithPools(1, nullptr, &slots.seam), dpaDestroy);
-        if (array == nullptr) return;
-        Numbers expected;
-        for (uintptr_t i = 9; i > 0; --i) {
-            void* items[] = {number(i)};
-            const Dpa source = {1, 1, items, nullptr, nullptr};
-            const bool done =
-                i % 2 == 0 ? dpaAppend(array.get(), number(i)) : dpaAppendAll(array.get(), &source);
-            if (done) expected.push_back(i);
-            EXPECT_EQ(numbersIn(array.get()), expected);
-        }
-    });
-    EXPECT_GT(failed, 6u);
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "tests/support/container_values.h"
-#include "tests/support/fail_alloc.h"
 
 namespace {
 
@@ -65,32 +64,6 @@ TEST(SubjectMap, HoldsWhatWasPutInAndEachPlaceOnce) {
             ASSERT_EQ(subjectMapFind(map.get(), subjectMapSubject(map.get(), record)), record);
         }
     }
-}
-
-TEST(SubjectMap, LeavesNoTraceOfWhatMemoryFailed) {
-    const size_t failed = eachAllocationFails([] {
-        const Map map = makeMap();
-        if (map == nullptr) return;
-        std::vector<OwnedRecord> held;
-        for (int i = 0; i < 40; ++i) {
-            const Packed subject = pack(std::to_string(i));
-            OwnedRecord record = makeRecord(subject);
-            if (record == nullptr) continue;
-            const pelmoStatus status = subjectMapInsert(map.get(), &record->entry);
-            if (status != kStatusSuccess) {
-                EXPECT_EQ(status, kStatusNoMemory);
-                EXPECT_EQ(subjectMapFind(map.get(), subject.data()), nullptr);
-                continue;
-            }
-            held.push_back(std::move(record));
-        }
-        EXPECT_EQ(subjectMapCount(map.get()), held.size());
-        for (const OwnedRecord& record : held) {
-            EXPECT_EQ(subjectMapAt(map.get(), record->entry.position), &record->entry);
-            subjectMapRemove(map.get(), &record->entry);
-        }
-    });
-    EXPECT_GT(failed, 80u);
 }
 
 }  // namespace
