@@ -7,15 +7,10 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "lib/msg/message_typed.h"
-#include "lib/runtime/event.h"
 #include "lib/runtime/post.h"
-#include "lib/runtime/queue_group.h"
-#include "lib/runtime/transport_ops.h"
 #include "tests/support/runtime_objects.h"
 
 struct Advisory {
@@ -27,14 +22,20 @@ struct Advisory {
 };
 
 struct DispatchStand {
+    RuntimeTables tables;
+    uint32_t queue = makeQueue();
+    uint32_t group = makeGroup();  // of that queue
+
     DispatchStand() {
+        EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess);
         advisories.clear();
         hook = nullptr;
-        transportOps.createAdvisory = createAdvisory;
-        transportOps.distribute = distribute;
-        transportOps.addListener = addListener;
-        transportOps.removeListener = removeListener;
-        transportOps.runInboundHooks = [](uint32_t, pelmoMsg* message) { return hook(message); };
+        transportOps = {.sendAdvisory = nullptr,
+                        .createAdvisory = createAdvisory,
+                        .distribute = distribute,
+                        .addListener = addListener,
+                        .removeListener = removeListener,
+                        .runInboundHooks = [](uint32_t, pelmoMsg* m) { return hook(m); }};
     }
     ~DispatchStand() { transportOps = {}; }
 
@@ -46,7 +47,6 @@ struct DispatchStand {
     }
 
     static inline std::function<bool(pelmoMsg*)> hook;
-    RuntimeTables tables;
 
   private:
     static pelmoStatus createAdvisory(pelmoMsg** out,
@@ -64,17 +64,16 @@ struct DispatchStand {
         EXPECT_EQ(transport, kIntraProcessTransportId);
         const char* subject = "";
         const char* description = "";
-        Advisory advisory;
+        uint32_t status = 0;
         EXPECT_EQ(pelmoMsg_GetString(message, "subject", &subject, 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_GetU32(message, "status", &advisory.status, 0), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_GetU32(message, "status", &status, 0), kStatusSuccess);
         EXPECT_EQ(pelmoMsg_GetString(message, "description", &description, 0), kStatusSuccess);
-        advisory.subject = subject;
-        advisory.description = description;
-        pelmoMsg_Destroy(message);
-        const std::lock_guard guard(lock);
-        advisories.push_back(advisory);
-        came.notify_all();
-        return kStatusSuccess;
+        {
+            const std::lock_guard guard(lock);
+            advisories.push_back({subject, status, description});
+            came.notify_all();
+        }
+        return pelmoMsg_Destroy(message);
     }
 
     static pelmoStatus addListener(uint32_t* out, const ListenerRequest& request) {
@@ -95,12 +94,6 @@ struct DispatchStand {
     static inline std::vector<Advisory> advisories;
 };
 
-inline uint32_t newQueue() {
-    uint32_t queue = kNoId;
-    EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
-    return queue;
-}
-
 inline uint32_t listen(uint32_t queue, pelmoEventCallback callback, void* closure = nullptr) {
     uint32_t event = kNoId;
     EXPECT_EQ(
@@ -115,16 +108,4 @@ inline void post(uint32_t queue, const std::vector<uint32_t>& events) {
     for (const uint32_t event : events)
         entries.push_back({event, messageFor(event)});
     Queue_PostBatch(queue, entries);
-}
-
-// Returns once so many threads wait on the queue or group.
-template <typename Object>
-void awaitWaiters(uint32_t id, int32_t count) {
-    Held<Object> object;
-    ASSERT_EQ(object.get(id, IdAccess::kUnlocked), kStatusSuccess);
-    for (bool all = false; !all; std::this_thread::yield()) {
-        object.enter();
-        all = object->cond.waiters == count;
-        object.leave();
-    }
 }

@@ -3,8 +3,6 @@
 
 #include "lib/runtime/dispatch.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <barrier>
 #include <latch>
@@ -48,33 +46,23 @@ void onOther(pelmoMsg** messages, uint32_t count) {
     onVector(messages, count);
 }
 
-void drain(uint32_t queue, bool single = false) {
-    while ((single ? pelmoQueue_TimedDispatchSingle : pelmoQueue_TimedDispatch)(queue, 0) ==
-           kStatusSuccess) {
-    }
-}
-
-void destroyWhenDrained(uint32_t queue) {
-    drain(queue);
-    pelmoQueue_DestroyEx(queue, nullptr, nullptr);
-}
-
 struct ListenerRow {
+    char letter;
     pelmoVectorCallback callback;  // null: a plain one
-    uintptr_t group;
-    uint32_t transport;
+    uintptr_t group = 0;
+    uint32_t transport = kIntraProcessTransportId;
 };
 
-const std::pair<char, ListenerRow> kListeners[] = {
-    {'a', {onVector, 1, 10}}, {'b', {onVector, 1, 10}}, {'c', {onVector, 2, 10}},  // another group
-    {'d', {onVector, 1, 11}},                            // another transport
-    {'e', {onOther, 1, 10}},                             // another callback
-    {'p', {nullptr, 0, 10}},  {'x', {onVector, 1, 10}},  // destroyed with its entries on the queue
+const ListenerRow kListeners[] = {
+    {'a', onVector, 1},     {'b', onVector, 1}, {'c', onVector, 2},  // another group
+    {'d', onVector, 1, 11},                                          // another transport
+    {'e', onOther, 1},                                               // another callback
+    {'p', nullptr},         {'x', onVector, 1},  // destroyed with its entries on the queue
 };
 
-uint32_t listenAs(char letter, const ListenerRow& row, uint32_t queue) {
+uint32_t listenAs(const ListenerRow& row, uint32_t queue) {
     uint32_t event = kNoId;
-    char* const closure = &letters[letter - 'a'];
+    char* const closure = &letters[row.letter - 'a'];
     const pelmoStatus status =
         row.callback == nullptr
             ? pelmoEvent_CreateListener(&event, queue, onPlain, row.transport, "A", closure)
@@ -85,6 +73,7 @@ uint32_t listenAs(char letter, const ListenerRow& row, uint32_t queue) {
 }
 
 TEST(Dispatch, BatchesWhatMayComeTogether) {
+    const std::string full(128, 'a');
     const struct {
         std::string posted;
         Calls mixed, single;
@@ -100,125 +89,95 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
         {"xaxxbx", {"ab"}, {"a", "b"}},
         {"xp", {"p"}, {"p"}},
         {"xxx", {}, {}},
-        {std::string(128, 'a') + "b", {std::string(128, 'a'), "b"}, {std::string(128, 'a'), "b"}},
-        {std::string(300, 'a'),
-         {std::string(128, 'a'), std::string(128, 'a'), std::string(44, 'a')},
-         {std::string(128, 'a'), std::string(128, 'a'), std::string(44, 'a')}},
+        {full + "b", {full, "b"}, {full, "b"}},
+        {full + full + "aab", {full, full, "aab"}, {full, full, "aa", "b"}},
     };
-    const DispatchStand stand;
     for (const auto& [posted, mixed, single] : cases) {
         for (const bool isSingle : {false, true}) {
             SCOPED_TRACE(posted + (isSingle ? " single" : ""));
-            const uint32_t queue = newQueue();
+            const DispatchStand stand;
             uint32_t events[128] = {};
-            for (const auto& [letter, row] : kListeners)
-                events[size_t(letter)] = listenAs(letter, row, queue);
+            for (const ListenerRow& row : kListeners)
+                events[size_t(row.letter)] = listenAs(row, stand.queue);
             std::vector<uint32_t> order;
             for (const char letter : posted)
                 order.push_back(events[size_t(letter)]);
-            post(queue, order);
+            post(stand.queue, order);
             pelmoEvent_DestroyEx(events['x'], nullptr);
 
             calls.clear();
-            drain(queue, isSingle);
+            const auto step = isSingle ? pelmoQueue_TimedDispatchSingle : pelmoQueue_TimedDispatch;
+            while (step(stand.queue, 0) == kStatusSuccess) {
+            }
             EXPECT_EQ(calls, isSingle ? single : mixed);
-            for (const auto& [letter, row] : kListeners)
-                pelmoEvent_DestroyEx(events[size_t(letter)], nullptr);
-            destroyWhenDrained(queue);
         }
     }
 }
 
 TEST(Dispatch, PassesHooksAndCutOffs) {
     const DispatchStand stand;
-    const uint32_t queue = newQueue();
-    const uint32_t vector = listenAs('a', {onVector, 1, 10}, queue);
-    const uint32_t plain = listenAs('p', {nullptr, 0, 10}, queue);
+    const uint32_t vector = listenAs({'a', onVector, 1}, stand.queue);
+    const uint32_t plain = listenAs({'p', nullptr}, stand.queue);
+    const auto run = [&stand](const std::vector<uint32_t>& events) {
+        calls.clear();
+        post(stand.queue, events);
+        dispatchAll(stand.queue);
+        return calls;
+    };
     uint32_t asked = 0;
     DispatchStand::hook = [&asked](pelmoMsg*) { return ++asked % 2 == 0; };
-    for (const uint32_t id : {vector, plain}) {
-        Held<Event> event;
-        ASSERT_EQ(event.get(id, IdAccess::kUnlocked), kStatusSuccess);
-        event->listener.inboundHooks = true;
-    }
-    calls.clear();
-    post(queue, {vector, vector, vector, vector, vector, plain, plain});
-    drain(queue);
-    EXPECT_EQ(calls, (Calls{"aa", "p"}));  // hooks 2 and 4 let pass, then 6
+    for (const uint32_t id : {vector, plain})
+        recordOf<Event>(id)->listener.inboundHooks = true;
+    // Hooks 2 and 4 let pass, then 6.
+    EXPECT_EQ(run({vector, vector, vector, vector, vector, plain, plain}), (Calls{"aa", "p"}));
     EXPECT_EQ(asked, 7U);
 
     DispatchStand::hook = [](pelmoMsg*) { return false; };
-    post(queue, {vector, vector});
-    drain(queue);
+    EXPECT_EQ(run({vector, vector}), Calls{});
     transportOps.runInboundHooks = nullptr;
-    post(queue, {plain});
-    drain(queue);
-    post(queue, {plain});
-    Held<Event> cut;
-    ASSERT_EQ(cut.get(plain, IdAccess::kUnlocked), kStatusSuccess);
-    transportOps.removeListener(10, cut.pointer());
-    EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusSuccess);
-    EXPECT_EQ(calls.size(), 2U);
-    pelmoEvent_DestroyEx(vector, nullptr);
-    pelmoEvent_DestroyEx(plain, nullptr);
-    destroyWhenDrained(queue);
+    EXPECT_EQ(run({plain}), Calls{});
+    recordOf<Event>(plain)->listener.inboundHooks = false;
+    post(stand.queue, {plain});
+    transportOps.removeListener(kIntraProcessTransportId, recordOf<Event>(plain));
+    EXPECT_EQ(dispatchAll(stand.queue), 1U);
+    EXPECT_EQ(calls, Calls{});
 }
 
 TEST(Dispatch, LeavesDetachedMessagesToTheCallback) {
     const DispatchStand stand;
-    const uint32_t queue = newQueue();
-    static pelmoMsg* kept;
-    const uint32_t event = listen(queue, [](uint32_t, pelmoMsg* message, void*) {
+    static std::vector<pelmoMsg*> kept;
+    kept.clear();
+    const uint32_t event = listen(stand.queue, [](uint32_t, pelmoMsg* message, void*) {
         EXPECT_EQ(pelmoMsg_Destroy(message), kStatusNotPermitted);
-        if (kept == nullptr) {
-            EXPECT_EQ(pelmoMsg_Detach(message), kStatusSuccess);
-            kept = message;
-        } else {
-            EXPECT_EQ(pelmoMsg_Detach(message), kStatusSuccess);
-            EXPECT_EQ(pelmoMsg_Destroy(message), kStatusSuccess);
-        }
+        EXPECT_EQ(pelmoMsg_Detach(message), kStatusSuccess);
+        kept.push_back(message);
+        if (kept.size() == 2) (void)pelmoMsg_Destroy(message);
     });
-    post(queue, {event, event});
-    drain(queue);
-    EXPECT_EQ(pelmoMsg_AddI32(kept, "a", 1, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_Destroy(kept), kStatusSuccess);
-    pelmoEvent_DestroyEx(event, nullptr);
-    destroyWhenDrained(queue);
+    post(stand.queue, {event, event});
+    EXPECT_EQ(dispatchAll(stand.queue), 2U);
+    EXPECT_EQ(pelmoMsg_AddI32(kept[0], "a", 1, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_Destroy(kept[0]), kStatusSuccess);
 }
 
 TEST(Dispatch, AnswersAtOnceWhereThereIsNothing) {
     const DispatchStand stand;
-    const uint32_t queue = newQueue();
-    uint32_t synchronous = 0, group = 0;
-    ASSERT_EQ(pelmoQueue_CreateSynchronous(&synchronous), kStatusSuccess);
-    ASSERT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
-    ASSERT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusTimeout);
-    EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0.001), kStatusTimeout);
-    EXPECT_EQ(pelmoQueue_TimedDispatch(group, 0), kStatusInvalidQueue);
-    EXPECT_EQ(pelmoQueue_TimedDispatch(synchronous, 0), kStatusNotPermitted);
-    EXPECT_EQ(pelmoQueueGroup_TimedDispatch(group, 0), kStatusTimeout);
-    EXPECT_EQ(pelmoQueueGroup_TimedDispatch(group, 0.001), kStatusTimeout);
-    EXPECT_EQ(pelmoQueueGroup_TimedDispatch(queue, 0), kStatusInvalidQueueGroup);
+    for (const double seconds : {0.0, 0.001}) {
+        EXPECT_EQ(pelmoQueue_TimedDispatch(stand.queue, seconds), kStatusTimeout);
+        EXPECT_EQ(pelmoQueueGroup_TimedDispatch(stand.group, seconds), kStatusTimeout);
+    }
+    EXPECT_EQ(pelmoQueue_TimedDispatch(makeQueue(true), 0), kStatusNotPermitted);
 
-    const uint32_t event = listen(queue, onPlain);
-    post(queue, {event, event});
+    const uint32_t event = listen(stand.queue, onPlain);
+    post(stand.queue, {event, event});
     pelmoEvent_DestroyEx(event, nullptr);
-    EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusSuccess);  // entries of the dead alone
-    EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusTimeout);
+    EXPECT_EQ(dispatchAll(stand.queue), 1U);  // of the entries of the dead alone
 
     libraryOpen = false;
-    EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusNotInitialized);
-    EXPECT_EQ(pelmoQueue_TimedDispatchSingle(queue, 0), kStatusNotInitialized);
-    EXPECT_EQ(pelmoQueueGroup_TimedDispatch(group, 0), kStatusNotInitialized);
-    EXPECT_EQ(Queue_DispatchId(queue, 0), kStatusTimeout);  // as while the library opens
-    pelmoQueueGroup_Destroy(group);
-    pelmoQueue_DestroyEx(synchronous, nullptr, nullptr);
-    destroyWhenDrained(queue);
+    EXPECT_EQ(Queue_DispatchId(stand.queue, 0), kStatusTimeout);  // as while the library opens
 }
 
 void noteEventDone(uint32_t, void*) {
-    calls.push_back("event done");
+    calls.emplace_back("event done");
 }
 
 void noteQueueDone(uint32_t, void* closure) {
@@ -234,16 +193,22 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
         EXPECT_EQ(pelmoEvent_DestroyEx(event, noteEventDone), kStatusSuccess);
     };
     const auto endQueue = [](uint32_t) {
-        uint32_t count;
         EXPECT_EQ(pelmoQueue_DestroyEx(queue, noteQueueDone, closure), kStatusSuccess);
-        EXPECT_EQ(pelmoQueue_GetCount(queue, &count), kStatusInvalidQueue);
-        EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusInvalidQueue);
+        EXPECT_EQ(Queue_DispatchId(queue, 0), kStatusInvalidQueue);
     };
     const auto nest = [](auto innermost) {
         return [innermost](uint32_t event) {
             if (++depth == 2) return innermost(event);
             EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusSuccess);
         };
+    };
+    const auto endBoth = [=](uint32_t event) {
+        endQueue(event);
+        endEvent(event);
+    };
+    const auto endLibrary = [=](uint32_t event) {
+        libraryOpen = false;
+        endQueue(event);
     };
     const struct {
         const char* name;
@@ -252,52 +217,39 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
     } cases[] = {
         {"event", endEvent, {"call", "return", "event done"}},
         {"queue", endQueue, {"call", "return", "queue done!"}},
-        {"both",
-         [=](uint32_t event) {
-             endQueue(event);
-             endEvent(event);
-         },
-         {"call", "return", "event done", "queue done!"}},
-        {"library",
-         [=](uint32_t) {
-             libraryOpen = false;
-             pelmoQueue_DestroyEx(queue, noteQueueDone, closure);
-         },
-         {"call", "return", "queue done!"}},
+        {"both", endBoth, {"call", "return", "event done", "queue done!"}},
+        {"library", endLibrary, {"call", "return", "queue done!"}},
         {"event, nested", nest(endEvent), {"call", "call", "return", "return", "event done"}},
         {"queue, nested", nest(endQueue), {"call", "call", "return", "return", "queue done!"}},
     };
     for (const auto& [name, act, expected] : cases) {
         SCOPED_TRACE(name);
         const DispatchStand stand;
-        queue = newQueue();
+        queue = stand.queue;
         depth = 0;
         calls.clear();
         action = [&act](uint32_t event) {
-            calls.push_back("call");
+            calls.emplace_back("call");
             act(event);
-            calls.push_back("return");
+            calls.emplace_back("return");
         };
         const uint32_t event = listen(queue, onEvent);
         post(queue, {event, event, event});
         EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusSuccess);
         EXPECT_EQ(calls, expected);
         action = [](uint32_t) { ADD_FAILURE() << "called again"; };
-        drain(queue);
-        pelmoEvent_DestroyEx(event, nullptr);
-        pelmoQueue_DestroyEx(queue, nullptr, nullptr);
+        dispatchAll(queue);
     }
 }
 
 // Two dispatches of one event under way: the completion comes with the second to end.
 TEST(Dispatch, CompletesWithTheLastOfTwo) {
     const DispatchStand stand;
-    const uint32_t queue = newQueue();
     std::barrier<> both(2);
     std::latch destroyed(1), firstGone(1);
     static std::atomic<int> done;
     done = 0;
-    std::atomic<int> order = 0;
+    std::atomic<int> order = 0, ended = 0;
     action = [&](uint32_t event) {
         const int mine = order++;
         both.arrive_and_wait();
@@ -310,206 +262,144 @@ TEST(Dispatch, CompletesWithTheLastOfTwo) {
         firstGone.wait();
         EXPECT_EQ(done, 0);
     };
-    const uint32_t event = listen(queue, onEvent);
-    post(queue, {event, event});
-    std::atomic<int> ended = 0;
+    const uint32_t event = listen(stand.queue, onEvent);
+    post(stand.queue, {event, event});
     const auto dispatch = [&] {
-        EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusSuccess);
+        EXPECT_EQ(pelmoQueue_TimedDispatch(stand.queue, 0), kStatusSuccess);
         if (++ended == 1) firstGone.count_down();
     };
     std::thread other(dispatch);
     dispatch();
     other.join();
     EXPECT_EQ(done, 1);
-    destroyWhenDrained(queue);
 }
 
-struct Waiter {
-    const char* name;
-    pelmoStatus (*dispatch)(uint32_t id, double seconds);
-    void (*awaitWaiting)(uint32_t id, int32_t count);
-    bool isGroup;
-};
+// Waits are on a queue, or on the group of that queue.
+struct DispatchWaits : testing::TestWithParam<bool> {
+    DispatchStand stand;
+    const bool isGroup = GetParam();
+    const uint32_t id = isGroup ? stand.group : stand.queue;
 
-const Waiter kWaiters[] = {
-    {"queue", pelmoQueue_TimedDispatch, awaitWaiters<Queue>, false},
-    {"group", pelmoQueueGroup_TimedDispatch, awaitWaiters<QueueGroup>, true},
-};
-
-// A queue, and a group with that queue in it, for waits on either.
-struct WaitedFor {
-    explicit WaitedFor(const Waiter& waiter) {
-        queue = newQueue();
-        EXPECT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
-        EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess);
-        id = waiter.isGroup ? group : queue;
-        drain(queue);
-    }
-    ~WaitedFor() {
-        pelmoQueueGroup_Destroy(group);
-        pelmoQueue_DestroyEx(queue, nullptr, nullptr);
+    pelmoStatus dispatch(double seconds) const {
+        return (isGroup ? pelmoQueueGroup_TimedDispatch : pelmoQueue_TimedDispatch)(id, seconds);
     }
 
-    uint32_t queue = kNoId, group = kNoId, id = kNoId;
+    // Calls `act` once so many threads wait without limit, each for that answer.
+    template <typename Act>
+    void whileSoManyWait(int count, pelmoStatus expected, Act act) const {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < count; ++i)
+            threads.emplace_back([this, expected] { EXPECT_EQ(dispatch(-1.0), expected); });
+        (isGroup ? awaitWaiters<QueueGroup> : awaitWaiters<Queue>)(id, count);
+        act();
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+
+    void end() const {
+        pelmoQueueGroup_Destroy(stand.group);
+        pelmoQueue_DestroyEx(stand.queue, nullptr, nullptr);
+    }
 };
 
-TEST(Dispatch, EndsItsWait) {
-    for (const Waiter& waiter : kWaiters) {
-        const struct {
-            const char* name;
-            void (*end)(const WaitedFor&);
-            pelmoStatus expected;
-        } cases[] = {
-            {"destroyed",
-             [](const WaitedFor& on) {
-                 pelmoQueueGroup_Destroy(on.group);
-                 pelmoQueue_DestroyEx(on.queue, nullptr, nullptr);
-             },
-             waiter.isGroup ? kStatusInvalidQueueGroup : kStatusInvalidQueue},
-            {"closed",
-             [](const WaitedFor& on) {
-                 libraryOpen = false;
-                 pelmoQueueGroup_Destroy(on.group);
-                 pelmoQueue_DestroyEx(on.queue, nullptr, nullptr);
-             },
-             kStatusNotInitialized},
-        };
-        for (const auto& [name, end, expected] : cases) {
-            SCOPED_TRACE(std::string(waiter.name) + " " + name);
-            const DispatchStand stand;
-            const WaitedFor on(waiter);
-            std::vector<std::thread> threads;
-            for (int i = 0; i < 3; ++i) {
-                threads.emplace_back([&waiter, &on, wanted = expected] {
-                    EXPECT_EQ(waiter.dispatch(on.id, -1.0), wanted);
-                });
-            }
-            waiter.awaitWaiting(on.id, 3);
-            end(on);
-            for (std::thread& thread : threads)
-                thread.join();
-        }
-    }
+INSTANTIATE_TEST_SUITE_P(On, DispatchWaits, testing::Bool(), [](const auto& on) {
+    return on.param ? "Group" : "Queue";
+});
+
+TEST_P(DispatchWaits, EndWithTheObject) {
+    const pelmoStatus gone = isGroup ? kStatusInvalidQueueGroup : kStatusInvalidQueue;
+    whileSoManyWait(3, gone, [this] { end(); });
+}
+
+TEST_P(DispatchWaits, EndWithTheLibrary) {
+    whileSoManyWait(3, kStatusNotInitialized, [this] {
+        libraryOpen = false;
+        end();
+    });
 }
 
 // Many posts before a waiter wakes leave it one signal: each wakes the next. Every callback waits
 // for all the others, so a thread left asleep would hang the test.
-TEST(Dispatch, WakesAsManyThreadsAsThereAreEntries) {
+TEST_P(DispatchWaits, WakeAsManyThreadsAsThereAreEntries) {
     constexpr int kThreads = 3;
-    for (const Waiter& waiter : kWaiters) {
-        SCOPED_TRACE(waiter.name);
-        const DispatchStand stand;
-        const WaitedFor on(waiter);
-        std::barrier<> together(kThreads);
-        action = [&](uint32_t) { together.arrive_and_wait(); };
-        const uint32_t event = listen(on.queue, onEvent);
-        for (int round = 0; round < 50; ++round) {
-            std::vector<std::thread> threads;
-            for (int i = 0; i < kThreads; ++i) {
-                threads.emplace_back(
-                    [&] { EXPECT_EQ(waiter.dispatch(on.id, -1.0), kStatusSuccess); });
-            }
-            waiter.awaitWaiting(on.id, kThreads);
-            post(on.queue, std::vector<uint32_t>(kThreads, event));
-            for (std::thread& thread : threads)
-                thread.join();
-        }
-        pelmoEvent_DestroyEx(event, nullptr);
-    }
+    std::barrier<> together(kThreads);
+    action = [&](uint32_t) { together.arrive_and_wait(); };
+    const std::vector<uint32_t> entries(kThreads, listen(stand.queue, onEvent));
+    for (int round = 0; round < 50; ++round)
+        whileSoManyWait(kThreads, kStatusSuccess, [&] { post(stand.queue, entries); });
 }
 
 // An hour goes by at each look at the clock, which is taken at stray wake-ups alone: the second one
 // uses up the time that the first one left whole.
-std::atomic<int> looks;
-
-TEST(Dispatch, CountsTheTimeFromTheFirstStrayWakeUp) {
-    for (const Waiter& waiter : kWaiters) {
-        SCOPED_TRACE(waiter.name);
-        const DispatchStand stand;
-        const WaitedFor on(waiter);
-        (void)clockSteadySeconds();  // begins
-        looks = 0;
-        const ClockSource former = clockSetMonotonicSource([] {
-            return timespec{++looks * 3600 + 1000000, 0};
-        });
-        std::atomic<bool> ended = false;
-        std::thread thread([&] {
-            EXPECT_EQ(waiter.dispatch(on.id, 3000.0), kStatusTimeout);
-            ended = true;
-        });
-        Held<Queue> queue;
-        Held<QueueGroup> group;
-        ASSERT_EQ(queue.get(on.queue, IdAccess::kUnlocked), kStatusSuccess);
-        ASSERT_EQ(group.get(on.group, IdAccess::kUnlocked), kStatusSuccess);
-        for (; looks < 2; std::this_thread::yield()) {
-            EXPECT_FALSE(ended);
-            Cond_Signal(waiter.isGroup ? &group->cond : &queue->cond);
-        }
-        thread.join();
-        clockSetMonotonicSource(former);
+TEST_P(DispatchWaits, CountTheTimeFromTheFirstStrayWakeUp) {
+    static std::atomic<int> looks;
+    (void)clockSteadySeconds();  // begins
+    looks = 0;
+    const ClockSource former = clockSetMonotonicSource([] {
+        return timespec{++looks * 3600 + 1000000, 0};
+    });
+    std::atomic<bool> ended = false;
+    std::thread thread([&] {
+        EXPECT_EQ(dispatch(3000.0), kStatusTimeout);
+        ended = true;
+    });
+    for (; looks < 2; std::this_thread::yield()) {
+        EXPECT_FALSE(ended);
+        Cond_Signal(isGroup ? &recordOf<QueueGroup>(id)->cond : &recordOf<Queue>(id)->cond);
     }
+    thread.join();
+    clockSetMonotonicSource(former);
 }
 
 TEST(QueueGroupDispatch, TakesTurnsByPriority) {
-    const DispatchStand stand;
     const struct {
         const char* posted;
-        const char* expected;
+        Calls expected;
     } cases[] = {
-        {"aaabbbccc", "abcabcabc"}, {"aab", "aba"},         {"bcca", "abcc"},
-        {"ccch", "hccc"},           {"aabbhhh", "hhhabab"}, {"aalhb", "habal"},
+        {"aaabbbccc", {"a", "b", "c", "a", "b", "c", "a", "b", "c"}},
+        {"aab", {"a", "b", "a"}},
+        {"bcca", {"a", "b", "c", "c"}},
+        {"ccch", {"h", "c", "c", "c"}},
+        {"aabbhhh", {"h", "h", "h", "a", "b", "a", "b"}},
+        {"aalhb", {"h", "a", "b", "a", "l"}},
     };
     for (const auto& [posted, expected] : cases) {
         SCOPED_TRACE(posted);
-        uint32_t group = 0, queues[128] = {}, events[128] = {};
-        ASSERT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
+        const DispatchStand stand;
+        uint32_t queues[128] = {}, events[128] = {};
         for (const char name : {'l', 'a', 'b', 'c', 'h'}) {
             const auto at = size_t(name);
-            queues[at] = newQueue();
+            queues[at] = makeQueue();
             events[at] = listen(queues[at], onPlain, &letters[name - 'a']);
             const uint32_t priority = name == 'h' ? 9 : name == 'l' ? 0 : 1;
             EXPECT_EQ(pelmoQueue_SetPriority(queues[at], priority), kStatusSuccess);
-            EXPECT_EQ(pelmoQueueGroup_Add(group, queues[at]), kStatusSuccess);
+            EXPECT_EQ(pelmoQueueGroup_Add(stand.group, queues[at]), kStatusSuccess);
         }
         for (const char* at = posted; *at != '\0'; ++at)
             post(queues[size_t(*at)], {events[size_t(*at)]});
         calls.clear();
-        while (pelmoQueueGroup_TimedDispatch(group, 0) == kStatusSuccess) {
+        while (pelmoQueueGroup_TimedDispatch(stand.group, 0) == kStatusSuccess) {
         }
-        std::string order;
-        for (const std::string& call : calls)
-            order += call;
-        EXPECT_EQ(order, expected);
-        pelmoQueueGroup_Destroy(group);
-        for (const char name : {'l', 'a', 'b', 'c', 'h'}) {
-            pelmoEvent_DestroyEx(events[size_t(name)], nullptr);
-            destroyWhenDrained(queues[size_t(name)]);
-        }
+        EXPECT_EQ(calls, expected);
     }
 }
 
 // Two threads dispatch, one posts, one makes and ends the events, at last the queue. Completions
 // come once for each, and no callback after its event's.
 TEST(DispatchStress, MeetsTheEndOfEventsAndQueues) {
-    constexpr int kEvents = 4, kRounds = 300;
-    static std::atomic<int> eventsDone, queuesDone;
+    constexpr size_t kEvents = 4, kRounds = 300;
+    static std::atomic<size_t> eventsDone, queuesDone;
     eventsDone = queuesDone = 0;
-    struct Life {
-        std::atomic<bool> ended = false;
-    };
-    static std::vector<Life> lives;
-    lives = std::vector<Life>(kRounds * kEvents);
+    std::vector<std::atomic<bool>> ended(kRounds * kEvents);
     const DispatchStand stand;
-    for (int round = 0; round < kRounds; ++round) {
-        const uint32_t queue = newQueue();
-        std::array<std::atomic<uint32_t>, kEvents> events;
-        for (int i = 0; i < kEvents; ++i) {
-            events[size_t(i)] = listen(
-                queue,
-                [](uint32_t, pelmoMsg*, void* life) {
-                    EXPECT_FALSE(static_cast<Life*>(life)->ended);
-                },
-                &lives[size_t(round * kEvents + i)]);
+    for (size_t round = 0; round < kRounds; ++round) {
+        const uint32_t queue = makeQueue();
+        uint32_t events[kEvents];
+        for (size_t i = 0; i < kEvents; ++i) {
+            const auto check = [](uint32_t, pelmoMsg*, void* gone) {
+                EXPECT_FALSE(*static_cast<std::atomic<bool>*>(gone));
+            };
+            events[i] = listen(queue, check, &ended[round * kEvents + i]);
         }
         const auto dispatch = [queue] {
             while (pelmoQueue_TimedDispatch(queue, -1.0) == kStatusSuccess) {
@@ -517,12 +407,12 @@ TEST(DispatchStress, MeetsTheEndOfEventsAndQueues) {
         };
         std::thread first(dispatch), second(dispatch);
         std::thread poster([&] {
-            for (int i = 0; i < 40; ++i)
-                post(queue, {events[size_t(i % kEvents)], events[0]});
+            for (size_t i = 0; i < 40; ++i)
+                post(queue, {events[i % kEvents], events[0]});
         });
-        for (const auto& event : events) {
-            pelmoEvent_DestroyEx(event, [](uint32_t, void* life) {
-                EXPECT_FALSE(static_cast<Life*>(life)->ended.exchange(true));
+        for (const uint32_t event : events) {
+            pelmoEvent_DestroyEx(event, [](uint32_t, void* gone) {
+                EXPECT_FALSE(static_cast<std::atomic<bool>*>(gone)->exchange(true));
                 ++eventsDone;
             });
         }

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <latch>
-#include <memory>
 #include <span>
-#include <thread>
 
 #include "tests/runtime/event_stand.h"
 #include "tests/support/fail_alloc.h"
@@ -17,22 +15,32 @@ struct EventManagers : testing::Test {
         ASSERT_EQ(EventManager_Start(), kStatusSuccess);
         ASSERT_EQ(EventManager_StartIo(1), kStatusSuccess);
     }
-    ~EventManagers() override {
-        EventManager_Stop();
-        endAllEvents();
+    ~EventManagers() override { EventManager_Stop(); }
+
+    static uint32_t watch(uint32_t queue,
+                          const SocketPair& pair,
+                          pelmoEventCallback callback,
+                          void* closure = nullptr) {
+        uint32_t event = kNoId;
+        EXPECT_EQ(pelmoEvent_CreateIO(&event, queue, callback, pair.ends[0], kIoRead, closure),
+                  kStatusSuccess);
+        return event;
+    }
+    static uint32_t newTimer(double seconds, pelmoEventCallback callback, void* closure = nullptr) {
+        uint32_t timer = kNoId;
+        EXPECT_EQ(pelmoEvent_CreateTimer(&timer, kTimerQueueId, callback, seconds, closure),
+                  kStatusSuccess);
+        return timer;
     }
 
-    static void countDownOnce(uint32_t event, pelmoMsg*, void*) {
+    // Ends the event, and then counts the closure, a latch, down.
+    static void fireOnce(uint32_t event, pelmoMsg*, void*) {
         pelmoEvent_DestroyEx(
             event, [](uint32_t, void* latch) { static_cast<std::latch*>(latch)->count_down(); });
     }
-
-    // Fires once on the queue and is gone.
-    static void fireOnce(uint32_t queue) {
+    static void fireATimerOnce() {
         std::latch fired{1};
-        uint32_t timer = kNoId;
-        ASSERT_EQ(pelmoEvent_CreateTimer(&timer, queue, countDownOnce, 0.001, &fired),
-                  kStatusSuccess);
+        newTimer(0.001, fireOnce, &fired);
         fired.wait();
     }
 
@@ -50,50 +58,36 @@ struct EventManagers : testing::Test {
 TEST_F(EventManagers, OpenAndCloseAgain) {
     for (int i = 0; i < 20; ++i) {
         start();
-        fireOnce(kTimerQueueId);
-        SocketPair pair;
+        fireATimerOnce();
+        const SocketPair pair;
         std::latch ready{1};
-        uint32_t event = kNoId;
-        ASSERT_EQ(pelmoEvent_CreateIO(&event, kFirstIoQueueId, countDownOnce, pair.ends[0], kIoRead,
-                                      &ready),
-                  kStatusSuccess);
+        watch(kFirstIoQueueId, pair, fireOnce, &ready);
         pair.ready();  // the thread's wait takes up a socket that came later
         ready.wait();
-        pelmoEvent_DestroyEx(event, nullptr);
-        uint32_t left = kNoId;  // not destroyed ahead of the stop
-        ASSERT_EQ(pelmoEvent_CreateTimer(&left, kTimerQueueId, ignoreEvent, 0.5, nullptr),
-                  kStatusSuccess);
+        const uint32_t left = newTimer(0.5, ignoreEvent);  // not destroyed ahead of the stop
         EventManager_Stop();
-        EXPECT_EQ(Id_Check(kTimerQueueId, IdType::kQueue), kStatusNotFound);
-        EXPECT_EQ(Id_Check(kFirstIoQueueId, IdType::kQueue), kStatusNotFound);
+        EXPECT_EQ(idsOf(IdType::kQueue), std::vector<uint32_t>{});
         EXPECT_EQ(pelmoEvent_DestroyEx(left, nullptr), kStatusSuccess);
     }
 }
 
 TEST_F(EventManagers, StopOnAThreadOfTheirOwnAndStartAgain) {
-    for (const uint32_t queue : {kTimerQueueId, kFirstIoQueueId}) {
+    const auto stopAndStart = [](uint32_t, pelmoMsg*, void* stopped) {
+        EventManager_Stop();
+        EXPECT_EQ(EventManager_Start(), kStatusSuccess);
+        EXPECT_EQ(EventManager_StartIo(1), kStatusSuccess);
+        static_cast<std::latch*>(stopped)->count_down();
+    };
+    for (const bool onTimerThread : {true, false}) {
         start();
         std::latch stopped{1};
-        uint32_t timer = kNoId;
-        SocketPair pair;
-        const auto stopAndStart = [](uint32_t, pelmoMsg*, void* latch) {
-            EventManager_Stop();
-            EXPECT_EQ(EventManager_Start(), kStatusSuccess);
-            EXPECT_EQ(EventManager_StartIo(1), kStatusSuccess);
-            static_cast<std::latch*>(latch)->count_down();
-        };
-        if (queue == kTimerQueueId) {
-            ASSERT_EQ(pelmoEvent_CreateTimer(&timer, queue, stopAndStart, 0.001, &stopped),
-                      kStatusSuccess);
-        } else {
-            ASSERT_EQ(
-                pelmoEvent_CreateIO(&timer, queue, stopAndStart, pair.ends[0], kIoRead, &stopped),
-                kStatusSuccess);
-            pair.ready();
-        }
+        const SocketPair pair;
+        pair.ready();
+        const uint32_t event = onTimerThread ? newTimer(0.001, stopAndStart, &stopped)
+                                             : watch(kFirstIoQueueId, pair, stopAndStart, &stopped);
         stopped.wait();
-        pelmoEvent_DestroyEx(timer, nullptr);
-        fireOnce(kTimerQueueId);
+        pelmoEvent_DestroyEx(event, nullptr);
+        fireATimerOnce();
         EventManager_Stop();
     }
 }
@@ -106,14 +100,10 @@ TEST_F(EventManagers, TakeOneToAHundredAndTwentyEightIoThreads) {
     const char* name = nullptr;
     EXPECT_EQ(pelmoQueue_GetName(7, &name), kStatusSuccess);
     EXPECT_STREQ(name, "PELMO IO Queue 3");
-    SocketPair pair;
+    const SocketPair pair;
     std::latch ready{2};
-    uint32_t one = kNoId, other = kNoId;
-    // Each queue has a set of its own.
-    EXPECT_EQ(pelmoEvent_CreateIO(&one, 6, countDownOnce, pair.ends[0], kIoRead, &ready),
-              kStatusSuccess);
-    EXPECT_EQ(pelmoEvent_CreateIO(&other, 7, countDownOnce, pair.ends[0], kIoRead, &ready),
-              kStatusSuccess);
+    for (const uint32_t queue : {6u, 7u})  // each queue has a set of its own
+        watch(queue, pair, fireOnce, &ready);
     pair.ready();
     ready.wait();
 }
@@ -126,8 +116,7 @@ TEST_F(EventManagers, LeaveNothingBehindWhereTheyCantStart) {
         EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
         allocationsHeal();
         EventManager_Stop();
-        EXPECT_EQ(Id_Check(kTimerQueueId, IdType::kQueue), kStatusNotFound);
-        EXPECT_EQ(Id_Check(kFirstIoQueueId + 1, IdType::kQueue), kStatusNotFound);
+        EXPECT_EQ(objectCount(), 0u);
     });
     (void)testing::internal::GetCapturedStderr();
     EXPECT_GT(failures, 30u);
@@ -137,8 +126,7 @@ TEST_F(EventManagers, LeaveNothingBehindWhereTheyCantStart) {
 // thread waits for them and others dispatch.
 TEST_F(EventManagers, WatchSocketsThatComeAndGo) {
     start();
-    uint32_t queue = kNoId;
-    ASSERT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
+    const uint32_t queue = makeQueue();
     std::atomic<bool> done{false};
     std::atomic<uint32_t> callbacks{0};
     std::thread dispatcher([&] {
@@ -146,17 +134,13 @@ TEST_F(EventManagers, WatchSocketsThatComeAndGo) {
             (void)pelmoQueue_TimedDispatch(queue, 0.001);
     });
     testing::internal::CaptureStderr();
+    const auto countUp = [](uint32_t, pelmoMsg*, void* count) {
+        ++*static_cast<std::atomic<uint32_t>*>(count);
+    };
     const auto churn = [&](uint32_t target) {
         for (int i = 0; i < 400; ++i) {
-            SocketPair pair;
-            uint32_t event = kNoId;
-            ASSERT_EQ(pelmoEvent_CreateIO(
-                          &event, target,
-                          [](uint32_t, pelmoMsg*, void* count) {
-                              ++*static_cast<std::atomic<uint32_t>*>(count);
-                          },
-                          pair.ends[0], kIoRead, &callbacks),
-                      kStatusSuccess);
+            const SocketPair pair;
+            const uint32_t event = watch(target, pair, countUp, &callbacks);
             if (i % 2 != 0) pair.ready();
             if (i % 3 != 0) std::this_thread::yield();
             EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
@@ -170,26 +154,17 @@ TEST_F(EventManagers, WatchSocketsThatComeAndGo) {
     dispatcher.join();
     // No wait met a descriptor that was closed.
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EventManager_Stop();
-    pelmoQueue_DestroyEx(queue, nullptr, nullptr);
 }
 
 // A destroy that meets the stop neither hangs nor finds what is gone.
 TEST_F(EventManagers, StopWhileEventsEnd) {
     for (int i = 0; i < 30; ++i) {
         start();
-        std::vector<std::unique_ptr<SocketPair>> pairs;
+        const SocketPair pairs[10];
         std::vector<uint32_t> events;
-        for (int j = 0; j < 10; ++j) {
-            pairs.push_back(std::make_unique<SocketPair>());
-            uint32_t event = kNoId;
-            ASSERT_EQ(pelmoEvent_CreateIO(&event, kFirstIoQueueId, ignoreEvent,
-                                          pairs.back()->ends[0], kIoRead, nullptr),
-                      kStatusSuccess);
-            events.push_back(event);
-            ASSERT_EQ(pelmoEvent_CreateTimer(&event, kTimerQueueId, ignoreEvent, 0, nullptr),
-                      kStatusSuccess);
-            events.push_back(event);
+        for (const SocketPair& pair : pairs) {
+            events.push_back(watch(kFirstIoQueueId, pair, ignoreEvent));
+            events.push_back(newTimer(0, ignoreEvent));
         }
         std::thread destroyer([&] {
             for (const uint32_t event : events)

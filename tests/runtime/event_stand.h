@@ -6,31 +6,16 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <vector>
+#include <memory>
 
-#include "lib/containers/dpa.h"
-#include "lib/runtime/dispatch.h"
-#include "lib/runtime/event.h"
 #include "lib/runtime/io_events.h"
 #include "lib/runtime/timers.h"
 #include "lib/runtime/wakeup_pair.h"
 #include "tests/support/fixed_clock.h"
 #include "tests/support/runtime_objects.h"
 
-// What a test leaves behind.
-inline void endAllEvents() {
-    Dpa* const ids = dpaCreate(1);
-    EXPECT_TRUE(idTableList(IdType::kEvent, ids));
-    for (uint32_t i = 0; i < ids->count; ++i) {
-        const auto id = reinterpret_cast<uintptr_t>(ids->items[i]);
-        pelmoEvent_DestroyEx(static_cast<uint32_t>(id), nullptr);
-    }
-    dpaDestroy(ids);
-}
-
 struct EventStand {
     EventStand() {
-        EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
         EXPECT_EQ(Queue_Create(nullptr, kFirstIoQueueId, "io", false, false), kStatusSuccess);
         {
             LockGuard guard(evmLock);
@@ -43,26 +28,13 @@ struct EventStand {
     }
     ~EventStand() {
         wakeupPairDestroy(io->pair);
-        endAllEvents();
-        {
-            LockGuard guard(evmLock);
-            ++evmEpoch;
-            timersCloseLocked();
-            ioThreadsClearLocked();
-        }
-        pelmoQueue_DestroyEx(queue, nullptr, nullptr);
-        pelmoQueue_DestroyEx(kFirstIoQueueId, nullptr, nullptr);
+        LockGuard guard(evmLock);
+        ++evmEpoch;
+        timersCloseLocked();
+        ioThreadsClearLocked();
     }
     EventStand(const EventStand&) = delete;
     EventStand& operator=(const EventStand&) = delete;
-
-    // Runs what waits on the queue; how many.
-    uint32_t dispatchAll(uint32_t id) const {
-        uint32_t steps = 0;
-        while (pelmoQueue_TimedDispatch(id, 0) == kStatusSuccess)
-            ++steps;
-        return steps;
-    }
 
     // One pass of the IO thread that doesn't wait.
     void ioPass() const {
@@ -71,11 +43,8 @@ struct EventStand {
         dispatchAll(kFirstIoQueueId);
     }
 
-    uint32_t entries(uint32_t id) const {
-        uint32_t count = 0;
-        EXPECT_EQ(pelmoQueue_GetCount(id, &count), kStatusSuccess);
-        return count;
-    }
+    // Fires the timers that are due so many seconds from the start, of one pass; how many.
+    uint32_t fire(double seconds) const { return timersFire(epoch, start + seconds); }
 
     uint32_t timer(double interval, pelmoEventCallback callback, void* closure = nullptr) const {
         uint32_t event = kNoId;
@@ -86,7 +55,8 @@ struct EventStand {
 
     RuntimeTables tables;
     FixedMonotonic clock{1'000};
-    uint32_t queue = kNoId;
+    const double start = clockSteadySeconds();
+    uint32_t queue = makeQueue();
     uint32_t epoch = 0;
     IoThread* io = nullptr;
 };

@@ -1,59 +1,61 @@
 #include "lib/runtime/io_events.h"
 
-#include <netinet/in.h>
-
-#include <memory>
-#include <thread>
-
-#include "lib/containers/dpa.h"
 #include "lib/runtime/socket_error.h"
 #include "tests/runtime/event_stand.h"
 #include "tests/support/fail_alloc.h"
 
 namespace {
 
+using Fired = std::vector<uint32_t>;
+
 struct IoEvents : testing::Test {
-    uint32_t watch(uint32_t queue, int source, uint32_t condition) {
+    uint32_t watch(uint32_t queue, int source, uint32_t condition = kIoRead) {
         uint32_t event = kNoId;
         status = pelmoEvent_CreateIO(&event, queue, noteEvent, source, condition, &fired);
         return event;
     }
 
+    // The events of a pass of the IO thread, and of a dispatch.
+    Fired pass() {
+        fired.clear();
+        stand.ioPass();
+        dispatchAll(stand.queue);
+        return fired;
+    }
+
     EventStand stand;
     SocketPair pair;
-    std::vector<uint32_t> fired;
+    Fired fired;
     pelmoStatus status = kStatusSuccess;
 };
 
 TEST_F(IoEvents, AreOutOfTheSetFromFiringToDispatch) {
-    const uint32_t event = watch(stand.queue, pair.ends[0], kIoRead);
-    stand.ioPass();
-    EXPECT_EQ(stand.entries(stand.queue), 0u);
+    const uint32_t event = watch(stand.queue, pair.ends[0]);
+    EXPECT_EQ(pass(), Fired{});
     pair.ready();
     for (int i = 0; i < 3; ++i)
         stand.ioPass();
-    EXPECT_EQ(stand.entries(stand.queue), 1u);
-    EXPECT_EQ(stand.dispatchAll(stand.queue), 1u);
-    stand.ioPass();  // nobody has read: it is ready still
-    EXPECT_EQ(stand.dispatchAll(stand.queue), 1u);
-    EXPECT_EQ(fired, (std::vector{event, event}));
+    EXPECT_EQ(countOf(stand.queue), 1u);
+    dispatchAll(stand.queue);
+    EXPECT_EQ(fired, Fired{event});
+    EXPECT_EQ(pass(), Fired{event});  // nobody has read: it is ready still
+}
+
+TEST_F(IoEvents, StayInTheSetOnAnIoQueue) {
+    const uint32_t event = watch(kFirstIoQueueId, pair.ends[0]);
+    pair.ready();
+    for (int i = 0; i < 3; ++i)
+        stand.ioPass();
+    EXPECT_EQ(fired, (Fired{event, event, event}));
 }
 
 TEST_F(IoEvents, ThatAreDestroyedCantComeBack) {
-    const uint32_t event = watch(stand.queue, pair.ends[0], kIoRead);
+    const uint32_t event = watch(stand.queue, pair.ends[0]);
     Held<Event> held;
     ASSERT_EQ(held.get(event, IdAccess::kUnlocked), kStatusSuccess);
     EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
     EXPECT_EQ(Event_UnregisterIO(held.pointer()), kStatusInvalidEvent);
     EXPECT_EQ(Event_RegisterIO(held.pointer()), kStatusInvalidEvent);
-}
-
-TEST_F(IoEvents, StayInTheSetOnAnIoQueue) {
-    const uint32_t event = watch(kFirstIoQueueId, pair.ends[0], kIoRead);
-    pair.ready();
-    for (int i = 0; i < 3; ++i)
-        stand.ioPass();
-    EXPECT_EQ(fired, (std::vector{event, event, event}));
 }
 
 TEST_F(IoEvents, TakeOneEventForEachSocketAndCondition) {
@@ -82,93 +84,79 @@ TEST_F(IoEvents, TakeOneEventForEachSocketAndCondition) {
         EXPECT_EQ(status, c.expected);
         EXPECT_EQ(event != kNoId, c.expected == kStatusSuccess);
     }
-    stand.ioPass();  // of the five, one can write
-    EXPECT_EQ(stand.dispatchAll(stand.queue), 1u);
+    EXPECT_EQ(pass().size(), 1u);  // of the four, one can write
     close(pipeEnds[0]);
     close(pipeEnds[1]);
 }
 
 TEST_F(IoEvents, HearOfASocketThatSomebodyClosed) {
     int lost = dup(pair.ends[0]);
-    const uint32_t dead = watch(stand.queue, lost, kIoRead);
+    const uint32_t dead = watch(stand.queue, lost);
     const uint32_t deadToo = watch(kFirstIoQueueId, lost, kIoWrite);
-    const uint32_t alive = watch(stand.queue, pair.ends[0], kIoRead);
+    const uint32_t alive = watch(stand.queue, pair.ends[0]);
     testing::internal::CaptureStderr();
     close(lost);
-    stand.ioPass();
+    EXPECT_EQ(pass(), (Fired{deadToo, dead}));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "select error: 10038 (The descriptor is not a socket)\n");
-    EXPECT_EQ(fired, std::vector{deadToo});
-    stand.dispatchAll(stand.queue);
-    EXPECT_EQ(fired, (std::vector{deadToo, dead}));
 
     ASSERT_EQ(dup2(pair.ends[1], lost), lost);  // the number alone doesn't bring it back
     pair.ready();
-    stand.ioPass();
-    stand.dispatchAll(stand.queue);
-    EXPECT_EQ(fired, (std::vector{deadToo, dead, alive}));
+    EXPECT_EQ(pass(), Fired{alive});
     close(lost);
 }
 
 TEST_F(IoEvents, AreStillThereAfterAPostWithoutMemory) {
-    const uint32_t event = watch(stand.queue, pair.ends[0], kIoRead);
+    const uint32_t event = watch(stand.queue, pair.ends[0]);
     pair.ready();
     {
         const FailAlloc fail{.forGood = true};
         stand.ioPass();
     }
-    EXPECT_EQ(stand.entries(stand.queue), 0u);
-    stand.ioPass();
-    stand.dispatchAll(stand.queue);
-    EXPECT_EQ(fired, std::vector{event});
+    EXPECT_EQ(countOf(stand.queue), 0u);
+    EXPECT_EQ(pass(), Fired{event});
 }
 
 TEST_F(IoEvents, ArePostedWithNoLockHeld) {
     static int hooks;
     hooks = 0;
-    const auto hook = [](uint32_t, void*) {
-        std::thread([] { LockGuard guard(evmLock); }).join();
-        ++hooks;
-    };
+    const auto hook = [](uint32_t, void*) { hooks += isFree(evmLock) ? 1 : 0; };
     ASSERT_EQ(pelmoQueue_SetHook(stand.queue, hook, nullptr), kStatusSuccess);
-    (void)watch(stand.queue, pair.ends[0], kIoRead);
+    (void)watch(stand.queue, pair.ends[0]);
     pair.ready();
     stand.ioPass();
     EXPECT_EQ(hooks, 1);
 }
 
 TEST_F(IoEvents, FillALargerSet) {
-    constexpr uint32_t kSockets = 129;
-    std::vector<std::unique_ptr<SocketPair>> pairs(kSockets);
-    for (uint32_t i = 0; i < kSockets; ++i) {
-        pairs[i] = std::make_unique<SocketPair>();
-        pairs[i]->ready();
-        EXPECT_NE(watch(stand.queue, pairs[i]->ends[0], kIoRead), kNoId);
-        // The pair's socket counts too.
-        EXPECT_EQ(stand.io->sockets.maxSockets, i < 63 ? 64u : i < 127 ? 128u : 256u);
+    const SocketPair pairs[129];
+    uint32_t count = 1;  // the wake-up pair's socket counts too
+    for (const SocketPair& each : pairs) {
+        each.ready();
+        EXPECT_NE(watch(stand.queue, each.ends[0]), kNoId);
+        EXPECT_EQ(stand.io->sockets.maxSockets, ++count <= 64 ? 64u : count <= 128 ? 128u : 256u);
     }
-    stand.ioPass();
-    EXPECT_EQ(stand.dispatchAll(stand.queue), kSockets);
+    EXPECT_EQ(pass().size(), std::size(pairs));
 }
 
 TEST_F(IoEvents, AreMadeWholeOrNotAtAllWithoutMemory) {
-    std::vector<std::unique_ptr<SocketPair>> pairs(66);
-    for (auto& each : pairs)
-        each = std::make_unique<SocketPair>();
+    const SocketPair pairs[66];
+    const size_t before = objectCount();
     testing::internal::CaptureStderr();
     const size_t failures = eachAllocationFails([&] {
         std::vector<uint32_t> made;
-        for (const auto& each : pairs) {
-            const uint32_t event = watch(stand.queue, each->ends[0], kIoRead);
+        for (const SocketPair& each : pairs) {
+            const uint32_t event = watch(stand.queue, each.ends[0]);
             if (event != kNoId) made.push_back(event);
             EXPECT_TRUE(event != kNoId || status == kStatusNoMemory ||
                         status == kStatusSocketLimit);
         }
-        EXPECT_GE(made.size() + allocationsFailed(), pairs.size());
+        EXPECT_GE(made.size() + allocationsFailed(), std::size(pairs));
         allocationsHeal();
         for (const uint32_t event : made)
             EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
         EXPECT_EQ(stand.io->sockets.events[0]->count, 1u);
+        EXPECT_EQ(objectCount(), before);
     });
     (void)testing::internal::GetCapturedStderr();
     EXPECT_GT(failures, 20u);
@@ -187,6 +175,12 @@ struct Sets : testing::Test {
         return events.back().get();
     }
 
+    // New events to read on all of the sources.
+    void add(int first, int last) {
+        for (int source = first; source <= last; ++source)
+            ASSERT_EQ(pollSetAdd(&set, event(source)), kStatusSuccess);
+    }
+
     Event* firstReady(uint32_t condition) {
         uint32_t from = 0;
         return pollSetNextReady(&set, condition, &from);
@@ -197,8 +191,7 @@ struct Sets : testing::Test {
 };
 
 TEST_F(Sets, EndAt32768Sockets) {
-    for (int source = 0; source < 32'768; ++source)
-        ASSERT_EQ(pollSetAdd(&set, event(source)), kStatusSuccess);
+    add(0, 32'767);
     EXPECT_EQ(set.maxSockets, 32'768u);
     EXPECT_EQ(pollSetAdd(&set, event(40'000, kIoWrite)), kStatusSuccess);
     pollSetPrepare(&set);
@@ -210,15 +203,14 @@ TEST_F(Sets, EndAt32768Sockets) {
 }
 
 TEST_F(Sets, GrowBesideThePassUnderWay) {
-    for (int source = 64; source > 0; --source)
-        ASSERT_EQ(pollSetAdd(&set, event(source)), kStatusSuccess);
+    add(33, 64);
+    add(1, 32);
     pollSetPrepare(&set);
     pollfd* const pass = set.pass;
-    for (int source = 65; source <= 200; ++source)
-        ASSERT_EQ(pollSetAdd(&set, event(source)), kStatusSuccess);
+    add(65, 200);
     EXPECT_EQ(set.pass, pass);
     EXPECT_EQ(set.passCount, 64u);
-    set.pass[63].revents = POLLIN;
+    set.pass[32].revents = POLLIN;
     EXPECT_EQ(firstReady(0), events[0].get());
     pollSetFinish(&set);
     pollSetPrepare(&set);
@@ -229,8 +221,8 @@ TEST_F(Sets, GrowBesideThePassUnderWay) {
 TEST_F(Sets, FireWhatWasAskedForAlone) {
     Event* const read = event(5);
     Event* const write = event(5, kIoWrite);
-    ASSERT_EQ(pollSetAdd(&set, read), kStatusSuccess);
-    ASSERT_EQ(pollSetAdd(&set, write), kStatusSuccess);
+    for (Event* each : {read, write})
+        ASSERT_EQ(pollSetAdd(&set, each), kStatusSuccess);
     pollSetPrepare(&set);
     ASSERT_EQ(set.passCount, 1u);
     EXPECT_EQ(set.pass[0].events, POLLIN | POLLOUT);
@@ -251,8 +243,7 @@ TEST_F(Sets, FireWhatWasAskedForAlone) {
     // Another socket by the same number isn't taken for the one that was polled.
     set.pass[0].revents = POLLIN | POLLOUT;
     EXPECT_EQ(pollSetRemove(&set, read), kStatusSuccess);
-    Event* const later = event(5);
-    EXPECT_EQ(pollSetAdd(&set, later), kStatusSuccess);
+    add(5, 5);
     EXPECT_EQ(pollSetRemove(&set, read), kStatusInvalidEvent);
     EXPECT_EQ(firstReady(0), nullptr);
     EXPECT_EQ(firstReady(1), write);

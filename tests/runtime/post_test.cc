@@ -1,15 +1,11 @@
 #include "lib/runtime/post.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "lib/runtime/transport_ops.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/lock_count.h"
 #include "tests/support/race.h"
@@ -36,7 +32,7 @@ pelmoStatus keepAdvisory(uint32_t transport,
     return kStatusNoMemory;  // which nobody minds
 }
 
-const pelmoMsg* post(TestEvent& listener, bool advisory = false) {
+const pelmoMsg* post(const TestEvent& listener, bool advisory = false) {
     pelmoMsg* message = messageFor(0);
     if (advisory) msgSetLimitAdvisory(message);
     listener.deliver(message);
@@ -44,27 +40,34 @@ const pelmoMsg* post(TestEvent& listener, bool advisory = false) {
     return message;
 }
 
+// A new message for each of the events, posted together.
+std::vector<const pelmoMsg*> postBatch(uint32_t queue, const std::vector<uint32_t>& events) {
+    std::vector<PostEntry> batch;
+    std::vector<const pelmoMsg*> messages;
+    for (const uint32_t event : events) {
+        batch.push_back({event, messageFor(0)});
+        messages.push_back(batch.back().message);
+    }
+    Queue_PostBatch(queue, batch);
+    return messages;
+}
+
 struct Posts : testing::Test {
     RuntimeTables tables;
     uint32_t queue = makeQueue();
+    TestEvent timer{kEventTimer, queue, &advisories}, listener{kEventListener, queue, &queue};
 
     Posts() {
         transportOps.sendAdvisory = keepAdvisory;
         advisories.clear();
         meanwhile = nullptr;
     }
-    ~Posts() override {
-        (void)pelmoQueue_DestroyEx(queue, nullptr, nullptr);
-        transportOps.sendAdvisory = nullptr;
-    }
-
-    size_t count() const { return entriesOf(queue).size(); }
+    ~Posts() override { transportOps = {}; }
 };
 
 TEST_F(Posts, CarryEventAndClosureOrFail) {
-    int closure = 0;
-    TestEvent timer(kEventTimer, queue, &closure), listener(kEventListener, queue, &queue);
-    TestEvent stray(kEventTimer, queue + 1000);
+    const TestEvent stray(kEventTimer, queue);
+    stray.event->queueId = 4'711;
     EXPECT_EQ(Event_Post(nullptr), kStatusInvalidEvent);
     EXPECT_EQ(Event_Post(stray.event), kStatusInvalidQueue);
     EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
@@ -82,7 +85,7 @@ TEST_F(Posts, CarryEventAndClosureOrFail) {
     const auto entries = entriesOf(queue);
     ASSERT_EQ(entries.size(), 3u);
     EXPECT_EQ(entries[0]->deliveryEvent, timer.id);
-    EXPECT_EQ(entries[0]->deliveryClosure, &closure);
+    EXPECT_EQ(entries[0]->deliveryClosure, &advisories);
     EXPECT_EQ(entries[1], first);
     EXPECT_EQ(entries[1]->deliveryEvent, listener.id);
     EXPECT_EQ(entries[2], second);
@@ -101,24 +104,20 @@ struct Limited {
 void checkLimit(const Limited& row, bool batch) {
     SCOPED_TRACE(testing::Message() << row.policy << ' ' << row.posts << ' ' << batch);
     const uint32_t queue = makeQueue();
+    const TestEvent timer(kEventTimer, queue), listener(kEventListener, queue);
     advisories.clear();
-    TestEvent timer(kEventTimer, queue), listener(kEventListener, queue);
     ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, row.policy, row.most, row.discard), kStatusSuccess);
     std::string left(std::strlen(row.posts), '.');
     std::vector<const pelmoMsg*> posted;
-    std::vector<PostEntry> entries;
-    for (const char* kind = row.posts; *kind != '\0'; ++kind) {
-        if (batch) {
-            entries.push_back({listener.id, messageFor(0)});
-            posted.push_back(entries.back().message);
-        } else if (*kind == 'T') {
+    if (batch) posted = postBatch(queue, std::vector<uint32_t>(left.size(), listener.id));
+    for (const char* kind = row.posts; !batch && *kind != '\0'; ++kind) {
+        if (*kind == 'T') {
             EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
             posted.push_back(entriesOf(queue).back());
         } else {
             posted.push_back(post(listener, *kind == 'A'));
         }
     }
-    Queue_PostBatch(queue, entries);
     // A block that was given back may serve a later message: the last of a pointer counts.
     for (const pelmoMsg* entry : entriesOf(queue)) {
         const auto last = std::find(posted.rbegin(), posted.rend(), entry);
@@ -128,7 +127,6 @@ void checkLimit(const Limited& row, bool batch) {
     }
     EXPECT_EQ(left, row.left);
     EXPECT_EQ(advisories, std::vector<std::string>(row.advisories, "queue"));
-    EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
 }
 
 TEST_F(Posts, MeetTheLimitAsThePolicySays) {
@@ -154,69 +152,55 @@ TEST_F(Posts, MeetTheLimitAsThePolicySays) {
 }
 
 TEST_F(Posts, TellOfTheLimitWithNoLockHeld) {
-    TestEvent listener(kEventListener, queue);
     ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardFirst, 1, 1), kStatusSuccess);
     post(listener);
-    Queue* record = recordOf(queue);
+    Queue* record = recordOf<Queue>(queue);
     meanwhile = [&] {
-        EXPECT_TRUE(isFree(record->header.lock));
-        EXPECT_TRUE(isFree(record->dataLock));
-        EXPECT_TRUE(isFree(listener.event->header.lock));
+        for (Lock* lock : {&record->header.lock, &record->dataLock, &listener.event->header.lock})
+            EXPECT_TRUE(isFree(*lock));
         EXPECT_EQ(pelmoQueue_SetName(queue, "meanwhile"), kStatusSuccess);
     };
     post(listener);
-    const PostEntry entry = {listener.id, messageFor(0)};
-    Queue_PostBatch(queue, {&entry, 1});
+    postBatch(queue, {listener.id});
     EXPECT_EQ(advisories, (std::vector<std::string>{"queue", "meanwhile"}));
 
     // Both may be gone when the post goes on.
-    const auto end = [this](auto destroy) {
-        TestEvent other(kEventListener, queue);
-        meanwhile = [&] { destroy(other); };
+    const auto endMeanwhile = [this](auto end) {
+        const TestEvent other(kEventListener, queue);
         other.deliver(messageFor(0));
-        return Event_Post(other.event);
+        meanwhile = [&] { end(other); };
+        const pelmoStatus status = Event_Post(other.event);
+        meanwhile = nullptr;
+        return status;
     };
-    EXPECT_EQ(end([](TestEvent& event) { event.destroy(); }), kStatusInvalidEvent);
-    meanwhile = nullptr;
+    EXPECT_EQ(endMeanwhile([](const TestEvent& event) { event.destroy(); }), kStatusInvalidEvent);
     post(listener);
-    EXPECT_EQ(end([this](TestEvent&) {
-                  EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
-              }),
-              kStatusInvalidQueue);
+    const auto endQueue = [this](const TestEvent&) {
+        EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
+    };
+    EXPECT_EQ(endMeanwhile(endQueue), kStatusInvalidQueue);
 }
 
 TEST_F(Posts, OfABatchDropTheRestWhereTheQueueEnds) {
-    TestEvent listener(kEventListener, queue);
     ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardLast, 1, 0), kStatusSuccess);
     meanwhile = [this] { (void)pelmoQueue_DestroyEx(queue, nullptr, nullptr); };
-    std::vector<PostEntry> batch;
-    for (int i = 0; i < 4; ++i)
-        batch.push_back({listener.id, messageFor(0)});
-    Queue_PostBatch(queue, batch);
+    postBatch(queue, std::vector<uint32_t>(4, listener.id));
     EXPECT_EQ(advisories.size(), 1u);
-
-    batch.resize(1);
-    batch[0].message = messageFor(0);
-    Queue_PostBatch(queue, batch);  // and all of it where there is none
+    postBatch(queue, {listener.id});  // and all of it where there is none
 }
 
 TEST_F(Posts, OfABatchKeepTheirOrderAndPassOverDeadEvents) {
-    TestEvent first(kEventListener, queue, &queue), second(kEventListener, queue);
-    TestEvent cutOff(kEventListener, queue), dead(kEventListener, queue);
+    const TestEvent second(kEventListener, queue), cutOff(kEventListener, queue);
+    const TestEvent dead(kEventListener, queue);
     cutOff.event->listener.transportId = kNoId;
     dead.destroy();
-    std::vector<PostEntry> batch;
-    std::vector<const pelmoMsg*> expected;
-    for (const TestEvent* event : {&first, &first, &dead, &second, &cutOff, &dead, &first}) {
-        batch.push_back({event->id, messageFor(0)});
-        if (event == &first || event == &second) expected.push_back(batch.back().message);
-    }
-    batch.push_back({kNoId, messageFor(0)});
-    Queue_PostBatch(queue, batch);
-    EXPECT_EQ(entriesOf(queue), expected);
-    EXPECT_EQ(expected[1]->deliveryEvent, first.id);
-    EXPECT_EQ(expected[1]->deliveryClosure, &queue);
-    EXPECT_EQ(expected[2]->deliveryEvent, second.id);
+    const auto posted = postBatch(queue, {listener.id, listener.id, dead.id, second.id, cutOff.id,
+                                          dead.id, listener.id, kNoId});
+    const auto left = entriesOf(queue);
+    ASSERT_EQ(left, (std::vector{posted[0], posted[1], posted[3], posted[6]}));
+    EXPECT_EQ(left[1]->deliveryEvent, listener.id);
+    EXPECT_EQ(left[1]->deliveryClosure, &queue);
+    EXPECT_EQ(left[2]->deliveryEvent, second.id);
 }
 
 TEST_F(Posts, CallTheHookForEachEntryWithNoLockHeld) {
@@ -226,21 +210,18 @@ TEST_F(Posts, CallTheHookForEachEntryWithNoLockHeld) {
         static void call(uint32_t id, void* closure) {
             auto* self = static_cast<Hook*>(closure);
             EXPECT_EQ(id, self->queue);
-            EXPECT_TRUE(isFree(recordOf(id)->header.lock));
+            EXPECT_TRUE(isFree(recordOf<Queue>(id)->header.lock));
             ++self->calls;
         }
     } hook{queue};
-    TestEvent listener(kEventListener, queue);
     EXPECT_EQ(pelmoQueue_SetHook(queue, Hook::call, &hook), kStatusSuccess);
     post(listener);
     EXPECT_EQ(hook.calls, 1);
     EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);  // nothing waits
     EXPECT_EQ(hook.calls, 1);
-    const PostEntry batch[] = {
-        {listener.id, messageFor(0)}, {kNoId, messageFor(0)}, {listener.id, messageFor(0)}};
-    Queue_PostBatch(queue, batch);
+    postBatch(queue, {listener.id, kNoId, listener.id});
     EXPECT_EQ(hook.calls, 3);
-    Queue_PostBatch(queue, {batch, 0});
+    postBatch(queue, {});
     EXPECT_EQ(hook.calls, 3);
 }
 
@@ -248,41 +229,32 @@ TEST_F(Posts, SignalOnlyQueuesWithSleepers) {
     const struct {
         uint32_t id, waiters;
         bool signalled;
-    } rows[] = {{kWorkQueueId, 0, false},
-                {kWorkQueueId, 1, true},
-                {kTimerQueueId, 1, false},
-                {5, 1, false},
-                {133, 1, false},
-                {134, 1, true},
-                {4, 1, true}};
+    } rows[] = {{kWorkQueueId, 1, true}, {4, 0, false},   {4, 1, true},  {kTimerQueueId, 1, false},
+                {5, 1, false},           {133, 1, false}, {134, 1, true}};
     for (const auto& row : rows) {
         ASSERT_EQ(Queue_Create(nullptr, row.id, "fixed", false, false), kStatusSuccess);
-        const TestEvent timer(kEventTimer, row.id);
-        Queue* record = recordOf(row.id);
+        const TestEvent event(kEventTimer, row.id);
+        Queue* record = recordOf<Queue>(row.id);
         record->waiters = row.waiters;
-        EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
+        EXPECT_EQ(Event_Post(event.event), kStatusSuccess);
         EXPECT_EQ(record->cond.signalled, row.signalled) << row.id;
         EXPECT_EQ(pelmoQueue_DestroyEx(row.id, nullptr, nullptr), kStatusSuccess);
     }
 }
 
 TEST_F(Posts, OfABatchLookUpAnEventOncePerRun) {
-    TestEvent first(kEventListener, queue), second(kEventListener, queue);
-    const auto locksFor = [this](std::vector<uint32_t> ids) {
-        std::vector<PostEntry> batch;
-        for (const uint32_t id : ids)
-            batch.push_back({id, messageFor(0)});
+    const TestEvent second(kEventListener, queue);
+    const auto locksFor = [this](const std::vector<uint32_t>& events) {
         const size_t before = locksEntered();
-        Queue_PostBatch(queue, batch);
+        postBatch(queue, events);
         return locksEntered() - before;
     };
-    const size_t one = locksFor({first.id});
-    EXPECT_EQ(locksFor({first.id, first.id, first.id, first.id}), one);
-    EXPECT_GT(locksFor({first.id, second.id}), one);
+    const size_t one = locksFor({listener.id});
+    EXPECT_EQ(locksFor({listener.id, listener.id, listener.id, listener.id}), one);
+    EXPECT_GT(locksFor({listener.id, second.id}), one);
 }
 
 TEST_F(Posts, OutOfMemoryDropTheMessage) {
-    TestEvent timer(kEventTimer, queue), listener(kEventListener, queue);
     for (int i = 0; i < 7; ++i)
         EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
     size_t after = 0;  // the queue's ring is about to grow
@@ -291,7 +263,7 @@ TEST_F(Posts, OutOfMemoryDropTheMessage) {
         const pelmoStatus status = Event_Post(timer.event);
         failed = allocationsFailed() != 0;
         EXPECT_EQ(status, failed ? kStatusNoMemory : kStatusSuccess);
-        EXPECT_EQ(count(), failed ? 7u : 8u);
+        EXPECT_EQ(countOf(queue), failed ? 7u : 8u);
     }
     EXPECT_GT(after, 3u);
     for (int i = 8; i < 15; ++i)
@@ -308,7 +280,7 @@ TEST_F(Posts, OutOfMemoryDropTheMessage) {
         Queue_PostBatch(queue, batch);
     }
     EXPECT_EQ(listener.event->listener.inbox->count, 0u);
-    EXPECT_EQ(count(), 16u);
+    EXPECT_EQ(countOf(queue), 16u);
     EXPECT_EQ(entriesOf(queue).back(), batch[1].message);
 
     // Without memory for the name nobody is told, and the post goes on.
@@ -331,13 +303,11 @@ TEST_F(Posts, RaceWithTheEndOfEventsAndQueues) {
     for (auto& round : rounds)
         round = std::make_unique<Round>();
     race(3, kRounds, [&](int thread, int number) {
-        Round& round = *rounds[static_cast<size_t>(number)];
+        const Round& round = *rounds[static_cast<size_t>(number)];
         for (int i = 0; i < 5; ++i) {
             if (thread == 0) (void)Event_Post(round.timer.event);
             if (thread != 1) continue;
-            const PostEntry batch[] = {{round.listener.id, messageFor(0)},
-                                       {round.timer.id, messageFor(0)}};
-            Queue_PostBatch(round.queue, batch);
+            postBatch(round.queue, {round.listener.id, round.timer.id});
             round.listener.deliver(messageFor(0));
             (void)Event_Post(round.listener.event);
         }

@@ -1,13 +1,8 @@
 #include "lib/runtime/queue_group.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <thread>
 #include <utility>
-#include <vector>
 
-#include "lib/containers/dpa.h"
 #include "lib/runtime/post.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
@@ -15,13 +10,6 @@
 namespace {
 
 using Ids = std::vector<uint32_t>;
-
-Ids idsIn(const Dpa* list) {
-    Ids ids;
-    for (uint32_t i = 0; list != nullptr && i < list->count; ++i)
-        ids.push_back(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(list->items[i])));
-    return ids;
-}
 
 Ids queuesOf(uint32_t group) {
     Held<QueueGroup> held;
@@ -37,42 +25,28 @@ Ids groupsOf(uint32_t queue) {
 
 // Has the group been signalled since it was last asked?
 bool wasSignalled(uint32_t group) {
-    Held<QueueGroup> held;
-    EXPECT_EQ(held.get(group, IdAccess::kLocked), kStatusSuccess);
-    return std::exchange(held->cond.signalled, false);
+    return std::exchange(recordOf<QueueGroup>(group)->cond.signalled, false);
 }
 
-uint32_t makeGroup() {
-    uint32_t group = kNoId;
-    EXPECT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
-    return group;
-}
-
-uint32_t makeQueueOf(uint32_t priority) {
-    const uint32_t queue = makeQueue();
-    EXPECT_EQ(pelmoQueue_SetPriority(queue, priority), kStatusSuccess);
-    return queue;
-}
-
-void destroyAll(const Ids& queues) {
-    for (const uint32_t queue : queues)
-        EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
+// In the group, in the order of the list.
+Ids makeQueuesIn(uint32_t group, std::initializer_list<uint32_t> priorities) {
+    Ids queues;
+    for (const uint32_t priority : priorities) {
+        queues.push_back(makeQueue());
+        EXPECT_EQ(pelmoQueue_SetPriority(queues.back(), priority), kStatusSuccess);
+        EXPECT_EQ(pelmoQueueGroup_Add(group, queues.back()), kStatusSuccess);
+    }
+    return queues;
 }
 
 struct Groups : testing::Test {
     RuntimeTables tables;
+    uint32_t group = makeGroup();
 };
 
 TEST_F(Groups, KeepTheHighestPriorityFirstAndTheFirstOfEqualOnes) {
-    const uint32_t group = makeGroup();
-    Ids queues;
-    for (const uint32_t priority : {1, 3, 2, 3, 1, 2}) {
-        queues.push_back(makeQueueOf(priority));
-        EXPECT_EQ(pelmoQueueGroup_Add(group, queues.back()), kStatusSuccess);
-    }
-    const Ids& q = queues;
+    const Ids q = makeQueuesIn(group, {1, 3, 2, 3, 1, 2});
     EXPECT_EQ(queuesOf(group), (Ids{q[1], q[3], q[2], q[5], q[0], q[4]}));
-
     const struct {
         size_t queue;
         uint32_t priority;
@@ -87,30 +61,21 @@ TEST_F(Groups, KeepTheHighestPriorityFirstAndTheFirstOfEqualOnes) {
         EXPECT_EQ(pelmoQueue_SetPriority(q[change.queue], change.priority), kStatusSuccess);
         EXPECT_EQ(queuesOf(group), change.order);
     }
-    destroyAll({q[4], q[0]});
+    for (const uint32_t queue : {q[4], q[0]})
+        EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
     EXPECT_EQ(queuesOf(group), (Ids{q[2], q[5], q[1], q[3]}));
-    EXPECT_EQ(pelmoQueueGroup_Destroy(group), kStatusSuccess);
-    destroyAll({q[1], q[2], q[3], q[5]});
 }
 
 TEST_F(Groups, AndQueuesKnowEachOtherUntilOneIsRemoved) {
-    const uint32_t group = makeGroup();
-    const uint32_t other = makeGroup();
-    const uint32_t queue = makeQueue();
-    const uint32_t synchronous = makeQueue(true);
+    const uint32_t other = makeGroup(), queue = makeQueue(), synchronous = makeQueue(true);
     EXPECT_FALSE(wasSignalled(group));
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess);
+    for (const uint32_t each : {group, group, other})
+        EXPECT_EQ(pelmoQueueGroup_Add(each, queue), kStatusSuccess);
     EXPECT_TRUE(wasSignalled(group));
-    EXPECT_EQ(pelmoQueueGroup_Add(other, queue), kStatusSuccess);
     EXPECT_EQ(groupsOf(queue), (Ids{group, other}));
-    EXPECT_EQ(queuesOf(group), Ids{queue});
 
     EXPECT_EQ(pelmoQueueGroup_Add(group, synchronous), kStatusNoMemory);
-    EXPECT_EQ(pelmoQueueGroup_Add(group, group), kStatusInvalidQueue);
-    EXPECT_EQ(pelmoQueueGroup_Add(queue, kNoId), kStatusInvalidQueue);
-    EXPECT_EQ(pelmoQueueGroup_Add(queue, queue), kStatusInvalidQueueGroup);
-    EXPECT_EQ(pelmoQueueGroup_Remove(queue, queue), kStatusInvalidQueueGroup);
+    EXPECT_EQ(pelmoQueueGroup_Add(queue, kNoId), kStatusInvalidQueue);  // looked at first
     EXPECT_EQ(pelmoQueueGroup_Remove(group, synchronous), kStatusInvalidQueue);
     EXPECT_EQ(queuesOf(group), Ids{queue});
 
@@ -118,15 +83,6 @@ TEST_F(Groups, AndQueuesKnowEachOtherUntilOneIsRemoved) {
     EXPECT_EQ(pelmoQueueGroup_Remove(group, queue), kStatusInvalidQueue);
     EXPECT_EQ(groupsOf(queue), Ids{other});
     EXPECT_EQ(queuesOf(group), Ids{});
-    libraryOpen = false;
-    uint32_t none = kNoId;
-    EXPECT_EQ(pelmoQueueGroup_Create(&none), kStatusNotInitialized);
-    EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusNotInitialized);
-    EXPECT_EQ(pelmoQueueGroup_Remove(group, queue), kStatusNotInitialized);
-    for (const uint32_t each : {group, other})
-        EXPECT_EQ(pelmoQueueGroup_Destroy(each), kStatusSuccess);
-    EXPECT_EQ(pelmoQueueGroup_Destroy(group), kStatusInvalidQueueGroup);
-    destroyAll({queue, synchronous});
 }
 
 TEST_F(Groups, AreAllSignalledByAPostHoweverMany) {
@@ -146,46 +102,43 @@ TEST_F(Groups, AreAllSignalledByAPostHoweverMany) {
         EXPECT_EQ(groupsOf(queue), named);
 
         EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
-        for (const uint32_t group : groups)
-            EXPECT_TRUE(wasSignalled(group)) << many;
+        for (const uint32_t each : groups)
+            EXPECT_TRUE(wasSignalled(each)) << many;
         EXPECT_EQ(pelmoQueue_SetPriority(queue, 5), kStatusSuccess);
-        destroyAll({queue});
-        for (const uint32_t group : groups) {
-            EXPECT_EQ(queuesOf(group), Ids{});
-            EXPECT_EQ(pelmoQueueGroup_Destroy(group), kStatusSuccess);
-        }
+        EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
+        for (const uint32_t each : groups)
+            EXPECT_EQ(queuesOf(each), Ids{});
     }
 }
 
 TEST_F(Groups, OutOfMemoryTakeNoQueue) {
     const Ids queues = {makeQueue(), makeQueue(), makeQueue(), makeQueue(), makeQueue()};
-    const size_t failed = eachAllocationFails([&queues] {
+    const size_t before = objectCount();
+    const size_t failed = eachAllocationFails([&] {
         Ids groups;  // three of five: either side's list has to grow
-        for (uint32_t group = kNoId; groups.size() < 3; groups.push_back(group)) {
-            if (pelmoQueueGroup_Create(&group) != kStatusSuccess) break;
+        for (uint32_t made = kNoId; groups.size() < 3; groups.push_back(made)) {
+            if (pelmoQueueGroup_Create(&made) != kStatusSuccess) break;
             for (const uint32_t queue : queues) {
-                const bool in = pelmoQueueGroup_Add(group, queue) == kStatusSuccess;
-                EXPECT_EQ(std::ranges::count(queuesOf(group), queue), in);
-                EXPECT_EQ(std::ranges::count(groupsOf(queue), group), in);
+                const bool in = pelmoQueueGroup_Add(made, queue) == kStatusSuccess;
+                EXPECT_EQ(std::ranges::count(queuesOf(made), queue), in);
+                EXPECT_EQ(std::ranges::count(groupsOf(queue), made), in);
             }
         }
-        for (const uint32_t group : groups) {
+        allocationsHeal();
+        for (const uint32_t each : groups) {
             for (const uint32_t queue : queues)
-                (void)pelmoQueueGroup_Remove(group, queue);
-            EXPECT_EQ(pelmoQueueGroup_Destroy(group), kStatusSuccess);
+                (void)pelmoQueueGroup_Remove(each, queue);
+            EXPECT_EQ(pelmoQueueGroup_Destroy(each), kStatusSuccess);
         }
         for (const uint32_t queue : queues)
             EXPECT_EQ(groupsOf(queue), Ids{});
+        EXPECT_EQ(objectCount(), before);
     });
     EXPECT_GT(failed, 10u);
-    destroyAll(queues);
 }
 
 TEST_F(Groups, AreInOrderOnceAllPrioritiesHaveChanged) {
-    const uint32_t group = makeGroup();
-    const Ids queues = {makeQueueOf(1), makeQueueOf(2), makeQueueOf(3)};
-    for (const uint32_t queue : queues)
-        EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess);
+    const Ids queues = makeQueuesIn(group, {1, 2, 3});
     const auto change = [](uint32_t queue, uint32_t last) {
         for (uint32_t i = 0; i < 300; ++i)
             EXPECT_EQ(pelmoQueue_SetPriority(queue, i * 7 % 11), kStatusSuccess);
@@ -199,8 +152,6 @@ TEST_F(Groups, AreInOrderOnceAllPrioritiesHaveChanged) {
     first.join();
     second.join();
     EXPECT_EQ(queuesOf(group), queues);
-    EXPECT_EQ(pelmoQueueGroup_Destroy(group), kStatusSuccess);
-    destroyAll(queues);
 }
 
 }  // namespace

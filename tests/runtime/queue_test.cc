@@ -1,15 +1,11 @@
 #include "lib/runtime/queue.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <span>
-#include <thread>
-#include <vector>
 
 #include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
@@ -18,89 +14,40 @@ namespace {
 
 struct Queues : testing::Test {
     RuntimeTables tables;
+    uint32_t queue = makeQueue();
+    uint32_t synchronous = makeQueue(true);
 };
-
-uint32_t countOf(uint32_t queue) {
-    uint32_t count = 0;
-    EXPECT_EQ(pelmoQueue_GetCount(queue, &count), kStatusSuccess);
-    return count;
-}
 
 enum Ring { kPending, kReady };
 
-const pelmoMsg* push(uint32_t queue, uint32_t event, Ring ring = kPending) {
-    Queue* record = recordOf(queue);
+pelmoMsg* push(uint32_t queue, uint32_t event, Ring ring = kPending) {
+    const Queue* record = recordOf<Queue>(queue);
     pelmoMsg* message = messageFor(event);
     EXPECT_TRUE(EntryRing_PushBack(ring == kReady ? record->ready : record->pending, message));
     return message;
 }
 
-// All public calls on a queue but its destroy; with their outputs, and without.
-std::vector<pelmoStatus> callAll(uint32_t queue, bool outputs) {
-    uint32_t number;
-    uint32_t* const out = outputs ? &number : nullptr;
-    const char* name;
-    pelmoQueueHook hook;
-    pelmoMsg* message;
-    pelmoMsg** const outMessage = outputs ? &message : nullptr;
-    return {pelmoQueue_GetCount(queue, out),
-            pelmoQueue_GetHook(queue, outputs ? &hook : nullptr),
-            pelmoQueue_GetLimitPolicy(queue, &number, out, &number),
-            pelmoQueue_GetName(queue, outputs ? &name : nullptr),
-            pelmoQueue_SetName(queue, outputs ? "name" : nullptr),
-            pelmoQueue_GetPriority(queue, out),
-            pelmoQueue_Poll(queue, outMessage, 0),
-            pelmoQueue_PollMany(queue, outMessage, 1, out, 0),
-            outputs ? pelmoQueue_SetPriority(queue, 1) : kStatusInvalidArgument,
-            outputs ? pelmoQueue_SetHook(queue, nullptr, nullptr) : kStatusInvalidArgument,
-            outputs ? pelmoQueue_SetLimitPolicy(queue, kLimitNone, 0, 0) : kStatusInvalidArgument};
-}
-
-TEST_F(Queues, RefuseBadCallsInOrder) {
-    const uint32_t plain = makeQueue();
-    const uint32_t synchronous = makeQueue(true);
-    const auto all = [](pelmoStatus status) { return std::vector<pelmoStatus>(11, status); };
-    EXPECT_EQ(callAll(synchronous + 1, true), all(kStatusInvalidQueue));
-    EXPECT_EQ(callAll(synchronous, false), all(kStatusInvalidArgument));
-    EXPECT_EQ(callAll(plain, false), all(kStatusInvalidArgument));
-
-    auto expected = all(kStatusSuccess);
-    expected[6] = expected[7] = kStatusNotPermitted;
-    EXPECT_EQ(callAll(plain, true), expected);
-    expected[6] = expected[7] = kStatusTimeout;
-    expected[9] = expected[10] = kStatusNotPermitted;
-    EXPECT_EQ(callAll(synchronous, true), expected);
-    EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);
-
-    libraryOpen = false;
-    uint32_t none;
-    EXPECT_EQ(callAll(plain, true), all(kStatusNotInitialized));
-    EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusNotInitialized);
-    EXPECT_EQ(pelmoQueue_CreateSynchronous(&none), kStatusNotInitialized);
-    for (const uint32_t queue : {plain, synchronous})
-        EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
+TEST_F(Queues, AreForPollsOrForDispatch) {
+    pelmoMsg* message = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(pelmoQueue_Poll(queue, &message, 0), kStatusNotPermitted);
+    EXPECT_EQ(pelmoQueue_PollMany(queue, &message, 1, &count, 0), kStatusNotPermitted);
+    EXPECT_EQ(pelmoQueue_SetHook(synchronous, nullptr, nullptr), kStatusNotPermitted);
+    EXPECT_EQ(pelmoQueue_SetLimitPolicy(synchronous, 0, 0, 0), kStatusNotPermitted);
 }
 
 TEST_F(Queues, LimitTheirArgumentsFirst) {
     ASSERT_EQ(Queue_Create(nullptr, kDefaultQueueId, "1", false, false), kStatusSuccess);
-    const uint32_t queue = makeQueue();
+    constexpr pelmoStatus kConflict = kStatusArgumentsConflict;
     const struct {
         uint32_t policy, most, discard;
         pelmoStatus status;
     } rows[] = {
-        {0, 0, 0, kStatusSuccess},
-        {0, 1, 0, kStatusArgumentsConflict},
-        {0, 0, 1, kStatusArgumentsConflict},
-        {1, 10, 1, kStatusSuccess},
-        {1, 10, 2, kStatusArgumentsConflict},
-        {1, 10, 0, kStatusArgumentsConflict},
-        {1, 0, 1, kStatusArgumentsConflict},
-        {2, 10, 10, kStatusSuccess},
-        {2, 10, 11, kStatusArgumentsConflict},
-        {2, 0, 0, kStatusArgumentsConflict},
-        {3, 1, 0, kStatusSuccess},
-        {3, 1, 2, kStatusArgumentsConflict},
-        {4, 10, 1, kStatusArgumentsConflict},
+        {1, 10, 1, kStatusSuccess}, {0, 0, 0, kStatusSuccess},   {0, 1, 0, kConflict},
+        {0, 0, 1, kConflict},       {1, 10, 2, kConflict},       {1, 10, 0, kConflict},
+        {1, 0, 1, kConflict},       {2, 10, 10, kStatusSuccess}, {2, 10, 11, kConflict},
+        {2, 0, 0, kConflict},       {3, 1, 0, kStatusSuccess},   {3, 1, 2, kConflict},
+        {4, 10, 1, kConflict},
     };
     uint32_t stored[3] = {};
     for (const auto& row : rows) {
@@ -110,16 +57,17 @@ TEST_F(Queues, LimitTheirArgumentsFirst) {
         };
         const bool agrees = row.status == kStatusSuccess;
         EXPECT_EQ(set(queue), row.status);
-        EXPECT_EQ(set(kDefaultQueueId), agrees ? kStatusNotPermitted : row.status);
-        EXPECT_EQ(set(queue + 1), agrees ? kStatusInvalidQueue : row.status);
+        EXPECT_EQ(set(kDefaultQueueId), agrees ? kStatusNotPermitted : kConflict);
+        EXPECT_EQ(set(4'711), agrees ? kStatusInvalidQueue : kConflict);
         if (agrees) std::ranges::copy(std::to_array({row.policy, row.most, row.discard}), stored);
         uint32_t now[3];
         ASSERT_EQ(pelmoQueue_GetLimitPolicy(queue, now, now + 1, now + 2), kStatusSuccess);
         EXPECT_TRUE(std::ranges::equal(now, stored));
     }
+    // Nor does it end while the library is open.
+    EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusNotPermitted);
     libraryOpen = false;
-    for (const uint32_t id : {queue, kDefaultQueueId})
-        EXPECT_EQ(pelmoQueue_DestroyEx(id, nullptr, nullptr), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusSuccess);
 }
 
 struct Discard {
@@ -143,7 +91,6 @@ void checkDiscard(const Discard& row, size_t inReady) {
     EXPECT_EQ(pelmoQueue_SetLimitPolicy(queue, row.policy, row.amount, row.amount), kStatusSuccess);
     EXPECT_EQ(entriesOf(queue), expected);
     EXPECT_EQ(countOf(queue), expected.size());
-    EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
 }
 
 TEST_F(Queues, DropWhatTheirPolicySaysWhereverItStands) {
@@ -161,83 +108,56 @@ TEST_F(Queues, DropWhatTheirPolicySaysWhereverItStands) {
 }
 
 TEST_F(Queues, HandPolledMessagesOver) {
-    const uint32_t queue = makeQueue(true);
-    TestEvent event(kEventListener, queue);
+    const TestEvent event(kEventListener, synchronous);
     pelmoMsg* message = nullptr;
-    EXPECT_EQ(pelmoQueue_Poll(queue, &message, 0), kStatusTimeout);
-    EXPECT_EQ(pelmoQueue_Poll(queue, &message, std::nan("")), kStatusTimeout);
-    EXPECT_EQ(pelmoQueue_Poll(queue, &message, 0.001), kStatusTimeout);
+    for (const double seconds : {0.0, 0.001, std::nan("")})
+        EXPECT_EQ(pelmoQueue_Poll(synchronous, &message, seconds), kStatusTimeout);
 
-    for (const uint32_t id : {0u, event.id, 0u, event.id}) {
-        push(queue, id);
-        msgClearOwned(const_cast<pelmoMsg*>(entriesOf(queue).back()));
-    }
-    const pelmoMsg* const expected[] = {entriesOf(queue)[1], entriesOf(queue)[3]};
-    for (const pelmoMsg* each : expected) {
-        ASSERT_EQ(pelmoQueue_Poll(queue, &message, -1), kStatusSuccess);
-        EXPECT_EQ(message, each);
+    for (int i = 0; i < 2; ++i) {
+        push(synchronous, 0);
+        pelmoMsg* const next = push(synchronous, event.id);
+        msgClearOwned(next);
+        ASSERT_EQ(pelmoQueue_Poll(synchronous, &message, -1), kStatusSuccess);
+        EXPECT_EQ(message, next);
         EXPECT_EQ(pelmoMsg_Destroy(message), kStatusSuccess);
     }
-    push(queue, 0);
-    EXPECT_EQ(pelmoQueue_Poll(queue, &message, 0), kStatusSuccess);
+    push(synchronous, 0);
+    EXPECT_EQ(pelmoQueue_Poll(synchronous, &message, 0), kStatusSuccess);
     EXPECT_EQ(message, nullptr);
 
     // A step of three, less what died; what has no room in the array stays.
     std::vector<const pelmoMsg*> pushed;
     for (const uint32_t id : {event.id, 0u, event.id, event.id, event.id})
-        pushed.push_back(push(queue, id));
+        pushed.push_back(push(synchronous, id));
     pelmoMsg* many[4] = {};
     uint32_t count = 0;
-    EXPECT_EQ(pelmoQueue_PollMany(queue, many, 3, &count, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_PollMany(synchronous, many, 3, &count, 0), kStatusSuccess);
     EXPECT_EQ(count, 3u);
-    const pelmoMsg* const got[] = {pushed[0], pushed[2], pushed[3]};
-    EXPECT_TRUE(std::ranges::equal(got, std::span(many, 3)));
-    EXPECT_EQ(many[3], nullptr);
-    for (uint32_t i = 0; i < count; ++i)
-        EXPECT_EQ(pelmoMsg_Destroy(many[i]), kStatusSuccess);
-    EXPECT_EQ(countOf(queue), 1u);
+    const pelmoMsg* const got[] = {pushed[0], pushed[2], pushed[3], nullptr};
+    EXPECT_TRUE(std::ranges::equal(got, many));
+    for (pelmoMsg* const each : std::span(many, 3))
+        EXPECT_EQ(pelmoMsg_Destroy(each), kStatusSuccess);
+    EXPECT_EQ(countOf(synchronous), 1u);
     event.destroy();
-    EXPECT_EQ(pelmoQueue_PollMany(queue, many, 3, &count, -1), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_PollMany(synchronous, many, 3, &count, -1), kStatusSuccess);
     EXPECT_EQ(count, 0u);
-    EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
-}
-
-void awaitWaiters(Queue* queue, uint32_t count) {
-    for (uint32_t waiting = 0; waiting != count;) {
-        Id_Enter(&queue->header);
-        waiting = queue->waiters;
-        Id_Leave(&queue->header);
-        std::this_thread::yield();
-    }
 }
 
 // Two that wait, one with a limit that is far away.
-template <typename End>
-void endPolls(pelmoStatus expected, End end) {
-    const uint32_t id = makeQueue(true);
-    Held<Queue> queue;
-    ASSERT_EQ(queue.get(id, IdAccess::kUnlocked), kStatusSuccess);
-    const auto poll = [id, expected](double seconds) {
-        pelmoMsg* message = nullptr;
-        EXPECT_EQ(pelmoQueue_Poll(id, &message, seconds), expected);
-    };
-    std::thread forever(poll, -1.0), longTime(poll, 1e6);
-    awaitWaiters(queue.pointer(), 2);
-    end(id);
-    forever.join();
-    longTime.join();
-    (void)pelmoQueue_DestroyEx(id, nullptr, nullptr);
-}
-
 TEST_F(Queues, EndTheirPollsWithThemAndWithTheLibrary) {
-    const auto destroy = [](uint32_t id) {
-        EXPECT_EQ(pelmoQueue_DestroyEx(id, nullptr, nullptr), kStatusSuccess);
-    };
-    endPolls(kStatusInvalidQueue, destroy);
-    endPolls(kStatusNotInitialized, [&](uint32_t id) {
-        libraryOpen = false;
-        destroy(id);
-    });
+    for (const pelmoStatus expected : {kStatusInvalidQueue, kStatusNotInitialized}) {
+        const uint32_t polled = makeQueue(true);
+        const auto poll = [=](double seconds) {
+            pelmoMsg* message = nullptr;
+            EXPECT_EQ(pelmoQueue_Poll(polled, &message, seconds), expected);
+        };
+        std::thread forever(poll, -1.0), longTime(poll, 1e6);
+        awaitWaiters<Queue>(polled, 2);
+        libraryOpen = expected != kStatusNotInitialized;
+        EXPECT_EQ(pelmoQueue_DestroyEx(polled, nullptr, nullptr), kStatusSuccess);
+        forever.join();
+        longTime.join();
+    }
 }
 
 struct Completed {
@@ -256,24 +176,21 @@ TEST_F(Queues, CompleteAtOnceOrLeaveItToTheDispatchUnderWay) {
         const TestEvent event(kEventListener, id);
         for (const Ring ring : {kPending, kReady})
             push(id, event.id, ring);  // go with the queue
-        Held<Queue> queue;
-        ASSERT_EQ(queue.get(id, IdAccess::kUnlocked), kStatusSuccess);
-        queue->dispatching = dispatching;
+        Held<Queue> record;
+        ASSERT_EQ(record.get(id, IdAccess::kUnlocked), kStatusSuccess);
+        record->dispatching = dispatching;
         Completed completed;
         EXPECT_EQ(pelmoQueue_DestroyEx(id, Completed::run, &completed), kStatusSuccess);
         EXPECT_EQ(completed.times, dispatching == 0 ? 1u : 0u);
         EXPECT_EQ(completed.queue, dispatching == 0 ? id : kNoId);
-        EXPECT_EQ(queue->completion, dispatching == 0 ? nullptr : Completed::run);
-        EXPECT_EQ(queue->completionClosure, dispatching == 0 ? nullptr : &completed);
+        EXPECT_EQ(record->completion, dispatching == 0 ? nullptr : Completed::run);
+        EXPECT_EQ(record->completionClosure, dispatching == 0 ? nullptr : &completed);
     }
-    ASSERT_EQ(Queue_Create(nullptr, kDefaultQueueId, "1", false, false), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusNotPermitted);
-    libraryOpen = false;
-    EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusSuccess);
 }
 
 TEST_F(Queues, OutOfMemoryLeaveAllAsItWas) {
-    const size_t failed = eachAllocationFails([] {
+    const size_t before = objectCount();
+    const size_t failed = eachAllocationFails([before] {
         char* name = strdup("given away");
         uint32_t id = kNoId;
         const pelmoStatus status = Queue_Create(&id, kNoId, name, true, false);
@@ -282,16 +199,18 @@ TEST_F(Queues, OutOfMemoryLeaveAllAsItWas) {
             EXPECT_EQ(id, kNoId);
             EXPECT_STREQ(name, "given away");  // the caller's still
             std::free(name);
-            return;
+        } else {
+            char another[] = "another";
+            const bool renamed = pelmoQueue_SetName(id, another) == kStatusSuccess;
+            another[0] = 'A';
+            const char* now = nullptr;
+            EXPECT_EQ(pelmoQueue_GetName(id, &now), kStatusSuccess);
+            EXPECT_STREQ(now, renamed ? "another" : "given away");
+            EXPECT_EQ(renamed, allocationsFailed() == 0);
+            EXPECT_EQ(pelmoQueue_DestroyEx(id, nullptr, nullptr), kStatusSuccess);
         }
-        char another[] = "another";
-        const bool renamed = pelmoQueue_SetName(id, another) == kStatusSuccess;
-        another[0] = 'A';
-        const char* now = nullptr;
-        EXPECT_EQ(pelmoQueue_GetName(id, &now), kStatusSuccess);
-        EXPECT_STREQ(now, renamed ? "another" : "given away");
-        EXPECT_EQ(renamed, allocationsFailed() == 0);
-        EXPECT_EQ(pelmoQueue_DestroyEx(id, nullptr, nullptr), kStatusSuccess);
+        allocationsHeal();
+        EXPECT_EQ(objectCount(), before);
     });
     EXPECT_GT(failed, 12u);
 }

@@ -2,21 +2,16 @@
 
 #include "lib/runtime/tracing.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "lib/base/log.h"
 #include "lib/msg/envelope.h"
-#include "lib/runtime/dispatch.h"
 #include "lib/runtime/dispatcher.h"
 #include "tests/runtime/dispatch_stand.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/message_values.h"
+#include "tests/support/race.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
@@ -24,21 +19,18 @@ namespace {
 using Lines = std::vector<std::string>;
 
 // Tracing that a test starts ends with it, and the log is as before.
-struct TracingEnd {
-    ~TracingEnd() {
-        Tracing_Stop();
-        Tracing_Clear();
-        logSetStream(stderr);
-        logSetUtcStamp(false);
-    }
-};
+void endTracing() {
+    Tracing_Stop();
+    Tracing_Clear();
+    logSetStream(stderr);
+    logSetUtcStamp(false);
+}
 
-// The file's lines without stamp, program, thread and addresses: "[QUEUE] pelmoQueue_Create(1001)".
-Lines linesOf(const std::string& path) {
+// Lines without stamp, program, thread and addresses: "[QUEUE] pelmoQueue_Create(1001)".
+Lines linesOf(const std::string& text) {
     static const std::regex prefix("^[-0-9]+ [0-9:.]+Z [^:]+: (?:(\\[[A-Z_]+\\])\\[[0-9]+\\]: )?");
     static const std::regex address("0x[0-9a-f]+");
     Lines lines;
-    const std::string text = readFile(path);
     for (size_t at = 0; at < text.size();) {
         const size_t end = text.find('\n', at);
         std::string line = std::regex_replace(text.substr(at, end - at), prefix, "$1 ");
@@ -48,6 +40,23 @@ Lines linesOf(const std::string& path) {
     return lines;
 }
 
+struct Tracing : testing::Test {
+    ~Tracing() override { endTracing(); }
+
+    void start(const char* modules, const char* banner = nullptr) const {
+        ASSERT_EQ(Tracing_Start(modules, file.c_str(), banner), kStatusSuccess);
+    }
+
+    // What was written since the start, which this ends.
+    Lines written() const {
+        Tracing_Stop();
+        return linesOf(readFile(file));
+    }
+
+    Folder folder;
+    const std::string file = folder.path("trace");
+};
+
 std::string modulesOn() {
     std::string on;
     for (uint32_t module = 0; module < kTraceModules; ++module)
@@ -55,7 +64,7 @@ std::string modulesOn() {
     return on;
 }
 
-TEST(Tracing, ReadsItsSettings) {
+TEST_F(Tracing, ReadsItsSettings) {
     const struct {
         const char* modules;
         pelmoStatus status;
@@ -79,17 +88,15 @@ TEST(Tracing, ReadsItsSettings) {
     };
     for (const auto& [modules, status, on] : cases) {
         SCOPED_TRACE(modules != nullptr ? modules : "null");
-        const TracingEnd end;
         EXPECT_EQ(Tracing_Start(modules, nullptr, nullptr), status);
         EXPECT_EQ(modulesOn(), on);
         EXPECT_EQ(traceOps.on, status == kStatusSuccess && *on != '\0' ? 1U : 0U);
+        endTracing();
     }
     EXPECT_EQ(modulesOn(), "");
 }
 
-TEST(Tracing, SendsTheLogWhereItIsTold) {
-    const Folder folder;
-    const std::string file = folder.path("trace");
+TEST_F(Tracing, SendsTheLogWhereItIsTold) {
     const struct {
         std::string name;
         pelmoStatus status;
@@ -106,30 +113,24 @@ TEST(Tracing, SendsTheLogWhereItIsTold) {
     for (const auto& [name, status, stream] : cases) {
         SCOPED_TRACE(name);
         logSetStream(stderr);
-        const TracingEnd end;
         EXPECT_EQ(Tracing_Start("QUEUE", name.c_str(), nullptr), status);
         EXPECT_EQ(traceOps.on, status == kStatusSuccess ? 1U : 0U);
-        if (stream != nullptr) {
-            EXPECT_EQ(logStreamGet(), stream);
-        } else {
+        if (stream == nullptr) {
             EXPECT_NE(logStreamGet(), stderr);
             Tracing_Stop();
-            EXPECT_EQ(logStreamGet(), stderr);
         }
+        EXPECT_EQ(logStreamGet(), stream != nullptr ? stream : stderr);
+        endTracing();
     }
     // No modules: the file is left alone.
     EXPECT_EQ(Tracing_Start("", folder.path("unused").c_str(), "banner"), kStatusSuccess);
     EXPECT_EQ(folder.names(), std::set<std::string>{"trace"});
 }
 
-TEST(Tracing, WritesALineForEachCall) {
-    const Folder folder;
-    const TracingEnd end;
-    const std::string file = folder.path("trace");
+TEST_F(Tracing, WritesALineForEachCall) {
     const DispatchStand stand;
-    ASSERT_EQ(Tracing_Start("QUEUE,QGROUP,DISP,EVENTS", file.c_str(), "\nPelmo API"),
-              kStatusSuccess);
-    uint32_t queue = 0, group = 0, event = 0, dispatcher = 0, count = 0;
+    start("QUEUE,QGROUP,DISP,EVENTS", "\nPelmo API");
+    uint32_t queue = 0, group = 0, dispatcher = 0, count = 0;
     const char* name = nullptr;
     EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);  // no line
     EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
@@ -139,7 +140,7 @@ TEST(Tracing, WritesALineForEachCall) {
     EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusTimeout);
     EXPECT_EQ(pelmoQueue_TimedDispatchSingle(queue, 0.0005), kStatusTimeout);
     EXPECT_EQ(pelmoQueueGroup_TimedDispatch(group, 0), kStatusTimeout);
-    event = listen(queue, [](uint32_t, pelmoMsg*, void*) {});
+    const uint32_t event = listen(queue, [](uint32_t, pelmoMsg*, void*) {});
     EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
     pelmoQueue_DestroyEx(queue, nullptr, nullptr);
     EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, queue, 1.5), kStatusInvalidArgument);
@@ -148,7 +149,6 @@ TEST(Tracing, WritesALineForEachCall) {
     EXPECT_EQ(pelmoDispatcher_Join(7), kStatusInvalidDispatcher);
     EXPECT_EQ(pelmoDispatcher_Destroy(7), kStatusInvalidDispatcher);
     pelmoQueueGroup_Destroy(group);
-    Tracing_Stop();
 
     const std::string q = std::to_string(queue), g = std::to_string(group);
     const std::string e = std::to_string(event);
@@ -171,35 +171,29 @@ TEST(Tracing, WritesALineForEachCall) {
         "[DISP] pelmoDispatcher_Destroy(7)",
         "[QGROUP] pelmoQueueGroup_Destroy(" + g + ")",
     };
-    EXPECT_EQ(linesOf(file), expected);
+    EXPECT_EQ(written(), expected);
 }
 
-pelmoMsg* messageOn(const char* subject) {
-    pelmoMsg* message = nullptr;
-    EXPECT_EQ(pelmoMsg_Create(&message), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_AddI32(message, "a", 1, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_SetSendSubject(message, subject), kStatusSuccess);
+// {a=1}
+Message messageOn(const char* subject) {
+    Message message = newMessage();
+    EXPECT_EQ(pelmoMsg_AddI32(message.get(), "a", 1, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_SetSendSubject(message.get(), subject), kStatusSuccess);
     return message;
 }
 
-TEST(Tracing, FiltersMessagesBySubject) {
-    const Folder folder;
-    const TracingEnd end;
-    const std::string file = folder.path("trace");
-    ASSERT_EQ(Tracing_Start("RECV=A.>,RECV=B.>,TPORT", file.c_str(), nullptr), kStatusSuccess);
+TEST_F(Tracing, FiltersMessagesBySubject) {
+    start("RECV=A.>,RECV=B.>,TPORT");
     for (const char* subject : {"A.x", "B", "B.y.z", "C.x"}) {
-        pelmoMsg* message = messageOn(subject);
-        EXPECT_EQ(Trace_Message(kTraceReceive, message, "got %d", 5), kStatusSuccess);
-        EXPECT_EQ(msgCloseEnvelope(message), kStatusSuccess);  // the subject is a field then
-        traceMessage(kTraceReceive, message, "closed");
-        pelmoMsg_Destroy(message);
+        const Message message = messageOn(subject);
+        EXPECT_EQ(Trace_Message(kTraceReceive, message.get(), "got %d", 5), kStatusSuccess);
+        EXPECT_EQ(msgCloseEnvelope(message.get()), kStatusSuccess);  // the subject is a field then
+        traceMessage(kTraceReceive, message.get(), "closed");
     }
     traceLine(kTraceReceive, "no message");  // filters are for messages
-    pelmoMsg* message = messageOn("Q");
-    traceMessage(kTraceTransport, message, "%s", "sent");
-    traceMessage(kTraceEvents, message, "off");
-    pelmoMsg_Destroy(message);
-    Tracing_Stop();
+    const Message message = messageOn("Q");
+    traceMessage(kTraceTransport, message.get(), "%s", "sent");
+    traceMessage(kTraceEvents, message.get(), "off");
     const Lines expected = {
         "[RECV] got 5: (A.x) {a=1}",
         "[RECV] closed: (A.x) {sub=[A.x] mtype=\"D\" data={a=1}}",
@@ -208,114 +202,83 @@ TEST(Tracing, FiltersMessagesBySubject) {
         "[RECV] no message",
         "[TPORT] sent: (Q) {a=1}",
     };
-    EXPECT_EQ(linesOf(file), expected);
+    EXPECT_EQ(written(), expected);
 }
 
-TEST(Tracing, RefusesWhatIsNoMessageWithASubject) {
-    const TracingEnd end;
-    const Folder folder;
-    ASSERT_EQ(Tracing_Start("RECV", folder.path("trace").c_str(), nullptr), kStatusSuccess);
-    pelmoMsg* message = nullptr;
-    ASSERT_EQ(pelmoMsg_Create(&message), kStatusSuccess);
+TEST_F(Tracing, RefusesWhatIsNoMessageWithASubject) {
+    start("RECV");
+    const Message message = newMessage();
     EXPECT_EQ(Trace_Message(kTraceReceive, nullptr, "x"), kStatusInvalidMessage);
-    EXPECT_EQ(Trace_Message(kTraceReceive, message, "x"), kStatusInvalidSubject);
-    EXPECT_EQ(pelmoMsg_AddString(message, "sub", "A.B", 0), kStatusSuccess);
-    EXPECT_EQ(Trace_Message(kTraceReceive, message, "x"), kStatusInvalidSubject);
+    EXPECT_EQ(Trace_Message(kTraceReceive, message.get(), "x"), kStatusInvalidSubject);
+    EXPECT_EQ(pelmoMsg_AddString(message.get(), "sub", "A.B", 0), kStatusSuccess);
+    EXPECT_EQ(Trace_Message(kTraceReceive, message.get(), "x"), kStatusInvalidSubject);
     EXPECT_EQ(Trace_Message(kTraceEvents, nullptr, "x"), kStatusSuccess);  // off
-    pelmoMsg_Destroy(message);
-    EXPECT_EQ(linesOf(folder.path("trace")), Lines{});
+    EXPECT_EQ(written(), Lines{});
 }
 
-TEST(Tracing, CutsMessageLines) {
-    const TracingEnd end;
-    const Folder folder;
-    const std::string file = folder.path("trace");
-    ASSERT_EQ(Tracing_Start("RECV", file.c_str(), nullptr), kStatusSuccess);
-    pelmoMsg* message = messageOn("A");
-    EXPECT_EQ(pelmoMsg_AddString(message, "t", std::string(2000, 'z').c_str(), 0), kStatusSuccess);
-    const uint32_t held = message->bufferRefs;
-    EXPECT_EQ(Trace_Message(kTraceReceive, message, "call"), kStatusSuccess);
-    EXPECT_EQ(message->bufferRefs, held);
-    EXPECT_EQ(Trace_Message(kTraceReceive, message, "%s", std::string(3000, 'y').c_str()),
+TEST_F(Tracing, CutsMessageLines) {
+    start("RECV");
+    const Message message = messageOn("A");
+    EXPECT_EQ(pelmoMsg_AddString(message.get(), "t", std::string(2000, 'z').c_str(), 0),
               kStatusSuccess);
-    pelmoMsg_Destroy(message);
-    Tracing_Stop();
+    const uint32_t held = message->bufferRefs;
+    EXPECT_EQ(Trace_Message(kTraceReceive, message.get(), "call"), kStatusSuccess);
+    EXPECT_EQ(message->bufferRefs, held);
+    EXPECT_EQ(Trace_Message(kTraceReceive, message.get(), "%s", std::string(3000, 'y').c_str()),
+              kStatusSuccess);
     const std::string begin = "call: (A) {a=1 t=\"";
     const Lines expected = {"[RECV] " + begin + std::string(1023 - begin.size(), 'z'),
                             "[RECV] " + std::string(1023, 'y')};
-    EXPECT_EQ(linesOf(file), expected);
+    EXPECT_EQ(written(), expected);
 }
 
-// To the standard error stream, which a file stands in for.
-std::string shown() {
-    const Folder folder;
-    std::fflush(stderr);
-    const int kept = dup(STDERR_FILENO);
-    FILE* file = std::fopen(folder.path("shown").c_str(), "w");
-    dup2(fileno(file), STDERR_FILENO);
-    Tracing_Show();
-    std::fflush(stderr);
-    dup2(kept, STDERR_FILENO);
-    close(kept);
-    std::fclose(file);
-    return readFile(folder.path("shown"));
-}
-
-TEST(Tracing, ShowsItsSettings) {
-    const Folder folder;
-    const TracingEnd end;
-    const std::string head = "Mod\tVal\tFilter\n";
-    const auto rows = [](const char* advisories, const char* receive) {
-        return std::string("DQ\tF\tNone\nDQ_DETAIL\tF\tNone\nADV\t") + advisories +
-               "\tNone\nRECV\t" + receive +
-               "\nPELMO\tF\tNone\nEVENTS\tF\tNone\nMSG\tF\tNone\nMSG_DETAIL\tF\tNone\n"
-               "QUEUE\tF\tNone\nQGROUP\tF\tNone\nTPORT\tF\tNone\nDISP\tF\tNone\nCM\tF\tNone\n"
-               "FT\tF\tNone\n";
+TEST_F(Tracing, ShowsItsSettings) {
+    // Of two of the modules, the others being off.
+    const auto expectShown = [](const char* output, const char* advisories, const char* receive) {
+        testing::internal::CaptureStderr();
+        Tracing_Show();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  std::string("Output directed to: ") + output +
+                      "\nMod\tVal\tFilter\nDQ\tF\tNone\nDQ_DETAIL\tF\tNone\nADV\t" + advisories +
+                      "\tNone\nRECV\t" + receive +
+                      "\nPELMO\tF\tNone\nEVENTS\tF\tNone\nMSG\tF\tNone\nMSG_DETAIL\tF\tNone\n"
+                      "QUEUE\tF\tNone\nQGROUP\tF\tNone\nTPORT\tF\tNone\nDISP\tF\tNone\n"
+                      "CM\tF\tNone\nFT\tF\tNone\n");
     };
-    EXPECT_EQ(shown(), "Output directed to: stderr\n" + head + rows("F", "F\tNone"));
+    expectShown("stderr", "F", "F\tNone");
     ASSERT_EQ(Tracing_Start("RECV=A.>", "stdout", nullptr), kStatusSuccess);
-    EXPECT_EQ(shown(), "Output directed to: stdout\n" + head + rows("F", "T\tA.>"));
+    expectShown("stdout", "F", "T\tA.>");
 
     // A further start adds to what there is; a stop keeps it.
-    ASSERT_EQ(Tracing_Start("ADV", folder.path("trace").c_str(), nullptr), kStatusSuccess);
-    EXPECT_EQ(shown(), "Output directed to: file\n" + head + rows("T", "T\tA.>"));
+    start("ADV");
+    expectShown("file", "T", "T\tA.>");
     Tracing_Stop();
     EXPECT_EQ(traceOps.on, 0U);
-    EXPECT_EQ(shown(), "Output directed to: stderr\n" + head + rows("T", "T\tA.>"));
+    expectShown("stderr", "T", "T\tA.>");
     Tracing_Clear();
-    EXPECT_EQ(shown(), "Output directed to: stderr\n" + head + rows("F", "F\tNone"));
+    expectShown("stderr", "F", "F\tNone");
 }
 
-TEST(Tracing, LeavesNothingBehindWithoutMemory) {
+TEST_F(Tracing, LeavesNothingBehindWithoutMemory) {
     const size_t failing = eachAllocationFails([] {
-        const TracingEnd end;
         const pelmoStatus status = Tracing_Start("RECV=A.B,RECV=A.>", nullptr, nullptr);
         EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
         EXPECT_EQ(traceOps.on, status == kStatusSuccess ? 1U : 0U);
+        endTracing();
     });
     EXPECT_GT(failing, 2U);
 }
 
 // Filters write to their lists: lines of several threads go one by one.
-TEST(TracingStress, TakesLinesFromAllThreads) {
+TEST_F(Tracing, TakesLinesFromAllThreads) {
     constexpr int kThreads = 3, kLines = 300;
-    const TracingEnd end;
-    const Folder folder;
-    const std::string file = folder.path("trace");
-    ASSERT_EQ(Tracing_Start("RECV=A.>", file.c_str(), nullptr), kStatusSuccess);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([] {
-            pelmoMsg* message = messageOn("A.x");
-            for (int line = 0; line < kLines; ++line)
-                traceMessage(kTraceReceive, message, "n");
-            pelmoMsg_Destroy(message);
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    Tracing_Stop();
-    EXPECT_EQ(linesOf(file), Lines(kThreads * kLines, "[RECV] n: (A.x) {a=1}"));
+    start("RECV=A.>");
+    race(kThreads, 1, [](int, int) {
+        const Message message = messageOn("A.x");
+        for (int line = 0; line < kLines; ++line)
+            traceMessage(kTraceReceive, message.get(), "n");
+    });
+    EXPECT_EQ(written(), Lines(kThreads * kLines, "[RECV] n: (A.x) {a=1}"));
 }
 
 }  // namespace

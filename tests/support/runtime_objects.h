@@ -4,17 +4,47 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <thread>
 #include <vector>
 
+#include "lib/containers/dpa.h"
 #include "lib/containers/entry_ring.h"
 #include "lib/msg/message.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/dispatch.h"
+#include "lib/runtime/event.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/queue.h"
+#include "lib/runtime/queue_group.h"
+#include "lib/runtime/transport_ops.h"
 
-// For as long as it exists there are tables and the library counts as open. Objects end before it.
+inline constexpr IdType kIdTypes[] = {IdType::kEvent, IdType::kQueue, IdType::kQueueGroup,
+                                      IdType::kTransport, IdType::kDispatcher};
+
+inline std::vector<uint32_t> idsIn(const Dpa* list) {
+    std::vector<uint32_t> ids;
+    for (uint32_t i = 0; list != nullptr && i < list->count; ++i)
+        ids.push_back(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(list->items[i])));
+    return ids;
+}
+
+inline std::vector<uint32_t> idsOf(IdType type) {
+    Dpa* const list = dpaCreate(1);
+    EXPECT_TRUE(idTableList(type, list));
+    const std::vector<uint32_t> ids = idsIn(list);
+    dpaDestroy(list);
+    return ids;
+}
+
+// How many objects have ids: what fails for want of memory leaves no more of them.
+inline size_t objectCount() {
+    size_t count = 0;
+    for (const IdType type : kIdTypes)
+        count += idsOf(type).size();
+    return count;
+}
+
+// For as long as it exists there are tables and the library counts as open. Ends the objects that a
+// test leaves, but not what runs on them.
 struct RuntimeTables {
     RuntimeTables() {
         EXPECT_EQ(idTablesCreate(), kStatusSuccess);
@@ -22,26 +52,80 @@ struct RuntimeTables {
     }
     ~RuntimeTables() {
         libraryOpen = false;
+        for (const IdType type : kIdTypes) {
+            for (const uint32_t id : idsOf(type)) {
+                IdHeader* object = nullptr;
+                EXPECT_EQ(Id_Get(id, type, &object, IdAccess::kDestroy), kStatusSuccess);
+                Id_Release(object, false);
+            }
+        }
         idTablesDestroy();
     }
     RuntimeTables(const RuntimeTables&) = delete;
     RuntimeTables& operator=(const RuntimeTables&) = delete;
 };
 
-// An event of its own, destroyed with this at the latest. A listener has an inbox.
-struct TestEvent {
-    Event* event = static_cast<Event*>(std::calloc(1, sizeof(Event)));
-    uint32_t id = kNoId;
+inline uint32_t makeQueue(bool synchronous = false) {
+    uint32_t queue = kNoId;
+    EXPECT_EQ(Queue_Create(&queue, kNoId, "queue", false, synchronous), kStatusSuccess);
+    return queue;
+}
 
-    TestEvent(EventKind kind, uint32_t queueId, void* closure = nullptr) {
+inline uint32_t makeGroup() {
+    uint32_t group = kNoId;
+    EXPECT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
+    return group;
+}
+
+inline uint32_t countOf(uint32_t queue) {
+    uint32_t count = UINT32_MAX;
+    EXPECT_EQ(pelmoQueue_GetCount(queue, &count), kStatusSuccess);
+    return count;
+}
+
+// Runs all that waits on the queue; in how many steps.
+inline uint32_t dispatchAll(uint32_t queue) {
+    uint32_t steps = 0;
+    while (pelmoQueue_TimedDispatch(queue, 0) == kStatusSuccess)
+        ++steps;
+    return steps;
+}
+
+// An object's record, for as long as it isn't destroyed.
+template <typename Object>
+Object* recordOf(uint32_t id) {
+    Held<Object> held;
+    EXPECT_EQ(held.get(id, IdAccess::kUnlocked), kStatusSuccess);
+    return held.pointer();
+}
+
+// Returns once so many threads wait on the queue or group.
+template <typename Object>
+void awaitWaiters(uint32_t id, int32_t count) {
+    Held<Object> object;
+    ASSERT_EQ(object.get(id, IdAccess::kUnlocked), kStatusSuccess);
+    for (bool all = false; !all; std::this_thread::yield()) {
+        object.enter();
+        all = object->cond.waiters == count;
+        object.leave();
+    }
+}
+
+// An event that only tests fire, destroyed with this at the latest. One that is no listener is a
+// listener's record by another kind.
+struct TestEvent {
+    uint32_t id = kNoId;
+    Event* event;
+
+    TestEvent(EventKind kind, uint32_t queue, void* closure = nullptr)
+        : event(Event_NewListener({.queueId = queue,
+                                   .transportId = kIntraProcessTransportId,
+                                   .subject = "A",
+                                   .kind = ListenerKind::kPlain,
+                                   .closure = closure},
+                                  false,
+                                  4)) {
         event->kind = kind;
-        event->queueId = queueId;
-        event->closure = closure;
-        if (kind == kEventListener) {
-            event->listener.inbox = EntryRing_Create(4);
-            event->listener.transportId = kIntraProcessTransportId;
-        }
-        EXPECT_EQ(Id_Init(&event->header, IdType::kEvent, destruct), kStatusSuccess);
         EXPECT_EQ(Id_SetGlobal(&event->header, &id), kStatusSuccess);
         Id_AddRef(&event->header);
     }
@@ -52,28 +136,13 @@ struct TestEvent {
     TestEvent(const TestEvent&) = delete;
     TestEvent& operator=(const TestEvent&) = delete;
 
-    void destroy() {
-        Held<Event> held;
-        (void)held.get(id, IdAccess::kDestroy);
-    }
+    void destroy() const { pelmoEvent_DestroyEx(id, nullptr); }
 
     // What a transport does that has a message for a listener, ahead of posting.
-    void deliver(pelmoMsg* message) {
+    void deliver(pelmoMsg* message) const {
         Id_Enter(&event->header);
         EXPECT_TRUE(EntryRing_PushBack(event->listener.inbox, message));
         Id_Leave(&event->header);
-    }
-
-  private:
-    static void destruct(IdHeader* object) {
-        auto* ended = reinterpret_cast<Event*>(object);
-        if (EntryRing* inbox = ended->listener.inbox) {
-            while (void* message = EntryRing_PopFront(inbox)) {
-                msgRelease(static_cast<pelmoMsg*>(message));
-            }
-            EntryRing_Destroy(inbox);
-        }
-        std::free(ended);
     }
 };
 
@@ -82,19 +151,6 @@ inline pelmoMsg* messageFor(uint32_t eventId) {
     EXPECT_EQ(pelmoMsg_Create(&message), kStatusSuccess);
     message->deliveryEvent = eventId;
     return message;
-}
-
-inline uint32_t makeQueue(bool synchronous = false) {
-    uint32_t queue = kNoId;
-    EXPECT_EQ(Queue_Create(&queue, kNoId, "queue", false, synchronous), kStatusSuccess);
-    return queue;
-}
-
-// The record, for as long as the queue isn't destroyed.
-inline Queue* recordOf(uint32_t queue) {
-    Held<Queue> held;
-    EXPECT_EQ(held.get(queue, IdAccess::kUnlocked), kStatusSuccess);
-    return held.pointer();
 }
 
 // The entries that wait on a queue, in order of dispatch. They stay the queue's.
