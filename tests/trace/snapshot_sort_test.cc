@@ -84,44 +84,6 @@ struct Random {
     }
 };
 
-TEST(SnapshotSort, OrdersSubjectsElementByElement) {
-    const std::string longest(250, 'x');
-    const std::vector<Elements> inOrder = {
-        {},
-        {"", ""},
-        Elements(126, ""),
-        {"", "", "A"},
-        {"", "\1"},
-        {"\1"},
-        {"A"},
-        {"A", ""},
-        {"A", "", "B"},
-        {"A", "B"},
-        {"A", "B", "C"},
-        {"A", "C"},
-        {"A-", "B"},
-        {"A-B"},
-        {"AB"},
-        {"ABCDEFGH"},
-        {"ABCDEFGH", "I"},
-        {"ABCDEFGHI"},
-        {longest.substr(1)},
-        {longest},
-        {"\x7f"},
-        {"\xff"},
-    };
-
-    std::vector<Elements> shuffled = inOrder;
-    Random random;
-    for (int round = 0; round < 20; ++round) {
-        std::shuffle(shuffled.begin(), shuffled.end(), random.engine);
-        const std::vector<size_t> places = sortSubjects(shuffled);
-        for (size_t i = 0; i < places.size(); ++i) {
-            ASSERT_EQ(shuffled[places[i]], inOrder[i]) << i;
-        }
-    }
-}
-
 // Among them so many that keys are dealt out ahead of their sorting, into one heap or into many.
 TEST(SnapshotSort, OrdersAnySubjects) {
     const Elements prefixes[] = {{},

@@ -234,7 +234,7 @@ TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
     } steps[] = {
         {hosts, 32768},
         {hosts + 1, capacity},
-        {hosts / 2 + 1, capacity},  // half of it is still enough use
+        {hosts / 2 + 1, capacity},
         {hosts / 2 - 1, capacity / 2},
     };
     uint32_t seq = 0;
@@ -252,6 +252,14 @@ TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
     EXPECT_EQ(snapshotStorageCapacity(), capacity);
     feedHosts(3, ++seq);
     EXPECT_EQ(take().size(), 6u);
+}
+
+TEST(Snapshot, HalvesOnlyBelowHalf) {
+    TraceRun run;
+    for (const auto& [sizeBytes, capacity] : {std::pair{16384u, 32768u}, {16383u, 16384u}}) {
+        EXPECT_NE(snapshotStorage(sizeBytes), nullptr);
+        EXPECT_EQ(snapshotStorageCapacity(), capacity);
+    }
 }
 
 TEST(Snapshot, AllocatesNothingInTheSteadyState) {
