@@ -2,19 +2,11 @@
 
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <string>
-#include <vector>
 
-#include "lib/base/log.h"
 #include "lib/msg/envelope.h"
 #include "lib/msg/message_typed.h"
-#include "lib/runtime/dispatch.h"
-#include "lib/runtime/event.h"
 #include "lib/transport/transport.h"
 #include "lib/transport/transport_object.h"
 #include "tests/support/message_values.h"
@@ -36,21 +28,6 @@ struct LocalBus {
     }
     LocalBus(const LocalBus&) = delete;
     LocalBus& operator=(const LocalBus&) = delete;
-};
-
-struct TestQueue {
-    uint32_t id;
-
-    explicit TestQueue(bool synchronous = false) : id(makeQueue(synchronous)) {}
-    ~TestQueue() { pelmoQueue_DestroyEx(id, nullptr, nullptr); }
-    TestQueue(const TestQueue&) = delete;
-    TestQueue& operator=(const TestQueue&) = delete;
-
-    // Runs all callbacks that wait.
-    void drain() const {
-        while (pelmoQueue_TimedDispatch(id, 0) == kStatusSuccess) {
-        }
-    }
 };
 
 // Null where there is no memory.
@@ -81,8 +58,8 @@ struct TestListener {
     std::function<void(pelmoMsg*)> onMessage;  // optional
 
     TestListener() = default;
-    TestListener(const TestQueue& queue, const char* subject, uint32_t transport = kLocal) {
-        EXPECT_EQ(listen(queue.id, subject, transport), kStatusSuccess);
+    TestListener(uint32_t queue, const char* subject, uint32_t transport = kLocal) {
+        EXPECT_EQ(listen(queue, subject, transport), kStatusSuccess);
     }
     ~TestListener() { end(); }
     TestListener(const TestListener&) = delete;
@@ -102,26 +79,4 @@ struct TestListener {
         self->texts.push_back(textOf(message));
         if (self->onMessage) self->onMessage(message);
     }
-};
-
-// What is logged from here on.
-struct LogText {
-    LogText() { logSetStream(stream); }
-    ~LogText() {
-        logSetStream(nullptr);
-        std::fclose(stream);
-        std::free(block);
-    }
-    LogText(const LogText&) = delete;
-    LogText& operator=(const LogText&) = delete;
-
-    std::string text() {
-        std::fflush(stream);
-        return {block, bytes};
-    }
-
-  private:
-    char* block = nullptr;
-    size_t bytes = 0;
-    FILE* stream = open_memstream(&block, &bytes);
 };

@@ -36,31 +36,26 @@ class FakeDaemon {
 
     FakeDaemon() {
         current = this;
-        daemonLinkOps = {.create = create,
-                         .destroy = destroy,
-                         .stop = [](Transport* t) { (void)note(t, "stop"); },
-                         .send = send,
-                         .sendVector = sendVector,
-                         .hold = [](Transport* t) { return note(t, "hold"); },
-                         .flush = [](Transport* t) { return note(t, "flush"); },
-                         .setBatchMode =
-                             [](Transport* t, uint32_t mode) {
-                                 return note(t, "batch mode " + std::to_string(mode));
-                             },
-                         .setBlocking =
-                             [](Transport* t, bool blocking) {
-                                 return note(t, blocking ? "block" : "don't block");
-                             },
-                         .setWaitLimit =
-                             [](Transport* t, uint32_t limit) {
-                                 return note(t, "wait limit " + std::to_string(limit));
-                             },
-                         .getWaitLimit =
-                             [](Transport* t, uint32_t* out) {
-                                 *out = 7;
-                                 return note(t, "wait limit?");
-                             },
-                         .interest = interest};
+        daemonLinkOps = {
+            .create = create,
+            .destroy = destroy,
+            .stop = [](Transport* t) { (void)note(t, "stop"); },
+            .send = send,
+            .sendVector = sendVector,
+            .hold = [](Transport* t) { return note(t, "hold"); },
+            .flush = [](Transport* t) { return note(t, "flush"); },
+            .setBatchMode = [](Transport* t,
+                               uint32_t m) { return note(t, "batch mode " + std::to_string(m)); },
+            .setBlocking = [](Transport* t,
+                              bool on) { return note(t, on ? "block" : "don't block"); },
+            .setWaitLimit = [](Transport* t,
+                               uint32_t l) { return note(t, "wait limit " + std::to_string(l)); },
+            .getWaitLimit =
+                [](Transport* t, uint32_t* out) {
+                    *out = 7;
+                    return note(t, "wait limit?");
+                },
+            .interest = interest};
     }
     ~FakeDaemon() { daemonLinkOps = {}; }
     FakeDaemon(const FakeDaemon&) = delete;
