@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <barrier>
-#include <latch>
 
 #include "lib/base/clock.h"
 #include "tests/runtime/dispatch_stand.h"
@@ -240,38 +239,6 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
         action = [](uint32_t) { ADD_FAILURE() << "called again"; };
         dispatchAll(queue);
     }
-}
-
-// Two dispatches of one event under way: the completion comes with the second to end.
-TEST(Dispatch, CompletesWithTheLastOfTwo) {
-    const DispatchStand stand;
-    std::barrier<> both(2);
-    std::latch destroyed(1), firstGone(1);
-    static std::atomic<int> done;
-    done = 0;
-    std::atomic<int> order = 0, ended = 0;
-    action = [&](uint32_t event) {
-        const int mine = order++;
-        both.arrive_and_wait();
-        if (mine == 0) {
-            pelmoEvent_DestroyEx(event, [](uint32_t, void*) { ++done; });
-            destroyed.count_down();
-            return;
-        }
-        destroyed.wait();
-        firstGone.wait();
-        EXPECT_EQ(done, 0);
-    };
-    const uint32_t event = listen(stand.queue, onEvent);
-    post(stand.queue, {event, event});
-    const auto dispatch = [&] {
-        EXPECT_EQ(pelmoQueue_TimedDispatch(stand.queue, 0), kStatusSuccess);
-        if (++ended == 1) firstGone.count_down();
-    };
-    std::thread other(dispatch);
-    dispatch();
-    other.join();
-    EXPECT_EQ(done, 1);
 }
 
 // Waits are on a queue, or on the group of that queue.

@@ -1,10 +1,7 @@
 #include "lib/runtime/event.h"
 
 #include <cmath>
-#include <cstdarg>
-#include <utility>
 
-#include "lib/msg/trace_ops.h"
 #include "lib/runtime/post.h"
 #include "tests/runtime/event_stand.h"
 
@@ -163,42 +160,6 @@ TEST_F(Events, MeetTheirDispatchesWhenTheyEnd) {
         EXPECT_EQ(life.completions, 1);
         EXPECT_FALSE(life.late);
     }
-}
-
-std::string traced;
-
-[[gnu::format(printf, 2, 3)]] void trace(uint32_t module, const char* format, ...) {
-    if (module != kTraceEvents) return;
-    char line[256];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(line, sizeof(line), format, arguments);
-    va_end(arguments);
-    traced += line + std::string("\n");
-}
-
-TEST_F(Events, TraceCreationsBehindAndOtherCallsAhead) {
-    const auto former = std::exchange(traceOps.write, trace);
-    traceOps.enabled[kTraceEvents] = 1;
-    traceOps.on = 1;
-    traced.clear();
-    void* const closure = reinterpret_cast<void*>(0x77);
-    EXPECT_EQ(pelmoEvent_CreateTimer(&event, stand.queue, nullptr, 1, closure),
-              kStatusInvalidCallback);
-    const uint32_t timer = stand.timer(2.0, ignoreEvent, closure);
-    EXPECT_EQ(pelmoEvent_GetType(4'711, nullptr), kStatusInvalidEvent);
-    EXPECT_EQ(pelmoEvent_DestroyEx(timer, nullptr), kStatusSuccess);
-    traceOps.on = 0;
-    traceOps.enabled[kTraceEvents] = 0;
-    traceOps.write = former;
-
-    char expected[256];
-    std::snprintf(expected, sizeof(expected),
-                  "pelmoEvent_CreateTimer(%u, %u, %p, 0x4000000000000000, 0x77)\n"
-                  "pelmoEvent_GetType(4711, (nil))\n"
-                  "pelmoEvent_DestroyEx(%u, (nil))\n",
-                  timer, stand.queue, reinterpret_cast<void*>(ignoreEvent), timer);
-    EXPECT_EQ(traced, expected);
 }
 
 }  // namespace

@@ -7,8 +7,9 @@
 
 #include "lib/base/log.h"
 #include "lib/msg/envelope.h"
+#include "lib/msg/message_typed.h"
 #include "lib/runtime/dispatcher.h"
-#include "tests/runtime/dispatch_stand.h"
+#include "tests/runtime/event_stand.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"
 #include "tests/support/race.h"
@@ -29,7 +30,7 @@ void endTracing() {
 // Lines without stamp, program, thread and addresses: "[QUEUE] pelmoQueue_Create(1001)".
 Lines linesOf(const std::string& text) {
     static const std::regex prefix("^[-0-9]+ [0-9:.]+Z [^:]+: (?:(\\[[A-Z_]+\\])\\[[0-9]+\\]: )?");
-    static const std::regex address("0x[0-9a-f]+");
+    static const std::regex address("0x[0-9a-f]{8,12}(?![0-9a-f])");
     Lines lines;
     for (size_t at = 0; at < text.size();) {
         const size_t end = text.find('\n', at);
@@ -127,21 +128,33 @@ TEST_F(Tracing, SendsTheLogWhereItIsTold) {
     EXPECT_EQ(folder.names(), std::set<std::string>{"trace"});
 }
 
+// Creating calls behind their success, with the new id first, all others ahead of what they do.
 TEST_F(Tracing, WritesALineForEachCall) {
-    const DispatchStand stand;
+    const EventStand stand;
+    const SocketPair pair;
+    transportOps.addListener = [](uint32_t* out, const ListenerRequest&) {
+        *out = 70;
+        return pelmoStatus{kStatusSuccess};
+    };
     start("QUEUE,QGROUP,DISP,EVENTS", "\nPelmo API");
-    uint32_t queue = 0, group = 0, dispatcher = 0, count = 0;
+    uint32_t queue = 0, group = 0, io = 0, dispatcher = 0, number = 0;
     const char* name = nullptr;
+    void* const seven = reinterpret_cast<void*>(7);
     EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);  // no line
     EXPECT_EQ(pelmoQueue_Create(&queue), kStatusSuccess);
     EXPECT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_SetName(0, nullptr), kStatusInvalidQueue);
-    EXPECT_EQ(pelmoQueue_GetCount(queue, &count), kStatusSuccess);
+    EXPECT_EQ(pelmoQueue_GetCount(queue, &number), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusTimeout);
     EXPECT_EQ(pelmoQueue_TimedDispatchSingle(queue, 0.0005), kStatusTimeout);
     EXPECT_EQ(pelmoQueueGroup_TimedDispatch(group, 0), kStatusTimeout);
-    const uint32_t event = listen(queue, [](uint32_t, pelmoMsg*, void*) {});
-    EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
+    EXPECT_EQ(pelmoEvent_CreateTimer(&number, 1, nullptr, 1, nullptr), kStatusInvalidCallback);
+    const uint32_t timer = stand.timer(2.0, ignoreEvent, seven);
+    EXPECT_EQ(pelmoEvent_CreateIO(&io, queue, ignoreEvent, pair.ends[0], kIoWrite, seven), 0u);
+    EXPECT_EQ(pelmoEvent_CreateListener(&number, queue, ignoreEvent, 10, "A", nullptr), 0u);
+    EXPECT_EQ(_pelmoTransport_AddPolledListener(&number, queue, 10, "B"), kStatusSuccess);
+    EXPECT_EQ(pelmoEvent_GetType(4'711, nullptr), kStatusInvalidEvent);
+    EXPECT_EQ(pelmoEvent_DestroyEx(io, nullptr), kStatusSuccess);
     pelmoQueue_DestroyEx(queue, nullptr, nullptr);
     EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, queue, 1.5), kStatusInvalidArgument);
     EXPECT_EQ(pelmoDispatcher_GetName(7, &name), kStatusInvalidQueue);
@@ -149,9 +162,10 @@ TEST_F(Tracing, WritesALineForEachCall) {
     EXPECT_EQ(pelmoDispatcher_Join(7), kStatusInvalidDispatcher);
     EXPECT_EQ(pelmoDispatcher_Destroy(7), kStatusInvalidDispatcher);
     pelmoQueueGroup_Destroy(group);
+    transportOps = {};
 
-    const std::string q = std::to_string(queue), g = std::to_string(group);
-    const std::string e = std::to_string(event);
+    const auto text = [](uint32_t id) { return std::to_string(id); };
+    const std::string q = text(queue), g = text(group);
     const Lines expected = {
         " ",
         "Pelmo API",
@@ -162,8 +176,15 @@ TEST_F(Tracing, WritesALineForEachCall) {
         "[DISP] pelmoQueue_TimedDispatch(" + q + ", 0.000000)",
         "[DISP] pelmoQueue_TimedDispatch(" + q + ", 0.000500)",
         "[DISP] pelmoQueueGroup_TimedDispatch(" + g + ", 0.000000)",
-        "[EVENTS] pelmoEvent_CreateListener(" + e + ", " + q + ", P, 10, \"A\", (nil))",
-        "[EVENTS] pelmoEvent_DestroyEx(" + e + ", (nil))",
+        // 2.0 shows by its bits.
+        "[EVENTS] pelmoEvent_CreateTimer(" + text(timer) + ", " + text(stand.queue) +
+            ", P, 0x4000000000000000, 0x7)",
+        "[EVENTS] pelmoEvent_CreateIO(" + text(io) + ", " + q + ", P, " +
+            std::to_string(pair.ends[0]) + ", 2, 0x7)",
+        "[EVENTS] pelmoEvent_CreateListener(70, " + q + ", P, 10, \"A\", (nil))",
+        "[EVENTS] _pelmoTransport_AddPolledListener(70, " + q + ",  10, \"B\")",
+        "[EVENTS] pelmoEvent_GetType(4711, (nil))",
+        "[EVENTS] pelmoEvent_DestroyEx(" + text(io) + ", (nil))",
         "[QUEUE] pelmoQueue_DestroyEx(" + q + ", (nil), (nil))",
         "[DISP] pelmoDispatcher_GetName(7, P)",
         "[DISP] pelmoDispatcher_SetName(7, \"<NULL>\")",

@@ -1,16 +1,13 @@
 #include "lib/transport/transport.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cstdarg>
 #include <memory>
 #include <thread>
 
 #include "lib/containers/dpa.h"
 #include "lib/containers/subject.h"
-#include "lib/msg/trace_ops.h"
+#include "lib/runtime/tracing.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
 #include "tests/support/race.h"
@@ -369,35 +366,24 @@ TEST_F(IntraProcess, EndsWithTheLibraryAlone) {
     EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
 }
 
-std::string traced;
-[[gnu::format(printf, 2, 3)]] void keepTrace(uint32_t, const char* format, ...) {
-    char line[200];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(line, sizeof line, format, arguments);
-    va_end(arguments);
-    traced = line;
-}
-
 TEST_F(IntraProcess, TracesCalls) {
-    traceOps.write = keepTrace;
-    traceOps.on = 1;
-    traceOps.enabled[kTraceTransport] = 1;
-    const auto lineOf = [](auto call) {
-        (void)call();
-        return traced;
-    };
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(Tracing_Start("TPORT", "stderr", nullptr), kStatusSuccess);
     char inbox[20];
-    EXPECT_EQ(lineOf([&] { return pelmoTransport_CreateInbox(kLocal, inbox, sizeof inbox); }),
-              "pelmoTransport_CreateInbox(10, _INBOX.1, 20)");
-    EXPECT_EQ(lineOf([] { return pelmoTransport_SetEcho(kLocal, true); }),
-              "pelmoTransport_SetEcho(10, \"true\")");
-    EXPECT_EQ(lineOf([] { return pelmoTransport_SetDescription(kLocal, nullptr); }),
-              "pelmoTransport_SetDescription(10, \"<NULL>\")");
-    EXPECT_EQ(lineOf([] { return pelmoTransport_SendAdvisory(kLocal, "INFO", "S", "N", nullptr); }),
-              "pelmoTransport_SendAdvisory(10, \"INFO\", \"S\", \"N\", \"<NULL>\")");
-    traceOps.on = 0;
-    traceOps.enabled[kTraceTransport] = 0;
+    (void)pelmoTransport_CreateInbox(kLocal, inbox, sizeof inbox);
+    (void)pelmoTransport_SetEcho(kLocal, true);
+    (void)pelmoTransport_SetDescription(kLocal, nullptr);
+    (void)pelmoTransport_SendAdvisory(kLocal, "INFO", "S", "N", nullptr);
+    Tracing_Stop();
+    Tracing_Clear();
+    const std::string log = testing::internal::GetCapturedStderr();
+    for (const char* line :
+         {"pelmoTransport_CreateInbox(10, _INBOX.1, 20)\n",
+          "pelmoTransport_SetEcho(10, \"true\")\n",
+          "pelmoTransport_SetDescription(10, \"<NULL>\")\n",
+          "pelmoTransport_SendAdvisory(10, \"INFO\", \"S\", \"N\", \"<NULL>\")\n"}) {
+        EXPECT_NE(log.find(line), std::string::npos) << log;
+    }
 }
 
 // Whatever fails, nobody gets half of it, and nothing stays behind.
