@@ -85,6 +85,8 @@ void endTransport(Held<Transport>& held) {
     const bool wasPublished = Id_Invalidate(&held->header) == kStatusSuccess;
     (void)Transport_RunHooks(held.pointer(), kHookDestroyed, nullptr);
     if (wasPublished) Id_Release(&held->header, false);
+    // Closing frees it: that is left to the last send under way, if there is one.
+    if (held->directSends != 0) held->leftEndpoint = std::exchange(endpoint, nullptr);
     held.release();
     if (endpoint != nullptr) endpointOps.close(endpoint);
 }

@@ -43,6 +43,17 @@ bool mayListenToInboxLocked(const Transport* transport, const uint8_t* subject, 
     return isOwnInbox(transport, text);
 }
 
+// The lock isn't held while the daemon is told: somebody may have begun to listen meanwhile, and
+// been announced ahead of the stop. The daemon would send him nothing. A start too many only costs
+// messages that nobody gets.
+void announceStop(Held<Transport>& held, const uint8_t* subject) {
+    (void)daemonLinkOps.interest(held.pointer(), subject, kInterestStop);
+    held.enter();
+    const bool wanted = sublistFind(held->subjects, subject) != nullptr;
+    held.leave();
+    if (wanted) (void)daemonLinkOps.interest(held.pointer(), subject, kInterestStart);
+}
+
 }  // namespace
 
 pelmoStatus transportBindListener(
@@ -119,9 +130,9 @@ pelmoStatus Transport_RemoveListener(uint32_t transport, Event* event) {
     uint32_t remaining = 0;
     const bool removed = transportForgetListener(held.pointer(), event, subject, &remaining);
     const bool linked = held->kind == TransportKind::kNetwork && held->link != nullptr;
-    held.leave();
     if (removed && remaining == 0 && linked && !subjectIsInbox(subject)) {
-        (void)daemonLinkOps.interest(held.pointer(), subject, kInterestStop);
+        held.leave();
+        announceStop(held, subject);
     }
     return kStatusSuccess;
 }

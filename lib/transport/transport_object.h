@@ -53,6 +53,8 @@ struct Transport {
     Dict32* requestQueues;             // id of each request's queue; the value means nothing
     Dpa* hooks[kHookKinds];            // of TransportHook; null: none yet
     ReliableEndpoint* directEndpoint;  // kNetwork; null: none
+    uint32_t directSends;              // sends by an endpoint that are under way
+    ReliableEndpoint* leftEndpoint;    // of a destroyed one: for the last of them to close
     uint16_t directPort;               // 0: none
     bool autoStart;                    // the next three are the daemon connection's
     uint32_t reconnectCount;

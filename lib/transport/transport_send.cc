@@ -44,13 +44,25 @@ bool findDirectPeer(const uint8_t* subject, DirectPeer& peer) {
            parseHex(subjectElement(subject, 2), kHostDigits, peer.host);
 }
 
-// The caller holds the object lock, which is left meanwhile; so in the next two.
+// The caller holds the object lock, which is left meanwhile; so in the next three.
+
+// A destroy that met a send by the endpoint couldn't free it.
+void closeLeftEndpoint(Transport* transport) {
+    ReliableEndpoint* endpoint = std::exchange(transport->leftEndpoint, nullptr);
+    if (endpoint == nullptr) return;
+    Id_Leave(&transport->header);
+    endpointOps.close(endpoint);
+    Id_Enter(&transport->header);
+}
+
 pelmoStatus sendDirect(Transport* transport, const DirectPeer& peer, pelmoMsg* message) {
     ReliableEndpoint* endpoint = transport->directEndpoint;
+    ++transport->directSends;
     Id_Leave(&transport->header);
     const pelmoStatus status =
         endpointOps.send(endpoint, peer.host, static_cast<uint16_t>(peer.port), {&message, 1});
     Id_Enter(&transport->header);
+    if (--transport->directSends == 0) closeLeftEndpoint(transport);
     return status;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <span>
 #include <string>
@@ -33,6 +34,7 @@ class FakeDaemon {
     pelmoStatus answer = kStatusSuccess;   // to all else
     ReliableEndpoint* endpoint = nullptr;  // given to the next transport
     bool checksLocks = true;               // false: other threads use the transport meanwhile
+    std::function<void()> meanwhile;       // once, ahead of telling of an interest
 
     FakeDaemon() {
         current = this;
@@ -136,6 +138,7 @@ class FakeDaemon {
     }
     static pelmoStatus interest(Transport* transport, const uint8_t* subject, const char* kind) {
         char text[kSubjectTextBytes];
+        if (current->meanwhile) std::exchange(current->meanwhile, nullptr)();
         return note(transport, std::string(kind) + " " + subjectToText(text, sizeof text, subject));
     }
 };
@@ -146,7 +149,8 @@ class FakePeers {
     std::vector<std::string> calls;
     pelmoStatus answer = kStatusSuccess;
     bool checksLocks = true;
-    Transport* transport = nullptr;  // whose lock is looked at
+    Transport* transport = nullptr;   // whose lock is looked at
+    std::function<void()> meanwhile;  // in the endpoint's sends
 
     FakePeers() {
         current = this;
@@ -205,6 +209,7 @@ class FakePeers {
         std::snprintf(words, sizeof words, "to %x:%x", host, unsigned{port});
         EXPECT_TRUE(current->transport == nullptr || isFree(current->transport->header.lock));
         current->calls.push_back(words + (" " + shownText(messages[0])));
+        if (current->meanwhile) current->meanwhile();
         return current->answer;
     }
     static pelmoStatus wrap(Transport* circuit, pelmoMsg* message, pelmoMsg** out) {

@@ -216,6 +216,14 @@ TEST_F(Network, AnnouncesWhatIsListenedTo) {
         second.end();
         EXPECT_EQ(daemon.taken(), row.told);
     }
+    // One that begins while the daemon is told of the last one's end is announced behind that.
+    TestListener last(queue, "A", id), next;
+    (void)daemon.taken();
+    daemon.meanwhile = [&] { EXPECT_EQ(next.listen(queue, "A", id), kStatusSuccess); };
+    last.end();
+    next.end();
+    EXPECT_EQ(daemon.taken(), (Texts{"L A", "C A", "L A", "C A"}));
+
     ASSERT_EQ(pelmoTransport_SetHidden(id, true), kStatusSuccess);
     const TestListener wild(queue, "_INBOX.X.DAEMON.>", id);
     EXPECT_EQ(sendText(id, "_PM.X"), kStatusSuccess);
@@ -263,6 +271,18 @@ TEST_F(Network, SendsToTheDaemonOrAPeer) {
     daemon.answer = kStatusSuccess;
     EXPECT_EQ(sendText(id, "_INBOX.1.P2", "x"), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), Texts{R"(send {text="x"})"});
+}
+
+// A destroy that meets a send by the endpoint leaves the endpoint to it.
+TEST_F(Network, ClosesItsEndpointBehindTheLastSend) {
+    remake(peers.endpoint());
+    const std::string sent = R"(to 1:2 {text="x"})";
+    peers.meanwhile = [&] {
+        EXPECT_EQ(pelmoTransport_Destroy(std::exchange(id, kNoId)), kStatusSuccess);
+        EXPECT_EQ(peers.calls, Texts{sent});
+    };
+    EXPECT_EQ(sendText(id, "_INBOX.1.P2", "x"), kStatusSuccess);
+    EXPECT_EQ(peers.calls, (Texts{sent, "close"}));
 }
 
 TEST_F(Network, SendsVectorsTogetherOrNotAtAll) {
