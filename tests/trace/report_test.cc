@@ -192,23 +192,45 @@ TEST_F(ReportTest, LetsWideRatesBreakTheColumns) {
         << report;
 }
 
+// Whether a row without a net stands under the port, of five places.
+bool showsPort(const std::string& report, const char* port) {
+    return report.find("\n " + std::string(port) + "      ") != std::string::npos;
+}
+
+std::string reportOf(const std::vector<BuiltPort>& ports) {
+    BuiltSnapshot built = {.from = kFrom, .to = kTo, .ports = ports};
+    return print(built);
+}
+
 // Retransmission packets come from another port: their row stands under the one where the host was
 // last shown as a sender.
 TEST_F(ReportTest, RemembersTheServicePortOfAHost) {
     traceSettings.displayAddrInfo = true;
-    const BuiltPort sends = {.port = 7900,
-                             .nets = {{.net = 1, .hosts = {mcastHost("10.0.0.1", 8000, 0, 1)}}}};
+    const auto sends = [](uint16_t port) {
+        const SnapHost host = mcastHost("10.0.0.1", 8000, 0, 1);
+        return BuiltPort{.port = port, .nets = {{.net = 1, .hosts = {host}}}};
+    };
     const BuiltPort asks = {.port = 8000, .rlHosts = {rlHost("10.0.0.1", 8000, 1, 1)}};
-    const auto reportOf = [](const std::vector<BuiltPort>& ports) {
-        BuiltSnapshot built = {.from = kFrom, .to = kTo, .ports = ports};
-        return print(built);
-    };
-    const auto showsPort = [](const std::string& report, const char* port) {
-        return report.find("\n  " + std::string(port) + "      ") != std::string::npos;
-    };
-    EXPECT_TRUE(showsPort(reportOf({asks}), "8000"));
-    EXPECT_TRUE(showsPort(reportOf({sends, asks}), "7900"));
-    EXPECT_TRUE(showsPort(reportOf({asks}), "7900"));  // kept from report to report
+    EXPECT_TRUE(showsPort(reportOf({asks}), " 8000"));
+    EXPECT_TRUE(showsPort(reportOf({sends(7500), asks}), " 7500"));
+    EXPECT_TRUE(showsPort(reportOf({asks}), " 7500"));  // kept from report to report
+    EXPECT_TRUE(showsPort(reportOf({sends(7300), sends(7900), asks}), " 7900"));
+}
+
+TEST_F(ReportTest, LeavesOutPortsWithNothingToShow) {
+    SnapRlHost silent{}, asked{}, bad{};
+    silent.counters.rreqRecv = silent.counters.rseqRecv = silent.counters.rrejRecv = 9;
+    asked.counters.rrejSent = 1;
+    bad.counters.badRecv = 5;
+    const BuiltPort first = {.port = 1, .rlHosts = {silent}},
+                    second = {.port = 2, .rlHosts = {asked}}, third = {.port = 3, .rlHosts = {bad}};
+    const std::string report = reportOf({first, second, third});
+    EXPECT_FALSE(showsPort(report, "    1"));
+    EXPECT_TRUE(showsPort(report, "    2"));
+    EXPECT_TRUE(showsPort(report, "    3"));
+
+    // Nobody sent anything: no table, though a port would have a row.
+    EXPECT_EQ(reportOf({first, third}).find(kRetransTitle), std::string::npos);
 }
 
 TEST_F(ReportTest, PrintsLongReportsWhole) {
