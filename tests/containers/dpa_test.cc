@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <vector>
 
 #include "tests/support/container_values.h"
 #include "tests/support/toy_pool.h"

@@ -7,7 +7,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "tests/support/container_values.h"
 

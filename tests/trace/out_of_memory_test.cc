@@ -1,7 +1,6 @@
 // Each allocation on a packet's way made to fail, once and for good: what is told, what is counted,
 // and that the next packet, with memory back, finds everything in order.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <functional>

@@ -1,6 +1,5 @@
 #include "trace/snapshot.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
