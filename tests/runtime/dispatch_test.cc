@@ -49,7 +49,7 @@ struct ListenerRow {
     char letter;
     pelmoVectorCallback callback;  // null: a plain one
     uintptr_t group = 0;
-    uint32_t transport = kIntraProcessTransportId;
+    uint32_t transport = kLocal;
 };
 
 const ListenerRow kListeners[] = {
@@ -60,14 +60,13 @@ const ListenerRow kListeners[] = {
 };
 
 uint32_t listenAs(const ListenerRow& row, uint32_t queue) {
-    uint32_t event = kNoId;
     char* const closure = &letters[row.letter - 'a'];
-    const pelmoStatus status =
-        row.callback == nullptr
-            ? pelmoEvent_CreateListener(&event, queue, onPlain, row.transport, "A", closure)
-            : pelmoEvent_CreateVectorListenerEx(&event, queue, row.callback, row.transport, "A",
-                                                closure, reinterpret_cast<void*>(row.group));
-    EXPECT_EQ(status, kStatusSuccess);
+    if (row.callback == nullptr) return listen(queue, onPlain, closure);
+    uint32_t event = kNoId;
+    EXPECT_EQ(pelmoEvent_CreateVectorListenerEx(&event, queue, row.callback, kLocal, "A", closure,
+                                                reinterpret_cast<void*>(row.group)),
+              kStatusSuccess);
+    recordOf<Event>(event)->listener.transportId = row.transport;
     return event;
 }
 
@@ -101,7 +100,7 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
             std::vector<uint32_t> order;
             for (const char letter : posted)
                 order.push_back(events[size_t(letter)]);
-            post(stand.queue, order);
+            postBatch(stand.queue, order);
             pelmoEvent_DestroyEx(events['x'], nullptr);
 
             calls.clear();
@@ -119,25 +118,26 @@ TEST(Dispatch, PassesHooksAndCutOffs) {
     const uint32_t plain = listenAs({'p', nullptr}, stand.queue);
     const auto run = [&stand](const std::vector<uint32_t>& events) {
         calls.clear();
-        post(stand.queue, events);
+        postBatch(stand.queue, events);
         dispatchAll(stand.queue);
         return calls;
     };
-    uint32_t asked = 0;
-    DispatchStand::hook = [&asked](pelmoMsg*) { return ++asked % 2 == 0; };
+    static uint32_t asked;
+    asked = 0;
+    transportOps.runInboundHooks = [](uint32_t, pelmoMsg*) { return ++asked % 2 == 0; };
     for (const uint32_t id : {vector, plain})
         recordOf<Event>(id)->listener.inboundHooks = true;
     // Hooks 2 and 4 let pass, then 6.
     EXPECT_EQ(run({vector, vector, vector, vector, vector, plain, plain}), (Calls{"aa", "p"}));
     EXPECT_EQ(asked, 7U);
 
-    DispatchStand::hook = [](pelmoMsg*) { return false; };
+    transportOps.runInboundHooks = [](uint32_t, pelmoMsg*) { return false; };
     EXPECT_EQ(run({vector, vector}), Calls{});
     transportOps.runInboundHooks = nullptr;
     EXPECT_EQ(run({plain}), Calls{});
     recordOf<Event>(plain)->listener.inboundHooks = false;
-    post(stand.queue, {plain});
-    transportOps.removeListener(kIntraProcessTransportId, recordOf<Event>(plain));
+    postBatch(stand.queue, {plain});
+    transportOps.removeListener(kLocal, recordOf<Event>(plain));
     EXPECT_EQ(dispatchAll(stand.queue), 1U);
     EXPECT_EQ(calls, Calls{});
 }
@@ -152,7 +152,7 @@ TEST(Dispatch, LeavesDetachedMessagesToTheCallback) {
         kept.push_back(message);
         if (kept.size() == 2) (void)pelmoMsg_Destroy(message);
     });
-    post(stand.queue, {event, event});
+    postBatch(stand.queue, {event, event});
     EXPECT_EQ(dispatchAll(stand.queue), 2U);
     EXPECT_EQ(pelmoMsg_AddI32(kept[0], "a", 1, 0), kStatusSuccess);
     EXPECT_EQ(pelmoMsg_Destroy(kept[0]), kStatusSuccess);
@@ -167,7 +167,7 @@ TEST(Dispatch, AnswersAtOnceWhereThereIsNothing) {
     EXPECT_EQ(pelmoQueue_TimedDispatch(makeQueue(true), 0), kStatusNotPermitted);
 
     const uint32_t event = listen(stand.queue, onPlain);
-    post(stand.queue, {event, event});
+    postBatch(stand.queue, {event, event});
     pelmoEvent_DestroyEx(event, nullptr);
     EXPECT_EQ(dispatchAll(stand.queue), 1U);  // of the entries of the dead alone
 
@@ -233,7 +233,7 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
             calls.emplace_back("return");
         };
         const uint32_t event = listen(queue, onEvent);
-        post(queue, {event, event, event});
+        postBatch(queue, {event, event, event});
         EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusSuccess);
         EXPECT_EQ(calls, expected);
         action = [](uint32_t) { ADD_FAILURE() << "called again"; };
@@ -293,7 +293,7 @@ TEST_P(DispatchWaits, WakeAsManyThreadsAsThereAreEntries) {
     action = [&](uint32_t) { together.arrive_and_wait(); };
     const std::vector<uint32_t> entries(kThreads, listen(stand.queue, onEvent));
     for (int round = 0; round < 50; ++round)
-        whileSoManyWait(kThreads, kStatusSuccess, [&] { post(stand.queue, entries); });
+        whileSoManyWait(kThreads, kStatusSuccess, [&] { postBatch(stand.queue, entries); });
 }
 
 // An hour goes by at each look at the clock, which is taken at stray wake-ups alone: the second one
@@ -310,9 +310,12 @@ TEST_P(DispatchWaits, CountTheTimeFromTheFirstStrayWakeUp) {
         EXPECT_EQ(dispatch(3000.0), kStatusTimeout);
         ended = true;
     });
-    for (; looks < 2; std::this_thread::yield()) {
+    for (int wakes = 1; wakes <= 2; ++wakes) {
+        (isGroup ? awaitWaiters<QueueGroup> : awaitWaiters<Queue>)(id, 1);
         EXPECT_FALSE(ended);
         Cond_Signal(isGroup ? &recordOf<QueueGroup>(id)->cond : &recordOf<Queue>(id)->cond);
+        while (looks < wakes)
+            std::this_thread::yield();
     }
     thread.join();
     clockSetMonotonicSource(former);
@@ -343,7 +346,7 @@ TEST(QueueGroupDispatch, TakesTurnsByPriority) {
             EXPECT_EQ(pelmoQueueGroup_Add(stand.group, queues[at]), kStatusSuccess);
         }
         for (const char* at = posted; *at != '\0'; ++at)
-            post(queues[size_t(*at)], {events[size_t(*at)]});
+            postBatch(queues[size_t(*at)], {events[size_t(*at)]});
         calls.clear();
         while (pelmoQueueGroup_TimedDispatch(stand.group, 0) == kStatusSuccess) {
         }
@@ -375,7 +378,7 @@ TEST(DispatchStress, MeetsTheEndOfEventsAndQueues) {
         std::thread first(dispatch), second(dispatch);
         std::thread poster([&] {
             for (size_t i = 0; i < 40; ++i)
-                post(queue, {events[i % kEvents], events[0]});
+                postBatch(queue, {events[i % kEvents], events[0]});
         });
         for (const uint32_t event : events) {
             pelmoEvent_DestroyEx(event, [](uint32_t, void* gone) {

@@ -4,6 +4,7 @@
 #include "lib/runtime/dispatcher.h"
 
 #include <atomic>
+#include <cstring>
 #include <latch>
 
 #include "tests/runtime/dispatch_stand.h"
@@ -17,6 +18,33 @@ uint32_t newDispatcher(uint32_t dispatchable, double seconds = -1.0) {
     return dispatcher;
 }
 
+// Hears of threads that end.
+struct Exits {
+    const uint32_t queue = makeQueue();
+    TestListener listener{queue, "_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.*"};
+    std::string told;
+
+    Exits() {
+        listener.onMessage = [this](pelmoMsg* message) {
+            const char* subject = "";
+            const char* description = "";
+            uint32_t status = 0;
+            EXPECT_EQ(pelmoMsg_GetSendSubject(message, &subject), kStatusSuccess);
+            EXPECT_EQ(pelmoMsg_GetU32(message, "status", &status, 0), kStatusSuccess);
+            EXPECT_EQ(pelmoMsg_GetString(message, "description", &description, 0), kStatusSuccess);
+            const std::string name =
+                subject + std::strlen("_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.");
+            told = name + ": " + std::to_string(status) + " " + description;
+        };
+    }
+
+    // Waits for it: "<name>: <status> <description>".
+    std::string next() {
+        EXPECT_EQ(pelmoQueue_TimedDispatch(queue, -1.0), kStatusSuccess);
+        return told;
+    }
+};
+
 TEST(Dispatcher, TellsHowItsThreadEnded) {
     static uint32_t queue, group, dispatcher;
     const auto nothing = [] {};
@@ -28,18 +56,18 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
         bool onGroup;
         double seconds;
         void (*end)();
-        Advisory expected;  // with the end of its subject
+        const char* told;
     } cases[] = {
-        {nullptr, false, 0.001, nothing, {"dispatcher", 50, "Operation timed out"}},
-        {nullptr, true, 0.001, nothing, {"dispatcher", 50, "Operation timed out"}},
-        {"worker", false, -1.0, endQueue, {"worker", 62, "Invalid queue"}},
-        {"w", true, -1.0, endGroup, {"w", 63, "Invalid queue group"}},
-        {"", false, -1.0, endIt, {"", 53, "Invalid dispatcher"}},
-        {nullptr, true, -1.0, endIt, {"dispatcher", 53, "Invalid dispatcher"}},
+        {nullptr, false, 0.001, nothing, "dispatcher: 50 Operation timed out"},
+        {nullptr, true, 0.001, nothing, "dispatcher: 50 Operation timed out"},
+        {"worker", false, -1.0, endQueue, "worker: 62 Invalid queue"},
+        {"w", true, -1.0, endGroup, "w: 63 Invalid queue group"},
+        {"w", false, -1.0, endIt, "w: 53 Invalid dispatcher"},
+        {nullptr, true, -1.0, endIt, "dispatcher: 53 Invalid dispatcher"},
     };
-    for (const auto& [name, onGroup, seconds, end, expected] : cases) {
-        SCOPED_TRACE(expected.subject + " " + expected.description);
+    for (const auto& [name, onGroup, seconds, end, told] : cases) {
         const DispatchStand stand;
+        Exits exits;
         queue = stand.queue;
         group = stand.group;
         dispatcher = newDispatcher(onGroup ? group : queue, seconds);
@@ -47,12 +75,10 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
             EXPECT_EQ(pelmoDispatcher_SetName(dispatcher, name), kStatusSuccess);
         }
         // One that is destroyed before its thread has begun ends silently.
-        if (seconds < 0 && onGroup) awaitWaiters<QueueGroup>(group, 1);
-        if (seconds < 0 && !onGroup) awaitWaiters<Queue>(queue, 1);
+        if (seconds < 0)
+            (onGroup ? awaitWaiters<QueueGroup>(group, 1) : awaitWaiters<Queue>(queue, 1));
         end();
-        Advisory wanted = expected;
-        wanted.subject = "_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED." + expected.subject;
-        EXPECT_EQ(DispatchStand::firstAdvisory(), wanted);
+        EXPECT_EQ(exits.next(), told);
         pelmoDispatcher_Destroy(dispatcher);
     }
 }
@@ -96,6 +122,7 @@ TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
         std::atomic<bool> returned = false;
     } meeting;
     const DispatchStand stand;
+    Exits exits;
     const auto destroyOwn = [](uint32_t, pelmoMsg*, void* closure) {
         auto* at = static_cast<Meeting*>(closure);
         at->created.wait();
@@ -105,7 +132,7 @@ TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
         EXPECT_EQ(pelmoDispatcher_Destroy(at->dispatcher), kStatusInvalidDispatcher);
         at->returned = true;
     };
-    post(stand.queue, std::vector<uint32_t>(3, listen(stand.queue, destroyOwn, &meeting)));
+    postBatch(stand.queue, std::vector<uint32_t>(3, listen(stand.queue, destroyOwn, &meeting)));
     meeting.dispatcher = newDispatcher(stand.queue);
     meeting.created.count_down();
     const auto join = [&] {
@@ -118,7 +145,7 @@ TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
     std::thread one(join), two(join);
     one.join();
     two.join();
-    EXPECT_EQ(DispatchStand::firstAdvisory().status, kStatusInvalidDispatcher);
+    EXPECT_EQ(exits.next(), "dispatcher: 53 Invalid dispatcher");
     EXPECT_EQ(countOf(stand.queue), 2U);
 }
 
@@ -143,7 +170,7 @@ TEST(Dispatcher, EndsAloneAmongWaiters) {
         EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusSuccess);
     }
     awaitWaiters<Queue>(stand.queue, waiting);
-    post(stand.queue, {listen(stand.queue, count)});
+    postBatch(stand.queue, {listen(stand.queue, count)});
     plain.join();
 }
 
@@ -165,7 +192,7 @@ TEST(DispatcherStress, LosesNoEntryAndNoStop) {
     };
     std::thread onQueue(comeAndGo, stand.queue), onGroup(comeAndGo, stand.group);
     for (int i = 0; i < kPosts; i += 3)
-        post(stand.queue, {event, event, event});
+        postBatch(stand.queue, {event, event, event});
     posting = false;
     onQueue.join();
     onGroup.join();

@@ -40,18 +40,6 @@ const pelmoMsg* post(const TestEvent& listener, bool advisory = false) {
     return message;
 }
 
-// A new message for each of the events, posted together.
-std::vector<const pelmoMsg*> postBatch(uint32_t queue, const std::vector<uint32_t>& events) {
-    std::vector<PostEntry> batch;
-    std::vector<const pelmoMsg*> messages;
-    for (const uint32_t event : events) {
-        batch.push_back({event, messageFor(0)});
-        messages.push_back(batch.back().message);
-    }
-    Queue_PostBatch(queue, batch);
-    return messages;
-}
-
 struct Posts : testing::Test {
     RuntimeTables tables;
     uint32_t queue = makeQueue();

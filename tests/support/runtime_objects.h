@@ -13,6 +13,7 @@
 #include "lib/runtime/dispatch.h"
 #include "lib/runtime/event.h"
 #include "lib/runtime/library.h"
+#include "lib/runtime/post.h"
 #include "lib/runtime/queue.h"
 #include "lib/runtime/queue_group.h"
 #include "lib/runtime/transport_ops.h"
@@ -151,6 +152,18 @@ inline pelmoMsg* messageFor(uint32_t eventId) {
     EXPECT_EQ(pelmoMsg_Create(&message), kStatusSuccess);
     message->deliveryEvent = eventId;
     return message;
+}
+
+// A new message for each of the events, posted together.
+inline std::vector<const pelmoMsg*> postBatch(uint32_t queue, const std::vector<uint32_t>& events) {
+    std::vector<PostEntry> batch;
+    std::vector<const pelmoMsg*> messages;
+    for (const uint32_t event : events) {
+        batch.push_back({event, messageFor(event)});
+        messages.push_back(batch.back().message);
+    }
+    Queue_PostBatch(queue, batch);
+    return messages;
 }
 
 // The entries that wait on a queue, in order of dispatch. They stay the queue's.
