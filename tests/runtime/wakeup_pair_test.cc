@@ -60,16 +60,22 @@ struct WakeupPairs : testing::Test {
         dispatchAll(stand.queue);
     }
 
-    // Nothing that is closed can be opened again until the test's end.
-    void forbidSockets() {
+    // So that the reader finds the end.
+    void breakConnection() const { shutdown(Ends(event).writer, SHUT_RDWR); }
+
+    void allowSockets() const { setrlimit(RLIMIT_NOFILE, &limit); }
+
+    // A pass that finds a broken connection, and can't open another one until sockets are allowed.
+    void failToRemake() {
+        testing::internal::CaptureStderr();
+        breakConnection();
         getrlimit(RLIMIT_NOFILE, &limit);
         const rlimit none{3, limit.rlim_max};
         setrlimit(RLIMIT_NOFILE, &none);
+        pass();
+        allowSockets();
+        (void)testing::internal::GetCapturedStderr();
     }
-    void allowSockets() { setrlimit(RLIMIT_NOFILE, &limit); }
-
-    // So that the reader finds the end.
-    void breakConnection() const { shutdown(Ends(event).writer, SHUT_RDWR); }
 
     // Also forgets it, as onWake and onFail may.
     void destroy() { wakeupPairDestroy(std::exchange(pair, nullptr)); }
@@ -120,23 +126,17 @@ TEST_F(WakeupPairs, RemakeABrokenConnection) {
 }
 
 TEST_F(WakeupPairs, TellTheirOwnerWhereRemakingFails) {
-    testing::internal::CaptureStderr();
     onFail = [this] {
         EXPECT_FALSE(wakeupPairHasEvent(pair));
-        wakeupPairWake(pair);  // for the next remake's event
         EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSocketLimit);
         allowSockets();
         EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSuccess);
     };
-    breakConnection();
-    forbidSockets();
-    pass();
-    allowSockets();
+    failToRemake();
     EXPECT_EQ(fails, 1);
     wakeupPairWake(pair);
     pass();
     EXPECT_EQ(wakes, 1);
-    (void)testing::internal::GetCapturedStderr();
 }
 
 TEST_F(WakeupPairs, MayBeDestroyedFromTheirOwnCallback) {
@@ -149,17 +149,12 @@ TEST_F(WakeupPairs, MayBeDestroyedFromTheirOwnCallback) {
 
 // Its owner, told of a wake-up first, doesn't hear of the failure any more.
 TEST_F(WakeupPairs, MayBeDestroyedWhereTheyFail) {
-    testing::internal::CaptureStderr();
     wakeupPairWake(pair);
     pass();  // takes the byte
-    breakConnection();
     onWake = [this] { destroy(); };
-    forbidSockets();
-    pass();
-    allowSockets();
+    failToRemake();
     EXPECT_EQ(pair, nullptr);
     EXPECT_EQ(fails, 0);
-    (void)testing::internal::GetCapturedStderr();
 }
 
 TEST_F(WakeupPairs, KeepAWakeThatFindsNoSockets) {

@@ -77,10 +77,9 @@ TEST_F(Network, CreatesOverTheDaemonConnection) {
               kStatusDaemonNotConnected);
 }
 
-using Call = std::function<pelmoStatus(uint32_t)>;
 struct Setting {
     const char* name;
-    Call call;
+    pelmoStatus (*call)(uint32_t id);
     pelmoStatus ofOtherKinds;
     std::string told;  // to the daemon; empty: nothing
 };
@@ -88,45 +87,38 @@ struct Setting {
 const char* givenText = nullptr;
 uint32_t givenLimit = 0;
 
-std::vector<Setting> settings() {
-    const auto text = [](auto call) {
-        return [call](uint32_t id) { return call(id, &givenText); };
-    };
-    const pelmoStatus no = kStatusNotPermitted;
-    const pelmoStatus none = kStatusInvalidTransport;
-    return {
-        {"service", text(pelmoTransport_GetService), none, ""},
-        {"network", text(pelmoTransport_GetNetwork), none, ""},
-        {"daemon", text(pelmoTransport_GetDaemon), none, ""},
-        {"get description", text(pelmoTransport_GetDescription), no, ""},
-        {"get http", text(pelmoTransport_GetHttpAddress), no, ""},
-        {"description", [](uint32_t id) { return pelmoTransport_SetDescription(id, "d"); }, no,
-         R"(send {mtype="S" control="D" data="d"})"},
-        {"http", [](uint32_t id) { return pelmoTransport_SetHttpAddress(id, nullptr); }, no,
-         R"(send {mtype="S" control="H" data=""})"},
-        {"hidden", [](uint32_t id) { return pelmoTransport_SetHidden(id, true); }, no,
-         R"(send {mtype="S" control="C" data=true})"},
-        {"echo", [](uint32_t id) { return pelmoTransport_SetEcho(id, false); }, no,
-         R"(send {mtype="S" control="E" data=false})"},
-        {"reliability", [](uint32_t id) { return pelmoTransport_RequestReliability(id, 2.5); }, no,
-         R"(send {mtype="S" control="R" data=2.5})"},
-        {"batch", [](uint32_t id) { return pelmoTransport_SetBatchMode(id, 1); }, no,
-         "batch mode 1"},
-        {"block",
-         [](uint32_t id) { return pelmoTransport_SetBlockingOnExcessiveBacklog(id, true); }, no,
-         "block"},
-        {"limit", [](uint32_t id) { return pelmoTransport_SetSendingWaitLimit(id, 3); }, no,
-         "wait limit 3"},
-        {"get limit",
-         [](uint32_t id) { return pelmoTransport_GetSendingWaitLimit(id, &givenLimit); }, no,
-         "wait limit?"},
-        {"hold", pelmoTransport_HoldSends, no, "hold"},
-        {"release", pelmoTransport_ReleaseSends, no, "flush"},
-    };
-}
+#define SETTING(call, ofOtherKinds, told, ...)                                                      \
+    {                                                                                               \
+#call,                                                                                      \
+            [](uint32_t                                                                             \
+                   id) { return pelmoTransport_##call(id __VA_OPT__(, ) __VA_ARGS__); },            \
+                                                                                      ofOtherKinds, \
+                                                                                      told          \
+    }
+
+const Setting kSettings[] = {
+    SETTING(GetService, kStatusInvalidTransport, "", &givenText),
+    SETTING(GetNetwork, kStatusInvalidTransport, "", &givenText),
+    SETTING(GetDaemon, kStatusInvalidTransport, "", &givenText),
+    SETTING(GetDescription, kStatusNotPermitted, "", &givenText),
+    SETTING(GetHttpAddress, kStatusNotPermitted, "", &givenText),
+    SETTING(SetDescription, kStatusNotPermitted, R"(send {mtype="S" control="D" data="d"})", "d"),
+    SETTING(
+        SetHttpAddress, kStatusNotPermitted, R"(send {mtype="S" control="H" data=""})", nullptr),
+    SETTING(SetHidden, kStatusNotPermitted, R"(send {mtype="S" control="C" data=true})", true),
+    SETTING(SetEcho, kStatusNotPermitted, R"(send {mtype="S" control="E" data=false})", false),
+    SETTING(
+        RequestReliability, kStatusNotPermitted, R"(send {mtype="S" control="R" data=2.5})", 2.5),
+    SETTING(SetBatchMode, kStatusNotPermitted, "batch mode 1", 1),
+    SETTING(SetBlockingOnExcessiveBacklog, kStatusNotPermitted, "block", true),
+    SETTING(SetSendingWaitLimit, kStatusNotPermitted, "wait limit 3", 3),
+    SETTING(GetSendingWaitLimit, kStatusNotPermitted, "wait limit?", &givenLimit),
+    SETTING(HoldSends, kStatusNotPermitted, "hold"),
+    SETTING(ReleaseSends, kStatusNotPermitted, "flush"),
+};
 
 TEST_F(Network, HasSettings) {
-    for (const Setting& setting : settings()) {
+    for (const Setting& setting : kSettings) {
         SCOPED_TRACE(setting.name);
         EXPECT_EQ(setting.call(kLocal), setting.ofOtherKinds);
         EXPECT_EQ(daemon.taken(), Texts{});
@@ -178,7 +170,7 @@ TEST_F(Network, TellsADaemonOnlyWhatItKnows) {
                 {{8, 0, 1}, 2}, {{6, 0, 0}, 2}, {{5, 9, 9}, 0}};
     for (const auto& [version, known] : rows) {
         record()->link->version = version;
-        for (const Setting& setting : settings()) {
+        for (const Setting& setting : kSettings) {
             if (!setting.told.starts_with("send ")) continue;
             EXPECT_EQ(setting.call(id), kStatusSuccess);
         }
