@@ -85,15 +85,6 @@ TEST(Classify, SettlesHowMuchIsInHandAndWhetherItIsSound) {
     }
 }
 
-// The sender writes 0xffff for a sum that comes out as 0.
-TEST(Classify, TakesAllOnesForTheSumOfZero) {
-    Bytes packet = good();
-    const Bytes checksum(packet.data() + kUdpChecksumAt, packet.data() + kUdpChecksumAt + 2);
-    packet = sealed(patched(packet, 46, checksum));
-    ASSERT_EQ(packet[kUdpChecksumAt] & packet[kUdpChecksumAt + 1], 0xff);
-    EXPECT_EQ(outcomeOf({packet}), hostOutcome(1, kCounted));
-}
-
 TEST(Classify, CountsUnknownTypesAsBadOnce) {
     for (const int type : {2, 0, 10, -32768}) {
         SCOPED_TRACE(type);
