@@ -139,27 +139,24 @@ TEST_F(IoEvents, FillALargerSet) {
     EXPECT_EQ(pass().size(), std::size(pairs));
 }
 
+// With the wake-up pair's the set is full: for one more it has to grow.
 TEST_F(IoEvents, AreMadeWholeOrNotAtAllWithoutMemory) {
-    const SocketPair pairs[66];
+    const SocketPair pairs[63];
+    for (const SocketPair& each : pairs)
+        (void)watch(stand.queue, each.ends[0]);
     const size_t before = objectCount();
     testing::internal::CaptureStderr();
     const size_t failures = eachAllocationFails([&] {
-        std::vector<uint32_t> made;
-        for (const SocketPair& each : pairs) {
-            const uint32_t event = watch(stand.queue, each.ends[0]);
-            if (event != kNoId) made.push_back(event);
-            EXPECT_TRUE(event != kNoId || status == kStatusNoMemory ||
-                        status == kStatusSocketLimit);
-        }
-        EXPECT_GE(made.size() + allocationsFailed(), std::size(pairs));
+        const uint32_t event = watch(stand.queue, pair.ends[0]);
         allocationsHeal();
-        for (const uint32_t event : made)
-            EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
-        EXPECT_EQ(stand.io->sockets.events[0]->count, 1u);
+        EXPECT_EQ(event == kNoId, allocationsFailed() != 0);
+        EXPECT_TRUE(event != kNoId || status == kStatusNoMemory || status == kStatusSocketLimit);
+        pelmoEvent_DestroyEx(event, nullptr);
+        EXPECT_EQ(stand.io->sockets.events[0]->count, 64u);
         EXPECT_EQ(objectCount(), before);
     });
     (void)testing::internal::GetCapturedStderr();
-    EXPECT_GT(failures, 20u);
+    EXPECT_GT(failures, 6u);
 }
 
 // The set itself: events without sockets, and passes that nobody polls.

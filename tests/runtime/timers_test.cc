@@ -181,27 +181,25 @@ TEST_F(Timers, ThatAreDestroyedLeaveAtOnceAndCantComeBack) {
     EXPECT_EQ(event->header.refCount, 1);
 }
 
+// There is room for eight: it has to grow for one more. What memory doesn't suffice to post goes.
 TEST_F(Timers, AreMadeWholeOrNotAtAllWithoutMemory) {
+    for (int i = 0; i < 8; ++i)
+        (void)stand.timer(1e9, ignoreEvent);
     const size_t before = objectCount();
     testing::internal::CaptureStderr();
     const size_t failures = eachAllocationFails([&] {
-        std::vector<uint32_t> timers(20, kNoId);
-        for (uint32_t& timer : timers) {
-            const pelmoStatus status =
-                pelmoEvent_CreateTimer(&timer, stand.queue, noteEvent, 1, &fired);
-            EXPECT_EQ(status, timer != kNoId ? kStatusSuccess : kStatusNoMemory);
-        }
-        const auto made = static_cast<uint32_t>(20 - std::ranges::count(timers, kNoId));
-        EXPECT_GE(made + allocationsFailed(), 20u);
-        EXPECT_EQ(stand.fire(1), made);
+        uint32_t timer = kNoId;
+        const pelmoStatus status =
+            pelmoEvent_CreateTimer(&timer, stand.queue, ignoreEvent, 1, nullptr);
+        EXPECT_EQ(status, timer != kNoId ? kStatusSuccess : kStatusNoMemory);
+        EXPECT_EQ(stand.fire(1), timer != kNoId ? 1u : 0u);
         allocationsHeal();
-        dispatchAll(stand.queue);
-        for (const uint32_t timer : timers)
-            pelmoEvent_DestroyEx(timer, nullptr);
+        EXPECT_TRUE(dispatchAll(stand.queue) == 1 || allocationsFailed() != 0);
+        pelmoEvent_DestroyEx(timer, nullptr);
         EXPECT_EQ(stand.fire(1e6), 0u);
         EXPECT_EQ(objectCount(), before);
     });
-    EXPECT_GT(failures, 40u);
+    EXPECT_GT(failures, 6u);
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
 }
 
