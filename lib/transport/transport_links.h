@@ -88,7 +88,7 @@ struct EndpointOps {
     // What the endpoint's callbacks are told. The object lock is held.
     void (*setTransport)(ReliableEndpoint* endpoint, uint32_t transportId);
 
-    // Waits for what was sent to leave, and frees the endpoint.
+    // Waits for what was sent to leave, and frees the endpoint. No call of send is under way.
     void (*close)(ReliableEndpoint* endpoint);
 };
 
