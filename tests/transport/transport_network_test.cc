@@ -416,10 +416,16 @@ TEST_F(Network, DeliversWhatMemoryAllows) {
 // Hooks
 
 struct HookLog {
-    Texts calls;
+    Transport* transport;
+    Texts calls{};
     pelmoStatus answer = kStatusSuccess;
-    std::function<void(uint32_t, pelmoMsg**)> act;
-    Transport* transport = nullptr;
+    std::function<void(uint32_t, pelmoMsg**)> act{};
+
+    TransportHook* add(HookKind kind) {
+        TransportHook* hook = nullptr;
+        EXPECT_EQ(Transport_AddHook(&hook, kind, transport->header.id, run, this), kStatusSuccess);
+        return hook;
+    }
 
     static pelmoStatus run(uint32_t id, pelmoMsg** message, void* closure) {
         auto* self = static_cast<HookLog*>(closure);
@@ -430,11 +436,9 @@ struct HookLog {
     }
 };
 
-TEST_F(Network, RunsHooksAroundSendsAndDestroys) {
-    HookLog log;
-    log.transport = record();
-    TransportHook* hook = nullptr;
-    ASSERT_EQ(Transport_AddHook(&hook, kHookSend, id, HookLog::run, &log), kStatusSuccess);
+TEST_F(Network, RunsHooksAheadOfSends) {
+    HookLog log{record()};
+    TransportHook* hook = log.add(kHookSend);
     EXPECT_EQ(sendText(id, "A", "1"), kStatusSuccess);
     log.answer = kStatusNotPermitted;
     EXPECT_EQ(sendText(id, "A", "2"), kStatusNotPermitted);
@@ -442,51 +446,46 @@ TEST_F(Network, RunsHooksAroundSendsAndDestroys) {
     log.act = [](uint32_t, pelmoMsg** message) { *message = messageOn("A", "other").release(); };
     EXPECT_EQ(sendText(id, "A", "3"), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), (Texts{R"(send {text="1"})", R"(send {text="other"})"}));
-    // More than fit on the stack; and hooks that remove themselves.
-    TransportHook* more[70];
-    log.act = nullptr;
-    for (TransportHook*& one : more) {
-        ASSERT_EQ(Transport_AddHook(&one, kHookSend, id, HookLog::run, &log), kStatusSuccess);
-    }
-    log.calls.clear();
-    EXPECT_EQ(sendText(id, "A", "4"), kStatusSuccess);
-    EXPECT_EQ(log.calls, Texts(71, "4"));
+
+    // More than fit on the stack; and one that is removed by the first of them.
+    for (int i = 0; i < 70; ++i)
+        log.add(kHookSend);
     log.act = [&](uint32_t, pelmoMsg**) {
         if (hook == nullptr) return;
         EXPECT_EQ(Transport_RemoveHook(std::exchange(hook, nullptr)), kStatusSuccess);
     };
-    EXPECT_EQ(sendText(id, "A", "5"), kStatusSuccess);
-    log.calls.clear();
-    EXPECT_EQ(sendText(id, "A", "6"), kStatusSuccess);
-    EXPECT_EQ(log.calls.size(), 70u);
+    for (const size_t count : {71u, 70u}) {
+        log.calls.clear();
+        EXPECT_EQ(sendText(id, "A", "4"), kStatusSuccess);
+        EXPECT_EQ(log.calls, Texts(count, "4"));
+    }
+}
 
-    // A destroy in a send's hook: nothing goes out. Its own hooks see the id valid, and then gone.
-    HookLog ends;
-    ends.transport = log.transport;
+// By a send's hook: nothing goes out. The destroy's own hooks see the id valid, and then gone.
+TEST_F(Network, RunsHooksAroundDestroys) {
+    HookLog log{record()}, ends{record()};
+    log.add(kHookSend);
+    ends.add(kHookDestroyed);
+    ends.add(kHookDestroy);
+    log.act = [](uint32_t of, pelmoMsg**) {
+        EXPECT_EQ(pelmoTransport_Destroy(of), kStatusSuccess);
+    };
     ends.act = [&](uint32_t of, pelmoMsg**) {
         const bool valid = Id_Check(of, IdType::kTransport) == kStatusSuccess;
         EXPECT_EQ(valid, ends.calls.size() == 1);
     };
-    TransportHook* end = nullptr;
-    ASSERT_EQ(Transport_AddHook(&end, kHookDestroyed, id, HookLog::run, &ends), kStatusSuccess);
-    ASSERT_EQ(Transport_AddHook(&end, kHookDestroy, id, HookLog::run, &ends), kStatusSuccess);
-    log.act = [](uint32_t of, pelmoMsg**) {
-        if (Id_Check(of, IdType::kTransport) == kStatusSuccess) pelmoTransport_Destroy(of);
-    };
-    (void)daemon.taken();
-    EXPECT_EQ(sendText(id, "A", "7"), kStatusSuccess);
+    EXPECT_EQ(sendText(id, "A", "1"), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), Texts{"stop"});
     EXPECT_EQ(ends.calls, (Texts{"-", "-"}));
-    EXPECT_EQ(Transport_AddHook(&end, kHookSend, id, HookLog::run, &log), kStatusInvalidTransport);
+    TransportHook* late = nullptr;
+    EXPECT_EQ(Transport_AddHook(&late, kHookSend, id, HookLog::run, &log), kStatusInvalidTransport);
     id = kNoId;
 }
 
 TEST_F(Network, RunsInboundHooksAtDispatch) {
-    HookLog log;
-    log.transport = record();
+    HookLog log{record()};
     const TestListener listener(queue, "A", id);
-    TransportHook* hook = nullptr;
-    ASSERT_EQ(Transport_AddHook(&hook, kHookInbound, id, HookLog::run, &log), kStatusSuccess);
+    TransportHook* hook = log.add(kHookInbound);
     log.act = [](uint32_t, pelmoMsg** message) { *message = messageOn("A", "ignored").release(); };
     arrive({{"A", "1"}});
     log.act = nullptr;
