@@ -70,6 +70,12 @@ bool checksumFails(const uint8_t* ip, size_t length, const Extent& extent, uint3
     return true;
 }
 
+// The checksum is the work that the trip for a data packet's sender goes on beside.
+SenderAhead lookAhead(const OskaPacket& packet) {
+    if (packet.type != kOskaData) return {};
+    return prefetchSenderSlot(packet.dstPort, packet.dstIp, hostKey(packet.srcIp, packet.srcPort));
+}
+
 OskaPacket openPacket(const uint8_t* ip, size_t length) {
     const uint32_t srcIp = loadNet32At(ip + kIpSrcOffset);
     const Extent extent = settleExtent(ip, length, srcIp);
@@ -87,9 +93,9 @@ OskaPacket openPacket(const uint8_t* ip, size_t length) {
         .complete = extent.complete,
         .bad = extent.bad,
     };
-    const LookAhead ahead = multicastPrefetch(packet);
+    const SenderAhead ahead = lookAhead(packet);
     if (checksumFails(ip, length, extent, srcIp)) packet.bad = true;
-    prefetchRecords(ahead);
+    prefetchSender(ahead);
     return packet;
 }
 

@@ -79,13 +79,6 @@ void followNull(HostEntry& host, uint32_t epoch, uint32_t seq) {
 
 }  // namespace
 
-LookAhead multicastPrefetch(const OskaPacket& packet) {
-    if (packet.type != kOskaData || !cursorHolds(packet.header, 0, kOskaDataHeaderBytes)) return {};
-    const auto payload = packet.header.left.subspan(kOskaDataHeaderBytes);
-    return prefetchSlots(packet.dstPort, packet.dstIp, hostKey(packet.srcIp, packet.srcPort),
-                         scanGuessSubject(payload));
-}
-
 void dataHandle(const OskaPacket& packet) {
     const SenderPath sender = findSender(packet);
     if (sender.host == nullptr) return;

@@ -16,11 +16,6 @@
 #include "trace/oska.h"
 #include "trace/statistics.h"
 
-// Asks the cache for the slots of a data packet's sender and of the subject of its first message,
-// ahead of every test of the packet; prefetchRecords goes on from there. Nothing outside the packet
-// is read.
-[[nodiscard]] LookAhead multicastPrefetch(const OskaPacket& packet);
-
 void dataHandle(const OskaPacket& packet);
 void nullHandle(const OskaPacket& packet);
 

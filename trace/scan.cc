@@ -6,6 +6,7 @@
 #include "lib/base/log.h"
 #include "lib/containers/subject.h"
 #include "trace/address.h"
+#include "trace/charge.h"
 #include "trace/host_status.h"
 #include "trace/inspection.h"
 #include "trace/settings.h"
@@ -89,14 +90,10 @@ Walk chargeSubject(const ScanSource& source, const Message& message, const Field
     }
     if (subjectElementCount(field.data) == 0) return Walk::kGoOn;
 
-    SubjectEntry* subject = subjectEntry(source.net, field.data, source.srcIp, source.srcPort);
-    if (subject == nullptr) return Walk::kEnd;
-    HostSubjEntry* host = hostSubjEntry(*subject, source.srcIp, source.srcPort);
-    if (host == nullptr) return Walk::kEnd;
-
-    subject->live = host->live = 1;
-    ++host->msgs;
-    host->bytes += message.declaredBytes;
+    if (!chargeMessage(source.net, source.srcIp, source.srcPort, field.data,
+                       message.declaredBytes)) {
+        return Walk::kEnd;
+    }
     if (message.inHand == message.declaredBytes && hostStatusMatch(field.data)) {
         hostStatusStore(source.net, message.bytes, message.declaredBytes);
     }
@@ -152,13 +149,4 @@ int scanMessages(const ScanSource& source, std::span<const uint8_t> payload) {
         left = left.subspan(message.inHand);
     }
     return 0;
-}
-
-const uint8_t* scanGuessSubject(std::span<const uint8_t> payload) {
-    constexpr size_t kSubjectOffset = kMessageHeadBytes + 1 + sizeof kSubjectName + 2;
-    const Cursor cursor{payload};
-    const size_t subjectBytes = loadBe16(cursor, kSubjectOffset);
-    if (subjectBytes == 0 || subjectBytes > kSubjectMaxBytes) return nullptr;
-    if (!cursorHolds(cursor, kSubjectOffset, subjectBytes)) return nullptr;
-    return payload.data() + kSubjectOffset;
 }

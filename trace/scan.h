@@ -1,6 +1,6 @@
 // The message scan: a walk over the messages of a multicast data packet, just far enough to find
-// each one's subject and charge the message to it and to its sender. No message object is built and
-// nothing is copied; the bytes may be cut short or damaged anywhere.
+// each one's subject and charge the message to it and to its sender (trace/charge.h). No message
+// object is built; the bytes may be cut short or damaged anywhere.
 //
 //     message:  0 length (itself included) | 4 magic | 8 fields ...          all big-endian
 //     field:    nameSize | name ... | type | sizeClass | [length word] data ...
@@ -29,8 +29,3 @@ struct ScanSource {
 
 // 0, or 1 when a fault was found. Running out of memory ends the scan and is no fault.
 [[nodiscard]] int scanMessages(const ScanSource& source, std::span<const uint8_t> payload);
-
-// The subject of the payload's first message, if it is the first field, as senders write it: for
-// those who want to know early and don't depend on it. As many bytes as its length says are inside
-// the payload, nothing else of it is tested. Else null.
-[[nodiscard]] const uint8_t* scanGuessSubject(std::span<const uint8_t> payload);

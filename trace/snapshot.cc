@@ -245,6 +245,7 @@ void snapshotSetStart(SnapTime time) {
 
 SnapHeader* snapshotTake(SnapTime time) {
     const LockGuard guard(statsLock);
+    chargesSettle();
     const Sizes sizes = countAll();
 
     Places places{};

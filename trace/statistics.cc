@@ -21,8 +21,6 @@ constexpr uint32_t kNetBuckets = 4;
 constexpr uint32_t kTwoSidedBuckets = 4;
 constexpr uint32_t kHostBuckets = 256;
 
-constexpr size_t kUsualSubjectBytes = 40;  // most are no longer
-
 // Records are zeroed C storage, so that running out of it is an answer and not an exception.
 struct RecordFree {
     void operator()(void* record) const { std::free(record); }
@@ -267,28 +265,19 @@ void subjectRemove(NetEntry& net, SubjectEntry& subject) {
     freeSubject(&subject);
 }
 
-LookAhead prefetchSlots(uint16_t dstPort,
-                        uint32_t dstIp,
-                        uint64_t senderKey,
-                        const uint8_t* subject) {
+SenderAhead prefetchSenderSlot(uint16_t dstPort, uint32_t dstIp, uint64_t senderKey) {
     const auto* port = findIn<PortEntry>(statistics.ports, dstPort);
     if (port == nullptr) return {};
     const auto* net = findIn<NetEntry>(port->nets, dstIp);
     if (net == nullptr) return {};
-    LookAhead ahead{net, probeHashKey(senderKey), {}};
-    probePrefetchSlot(net->hostIndex, ahead.hostHash);
-    if (subject != nullptr) {
-        ahead.subjectHash = subjectHash(subject);
-        subjectMapPrefetchSlot(net->subjects, *ahead.subjectHash);
-    }
-    return ahead;
+    const uint32_t hash = probeHashKey(senderKey);
+    probePrefetchSlot(net->hostIndex, hash);
+    return {net, hash};
 }
 
-void prefetchRecords(const LookAhead& ahead) {
+void prefetchSender(const SenderAhead& ahead) {
     if (ahead.net == nullptr) return;
     probePrefetchEntry(ahead.net->hostIndex, ahead.hostHash, offsetof(HostEntry, bad));
-    if (!ahead.subjectHash) return;
-    subjectMapPrefetchRecord(ahead.net->subjects, *ahead.subjectHash, kUsualSubjectBytes);
 }
 
 ServiceEntry* serviceEntry(uint32_t host, uint16_t scid) {

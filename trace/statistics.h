@@ -30,13 +30,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 
 #include "lib/base/lock.h"
 #include "lib/base/status.h"
 #include "lib/containers/dict.h"
 #include "lib/containers/probe_index.h"
 #include "lib/containers/subject_map.h"
+#include "trace/charge.h"
 #include "trace/two_sided_counters.h"
 
 struct PortEntry {
@@ -123,6 +123,7 @@ struct Statistics {
     Dict64* services;
     uint32_t totalPackets;  // that reached classification since the last snapshot
     uint32_t oskaPackets;   // that carried the magic
+    ChargeLine charges;
 };
 
 extern Statistics statistics;
@@ -162,22 +163,16 @@ void statsDestroy();
                                          uint16_t srcPort);
 [[nodiscard]] HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t srcPort);
 
-// On a large bus a packet's records are four trips to memory: for its sender and for its subject
-// the slot of an index and the record. These ask the cache for them ahead of their use, so that the
-// trips go on beside each other and beside other work: first for both slots, then for what they
-// lead to. They create and mark nothing, and nothing depends on them.
-struct LookAhead {
+// On a large bus a packet's sender is two trips to memory: the slot of an index, and the record.
+// These ask the cache for them ahead of their use, so that the trips go on beside other work. They
+// create and mark nothing, and nothing depends on them.
+struct SenderAhead {
     const NetEntry* net;  // null where no packet has come to it yet: nothing to ask for
     uint32_t hostHash;
-    std::optional<uint32_t> subjectHash;
 };
 
-// `subject` may be null, or bytes that aren't well formed; as many as its length says are read.
-[[nodiscard]] LookAhead prefetchSlots(uint16_t dstPort,
-                                      uint32_t dstIp,
-                                      uint64_t senderKey,
-                                      const uint8_t* subject);
-void prefetchRecords(const LookAhead& ahead);
+[[nodiscard]] SenderAhead prefetchSenderSlot(uint16_t dstPort, uint32_t dstIp, uint64_t senderKey);
+void prefetchSender(const SenderAhead& ahead);
 
 // Calls visit(key, record) for each record of a dictionary, in the dictionary's order.
 template <typename Record, typename Visit>

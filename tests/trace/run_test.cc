@@ -31,7 +31,7 @@ void undoStart() {
     captureState.savingFrames = false;
     captureState.captureBytes = 0;
     captureState.shuttingDown = false;
-    if (statistics.ports != nullptr) statsDestroy();
+    statsDestroy();
 }
 
 // An offline run's start and end, with a capture without packets.

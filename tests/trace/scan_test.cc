@@ -68,6 +68,7 @@ TEST(Scan, ChargesEachSubjectFieldWithTheWholeMessage) {
     const Bytes withId = joined({{6, 's', 'u', 'b', 0, 0, 9, 2, 121}, packedSubject("A.B")});
     const Bytes longName = joined({{5, 's', 'u', 'b', 'x', 0, 2, 121}, packedSubject("A.B")});
     const Bytes otherCase = joined({{4, 'S', 'u', 'b', 0, 2, 121}, packedSubject("A.B")});
+    const Bytes otherType = joined({{4, 's', 'u', 'b', 0, 8, 121}, packedSubject("A.B")});
     const Bytes cOnly = message({subjectOf("C")});
 
     const struct {
@@ -86,6 +87,7 @@ TEST(Scan, ChargesEachSubjectFieldWithTheWholeMessage) {
         {"name with id", message({withId}), charged("A.B", 26)},
         {"longer name", message({longName}), {}},
         {"other case", message({otherCase}), {}},
+        {"other type", message({otherType}), {}},
         {"most elements", message({subjectField(empties)}), charged(std::string(125, '.'), 270)},
         {"longest element", message({subjectOf(longest.c_str())}), charged(longest, 270)},
         {"no elements", joined({message({subjectField(empty), ab}), cOnly}),
