@@ -40,6 +40,16 @@ pelmoStatus replaceBuffer(pelmoMsg* msg, uint64_t extra) {
     return kStatusSuccess;
 }
 
+template <typename Read>
+pelmoStatus readParsed(pelmoMsg* msg, uint32_t* out, Read read) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    const pelmoStatus status = msgParse(msg);
+    if (status != kStatusSuccess) return status;
+    *out = read(msg);
+    return kStatusSuccess;
+}
+
 }  // namespace
 
 void msgFlush(pelmoMsg* msg) {
@@ -119,21 +129,11 @@ pelmoStatus pelmoMsg_GetAsBytesCopy(pelmoMsg* msg, void* dest, uint32_t destSize
 pelmoStatus pelmoMsg_GetByteSize(pelmoMsg* msg, uint32_t* out) {
     traceLine(kTraceMsgDetail, "pelmoMsg_GetByteSize(%p, %p)", tracePointer(msg),
               tracePointer(out));
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
-    const pelmoStatus status = msgParse(msg);
-    if (status != kStatusSuccess) return status;
-    *out = msg->length - msg->dataOffset;
-    return kStatusSuccess;
+    return readParsed(msg, out, [](const pelmoMsg* of) { return of->length - of->dataOffset; });
 }
 
 pelmoStatus pelmoMsg_GetNumFields(pelmoMsg* msg, uint32_t* out) {
     traceLine(kTraceMsgDetail, "pelmoMsg_GetNumFields(%p, %p)", tracePointer(msg),
               tracePointer(out));
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
-    const pelmoStatus status = msgParse(msg);
-    if (status != kStatusSuccess) return status;
-    *out = msg->fieldCount;
-    return kStatusSuccess;
+    return readParsed(msg, out, [](const pelmoMsg* of) { return of->fieldCount; });
 }

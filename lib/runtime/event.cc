@@ -73,9 +73,23 @@ bool isNoInterval(double seconds) {
 }
 
 // The event of that id, held, if it is of that kind.
-pelmoStatus getOfKind(Held<Event>& event, uint32_t id, EventKind kind) {
+constexpr uint32_t kAnyKind = 0;
+
+pelmoStatus getOfKind(Held<Event>& event, uint32_t id, uint32_t kind) {
     if (event.get(id, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidEvent;
-    return event->kind == kind ? kStatusSuccess : kStatusInvalidEvent;
+    return kind == kAnyKind || event->kind == kind ? kStatusSuccess : kStatusInvalidEvent;
+}
+
+// What read(event) tells of an event of that kind.
+template <typename Value, typename Read>
+pelmoStatus readEvent(uint32_t id, uint32_t kind, Value* out, Read read) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    Held<Event> found;
+    const pelmoStatus status = getOfKind(found, id, kind);
+    if (status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    *out = read(*found.pointer());
+    return kStatusSuccess;
 }
 
 // Takes a destroyed event from its source.
@@ -281,33 +295,18 @@ pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion
 
 pelmoStatus pelmoEvent_GetType(uint32_t event, uint32_t* out) {
     traceLine(kTraceEvents, "pelmoEvent_GetType(%u, %p)", event, tracePointer(out));
-    if (!libraryIsOpen()) return kStatusNotInitialized;
-    Held<Event> found;
-    if (found.get(event, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidEvent;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = found->kind;
-    return kStatusSuccess;
+    return readEvent(event, kAnyKind, out, [](const Event& of) { return of.kind; });
 }
 
 pelmoStatus pelmoEvent_GetQueue(uint32_t event, uint32_t* out) {
     traceLine(kTraceEvents, "pelmoEvent_GetQueue(%u, %p)", event, tracePointer(out));
-    if (!libraryIsOpen()) return kStatusNotInitialized;
-    Held<Event> found;
-    if (found.get(event, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidEvent;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = found->queueId;
-    return kStatusSuccess;
+    return readEvent(event, kAnyKind, out, [](const Event& of) { return of.queueId; });
 }
 
 pelmoStatus pelmoEvent_GetListenerSubject(uint32_t event, const char** out) {
     traceLine(kTraceEvents, "pelmoEvent_GetListenerSubject(%u, %p)", event, tracePointer(out));
-    if (!libraryIsOpen()) return kStatusNotInitialized;
-    Held<Event> found;
-    const pelmoStatus status = getOfKind(found, event, kEventListener);
-    if (status != kStatusSuccess) return status;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = found->listener.subject;
-    return kStatusSuccess;
+    return readEvent(event, kEventListener, out,
+                     [](const Event& of) { return of.listener.subject; });
 }
 
 pelmoStatus pelmoEvent_GetListenerTransport(uint32_t event, uint32_t* out) {
@@ -329,13 +328,9 @@ pelmoStatus pelmoEvent_GetListenerTransport(uint32_t event, uint32_t* out) {
 
 pelmoStatus pelmoEvent_GetTimerInterval(uint32_t event, double* out) {
     traceLine(kTraceEvents, "pelmoEvent_GetTimerInterval(%u, %p)", event, tracePointer(out));
-    if (!libraryIsOpen()) return kStatusNotInitialized;
-    Held<Event> found;
-    const pelmoStatus status = getOfKind(found, event, kEventTimer);
-    if (status != kStatusSuccess) return status;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = found->timer.interval.load(std::memory_order_relaxed);
-    return kStatusSuccess;
+    return readEvent(event, kEventTimer, out, [](const Event& of) {
+        return of.timer.interval.load(std::memory_order_relaxed);
+    });
 }
 
 pelmoStatus pelmoEvent_ResetTimerInterval(uint32_t event, double intervalSeconds) {
@@ -349,24 +344,12 @@ pelmoStatus pelmoEvent_ResetTimerInterval(uint32_t event, double intervalSeconds
 
 pelmoStatus pelmoEvent_GetIOSource(uint32_t event, int32_t* out) {
     traceLine(kTraceEvents, "pelmoEvent_GetIOSource(%u, %p)", event, tracePointer(out));
-    if (!libraryIsOpen()) return kStatusNotInitialized;
-    Held<Event> found;
-    const pelmoStatus status = getOfKind(found, event, kEventIo);
-    if (status != kStatusSuccess) return status;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = found->io.source;
-    return kStatusSuccess;
+    return readEvent(event, kEventIo, out, [](const Event& of) { return of.io.source; });
 }
 
 pelmoStatus pelmoEvent_GetIOType(uint32_t event, uint32_t* out) {
     traceLine(kTraceEvents, "pelmoEvent_GetIOType(%u, %p)", event, tracePointer(out));
-    if (!libraryIsOpen()) return kStatusNotInitialized;
-    Held<Event> found;
-    const pelmoStatus status = getOfKind(found, event, kEventIo);
-    if (status != kStatusSuccess) return status;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = found->io.condition;
-    return kStatusSuccess;
+    return readEvent(event, kEventIo, out, [](const Event& of) { return of.io.condition; });
 }
 
 Event* Event_NewListener(const ListenerRequest& request, bool isInbox, uint32_t inboxCapacity) {

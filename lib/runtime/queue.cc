@@ -70,6 +70,16 @@ pelmoStatus create(uint32_t* out, bool synchronous) {
     return Queue_Create(out, kNoId, "pelmoQueue", false, synchronous);
 }
 
+// What read(queue) tells under the queue's lock.
+template <typename Value, typename Read>
+pelmoStatus readQueue(uint32_t id, Value* out, Read read) {
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, id); status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    *out = read(held.pointer());
+    return kStatusSuccess;
+}
+
 }  // namespace
 
 pelmoStatus Queue_Create(
@@ -146,20 +156,12 @@ uint32_t Queue_CountLocked(Queue* queue) {
 
 pelmoStatus pelmoQueue_GetCount(uint32_t queue, uint32_t* out) {
     traceLine(kTraceQueue, "pelmoQueue_GetCount(%u, %p)", queue, tracePointer(out));
-    Held<Queue> held;
-    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = Queue_CountLocked(held.pointer());
-    return kStatusSuccess;
+    return readQueue(queue, out, [](Queue* of) { return Queue_CountLocked(of); });
 }
 
 pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out) {
     traceLine(kTraceQueue, "pelmoQueue_GetHook(%u, %p)", queue, tracePointer(out));
-    Held<Queue> held;
-    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = held->hook;
-    return kStatusSuccess;
+    return readQueue(queue, out, [](Queue* of) { return of->hook; });
 }
 
 pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure) {
@@ -175,11 +177,7 @@ pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closur
 
 pelmoStatus pelmoQueue_GetName(uint32_t queue, const char** out) {
     traceLine(kTraceQueue, "pelmoQueue_GetName(%u, %p)", queue, tracePointer(out));
-    Held<Queue> held;
-    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = held->name;
-    return kStatusSuccess;
+    return readQueue(queue, out, [](Queue* of) { return of->name; });
 }
 
 pelmoStatus pelmoQueue_SetName(uint32_t queue, const char* name) {
@@ -197,11 +195,7 @@ pelmoStatus pelmoQueue_SetName(uint32_t queue, const char* name) {
 
 pelmoStatus pelmoQueue_GetPriority(uint32_t queue, uint32_t* out) {
     traceLine(kTraceQueue, "pelmoQueue_GetPriority(%u, %p)", queue, tracePointer(out));
-    Held<Queue> held;
-    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
-    if (out == nullptr) return kStatusInvalidArgument;
-    *out = held->priority;
-    return kStatusSuccess;
+    return readQueue(queue, out, [](Queue* of) { return of->priority; });
 }
 
 pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority) {
