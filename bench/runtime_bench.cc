@@ -84,7 +84,7 @@ struct ArmedTimers {
     std::vector<uint32_t> timers;
 };
 
-void BM_TimerInsertRemove(benchmark::State& state) {
+void timerInsertRemove(benchmark::State& state) {
     ArmedTimers armed;
     Held<Event> event;
     check(event.get(armed.add(5'000.5), IdAccess::kUnlocked));
@@ -94,9 +94,9 @@ void BM_TimerInsertRemove(benchmark::State& state) {
     }
     event.release();
 }
-BENCHMARK(BM_TimerInsertRemove);
+BENCHMARK(timerInsertRemove);
 
-void BM_TimerFire(benchmark::State& state) {
+void timerFire(benchmark::State& state) {
     ArmedTimers armed;
     for (uint32_t i = 0; i < kDueAtOnce; ++i)
         armed.add(0);
@@ -109,7 +109,7 @@ void BM_TimerFire(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kDueAtOnce);
 }
-BENCHMARK(BM_TimerFire);
+BENCHMARK(timerFire);
 
 // Two threads wake each other in turn, each of them asleep until then.
 struct WakeRounds {
@@ -118,7 +118,7 @@ struct WakeRounds {
     std::unique_ptr<std::latch> done;
 };
 
-void BM_WakeupPairRound(benchmark::State& state) {
+void wakeupPairRound(benchmark::State& state) {
     const OpenLibrary library;
     check(EventManager_Start());
     check(EventManager_StartIo(2));
@@ -143,10 +143,7 @@ void BM_WakeupPairRound(benchmark::State& state) {
     wakeupPairDestroy(rounds.pairs[0]);
     wakeupPairDestroy(rounds.pairs[1]);
 }
-BENCHMARK(BM_WakeupPairRound)
-    ->MeasureProcessCPUTime()
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(wakeupPairRound)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
 
 #ifdef PELMO_BENCH_UV
 
@@ -174,7 +171,7 @@ struct UvTimers {
     std::vector<uv_timer_t> timers;
 };
 
-void BM_UvTimerInsertRemove(benchmark::State& state) {
+void uvTimerInsertRemove(benchmark::State& state) {
     UvTimers armed;
     uv_timer_t timer;
     uv_timer_init(&armed.loop, &timer);
@@ -185,9 +182,9 @@ void BM_UvTimerInsertRemove(benchmark::State& state) {
     uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
     uv_run(&armed.loop, UV_RUN_NOWAIT);
 }
-BENCHMARK(BM_UvTimerInsertRemove);
+BENCHMARK(uvTimerInsertRemove);
 
-void BM_UvTimerFire(benchmark::State& state) {
+void uvTimerFire(benchmark::State& state) {
     UvTimers armed;
     for (auto _ : state) {
         for (uint32_t i = 0; i < kDueAtOnce; ++i)
@@ -196,7 +193,7 @@ void BM_UvTimerFire(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kDueAtOnce);
 }
-BENCHMARK(BM_UvTimerFire);
+BENCHMARK(uvTimerFire);
 
 struct UvRounds {
     uv_loop_t loops[2];
@@ -215,7 +212,7 @@ void uvNext(uv_async_t* async) {
     uv_async_send(&own->wakes[1]);
 }
 
-void BM_UvAsyncRound(benchmark::State& state) {
+void uvAsyncRound(benchmark::State& state) {
     UvRounds rounds;
     std::vector<std::thread> threads;
     for (int i = 0; i < 2; ++i) {
@@ -241,7 +238,7 @@ void BM_UvAsyncRound(benchmark::State& state) {
         uv_loop_close(&rounds.loops[i]);
     }
 }
-BENCHMARK(BM_UvAsyncRound)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(uvAsyncRound)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
 
 #endif
 
