@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 
+#include "lib/containers/subject.h"
 #include "lib/msg/envelope.h"
 #include "lib/msg/message.h"
 #include "lib/pelmo/pelmo.h"
@@ -65,6 +66,7 @@ constexpr IdType kDispatcher = IdType::kDispatcher;
 
 uint32_t made;
 pelmoMsg* sent;
+pelmoMsg* asked;  // wants a reply
 char text[64];
 const char* name;
 pelmoMsg* polled;
@@ -152,6 +154,14 @@ const Call kCalls[] = {
          return pelmoEvent_CreateVectorListenerEx(nullptr, queue, onBatch, id, "A", nullptr, &made);
      },
      kStatusInvalidEvent},
+    {"_pelmoTransport_AddPolledListener", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t queue) {
+         return _pelmoTransport_AddPolledListener(&made, queue, id, "A");
+     },
+     [](uint32_t id, uint32_t queue) {
+         return _pelmoTransport_AddPolledListener(nullptr, queue, id, "A");
+     },
+     kStatusInvalidEvent},
     {"pelmoEvent_DestroyEx", kEvent, kStatusInvalidEvent,
      [](uint32_t id, uint32_t) { return pelmoEvent_DestroyEx(id, nullptr); }, nullptr,
      kStatusSuccess, kAnyKind, true},
@@ -186,6 +196,18 @@ const Call kCalls[] = {
     {"pelmoTransport_SendRequest", kTransport, kStatusInvalidTransport,
      [](uint32_t id, uint32_t) { return pelmoTransport_SendRequest(id, sent, &polled, 0.0); },
      [](uint32_t id, uint32_t) { return pelmoTransport_SendRequest(id, sent, nullptr, 0.0); }},
+    {"pelmoTransport_SendReply", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t) { return pelmoTransport_SendReply(id, sent, asked); },
+     [](uint32_t id, uint32_t) { return pelmoTransport_SendReply(id, nullptr, asked); },
+     kStatusInvalidMessage},
+    {"pelmoTransport_Distribute", kTransport, kStatusInvalidTransport,
+     [](uint32_t id, uint32_t) {
+         pelmoMsg* given = nullptr;
+         (void)pelmoMsg_Create(&given);
+         return pelmoTransport_Distribute(id, given);
+     },
+     [](uint32_t id, uint32_t) { return pelmoTransport_Distribute(id, nullptr); },
+     kStatusInvalidMessage},
     {"pelmoTransport_CreateInbox", kTransport, kStatusInvalidTransport,
      [](uint32_t id, uint32_t) { return pelmoTransport_CreateInbox(id, text, sizeof text); },
      [](uint32_t id, uint32_t) { return pelmoTransport_CreateInbox(id, nullptr, sizeof text); }},
@@ -225,6 +247,8 @@ struct Objects {
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);
         EXPECT_EQ(pelmoMsg_Create(&sent), kStatusSuccess);
         EXPECT_EQ(pelmoMsg_SetSendSubject(sent, "B"), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_Create(&asked), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_SetReplySubject(asked, "R"), kStatusSuccess);
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
         for (uint32_t* const out : {&goneQueue, &queue}) {
             EXPECT_EQ(pelmoQueue_Create(out), kStatusSuccess);
@@ -251,6 +275,7 @@ struct Objects {
     ~Objects() {
         pelmo_Close();
         pelmoMsg_Destroy(sent);
+        pelmoMsg_Destroy(asked);
         for (const int socket : sockets)
             close(socket);
     }
@@ -323,6 +348,10 @@ TEST(PublicCalls, RefuseToAnswerNowhere) {
     EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);
     EXPECT_EQ(pelmoQueue_CreateSynchronous(nullptr), kStatusInvalidArgument);
     EXPECT_EQ(pelmoQueueGroup_Create(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(pelmoTransport_CreateNetwork(nullptr, nullptr, nullptr, nullptr),
+              kStatusInvalidArgument);
+    EXPECT_EQ(pelmoTransport_CreateNetworkNoResume(nullptr, nullptr, nullptr, nullptr),
+              kStatusInvalidArgument);
 }
 
 TEST(PublicCalls, RefuseAClosedLibrary) {
@@ -337,8 +366,33 @@ TEST(PublicCalls, RefuseAClosedLibrary) {
     EXPECT_EQ(pelmoQueue_Create(&out), kStatusNotInitialized);
     EXPECT_EQ(pelmoQueue_CreateSynchronous(&out), kStatusNotInitialized);
     EXPECT_EQ(pelmoQueueGroup_Create(&out), kStatusNotInitialized);
+    EXPECT_EQ(pelmoTransport_CreateNetwork(&out, nullptr, nullptr, nullptr), kStatusNotInitialized);
+    EXPECT_EQ(pelmoTransport_CreateNetworkNoResume(&out, nullptr, nullptr, nullptr),
+              kStatusNotInitialized);
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusInvalidQueue);
     EXPECT_EQ(out, 0u);
+}
+
+// These answer a truth value, and it is no.
+TEST(PublicCalls, NobodyIsInterestedThroughATransportThatIsNone) {
+    Objects objects;
+    uint8_t subject[kSubjectMaxBytes];
+    ASSERT_GT(subjectFromText(subject, sizeof subject, "A"), 0);
+    uint32_t found = 0;
+    EXPECT_EQ(pelmoTransport_HasInterest(kIntraProcessTransportId, "A"), 1u);
+    EXPECT_EQ(pelmoTransport_FindInterest(kIntraProcessTransportId, subject, &found), 1u);
+    EXPECT_EQ(found, objects.listener);
+    const auto refused = [&](uint32_t id) {
+        return pelmoTransport_HasInterest(id, "A") == 0 &&
+               pelmoTransport_FindInterest(id, subject, &found) == 0;
+    };
+    for (const uint32_t id : {kNoId, objects.queue, objects.listener, UINT32_MAX}) {
+        EXPECT_TRUE(refused(id)) << id;
+    }
+    EXPECT_EQ(pelmoTransport_HasInterest(kIntraProcessTransportId, nullptr), 0u);
+    EXPECT_EQ(pelmoTransport_FindInterest(kIntraProcessTransportId, nullptr, &found), 0u);
+    pelmo_Close();
+    EXPECT_TRUE(refused(kIntraProcessTransportId));
 }
 
 // Takes queues and groups, and works while the library opens.
