@@ -1,7 +1,6 @@
 #include "trace/report.h"
 
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <span>
 
@@ -299,18 +298,12 @@ void printPtpTable(const SnapHeader& snapshot) {
     printText("\n");
 }
 
-// As dotted text, of which an element ends at its first NUL.
-char* appendSubject(char* at, const uint8_t* subject) {
-    if (subjectToText(at, kSubjectTextBytes, subject) == nullptr) return at;
-    return at + std::strlen(at);
-}
-
 void printSubject(uint16_t port, uint32_t net, const SnapSubject& subject) {
     const SnapSubjectHost sum{.host = 0, .port = 0, .msgs = subject.msgs, .bytes = subject.bytes};
     char* at = appendNetLead(rowBegin(), port, net);
     at = appendCounters(at, report.view, kSubjectTable, sum);
     at = appendText(at, "  ");
-    at = appendSubject(at, subject.subject);
+    at = subjectWriteText(at, subject.subject);
     rowEnd(appendText(at, "\n"));
     if (!traceSettings.displayAddrInfo) return;
 

@@ -67,18 +67,22 @@ int32_t subjectFromText(uint8_t* buffer, int32_t size, const char* text) {
     return static_cast<int32_t>(position);
 }
 
-char* subjectToText(char* buffer, size_t size, const uint8_t* subject) {
-    if (subjectLength(subject) > size) return nullptr;
-    char* to = buffer;
+// Elements are a few characters: each by itself is done ahead of two calls of the C library.
+char* subjectWriteText(char* at, const uint8_t* subject) {
     const uint8_t* element = subjectFirst(subject);
     for (uint32_t left = subjectElementCount(subject); left > 0; --left) {
-        const size_t length = std::strlen(reinterpret_cast<const char*>(element + 1));
-        std::memcpy(to, element + 1, length);
-        to += length;
-        if (left > 1) *to++ = '.';
+        for (const uint8_t* from = element + 1; *from != 0; ++from) {
+            *at++ = static_cast<char>(*from);
+        }
+        if (left > 1) *at++ = '.';
         element = subjectNext(element);
     }
-    *to = 0;
+    return at;
+}
+
+char* subjectToText(char* buffer, size_t size, const uint8_t* subject) {
+    if (subjectLength(subject) > size) return nullptr;
+    *subjectWriteText(buffer, subject) = 0;
     return buffer;
 }
 

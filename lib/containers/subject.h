@@ -68,7 +68,11 @@ constexpr size_t kSubjectTextBytes = 256;
 // the buffer or the form is too small.
 [[nodiscard]] int32_t subjectFromText(uint8_t* buffer, int32_t size, const char* text);
 
-// The buffer, or null where `size` is below the subject's totalLength.
+// The subject as dotted text without a NUL, shorter than its totalLength; an element ends at its
+// first NUL. The place behind it.
+[[nodiscard]] char* subjectWriteText(char* at, const uint8_t* subject);
+
+// The same with its NUL. The buffer, or null where `size` is below the subject's totalLength.
 char* subjectToText(char* buffer, size_t size, const uint8_t* subject);
 
 // Writes the empty subject: 3, or -1.
