@@ -9,29 +9,19 @@
 #include <thread>
 #include <vector>
 
-#include "lib/containers/dpa.h"
 #include "lib/msg/envelope.h"
 #include "lib/msg/message.h"
 #include "lib/pelmo/pelmo.h"
 #include "lib/runtime/id.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/transport.h"
+#include "tests/support/runtime_objects.h"
 
 namespace {
 
 constexpr int kRounds = 60;
 
 void onEvent(uint32_t, pelmoMsg*, void*) {}
-
-void expectNoObjects() {
-    for (const IdType type : {IdType::kEvent, IdType::kQueue, IdType::kQueueGroup,
-                              IdType::kTransport, IdType::kDispatcher}) {
-        Dpa* ids = dpaCreate(1);
-        EXPECT_TRUE(idTableList(type, ids));
-        EXPECT_EQ(ids->count, 0u) << static_cast<int>(type);
-        dpaDestroy(ids);
-    }
-}
 
 // Each does one piece of work, whatever it is answered.
 
@@ -142,7 +132,7 @@ TEST(Close, MeetsEverythingElse) {
     makeTimers();
     EXPECT_EQ(pelmo_Close(), kStatusSuccess);
     EXPECT_FALSE(libraryIsOpen());
-    expectNoObjects();
+    EXPECT_EQ(objectCount(), 0u);
 }
 
 TEST(Close, IsCountedOverThreads) {
@@ -162,7 +152,7 @@ TEST(Close, IsCountedOverThreads) {
     }
     threads.clear();
     EXPECT_EQ(pelmo_Close(), kStatusNotInitialized);
-    expectNoObjects();
+    EXPECT_EQ(objectCount(), 0u);
 }
 
 }  // namespace

@@ -10,11 +10,11 @@
 #include <thread>
 #include <vector>
 
-#include "lib/containers/dpa.h"
 #include "lib/pelmo/pelmo.h"
 #include "lib/runtime/id.h"
 #include "lib/runtime/library.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/runtime_objects.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/thread_count.h"
 
@@ -24,13 +24,7 @@ using Lines = std::vector<std::string>;
 
 void expectNothingLeft() {
     EXPECT_FALSE(libraryIsOpen());
-    for (const IdType type : {IdType::kEvent, IdType::kQueue, IdType::kQueueGroup,
-                              IdType::kTransport, IdType::kDispatcher}) {
-        Dpa* ids = dpaCreate(1);
-        EXPECT_TRUE(idTableList(type, ids));
-        EXPECT_EQ(ids->count, 0u) << static_cast<int>(type);
-        dpaDestroy(ids);
-    }
+    EXPECT_EQ(objectCount(), 0u);
 }
 
 uint32_t newQueue() {
