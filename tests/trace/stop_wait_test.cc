@@ -179,4 +179,16 @@ TEST_F(StopWait, GoesOnOnceThePairCanBeMadeAgain) {
     EXPECT_EQ(callbacksInAll(), 1);
 }
 
+// With neither a pair nor a timer no signal could be seen: the program is to stop.
+TEST_F(StopWait, EndsWhereNothingCouldBringASignal) {
+    arm();
+    ASSERT_EQ(pelmoQueue_DestroyEx(kTimerQueueId, nullptr, nullptr), kStatusSuccess);
+    breakForGood();
+    stopWaitRun();
+    giveSocketsAgain();
+    EXPECT_EQ(callbacksInAll(), 0);
+    EXPECT_EQ(run.logged(), Lines({"Socket pair unexpectedly closed, creating new pair",
+                                   "unable to create sigterm restart timer: Invalid queue."}));
+}
+
 }  // namespace
