@@ -96,7 +96,7 @@ void announce(Held<Queue>& queue, uint32_t entries) {
     const pelmoQueueHook hook = queue->hook;
     void* const closure = queue->hookClosure;
     // Threads of the library's own queues wait for their timers and sockets instead.
-    if (id != kTimerQueueId && !idIsIoQueue(id)) {
+    if (!idIsEventManagerQueue(id)) {
         for (uint32_t i = std::min(entries, queue->waiters); i > 0; --i)
             Cond_Signal(&queue->cond);
     }
