@@ -7,11 +7,11 @@
 #include <cstdlib>
 
 #include "tests/support/packet_builder.h"
-#include "trace/checksum.h"
-#include "trace/classify.h"
-#include "trace/scan.h"
-#include "trace/snapshot.h"
-#include "trace/statistics.h"
+#include "trace/counts/snapshot.h"
+#include "trace/counts/statistics.h"
+#include "trace/packets/checksum.h"
+#include "trace/packets/classify.h"
+#include "trace/packets/scan.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 
 #include "lib/base/log.h"
 #include "lib/containers/subject.h"
-#include "trace/report.h"
+#include "trace/counts/statistics.h"
+#include "trace/report/report.h"
 #include "trace/settings.h"
-#include "trace/statistics.h"
 
 namespace {
 

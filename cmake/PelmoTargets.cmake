@@ -13,9 +13,10 @@ if(PELMO_SYNTAX_ONLY)
     set(CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_COMMAND} -E true")
 endif()
 
-# pelmo_library(NAME [libraries it stands on ...]): the sources of this folder, as a static library.
+# pelmo_library(NAME [libraries it stands on ...]): the sources of this folder and its
+# rooms, as a static library.
 function(pelmo_library name)
-    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
+    file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
     list(FILTER sources EXCLUDE REGEX "/main\\.cc$")
     if(NOT sources)
         # A folder that has only headers so far: what stands above it can link it all the same.

@@ -1,5 +1,5 @@
 #include "lib/base/huge_heap.h"
-#include "trace/run.h"
+#include "trace/run/run.h"
 
 int main(int argc, char** argv) {
     hugeHeapPrefer();

@@ -11,11 +11,11 @@
 
 #include "lib/base/log.h"
 #include "tests/support/packet_builder.h"
-#include "trace/classify.h"
-#include "trace/frame.h"
-#include "trace/report.h"
+#include "trace/capture/frame.h"
+#include "trace/counts/statistics.h"
+#include "trace/packets/classify.h"
+#include "trace/report/report.h"
 #include "trace/settings.h"
-#include "trace/statistics.h"
 
 namespace {
 

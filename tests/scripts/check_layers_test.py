@@ -14,9 +14,9 @@ GOOD = {
     "lib/transport/t.cc": '#include "lib/base/b.h"\n#include "lib/base/a.h"\n',
     "trace/main.cc": '#include "lib/transport/t.h"\n',
     "lib/transport/t.h": "",
-    "tests/base/a_test.cc": '#include "trace/x.h"\n#include "tests/support/s.h"\n',
+    "tests/base/a_test.cc": '#include "trace/run/x.h"\n#include "tests/support/s.h"\n',
     "tests/support/s.h": "",
-    "trace/x.h": "",
+    "trace/run/x.h": "",
 }
 
 FAULTS = {
@@ -24,11 +24,11 @@ FAULTS = {
         {"lib/base/b.h": '\n# include "lib/containers/c.h"\n', "lib/containers/c.h": ""},
         "lib/base/b.h:2: includes lib/containers/c.h, a floor above its own"),
     "up to the tool": (
-        {"lib/transport/t.h": '#include "trace/x.h"\n'},
-        "lib/transport/t.h:1: includes trace/x.h, a floor above its own"),
+        {"lib/transport/t.h": '#include "trace/run/x.h"\n'},
+        "lib/transport/t.h:1: includes trace/run/x.h, a floor above its own"),
     "into the tests": (
-        {"trace/x.h": '#include "tests/support/s.h"\n'},
-        "trace/x.h:1: includes tests/support/s.h, which is on no floor"),
+        {"trace/run/x.h": '#include "tests/support/s.h"\n'},
+        "trace/run/x.h:1: includes tests/support/s.h, which is on no floor"),
     "not from the root": (
         {"lib/base/b.h": '#include "a.h"\n'},
         'lib/base/b.h:1: includes "a.h", which is no file from the root'),
@@ -38,6 +38,12 @@ FAULTS = {
     "a circle of three": (
         {"lib/base/a.h": '#include "lib/base/c.h"\n', "lib/base/c.h": '#include "lib/base/b.h"\n'},
         "lib/base/a.h:1: a circle: lib/base/a.h -> lib/base/c.h -> lib/base/b.h -> lib/base/a.h"),
+    "a room beside": (
+        {"trace/packets/p.h": '#include "trace/capture/c.h"\n', "trace/capture/c.h": ""},
+        "trace/packets/p.h:1: includes trace/capture/c.h, a room beside its own"),
+    "up within a folder": (
+        {"lib/transport/socket/s.h": '#include "lib/transport/t.h"\n'},
+        "lib/transport/socket/s.h:1: includes lib/transport/t.h, a floor above its own"),
     "a floor of its own": (
         {"lib/cellar/a.h": ""},
         "lib/cellar/a.h:1: lies on a floor that nobody knows"),

@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include "trace/capture_session.h"
-#include "trace/capture_state.h"
+#include "trace/capture/capture_session.h"
+#include "trace/capture/capture_state.h"
 
 inline void resetCapture() {
     if (captureState.dumpHandle != nullptr) closeDump(captureState.dumpHandle);

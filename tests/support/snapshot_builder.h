@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "trace/snapshot.h"
+#include "trace/counts/snapshot.h"
 
 using PackedSubject = std::vector<uint8_t>;
 

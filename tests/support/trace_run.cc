@@ -7,10 +7,10 @@
 #include <sstream>
 
 #include "lib/base/log.h"
-#include "trace/address.h"
-#include "trace/classify.h"
+#include "trace/counts/statistics.h"
+#include "trace/packets/address.h"
+#include "trace/packets/classify.h"
 #include "trace/settings.h"
-#include "trace/statistics.h"
 
 namespace {
 

@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "tests/support/packet_builder.h"
-#include "trace/snapshot.h"
+#include "trace/counts/snapshot.h"
 
 using Lines = std::vector<std::string>;
 

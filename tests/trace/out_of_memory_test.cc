@@ -7,7 +7,7 @@
 
 #include "tests/support/fail_alloc.h"
 #include "tests/support/trace_run.h"
-#include "trace/statistics.h"
+#include "trace/counts/statistics.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "tools/pelmogen/damage.h"
 
 #include "tools/pelmogen/message.h"
-#include "trace/oska.h"
+#include "trace/packets/oska.h"
 
 namespace {
 

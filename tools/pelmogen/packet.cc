@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "tools/pelmogen/message.h"
-#include "trace/oska.h"
+#include "trace/packets/oska.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "lib/base/bytes.h"
 #include "tools/pelmogen/packet.h"
 #include "tools/pelmogen/wire_guard.h"
-#include "trace/oska.h"
+#include "trace/packets/oska.h"
 
 namespace {
 

@@ -1,0 +1,88 @@
+#include "trace/capture/capture_session.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/capture_file.h"
+#include "tests/support/capture_reset.h"
+#include "tests/support/packet_builder.h"
+#include "tests/support/scratch_folder.h"
+#include "tests/support/trace_run.h"
+
+namespace {
+
+using Texts = std::vector<const char*>;
+
+std::vector<SnapTime> times;
+
+void takePacket(SnapTime time, const uint8_t*, size_t) {
+    times.push_back(time);
+}
+
+SavedFrame someFrame(uint32_t fraction = 0) {
+    return {100, fraction, ethernetFrame(udpPacket({}, Bytes(40)))};
+}
+
+struct CaptureSession : testing::Test {
+    ~CaptureSession() override { resetCapture(); }
+
+    // Hands over what the capture holds.
+    void read(const std::string& text) {
+        writeFile(path, text);
+        captureState.captureHandle = openOffline(path.c_str());
+        ASSERT_NE(captureState.captureHandle, nullptr);
+        times.clear();
+        (void)run.logged();
+        runCaptureLoop(captureState.captureHandle, takePacket, 0);
+        resetCapture();
+    }
+
+    TraceRun run;
+    const Folder folder;
+    const std::string path = folder.path("in");
+};
+
+TEST(BuildFilter, JoinsWhatTheListsHold) {
+    const struct {
+        Texts src, dst, ports;
+        std::string filter;
+    } cases[] = {
+        {{}, {}, {}, "udp"},
+        {{}, {}, {"7500", "7501"}, "udp and (port (7500 or 7501))"},
+        {{}, {"B"}, {}, "udp and (dst (B))"},
+        {{"A", "C"}, {"B", "D"}, {"1"}, "udp and (port (1)) and (src (A or C) or dst (B or D))"},
+        {{}, {}, {"x,y", ""}, "udp and (port (x,y or ))"},
+    };
+    for (const auto& [src, dst, ports, filter] : cases) {
+        EXPECT_EQ(buildFilter(src, dst, ports), filter);
+    }
+}
+
+TEST_F(CaptureSession, CutsNanosecondStampsToMicroseconds) {
+    read(captureText({someFrame(123456789)}, {.nanoseconds = true}));
+    EXPECT_EQ(times, (std::vector<SnapTime>{{100, 123456000}}));
+}
+
+TEST_F(CaptureSession, StopsWhereARecordIsCutOrMakesNoSense) {
+    const std::string whole = captureText({someFrame(), someFrame()});
+    const std::string hugeRecord = whole + std::string(8, '\0') + std::string(8, '\xff');
+    const struct {
+        std::string text;
+        size_t packets;
+    } cases[] = {
+        {whole.substr(0, whole.size() - 1), 1},
+        {whole.substr(0, kCaptureHeadBytes + kRecordHeadBytes - 1), 0},
+        {hugeRecord, 2},
+    };
+    for (const auto& [text, packets] : cases) {
+        read(text);
+        EXPECT_EQ(times.size(), packets);
+        const Lines logged = run.logged();
+        ASSERT_EQ(logged.size(), 1u);
+        EXPECT_TRUE(logged[0].starts_with("pcap_loop: "));
+    }
+}
+
+}  // namespace

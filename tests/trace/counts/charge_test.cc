@@ -1,0 +1,137 @@
+#include "trace/counts/charge.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+#include "tests/support/fail_alloc.h"
+#include "tests/support/trace_run.h"
+#include "trace/counts/snapshot.h"
+#include "trace/counts/statistics.h"
+
+namespace {
+
+NetEntry& net(uint8_t number) {
+    return *netEntry(*portEntry(htons(7500)), htonl(ipv4(239, 1, 1, number)));
+}
+
+void charge(NetEntry& to, const std::string& subject, uint8_t host = 1, uint32_t bytes = 10) {
+    ASSERT_TRUE(chargeMessage(to, htonl(ipv4(10, 0, 0, host)), 0,
+                              packedSubject(subject.c_str()).data(), bytes));
+}
+
+// So many that charges to this net wait from now on.
+void fill(NetEntry& to) {
+    while (subjectMapCount(to.subjects) <= kCachedSubjects) {
+        charge(to, "fill." + std::to_string(subjectMapCount(to.subjects)));
+    }
+}
+
+// Messages and bytes by subject and host, of the net with so many subjects filled in.
+std::map<std::string, std::pair<uint64_t, uint64_t>> counted(const NetEntry& of) {
+    std::map<std::string, std::pair<uint64_t, uint64_t>> counts;
+    for (uint32_t i = 0; i < subjectMapCount(of.subjects); ++i) {
+        SubjectEntry& subject = subjectAt(of, i);
+        char text[kSubjectTextBytes];
+        (void)subjectToText(text, sizeof text, packedSubject(subject));
+        if (std::string(text).starts_with("fill.")) continue;
+        eachSubjectHost(subject, [&](uint64_t key, const HostSubjEntry& host) {
+            const uint32_t last = ntohl(hostKeyAddress(key)) & 0xff;
+            counts[text + (" " + std::to_string(last))] = {host.msgs, host.bytes};
+        });
+    }
+    return counts;
+}
+
+using Counts = std::map<std::string, std::pair<uint64_t, uint64_t>>;
+
+TEST(Charge, WaitsOnlyWhereSubjectsAreMany) {
+    TraceRun run;
+    NetEntry& few = net(1);
+    NetEntry& many = net(2);
+    fill(many);
+    charge(few, "A");
+    charge(many, "A");
+    EXPECT_EQ(counted(few), (Counts{{"A 1", {1, 10}}}));
+    EXPECT_EQ(counted(many), Counts{});
+    chargesSettle();
+    EXPECT_EQ(counted(many), (Counts{{"A 1", {1, 10}}}));
+}
+
+TEST(Charge, CountsAllThatWaitInTheirOrderAndToTheirNets) {
+    TraceRun run;
+    NetEntry* const nets[] = {&net(1), &net(2)};
+    for (NetEntry* to : nets)
+        fill(*to);
+    Counts wanted[2];
+    for (uint32_t i = 0; i < 5 * kChargesInLine + 3; ++i) {
+        const std::string subject = "S." + std::to_string(i % 7);
+        const auto host = static_cast<uint8_t>(1 + i % 3);
+        charge(*nets[i % 2], subject, host, i);
+        auto& [msgs, bytes] = wanted[i % 2][subject + " " + std::to_string(host)];
+        ++msgs;
+        bytes += i;
+    }
+    chargesSettle();
+    EXPECT_EQ(statistics.charges.waiting, 0u);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(counted(*nets[i]), wanted[i]);
+    }
+}
+
+TEST(Charge, IsInTheSnapshotThatFollowsAndInNoOther) {
+    TraceRun run;
+    analyze({dataPacket({.seq = 1}, busMessage("first"))});
+    NetEntry& many = net(1);
+    fill(many);
+    analyze({dataPacket({.seq = 2}, busMessage("late"))});
+    ASSERT_EQ(statistics.charges.waiting, 1u);
+
+    const auto messages = [](const SnapHeader& snapshot) {
+        uint64_t sum = 0;
+        const SnapNet& of = snapshot.ports[0].nets[0];
+        for (uint32_t i = 0; i < of.subjectCount; ++i) {
+            sum += of.subjects[i].hosts[0].msgs;
+        }
+        return sum;
+    };
+    EXPECT_EQ(messages(*snapshotTake({1, 0})), kCachedSubjects + 2);
+    // The next one sweeps out all that were silent from there on.
+    analyze({dataPacket({.seq = 3}, busMessage("late"))});
+    EXPECT_EQ(messages(*snapshotTake({2, 0})), 1u);
+    EXPECT_EQ(subjectMapCount(many.subjects), 1u);
+}
+
+TEST(Charge, OneThatMemoryFailsIsToldAndTheOthersAreCounted) {
+    TraceRun run;
+    NetEntry& many = net(1);
+    fill(many);
+    charge(many, "A");
+    charge(many, "B");
+    charge(many, "C");
+    {
+        FailAlloc fail{.after = 1};
+        chargesSettle();
+    }
+    EXPECT_EQ(counted(many), (Counts{{"A 1", {1, 10}}, {"C 1", {1, 10}}}));
+    EXPECT_EQ(run.logged(), (Lines{"Out of memory allocating subject entry"}));
+    charge(many, "B");
+    chargesSettle();
+    EXPECT_EQ(counted(many)["B 1"], (std::pair<uint64_t, uint64_t>{1, 10}));
+}
+
+TEST(Charge, OfStatisticsThatEndGoesWithThem) {
+    {
+        TraceRun run;
+        NetEntry& many = net(1);
+        fill(many);
+        charge(many, "A");
+    }
+    TraceRun run;
+    chargesSettle();
+    EXPECT_EQ(counted(net(1)), Counts{});
+}
+
+}  // namespace

@@ -1,0 +1,59 @@
+#include "trace/packets/checksum.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "lib/base/bytes.h"
+#include "tests/support/packet_builder.h"
+
+namespace {
+
+uint16_t checksumOf(std::span<const uint8_t> bytes) {
+    return hostOrder16(udpChecksum(bytes.data(), bytes.size(), nullptr));
+}
+
+TEST(UdpChecksum, IsNeverZero) {
+    for (const size_t sizeBytes : {1u, 2u, 33u, 65535u}) {
+        EXPECT_EQ(checksumOf(Bytes(sizeBytes, 0)), 0xffff);
+    }
+    EXPECT_EQ(checksumOf(Bytes{0x12, 0x34, 0xed, 0xcb}), 0xffff);
+    EXPECT_EQ(checksumOf(Bytes{0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}), 0x220d);
+}
+
+// At each length and alignment, at once and in even pieces.
+TEST(UdpChecksum, IsThePlainSumHoweverItIsTaken) {
+    std::mt19937 random(1071);
+    for (size_t sizeBytes = 1; sizeBytes < 600; ++sizeBytes) {
+        const size_t alignment = random() % 16;
+        Bytes room(alignment + sizeBytes);
+        for (uint8_t& byte : room) {
+            byte = random() % 3 == 0 ? 0xff : static_cast<uint8_t>(random());
+        }
+        const std::span<const uint8_t> summed = std::span(room).subspan(alignment);
+        const uint16_t expected = plainChecksum(Bytes(summed.begin(), summed.end()));
+        EXPECT_EQ(checksumOf(summed), expected) << sizeBytes << " bytes at " << alignment;
+
+        uint32_t sum = 0;
+        uint16_t checksum = 0;
+        for (size_t at = 0; at < sizeBytes;) {
+            const size_t piece = std::min<size_t>(random() % 100 * 2, sizeBytes - at);
+            checksum = udpChecksum(summed.data() + at, piece, &sum);
+            at += piece;
+        }
+        EXPECT_EQ(hostOrder16(checksum), expected) << sizeBytes << " bytes in pieces";
+    }
+}
+
+TEST(UdpChecksum, CarriesOutOfAFullAccumulator) {
+    const Bytes ones = {0xff, 0xff, 0x00, 0x01};
+    for (uint32_t full : {0xffffffffu, 0x80000000u, 0x7fffffffu, 0xffff0000u}) {
+        SCOPED_TRACE(full);
+        // The accumulator is a sum in memory order, whose halves are words like the data's.
+        const Bytes words = joined({be16(hostOrder16(static_cast<uint16_t>(full))),
+                                    be16(hostOrder16(static_cast<uint16_t>(full >> 16))), ones});
+        EXPECT_EQ(hostOrder16(udpChecksum(ones.data(), ones.size(), &full)), plainChecksum(words));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,184 @@
+#include "trace/run/run.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <semaphore>
+#include <set>
+#include <string>
+
+#include "lib/pelmo/pelmo.h"
+#include "lib/runtime/library.h"
+#include "tests/support/capture_file.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/fixed_clock.h"
+#include "tests/support/scratch_folder.h"
+#include "trace/capture/capture_session.h"
+#include "trace/capture/capture_state.h"
+#include "trace/counts/statistics.h"
+#include "trace/settings.h"
+
+namespace {
+
+// What the end of the process would take.
+void undoStart() {
+    pelmo_Close();
+    if (captureState.dumpHandle != nullptr) closeDump(captureState.dumpHandle);
+    if (captureState.captureHandle != nullptr) pcap_close(captureState.captureHandle);
+    captureState.dumpHandle = nullptr;
+    captureState.captureHandle = nullptr;
+    captureState.savingFrames = false;
+    captureState.captureBytes = 0;
+    captureState.shuttingDown = false;
+    statsDestroy();
+}
+
+// An offline run's start and end, with a capture without packets.
+struct Run : testing::Test {
+    Run() {
+        writeFile(input, captureText({}));
+        traceSettings = {};
+        traceSettings.readFile = input.c_str();
+        traceSettings.liveCapture = false;
+        traceSettings.filterText = "udp";
+    }
+    ~Run() override {
+        undoStart();
+        traceSettings = {};
+    }
+
+    void saveAndRotate() {
+        traceSettings.writeFile = output.c_str();
+        traceSettings.rotationOptions = kCaptureMaxSeen;
+        traceSettings.captureMaxSizeMB = 1;
+    }
+
+    static void saveMoreThanTheLimit() {
+        constexpr bpf_u_int32 kMegabyte = 1 << 20;
+        CaptureContext context = {[](SnapTime, const uint8_t*, size_t) {}};
+        const Bytes frame(kMegabyte, 0);
+        const pcap_pkthdr header = {.ts = {}, .caplen = kMegabyte, .len = kMegabyte};
+        frameHandler(reinterpret_cast<u_char*>(&context), &header, frame.data());
+        const LockGuard guard(statsLock);
+        pcap_dump_flush(captureState.dumpHandle);
+    }
+
+    // Timers that are due have run on return: one of no interval is the last of its pass.
+    static void timerThreadPasses() {
+        static std::binary_semaphore passed(0);  // its release may end after the acquire
+        uint32_t timer = 0;
+        const auto onTick = [](uint32_t event, pelmoMsg*, void*) {
+            pelmoEvent_DestroyEx(event, nullptr);
+            passed.release();
+        };
+        ASSERT_EQ(pelmoEvent_CreateTimer(&timer, kTimerQueueId, onTick, 0, nullptr),
+                  kStatusSuccess);
+        passed.acquire();
+    }
+
+    const Folder folder;
+    const std::string input = folder.path("in");
+    const std::string output = folder.path("out");
+};
+
+TEST_F(Run, OpensAndClosesTheLibraryAndTheCaptureFile) {
+    saveAndRotate();
+    ASSERT_EQ(startTrace(), kStatusSuccess);
+    EXPECT_TRUE(libraryIsOpen());
+    EXPECT_NE(captureState.dumpHandle, nullptr);
+    stopTrace();
+    EXPECT_FALSE(libraryIsOpen());
+    EXPECT_EQ(captureState.dumpHandle, nullptr);
+    EXPECT_TRUE(captureState.shuttingDown);
+    EXPECT_EQ(readFile(output), captureText({}));
+}
+
+// By the timer, for each count of numbered files, and by a path that was relative at the start.
+TEST_F(Run, RotatesTheCaptureFileOnceASecond) {
+    const std::string home = std::filesystem::current_path();
+    const struct {
+        int32_t count;
+        std::set<std::string> names;
+    } cases[] = {
+        {0, {"in", "out"}}, {1, {"in", "out", "out1"}}, {3, {"in", "out", "out1", "out2"}}};
+    for (const auto& [count, names] : cases) {
+        SCOPED_TRACE(count);
+        saveAndRotate();
+        std::filesystem::current_path(folder.root);
+        traceSettings.writeFile = "out";
+        traceSettings.captureMaxRotations = count;
+        {
+            FixedMonotonic clock(1000);
+            ASSERT_EQ(startTrace(), kStatusSuccess);
+            std::filesystem::current_path("/");
+            for (const int64_t seconds : {1001, 1002}) {
+                saveMoreThanTheLimit();
+                FixedMonotonic::set(seconds, 500'000'000);
+                timerThreadPasses();
+            }
+            stopTrace();
+        }
+        EXPECT_EQ(folder.names(), names);
+        EXPECT_EQ(readFile(output), captureText({}));
+        undoStart();
+        for (const char* const numbered : {"out1", "out2"})
+            unlink(folder.path(numbered).c_str());
+    }
+    std::filesystem::current_path(home);
+}
+
+TEST_F(Run, AnyAllocationOfAStartMayFail) {
+    testing::internal::CaptureStdout();
+    const size_t failing = eachAllocationFails([this] {
+        const TraceSettings sound = traceSettings;
+        saveAndRotate();
+        const pelmoStatus status = startTrace();
+        allocationsHeal();
+        EXPECT_TRUE(status == kStatusSuccess ? libraryIsOpen() : allocationsFailed() > 0);
+        if (status == kStatusSuccess) stopTrace();
+        undoStart();
+        EXPECT_FALSE(libraryIsOpen());
+        traceSettings = sound;
+    });
+    (void)testing::internal::GetCapturedStdout();
+    EXPECT_GT(failing, 100u);
+}
+
+TEST_F(Run, TheFirstFailureEndsTheStart) {
+    const std::string nowhere = folder.path("none/file");
+    const char* const path = nowhere.c_str();
+    const struct {
+        const char* what;
+        void (*damage)(const char* path);
+        pelmoStatus status;
+    } cases[] = {
+        {"log rotation",
+         [](const char*) {
+             traceSettings.rotationOptions = kLogMaxSeen;
+             traceSettings.logMaxSizeKB = -1;
+         },
+         kStatusInvalidArgument},
+        {"capture rotation",
+         [](const char*) {
+             traceSettings.rotationOptions = kCaptureMaxSeen;
+             traceSettings.captureMaxRotations = -1;
+         },
+         kStatusInvalidArgument},
+        {"log file", [](const char* at) { traceSettings.logFile = at; }, kStatusInitFailed},
+        {"source", [](const char* at) { traceSettings.readFile = at; }, kStatusNotInitialized},
+        {"capture file", [](const char* at) { traceSettings.writeFile = at; },
+         kStatusNotInitialized},
+    };
+    for (const auto& [what, damage, status] : cases) {
+        SCOPED_TRACE(what);
+        const TraceSettings sound = traceSettings;
+        damage(path);
+        EXPECT_EQ(startTrace(), status);
+        undoStart();
+        traceSettings = sound;
+    }
+    EXPECT_FALSE(libraryIsOpen());
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+#include "trace/run/stop_wait.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "lib/pelmo/pelmo.h"
+#include "lib/runtime/fixed_ids.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/trace_run.h"
+
+namespace {
+
+std::atomic<int> callbacks;
+
+// By the system's own number for each, which it doesn't use again as it does descriptors.
+using Sockets = std::map<std::string, int>;
+
+Sockets openSockets() {
+    Sockets sockets;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+        if (target.starts_with("socket:")) sockets[target] = std::stoi(entry.path().filename());
+    }
+    return sockets;
+}
+
+struct StopWait : testing::Test {
+    StopWait() {
+        callbacks = 0;
+        EXPECT_EQ(pelmo_Open(), kStatusSuccess);
+    }
+    ~StopWait() override {
+        stopWaitCleanup();
+        stopWaitRelease();
+        pelmo_Close();
+        EXPECT_EQ(signal(SIGINT, SIG_DFL), SIG_DFL);
+        EXPECT_EQ(signal(SIGTERM, SIG_DFL), SIG_DFL);
+    }
+
+    // Arms the wait; the pair's sockets are those that appear.
+    void arm() {
+        const Sockets before = openSockets();
+        ASSERT_EQ(stopWaitInit([] { ++callbacks; }), kStatusSuccess);
+        for (const auto& [name, socket] : openSockets()) {
+            if (!before.contains(name)) pair[name] = socket;
+        }
+        ASSERT_EQ(pair.size(), 2u);
+    }
+
+    // Ends the pair's connection while the system gives no descriptors, so that it can't be remade.
+    // Those that are open go on working: poll takes as many as the limit says.
+    void breakForGood() {
+        getrlimit(RLIMIT_NOFILE, &formerLimit);
+        rlimit none = formerLimit;
+        const int lowestFree = dup(STDERR_FILENO);
+        close(lowestFree);
+        none.rlim_cur = static_cast<rlim_t>(lowestFree);
+        setrlimit(RLIMIT_NOFILE, &none);
+        breakPair();
+    }
+
+    // One end is enough, and the other's number may be a new socket's at once.
+    void breakPair() const { shutdown(pair.begin()->second, SHUT_RDWR); }
+
+    // Closing joins the threads that call back.
+    static int callbacksInAll() {
+        pelmo_Close();
+        return callbacks;
+    }
+
+    void awaitNoPair() const {
+        const auto isOpen = [](const auto& socket) { return fcntl(socket.second, F_GETFD) != -1; };
+        while (std::ranges::any_of(pair, isOpen))
+            sched_yield();
+    }
+
+    // Neither of the old sockets is left, and as many are there as before.
+    void awaitNewPair(size_t count) const {
+        const auto isOld = [this](const auto& socket) { return pair.contains(socket.first); };
+        for (Sockets now; now.size() != count || std::ranges::any_of(now, isOld);) {
+            sched_yield();
+            now = openSockets();
+        }
+    }
+
+    void giveSocketsAgain() const { setrlimit(RLIMIT_NOFILE, &formerLimit); }
+
+    TraceRun run;
+    Sockets pair;
+    rlimit formerLimit = {};
+};
+
+TEST_F(StopWait, ReturnsAtASignalOfEitherKind) {
+    for (const int number : {SIGINT, SIGTERM}) {
+        ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
+        raise(number);
+        stopWaitRun();
+        raise(number);  // a second one changes nothing, nor does one behind the clean-up
+        stopWaitCleanup();
+        raise(number);
+        stopWaitRun();
+    }
+}
+
+TEST_F(StopWait, WakesWhoWaitsAndCallsBackOnce) {
+    arm();
+    std::thread waiting(stopWaitRun);
+    for (int i = 0; i < 100; ++i)
+        kill(getpid(), SIGTERM);
+    waiting.join();
+    EXPECT_EQ(callbacksInAll(), 1);
+}
+
+TEST_F(StopWait, NeedsTheLibrary) {
+    pelmo_Close();
+    EXPECT_EQ(stopWaitInit(nullptr), kStatusNotInitialized);
+    stopWaitRun();
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
+    EXPECT_EQ(stopWaitInit(nullptr), kStatusNotPermitted);
+}
+
+TEST_F(StopWait, EachAllocationOfItsStartMayFail) {
+    const size_t failing = eachAllocationFails([] {
+        const pelmoStatus status = stopWaitInit(nullptr);
+        allocationsHeal();
+        EXPECT_TRUE(status == kStatusSuccess || allocationsFailed() > 0);
+        if (status == kStatusSuccess) raise(SIGINT);
+        stopWaitRun();
+        stopWaitCleanup();
+    });
+    EXPECT_GT(failing, 3u);
+}
+
+TEST_F(StopWait, RemakesAPairThatBreaks) {
+    arm();
+    const size_t count = openSockets().size();
+    breakPair();
+    awaitNewPair(count);
+    raise(SIGTERM);
+    stopWaitRun();
+    EXPECT_EQ(callbacksInAll(), 1);
+    EXPECT_EQ(run.logged(), Lines({"Socket pair unexpectedly closed, creating new pair"}));
+}
+
+// The timer of a second finds the signal that no pair could carry.
+TEST_F(StopWait, SeesASignalThatComesWhileThePairIsBroken) {
+    arm();
+    breakForGood();
+    awaitNoPair();
+    raise(SIGINT);
+    stopWaitRun();
+    giveSocketsAgain();
+    EXPECT_EQ(callbacksInAll(), 1);
+}
+
+TEST_F(StopWait, GoesOnOnceThePairCanBeMadeAgain) {
+    arm();
+    const size_t count = openSockets().size();
+    breakForGood();
+    awaitNoPair();
+    giveSocketsAgain();
+    awaitNewPair(count);
+    raise(SIGINT);
+    stopWaitRun();
+    EXPECT_EQ(callbacksInAll(), 1);
+}
+
+// With neither a pair nor a timer no signal could be seen: the program is to stop.
+TEST_F(StopWait, EndsWhereNothingCouldBringASignal) {
+    arm();
+    ASSERT_EQ(pelmoQueue_DestroyEx(kTimerQueueId, nullptr, nullptr), kStatusSuccess);
+    breakForGood();
+    stopWaitRun();
+    giveSocketsAgain();
+    EXPECT_EQ(callbacksInAll(), 0);
+    EXPECT_EQ(run.logged(), Lines({"Socket pair unexpectedly closed, creating new pair",
+                                   "unable to create sigterm restart timer: Invalid queue."}));
+}
+
+}  // namespace

@@ -1,0 +1,164 @@
+#include "trace/capture/capture_session.h"
+
+#include <stdio_ext.h>
+
+#include <cstdio>
+
+#include "lib/base/log.h"
+
+namespace {
+
+constexpr int kPromiscuous = 1;
+constexpr int kReadTimeoutMs = 1000;
+
+// libpcap's own 2 MB hold a bus of 150,000 packets a second for 30 ms: less than a busy machine may
+// keep the capture thread from its core.
+constexpr int kKernelBufferBytes = 32 << 20;
+
+constexpr int kOptimize = 0;
+constexpr bpf_u_int32 kNoNetmask = 0;
+
+using Texts = std::span<const char* const>;
+
+// "<keyword> (a or b or c)".
+void appendAlternatives(std::string& filter, const char* keyword, Texts values) {
+    filter.append(keyword).append(" (");
+    const char* separator = "";
+    for (const char* value : values) {
+        filter.append(separator).append(value);
+        separator = " or ";
+    }
+    filter.append(")");
+}
+
+// pcap_lookupdev is deprecated for a race between threads, which don't exist yet. Its successor
+// picks the same device but would have its own words for a failure.
+const char* defaultInterface() {
+    char error[PCAP_ERRBUF_SIZE] = "";
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    const char* const name = pcap_lookupdev(error);
+#pragma GCC diagnostic pop
+    if (name == nullptr) logPrint("pcap_lookupdev: %s", error);
+    return name;
+}
+
+// What pcap_open_live does, and a larger buffer. Null where the system refuses any of it.
+pcap_t* openWithRoom(const char* name) {
+    char error[PCAP_ERRBUF_SIZE] = "";
+    pcap_t* const capture = pcap_create(name, error);
+    if (capture == nullptr) return nullptr;
+    pcap_set_snaplen(capture, kFullFrameBytes);
+    pcap_set_promisc(capture, kPromiscuous);
+    pcap_set_timeout(capture, kReadTimeoutMs);
+    pcap_set_buffer_size(capture, kKernelBufferBytes);
+    if (pcap_activate(capture) >= 0) return capture;
+    pcap_close(capture);
+    return nullptr;
+}
+
+void describeSavefile(pcap_t* capture) {
+    const int snapshotBytes = pcap_snapshot(capture);
+    if (snapshotBytes < kFullFrameBytes) {
+        logPrint("savefile snapshot size (%d) was less than full packet", snapshotBytes);
+        logPrint("subject based information will not be accurate");
+    }
+    if (pcap_is_swapped(capture)) logPrint("Note: swapped save file\n");
+    logPrint("savefile created by pcap version %d.%d\n", pcap_major_version(capture),
+             pcap_minor_version(capture));
+}
+
+// The process has several threads, so that each read and write of a stream would take its lock. One
+// thread reads a source, and a capture file has `statsLock`.
+void spareStreamLock(FILE* stream) {
+    __fsetlocking(stream, FSETLOCKING_BYCALLER);
+}
+
+// A stream that was never told to seek asks the system for its position again and again: a call for
+// each frame saved. A pipe can't seek and has no position, which is no matter here.
+void rememberPosition(pcap_dumper_t* dump) {
+    (void)std::fseek(pcap_dump_file(dump), 0, SEEK_CUR);
+}
+
+}  // namespace
+
+std::string buildFilter(Texts srcAddrs, Texts dstAddrs, Texts ports) {
+    std::string filter = "udp";
+    if (!ports.empty()) {
+        filter.append(" and (");
+        appendAlternatives(filter, "port", ports);
+        filter.append(")");
+    }
+    if (srcAddrs.empty() && dstAddrs.empty()) return filter;
+
+    filter.append(" and (");
+    if (!srcAddrs.empty()) appendAlternatives(filter, "src", srcAddrs);
+    if (!srcAddrs.empty() && !dstAddrs.empty()) filter.append(" or ");
+    if (!dstAddrs.empty()) appendAlternatives(filter, "dst", dstAddrs);
+    filter.append(")");
+    return filter;
+}
+
+pcap_t* openLive(const char* interfaceName) {
+    const char* const name = interfaceName != nullptr ? interfaceName : defaultInterface();
+    if (name == nullptr) return nullptr;
+
+    std::printf("Using interface %s\n", name);
+    if (pcap_t* const capture = openWithRoom(name)) return capture;
+
+    // With the buffer that libpcap chooses; and where it isn't for that, these are the words for
+    // it.
+    char error[PCAP_ERRBUF_SIZE] = "";
+    pcap_t* const capture =
+        pcap_open_live(name, kFullFrameBytes, kPromiscuous, kReadTimeoutMs, error);
+    if (capture == nullptr) logPrint("pcap_open_live: %s", error);
+    return capture;
+}
+
+pcap_t* openOffline(const char* path) {
+    char error[PCAP_ERRBUF_SIZE] = "";
+    pcap_t* const capture = pcap_open_offline(path, error);
+    if (capture == nullptr) {
+        logPrint("pcap_open_offline: %s", error);
+        return nullptr;
+    }
+    spareStreamLock(pcap_file(capture));
+    describeSavefile(capture);
+    return capture;
+}
+
+pcap_dumper_t* openDump(pcap_t* capture, const char* path) {
+    pcap_dumper_t* const dump = pcap_dump_open(capture, path);
+    if (dump == nullptr) {
+        logPrint("pcap_dump_open: %s", pcap_geterr(capture));
+        return nullptr;
+    }
+    spareStreamLock(pcap_dump_file(dump));
+    rememberPosition(dump);
+    return dump;
+}
+
+void closeDump(pcap_dumper_t* dump) {
+    pcap_dump_close(dump);
+}
+
+bool installFilter(pcap_t* capture, const char* text) {
+    std::printf("Using filter %s\n", text);
+    bpf_program program = {};
+    if (pcap_compile(capture, &program, text, kOptimize, kNoNetmask) != 0) {
+        logPrint("pcap_compile: %s", pcap_geterr(capture));
+        return false;
+    }
+
+    const bool installed = pcap_setfilter(capture, &program) == 0;
+    if (!installed) logPrint("pcap_setfilter: %s", pcap_geterr(capture));
+    pcap_freecode(&program);  // the source has a copy of its own
+    return installed;
+}
+
+void runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count) {
+    CaptureContext context = {packetHandler};
+    if (pcap_loop(capture, count, frameHandler, reinterpret_cast<u_char*>(&context)) < 0) {
+        logPrint("pcap_loop: %s", pcap_geterr(capture));
+    }
+}

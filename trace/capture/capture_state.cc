@@ -1,0 +1,3 @@
+#include "trace/capture/capture_state.h"
+
+CaptureState captureState;

@@ -1,0 +1,77 @@
+#include "trace/capture/frame.h"
+
+#include <span>
+
+#include "lib/base/bytes.h"
+#include "lib/base/lock.h"
+#include "lib/base/log.h"
+#include "trace/capture/capture_state.h"
+#include "trace/counts/statistics.h"
+
+namespace {
+
+constexpr size_t kSourceMacOffset = 6;
+constexpr size_t kEthertypeOffset = 12;
+constexpr size_t kEthernetHeaderBytes = 14;
+constexpr size_t kIpHeaderBytes = 20;
+constexpr uint16_t kEthertypeIp = 0x0800;
+
+using Bytes = std::span<const uint8_t>;
+
+void saveFrame(const pcap_pkthdr* header, const u_char* bytes) {
+    const LockGuard guard(statsLock);
+    pcap_dumper_t* const dump = captureState.dumpHandle;
+    if (dump == nullptr) return;
+
+    pcap_dump(reinterpret_cast<u_char*>(dump), header, bytes);
+    const long position = pcap_dump_ftell(dump);
+    if (position >= 0) captureState.captureBytes = static_cast<uint64_t>(position);
+}
+
+void reportNoIpHeader(Bytes frame, size_t leftBytes) {
+    const uint8_t* const destination = frame.data();
+    const uint8_t* const source = frame.data() + kSourceMacOffset;
+    logPrint(
+        "Ethernet/IP packet too small to contain IP header\n"
+        "    Length: %d\n"
+        "    Source: %02x:%02x:%02x:%02x:%02x:%02x\n"
+        "    Dest:   %02x:%02x:%02x:%02x:%02x:%02x",
+        static_cast<int>(leftBytes), source[0], source[1], source[2], source[3], source[4],
+        source[5], destination[0], destination[1], destination[2], destination[3], destination[4],
+        destination[5]);
+}
+
+// Empty where the frame is too small to have one.
+Bytes findIpPacket(Bytes frame) {
+    if (frame.size() < kEthernetHeaderBytes) {
+        logPrint("Packet too small to contain Ethernet header");
+        return {};
+    }
+
+    const bool isEthernet = loadBe16At(frame.data() + kEthertypeOffset) == kEthertypeIp;
+    const Bytes ip = isEthernet ? frame.subspan(kEthernetHeaderBytes) : frame;
+    if (ip.size() < kIpHeaderBytes) {
+        reportNoIpHeader(frame, ip.size());
+        return {};
+    }
+    return ip;
+}
+
+// Whatever a capture file claims is cut to the width of the fields: it may lie before 1970, beyond
+// 2038, or have a million microseconds and more.
+SnapTime packetTime(const timeval& stamp) {
+    const auto microseconds = static_cast<uint32_t>(stamp.tv_usec);
+    return {static_cast<int32_t>(stamp.tv_sec), microseconds * 1000};
+}
+
+}  // namespace
+
+void frameHandler(u_char* user, const pcap_pkthdr* header, const u_char* bytes) {
+    if (captureShuttingDown()) return;
+    if (captureState.savingFrames) saveFrame(header, bytes);
+
+    const Bytes ip = findIpPacket({bytes, header->caplen});
+    if (ip.empty()) return;
+    const auto* context = reinterpret_cast<const CaptureContext*>(user);
+    context->packetHandler(packetTime(header->ts), ip.data(), ip.size());
+}

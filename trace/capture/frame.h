@@ -1,0 +1,34 @@
+// A frame as it comes from libpcap: saved whatever it is, then stripped to its IP packet.
+//
+//     0                 6            12          14
+//     | destination MAC | source MAC | Ethertype | IP header, 20 bytes ...
+//
+// Only Ethertype 0x0800 tells that an Ethernet header is there. Any other frame is handed on from
+// its first byte, which is how captures of bare IP are read: the link type isn't asked for.
+//
+// Failure: a frame too small for its headers is logged and dropped, after it was saved. A write to
+// the capture file has no failure of its own: on a full disk the file just grows no more.
+//
+// Threads: whichever runs the capture loop. Takes `statsLock` around the write, and calls the
+// packet handler without it.
+//
+// The frame's bytes are borrowed from libpcap for the length of the call.
+
+#pragma once
+
+#include <pcap/pcap.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "trace/counts/snapshot.h"
+
+// Takes the packet's time stamp and what is in hand of it from the IP header on: 20 bytes or more.
+using PacketHandler = void (*)(SnapTime time, const uint8_t* ip, size_t length);
+
+struct CaptureContext {
+    PacketHandler packetHandler;
+};
+
+// The callback of pcap_loop; `user` is a CaptureContext.
+void frameHandler(u_char* user, const pcap_pkthdr* header, const u_char* bytes);

@@ -1,3 +1,0 @@
-#include "trace/capture_state.h"
-
-CaptureState captureState;

@@ -1,0 +1,265 @@
+#include "trace/counts/snapshot.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "lib/base/bytes.h"
+#include "lib/base/lock.h"
+#include "lib/base/log.h"
+#include "trace/counts/host_status.h"
+#include "trace/counts/snapshot_storage.h"
+#include "trace/counts/statistics.h"
+
+namespace {
+
+constexpr size_t kTextAlignment = 4;
+constexpr size_t kAreaAlignment = 8;
+
+SnapTime prevTime;  // guarded by `statsLock`
+
+constexpr size_t padded(size_t size, size_t alignment) {
+    return (size + alignment - 1) & ~(alignment - 1);
+}
+
+template <typename Record, typename Visit>
+void eachLive(Dict64* dict, Visit visit) {
+    eachRecord<Record>(dict, [&](uint64_t key, Record& record) {
+        if (record.live != 0) visit(key, record);
+    });
+}
+
+// First pass: what there is to copy.
+struct Sizes {
+    size_t ports, nets, hosts, rlHosts, ptpHosts, subjects, subjectHosts;
+    size_t textBytes;
+    size_t statusMsgs, statusBytes;
+};
+
+template <typename Record>
+size_t countLive(Dict64* dict) {
+    size_t count = 0;
+    eachLive<Record>(dict, [&](uint64_t, Record&) { ++count; });
+    return count;
+}
+
+// Counts the live subjects of a net and removes the others: all of them where the net was silent.
+// Runs downwards, since a removal moves the last subject, already seen, to the place at hand.
+void countSubjects(NetEntry& net, Sizes& sizes) {
+    for (uint32_t i = subjectMapCount(net.subjects); i-- > 0;) {
+        SubjectEntry& subject = subjectAt(net, i);
+        if (net.live == 0 || subject.live == 0) {
+            subjectRemove(net, subject);
+            continue;
+        }
+        ++sizes.subjects;
+        sizes.textBytes += padded(subjectLength(packedSubject(subject)), kTextAlignment);
+        eachSubjectHost(subject, [&](uint64_t, const HostSubjEntry& host) {
+            if (host.live != 0) ++sizes.subjectHosts;
+        });
+    }
+}
+
+void countNet(NetEntry& net, Sizes& sizes) {
+    countSubjects(net, sizes);
+    if (net.live == 0) return;
+    ++sizes.nets;
+    sizes.hosts += countLive<HostEntry>(net.hosts);
+    sizes.statusMsgs += net.statusCount;
+    sizes.statusBytes += net.statusUsed;
+}
+
+Sizes countAll() {
+    Sizes sizes{};
+    eachRecord<PortEntry>(statistics.ports, [&](uint32_t, PortEntry& port) {
+        if (port.live == 0) return;
+        ++sizes.ports;
+        eachRecord<NetEntry>(port.nets, [&](uint32_t, NetEntry& net) { countNet(net, sizes); });
+        sizes.rlHosts += countLive<RlHostEntry>(port.rlHosts);
+        sizes.ptpHosts += countLive<PtpHostEntry>(port.ptpHosts);
+    });
+    return sizes;
+}
+
+// Second pass: where the next record of each array goes.
+struct Places {
+    SnapPort* ports;
+    SnapNet* nets;
+    SnapHost* hosts;
+    SnapRlHost* rlHosts;
+    SnapPtpHost* ptpHosts;
+    SnapSubject* subjects;
+    SnapSubjectHost* subjectHosts;
+    uint8_t* text;
+    const uint8_t** statusMsgs;
+    uint8_t* status;
+};
+
+template <typename Item>
+Item* layOut(uintptr_t& at, size_t count) {
+    auto* area = reinterpret_cast<Item*>(at);
+    at += padded(count * sizeof(Item), kAreaAlignment);
+    return area;
+}
+
+// The areas in their order, from address `at`. Returns the address behind them, so that a walk from
+// 0 measures them.
+uintptr_t layOutAreas(uintptr_t at, const Sizes& sizes, Places& places) {
+    places.ports = layOut<SnapPort>(at, sizes.ports);
+    places.nets = layOut<SnapNet>(at, sizes.nets);
+    places.hosts = layOut<SnapHost>(at, sizes.hosts);
+    places.rlHosts = layOut<SnapRlHost>(at, sizes.rlHosts);
+    places.ptpHosts = layOut<SnapPtpHost>(at, sizes.ptpHosts);
+    places.subjects = layOut<SnapSubject>(at, sizes.subjects);
+    places.subjectHosts = layOut<SnapSubjectHost>(at, sizes.subjectHosts);
+    places.text = layOut<uint8_t>(at, sizes.textBytes);
+    places.statusMsgs = layOut<const uint8_t*>(at, sizes.statusMsgs);
+    places.status = layOut<uint8_t>(at, sizes.statusBytes);
+    return at;
+}
+
+void copyHost(uint64_t key, HostEntry& host, SnapHost& to) {
+    to = {
+        .host = hostKeyAddress(key),
+        .net = 0,
+        .port = hostKeyPort(key),
+        .reliability = host.reliability,
+        .bad = host.bad,
+        .gaps = host.gaps,
+        .data = host.data,
+        .bytes = host.bytes,
+        .nulls = host.nulls,
+        .rdata = host.rdata,
+        .rbytes = host.rbytes,
+    };
+
+    // What is known of the sender outlives the interval.
+    const HostEntry kept = host;
+    host = {};
+    host.key = kept.key;
+    host.epoch = kept.epoch;
+    host.lastSeq = kept.lastSeq;
+    host.reliability = kept.reliability;
+}
+
+template <typename Record, typename Snap>
+void copyTwoSidedHost(uint64_t key, Record& host, Snap& to) {
+    to = {hostKeyAddress(key), hostKeyPort(key), host.counters};
+    host = {};
+}
+
+// Moves the live hosts of a subject to the next places. Returns their count.
+uint32_t copySubjectHosts(SubjectEntry& subject, SnapSubjectHost*& place) {
+    const SnapSubjectHost* first = place;
+    eachSubjectHost(subject, [&](uint64_t key, HostSubjEntry& host) {
+        if (host.live == 0) return;
+        *place++ = {hostKeyAddress(key), hostKeyPort(key), host.msgs, host.bytes};
+        host = {};
+    });
+    return static_cast<uint32_t>(place - first);
+}
+
+// Copies the live records of a dictionary to the next places of their array. Returns their count.
+template <typename Record, typename Snap>
+uint32_t copyLive(Dict64* dict, Snap*& place, void (*copy)(uint64_t, Record&, Snap&)) {
+    const Snap* first = place;
+    eachLive<Record>(dict, [&](uint64_t key, Record& record) { copy(key, record, *place++); });
+    return static_cast<uint32_t>(place - first);
+}
+
+void copySubjects(NetEntry& net, Places& places, SnapNet& to) {
+    to.subjects = places.subjects;
+    to.subjectCount = subjectMapCount(net.subjects);
+    for (uint32_t i = 0; i < to.subjectCount; ++i) {
+        SubjectEntry& subject = subjectAt(net, i);
+        const size_t textBytes = subjectLength(packedSubject(subject));
+        std::memcpy(places.text, packedSubject(subject), textBytes);
+
+        SnapSubject& copy = *places.subjects++;
+        copy = {places.text, 0, 0, 0, places.subjectHosts};
+        places.text += padded(textBytes, kTextAlignment);
+        copy.hostCount = copySubjectHosts(subject, places.subjectHosts);
+        subject.live = 0;
+    }
+}
+
+void copyStatusMessages(NetEntry& net, Places& places, SnapNet& to) {
+    to.statusMsgCount = net.statusCount;
+    to.statusMsgs = net.statusCount != 0 ? places.statusMsgs : nullptr;
+    const uint8_t* from = net.statusBuf;
+    for (uint32_t i = 0; i < net.statusCount; ++i) {
+        const uint32_t messageBytes = loadBe32At(from);
+        std::memcpy(places.status, from, messageBytes);
+        *places.statusMsgs++ = places.status;
+        from += statusPadded(messageBytes);
+        places.status += statusPadded(messageBytes);
+    }
+    net.statusCount = net.statusUsed = 0;
+}
+
+void copyNet(uint32_t address, NetEntry& net, Places& places) {
+    SnapNet& to = *places.nets++;
+    to = {};
+    to.net = address;
+    to.hosts = places.hosts;
+    to.hostCount = copyLive(net.hosts, places.hosts, copyHost);
+    copySubjects(net, places, to);
+    copyStatusMessages(net, places, to);
+    net.live = 0;
+}
+
+void copyPort(uint32_t number, PortEntry& port, Places& places) {
+    SnapPort& to = *places.ports++;
+    to = {};
+    to.port = static_cast<uint16_t>(number);
+    to.nets = places.nets;
+    eachRecord<NetEntry>(port.nets, [&](uint32_t address, NetEntry& net) {
+        if (net.live != 0) copyNet(address, net, places);
+    });
+    to.netCount = static_cast<uint32_t>(places.nets - to.nets);
+    to.rlHosts = places.rlHosts;
+    to.rlHostCount = copyLive<RlHostEntry>(port.rlHosts, places.rlHosts, copyTwoSidedHost);
+    to.ptpHosts = places.ptpHosts;
+    to.ptpHostCount = copyLive<PtpHostEntry>(port.ptpHosts, places.ptpHosts, copyTwoSidedHost);
+    port.live = 0;
+}
+
+void fillHead(SnapHeader& head, SnapTime time, const Sizes& sizes, const Places& places) {
+    head = {
+        .prevTime = prevTime,
+        .thisTime = time,
+        .packets = statistics.totalPackets,
+        .oskaPackets = statistics.oskaPackets,
+        .portCount = static_cast<uint32_t>(sizes.ports),
+        .ports = places.ports,
+    };
+    prevTime = time;
+    statistics.totalPackets = statistics.oskaPackets = 0;
+}
+
+}  // namespace
+
+void snapshotSetStart(SnapTime time) {
+    const LockGuard guard(statsLock);
+    prevTime = time;
+}
+
+SnapHeader* snapshotTake(SnapTime time) {
+    const LockGuard guard(statsLock);
+    chargesSettle();
+    const Sizes sizes = countAll();
+
+    Places places{};
+    uint8_t* block = snapshotStorage(layOutAreas(sizeof(SnapHeader), sizes, places));
+    if (block == nullptr) {
+        logPrint("Out of memory allocating snapshot storage");
+        return nullptr;
+    }
+
+    layOutAreas(reinterpret_cast<uintptr_t>(block) + sizeof(SnapHeader), sizes, places);
+    auto* head = reinterpret_cast<SnapHeader*>(block);
+    fillHead(*head, time, sizes, places);
+    eachRecord<PortEntry>(statistics.ports, [&](uint32_t number, PortEntry& port) {
+        if (port.live != 0) copyPort(number, port, places);
+    });
+    return head;
+}

@@ -1,0 +1,105 @@
+// A Snapshot: a flat copy, in one block, of everything that moved since the one before. It is the
+// seam between counting and showing: whoever prints, or wants another form of output, reads a
+// Snapshot and never the live statistics.
+//
+// The block holds, in this order: the head; all SnapPort, SnapNet, SnapHost, SnapRlHost,
+// SnapPtpHost, SnapSubject and SnapSubjectHost records; the subjects in their packed form, each on
+// a 4-byte boundary; the pointers to the host status messages; these messages, each on a 4-byte
+// boundary. A parent's pointer and count describe its slice of the shared array.
+//
+// Ownership: the block belongs to this module and is good until the next snapshotTake.
+//
+// Failure: snapshotTake gives nothing when memory runs out. Then nothing was copied or zeroed, and
+// the next one that succeeds covers both intervals.
+//
+// Threads: snapshotTake holds `statsLock` from its first look to its last copy. Sorting and reading
+// need no lock; one thread at a time takes, sorts and reads.
+//
+// Units and byte order: addresses and ports are words in network order, bytes and packets are
+// counts of the interval.
+
+#pragma once
+
+#include <cstdint>
+
+#include "trace/counts/two_sided_counters.h"
+
+// Seconds since 1970 and nanoseconds, of a packet or of the wall clock.
+struct SnapTime {
+    int32_t seconds = 0;
+    uint32_t nanoseconds = 0;
+
+    bool operator==(const SnapTime&) const = default;
+};
+
+struct SnapHost {
+    uint32_t host;
+    uint32_t net;   // written by the report's totals pass
+    uint16_t port;  // the SCid, 0 for none
+    double reliability;
+    uint64_t bad, gaps, data, bytes, nulls, rdata, rbytes;
+};
+
+struct SnapRlHost {
+    uint32_t host;
+    uint16_t port;
+    RlCounters counters;
+};
+
+struct SnapPtpHost {
+    uint32_t host;
+    uint16_t port;
+    PtpCounters counters;
+};
+
+struct SnapSubjectHost {
+    uint32_t host;
+    uint16_t port;
+    uint64_t msgs, bytes;
+};
+
+struct SnapSubject {
+    const uint8_t* subject;  // packed
+    uint64_t msgs, bytes;    // written by the report's totals pass
+    uint32_t hostCount;
+    SnapSubjectHost* hosts;
+};
+
+struct SnapNet {
+    uint32_t net;
+    uint32_t hostCount;
+    SnapHost* hosts;
+    uint32_t subjectCount;
+    SnapSubject* subjects;
+    uint32_t statusMsgCount;
+    const uint8_t** statusMsgs;  // none where the count is 0
+};
+
+struct SnapPort {
+    uint16_t port;
+    uint32_t netCount;
+    SnapNet* nets;
+    uint32_t rlHostCount;
+    SnapRlHost* rlHosts;
+    uint32_t ptpHostCount;
+    SnapPtpHost* ptpHosts;
+};
+
+struct SnapHeader {
+    SnapTime prevTime;  // when the snapshot before was taken
+    SnapTime thisTime;
+    uint64_t packets;      // all that reached classification
+    uint64_t oskaPackets;  // those of the bus among them
+    uint32_t portCount;
+    SnapPort* ports;
+};
+
+// Null when memory runs out.
+[[nodiscard]] SnapHeader* snapshotTake(SnapTime time);
+
+// For the start of a run: the time that the first snapshot counts from.
+void snapshotSetStart(SnapTime time);
+
+// Sorts in place: ports by number; nets, hosts and subject hosts by address, then SCid; subjects
+// element by element. Only the order within the arrays changes, every pointer stays good.
+void snapshotSort(SnapHeader* snapshot);

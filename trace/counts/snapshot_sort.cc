@@ -1,0 +1,332 @@
+// The order of a Snapshot's records.
+//
+// Records are large and subjects begin alike, so what is sorted is an array of small keys: sixteen
+// bytes of what orders a record, and the record's place. An address with its SCid fits into that.
+// Of subjects these are the first bytes in which they aren't all the same; those that still agree
+// are sorted among themselves by what follows. Last, the records are moved to where their keys are.
+//
+// The keys need memory. Without it the records themselves are sorted, slower.
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <numeric>
+#include <span>
+#include <type_traits>
+
+#include "lib/base/bytes.h"
+#include "lib/base/prefetch.h"
+#include "lib/containers/subject.h"
+#include "trace/counts/snapshot.h"
+
+namespace {
+
+constexpr uint32_t kFewRecords = 16;  // not worth keys
+
+struct SortKey {
+    uint64_t high, low;  // the bytes that are compared next, as one number
+    uint32_t index;      // of the record, ahead of the sort
+    uint16_t element;    // of a subject: where the element in hand begins
+    uint16_t next;       // and its byte behind those in `low`
+};
+
+constexpr size_t kKeyBytes = 16;
+
+bool keyBefore(const SortKey& left, const SortKey& right) {
+    if (left.high != right.high) return left.high < right.high;
+    return left.low < right.low;
+}
+
+bool sameKey(const SortKey& left, const SortKey& right) {
+    return left.high == right.high && left.low == right.low;
+}
+
+constexpr uint32_t kManyKeys = 4096;  // worth being dealt out
+constexpr uint32_t kHeaps = 65536;
+
+// Room for the keys, for a copy of the records of the largest array and, where there are many, for
+// dealing out; or none.
+struct Scratch {
+    SortKey* keys = nullptr;
+    void* records = nullptr;  // lent to the sorting of keys
+    uint32_t* heapEnds = nullptr;
+
+    [[nodiscard]] bool serves(uint32_t count) const {
+        return keys != nullptr && count >= kFewRecords;
+    }
+};
+
+void sortFewKeys(std::span<SortKey> keys) {
+    if (std::is_sorted(keys.begin(), keys.end(), keyBefore)) return;
+    std::sort(keys.begin(), keys.end(), keyBefore);
+}
+
+size_t heapOf(const SortKey& key) {
+    return key.high >> 48;
+}
+
+// Deals keys out by their first two bytes, which takes no comparison, and sorts each heap.
+void dealOutAndSort(std::span<SortKey> keys, const Scratch& scratch) {
+    const std::span<uint32_t> ends(scratch.heapEnds, kHeaps);
+    std::ranges::fill(ends, 0);
+    for (const SortKey& key : keys) {
+        ++ends[heapOf(key)];
+    }
+
+    // Until all are dealt, each heap's end is where its next key goes.
+    std::exclusive_scan(ends.begin(), ends.end(), ends.begin(), uint32_t{0});
+    auto* dealt = static_cast<SortKey*>(scratch.records);
+    for (const SortKey& key : keys) {
+        dealt[ends[heapOf(key)]++] = key;
+    }
+    std::memcpy(keys.data(), dealt, keys.size_bytes());
+    uint32_t begin = 0;
+    for (const uint32_t end : ends) {
+        if (end - begin > 1) sortFewKeys(keys.subspan(begin, end - begin));
+        begin = end;
+    }
+}
+
+void sortKeys(std::span<SortKey> keys, const Scratch& scratch) {
+    if (keys.size() < kManyKeys) return sortFewKeys(keys);
+    if (std::is_sorted(keys.begin(), keys.end(), keyBefore)) return;
+    dealOutAndSort(keys, scratch);
+}
+
+// Brings each record to the place of its key. Reading from all over the array and writing in
+// order lets the reads overlap, which following the cycles of the exchange in place wouldn't.
+template <typename Record>
+void moveToKeys(Record* records, uint32_t count, const Scratch& scratch) {
+    auto* moved = static_cast<Record*>(scratch.records);
+    for (uint32_t i = 0; i < count; ++i) {
+        moved[i] = records[scratch.keys[i].index];
+    }
+    std::memcpy(records, moved, count * sizeof(Record));
+}
+
+uint64_t orderWord(const SnapPort& port) {
+    return hostOrder16(port.port);
+}
+
+uint64_t orderWord(const SnapNet& net) {
+    return hostOrder32(net.net);
+}
+
+template <typename Host>
+uint64_t orderWord(const Host& host) {
+    return uint64_t{hostOrder32(host.host)} << 16 | hostOrder16(host.port);
+}
+
+template <typename Record>
+void sortRecords(Record* records, uint32_t count, const Scratch& scratch) {
+    const auto before = [](const Record& left, const Record& right) {
+        return orderWord(left) < orderWord(right);
+    };
+    if (std::is_sorted(records, records + count, before)) return;
+    if (!scratch.serves(count)) {
+        std::sort(records, records + count, before);
+        return;
+    }
+    const std::span keys(scratch.keys, count);
+    for (uint32_t i = 0; i < count; ++i) {
+        keys[i] = {orderWord(records[i]), 0, i, 0, 0};
+    }
+    sortKeys(keys, scratch);
+    moveToKeys(records, count, scratch);
+}
+
+// Subjects. One is ordered by its elements' texts, each up to its first NUL and with it, one behind
+// the other. Behind the last element follow NULs without end: so the shorter of two comes first,
+// except that empty elements at the end look like none and are told apart by the count.
+
+// The next eight bytes of a subject, or as many as there are and zeros, as one number.
+uint64_t loadAhead(const uint8_t* subject, size_t totalLength, size_t next) {
+    const size_t left = totalLength - next;
+    if (left >= 8) return loadBe64At(subject + next);
+    if (totalLength >= 8) return loadBe64At(subject + totalLength - 8) << (8 - left) * 8;
+    uint64_t bytes = 0;
+    for (size_t i = 0; i < left; ++i) {
+        bytes |= uint64_t{subject[next + i]} << (7 - i) * 8;
+    }
+    return bytes;
+}
+
+// How many bytes stand ahead of the first NUL: 8 where there's none.
+size_t countBeforeNul(uint64_t bytes) {
+    constexpr uint64_t kLow7 = 0x7f7f7f7f7f7f7f7f;
+    const uint64_t nuls = ~(((bytes & kLow7) + kLow7) | bytes | kLow7);
+    return static_cast<size_t>(std::countl_zero(nuls)) / 8;
+}
+
+// Shifts the first 1 to 8 of `bytes` in.
+void shiftIn(SortKey& key, uint64_t bytes, size_t count) {
+    const uint64_t first = bytes >> (8 - count) * 8;
+    key.high = count == 8 ? key.low : key.high << count * 8 | key.low >> (8 - count) * 8;
+    key.low = count == 8 ? first : key.low << count * 8 | first;
+}
+
+// Shifts the subject's next bytes into the key. False if there were none left. Works on a copy,
+// which no store through a byte pointer could change and which so stays in registers.
+bool takeBytes(SortKey& key, const uint8_t* subject, size_t count) {
+    const size_t totalLength = subjectLength(subject);
+    SortKey taken = key;
+    while (count > 0 && taken.element < totalLength) {
+        const uint64_t bytes = loadAhead(subject, totalLength, taken.next);
+        const size_t text = countBeforeNul(bytes);
+        const size_t shifted = std::min({text + 1, count, size_t{8}});
+        shiftIn(taken, bytes, shifted);
+        count -= shifted;
+        taken.next = static_cast<uint16_t>(taken.next + shifted);
+        if (shifted <= text) continue;
+        taken.element = static_cast<uint16_t>(taken.element + subject[taken.element]);
+        taken.next = static_cast<uint16_t>(taken.element + 1);
+    }
+    while (count > 0) {
+        const size_t shifted = std::min<size_t>(count, 8);
+        shiftIn(taken, 0, shifted);
+        count -= shifted;
+    }
+    const bool any = key.element < totalLength;
+    key = taken;
+    return any;
+}
+
+bool takeBytesOfAll(std::span<SortKey> keys, const SnapSubject* subjects, size_t count) {
+    bool any = false;
+    for (SortKey& key : keys) {
+        any |= takeBytes(key, subjects[key.index].subject, count);
+    }
+    return any;
+}
+
+// How many bytes all keys begin with alike.
+size_t countCommonBytes(std::span<const SortKey> keys) {
+    uint64_t high = 0;
+    uint64_t low = 0;
+    for (const SortKey& key : keys) {
+        high |= key.high ^ keys[0].high;
+        low |= key.low ^ keys[0].low;
+    }
+    const int bits = high != 0 ? std::countl_zero(high) : 64 + std::countl_zero(low);
+    return static_cast<size_t>(bits) / 8;
+}
+
+// Keys that agree in all bytes: by count of elements, then by the place that they had.
+void sortEqual(std::span<SortKey> keys, const SnapSubject* subjects, const Scratch& scratch) {
+    for (SortKey& key : keys) {
+        key.high = subjectElementCount(subjects[key.index].subject);
+        key.low = key.index;
+    }
+    sortKeys(keys, scratch);
+}
+
+// Sorted keys lead all over memory. While one is in hand, those that will be soon are asked for:
+// the record first, and once it has come, its subject.
+void prefetchSubject(std::span<const SortKey> keys, size_t at, const SnapSubject* subjects) {
+    constexpr size_t kAhead = 12;
+    if (at + 2 * kAhead < keys.size()) prefetchLine(&subjects[keys[at + 2 * kAhead].index]);
+    if (at + kAhead < keys.size()) prefetchLine(subjects[keys[at + kAhead].index].subject);
+}
+
+// Sorts keys that agree in the bytes taken so far. A subject has few bytes, and sixteen more of
+// them are taken each time, which bounds the recursion.
+void sortSubjectKeys(std::span<SortKey> keys, const SnapSubject* subjects, const Scratch& scratch) {
+    size_t common = kKeyBytes;
+    while (takeBytesOfAll(keys, subjects, common)) {
+        common = countCommonBytes(keys);
+        if (common == 0) break;
+    }
+    if (countCommonBytes(keys) == kKeyBytes) {
+        sortEqual(keys, subjects, scratch);
+        return;
+    }
+    sortKeys(keys, scratch);
+    for (size_t start = 0, end = 0; start < keys.size(); start = end) {
+        while (end < keys.size() && sameKey(keys[end], keys[start])) {
+            prefetchSubject(keys, end++, subjects);
+        }
+        if (end - start > 1) sortSubjectKeys(keys.subspan(start, end - start), subjects, scratch);
+    }
+}
+
+bool subjectBefore(const SnapSubject& left, const SnapSubject& right) {
+    return subjectCompare(left.subject, right.subject) < 0;
+}
+
+void sortSubjects(SnapSubject* subjects, uint32_t count, const Scratch& scratch) {
+    if (!scratch.serves(count)) {
+        std::sort(subjects, subjects + count, subjectBefore);
+        return;
+    }
+    const std::span keys(scratch.keys, count);
+    for (uint32_t i = 0; i < count; ++i) {
+        keys[i] = {0, 0, i, kSubjectHeadBytes, kSubjectHeadBytes + 1};
+    }
+    sortSubjectKeys(keys, subjects, scratch);
+    moveToKeys(subjects, count, scratch);
+}
+
+// What has an order: `visit` gets each array of the Snapshot and its count, parents first.
+template <typename Visit>
+void eachArray(const SnapHeader& snapshot, Visit visit) {
+    visit(snapshot.ports, snapshot.portCount);
+    for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
+        visit(port.nets, port.netCount);
+        visit(port.rlHosts, port.rlHostCount);
+        visit(port.ptpHosts, port.ptpHostCount);
+        for (const SnapNet& net : std::span(port.nets, port.netCount)) {
+            visit(net.hosts, net.hostCount);
+            for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
+                visit(subject.hosts, subject.hostCount);
+            }
+            visit(net.subjects, net.subjectCount);
+        }
+    }
+}
+
+struct Largest {
+    uint32_t count = 0;
+    size_t bytes = 0;
+};
+
+Largest findLargest(const SnapHeader& snapshot) {
+    Largest largest;
+    eachArray(snapshot, [&](const auto* records, uint32_t count) {
+        largest.count = std::max(largest.count, count);
+        largest.bytes = std::max(largest.bytes, count * sizeof *records);
+        static_assert(sizeof *records >= sizeof(SortKey));  // the room is lent for keys
+    });
+    return largest;
+}
+
+struct Free {
+    void operator()(void* block) const { std::free(block); }
+};
+
+}  // namespace
+
+void snapshotSort(SnapHeader* snapshot) {
+    const Largest largest = findLargest(*snapshot);
+    const size_t keyBytes = largest.count * sizeof(SortKey);
+    const size_t endBytes = largest.count >= kManyKeys ? kHeaps * sizeof(uint32_t) : 0;
+    std::unique_ptr<uint8_t, Free> block;
+    Scratch scratch;
+    if (largest.count >= kFewRecords) {
+        block.reset(static_cast<uint8_t*>(std::malloc(keyBytes + largest.bytes + endBytes)));
+    }
+    if (block != nullptr) {
+        uint8_t* records = block.get() + keyBytes;
+        scratch = {reinterpret_cast<SortKey*>(block.get()), records,
+                   reinterpret_cast<uint32_t*>(records + largest.bytes)};
+    }
+    eachArray(*snapshot, [&](auto* records, uint32_t count) {
+        if constexpr (std::is_same_v<decltype(records), SnapSubject*>) {
+            sortSubjects(records, count, scratch);
+        } else {
+            sortRecords(records, count, scratch);
+        }
+    });
+}

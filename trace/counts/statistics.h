@@ -1,0 +1,222 @@
+// The statistics of the tool: one tree of records, built as traffic is seen. The first packet that
+// names a port, a destination address, a host or a subject makes its record; packet handlers count
+// in place; the snapshot copies out what moved and zeroes it.
+//
+//     ports:  dstPort -> PortEntry
+//               nets:     dstIp -> NetEntry
+//                           hosts:    (srcIp, srcPort) -> HostEntry
+//                           subjects: packed subject -> SubjectEntry
+//                                       first, others: (srcIp, srcPort) -> HostSubjEntry
+//               rlHosts:  (address, UDP port) -> RlHostEntry
+//               ptpHosts: (address, UDP port) -> PtpHostEntry
+//     services: (host, SCid) -> ServiceEntry, beside the tree
+//
+// Ownership: the tree owns its records and lives until the process ends. Only subjects are ever
+// removed: by the first snapshot, under a live port, that finds them silent.
+//
+// Failure: each find-or-create gives null when memory runs out, after logging which record or
+// dictionary it was for; nothing half-made stays. The caller gives the packet up, and the next
+// packet tries again.
+//
+// Liveness: `live` is set by a handler on every record of its path, ahead of the checks of the
+// packet's own header, and cleared by the snapshot. Only live records are reported.
+//
+// Threads: all of it under `statsLock`, except `services`: that belongs to the thread that prints.
+//
+// Byte order: addresses and ports are words in network order, in records and in keys alike.
+// Counters are packets unless their name says bytes.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "lib/base/lock.h"
+#include "lib/base/status.h"
+#include "lib/containers/dict.h"
+#include "lib/containers/probe_index.h"
+#include "lib/containers/subject_map.h"
+#include "trace/counts/charge.h"
+#include "trace/counts/two_sided_counters.h"
+
+struct PortEntry {
+    uint32_t live;
+    Dict32* nets;
+    Dict64* rlHosts;
+    Dict64* ptpHosts;
+};
+
+struct NetEntry {
+    uint32_t live;
+    Dict64* hosts;
+    ProbeIndex hostIndex;  // of the same records: where a packet finds its sender in one step
+    SubjectMap* subjects;
+
+    // Host status messages held for the next snapshot, one behind the other, each on a 4-byte
+    // boundary and in its wire form, whose first word is its length.
+    uint8_t* statusBuf;
+    uint32_t statusCapacity;  // bytes
+    uint32_t statusUsed;      // bytes
+    uint32_t statusCount;     // messages
+};
+
+// One sender of multicast packets under a net. What new data reads or moves comes first.
+struct HostEntry {
+    uint32_t live;
+
+    // What is known of the sender; outlives snapshots.
+    uint32_t epoch;    // last epoch word, host order
+    uint32_t lastSeq;  // highest sequence number of this epoch
+    uint64_t key;      // hostKey
+
+    // Counters of the interval.
+    uint64_t data, bytes;
+    uint64_t gaps;  // sequence numbers missed
+    uint64_t bad;
+    uint64_t nulls;
+    uint64_t rdata, rbytes;  // repeated data: at or below lastSeq
+
+    double reliability;  // of the last null packet that told it; outlives snapshots
+};
+
+// One host's part in retransmission control under a port.
+struct RlHostEntry {
+    uint32_t live;
+    RlCounters counters;
+};
+
+// The same for point-to-point traffic.
+struct PtpHostEntry {
+    uint32_t live;
+    PtpCounters counters;
+};
+
+// What one host sent on one subject.
+struct HostSubjEntry {
+    uint32_t live;
+    uint64_t msgs, bytes;
+};
+
+// A subject under a net; its packed form stands right behind the record.
+//
+// Nearly every subject has one publisher. The first is therefore held in place, so that charging a
+// message touches no memory but this; a dictionary is made for the second.
+struct SubjectEntry {
+    SubjectMapEntry place;  // the map's
+    uint32_t live;
+    uint64_t firstKey;  // hostKey of `first`
+    HostSubjEntry first;
+    Dict64* others;  // null while there are none
+};
+
+struct ServiceEntry {
+    uint32_t host;
+    uint16_t scid;
+    uint16_t servicePort;  // 0 until set
+};
+
+// Guards the statistics and, while capture runs, the capture file.
+extern Lock statsLock;
+
+struct Statistics {
+    Dict32* ports;
+    Dict64* services;
+    uint32_t totalPackets;  // that reached classification since the last snapshot
+    uint32_t oskaPackets;   // that carried the magic
+    ChargeLine charges;
+};
+
+extern Statistics statistics;
+
+// Keys of the 64-bit dictionaries: the address in the high half.
+[[nodiscard]] inline uint64_t hostKey(uint32_t address, uint16_t port) {
+    return uint64_t{address} << 32 | port;
+}
+
+[[nodiscard]] inline uint32_t hostKeyAddress(uint64_t key) {
+    return static_cast<uint32_t>(key >> 32);
+}
+
+[[nodiscard]] inline uint16_t hostKeyPort(uint64_t key) {
+    return static_cast<uint16_t>(key);
+}
+
+// Once, ahead of everything else here. kStatusNoMemory if anything can't be had. Applies
+// "-no-display" to the display switches.
+[[nodiscard]] pelmoStatus statsInit();
+
+// Frees the tree, also one that statsInit couldn't complete. For programs that build more than one:
+// tests, fuzzing.
+void statsDestroy();
+
+[[nodiscard]] PortEntry* portEntry(uint16_t dstPort);
+[[nodiscard]] NetEntry* netEntry(PortEntry& port, uint32_t dstIp);
+[[nodiscard]] HostEntry* hostEntry(NetEntry& net, uint32_t srcIp, uint16_t srcPort);
+[[nodiscard]] RlHostEntry* rlHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
+[[nodiscard]] PtpHostEntry* ptpHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
+
+// `subject` is packed, well formed and has at least one element; it is copied. A new one holds the
+// given host as its first, silent until somebody marks it.
+[[nodiscard]] SubjectEntry* subjectEntry(NetEntry& net,
+                                         const uint8_t* subject,
+                                         uint32_t srcIp,
+                                         uint16_t srcPort);
+[[nodiscard]] HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t srcPort);
+
+// On a large bus a packet's sender is two trips to memory: the slot of an index, and the record.
+// These ask the cache for them ahead of their use, so that the trips go on beside other work. They
+// create and mark nothing, and nothing depends on them.
+struct SenderAhead {
+    const NetEntry* net;  // null where no packet has come to it yet: nothing to ask for
+    uint32_t hostHash;
+};
+
+[[nodiscard]] SenderAhead prefetchSenderSlot(uint16_t dstPort, uint32_t dstIp, uint64_t senderKey);
+void prefetchSender(const SenderAhead& ahead);
+
+// Calls visit(key, record) for each record of a dictionary, in the dictionary's order.
+template <typename Record, typename Visit>
+void eachRecord(Dict64* dict, Visit visit) {
+    Dict64Iterator iterator;
+    uint64_t key = 0;
+    void* record = nullptr;
+    dict64IterInit(dict, &iterator);
+    while (dict64IterNext(&iterator, &key, &record)) {
+        visit(key, *static_cast<Record*>(record));
+    }
+}
+
+template <typename Record, typename Visit>
+void eachRecord(Dict32* dict, Visit visit) {
+    Dict32Iterator iterator;
+    uint32_t key = 0;
+    void* record = nullptr;
+    dict32IterInit(dict, &iterator);
+    while (dict32IterNext(&iterator, &key, &record)) {
+        visit(key, *static_cast<Record*>(record));
+    }
+}
+
+template <typename Visit>
+void eachSubjectHost(SubjectEntry& subject, Visit visit) {
+    visit(subject.firstKey, subject.first);
+    if (subject.others != nullptr) eachRecord<HostSubjEntry>(subject.others, visit);
+}
+
+// Takes the subject out of its net and frees it with all that is counted under it. The subject at
+// the net's last place moves to the place that falls free.
+void subjectRemove(NetEntry& net, SubjectEntry& subject);
+
+// The subject at a place of the net, 0 to the count of its map - 1.
+[[nodiscard]] inline SubjectEntry& subjectAt(const NetEntry& net, uint32_t place) {
+    return *reinterpret_cast<SubjectEntry*>(subjectMapAt(net.subjects, place));
+}
+
+[[nodiscard]] inline const uint8_t* packedSubject(const SubjectEntry& subject) {
+    return reinterpret_cast<const uint8_t*>(&subject + 1);
+}
+
+[[nodiscard]] ServiceEntry* serviceEntry(uint32_t host, uint16_t scid);
+
+// 0 where host and SCid were never reported.
+[[nodiscard]] uint16_t servicePort(uint32_t host, uint16_t scid);

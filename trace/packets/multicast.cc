@@ -1,0 +1,127 @@
+#include "trace/packets/multicast.h"
+
+#include <bit>
+
+#include "trace/counts/statistics.h"
+#include "trace/packets/inspection.h"
+#include "trace/packets/scan.h"
+
+namespace {
+
+constexpr size_t kFragmentOffset = 30;
+constexpr size_t kNullHeaderBytes = 24;
+constexpr size_t kReliabilityOffset = 24;
+constexpr size_t kReliableNullHeaderBytes = 32;
+
+constexpr uint16_t kFragmentWhole = 0;
+constexpr uint16_t kFragmentRunsOn = 1;
+
+struct SenderPath {
+    NetEntry* net;
+    HostEntry* host;
+};
+
+// The records that the packet counts under, marked live ahead of every check: even a packet that
+// proves too short brings its sender into the report. Without a host where memory ran out.
+SenderPath findSender(const OskaPacket& packet) {
+    PortEntry* port = portEntry(packet.dstPort);
+    if (port == nullptr) return {};
+    NetEntry* net = netEntry(*port, packet.dstIp);
+    if (net == nullptr) return {};
+    HostEntry* host = hostEntry(*net, packet.srcIp, packet.srcPort);
+    if (host == nullptr) return {};
+
+    port->live = net->live = host->live = 1;
+    return {net, host};
+}
+
+// False where the scan found a fault.
+bool scanData(const SenderPath& sender, const OskaPacket& packet) {
+    const uint16_t fragment = loadBe16(packet.header, kFragmentOffset);
+    if (fragment > kFragmentRunsOn) return true;
+    const bool strict = packet.complete && fragment == kFragmentWhole;
+    const auto payload = packet.header.left.subspan(kOskaDataHeaderBytes);
+    return scanMessages({*sender.net, packet.srcIp, packet.srcPort, strict}, payload) == 0;
+}
+
+// Counts new or repeated data. False where the scan of new data found a fault.
+bool countData(const SenderPath& sender, const OskaPacket& packet, uint32_t dataBytes) {
+    HostEntry& host = *sender.host;
+    const uint32_t epoch = loadBe32(packet.header, kOskaEpochOffset);
+    const uint32_t seq = loadBe32(packet.header, kOskaSeqOffset);
+    if (epoch != host.epoch) {
+        host.epoch = epoch;
+        host.lastSeq = seq - 1;
+    }
+
+    // A sender that starts at 0 leaves `lastSeq` at its top: its first packet counts as repeated.
+    if (seq <= host.lastSeq) {
+        ++host.rdata;
+        host.rbytes += dataBytes;
+        return true;
+    }
+    host.gaps += seq - host.lastSeq - 1;
+    ++host.data;
+    host.bytes += dataBytes;
+    host.lastSeq = seq;
+    return scanData(sender, packet);
+}
+
+void followNull(HostEntry& host, uint32_t epoch, uint32_t seq) {
+    if (epoch != host.epoch) {
+        host.epoch = epoch;
+        host.lastSeq = seq;
+    } else if (seq > host.lastSeq) {
+        host.gaps += seq - host.lastSeq;
+        host.lastSeq = seq;
+    }
+}
+
+}  // namespace
+
+void dataHandle(const OskaPacket& packet) {
+    const SenderPath sender = findSender(packet);
+    if (sender.host == nullptr) return;
+
+    Inspection inspection{packet, "data", packet.bad};
+    if (!headerInHand(inspection, "data", kOskaDataHeaderBytes)) {
+        if (packet.complete) ++sender.host->bad;
+        return;
+    }
+    checkSrc(inspection);
+    checkDstGroup(inspection);
+    const uint32_t dataBytes = checkDataLength(inspection);
+
+    const bool sound = countData(sender, packet, dataBytes);
+    if (inspection.bad || !sound) ++sender.host->bad;
+}
+
+void nullHandle(const OskaPacket& packet) {
+    const SenderPath sender = findSender(packet);
+    if (sender.host == nullptr) return;
+
+    Inspection inspection{packet, "null", packet.bad};
+    const bool reliable = packet.header.left.size() != kNullHeaderBytes;
+    if (reliable && !headerInHand(inspection, "null", kReliableNullHeaderBytes)) {
+        if (packet.complete) ++sender.host->bad;
+        return;
+    }
+    checkSrc(inspection);
+    checkDstGroup(inspection);
+
+    HostEntry& host = *sender.host;
+    if (reliable) {
+        host.reliability = std::bit_cast<double>(loadBe64(packet.header, kReliabilityOffset));
+    }
+    followNull(host, loadBe32(packet.header, kOskaEpochOffset),
+               loadBe32(packet.header, kOskaSeqOffset));
+    ++host.nulls;
+    if (inspection.bad) ++host.bad;
+}
+
+void unknownTypeHandle(const OskaPacket& packet) {
+    const SenderPath sender = findSender(packet);
+    if (sender.host == nullptr) return;
+    complain(packet.srcIp, "OSKA packet with invalid type (%d)", packet.type);
+    ++sender.host->bad;
+}

@@ -1,0 +1,152 @@
+#include "trace/packets/scan.h"
+
+#include <cstring>
+
+#include "lib/base/bytes.h"
+#include "lib/base/log.h"
+#include "lib/containers/subject.h"
+#include "trace/counts/charge.h"
+#include "trace/counts/host_status.h"
+#include "trace/packets/address.h"
+#include "trace/packets/inspection.h"
+#include "trace/settings.h"
+
+namespace {
+
+constexpr uint32_t kMessageMagic = 0x9955eeaa;
+constexpr size_t kMessageHeadBytes = 8;
+constexpr size_t kMagicOffset = 4;
+
+constexpr uint8_t kFieldTypeSubject = 2;
+constexpr uint8_t kFirstLongClass = 120;
+constexpr uint8_t kSizeClass16 = 121;
+constexpr uint8_t kSizeClass32 = 122;
+
+constexpr uint8_t kSubjectName[] = {'s', 'u', 'b', 0};
+
+// What a step of the walk comes to.
+enum class Walk {
+    kGoOn,
+    kEnd,    // nothing more can be read, and that is no fault
+    kFault,  // told
+};
+
+struct Message {
+    const uint8_t* bytes;
+    uint32_t declaredBytes;
+    size_t inHand;  // of the declared ones
+};
+
+struct Field {
+    const uint8_t* data;  // with its length word
+    size_t dataBytes;
+    uint8_t type;
+    uint8_t sizeClass;
+    bool namedSub;
+};
+
+[[gnu::cold]] Walk messageFault(const ScanSource& source, const char* fault) {
+    if (traceSettings.complain) {
+        logPrint("Invalid message from %s - %s", ipToText(source.srcIp), fault);
+    }
+    return Walk::kFault;
+}
+
+// Something reaches past what is in hand.
+Walk shortfall(const ScanSource& source) {
+    return source.strict ? messageFault(source, "invalid field") : Walk::kEnd;
+}
+
+// Reads the field at the begin of `left`, which isn't empty.
+Walk readField(const ScanSource& source, std::span<const uint8_t> left, Field& field) {
+    const size_t typeOffset = size_t{1} + left[0];
+    if (typeOffset + 2 > left.size()) return shortfall(source);
+    field.type = left[typeOffset];
+    field.sizeClass = left[typeOffset + 1];
+    field.namedSub = left[0] >= sizeof kSubjectName &&
+                     std::memcmp(&left[1], kSubjectName, sizeof kSubjectName) == 0;
+
+    const size_t dataOffset = typeOffset + 2;
+    const Cursor data{left.subspan(dataOffset)};
+    field.data = data.left.data();
+    if (field.sizeClass < kFirstLongClass) {
+        field.dataBytes = field.sizeClass;
+    } else if (field.sizeClass == kSizeClass16) {
+        if (!cursorHolds(data, 0, 2)) return shortfall(source);
+        field.dataBytes = loadBe16(data, 0);
+    } else if (field.sizeClass == kSizeClass32) {
+        if (!cursorHolds(data, 0, 4)) return shortfall(source);
+        field.dataBytes = loadBe32(data, 0);
+    } else {
+        return messageFault(source, "invalid field");
+    }
+    return cursorHolds(data, 0, field.dataBytes) ? Walk::kGoOn : shortfall(source);
+}
+
+// A subject without elements is well formed and names nothing: it isn't charged.
+Walk chargeSubject(const ScanSource& source, const Message& message, const Field& field) {
+    if (field.sizeClass != kSizeClass16 || !subjectIsValid(field.data)) {
+        return messageFault(source, "corrupt subject field");
+    }
+    if (subjectElementCount(field.data) == 0) return Walk::kGoOn;
+
+    if (!chargeMessage(source.net, source.srcIp, source.srcPort, field.data,
+                       message.declaredBytes)) {
+        return Walk::kEnd;
+    }
+    if (message.inHand == message.declaredBytes && hostStatusMatch(field.data)) {
+        hostStatusStore(source.net, message.bytes, message.declaredBytes);
+    }
+    return Walk::kGoOn;
+}
+
+// All fields are walked and tested, and each subject field is charged.
+Walk walkFields(const ScanSource& source, const Message& message) {
+    std::span<const uint8_t> left{message.bytes, message.inHand};
+    left = left.subspan(kMessageHeadBytes);
+    while (!left.empty()) {
+        Field field{};
+        Walk walk = readField(source, left, field);
+        if (walk != Walk::kGoOn) return walk;
+        if (field.type == kFieldTypeSubject && field.namedSub) {
+            walk = chargeSubject(source, message, field);
+            if (walk != Walk::kGoOn) return walk;
+        }
+        left = left.subspan(static_cast<size_t>(field.data - left.data()) + field.dataBytes);
+    }
+    return Walk::kGoOn;
+}
+
+Walk openMessage(const ScanSource& source, std::span<const uint8_t> left, Message& message) {
+    const Cursor head{left};
+    if (!cursorHolds(head, 0, kMessageHeadBytes)) {
+        if (!source.strict) return Walk::kEnd;
+        complain(source.srcIp, "OSKA payload too small to contain message");
+        return Walk::kFault;
+    }
+    if (loadBe32(head, kMagicOffset) != kMessageMagic) return messageFault(source, "bad magic");
+
+    message = {left.data(), loadBe32(head, 0), left.size()};
+    if (message.declaredBytes < kMessageHeadBytes) {
+        return messageFault(source, "invalid message length");
+    }
+    if (message.declaredBytes <= left.size()) {
+        message.inHand = message.declaredBytes;
+    } else if (source.strict) {
+        return messageFault(source, "message length greater than payload");
+    }
+    return Walk::kGoOn;
+}
+
+}  // namespace
+
+int scanMessages(const ScanSource& source, std::span<const uint8_t> payload) {
+    for (auto left = payload; !left.empty();) {
+        Message message{};
+        Walk walk = openMessage(source, left, message);
+        if (walk == Walk::kGoOn) walk = walkFields(source, message);
+        if (walk != Walk::kGoOn) return walk == Walk::kFault ? 1 : 0;
+        left = left.subspan(message.inHand);
+    }
+    return 0;
+}

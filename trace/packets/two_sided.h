@@ -1,0 +1,66 @@
+// Packets between two hosts: six types of two families that differ in a word, a header, a check and
+// the counters that they move. Each packet is counted twice, in the record of its source and in
+// that of its destination; these may be the same record.
+//
+// Threads: under `statsLock`.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "trace/counts/statistics.h"
+#include "trace/packets/inspection.h"
+#include "trace/packets/oska.h"
+
+template <typename Counters>
+struct TwoSidedType {
+    int16_t type;
+    const char* word;        // what messages call the packet
+    const char* headerWord;  // and its header
+    size_t headerBytes;
+    void (*checkDst)(Inspection& inspection);
+    uint64_t Counters::*sent;
+    uint64_t Counters::*recv;
+
+    // What else the packet carries: requests or bytes. None for most.
+    uint32_t (*checkAmount)(Inspection& inspection);
+    uint64_t Counters::*amountSent;
+    uint64_t Counters::*amountRecv;
+};
+
+// `find` finds or creates a record of the family under the packet's port.
+template <typename Counters, typename Entry>
+void twoSidedHandle(const TwoSidedType<Counters>& type,
+                    const OskaPacket& packet,
+                    Entry* (*find)(PortEntry& port, uint32_t address, uint16_t udpPort)) {
+    PortEntry* port = portEntry(packet.dstPort);
+    if (port == nullptr) return;
+    Entry* source = find(*port, packet.srcIp, packet.srcPort);
+    if (source == nullptr) return;
+    Entry* destination = find(*port, packet.dstIp, packet.dstPort);
+    if (destination == nullptr) return;
+
+    // Ahead of every check: even a packet that proves too short brings its hosts into the report.
+    port->live = source->live = destination->live = 1;
+
+    Inspection inspection{packet, type.word, packet.bad};
+    if (!headerInHand(inspection, type.headerWord, type.headerBytes)) {
+        if (packet.complete) ++source->counters.badSent;
+        return;
+    }
+    checkSrc(inspection);
+    type.checkDst(inspection);
+
+    ++(source->counters.*type.sent);
+    ++(destination->counters.*type.recv);
+    if (type.checkAmount != nullptr) {
+        const uint32_t amount = type.checkAmount(inspection);
+        source->counters.*type.amountSent += amount;
+        destination->counters.*type.amountRecv += amount;
+    }
+    if (inspection.bad) {
+        ++source->counters.badSent;
+        ++destination->counters.badRecv;
+    }
+}

@@ -1,0 +1,208 @@
+#include "trace/run/run.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+#include "lib/base/clock.h"
+#include "lib/base/lock.h"
+#include "lib/base/log.h"
+#include "lib/base/path.h"
+#include "lib/pelmo/pelmo.h"
+#include "lib/transport/secure_modules.h"
+#include "trace/capture/capture_rotation.h"
+#include "trace/capture/capture_session.h"
+#include "trace/capture/capture_state.h"
+#include "trace/counts/snapshot.h"
+#include "trace/counts/statistics.h"
+#include "trace/run/command_line.h"
+#include "trace/run/live_run.h"
+#include "trace/run/offline_run.h"
+#include "trace/run/rotation_settings.h"
+#include "trace/run/stop_wait.h"
+#include "trace/settings.h"
+
+namespace {
+
+constexpr const char* kProgramName = "pelmoscope";
+constexpr char kBanner[] = "\nPelmo trace program\n\nVersion 8.5.2 V1 11/12/20 06:42:40\n";
+constexpr double kRotationCheckSeconds = 1.0;
+constexpr double kLastReportSeconds = 0.5;
+
+// A standard stream that the caller closed would lend its number to the next file opened, and log
+// lines and reports would land in a capture.
+void holdStandardStreams() {
+    int descriptor;
+    do {
+        descriptor = open("/dev/null", O_RDWR);
+    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor >= 0) close(descriptor);
+}
+
+pelmoStatus openLog() {
+    return logOpen(traceSettings.logFile, traceSettings.logLimitBytes,
+                   traceSettings.logMaxRotations, kBanner);
+}
+
+pelmoStatus openSource() {
+    captureState.captureHandle = traceSettings.liveCapture ? openLive(traceSettings.interfaceName)
+                                                           : openOffline(traceSettings.readFile);
+    return captureState.captureHandle != nullptr ? kStatusSuccess : kStatusNotInitialized;
+}
+
+// The path is made absolute because a live run leaves its directory and a rotation comes later.
+pelmoStatus openCaptureFile() {
+    const char* const path = traceSettings.writeFile;
+    if (path == nullptr) return kStatusSuccess;
+
+    captureState.dumpHandle = openDump(captureState.captureHandle, path);
+    if (captureState.dumpHandle == nullptr) {
+        logPrint("failed to open save file '%s'", path);
+        return kStatusNotInitialized;
+    }
+    captureState.savingFrames = true;
+
+    const std::unique_ptr<char, decltype(&std::free)> resolved(absolutePath(path), std::free);
+    if (!resolved) {
+        logPrint("failed to resolve save file '%s'.", path);
+        return kStatusNotInitialized;
+    }
+    traceSettings.resolvedWriteFile = resolved.get();
+    traceSettings.writeFile = traceSettings.resolvedWriteFile.c_str();
+    const uint64_t sizeBytes = fileSize64(resolved.get());
+    captureState.captureBytes = sizeBytes != kFileSizeUnknown64 ? sizeBytes : 0;
+    return kStatusSuccess;
+}
+
+// A refused filter has told its fault; the run goes on with all traffic.
+pelmoStatus filterSource() {
+    (void)installFilter(captureState.captureHandle, traceSettings.filterText);
+    return kStatusSuccess;
+}
+
+pelmoStatus markStart() {
+    TimeSpec now;
+    clockNow(&now);
+    snapshotSetStart({now.seconds, now.nanoseconds});
+    return kStatusSuccess;
+}
+
+// A closed reader of the reports shall not end a run that others rely on: it is told in the log.
+pelmoStatus outliveReaders() {
+    struct sigaction action = {};
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+    return kStatusSuccess;
+}
+
+// What every timer of a run has in common. None is destroyed: they end with the library.
+template <void (*tick)()>
+pelmoStatus startTimer(double seconds) {
+    const auto onTick = [](uint32_t, pelmoMsg*, void*) { tick(); };
+    uint32_t timer = kNoId;
+    return pelmoEvent_CreateTimer(&timer, kTimerQueueId, onTick, seconds, nullptr);
+}
+
+pelmoStatus startRotationTimer() {
+    if (traceSettings.captureLimitBytes == 0) return kStatusSuccess;
+    captureRotationStart();
+    return startTimer<onRotationTimer>(kRotationCheckSeconds);
+}
+
+pelmoStatus startSnapshotTimer() {
+    return startTimer<onSnapshotTimer>(traceSettings.updateInterval);
+}
+
+struct StartStep {
+    bool liveOnly;
+    pelmoStatus (*run)();
+};
+
+constexpr bool kLiveOnly = true;
+constexpr bool kEitherMode = false;
+
+// The order is what operators see in the log, and each step stands on those ahead of it.
+constexpr StartStep kStartSteps[] = {
+    {kEitherMode, validateLogRotation},
+    {kEitherMode, validateCaptureRotation},
+    {kEitherMode, statsInit},
+    {kEitherMode, openLog},
+    {kEitherMode, openSource},
+    {kLiveOnly, outliveReaders},
+    {kEitherMode, openCaptureFile},
+    {kEitherMode, filterSource},
+    {kLiveOnly, markStart},
+    {kLiveOnly, liveRunInit},
+    {kEitherMode, pelmo_Open},
+    {kEitherMode, startRotationTimer},
+    {kLiveOnly, startSnapshotTimer},
+    {kLiveOnly, captureThreadStart},
+};
+
+void leaveDirectory() {
+    if (chdir("/") != 0) return;  // no matter: all paths are absolute by now
+}
+
+void runLive() {
+    if (!traceSettings.foreground) leaveDirectory();
+    waitForStop();
+}
+
+// The capture thread isn't joined: a frame in flight may still want to be saved or counted. Behind
+// this turn at the lock it finds the shutdown, and nothing of the run is touched any more.
+void closeCaptureFile() {
+    const LockGuard guard(statsLock);
+    if (captureState.dumpHandle == nullptr) return;
+    closeDump(captureState.dumpHandle);
+    captureState.dumpHandle = nullptr;
+}
+
+}  // namespace
+
+pelmoStatus startTrace() {
+    for (const StartStep& step : kStartSteps) {
+        if (step.liveOnly && !traceSettings.liveCapture) continue;
+        const pelmoStatus status = step.run();
+        if (status != kStatusSuccess) return status;
+    }
+    return kStatusSuccess;
+}
+
+void stopTrace() {
+    logPrint("Shutting down ...");
+    captureState.shuttingDown.store(true, std::memory_order_relaxed);
+    captureThreadRelease();
+    closeCaptureFile();
+    logClose();
+    if (traceSettings.liveCapture) stopWaitRelease();
+    // All that was captured is safe by now. A report that nobody reads holds its thread and its
+    // stream, and every orderly end would wait for both.
+    if (!reportEndsWithin(kLastReportSeconds)) std::_Exit(EXIT_SUCCESS);
+    pelmo_Close();
+}
+
+int traceMain(int argc, char** argv) {
+    holdStandardStreams();
+    secureBindAll(argv);
+    logSetProgramName(kProgramName);
+    parseArguments(argc, argv);
+    logPrint(kBanner);
+
+    const pelmoStatus status = startTrace();
+    if (status != kStatusSuccess) {
+        logPrint("startup aborted: %s.", pelmoStatus_GetText(status));
+        pelmo_Close();  // where it was opened: none of its threads shall meet the end of the
+                        // process
+        return 1;
+    }
+    if (traceSettings.liveCapture) {
+        runLive();
+    } else {
+        runOffline();
+    }
+    stopTrace();
+    return 0;
+}
