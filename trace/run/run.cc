@@ -19,6 +19,7 @@
 #include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
 #include "trace/run/command_line.h"
+#include "trace/run/end_status.h"
 #include "trace/run/live_run.h"
 #include "trace/run/offline_run.h"
 #include "trace/run/rotation_settings.h"
@@ -180,7 +181,7 @@ void stopTrace() {
     if (traceSettings.liveCapture) stopWaitRelease();
     // All that was captured is safe by now. A report that nobody reads holds its thread and its
     // stream, and every orderly end would wait for both.
-    if (!reportEndsWithin(kLastReportSeconds)) std::_Exit(EXIT_SUCCESS);
+    if (!reportEndsWithin(kLastReportSeconds)) std::_Exit(endStatus());
     pelmo_Close();
 }
 
@@ -204,5 +205,5 @@ int traceMain(int argc, char** argv) {
         runOffline();
     }
     stopTrace();
-    return 0;
+    return endStatus();
 }

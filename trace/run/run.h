@@ -13,8 +13,9 @@
 
 #include "lib/base/status.h"
 
-// The result is the exit status: 0, or 1 when start-up failed. A bad command line ends the process
-// with 2, secure modules that can't be bound end it with 1.
+// The result is the exit status: 0, or 1 when start-up failed or the end was marked
+// (trace/run/end_status.h). A bad command line ends the process with 2, secure modules that can't
+// be bound end it with 1.
 [[nodiscard]] int traceMain(int argc, char** argv);
 
 // The first failure ends start-up. Nothing is closed on this road; the end of the process takes
