@@ -8,8 +8,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "lib/msg/message.h"
-#include "lib/pelmo/pelmo.h"
+#include "lib/pelmo.h"
 #include "lib/runtime/post.h"
 #ifdef PELMO_BENCH_UV
 #include <uv.h>

@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "lib/msg/buffer.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/pool.h"
 #include "lib/msg/text.h"

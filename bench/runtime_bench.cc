@@ -10,8 +10,10 @@
 #include <memory>
 #include <vector>
 
-#include "lib/pelmo/pelmo.h"
+#include "lib/pelmo.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/event_manager.h"
+#include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/timers.h"
 #include "lib/runtime/wakeup_pair.h"
 #ifdef PELMO_BENCH_UV

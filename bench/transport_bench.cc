@@ -7,10 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "lib/msg/envelope.h"
-#include "lib/msg/message_typed.h"
-#include "lib/pelmo/pelmo.h"
-#include "lib/runtime/fixed_ids.h"
+#include "lib/pelmo.h"
 
 namespace {
 

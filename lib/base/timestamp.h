@@ -10,10 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-struct pelmoMsgDateTime {
-    int64_t seconds;  // since 1970-01-01 00:00:00 UTC
-    uint32_t nanoseconds;
-};
+#include "lib/base/date_time.h"
 
 // What a stamp needs at most, with the terminator.
 inline constexpr size_t kTimeStampBytes = 64;

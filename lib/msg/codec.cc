@@ -1,6 +1,6 @@
 #include "lib/msg/codec.h"
 
-#include "lib/msg/codec_parts.h"
+#include "lib/msg/codec_internal.h"
 #include "lib/msg/convert.h"
 #include "lib/msg/trace_ops.h"
 

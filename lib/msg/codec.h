@@ -18,19 +18,10 @@
 
 #pragma once
 
-#include <array>
 #include <cstdint>
 
-#include "lib/base/status.h"
-#include "lib/msg/field.h"
-
-// Who owns the data of a field that was decoded or converted.
-enum Disposition : uint32_t {
-    kDataByValue = 0,     // or constant, or nothing to keep track of
-    kDataOwnedBlock = 1,  // a new heap block, for the message to keep
-    kDataMessage = 2,     // a message object
-    kDataInImage = 3,     // points into the image, or is a block of pointers into it
-};
+#include "../base/status.h"
+#include "field.h"
 
 struct WriteCursor {
     uint8_t* at;
@@ -49,14 +40,6 @@ using FieldDecoder = pelmoStatus (*)(ReadCursor& cursor,
 using FieldConverter = pelmoStatus (*)(pelmoMsgField& field,
                                        uint8_t targetType,
                                        Disposition& disposition);
-
-// By type code; null where there is no such operation.
-template <typename Operation>
-using CodecTable = std::array<Operation, 256>;
-
-extern CodecTable<FieldEncoder> fieldEncoders;
-extern CodecTable<FieldDecoder> fieldDecoders;
-extern CodecTable<FieldConverter> fieldConverters;
 
 // Null operations are stored as they are. kStatusReservedHandler for a type below 128.
 pelmoStatus pelmoMsg_SetHandlers(uint8_t type,

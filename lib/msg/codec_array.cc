@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "lib/base/bytes.h"
-#include "lib/msg/codec_parts.h"
+#include "lib/msg/codec_internal.h"
 #include "lib/msg/wire.h"
 
 namespace {

@@ -9,7 +9,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
-#include "lib/msg/codec_parts.h"
+#include "lib/msg/codec_internal.h"
 #include "lib/msg/wire.h"
 
 namespace {

@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "lib/base/bytes.h"
-#include "lib/msg/codec_parts.h"
-#include "lib/msg/message.h"
+#include "lib/msg/codec_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/wire.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // Scalars (lib/msg/scalar.h), dates, and the field that has no value.
 
 #include "lib/base/bytes.h"
-#include "lib/msg/codec_parts.h"
+#include "lib/msg/codec_internal.h"
 #include "lib/msg/scalar.h"
 #include "lib/msg/wire.h"
 

@@ -15,7 +15,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "lib/msg/codec.h"
+#include "lib/base/status.h"
+#include "lib/msg/field.h"
 
 #define PELMO_CONVERTER(name) \
     pelmoStatus name(pelmoMsgField& field, uint8_t targetType, Disposition& disposition)

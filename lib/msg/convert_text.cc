@@ -7,7 +7,7 @@
 #include "lib/base/timestamp.h"
 #include "lib/containers/subject.h"
 #include "lib/msg/convert.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/text.h"
 #include "lib/msg/text_builder.h"
 

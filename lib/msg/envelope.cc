@@ -1,7 +1,5 @@
 // Opening and closing, and what an open envelope tells.
 
-#include "lib/msg/envelope.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -10,9 +8,9 @@
 
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
-#include "lib/msg/codec_parts.h"
-#include "lib/msg/envelope_parts.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/codec_internal.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/text.h"
 #include "lib/msg/trace_ops.h"
 

@@ -31,25 +31,9 @@
 
 #include <cstdint>
 
-#include "lib/base/status.h"
-#include "lib/msg/field.h"
+#include "../base/status.h"
 
 struct pelmoMsg;
-
-// Bits of `envelopeFlags`. Nobody here acts on the first three.
-enum EnvelopeFlag : uint8_t {
-    ENV_SRC = 1,    // a field "ro" or "src"
-    ENV_CMNAM = 2,  // a field "cmnam"
-    ENV_PMTX = 4,   // a field "pmtx"
-    ENV_FOREIGN =
-        128,  // any field besides "sub", "return", "mtype", "cid", "e" and the last "data"
-};
-
-// What a subject may take, packed; an inbox's may be as long as any.
-constexpr int32_t kMostSendSubjectBytes = 200;
-constexpr int32_t kMostReplySubjectSize = 200;  // as subjectTextSize counts
-
-// Of applications.
 
 // kStatusInvalidSubject for a text that doesn't pack. Null removes the subject. The kind becomes
 // "D" where there is none.
@@ -64,46 +48,3 @@ pelmoStatus pelmoMsg_SetSourcePort(pelmoMsg* msg, uint16_t port);
 
 // The outer fields as one line of text on the standard error stream.
 pelmoStatus pelmoMsg_PrintEnvelope(pelmoMsg* msg);
-
-// Of the library.
-
-// Opens. A message without fields stays closed. "data" is brought to the end, made up where there
-// is none, and wrapped into a message, as its field "_data_", where it isn't one.
-// kStatusCorruptMessage for fields that don't walk, a "sub", "return" or "data" that is malformed;
-// kStatusInvalidMessage for a "data" that can't be wrapped. The message then stays closed; "data"
-// may have moved.
-[[nodiscard]] pelmoStatus msgOpenEnvelope(pelmoMsg* msg);
-pelmoStatus msgCloseEnvelope(pelmoMsg* msg);
-
-// The kind, a short text. kStatusInvalidArgument for none.
-[[nodiscard]] pelmoStatus msgSetMtype(pelmoMsg* msg, const char* text);
-
-// A closed object over the same buffer.
-[[nodiscard]] pelmoStatus msgCopyWithEnvelope(pelmoMsg* msg, pelmoMsg** out);
-
-// Has there ever been a field that this library doesn't make? Only the second call forgets it.
-[[nodiscard]] bool msgHasForeign(const pelmoMsg* msg);
-pelmoStatus msgClearForeign(pelmoMsg* msg);
-
-// Takes all outer fields out but "sub", "return", "mtype" and "data".
-[[nodiscard]] pelmoStatus msgStripEnvelope(pelmoMsg* msg);
-
-// An open message with an envelope, in one allocation, for senders that know all at once. Subject
-// and reply may be null. `extra` bytes, counted in `length`, stand uninitialized behind the nested
-// head: the caller writes its fields there, or lowers `length`, and flushes.
-[[nodiscard]] pelmoStatus msgCreateEnveloped(pelmoMsg** out,
-                                             const char* subject,
-                                             const char* reply,
-                                             uint32_t extra);
-
-// The same with these fields. Fails as adding them one by one does; kStatusIdInUse for an id that
-// two of them have.
-[[nodiscard]] pelmoStatus msgCreateWithFields(pelmoMsg** out,
-                                              const char* subject,
-                                              const char* reply,
-                                              const pelmoMsgField* fields,
-                                              uint32_t count);
-
-// The same with one field, of empty name, that holds the bytes.
-[[nodiscard]] pelmoStatus msgCreateWithOpaque(
-    pelmoMsg** out, const char* subject, const char* reply, const void* bytes, uint32_t size);

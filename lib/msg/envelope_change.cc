@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "lib/containers/subject.h"
-#include "lib/msg/envelope_parts.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/trace_ops.h"
 

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "lib/containers/subject.h"
-#include "lib/msg/envelope_parts.h"
+#include "lib/msg/envelope_internal.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include <cstdint>
 
-#include "lib/base/timestamp.h"
+#include "../base/date_time.h"
 
 // Types as the application knows them. On the wire, integers fold into WIRE_INT and WIRE_UINT,
 // floats into WIRE_FLOAT, ports and addresses into WIRE_NETINT; the size byte tells the width.
@@ -75,6 +75,23 @@ union FieldData {
     pelmoMsgDateTime dateTime;
 };
 
+// The scalars: word, field type, C++ type, bytes on the wire, member of FieldData that holds it. IP
+// ports and addresses are in network order.
+#define PELMO_SCALAR_FIELDS(ROW)                         \
+    ROW(Bool, FIELD_BOOL, uint32_t, 1, boolean)          \
+    ROW(I8, FIELD_I8, int8_t, 1, i8)                     \
+    ROW(U8, FIELD_U8, uint8_t, 1, u8)                    \
+    ROW(I16, FIELD_I16, int16_t, 2, i16)                 \
+    ROW(U16, FIELD_U16, uint16_t, 2, u16)                \
+    ROW(I32, FIELD_I32, int32_t, 4, i32)                 \
+    ROW(U32, FIELD_U32, uint32_t, 4, u32)                \
+    ROW(I64, FIELD_I64, int64_t, 8, i64)                 \
+    ROW(U64, FIELD_U64, uint64_t, 8, u64)                \
+    ROW(F32, FIELD_F32, float, 4, f32)                   \
+    ROW(F64, FIELD_F64, double, 8, f64)                  \
+    ROW(IPPort16, FIELD_IPPORT16, uint16_t, 2, ipPort16) \
+    ROW(IPAddr32, FIELD_IPADDR32, uint32_t, 4, ipAddr32)
+
 struct pelmoMsgField {
     const char* name = nullptr;  // null for a field without a name
     uint32_t size = 0;   // bytes: of one element, of the whole value, or with the count word of the
@@ -83,4 +100,12 @@ struct pelmoMsgField {
     FieldData data{.u64 = 0};
     uint16_t id = 0;  // 0 for none
     uint8_t type = FIELD_BAD;
+};
+
+// Who owns the data of a field that was decoded or converted.
+enum Disposition : uint32_t {
+    kDataByValue = 0,     // or constant, or nothing to keep track of
+    kDataOwnedBlock = 1,  // a new heap block, for the message to keep
+    kDataMessage = 2,     // a message object
+    kDataInImage = 3,     // points into the image, or is a block of pointers into it
 };

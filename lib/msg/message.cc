@@ -1,5 +1,3 @@
-#include "lib/msg/message.h"
-
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -8,7 +6,7 @@
 #include "lib/containers/dpa.h"
 #include "lib/containers/i32map.h"
 #include "lib/msg/buffer.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/pool.h"
 #include "lib/msg/trace_ops.h"
 

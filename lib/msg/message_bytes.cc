@@ -5,8 +5,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/msg/buffer.h"
-#include "lib/msg/message.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 
 namespace {

@@ -3,9 +3,8 @@
 #include <cstring>
 
 #include "lib/containers/i32map.h"
-#include "lib/msg/codec.h"
-#include "lib/msg/message.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/codec_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/msg/wire.h"
 

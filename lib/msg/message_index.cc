@@ -5,8 +5,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/containers/i32map.h"
-#include "lib/msg/message.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/wire.h"
 
 namespace {

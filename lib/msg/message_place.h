@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 
 constexpr uint32_t kMaxNameSize = kMaxNameChars + 1;

@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "lib/msg/buffer.h"
-#include "lib/msg/message.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/codec_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 
 namespace {

@@ -11,8 +11,7 @@
 #include "lib/containers/dpa.h"
 #include "lib/containers/entry_ring.h"
 #include "lib/msg/buffer.h"
-#include "lib/msg/message.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 
 namespace {

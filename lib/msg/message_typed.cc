@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "lib/containers/subject.h"
-#include "lib/msg/codec.h"
-#include "lib/msg/message_parts.h"
+#include "lib/msg/codec_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/message_place.h"
 #include "lib/msg/scalar.h"
 

@@ -16,8 +16,11 @@
 
 #include <cstdint>
 
-#include "lib/msg/message.h"
-#include "lib/msg/scalar.h"
+#include "../base/date_time.h"
+#include "../base/status.h"
+#include "field.h"
+
+struct pelmoMsg;
 
 // word, field type, type of an element, its bytes.
 #define PELMO_NUMBER_ARRAY_FIELDS(ROW)         \

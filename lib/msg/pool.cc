@@ -7,7 +7,7 @@
 #include <new>
 #include <utility>
 
-#include "lib/msg/pool_parts.h"
+#include "lib/msg/pool_internal.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "lib/msg/pool_parts.h"
+#include "lib/msg/pool_internal.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cinttypes>
 
 #include "lib/base/log.h"
-#include "lib/msg/pool_parts.h"
+#include "lib/msg/pool_internal.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "lib/base/log.h"
-#include "lib/msg/pool_parts.h"
+#include "lib/msg/pool_internal.h"
 
 PoolTimerOps poolTimerOps = {};
 constinit PoolManager poolManager;

@@ -1,6 +1,5 @@
-// Scalars: the table of them, and their value as it stands in a record, a size byte and big-endian
-// bytes. Integers, floats, ports and addresses fold into four wire types; the size byte tells them
-// apart.
+// The value of a scalar as it stands in a record: a size byte and big-endian bytes. Integers,
+// floats, ports and addresses fold into four wire types; the size byte tells them apart.
 
 #pragma once
 
@@ -10,23 +9,6 @@
 
 #include "lib/base/bytes.h"
 #include "lib/msg/field.h"
-
-// word, field type, C++ type, bytes on the wire, member of FieldData that holds it. IP ports and
-// addresses are in network order.
-#define PELMO_SCALAR_FIELDS(ROW)                         \
-    ROW(Bool, FIELD_BOOL, uint32_t, 1, boolean)          \
-    ROW(I8, FIELD_I8, int8_t, 1, i8)                     \
-    ROW(U8, FIELD_U8, uint8_t, 1, u8)                    \
-    ROW(I16, FIELD_I16, int16_t, 2, i16)                 \
-    ROW(U16, FIELD_U16, uint16_t, 2, u16)                \
-    ROW(I32, FIELD_I32, int32_t, 4, i32)                 \
-    ROW(U32, FIELD_U32, uint32_t, 4, u32)                \
-    ROW(I64, FIELD_I64, int64_t, 8, i64)                 \
-    ROW(U64, FIELD_U64, uint64_t, 8, u64)                \
-    ROW(F32, FIELD_F32, float, 4, f32)                   \
-    ROW(F64, FIELD_F64, double, 8, f64)                  \
-    ROW(IPPort16, FIELD_IPPORT16, uint16_t, 2, ipPort16) \
-    ROW(IPAddr32, FIELD_IPADDR32, uint32_t, 4, ipAddr32)
 
 // What a writer puts down for the type.
 [[nodiscard]] constexpr uint8_t scalarWireType(uint8_t type) {

@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "lib/base/text.h"
-#include "lib/msg/codec.h"
-#include "lib/msg/message.h"
+#include "lib/msg/codec_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/text_builder.h"
 #include "lib/msg/trace_ops.h"
 

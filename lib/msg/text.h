@@ -19,7 +19,7 @@
 
 #include <cstdint>
 
-#include "lib/base/status.h"
+#include "../base/status.h"
 
 struct pelmoMsg;
 

@@ -2,12 +2,13 @@
 
 #include "lib/msg/pool.h"
 #include "lib/msg/trace_ops.h"
+#include "lib/pelmo.h"
 #include "lib/pelmo/library_state.h"
-#include "lib/pelmo/pelmo.h"
 #include "lib/runtime/event_manager.h"
 #include "lib/runtime/library.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/tracing.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

@@ -3,12 +3,12 @@
 #include "lib/base/once.h"
 #include "lib/base/thread.h"
 #include "lib/msg/buffer.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/pool.h"
 #include "lib/pelmo/library_state.h"
-#include "lib/runtime/event.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/id.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 
 constinit LibraryState library;
 

@@ -1,15 +1,14 @@
-#include "lib/runtime/dispatch.h"
-
 #include <utility>
 
 #include "lib/containers/entry_ring.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
+#include "lib/runtime/dispatch_internal.h"
 #include "lib/runtime/dispatch_wait.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/io_events.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue_object.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/timers.h"
 #include "lib/runtime/transport_ops.h"
 

@@ -19,12 +19,9 @@
 
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
-#include "lib/base/status.h"
-
-struct Queue;
+#include "../base/status.h"
 
 [[nodiscard]] pelmoStatus pelmoQueue_TimedDispatch(uint32_t queue, double seconds);
 
@@ -33,21 +30,3 @@ struct Queue;
 
 // One step of the first queue that has entries. Queues of equal priority take turns.
 [[nodiscard]] pelmoStatus pelmoQueueGroup_TimedDispatch(uint32_t group, double seconds);
-
-// For the library's own floors.
-
-enum class DispatchBatch { kOneEvent, kMixedEvents };
-
-// The caller holds a reference, no lock. The open flag is looked at after a wait alone, so that the
-// event manager can dispatch while the library opens.
-[[nodiscard]] pelmoStatus Queue_Dispatch(Queue* queue, double seconds, DispatchBatch batch);
-
-// What the public calls do, traced as they are, but for the look at the open flag: a dispatcher's
-// thread may begin while the library opens.
-[[nodiscard]] pelmoStatus Queue_DispatchId(uint32_t queue, double seconds);
-[[nodiscard]] pelmoStatus QueueGroup_DispatchId(uint32_t group, double seconds);
-
-// The calling thread's waits on the queue or group of that id end as soon as the word holds the id.
-// Null: nothing ends them.
-void dispatchSetStopWord(const std::atomic<uint32_t>* word);
-[[nodiscard]] const std::atomic<uint32_t>* dispatchStopWord();

@@ -4,12 +4,12 @@
 
 #include "lib/containers/dpa.h"
 #include "lib/msg/trace_ops.h"
-#include "lib/runtime/dispatch.h"
+#include "lib/runtime/dispatch_internal.h"
 #include "lib/runtime/dispatch_wait.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue.h"
-#include "lib/runtime/queue_group.h"
-#include "lib/runtime/queue_parts.h"
+#include "lib/runtime/queue_group_internal.h"
+#include "lib/runtime/queue_internal.h"
 
 namespace {
 

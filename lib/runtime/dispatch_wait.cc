@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "lib/base/clock.h"
-#include "lib/runtime/dispatch.h"
+#include "lib/runtime/dispatch_internal.h"
 #include "lib/runtime/id.h"
 
 namespace {

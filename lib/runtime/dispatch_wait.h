@@ -7,6 +7,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "lib/base/status.h"
@@ -24,6 +25,11 @@ struct DispatchWait {
 // One sleep with the object's lock held; the caller then looks at what it waits for. kStatusTimeout
 // once the time is up, and at once where none was given.
 [[nodiscard]] pelmoStatus dispatchWaitStep(DispatchWait& wait, IdHeader* object, Cond* cond);
+
+// The calling thread's waits on the queue or group of that id end as soon as the word holds the id.
+// Null: nothing ends them.
+void dispatchSetStopWord(const std::atomic<uint32_t>* word);
+[[nodiscard]] const std::atomic<uint32_t>* dispatchStopWord();
 
 // Has the calling thread's dispatcher been told to end while it waits on that queue or group? To be
 // asked with the object's lock held, which the one who tells holds too: so the wake-up that follows

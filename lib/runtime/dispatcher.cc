@@ -6,12 +6,14 @@
 
 #include "lib/base/text.h"
 #include "lib/base/thread.h"
+#include "lib/msg/message.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/trace_ops.h"
-#include "lib/runtime/dispatch.h"
+#include "lib/runtime/dispatch_internal.h"
+#include "lib/runtime/dispatch_wait.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue_group.h"
-#include "lib/runtime/queue_object.h"
+#include "lib/runtime/queue_group_internal.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/transport_ops.h"
 
 namespace {

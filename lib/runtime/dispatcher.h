@@ -15,7 +15,7 @@
 
 #include <cstdint>
 
-#include "lib/base/status.h"
+#include "../base/status.h"
 
 // kStatusInvalidArgument where the id is neither a queue nor a group. Doesn't test the open flag.
 [[nodiscard]] pelmoStatus pelmoDispatcher_CreateEx(uint32_t* out,

@@ -1,16 +1,15 @@
-#include "lib/runtime/event.h"
-
 #include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include "lib/containers/entry_ring.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/io_events.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue_object.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/timers.h"
 #include "lib/runtime/transport_ops.h"
 

@@ -28,8 +28,13 @@
 
 #include <cstdint>
 
-#include "lib/base/status.h"
-#include "lib/runtime/event_object.h"
+#include "../base/status.h"
+#include "callbacks.h"
+
+// What pelmoEvent_GetType answers.
+enum EventKind : uint32_t { kEventTimer = 1, kEventIo = 2, kEventListener = 3 };
+
+enum IoCondition : uint32_t { kIoRead = 1, kIoWrite = 2, kIoException = 4 };
 
 // First due one interval from now. Interval 0 fires at every pass of the timer thread.
 [[nodiscard]] pelmoStatus pelmoEvent_CreateTimer(uint32_t* out,
@@ -97,11 +102,3 @@ pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion
 pelmoStatus pelmoEvent_ResetTimerInterval(uint32_t event, double intervalSeconds);
 [[nodiscard]] pelmoStatus pelmoEvent_GetIOSource(uint32_t event, int32_t* out);
 [[nodiscard]] pelmoStatus pelmoEvent_GetIOType(uint32_t event, uint32_t* out);
-
-// For transports.
-
-// A listener's record, initialised and without an id: one reference, which the caller holds. Its
-// inbox has room as told, a power of two. Null where memory ran out, or the queue is gone.
-[[nodiscard]] Event* Event_NewListener(const struct ListenerRequest& request,
-                                       bool isInbox,
-                                       uint32_t inboxCapacity);

@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "lib/base/thread.h"
-#include "lib/runtime/dispatch.h"
+#include "lib/runtime/dispatch_internal.h"
 #include "lib/runtime/io_events.h"
-#include "lib/runtime/queue.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/timers.h"
 #include "lib/runtime/wakeup_pair.h"
 

@@ -9,9 +9,9 @@
 //     invalid       Id_Get with kDestroy, Id_Invalidate: the id is gone, holders go on
 //     destructed    the last reference is gone: the destructor frees it
 //
-// Id space: 0 is no object; 1 to 1000 are given by hand (lib/runtime/fixed_ids.h) and unique within
-// a type; from 1001 on ids are counted up and unique across types, over closes and opens of the
-// library. When the counter has wrapped, ids in use are passed over.
+// Id space: 0 is no object; 1 to 1000 are given by hand (lib/runtime/fixed_ids_internal.h) and
+// unique within a type; from 1001 on ids are counted up and unique across types, over closes and
+// opens of the library. When the counter has wrapped, ids in use are passed over.
 //
 // Ownership: the tables hold no reference of their own; the base reference stands for them. Each
 // successful Id_Get and Id_AddRef is matched by one Id_Release.
@@ -32,7 +32,7 @@
 #include "lib/base/cond.h"
 #include "lib/base/lock.h"
 #include "lib/base/status.h"
-#include "lib/runtime/fixed_ids.h"
+#include "lib/runtime/fixed_ids_internal.h"
 
 struct Dpa;
 struct IdHeader;

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "lib/runtime/fixed_ids.h"
+#include "lib/runtime/fixed_ids_internal.h"
 
 struct IdCounter {
     uint32_t first = kFirstGlobalId;

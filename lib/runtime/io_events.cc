@@ -6,7 +6,7 @@
 #include <new>
 
 #include "lib/containers/dpa.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/post.h"
 #include "lib/runtime/socket_error.h"
 #include "lib/runtime/wakeup_pair.h"

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "lib/containers/dpa.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/event_internal.h"
 
 namespace {
 

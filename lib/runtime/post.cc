@@ -1,10 +1,10 @@
 #include "lib/runtime/post.h"
 
 #include "lib/containers/entry_ring.h"
-#include "lib/msg/message.h"
-#include "lib/runtime/queue.h"
-#include "lib/runtime/queue_group.h"
-#include "lib/runtime/queue_parts.h"
+#include "lib/msg/message_internal.h"
+#include "lib/runtime/event_internal.h"
+#include "lib/runtime/queue_group_internal.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/tracing.h"
 
 namespace {

@@ -1,15 +1,13 @@
-#include "lib/runtime/queue.h"
-
 #include <cstdlib>
 
 #include "lib/base/text.h"
 #include "lib/containers/dpa.h"
 #include "lib/containers/entry_ring.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue_group.h"
-#include "lib/runtime/queue_parts.h"
+#include "lib/runtime/queue_group_internal.h"
+#include "lib/runtime/queue_internal.h"
 
 namespace {
 

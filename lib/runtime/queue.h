@@ -20,8 +20,16 @@
 
 #include <cstdint>
 
-#include "lib/base/status.h"
-#include "lib/runtime/queue_object.h"
+#include "../base/status.h"
+#include "callbacks.h"
+#include "fixed_ids.h"
+
+enum LimitPolicy : uint32_t {
+    kLimitNone,
+    kLimitDiscardNew,
+    kLimitDiscardFirst,
+    kLimitDiscardLast,
+};
 
 [[nodiscard]] pelmoStatus pelmoQueue_Create(uint32_t* out);
 [[nodiscard]] pelmoStatus pelmoQueue_CreateSynchronous(uint32_t* out);
@@ -63,21 +71,3 @@ pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority);
 [[nodiscard]] pelmoStatus pelmoQueue_Poll(uint32_t queue, pelmoMsg** out, double seconds);
 [[nodiscard]] pelmoStatus pelmoQueue_PollMany(
     uint32_t queue, pelmoMsg** messages, uint32_t size, uint32_t* outCount, double seconds);
-
-// For the library's own floors.
-
-// A fixed id, or 0 for a global one; `out` may be null. The name isn't copied: a constant, unless
-// `nameOwned`, which hands over a heap text, on success only. The open flag isn't tested.
-// kStatusNoMemory for any failure.
-[[nodiscard]] pelmoStatus Queue_Create(
-    uint32_t* out, uint32_t fixedId, const char* name, bool nameOwned, bool synchronous);
-
-// What one discard of policy kLimitDiscardFirst or kLimitDiscardLast drops; nothing under the
-// others, or on a synchronous queue. The caller holds the object lock, and no event's.
-void Queue_Discard(Queue* queue);
-
-// The same walk from the newest entry whatever the policy: makes room for a limit advisory.
-void Queue_DiscardNewest(Queue* queue);
-
-// `pending` and `ready`. The caller holds the object lock.
-[[nodiscard]] uint32_t Queue_CountLocked(Queue* queue);

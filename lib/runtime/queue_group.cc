@@ -1,12 +1,11 @@
-#include "lib/runtime/queue_group.h"
-
 #include <algorithm>
 #include <cstdlib>
 
 #include "lib/containers/dpa.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue_parts.h"
+#include "lib/runtime/queue_group_internal.h"
+#include "lib/runtime/queue_internal.h"
 
 namespace {
 

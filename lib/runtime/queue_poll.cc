@@ -1,12 +1,12 @@
 // Polls: how synchronous queues hand out their messages.
 
 #include "lib/containers/entry_ring.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/dispatch_wait.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue.h"
-#include "lib/runtime/queue_parts.h"
+#include "lib/runtime/queue_internal.h"
 
 namespace {
 

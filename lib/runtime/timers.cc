@@ -6,7 +6,7 @@
 
 #include "lib/base/clock.h"
 #include "lib/base/cond.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/post.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include "lib/base/text.h"
 #include "lib/containers/subject.h"
 #include "lib/containers/sublist.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/text.h"
 
 namespace {

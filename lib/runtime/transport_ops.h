@@ -6,9 +6,12 @@
 #include <cstdint>
 
 #include "lib/base/status.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/callbacks.h"
 
+struct Event;
 struct pelmoMsg;
+
+enum class ListenerKind : uint32_t { kPlain, kVector, kPolled };
 
 struct ListenerRequest {
     uint32_t queueId;

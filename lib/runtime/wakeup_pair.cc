@@ -12,7 +12,7 @@
 
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
-#include "lib/runtime/event.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/loopback_pair.h"
 #include "lib/runtime/socket_error.h"
 

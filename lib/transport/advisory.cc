@@ -3,12 +3,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "lib/msg/envelope.h"
-#include "lib/msg/message.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/library.h"
-#include "lib/transport/transport.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 // A transport's life, its inboxes, and the settings of its delivery.
 
-#include "lib/transport/transport.h"
-
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -10,11 +8,11 @@
 
 #include "lib/containers/dpa.h"
 #include "lib/msg/trace_ops.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/transport_ops.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

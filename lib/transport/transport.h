@@ -29,7 +29,7 @@
 
 #include <cstdint>
 
-#include "lib/base/status.h"
+#include "../base/status.h"
 
 struct Dpa;
 struct pelmoMsg;

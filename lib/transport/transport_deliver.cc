@@ -12,15 +12,14 @@
 #include "lib/containers/dpa.h"
 #include "lib/containers/entry_ring.h"
 #include "lib/containers/subject.h"
-#include "lib/msg/envelope.h"
-#include "lib/msg/message.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/text.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/post.h"
 #include "lib/runtime/tracing.h"
-#include "lib/transport/transport.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "lib/containers/dpa.h"
-#include "lib/msg/message.h"
-#include "lib/transport/transport_object.h"
+#include "lib/msg/message_internal.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

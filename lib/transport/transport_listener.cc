@@ -5,14 +5,12 @@
 #include "lib/containers/dpa.h"
 #include "lib/containers/entry_ring.h"
 #include "lib/containers/subject.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
-#include "lib/runtime/event.h"
-#include "lib/runtime/event_object.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/transport_ops.h"
-#include "lib/transport/transport.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

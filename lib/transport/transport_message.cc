@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "lib/containers/subject.h"
-#include "lib/msg/envelope.h"
-#include "lib/msg/message.h"
-#include "lib/transport/transport_object.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

@@ -5,12 +5,11 @@
 #include <utility>
 
 #include "lib/base/text.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/library.h"
-#include "lib/transport/transport.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

@@ -7,11 +7,10 @@
 
 #include "lib/containers/dpa.h"
 #include "lib/containers/subject.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/tracing.h"
-#include "lib/transport/transport.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 
 namespace {
 

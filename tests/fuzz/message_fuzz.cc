@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "lib/base/bytes.h"
-#include "lib/msg/codec.h"
-#include "lib/msg/envelope.h"
-#include "lib/msg/message.h"
+#include "lib/msg/codec_internal.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/text.h"
 
 namespace {

@@ -1,7 +1,5 @@
 // Each type's value in wire form, written and read.
 
-#include "lib/msg/codec.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -9,6 +7,7 @@
 #include <vector>
 
 #include "lib/base/bytes.h"
+#include "lib/msg/codec_internal.h"
 #include "tests/support/codec_run.h"
 
 namespace {

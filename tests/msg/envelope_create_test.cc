@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "lib/msg/envelope.h"
+#include "lib/msg/envelope_internal.h"
 #include "tests/support/envelope_bytes.h"
 
 namespace {

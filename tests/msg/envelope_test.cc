@@ -1,5 +1,3 @@
-#include "lib/msg/envelope.h"
-
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -7,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/msg/envelope_internal.h"
 #include "tests/support/envelope_bytes.h"
 
 namespace {

@@ -11,7 +11,7 @@
 
 #include "lib/containers/dpa.h"
 #include "lib/msg/buffer.h"
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/text.h"
 #include "tests/support/envelope_bytes.h"

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "lib/msg/envelope.h"
-#include "lib/msg/message.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"
 

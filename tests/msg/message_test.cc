@@ -1,5 +1,3 @@
-#include "lib/msg/message.h"
-
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -9,6 +7,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/msg/buffer.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "tests/support/message_values.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/trace_ops.h"
 #include "tests/support/message_values.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "lib/msg/codec.h"
+#include "lib/msg/codec_internal.h"
 #include "lib/msg/message_typed.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"

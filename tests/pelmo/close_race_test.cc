@@ -9,9 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "lib/msg/envelope.h"
-#include "lib/msg/message.h"
-#include "lib/pelmo/pelmo.h"
+#include "lib/pelmo.h"
 #include "lib/runtime/id.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/transport.h"

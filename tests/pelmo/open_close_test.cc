@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "lib/pelmo/pelmo.h"
+#include "lib/pelmo.h"
 #include "lib/runtime/id.h"
 #include "lib/runtime/library.h"
 #include "tests/support/fail_alloc.h"

@@ -9,9 +9,7 @@
 #include <string>
 
 #include "lib/containers/subject.h"
-#include "lib/msg/envelope.h"
-#include "lib/msg/message.h"
-#include "lib/pelmo/pelmo.h"
+#include "lib/pelmo.h"
 #include "lib/runtime/id.h"
 
 namespace {

@@ -1,12 +1,11 @@
 // Dispatch of queues and groups: what one step takes, who is called, how waits end, and what
 // becomes of events, queues and a library that end meanwhile.
 
-#include "lib/runtime/dispatch.h"
-
 #include <atomic>
 #include <barrier>
 
 #include "lib/base/clock.h"
+#include "lib/runtime/dispatch_internal.h"
 #include "tests/runtime/dispatch_stand.h"
 
 namespace {

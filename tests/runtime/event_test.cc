@@ -1,7 +1,6 @@
-#include "lib/runtime/event.h"
-
 #include <cmath>
 
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/post.h"
 #include "tests/runtime/event_stand.h"
 

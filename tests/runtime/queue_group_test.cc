@@ -1,9 +1,8 @@
-#include "lib/runtime/queue_group.h"
-
 #include <algorithm>
 #include <utility>
 
 #include "lib/runtime/post.h"
+#include "lib/runtime/queue_group_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
 

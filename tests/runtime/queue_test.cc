@@ -1,5 +1,3 @@
-#include "lib/runtime/queue.h"
-
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -7,6 +5,7 @@
 #include <cstring>
 #include <span>
 
+#include "lib/runtime/queue_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
 

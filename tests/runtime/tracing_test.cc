@@ -8,7 +8,7 @@
 #include <regex>
 
 #include "lib/base/log.h"
-#include "lib/msg/envelope.h"
+#include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/runtime/dispatcher.h"
 #include "tests/runtime/event_stand.h"

@@ -10,6 +10,9 @@ CHECK = os.path.join(os.path.dirname(__file__), "..", "..", "scripts", "check_la
 
 GOOD = {
     "lib/base/a.h": "",
+    "lib/pelmo.h": '#include "base/s.h"\n#include "msg/m.h"\n',
+    "lib/base/s.h": "",
+    "lib/msg/m.h": '#include "../base/s.h"\n',
     "lib/base/b.h": '#include "lib/base/a.h"\n#include <vector>\n',
     "lib/transport/t.cc": '#include "lib/base/b.h"\n#include "lib/base/a.h"\n',
     "trace/main.cc": '#include "lib/transport/t.h"\n',
@@ -31,7 +34,16 @@ FAULTS = {
         "trace/run/x.h:1: includes tests/support/s.h, which is on no floor"),
     "not from the root": (
         {"lib/base/b.h": '#include "a.h"\n'},
-        'lib/base/b.h:1: includes "a.h", which is no file from the root'),
+        "lib/base/b.h:1: includes lib/base/a.h, not written from the root"),
+    "no file": (
+        {"lib/base/b.h": '#include "lib/base/none.h"\n'},
+        'lib/base/b.h:1: includes "lib/base/none.h", which is no file from the root'),
+    "an installed header from the root": (
+        {"lib/msg/m.h": '#include "lib/base/s.h"\n'},
+        "lib/msg/m.h:1: is installed, and includes lib/base/s.h from the root"),
+    "an installed header into the inside": (
+        {"lib/msg/m.h": '#include "m_internal.h"\n', "lib/msg/m_internal.h": ""},
+        "lib/msg/m.h:1: is installed, and includes lib/msg/m_internal.h"),
     "itself": (
         {"lib/base/a.h": '#include "lib/base/a.h"\n'},
         "lib/base/a.h:1: a circle: lib/base/a.h -> lib/base/a.h"),

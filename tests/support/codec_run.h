@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "lib/msg/codec.h"
+#include "lib/msg/codec_internal.h"
 #include "tests/support/message_values.h"
 
 // What fills the room that isn't written.

@@ -9,8 +9,8 @@
 
 #include "lib/base/bytes.h"
 #include "lib/msg/buffer.h"
-#include "lib/msg/envelope.h"
-#include "lib/msg/message.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/text.h"
 #include "tests/support/message_values.h"

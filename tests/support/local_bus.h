@@ -5,10 +5,9 @@
 #include <functional>
 #include <string>
 
-#include "lib/msg/envelope.h"
+#include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_typed.h"
-#include "lib/transport/transport.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 #include "tests/support/message_values.h"
 #include "tests/support/runtime_objects.h"
 

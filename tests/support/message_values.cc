@@ -10,7 +10,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
-#include "lib/msg/codec.h"
+#include "lib/msg/codec_internal.h"
 
 namespace {
 

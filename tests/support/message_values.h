@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 
 using Bytes = std::vector<uint8_t>;
 

@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "lib/containers/subject.h"
-#include "lib/msg/envelope.h"
+#include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/text.h"
-#include "lib/transport/transport_object.h"
+#include "lib/transport/transport_internal.h"
 #include "tests/support/runtime_objects.h"
 
 inline std::string shownText(pelmoMsg* message) {

@@ -9,13 +9,13 @@
 
 #include "lib/containers/dpa.h"
 #include "lib/containers/entry_ring.h"
-#include "lib/msg/message.h"
-#include "lib/runtime/dispatch.h"
-#include "lib/runtime/event.h"
+#include "lib/msg/message_internal.h"
+#include "lib/runtime/dispatch_internal.h"
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/post.h"
-#include "lib/runtime/queue.h"
-#include "lib/runtime/queue_group.h"
+#include "lib/runtime/queue_group_internal.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/transport_ops.h"
 
 inline constexpr IdType kIdTypes[] = {IdType::kEvent, IdType::kQueue, IdType::kQueueGroup,

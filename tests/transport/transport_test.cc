@@ -1,5 +1,3 @@
-#include "lib/transport/transport.h"
-
 #include <algorithm>
 #include <atomic>
 #include <deque>
@@ -9,6 +7,7 @@
 #include "lib/containers/dpa.h"
 #include "lib/containers/subject.h"
 #include "lib/runtime/tracing.h"
+#include "lib/transport/transport_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
 #include "tests/support/race.h"

@@ -9,8 +9,8 @@
 #include "lib/base/cond.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
-#include "lib/pelmo/pelmo.h"
-#include "lib/runtime/fixed_ids.h"
+#include "lib/pelmo.h"
+#include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/wakeup_pair.h"
 
 namespace {

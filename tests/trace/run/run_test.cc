@@ -8,7 +8,8 @@
 #include <set>
 #include <string>
 
-#include "lib/pelmo/pelmo.h"
+#include "lib/pelmo.h"
+#include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
 #include "tests/support/capture_file.h"
 #include "tests/support/fail_alloc.h"

@@ -15,8 +15,8 @@
 #include <string>
 #include <thread>
 
-#include "lib/pelmo/pelmo.h"
-#include "lib/runtime/fixed_ids.h"
+#include "lib/pelmo.h"
+#include "lib/runtime/fixed_ids_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/trace_run.h"
 

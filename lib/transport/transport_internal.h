@@ -15,6 +15,7 @@
 #include "lib/containers/dict.h"
 #include "lib/containers/sublist.h"
 #include "lib/runtime/id.h"
+#include "lib/transport/transport.h"
 #include "lib/transport/transport_hooks.h"
 #include "lib/transport/transport_links.h"
 

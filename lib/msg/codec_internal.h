@@ -1,10 +1,22 @@
-// The rows of the codec tables, for codec.cc that lays the tables out; nobody else includes this.
-// What each does is told in lib/msg/codec.h, what it writes in lib/msg/wire.h.
+// The codec tables and the rows that codec.cc lays out in them. What each row does is told in
+// lib/msg/codec.h, what it writes in lib/msg/wire.h.
 
 #pragma once
 
+#include <array>
+
 #include "lib/msg/codec.h"
 #include "lib/msg/scalar.h"
+
+// By type code; null where there is no such operation.
+template <typename Operation>
+using CodecTable = std::array<Operation, 256>;
+
+extern CodecTable<FieldEncoder> fieldEncoders;
+extern CodecTable<FieldDecoder> fieldDecoders;
+extern CodecTable<FieldConverter> fieldConverters;
+
+// For codec.cc alone.
 
 #define PELMO_ENCODER(name) pelmoStatus name(WriteCursor& cursor, const pelmoMsgField& field)
 #define PELMO_DECODER(name) \

@@ -10,17 +10,12 @@
 #include <cstdint>
 
 #include "lib/runtime/callbacks.h"
+#include "lib/runtime/event.h"
 #include "lib/runtime/id.h"
+#include "lib/runtime/transport_ops.h"
 
 struct EntryRing;
 struct Queue;
-
-// What pelmoEvent_GetType answers.
-enum EventKind : uint32_t { kEventTimer = 1, kEventIo = 2, kEventListener = 3 };
-
-enum IoCondition : uint32_t { kIoRead = 1, kIoWrite = 2, kIoException = 4 };
-
-enum class ListenerKind : uint32_t { kPlain, kVector, kPolled };
 
 struct TimerPart {
     // Seconds. Stored under the object lock, read under the event manager's.
@@ -81,4 +76,28 @@ struct Event {
     TimerPart timer;
     IoPart io;
     ListenerPart listener;
+};
+
+// For transports.
+
+// A listener's record, initialised and without an id: one reference, which the caller holds. Its
+// inbox has room as told, a power of two. Null where memory ran out, or the queue is gone.
+[[nodiscard]] Event* Event_NewListener(const ListenerRequest& request,
+                                       bool isInbox,
+                                       uint32_t inboxCapacity);
+
+// Look-ups of events for entries in a row: one for each run of the same id.
+struct EventRun {
+    Held<Event> event;  // holds nothing where there is none of that id
+    uint32_t id = kNoId;
+
+    // Null for an event that is gone; else good until the next call.
+    [[nodiscard]] Event* find(uint32_t wanted) {
+        if (id != wanted) {
+            event.release();
+            id = wanted;
+            (void)event.get(id, IdAccess::kUnlocked);
+        }
+        return event && !Id_IsInvalid(&event->header) ? event.pointer() : nullptr;
+    }
 };

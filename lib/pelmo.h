@@ -25,13 +25,20 @@
 
 #pragma once
 
-#include "lib/base/status.h"
-#include "lib/runtime/dispatch.h"
-#include "lib/runtime/dispatcher.h"
-#include "lib/runtime/event.h"
-#include "lib/runtime/queue.h"
-#include "lib/runtime/queue_group.h"
-#include "lib/transport/transport.h"
+#include "base/status.h"
+#include "msg/codec.h"
+#include "msg/envelope.h"
+#include "msg/field.h"
+#include "msg/message.h"
+#include "msg/message_typed.h"
+#include "msg/text.h"
+#include "runtime/dispatch.h"
+#include "runtime/dispatcher.h"
+#include "runtime/event.h"
+#include "runtime/fixed_ids.h"
+#include "runtime/queue.h"
+#include "runtime/queue_group.h"
+#include "transport/transport.h"
 
 [[nodiscard]] pelmoStatus pelmo_Open();
 

@@ -1,0 +1,103 @@
+// What the library's own files do with an envelope. The calls for applications stand in
+// lib/msg/envelope.h.
+
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "lib/base/status.h"
+#include "lib/msg/envelope.h"
+#include "lib/msg/field.h"
+#include "lib/msg/message_internal.h"
+#include "lib/msg/wire.h"
+
+// Bits of `envelopeFlags`. Nobody here acts on the first three.
+enum EnvelopeFlag : uint8_t {
+    ENV_SRC = 1,    // a field "ro" or "src"
+    ENV_CMNAM = 2,  // a field "cmnam"
+    ENV_PMTX = 4,   // a field "pmtx"
+    ENV_FOREIGN =
+        128,  // any field besides "sub", "return", "mtype", "cid", "e" and the last "data"
+};
+
+// What a subject may take, packed; an inbox's may be as long as any.
+constexpr int32_t kMostSendSubjectBytes = 200;
+constexpr int32_t kMostReplySubjectSize = 200;  // as subjectTextSize counts
+
+// Opens. A message without fields stays closed. "data" is brought to the end, made up where there
+// is none, and wrapped into a message, as its field "_data_", where it isn't one.
+// kStatusCorruptMessage for fields that don't walk, a "sub", "return" or "data" that is malformed;
+// kStatusInvalidMessage for a "data" that can't be wrapped. The message then stays closed; "data"
+// may have moved.
+[[nodiscard]] pelmoStatus msgOpenEnvelope(pelmoMsg* msg);
+pelmoStatus msgCloseEnvelope(pelmoMsg* msg);
+
+// The kind, a short text. kStatusInvalidArgument for none.
+[[nodiscard]] pelmoStatus msgSetMtype(pelmoMsg* msg, const char* text);
+
+// A closed object over the same buffer.
+[[nodiscard]] pelmoStatus msgCopyWithEnvelope(pelmoMsg* msg, pelmoMsg** out);
+
+// Has there ever been a field that this library doesn't make? Only the second call forgets it.
+[[nodiscard]] bool msgHasForeign(const pelmoMsg* msg);
+pelmoStatus msgClearForeign(pelmoMsg* msg);
+
+// Takes all outer fields out but "sub", "return", "mtype" and "data".
+[[nodiscard]] pelmoStatus msgStripEnvelope(pelmoMsg* msg);
+
+// An open message with an envelope, in one allocation, for senders that know all at once. Subject
+// and reply may be null. `extra` bytes, counted in `length`, stand uninitialized behind the nested
+// head: the caller writes its fields there, or lowers `length`, and flushes.
+[[nodiscard]] pelmoStatus msgCreateEnveloped(pelmoMsg** out,
+                                             const char* subject,
+                                             const char* reply,
+                                             uint32_t extra);
+
+// The same with these fields. Fails as adding them one by one does; kStatusIdInUse for an id that
+// two of them have.
+[[nodiscard]] pelmoStatus msgCreateWithFields(pelmoMsg** out,
+                                              const char* subject,
+                                              const char* reply,
+                                              const pelmoMsgField* fields,
+                                              uint32_t count);
+
+// The same with one field, of empty name, that holds the bytes.
+[[nodiscard]] pelmoStatus msgCreateWithOpaque(
+    pelmoMsg** out, const char* subject, const char* reply, const void* bytes, uint32_t size);
+
+// For the sources of the envelope alone.
+
+// The records as writers lay them down, up to where their own bytes begin: the packed subject, the
+// size prefix of the reply, the nested message. The kind is whole.
+constexpr uint8_t kSubHead[] = {4, 's', 'u', 'b', 0, FIELD_SUBJECT, kSizeClass16};
+constexpr uint8_t kReturnHead[] = {7, 'r', 'e', 't', 'u', 'r', 'n', 0, FIELD_STRING};
+constexpr uint8_t kMtypeRecord[] = {6, 'm', 't', 'y', 'p', 'e', 0, FIELD_STRING, 2, 'D', 0};
+constexpr uint8_t kDataHead[] = {5, 'd', 'a', 't', 'a', 0, FIELD_MSG, kSizeClass32};
+
+constexpr const char* kDataName = "data";
+
+struct ReleaseMessage {
+    void operator()(pelmoMsg* msg) const { msgRelease(msg); }
+};
+using HeldMessage = std::unique_ptr<pelmoMsg, ReleaseMessage>;
+
+// What the envelope's fields tell, as the message keeps it.
+struct EnvelopeView {
+    uint8_t flags = 0;
+    uint32_t sendSubjectOffset = 0;
+    uint32_t replySubjectOffset = 0;
+    uint32_t mtypeOffset = 0;
+    uint32_t sourcePortOffset = 0;
+};
+
+// Looks at the first fields of a parsed message. kStatusCorruptMessage for a malformed subject.
+[[nodiscard]] pelmoStatus envelopeScan(const pelmoMsg* msg,
+                                       uint32_t fieldCount,
+                                       EnvelopeView& view);
+
+// Opens a message, of which `view` is the envelope, and brings its lengths up to date.
+void envelopeShow(pelmoMsg* msg, uint32_t dataOffset, const EnvelopeView& view);
+
+// Is the field one of those that stay when an envelope is stripped?
+[[nodiscard]] bool envelopeKeeps(const pelmoMsg* msg, const FieldIndexEntry& entry);

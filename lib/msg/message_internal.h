@@ -1,0 +1,253 @@
+// The message's record, and what the library's own files do with it. The calls for applications
+// stand in lib/msg/message.h.
+
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "lib/base/status.h"
+#include "lib/msg/buffer.h"
+#include "lib/msg/codec.h"
+#include "lib/msg/field.h"
+#include "lib/msg/message.h"
+
+struct Dpa;
+struct EntryRing;
+struct I32Map;
+
+constexpr uint32_t kMessageMagic = 0x9955eeaa;
+constexpr uint32_t kMessageDead = 0xeeeeeeee;
+constexpr uint32_t kMessageHeadBytes = 8;  // length, magic
+constexpr uint32_t kMessageDefaultBytes = 64;
+constexpr uint32_t kMessageLeastBytes = 32;
+constexpr uint32_t kInlineIndexEntries = 16;
+
+// Where a field stands; entries are in image order. Offsets are from the message's first byte.
+struct FieldIndexEntry {
+    uint32_t nameOffset;    // of the name area: one behind the record's first byte
+    uint32_t nameSize;      // with the NUL; 0 for no name
+    uint32_t nameAreaSize;  // the name's, and 2 for an id
+    uint16_t id;            // 0 for none
+};
+
+struct pelmoMsg {
+    uint32_t magic;  // kMessageMagic, or kMessageDead once destroyed
+
+    // The image: `length` bytes from `base` on, of `capacity` that may be used. The lengths written
+    // in it may lag behind until the next flush.
+    Buffer* buffer;
+    uint32_t base;
+
+    std::atomic<uint32_t> refCount;
+    uint32_t dataOffset;  // to the nested message whose fields show; 0: the outer one's do
+    I32Map* idMap;        // field id to position; null until a field has an id
+
+    // What reads handed out; each null until first needed.
+    EntryRing* markStack;  // of ReferenceMark
+    Dpa* ownedBlocks;      // heap blocks
+    Dpa* heldBuffers;      // buffers that were replaced, once for each pointer into them
+    Dpa* subMessages;      // message objects
+    uint32_t bufferRefs;   // pointers into the present buffer
+
+    uint32_t capacity;
+    uint32_t length;  // with the envelope
+
+    // Stale, like `idMap`, while `indexValid` is 0.
+    FieldIndexEntry* index;  // `inlineIndex` or a heap block; null until first needed
+    uint32_t indexCapacity;
+    uint32_t fieldCount;
+    uint32_t indexValid;
+
+    uint32_t userOwned;  // 1: the application may destroy it
+
+    // Where the envelope's values lie, while it is open; 0 for none. See lib/msg/envelope.h.
+    uint8_t envelopeFlags;
+    uint32_t sendSubjectOffset, replySubjectOffset, mtypeOffset, sourcePortOffset;
+
+    uint32_t limitAdvisory;  // bit 0: the advisory that tells of a queue limit
+    FieldIndexEntry inlineIndex[kInlineIndexEntries];
+
+    // Set when the message is posted: the event that fired, and its closure.
+    uint32_t deliveryEvent;
+    void* deliveryClosure;
+
+    pelmoMsg* nextFreed;  // only while it is being freed
+
+    void* poolOwner;  // the pool's own word, not ours to touch; null for an object from the heap
+};
+
+// The calls want a sound message where they don't say otherwise.
+
+// The pool of message objects, made before other threads run; nobody holds one of it when it goes.
+// Without it they come from the heap.
+[[nodiscard]] pelmoStatus msgPoolCreate();
+void msgPoolDestroy();
+
+[[nodiscard]] inline bool msgIsValid(const pelmoMsg* msg) {
+    return msg != nullptr && msg->magic == kMessageMagic;
+}
+
+// A second object on a shared buffer, which gets one reference more; length and capacity are the
+// head's. The bytes are borrowed by nobody: a change makes its own copy. kStatusInvalidMessage for
+// another magic or no room for a head, kStatusCorruptMessage for a length below 8 or beyond the
+// buffer.
+[[nodiscard]] pelmoStatus msgCreateOverBuffer(pelmoMsg** out, Buffer* buffer, uint32_t offset);
+
+// A second object over the same buffer, open or closed as the first, for one more listener.
+[[nodiscard]] pelmoStatus msgShareCopy(pelmoMsg** out, pelmoMsg* msg);
+
+// An empty message with one reference, parsed, the application's. For builders that write the image
+// themselves: the capacity is at least `size`, the length that of a head that isn't written yet.
+[[nodiscard]] pelmoStatus msgCreateRaw(pelmoMsg** out, uint32_t size);
+
+void msgRetain(pelmoMsg* msg);
+void msgRelease(pelmoMsg* msg);  // null is ignored; a dead message isn't
+void msgSetOwned(pelmoMsg* msg);
+void msgClearOwned(pelmoMsg* msg);
+
+// Ahead of handing a message to several threads. Nothing needs doing today: counts are atomic, and
+// a shared buffer is never written.
+[[nodiscard]] pelmoStatus msgPrepareShared(pelmoMsg* msg);
+
+void msgSetLimitAdvisory(pelmoMsg* msg);
+[[nodiscard]] bool msgIsLimitAdvisory(const pelmoMsg* msg);
+
+// First byte of the image. It moves with every change.
+[[nodiscard]] inline uint8_t* msgImage(const pelmoMsg* msg) {
+    return msg->buffer->data + msg->base;
+}
+
+// Brings the lengths in the image up to date. Writes nothing where they are: so a buffer, once
+// shared, is only read.
+void msgFlush(pelmoMsg* msg);
+
+// The buffer with the whole image at `base`, flushed. Null for null.
+[[nodiscard]] Buffer* msgFlushBuffer(pelmoMsg* msg);
+
+// Builds the index unless it is valid.
+[[nodiscard]] pelmoStatus msgParse(pelmoMsg* msg);
+
+// Forgets where the envelope's values lie and shows the outer fields; whoever opened it has
+// flushed.
+void msgShowOuter(pelmoMsg* msg);
+
+// Ahead of every change of the image: a buffer that is shared or that reads point into is replaced
+// by a copy with `extra` bytes more of room.
+[[nodiscard]] pelmoStatus msgMakeWritable(pelmoMsg* msg, uint32_t extra = 0);
+
+// Makes room for `need` bytes behind the image of a writable message. Growing at least doubles.
+[[nodiscard]] pelmoStatus msgReserve(pelmoMsg* msg, uint64_t need);
+
+// The checks ahead of adding; works out a size of 0.
+[[nodiscard]] pelmoStatus msgCheckField(pelmoMsgField& field);
+
+// Bytes that the record of a checked field takes at most. kStatusInvalidSize where no size prefix
+// can tell the value's length.
+[[nodiscard]] pelmoStatus msgRecordNeed(const pelmoMsgField& field, uint64_t& need);
+
+// Writes the record of a checked field behind the image, makes room as it goes and adds to
+// `length`; index and id map stay as they are. The message is writable.
+[[nodiscard]] pelmoStatus msgAppendRecord(pelmoMsg* msg, const pelmoMsgField& field);
+
+// Decodes the field at a position of a parsed message, with its id and without its name. What the
+// disposition tells to be owned is the caller's; a nested message is a pointer into the image.
+[[nodiscard]] pelmoStatus msgDecodeField(const pelmoMsg* msg,
+                                         uint32_t position,
+                                         pelmoMsgField& field,
+                                         Disposition& disposition);
+
+enum class NameWanted : bool { kNo, kYes };
+
+// Reads that field, and keeps what is behind it.
+[[nodiscard]] pelmoStatus msgReadField(pelmoMsg* msg,
+                                       uint32_t position,
+                                       pelmoMsgField& field,
+                                       NameWanted nameWanted);
+
+// Position of the field with that name and id, in a parsed message.
+[[nodiscard]] pelmoStatus msgFind(const pelmoMsg* msg,
+                                  const char* name,
+                                  uint16_t id,
+                                  uint32_t& position);
+
+// Keeps a heap block for as long as reads are kept. On failure the block is freed.
+[[nodiscard]] pelmoStatus msgKeepBlock(pelmoMsg* msg, void* block);
+
+// How far reads had come, to be cut back to. On the stack of a call that writes nothing, or on that
+// of the message.
+struct ReferenceMark {
+    uint32_t ownedBlocks;
+    uint32_t heldBuffers;
+    uint32_t subMessages;
+    uint32_t bufferRefs;
+};
+
+[[nodiscard]] ReferenceMark msgMark(const pelmoMsg* msg);
+void msgCutBack(pelmoMsg* msg, const ReferenceMark& mark);
+
+// For the sources of the message and of its envelope alone.
+
+// Makes room for one more entry. The first growth moves the index to the heap.
+[[nodiscard]] pelmoStatus msgIndexReserve(pelmoMsg* msg);
+
+// Makes the id map unless there is one.
+[[nodiscard]] pelmoStatus msgIdMapReserve(pelmoMsg* msg);
+
+// Position of the instance, from 1, of a name in a parsed message.
+[[nodiscard]] pelmoStatus msgFindInstance(const pelmoMsg* msg,
+                                          const char* name,
+                                          uint32_t instance,
+                                          uint32_t& position);
+
+[[nodiscard]] inline uint32_t fieldTypeOffset(const FieldIndexEntry& entry) {
+    return entry.nameOffset + entry.nameAreaSize;
+}
+
+[[nodiscard]] inline uint32_t fieldRecordOffset(const FieldIndexEntry& entry) {
+    return entry.nameOffset - 1;
+}
+
+// Where the record of that position ends and the next one begins.
+[[nodiscard]] inline uint32_t fieldEndOffset(const pelmoMsg* msg, uint32_t position) {
+    return position + 1 < msg->fieldCount ? fieldRecordOffset(msg->index[position + 1])
+                                          : msg->length;
+}
+
+// Grows the buffer, which is the message's alone, and the capacity.
+[[nodiscard]] pelmoStatus msgGrow(pelmoMsg* msg, uint64_t additional);
+
+// Bytes that the value takes, without its size prefix, at most.
+[[nodiscard]] uint64_t fieldValueBytes(const pelmoMsgField& field);
+
+// A value that is longer than this has no size prefix.
+constexpr uint64_t kMaxValueBytes = UINT32_MAX - 4;
+
+// Byte size of a message that becomes a value. kStatusInvalidArgument for one that isn't sound.
+[[nodiscard]] pelmoStatus fieldMessageSize(pelmoMsg* value, uint32_t& size);
+
+// Works out a size of 0 by the type.
+[[nodiscard]] pelmoStatus fieldWorkOutSize(pelmoMsgField& field);
+
+// A message may not contain itself.
+[[nodiscard]] bool fieldContains(const pelmoMsgField& field, const pelmoMsg* msg);
+
+// Writes type and value at the offset, makes room as it goes, and tells where they end. `length` is
+// left alone. On failure nothing of the message has changed but the bytes behind its image.
+[[nodiscard]] pelmoStatus msgEncodeAt(pelmoMsg* msg,
+                                      uint32_t typeOffset,
+                                      const pelmoMsgField& field,
+                                      uint32_t& endOffset);
+
+// Adds to one of the three arrays of what reads handed out, which is made on the first need.
+[[nodiscard]] pelmoStatus msgListAdd(Dpa*& list, void* item);
+
+// Makes the reads' pointers independent of the present buffer, which is about to be let go.
+[[nodiscard]] pelmoStatus msgHoldBuffer(pelmoMsg* msg);
+
+// Lets go of all that reads handed out and forgets the marks' counts; the marks themselves stay.
+void msgCutBackAll(pelmoMsg* msg);
+
+// Frees the marks and their stack.
+void msgDropMarks(pelmoMsg* msg);

@@ -1,0 +1,115 @@
+// The queue's record. The calls stand in lib/runtime/queue.h; posting and dispatch work on the
+// record.
+//
+// Two rings: posters push to `pending` under the object lock, a dispatch works through `ready`
+// under the data lock alone, and they meet only where a dispatch that ran dry swaps the two. An
+// entry is a message; `deliveryEvent` tells the event that fired, `deliveryClosure` its closure.
+// The ring owns one reference to it.
+
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+
+#include "lib/base/status.h"
+#include "lib/containers/dpa.h"
+#include "lib/runtime/callbacks.h"
+#include "lib/runtime/id.h"
+#include "lib/runtime/queue.h"
+
+struct EntryRing;
+
+struct Queue {
+    static constexpr IdType kIdType = IdType::kQueue;
+    IdHeader header;
+
+    // Constant after creation.
+    bool synchronous;  // read by polls alone: no dispatch, hook, limit or group
+    Cond cond;         // signalled at a post while `waiters` isn't 0
+    Lock dataLock;
+
+    // Guarded by the object lock.
+    const char* name;
+    bool nameOwned;      // on the heap
+    EntryRing* pending;  // swapped with `ready` under both locks
+    uint32_t waiters;    // threads in a wait on `cond`
+    LimitPolicy limitPolicy;
+    uint32_t priority;
+    uint32_t maxEvents;      // 0: no limit
+    uint32_t discardAmount;  // entries that one discard removes
+    Dpa* groups;             // ids of the groups that hold this queue; null: none
+    pelmoQueueHook hook;
+    void* hookClosure;
+
+    // Guarded by the data lock.
+    EntryRing* ready;
+    uint32_t dispatching;  // dispatch calls between taking entries and finishing
+    pelmoQueueCompletion completion;
+    void* completionClosure;
+};
+
+// A fixed id, or 0 for a global one; `out` may be null. The name isn't copied: a constant, unless
+// `nameOwned`, which hands over a heap text, on success only. The open flag isn't tested.
+// kStatusNoMemory for any failure.
+[[nodiscard]] pelmoStatus Queue_Create(
+    uint32_t* out, uint32_t fixedId, const char* name, bool nameOwned, bool synchronous);
+
+// What one discard of policy kLimitDiscardFirst or kLimitDiscardLast drops; nothing under the
+// others, or on a synchronous queue. The caller holds the object lock, and no event's.
+void Queue_Discard(Queue* queue);
+
+// The same walk from the newest entry whatever the policy: makes room for a limit advisory.
+void Queue_DiscardNewest(Queue* queue);
+
+// `pending` and `ready`. The caller holds the object lock.
+[[nodiscard]] uint32_t Queue_CountLocked(Queue* queue);
+
+// The way into every public call: kStatusNotInitialized, kStatusInvalidQueue, or the queue, locked.
+[[nodiscard]] pelmoStatus queueFind(Held<Queue>& queue, uint32_t id);
+
+// Has the queue come to its limit? The caller holds the object lock, and no event's.
+[[nodiscard]] bool queueIsFullLocked(Queue* queue);
+
+// Tells of a limit that was met. The queue's lock is left for it and taken again: all that the lock
+// guards may have changed meanwhile, and the queue be invalid.
+void queueTellLimit(Held<Queue>& queue);
+
+// The groups of a queue, as they were when this was made under its object lock, to be visited
+// without it: a group's lock stands outside.
+//
+// Ids are copied 32 at a time, the last ones first, and the queue is asked again for what is left,
+// so that a visit can't fail for want of memory. It misses no group: one that joins goes to the end
+// and looks at the queue by itself, and one that leaves only brings the last one forward.
+class QueueGroups {
+  public:
+    explicit QueueGroups(Queue* from) : queue(from) { takeLocked(); }
+
+    // The caller holds a reference to the queue, and no lock.
+    template <typename Visit>
+    void forEach(Visit visit) {
+        for (;;) {
+            for (uint32_t i = 0; i < count; ++i)
+                visit(ids[i]);
+            if (left == 0) return;
+            Id_Enter(&queue->header);
+            takeLocked();
+            Id_Leave(&queue->header);
+        }
+    }
+
+  private:
+    static constexpr uint32_t kAtATime = 32;
+
+    void takeLocked() {
+        left = std::min(left, queue->groups != nullptr ? queue->groups->count : 0);
+        count = std::min(left, kAtATime);
+        left -= count;
+        for (uint32_t i = 0; i < count; ++i)
+            ids[i] = idFromItem(queue->groups->items[left + i]);
+    }
+
+    Queue* const queue;
+    uint32_t left = UINT32_MAX;  // ahead of those copied
+    uint32_t count = 0;
+    uint32_t ids[kAtATime];
+};
