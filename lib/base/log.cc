@@ -1,20 +1,22 @@
 #include "lib/base/log.h"
 
 #include <fcntl.h>
-#include <stdio_ext.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include "lib/base/annotate.h"
 #include "lib/base/lock.h"
 #include "lib/base/numbered_ring.h"
 #include "lib/base/path.h"
 #include "lib/base/text.h"
+#include "lib/base/text_sink.h"
 #include "lib/base/thread.h"
 #include "lib/base/timestamp.h"
 
@@ -33,8 +35,15 @@ struct LogState {
     FILE* stream PELMO_GUARDED_BY(lock) = nullptr;  // where lines go; null until the first
 
     // The stream of all files that ever were open, made by the first. Never closed: others may be
-    // writing to it. After logClose it leads to nowhere.
+    // writing to it. It has no buffer, and leads to `fileSink`, which belongs to who holds the
+    // stream's own lock; after logClose that leads to nowhere.
     FILE* file PELMO_GUARDED_BY(lock) = nullptr;
+    TextSink fileSink = {};
+
+    TextSink errorSink PELMO_GUARDED_BY(lock) = {.descriptor = STDERR_FILENO};
+    bool isLossTold PELMO_GUARDED_BY(lock) = false;  // that the file can't be written
+    bool hasLoss PELMO_GUARDED_BY(lock) = false;     // stays set
+
     bool redirected PELMO_GUARDED_BY(lock) = false;  // `stream` came from logSetStream
 
     NumberedRing ring PELMO_GUARDED_BY(lock) = {.path = nullptr};  // owns the path here; null
@@ -64,8 +73,12 @@ struct ErrnoGuard {
 
 // Those who write to the stream by themselves see each line, and the change of a file, as one step.
 struct StreamGuard {
-    explicit StreamGuard(FILE* wanted) : stream(wanted) { flockfile(stream); }
-    ~StreamGuard() { funlockfile(stream); }
+    explicit StreamGuard(FILE* wanted) : stream(wanted) {
+        if (stream != nullptr) flockfile(stream);
+    }
+    ~StreamGuard() {
+        if (stream != nullptr) funlockfile(stream);
+    }
     StreamGuard(const StreamGuard&) = delete;
     StreamGuard& operator=(const StreamGuard&) = delete;
 
@@ -89,40 +102,84 @@ size_t formatPrefixLocked(char* line, size_t sizeBytes, const char* module)
            boundedFormat(line + length, sizeBytes - length, "[%s][%llu]: ", module, thread);
 }
 
-// Returns how much was written.
-[[gnu::format(printf, 3, 0)]] size_t writePieces(FILE* stream,
-                                                 const char* prefix,
-                                                 const char* format,
-                                                 va_list arguments) {
-    const int prefixBytes =
-        std::fputs(prefix, stream) >= 0 ? static_cast<int>(std::strlen(prefix)) : 0;
-    const int textBytes = std::vfprintf(stream, format, arguments);
-    const int breakBytes = std::fputc('\n', stream) != EOF ? 1 : 0;
-    return static_cast<size_t>(prefixBytes + (textBytes > 0 ? textBytes : 0) + breakBytes);
+// Returns how many bytes were written.
+size_t writeTextLocked(const char* text, size_t sizeBytes) PELMO_REQUIRES(state.lock) {
+    FILE* const stream = streamLocked();
+    if (stream == stderr) return textSinkWrite(&state.errorSink, text, sizeBytes);
+    const StreamGuard guard(stream);
+    if (stream == state.file) return textSinkWrite(&state.fileSink, text, sizeBytes);
+    const size_t written = std::fwrite(text, 1, sizeBytes, stream);
+    std::fflush(stream);
+    return written;
 }
 
-// One write to the stream for a line of usual length, even where the stream has no buffer.
-[[gnu::format(printf, 2, 0)]] void writeLineLocked(const char* module,
+// A line of usual length takes no memory. Where there is none for a longer one, the line is cut.
+// Returns whether all of it was written.
+[[gnu::format(printf, 2, 0)]] bool writeLineLocked(const char* module,
                                                    const char* format,
                                                    va_list arguments) PELMO_REQUIRES(state.lock) {
     char line[kLineBytes];
     const size_t prefixBytes = formatPrefixLocked(line, sizeof line, module);
     const size_t roomBytes = sizeof line - prefixBytes;
-
     va_list again;
     va_copy(again, arguments);
-    const int textBytes = std::vsnprintf(line + prefixBytes, roomBytes, format, arguments);
-    const StreamGuard guard(streamLocked());
-    if (textBytes >= 0 && static_cast<size_t>(textBytes) < roomBytes) {
-        const size_t lineBytes = prefixBytes + static_cast<size_t>(textBytes);
-        line[lineBytes] = '\n';
-        state.knownBytes += std::fwrite(line, 1, lineBytes + 1, guard.stream);
-    } else {
-        line[prefixBytes] = '\0';
-        state.knownBytes += writePieces(guard.stream, line, format, again);
+    const int result = std::vsnprintf(line + prefixBytes, roomBytes, format, arguments);
+    size_t textBytes = result > 0 ? static_cast<size_t>(result) : 0;
+
+    char* whole = line;
+    std::unique_ptr<char, decltype(&std::free)> longer(nullptr, std::free);
+    if (textBytes >= roomBytes) {
+        longer.reset(static_cast<char*>(std::malloc(prefixBytes + textBytes + 1)));
+        if (longer) {
+            whole = static_cast<char*>(std::memcpy(longer.get(), line, prefixBytes));
+            (void)std::vsnprintf(whole + prefixBytes, textBytes + 1, format, again);
+        } else {
+            textBytes = roomBytes - 1;
+        }
     }
-    std::fflush(guard.stream);
     va_end(again);
+    const size_t lineBytes = prefixBytes + textBytes + 1;
+    whole[lineBytes - 1] = '\n';
+    const size_t written = writeTextLocked(whole, lineBytes);
+    state.knownBytes += written;
+    return written == lineBytes;
+}
+
+[[gnu::format(printf, 1, 2)]] bool printLocked(const char* format, ...) PELMO_REQUIRES(state.lock) {
+    va_list arguments;
+    va_start(arguments, format);
+    const bool written = writeLineLocked(nullptr, format, arguments);
+    va_end(arguments);
+    return written;
+}
+
+// Ahead of a line: how many were lost before it, now that there may be room. A count that finds
+// none isn't a line that anybody misses.
+void tellLostLinesLocked() PELMO_REQUIRES(state.lock) {
+    const FILE* const stream = streamLocked();
+    if (state.rotating || (stream != state.file && stream != stderr)) return;
+    const StreamGuard guard(state.file);
+    TextSink& sink = stream == state.file ? state.fileSink : state.errorSink;
+    const uint64_t lostLines = sink.lostLines;
+    if (lostLines == 0) return;
+    const bool told = printLocked("%" PRIu64 " log lines were lost.", lostLines);
+    sink.lostLines = told ? 0 : lostLines;
+}
+
+// Behind a line or somebody's text: that it was lost, once, until what comes gets through again.
+void tellLossLocked() PELMO_REQUIRES(state.lock) {
+    if (state.stream == stderr && state.errorSink.error != 0) state.hasLoss = true;
+    if (state.stream != state.file) return;
+    const StreamGuard guard(state.file);
+    const TextSink& sink = state.fileSink;
+    if (sink.error == 0 && sink.lostLines == 0) state.isLossTold = false;
+    if (sink.error == 0) return;
+    state.hasLoss = true;
+    if (std::exchange(state.isLossTold, true)) return;
+    state.stream = stderr;
+    (void)printLocked("failed to write log file '%s': %s; lines are lost until it can be written.",
+                      state.ring.path, std::strerror(sink.error));
+    state.stream = state.file;
 }
 
 // The header stands behind a flag: the line that writes it is no reason to rotate.
@@ -156,28 +213,31 @@ int openForWriting(const char* path, int flags) {
     return descriptor;
 }
 
-// Puts the descriptor, which it takes, under the stream. What a full disk kept in the stream's
-// buffer belonged to the file before and is dropped.
-bool replaceFileLocked(int descriptor) PELMO_REQUIRES(state.lock) {
+ssize_t writeToFile(void*, const char* text, size_t sizeBytes) {
+    (void)textSinkWrite(&state.fileSink, text, sizeBytes);
+    return static_cast<ssize_t>(sizeBytes);
+}
+
+// Takes the descriptor, or -1 for none.
+void setDescriptorLocked(int descriptor) PELMO_REQUIRES(state.lock) {
     const StreamGuard guard(state.file);
-    std::fflush(state.file);
-    __fpurge(state.file);
-    int replaced;
-    do {
-        replaced = dup3(descriptor, fileno(state.file), O_CLOEXEC);
-    } while (replaced < 0 && (errno == EINTR || errno == EBUSY));
-    close(descriptor);
-    return replaced >= 0;
+    textSinkSet(&state.fileSink, descriptor);
+}
+
+bool makeFileStreamLocked() PELMO_REQUIRES(state.lock) {
+    if (state.file != nullptr) return true;
+    state.file = fopencookie(
+        nullptr, "a", {.read = nullptr, .write = writeToFile, .seek = nullptr, .close = nullptr});
+    if (state.file != nullptr) std::setvbuf(state.file, nullptr, _IONBF, 0);
+    return state.file != nullptr;
 }
 
 bool openFileLocked(const char* path) PELMO_REQUIRES(state.lock) {
+    if (!makeFileStreamLocked()) return false;
     const int descriptor = openForWriting(path, O_CREAT);
     if (descriptor < 0) return false;
-    if (state.file != nullptr) return replaceFileLocked(descriptor);
-
-    state.file = fdopen(descriptor, "a");
-    if (state.file == nullptr) close(descriptor);
-    return state.file != nullptr;
+    setDescriptorLocked(descriptor);
+    return true;
 }
 
 void closeFileLocked() PELMO_REQUIRES(state.lock) {
@@ -185,20 +245,15 @@ void closeFileLocked() PELMO_REQUIRES(state.lock) {
     std::free(const_cast<char*>(state.ring.path));
     state.ring.path = nullptr;
     if (state.stream == state.file) state.stream = stderr;
-    const int nowhere = openForWriting("/dev/null", 0);
-    if (nowhere >= 0) replaceFileLocked(nowhere);
+    setDescriptorLocked(-1);
 }
 
 // Where the log begins to count. What isn't a regular file can't be full, and a device is nothing
 // to be moved aside.
 void measureFileLocked() PELMO_REQUIRES(state.lock) {
-    struct stat status = {};
-    const bool known = fstat(fileno(state.file), &status) == 0;
-    if (known && S_ISREG(status.st_mode)) {
-        state.knownBytes = static_cast<uint64_t>(status.st_size);
-    } else {
-        state.limitBytes = 0;
-    }
+    if (!state.fileSink.isFile) state.limitBytes = 0;
+    const uint64_t sizeBytes = fileSize64(state.ring.path);
+    if (sizeBytes != kFileSizeUnknown64) state.knownBytes = sizeBytes;
 }
 
 void rotateLocked() PELMO_REQUIRES(state.lock) {
@@ -206,7 +261,6 @@ void rotateLocked() PELMO_REQUIRES(state.lock) {
     state.rotating = true;
     state.stream = stderr;  // what there is to tell is told there
     state.knownBytes = 0;
-    std::fflush(state.file);
 
     char numberedName[kNumberedNameBytes];
     if (numberedRingMoveAside(state.ring, numberedName) == RotationResult::kRenameFailed) {
@@ -214,7 +268,8 @@ void rotateLocked() PELMO_REQUIRES(state.lock) {
                  numberedName);
     }
     const int descriptor = openForWriting(state.ring.path, O_CREAT | O_TRUNC);
-    if (descriptor >= 0 && replaceFileLocked(descriptor)) {
+    if (descriptor >= 0) {
+        setDescriptorLocked(descriptor);
         state.stream = state.file;
         writeHeaderLocked();
     } else {
@@ -229,7 +284,9 @@ void rotateLocked() PELMO_REQUIRES(state.lock) {
     const ErrnoGuard kept;
     {
         const LockGuard guard(state.lock);
-        writeLineLocked(module, format, arguments);
+        tellLostLinesLocked();
+        (void)writeLineLocked(module, format, arguments);
+        tellLossLocked();
     }
     const LockGuard guard(state.lock);
     if (isFullLocked(false)) rotateLocked();
@@ -272,6 +329,8 @@ pelmoStatus logOpen(const char* path, uint32_t limitBytes, int32_t rotations, co
     }
     state.stream = state.file;
     state.redirected = false;
+    state.isLossTold = false;
+    state.fileSink.lostLines = 0;
     measureFileLocked();
     writeHeaderLocked();
     return kStatusSuccess;
@@ -307,7 +366,18 @@ FILE* logStreamGet() {
 void logCheckRotation() {
     const ErrnoGuard kept;
     const LockGuard guard(state.lock);
+    tellLostLinesLocked();
+    tellLossLocked();
     if (isFullLocked(true)) rotateLocked();
+}
+
+void logBoundWaits(double seconds) {
+    textSinksBoundWaits(seconds);
+}
+
+bool logHasLoss() {
+    const LockGuard guard(state.lock);
+    return state.hasLoss;
 }
 
 void logSetUtcStamp(bool utc) {

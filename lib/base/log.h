@@ -14,7 +14,9 @@
 // moves it aside as a numbered file (lib/base/numbered_ring.h), and a new one begins with the
 // header. The limit is a trigger, not a cap. Only a regular file rotates.
 //
-// Failure: a line that can't be written is lost, and nobody is told. Where a rotation can't rename
+// Failure: a line that can't be written is lost. The standard error stream tells of a file that
+// can't be written, once; and where there is room again, one line tells how many were lost. Lines
+// stay whole (lib/base/text_sink.h). Where a rotation can't rename
 // the file, the file is emptied; where it can't open it anew, lines go to the standard error stream
 // and each further limit's worth of text tries again. The rotation tells both there.
 //
@@ -64,8 +66,16 @@ void logSetStream(FILE* stream);
 // Where lines go; null where there was none yet. For callers that print by themselves.
 [[nodiscard]] FILE* logStreamGet();
 
-// Rotates the file if it is full. For those who wrote to the stream by themselves.
+// Rotates the file if it is full, and tells where text was lost. For those who wrote to the stream
+// by themselves.
 void logCheckRotation();
+
+// A line waits for the reader of a pipe, a socket or a terminal; from here on for no longer than
+// these seconds from now, and is lost then. For the end of the process. Infinity lifts the bound.
+void logBoundWaits(double seconds);
+
+// Was any line lost so far, or any text that others wrote to the file's stream?
+[[nodiscard]] bool logHasLoss();
 
 // The UTC stamp with fractions in place of the local one.
 void logSetUtcStamp(bool utc);

@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
+#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <map>
@@ -238,7 +241,11 @@ TEST_F(Log, StandsAFullDiskAndLeavesDevicesAlone) {
         logPrint("lost");
     }
     logCheckRotation();
+    EXPECT_TRUE(logHasLoss());
     logClose();
+    EXPECT_EQ(err.text(), line("failed to write log file '" + path +
+                               "': No space left on device; lines are lost until it can be "
+                               "written."));
     EXPECT_TRUE(fs::is_symlink(path));
     EXPECT_EQ(folder.names(), std::set<std::string>{"log"});
 
@@ -246,6 +253,57 @@ TEST_F(Log, StandsAFullDiskAndLeavesDevicesAlone) {
     ASSERT_EQ(open(0, 0, nullptr), kStatusSuccess);
     logPrint("a");
     EXPECT_EQ(readFile(path), line("a"));  // nothing is left over from the device
+}
+
+// A limit of the file's size stands for the disk. Twice over, so that all is told anew.
+TEST_F(Log, KeepsWholeLinesOnAFullDiskAndCountsTheOthers) {
+    const auto former = signal(SIGXFSZ, SIG_IGN);
+    rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    ASSERT_EQ(open(0, 0, nullptr), kStatusSuccess);
+    FILE* stream = logStreamGet();
+    const std::string a = line("a"), longText(4000, 'y');
+    logPrint("%s", longText.c_str());  // so that the limit leaves room for what is told
+    std::string wanted = line(longText), told;
+    for (const char* const lost : {"3", "3"}) {
+        logPrint("a");
+        const rlimit low = {wanted.size() + 2 * a.size() - 1, limit.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &low);
+        logPrint("a");
+        std::fputs("row 1\nrow 2 which finds no room any more\n", stream);
+        logCheckRotation();
+        logPrint("a");
+        setrlimit(RLIMIT_FSIZE, &limit);
+        logPrint("a");
+        wanted += a + "row 1\n" + line(std::string(lost) + " log lines were lost.") + a;
+        told += line("failed to write log file '" + path +
+                     "': File too large; lines are lost until it can be written.");
+        EXPECT_EQ(readFile(path), wanted);
+        EXPECT_EQ(err.text(), told);
+    }
+    signal(SIGXFSZ, former);
+}
+
+// A pipe that nobody reads takes so much, and each write waits; until waits are bounded.
+TEST_F(Log, WaitsForAReaderUntilWaitsAreBounded) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_EQ(open(0, 0, nullptr), kStatusSuccess);
+    const int pipeBytes = fcntl(reader, F_SETPIPE_SZ, 4096);
+    std::thread writing([pipeBytes] {
+        for (int bytes = 0; bytes <= 4 * pipeBytes; bytes += 1000)
+            logPrint("%s", std::string(1000, 'x').c_str());
+    });
+    std::string text(4 * static_cast<size_t>(pipeBytes), ' ');
+    for (size_t got = 0; got <= static_cast<size_t>(2 * pipeBytes);) {
+        const ssize_t count = read(reader, text.data(), text.size());
+        if (count > 0) got += static_cast<size_t>(count);
+    }
+    logBoundWaits(0);
+    writing.join();
+    logBoundWaits(INFINITY);
+    EXPECT_TRUE(logHasLoss());
+    close(reader);
 }
 
 TEST_F(Log, TellsWhyItCannotOpen) {
