@@ -1,6 +1,5 @@
 #include "trace/run/live_run.h"
 
-#include <cstdio>
 #include <utility>
 
 #include "lib/base/clock.h"
@@ -11,7 +10,7 @@
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
 #include "trace/packets/classify.h"
-#include "trace/report/report.h"
+#include "trace/run/report_output.h"
 #include "trace/run/stop_wait.h"
 
 namespace {
@@ -19,9 +18,6 @@ namespace {
 struct LiveRun {
     // Of the main thread.
     Thread* captureThread = nullptr;
-
-    // Of the timer thread.
-    bool reportsLost = false;
 
     Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
     Cond reportEnded = {};  // made at the start
@@ -36,16 +32,6 @@ void handlePacket(SnapTime, const uint8_t* ip, size_t length) {
 
 void capture(void*) {
     runCaptureLoop(captureState.captureHandle, handlePacket, 0);
-}
-
-// Told once, until reports get through again. With "-logfile" the stream isn't written to.
-void tellOfLostReports() {
-    const bool lost = std::ferror(stdout) != 0;
-    if (lost && !liveRun.reportsLost) {
-        logPrint("reports can't be written to the standard output; the run goes on.");
-    }
-    liveRun.reportsLost = lost;
-    std::clearerr(stdout);
 }
 
 void setReporting(bool reporting) {
@@ -76,8 +62,7 @@ void onSnapshotTimer() {
     SnapHeader* const snapshot = snapshotTake({now.seconds, now.nanoseconds});
     if (snapshot == nullptr) return;
     setReporting(true);
-    printSnapshot(snapshot);
-    tellOfLostReports();
+    reportPrint(snapshot);
     setReporting(false);
 }
 

@@ -8,7 +8,7 @@
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
 #include "trace/packets/classify.h"
-#include "trace/report/report.h"
+#include "trace/run/report_output.h"
 #include "trace/settings.h"
 
 namespace {
@@ -32,7 +32,7 @@ SnapTime afterInterval(SnapTime time) {
 
 void reportSnapshot(const SnapTime& time) {
     SnapHeader* const snapshot = snapshotTake(time);
-    if (snapshot != nullptr) printSnapshot(snapshot);
+    if (snapshot != nullptr) reportPrint(snapshot);
 }
 
 void handleFirstPacket(SnapTime time, const uint8_t* ip, size_t length) {
@@ -62,4 +62,5 @@ void runOffline() {
     runCaptureLoop(captureState.captureHandle, handleFirstPacket, 1);
     runCaptureLoop(captureState.captureHandle, handlePacket, 0);
     reportSnapshot(offlineRun.lastPacketTime);
+    reportCheckOutput();
 }

@@ -92,13 +92,20 @@ pelmoStatus markStart() {
     return kStatusSuccess;
 }
 
-// A closed reader of the reports shall not end a run that others rely on: it is told in the log.
-pelmoStatus outliveReaders() {
+// The write then fails, which is told.
+template <int kSignal>
+pelmoStatus outlive() {
     struct sigaction action = {};
     action.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &action, nullptr);
+    sigaction(kSignal, &action, nullptr);
     return kStatusSuccess;
 }
+
+// A limit of a file's size is a full disk like any other.
+constexpr auto outliveFileLimit = outlive<SIGXFSZ>;
+
+// A closed reader of the reports shall not end a run that others rely on.
+constexpr auto outliveReaders = outlive<SIGPIPE>;
 
 // What every timer of a run has in common. None is destroyed: they end with the library.
 template <void (*tick)()>
@@ -128,6 +135,7 @@ constexpr bool kEitherMode = false;
 
 // The order is what operators see in the log, and each step stands on those ahead of it.
 constexpr StartStep kStartSteps[] = {
+    {kEitherMode, outliveFileLimit},
     {kEitherMode, validateLogRotation},
     {kEitherMode, validateCaptureRotation},
     {kEitherMode, statsInit},
@@ -160,6 +168,11 @@ void closeCaptureFile() {
     if (captureState.dumpHandle == nullptr) return;
     closeDump(captureState.dumpHandle);
     captureState.dumpHandle = nullptr;
+}
+
+// A live run ends because it was asked to, whatever it lost and told meanwhile.
+void markLostLines() {
+    if (!traceSettings.liveCapture && logHasLoss()) endMarkFailed();
 }
 
 }  // namespace
@@ -206,5 +219,6 @@ int traceMain(int argc, char** argv) {
         runOffline();
     }
     stopTrace();
+    markLostLines();
     return endStatus();
 }

@@ -1,0 +1,14 @@
+// Prints a report and sees whether it came out. Reports that can't be written to the standard
+// output are told in the log, once until they get through again, and mark the outcome of the run
+// (trace/outcome.h). The log tells of its own where reports go to its file.
+//
+// Threads: one at a time, as for printSnapshot.
+
+#pragma once
+
+#include "trace/counts/snapshot.h"
+
+void reportPrint(SnapHeader* snapshot);
+
+// The same look at what else went to the standard output.
+void reportCheckOutput();
