@@ -3,6 +3,7 @@
 #include <stdio_ext.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "lib/base/log.h"
 
@@ -14,6 +15,10 @@ constexpr int kReadTimeoutMs = 1000;
 // libpcap's own 2 MB hold a bus of 150,000 packets a second for 30 ms: less than a busy machine may
 // keep the capture thread from its core.
 constexpr int kKernelBufferBytes = 32 << 20;
+
+// A stream's own buffer of 4 KiB costs a system call every dozen packets. This one stays in the
+// second cache on its way from the system to the packet.
+constexpr size_t kReadAheadBytes = 256 << 10;
 
 constexpr int kOptimize = 0;
 constexpr bpf_u_int32 kNoNetmask = 0;
@@ -55,6 +60,19 @@ pcap_t* openWithRoom(const char* name) {
     if (pcap_activate(capture) >= 0) return capture;
     pcap_close(capture);
     return nullptr;
+}
+
+// What pcap_open_offline does, and a larger buffer. A file that can't be opened is left to libpcap,
+// which has its own words for it. The C library takes a size only along with a buffer.
+pcap_t* openWithReadAhead(const char* path, char* error) {
+    static char readAhead[kReadAheadBytes];
+    FILE* const stream = std::strcmp(path, "-") == 0 ? stdin : std::fopen(path, "rb");
+    if (stream == nullptr) return pcap_open_offline(path, error);
+
+    (void)std::setvbuf(stream, readAhead, _IOFBF, sizeof readAhead);
+    pcap_t* const capture = pcap_fopen_offline(stream, error);
+    if (capture == nullptr && stream != stdin) (void)std::fclose(stream);
+    return capture;
 }
 
 void describeSavefile(pcap_t* capture) {
@@ -117,7 +135,7 @@ pcap_t* openLive(const char* interfaceName) {
 
 pcap_t* openOffline(const char* path) {
     char error[PCAP_ERRBUF_SIZE] = "";
-    pcap_t* const capture = pcap_open_offline(path, error);
+    pcap_t* const capture = openWithReadAhead(path, error);
     if (capture == nullptr) {
         logPrint("pcap_open_offline: %s", error);
         return nullptr;

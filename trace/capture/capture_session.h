@@ -27,6 +27,9 @@ constexpr int kFullFrameBytes = 1518;
 
 // Without a name, the default device. Null on failure, here and below.
 [[nodiscard]] pcap_t* openLive(const char* interfaceName);
+
+// "-" is the standard input. The process has one buffer to read ahead with: one such source is open
+// at a time.
 [[nodiscard]] pcap_t* openOffline(const char* path);
 
 // A new capture file with the link type and snapshot length of the source; overwrites.
