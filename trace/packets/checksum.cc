@@ -1,6 +1,5 @@
 #include "trace/packets/checksum.h"
 
-#include <bit>
 #include <cstring>
 
 #include "lib/base/bytes.h"
@@ -8,31 +7,92 @@
 namespace {
 
 // End-around carries may be added at any time and in any width: the ones' complement sum stays the
-// same (RFC 1071, 2). So the sum runs over 64-bit words with the carries counted beside it, in two
-// chains that don't wait for each other.
-__extension__ using Wide = unsigned __int128;
+// same (RFC 1071, 2). So the sum runs over 32-bit words, a vector of them at once, and each is
+// widened into a lane of 64 bits, where the carries of 2^32 words have room.
+constexpr size_t kWideBytes = 32;
 
-template <typename Word = uint64_t>
-uint64_t loadWord(const uint8_t* at) {
-    Word word;
-    std::memcpy(&word, at, sizeof word);
-    return word;
+using NarrowLanes [[gnu::vector_size(16)]] = uint64_t;  // SSE2 and NEON: every machine has it
+using WideLanes [[gnu::vector_size(kWideBytes)]] = uint64_t;
+
+// From `kWideBytes - width + n` on, a mask of that width that keeps the last n bytes.
+constexpr struct LastBytes {
+    uint8_t mask[2 * kWideBytes] = {};
+    constexpr LastBytes() {
+        for (size_t i = kWideBytes; i < sizeof mask; ++i)
+            mask[i] = 0xff;
+    }
+} kLastBytes;
+
+// At least a vector, and an even number of bytes. What is left behind whole vectors is taken by one
+// that ends with the data and overlaps the one before it; what that has summed is masked out.
+template <typename Lanes>
+[[gnu::always_inline]] inline uint64_t sumVectors(const uint8_t* data, size_t byteCount) {
+    constexpr size_t width = sizeof(Lanes);
+    constexpr uint64_t lowWord = 0xffffffff;
+    const uint8_t* const last = data + byteCount - width;
+    const uint8_t* const mask = kLastBytes.mask + kWideBytes - width + byteCount % width;
+
+    Lanes words, kept;
+    std::memcpy(&words, last, width);
+    std::memcpy(&kept, mask, width);
+    words &= kept;
+    Lanes low = words & lowWord;
+    Lanes high = words >> 32;
+    for (; data <= last; data += width) {
+        std::memcpy(&words, data, width);
+        low += words & lowWord;
+        high += words >> 32;
+    }
+
+    low += high;
+    uint64_t sum = 0;
+    for (size_t lane = 0; lane < width / sizeof sum; ++lane)
+        sum += low[lane];
+    return sum;
 }
 
-// Up to 7 bytes, by loads of fixed sizes: copied into one word, they would be read back before they
-// are all there, and the load would wait for the stores.
-uint64_t loadRest(const uint8_t* at, size_t byteCount) {
-    uint64_t rest = 0;
-    if ((byteCount & 4) != 0) {
-        rest += loadWord<uint32_t>(at);
-        at += 4;
+uint64_t sumNarrow(const uint8_t* data, size_t byteCount) {
+    return sumVectors<NarrowLanes>(data, byteCount);
+}
+
+#ifdef __x86_64__
+[[gnu::target("avx2")]] uint64_t sumWide(const uint8_t* data, size_t byteCount) {
+    return sumVectors<WideLanes>(data, byteCount);
+}
+
+bool machineIsWide() {
+    return __builtin_cpu_supports("avx2") != 0;
+}
+#else
+uint64_t sumWide(const uint8_t* data, size_t byteCount) {
+    return sumNarrow(data, byteCount);
+}
+
+bool machineIsWide() {
+    return false;
+}
+#endif
+
+// A word of this byte and a zero byte, in memory order.
+uint64_t oddWord(uint8_t byte) {
+    return hostOrder16(static_cast<uint16_t>(byte << 8));
+}
+
+uint64_t sumFew(const uint8_t* data, size_t byteCount) {
+    uint64_t sum = 0;
+    for (; byteCount >= 2; data += 2, byteCount -= 2) {
+        sum += loadNet16At(data);
     }
-    if ((byteCount & 2) != 0) {
-        rest += loadWord<uint16_t>(at);
-        at += 2;
-    }
-    if ((byteCount & 1) != 0) rest += hostOrder16(static_cast<uint16_t>(*at << 8));
-    return rest;
+    return byteCount != 0 ? sum + oddWord(*data) : sum;
+}
+
+// Half of all lengths are odd, in no order that a processor could learn: hence no branch on it.
+uint64_t sumOf(const uint8_t* data, size_t byteCount) {
+    if (byteCount < kWideBytes) return sumFew(data, byteCount);
+    const size_t oddBytes = byteCount % 2;
+    const size_t evenBytes = byteCount - oddBytes;
+    const uint64_t lastWord = oddWord(data[byteCount - 1]) * oddBytes;
+    return lastWord + (checksumWide ? sumWide(data, evenBytes) : sumNarrow(data, evenBytes));
 }
 
 uint32_t fold32(uint64_t sum) {
@@ -40,27 +100,12 @@ uint32_t fold32(uint64_t sum) {
     return static_cast<uint32_t>((sum & 0xffffffff) + (sum >> 32));
 }
 
-uint32_t sumOf(const uint8_t* data, size_t byteCount) {
-    Wide even = 0, odd = 0;
-    for (; byteCount >= 32; data += 32, byteCount -= 32) {
-        even += loadWord(data);
-        odd += loadWord(data + 8);
-        even += loadWord(data + 16);
-        odd += loadWord(data + 24);
-    }
-    for (; byteCount >= 8; data += 8, byteCount -= 8) {
-        even += loadWord(data);
-    }
-    even += loadRest(data, byteCount);
-
-    const Wide sum = even + odd;
-    return fold32(uint64_t{fold32(static_cast<uint64_t>(sum))} + static_cast<uint64_t>(sum >> 64));
-}
-
 }  // namespace
 
+bool checksumWide = machineIsWide();
+
 uint16_t udpChecksum(const uint8_t* data, size_t byteCount, uint32_t* accumulator) {
-    uint32_t sum = fold32(uint64_t{sumOf(data, byteCount)} + (accumulator ? *accumulator : 0));
+    uint32_t sum = fold32(sumOf(data, byteCount) + (accumulator != nullptr ? *accumulator : 0));
     if (accumulator != nullptr) *accumulator = sum;
     while (sum > 0xffff) {
         sum = (sum & 0xffff) + (sum >> 16);

@@ -45,12 +45,12 @@ Extent settleExtent(const uint8_t* ip, size_t length, uint32_t srcIp) {
     return {datagramEnd, true, false};
 }
 
-// Pseudo-header, UDP header with an empty checksum field, payload. The addresses of the first stand
-// right ahead of the second; its other two words are the protocol and once more the length.
-uint16_t computeChecksum(const uint8_t* ip, size_t udpLength) {
+// One pass over addresses and datagram, its checksum field included. The addresses of the
+// pseudo-header stand right ahead of the UDP header; its other two words are the protocol and once
+// more the length.
+bool checksumHolds(const uint8_t* ip, size_t udpLength) {
     uint32_t sum = uint32_t{hostOrder16(kProtocolUdp)} + loadNet16At(ip + kUdpLengthOffset);
-    (void)udpChecksum(ip + kIpSrcOffset, kUdpChecksumOffset - kIpSrcOffset, &sum);
-    return udpChecksum(ip + kOskaOffset, udpLength - kUdpHeaderBytes, &sum);
+    return udpChecksum(ip + kIpSrcOffset, kUdpOffset - kIpSrcOffset + udpLength, &sum) == 0xffff;
 }
 
 // A datagram that isn't wholly in hand, or whose length is less than its own header's, has nothing
@@ -64,7 +64,7 @@ bool checksumFails(const uint8_t* ip, size_t length, const Extent& extent, uint3
 
     const size_t udpLength = loadBe16At(ip + kUdpLengthOffset);
     const bool sound = udpLength >= kUdpHeaderBytes && kUdpOffset + udpLength <= length;
-    if (!extent.complete || !sound || computeChecksum(ip, udpLength) == stored) return false;
+    if (!extent.complete || !sound || checksumHolds(ip, udpLength)) return false;
     complain(srcIp, "OSKA packet with invalid UDP checksum");
     return true;
 }
