@@ -1,12 +1,13 @@
 #include "trace/capture/capture_rotation.h"
 
 #include <cstdint>
+#include <utility>
 
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/base/numbered_ring.h"
 #include "lib/base/path.h"
-#include "trace/capture/capture_session.h"
+#include "trace/capture/capture_file.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/statistics.h"
 #include "trace/settings.h"
@@ -15,51 +16,57 @@ namespace {
 
 constexpr size_t kNumberedNameBytes = 260;
 
-NumberedRing ring = {};  // of the timer thread, once it runs
+// Of the timer thread, once it runs.
+NumberedRing ring = {};
+bool renameFails = false;  // and was told
 
 bool fileReachesLimit() {
     const uint64_t sizeBytes = fileSize64(traceSettings.writeFile);
     return sizeBytes != kFileSizeUnknown64 && sizeBytes >= traceSettings.captureLimitBytes;
 }
 
-// The file system is asked only while the position lies below: it sees what the position doesn't.
+// The file system is asked only while what was saved lies below: it sees what others wrote.
 bool isFullLocked() {
-    return captureState.captureBytes >= traceSettings.captureLimitBytes || fileReachesLimit();
+    return captureFileBytes() >= traceSettings.captureLimitBytes || fileReachesLimit();
 }
 
-void moveAside() {
+// Is the path free for a new file? Where the rename fails the file goes on, unless somebody has
+// taken it away.
+bool moveAside() {
     char numberedName[kNumberedNameBytes];
-    if (numberedRingMoveAside(ring, numberedName) != RotationResult::kRenameFailed) return;
-    logPrint("failed to rename raw data file '%s' to '%s' during data file rotation.", ring.path,
-             numberedName);
+    const bool failed = numberedRingMoveAside(ring, numberedName) == RotationResult::kRenameFailed;
+    const bool told = std::exchange(renameFails, failed);
+    if (!failed) return true;
+    if (!told) {
+        logPrint("failed to rename raw data file '%s' to '%s' during data file rotation.",
+                 ring.path, numberedName);
+    }
+    return fileSize64(ring.path) == kFileSizeUnknown64;
 }
 
 void reopenLocked(const char* complaint) {
-    captureState.captureBytes = 0;
-    captureState.dumpHandle = openDump(captureState.captureHandle, traceSettings.writeFile);
-    if (captureState.dumpHandle == nullptr) logPrint(complaint, traceSettings.writeFile);
+    if (!captureFileReopen(traceSettings.writeFile)) logPrint(complaint, traceSettings.writeFile);
 }
 
+// The file is moved while it is open. Its last frames follow it, and on a full disk they have the
+// room of the numbered file that had to go.
 void rotateWhenFull() {
     const LockGuard guard(statsLock);
-    if (captureState.dumpHandle == nullptr || !isFullLocked()) return;
-    closeDump(captureState.dumpHandle);
-    moveAside();
-    reopenLocked("failed to open raw data file '%s'");
+    if (!captureFileIsOpen() || !isFullLocked()) return;
+    if (moveAside()) reopenLocked("failed to open raw data file '%s'");
 }
 
 void startOverWhenFull() {
     if (!fileReachesLimit()) return;
     const LockGuard guard(statsLock);
-    if (captureState.dumpHandle == nullptr) return;
-    closeDump(captureState.dumpHandle);
-    reopenLocked("failed to open save file '%s'");
+    if (captureFileIsOpen()) reopenLocked("failed to open save file '%s'");
 }
 
 }  // namespace
 
 void captureRotationStart() {
     ring = {.path = traceSettings.writeFile, .count = traceSettings.captureMaxRotations};
+    renameFails = false;
 }
 
 void onRotationTimer() {

@@ -3,11 +3,12 @@
 //
 // The limit is a trigger, not a cap: the file grows by what arrives between two looks.
 //
-// Failure: logged. A rename that fails loses what the file held, since capture goes on in a new one
-// of the same name. A file that can't be opened anew ends saving and rotation; analysis goes on.
+// Failure: logged. Where the rename fails the file goes on, beyond its limit, and each look tries
+// again; that is told once until a rename succeeds. A file that can't be opened anew ends saving
+// and rotation; analysis goes on.
 //
 // Threads: the timer thread alone. Takes `statsLock` for the whole of a rotation, so that no frame
-// is written while the handle changes.
+// is saved meanwhile.
 
 #pragma once
 

@@ -86,16 +86,10 @@ void describeSavefile(pcap_t* capture) {
              pcap_minor_version(capture));
 }
 
-// The process has several threads, so that each read and write of a stream would take its lock. One
-// thread reads a source, and a capture file has `statsLock`.
+// The process has several threads, so that each read of a stream would take its lock. One thread
+// reads a source.
 void spareStreamLock(FILE* stream) {
     __fsetlocking(stream, FSETLOCKING_BYCALLER);
-}
-
-// A stream that was never told to seek asks the system for its position again and again: a call for
-// each frame saved. A pipe can't seek and has no position, which is no matter here.
-void rememberPosition(pcap_dumper_t* dump) {
-    (void)std::fseek(pcap_dump_file(dump), 0, SEEK_CUR);
 }
 
 }  // namespace
@@ -143,21 +137,6 @@ pcap_t* openOffline(const char* path) {
     spareStreamLock(pcap_file(capture));
     describeSavefile(capture);
     return capture;
-}
-
-pcap_dumper_t* openDump(pcap_t* capture, const char* path) {
-    pcap_dumper_t* const dump = pcap_dump_open(capture, path);
-    if (dump == nullptr) {
-        logPrint("pcap_dump_open: %s", pcap_geterr(capture));
-        return nullptr;
-    }
-    spareStreamLock(pcap_dump_file(dump));
-    rememberPosition(dump);
-    return dump;
-}
-
-void closeDump(pcap_dumper_t* dump) {
-    pcap_dump_close(dump);
 }
 
 bool installFilter(pcap_t* capture, const char* text) {

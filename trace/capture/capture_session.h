@@ -1,12 +1,11 @@
-// The thin layer over libpcap: sources, filters, capture files and the packet loop. No other module
-// calls libpcap, but for the write of a frame in frameHandler.
+// The thin layer over libpcap: sources, filters and the packet loop. No other module calls libpcap,
+// but for the head of a capture file (trace/capture/capture_file.h).
 //
 // Ownership: what the open calls give belongs to the caller. Texts are borrowed for the call.
 //
 // Failure: told in the log in libpcap's own words; the result says only that it failed.
 //
-// Threads: opening and filtering on the main thread, ahead of the capture thread. openDump and
-// closeDump under `statsLock` while capture runs.
+// Threads: opening and filtering on the main thread, ahead of the capture thread.
 
 #pragma once
 
@@ -31,12 +30,6 @@ constexpr int kFullFrameBytes = 1518;
 // "-" is the standard input. The process has one buffer to read ahead with: one such source is open
 // at a time.
 [[nodiscard]] pcap_t* openOffline(const char* path);
-
-// A new capture file with the link type and snapshot length of the source; overwrites.
-[[nodiscard]] pcap_dumper_t* openDump(pcap_t* capture, const char* path);
-
-// The source stays open.
-void closeDump(pcap_dumper_t* dump);
 
 // A source whose filter failed delivers everything.
 [[nodiscard]] bool installFilter(pcap_t* capture, const char* text);

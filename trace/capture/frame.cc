@@ -5,6 +5,7 @@
 #include "lib/base/bytes.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
+#include "trace/capture/capture_file.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/statistics.h"
 
@@ -20,12 +21,7 @@ using Bytes = std::span<const uint8_t>;
 
 void saveFrame(const pcap_pkthdr* header, const u_char* bytes) {
     const LockGuard guard(statsLock);
-    pcap_dumper_t* const dump = captureState.dumpHandle;
-    if (dump == nullptr) return;
-
-    pcap_dump(reinterpret_cast<u_char*>(dump), header, bytes);
-    const long position = pcap_dump_ftell(dump);
-    if (position >= 0) captureState.captureBytes = static_cast<uint64_t>(position);
+    captureFileSave(*header, bytes);
 }
 
 void reportNoIpHeader(Bytes frame, size_t leftBytes) {

@@ -14,6 +14,7 @@
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/transport/secure_modules.h"
+#include "trace/capture/capture_file.h"
 #include "trace/capture/capture_rotation.h"
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
@@ -24,6 +25,7 @@
 #include "trace/run/live_run.h"
 #include "trace/run/offline_run.h"
 #include "trace/run/rotation_settings.h"
+#include "trace/run/settings_check.h"
 #include "trace/run/stop_wait.h"
 #include "trace/settings.h"
 
@@ -60,8 +62,7 @@ pelmoStatus openCaptureFile() {
     const char* const path = traceSettings.writeFile;
     if (path == nullptr) return kStatusSuccess;
 
-    captureState.dumpHandle = openDump(captureState.captureHandle, path);
-    if (captureState.dumpHandle == nullptr) {
+    if (!captureFileOpen(captureState.captureHandle, path)) {
         logPrint("failed to open save file '%s'", path);
         return kStatusNotInitialized;
     }
@@ -74,8 +75,6 @@ pelmoStatus openCaptureFile() {
     }
     traceSettings.resolvedWriteFile = resolved.get();
     traceSettings.writeFile = traceSettings.resolvedWriteFile.c_str();
-    const uint64_t sizeBytes = fileSize64(resolved.get());
-    captureState.captureBytes = sizeBytes != kFileSizeUnknown64 ? sizeBytes : 0;
     return kStatusSuccess;
 }
 
@@ -138,6 +137,8 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, outliveFileLimit},
     {kEitherMode, validateLogRotation},
     {kEitherMode, validateCaptureRotation},
+    {kEitherMode, validateFilter},
+    {kEitherMode, validateFiles},
     {kEitherMode, statsInit},
     {kEitherMode, openLog},
     {kEitherMode, openSource},
@@ -165,9 +166,16 @@ void runLive() {
 // this turn at the lock it finds the shutdown, and nothing of the run is touched any more.
 void closeCaptureFile() {
     const LockGuard guard(statsLock);
-    if (captureState.dumpHandle == nullptr) return;
-    closeDump(captureState.dumpHandle);
-    captureState.dumpHandle = nullptr;
+    captureFileClose();
+}
+
+// With a log file the standard error stream hasn't heard of it yet. A live run has gone on for what
+// it is there for; of an offline run that saves, the saved capture is what was asked for.
+void judgeCaptureFile() {
+    if (traceSettings.liveCapture || captureFileIsComplete()) return;
+    endMarkFailed();
+    if (traceSettings.logFile == nullptr) return;
+    logPrint("save file '%s' isn't complete.", traceSettings.writeFile);
 }
 
 // A live run ends because it was asked to, whatever it lost and told meanwhile.
@@ -192,6 +200,7 @@ void stopTrace() {
     captureThreadRelease();
     closeCaptureFile();
     logClose();
+    judgeCaptureFile();
     if (traceSettings.liveCapture) stopWaitRelease();
     // All that was captured is safe by now. A report that nobody reads holds its thread and its
     // stream, and every orderly end would wait for both.

@@ -1,11 +1,11 @@
 #include "trace/capture/capture_rotation.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <set>
 #include <string>
 #include <thread>
@@ -28,18 +28,12 @@ struct CaptureRotation : testing::Test {
         traceSettings.writeFile = path.c_str();
         traceSettings.captureLimitBytes = kLimitBytes;
         captureState.captureHandle = pcap_open_dead(DLT_EN10MB, 65535);
-        captureState.dumpHandle = openDump(captureState.captureHandle, path.c_str());
+        EXPECT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
         captureState.savingFrames = true;
     }
     ~CaptureRotation() override {
         resetCapture();
         traceSettings = {};
-    }
-
-    // What is written so far is then in the file.
-    static void closeFile() {
-        closeDump(captureState.dumpHandle);
-        captureState.dumpHandle = nullptr;
     }
 
     static void rotations(int32_t count) {
@@ -102,7 +96,7 @@ TEST_F(CaptureRotation, RunsInARing) {
     EXPECT_EQ(markOf("cap1"), 'c');
     EXPECT_EQ(markOf("cap2"), 'b');
 
-    closeFile();
+    captureFileClose();
     EXPECT_EQ(readFile(path), captureText({}));
 }
 
@@ -110,30 +104,37 @@ TEST_F(CaptureRotation, StartsOverWithoutNumberedFiles) {
     rotations(0);
     saveFullFile('a');
     saveFullFile('b');
-    pcap_dump_flush(captureState.dumpHandle);
+    captureFileFlush();
     onRotationTimer();
-    EXPECT_EQ(captureState.captureBytes, 0u);
+    EXPECT_EQ(captureFileBytes(), kCaptureHeadBytes);
     saveFullFile('c');
-    closeFile();
+    captureFileClose();
     EXPECT_EQ(folder.names(), Names({"cap"}));
     EXPECT_EQ(readFile(path).size(), kLimitBytes);
     EXPECT_EQ(markOf("cap"), 'c');
 }
 
-TEST_F(CaptureRotation, TriesTheSameNumberAgainWhenTheRenameFails) {
+TEST_F(CaptureRotation, SparesTheFileAndTriesAgainWhenTheRenameFails) {
     rotations(2);
     mkdir(folder.path("cap1").c_str(), 0700);
-    for (const char mark : {'a', 'b'}) {
-        saveFullFile(mark);
+    const Lines told = {"failed to rename raw data file '" + path + "' to '" + path +
+                        "1' during data file rotation."};
+    for (const Lines& logged : {told, Lines()}) {
+        saveFullFile('a');
         onRotationTimer();
-        EXPECT_EQ(run.logged(), Lines({"failed to rename raw data file '" + path + "' to '" + path +
-                                       "1' during data file rotation."}));
+        EXPECT_EQ(run.logged(), logged);
         EXPECT_EQ(folder.names(), Names({"cap", "cap1"}));
     }
     rmdir(folder.path("cap1").c_str());
-    saveFullFile('c');
     onRotationTimer();
-    EXPECT_EQ(markOf("cap1"), 'c');
+    EXPECT_EQ(readFile(folder.path("cap1")).size(), 2 * kLimitBytes - kCaptureHeadBytes);
+
+    // Where there is nothing to spare, a new file begins.
+    saveFullFile('b');
+    unlink(path.c_str());
+    onRotationTimer();
+    EXPECT_EQ(run.logged().size(), 1u);
+    EXPECT_EQ(readFile(path), captureText({}));
 }
 
 TEST_F(CaptureRotation, EndsSavingWhenTheFileCannotBeOpenedAnew) {
@@ -146,25 +147,20 @@ TEST_F(CaptureRotation, EndsSavingWhenTheFileCannotBeOpenedAnew) {
     };
     for (const auto& [count, complaint] : cases) {
         SCOPED_TRACE(count);
-        const std::string sub = folder.path("sub" + std::to_string(count));
-        const std::string inside = sub + "/cap";
-        mkdir(sub.c_str(), 0700);
-        if (captureState.dumpHandle != nullptr) closeFile();
-        captureState.dumpHandle = openDump(captureState.captureHandle, inside.c_str());
-        traceSettings.writeFile = inside.c_str();
+        ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
         rotations(count);
         saveFullFile('a');
-        pcap_dump_flush(captureState.dumpHandle);
+        captureFileFlush();
 
-        // A folder of the name can't be opened, and one with a file in its way not be moved.
-        unlink(inside.c_str());
-        std::filesystem::create_directories(inside + "/x");
-        traceSettings.captureLimitBytes = 1;  // a folder's size reaches that in any file system
-        std::filesystem::create_directories(inside + "1/x");  // where count is 0, of no matter
+        rlimit files = {};
+        getrlimit(RLIMIT_NOFILE, &files);
+        const rlimit none = {.rlim_cur = 0, .rlim_max = files.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
         onRotationTimer();
+        setrlimit(RLIMIT_NOFILE, &files);
 
-        EXPECT_EQ(captureState.dumpHandle, nullptr);
-        EXPECT_EQ(run.logged().back(), complaint + inside + "'");
+        EXPECT_FALSE(captureFileIsOpen());
+        EXPECT_EQ(run.logged().back(), complaint + path + "'");
         saveFullFile('b');
         onRotationTimer();
         EXPECT_EQ(run.logged(), Lines());
@@ -188,7 +184,7 @@ TEST_F(CaptureRotation, LosesNoFrameThatComesMeanwhile) {
     }
     enough = true;
     capture.join();
-    closeFile();
+    captureFileClose();
 
     size_t savedFrames = 0;
     for (const std::string& name : folder.names()) {

@@ -12,11 +12,11 @@
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
 #include "tests/support/capture_file.h"
+#include "tests/support/capture_reset.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/fixed_clock.h"
 #include "tests/support/scratch_folder.h"
-#include "trace/capture/capture_session.h"
-#include "trace/capture/capture_state.h"
+#include "trace/capture/frame.h"
 #include "trace/counts/statistics.h"
 #include "trace/settings.h"
 
@@ -25,13 +25,7 @@ namespace {
 // What the end of the process would take.
 void undoStart() {
     pelmo_Close();
-    if (captureState.dumpHandle != nullptr) closeDump(captureState.dumpHandle);
-    if (captureState.captureHandle != nullptr) pcap_close(captureState.captureHandle);
-    captureState.dumpHandle = nullptr;
-    captureState.captureHandle = nullptr;
-    captureState.savingFrames = false;
-    captureState.captureBytes = 0;
-    captureState.shuttingDown = false;
+    resetCapture();
     statsDestroy();
 }
 
@@ -62,7 +56,7 @@ struct Run : testing::Test {
         const pcap_pkthdr header = {.ts = {}, .caplen = kMegabyte, .len = kMegabyte};
         frameHandler(reinterpret_cast<u_char*>(&context), &header, frame.data());
         const LockGuard guard(statsLock);
-        pcap_dump_flush(captureState.dumpHandle);
+        captureFileFlush();
     }
 
     // Timers that are due have run on return: one of no interval is the last of its pass.
@@ -87,10 +81,10 @@ TEST_F(Run, OpensAndClosesTheLibraryAndTheCaptureFile) {
     saveAndRotate();
     ASSERT_EQ(startTrace(), kStatusSuccess);
     EXPECT_TRUE(libraryIsOpen());
-    EXPECT_NE(captureState.dumpHandle, nullptr);
+    EXPECT_TRUE(captureFileIsOpen());
     stopTrace();
     EXPECT_FALSE(libraryIsOpen());
-    EXPECT_EQ(captureState.dumpHandle, nullptr);
+    EXPECT_FALSE(captureFileIsOpen());
     EXPECT_TRUE(captureState.shuttingDown);
     EXPECT_EQ(readFile(output), captureText({}));
 }

@@ -1,0 +1,260 @@
+#include "trace/capture/capture_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "lib/base/clock.h"
+#include "lib/base/log.h"
+#include "trace/settings.h"
+
+namespace {
+
+constexpr size_t kBufferBytes = 64 << 10;
+constexpr size_t kFileHeadBytes = 24;
+constexpr double kRetrySeconds = 0.2;  // a full disk may take long to say so
+
+// In the machine's byte order, as libpcap writes it.
+struct RecordHead {
+    int32_t seconds;
+    int32_t microseconds;
+    uint32_t capturedBytes;
+    uint32_t wireBytes;
+};
+static_assert(sizeof(RecordHead) == 16);
+
+// The file is a row of units: its head, then frames, each with its record head. The buffer begins
+// with the rest of a unit if the file ends within one: the head's 24 bytes at the start, later only
+// what a pipe left of a frame. Whole frames follow.
+struct CaptureFile {
+    uint8_t head[kFileHeadBytes] = {};
+
+    int descriptor = -1;
+    bool regular = false;
+    uint64_t fileBytes = 0;
+
+    std::unique_ptr<uint8_t, decltype(&std::free)> buffer{nullptr, std::free};
+    size_t capacityBytes = 0;
+    size_t usedBytes = 0;
+    size_t restBytes = 0;  // of the unit that the file ends within
+
+    bool failing = false;  // and told
+    double retryTime = 0;  // steady seconds
+    uint64_t lostFrames = 0;
+    bool complete = true;
+};
+
+CaptureFile file;
+
+// For a buffer that holds nothing.
+bool makeBuffer(size_t sizeBytes) {
+    auto* const block = static_cast<uint8_t*>(std::malloc(sizeBytes));
+    if (block == nullptr) return false;
+    file.buffer.reset(block);
+    file.capacityBytes = sizeBytes;
+    return true;
+}
+
+void put(const void* bytes, size_t sizeBytes) {
+    std::memcpy(file.buffer.get() + file.usedBytes, bytes, sizeBytes);
+    file.usedBytes += sizeBytes;
+}
+
+size_t frameBytesAt(size_t at) {
+    RecordHead head;
+    std::memcpy(&head, file.buffer.get() + at, sizeof head);
+    return sizeof head + head.capturedBytes;
+}
+
+// Where the unit ends that begins at `at`, which is below usedBytes.
+size_t unitEnd(size_t at) {
+    return at == 0 && file.restBytes != 0 ? file.restBytes : at + frameBytesAt(at);
+}
+
+void tellFailing(int error) {
+    file.retryTime = clockSteadySeconds() + kRetrySeconds;
+    if (std::exchange(file.failing, true)) return;
+    logPrint("failed to write save file '%s': %s; frames are lost until it can be written again.",
+             traceSettings.writeFile, std::strerror(error));
+}
+
+void tellWorking() {
+    if (!std::exchange(file.failing, false)) return;
+    logPrint("save file '%s' can be written again; %" PRIu64 " frames were lost.",
+             traceSettings.writeFile, std::exchange(file.lostFrames, 0));
+}
+
+// How many of the buffer's bytes the system took; errno tells why it didn't take all.
+size_t writeBuffer() {
+    size_t doneBytes = 0;
+    while (doneBytes < file.usedBytes) {
+        const ssize_t wrote =
+            write(file.descriptor, file.buffer.get() + doneBytes, file.usedBytes - doneBytes);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote <= 0) break;
+        doneBytes += static_cast<size_t>(wrote);
+    }
+    return doneBytes;
+}
+
+bool cutFileBackTo(uint64_t sizeBytes) {
+    const auto size = static_cast<off_t>(sizeBytes);
+    return file.regular && ftruncate(file.descriptor, size) == 0 &&
+           lseek(file.descriptor, size, SEEK_SET) == size;
+}
+
+// The first `doneBytes` of the buffer, which are not all, have got into the file. What doesn't stay
+// there stays in the buffer.
+void keepRest(size_t doneBytes) {
+    size_t begin = 0;
+    size_t end = unitEnd(0);
+    while (end <= doneBytes) {
+        begin = end;
+        end = unitEnd(begin);
+    }
+    const bool inUnit = doneBytes > begin;
+    if (inUnit && cutFileBackTo(file.fileBytes + begin)) doneBytes = begin;
+    if (doneBytes > 0) file.restBytes = doneBytes > begin ? end - doneBytes : 0;
+
+    file.fileBytes += doneBytes;
+    file.usedBytes -= doneBytes;
+    std::memmove(file.buffer.get(), file.buffer.get() + doneBytes, file.usedBytes);
+}
+
+void writeOut() {
+    if (file.usedBytes == 0) return;
+    const size_t doneBytes = writeBuffer();
+    if (doneBytes < file.usedBytes) {
+        const int error = errno;
+        keepRest(doneBytes);
+        tellFailing(error);
+        return;
+    }
+    file.fileBytes += doneBytes;
+    file.usedBytes = 0;
+    file.restBytes = 0;
+    tellWorking();
+}
+
+// Room for a unit, by way of the disk if need be. A frame larger than the buffer gets a larger one.
+bool makeRoom(size_t sizeBytes) {
+    if (sizeBytes <= file.capacityBytes - file.usedBytes) return true;
+    if (file.failing && clockSteadySeconds() < file.retryTime) return false;
+    writeOut();
+    if (sizeBytes <= file.capacityBytes - file.usedBytes) return true;
+    if (file.usedBytes != 0) return false;
+    if (makeBuffer(sizeBytes)) return true;
+    tellFailing(ENOMEM);
+    return false;
+}
+
+// What still waits at the close is lost.
+void dropBuffer() {
+    for (size_t at = file.restBytes; at < file.usedBytes; at = unitEnd(at))
+        ++file.lostFrames;
+    if (file.usedBytes != 0) file.complete = false;
+    file.usedBytes = 0;
+    file.restBytes = 0;
+}
+
+// libpcap's own head for files of the source; its words where it has none.
+bool takeHead(pcap_t* source) {
+    uint8_t text[kFileHeadBytes + 1];  // and the NUL that a stream in memory ends with
+    FILE* const stream = fmemopen(text, sizeof text, "w");
+    if (stream == nullptr) {
+        logPrint("pcap_dump_open: %s", std::strerror(errno));
+        return false;
+    }
+    if (pcap_dump_fopen(source, stream) == nullptr) {  // which may have closed the stream
+        logPrint("pcap_dump_open: %s", pcap_geterr(source));
+        return false;
+    }
+    std::fclose(stream);
+    std::memcpy(file.head, text, sizeof file.head);
+    return true;
+}
+
+int openPath(const char* path) {
+    if (std::strcmp(path, "-") == 0) return fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+}
+
+bool beginFile(const char* path) {
+    file.descriptor = openPath(path);
+    if (file.descriptor < 0) {
+        logPrint("pcap_dump_open: %s: %s", path, std::strerror(errno));
+        return false;
+    }
+    struct stat status;
+    // The standard output may be appended to, and its end lies elsewhere than is known here.
+    file.regular = std::strcmp(path, "-") != 0 && fstat(file.descriptor, &status) == 0 &&
+                   S_ISREG(status.st_mode);
+    file.fileBytes = 0;
+    put(file.head, sizeof file.head);
+    file.restBytes = sizeof file.head;
+    writeOut();
+    return true;
+}
+
+}  // namespace
+
+bool captureFileOpen(pcap_t* source, const char* path) {
+    file = {};
+    if (!takeHead(source)) return false;
+    if (!makeBuffer(kBufferBytes)) {
+        logPrint("pcap_dump_open: %s", std::strerror(ENOMEM));
+        return false;
+    }
+    return beginFile(path);
+}
+
+bool captureFileIsOpen() {
+    return file.descriptor >= 0;
+}
+
+uint64_t captureFileBytes() {
+    return file.regular ? file.fileBytes + file.usedBytes : 0;
+}
+
+void captureFileSave(const pcap_pkthdr& header, const u_char* bytes) {
+    if (!captureFileIsOpen()) return;
+    const RecordHead head = {static_cast<int32_t>(header.ts.tv_sec),
+                             static_cast<int32_t>(header.ts.tv_usec), header.caplen, header.len};
+    if (!makeRoom(sizeof head + header.caplen)) {
+        ++file.lostFrames;
+        file.complete = false;
+        return;
+    }
+    put(&head, sizeof head);
+    put(bytes, header.caplen);
+}
+
+void captureFileFlush() {
+    if (captureFileIsOpen()) writeOut();
+}
+
+bool captureFileReopen(const char* path) {
+    captureFileClose();
+    return beginFile(path);
+}
+
+void captureFileClose() {
+    if (!captureFileIsOpen()) return;
+    writeOut();
+    dropBuffer();
+    if (close(std::exchange(file.descriptor, -1)) == 0 || errno == EINTR) return;
+    file.complete = false;
+    tellFailing(errno);
+}
+
+bool captureFileIsComplete() {
+    return file.complete;
+}

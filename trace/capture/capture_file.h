@@ -1,0 +1,44 @@
+// The capture file that "-w" asks for: libpcap's file format, written through a buffer of its own.
+//
+// On the disk it ends behind a whole frame, always. Where the disk takes only a part of the buffer,
+// the file is cut back to its last whole frame and the rest waits for room; frames that the buffer
+// can't hold meanwhile are lost and counted. A pipe can't be cut back: the rest of the frame that
+// it began is what it gets next.
+//
+// Failure: told in the log, once when writing fails and once when it works again. Nothing is called
+// a failure towards the run: frames are analysed whether they can be saved or not.
+//
+// Threads: whoever saves, flushes, reopens or closes holds `statsLock` while capture runs.
+//
+// There is one capture file in a process, and its messages name it by `traceSettings.writeFile`.
+
+#pragma once
+
+#include <pcap/pcap.h>
+
+#include <cstdint>
+
+// A new file with the link type and snapshot length of the source; overwrites. "-" is the standard
+// output. False where it can't be had, which the log tells.
+[[nodiscard]] bool captureFileOpen(pcap_t* source, const char* path);
+
+[[nodiscard]] bool captureFileIsOpen();
+
+// The bytes saved, those in the buffer included. 0 for what isn't a regular file: that has no size,
+// and nobody shall move a pipe or a device aside.
+[[nodiscard]] uint64_t captureFileBytes();
+
+// Without an open file nothing is saved.
+void captureFileSave(const pcap_pkthdr& header, const u_char* bytes);
+
+// Hands the buffer to the system.
+void captureFileFlush();
+
+// Closes the file and begins a new one of the same head. False where that can't be had, which the
+// log tells; no file is open then.
+[[nodiscard]] bool captureFileReopen(const char* path);
+
+void captureFileClose();
+
+// Has everything reached the files of this process? Final behind the close.
+[[nodiscard]] bool captureFileIsComplete();
