@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 // libpcap's time grows with the square of a filter's code, and its stack with the code: 10,000
 // addresses overflow it. A number alone, a port as a rule, brings about five times the code of an
-// address. This much takes half a second: 200 ports, or 300 times "-addr".
+// address. The most takes half a second: 200 ports, or nearly 300 times "-addr".
 constexpr size_t kMostFilterWeight = 1200;
 constexpr size_t kNumberWeight = 5;
 constexpr size_t kLongWordBytes = 32;  // of a word: each so many weigh as much as another word

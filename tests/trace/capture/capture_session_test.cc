@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -58,6 +62,24 @@ TEST(BuildFilter, JoinsWhatTheListsHold) {
     for (const auto& [src, dst, ports, filter] : cases) {
         EXPECT_EQ(buildFilter(src, dst, ports), filter);
     }
+}
+
+// libpcap maps the kernel's buffer; its size shows nowhere else.
+TEST_F(CaptureSession, CapturesIntoALargeBuffer) {
+    testing::internal::CaptureStdout();
+    captureState.captureHandle = openLive("lo");
+    (void)testing::internal::GetCapturedStdout();
+    if (captureState.captureHandle == nullptr) GTEST_SKIP() << "no live capture is permitted here";
+    std::ifstream maps("/proc/self/maps");
+    uint64_t mostBytes = 0;
+    for (std::string line; std::getline(maps, line);) {
+        uint64_t begin = 0;
+        uint64_t end = 0;
+        if (line.find("socket:") == std::string::npos) continue;
+        ASSERT_EQ(std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64, &begin, &end), 2);
+        mostBytes = std::max(mostBytes, end - begin);
+    }
+    EXPECT_GE(mostBytes, 31u << 20);
 }
 
 TEST_F(CaptureSession, CutsNanosecondStampsToMicroseconds) {
