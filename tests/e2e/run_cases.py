@@ -8,7 +8,8 @@ BINARY. --renew writes what came out as what is expected: look at the difference
 A case:
 
     args      the arguments, one to a line; @IN@ is the case's capture, @OUT@ the scratch folder
-    in.pcap   the capture, where there is one
+    in.pcap   the capture, where there is one; or
+    packets   the capture as text, which packets.py explains
     env       changes to the environment, one to a line: NAME=VALUE, or -NAME to take one out
     before/   what stands in the scratch folder ahead of the run
     stdout, stderr, status
@@ -29,6 +30,8 @@ import shutil
 import subprocess
 import sys
 import tempfile
+
+import packets
 
 CASES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "cases")
 STAMP = re.compile(rb"^(\d{4}-\d\d-\d\d) \d\d:\d\d:\d\d(?= pelmoscope: )", re.MULTILINE)
@@ -68,12 +71,21 @@ def files_below(folder):
     return found
 
 
-def fill(text, case, scratch):
-    capture = os.path.join(CASES, case, "in.pcap")
+def capture_of(case, folder):
+    """The path of the case's capture, made in that folder where it is text."""
+    text = read(os.path.join(CASES, case, "packets")).decode()
+    if not text:
+        return os.path.join(CASES, case, "in.pcap")
+    path = os.path.join(folder, "in.pcap")
+    write(path, packets.capture(text))
+    return path
+
+
+def fill(text, capture, scratch):
     return text.replace("@IN@", capture).replace("@OUT@", scratch)
 
 
-def environment(case, scratch):
+def environment(case, capture, scratch):
     env = {name: value for name, value in os.environ.items()
            if not name.startswith(("PELMO_", "PM_", "_PM_"))}
     env["TZ"] = "UTC"
@@ -82,38 +94,39 @@ def environment(case, scratch):
             env.pop(line[1:], None)
         else:
             name, value = line.split("=", 1)
-            env[name] = fill(value, case, scratch)
+            env[name] = fill(value, capture, scratch)
     return env
 
 
-def normalised(data, case, scratch):
+def normalised(data, capture, scratch):
     now = datetime.datetime.now(datetime.timezone.utc)
     days = {(now + datetime.timedelta(days=d)).strftime("%Y-%m-%d").encode() for d in (-1, 0, 1)}
     data = STAMP.sub(lambda m: b"TIME" if m.group(1) in days else m.group(0), data)
-    capture = os.path.join(CASES, case, "in.pcap")
     return data.replace(capture.encode(), b"@IN@").replace(scratch.encode(), b"@OUT@")
 
 
 def run(binary, case):
     """What came out: name -> bytes."""
-    scratch = tempfile.mkdtemp()
+    scratch, made = tempfile.mkdtemp(), tempfile.mkdtemp()
     try:
+        capture = capture_of(case, made)
         before = os.path.join(CASES, case, "before")
         if os.path.isdir(before):
             shutil.copytree(before, scratch, dirs_exist_ok=True)
-        command = [binary] + [fill(arg, case, scratch) for arg in lines_of(case, "args")]
-        done = subprocess.run(command, cwd=scratch, env=environment(case, scratch),
+        command = [binary] + [fill(arg, capture, scratch) for arg in lines_of(case, "args")]
+        done = subprocess.run(command, cwd=scratch, env=environment(case, capture, scratch),
                               stdin=subprocess.DEVNULL, capture_output=True,
                               timeout=TIMEOUT_SECONDS)
-        out = {"stdout": normalised(done.stdout, case, scratch),
-               "stderr": normalised(done.stderr, case, scratch),
+        out = {"stdout": normalised(done.stdout, capture, scratch),
+               "stderr": normalised(done.stderr, capture, scratch),
                "status": b"%d\n" % done.returncode}
         for path, data in files_below(scratch).items():
             is_text = ".pcap" not in path
-            out["files/" + path] = normalised(data, case, scratch) if is_text else data
+            out["files/" + path] = normalised(data, capture, scratch) if is_text else data
         return out
     finally:
         shutil.rmtree(scratch)
+        shutil.rmtree(made)
 
 
 def expected_of(case):
