@@ -5,7 +5,6 @@
 
 #include <ctime>
 
-#include "lib/base/timestamp.h"
 #include "tests/support/fixed_clock.h"
 
 namespace {
@@ -58,22 +57,6 @@ TEST(Clock, SplitsLocalTime) {
         calendarFrom(c.time, &calendar);
         EXPECT_EQ(calendar, c.expected);
     }
-}
-
-TEST(Clock, TextIsCutToItsBuffer) {
-    const Zone zone;
-    const FixedClock clock(1704067199 + 9, 999'000'000);
-    char text[20];
-    timeText(text, sizeof text);
-    EXPECT_STREQ(text, "2024-01-01 01:00:08");
-    timeText(text, 11);
-    EXPECT_STREQ(text, "2024-01-01");
-
-    char local[kTimeStampBytes], utc[kTimeStampBytes];
-    EXPECT_EQ(timeStampTexts(local, utc), 0u);
-    EXPECT_STREQ(local, "2024-01-01 01:00:08");
-    EXPECT_STREQ(utc, "2024-01-01 00:00:08.999000000Z");
-    EXPECT_EQ(timeStampTexts(nullptr, nullptr), 0u);
 }
 
 TEST(Clock, SteadySecondsGoWithTheMonotonicClockAlone) {

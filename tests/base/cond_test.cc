@@ -7,8 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/fail_alloc.h"
-
 namespace {
 
 constexpr double kLong = 60;  // nobody waits that long in a good run
@@ -109,17 +107,6 @@ TEST_F(Condition, TimesOutWithTheLockHeldAgain) {
         Cond_Signal(&cond);
         EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), kStatusSuccess);
     }
-}
-
-TEST_F(Condition, AnswersWithoutALockOrMemory) {
-    EXPECT_EQ(Cond_TimedWait(&cond, nullptr, 0), kStatusInvalidArgument);
-    const size_t failures = eachAllocationFails([] {
-        Cond* made = nullptr;
-        const pelmoStatus status = Cond_Create(&made);
-        EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
-        if (made != nullptr) Cond_Destroy(made);
-    });
-    EXPECT_EQ(failures, 2u);
 }
 
 }  // namespace

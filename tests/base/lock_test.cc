@@ -4,9 +4,6 @@
 
 #include <cerrno>
 #include <thread>
-#include <vector>
-
-#include "tests/support/fail_alloc.h"
 
 namespace {
 
@@ -33,35 +30,6 @@ TEST(Lock, IsLeftAsOftenAsItWasTaken) {
         EXPECT_FALSE(isTaken(*lock));
     }
     EXPECT_EQ(Lock_Destroy(&made), kStatusSuccess);
-}
-
-TEST(Lock, ExcludesOtherThreads) {
-    Lock* lock = nullptr;
-    ASSERT_EQ(Lock_Create(&lock, LockRank::kLeaf), kStatusSuccess);
-    int counter = 0;  // plain on purpose
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int turn = 0; turn < 5000; ++turn) {
-                const LockGuard guard(*lock);
-                ++counter;
-            }
-        });
-    }
-    threads.clear();
-    EXPECT_EQ(counter, 20000);
-    EXPECT_EQ(Lock_Destroy(lock), kStatusSuccess);
-}
-
-TEST(Lock, IsNotMadeWithoutMemory) {
-    const size_t failures = eachAllocationFails([] {
-        Lock* lock = nullptr;
-        const pelmoStatus status = Lock_Create(&lock, LockRank::kLeaf);
-        EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
-        EXPECT_EQ(lock == nullptr, status != kStatusSuccess);
-        if (lock != nullptr) Lock_Destroy(lock);
-    });
-    EXPECT_EQ(failures, 2u);
 }
 
 #ifndef NDEBUG

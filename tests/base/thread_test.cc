@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/base/cond.h"
 #include "lib/base/thread_key.h"
 #include "tests/support/fail_alloc.h"
 
@@ -79,25 +80,6 @@ TEST(Thread, StartsThroughTheHook) {
     EXPECT_EQ(steps, "before body after body ");
 }
 
-TEST(Thread, IsNotMadeWithoutMemoryOrAFunction) {
-    Thread* none = nullptr;
-    EXPECT_EQ(Thread_Create(&none, nullptr, nullptr), kStatusInvalidArgument);
-    const size_t failures = eachAllocationFails([] {
-        const auto body = [](void* ran) { *static_cast<std::atomic<bool>*>(ran) = true; };
-        std::atomic<bool> ran = false;
-        Thread* thread = nullptr;
-        const pelmoStatus status = Thread_Create(&thread, body, &ran);
-        EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
-        EXPECT_EQ(thread == nullptr, status != kStatusSuccess);
-        if (thread != nullptr) {
-            Thread_Join(thread);
-            Thread_Destroy(thread);
-        }
-        EXPECT_EQ(ran, status == kStatusSuccess);
-    });
-    EXPECT_GE(failures, 4u);  // the record and what the thread starts from
-}
-
 TEST(ThreadKey, HoldsAValueForEachThreadAndHandsItToTheDestructor) {
     static std::atomic<void*> destroyed;
     destroyed = nullptr;
@@ -121,15 +103,7 @@ TEST(ThreadKey, HoldsAValueForEachThreadAndHandsItToTheDestructor) {
     EXPECT_EQ(ThreadKey_Destroy(key), kStatusSuccess);
 }
 
-TEST(ThreadKey, IsNotMadeWithoutMemoryOrAFreeSlot) {
-    const size_t failures = eachAllocationFails([] {
-        ThreadKey* made = nullptr;
-        const pelmoStatus status = ThreadKey_Create(&made, nullptr);
-        EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
-        if (made != nullptr) ThreadKey_Destroy(made);
-    });
-    EXPECT_EQ(failures, 2u);
-
+TEST(ThreadKey, IsNotMadeWithoutAFreeSlot) {
     ThreadKey key;
     std::vector<ThreadKey> taken;
     while (ThreadKey_Init(&key, nullptr) == kStatusSuccess && taken.size() < 10000) {
@@ -141,6 +115,29 @@ TEST(ThreadKey, IsNotMadeWithoutMemoryOrAFreeSlot) {
     for (ThreadKey& each : taken) {
         ThreadKey_Destroy(&each);
     }
+}
+
+template <typename Record, auto create, auto destroy, auto... arguments>
+void makeOne() {
+    Record* made = nullptr;
+    const pelmoStatus status = create(&made, arguments...);
+    EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
+    EXPECT_EQ(made == nullptr, status != kStatusSuccess);
+    if (made != nullptr) destroy(made);
+}
+
+void nothing(void*) {}
+
+TEST(WithoutMemory, NoRecordIsHalfMade) {
+    Thread* none = nullptr;
+    EXPECT_EQ(Thread_Create(&none, nullptr, nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(eachAllocationFails(makeOne<Lock, Lock_Create, Lock_Destroy, LockRank::kLeaf>), 2u);
+    EXPECT_EQ(eachAllocationFails(makeOne<Cond, Cond_Create, Cond_Destroy>), 2u);
+    EXPECT_EQ(eachAllocationFails(makeOne<ThreadKey, ThreadKey_Create, ThreadKey_Destroy, nothing>),
+              2u);
+    // The record and what the thread starts from.
+    EXPECT_GE(eachAllocationFails(makeOne<Thread, Thread_Create, Thread_Destroy, nothing, nullptr>),
+              4u);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <deque>
 #include <memory>
 #include <random>
@@ -213,29 +212,6 @@ TEST(Dictionary64, AllocatesNoBucketsWhileItIsSmall) {
     EXPECT_EQ(allocationsCounted(), 7u);
 }
 
-// A walk of 20,000 entries would take a thousand times as long as a look-up; the bound is far from
-// either.
-TEST(Dictionary64, StaysQuickWhereAllKeysShareABucket) {
-    constexpr uint64_t kKeys = 20000;
-    const auto secondsToFindAll = [](uint64_t factor) {
-        const Owned<Kind64> dict = make<Kind64>(256);
-        for (uint64_t i = 1; i <= kKeys; ++i) {
-            EXPECT_EQ(dict64Insert(dict.get(), i * factor, number(i)), kStatusSuccess);
-        }
-        std::chrono::duration<double> quickest(1e9);
-        for (int round = 0; round < 3; ++round) {
-            const auto start = std::chrono::steady_clock::now();
-            for (uint64_t i = 1; i <= kKeys; ++i) {
-                EXPECT_EQ(dict64Find(dict.get(), i * factor, nullptr), kStatusSuccess);
-            }
-            quickest = std::min<std::chrono::duration<double>>(
-                quickest, std::chrono::steady_clock::now() - start);
-        }
-        return quickest.count();
-    };
-    EXPECT_LT(secondsToFindAll(uint64_t{1} << 32), 100 * secondsToFindAll(1));
-}
-
 TEST(Dictionary64, GoesWithoutItsIndexWhereMemoryFails) {
     const Owned<Kind64> dict = make<Kind64>(256);
     uint64_t key = 0;
@@ -246,6 +222,7 @@ TEST(Dictionary64, GoesWithoutItsIndexWhereMemoryFails) {
     };
     while (dict->index.slots == nullptr) {
         insertNext(kNeverFails);
+        ASSERT_LT(key, 10u);  // a walk of so many is long
     }
 
     // An index that can't grow is given up, the entries stay.

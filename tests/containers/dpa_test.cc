@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "tests/support/container_values.h"
-#include "tests/support/toy_pool.h"
 
 namespace {
 
@@ -102,21 +101,6 @@ TEST(Dpa, RemovesByMovingTheLastOrByClosingTheGap) {
     EXPECT_EQ(dpaRemoveSorted(sorted.get(), number(25), nullptr), ~2);
     EXPECT_EQ(dpaRemoveSorted(sorted.get(), number(25), byTens), 1);
     EXPECT_EQ(numbersIn(sorted.get()), (Numbers{10, 30}));
-}
-
-// The one slot goes back to its pool as soon as the array outgrows it.
-TEST(Dpa, LivesInPools) {
-    ToyPool arrays(sizeof(Dpa));
-    ToyPool slots(sizeof(void*));
-    Dpa* array = dpaCreateWithPools(1, &arrays.seam, &slots.seam);
-    EXPECT_TRUE(dpaAppend(array, number(7)));
-    EXPECT_EQ(slots.held(), 1u);
-    EXPECT_TRUE(dpaAppend(array, number(8)));
-    EXPECT_EQ(slots.held(), 0u);
-    EXPECT_EQ(numbersIn(array), (Numbers{7, 8}));
-    EXPECT_EQ(dpaDestroy(array), nullptr);
-    dpaDestroy(dpaCreateWithPools(2, &arrays.seam, &slots.seam));
-    EXPECT_EQ(slots.takes, 1u);
 }
 
 }  // namespace

@@ -58,18 +58,6 @@ TEST(Hash, MeasuresKeysAndGrowsOnlyForNewOnes) {
     EXPECT_FALSE(hashPut(table.get(), "A", 1u << 31, 0, true, number(1)));
 }
 
-// Keys of one bucket and one length, under hashes that the caller made up.
-TEST(Hash, ComparesKeysNotHashes) {
-    const Table table = make(8);
-    for (const uintptr_t i : {1u, 2u, 3u}) {
-        const std::string key = "key" + std::to_string(i);
-        EXPECT_TRUE(hashPut(table.get(), key.data(), 4, 8, true, number(i)));
-    }
-    EXPECT_EQ(hashFind(table.get(), "key2", 4, 8), number(2));
-    EXPECT_EQ(hashFind(table.get(), "key2", 4, 16), number(2));  // same bucket
-    EXPECT_EQ(hashFind(table.get(), "key4", 4, 8), nullptr);
-}
-
 TEST(Hash, BorrowsOrOwnsItsKeys) {
     const Table table = make(4);
     const auto keyHeld = [&] {

@@ -56,15 +56,6 @@ TEST(I32Map, HoldsWhatWasSetSinceTheLastClear) {
     }
 }
 
-TEST(I32Map, DoublesOnlyForANewKey) {
-    const Map map = make(3);
-    fill(map.get(), 1, 4);
-    fill(map.get(), 1, 4);
-    EXPECT_EQ(map->bucketCount, 4u);
-    fill(map.get(), 5, 5);
-    EXPECT_EQ(map->bucketCount, 8u);
-}
-
 // At the wrap of the generation the nodes leave their buckets and serve any bucket from then on;
 // otherwise they stay in their chains.
 TEST(I32Map, ReusesItsNodesAfterAClear) {

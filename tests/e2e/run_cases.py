@@ -7,13 +7,14 @@ BINARY. --renew writes what came out as what is expected: look at the difference
 
 A case:
 
-    args      the arguments, one to a line; @IN@ is the case's capture, @OUT@ the scratch folder
+    args      the arguments, one to a line; @IN@ is the case's capture, @OUT@ the scratch folder. A
+              line of "--" ends them and begins those of a further run, in the same folder
     in.pcap   the capture, where there is one; or
     packets   the capture as text, which packets.py explains
     env       changes to the environment, one to a line: NAME=VALUE, or -NAME to take one out
     before/   what stands in the scratch folder ahead of the run
     stdout, stderr, status
-              what is expected; a missing one is empty, a missing status is 0
+              what is expected, of all runs; a missing one is empty, a missing status 0 for each
     files/    what stands in the scratch folder afterwards, all of it
 
 The time zone is UTC unless `env` says otherwise. Made equal before comparing: the scratch folder's
@@ -113,13 +114,15 @@ def run(binary, case):
         before = os.path.join(CASES, case, "before")
         if os.path.isdir(before):
             shutil.copytree(before, scratch, dirs_exist_ok=True)
-        command = [binary] + [fill(arg, capture, scratch) for arg in lines_of(case, "args")]
-        done = subprocess.run(command, cwd=scratch, env=environment(case, capture, scratch),
-                              stdin=subprocess.DEVNULL, capture_output=True,
-                              timeout=TIMEOUT_SECONDS)
-        out = {"stdout": normalised(done.stdout, capture, scratch),
-               "stderr": normalised(done.stderr, capture, scratch),
-               "status": b"%d\n" % done.returncode}
+        out = {"stdout": b"", "stderr": b"", "status": b""}
+        for args in "\n".join(lines_of(case, "args")).split("\n--\n"):
+            done = subprocess.run([binary] + fill(args, capture, scratch).split("\n"), cwd=scratch,
+                                  env=environment(case, capture, scratch),
+                                  stdin=subprocess.DEVNULL, capture_output=True,
+                                  timeout=TIMEOUT_SECONDS)
+            out["stdout"] += normalised(done.stdout, capture, scratch)
+            out["stderr"] += normalised(done.stderr, capture, scratch)
+            out["status"] += b"%d\n" % done.returncode
         for path, data in files_below(scratch).items():
             is_text = ".pcap" not in path
             out["files/" + path] = normalised(data, capture, scratch) if is_text else data
@@ -132,7 +135,8 @@ def run(binary, case):
 def expected_of(case):
     folder = os.path.join(CASES, case)
     expected = {name: read(os.path.join(folder, name)) for name in ("stdout", "stderr")}
-    expected["status"] = read(os.path.join(folder, "status"), b"0\n")
+    runs = lines_of(case, "args").count("--") + 1
+    expected["status"] = read(os.path.join(folder, "status"), b"0\n" * runs)
     for path, data in files_below(os.path.join(folder, "files")).items():
         expected["files/" + path] = data
     return expected
@@ -179,7 +183,8 @@ def renew(case, actual):
             with open(os.path.join(folder, name), "wb") as f:
                 f.write(data)
         else:
-            write(os.path.join(folder, name), b"" if (name, data) == ("status", b"0\n") else data)
+            usual = name == "status" and set(data.split()) == {b"0"}
+            write(os.path.join(folder, name), b"" if usual else data)
 
 
 def main():
