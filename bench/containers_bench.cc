@@ -49,7 +49,6 @@ void dictionaryFind(benchmark::State& state) {
 BENCHMARK(dictionaryFind)->Args({1, 0})->Args({4, 32})->Args({20000, 0})->Args({20000, 32});
 
 struct Record {
-    SubjectMapEntry entry;
     uint64_t messages, bytes;
 };
 
@@ -70,23 +69,23 @@ struct Subjects {
 
 struct FilledMap {
     explicit FilledMap(const Subjects& subjects) {
+        map.pool = &pool;
+        map.headBytes = sizeof(Record);
         for (const std::vector<uint8_t>& subject : subjects.packed) {
-            auto* record = static_cast<Record*>(std::calloc(1, sizeof(Record) + subject.size()));
-            if (record == nullptr) std::abort();
-            std::copy(subject.begin(), subject.end(), reinterpret_cast<uint8_t*>(record + 1));
-            if (subjectMapInsert(map, &record->entry) != kStatusSuccess) std::abort();
+            if (!subjectMapReserve(map)) std::abort();
+            const uint32_t hash = subjectHash(subject.data());
+            if (subjectMapAdd(map, subject.data(), hash) == nullptr) std::abort();
         }
     }
     FilledMap(const FilledMap&) = delete;
     FilledMap& operator=(const FilledMap&) = delete;
     ~FilledMap() {
-        for (uint32_t i = 0; i < subjectMapCount(map); ++i) {
-            std::free(subjectMapAt(map, i));
-        }
-        subjectMapDestroy(map);
+        subjectMapClear(map);
+        linePoolClear(pool);
     }
 
-    SubjectMap* map = subjectMapCreate(sizeof(Record));
+    LinePool pool{};
+    SubjectMap map{};
 };
 
 // Arguments: subjects, 1 for hot.
@@ -104,7 +103,8 @@ void subjectFind(benchmark::State& state) {
     size_t at = 0;
     for (auto _ : state) {
         const uint8_t* subject = packets.data() + starts[at++ % kLookUps];
-        auto* record = reinterpret_cast<Record*>(subjectMapFind(filled.map, subject));
+        auto* record = reinterpret_cast<Record*>(
+            subjectMapFind(filled.map, subject, subjectLength(subject), subjectHash(subject)));
         benchmark::DoNotOptimize(++record->messages);
     }
 }
@@ -114,7 +114,7 @@ void subjectInsertAll(benchmark::State& state) {
     const Subjects subjects(state.range(0));
     for (auto _ : state) {
         const FilledMap filled(subjects);
-        benchmark::DoNotOptimize(subjectMapCount(filled.map));
+        benchmark::DoNotOptimize(filled.map.count);
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }

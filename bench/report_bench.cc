@@ -6,12 +6,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "lib/base/log.h"
 #include "lib/containers/subject.h"
+#include "trace/counts/charge.h"
 #include "trace/counts/statistics.h"
 #include "trace/report/report.h"
 #include "trace/settings.h"
@@ -52,6 +54,7 @@ const std::vector<PackedSubject>& subjects() {
 
 // An interval in which every host and every subject had traffic. Null without memory.
 SnapHeader* takeBusyInterval() {
+    traceSettings.countSenders = true;
     if (statistics.ports == nullptr && statsInit() != kStatusSuccess) return nullptr;
     PortEntry* port = portEntry(htons(7500));
     NetEntry* net = netEntry(*port, inet_addr("224.1.1.1"));
@@ -65,11 +68,10 @@ SnapHeader* takeBusyInterval() {
     uint32_t number = 0;
     for (const PackedSubject& packed : subjects()) {
         const uint32_t address = hostAddress(number++);
-        SubjectEntry* subject = subjectEntry(*net, packed.data(), address, htons(8000));
-        HostSubjEntry* host = hostSubjEntry(*subject, address, htons(8000));
-        subject->live = host->live = 1;
-        host->msgs += 3;
-        host->bytes += number;
+        if (chargeMessage(*net, hostKey(address, htons(8000)), packed, number) !=
+            ChargeResult::kDone) {
+            std::abort();
+        }
     }
     snapshotSetStart({kStart, 0});
     return snapshotTake({kStart + 10, 0});

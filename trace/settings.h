@@ -43,6 +43,10 @@ struct TraceSettings {
     bool displayHostMsgs = false;
     bool complain = false;  // log each fault of a packet
 
+    // What to count beyond what is always counted: the senders of each subject. Whoever reads them
+    // from Snapshots asks for it; "-addrinfo" does.
+    bool countSenders = false;
+
     // How to run.
     bool foreground = false;
     bool snmp = false;  // accepted, without effect

@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "lib/base/bytes.h"
 #include "lib/containers/probe_index.h"
@@ -102,6 +103,23 @@ int32_t subjectInit(uint8_t* buffer, int32_t size);
 // The order of reports: element by element, each by unsigned bytes up to its NUL; the subject that
 // ends first comes first. Negative, 0 or positive.
 [[nodiscard]] int subjectCompare(const uint8_t* left, const uint8_t* right);
+
+// Is `subject`, `length` bytes, the one that is held? Eight at a time, the last of them by a load
+// that may overlap: nothing beyond `length` is read, and of a shorter subject no more than eight
+// bytes, since its own length is among them.
+[[nodiscard]] inline bool subjectIs(const uint8_t* held, const uint8_t* subject, size_t length) {
+    const auto load64 = [](const uint8_t* at) {
+        uint64_t word;
+        std::memcpy(&word, at, sizeof word);
+        return word;
+    };
+    if (length < 8) return std::memcmp(held, subject, length) == 0;
+    size_t at = 0;
+    for (; at + 8 < length; at += 8) {
+        if (load64(held + at) != load64(subject + at)) return false;
+    }
+    return load64(held + length - 8) == load64(subject + length - 8);
+}
 
 // For tables; differs from process to process.
 [[nodiscard]] inline uint32_t subjectHash(const uint8_t* subject) {

@@ -1,90 +1,91 @@
 // An exact map from packed subjects to records: what the statistics keep for every subject that
-// they have seen, looked up once for each captured message. It matches no wildcards and keeps no
-// order but that of its places; where wildcards matter, see sublist.h.
+// they have seen, looked up once for each captured message. It matches no wildcards; where
+// wildcards matter, see sublist.h.
 //
-// A record begins with a SubjectMapEntry and holds its packed subject at one fixed distance from
-// its start, the same for all records of a map. So a look-up that succeeds touches a slot and the
-// record, nothing else:
+// A record is a head of the user's and the subject behind it, in lines of a pool that maps share.
+// An index of open addressing leads to it:
 //
-//     struct Record {
-//         SubjectMapEntry entry;
-//         uint64_t messages;
-//     };                                // allocated with its subject behind it
-//     SubjectMap* map = subjectMapCreate(sizeof(Record));
+//     slot:    63      hash      32 31   number    0        0: free
+//     record:  0    head    headBytes    packed subject
 //
-// Ownership: the map owns its slots and places; records belong to the caller, keep their address
-// and their subject while they stand in the map.
+// So a look-up that succeeds touches a slot and the record, nothing else, and neither growth nor
+// removal reads a record to learn where it belongs. The hash is seeded by the process, so that
+// nobody outside can choose subjects that meet in one place.
 //
-// Failure: kStatusNoMemory from an insertion, which then leaves map and record as they were.
+// A walk goes by places, in the order of insertion but for removals.
+//
+// Ownership: the map owns its records; they keep their address until they are removed. It is usable
+// once `pool` and `headBytes` are set and all else is zero.
+//
+// Failure: no memory, which leaves the map as it was.
 //
 // Threads: no lock; the owner serialises changes.
 
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 
-#include "lib/base/status.h"
-#include "lib/containers/probe_index.h"
+#include "lib/base/bytes.h"
+#include "lib/base/prefetch.h"
+#include "lib/containers/line_pool.h"
 #include "lib/containers/subject.h"
 
-// Written by the map.
-struct SubjectMapEntry {
-    uint32_t hash;
-    uint32_t position;  // 0 to count - 1
-};
-
 struct SubjectMap {
-    uint32_t subjectOffset;  // constant: from a record's start to its packed subject, in bytes
-    uint32_t capacity;       // of `records`
-    SubjectMapEntry** records;
-    ProbeIndex index;
+    LinePool* pool;      // constant
+    uint32_t headBytes;  // constant
+
+    uint32_t count;
+    uint32_t capacity;  // of `places`
+    uint32_t mask;      // slots - 1; their number is a power of two
+    uint32_t* places;   // numbers of records
+    uint64_t* slots;    // null until the first record
 };
 
-// Null when memory runs out.
-[[nodiscard]] SubjectMap* subjectMapCreate(uint32_t subjectOffset);
+// Room for one record more. False when memory runs out.
+[[nodiscard]] bool subjectMapReserve(SubjectMap& map);
 
-// Nothing happens for no map.
-void subjectMapDestroy(SubjectMap* map);
+// Behind subjectMapReserve: a record at the last place, its head zeroed, for a well-formed subject
+// that the map doesn't hold. `hash` is the subject's subjectHash. Null when memory runs out.
+[[nodiscard]] uint8_t* subjectMapAdd(SubjectMap& map, const uint8_t* subject, uint32_t hash);
 
-// `record` carries its subject already, one that the map doesn't hold. It gets the last place.
-[[nodiscard]] pelmoStatus subjectMapInsert(SubjectMap* map, SubjectMapEntry* record);
+// Frees the record at the place, 0 to count - 1. The last place's record moves there: a walk that
+// removes runs downwards.
+void subjectMapRemove(SubjectMap& map, uint32_t place);
 
-// The record of the last place moves to the place that falls free. A walk that removes therefore
-// runs downwards.
-void subjectMapRemove(SubjectMap* map, SubjectMapEntry* record);
+// Frees all records and the map's own memory.
+void subjectMapClear(SubjectMap& map);
 
-[[nodiscard]] inline uint32_t subjectMapCount(const SubjectMap* map) {
-    return map->index.count;
+[[nodiscard]] inline uint8_t* subjectMapAt(const SubjectMap& map, uint32_t place) {
+    return linePoolAt(*map.pool, map.places[place]);
 }
 
-// `position` is below the count.
-[[nodiscard]] inline SubjectMapEntry* subjectMapAt(const SubjectMap* map, uint32_t position) {
-    return map->records[position];
+// Null where the subject isn't there. `subject` is `length` bytes in hand and may be anything: only
+// well-formed ones stand in the map.
+[[nodiscard]] inline uint8_t* subjectMapFind(const SubjectMap& map,
+                                             const uint8_t* subject,
+                                             size_t length,
+                                             uint32_t hash) {
+    if (map.slots == nullptr) return nullptr;
+    for (uint32_t at = hash & map.mask;; at = (at + 1) & map.mask) {
+        const uint64_t slot = map.slots[at];
+        if (slot == 0) return nullptr;
+        if (slot >> 32 != hash) continue;
+        uint8_t* record = linePoolAt(*map.pool, static_cast<uint32_t>(slot));
+        if (subjectIs(record + map.headBytes, subject, length)) return record;
+    }
 }
 
-[[nodiscard]] inline const uint8_t* subjectMapSubject(const SubjectMap* map,
-                                                      const SubjectMapEntry* record) {
-    return reinterpret_cast<const uint8_t*>(record) + map->subjectOffset;
+// Ahead of a look-up, in two steps with other work between: asks the cache for the slot, and for
+// the record with so many bytes of its subject.
+inline void subjectMapPrefetchSlot(const SubjectMap& map, uint32_t hash) {
+    if (map.slots != nullptr) prefetchLine(&map.slots[hash & map.mask]);
 }
 
-// Null where the subject isn't there. `subject` is borrowed for the call.
-[[nodiscard]] inline SubjectMapEntry* subjectMapFind(const SubjectMap* map,
-                                                     const uint8_t* subject) {
-    const size_t length = subjectLength(subject);
-    const auto matches = [map, subject, length](void* entry) {
-        const uint8_t* held = subjectMapSubject(map, static_cast<SubjectMapEntry*>(entry));
-        return subjectLength(held) == length && std::memcmp(held, subject, length) == 0;
-    };
-    return static_cast<SubjectMapEntry*>(probeFind(map->index, subjectHash(subject), matches));
-}
-
-// Ahead of a look-up, as in probe_index.h: the slot, and then the record with so many bytes of its
-// subject. `hash` is the subject's subjectHash.
-inline void subjectMapPrefetchSlot(const SubjectMap* map, uint32_t hash) {
-    probePrefetchSlot(map->index, hash);
-}
-
-inline void subjectMapPrefetchRecord(const SubjectMap* map, uint32_t hash, size_t subjectBytes) {
-    probePrefetchEntry(map->index, hash, map->subjectOffset + subjectBytes);
+inline void subjectMapPrefetchRecord(const SubjectMap& map, uint32_t hash, size_t subjectBytes) {
+    if (map.slots == nullptr) return;
+    for (uint32_t at = hash & map.mask; map.slots[at] != 0; at = (at + 1) & map.mask) {
+        if (map.slots[at] >> 32 != hash) continue;
+        const auto number = static_cast<uint32_t>(map.slots[at]);
+        return prefetchBytes(linePoolAt(*map.pool, number), map.headBytes + subjectBytes);
+    }
 }

@@ -2,67 +2,81 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <map>
-#include <memory>
+#include <algorithm>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "tests/support/container_values.h"
 
 namespace {
 
-struct Record {
-    SubjectMapEntry entry;
-    uint64_t messages;
-};
-
-struct Free {
-    void operator()(void* block) const { std::free(block); }
-};
-using OwnedRecord = std::unique_ptr<Record, Free>;
-using Map = std::unique_ptr<SubjectMap, decltype(&subjectMapDestroy)>;
-
-OwnedRecord makeRecord(const Packed& subject) {
-    OwnedRecord record(static_cast<Record*>(std::malloc(sizeof(Record) + subject.size())));
-    if (record != nullptr) std::memcpy(record.get() + 1, subject.data(), subject.size());
-    return record;
+uint8_t* find(const SubjectMap& map, const Packed& subject) {
+    return subjectMapFind(map, subject.data(), subject.size(), subjectHash(subject.data()));
 }
 
-Map makeMap() {
-    return Map(subjectMapCreate(sizeof(Record)), subjectMapDestroy);
+Packed subjectOf(const SubjectMap& map, const uint8_t* record) {
+    const uint8_t* subject = record + map.headBytes;
+    return Packed(subject, subject + subjectLength(subject));
 }
 
-// Among them subjects that differ in one byte or only in their elements' borders.
-TEST(SubjectMap, HoldsWhatWasPutInAndEachPlaceOnce) {
+// Of every length, among them some that differ in one byte or only in their elements' borders.
+Packed someSubject(std::mt19937& random) {
     const char* near[] = {"A", "B", "A.B", "AB", "A.B.C", "A.BC", "AB.C", "ABC"};
+    const size_t choice = random() % 500;
+    if (choice < 8) return pack(near[choice]);
+    std::string text = "A." + std::to_string(choice);
+    while (text.size() + 40 < choice / 2) {
+        text += ".B" + std::string(choice % 37, 'x');
+    }
+    return pack(text);
+}
+
+// Two maps share a pool, so that one that takes another's lines shows.
+TEST(SubjectMap, HoldsWhatWasPutInAndEachPlaceOnce) {
+    LinePool pool{};
+    SubjectMap maps[2] = {};
+    std::vector<Packed> held[2];  // by place
     std::mt19937 random(5);
-    const Map map = makeMap();
-    std::map<std::string, OwnedRecord> held;
-    for (int step = 0; step < 30000; ++step) {
-        const size_t choice = random() % 500;
-        const std::string text = choice < 8 ? near[choice] : "A." + std::to_string(choice) + ".B";
-        const Packed subject = pack(text);
-        SubjectMapEntry* found = subjectMapFind(map.get(), subject.data());
-        const auto known = held.find(text);
-        ASSERT_EQ(found, known == held.end() ? nullptr : &known->second->entry);
-        if (found == nullptr) {
-            OwnedRecord record = makeRecord(subject);
-            ASSERT_EQ(subjectMapInsert(map.get(), &record->entry), kStatusSuccess);
-            ASSERT_EQ(subjectMapAt(map.get(), subjectMapCount(map.get()) - 1), &record->entry);
-            held[text] = std::move(record);
+    for (SubjectMap& map : maps) {
+        map.pool = &pool;
+        map.headBytes = 24;
+    }
+    for (int step = 0; step < 60000; ++step) {
+        const size_t which = random() % 2;
+        SubjectMap& map = maps[which];
+        std::vector<Packed>& known = held[which];
+        const Packed subject = someSubject(random);
+        const auto place = std::find(known.begin(), known.end(), subject) - known.begin();
+        const bool isKnown = place < static_cast<std::ptrdiff_t>(known.size());
+        uint8_t* record = find(map, subject);
+        ASSERT_EQ(record != nullptr, isKnown);
+        if (!isKnown) {
+            ASSERT_TRUE(subjectMapReserve(map));
+            Packed borrowed = subject;
+            record = subjectMapAdd(map, borrowed.data(), subjectHash(borrowed.data()));
+            ASSERT_NE(record, nullptr);
+            ASSERT_EQ(std::count(record, record + map.headBytes, 0), map.headBytes);
+            std::fill_n(record, map.headBytes, 0xaa);
+            borrowed.assign(borrowed.size(), 0xff);
+            known.push_back(subject);
         } else if (random() % 2 == 0) {
-            subjectMapRemove(map.get(), found);
-            held.erase(known);
+            subjectMapRemove(map, static_cast<uint32_t>(place));
+            known[static_cast<size_t>(place)] = known.back();
+            known.pop_back();
         }
-        ASSERT_EQ(subjectMapCount(map.get()), held.size());
+        ASSERT_EQ(map.count, known.size());
         if (step % 1000 != 0) continue;
-        for (uint32_t i = 0; i < subjectMapCount(map.get()); ++i) {
-            const SubjectMapEntry* record = subjectMapAt(map.get(), i);
-            ASSERT_EQ(record->position, i);
-            ASSERT_EQ(subjectMapFind(map.get(), subjectMapSubject(map.get(), record)), record);
+        for (uint32_t i = 0; i < map.count; ++i) {
+            ASSERT_EQ(subjectOf(map, subjectMapAt(map, i)), known[i]);
+            ASSERT_EQ(find(map, known[i]), subjectMapAt(map, i));
+            ASSERT_EQ(reinterpret_cast<uintptr_t>(subjectMapAt(map, i)) % kCacheLineBytes, 0u);
         }
     }
+    for (SubjectMap& map : maps) {
+        subjectMapClear(map);
+    }
+    linePoolClear(pool);
 }
 
 }  // namespace

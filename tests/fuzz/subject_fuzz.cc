@@ -15,15 +15,11 @@ void require(bool holds) {
     if (!holds) std::abort();
 }
 
-struct Record {
-    SubjectMapEntry entry;
-};
-
 // What is under test, and what it has to hold.
 struct Bench {
-    SubjectMap* map = subjectMapCreate(sizeof(Record));
+    LinePool pool{};
+    SubjectMap map{};
     SubjectList* list = sublistCreate();
-    std::vector<Record*> records;
 };
 
 bool sameSubject(const uint8_t* left, const uint8_t* right) {
@@ -62,13 +58,13 @@ void checkCopy(const uint8_t* subject) {
 
 void enterMap(Bench& bench, const uint8_t* subject) {
     const size_t length = subjectLength(subject);
-    SubjectMapEntry* held = subjectMapFind(bench.map, subject);
-    if (held != nullptr) return require(sameSubject(subjectMapSubject(bench.map, held), subject));
-    auto* record = static_cast<Record*>(std::malloc(sizeof(Record) + length));
-    std::memcpy(record + 1, subject, length);
-    require(subjectMapInsert(bench.map, &record->entry) == kStatusSuccess);
-    require(subjectMapFind(bench.map, subject) == &record->entry);
-    bench.records.push_back(record);
+    const uint32_t hash = subjectHash(subject);
+    const uint8_t* held = subjectMapFind(bench.map, subject, length, hash);
+    if (held != nullptr) return require(sameSubject(held + bench.map.headBytes, subject));
+    require(subjectMapReserve(bench.map));
+    const uint8_t* record = subjectMapAdd(bench.map, subject, hash);
+    require(record != nullptr && sameSubject(record + bench.map.headBytes, subject));
+    require(subjectMapFind(bench.map, subject, length, hash) == record);
 }
 
 void enterList(Bench& bench, const uint8_t* subject) {
@@ -95,19 +91,19 @@ void trySubject(Bench& bench, const uint8_t* bytes, size_t length) {
 
 // Everything goes; what is left is empty.
 void takeDown(Bench& bench) {
-    for (Record* record : bench.records) {
-        const uint8_t* subject = subjectMapSubject(bench.map, &record->entry);
+    while (bench.map.count != 0) {
+        const uint32_t last = bench.map.count - 1;
+        const uint8_t* subject = subjectMapAt(bench.map, last) + bench.map.headBytes;
         if (subjectElementCount(subject) != 0) {
             require(sublistRemove(bench.list, subject, nullptr, nullptr) > 0);
         }
-        subjectMapRemove(bench.map, &record->entry);
-        std::free(record);
+        subjectMapRemove(bench.map, last);
     }
-    require(subjectMapCount(bench.map) == 0);
     require(bench.list->valueCount == 0);
     require(bench.list->root->table->count == 0);
     require(sublistAll(bench.list) == nullptr);
-    subjectMapDestroy(bench.map);
+    subjectMapClear(bench.map);
+    linePoolClear(bench.pool);
     sublistDestroy(bench.list);
 }
 
@@ -117,6 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Bench bench;
+    bench.map.pool = &bench.pool;
     while (size >= kSubjectHeadBytes) {
         const size_t declared = subjectLength(data);
         const size_t length = declared < kSubjectHeadBytes || declared > size ? 2 : declared;

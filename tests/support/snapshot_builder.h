@@ -100,8 +100,12 @@ struct BuiltSnapshot {
     SnapNet linkNet(BuiltNet& net) {
         std::vector<SnapSubject> linked;
         for (BuiltSubject& subject : net.subjects) {
-            linked.push_back({subject.packed.data(), ~uint64_t{0}, ~uint64_t{0},
-                              sizeOf(subject.hosts), subject.hosts.data()});
+            SnapSubject& made = linked.emplace_back(SnapSubject{
+                subject.packed.data(), 0, 0, sizeOf(subject.hosts), subject.hosts.data()});
+            for (const SnapSubjectHost& host : subject.hosts) {
+                made.msgs += host.msgs;
+                made.bytes += host.bytes;
+            }
         }
         std::vector<SnapSubject>& kept = subjects.emplace_back(std::move(linked));
         return {net.net,     sizeOf(net.hosts),      net.hosts.data(),     sizeOf(kept),

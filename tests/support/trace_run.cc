@@ -28,7 +28,7 @@ std::string counts(const std::vector<Count>& all) {
     return text;
 }
 
-std::string liveMark(uint32_t live) {
+std::string liveMark(uint64_t live) {
     return live != 0 ? " live" : "";
 }
 
@@ -97,12 +97,11 @@ std::string senderState(const HostEntry& host) {
 // Records of a kind, one line each, by key as people read it.
 class Rows {
   public:
-    template <typename Record>
-    void add(const char* head, uint64_t key, const Record& record, const std::string& text) {
+    void add(const char* head, uint64_t key, uint64_t live, const std::string& text) {
         const uint32_t address = hostKeyAddress(key);
         const uint16_t port = hostKeyPort(key);
         rows_.push_back({{hostOrder32(address), hostOrder16(port)},
-                         head + hostName(address, port) + liveMark(record.live) + text});
+                         head + hostName(address, port) + liveMark(live) + text});
     }
 
     void moveTo(Lines& lines) {
@@ -120,7 +119,7 @@ template <typename Record, typename Text>
 void addRecords(Lines& lines, Dict64* dict, const char* head, Text text) {
     Rows rows;
     eachRecord<Record>(dict, [&](uint64_t key, const Record& record) {
-        rows.add(head, key, record, text(record));
+        rows.add(head, key, record.live, text(record));
     });
     rows.moveTo(lines);
 }
@@ -137,17 +136,17 @@ std::vector<std::pair<uint32_t, Record*>> sortedRecords(Dict32* dict, uint32_t (
 
 void addSubjects(Lines& lines, NetEntry& net) {
     std::vector<std::pair<std::string, SubjectEntry*>> subjects;
-    for (uint32_t i = 0; i < subjectMapCount(net.subjects); ++i) {
-        SubjectEntry& subject = subjectAt(net, i);
+    for (uint32_t place = 0; place < net.subjects.count; ++place) {
+        SubjectEntry& subject = subjectAt(net.subjects, place);
         subjects.push_back({subjectName(packedSubject(subject)), &subject});
     }
     std::sort(subjects.begin(), subjects.end());
     for (const auto& [name, subject] : subjects) {
-        lines.push_back("  subject " + name + liveMark(subject->live));
+        lines.push_back("  subject " + name + liveMark(subject->msgs));
         Rows rows;
-        eachSubjectHost(*subject, [&](uint64_t key, const HostSubjEntry& host) {
-            rows.add("   from ", key, host, messageCounts(host));
-        });
+        for (const SubjectSender& sender : sendersOf(*subject)) {
+            rows.add("   from ", sender.key, sender.msgs, messageCounts(sender));
+        }
         rows.moveTo(lines);
     }
 }
@@ -214,6 +213,7 @@ void addSnapPort(Lines& lines, const SnapPort& port) {
 
 TraceRun::TraceRun(bool complain) : complainBefore_(traceSettings.complain) {
     traceSettings.complain = complain;
+    traceSettings.countSenders = true;
     log_ = open_memstream(&logText_, &logBytes_);
     logSetStream(log_);
     EXPECT_EQ(statsInit(), kStatusSuccess);
@@ -225,6 +225,7 @@ TraceRun::~TraceRun() {
     std::fclose(log_);
     std::free(logText_);
     traceSettings.complain = complainBefore_;
+    traceSettings.countSenders = false;
 }
 
 Lines TraceRun::logged() {

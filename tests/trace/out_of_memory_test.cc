@@ -75,6 +75,8 @@ TEST(OutOfMemory, GivesUpWhatDataPacketsNeed) {
     const Lines noNet = {"packets=1 oska=1", "port 7500"};
     const Lines noHost = {"packets=1 oska=1", "port 7500", " net 239.1.1.1"};
     const Lines noSubject = counted(1, 1, 1, 0, 0);
+    Lines noSender = noSubject;
+    noSender.push_back(subject);
     const Lines onlySecond = counted(2, 2, 1, 1, 1);
     const Lines secondCharged = counted(2, 2, 2, 1, 1);
 
@@ -86,12 +88,12 @@ TEST(OutOfMemory, GivesUpWhatDataPacketsNeed) {
         {"Out of memory storing port entry", noPort, onlySecond},
         {"Out of memory allocating net entry", noNet, onlySecond},
         {"Out of memory creating host dictionary", noNet, onlySecond},
-        {"Out of memory creating subject dictionary", noNet, onlySecond},
         {"Out of memory storing net entry", noNet, onlySecond},
         {"Out of memory allocating host entry", noHost, onlySecond},
         {"Out of memory storing host entry", noHost, onlySecond},
-        {"Out of memory allocating subject entry", noSubject, secondCharged},
         {"Out of memory storing subject entry", noSubject, secondCharged},
+        {"Out of memory allocating subject entry", noSubject, secondCharged},
+        {"Out of memory creating subject host dictionary", noSender, secondCharged},
         {"Out of memory allocating Host.status storage", counted(1, 1, 1, 1, 0),
          counted(2, 2, 2, 2, 1)},
     };
@@ -101,41 +103,42 @@ TEST(OutOfMemory, GivesUpWhatDataPacketsNeed) {
     }
 }
 
-// A subject's second sender needs more than its first.
+// The 17th sender of a subject needs a longer array, and an index besides.
 TEST(OutOfMemory, GivesUpWhatTheNextSenderOfASubjectNeeds) {
     const Bytes bytes = message({subjectField(packedSubject("A"))});
-    const PacketHead second = {.srcIp = ipv4(10, 0, 0, 2), .seq = 1};
-    const PacketHead secondAgain = {.srcIp = ipv4(10, 0, 0, 2), .seq = 2};
-    const Lines first = {"port 7500 live", " net 239.1.1.1 live",
-                         "  host 10.0.0.1:7001 live epoch=80000001 lastSeq=1 data=1 bytes=21"};
-    const auto tree = [&first](const char* packets, const Lines& rest) {
-        Lines lines = {packets};
-        lines.insert(lines.end(), first.begin(), first.end());
-        lines.insert(lines.end(), rest.begin(), rest.end());
+    const auto packet = [&bytes](uint32_t sender, uint32_t seq) {
+        return dataPacket({.srcIp = ipv4(10, 0, 0, 0) + sender, .seq = seq}, bytes);
+    };
+    std::vector<Bytes> before;
+    Lines hosts, senders;
+    for (uint32_t sender = 1; sender <= 16; ++sender) {
+        before.push_back(packet(sender, 1));
+        const std::string name = "10.0.0." + std::to_string(sender) + ":7001 live ";
+        hosts.push_back("  host " + name + "epoch=80000001 lastSeq=1 data=1 bytes=21");
+        senders.push_back("   from " + name + "msgs=1 bytes=21");
+    }
+    const auto tree = [&](const char* packets, const char* host, bool charged) {
+        Lines lines = {packets, "port 7500 live", " net 239.1.1.1 live"};
+        lines.insert(lines.end(), hosts.begin(), hosts.end());
+        const std::string name = "10.0.0.17:7001 live ";
+        if (host != nullptr) lines.push_back("  host " + name + "epoch=80000001 " + host);
+        lines.push_back("  subject A live");
+        lines.insert(lines.end(), senders.begin(), senders.end());
+        if (charged) lines.push_back("   from " + name + "msgs=1 bytes=21");
         return lines;
     };
-    const std::string subject = "  subject A live";
-    const std::string charged = "   from 10.0.0.1:7001 live msgs=1 bytes=21";
-    const std::string host = "  host 10.0.0.2:7001 live epoch=80000001 lastSeq=";
-    const Lines noHost = tree("packets=2 oska=2", {subject, charged});
-    const Lines onlyThird =
-        tree("packets=3 oska=3", {host + "2 data=1 bytes=21", subject, charged,
-                                  "   from 10.0.0.2:7001 live msgs=1 bytes=21"});
-    const Lines uncharged =
-        tree("packets=2 oska=2", {host + "1 data=1 bytes=21", subject, charged});
-    const Lines thirdCharged =
-        tree("packets=3 oska=3", {host + "2 data=2 bytes=42", subject, charged,
-                                  "   from 10.0.0.2:7001 live msgs=1 bytes=21"});
+    const Lines noHost = tree("packets=17 oska=17", nullptr, false);
+    const Lines onlyLast = tree("packets=18 oska=18", "lastSeq=2 data=1 bytes=21", true);
+    const Lines uncharged = tree("packets=17 oska=17", "lastSeq=1 data=1 bytes=21", false);
+    const Lines lastCharged = tree("packets=18 oska=18", "lastSeq=2 data=2 bytes=42", true);
     const std::vector<Shortage> expected = {
-        {"Out of memory allocating host entry", noHost, onlyThird},
-        {"Out of memory storing host entry", noHost, onlyThird},
-        {"Out of memory creating subject host dictionary", uncharged, thirdCharged},
-        {"Out of memory allocating HostSubj entry", uncharged, thirdCharged},
-        {"Out of memory storing host subject entry", uncharged, thirdCharged},
+        {"Out of memory allocating host entry", noHost, onlyLast},
+        {"Out of memory storing host entry", noHost, onlyLast},
+        {"Out of memory allocating HostSubj entry", uncharged, lastCharged},
+        {"Out of memory storing host subject entry", uncharged, lastCharged},
     };
     for (const bool forGood : {false, true}) {
-        expectShortages({dataPacket({}, bytes)}, dataPacket(second, bytes),
-                        dataPacket(secondAgain, bytes), forGood, expected);
+        expectShortages(before, packet(17, 1), packet(17, 2), forGood, expected);
     }
 }
 

@@ -2,8 +2,7 @@
 
 #include <cstring>
 
-#include "lib/containers/subject_map.h"
-#include "trace/counts/statistics.h"
+#include "trace/settings.h"
 
 namespace {
 
@@ -13,32 +12,54 @@ constexpr uint32_t kBehindForRecord = 2;
 constexpr uint32_t kBehindToCount = 5;
 static_assert(kBehindToCount < kChargesInLine);
 
-constexpr size_t kUsualRecordBytes = sizeof(SubjectEntry) + 40;  // most subjects are no longer
+constexpr size_t kUsualSubjectBytes = 40;  // most are no longer
+constexpr size_t kLeastSubjectBytes = 5;   // one element without characters
 
-bool count(
-    NetEntry& net, uint32_t srcIp, uint16_t srcPort, const uint8_t* packed, uint32_t messageBytes) {
-    SubjectEntry* subject = subjectEntry(net, packed, srcIp, srcPort);
-    if (subject == nullptr) return false;
-    HostSubjEntry* host = hostSubjEntry(*subject, srcIp, srcPort);
-    if (host == nullptr) return false;
-    subject->live = host->live = 1;
-    ++host->msgs;
-    host->bytes += messageBytes;
+// Looks the subject up and counts for it; false where it has no record.
+SubjectEntry* findSubject(const NetEntry& net,
+                          const uint8_t* subject,
+                          size_t length,
+                          uint32_t hash) {
+    return reinterpret_cast<SubjectEntry*>(subjectMapFind(net.subjects, subject, length, hash));
+}
+
+bool countSender(SubjectEntry& subject, uint64_t key, uint32_t messageBytes) {
+    SubjectSender* sender = subjectSender(subject, key);
+    if (sender == nullptr) return false;
+    if (sender->msgs++ == 0) ++statistics.live.senders;
+    sender->bytes += messageBytes;
+    return true;
+}
+
+bool count(NetEntry& net, SubjectEntry& subject, uint64_t sender, uint32_t messageBytes) {
+    if (traceSettings.countSenders && !countSender(subject, sender, messageBytes)) return false;
+    if (subject.msgs++ == 0) {
+        ++net.liveSubjects;
+        ++statistics.live.subjects;
+        statistics.live.subjectBytes += snapSubjectBytes(packedSubject(subject));
+    }
+    subject.bytes += messageBytes;
     return true;
 }
 
 // The one with so many behind it.
-Charge& chargeAhead(ChargeLine& line, uint32_t behind) {
+WaitingCharge& chargeAhead(ChargeLine& line, uint32_t behind) {
     return line.places[(line.entered - 1 - behind) % kChargesInLine];
 }
 
 // One that memory fails has been told of, and its packet is long gone.
 void countOldest(ChargeLine& line) {
-    const Charge& oldest = chargeAhead(line, --line.waiting);
-    (void)count(*oldest.net, oldest.srcIp, oldest.srcPort, oldest.subject, oldest.messageBytes);
+    const WaitingCharge& oldest = chargeAhead(line, --line.waiting);
+    NetEntry& net = *oldest.net;
+    SubjectEntry* subject =
+        findSubject(net, oldest.subject, subjectLength(oldest.subject), oldest.subjectHash);
+    if (subject == nullptr) {
+        subject = subjectCreate(net.subjects, oldest.subject, oldest.subjectHash);
+    }
+    if (subject != nullptr) (void)count(net, *subject, oldest.sender, oldest.messageBytes);
 }
 
-Charge& enter(ChargeLine& line) {
+WaitingCharge& enter(ChargeLine& line) {
     ++line.entered;
     ++line.waiting;
     return chargeAhead(line, 0);
@@ -46,32 +67,50 @@ Charge& enter(ChargeLine& line) {
 
 void moveOn(ChargeLine& line) {
     if (line.waiting > kBehindForRecord) {
-        const Charge& charge = chargeAhead(line, kBehindForRecord);
-        subjectMapPrefetchRecord(charge.net->subjects, charge.subjectHash, kUsualRecordBytes);
+        const WaitingCharge& charge = chargeAhead(line, kBehindForRecord);
+        subjectMapPrefetchRecord(charge.net->subjects, charge.subjectHash, kUsualSubjectBytes);
     }
     if (line.waiting > kBehindToCount) countOldest(line);
 }
 
-}  // namespace
-
-bool chargeMessage(NetEntry& net,
-                   uint32_t srcIp,
-                   uint16_t srcPort,
-                   const uint8_t* subject,
-                   uint32_t messageBytes) {
-    if (subjectMapCount(net.subjects) <= kCachedSubjects) {
-        return count(net, srcIp, srcPort, subject, messageBytes);
-    }
-    Charge& charge = enter(statistics.charges);
+// The form can't wait: a fault ends the scan of its packet.
+ChargeResult wait(NetEntry& net,
+                  uint64_t sender,
+                  std::span<const uint8_t> subject,
+                  uint32_t messageBytes) {
+    if (!subjectIsValid(subject.data())) return ChargeResult::kInvalid;
+    WaitingCharge& charge = enter(statistics.charges);
     charge.net = &net;
-    charge.srcIp = srcIp;
-    charge.srcPort = srcPort;
+    charge.sender = sender;
     charge.messageBytes = messageBytes;
-    charge.subjectHash = subjectHash(subject);
-    std::memcpy(charge.subject, subject, subjectLength(subject));
+    charge.subjectHash = subjectHash(subject.data());
+    std::memcpy(charge.subject, subject.data(), subject.size());
     subjectMapPrefetchSlot(net.subjects, charge.subjectHash);
     moveOn(statistics.charges);
-    return true;
+    return ChargeResult::kDone;
+}
+
+}  // namespace
+
+ChargeResult chargeMessage(NetEntry& net,
+                           uint64_t sender,
+                           std::span<const uint8_t> subject,
+                           uint32_t messageBytes) {
+    const size_t length = subject.size();
+    if (length < kLeastSubjectBytes || length > kSubjectMaxBytes) {
+        const bool empty = length == kSubjectHeadBytes && subjectElementCount(subject.data()) == 0;
+        return empty ? ChargeResult::kDone : ChargeResult::kInvalid;
+    }
+    if (net.subjects.count > kCachedSubjects) return wait(net, sender, subject, messageBytes);
+
+    const uint32_t hash = probeHashBytes(subject.data(), length);
+    SubjectEntry* entry = findSubject(net, subject.data(), length, hash);
+    if (entry == nullptr) {
+        if (!subjectIsValid(subject.data())) return ChargeResult::kInvalid;
+        entry = subjectCreate(net.subjects, subject.data(), hash);
+        if (entry == nullptr) return ChargeResult::kNoMemory;
+    }
+    return count(net, *entry, sender, messageBytes) ? ChargeResult::kDone : ChargeResult::kNoMemory;
 }
 
 void chargesSettle() {

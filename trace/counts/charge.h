@@ -1,4 +1,7 @@
-// Charges: bus messages on their way to the records of their subject.
+// Charges: bus messages on their way to the records of their subject and of its sender.
+//
+// Only well-formed subjects have records. So a subject is looked up first, as it stands in the
+// packet, and its form is tested only where it has no record yet.
 //
 // Where a net has many subjects, a subject is two trips to memory, first for its slot and then for
 // its record, and one packet has too little other work to pass the time. There a charge waits in a
@@ -11,8 +14,7 @@
 // Nobody but the snapshot reads what subjects count, and it settles the line first. Charges are
 // counted in the order in which they came.
 //
-// Ownership: a waiting charge holds a copy of its subject, and borrows its net: nets stay for as
-// long as the statistics that the line is part of.
+// Ownership: a waiting charge holds a copy of its subject.
 //
 // Failure: a charge that memory fails isn't counted, which the log tells.
 //
@@ -20,37 +22,26 @@
 
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
+#include <span>
 
-#include "lib/containers/subject.h"
-
-struct NetEntry;
-
-struct Charge {
-    NetEntry* net;
-    uint32_t srcIp;  // network order, as the port
-    uint16_t srcPort;
-    uint32_t messageBytes;
-    uint32_t subjectHash;
-    uint8_t subject[kSubjectMaxBytes];  // packed; only its own length is set
-};
-
-inline constexpr uint32_t kChargesInLine = 8;  // a power of two
-
-struct ChargeLine {
-    uint32_t entered;  // ever; the place of the next one, wrapped around
-    uint32_t waiting;  // the last so many that entered
-    Charge places[kChargesInLine];
-};
+#include "trace/counts/statistics.h"
 
 // Nets with more subjects than this have their charges wait.
 inline constexpr uint32_t kCachedSubjects = 4096;
 
-// `subject` is packed, well formed, with at least one element, and borrowed for the call. False
-// where the message was to be counted at once and memory failed it.
-[[nodiscard]] bool chargeMessage(
-    NetEntry& net, uint32_t srcIp, uint16_t srcPort, const uint8_t* subject, uint32_t messageBytes);
+enum class ChargeResult {
+    kDone,      // counted, on its way, or nothing to count: the subject has no elements
+    kInvalid,   // the subject isn't well formed
+    kNoMemory,  // the message was to be counted at once
+};
+
+// `subject` is the packed subject with the length that it gives itself, or fewer than two bytes;
+// it is borrowed for the call. `sender` is a hostKey.
+[[nodiscard]] ChargeResult chargeMessage(NetEntry& net,
+                                         uint64_t sender,
+                                         std::span<const uint8_t> subject,
+                                         uint32_t messageBytes);
 
 // Counts all that wait.
 void chargesSettle();

@@ -6,13 +6,13 @@
 #include "lib/base/bytes.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
+#include "trace/counts/charge.h"
 #include "trace/counts/host_status.h"
 #include "trace/counts/snapshot_storage.h"
 #include "trace/counts/statistics.h"
 
 namespace {
 
-constexpr size_t kTextAlignment = 4;
 constexpr size_t kAreaAlignment = 8;
 
 SnapTime prevTime;  // guarded by `statsLock`
@@ -42,25 +42,17 @@ size_t countLive(Dict64* dict) {
     return count;
 }
 
-// Counts the live subjects of a net and removes the others: all of them where the net was silent.
-// Runs downwards, since a removal moves the last subject, already seen, to the place at hand.
-void countSubjects(NetEntry& net, Sizes& sizes) {
-    for (uint32_t i = subjectMapCount(net.subjects); i-- > 0;) {
-        SubjectEntry& subject = subjectAt(net, i);
-        if (net.live == 0 || subject.live == 0) {
-            subjectRemove(net, subject);
-            continue;
-        }
-        ++sizes.subjects;
-        sizes.textBytes += padded(subjectLength(packedSubject(subject)), kTextAlignment);
-        eachSubjectHost(subject, [&](uint64_t, const HostSubjEntry& host) {
-            if (host.live != 0) ++sizes.subjectHosts;
-        });
+// Removes the subjects that were silent: all of them where the net was. Runs downwards, since a
+// removal moves the last subject, already seen, to the place at hand.
+void sweepSubjects(NetEntry& net) {
+    if (net.liveSubjects == net.subjects.count) return;
+    for (uint32_t place = net.subjects.count; place-- > 0;) {
+        if (subjectAt(net.subjects, place).msgs == 0) subjectRemove(net.subjects, place);
     }
 }
 
 void countNet(NetEntry& net, Sizes& sizes) {
-    countSubjects(net, sizes);
+    sweepSubjects(net);
     if (net.live == 0) return;
     ++sizes.nets;
     sizes.hosts += countLive<HostEntry>(net.hosts);
@@ -70,6 +62,9 @@ void countNet(NetEntry& net, Sizes& sizes) {
 
 Sizes countAll() {
     Sizes sizes{};
+    sizes.subjects = statistics.live.subjects;
+    sizes.subjectHosts = statistics.live.senders;
+    sizes.textBytes = statistics.live.subjectBytes;
     eachRecord<PortEntry>(statistics.ports, [&](uint32_t, PortEntry& port) {
         if (port.live == 0) return;
         ++sizes.ports;
@@ -147,14 +142,14 @@ void copyTwoSidedHost(uint64_t key, Record& host, Snap& to) {
     host = {};
 }
 
-// Moves the live hosts of a subject to the next places. Returns their count.
-uint32_t copySubjectHosts(SubjectEntry& subject, SnapSubjectHost*& place) {
+// Moves the live senders of a subject to the next places. Returns their count.
+uint32_t copySenders(const SubjectEntry& subject, SnapSubjectHost*& place) {
     const SnapSubjectHost* first = place;
-    eachSubjectHost(subject, [&](uint64_t key, HostSubjEntry& host) {
-        if (host.live == 0) return;
-        *place++ = {hostKeyAddress(key), hostKeyPort(key), host.msgs, host.bytes};
-        host = {};
-    });
+    for (SubjectSender& sender : sendersOf(subject)) {
+        if (sender.msgs == 0) continue;
+        *place++ = {hostKeyAddress(sender.key), hostKeyPort(sender.key), sender.msgs, sender.bytes};
+        sender.msgs = sender.bytes = 0;
+    }
     return static_cast<uint32_t>(place - first);
 }
 
@@ -168,18 +163,19 @@ uint32_t copyLive(Dict64* dict, Snap*& place, void (*copy)(uint64_t, Record&, Sn
 
 void copySubjects(NetEntry& net, Places& places, SnapNet& to) {
     to.subjects = places.subjects;
-    to.subjectCount = subjectMapCount(net.subjects);
-    for (uint32_t i = 0; i < to.subjectCount; ++i) {
-        SubjectEntry& subject = subjectAt(net, i);
-        const size_t textBytes = subjectLength(packedSubject(subject));
-        std::memcpy(places.text, packedSubject(subject), textBytes);
+    to.subjectCount = net.subjects.count;
+    for (uint32_t place = 0; place < net.subjects.count; ++place) {
+        SubjectEntry& subject = subjectAt(net.subjects, place);
+        const uint8_t* packed = packedSubject(subject);
+        std::memcpy(places.text, packed, subjectLength(packed));
 
         SnapSubject& copy = *places.subjects++;
-        copy = {places.text, 0, 0, 0, places.subjectHosts};
-        places.text += padded(textBytes, kTextAlignment);
-        copy.hostCount = copySubjectHosts(subject, places.subjectHosts);
-        subject.live = 0;
+        copy = {places.text, subject.msgs, subject.bytes, 0, places.subjectHosts};
+        places.text += snapSubjectBytes(packed);
+        copy.hostCount = copySenders(subject, places.subjectHosts);
+        subject.msgs = subject.bytes = 0;
     }
+    net.liveSubjects = 0;
 }
 
 void copyStatusMessages(NetEntry& net, Places& places, SnapNet& to) {
@@ -234,6 +230,7 @@ void fillHead(SnapHeader& head, SnapTime time, const Sizes& sizes, const Places&
     };
     prevTime = time;
     statistics.totalPackets = statistics.oskaPackets = 0;
+    statistics.live = {};
 }
 
 }  // namespace

@@ -5,9 +5,7 @@
 #include <memory>
 
 #include "lib/base/log.h"
-#include "lib/containers/subject.h"
 #include "trace/counts/snapshot_storage.h"
-#include "trace/settings.h"
 
 Lock statsLock = PELMO_LOCK_READY(LockRank::kStats);
 Statistics statistics;
@@ -88,21 +86,13 @@ void freePort(PortEntry* port) {
 void freeNet(NetEntry* net) {
     dict64Destroy(net->hosts);
     probeClear(net->hostIndex);
-    subjectMapDestroy(net->subjects);
+    subjectsClear(net->subjects);
     std::free(net->statusBuf);
     std::free(net);
 }
 
 void freeRecords(Dict64* dict) {
     eachRecord<void*>(dict, [](uint64_t, void*& record) { std::free(&record); });
-}
-
-void freeSubject(SubjectEntry* subject) {
-    if (subject->others != nullptr) {
-        freeRecords(subject->others);
-        dict64Destroy(subject->others);
-    }
-    std::free(subject);
 }
 
 PortEntry* createPort(uint16_t dstPort) {
@@ -124,13 +114,10 @@ NetEntry* createNet(PortEntry& port, uint32_t dstIp) {
     if (made == nullptr) return nullptr;
 
     NetEntry* net = made.release();
+    net->subjects.pool = &statistics.subjectLines;
+    net->subjects.headBytes = sizeof(SubjectEntry);
     bool whole = true;
     makeDict(net->hosts, kHostBuckets, "host", whole);
-    if (whole) {
-        net->subjects = subjectMapCreate(sizeof(SubjectEntry));
-        whole = net->subjects != nullptr;
-        if (!whole) logPrint("Out of memory creating subject dictionary");
-    }
     if (whole && stored(dict32Insert(port.nets, dstIp, net), "net")) return net;
     freeNet(net);
     return nullptr;
@@ -152,25 +139,8 @@ HostEntry* createHost(NetEntry& net, uint64_t key) {
     return made.release();
 }
 
-SubjectEntry* createSubject(NetEntry& net, const uint8_t* packed, uint64_t firstKey) {
-    const size_t packedBytes = subjectLength(packed);
-    auto* subject = static_cast<SubjectEntry*>(std::calloc(1, sizeof(SubjectEntry) + packedBytes));
-    if (subject == nullptr) {
-        logPrint("Out of memory allocating subject entry");
-        return nullptr;
-    }
-    subject->firstKey = firstKey;
-    std::memcpy(subject + 1, packed, packedBytes);
-    if (stored(subjectMapInsert(net.subjects, &subject->place), "subject")) return subject;
-    std::free(subject);
-    return nullptr;
-}
-
 void freeWholeNet(NetEntry* net) {
     freeRecords(net->hosts);
-    for (uint32_t i = 0; i < subjectMapCount(net->subjects); ++i) {
-        freeSubject(&subjectAt(*net, i));
-    }
     freeNet(net);
 }
 
@@ -181,19 +151,10 @@ void freeWholePort(PortEntry* port) {
     freePort(port);
 }
 
-void applyNoDisplay() {
-    if (traceSettings.displayStats) return;
-    traceSettings.displayMcast = false;
-    traceSettings.displayPtp = false;
-    traceSettings.displaySubjects = false;
-    traceSettings.displayHostMsgs = false;
-}
-
 }  // namespace
 
 pelmoStatus statsInit() {
     if (!snapshotStorageInit()) return kStatusNoMemory;
-    applyNoDisplay();
     statistics.ports = dict32Create(kPortBuckets);
     statistics.services = dict64Create(kServiceBuckets);
     if (statistics.ports == nullptr || statistics.services == nullptr) return kStatusNoMemory;
@@ -210,6 +171,7 @@ void statsDestroy() {
         freeRecords(statistics.services);
         dict64Destroy(statistics.services);
     }
+    linePoolClear(statistics.subjectLines);
     statistics = {};
     snapshotStorageFree();
 }
@@ -239,30 +201,6 @@ RlHostEntry* rlHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort) {
 PtpHostEntry* ptpHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort) {
     const uint64_t key = hostKey(address, udpPort);
     return plainEntry<PtpHostEntry>(port.ptpHosts, key, "ptp host", "ptp host");
-}
-
-SubjectEntry* subjectEntry(NetEntry& net,
-                           const uint8_t* subject,
-                           uint32_t srcIp,
-                           uint16_t srcPort) {
-    SubjectMapEntry* found = subjectMapFind(net.subjects, subject);
-    return found != nullptr ? reinterpret_cast<SubjectEntry*>(found)
-                            : createSubject(net, subject, hostKey(srcIp, srcPort));
-}
-
-HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t srcPort) {
-    const uint64_t key = hostKey(srcIp, srcPort);
-    if (key == subject.firstKey) return &subject.first;
-
-    bool whole = true;
-    if (subject.others == nullptr) makeDict(subject.others, kHostBuckets, "subject host", whole);
-    if (!whole) return nullptr;
-    return plainEntry<HostSubjEntry>(subject.others, key, "HostSubj", "host subject");
-}
-
-void subjectRemove(NetEntry& net, SubjectEntry& subject) {
-    subjectMapRemove(net.subjects, &subject.place);
-    freeSubject(&subject);
 }
 
 SenderAhead prefetchSenderSlot(uint16_t dstPort, uint32_t dstIp, uint64_t senderKey) {

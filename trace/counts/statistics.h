@@ -5,8 +5,7 @@
 //     ports:  dstPort -> PortEntry
 //               nets:     dstIp -> NetEntry
 //                           hosts:    (srcIp, srcPort) -> HostEntry
-//                           subjects: packed subject -> SubjectEntry
-//                                       first, others: (srcIp, srcPort) -> HostSubjEntry
+//                           subjects: packed subject -> SubjectEntry (trace/counts/subjects.h)
 //               rlHosts:  (address, UDP port) -> RlHostEntry
 //               ptpHosts: (address, UDP port) -> PtpHostEntry
 //     services: (host, SCid) -> ServiceEntry, beside the tree
@@ -35,8 +34,8 @@
 #include "lib/base/status.h"
 #include "lib/containers/dict.h"
 #include "lib/containers/probe_index.h"
-#include "lib/containers/subject_map.h"
-#include "trace/counts/charge.h"
+#include "trace/counts/charge_line.h"
+#include "trace/counts/subjects.h"
 #include "trace/counts/two_sided_counters.h"
 
 struct PortEntry {
@@ -50,7 +49,8 @@ struct NetEntry {
     uint32_t live;
     Dict64* hosts;
     ProbeIndex hostIndex;  // of the same records: where a packet finds its sender in one step
-    SubjectMap* subjects;
+    SubjectMap subjects;
+    uint32_t liveSubjects;
 
     // Host status messages held for the next snapshot, one behind the other, each on a 4-byte
     // boundary and in its wire form, whose first word is its length.
@@ -91,24 +91,6 @@ struct PtpHostEntry {
     PtpCounters counters;
 };
 
-// What one host sent on one subject.
-struct HostSubjEntry {
-    uint32_t live;
-    uint64_t msgs, bytes;
-};
-
-// A subject under a net; its packed form stands right behind the record.
-//
-// Nearly every subject has one publisher. The first is therefore held in place, so that charging a
-// message touches no memory but this; a dictionary is made for the second.
-struct SubjectEntry {
-    SubjectMapEntry place;  // the map's
-    uint32_t live;
-    uint64_t firstKey;  // hostKey of `first`
-    HostSubjEntry first;
-    Dict64* others;  // null while there are none
-};
-
 struct ServiceEntry {
     uint32_t host;
     uint16_t scid;
@@ -118,11 +100,20 @@ struct ServiceEntry {
 // Guards the statistics and, while capture runs, the capture file.
 extern Lock statsLock;
 
+// What lives, and so what the next snapshot copies.
+struct LiveCounts {
+    size_t subjects;
+    size_t subjectBytes;  // of their packed forms in a Snapshot
+    size_t senders;       // of subjects
+};
+
 struct Statistics {
     Dict32* ports;
     Dict64* services;
     uint32_t totalPackets;  // that reached classification since the last snapshot
     uint32_t oskaPackets;   // that carried the magic
+    LiveCounts live;
+    LinePool subjectLines;  // of all nets' subjects
     ChargeLine charges;
 };
 
@@ -141,8 +132,7 @@ extern Statistics statistics;
     return static_cast<uint16_t>(key);
 }
 
-// Once, ahead of everything else here. kStatusNoMemory if anything can't be had. Applies
-// "-no-display" to the display switches.
+// Once, ahead of everything else here. kStatusNoMemory if anything can't be had.
 [[nodiscard]] pelmoStatus statsInit();
 
 // Frees the tree, also one that statsInit couldn't complete. For programs that build more than one:
@@ -154,14 +144,6 @@ void statsDestroy();
 [[nodiscard]] HostEntry* hostEntry(NetEntry& net, uint32_t srcIp, uint16_t srcPort);
 [[nodiscard]] RlHostEntry* rlHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
 [[nodiscard]] PtpHostEntry* ptpHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
-
-// `subject` is packed, well formed and has at least one element; it is copied. A new one holds the
-// given host as its first, silent until somebody marks it.
-[[nodiscard]] SubjectEntry* subjectEntry(NetEntry& net,
-                                         const uint8_t* subject,
-                                         uint32_t srcIp,
-                                         uint16_t srcPort);
-[[nodiscard]] HostSubjEntry* hostSubjEntry(SubjectEntry& subject, uint32_t srcIp, uint16_t srcPort);
 
 // On a large bus a packet's sender is two trips to memory: the slot of an index, and the record.
 // These ask the cache for them ahead of their use, so that the trips go on beside other work. They
@@ -197,23 +179,9 @@ void eachRecord(Dict32* dict, Visit visit) {
     }
 }
 
-template <typename Visit>
-void eachSubjectHost(SubjectEntry& subject, Visit visit) {
-    visit(subject.firstKey, subject.first);
-    if (subject.others != nullptr) eachRecord<HostSubjEntry>(subject.others, visit);
-}
-
-// Takes the subject out of its net and frees it with all that is counted under it. The subject at
-// the net's last place moves to the place that falls free.
-void subjectRemove(NetEntry& net, SubjectEntry& subject);
-
-// The subject at a place of the net, 0 to the count of its map - 1.
-[[nodiscard]] inline SubjectEntry& subjectAt(const NetEntry& net, uint32_t place) {
-    return *reinterpret_cast<SubjectEntry*>(subjectMapAt(net.subjects, place));
-}
-
-[[nodiscard]] inline const uint8_t* packedSubject(const SubjectEntry& subject) {
-    return reinterpret_cast<const uint8_t*>(&subject + 1);
+// What a packed subject takes in a Snapshot.
+[[nodiscard]] inline size_t snapSubjectBytes(const uint8_t* subject) {
+    return (subjectLength(subject) + 3) & ~size_t{3};
 }
 
 [[nodiscard]] ServiceEntry* serviceEntry(uint32_t host, uint16_t scid);

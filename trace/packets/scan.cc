@@ -85,15 +85,12 @@ Walk readField(const ScanSource& source, std::span<const uint8_t> left, Field& f
 
 // A subject without elements is well formed and names nothing: it isn't charged.
 Walk chargeSubject(const ScanSource& source, const Message& message, const Field& field) {
-    if (field.sizeClass != kSizeClass16 || !subjectIsValid(field.data)) {
-        return messageFault(source, "corrupt subject field");
-    }
-    if (subjectElementCount(field.data) == 0) return Walk::kGoOn;
-
-    if (!chargeMessage(source.net, source.srcIp, source.srcPort, field.data,
-                       message.declaredBytes)) {
-        return Walk::kEnd;
-    }
+    if (field.sizeClass != kSizeClass16) return messageFault(source, "corrupt subject field");
+    const uint64_t sender = hostKey(source.srcIp, source.srcPort);
+    const ChargeResult result =
+        chargeMessage(source.net, sender, {field.data, field.dataBytes}, message.declaredBytes);
+    if (result == ChargeResult::kInvalid) return messageFault(source, "corrupt subject field");
+    if (result == ChargeResult::kNoMemory) return Walk::kEnd;
     if (message.inHand == message.declaredBytes && hostStatusMatch(field.data)) {
         hostStatusStore(source.net, message.bytes, message.declaredBytes);
     }

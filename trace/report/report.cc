@@ -165,14 +165,9 @@ void addNet(SnapNet& net) {
         host.net = net.net;
         addCounters(kMcastTable, report.mcast, host);
     }
-    for (SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-        SnapSubjectHost sum{};
-        for (const SnapSubjectHost& host : std::span(subject.hosts, subject.hostCount)) {
-            addCounters(kSubjectTable, sum, host);
-        }
-        subject.msgs = sum.msgs;
-        subject.bytes = sum.bytes;
-        addCounters(kSubjectTable, report.subjects, sum);
+    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
+        report.subjects.msgs += subject.msgs;
+        report.subjects.bytes += subject.bytes;
     }
 }
 

@@ -122,6 +122,15 @@ void settleFilter(TraceSettings& settings) {
     settings.filterText = settings.builtFilter.c_str();
 }
 
+// "-no-display" wins over the switches of single tables.
+void settleDisplay(TraceSettings& settings) {
+    if (!settings.displayStats) {
+        settings.displayMcast = settings.displayPtp = false;
+        settings.displaySubjects = settings.displayHostMsgs = false;
+    }
+    settings.countSenders |= settings.displayAddrInfo && settings.displaySubjects;
+}
+
 }  // namespace
 
 bool readArguments(std::span<char* const> arguments, TraceSettings& settings) {
@@ -137,6 +146,7 @@ bool readArguments(std::span<char* const> arguments, TraceSettings& settings) {
         option->store(settings, value);
     }
     settleFilter(settings);
+    settleDisplay(settings);
     return true;
 }
 

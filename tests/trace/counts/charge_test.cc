@@ -10,6 +10,7 @@
 #include "tests/support/trace_run.h"
 #include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
+#include "trace/settings.h"
 
 namespace {
 
@@ -18,29 +19,29 @@ NetEntry& net(uint8_t number) {
 }
 
 void charge(NetEntry& to, const std::string& subject, uint8_t host = 1, uint32_t bytes = 10) {
-    ASSERT_TRUE(chargeMessage(to, htonl(ipv4(10, 0, 0, host)), 0,
-                              packedSubject(subject.c_str()).data(), bytes));
+    const uint64_t sender = hostKey(htonl(ipv4(10, 0, 0, host)), 0);
+    ASSERT_EQ(chargeMessage(to, sender, packedSubject(subject), bytes), ChargeResult::kDone);
 }
 
 // So many that charges to this net wait from now on.
 void fill(NetEntry& to) {
-    while (subjectMapCount(to.subjects) <= kCachedSubjects) {
-        charge(to, "fill." + std::to_string(subjectMapCount(to.subjects)));
+    while (to.subjects.count <= kCachedSubjects) {
+        charge(to, "fill." + std::to_string(to.subjects.count));
     }
 }
 
 // Messages and bytes by subject and host, of the net with so many subjects filled in.
 std::map<std::string, std::pair<uint64_t, uint64_t>> counted(const NetEntry& of) {
     std::map<std::string, std::pair<uint64_t, uint64_t>> counts;
-    for (uint32_t i = 0; i < subjectMapCount(of.subjects); ++i) {
-        SubjectEntry& subject = subjectAt(of, i);
+    for (uint32_t place = 0; place < of.subjects.count; ++place) {
+        const SubjectEntry& subject = subjectAt(of.subjects, place);
         char text[kSubjectTextBytes];
         (void)subjectToText(text, sizeof text, packedSubject(subject));
         if (std::string(text).starts_with("fill.")) continue;
-        eachSubjectHost(subject, [&](uint64_t key, const HostSubjEntry& host) {
-            const uint32_t last = ntohl(hostKeyAddress(key)) & 0xff;
-            counts[text + (" " + std::to_string(last))] = {host.msgs, host.bytes};
-        });
+        for (const SubjectSender& sender : sendersOf(subject)) {
+            const uint32_t last = ntohl(hostKeyAddress(sender.key)) & 0xff;
+            counts[text + (" " + std::to_string(last))] = {sender.msgs, sender.bytes};
+        }
     }
     return counts;
 }
@@ -81,6 +82,35 @@ TEST(Charge, CountsAllThatWaitInTheirOrderAndToTheirNets) {
     }
 }
 
+// Forged senders can be any number, and each must be found at once.
+TEST(Charge, TellsApartAnyNumberOfSenders) {
+    TraceRun run;
+    NetEntry& to = net(1);
+    constexpr uint64_t kSenders = 100000;
+    const Bytes subject = packedSubject("A");
+    for (uint64_t i = 0; i < 2 * kSenders; ++i) {
+        const uint64_t key = i % kSenders * 0x10001;
+        ASSERT_EQ(chargeMessage(to, key, subject, static_cast<uint32_t>(i)), ChargeResult::kDone);
+    }
+    const std::span<const SubjectSender> senders = sendersOf(subjectAt(to.subjects, 0));
+    ASSERT_EQ(senders.size(), kSenders);
+    for (uint64_t i = 0; i < kSenders; ++i) {
+        ASSERT_EQ(senders[i].key, i * 0x10001);
+        ASSERT_EQ(senders[i].msgs, 2u);
+        ASSERT_EQ(senders[i].bytes, 2 * i + kSenders);
+    }
+}
+
+TEST(Charge, CountsSendersOnlyWhereSomebodyAsks) {
+    TraceRun run;
+    traceSettings.countSenders = false;
+    charge(net(1), "A", 1, 5);
+    charge(net(1), "A", 2, 7);
+    EXPECT_EQ(counted(net(1)), Counts{});
+    const SubjectEntry& subject = subjectAt(net(1).subjects, 0);
+    EXPECT_EQ(std::pair(subject.msgs, subject.bytes), std::pair(uint64_t{2}, uint64_t{12}));
+}
+
 TEST(Charge, IsInTheSnapshotThatFollowsAndInNoOther) {
     TraceRun run;
     analyze({dataPacket({.seq = 1}, busMessage("first"))});
@@ -101,7 +131,7 @@ TEST(Charge, IsInTheSnapshotThatFollowsAndInNoOther) {
     // The next one sweeps out all that were silent from there on.
     analyze({dataPacket({.seq = 3}, busMessage("late"))});
     EXPECT_EQ(messages(*snapshotTake({2, 0})), 1u);
-    EXPECT_EQ(subjectMapCount(many.subjects), 1u);
+    EXPECT_EQ(many.subjects.count, 1u);
 }
 
 TEST(Charge, OneThatMemoryFailsIsToldAndTheOthersAreCounted) {
@@ -116,7 +146,7 @@ TEST(Charge, OneThatMemoryFailsIsToldAndTheOthersAreCounted) {
         chargesSettle();
     }
     EXPECT_EQ(counted(many), (Counts{{"A 1", {1, 10}}, {"C 1", {1, 10}}}));
-    EXPECT_EQ(run.logged(), (Lines{"Out of memory allocating subject entry"}));
+    EXPECT_EQ(run.logged(), (Lines{"Out of memory creating subject host dictionary"}));
     charge(many, "B");
     chargesSettle();
     EXPECT_EQ(counted(many)["B 1"], (std::pair<uint64_t, uint64_t>{1, 10}));

@@ -58,6 +58,7 @@ std::string toldOf(const TraceSettings& s) {
     tell(out, "subjects", s.displaySubjects, usual.displaySubjects);
     tell(out, "hostmsgs", s.displayHostMsgs, usual.displayHostMsgs);
     tell(out, "complain", s.complain, usual.complain);
+    tell(out, "senders", s.countSenders, usual.countSenders);
     tell(out, "foreground", s.foreground, usual.foreground);
     tell(out, "snmp", s.snmp, usual.snmp);
     tell(out, "log", s.logFile);
@@ -87,7 +88,8 @@ TEST(CommandLine, SetsWhatTheOptionsSayAndNothingElse) {
         {{"-r", "in"}, "read=in live=0 "},
         {{"-w", "out"}, "write=out "},
         {{"-rate"}, "rate=1 "},
-        {{"-addrinfo"}, "addrinfo=1 "},
+        {{"-addrinfo"}, "addrinfo=1 senders=1 "},
+        {{"-addrinfo", "-no-subjects"}, "addrinfo=1 subjects=0 "},
         {{"-no-mcast"}, "mcast=0 "},
         {{"-ptp"}, "ptp=1 "},
         {{"-no-subjects"}, "subjects=0 "},
@@ -101,7 +103,8 @@ TEST(CommandLine, SetsWhatTheOptionsSayAndNothingElse) {
         {{"-w-max-size", "7"}, "wSize=7 seen=8 "},
         {{"-w-max-rotations", "7"}, "wCount=7 seen=8 "},
         {{"-foreground"}, "foreground=1 "},
-        {{"-no-display"}, "stats=0 "},
+        {{"-no-display", "-addrinfo", "-ptp", "-hostmsgs"},
+         "stats=0 addrinfo=1 mcast=0 subjects=0 "},
         {{"-snmp"}, "snmp=1 "},
         {{"-i", "-rate", "-w", "-r"}, "interface=-rate write=-r "},
         {{"-addr", "A", "-src", "B"},
