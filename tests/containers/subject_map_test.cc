@@ -26,7 +26,7 @@ Packed someSubject(std::mt19937& random) {
     const size_t choice = random() % 500;
     if (choice < 8) return pack(near[choice]);
     std::string text = "A." + std::to_string(choice);
-    while (text.size() + 40 < choice / 2) {
+    while (text.size() + 40 < choice / 3) {
         text += ".B" + std::string(choice % 37, 'x');
     }
     return pack(text);
