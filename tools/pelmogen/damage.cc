@@ -51,8 +51,8 @@ bool spoilMagic(PacketDraft& draft, Prng& prng) {
 }
 
 bool spoilType(PacketDraft& draft, Prng& prng) {
-    constexpr uint16_t kUnknown[] = {0, 2, 10, 0x7fff, 0xffff};
-    storeBe16At(draft.payload() + kOskaTypeOffset, kUnknown[prngBelow(prng, std::size(kUnknown))]);
+    const uint16_t type = kUnknownTypes[prngBelow(prng, std::size(kUnknownTypes))];
+    storeBe16At(draft.payload() + kOskaTypeOffset, type);
     return true;
 }
 

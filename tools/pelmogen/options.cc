@@ -66,7 +66,13 @@ const Option kOptions[] = {
     {"--ports", "N", &Options::ports, 1, 1000, "destination ports"},
     {"--first-port", "N", &Options::firstPort, 1, 60'000, "the lowest of these"},
     {"--subjects", "N", &Options::subjects, 1, 10'000'000, "subjects"},
-    {"--publishers", "N", &Options::publishers, 1, 1'000'000, "senders of each subject"},
+    {"--publishers", "RANGE", &Options::publishers, 1, 1'000'000,
+     "senders of a subject; of a range the low numbers are the frequent ones"},
+    {"--services", "N", &Options::services, 0, 1'000'000,
+     "services, nets on ports, that a host sends on, each with its own subjects; 0: any"},
+    {"--host-skew", "N", &Options::hostSkew, 1, 16,
+     "hosts drawn unevenly: host number hosts x u^N for an even u"},
+    {"--subject-skew", "N", &Options::subjectSkew, 1, 16, "the same for subjects"},
     {"--scids", "SHARE", &Options::scids, 0, 0, "senders that have a SCid"},
     {"--round-robin", "", &Options::roundRobin, 0, 0, "subjects, and hosts of nulls, in turn"},
 
@@ -79,6 +85,7 @@ const Option kOptions[] = {
     {"--ptp-acks", "SHARE", &Options::ptpAcks, 0, 0, "point-to-point ack"},
     {"--ptp-naks", "SHARE", &Options::ptpNaks, 0, 0, "point-to-point nak"},
     {"--non-bus", "SHARE", &Options::nonBus, 0, 0, "UDP that isn't the bus's"},
+    {"--unknowns", "SHARE", &Options::unknowns, 0, 0, "of no known type"},
 
     {"Multicast data, shares of it", "", kHeading, 0, 0, ""},
     {"--repeats", "SHARE", &Options::repeats, 0, 0, "sequence number of before"},
@@ -91,6 +98,9 @@ const Option kOptions[] = {
     {"--payload", "RANGE", &Options::payload, 64, kPayloadMax,
      "bytes of UDP payload of data packets, more where a message needs it"},
     {"--messages", "RANGE", &Options::messages, 1, kMessagesMax, "messages a packet"},
+    {"--message-skew", "N", &Options::messageSkew, 1, 16, "few more often, as --host-skew has it"},
+    {"--message-bytes", "RANGE", &Options::messageBytes, 0, kPayloadMax,
+     "bytes of a message, up to the highest --payload together; 0: they share the payload"},
     {"--fields", "RANGE", &Options::fields, 0, 1000, "fields a message, fewer where it's full"},
     {"--types", "NAMES", &Options::types, 0, 0, "types of these fields"},
     {"--elements", "RANGE", &Options::elements, 1, 60, "elements a subject"},
@@ -103,6 +113,26 @@ const Option kOptions[] = {
     {"--damage", "NAMES", &Options::damage, 0, 0, "the damages to choose from"},
     {"--cut", "SHARE", &Options::cut, 0, 0, "packets that the capture cut short"},
     {"--cut-to", "RANGE", &Options::cutTo, 1, 65535, "bytes left of these"},
+};
+
+// What "--mix" stands for: all that a bus carries, about as often as it does.
+struct MixRow {
+    const char* name;
+    const char* text;
+};
+
+constexpr MixRow kMix[] = {
+    {"--nulls", "0.06"},       {"--rreqs", "0.012"},      {"--rrejs", "0.004"},
+    {"--ptp-data", "0.04"},    {"--ptp-ackmes", "0.01"},  {"--ptp-acks", "0.02"},
+    {"--ptp-naks", "0.002"},   {"--non-bus", "0.03"},     {"--unknowns", "0.001"},
+    {"--repeats", "0.02"},     {"--gaps", "0.002"},       {"--restarts", "0.0002"},
+    {"--fragments", "0.005"},  {"--host-status", "0.01"}, {"--replies", "0.02"},
+    {"--no-subject", "0.002"}, {"--damaged", "0.002"},    {"--damage", "checksum,no-checksum"},
+    {"--hosts", "200"},        {"--scids", "0.9"},        {"--host-skew", "2"},
+    {"--nets", "24"},          {"--ports", "4"},          {"--services", "2"},
+    {"--subjects", "1000"},    {"--publishers", "4-200"}, {"--subject-skew", "2"},
+    {"--messages", "1-8"},     {"--message-skew", "3"},   {"--message-bytes", "60-140"},
+    {"--payload", "64-1470"},
 };
 
 // "12.5" with 6 places is 12500000. No sign, no more places than asked for.
@@ -297,10 +327,24 @@ const Option* optionFind(std::string_view name) {
     return nullptr;
 }
 
+void setMix(Options& options) {
+    for (const MixRow& row : kMix) {
+        setTarget(*optionFind(row.name), row.text, options);
+    }
+}
+
 uint64_t sumOf(std::initializer_list<Share> shares) {
     uint64_t sum = 0;
     for (const Share share : shares) {
         sum += share.perMillion;
+    }
+    return sum;
+}
+
+uint64_t sumOfKinds(const Options& options) {
+    uint64_t sum = 0;
+    for (const auto share : kKindShares) {
+        sum += (options.*share).perMillion;
     }
     return sum;
 }
@@ -330,14 +374,12 @@ const char* findConflict(const Options& options) {
         return "one of --out, --interface and --loopback is needed";
     }
     if (o.outFile == nullptr && o.cut.perMillion > 0) return "--cut is for captures alone";
-    if (sumOf({o.nulls, o.rreqs, o.rrejs, o.ptpData, o.ptpAckmes, o.ptpAcks, o.ptpNaks, o.nonBus}) >
-        1'000'000) {
-        return "the shares of the kinds of packets exceed 1";
-    }
+    if (sumOfKinds(o) > 1'000'000) return "the shares of the kinds of packets exceed 1";
     if (sumOf({o.repeats, o.gaps, o.restarts}) > 1'000'000) {
         return "--repeats, --gaps and --restarts exceed 1";
     }
-    if (o.publishers > o.hosts) return "--publishers exceeds --hosts";
+    if (o.publishers.high > o.hosts) return "--publishers exceeds --hosts";
+    if (o.services > 0 && o.nets * o.ports > o.subjects) return "--services need a subject each";
     if (o.hosts * o.nets * o.ports > kStreamsMax) return "hosts x nets x ports exceed 2^26";
     if (subjectBytesMax(o) > kSendSubjectBytesMax) return "subjects would exceed 200 bytes";
     if (!clockHoldsThroughout(o)) return "the clock leaves what a capture file can hold";
@@ -353,6 +395,10 @@ ParseResult optionsParse(int argc,
     for (int i = 1; i < argc; ++i) {
         const char* name = argv[i];
         if (std::strcmp(name, "--help") == 0) return ParseResult::kHelp;
+        if (std::strcmp(name, "--mix") == 0) {
+            setMix(options);
+            continue;
+        }
 
         const Option* option = optionFind(name);
         if (option == nullptr) {
@@ -379,7 +425,7 @@ ParseResult optionsParse(int argc,
 
 std::string optionsHelp() {
     std::string help =
-        "usage: pelmogen --out FILE | --interface NAME | --loopback [options ...]\n"
+        "usage: pelmogen --out FILE | --interface NAME | --loopback [--mix] [options ...]\n"
         "Makes bus traffic, as a capture or live; the same options give the same packets.\n"
         "Live, it prints what was sent, and SIGINT and SIGTERM end it early.\n"
         "SHARE is 0 to 1, six places at most. RANGE is N or N-N. NAMES are comma-separated.\n"
@@ -392,6 +438,13 @@ std::string optionsHelp() {
         std::string left = std::string("  ") + option.name + " " + option.argument;
         left.resize(left.size() < 26 ? 26 : left.size() + 1, ' ');
         help += left + option.help + showDefault(option) + "\n";
+    }
+    help += "\n--mix stands for these options, a bus's own mix; those behind it override:\n";
+    for (size_t row = 0; row < std::size(kMix); ++row) {
+        const std::string option = std::string(kMix[row].name) + " " + kMix[row].text;
+        help += (row % 3 == 0 ? "  " : "") + option;
+        const bool ends = row % 3 == 2 || row + 1 == std::size(kMix);
+        help += ends ? "\n" : std::string(option.size() < 30 ? 30 - option.size() : 1, ' ');
     }
     help += "\nTypes: " + joinNames(fieldTypes()) + "\n";
     help += "Damages: " + joinNames(damages()) + "\n";

@@ -63,12 +63,15 @@ struct GeneratorOptions {
     uint64_t ports = 1;
     uint64_t firstPort = 7500;
     uint64_t subjects = 20;
-    uint64_t publishers = 1;
+    Range publishers{1, 1};
+    uint64_t services = 0;  // that a host sends on; 0: subjects alone decide
+    uint64_t hostSkew = 1;
+    uint64_t subjectSkew = 1;
     Share scids{1'000'000};
     bool roundRobin = false;
 
     // Kinds of packets; what is left of the whole is multicast data.
-    Share nulls, rreqs, rrejs, ptpData, ptpAckmes, ptpAcks, ptpNaks, nonBus;
+    Share nulls, rreqs, rrejs, ptpData, ptpAckmes, ptpAcks, ptpNaks, nonBus, unknowns;
 
     // What becomes of the sequence numbers of multicast data.
     Share repeats, gaps, restarts, fragments;
@@ -76,6 +79,8 @@ struct GeneratorOptions {
     // The shape of data.
     Range payload{300, 300};  // bytes of UDP payload
     Range messages{1, 1};
+    uint64_t messageSkew = 1;
+    Range messageBytes{0, 0};  // 0: the messages share the payload
     Range fields{3, 6};
     FieldTypeSet types;
     Range elements{3, 5};
@@ -86,6 +91,28 @@ struct GeneratorOptions {
     Share damaged, cut;
     DamageSet damage;
     Range cutTo{1, 1500};
+};
+
+// Kinds of packets, in the order in which tables have them.
+enum class PacketKind : uint8_t {
+    kData,
+    kNull,
+    kRreq,
+    kRrej,
+    kPtpData,
+    kPtpAckme,
+    kPtpAck,
+    kPtpNak,
+    kNonBus,
+    kUnknown,
+};
+constexpr size_t kPacketKinds = 10;
+
+// Their shares by number, less that of data.
+constexpr Share GeneratorOptions::*kKindShares[kPacketKinds - 1] = {
+    &GeneratorOptions::nulls,   &GeneratorOptions::rreqs,     &GeneratorOptions::rrejs,
+    &GeneratorOptions::ptpData, &GeneratorOptions::ptpAckmes, &GeneratorOptions::ptpAcks,
+    &GeneratorOptions::ptpNaks, &GeneratorOptions::nonBus,    &GeneratorOptions::unknowns,
 };
 
 constexpr uint64_t kMessagesMax = 64;

@@ -37,7 +37,7 @@ bool leavesReliabilityOut(uint32_t host) {
     return host % 4 == 3;
 }
 
-void putOskaHeader(ByteWriter& out, const PacketPlan& plan, OskaType type, uint32_t seq) {
+void putOskaHeader(ByteWriter& out, const PacketPlan& plan, int type, uint32_t seq) {
     const bool unset = isMulticast(plan.dstIp) && leavesDestinationOut(plan.host);
     putBe32(out, kOskaMagic);
     putBe32(out, plan.srcIp);
@@ -112,6 +112,17 @@ void addMessages(PacketMaker& maker, ByteWriter& out, size_t dataBytes) {
     }
 }
 
+// Each has a size of its own, as long as the payload has room for it.
+void addSizedMessages(PacketMaker& maker, ByteWriter& out) {
+    const PacketPlan& plan = maker.draft.plan;
+    const Range sizes = maker.options.messageBytes;
+    for (uint32_t i = 0; i < plan.subjectCount; ++i) {
+        const size_t sizeBytes = prngBetween(maker.prng, sizes.low, sizes.high);
+        if (i > 0 && out.used + sizeBytes > maker.options.payload.high) return;
+        if (!addMessage(maker, out, plan.subjects[i], sizeBytes)) return;
+    }
+}
+
 void addMessageStart(PacketMaker& maker, ByteWriter& out, size_t dataBytes) {
     const size_t start = out.used;
     if (!addMessage(maker, out, maker.draft.plan.subjects[0], 2 * dataBytes)) return;
@@ -126,7 +137,11 @@ void fillData(PacketMaker& maker, ByteWriter& out) {
     putDataHeader(out, plan, kOskaData);
     switch (plan.fragment) {
         case 0:
-            addMessages(maker, out, pickDataBytes(maker));
+            if (maker.options.messageBytes.high > 0) {
+                addSizedMessages(maker, out);
+            } else {
+                addMessages(maker, out, pickDataBytes(maker));
+            }
             break;
         case 1:
             addMessageStart(maker, out, pickDataBytes(maker));
@@ -183,6 +198,11 @@ void fillPtpNak(PacketMaker& maker, ByteWriter& out) {
     putOskaHeader(out, maker.draft.plan, kOskaPtpNak, 0);
 }
 
+void fillUnknown(PacketMaker& maker, ByteWriter& out) {
+    const uint16_t type = kUnknownTypes[prngBelow(maker.prng, std::size(kUnknownTypes))];
+    putOskaHeader(out, maker.draft.plan, type, maker.draft.plan.seq);
+}
+
 // From no byte to a few hundred, so also packets too small for any OSKA header.
 void fillNonBus(PacketMaker& maker, ByteWriter& out) {
     putNoise(out, maker.prng, prngBelow(maker.prng, 300));
@@ -203,6 +223,7 @@ constexpr KindRow kKinds[kPacketKinds] = {
     {kShortHeaderBytes, fillPtpAck},
     {kShortHeaderBytes, fillPtpNak},
     {0, fillNonBus},
+    {kShortHeaderBytes, fillUnknown},
 };
 
 // Adds 32-bit words in memory order: the Internet checksum doesn't mind how wide the words are that

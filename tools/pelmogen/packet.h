@@ -28,6 +28,8 @@ constexpr size_t kPayloadOffset = 42;
 constexpr size_t kDataHeaderBytes = 32;
 constexpr size_t kShortHeaderBytes = 24;
 
+constexpr uint16_t kUnknownTypes[] = {0, 2, 10, 0x7fff, 0xffff};
+
 struct PacketDraft {
     PacketPlan plan;
     std::span<uint8_t> frame;  // all the room that there is

@@ -52,6 +52,17 @@ inline uint64_t prngNext(Prng& prng) {
     return static_cast<uint32_t>(((prngNext(prng) >> 32) * bound) >> 32);
 }
 
+// Below `bound`, the low numbers more often: number `bound` * u^`skew` for an even u. With a skew
+// of 1 it is prngBelow.
+[[nodiscard]] inline uint32_t prngSkewed(Prng& prng, uint64_t bound, uint64_t skew) {
+    const uint64_t even = prngNext(prng) >> 32;
+    uint64_t power = even;
+    for (; skew > 1; --skew) {
+        power = (power * even) >> 32;
+    }
+    return static_cast<uint32_t>((power * bound) >> 32);
+}
+
 // From `low` to `high`, both included.
 [[nodiscard]] inline uint32_t prngBetween(Prng& prng, uint32_t low, uint32_t high) {
     return low + prngBelow(prng, uint64_t{high} - low + 1);

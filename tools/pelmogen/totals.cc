@@ -6,7 +6,8 @@
 namespace {
 
 constexpr const char* kKindNames[kPacketKinds] = {
-    "data", "null", "rreq", "rrej", "ptp-data", "ptp-ackme", "ptp-ack", "ptp-nak", "non-bus",
+    "data",      "null",    "rreq",    "rrej",    "ptp-data",
+    "ptp-ackme", "ptp-ack", "ptp-nak", "non-bus", "unknown",
 };
 
 void appendCount(std::string& text, const char* what, uint64_t count) {

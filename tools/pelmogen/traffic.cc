@@ -30,21 +30,45 @@ uint16_t busPort(const GeneratorOptions& options, uint64_t number) {
 }
 
 uint32_t pickHost(Traffic& traffic) {
-    return prngBelow(traffic.prng, traffic.options.hosts);
+    return prngSkewed(traffic.prng, traffic.options.hosts, traffic.options.hostSkew);
 }
 
-uint32_t pickSubject(Traffic& traffic) {
-    const uint64_t subjects = traffic.options.subjects;
-    if (traffic.options.roundRobin) return static_cast<uint32_t>(traffic.turn++ % subjects);
-    return prngBelow(traffic.prng, subjects);
-}
+// Who sends, and under which subject; it stands for the service too.
+struct Sending {
+    uint32_t host, subject;
+};
 
-uint32_t pickPublisher(Traffic& traffic, uint32_t subject) {
+Sending sendingOfSubject(Traffic& traffic, uint32_t subject) {
     const GeneratorOptions& options = traffic.options;
-    const uint64_t publisher =
-        options.publishers == 1 ? 0 : prngBelow(traffic.prng, options.publishers);
-    const uint64_t step = options.hosts / options.publishers;
-    return static_cast<uint32_t>((subject + publisher * step) % options.hosts);
+    const uint64_t count = publisherCount(options, subject);
+    const uint64_t publisher = count == 1 ? 0 : prngBelow(traffic.prng, count);
+    const uint64_t step = options.hosts / count;
+    return {static_cast<uint32_t>((subject + publisher * step) % options.hosts), subject};
+}
+
+// One of what the host publishes on one of its services.
+Sending pickPublication(Traffic& traffic) {
+    const GeneratorOptions& options = traffic.options;
+    const Publications& publications = traffic.publications;
+    const uint32_t host = pickHost(traffic);
+    const uint64_t place = prngBelow(traffic.prng, servicesOf(publications, options, host));
+    const uint64_t service = host % publications.classes + place * publications.classes;
+    const auto subjects = subjectsOf(publications, service * options.hosts + host);
+    return {host, subjects[prngSkewed(traffic.prng, subjects.size(), options.subjectSkew)]};
+}
+
+Sending pickBySubject(Traffic& traffic) {
+    const GeneratorOptions& options = traffic.options;
+    if (options.services > 0) return pickPublication(traffic);
+    return sendingOfSubject(traffic,
+                            prngSkewed(traffic.prng, options.subjects, options.subjectSkew));
+}
+
+Sending pickByHost(Traffic& traffic) {
+    const GeneratorOptions& options = traffic.options;
+    if (options.services > 0) return pickPublication(traffic);
+    const uint32_t host = pickHost(traffic);
+    return {host, static_cast<uint32_t>(host % options.subjects)};
 }
 
 void sendFrom(const Traffic& traffic, PacketPlan& plan, uint32_t host) {
@@ -55,20 +79,20 @@ void sendFrom(const Traffic& traffic, PacketPlan& plan, uint32_t host) {
     if (hostHasScid(traffic.options, host)) plan.epoch |= kEpochHasScid;
 }
 
-uint64_t portNumberOf(const GeneratorOptions& options, uint32_t subject) {
-    return subject / options.nets % options.ports;
+uint64_t serviceOf(const GeneratorOptions& options, uint32_t subject) {
+    return subject % (options.nets * options.ports);
 }
 
 // From a host to where a subject goes; answers the stream of these.
-Stream& sendToGroup(Traffic& traffic, PacketPlan& plan, uint32_t host, uint32_t subject) {
+Stream& sendToGroup(Traffic& traffic, PacketPlan& plan, const Sending& sending) {
     const GeneratorOptions& options = traffic.options;
-    const uint64_t net = subject % options.nets;
-    const uint64_t port = portNumberOf(options, subject);
-    sendFrom(traffic, plan, host);
-    plan.dstIp = kFirstNetAddress + static_cast<uint32_t>(net);
+    const uint64_t service = serviceOf(options, sending.subject);
+    const uint64_t port = service / options.nets;
+    sendFrom(traffic, plan, sending.host);
+    plan.dstIp = kFirstNetAddress + static_cast<uint32_t>(service % options.nets);
     plan.dstPort = busPort(options, port);
 
-    Stream& stream = traffic.streams[(port * options.nets + net) * options.hosts + host];
+    Stream& stream = traffic.streams[service * options.hosts + sending.host];
     if (stream.epoch == 0) {
         // As if the capture had begun in the middle of it.
         stream.epoch = plan.epoch;
@@ -84,6 +108,8 @@ uint32_t stepStream(Traffic& traffic, Stream& stream) {
     const uint32_t gapBelow = restartBelow + options.gaps.perMillion;
     const uint32_t repeatBelow = gapBelow + options.repeats.perMillion;
     const uint32_t draw = repeatBelow == 0 ? 0 : prngBelow(traffic.prng, kMillion);
+    const bool hasSent = stream.hasSent;
+    stream.hasSent = true;
 
     if (draw < restartBelow) {
         ++stream.epoch;
@@ -91,42 +117,50 @@ uint32_t stepStream(Traffic& traffic, Stream& stream) {
     }
     if (draw < gapBelow) return stream.seq += prngBetween(traffic.prng, 2, 5);
     if (draw < repeatBelow) {
-        return stream.seq - prngBelow(traffic.prng, std::min(stream.seq, kRepeatDepth));
+        const uint32_t back = prngBelow(traffic.prng, std::min(stream.seq, kRepeatDepth));
+        if (hasSent) return stream.seq - back;
     }
     return ++stream.seq;
 }
 
-// Subjects of the same sender and destination as `first`.
-void addSubjects(Traffic& traffic, PacketPlan& plan, uint32_t first) {
+uint32_t pickMessageCount(Traffic& traffic) {
+    const Range messages = traffic.options.messages;
+    return messages.low + prngSkewed(traffic.prng, uint64_t{messages.high} - messages.low + 1,
+                                     traffic.options.messageSkew);
+}
+
+// Another subject of the same sender and service.
+uint32_t pickSibling(Traffic& traffic, const Sending& first) {
     const GeneratorOptions& options = traffic.options;
-    const uint32_t count = prngBetween(traffic.prng, options.messages.low, options.messages.high);
-    const uint64_t base = first % traffic.subjectStride;
-    const uint64_t choices = (options.subjects - base - 1) / traffic.subjectStride + 1;
-    plan.subjectCount = 0;
-    plan.subjects[plan.subjectCount++] = first;
-    while (plan.subjectCount < count) {
-        const uint64_t steps = prngBelow(traffic.prng, choices);
-        plan.subjects[plan.subjectCount++] =
-            static_cast<uint32_t>(base + steps * traffic.subjectStride);
+    if (options.services > 0) {
+        const uint64_t stream = serviceOf(options, first.subject) * options.hosts + first.host;
+        const auto subjects = subjectsOf(traffic.publications, stream);
+        return subjects[prngSkewed(traffic.prng, subjects.size(), options.subjectSkew)];
     }
+    const uint64_t base = first.subject % traffic.subjectStride;
+    const uint64_t choices = (options.subjects - base - 1) / traffic.subjectStride + 1;
+    return static_cast<uint32_t>(base + prngBelow(traffic.prng, choices) * traffic.subjectStride);
 }
 
 void planData(Traffic& traffic, PacketPlan& plan) {
     const GeneratorOptions& options = traffic.options;
     plan.hostStatus = prngChance(traffic.prng, options.hostStatus.perMillion);
-    uint32_t host;
-    uint32_t subject;
+    Sending sending;
     if (plan.hostStatus) {
-        host = pickHost(traffic);
-        subject = static_cast<uint32_t>(host % options.subjects);
-        plan.subjectCount = 1;
-        plan.subjects[0] = subject;
+        sending = pickByHost(traffic);
+    } else if (options.roundRobin) {
+        const auto subject = static_cast<uint32_t>(traffic.turn++ % options.subjects);
+        sending = sendingOfSubject(traffic, subject);
     } else {
-        subject = pickSubject(traffic);
-        host = pickPublisher(traffic, subject);
-        addSubjects(traffic, plan, subject);
+        sending = pickBySubject(traffic);
     }
-    Stream& stream = sendToGroup(traffic, plan, host, subject);
+    plan.subjects[plan.subjectCount++] = sending.subject;
+    if (!plan.hostStatus) {
+        for (uint32_t count = pickMessageCount(traffic); plan.subjectCount < count;) {
+            plan.subjects[plan.subjectCount++] = pickSibling(traffic, sending);
+        }
+    }
+    Stream& stream = sendToGroup(traffic, plan, sending);
     plan.seq = stepStream(traffic, stream);
     plan.epoch = stream.epoch;
     plan.fragment = prngChance(traffic.prng, options.fragments.perMillion) ? 1 : 0;
@@ -138,8 +172,7 @@ void planData(Traffic& traffic, PacketPlan& plan) {
 // The rest of the message that the data packet before began.
 PacketPlan planRest(Traffic& traffic) {
     PacketPlan plan = traffic.last;
-    const uint32_t subject = plan.subjects[0];
-    Stream& stream = sendToGroup(traffic, plan, plan.host, subject);
+    Stream& stream = sendToGroup(traffic, plan, {plan.host, plan.subjects[0]});
     // Without chances of its own: a message in two packets arrives in one piece.
     if (plan.seq == stream.seq) ++stream.seq;
     plan.seq = std::min(plan.seq + 1, stream.seq);
@@ -151,10 +184,14 @@ PacketPlan planRest(Traffic& traffic) {
 
 void planNull(Traffic& traffic, PacketPlan& plan) {
     const GeneratorOptions& options = traffic.options;
-    const uint32_t host = options.roundRobin ? static_cast<uint32_t>(traffic.turn++ % options.hosts)
-                                             : pickHost(traffic);
-    const auto subject = static_cast<uint32_t>(host % options.subjects);
-    Stream& stream = sendToGroup(traffic, plan, host, subject);
+    Sending sending;
+    if (options.roundRobin) {
+        sending.host = static_cast<uint32_t>(traffic.turn++ % options.hosts);
+        sending.subject = static_cast<uint32_t>(sending.host % options.subjects);
+    } else {
+        sending = pickByHost(traffic);
+    }
+    Stream& stream = sendToGroup(traffic, plan, sending);
     // The null tells of packets that the capture never saw.
     if (prngChance(traffic.prng, options.gaps.perMillion)) {
         stream.seq += prngBetween(traffic.prng, 1, 4);
@@ -170,18 +207,16 @@ uint32_t otherThan(const Traffic& traffic, uint32_t host, uint32_t candidate) {
 
 // A receiver asks a subject's publisher.
 void planRreq(Traffic& traffic, PacketPlan& plan) {
-    const uint32_t subject = prngBelow(traffic.prng, traffic.options.subjects);
-    const uint32_t publisher = pickPublisher(traffic, subject);
-    sendFrom(traffic, plan, otherThan(traffic, publisher, pickHost(traffic)));
-    plan.dstIp = hostAddress(traffic.options, publisher);
-    plan.dstPort = busPort(traffic.options, portNumberOf(traffic.options, subject));
+    const GeneratorOptions& options = traffic.options;
+    const Sending asked = pickBySubject(traffic);
+    sendFrom(traffic, plan, otherThan(traffic, asked.host, pickHost(traffic)));
+    plan.dstIp = hostAddress(options, asked.host);
+    plan.dstPort = busPort(options, serviceOf(options, asked.subject) / options.nets);
 }
 
 // A publisher answers all at once.
 void planRrej(Traffic& traffic, PacketPlan& plan) {
-    const uint32_t subject = prngBelow(traffic.prng, traffic.options.subjects);
-    const Stream& stream = sendToGroup(traffic, plan, pickPublisher(traffic, subject), subject);
-    plan.epoch = stream.epoch;
+    plan.epoch = sendToGroup(traffic, plan, pickBySubject(traffic)).epoch;
 }
 
 void planPtp(Traffic& traffic, PacketPlan& plan) {
@@ -196,9 +231,16 @@ void planNonBus(Traffic& traffic, PacketPlan& plan) {
     plan.dstPort = static_cast<uint16_t>(prngBetween(traffic.prng, 1, 65535));
 }
 
+void planUnknown(Traffic& traffic, PacketPlan& plan) {
+    const Stream& stream = sendToGroup(traffic, plan, pickByHost(traffic));
+    plan.epoch = stream.epoch;
+    plan.seq = stream.seq;
+}
+
 using Planner = void (*)(Traffic& traffic, PacketPlan& plan);
 constexpr Planner kPlanners[kPacketKinds] = {
-    planData, planNull, planRreq, planRrej, planPtp, planPtp, planPtp, planPtp, planNonBus,
+    planData, planNull, planRreq, planRrej,   planPtp,
+    planPtp,  planPtp,  planPtp,  planNonBus, planUnknown,
 };
 
 PacketKind pickKind(Traffic& traffic) {
@@ -215,25 +257,18 @@ Traffic trafficMake(const GeneratorOptions& options) {
     Traffic traffic{.options = options,
                     .prng = prngMake(options.seed),
                     .streams = {},
+                    .publications = {},
                     .kindBelow = {},
                     .subjectStride = std::lcm(options.hosts, options.nets * options.ports),
                     .turn = 0,
                     .runsOn = false,
                     .last = {}};
     traffic.streams.resize(options.hosts * options.nets * options.ports);
+    if (options.services > 0) traffic.publications = publicationsMake(options);
 
-    const Share shares[kPacketKinds] = {{},
-                                        options.nulls,
-                                        options.rreqs,
-                                        options.rrejs,
-                                        options.ptpData,
-                                        options.ptpAckmes,
-                                        options.ptpAcks,
-                                        options.ptpNaks,
-                                        options.nonBus};
     uint32_t below = 0;
-    for (size_t kind = 0; kind < kPacketKinds; ++kind) {
-        below += shares[kind].perMillion;
+    for (size_t kind = 1; kind < kPacketKinds; ++kind) {
+        below += (options.*kKindShares[kind - 1]).perMillion;
         traffic.kindBelow[kind] = below;
     }
     return traffic;

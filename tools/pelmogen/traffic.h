@@ -1,9 +1,12 @@
 // The bus at work: who sends which kind of packet to whom, under which sequence number. It knows
 // nothing of bytes; packet.h makes them.
 //
-// Subject s goes to net s mod nets and, of the rest, to port mod ports. Its publisher k is host
-// (s + k * hosts / publishers) mod hosts. So whoever knows a subject's number knows who sends it
-// where. Each host counts its packets for each port and net apart: a stream.
+// A net on a port is a service: number s is net s mod nets on port s / nets. Subject n belongs to
+// service n mod services. Each host counts its packets of each service apart: a stream.
+//
+// Mostly a subject is drawn, and one of its publishers sends it: k is host
+// (n + k * hosts / publishers) mod hosts. So whoever knows a subject's number knows who sends it
+// where. With --services a host is drawn and sends what publications.h has for it.
 //
 // Host h of the population has address 10.0.0.1 + h / perAddress and a UDP port of its own; the
 // SCid is that port.
@@ -19,19 +22,7 @@
 
 #include "tools/pelmogen/options.h"
 #include "tools/pelmogen/prng.h"
-
-enum class PacketKind : uint8_t {
-    kData,
-    kNull,
-    kRreq,
-    kRrej,
-    kPtpData,
-    kPtpAckme,
-    kPtpAck,
-    kPtpNak,
-    kNonBus,
-};
-constexpr size_t kPacketKinds = 9;
+#include "tools/pelmogen/publications.h"
 
 // Addresses and ports in host order.
 struct PacketPlan {
@@ -54,12 +45,14 @@ struct PacketPlan {
 struct Stream {
     uint32_t epoch;  // 0: nothing sent yet
     uint32_t seq;
+    bool hasSent;  // data
 };
 
 struct Traffic {
     const GeneratorOptions& options;
     Prng prng;
-    std::vector<Stream> streams;                   // by port, net and host
+    std::vector<Stream> streams;                   // by service and host
+    Publications publications;                     // none where subjects are drawn
     std::array<uint32_t, kPacketKinds> kindBelow;  // a draw below it means this kind
     uint64_t subjectStride;  // subjects so far apart share sender and destination
     uint64_t turn;           // with roundRobin

@@ -1,0 +1,37 @@
+// Who publishes what, where a host sends on few services: "--services".
+//
+// Hosts fall into classes, by number, and so do services; a host sends on the services of its
+// class. A subject's publishers are hosts of its service's class. Nobody is left without a subject
+// on a service of his: who has no other publishes the first one.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "tools/pelmogen/options.h"
+
+struct Publications {
+    uint64_t classes = 0;          // 0: there are none
+    std::vector<uint32_t> starts;  // by stream, service x hosts + host; one more than there are
+    std::vector<uint32_t> subjects;
+};
+
+// How many hosts publish a subject. Over a range, x or more with a chance of (low / x) squared:
+// three quarters of the subjects have less than twice the least.
+[[nodiscard]] uint32_t publisherCount(const GeneratorOptions& options, uint32_t subject);
+
+[[nodiscard]] Publications publicationsMake(const GeneratorOptions& options);
+
+// Number of services that `host` sends on; they are host mod classes + k * classes.
+[[nodiscard]] uint64_t servicesOf(const Publications& publications,
+                                  const GeneratorOptions& options,
+                                  uint32_t host);
+
+// The subjects of a stream, in order; borrowed from the table.
+[[nodiscard]] inline std::span<const uint32_t> subjectsOf(const Publications& publications,
+                                                          uint64_t stream) {
+    const uint32_t start = publications.starts[stream];
+    return std::span(publications.subjects).subspan(start, publications.starts[stream + 1] - start);
+}
