@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # How near is the tool to its floor? Runs "pelmoscope -r FILE" as in normal use, its reports thrown
-# away, against the bare pcap_loop with the same filter on the same file, and against that loop with
-# a checksum of each payload; in turn, round after round, so that a busy machine is busy for all.
+# away, in pairs with the bare pcap_loop that has the same filter on the same file and sums each
+# payload once. The traffic is a bus's own mix (pelmogen --mix).
 #
-# Time is user and system time of the whole process, start and reports included, the median of the
-# rounds, divided by the packets. Memory is the peak resident size. Sizes of packets are bytes of
-# UDP payload.
+# Time is user and system time of the whole process, start and reports included, divided by the
+# packets; the ratio is the median of the pairs' ratios. A first pair brings file and programs into
+# memory and doesn't count. Memory is the peak resident size.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-rounds=5
+pairs=7
 build=build/release
 folder=build/bench
 tool=
@@ -17,33 +17,33 @@ cases=()
 
 usage() {
     cat <<'END'
-usage: bench/throughput.sh [--rounds N] [--build FOLDER] [--captures FOLDER] [--tool PROGRAM] [CASE ...]
-  --rounds N         runs of each program [5]
+usage: bench/throughput.sh [--pairs N] [--build FOLDER] [--captures FOLDER] [--tool PROGRAM] [CASE ...]
+  --pairs N          runs of tool and floor that count [7]
   --build FOLDER     where pelmoscope, pelmogen, pcap_floor, run_usage are, under bin [build/release]
   --captures FOLDER  where captures are kept, 3 GB; remade when their options change [build/bench]
   --tool PROGRAM     measured in place of pelmoscope, called as PROGRAM -r FILE
 Cases, all by default:
-  A       2 million packets of 300 bytes, 200 hosts, 1,000 subjects
-  B       1 million packets of 1,200 bytes, the same hosts and subjects
-  C       1 million packets of 200 bytes, 20,000 hosts, 200,000 subjects
-  C0      C, no host with a SCid
+  A       2 million packets of about 300 bytes, 200 hosts, 1,000 subjects
+  B       1 million packets of about 1,200 bytes, the same hosts and subjects
+  C       1 million packets of about 200 bytes, 20,000 hosts, 200,000 subjects, 860,000 pairs of
+          subject and sender
   flat    peak memory of 0.2 and of 2 million packets, the same hosts and subjects
-  record  peak memory by count of hosts and of subjects
+  record  what a host, a subject and a pair add to the peak
 END
 }
 
 while [ $# -gt 0 ]; do
     case $1 in
-    --rounds) rounds=$2 && shift 2 ;;
+    --pairs) pairs=$2 && shift 2 ;;
     --build) build=$2 && shift 2 ;;
     --captures) folder=$2 && shift 2 ;;
     --tool) tool=$2 && shift 2 ;;
     --help) usage && exit 0 ;;
-    A | B | C | C0 | flat | record) cases+=("$1") && shift ;;
+    A | B | C | flat | record) cases+=("$1") && shift ;;
     *) usage >&2 && exit 2 ;;
     esac
 done
-[ ${#cases[@]} -gt 0 ] || cases=(A B C C0 flat record)
+[ ${#cases[@]} -gt 0 ] || cases=(A B C flat record)
 : "${tool:=$build/bin/pelmoscope}"
 for program in "$tool" "$build"/bin/{pelmogen,pcap_floor,run_usage}; do
     [ -x "$program" ] || { echo "$program is missing: build the release preset" >&2 && exit 1; }
@@ -64,6 +64,7 @@ capture() {
     cat "$file" >/dev/null
 }
 
+# "microseconds peak-kilobytes"
 run() {
     "$build/bin/run_usage" "$@" || { echo "failed: $*" >&2 && return 1; }
 }
@@ -74,77 +75,91 @@ median() {
 }
 calc() { awk "BEGIN { printf \"$1\", $2 }"; }
 
-declare -A toolTime
+row='%-4s %8s %8s %8s %7s %5s %5s %-7s %8s\n'
 
-# compare CASE PACKETS BAR AIM: the rounds on `file`, then a line of the table.
+# compare CASE PACKETS BAR AIM: the pairs on `file`, then a line of the table.
 compare() {
-    local name=$1 packets=$2 bar=$3 aim=$4 floor=$build/bin/pcap_floor scratch round
-    scratch=$(mktemp -d)
-    for ((round = 0; round < rounds; ++round)); do
-        run "$tool" -r "$file" >>"$scratch/tool"
-        run "$floor" "$file" >>"$scratch/bare"
-        run "$floor" "$file" --checksum >>"$scratch/sum"
-        run "$floor" "$file" --checksum-wide >>"$scratch/wide"
+    local name=$1 packets=$2 bar=$3 aim=$4 results pair toolRun floorRun
+    results=$(mktemp)
+    for ((pair = 0; pair <= pairs; ++pair)); do
+        toolRun=$(run "$tool" -r "$file")
+        floorRun=$(run "$build/bin/pcap_floor" "$file" --checksum)
+        [ "$pair" = 0 ] || echo "$toolRun $floorRun" >>"$results"
     done
-    local leg
-    local -A ns
-    for leg in tool bare sum wide; do
-        ns[$leg]=$(calc %.1f "$(median <"$scratch/$leg") * 1000 / $packets")
-    done
-    toolTime[$name]=${ns[tool]}
-    local peak verdict=-
-    peak=$(awk '{ print $2 }' "$scratch/tool" | median)
-    rm -r "$scratch"
-    local ratio
-    ratio=$(calc %.2f "${ns[tool]} / ${ns[sum]}")
-    [ "$bar" = - ] || verdict=$(calc %s "$ratio <= $bar ? \"within\" : \"over\"")
-    printf '%-4s %8s %8s %8s %8s %8s %7s %5s %5s %-7s %8s %8s\n' "$name" "$packets" "${ns[tool]}" \
-        "${ns[bare]}" "${ns[sum]}" "${ns[wide]}" "$ratio" "$bar" "$aim" "$verdict" \
-        "$(calc %.2f "${ns[tool]} / ${ns[bare]}")" "$(calc %.1f "$peak / 1024")"
+    local toolNs floorNs ratio peak
+    toolNs=$(awk "{ print \$1 * 1000 / $packets }" "$results" | median)
+    floorNs=$(awk "{ print \$3 * 1000 / $packets }" "$results" | median)
+    ratio=$(awk '{ print $1 / $3 }' "$results" | median)
+    peak=$(awk '{ print $2 / 1024 }' "$results" | median)
+    rm "$results"
+    # shellcheck disable=SC2059
+    printf "$row" "$name" "$packets" "$(calc %.0f "$toolNs")" "$(calc %.0f "$floorNs")" \
+        "$(calc %.2f "$ratio")" "$bar" "$aim" "$(calc %s "$ratio <= $bar ? \"within\" : \"over\"")" \
+        "$(calc %.1f "$peak")"
 }
 
-# peak_of OPTIONS...: sets `peak`, in kilobytes.
+# peak_of ARGUMENTS -- NAME OPTIONS...: of the tool with these arguments. Sets `peak`, in kilobytes.
 peak_of() {
+    local arguments=()
+    while [ "$1" != -- ]; do arguments+=("$1") && shift; done
+    shift
     capture "$@"
-    peak=$(run "$tool" -r "$file" | awk '{ print $2 }')
+    peak=$(run "$tool" -r "$file" "${arguments[@]}" | awk '{ print $2 }')
 }
-
-small=(--hosts 200 --subjects 1000)
-large=(--hosts 20000 --subjects 200000)
 
 flat() {
-    local once
-    peak_of flat-1 --count 200000 --rate 10000 --payload 200 "${small[@]}" && once=$peak
-    peak_of flat-10 --count 2000000 --rate 10000 --payload 200 "${small[@]}"
+    local once options=(--rate 10000 --mix)
+    peak_of -- flat-1 "${options[@]}" --count 200000 && once=$peak
+    peak_of -- flat-10 "${options[@]}" --count 2000000
     echo "memory of 200 hosts, 1,000 subjects: 0.2 million packets $once KB, 2 million $peak KB"
 }
 
-# What one more record costs at the peak, its share of the report's copy included.
-record() {
-    local few
-    peak_of hosts-few --count 20000 --hosts 20000 --nulls 1 --round-robin && few=$peak
-    peak_of hosts-many --count 220000 --hosts 220000 --nulls 1 --round-robin
-    echo "memory per host: $(calc %.0f "($peak - $few) * 1024 / 200000") bytes" \
-        "(20,000 hosts $few KB, 220,000 hosts $peak KB)"
-    local few_subjects=(--hosts 100 --payload 200 --round-robin)
-    peak_of subjects-few --count 20000 --subjects 20000 "${few_subjects[@]}" && few=$peak
-    peak_of subjects-many --count 220000 --subjects 220000 "${few_subjects[@]}"
-    echo "memory per subject with one sender: $(calc %.0f "($peak - $few) * 1024 / 200000") bytes" \
-        "(20,000 subjects $few KB, 220,000 subjects $peak KB)"
+# added WHAT ARGUMENTS -- NAME OPTIONS... -- MORE...: what 200,000 more of it add, by a capture that has
+# 20,000 and one that MORE options give 220,000.
+added() {
+    local what=$1 few common=()
+    shift
+    while [ "$1" != -- ]; do common+=("$1") && shift; done
+    shift
+    local name=$1 options=()
+    shift
+    while [ "$1" != -- ]; do options+=("$1") && shift; done
+    shift
+    peak_of "${common[@]}" -- "$name-few" "${options[@]}" && few=$peak
+    peak_of "${common[@]}" -- "$name-many" "${options[@]}" "$@"
+    echo "memory per $what: $(calc %.0f "($peak - $few) * 1024 / 200000") bytes" \
+        "(20,000: $few KB, 220,000: $peak KB)"
 }
 
-echo "nanoseconds a packet, medians of $rounds rounds; the ratio is tool to loop with checksum"
-printf '%-4s %8s %8s %8s %8s %8s %7s %5s %5s %-7s %8s %8s\n' case packets tool loop +sum +wide \
-    ratio bar aim '' to-loop peak-MB
+# A report's copy included.
+record() {
+    local subjects=(--hosts 100 --payload 200 --round-robin --count 20000 --subjects 20000)
+    local pairs=(--hosts 100 --subjects 20000 --messages 8 --message-bytes 70 --payload 1400
+        --round-robin --count 200000)
+    added host -- hosts --count 20000 --hosts 20000 --nulls 1 --round-robin -- \
+        --count 220000 --hosts 220000
+    added "subject with one sender" -- subjects "${subjects[@]}" -- --count 220000 --subjects 220000
+    added "subject with one sender, senders counted" -addrinfo -- subjects "${subjects[@]}" -- \
+        --count 220000 --subjects 220000
+    added "further sender of a subject, senders counted" -addrinfo -- pairs "${pairs[@]}" -- \
+        --publishers 11
+}
+
+echo "nanoseconds a packet, medians of $pairs pairs"
+# shellcheck disable=SC2059
+printf "$row" case packets tool floor ratio bar aim '' peak-MB
 for name in "${cases[@]}"; do
     case $name in
-    A) capture A --count 2000000 --payload 300 "${small[@]}" && compare A 2000000 2.0 1.5 ;;
-    B) capture B --count 1000000 --payload 1200 "${small[@]}" && compare B 1000000 1.6 1.25 ;;
-    C) capture C --count 1000000 --payload 200 "${large[@]}" && compare C 1000000 3.5 2.5 ;;
-    C0) capture C0 --count 1000000 --payload 200 --scids 0 "${large[@]}" && compare C0 1000000 - - ;;
+    A) capture A --mix --count 2000000 && compare A 2000000 1.75 1.5 ;;
+    B)
+        capture B --mix --count 1000000 --payload 1200-1470 --message-bytes 0
+        compare B 1000000 1.7 1.4
+        ;;
+    C)
+        capture C --mix --count 1000000 --hosts 20000 --subjects 200000 --publishers 5-400 \
+            --message-bytes 50-80 --message-skew 5
+        compare C 1000000 4.5 3.5
+        ;;
     *) "$name" ;;
     esac
 done
-if [ -n "${toolTime[C]:-}" ] && [ -n "${toolTime[C0]:-}" ]; then
-    echo "C0 to C: $(calc %.2f "${toolTime[C0]} / ${toolTime[C]}") (bar 2)"
-fi
