@@ -211,11 +211,10 @@ def read_packet(frame):
         return None
     need(len(payload) >= 24, "OSKA header")
     oska_src, epoch, oska_dst, number, _, seq = struct.unpack(">IIIHHI", payload[4:24])
-    need(number in KINDS, "type")
-    kind, fragment, messages = KINDS[number], 0, []
+    kind, fragment, messages = KINDS.get(number, "unknown"), 0, []
     need(oska_src == src, "src")
     need(oska_dst == dst or (oska_dst == 0 and is_group(dst)), "dst")
-    need(is_group(dst) == (kind in ("data", "null", "rrej")), "destination address")
+    need(is_group(dst) == (kind in ("data", "null", "rrej", "unknown")), "destination address")
 
     body = payload[24:]
     if kind == "rreq":

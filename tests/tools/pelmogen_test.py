@@ -12,7 +12,7 @@ from bus_reader import READERS, Fault, read_capture, read_enveloped, read_packet
 PELMOGEN, SAMPLES = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 
 MIX = """--nulls 0.1 --rreqs 0.05 --rrejs 0.04 --ptp-data 0.06 --ptp-ackmes 0.03 --ptp-acks 0.02
-    --ptp-naks 0.02 --non-bus 0.05 --hosts 20 --nets 2 --ports 3 --subjects 240 --publishers 2
+    --ptp-naks 0.02 --non-bus 0.04 --unknowns 0.01 --hosts 20 --nets 2 --ports 3 --subjects 240 --publishers 2
     --scids 0.5 --replies 0.2 --no-subject 0.1 --host-status 0.1 --messages 1-3 --fields 0-8
     --payload 100-1400 --fragments 0.05"""
 
@@ -89,7 +89,8 @@ class Generator(unittest.TestCase):
         packets = self.packets(MIX, "--count 10000 --fragments 0")
         kinds = Counter(packet.kind if packet else "non-bus" for packet in packets)
         wanted = {"data": 0.63, "null": 0.1, "rreq": 0.05, "rrej": 0.04, "ptp-data": 0.06,
-                  "ptp-ackme": 0.03, "ptp-ack": 0.02, "ptp-nak": 0.02, "non-bus": 0.05}
+                  "ptp-ackme": 0.03, "ptp-ack": 0.02, "ptp-nak": 0.02, "non-bus": 0.04,
+                  "unknown": 0.01}
         for kind, share in wanted.items():
             self.assertAlmostEqual(kinds[kind] / 10000, share, delta=0.01, msg=kind)
         data = [packet for packet in packets if packet and packet.kind == "data"]
@@ -119,6 +120,27 @@ class Generator(unittest.TestCase):
         self.assertEqual(seen["start"], len(streams))
         for what, share in {"repeat": 0.1, "gap": 0.05, "restart": 0.01}.items():
             self.assertAlmostEqual(seen[what] / 10000, share, delta=0.01, msg=what)
+
+    def test_the_mix_is_uneven_and_gaps_come_when_asked_for(self):
+        packets = self.packets("--mix --count 20000 --gaps 0 --restarts 0 --damaged 0 --subjects 400")
+        last, senders, counts, hosts = {}, {}, Counter(), Counter()
+        for packet in packets:
+            if packet is None or packet.kind not in ("data", "null"):
+                continue
+            stream = (packet.dst, packet.dst_port, packet.src)
+            step = 1 if packet.kind == "data" else 0
+            self.assertLessEqual(packet.seq, last.get(stream, packet.seq - step) + step)
+            last[stream] = max(packet.seq, last.get(stream, 0))
+            hosts[packet.src] += 1
+            counts[len(packet.messages)] += 1
+            for message in packet.messages:
+                senders.setdefault((message.subject, packet.dst, packet.dst_port),
+                                   set()).add(packet.src)
+        self.assertEqual(len({stream[:2] for stream in last}), 96)
+        self.assertEqual(len({stream[2] for stream in last}), 200)
+        self.assertTrue(all(counts[n] > counts[n + 1] > 100 for n in range(1, 8)), counts)
+        self.assertGreater(hosts.most_common(20)[-1][1], 3 * hosts.most_common(180)[-1][1])
+        self.assertGreater(max(len(them) for them in senders.values()), 3)
 
     def test_each_subject_has_its_publishers_and_its_place(self):
         senders = {}
@@ -151,7 +173,9 @@ class Generator(unittest.TestCase):
                     continue  # nothing in it that could be spoilt
                 try:
                     packet = read_packet(record.frame)
-                    self.assertTrue(name == "magic" and packet is None, name)
+                    what = packet.kind if packet else "non-bus"
+                    self.assertIn((name, what), [("magic", "non-bus"), ("type", "unknown"),
+                                                 ("src", "unknown"), ("dst", "unknown")])
                 except Fault:
                     pass
 
