@@ -8,8 +8,8 @@ namespace {
 
 // Behind how many a charge comes to its next step: one message's work is about a third of a trip to
 // memory.
-constexpr uint32_t kBehindForRecord = 2;
-constexpr uint32_t kBehindToCount = 5;
+constexpr uint32_t kBehindForRecord = 5;
+constexpr uint32_t kBehindToCount = 11;
 static_assert(kBehindToCount < kChargesInLine);
 
 constexpr size_t kUsualSubjectBytes = 40;  // most are no longer
@@ -101,7 +101,9 @@ ChargeResult chargeMessage(NetEntry& net,
         const bool empty = length == kSubjectHeadBytes && subjectElementCount(subject.data()) == 0;
         return empty ? ChargeResult::kDone : ChargeResult::kInvalid;
     }
-    if (net.subjects.count > kCachedSubjects) return wait(net, sender, subject, messageBytes);
+    if (statistics.subjectLines.slabCount > kCachedSlabs) {
+        return wait(net, sender, subject, messageBytes);
+    }
 
     const uint32_t hash = probeHashBytes(subject.data(), length);
     SubjectEntry* entry = findSubject(net, subject.data(), length, hash);

@@ -3,11 +3,11 @@
 // Only well-formed subjects have records. So a subject is looked up first, as it stands in the
 // packet, and its form is tested only where it has no record yet.
 //
-// Where a net has many subjects, a subject is two trips to memory, first for its slot and then for
+// On a bus with many subjects, a subject is two trips to memory, first for its slot and then for
 // its record, and one packet has too little other work to pass the time. There a charge waits in a
 // short line: the cache is asked for the slot as it enters, for the record when a few are behind
-// it, and it is counted when some more are. Where a net has few subjects they lie in the cache, and
-// a charge is counted at once.
+// it, and it is counted when some more are. While subjects are few they lie in the cache, and a
+// charge is counted at once.
 //
 //     newest   |    slot    |    ...    |   record   |    ...    |   counted   |   oldest
 //
@@ -27,8 +27,8 @@
 
 #include "trace/counts/statistics.h"
 
-// Nets with more subjects than this have their charges wait.
-inline constexpr uint32_t kCachedSubjects = 4096;
+// Charges wait from then on that subjects fill so many slabs.
+inline constexpr uint32_t kCachedSlabs = 8;
 
 enum class ChargeResult {
     kDone,      // counted, on its way, or nothing to count: the subject has no elements

@@ -17,7 +17,7 @@ struct WaitingCharge {
     uint8_t subject[kSubjectMaxBytes];  // packed; only its own length is set
 };
 
-inline constexpr uint32_t kChargesInLine = 8;  // a power of two
+inline constexpr uint32_t kChargesInLine = 16;  // a power of two
 
 struct ChargeLine {
     uint32_t entered;  // ever; the place of the next one, wrapped around
