@@ -25,6 +25,7 @@
 namespace {
 
 constexpr uint32_t kFewRecords = 16;  // not worth keys
+constexpr size_t kFewKeys = 24;       // sorted by insertion
 
 struct SortKey {
     uint64_t high, low;  // the bytes that are compared next, as one number
@@ -44,56 +45,68 @@ bool sameKey(const SortKey& left, const SortKey& right) {
     return left.high == right.high && left.low == right.low;
 }
 
-constexpr uint32_t kManyKeys = 4096;  // worth being dealt out
-constexpr uint32_t kHeaps = 65536;
-
-// Room for the keys, for a copy of the records of the largest array and, where there are many, for
-// dealing out; or none.
+// Room for the keys and for a copy of the records of the largest array; or none.
 struct Scratch {
     SortKey* keys = nullptr;
     void* records = nullptr;  // lent to the sorting of keys
-    uint32_t* heapEnds = nullptr;
 
     [[nodiscard]] bool serves(uint32_t count) const {
         return keys != nullptr && count >= kFewRecords;
     }
 };
 
-void sortFewKeys(std::span<SortKey> keys) {
-    if (std::is_sorted(keys.begin(), keys.end(), keyBefore)) return;
-    std::sort(keys.begin(), keys.end(), keyBefore);
-}
-
-size_t heapOf(const SortKey& key) {
-    return key.high >> 48;
-}
-
-// Deals keys out by their first two bytes, which takes no comparison, and sorts each heap.
-void dealOutAndSort(std::span<SortKey> keys, const Scratch& scratch) {
-    const std::span<uint32_t> ends(scratch.heapEnds, kHeaps);
-    std::ranges::fill(ends, 0);
+// How many bytes all keys begin with alike.
+size_t countCommonBytes(std::span<const SortKey> keys) {
+    uint64_t high = 0;
+    uint64_t low = 0;
     for (const SortKey& key : keys) {
-        ++ends[heapOf(key)];
+        high |= key.high ^ keys[0].high;
+        low |= key.low ^ keys[0].low;
     }
+    const int bits = high != 0 ? std::countl_zero(high) : 64 + std::countl_zero(low);
+    return static_cast<size_t>(bits) / 8;
+}
 
+void sortByInsertion(std::span<SortKey> keys) {
+    for (size_t i = 1; i < keys.size(); ++i) {
+        const SortKey key = keys[i];
+        size_t place = i;
+        for (; place > 0 && keyBefore(key, keys[place - 1]); --place) {
+            keys[place] = keys[place - 1];
+        }
+        keys[place] = key;
+    }
+}
+
+// Deals the keys out by the first byte in which they differ, and each heap by those that follow.
+// Equal keys keep their order. There are so many bytes, which bounds the recursion.
+void sortByRadix(std::span<SortKey> keys, SortKey* dealt) {
+    if (keys.size() < kFewKeys) return sortByInsertion(keys);
+    const size_t common = countCommonBytes(keys);
+    if (common == kKeyBytes) return;
+    uint64_t SortKey::*const word = common < 8 ? &SortKey::high : &SortKey::low;
+    const size_t shift = (7 - common % 8) * 8;
+
+    std::array<uint32_t, 256> ends{};
+    for (const SortKey& key : keys) {
+        ++ends[key.*word >> shift & 0xff];
+    }
     // Until all are dealt, each heap's end is where its next key goes.
     std::exclusive_scan(ends.begin(), ends.end(), ends.begin(), uint32_t{0});
-    auto* dealt = static_cast<SortKey*>(scratch.records);
     for (const SortKey& key : keys) {
-        dealt[ends[heapOf(key)]++] = key;
+        dealt[ends[key.*word >> shift & 0xff]++] = key;
     }
     std::memcpy(keys.data(), dealt, keys.size_bytes());
     uint32_t begin = 0;
     for (const uint32_t end : ends) {
-        if (end - begin > 1) sortFewKeys(keys.subspan(begin, end - begin));
+        if (end - begin > 1) sortByRadix(keys.subspan(begin, end - begin), dealt);
         begin = end;
     }
 }
 
 void sortKeys(std::span<SortKey> keys, const Scratch& scratch) {
-    if (keys.size() < kManyKeys) return sortFewKeys(keys);
     if (std::is_sorted(keys.begin(), keys.end(), keyBefore)) return;
-    dealOutAndSort(keys, scratch);
+    sortByRadix(keys, static_cast<SortKey*>(scratch.records));
 }
 
 // Brings each record to the place of its key. Reading from all over the array and writing in
@@ -202,23 +215,12 @@ bool takeBytesOfAll(std::span<SortKey> keys, const SnapSubject* subjects, size_t
     return any;
 }
 
-// How many bytes all keys begin with alike.
-size_t countCommonBytes(std::span<const SortKey> keys) {
-    uint64_t high = 0;
-    uint64_t low = 0;
-    for (const SortKey& key : keys) {
-        high |= key.high ^ keys[0].high;
-        low |= key.low ^ keys[0].low;
-    }
-    const int bits = high != 0 ? std::countl_zero(high) : 64 + std::countl_zero(low);
-    return static_cast<size_t>(bits) / 8;
-}
-
-// Keys that agree in all bytes: by count of elements, then by the place that they had.
+// Keys that agree in all bytes: by count of elements. Those that agree in that too stand in the
+// order that they had, and keep it.
 void sortEqual(std::span<SortKey> keys, const SnapSubject* subjects, const Scratch& scratch) {
     for (SortKey& key : keys) {
-        key.high = subjectElementCount(subjects[key.index].subject);
-        key.low = key.index;
+        key.high = 0;
+        key.low = subjectElementCount(subjects[key.index].subject);
     }
     sortKeys(keys, scratch);
 }
@@ -258,7 +260,7 @@ bool subjectBefore(const SnapSubject& left, const SnapSubject& right) {
 
 void sortSubjects(SnapSubject* subjects, uint32_t count, const Scratch& scratch) {
     if (!scratch.serves(count)) {
-        std::sort(subjects, subjects + count, subjectBefore);
+        std::stable_sort(subjects, subjects + count, subjectBefore);
         return;
     }
     const std::span keys(scratch.keys, count);
@@ -311,16 +313,13 @@ struct Free {
 void snapshotSort(SnapHeader* snapshot) {
     const Largest largest = findLargest(*snapshot);
     const size_t keyBytes = largest.count * sizeof(SortKey);
-    const size_t endBytes = largest.count >= kManyKeys ? kHeaps * sizeof(uint32_t) : 0;
     std::unique_ptr<uint8_t, Free> block;
     Scratch scratch;
     if (largest.count >= kFewRecords) {
-        block.reset(static_cast<uint8_t*>(std::malloc(keyBytes + largest.bytes + endBytes)));
+        block.reset(static_cast<uint8_t*>(std::malloc(keyBytes + largest.bytes)));
     }
     if (block != nullptr) {
-        uint8_t* records = block.get() + keyBytes;
-        scratch = {reinterpret_cast<SortKey*>(block.get()), records,
-                   reinterpret_cast<uint32_t*>(records + largest.bytes)};
+        scratch = {reinterpret_cast<SortKey*>(block.get()), block.get() + keyBytes};
     }
     eachArray(*snapshot, [&](auto* records, uint32_t count) {
         if constexpr (std::is_same_v<decltype(records), SnapSubject*>) {
