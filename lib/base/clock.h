@@ -11,7 +11,7 @@
 // Since 1970-01-01 00:00:00 UTC. The seconds are cut to 32 bits, as records and packets hold them.
 struct TimeSpec {
     int32_t seconds;
-    uint32_t nanoseconds;  // whole milliseconds, below 1e9
+    uint32_t nanoseconds;  // whole milliseconds below 1e9, or what a packet's stamp says
 
     bool operator==(const TimeSpec&) const = default;
 };

@@ -77,7 +77,7 @@ Bytes someFrame(FuzzedDataProvider& input) {
     return frame;
 }
 
-void report(SnapTime time) {
+void report(TimeSpec time) {
     SnapHeader* snapshot = snapshotTake(time);
     if (snapshot == nullptr) std::abort();
     printSnapshot(snapshot);
@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t sizeBytes) {
     openRun();
     traceSettings.displayRate = input.ConsumeBool();
     CaptureContext context = {
-        [](SnapTime, const uint8_t* ip, size_t length) { analyzePacket(ip, length); }};
+        [](TimeSpec, const uint8_t* ip, size_t length) { analyzePacket(ip, length); }};
     for (int32_t i = 0; i < kFramesMax && input.remaining_bytes() > 0; ++i) {
         const Bytes frame = someFrame(input);
         pcap_pkthdr header = {};

@@ -67,7 +67,7 @@ struct BuiltPort {
 };
 
 struct BuiltSnapshot {
-    SnapTime from, to;
+    TimeSpec from, to;
     std::vector<BuiltPort> ports = {};
 
     SnapHeader* link() {
@@ -92,9 +92,9 @@ struct BuiltSnapshot {
             linked.push_back(linkNet(net));
         }
         std::vector<SnapNet>& kept = nets.emplace_back(std::move(linked));
-        return {htons(port.port),     sizeOf(kept),        kept.data(),
-                sizeOf(port.rlHosts), port.rlHosts.data(), sizeOf(port.ptpHosts),
-                port.ptpHosts.data()};
+        return {htons(port.port),      htons(port.port),     sizeOf(kept),
+                kept.data(),           sizeOf(port.rlHosts), port.rlHosts.data(),
+                sizeOf(port.ptpHosts), port.ptpHosts.data()};
     }
 
     SnapNet linkNet(BuiltNet& net) {

@@ -167,7 +167,7 @@ std::string packetLine(uint64_t packets, uint64_t oskaPackets) {
     return "packets=" + std::to_string(packets) + " oska=" + std::to_string(oskaPackets);
 }
 
-std::string timeText(SnapTime time) {
+std::string timeText(TimeSpec time) {
     char text[48];
     std::snprintf(text, sizeof text, "%" PRId32 ".%09" PRIu32, time.seconds, time.nanoseconds);
     return text;

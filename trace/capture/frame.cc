@@ -55,7 +55,7 @@ Bytes findIpPacket(Bytes frame) {
 
 // Whatever a capture file claims is cut to the width of the fields: it may lie before 1970, beyond
 // 2038, or have a million microseconds and more.
-SnapTime packetTime(const timeval& stamp) {
+TimeSpec packetTime(const timeval& stamp) {
     const auto microseconds = static_cast<uint32_t>(stamp.tv_usec);
     return {static_cast<int32_t>(stamp.tv_sec), microseconds * 1000};
 }

@@ -21,10 +21,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "trace/counts/snapshot.h"
+#include "lib/base/clock.h"
 
 // Takes the packet's time stamp and what is in hand of it from the IP header on: 20 bytes or more.
-using PacketHandler = void (*)(SnapTime time, const uint8_t* ip, size_t length);
+using PacketHandler = void (*)(TimeSpec time, const uint8_t* ip, size_t length);
 
 struct CaptureContext {
     PacketHandler packetHandler;

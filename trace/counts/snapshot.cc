@@ -15,7 +15,7 @@ namespace {
 
 constexpr size_t kAreaAlignment = 8;
 
-SnapTime prevTime;  // guarded by `statsLock`
+TimeSpec prevTime;  // guarded by `statsLock`
 
 constexpr size_t padded(size_t size, size_t alignment) {
     return (size + alignment - 1) & ~(alignment - 1);
@@ -115,7 +115,6 @@ uintptr_t layOutAreas(uintptr_t at, const Sizes& sizes, Places& places) {
 void copyHost(uint64_t key, HostEntry& host, SnapHost& to) {
     to = {
         .host = hostKeyAddress(key),
-        .net = 0,
         .port = hostKeyPort(key),
         .reliability = host.reliability,
         .bad = host.bad,
@@ -206,7 +205,7 @@ void copyNet(uint32_t address, NetEntry& net, Places& places) {
 void copyPort(uint32_t number, PortEntry& port, Places& places) {
     SnapPort& to = *places.ports++;
     to = {};
-    to.port = static_cast<uint16_t>(number);
+    to.port = to.servicePort = static_cast<uint16_t>(number);
     to.nets = places.nets;
     eachRecord<NetEntry>(port.nets, [&](uint32_t address, NetEntry& net) {
         if (net.live != 0) copyNet(address, net, places);
@@ -219,7 +218,7 @@ void copyPort(uint32_t number, PortEntry& port, Places& places) {
     port.live = 0;
 }
 
-void fillHead(SnapHeader& head, SnapTime time, const Sizes& sizes, const Places& places) {
+void fillHead(SnapHeader& head, TimeSpec time, const Sizes& sizes, const Places& places) {
     head = {
         .prevTime = prevTime,
         .thisTime = time,
@@ -235,12 +234,12 @@ void fillHead(SnapHeader& head, SnapTime time, const Sizes& sizes, const Places&
 
 }  // namespace
 
-void snapshotSetStart(SnapTime time) {
+void snapshotSetStart(TimeSpec time) {
     const LockGuard guard(statsLock);
     prevTime = time;
 }
 
-SnapHeader* snapshotTake(SnapTime time) {
+SnapHeader* snapshotTake(TimeSpec time) {
     const LockGuard guard(statsLock);
     chargesSettle();
     const Sizes sizes = countAll();

@@ -22,19 +22,11 @@
 
 #include <cstdint>
 
+#include "lib/base/clock.h"
 #include "trace/counts/two_sided_counters.h"
-
-// Seconds since 1970 and nanoseconds, of a packet or of the wall clock.
-struct SnapTime {
-    int32_t seconds = 0;
-    uint32_t nanoseconds = 0;
-
-    bool operator==(const SnapTime&) const = default;
-};
 
 struct SnapHost {
     uint32_t host;
-    uint32_t net;   // written by the report's totals pass
     uint16_t port;  // the SCid, 0 for none
     double reliability;
     uint64_t bad, gaps, data, bytes, nulls, rdata, rbytes;
@@ -60,8 +52,8 @@ struct SnapSubjectHost {
 
 struct SnapSubject {
     const uint8_t* subject;  // packed
-    uint64_t msgs, bytes;    // written by the report's totals pass
-    uint32_t hostCount;
+    uint64_t msgs, bytes;    // of all its senders
+    uint32_t hostCount;      // 0 unless TraceSettings::countSenders
     SnapSubjectHost* hosts;
 };
 
@@ -77,6 +69,7 @@ struct SnapNet {
 
 struct SnapPort {
     uint16_t port;
+    uint16_t servicePort;  // the same, or what servicesFind found for its retransmission
     uint32_t netCount;
     SnapNet* nets;
     uint32_t rlHostCount;
@@ -86,8 +79,8 @@ struct SnapPort {
 };
 
 struct SnapHeader {
-    SnapTime prevTime;  // when the snapshot before was taken
-    SnapTime thisTime;
+    TimeSpec prevTime;  // when the snapshot before was taken
+    TimeSpec thisTime;
     uint64_t packets;      // all that reached classification
     uint64_t oskaPackets;  // those of the bus among them
     uint32_t portCount;
@@ -95,10 +88,10 @@ struct SnapHeader {
 };
 
 // Null when memory runs out.
-[[nodiscard]] SnapHeader* snapshotTake(SnapTime time);
+[[nodiscard]] SnapHeader* snapshotTake(TimeSpec time);
 
 // For the start of a run: the time that the first snapshot counts from.
-void snapshotSetStart(SnapTime time);
+void snapshotSetStart(TimeSpec time);
 
 // Sorts in place: ports by number; nets, hosts and subject hosts by address, then SCid; subjects
 // element by element. Only the order within the arrays changes, every pointer stays good.

@@ -14,7 +14,6 @@ namespace {
 
 // Bucket counts at creation.
 constexpr uint32_t kPortBuckets = 32;
-constexpr uint32_t kServiceBuckets = 256;
 constexpr uint32_t kNetBuckets = 4;
 constexpr uint32_t kTwoSidedBuckets = 4;
 constexpr uint32_t kHostBuckets = 256;
@@ -156,9 +155,7 @@ void freeWholePort(PortEntry* port) {
 pelmoStatus statsInit() {
     if (!snapshotStorageInit()) return kStatusNoMemory;
     statistics.ports = dict32Create(kPortBuckets);
-    statistics.services = dict64Create(kServiceBuckets);
-    if (statistics.ports == nullptr || statistics.services == nullptr) return kStatusNoMemory;
-    return kStatusSuccess;
+    return statistics.ports != nullptr ? kStatusSuccess : kStatusNoMemory;
 }
 
 void statsDestroy() {
@@ -166,10 +163,6 @@ void statsDestroy() {
         eachRecord<PortEntry>(statistics.ports,
                               [](uint32_t, PortEntry& port) { freeWholePort(&port); });
         dict32Destroy(statistics.ports);
-    }
-    if (statistics.services != nullptr) {
-        freeRecords(statistics.services);
-        dict64Destroy(statistics.services);
     }
     linePoolClear(statistics.subjectLines);
     statistics = {};
@@ -216,19 +209,4 @@ SenderAhead prefetchSenderSlot(uint16_t dstPort, uint32_t dstIp, uint64_t sender
 void prefetchSender(const SenderAhead& ahead) {
     if (ahead.net == nullptr) return;
     probePrefetchEntry(ahead.net->hostIndex, ahead.hostHash, offsetof(HostEntry, bad));
-}
-
-ServiceEntry* serviceEntry(uint32_t host, uint16_t scid) {
-    auto* entry =
-        plainEntry<ServiceEntry>(statistics.services, hostKey(host, scid), "service", "service");
-    if (entry != nullptr) {
-        entry->host = host;
-        entry->scid = scid;
-    }
-    return entry;
-}
-
-uint16_t servicePort(uint32_t host, uint16_t scid) {
-    const auto* entry = findIn<ServiceEntry>(statistics.services, hostKey(host, scid));
-    return entry != nullptr ? entry->servicePort : uint16_t{0};
 }

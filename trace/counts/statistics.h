@@ -8,7 +8,6 @@
 //                           subjects: packed subject -> SubjectEntry (trace/counts/subjects.h)
 //               rlHosts:  (address, UDP port) -> RlHostEntry
 //               ptpHosts: (address, UDP port) -> PtpHostEntry
-//     services: (host, SCid) -> ServiceEntry, beside the tree
 //
 // Ownership: the tree owns its records and lives until the process ends. Only subjects are ever
 // removed: by the first snapshot, under a live port, that finds them silent.
@@ -20,7 +19,7 @@
 // Liveness: `live` is set by a handler on every record of its path, ahead of the checks of the
 // packet's own header, and cleared by the snapshot. Only live records are reported.
 //
-// Threads: all of it under `statsLock`, except `services`: that belongs to the thread that prints.
+// Threads: all of it under `statsLock`.
 //
 // Byte order: addresses and ports are words in network order, in records and in keys alike.
 // Counters are packets unless their name says bytes.
@@ -91,12 +90,6 @@ struct PtpHostEntry {
     PtpCounters counters;
 };
 
-struct ServiceEntry {
-    uint32_t host;
-    uint16_t scid;
-    uint16_t servicePort;  // 0 until set
-};
-
 // Guards the statistics and, while capture runs, the capture file.
 extern Lock statsLock;
 
@@ -109,7 +102,6 @@ struct LiveCounts {
 
 struct Statistics {
     Dict32* ports;
-    Dict64* services;
     uint32_t totalPackets;  // that reached classification since the last snapshot
     uint32_t oskaPackets;   // that carried the magic
     LiveCounts live;
@@ -183,8 +175,3 @@ void eachRecord(Dict32* dict, Visit visit) {
 [[nodiscard]] inline size_t snapSubjectBytes(const uint8_t* subject) {
     return (subjectLength(subject) + 3) & ~size_t{3};
 }
-
-[[nodiscard]] ServiceEntry* serviceEntry(uint32_t host, uint16_t scid);
-
-// 0 where host and SCid were never reported.
-[[nodiscard]] uint16_t servicePort(uint32_t host, uint16_t scid);

@@ -8,7 +8,7 @@
 #include "lib/base/log.h"
 #include "lib/base/prefetch.h"
 #include "lib/containers/subject.h"
-#include "trace/counts/statistics.h"
+#include "trace/counts/services.h"
 #include "trace/report/host_report.h"
 #include "trace/report/report_format.h"
 #include "trace/settings.h"
@@ -154,15 +154,14 @@ void printHead(const SnapHeader& snapshot) {
 }
 
 // In floating point throughout, so that no distance between two times overflows.
-double secondsBetween(SnapTime from, SnapTime to) {
+double secondsBetween(TimeSpec from, TimeSpec to) {
     const double nanoseconds = static_cast<double>(to.nanoseconds) - from.nanoseconds;
     const double seconds = static_cast<double>(to.seconds) - from.seconds;
     return nanoseconds / 1e9 + seconds;
 }
 
-void addNet(SnapNet& net) {
-    for (SnapHost& host : std::span(net.hosts, net.hostCount)) {
-        host.net = net.net;
+void addNet(const SnapNet& net) {
+    for (const SnapHost& host : std::span(net.hosts, net.hostCount)) {
         addCounters(kMcastTable, report.mcast, host);
     }
     for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
@@ -177,7 +176,7 @@ void addUp(const SnapHeader& snapshot) {
     report.ptp = {};
     report.subjects = {};
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
-        for (SnapNet& net : std::span(port.nets, port.netCount)) {
+        for (const SnapNet& net : std::span(port.nets, port.netCount)) {
             addNet(net);
         }
         for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
@@ -189,10 +188,7 @@ void addUp(const SnapHeader& snapshot) {
     }
 }
 
-void printMcastHost(uint16_t port, const SnapHost& host) {
-    ServiceEntry* service = serviceEntry(host.host, host.port);
-    if (service != nullptr) service->servicePort = port;
-
+void printMcastHost(const SnapHost& host) {
     char* at = appendHostLead(rowBegin(), kOneSidedIndent, host.host, host.port);
     at = appendCounters(at, report.view, kMcastTable, host);
     *at++ = ' ';
@@ -212,7 +208,7 @@ void printMcastNet(uint16_t port, const SnapNet& net) {
     rowEnd(appendText(at, "    -\n"));
     if (!traceSettings.displayAddrInfo) return;
     for (const SnapHost& host : hosts) {
-        printMcastHost(port, host);
+        printMcastHost(host);
     }
 }
 
@@ -224,16 +220,6 @@ void printMcastTable(const SnapHeader& snapshot) {
         }
     }
     printText("\n");
-}
-
-// The port that the first known sender was last reported on, else the row's own.
-uint16_t findServicePort(const SnapPort& port) {
-    for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
-        if (host.port == 0) continue;
-        const uint16_t known = servicePort(host.host, host.port);
-        if (known != 0) return known;
-    }
-    return port.port;
 }
 
 // Two lines: what was sent to the host, then what it sent.
@@ -277,7 +263,7 @@ void printRetransTable(const SnapHeader& snapshot) {
         const std::span<const SnapRlHost> hosts(port.rlHosts, port.rlHostCount);
         const RlCounters sum = sumUp(kRetransTable, hosts);
         if (!anySent(kRetransTable, sum) && sum.badRecv == 0) continue;
-        printTwoSidedPort(kRetransTable, findServicePort(port), sum, hosts);
+        printTwoSidedPort(kRetransTable, port.servicePort, sum, hosts);
     }
     printText("\n");
 }
@@ -365,6 +351,7 @@ void printSnapshot(SnapHeader* snapshot) {
     // Ahead of the sort, while each subject's hosts still lie behind those of the one before.
     addUp(*snapshot);
     snapshotSort(snapshot);
+    if (traceSettings.displayMcast && traceSettings.displayAddrInfo) servicesFind(snapshot);
     printTables(*snapshot);
 
     writeLines();

@@ -5,11 +5,11 @@
 // It goes to the log stream, or to the standard output stream where the log is on the standard
 // error stream. The stream is flushed, and then the log's rotation is checked.
 //
-// The multicast table teaches the tool which service port a host's SCid belongs to; the
-// retransmission table shows it, in this report and in later ones.
+// Where the multicast table shows hosts, their service ports are remembered for the retransmission
+// table of this report and of later ones (trace/counts/services.h).
 //
 // Ownership: the Snapshot is the caller's, stays good for the length of the call, and comes back
-// sorted, with the sums of its subjects and the nets of its hosts filled in.
+// sorted, with the service ports filled in.
 //
 // Failure: none. Without memory for a service port the row stands all the same.
 //

@@ -26,7 +26,7 @@ struct LiveRun {
 
 constinit LiveRun liveRun;
 
-void handlePacket(SnapTime, const uint8_t* ip, size_t length) {
+void handlePacket(TimeSpec, const uint8_t* ip, size_t length) {
     analyzePacket(ip, length);
 }
 
@@ -59,7 +59,7 @@ void onSnapshotTimer() {
     if (captureShuttingDown()) return;
     TimeSpec now;
     clockNow(&now);
-    SnapHeader* const snapshot = snapshotTake({now.seconds, now.nanoseconds});
+    SnapHeader* const snapshot = snapshotTake(now);
     if (snapshot == nullptr) return;
     setReporting(true);
     reportPrint(snapshot);

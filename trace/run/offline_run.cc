@@ -14,28 +14,28 @@
 namespace {
 
 struct OfflineRun {
-    SnapTime nextSnapshotTime;
-    SnapTime lastPacketTime;  // of those behind the first
+    TimeSpec nextSnapshotTime;
+    TimeSpec lastPacketTime;  // of those behind the first
 };
 
 OfflineRun offlineRun;
 
-bool isLater(const SnapTime& time, const SnapTime& than) {
+bool isLater(const TimeSpec& time, const TimeSpec& than) {
     return std::tie(time.seconds, time.nanoseconds) > std::tie(than.seconds, than.nanoseconds);
 }
 
 // Wraps around like the 32-bit clock that it moves on.
-SnapTime afterInterval(SnapTime time) {
+TimeSpec afterInterval(TimeSpec time) {
     const uint32_t seconds = static_cast<uint32_t>(time.seconds) + traceSettings.updateInterval;
     return {static_cast<int32_t>(seconds), time.nanoseconds};
 }
 
-void reportSnapshot(const SnapTime& time) {
+void reportSnapshot(const TimeSpec& time) {
     SnapHeader* const snapshot = snapshotTake(time);
     if (snapshot != nullptr) reportPrint(snapshot);
 }
 
-void handleFirstPacket(SnapTime time, const uint8_t* ip, size_t length) {
+void handleFirstPacket(TimeSpec time, const uint8_t* ip, size_t length) {
     snapshotSetStart(time);
     offlineRun.nextSnapshotTime = afterInterval(time);
 
@@ -46,7 +46,7 @@ void handleFirstPacket(SnapTime time, const uint8_t* ip, size_t length) {
     classifyPacket(ip, length);
 }
 
-void handlePacket(SnapTime time, const uint8_t* ip, size_t length) {
+void handlePacket(TimeSpec time, const uint8_t* ip, size_t length) {
     if (isLater(time, offlineRun.nextSnapshotTime)) {
         reportSnapshot(offlineRun.nextSnapshotTime);
         offlineRun.nextSnapshotTime = afterInterval(offlineRun.nextSnapshotTime);

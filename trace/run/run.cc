@@ -87,7 +87,7 @@ pelmoStatus filterSource() {
 pelmoStatus markStart() {
     TimeSpec now;
     clockNow(&now);
-    snapshotSetStart({now.seconds, now.nanoseconds});
+    snapshotSetStart(now);
     return kStatusSuccess;
 }
 

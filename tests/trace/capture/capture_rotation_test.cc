@@ -43,7 +43,7 @@ struct CaptureRotation : testing::Test {
 
     // A frame of one repeated byte; a file is known again by it.
     static void save(size_t sizeBytes, char mark) {
-        CaptureContext context = {[](SnapTime, const uint8_t*, size_t) {}};
+        CaptureContext context = {[](TimeSpec, const uint8_t*, size_t) {}};
         const Bytes frame(sizeBytes, static_cast<uint8_t>(mark));
         const auto caplen = static_cast<bpf_u_int32>(sizeBytes);
         const pcap_pkthdr header = {.ts = {}, .caplen = caplen, .len = caplen};

@@ -19,9 +19,9 @@ namespace {
 
 using Texts = std::vector<const char*>;
 
-std::vector<SnapTime> times;
+std::vector<TimeSpec> times;
 
-void takePacket(SnapTime time, const uint8_t*, size_t) {
+void takePacket(TimeSpec time, const uint8_t*, size_t) {
     times.push_back(time);
 }
 
@@ -84,7 +84,7 @@ TEST_F(CaptureSession, CapturesIntoALargeBuffer) {
 
 TEST_F(CaptureSession, CutsNanosecondStampsToMicroseconds) {
     read(captureText({someFrame(123456789)}, {.nanoseconds = true}));
-    EXPECT_EQ(times, (std::vector<SnapTime>{{100, 123456000}}));
+    EXPECT_EQ(times, (std::vector<TimeSpec>{{100, 123456000}}));
 }
 
 TEST_F(CaptureSession, StopsWhereARecordIsCutOrMakesNoSense) {

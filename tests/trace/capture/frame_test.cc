@@ -16,7 +16,7 @@ namespace {
 const std::string kNoEthernet = "Packet too small to contain Ethernet header";
 
 struct Handed {
-    SnapTime time;
+    TimeSpec time;
     Bytes ip;
 
     bool operator==(const Handed&) const = default;
@@ -24,7 +24,7 @@ struct Handed {
 
 std::vector<Handed> handed;
 
-void takePacket(SnapTime time, const uint8_t* ip, size_t length) {
+void takePacket(TimeSpec time, const uint8_t* ip, size_t length) {
     handed.push_back({time, Bytes(ip, ip + length)});
 }
 
@@ -103,7 +103,7 @@ TEST_F(Frame, IsStrippedToItsIpPacket) {
 TEST_F(Frame, CarriesAnyTimeStamp) {
     const struct {
         timeval stamp;
-        SnapTime time;
+        TimeSpec time;
     } cases[] = {
         {{1700000000, 999999}, {1700000000, 999999000}},
         {{-1, 5}, {-1, 5000}},

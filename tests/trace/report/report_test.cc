@@ -10,14 +10,14 @@
 #include "lib/base/log.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/snapshot_builder.h"
-#include "trace/counts/statistics.h"
+#include "trace/counts/services.h"
 #include "trace/report/report_format.h"
 #include "trace/settings.h"
 
 namespace {
 
-constexpr SnapTime kFrom = {1700000000, 0};
-constexpr SnapTime kTo = {1700000004, 0};
+constexpr TimeSpec kFrom = {1700000000, 0};
+constexpr TimeSpec kTo = {1700000004, 0};
 
 const std::string kHead = "Snapshot  2023-11-14 22:13:24  (4.0 elapsed seconds)\n\n";
 const std::string kMcastTitle =
@@ -42,23 +42,22 @@ struct ReportTest : testing::Test {
         setenv("TZ", "UTC", 1);
         tzset();
         traceSettings = {};
-        ASSERT_EQ(statsInit(), kStatusSuccess);
     }
 
     void TearDown() override {
         traceSettings = {};
-        statsDestroy();
+        servicesForget();
     }
 };
 
-std::string print(BuiltSnapshot& built, bool withMemory = true) {
+std::string print(BuiltSnapshot& built, size_t allocations = kNeverFails) {
     char* text = nullptr;
     size_t length = 0;
     FILE* stream = open_memstream(&text, &length);
     logSetStream(stream);
     SnapHeader* snapshot = built.link();
     {
-        const FailAlloc fail{.after = withMemory ? kNeverFails : 0, .forGood = true};
+        const FailAlloc fail{.after = allocations, .forGood = true};
         printSnapshot(snapshot);
     }
     std::string report(text, length);  // flushed by the report itself
@@ -70,7 +69,6 @@ std::string print(BuiltSnapshot& built, bool withMemory = true) {
 
 SnapHost mcastHost(const char* address, uint16_t scid, double reliability, uint64_t first) {
     return {.host = addressOf(address),
-            .net = 0,
             .port = htons(scid),
             .reliability = reliability,
             .bad = first + 6,
@@ -250,12 +248,20 @@ TEST_F(ReportTest, PrintsLongReportsWhole) {
               kSubjectTitle + "         Totals                   3000      6000\n" + rows + "\n");
 }
 
+// Without memory for service ports the rows stand all the same, and nothing half-made stays.
 TEST_F(ReportTest, NeedsNoMemory) {
     traceSettings.displayAddrInfo = true;
     BuiltSnapshot built = busy();
-    const std::string report = print(built, false);
-    EXPECT_NE(report.find("Out of memory allocating service entry"), std::string::npos);
-    EXPECT_EQ(report.substr(report.find("Snapshot")), print(built));
+    const std::string whole = print(built);
+    for (const size_t after : {0, 1, 2}) {
+        servicesForget();
+        const std::string report = print(built, after);
+        const char* what = after == 0 ? "allocating" : "storing";
+        EXPECT_NE(report.find(std::string("Out of memory ") + what + " service entry"),
+                  std::string::npos);
+        EXPECT_EQ(report.substr(report.find("         Totals")),
+                  whole.substr(whole.find("         Totals")));
+    }
 }
 
 // Ties, carries, numbers beside them, and any others.

@@ -51,7 +51,7 @@ struct Run : testing::Test {
 
     static void saveMoreThanTheLimit() {
         constexpr bpf_u_int32 kMegabyte = 1 << 20;
-        CaptureContext context = {[](SnapTime, const uint8_t*, size_t) {}};
+        CaptureContext context = {[](TimeSpec, const uint8_t*, size_t) {}};
         const Bytes frame(kMegabyte, 0);
         const pcap_pkthdr header = {.ts = {}, .caplen = kMegabyte, .len = kMegabyte};
         frameHandler(reinterpret_cast<u_char*>(&context), &header, frame.data());
