@@ -13,7 +13,10 @@
 #include <utility>
 
 #include "lib/base/clock.h"
+#include "lib/base/lock.h"
 #include "lib/base/log.h"
+#include "trace/capture/capture_state.h"
+#include "trace/counts/statistics.h"
 #include "trace/settings.h"
 
 namespace {
@@ -238,6 +241,8 @@ void captureFileSave(const pcap_pkthdr& header, const u_char* bytes) {
 }
 
 void captureFileFlush() {
+    if (!captureState.savingFrames) return;
+    const LockGuard guard(statsLock);
     if (captureFileIsOpen()) writeOut();
 }
 

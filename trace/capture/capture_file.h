@@ -8,7 +8,7 @@
 // Failure: told in the log, once when writing fails and once when it works again. Nothing is called
 // a failure towards the run: frames are analysed whether they can be saved or not.
 //
-// Threads: whoever saves, flushes, reopens or closes holds `statsLock` while capture runs.
+// Threads: whoever saves, reopens or closes holds `statsLock` while capture runs.
 //
 // There is one capture file in a process, and its messages name it by `traceSettings.writeFile`.
 
@@ -31,7 +31,8 @@
 // Without an open file nothing is saved.
 void captureFileSave(const pcap_pkthdr& header, const u_char* bytes);
 
-// Hands the buffer to the system.
+// Hands the buffer to the system, so that a process that is killed loses none of it. For each
+// report; takes `statsLock` itself.
 void captureFileFlush();
 
 // Closes the file and begins a new one of the same head. False where that can't be had, which the

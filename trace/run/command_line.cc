@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <span>
 
 #include "trace/capture/capture_session.h"
 
@@ -131,8 +132,7 @@ void settleDisplay(TraceSettings& settings) {
     settings.countSenders |= settings.displayAddrInfo && settings.displaySubjects;
 }
 
-}  // namespace
-
+// False for a bad command line.
 bool readArguments(std::span<char* const> arguments, TraceSettings& settings) {
     for (size_t at = 0; at < arguments.size(); ++at) {
         const Option* const option = findOption(arguments[at]);
@@ -150,9 +150,11 @@ bool readArguments(std::span<char* const> arguments, TraceSettings& settings) {
     return true;
 }
 
+}  // namespace
+
 void parseArguments(int argc, char* const* argv) {
     std::span<char* const> arguments(argv, static_cast<size_t>(argc));
-    if (!arguments.empty()) arguments = arguments.subspan(1);
+    if (!arguments.empty()) arguments = arguments.subspan(1);  // the program's name may be missing
     if (!readArguments(arguments, traceSettings)) printUsage();
 }
 

@@ -6,6 +6,7 @@
 #include "lib/base/cond.h"
 #include "lib/base/log.h"
 #include "lib/base/thread.h"
+#include "trace/capture/capture_file.h"
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
@@ -60,6 +61,7 @@ void onSnapshotTimer() {
     TimeSpec now;
     clockNow(&now);
     SnapHeader* const snapshot = snapshotTake(now);
+    captureFileFlush();
     if (snapshot == nullptr) return;
     setReporting(true);
     reportPrint(snapshot);

@@ -17,8 +17,9 @@
 // Once the shutdown has had `statsLock` the thread only looks at that flag, however late its frame.
 void captureThreadRelease();
 
-// Every update interval, on the timer thread: takes a snapshot at the wall clock's time and prints
-// it. Capture waits for the snapshot, not for the printing.
+// Every update interval, on the timer thread: takes a snapshot at the wall clock's time, sees that
+// all saved frames are in their file, and prints the snapshot. Capture doesn't wait for the
+// printing.
 void onSnapshotTimer();
 
 // Returns when a signal has come.

@@ -4,6 +4,7 @@
 
 #include "lib/base/clock.h"
 #include "lib/base/log.h"
+#include "trace/capture/capture_file.h"
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
@@ -32,6 +33,7 @@ TimeSpec afterInterval(TimeSpec time) {
 
 void reportSnapshot(const TimeSpec& time) {
     SnapHeader* const snapshot = snapshotTake(time);
+    captureFileFlush();
     if (snapshot != nullptr) reportPrint(snapshot);
 }
 

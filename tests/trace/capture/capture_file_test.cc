@@ -32,6 +32,7 @@ struct CaptureFile : testing::Test {
         path = name[0] == '/' ? name : folder.path(name);
         traceSettings.writeFile = path.c_str();
         ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
+        captureState.savingFrames = true;
     }
 
     // Frames are told apart by their seconds.

@@ -17,8 +17,6 @@
 
 namespace {
 
-using Texts = std::vector<const char*>;
-
 std::vector<TimeSpec> times;
 
 void takePacket(TimeSpec time, const uint8_t*, size_t) {
@@ -47,22 +45,6 @@ struct CaptureSession : testing::Test {
     const Folder folder;
     const std::string path = folder.path("in");
 };
-
-TEST(BuildFilter, JoinsWhatTheListsHold) {
-    const struct {
-        Texts src, dst, ports;
-        std::string filter;
-    } cases[] = {
-        {{}, {}, {}, "udp"},
-        {{}, {}, {"7500", "7501"}, "udp and (port (7500 or 7501))"},
-        {{}, {"B"}, {}, "udp and (dst (B))"},
-        {{"A", "C"}, {"B", "D"}, {"1"}, "udp and (port (1)) and (src (A or C) or dst (B or D))"},
-        {{}, {}, {"x,y", ""}, "udp and (port (x,y or ))"},
-    };
-    for (const auto& [src, dst, ports, filter] : cases) {
-        EXPECT_EQ(buildFilter(src, dst, ports), filter);
-    }
-}
 
 // libpcap maps the kernel's buffer; its size shows nowhere else.
 TEST_F(CaptureSession, CapturesIntoALargeBuffer) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <vector>
 
 #include "tests/support/capture_file.h"
@@ -12,8 +11,6 @@
 #include "tests/support/trace_run.h"
 
 namespace {
-
-const std::string kNoEthernet = "Packet too small to contain Ethernet header";
 
 struct Handed {
     TimeSpec time;
@@ -36,11 +33,6 @@ void deliver(const Bytes& bytes, timeval time = {}) {
     frameHandler(reinterpret_cast<u_char*>(&context), &header, bytes.data());
 }
 
-// An Ethernet header without its type: MACs 1:2:3:4:5:6 and a:b:c:d:e:f.
-Bytes macs() {
-    return {1, 2, 3, 4, 5, 6, 10, 11, 12, 13, 14, 15};
-}
-
 Bytes counting(size_t sizeBytes) {
     Bytes bytes(sizeBytes);
     for (size_t i = 0; i < sizeBytes; ++i) {
@@ -49,56 +41,12 @@ Bytes counting(size_t sizeBytes) {
     return bytes;
 }
 
-Lines noIp(const std::string& length) {
-    return {"Ethernet/IP packet too small to contain IP header", "    Length: " + length,
-            "    Source: 0a:0b:0c:0d:0e:0f", "    Dest:   01:02:03:04:05:06"};
-}
-
 struct Frame : testing::Test {
-    Frame() {
-        handed.clear();
-        captureState.captureHandle = pcap_open_dead(DLT_EN10MB, 65535);
-    }
+    Frame() { handed.clear(); }
     ~Frame() override { resetCapture(); }
-
-    void saveTo(const std::string& path) {
-        ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
-        captureState.savingFrames = true;
-    }
 
     TraceRun run;
 };
-
-TEST_F(Frame, IsStrippedToItsIpPacket) {
-    const Bytes ipType = {8, 0};
-    const Bytes arpType = {8, 6};
-    const Bytes twenty = counting(20);
-    const struct {
-        const char* what;
-        Bytes frame;
-        std::vector<Handed> handed;
-        Lines logged;
-    } cases[] = {
-        {"empty", {}, {}, {kNoEthernet}},
-        {"13 of bare IP", counting(13), {}, {kNoEthernet}},
-        {"no IP", joined({macs(), ipType}), {}, noIp("0")},
-        {"19 of IP", joined({macs(), ipType, counting(19)}), {}, noIp("19")},
-        {"20 of IP", joined({macs(), ipType, twenty}), {{{}, twenty}}, {}},
-        {"19 of another type", joined({macs(), arpType, counting(5)}), {}, noIp("19")},
-        {"20 of another type",
-         joined({macs(), arpType, counting(6)}),
-         {{{}, joined({macs(), arpType, counting(6)})}},
-         {}},
-        {"bare IP", twenty, {{{}, twenty}}, {}},
-    };
-    for (const auto& [what, frame, expected, logged] : cases) {
-        SCOPED_TRACE(what);
-        handed.clear();
-        deliver(frame);
-        EXPECT_EQ(handed, expected);
-        EXPECT_EQ(run.logged(), logged);
-    }
-}
 
 TEST_F(Frame, CarriesAnyTimeStamp) {
     const struct {
@@ -119,26 +67,11 @@ TEST_F(Frame, CarriesAnyTimeStamp) {
     }
 }
 
-TEST_F(Frame, IsSavedWhateverItIs) {
-    const Folder folder;
-    const std::string path = folder.path("save");
-    saveTo(path);
-    for (const Bytes& frame : {Bytes(), counting(13), counting(20)}) {
-        deliver(frame, {7, 8});
-    }
-    const size_t savedBytes = kCaptureHeadBytes + 3 * kRecordHeadBytes + 13 + 20;
-    EXPECT_EQ(captureFileBytes(), savedBytes);
-    EXPECT_EQ(handed.size(), 1u);
-
-    captureFileClose();  // as after a rotation that failed to open it anew
-    deliver(counting(20));
-    EXPECT_EQ(handed.size(), 2u);
-    EXPECT_EQ(readFile(path).size(), savedBytes);
-}
-
 TEST_F(Frame, IsLeftAloneInTheShutdown) {
     const Folder folder;
-    saveTo(folder.path("save"));
+    captureState.captureHandle = pcap_open_dead(DLT_EN10MB, 65535);
+    ASSERT_TRUE(captureFileOpen(captureState.captureHandle, folder.path("save").c_str()));
+    captureState.savingFrames = true;
     captureState.shuttingDown = true;
     deliver(counting(20));
     deliver({});
