@@ -23,7 +23,7 @@ namespace {
 
 constexpr size_t kBufferBytes = 64 << 10;
 constexpr size_t kFileHeadBytes = 24;
-constexpr double kRetrySeconds = 0.2;  // a full disk may take long to say so
+constexpr double kRetrySeconds = 0.2;  // between two tries: a file system may take long to refuse
 
 // In the machine's byte order, as libpcap writes it.
 struct RecordHead {
@@ -34,9 +34,9 @@ struct RecordHead {
 };
 static_assert(sizeof(RecordHead) == 16);
 
-// The file is a row of units: its head, then frames, each with its record head. The buffer begins
-// with the rest of a unit if the file ends within one: the head's 24 bytes at the start, later only
-// what a pipe left of a frame. Whole frames follow.
+// A capture file is a row of units: the file's head, then the frames, each behind its record head.
+// The buffer begins with the rest of a unit where the file ends within one: at first that is the
+// whole of the file's head, later only what a pipe didn't take of a frame. Whole frames follow.
 struct CaptureFile {
     uint8_t head[kFileHeadBytes] = {};
 
@@ -47,9 +47,9 @@ struct CaptureFile {
     std::unique_ptr<uint8_t, decltype(&std::free)> buffer{nullptr, std::free};
     size_t capacityBytes = 0;
     size_t usedBytes = 0;
-    size_t restBytes = 0;  // of the unit that the file ends within
+    size_t restBytes = 0;  // what the buffer has of the unit that the file ends within
 
-    bool failing = false;  // and told
+    bool failing = false;  // the last write failed, and the log has told so
     double retryTime = 0;  // steady seconds
     uint64_t lostFrames = 0;
     bool complete = true;
@@ -57,7 +57,7 @@ struct CaptureFile {
 
 CaptureFile file;
 
-// For a buffer that holds nothing.
+// Only while the buffer holds nothing.
 bool makeBuffer(size_t sizeBytes) {
     auto* const block = static_cast<uint8_t*>(std::malloc(sizeBytes));
     if (block == nullptr) return false;
@@ -114,8 +114,8 @@ bool cutFileBackTo(uint64_t sizeBytes) {
            lseek(file.descriptor, size, SEEK_SET) == size;
 }
 
-// The first `doneBytes` of the buffer, which are not all, have got into the file. What doesn't stay
-// there stays in the buffer.
+// The file took the first `doneBytes` of the buffer, but not all of it. The piece of a frame that
+// it took is cut off again, if that can be, and the buffer keeps what the file doesn't have.
 void keepRest(size_t doneBytes) {
     size_t begin = 0;
     size_t end = unitEnd(0);

@@ -5,8 +5,8 @@
 // can't hold meanwhile are lost and counted. A pipe can't be cut back: the rest of the frame that
 // it began is what it gets next.
 //
-// Failure: told in the log, once when writing fails and once when it works again. Nothing is called
-// a failure towards the run: frames are analysed whether they can be saved or not.
+// Failure: told in the log, once when writing fails and once when it works again. A call that saves
+// has no result: frames are analysed whether they can be saved or not.
 //
 // Threads: whoever saves, reopens or closes holds `statsLock` while capture runs.
 //

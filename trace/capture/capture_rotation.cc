@@ -16,22 +16,23 @@ namespace {
 
 constexpr size_t kNumberedNameBytes = 260;
 
-// Of the timer thread, once it runs.
+// Once the timer thread runs, only that touches these.
 NumberedRing ring = {};
-bool renameFails = false;  // and was told
+bool renameFails = false;  // the last rename failed, and the log has told so
 
 bool fileReachesLimit() {
     const uint64_t sizeBytes = fileSize64(traceSettings.writeFile);
     return sizeBytes != kFileSizeUnknown64 && sizeBytes >= traceSettings.captureLimitBytes;
 }
 
-// The file system is asked only while what was saved lies below: it sees what others wrote.
+// The file system is asked only while what was saved lies below the limit: it sees what others
+// wrote.
 bool isFullLocked() {
     return captureFileBytes() >= traceSettings.captureLimitBytes || fileReachesLimit();
 }
 
-// Is the path free for a new file? Where the rename fails the file goes on, unless somebody has
-// taken it away.
+// True where the path is free for a new file. After a failed rename the file goes on, unless
+// somebody has taken it away.
 bool moveAside() {
     char numberedName[kNumberedNameBytes];
     const bool failed = numberedRingMoveAside(ring, numberedName) == RotationResult::kRenameFailed;
@@ -48,8 +49,8 @@ void reopenLocked(const char* complaint) {
     if (!captureFileReopen(traceSettings.writeFile)) logPrint(complaint, traceSettings.writeFile);
 }
 
-// The file is moved while it is open. Its last frames follow it, and on a full disk they have the
-// room of the numbered file that had to go.
+// The file is moved while it is open, and the frames in the buffer follow it when it is closed: on
+// a full disk they then find the room of the numbered file that was removed.
 void rotateWhenFull() {
     const LockGuard guard(statsLock);
     if (!captureFileIsOpen() || !isFullLocked()) return;

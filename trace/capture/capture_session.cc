@@ -25,7 +25,7 @@ constexpr bpf_u_int32 kNoNetmask = 0;
 
 using Texts = std::span<const char* const>;
 
-// "<keyword> (a or b or c)".
+// Appends "<keyword> (a or b or c)".
 void appendAlternatives(std::string& filter, const char* keyword, Texts values) {
     filter.append(keyword).append(" (");
     const char* separator = "";
@@ -36,8 +36,8 @@ void appendAlternatives(std::string& filter, const char* keyword, Texts values) 
     filter.append(")");
 }
 
-// pcap_lookupdev is deprecated for a race between threads, which don't exist yet. Its successor
-// picks the same device but would have its own words for a failure.
+// pcap_lookupdev is deprecated because threads can race in it, and no other thread runs yet. Its
+// successor picks the same device but would have its own words for a failure.
 const char* defaultInterface() {
     char error[PCAP_ERRBUF_SIZE] = "";
 #pragma GCC diagnostic push
@@ -48,7 +48,8 @@ const char* defaultInterface() {
     return name;
 }
 
-// What pcap_open_live does, and a larger buffer. Null where the system refuses any of it.
+// Does what pcap_open_live does, but asks for a larger buffer. Null where the system refuses any of
+// it.
 pcap_t* openWithRoom(const char* name) {
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* const capture = pcap_create(name, error);
@@ -118,8 +119,8 @@ pcap_t* openLive(const char* interfaceName) {
     std::printf("Using interface %s\n", name);
     if (pcap_t* const capture = openWithRoom(name)) return capture;
 
-    // With the buffer that libpcap chooses; and where it isn't for that, these are the words for
-    // it.
+    // The second try leaves the buffer's size to libpcap. Where that wasn't the reason, it fails
+    // too, and its words tell the reason.
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* const capture =
         pcap_open_live(name, kFullFrameBytes, kPromiscuous, kReadTimeoutMs, error);

@@ -37,7 +37,7 @@ void reportNoIpHeader(Bytes frame, size_t leftBytes) {
         destination[5]);
 }
 
-// Empty where the frame is too small to have one.
+// The result is empty where the frame is too small to have one.
 Bytes findIpPacket(Bytes frame) {
     if (frame.size() < kEthernetHeaderBytes) {
         logPrint("Packet too small to contain Ethernet header");
@@ -53,8 +53,8 @@ Bytes findIpPacket(Bytes frame) {
     return ip;
 }
 
-// Whatever a capture file claims is cut to the width of the fields: it may lie before 1970, beyond
-// 2038, or have a million microseconds and more.
+// A capture file may claim any time: one before 1970 or beyond 2038, or a million microseconds and
+// more. It is cut to the width of the fields.
 TimeSpec packetTime(const timeval& stamp) {
     const auto microseconds = static_cast<uint32_t>(stamp.tv_usec);
     return {static_cast<int32_t>(stamp.tv_sec), microseconds * 1000};

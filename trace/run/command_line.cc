@@ -14,7 +14,7 @@ namespace {
 constexpr int kUsageExitStatus = 2;
 constexpr const char* kProgramName = "pelmoscope";
 
-// The ways to store a value. Switches get none.
+// How options store their values. A switch is handed a null one.
 
 template <auto kMember>
 void setTrue(TraceSettings& settings, const char*) {
@@ -59,8 +59,8 @@ void setReadFile(TraceSettings& settings, const char* value) {
 
 struct Option {
     const char* name;
-    const char* valueWord;  // none for a switch
-    const char* usage;      // none where the usage text is silent about it
+    const char* valueWord;  // null for a switch
+    const char* usage;      // null for an option that the usage text leaves out
     void (*store)(TraceSettings& settings, const char* value);
 };
 

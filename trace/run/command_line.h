@@ -5,8 +5,9 @@
 // next argument whatever it looks like. A repeated option overwrites, but the list options collect;
 // how many are too many shows later (trace/run/settings_check.h).
 //
-// Numbers are read without a check: text that is no number gives 0, one out of range the nearest
-// that the setting can hold. Behind a minus sign the unsigned "-u" wraps around, as in strtoul.
+// Numbers are read without a check: text that is no number gives 0, and a number out of range the
+// nearest one that the setting can hold. Behind a minus sign the unsigned "-u" wraps around, as in
+// strtoul.
 //
 // Ownership: settings point at the argument strings, which outlive them.
 

@@ -10,7 +10,7 @@ namespace {
 using S = TraceSettings;
 
 constexpr int32_t kDefaultRotations = 10;
-constexpr uint32_t kDeprecatedFiles = 10;  // that the deprecated size is meant for, together
+constexpr uint32_t kDeprecatedFiles = 10;  // these together have the deprecated size
 
 struct RotationFamily {
     uint32_t preferredBit, deprecatedBit;
@@ -90,7 +90,7 @@ pelmoStatus refuse(const char* reason) {
     return kStatusInvalidArgument;
 }
 
-// `size` isn't negative.
+// Takes a size that isn't negative.
 int32_t correctSize(const RotationFamily& family, int32_t size) {
     if (size == 0) return 0;
     if (size < family.leastSize) {
@@ -115,7 +115,7 @@ pelmoStatus readPreferred(const RotationFamily& family, Rotation& rotation) {
     return kStatusSuccess;
 }
 
-// In 32 bits, whatever that leaves of a size that is negative or too large.
+// The arithmetic is unsigned and has 32 bits: a negative or too large size wraps around.
 void readDeprecated(const RotationFamily& family, Rotation& rotation) {
     const auto size = static_cast<uint32_t>(traceSettings.*family.deprecatedSize);
     rotation.limitBytes = size * family.unitBytes / kDeprecatedFiles;

@@ -1,8 +1,8 @@
-// From the rotation options to what rotates: a size in bytes and a count of numbered files, once
-// for the log and once for the capture file.
+// Turns the rotation options into a limit in bytes and a count of numbered files, once for the log
+// and once for the capture file.
 //
-// Preferred options give the size of one file and the count. The deprecated option gives a size for
-// ten files together. Sizes out of range are corrected, and the correction is told.
+// Preferred options give the size of one file and the count. The deprecated option gives a size
+// that ten files share. Sizes out of range are corrected, and the correction is told.
 //
 // Failure: kStatusInvalidArgument, with the reason in the log. Limit and count are then not stored.
 //

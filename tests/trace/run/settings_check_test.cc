@@ -83,6 +83,7 @@ TEST_F(SettingsCheck, RefusesFilesThatWouldOverwriteEachOther) {
         {in("link1"), in("sub/x"), none, "-r" + numbered + "-w."},
         {in("hard1"), in("x"), none, ""},
         {in("x3"), in("x"), none, ""},
+        {in("x02"), in("x"), none, ""},
         {in("x"), in("new"), in("new2"), "-logfile" + numbered + "-w."},
         {in("x"), in("new2"), in("new"), ""},
     };
