@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+constexpr const char* kProgramName = "pelmoscope";  // in log lines and the usage text
+
 // Which rotation options were seen.
 enum RotationOption : uint32_t {
     kLogRotateSeen = 1,      // deprecated: -log-rotate

@@ -1,5 +1,6 @@
 #include <cstdlib>
 
+#include "lib/base/version.h"
 #include "lib/msg/pool.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/pelmo.h"
@@ -12,8 +13,8 @@
 
 namespace {
 
-constexpr char kVersion[] = "8.5.2";
-constexpr char kBanner[] = "\nPelmo API\n\nVersion 8.5.2 V1 11/12/20 06:41:40\n";
+constexpr char kBanner[] =
+    "\nPelmo API\n\nVersion " PELMO_TOLD_VERSION " V1 11/12/20 06:41:40\n";
 constexpr uint32_t kIoThreads = 1;
 constexpr double kWithoutLimit = -1.0;
 
@@ -87,7 +88,7 @@ pelmoStatus pelmo_Open() {
 
 const char* pelmo_Version() {
     traceLine(kTraceLibrary, "pelmo_Version()");
-    return kVersion;
+    return PELMO_TOLD_VERSION;
 }
 
 void pelmo_WaitClosed() {

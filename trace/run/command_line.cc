@@ -12,7 +12,6 @@
 namespace {
 
 constexpr int kUsageExitStatus = 2;
-constexpr const char* kProgramName = "pelmoscope";
 
 // How options store their values. A switch is handed a null one.
 

@@ -11,6 +11,7 @@
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/base/path.h"
+#include "lib/base/version.h"
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/transport/secure_modules.h"
@@ -31,8 +32,8 @@
 
 namespace {
 
-constexpr const char* kProgramName = "pelmoscope";
-constexpr char kBanner[] = "\nPelmo trace program\n\nVersion 8.5.2 V1 11/12/20 06:42:40\n";
+constexpr char kBanner[] =
+    "\nPelmo trace program\n\nVersion " PELMO_TOLD_VERSION " V1 11/12/20 06:42:40\n";
 constexpr double kRotationCheckSeconds = 1.0;
 constexpr double kLastReportSeconds = 0.5;
 
