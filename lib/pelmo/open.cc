@@ -13,8 +13,7 @@
 
 namespace {
 
-constexpr char kBanner[] =
-    "\nPelmo API\n\nVersion " PELMO_TOLD_VERSION " V1 11/12/20 06:41:40\n";
+constexpr char kBanner[] = "\nPelmo API\n\nVersion " PELMO_TOLD_VERSION " V1 11/12/20 06:41:40\n";
 constexpr uint32_t kIoThreads = 1;
 constexpr double kWithoutLimit = -1.0;
 
