@@ -1,5 +1,6 @@
-# cmake --install: the tool with its two modules, its manual page, completion, a unit sample and the
-# operators' guide.
+# cmake --install: the tool with its two modules, its manual page, completion, a unit sample, the
+# operators' guide and what others' licences ask for. The component "tool" is what the package has
+# (Package.cmake).
 #
 # The modules belong beside the program that loads them and to nobody else, so both go to a folder
 # of their own, and bin/ gets a link. The set-up lays them into the build's bin folder.
@@ -9,18 +10,23 @@ include(GNUInstallDirs)
 set(PELMO_TOOL_DIR lib/pelmoscope)
 file(RELATIVE_PATH tool_from_bin /${CMAKE_INSTALL_BINDIR} /${PELMO_TOOL_DIR}/pelmoscope)
 
-install(TARGETS pelmoscope RUNTIME DESTINATION ${PELMO_TOOL_DIR})
+install(TARGETS pelmoscope RUNTIME DESTINATION ${PELMO_TOOL_DIR} COMPONENT tool)
 install(FILES ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/libcrypto.so.1.1
               ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/libssl.so.1.1
-        DESTINATION ${PELMO_TOOL_DIR})
+        DESTINATION ${PELMO_TOOL_DIR} COMPONENT tool)
 install(CODE "
     set(bin \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
     file(MAKE_DIRECTORY \"\${bin}\")
     file(CREATE_LINK \"${tool_from_bin}\" \"\${bin}/pelmoscope\" SYMBOLIC)
-    message(STATUS \"Installing: \${bin}/pelmoscope -> ${tool_from_bin}\")")
+    message(STATUS \"Installing: \${bin}/pelmoscope -> ${tool_from_bin}\")"
+    COMPONENT tool)
 
-install(FILES docs/pelmoscope.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES docs/pelmoscope.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES completions/pelmoscope.bash
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME pelmoscope)
-install(FILES completions/_pelmoscope DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
-install(FILES docs/OPERATING.md docs/pelmoscope.service DESTINATION ${CMAKE_INSTALL_DOCDIR})
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME pelmoscope
+        COMPONENT tool)
+install(FILES completions/_pelmoscope DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+        COMPONENT tool)
+install(FILES docs/OPERATING.md docs/pelmoscope.service CHANGELOG.md docs/THIRD_PARTY.md
+              docs/licenses/OpenSSL-1.1.1.txt
+        DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)

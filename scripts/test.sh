@@ -2,7 +2,7 @@
 # test.sh [--long]: sets up what is missing, builds, and runs every test: under the sanitizers, the
 # fuzz targets for a few seconds each, the checks of lock annotations, and at last the release
 # build, whose count ends the output. With --long each fuzz target has a minute, and a live run of ten
-# minutes comes ahead of that count.
+# minutes and the package in a fresh root come ahead of that count.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -49,7 +49,7 @@ fuzz() {
     done
 }
 
-scripts/setup.sh
+scripts/setup.sh ${long:+--long}
 step "$(python3 tests/e2e/live_run.py)"
 
 build tsa
@@ -72,6 +72,8 @@ build release
 if [ -n "$long" ]; then
     step "soak, 10 minutes"
     python3 tests/e2e/soak.py build/release/bin/{pelmoscope,pelmogen} || [ $? = 77 ]
+    step "package"
+    scripts/package_test.sh || [ $? = 77 ]
 fi
 step "release"
 ctest --preset release --no-tests=error -j "$jobs"
