@@ -1,11 +1,10 @@
 # cmake --install: the tool with its two modules, its manual page, completion, a unit sample, the
-# operators' guide and what others' licences ask for. The component "tool" is what the package has
-# (Package.cmake).
+# operators' guide and what others' licences ask for; and the library with its headers, and what
+# pkg-config and CMake want to know of it. The component "tool" is what the package has
+# (Package.cmake), "library" is all else.
 #
 # The modules belong beside the program that loads them and to nobody else, so both go to a folder
 # of their own, and bin/ gets a link. The set-up lays them into the build's bin folder.
-
-include(GNUInstallDirs)
 
 set(PELMO_TOOL_DIR lib/pelmoscope)
 file(RELATIVE_PATH tool_from_bin /${CMAKE_INSTALL_BINDIR} /${PELMO_TOOL_DIR}/pelmoscope)
@@ -30,3 +29,26 @@ install(FILES completions/_pelmoscope DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/s
 install(FILES docs/OPERATING.md docs/pelmoscope.service CHANGELOG.md docs/THIRD_PARTY.md
               docs/licenses/OpenSSL-1.1.1.txt
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)
+
+foreach(header IN LISTS PELMO_PUBLIC_HEADERS)
+    get_filename_component(folder ${header} DIRECTORY)
+    install(FILES lib/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pelmo/${folder}
+            COMPONENT library)
+endforeach()
+install(TARGETS pelmo EXPORT pelmo
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT library)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Pelmo)
+install(EXPORT pelmo NAMESPACE Pelmo:: FILE PelmoConfig.cmake DESTINATION ${package_dir}
+        COMPONENT library)
+include(CMakePackageConfigHelpers)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/PelmoConfigVersion.cmake
+    COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/PelmoConfigVersion.cmake DESTINATION ${package_dir}
+        COMPONENT library)
+
+# The prefix is told from the file's own place: the install chooses it.
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/pelmo.pc.in ${CMAKE_BINARY_DIR}/pelmo.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/pelmo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT library)

@@ -10,6 +10,7 @@ if(PELMO_SYNTAX_ONLY)
     target_compile_options(pelmo_options INTERFACE -fsyntax-only)
     set(CMAKE_CXX_ARCHIVE_CREATE "${CMAKE_COMMAND} -E true")
     set(CMAKE_CXX_ARCHIVE_FINISH "${CMAKE_COMMAND} -E true")
+    set(CMAKE_CXX_CREATE_SHARED_LIBRARY "${CMAKE_COMMAND} -E true")
     set(CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_COMMAND} -E true")
 endif()
 

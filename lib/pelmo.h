@@ -9,8 +9,10 @@
 // count. The last close ends every object: no callback starts afterwards, and one that runs sees
 // its event and queue ended behind it. The library can be opened again; ids go on counting.
 //
-// Environment, read at the first open: _PM_TRACING_MODULES and _PM_TRACING_FILE (see
-// lib/runtime/tracing.h). Settings that can't be followed leave tracing off.
+// Environment, read at the first open: _PM_TRACING_MODULES lists the modules whose calls are
+// logged, separated by ",", each with "=" and a subject behind it where only messages on that
+// subject are wanted; _PM_TRACING_FILE names the file, "stderr" or "stdout" that the lines go to.
+// Settings that can't be followed leave tracing off.
 //
 // Failure: kStatusInitFailed where the process' one-time set-up failed, then and ever after;
 // kStatusOsError for a thread that waited for another's set-up in vain; kStatusNoMemory; the status

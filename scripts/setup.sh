@@ -19,6 +19,7 @@ need g++ have_command g++
 need cmake have_command cmake
 need ninja-build have_command ninja
 need git have_command git
+need pkgconf have_command pkg-config
 need iproute2 have_command ip
 need python3 have_command python3
 need libpcap-dev have_header pcap.h

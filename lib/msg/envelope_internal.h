@@ -1,5 +1,27 @@
 // What the library's own files do with an envelope. The calls for applications stand in
 // lib/msg/envelope.h.
+//
+// On the bus a message is the last field, "data", of an outer message whose other fields are the
+// envelope: send subject, reply subject, kind, source port. One object works with both levels in
+// one image. Open, its fields are the application's, and `dataOffset` tells where they begin;
+// closed, they are the outer message's, "data" among them.
+//
+//     0         8                                dataOffset - 8
+//     | head    | sub | return | mtype | cid ... | 05 data 00 01 7A | head | fields ...          |
+//     '--------- the envelope, in any order ------------------------'----- the application's ----'
+//
+// "data" comes last, and its size prefix is the nested message's own length: so the nested message
+// grows by growing the image. A message that was made by pelmoMsg_Create has no envelope until the
+// first setter puts one around what it shows; one that was made from received bytes is closed until
+// msgOpenEnvelope. Setters work on what is open: a message that is closed gets an envelope,
+// whatever its fields are.
+//
+// Opening is one pass over names. It records where the values lie, as offsets from the message's
+// first byte, so that a transport reads the packed send subject in place. The offsets are good
+// while the envelope is open; that of the source port stays behind a close until the next opening.
+//
+// Failure: as of the calls for applications. A setter works on a copy of the envelope, which takes
+// the old one's place when nothing can fail any more.
 
 #pragma once
 
@@ -17,8 +39,9 @@ enum EnvelopeFlag : uint8_t {
     ENV_SRC = 1,    // a field "ro" or "src"
     ENV_CMNAM = 2,  // a field "cmnam"
     ENV_PMTX = 4,   // a field "pmtx"
-    ENV_FOREIGN =
-        128,  // any field besides "sub", "return", "mtype", "cid", "e" and the last "data"
+
+    // Any field besides "sub", "return", "mtype", "cid", "e" and the last "data".
+    ENV_FOREIGN = 128,
 };
 
 // What a subject may take, packed; an inbox's may be as long as any.

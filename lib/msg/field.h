@@ -58,6 +58,7 @@ enum FieldType : uint8_t {
 constexpr unsigned kFirstApplicationType = 128;
 
 union FieldData {
+    uint64_t u64;
     uint32_t boolean;
     int8_t i8;
     uint8_t u8;
@@ -66,7 +67,6 @@ union FieldData {
     int32_t i32;
     uint32_t u32;
     int64_t i64;
-    uint64_t u64;
     float f32;
     double f64;
     uint16_t ipPort16;
@@ -97,7 +97,7 @@ struct pelmoMsgField {
     uint32_t size = 0;   // bytes: of one element, of the whole value, or with the count word of the
                          // string and message arrays
     uint32_t count = 1;  // elements of an array, else 1
-    FieldData data{.u64 = 0};
+    FieldData data{};
     uint16_t id = 0;  // 0 for none
     uint8_t type = FIELD_BAD;
 };

@@ -7,7 +7,7 @@
 //
 //     pelmoMsg* msg;
 //     if (pelmoMsg_Create(&msg) != kStatusSuccess) return;
-//     pelmoMsg_AddI32(msg, "load", 7, 0);     // lib/msg/message_typed.h
+//     pelmoMsg_AddI32(msg, "load", 7, 0);     // message_typed.h
 //     pelmoMsg_Destroy(msg);
 //
 // Whoever builds messages at a rate keeps one and empties it by pelmoMsg_Reset: object, buffer,

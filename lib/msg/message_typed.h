@@ -2,10 +2,10 @@
 // for none, a null name stands for the field without a name.
 //
 // Add and Update copy the value into the message; statuses as of pelmoMsg_AddField and
-// pelmoMsg_UpdateField (lib/msg/message.h), and kStatusInvalidArgument for no data.
+// pelmoMsg_UpdateField (message.h), and kStatusInvalidArgument for no data.
 //
 // Get finds a field by name and id and gives its value as the type asked for. A field of another
-// type is converted where there is a way (lib/msg/convert.h), else kStatusConversionFailed; from
+// type is converted where there is a way, else kStatusConversionFailed; from
 // StringArray and MsgArray kStatusInvalidArgument. What an output points to belongs to the message,
 // as with all reads; nothing is written on failure.
 //
@@ -79,7 +79,7 @@ PELMO_DECLARE_FIELD(String, const char*, const char*)
 // The fields that the value shows are copied. The read gives an object that belongs to `msg`.
 PELMO_DECLARE_FIELD(Msg, pelmoMsg*, pelmoMsg*)
 
-// Packed subjects (lib/containers/subject.h), and the same as text: kStatusInvalidSubject for a
+// Subjects packed as on the wire, and the same as text: kStatusInvalidSubject for a
 // text that doesn't pack.
 PELMO_DECLARE_FIELD(Subject, const uint8_t*, const uint8_t*)
 PELMO_DECLARE_FIELD(SubjectText, const char*, const char*)

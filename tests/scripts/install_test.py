@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""install_test.py BUILD: installs the build into a scratch folder, runs what was laid there, and
-holds manual page and completion against the options that the tool itself knows.
+"""install_test.py BUILD: installs the build into a scratch folder, runs what was laid there, holds
+manual page and completion against the options that the tool itself knows, and builds a user's program
+against the library.
 """
+import glob
 import os
 import re
 import subprocess
@@ -10,11 +12,12 @@ import tempfile
 import unittest
 
 ROOT = os.path.normpath(os.path.join(os.path.dirname(__file__), "..", ".."))
+USER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "library_user")
 UNLISTED_OPTIONS = ["-complain"]  # works, and stands in no line of the usage text
 
 
 def run(*command, **kwargs):
-    return subprocess.run(command, capture_output=True, text=True, timeout=60, **kwargs)
+    return subprocess.run(command, capture_output=True, text=True, timeout=300, **kwargs)
 
 
 class Install(unittest.TestCase):
@@ -69,6 +72,61 @@ class Install(unittest.TestCase):
         self.assertEqual(complete("-w-max-s"), ["-w-max-size"])
         self.assertIn("lo", complete("-i", ""))
         self.assertEqual(complete("-u", "-"), [])
+
+
+class Library(unittest.TestCase):
+    """One that was laid under a prefix of its own, and stays in use from there."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.scratch = tempfile.TemporaryDirectory()
+        cls.prefix = os.path.join(cls.scratch.name, "prefix")
+        result = run("cmake", "--install", BUILD, "--prefix", cls.prefix)
+        assert result.returncode == 0, result.stderr
+        cls.lib = os.path.dirname(cls.find("libpelmo.so"))
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.scratch.cleanup()
+
+    @classmethod
+    def find(cls, name):
+        found = glob.glob(os.path.join(cls.prefix, "**", name), recursive=True)
+        assert len(found) == 1, (name, found)
+        return found[0]
+
+    def use(self, program):
+        result = run(program, env={"LD_LIBRARY_PATH": self.lib})
+        self.assertEqual((result.returncode, result.stdout), (0, "{load=7}\n"), result.stderr)
+
+    def test_a_program_builds_and_runs_by_pkg_config(self):
+        paths = {**os.environ, "PKG_CONFIG_PATH": os.path.dirname(self.find("pelmo.pc"))}
+        flags = run("pkg-config", "--cflags", "--libs", "pelmo", env=paths).stdout.split()
+        program = os.path.join(self.scratch.name, "by_pkg_config")
+        # The headers ask for no more than this standard, and for no pardon.
+        result = run("g++", "-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Werror",
+                     os.path.join(USER, "main.cc"), "-o", program, *flags)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.use(program)
+
+    def test_a_program_builds_and_runs_by_find_package(self):
+        build = os.path.join(self.scratch.name, "by_cmake")
+        version = run("pkg-config", "--modversion", self.find("pelmo.pc")).stdout.strip()
+        for command in (["cmake", "-G", "Ninja", "-S", USER, "-B", build,
+                         "-DCMAKE_PREFIX_PATH=" + self.prefix,
+                         "-DWANTED=" + version], ["cmake", "--build", build]):
+            result = run(*command)
+            self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.use(os.path.join(build, "user"))
+
+    def test_the_library_shows_all_public_calls_and_nothing_else(self):
+        text = run("nm", "-DC", "--defined-only", self.find("libpelmo.so")).stdout
+        shown = {line.split(" ", 2)[2].split("(")[0] for line in text.splitlines()}
+        preprocessed = run("g++", "-E", "-P", self.find("pelmo.h")).stdout
+        declared = set(re.findall(r"pelmoStatus\s+(_?pelmo\w+)\s*\(", preprocessed))
+        self.assertGreater(len(declared), 150)
+        self.assertEqual(declared - shown, set())
+        self.assertEqual({name for name in shown if not name.startswith(("pelmo", "_pelmo"))}, set())
 
 
 if __name__ == "__main__":
