@@ -4,6 +4,10 @@
 // The locks of the tool itself come first: a tool's thread may call into the library with one held,
 // and the library knows nothing of them. Tracing and log come last: whoever has something to tell
 // may hold any lock.
+//
+// Transports and what carries their messages come ahead of the event manager and the id tables: who
+// holds one of their locks may make and end timers and IO events, and post. The event manager calls
+// none of them with its own lock held.
 
 #pragma once
 
@@ -18,9 +22,14 @@
     ROW(kStop, false, "stop lock")                    \
     ROW(kStats, false, "stats lock")                  \
     ROW(kLibrary, false, "library lock")              \
+    ROW(kTransportObject, true, "transport object")   \
+    ROW(kLink, false, "daemon link lock")             \
+    ROW(kEndpoint, false, "endpoint lock")            \
+    ROW(kConnection, false, "connection lock")        \
+    ROW(kProcessQueue, false, "inter-process queue")  \
+    ROW(kSocket, false, "socket lock")                \
     ROW(kWakeupPair, false, "wake-up pair lock")      \
     ROW(kEventManager, false, "event manager lock")   \
-    ROW(kTransportObject, true, "transport object")   \
     ROW(kGroupObject, true, "queue group object")     \
     ROW(kDispatcherObject, true, "dispatcher object") \
     ROW(kQueueObject, true, "queue object")           \
@@ -28,10 +37,6 @@
     ROW(kEventObject, true, "event object")           \
     ROW(kIdTable, false, "id table lock")             \
     ROW(kId, false, "id lock")                        \
-    ROW(kLink, false, "daemon link lock")             \
-    ROW(kEndpoint, false, "endpoint lock")            \
-    ROW(kConnection, false, "connection lock")        \
-    ROW(kSocket, false, "socket lock")                \
     ROW(kPoolManager, false, "pool manager lock")     \
     ROW(kPool, false, "pool lock")                    \
     ROW(kLeaf, false, "lock with nothing beneath it") \

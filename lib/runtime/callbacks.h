@@ -18,5 +18,6 @@ inline constexpr uint32_t kMostBatchMessages = 128;
 using pelmoEventCompletion = void (*)(uint32_t event, void* closure);
 using pelmoQueueCompletion = void (*)(uint32_t queue, void* closure);
 
-// Tells a foreign event loop that something was posted. Runs on the posting thread.
+// Tells a foreign event loop that something was posted. Runs on the posting thread, which may be in
+// the midst of a delivery: what a hook may not do stands in queue.h.
 using pelmoQueueHook = void (*)(uint32_t queue, void* closure);

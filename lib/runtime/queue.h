@@ -1,4 +1,4 @@
-// Queues: where firing events wait for a thread to dispatch them (lib/runtime/dispatch.h).
+// Queues: where firing events wait for a thread to dispatch them (dispatch.h).
 //
 //     uint32_t queue;
 //     if (pelmoQueue_Create(&queue) != kStatusSuccess) return;
@@ -42,6 +42,12 @@ pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion
 
 [[nodiscard]] pelmoStatus pelmoQueue_GetCount(uint32_t queue, uint32_t* out);
 [[nodiscard]] pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out);
+
+// Called after each post, for each entry once; null for none. A hook of a listener's post runs with
+// the transport's lock held: it may call the library, since the lock is recursive, but it doesn't
+// wait for another thread, nor take a lock that is held elsewhere around calls of the library. It
+// doesn't dispatch either, as callbacks would run with that lock held, nor open or close the
+// library. kStatusNotPermitted for a synchronous queue.
 pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure);
 
 [[nodiscard]] pelmoStatus pelmoQueue_GetLimitPolicy(uint32_t queue,
