@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "lib/base/status.h"
 #include "lib/transport/secure_names.h"
 
 // The forwarders have no prototypes, since they touch neither registers nor stack but what a jump
@@ -133,57 +132,63 @@ pelmoStatus loadModule(const std::string& folder, const char* file, void** modul
 }
 
 pelmoStatus checkVersion() {
-    if ((OpenSSL_version_num() & kVersionMask) != kVersionWanted) return kStatusIoFailed;
+    if ((OpenSSL_version_num() & kVersionMask) != kVersionWanted) {
+        secure.bindingText.append("Wrong SSL version\n");
+        return kStatusIoFailed;
+    }
     secure.sslVersionText = versionTextNow();
     return kStatusSuccess;
 }
 
-[[noreturn]] void giveUp() {
-    secure.bindingText.append("Error loading shared libraries; exiting\n");
-    std::fprintf(stderr, "%s", secure.bindingText.c_str());
-    std::exit(1);
-}
-
-void* mustLoad(const std::string& folder, const char* file) {
-    void* module = nullptr;
-    if (loadModule(folder, file, &module) == kStatusSuccess) return module;
+pelmoStatus loadOrTell(const std::string& folder, const char* file, void** module) {
+    const pelmoStatus status = loadModule(folder, file, module);
+    if (status == kStatusSuccess) return status;
     secure.bindingText.append("Failed loading library ").append(file);
     secure.bindingText.append("\nTried paths: ").append(folder).append("\n");
-    giveUp();
+    return status;
 }
 
-void mustBind(void* module, const char* file, const ModuleBinding* table) {
-    if (bindTable(module, table) == kStatusSuccess) return;
+pelmoStatus bindOrTell(void* module, const char* file, const ModuleBinding* table) {
+    const pelmoStatus status = bindTable(module, table);
+    if (status == kStatusSuccess) return status;
     secure.bindingText.append("Failed binding entry points in library ").append(file).append("\n");
-    giveUp();
+    return status;
+}
+
+// The first failure ends it.
+pelmoStatus bindFrom(const char* path) {
+    if (path == nullptr) {
+        secure.bindingText.append("Failed to set module path\n");
+        return kStatusFileNotFound;
+    }
+    const std::string folder = path;
+    void* crypto = nullptr;
+    void* ssl = nullptr;
+    pelmoStatus status = loadOrTell(folder, kCryptoFile, &crypto);
+    if (status == kStatusSuccess) status = bindOrTell(crypto, kCryptoFile, cryptoBootTable);
+    if (status == kStatusSuccess) status = loadOrTell(folder, kSslFile, &ssl);
+    if (status == kStatusSuccess) status = checkVersion();
+    if (status == kStatusSuccess) status = bindOrTell(crypto, kCryptoFile, cryptoTable);
+    if (status == kStatusSuccess) status = bindOrTell(ssl, kSslFile, sslTable);
+    return status;
 }
 
 }  // namespace
 
-void secureBindAll(const char* const* argv) {
+pelmoStatus secureBindAll(const char* const* argv) {
     prepareEnvironment(argv);
-    const char* path = getenv("PM_BIN");
-    if (path == nullptr) {
-        secure.bindingText.append("Failed to set module path\n");
-        giveUp();
+    const pelmoStatus status = bindFrom(getenv("PM_BIN"));
+    if (status != kStatusSuccess) {
+        secure.bindingText.append("Error loading shared libraries; exiting\n");
+        std::fprintf(stderr, "%s", secure.bindingText.c_str());
     }
-
-    const std::string folder = path;
-    void* crypto = mustLoad(folder, kCryptoFile);
-    mustBind(crypto, kCryptoFile, cryptoBootTable);
-    void* ssl = mustLoad(folder, kSslFile);
-    if (checkVersion() != kStatusSuccess) {
-        secure.bindingText.append("Wrong SSL version\n");
-        giveUp();
-    }
-    mustBind(crypto, kCryptoFile, cryptoTable);
-    mustBind(ssl, kSslFile, sslTable);
     secure.bindingText = std::string();
+    return status;
 }
 
 void unboundEntry() {
     std::fprintf(stderr, "Unrecoverable error: an unbound module entry point was invoked.");
-    std::exit(2);
+    _exit(2);
 }
 
 const char* secureVersionText() {

@@ -18,6 +18,8 @@
 
 #pragma once
 
+#include "lib/base/status.h"
+
 using SecureEntry = void (*)();
 
 // One row of a table; a row without a slot ends it.
@@ -30,12 +32,15 @@ extern const ModuleBinding cryptoBootTable[];  // libcrypto: what the version ch
 extern const ModuleBinding cryptoTable[];      // libcrypto: all else
 extern const ModuleBinding sslTable[];         // libssl
 
-// Quiet on success. On failure tells on the standard error stream how far it came, and ends the
-// process with status 1. `argv` is asked for the program's directory only where the operating
-// system doesn't tell it.
-void secureBindAll(const char* const* argv);
+// Quiet on success. On failure tells on the standard error stream how far it came; the program then
+// ends with status 1. `argv` is asked for the program's directory only where the operating system
+// doesn't tell it. kStatusFileNotFound where there is no directory or no library in it,
+// kStatusIoFailed for one that can't be loaded or is of another version, kStatusNotFound for one
+// without a function.
+[[nodiscard]] pelmoStatus secureBindAll(const char* const* argv);
 
-// Where every slot points at first: tells of the fault and ends the process with status 2.
+// Where every slot points at first: tells of the fault and ends the process with status 2, at once,
+// as the caller relies on what isn't there.
 [[noreturn]] void unboundEntry();
 
 // What the library called itself at the check, "Unknown" if it gave nothing. Asks the library anew

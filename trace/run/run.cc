@@ -211,7 +211,7 @@ void stopTrace() {
 
 int traceMain(int argc, char** argv) {
     holdStandardStreams();
-    secureBindAll(argv);
+    if (secureBindAll(argv) != kStatusSuccess) return 1;  // it has told why
     logSetProgramName(kProgramName);
     parseArguments(argc, argv);
     logPrint(kBanner);

@@ -15,7 +15,7 @@ void show(const char* name) {
 }  // namespace
 
 int main(int, char** argv) {
-    secureBindAll(argv);
+    if (secureBindAll(argv) != kStatusSuccess) return 1;
     show("PM_BIN");
     show("PM_LIB");
     return 0;
