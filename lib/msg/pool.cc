@@ -63,7 +63,6 @@ ChunkPool* poolCreate(uint32_t chunksPerBlock,
         std::free(record);
         return nullptr;
     }
-    pool->refCount = 1;
     pool->blockSize = blockSize;
     pool->chunkSize = chunkSize;
     pool->alignedChunkSize = blockSize / chunksPerBlock;

@@ -31,6 +31,22 @@
 
 constexpr uint32_t kChunkAlignment = 8;
 
+struct PoolManager {
+    Lock lock = PELMO_LOCK_READY(LockRank::kPoolManager);
+
+    // Constant from open to close.
+    ThreadKey key = {};
+    uint32_t useThreadCache = 0;
+
+    Dict32* pools PELMO_GUARDED_BY(lock) = nullptr;    // by id; null while the manager isn't open
+    uint32_t reclaimQueue PELMO_GUARDED_BY(lock) = 0;  // 0: the timers are stopped
+    uint32_t reclaimRun PELMO_GUARDED_BY(lock) = 0;    // raised at each stop
+    uint32_t nextPoolId PELMO_GUARDED_BY(lock) = 0;
+    uint32_t generation PELMO_GUARDED_BY(lock) = 0;  // raised each time a pool is destroyed
+};
+
+extern PoolManager poolManager;
+
 // All fields are guarded by the pool's lock.
 struct Block {
     ChunkPool* pool;  // the owner
@@ -51,10 +67,10 @@ struct ChunkPool {
 
     Lock lock;
 
-    // Guarded by the manager's lock.
-    uint32_t refCount;  // owner, timer, flushes and walks under way
-    uint32_t reclaimTimer;
-    bool ownerGone;  // no timer may be set any more
+    // The owner's, the timer's, and those of flushes and walks under way.
+    uint32_t refCount PELMO_GUARDED_BY(poolManager.lock) = 1;
+    uint32_t reclaimTimer PELMO_GUARDED_BY(poolManager.lock);
+    bool ownerGone PELMO_GUARDED_BY(poolManager.lock);  // no timer may be set any more
 
     // Constant after creation.
     uint32_t blockSize;
@@ -76,22 +92,6 @@ struct ChunkPool {
     uint64_t chunksIssued PELMO_GUARDED_BY(lock);
     uint64_t chunksReturned PELMO_GUARDED_BY(lock);
 };
-
-struct PoolManager {
-    Lock lock = PELMO_LOCK_READY(LockRank::kPoolManager);
-
-    // Constant from open to close.
-    ThreadKey key = {};
-    uint32_t useThreadCache = 0;
-
-    Dict32* pools PELMO_GUARDED_BY(lock) = nullptr;    // by id; null while the manager isn't open
-    uint32_t reclaimQueue PELMO_GUARDED_BY(lock) = 0;  // 0: the timers are stopped
-    uint32_t reclaimRun PELMO_GUARDED_BY(lock) = 0;    // raised at each stop
-    uint32_t nextPoolId PELMO_GUARDED_BY(lock) = 0;
-    uint32_t generation PELMO_GUARDED_BY(lock) = 0;  // raised each time a pool is destroyed
-};
-
-extern PoolManager poolManager;
 
 // The word of a chunk may stand at any offset.
 [[nodiscard]] inline Block* chunkBlock(const ChunkPool* pool, const void* chunk) {
@@ -127,7 +127,7 @@ void poolPutBack(ChunkPool* pool, Dpa* list) PELMO_EXCLUDES(pool->lock);
 
 void poolFreeBlocks(ChunkPool* pool) PELMO_EXCLUDES(pool->lock);
 void poolReclaimTick(ChunkPool* pool) PELMO_EXCLUDES(pool->lock);
-void poolDumpLocked(const ChunkPool* pool) PELMO_REQUIRES(pool->lock);
+void poolDumpLocked(const ChunkPool* pool) PELMO_REQUIRES(poolManager.lock, pool->lock);
 
 // Lives
 

@@ -53,7 +53,7 @@ void eachPool(Dict32* pools, Visit visit) {
 // Retains the pools that are listed; false when memory runs out: then none is.
 bool listPoolsLocked(Dpa* list, bool withTimerOnly) PELMO_REQUIRES(poolManager.lock) {
     bool whole = true;
-    eachPool(poolManager.pools, [&](ChunkPool* pool) {
+    eachPool(poolManager.pools, [&](ChunkPool* pool) PELMO_UNCHECKED_LOCKING {
         if (withTimerOnly && pool->reclaimTimer == 0) return;
         whole = whole && dpaAppend(list, pool);
     });
@@ -193,7 +193,7 @@ void poolDropTimer(ChunkPool* pool, uint32_t timer) {
 void poolDumpAll() {
     const LockGuard guard(poolManager.lock);
     if (poolManager.pools == nullptr) return;
-    eachPool(poolManager.pools, [](ChunkPool* pool) {
+    eachPool(poolManager.pools, [](ChunkPool* pool) PELMO_UNCHECKED_LOCKING {
         const LockGuard poolGuard(pool->lock);
         poolDumpLocked(pool);
     });

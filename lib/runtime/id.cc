@@ -5,6 +5,7 @@
 #include "lib/containers/dpa.h"
 #include "lib/runtime/id_counter.h"
 
+constinit Lock idLock = PELMO_LOCK_READY(LockRank::kId);
 constinit IdCounter idCounter;
 
 namespace {
@@ -20,7 +21,6 @@ struct IdTable {
 struct IdState {
     std::atomic<bool> ready{false};  // the tables are there; orders nothing
     IdTable tables[kTypes];
-    Lock idLock = PELMO_LOCK_READY(LockRank::kId);
     Dict32* globalIds PELMO_GUARDED_BY(idLock) = nullptr;  // those in use, to their types
 };
 
@@ -49,27 +49,27 @@ void* typeMark(IdType type) {
     return reinterpret_cast<void*>(static_cast<uintptr_t>(type));
 }
 
-uint32_t idAfter(uint32_t id) {
+uint32_t idAfterLocked(uint32_t id) PELMO_REQUIRES(idLock) {
     return id == idCounter.last ? idCounter.first : id + 1;
 }
 
 // The next number of the counter that nobody uses, 0 where there is none. No search until it has
 // wrapped once.
-uint32_t nextFreeLocked() PELMO_REQUIRES(state.idLock) {
+uint32_t nextFreeLocked() PELMO_REQUIRES(idLock) {
     if (idCounter.previous == idCounter.last) idCounter.wrapped = true;
-    const uint32_t begin = idCounter.previous = idAfter(idCounter.previous);
+    const uint32_t begin = idCounter.previous = idAfterLocked(idCounter.previous);
     if (!idCounter.wrapped) return begin;
 
     uint32_t id = begin;
     while (dict32Find(state.globalIds, id, nullptr) == kStatusSuccess) {
-        id = idAfter(id);
+        id = idAfterLocked(id);
         if (id == begin) return kNoId;
     }
     return idCounter.previous = id;
 }
 
 pelmoStatus takeGlobalId(IdType type, uint32_t& id) {
-    const LockGuard guard(state.idLock);
+    const LockGuard guard(idLock);
     if (state.globalIds == nullptr) return kStatusNotInitialized;
     id = nextFreeLocked();
     if (id == kNoId) return kStatusNoMemory;
@@ -78,7 +78,7 @@ pelmoStatus takeGlobalId(IdType type, uint32_t& id) {
 
 void giveGlobalId(uint32_t id) {
     if (id <= kLastFixedId) return;
-    const LockGuard guard(state.idLock);
+    const LockGuard guard(idLock);
     dict32Remove(state.globalIds, id, nullptr);
 }
 
@@ -133,7 +133,7 @@ pelmoStatus lookUp(uint32_t id, IdType type, IdHeader** out) {
 // Why an id isn't in the table of a type: a global one may stand in that of another. A fixed one
 // may well stand in several, and means nothing in the others.
 pelmoStatus missStatus(uint32_t id, IdType type) {
-    const LockGuard guard(state.idLock);
+    const LockGuard guard(idLock);
     void* mark = nullptr;
     if (dict32Find(state.globalIds, id, &mark) != kStatusSuccess) return kStatusNotFound;
     return mark == typeMark(type) ? kStatusNotFound : kStatusInvalidType;
@@ -165,7 +165,7 @@ pelmoStatus idTablesCreate() {
         whole &= state.tables[i].objects != nullptr;
     }
     {
-        const LockGuard guard(state.idLock);
+        const LockGuard guard(idLock);
         state.globalIds = dict32Create(kGlobalBuckets);
         whole &= state.globalIds != nullptr;
     }
@@ -181,7 +181,7 @@ void idTablesDestroy() {
         const LockGuard guard(table.lock);
         dict32Destroy(std::exchange(table.objects, nullptr));
     }
-    const LockGuard guard(state.idLock);
+    const LockGuard guard(idLock);
     dict32Destroy(std::exchange(state.globalIds, nullptr));
 }
 

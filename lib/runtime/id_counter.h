@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "lib/base/lock.h"
 #include "lib/runtime/fixed_ids_internal.h"
 
 struct IdCounter {
@@ -14,5 +15,8 @@ struct IdCounter {
     bool wrapped = false;              // ids may be in use: from now on they are looked up
 };
 
-// Guarded by the id lock. Survives the tables.
-extern IdCounter idCounter;
+// The id lock guards what is the same for all types: the counter, and the global ids in use.
+extern constinit Lock idLock;
+
+// Survives the tables.
+extern constinit IdCounter idCounter PELMO_GUARDED_BY(idLock);

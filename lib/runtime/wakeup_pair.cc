@@ -34,9 +34,8 @@ struct WakeupPair {
 
     Lock lock;
 
-    // Guarded by `lock`.
-    bool valid;  // the two sockets exist
-    int readHandle;
+    bool valid PELMO_GUARDED_BY(lock);  // the two sockets exist
+    int readHandle PELMO_GUARDED_BY(lock) = -1;
 
     // Written under `lock`, read without.
     std::atomic<bool> active;  // until destroyed
@@ -55,7 +54,7 @@ namespace {
 
 constexpr size_t kWakesAtOnce = 32;
 
-void closeSocketsLocked(WakeupPair* pair) {
+void closeSocketsLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     if (!std::exchange(pair->valid, false)) return;
     const int writeHandle = pair->writeHandle.exchange(-1);
     while (pair->wakers.load() != 0)
@@ -64,7 +63,8 @@ void closeSocketsLocked(WakeupPair* pair) {
     pair->readHandle = -1;
 }
 
-void release(WakeupPair* pair) {
+// Nobody else knows the pair once its last reference is gone.
+void release(WakeupPair* pair) PELMO_UNCHECKED_LOCKING {
     if (pair->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     closeSocketsLocked(pair);
     Lock_Destroy(&pair->lock);
@@ -82,7 +82,7 @@ void endEvent(WakeupPair* pair, uint32_t event) {
 }
 
 // The caller holds a reference of its own, so that the event's isn't the last.
-void disableLocked(WakeupPair* pair) {
+void disableLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     // The event first: then no wait has the socket any more.
     endEvent(pair, pair->ioEvent.exchange(kNoId));
     closeSocketsLocked(pair);
@@ -96,7 +96,7 @@ bool passes(int code) {
 }
 
 // Takes what was written. Is the connection still good?
-bool drainLocked(const WakeupPair* pair) {
+bool drainLocked(const WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     char bytes[kWakesAtOnce];
     ssize_t got;
     do {
@@ -108,7 +108,7 @@ bool drainLocked(const WakeupPair* pair) {
 }
 
 // Does it have to fail to its owner?
-bool renewLocked(WakeupPair* pair) {
+bool renewLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     uint32_t queueId;
     const bool asked = pelmoEvent_GetQueue(pair->ioEvent.load(), &queueId) == kStatusSuccess;
     disableLocked(pair);
@@ -130,7 +130,7 @@ void onPairEvent(uint32_t, pelmoMsg*, void* closure) {
     if (failed && pair->active.load() && pair->onFail != nullptr) pair->onFail(pair->closure);
 }
 
-pelmoStatus makeSocketsLocked(WakeupPair* pair) {
+pelmoStatus makeSocketsLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     if (pair->valid) return kStatusSuccess;
     LoopbackPair sockets;
     if (!loopbackPairMake(&sockets)) return kStatusSocketLimit;
@@ -140,7 +140,7 @@ pelmoStatus makeSocketsLocked(WakeupPair* pair) {
     return kStatusSuccess;
 }
 
-pelmoStatus makeEventLocked(WakeupPair* pair, uint32_t queueId) {
+pelmoStatus makeEventLocked(WakeupPair* pair, uint32_t queueId) PELMO_REQUIRES(pair->lock) {
     if (pair->ioEvent.load() != kNoId) return kStatusSuccess;
     pair->references.fetch_add(1, std::memory_order_relaxed);
     uint32_t event;
@@ -172,7 +172,6 @@ pelmoStatus wakeupPairCreate(WakeupPair** out,
     pair->onWake = onWake;
     pair->onFail = onFail;
     pair->closure = closure;
-    pair->readHandle = -1;
     pair->writeHandle.store(-1);
     pair->active.store(true);
     pair->references.store(1, std::memory_order_relaxed);

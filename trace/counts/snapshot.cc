@@ -15,7 +15,7 @@ namespace {
 
 constexpr size_t kAreaAlignment = 8;
 
-TimeSpec prevTime;  // guarded by `statsLock`
+TimeSpec prevTime PELMO_GUARDED_BY(statsLock);
 
 constexpr size_t padded(size_t size, size_t alignment) {
     return (size + alignment - 1) & ~(alignment - 1);
@@ -218,7 +218,8 @@ void copyPort(uint32_t number, PortEntry& port, Places& places) {
     port.live = 0;
 }
 
-void fillHead(SnapHeader& head, TimeSpec time, const Sizes& sizes, const Places& places) {
+void fillHead(SnapHeader& head, TimeSpec time, const Sizes& sizes, const Places& places)
+    PELMO_REQUIRES(statsLock) {
     head = {
         .prevTime = prevTime,
         .thisTime = time,
