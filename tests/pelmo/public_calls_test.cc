@@ -1,5 +1,6 @@
 // Every public call against what it shall refuse: a closed library, an id that is none, was
-// destroyed or is of another type, and no place for its answer.
+// destroyed or is of another type, and no place for its answer; those of messages against no
+// message, a dead one, and no place.
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -9,6 +10,7 @@
 #include <string>
 
 #include "lib/containers/subject.h"
+#include "lib/msg/message_internal.h"
 #include "lib/pelmo.h"
 #include "lib/runtime/id.h"
 
@@ -404,6 +406,108 @@ TEST(PublicCalls, DispatchersWantSomethingToDispatch) {
     pelmo_Close();
     EXPECT_EQ(pelmoDispatcher_CreateEx(&out, objects.queue, 0.0), kStatusInvalidArgument);
     EXPECT_EQ(out, 0u);
+}
+
+struct MessageCall {
+    const char* name;
+    pelmoStatus (*call)(pelmoMsg* msg);
+    pelmoStatus (*withoutOutput)(pelmoMsg* msg) = nullptr;  // null: it has none
+};
+
+// Outputs of the calls below; inputs are their zeros.
+union Value {
+    const void* pointer;
+    pelmoMsgDateTime dateTime;
+    char bytes[8];
+};
+Value value;
+pelmoMsg* madeMessage;
+uint32_t number;
+pelmoMsgField field;
+
+#define MESSAGE_CALL(call)                         \
+    {                                              \
+#call, [](pelmoMsg * msg) { return call; } \
+    }
+#define MESSAGE_GETTER(call, out)                                                                 \
+    {                                                                                             \
+#call, [](pelmoMsg * msg) { return call(msg, out); },                                     \
+                                                           [](pelmoMsg *                          \
+                                                              msg) { return call(msg, nullptr); } \
+    }
+#define WRITERS(word)                                  \
+    MESSAGE_CALL(pelmoMsg_Add##word(msg, "a", {}, 0)), \
+        MESSAGE_CALL(pelmoMsg_Update##word(msg, "a", {}, 0)),
+#define READER(word, Out)                                                        \
+    {"pelmoMsg_Get" #word,                                                       \
+     [](pelmoMsg* msg) {                                                         \
+         return pelmoMsg_Get##word(msg, "a", reinterpret_cast<Out*>(&value), 0); \
+     },                                                                          \
+     [](pelmoMsg* msg) { return pelmoMsg_Get##word(msg, "a", nullptr, 0); }},
+#define SCALAR_CALLS(word, type, Type, size, member) WRITERS(word) READER(word, Type)
+#define LIST_CALLS(word, type, Type, size)                             \
+    MESSAGE_CALL(pelmoMsg_Add##word(msg, "a", nullptr, 1, 0)),         \
+        MESSAGE_CALL(pelmoMsg_Update##word(msg, "a", nullptr, 1, 0)),  \
+        {"pelmoMsg_Get" #word,                                         \
+         [](pelmoMsg* msg) {                                           \
+             Type const* values = nullptr;                             \
+             return pelmoMsg_Get##word(msg, "a", &values, &number, 0); \
+         },                                                            \
+         [](pelmoMsg* msg) { return pelmoMsg_Get##word(msg, "a", nullptr, &number, 0); }},
+
+const MessageCall kMessageCalls[] = {
+    MESSAGE_CALL(pelmoMsg_Destroy(msg)),
+    MESSAGE_CALL(pelmoMsg_Detach(msg)),
+    MESSAGE_CALL(pelmoMsg_Reset(msg)),
+    MESSAGE_CALL(pelmoMsg_Expand(msg, 8)),
+    MESSAGE_CALL(pelmoMsg_Print(msg)),
+    MESSAGE_CALL(pelmoMsg_PrintEnvelope(msg)),
+    MESSAGE_CALL(pelmoMsg_MarkReferences(msg)),
+    MESSAGE_CALL(pelmoMsg_ClearReferences(msg)),
+    MESSAGE_CALL(pelmoMsg_AddField(msg, &field)),
+    MESSAGE_CALL(pelmoMsg_UpdateField(msg, &field)),
+    MESSAGE_CALL(pelmoMsg_AddNone(msg, "a", 0)),
+    MESSAGE_CALL(pelmoMsg_RemoveFieldEx(msg, "a", 0)),
+    MESSAGE_CALL(pelmoMsg_RemoveFieldInstance(msg, "a", 1)),
+    MESSAGE_CALL(pelmoMsg_GetFieldEx(msg, "a", &field, 0)),
+    MESSAGE_CALL(pelmoMsg_GetFieldByIndex(msg, &field, 0)),
+    MESSAGE_CALL(pelmoMsg_GetFieldInstance(msg, "a", &field, 1)),
+    MESSAGE_CALL(pelmoMsg_SetSendSubject(msg, "A")),
+    MESSAGE_CALL(pelmoMsg_SetReplySubject(msg, "A")),
+    MESSAGE_CALL(pelmoMsg_SetSourcePort(msg, 1)),
+    MESSAGE_CALL(pelmoMsg_GetAsBytesCopy(msg, text, sizeof text)),
+    MESSAGE_GETTER(pelmoMsg_CreateCopy, &madeMessage),
+    MESSAGE_GETTER(pelmoMsg_GetAsBytes, &value.pointer),
+    MESSAGE_GETTER(pelmoMsg_GetByteSize, &number),
+    MESSAGE_GETTER(pelmoMsg_GetNumFields, &number),
+    MESSAGE_GETTER(pelmoMsg_ConvertToString, &name),
+    MESSAGE_GETTER(pelmoMsg_GetSendSubject, &name),
+    MESSAGE_GETTER(pelmoMsg_GetReplySubject, &name),
+    {"pelmoMsg_GetSource",
+     [](pelmoMsg* msg) { return pelmoMsg_GetSource(msg, reinterpret_cast<uint16_t*>(&value)); },
+     [](pelmoMsg* msg) { return pelmoMsg_GetSource(msg, nullptr); }},
+    PELMO_SCALAR_FIELDS(SCALAR_CALLS) PELMO_NUMBER_ARRAY_FIELDS(LIST_CALLS)
+        PELMO_LIST_FIELDS(LIST_CALLS) PELMO_BLOCK_FIELDS(LIST_CALLS) WRITERS(DateTime)
+            READER(DateTime, pelmoMsgDateTime) WRITERS(String) READER(String, const char*)
+                WRITERS(Msg) READER(Msg, pelmoMsg*) WRITERS(Subject) READER(Subject, const uint8_t*)
+                    WRITERS(SubjectText) READER(SubjectText, const char*)};
+
+TEST(PublicCalls, RefuseWhatIsNoMessage) {
+    pelmoMsg* dead = nullptr;
+    ASSERT_EQ(pelmoMsg_Create(&dead), kStatusSuccess);
+    msgRetain(dead);  // another holder keeps its memory
+    ASSERT_EQ(pelmoMsg_Destroy(dead), kStatusSuccess);
+    pelmoMsg* sound = nullptr;
+    ASSERT_EQ(pelmoMsg_Create(&sound), kStatusSuccess);
+    for (const MessageCall& call : kMessageCalls) {
+        EXPECT_EQ(call.call(nullptr), kStatusInvalidMessage) << call.name;
+        EXPECT_EQ(call.call(dead), kStatusInvalidMessage) << call.name;
+        if (call.withoutOutput == nullptr) continue;
+        EXPECT_EQ(call.withoutOutput(sound), kStatusInvalidArgument) << call.name;
+        EXPECT_EQ(call.withoutOutput(nullptr), kStatusInvalidMessage) << call.name;
+    }
+    EXPECT_EQ(pelmoMsg_Destroy(sound), kStatusSuccess);
+    msgRelease(dead);
 }
 
 }  // namespace
