@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "lib/base/clock.h"
-#include "lib/runtime/dispatch_internal.h"
 #include "lib/runtime/id.h"
 
 namespace {

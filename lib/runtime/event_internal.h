@@ -11,20 +11,21 @@
 
 #include "lib/runtime/callbacks.h"
 #include "lib/runtime/event.h"
+#include "lib/runtime/evm_state.h"
 #include "lib/runtime/id.h"
+#include "lib/runtime/queue_internal.h"
 #include "lib/runtime/transport_ops.h"
 
 struct EntryRing;
-struct Queue;
 
 struct TimerPart {
     // Seconds. Stored under the object lock, read under the event manager's.
     std::atomic<double> interval;
 
-    // Guarded by the event manager's lock: seconds since 1970 by the steady clock; changed only
-    // while the timer isn't armed.
-    double nextExpiry;
-    uint32_t place;  // among the armed timers, from 1; 0: not armed
+    // Seconds since 1970 by the steady clock; changed only while the timer isn't armed.
+    double nextExpiry PELMO_GUARDED_BY(evmLock);
+
+    uint32_t place PELMO_GUARDED_BY(evmLock);  // among the armed timers, from 1; 0: not armed
 };
 
 struct IoPart {
@@ -32,9 +33,10 @@ struct IoPart {
     IoCondition condition;
     int32_t source;  // a socket
 
-    // Guarded by the event manager's lock.
-    bool sourceValid;
-    bool sourceChecked;
+    bool sourceValid PELMO_GUARDED_BY(evmLock);
+    bool sourceChecked PELMO_GUARDED_BY(evmLock);
+    bool hungUp PELMO_GUARDED_BY(
+        evmLock);  // the last pass met a hang-up or an error, and nothing that fires this event
 };
 
 struct ListenerPart {
@@ -52,8 +54,7 @@ struct ListenerPart {
     // The transport had inbound hooks at the last delivery. Written as above.
     std::atomic<bool> inboundHooks;
 
-    // Guarded by the object lock: messages delivered that wait for a place on the queue; null once
-    // the listener is cut off.
+    // Messages delivered that wait for a place on the queue; null once the listener is cut off.
     EntryRing* inbox;
 };
 
@@ -68,9 +69,8 @@ struct Event {
     pelmoEventCallback callback;  // null for a vector or polled listener
     void* closure;
 
-    // Guarded by the queue's data lock.
-    uint32_t dispatchCount;  // dispatches of this event under way
-    pelmoEventCompletion completion;
+    uint32_t dispatchCount PELMO_GUARDED_BY(queue->dataLock);  // of this event, under way
+    pelmoEventCompletion completion PELMO_GUARDED_BY(queue->dataLock);
 
     // By kind; all zero for the others.
     TimerPart timer;
@@ -80,11 +80,19 @@ struct Event {
 
 // For transports.
 
+// A record with one reference, the caller's, and no id. Takes the queue's over. kStatusNoMemory.
+[[nodiscard]] pelmoStatus Event_New(Held<Event>& out, EventKind kind, Held<Queue>& queue);
+
+// The event of that id, held, if it is of that kind; kStatusInvalidEvent for none.
+inline constexpr uint32_t kAnyKind = 0;
+[[nodiscard]] pelmoStatus Event_Find(Held<Event>& event, uint32_t id, uint32_t kind);
+
 // A listener's record, initialised and without an id: one reference, which the caller holds. Its
-// inbox has room as told, a power of two. Null where memory ran out, or the queue is gone.
-[[nodiscard]] Event* Event_NewListener(const ListenerRequest& request,
-                                       bool isInbox,
-                                       uint32_t inboxCapacity);
+// inbox has room as told, a power of two. kStatusInvalidQueue, kStatusNoMemory.
+[[nodiscard]] pelmoStatus Event_NewListener(Event** out,
+                                            const ListenerRequest& request,
+                                            bool isInbox,
+                                            uint32_t inboxCapacity);
 
 // Look-ups of events for entries in a row: one for each run of the same id.
 struct EventRun {

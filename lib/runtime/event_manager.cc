@@ -37,6 +37,13 @@ void runTimers(void* argument) {
     }
 }
 
+// The record is there while the epoch lasts: only a stop on this very thread doesn't wait for the
+// thread's end. So the pair, whose lock comes before evmLock, can be used without it.
+bool hasWakeup(const IoThread* own) {
+    return wakeupPairHasEvent(own->pair) ||
+           wakeupPairRemake(own->pair, own->queueId) == kStatusSuccess;
+}
+
 // The record is there at the thread's start: a stop that comes first waits for the thread's end.
 void runIo(void* argument) {
     auto* const own = static_cast<IoThread*>(argument);
@@ -45,7 +52,8 @@ void runIo(void* argument) {
     if (queue.get(own->queueId, IdAccess::kUnlocked) != kStatusSuccess) return;
     while (evmIsAt(epoch) && !Id_IsInvalid(&queue->header)) {
         dispatchAll(queue.pointer());
-        if (!ioThreadPass(own, epoch)) return;
+        if (!evmIsAt(epoch)) return;
+        if (!ioThreadPass(own, hasWakeup(own))) return;
     }
 }
 
@@ -87,6 +95,7 @@ pelmoStatus startIoThread(uint32_t number, IoThread** out) {
     if (status != kStatusSuccess) return status;
     LockGuard guard(evmLock);
     io->pair = pair;
+    io->wake = wakeupPairWake;
     return Thread_Create(&io->thread, runIo, io);
 }
 

@@ -1,5 +1,6 @@
 #include "lib/runtime/io_events.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -9,12 +10,11 @@
 #include "lib/runtime/event_internal.h"
 #include "lib/runtime/post.h"
 #include "lib/runtime/socket_error.h"
-#include "lib/runtime/wakeup_pair.h"
 
 namespace {
 
 constexpr int kPassMilliseconds = 10'000;
-constexpr int kPassWithoutPairMilliseconds = 100;  // a short poll stands in for the wake-up
+constexpr int kPassWithoutWakeMilliseconds = 100;  // a short poll stands in for the wake-up
 constexpr int kPauseMilliseconds = 1'000;
 
 // The IO threads' records; null while there is none.
@@ -39,7 +39,7 @@ bool sourceIsValidLocked(Event* event) PELMO_REQUIRES(evmLock) {
 }
 
 void wakeLocked(const IoThread* io) PELMO_REQUIRES(evmLock) {
-    if (io->pair != nullptr) wakeupPairWake(io->pair);
+    if (io->pair != nullptr) io->wake(io->pair);
 }
 
 void giveItTime() {
@@ -110,9 +110,11 @@ bool prepare(IoThread* own) {
 }
 
 // Returns the error number, 0 for none. With nothing to watch there is no pair either, and so
-// nobody who could end the wait.
-int pollOnce(IoThread* own, int timeoutMilliseconds) {
+// nobody who could end the wait. Without evmLock: of the set it uses only what stands still between
+// two polls.
+int pollOnce(IoThread* own, int timeoutMilliseconds) PELMO_UNCHECKED_LOCKING {
     const PollSet& set = own->sockets;
+    if (set.leavesOut) timeoutMilliseconds = std::min(timeoutMilliseconds, kPauseMilliseconds);
     if (set.passCount == 0) timeoutMilliseconds = kPauseMilliseconds;
     int error = poll(set.pass, set.passCount, timeoutMilliseconds) < 0 ? errno : 0;
     // The results of an interrupted or failed poll are those of its entries before it: none.
@@ -215,14 +217,9 @@ void ioThreadsClearLocked() {
     ioThreads = dpaDestroy(ioThreads);
 }
 
-bool ioThreadPass(IoThread* own, uint32_t epoch) {
-    // The record is there for as long as this holds: only a stop on this very thread doesn't wait
-    // for the thread's end. So the pair, whose lock comes before evmLock, can be used without it.
-    if (!evmIsAt(epoch)) return false;
-    const bool hasPair = wakeupPairHasEvent(own->pair) ||
-                         wakeupPairRemake(own->pair, own->queueId) == kStatusSuccess;
+bool ioThreadPass(IoThread* own, bool canBeWoken) {
     if (!prepare(own)) return false;
-    const int error = pollOnce(own, hasPair ? kPassMilliseconds : kPassWithoutPairMilliseconds);
+    const int error = pollOnce(own, canBeWoken ? kPassMilliseconds : kPassWithoutWakeMilliseconds);
     if (error != 0 && error != EINTR) tellError(error);
     if (!finish(own, error)) return false;
     // What isn't a closed descriptor is the system's own trouble: it is given time to pass.

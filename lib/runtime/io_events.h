@@ -29,13 +29,18 @@ pelmoStatus Event_UnregisterIO(Event* event);
 
 // For the event manager.
 
-// What stands behind one IO thread. Guarded by evmLock where nothing else is said.
+// What stands behind one IO thread.
 struct IoThread {
     uint32_t queueId;  // of its IO queue, constant
     uint32_t epoch;    // constant
-    WakeupPair* pair;  // constant while the thread runs
-    Thread* thread;    // the stop's
-    PollSet sockets;
+    Thread* thread;    // for the stop to join
+
+    // What ends the thread's wait for its sockets; constant while the thread runs. The pair is an
+    // IO event's user itself, and so is known here by this call alone; it runs under evmLock.
+    WakeupPair* pair;  // null: nothing ends the wait
+    void (*wake)(WakeupPair* pair);
+
+    PollSet sockets PELMO_GUARDED_BY(evmLock);
 
     // Set under evmLock ahead of a poll, cleared without when it is over, and waited for by those
     // who took a socket out.
@@ -53,6 +58,7 @@ struct IoThread {
 void ioThreadDropLastLocked() PELMO_REQUIRES(evmLock);  // there is one
 void ioThreadsClearLocked() PELMO_REQUIRES(evmLock);
 
-// One pass: waits for the sockets, at most 10 seconds, and posts the events that are ready. On the
-// thread that owns the record. False once the record's epoch has passed: it may then be gone.
-[[nodiscard]] bool ioThreadPass(IoThread* own, uint32_t epoch);
+// One pass: waits for the sockets, at most 10 seconds, and posts the events that are ready. A
+// thread that can't be woken waits only briefly. On the thread that owns the record, which is there
+// at the start. False once its epoch has passed: it may then be gone.
+[[nodiscard]] bool ioThreadPass(IoThread* own, bool canBeWoken);

@@ -13,9 +13,9 @@
 
 namespace {
 
-// By the condition's index. Errors and hang-ups are told whether asked for or not, and make a
-// socket ready for all: an owner that waits for one condition alone would not hear of them, and the
-// poll never wait again.
+// By the condition's index. Errors and hang-ups are told whether asked for or not. They make a
+// socket ready to read and to write, so that its owner hears of them; an exception is urgent data
+// and nothing else, as select has it.
 constexpr struct {
     uint32_t firstCapacity;
     short asked;
@@ -23,8 +23,10 @@ constexpr struct {
 } kConditions[kIoConditions] = {
     {2, POLLIN, POLLIN | POLLERR | POLLHUP},
     {1, POLLOUT, POLLOUT | POLLERR | POLLHUP},
-    {1, POLLPRI, POLLPRI | POLLERR | POLLHUP},
+    {1, POLLPRI, POLLPRI},
 };
+
+constexpr uint32_t kException = 2;
 
 uint32_t conditionIndex(const Event* event) {
     return static_cast<uint32_t>(std::countr_zero(uint32_t{event->io.condition}));
@@ -74,6 +76,13 @@ bool grow(PollSet* set) {
     place = pass;
     set->maxSockets = maxSockets;
     return true;
+}
+
+// A socket that is watched for urgent data alone, and has hung up or failed, would end every poll
+// at once and fire nothing.
+bool endsPollsForNothing(const pollfd& entry) {
+    return entry.events == POLLPRI && (entry.revents & POLLPRI) == 0 &&
+           (entry.revents & (POLLERR | POLLHUP)) != 0;
 }
 
 void forgetInPass(PollSet* set, int32_t source, uint32_t index) {
@@ -139,6 +148,7 @@ pelmoStatus pollSetRemove(PollSet* set, Event* event) {
 void pollSetPrepare(PollSet* set) {
     set->inPass = true;
     set->passCount = 0;
+    set->leavesOut = false;
     uint32_t next[kIoConditions] = {};
     const auto sourceOf = [&](uint32_t i) {
         return next[i] < set->events[i]->count ? eventAt(set->events[i], next[i])->io.source
@@ -147,17 +157,26 @@ void pollSetPrepare(PollSet* set) {
     for (;;) {
         const int32_t source = std::min({sourceOf(0), sourceOf(1), sourceOf(2)});
         if (source == INT32_MAX) return;
-        pollfd& entry = set->pass[set->passCount++];
-        entry = {.fd = source, .events = 0, .revents = 0};
+        pollfd entry = {.fd = source, .events = 0, .revents = 0};
         for (uint32_t i = 0; i < kIoConditions; ++i) {
             if (sourceOf(i) != source) continue;
             entry.events = static_cast<short>(entry.events | kConditions[i].asked);
             ++next[i];
         }
+        if (entry.events == POLLPRI &&
+            std::exchange(find(set->events[kException], source)->io.hungUp, false)) {
+            set->leavesOut = true;
+        } else {
+            set->pass[set->passCount++] = entry;
+        }
     }
 }
 
 void pollSetFinish(PollSet* set) {
+    for (const pollfd& entry : polled(set)) {
+        if (!endsPollsForNothing(entry)) continue;
+        if (Event* const event = find(set->events[kException], entry.fd)) event->io.hungUp = true;
+    }
     set->inPass = false;
     set->passCount = 0;
     if (set->passNew == nullptr) return;

@@ -6,7 +6,6 @@
 #include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/library.h"
-#include "lib/runtime/queue_group_internal.h"
 #include "lib/runtime/queue_internal.h"
 
 namespace {
@@ -21,7 +20,8 @@ void releaseEntries(EntryRing* ring) {
     EntryRing_Destroy(ring);
 }
 
-void destruct(IdHeader* object) {
+// Nobody else knows the queue any more, so that no lock is needed.
+void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     auto* queue = reinterpret_cast<Queue*>(object);
     releaseEntries(queue->ready);
     releaseEntries(queue->pending);
@@ -43,8 +43,8 @@ bool initParts(Queue* queue) {
     return false;
 }
 
-// With the base reference, and no id. Null where memory ran out.
-Queue* newQueue(const char* name, bool synchronous) {
+// With the base reference, and no id: nobody else knows it yet. Null where memory ran out.
+Queue* newQueue(const char* name, bool synchronous) PELMO_UNCHECKED_LOCKING {
     auto* queue = static_cast<Queue*>(std::calloc(1, sizeof(Queue)));
     if (queue == nullptr) return nullptr;
     if (!initParts(queue)) {
@@ -111,36 +111,6 @@ pelmoStatus pelmoQueue_CreateSynchronous(uint32_t* out) {
     return status;
 }
 
-pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion, void* closure) {
-    traceLine(kTraceQueue, "pelmoQueue_DestroyEx(%u, %p, %p)", queue,
-              reinterpret_cast<const void*>(completion), tracePointer(closure));
-    if (queue == kDefaultQueueId && libraryIsOpen()) return kStatusNotPermitted;
-    Held<Queue> held;
-    if (held.get(queue, IdAccess::kDestroyLocked) != kStatusSuccess) return kStatusInvalidQueue;
-
-    Dpa* groups = std::exchange(held->groups, nullptr);
-    bool completesHere = false;
-    {
-        const LockGuard data(held->dataLock);
-        Cond_Broadcast(&held->cond);
-        if (completion != nullptr && held->dispatching != 0) {
-            held->completion = completion;
-            held->completionClosure = closure;
-        } else {
-            completesHere = completion != nullptr;
-        }
-    }
-    held.release();
-
-    // A group's lock stands outside a queue's.
-    for (uint32_t i = 0; groups != nullptr && i < groups->count; ++i) {
-        QueueGroup_Forget(idFromItem(groups->items[i]), queue);
-    }
-    dpaDestroy(groups);
-    if (completesHere) completion(queue, closure);
-    return kStatusSuccess;
-}
-
 pelmoStatus queueFind(Held<Queue>& queue, uint32_t id) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     const pelmoStatus status = queue.get(id, IdAccess::kLocked);
@@ -194,16 +164,4 @@ pelmoStatus pelmoQueue_SetName(uint32_t queue, const char* name) {
 pelmoStatus pelmoQueue_GetPriority(uint32_t queue, uint32_t* out) {
     traceLine(kTraceQueue, "pelmoQueue_GetPriority(%u, %p)", queue, tracePointer(out));
     return readQueue(queue, out, [](Queue* of) { return of->priority; });
-}
-
-pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority) {
-    traceLine(kTraceQueue, "pelmoQueue_SetPriority(%u, %u)", queue, priority);
-    Held<Queue> held;
-    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
-    if (held->priority == priority) return kStatusSuccess;
-    held->priority = priority;
-    QueueGroups groups(held.pointer());
-    held.leave();
-    groups.forEach([queue](uint32_t group) { QueueGroup_Reorder(group, queue); });
-    return kStatusSuccess;
 }

@@ -41,11 +41,10 @@ struct Queue {
     pelmoQueueHook hook;
     void* hookClosure;
 
-    // Guarded by the data lock.
-    EntryRing* ready;
-    uint32_t dispatching;  // dispatch calls between taking entries and finishing
-    pelmoQueueCompletion completion;
-    void* completionClosure;
+    EntryRing* ready PELMO_GUARDED_BY(dataLock);
+    uint32_t dispatching PELMO_GUARDED_BY(dataLock);  // calls between taking entries and finishing
+    pelmoQueueCompletion completion PELMO_GUARDED_BY(dataLock);
+    void* completionClosure PELMO_GUARDED_BY(dataLock);
 };
 
 // A fixed id, or 0 for a global one; `out` may be null. The name isn't copied: a constant, unless

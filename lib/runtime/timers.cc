@@ -22,7 +22,6 @@ struct Slot {
     Event* event;
 };
 
-// All guarded by evmLock.
 struct ArmedTimers {
     Slot* slots;  // a heap of kArms branches: no slot comes after those that branch off it
     uint32_t count;

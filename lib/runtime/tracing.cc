@@ -161,18 +161,12 @@ pelmoStatus subjectOf(pelmoMsg* message, const uint8_t** out) {
     return kStatusSuccess;
 }
 
-bool passesFilter(uint32_t module, const uint8_t* subject) {
-    const LockGuard guard(state.lock);
-    SubjectList* const filter = state.filters[module];
-    return filter == nullptr || (subject != nullptr && sublistMatch(filter, subject) != nullptr);
-}
-
 // "<call>: (<subject>) <message>", cut to fit; `line` holds the call.
-pelmoStatus printMessage(uint32_t module, char* line, pelmoMsg* message) {
+pelmoStatus printMessage(TraceModuleId module, char* line, pelmoMsg* message) {
     const uint8_t* subject = nullptr;
     pelmoStatus status = subjectOf(message, &subject);
     if (status != kStatusSuccess) return status;
-    if (!passesFilter(module, subject)) return kStatusSuccess;
+    if (!Tracing_LetsThrough(module, subject)) return kStatusSuccess;
 
     char subjectText[kSubjectTextBytes] = "<NULL>";
     if (subject != nullptr && subjectToText(subjectText, sizeof subjectText, subject) == nullptr) {
@@ -238,6 +232,12 @@ void Tracing_Show() {
         }
         std::fputs("\n", stderr);
     }
+}
+
+bool Tracing_LetsThrough(TraceModuleId module, const uint8_t* subject) {
+    const LockGuard guard(state.lock);
+    SubjectList* const filter = state.filters[module];
+    return filter == nullptr || (subject != nullptr && sublistMatch(filter, subject) != nullptr);
 }
 
 pelmoStatus Trace_Message(TraceModuleId module, pelmoMsg* message, const char* format, ...) {

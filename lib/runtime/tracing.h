@@ -44,6 +44,10 @@ void Tracing_Show();
                                                         const char* format,
                                                         ...);
 
+// Does the module's filter let lines about this packed subject through? For lines that name a
+// subject and show no message. Null, which is no subject, passes only where there is no filter.
+[[nodiscard]] bool Tracing_LetsThrough(TraceModuleId module, const uint8_t* subject);
+
 // A macro, so that the arguments are left alone while it is off.
 #define traceMessage(module, message, ...)                     \
     do {                                                       \

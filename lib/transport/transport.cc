@@ -30,7 +30,7 @@ void freeTransport(IdHeader* header) {
     dict32Destroy(transport->requestQueues);
     if (transport->link != nullptr) daemonLinkOps.destroy(transport->link);
     if (transport->circuit != nullptr) circuitOps.destroy(transport->circuit);
-    transportFreeHooks(transport);
+    hookListsFree(transport->hooks);
     std::free(transport);
 }
 
@@ -44,11 +44,17 @@ void endRequestsLocked(Transport* transport) {
     }
 }
 
-// A few at a time, without memory of its own and with the lock left: the daemon may be told.
+// A few at a time, without memory of its own and with the lock left: the daemon may be told. No
+// listener joins a transport that is being destroyed, so that a round which took none off the list
+// is the last: one more would meet the same listeners.
 void cutOffListeners(Held<Transport>& held) {
     constexpr uint32_t kAtATime = 64;
     Event* some[kAtATime];
-    while (const Dpa* all = sublistAll(held->subjects)) {
+    uint32_t before = UINT32_MAX;
+    for (;;) {
+        const Dpa* const all = sublistAll(held->subjects);
+        if (all == nullptr || all->count >= before) return;
+        before = all->count;
         const uint32_t count = all->count < kAtATime ? all->count : kAtATime;
         for (uint32_t i = 0; i < count; ++i) {
             some[i] = static_cast<Event*>(all->items[i]);

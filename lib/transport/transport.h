@@ -3,7 +3,7 @@
 // The intra-process transport, kIntraProcessTransportId, is always there while the library is open.
 // It hands each message straight to the listeners of this process. A network transport sends to a
 // bus daemon, or directly to the process that owns an inbox; a virtual circuit wraps its messages
-// for one peer and sends them over another transport. Listeners are made in lib/runtime/event.h.
+// for one peer and sends them over another transport. Listeners are made in runtime/event.h.
 //
 //     pelmoMsg_SetSendSubject(msg, "A.B");
 //     pelmoTransport_Send(kIntraProcessTransportId, msg);    // the caller keeps msg
@@ -31,7 +31,6 @@
 
 #include "../base/status.h"
 
-struct Dpa;
 struct pelmoMsg;
 
 // Life
@@ -61,7 +60,6 @@ pelmoStatus pelmoTransport_Destroy(uint32_t transport);
 [[nodiscard]] pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
 
 // Messages in order up to the first failure. Those for the daemon leave together, or not at all.
-[[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport, const Dpa* messages);
 [[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport,
                                                pelmoMsg* const* messages,
                                                uint32_t count);
@@ -101,7 +99,7 @@ pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
 // Would a message on this subject, a text, find a listener?
 [[nodiscard]] uint32_t pelmoTransport_HasInterest(uint32_t transport, const char* subject);
 
-// The first listener of exactly this packed subject (lib/containers/subject.h).
+// The first listener of exactly this subject, packed as on the wire.
 [[nodiscard]] uint32_t pelmoTransport_FindInterest(uint32_t transport,
                                                    const uint8_t* subject,
                                                    uint32_t* outEvent);

@@ -101,12 +101,16 @@ void traceAdvisory(pelmoMsg* message, const uint8_t* subject, const char* words)
     (void)Trace_Message(kTraceAdvisories, message, "%s", words);
 }
 
-// Names the subject in a trace line.
-struct SubjectText {
+// The subject as the lines about each listener name it; empty where there are to be none. It is a
+// copy, since a queue's hook may change the message, and with it the image that the subject lies
+// in, between two listeners.
+struct TracedSubject {
     char text[kSubjectTextBytes];
 
-    explicit SubjectText(const uint8_t* subject) {
-        if (subjectToText(text, sizeof text, subject) == nullptr) text[0] = 0;
+    explicit TracedSubject(const uint8_t* subject) {
+        const bool wanted =
+            traceWants(kTraceReceive) && Tracing_LetsThrough(kTraceReceive, subject);
+        if (!wanted || subjectToText(text, sizeof text, subject) == nullptr) text[0] = 0;
     }
 };
 
@@ -121,12 +125,14 @@ void noteInboundHooks(Event* event, bool hooks) {
 enum class Pushed { kYes, kCutOff, kNoMemory };
 
 // The copy waits in the listener's inbox for its place on the queue.
-Pushed pushCopy(Event* event, pelmoMsg* copy, const uint8_t* subject, bool hooks) {
+Pushed pushCopy(Event* event, pelmoMsg* copy, const TracedSubject& subject, bool hooks) {
     Pushed pushed = Pushed::kCutOff;
     Id_Enter(&event->header);
     if (event->listener.inbox != nullptr) {
-        traceLine(kTraceReceive, "Internal message %p added to listener queue for subject %s",
-                  tracePointer(copy), SubjectText(subject).text);
+        if (subject.text[0] != 0) {
+            traceLine(kTraceReceive, "Internal message %p added to listener queue for subject %s",
+                      tracePointer(copy), subject.text);
+        }
         pushed = EntryRing_PushBack(event->listener.inbox, copy) ? Pushed::kYes : Pushed::kNoMemory;
         event->listener.inboundHooks.store(hooks, std::memory_order_relaxed);
     }
@@ -145,7 +151,7 @@ void dropWaiting(Event* event) {
     Id_Leave(&event->header);
 }
 
-pelmoStatus deliverTo(Event* event, pelmoMsg* message, const uint8_t* subject, bool hooks) {
+pelmoStatus deliverTo(Event* event, pelmoMsg* message, const TracedSubject& subject, bool hooks) {
     pelmoMsg* copy = nullptr;
     const pelmoStatus status = msgShareCopy(&copy, message);
     if (status != kStatusSuccess) return status;
@@ -264,8 +270,9 @@ pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message) {
         return kStatusSuccess;
     }
     const bool hooks = transportHasHooks(transport, kHookInbound);
+    const TracedSubject traced(subject);
     for (Event* event : listeners.events()) {
-        const pelmoStatus delivered = deliverTo(event, message, subject, hooks);
+        const pelmoStatus delivered = deliverTo(event, message, traced, hooks);
         if (delivered != kStatusSuccess) status = delivered;
     }
     return status;

@@ -1,38 +1,7 @@
-#include "lib/transport/transport_hooks.h"
+// When a transport's hooks run, and under which locks.
 
-#include <algorithm>
-#include <cstdlib>
-#include <memory>
-#include <utility>
-
-#include "lib/containers/dpa.h"
 #include "lib/msg/message_internal.h"
 #include "lib/transport/transport_internal.h"
-
-namespace {
-
-constexpr uint32_t kHooksOnStack = 64;
-
-TransportHook* hookAt(const Dpa* list, uint32_t index) {
-    return static_cast<TransportHook*>(list->items[index]);
-}
-
-struct FreeBlock {
-    void operator()(TransportHook* block) const { std::free(block); }
-};
-
-pelmoStatus runCopies(const TransportHook* hooks, uint32_t count, pelmoMsg** message) {
-    for (uint32_t i = 0; i < count; ++i) {
-        pelmoMsg* const before = message != nullptr ? *message : nullptr;
-        const pelmoStatus status =
-            hooks[i].callback(hooks[i].transportId, message, hooks[i].closure);
-        if (message != nullptr && *message != before) msgRelease(before);
-        if (status != kStatusSuccess) return status;
-    }
-    return kStatusSuccess;
-}
-
-}  // namespace
 
 pelmoStatus Transport_AddHook(TransportHook** out,
                               HookKind kind,
@@ -41,17 +10,7 @@ pelmoStatus Transport_AddHook(TransportHook** out,
                               void* closure) {
     Held<Transport> held;
     if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
-    auto* hook = static_cast<TransportHook*>(std::malloc(sizeof(TransportHook)));
-    if (hook == nullptr) return kStatusNoMemory;
-    *hook = {kind, transport, callback, closure};
-    Dpa*& list = held->hooks[kind];
-    if (list == nullptr) list = dpaCreate(1);
-    if (list == nullptr || !dpaAppend(list, hook)) {
-        std::free(hook);
-        return kStatusNoMemory;
-    }
-    *out = hook;
-    return kStatusSuccess;
+    return hookListsAdd(held->hooks, {kind, transport, callback, closure}, out);
 }
 
 pelmoStatus Transport_RemoveHook(TransportHook* hook) {
@@ -59,37 +18,22 @@ pelmoStatus Transport_RemoveHook(TransportHook* hook) {
     if (held.get(hook->transportId, IdAccess::kLocked) != kStatusSuccess) {
         return kStatusInvalidTransport;
     }
-    Dpa* list = held->hooks[hook->kind];
-    const int32_t index = list != nullptr ? dpaIndexOf(list, hook) : -1;
-    if (index < 0) return kStatusInvalidArgument;
-    dpaRemoveAt(list, static_cast<uint32_t>(index));
-    std::free(hook);
-    return kStatusSuccess;
+    return hookListsRemove(held->hooks, hook);
 }
 
 pelmoStatus Transport_RunHooks(Transport* transport, HookKind kind, pelmoMsg** message) {
-    const Dpa* list = transport->hooks[kind];
-    const uint32_t count = list != nullptr ? list->count : 0;
-    if (count == 0) return kStatusSuccess;
-    TransportHook onStack[kHooksOnStack];
-    std::unique_ptr<TransportHook, FreeBlock> onHeap;
-    TransportHook* copies = onStack;
-    if (count > kHooksOnStack) {
-        onHeap.reset(static_cast<TransportHook*>(std::calloc(count, sizeof(TransportHook))));
-        if (onHeap == nullptr) return kStatusNoMemory;
-        copies = onHeap.get();
-    }
-    for (uint32_t i = 0; i < count; ++i) {
-        copies[i] = *hookAt(list, i);
-    }
+    if (!transportHasHooks(transport, kind)) return kStatusSuccess;
+    HookCopies copies;
+    pelmoStatus status = copies.take(transport->hooks, kind);
+    if (status != kStatusSuccess) return status;
     Id_Leave(&transport->header);
-    const pelmoStatus status = runCopies(copies, count, message);
+    status = copies.run(message);
     Id_Enter(&transport->header);
     return status;
 }
 
 bool transportHasHooks(const Transport* transport, HookKind kind) {
-    return transport->hooks[kind] != nullptr && transport->hooks[kind]->count != 0;
+    return hookListsCount(transport->hooks, kind) != 0;
 }
 
 bool Transport_RunInboundHooks(uint32_t transport, pelmoMsg* message) {
@@ -101,13 +45,4 @@ bool Transport_RunInboundHooks(uint32_t transport, pelmoMsg* message) {
     const pelmoStatus status = Transport_RunHooks(held.pointer(), kHookInbound, &shown);
     msgRelease(shown);
     return status == kStatusSuccess;
-}
-
-void transportFreeHooks(Transport* transport) {
-    for (Dpa*& list : transport->hooks) {
-        for (uint32_t i = 0; list != nullptr && i < list->count; ++i) {
-            std::free(hookAt(list, i));
-        }
-        list = dpaDestroy(list);
-    }
 }

@@ -15,8 +15,8 @@
 #include "lib/containers/dict.h"
 #include "lib/containers/sublist.h"
 #include "lib/runtime/id.h"
+#include "lib/transport/hook_list.h"
 #include "lib/transport/transport.h"
-#include "lib/transport/transport_hooks.h"
 #include "lib/transport/transport_links.h"
 
 struct Dpa;
@@ -49,10 +49,10 @@ struct Transport {
     bool reservedAllowed;
     bool inboxWildcards;
     uint64_t nextInbox;
-    SubjectList* subjects;             // of Event, whose base reference keeps it
-    Dpa* spareQueues;                  // ids, for requests
-    Dict32* requestQueues;             // id of each request's queue; the value means nothing
-    Dpa* hooks[kHookKinds];            // of TransportHook; null: none yet
+    SubjectList* subjects;  // of Event, whose base reference keeps it
+    Dpa* spareQueues;       // ids, for requests
+    Dict32* requestQueues;  // id of each request's queue; the value means nothing
+    HookLists hooks;
     ReliableEndpoint* directEndpoint;  // kNetwork; null: none
     uint32_t directSends;              // sends by an endpoint that are under way
     ReliableEndpoint* leftEndpoint;    // of a destroyed one: for the last of them to close
@@ -73,6 +73,12 @@ void transportAttach();
 // A record without an id, link and circuit: the caller's base reference. Null where memory ran out.
 [[nodiscard]] Transport* Transport_New(TransportKind kind);
 
+// Sending
+
+// As the call for applications, with the messages in a pointer array, which only the library's own
+// files have.
+[[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport, const Dpa* messages);
+
 // Delivery
 
 // To the listeners of the message's subject, a copy for each; an advisory of class "WARN" or
@@ -84,6 +90,30 @@ void transportAttach();
 // subject, is dropped. The caller holds a reference, and better not the object lock: it is taken
 // here, and left ahead of the last post.
 void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> messages);
+
+// Hooks
+
+// A hook belongs to its transport and goes with it; the handle isn't used afterwards.
+// kStatusInvalidTransport, kStatusNoMemory.
+[[nodiscard]] pelmoStatus Transport_AddHook(TransportHook** out,
+                                            HookKind kind,
+                                            uint32_t transport,
+                                            TransportHookFunction callback,
+                                            void* closure);
+pelmoStatus Transport_RemoveHook(TransportHook* hook);
+
+// The caller holds the object lock once, and a reference. Hooks run with the lock left, on a copy
+// of the list: one that another thread removes meanwhile may run once more. kStatusNoMemory where
+// so many hooks as there are can't be copied.
+[[nodiscard]] pelmoStatus Transport_RunHooks(Transport* transport,
+                                             HookKind kind,
+                                             pelmoMsg** message);
+
+// The caller holds the object lock.
+[[nodiscard]] bool transportHasHooks(const Transport* transport, HookKind kind);
+
+// What transportOps.runInboundHooks does.
+[[nodiscard]] bool Transport_RunInboundHooks(uint32_t transport, pelmoMsg* message);
 
 // Listeners
 

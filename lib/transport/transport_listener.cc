@@ -100,11 +100,11 @@ pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request)
     if (isInbox && !mayListenToInboxLocked(held.pointer(), subject, request.subject)) {
         return kStatusInvalidSubject;
     }
-    Event* listener = Event_NewListener(request, isInbox, kListenerInbox);
-    if (listener == nullptr) return kStatusNoMemory;
+    Event* listener = nullptr;
+    pelmoStatus status = Event_NewListener(&listener, request, isInbox, kListenerInbox);
+    if (status != kStatusSuccess) return status;
     bool isFirst = false;
-    const pelmoStatus status =
-        transportBindListener(held.pointer(), listener, subject, out, &isFirst);
+    status = transportBindListener(held.pointer(), listener, subject, out, &isFirst);
     if (status != kStatusSuccess) {
         Id_Release(&listener->header, false);
         return status;

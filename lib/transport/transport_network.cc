@@ -79,8 +79,8 @@ pelmoStatus createNetwork(
     return kStatusSuccess;
 }
 
-// Any of the calls on a network transport: the library open, the transport there and locked, its
-// kind the right one.
+// The transport, locked. kStatusInvalidTransport where there is none, kStatusNotPermitted for one
+// of another kind.
 pelmoStatus holdNetwork(Held<Transport>& held, uint32_t transport) {
     if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
     const bool linked = held->kind == TransportKind::kNetwork && held->link != nullptr;

@@ -31,7 +31,7 @@ struct Request {
 
 void onReply(uint32_t /*event*/, pelmoMsg* message, void* closure) {
     auto* slot = static_cast<pelmoMsg**>(closure);
-    if (*slot == nullptr && pelmoMsg_Detach(message) == kStatusSuccess) *slot = message;
+    if (pelmoMsg_Detach(message) == kStatusSuccess) *slot = message;
 }
 
 // The steps of a start; the caller holds the object lock. What stands is ended by endLocked.
@@ -59,12 +59,13 @@ pelmoStatus listenLocked(Request& request, pelmoMsg** slot) {
                                     .vectorCallback = nullptr,
                                     .vectorGroup = nullptr,
                                     .closure = slot};
-    Event* listener = Event_NewListener(wanted, true, kOneReply);
-    if (listener == nullptr) return kStatusNoMemory;
+    Event* listener = nullptr;
+    pelmoStatus status = Event_NewListener(&listener, wanted, true, kOneReply);
+    if (status == kStatusInvalidQueue) return kStatusInvalidTransport;  // as the wait on it would
+    if (status != kStatusSuccess) return status;
     Id_AddRef(&listener->header);
     request.listener = listener;
-    const pelmoStatus status =
-        transportBindListener(transport, listener, request.packedInbox, nullptr, nullptr);
+    status = transportBindListener(transport, listener, request.packedInbox, nullptr, nullptr);
     // The base reference goes where no id stands for it.
     if (status != kStatusSuccess) Id_Release(&listener->header, false);
     return status;
@@ -97,12 +98,11 @@ void endLocked(Request& request, bool queueServes) {
     Transport* transport = request.transport.pointer();
     dict32Remove(transport->requestQueues, request.queueId, nullptr);
     Dpa* spare = transport->spareQueues;
-    const bool keeps = queueServes && !transport->destroying && spare->count < kMostSpareQueues &&
+    const bool keeps = request.queueId != kNoId && queueServes && !transport->destroying &&
+                       spare->count < kMostSpareQueues &&
                        dpaAppend(spare, idToItem(request.queueId));
     endListenerLocked(request);
-    if (!keeps && request.queueId != kNoId) {
-        pelmoQueue_DestroyEx(request.queueId, nullptr, nullptr);
-    }
+    if (!keeps) pelmoQueue_DestroyEx(request.queueId, nullptr, nullptr);
 }
 
 pelmoStatus awaitReply(uint32_t queueId, double seconds, pelmoMsg* const* slot) {

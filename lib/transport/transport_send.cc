@@ -103,8 +103,8 @@ class Outgoing {
     Outgoing(const Outgoing&) = delete;
     Outgoing& operator=(const Outgoing&) = delete;
 
-    [[nodiscard]] bool makeRoom(uint32_t count) {
-        items_ = static_cast<pelmoMsg**>(std::calloc(count, sizeof(pelmoMsg*)));
+    [[nodiscard]] bool makeRoom(size_t count) {
+        items_ = static_cast<pelmoMsg**>(std::malloc(count * sizeof(pelmoMsg*)));
         return items_ != nullptr;
     }
 
@@ -167,7 +167,8 @@ pelmoStatus sendAll(Transport* transport, std::span<pelmoMsg* const> messages) {
     Held<Transport> underlying;
     Outgoing outgoing;
     if (messages.empty()) return kStatusSuccess;
-    if (!outgoing.makeRoom(static_cast<uint32_t>(messages.size()))) return kStatusNoMemory;
+    const bool staysHere = transport->kind == TransportKind::kIntraProcess;
+    if (!staysHere && !outgoing.makeRoom(messages.size())) return kStatusNoMemory;
     pelmoStatus status = kStatusSuccess;
     for (pelmoMsg* message : messages) {
         HeldMessage ready;

@@ -27,7 +27,9 @@ void makeTimers() {
     uint32_t queue = 0;
     uint32_t timer = 0;
     if (pelmoQueue_Create(&queue) != kStatusSuccess) return;
-    if (pelmoEvent_CreateTimer(&timer, queue, onEvent, 0, nullptr) == kStatusSuccess) {
+    const pelmoStatus status = pelmoEvent_CreateTimer(&timer, queue, onEvent, 0, nullptr);
+    EXPECT_NE(status, kStatusInvalidEvent);
+    if (status == kStatusSuccess) {
         (void)pelmoQueue_TimedDispatch(queue, 0.002);
         pelmoEvent_ResetTimerInterval(timer, 0.001);
         pelmoEvent_DestroyEx(timer, nullptr);
@@ -51,8 +53,9 @@ void makeIoEvents() {
 
 void sendMessages() {
     uint32_t listener = 0;
-    (void)pelmoEvent_CreateListener(&listener, kDefaultQueueId, onEvent, kIntraProcessTransportId,
-                                    "A.*", nullptr);
+    EXPECT_NE(pelmoEvent_CreateListener(&listener, kDefaultQueueId, onEvent,
+                                        kIntraProcessTransportId, "A.*", nullptr),
+              kStatusNoMemory);
     pelmoMsg* message = nullptr;
     if (pelmoMsg_Create(&message) == kStatusSuccess) {
         (void)pelmoMsg_SetSendSubject(message, "A.B");

@@ -25,6 +25,7 @@ struct EventStand {
         }
         EXPECT_EQ(wakeupPairCreate(&io->pair, kFirstIoQueueId, nullptr, nullptr, nullptr),
                   kStatusSuccess);
+        io->wake = wakeupPairWake;
     }
     ~EventStand() {
         wakeupPairDestroy(io->pair);
@@ -39,7 +40,7 @@ struct EventStand {
     // One pass of the IO thread that doesn't wait.
     void ioPass() const {
         wakeupPairWake(io->pair);
-        EXPECT_TRUE(ioThreadPass(io, epoch));
+        EXPECT_TRUE(ioThreadPass(io, true));
         dispatchAll(kFirstIoQueueId);
     }
 

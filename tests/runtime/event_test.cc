@@ -46,16 +46,18 @@ TEST_F(Events, CheckTheirArgumentsInOrder) {
 
 TEST_F(Events, OfListenersKeepWhatTheyWereGiven) {
     char subject[] = "A.B";
+    Event* made = nullptr;
     const auto make = [&](uint32_t queue) {
-        return Event_NewListener({.queueId = queue,
+        return Event_NewListener(&made,
+                                 {.queueId = queue,
                                   .transportId = kIntraProcessTransportId,
                                   .subject = subject,
                                   .kind = ListenerKind::kPlain,
                                   .callback = ignoreEvent},
                                  true, 4);
     };
-    EXPECT_EQ(make(4'711), nullptr);
-    Event* const made = make(stand.queue);
+    EXPECT_EQ(make(4'711), kStatusInvalidQueue);
+    ASSERT_EQ(make(stand.queue), kStatusSuccess);
     ASSERT_EQ(Id_SetGlobal(&made->header, &event), kStatusSuccess);
     EXPECT_EQ(made->listener.vectorGroup, reinterpret_cast<void*>(ignoreEvent));
     subject[0] = 'X';

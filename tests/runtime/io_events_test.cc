@@ -218,18 +218,19 @@ TEST_F(Sets, GrowBesideThePassUnderWay) {
 TEST_F(Sets, FireWhatWasAskedForAlone) {
     Event* const read = event(5);
     Event* const write = event(5, kIoWrite);
-    for (Event* each : {read, write})
+    Event* const urgent = event(5, kIoException);
+    for (Event* each : {read, write, urgent})
         ASSERT_EQ(pollSetAdd(&set, each), kStatusSuccess);
     pollSetPrepare(&set);
     ASSERT_EQ(set.passCount, 1u);
-    EXPECT_EQ(set.pass[0].events, POLLIN | POLLOUT);
+    EXPECT_EQ(set.pass[0].events, POLLIN | POLLOUT | POLLPRI);
     const struct {
         short revents;
         Event* expected[3];
     } cases[] = {
-        {POLLIN, {read, nullptr, nullptr}},     {POLLOUT, {nullptr, write, nullptr}},
-        {POLLERR, {read, write, nullptr}},      {POLLHUP, {read, write, nullptr}},
-        {POLLPRI, {nullptr, nullptr, nullptr}},
+        {POLLIN, {read, nullptr, nullptr}},    {POLLOUT, {nullptr, write, nullptr}},
+        {POLLERR, {read, write, nullptr}},     {POLLHUP, {read, write, nullptr}},
+        {POLLPRI, {nullptr, nullptr, urgent}},
     };
     for (const auto& c : cases) {
         set.pass[0].revents = c.revents;
@@ -244,6 +245,29 @@ TEST_F(Sets, FireWhatWasAskedForAlone) {
     EXPECT_EQ(pollSetRemove(&set, read), kStatusInvalidEvent);
     EXPECT_EQ(firstReady(0), nullptr);
     EXPECT_EQ(firstReady(1), write);
+}
+
+// Watched for urgent data alone, a socket that hung up fires nothing, and doesn't keep the poll
+// from waiting: every other pass goes without it.
+TEST_F(Sets, WaitOnBesideAHangUpThatFiresNothing) {
+    ASSERT_EQ(pollSetAdd(&set, event(5, kIoException)), kStatusSuccess);
+    add(6, 6);
+    for (int round = 0; round < 2; ++round) {
+        pollSetPrepare(&set);
+        ASSERT_EQ(set.passCount, 2u);
+        EXPECT_FALSE(set.leavesOut);
+        set.pass[0].revents = POLLHUP;
+        EXPECT_EQ(firstReady(2), nullptr);
+        pollSetFinish(&set);
+        pollSetPrepare(&set);
+        ASSERT_EQ(set.passCount, 1u);
+        EXPECT_EQ(set.pass[0].fd, 6);
+        EXPECT_TRUE(set.leavesOut);
+        pollSetFinish(&set);
+    }
+    pollSetPrepare(&set);
+    set.pass[0].revents = POLLHUP | POLLPRI;
+    EXPECT_NE(firstReady(2), nullptr);
 }
 
 TEST(SocketError, MapsErrnoToNumbersWithTexts) {

@@ -116,16 +116,17 @@ void awaitWaiters(uint32_t id, int32_t count) {
 // listener's record by another kind.
 struct TestEvent {
     uint32_t id = kNoId;
-    Event* event;
+    Event* event = nullptr;
 
-    TestEvent(EventKind kind, uint32_t queue, void* closure = nullptr)
-        : event(Event_NewListener({.queueId = queue,
-                                   .transportId = kIntraProcessTransportId,
-                                   .subject = "A",
-                                   .kind = ListenerKind::kPlain,
-                                   .closure = closure},
-                                  false,
-                                  4)) {
+    TestEvent(EventKind kind, uint32_t queue, void* closure = nullptr) {
+        EXPECT_EQ(Event_NewListener(&event,
+                                    {.queueId = queue,
+                                     .transportId = kIntraProcessTransportId,
+                                     .subject = "A",
+                                     .kind = ListenerKind::kPlain,
+                                     .closure = closure},
+                                    false, 4),
+                  kStatusSuccess);
         event->kind = kind;
         EXPECT_EQ(Id_SetGlobal(&event->header, &id), kStatusSuccess);
         Id_AddRef(&event->header);

@@ -368,7 +368,10 @@ TEST_F(IntraProcess, EndsWithTheLibraryAlone) {
 
 TEST_F(IntraProcess, TracesCalls) {
     testing::internal::CaptureStderr();
-    ASSERT_EQ(Tracing_Start("TPORT", "stderr", nullptr), kStatusSuccess);
+    ASSERT_EQ(Tracing_Start("TPORT,RECV=A.>", "stderr", nullptr), kStatusSuccess);
+    TestListener listener(queue, ">");
+    EXPECT_EQ(sendText(kLocal, "A.x"), kStatusSuccess);
+    EXPECT_EQ(sendText(kLocal, "B.x"), kStatusSuccess);  // the filter is for these lines too
     char inbox[20];
     (void)pelmoTransport_CreateInbox(kLocal, inbox, sizeof inbox);
     (void)pelmoTransport_SetEcho(kLocal, true);
@@ -377,8 +380,10 @@ TEST_F(IntraProcess, TracesCalls) {
     Tracing_Stop();
     Tracing_Clear();
     const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.find("added to listener queue for subject B.x"), std::string::npos) << log;
     for (const char* line :
-         {"pelmoTransport_CreateInbox(10, _INBOX.1, 20)\n",
+         {"added to listener queue for subject A.x\n",
+          "pelmoTransport_CreateInbox(10, _INBOX.1, 20)\n",
           "pelmoTransport_SetEcho(10, \"true\")\n",
           "pelmoTransport_SetDescription(10, \"<NULL>\")\n",
           "pelmoTransport_SendAdvisory(10, \"INFO\", \"S\", \"N\", \"<NULL>\")\n"}) {

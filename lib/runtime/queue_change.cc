@@ -1,0 +1,51 @@
+// Changes of a queue that its groups have to follow: its priority, and its end.
+
+#include <utility>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/library.h"
+#include "lib/runtime/queue_group_internal.h"
+#include "lib/runtime/queue_internal.h"
+
+pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion, void* closure) {
+    traceLine(kTraceQueue, "pelmoQueue_DestroyEx(%u, %p, %p)", queue,
+              reinterpret_cast<const void*>(completion), tracePointer(closure));
+    if (queue == kDefaultQueueId && libraryIsOpen()) return kStatusNotPermitted;
+    Held<Queue> held;
+    if (held.get(queue, IdAccess::kDestroyLocked) != kStatusSuccess) return kStatusInvalidQueue;
+
+    Dpa* groups = std::exchange(held->groups, nullptr);
+    bool completesHere = false;
+    {
+        const LockGuard data(held->dataLock);
+        Cond_Broadcast(&held->cond);
+        if (completion != nullptr && held->dispatching != 0) {
+            held->completion = completion;
+            held->completionClosure = closure;
+        } else {
+            completesHere = completion != nullptr;
+        }
+    }
+    held.release();
+
+    // A group's lock stands outside a queue's.
+    for (uint32_t i = 0; groups != nullptr && i < groups->count; ++i) {
+        QueueGroup_Forget(idFromItem(groups->items[i]), queue);
+    }
+    dpaDestroy(groups);
+    if (completesHere) completion(queue, closure);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority) {
+    traceLine(kTraceQueue, "pelmoQueue_SetPriority(%u, %u)", queue, priority);
+    Held<Queue> held;
+    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
+    if (held->priority == priority) return kStatusSuccess;
+    held->priority = priority;
+    QueueGroups groups(held.pointer());
+    held.leave();
+    groups.forEach([queue](uint32_t group) { QueueGroup_Reorder(group, queue); });
+    return kStatusSuccess;
+}
