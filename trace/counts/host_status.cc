@@ -3,17 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "lib/base/bytes.h"
 #include "lib/base/log.h"
 
 namespace {
-
-// The packed elements of _PM.INFO.SYSTEM.HOST: size, text, NUL of each.
-constexpr uint8_t hostStatusPrefix[] = {
-    5, '_', 'P', 'M', 0,   6,   'I', 'N', 'F', 'O', 0,                 //
-    8, 'S', 'Y', 'S', 'T', 'E', 'M', 0,   6,   'H', 'O', 'S', 'T', 0,  //
-};
-static_assert(sizeof hostStatusPrefix == 25);
 
 // Room for this message and for a few of its kind. False leaves the area as it was.
 bool growFor(NetEntry& net, uint32_t length) {
@@ -27,11 +19,6 @@ bool growFor(NetEntry& net, uint32_t length) {
 }
 
 }  // namespace
-
-bool hostStatusMatch(const uint8_t* subject) {
-    return loadBe16At(subject) > kSubjectHeadBytes + sizeof hostStatusPrefix &&
-           std::memcmp(subject + kSubjectHeadBytes, hostStatusPrefix, sizeof hostStatusPrefix) == 0;
-}
 
 void hostStatusStore(NetEntry& net, const uint8_t* message, uint32_t length) {
     const uint64_t wanted = uint64_t{length} + (kStatusAlignment - 1) + net.statusUsed;

@@ -10,7 +10,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
+#include "lib/base/bytes.h"
+#include "lib/containers/subject.h"
 #include "trace/counts/statistics.h"
 
 // Messages are held and handed on at this alignment, in bytes.
@@ -20,8 +23,21 @@ constexpr uint32_t kStatusAlignment = 4;
     return (length + kStatusAlignment - 1) & ~(kStatusAlignment - 1);
 }
 
-// `subject` is packed and well formed. True below the prefix, not at it.
-[[nodiscard]] bool hostStatusMatch(const uint8_t* subject);
+// The packed elements of _PM.INFO.SYSTEM.HOST: size, text, NUL of each.
+inline constexpr uint8_t kHostStatusPrefix[] = {
+    5, '_', 'P', 'M', 0,   6,   'I', 'N', 'F', 'O', 0,                 //
+    8, 'S', 'Y', 'S', 'T', 'E', 'M', 0,   6,   'H', 'O', 'S', 'T', 0,  //
+};
+static_assert(sizeof kHostStatusPrefix == 25);
+
+// `subject` is packed and well formed. True below the prefix, not at it. Nearly every message is
+// told apart by its length or its first characters.
+[[nodiscard]] inline bool hostStatusMatch(const uint8_t* subject) {
+    const uint8_t* elements = subject + kSubjectHeadBytes;
+    return subjectLength(subject) > kSubjectHeadBytes + sizeof kHostStatusPrefix &&
+           loadBe32At(elements) == loadBe32At(kHostStatusPrefix) &&
+           std::memcmp(elements, kHostStatusPrefix, sizeof kHostStatusPrefix) == 0;
+}
 
 // `length` bytes are in hand at `message`, whose first word says the same.
 void hostStatusStore(NetEntry& net, const uint8_t* message, uint32_t length);
