@@ -50,6 +50,11 @@ FAULTS = {
     "a circle of three": (
         {"lib/base/a.h": '#include "lib/base/c.h"\n', "lib/base/c.h": '#include "lib/base/b.h"\n'},
         "lib/base/a.h:1: a circle: lib/base/a.h -> lib/base/c.h -> lib/base/b.h -> lib/base/a.h"),
+    "a circle of modules": (
+        {"lib/base/a.cc": '#include "lib/base/a.h"\n#include "lib/base/c.h"\n',
+         "lib/base/c.h": '#include "lib/base/d_internal.h"\n',
+         "lib/base/d_internal.h": "", "lib/base/d.cc": '#include "lib/base/a.h"\n'},
+        "lib/base/a:1: a circle: lib/base/a -> lib/base/c -> lib/base/d -> lib/base/a"),
     "a room beside": (
         {"trace/packets/p.h": '#include "trace/capture/c.h"\n', "trace/capture/c.h": ""},
         "trace/packets/p.h:1: includes trace/capture/c.h, a room beside its own"),

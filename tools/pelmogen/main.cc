@@ -8,8 +8,8 @@
 #include <new>
 #include <string>
 
+#include "tools/pelmogen/command_line.h"
 #include "tools/pelmogen/generate.h"
-#include "tools/pelmogen/options.h"
 #include "tools/pelmogen/pcap_file.h"
 #include "tools/pelmogen/totals.h"
 #include "tools/pelmogen/wire.h"

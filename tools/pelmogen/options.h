@@ -1,12 +1,12 @@
-// What to generate. The command line is a table of rows in the source; "--help" prints that table.
+// What to generate.
 //
 // Packets depend on these options alone: the same ones give the same bytes on every machine, in a
 // capture and on the wire.
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 // A part of a whole, from 0 to 1.
@@ -22,6 +22,8 @@ struct Range {
 struct Nanoseconds {
     int64_t count = 0;
 };
+
+constexpr int64_t kSecond = 1'000'000'000;  // in nanoseconds
 
 // Ahead of packet number `packet`, counted from 0, the clock moves by `by`.
 struct ClockJump {
@@ -117,16 +119,6 @@ constexpr Share GeneratorOptions::*kKindShares[kPacketKinds - 1] = {
 
 constexpr uint64_t kMessagesMax = 64;
 constexpr uint64_t kPayloadMax = 32000;
-
-enum class ParseResult { kRun, kHelp, kWrong };
-
-// `error` is set with kWrong. Texts of the options are the arguments themselves.
-[[nodiscard]] ParseResult optionsParse(int argc,
-                                       char* const* argv,
-                                       GeneratorOptions& options,
-                                       std::string& error);
-
-[[nodiscard]] std::string optionsHelp();
 
 // When packet number `packet` is on the wire, in time since 1970.
 [[nodiscard]] Nanoseconds packetTime(const GeneratorOptions& options, uint64_t packet);

@@ -20,7 +20,6 @@ constexpr uint32_t kMagicNanoseconds = 0xa1b23c4d;
 constexpr uint16_t kVersionMajor = 2;
 constexpr uint16_t kVersionMinor = 4;
 constexpr uint32_t kLinkEthernet = 1;
-constexpr int64_t kSecond = 1'000'000'000;
 
 bool swaps(const PcapFile& file) {
     return file.bigEndian == (std::endian::native == std::endian::little);
