@@ -85,35 +85,6 @@ TEST_F(CaptureRotation, SeesASizeThatThePositionDoesNotShow) {
     EXPECT_EQ(folder.names(), Names({"cap", "cap1"}));
 }
 
-TEST_F(CaptureRotation, RunsInARing) {
-    writeFile(folder.path("cap1"), "of an earlier run");
-    rotations(2);
-    for (const char mark : {'a', 'b', 'c'}) {
-        saveFullFile(mark);
-        onRotationTimer();
-    }
-    EXPECT_EQ(folder.names(), Names({"cap", "cap1", "cap2"}));
-    EXPECT_EQ(markOf("cap1"), 'c');
-    EXPECT_EQ(markOf("cap2"), 'b');
-
-    captureFileClose();
-    EXPECT_EQ(readFile(path), captureText({}));
-}
-
-TEST_F(CaptureRotation, StartsOverWithoutNumberedFiles) {
-    rotations(0);
-    saveFullFile('a');
-    saveFullFile('b');
-    captureFileFlush();
-    onRotationTimer();
-    EXPECT_EQ(captureFileBytes(), kCaptureHeadBytes);
-    saveFullFile('c');
-    captureFileClose();
-    EXPECT_EQ(folder.names(), Names({"cap"}));
-    EXPECT_EQ(readFile(path).size(), kLimitBytes);
-    EXPECT_EQ(markOf("cap"), 'c');
-}
-
 TEST_F(CaptureRotation, SparesTheFileAndTriesAgainWhenTheRenameFails) {
     rotations(2);
     mkdir(folder.path("cap1").c_str(), 0700);
