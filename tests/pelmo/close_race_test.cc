@@ -136,24 +136,4 @@ TEST(Close, MeetsEverythingElse) {
     EXPECT_EQ(objectCount(), 0u);
 }
 
-TEST(Close, IsCountedOverThreads) {
-    std::vector<std::jthread> threads;
-    std::latch ready(2);
-    for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&ready] {
-            ready.arrive_and_wait();
-            for (int round = 0; round < kRounds; ++round) {
-                ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-                EXPECT_EQ(Id_Check(kDefaultQueueId, IdType::kQueue), kStatusSuccess);
-                EXPECT_EQ(Id_Check(kIntraProcessTransportId, IdType::kTransport), kStatusSuccess);
-                makeTimers();
-                EXPECT_EQ(pelmo_Close(), kStatusSuccess);
-            }
-        });
-    }
-    threads.clear();
-    EXPECT_EQ(pelmo_Close(), kStatusNotInitialized);
-    EXPECT_EQ(objectCount(), 0u);
-}
-
 }  // namespace

@@ -141,22 +141,6 @@ TEST(Dispatch, PassesHooksAndCutOffs) {
     EXPECT_EQ(calls, Calls{});
 }
 
-TEST(Dispatch, LeavesDetachedMessagesToTheCallback) {
-    const DispatchStand stand;
-    static std::vector<pelmoMsg*> kept;
-    kept.clear();
-    const uint32_t event = listen(stand.queue, [](uint32_t, pelmoMsg* message, void*) {
-        EXPECT_EQ(pelmoMsg_Destroy(message), kStatusNotPermitted);
-        EXPECT_EQ(pelmoMsg_Detach(message), kStatusSuccess);
-        kept.push_back(message);
-        if (kept.size() == 2) (void)pelmoMsg_Destroy(message);
-    });
-    postBatch(stand.queue, {event, event});
-    EXPECT_EQ(dispatchAll(stand.queue), 2U);
-    EXPECT_EQ(pelmoMsg_AddI32(kept[0], "a", 1, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_Destroy(kept[0]), kStatusSuccess);
-}
-
 TEST(Dispatch, AnswersAtOnceWhereThereIsNothing) {
     const DispatchStand stand;
     for (const double seconds : {0.0, 0.001}) {

@@ -100,20 +100,6 @@ TEST(Dispatcher, KeepsItsNameWithoutMemory) {
     EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusInvalidDispatcher);
 }
 
-TEST(Dispatcher, LeavesNothingBehindWithoutMemory) {
-    const DispatchStand stand;
-    const size_t before = objectCount();
-    const size_t failing = eachAllocationFails([&] {
-        uint32_t dispatcher = kNoId;
-        const pelmoStatus status = pelmoDispatcher_CreateEx(&dispatcher, stand.queue, -1.0);
-        EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
-        allocationsHeal();
-        if (status == kStatusSuccess) pelmoDispatcher_Destroy(dispatcher);
-        EXPECT_EQ(objectCount(), before);
-    });
-    EXPECT_GT(failing, 1U);
-}
-
 // The thread ends when the callback has returned; those who joined it meanwhile wait for that.
 TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
     struct Meeting {

@@ -5,7 +5,6 @@
 #include <span>
 
 #include "tests/runtime/event_stand.h"
-#include "tests/support/fail_alloc.h"
 
 namespace {
 
@@ -55,22 +54,6 @@ struct EventManagers : testing::Test {
     RuntimeTables tables;
 };
 
-TEST_F(EventManagers, OpenAndCloseAgain) {
-    for (int i = 0; i < 20; ++i) {
-        start();
-        fireATimerOnce();
-        const SocketPair pair;
-        std::latch ready{1};
-        watch(kFirstIoQueueId, pair, fireOnce, &ready);
-        pair.ready();  // the thread's wait takes up a socket that came later
-        ready.wait();
-        const uint32_t left = newTimer(0.5, ignoreEvent);  // not destroyed ahead of the stop
-        EventManager_Stop();
-        EXPECT_EQ(idsOf(IdType::kQueue), std::vector<uint32_t>{});
-        EXPECT_EQ(pelmoEvent_DestroyEx(left, nullptr), kStatusSuccess);
-    }
-}
-
 TEST_F(EventManagers, StopOnAThreadOfTheirOwnAndStartAgain) {
     const auto stopAndStart = [](uint32_t, pelmoMsg*, void* stopped) {
         EventManager_Stop();
@@ -108,20 +91,6 @@ TEST_F(EventManagers, TakeOneToAHundredAndTwentyEightIoThreads) {
     ready.wait();
 }
 
-TEST_F(EventManagers, LeaveNothingBehindWhereTheyCantStart) {
-    testing::internal::CaptureStderr();
-    const size_t failures = eachAllocationFails([] {
-        pelmoStatus status = EventManager_Start();
-        if (status == kStatusSuccess) status = EventManager_StartIo(2);
-        EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
-        allocationsHeal();
-        EventManager_Stop();
-        EXPECT_EQ(objectCount(), 0u);
-    });
-    (void)testing::internal::GetCapturedStderr();
-    EXPECT_GT(failures, 30u);
-}
-
 // Sockets come and go on two threads, and are closed as soon as their event is gone, while the IO
 // thread waits for them and others dispatch.
 TEST_F(EventManagers, WatchSocketsThatComeAndGo) {
@@ -154,25 +123,6 @@ TEST_F(EventManagers, WatchSocketsThatComeAndGo) {
     dispatcher.join();
     // No wait met a descriptor that was closed.
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-// A destroy that meets the stop neither hangs nor finds what is gone.
-TEST_F(EventManagers, StopWhileEventsEnd) {
-    for (int i = 0; i < 30; ++i) {
-        start();
-        const SocketPair pairs[10];
-        std::vector<uint32_t> events;
-        for (const SocketPair& pair : pairs) {
-            events.push_back(watch(kFirstIoQueueId, pair, ignoreEvent));
-            events.push_back(newTimer(0, ignoreEvent));
-        }
-        std::thread destroyer([&] {
-            for (const uint32_t event : events)
-                EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
-        });
-        EventManager_Stop();
-        destroyer.join();
-    }
 }
 
 }  // namespace

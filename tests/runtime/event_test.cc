@@ -124,43 +124,4 @@ TEST_F(Events, EndOnceAndBehindTheirCallback) {
     }
 }
 
-// Two threads dispatch while a third makes, fires and ends timers: each completion comes once, and
-// behind the last callback.
-TEST_F(Events, MeetTheirDispatchesWhenTheyEnd) {
-    struct Life {
-        std::atomic<int> completions{0};
-        std::atomic<bool> late{false};
-    };
-    std::vector<Life> lives(2'000);
-    std::atomic<bool> done{false};
-    const auto dispatch = [&] {
-        while (!done)
-            (void)pelmoQueue_TimedDispatch(stand.queue, 0);
-    };
-    const auto live = [](uint32_t, pelmoMsg*, void* closure) {
-        auto* const own = static_cast<Life*>(closure);
-        std::this_thread::yield();
-        if (own->completions != 0) own->late = true;
-    };
-    const auto complete = [](uint32_t, void* own) { ++static_cast<Life*>(own)->completions; };
-    std::thread one(dispatch), two(dispatch);
-    for (Life& life : lives) {
-        const uint32_t timer = stand.timer(0, live, &life);
-        (void)stand.fire(0);
-        (void)stand.fire(0);
-        EXPECT_EQ(pelmoEvent_DestroyEx(timer, complete), kStatusSuccess);
-    }
-    for (const Life& life : lives) {
-        while (life.completions == 0)
-            std::this_thread::yield();
-    }
-    done = true;
-    one.join();
-    two.join();
-    for (const Life& life : lives) {
-        EXPECT_EQ(life.completions, 1);
-        EXPECT_FALSE(life.late);
-    }
-}
-
 }  // namespace

@@ -77,14 +77,6 @@ TEST_F(Ids, ASpaceThatIsFullGivesNoneUntilOneComesBack) {
     }
 }
 
-TEST_F(Ids, GoOnCountingWithNewTables) {
-    const uint32_t id = publish();
-    EXPECT_EQ(destroy(id), kStatusSuccess);
-    idTablesDestroy();
-    ASSERT_EQ(idTablesCreate(), kStatusSuccess);
-    EXPECT_EQ(publish(), id + 1);
-}
-
 TEST_F(Ids, OfAFixedNumberBelongToOneObjectOfEachType) {
     Thing* queue = newThing(IdType::kQueue);
     Thing* other = newThing(IdType::kQueue);

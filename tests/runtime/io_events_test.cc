@@ -128,37 +128,6 @@ TEST_F(IoEvents, ArePostedWithNoLockHeld) {
     EXPECT_EQ(hooks, 1);
 }
 
-TEST_F(IoEvents, FillALargerSet) {
-    const SocketPair pairs[129];
-    uint32_t count = 1;  // the wake-up pair's socket counts too
-    for (const SocketPair& each : pairs) {
-        each.ready();
-        EXPECT_NE(watch(stand.queue, each.ends[0]), kNoId);
-        EXPECT_EQ(stand.io->sockets.maxSockets, ++count <= 64 ? 64u : count <= 128 ? 128u : 256u);
-    }
-    EXPECT_EQ(pass().size(), std::size(pairs));
-}
-
-// With the wake-up pair's the set is full: for one more it has to grow.
-TEST_F(IoEvents, AreMadeWholeOrNotAtAllWithoutMemory) {
-    const SocketPair pairs[63];
-    for (const SocketPair& each : pairs)
-        (void)watch(stand.queue, each.ends[0]);
-    const size_t before = objectCount();
-    testing::internal::CaptureStderr();
-    const size_t failures = eachAllocationFails([&] {
-        const uint32_t event = watch(stand.queue, pair.ends[0]);
-        allocationsHeal();
-        EXPECT_EQ(event == kNoId, allocationsFailed() != 0);
-        EXPECT_TRUE(event != kNoId || status == kStatusNoMemory || status == kStatusSocketLimit);
-        pelmoEvent_DestroyEx(event, nullptr);
-        EXPECT_EQ(stand.io->sockets.events[0]->count, 64u);
-        EXPECT_EQ(objectCount(), before);
-    });
-    (void)testing::internal::GetCapturedStderr();
-    EXPECT_GT(failures, 6u);
-}
-
 // The set itself: events without sockets, and passes that nobody polls.
 struct Sets : testing::Test {
     Sets() { EXPECT_EQ(pollSetInit(&set), kStatusSuccess); }

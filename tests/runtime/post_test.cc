@@ -3,12 +3,9 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "tests/support/fail_alloc.h"
-#include "tests/support/lock_count.h"
-#include "tests/support/race.h"
 #include "tests/support/runtime_objects.h"
 
 namespace {
@@ -230,18 +227,6 @@ TEST_F(Posts, SignalOnlyQueuesWithSleepers) {
     }
 }
 
-TEST_F(Posts, OfABatchLookUpAnEventOncePerRun) {
-    const TestEvent second(kEventListener, queue);
-    const auto locksFor = [this](const std::vector<uint32_t>& events) {
-        const size_t before = locksEntered();
-        postBatch(queue, events);
-        return locksEntered() - before;
-    };
-    const size_t one = locksFor({listener.id});
-    EXPECT_EQ(locksFor({listener.id, listener.id, listener.id, listener.id}), one);
-    EXPECT_GT(locksFor({listener.id, second.id}), one);
-}
-
 TEST_F(Posts, OutOfMemoryDropTheMessage) {
     for (int i = 0; i < 7; ++i)
         EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
@@ -278,36 +263,6 @@ TEST_F(Posts, OutOfMemoryDropTheMessage) {
     EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);
     EXPECT_EQ(allocationsFailed(), 1u);
     EXPECT_EQ(advisories.size(), 0u);
-}
-
-TEST_F(Posts, RaceWithTheEndOfEventsAndQueues) {
-    constexpr int kRounds = 200;
-    struct Round {
-        uint32_t queue = makeQueue();
-        TestEvent timer{kEventTimer, queue}, listener{kEventListener, queue};
-    };
-    transportOps.sendAdvisory = nullptr;
-    std::vector<std::unique_ptr<Round>> rounds(kRounds);
-    for (auto& round : rounds)
-        round = std::make_unique<Round>();
-    race(3, kRounds, [&](int thread, int number) {
-        const Round& round = *rounds[static_cast<size_t>(number)];
-        for (int i = 0; i < 5; ++i) {
-            if (thread == 0) (void)Event_Post(round.timer.event);
-            if (thread != 1) continue;
-            postBatch(round.queue, {round.listener.id, round.timer.id});
-            round.listener.deliver(messageFor(0));
-            (void)Event_Post(round.listener.event);
-        }
-        if (thread == 0) (void)pelmoQueue_DestroyEx(round.queue, nullptr, nullptr);
-        if (thread == 1) round.listener.destroy();
-        if (thread != 2) return;
-        const uint32_t policy = 1 + static_cast<uint32_t>(number) % 3;
-        (void)pelmoQueue_SetLimitPolicy(round.queue, policy, 3, 1);
-        round.timer.destroy();
-    });
-    for (const auto& round : rounds)
-        EXPECT_EQ(Id_Check(round->queue, IdType::kQueue), kStatusNotFound);
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <span>
 
 #include "lib/runtime/queue_internal.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
 
 namespace {
@@ -157,61 +155,6 @@ TEST_F(Queues, EndTheirPollsWithThemAndWithTheLibrary) {
         forever.join();
         longTime.join();
     }
-}
-
-struct Completed {
-    uint32_t times = 0, queue = kNoId;
-    static void run(uint32_t id, void* closure) {
-        auto* self = static_cast<Completed*>(closure);
-        ++self->times;
-        self->queue = id;
-        EXPECT_EQ(Id_Check(id, IdType::kQueue), kStatusNotFound);
-    }
-};
-
-TEST_F(Queues, CompleteAtOnceOrLeaveItToTheDispatchUnderWay) {
-    for (const uint32_t dispatching : {0u, 2u}) {
-        const uint32_t id = makeQueue();
-        const TestEvent event(kEventListener, id);
-        for (const Ring ring : {kPending, kReady})
-            push(id, event.id, ring);  // go with the queue
-        Held<Queue> record;
-        ASSERT_EQ(record.get(id, IdAccess::kUnlocked), kStatusSuccess);
-        record->dispatching = dispatching;
-        Completed completed;
-        EXPECT_EQ(pelmoQueue_DestroyEx(id, Completed::run, &completed), kStatusSuccess);
-        EXPECT_EQ(completed.times, dispatching == 0 ? 1u : 0u);
-        EXPECT_EQ(completed.queue, dispatching == 0 ? id : kNoId);
-        EXPECT_EQ(record->completion, dispatching == 0 ? nullptr : Completed::run);
-        EXPECT_EQ(record->completionClosure, dispatching == 0 ? nullptr : &completed);
-    }
-}
-
-TEST_F(Queues, OutOfMemoryLeaveAllAsItWas) {
-    const size_t before = objectCount();
-    const size_t failed = eachAllocationFails([before] {
-        char* name = strdup("given away");
-        uint32_t id = kNoId;
-        const pelmoStatus status = Queue_Create(&id, kNoId, name, true, false);
-        if (status != kStatusSuccess) {
-            EXPECT_EQ(status, kStatusNoMemory);
-            EXPECT_EQ(id, kNoId);
-            EXPECT_STREQ(name, "given away");  // the caller's still
-            std::free(name);
-        } else {
-            char another[] = "another";
-            const bool renamed = pelmoQueue_SetName(id, another) == kStatusSuccess;
-            another[0] = 'A';
-            const char* now = nullptr;
-            EXPECT_EQ(pelmoQueue_GetName(id, &now), kStatusSuccess);
-            EXPECT_STREQ(now, renamed ? "another" : "given away");
-            EXPECT_EQ(renamed, allocationsFailed() == 0);
-            EXPECT_EQ(pelmoQueue_DestroyEx(id, nullptr, nullptr), kStatusSuccess);
-        }
-        allocationsHeal();
-        EXPECT_EQ(objectCount(), before);
-    });
-    EXPECT_GT(failed, 12u);
 }
 
 }  // namespace

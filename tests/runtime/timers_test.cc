@@ -5,7 +5,6 @@
 #include <set>
 
 #include "tests/runtime/event_stand.h"
-#include "tests/support/fail_alloc.h"
 
 namespace {
 
@@ -127,18 +126,6 @@ TEST_F(Timers, TakeANewIntervalFromTheCallOn) {
     EXPECT_EQ(interval, 3);
 }
 
-TEST_F(Timers, DontMindTheWallClock) {
-    FixedClock wall(1'700'000'000);
-    (void)stand.timer(10, ignoreEvent);
-    for (const int64_t away : {3'600, -3'600}) {
-        wall.set(1'700'000'000 + away);
-        stand.clock.set(1'009, 999'000'000);
-        EXPECT_EQ(timersFire(stand.epoch, clockSteadySeconds()), 0u);
-    }
-    stand.clock.set(1'010);
-    EXPECT_EQ(timersFire(stand.epoch, clockSteadySeconds()), 1u);
-}
-
 // What waits is cut short by a timer that is due sooner, and by no other.
 TEST_F(Timers, WakeTheirThreadForTheSoonestAlone) {
     (void)stand.timer(1'000, ignoreEvent);
@@ -179,28 +166,6 @@ TEST_F(Timers, ThatAreDestroyedLeaveAtOnceAndCantComeBack) {
     EXPECT_EQ(Timer_Insert(event.pointer()), kStatusInvalidEvent);
     EXPECT_EQ(passAt(10), 0u);
     EXPECT_EQ(event->header.refCount, 1);
-}
-
-// There is room for eight: it has to grow for one more. What memory doesn't suffice to post goes.
-TEST_F(Timers, AreMadeWholeOrNotAtAllWithoutMemory) {
-    for (int i = 0; i < 8; ++i)
-        (void)stand.timer(1e9, ignoreEvent);
-    const size_t before = objectCount();
-    testing::internal::CaptureStderr();
-    const size_t failures = eachAllocationFails([&] {
-        uint32_t timer = kNoId;
-        const pelmoStatus status =
-            pelmoEvent_CreateTimer(&timer, stand.queue, ignoreEvent, 1, nullptr);
-        EXPECT_EQ(status, timer != kNoId ? kStatusSuccess : kStatusNoMemory);
-        EXPECT_EQ(stand.fire(1), timer != kNoId ? 1u : 0u);
-        allocationsHeal();
-        EXPECT_TRUE(dispatchAll(stand.queue) == 1 || allocationsFailed() != 0);
-        pelmoEvent_DestroyEx(timer, nullptr);
-        EXPECT_EQ(stand.fire(1e6), 0u);
-        EXPECT_EQ(objectCount(), before);
-    });
-    EXPECT_GT(failures, 6u);
-    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(Timers, AnswerThatNothingRunsOnceStopped) {

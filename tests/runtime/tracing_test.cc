@@ -12,9 +12,7 @@
 #include "lib/msg/message_typed.h"
 #include "lib/runtime/dispatcher.h"
 #include "tests/runtime/event_stand.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"
-#include "tests/support/race.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
@@ -283,28 +281,6 @@ TEST_F(Tracing, ShowsItsSettings) {
     expectShown("stderr", "T", "T\tA.>");
     Tracing_Clear();
     expectShown("stderr", "F", "F\tNone");
-}
-
-TEST_F(Tracing, LeavesNothingBehindWithoutMemory) {
-    const size_t failing = eachAllocationFails([] {
-        const pelmoStatus status = Tracing_Start("RECV=A.B,RECV=A.>", nullptr, nullptr);
-        EXPECT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
-        EXPECT_EQ(traceOps.on, status == kStatusSuccess ? 1U : 0U);
-        endTracing();
-    });
-    EXPECT_GT(failing, 2U);
-}
-
-// Filters write to their lists: lines of several threads go one by one.
-TEST_F(Tracing, TakesLinesFromAllThreads) {
-    constexpr int kThreads = 3, kLines = 300;
-    start("RECV=A.>");
-    race(kThreads, 1, [](int, int) {
-        const Message message = messageOn("A.x");
-        for (int line = 0; line < kLines; ++line)
-            traceMessage(kTraceReceive, message.get(), "n");
-    });
-    EXPECT_EQ(written(), Lines(kThreads * kLines, "[RECV] n: (A.x) {a=1}"));
 }
 
 }  // namespace
