@@ -16,7 +16,6 @@
 
 #include "lib/base/bytes.h"
 #include "tests/support/codec_run.h"
-#include "tests/support/fail_alloc.h"
 
 namespace {
 
@@ -295,39 +294,6 @@ TEST(Convert, ShowsTheWidestElements) {
         }
         EXPECT_EQ(shownAs(source->field(), FIELD_STRING), text + "]");
     }
-}
-
-TEST(Convert, AnswersForEachAllocationThatFails) {
-    const struct {
-        SharedValue source;
-        uint8_t target;
-    } cases[] = {
-        {f64(1.5), FIELD_STRING},
-        {scalarValue(FIELD_IPADDR32, &FieldData::ipAddr32, 1u), FIELD_STRING},
-        {blockValue(FIELD_STRING, {'1', '2'}), FIELD_I32},
-        {blockValue(FIELD_OPAQUE, {1}), FIELD_STRING},
-        {subjectValue("A.B"), FIELD_STRING},
-        {dateTimeValue(0, 1), FIELD_STRING},
-        {stringArrayValue({std::string(40, 'a'), std::string(400, 'b')}), FIELD_STRING},
-        {numbersValue<int32_t>(38, {1, 2}), FIELD_I64ARRAY},
-    };
-    for (const auto& [source, target] : cases) {
-        const size_t failures = eachAllocationFails([&source = source, &target = target] {
-            const Converted out = convert(source->field(), target);
-            EXPECT_EQ(out.status, allocationsFailed() != 0 ? kStatusNoMemory : kStatusSuccess);
-        });
-        EXPECT_GE(failures, 2u) << int{source->type};
-    }
-    // An array's text goes on in the larger block where none of its own size can be had.
-    const SharedValue numbersOfOne = numbersValue<uint8_t>(35, {1});
-    eachAllocationFails([&] {
-        const Converted out = convert(numbersOfOne->field(), FIELD_STRING);
-        if (out.status == kStatusSuccess) {
-            EXPECT_STREQ(static_cast<const char*>(out.field.data.pointer), "[1]");
-        } else {
-            EXPECT_EQ(out.status, kStatusNoMemory);
-        }
-    });
 }
 
 }  // namespace

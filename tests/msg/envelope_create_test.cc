@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -8,38 +7,6 @@
 #include "tests/support/envelope_bytes.h"
 
 namespace {
-
-TEST(EnvelopeCreate, IsCreatedAsSettersMakeIt) {
-    const Bytes longReply =
-        Bytes{7, 'r', 'e', 't', 'u', 'r', 'n', 0, 8, 121, 0, 151} + Bytes(148, 'r') + Bytes{0};
-    const std::string longText(148, 'r');
-    const struct {
-        const char *subject, *reply;
-        Bytes addressing;
-    } cases[] = {
-        {"A.B", nullptr, kSubAB}, {"A.B", "R", kSubAB + kReturnR},
-        {nullptr, "R", kReturnR}, {nullptr, longText.c_str(), longReply},
-        {nullptr, nullptr, {}},
-    };
-    for (const auto& [subject, reply, addressing] : cases) {
-        const Bytes ahead = addressing + kMtypeD + kData;
-        pelmoMsg* made = nullptr;
-        ASSERT_EQ(msgCreateEnveloped(&made, subject, reply, 6), kStatusSuccess);
-        const Message msg(made);
-        EXPECT_EQ(msg->length, 8 + ahead.size() + kApp.size());
-        std::memcpy(msgImage(made) + msg->dataOffset + 8, kAppFields.data(), kAppFields.size());
-        EXPECT_EQ(wireOf(made), outer(ahead + kApp));
-        EXPECT_EQ(sendSubjectOf(made), subject != nullptr ? subject : kNotFound);
-        EXPECT_EQ(replySubjectOf(made), reply != nullptr ? reply : kNotFound);
-        // The offsets are those that an opening finds.
-        const Message opened = messageFrom(wireOf(made));
-        ASSERT_EQ(msgOpenEnvelope(opened.get()), kStatusSuccess);
-        EXPECT_EQ(opened->sendSubjectOffset, msg->sendSubjectOffset);
-        EXPECT_EQ(opened->replySubjectOffset, msg->replySubjectOffset);
-        EXPECT_EQ(opened->mtypeOffset, msg->mtypeOffset);
-        EXPECT_EQ(opened->dataOffset, msg->dataOffset);
-    }
-}
 
 TEST(EnvelopeCreate, IsCreatedWithFieldsAsAddingThemDoes) {
     const SharedValue values[] = {scalarValue(FIELD_U16, &FieldData::u16, uint16_t{9}),

@@ -67,20 +67,4 @@ TEST(EnvelopeFaults, KeepsItsFieldsWhenItCannotOpen) {
     EXPECT_STREQ(text, "2");
 }
 
-// Fields by the hundred thousand, and "data" ahead of them: what takes a step for each pair of them
-// wouldn't end.
-TEST(EnvelopeFaults, OpensManyFieldsInTimeThatGrowsWithThem) {
-    constexpr uint32_t kFields = 300000;
-    Bytes many;
-    for (uint32_t i = 0; i < kFields; ++i) {
-        many.insert(many.end(), {0, FIELD_NONE, 0});
-    }
-    const Message msg = messageFrom(outer(kData + kApp + many));
-    ASSERT_EQ(msgOpenEnvelope(msg.get()), kStatusSuccess);
-    EXPECT_EQ(wireOf(msg.get()), outer(many + kData + kApp));
-    ASSERT_EQ(pelmoMsg_SetSendSubject(msg.get(), "A.B"), kStatusSuccess);
-    ASSERT_EQ(msgStripEnvelope(msg.get()), kStatusSuccess);
-    EXPECT_EQ(wireOf(msg.get()), outer(kSubAB + kMtypeD + kData + kApp));
-}
-
 }  // namespace

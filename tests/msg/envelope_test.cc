@@ -226,22 +226,6 @@ TEST(Envelope, ClosesAndOpensAgain) {
     EXPECT_EQ(pelmoMsg_GetSource(msg.get(), &port), kStatusNotFound);
 }
 
-TEST(Envelope, StripsWhatIsNotItsOwn) {
-    const Bytes foreign = field("x", *stringValue("y"), 7);
-    const Bytes image = outer(foreign + kSubAB + kCid + foreign + kReturnR + kMtypeD +
-                              field("e", *noneValue()) + kData + kApp);
-    const Bytes stripped = outer(kSubAB + kReturnR + kMtypeD + kData + kApp);
-    const Message closed = messageFrom(image), opened = messageFrom(image);
-    ASSERT_EQ(msgOpenEnvelope(opened.get()), kStatusSuccess);
-    for (const Message* msg : {&closed, &opened}) {
-        EXPECT_EQ(msgStripEnvelope(msg->get()), kStatusSuccess);
-        EXPECT_EQ(wireOf(msg->get()), stripped);
-        EXPECT_EQ(msgOpenEnvelope(msg->get()), kStatusSuccess);
-        EXPECT_EQ(sendSubjectOf(msg->get()), "A.B");
-        EXPECT_EQ(replySubjectOf(msg->get()), "R");
-    }
-}
-
 TEST(Envelope, TellsBadArguments) {
     const Message msg = appMessage();
     pelmoMsg dead{};

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "lib/base/log.h"
-#include "lib/containers/i32map.h"
 #include "lib/containers/sublist.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/lock_count.h"
@@ -68,15 +67,6 @@ void giveAll(ChunkPool* pool, const std::vector<Item*>& items) {
 
 void destroy(ChunkPool* pool) {
     poolDestroy(pool, __FILE__, __LINE__);
-}
-
-// On a thread of its own with a cache of its own, to its end.
-template <typename Body>
-void onThread(Body body) {
-    std::thread([&] {
-        poolThreadEnter();
-        body();
-    }).join();
 }
 
 // What was logged, without what the log itself puts ahead of each line.
@@ -187,25 +177,6 @@ TEST(Pool, GivesBackAtThe256thGive) {
     EXPECT_EQ(availableIn(other), 10u);
     destroy(pool);
     destroy(other);
-}
-
-TEST(Pool, GetsAllBackWhenAThreadEnds) {
-    const OpenPools open(1);
-    ChunkPool* pool = makePool(100, 1, 10);
-    std::vector<Item*> items;
-    onThread([&] { items = takeMany(pool, 101); });
-    EXPECT_EQ(chunksIn(pool), 200u);
-    EXPECT_EQ(availableIn(pool), 99u) << "its batch too";
-    onThread([&] { giveAll(pool, items); });  // others' chunks
-    EXPECT_EQ(availableIn(pool), 200u);
-    poolThreadRun(
-        [](void* argument) {
-            giveAll(static_cast<ChunkPool*>(argument),
-                    takeMany(static_cast<ChunkPool*>(argument), 5));
-        },
-        pool);
-    EXPECT_EQ(availableIn(pool), 200u);
-    destroy(pool);
 }
 
 TEST(Pool, DiesUnderTheCachesOfThreads) {
@@ -375,22 +346,13 @@ TEST(Pool, LeavesNothingHalfMade) {
 
 TEST(Pool, ServesContainers) {
     const OpenPools open(1);
-    ItemPool* mapPool = nullptr;
-    ItemPool* nodePool = nullptr;
-    ItemPool* bucketPool = nullptr;
-    ASSERT_TRUE(i32mapCreatePools(&mapPool, &nodePool, &bucketPool));
-    std::vector<void*> taken(250);
-    for (void*& item : taken) {
-        item = std::memset(itemTake(nodePool, 24), 0x5a, 24);
-    }
-    for (void* item : taken) {
-        itemGive(nodePool, item, 24);
-    }
-    for (ItemPool* pool : {mapPool, nodePool, bucketPool}) {
-        poolUnmake(pool);
-    }
     SubjectList* list = sublistCreatePooled();
-    EXPECT_NE(list, nullptr);
+    ASSERT_NE(list, nullptr);
+    const uint8_t subject[] = {0, 6, 1, 3, 'A', 0};
+    for (int i = 0; i < 250; ++i) {
+        EXPECT_TRUE(sublistAdd(list, subject, list, nullptr));
+    }
+    EXPECT_EQ(sublistRemove(list, subject, nullptr, nullptr), 250u);
     sublistDestroy(list);
 }
 
