@@ -38,22 +38,6 @@ Bytes textMessage(const std::string& text) {
 
 const std::string kHeading = "System host messages for port 7500\n";
 
-TEST(HostReport, TellsOfMessagesWithoutText) {
-    EXPECT_EQ(print({}), "");
-    const Bytes fine = textMessage("%s%n");  // never a format
-    const Bytes runsOver = patched(fine, fine.size() - 6, {100});
-    const Bytes noMagic = patched(fine, 4, {0});
-    const std::string size = std::to_string(fine.size());
-    EXPECT_EQ(print({runsOver, fine, noMagic, fine}),
-              kHeading + "[message of " + size +
-                  " bytes without text: The contents of the message are corrupt]\n"
-                  "{sub=[_PM.INFO.SYSTEM.HOST.h] s=\"%s%n\"}\n"
-                  "[message of " +
-                  size +
-                  " bytes without text: Invalid message]\n"
-                  "{sub=[_PM.INFO.SYSTEM.HOST.h] s=\"%s%n\"}\n\n");
-}
-
 TEST(HostReport, GoesOnWithoutMemory) {
     const std::string whole = print({textMessage("one"), textMessage("two")});
     const size_t runs = eachAllocationFails([&] {
