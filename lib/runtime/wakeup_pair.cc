@@ -35,7 +35,6 @@ struct WakeupPair {
     Lock lock;
 
     bool valid PELMO_GUARDED_BY(lock);  // the two sockets exist
-    int readHandle PELMO_GUARDED_BY(lock) = -1;
 
     // Written under `lock`, read without.
     std::atomic<bool> active;  // until destroyed
@@ -43,6 +42,7 @@ struct WakeupPair {
 
     // For signal handlers too. All sequentially consistent: see above.
     std::atomic<int> writeHandle;  // -1: none
+    std::atomic<int> readHandle;   // stands while there is a writeHandle
     std::atomic<int> wakers;       // wake-ups under way
     std::atomic<bool> signalled;   // stays set
 
@@ -59,8 +59,7 @@ void closeSocketsLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     const int writeHandle = pair->writeHandle.exchange(-1);
     while (pair->wakers.load() != 0)
         sched_yield();
-    loopbackPairClose({pair->readHandle, writeHandle});
-    pair->readHandle = -1;
+    loopbackPairClose({pair->readHandle.exchange(-1), writeHandle});
 }
 
 // Nobody else knows the pair once its last reference is gone.
@@ -100,7 +99,7 @@ bool drainLocked(const WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     char bytes[kWakesAtOnce];
     ssize_t got;
     do {
-        got = recv(pair->readHandle, bytes, sizeof(bytes), MSG_DONTWAIT);
+        got = recv(pair->readHandle.load(), bytes, sizeof(bytes), MSG_DONTWAIT);
     } while (got < 0 && errno == EINTR);
     if (got < 0) return passes(socketErrorFromErrno(errno));
     if (got == 0) logPrint("Socket pair unexpectedly closed, creating new pair");
@@ -134,7 +133,7 @@ pelmoStatus makeSocketsLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     if (pair->valid) return kStatusSuccess;
     LoopbackPair sockets;
     if (!loopbackPairMake(&sockets)) return kStatusSocketLimit;
-    pair->readHandle = sockets.readHandle;
+    pair->readHandle.store(sockets.readHandle);
     pair->writeHandle.store(sockets.writeHandle);
     pair->valid = true;
     return kStatusSuccess;
@@ -145,7 +144,7 @@ pelmoStatus makeEventLocked(WakeupPair* pair, uint32_t queueId) PELMO_REQUIRES(p
     pair->references.fetch_add(1, std::memory_order_relaxed);
     uint32_t event;
     const pelmoStatus status =
-        pelmoEvent_CreateIO(&event, queueId, onPairEvent, pair->readHandle, kIoRead, pair);
+        pelmoEvent_CreateIO(&event, queueId, onPairEvent, pair->readHandle.load(), kIoRead, pair);
     if (status != kStatusSuccess) {
         pair->references.fetch_sub(1, std::memory_order_relaxed);
         return status;
@@ -172,6 +171,7 @@ pelmoStatus wakeupPairCreate(WakeupPair** out,
     pair->onWake = onWake;
     pair->onFail = onFail;
     pair->closure = closure;
+    pair->readHandle.store(-1);
     pair->writeHandle.store(-1);
     pair->active.store(true);
     pair->references.store(1, std::memory_order_relaxed);
@@ -195,6 +195,10 @@ void wakeupPairWake(WakeupPair* pair) {
         while (handle >= 0 && send(handle, "*", 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
                errno == EINTR) {
         }
+        // The network doesn't carry the byte: the reader wakes by the end of its stream, and renews
+        // the pair.
+        const int readHandle = pair->readHandle.load();
+        if (handle >= 0 && loopbackPairIsStuck({readHandle, handle})) shutdown(readHandle, SHUT_RD);
     }
     pair->wakers.fetch_sub(1);
     errno = keptErrno;
