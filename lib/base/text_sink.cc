@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,13 +36,20 @@ bool awaitRoom(int descriptor) {
     }
 }
 
-// One write, which a pipe or a terminal with room takes without a wait.
-ssize_t writeSome(const TextSink& sink, std::string_view text) {
-    if (sink.isFile) return write(sink.descriptor, text.data(), text.size());
-    if (awaitRoom(sink.descriptor)) {
-        return write(sink.descriptor, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
+// One write that doesn't wait: EAGAIN where there is no room. The descriptor may be shared with
+// other processes, which O_NONBLOCK would surprise.
+ssize_t writeNow(int descriptor, std::string_view text) {
+    const iovec piece{.iov_base = const_cast<char*>(text.data()), .iov_len = text.size()};
+    const ssize_t count = pwritev2(descriptor, &piece, 1, -1, RWF_NOWAIT);
+    if (count >= 0 || errno != EOPNOTSUPP) return count;
+
+    // The system can't promise that of a terminal, and an older one not of a pipe. One that tells
+    // of room takes this much.
+    pollfd entry{.fd = descriptor, .events = POLLOUT, .revents = 0};
+    if (poll(&entry, 1, 0) > 0) {
+        return write(descriptor, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
     }
-    errno = ETIMEDOUT;
+    errno = EAGAIN;
     return -1;
 }
 
@@ -50,10 +58,13 @@ size_t writeAll(TextSink& sink, std::string_view text) {
     size_t written = 0;
     sink.error = 0;
     while (written < text.size()) {
-        const ssize_t count = writeSome(sink, text.substr(written));
+        const std::string_view rest = text.substr(written);
+        const ssize_t count = sink.isFile ? write(sink.descriptor, rest.data(), rest.size())
+                                          : writeNow(sink.descriptor, rest);
         if (count > 0) written += static_cast<size_t>(count);
-        if (count >= 0 || errno == EINTR || errno == EAGAIN) continue;
-        sink.error = errno;
+        if (count >= 0 || errno == EINTR) continue;
+        if (errno == EAGAIN && awaitRoom(sink.descriptor)) continue;
+        sink.error = errno == EAGAIN ? ETIME : errno;
         break;
     }
     return written;
