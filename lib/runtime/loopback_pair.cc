@@ -1,8 +1,8 @@
 #include "lib/runtime/loopback_pair.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <linux/tcp.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -82,9 +82,9 @@ bool setNoDelay(int socket) {
     return setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) == 0;
 }
 
-// Written to the one end and not yet come to the other, whether read there or not. The system counts
-// both with the socket's lock held, so that a write by somebody else is seen as a whole. None in a
-// local pair, which the question doesn't fit.
+// Written to the one end and not yet come to the other, whether read there or not. The system
+// counts both with the socket's lock held, so that a write by somebody else is seen as a whole.
+// None in a local pair, which the question doesn't fit.
 uint64_t bytesUnderWay(const LoopbackPair& pair) {
     tcp_info writer = {};
     tcp_info reader = {};

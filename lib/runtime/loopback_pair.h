@@ -1,5 +1,6 @@
-// Two ends of one connection, both this process' own: TCP over the loopback interface, without delay
-// (TCP_NODELAY), or a local stream pair where the system has no such interface or has it down.
+// Two ends of one connection, both this process' own: TCP over the loopback interface, without
+// delay (TCP_NODELAY), or a local stream pair where the system has no such interface or has it
+// down.
 //
 // Both ends are non-blocking, and closed on exec.
 
@@ -8,7 +9,7 @@
 #include <netinet/in.h>
 
 struct LoopbackPair {
-    int readHandle;   // of TCP, the accepted end
+    int readHandle;  // of TCP, the accepted end
     int writeHandle;
 };
 

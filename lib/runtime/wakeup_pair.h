@@ -1,6 +1,6 @@
 // A wake-up pair: any thread, or a signal handler, wakes a thread that waits for sockets. A byte
-// written to one end of a loopback connection (lib/runtime/loopback_pair.h) fires an IO event on the
-// other.
+// written to one end of a loopback connection (lib/runtime/loopback_pair.h) fires an IO event on
+// the other.
 //
 // A pair whose connection breaks, or that a wake-up finds stuck, remakes itself; where that fails,
 // its owner hears of it and tries again by wakeupPairRemake.

@@ -6,6 +6,7 @@ all the test says that and ends with status 77. Run as a program it tells which 
 """
 
 import collections
+import contextlib
 import ctypes
 import os
 import re
@@ -105,12 +106,14 @@ class Process:
 class Tool(Process):
     """The tool; what it prints goes to files of `folder`, its working directory."""
 
-    def __init__(self, binary, folder, *arguments, stdout=None, **env):
+    def __init__(self, binary, folder, *arguments, stdout=None, stderr=None, **env):
         self.folder = folder
         folder.mkdir(exist_ok=True)
-        with open(folder / "stdout", "wb") as out, open(folder / "stderr", "wb") as err:
+        with contextlib.ExitStack() as files:
+            def stream(given, name):
+                return given or files.enter_context(open(folder / name, "wb"))
             super().__init__(binary, *arguments, cwd=folder, env=environment(**env),
-                             stdout=stdout or out, stderr=err)
+                             stdout=stream(stdout, "stdout"), stderr=stream(stderr, "stderr"))
 
     def text(self, name="stdout"):
         path = self.folder / name
@@ -125,6 +128,11 @@ class Tool(Process):
                 raise AssertionError("the tool ended: " + self.text("stderr"))
             return len(self.reports(name)) >= count
         wait_until(test, "%d reports" % count)
+
+    def status_at(self, number, seconds):
+        """The exit status, where the tool ends within so many seconds of the signal."""
+        self.popen.send_signal(number)
+        return self.status(seconds)
 
     def stop(self, number=signal.SIGTERM):
         """Answers the exit status and how many seconds it took."""

@@ -5,8 +5,11 @@
 
 namespace {
 
-// The threads that set it are joined, or left behind on purpose, before it is read.
+// The threads that set it are joined, or left behind on purpose, before it is read. A signal
+// handler may read it.
 std::atomic<bool> failed = false;
+
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 }  // namespace
 

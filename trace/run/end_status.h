@@ -3,7 +3,7 @@
 //
 // The mark is silent: whoever sets it tells the reason.
 //
-// Threads: any.
+// Threads: any, and signal handlers.
 
 #pragma once
 

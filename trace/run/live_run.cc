@@ -1,9 +1,9 @@
 #include "trace/run/live_run.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "lib/base/clock.h"
-#include "lib/base/cond.h"
 #include "lib/base/log.h"
 #include "lib/base/thread.h"
 #include "trace/capture/capture_file.h"
@@ -11,18 +11,21 @@
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
 #include "trace/packets/classify.h"
+#include "trace/run/end_status.h"
 #include "trace/run/report_output.h"
 #include "trace/run/stop_wait.h"
+#include "trace/settings.h"
 
 namespace {
+
+constexpr double kLeastReportSeconds = 0.001;
 
 struct LiveRun {
     // Of the main thread.
     Thread* captureThread = nullptr;
 
-    Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
-    Cond reportEnded = {};  // made at the start
-    bool reporting PELMO_GUARDED_BY(lock) = false;
+    // Of the timer thread.
+    double lastReportSeconds = 0;
 };
 
 constinit LiveRun liveRun;
@@ -35,17 +38,14 @@ void capture(void*) {
     runCaptureLoop(captureState.captureHandle, handlePacket, 0);
 }
 
-void setReporting(bool reporting) {
-    const LockGuard guard(liveRun.lock);
-    liveRun.reporting = reporting;
-    if (!reporting) Cond_Signal(&liveRun.reportEnded);
+// A timer that was held up makes up for it, and would bring several reports at once.
+bool isTooSoon() {
+    const double now = clockSteadySeconds();
+    return std::exchange(liveRun.lastReportSeconds, now) == now &&
+           traceSettings.updateInterval == 0;
 }
 
 }  // namespace
-
-pelmoStatus liveRunInit() {
-    return Cond_Init(&liveRun.reportEnded);
-}
 
 pelmoStatus captureThreadStart() {
     return Thread_Create(&liveRun.captureThread, capture, nullptr);
@@ -57,15 +57,16 @@ void captureThreadRelease() {
 }
 
 void onSnapshotTimer() {
-    if (captureShuttingDown()) return;
+    if (captureShuttingDown() || isTooSoon()) return;
     TimeSpec now;
     clockNow(&now);
     SnapHeader* const snapshot = snapshotTake(now);
     captureFileFlush();
-    if (snapshot == nullptr) return;
-    setReporting(true);
-    reportPrint(snapshot);
-    setReporting(false);
+    if (snapshot != nullptr) reportPrint(snapshot);
+}
+
+double snapshotTimerSeconds() {
+    return std::max<double>(traceSettings.updateInterval, kLeastReportSeconds);
 }
 
 void waitForStop() {
@@ -73,14 +74,6 @@ void waitForStop() {
     if (status != kStatusSuccess) {
         logPrint("unable to wait for a stop signal: %s.", pelmoStatus_GetText(status));
     }
-    stopWaitRun();
+    if (!stopWaitRun()) endMarkFailed();
     stopWaitCleanup();
-}
-
-bool reportEndsWithin(double seconds) {
-    const LockGuard guard(liveRun.lock);
-    while (liveRun.reporting) {
-        if (Cond_TimedWait(&liveRun.reportEnded, &liveRun.lock, seconds) == kStatusTimeout) break;
-    }
-    return !liveRun.reporting;
 }

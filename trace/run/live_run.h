@@ -6,9 +6,6 @@
 
 #include "lib/base/status.h"
 
-// Ahead of the timers. kStatusNoMemory.
-[[nodiscard]] pelmoStatus liveRunInit();
-
 // The capture thread lives until libpcap fails, which the log tells; the process goes on without
 // it. kStatusNoMemory, kStatusNotInitialized where the system refuses the thread.
 [[nodiscard]] pelmoStatus captureThreadStart();
@@ -19,13 +16,12 @@ void captureThreadRelease();
 
 // Every update interval, on the timer thread: takes a snapshot at the wall clock's time, sees that
 // all saved frames are in their file, and prints the snapshot. Capture doesn't wait for the
-// printing.
+// printing. With an interval of 0 there is one report a millisecond at most.
 void onSnapshotTimer();
 
-// Returns when a signal has come.
-void waitForStop();
+// Seconds between two calls of it.
+[[nodiscard]] double snapshotTimerSeconds();
 
-// For the shutdown: does the report under way, if there is one, end within these seconds? It
-// doesn't where its reader has stalled, and whoever waits for the timer thread would then wait for
-// ever.
-[[nodiscard]] bool reportEndsWithin(double seconds);
+// Returns when a signal has come. Where none can be waited for it returns at once, which the log
+// tells, and the run doesn't end normally.
+void waitForStop();

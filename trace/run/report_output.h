@@ -1,6 +1,6 @@
-// Prints a report and sees whether it came out. Reports that can't be written to the standard output
-// are told in the log, once until they get through again; an offline run then doesn't end normally.
-// Where reports go to the log's file, the log sees to that itself.
+// Prints a report and sees whether it came out. Reports that can't be written to the standard
+// output are told in the log, once until they get through again; an offline run then doesn't end
+// normally. Where reports go to the log's file, the log sees to that itself.
 //
 // Threads: one at a time, as for printSnapshot.
 

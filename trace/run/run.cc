@@ -22,6 +22,7 @@
 #include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
 #include "trace/run/command_line.h"
+#include "trace/run/end_limit.h"
 #include "trace/run/end_status.h"
 #include "trace/run/live_run.h"
 #include "trace/run/offline_run.h"
@@ -35,7 +36,10 @@ namespace {
 constexpr char kBanner[] =
     "\nPelmo trace program\n\nVersion " PELMO_TOLD_VERSION " V1 11/12/20 06:42:40\n";
 constexpr double kRotationCheckSeconds = 1.0;
-constexpr double kLastReportSeconds = 0.5;
+
+// How long the end of a live run may take in all, and what of it is for the readers of the log.
+constexpr double kEndSeconds = 0.7;
+constexpr double kLogEndSeconds = 0.2;
 
 // A standard stream that the caller closed would lend its number to the next file opened, and log
 // lines and reports would land in a capture.
@@ -122,7 +126,7 @@ pelmoStatus startRotationTimer() {
 }
 
 pelmoStatus startSnapshotTimer() {
-    return startTimer<onSnapshotTimer>(traceSettings.updateInterval);
+    return startTimer<onSnapshotTimer>(snapshotTimerSeconds());
 }
 
 struct StartStep {
@@ -147,7 +151,6 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, openCaptureFile},
     {kEitherMode, filterSource},
     {kLiveOnly, markStart},
-    {kLiveOnly, liveRunInit},
     {kEitherMode, pelmo_Open},
     {kEitherMode, startRotationTimer},
     {kLiveOnly, startSnapshotTimer},
@@ -161,6 +164,8 @@ void leaveDirectory() {
 void runLive() {
     if (!traceSettings.foreground) leaveDirectory();
     waitForStop();
+    endLimitStart(kEndSeconds);
+    logBoundWaits(kLogEndSeconds);
 }
 
 // The capture thread isn't joined: a frame in flight may still want to be saved or counted. Behind
@@ -203,9 +208,8 @@ void stopTrace() {
     logClose();
     judgeCaptureFile();
     if (traceSettings.liveCapture) stopWaitRelease();
-    // All that was captured is safe by now. A report that nobody reads holds its thread and its
-    // stream, and every orderly end would wait for both.
-    if (!reportEndsWithin(kLastReportSeconds)) std::_Exit(endStatus());
+    // All that was captured is safe by now. A report that nobody reads holds its thread, for which
+    // this waits until the limit of the end.
     pelmo_Close();
 }
 

@@ -3,7 +3,10 @@
 #include <sched.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <ctime>
 #include <utility>
 
 #include "lib/base/cond.h"
@@ -16,8 +19,9 @@
 namespace {
 
 constexpr double kRestartSeconds = 1.0;
-constexpr double kLookSeconds = 1.0;
-constexpr int kStopSignals[] = {SIGINT, SIGTERM};
+constexpr double kLookSeconds = 0.25;
+constexpr int64_t kPatienceMilliseconds = 1000;
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 struct StopWait {
     Lock lock = PELMO_LOCK_READY(LockRank::kStop);
@@ -36,21 +40,51 @@ struct StopWait {
 
     // Written by the signal handler.
     std::atomic<bool> signalSeen = false;
+    std::atomic<int64_t> firstMilliseconds = 0;  // when the first came; 0: none has
     std::atomic<int> handlersInside = 0;
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free &&
+              std::atomic<int64_t>::is_always_lock_free &&
               std::atomic<WakeupPair*>::is_always_lock_free);
 
 constinit StopWait stop;
 
-void onSignal(int) {
+int64_t monotonicMilliseconds() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+// Is there a stop that should have come about by now? Some senders repeat their signal at once, and
+// mean no more by it.
+bool stopIsOverdue() {
+    const int64_t now = monotonicMilliseconds();
+    int64_t first = 0;
+    if (stop.firstMilliseconds.compare_exchange_strong(first, now)) return false;
+    return now - first >= kPatienceMilliseconds;
+}
+
+void onSignal(int number) {
     stop.handlersInside.fetch_add(1);
+    const int keptErrno = errno;
     if (stop.armed.load() && !stop.requested.load()) {
         stop.signalSeen.store(true);
         wakeupPairWake(stop.pair.load());
     }
+    if (stopIsOverdue()) {
+        signal(number, SIG_DFL);
+        raise(number);  // takes effect when this handler returns
+    }
+    errno = keptErrno;
     stop.handlersInside.fetch_sub(1);
+}
+
+// A hang-up that was ignored at the start (nohup) stays so.
+bool isLeftAlone(int number) {
+    struct sigaction present = {};
+    return number == SIGHUP && sigaction(number, nullptr, &present) == 0 &&
+           present.sa_handler == SIG_IGN;
 }
 
 void setHandler(void (*handler)(int)) {
@@ -58,8 +92,9 @@ void setHandler(void (*handler)(int)) {
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
-    for (const int number : kStopSignals)
-        sigaction(number, &action, nullptr);
+    for (const int number : kStopSignals) {
+        if (!isLeftAlone(number)) sigaction(number, &action, nullptr);
+    }
 }
 
 // What is to be called once the lock is free; null where there is nothing to decide.
@@ -120,6 +155,7 @@ void onStopPairFailed(void*) {
 pelmoStatus stopWaitInit(StopCallback callback) {
     const LockGuard guard(stop.lock);
     if (stop.armed) return kStatusNotPermitted;
+    stop.requested = false;
     // Stays for good: a waiter may still be leaving it.
     if (!stop.eventMade && Cond_Init(&stop.event) != kStatusSuccess) return kStatusNoMemory;
     stop.eventMade = true;
@@ -129,26 +165,29 @@ pelmoStatus stopWaitInit(StopCallback callback) {
         wakeupPairCreate(&pair, kFirstIoQueueId, onStopWake, onStopPairFailed, nullptr);
     if (status != kStatusSuccess) return status;
     stop.callback = callback;
-    stop.requested = false;
     stop.signalSeen = false;
+    stop.firstMilliseconds = 0;
     stop.pair = pair;
     stop.armed = true;
     setHandler(onSignal);
     return kStatusSuccess;
 }
 
-// While the loopback interface is down no byte gets through a pair, and nothing tells: the signal
-// itself is looked at now and then.
-void stopWaitRun() {
+// Whatever may keep the pair or its thread from telling of a signal, the signal itself is looked at
+// now and then.
+bool stopWaitRun() {
     StopCallback callback = nullptr;
+    bool requested = false;
     {
         const LockGuard guard(stop.lock);
         while (stop.armed && !stop.requested) {
             const pelmoStatus status = Cond_TimedWait(&stop.event, &stop.lock, kLookSeconds);
             if (status == kStatusTimeout) callback = decideLocked();
         }
+        requested = stop.requested;
     }
     if (callback != nullptr) callback();
+    return requested;
 }
 
 void stopWaitCleanup() {

@@ -98,6 +98,18 @@ TEST_F(LiveRunTest, CountsOnItsThreadAndReportsByTheWallClock) {
     EXPECT_EQ(report(), Lines({"Snapshot  2023-11-14 21:13:20  (-3610.0 elapsed seconds)", ""}));
 }
 
+TEST_F(LiveRunTest, ReportsOnceAMillisecondAtMost) {
+    FixedMonotonic steady(1000);
+    capture(0);
+    awaitCaptureThread();
+    traceSettings.updateInterval = 0;
+    EXPECT_EQ(snapshotTimerSeconds(), 0.001);
+    EXPECT_EQ(report().size(), 2u);
+    EXPECT_EQ(report().size(), 0u);
+    FixedMonotonic::set(1000, 1'000'000);
+    EXPECT_EQ(report().size(), 2u);
+}
+
 TEST_F(LiveRunTest, GoesOnReportingWhenTheSourceFails) {
     capture(2, 5);
     awaitCaptureThread();  // the log is read only when nobody writes to it

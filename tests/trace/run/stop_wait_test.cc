@@ -48,6 +48,7 @@ struct StopWait : testing::Test {
         pelmo_Close();
         EXPECT_EQ(signal(SIGINT, SIG_DFL), SIG_DFL);
         EXPECT_EQ(signal(SIGTERM, SIG_DFL), SIG_DFL);
+        EXPECT_EQ(signal(SIGHUP, SIG_DFL), SIG_DFL);
     }
 
     // Arms the wait; the pair's sockets are those that appear.
@@ -104,20 +105,31 @@ struct StopWait : testing::Test {
 };
 
 TEST_F(StopWait, ReturnsAtASignalOfEitherKind) {
-    for (const int number : {SIGINT, SIGTERM}) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
         raise(number);
-        stopWaitRun();
+        EXPECT_TRUE(stopWaitRun());
         raise(number);  // a second one changes nothing, nor does one behind the clean-up
         stopWaitCleanup();
         raise(number);
-        stopWaitRun();
+        (void)stopWaitRun();
     }
+}
+
+TEST_F(StopWait, LeavesAHangUpAloneThatWasIgnored) {
+    signal(SIGHUP, SIG_IGN);
+    ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
+    raise(SIGHUP);
+    raise(SIGINT);
+    EXPECT_TRUE(stopWaitRun());
+    stopWaitCleanup();
+    stopWaitRelease();
+    EXPECT_EQ(signal(SIGHUP, SIG_DFL), SIG_IGN);
 }
 
 TEST_F(StopWait, WakesWhoWaitsAndCallsBackOnce) {
     arm();
-    std::thread waiting(stopWaitRun);
+    std::thread waiting([] { EXPECT_TRUE(stopWaitRun()); });
     for (int i = 0; i < 100; ++i)
         kill(getpid(), SIGTERM);
     waiting.join();
@@ -127,7 +139,7 @@ TEST_F(StopWait, WakesWhoWaitsAndCallsBackOnce) {
 TEST_F(StopWait, NeedsTheLibrary) {
     pelmo_Close();
     EXPECT_EQ(stopWaitInit(nullptr), kStatusNotInitialized);
-    stopWaitRun();
+    (void)stopWaitRun();
     ASSERT_EQ(pelmo_Open(), kStatusSuccess);
     ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
     EXPECT_EQ(stopWaitInit(nullptr), kStatusNotPermitted);
@@ -139,7 +151,7 @@ TEST_F(StopWait, EachAllocationOfItsStartMayFail) {
         allocationsHeal();
         EXPECT_TRUE(status == kStatusSuccess || allocationsFailed() > 0);
         if (status == kStatusSuccess) raise(SIGINT);
-        stopWaitRun();
+        (void)stopWaitRun();
         stopWaitCleanup();
     });
     EXPECT_GT(failing, 3u);
@@ -151,7 +163,7 @@ TEST_F(StopWait, RemakesAPairThatBreaks) {
     breakPair();
     awaitNewPair(count);
     raise(SIGTERM);
-    stopWaitRun();
+    (void)stopWaitRun();
     EXPECT_EQ(callbacksInAll(), 1);
     EXPECT_EQ(run.logged(), Lines({"Socket pair unexpectedly closed, creating new pair"}));
 }
@@ -162,7 +174,7 @@ TEST_F(StopWait, SeesASignalThatComesWhileThePairIsBroken) {
     breakForGood();
     awaitNoPair();
     raise(SIGINT);
-    stopWaitRun();
+    (void)stopWaitRun();
     giveSocketsAgain();
     EXPECT_EQ(callbacksInAll(), 1);
 }
@@ -175,7 +187,7 @@ TEST_F(StopWait, GoesOnOnceThePairCanBeMadeAgain) {
     giveSocketsAgain();
     awaitNewPair(count);
     raise(SIGINT);
-    stopWaitRun();
+    (void)stopWaitRun();
     EXPECT_EQ(callbacksInAll(), 1);
 }
 
@@ -184,7 +196,7 @@ TEST_F(StopWait, EndsWhereNothingCouldBringASignal) {
     arm();
     ASSERT_EQ(pelmoQueue_DestroyEx(kTimerQueueId, nullptr, nullptr), kStatusSuccess);
     breakForGood();
-    stopWaitRun();
+    EXPECT_FALSE(stopWaitRun());
     giveSocketsAgain();
     EXPECT_EQ(callbacksInAll(), 0);
     EXPECT_EQ(run.logged(), Lines({"Socket pair unexpectedly closed, creating new pair",
