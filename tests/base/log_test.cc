@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "lib/base/log_pace.h"
 #include "lib/base/thread.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/fixed_clock.h"
@@ -349,6 +350,28 @@ TEST_F(Log, FollowsAStreamThatStaysTheCallers) {
     logSetStream(nullptr);
     logPrint("b");
     EXPECT_EQ(err.text(), line("b"));
+}
+
+TEST_F(Log, PacesTheLinesOfOneCauseOnceAskedTo) {
+    FixedMonotonic steady(1000);
+    for (int times = 0; times < 2; ++times)
+        logPaced("cause %d", 1);
+    std::string wanted = line("cause 1") + line("cause 1");
+    logPaceBegin();
+    for (int times = 0; times < 5; ++times) {
+        logPaced("cause %d", 1);
+        logPaced("cause %d", 2);
+    }
+    logPaceSettle();
+    wanted += line("cause 1") + line("cause 2");
+    EXPECT_EQ(err.text(), wanted);
+
+    FixedMonotonic::set(1001, 0);
+    logPaced("cause %d", 1);
+    logPaceSettle();
+    FixedMonotonic::set(1009, 0);
+    logPaceSettle();
+    EXPECT_EQ(err.text(), wanted + line("cause 1 (4 more)") + line("cause 2 (3 more)"));
 }
 
 // Four threads log, a fifth writes reports to the stream by itself, and the file rotates all the

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ bool growFor(NetEntry& net, uint32_t length) {
 void hostStatusStore(NetEntry& net, const uint8_t* message, uint32_t length) {
     const uint64_t wanted = uint64_t{length} + (kStatusAlignment - 1) + net.statusUsed;
     if (wanted > net.statusCapacity && !growFor(net, length)) {
-        logPrint("Out of memory allocating Host.status storage");
+        logPaced("Out of memory allocating Host.status storage");
         return;
     }
     std::memcpy(net.statusBuf + net.statusUsed, message, length);

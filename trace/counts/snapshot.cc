@@ -5,7 +5,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/base/lock.h"
-#include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "trace/counts/charge.h"
 #include "trace/counts/host_status.h"
 #include "trace/counts/snapshot_storage.h"
@@ -256,7 +256,7 @@ SnapHeader* snapshotTake(TimeSpec time) {
     Places places{};
     uint8_t* block = snapshotStorage(layOutAreas(sizeof(SnapHeader), sizes, places));
     if (block == nullptr) {
-        logPrint("Out of memory allocating snapshot storage");
+        logPaced("Out of memory allocating snapshot storage");
         return nullptr;
     }
 

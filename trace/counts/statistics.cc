@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "trace/counts/snapshot_storage.h"
 
 Lock statsLock = PELMO_LOCK_READY(LockRank::kStats);
@@ -29,7 +29,7 @@ using Owned = std::unique_ptr<Record, RecordFree>;
 template <typename Record>
 Owned<Record> makeRecord(const char* what) {
     auto* record = static_cast<Record*>(std::calloc(1, sizeof(Record)));
-    if (record == nullptr) logPrint("Out of memory allocating %s entry", what);
+    if (record == nullptr) logPaced("Out of memory allocating %s entry", what);
     return Owned<Record>(record);
 }
 
@@ -38,19 +38,19 @@ void makeDict(Dict32*& dict, uint32_t buckets, const char* what, bool& made) {
     if (!made) return;
     dict = dict32Create(buckets);
     made = dict != nullptr;
-    if (!made) logPrint("Out of memory creating %s dictionary", what);
+    if (!made) logPaced("Out of memory creating %s dictionary", what);
 }
 
 void makeDict(Dict64*& dict, uint32_t buckets, const char* what, bool& made) {
     if (!made) return;
     dict = dict64Create(buckets);
     made = dict != nullptr;
-    if (!made) logPrint("Out of memory creating %s dictionary", what);
+    if (!made) logPaced("Out of memory creating %s dictionary", what);
 }
 
 bool stored(pelmoStatus status, const char* what) {
     if (status == kStatusSuccess) return true;
-    logPrint("Out of memory storing %s entry", what);
+    logPaced("Out of memory storing %s entry", what);
     return false;
 }
 

@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "lib/containers/probe_index.h"
 
 namespace {
@@ -86,11 +86,11 @@ void freeSenders(SubjectEntry& subject) {
 
 SubjectEntry* subjectCreate(SubjectMap& subjects, const uint8_t* subject, uint32_t hash) {
     if (!subjectMapReserve(subjects)) {
-        logPrint("Out of memory storing subject entry");
+        logPaced("Out of memory storing subject entry");
         return nullptr;
     }
     uint8_t* record = subjectMapAdd(subjects, subject, hash);
-    if (record == nullptr) logPrint("Out of memory allocating subject entry");
+    if (record == nullptr) logPaced("Out of memory allocating subject entry");
     return reinterpret_cast<SubjectEntry*>(record);
 }
 
@@ -100,7 +100,7 @@ SubjectSender* subjectSender(SubjectEntry& subject, uint64_t key) {
         if (found != nullptr) return found;
     }
     if (const char* fault = reserveSender(subject)) {
-        logPrint("%s", fault);
+        logPaced("%s", fault);
         return nullptr;
     }
     SubjectSenders& senders = *subject.senders;

@@ -5,6 +5,7 @@
 
 #include "lib/base/clock.h"
 #include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "lib/base/thread.h"
 #include "trace/capture/capture_file.h"
 #include "trace/capture/capture_session.h"
@@ -63,6 +64,7 @@ void onSnapshotTimer() {
     SnapHeader* const snapshot = snapshotTake(now);
     captureFileFlush();
     if (snapshot != nullptr) reportPrint(snapshot);
+    logPaceSettle();
 }
 
 double snapshotTimerSeconds() {

@@ -10,6 +10,7 @@
 #include "lib/base/clock.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "lib/base/path.h"
 #include "lib/base/version.h"
 #include "lib/pelmo.h"
@@ -93,6 +94,7 @@ pelmoStatus markStart() {
     TimeSpec now;
     clockNow(&now);
     snapshotSetStart(now);
+    logPaceBegin();
     return kStatusSuccess;
 }
 

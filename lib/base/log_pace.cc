@@ -1,0 +1,109 @@
+#include "lib/base/log_pace.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <span>
+#include <utility>
+
+#include "lib/base/annotate.h"
+#include "lib/base/clock.h"
+#include "lib/base/lock.h"
+#include "lib/base/log.h"
+
+namespace {
+
+constexpr size_t kMostTexts = 32;
+constexpr size_t kTextBytes = 96;  // longer ones are cut
+constexpr double kPaceSeconds = 1.0;
+
+struct PacedText {
+    char text[kTextBytes];
+    double dueSeconds;  // when the next line may come
+    uint64_t held;
+};
+
+struct LogPace {
+    Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
+    bool begun PELMO_GUARDED_BY(lock) = false;
+    PacedText texts[kMostTexts] PELMO_GUARDED_BY(lock) = {};
+    size_t count PELMO_GUARDED_BY(lock) = 0;
+};
+
+constinit LogPace pace;
+
+// Null where there is no room for another.
+PacedText* findOrAddLocked(const char* text) PELMO_REQUIRES(pace.lock) {
+    const std::span known(pace.texts, pace.count);
+    const auto found = std::ranges::find_if(
+        known, [text](const PacedText& each) { return std::strcmp(each.text, text) == 0; });
+    if (found != known.end()) return &*found;
+    if (pace.count == kMostTexts) return nullptr;
+    PacedText& added = pace.texts[pace.count++];
+    added = {.text = "", .dueSeconds = 0, .held = 0};
+    std::strcpy(added.text, text);
+    return &added;
+}
+
+// Is the line to be written now, and with how many more? One that isn't is held.
+bool isDue(const char* text, uint64_t* more) {
+    const LockGuard guard(pace.lock);
+    PacedText* const paced = pace.begun ? findOrAddLocked(text) : nullptr;
+    if (paced == nullptr) return true;
+    const double now = clockSteadySeconds();
+    if (now < paced->dueSeconds) {
+        ++paced->held;
+        return false;
+    }
+    paced->dueSeconds = now + kPaceSeconds;
+    *more = std::exchange(paced->held, 0);
+    return true;
+}
+
+// What a text holds back for a second or longer; 0 where there is nothing to tell.
+uint64_t takeHeld(size_t place, char (&text)[kTextBytes]) {
+    const LockGuard guard(pace.lock);
+    PacedText& paced = pace.texts[place];
+    const double now = clockSteadySeconds();
+    if (paced.held == 0 || now < paced.dueSeconds) return 0;
+    paced.dueSeconds = now + kPaceSeconds;
+    std::strcpy(text, paced.text);
+    return std::exchange(paced.held, 0);
+}
+
+void writeLine(const char* text, uint64_t more) {
+    if (more == 0) {
+        logPrint("%s", text);
+    } else {
+        logPrint("%s (%" PRIu64 " more)", text, more);
+    }
+}
+
+}  // namespace
+
+void logPaced(const char* format, ...) {
+    char text[kTextBytes];
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+
+    uint64_t more = 0;
+    if (isDue(text, &more)) writeLine(text, more);
+}
+
+void logPaceBegin() {
+    const LockGuard guard(pace.lock);
+    pace.begun = true;
+}
+
+void logPaceSettle() {
+    for (size_t place = 0; place < kMostTexts; ++place) {
+        char text[kTextBytes];
+        const uint64_t held = takeHeld(place, text);
+        if (held != 0) writeLine(text, held - 1);
+    }
+}
