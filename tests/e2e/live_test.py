@@ -188,7 +188,14 @@ class Live(unittest.TestCase):
         tool = Tool(BINARY, self.folder / "tool", "-i", "listener2", "-u", "1")
         self.addCleanup(tool.close)
         tool.wait_for_reports(1)
-        run_quietly("ip", "link", "set", "listener2", "down")
+        for change in ("down", "up", "down"):
+            self.assertEqual(run_quietly("ip", "link", "set", "listener2", change).returncode, 0)
+        pattern = re.compile(r" pelmoscope: interface listener2 is (.*)\.$", re.MULTILINE)
+
+        def told():
+            return pattern.findall(tool.text("stderr"))
+        wait_until(lambda: len(told()) >= 3, "the interface's lines")
+        self.assertEqual(told(), ["down", "up again", "down"])
         tool.wait_for_reports(len(tool.reports()) + 1)
         run_quietly("ip", "link", "delete", "listener2")
         wait_until(lambda: " pelmoscope: pcap_loop: " in tool.text("stderr"), "the loop's error")

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "lib/base/log.h"
+#include "trace/capture/capture_state.h"
 
 namespace {
 
@@ -116,6 +117,7 @@ pcap_t* openLive(const char* interfaceName) {
     const char* const name = interfaceName != nullptr ? interfaceName : defaultInterface();
     if (name == nullptr) return nullptr;
 
+    captureState.interfaceName = name;
     std::printf("Using interface %s\n", name);
     if (pcap_t* const capture = openWithRoom(name)) return capture;
 

@@ -11,6 +11,7 @@
 struct CaptureState {
     // Constant once start-up is over, and written ahead of the capture thread.
     pcap_t* captureHandle = nullptr;
+    const char* interfaceName = nullptr;  // of a live source
     bool savingFrames = false;  // a capture file was opened; spares a run without one its lock
 
     // Set once, first thing of the shutdown. It orders nothing, hence relaxed: whoever shares data

@@ -25,6 +25,7 @@
 #include "trace/run/command_line.h"
 #include "trace/run/end_limit.h"
 #include "trace/run/end_status.h"
+#include "trace/run/link_watch.h"
 #include "trace/run/live_run.h"
 #include "trace/run/offline_run.h"
 #include "trace/run/rotation_settings.h"
@@ -131,6 +132,10 @@ pelmoStatus startSnapshotTimer() {
     return startTimer<onSnapshotTimer>(snapshotTimerSeconds());
 }
 
+pelmoStatus watchLink() {
+    return linkWatchStart(captureState.interfaceName);
+}
+
 struct StartStep {
     bool liveOnly;
     pelmoStatus (*run)();
@@ -156,6 +161,7 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, pelmo_Open},
     {kEitherMode, startRotationTimer},
     {kLiveOnly, startSnapshotTimer},
+    {kLiveOnly, watchLink},
     {kLiveOnly, captureThreadStart},
 };
 
