@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <span>
 
-#include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "lib/containers/dict.h"
 #include "trace/counts/statistics.h"
 
@@ -26,12 +26,12 @@ ServiceEntry* findService(uint64_t key) {
 ServiceEntry* createService(uint64_t key) {
     auto* entry = static_cast<ServiceEntry*>(std::calloc(1, sizeof(ServiceEntry)));
     if (entry == nullptr) {
-        logPrint("Out of memory allocating service entry");
+        logPaced("Out of memory allocating service entry");
         return nullptr;
     }
     if (services == nullptr) services = dict64Create(kServiceBuckets);
     if (services != nullptr && dict64Insert(services, key, entry) == kStatusSuccess) return entry;
-    logPrint("Out of memory storing service entry");
+    logPaced("Out of memory storing service entry");
     std::free(entry);
     return nullptr;
 }
