@@ -32,7 +32,7 @@ void clockNow(TimeSpec* out);
 void clockSeconds(double* out);
 
 // Seconds since 1970, as the wall clock told when the process first asked; from there on they go
-// with the monotonic clock and never step. For what is to come after so many seconds, not at some
+// with the monotonic clock and never step. For what falls due after so many seconds, and not at a
 // time of the day.
 [[nodiscard]] double clockSteadySeconds();
 

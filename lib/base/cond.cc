@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr double kMillisecondsMax = 1e12;  // some thirty years: nobody is there to see the end
+constexpr double kMillisecondsMax = 1e12;  // some thirty years, as good as for ever
 constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 void count(std::atomic<int32_t>& number, int32_t by) {
@@ -29,7 +29,7 @@ bool initWake(pthread_cond_t* wake) {
 
 timespec deadlineIn(double seconds) {
     const double milliseconds = std::trunc(seconds * 1000);
-    // A number that is none compares false and so becomes 0.
+    // Every comparison with NaN is false, so that it becomes 0.
     const auto wait = milliseconds > 0
                           ? static_cast<int64_t>(std::min(milliseconds, kMillisecondsMax))
                           : int64_t{0};

@@ -23,7 +23,7 @@
 namespace {
 
 constexpr size_t kNumberedNameBytes = 512;
-constexpr size_t kLineBytes = 1024;  // longer ones are written in pieces
+constexpr size_t kLineBytes = 1024;  // longer ones take memory
 
 // Text can reach the file without passing here, so its size is looked up now and then, but not on
 // each line: the look-up costs as much as the line.
@@ -153,8 +153,8 @@ size_t writeTextLocked(const char* text, size_t sizeBytes) PELMO_REQUIRES(state.
     return written;
 }
 
-// Ahead of a line: how many were lost before it, now that there may be room. A count that finds
-// none isn't a line that anybody misses.
+// Called ahead of each line: tells how many were lost before it, if there is room for that by now.
+// A count that is lost itself isn't counted.
 void tellLostLinesLocked() PELMO_REQUIRES(state.lock) {
     const FILE* const stream = streamLocked();
     if (state.rotating || (stream != state.file && stream != stderr)) return;
@@ -166,7 +166,8 @@ void tellLostLinesLocked() PELMO_REQUIRES(state.lock) {
     sink.lostLines = told ? 0 : lostLines;
 }
 
-// Behind a line or somebody's text: that it was lost, once, until what comes gets through again.
+// Called behind each line, and behind what others wrote: tells that text was lost. The next loss is
+// told once lines have come through again.
 void tellLossLocked() PELMO_REQUIRES(state.lock) {
     if (state.stream == stderr && state.errorSink.error != 0) state.hasLoss = true;
     if (state.stream != state.file) return;

@@ -14,11 +14,11 @@
 // moves it aside as a numbered file (lib/base/numbered_ring.h), and a new one begins with the
 // header. The limit is a trigger, not a cap. Only a regular file rotates.
 //
-// Failure: a line that can't be written is lost. The standard error stream tells of a file that
-// can't be written, once; and where there is room again, one line tells how many were lost. Lines
-// stay whole (lib/base/text_sink.h). Where a rotation can't rename
+// Failure: a line that can't be written is lost, and lines stay whole (lib/base/text_sink.h). When
+// the file can no longer be written, the standard error stream gets one line about it; when it can
+// be written again, one line in the file tells how many were lost. Where a rotation can't rename
 // the file, the file is emptied; where it can't open it anew, lines go to the standard error stream
-// and each further limit's worth of text tries again. The rotation tells both there.
+// and each further limit's worth of text tries again. The standard error stream tells of both.
 //
 // Threads: any, at any time, with any lock held. A line is written whole. Nothing is called back.
 // The stream of a file stays the same, and valid, through all rotations to the end of the process,
@@ -66,15 +66,15 @@ void logSetStream(FILE* stream);
 // Where lines go; null where there was none yet. For callers that print by themselves.
 [[nodiscard]] FILE* logStreamGet();
 
-// Rotates the file if it is full, and tells where text was lost. For those who wrote to the stream
-// by themselves.
+// For those who wrote to the stream by themselves: rotates the file if it is full, and tells if
+// text was lost.
 void logCheckRotation();
 
-// A line waits for the reader of a pipe, a socket or a terminal; from here on for no longer than
-// these seconds from now, and is lost then. For the end of the process. Infinity lifts the bound.
+// Lines wait for the reader of a pipe, a socket or a terminal. For the end of the process: in so
+// many seconds from now they stop to wait, and are lost. Infinity lifts the bound.
 void logBoundWaits(double seconds);
 
-// Was any line lost so far, or any text that others wrote to the file's stream?
+// Was a line lost since the process began, or text that others wrote to the file's stream?
 [[nodiscard]] bool logHasLoss();
 
 // The UTC stamp with fractions in place of the local one.

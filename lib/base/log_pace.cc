@@ -48,7 +48,8 @@ PacedText* findOrAddLocked(const char* text) PELMO_REQUIRES(pace.lock) {
     return &added;
 }
 
-// Is the line to be written now, and with how many more? One that isn't is held.
+// Is the line to be written now? If so, *more is how many were held back before it; if not, it is
+// held back.
 bool isDue(const char* text, uint64_t* more) {
     const LockGuard guard(pace.lock);
     PacedText* const paced = pace.begun ? findOrAddLocked(text) : nullptr;
@@ -63,7 +64,7 @@ bool isDue(const char* text, uint64_t* more) {
     return true;
 }
 
-// What a text holds back for a second or longer; 0 where there is nothing to tell.
+// How many lines of this place's text were held back for a second or longer.
 uint64_t takeHeld(size_t place, char (&text)[kTextBytes]) {
     const LockGuard guard(pace.lock);
     PacedText& paced = pace.texts[place];

@@ -1,15 +1,16 @@
-// Log lines of one cause that each packet may bring. Once they are paced, the same text comes at
-// most once a second, with a count of the rest:
+// Log lines that each packet may bring. Once the pace has begun, a line comes at most once a
+// second, with a count of those of the same text that were held back before it:
 //
 //     Out of memory allocating host entry
 //     Out of memory allocating host entry (81234 more)
 //
 // Until then each is written as it comes: what a run over a saved capture writes doesn't depend on
-// how quick it is.
+// its speed.
 //
-// Failure: there is room for 32 texts; those of others are written as they come.
+// Failure: 32 texts are known by their first 95 bytes. Lines of any further text are written as
+// they come.
 //
-// Threads: any, with any lock held that the log bears.
+// Threads: any, under any lock that ranks ahead of LockRank::kLeaf.
 
 #pragma once
 
@@ -17,5 +18,5 @@
 
 void logPaceBegin();
 
-// Tells of the texts held back for a second or longer, which may not come again to tell.
+// Writes the lines that were held back for a second or longer: their text may never come again.
 void logPaceSettle();

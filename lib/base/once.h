@@ -4,8 +4,8 @@
 //     const pelmoStatus status = oncePass(gate, [] { ... });
 //
 // Failure: kStatusOsError for a caller that gave up after 100 looks, 0.05 seconds apart; the set-up
-// may still end, and later callers then pass. So does a set-up that passes its own gate find out.
-// What the set-up itself has to report it keeps where its callers look.
+// may still end, and later callers then pass. A set-up that passes its own gate gets it, too. The
+// status of the set-up itself isn't handed on: the set-up stores it where its callers look.
 //
 // Threads: any. What the set-up wrote is seen by all who passed.
 

@@ -1,6 +1,6 @@
 // Paths and files.
 //
-// Threads: any; a relative path means what the process's directory is at that moment.
+// Threads: any. A relative path counts from the process's working directory at that moment.
 
 #pragma once
 

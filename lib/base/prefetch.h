@@ -1,5 +1,5 @@
-// Asking the cache for memory ahead of its use. What is asked for comes, or doesn't, while the
-// caller goes on; any address will do, also none.
+// Asking the cache for memory ahead of its use. The caller doesn't wait for it, and a prefetch
+// never faults: any address may be asked for, null as well.
 
 #pragma once
 

@@ -7,8 +7,8 @@
 #include <cstdarg>
 #include <cstddef>
 
-// Returns the length of what was written: sizeBytes - 1 where the text was cut. Size 0: nothing is
-// written, 0.
+// Returns the length of what was written: sizeBytes - 1 where the text was cut. With a size of 0
+// nothing is written, and the result is 0.
 [[gnu::format(printf, 3, 4)]] size_t boundedFormat(char* buffer,
                                                    size_t sizeBytes,
                                                    const char* format,
@@ -18,11 +18,11 @@
                                                        const char* format,
                                                        va_list arguments);
 
-// Size 0: nothing happens.
+// With a size of 0 nothing happens.
 void boundedCopy(char* destination, const char* source, size_t sizeBytes);
 
-// sizeBytes is that of the whole destination. Where its text already fills it, terminated or not,
-// nothing happens.
+// sizeBytes is the size of the whole destination. Where its text already fills it, terminated or
+// not, nothing happens.
 void boundedAppend(char* destination, const char* source, size_t sizeBytes);
 
 // The parts one behind the other, in a new block that the caller frees.

@@ -17,7 +17,7 @@
 
 namespace {
 
-// A wait looks this often whether it has become bounded.
+// How often a wait looks whether it has become bounded.
 constexpr double kLookSeconds = 0.1;
 
 // On the steady clock. Orders nothing: a wait that reads the old value looks again.
@@ -53,7 +53,7 @@ ssize_t writeNow(int descriptor, std::string_view text) {
     return -1;
 }
 
-// Returns how many bytes went out; `error` tells why that weren't all.
+// Returns how many bytes went out. Where that isn't all of them, `error` tells why.
 size_t writeAll(TextSink& sink, std::string_view text) {
     size_t written = 0;
     sink.error = 0;
@@ -70,7 +70,7 @@ size_t writeAll(TextSink& sink, std::string_view text) {
     return written;
 }
 
-// Takes the last bytes off the file again, unless somebody else has added to it meanwhile.
+// Cuts so many bytes off the file's end, unless another process has added to it meanwhile.
 bool takeBack(int descriptor, size_t sizeBytes) {
     const off_t end = lseek(descriptor, 0, SEEK_CUR);
     struct stat status = {};

@@ -1,18 +1,17 @@
-// Where lines of text leave the process: a descriptor, written without a buffer. What can't be
-// written is counted by lines and is nothing that the writer has to look after; each write tries
-// anew.
+// The output of the log: a descriptor that lines of text are written to, without a buffer. A line
+// that can't be written is lost and counted; the next one is tried all the same.
 //
-// Lines stay whole. A file keeps none of a line whose end found no room. Where a pipe, a socket or
-// a terminal took the begin of a line, what comes next begins a line of its own.
+// Lines stay whole. Where a file has room for a part of a line only, that part is taken off again.
+// Where a pipe, a socket or a terminal took a part, the next text begins on a line of its own.
 //
-// A write waits for the reader of a pipe as long as that takes, until waits are bounded: from then
-// on whatever a reader doesn't take in time is lost.
+// A write waits for the reader of a pipe as long as it takes. Once waits are bounded, what the
+// reader doesn't take in time is lost.
 //
-// Ownership: the sink closes its descriptor, if it owns one, when it gets another.
+// Ownership: a sink owns its descriptor, and closes it when it is given another.
 //
-// Failure: `error` tells why the last write lost text, as errno does; 0 where it lost none.
+// Failure: `error` is the errno of the last write if that lost text, else 0.
 //
-// Threads: a sink belongs to one at a time. Bounding the waits: any.
+// Threads: a sink has one user at a time. Waits may be bounded by any thread.
 
 #pragma once
 
@@ -20,20 +19,20 @@
 #include <cstdint>
 
 struct TextSink {
-    int descriptor = -1;  // none: text is dropped and not counted
-    bool isFile = false;  // a regular file, which never waits and can be cut back
-    bool isInsideLine = false;
+    int descriptor = -1;        // -1 for none: text is dropped, and not counted as lost
+    bool isFile = false;        // a regular file: it never waits and can be cut back
+    bool isInsideLine = false;  // what was written last has no line break at its end
 
     int error = 0;
-    uint64_t lostLines = 0;  // the owner clears it, once it has told them
+    uint64_t lostLines = 0;  // cleared by the user, who has told of them
 };
 
-// Takes the descriptor over, or -1 for none.
+// Takes the descriptor, which may be -1 for none.
 void textSinkSet(TextSink* sink, int descriptor);
 
-// Returns how many bytes stay written.
+// Returns how many bytes were written and not taken off again.
 size_t textSinkWrite(TextSink* sink, const char* text, size_t sizeBytes);
 
-// For the end of the process: no write in any sink, those under way among them, waits for longer
-// than these seconds from now. Infinity lifts the bound.
+// For the end of the process: in so many seconds from now all writes stop to wait, in every sink,
+// and none waits any more. Infinity lifts the bound.
 void textSinksBoundWaits(double seconds);

@@ -31,8 +31,8 @@ struct Thread {
 [[nodiscard]] pelmoStatus Thread_Init(Thread* thread, ThreadFunction function, void* argument);
 pelmoStatus Thread_Destroy(Thread* thread);
 
-// Waits for the thread's end, for as long as it takes. Again: returns at once. A thread that would
-// wait for itself gets kStatusOsError.
+// Waits for the thread's end, for as long as it takes. A second join returns at once. A thread that
+// would wait for itself gets kStatusOsError.
 pelmoStatus Thread_Join(Thread* thread);
 
 [[nodiscard]] bool Thread_IsCurrent(const Thread* thread);
@@ -40,7 +40,7 @@ pelmoStatus Thread_Join(Thread* thread);
 // The calling thread's number, the one that the system's own tools show.
 [[nodiscard]] uint64_t Thread_Number();
 
-// What each thread started from now on runs in place of its function: the hook calls
-// function(argument) itself, between what has to come before and after. Null: no hook.
+// Each thread started from now on runs the hook in place of its function: the hook does what has to
+// come first, calls function(argument) itself, and does what has to come last. Null for no hook.
 using ThreadStartHook = void (*)(ThreadFunction function, void* argument);
 void Thread_SetStartHook(ThreadStartHook hook);

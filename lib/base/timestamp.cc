@@ -19,7 +19,7 @@ bool isLeapYear(int64_t year) {
     return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
 }
 
-// Years are counted with a 0 within the arithmetic and without one outside.
+// The arithmetic counts with a year 0, which the calendar doesn't have.
 int64_t yearShown(int64_t year) {
     return year < 1 ? year - 1 : year;
 }

@@ -1,5 +1,6 @@
-// The last moment of a run. The readers of log, reports and capture file may stall, disks hang:
-// each step of an orderly end tries what it can, and this ends the process where one never returns.
+// The limit of a live run's end. A step of the orderly end may never return, where a reader of
+// reports or of a saved capture has stalled or a disk hangs; the limit ends the process all the
+// same.
 //
 // Threads: the main thread.
 

@@ -41,7 +41,7 @@ void setUp(bool isUp) {
     logPrint(isUp ? "interface %s is up again." : "interface %s is down.", watch.name);
 }
 
-// For the start, and where changes came too quickly for the system to keep them.
+// Asked at the start, and where the system had no room for all of its messages.
 bool askIsUp() {
     ifreq request = {};
     std::memcpy(request.ifr_name, watch.name, sizeof request.ifr_name);

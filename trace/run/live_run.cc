@@ -39,7 +39,7 @@ void capture(void*) {
     runCaptureLoop(captureState.captureHandle, handlePacket, 0);
 }
 
-// A timer that was held up makes up for it, and would bring several reports at once.
+// A timer that was held up catches up by firing several times in a row.
 bool isTooSoon() {
     const double now = clockSteadySeconds();
     return std::exchange(liveRun.lastReportSeconds, now) == now &&

@@ -22,6 +22,6 @@ void onSnapshotTimer();
 // Seconds between two calls of it.
 [[nodiscard]] double snapshotTimerSeconds();
 
-// Returns when a signal has come. Where none can be waited for it returns at once, which the log
-// tells, and the run doesn't end normally.
+// Returns when a signal has come. Where the run can't wait for one this returns at once, the log
+// tells why, and the end is marked as failed.
 void waitForStop();

@@ -10,5 +10,5 @@
 
 void reportPrint(SnapHeader* snapshot);
 
-// The same look at what else went to the standard output.
+// Does the same for whatever else was written to the standard output.
 void reportCheckOutput();

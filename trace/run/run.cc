@@ -39,7 +39,8 @@ constexpr char kBanner[] =
     "\nPelmo trace program\n\nVersion " PELMO_TOLD_VERSION " V1 11/12/20 06:42:40\n";
 constexpr double kRotationCheckSeconds = 1.0;
 
-// How long the end of a live run may take in all, and what of it is for the readers of the log.
+// How long the end of a live run may take in all, and how long of that the log waits for its
+// reader.
 constexpr double kEndSeconds = 0.7;
 constexpr double kLogEndSeconds = 0.2;
 
@@ -99,7 +100,7 @@ pelmoStatus markStart() {
     return kStatusSuccess;
 }
 
-// The write then fails, which is told.
+// The signal comes with a write that fails, and the failed write is told anyway.
 template <int kSignal>
 pelmoStatus outlive() {
     struct sigaction action = {};
@@ -111,7 +112,7 @@ pelmoStatus outlive() {
 // A limit of a file's size is a full disk like any other.
 constexpr auto outliveFileLimit = outlive<SIGXFSZ>;
 
-// A closed reader of the reports shall not end a run that others rely on.
+// A reader of the reports that goes away shall not end a run that others rely on.
 constexpr auto outliveReaders = outlive<SIGPIPE>;
 
 // What every timer of a run has in common. None is destroyed: they end with the library.
@@ -216,8 +217,8 @@ void stopTrace() {
     logClose();
     judgeCaptureFile();
     if (traceSettings.liveCapture) stopWaitRelease();
-    // All that was captured is safe by now. A report that nobody reads holds its thread, for which
-    // this waits until the limit of the end.
+    // All that was captured is safe by now. This joins the thread of a report under way: where that
+    // report's reader has stalled, the limit of the end comes first.
     pelmo_Close();
 }
 

@@ -56,8 +56,8 @@ int64_t monotonicMilliseconds() {
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// Is there a stop that should have come about by now? Some senders repeat their signal at once, and
-// mean no more by it.
+// Has a stop been asked for long enough ago that the process should have ended? Some senders repeat
+// their signal at once and mean only the one stop.
 bool stopIsOverdue() {
     const int64_t now = monotonicMilliseconds();
     int64_t first = 0;
@@ -119,7 +119,7 @@ void endRestartTimerLocked() PELMO_REQUIRES(stop.lock) {
     if (timer != kNoId) pelmoEvent_DestroyEx(timer, nullptr);
 }
 
-// A second without a working pair is over.
+// Runs after each second without a working pair.
 StopCallback restartLocked() PELMO_REQUIRES(stop.lock) {
     if (!stop.armed || stop.requested) return nullptr;
     if (stop.signalSeen) return decideLocked();
@@ -156,7 +156,7 @@ pelmoStatus stopWaitInit(StopCallback callback) {
     const LockGuard guard(stop.lock);
     if (stop.armed) return kStatusNotPermitted;
     stop.requested = false;
-    // Stays for good: a waiter may still be leaving it.
+    // The condition is never destroyed: a waiter may still be on its way out of it.
     if (!stop.eventMade && Cond_Init(&stop.event) != kStatusSuccess) return kStatusNoMemory;
     stop.eventMade = true;
 
@@ -173,8 +173,8 @@ pelmoStatus stopWaitInit(StopCallback callback) {
     return kStatusSuccess;
 }
 
-// Whatever may keep the pair or its thread from telling of a signal, the signal itself is looked at
-// now and then.
+// The wait also looks by itself whether a signal came: the pair may be stuck, or its thread may be
+// waiting for a reader of the log.
 bool stopWaitRun() {
     StopCallback callback = nullptr;
     bool requested = false;

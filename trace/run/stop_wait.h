@@ -2,8 +2,8 @@
 // at the start.
 //
 // The handler only writes a byte to a wake-up pair; the first IO thread takes it up and wakes the
-// waiter, who also looks four times a second whether a signal came that nobody told of. Where the
-// pair breaks and can't be remade, a timer tries again each second, and looks for a signal that
+// waiter, who also looks four times a second whether a signal came that didn't get through. Where
+// the pair breaks and can't be remade, a timer tries again each second, and looks for a signal that
 // came meanwhile.
 //
 //     (void)stopWaitInit(nullptr);
