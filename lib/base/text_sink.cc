@@ -41,10 +41,11 @@ bool awaitRoom(int descriptor) {
 ssize_t writeNow(int descriptor, std::string_view text) {
     const iovec piece{.iov_base = const_cast<char*>(text.data()), .iov_len = text.size()};
     const ssize_t count = pwritev2(descriptor, &piece, 1, -1, RWF_NOWAIT);
-    if (count >= 0 || errno != EOPNOTSUPP) return count;
+    if (count >= 0 || errno == EINTR) return count;
 
-    // The system can't promise that of a terminal, and an older one not of a pipe. One that tells
-    // of room takes this much.
+    // The system doesn't do that with a terminal, an older one not with a pipe, and some file
+    // systems refuse what would start the disk. What is ready by its own word takes this much at
+    // once, or tells the true fault.
     pollfd entry{.fd = descriptor, .events = POLLOUT, .revents = 0};
     if (poll(&entry, 1, 0) > 0) {
         return write(descriptor, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
