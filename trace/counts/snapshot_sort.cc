@@ -225,12 +225,17 @@ void sortEqual(std::span<SortKey> keys, const SnapSubject* subjects, const Scrat
     sortKeys(keys, scratch);
 }
 
+// Is the key one of several that agree, so that its subject will be read again?
+bool isShared(std::span<const SortKey> keys, size_t at) {
+    return at < keys.size() && sameKey(keys[at], keys[at - 1]);
+}
+
 // Sorted keys lead all over memory. While one is in hand, those that will be soon are asked for:
 // the record first, and once it has come, its subject.
 void prefetchSubject(std::span<const SortKey> keys, size_t at, const SnapSubject* subjects) {
     constexpr size_t kAhead = 12;
-    if (at + 2 * kAhead < keys.size()) prefetchLine(&subjects[keys[at + 2 * kAhead].index]);
-    if (at + kAhead < keys.size()) prefetchLine(subjects[keys[at + kAhead].index].subject);
+    if (isShared(keys, at + 2 * kAhead)) prefetchLine(&subjects[keys[at + 2 * kAhead].index]);
+    if (isShared(keys, at + kAhead)) prefetchLine(subjects[keys[at + kAhead].index].subject);
 }
 
 // Sorts keys that agree in the bytes taken so far. A subject has few bytes, and sixteen more of
