@@ -22,6 +22,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -104,21 +105,25 @@ int32_t subjectInit(uint8_t* buffer, int32_t size);
 // ends first comes first. Negative, 0 or positive.
 [[nodiscard]] int subjectCompare(const uint8_t* left, const uint8_t* right);
 
-// Is `subject`, `length` bytes, the one that is held? Eight at a time, the last of them by a load
-// that may overlap: nothing beyond `length` is read, and of a shorter subject no more than eight
-// bytes, since its own length is among them.
+// Is `subject`, `length` bytes, the one that is held? Nothing beyond `length` is read, and of a
+// shorter subject no more than eight bytes, since its own length is among them. Subjects of a usual
+// length are compared in four blocks that may overlap, which takes no branch that depends on it.
 [[nodiscard]] inline bool subjectIs(const uint8_t* held, const uint8_t* subject, size_t length) {
-    const auto load64 = [](const uint8_t* at) {
-        uint64_t word;
-        std::memcpy(&word, at, sizeof word);
-        return word;
+    constexpr size_t kBlockBytes = 16;
+    const auto differ = [held, subject](size_t at) {
+        uint64_t left, right;
+        std::memcpy(&left, held + at, sizeof left);
+        std::memcpy(&right, subject + at, sizeof right);
+        return left ^ right;
     };
+    const auto blockDiffers = [&](size_t at) { return differ(at) | differ(at + 8); };
     if (length < 8) return std::memcmp(held, subject, length) == 0;
-    size_t at = 0;
-    for (; at + 8 < length; at += 8) {
-        if (load64(held + at) != load64(subject + at)) return false;
-    }
-    return load64(held + length - 8) == load64(subject + length - 8);
+    if (differ(0) != 0) return false;
+    if (length < kBlockBytes) return differ(length - 8) == 0;
+    if (length > 4 * kBlockBytes) return std::memcmp(held, subject, length) == 0;
+    const size_t last = length - kBlockBytes;
+    return (differ(8) | blockDiffers(std::min(kBlockBytes, last)) |
+            blockDiffers(std::min(2 * kBlockBytes, last)) | blockDiffers(last)) == 0;
 }
 
 // For tables; differs from process to process.
