@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Brings a fresh Debian 12 to where the tree builds and runs: the packages that are missing, and the
-# two modules beside the built program. Run again, it finds all in place and asks apt nothing.
+# setup.sh [--long]: brings a fresh Debian 12 to where the tree builds and runs: the packages that are
+# missing, and the two modules beside the built program. With --long also what only the long tests
+# need. Run again, it finds all in place and asks apt nothing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -30,7 +31,9 @@ need libmsgpack-dev have_header msgpack.h
 need libuv1-dev have_header uv.h
 need clang-14 have_command clang++-14
 need clang-format-14 have_command clang-format-14
+need clang-tidy-14 have_command clang-tidy-14
 need libclang-rt-14-dev have_fuzzer
+[ "${1:-}" != --long ] || need debootstrap have_command debootstrap
 need debian-archive-keyring test -f /usr/share/keyrings/debian-archive-keyring.gpg
 
 if [ ${#missing[@]} -gt 0 ]; then
