@@ -60,8 +60,9 @@ SnapHeader* takeBusyInterval() {
     NetEntry* net = netEntry(*port, inet_addr("224.1.1.1"));
     port->live = net->live = 1;
     for (uint32_t i = 0; i < kHosts; ++i) {
-        HostEntry* host = hostEntry(*net, hostAddress(i), htons(8000));
-        host->live = 1;
+        HostEntry* host =
+            hostEntry({hostAddress(i), inet_addr("224.1.1.1"), htons(8000), htons(7500)});
+        markLive(*host);
         host->data += i;
         host->bytes += uint64_t{i} * 100;
     }

@@ -115,11 +115,14 @@ class Rows {
     std::vector<std::pair<std::pair<uint32_t, uint16_t>, std::string>> rows_;
 };
 
-template <typename Record, typename Text>
-void addRecords(Lines& lines, Dict64* dict, const char* head, Text text) {
+// Those of an index for which isWanted(record) holds.
+template <typename Record, typename IsWanted, typename Text>
+void addHosts(
+    Lines& lines, const ProbeIndex& index, IsWanted isWanted, const char* head, Text text) {
     Rows rows;
-    eachRecord<Record>(dict, [&](uint64_t key, const Record& record) {
-        rows.add(head, key, record.live, text(record));
+    eachHost<Record>(index, [&](const Record& record) {
+        if (!isWanted(record)) return;
+        rows.add(head, hostKey(record.path.address, record.path.port), record.live, text(record));
     });
     rows.moveTo(lines);
 }
@@ -153,7 +156,8 @@ void addSubjects(Lines& lines, NetEntry& net) {
 
 void addNet(Lines& lines, uint32_t address, NetEntry& net) {
     lines.push_back(std::string(" net ") + ipToText(hostOrder32(address)) + liveMark(net.live));
-    addRecords<HostEntry>(lines, net.hosts, "  host ", [](const HostEntry& host) {
+    const auto isOfNet = [&net](const HostEntry& host) { return host.net == &net; };
+    addHosts<HostEntry>(lines, statistics.hosts, isOfNet, "  host ", [](const HostEntry& host) {
         return senderState(host) + multicastCounts(host);
     });
     addSubjects(lines, net);
@@ -267,10 +271,11 @@ Lines treeText() {
         for (const auto& [address, net] : sortedRecords<NetEntry>(port->nets, hostOrder32)) {
             addNet(lines, address, *net);
         }
-        addRecords<RlHostEntry>(lines, port->rlHosts, " rl ",
-                                [](const RlHostEntry& host) { return rlCounts(host.counters); });
-        addRecords<PtpHostEntry>(lines, port->ptpHosts, " ptp ",
-                                 [](const PtpHostEntry& host) { return ptpCounts(host.counters); });
+        const auto isOfPort = [of = port](const auto& host) { return host.port == of; };
+        addHosts<RlHostEntry>(lines, statistics.rlHosts, isOfPort, " rl ",
+                              [](const RlHostEntry& host) { return rlCounts(host.counters); });
+        addHosts<PtpHostEntry>(lines, statistics.ptpHosts, isOfPort, " ptp ",
+                               [](const PtpHostEntry& host) { return ptpCounts(host.counters); });
     }
     return lines;
 }

@@ -83,11 +83,8 @@ TEST(OutOfMemory, GivesUpWhatDataPacketsNeed) {
     const std::vector<Shortage> expected = {
         {"Out of memory allocating port entry", noPort, onlySecond},
         {"Out of memory creating net dictionary", noPort, onlySecond},
-        {"Out of memory creating host RL dictionary", noPort, onlySecond},
-        {"Out of memory creating host PTP dictionary", noPort, onlySecond},
         {"Out of memory storing port entry", noPort, onlySecond},
         {"Out of memory allocating net entry", noNet, onlySecond},
-        {"Out of memory creating host dictionary", noNet, onlySecond},
         {"Out of memory storing net entry", noNet, onlySecond},
         {"Out of memory allocating host entry", noHost, onlySecond},
         {"Out of memory storing host entry", noHost, onlySecond},
@@ -162,13 +159,10 @@ TEST(OutOfMemory, GivesUpWhatPacketsBetweenTwoHostsNeed) {
         const std::vector<Shortage> expected = {
             {"Out of memory allocating port entry", noPort, after},
             {"Out of memory creating net dictionary", noPort, after},
-            {"Out of memory creating host RL dictionary", noPort, after},
-            {"Out of memory creating host PTP dictionary", noPort, after},
             {"Out of memory storing port entry", noPort, after},
             {"Out of memory allocating ptp host entry", noSource, after},
             {"Out of memory storing ptp host entry", noSource, after},
             {"Out of memory allocating ptp host entry", noDestination, after},
-            {"Out of memory storing ptp host entry", noDestination, after},
         };
         for (const bool forGood : {false, true}) {
             expectShortages({}, packet, packet, forGood, expected);

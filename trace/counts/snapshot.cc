@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "lib/base/bytes.h"
 #include "lib/base/lock.h"
@@ -22,26 +23,12 @@ constexpr size_t padded(size_t size, size_t alignment) {
     return (size + alignment - 1) & ~(alignment - 1);
 }
 
-template <typename Record, typename Visit>
-void eachLive(Dict64* dict, Visit visit) {
-    eachRecord<Record>(dict, [&](uint64_t key, Record& record) {
-        if (record.live != 0) visit(key, record);
-    });
-}
-
 // First pass: what there is to copy.
 struct Sizes {
     size_t ports, nets, hosts, rlHosts, ptpHosts, subjects, subjectHosts;
     size_t textBytes;
     size_t statusMsgs, statusBytes;
 };
-
-template <typename Record>
-size_t countLive(Dict64* dict) {
-    size_t count = 0;
-    eachLive<Record>(dict, [&](uint64_t, Record&) { ++count; });
-    return count;
-}
 
 // The subjects of a net lie all over memory, so those that are soon to come are asked for.
 SubjectEntry& nextSubject(const SubjectMap& subjects, uint32_t place, uint32_t ahead) {
@@ -63,7 +50,7 @@ void countNet(NetEntry& net, Sizes& sizes) {
     sweepSubjects(net);
     if (net.live == 0) return;
     ++sizes.nets;
-    sizes.hosts += countLive<HostEntry>(net.hosts);
+    sizes.hosts += net.liveHosts.count;
     sizes.statusMsgs += net.statusCount;
     sizes.statusBytes += net.statusUsed;
 }
@@ -77,8 +64,8 @@ Sizes countAll() {
         if (port.live == 0) return;
         ++sizes.ports;
         eachRecord<NetEntry>(port.nets, [&](uint32_t, NetEntry& net) { countNet(net, sizes); });
-        sizes.rlHosts += countLive<RlHostEntry>(port.rlHosts);
-        sizes.ptpHosts += countLive<PtpHostEntry>(port.ptpHosts);
+        sizes.rlHosts += port.liveRlHosts.count;
+        sizes.ptpHosts += port.livePtpHosts.count;
     });
     return sizes;
 }
@@ -120,10 +107,11 @@ uintptr_t layOutAreas(uintptr_t at, const Sizes& sizes, Places& places) {
     return at;
 }
 
-void copyHost(uint64_t key, HostEntry& host, SnapHost& to) {
+// What is known of the sender outlives the interval.
+void copyHost(HostEntry& host, SnapHost& to) {
     to = {
-        .host = hostKeyAddress(key),
-        .port = hostKeyPort(key),
+        .host = host.path.address,
+        .port = host.path.port,
         .reliability = host.reliability,
         .bad = host.bad,
         .gaps = host.gaps,
@@ -133,20 +121,13 @@ void copyHost(uint64_t key, HostEntry& host, SnapHost& to) {
         .rdata = host.rdata,
         .rbytes = host.rbytes,
     };
-
-    // What is known of the sender outlives the interval.
-    const HostEntry kept = host;
-    host = {};
-    host.key = kept.key;
-    host.epoch = kept.epoch;
-    host.lastSeq = kept.lastSeq;
-    host.reliability = kept.reliability;
+    host.data = host.bytes = host.nulls = host.gaps = host.bad = host.rdata = host.rbytes = 0;
 }
 
 template <typename Record, typename Snap>
-void copyTwoSidedHost(uint64_t key, Record& host, Snap& to) {
-    to = {hostKeyAddress(key), hostKeyPort(key), host.counters};
-    host = {};
+void copyTwoSidedHost(Record& host, Snap& to) {
+    to = {host.path.address, host.path.port, host.counters};
+    host.counters = {};
 }
 
 // Moves the live senders of a subject to the next places. Returns their count.
@@ -160,12 +141,21 @@ uint32_t copySenders(const SubjectEntry& subject, SnapSubjectHost*& place) {
     return static_cast<uint32_t>(place - first);
 }
 
-// Copies the live records of a dictionary to the next places of their array. Returns their count.
+// Moves what lives to the next places of its array and empties the list. Returns the count. The
+// records lie all over memory, so those that are soon to come are asked for.
 template <typename Record, typename Snap>
-uint32_t copyLive(Dict64* dict, Snap*& place, void (*copy)(uint64_t, Record&, Snap&)) {
-    const Snap* first = place;
-    eachLive<Record>(dict, [&](uint64_t key, Record& record) { copy(key, record, *place++); });
-    return static_cast<uint32_t>(place - first);
+uint32_t moveLive(LiveList<Record>& list, Snap*& place, void (*copy)(Record&, Snap&)) {
+    constexpr uint32_t kAhead = 8;
+    const uint32_t count = std::exchange(list.count, 0);
+    for (uint32_t i = 0; i < count; ++i) {
+        if (i + kAhead < count) {
+            prefetchBytes(reinterpret_cast<uint8_t*>(list.records[i + kAhead]), sizeof(Record));
+        }
+        Record& record = *list.records[i];
+        copy(record, *place++);
+        record.live = 0;
+    }
+    return count;
 }
 
 void copySubjects(NetEntry& net, Places& places, SnapNet& to) {
@@ -204,7 +194,7 @@ void copyNet(uint32_t address, NetEntry& net, Places& places) {
     to = {};
     to.net = address;
     to.hosts = places.hosts;
-    to.hostCount = copyLive(net.hosts, places.hosts, copyHost);
+    to.hostCount = moveLive(net.liveHosts, places.hosts, copyHost);
     copySubjects(net, places, to);
     copyStatusMessages(net, places, to);
     net.live = 0;
@@ -220,9 +210,9 @@ void copyPort(uint32_t number, PortEntry& port, Places& places) {
     });
     to.netCount = static_cast<uint32_t>(places.nets - to.nets);
     to.rlHosts = places.rlHosts;
-    to.rlHostCount = copyLive<RlHostEntry>(port.rlHosts, places.rlHosts, copyTwoSidedHost);
+    to.rlHostCount = moveLive<RlHostEntry>(port.liveRlHosts, places.rlHosts, copyTwoSidedHost);
     to.ptpHosts = places.ptpHosts;
-    to.ptpHostCount = copyLive<PtpHostEntry>(port.ptpHosts, places.ptpHosts, copyTwoSidedHost);
+    to.ptpHostCount = moveLive<PtpHostEntry>(port.livePtpHosts, places.ptpHosts, copyTwoSidedHost);
     port.live = 0;
 }
 

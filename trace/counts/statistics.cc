@@ -15,8 +15,6 @@ namespace {
 // Bucket counts at creation.
 constexpr uint32_t kPortBuckets = 32;
 constexpr uint32_t kNetBuckets = 4;
-constexpr uint32_t kTwoSidedBuckets = 4;
-constexpr uint32_t kHostBuckets = 256;
 
 // Records are zeroed C storage, so that running out of it is an answer and not an exception.
 struct RecordFree {
@@ -33,21 +31,6 @@ Owned<Record> makeRecord(const char* what) {
     return Owned<Record>(record);
 }
 
-// A dictionary of a record that is being made. `made` tells whether all before it were made.
-void makeDict(Dict32*& dict, uint32_t buckets, const char* what, bool& made) {
-    if (!made) return;
-    dict = dict32Create(buckets);
-    made = dict != nullptr;
-    if (!made) logPaced("Out of memory creating %s dictionary", what);
-}
-
-void makeDict(Dict64*& dict, uint32_t buckets, const char* what, bool& made) {
-    if (!made) return;
-    dict = dict64Create(buckets);
-    made = dict != nullptr;
-    if (!made) logPaced("Out of memory creating %s dictionary", what);
-}
-
 bool stored(pelmoStatus status, const char* what) {
     if (status == kStatusSuccess) return true;
     logPaced("Out of memory storing %s entry", what);
@@ -60,38 +43,18 @@ Record* findIn(Dict32* dict, uint32_t key) {
     return dict32Find(dict, key, &value) == kStatusSuccess ? static_cast<Record*>(value) : nullptr;
 }
 
-template <typename Record>
-Record* findIn(Dict64* dict, uint64_t key) {
-    void* value = nullptr;
-    return dict64Find(dict, key, &value) == kStatusSuccess ? static_cast<Record*>(value) : nullptr;
-}
-
-// Finds or creates a record that holds no dictionaries of its own.
-template <typename Record>
-Record* plainEntry(Dict64* dict, uint64_t key, const char* allocating, const char* storing) {
-    if (Record* found = findIn<Record>(dict, key)) return found;
-    Owned<Record> made = makeRecord<Record>(allocating);
-    if (made == nullptr || !stored(dict64Insert(dict, key, made.get()), storing)) return nullptr;
-    return made.release();
-}
-
 void freePort(PortEntry* port) {
     dict32Destroy(port->nets);
-    dict64Destroy(port->rlHosts);
-    dict64Destroy(port->ptpHosts);
+    liveFree(port->liveRlHosts);
+    liveFree(port->livePtpHosts);
     std::free(port);
 }
 
 void freeNet(NetEntry* net) {
-    dict64Destroy(net->hosts);
-    probeClear(net->hostIndex);
+    liveFree(net->liveHosts);
     subjectsClear(net->subjects);
     std::free(net->statusBuf);
     std::free(net);
-}
-
-void freeRecords(Dict64* dict) {
-    eachRecord<void*>(dict, [](uint64_t, void*& record) { std::free(&record); });
 }
 
 PortEntry* createPort(uint16_t dstPort) {
@@ -99,11 +62,10 @@ PortEntry* createPort(uint16_t dstPort) {
     if (made == nullptr) return nullptr;
 
     PortEntry* port = made.release();
-    bool whole = true;
-    makeDict(port->nets, kNetBuckets, "net", whole);
-    makeDict(port->rlHosts, kTwoSidedBuckets, "host RL", whole);
-    makeDict(port->ptpHosts, kTwoSidedBuckets, "host PTP", whole);
-    if (whole && stored(dict32Insert(statistics.ports, dstPort, port), "port")) return port;
+    port->nets = dict32Create(kNetBuckets);
+    if (port->nets == nullptr) logPaced("Out of memory creating net dictionary");
+    if (port->nets != nullptr && stored(dict32Insert(statistics.ports, dstPort, port), "port"))
+        return port;
     freePort(port);
     return nullptr;
 }
@@ -113,40 +75,56 @@ NetEntry* createNet(PortEntry& port, uint32_t dstIp) {
     if (made == nullptr) return nullptr;
 
     NetEntry* net = made.release();
+    net->port = &port;
     net->subjects.pool = &statistics.subjectLines;
     net->subjects.headBytes = sizeof(SubjectEntry);
-    bool whole = true;
-    makeDict(net->hosts, kHostBuckets, "host", whole);
-    if (whole && stored(dict32Insert(port.nets, dstIp, net), "net")) return net;
+    if (stored(dict32Insert(port.nets, dstIp, net), "net")) return net;
     freeNet(net);
     return nullptr;
 }
 
-uint32_t hashOfHost(const void* host) {
-    return probeHashKey(static_cast<const HostEntry*>(host)->key);
-}
-
-// Room in the index is made first: then only the dictionary can refuse the record.
-HostEntry* createHost(NetEntry& net, uint64_t key) {
-    Owned<HostEntry> made = makeRecord<HostEntry>("host");
+// A record that belongs to the list of what lives under its parent.
+template <typename Record>
+Record* createHost(ProbeIndex& index,
+                   LiveList<Record>& list,
+                   const HostPath& path,
+                   const char* what) {
+    Owned<Record> made = makeRecord<Record>(what);
     if (made == nullptr) return nullptr;
-    made->key = key;
-    const bool room = probeReserve(net.hostIndex, net.hostIndex.count + 1, hashOfHost);
-    const pelmoStatus status = room ? dict64Insert(net.hosts, key, made.get()) : kStatusNoMemory;
-    if (!stored(status, "host")) return nullptr;
-    (void)probeInsert(net.hostIndex, made.get(), hashOfHost);
+    made->path = path;
+    const bool entered = liveReserve(list) && enterHost(index, made.get());
+    if (!stored(entered ? kStatusSuccess : kStatusNoMemory, what)) return nullptr;
+    ++list.members;
     return made.release();
 }
 
-void freeWholeNet(NetEntry* net) {
-    freeRecords(net->hosts);
-    freeNet(net);
+HostEntry* createSender(const HostPath& path) {
+    PortEntry* port = portEntry(path.dstPort);
+    if (port == nullptr) return nullptr;
+    NetEntry* net = netEntry(*port, path.netAddress);
+    if (net == nullptr) return nullptr;
+    HostEntry* host = createHost(statistics.hosts, net->liveHosts, path, "host");
+    if (host != nullptr) host->net = net;
+    return host;
+}
+
+template <typename Record>
+Record* createTwoSided(ProbeIndex& index, LiveList<Record> PortEntry::*list, const HostPath& path) {
+    PortEntry* port = portEntry(path.dstPort);
+    if (port == nullptr) return nullptr;
+    Record* host = createHost(index, port->*list, path, "ptp host");
+    if (host != nullptr) host->port = port;
+    return host;
+}
+
+template <typename Record>
+void freeHosts(ProbeIndex& index) {
+    eachHost<Record>(index, [](Record& host) { std::free(&host); });
+    probeClear(index);
 }
 
 void freeWholePort(PortEntry* port) {
-    eachRecord<NetEntry>(port->nets, [](uint32_t, NetEntry& net) { freeWholeNet(&net); });
-    freeRecords(port->rlHosts);
-    freeRecords(port->ptpHosts);
+    eachRecord<NetEntry>(port->nets, [](uint32_t, NetEntry& net) { freeNet(&net); });
     freePort(port);
 }
 
@@ -164,6 +142,9 @@ void statsDestroy() {
                               [](uint32_t, PortEntry& port) { freeWholePort(&port); });
         dict32Destroy(statistics.ports);
     }
+    freeHosts<HostEntry>(statistics.hosts);
+    freeHosts<RlHostEntry>(statistics.rlHosts);
+    freeHosts<PtpHostEntry>(statistics.ptpHosts);
     linePoolClear(statistics.subjectLines);
     statistics = {};
     snapshotStorageFree();
@@ -179,34 +160,35 @@ NetEntry* netEntry(PortEntry& port, uint32_t dstIp) {
     return found != nullptr ? found : createNet(port, dstIp);
 }
 
-HostEntry* hostEntry(NetEntry& net, uint32_t srcIp, uint16_t srcPort) {
-    const uint64_t key = hostKey(srcIp, srcPort);
-    const auto matches = [key](void* host) { return static_cast<HostEntry*>(host)->key == key; };
-    void* found = probeFind(net.hostIndex, probeHashKey(key), matches);
-    return found != nullptr ? static_cast<HostEntry*>(found) : createHost(net, key);
+HostEntry* hostEntry(const HostPath& path) {
+    HostEntry* found = knownHost(path);
+    return found != nullptr ? found : createSender(path);
 }
 
-RlHostEntry* rlHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort) {
-    const uint64_t key = hostKey(address, udpPort);
-    return plainEntry<RlHostEntry>(port.rlHosts, key, "ptp host", "ptp host");
+RlHostEntry* rlHostEntry(const HostPath& path) {
+    auto* found = findHost<RlHostEntry>(statistics.rlHosts, path);
+    return found != nullptr ? found
+                            : createTwoSided(statistics.rlHosts, &PortEntry::liveRlHosts, path);
 }
 
-PtpHostEntry* ptpHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort) {
-    const uint64_t key = hostKey(address, udpPort);
-    return plainEntry<PtpHostEntry>(port.ptpHosts, key, "ptp host", "ptp host");
+PtpHostEntry* ptpHostEntry(const HostPath& path) {
+    auto* found = findHost<PtpHostEntry>(statistics.ptpHosts, path);
+    return found != nullptr ? found
+                            : createTwoSided(statistics.ptpHosts, &PortEntry::livePtpHosts, path);
 }
 
-SenderAhead prefetchSenderSlot(uint16_t dstPort, uint32_t dstIp, uint64_t senderKey) {
-    const auto* port = findIn<PortEntry>(statistics.ports, dstPort);
-    if (port == nullptr) return {};
-    const auto* net = findIn<NetEntry>(port->nets, dstIp);
-    if (net == nullptr) return {};
-    const uint32_t hash = probeHashKey(senderKey);
-    probePrefetchSlot(net->hostIndex, hash);
-    return {net, hash};
+void markLive(HostEntry& host) {
+    if (host.live != 0) return;
+    liveJoin(host.net->liveHosts, host);
+    host.net->live = host.net->port->live = 1;
 }
 
-void prefetchSender(const SenderAhead& ahead) {
-    if (ahead.net == nullptr) return;
-    probePrefetchEntry(ahead.net->hostIndex, ahead.hostHash, offsetof(HostEntry, bad));
+void markLive(RlHostEntry& host) {
+    liveJoin(host.port->liveRlHosts, host);
+    host.port->live = 1;
+}
+
+void markLive(PtpHostEntry& host) {
+    liveJoin(host.port->livePtpHosts, host);
+    host.port->live = 1;
 }

@@ -4,10 +4,13 @@
 //
 //     ports:  dstPort -> PortEntry
 //               nets:     dstIp -> NetEntry
-//                           hosts:    (srcIp, srcPort) -> HostEntry
+//                           (srcIp, srcPort) -> HostEntry
 //                           subjects: packed subject -> SubjectEntry (trace/counts/subjects.h)
-//               rlHosts:  (address, UDP port) -> RlHostEntry
-//               ptpHosts: (address, UDP port) -> PtpHostEntry
+//               (address, UDP port) -> RlHostEntry
+//               (address, UDP port) -> PtpHostEntry
+//
+// A packet goes the other way: the records of hosts stand in an index of each kind, by all that
+// names them, and lead to their net and port (trace/counts/host_index.h).
 //
 // Ownership: the tree owns its records and lives until the process ends. Only subjects are ever
 // removed: by the first snapshot, under a live port, that finds them silent.
@@ -16,8 +19,9 @@
 // dictionary it was for; nothing half-made stays. The caller gives the packet up, and the next
 // packet tries again.
 //
-// Liveness: `live` is set by a handler on every record of its path, ahead of the checks of the
-// packet's own header, and cleared by the snapshot. Only live records are reported.
+// Liveness: a handler marks every record of its path live, ahead of the checks of the packet's own
+// header, and the snapshot clears the marks, all of a path at once. So whoever finds a host live
+// needn't look at its net and port. Only live records are reported.
 //
 // Threads: all of it under `statsLock`.
 //
@@ -32,22 +36,27 @@
 #include "lib/base/lock.h"
 #include "lib/base/status.h"
 #include "lib/containers/dict.h"
-#include "lib/containers/probe_index.h"
 #include "trace/counts/charge_line.h"
+#include "trace/counts/host_index.h"
+#include "trace/counts/live_list.h"
 #include "trace/counts/subjects.h"
 #include "trace/counts/two_sided_counters.h"
+
+struct HostEntry;
+struct RlHostEntry;
+struct PtpHostEntry;
 
 struct PortEntry {
     uint32_t live;
     Dict32* nets;
-    Dict64* rlHosts;
-    Dict64* ptpHosts;
+    LiveList<RlHostEntry> liveRlHosts;
+    LiveList<PtpHostEntry> livePtpHosts;
 };
 
 struct NetEntry {
     uint32_t live;
-    Dict64* hosts;
-    ProbeIndex hostIndex;  // of the same records: where a packet finds its sender in one step
+    PortEntry* port;
+    LiveList<HostEntry> liveHosts;
     SubjectMap subjects;
     uint32_t liveSubjects;
 
@@ -59,34 +68,41 @@ struct NetEntry {
     uint32_t statusCount;     // messages
 };
 
-// One sender of multicast packets under a net. What new data reads or moves comes first.
+// One sender of multicast packets under a net. What data and null packets read or move without a
+// fault comes first: a cache line.
 struct HostEntry {
+    HostPath path;
     uint32_t live;
+    NetEntry* net;
 
     // What is known of the sender; outlives snapshots.
-    uint32_t epoch;    // last epoch word, host order
-    uint32_t lastSeq;  // highest sequence number of this epoch
-    uint64_t key;      // hostKey
+    uint32_t epoch;      // last epoch word, host order
+    uint32_t lastSeq;    // highest sequence number of this epoch
+    double reliability;  // of the last null packet that told it
 
     // Counters of the interval.
     uint64_t data, bytes;
+    uint64_t nulls;
     uint64_t gaps;  // sequence numbers missed
     uint64_t bad;
-    uint64_t nulls;
     uint64_t rdata, rbytes;  // repeated data: at or below lastSeq
-
-    double reliability;  // of the last null packet that told it; outlives snapshots
 };
+
+static_assert(offsetof(HostEntry, gaps) == kCacheLineBytes);
 
 // One host's part in retransmission control under a port.
 struct RlHostEntry {
+    HostPath path;
     uint32_t live;
+    PortEntry* port;
     RlCounters counters;
 };
 
 // The same for point-to-point traffic.
 struct PtpHostEntry {
+    HostPath path;
     uint32_t live;
+    PortEntry* port;
     PtpCounters counters;
 };
 
@@ -102,8 +118,9 @@ struct LiveCounts {
 
 struct Statistics {
     Dict32* ports;
-    uint32_t totalPackets;  // that reached classification since the last snapshot
-    uint32_t oskaPackets;   // that carried the magic
+    ProbeIndex hosts, rlHosts, ptpHosts;  // of all ports
+    uint32_t totalPackets;                // that reached classification since the last snapshot
+    uint32_t oskaPackets;                 // that carried the magic
     LiveCounts live;
     LinePool subjectLines;  // of all nets' subjects
     ChargeLine charges;
@@ -133,20 +150,22 @@ void statsDestroy();
 
 [[nodiscard]] PortEntry* portEntry(uint16_t dstPort);
 [[nodiscard]] NetEntry* netEntry(PortEntry& port, uint32_t dstIp);
-[[nodiscard]] HostEntry* hostEntry(NetEntry& net, uint32_t srcIp, uint16_t srcPort);
-[[nodiscard]] RlHostEntry* rlHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
-[[nodiscard]] PtpHostEntry* ptpHostEntry(PortEntry& port, uint32_t address, uint16_t udpPort);
 
-// On a large bus a packet's sender is two trips to memory: the slot of an index, and the record.
-// These ask the cache for them ahead of their use, so that the trips go on beside other work. They
-// create and mark nothing, and nothing depends on them.
-struct SenderAhead {
-    const NetEntry* net;  // null where no packet has come to it yet: nothing to ask for
-    uint32_t hostHash;
-};
+// These make port and net as well. Those of a port want 0 for the net.
+[[nodiscard]] HostEntry* hostEntry(const HostPath& path);
+[[nodiscard]] RlHostEntry* rlHostEntry(const HostPath& path);
+[[nodiscard]] PtpHostEntry* ptpHostEntry(const HostPath& path);
 
-[[nodiscard]] SenderAhead prefetchSenderSlot(uint16_t dstPort, uint32_t dstIp, uint64_t senderKey);
-void prefetchSender(const SenderAhead& ahead);
+// Ahead of hostEntry: begins the trips to memory that it would wait for, and gives null where that
+// has a record to make. Marks nothing.
+[[nodiscard]] inline HostEntry* knownHost(const HostPath& path) {
+    return findHost<HostEntry>(statistics.hosts, path);
+}
+
+// With all that the record stands under.
+void markLive(HostEntry& host);
+void markLive(RlHostEntry& host);
+void markLive(PtpHostEntry& host);
 
 // Calls visit(key, record) for each record of a dictionary, in the dictionary's order.
 template <typename Record, typename Visit>

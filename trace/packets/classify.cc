@@ -69,10 +69,10 @@ bool checksumFails(const uint8_t* ip, size_t length, const Extent& extent, uint3
     return true;
 }
 
-// The checksum is the work that the trip for a data packet's sender goes on beside.
-SenderAhead lookAhead(const OskaPacket& packet) {
-    if (packet.type != kOskaData) return {};
-    return prefetchSenderSlot(packet.dstPort, packet.dstIp, hostKey(packet.srcIp, packet.srcPort));
+// Ahead of the checksum, which is the work that the trips for the sender's record go on beside.
+HostEntry* knownSender(const OskaPacket& packet) {
+    const bool isMulticast = packet.type == kOskaData || packet.type == kOskaNull;
+    return isMulticast ? knownHost(senderPath(packet)) : nullptr;
 }
 
 OskaPacket openPacket(const uint8_t* ip, size_t length) {
@@ -91,10 +91,10 @@ OskaPacket openPacket(const uint8_t* ip, size_t length) {
         .header = {{oska, packetBytes}},
         .complete = extent.complete,
         .bad = extent.bad,
+        .sender = nullptr,
     };
-    const SenderAhead ahead = lookAhead(packet);
+    packet.sender = knownSender(packet);
     if (checksumFails(ip, length, extent, srcIp)) packet.bad = true;
-    prefetchSender(ahead);
     return packet;
 }
 

@@ -16,27 +16,16 @@ constexpr size_t kReliableNullHeaderBytes = 32;
 constexpr uint16_t kFragmentWhole = 0;
 constexpr uint16_t kFragmentRunsOn = 1;
 
-struct SenderPath {
-    NetEntry* net;
-    HostEntry* host;
-};
-
-// The records that the packet counts under, marked live ahead of every check: even a packet that
-// proves too short brings its sender into the report. Without a host where memory ran out.
-SenderPath findSender(const OskaPacket& packet) {
-    PortEntry* port = portEntry(packet.dstPort);
-    if (port == nullptr) return {};
-    NetEntry* net = netEntry(*port, packet.dstIp);
-    if (net == nullptr) return {};
-    HostEntry* host = hostEntry(*net, packet.srcIp, packet.srcPort);
-    if (host == nullptr) return {};
-
-    port->live = net->live = host->live = 1;
-    return {net, host};
+// The record that the packet counts under, marked live ahead of every check: even a packet that
+// proves too short brings its sender into the report. Null where memory ran out.
+HostEntry* findSender(const OskaPacket& packet) {
+    HostEntry* host = packet.sender != nullptr ? packet.sender : hostEntry(senderPath(packet));
+    if (host != nullptr) markLive(*host);
+    return host;
 }
 
 // False where the scan found a fault.
-bool scanData(const SenderPath& sender, const OskaPacket& packet) {
+bool scanData(const HostEntry& sender, const OskaPacket& packet) {
     const uint16_t fragment = loadBe16(packet.header, kFragmentOffset);
     if (fragment > kFragmentRunsOn) return true;
     const bool strict = packet.complete && fragment == kFragmentWhole;
@@ -45,8 +34,7 @@ bool scanData(const SenderPath& sender, const OskaPacket& packet) {
 }
 
 // Counts new or repeated data. False where the scan of new data found a fault.
-bool countData(const SenderPath& sender, const OskaPacket& packet, uint32_t dataBytes) {
-    HostEntry& host = *sender.host;
+bool countData(HostEntry& host, const OskaPacket& packet, uint32_t dataBytes) {
     const uint32_t epoch = loadBe32(packet.header, kOskaEpochOffset);
     const uint32_t seq = loadBe32(packet.header, kOskaSeqOffset);
     if (epoch != host.epoch) {
@@ -64,7 +52,7 @@ bool countData(const SenderPath& sender, const OskaPacket& packet, uint32_t data
     ++host.data;
     host.bytes += dataBytes;
     host.lastSeq = seq;
-    return scanData(sender, packet);
+    return scanData(host, packet);
 }
 
 void followNull(HostEntry& host, uint32_t epoch, uint32_t seq) {
@@ -80,36 +68,36 @@ void followNull(HostEntry& host, uint32_t epoch, uint32_t seq) {
 }  // namespace
 
 void dataHandle(const OskaPacket& packet) {
-    const SenderPath sender = findSender(packet);
-    if (sender.host == nullptr) return;
+    HostEntry* sender = findSender(packet);
+    if (sender == nullptr) return;
 
     Inspection inspection{packet, "data", packet.bad};
     if (!headerInHand(inspection, "data", kOskaDataHeaderBytes)) {
-        if (packet.complete) ++sender.host->bad;
+        if (packet.complete) ++sender->bad;
         return;
     }
     checkSrc(inspection);
     checkDstGroup(inspection);
     const uint32_t dataBytes = checkDataLength(inspection);
 
-    const bool sound = countData(sender, packet, dataBytes);
-    if (inspection.bad || !sound) ++sender.host->bad;
+    const bool sound = countData(*sender, packet, dataBytes);
+    if (inspection.bad || !sound) ++sender->bad;
 }
 
 void nullHandle(const OskaPacket& packet) {
-    const SenderPath sender = findSender(packet);
-    if (sender.host == nullptr) return;
+    HostEntry* sender = findSender(packet);
+    if (sender == nullptr) return;
 
     Inspection inspection{packet, "null", packet.bad};
     const bool reliable = packet.header.left.size() != kNullHeaderBytes;
     if (reliable && !headerInHand(inspection, "null", kReliableNullHeaderBytes)) {
-        if (packet.complete) ++sender.host->bad;
+        if (packet.complete) ++sender->bad;
         return;
     }
     checkSrc(inspection);
     checkDstGroup(inspection);
 
-    HostEntry& host = *sender.host;
+    HostEntry& host = *sender;
     if (reliable) {
         host.reliability = std::bit_cast<double>(loadBe64(packet.header, kReliabilityOffset));
     }
@@ -120,8 +108,8 @@ void nullHandle(const OskaPacket& packet) {
 }
 
 void unknownTypeHandle(const OskaPacket& packet) {
-    const SenderPath sender = findSender(packet);
-    if (sender.host == nullptr) return;
+    HostEntry* sender = findSender(packet);
+    if (sender == nullptr) return;
     complain(packet.srcIp, "OSKA packet with invalid type (%d)", packet.type);
-    ++sender.host->bad;
+    ++sender->bad;
 }

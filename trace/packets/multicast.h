@@ -16,6 +16,11 @@
 #include "trace/counts/statistics.h"
 #include "trace/packets/oska.h"
 
+// Where the packet's sender is counted.
+[[nodiscard]] inline HostPath senderPath(const OskaPacket& packet) {
+    return {packet.srcIp, packet.dstIp, packet.srcPort, packet.dstPort};
+}
+
 void dataHandle(const OskaPacket& packet);
 void nullHandle(const OskaPacket& packet);
 

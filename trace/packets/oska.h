@@ -34,6 +34,8 @@ enum OskaType : int16_t {
     kOskaPtpNak = 9,
 };
 
+struct HostEntry;
+
 // A packet as the classification hands it to its handler. The bytes are borrowed from the capture
 // for the length of the call.
 struct OskaPacket {
@@ -45,4 +47,7 @@ struct OskaPacket {
     Cursor header;  // stands on the magic; ends with the packet, or where the capture cut it
     bool complete;  // false where the capture cut the datagram
     bool bad;       // IP or UDP had a fault
+
+    // Of data and null packets: the sender's record, where it has one already.
+    HostEntry* sender;
 };

@@ -29,20 +29,19 @@ struct TwoSidedType {
     uint64_t Counters::*amountRecv;
 };
 
-// `find` finds or creates a record of the family under the packet's port.
+// `find` finds or creates a record of the family.
 template <typename Counters, typename Entry>
 void twoSidedHandle(const TwoSidedType<Counters>& type,
                     const OskaPacket& packet,
-                    Entry* (*find)(PortEntry& port, uint32_t address, uint16_t udpPort)) {
-    PortEntry* port = portEntry(packet.dstPort);
-    if (port == nullptr) return;
-    Entry* source = find(*port, packet.srcIp, packet.srcPort);
+                    Entry* (*find)(const HostPath& path)) {
+    Entry* source = find({packet.srcIp, 0, packet.srcPort, packet.dstPort});
     if (source == nullptr) return;
-    Entry* destination = find(*port, packet.dstIp, packet.dstPort);
+    Entry* destination = find({packet.dstIp, 0, packet.dstPort, packet.dstPort});
     if (destination == nullptr) return;
 
     // Ahead of every check: even a packet that proves too short brings its hosts into the report.
-    port->live = source->live = destination->live = 1;
+    markLive(*source);
+    markLive(*destination);
 
     Inspection inspection{packet, type.word, packet.bad};
     if (!headerInHand(inspection, type.headerWord, type.headerBytes)) {
