@@ -14,7 +14,8 @@ constexpr size_t kWideBytes = 32;
 using NarrowLanes [[gnu::vector_size(16)]] = uint64_t;  // SSE2 and NEON: every machine has it
 using WideLanes [[gnu::vector_size(kWideBytes)]] = uint64_t;
 
-// From `kWideBytes - width + n` on, a mask of that width that keeps the last n bytes.
+// The vector of `width` bytes from offset kWideBytes - width + n on is a mask that keeps the last
+// n.
 constexpr struct LastBytes {
     uint8_t mask[2 * kWideBytes] = {};
     constexpr LastBytes() {
@@ -23,8 +24,9 @@ constexpr struct LastBytes {
     }
 } kLastBytes;
 
-// At least a vector, and an even number of bytes. What is left behind whole vectors is taken by one
-// that ends with the data and overlaps the one before it; what that has summed is masked out.
+// Takes at least one vector, and an even number of bytes. What is left behind the whole vectors is
+// taken by one more that ends with the data; it overlaps the one before it, and the bytes that were
+// summed there are masked out.
 template <typename Lanes>
 [[gnu::always_inline]] inline uint64_t sumVectors(const uint8_t* data, size_t byteCount) {
     constexpr size_t width = sizeof(Lanes);

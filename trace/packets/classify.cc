@@ -28,7 +28,7 @@ constexpr size_t kOskaOffset = kUdpOffset + 8;
 constexpr size_t kUdpHeaderBytes = 8;
 constexpr size_t kLeastOskaBytes = 20;  // below this not even the type is in hand
 
-// How far the packet reaches in what is in hand.
+// Where the packet ends within the bytes in hand.
 struct Extent {
     size_t endOffset;  // from the IP header
     bool complete;     // the whole datagram is in hand
@@ -75,16 +75,21 @@ HostEntry* knownSender(const OskaPacket& packet) {
     return isMulticast ? knownHost(senderPath(packet)) : nullptr;
 }
 
+// The SCid, or 0 for a sender that has none.
+uint16_t srcPortOf(const uint8_t* ip) {
+    const uint32_t epoch = loadBe32At(ip + kOskaOffset + kOskaEpochOffset);
+    return (epoch & kOskaEpochHasScid) != 0 ? loadNet16At(ip + kUdpOffset) : uint16_t{0};
+}
+
 OskaPacket openPacket(const uint8_t* ip, size_t length) {
     const uint32_t srcIp = loadNet32At(ip + kIpSrcOffset);
     const Extent extent = settleExtent(ip, length, srcIp);
 
     const uint8_t* oska = ip + kOskaOffset;
-    const bool hasScid = (loadBe32At(oska + kOskaEpochOffset) & kOskaEpochHasScid) != 0;
     const size_t packetBytes = extent.endOffset > kOskaOffset ? extent.endOffset - kOskaOffset : 0;
     OskaPacket packet = {
         .srcIp = srcIp,
-        .srcPort = hasScid ? loadNet16At(ip + kUdpOffset) : uint16_t{0},
+        .srcPort = srcPortOf(ip),
         .dstIp = loadNet32At(ip + kIpDstOffset),
         .dstPort = loadNet16At(ip + kUdpDstPortOffset),
         .type = static_cast<int16_t>(loadBe16At(oska + kOskaTypeOffset)),
@@ -133,6 +138,12 @@ void classifyPacket(const uint8_t* ip, size_t length) {
     const OskaPacket packet = openPacket(ip, length);
     ++statistics.oskaPackets;
     dispatch(packet);
+}
+
+HostPath senderAhead(const uint8_t* ip, size_t length) {
+    if (length < kOskaOffset + kLeastOskaBytes) return {};
+    return {loadNet32At(ip + kIpSrcOffset), loadNet32At(ip + kIpDstOffset), srcPortOf(ip),
+            loadNet16At(ip + kUdpDstPortOffset)};
 }
 
 void analyzePacket(const uint8_t* ip, size_t length) {

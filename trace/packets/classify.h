@@ -22,6 +22,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "trace/counts/host_index.h"
+
 // `ip` begins at the IP header, `length` are the bytes in hand from there.
 void analyzePacket(const uint8_t* ip, size_t length);
 void classifyPacket(const uint8_t* ip, size_t length);
+
+// Where the sender of a data or null packet is counted; of any other, nowhere that matters.
+[[nodiscard]] HostPath senderAhead(const uint8_t* ip, size_t length);

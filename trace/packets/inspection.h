@@ -1,6 +1,6 @@
-// One packet on its way through the checks of its handler. A fault is told once, and only with
-// "-complain"; it marks the packet bad and changes nothing else: a bad packet is counted like a
-// good one, and as bad besides, once however much is wrong.
+// One packet on its way through the checks of its handler. A fault is logged, with "-complain"
+// only, and marks the packet bad. It changes nothing else: a bad packet is counted like a good one,
+// and once as bad besides, however many faults it has.
 //
 // Threads: under `statsLock`.
 
@@ -19,20 +19,21 @@ struct Inspection {
 // Logs "<format ...> from <source address>" with "-complain". Without it nothing is formatted.
 [[gnu::format(printf, 2, 3)]] void complain(uint32_t srcIp, const char* format, ...);
 
-// Is the type's header in hand? If not, a cut by the capture is no fault of the sender; anything
-// else is told and makes the packet bad.
+// Is the type's header in hand? Where the capture cut it off, the sender is not at fault; anywhere
+// else the fault is logged and the packet is bad.
 [[nodiscard]] bool headerInHand(Inspection& inspection, const char* headerWord, size_t headerBytes);
 
-// The sender's own address: neither none nor all.
+// The sender's own address may be neither 0.0.0.0 nor 255.255.255.255.
 void checkSrc(Inspection& inspection);
 
-// The destination that the sender wrote down; which of them holds depends on the type.
-void checkDstGroup(Inspection& inspection);   // none, or a multicast group
-void checkDstHost(Inspection& inspection);    // neither none nor all
-void checkDstSameIp(Inspection& inspection);  // what the IP header says
+// The destination in the packet's own header. Which of the three rules holds depends on the type.
+void checkDstGroup(Inspection& inspection);   // 0.0.0.0 or a multicast address
+void checkDstHost(Inspection& inspection);    // neither 0.0.0.0 nor 255.255.255.255
+void checkDstSameIp(Inspection& inspection);  // the address in the IP header
 
-// The data bytes behind the header, from the signed 16-bit word at offset 28: 0 for one that is
-// none. A length that runs past the capture's cut can't be checked and is believed.
+// Reads and checks how many data bytes follow the header: the signed 16-bit word at offset 28. A
+// length that isn't positive gives 0. A length that runs past the capture's cut can't be checked
+// and is believed.
 constexpr size_t kOskaLengthOffset = 28;
 constexpr size_t kOskaDataHeaderBytes = 32;
 [[nodiscard]] uint32_t checkDataLength(Inspection& inspection);

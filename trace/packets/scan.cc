@@ -52,7 +52,7 @@ struct Field {
     return Walk::kFault;
 }
 
-// Something reaches past what is in hand.
+// A message or field reaches past the bytes in hand.
 Walk shortfall(const ScanSource& source) {
     return source.strict ? messageFault(source, "invalid field") : Walk::kEnd;
 }

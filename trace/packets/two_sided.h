@@ -23,7 +23,7 @@ struct TwoSidedType {
     uint64_t Counters::*sent;
     uint64_t Counters::*recv;
 
-    // What else the packet carries: requests or bytes. None for most.
+    // Reads and checks what the packet carries besides, requests or bytes; null for most types.
     uint32_t (*checkAmount)(Inspection& inspection);
     uint64_t Counters::*amountSent;
     uint64_t Counters::*amountRecv;

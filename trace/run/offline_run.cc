@@ -9,6 +9,7 @@
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
 #include "trace/packets/classify.h"
+#include "trace/packets/packet_line.h"
 #include "trace/run/report_output.h"
 #include "trace/settings.h"
 
@@ -32,6 +33,7 @@ TimeSpec afterInterval(TimeSpec time) {
 }
 
 void reportSnapshot(const TimeSpec& time) {
+    packetsSettle();
     SnapHeader* const snapshot = snapshotTake(time);
     captureFileFlush();
     if (snapshot != nullptr) reportPrint(snapshot);
@@ -54,7 +56,7 @@ void handlePacket(TimeSpec time, const uint8_t* ip, size_t length) {
         offlineRun.nextSnapshotTime = afterInterval(offlineRun.nextSnapshotTime);
     }
     offlineRun.lastPacketTime = time;
-    classifyPacket(ip, length);
+    packetEnter(ip, length);
 }
 
 }  // namespace

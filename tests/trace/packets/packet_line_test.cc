@@ -1,0 +1,77 @@
+#include "trace/packets/packet_line.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/trace_run.h"
+#include "trace/counts/statistics.h"
+#include "trace/packets/classify.h"
+#include "trace/settings.h"
+
+namespace {
+
+using Handle = void (*)(const uint8_t* ip, size_t length);
+
+PacketHead senderHead(uint32_t sender) {
+    return {.srcIp = ipv4(10, 0, 0, 0) + sender};
+}
+
+// More senders than the cache is thought to hold; what comes behind may wait.
+void meetManySenders() {
+    for (uint32_t sender = 0; sender <= 4096; ++sender) {
+        analyze({nullPacket(senderHead(sender), {})});
+    }
+}
+
+std::vector<Bytes> packetsOfAllKinds() {
+    std::vector<Bytes> packets;
+    for (uint32_t i = 0; i < 20; ++i) {
+        const PacketHead head = senderHead(i % 7);
+        packets.push_back(dataPacket(head, busMessage("A.B" + std::to_string(i), 60)));
+        packets.push_back(nullPacket(senderHead(9000 + i), {}));
+        packets.push_back(ptpDataPacket(head, {1}));
+        packets.push_back(rreqPacket(head, 1));
+        packets.push_back(udpPacket({}, Bytes(i)));
+        if (i % 5 == 0) packets.push_back(dataPacket(head, busMessage("LARGE", 600)));
+    }
+    return packets;
+}
+
+Lines treeOf(Handle handle) {
+    TraceRun run(false);
+    meetManySenders();
+    for (const Bytes& packet : packetsOfAllKinds()) {
+        handle(packet.data(), packet.size());
+    }
+    packetsSettle();
+    return treeText();
+}
+
+TEST(PacketLine, CountsAsIfNothingHadWaited) {
+    EXPECT_EQ(treeOf(packetEnter), treeOf(classifyPacket));
+}
+
+TEST(PacketLine, HoldsBackOnlyWhatNobodyWouldMiss) {
+    const Bytes small = nullPacket(senderHead(1), {});
+    const Bytes large = dataPacket(senderHead(1), busMessage("LARGE", 600));
+    const struct {
+        bool complain, many;
+        const Bytes& packet;
+        bool waits;
+    } cases[] = {
+        {false, true, small, true},
+        {false, true, large, false},
+        {false, false, small, false},
+        {true, true, small, false},
+    };
+    for (const auto& [complain, many, packet, waits] : cases) {
+        TraceRun run(complain);
+        if (many) meetManySenders();
+        const uint32_t before = statistics.oskaPackets;
+        packetEnter(packet.data(), packet.size());
+        EXPECT_EQ(statistics.oskaPackets == before, waits);
+        packetsSettle();
+        EXPECT_EQ(statistics.oskaPackets, before + 1);
+    }
+}
+
+}  // namespace
