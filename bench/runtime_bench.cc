@@ -89,10 +89,10 @@ struct ArmedTimers {
 void timerInsertRemove(benchmark::State& state) {
     ArmedTimers armed;
     Held<Event> event;
-    check(event.get(armed.add(5'000.5), IdAccess::kUnlocked));
+    check(event.find(armed.add(5'000.5)));
     for (auto _ : state) {
-        check(Timer_Remove(event.pointer()));
-        check(Timer_Insert(event.pointer()));
+        check(Timer_Remove(event.get()));
+        check(Timer_Insert(event.get()));
     }
     event.release();
 }

@@ -22,6 +22,9 @@
 #define PELMO_RELEASE(...) PELMO_ANNOTATE(release_capability(__VA_ARGS__))
 #define PELMO_EXCLUDES(...) PELMO_ANNOTATE(locks_excluded(__VA_ARGS__))
 
+// On functions behind which the lock is held, or nothing that it guards is at hand.
+#define PELMO_ASSERTS(...) PELMO_ANNOTATE(assert_capability(__VA_ARGS__))
+
 // On functions whose locking the checker can't follow, such as a lock taken only sometimes. Each
 // use has its reason beside it.
 #define PELMO_UNCHECKED_LOCKING PELMO_ANNOTATE(no_thread_safety_analysis)

@@ -25,7 +25,7 @@ struct Batch {
 
 // Under both locks: makes `ready` hold what there is. A condition remembers several posts as one
 // signal, which wakes one thread: whoever leaves entries behind wakes the next.
-bool takePendingLocked(Queue* queue) PELMO_REQUIRES(queue->dataLock) {
+bool takePendingLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock, queue->dataLock) {
     if (queue->ready->count == 0) std::swap(queue->pending, queue->ready);
     const bool leavesSome = queue->ready->count + queue->pending->count > 1;
     if (leavesSome && queue->waiters != 0) Cond_Signal(&queue->cond);
@@ -75,7 +75,7 @@ pelmoMsg* frontEntry(const EntryRing* ring) {
 // False, holding nothing, where the entry's event is gone. Destroying an event takes the data lock:
 // one that is valid here stays so while this is held.
 bool eventOfEntry(const pelmoMsg* entry, Held<Event>& event) {
-    if (event.get(entry->deliveryEvent, IdAccess::kUnlocked) != kStatusSuccess) return false;
+    if (event.find(entry->deliveryEvent) != kStatusSuccess) return false;
     if (!Id_IsInvalid(&event->header)) return true;
     event.release();
     return false;
@@ -125,7 +125,7 @@ void fillBatchLocked(Batch& batch, Queue* queue, DispatchBatch kind)
             dropEntryLocked(queue);
             continue;
         }
-        if (!shareBatches(first, event.pointer())) return;
+        if (!shareBatches(first, event.get())) return;
         takeMessageLocked(batch, queue);
         batch.events[batch.eventCount++] = event.take();
     }
@@ -220,8 +220,8 @@ void releaseBatch(const Batch& batch) {
 
 pelmoStatus dispatchById(uint32_t id, double seconds, DispatchBatch kind) {
     Held<Queue> queue;
-    if (queue.get(id, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidQueue;
-    return Queue_Dispatch(queue.pointer(), seconds, kind);
+    if (queue.find(id) != kStatusSuccess) return kStatusInvalidQueue;
+    return Queue_Dispatch(queue.get(), seconds, kind);
 }
 
 }  // namespace

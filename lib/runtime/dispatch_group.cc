@@ -13,16 +13,16 @@
 
 namespace {
 
-uint32_t queueAt(const QueueGroup* group, uint32_t place) {
+uint32_t queueAtLocked(const QueueGroup* group, uint32_t place) PELMO_REQUIRES(group->header.lock) {
     return idFromItem(group->queues->items[place]);
 }
 
 // Entries of all queues. Ids that are gone leave the group on the way.
-uint64_t countEntriesLocked(QueueGroup* group) {
+uint64_t countEntriesLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock) {
     uint64_t total = 0;
     for (uint32_t place = 0; place < group->queues->count;) {
         uint32_t count = 0;
-        const pelmoStatus status = pelmoQueue_GetCount(queueAt(group, place), &count);
+        const pelmoStatus status = pelmoQueue_GetCount(queueAtLocked(group, place), &count);
         if (status == kStatusInvalidQueue) {
             dpaRemoveAt(group->queues, place);
             continue;
@@ -34,7 +34,7 @@ uint64_t countEntriesLocked(QueueGroup* group) {
 }
 
 // Several posts may have left one signal: whoever leaves entries behind wakes the next.
-bool hasEntriesLocked(QueueGroup* group) {
+bool hasEntriesLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock) {
     const uint64_t total = countEntriesLocked(group);
     if (total > 1 && group->cond.waiters.load(std::memory_order_relaxed) > 0) {
         Cond_Signal(&group->cond);
@@ -42,7 +42,8 @@ bool hasEntriesLocked(QueueGroup* group) {
     return total != 0;
 }
 
-pelmoStatus awaitEntriesLocked(QueueGroup* group, double seconds) {
+pelmoStatus awaitEntriesLocked(QueueGroup* group, double seconds)
+    PELMO_REQUIRES(group->header.lock) {
     DispatchWait wait{seconds};
     pelmoStatus status = kStatusSuccess;
     for (;;) {
@@ -58,23 +59,24 @@ pelmoStatus awaitEntriesLocked(QueueGroup* group, double seconds) {
 
 bool isOfPriority(uint32_t id, uint32_t priority) {
     Held<Queue> queue;
-    return queue.get(id, IdAccess::kLocked) == kStatusSuccess && queue->priority == priority;
+    return queue.findLocked(id) == kStatusSuccess && queue->priority == priority;
 }
 
 // Behind all others of its priority, so that they take turns.
-void rotateLocked(QueueGroup* group, uint32_t place, uint32_t priority) {
+void rotateLocked(QueueGroup* group, uint32_t place, uint32_t priority)
+    PELMO_REQUIRES(group->header.lock) {
     void** const items = group->queues->items;
     for (uint32_t next = place + 1; next < group->queues->count; ++place, ++next) {
-        if (!isOfPriority(queueAt(group, next), priority)) return;
+        if (!isOfPriority(queueAtLocked(group, next), priority)) return;
         std::swap(items[place], items[next]);
     }
 }
 
 // False, holding nothing, where none has entries.
-bool takeQueueLocked(QueueGroup* group, Held<Queue>& queue) {
+bool takeQueueLocked(QueueGroup* group, Held<Queue>& queue) PELMO_REQUIRES(group->header.lock) {
     for (uint32_t place = 0; place < group->queues->count; ++place) {
-        if (queue.get(queueAt(group, place), IdAccess::kLocked) != kStatusSuccess) continue;
-        if (Queue_CountLocked(queue.pointer()) == 0) {
+        if (queue.findLocked(queueAtLocked(group, place)) != kStatusSuccess) continue;
+        if (Queue_CountLocked(queue.get()) == 0) {
             queue.release();
             continue;
         }
@@ -88,15 +90,15 @@ bool takeQueueLocked(QueueGroup* group, Held<Queue>& queue) {
 
 pelmoStatus dispatchById(uint32_t id, double seconds) {
     Held<QueueGroup> group;
-    if (group.get(id, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueueGroup;
-    const pelmoStatus status = awaitEntriesLocked(group.pointer(), seconds);
+    if (group.findLocked(id) != kStatusSuccess) return kStatusInvalidQueueGroup;
+    const pelmoStatus status = awaitEntriesLocked(group.get(), seconds);
     if (status != kStatusSuccess) return status;
 
     Held<Queue> queue;
-    if (!takeQueueLocked(group.pointer(), queue)) return kStatusSuccess;
+    if (!takeQueueLocked(group.get(), queue)) return kStatusSuccess;
     group.leave();
     // Another thread may have been quicker, or the queue be gone: the step was taken all the same.
-    (void)Queue_Dispatch(queue.pointer(), 0.0, DispatchBatch::kMixedEvents);
+    (void)Queue_Dispatch(queue.get(), 0.0, DispatchBatch::kMixedEvents);
     return kStatusSuccess;
 }
 

@@ -36,15 +36,14 @@ struct Dispatcher {
 
     Lock joinLock;  // of several threads that join, one waits for the thread and the others for it
 
-    // Guarded by the object lock.
-    char* name;  // heap text; null reads "dispatcher"
+    char* name PELMO_GUARDED_BY(header.lock);  // heap text; null reads "dispatcher"
 };
 
-const char* nameLocked(const Dispatcher* dispatcher) {
+const char* nameLocked(const Dispatcher* dispatcher) PELMO_REQUIRES(dispatcher->header.lock) {
     return dispatcher->name != nullptr ? dispatcher->name : "dispatcher";
 }
 
-void destruct(IdHeader* object) {
+void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {  // nobody else knows it any more
     auto* dispatcher = reinterpret_cast<Dispatcher*>(object);
     if (dispatcher->thread != nullptr) Thread_Destroy(dispatcher->thread);
     Lock_Destroy(&dispatcher->joinLock);
@@ -109,14 +108,14 @@ pelmoStatus dispatchOnce(const Dispatcher* dispatcher) {
 void runDispatcher(void* argument) {
     Held<Dispatcher> self;
     const auto id = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
-    if (self.get(id, IdAccess::kUnlocked) != kStatusSuccess) return;
+    if (self.find(id) != kStatusSuccess) return;
 
     dispatchSetStopWord(&self->stopTarget);
     pelmoStatus status = kStatusSuccess;
     while (status == kStatusSuccess && !Id_IsInvalid(&self->header)) {
-        status = dispatchOnce(self.pointer());
+        status = dispatchOnce(self.get());
     }
-    tellOfExit(self.pointer(), Id_IsInvalid(&self->header) ? kStatusInvalidDispatcher : status);
+    tellOfExit(self.get(), Id_IsInvalid(&self->header) ? kStatusInvalidDispatcher : status);
     dispatchSetStopWord(nullptr);
 }
 
@@ -155,7 +154,7 @@ pelmoStatus publish(Dispatcher* dispatcher) {
 template <typename Object>
 bool tellWaitersOf(Dispatcher* dispatcher) {
     Held<Object> object;
-    if (object.get(dispatcher->dispatchable, IdAccess::kLocked) != kStatusSuccess) return false;
+    if (object.findLocked(dispatcher->dispatchable) != kStatusSuccess) return false;
     dispatcher->stopTarget = dispatcher->dispatchable;
     Cond_Broadcast(&object->cond);
     return true;
@@ -192,9 +191,9 @@ pelmoStatus pelmoDispatcher_CreateEx(uint32_t* out, uint32_t dispatchable, doubl
 pelmoStatus pelmoDispatcher_Destroy(uint32_t dispatcher) {
     traceLine(kTraceDispatch, "pelmoDispatcher_Destroy(%u)", dispatcher);
     Held<Dispatcher> held;
-    if (held.get(dispatcher, IdAccess::kDestroy) != kStatusSuccess) return kStatusInvalidDispatcher;
-    tellToStop(held.pointer());
-    if (!isOwnThread(held.pointer())) (void)join(held.pointer());
+    if (held.destroy(dispatcher) != kStatusSuccess) return kStatusInvalidDispatcher;
+    tellToStop(held.get());
+    if (!isOwnThread(held.get())) (void)join(held.get());
     return kStatusSuccess;
 }
 
@@ -202,10 +201,10 @@ pelmoStatus pelmoDispatcher_Join(uint32_t dispatcher) {
     traceLine(kTraceDispatch, "pelmoDispatcher_Join(%u)", dispatcher);
     if (!libraryIsOpen()) return kStatusNotInitialized;
     Held<Dispatcher> held;
-    if (held.get(dispatcher, IdAccess::kUnlocked) != kStatusSuccess) {
+    if (held.find(dispatcher) != kStatusSuccess) {
         return kStatusInvalidDispatcher;
     }
-    return join(held.pointer());
+    return join(held.get());
 }
 
 pelmoStatus pelmoDispatcher_GetName(uint32_t dispatcher, const char** out) {
@@ -213,8 +212,8 @@ pelmoStatus pelmoDispatcher_GetName(uint32_t dispatcher, const char** out) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     if (out == nullptr) return kStatusInvalidArgument;
     Held<Dispatcher> held;
-    if (held.get(dispatcher, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueue;
-    *out = nameLocked(held.pointer());
+    if (held.findLocked(dispatcher) != kStatusSuccess) return kStatusInvalidQueue;
+    *out = nameLocked(held.get());
     return kStatusSuccess;
 }
 
@@ -223,7 +222,7 @@ pelmoStatus pelmoDispatcher_SetName(uint32_t dispatcher, const char* name) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     if (name == nullptr) return kStatusInvalidArgument;
     Held<Dispatcher> held;
-    if (held.get(dispatcher, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidDispatcher;
+    if (held.findLocked(dispatcher) != kStatusSuccess) return kStatusInvalidDispatcher;
     char* const copy = concat2(name, "");
     if (copy == nullptr) return kStatusNoMemory;
     std::free(held->name);

@@ -33,7 +33,7 @@ pelmoStatus readEvent(uint32_t id, uint32_t kind, Value* out, Read read) {
     const pelmoStatus status = Event_Find(found, id, kind);
     if (status != kStatusSuccess) return status;
     if (out == nullptr) return kStatusInvalidArgument;
-    *out = read(*found.pointer());
+    *out = read(*found.get());
     return kStatusSuccess;
 }
 
@@ -56,7 +56,7 @@ pelmoStatus Event_New(Held<Event>& out, EventKind kind, Held<Queue>& queue) {
 }
 
 pelmoStatus Event_Find(Held<Event>& event, uint32_t id, uint32_t kind) {
-    if (event.get(id, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidEvent;
+    if (event.find(id) != kStatusSuccess) return kStatusInvalidEvent;
     return kind == kAnyKind || event->kind == kind ? kStatusSuccess : kStatusInvalidEvent;
 }
 
@@ -115,7 +115,7 @@ pelmoStatus Event_NewListener(Event** out,
                               bool isInbox,
                               uint32_t inboxCapacity) {
     Held<Queue> queue;
-    if (queue.get(request.queueId, IdAccess::kUnlocked) != kStatusSuccess) {
+    if (queue.find(request.queueId) != kStatusSuccess) {
         return kStatusInvalidQueue;
     }
     Held<Event> event;

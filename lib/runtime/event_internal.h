@@ -104,8 +104,8 @@ struct EventRun {
         if (id != wanted) {
             event.release();
             id = wanted;
-            (void)event.get(id, IdAccess::kUnlocked);
+            (void)event.find(id);
         }
-        return event && !Id_IsInvalid(&event->header) ? event.pointer() : nullptr;
+        return event && !Id_IsInvalid(&event->header) ? event.get() : nullptr;
     }
 };

@@ -28,9 +28,9 @@ void dispatchAll(Queue* queue) {
 void runTimers(void* argument) {
     const auto epoch = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
     Held<Queue> queue;
-    if (queue.get(kTimerQueueId, IdAccess::kUnlocked) != kStatusSuccess) return;
+    if (queue.find(kTimerQueueId) != kStatusSuccess) return;
     while (evmIsAt(epoch) && !Id_IsInvalid(&queue->header)) {
-        dispatchAll(queue.pointer());
+        dispatchAll(queue.get());
         double now;
         if (!timersAwait(epoch, &now)) return;
         (void)timersFire(epoch, now);
@@ -49,9 +49,9 @@ void runIo(void* argument) {
     auto* const own = static_cast<IoThread*>(argument);
     const uint32_t epoch = own->epoch;
     Held<Queue> queue;
-    if (queue.get(own->queueId, IdAccess::kUnlocked) != kStatusSuccess) return;
+    if (queue.find(own->queueId) != kStatusSuccess) return;
     while (evmIsAt(epoch) && !Id_IsInvalid(&queue->header)) {
-        dispatchAll(queue.pointer());
+        dispatchAll(queue.get());
         if (!evmIsAt(epoch)) return;
         if (!ioThreadPass(own, hasWakeup(own))) return;
     }

@@ -18,13 +18,13 @@ namespace {
 // failure nothing is left of the event.
 pelmoStatus publish(Held<Event>& event, pelmoStatus (*bind)(Event*), uint32_t* out) {
     Held<Event> creator;
-    creator.share(event.pointer());
+    creator.share(event.get());
     uint32_t id;
     pelmoStatus status = Id_SetGlobal(&creator->header, &id);
     if (status != kStatusSuccess) return status;
 
     IdHeader* const base = &event.take()->header;
-    status = bind(creator.pointer());
+    status = bind(creator.get());
     if (status == kStatusSuccess) {
         *out = id;
         return kStatusSuccess;
@@ -90,7 +90,7 @@ pelmoStatus pelmoEvent_CreateTimer(uint32_t* out,
     if (out == nullptr) return kStatusInvalidEvent;
     if (isNoInterval(intervalSeconds)) return kStatusInvalidInterval;
     Held<Queue> target;
-    if (target.get(queue, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidQueue;
+    if (target.find(queue) != kStatusSuccess) return kStatusInvalidQueue;
 
     Held<Event> event;
     pelmoStatus status = Event_New(event, kEventTimer, target);
@@ -118,7 +118,7 @@ pelmoStatus pelmoEvent_CreateIO(uint32_t* out,
     if (callback == nullptr) return kStatusInvalidCallback;
     if (out == nullptr) return kStatusInvalidEvent;
     Held<Queue> target;
-    if (target.get(queue, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidQueue;
+    if (target.find(queue) != kStatusSuccess) return kStatusInvalidQueue;
 
     Held<Event> event;
     pelmoStatus status = Event_New(event, kEventIo, target);
@@ -219,14 +219,14 @@ pelmoStatus _pelmoTransport_AddPolledListener(uint32_t* out,
 pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion) {
     traceLine(kTraceEvents, "pelmoEvent_DestroyEx(%u, %p)", event, traceCallback(completion));
     Held<Event> found;
-    if (found.get(event, IdAccess::kUnlocked) != kStatusSuccess) return kStatusInvalidEvent;
+    if (found.find(event) != kStatusSuccess) return kStatusInvalidEvent;
     {
         const LockGuard guard(found->queue->dataLock);
         Held<Event> taken;
-        if (taken.get(event, IdAccess::kDestroy) != kStatusSuccess) return kStatusInvalidEvent;
+        if (taken.destroy(event) != kStatusSuccess) return kStatusInvalidEvent;
     }
     void* const closure = found->closure;
-    detach(found.pointer());
+    detach(found.get());
     if (completion == nullptr) return kStatusSuccess;
     {
         const LockGuard guard(found->queue->dataLock);
@@ -245,5 +245,5 @@ pelmoStatus pelmoEvent_ResetTimerInterval(uint32_t event, double intervalSeconds
     if (isNoInterval(intervalSeconds)) return kStatusInvalidInterval;
     Held<Event> found;
     const pelmoStatus status = Event_Find(found, event, kEventTimer);
-    return status == kStatusSuccess ? Timer_Reset(found.pointer(), intervalSeconds) : status;
+    return status == kStatusSuccess ? Timer_Reset(found.get(), intervalSeconds) : status;
 }

@@ -247,7 +247,9 @@ pelmoStatus Id_Invalidate(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     return status;
 }
 
-pelmoStatus Id_Get(uint32_t id, IdType type, IdHeader** out, IdAccess access) {
+// Whether the lock stays held is told by `access`, and given back by `unlock`.
+pelmoStatus Id_Get(uint32_t id, IdType type, IdHeader** out, IdAccess access)
+    PELMO_UNCHECKED_LOCKING {
     if (out == nullptr) return kStatusInvalidArgument;
     IdHeader* object = nullptr;
     const pelmoStatus status = lookUp(id, type, &object);
@@ -267,7 +269,7 @@ pelmoStatus Id_Get(uint32_t id, IdType type, IdHeader** out, IdAccess access) {
     return kStatusSuccess;
 }
 
-pelmoStatus Id_Release(IdHeader* object, bool unlock) {
+pelmoStatus Id_Release(IdHeader* object, bool unlock) PELMO_UNCHECKED_LOCKING {
     if (object == nullptr) return kStatusInvalidArgument;
     // Without tables nobody but a creator that failed comes here; its object goes all the same.
     const bool ready = state.ready.load(std::memory_order_relaxed);

@@ -116,8 +116,8 @@ void Id_AddRef(IdHeader* object);
 }
 
 // The object's lock; null is ignored.
-void Id_Enter(IdHeader* object);
-void Id_Leave(IdHeader* object);
+void Id_Enter(IdHeader* object) PELMO_ACQUIRE(object->lock);
+void Id_Leave(IdHeader* object) PELMO_RELEASE(object->lock);
 
 // As Cond_Wait and Cond_TimedWait with the object's lock, which the caller holds.
 pelmoStatus Id_Wait(IdHeader* object, Cond* cond);
@@ -125,6 +125,10 @@ pelmoStatus Id_Wait(IdHeader* object, Cond* cond);
 
 // A reference, and maybe the lock, to the end of the scope. `Object` has its IdHeader as its first
 // member `header`, and its type as `kIdType`.
+//
+// Whether the lock is held is known at run time alone. The checker takes it for held from
+// findLocked, destroyLocked or enter on, up to leave; that it was found is for the caller to see
+// to.
 template <typename Object>
 class Held {
   public:
@@ -133,14 +137,14 @@ class Held {
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
 
-    // Looks up; holds nothing before, nor after a failure.
-    [[nodiscard]] pelmoStatus get(uint32_t id, IdAccess access) {
-        IdHeader* found = nullptr;
-        const pelmoStatus status = Id_Get(id, Object::kIdType, &found, access);
-        if (status != kStatusSuccess) return status;
-        object = reinterpret_cast<Object*>(found);
-        locked = access == IdAccess::kLocked || access == IdAccess::kDestroyLocked;
-        return kStatusSuccess;
+    // Look-ups, as Id_Get. Hold nothing before, nor after a failure.
+    [[nodiscard]] pelmoStatus find(uint32_t id) { return lookUp(id, IdAccess::kUnlocked); }
+    [[nodiscard]] pelmoStatus findLocked(uint32_t id) PELMO_ASSERTS((*this)->header.lock) {
+        return lookUp(id, IdAccess::kLocked);
+    }
+    [[nodiscard]] pelmoStatus destroy(uint32_t id) { return lookUp(id, IdAccess::kDestroy); }
+    [[nodiscard]] pelmoStatus destroyLocked(uint32_t id) PELMO_ASSERTS((*this)->header.lock) {
+        return lookUp(id, IdAccess::kDestroyLocked);
     }
 
     // Takes over a reference of the caller's, unlocked; holds nothing before.
@@ -152,11 +156,12 @@ class Held {
         object = other;
     }
 
-    void enter() {
+    // Unchecked: within, the lock goes by the name of the member.
+    void enter() PELMO_ASSERTS((*this)->header.lock) PELMO_UNCHECKED_LOCKING {
         Id_Enter(&object->header);
         locked = true;
     }
-    void leave() {
+    void leave() PELMO_RELEASE((*this)->header.lock) PELMO_UNCHECKED_LOCKING {
         locked = false;
         Id_Leave(&object->header);
     }
@@ -172,10 +177,19 @@ class Held {
     [[nodiscard]] Object* take() { return std::exchange(object, nullptr); }
 
     Object* operator->() const { return object; }
-    [[nodiscard]] Object* pointer() const { return object; }
+    [[nodiscard]] Object* get() const { return object; }
     explicit operator bool() const { return object != nullptr; }
 
   private:
+    [[nodiscard]] pelmoStatus lookUp(uint32_t id, IdAccess access) {
+        IdHeader* found = nullptr;
+        const pelmoStatus status = Id_Get(id, Object::kIdType, &found, access);
+        if (status != kStatusSuccess) return status;
+        object = reinterpret_cast<Object*>(found);
+        locked = access == IdAccess::kLocked || access == IdAccess::kDestroyLocked;
+        return kStatusSuccess;
+    }
+
     Object* object = nullptr;
     bool locked = false;
 };

@@ -17,7 +17,7 @@ enum class AtLimit {
     kPosted,
 };
 
-AtLimit judgeLocked(const Queue* queue, Event* event) {
+AtLimit judgeLocked(const Queue* queue, Event* event) PELMO_REQUIRES(queue->header.lock) {
     if (event->kind != kEventListener) return AtLimit::kPosted;
     EntryRing* const inbox = event->listener.inbox;
     if (inbox == nullptr || inbox->count == 0) return AtLimit::kNoMessage;
@@ -34,21 +34,21 @@ AtLimit judgeLocked(const Queue* queue, Event* event) {
 
 // Under the queue's lock, which is left and taken again where an advisory goes out.
 // kStatusQueueLimit ends the post.
-pelmoStatus meetLimit(Held<Queue>& queue, Event* event) {
+pelmoStatus meetLimit(Held<Queue>& queue, Event* event) PELMO_REQUIRES(queue->header.lock) {
     Id_Enter(&event->header);
-    const AtLimit outcome = judgeLocked(queue.pointer(), event);
+    const AtLimit outcome = judgeLocked(queue.get(), event);
     Id_Leave(&event->header);
 
     if (outcome == AtLimit::kNoMessage) return kStatusQueueLimit;
     if (outcome == AtLimit::kAdvisory) {
         if (queue->limitPolicy == kLimitDiscardNew) {
-            Queue_DiscardNewest(queue.pointer());
+            Queue_DiscardNewest(queue.get());
         } else if (queue->discardAmount == 1) {
             queue->discardAmount = 2;  // a place for it as well, from the next discard on
         }
         return kStatusSuccess;
     }
-    Queue_Discard(queue.pointer());
+    Queue_Discard(queue.get());
     queueTellLimit(queue);
     if (outcome == AtLimit::kRefused) return kStatusQueueLimit;
     return Id_IsInvalid(&queue->header) ? kStatusInvalidQueue : kStatusSuccess;
@@ -62,7 +62,7 @@ pelmoStatus takeEntryLocked(Event* event, pelmoMsg** out) {
     return kStatusSuccess;
 }
 
-pelmoStatus pushLocked(Queue* queue, pelmoMsg* entry) {
+pelmoStatus pushLocked(Queue* queue, pelmoMsg* entry) PELMO_REQUIRES(queue->header.lock) {
     if (EntryRing_PushBack(queue->pending, entry)) return kStatusSuccess;
     msgRelease(entry);
     return kStatusNoMemory;
@@ -73,7 +73,8 @@ void address(pelmoMsg* entry, const Event* event) {
     entry->deliveryClosure = event->closure;
 }
 
-pelmoStatus postEntryLocked(Queue* queue, Event* event, bool& posted) {
+pelmoStatus postEntryLocked(Queue* queue, Event* event, bool& posted)
+    PELMO_REQUIRES(queue->header.lock) {
     if (Id_IsInvalid(&event->header)) return kStatusInvalidEvent;
     pelmoMsg* entry = nullptr;
     pelmoStatus status = takeEntryLocked(event, &entry);
@@ -91,7 +92,7 @@ pelmoStatus postEntryLocked(Queue* queue, Event* event, bool& posted) {
 
 // Tells of new entries whoever may wait for them: the queue's threads, its groups', and a foreign
 // loop by the hook. Gives the queue back.
-void announce(Held<Queue>& queue, uint32_t entries) {
+void announce(Held<Queue>& queue, uint32_t entries) PELMO_RELEASE(queue->header.lock) {
     const uint32_t id = queue->header.id;
     const pelmoQueueHook hook = queue->hook;
     void* const closure = queue->hookClosure;
@@ -100,7 +101,7 @@ void announce(Held<Queue>& queue, uint32_t entries) {
         for (uint32_t i = std::min(entries, queue->waiters); i > 0; --i)
             Cond_Signal(&queue->cond);
     }
-    QueueGroups groups(queue.pointer());
+    QueueGroups groups(queue.get());
     queue.leave();
     groups.forEach([entries](uint32_t group) { QueueGroup_Signal(group, entries); });
     queue.release();
@@ -109,17 +110,18 @@ void announce(Held<Queue>& queue, uint32_t entries) {
 }
 
 // Is there room for one of a batch? A policy that discards makes some.
-bool hasRoom(Held<Queue>& queue) {
+bool hasRoom(Held<Queue>& queue) PELMO_REQUIRES(queue->header.lock) {
     if (Id_IsInvalid(&queue->header)) return false;
-    if (!queueIsFullLocked(queue.pointer())) return true;
+    if (!queueIsFullLocked(queue.get())) return true;
     const bool refused = queue->limitPolicy == kLimitDiscardNew;
-    Queue_Discard(queue.pointer());
+    Queue_Discard(queue.get());
     queueTellLimit(queue);
     return !refused && !Id_IsInvalid(&queue->header);
 }
 
 // False where the message went. An event that was cut off has no transport any more.
-bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry) {
+bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry)
+    PELMO_REQUIRES(queue->header.lock) {
     const Event* const event = run.find(entry.eventId);
     if (event == nullptr || !hasRoom(queue) || event->listener.transportId == kNoId) {
         msgRelease(entry.message);
@@ -128,7 +130,7 @@ bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry) {
     address(entry.message, event);
     traceMessage(kTraceReceive, entry.message, "Message %p added to listener queue",
                  tracePointer(entry.message));
-    return pushLocked(queue.pointer(), entry.message) == kStatusSuccess;
+    return pushLocked(queue.get(), entry.message) == kStatusSuccess;
 }
 
 }  // namespace
@@ -136,16 +138,16 @@ bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry) {
 pelmoStatus Event_Post(Event* event) {
     if (event == nullptr) return kStatusInvalidEvent;
     Held<Queue> queue;
-    if (queue.get(event->queueId, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueue;
+    if (queue.findLocked(event->queueId) != kStatusSuccess) return kStatusInvalidQueue;
 
-    if (queueIsFullLocked(queue.pointer()) && !Id_IsInvalid(&event->header)) {
+    if (queueIsFullLocked(queue.get()) && !Id_IsInvalid(&event->header)) {
         const pelmoStatus status = meetLimit(queue, event);
         if (status == kStatusQueueLimit) return kStatusSuccess;
         if (status != kStatusSuccess) return status;
     }
     bool posted = false;
     Id_Enter(&event->header);
-    const pelmoStatus status = postEntryLocked(queue.pointer(), event, posted);
+    const pelmoStatus status = postEntryLocked(queue.get(), event, posted);
     Id_Leave(&event->header);
     if (posted) announce(queue, 1);
     return status;
@@ -154,7 +156,7 @@ pelmoStatus Event_Post(Event* event) {
 void Queue_PostBatch(uint32_t queueId, std::span<const PostEntry> entries) {
     EventRun run;  // ends behind the queue's lock
     Held<Queue> queue;
-    if (queue.get(queueId, IdAccess::kLocked) != kStatusSuccess) {
+    if (queue.findLocked(queueId) != kStatusSuccess) {
         for (const PostEntry& entry : entries)
             msgRelease(entry.message);
         return;

@@ -68,20 +68,24 @@ pelmoStatus create(uint32_t* out, bool synchronous) {
     return Queue_Create(out, kNoId, "pelmoQueue", false, synchronous);
 }
 
-// What read(queue) tells under the queue's lock.
+// What read(queue) tells under the queue's lock, which the checker doesn't see to be its own.
 template <typename Value, typename Read>
-pelmoStatus readQueue(uint32_t id, Value* out, Read read) {
+pelmoStatus readQueue(uint32_t id, Value* out, Read read) PELMO_UNCHECKED_LOCKING {
     Held<Queue> held;
     if (const pelmoStatus status = queueFind(held, id); status != kStatusSuccess) return status;
     if (out == nullptr) return kStatusInvalidArgument;
-    *out = read(held.pointer());
+    *out = read(held.get());
     return kStatusSuccess;
 }
 
 }  // namespace
 
-pelmoStatus Queue_Create(
-    uint32_t* out, uint32_t fixedId, const char* name, bool nameOwned, bool synchronous) {
+// Nobody else knows the queue until it has its id.
+pelmoStatus Queue_Create(uint32_t* out,
+                         uint32_t fixedId,
+                         const char* name,
+                         bool nameOwned,
+                         bool synchronous) PELMO_UNCHECKED_LOCKING {
     Queue* queue = newQueue(name, synchronous);
     if (queue == nullptr) return kStatusNoMemory;
     // Ahead of the id, by which others find it; given back where it gets none.
@@ -113,7 +117,7 @@ pelmoStatus pelmoQueue_CreateSynchronous(uint32_t* out) {
 
 pelmoStatus queueFind(Held<Queue>& queue, uint32_t id) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
-    const pelmoStatus status = queue.get(id, IdAccess::kLocked);
+    const pelmoStatus status = queue.findLocked(id);
     return status == kStatusSuccess ? kStatusSuccess : kStatusInvalidQueue;
 }
 
@@ -124,12 +128,15 @@ uint32_t Queue_CountLocked(Queue* queue) {
 
 pelmoStatus pelmoQueue_GetCount(uint32_t queue, uint32_t* out) {
     traceLine(kTraceQueue, "pelmoQueue_GetCount(%u, %p)", queue, tracePointer(out));
-    return readQueue(queue, out, [](Queue* of) { return Queue_CountLocked(of); });
+    return readQueue(queue, out, [](Queue* of) PELMO_REQUIRES(of->header.lock) {
+        return Queue_CountLocked(of);
+    });
 }
 
 pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out) {
     traceLine(kTraceQueue, "pelmoQueue_GetHook(%u, %p)", queue, tracePointer(out));
-    return readQueue(queue, out, [](Queue* of) { return of->hook; });
+    return readQueue(queue, out,
+                     [](Queue* of) PELMO_REQUIRES(of->header.lock) { return of->hook; });
 }
 
 pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure) {
@@ -145,7 +152,8 @@ pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closur
 
 pelmoStatus pelmoQueue_GetName(uint32_t queue, const char** out) {
     traceLine(kTraceQueue, "pelmoQueue_GetName(%u, %p)", queue, tracePointer(out));
-    return readQueue(queue, out, [](Queue* of) { return of->name; });
+    return readQueue(queue, out,
+                     [](Queue* of) PELMO_REQUIRES(of->header.lock) { return of->name; });
 }
 
 pelmoStatus pelmoQueue_SetName(uint32_t queue, const char* name) {
@@ -163,5 +171,6 @@ pelmoStatus pelmoQueue_SetName(uint32_t queue, const char* name) {
 
 pelmoStatus pelmoQueue_GetPriority(uint32_t queue, uint32_t* out) {
     traceLine(kTraceQueue, "pelmoQueue_GetPriority(%u, %p)", queue, tracePointer(out));
-    return readQueue(queue, out, [](Queue* of) { return of->priority; });
+    return readQueue(queue, out,
+                     [](Queue* of) PELMO_REQUIRES(of->header.lock) { return of->priority; });
 }

@@ -13,7 +13,7 @@ pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion
               reinterpret_cast<const void*>(completion), tracePointer(closure));
     if (queue == kDefaultQueueId && libraryIsOpen()) return kStatusNotPermitted;
     Held<Queue> held;
-    if (held.get(queue, IdAccess::kDestroyLocked) != kStatusSuccess) return kStatusInvalidQueue;
+    if (held.destroyLocked(queue) != kStatusSuccess) return kStatusInvalidQueue;
 
     Dpa* groups = std::exchange(held->groups, nullptr);
     bool completesHere = false;
@@ -44,7 +44,7 @@ pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority) {
     if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
     if (held->priority == priority) return kStatusSuccess;
     held->priority = priority;
-    QueueGroups groups(held.pointer());
+    QueueGroups groups(held.get());
     held.leave();
     groups.forEach([queue](uint32_t group) { QueueGroup_Reorder(group, queue); });
     return kStatusSuccess;

@@ -12,7 +12,8 @@ namespace {
 constexpr uint32_t kFirstQueues = 4;
 constexpr uint32_t kFirstGroups = 2;
 
-void destruct(IdHeader* object) {
+// Nobody else knows the group any more, nor one that has no id yet: no lock is needed.
+void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     auto* group = reinterpret_cast<QueueGroup*>(object);
     dpaDestroy(group->queues);
     Cond_Destroy(&group->cond);
@@ -20,7 +21,7 @@ void destruct(IdHeader* object) {
 }
 
 // With the base reference, and no id. Null where memory ran out.
-QueueGroup* newGroup() {
+QueueGroup* newGroup() PELMO_UNCHECKED_LOCKING {
     auto* group = static_cast<QueueGroup*>(std::calloc(1, sizeof(QueueGroup)));
     if (group == nullptr) return nullptr;
     group->queues = dpaCreate(kFirstQueues);
@@ -41,12 +42,12 @@ QueueGroup* newGroup() {
 // way.
 uint32_t priorityOf(const void* item) {
     Held<Queue> queue;
-    return queue.get(idFromItem(item), IdAccess::kLocked) == kStatusSuccess ? queue->priority : 0;
+    return queue.findLocked(idFromItem(item)) == kStatusSuccess ? queue->priority : 0;
 }
 
 // Sorts by the present priorities, and leaves equal ones in their order. All are looked at: two
 // priorities may have changed at a time, and either may come here first.
-void sortLocked(QueueGroup* group) {
+void sortLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock) {
     void** const items = group->queues->items;
     for (uint32_t i = 1; i < group->queues->count; ++i) {
         const uint32_t priority = priorityOf(items[i]);
@@ -57,7 +58,7 @@ void sortLocked(QueueGroup* group) {
     }
 }
 
-bool removeLocked(QueueGroup* group, uint32_t queue) {
+bool removeLocked(QueueGroup* group, uint32_t queue) PELMO_REQUIRES(group->header.lock) {
     const int32_t index = dpaIndexOf(group->queues, idToItem(queue));
     return index >= 0 && dpaRemoveAt(group->queues, static_cast<uint32_t>(index));
 }
@@ -66,7 +67,7 @@ bool removeLocked(QueueGroup* group, uint32_t queue) {
 
 pelmoStatus joinLocked(uint32_t queue, uint32_t group) {
     Held<Queue> held;
-    if (held.get(queue, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueue;
+    if (held.findLocked(queue) != kStatusSuccess) return kStatusInvalidQueue;
     if (held->synchronous) return kStatusNoMemory;
     if (held->groups == nullptr) held->groups = dpaCreate(kFirstGroups);
     if (held->groups == nullptr || !dpaAppend(held->groups, idToItem(group))) {
@@ -77,7 +78,7 @@ pelmoStatus joinLocked(uint32_t queue, uint32_t group) {
 
 void partLocked(uint32_t queue, uint32_t group) {
     Held<Queue> held;
-    if (held.get(queue, IdAccess::kLocked) != kStatusSuccess || held->groups == nullptr) return;
+    if (held.findLocked(queue) != kStatusSuccess || held->groups == nullptr) return;
     dpaRemoveValue(held->groups, idToItem(group));
 }
 
@@ -100,7 +101,7 @@ pelmoStatus pelmoQueueGroup_Create(uint32_t* out) {
 pelmoStatus pelmoQueueGroup_Destroy(uint32_t group) {
     traceLine(kTraceQueueGroup, "pelmoQueueGroup_Destroy(%u)", group);
     Held<QueueGroup> held;
-    if (held.get(group, IdAccess::kDestroyLocked) != kStatusSuccess) {
+    if (held.destroyLocked(group) != kStatusSuccess) {
         return kStatusInvalidQueueGroup;
     }
     held->queues->count = 0;
@@ -113,7 +114,7 @@ pelmoStatus pelmoQueueGroup_Add(uint32_t group, uint32_t queue) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     if (Id_Check(queue, IdType::kQueue) != kStatusSuccess) return kStatusInvalidQueue;
     Held<QueueGroup> held;
-    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueueGroup;
+    if (held.findLocked(group) != kStatusSuccess) return kStatusInvalidQueueGroup;
     if (dpaIndexOf(held->queues, idToItem(queue)) >= 0) return kStatusSuccess;
 
     // The queue learns of the group first: a priority set from then on, or the queue's end, waits
@@ -124,7 +125,7 @@ pelmoStatus pelmoQueueGroup_Add(uint32_t group, uint32_t queue) {
         partLocked(queue, group);
         return kStatusNoMemory;
     }
-    sortLocked(held.pointer());
+    sortLocked(held.get());
     Cond_Signal(&held->cond);
     return kStatusSuccess;
 }
@@ -133,30 +134,30 @@ pelmoStatus pelmoQueueGroup_Remove(uint32_t group, uint32_t queue) {
     traceLine(kTraceQueueGroup, "pelmoQueueGroup_Remove(%u, %u)", group, queue);
     if (!libraryIsOpen()) return kStatusNotInitialized;
     Held<QueueGroup> held;
-    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidQueueGroup;
-    if (!removeLocked(held.pointer(), queue)) return kStatusInvalidQueue;
+    if (held.findLocked(group) != kStatusSuccess) return kStatusInvalidQueueGroup;
+    if (!removeLocked(held.get(), queue)) return kStatusInvalidQueue;
     partLocked(queue, group);
     return kStatusSuccess;
 }
 
 void QueueGroup_Signal(uint32_t group, uint32_t times) {
     Held<QueueGroup> held;
-    if (held.get(group, IdAccess::kUnlocked) != kStatusSuccess) return;
+    if (held.find(group) != kStatusSuccess) return;
     while (times-- > 0)
         Cond_Signal(&held->cond);
 }
 
 void QueueGroup_Forget(uint32_t group, uint32_t queue) {
     Held<QueueGroup> held;
-    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return;
-    removeLocked(held.pointer(), queue);
+    if (held.findLocked(group) != kStatusSuccess) return;
+    removeLocked(held.get(), queue);
 }
 
 // Goes behind the others of its new priority.
 void QueueGroup_Reorder(uint32_t group, uint32_t queue) {
     Held<QueueGroup> held;
-    if (held.get(group, IdAccess::kLocked) != kStatusSuccess) return;
-    if (!removeLocked(held.pointer(), queue)) return;
+    if (held.findLocked(group) != kStatusSuccess) return;
+    if (!removeLocked(held.get(), queue)) return;
     held->queues->items[held->queues->count++] = idToItem(queue);  // the place just freed
-    sortLocked(held.pointer());
+    sortLocked(held.get());
 }

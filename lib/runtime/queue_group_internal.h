@@ -18,9 +18,9 @@ struct QueueGroup {
 
     Cond cond;  // signalled at each post to a queue of the group
 
-    // Guarded by the object lock: queue ids by descending priority, of equal ones the first added
-    // first, as far as dispatch didn't rotate them.
-    Dpa* queues;
+    // Queue ids by descending priority, of equal ones the first added first, as far as dispatch
+    // didn't rotate them.
+    Dpa* queues PELMO_GUARDED_BY(header.lock);
 };
 
 // For queues.

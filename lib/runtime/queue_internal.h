@@ -28,18 +28,17 @@ struct Queue {
     Cond cond;         // signalled at a post while `waiters` isn't 0
     Lock dataLock;
 
-    // Guarded by the object lock.
-    const char* name;
-    bool nameOwned;      // on the heap
-    EntryRing* pending;  // swapped with `ready` under both locks
-    uint32_t waiters;    // threads in a wait on `cond`
-    LimitPolicy limitPolicy;
-    uint32_t priority;
-    uint32_t maxEvents;      // 0: no limit
-    uint32_t discardAmount;  // entries that one discard removes
-    Dpa* groups;             // ids of the groups that hold this queue; null: none
-    pelmoQueueHook hook;
-    void* hookClosure;
+    const char* name PELMO_GUARDED_BY(header.lock);
+    bool nameOwned PELMO_GUARDED_BY(header.lock);      // on the heap
+    EntryRing* pending PELMO_GUARDED_BY(header.lock);  // swapped with `ready` under both locks
+    uint32_t waiters PELMO_GUARDED_BY(header.lock);    // threads in a wait on `cond`
+    LimitPolicy limitPolicy PELMO_GUARDED_BY(header.lock);
+    uint32_t priority PELMO_GUARDED_BY(header.lock);
+    uint32_t maxEvents PELMO_GUARDED_BY(header.lock);      // 0: no limit
+    uint32_t discardAmount PELMO_GUARDED_BY(header.lock);  // entries that one discard removes
+    Dpa* groups PELMO_GUARDED_BY(header.lock);  // ids of those that hold this queue; null: none
+    pelmoQueueHook hook PELMO_GUARDED_BY(header.lock);
+    void* hookClosure PELMO_GUARDED_BY(header.lock);
 
     EntryRing* ready PELMO_GUARDED_BY(dataLock);
     uint32_t dispatching PELMO_GUARDED_BY(dataLock);  // calls between taking entries and finishing
@@ -55,23 +54,24 @@ struct Queue {
 
 // What one discard of policy kLimitDiscardFirst or kLimitDiscardLast drops; nothing under the
 // others, or on a synchronous queue. The caller holds the object lock, and no event's.
-void Queue_Discard(Queue* queue);
+void Queue_Discard(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
 // The same walk from the newest entry whatever the policy: makes room for a limit advisory.
-void Queue_DiscardNewest(Queue* queue);
+void Queue_DiscardNewest(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
 // `pending` and `ready`. The caller holds the object lock.
-[[nodiscard]] uint32_t Queue_CountLocked(Queue* queue);
+[[nodiscard]] uint32_t Queue_CountLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
 // The way into every public call: kStatusNotInitialized, kStatusInvalidQueue, or the queue, locked.
-[[nodiscard]] pelmoStatus queueFind(Held<Queue>& queue, uint32_t id);
+[[nodiscard]] pelmoStatus queueFind(Held<Queue>& queue, uint32_t id)
+    PELMO_ASSERTS(queue->header.lock);
 
 // Has the queue come to its limit? The caller holds the object lock, and no event's.
-[[nodiscard]] bool queueIsFullLocked(Queue* queue);
+[[nodiscard]] bool queueIsFullLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
 // Tells of a limit that was met. The queue's lock is left for it and taken again: all that the lock
 // guards may have changed meanwhile, and the queue be invalid.
-void queueTellLimit(Held<Queue>& queue);
+void queueTellLimit(Held<Queue>& queue) PELMO_REQUIRES(queue->header.lock);
 
 // The groups of a queue, as they were when this was made under its object lock, to be visited
 // without it: a group's lock stands outside.
@@ -81,7 +81,11 @@ void queueTellLimit(Held<Queue>& queue);
 // and looks at the queue by itself, and one that leaves only brings the last one forward.
 class QueueGroups {
   public:
-    explicit QueueGroups(Queue* from) : queue(from) { takeLocked(); }
+    // Unchecked: the lock is told by the argument, and asked for by the member.
+    explicit QueueGroups(Queue* from) PELMO_REQUIRES(from->header.lock) PELMO_UNCHECKED_LOCKING
+        : queue(from) {
+        takeLocked();
+    }
 
     // The caller holds a reference to the queue, and no lock.
     template <typename Visit>
@@ -99,7 +103,7 @@ class QueueGroups {
   private:
     static constexpr uint32_t kAtATime = 32;
 
-    void takeLocked() {
+    void takeLocked() PELMO_REQUIRES(queue->header.lock) {
         left = std::min(left, queue->groups != nullptr ? queue->groups->count : 0);
         count = std::min(left, kAtATime);
         left -= count;

@@ -34,7 +34,8 @@ struct Place {
     uint32_t slot;
 };
 
-Place placeAt(const Queue* queue, uint32_t place) PELMO_REQUIRES(queue->dataLock) {
+Place placeAt(const Queue* queue, uint32_t place)
+    PELMO_REQUIRES(queue->header.lock, queue->dataLock) {
     EntryRing* const ready = queue->ready;
     if (place < ready->count) return {ready, EntryRing_Slot(ready, place)};
     return {queue->pending, EntryRing_Slot(queue->pending, place - ready->count)};
@@ -43,11 +44,11 @@ Place placeAt(const Queue* queue, uint32_t place) PELMO_REQUIRES(queue->dataLock
 // Timer and IO entries stay: their events are armed again by their dispatch, and so never would be.
 bool mayDrop(const pelmoMsg* entry) {
     Held<Event> event;
-    if (event.get(entry->deliveryEvent, IdAccess::kUnlocked) != kStatusSuccess) return true;
+    if (event.find(entry->deliveryEvent) != kStatusSuccess) return true;
     return event->kind == kEventListener;
 }
 
-bool dropAt(const Queue* queue, uint32_t at) PELMO_REQUIRES(queue->dataLock) {
+bool dropAt(const Queue* queue, uint32_t at) PELMO_REQUIRES(queue->header.lock, queue->dataLock) {
     const Place place = placeAt(queue, at);
     auto* const entry = static_cast<pelmoMsg*>(place.ring->slots[place.slot]);
     if (!mayDrop(entry)) return false;
@@ -56,7 +57,7 @@ bool dropAt(const Queue* queue, uint32_t at) PELMO_REQUIRES(queue->dataLock) {
     return true;
 }
 
-void discardOldest(Queue* queue) {
+void discardOldest(Queue* queue) PELMO_REQUIRES(queue->header.lock) {
     const LockGuard data(queue->dataLock);
     uint32_t left = queue->discardAmount;
     uint32_t count = queue->ready->count + queue->pending->count;
@@ -136,6 +137,6 @@ pelmoStatus pelmoQueue_SetLimitPolicy(uint32_t queue,
     held->limitPolicy = static_cast<LimitPolicy>(policy);
     held->maxEvents = maxEvents;
     held->discardAmount = discardAmount;
-    if (Queue_CountLocked(held.pointer()) > maxEvents) Queue_Discard(held.pointer());
+    if (Queue_CountLocked(held.get()) > maxEvents) Queue_Discard(held.get());
     return kStatusSuccess;
 }

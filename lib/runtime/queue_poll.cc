@@ -10,14 +10,15 @@
 
 namespace {
 
-pelmoStatus findToPoll(Held<Queue>& queue, uint32_t id, bool hasOutput) {
+pelmoStatus findToPoll(Held<Queue>& queue, uint32_t id, bool hasOutput)
+    PELMO_ASSERTS(queue->header.lock) {
     const pelmoStatus status = queueFind(queue, id);
     if (status != kStatusSuccess) return status;
     if (!hasOutput) return kStatusInvalidArgument;
     return queue->synchronous ? kStatusSuccess : kStatusNotPermitted;
 }
 
-pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) {
+pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) PELMO_REQUIRES(queue->header.lock) {
     DispatchWait wait{seconds};
     while (queue->pending->count == 0) {
         ++queue->waiters;
@@ -31,7 +32,7 @@ pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) {
 }
 
 // The oldest message of a living event, now the caller's; null where there is none left.
-pelmoMsg* takeLocked(Queue* queue, EventRun& run) {
+pelmoMsg* takeLocked(Queue* queue, EventRun& run) PELMO_REQUIRES(queue->header.lock) {
     while (void* entry = EntryRing_PopFront(queue->pending)) {
         auto* const message = static_cast<pelmoMsg*>(entry);
         if (run.find(message->deliveryEvent) != nullptr) {
@@ -44,7 +45,7 @@ pelmoMsg* takeLocked(Queue* queue, EventRun& run) {
 }
 
 // Several posts may have left one signal: whoever leaves entries behind wakes the next.
-void wakeNextLocked(Queue* queue) {
+void wakeNextLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock) {
     if (queue->pending->count != 0 && queue->waiters != 0) Cond_Signal(&queue->cond);
 }
 
@@ -55,10 +56,10 @@ pelmoStatus pelmoQueue_Poll(uint32_t queue, pelmoMsg** out, double seconds) {
     EventRun run;
     Held<Queue> held;
     pelmoStatus status = findToPoll(held, queue, out != nullptr);
-    if (status == kStatusSuccess) status = awaitEntriesLocked(held.pointer(), seconds);
+    if (status == kStatusSuccess) status = awaitEntriesLocked(held.get(), seconds);
     if (status != kStatusSuccess) return status;
-    *out = takeLocked(held.pointer(), run);
-    wakeNextLocked(held.pointer());
+    *out = takeLocked(held.get(), run);
+    wakeNextLocked(held.get());
     return kStatusSuccess;
 }
 
@@ -69,13 +70,13 @@ pelmoStatus pelmoQueue_PollMany(
     EventRun run;
     Held<Queue> held;
     pelmoStatus status = findToPoll(held, queue, messages != nullptr && outCount != nullptr);
-    if (status == kStatusSuccess) status = awaitEntriesLocked(held.pointer(), seconds);
+    if (status == kStatusSuccess) status = awaitEntriesLocked(held.get(), seconds);
     if (status != kStatusSuccess) return status;
 
     uint32_t count = 0;
-    while (count < size && (messages[count] = takeLocked(held.pointer(), run)) != nullptr)
+    while (count < size && (messages[count] = takeLocked(held.get(), run)) != nullptr)
         ++count;
     *outCount = count;
-    wakeNextLocked(held.pointer());
+    wakeNextLocked(held.get());
     return kStatusSuccess;
 }

@@ -19,7 +19,8 @@ namespace {
 constexpr uint32_t kRequestQueueBuckets = 4;
 constexpr const char* kIntraProcessPrefix = "_INBOX.";
 
-void freeTransport(IdHeader* header) {
+// Nobody else knows the transport any more, so that no lock is needed.
+void freeTransport(IdHeader* header) PELMO_UNCHECKED_LOCKING {
     auto* transport = reinterpret_cast<Transport*>(header);
     sublistDestroy(transport->subjects);
     for (uint32_t i = 0; transport->spareQueues != nullptr && i < transport->spareQueues->count;
@@ -35,7 +36,7 @@ void freeTransport(IdHeader* header) {
 }
 
 // Requests under way wake with a failure; those that come now are refused.
-void endRequestsLocked(Transport* transport) {
+void endRequestsLocked(Transport* transport) PELMO_REQUIRES(transport->header.lock) {
     Dict32Iterator each;
     dict32IterInit(transport->requestQueues, &each);
     uint32_t queueId = kNoId;
@@ -47,7 +48,7 @@ void endRequestsLocked(Transport* transport) {
 // A few at a time, without memory of its own and with the lock left: the daemon may be told. No
 // listener joins a transport that is being destroyed, so that a round which took none off the list
 // is the last: one more would meet the same listeners.
-void cutOffListeners(Held<Transport>& held) {
+void cutOffListeners(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
     constexpr uint32_t kAtATime = 64;
     Event* some[kAtATime];
     uint32_t before = UINT32_MAX;
@@ -70,24 +71,24 @@ void cutOffListeners(Held<Transport>& held) {
 }
 
 // What leads out of the process. The endpoint is for the caller to close, behind all else.
-ReliableEndpoint* stopPaths(Held<Transport>& held) {
+ReliableEndpoint* stopPaths(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
     if (held->kind == TransportKind::kNetwork && held->link != nullptr) {
         held.leave();
-        daemonLinkOps.stop(held.pointer());
+        daemonLinkOps.stop(held.get());
         held.enter();
     }
-    if (held->kind == TransportKind::kCircuit) circuitOps.disconnect(held.pointer(), nullptr);
+    if (held->kind == TransportKind::kCircuit) circuitOps.disconnect(held.get(), nullptr);
     return std::exchange(held->directEndpoint, nullptr);
 }
 
 // The caller has set `destroying`, so that this runs once.
-void endTransport(Held<Transport>& held) {
-    (void)Transport_RunHooks(held.pointer(), kHookDestroy, nullptr);
+void endTransport(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
+    (void)Transport_RunHooks(held.get(), kHookDestroy, nullptr);
     ReliableEndpoint* endpoint = stopPaths(held);
-    endRequestsLocked(held.pointer());
+    endRequestsLocked(held.get());
     cutOffListeners(held);
     const bool wasPublished = Id_Invalidate(&held->header) == kStatusSuccess;
-    (void)Transport_RunHooks(held.pointer(), kHookDestroyed, nullptr);
+    (void)Transport_RunHooks(held.get(), kHookDestroyed, nullptr);
     if (wasPublished) Id_Release(&held->header, false);
     // Closing frees it: that is left to the last send under way, if there is one.
     if (held->directSends != 0) held->leftEndpoint = std::exchange(endpoint, nullptr);
@@ -97,8 +98,8 @@ void endTransport(Held<Transport>& held) {
 
 pelmoStatus setFlag(uint32_t transport, bool Transport::*flag) {
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
-    held.pointer()->*flag = true;
+    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
+    held.get()->*flag = true;
     return kStatusSuccess;
 }
 
@@ -113,7 +114,8 @@ void transportAttach() {
                     .runInboundHooks = Transport_RunInboundHooks};
 }
 
-Transport* Transport_New(TransportKind kind) {
+// Nobody else knows the transport yet.
+Transport* Transport_New(TransportKind kind) PELMO_UNCHECKED_LOCKING {
     auto* transport = static_cast<Transport*>(std::calloc(1, sizeof(Transport)));
     if (transport == nullptr) return nullptr;
     if (Id_Init(&transport->header, IdType::kTransport, freeTransport) != kStatusSuccess) {
@@ -148,7 +150,7 @@ pelmoStatus pelmoTransport_Destroy(uint32_t transport) {
     traceLine(kTraceTransport, "pelmoTransport_Destroy(%u)", transport);
     if (transport == kIntraProcessTransportId && libraryIsOpen()) return kStatusNotPermitted;
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess || held->destroying) {
+    if (held.findLocked(transport) != kStatusSuccess || held->destroying) {
         return kStatusInvalidTransport;
     }
     held->destroying = true;
@@ -169,10 +171,10 @@ pelmoStatus pelmoTransport_CreateInbox(uint32_t transport, char* buffer, uint32_
     uint32_t length = 0;
     {
         Held<Transport> held;
-        if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) {
+        if (held.findLocked(transport) != kStatusSuccess) {
             return kStatusInvalidTransport;
         }
-        length = transportNextInbox(held.pointer(), text, sizeof text);
+        length = transportNextInbox(held.get(), text, sizeof text);
     }
     if (length >= size) return kStatusInsufficientBuffer;
     std::memcpy(buffer, text, length + 1);

@@ -222,7 +222,7 @@ class BatchMatch {
 bool collectFor(Transport* transport,
                 std::span<Event* const> events,
                 pelmoMsg* message,
-                Collector& collector) {
+                Collector& collector) PELMO_REQUIRES(transport->header.lock) {
     const bool hooks = transportHasHooks(transport, kHookInbound);
     if (transport->firstListenerOnly) events = events.first(1);
     const bool share = events.size() > 1;
@@ -236,7 +236,8 @@ bool collectFor(Transport* transport,
 }
 
 // True where a listener took the message itself.
-bool batchOne(Transport* transport, pelmoMsg* message, BatchMatch& match, Collector& collector) {
+bool batchOne(Transport* transport, pelmoMsg* message, BatchMatch& match, Collector& collector)
+    PELMO_REQUIRES(transport->header.lock) {
     const uint8_t* subject = nullptr;
     if (msgOpenEnvelope(message) != kStatusSuccess ||
         messageSubject(message, &subject) != kStatusSuccess) {
@@ -291,7 +292,7 @@ void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> mes
 
 pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message) {
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) {
+    if (held.findLocked(transport) != kStatusSuccess) {
         msgRelease(message);
         return kStatusInvalidTransport;
     }
@@ -299,15 +300,15 @@ pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message) {
     if (status != kStatusSuccess) return status;  // not a message: nothing to release
     switch (held->kind) {
         case TransportKind::kIntraProcess:
-            status = Transport_Deliver(held.pointer(), message);
+            status = Transport_Deliver(held.get(), message);
             msgRelease(message);
             break;
         case TransportKind::kNetwork:
             held.leave();
-            Transport_DeliverBatch(held.pointer(), {&message, 1});
+            Transport_DeliverBatch(held.get(), {&message, 1});
             break;
         case TransportKind::kCircuit:
-            status = circuitOps.deliver(held.pointer(), message);
+            status = circuitOps.deliver(held.get(), message);
             break;
     }
     return status;

@@ -9,13 +9,13 @@ pelmoStatus Transport_AddHook(TransportHook** out,
                               TransportHookFunction callback,
                               void* closure) {
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
+    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
     return hookListsAdd(held->hooks, {kind, transport, callback, closure}, out);
 }
 
 pelmoStatus Transport_RemoveHook(TransportHook* hook) {
     Held<Transport> held;
-    if (held.get(hook->transportId, IdAccess::kLocked) != kStatusSuccess) {
+    if (held.findLocked(hook->transportId) != kStatusSuccess) {
         return kStatusInvalidTransport;
     }
     return hookListsRemove(held->hooks, hook);
@@ -38,11 +38,11 @@ bool transportHasHooks(const Transport* transport, HookKind kind) {
 
 bool Transport_RunInboundHooks(uint32_t transport, pelmoMsg* message) {
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return false;
+    if (held.findLocked(transport) != kStatusSuccess) return false;
     // The dispatch keeps its own reference, whatever a hook puts in the message's place.
     msgRetain(message);
     pelmoMsg* shown = message;
-    const pelmoStatus status = Transport_RunHooks(held.pointer(), kHookInbound, &shown);
+    const pelmoStatus status = Transport_RunHooks(held.get(), kHookInbound, &shown);
     msgRelease(shown);
     return status == kStatusSuccess;
 }

@@ -42,24 +42,31 @@ struct Transport {
     VirtualCircuit* circuit;  // kCircuit
     uint32_t underlying;      // kCircuit: id of the transport beneath
 
-    // Guarded by the object lock.
-    bool destroying;  // from the start of the destroy: no listener, no request more
-    bool firstListenerOnly;
-    bool quietUnhandled;
-    bool reservedAllowed;
-    bool inboxWildcards;
-    uint64_t nextInbox;
-    SubjectList* subjects;  // of Event, whose base reference keeps it
-    Dpa* spareQueues;       // ids, for requests
-    Dict32* requestQueues;  // id of each request's queue; the value means nothing
-    HookLists hooks;
-    ReliableEndpoint* directEndpoint;  // kNetwork; null: none
-    uint32_t directSends;              // sends by an endpoint that are under way
-    ReliableEndpoint* leftEndpoint;    // of a destroyed one: for the last of them to close
-    uint16_t directPort;               // 0: none
-    bool autoStart;                    // the next three are the daemon connection's
-    uint32_t reconnectCount;
-    double lastDisconnectSeconds;
+    // Set from the start of the destroy: no listener, no request more.
+    bool destroying PELMO_GUARDED_BY(header.lock);
+    bool firstListenerOnly PELMO_GUARDED_BY(header.lock);
+    bool quietUnhandled PELMO_GUARDED_BY(header.lock);
+    bool reservedAllowed PELMO_GUARDED_BY(header.lock);
+    bool inboxWildcards PELMO_GUARDED_BY(header.lock);
+    uint64_t nextInbox PELMO_GUARDED_BY(header.lock);
+    SubjectList* subjects PELMO_GUARDED_BY(header.lock);  // of Event, whose base reference keeps it
+    Dpa* spareQueues PELMO_GUARDED_BY(header.lock);       // ids, for requests
+    HookLists hooks PELMO_GUARDED_BY(header.lock);
+
+    // The id of each request's queue; the value means nothing.
+    Dict32* requestQueues PELMO_GUARDED_BY(header.lock);
+
+    ReliableEndpoint* directEndpoint PELMO_GUARDED_BY(header.lock);  // kNetwork; null: none
+    uint32_t directSends PELMO_GUARDED_BY(header.lock);  // sends by an endpoint that are under way
+
+    // Of a destroyed transport: for the last of these sends to close.
+    ReliableEndpoint* leftEndpoint PELMO_GUARDED_BY(header.lock);
+    uint16_t directPort PELMO_GUARDED_BY(header.lock);  // 0: none
+
+    // The daemon connection's.
+    bool autoStart PELMO_GUARDED_BY(header.lock);
+    uint32_t reconnectCount PELMO_GUARDED_BY(header.lock);
+    double lastDisconnectSeconds PELMO_GUARDED_BY(header.lock);
 };
 
 // Fills transportOps. Ahead of the first open.
@@ -84,7 +91,8 @@ void transportAttach();
 // To the listeners of the message's subject, a copy for each; an advisory of class "WARN" or
 // "ERROR" without a listener is logged. The caller holds the object lock and keeps the message.
 // kStatusInvalidMessage, kStatusInvalidSubject; kStatusNoMemory where a listener went without.
-[[nodiscard]] pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message);
+[[nodiscard]] pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message)
+    PELMO_REQUIRES(transport->header.lock);
 
 // What came from outside, in order. Owns the messages; one that is malformed, or has no send
 // subject, is dropped. The caller holds a reference, and better not the object lock: it is taken
@@ -107,10 +115,12 @@ pelmoStatus Transport_RemoveHook(TransportHook* hook);
 // so many hooks as there are can't be copied.
 [[nodiscard]] pelmoStatus Transport_RunHooks(Transport* transport,
                                              HookKind kind,
-                                             pelmoMsg** message);
+                                             pelmoMsg** message)
+    PELMO_REQUIRES(transport->header.lock);
 
 // The caller holds the object lock.
-[[nodiscard]] bool transportHasHooks(const Transport* transport, HookKind kind);
+[[nodiscard]] bool transportHasHooks(const Transport* transport, HookKind kind)
+    PELMO_REQUIRES(transport->header.lock);
 
 // What transportOps.runInboundHooks does.
 [[nodiscard]] bool Transport_RunInboundHooks(uint32_t transport, pelmoMsg* message);
@@ -126,21 +136,23 @@ pelmoStatus Transport_RemoveListener(uint32_t transport, Event* event);
 // `isFirst`, optional: it is the only one at its subject. On failure it is in neither. The caller
 // holds the object lock. kStatusNoMemory.
 [[nodiscard]] pelmoStatus transportBindListener(
-    Transport* transport, Event* listener, const uint8_t* subject, uint32_t* out, bool* isFirst);
+    Transport* transport, Event* listener, const uint8_t* subject, uint32_t* out, bool* isFirst)
+    PELMO_REQUIRES(transport->header.lock);
 
 // Takes a listener off the list, not its id or inbox; how many stay at its subject. False where it
 // wasn't there. The caller holds the object lock.
 bool transportForgetListener(Transport* transport,
                              Event* event,
                              const uint8_t* subject,
-                             uint32_t* remaining);
+                             uint32_t* remaining) PELMO_REQUIRES(transport->header.lock);
 
 // Empties and frees the inbox; nothing is delivered to the listener afterwards.
 void listenerCutOff(Event* event);
 
 // Writes the next inbox's subject, whole or cut to size; the length that it has whole. The caller
 // holds the object lock.
-[[nodiscard]] uint32_t transportNextInbox(Transport* transport, char* buffer, uint32_t size);
+[[nodiscard]] uint32_t transportNextInbox(Transport* transport, char* buffer, uint32_t size)
+    PELMO_REQUIRES(transport->header.lock);
 
 // Messages
 
@@ -156,7 +168,7 @@ void listenerCutOff(Event* event);
 // caller holds the object lock. kStatusInvalidMessage, kStatusInvalidSubject, kStatusNoMemory.
 [[nodiscard]] pelmoStatus transportMakeReady(Transport* transport,
                                              pelmoMsg* message,
-                                             pelmoMsg** out);
+                                             pelmoMsg** out) PELMO_REQUIRES(transport->header.lock);
 
 // Advisories
 

@@ -27,7 +27,8 @@ bool isOwnInbox(const Transport* transport, const char* text) {
     return std::strncmp(text, transport->inboxPrefix, std::strlen(transport->inboxPrefix)) == 0;
 }
 
-bool mayListenToInboxLocked(const Transport* transport, const uint8_t* subject, const char* text) {
+bool mayListenToInboxLocked(const Transport* transport, const uint8_t* subject, const char* text)
+    PELMO_REQUIRES(transport->header.lock) {
     if (!transport->inboxWildcards && subjectHasWildcard(subject)) return false;
     switch (transport->kind) {
         case TransportKind::kIntraProcess:
@@ -45,11 +46,11 @@ bool mayListenToInboxLocked(const Transport* transport, const uint8_t* subject, 
 // been announced ahead of the stop. The daemon would send him nothing. A start too many only costs
 // messages that nobody gets.
 void announceStop(Held<Transport>& held, const uint8_t* subject) {
-    (void)daemonLinkOps.interest(held.pointer(), subject, kInterestStop);
+    (void)daemonLinkOps.interest(held.get(), subject, kInterestStop);
     held.enter();
     const bool wanted = sublistFind(held->subjects, subject) != nullptr;
     held.leave();
-    if (wanted) (void)daemonLinkOps.interest(held.pointer(), subject, kInterestStart);
+    if (wanted) (void)daemonLinkOps.interest(held.get(), subject, kInterestStart);
 }
 
 }  // namespace
@@ -90,21 +91,21 @@ pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request)
     if (request.subject == nullptr) return kStatusInvalidSubject;
     if (Id_Check(request.queueId, IdType::kQueue) != kStatusSuccess) return kStatusInvalidQueue;
     Held<Transport> held;
-    if (held.get(request.transportId, IdAccess::kLocked) != kStatusSuccess || held->destroying ||
+    if (held.findLocked(request.transportId) != kStatusSuccess || held->destroying ||
         (held->kind == TransportKind::kNetwork && held->link == nullptr)) {
         return kStatusInvalidTransport;
     }
     uint8_t subject[kListenerSubjectBytes];
     if (subjectFromText(subject, sizeof subject, request.subject) < 0) return kStatusInvalidSubject;
     const bool isInbox = subjectIsInbox(subject);
-    if (isInbox && !mayListenToInboxLocked(held.pointer(), subject, request.subject)) {
+    if (isInbox && !mayListenToInboxLocked(held.get(), subject, request.subject)) {
         return kStatusInvalidSubject;
     }
     Event* listener = nullptr;
     pelmoStatus status = Event_NewListener(&listener, request, isInbox, kListenerInbox);
     if (status != kStatusSuccess) return status;
     bool isFirst = false;
-    status = transportBindListener(held.pointer(), listener, subject, out, &isFirst);
+    status = transportBindListener(held.get(), listener, subject, out, &isFirst);
     if (status != kStatusSuccess) {
         Id_Release(&listener->header, false);
         return status;
@@ -112,7 +113,7 @@ pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request)
     held.leave();
     if (held->kind == TransportKind::kNetwork && isFirst && (!isInbox || isDaemonInbox(subject))) {
         // Where this fails, the next connection tells the daemon.
-        (void)daemonLinkOps.interest(held.pointer(), subject, kInterestStart);
+        (void)daemonLinkOps.interest(held.get(), subject, kInterestStart);
     }
     return kStatusSuccess;
 }
@@ -124,9 +125,9 @@ pelmoStatus Transport_RemoveListener(uint32_t transport, Event* event) {
         return kStatusInvalidSubject;
     }
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
+    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
     uint32_t remaining = 0;
-    const bool removed = transportForgetListener(held.pointer(), event, subject, &remaining);
+    const bool removed = transportForgetListener(held.get(), event, subject, &remaining);
     const bool linked = held->kind == TransportKind::kNetwork && held->link != nullptr;
     if (removed && remaining == 0 && linked && !subjectIsInbox(subject)) {
         held.leave();
@@ -143,7 +144,7 @@ uint32_t pelmoTransport_HasInterest(uint32_t transport, const char* subject) {
     if (subject == nullptr || subjectFromText(packed, sizeof packed, subject) < 0) return 0;
     const bool isInbox = subjectIsInbox(packed);
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return 0;
+    if (held.findLocked(transport) != kStatusSuccess) return 0;
     const Dpa* matches = sublistMatch(held->subjects, packed);
     for (uint32_t i = 0; matches != nullptr && i < matches->count; ++i) {
         if (static_cast<const Event*>(matches->items[i])->listener.isInbox == isInbox) return 1;
@@ -158,7 +159,7 @@ uint32_t pelmoTransport_FindInterest(uint32_t transport,
     traceLine(kTraceTransport, "pelmoTransport_FindInterest(%u)", transport);
     if (subject == nullptr || outEvent == nullptr || subjectElementCount(subject) == 0) return 0;
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return 0;
+    if (held.findLocked(transport) != kStatusSuccess) return 0;
     const Dpa* values = sublistFind(held->subjects, subject);
     if (values == nullptr) return 0;
     *outEvent = static_cast<const Event*>(values->items[0])->header.id;

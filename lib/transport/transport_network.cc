@@ -32,26 +32,23 @@ pelmoStatus createLocked(Held<Transport>& held,
                          const char* service,
                          const char* network,
                          const char* daemon,
-                         bool resume) {
-    Transport* transport = held.pointer();
-    const pelmoStatus status = daemonLinkOps.create(transport, service, network, daemon, resume);
+                         bool resume) PELMO_REQUIRES(held->header.lock) {
+    const pelmoStatus status = daemonLinkOps.create(held.get(), service, network, daemon, resume);
     if (status != kStatusSuccess) return status;
-    std::snprintf(transport->inboxPrefix, sizeof transport->inboxPrefix, "_INBOX.%s.",
-                  transport->link->session);
-    if (Id_SetGlobal(&transport->header, nullptr) != kStatusSuccess) return kStatusNoMemory;
-    if (transport->directEndpoint != nullptr) {
-        endpointOps.setTransport(transport->directEndpoint, transport->header.id);
+    std::snprintf(held->inboxPrefix, sizeof held->inboxPrefix, "_INBOX.%s.", held->link->session);
+    if (Id_SetGlobal(&held->header, nullptr) != kStatusSuccess) return kStatusNoMemory;
+    if (held->directEndpoint != nullptr) {
+        endpointOps.setTransport(held->directEndpoint, held->header.id);
     }
     return kStatusSuccess;
 }
 
 // Of a transport that never got an id: nobody else knows it.
-void abandon(Held<Transport>& held) {
-    Transport* transport = held.pointer();
-    transport->destroying = true;
-    ReliableEndpoint* endpoint = std::exchange(transport->directEndpoint, nullptr);
+void abandon(Held<Transport>& held) PELMO_RELEASE(held->header.lock) {
+    held->destroying = true;
+    ReliableEndpoint* endpoint = std::exchange(held->directEndpoint, nullptr);
     held.leave();
-    if (transport->link != nullptr) daemonLinkOps.stop(transport);
+    if (held->link != nullptr) daemonLinkOps.stop(held.get());
     held.release();
     if (endpoint != nullptr) endpointOps.close(endpoint);
 }
@@ -81,8 +78,9 @@ pelmoStatus createNetwork(
 
 // The transport, locked. kStatusInvalidTransport where there is none, kStatusNotPermitted for one
 // of another kind.
-pelmoStatus holdNetwork(Held<Transport>& held, uint32_t transport) {
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
+pelmoStatus holdNetwork(Held<Transport>& held, uint32_t transport)
+    PELMO_ASSERTS(held->header.lock) {
+    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
     const bool linked = held->kind == TransportKind::kNetwork && held->link != nullptr;
     return linked ? kStatusSuccess : kStatusNotPermitted;
 }
@@ -113,11 +111,11 @@ pelmoStatus fillControl(pelmoMsg* message,
 }
 
 // Tells the daemon, unless it is too old. Without a connection nothing is lost: the next one begins
-// with the settings as they are then.
+// with the settings as they are then. Only a send leaves the lock.
 pelmoStatus sendControl(Held<Transport>& held,
                         const ControlKind& kind,
                         AddData addData,
-                        const void* value) {
+                        const void* value) PELMO_UNCHECKED_LOCKING {
     if (held->link->version < kind.since) return kStatusSuccess;
     pelmoMsg* message = nullptr;
     pelmoStatus status = pelmoMsg_Create(&message);
@@ -125,7 +123,7 @@ pelmoStatus sendControl(Held<Transport>& held,
     status = fillControl(message, kind, addData, value);
     if (status == kStatusSuccess) {
         held.leave();
-        status = daemonLinkOps.send(held.pointer(), message);
+        status = daemonLinkOps.send(held.get(), message);
     }
     msgRelease(message);
     return status == kStatusDaemonNotConnected ? kStatusSuccess : status;
@@ -174,7 +172,7 @@ pelmoStatus passOn(uint32_t transport, Operation operation, Arguments... argumen
     const pelmoStatus status = holdNetwork(held, transport);
     if (status != kStatusSuccess) return status;
     held.leave();
-    return operation(held.pointer(), arguments...);
+    return operation(held.get(), arguments...);
 }
 
 }  // namespace
@@ -295,7 +293,7 @@ pelmoStatus pelmoTransport_GetSendingWaitLimit(uint32_t transport, uint32_t* out
     if (status != kStatusSuccess) return status;
     if (out == nullptr) return kStatusInvalidArgument;
     held.leave();
-    return daemonLinkOps.getWaitLimit(held.pointer(), out);
+    return daemonLinkOps.getWaitLimit(held.get(), out);
 }
 
 pelmoStatus pelmoTransport_HoldSends(uint32_t transport) {

@@ -36,7 +36,7 @@ void onReply(uint32_t /*event*/, pelmoMsg* message, void* closure) {
 
 // The steps of a start; the caller holds the object lock. What stands is ended by endLocked.
 
-pelmoStatus takeQueueLocked(Request& request) {
+pelmoStatus takeQueueLocked(Request& request) PELMO_REQUIRES(request.transport->header.lock) {
     Dpa* spare = request.transport->spareQueues;
     if (spare->count != 0) {
         request.queueId = idFromItem(spare->items[--spare->count]);
@@ -45,14 +45,14 @@ pelmoStatus takeQueueLocked(Request& request) {
     return pelmoQueue_Create(&request.queueId);
 }
 
-pelmoStatus listenLocked(Request& request, pelmoMsg** slot) {
-    Transport* transport = request.transport.pointer();
-    (void)transportNextInbox(transport, request.inbox, sizeof request.inbox);
+pelmoStatus listenLocked(Request& request, pelmoMsg** slot)
+    PELMO_REQUIRES(request.transport->header.lock) {
+    (void)transportNextInbox(request.transport.get(), request.inbox, sizeof request.inbox);
     if (subjectFromText(request.packedInbox, sizeof request.packedInbox, request.inbox) < 0) {
         return kStatusInvalidSubject;
     }
     const ListenerRequest wanted = {.queueId = request.queueId,
-                                    .transportId = transport->header.id,
+                                    .transportId = request.transport->header.id,
                                     .subject = request.inbox,
                                     .kind = ListenerKind::kPlain,
                                     .callback = onReply,
@@ -65,40 +65,39 @@ pelmoStatus listenLocked(Request& request, pelmoMsg** slot) {
     if (status != kStatusSuccess) return status;
     Id_AddRef(&listener->header);
     request.listener = listener;
-    status = transportBindListener(transport, listener, request.packedInbox, nullptr, nullptr);
+    status = transportBindListener(request.transport.get(), listener, request.packedInbox, nullptr,
+                                   nullptr);
     // The base reference goes where no id stands for it.
     if (status != kStatusSuccess) Id_Release(&listener->header, false);
     return status;
 }
 
-pelmoStatus startLocked(Request& request, pelmoMsg** slot) {
-    Transport* transport = request.transport.pointer();
-    if (transport->destroying) return kStatusInvalidTransport;
-    if (transport->kind == TransportKind::kNetwork && transport->link == nullptr) {
+pelmoStatus startLocked(Request& request, pelmoMsg** slot)
+    PELMO_REQUIRES(request.transport->header.lock) {
+    if (request.transport->destroying) return kStatusInvalidTransport;
+    if (request.transport->kind == TransportKind::kNetwork && request.transport->link == nullptr) {
         return kStatusInvalidTransport;
     }
     pelmoStatus status = takeQueueLocked(request);
     if (status != kStatusSuccess) return status;
     status = listenLocked(request, slot);
     if (status != kStatusSuccess) return status;
-    return dict32Insert(transport->requestQueues, request.queueId, transport);
+    return dict32Insert(request.transport->requestQueues, request.queueId, request.transport.get());
 }
 
-void endListenerLocked(Request& request) {
+void endListenerLocked(Request& request) PELMO_REQUIRES(request.transport->header.lock) {
     Event* listener = std::exchange(request.listener, nullptr);
     if (listener == nullptr) return;
     if (Id_Invalidate(&listener->header) == kStatusSuccess) Id_Release(&listener->header, false);
-    (void)transportForgetListener(request.transport.pointer(), listener, request.packedInbox,
-                                  nullptr);
+    (void)transportForgetListener(request.transport.get(), listener, request.packedInbox, nullptr);
     Id_Release(&listener->header, false);
 }
 
 // A queue that didn't serve to the end of its wait isn't kept.
-void endLocked(Request& request, bool queueServes) {
-    Transport* transport = request.transport.pointer();
-    dict32Remove(transport->requestQueues, request.queueId, nullptr);
-    Dpa* spare = transport->spareQueues;
-    const bool keeps = request.queueId != kNoId && queueServes && !transport->destroying &&
+void endLocked(Request& request, bool queueServes) PELMO_REQUIRES(request.transport->header.lock) {
+    dict32Remove(request.transport->requestQueues, request.queueId, nullptr);
+    Dpa* spare = request.transport->spareQueues;
+    const bool keeps = request.queueId != kNoId && queueServes && !request.transport->destroying &&
                        spare->count < kMostSpareQueues &&
                        dpaAppend(spare, idToItem(request.queueId));
     endListenerLocked(request);
@@ -125,7 +124,7 @@ pelmoStatus pelmoTransport_SendRequest(uint32_t transport,
               tracePointer(message), tracePointer(outReply), seconds);
     if (outReply == nullptr) return kStatusInvalidArgument;
     Request request;
-    if (request.transport.get(transport, IdAccess::kLocked) != kStatusSuccess) {
+    if (request.transport.findLocked(transport) != kStatusSuccess) {
         return kStatusInvalidTransport;
     }
     pelmoMsg* reply = nullptr;

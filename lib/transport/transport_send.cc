@@ -46,7 +46,7 @@ bool findDirectPeer(const uint8_t* subject, DirectPeer& peer) {
 // The caller holds the object lock, which is left meanwhile; so in the next three.
 
 // A destroy that met a send by the endpoint couldn't free it.
-void closeLeftEndpoint(Transport* transport) {
+void closeLeftEndpoint(Transport* transport) PELMO_REQUIRES(transport->header.lock) {
     ReliableEndpoint* endpoint = std::exchange(transport->leftEndpoint, nullptr);
     if (endpoint == nullptr) return;
     Id_Leave(&transport->header);
@@ -54,7 +54,8 @@ void closeLeftEndpoint(Transport* transport) {
     Id_Enter(&transport->header);
 }
 
-pelmoStatus sendDirect(Transport* transport, const DirectPeer& peer, pelmoMsg* message) {
+pelmoStatus sendDirect(Transport* transport, const DirectPeer& peer, pelmoMsg* message)
+    PELMO_REQUIRES(transport->header.lock) {
     ReliableEndpoint* endpoint = transport->directEndpoint;
     ++transport->directSends;
     Id_Leave(&transport->header);
@@ -65,7 +66,8 @@ pelmoStatus sendDirect(Transport* transport, const DirectPeer& peer, pelmoMsg* m
     return status;
 }
 
-pelmoStatus sendOnNetwork(Transport* transport, pelmoMsg* message) {
+pelmoStatus sendOnNetwork(Transport* transport, pelmoMsg* message)
+    PELMO_REQUIRES(transport->header.lock) {
     const uint8_t* subject = nullptr;
     DirectPeer peer{};
     if (transport->directEndpoint != nullptr &&
@@ -80,7 +82,8 @@ pelmoStatus sendOnNetwork(Transport* transport, pelmoMsg* message) {
 }
 
 // What is to go out, checked and past the hooks; nothing where the transport has gone meanwhile.
-pelmoStatus prepare(Transport* transport, pelmoMsg* message, HeldMessage& ready) {
+pelmoStatus prepare(Transport* transport, pelmoMsg* message, HeldMessage& ready)
+    PELMO_REQUIRES(transport->header.lock) {
     pelmoMsg* made = nullptr;
     pelmoStatus status = transportMakeReady(transport, message, &made);
     if (status != kStatusSuccess) return status;
@@ -110,8 +113,8 @@ class Outgoing {
 
     void add(HeldMessage message) { items_[count_++] = message.release(); }
 
-    // The caller holds the object lock, which is left meanwhile.
-    [[nodiscard]] pelmoStatus send(Transport* transport) {
+    // The caller holds the object lock, which is left meanwhile. Unchecked: of two transports.
+    [[nodiscard]] pelmoStatus send(Transport* transport) PELMO_UNCHECKED_LOCKING {
         if (count_ == 0) return kStatusSuccess;
         Id_Leave(&transport->header);
         const pelmoStatus status = daemonLinkOps.sendVector(transport, {items_, count_});
@@ -125,7 +128,8 @@ class Outgoing {
 };
 
 // By a transport that isn't a circuit.
-pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, Outgoing& outgoing) {
+pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, Outgoing& outgoing)
+    PELMO_REQUIRES(transport->header.lock) {
     switch (transport->kind) {
         case TransportKind::kIntraProcess:
             return Transport_Deliver(transport, ready.get());
@@ -145,25 +149,27 @@ pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, Outgoing& outg
     return kStatusInvalidTransport;
 }
 
+// The lock of the transport beneath is taken by the first message alone, which no checker follows.
 pelmoStatus gatherForCircuit(Transport* circuit,
                              HeldMessage ready,
                              Held<Transport>& underlying,
-                             Outgoing& outgoing) {
+                             Outgoing& outgoing) PELMO_UNCHECKED_LOCKING {
     pelmoMsg* wrapped = nullptr;
     pelmoStatus status = circuitOps.wrap(circuit, ready.get(), &wrapped);
     if (status != kStatusSuccess) return status;
     const HeldMessage envelope(wrapped);
     ready.reset();
-    if (!underlying && underlying.get(circuit->underlying, IdAccess::kLocked) != kStatusSuccess) {
+    if (!underlying && underlying.findLocked(circuit->underlying) != kStatusSuccess) {
         return kStatusInvalidTransport;
     }
     HeldMessage outer;
-    status = prepare(underlying.pointer(), envelope.get(), outer);
+    status = prepare(underlying.get(), envelope.get(), outer);
     if (status != kStatusSuccess || outer == nullptr) return status;
-    return sendOrGather(underlying.pointer(), std::move(outer), outgoing);
+    return sendOrGather(underlying.get(), std::move(outer), outgoing);
 }
 
-pelmoStatus sendAll(Transport* transport, std::span<pelmoMsg* const> messages) {
+pelmoStatus sendAll(Transport* transport, std::span<pelmoMsg* const> messages)
+    PELMO_REQUIRES(transport->header.lock) {
     Held<Transport> underlying;
     Outgoing outgoing;
     if (messages.empty()) return kStatusSuccess;
@@ -180,16 +186,17 @@ pelmoStatus sendAll(Transport* transport, std::span<pelmoMsg* const> messages) {
         }
         if (status != kStatusSuccess) return status;
     }
-    return outgoing.send(underlying ? underlying.pointer() : transport);
+    return outgoing.send(underlying ? underlying.get() : transport);
 }
 
 pelmoStatus sendVector(uint32_t transport, std::span<pelmoMsg* const> messages) {
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
-    return sendAll(held.pointer(), messages);
+    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
+    return sendAll(held.get(), messages);
 }
 
-pelmoStatus sendOne(Transport* transport, pelmoMsg* message) {
+pelmoStatus sendOne(Transport* transport, pelmoMsg* message)
+    PELMO_REQUIRES(transport->header.lock) {
     HeldMessage ready;
     const pelmoStatus status = prepare(transport, message, ready);
     if (status != kStatusSuccess || ready == nullptr) return status;
@@ -212,8 +219,8 @@ pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message) {
                  tracePointer(message));
     if (!msgIsValid(message)) return kStatusInvalidMessage;
     Held<Transport> held;
-    if (held.get(transport, IdAccess::kLocked) != kStatusSuccess) return kStatusInvalidTransport;
-    return sendOne(held.pointer(), message);
+    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
+    return sendOne(held.get(), message);
 }
 
 pelmoStatus pelmoTransport_Sendv(uint32_t transport, const Dpa* messages) {

@@ -52,10 +52,10 @@ TEST_F(IoEvents, StayInTheSetOnAnIoQueue) {
 TEST_F(IoEvents, ThatAreDestroyedCantComeBack) {
     const uint32_t event = watch(stand.queue, pair.ends[0]);
     Held<Event> held;
-    ASSERT_EQ(held.get(event, IdAccess::kUnlocked), kStatusSuccess);
+    ASSERT_EQ(held.find(event), kStatusSuccess);
     EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
-    EXPECT_EQ(Event_UnregisterIO(held.pointer()), kStatusInvalidEvent);
-    EXPECT_EQ(Event_RegisterIO(held.pointer()), kStatusInvalidEvent);
+    EXPECT_EQ(Event_UnregisterIO(held.get()), kStatusInvalidEvent);
+    EXPECT_EQ(Event_RegisterIO(held.get()), kStatusInvalidEvent);
 }
 
 TEST_F(IoEvents, TakeOneEventForEachSocketAndCondition) {

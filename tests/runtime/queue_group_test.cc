@@ -12,13 +12,13 @@ using Ids = std::vector<uint32_t>;
 
 Ids queuesOf(uint32_t group) {
     Held<QueueGroup> held;
-    EXPECT_EQ(held.get(group, IdAccess::kLocked), kStatusSuccess);
+    EXPECT_EQ(held.findLocked(group), kStatusSuccess);
     return idsIn(held->queues);
 }
 
 Ids groupsOf(uint32_t queue) {
     Held<Queue> held;
-    EXPECT_EQ(held.get(queue, IdAccess::kLocked), kStatusSuccess);
+    EXPECT_EQ(held.findLocked(queue), kStatusSuccess);
     return idsIn(held->groups);
 }
 

@@ -161,9 +161,9 @@ TEST_F(Timers, WakeTheirThreadForTheSoonestAlone) {
 TEST_F(Timers, ThatAreDestroyedLeaveAtOnceAndCantComeBack) {
     const uint32_t timer = stand.timer(1, ignoreEvent);
     Held<Event> event;
-    ASSERT_EQ(event.get(timer, IdAccess::kUnlocked), kStatusSuccess);
+    ASSERT_EQ(event.find(timer), kStatusSuccess);
     EXPECT_EQ(pelmoEvent_DestroyEx(timer, nullptr), kStatusSuccess);
-    EXPECT_EQ(Timer_Insert(event.pointer()), kStatusInvalidEvent);
+    EXPECT_EQ(Timer_Insert(event.get()), kStatusInvalidEvent);
     EXPECT_EQ(passAt(10), 0u);
     EXPECT_EQ(event->header.refCount, 1);
 }

@@ -96,15 +96,15 @@ inline uint32_t dispatchAll(uint32_t queue) {
 template <typename Object>
 Object* recordOf(uint32_t id) {
     Held<Object> held;
-    EXPECT_EQ(held.get(id, IdAccess::kUnlocked), kStatusSuccess);
-    return held.pointer();
+    EXPECT_EQ(held.find(id), kStatusSuccess);
+    return held.get();
 }
 
 // Returns once so many threads wait on the queue or group.
 template <typename Object>
 void awaitWaiters(uint32_t id, int32_t count) {
     Held<Object> object;
-    ASSERT_EQ(object.get(id, IdAccess::kUnlocked), kStatusSuccess);
+    ASSERT_EQ(object.find(id), kStatusSuccess);
     for (bool all = false; !all; std::this_thread::yield()) {
         object.enter();
         all = object->cond.waiters == count;
@@ -171,7 +171,7 @@ inline std::vector<const pelmoMsg*> postBatch(uint32_t queue, const std::vector<
 inline std::vector<const pelmoMsg*> entriesOf(uint32_t queueId) {
     std::vector<const pelmoMsg*> entries;
     Held<Queue> queue;
-    EXPECT_EQ(queue.get(queueId, IdAccess::kLocked), kStatusSuccess);
+    EXPECT_EQ(queue.findLocked(queueId), kStatusSuccess);
     for (const EntryRing* ring : {queue->ready, queue->pending}) {
         for (uint32_t place = 0; place < ring->count; ++place) {
             const void* entry = ring->slots[EntryRing_Slot(ring, place)];

@@ -18,7 +18,7 @@ struct Requests : testing::Test {
 
     static uint32_t spareQueues() {
         Held<Transport> held;
-        EXPECT_EQ(held.get(kLocal, IdAccess::kLocked), kStatusSuccess);
+        EXPECT_EQ(held.findLocked(kLocal), kStatusSuccess);
         EXPECT_EQ(dict32Count(held->requestQueues), 0u);
         return held->spareQueues->count;
     }

@@ -330,7 +330,7 @@ TEST_F(IntraProcess, SurvivesWhatQueueHooksDo) {
 TEST_F(IntraProcess, DropsWhatADeadQueuesListenerWouldKeep) {
     TestListener listener(queue, "A");
     Held<Event> event;
-    ASSERT_EQ(event.get(listener.event, IdAccess::kUnlocked), kStatusSuccess);
+    ASSERT_EQ(event.find(listener.event), kStatusSuccess);
     pelmoQueue_DestroyEx(queue, nullptr, nullptr);
     EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
     EXPECT_EQ(event->listener.inbox->count, 0u);
