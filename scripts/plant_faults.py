@@ -182,11 +182,15 @@ def make_judges():
 
 
 def judges_of(judges, path):
-    """The tests of the folder that the source stands in, and the cases: first who is likely to tell."""
+    """The tests of the folder that the source stands in, those of all public calls, and the cases:
+    first who is likely to tell."""
     parts = path.relative_to(COPY).parts
-    own = judges["/".join(parts[:2]) if parts[0] == "lib" else parts[0]]
-    return [own] if parts[0] == "tools" else \
-        [judges["cases"], own] if parts[0] == "trace" else [own, judges["cases"]]
+    if parts[0] == "tools":
+        return [judges["tools"]]
+    if parts[0] == "trace":
+        return [judges["cases"], judges["trace"]]
+    public = [judges["lib/pelmo"]] if parts[1] in ("msg", "runtime", "transport") else []
+    return [judges["/".join(parts[:2])], *public, judges["cases"]]
 
 
 def judge(fault, path, judges):

@@ -120,29 +120,6 @@ TEST_P(Buffers, GrowAndShrinkWithTheirBytes) {
     }
 }
 
-TEST_P(Buffers, LeaveNothingHalfMade) {
-    eachAllocationFails([&] {
-        for (const uint32_t size : {0u, 40u, 100u}) {
-            const Held buffer = hold(bufferCreateFrom(privatePool, size));
-            if (buffer == nullptr) continue;
-            fill(buffer);
-            const uint32_t skipped = size / 4;
-            const Held copy = hold(bufferClone(buffer.get(), skipped, size + 9, size - skipped));
-            if (copy == nullptr) {
-                EXPECT_NE(allocationsFailed(), 0u);
-            } else if (size != 0) {
-                EXPECT_EQ(std::memcmp(copy->data, buffer->data + skipped, size - skipped), 0);
-            }
-            if (bufferGrow(buffer.get(), 20) == kStatusSuccess) {
-                EXPECT_EQ(buffer->size, size + 20);
-            } else {
-                EXPECT_EQ(buffer->size, size);
-            }
-            EXPECT_TRUE(isFilled(buffer, size));
-        }
-    });
-}
-
 // Each buffer has two holders, who let go of it at about the same time.
 TEST_P(Buffers, GoWithTheLastHolderOnWhateverThread) {
     std::vector<Buffer*> shared(2000);

@@ -38,60 +38,6 @@ uint32_t countOf(pelmoMsg* msg) {
     return count;
 }
 
-void expectHolds(pelmoMsg* msg, const char* name, uint16_t id, const FieldValue& value) {
-    pelmoMsgField field;
-    ASSERT_EQ(pelmoMsg_GetFieldEx(msg, name, &field, id), kStatusSuccess);
-    EXPECT_TRUE(fieldHolds(field, value));
-    EXPECT_EQ(field.id, id);
-    EXPECT_STREQ(field.name, name);
-}
-
-// Other fields around it show what a wrong length does.
-void expectAround(pelmoMsg* msg) {
-    EXPECT_EQ(i32Of(msg, "before", 1), 11);
-    EXPECT_EQ(i32Of(msg, "behind"), 22);
-}
-
-TEST(Message, CarriesEachValueThroughItsLife) {
-    for (const SharedValue& value : edgeValues()) {
-        SCOPED_TRACE(testing::Message() << "type " << +value->type << " size " << value->size
-                                        << " count " << value->count);
-        const char* name = kLongestName.c_str();
-        constexpr uint16_t kId = 65535;
-        const Message written = newMessage();
-        EXPECT_EQ(pelmoMsg_AddI32(written.get(), "before", 11, 1), kStatusSuccess);
-        EXPECT_EQ(add(written.get(), name, *value, kId), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_AddI32(written.get(), "behind", 22, 0), kStatusSuccess);
-        if (value->type != FIELD_XML) {
-            const Bytes middle = recordOf(name, kId, *value);
-            const Bytes image = imageOf(written.get());
-            const auto at = image.begin() + kMessageHeadBytes + 1 + 9 + 1 + 5;
-            ASSERT_EQ(Bytes(at, at + static_cast<ptrdiff_t>(middle.size())), middle);
-        }
-
-        const Message parsed = messageFrom(imageOf(written.get()));
-        pelmoMsg* copy = nullptr;
-        ASSERT_EQ(pelmoMsg_CreateCopy(parsed.get(), &copy), kStatusSuccess);
-        const Message copied(copy);
-        for (pelmoMsg* msg : {written.get(), parsed.get(), copied.get()}) {
-            expectHolds(msg, name, kId, *value);
-            expectAround(msg);
-        }
-
-        if (value->type != FIELD_NONE) {
-            const pelmoMsgField same = named(value->field(), name, kId);
-            EXPECT_EQ(pelmoMsg_UpdateField(parsed.get(), &same), kStatusSuccess);
-        }
-        expectHolds(parsed.get(), name, kId, *value);
-        expectAround(parsed.get());
-        EXPECT_EQ(imageOf(parsed.get()), imageOf(written.get()));
-
-        EXPECT_EQ(pelmoMsg_RemoveFieldEx(parsed.get(), nullptr, kId), kStatusSuccess);
-        expectAround(parsed.get());
-        EXPECT_EQ(countOf(parsed.get()), 2u);
-    }
-}
-
 struct RefusedCase {
     const char* what;
     pelmoMsgField field;

@@ -6,8 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <span>
-#include <string>
+#include <vector>
 
 #include "lib/containers/subject.h"
 #include "lib/msg/message_internal.h"
@@ -22,47 +21,53 @@ void onBatch(pelmoMsg**, uint32_t) {}
 // With the id of the object that the call is about, and of a queue that is sound.
 using ByName = pelmoStatus (*)(uint32_t id, uint32_t queue);
 
-constexpr uint32_t kAnyKind = 0;
+// What an id is wanted of, and what is answered to another.
+struct Target {
+    IdType type;
+    pelmoStatus badId;
+    uint32_t kind = 0;  // of event; 0: any
+};
+
+constexpr Target kQueue = {IdType::kQueue, kStatusInvalidQueue};
+constexpr Target kGroup = {IdType::kQueueGroup, kStatusInvalidQueueGroup};
+constexpr Target kEvent = {IdType::kEvent, kStatusInvalidEvent};
+constexpr Target kTimer = {IdType::kEvent, kStatusInvalidEvent, kEventTimer};
+constexpr Target kIo = {IdType::kEvent, kStatusInvalidEvent, kEventIo};
+constexpr Target kListener = {IdType::kEvent, kStatusInvalidEvent, kEventListener};
+constexpr Target kTransport = {IdType::kTransport, kStatusInvalidTransport};
+constexpr Target kDispatcher = {IdType::kDispatcher, kStatusInvalidDispatcher};
+constexpr Target kNamedDispatcher = {IdType::kDispatcher, kStatusInvalidQueue};
 
 struct Call {
     const char* name;
-    IdType type;  // of the id
-    pelmoStatus badId;
-    ByName call;                     // whole but for the id
-    ByName withoutOutput = nullptr;  // or without its text; null: there is none
-    pelmoStatus noOutput = kStatusInvalidArgument;
-    uint32_t kind = kAnyKind;  // of event
-    bool endsObjects = false;  // works on a closed library
+    Target target;
+    ByName call;           // whole but for the id
+    ByName withoutOutput;  // or without its text; null: there is none
+    pelmoStatus noOutput;
+    bool endsObjects;  // works on a closed library
 };
 
-template <auto call, typename Out>
-pelmoStatus get(uint32_t id, uint32_t) {
-    Out out{};
-    return call(id, &out);
+constexpr Call makeCall(const char* name,
+                        Target target,
+                        ByName call,
+                        ByName withoutOutput = nullptr,
+                        pelmoStatus noOutput = kStatusInvalidArgument) {
+    return {name, target, call, withoutOutput, noOutput, false};
 }
 
-template <auto call>
-pelmoStatus getNothing(uint32_t id, uint32_t) {
-    return call(id, nullptr);
+constexpr Call ending(Call call) {
+    call.endsObjects = true;
+    return call;
 }
 
-#define GETTER(call, Out, type, badId, ...)                       \
-    {                                                             \
-#call, type, badId, get < call, Out>, getNothing < call>, \
-            kStatusInvalidArgument __VA_OPT__(, ) __VA_ARGS__     \
-    }
-
-constexpr IdType kQueue = IdType::kQueue;
-constexpr IdType kGroup = IdType::kQueueGroup;
-constexpr IdType kEvent = IdType::kEvent;
-constexpr IdType kTransport = IdType::kTransport;
-constexpr IdType kDispatcher = IdType::kDispatcher;
-
-// What only a network transport can follow; a bad id is told first.
-#define NETWORK_SETTING(call)                                                                  \
-    {                                                                                          \
-#call, kTransport, kStatusInvalidTransport, [](uint32_t id, uint32_t) { return call; } \
-    }
+#define BY_NAME(call) \
+    []([[maybe_unused]] uint32_t id, [[maybe_unused]] uint32_t queue) { return call; }
+#define CALL(target, call) makeCall(#call, target, BY_NAME(call))
+#define ENDING(target, call) ending(CALL(target, call))
+// Whole, without its output or text, and the status of that.
+#define ANSWER(target, call, without, ...) \
+    makeCall(#call, target, BY_NAME(call), BY_NAME(without) __VA_OPT__(, ) __VA_ARGS__)
+#define GETTER(target, call, out) ANSWER(target, call(id, &(out)), call(id, nullptr))
 
 uint32_t made;
 pelmoMsg* sent;
@@ -70,175 +75,125 @@ pelmoMsg* asked;  // wants a reply
 char text[64];
 const char* name;
 pelmoMsg* polled;
+pelmoQueueHook hook;
+double seconds;
+int32_t source;
 uint32_t policy, most, discard;
 
+pelmoStatus distribute(uint32_t id) {
+    pelmoMsg* given = nullptr;
+    (void)pelmoMsg_Create(&given);
+    return pelmoTransport_Distribute(id, given);
+}
+
+constexpr uint32_t kLocal = kIntraProcessTransportId;
+
+// Of what only a network transport can follow, a bad id is told first.
 const Call kCalls[] = {
-    GETTER(pelmoQueue_GetCount, uint32_t, kQueue, kStatusInvalidQueue),
-    GETTER(pelmoQueue_GetHook, pelmoQueueHook, kQueue, kStatusInvalidQueue),
-    GETTER(pelmoQueue_GetName, const char*, kQueue, kStatusInvalidQueue),
-    GETTER(pelmoQueue_GetPriority, uint32_t, kQueue, kStatusInvalidQueue),
-    {"pelmoQueue_SetHook", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_SetHook(id, nullptr, nullptr); }},
-    {"pelmoQueue_GetLimitPolicy", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_GetLimitPolicy(id, &policy, &most, &discard); },
-     [](uint32_t id, uint32_t) { return pelmoQueue_GetLimitPolicy(id, &policy, nullptr, &most); }},
-    {"pelmoQueue_SetLimitPolicy", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_SetLimitPolicy(id, kLimitNone, 0, 0); }},
-    {"pelmoQueue_SetName", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_SetName(id, "name"); },
-     [](uint32_t id, uint32_t) { return pelmoQueue_SetName(id, nullptr); }},
-    {"pelmoQueue_SetPriority", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_SetPriority(id, 2); }},
-    {"pelmoQueue_Poll", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_Poll(id, &polled, 0.0); },
-     [](uint32_t id, uint32_t) { return pelmoQueue_Poll(id, nullptr, 0.0); }},
-    {"pelmoQueue_PollMany", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_PollMany(id, &polled, 1, &made, 0.0); },
-     [](uint32_t id, uint32_t) { return pelmoQueue_PollMany(id, &polled, 1, nullptr, 0.0); }},
-    {"pelmoQueue_TimedDispatch", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_TimedDispatch(id, 0.0); }},
-    {"pelmoQueue_TimedDispatchSingle", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_TimedDispatchSingle(id, 0.0); }},
-    {"pelmoQueue_DestroyEx", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueue_DestroyEx(id, nullptr, nullptr); }, nullptr,
-     kStatusSuccess, kAnyKind, true},
+    GETTER(kQueue, pelmoQueue_GetCount, most),
+    GETTER(kQueue, pelmoQueue_GetHook, hook),
+    GETTER(kQueue, pelmoQueue_GetName, name),
+    GETTER(kQueue, pelmoQueue_GetPriority, most),
+    CALL(kQueue, pelmoQueue_SetHook(id, nullptr, nullptr)),
+    ANSWER(kQueue,
+           pelmoQueue_GetLimitPolicy(id, &policy, &most, &discard),
+           pelmoQueue_GetLimitPolicy(id, &policy, nullptr, &most)),
+    CALL(kQueue, pelmoQueue_SetLimitPolicy(id, kLimitNone, 0, 0)),
+    ANSWER(kQueue, pelmoQueue_SetName(id, "name"), pelmoQueue_SetName(id, nullptr)),
+    CALL(kQueue, pelmoQueue_SetPriority(id, 2)),
+    ANSWER(kQueue, pelmoQueue_Poll(id, &polled, 0), pelmoQueue_Poll(id, nullptr, 0)),
+    ANSWER(kQueue,
+           pelmoQueue_PollMany(id, &polled, 1, &made, 0),
+           pelmoQueue_PollMany(id, &polled, 1, nullptr, 0)),
+    CALL(kQueue, pelmoQueue_TimedDispatch(id, 0)),
+    CALL(kQueue, pelmoQueue_TimedDispatchSingle(id, 0)),
+    ENDING(kQueue, pelmoQueue_DestroyEx(id, nullptr, nullptr)),
 
-    {"pelmoQueueGroup_Add", kGroup, kStatusInvalidQueueGroup, pelmoQueueGroup_Add},
-    {"pelmoQueueGroup_Add, the queue", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoQueueGroup_Add(made, id); }},
-    {"pelmoQueueGroup_Remove", kGroup, kStatusInvalidQueueGroup, pelmoQueueGroup_Remove},
-    {"pelmoQueueGroup_TimedDispatch", kGroup, kStatusInvalidQueueGroup,
-     [](uint32_t id, uint32_t) { return pelmoQueueGroup_TimedDispatch(id, 0.0); }},
-    {"pelmoQueueGroup_Destroy", kGroup, kStatusInvalidQueueGroup,
-     [](uint32_t id, uint32_t) { return pelmoQueueGroup_Destroy(id); }, nullptr, kStatusSuccess,
-     kAnyKind, true},
+    CALL(kGroup, pelmoQueueGroup_Add(id, queue)),
+    CALL(kQueue, pelmoQueueGroup_Add(made, id)),
+    CALL(kGroup, pelmoQueueGroup_Remove(id, queue)),
+    CALL(kGroup, pelmoQueueGroup_TimedDispatch(id, 0)),
+    ENDING(kGroup, pelmoQueueGroup_Destroy(id)),
 
-    {"pelmoEvent_CreateTimer", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) { return pelmoEvent_CreateTimer(&made, id, onEvent, 60, nullptr); },
-     [](uint32_t id, uint32_t) { return pelmoEvent_CreateTimer(nullptr, id, onEvent, 1, nullptr); },
-     kStatusInvalidEvent},
-    {"pelmoEvent_CreateIO", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) {
-         return pelmoEvent_CreateIO(&made, id, onEvent, -1, kIoRead, nullptr);
-     },
-     [](uint32_t id, uint32_t) {
-         return pelmoEvent_CreateIO(nullptr, id, onEvent, -1, kIoRead, nullptr);
-     },
-     kStatusInvalidEvent},
-    {"pelmoEvent_CreateListener", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t queue) {
-         return pelmoEvent_CreateListener(&made, queue, onEvent, id, "A", nullptr);
-     },
-     [](uint32_t id, uint32_t queue) {
-         return pelmoEvent_CreateListener(nullptr, queue, onEvent, id, "A", nullptr);
-     },
-     kStatusInvalidEvent},
-    {"pelmoEvent_CreateListener, the queue", kQueue, kStatusInvalidQueue,
-     [](uint32_t id, uint32_t) {
-         return pelmoEvent_CreateListener(&made, id, onEvent, kIntraProcessTransportId, "A",
-                                          nullptr);
-     }},
-    {"pelmoEvent_CreateVectorListener", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t queue) {
-         return pelmoEvent_CreateVectorListener(&made, queue, onBatch, id, "A", nullptr);
-     },
-     [](uint32_t id, uint32_t queue) {
-         return pelmoEvent_CreateVectorListener(nullptr, queue, onBatch, id, "A", nullptr);
-     },
-     kStatusInvalidEvent},
-    {"pelmoEvent_CreateVectorListenerEx", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t queue) {
-         return pelmoEvent_CreateVectorListenerEx(&made, queue, onBatch, id, "A", nullptr, &made);
-     },
-     [](uint32_t id, uint32_t queue) {
-         return pelmoEvent_CreateVectorListenerEx(nullptr, queue, onBatch, id, "A", nullptr, &made);
-     },
-     kStatusInvalidEvent},
-    {"_pelmoTransport_AddPolledListener", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t queue) {
-         return _pelmoTransport_AddPolledListener(&made, queue, id, "A");
-     },
-     [](uint32_t id, uint32_t queue) {
-         return _pelmoTransport_AddPolledListener(nullptr, queue, id, "A");
-     },
-     kStatusInvalidEvent},
-    {"pelmoEvent_DestroyEx", kEvent, kStatusInvalidEvent,
-     [](uint32_t id, uint32_t) { return pelmoEvent_DestroyEx(id, nullptr); }, nullptr,
-     kStatusSuccess, kAnyKind, true},
-    GETTER(pelmoEvent_GetType, uint32_t, kEvent, kStatusInvalidEvent),
-    GETTER(pelmoEvent_GetQueue, uint32_t, kEvent, kStatusInvalidEvent),
-    GETTER(pelmoEvent_GetListenerSubject, const char*, kEvent, kStatusInvalidEvent, kEventListener),
-    GETTER(pelmoEvent_GetListenerTransport, uint32_t, kEvent, kStatusInvalidEvent, kEventListener),
-    GETTER(pelmoEvent_GetTimerInterval, double, kEvent, kStatusInvalidEvent, kEventTimer),
-    {"pelmoEvent_ResetTimerInterval", kEvent, kStatusInvalidEvent,
-     [](uint32_t id, uint32_t) { return pelmoEvent_ResetTimerInterval(id, 60.0); }, nullptr,
-     kStatusSuccess, kEventTimer},
-    GETTER(pelmoEvent_GetIOSource, int32_t, kEvent, kStatusInvalidEvent, kEventIo),
-    GETTER(pelmoEvent_GetIOType, uint32_t, kEvent, kStatusInvalidEvent, kEventIo),
+    ANSWER(kQueue,
+           pelmoEvent_CreateTimer(&made, id, onEvent, 60, nullptr),
+           pelmoEvent_CreateTimer(nullptr, id, onEvent, 1, nullptr),
+           kStatusInvalidEvent),
+    ANSWER(kQueue,
+           pelmoEvent_CreateIO(&made, id, onEvent, -1, kIoRead, nullptr),
+           pelmoEvent_CreateIO(nullptr, id, onEvent, -1, kIoRead, nullptr),
+           kStatusInvalidEvent),
+    ANSWER(kTransport,
+           pelmoEvent_CreateListener(&made, queue, onEvent, id, "A", nullptr),
+           pelmoEvent_CreateListener(nullptr, queue, onEvent, id, "A", nullptr),
+           kStatusInvalidEvent),
+    CALL(kQueue, pelmoEvent_CreateListener(&made, id, onEvent, kLocal, "A", nullptr)),
+    ANSWER(kTransport,
+           pelmoEvent_CreateVectorListener(&made, queue, onBatch, id, "A", nullptr),
+           pelmoEvent_CreateVectorListener(nullptr, queue, onBatch, id, "A", nullptr),
+           kStatusInvalidEvent),
+    ANSWER(kTransport,
+           pelmoEvent_CreateVectorListenerEx(&made, queue, onBatch, id, "A", nullptr, &made),
+           pelmoEvent_CreateVectorListenerEx(nullptr, queue, onBatch, id, "A", nullptr, &made),
+           kStatusInvalidEvent),
+    ANSWER(kTransport,
+           _pelmoTransport_AddPolledListener(&made, queue, id, "A"),
+           _pelmoTransport_AddPolledListener(nullptr, queue, id, "A"),
+           kStatusInvalidEvent),
+    ENDING(kEvent, pelmoEvent_DestroyEx(id, nullptr)),
+    GETTER(kEvent, pelmoEvent_GetType, most),
+    GETTER(kEvent, pelmoEvent_GetQueue, most),
+    GETTER(kListener, pelmoEvent_GetListenerSubject, name),
+    GETTER(kListener, pelmoEvent_GetListenerTransport, most),
+    GETTER(kTimer, pelmoEvent_GetTimerInterval, seconds),
+    CALL(kTimer, pelmoEvent_ResetTimerInterval(id, 60)),
+    GETTER(kIo, pelmoEvent_GetIOSource, source),
+    GETTER(kIo, pelmoEvent_GetIOType, most),
 
-    {"pelmoDispatcher_GetName", kDispatcher, kStatusInvalidQueue,
-     get<pelmoDispatcher_GetName, const char*>, getNothing<pelmoDispatcher_GetName>},
-    {"pelmoDispatcher_SetName", kDispatcher, kStatusInvalidDispatcher,
-     [](uint32_t id, uint32_t) { return pelmoDispatcher_SetName(id, "name"); },
-     [](uint32_t id, uint32_t) { return pelmoDispatcher_SetName(id, nullptr); }},
-    {"pelmoDispatcher_Join", kDispatcher, kStatusInvalidDispatcher,
-     [](uint32_t id, uint32_t) { return pelmoDispatcher_Join(id); }},
-    {"pelmoDispatcher_Destroy", kDispatcher, kStatusInvalidDispatcher,
-     [](uint32_t id, uint32_t) { return pelmoDispatcher_Destroy(id); }, nullptr, kStatusSuccess,
-     kAnyKind, true},
+    GETTER(kNamedDispatcher, pelmoDispatcher_GetName, name),
+    ANSWER(kDispatcher, pelmoDispatcher_SetName(id, "name"), pelmoDispatcher_SetName(id, nullptr)),
+    CALL(kDispatcher, pelmoDispatcher_Join(id)),
+    ENDING(kDispatcher, pelmoDispatcher_Destroy(id)),
 
-    {"pelmoTransport_Send", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t) { return pelmoTransport_Send(id, sent); },
-     [](uint32_t id, uint32_t) { return pelmoTransport_Send(id, nullptr); }, kStatusInvalidMessage},
-    {"pelmoTransport_Sendv", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t) { return pelmoTransport_Sendv(id, &sent, 1); },
-     [](uint32_t id, uint32_t) { return pelmoTransport_Sendv(id, nullptr, 1); }},
-    {"pelmoTransport_SendRequest", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t) { return pelmoTransport_SendRequest(id, sent, &polled, 0.0); },
-     [](uint32_t id, uint32_t) { return pelmoTransport_SendRequest(id, sent, nullptr, 0.0); }},
-    {"pelmoTransport_SendReply", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t) { return pelmoTransport_SendReply(id, sent, asked); },
-     [](uint32_t id, uint32_t) { return pelmoTransport_SendReply(id, nullptr, asked); },
-     kStatusInvalidMessage},
-    {"pelmoTransport_Distribute", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t) {
-         pelmoMsg* given = nullptr;
-         (void)pelmoMsg_Create(&given);
-         return pelmoTransport_Distribute(id, given);
-     },
-     [](uint32_t id, uint32_t) { return pelmoTransport_Distribute(id, nullptr); },
-     kStatusInvalidMessage},
-    {"pelmoTransport_CreateInbox", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t) { return pelmoTransport_CreateInbox(id, text, sizeof text); },
-     [](uint32_t id, uint32_t) { return pelmoTransport_CreateInbox(id, nullptr, sizeof text); }},
-    {"pelmoTransport_SendAdvisory", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t) {
-         return pelmoTransport_SendAdvisory(id, "INFO", "A", "B", nullptr);
-     },
-     [](uint32_t id, uint32_t) {
-         return pelmoTransport_SendAdvisory(id, nullptr, "A", "B", nullptr);
-     }},
-    NETWORK_SETTING(pelmoTransport_SetDescription(id, "text")),
-    NETWORK_SETTING(pelmoTransport_SetHttpAddress(id, "text")),
-    NETWORK_SETTING(pelmoTransport_SetEcho(id, true)),
-    NETWORK_SETTING(pelmoTransport_RequestReliability(id, 1.0)),
-    NETWORK_SETTING(pelmoTransport_SetBatchMode(id, 1)),
-    NETWORK_SETTING(pelmoTransport_SetBlockingOnExcessiveBacklog(id, true)),
-    NETWORK_SETTING(pelmoTransport_SetSendingWaitLimit(id, 1)),
-    NETWORK_SETTING(pelmoTransport_HoldSends(id)),
-    NETWORK_SETTING(pelmoTransport_ReleaseSends(id)),
-    NETWORK_SETTING(pelmoTransport_SetHidden(id, false)),
-    NETWORK_SETTING(pelmoTransport_GetService(id, &name)),
-    NETWORK_SETTING(pelmoTransport_GetNetwork(id, &name)),
-    NETWORK_SETTING(pelmoTransport_GetDaemon(id, &name)),
-    NETWORK_SETTING(pelmoTransport_GetDescription(id, &name)),
-    NETWORK_SETTING(pelmoTransport_GetHttpAddress(id, &name)),
-    NETWORK_SETTING(pelmoTransport_GetSendingWaitLimit(id, &most)),
-    NETWORK_SETTING(pelmoTransport_SetFirstListenerOnly(id)),
-    NETWORK_SETTING(pelmoTransport_SetQuietUnhandled(id)),
-    {"pelmoTransport_Destroy", kTransport, kStatusInvalidTransport,
-     [](uint32_t id, uint32_t) { return pelmoTransport_Destroy(id); }, nullptr, kStatusSuccess,
-     kAnyKind, true},
+    ANSWER(kTransport,
+           pelmoTransport_Send(id, sent),
+           pelmoTransport_Send(id, nullptr),
+           kStatusInvalidMessage),
+    ANSWER(kTransport, pelmoTransport_Sendv(id, &sent, 1), pelmoTransport_Sendv(id, nullptr, 1)),
+    ANSWER(kTransport,
+           pelmoTransport_SendRequest(id, sent, &polled, 0),
+           pelmoTransport_SendRequest(id, sent, nullptr, 0)),
+    ANSWER(kTransport,
+           pelmoTransport_SendReply(id, sent, asked),
+           pelmoTransport_SendReply(id, nullptr, asked),
+           kStatusInvalidMessage),
+    ANSWER(
+        kTransport, distribute(id), pelmoTransport_Distribute(id, nullptr), kStatusInvalidMessage),
+    ANSWER(kTransport,
+           pelmoTransport_CreateInbox(id, text, sizeof text),
+           pelmoTransport_CreateInbox(id, nullptr, sizeof text)),
+    ANSWER(kTransport,
+           pelmoTransport_SendAdvisory(id, "INFO", "A", "B", nullptr),
+           pelmoTransport_SendAdvisory(id, nullptr, "A", "B", nullptr)),
+    CALL(kTransport, pelmoTransport_SetDescription(id, "text")),
+    CALL(kTransport, pelmoTransport_SetHttpAddress(id, "text")),
+    CALL(kTransport, pelmoTransport_SetEcho(id, true)),
+    CALL(kTransport, pelmoTransport_RequestReliability(id, 1)),
+    CALL(kTransport, pelmoTransport_SetBatchMode(id, 1)),
+    CALL(kTransport, pelmoTransport_SetBlockingOnExcessiveBacklog(id, true)),
+    CALL(kTransport, pelmoTransport_SetSendingWaitLimit(id, 1)),
+    CALL(kTransport, pelmoTransport_HoldSends(id)),
+    CALL(kTransport, pelmoTransport_ReleaseSends(id)),
+    CALL(kTransport, pelmoTransport_SetHidden(id, false)),
+    CALL(kTransport, pelmoTransport_GetService(id, &name)),
+    CALL(kTransport, pelmoTransport_GetNetwork(id, &name)),
+    CALL(kTransport, pelmoTransport_GetDaemon(id, &name)),
+    CALL(kTransport, pelmoTransport_GetDescription(id, &name)),
+    CALL(kTransport, pelmoTransport_GetHttpAddress(id, &name)),
+    CALL(kTransport, pelmoTransport_GetSendingWaitLimit(id, &most)),
+    CALL(kTransport, pelmoTransport_SetFirstListenerOnly(id)),
+    CALL(kTransport, pelmoTransport_SetQuietUnhandled(id)),
+    ENDING(kTransport, pelmoTransport_Destroy(id)),
 };
 
 // One object of each kind, and one of each type that is gone.
@@ -282,8 +237,8 @@ struct Objects {
     Objects(const Objects&) = delete;
     Objects& operator=(const Objects&) = delete;
 
-    [[nodiscard]] uint32_t sound(const Call& call) const {
-        switch (call.type) {
+    [[nodiscard]] uint32_t sound(const Target& target) const {
+        switch (target.type) {
             case IdType::kQueue:
                 return queue;
             case IdType::kQueueGroup:
@@ -293,7 +248,9 @@ struct Objects {
             case IdType::kDispatcher:
                 return dispatcher;
             default:
-                return call.kind == kEventIo ? io : call.kind == kEventListener ? listener : timer;
+                return target.kind == kEventIo         ? io
+                       : target.kind == kEventListener ? listener
+                                                       : timer;
         }
     }
 
@@ -320,20 +277,17 @@ TEST(PublicCalls, RefuseIdsThatAreNone) {
     made = objects.group;
     for (const Call& call : kCalls) {
         SCOPED_TRACE(call.name);
-        EXPECT_EQ(call.call(kNoId, objects.queue), call.badId);
-        EXPECT_EQ(call.call(UINT32_MAX, objects.queue), call.badId);
-        EXPECT_EQ(call.call(objects.gone(call.type), objects.queue), call.badId);
-        const uint32_t others[] = {objects.queue, objects.group, objects.timer, objects.dispatcher};
-        for (const uint32_t other : others) {
-            if (other != objects.sound(call) && !(call.type == kEvent && other == objects.timer)) {
-                EXPECT_EQ(call.call(other, objects.queue), call.badId) << other;
-            }
+        const Target& target = call.target;
+        for (const uint32_t none : {kNoId, UINT32_MAX, objects.gone(target.type)}) {
+            EXPECT_EQ(call.call(none, objects.queue), target.badId) << none;
         }
-        if (call.kind == kAnyKind) continue;
-        for (const uint32_t event : {objects.timer, objects.io, objects.listener}) {
-            if (event != objects.sound(call)) {
-                EXPECT_EQ(call.call(event, objects.queue), call.badId) << event;
-            }
+        std::vector<uint32_t> others = {objects.queue, objects.group, objects.dispatcher};
+        if (target.type != IdType::kEvent || target.kind != 0) {
+            others.insert(others.end(), {objects.timer, objects.io, objects.listener});
+        }
+        std::erase(others, objects.sound(target));
+        for (const uint32_t other : others) {
+            EXPECT_EQ(call.call(other, objects.queue), target.badId) << other;
         }
     }
 }
@@ -342,7 +296,7 @@ TEST(PublicCalls, RefuseToAnswerNowhere) {
     const Objects objects;
     for (const Call& call : kCalls) {
         if (call.withoutOutput == nullptr) continue;
-        EXPECT_EQ(call.withoutOutput(objects.sound(call), objects.queue), call.noOutput)
+        EXPECT_EQ(call.withoutOutput(objects.sound(call.target), objects.queue), call.noOutput)
             << call.name;
     }
     EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);
@@ -359,8 +313,8 @@ TEST(PublicCalls, RefuseAClosedLibrary) {
     pelmo_Close();
     made = objects.group;
     for (const Call& call : kCalls) {
-        const pelmoStatus expected = call.endsObjects ? call.badId : kStatusNotInitialized;
-        EXPECT_EQ(call.call(objects.sound(call), objects.queue), expected) << call.name;
+        const pelmoStatus expected = call.endsObjects ? call.target.badId : kStatusNotInitialized;
+        EXPECT_EQ(call.call(objects.sound(call.target), objects.queue), expected) << call.name;
     }
     uint32_t out = 0;
     EXPECT_EQ(pelmoQueue_Create(&out), kStatusNotInitialized);

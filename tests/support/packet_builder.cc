@@ -68,12 +68,6 @@ Bytes cut(const Bytes& bytes, size_t sizeBytes) {
     return Bytes(bytes.data(), bytes.data() + sizeBytes);
 }
 
-Bytes padded(Bytes bytes, size_t sizeBytes) {
-    bytes.resize(sizeBytes, 0xee);
-    bytes.shrink_to_fit();
-    return bytes;
-}
-
 Bytes udpPacket(const PacketHead& head, const Bytes& payload) {
     const size_t udpBytes = 8 + payload.size();
     return sealed(joined({ipHeader(head, kIpBytes + udpBytes), be16(head.srcPort),
@@ -123,15 +117,6 @@ Bytes sealed(Bytes packet) {
     const Bytes datagram(packet.data() + kUdpAt, packet.data() + kUdpAt + udpBytes);
     const Bytes summed = joined({addresses, {0, 17}, be16(udpBytes), datagram});
     return patched(packet, kUdpChecksumAt, be16(plainChecksum(summed)));
-}
-
-Bytes claimed(const Bytes& packet, size_t oskaBytes) {
-    const Bytes inIp = patched(packet, 2, be16(kOskaAt + oskaBytes));
-    return sealed(patched(inIp, kUdpLengthAt, be16(8 + oskaBytes)));
-}
-
-Bytes shortened(const Bytes& packet, size_t oskaBytes) {
-    return cut(claimed(packet, oskaBytes), kOskaAt + oskaBytes);
 }
 
 Bytes ethernetFrame(const Bytes& ip) {

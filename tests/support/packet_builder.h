@@ -35,16 +35,12 @@ constexpr uint32_t ipv4(uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
 // The first `sizeBytes`, as a capture would cut them off.
 [[nodiscard]] Bytes cut(const Bytes& bytes, size_t sizeBytes);
 
-// With bytes behind the end, as a short Ethernet frame has them.
-[[nodiscard]] Bytes padded(Bytes bytes, size_t sizeBytes);
-
 // Packets: all begin at the IP header and have right lengths and a right checksum.
 
 constexpr size_t kIpBytes = 20;
 constexpr size_t kUdpAt = kIpBytes;
 constexpr size_t kUdpLengthAt = kUdpAt + 4;
 constexpr size_t kUdpChecksumAt = kUdpAt + 6;
-constexpr size_t kOskaAt = kUdpAt + 8;
 
 struct PacketHead {
     uint32_t srcIp = ipv4(10, 0, 0, 1);
@@ -73,12 +69,6 @@ struct PacketHead {
 // The packet with its UDP checksum made anew, for one that was patched or shortened. Its IP and UDP
 // lengths must hold.
 [[nodiscard]] Bytes sealed(Bytes packet);
-
-// The packet as if its sender had sent only the first `oskaBytes` of the UDP payload.
-[[nodiscard]] Bytes shortened(const Bytes& packet, size_t oskaBytes);
-
-// The same, with the further bytes still there, behind the end of the datagram.
-[[nodiscard]] Bytes claimed(const Bytes& packet, size_t oskaBytes);
 
 [[nodiscard]] Bytes ethernetFrame(const Bytes& ip);
 

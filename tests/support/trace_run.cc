@@ -171,48 +171,6 @@ std::string packetLine(uint64_t packets, uint64_t oskaPackets) {
     return "packets=" + std::to_string(packets) + " oska=" + std::to_string(oskaPackets);
 }
 
-std::string timeText(TimeSpec time) {
-    char text[48];
-    std::snprintf(text, sizeof text, "%" PRId32 ".%09" PRIu32, time.seconds, time.nanoseconds);
-    return text;
-}
-
-void addSnapNet(Lines& lines, const SnapNet& net) {
-    lines.push_back(std::string(" net ") + ipToText(net.net));
-    for (uint32_t i = 0; i < net.hostCount; ++i) {
-        const SnapHost& host = net.hosts[i];
-        lines.push_back("  host " + hostName(host.host, host.port) + multicastCounts(host));
-    }
-    for (uint32_t i = 0; i < net.subjectCount; ++i) {
-        const SnapSubject& subject = net.subjects[i];
-        lines.push_back("  subject " + subjectName(subject.subject));
-        for (uint32_t j = 0; j < subject.hostCount; ++j) {
-            const SnapSubjectHost& host = subject.hosts[j];
-            lines.push_back("   from " + hostName(host.host, host.port) + messageCounts(host));
-        }
-    }
-    for (uint32_t i = 0; i < net.statusMsgCount; ++i) {
-        const uint8_t* bytes = net.statusMsgs[i];
-        lines.push_back("  message " + hexText(Bytes(bytes, bytes + loadBe32At(bytes))));
-    }
-    if (net.statusMsgCount == 0 && net.statusMsgs != nullptr) lines.push_back("  stray messages");
-}
-
-void addSnapPort(Lines& lines, const SnapPort& port) {
-    lines.push_back("port " + std::to_string(hostOrder16(port.port)));
-    for (uint32_t i = 0; i < port.netCount; ++i) {
-        addSnapNet(lines, port.nets[i]);
-    }
-    for (uint32_t i = 0; i < port.rlHostCount; ++i) {
-        const SnapRlHost& host = port.rlHosts[i];
-        lines.push_back(" rl " + hostName(host.host, host.port) + rlCounts(host.counters));
-    }
-    for (uint32_t i = 0; i < port.ptpHostCount; ++i) {
-        const SnapPtpHost& host = port.ptpHosts[i];
-        lines.push_back(" ptp " + hostName(host.host, host.port) + ptpCounts(host.counters));
-    }
-}
-
 }  // namespace
 
 TraceRun::TraceRun(bool complain) : complainBefore_(traceSettings.complain) {
@@ -245,16 +203,6 @@ Lines TraceRun::logged() {
     return lines;
 }
 
-std::string hexText(const Bytes& bytes) {
-    std::string text;
-    char digits[3];
-    for (const uint8_t byte : bytes) {
-        std::snprintf(digits, sizeof digits, "%02x", byte);
-        text += digits;
-    }
-    return text;
-}
-
 void analyze(const std::vector<Bytes>& packets) {
     for (const Bytes& packet : packets) {
         analyzePacket(packet.data(), packet.size());
@@ -278,52 +226,4 @@ Lines treeText() {
                                [](const PtpHostEntry& host) { return ptpCounts(host.counters); });
     }
     return lines;
-}
-
-Lines snapshotText(const SnapHeader& snapshot) {
-    Lines lines = {timeText(snapshot.prevTime) + " to " + timeText(snapshot.thisTime) + " " +
-                   packetLine(snapshot.packets, snapshot.oskaPackets)};
-    for (uint32_t i = 0; i < snapshot.portCount; ++i) {
-        addSnapPort(lines, snapshot.ports[i]);
-    }
-    return lines;
-}
-
-Outcome outcomeOf(const std::vector<Bytes>& packets) {
-    Lines silentTree;
-    {
-        TraceRun silent(false);
-        analyze(packets);
-        silentTree = treeText();
-        EXPECT_EQ(silent.logged(), Lines());
-    }
-    TraceRun run;
-    analyze(packets);
-    const Lines tree = treeText();
-    EXPECT_EQ(tree, silentTree);
-    return {tree, run.logged()};
-}
-
-Outcome hostOutcome(size_t packetCount, const std::string& host, const Lines& logged) {
-    return {{packetLine(packetCount, packetCount), "port 7500 live", " net 239.1.1.1 live",
-             "  host " + host},
-            logged};
-}
-
-Outcome pairOutcome(const std::string& kind,
-                    const std::string& source,
-                    const std::string& destination,
-                    const Lines& logged) {
-    return {{packetLine(1, 1), "port 7500 live", " " + kind + " " + source,
-             " " + kind + " " + destination},
-            logged};
-}
-
-void PrintTo(const Outcome& outcome, std::ostream* stream) {
-    for (const std::string& line : outcome.tree) {
-        *stream << "\n    " << line;
-    }
-    for (const std::string& line : outcome.logged) {
-        *stream << "\n    log: " << line;
-    }
 }
