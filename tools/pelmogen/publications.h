@@ -1,8 +1,8 @@
 // Who publishes what, where a host sends on few services: "--services".
 //
 // Hosts fall into classes, by number, and so do services; a host sends on the services of its
-// class. A subject's publishers are hosts of its service's class. Nobody is left without a subject
-// on a service of his: who has no other publishes the first one.
+// class, and a subject's publishers are hosts of its service's class. A host that would be left
+// without a subject on one of its services publishes the first one there.
 
 #pragma once
 
