@@ -6,8 +6,8 @@
 
 namespace {
 
-// Behind how many a charge comes to its next step: one message's work is about a third of a trip to
-// memory.
+// Behind how many others a charge comes to its next step. One message's work is about a third of a
+// trip to memory, and less where several messages share a packet.
 constexpr uint32_t kBehindForRecord = 5;
 constexpr uint32_t kBehindToCount = 11;
 static_assert(kBehindToCount < kChargesInLine);
@@ -15,7 +15,6 @@ static_assert(kBehindToCount < kChargesInLine);
 constexpr size_t kUsualSubjectBytes = 40;  // most are no longer
 constexpr size_t kLeastSubjectBytes = 5;   // one element without characters
 
-// Looks the subject up and counts for it; false where it has no record.
 SubjectEntry* findSubject(const NetEntry& net,
                           const uint8_t* subject,
                           size_t length,

@@ -30,7 +30,8 @@ struct Sizes {
     size_t statusMsgs, statusBytes;
 };
 
-// The subjects of a net lie all over memory, so those that are soon to come are asked for.
+// The subject at the place. The subjects of a net lie all over memory, so the one at `ahead` is
+// asked for meanwhile.
 SubjectEntry& nextSubject(const SubjectMap& subjects, uint32_t place, uint32_t ahead) {
     if (ahead < subjects.count) prefetchBytes(subjectMapAt(subjects, ahead), 2 * kCacheLineBytes);
     return subjectAt(subjects, place);

@@ -78,8 +78,9 @@ void sortByInsertion(std::span<SortKey> keys) {
     }
 }
 
-// Deals the keys out by the first byte in which they differ, and each heap by those that follow.
-// Equal keys keep their order. There are so many bytes, which bounds the recursion.
+// Deals the keys out into buckets by the first byte in which they differ, and sorts each bucket by
+// the bytes that follow. Equal keys keep their order. A key has sixteen bytes, which bounds the
+// recursion.
 void sortByRadix(std::span<SortKey> keys, SortKey* dealt) {
     if (keys.size() < kFewKeys) return sortByInsertion(keys);
     const size_t common = countCommonBytes(keys);
@@ -91,7 +92,7 @@ void sortByRadix(std::span<SortKey> keys, SortKey* dealt) {
     for (const SortKey& key : keys) {
         ++ends[key.*word >> shift & 0xff];
     }
-    // Until all are dealt, each heap's end is where its next key goes.
+    // Until all are dealt, each bucket's end is where its next key goes.
     std::exclusive_scan(ends.begin(), ends.end(), ends.begin(), uint32_t{0});
     for (const SortKey& key : keys) {
         dealt[ends[key.*word >> shift & 0xff]++] = key;

@@ -2,9 +2,9 @@
 //
 // Every message touches its subject's record, which therefore holds little: two counters, and the
 // subject right behind them (lib/containers/subject_map.h), one cache line in all for most. Senders
-// are counted only where somebody shows them (TraceSettings::countSenders). A subject has often two
-// to four of them, and whoever forges packets can give it any number: they stand in one array that
-// grows, searched from end to end while it is short, and by an index from then on.
+// are counted only where somebody shows them (TraceSettings::countSenders). A subject often has two
+// to four of them, and whoever forges packets can give it any number. They stand in one array that
+// grows: it is searched from end to end while it is short, and by an index from then on.
 //
 // Ownership: a subject lives until it is removed, and its senders with it.
 //
@@ -25,7 +25,8 @@ struct SubjectSender {
     uint64_t msgs, bytes;
 };
 
-// The senders of one subject stand right behind it, in the order in which they were first seen.
+// Ahead of the array: the senders stand right behind this, in the order in which they were first
+// seen.
 struct SubjectSenders {
     uint32_t count;
     uint32_t capacity;
@@ -39,13 +40,12 @@ struct SubjectEntry {
     SubjectSenders* senders;  // null while none is counted
 };
 
-inline constexpr uint32_t kSubjectHeadRecordBytes = sizeof(SubjectEntry);
-
-// A subject that the map doesn't hold yet: well formed, with at least one element, and copied.
+// `subject` isn't in the map yet, is well formed, and has at least one element; it is copied.
 [[nodiscard]] SubjectEntry* subjectCreate(SubjectMap& subjects,
                                           const uint8_t* subject,
                                           uint32_t hash);
 
+// Finds or creates the sender, a hostKey. Good until the next sender of the subject is created.
 [[nodiscard]] SubjectSender* subjectSender(SubjectEntry& subject, uint64_t key);
 
 // Takes the subject at the place out and frees it with all that is counted under it. The subject at
