@@ -48,7 +48,7 @@ std::map<std::string, std::pair<uint64_t, uint64_t>> counted(const NetEntry& of)
 
 using Counts = std::map<std::string, std::pair<uint64_t, uint64_t>>;
 
-TEST(Charge, WaitsOnlyWhileSubjectsAreMany) {
+TEST(Charge, WaitsOnceSubjectsAreMany) {
     TraceRun run;
     charge(net(1), "A");
     EXPECT_EQ(counted(net(1)), (Counts{{"A 1", {1, 10}}}));
