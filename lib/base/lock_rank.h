@@ -41,7 +41,8 @@
     ROW(kPool, false, "pool lock")                    \
     ROW(kLeaf, false, "lock with nothing beneath it") \
     ROW(kTrace, false, "tracing lock")                \
-    ROW(kLog, false, "log lock")
+    ROW(kLog, false, "log lock")                      \
+    ROW(kLogFile, false, "log file lock")
 
 #define PELMO_LOCK_RANK_ENUMERATOR(name, mayPair, words) name,
 enum class LockRank : uint8_t { PELMO_LOCK_RANK_TABLE(PELMO_LOCK_RANK_ENUMERATOR) };

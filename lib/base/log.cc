@@ -35,10 +35,13 @@ struct LogState {
     FILE* stream PELMO_GUARDED_BY(lock) = nullptr;  // where lines go; null until the first
 
     // The stream of all files that ever were open, made by the first. Never closed: others may be
-    // writing to it. It has no buffer, and leads to `fileSink`, which belongs to who holds the
-    // stream's own lock; after logClose that leads to nowhere.
+    // writing to it. It has no buffer, and leads to `fileSink`; after logClose that leads to
+    // nowhere.
     FILE* file PELMO_GUARDED_BY(lock) = nullptr;
-    TextSink fileSink = {};
+
+    // Taken behind `lock`, or alone by those who write to the stream by themselves.
+    Lock fileLock = PELMO_LOCK_READY(LockRank::kLogFile);
+    TextSink fileSink PELMO_GUARDED_BY(fileLock) = {};
 
     TextSink errorSink PELMO_GUARDED_BY(lock) = {.descriptor = STDERR_FILENO};
     bool isLossTold PELMO_GUARDED_BY(lock) = false;  // that the file can't be written
@@ -71,14 +74,10 @@ struct ErrnoGuard {
     const int kept = errno;
 };
 
-// Those who write to the stream by themselves see each line, and the change of a file, as one step.
+// Those who write to a stream of logSetStream by themselves see each line as one step.
 struct StreamGuard {
-    explicit StreamGuard(FILE* wanted) : stream(wanted) {
-        if (stream != nullptr) flockfile(stream);
-    }
-    ~StreamGuard() {
-        if (stream != nullptr) funlockfile(stream);
-    }
+    explicit StreamGuard(FILE* wanted) : stream(wanted) { flockfile(stream); }
+    ~StreamGuard() { funlockfile(stream); }
     StreamGuard(const StreamGuard&) = delete;
     StreamGuard& operator=(const StreamGuard&) = delete;
 
@@ -106,8 +105,11 @@ size_t formatPrefixLocked(char* line, size_t sizeBytes, const char* module)
 size_t writeTextLocked(const char* text, size_t sizeBytes) PELMO_REQUIRES(state.lock) {
     FILE* const stream = streamLocked();
     if (stream == stderr) return textSinkWrite(&state.errorSink, text, sizeBytes);
+    if (stream == state.file) {
+        const LockGuard guard(state.fileLock);
+        return textSinkWrite(&state.fileSink, text, sizeBytes);
+    }
     const StreamGuard guard(stream);
-    if (stream == state.file) return textSinkWrite(&state.fileSink, text, sizeBytes);
     const size_t written = std::fwrite(text, 1, sizeBytes, stream);
     std::fflush(stream);
     return written;
@@ -158,7 +160,7 @@ size_t writeTextLocked(const char* text, size_t sizeBytes) PELMO_REQUIRES(state.
 void tellLostLinesLocked() PELMO_REQUIRES(state.lock) {
     const FILE* const stream = streamLocked();
     if (state.rotating || (stream != state.file && stream != stderr)) return;
-    const StreamGuard guard(state.file);
+    const LockGuard guard(state.fileLock);
     TextSink& sink = stream == state.file ? state.fileSink : state.errorSink;
     const uint64_t lostLines = sink.lostLines;
     if (lostLines == 0) return;
@@ -171,15 +173,15 @@ void tellLostLinesLocked() PELMO_REQUIRES(state.lock) {
 void tellLossLocked() PELMO_REQUIRES(state.lock) {
     if (state.stream == stderr && state.errorSink.error != 0) state.hasLoss = true;
     if (state.stream != state.file) return;
-    const StreamGuard guard(state.file);
-    const TextSink& sink = state.fileSink;
-    if (sink.error == 0 && sink.lostLines == 0) state.isLossTold = false;
-    if (sink.error == 0) return;
+    const LockGuard guard(state.fileLock);
+    const int error = state.fileSink.error;
+    if (error == 0 && state.fileSink.lostLines == 0) state.isLossTold = false;
+    if (error == 0) return;
     state.hasLoss = true;
     if (std::exchange(state.isLossTold, true)) return;
     state.stream = stderr;
     (void)printLocked("failed to write log file '%s': %s; lines are lost until it can be written.",
-                      state.ring.path, std::strerror(sink.error));
+                      state.ring.path, std::strerror(error));
     state.stream = state.file;
 }
 
@@ -215,13 +217,14 @@ int openForWriting(const char* path, int flags) {
 }
 
 ssize_t writeToFile(void*, const char* text, size_t sizeBytes) {
+    const LockGuard guard(state.fileLock);
     (void)textSinkWrite(&state.fileSink, text, sizeBytes);
     return static_cast<ssize_t>(sizeBytes);
 }
 
 // Takes the descriptor, or -1 for none.
 void setDescriptorLocked(int descriptor) PELMO_REQUIRES(state.lock) {
-    const StreamGuard guard(state.file);
+    const LockGuard guard(state.fileLock);
     textSinkSet(&state.fileSink, descriptor);
 }
 
@@ -249,16 +252,19 @@ void closeFileLocked() PELMO_REQUIRES(state.lock) {
     setDescriptorLocked(-1);
 }
 
-// Where the log begins to count. What isn't a regular file can't be full, and a device is nothing
-// to be moved aside.
+// A new file begins: nothing of it is lost, and its bytes are counted from here on. What isn't a
+// regular file can't be full, and a device is nothing to be moved aside.
 void measureFileLocked() PELMO_REQUIRES(state.lock) {
+    const LockGuard guard(state.fileLock);
+    state.isLossTold = false;
+    state.fileSink.lostLines = 0;
     if (!state.fileSink.isFile) state.limitBytes = 0;
     const uint64_t sizeBytes = fileSize64(state.ring.path);
     if (sizeBytes != kFileSizeUnknown64) state.knownBytes = sizeBytes;
 }
 
 void rotateLocked() PELMO_REQUIRES(state.lock) {
-    const StreamGuard guard(state.file);  // so that nobody's text comes ahead of the header
+    const LockGuard guard(state.fileLock);  // so that nobody's text comes ahead of the header
     state.rotating = true;
     state.stream = stderr;  // what there is to tell is told there
     state.knownBytes = 0;
@@ -330,8 +336,6 @@ pelmoStatus logOpen(const char* path, uint32_t limitBytes, int32_t rotations, co
     }
     state.stream = state.file;
     state.redirected = false;
-    state.isLossTold = false;
-    state.fileSink.lostLines = 0;
     measureFileLocked();
     writeHeaderLocked();
     return kStatusSuccess;

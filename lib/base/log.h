@@ -22,8 +22,7 @@
 //
 // Threads: any, at any time, with any lock held. A line is written whole. Nothing is called back.
 // The stream of a file stays the same, and valid, through all rotations to the end of the process,
-// so that a thread may write to it while others log; after logClose that leads to nowhere. Nobody
-// calls in here with the stream's own lock (flockfile) held.
+// so that a thread may write to it while others log; after logClose that leads to nowhere.
 
 #pragma once
 
