@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <latch>
 
 #include "tests/runtime/dispatch_stand.h"
 #include "tests/support/fail_alloc.h"
@@ -58,12 +57,10 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
         void (*end)();
         const char* told;
     } cases[] = {
-        {nullptr, false, 0.001, nothing, "dispatcher: 50 Operation timed out"},
         {nullptr, true, 0.001, nothing, "dispatcher: 50 Operation timed out"},
         {"worker", false, -1.0, endQueue, "worker: 62 Invalid queue"},
         {"w", true, -1.0, endGroup, "w: 63 Invalid queue group"},
         {"w", false, -1.0, endIt, "w: 53 Invalid dispatcher"},
-        {nullptr, true, -1.0, endIt, "dispatcher: 53 Invalid dispatcher"},
     };
     for (const auto& [name, onGroup, seconds, end, told] : cases) {
         const DispatchStand stand;
@@ -73,6 +70,8 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
         dispatcher = newDispatcher(onGroup ? group : queue, seconds);
         if (name != nullptr) {
             EXPECT_EQ(pelmoDispatcher_SetName(dispatcher, name), kStatusSuccess);
+            const FailAlloc fail{.after = 0};
+            EXPECT_EQ(pelmoDispatcher_SetName(dispatcher, "other"), kStatusNoMemory);
         }
         // One that is destroyed before its thread has begun ends silently.
         if (seconds < 0)
@@ -83,52 +82,32 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
     }
 }
 
-TEST(Dispatcher, KeepsItsNameWithoutMemory) {
-    const DispatchStand stand;
-    const uint32_t dispatcher = newDispatcher(stand.queue);
-    const char* name = nullptr;
-    EXPECT_EQ(pelmoDispatcher_GetName(dispatcher, &name), kStatusSuccess);
-    EXPECT_STREQ(name, "dispatcher");
-    EXPECT_EQ(pelmoDispatcher_SetName(dispatcher, "first"), kStatusSuccess);
-    {
-        const FailAlloc fail{.after = 0};
-        EXPECT_EQ(pelmoDispatcher_SetName(dispatcher, "second"), kStatusNoMemory);
-    }
-    EXPECT_EQ(pelmoDispatcher_GetName(dispatcher, &name), kStatusSuccess);
-    EXPECT_STREQ(name, "first");
-    EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusSuccess);
-    EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusInvalidDispatcher);
-}
-
-// The thread ends when the callback has returned; those who joined it meanwhile wait for that.
+// The thread ends when the callback has returned; who joined it meanwhile waits for that.
 TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
-    struct Meeting {
-        std::latch created{1}, joining{2};
-        uint32_t dispatcher = kNoId;
-        std::atomic<bool> returned = false;
-    } meeting;
+    static std::atomic<uint32_t> dispatcher;
+    static std::atomic<bool> returned;
+    dispatcher = kNoId;
+    returned = false;
     const DispatchStand stand;
     Exits exits;
-    const auto destroyOwn = [](uint32_t, pelmoMsg*, void* closure) {
-        auto* at = static_cast<Meeting*>(closure);
-        at->created.wait();
-        EXPECT_EQ(pelmoDispatcher_Join(at->dispatcher), kStatusOsError);
-        at->joining.wait();
-        EXPECT_EQ(pelmoDispatcher_Destroy(at->dispatcher), kStatusSuccess);
-        EXPECT_EQ(pelmoDispatcher_Destroy(at->dispatcher), kStatusInvalidDispatcher);
-        at->returned = true;
+    const auto destroyOwn = [](uint32_t, pelmoMsg*, void*) {
+        dispatcher.wait(kNoId);
+        EXPECT_EQ(pelmoDispatcher_Join(dispatcher), kStatusOsError);
+        EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusSuccess);
+        EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusInvalidDispatcher);
+        returned = true;
     };
-    postBatch(stand.queue, std::vector<uint32_t>(3, listen(stand.queue, destroyOwn, &meeting)));
-    meeting.dispatcher = newDispatcher(stand.queue);
-    meeting.created.count_down();
-    const auto join = [&] {
-        meeting.joining.count_down();
+    postBatch(stand.queue, std::vector<uint32_t>(3, listen(stand.queue, destroyOwn)));
+    const uint32_t made = newDispatcher(stand.queue);
+    const auto join = [made] {
         // The callback may have destroyed it first.
-        if (pelmoDispatcher_Join(meeting.dispatcher) == kStatusSuccess) {
-            EXPECT_TRUE(meeting.returned);
+        if (pelmoDispatcher_Join(made) == kStatusSuccess) {
+            EXPECT_TRUE(returned);
         }
     };
     std::thread one(join), two(join);
+    dispatcher = made;
+    dispatcher.notify_all();
     one.join();
     two.join();
     EXPECT_EQ(exits.next(), "dispatcher: 53 Invalid dispatcher");

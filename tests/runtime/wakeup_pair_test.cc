@@ -12,28 +12,6 @@
 
 namespace {
 
-// The ends of the one TCP connection that both are this process': the reader is watched.
-struct Ends {
-    explicit Ends(uint32_t ioEvent) {
-        EXPECT_EQ(pelmoEvent_GetIOSource(ioEvent, &reader), kStatusSuccess);
-        sockaddr_in peer = address(reader, getpeername);
-        for (writer = 0; writer < 1'000; ++writer) {
-            if (address(writer, getsockname).sin_port == peer.sin_port) return;
-        }
-        ADD_FAILURE() << "no writing end";
-    }
-
-    static sockaddr_in address(int end, int (*ask)(int, sockaddr*, socklen_t*)) {
-        sockaddr_in found{};
-        socklen_t size = sizeof(found);
-        if (ask(end, reinterpret_cast<sockaddr*>(&found), &size) != 0) found = {};
-        return found.sin_family == AF_INET ? found : sockaddr_in{};
-    }
-
-    int32_t reader = -1;
-    int writer = -1;
-};
-
 struct WakeupPairs : testing::Test {
     WakeupPairs() {
         EXPECT_EQ(wakeupPairCreate(&pair, stand.queue, wake, fail, this), kStatusSuccess);
@@ -61,7 +39,11 @@ struct WakeupPairs : testing::Test {
     }
 
     // So that the reader finds the end.
-    void breakConnection() const { shutdown(Ends(event).writer, SHUT_RDWR); }
+    void breakConnection() const {
+        int32_t reader = -1;
+        EXPECT_EQ(pelmoEvent_GetIOSource(event, &reader), kStatusSuccess);
+        EXPECT_EQ(shutdown(reader, SHUT_RDWR), 0);
+    }
 
     void allowSockets() const { setrlimit(RLIMIT_NOFILE, &limit); }
 
@@ -107,7 +89,8 @@ TEST_F(WakeupPairs, NeverBlockNorKillTheWaker) {
     EXPECT_EQ(errno, 4'711);
     breakConnection();
     errno = 4'711;
-    wakeupPairWake(pair);
+    for (int i = 0; i < 3; ++i)
+        wakeupPairWake(pair);
     EXPECT_EQ(errno, 4'711);
 }
 
@@ -197,19 +180,26 @@ TEST_F(WakeupPairs, WriteToNobodyElsesDescriptor) {
     waker.join();
 }
 
+sockaddr_in addressOf(int end, int (*ask)(int, sockaddr*, socklen_t*)) {
+    sockaddr_in found{};
+    socklen_t size = sizeof(found);
+    EXPECT_EQ(ask(end, reinterpret_cast<sockaddr*>(&found), &size), 0);
+    return found;
+}
+
 // Who else connects to the listening port is turned away.
 TEST(LoopbackPair, IsNobodyElses) {
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(listen(listener, 8), 0);
-    const sockaddr_in target = Ends::address(listener, getsockname);
+    const sockaddr_in target = addressOf(listener, getsockname);
     int ends[3];
     for (int& end : ends) {
         end = socket(AF_INET, SOCK_STREAM, 0);
         ASSERT_EQ(connect(end, reinterpret_cast<const sockaddr*>(&target), sizeof(target)), 0);
     }
-    const sockaddr_in own = Ends::address(ends[2], getsockname);
+    const sockaddr_in own = addressOf(ends[2], getsockname);
     const int accepted = loopbackAcceptFrom(listener, own);
-    EXPECT_EQ(Ends::address(accepted, getpeername).sin_port, own.sin_port);
+    EXPECT_EQ(addressOf(accepted, getpeername).sin_port, own.sin_port);
     char byte;
     EXPECT_EQ(recv(ends[0], &byte, 1, 0), 0);
     EXPECT_EQ(recv(ends[1], &byte, 1, 0), 0);

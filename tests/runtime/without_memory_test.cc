@@ -42,6 +42,8 @@ const Row kRows[] = {
     {"dispatcher",
      [](uint32_t queue, int, uint32_t* out) { return pelmoDispatcher_CreateEx(out, queue, -1.0); },
      [](uint32_t id) { pelmoDispatcher_Destroy(id); }},
+    {"group", [](uint32_t, int, uint32_t* out) { return pelmoQueueGroup_Create(out); },
+     [](uint32_t id) { pelmoQueueGroup_Destroy(id); }},
     {"queue", makeNamedQueue, [](uint32_t id) { pelmoQueue_DestroyEx(id, nullptr, nullptr); }},
     {"tracing",
      [](uint32_t, int, uint32_t*) { return Tracing_Start("RECV=A.B,RECV=A.>", nullptr, nullptr); },

@@ -52,8 +52,6 @@ TEST_F(Network, CreatesOverTheDaemonConnection) {
     uint32_t other = 0;
     daemon.createAnswer = kStatusWrongVersion;
     EXPECT_EQ(pelmoTransport_CreateNetwork(&other, nullptr, nullptr, nullptr), kStatusWrongVersion);
-    EXPECT_EQ(pelmoTransport_CreateNetwork(nullptr, nullptr, nullptr, nullptr),
-              kStatusInvalidArgument);
     daemon.createAnswer = kStatusSuccess;
     daemon.endpoint = peers.endpoint();
     ASSERT_EQ(pelmoTransport_CreateNetworkNoResume(&other, "s", "n", "d"), kStatusSuccess);
@@ -63,7 +61,6 @@ TEST_F(Network, CreatesOverTheDaemonConnection) {
     ASSERT_EQ(pelmoTransport_CreateInbox(other, inbox, sizeof inbox), kStatusSuccess);
     EXPECT_EQ(inbox, kOwnInbox + "1");
     EXPECT_EQ(pelmoTransport_Destroy(other), kStatusSuccess);
-    EXPECT_EQ(pelmoTransport_Destroy(other), kStatusInvalidTransport);
     EXPECT_EQ(daemon.taken(), Texts{"stop"});
     EXPECT_EQ(peers.taken(), Texts{"close"});
 
@@ -77,49 +74,36 @@ TEST_F(Network, CreatesOverTheDaemonConnection) {
               kStatusDaemonNotConnected);
 }
 
-struct Setting {
-    const char* name;
-    pelmoStatus (*call)(uint32_t id);
-    pelmoStatus ofOtherKinds;
-    std::string told;  // to the daemon; empty: nothing
-};
-
 const char* givenText = nullptr;
 uint32_t givenLimit = 0;
 
-#define SETTING(call, ofOtherKinds, told, ...)                                                      \
-    {                                                                                               \
-#call,                                                                                      \
-            [](uint32_t                                                                             \
-                   id) { return pelmoTransport_##call(id __VA_OPT__(, ) __VA_ARGS__); },            \
-                                                                                      ofOtherKinds, \
-                                                                                      told          \
-    }
+struct Setting {
+    pelmoStatus (*call)(uint32_t id);
+    std::string told;  // to the daemon; empty: nothing
+    pelmoStatus ofOtherKinds = kStatusNotPermitted;
+};
+
+#define SETTING(call) [](uint32_t id) { return pelmoTransport_##call; }
 
 const Setting kSettings[] = {
-    SETTING(GetService, kStatusInvalidTransport, "", &givenText),
-    SETTING(GetNetwork, kStatusInvalidTransport, "", &givenText),
-    SETTING(GetDaemon, kStatusInvalidTransport, "", &givenText),
-    SETTING(GetDescription, kStatusNotPermitted, "", &givenText),
-    SETTING(GetHttpAddress, kStatusNotPermitted, "", &givenText),
-    SETTING(SetDescription, kStatusNotPermitted, R"(send {mtype="S" control="D" data="d"})", "d"),
-    SETTING(
-        SetHttpAddress, kStatusNotPermitted, R"(send {mtype="S" control="H" data=""})", nullptr),
-    SETTING(SetHidden, kStatusNotPermitted, R"(send {mtype="S" control="C" data=true})", true),
-    SETTING(SetEcho, kStatusNotPermitted, R"(send {mtype="S" control="E" data=false})", false),
-    SETTING(
-        RequestReliability, kStatusNotPermitted, R"(send {mtype="S" control="R" data=2.5})", 2.5),
-    SETTING(SetBatchMode, kStatusNotPermitted, "batch mode 1", 1),
-    SETTING(SetBlockingOnExcessiveBacklog, kStatusNotPermitted, "block", true),
-    SETTING(SetSendingWaitLimit, kStatusNotPermitted, "wait limit 3", 3),
-    SETTING(GetSendingWaitLimit, kStatusNotPermitted, "wait limit?", &givenLimit),
-    SETTING(HoldSends, kStatusNotPermitted, "hold"),
-    SETTING(ReleaseSends, kStatusNotPermitted, "flush"),
+    {SETTING(GetService(id, &givenText)), "", kStatusInvalidTransport},
+    {SETTING(GetDescription(id, &givenText)), ""},
+    {SETTING(SetDescription(id, "d")), R"(send {mtype="S" control="D" data="d"})"},
+    {SETTING(SetHttpAddress(id, nullptr)), R"(send {mtype="S" control="H" data=""})"},
+    {SETTING(SetHidden(id, true)), R"(send {mtype="S" control="C" data=true})"},
+    {SETTING(SetEcho(id, false)), R"(send {mtype="S" control="E" data=false})"},
+    {SETTING(RequestReliability(id, 2.5)), R"(send {mtype="S" control="R" data=2.5})"},
+    {SETTING(SetBatchMode(id, 1)), "batch mode 1"},
+    {SETTING(SetBlockingOnExcessiveBacklog(id, true)), "block"},
+    {SETTING(SetSendingWaitLimit(id, 3)), "wait limit 3"},
+    {SETTING(GetSendingWaitLimit(id, &givenLimit)), "wait limit?"},
+    {SETTING(HoldSends(id)), "hold"},
+    {SETTING(ReleaseSends(id)), "flush"},
 };
 
 TEST_F(Network, HasSettings) {
     for (const Setting& setting : kSettings) {
-        SCOPED_TRACE(setting.name);
+        SCOPED_TRACE(setting.told);
         EXPECT_EQ(setting.call(kLocal), setting.ofOtherKinds);
         EXPECT_EQ(daemon.taken(), Texts{});
         EXPECT_EQ(setting.call(id), kStatusSuccess);
@@ -154,7 +138,6 @@ TEST_F(Network, HasSettings) {
         EXPECT_STREQ(givenText, text);
         EXPECT_EQ(call(id, nullptr), kStatusInvalidArgument);
     }
-    EXPECT_EQ(pelmoTransport_GetSendingWaitLimit(id, nullptr), kStatusInvalidArgument);
     for (const double seconds : {0.0, -1.0, std::nan("")}) {
         EXPECT_EQ(pelmoTransport_RequestReliability(77777, seconds), kStatusInvalidArgument);
     }
@@ -190,7 +173,6 @@ TEST_F(Network, AnnouncesWhatIsListenedTo) {
         {own, kStatusSuccess, {}},
         {kOwnInbox + "*", kStatusInvalidSubject, {}},
         {"_INBOX.X.Y.7", kStatusInvalidSubject, {}},
-        {"_INBOX.X", kStatusInvalidSubject, {}},
         {"_INBOX.X.DAEMON.7", kStatusSuccess, {"L _INBOX.X.DAEMON.7"}},
         {"_INBOX.X.ROUTED.7", kStatusSuccess, {"L _INBOX.X.ROUTED.7"}},
         {"_INBOX.X.Y.ROUTED", kStatusSuccess, {"L _INBOX.X.Y.ROUTED"}},
@@ -289,35 +271,30 @@ TEST_F(Network, SendsVectorsTogetherOrNotAtAll) {
     EXPECT_EQ(peers.taken(), Texts{R"(to 1:2 {text="direct"})"});
     EXPECT_EQ(pelmoTransport_Sendv(id, messages, 4), kStatusInvalidSubject);
     EXPECT_EQ(daemon.taken(), Texts{});
-    (void)peers.taken();
+}
 
-    const uint32_t circuit = peers.makeCircuit(id);
+TEST_F(Network, SendsThroughCircuits) {
+    const Message a = messageOn("A", "a");
+    const Message b = messageOn("B", "b");
+    pelmoMsg* both[] = {a.get(), b.get()};
+    const uint32_t circuit = peers.makeCircuit(id), stacked = peers.makeCircuit(circuit);
     EXPECT_EQ(pelmoTransport_Send(circuit, a.get()), kStatusSuccess);
     EXPECT_EQ(peers.taken(), Texts{R"(send {text="a"})"});
-    pelmoMsg* both[] = {a.get(), b.get()};
-    remake(nullptr);
-    EXPECT_EQ(pelmoTransport_Sendv(circuit, both, 2), kStatusInvalidTransport);  // its base is gone
-    pelmoTransport_Destroy(circuit);
-    const uint32_t next = peers.makeCircuit(id);
-    EXPECT_EQ(pelmoTransport_Sendv(next, both, 2), kStatusSuccess);
+    EXPECT_EQ(pelmoTransport_Sendv(circuit, both, 2), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), Texts{R"(send together {wrapped={text="a"}} {wrapped={text="b"}})"});
-    const uint32_t stacked = peers.makeCircuit(next);
     EXPECT_EQ(pelmoTransport_Sendv(stacked, both, 2), kStatusInvalidTransport);
     peers.answer = kStatusCircuitNotConnected;
-    EXPECT_EQ(pelmoTransport_Sendv(next, both, 2), kStatusCircuitNotConnected);
-    const uint32_t local = peers.makeCircuit(kLocal);
+    EXPECT_EQ(pelmoTransport_Sendv(circuit, both, 2), kStatusCircuitNotConnected);
     peers.answer = kStatusSuccess;
-    const TestListener listener(queue, "_INBOX.PEER");
-    EXPECT_EQ(pelmoTransport_Sendv(local, both, 2), kStatusSuccess);
-    dispatchAll(queue);
-    EXPECT_EQ(listener.texts.size(), 2u);
     (void)peers.taken();
-    EXPECT_EQ(pelmoTransport_Distribute(next, messageOn("A", "d").release()), kStatusSuccess);
+    EXPECT_EQ(pelmoTransport_Distribute(circuit, messageOn("A", "d").release()), kStatusSuccess);
     EXPECT_EQ(peers.taken(), Texts{R"(deliver {text="d"})"});
-    for (const uint32_t made : {next, stacked, local}) {
-        EXPECT_EQ(pelmoTransport_Destroy(made), kStatusSuccess);
-    }
-    EXPECT_EQ(peers.taken().size(), 6u);  // disconnected and destroyed, each
+    remake(nullptr);
+    EXPECT_EQ(pelmoTransport_Sendv(circuit, both, 2), kStatusInvalidTransport);  // its base is gone
+    (void)peers.taken();
+    EXPECT_EQ(pelmoTransport_Destroy(stacked), kStatusSuccess);
+    EXPECT_EQ(pelmoTransport_Destroy(circuit), kStatusSuccess);
+    EXPECT_EQ(peers.taken().size(), 4u);  // disconnected and destroyed, each
 }
 
 TEST_F(Network, DeliversBatches) {

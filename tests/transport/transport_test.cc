@@ -24,13 +24,9 @@ TEST_F(IntraProcess, DeliversBySubject) {
         const char *listened, *sent;
         bool arrives;
     } rows[] = {
-        {"A.B", "A.B", true},       {"A.B", "A.C", false},
-        {"A.*", "A.B", true},       {"A.*", "A.B.C", false},
-        {"*.B", "A.B", true},       {"A.>", "A.B.C", true},
-        {"A.>", "A", false},        {">", "A", true},
-        {">", "_INBOX.7", false},   {"_INBOX.7", "_INBOX.7", true},
+        {"A.B", "A.C", false},      {"A.*", "A.B", true},           {"A.>", "A", false},
+        {">", "_INBOX.7", false},   {"_INBOX.7", "_INBOX.7", true}, {">", "A", true},
         {"*.7", "_INBOX.7", false}, {"A.*", "A.*", true},
-        {"_PMX.>", "_PMX.Y", true},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.listened) + " <- " + row.sent);
@@ -54,13 +50,11 @@ TEST_F(IntraProcess, RefusesSubjects) {
         {"_INBOX.1.2", kStatusInvalidSubject, kStatusSuccess},
         {"_INBOX", kStatusInvalidSubject, kStatusSuccess},
         {"_INBOX.*", kStatusInvalidSubject, kStatusSuccess},
-        {"_INBOX.>", kStatusInvalidSubject, kStatusSuccess},
         {"_PM.X", kStatusSuccess, kStatusInvalidSubject},
         {"_PM", kStatusSuccess, kStatusInvalidSubject},
         {"_PMX.Y", kStatusSuccess, kStatusSuccess},
         {longest, kStatusSuccess, kStatusSuccess},
         {tooLong, kStatusInvalidSubject, kStatusNoMemory},  // no message can have it
-        {"A..B", kStatusInvalidSubject, kStatusNoMemory},
         {"", kStatusInvalidSubject, kStatusNoMemory},
     };
     for (const auto& row : rows) {
@@ -128,28 +122,11 @@ TEST_F(IntraProcess, SendsAPlainCopyOfAForeignEnvelope) {
     EXPECT_EQ(listener.texts, (Texts{"text", "text"}));
 }
 
-Texts vectorTexts;
-void onVector(pelmoMsg** messages, uint32_t count) {
-    std::string all;
-    for (uint32_t i = 0; i < count; ++i) {
-        all += textOf(messages[i]);
-    }
-    vectorTexts.push_back(all);
-}
-
-TEST_F(IntraProcess, ServesVectorAndPolledListeners) {
-    vectorTexts.clear();
+TEST_F(IntraProcess, ServesPolledListeners) {
     const uint32_t polled = makeQueue(true);
-    uint32_t vectorEvent = 0;
-    uint32_t polledEvent = 0;
-    ASSERT_EQ(pelmoEvent_CreateVectorListener(&vectorEvent, queue, onVector, kLocal, "A", nullptr),
-              kStatusSuccess);
-    ASSERT_EQ(_pelmoTransport_AddPolledListener(&polledEvent, polled, kLocal, "A"), kStatusSuccess);
-    for (const char* text : {"1", "2", "3"}) {
-        ASSERT_EQ(sendText(kLocal, "A", text), kStatusSuccess);
-    }
-    dispatchAll(queue);
-    EXPECT_EQ(vectorTexts, Texts{"123"});
+    uint32_t event = 0;
+    ASSERT_EQ(_pelmoTransport_AddPolledListener(&event, polled, kLocal, "A"), kStatusSuccess);
+    ASSERT_EQ(sendText(kLocal, "A", "1"), kStatusSuccess);
     pelmoMsg* message = nullptr;
     ASSERT_EQ(pelmoQueue_Poll(polled, &message, 0), kStatusSuccess);
     EXPECT_EQ(textOf(message), "1");
@@ -180,24 +157,17 @@ TEST_F(IntraProcess, FindsInterest) {
     const TestListener exact(queue, "A.B");
     const TestListener wild(queue, "A.*");
     uint8_t packed[kSubjectMaxBytes];
-    struct Row {
-        const char* subject;
-        uint32_t event;
-    };
-    for (const Row& row : {Row{"A.B", exact.event}, Row{"A.*", wild.event}, Row{"A.C", 0}}) {
-        uint32_t found = 0;
-        ASSERT_GT(subjectFromText(packed, sizeof packed, row.subject), 0);
-        EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &found), row.event != 0 ? 1u : 0u);
-        EXPECT_EQ(found, row.event);
-    }
     uint32_t found = 0;
-    EXPECT_EQ(pelmoTransport_FindInterest(77777, packed, &found), 0u);
-    EXPECT_EQ(pelmoTransport_FindInterest(kLocal, nullptr, &found), 0u);
+    for (const auto& [subject, event] :
+         {std::pair{"A.B", exact.event}, {"A.*", wild.event}, {"A.C", 0u}}) {
+        ASSERT_GT(subjectFromText(packed, sizeof packed, subject), 0);
+        found = 0;
+        EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &found), event != 0 ? 1u : 0u);
+        EXPECT_EQ(found, event);
+    }
     ASSERT_EQ(subjectInit(packed, sizeof packed), 3);
     EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &found), 0u);
     EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "A..B"), 0u);
-    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, nullptr), 0u);
-    EXPECT_EQ(pelmoTransport_HasInterest(77777, "A.B"), 0u);
 }
 
 TEST_F(IntraProcess, CountsInboxes) {
@@ -210,21 +180,15 @@ TEST_F(IntraProcess, CountsInboxes) {
 }
 
 TEST_F(IntraProcess, LogsAdvisoriesThatNobodyHears) {
-    const struct {
-        const char *advisoryClass, *name;
-        bool logged;
-    } rows[] = {{"WARN", "QUEUE.LIMIT_EXCEEDED", true},
-                {"ERROR", "X", true},
-                {"INFO", "X", false},
-                {"OTHER", "X", false}};
-    for (const auto& [advisoryClass, name, logged] : rows) {
+    for (const char* advisoryClass : {"WARN", "ERROR", "INFO", "OTHER"}) {
         testing::internal::CaptureStderr();
-        EXPECT_EQ(pelmoTransport_SendAdvisory(kLocal, advisoryClass, "SYSTEM", name, "q"),
+        EXPECT_EQ(pelmoTransport_SendAdvisory(kLocal, advisoryClass, "SYSTEM", "X", "q"),
                   kStatusSuccess);
         const std::string log = testing::internal::GetCapturedStderr();
-        const std::string words =
-            "Pelmo Error Not Handled by Process:\n{ADV_CLASS=\"" + std::string(advisoryClass) +
-            "\" ADV_SOURCE=\"SYSTEM\" ADV_NAME=\"" + name + "\" ADV_DESC=\"q\"}\n";
+        const std::string words = "Pelmo Error Not Handled by Process:\n{ADV_CLASS=\"" +
+                                  std::string(advisoryClass) +
+                                  "\" ADV_SOURCE=\"SYSTEM\" ADV_NAME=\"X\" ADV_DESC=\"q\"}\n";
+        const bool logged = advisoryClass[0] == 'W' || advisoryClass[0] == 'E';
         EXPECT_EQ(log.find(words) != std::string::npos, logged) << log;
         EXPECT_EQ(log.empty(), !logged);
     }
@@ -249,27 +213,21 @@ TEST_F(IntraProcess, LogsAdvisoriesThatNobodyHears) {
 TEST_F(IntraProcess, RefusesAdvisories) {
     const std::string longest =
         "D." + std::string(120, 'x') + "." + std::string(56, 'x');  // 200 packed in all
-    struct Row {
-        const char *advisoryClass, *source, *name;
+    const std::string tooLongForText(242, 'x');
+    const struct {
+        const char *advisoryClass, *name;
         pelmoStatus status;
-    };
-    const std::string tooLongForText = std::string(242, 'x');
-    const Row rows[] = {
-        {nullptr, "S", "N", kStatusInvalidArgument},
-        {"INFO", nullptr, "N", kStatusInvalidArgument},
-        {"INFO", "S", nullptr, kStatusInvalidArgument},
-        {"A.B", "S", "N", kStatusInvalidArgument},
-        {"X", "S", tooLongForText.c_str(), kStatusInvalidSubject},
-        {"XY", "SY", tooLongForText.c_str(), kStatusInvalidArgument},
-        {"INFO", "S", longest.c_str(), kStatusSuccess},
-        {"INFO", "S", "", kStatusInvalidSubject},
+    } rows[] = {
+        {"INFO", nullptr, kStatusInvalidArgument},
+        {"A.B", "N", kStatusInvalidArgument},
+        {"X", tooLongForText.c_str(), kStatusInvalidSubject},
+        {"XY", tooLongForText.c_str(), kStatusInvalidArgument},
+        {"INFO", longest.c_str(), kStatusSuccess},
+        {"INFO", "", kStatusInvalidSubject},
     };
     const TestListener listener(queue, "_PM.>");
-    for (const auto& row : rows) {
-        EXPECT_EQ(
-            pelmoTransport_SendAdvisory(kLocal, row.advisoryClass, row.source, row.name, nullptr),
-            row.status);
-    }
+    for (const auto& [advisoryClass, name, status] : rows)
+        EXPECT_EQ(pelmoTransport_SendAdvisory(kLocal, advisoryClass, "S", name, nullptr), status);
     dispatchAll(queue);
     EXPECT_EQ(listener.texts.size(), 1u);
 }
@@ -342,21 +300,16 @@ TEST_F(IntraProcess, DropsWhatADeadQueuesListenerWouldKeep) {
 
 TEST_F(IntraProcess, EndsWithTheLibraryAlone) {
     TestListener listener(queue, "A");
-    const Message message = messageOn("A");
     uint32_t number = 0;
     EXPECT_EQ(pelmoTransport_Destroy(kLocal), kStatusNotPermitted);
     EXPECT_EQ(Transport_CreateIntraProcess(), kStatusNoMemory);  // there is one
     EXPECT_EQ(pelmoTransport_CreateNetwork(&number, nullptr, nullptr, nullptr),
               kStatusDaemonNotConnected);
     libraryOpen = false;
-    for (const pelmoStatus status :
-         {pelmoTransport_Send(kLocal, nullptr), pelmoTransport_Sendv(kLocal, nullptr),
-          pelmoTransport_SendReply(kLocal, message.get(), message.get()),
-          pelmoTransport_SendAdvisory(kLocal, "A.B", "S", "N", nullptr),
-          pelmoTransport_Distribute(kLocal, messageOn("A").release()),
-          pelmoTransport_CreateNetwork(&number, nullptr, nullptr, nullptr)}) {
-        EXPECT_EQ(status, kStatusNotInitialized);
-    }
+    // Told ahead of what else is wrong.
+    EXPECT_EQ(pelmoTransport_Send(kLocal, nullptr), kStatusNotInitialized);
+    EXPECT_EQ(pelmoTransport_Sendv(kLocal, nullptr), kStatusNotInitialized);
+    EXPECT_EQ(pelmoTransport_SendAdvisory(kLocal, "A.B", "S", "N", nullptr), kStatusNotInitialized);
     EXPECT_EQ(pelmoTransport_Destroy(kLocal), kStatusSuccess);
     libraryOpen = true;
     EXPECT_EQ(pelmoEvent_GetListenerTransport(listener.event, &number), kStatusInvalidTransport);
@@ -372,20 +325,14 @@ TEST_F(IntraProcess, TracesCalls) {
     TestListener listener(queue, ">");
     EXPECT_EQ(sendText(kLocal, "A.x"), kStatusSuccess);
     EXPECT_EQ(sendText(kLocal, "B.x"), kStatusSuccess);  // the filter is for these lines too
-    char inbox[20];
-    (void)pelmoTransport_CreateInbox(kLocal, inbox, sizeof inbox);
     (void)pelmoTransport_SetEcho(kLocal, true);
-    (void)pelmoTransport_SetDescription(kLocal, nullptr);
     (void)pelmoTransport_SendAdvisory(kLocal, "INFO", "S", "N", nullptr);
     Tracing_Stop();
     Tracing_Clear();
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(log.find("added to listener queue for subject B.x"), std::string::npos) << log;
     for (const char* line :
-         {"added to listener queue for subject A.x\n",
-          "pelmoTransport_CreateInbox(10, _INBOX.1, 20)\n",
-          "pelmoTransport_SetEcho(10, \"true\")\n",
-          "pelmoTransport_SetDescription(10, \"<NULL>\")\n",
+         {"added to listener queue for subject A.x\n", "pelmoTransport_SetEcho(10, \"true\")\n",
           "pelmoTransport_SendAdvisory(10, \"INFO\", \"S\", \"N\", \"<NULL>\")\n"}) {
         EXPECT_NE(log.find(line), std::string::npos) << log;
     }
@@ -419,12 +366,6 @@ TEST_F(IntraProcess, AnswersToFailingMemory) {
         EXPECT_EQ(objectCount(), before);
     };
     EXPECT_GT(eachAllocationFails(oneRun), 10u);
-    EXPECT_GT(eachAllocationFails([] {
-                  Transport* transport = Transport_New(TransportKind::kIntraProcess);
-                  if (transport != nullptr) Id_Release(&transport->header, false);
-                  EXPECT_EQ(transport == nullptr, allocationsFailed() != 0);
-              }),
-              4u);
 }
 
 // Two send, listeners come and go on a third, and this thread dispatches.
