@@ -23,7 +23,7 @@ using HeldMessage = std::unique_ptr<pelmoMsg, ReleaseMessage>;
 bool parseHex(const char* text, size_t mostDigits, uint32_t& number) {
     const std::string_view digits(text);
     if (digits.empty() || digits.size() > mostDigits) return false;
-    if (digits.find_first_not_of("0123456789abcdefABCDEF") != digits.npos) return false;
+    if (digits.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos) return false;
     number = static_cast<uint32_t>(std::strtoul(text, nullptr, 16));
     return true;
 }
