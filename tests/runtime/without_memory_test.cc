@@ -1,11 +1,12 @@
 // What is made while memory runs out is made whole or not at all: no object, no id and nothing that
-// fires is left of it. Sets and lists are full, so that each has to grow.
+// fires is left of it. Sets and lists are full, so that each has to grow, and one id is free.
 
 #include <cstdlib>
 #include <cstring>
 
 #include "lib/base/log.h"
 #include "lib/runtime/dispatcher.h"
+#include "lib/runtime/id_counter.h"
 #include "lib/runtime/tracing.h"
 #include "tests/runtime/event_stand.h"
 #include "tests/support/fail_alloc.h"
@@ -61,6 +62,8 @@ TEST(WithoutMemory, NothingIsHalfMade) {
         for (int i = 0; i < 8; ++i)
             (void)stand.timer(1e9, ignoreEvent);
         const size_t before = objectCount();
+        const IdCounter counter = idCounter;
+        idCounter.first = idCounter.last = counter.previous + 1;
         testing::internal::CaptureStderr();
         const size_t failing = eachAllocationFails([&] {
             id = kNoId;
@@ -81,8 +84,13 @@ TEST(WithoutMemory, NothingIsHalfMade) {
             EXPECT_EQ(stand.fire(1e6), 0u);
             EXPECT_EQ(objectCount(), before);
         });
+        idCounter = counter;
         logSetUtcStamp(false);
-        (void)testing::internal::GetCapturedStderr();
+        const std::string told = testing::internal::GetCapturedStderr();
+        for (const char* what : {"a global Id", "an Id"}) {
+            EXPECT_EQ(told.find(std::string("Out of memory trying to set ") + what) != told.npos,
+                      id != kNoId);
+        }
         EXPECT_GT(failing, 2u);
     }
 }
