@@ -86,8 +86,13 @@ class Process:
 
     def __init__(self, *command, **more):
         self.popen = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
-                                      preexec_fn=lambda: LIBC.prctl(PR_SET_PDEATHSIG,
-                                                                    signal.SIGKILL), **more)
+                                      preexec_fn=self.before_start, **more)
+
+    @staticmethod
+    def before_start():
+        """A hang-up is no longer ignored, though the tests may run where it is."""
+        signal.signal(signal.SIGHUP, signal.SIG_DFL)
+        LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
 
     def status(self, seconds=PATIENCE_SECONDS):
         return self.popen.wait(seconds)
