@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
+#include <algorithm>
 #include <memory>
 #include <random>
 #include <utility>
@@ -16,204 +16,140 @@ namespace {
 using Entry = std::pair<uint64_t, void*>;
 using Entries = std::vector<Entry>;
 
-// The two kinds behind one set of names.
-struct Kind32 {
-    using Key = uint32_t;
-    using Table = Dict32;
-    using Iterator = Dict32Iterator;
-    static constexpr auto create = dict32Create;
-    static constexpr auto destroy = dict32Destroy;
-    static constexpr auto insert = dict32Insert;
-    static constexpr auto find = dict32Find;
-    static constexpr auto remove = dict32Remove;
-    static constexpr auto iterInit = dict32IterInit;
-    static constexpr auto iterNext = dict32IterNext;
-    static constexpr auto iterRemove = dict32IterRemove;
-    static constexpr bool kReplaces = false;
+template <typename Key>
+struct Calls {
+    Dict<Key>* (*create)(uint32_t);
+    void (*destroy)(Dict<Key>*);
+    pelmoStatus (*insert)(Dict<Key>*, Key, void*);
+    pelmoStatus (*remove)(Dict<Key>*, Key, void**);
+    void (*iterInit)(Dict<Key>*, DictIterator<Key>*);
+    bool (*iterNext)(DictIterator<Key>*, Key*, void**);
+    void (*iterRemove)(DictIterator<Key>*);
+    bool replaces;
 };
 
-struct Kind64 {
-    using Key = uint64_t;
-    using Table = Dict64;
-    using Iterator = Dict64Iterator;
-    static constexpr auto create = dict64Create;
-    static constexpr auto destroy = dict64Destroy;
-    static constexpr auto insert = dict64Insert;
-    static constexpr auto find = dict64Find;
-    static constexpr auto remove = dict64Remove;
-    static constexpr auto iterInit = dict64IterInit;
-    static constexpr auto iterNext = dict64IterNext;
-    static constexpr auto iterRemove = dict64IterRemove;
-    static constexpr bool kReplaces = true;
-};
+constexpr Calls<uint32_t> kCalls32 = {dict32Create,     dict32Destroy,  dict32Insert,
+                                      dict32Remove,     dict32IterInit, dict32IterNext,
+                                      dict32IterRemove, false};
+constexpr Calls<uint64_t> kCalls64 = {
+    dict64Create,   dict64Destroy,  dict64Insert,     dict64Remove,
+    dict64IterInit, dict64IterNext, dict64IterRemove, true};
 
-// What the header promises, taken by its word: all buckets, chains with the newest in front.
+// What the header promises, taken by its word: the entries as a walk gives them, by ascending
+// bucket and the newest of a bucket first.
 struct Model {
-    explicit Model(uint32_t bucketCount) : buckets(bucketCount) {}
-
-    std::deque<Entry>& chain(uint64_t key) {
-        return buckets[static_cast<uint32_t>(key) & (buckets.size() - 1)];
-    }
-
-    Entry* find(uint64_t key) {
-        for (Entry& entry : chain(key)) {
-            if (entry.first == key) return &entry;
-        }
-        return nullptr;
-    }
+    auto find(uint64_t key) { return std::ranges::find(all, key, &Entry::first); }
 
     void add(uint64_t key, void* value) {
-        if (count == buckets.size()) {
-            const auto old = std::exchange(buckets, decltype(buckets)(buckets.size() * 2));
-            for (const auto& oldChain : old) {
-                for (const Entry& entry : oldChain) {
-                    chain(entry.first).push_front(entry);
-                }
-            }
+        const auto bucket = [this](const Entry& entry) { return entry.first & (bucketCount - 1); };
+        if (all.size() == bucketCount) {
+            bucketCount *= 2;
+            std::ranges::reverse(all);
+            std::ranges::stable_sort(all, {}, bucket);
         }
-        chain(key).push_front({key, value});
-        ++count;
+        const Entry entry = {key, value};
+        all.insert(std::ranges::lower_bound(all, bucket(entry), {}, bucket), entry);
     }
 
-    void remove(uint64_t key) {
-        count -=
-            std::erase_if(chain(key), [key](const Entry& entry) { return entry.first == key; });
-    }
-
-    Entries entries() const {
-        Entries all;
-        for (const auto& one : buckets) {
-            all.insert(all.end(), one.begin(), one.end());
-        }
-        return all;
-    }
-
-    std::vector<std::deque<Entry>> buckets;
-    size_t count = 0;
+    uint64_t bucketCount;
+    Entries all = {};
 };
 
-template <typename Kind>
-using Owned = std::unique_ptr<typename Kind::Table, decltype(Kind::destroy)>;
-
-template <typename Kind>
-Owned<Kind> make(uint32_t buckets) {
-    return Owned<Kind>(Kind::create(buckets), Kind::destroy);
-}
-
-template <typename Kind>
-Entries entriesIn(typename Kind::Table* dict) {
-    Entries all;
-    typename Kind::Iterator iterator;
-    typename Kind::Key key{};
-    void* value = nullptr;
-    Kind::iterInit(dict, &iterator);
-    while (Kind::iterNext(&iterator, &key, &value)) {
-        all.push_back({key, value});
-    }
-    EXPECT_FALSE(Kind::iterNext(&iterator, nullptr, nullptr));
-    return all;
-}
-
-template <typename Kind>
-class Dictionary : public testing::Test {};
-using Kinds = testing::Types<Kind32, Kind64>;
-TYPED_TEST_SUITE(Dictionary, Kinds);
-
-// Visits all, removes some on the way.
-template <typename Kind>
-void sweep(typename Kind::Table* dict, Model& model, std::mt19937& random) {
-    const Entries before = model.entries();
+// Walks through all entries, and removes one in `oneIn` on the way.
+template <typename Key>
+void walk(const Calls<Key>& calls, Dict<Key>* dict, Model& model, size_t oneIn, size_t random) {
+    const Entries before = model.all;
     Entries seen;
-    typename Kind::Iterator iterator;
-    typename Kind::Key key{};
+    DictIterator<Key> iterator;
+    Key key{};
     void* value = nullptr;
-    Kind::iterInit(dict, &iterator);
-    while (Kind::iterNext(&iterator, &key, &value)) {
+    calls.iterInit(dict, &iterator);
+    while (calls.iterNext(&iterator, &key, &value)) {
         seen.push_back({key, value});
-        if (random() % 3 != 0) continue;
-        Kind::iterRemove(&iterator);
-        Kind::iterRemove(&iterator);  // a second removal has nothing to remove
-        model.remove(key);
+        if ((seen.size() + random) % oneIn != 0) continue;
+        calls.iterRemove(&iterator);
+        calls.iterRemove(&iterator);  // a second removal has nothing to remove
+        model.all.erase(model.find(key));
     }
+    EXPECT_FALSE(calls.iterNext(&iterator, nullptr, nullptr));
     EXPECT_EQ(seen, before);
 }
 
-TYPED_TEST(Dictionary, KeepsItsEntriesAndTheirOrderWhateverTheKeys) {
-    using Kind = TypeParam;
-    using Key = typename Kind::Key;
-    const struct {
-        const char* name;
-        uint64_t factor;  // keys are multiples, cut to the key's width
-        uint32_t range;
-    } patterns[] = {
-        {"dense", 1, 12},
-        {"dense, many", 1, 700},
-        {"equal low bits", 0x10000, 60},
-        {"address without port", sizeof(Key) == 8 ? uint64_t{1} << 32 : 1 << 24, 200},
-        {"scattered", 0x9e3779b97f4a7c15u, 300},
-    };
-    for (const auto& pattern : patterns) {
-        for (const uint32_t buckets : {1u, 2u, 3u, 4u, 8u, 256u}) {
-            SCOPED_TRACE(testing::Message() << pattern.name << ", buckets " << buckets);
-            std::mt19937 random(buckets);
-            const Owned<Kind> dict = make<Kind>(buckets);
-            Model model(buckets == 3 ? 4 : buckets);
-            for (uintptr_t step = 1; step <= 1500; ++step) {
-                const auto key = static_cast<Key>(random() % pattern.range * pattern.factor);
-                Entry* held = model.find(key);
-                void* value = number(999999);
-                if (random() % 3 != 0) {
-                    const bool refused = held != nullptr && !Kind::kReplaces;
-                    ASSERT_EQ(Kind::insert(dict.get(), key, number(step)),
-                              refused ? kStatusNotPermitted : kStatusSuccess);
-                    if (held == nullptr) model.add(key, number(step));
-                    if (held != nullptr && Kind::kReplaces) held->second = number(step);
-                } else {
-                    ASSERT_EQ(Kind::remove(dict.get(), key, &value),
-                              held == nullptr ? kStatusInvalidArgument : kStatusSuccess);
-                    ASSERT_EQ(value, held == nullptr ? number(999999) : held->second);
-                    model.remove(key);
-                }
-                held = model.find(key);
-                value = number(999999);
-                ASSERT_EQ(Kind::find(dict.get(), key, &value),
-                          held == nullptr ? kStatusNotFound : kStatusSuccess);
-                ASSERT_EQ(value, held == nullptr ? number(999999) : held->second);
-                ASSERT_EQ(dict->count, model.count);
-                ASSERT_EQ(dict->bucketCount, model.buckets.size());
-                ASSERT_TRUE(dict->count <= 4 || dict->headMask == dict->bucketCount - 1);
-                if (step % 50 == 0 || model.count < 6) {
-                    ASSERT_EQ(entriesIn<Kind>(dict.get()), model.entries());
-                }
-                if (step % 400 == 0) sweep<Kind>(dict.get(), model, random);
-            }
+// Keys are multiples of `factor`, cut to the key's width.
+template <typename Key>
+void followItsModel(const Calls<Key>& calls, uint64_t factor, uint32_t range, uint32_t buckets) {
+    SCOPED_TRACE(testing::Message() << "factor " << factor << ", buckets " << buckets);
+    std::mt19937 random(buckets);
+    const std::unique_ptr<Dict<Key>, void (*)(Dict<Key>*)> owned(calls.create(buckets),
+                                                                 calls.destroy);
+    Dict<Key>* dict = owned.get();
+    void* const none = number(999999);
+    Model model{.bucketCount = buckets == 3 ? 4 : buckets};
+    for (uintptr_t step = 1; step <= 1500; ++step) {
+        const auto key = static_cast<Key>(random() % range * factor);
+        auto held = model.find(key);
+        const bool isHeld = held != model.all.end();
+        if (random() % 3 != 0) {
+            ASSERT_EQ(calls.insert(dict, key, number(step)),
+                      isHeld && !calls.replaces ? kStatusNotPermitted : kStatusSuccess);
+            if (isHeld && calls.replaces) held->second = number(step);
+            if (!isHeld) model.add(key, number(step));
+        } else {
+            void* value = none;
+            ASSERT_EQ(calls.remove(dict, key, &value),
+                      isHeld ? kStatusSuccess : kStatusInvalidArgument);
+            ASSERT_EQ(value, isHeld ? held->second : none);
+            if (isHeld) model.all.erase(held);
         }
+        held = model.find(key);
+        void* value = none;
+        ASSERT_EQ(dictFind(dict, key, &value),
+                  held == model.all.end() ? kStatusNotFound : kStatusSuccess);
+        ASSERT_EQ(value, held == model.all.end() ? none : held->second);
+        ASSERT_EQ(dict->count, model.all.size());
+        ASSERT_EQ(dict->bucketCount, model.bucketCount);
+        ASSERT_TRUE(dict->count <= 4 || dict->headMask == dict->bucketCount - 1);
+        if (step % 50 == 0 || model.all.size() < 6) walk(calls, dict, model, 100000, 0);
+        if (step % 400 == 0) walk(calls, dict, model, 3, random() % 3);
     }
 }
 
-TYPED_TEST(Dictionary, AnswersWithoutATable) {
-    using Kind = TypeParam;
-    EXPECT_EQ(Kind::create(0), nullptr);
-    EXPECT_EQ(Kind::create((1u << 31) + 1), nullptr);
-    EXPECT_EQ(Kind::find(nullptr, 1, nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(Kind::insert(nullptr, 1, nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(Kind::remove(nullptr, 1, nullptr), kStatusInvalidArgument);
+template <typename Key>
+void followItsModel(const Calls<Key>& calls) {
+    const uint64_t addressWithoutPort = sizeof(Key) == 8 ? uint64_t{1} << 32 : 1 << 24;
+    const std::pair<uint64_t, uint32_t> keys[] = {
+        {1, 12}, {1, 700}, {0x10000, 60}, {addressWithoutPort, 200}, {0x9e3779b97f4a7c15u, 300}};
+    for (const auto& [factor, range] : keys) {
+        for (const uint32_t buckets : {1u, 2u, 3u, 4u, 8u, 256u}) {
+            followItsModel(calls, factor, range, buckets);
+        }
+    }
+    EXPECT_EQ(calls.create(0), nullptr);
+    EXPECT_EQ(calls.create((1u << 31) + 1), nullptr);
+    EXPECT_EQ(dictFind<Key>(nullptr, 1, nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(calls.insert(nullptr, 1, nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(calls.remove(nullptr, 1, nullptr), kStatusInvalidArgument);
+}
+
+TEST(Dictionary, KeepsItsEntriesAndTheirOrderWhateverTheKeys) {
+    followItsModel(kCalls32);
+    followItsModel(kCalls64);
 }
 
 // There is a table for each subject on the bus: what an idle one takes matters.
-TEST(Dictionary64, AllocatesNoBucketsWhileItIsSmall) {
+TEST(Dictionary, AllocatesNoBucketsWhileItIsSmall) {
     FailAlloc count{.after = kNeverFails};
-    const Owned<Kind64> dict = make<Kind64>(256);
-    for (uint64_t key = 0; key < 4; ++key) {
-        EXPECT_EQ(dict64Insert(dict.get(), key, nullptr), kStatusSuccess);
+    Dict64* dict = dict64Create(256);
+    for (uint64_t key = 0; key < 5; ++key) {
+        EXPECT_EQ(allocationsCounted(), key + 1);
+        EXPECT_EQ(dict64Insert(dict, key, nullptr), kStatusSuccess);
     }
-    EXPECT_EQ(allocationsCounted(), 5u);
-    EXPECT_EQ(dict64Insert(dict.get(), 4, nullptr), kStatusSuccess);
     EXPECT_EQ(allocationsCounted(), 7u);
+    dict64Destroy(dict);
 }
 
-TEST(Dictionary64, GoesWithoutItsIndexWhereMemoryFails) {
-    const Owned<Kind64> dict = make<Kind64>(256);
+TEST(Dictionary, GoesWithoutItsIndexWhereMemoryFails) {
+    const std::unique_ptr<Dict64, void (*)(Dict64*)> dict(dict64Create(256), dict64Destroy);
     uint64_t key = 0;
     const auto insertNext = [&](size_t allocationsThatSucceed) {
         FailAlloc fail{.after = allocationsThatSucceed, .forGood = true};

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
+#include <random>
 
 #include "tests/support/container_values.h"
 
@@ -16,13 +18,6 @@ Array make(const Numbers& numbers, uint32_t capacity = 1) {
         EXPECT_TRUE(dpaAppend(array.get(), number(value)));
     }
     return array;
-}
-
-// Orders by tens, so that equal items can be told apart.
-int byTens(const void* key, const void* item) {
-    const auto left = reinterpret_cast<uintptr_t>(key) / 10;
-    const auto right = reinterpret_cast<uintptr_t>(item) / 10;
-    return left < right ? -1 : left > right;
 }
 
 TEST(Dpa, DoublesWhenFullAndGrowsByTheSourceOtherwise) {
@@ -43,46 +38,44 @@ TEST(Dpa, DoublesWhenFullAndGrowsByTheSourceOtherwise) {
     EXPECT_EQ(array->count, 22u);
     EXPECT_EQ(array->items[21], number(11));
 
-    EXPECT_TRUE(dpaReserve(array.get(), 3));
-    EXPECT_EQ(array->capacity, 22u);
-    EXPECT_TRUE(dpaReserve(array.get(), 23));
-    EXPECT_EQ(array->capacity, 44u);
-    EXPECT_TRUE(dpaReserve(array.get(), 100));
-    EXPECT_EQ(array->capacity, 100u);
+    const std::pair<uint32_t, uint32_t> reserved[] = {{3, 22}, {23, 44}, {100, 100}};
+    for (const auto& [wanted, capacity] : reserved) {
+        EXPECT_TRUE(dpaReserve(array.get(), wanted));
+        EXPECT_EQ(array->capacity, capacity);
+    }
     EXPECT_EQ(array->count, 22u);
 }
 
-TEST(Dpa, FindsThePlaceInSortedItems) {
-    const Array array = make({10, 20, 30, 50});
-    const struct {
-        uintptr_t key;
-        int32_t place;
-    } cases[] = {{10, 0}, {50, 3}, {9, ~0}, {11, ~1}, {40, ~3}, {60, ~4}};
-    for (const auto& [key, place] : cases) {
-        EXPECT_EQ(dpaSearch(array.get(), number(key), nullptr), place) << key;
-    }
-    EXPECT_EQ(dpaSearch(array.get(), number(35), byTens), 2);
-    EXPECT_EQ(dpaSearch(array.get(), number(45), byTens), ~3);
-    EXPECT_EQ(dpaSearch(make({}).get(), number(1), nullptr), -1);
-}
-
-TEST(Dpa, InsertsBehindAllThatIsEqual) {
-    const struct {
-        Numbers before;
-        uintptr_t value;
-        Numbers after;
-    } cases[] = {
-        {{}, 10, {10}},
-        {{5, 10, 11, 12, 20}, 19, {5, 10, 11, 12, 19, 20}},
-        {{10, 20}, 5, {5, 10, 20}},
-        {{10, 20}, 35, {10, 20, 35}},
+// Ordered by tens, so that equal items can be told apart.
+TEST(Dpa, StaysSortedWithTheNewestBehindItsEquals) {
+    const auto tens = [](uintptr_t value) { return value / 10; };
+    const DpaComparator byTens = [](const void* key, const void* item) {
+        const auto left = reinterpret_cast<uintptr_t>(key) / 10;
+        const auto right = reinterpret_cast<uintptr_t>(item) / 10;
+        return left < right ? -1 : left > right;
     };
-    for (const auto& [before, value, after] : cases) {
-        const Array array = make(before);
-        EXPECT_TRUE(dpaInsertSorted(array.get(), number(value), byTens));
-        EXPECT_EQ(numbersIn(array.get()), after);
+    std::mt19937 random(1);
+    const Array array = make({});
+    Numbers model;
+    for (int step = 0; step < 4000; ++step) {
+        const uintptr_t value = 1 + random() % 250;
+        const auto equal = std::ranges::equal_range(model, tens(value), {}, tens);
+        const int32_t found = dpaSearch(array.get(), number(value), byTens);
+        const int64_t first = equal.begin() - model.begin();
+        ASSERT_TRUE(equal.empty() ? found == ~first : found >= first);
+        ASSERT_LT(found, equal.end() - model.begin());
+        if (random() % 2 == 0) {
+            ASSERT_TRUE(dpaInsertSorted(array.get(), number(value), byTens));
+            model.insert(equal.end(), value);
+        } else {
+            ASSERT_EQ(dpaRemoveSorted(array.get(), number(value), byTens), found);
+            if (found >= 0) model.erase(model.begin() + found);
+        }
+        ASSERT_EQ(numbersIn(array.get()), model);
     }
-    EXPECT_FALSE(dpaInsertSorted(make({1}).get(), nullptr, nullptr));
+    EXPECT_FALSE(dpaInsertSorted(array.get(), nullptr, nullptr));
+    EXPECT_EQ(dpaSearch(make({10, 20, 30}).get(), number(30), nullptr), 2);
+    EXPECT_EQ(dpaSearch(make({10, 20, 30}).get(), number(9), nullptr), ~0);
 }
 
 TEST(Dpa, RemovesByMovingTheLastOrByClosingTheGap) {
@@ -96,11 +89,6 @@ TEST(Dpa, RemovesByMovingTheLastOrByClosingTheGap) {
     EXPECT_FALSE(dpaRemoveAt(array.get(), 3));
     EXPECT_TRUE(dpaRemoveAt(array.get(), 0));
     EXPECT_EQ(numbersIn(array.get()), (Numbers{5, 3}));
-
-    const Array sorted = make({10, 20, 30});
-    EXPECT_EQ(dpaRemoveSorted(sorted.get(), number(25), nullptr), ~2);
-    EXPECT_EQ(dpaRemoveSorted(sorted.get(), number(25), byTens), 1);
-    EXPECT_EQ(numbersIn(sorted.get()), (Numbers{10, 30}));
 }
 
 }  // namespace

@@ -1,5 +1,3 @@
-#include "lib/containers/subject_map.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,17 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "lib/containers/heldSubjectmap.h"
 #include "tests/support/container_values.h"
 
 namespace {
 
 uint8_t* find(const SubjectMap& map, const Packed& subject) {
     return subjectMapFind(map, subject.data(), subject.size(), subjectHash(subject.data()));
-}
-
-Packed subjectOf(const SubjectMap& map, const uint8_t* record) {
-    const uint8_t* subject = record + map.headBytes;
-    return Packed(subject, subject + subjectLength(subject));
 }
 
 // Of every length, among them some that differ in one byte or only in their elements' borders.
@@ -68,9 +62,11 @@ TEST(SubjectMap, HoldsWhatWasPutInAndEachPlaceOnce) {
         ASSERT_EQ(map.count, known.size());
         if (step % 1000 != 0) continue;
         for (uint32_t i = 0; i < map.count; ++i) {
-            ASSERT_EQ(subjectOf(map, subjectMapAt(map, i)), known[i]);
-            ASSERT_EQ(find(map, known[i]), subjectMapAt(map, i));
-            ASSERT_EQ(reinterpret_cast<uintptr_t>(subjectMapAt(map, i)) % kCacheLineBytes, 0u);
+            const uint8_t* at = subjectMapAt(map, i);
+            const uint8_t* heldSubject = at + map.headBytes;
+            ASSERT_EQ(Packed(heldSubject, heldSubject + subjectLength(heldSubject)), known[i]);
+            ASSERT_EQ(find(map, known[i]), at);
+            ASSERT_EQ(reinterpret_cast<uintptr_t>(at) % kCacheLineBytes, 0u);
         }
     }
     for (SubjectMap& map : maps) {

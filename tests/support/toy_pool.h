@@ -18,12 +18,12 @@ struct ToyPool {
                 [](void* pool) {
                     auto* self = static_cast<ToyPool*>(pool);
                     void* item = std::malloc(self->seam.payloadBytes);
-                    if (item != nullptr) ++self->takes;
+                    if (item != nullptr) ++self->itemsHeld;
                     return item;
                 },
             .give =
                 [](void* pool, void* item) {
-                    ++static_cast<ToyPool*>(pool)->gives;
+                    --static_cast<ToyPool*>(pool)->itemsHeld;
                     std::free(item);
                 },
         };
@@ -31,12 +31,10 @@ struct ToyPool {
     }
     ToyPool(const ToyPool&) = delete;
     ToyPool& operator=(const ToyPool&) = delete;
-    ~ToyPool() { EXPECT_EQ(takes, gives); }
-
-    size_t held() const { return takes - gives; }
+    ~ToyPool() { EXPECT_EQ(itemsHeld, 0u); }
 
     ItemPool seam{};
-    size_t takes = 0, gives = 0;
+    size_t itemsHeld = 0;
 };
 
 // While it lives, containers can make pools of their own.
@@ -66,6 +64,15 @@ struct ToyPoolMaker {
     ~ToyPoolMaker() {
         poolMakerOps = {};
         EXPECT_EQ(alive, 0);
+    }
+
+    // Items that the pools have given out.
+    std::vector<size_t> held() const {
+        std::vector<size_t> all;
+        for (const ToyPool* pool : pools) {
+            all.push_back(pool->itemsHeld);
+        }
+        return all;
     }
 
     static inline ToyPoolMaker* current = nullptr;
