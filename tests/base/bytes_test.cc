@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <vector>
 
 namespace {
@@ -11,7 +10,6 @@ namespace {
 TEST(Bytes, LoadsNothingPastTheEnd) {
     const std::vector<uint8_t> bytes = {0x81, 2, 3, 4, 5, 6, 7, 8, 0x99};
     EXPECT_EQ(loadBe16({bytes}, 7), 0x0899);
-    EXPECT_EQ(loadBe32({bytes}, 0), 0x81020304u);
     EXPECT_EQ(loadBe32({bytes}, 5), 0x06070899u);
     EXPECT_EQ(loadBe64({bytes}, 0), 0x8102030405060708u);
     EXPECT_EQ(loadBe64({bytes}, 1), 0x0203040506070899u);
@@ -23,18 +21,14 @@ TEST(Bytes, LoadsNothingPastTheEnd) {
 }
 
 TEST(Bytes, StoresWhatLoadsGiveBackAndNoMore) {
-    std::array<uint8_t, 16> bytes{};
-    storeBe16At(&bytes[1], 0x8102);
-    storeBe32At(&bytes[3], 0x83040506);
+    std::vector<uint8_t> bytes(16);
     storeBe64At(&bytes[7], 0x8708090a0b0c0d0e);
-    const std::array<uint8_t, 16> expected = {0, 0x81, 2,  0x83, 4,  5,  6,  0x87,
-                                              8, 9,    10, 11,   12, 13, 14, 0};
-    EXPECT_EQ(bytes, expected);
     storeNet32At(&bytes[3], loadNet32At(&bytes[7]));
-    EXPECT_EQ(loadBe32At(&bytes[3]), 0x8708090au);
-    storeNet16At(&bytes[3], loadNet16At(&bytes[13]));
-    EXPECT_EQ(loadBe16At(&bytes[3]), 0x0d0e);
-    EXPECT_EQ(loadBe64At(&bytes[7]), 0x8708090a0b0c0d0eu);
+    storeNet16At(&bytes[1], loadNet16At(&bytes[13]));
+    EXPECT_EQ(bytes,
+              (std::vector<uint8_t>{0, 13, 14, 0x87, 8, 9, 10, 0x87, 8, 9, 10, 11, 12, 13, 14, 0}));
+    storeBe16At(&bytes[1], 0x8102);
+    EXPECT_EQ(loadBe32At(&bytes[1]), 0x81028708u);
 }
 
 }  // namespace

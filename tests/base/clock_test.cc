@@ -4,21 +4,11 @@
 #include <stdlib.h>
 
 #include <ctime>
+#include <utility>
 
 #include "tests/support/fixed_clock.h"
 
 namespace {
-
-// An hour ahead of UTC, two in summer.
-struct Zone {
-    Zone() { set("CET-1CEST,M3.5.0,M10.5.0/3"); }
-    ~Zone() { set("UTC"); }
-
-    static void set(const char* zone) {
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-};
 
 TEST(Clock, CutsToMillisecondsAnd32Bits) {
     const struct {
@@ -40,22 +30,20 @@ TEST(Clock, CutsToMillisecondsAnd32Bits) {
     }
 }
 
+// An hour ahead of UTC, two in summer.
 TEST(Clock, SplitsLocalTime) {
-    const Zone zone;
-    const struct {
-        int64_t time;
-        CalendarTime expected;
-    } cases[] = {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    const std::pair<int64_t, CalendarTime> cases[] = {
         {1709247599, {2024, 2, 29, 23, 59, 59}},
         {1711846800, {2024, 3, 31, 3, 0, 0}},  // summer begins
         {4294967296, {2106, 2, 7, 7, 28, 16}},
         {INT64_MAX, {}},  // a year that no calendar holds
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.time);
+    for (const auto& [time, expected] : cases) {
         CalendarTime calendar{1, 1, 1, 1, 1, 1};
-        calendarFrom(c.time, &calendar);
-        EXPECT_EQ(calendar, c.expected);
+        calendarFrom(time, &calendar);
+        EXPECT_EQ(calendar, expected) << time;
     }
 }
 

@@ -21,18 +21,6 @@ struct Condition : testing::Test {
         Lock_Destroy(&lock);
     }
 
-    // A waiter that waits once; `woken` counts those who came back, under the lock.
-    void startWaiters(int count) {
-        for (int i = 0; i < count; ++i) {
-            threads.emplace_back([this] {
-                const LockGuard guard(lock);
-                EXPECT_EQ(Cond_TimedWait(&cond, &lock, kLong), kStatusSuccess);
-                ++woken;
-            });
-        }
-        awaitUnderLock([this, count] { return cond.waiters == count; });
-    }
-
     template <typename Test>
     void awaitUnderLock(Test test) {
         for (bool met = false; !met; std::this_thread::yield()) {
@@ -43,28 +31,32 @@ struct Condition : testing::Test {
 
     Lock lock;
     Cond cond;
-    int woken = 0;
     std::vector<std::jthread> threads;
 };
 
 TEST_F(Condition, RemembersOneSignal) {
     const LockGuard guard(lock);
-    Cond_Signal(&cond);
-    Cond_Signal(&cond);
-    EXPECT_EQ(Cond_Wait(&cond, &lock), kStatusSuccess);
-    EXPECT_EQ(Cond_TimedWait(&cond, &lock, 0), kStatusTimeout);
-
-    Cond_Broadcast(&cond);
-    EXPECT_EQ(Cond_Wait(&cond, &lock), kStatusSuccess);
-    EXPECT_EQ(cond.broadcast, 0);
-    EXPECT_EQ(Cond_TimedWait(&cond, &lock, 0), kStatusTimeout);
-    EXPECT_EQ(cond.waiters, 0);
+    for (const auto& wake : {Cond_Signal, Cond_Broadcast}) {
+        wake(&cond);
+        wake(&cond);
+        EXPECT_EQ(Cond_Wait(&cond, &lock), kStatusSuccess);
+        EXPECT_EQ(Cond_TimedWait(&cond, &lock, 0), kStatusTimeout);
+        EXPECT_EQ(cond.broadcast + cond.waiters, 0);
+    }
 }
 
 TEST_F(Condition, SignalWakesOneAndBroadcastTheRest) {
-    startWaiters(3);
+    int woken = 0;  // under the lock
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            const LockGuard guard(lock);
+            EXPECT_EQ(Cond_TimedWait(&cond, &lock, kLong), kStatusSuccess);
+            ++woken;
+        });
+    }
+    awaitUnderLock([this] { return cond.waiters == 3; });
     Cond_Signal(&cond);
-    awaitUnderLock([this] { return woken == 1; });
+    awaitUnderLock([&] { return woken == 1; });
     EXPECT_EQ(cond.waiters, 2);
     Cond_Broadcast(&cond);
     threads.clear();
@@ -76,21 +68,17 @@ TEST_F(Condition, SignalWakesOneAndBroadcastTheRest) {
 // Many broadcasts at any moment of a chain: nobody stays asleep.
 TEST_F(Condition, BroadcastsMayOverlap) {
     int turn = 0;
-    constexpr int kTurns = 300;
     for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&] {
             const LockGuard guard(lock);
-            while (turn < kTurns) {
+            while (turn < 300) {
                 ASSERT_EQ(Cond_TimedWait(&cond, &lock, kLong), kStatusSuccess);
             }
         });
     }
-    for (int i = 0; i < kTurns; ++i) {
-        {
-            const LockGuard guard(lock);
-            ++turn;
-        }
-        Cond_Broadcast(&cond);
+    for (bool last = false; !last; Cond_Broadcast(&cond)) {
+        const LockGuard guard(lock);
+        last = ++turn == 300;
     }
     threads.clear();
     EXPECT_EQ(cond.waiters, 0);

@@ -18,10 +18,10 @@ bool isTaken(Lock& lock) {
 }
 
 TEST(Lock, IsLeftAsOftenAsItWasTaken) {
-    Lock made;
-    ASSERT_EQ(Lock_Init(&made, LockRank::kLeaf), kStatusSuccess);
+    Lock* made = nullptr;
+    ASSERT_EQ(Lock_Create(&made, LockRank::kLeaf), kStatusSuccess);
     static constinit Lock ready = PELMO_LOCK_READY(LockRank::kLeaf);
-    for (Lock* lock : {&made, &ready}) {
+    for (Lock* lock : {made, &ready}) {
         Lock_Enter(lock);
         Lock_Enter(lock);
         Lock_Leave(lock);
@@ -29,7 +29,7 @@ TEST(Lock, IsLeftAsOftenAsItWasTaken) {
         Lock_Leave(lock);
         EXPECT_FALSE(isTaken(*lock));
     }
-    EXPECT_EQ(Lock_Destroy(&made), kStatusSuccess);
+    EXPECT_EQ(Lock_Destroy(made), kStatusSuccess);
 }
 
 #ifndef NDEBUG

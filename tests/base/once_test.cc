@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <latch>
 #include <thread>
-#include <vector>
+
+#include "tests/support/race.h"
 
 namespace {
 
@@ -15,24 +15,17 @@ int pauses;
 pelmoStatus inner;
 
 TEST(OnceGate, RunsTheSetUpOnceForAll) {
-    constexpr int kThreads = 16;
-    for (int round = 0; round < 50; ++round) {
-        gate.word = 1;
-        setUps = 0;
-        std::latch start(kThreads);
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([&start] {
-                start.arrive_and_wait();
-                EXPECT_EQ(oncePass(
-                              gate, [] { ++setUps; }, std::this_thread::yield),
-                          kStatusSuccess);
-                EXPECT_EQ(setUps, 1);
-            });
-        }
-        threads.clear();
-        EXPECT_LE(gate.word, kOnceDone);
+    OnceGate gates[50];
+    for (OnceGate& each : gates) {
+        each.word = 1;
     }
+    setUps = 0;
+    race(16, 50, [&gates](int, int round) {
+        const auto setUp = [] { ++setUps; };
+        EXPECT_EQ(oncePass(gates[round], setUp, std::this_thread::yield), kStatusSuccess);
+        EXPECT_EQ(setUps, round + 1);
+        EXPECT_LE(gates[round].word, kOnceDone);
+    });
 }
 
 TEST(OnceGate, GivesUpAfter100LooksAndPassesLater) {

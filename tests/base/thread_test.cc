@@ -5,6 +5,7 @@
 #include <atomic>
 #include <latch>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lib/base/cond.h"
@@ -22,47 +23,37 @@ void runThread(ThreadFunction body, void* argument) {
 }
 
 TEST(Thread, KnowsItselfAndDoesNotWaitForItself) {
-    struct Seen {
-        std::latch published{1};
-        Thread* self = nullptr;
-        bool isCurrent = false;
-        uint64_t number = 0;
-        pelmoStatus joined = kStatusSuccess;
-    } seen;
-    const auto body = [](void* argument) {
-        auto* out = static_cast<Seen*>(argument);
-        out->published.wait();
-        out->isCurrent = Thread_IsCurrent(out->self);
-        out->number = Thread_Number();
-        out->joined = Thread_Join(out->self);
-    };
-    Thread* thread = nullptr;
-    ASSERT_EQ(Thread_Create(&thread, body, &seen), kStatusSuccess);
-    seen.self = thread;
+    static std::latch published(1);  // the record
+    static Thread* thread;
+    uint64_t number = Thread_Number();
+    ASSERT_EQ(Thread_Create(
+                  &thread,
+                  [](void* creator) {
+                      published.wait();
+                      EXPECT_TRUE(Thread_IsCurrent(thread));
+                      EXPECT_NE(Thread_Number(), *static_cast<uint64_t*>(creator));
+                      EXPECT_EQ(Thread_Join(thread), kStatusOsError);
+                  },
+                  &number),
+              kStatusSuccess);
     EXPECT_FALSE(Thread_IsCurrent(thread));
-    seen.published.count_down();
+    published.count_down();
     EXPECT_EQ(Thread_Join(thread), kStatusSuccess);
     EXPECT_EQ(Thread_Join(thread), kStatusSuccess);
-    EXPECT_TRUE(seen.isCurrent);
-    EXPECT_NE(seen.number, Thread_Number());
-    EXPECT_EQ(seen.joined, kStatusOsError);
     EXPECT_EQ(Thread_Destroy(thread), kStatusSuccess);
 }
 
 TEST(Thread, GoesOnWithoutItsRecord) {
-    struct Meeting {
-        std::latch recordGone{1}, done{1};
-    } meeting;
+    static std::latch recordGone(1), done(1);
     Thread* thread = nullptr;
-    const auto body = [](void* argument) {
-        auto* both = static_cast<Meeting*>(argument);
-        both->recordGone.wait();
-        both->done.count_down();
+    const auto body = [](void*) {
+        recordGone.wait();
+        done.count_down();
     };
-    ASSERT_EQ(Thread_Create(&thread, body, &meeting), kStatusSuccess);
+    ASSERT_EQ(Thread_Create(&thread, body, nullptr), kStatusSuccess);
     EXPECT_EQ(Thread_Destroy(thread), kStatusSuccess);
-    meeting.recordGone.count_down();
-    meeting.done.wait();
+    recordGone.count_down();
+    done.wait();
 }
 
 TEST(Thread, StartsThroughTheHook) {
@@ -82,38 +73,36 @@ TEST(Thread, StartsThroughTheHook) {
 
 TEST(ThreadKey, HoldsAValueForEachThreadAndHandsItToTheDestructor) {
     static std::atomic<void*> destroyed;
-    destroyed = nullptr;
-    static ThreadKey* key;
-    ASSERT_EQ(ThreadKey_Create(&key, [](void* value) { destroyed = value; }), kStatusSuccess);
+    static ThreadKey key;
+    ASSERT_EQ(ThreadKey_Init(&key, [](void* value) { destroyed = value; }), kStatusSuccess);
 
     int mine = 0, others = 0;
-    ASSERT_EQ(ThreadKey_Set(key, &mine), kStatusSuccess);
+    ASSERT_EQ(ThreadKey_Set(&key, &mine), kStatusSuccess);
     const auto body = [](void* value) {
         void* found = value;
-        EXPECT_EQ(ThreadKey_Get(key, &found), kStatusSuccess);
+        EXPECT_EQ(ThreadKey_Get(&key, &found), kStatusSuccess);
         EXPECT_EQ(found, nullptr);
-        EXPECT_EQ(ThreadKey_Set(key, value), kStatusSuccess);
+        EXPECT_EQ(ThreadKey_Set(&key, value), kStatusSuccess);
     };
     runThread(body, &others);
 
     void* found = nullptr;
-    EXPECT_EQ(ThreadKey_Get(key, &found), kStatusSuccess);
+    EXPECT_EQ(ThreadKey_Get(&key, &found), kStatusSuccess);
     EXPECT_EQ(found, &mine);
     EXPECT_EQ(destroyed, &others);
-    EXPECT_EQ(ThreadKey_Destroy(key), kStatusSuccess);
+    EXPECT_EQ(ThreadKey_Destroy(&key), kStatusSuccess);
 }
 
 TEST(ThreadKey, IsNotMadeWithoutAFreeSlot) {
-    ThreadKey key;
-    std::vector<ThreadKey> taken;
-    while (ThreadKey_Init(&key, nullptr) == kStatusSuccess && taken.size() < 10000) {
-        taken.push_back(key);
+    ThreadKey* key = nullptr;
+    std::vector<ThreadKey*> taken;
+    while (ThreadKey_Create(&key, nullptr) == kStatusSuccess && taken.size() < 10000) {
+        taken.push_back(std::exchange(key, nullptr));
     }
-    ThreadKey* none = nullptr;
-    EXPECT_EQ(ThreadKey_Create(&none, nullptr), kStatusNoMemory);
-    EXPECT_EQ(none, nullptr);
-    for (ThreadKey& each : taken) {
-        ThreadKey_Destroy(&each);
+    EXPECT_EQ(key, nullptr);
+    EXPECT_EQ(ThreadKey_Create(&key, nullptr), kStatusNoMemory);
+    for (ThreadKey* each : taken) {
+        ThreadKey_Destroy(each);
     }
 }
 

@@ -37,15 +37,6 @@ TEST(DateTime, AgreesWithTheSystemsCalendarFromYear1On) {
     EXPECT_EQ(split(kYear1 - 1), (Fields{-1, 12, 31, 23, 59, 59}));
 }
 
-TEST(DateTime, StandsTheFarthestTimes) {
-    for (const int64_t seconds : {INT64_MIN, INT64_MIN + 1, INT64_MAX - 1, INT64_MAX}) {
-        const Fields fields = split(seconds);
-        EXPECT_EQ(fields[0] < 0, seconds < 0);
-        EXPECT_TRUE(fields[1] >= 1 && fields[1] <= 12 && fields[2] >= 1 && fields[2] <= 31);
-        EXPECT_TRUE(fields[3] >= 0 && fields[3] < 24 && fields[4] >= 0 && fields[4] < 60);
-    }
-}
-
 // The calendar's gap at year 0 and its mirrored leap years: each day is the day before's next.
 TEST(DateTime, CountsDaysThroughYearZero) {
     Fields before = split(kYear1 - 900 * 366 * kDay);
@@ -61,6 +52,9 @@ TEST(DateTime, CountsDaysThroughYearZero) {
             << day;
         before = now;
     }
+    // The farthest times, whose difference from any other doesn't fit.
+    EXPECT_EQ(split(INT64_MIN), (Fields{-292277022658, 1, 26, 8, 29, 52}));
+    EXPECT_EQ(split(INT64_MAX), (Fields{292277026596, 12, 4, 15, 30, 7}));
 }
 
 TEST(DateTime, TextFitsItsRoom) {
@@ -77,11 +71,9 @@ TEST(DateTime, TextFitsItsRoom) {
         {{0, 0}, 20, "1970-01-01 00:00:00"},
         {{0, 1}, 31, "1970-01-01 00:00:00.000000001Z"},
         {{0, 1}, 30, "1970-01-01 00:00:00.000000001"},
-        {{0, 1}, 20, "1970-01-01 00:00:00"},
         {{0, 1}, 1, ""},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
         char text[65];
         std::memset(text, '#', sizeof text);
         char* cursor = text;

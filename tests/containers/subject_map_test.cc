@@ -1,3 +1,5 @@
+#include "lib/containers/subject_map.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -5,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "lib/containers/heldSubjectmap.h"
 #include "tests/support/container_values.h"
 
 namespace {
