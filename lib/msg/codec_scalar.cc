@@ -7,13 +7,6 @@
 
 namespace {
 
-constexpr int64_t kLeastSeconds = -(int64_t{1} << 39);
-constexpr int64_t kMostSeconds = (int64_t{1} << 39) - 1;
-constexpr uint32_t kMostNanoseconds = 999999999;
-constexpr uint32_t kDateTimeFieldBytes = 12;
-constexpr uint32_t kDateTimeWireBytes = 8;
-constexpr uint32_t kMicrosecondMask = 0xffffff;
-
 // A size that isn't the type's would be a lie in the image. A bool's isn't looked at: it is wider
 // in the application than on the wire.
 template <uint8_t kType, typename Value>
@@ -23,7 +16,8 @@ pelmoStatus encodeScalar(WriteCursor& cursor, const pelmoMsgField& field, Value 
     if (kType != FIELD_BOOL && field.size != kValueBytes) return kStatusInvalidArgument;
     if (writeRoom(cursor) < 1 + kValueBytes) return kStatusNoMemory;
     if constexpr (kWireType != kType) cursor.at[-1] = kWireType;
-    storeScalar<kType>(cursor.at, value);
+    cursor.at[0] = kValueBytes;
+    storeScalar<kType>(cursor.at + 1, value);
     cursor.at += 1 + kValueBytes;
     return kStatusSuccess;
 }
@@ -59,18 +53,12 @@ PELMO_ENCODER(encodeNone) {
     return kStatusSuccess;
 }
 
-// Low word of the seconds, then a word of their high byte and the microseconds.
 PELMO_ENCODER(encodeDateTime) {
-    const auto [seconds, nanoseconds] = field.data.dateTime;
     if (field.size < kDateTimeFieldBytes) return kStatusInvalidArgument;
-    if (seconds < kLeastSeconds || seconds > kMostSeconds) return kStatusInvalidArgument;
-    if (nanoseconds > kMostNanoseconds) return kStatusInvalidArgument;
+    if (!dateTimeFits(field.data.dateTime)) return kStatusInvalidArgument;
     if (writeRoom(cursor) < 1 + kDateTimeWireBytes) return kStatusNoMemory;
-
-    const auto bits = static_cast<uint64_t>(seconds);
     cursor.at[0] = kDateTimeWireBytes;
-    storeBe32At(cursor.at + 1, static_cast<uint32_t>(bits));
-    storeBe32At(cursor.at + 5, static_cast<uint32_t>(bits >> 32 << 24) | nanoseconds / 1000);
+    storeDateTime(cursor.at + 1, field.data.dateTime);
     cursor.at += 1 + kDateTimeWireBytes;
     return kStatusSuccess;
 }
@@ -137,13 +125,9 @@ PELMO_DECODER(decodeDateTime) {
     if (*cursor.at != kDateTimeWireBytes) return kStatusInvalidSize;
     if (readLeft(cursor) < 1 + kDateTimeWireBytes) return kStatusCorruptMessage;
 
-    const uint32_t low = loadBe32At(cursor.at + 1);
-    const uint32_t rest = loadBe32At(cursor.at + 5);
-    const auto high = static_cast<int8_t>(rest >> 24);  // bit 39 of the seconds is their sign
     field.size = kDateTimeFieldBytes;
     field.count = 1;
-    field.data.dateTime.seconds = int64_t{high} * (int64_t{1} << 32) + low;
-    field.data.dateTime.nanoseconds = (rest & kMicrosecondMask) * 1000;
+    field.data.dateTime = loadDateTime(cursor.at + 1);
     cursor.at += 1 + kDateTimeWireBytes;
     disposition = kDataByValue;
     return kStatusSuccess;

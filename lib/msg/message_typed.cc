@@ -44,13 +44,13 @@ pelmoStatus addScalar(pelmoMsg* msg,
                       Value FieldData::*member,
                       uint32_t size,
                       uint16_t id) {
-    uint8_t* type = msgPlaceScalar(msg, name, id, kScalarBytes<kType, Value>);
+    uint8_t* type = msgPlaceShort(msg, name, id, kScalarBytes<kType, Value>);
     if (type == nullptr) {
         return writeScalar(pelmoMsg_AddField, msg, name, value, member, {kType, size}, id);
     }
     constexpr uint8_t kWireType = scalarWireType(kType);
     *type = kWireType;
-    storeScalar<kType>(type + 1, value);
+    storeScalar<kType>(type + 2, value);
     return kStatusSuccess;
 }
 
@@ -219,47 +219,86 @@ pelmoStatus readSubjectText(pelmoMsg* msg, const char* name, const char** out, u
     return kStatusSuccess;
 }
 
-pelmoStatus writeDateTime(FieldWriter write,
-                          pelmoMsg* msg,
+template <FieldWriter kWrite>
+pelmoStatus writeDateTime(pelmoMsg* msg,
                           const char* name,
                           const pelmoMsgDateTime* value,
                           uint16_t id) {
-    constexpr uint32_t kDateTimeBytes = 12;
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (value == nullptr) return kStatusInvalidArgument;
-    return writeScalar(write, msg, name, *value, &FieldData::dateTime,
-                       {FIELD_DATETIME, kDateTimeBytes}, id);
+    return writeScalar(kWrite, msg, name, *value, &FieldData::dateTime,
+                       {FIELD_DATETIME, kDateTimeFieldBytes}, id);
 }
 
-pelmoStatus writeText(
-    FieldWriter write, pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
-    return writePointer(write, msg, name, text, 1, {FIELD_STRING, 0}, id);
+pelmoStatus addDateTime(pelmoMsg* msg,
+                        const char* name,
+                        const pelmoMsgDateTime* value,
+                        uint16_t id) {
+    const bool fits = value != nullptr && dateTimeFits(*value);
+    uint8_t* type = fits ? msgPlaceShort(msg, name, id, kDateTimeWireBytes) : nullptr;
+    if (type == nullptr) return writeDateTime<pelmoMsg_AddField>(msg, name, value, id);
+    *type = FIELD_DATETIME;
+    storeDateTime(type + 2, *value);
+    return kStatusSuccess;
 }
 
-pelmoStatus writeMessage(
-    FieldWriter write, pelmoMsg* msg, const char* name, pelmoMsg* value, uint16_t id) {
+// Bytes that stand in the image as they are. A size of 0 is for the general call to work out.
+pelmoStatus addBytes(
+    pelmoMsg* msg, const char* name, const void* data, FieldKind kind, uint16_t id) {
+    const bool told = data != nullptr && kind.size != 0;
+    uint8_t* type = told ? msgPlaceShort(msg, name, id, kind.size) : nullptr;
+    if (type == nullptr) return writePointer(pelmoMsg_AddField, msg, name, data, 1, kind, id);
+    *type = kind.type;
+    copyShort(type + 2, data, kind.size);
+    return kStatusSuccess;
+}
+
+// Elements are turned around on their way into the image, and documents are compressed.
+pelmoStatus addList(pelmoMsg* msg,
+                    const char* name,
+                    const void* data,
+                    uint32_t count,
+                    FieldKind kind,
+                    uint16_t id) {
+    if (kind.type == FIELD_OPAQUE) return addBytes(msg, name, data, kind, id);
+    return writePointer(pelmoMsg_AddField, msg, name, data, count, kind, id);
+}
+
+pelmoStatus updateText(pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
+    return writePointer(pelmoMsg_UpdateField, msg, name, text, 1, {FIELD_STRING, 0}, id);
+}
+
+pelmoStatus addText(pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    const size_t size = text != nullptr ? std::strlen(text) + 1 : 0;
+    const bool told = size <= kMaxValueBytes;
+    return addBytes(msg, name, text, {FIELD_STRING, told ? static_cast<uint32_t>(size) : 0}, id);
+}
+
+template <FieldWriter kWrite>
+pelmoStatus writeMessage(pelmoMsg* msg, const char* name, pelmoMsg* value, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     uint32_t size = 0;
     const pelmoStatus status = fieldMessageSize(value, size);
     if (status != kStatusSuccess) return status;
-    return writePointer(write, msg, name, value, 1, {FIELD_MSG, size}, id);
+    return writePointer(kWrite, msg, name, value, 1, {FIELD_MSG, size}, id);
 }
 
-pelmoStatus writeSubject(
-    FieldWriter write, pelmoMsg* msg, const char* name, const uint8_t* subject, uint16_t id) {
+template <FieldWriter kWrite>
+pelmoStatus writeSubject(pelmoMsg* msg, const char* name, const uint8_t* subject, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (subject == nullptr) return kStatusInvalidArgument;
     const auto size = static_cast<uint32_t>(subjectLength(subject));
-    return writePointer(write, msg, name, subject, 1, {FIELD_SUBJECT, size}, id);
+    return writePointer(kWrite, msg, name, subject, 1, {FIELD_SUBJECT, size}, id);
 }
 
-pelmoStatus writeSubjectText(
-    FieldWriter write, pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
+template <FieldWriter kWrite>
+pelmoStatus writeSubjectText(pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (text == nullptr) return kStatusInvalidArgument;
     uint8_t subject[kSubjectMaxBytes];
     if (subjectFromText(subject, sizeof subject, text) < 1) return kStatusInvalidSubject;
-    return writeSubject(write, msg, name, subject, id);
+    return writeSubject<kWrite>(msg, name, subject, id);
 }
 
 pelmoStatus updateSubject(pelmoMsg* msg, const pelmoMsgField* field) {
@@ -288,7 +327,7 @@ PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
 #define PELMO_DEFINE_LIST(word, type, Value, count, size, told, otherType)                     \
     pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value const* values,       \
                                    uint32_t number, uint16_t id) {                             \
-        return writePointer(pelmoMsg_AddField, msg, name, values, count, {type, size}, id);    \
+        return addList(msg, name, values, count, {type, size}, id);                            \
     }                                                                                          \
     pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value const* values,    \
                                       uint32_t number, uint16_t id) {                          \
@@ -313,12 +352,12 @@ PELMO_BLOCK_FIELDS(PELMO_DEFINE_BLOCK)
 #undef PELMO_DEFINE_NUMBERS
 #undef PELMO_DEFINE_LIST
 
-#define PELMO_DEFINE_FIELD(word, Value, Out, writeField, update, readField)                        \
+#define PELMO_DEFINE_FIELD(word, Value, Out, addField, updateField, readField)                     \
     pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) {    \
-        return writeField(pelmoMsg_AddField, msg, name, value, id);                                \
+        return addField(msg, name, value, id);                                                     \
     }                                                                                              \
     pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) { \
-        return writeField(update, msg, name, value, id);                                           \
+        return updateField(msg, name, value, id);                                                  \
     }                                                                                              \
     pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Out* out, uint16_t id) {       \
         return readField(msg, name, out, id);                                                      \
@@ -326,15 +365,28 @@ PELMO_BLOCK_FIELDS(PELMO_DEFINE_BLOCK)
 PELMO_DEFINE_FIELD(DateTime,
                    const pelmoMsgDateTime*,
                    pelmoMsgDateTime,
-                   writeDateTime,
-                   pelmoMsg_UpdateField,
+                   addDateTime,
+                   writeDateTime<pelmoMsg_UpdateField>,
                    readDateTime)
-PELMO_DEFINE_FIELD(String, const char*, const char*, writeText, pelmoMsg_UpdateField, readText)
-PELMO_DEFINE_FIELD(Msg, pelmoMsg*, pelmoMsg*, writeMessage, pelmoMsg_UpdateField, readMessage)
-PELMO_DEFINE_FIELD(
-    Subject, const uint8_t*, const uint8_t*, writeSubject, updateSubject, readSubject)
-PELMO_DEFINE_FIELD(
-    SubjectText, const char*, const char*, writeSubjectText, updateSubject, readSubjectText)
+PELMO_DEFINE_FIELD(String, const char*, const char*, addText, updateText, readText)
+PELMO_DEFINE_FIELD(Msg,
+                   pelmoMsg*,
+                   pelmoMsg*,
+                   writeMessage<pelmoMsg_AddField>,
+                   writeMessage<pelmoMsg_UpdateField>,
+                   readMessage)
+PELMO_DEFINE_FIELD(Subject,
+                   const uint8_t*,
+                   const uint8_t*,
+                   writeSubject<pelmoMsg_AddField>,
+                   writeSubject<updateSubject>,
+                   readSubject)
+PELMO_DEFINE_FIELD(SubjectText,
+                   const char*,
+                   const char*,
+                   writeSubjectText<pelmoMsg_AddField>,
+                   writeSubjectText<updateSubject>,
+                   readSubjectText)
 #undef PELMO_DEFINE_FIELD
 
 pelmoStatus pelmoMsg_AddNone(pelmoMsg* msg, const char* name, uint16_t id) {

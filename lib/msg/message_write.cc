@@ -87,7 +87,7 @@ pelmoStatus sizeByType(const pelmoMsgField& field, uint64_t& size) {
 
 uint8_t* writeName(uint8_t* at, const pelmoMsgField& field, uint32_t nameSize) {
     *at++ = static_cast<uint8_t>(nameSize + (field.id != 0 ? kIdBytes : 0));
-    copyName(at, field.name, nameSize);
+    copyShort(at, field.name, nameSize);
     at += nameSize;
     if (field.id != 0) {
         storeBe16At(at, field.id);

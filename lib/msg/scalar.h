@@ -1,5 +1,6 @@
-// The value of a scalar as it stands in a record: a size byte and big-endian bytes. Integers,
-// floats, ports and addresses fold into four wire types; the size byte tells them apart.
+// The value of a scalar as it stands in a record behind the size byte, in big-endian bytes.
+// Integers, floats, ports and addresses fold into four wire types; the size byte tells them apart.
+// Dates have a form of their own.
 
 #pragma once
 
@@ -39,13 +40,37 @@ template <uint8_t kType, typename Value>
 template <uint8_t kType, typename Value>
 constexpr uint32_t kScalarBytes = sizeof(scalarWord<kType>(Value{}));
 
-// Size byte and value, for which there is room.
+// The value's bytes, for which there is room.
 template <uint8_t kType, typename Value>
 void storeScalar(uint8_t* at, Value value) {
     const auto word = scalarWord<kType>(value);
-    at[0] = sizeof word;
-    if constexpr (sizeof word == 1) at[1] = word;
-    if constexpr (sizeof word == 2) storeBe16At(at + 1, word);
-    if constexpr (sizeof word == 4) storeBe32At(at + 1, word);
-    if constexpr (sizeof word == 8) storeBe64At(at + 1, word);
+    if constexpr (sizeof word == 1) at[0] = word;
+    if constexpr (sizeof word == 2) storeBe16At(at, word);
+    if constexpr (sizeof word == 4) storeBe32At(at, word);
+    if constexpr (sizeof word == 8) storeBe64At(at, word);
+}
+
+// A date: the low word of the seconds, then a word of their high byte and the microseconds.
+constexpr uint32_t kDateTimeFieldBytes = 12;
+constexpr uint32_t kDateTimeWireBytes = 8;
+
+[[nodiscard]] constexpr bool dateTimeFits(const pelmoMsgDateTime& value) {
+    constexpr int64_t kBeyondSeconds = int64_t{1} << 39;
+    constexpr uint32_t kMostNanoseconds = 999999999;
+    return value.seconds >= -kBeyondSeconds && value.seconds < kBeyondSeconds &&
+           value.nanoseconds <= kMostNanoseconds;
+}
+
+inline void storeDateTime(uint8_t* at, const pelmoMsgDateTime& value) {
+    const auto bits = static_cast<uint64_t>(value.seconds);
+    storeBe32At(at, static_cast<uint32_t>(bits));
+    storeBe32At(at + 4, static_cast<uint32_t>(bits >> 32 << 24) | value.nanoseconds / 1000);
+}
+
+[[nodiscard]] inline pelmoMsgDateTime loadDateTime(const uint8_t* at) {
+    constexpr uint32_t kMicrosecondMask = 0xffffff;
+    const uint32_t low = loadBe32At(at);
+    const uint32_t rest = loadBe32At(at + 4);
+    const auto high = static_cast<int8_t>(rest >> 24);  // bit 39 of the seconds is their sign
+    return {int64_t{high} * (int64_t{1} << 32) + low, (rest & kMicrosecondMask) * 1000};
 }
