@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 
+#include "lib/msg/poison.h"
 #include "lib/msg/pool.h"
 
 namespace {
@@ -27,9 +28,32 @@ void finiRecord(void* chunk) {
     std::destroy_at(static_cast<Buffer*>(chunk));
 }
 
-ChunkPool* makePool(uint32_t count, uint32_t inlineBytes, uint32_t refreshCount) {
+// A record of the process's pool goes with the block that it kept.
+void finiRecordAndBlock(void* chunk) {
+    std::free(static_cast<Buffer*>(chunk)->data);
+    finiRecord(chunk);
+}
+
+ChunkPool* makePool(uint32_t count,
+                    uint32_t inlineBytes,
+                    uint32_t refreshCount,
+                    PoolChunkFunction fini) {
     return poolCreate(count, kRecordBytes + inlineBytes, offsetof(Buffer, poolOwner), initRecord,
-                      finiRecord, 1, refreshCount, __FILE__, __LINE__);
+                      fini, 1, refreshCount, __FILE__, __LINE__);
+}
+
+// Most messages fit in a block of this size, and grow in it at no cost. Each buffer on the heap has
+// at least such a one, of which its first `size` bytes are to be used.
+constexpr uint32_t kLeastBlockBytes = 256;
+
+uint32_t blockBytes(uint32_t size) {
+    return std::max(size, kLeastBlockBytes);
+}
+
+// Only the least blocks have bytes that aren't in use.
+void showBytes(const uint8_t* data, uint32_t size) {
+    ASAN_UNPOISON_MEMORY_REGION(data, size);
+    ASAN_POISON_MEMORY_REGION(data + size, blockBytes(size) - size);
 }
 
 uint8_t* inlineBytesOf(Buffer* buffer) {
@@ -44,14 +68,13 @@ bool isInline(Buffer* buffer) {
     return isPrivate(buffer) && buffer->data == inlineBytesOf(buffer);
 }
 
-// With one reference and no bytes.
+// With one reference and no bytes, but maybe a block that the record kept.
 Buffer* takeRecord(ChunkPool* pool) {
     void* record =
         pool != nullptr ? poolTake(pool, __FILE__, __LINE__) : std::calloc(1, sizeof(Buffer));
     if (record == nullptr) return nullptr;
     if (pool == nullptr) initRecord(record);
     auto* buffer = static_cast<Buffer*>(record);
-    buffer->data = nullptr;
     buffer->size = 0;
     buffer->refCount.store(1, std::memory_order_relaxed);
     buffer->pool = pool;
@@ -68,12 +91,22 @@ void giveRecord(Buffer* buffer) {
 
 void freeBytes(Buffer* buffer) {
     if (!isInline(buffer)) std::free(buffer->data);
+    buffer->data = nullptr;
+}
+
+// A least block stays with its record, so that the next buffer takes both in one step.
+bool keepsBlock(const Buffer* buffer) {
+    return buffer->pool != nullptr && buffer->pool == recordPool && buffer->data != nullptr &&
+           buffer->size <= kLeastBlockBytes;
 }
 
 // Inline bytes can't be reallocated: they are copied, and lie unused until the record goes.
 void* resizeBytes(Buffer* buffer, uint32_t size) {
-    if (!isInline(buffer)) return std::realloc(buffer->data, size);
-    void* data = std::malloc(size);
+    if (!isInline(buffer)) {
+        const bool fits = buffer->data != nullptr && blockBytes(size) == blockBytes(buffer->size);
+        return fits ? buffer->data : std::realloc(buffer->data, blockBytes(size));
+    }
+    void* data = std::malloc(blockBytes(size));
     if (data != nullptr) std::memcpy(data, buffer->data, std::min(buffer->size, size));
     return data;
 }
@@ -81,7 +114,9 @@ void* resizeBytes(Buffer* buffer, uint32_t size) {
 }  // namespace
 
 pelmoStatus bufferPoolCreate() {
-    if (recordPool == nullptr) recordPool = makePool(kRecordsPerBlock, 0, kRecordRefresh);
+    if (recordPool == nullptr) {
+        recordPool = makePool(kRecordsPerBlock, 0, kRecordRefresh, finiRecordAndBlock);
+    }
     return recordPool != nullptr ? kStatusSuccess : kStatusNoMemory;
 }
 
@@ -93,7 +128,7 @@ void bufferPoolDestroy() {
 pelmoStatus bufferPrivatePool(ChunkPool** out, uint32_t count, uint32_t bytes) {
     if (out == nullptr) return kStatusInvalidArgument;
     if (bytes > UINT32_MAX - kRecordBytes) return kStatusNoMemory;
-    ChunkPool* pool = makePool(count, bytes, count / 10);
+    ChunkPool* pool = makePool(count, bytes, count / 10, finiRecord);
     if (pool == nullptr) return kStatusNoMemory;
     *out = pool;
     return kStatusSuccess;
@@ -111,15 +146,22 @@ Buffer* bufferCreateFrom(ChunkPool* pool, uint32_t size) {
 
 Buffer* bufferCreate(uint32_t size) {
     Buffer* buffer = takeRecord(recordPool);
-    if (buffer == nullptr || size == 0) return buffer;
-
+    if (buffer == nullptr) return nullptr;
+    if (size == 0) {
+        freeBytes(buffer);
+        return buffer;
+    }
     if (size < kBufferLeastBytes) size = kBufferLeastBytes;
-    buffer->data = static_cast<uint8_t*>(std::malloc(size));
+    if (size > kLeastBlockBytes) freeBytes(buffer);
+    if (buffer->data == nullptr) {
+        buffer->data = static_cast<uint8_t*>(std::malloc(blockBytes(size)));
+    }
     if (buffer->data == nullptr) {
         giveRecord(buffer);
         return nullptr;
     }
     buffer->size = size;
+    showBytes(buffer->data, size);
     return buffer;
 }
 
@@ -140,7 +182,6 @@ pelmoStatus bufferGrow(Buffer* buffer, int32_t additional) {
     if (size < 0 || size > UINT32_MAX) return kStatusNoMemory;
     if (size == 0) {
         freeBytes(buffer);
-        buffer->data = nullptr;
         buffer->size = 0;
         return kStatusSuccess;
     }
@@ -148,6 +189,7 @@ pelmoStatus bufferGrow(Buffer* buffer, int32_t additional) {
     if (data == nullptr) return kStatusNoMemory;
     buffer->data = static_cast<uint8_t*>(data);
     buffer->size = static_cast<uint32_t>(size);
+    showBytes(buffer->data, buffer->size);
     return kStatusSuccess;
 }
 
@@ -159,6 +201,10 @@ void bufferRelease(Buffer* buffer) {
     if (buffer == nullptr) return;
     // The last holder frees what the others have used.
     if (buffer->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-    freeBytes(buffer);
+    if (keepsBlock(buffer)) {
+        ASAN_POISON_MEMORY_REGION(buffer->data, kLeastBlockBytes);
+    } else {
+        freeBytes(buffer);
+    }
     giveRecord(buffer);
 }

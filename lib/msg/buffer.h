@@ -4,7 +4,8 @@
 //     | Buffer, 32 bytes | inline bytes ...   |
 //
 // so that reading off a stream costs one take and nothing else. Without a pool records come from
-// the heap.
+// the heap. A record of the process's pool keeps a small block of bytes while it lies in there: a
+// new message's buffer, too, costs one take in the steady state.
 //
 // Ownership: counted. Who creates or retains, releases; the last release frees.
 //

@@ -6,6 +6,7 @@
 #include "lib/base/bytes.h"
 #include "lib/containers/i32map.h"
 #include "lib/msg/message_internal.h"
+#include "lib/msg/message_place.h"
 #include "lib/msg/wire.h"
 
 namespace {
@@ -20,9 +21,12 @@ pelmoStatus indexWalk(pelmoMsg* msg, uint32_t& fieldCount) {
         WireRecord record;
         const uint8_t* next = wireRecordRead(at, end, record);
         if (next == nullptr) return kStatusCorruptMessage;
-        msg->fieldCount = fieldCount;
-        pelmoStatus status = msgIndexReserve(msg);
-        if (status != kStatusSuccess) return status;
+        pelmoStatus status = kStatusSuccess;
+        if (fieldCount == msg->indexCapacity) {
+            msg->fieldCount = fieldCount;
+            status = msgIndexReserve(msg);
+            if (status != kStatusSuccess) return status;
+        }
         msg->index[fieldCount] = {.nameOffset = static_cast<uint32_t>(at + 1 - image),
                                   .nameSize = record.nameSize,
                                   .nameAreaSize = record.nameAreaSize,
@@ -50,7 +54,7 @@ NameKey nameKey(const char* name) {
 
 bool nameIs(const uint8_t* image, const FieldIndexEntry& entry, const NameKey& key) {
     if (entry.nameSize != key.size) return false;
-    return key.size == 0 || std::memcmp(image + entry.nameOffset, key.name, key.size) == 0;
+    return sameShort(image + entry.nameOffset, key.name, entry.nameSize);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// The short road of additions, inlined into each typed call: what senders build for every tick are
-// a few numbers, times and short texts. Sources of the message object alone include this.
+// The short roads of additions and reads, inlined into each typed call: what senders build for
+// every tick are a few numbers, times and short texts. Sources of the message object alone include
+// this.
 
 #pragma once
 
@@ -40,6 +41,28 @@ inline void copyShort(uint8_t* to, const void* from, uint32_t sizeBytes) {
 // Record head, type and size byte, beside name and value.
 constexpr uint32_t kShortHeadBytes = 3;
 
+[[nodiscard]] inline bool sameShort(const uint8_t* a, const void* b, uint32_t sizeBytes) {
+    const auto* bytes = static_cast<const uint8_t*>(b);
+    const auto sameWord = [&](uint32_t at) {
+        uint64_t words[2];
+        std::memcpy(&words[0], a + at, sizeof words[0]);
+        std::memcpy(&words[1], bytes + at, sizeof words[1]);
+        return words[0] == words[1];
+    };
+    if (sizeBytes < sizeof(uint64_t)) {
+        uint32_t same = 0;
+        while (same < sizeBytes && a[same] == bytes[same]) {
+            ++same;
+        }
+        return same == sizeBytes;
+    }
+    const uint32_t lastWord = sizeBytes - static_cast<uint32_t>(sizeof(uint64_t));
+    for (uint32_t i = 0; i < lastWord; i += sizeof(uint64_t)) {
+        if (!sameWord(i)) return false;
+    }
+    return sameWord(lastWord);
+}
+
 // A call that is to be traced goes the long road, where the line stands.
 [[nodiscard]] inline bool additionIsPlain(const pelmoMsg* msg) {
     return msgIsValid(msg) && msg->indexValid != 0 && msg->fieldCount < msg->indexCapacity &&
@@ -47,10 +70,9 @@ constexpr uint32_t kShortHeadBytes = 3;
 }
 
 // Begins the record of a value that a size byte of its own can tell, in the common case: no id, an
-// index that stands and has room, an image that is the message's alone and has room. Name, size
-// byte and index entry are there afterwards; returns the place of the type byte, with that of the
-// value two bytes behind it. Null, and nothing done, where only pelmoMsg_AddField can tell what
-// becomes of it.
+// index that stands and has room, an image that is the message's alone. Name, size byte and index
+// entry are there afterwards; returns the place of the type byte, with that of the value two bytes
+// behind it. Null, and nothing added, where only pelmoMsg_AddField can tell what becomes of it.
 [[nodiscard, gnu::always_inline]] inline uint8_t* msgPlaceShort(pelmoMsg* msg,
                                                                 const char* name,
                                                                 uint16_t id,
@@ -58,7 +80,10 @@ constexpr uint32_t kShortHeadBytes = 3;
     if (!additionIsPlain(msg) || id != 0 || valueBytes >= kFirst16BitSize) return nullptr;
     const uint32_t nameSize = fieldNameSize(name);
     const uint32_t recordBytes = nameSize + kShortHeadBytes + static_cast<uint32_t>(valueBytes);
-    if (nameSize > kMaxNameSize || recordBytes >= msg->capacity - msg->length) return nullptr;
+    if (nameSize > kMaxNameSize) return nullptr;
+    if (recordBytes >= msg->capacity - msg->length) [[unlikely]] {
+        if (msgReserve(msg, recordBytes) != kStatusSuccess) return nullptr;
+    }
 
     uint8_t* record = msgImage(msg) + msg->length;
     record[0] = static_cast<uint8_t>(nameSize);
@@ -69,4 +94,19 @@ constexpr uint32_t kShortHeadBytes = 3;
     uint8_t* type = record + 1 + nameSize;
     type[1] = static_cast<uint8_t>(valueBytes);
     return type;
+}
+
+// The value of a field of that wire type whose length a size byte tells, with the length; null for
+// any other field, for which a general read tells what becomes of it.
+[[nodiscard]] inline const uint8_t* msgShortValue(const pelmoMsg* msg,
+                                                  uint32_t position,
+                                                  uint8_t wireType,
+                                                  uint32_t& valueBytes) {
+    const uint32_t typeOffset = fieldTypeOffset(msg->index[position]);
+    const uint8_t* type = msgImage(msg) + typeOffset;
+    valueBytes = type[1];
+    // What an encoder of the application wrote may tell of more than there is.
+    const bool isShort = type[0] == wireType && valueBytes < kFirst16BitSize &&
+                         valueBytes + 2 <= fieldEndOffset(msg, position) - typeOffset;
+    return isShort ? type + 2 : nullptr;
 }

@@ -83,30 +83,38 @@ pelmoStatus convertTo(pelmoMsg* msg, uint8_t type, pelmoMsgField& field) {
     return msgKeepBlock(msg, const_cast<void*>(field.data.pointer));
 }
 
-pelmoStatus findAndRead(pelmoMsg* msg, const char* name, uint16_t id, pelmoMsgField& field) {
+// Reads a field as that type. What the read left with the message goes again if it fails.
+// `otherType` takes over where the field's type isn't the one asked for.
+template <typename OtherType>
+pelmoStatus readAs(
+    pelmoMsg* msg, uint32_t position, uint8_t type, pelmoMsgField& field, OtherType otherType) {
+    const ReferenceMark before = msgMark(msg);
+    pelmoStatus status = msgReadField(msg, position, field, NameWanted::kNo);
+    if (status != kStatusSuccess || field.type == type) return status;
+    status = otherType(msg, type, field);
+    if (status != kStatusSuccess) msgCutBack(msg, before);
+    return status;
+}
+
+// Finds a field and reads it. A value that a size byte tells is shown to `takeShort`, in the image,
+// if it is of that wire type; where that gives false, and for all others, `read` takes the field by
+// its position.
+template <typename TakeShort, typename Read>
+pelmoStatus findAndRead(pelmoMsg* msg,
+                        const char* name,
+                        uint16_t id,
+                        uint8_t wireType,
+                        TakeShort takeShort,
+                        Read read) {
     pelmoStatus status = msgParse(msg);
     if (status != kStatusSuccess) return status;
     uint32_t position = 0;
     status = msgFind(msg, name, id, position);
     if (status != kStatusSuccess) return status;
-    return msgReadField(msg, position, field, NameWanted::kNo);
-}
-
-// Reads a field as that type. What the read left with the message goes again if it fails.
-// `otherType` takes over where the field's type isn't the one asked for.
-template <typename OtherType>
-pelmoStatus readAs(pelmoMsg* msg,
-                   const char* name,
-                   uint16_t id,
-                   uint8_t type,
-                   pelmoMsgField& field,
-                   OtherType otherType) {
-    const ReferenceMark before = msgMark(msg);
-    pelmoStatus status = findAndRead(msg, name, id, field);
-    if (status != kStatusSuccess || field.type == type) return status;
-    status = otherType(msg, type, field);
-    if (status != kStatusSuccess) msgCutBack(msg, before);
-    return status;
+    uint32_t bytes = 0;
+    const uint8_t* value = msgShortValue(msg, position, wireType, bytes);
+    if (value != nullptr && takeShort(value, bytes)) return kStatusSuccess;
+    return read(position);
 }
 
 pelmoStatus noWay(pelmoMsg*, uint8_t, pelmoMsgField&) {
@@ -117,19 +125,22 @@ pelmoStatus noWayFromLists(pelmoMsg*, uint8_t, pelmoMsgField&) {
     return kStatusInvalidArgument;
 }
 
-template <typename Value>
-pelmoStatus readScalar(pelmoMsg* msg,
-                       const char* name,
-                       Value* out,
-                       Value FieldData::*member,
-                       uint8_t type,
-                       uint16_t id) {
+template <uint8_t kType, typename Value>
+pelmoStatus readScalar(
+    pelmoMsg* msg, const char* name, Value* out, Value FieldData::*member, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
-    pelmoMsgField field;
-    const pelmoStatus status = readAs(msg, name, id, type, field, convertTo);
-    if (status == kStatusSuccess) *out = field.data.*member;
-    return status;
+    const auto takeShort = [out](const uint8_t* value, uint32_t bytes) {
+        if (bytes != kScalarBytes<kType, Value>) return false;
+        *out = loadScalar<kType, Value>(value);
+        return true;
+    };
+    return findAndRead(msg, name, id, scalarWireType(kType), takeShort, [=](uint32_t position) {
+        pelmoMsgField field;
+        const pelmoStatus status = readAs(msg, position, kType, field, convertTo);
+        if (status == kStatusSuccess) *out = field.data.*member;
+        return status;
+    });
 }
 
 // A pointer and a number, which is of elements or of bytes.
@@ -144,12 +155,21 @@ pelmoStatus readList(pelmoMsg* msg,
                      OtherType otherType) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr || outNumber == nullptr) return kStatusInvalidArgument;
-    pelmoMsgField field;
-    const pelmoStatus status = readAs(msg, name, id, type, field, otherType);
-    if (status != kStatusSuccess) return status;
-    *out = static_cast<Value*>(field.data.pointer);
-    *outNumber = field.*number;
-    return kStatusSuccess;
+    const auto takeShort = [=](const void* value, uint32_t bytes) {
+        if (type != FIELD_OPAQUE || bytes == 0) return false;
+        ++msg->bufferRefs;
+        *out = static_cast<Value*>(value);
+        *outNumber = bytes;
+        return true;
+    };
+    return findAndRead(msg, name, id, type, takeShort, [=](uint32_t position) {
+        pelmoMsgField field;
+        const pelmoStatus status = readAs(msg, position, type, field, otherType);
+        if (status != kStatusSuccess) return status;
+        *out = static_cast<Value*>(field.data.pointer);
+        *outNumber = field.*number;
+        return status;
+    });
 }
 
 // A text without its NUL is handed out as a copy with one.
@@ -164,12 +184,10 @@ pelmoStatus terminate(pelmoMsg* msg, pelmoMsgField& field) {
     return msgKeepBlock(msg, copy);
 }
 
-pelmoStatus readText(pelmoMsg* msg, const char* name, const char** out, uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
+pelmoStatus readTextAt(pelmoMsg* msg, uint32_t position, const char** out) {
     const ReferenceMark before = msgMark(msg);
     pelmoMsgField field;
-    pelmoStatus status = readAs(msg, name, id, FIELD_STRING, field, convertTo);
+    pelmoStatus status = readAs(msg, position, FIELD_STRING, field, convertTo);
     if (status == kStatusSuccess) status = terminate(msg, field);
     if (status != kStatusSuccess) {
         msgCutBack(msg, before);
@@ -179,17 +197,36 @@ pelmoStatus readText(pelmoMsg* msg, const char* name, const char** out, uint16_t
     return kStatusSuccess;
 }
 
+pelmoStatus readText(pelmoMsg* msg, const char* name, const char** out, uint16_t id) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    const auto takeShort = [=](const uint8_t* value, uint32_t bytes) {
+        if (bytes == 0 || value[bytes - 1] != '\0') return false;
+        ++msg->bufferRefs;
+        *out = reinterpret_cast<const char*>(value);
+        return true;
+    };
+    return findAndRead(msg, name, id, FIELD_STRING, takeShort,
+                       [=](uint32_t position) { return readTextAt(msg, position, out); });
+}
+
+bool noneIsShort(const uint8_t*, uint32_t) {
+    return false;
+}
+
 template <typename Value, typename OtherType>
 pelmoStatus readPointer(
     pelmoMsg* msg, const char* name, Value** out, uint8_t type, uint16_t id, OtherType otherType) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
-    pelmoMsgField field;
-    const pelmoStatus status = readAs(msg, name, id, type, field, otherType);
-    if (status != kStatusSuccess) return status;
-    // Of an object that a read hands out the image alone is constant.
-    *out = static_cast<Value*>(const_cast<void*>(field.data.pointer));
-    return kStatusSuccess;
+    return findAndRead(msg, name, id, type, noneIsShort, [=](uint32_t position) {
+        pelmoMsgField field;
+        const pelmoStatus status = readAs(msg, position, type, field, otherType);
+        if (status != kStatusSuccess) return status;
+        // Of an object that a read hands out the image alone is constant.
+        *out = static_cast<Value*>(const_cast<void*>(field.data.pointer));
+        return status;
+    });
 }
 
 pelmoStatus readMessage(pelmoMsg* msg, const char* name, pelmoMsg** out, uint16_t id) {
@@ -201,15 +238,25 @@ pelmoStatus readSubject(pelmoMsg* msg, const char* name, const uint8_t** out, ui
 }
 
 pelmoStatus readDateTime(pelmoMsg* msg, const char* name, pelmoMsgDateTime* out, uint16_t id) {
-    return readScalar(msg, name, out, &FieldData::dateTime, FIELD_DATETIME, id);
-}
-
-pelmoStatus readSubjectText(pelmoMsg* msg, const char* name, const char** out, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
+    const auto takeShort = [out](const uint8_t* value, uint32_t bytes) {
+        if (bytes != kDateTimeWireBytes) return false;
+        *out = loadDateTime(value);
+        return true;
+    };
+    return findAndRead(msg, name, id, FIELD_DATETIME, takeShort, [=](uint32_t position) {
+        pelmoMsgField field;
+        const pelmoStatus status = readAs(msg, position, FIELD_DATETIME, field, convertTo);
+        if (status == kStatusSuccess) *out = field.data.dateTime;
+        return status;
+    });
+}
+
+pelmoStatus readSubjectTextAt(pelmoMsg* msg, uint32_t position, const char** out) {
     const ReferenceMark before = msgMark(msg);
     pelmoMsgField field;
-    pelmoStatus status = readAs(msg, name, id, FIELD_SUBJECT, field, noWay);
+    pelmoStatus status = readAs(msg, position, FIELD_SUBJECT, field, noWay);
     if (status == kStatusSuccess) status = convertTo(msg, FIELD_STRING, field);
     if (status != kStatusSuccess) {
         msgCutBack(msg, before);
@@ -217,6 +264,13 @@ pelmoStatus readSubjectText(pelmoMsg* msg, const char* name, const char** out, u
     }
     *out = static_cast<const char*>(field.data.pointer);
     return kStatusSuccess;
+}
+
+pelmoStatus readSubjectText(pelmoMsg* msg, const char* name, const char** out, uint16_t id) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    return findAndRead(msg, name, id, FIELD_SUBJECT, noneIsShort,
+                       [=](uint32_t position) { return readSubjectTextAt(msg, position, out); });
 }
 
 template <FieldWriter kWrite>
@@ -318,7 +372,7 @@ pelmoStatus updateSubject(pelmoMsg* msg, const pelmoMsgField* field) {
                            {type, size}, id);                                                      \
     }                                                                                              \
     pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Value* out, uint16_t id) {     \
-        return readScalar(msg, name, out, &FieldData::member, type, id);                           \
+        return readScalar<type>(msg, name, out, &FieldData::member, id);                           \
     }
 PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
 #undef PELMO_DEFINE_SCALAR

@@ -13,21 +13,8 @@
 #include "lib/containers/dict.h"
 #include "lib/containers/dpa.h"
 #include "lib/containers/pool_seam.h"
+#include "lib/msg/poison.h"
 #include "lib/msg/pool.h"
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define PELMO_POISON_CHUNKS 1
-#endif
-#elif defined(__SANITIZE_ADDRESS__)
-#define PELMO_POISON_CHUNKS 1
-#endif
-#ifdef PELMO_POISON_CHUNKS
-#include <sanitizer/asan_interface.h>
-#else
-#define ASAN_POISON_MEMORY_REGION(address, sizeBytes) (static_cast<void>(address))
-#define ASAN_UNPOISON_MEMORY_REGION(address, sizeBytes) (static_cast<void>(address))
-#endif
 
 constexpr uint32_t kChunkAlignment = 8;
 
@@ -102,13 +89,13 @@ struct ChunkPool {
 
 // A chunk that nobody has, but for the pool's word, is nobody's to touch.
 inline void chunkHide(const ChunkPool* pool, void* chunk) {
-    [[maybe_unused]] const uint32_t behind = pool->offset + kPoolOwnerBytes;
+    const uint32_t behind = pool->offset + kPoolOwnerBytes;
     ASAN_POISON_MEMORY_REGION(chunk, pool->offset);
     ASAN_POISON_MEMORY_REGION(static_cast<uint8_t*>(chunk) + behind,
                               pool->alignedChunkSize - behind);
 }
 
-inline void chunkShow([[maybe_unused]] const ChunkPool* pool, void* chunk) {
+inline void chunkShow(const ChunkPool* pool, void* chunk) {
     ASAN_UNPOISON_MEMORY_REGION(chunk, pool->chunkSize);
 }
 

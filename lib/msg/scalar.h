@@ -50,6 +50,23 @@ void storeScalar(uint8_t* at, Value value) {
     if constexpr (sizeof word == 8) storeBe64At(at, word);
 }
 
+template <uint8_t kType, typename Value>
+[[nodiscard]] Value loadScalar(const uint8_t* at) {
+    if constexpr (kType == FIELD_IPPORT16) {
+        return loadNet16At(at);
+    } else if constexpr (kType == FIELD_IPADDR32) {
+        return loadNet32At(at);
+    } else if constexpr (kScalarBytes<kType, Value> == 1) {
+        return static_cast<Value>(at[0]);
+    } else if constexpr (sizeof(Value) == 2) {
+        return static_cast<Value>(loadBe16At(at));
+    } else if constexpr (sizeof(Value) == 4) {
+        return std::bit_cast<Value>(loadBe32At(at));
+    } else {
+        return std::bit_cast<Value>(loadBe64At(at));
+    }
+}
+
 // A date: the low word of the seconds, then a word of their high byte and the microseconds.
 constexpr uint32_t kDateTimeFieldBytes = 12;
 constexpr uint32_t kDateTimeWireBytes = 8;
