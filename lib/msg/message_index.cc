@@ -42,19 +42,17 @@ pelmoStatus indexWalk(pelmoMsg* msg, uint32_t& fieldCount) {
     return kStatusSuccess;
 }
 
-// Names as the index has them: a size that counts the NUL, 0 for no name.
-struct NameKey {
-    const char* name;
-    size_t size;
-};
-
-NameKey nameKey(const char* name) {
-    return {name, name != nullptr ? std::strlen(name) + 1 : 0};
-}
-
-bool nameIs(const uint8_t* image, const FieldIndexEntry& entry, const NameKey& key) {
-    if (entry.nameSize != key.size) return false;
-    return sameShort(image + entry.nameOffset, key.name, entry.nameSize);
+// Position of the first field with that name from `begin` on; the count of fields for none. Names
+// are as the index has them: a size that counts the NUL, 0 for no name.
+uint32_t findName(const pelmoMsg* msg, const char* name, uint32_t begin) {
+    const size_t size = name != nullptr ? std::strlen(name) + 1 : 0;
+    const uint8_t* image = msgImage(msg);
+    for (uint32_t i = begin; i < msg->fieldCount; ++i) {
+        const FieldIndexEntry& entry = msg->index[i];
+        if (entry.nameSize != size) continue;
+        if (sameShort(image + entry.nameOffset, name, entry.nameSize)) return i;
+    }
+    return msg->fieldCount;
 }
 
 }  // namespace
@@ -103,9 +101,8 @@ pelmoStatus msgFind(const pelmoMsg* msg, const char* name, uint16_t id, uint32_t
         }
         if (msg->idMap == nullptr && name == nullptr) return kStatusNotFound;
     }
-    uint32_t found = 0;
-    const pelmoStatus status = msgFindInstance(msg, name, 1, found);
-    if (status != kStatusSuccess) return status;
+    const uint32_t found = findName(msg, name, 0);
+    if (found == msg->fieldCount) return kStatusNotFound;
     const uint16_t foundId = msg->index[found].id;
     if (id != 0 && foundId != 0 && foundId != id) return kStatusIdConflict;
     position = found;
@@ -116,12 +113,11 @@ pelmoStatus msgFindInstance(const pelmoMsg* msg,
                             const char* name,
                             uint32_t instance,
                             uint32_t& position) {
-    const NameKey key = nameKey(name);
-    const uint8_t* image = msgImage(msg);
-    for (uint32_t i = 0; i < msg->fieldCount; ++i) {
-        if (!nameIs(image, msg->index[i], key) || --instance != 0) continue;
-        position = i;
-        return kStatusSuccess;
+    uint32_t found = findName(msg, name, 0);
+    while (--instance != 0 && found != msg->fieldCount) {
+        found = findName(msg, name, found + 1);
     }
-    return kStatusNotFound;
+    if (found == msg->fieldCount) return kStatusNotFound;
+    position = found;
+    return kStatusSuccess;
 }

@@ -100,12 +100,12 @@ pelmoStatus readAs(
 // if it is of that wire type; where that gives false, and for all others, `read` takes the field by
 // its position.
 template <typename TakeShort, typename Read>
-pelmoStatus findAndRead(pelmoMsg* msg,
-                        const char* name,
-                        uint16_t id,
-                        uint8_t wireType,
-                        TakeShort takeShort,
-                        Read read) {
+[[gnu::always_inline]] inline pelmoStatus findAndRead(pelmoMsg* msg,
+                                                      const char* name,
+                                                      uint16_t id,
+                                                      uint8_t wireType,
+                                                      TakeShort takeShort,
+                                                      Read read) {
     pelmoStatus status = msgParse(msg);
     if (status != kStatusSuccess) return status;
     uint32_t position = 0;
@@ -144,27 +144,26 @@ pelmoStatus readScalar(
 }
 
 // A pointer and a number, which is of elements or of bytes.
-template <typename Value, typename OtherType>
+template <uint8_t kType, typename Value, typename OtherType>
 pelmoStatus readList(pelmoMsg* msg,
                      const char* name,
                      Value** out,
                      uint32_t* outNumber,
                      uint32_t pelmoMsgField::*number,
-                     uint8_t type,
                      uint16_t id,
                      OtherType otherType) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr || outNumber == nullptr) return kStatusInvalidArgument;
     const auto takeShort = [=](const void* value, uint32_t bytes) {
-        if (type != FIELD_OPAQUE || bytes == 0) return false;
+        if (kType != FIELD_OPAQUE || bytes == 0) return false;
         ++msg->bufferRefs;
         *out = static_cast<Value*>(value);
         *outNumber = bytes;
         return true;
     };
-    return findAndRead(msg, name, id, type, takeShort, [=](uint32_t position) {
+    return findAndRead(msg, name, id, kType, takeShort, [=](uint32_t position) {
         pelmoMsgField field;
-        const pelmoStatus status = readAs(msg, position, type, field, otherType);
+        const pelmoStatus status = readAs(msg, position, kType, field, otherType);
         if (status != kStatusSuccess) return status;
         *out = static_cast<Value*>(field.data.pointer);
         *outNumber = field.*number;
@@ -389,8 +388,8 @@ PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
     }                                                                                          \
     pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Value const** outValues,   \
                                    uint32_t* outNumber, uint16_t id) {                         \
-        return readList(msg, name, outValues, outNumber, &pelmoMsgField::told, type, id,       \
-                        otherType);                                                            \
+        return readList<type>(msg, name, outValues, outNumber, &pelmoMsgField::told, id,       \
+                              otherType);                                                      \
     }
 #define PELMO_DEFINE_NUMBERS(word, type, Value, bytes) \
     PELMO_DEFINE_LIST(word, type, Value, number, bytes, count, convertTo)

@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr uint32_t kIdBytes = 2;
-
 bool needsData(uint8_t type) {
     switch (type) {
         case FIELD_MSG:

@@ -2,46 +2,6 @@
 
 #include "lib/base/bytes.h"
 
-namespace {
-
-constexpr uint32_t kIdBytes = 2;
-constexpr uint32_t kTypeAndPrefixBytes = 2;
-
-// N alone tells the forms of the name area apart: with an id, the name's NUL is three bytes from
-// the end.
-bool readNameArea(const uint8_t* record, WireRecord& out) {
-    const uint32_t areaSize = record[0];
-    if (areaSize >= kIdBytes && record[areaSize - kIdBytes] == 0) {
-        out = {areaSize - kIdBytes, areaSize, loadBe16At(record + areaSize - 1)};
-        return true;
-    }
-    out = {areaSize, areaSize, 0};
-    return record[areaSize] == 0;
-}
-
-}  // namespace
-
-const uint8_t* wireRecordRead(const uint8_t* at, const uint8_t* end, WireRecord& record) {
-    const uint32_t areaSize = at[0];
-    const auto left = static_cast<uint64_t>(end - at);
-    if (areaSize + 1 + kTypeAndPrefixBytes > left) return nullptr;
-    if (!readNameArea(at, record)) return nullptr;
-
-    ReadCursor value{at + areaSize + 1 + kTypeAndPrefixBytes, end};
-    const uint8_t sizeClass = value.at[-1];
-    uint64_t sizeBytes = sizeClass;
-    if (sizeClass == kSizeClass16) {
-        if (readLeft(value) < 2) return nullptr;
-        sizeBytes = loadBe16At(value.at);
-    } else if (sizeClass == kSizeClass32) {
-        if (readLeft(value) < 4) return nullptr;
-        sizeBytes = loadBe32At(value.at);
-    } else if (sizeClass >= kFirstLongSizeClass) {
-        return nullptr;
-    }
-    return sizeBytes <= readLeft(value) ? value.at + sizeBytes : nullptr;
-}
-
 uint8_t wireApplicationType(uint8_t wireType, uint8_t sizeByte) {
     const auto byWidth = [sizeByte](uint8_t one, uint8_t two, uint8_t four, uint8_t eight) {
         switch (sizeByte) {

@@ -17,6 +17,7 @@
 
 #include <cstdint>
 
+#include "lib/base/bytes.h"
 #include "lib/base/status.h"
 #include "lib/msg/codec.h"
 
@@ -33,12 +34,6 @@ struct WireRecord {
     uint32_t nameAreaSize;  // the name's, and 2 for an id
     uint16_t id;            // 0 for none
 };
-
-// Reads the record at `at`, which is below `end`. Returns where the next one begins, at most `end`;
-// null for a record that is malformed or reaches past the end. Looks at no value.
-[[nodiscard]] const uint8_t* wireRecordRead(const uint8_t* at,
-                                            const uint8_t* end,
-                                            WireRecord& record);
 
 // The application's type of a wire type and the size byte behind it: FIELD_BAD where a folded type
 // doesn't allow the size. Types that don't fold stay.
@@ -72,4 +67,44 @@ struct WireRecord {
 
 [[nodiscard]] inline uint64_t writeRoom(const WriteCursor& cursor) {
     return static_cast<uint64_t>(cursor.end - cursor.at);
+}
+
+constexpr uint32_t kIdBytes = 2;
+
+// N alone tells the forms of the name area apart: with an id, the name's NUL is three bytes from
+// the end. False for a name without one.
+[[nodiscard]] inline bool wireNameAreaRead(const uint8_t* record, WireRecord& out) {
+    const uint32_t areaSize = record[0];
+    if (areaSize >= kIdBytes && record[areaSize - kIdBytes] == 0) {
+        out = {areaSize - kIdBytes, areaSize, loadBe16At(record + areaSize - 1)};
+        return true;
+    }
+    out = {areaSize, areaSize, 0};
+    return record[areaSize] == 0;
+}
+
+// Reads the record at `at`, which is below `end`. Returns where the next one begins, at most `end`;
+// null for a record that is malformed or reaches past the end. Looks at no value.
+[[nodiscard]] inline const uint8_t* wireRecordRead(const uint8_t* at,
+                                                   const uint8_t* end,
+                                                   WireRecord& record) {
+    constexpr uint32_t kTypeAndPrefixBytes = 2;
+    const uint32_t areaSize = at[0];
+    const auto left = static_cast<uint64_t>(end - at);
+    if (areaSize + 1 + kTypeAndPrefixBytes > left) return nullptr;
+    if (!wireNameAreaRead(at, record)) return nullptr;
+
+    ReadCursor value{at + areaSize + 1 + kTypeAndPrefixBytes, end};
+    const uint8_t sizeClass = value.at[-1];
+    uint64_t sizeBytes = sizeClass;
+    if (sizeClass == kSizeClass16) {
+        if (readLeft(value) < 2) return nullptr;
+        sizeBytes = loadBe16At(value.at);
+    } else if (sizeClass == kSizeClass32) {
+        if (readLeft(value) < 4) return nullptr;
+        sizeBytes = loadBe32At(value.at);
+    } else if (sizeClass >= kFirstLongSizeClass) {
+        return nullptr;
+    }
+    return sizeBytes <= readLeft(value) ? value.at + sizeBytes : nullptr;
 }
