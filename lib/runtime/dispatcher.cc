@@ -108,7 +108,8 @@ pelmoStatus dispatchOnce(const Dispatcher* dispatcher) {
 void runDispatcher(void* argument) {
     Held<Dispatcher> self;
     const auto id = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
-    if (self.find(id) != kStatusSuccess) return;
+    if (self.findLocked(id) != kStatusSuccess) return;
+    self.leave();
 
     dispatchSetStopWord(&self->stopTarget);
     pelmoStatus status = kStatusSuccess;
@@ -201,9 +202,8 @@ pelmoStatus pelmoDispatcher_Join(uint32_t dispatcher) {
     traceLine(kTraceDispatch, "pelmoDispatcher_Join(%u)", dispatcher);
     if (!libraryIsOpen()) return kStatusNotInitialized;
     Held<Dispatcher> held;
-    if (held.find(dispatcher) != kStatusSuccess) {
-        return kStatusInvalidDispatcher;
-    }
+    if (held.findLocked(dispatcher) != kStatusSuccess) return kStatusInvalidDispatcher;
+    held.leave();
     return join(held.get());
 }
 

@@ -257,7 +257,12 @@ pelmoStatus Id_Get(uint32_t id, IdType type, IdHeader** out, IdAccess access)
     if (status != kStatusSuccess) return status;
 
     // The table's lock is left by now, as it stands below the object's: meanwhile the object may
-    // have been destroyed, and another have got its id.
+    // have been destroyed, and another have got its id. A look-up without the lock could tell no
+    // more with it: it may be destroyed behind this call just as well.
+    if (access == IdAccess::kUnlocked && !Id_IsInvalid(object)) {
+        *out = object;
+        return kStatusSuccess;
+    }
     Id_Enter(object);
     const bool destroys = access == IdAccess::kDestroy || access == IdAccess::kDestroyLocked;
     if (destroys ? !destroyLocked(object) : Id_IsInvalid(object)) {

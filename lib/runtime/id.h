@@ -87,9 +87,9 @@ void idTablesDestroy();
 // Look-up
 
 enum class IdAccess {
-    kUnlocked,
-    kLocked,   // on return the object's lock is held
-    kDestroy,  // takes id and base reference away: only one of many racing callers succeeds
+    kUnlocked,  // doesn't wait for the holder of the object's lock
+    kLocked,    // on return the object's lock is held
+    kDestroy,   // takes id and base reference away: only one of many racing callers succeeds
     kDestroyLocked,
 };
 

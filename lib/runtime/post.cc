@@ -90,6 +90,23 @@ pelmoStatus postEntryLocked(Queue* queue, Event* event, bool& posted)
     return status;
 }
 
+// Under the queue's lock, which is left and taken again where a limit is met. `posted` tells
+// whether there is a new entry. What a post reads of a timer or IO event never changes, so that
+// their locks aren't needed.
+pelmoStatus postLocked(Held<Queue>& queue, Event* event, bool& posted)
+    PELMO_REQUIRES(queue->header.lock) {
+    if (queueIsFullLocked(queue.get()) && !Id_IsInvalid(&event->header)) {
+        const pelmoStatus status = meetLimit(queue, event);
+        if (status == kStatusQueueLimit) return kStatusSuccess;
+        if (status != kStatusSuccess) return status;
+    }
+    if (event->kind != kEventListener) return postEntryLocked(queue.get(), event, posted);
+    Id_Enter(&event->header);
+    const pelmoStatus status = postEntryLocked(queue.get(), event, posted);
+    Id_Leave(&event->header);
+    return status;
+}
+
 // Tells of new entries whoever may wait for them: the queue's threads, its groups', and a foreign
 // loop by the hook. Gives the queue back.
 void announce(Held<Queue>& queue, uint32_t entries) PELMO_RELEASE(queue->header.lock) {
@@ -133,6 +150,20 @@ bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry)
     return pushLocked(queue.get(), entry.message) == kStatusSuccess;
 }
 
+// Events of one queue.
+void postRun(uint32_t queueId, std::span<Event* const> events) {
+    Held<Queue> queue;
+    if (queue.findLocked(queueId) != kStatusSuccess) return;
+    uint32_t added = 0;
+    for (Event* const event : events) {
+        if (Id_IsInvalid(&queue->header)) break;
+        bool posted = false;
+        (void)postLocked(queue, event, posted);
+        added += posted ? 1 : 0;
+    }
+    if (added != 0) announce(queue, added);
+}
+
 }  // namespace
 
 pelmoStatus Event_Post(Event* event) {
@@ -140,17 +171,22 @@ pelmoStatus Event_Post(Event* event) {
     Held<Queue> queue;
     if (queue.findLocked(event->queueId) != kStatusSuccess) return kStatusInvalidQueue;
 
-    if (queueIsFullLocked(queue.get()) && !Id_IsInvalid(&event->header)) {
-        const pelmoStatus status = meetLimit(queue, event);
-        if (status == kStatusQueueLimit) return kStatusSuccess;
-        if (status != kStatusSuccess) return status;
-    }
     bool posted = false;
-    Id_Enter(&event->header);
-    const pelmoStatus status = postEntryLocked(queue.get(), event, posted);
-    Id_Leave(&event->header);
+    const pelmoStatus status = postLocked(queue, event, posted);
     if (posted) announce(queue, 1);
     return status;
+}
+
+void Event_PostEach(std::span<Event* const> events) {
+    while (!events.empty()) {
+        const uint32_t queueId = events[0]->queueId;
+        size_t run = 1;
+        while (run < events.size() && events[run]->queueId == queueId) {
+            ++run;
+        }
+        postRun(queueId, events.first(run));
+        events = events.subspan(run);
+    }
 }
 
 void Queue_PostBatch(uint32_t queueId, std::span<const PostEntry> entries) {

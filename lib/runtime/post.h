@@ -21,6 +21,10 @@ struct pelmoMsg;
 // refuses is gone; that too is a success, as a poster has no use for it.
 [[nodiscard]] pelmoStatus Event_Post(Event* event);
 
+// The same for each of several in order; those of one queue in a row come to it in one step. Who
+// can't be posted is passed over: nobody is there to hear of it.
+void Event_PostEach(std::span<Event* const> events);
+
 struct PostEntry {
     uint32_t eventId;
     pelmoMsg* message;

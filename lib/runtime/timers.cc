@@ -229,9 +229,9 @@ uint32_t timersFire(uint32_t epoch, double now) {
         LockGuard guard(evmLock);
         if (evmIsAt(epoch)) count = collectLocked(now, batch);
     }
+    // A timer that can't be posted isn't armed again.
+    Event_PostEach({batch, count});
     for (uint32_t i = 0; i < count; ++i) {
-        // A timer that can't be posted isn't armed again: nobody is there to hear of it.
-        (void)Event_Post(batch[i]);
         Id_Release(&batch[i]->header, false);
     }
     return count;
