@@ -1,8 +1,8 @@
 #include "lib/runtime/timers.h"
 
 #include <algorithm>
-#include <random>
-#include <set>
+#include <ranges>
+#include <vector>
 
 #include "tests/runtime/event_stand.h"
 
@@ -14,6 +14,15 @@ struct Timers : testing::Test {
         const uint32_t fires = stand.fire(seconds);
         dispatchAll(stand.queue);
         return fires;
+    }
+
+    // Due so many seconds from the start, and after that not for long.
+    Event* arm(double seconds) {
+        Event* const event = recordOf<Event>(stand.timer(1e9, noteEvent, &fired));
+        EXPECT_EQ(Timer_Remove(event), kStatusSuccess);
+        event->timer.nextExpiry = stand.start + seconds;
+        EXPECT_EQ(Timer_Insert(event), kStatusSuccess);
+        return event;
     }
 
     double expiry(uint32_t timer) const {
@@ -58,38 +67,44 @@ TEST_F(Timers, CatchUpWithAHundredIntervalsAndDropMore) {
     }
 }
 
-// Armed, removed and fired at random, beside an ordered set; equal times go by address.
-TEST_F(Timers, FireInOrderThirtyTwoAtATime) {
-    constexpr uint32_t kTimers = 300;
-    std::mt19937 random(1);
-    std::set<std::pair<double, Event*>> model;
-    std::vector<Event*> timers;
-    for (uint32_t i = 0; i < kTimers; ++i) {
-        timers.push_back(recordOf<Event>(stand.timer(1e9, noteEvent, &fired)));
-        EXPECT_EQ(Timer_Remove(timers.back()), kStatusSuccess);
-        EXPECT_EQ(Timer_Remove(timers.back()), kStatusInvalidArgument);
-    }
-    for (int i = 0; i < 5'000; ++i) {
-        Event* const event = timers[random() % kTimers];
-        if (event->timer.place != 0) {
-            EXPECT_EQ(model.erase({event->timer.nextExpiry, event}), 1u);
-            EXPECT_EQ(Timer_Remove(event), kStatusSuccess);
-        } else {
-            event->timer.nextExpiry = stand.start + static_cast<double>(random() % 50);
-            model.insert({event->timer.nextExpiry, event});
-            EXPECT_EQ(Timer_Insert(event), kStatusSuccess);
+// The heap's places in the order of arming: none comes ahead of the one that it branches off. The
+// last, due at 5, takes the place of whatever is removed: it has to rise from below 100, to stay
+// below 1, and to sink from the root.
+TEST_F(Timers, FireInOrderWhicheverIsRemoved) {
+    constexpr double kDue[] = {0, 100, 1, 2, 3, 101, 102, 103, 104, 5};
+    for (const double removed : kDue) {
+        std::vector<std::pair<double, uint32_t>> expected;
+        Event* out = nullptr;
+        for (const double due : kDue) {
+            Event* const event = arm(due);
+            if (due == removed) {
+                out = event;
+            } else {
+                expected.emplace_back(due, event->header.id);
+            }
         }
+        EXPECT_EQ(Timer_Remove(out), kStatusSuccess);
+        EXPECT_EQ(Timer_Remove(out), kStatusInvalidArgument);
+        std::ranges::sort(expected);
+        fired.clear();
+        EXPECT_EQ(passAt(50) + passAt(1'000), expected.size()) << removed;
+        EXPECT_TRUE(std::ranges::equal(fired, expected | std::views::values)) << removed;
+        for (const auto& [due, timer] : expected)
+            pelmoEvent_DestroyEx(timer, nullptr);
+        pelmoEvent_DestroyEx(out->header.id, nullptr);
     }
-    for (size_t left = model.size(); left != 0;) {
-        const uint32_t fires = stand.fire(50);
-        EXPECT_EQ(fires, std::min<size_t>(left, 32));
-        left -= fires;
-    }
-    EXPECT_EQ(passAt(50), 0u);  // dispatches arm them again, a long time ahead
-    std::vector<uint32_t> expected;
-    for (const auto& [time, event] : model)
-        expected.push_back(event->header.id);
-    EXPECT_EQ(fired, expected);
+}
+
+// Equal times go by address.
+TEST_F(Timers, FireThirtyTwoAtATime) {
+    std::vector<std::pair<double, Event*>> armed;
+    for (uint32_t i = 0; i < 70; ++i)
+        armed.emplace_back(i % 3, arm(i % 3));
+    std::ranges::sort(armed);
+    for (const uint32_t fires : {32u, 32u, 6u, 0u})
+        EXPECT_EQ(passAt(50), fires);
+    EXPECT_TRUE(std::ranges::equal(fired, armed, {}, {},
+                                   [](const auto& timer) { return timer.second->header.id; }));
 }
 
 TEST_F(Timers, OfAnIdleQueueLeaveOneEntry) {
