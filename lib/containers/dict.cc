@@ -65,6 +65,8 @@ template <typename Key>
 void push(Dict<Key>* dict, DictEntry<Key>* entry) {
     DictEntry<Key>** link = placeFor(dict, entry->key);
     entry->next = *link;
+    entry->link = link;
+    if (entry->next != nullptr) entry->next->link = &entry->next;
     *link = entry;
 }
 
@@ -127,6 +129,7 @@ pelmoStatus spread(Dict<Key>* dict) {
             link = &heads[bucket];
         }
         *link = entry;
+        entry->link = link;
         entry->next = nullptr;
         link = &entry->next;
         entry = next;
@@ -201,9 +204,10 @@ pelmoStatus insertNew(Dict<Key>* dict, Key key, void* value) {
     return kStatusSuccess;
 }
 
-// Behind an entry's leaving its chain.
+// Of an entry that nothing in its chain points at any more.
 template <typename Key>
 void release(Dict<Key>* dict, DictEntry<Key>* entry) {
+    if (entry->next != nullptr) entry->next->link = entry->link;
     if (dict->index.slots != nullptr) probeRemove(dict->index, entry, hashOf<Key>);
     --dict->count;
     std::free(entry);
@@ -216,11 +220,7 @@ pelmoStatus remove(Dict<Key>* dict, Key key, void** value) {
     if (entry == nullptr) return kStatusInvalidArgument;
     if (value != nullptr) *value = entry->value;
 
-    DictEntry<Key>** link = &dict->heads[static_cast<uint32_t>(key) & dict->headMask];
-    while (*link != entry) {
-        link = &(*link)->next;
-    }
-    *link = entry->next;
+    *entry->link = entry->next;
     release(dict, entry);
     return kStatusSuccess;
 }

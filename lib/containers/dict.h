@@ -30,6 +30,7 @@
 template <typename Key>
 struct DictEntry {
     DictEntry* next;
+    DictEntry** link;  // what points here, a bucket or an entry: a removal needs no walk
     void* value;
     Key key;
 };

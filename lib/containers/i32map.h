@@ -1,8 +1,10 @@
 // A map from 32-bit keys to 32-bit values that is emptied in constant time: the field index of a
 // message, which is reset with every message that it serves.
 //
-// A chained hash table: the bucket of a key is key & mask, unmixed; the count never exceeds the
-// buckets, the insertion that would doubles them. A node belongs to the map only while its
+// A chained hash table: the bucket of a key is key & mask, without mixing. Keys are field ids of 16
+// bits, which senders count up, so that they spread evenly; ids that are chosen to meet make chains
+// of 256 at most. An insertion that finds no stale node, with as many current ones as buckets,
+// doubles the buckets. A node belongs to the map only while its
 // generation is the map's. Emptying raises that, and leaves the nodes where they are as empty
 // slots, to be overwritten in place. Each chain holds current nodes ahead of stale ones.
 //

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cassert>
 #include <cstdlib>
 #include <utility>
 
@@ -29,10 +28,12 @@ ProbeSeed drawSeed() {
     return seed;
 }
 
+bool fitsSlot(const void* entry) {
+    return uint64_t{reinterpret_cast<uintptr_t>(entry)} >> kProbeAddressBits == 0;
+}
+
 uint64_t slotOf(const void* entry, uint32_t hash) {
-    const auto address = reinterpret_cast<uintptr_t>(entry);
-    assert(address >> kProbeAddressBits == 0);
-    return uint64_t{hash >> 16} << kProbeAddressBits | address;
+    return uint64_t{hash >> 16} << kProbeAddressBits | reinterpret_cast<uintptr_t>(entry);
 }
 
 void place(ProbeIndex& index, const void* entry, uint32_t hash) {
@@ -80,7 +81,7 @@ bool probeReserve(ProbeIndex& index, uint32_t count, ProbeHashOf hashOf) {
 }
 
 bool probeInsert(ProbeIndex& index, void* entry, ProbeHashOf hashOf) {
-    if (!probeReserve(index, index.count + 1, hashOf)) return false;
+    if (!fitsSlot(entry) || !probeReserve(index, index.count + 1, hashOf)) return false;
     place(index, entry, hashOf(entry));
     ++index.count;
     return true;

@@ -13,7 +13,8 @@
 // Ownership: an index owns its slots, never the entries. It is usable zeroed, and costs nothing
 // until the first insertion.
 //
-// Failure: an insertion that memory fails gives false and leaves the index as it was.
+// Failure: an insertion that memory fails, or of an entry at an address that no slot can hold,
+// gives false and leaves the index as it was.
 //
 // Threads: no lock; the owner serialises changes.
 

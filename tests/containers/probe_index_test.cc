@@ -30,6 +30,8 @@ TEST(ProbeIndex, FindsAllThroughRunsThatWrap) {
         item = {0xfffffffa + static_cast<uint32_t>(random() % 12), false};
     }
     ProbeIndex index = {};
+    auto* beyond = reinterpret_cast<Item*>(uintptr_t{1} << kProbeAddressBits);
+    EXPECT_FALSE(probeInsert(index, beyond, hashOf));
     for (int step = 0; step < 20000; ++step) {
         Item& item = items[random() % items.size()];
         if (item.held) {
