@@ -26,7 +26,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "lib/base/status.h"
 #include "lib/msg/envelope.h"
@@ -99,11 +98,6 @@ constexpr uint8_t kMtypeRecord[] = {6, 'm', 't', 'y', 'p', 'e', 0, FIELD_STRING,
 constexpr uint8_t kDataHead[] = {5, 'd', 'a', 't', 'a', 0, FIELD_MSG, kSizeClass32};
 
 constexpr const char* kDataName = "data";
-
-struct ReleaseMessage {
-    void operator()(pelmoMsg* msg) const { msgRelease(msg); }
-};
-using HeldMessage = std::unique_ptr<pelmoMsg, ReleaseMessage>;
 
 // What the envelope's fields tell, as the message keeps it.
 struct EnvelopeView {

@@ -4,6 +4,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/containers/dpa.h"
+#include "lib/containers/entry_ring.h"
 #include "lib/containers/i32map.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_internal.h"
@@ -298,6 +299,14 @@ void msgRelease(pelmoMsg* msg) {
         lineUpNested(first, line);
         freeMessage(first);
     }
+}
+
+void msgReleaseRing(EntryRing* ring) {
+    if (ring == nullptr) return;
+    while (void* message = EntryRing_PopFront(ring)) {
+        msgRelease(static_cast<pelmoMsg*>(message));
+    }
+    EntryRing_Destroy(ring);
 }
 
 void msgSetOwned(pelmoMsg* msg) {

@@ -6,20 +6,20 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "lib/base/status.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/codec.h"
 #include "lib/msg/field.h"
 #include "lib/msg/message.h"
+#include "lib/msg/wire.h"
 
 struct Dpa;
 struct EntryRing;
 struct I32Map;
 
-constexpr uint32_t kMessageMagic = 0x9955eeaa;
 constexpr uint32_t kMessageDead = 0xeeeeeeee;
-constexpr uint32_t kMessageHeadBytes = 8;  // length, magic
 constexpr uint32_t kMessageDefaultBytes = 64;
 constexpr uint32_t kMessageLeastBytes = 32;
 constexpr uint32_t kInlineIndexEntries = 16;
@@ -104,6 +104,16 @@ void msgPoolDestroy();
 
 void msgRetain(pelmoMsg* msg);
 void msgRelease(pelmoMsg* msg);  // null is ignored; a dead message isn't
+
+// A reference that ends with its scope.
+struct MessageRelease {
+    void operator()(pelmoMsg* msg) const { msgRelease(msg); }
+};
+using HeldMessage = std::unique_ptr<pelmoMsg, MessageRelease>;
+
+// Ends a ring of messages, which has one reference to each; null is ignored.
+void msgReleaseRing(EntryRing* ring);
+
 void msgSetOwned(pelmoMsg* msg);
 void msgClearOwned(pelmoMsg* msg);
 

@@ -21,6 +21,10 @@
 #include "lib/base/status.h"
 #include "lib/msg/codec.h"
 
+constexpr uint32_t kMessageMagic = 0x9955eeaa;
+constexpr uint32_t kMessageHeadBytes = 8;  // length, magic
+constexpr uint32_t kMessageMagicOffset = 4;
+
 constexpr uint8_t kFirstLongSizeClass = 120;
 constexpr uint8_t kSizeClass16 = 121;
 constexpr uint8_t kSizeClass32 = 122;

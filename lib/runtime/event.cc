@@ -14,12 +14,7 @@ namespace {
 void eventDestruct(IdHeader* object) {
     auto* const event = reinterpret_cast<Event*>(object);
     ListenerPart& listener = event->listener;
-    if (listener.inbox != nullptr) {
-        while (void* const message = EntryRing_PopFront(listener.inbox)) {
-            msgRelease(static_cast<pelmoMsg*>(message));
-        }
-        EntryRing_Destroy(listener.inbox);
-    }
+    msgReleaseRing(listener.inbox);
     std::free(listener.subject);
     if (event->queue != nullptr) Id_Release(&event->queue->header, false);
     std::free(event);

@@ -13,18 +13,11 @@ namespace {
 constexpr uint32_t kRingCapacity = 8;
 constexpr uint32_t kFirstPriority = 1;
 
-void releaseEntries(EntryRing* ring) {
-    if (ring == nullptr) return;
-    while (void* entry = EntryRing_PopFront(ring))
-        msgRelease(static_cast<pelmoMsg*>(entry));
-    EntryRing_Destroy(ring);
-}
-
 // Nobody else knows the queue any more, so that no lock is needed.
 void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     auto* queue = reinterpret_cast<Queue*>(object);
-    releaseEntries(queue->ready);
-    releaseEntries(queue->pending);
+    msgReleaseRing(queue->ready);
+    msgReleaseRing(queue->pending);
     dpaDestroy(queue->groups);
     Cond_Destroy(&queue->cond);
     Lock_Destroy(&queue->dataLock);

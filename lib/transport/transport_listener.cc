@@ -81,10 +81,7 @@ void listenerCutOff(Event* event) {
     event->listener.inbox = nullptr;
     event->listener.transportId.store(kNoId, std::memory_order_relaxed);
     Id_Leave(&event->header);
-    while (inbox != nullptr && inbox->count != 0) {
-        msgRelease(static_cast<pelmoMsg*>(EntryRing_PopFront(inbox)));
-    }
-    EntryRing_Destroy(inbox);
+    msgReleaseRing(inbox);
 }
 
 pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request) {

@@ -14,11 +14,6 @@
 
 namespace {
 
-struct ReleaseMessage {
-    void operator()(pelmoMsg* message) const { msgRelease(message); }
-};
-using HeldMessage = std::unique_ptr<pelmoMsg, ReleaseMessage>;
-
 // All of the text, of at most so many digits.
 bool parseHex(const char* text, size_t mostDigits, uint32_t& number) {
     const std::string_view digits(text);

@@ -5,6 +5,7 @@
 #include "lib/base/bytes.h"
 #include "lib/base/log.h"
 #include "lib/containers/subject.h"
+#include "lib/msg/wire.h"
 #include "trace/counts/charge.h"
 #include "trace/counts/host_status.h"
 #include "trace/packets/address.h"
@@ -12,15 +13,6 @@
 #include "trace/settings.h"
 
 namespace {
-
-constexpr uint32_t kMessageMagic = 0x9955eeaa;
-constexpr size_t kMessageHeadBytes = 8;
-constexpr size_t kMagicOffset = 4;
-
-constexpr uint8_t kFieldTypeSubject = 2;
-constexpr uint8_t kFirstLongClass = 120;
-constexpr uint8_t kSizeClass16 = 121;
-constexpr uint8_t kSizeClass32 = 122;
 
 constexpr uint8_t kSubjectName[] = {'s', 'u', 'b', 0};
 
@@ -69,7 +61,7 @@ Walk readField(const ScanSource& source, std::span<const uint8_t> left, Field& f
     const size_t dataOffset = typeOffset + 2;
     const Cursor data{left.subspan(dataOffset)};
     field.data = data.left.data();
-    if (field.sizeClass < kFirstLongClass) {
+    if (field.sizeClass < kFirstLongSizeClass) {
         field.dataBytes = field.sizeClass;
     } else if (field.sizeClass == kSizeClass16) {
         if (!cursorHolds(data, 0, 2)) return shortfall(source);
@@ -105,7 +97,7 @@ Walk walkFields(const ScanSource& source, const Message& message) {
         Field field{};
         Walk walk = readField(source, left, field);
         if (walk != Walk::kGoOn) return walk;
-        if (field.type == kFieldTypeSubject && field.namedSub) {
+        if (field.type == FIELD_SUBJECT && field.namedSub) {
             walk = chargeSubject(source, message, field);
             if (walk != Walk::kGoOn) return walk;
         }
@@ -121,7 +113,8 @@ Walk openMessage(const ScanSource& source, std::span<const uint8_t> left, Messag
         complain(source.srcIp, "OSKA payload too small to contain message");
         return Walk::kFault;
     }
-    if (loadBe32(head, kMagicOffset) != kMessageMagic) return messageFault(source, "bad magic");
+    if (loadBe32(head, kMessageMagicOffset) != kMessageMagic)
+        return messageFault(source, "bad magic");
 
     message = {left.data(), loadBe32(head, 0), left.size()};
     if (message.declaredBytes < kMessageHeadBytes) {
