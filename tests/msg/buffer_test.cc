@@ -120,6 +120,20 @@ TEST_P(Buffers, GrowAndShrinkWithTheirBytes) {
     }
 }
 
+TEST_P(Buffers, KeepASmallBlockForTheNext) {
+    if (privatePool == nullptr) return;
+    const FailAlloc count{.after = kNeverFails};
+    hold(bufferCreate(200));
+    const size_t before = allocationsCounted();
+    const Held buffer = hold(bufferCreate(64));
+    fill(buffer);
+    ASSERT_EQ(bufferGrow(buffer.get(), 192), kStatusSuccess);
+    EXPECT_TRUE(isFilled(buffer, 64));
+    EXPECT_EQ(allocationsCounted(), before);
+    ASSERT_EQ(bufferGrow(buffer.get(), 1), kStatusSuccess);
+    EXPECT_EQ(allocationsCounted(), before + 1);
+}
+
 // Each buffer has two holders, who let go of it at about the same time.
 TEST_P(Buffers, GoWithTheLastHolderOnWhateverThread) {
     std::vector<Buffer*> shared(2000);
