@@ -23,7 +23,7 @@ struct Slot {
 };
 
 struct ArmedTimers {
-    Slot* slots;  // a heap of kArms branches: no slot comes after those that branch off it
+    Slot* slots;  // a heap of kChildren: no slot comes after its children
     uint32_t count;
     uint32_t capacity;
     bool waiting;  // the timer thread sits in its wait
@@ -32,8 +32,8 @@ struct ArmedTimers {
 
 constinit ArmedTimers armed PELMO_GUARDED_BY(evmLock) = {};
 
-// Four branches: half the depth of two, and the slots compared with each other lie side by side.
-constexpr uint32_t kArms = 4;
+// Four children of each slot: half the depth of two, and those compared lie side by side.
+constexpr uint32_t kChildren = 4;
 
 bool comesFirst(const Slot& a, const Slot& b) {
     return a.expiry < b.expiry || (a.expiry == b.expiry && a.event < b.event);
@@ -44,25 +44,25 @@ void putLocked(uint32_t index, const Slot& slot) PELMO_REQUIRES(evmLock) {
     slot.event->timer.place = index + 1;
 }
 
-// The slot at `index` is free: finds where `slot` goes on the way to the root.
-void raiseLocked(uint32_t index, const Slot& slot) PELMO_REQUIRES(evmLock) {
+// The slot at `index` is free: moves parents down into it until `slot` may stand there.
+void siftUpLocked(uint32_t index, const Slot& slot) PELMO_REQUIRES(evmLock) {
     while (index > 0) {
-        const uint32_t above = (index - 1) / kArms;
-        if (!comesFirst(slot, armed.slots[above])) break;
-        putLocked(index, armed.slots[above]);
-        index = above;
+        const uint32_t parent = (index - 1) / kChildren;
+        if (!comesFirst(slot, armed.slots[parent])) break;
+        putLocked(index, armed.slots[parent]);
+        index = parent;
     }
     putLocked(index, slot);
 }
 
-// The same, away from the root.
-void lowerLocked(uint32_t index, const Slot& slot) PELMO_REQUIRES(evmLock) {
+// The same with children that move up.
+void siftDownLocked(uint32_t index, const Slot& slot) PELMO_REQUIRES(evmLock) {
     for (;;) {
-        const uint32_t first = index * kArms + 1;
+        const uint32_t first = index * kChildren + 1;
         if (first >= armed.count) break;
-        const Slot* const branches = armed.slots + first;
-        const Slot* const soonest =
-            std::min_element(branches, branches + std::min(kArms, armed.count - first), comesFirst);
+        const Slot* const children = armed.slots + first;
+        const Slot* const soonest = std::min_element(
+            children, children + std::min(kChildren, armed.count - first), comesFirst);
         if (!comesFirst(*soonest, slot)) break;
         const auto next = static_cast<uint32_t>(soonest - armed.slots);
         putLocked(index, *soonest);
@@ -88,10 +88,10 @@ void takeOutLocked(Event* event) PELMO_REQUIRES(evmLock) {
     event->timer.place = 0;
     const Slot last = armed.slots[--armed.count];
     if (last.event == event) return;
-    if (index > 0 && comesFirst(last, armed.slots[(index - 1) / kArms])) {
-        raiseLocked(index, last);
+    if (index > 0 && comesFirst(last, armed.slots[(index - 1) / kChildren])) {
+        siftUpLocked(index, last);
     } else {
-        lowerLocked(index, last);
+        siftDownLocked(index, last);
     }
 }
 
@@ -103,7 +103,7 @@ pelmoStatus insertLocked(Event* event) PELMO_REQUIRES(evmLock) {
     if (event->timer.place != 0) return kStatusSuccess;
     if (!makeRoomLocked()) return kStatusNoMemory;
 
-    raiseLocked(armed.count++, {event->timer.nextExpiry, event});
+    siftUpLocked(armed.count++, {event->timer.nextExpiry, event});
     Id_AddRef(&event->header);
     if (event->timer.place == 1) timersWakeLocked();
     return kStatusSuccess;

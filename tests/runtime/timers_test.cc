@@ -67,9 +67,9 @@ TEST_F(Timers, CatchUpWithAHundredIntervalsAndDropMore) {
     }
 }
 
-// The heap's places in the order of arming: none comes ahead of the one that it branches off. The
-// last, due at 5, takes the place of whatever is removed: it has to rise from below 100, to stay
-// below 1, and to sink from the root.
+// The slots of the heap in the order of arming: none comes ahead of its parent. The last, due at 5,
+// takes the slot of whatever is removed: it has to be sifted up from below 100, to stay below 1,
+// and to be sifted down from the root.
 TEST_F(Timers, FireInOrderWhicheverIsRemoved) {
     constexpr double kDue[] = {0, 100, 1, 2, 3, 101, 102, 103, 104, 5};
     for (const double removed : kDue) {
