@@ -2,19 +2,19 @@
 // code, so that the message object knows nothing of types.
 //
 // The tables are filled at build time for the library's types; the application adds rows from 128
-// up with pelmoMsg_SetHandlers, before messages flow. Read from any thread, without a lock.
+// up with pelmoMsg_SetHandlers, before messages flow. Any thread reads them, without a lock.
 //
-// Encoder: writes the size prefix and the value from `at` on, never past `end`, and leaves `at`
-// behind them. May overwrite the type byte, at[-1]; folded types do. kStatusNoMemory means that the
-// room is too small: the object makes more and asks again from the same place.
+// An encoder writes the size prefix and the value from `at` on, never past `end`, and leaves `at`
+// behind them. It may overwrite the type byte, at[-1]; those of folded types do. kStatusNoMemory
+// means that the room is too small: the object makes more and asks again from the same place.
 //
-// Decoder: stands on the first prefix byte. Fills size, count, data, folds the type back to the
-// application's, and tells with the disposition who owns the data. It reads nothing past `end`,
+// A decoder begins at the first prefix byte. It fills size, count and data, folds the type back to
+// the application's, and tells with the disposition who owns the data. It reads nothing past `end`,
 // which is the end of the field's record. kStatusCorruptMessage for a value that is malformed,
 // kStatusInvalidSize for a width or prefix that doesn't fit, kStatusNoMemory.
 //
-// Converter: rewrites the field to hold the value as another type. kStatusConversionFailed where
-// there is no way.
+// A converter rewrites the field to hold the value as another type. It gives
+// kStatusConversionFailed where there is no conversion between the two.
 
 #pragma once
 

@@ -11,9 +11,9 @@
 //     pelmoMsg_Destroy(msg);
 //
 // Whoever builds messages at a rate keeps one and empties it by pelmoMsg_Reset: object, buffer,
-// index and id map stay, and in the steady state a build takes nothing from the heap. A new message
-// costs its buffer's bytes; one made by pelmoMsg_CreateEx with room for all its fields costs only
-// them.
+// index and id map stay, and in the steady state a build takes nothing from the heap. Neither does
+// a new message whose image has at most 256 bytes; for a longer one pelmoMsg_CreateEx with room for
+// all its fields takes one block of the heap and grows no more.
 //
 // Ownership: all that a read hands out belongs to the message: the name, text and bytes that point
 // into its image, decoded arrays, nested messages. It stays good until the message is destroyed or

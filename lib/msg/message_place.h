@@ -1,5 +1,5 @@
-// The short roads of additions and reads, inlined into each typed call: what senders build for
-// every tick are a few numbers, times and short texts. Sources of the message object alone include
+// The fast paths of additions and reads, inlined into each typed call: a few numbers, times and
+// short texts are what senders build for every tick. Sources of the message object alone include
 // this.
 
 #pragma once
@@ -18,8 +18,8 @@ constexpr uint32_t kMaxNameSize = kMaxNameChars + 1;
     return name != nullptr ? static_cast<uint32_t>(strnlen(name, kMaxNameSize)) + 1 : 0;
 }
 
-// Names and short values: a call of memcpy takes longer than their bytes. Whole words, the last of
-// which may lie over the one ahead of it.
+// Names and short values are copied by words, since a call of memcpy takes longer than their bytes.
+// The last word may overlap the one ahead of it.
 template <typename Word>
 inline void copyByWords(uint8_t* to, const uint8_t* from, uint32_t sizeBytes) {
     const uint32_t lastWord = sizeBytes - static_cast<uint32_t>(sizeof(Word));
@@ -63,7 +63,7 @@ constexpr uint32_t kShortHeadBytes = 3;
     return sameWord(lastWord);
 }
 
-// A call that is to be traced goes the long road, where the line stands.
+// A call that is to be traced takes the slow path, which writes the line.
 [[nodiscard]] inline bool additionIsPlain(const pelmoMsg* msg) {
     return msgIsValid(msg) && msg->indexValid != 0 && msg->fieldCount < msg->indexCapacity &&
            msg->bufferRefs == 0 && !bufferIsShared(msg->buffer) && !traceWants(kTraceMsgDetail);

@@ -36,7 +36,7 @@ pelmoStatus writeScalar(FieldWriter write,
     return write(msg, &field);
 }
 
-// The common road is short: no record for the generic call, no encoder by table.
+// The fast path needs no record for the generic call, and no encoder by table.
 template <uint8_t kType, typename Value>
 pelmoStatus addScalar(pelmoMsg* msg,
                       const char* name,

@@ -116,7 +116,7 @@ void poolFreeBlocks(ChunkPool* pool) PELMO_EXCLUDES(pool->lock);
 void poolReclaimTick(ChunkPool* pool) PELMO_EXCLUDES(pool->lock);
 void poolDumpLocked(const ChunkPool* pool) PELMO_REQUIRES(poolManager.lock, pool->lock);
 
-// Lives
+// Lifetime
 
 // Null where no pool has that id.
 [[nodiscard]] ChunkPool* poolRetain(uint32_t id) PELMO_EXCLUDES(poolManager.lock);

@@ -153,7 +153,7 @@ TEST(Message, AnswersACorruptImageAgainAndAgain) {
 
 // At every length of name and value and every distance to the end of the room, twice around the
 // index that lies in the object: a typed call and a generic one leave the same behind.
-TEST(Message, TakesAValueByTheShortRoadAsByTheLong) {
+TEST(Message, TakesAValueByTheFastPathAsByTheSlow) {
     for (uint32_t chars = 0; chars <= kMaxNameChars + 1; ++chars) {
         const std::string text(chars, 'n');
         const char* name = chars % 16 == 15 ? nullptr : text.c_str();
