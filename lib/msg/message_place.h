@@ -72,17 +72,17 @@ constexpr uint32_t kShortHeadBytes = 3;
 // Begins the record of a value that a size byte of its own can tell, in the common case: no id, an
 // index that stands and has room, an image that is the message's alone. Name, size byte and index
 // entry are there afterwards; returns the place of the type byte, with that of the value two bytes
-// behind it. Null, and nothing added, where only pelmoMsg_AddField can tell what becomes of it.
-[[nodiscard, gnu::always_inline]] inline uint8_t* msgPlaceShort(pelmoMsg* msg,
-                                                                const char* name,
-                                                                uint16_t id,
-                                                                uint64_t valueBytes) {
+// behind it. Null, and nothing added, where only pelmoMsg_AddField can tell what becomes of it. The
+// image grows where pelmoMsg_AddField would, by the size that the field's record has there.
+[[nodiscard, gnu::always_inline]] inline uint8_t* msgPlaceShort(
+    pelmoMsg* msg, const char* name, uint16_t id, uint64_t valueBytes, uint64_t fieldBytes) {
     if (!additionIsPlain(msg) || id != 0 || valueBytes >= kFirst16BitSize) return nullptr;
     const uint32_t nameSize = fieldNameSize(name);
     const uint32_t recordBytes = nameSize + kShortHeadBytes + static_cast<uint32_t>(valueBytes);
     if (nameSize > kMaxNameSize) return nullptr;
-    if (recordBytes >= msg->capacity - msg->length) [[unlikely]] {
-        if (msgReserve(msg, recordBytes) != kStatusSuccess) return nullptr;
+    const uint64_t need = nameSize + kShortHeadBytes + fieldBytes;
+    if (need >= msg->capacity - msg->length) [[unlikely]] {
+        if (msgReserve(msg, need) != kStatusSuccess) return nullptr;
     }
 
     uint8_t* record = msgImage(msg) + msg->length;

@@ -44,7 +44,7 @@ pelmoStatus addScalar(pelmoMsg* msg,
                       Value FieldData::*member,
                       uint32_t size,
                       uint16_t id) {
-    uint8_t* type = msgPlaceShort(msg, name, id, kScalarBytes<kType, Value>);
+    uint8_t* type = msgPlaceShort(msg, name, id, kScalarBytes<kType, Value>, size);
     if (type == nullptr) {
         return writeScalar(pelmoMsg_AddField, msg, name, value, member, {kType, size}, id);
     }
@@ -288,7 +288,8 @@ pelmoStatus addDateTime(pelmoMsg* msg,
                         const pelmoMsgDateTime* value,
                         uint16_t id) {
     const bool fits = value != nullptr && dateTimeFits(*value);
-    uint8_t* type = fits ? msgPlaceShort(msg, name, id, kDateTimeWireBytes) : nullptr;
+    uint8_t* type =
+        fits ? msgPlaceShort(msg, name, id, kDateTimeWireBytes, kDateTimeFieldBytes) : nullptr;
     if (type == nullptr) return writeDateTime<pelmoMsg_AddField>(msg, name, value, id);
     *type = FIELD_DATETIME;
     storeDateTime(type + 2, *value);
@@ -299,7 +300,7 @@ pelmoStatus addDateTime(pelmoMsg* msg,
 pelmoStatus addBytes(
     pelmoMsg* msg, const char* name, const void* data, FieldKind kind, uint16_t id) {
     const bool told = data != nullptr && kind.size != 0;
-    uint8_t* type = told ? msgPlaceShort(msg, name, id, kind.size) : nullptr;
+    uint8_t* type = told ? msgPlaceShort(msg, name, id, kind.size, kind.size) : nullptr;
     if (type == nullptr) return writePointer(pelmoMsg_AddField, msg, name, data, 1, kind, id);
     *type = kind.type;
     copyShort(type + 2, data, kind.size);
