@@ -1,12 +1,11 @@
-// Any bytes as a row of packed subjects: those that pass the structure test go through the codec, a
-// subject list and a subject map, and come back from all three as they went in.
+// Any bytes as a row of packed subjects: those that pass the structure test go through the codec
+// and a subject list, and come back from both as they went in.
 
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "lib/containers/subject.h"
-#include "lib/containers/subject_map.h"
 #include "lib/containers/sublist.h"
 
 namespace {
@@ -14,13 +13,6 @@ namespace {
 void require(bool holds) {
     if (!holds) std::abort();
 }
-
-// What is under test, and what it has to hold.
-struct Bench {
-    LinePool pool{};
-    SubjectMap map{};
-    SubjectList* list = sublistCreate();
-};
 
 bool sameSubject(const uint8_t* left, const uint8_t* right) {
     const size_t length = subjectLength(left);
@@ -56,55 +48,24 @@ void checkCopy(const uint8_t* subject) {
     require(subjectElement(subject, count + 1) == nullptr);
 }
 
-void enterMap(Bench& bench, const uint8_t* subject) {
-    const size_t length = subjectLength(subject);
-    const uint32_t hash = subjectHash(subject);
-    const uint8_t* held = subjectMapFind(bench.map, subject, length, hash);
-    if (held != nullptr) return require(sameSubject(held + bench.map.headBytes, subject));
-    require(subjectMapReserve(bench.map));
-    const uint8_t* record = subjectMapAdd(bench.map, subject, hash);
-    require(record != nullptr && sameSubject(record + bench.map.headBytes, subject));
-    require(subjectMapFind(bench.map, subject, length, hash) == record);
-}
-
-void enterList(Bench& bench, const uint8_t* subject) {
+void enterList(SubjectList* list, const uint8_t* subject) {
     if (subjectElementCount(subject) == 0) return;
     SubjectNode* node = nullptr;
-    require(sublistAdd(bench.list, subject, &bench, &node));
+    require(sublistAdd(list, subject, list, &node));
     uint8_t rebuilt[kSubjectMaxBytes + 1];
     require(sublistNodeSubject(node, rebuilt, sizeof rebuilt));
     require(sameSubject(rebuilt, subject));
-    require(dpaIndexOf(sublistFind(bench.list, subject), &bench) >= 0);
-    const Dpa* matches = sublistMatch(bench.list, subject);
+    require(dpaIndexOf(sublistFind(list, subject), list) >= 0);
+    const Dpa* matches = sublistMatch(list, subject);
     if (!subjectHasWildcard(subject)) require(matches != nullptr);
 }
 
 // A subject from outside lies in a block of its own length, so that a read too far is seen.
-void trySubject(Bench& bench, const uint8_t* bytes, size_t length) {
-    std::vector<uint8_t> subject(bytes, bytes + length);
+void trySubject(SubjectList* list, const std::vector<uint8_t>& subject) {
     if (!subjectIsValid(subject.data())) return;
     checkText(subject.data());
     checkCopy(subject.data());
-    enterMap(bench, subject.data());
-    enterList(bench, subject.data());
-}
-
-// Everything goes; what is left is empty.
-void takeDown(Bench& bench) {
-    while (bench.map.count != 0) {
-        const uint32_t last = bench.map.count - 1;
-        const uint8_t* subject = subjectMapAt(bench.map, last) + bench.map.headBytes;
-        if (subjectElementCount(subject) != 0) {
-            require(sublistRemove(bench.list, subject, nullptr, nullptr) > 0);
-        }
-        subjectMapRemove(bench.map, last);
-    }
-    require(bench.list->valueCount == 0);
-    require(bench.list->root->table->count == 0);
-    require(sublistAll(bench.list) == nullptr);
-    subjectMapClear(bench.map);
-    linePoolClear(bench.pool);
-    sublistDestroy(bench.list);
+    enterList(list, subject.data());
 }
 
 }  // namespace
@@ -112,15 +73,23 @@ void takeDown(Bench& bench) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Bench bench;
-    bench.map.pool = &bench.pool;
+    std::vector<std::vector<uint8_t>> subjects;
     while (size >= kSubjectHeadBytes) {
         const size_t declared = subjectLength(data);
         const size_t length = declared < kSubjectHeadBytes || declared > size ? 2 : declared;
-        if (length == declared) trySubject(bench, data, length);
+        if (length == declared) subjects.emplace_back(data, data + length);
         data += length;
         size -= length;
     }
-    takeDown(bench);
+    SubjectList* list = sublistCreate();
+    for (const auto& subject : subjects) {
+        trySubject(list, subject);
+    }
+    for (const auto& subject : subjects) {
+        if (!subjectIsValid(subject.data()) || subjectElementCount(subject.data()) == 0) continue;
+        sublistRemove(list, subject.data(), nullptr, nullptr);
+    }
+    require(list->valueCount == 0 && list->root->table->count == 0 && sublistAll(list) == nullptr);
+    sublistDestroy(list);
     return 0;
 }

@@ -8,6 +8,7 @@
 
 #include "lib/base/bytes.h"
 #include "lib/msg/codec_internal.h"
+#include "lib/msg/text.h"
 #include "tests/support/codec_run.h"
 
 namespace {
@@ -113,7 +114,6 @@ TEST(Codec, WritesAndReadsKnownBytes) {
         expectBothWays(*value, all[0], Bytes(all.begin() + 1, all.end()));
     }
     for (const SharedValue& value : edgeValues()) {
-        if (value->type == FIELD_XML) continue;  // its stream is the compressor's
         const Bytes record = recordOf(nullptr, 0, *value);
         expectBothWays(*value, record[1], wireBytes(*value));
     }
@@ -227,20 +227,49 @@ TEST(Codec, ReadsOddValuesAsFarAsTheyGo) {
               1);
 }
 
-TEST(Codec, TakesRowsOfTheApplicationFrom128) {
-    const auto decoder = fieldDecoders[FIELD_NONE];
-    const auto before = fieldEncoders[127];
-    EXPECT_EQ(pelmoMsg_SetHandlers(127, nullptr, decoder, nullptr), kStatusReservedHandler);
+pelmoStatus becomeUnterminated(pelmoMsgField& field, uint8_t, Disposition& disposition) {
+    void* block = std::malloc(3);
+    if (block == nullptr) return kStatusNoMemory;
+    std::memcpy(block, "abc", 3);
+    field.type = FIELD_STRING;
+    field.size = 3;
+    field.data.pointer = block;
+    disposition = kDataOwnedBlock;
+    return kStatusSuccess;
+}
+
+// A text that a converter of the application leaves without its NUL is shown as far as it goes.
+TEST(Codec, AsksTheApplicationForItsTypesFrom128) {
+    const FieldDecoder decode = fieldDecoders[FIELD_OPAQUE];
+    EXPECT_EQ(pelmoMsg_SetHandlers(127, nullptr, decode, nullptr), kStatusReservedHandler);
     EXPECT_EQ(pelmoMsg_SetOpaqueHandlers(127), kStatusReservedHandler);
-    EXPECT_EQ(fieldEncoders[127], before);
+    EXPECT_EQ(fieldEncoders[127], nullptr);
+    const SharedValue bytes = blockValue(FIELD_OPAQUE, {1, 2, 3});
+    const struct {
+        const char* text;
+        FieldDecoder decoder;
+        FieldConverter converter;
+    } cases[] = {
+        {"{NULL=abc}", decode, becomeUnterminated},
+        {"{NULL=[NO CONVERTER AVAILABLE]}", decode, fieldConverters[FIELD_I32ARRAY]},
+        {"{NULL=[NO CONVERTER AVAILABLE]}", decode, nullptr},
+        {"{NULL=[NO DECODER AVAILABLE]}", nullptr, nullptr},
+    };
     for (const uint8_t type : Bytes{128, 255}) {
-        EXPECT_EQ(pelmoMsg_SetHandlers(type, nullptr, decoder, nullptr), kStatusSuccess);
-        EXPECT_EQ(fieldDecoders[type], decoder);
-        EXPECT_EQ(pelmoMsg_SetOpaqueHandlers(type), kStatusSuccess);
-        EXPECT_EQ(fieldEncoders[type], fieldEncoders[FIELD_OPAQUE]);
-        EXPECT_EQ(fieldConverters[type], fieldConverters[FIELD_OPAQUE]);
-        EXPECT_EQ(pelmoMsg_SetHandlers(type, nullptr, nullptr, nullptr), kStatusSuccess);
-        EXPECT_EQ(fieldDecoders[type], nullptr);
+        const Message msg = newMessage();
+        ASSERT_EQ(pelmoMsg_SetOpaqueHandlers(type), kStatusSuccess);
+        pelmoMsgField field = bytes->field();
+        field.type = type;
+        ASSERT_EQ(pelmoMsg_AddField(msg.get(), &field), kStatusSuccess);
+        const char* shown = nullptr;
+        ASSERT_EQ(pelmoMsg_ConvertToString(msg.get(), &shown), kStatusSuccess);
+        EXPECT_STREQ(shown, "{NULL=[3 opaque bytes]}");
+        for (const auto& [text, decoder, converter] : cases) {
+            ASSERT_EQ(pelmoMsg_SetHandlers(type, nullptr, decoder, converter), kStatusSuccess);
+            ASSERT_EQ(pelmoMsg_ConvertToString(msg.get(), &shown), kStatusSuccess);
+            EXPECT_STREQ(shown, text);
+        }
+        EXPECT_EQ(fieldEncoders[type], nullptr);
     }
 }
 

@@ -56,7 +56,7 @@ TEST(Envelope, IsLaidDownToTheByte) {
 struct Opened {
     pelmoStatus status = kStatusSuccess;
     uint32_t flags = 0;
-    std::string shown = "{n=7}";
+    std::string shown = "{n=7}";  // where it opens
     std::string send = kNotFound, reply = kNotFound;
     std::optional<uint16_t> port = std::nullopt;
     std::optional<Bytes> after = std::nullopt;  // the image, where it has changed
@@ -71,26 +71,46 @@ void PrintTo(const Opened& opened, std::ostream* stream) {
 }
 
 Opened open(const Bytes& image) {
-    const Message msg = messageFrom(image);
+    const Message other = messageFrom(image);
+    pelmoMsg* msg = nullptr;
+    EXPECT_EQ(msgCreateOverBuffer(&msg, other->buffer, 0), kStatusSuccess);
+    const Message held(msg);
     Opened opened;
-    opened.status = msgOpenEnvelope(msg.get());
+    opened.status = msgOpenEnvelope(msg);
+    EXPECT_EQ(msgOpenEnvelope(msg), opened.status);
     EXPECT_EQ(msg->dataOffset == 0, opened.status != kStatusSuccess || image.size() == 8);
     // Opening keeps nothing of what it had to read.
     EXPECT_EQ(msg->bufferRefs, 0u);
     EXPECT_EQ(msg->ownedBlocks, nullptr);
     EXPECT_EQ(msg->heldBuffers, nullptr);
     opened.flags = msg->envelopeFlags;
-    opened.shown = textOf(msg.get());
-    opened.send = sendSubjectOf(msg.get());
-    opened.reply = replySubjectOf(msg.get());
+    opened.send = sendSubjectOf(msg);
+    opened.reply = replySubjectOf(msg);
     uint16_t port = 0;
-    if (pelmoMsg_GetSource(msg.get(), &port) == kStatusSuccess) opened.port = port;
-    if (wireOf(msg.get()) != image) opened.after = wireOf(msg.get());
+    if (pelmoMsg_GetSource(msg, &port) == kStatusSuccess) opened.port = port;
+    if (wireOf(msg) != image) opened.after = wireOf(msg);
+    EXPECT_EQ(msg->buffer != other->buffer, opened.after.has_value());
+    if (opened.status != kStatusSuccess) return opened;
+
+    // No change reaches the bytes of the other holder.
+    opened.shown = textOf(msg);
+    EXPECT_EQ(pelmoMsg_SetReplySubject(msg, "Other"), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_SetSourcePort(msg, 1), kStatusSuccess);
+    EXPECT_EQ(msgStripEnvelope(msg), kStatusSuccess);
+    EXPECT_EQ(replySubjectOf(msg), "Other");
+    EXPECT_EQ(textOf(msg), opened.shown);
+    EXPECT_EQ(wireOf(other.get()), image);
     return opened;
 }
 
-TEST(Envelope, OpensWhateverOrderItsFieldsHave) {
+TEST(Envelope, OpensWhateverOrderItsFieldsHaveOrStaysClosed) {
     const Bytes data = kData + kApp;
+    const Opened kCorrupt = {.status = kStatusCorruptMessage};
+    const auto reply = [&](const Bytes& value) {
+        return field("return", *blockValue(FIELD_STRING, value)) + data;
+    };
+    Bytes badMagic = data;
+    badMagic[12] ^= 1;
     const Bytes text = field("x", *stringValue("y"));
     const Bytes number = field("ro", *scalarValue(FIELD_I32, &FieldData::i32, 5));
     const Bytes numbered = Bytes{7, 'd', 'a', 't', 'a', 0, 0, 9, 1, 122} + kApp;
@@ -129,6 +149,26 @@ TEST(Envelope, OpensWhateverOrderItsFieldsHave) {
          field("data", *stringValue("v"), 5) + kSubAB,
          {.shown = "{_data_[5]=\"v\"}", .send = "A.B", .after = outer(kSubAB + wrappedId)}},
         {"no fields", {}, {.shown = "{}"}},
+        {"reply of 254 characters",
+         reply(Bytes(254, 'r') + Bytes{0}),
+         {.reply = std::string(254, 'r')}},
+        {"reply of 255 characters", reply(Bytes(255, 'r') + Bytes{0}), kCorrupt},
+        {"reply of no bytes", reply({}), kCorrupt},
+        {"reply without its NUL", reply({'a', 'b'}), kCorrupt},
+        {"reply with a NUL within", reply({'a', 0, 'b', 0}), kCorrupt},
+        {"reply whose prefix doesn't cover itself",
+         Bytes{7, 'r', 'e', 't', 'u', 'r', 'n', 0, 8, 121, 0, 0} + data, kCorrupt},
+        {"subject in a short class", Bytes{4, 's', 'u', 'b', 0, 2, 3, 0, 3, 0} + data, kCorrupt},
+        {"subject with an element that runs over",
+         Bytes{4, 's', 'u', 'b', 0, 2, 121, 0, 6, 1, 9, 'A', 0} + data, kCorrupt},
+        {"subject as a text", field("sub", *stringValue("A.B")) + data, kCorrupt},
+        {"data with another magic", badMagic, kCorrupt},
+        {"data without a head", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 122, 0, 0, 0, 4}, kCorrupt},
+        {"data in a short class", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 0}, kCorrupt},
+        {"data of an unknown type",
+         Bytes{5, 'd', 'a', 't', 'a', 0, 200, 1, 1},
+         {.status = kStatusInvalidMessage}},
+        {"a record that is cut off", {2, 'a'}, kCorrupt},
     };
     for (const auto& [what, fields, expected] : cases) {
         SCOPED_TRACE(what);
@@ -160,30 +200,6 @@ TEST(Envelope, TakesSubjectsUpToTheirLimits) {
         EXPECT_EQ(pelmoMsg_SetReplySubject(msg.get(), text.c_str()), reply);
         EXPECT_EQ(replySubjectOf(msg.get()), reply == kStatusSuccess ? text : kNotFound);
         EXPECT_EQ(textOf(msg.get()), "{n=7}");
-    }
-}
-
-TEST(Envelope, LeavesBytesOfOthersAlone) {
-    const Bytes image = outer(kSubAB + kMtypeD + kData + kApp);
-    const Bytes moved = outer(kData + kApp + kSubAB);
-    const Bytes wrapped = outer(kSubAB + field("data", *stringValue("v")));
-    const Bytes numbered = outer(kReturnR + field("data", *messageValue(kApp), 9));
-    for (const Bytes& bytes : {image, moved, wrapped, numbered}) {
-        const Message first = messageFrom(bytes);
-        Buffer* buffer = first->buffer;
-        pelmoMsg* second = nullptr;
-        ASSERT_EQ(msgCreateOverBuffer(&second, buffer, 0), kStatusSuccess);
-        const Message held(second);
-        EXPECT_EQ(msgOpenEnvelope(second), kStatusSuccess);
-        const bool moves = bytes == moved || bytes == wrapped;
-        EXPECT_EQ(second->buffer != buffer, moves);  // opening copies only to change
-        const std::string shown = textOf(second);
-        EXPECT_EQ(pelmoMsg_SetSendSubject(second, "Other.Subject"), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_SetSourcePort(second, 1), kStatusSuccess);
-        EXPECT_EQ(msgStripEnvelope(second), kStatusSuccess);
-        EXPECT_EQ(wireOf(first.get()), bytes);
-        EXPECT_EQ(sendSubjectOf(second), "Other.Subject");
-        EXPECT_EQ(textOf(second), shown);
     }
 }
 
@@ -226,31 +242,7 @@ TEST(Envelope, ClosesAndOpensAgain) {
     EXPECT_EQ(pelmoMsg_GetSource(msg.get(), &port), kStatusNotFound);
 }
 
-TEST(Envelope, TellsBadArguments) {
-    const Message msg = appMessage();
-    pelmoMsg dead{};
-    dead.magic = kMessageDead;
-    pelmoMsg* out = nullptr;
-    const char* text = nullptr;
-    uint16_t port = 0;
-    for (const pelmoStatus status :
-         {pelmoMsg_SetSendSubject(&dead, "A"), pelmoMsg_SetReplySubject(&dead, ""),
-          pelmoMsg_SetSourcePort(&dead, 1), pelmoMsg_GetSendSubject(&dead, nullptr),
-          pelmoMsg_GetReplySubject(nullptr, nullptr), pelmoMsg_GetSource(&dead, nullptr),
-          pelmoMsg_PrintEnvelope(nullptr), msgOpenEnvelope(nullptr), msgCloseEnvelope(&dead),
-          msgSetMtype(&dead, nullptr), msgCopyWithEnvelope(nullptr, &out),
-          msgStripEnvelope(&dead)}) {
-        EXPECT_EQ(status, kStatusInvalidMessage);
-    }
-    EXPECT_EQ(pelmoMsg_GetSendSubject(msg.get(), nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoMsg_GetReplySubject(msg.get(), nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoMsg_GetSource(msg.get(), nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoMsg_GetSource(msg.get(), &port), kStatusNotFound);
-    EXPECT_EQ(msgSetMtype(msg.get(), nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(msgCopyWithEnvelope(msg.get(), nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoMsg_GetSendSubject(msg.get(), &text), kStatusNotFound);
-
-    // Fields of the reserved names but of another type can't be rewritten.
+TEST(Envelope, RefusesToRewriteWhatIsOfAnotherType) {
     const Message odd = messageFrom(
         outer(field("mtype", *noneValue()) + field("cid", *stringValue("c")) + kData + kApp));
     ASSERT_EQ(msgOpenEnvelope(odd.get()), kStatusSuccess);
@@ -258,7 +250,18 @@ TEST(Envelope, TellsBadArguments) {
     EXPECT_EQ(msgSetMtype(odd.get(), "D"), kStatusInvalidType);
     EXPECT_EQ(pelmoMsg_SetSourcePort(odd.get(), 1), kStatusInvalidType);
     EXPECT_EQ(wireOf(odd.get()), before);
-    EXPECT_EQ(textOf(odd.get()), "{n=7}");
+}
+
+// "data" has moved by then; what is looked up by its id has moved with it.
+TEST(Envelope, KeepsItsFieldsWhenItCannotOpen) {
+    const Bytes x = field("x", *stringValue("1"), 7), y = field("y", *stringValue("2"), 8);
+    const Bytes badSubject = field("sub", *stringValue("A.B"));
+    const Message msg = messageFrom(outer(x + kData + kApp + y + badSubject));
+    EXPECT_EQ(msgOpenEnvelope(msg.get()), kStatusCorruptMessage);
+    EXPECT_EQ(wireOf(msg.get()), outer(x + y + badSubject + kData + kApp));
+    const char* text = nullptr;
+    ASSERT_EQ(pelmoMsg_GetString(msg.get(), nullptr, &text, 8), kStatusSuccess);
+    EXPECT_STREQ(text, "2");
 }
 
 TEST(Envelope, IsPrintedWithoutBeingLeftClosed) {
@@ -270,6 +273,68 @@ TEST(Envelope, IsPrintedWithoutBeingLeftClosed) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "{sub=[%s%n.B] mtype=\"D\" data={n=7}}\n{n=7}\n");
     EXPECT_EQ(sendSubjectOf(msg.get()), "%s%n.B");
+}
+
+TEST(Envelope, IsCreatedWithFieldsAsAddingThemDoes) {
+    const SharedValue values[] = {scalarValue(FIELD_U16, &FieldData::u16, uint16_t{9}),
+                                  stringValue(std::string(300, 's')), stringArrayValue({"one", ""}),
+                                  messageValue(kApp)};
+    const char* const names[] = {"a", "", nullptr, "m"};
+    const uint16_t ids[] = {3, 65535, 0, 1};
+    std::vector<pelmoMsgField> fields;
+    std::vector<Bytes> records;
+    for (size_t i = 0; i < std::size(values); ++i) {
+        fields.push_back(values[i]->field());
+        fields.back().name = names[i];
+        fields.back().id = ids[i];
+        records.push_back(recordOf(names[i], ids[i], *values[i]));
+    }
+    fields[1].size = 0;  // to be worked out
+
+    const auto create = [&](pelmoMsg** out) {
+        return msgCreateWithFields(out, "A.B", nullptr, fields.data(),
+                                   static_cast<uint32_t>(fields.size()));
+    };
+    pelmoMsg* made = nullptr;
+    ASSERT_EQ(create(&made), kStatusSuccess);
+    const Message msg(made);
+    EXPECT_EQ(loadBe32At(msgImage(made)), made->length);  // flushed already
+    EXPECT_EQ(wireOf(made), outer(kSubAB + kMtypeD + kData + imageOf(records)));
+    uint16_t number = 0;
+    EXPECT_EQ(pelmoMsg_GetU16(made, nullptr, &number, 3), kStatusSuccess);
+    EXPECT_EQ(number, 9);
+
+    made = nullptr;
+    ASSERT_EQ(msgCreateWithFields(&made, nullptr, nullptr, nullptr, 0), kStatusSuccess);
+    EXPECT_EQ(wireOf(Message(made).get()), outer(kMtypeD + kData + outer({})));
+    EXPECT_EQ(create(nullptr), kStatusInvalidArgument);
+    EXPECT_EQ(msgCreateWithFields(&made, nullptr, nullptr, nullptr, 1), kStatusInvalidArgument);
+
+    pelmoMsg* none = nullptr;
+    fields[3].id = 65535;
+    EXPECT_EQ(create(&none), kStatusIdInUse);
+    fields[3] = {};
+    EXPECT_EQ(create(&none), kStatusInvalidType);
+    EXPECT_EQ(msgCreateWithFields(&none, "A..B", nullptr, nullptr, 0), kStatusInvalidSubject);
+    EXPECT_EQ(none, nullptr);
+}
+
+TEST(Envelope, IsCreatedAroundBytes) {
+    for (const uint32_t size : {0u, 119u, 120u, 29999u, 30000u}) {
+        const Bytes bytes = patternBytes(size, 1);
+        pelmoMsg* made = nullptr;
+        ASSERT_EQ(msgCreateWithOpaque(&made, "A.B", "R", bytes.data(), size), kStatusSuccess);
+        EXPECT_EQ(wireOf(Message(made).get()),
+                  outer(kSubAB + kReturnR + kMtypeD + kData +
+                        outer(field("", *blockValue(FIELD_OPAQUE, bytes)))));
+    }
+    pelmoMsg* made = nullptr;
+    EXPECT_EQ(msgCreateWithOpaque(&made, nullptr, nullptr, nullptr, 1), kStatusInvalidArgument);
+    EXPECT_EQ(msgCreateWithOpaque(nullptr, nullptr, nullptr, "", 1), kStatusInvalidArgument);
+    EXPECT_EQ(msgCreateEnveloped(nullptr, nullptr, nullptr, 0), kStatusInvalidArgument);
+    EXPECT_EQ(msgCreateEnveloped(&made, nullptr, nullptr, UINT32_MAX), kStatusNoMemory);
+    EXPECT_EQ(msgCreateWithOpaque(&made, nullptr, nullptr, "", UINT32_MAX), kStatusNoMemory);
+    EXPECT_EQ(made, nullptr);
 }
 
 }  // namespace

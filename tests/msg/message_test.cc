@@ -9,6 +9,7 @@
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
+#include "lib/msg/text.h"
 #include "tests/support/message_values.h"
 
 namespace {
@@ -138,6 +139,10 @@ TEST(Message, AnswersACorruptImageAgainAndAgain) {
         const Message msg = messageFrom(image);
         pelmoMsgField field;
         uint32_t number = 0;
+        const char* text = nullptr;
+        EXPECT_EQ(pelmoMsg_ConvertToString(msg.get(), &text), kStatusCorruptMessage);
+        EXPECT_EQ(text, nullptr);
+        EXPECT_EQ(pelmoMsg_Print(msg.get()), kStatusCorruptMessage);
         for (int round = 0; round < 2; ++round) {
             EXPECT_EQ(pelmoMsg_GetNumFields(msg.get(), &number), kStatusCorruptMessage);
             EXPECT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 0), kStatusCorruptMessage);

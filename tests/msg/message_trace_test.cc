@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <regex>
 #include <string>
-#include <vector>
 
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
@@ -16,7 +15,7 @@
 
 namespace {
 
-std::vector<std::string> lines;
+std::string told;
 
 [[gnu::format(printf, 2, 3)]] void keepLine(uint32_t module, const char* format, ...) {
     char text[256];
@@ -25,26 +24,9 @@ std::vector<std::string> lines;
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     // Addresses differ from run to run.
-    lines.push_back(std::to_string(module) + " " +
-                    std::regex_replace(text, std::regex("0x[0-9a-f]+"), "P"));
+    told += std::to_string(module) + " " +
+            std::regex_replace(text, std::regex("0x[0-9a-f]+"), "P") + "; ";
 }
-
-struct Tracing {
-    Tracing(uint32_t on, uint32_t msg, uint32_t detail) {
-        lines.clear();
-        traceOps.write = keepLine;
-        switchTo(on, msg, detail);
-    }
-    ~Tracing() {
-        switchTo(0, 0, 0);
-        traceOps.write = nullptr;
-    }
-    static void switchTo(uint32_t on, uint32_t msg, uint32_t detail) {
-        traceOps.on = on;
-        traceOps.enabled[kTraceMsg] = msg;
-        traceOps.enabled[kTraceMsgDetail] = detail;
-    }
-};
 
 TEST(MessageTrace, TellsOfEachCall) {
     const Message msg = newMessage();
@@ -52,7 +34,8 @@ TEST(MessageTrace, TellsOfEachCall) {
     const Bytes image = imageOf(msg.get());
     pelmoMsg* made = nullptr;
     pelmoMsgField field;
-    const Tracing tracing(1, 1, 1);
+    traceOps.write = keepLine;
+    traceOps.on = traceOps.enabled[kTraceMsg] = traceOps.enabled[kTraceMsgDetail] = 1;
     (void)pelmoMsg_CreateEx(&made, 100);
     (void)pelmoMsg_Reset(made);
     (void)pelmoMsg_Detach(made);
@@ -74,10 +57,8 @@ TEST(MessageTrace, TellsOfEachCall) {
     msgRelease(made);
     (void)pelmoMsg_Create(&made);
     (void)pelmoMsg_Destroy(made);
-    std::string told;
-    for (const std::string& line : lines) {
-        told += line + "; ";
-    }
+    traceOps.on = traceOps.enabled[kTraceMsg] = traceOps.enabled[kTraceMsgDetail] = 0;
+    traceOps.write = nullptr;
     EXPECT_EQ(
         told,
         "6 Message P created; 6 pelmoMsg_CreateEx(P, 100); 6 pelmoMsg_Reset(P); 6 "

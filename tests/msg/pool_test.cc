@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "lib/base/log.h"
-#include "lib/containers/sublist.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/lock_count.h"
 #include "tests/support/pool_manager.h"
@@ -136,25 +135,20 @@ TEST(Pool, PreparesChunksBatchByBatch) {
 TEST(Pool, TakesAndGivesOnOneThreadWithoutALock) {
     const OpenPools open(1);
     ChunkPool* pool = makePool(100, 1, 10);
-    ChunkPool* other = makePool(100, 1, 10);
     giveAll(pool, takeMany(pool, 100));
-    giveAll(other, takeMany(other, 100));
 
     const FailAlloc count{.after = kNeverFails};
     const size_t before = locksEntered();
     for (int i = 0; i < 10000; ++i) {
         Item* item = take(pool);
-        Item* second = take(other);
         give(pool, item);
         EXPECT_EQ(take(pool), item) << "while it is hot";
         give(pool, item);
-        give(other, second);
     }
     EXPECT_EQ(locksEntered(), before);
     EXPECT_EQ(allocationsCounted(), 0u);
     allocationsHeal();
     destroy(pool);
-    destroy(other);
 }
 
 TEST(Pool, GivesBackAtThe256thGive) {
@@ -177,21 +171,6 @@ TEST(Pool, GivesBackAtThe256thGive) {
     EXPECT_EQ(availableIn(other), 10u);
     destroy(pool);
     destroy(other);
-}
-
-TEST(Pool, DiesUnderTheCachesOfThreads) {
-    const OpenPools open(1);
-    ChunkPool* dying = makePool(10, 1, 5);
-    ChunkPool* living = makePool(300, 1, 100);
-    std::vector<Item*> items = takeMany(living, 256);
-    give(dying, take(dying));  // the rest of the batch stays in the take list
-    std::thread([&] { destroy(dying); }).join();
-    giveAll(living, items);  // the flush comes by the dead pool's lists
-    EXPECT_EQ(takeMany(living, 256).size(), 256u);
-    ChunkPool* next = makePool(10, 1, 5);
-    EXPECT_EQ(takeMany(next, 10).size(), 10u);
-    destroy(next);
-    destroy(living);
 }
 
 TEST(Pool, FindsFreeChunksBehindManyUsedBlocks) {
@@ -342,18 +321,6 @@ TEST(Pool, LeavesNothingHalfMade) {
         EXPECT_EQ(timers.alive(), 0);
     });
     EXPECT_GT(failing, 20u);
-}
-
-TEST(Pool, ServesContainers) {
-    const OpenPools open(1);
-    SubjectList* list = sublistCreatePooled();
-    ASSERT_NE(list, nullptr);
-    const uint8_t subject[] = {0, 6, 1, 3, 'A', 0};
-    for (int i = 0; i < 250; ++i) {
-        EXPECT_TRUE(sublistAdd(list, subject, list, nullptr));
-    }
-    EXPECT_EQ(sublistRemove(list, subject, nullptr, nullptr), 250u);
-    sublistDestroy(list);
 }
 
 TEST(Pool, IsDumpedWithAMapOfItsChunks) {

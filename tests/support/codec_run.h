@@ -60,11 +60,6 @@ inline Decoded decode(uint8_t wireType, const Bytes& bytes) {
     return out;
 }
 
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 inline Bytes firstBytes(const Bytes& bytes, size_t size) {
     return Bytes(bytes.data(), bytes.data() + size);
 }

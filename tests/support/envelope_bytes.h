@@ -15,13 +15,7 @@
 #include "lib/msg/text.h"
 #include "tests/support/message_values.h"
 
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-inline const Bytes kAppFields = {2, 'n', 0, 11, 1, 7};
-inline const Bytes kApp = Bytes{0, 0, 0, 14, 0x99, 0x55, 0xee, 0xaa} + kAppFields;
+inline const Bytes kApp = {0, 0, 0, 14, 0x99, 0x55, 0xee, 0xaa, 2, 'n', 0, 11, 1, 7};
 inline const Bytes kSubAB = {4, 's', 'u', 'b', 0, 2, 121, 0, 9, 2, 3, 'A', 0, 3, 'B', 0};
 inline const Bytes kReturnR = {7, 'r', 'e', 't', 'u', 'r', 'n', 0, 8, 2, 'R', 0};
 inline const Bytes kMtypeD = {6, 'm', 't', 'y', 'p', 'e', 0, 8, 2, 'D', 0};
@@ -46,18 +40,19 @@ inline Bytes wireOf(pelmoMsg* msg) {
     return Bytes(image, image + msg->length);
 }
 
-inline std::string sendSubjectOf(pelmoMsg* msg) {
+inline std::string subjectOf(pelmoMsg* msg, pelmoStatus (*get)(pelmoMsg*, const char**)) {
     const char* text = "unset";
-    const pelmoStatus status = pelmoMsg_GetSendSubject(msg, &text);
+    const pelmoStatus status = get(msg, &text);
     EXPECT_EQ(status == kStatusNotFound, text == nullptr);
-    return status == kStatusSuccess ? text : std::string("status ") + std::to_string(status);
+    return status == kStatusSuccess ? text : "status " + std::to_string(status);
+}
+
+inline std::string sendSubjectOf(pelmoMsg* msg) {
+    return subjectOf(msg, pelmoMsg_GetSendSubject);
 }
 
 inline std::string replySubjectOf(pelmoMsg* msg) {
-    const char* text = "unset";
-    const pelmoStatus status = pelmoMsg_GetReplySubject(msg, &text);
-    EXPECT_EQ(status == kStatusNotFound, text == nullptr);
-    return status == kStatusSuccess ? text : std::string("status ") + std::to_string(status);
+    return subjectOf(msg, pelmoMsg_GetReplySubject);
 }
 
 inline std::string textOf(pelmoMsg* msg) {

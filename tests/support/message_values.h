@@ -12,6 +12,11 @@
 
 using Bytes = std::vector<uint8_t>;
 
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 struct MessageEnd {
     void operator()(pelmoMsg* msg) const { pelmoMsg_Destroy(msg); }
 };
@@ -70,7 +75,8 @@ template <typename Word>
 [[nodiscard]] SharedValue messageValue(Bytes image);
 [[nodiscard]] SharedValue messageArrayValue(std::vector<Bytes> images);
 
-// A value of each type, or several: at its least and greatest, at both sides of each size class.
+// Values of each type but FIELD_XML, whose bytes are the compressor's: several of each, at both
+// sides of each size class.
 [[nodiscard]] std::vector<SharedValue> edgeValues();
 
 // So many bytes, no two lengths and no two seeds alike.
