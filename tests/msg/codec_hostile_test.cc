@@ -86,8 +86,8 @@ TEST(CodecHostile, TellsHeadsOfRecordsOrRefusesThem) {
         {{0, 7, 122, 0, 0, 0, 3}, 6},             //
         {{2, 'a', 'b', 22, 0}, 0},                // a name without its NUL
         {{4, 0, 'a', 'b', 'c', 22, 0}, 0},        // a NUL too early
-        {{0, 7, 120, 0, 0, 0, 0}, 0},             // size classes that aren't used
-        {{0, 7, 123, 0, 0, 0, 0}, 0},             //
+        {Bytes{0, 7, 120} + Bytes(130), 0},       // size classes that aren't used
+        {Bytes{0, 7, 123} + Bytes(130), 0},       //
         {{0, 7, 122, 255, 255, 255, 255, 9}, 0},  // the largest size
     };
     for (const auto& [bytes, next, head] : cases) {
