@@ -19,22 +19,6 @@
 
 namespace {
 
-struct Converted {
-    pelmoStatus status;
-    pelmoMsgField field;
-    Disposition disposition = kDataByValue;
-    OwnedBlock block;
-};
-
-Converted convert(const pelmoMsgField& field, uint8_t targetType) {
-    Converted out{kStatusSuccess, field, kDataByValue, nullptr};
-    out.status = fieldConverters[field.type](out.field, targetType, out.disposition);
-    if (out.status == kStatusSuccess && out.disposition == kDataOwnedBlock) {
-        out.block.reset(const_cast<void*>(out.field.data.pointer));
-    }
-    return out;
-}
-
 // Of a number, a truth value, a port or an address.
 std::string shown(uint8_t type, const void* at) {
     const auto* octets = static_cast<const uint8_t*>(at);
@@ -64,12 +48,15 @@ uint8_t elementOf(uint8_t type) {
 // The value, or for an array its elements, "=" ahead of them where it is still the same block.
 // Size, count and disposition are checked on the way.
 std::string shownAs(const pelmoMsgField& source, uint8_t targetType) {
-    const Converted out = convert(source, targetType);
-    if (out.status != kStatusSuccess) {
-        EXPECT_EQ(out.status, kStatusConversionFailed);
+    pelmoMsgField field = source;
+    Disposition disposition = kDataByValue;
+    const pelmoStatus status = fieldConverters[source.type](field, targetType, disposition);
+    if (status != kStatusSuccess) {
+        EXPECT_EQ(status, kStatusConversionFailed);
         return "-";
     }
-    const pelmoMsgField& field = out.field;
+    const bool owned = disposition == kDataOwnedBlock;
+    const OwnedBlock block(owned ? const_cast<void*>(field.data.pointer) : nullptr);
     EXPECT_EQ(field.type, targetType);
     if (targetType == FIELD_STRING) {
         const auto* text = static_cast<const char*>(field.data.pointer);
@@ -81,11 +68,11 @@ std::string shownAs(const pelmoMsgField& source, uint8_t targetType) {
     EXPECT_EQ(field.size, widthOf(element == FIELD_BAD ? targetType : element));
     EXPECT_EQ(field.count, source.count);
     if (element == FIELD_BAD) {
-        EXPECT_EQ(out.disposition, kDataByValue);
+        EXPECT_EQ(disposition, kDataByValue);
         return shown(targetType, &field.data);
     }
     const bool same = field.data.pointer == source.data.pointer;
-    EXPECT_EQ(out.disposition, same ? kDataByValue : kDataOwnedBlock);
+    EXPECT_EQ(disposition, same ? kDataByValue : kDataOwnedBlock);
     std::string all = same ? "=" : "";
     for (uint32_t i = 0; i < field.count; ++i) {
         const auto* at = static_cast<const uint8_t*>(field.data.pointer) + i * field.size;

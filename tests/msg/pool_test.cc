@@ -9,12 +9,10 @@
 #include <random>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "lib/base/log.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/lock_count.h"
 #include "tests/support/pool_manager.h"
@@ -70,20 +68,10 @@ void destroy(ChunkPool* pool) {
 
 // What was logged, without what the log itself puts ahead of each line.
 std::string logOf(void (*body)()) {
-    char* text = nullptr;
-    size_t length = 0;
-    FILE* stream = open_memstream(&text, &length);
-    logSetStream(stream);
+    testing::internal::CaptureStderr();
     body();
-    logSetStream(nullptr);
-    std::fclose(stream);
-    std::istringstream lines(std::string(text, length));
-    std::free(text);
-    std::string bare;
-    for (std::string line; std::getline(lines, line);) {
-        bare += line.substr(line.find(": ") + 2) + "\n";
-    }
-    return bare;
+    return std::regex_replace(testing::internal::GetCapturedStderr(),
+                              std::regex("[^\n]*?: ([^\n]*\n)"), "$1");
 }
 
 TEST(Pool, RefusesSizesThatMakeNoBlock) {

@@ -7,8 +7,6 @@
 
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
-#include "lib/msg/codec_internal.h"
-#include "lib/msg/convert.h"
 
 namespace {
 
@@ -290,65 +288,4 @@ Bytes recordOf(const char* name, uint16_t id, const FieldValue& value) {
     record.push_back(foldedType(value.type));
     appendValue(record, value);
     return record;
-}
-
-namespace {
-
-std::vector<SharedValue> scalarValues() {
-    std::vector<SharedValue> values;
-    for (const uint8_t type :
-         {FIELD_I8, FIELD_U8, FIELD_I16, FIELD_U16, FIELD_I32, FIELD_U32, FIELD_I64, FIELD_U64,
-          FIELD_F32, FIELD_F64, FIELD_IPPORT16, FIELD_IPADDR32}) {
-        const uint32_t width = isNumberType(type)       ? numberBytes(type)
-                               : type == FIELD_IPPORT16 ? 2
-                                                        : 4;
-        for (const uint32_t seed : {1u, 2u, 3u}) {
-            auto value = newValue(type, width);
-            std::memcpy(&value->scalar, patternBytes(width, seed).data(), width);
-            values.push_back(value);
-        }
-    }
-    return values;
-}
-
-// Values at both sides of each size class.
-std::vector<SharedValue> sizedValues() {
-    std::vector<SharedValue> values = {
-        blockValue(FIELD_OPAQUE, {}), stringArrayValue({"", "b", ""}), subjectValue("A"),
-        subjectValue((std::string(120, 'x') + "." + std::string(120, 'y')).c_str())};
-    for (const size_t size : {8u, 112u, 119u, 120u, 29992u, 29999u, 30000u}) {
-        values.push_back(stringValue(std::string(size - 1, 's')));
-        values.push_back(blockValue(FIELD_OPAQUE, patternBytes(size, 1)));
-        values.push_back(stringArrayValue({std::string(size - 5, 'a')}));
-        for (uint8_t type = FIELD_I8ARRAY; type <= FIELD_F64ARRAY; ++type) {
-            if (fieldEncoders[type] == nullptr) continue;
-            const uint32_t width = type < FIELD_F32ARRAY ? 1u << (type - FIELD_I8ARRAY) / 2
-                                                         : 4u << (type - FIELD_F32ARRAY);
-            if (size % width != 0) continue;
-            values.push_back(arrayValue(type, width, patternBytes(size, type)));
-        }
-    }
-    return values;
-}
-
-std::vector<SharedValue> nestedValues() {
-    const Bytes empty = imageOf(std::vector<Bytes>{});
-    const Bytes one = imageOf({recordOf("in", 3, *stringValue("inner"))});
-    const Bytes large = imageOf({recordOf("x", 0, *blockValue(FIELD_OPAQUE, Bytes(40000, 6)))});
-    std::vector<SharedValue> values;
-    for (const Bytes& image : {empty, large, imageOf({recordOf("d", 0, *messageValue(one))})}) {
-        values.push_back(messageValue(image));
-        values.push_back(messageArrayValue({image, one, empty}));
-    }
-    return values;
-}
-
-}  // namespace
-
-std::vector<SharedValue> edgeValues() {
-    std::vector<SharedValue> values = scalarValues();
-    for (const auto& more : {sizedValues(), nestedValues()}) {
-        values.insert(values.end(), more.begin(), more.end());
-    }
-    return values;
 }

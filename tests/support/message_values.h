@@ -75,10 +75,6 @@ template <typename Word>
 [[nodiscard]] SharedValue messageValue(Bytes image);
 [[nodiscard]] SharedValue messageArrayValue(std::vector<Bytes> images);
 
-// Values of each type but FIELD_XML, whose bytes are the compressor's: several of each, at both
-// sides of each size class.
-[[nodiscard]] std::vector<SharedValue> edgeValues();
-
 // So many bytes, no two lengths and no two seeds alike.
 [[nodiscard]] Bytes patternBytes(size_t sizeBytes, uint32_t seed);
 
