@@ -73,14 +73,8 @@ void readOtherwise(pelmoMsg* msg, const pelmoMsgField& field) {
 
 // Does what is written of the value read as it did?
 bool isWrittenAsRead(const pelmoMsgField& field) {
-    switch (field.type) {
-        case FIELD_BOOL:
-            return field.data.boolean <= 1;
-        case FIELD_DATETIME:
-            return field.data.dateTime.nanoseconds % 1000 == 0;
-        default:
-            return true;
-    }
+    if (field.type == FIELD_BOOL) return field.data.boolean <= 1;
+    return field.type != FIELD_DATETIME || field.data.dateTime.nanoseconds % 1000 == 0;
 }
 
 // True where all fields of the one could be added to the other as they are.

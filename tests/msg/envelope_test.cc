@@ -129,6 +129,7 @@ TEST(Envelope, OpensWhateverOrderItsFieldsHaveOrStaysClosed) {
         {"e", field("e", *noneValue()) + data, {}},
         {"ro", number + data, {.flags = 129}},
         {"cmnam", field("cmnam", *noneValue()) + data, {.flags = 130}},
+        {"ro and cmnam", number + field("cmnam", *noneValue()) + data, {.flags = 131}},
         {"pmtx", field("pmtx", *noneValue()) + data, {.flags = 132}},
         {"another", text + data, {.flags = 128}},
         {"names that begin alike",
