@@ -20,10 +20,12 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+#include "lib/base/bytes.h"
 #include "lib/base/prefetch.h"
 
 // Drawn from the system before main runs. A test may set it, while no index holds anything.
@@ -56,40 +58,52 @@ constexpr int kProbeAddressBits = 48;
     return static_cast<uint32_t>(probeMix(key ^ probeSeed.first, probeSeed.second));
 }
 
-// Reads eight bytes at a time, and nothing beyond `sizeBytes`.
-[[nodiscard]] inline uint32_t probeHashBytes(const uint8_t* bytes, size_t sizeBytes) {
-    const auto load64 = [](const uint8_t* at) {
-        uint64_t word;
-        std::memcpy(&word, at, sizeof word);
-        return word;
-    };
-    const auto load32 = [](const uint8_t* at) {
-        uint32_t word;
-        std::memcpy(&word, at, sizeof word);
-        return uint64_t{word};
-    };
+[[nodiscard]] inline uint64_t probeLoad64(const uint8_t* at) {
+    uint64_t word;
+    std::memcpy(&word, at, sizeof word);
+    return word;
+}
 
-    uint64_t state = probeSeed.first ^ sizeBytes;
-    size_t left = sizeBytes;
-    while (left > 16) {
-        state = probeMix(load64(bytes) ^ probeSeed.second, load64(bytes + 8) ^ state);
-        bytes += 16;
-        left -= 16;
-    }
-
-    // The rest by two loads that may overlap; none reaches outside the bytes.
+// The pieces of probeHashBytes: up to 15 bytes by two loads that may overlap, and 16 bytes.
+[[nodiscard]] inline uint64_t probeMixFew(const uint8_t* bytes, size_t sizeBytes) {
     uint64_t head = 0;
     uint64_t tail = 0;
-    if (left >= 8) {
-        head = load64(bytes);
-        tail = load64(bytes + left - 8);
-    } else if (left >= 4) {
-        head = load32(bytes);
-        tail = load32(bytes + left - 4);
-    } else if (left > 0) {
-        head = uint64_t{bytes[0]} << 16 | uint64_t{bytes[left / 2]} << 8 | bytes[left - 1];
+    if (sizeBytes >= 8) {
+        head = probeLoad64(bytes);
+        tail = probeLoad64(bytes + sizeBytes - 8);
+    } else if (sizeBytes >= 4) {
+        head = loadNet32At(bytes);
+        tail = loadNet32At(bytes + sizeBytes - 4);
+    } else if (sizeBytes > 0) {
+        head =
+            uint64_t{bytes[0]} << 16 | uint64_t{bytes[sizeBytes / 2]} << 8 | bytes[sizeBytes - 1];
     }
-    state = probeMix(head ^ probeSeed.second, tail ^ state);
+    return probeMix(head ^ probeSeed.second, tail ^ probeSeed.first);
+}
+
+[[nodiscard]] inline uint64_t probeMixBlock(const uint8_t* block, uint64_t key) {
+    return probeMix(probeLoad64(block) ^ probeSeed.second, probeLoad64(block + 8) ^ key);
+}
+
+// Reads nothing beyond `sizeBytes`. Keys of a usual size are three blocks that may overlap, each
+// mixed under a key of its place: no block waits for another, and no branch depends on the size.
+[[nodiscard]] inline uint32_t probeHashBytes(const uint8_t* bytes, size_t sizeBytes) {
+    constexpr size_t kBlockBytes = 16;
+    constexpr size_t kUsualBytes = 3 * kBlockBytes;
+    constexpr uint64_t kNextKey = 0x9e3779b97f4a7c15;
+    uint64_t state = sizeBytes * kNextKey;
+    if (sizeBytes < kBlockBytes) {
+        state ^= probeMixFew(bytes, sizeBytes);
+        return static_cast<uint32_t>(state ^ state >> 32);
+    }
+    const size_t last = sizeBytes - kBlockBytes;
+    uint64_t key = probeSeed.first;
+    state ^= probeMixBlock(bytes, key);
+    state ^= probeMixBlock(bytes + std::min(kBlockBytes, last), key += kNextKey);
+    state ^= probeMixBlock(bytes + last, key += kNextKey);
+    for (size_t at = kUsualBytes - kBlockBytes; at < last; at += kBlockBytes) {
+        state ^= probeMixBlock(bytes + at, key += kNextKey);
+    }
     return static_cast<uint32_t>(state ^ state >> 32);
 }
 
