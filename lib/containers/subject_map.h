@@ -61,10 +61,10 @@ void subjectMapClear(SubjectMap& map);
 
 // Null where the subject isn't there. `subject` is `length` bytes in hand and may be anything: only
 // well-formed ones stand in the map.
-[[nodiscard]] inline uint8_t* subjectMapFind(const SubjectMap& map,
-                                             const uint8_t* subject,
-                                             size_t length,
-                                             uint32_t hash) {
+[[nodiscard, gnu::always_inline]] inline uint8_t* subjectMapFind(const SubjectMap& map,
+                                                                 const uint8_t* subject,
+                                                                 size_t length,
+                                                                 uint32_t hash) {
     if (map.slots == nullptr) return nullptr;
     for (uint32_t at = hash & map.mask;; at = (at + 1) & map.mask) {
         const uint64_t slot = map.slots[at];

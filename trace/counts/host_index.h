@@ -42,7 +42,8 @@ uint32_t hashOfHost(const void* record) {
 
 // Null where there is none.
 template <typename Record>
-[[nodiscard]] Record* findHost(const ProbeIndex& index, const HostPath& path) {
+[[nodiscard, gnu::always_inline]] inline Record* findHost(const ProbeIndex& index,
+                                                          const HostPath& path) {
     const auto matches = [&path](void* entry) { return static_cast<Record*>(entry)->path == path; };
     return static_cast<Record*>(probeFind(index, hashOfPath(path), matches));
 }
