@@ -10,8 +10,9 @@
 // --live opens an interface as the tool does, until SIGINT or SIGTERM; it then tells what the
 // kernel received and dropped, too. --buffer asks for another capture buffer than libpcap's own.
 //
-// With --checksum the callback also sums each UDP payload once, in the plainest quick way: 32-bit
-// words into two 64-bit sums, folded at the end.
+// With --checksum the callback also sums each UDP payload once, as quickly as the tool does:
+// vectors of 32-bit words, widened into lanes of 64 bits and folded at the end, by AVX2 where the
+// machine has it.
 //
 // Prints packets, bytes and the sum of the checksums, so that no work can be left out.
 
@@ -46,20 +47,36 @@ uint16_t fold(uint64_t sum) {
     return static_cast<uint16_t>(sum);
 }
 
-uint16_t sumBytes(const uint8_t* bytes, size_t sizeBytes) {
-    uint64_t low = 0;
-    uint64_t high = 0;
-    uint64_t word = 0;
-    size_t at = 0;
-    for (; at + sizeof word <= sizeBytes; at += sizeof word) {
-        std::memcpy(&word, bytes + at, sizeof word);
-        low += word & UINT32_MAX;
-        high += word >> 32;
+using Lanes [[gnu::vector_size(32)]] = uint64_t;
+
+[[gnu::always_inline]] inline uint64_t sumLanes(const uint8_t* bytes, size_t sizeBytes) {
+    Lanes low{};
+    Lanes high{};
+    Lanes words;
+    for (; sizeBytes >= sizeof words; bytes += sizeof words, sizeBytes -= sizeof words) {
+        std::memcpy(&words, bytes, sizeof words);
+        low += words & UINT32_MAX;
+        high += words >> 32;
     }
-    word = 0;
-    std::memcpy(&word, bytes + at, sizeBytes - at);
-    return fold(low + high + (word & UINT32_MAX) + (word >> 32));
+    words = Lanes{};
+    std::memcpy(&words, bytes, sizeBytes);
+    low += (words & UINT32_MAX) + (words >> 32) + high;
+    return low[0] + low[1] + low[2] + low[3];
 }
+
+uint64_t sumPlain(const uint8_t* bytes, size_t sizeBytes) {
+    return sumLanes(bytes, sizeBytes);
+}
+
+#ifdef __x86_64__
+[[gnu::target("avx2")]] uint64_t sumWide(const uint8_t* bytes, size_t sizeBytes) {
+    return sumLanes(bytes, sizeBytes);
+}
+
+const auto sumOf = __builtin_cpu_supports("avx2") != 0 ? sumWide : sumPlain;
+#else
+const auto sumOf = sumPlain;
+#endif
 
 // The UDP payload in hand behind an Ethernet and an IP header without options.
 size_t payloadBytes(const uint8_t* frame, size_t caughtBytes) {
@@ -77,7 +94,7 @@ void count(u_char* user, const pcap_pkthdr* header, const u_char* frame) {
     totals.bytes += header->caplen;
     if (!totals.sumsUp) return;
     const uint8_t* payload = frame + kEtherIpBytes + kUdpBytes;
-    totals.sums += sumBytes(payload, payloadBytes(frame, header->caplen));
+    totals.sums += fold(sumOf(payload, payloadBytes(frame, header->caplen)));
 }
 
 int fail(const char* what, const char* why) {

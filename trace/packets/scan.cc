@@ -30,11 +30,11 @@ struct Message {
 };
 
 struct Field {
+    const uint8_t* name;  // with its size
     const uint8_t* data;  // with its length word
     size_t dataBytes;
     uint8_t type;
     uint8_t sizeClass;
-    bool namedSub;
 };
 
 [[gnu::cold]] Walk messageFault(const ScanSource& source, const char* fault) {
@@ -53,10 +53,9 @@ Walk shortfall(const ScanSource& source) {
 Walk readField(const ScanSource& source, std::span<const uint8_t> left, Field& field) {
     const size_t typeOffset = size_t{1} + left[0];
     if (typeOffset + 2 > left.size()) return shortfall(source);
+    field.name = left.data();
     field.type = left[typeOffset];
     field.sizeClass = left[typeOffset + 1];
-    field.namedSub = left[0] >= sizeof kSubjectName &&
-                     std::memcmp(&left[1], kSubjectName, sizeof kSubjectName) == 0;
 
     const size_t dataOffset = typeOffset + 2;
     const Cursor data{left.subspan(dataOffset)};
@@ -73,6 +72,11 @@ Walk readField(const ScanSource& source, std::span<const uint8_t> left, Field& f
         return messageFault(source, "invalid field");
     }
     return cursorHolds(data, 0, field.dataBytes) ? Walk::kGoOn : shortfall(source);
+}
+
+bool isSubject(const Field& field) {
+    return field.type == FIELD_SUBJECT && field.name[0] >= sizeof kSubjectName &&
+           std::memcmp(field.name + 1, kSubjectName, sizeof kSubjectName) == 0;
 }
 
 // A subject without elements is well formed and names nothing: it isn't charged.
@@ -97,7 +101,7 @@ Walk walkFields(const ScanSource& source, const Message& message) {
         Field field{};
         Walk walk = readField(source, left, field);
         if (walk != Walk::kGoOn) return walk;
-        if (field.type == FIELD_SUBJECT && field.namedSub) {
+        if (isSubject(field)) {
             walk = chargeSubject(source, message, field);
             if (walk != Walk::kGoOn) return walk;
         }
