@@ -71,7 +71,7 @@ TEST_F(Timers, CatchUpWithAHundredIntervalsAndDropMore) {
 // takes the slot of whatever is removed: it has to be sifted up from below 100, to stay below 1,
 // and to be sifted down from the root.
 TEST_F(Timers, FireInOrderWhicheverIsRemoved) {
-    constexpr double kDue[] = {0, 100, 1, 2, 3, 101, 102, 103, 104, 5};
+    constexpr double kDue[] = {0, 100, 1, 200, 300, 101, 102, 103, 104, 5};
     for (const double removed : kDue) {
         std::vector<std::pair<double, uint32_t>> expected;
         Event* out = nullptr;
