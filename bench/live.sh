@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# What does live traffic cost, and how much of it is too much? Runs "pelmoscope -i" and the bare
-# pcap_loop on one end of a veth pair while the generator sends on the other, both ends in a network
-# namespace that ends with this script. Needs root.
+# Measures the cost of live traffic and the rate at which packets are lost. Runs "pelmoscope -i" and
+# the bare pcap_loop on one end of a veth pair while the generator sends on the other, both ends in
+# a network namespace that ends with this script. Needs root.
 #
-# Time is user and system time of all threads while packets come, divided by the packets; the kernel's
-# work to deliver them falls to the sender. Loss is told by the kernel's count of the capture socket,
-# and by what was counted against what was sent.
+# Time is user and system time of all threads while packets come, divided by the packets; the
+# kernel's work to deliver them falls to the sender. Loss is the kernel's count for the capture
+# socket, and the difference between what was sent and what was counted.
 set -euo pipefail
 if [ -z "${PELMO_LIVE_NAMESPACE:-}" ]; then
     PELMO_LIVE_NAMESPACE=1 exec unshare --net "$0" "$@"
@@ -67,7 +67,7 @@ ip link set listener up
 calc() { awk "BEGIN { printf \"$1\", $2 }"; }
 median() { sort -n | awk '{ value[NR] = $1 } END { print value[int((NR + 1) / 2)] }'; }
 
-# until_true COMMAND...: up to 20 seconds.
+# until_true COMMAND...: waits up to 20 seconds until the command succeeds.
 until_true() {
     local tries
     for ((tries = 0; tries < 1000; ++tries)); do
@@ -78,10 +78,10 @@ until_true() {
     exit 1
 }
 
-# Nanoseconds of all threads of the listener.
+# CPU time of all threads of the listener, in nanoseconds.
 cpu_time() { cat "/proc/$listener"/task/*/schedstat | awk '{ sum += $1 } END { print sum }'; }
 
-# What the tool's reports have counted: the first totals of each are those of multicast data.
+# The packets that the tool's reports counted: the first totals of each are those of multicast data.
 counted_by_tool() {
     awk '/^Snapshot/ { first = 1 } /^ +Totals/ && first { sum += $2 + $5; first = 0 }
         END { print sum + 0 }' "$scratch/out"
@@ -98,7 +98,7 @@ listen() {
     until_true grep -q "$sign" "$scratch/out" "$scratch/err"
 }
 
-# Seconds that the listener stands still in a run.
+# Seconds for which the listener is stopped in a run.
 pause=0
 stand_still() {
     sleep 1
@@ -124,7 +124,7 @@ run() {
     "$build/bin/pelmogen" --interface sender --rate "$rate" --count "$count" --payload 300 \
         --hosts 200 --subjects 1000 >"$scratch/sent"
     [ -z "$pauser" ] || wait "$pauser"
-    # libpcap hands on what it has after a second, and the next report shows it.
+    # libpcap delivers what it has after a second, and the next report shows it.
     sleep 2.2
     after=$(cpu_time)
     read -r _ dropped < <(python3 bench/socket_drops.py "$listener")
@@ -140,7 +140,7 @@ run() {
     ns=$(calc %.0f "($after - $before) / ($counted > 0 ? $counted : 1)")
 }
 
-# tell LEG RATE: a line about the last run.
+# tell LEG RATE: prints a line about the last run.
 tell() {
     printf '%-14s %8s %9s %9s %8s %8s %6s %6s\n' "$1" "$2" "$sent" "$counted" "$dropped" \
         "$((sent - counted))" "$ns" "$(calc %.0f "$sent / $took / 1000")k"

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """socket_drops.py PID: how many packets the kernel delivered to a process's capture socket, and how
-many it dropped there, since it was asked last: "DELIVERED DROPPED".
+many it dropped there, since the last call: "DELIVERED DROPPED".
 
-It borrows the socket, since the process itself doesn't ask. Needs root.
+It duplicates the socket of the process, which doesn't read these counts itself. Needs root.
 """
 import ctypes
 import os

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# How near is the tool to its floor? Runs "pelmoscope -r FILE" as in normal use, its reports thrown
-# away, in pairs with the bare pcap_loop that has the same filter on the same file and sums each
-# payload once. The traffic is a bus's own mix (pelmogen --mix).
+# Compares the tool's time with a floor. Runs "pelmoscope -r FILE" as in normal use, its reports
+# discarded, in pairs with a bare pcap_loop that has the same filter on the same file and sums each
+# payload once. The traffic is the mix of a real bus (pelmogen --mix).
 #
 # Time is user and system time of the whole process, start and reports included, divided by the
 # packets; the ratio is the median of the pairs' ratios. A first pair brings file and programs into
@@ -98,7 +98,8 @@ compare() {
         "$(calc %.1f "$peak")"
 }
 
-# peak_of ARGUMENTS -- NAME OPTIONS...: of the tool with these arguments. Sets `peak`, in kilobytes.
+# peak_of ARGUMENTS -- NAME OPTIONS...: measures the peak memory of the tool with these arguments.
+# Sets `peak`, in kilobytes.
 peak_of() {
     local arguments=()
     while [ "$1" != -- ]; do arguments+=("$1") && shift; done
@@ -114,8 +115,8 @@ flat() {
     echo "memory of 200 hosts, 1,000 subjects: 0.2 million packets $once KB, 2 million $peak KB"
 }
 
-# added WHAT ARGUMENTS -- NAME OPTIONS... -- MORE...: what 200,000 more of it add, by a capture that has
-# 20,000 and one that MORE options give 220,000.
+# added WHAT ARGUMENTS -- NAME OPTIONS... -- MORE...: the memory that each of 200,000 more WHAT
+# takes, from a capture with 20,000 of them and one to which the MORE options give 220,000.
 added() {
     local what=$1 few common=()
     shift
@@ -131,7 +132,7 @@ added() {
         "(20,000: $few KB, 220,000: $peak KB)"
 }
 
-# A report's copy included.
+# The figures include the copy for a report.
 record() {
     local subjects=(--hosts 100 --payload 200 --round-robin --count 20000 --subjects 20000)
     local pairs=(--hosts 100 --subjects 20000 --messages 8 --message-bytes 70 --payload 1400

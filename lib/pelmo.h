@@ -6,24 +6,25 @@
 //
 // The first open starts the library's threads: a timer thread, an IO thread, and a dispatcher on
 // the work queue; it makes the default queue, 1, and the intra-process transport, 10. Later opens
-// count. The last close ends every object: no callback starts afterwards, and one that runs sees
-// its event and queue ended behind it. The library can be opened again; ids go on counting.
+// only count. The last close ends every object: no callback starts afterwards, and a callback that
+// is running finds that its event and queue are gone. The library can be opened again; ids are not
+// used again until their counter wraps around.
 //
 // Environment, read at the first open: _PM_TRACING_MODULES lists the modules whose calls are
 // logged, separated by ",", each with "=" and a subject behind it where only messages on that
 // subject are wanted; _PM_TRACING_FILE names the file, "stderr" or "stdout" that the lines go to.
-// Settings that can't be followed leave tracing off.
+// Tracing stays off when these settings are invalid.
 //
-// Failure: kStatusInitFailed where the process' one-time set-up failed, then and ever after;
-// kStatusOsError for a thread that waited for another's set-up in vain; kStatusNoMemory; the status
-// of whatever couldn't be started. A failed open leaves nothing running. pelmo_Close on a closed
-// library answers kStatusNotInitialized.
+// Failure: kStatusInitFailed when the one-time set-up of the process failed, at that call and at
+// every later one; kStatusOsError for a thread that gave up waiting for another thread's set-up;
+// kStatusNoMemory; the status of whatever couldn't be started. A failed open leaves nothing
+// running. pelmo_Close on a closed library answers kStatusNotInitialized.
 //
-// Threads: any, but the process' first open comes ahead of all other use, that of messages
-// included. The library lock, outermost of the library's, is held throughout. The last close waits
-// for the callbacks that run on the library's own threads and on those of dispatchers, unless it is
-// one of them that closes. So a callback on one of the library's threads doesn't open or wait for
-// the close, where another thread may be closing: each would wait for the other.
+// Threads: any, but the first open of the process comes before all other use, that of messages
+// included. The library lock, the outermost lock of the library, is held throughout. The last close
+// waits for the callbacks that run on the library's own threads and on dispatcher threads, unless
+// it is called from one of them. So a callback on one of these threads must not open the library or
+// wait for a close while another thread may be closing it: the two would deadlock.
 
 #pragma once
 
@@ -44,10 +45,10 @@
 
 [[nodiscard]] pelmoStatus pelmo_Open();
 
-// Each successful open is matched by one close.
+// Each successful open needs one close.
 pelmoStatus pelmo_Close();
 
-// Constant, whatever the library's state.
+// The text is constant and can be read whether the library is open or not.
 [[nodiscard]] const char* pelmo_Version();
 
 // Returns once the library isn't open.

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The rules of the tree that no compiler checks. Quick: nothing is built. Prints what falls short.
+# Checks the rules of the tree that no compiler checks, without building anything. Prints what
+# breaks them.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 

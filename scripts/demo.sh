@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Sets up what is missing, builds the tool and lets it read a small capture of a bus.
+# Installs what is missing, builds the tool and reads a small capture of a bus with it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

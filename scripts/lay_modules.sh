@@ -20,7 +20,7 @@ has_modules() {
     for module in "${modules[@]}"; do [ -f "$1/$module" ] || return 1; done
 }
 
-# In one step, so that nobody ever meets half a library.
+# The rename is one step, so that no program finds half a library.
 copy_modules() {
     local module
     mkdir -p "$2"
@@ -44,8 +44,8 @@ cached_package() {
     [ -n "$newest" ] && echo "$newest"
 }
 
-# The machine's own mirrors, "URI SUITE" a line: what serves this release serves the one before, and
-# the security updates of either lie together. These come first: their index is small.
+# Prints the machine's own mirrors, one "URI SUITE" per line: they have the release before this one
+# too, and the security updates of both. Security mirrors come first, since their index is small.
 mirror_suites() {
     apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
         awk -v release="$release" '
@@ -55,9 +55,9 @@ mirror_suites() {
         sort -u | cut -d' ' -f2-
 }
 
-# An apt with folders of its own: the machine's lists, cache and settings of what to do after an
-# update stay out of it. The release is out of support, so its index may have run out; it is signed
-# all the same.
+# Runs apt with folders of its own, so that the machine's lists, cache and post-update hooks aren't
+# touched. The release is out of support, so its index may have expired; its signature is still
+# checked.
 private_apt() {
     local work=$1
     shift

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# package_test.sh: makes the Debian package of the release build and holds it to three things in a
-# fresh root: it installs with nothing but what it names, it reads a capture as the build does, and
-# a purge leaves nothing behind. Takes some minutes.
+# package_test.sh: makes the Debian package of the release build and tests three things in a fresh
+# root: it installs with its declared dependencies only, it reads a capture as the build does, and a
+# purge leaves nothing behind. Takes some minutes.
 #
-# Needs root, debootstrap and the mirror of the machine's own apt; without them it says so and ends
-# with status 77. All happens in a mount namespace, so that nothing stays mounted, whatever fails.
+# Needs root, debootstrap and the mirror of the machine's own apt; without them it reports what is
+# missing and ends with status 77. It runs in a mount namespace, so that nothing stays mounted,
+# whatever fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -26,7 +27,7 @@ clean_up() {
 }
 trap clean_up EXIT
 
-# The machine's own, of its own release.
+# The machine's own mirror for its own release.
 mirror() {
     apt-get indextargets --format '$(REPO_URI) $(CODENAME) $(COMPONENT)' 'Created-By: Packages' |
         awk -v release="$1" '$2 == release && $3 == "main" { print $1; exit }'
@@ -44,12 +45,12 @@ make_root() {
 
 inside() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"; }
 
-# All that lies in the root, less what apt and dpkg write down of any package.
+# Lists all files of the root except the records that apt and dpkg keep of any package.
 files() { (cd "$root" && find . -xdev -path ./proc -prune -o -path ./sys -prune -o \
     -path ./var/cache -prune -o -path ./var/log -prune -o -path ./var/lib/apt -prune -o \
     -path ./var/lib/dpkg -prune -o -path ./tmp -prune -o -path ./etc/ld.so.cache -prune -o -print | sort); }
 
-# read_sample REPORT COMMAND...: what the command reports, its log only where it fails.
+# read_sample REPORT COMMAND...: writes the command's report, and its log only if it fails.
 read_sample() {
     local report=$1
     shift

@@ -1,20 +1,21 @@
 #!/usr/bin/env python3
-"""plant_faults.py [--list] [--tree REV] [--out FILE] [NAME ...]: do the tests notice?
+"""plant_faults.py [--list] [--tree REV] [--out FILE] [NAME ...]: checks that the tests notice faults.
 
 Plants the faults of faults.txt one after the other in a copy of the tree, each a change of one line,
-and runs the tests that have to notice it, those of its folder and the whole-program cases. Names pick
-faults by their own name or by a piece of their source's path; none picks all.
+and runs the tests that must notice it, those of its folder and the whole-program cases. A NAME selects
+faults by their own name or by a part of their source's path; without names all are planted.
 
-A fault is caught where a test fails, crashes or hangs. Ends with status 1 if one was missed that
-faults.txt doesn't mark so, if one that it does was caught, or if the copy's own tests fail. A fault
-whose line is no longer there exactly once is stale: give it a new line that breaks the same rule.
+A fault is caught where a test fails, crashes or hangs. Ends with status 1 if a fault was missed
+that faults.txt doesn't mark as missed, if one so marked was caught, or if the tests of the copy fail
+without a fault. A fault whose line is no longer there exactly once is stale: give it a new line that
+breaks the same rule.
 
-    --list      only tells which faults are stale
-    --tree REV  judges the tests and sources of that revision and not the tree as it lies here
-    --out FILE  writes a line for each fault: its name, the verdict, and what noticed
+    --list      only lists the stale faults
+    --tree REV  uses the tests and sources of that revision in place of the working tree
+    --out FILE  writes a line for each fault: its name, the verdict, and the tests that noticed
 
-The copy and its build stay in build/faults, so that the next run begins where this one ended. Some
-five seconds a fault; the first run builds all.
+The copy and its build stay in build/faults for the next run. A fault takes some five seconds; the
+first run builds everything.
 """
 import argparse
 import io
@@ -32,30 +33,30 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 COPY = ROOT / "build" / "faults" / "tree"
 BUILD = ROOT / "build" / "faults" / "build"
 TABLE = ROOT / "scripts" / "faults.txt"
-MEMORY_BYTES = 8 << 30  # for a fault that allocates without end
-OUTPUT_BYTES = 5 << 30  # or writes; the tests have sparse files of 4 GB
+MEMORY_BYTES = 8 << 30  # a limit for faults that allocate without end
+OUTPUT_BYTES = 5 << 30  # and for those that write; the tests have sparse files of 4 GB
 LEAST_SECONDS = 10
-TIMES_USUAL = 5  # what takes so many times the time of a sound tree hangs
+TIMES_USUAL = 5  # a test hangs after so many times its usual time
 LINE = re.compile(r"(?P<name>\S+)\s+(?P<source>\S+\.(?:cc|h))(?P<missed>\s+missed)?")
 
 
 class Fault:
-    """A row of the table: `old`, which stands in the source once, becomes `new`."""
+    """A row of the table: `old`, which is in the source exactly once, becomes `new`."""
 
     def __init__(self, name, source, missed):
         self.name, self.source, self.missed = name, source, missed
         self.old = self.new = ""
 
     def path(self):
-        """The source that the row's path ends; None where it is gone or has a namesake."""
+        """The source whose path ends in the row's path; None when it is missing or not unique."""
         found = [path for top in ("lib", "trace", "tools")
                  for path in (COPY / top).rglob(pathlib.Path(self.source).name)
                  if path.as_posix().endswith("/" + self.source)]
         return found[0] if len(found) == 1 else None
 
     def planted(self, text):
-        """The source with the fault in; None where its line isn't there exactly once. Blanks and
-        line breaks don't count, so that formatting makes no row stale."""
+        """The source with the fault; None when its line isn't there exactly once. Blanks and line
+        breaks don't matter, so that formatting makes no row stale."""
         pattern = r"\s+".join(re.escape(word) for word in self.old.split())
         changed, count = re.subn(pattern, lambda _: self.new, text)
         return changed if count == 1 else None
@@ -97,7 +98,7 @@ def tree_files(revision):
 
 
 def copy_tree(revision):
-    """Writes only what differs, so that only that is built again."""
+    """Writes only files that differ, so that only these are built again."""
     files = tree_files(revision)
     for name, data in files.items():
         target = COPY / name
@@ -132,14 +133,14 @@ def limits():
 
 
 class Judge:
-    """A command that fails where its tests notice a fault, and what has to be built for it."""
+    """A command that fails when its tests notice a fault, and the targets that it needs."""
 
     def __init__(self, targets, command, failure):
         self.targets, self.command, self.failure = targets, command, failure
-        self.seconds = 600.0  # until a sound tree has shown what it takes
+        self.seconds = 600.0  # until its usual time was measured on a tree without faults
 
     def notices(self):
-        """What failed, in words; none where all is well."""
+        """What failed, in words; empty when nothing did."""
         with open(BUILD / "judge.log", "w+b") as log:
             process = subprocess.Popen(self.command, cwd=BUILD, stdin=subprocess.DEVNULL, stdout=log,
                                        stderr=subprocess.STDOUT, preexec_fn=limits,
@@ -183,7 +184,7 @@ def make_judges():
 
 def judges_of(judges, path):
     """The tests of the folder that the source stands in, those of all public calls, and the cases:
-    first who is likely to tell."""
+    the ones most likely to notice come first."""
     parts = path.relative_to(COPY).parts
     if parts[0] == "tools":
         return [judges["tools"]]

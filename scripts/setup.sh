@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# setup.sh [--long]: brings a fresh Debian 12 to where the tree builds and runs: the packages that are
-# missing, and the two modules beside the built program. With --long also what only the long tests
-# need. Run again, it finds all in place and asks apt nothing.
+# setup.sh [--long]: prepares a fresh Debian 12 to build and run the tree: it installs the missing
+# packages and puts the two modules beside the built program. With --long it also installs what only
+# the long tests need. A second run finds all in place and doesn't call apt.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

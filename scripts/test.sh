@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # test.sh [--long]: sets up what is missing, builds, and runs every test: under the sanitizers, the
 # fuzz targets for a few seconds each, the checks of lock annotations, and at last the release
-# build, whose count ends the output. With --long each fuzz target has a minute, and a live run of ten
-# minutes and the package in a fresh root come ahead of that count.
+# build, whose count of tests is the last output. With --long each fuzz target runs for a minute,
+# and a live run of ten minutes and the package in a fresh root are tested before that.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,7 +15,7 @@ case "${1:-}" in
 esac
 
 jobs=$(nproc)
-# Where threads meet. The preset keeps assertions, so that the ranks of locks are checked as well.
+# The suites with threads. The preset keeps assertions, so that lock ranks are checked as well.
 threaded_suites=(base_tests msg_tests runtime_tests transport_tests pelmo_tests trace_tests)
 export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=0:detect_stack_use_after_return=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}

@@ -3,8 +3,8 @@
 # BASE, those not committed included, or on all. A changed header is checked through its own source,
 # or else through the first one that includes it.
 #
-# BASE is by default where this branch left main; on main itself, the commit before. A checkout without
-# history has neither: what isn't committed is checked, and a line says so.
+# BASE is by default the merge base with main; on main itself, the commit before. A checkout without
+# history has neither: then only what isn't committed is checked, and a line says so.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

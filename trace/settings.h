@@ -1,9 +1,9 @@
-// The settings of a run: filled once from the command line, read by everyone, changed by nobody
-// after start-up. Two exceptions, both during start-up: the rotation settings become a limit and a
-// count, and "-no-display" clears the display switches.
+// The settings of a run: filled once from the command line, read everywhere, never changed after
+// start-up. Two are changed during start-up: the rotation settings become a limit and a count, and
+// "-no-display" clears the display switches.
 //
-// Ownership: texts are the argument strings themselves and outlive the process's `main`; only
-// `filterText`, when it is built from the lists, and a resolved `writeFile` are the settings' own.
+// Ownership: texts are the argument strings themselves, which last as long as the process; only
+// `filterText`, when it is built from the lists, and a resolved `writeFile` belong to the settings.
 
 #pragma once
 
@@ -23,16 +23,16 @@ enum RotationOption : uint32_t {
 
 struct TraceSettings {
     // What to capture.
-    const char* interfaceName = nullptr;  // none: the default device
+    const char* interfaceName = nullptr;  // null: the default device
     std::vector<const char*> srcAddrs;    // source addresses of the filter, as typed
     std::vector<const char*> dstAddrs;
     std::vector<const char*> ports;
     const char* filterText = nullptr;  // given, or built from the lists
-    std::string builtFilter;           // what `filterText` shows when it was built
+    std::string builtFilter;           // what `filterText` points to when it was built
     const char* readFile = nullptr;
     bool liveCapture = true;
     const char* writeFile = nullptr;
-    std::string resolvedWriteFile;  // what `writeFile` shows once it was resolved
+    std::string resolvedWriteFile;  // what `writeFile` points to once it was resolved
 
     // What to show.
     uint32_t updateInterval = 10;  // seconds
@@ -45,13 +45,13 @@ struct TraceSettings {
     bool displayHostMsgs = false;
     bool complain = false;  // log each fault of a packet
 
-    // What to count beyond what is always counted: the senders of each subject. Whoever reads them
-    // from Snapshots asks for it; "-addrinfo" does.
+    // Whether to count the senders of each subject. Output that reads them from Snapshots must set
+    // it, as "-addrinfo" does.
     bool countSenders = false;
 
     // How to run.
     bool foreground = false;
-    bool snmp = false;  // accepted, without effect
+    bool snmp = false;  // accepted without effect
 
     // Where the log goes, and when it and the capture file rotate.
     const char* logFile = nullptr;

@@ -1,5 +1,5 @@
-// The last close. Callbacks may be under way on threads of the library's users: what they use is
-// ended only behind them, which is why events go when the last queue has.
+// The last close. Callbacks may be running on threads of the application. What they use is
+// destroyed only after they have returned, so events are destroyed when the last queue is gone.
 
 #include <utility>
 
@@ -18,14 +18,15 @@ namespace {
 
 constexpr uint32_t kListedIds = 32;
 
-// The last first, as later objects stand on earlier ones. Leaves the list empty.
+// Destroys in reverse order, since later objects may depend on earlier ones. The list is empty
+// afterwards.
 template <typename Destroy>
 void destroyListed(Dpa& ids, Destroy destroy) {
     while (ids.count > 0)
         destroy(idFromItem(ids.items[--ids.count]));
 }
 
-// Each type in turn, in one list. Whatever found no room in it stays.
+// Destroys all objects of a type. An object for which the list has no room is left alone.
 template <typename Destroy>
 void destroyAll(IdType type, Dpa& ids, Destroy destroy) {
     (void)idTableList(type, &ids);
@@ -40,7 +41,7 @@ void countQueueLocked() PELMO_REQUIRES(library.lock) {
     dpaDestroy(events);
 }
 
-// On whichever thread ends the last callback of a queue.
+// The queue's completion. It runs on the thread that finishes the last callback of the queue.
 void onQueueGone(uint32_t, void*) {
     const LockGuard guard(library.lock);
     countQueueLocked();
@@ -50,7 +51,7 @@ void endQueuesLocked(Dpa& ids) PELMO_REQUIRES(library.lock) {
     (void)idTableList(IdType::kQueue, &ids);
     library.closingQueues += ids.count + 1;
     destroyListed(ids, [](uint32_t queue) {
-        // One that its owner has just destroyed won't call back.
+        // A queue that its owner has just destroyed doesn't call the completion.
         const pelmoStatus status = pelmoQueue_DestroyEx(queue, onQueueGone, nullptr);
         if (status != kStatusSuccess) onQueueGone(queue, nullptr);
     });
@@ -66,8 +67,8 @@ void endObjectsLocked(Dpa& ids) PELMO_REQUIRES(library.lock) {
     (void)idTableList(IdType::kDispatcher, &ids);
 }
 
-// Null where memory ran out: then users' objects stay as they are, but the library's own aren't in
-// the way of the next open.
+// Null when memory ran out: the application's objects are then left as they are, and only the
+// library's own are destroyed, so that the next open can make them again.
 Dpa* endAllLocked() PELMO_REQUIRES(library.lock) {
     if (library.closingEvents == nullptr) library.closingEvents = dpaCreate(kListedIds);
     Dpa* const ids = library.closingEvents != nullptr ? dpaCreate(kListedIds) : nullptr;
@@ -81,7 +82,7 @@ Dpa* endAllLocked() PELMO_REQUIRES(library.lock) {
     return ids;
 }
 
-// What is left to do once the lock is free.
+// What the close does after it has released the lock.
 struct Leftover {
     Dpa* dispatchers;
     uint32_t workDispatcher;
@@ -99,7 +100,8 @@ Leftover closeLocked() PELMO_REQUIRES(library.lock) {
     return leftover;
 }
 
-// Joins their threads. One may be inside a callback that waits for the library lock.
+// Joins the dispatchers' threads. The lock must be free: a callback on such a thread may be waiting
+// for it.
 void endDispatchers(const Leftover& leftover) {
     pelmoDispatcher_Destroy(leftover.workDispatcher);
     if (leftover.dispatchers == nullptr) return;

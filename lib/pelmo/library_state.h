@@ -1,4 +1,4 @@
-// What the library keeps of itself between opens and closes. For the files of this folder.
+// The library's own state across opens and closes. Only the files of this folder use it.
 
 #pragma once
 
@@ -11,36 +11,37 @@
 struct Dpa;
 
 struct LibraryState {
-    // Outermost of the library's locks. Recursive: a queue that ends within the close calls back
-    // into it.
+    // The outermost lock of the library. It is recursive, since the completion of a queue that ends
+    // during the close takes it again.
     Lock lock = PELMO_LOCK_READY(LockRank::kLibrary);
 
-    // Constant behind the set-up's gate.
+    // Constant once the one-time set-up has run.
     bool setUpDone = false;  // stays false where the set-up failed
     Cond closedCond = {};    // broadcast at the end of the last close
 
     bool tablesReady PELMO_GUARDED_BY(lock) = false;
-    uint32_t openCount PELMO_GUARDED_BY(lock) = 0;   // opens without their close
+    uint32_t openCount PELMO_GUARDED_BY(lock) = 0;   // opens not yet matched by a close
     uint32_t closeCount PELMO_GUARDED_BY(lock) = 0;  // last closes so far; wraps around
     uint32_t workDispatcher PELMO_GUARDED_BY(lock) = 0;
 
-    // Queues that a close has destroyed and whose last callback is awaited, and one for the close
-    // itself while it counts them.
+    // The number of queues that a close has destroyed and whose last callback hasn't returned, plus
+    // one while the close is still counting them.
     uint32_t closingQueues PELMO_GUARDED_BY(lock) = 0;
 
-    // Ids of events that end with the last of these queues; null: none.
+    // Ids of the events that are destroyed after the last of these queues; null when there are
+    // none.
     Dpa* closingEvents PELMO_GUARDED_BY(lock) = nullptr;
 };
 
 extern constinit LibraryState library;
 
-// Once for the process. kStatusInitFailed where it failed, kStatusOsError for a caller that waited
-// for another's in vain.
+// Runs once per process. kStatusInitFailed when it failed, kStatusOsError for a caller that gave up
+// waiting for another thread's set-up.
 [[nodiscard]] pelmoStatus processSetUp();
 
-// Id tables and the pools of buffers and messages; they stay over closes. kStatusNoMemory, and none
-// of them stands.
+// Makes the id tables and the pools of buffers and messages, which outlive every close. On
+// kStatusNoMemory none of them exists.
 [[nodiscard]] pelmoStatus processTablesLocked() PELMO_REQUIRES(library.lock);
 
-// Ends what an open has made for the library itself, and doesn't mind what isn't there.
+// Ends what an open has made for the library itself. Missing parts are skipped.
 void fixedObjectsEndLocked() PELMO_REQUIRES(library.lock);

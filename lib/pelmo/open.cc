@@ -24,7 +24,7 @@ pelmoStatus makeQueue(uint32_t id, const char* name) {
     return Queue_Create(nullptr, id, name, kNameIsConstant, kForDispatch);
 }
 
-// The first failure ends it; what stands by then is the caller's to end.
+// Stops at the first failure. The caller ends what was started by then.
 pelmoStatus fixedObjectsMakeLocked() PELMO_REQUIRES(library.lock) {
     pelmoStatus status = makeQueue(kDefaultQueueId, "Default Queue");
     if (status == kStatusSuccess) status = Transport_CreateIntraProcess();
@@ -34,8 +34,8 @@ pelmoStatus fixedObjectsMakeLocked() PELMO_REQUIRES(library.lock) {
     return pelmoDispatcher_CreateEx(&library.workDispatcher, kWorkQueueId, kWithoutLimit);
 }
 
-// Settings that can't be followed are no reason to refuse an open, nor is a machine that has no
-// sockets: timers and listeners work all the same.
+// Neither invalid settings nor a machine without sockets make an open fail: timers and listeners
+// work without them.
 pelmoStatus openFirstLocked() PELMO_REQUIRES(library.lock) {
     pelmoStatus status = processTablesLocked();
     if (status != kStatusSuccess) return status;
@@ -60,7 +60,8 @@ pelmoStatus openAgainLocked() PELMO_REQUIRES(library.lock) {
     return kStatusSuccess;
 }
 
-// A close without memory can't stop the timers in order: what is left of them goes first.
+// A close that ran out of memory can't stop the timers in order, so the open first removes what is
+// left of them.
 pelmoStatus startReclaim() {
     const pelmoStatus status = poolStartReclaim(kTimerQueueId);
     if (status != kStatusNotPermitted) return status;
@@ -93,7 +94,7 @@ const char* pelmo_Version() {
 void pelmo_WaitClosed() {
     if (!libraryIsOpen()) return;
     const LockGuard guard(library.lock);
-    // Another open may come before this thread gets the lock back.
+    // Another thread may open the library before this one gets the lock back.
     const uint32_t closeCount = library.closeCount;
     while (libraryIsOpen() && library.closeCount == closeCount) {
         Cond_Wait(&library.closedCond, &library.lock);

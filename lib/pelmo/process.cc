@@ -1,4 +1,4 @@
-// What stands once per process, under all opens of the library.
+// The one-time set-up of the process, which all opens of the library share.
 
 #include "lib/base/once.h"
 #include "lib/base/thread.h"

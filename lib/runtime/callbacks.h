@@ -1,5 +1,5 @@
-// What applications hand to the runtime to be called: on a thread that dispatches, with no lock of
-// the library held.
+// The types of the functions that the runtime calls for applications. They run on a thread that
+// dispatches, with no lock of the library held.
 
 #pragma once
 
@@ -7,17 +7,18 @@
 
 struct pelmoMsg;
 
-// The message is the library's and ends with the call, unless the callback detaches it.
+// The message belongs to the library and is released after the call unless the callback detaches
+// it.
 using pelmoEventCallback = void (*)(uint32_t event, pelmoMsg* msg, void* closure);
 
-// At most kMostBatchMessages; the closure of each stands in the message.
+// At most kMostBatchMessages; each message carries its closure.
 using pelmoVectorCallback = void (*)(pelmoMsg** messages, uint32_t count);
 inline constexpr uint32_t kMostBatchMessages = 128;
 
-// Runs once, when no callback of the event can run any more.
+// The completion runs once, when no callback of the event can run any more.
 using pelmoEventCompletion = void (*)(uint32_t event, void* closure);
 using pelmoQueueCompletion = void (*)(uint32_t queue, void* closure);
 
-// Tells a foreign event loop that something was posted. Runs on the posting thread, which may be in
-// the midst of a delivery: what a hook may not do stands in queue.h.
+// Tells a foreign event loop that something was posted. The hook runs on the posting thread,
+// possibly in the middle of a delivery; queue.h says what it must not do.
 using pelmoQueueHook = void (*)(uint32_t queue, void* closure);

@@ -14,8 +14,8 @@
 
 namespace {
 
-// What one step runs. Owns a reference to each event, which stands once for each time that it was
-// met anew, and the ring's reference to each message.
+// What one step runs. It owns the ring's reference to each message and a reference to each event;
+// an event is listed once for each run of its entries.
 struct Batch {
     uint32_t messageCount = 0;
     uint32_t eventCount = 0;
@@ -23,8 +23,9 @@ struct Batch {
     Event* events[kMostBatchMessages];
 };
 
-// Under both locks: makes `ready` hold what there is. A condition remembers several posts as one
-// signal, which wakes one thread: whoever leaves entries behind wakes the next.
+// Fills `ready` from `pending` if it is empty; both locks are held. Several posts may have been
+// merged into one signal, which wakes one thread, so a dispatch that leaves entries behind wakes
+// the next thread.
 bool takePendingLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock, queue->dataLock) {
     if (queue->ready->count == 0) std::swap(queue->pending, queue->ready);
     const bool leavesSome = queue->ready->count + queue->pending->count > 1;
@@ -32,7 +33,8 @@ bool takePendingLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock, queue->d
     return queue->ready->count != 0;
 }
 
-// Under the object lock. On success the data lock is held, with or without entries.
+// Called with the object lock held. On success the data lock is held too, whether there are entries
+// or not.
 pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) PELMO_UNCHECKED_LOCKING {
     DispatchWait wait{seconds};
     pelmoStatus status = kStatusSuccess;
@@ -51,7 +53,7 @@ pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) PELMO_UNCHECKED_LOC
     return seconds == 0 ? kStatusTimeout : status;
 }
 
-// On success the data lock is held, and the queue valid. Entries of `ready` are to be had without
+// On success the data lock is held and the queue is valid. Entries of `ready` can be taken without
 // the lock that posters need.
 pelmoStatus enterWithEntries(Queue* queue, double seconds) PELMO_UNCHECKED_LOCKING {
     Lock_Enter(&queue->dataLock);
@@ -72,8 +74,8 @@ pelmoMsg* frontEntry(const EntryRing* ring) {
     return static_cast<pelmoMsg*>(ring->slots[EntryRing_Slot(ring, 0)]);
 }
 
-// False, holding nothing, where the entry's event is gone. Destroying an event takes the data lock:
-// one that is valid here stays so while this is held.
+// False, with nothing held, when the entry's event is gone. Destroying an event takes the data
+// lock, so an event that is valid here stays valid while that lock is held.
 bool eventOfEntry(const pelmoMsg* entry, Held<Event>& event) {
     if (event.find(entry->deliveryEvent) != kStatusSuccess) return false;
     if (!Id_IsInvalid(&event->header)) return true;
@@ -109,7 +111,7 @@ bool shareBatches(const Event* event, const Event* other) {
            event->listener.transportId == other->listener.transportId;
 }
 
-// Entries that follow the first in a row and may come with it.
+// Adds the entries that directly follow the first one and may share its batch.
 void fillBatchLocked(Batch& batch, Queue* queue, DispatchBatch kind)
     PELMO_REQUIRES(queue->dataLock) {
     const Event* const first = batch.events[0];
@@ -131,9 +133,9 @@ void fillBatchLocked(Batch& batch, Queue* queue, DispatchBatch kind)
     }
 }
 
-// From here until finishBatch those who destroy the queue or an event leave their completions to
-// this dispatch. All events of a batch are of its queue, whose data lock guards their counts: that
-// the checker can't know, here and in the count down.
+// From here until finishBatch, a destroy of the queue or of an event leaves its completion to this
+// dispatch. All events of a batch belong to its queue, whose data lock guards their counts; the
+// lock checker can't know that, neither here nor in countDownLocked.
 void countDispatchLocked(const Batch& batch, Queue* queue) PELMO_UNCHECKED_LOCKING {
     ++queue->dispatching;
     for (uint32_t i = 0; i < batch.eventCount; ++i)
@@ -161,7 +163,7 @@ void callPlain(const Batch& batch) {
     event->callback(event->header.id, message, event->closure);
 }
 
-// The callback gets an array of its own: it may do with it as it likes.
+// The callback gets a copy of the array, which it may change.
 void callVector(const Batch& batch) {
     const Event* const event = batch.events[0];
     pelmoMsg* passed[kMostBatchMessages];
@@ -175,7 +177,7 @@ void callVector(const Batch& batch) {
 void callBack(const Batch& batch) {
     Event* const event = batch.events[0];
     if (event->kind == kEventListener && event->listener.transportId == kNoId) return;
-    if (event->kind == kEventTimer) (void)Timer_Insert(event);  // refused for one destroyed
+    if (event->kind == kEventTimer) (void)Timer_Insert(event);  // fails for a destroyed timer
     if (event->listener.vectorCallback != nullptr) {
         callVector(batch);
     } else {
@@ -189,7 +191,8 @@ pelmoEventCompletion countDownLocked(Event* event) PELMO_UNCHECKED_LOCKING {
     return std::exchange(event->completion, nullptr);
 }
 
-// Takes the dispatch off the counts, and runs with no lock held what waited for that.
+// Removes the dispatch from the counts and then, with no lock held, runs the completions that
+// waited for it.
 void finishBatch(const Batch& batch, Queue* queue) {
     pelmoEventCompletion completions[kMostBatchMessages];
     pelmoQueueCompletion queueCompletion = nullptr;
@@ -210,7 +213,7 @@ void finishBatch(const Batch& batch, Queue* queue) {
     if (queueCompletion != nullptr) queueCompletion(queue->header.id, queueClosure);
 }
 
-// A message that the callback detached lives on by the reference that this gave.
+// A message that the callback detached stays alive: detaching took a reference of its own.
 void releaseBatch(const Batch& batch) {
     for (uint32_t i = 0; i < batch.messageCount; ++i)
         msgRelease(batch.messages[i]);
@@ -255,7 +258,7 @@ pelmoStatus pelmoQueue_TimedDispatch(uint32_t queue, double seconds) {
     return dispatchById(queue, seconds, DispatchBatch::kMixedEvents);
 }
 
-// Traced as the plain call.
+// The trace line is that of the plain call.
 pelmoStatus pelmoQueue_TimedDispatchSingle(uint32_t queue, double seconds) {
     traceLine(kTraceDispatch, "pelmoQueue_TimedDispatch(%u, %f)", queue, seconds);
     if (!libraryIsOpen()) return kStatusNotInitialized;

@@ -1,4 +1,4 @@
-// The dispatch of a queue group; that of a queue stands in dispatch.cc.
+// The dispatch of a queue group. dispatch.cc has that of a single queue.
 
 #include <utility>
 
@@ -17,7 +17,7 @@ uint32_t queueAtLocked(const QueueGroup* group, uint32_t place) PELMO_REQUIRES(g
     return idFromItem(group->queues->items[place]);
 }
 
-// Entries of all queues. Ids that are gone leave the group on the way.
+// Counts the entries of all queues. Ids of destroyed queues are removed from the group on the way.
 uint64_t countEntriesLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock) {
     uint64_t total = 0;
     for (uint32_t place = 0; place < group->queues->count;) {
@@ -33,7 +33,8 @@ uint64_t countEntriesLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock
     return total;
 }
 
-// Several posts may have left one signal: whoever leaves entries behind wakes the next.
+// Several posts may have been merged into one signal, so a thread that leaves entries behind wakes
+// the next one.
 bool hasEntriesLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock) {
     const uint64_t total = countEntriesLocked(group);
     if (total > 1 && group->cond.waiters.load(std::memory_order_relaxed) > 0) {
@@ -62,7 +63,7 @@ bool isOfPriority(uint32_t id, uint32_t priority) {
     return queue.findLocked(id) == kStatusSuccess && queue->priority == priority;
 }
 
-// Behind all others of its priority, so that they take turns.
+// Moves the queue behind all others of its priority, so that they take turns.
 void rotateLocked(QueueGroup* group, uint32_t place, uint32_t priority)
     PELMO_REQUIRES(group->header.lock) {
     void** const items = group->queues->items;
@@ -72,7 +73,7 @@ void rotateLocked(QueueGroup* group, uint32_t place, uint32_t priority)
     }
 }
 
-// False, holding nothing, where none has entries.
+// False, with nothing held, when no queue has entries.
 bool takeQueueLocked(QueueGroup* group, Held<Queue>& queue) PELMO_REQUIRES(group->header.lock) {
     for (uint32_t place = 0; place < group->queues->count; ++place) {
         if (queue.findLocked(queueAtLocked(group, place)) != kStatusSuccess) continue;
@@ -97,7 +98,7 @@ pelmoStatus dispatchById(uint32_t id, double seconds) {
     Held<Queue> queue;
     if (!takeQueueLocked(group.get(), queue)) return kStatusSuccess;
     group.leave();
-    // Another thread may have been quicker, or the queue be gone: the step was taken all the same.
+    // The queue may be empty or destroyed by now; this still counts as a step.
     (void)Queue_Dispatch(queue.get(), 0.0, DispatchBatch::kMixedEvents);
     return kStatusSuccess;
 }

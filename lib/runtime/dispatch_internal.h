@@ -1,5 +1,5 @@
-// Dispatch for the library's own floors. The calls for applications, and what a step is, stand in
-// lib/runtime/dispatch.h.
+// Dispatch for the library's own floors. lib/runtime/dispatch.h has the calls for applications and
+// says what a step is.
 
 #pragma once
 
@@ -12,11 +12,11 @@ struct Queue;
 
 enum class DispatchBatch { kOneEvent, kMixedEvents };
 
-// The caller holds a reference, no lock. The open flag is looked at after a wait alone, so that the
+// The caller holds a reference and no lock. The open flag is tested only after a wait, so that the
 // event manager can dispatch while the library opens.
 [[nodiscard]] pelmoStatus Queue_Dispatch(Queue* queue, double seconds, DispatchBatch batch);
 
-// What the public calls do, traced as they are, but for the look at the open flag: a dispatcher's
-// thread may begin while the library opens.
+// Like the public calls, trace lines included, but without the test of the open flag: a
+// dispatcher's thread may start while the library opens.
 [[nodiscard]] pelmoStatus Queue_DispatchId(uint32_t queue, double seconds);
 [[nodiscard]] pelmoStatus QueueGroup_DispatchId(uint32_t group, double seconds);

@@ -1,9 +1,9 @@
-// How a dispatch waits, on a queue or on a group: what their loops share.
+// The wait that the dispatch loops of queues and of groups share.
 //
-// A wait with a limit is exact where nothing wakes the thread. From the first stray wake-up on, the
+// A wait with a limit is exact when nothing wakes the thread. From the first stray wake-up on, the
 // time between it and the latest one counts against the limit.
 //
-// Threads: a DispatchWait belongs to its thread.
+// Threads: a DispatchWait is used by one thread.
 
 #pragma once
 
@@ -16,22 +16,22 @@ struct Cond;
 struct IdHeader;
 
 struct DispatchWait {
-    double seconds;      // as all timed calls take it
-    uint32_t wakes = 0;  // that gave nothing
+    double seconds;      // as in all timed calls (lib/runtime/dispatch.h)
+    uint32_t wakes = 0;  // stray wake-ups so far
     double firstWake = 0;
     double lastWake = 0;
 };
 
-// One sleep with the object's lock held; the caller then looks at what it waits for. kStatusTimeout
-// once the time is up, and at once where none was given.
+// Sleeps once; the object's lock is held on entry and return. The caller then tests its condition.
+// kStatusTimeout once the time is up, at once for a limit of 0.
 [[nodiscard]] pelmoStatus dispatchWaitStep(DispatchWait& wait, IdHeader* object, Cond* cond);
 
-// The calling thread's waits on the queue or group of that id end as soon as the word holds the id.
+// From now on the calling thread's waits on a queue or group end as soon as `*word` holds its id.
 // Null: nothing ends them.
 void dispatchSetStopWord(const std::atomic<uint32_t>* word);
 [[nodiscard]] const std::atomic<uint32_t>* dispatchStopWord();
 
-// Has the calling thread's dispatcher been told to end while it waits on that queue or group? To be
-// asked with the object's lock held, which the one who tells holds too: so the wake-up that follows
-// can't fall between the question and the sleep.
+// Was the calling thread's dispatcher asked to stop while it waits on that queue or group? The
+// caller holds the object's lock, and so does the thread that asks for the stop: its wake-up can't
+// fall between this test and the sleep.
 [[nodiscard]] bool dispatchToldToStop(uint32_t id);

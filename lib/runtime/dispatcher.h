@@ -1,7 +1,7 @@
 // Dispatchers: threads that do nothing but dispatch one queue or queue group.
 //
-// A dispatcher's thread goes on until a dispatch answers anything but success: with a finite time
-// also at the first time-out. It then tells of its end by the advisory
+// A dispatcher's thread runs until a dispatch answers anything but success, which with a finite
+// time includes the first time-out. It then reports its end by the advisory
 // "_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.<name>" with the fields "status" and "description".
 //
 // Failure: kStatusInvalidDispatcher for a bad id (kStatusInvalidQueue from GetName),
@@ -26,6 +26,6 @@
 pelmoStatus pelmoDispatcher_Destroy(uint32_t dispatcher);
 [[nodiscard]] pelmoStatus pelmoDispatcher_Join(uint32_t dispatcher);
 
-// The text is good until the name changes or the dispatcher goes. Setting copies.
+// The text is valid until the name changes or the dispatcher is destroyed. Setting copies the text.
 [[nodiscard]] pelmoStatus pelmoDispatcher_GetName(uint32_t dispatcher, const char** out);
 pelmoStatus pelmoDispatcher_SetName(uint32_t dispatcher, const char* name);

@@ -1,6 +1,5 @@
-// Events: a source of happenings, bound to a queue and a callback. There are timers, IO sources and
-// listeners on subjects; a firing ends as one entry on the queue, and the callback runs when a
-// thread dispatches it.
+// Events: timers, IO sources and listeners on subjects, each bound to a queue and a callback. Each
+// firing posts one entry to the queue, and the callback runs when a thread dispatches that entry.
 //
 //     uint32_t timer;
 //     if (pelmoEvent_CreateTimer(&timer, kDefaultQueueId, onTick, 1.0, nullptr) != kStatusSuccess)
@@ -8,19 +7,19 @@
 //     ...
 //     pelmoEvent_DestroyEx(timer, nullptr);
 //
-// Timers and IO events on ordinary queues fire once and are brought back by their dispatch: a queue
-// that nobody dispatches doesn't fill up with them, and a late dispatch loses firings.
+// Timers and IO events on ordinary queues fire once and are armed again by their dispatch: a queue
+// that no thread dispatches doesn't fill up with them, and a late dispatch loses firings.
 //
-// Ownership: an event belongs to its creator until it is destroyed. Closures and sockets stay the
-// caller's.
+// Ownership: an event belongs to its creator until it is destroyed. Closures and sockets belong to
+// the caller.
 //
-// Failure: kStatusNotInitialized while the library is closed. Creating then answers, in this order,
-// kStatusInvalidCallback for none, kStatusInvalidEvent for no output (for listeners the other way
-// round), kStatusInvalidInterval for a negative one or none at all (NaN), kStatusInvalidQueue,
-// kStatusInvalidIoSource, kStatusInvalidIoCondition, kStatusSocketLimit, kStatusNoMemory; listeners
-// add kStatusInvalidSubject and kStatusInvalidTransport. The others answer kStatusInvalidEvent for
-// a bad id or another kind, then kStatusInvalidArgument for no output. Outputs are written only on
-// success.
+// Failure: kStatusNotInitialized while the library is closed. Creating otherwise answers, in this
+// order of tests, kStatusInvalidCallback for a null callback, kStatusInvalidEvent for a null output
+// (listeners test these two the other way round), kStatusInvalidInterval for a negative interval or
+// NaN, kStatusInvalidQueue, kStatusInvalidIoSource, kStatusInvalidIoCondition, kStatusSocketLimit,
+// kStatusNoMemory; listeners add kStatusInvalidSubject and kStatusInvalidTransport. The others
+// answer kStatusInvalidEvent for a bad id or another kind, then kStatusInvalidArgument for a null
+// output. Outputs are written only on success.
 //
 // Threads: any.
 
@@ -36,14 +35,15 @@ enum EventKind : uint32_t { kEventTimer = 1, kEventIo = 2, kEventListener = 3 };
 
 enum IoCondition : uint32_t { kIoRead = 1, kIoWrite = 2, kIoException = 4 };
 
-// First due one interval from now. Interval 0 fires at every pass of the timer thread.
+// The timer is first due one interval from now. With interval 0 it fires at every pass of the timer
+// thread.
 [[nodiscard]] pelmoStatus pelmoEvent_CreateTimer(uint32_t* out,
                                                  uint32_t queue,
                                                  pelmoEventCallback callback,
                                                  double intervalSeconds,
                                                  void* closure);
 
-// One condition, of enum IoCondition, for each event.
+// Each event has one condition, of enum IoCondition.
 [[nodiscard]] pelmoStatus pelmoEvent_CreateIO(uint32_t* out,
                                               uint32_t queue,
                                               pelmoEventCallback callback,
@@ -58,8 +58,8 @@ enum IoCondition : uint32_t { kIoRead = 1, kIoWrite = 2, kIoException = 4 };
                                                     const char* subject,
                                                     void* closure);
 
-// Many messages in one call. Listeners of one group, by default those of one callback, share
-// batches.
+// The callback gets many messages in one call. Listeners of one group, by default those of one
+// callback, share batches.
 [[nodiscard]] pelmoStatus pelmoEvent_CreateVectorListener(uint32_t* out,
                                                           uint32_t queue,
                                                           pelmoVectorCallback callback,
@@ -74,31 +74,31 @@ enum IoCondition : uint32_t { kIoRead = 1, kIoWrite = 2, kIoException = 4 };
                                                             void* closure,
                                                             void* vectorGroup);
 
-// For a synchronous queue, read by pelmoQueue_Poll.
+// For a synchronous queue, whose messages pelmoQueue_Poll returns.
 [[nodiscard]] pelmoStatus _pelmoTransport_AddPolledListener(uint32_t* out,
                                                             uint32_t queue,
                                                             uint32_t transport,
                                                             const char* subject);
 
-// No callback starts afterwards; one that runs goes on. The completion may be null; it runs on this
-// thread if no callback is under way, else on the thread of the last one, after it. In each case no
-// wait has an IO event's socket any more: the completion may close it.
+// No callback starts afterwards; one that is running continues. The completion may be null. It runs
+// on this thread if no callback is running, else on the thread of the last callback, after it. In
+// each case no thread polls an IO event's socket any more, so the completion may close it.
 pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion);
 
-// Of any kind.
+// The next calls take an event of any kind.
 [[nodiscard]] pelmoStatus pelmoEvent_GetType(uint32_t event, uint32_t* out);
 [[nodiscard]] pelmoStatus pelmoEvent_GetQueue(uint32_t event, uint32_t* out);
 
-// Of one kind; kStatusInvalidEvent for the others.
+// The next calls take an event of one kind and answer kStatusInvalidEvent for the others.
 
-// The text is good while the event lives.
+// The text is valid while the event exists.
 [[nodiscard]] pelmoStatus pelmoEvent_GetListenerSubject(uint32_t event, const char** out);
 
-// kStatusInvalidTransport where it is gone.
+// kStatusInvalidTransport when the listener's transport is gone.
 [[nodiscard]] pelmoStatus pelmoEvent_GetListenerTransport(uint32_t event, uint32_t* out);
 [[nodiscard]] pelmoStatus pelmoEvent_GetTimerInterval(uint32_t event, double* out);
 
-// Counts from the call, not from the last firing.
+// The new interval counts from the call, not from the last firing.
 pelmoStatus pelmoEvent_ResetTimerInterval(uint32_t event, double intervalSeconds);
 [[nodiscard]] pelmoStatus pelmoEvent_GetIOSource(uint32_t event, int32_t* out);
 [[nodiscard]] pelmoStatus pelmoEvent_GetIOType(uint32_t event, uint32_t* out);

@@ -1,5 +1,5 @@
-// The event's record: what binds a source of happenings to a queue and a callback. The calls stand
-// in lib/runtime/event.h; posting, dispatch, event manager and transports work on the record.
+// The event's record, which binds an event's source to a queue and a callback. lib/runtime/event.h
+// has the calls; posting, dispatch, event manager and transports work on the record.
 //
 // Order of locks: the queue's object lock, its data lock, then the event's object lock. The event
 // manager's lock is never taken with an event's held.
@@ -19,13 +19,13 @@
 struct EntryRing;
 
 struct TimerPart {
-    // Seconds. Stored under the object lock, read under the event manager's.
+    // In seconds. Written under the object lock, read under the event manager's.
     std::atomic<double> interval;
 
     // Seconds since 1970 by the steady clock; changed only while the timer isn't armed.
     double nextExpiry PELMO_GUARDED_BY(evmLock);
 
-    uint32_t place PELMO_GUARDED_BY(evmLock);  // among the armed timers, from 1; 0: not armed
+    uint32_t place PELMO_GUARDED_BY(evmLock);  // in the timer heap, from 1; 0: not armed
 };
 
 struct IoPart {
@@ -36,7 +36,7 @@ struct IoPart {
     bool sourceValid PELMO_GUARDED_BY(evmLock);
     bool sourceChecked PELMO_GUARDED_BY(evmLock);
     bool hungUp PELMO_GUARDED_BY(
-        evmLock);  // the last pass met a hang-up or an error, and nothing that fires this event
+        evmLock);  // the last pass saw a hang-up or an error and nothing that fires this event
 };
 
 struct ListenerPart {
@@ -47,14 +47,14 @@ struct ListenerPart {
     pelmoVectorCallback vectorCallback;  // null but for kVector
     void* vectorGroup;  // groups listeners for one batch; for kinds other than kVector the callback
 
-    // 0 once the listener is cut off. Written under the object lock; atomic, because dispatch reads
-    // it without.
+    // 0 once the listener was removed from its transport. Written under the object lock; atomic,
+    // because dispatch reads it without the lock.
     std::atomic<uint32_t> transportId;
 
-    // The transport had inbound hooks at the last delivery. Written as above.
+    // Did the transport have inbound hooks at the last delivery? Written as above.
     std::atomic<bool> inboundHooks;
 
-    // Messages delivered that wait for a place on the queue; null once the listener is cut off.
+    // Delivered messages that wait for a place on the queue; null once the listener was removed.
     EntryRing* inbox;
 };
 
@@ -65,14 +65,15 @@ struct Event {
     // Constant after creation.
     EventKind kind;
     uint32_t queueId;
-    Queue* queue;  // counted: its data lock is there for as long as the event, whatever its id
+    Queue* queue;  // a counted reference, so that its data lock outlives the event, even if the
+                   // queue is destroyed
     pelmoEventCallback callback;  // null for a vector or polled listener
     void* closure;
 
-    uint32_t dispatchCount PELMO_GUARDED_BY(queue->dataLock);  // of this event, under way
+    uint32_t dispatchCount PELMO_GUARDED_BY(queue->dataLock);  // running dispatches of this event
     pelmoEventCompletion completion PELMO_GUARDED_BY(queue->dataLock);
 
-    // By kind; all zero for the others.
+    // One of these is used, by kind; the others are zeroed.
     TimerPart timer;
     IoPart io;
     ListenerPart listener;
@@ -80,26 +81,27 @@ struct Event {
 
 // For transports.
 
-// A record with one reference, the caller's, and no id. Takes the queue's over. kStatusNoMemory.
+// Makes a record with one reference, the caller's, and no id. It takes over the reference to the
+// queue. kStatusNoMemory.
 [[nodiscard]] pelmoStatus Event_New(Held<Event>& out, EventKind kind, Held<Queue>& queue);
 
-// The event of that id, held, if it is of that kind; kStatusInvalidEvent for none.
+// Finds the event of that id and kind and holds it; kStatusInvalidEvent when there is none.
 inline constexpr uint32_t kAnyKind = 0;
 [[nodiscard]] pelmoStatus Event_Find(Held<Event>& event, uint32_t id, uint32_t kind);
 
-// A listener's record, initialised and without an id: one reference, which the caller holds. Its
-// inbox has room as told, a power of two. kStatusInvalidQueue, kStatusNoMemory.
+// Makes a listener's record without an id; the caller holds its one reference. The capacity of its
+// inbox is a power of two. kStatusInvalidQueue, kStatusNoMemory.
 [[nodiscard]] pelmoStatus Event_NewListener(Event** out,
                                             const ListenerRequest& request,
                                             bool isInbox,
                                             uint32_t inboxCapacity);
 
-// Look-ups of events for entries in a row: one for each run of the same id.
+// Looks events up for consecutive entries, once for each run of the same id.
 struct EventRun {
-    Held<Event> event;  // holds nothing where there is none of that id
+    Held<Event> event;  // empty when the id has no event
     uint32_t id = kNoId;
 
-    // Null for an event that is gone; else good until the next call.
+    // Null for an event that is gone; otherwise valid until the next call.
     [[nodiscard]] Event* find(uint32_t wanted) {
         if (id != wanted) {
             event.release();

@@ -15,7 +15,7 @@ namespace {
 
 constexpr size_t kQueueNameBytes = 64;
 
-// Owned by the library lock's holder, who alone starts and stops.
+// Used only with the library lock held, as starts and stops are.
 constinit Thread* timerThread = nullptr;
 
 void dispatchAll(Queue* queue) {
@@ -23,8 +23,8 @@ void dispatchAll(Queue* queue) {
     }
 }
 
-// A thread's argument carries its epoch: a thread that comes to run late finds out that way that it
-// was stopped.
+// A thread's argument is its epoch, so that a thread that starts to run late notices that it was
+// stopped.
 void runTimers(void* argument) {
     const auto epoch = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
     Held<Queue> queue;
@@ -37,14 +37,14 @@ void runTimers(void* argument) {
     }
 }
 
-// The record is there while the epoch lasts: only a stop on this very thread doesn't wait for the
-// thread's end. So the pair, whose lock comes before evmLock, can be used without it.
+// The record exists while the epoch lasts: a stop waits for this thread's end unless it runs on
+// this very thread. So the pair, whose lock comes before evmLock, can be used without evmLock.
 bool hasWakeup(const IoThread* own) {
     return wakeupPairHasEvent(own->pair) ||
            wakeupPairRemake(own->pair, own->queueId) == kStatusSuccess;
 }
 
-// The record is there at the thread's start: a stop that comes first waits for the thread's end.
+// The record exists when the thread starts: an earlier stop waits for the thread's end.
 void runIo(void* argument) {
     auto* const own = static_cast<IoThread*>(argument);
     const uint32_t epoch = own->epoch;
@@ -78,7 +78,7 @@ pelmoStatus createIoQueue(uint32_t number) {
     return status;
 }
 
-// Thread numbers count from 1. What was made of a record that stays goes to `out`.
+// Thread numbers count from 1. `out` gets the record once it is in the table, on failure too.
 pelmoStatus startIoThread(uint32_t number, IoThread** out) {
     pelmoStatus status = createIoQueue(number);
     if (status != kStatusSuccess) return status;
@@ -89,7 +89,8 @@ pelmoStatus startIoThread(uint32_t number, IoThread** out) {
     }
     if (status != kStatusSuccess) return status;
     *out = io;
-    // A pair's lock comes before evmLock. Nobody else touches the record's pair and thread yet.
+    // A pair's lock comes before evmLock, so evmLock isn't held here. No other thread uses the
+    // record's pair and thread yet.
     WakeupPair* pair;
     status = wakeupPairCreate(&pair, io->queueId, nullptr, nullptr, nullptr);
     if (status != kStatusSuccess) return status;
@@ -99,7 +100,8 @@ pelmoStatus startIoThread(uint32_t number, IoThread** out) {
     return Thread_Create(&io->thread, runIo, io);
 }
 
-// A queue and a set of sockets that no thread looks at would be taken for working ones.
+// Removes what a failed start left: a queue and a poll set without a thread would look like working
+// ones.
 void dropIoThread(uint32_t number, IoThread* io) {
     (void)pelmoQueue_DestroyEx(kFirstIoQueueId + number - 1, nullptr, nullptr);
     if (io == nullptr) return;
@@ -108,7 +110,7 @@ void dropIoThread(uint32_t number, IoThread* io) {
     ioThreadDropLastLocked();
 }
 
-// Also where that is the calling thread, which then ends by itself.
+// If it is the calling thread it isn't joined and ends by itself.
 void endThread(Thread* thread) {
     if (thread == nullptr) return;
     if (!Thread_IsCurrent(thread)) Thread_Join(thread);
@@ -150,7 +152,7 @@ void EventManager_Stop() {
             if (io->pair != nullptr) wakeupPairWake(io->pair);
         }
     }
-    // Nobody but a stop changes the table, and that is this one.
+    // Only a stop changes the table, and this is the only stop.
     (void)pelmoQueue_DestroyEx(kTimerQueueId, nullptr, nullptr);
     for (uint32_t place = 0; IoThread* const io = ioThreadAt(place); ++place) {
         (void)pelmoQueue_DestroyEx(io->queueId, nullptr, nullptr);

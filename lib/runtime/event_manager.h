@@ -6,13 +6,13 @@
 // for its sockets.
 //
 // An entry that another thread posts to an IO queue is dispatched when the wait ends, at the latest
-// 10 seconds later: such a post wakes nobody.
+// 10 seconds later, since such a post doesn't wake the thread.
 //
-// Failure: kStatusNoMemory, kStatusInvalidArgument for a count of threads other than 1 to 128; what
-// stands of a failed start goes at the stop.
+// Failure: kStatusNoMemory, kStatusInvalidArgument for a count of threads other than 1 to 128; the
+// stop removes what a failed start left.
 //
-// Threads: started and stopped under the library lock. The stop joins its threads, but for one that
-// it is called on.
+// Threads: started and stopped under the library lock. The stop joins the threads, except the one
+// that it is called on.
 
 #pragma once
 
@@ -26,5 +26,6 @@
 // Makes IO queues 1 to count, their socket sets and threads; stops at the first failure.
 [[nodiscard]] pelmoStatus EventManager_StartIo(uint32_t count);
 
-// No timer or IO event fires afterwards; its queues are destroyed. Timers don't survive.
+// No timer or IO event fires afterwards; the event manager's queues are destroyed and all timers
+// disarmed.
 void EventManager_Stop();

@@ -1,5 +1,5 @@
-// Events and their sources: what is created is bound to its timer, socket or transport, and what is
-// destroyed is taken from it.
+// Creating an event binds it to its timer, socket or transport; destroying it removes it from
+// there.
 
 #include <bit>
 
@@ -14,8 +14,8 @@
 namespace {
 
 // Gives the event its id and binds it to its source. The caller's reference becomes the base
-// reference; another is held here, since the id may be destroyed as soon as it is there. After a
-// failure nothing is left of the event.
+// reference; another one is held here, since another thread may destroy the id as soon as it
+// exists. On failure the event is released.
 pelmoStatus publish(Held<Event>& event, pelmoStatus (*bind)(Event*), uint32_t* out) {
     Held<Event> creator;
     creator.share(event.get());
@@ -30,16 +30,17 @@ pelmoStatus publish(Held<Event>& event, pelmoStatus (*bind)(Event*), uint32_t* o
         return kStatusSuccess;
     }
     if (Id_Invalidate(base) == kStatusSuccess) Id_Release(base, false);
-    // Nobody has been told the id: a close has destroyed the event, along with all others.
+    // The id wasn't returned yet, so only a close can have destroyed the event, along with all
+    // others.
     return status == kStatusInvalidEvent ? kStatusNotInitialized : status;
 }
 
-// A negative interval, or none at all.
+// True for a negative interval and for NaN.
 bool isNoInterval(double seconds) {
     return !(seconds >= 0);
 }
 
-// Takes a destroyed event from its source.
+// Removes a destroyed event from its source.
 void detach(Event* event) {
     switch (event->kind) {
         case kEventTimer:
@@ -61,7 +62,7 @@ pelmoStatus addListener(uint32_t* out, const ListenerRequest& request) {
     return transportOps.addListener(out, request);
 }
 
-// What creating a listener checks ahead of the transport.
+// The checks of a new listener that don't concern its transport.
 pelmoStatus checkListener(const uint32_t* out, bool hasCallback) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     if (out == nullptr) return kStatusInvalidEvent;
@@ -212,10 +213,10 @@ pelmoStatus _pelmoTransport_AddPolledListener(uint32_t* out,
     return kStatusSuccess;
 }
 
-// A dispatch counts itself in, and tests the invalid mark, under the queue's data lock; the mark is
-// set under it here. So either the dispatch came first, and is seen in the count, or it finds the
-// mark. A completion may free what the event watches, and so isn't left to a dispatch before the
-// event has left its source; from the mark on the count only falls.
+// A dispatch counts itself and tests the invalid mark under the queue's data lock, under which this
+// call sets the mark. So either the dispatch came first and is in the count, or it sees the mark. A
+// completion may free what the event watches, so it isn't left to a dispatch before the event was
+// removed from its source; once the mark is set, the count only falls.
 pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion) {
     traceLine(kTraceEvents, "pelmoEvent_DestroyEx(%u, %p)", event, traceCallback(completion));
     Held<Event> found;

@@ -1,4 +1,4 @@
-// What all parts of the event manager share: its lock, and the word that tells whether it runs.
+// The state that all parts of the event manager share: its lock and its epoch.
 
 #pragma once
 
@@ -7,13 +7,13 @@
 
 #include "lib/base/lock.h"
 
-// Guards the armed timers, the IO threads' table and their socket sets.
+// Guards the timer heap, the table of IO threads and their poll sets.
 inline Lock evmLock = PELMO_LOCK_READY(LockRank::kEventManager);
 
-// Counts starts and stops: odd while the event manager runs. A thread of its own goes on while the
-// count is what it was at the thread's start, so that one which was left running by a stop on
-// itself doesn't take the next start for its own. Changes under evmLock, and is read without it
-// where nothing follows from it.
+// Counts starts and stops: odd while the event manager runs. Each of its threads runs while the
+// count is what it was at the thread's start, so that a thread which stopped the event manager
+// itself doesn't join in after the next start. It changes under evmLock, and is read without the
+// lock where a stale value does no harm.
 inline std::atomic<uint32_t> evmEpoch{0};
 
 [[nodiscard]] inline bool evmRuns() {

@@ -4,6 +4,6 @@
 
 #include <cstdint>
 
-inline constexpr uint32_t kNoId = 0;  // no object's
+inline constexpr uint32_t kNoId = 0;  // the id of no object
 inline constexpr uint32_t kDefaultQueueId = 1;
 inline constexpr uint32_t kIntraProcessTransportId = 10;

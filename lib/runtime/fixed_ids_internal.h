@@ -1,5 +1,5 @@
-// Ids that the library gives to objects of its own, by hand. They live in the table of their type
-// alone, so that one number may serve two types.
+// Fixed ids of the library's own objects. They are entered only in the table of their type, so two
+// types may use the same number.
 
 #pragma once
 
@@ -14,12 +14,12 @@ inline constexpr uint32_t kMostIoQueues = 128;
 inline constexpr uint32_t kLastFixedId = 1000;
 inline constexpr uint32_t kFirstGlobalId = kLastFixedId + 1;
 
-// Is it an IO queue's? One number more than there are queues is kept for them.
+// Is it the id of an IO queue? One id more than the largest number of IO queues is reserved.
 [[nodiscard]] inline bool idIsIoQueue(uint32_t queueId) {
     return queueId >= kFirstIoQueueId && queueId <= kFirstIoQueueId + kMostIoQueues;
 }
 
-// Queues whose threads wake by other means than the queue's condition.
+// Queues whose threads don't wait on the queue's condition.
 [[nodiscard]] inline bool idIsEventManagerQueue(uint32_t queueId) {
     return queueId == kTimerQueueId || idIsIoQueue(queueId);
 }

@@ -1,5 +1,5 @@
-// The counter behind global ids. Here for tests, which shrink the id space to see it wrap and run
-// out, and put it back; to all others it is the id module's own.
+// The counter behind global ids. Only the id module uses it, and tests, which shrink the id space
+// to make it wrap or run out, and restore it.
 
 #pragma once
 
@@ -12,11 +12,11 @@ struct IdCounter {
     uint32_t first = kFirstGlobalId;
     uint32_t last = UINT32_MAX;
     uint32_t previous = kLastFixedId;  // the id last given out
-    bool wrapped = false;              // ids may be in use: from now on they are looked up
+    bool wrapped = false;  // an id may be in use, so each is looked up before it is given out
 };
 
-// The id lock guards what is the same for all types: the counter, and the global ids in use.
+// The id lock guards what all types share: the counter and the global ids in use.
 extern constinit Lock idLock;
 
-// Survives the tables.
+// It outlives the id tables.
 extern constinit IdCounter idCounter PELMO_GUARDED_BY(idLock);

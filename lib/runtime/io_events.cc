@@ -20,7 +20,7 @@ constexpr int kPauseMilliseconds = 1'000;
 // The IO threads' records; null while there is none.
 constinit Dpa* ioThreads PELMO_GUARDED_BY(evmLock) = nullptr;
 
-// Null where that thread doesn't run.
+// Null when that thread doesn't run.
 IoThread* threadOfLocked(const Event* event) PELMO_REQUIRES(evmLock) {
     if (!idIsIoQueue(event->queueId)) return ioThreadAtLocked(0);
     for (uint32_t place = 0; IoThread* const io = ioThreadAtLocked(place); ++place) {
@@ -29,7 +29,7 @@ IoThread* threadOfLocked(const Event* event) PELMO_REQUIRES(evmLock) {
     return nullptr;
 }
 
-// Once for each event: a source that has died isn't taken up again.
+// The socket is tested once per event: a source found dead isn't registered again.
 bool sourceIsValidLocked(Event* event) PELMO_REQUIRES(evmLock) {
     if (!event->io.sourceChecked) {
         event->io.sourceValid = sourceIsSocket(event->io.source);
@@ -46,19 +46,19 @@ void giveItTime() {
     (void)poll(nullptr, 0, kPauseMilliseconds);
 }
 
-// How far the posts of a pass have come.
+// The position up to which a pass has posted.
 struct PassWalk {
     uint32_t condition = 0;
     uint32_t from = 0;
 };
 
-// Events with a reference each, and how many there are. They are posted with no lock held, since a
-// post runs its queue's hook, which may do anything.
+// Events that are posted together, each held by a reference. They are posted with no lock held,
+// since a post runs its queue's hook, which may call the library.
 constexpr uint32_t kBatchEvents = 32;
 using Batch = Event* [kBatchEvents];
 
-// On an IO queue an event's callback has run by the next pass; elsewhere the event leaves the set,
-// and its dispatch brings it back.
+// On an IO queue the event's callback has run before the next pass; an event on another queue
+// leaves the set, and its dispatch registers it again.
 uint32_t takeReadyLocked(IoThread* own, PassWalk& walk, Batch& batch) PELMO_REQUIRES(evmLock) {
     uint32_t count = 0;
     while (count < kBatchEvents && walk.condition < kIoConditions) {
@@ -74,7 +74,7 @@ uint32_t takeReadyLocked(IoThread* own, PassWalk& walk, Batch& batch) PELMO_REQU
     return count;
 }
 
-// Dead sources leave the set and fire once more, so that their owners hear of it.
+// Events with dead sources leave the set and fire one last time, so that their owners notice.
 uint32_t takeDeadLocked(IoThread* own, Batch& batch) PELMO_REQUIRES(evmLock) {
     uint32_t count = 0;
     while (count < kBatchEvents) {
@@ -87,8 +87,8 @@ uint32_t takeDeadLocked(IoThread* own, Batch& batch) PELMO_REQUIRES(evmLock) {
     return count;
 }
 
-// An event that couldn't be posted for want of memory is still ready in the next pass. A dead one
-// doesn't get back into the set.
+// An event that couldn't be posted because memory ran out is still ready in the next pass. An event
+// with a dead source isn't registered again.
 void postAndRelease(Event* event) {
     const pelmoStatus status = Event_Post(event);
     if (status == kStatusNoMemory && !idIsIoQueue(event->queueId)) (void)Event_RegisterIO(event);
@@ -100,7 +100,7 @@ void tellError(int error) {
     std::fprintf(stderr, "select error: %d (%s)\n", code, socketErrorText(code));
 }
 
-// Under evmLock: what the poll is to look at. False once the epoch has passed.
+// Builds the array of the poll under evmLock. False once the epoch has ended.
 bool prepare(IoThread* own) {
     LockGuard guard(evmLock);
     if (!evmIsAt(own->epoch)) return false;
@@ -109,23 +109,23 @@ bool prepare(IoThread* own) {
     return true;
 }
 
-// Returns the error number, 0 for none. With nothing to watch there is no pair either, and so
-// nobody who could end the wait. Without evmLock: of the set it uses only what stands still between
-// two polls.
+// Returns the error number, 0 for none. A set without sockets has no wake-up pair either, so
+// nothing could end the wait and it is kept short. It runs without evmLock and uses only the fields
+// of the set that change between two polls and never during one.
 int pollOnce(IoThread* own, int timeoutMilliseconds) PELMO_UNCHECKED_LOCKING {
     const PollSet& set = own->sockets;
     if (set.leavesOut) timeoutMilliseconds = std::min(timeoutMilliseconds, kPauseMilliseconds);
     if (set.passCount == 0) timeoutMilliseconds = kPauseMilliseconds;
     int error = poll(set.pass, set.passCount, timeoutMilliseconds) < 0 ? errno : 0;
-    // The results of an interrupted or failed poll are those of its entries before it: none.
+    // An interrupted or failed poll leaves the results of its entries cleared.
     if (error == 0 && pollSetMetClosed(&set)) error = EBADF;
     own->inPoll.store(false, std::memory_order_release);
     own->inPoll.notify_all();
     return error;
 }
 
-// Posts what came of the poll. A hook may have ended the event manager meanwhile: the epoch is
-// looked at before the record is.
+// Posts the events that the poll found ready. A hook may stop the event manager meanwhile, so the
+// epoch is tested before the record is used.
 bool finish(IoThread* own, int error) {
     const uint32_t epoch = own->epoch;
     PassWalk walk;
@@ -153,7 +153,8 @@ pelmoStatus Event_RegisterIO(Event* event) {
     LockGuard guard(evmLock);
     if (!sourceIsValidLocked(event)) return kStatusInvalidIoSource;
     if (!evmRuns()) return kStatusNotInitialized;
-    // As with timers: a destroy would miss an event that is entered behind its back.
+    // A destroy that has already run would leave an event in the set that is entered now (as with
+    // timers).
     if (Id_IsInvalid(&event->header)) return kStatusInvalidEvent;
     IoThread* const io = threadOfLocked(event);
     if (io == nullptr) return kStatusNotInitialized;
@@ -172,8 +173,8 @@ pelmoStatus Event_UnregisterIO(Event* event) {
     if (io == nullptr) return kStatusInvalidEvent;
     if (!pollSetKnows(event->io.condition)) return kStatusInvalidIoCondition;
 
-    // The poll's array is left alone until the poll is over. evmLock stays held meanwhile: the
-    // thread leaves its poll without it, and nobody can stop the event manager.
+    // Waits until the poll is over, since it works on the array. evmLock stays held meanwhile: the
+    // polling thread doesn't need it to leave its poll, and no thread can stop the event manager.
     if (!pollSetHas(&io->sockets, event)) return kStatusInvalidEvent;
     if (io->inPoll.load(std::memory_order_acquire)) wakeLocked(io);
     io->inPoll.wait(true, std::memory_order_acquire);
@@ -222,7 +223,8 @@ bool ioThreadPass(IoThread* own, bool canBeWoken) {
     const int error = pollOnce(own, canBeWoken ? kPassMilliseconds : kPassWithoutWakeMilliseconds);
     if (error != 0 && error != EINTR) tellError(error);
     if (!finish(own, error)) return false;
-    // What isn't a closed descriptor is the system's own trouble: it is given time to pass.
+    // Any error but a closed descriptor is a failure of the system, so the thread pauses before it
+    // tries again.
     if (error != 0 && error != EINTR && error != EBADF) giveItTime();
     return true;
 }

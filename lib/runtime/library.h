@@ -1,11 +1,11 @@
-// Is the library open? The one word of its state that every public call of the runtime tests first,
-// and answers kStatusNotInitialized on.
+// Is the library open? Every public call of the runtime tests this word first and answers
+// kStatusNotInitialized when it is cleared.
 //
 // Calls that end objects (pelmoEvent_DestroyEx, pelmoQueue_DestroyEx and their like) don't test it:
-// the library's own close ends its objects with the word already cleared.
+// the library's own close destroys its objects after it has cleared the word.
 //
-// Threads: read by all without a lock. It orders nothing: who saw it set still meets look-ups that
-// fail for objects that are gone. Written by open and close alone.
+// Threads: any thread reads it without a lock. It gives no ordering: after it was seen set,
+// look-ups still fail for objects that are gone. Only open and close write it.
 
 #pragma once
 

@@ -21,7 +21,7 @@ class Handle {
   public:
     explicit Handle(int number) : handle(number) {}
     ~Handle() {
-        // Without a second try on EINTR: the number is free all the same.
+        // close isn't repeated on EINTR: the descriptor is closed in any case.
         if (handle >= 0) close(handle);
     }
     Handle(const Handle&) = delete;
@@ -59,7 +59,7 @@ bool listenOnLoopback(int listener, Address* out) {
     return getsockname(listener, out->generic(), &out->size) == 0;
 }
 
-// Begins to connect, and tells from where. An interrupted connect goes on by itself.
+// Begins to connect and returns its own address. An interrupted connect continues by itself.
 bool connectTo(int connecting, Address target, Address* own) {
     if (connect(connecting, target.generic(), target.size) != 0 && errno != EINPROGRESS &&
         errno != EINTR) {
@@ -82,9 +82,9 @@ bool setNoDelay(int socket) {
     return setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) == 0;
 }
 
-// Written to the one end and not yet come to the other, whether read there or not. The system
-// counts both with the socket's lock held, so that a write by somebody else is seen as a whole.
-// None in a local pair, which the question doesn't fit.
+// The bytes written to one end that haven't arrived at the other end, where they count whether read
+// or not. The system updates both counts with the socket's lock held, so a concurrent write is seen
+// as a whole. Returns 0 for a local pair, which has no such counts.
 uint64_t bytesUnderWay(const LoopbackPair& pair) {
     tcp_info writer = {};
     tcp_info reader = {};
@@ -140,7 +140,7 @@ bool loopbackPairMake(LoopbackPair* out) {
 }
 
 bool loopbackPairIsStuck(const LoopbackPair& pair) {
-    // Loopback hands a byte on at once but for an odd moment, which is given to it.
+    // Loopback delivers a byte at once, except for rare delays, which are waited for.
     for (const int milliseconds : {0, kHandOnMilliseconds}) {
         pollfd entry{.fd = pair.readHandle, .events = POLLIN, .revents = 0};
         if (poll(&entry, 1, milliseconds) > 0 || bytesUnderWay(pair) == 0) return false;

@@ -13,9 +13,9 @@
 
 namespace {
 
-// By the condition's index. Errors and hang-ups are told whether asked for or not. They make a
-// socket ready to read and to write, so that its owner hears of them; an exception is urgent data
-// and nothing else, as select has it.
+// Indexed by condition. poll always reports errors and hang-ups. They make a socket ready to read
+// and to write, so that its owner notices; an exception is urgent data and nothing else, as with
+// select.
 constexpr struct {
     uint32_t firstCapacity;
     short asked;
@@ -78,8 +78,8 @@ bool grow(PollSet* set) {
     return true;
 }
 
-// A socket that is watched for urgent data alone, and has hung up or failed, would end every poll
-// at once and fire nothing.
+// A socket that is watched only for urgent data and has hung up or failed would end every poll at
+// once without firing an event.
 bool endsPollsForNothing(const pollfd& entry) {
     return entry.events == POLLPRI && (entry.revents & POLLPRI) == 0 &&
            (entry.revents & (POLLERR | POLLHUP)) != 0;

@@ -1,4 +1,4 @@
-// Changes of a queue that its groups have to follow: its priority, and its end.
+// Changes of a queue that concern its groups: its priority, and its destruction.
 
 #include <utility>
 
@@ -29,7 +29,7 @@ pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion
     }
     held.release();
 
-    // A group's lock stands outside a queue's.
+    // A group's lock is taken before a queue's.
     for (uint32_t i = 0; groups != nullptr && i < groups->count; ++i) {
         QueueGroup_Forget(idFromItem(groups->items[i]), queue);
     }

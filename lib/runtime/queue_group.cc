@@ -12,7 +12,8 @@ namespace {
 constexpr uint32_t kFirstQueues = 4;
 constexpr uint32_t kFirstGroups = 2;
 
-// Nobody else knows the group any more, nor one that has no id yet: no lock is needed.
+// No other thread can reach the group, since it has no id any more or not yet, so no lock is
+// needed.
 void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     auto* group = reinterpret_cast<QueueGroup*>(object);
     dpaDestroy(group->queues);
@@ -20,7 +21,7 @@ void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     std::free(group);
 }
 
-// With the base reference, and no id. Null where memory ran out.
+// Makes a group with its base reference and no id. Null when memory ran out.
 QueueGroup* newGroup() PELMO_UNCHECKED_LOCKING {
     auto* group = static_cast<QueueGroup*>(std::calloc(1, sizeof(QueueGroup)));
     if (group == nullptr) return nullptr;
@@ -38,15 +39,15 @@ QueueGroup* newGroup() PELMO_UNCHECKED_LOCKING {
     return nullptr;
 }
 
-// The present one; of a queue that is gone the lowest, so that it ends up where it is in nobody's
-// way.
+// The queue's current priority. A destroyed queue counts as the lowest, so that it is sorted to the
+// end.
 uint32_t priorityOf(const void* item) {
     Held<Queue> queue;
     return queue.findLocked(idFromItem(item)) == kStatusSuccess ? queue->priority : 0;
 }
 
-// Sorts by the present priorities, and leaves equal ones in their order. All are looked at: two
-// priorities may have changed at a time, and either may come here first.
+// Sorts by the current priorities and keeps equal ones in their order. The whole list is sorted,
+// since two priorities may have changed at the same time, and either change may get here first.
 void sortLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock) {
     void** const items = group->queues->items;
     for (uint32_t i = 1; i < group->queues->count; ++i) {
@@ -63,7 +64,7 @@ bool removeLocked(QueueGroup* group, uint32_t queue) PELMO_REQUIRES(group->heade
     return index >= 0 && dpaRemoveAt(group->queues, static_cast<uint32_t>(index));
 }
 
-// The queue's side of joining and leaving; both happen under the group's lock.
+// The queue's side of joining and leaving. Both are called with the group's lock held.
 
 pelmoStatus joinLocked(uint32_t queue, uint32_t group) {
     Held<Queue> held;
@@ -97,7 +98,7 @@ pelmoStatus pelmoQueueGroup_Create(uint32_t* out) {
     return kStatusSuccess;
 }
 
-// Its queues go on naming it until they find that it is gone.
+// Its queues keep its id until they notice that the group is gone.
 pelmoStatus pelmoQueueGroup_Destroy(uint32_t group) {
     traceLine(kTraceQueueGroup, "pelmoQueueGroup_Destroy(%u)", group);
     Held<QueueGroup> held;
@@ -117,8 +118,8 @@ pelmoStatus pelmoQueueGroup_Add(uint32_t group, uint32_t queue) {
     if (held.findLocked(group) != kStatusSuccess) return kStatusInvalidQueueGroup;
     if (dpaIndexOf(held->queues, idToItem(queue)) >= 0) return kStatusSuccess;
 
-    // The queue learns of the group first: a priority set from then on, or the queue's end, waits
-    // for this group's lock and finds the queue in its place.
+    // The group's id is entered in the queue first: a later change of priority, or a destroy of the
+    // queue, then waits for this group's lock and finds the queue in the group.
     const pelmoStatus status = joinLocked(queue, group);
     if (status != kStatusSuccess) return status;
     if (!dpaAppend(held->queues, idToItem(queue))) {
@@ -153,11 +154,11 @@ void QueueGroup_Forget(uint32_t group, uint32_t queue) {
     removeLocked(held.get(), queue);
 }
 
-// Goes behind the others of its new priority.
+// Puts the queue behind the others of its new priority.
 void QueueGroup_Reorder(uint32_t group, uint32_t queue) {
     Held<QueueGroup> held;
     if (held.findLocked(group) != kStatusSuccess) return;
     if (!removeLocked(held.get(), queue)) return;
-    held->queues->items[held->queues->count++] = idToItem(queue);  // the place just freed
+    held->queues->items[held->queues->count++] = idToItem(queue);  // into the place just freed
     sortLocked(held.get());
 }

@@ -1,7 +1,7 @@
 // Queue groups: queues that are dispatched as one, highest priority first, equal ones in turn.
 //
-// A group names its queues and a queue its groups by id; neither keeps the other alive, and an id
-// that is gone is passed over.
+// A group names its queues and a queue its groups by id; neither keeps the other alive, and ids of
+// destroyed objects are skipped.
 //
 // Failure: kStatusNotInitialized while the library is closed, kStatusInvalidQueueGroup and
 // kStatusInvalidQueue for bad ids, the latter also for a queue that isn't in the group,

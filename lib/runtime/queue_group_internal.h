@@ -1,4 +1,4 @@
-// The queue group's record. The calls for applications stand in lib/runtime/queue_group.h.
+// The queue group's record. The calls for applications are in lib/runtime/queue_group.h.
 //
 // Order of locks: a group's object lock, then a queue's.
 
@@ -18,18 +18,18 @@ struct QueueGroup {
 
     Cond cond;  // signalled at each post to a queue of the group
 
-    // Queue ids by descending priority, of equal ones the first added first, as far as dispatch
-    // didn't rotate them.
+    // Queue ids by descending priority. Queues of equal priority are in the order of joining, until
+    // dispatch rotates them.
     Dpa* queues PELMO_GUARDED_BY(header.lock);
 };
 
-// For queues.
+// The rest is called by queues.
 
-// Signals the group's condition `times` times; an id that is gone is passed over.
+// Signals the group's condition `times` times; nothing happens if the group is gone.
 void QueueGroup_Signal(uint32_t group, uint32_t times);
 
-// A queue that ends leaves a group; nothing happens where it isn't in it.
+// Removes a queue that ends from a group; nothing happens if it isn't in the group.
 void QueueGroup_Forget(uint32_t group, uint32_t queue);
 
-// A queue whose priority changed takes its new place.
+// Moves a queue whose priority changed to its new place.
 void QueueGroup_Reorder(uint32_t group, uint32_t queue);

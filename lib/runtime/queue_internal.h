@@ -1,10 +1,9 @@
-// The queue's record. The calls stand in lib/runtime/queue.h; posting and dispatch work on the
-// record.
+// The queue's record. lib/runtime/queue.h has the calls; posting and dispatch work on the record.
 //
-// Two rings: posters push to `pending` under the object lock, a dispatch works through `ready`
-// under the data lock alone, and they meet only where a dispatch that ran dry swaps the two. An
-// entry is a message; `deliveryEvent` tells the event that fired, `deliveryClosure` its closure.
-// The ring owns one reference to it.
+// Two rings: posters push to `pending` under the object lock, a dispatch takes from `ready` under
+// the data lock alone, and they contend only when a dispatch finds `ready` empty and swaps the two
+// rings. An entry is a message; its `deliveryEvent` is the event that fired and `deliveryClosure`
+// that event's closure. The ring owns one reference to the message.
 
 #pragma once
 
@@ -24,7 +23,7 @@ struct Queue {
     IdHeader header;
 
     // Constant after creation.
-    bool synchronous;  // read by polls alone: no dispatch, hook, limit or group
+    bool synchronous;  // can only be polled: no dispatch, hook, limit or group
     Cond cond;         // signalled at a post while `waiters` isn't 0
     Lock dataLock;
 
@@ -36,7 +35,7 @@ struct Queue {
     uint32_t priority PELMO_GUARDED_BY(header.lock);
     uint32_t maxEvents PELMO_GUARDED_BY(header.lock);      // 0: no limit
     uint32_t discardAmount PELMO_GUARDED_BY(header.lock);  // entries that one discard removes
-    Dpa* groups PELMO_GUARDED_BY(header.lock);  // ids of those that hold this queue; null: none
+    Dpa* groups PELMO_GUARDED_BY(header.lock);             // ids of its groups; null: none
     pelmoQueueHook hook PELMO_GUARDED_BY(header.lock);
     void* hookClosure PELMO_GUARDED_BY(header.lock);
 
@@ -46,42 +45,43 @@ struct Queue {
     void* completionClosure PELMO_GUARDED_BY(dataLock);
 };
 
-// A fixed id, or 0 for a global one; `out` may be null. The name isn't copied: a constant, unless
-// `nameOwned`, which hands over a heap text, on success only. The open flag isn't tested.
-// kStatusNoMemory for any failure.
+// `fixedId` 0 gives the queue a global id; `out` may be null. The name isn't copied: it is a
+// constant, or, with `nameOwned`, a heap text that the queue takes over on success. The open flag
+// isn't tested. kStatusNoMemory for any failure.
 [[nodiscard]] pelmoStatus Queue_Create(
     uint32_t* out, uint32_t fixedId, const char* name, bool nameOwned, bool synchronous);
 
-// What one discard of policy kLimitDiscardFirst or kLimitDiscardLast drops; nothing under the
-// others, or on a synchronous queue. The caller holds the object lock, and no event's.
+// Makes one discard under policy kLimitDiscardFirst or kLimitDiscardLast; under other policies and
+// on a synchronous queue it does nothing. The caller holds the object lock and no event's lock.
 void Queue_Discard(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
-// The same walk from the newest entry whatever the policy: makes room for a limit advisory.
+// Discards from the newest entry on, whatever the policy, to make room for a limit advisory.
 void Queue_DiscardNewest(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
-// `pending` and `ready`. The caller holds the object lock.
+// Counts the entries of `pending` and `ready`. The caller holds the object lock.
 [[nodiscard]] uint32_t Queue_CountLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
-// The way into every public call: kStatusNotInitialized, kStatusInvalidQueue, or the queue, locked.
+// The first step of every public call: finds and locks the queue, or answers kStatusNotInitialized
+// or kStatusInvalidQueue.
 [[nodiscard]] pelmoStatus queueFind(Held<Queue>& queue, uint32_t id)
     PELMO_ASSERTS(queue->header.lock);
 
-// Has the queue come to its limit? The caller holds the object lock, and no event's.
+// Has the queue reached its limit? The caller holds the object lock and no event's lock.
 [[nodiscard]] bool queueIsFullLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
-// Tells of a limit that was met. The queue's lock is left for it and taken again: all that the lock
-// guards may have changed meanwhile, and the queue be invalid.
+// Sends the advisory of a limit that was reached. The queue's lock is released for it and taken
+// again: all that the lock guards may have changed meanwhile, and the queue may be invalid.
 void queueTellLimit(Held<Queue>& queue) PELMO_REQUIRES(queue->header.lock);
 
-// The groups of a queue, as they were when this was made under its object lock, to be visited
-// without it: a group's lock stands outside.
+// The groups of a queue at the time when this was made under its object lock. They are visited
+// without that lock, since a group's lock is taken before a queue's.
 //
-// Ids are copied 32 at a time, the last ones first, and the queue is asked again for what is left,
-// so that a visit can't fail for want of memory. It misses no group: one that joins goes to the end
-// and looks at the queue by itself, and one that leaves only brings the last one forward.
+// Ids are copied 32 at a time, the last ones first, and the rest is read from the queue later, so a
+// visit needs no memory. It misses no group: one that is joined is added at the end and reads the
+// queue's state itself, and one that is left only moves the last id forward.
 class QueueGroups {
   public:
-    // Unchecked: the lock is told by the argument, and asked for by the member.
+    // The lock checker can't see that the argument's lock is the one that the member needs.
     explicit QueueGroups(Queue* from) PELMO_REQUIRES(from->header.lock) PELMO_UNCHECKED_LOCKING
         : queue(from) {
         takeLocked();
@@ -112,7 +112,7 @@ class QueueGroups {
     }
 
     Queue* const queue;
-    uint32_t left = UINT32_MAX;  // ahead of those copied
+    uint32_t left = UINT32_MAX;  // ids before those copied
     uint32_t count = 0;
     uint32_t ids[kAtATime];
 };

@@ -1,4 +1,4 @@
-// A queue's limit: the policy, and what it drops.
+// A queue's limit: its policy, and which entries a discard drops.
 
 #include <cstdlib>
 
@@ -27,8 +27,9 @@ bool argumentsAgree(uint32_t policy, uint32_t maxEvents, uint32_t discardAmount)
     }
 }
 
-// Where an entry stands. The places of `ready` come ahead of those of `pending`, so that the two
-// are walked as one without a move from one to the other, which memory could fail.
+// The place of an entry. The places of `ready` come before those of `pending`, so that the two
+// rings are walked as one, without moving entries from one to the other, which could run out of
+// memory.
 struct Place {
     EntryRing* ring;
     uint32_t slot;
@@ -41,7 +42,8 @@ Place placeAt(const Queue* queue, uint32_t place)
     return {queue->pending, EntryRing_Slot(queue->pending, place - ready->count)};
 }
 
-// Timer and IO entries stay: their events are armed again by their dispatch, and so never would be.
+// Timer and IO entries stay: their dispatch arms their events again, so a dropped one would never
+// fire again.
 bool mayDrop(const pelmoMsg* entry) {
     Held<Event> event;
     if (event.find(entry->deliveryEvent) != kStatusSuccess) return true;
@@ -92,11 +94,11 @@ bool queueIsFullLocked(Queue* queue) {
 }
 
 void queueTellLimit(Held<Queue>& queue) {
-    // The name may change as soon as the lock is left.
+    // The name may change as soon as the lock is released.
     char* name = concat2(queue->name, "");
     queue.leave();
     if (name != nullptr && transportOps.sendAdvisory != nullptr) {
-        // One that can't be sent changes nothing for the post.
+        // The post goes on even if the advisory can't be sent.
         (void)transportOps.sendAdvisory(kIntraProcessTransportId, "WARN", "SYSTEM",
                                         "QUEUE.LIMIT_EXCEEDED", name);
     }

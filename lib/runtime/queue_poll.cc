@@ -1,4 +1,4 @@
-// Polls: how synchronous queues hand out their messages.
+// Polls: how applications take messages from synchronous queues.
 
 #include "lib/containers/entry_ring.h"
 #include "lib/msg/message_internal.h"
@@ -31,7 +31,8 @@ pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) PELMO_REQUIRES(queu
     return kStatusSuccess;
 }
 
-// The oldest message of a living event, now the caller's; null where there is none left.
+// Takes the oldest message of an event that still exists, which the caller then owns; null when
+// there is none.
 pelmoMsg* takeLocked(Queue* queue, EventRun& run) PELMO_REQUIRES(queue->header.lock) {
     while (void* entry = EntryRing_PopFront(queue->pending)) {
         auto* const message = static_cast<pelmoMsg*>(entry);
@@ -44,7 +45,8 @@ pelmoMsg* takeLocked(Queue* queue, EventRun& run) PELMO_REQUIRES(queue->header.l
     return nullptr;
 }
 
-// Several posts may have left one signal: whoever leaves entries behind wakes the next.
+// Several posts may have been merged into one signal, so a thread that leaves entries behind wakes
+// the next one.
 void wakeNextLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock) {
     if (queue->pending->count != 0 && queue->waiters != 0) Cond_Signal(&queue->cond);
 }

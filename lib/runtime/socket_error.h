@@ -5,7 +5,7 @@
 
 #pragma once
 
-// 0 for 0; an errno without a number of its own comes back as it is.
+// 0 for 0; an errno that isn't in the table is returned unchanged.
 [[nodiscard]] int socketErrorFromErrno(int error);
 
 // "***Unknown***" for a number without a text.

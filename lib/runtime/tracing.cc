@@ -21,7 +21,7 @@ namespace {
 
 constexpr size_t kMessageLineBytes = 1024;
 
-// Rows by module number. Those without calls of their own are known by name all the same.
+// Rows are indexed by module number. Modules without calls of their own have names too.
 constexpr std::array<const char*, kTraceModules> kModuleNames = {
     "DQ",         "DQ_DETAIL", "ADV",    "RECV",  "PELMO", "EVENTS", "MSG",
     "MSG_DETAIL", "QUEUE",     "QGROUP", "TPORT", "DISP",  "CM",     "FT"};
@@ -29,10 +29,11 @@ constexpr std::array<const char*, kTraceModules> kModuleNames = {
 struct TracingState {
     Lock lock = PELMO_LOCK_READY(LockRank::kTrace);
 
-    // Null: no filter. Values are the filters' texts, on the heap. A match writes to its list.
+    // Null: no filter. The values are the filters' texts, on the heap. A match uses the list's own
+    // array, hence the lock.
     SubjectList* filters[kTraceModules] PELMO_GUARDED_BY(lock) = {};
 
-    FILE* stream PELMO_GUARDED_BY(lock) = nullptr;  // what the settings named; null: nothing
+    FILE* stream PELMO_GUARDED_BY(lock) = nullptr;  // the file that the settings named; null: none
 };
 
 constinit TracingState state;
@@ -52,8 +53,8 @@ bool isModuleOn(uint32_t module) {
     va_end(arguments);
 }
 
-// Ahead of all threads: a thread that sees a module switched on may not yet see what was written
-// just before.
+// Runs before any other thread starts: a thread that sees a module switched on need not see what
+// was written just before.
 [[maybe_unused]] const bool filledIn = [] {
     traceOps.write = writeLine;
     return true;
@@ -61,7 +62,7 @@ bool isModuleOn(uint32_t module) {
 
 // Settings
 
-// The first module whose name begins so, or kTraceModules.
+// The first module whose name begins with this text, or kTraceModules.
 uint32_t moduleOf(std::string_view name) {
     const auto* const found = std::ranges::find_if(kModuleNames, [name](const char* full) {
         return std::string_view(full).starts_with(name);
@@ -77,7 +78,7 @@ char* copyOf(std::string_view text) {
     return copy;
 }
 
-// Takes the text over, on success only.
+// Takes ownership of the text on success.
 pelmoStatus addFilterTextLocked(uint32_t module, char* text) PELMO_REQUIRES(state.lock) {
     uint8_t subject[kSubjectMaxBytes];
     if (subjectFromText(subject, sizeof subject, text) < 0) return kStatusInvalidSubject;
@@ -95,7 +96,7 @@ pelmoStatus addFilterLocked(uint32_t module, std::string_view subject) PELMO_REQ
     return status;
 }
 
-// A module, or a module, "=" and a subject.
+// Parses one item: a module, or a module, "=" and a subject.
 pelmoStatus takeItemLocked(std::string_view item) PELMO_REQUIRES(state.lock) {
     if (item.empty()) return kStatusInvalidArgument;
     const size_t nameLength = std::min(item.find('='), item.size());
@@ -145,7 +146,7 @@ void freeFilterLocked(uint32_t module) PELMO_REQUIRES(state.lock) {
 
 // Message lines
 
-// Null where the message has none in its field. The bytes may come from outside.
+// Null when the message has no such field. The bytes may come from outside.
 pelmoStatus subjectOf(pelmoMsg* message, const uint8_t** out) {
     if (message->sendSubjectOffset != 0) {
         *out = msgImage(message) + message->sendSubjectOffset;
@@ -249,7 +250,7 @@ pelmoStatus Trace_Message(TraceModuleId module, pelmoMsg* message, const char* f
     boundedFormatList(line, sizeof line, format, arguments);
     va_end(arguments);
 
-    // Nothing of what the line reads stays with the message.
+    // Building the line must not leave cached state in the message.
     const ReferenceMark mark = msgMark(message);
     const pelmoStatus status = printMessage(module, line, message);
     msgCutBack(message, mark);

@@ -1,18 +1,19 @@
-// Tracing: the library's own call log. Public calls, and a few points of message flow, write a line
-// each through the log, chosen by module when the library opens. Fills the switch of
-// lib/msg/trace_ops.h, which costs two tested words while it is off.
+// Tracing: the library's own call log. Each public call, and a few points of the message flow,
+// write a line to the log; modules are selected when the library opens. It fills the table of
+// lib/msg/trace_ops.h, which costs two tests while tracing is off.
 //
-// The modules' list is items separated by ",": a module's name, which may be shortened, or a name,
-// "=", and a subject, wildcards allowed, that limits the module's message lines. Several items of
-// one module add up. Once started, all log lines carry UTC with fractions and go to the file that
-// was named: "stderr", "stdout", in small or capital letters, or a path, opened for appending.
+// The list of modules has items separated by ",": a module's name, which may be shortened, or a
+// name, "=", and a subject, wildcards allowed, that limits the module's message lines. The filters
+// of several items for one module are combined. Once started, all log lines carry UTC with
+// fractions and go to the file that was named: "stderr", "stdout", in small or capital letters, or
+// a path, opened for appending.
 //
 // Failure: kStatusNotFound for an unknown module, kStatusInvalidArgument for an empty item or an
 // output that can't be opened, kStatusInvalidSubject, kStatusNoMemory; tracing then stays off, and
-// modules handled before the failure stay marked.
+// modules listed before the faulty item stay marked.
 //
-// Threads: any. A line is written under the tracing lock, which is taken after every other lock but
-// the log's. Starting and stopping is for open and close.
+// Threads: any. A line is written under the tracing lock, which is taken after every other lock
+// except the log's. Only open and close start and stop tracing.
 
 #pragma once
 
@@ -23,32 +24,31 @@
 
 struct pelmoMsg;
 
-// Null or empty modules: nothing happens, whatever the file. The banner, printed first, may be
-// null.
+// Nothing happens when `modules` is null or empty. The banner, printed first, may be null.
 [[nodiscard]] pelmoStatus Tracing_Start(const char* modules, const char* file, const char* banner);
 
-// Modules and filters stay, so that another start adds to them.
+// Stops the lines. Modules and filters stay, so another start adds to them.
 void Tracing_Stop();
 
-// All modules off, filters freed.
+// Switches all modules off and frees the filters.
 void Tracing_Clear();
 
-// The settings, to the standard error stream.
+// Prints the settings to the standard error stream.
 void Tracing_Show();
 
-// One line about a message: the text of the format, its send subject, its text. Nothing is printed
-// for a subject that the module's filter lets through no line for. kStatusInvalidMessage,
-// kStatusInvalidSubject, and what making the text answers. Call it by traceMessage.
+// Writes one line about a message: the formatted text, its send subject, its text. Nothing is
+// printed for a subject that the module's filter doesn't match. kStatusInvalidMessage,
+// kStatusInvalidSubject, and any status of making the text. Use traceMessage to call it.
 [[gnu::format(printf, 3, 4)]] pelmoStatus Trace_Message(TraceModuleId module,
                                                         pelmoMsg* message,
                                                         const char* format,
                                                         ...);
 
-// Does the module's filter let lines about this packed subject through? For lines that name a
-// subject and show no message. Null, which is no subject, passes only where there is no filter.
+// Does the module's filter match this packed subject? For lines that name a subject and show no
+// message. Null, which is no subject, passes only when there is no filter.
 [[nodiscard]] bool Tracing_LetsThrough(TraceModuleId module, const uint8_t* subject);
 
-// A macro, so that the arguments are left alone while it is off.
+// A macro, so that its arguments aren't evaluated while tracing is off.
 #define traceMessage(module, message, ...)                     \
     do {                                                       \
         if (traceWants(module)) [[unlikely]]                   \

@@ -1,5 +1,5 @@
-// What queues, dispatchers and events ask of transports. Empty until the floor above fills it,
-// ahead of the first open.
+// The interface that queues, dispatchers and events need from transports. The table is empty until
+// the floor above fills it, before the first open.
 
 #pragma once
 
@@ -32,24 +32,24 @@ struct TransportOps {
                                 const char* name,
                                 const char* description);
 
-    // The message that sendAdvisory would send, for a caller that adds fields of its own.
+    // Makes the message that sendAdvisory would send, for a caller that adds fields of its own.
     pelmoStatus (*createAdvisory)(pelmoMsg** out,
                                   const char* advisoryClass,
                                   const char* source,
                                   const char* name,
                                   const char* description);
 
-    // To the transport's own listeners. Owns the message, on failure too.
+    // Delivers to the transport's own listeners. It takes ownership of the message, on failure too.
     pelmoStatus (*distribute)(uint32_t transport, pelmoMsg* message);
 
     // Makes the event, binds it to the transport and gives it its id.
     pelmoStatus (*addListener)(uint32_t* out, const ListenerRequest& request);
 
-    // Cuts the listener off from its transport: empties and frees its inbox, sets its transport
-    // to 0.
+    // Removes the listener from its transport: empties and frees its inbox, sets its transport to
+    // 0.
     pelmoStatus (*removeListener)(uint32_t transport, Event* event);
 
-    // May the message go to the listener's callback? False where the transport is gone.
+    // May the message be passed to the listener's callback? False when the transport is gone.
     bool (*runInboundHooks)(uint32_t transport, pelmoMsg* message);
 };
 

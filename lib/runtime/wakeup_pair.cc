@@ -16,13 +16,13 @@
 #include "lib/runtime/loopback_pair.h"
 #include "lib/runtime/socket_error.h"
 
-// How a wake-up never writes to somebody else's descriptor. A wake-up may come from a signal
-// handler at any moment, also between two instructions of the thread that closes the sockets, and a
-// number that is closed may be given to another file at once. So a wake-up counts itself in
-// `wakers`, and only then reads the handle; who closes first takes the handle away, and only then
-// waits until nobody is counted. Either the wake-up reads that there is none, or the close waits
-// for it: never for long, as the send doesn't block. A handler that interrupts the closing thread
-// has ended before that thread goes on.
+// A wake-up must never write to another file's descriptor. It may come from a signal handler at any
+// moment, also between two instructions of the thread that closes the sockets, and the number of a
+// closed descriptor may be reused at once. So a wake-up counts itself in `wakers` and only then
+// reads the handle; a close first clears the handle and only then waits until `wakers` is 0. Either
+// the wake-up reads that there is no handle, or the close waits for it: never for long, as the send
+// doesn't block. A handler that interrupts the closing thread has returned before that thread
+// continues.
 
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
@@ -36,17 +36,18 @@ struct WakeupPair {
 
     bool valid PELMO_GUARDED_BY(lock);  // the two sockets exist
 
-    // Written under `lock`, read without.
+    // Written under `lock`, read without it.
     std::atomic<bool> active;  // until destroyed
     std::atomic<uint32_t> ioEvent;
 
-    // For signal handlers too. All sequentially consistent: see above.
+    // Used by signal handlers too. All are sequentially consistent: see above.
     std::atomic<int> writeHandle;  // -1: none
-    std::atomic<int> readHandle;   // stands while there is a writeHandle
+    std::atomic<int> readHandle;   // valid while there is a writeHandle
     std::atomic<int> wakers;       // wake-ups under way
-    std::atomic<bool> signalled;   // stays set
+    std::atomic<bool> signalled;   // never cleared
 
-    // The creator's, and one of each event, given back when no callback of it can run any more.
+    // The creator's reference, and one for each event, released when no callback of the event can
+    // run any more.
     std::atomic<uint32_t> references;
 };
 
@@ -62,7 +63,7 @@ void closeSocketsLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     loopbackPairClose({pair->readHandle.exchange(-1), writeHandle});
 }
 
-// Nobody else knows the pair once its last reference is gone.
+// No other thread can reach the pair once its last reference is gone.
 void release(WakeupPair* pair) PELMO_UNCHECKED_LOCKING {
     if (pair->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     closeSocketsLocked(pair);
@@ -74,7 +75,7 @@ void onEventGone(uint32_t, void* pair) {
     release(static_cast<WakeupPair*>(pair));
 }
 
-// The event may be gone already: the library's close ends all there are.
+// The event may be gone already, since the library's close destroys all events.
 void endEvent(WakeupPair* pair, uint32_t event) {
     if (event == kNoId) return;
     if (pelmoEvent_DestroyEx(event, onEventGone) != kStatusSuccess) release(pair);
@@ -82,19 +83,19 @@ void endEvent(WakeupPair* pair, uint32_t event) {
 
 // The caller holds a reference of its own, so that the event's isn't the last.
 void disableLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
-    // The event first: then no wait has the socket any more.
+    // The event is destroyed first: then no thread polls the socket any more.
     endEvent(pair, pair->ioEvent.exchange(kNoId));
     closeSocketsLocked(pair);
 }
 
-// The errors that leave a connection as it is: no memory (12), a medium's own (124), would block,
-// in progress, no buffers.
+// These errors leave a connection usable: out of memory (12), a medium's own error (124), would
+// block, in progress, no buffers.
 bool passes(int code) {
     static constexpr int kPassing[] = {12, 124, 10035, 10036, 10055};
     return std::ranges::find(kPassing, code) != std::end(kPassing);
 }
 
-// Takes what was written. Is the connection still good?
+// Reads what was written. Returns whether the connection is still usable.
 bool drainLocked(const WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     char bytes[kWakesAtOnce];
     ssize_t got;
@@ -106,7 +107,7 @@ bool drainLocked(const WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     return got > 0;
 }
 
-// Does it have to fail to its owner?
+// Remakes the pair. Returns whether that failed, so that its owner must be called.
 bool renewLocked(WakeupPair* pair) PELMO_REQUIRES(pair->lock) {
     uint32_t queueId;
     const bool asked = pelmoEvent_GetQueue(pair->ioEvent.load(), &queueId) == kStatusSuccess;
@@ -124,7 +125,7 @@ void onPairEvent(uint32_t, pelmoMsg*, void* closure) {
         if (pair->valid && !drainLocked(pair)) failed = renewLocked(pair);
         fire = pair->signalled.load();
     }
-    // The event's reference keeps the pair until this returns, whatever the callbacks do.
+    // The event's reference keeps the pair alive until this returns, whatever the callbacks do.
     if (fire && pair->onWake != nullptr) pair->onWake(pair->closure);
     if (failed && pair->active.load() && pair->onFail != nullptr) pair->onFail(pair->closure);
 }
@@ -191,12 +192,12 @@ void wakeupPairWake(WakeupPair* pair) {
     if (pair->active.load()) {
         pair->signalled.store(true);
         const int handle = pair->writeHandle.load();
-        // Where no more bytes fit, there are enough to wake the reader.
+        // When no more bytes fit, there are enough to wake the reader.
         while (handle >= 0 && send(handle, "*", 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
                errno == EINTR) {
         }
-        // The network doesn't carry the byte: the reader wakes by the end of its stream, and renews
-        // the pair.
+        // The network doesn't deliver the byte. The shutdown wakes the reader by the end of its
+        // stream, and the reader remakes the pair.
         const int readHandle = pair->readHandle.load();
         if (handle >= 0 && loopbackPairIsStuck({readHandle, handle})) shutdown(readHandle, SHUT_RD);
     }
@@ -223,7 +224,7 @@ void wakeupPairDestroy(WakeupPair* pair) {
         if (!pair->active.exchange(false)) return;
         event = pair->ioEvent.exchange(kNoId);
     }
-    // The lock is left: the last reference takes it along.
+    // The lock must be released first, since the last reference frees it with the pair.
     endEvent(pair, event);
     release(pair);
 }

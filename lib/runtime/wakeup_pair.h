@@ -2,18 +2,18 @@
 // written to one end of a loopback connection (lib/runtime/loopback_pair.h) fires an IO event on
 // the other.
 //
-// A pair whose connection breaks, or that a wake-up finds stuck, remakes itself; where that fails,
-// its owner hears of it and tries again by wakeupPairRemake.
+// A pair whose connection breaks, or that a wake-up finds stuck, remakes itself; when that fails,
+// onFail tells the owner, who tries again with wakeupPairRemake.
 //
-// Ownership: the creator's, until wakeupPairDestroy. The object lives on until no callback of it
-// runs.
+// Ownership: the creator owns the pair until wakeupPairDestroy. The object exists until none of its
+// callbacks is running.
 //
-// Failure: kStatusNoMemory, kStatusSocketLimit where the system makes no connection, and what
-// pelmoEvent_CreateIO answers.
+// Failure: kStatusNoMemory, kStatusSocketLimit when the system makes no connection, and any status
+// of pelmoEvent_CreateIO.
 //
 // Threads: any. onWake and onFail run on the thread that dispatches the queue, with no lock held,
-// and may call back into the pair. Wake-ups aren't counted: a call of onWake says that something is
-// to be looked at.
+// and may call back into the pair. Wake-ups aren't counted: one call of onWake may stand for
+// several.
 
 #pragma once
 
@@ -31,10 +31,10 @@ using WakeupFunction = void (*)(void* closure);
                                            WakeupFunction onFail,
                                            void* closure);
 
-// Takes no lock and touches only lock-free atomics: for signal handlers too. errno is kept.
+// Takes no lock, uses only lock-free atomics and keeps errno, so signal handlers may call it.
 void wakeupPairWake(WakeupPair* pair);
 
-// Makes what is missing of connection and event.
+// Makes the connection and the event as far as they are missing.
 [[nodiscard]] pelmoStatus wakeupPairRemake(WakeupPair* pair, uint32_t queueId);
 
 // Closes the sockets and ends the event.
@@ -42,5 +42,5 @@ void wakeupPairDisable(WakeupPair* pair);
 
 void wakeupPairDestroy(WakeupPair* pair);
 
-// Has it an IO event? For an owner that polls while it has none.
+// Does it have an IO event? An owner polls while there is none.
 [[nodiscard]] bool wakeupPairHasEvent(WakeupPair* pair);

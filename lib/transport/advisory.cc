@@ -1,4 +1,4 @@
-// Advisories: what the library tells of itself.
+// Advisories: messages in which the library reports its own state.
 
 #include <cstdio>
 #include <cstring>

@@ -1,13 +1,14 @@
 // Hooks: functions that a transport runs at seven points of its work, in the order in which they
-// were added. This is their lists alone; when which kind runs is the transport's matter
+// were added. This module only keeps the lists; the transport decides when each kind runs
 // (lib/transport/transport_internal.h).
 //
-// Ownership: the lists own the hooks' records. Closures stay the caller's.
+// Ownership: the lists own the hooks' records. Closures belong to the caller.
 //
 // Failure: kStatusNoMemory; hookListsRemove answers kStatusInvalidArgument for a hook that isn't in
 // the lists. Outputs are written only on success.
 //
-// Threads: no lock. The transport's object lock serialises all calls but the run of a copy.
+// Threads: this module takes no lock. The transport's object lock serialises all calls except the
+// run of a copy.
 
 #pragma once
 
@@ -20,19 +21,19 @@ struct Dpa;
 struct pelmoMsg;
 
 enum HookKind : uint32_t {
-    kHookSend,        // before each message that is sent; a failure is the send's
+    kHookSend,        // before each message that is sent; a failure makes the send fail
     kHookInbound,     // at dispatch, before the callback; a failure drops the message
     kHookInterest,    // before each message about interest, to the daemon
     kHookDisconnect,  // the connection to the daemon is lost
-    kHookReconnect,   // and there again
+    kHookReconnect,   // the connection is established again
     kHookDestroy,     // first thing in a destroy
     kHookDestroyed,   // when the id is gone
     kHookKinds,
 };
 
-// A result other than success ends the run, and what it stands before. `message` is null for the
-// kinds without one. A hook may put another message in its place, handing over its reference: the
-// old one's is then given back. Dispatch ignores that.
+// A result other than success ends the run and cancels the step that the hooks precede. `message`
+// is null for kinds without a message. A hook may put another message in its place and hands its
+// reference over; the reference to the old one is then released. Dispatch ignores a replacement.
 using TransportHookFunction = pelmoStatus (*)(uint32_t transport,
                                               pelmoMsg** message,
                                               void* closure);
@@ -44,7 +45,7 @@ struct TransportHook {
     void* closure;
 };
 
-// All zero: no hooks.
+// A zeroed record has no hooks.
 struct HookLists {
     Dpa* lists[kHookKinds];  // of TransportHook; null: none yet
 };
@@ -60,7 +61,7 @@ pelmoStatus hookListsRemove(HookLists& hooks, TransportHook* hook);
 
 void hookListsFree(HookLists& hooks);
 
-// The hooks of one kind as they were, to be run with no lock held.
+// A copy of the hooks of one kind, which can be run with no lock held.
 class HookCopies {
   public:
     HookCopies() = default;
@@ -69,14 +70,14 @@ class HookCopies {
 
     [[nodiscard]] pelmoStatus take(const HookLists& hooks, HookKind kind);
 
-    // The first failure, or success.
+    // Runs the hooks in order. Returns the first failure, or success.
     [[nodiscard]] pelmoStatus run(pelmoMsg** message) const;
 
   private:
     static constexpr uint32_t kOnStack = 64;
 
     TransportHook onStack[kOnStack];
-    std::unique_ptr<TransportHook[]> onHeap;  // where there are more
+    std::unique_ptr<TransportHook[]> onHeap;  // used when there are more
     TransportHook* copies = onStack;
     uint32_t count = 0;
 };

@@ -47,7 +47,7 @@ SECURE_CRYPTO_BOOT_NAMES(SECURE_SLOT)
 SECURE_CRYPTO_NAMES(SECURE_SLOT)
 SECURE_SSL_NAMES(SECURE_SLOT)
 
-// The two that are called here.
+// The two functions that this file calls itself.
 [[gnu::visibility("hidden")]] unsigned long OpenSSL_version_num();
 [[gnu::visibility("hidden")]] const char* OpenSSL_version(int what);
 }
@@ -68,10 +68,10 @@ constexpr const char* kSslFile = "libssl.so.1.1";
 // The version's patch letter and state lie in the low 12 bits: any 1.1.1 will do.
 constexpr unsigned long kVersionMask = ~0xffful;
 constexpr unsigned long kVersionWanted = 0x10101000;
-constexpr int kVersionText = 0;  // what OpenSSL_version is asked for
+constexpr int kVersionText = 0;  // the argument of OpenSSL_version
 
 struct SecureModules {
-    std::string bindingText;  // what went on, shown only on failure
+    std::string bindingText;  // a record of the steps taken, shown only on failure
     const char* sslVersionText = nullptr;
 };
 
@@ -96,8 +96,8 @@ std::string programFolder(const char* const* argv) {
     return separator == 0 ? "/" : file.substr(0, separator);
 }
 
-// A program that runs with more rights than its caller, by file capabilities or set-user-id, finds
-// no PELMO_REXEC: the caller mustn't name the folder that code is loaded from.
+// A program that runs with more rights than its caller, by file capabilities or set-user-id,
+// ignores PELMO_REXEC: the caller must not choose the folder that code is loaded from.
 void prepareEnvironment(const char* const* argv) {
     if (secure_getenv("PELMO_REXEC") != nullptr) return;
     const std::string folder = programFolder(argv);
@@ -120,7 +120,7 @@ pelmoStatus bindTable(void* module, const ModuleBinding* table) {
     return kStatusSuccess;
 }
 
-// Local and by full name: nothing of the libraries gets among the program's own symbols, and no
+// Loads locally and by full name: no symbol of the libraries becomes visible to the program, and no
 // other directory is searched. libssl finds its libcrypto because that one is loaded already.
 pelmoStatus loadModule(const std::string& folder, const char* file, void** module) {
     const std::string fullName = folder + "/" + file;
@@ -155,7 +155,7 @@ pelmoStatus bindOrTell(void* module, const char* file, const ModuleBinding* tabl
     return status;
 }
 
-// The first failure ends it.
+// Stops at the first failure.
 pelmoStatus bindFrom(const char* path) {
     if (path == nullptr) {
         secure.bindingText.append("Failed to set module path\n");

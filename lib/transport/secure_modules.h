@@ -1,10 +1,10 @@
-// Binds OpenSSL 1.1.1 by name at run time: the system isn't linked against it. First thing in the
-// process both libraries are found in one directory, checked for their version, and each function
-// of secure_names.h is bound. A system whose libraries are missing doesn't start.
+// Binds OpenSSL 1.1.1 by name at run time: the program isn't linked against it. As the first step
+// of the process both libraries are found in one directory, their version is checked, and each
+// function of secure_names.h is bound. The program doesn't start when the libraries are missing.
 //
-// Each of those functions has a forwarder of the same name in the system: a jump through a slot,
-// which hands on any arguments and results. So code that calls OpenSSL reads as usual. A slot that
-// wasn't bound leads to unboundEntry. The forwarders are hidden symbols: the libraries' calls of
+// Each of those functions has a forwarder of the same name in the program: a jump through a slot,
+// which passes on any arguments and results. So code that calls OpenSSL reads as usual. A slot that
+// wasn't bound points to unboundEntry. The forwarders are hidden symbols: the libraries' calls of
 // their own functions never end up here.
 //
 // Environment:
@@ -14,7 +14,8 @@
 //
 // Ownership: the libraries stay loaded until the process ends, and so does every text given here.
 //
-// Threads: secureBindAll runs on the main thread, ahead of all others; afterwards nothing changes.
+// Threads: secureBindAll runs on the main thread before any other thread starts; nothing changes
+// afterwards.
 
 #pragma once
 
@@ -32,17 +33,17 @@ extern const ModuleBinding cryptoBootTable[];  // libcrypto: what the version ch
 extern const ModuleBinding cryptoTable[];      // libcrypto: all else
 extern const ModuleBinding sslTable[];         // libssl
 
-// Quiet on success. On failure tells on the standard error stream how far it came; the program then
-// ends with status 1. `argv` is asked for the program's directory only where the operating system
-// doesn't tell it. kStatusFileNotFound where there is no directory or no library in it,
-// kStatusIoFailed for one that can't be loaded or is of another version, kStatusNotFound for one
-// without a function.
+// Prints nothing on success. On failure it reports the steps taken on the standard error stream;
+// the program then ends with status 1. The program's directory is taken from `argv` only when the
+// operating system doesn't provide it. kStatusFileNotFound where there is no directory or no
+// library in it, kStatusIoFailed for one that can't be loaded or is of another version,
+// kStatusNotFound for one without a function.
 [[nodiscard]] pelmoStatus secureBindAll(const char* const* argv);
 
-// Where every slot points at first: tells of the fault and ends the process with status 2, at once,
-// as the caller relies on what isn't there.
+// The initial target of every slot. It reports the fault and ends the process with status 2 at
+// once, since the caller depends on a function that isn't there.
 [[noreturn]] void unboundEntry();
 
-// What the library called itself at the check, "Unknown" if it gave nothing. Asks the library anew
-// where there was no check: ahead of the binding that ends in unboundEntry.
+// The version text that the library gave at the check, "Unknown" if it gave none. Without a check
+// before it asks the library, which ends in unboundEntry if nothing is bound yet.
 [[nodiscard]] const char* secureVersionText();

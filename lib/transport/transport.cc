@@ -1,4 +1,4 @@
-// A transport's life, its inboxes, and the settings of its delivery.
+// Creating and destroying transports, their inboxes, and their delivery settings.
 
 #include <cinttypes>
 #include <cstdio>
@@ -19,7 +19,7 @@ namespace {
 constexpr uint32_t kRequestQueueBuckets = 4;
 constexpr const char* kIntraProcessPrefix = "_INBOX.";
 
-// Nobody else knows the transport any more, so that no lock is needed.
+// No other thread can reach the transport any more, so no lock is needed.
 void freeTransport(IdHeader* header) PELMO_UNCHECKED_LOCKING {
     auto* transport = reinterpret_cast<Transport*>(header);
     sublistDestroy(transport->subjects);
@@ -35,7 +35,7 @@ void freeTransport(IdHeader* header) PELMO_UNCHECKED_LOCKING {
     std::free(transport);
 }
 
-// Requests under way wake with a failure; those that come now are refused.
+// Requests that are waiting wake with a failure; new ones are refused.
 void endRequestsLocked(Transport* transport) PELMO_REQUIRES(transport->header.lock) {
     Dict32Iterator each;
     dict32IterInit(transport->requestQueues, &each);
@@ -45,9 +45,9 @@ void endRequestsLocked(Transport* transport) PELMO_REQUIRES(transport->header.lo
     }
 }
 
-// A few at a time, without memory of its own and with the lock left: the daemon may be told. No
-// listener joins a transport that is being destroyed, so that a round which took none off the list
-// is the last: one more would meet the same listeners.
+// Removes a few listeners at a time, which takes no heap memory, and with the lock released, since
+// a removal may send to the daemon. No listener joins a transport that is being destroyed, so a
+// round that took none off the list is the last: one more would find the same listeners.
 void cutOffListeners(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
     constexpr uint32_t kAtATime = 64;
     Event* some[kAtATime];
@@ -70,7 +70,7 @@ void cutOffListeners(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
     }
 }
 
-// What leads out of the process. The endpoint is for the caller to close, behind all else.
+// Detaches what leads out of the process. The caller closes the endpoint last.
 ReliableEndpoint* stopPaths(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
     if (held->kind == TransportKind::kNetwork && held->link != nullptr) {
         held.leave();
@@ -90,7 +90,7 @@ void endTransport(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
     const bool wasPublished = Id_Invalidate(&held->header) == kStatusSuccess;
     (void)Transport_RunHooks(held.get(), kHookDestroyed, nullptr);
     if (wasPublished) Id_Release(&held->header, false);
-    // Closing frees it: that is left to the last send under way, if there is one.
+    // Closing frees the endpoint, so a send that is still running closes it when it ends.
     if (held->directSends != 0) held->leftEndpoint = std::exchange(endpoint, nullptr);
     held.release();
     if (endpoint != nullptr) endpointOps.close(endpoint);
@@ -114,7 +114,7 @@ void transportAttach() {
                     .runInboundHooks = Transport_RunInboundHooks};
 }
 
-// Nobody else knows the transport yet.
+// No other thread can reach the transport yet.
 Transport* Transport_New(TransportKind kind) PELMO_UNCHECKED_LOCKING {
     auto* transport = static_cast<Transport*>(std::calloc(1, sizeof(Transport)));
     if (transport == nullptr) return nullptr;

@@ -1,26 +1,27 @@
 // Transports: what carries messages from senders to listeners.
 //
-// The intra-process transport, kIntraProcessTransportId, is always there while the library is open.
-// It hands each message straight to the listeners of this process. A network transport sends to a
+// The intra-process transport, kIntraProcessTransportId, exists while the library is open. It
+// delivers each message directly to the listeners of this process. A network transport sends to a
 // bus daemon, or directly to the process that owns an inbox; a virtual circuit wraps its messages
 // for one peer and sends them over another transport. Listeners are made in runtime/event.h.
 //
 //     pelmoMsg_SetSendSubject(msg, "A.B");
 //     pelmoTransport_Send(kIntraProcessTransportId, msg);    // the caller keeps msg
 //
-// Subjects: "_PM" as the first element is reserved for advisories, which the library sends about
-// itself: "_PM.<class>.<source>.<name>", with the text fields ADV_CLASS, ADV_SOURCE, ADV_NAME and,
-// where there is a description, ADV_DESC. One of class "WARN" or "ERROR" that nobody listens to
-// becomes a line in the log. "_INBOX" as the first element makes an inbox: a subject of one
-// listener, made by pelmoTransport_CreateInbox, that no wildcard matches.
+// Subjects: "_PM" as the first element is reserved for advisories, in which the library reports its
+// own state: "_PM.<class>.<source>.<name>", with the text fields ADV_CLASS, ADV_SOURCE, ADV_NAME
+// and, where there is a description, ADV_DESC. An advisory of class "WARN" or "ERROR" without a
+// listener is logged. "_INBOX" as the first element makes an inbox: a subject of one listener, made
+// by pelmoTransport_CreateInbox, that no wildcard matches.
 //
-// Ownership: a message that is sent stays the sender's, who may change or destroy it afterwards.
-// Texts that a getter gives are good until they are set anew or the transport is destroyed.
+// Ownership: a message that is sent still belongs to the sender, who may change or destroy it
+// afterwards. Texts that a getter returns are valid until they are set again or the transport is
+// destroyed.
 //
-// Failure: kStatusNotInitialized on a closed library, ahead of all else, but for the destroy;
-// kStatusInvalidTransport for an id that isn't a live transport; kStatusNotPermitted for a call
-// that wants a network transport; kStatusInvalidArgument for no output or text; kStatusNoMemory.
-// Outputs are written only on success.
+// Failure: kStatusNotInitialized on a closed library, tested first by every call except the
+// destroy; kStatusInvalidTransport for an id that isn't a live transport; kStatusNotPermitted for a
+// call that needs a network transport; kStatusInvalidArgument for a null output or text;
+// kStatusNoMemory. Outputs are written only on success.
 //
 // Threads: any. A transport delivers under its own lock, to its listeners' queues; callbacks run
 // where those are dispatched. A queue's hook runs on the sending thread.
@@ -43,47 +44,50 @@ struct pelmoMsg;
                                                        const char* network,
                                                        const char* daemon);
 
-// The same, and the daemon is told not to resume what an earlier connection left unfinished.
+// The same, but the daemon doesn't resume what an earlier connection left unfinished.
 [[nodiscard]] pelmoStatus pelmoTransport_CreateNetworkNoResume(uint32_t* out,
                                                                const char* service,
                                                                const char* network,
                                                                const char* daemon);
 
-// Its listeners are cut off, requests under way end with kStatusInvalidTransport.
-// kStatusNotPermitted for the intra-process transport while the library is open.
+// Its listeners get no further messages; requests that are waiting end with
+// kStatusInvalidTransport. kStatusNotPermitted for the intra-process transport while the library is
+// open.
 pelmoStatus pelmoTransport_Destroy(uint32_t transport);
 
-// Sending. kStatusInvalidMessage for no message; kStatusInvalidSubject for one without a send
-// subject, or with a reserved one; what the daemon connection answers. Success also where the
-// transport is destroyed meanwhile.
+// Sending. kStatusInvalidMessage for no message; kStatusInvalidSubject for a message without a send
+// subject or with a reserved one; any status of the daemon connection. A send also succeeds when
+// the transport is destroyed meanwhile.
 
 [[nodiscard]] pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
 
-// Messages in order up to the first failure. Those for the daemon leave together, or not at all.
+// Sends messages in order up to the first failure. Those for the daemon are sent together, or not
+// at all.
 [[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport,
                                                pelmoMsg* const* messages,
                                                uint32_t count);
 
-// Sends, and waits for the answer to it, which is the caller's to destroy. Seconds below 0: without
-// limit. kStatusTimeout; an answer that comes later is dropped. The message's reply subject is set.
+// Sends and waits for the reply, which the caller destroys. Seconds below 0 mean no limit.
+// kStatusTimeout when no reply came in time; a later one is dropped. The message's reply subject is
+// set.
 [[nodiscard]] pelmoStatus pelmoTransport_SendRequest(uint32_t transport,
                                                      pelmoMsg* message,
                                                      pelmoMsg** outReply,
                                                      double seconds);
 
-// Answers a request: sets the send subject of `reply`. kStatusNotFound for a request that wants no
-// answer.
+// Answers a request: sets the send subject of `reply` and sends it. kStatusNotFound for a request
+// without a reply subject.
 [[nodiscard]] pelmoStatus pelmoTransport_SendReply(uint32_t transport,
                                                    pelmoMsg* reply,
                                                    pelmoMsg* request);
 
-// A subject that nobody else has, as text. kStatusInsufficientBuffer where text and NUL don't fit.
+// Writes a unique subject as text. kStatusInsufficientBuffer when the text and its NUL don't fit.
 [[nodiscard]] pelmoStatus pelmoTransport_CreateInbox(uint32_t transport,
                                                      char* buffer,
                                                      uint32_t size);
 
 // Advisories. The description may be null. kStatusInvalidArgument also for a class with a dot, or
-// texts of more than 244 bytes together; kStatusInvalidSubject for an empty text, or an element or
+// texts of more than 244 bytes in total; kStatusInvalidSubject for an empty text, or an element or
 // subject too long.
 pelmoStatus pelmoTransport_SendAdvisory(uint32_t transport,
                                         const char* advisoryClass,
@@ -91,21 +95,22 @@ pelmoStatus pelmoTransport_SendAdvisory(uint32_t transport,
                                         const char* name,
                                         const char* description);
 
-// To the transport's own listeners, never to the network. Owns the message, on failure too.
+// Delivers to the transport's own listeners, never to the network. It takes ownership of the
+// message, on failure too.
 pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
 
-// Interest. 1 or 0; 0 also where there is no such transport.
+// Interest: the answers are 1 or 0, and 0 also for an id that isn't a live transport.
 
-// Would a message on this subject, a text, find a listener?
+// Does any listener match this subject, given as text?
 [[nodiscard]] uint32_t pelmoTransport_HasInterest(uint32_t transport, const char* subject);
 
-// The first listener of exactly this subject, packed as on the wire.
+// The first listener on exactly this subject, packed as on the wire.
 [[nodiscard]] uint32_t pelmoTransport_FindInterest(uint32_t transport,
                                                    const uint8_t* subject,
                                                    uint32_t* outEvent);
 
-// Settings of a network transport. Those that the daemon is told of are kept, and told again at
-// each connection; a daemon too old to know one isn't told.
+// Settings of a network transport. Those that concern the daemon are kept and sent again at each
+// connection; a daemon too old to know a setting isn't sent it.
 
 // What pelmoTransport_CreateNetwork was given, the daemon's after defaulting.
 // kStatusInvalidTransport for other kinds.
@@ -113,7 +118,7 @@ pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
 [[nodiscard]] pelmoStatus pelmoTransport_GetNetwork(uint32_t transport, const char** out);
 [[nodiscard]] pelmoStatus pelmoTransport_GetDaemon(uint32_t transport, const char** out);
 
-// Null is the empty text.
+// Null means the empty text.
 [[nodiscard]] pelmoStatus pelmoTransport_SetDescription(uint32_t transport, const char* text);
 [[nodiscard]] pelmoStatus pelmoTransport_GetDescription(uint32_t transport, const char** out);
 [[nodiscard]] pelmoStatus pelmoTransport_SetHttpAddress(uint32_t transport, const char* text);
@@ -125,27 +130,27 @@ pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
 // Does the daemon send back what this transport sends? It does at first.
 [[nodiscard]] pelmoStatus pelmoTransport_SetEcho(uint32_t transport, bool echo);
 
-// For how long the daemon keeps messages for resending. kStatusInvalidArgument unless above 0.
+// How long the daemon keeps messages for resending. kStatusInvalidArgument unless above 0.
 [[nodiscard]] pelmoStatus pelmoTransport_RequestReliability(uint32_t transport, double seconds);
 
-// 1: small messages are gathered before they leave. Can't be switched off again:
-// kStatusNotPermitted.
+// 1: small messages are gathered before they leave. It can't be switched off again: 0 answers
+// kStatusNotPermitted then.
 [[nodiscard]] pelmoStatus pelmoTransport_SetBatchMode(uint32_t transport, uint32_t mode);
 
-// Do senders wait while too much is under way? kStatusDaemonNotConnected.
+// Do senders wait while too much is on its way? kStatusDaemonNotConnected without a connection.
 [[nodiscard]] pelmoStatus pelmoTransport_SetBlockingOnExcessiveBacklog(uint32_t transport,
                                                                        bool blocking);
 [[nodiscard]] pelmoStatus pelmoTransport_SetSendingWaitLimit(uint32_t transport, uint32_t limit);
 [[nodiscard]] pelmoStatus pelmoTransport_GetSendingWaitLimit(uint32_t transport, uint32_t* out);
 
-// Between the two, what is sent waits. kStatusDaemonNotConnected.
+// Messages sent between the two calls wait. kStatusDaemonNotConnected without a connection.
 [[nodiscard]] pelmoStatus pelmoTransport_HoldSends(uint32_t transport);
 [[nodiscard]] pelmoStatus pelmoTransport_ReleaseSends(uint32_t transport);
 
-// Settings of delivery from the network, without a way back.
+// Settings of delivery from the network, which can't be undone.
 
-// Each message goes to one of its listeners only.
+// Each message is delivered to only one of its listeners.
 pelmoStatus pelmoTransport_SetFirstListenerOnly(uint32_t transport);
 
-// An advisory that nobody listens to isn't logged.
+// An advisory without a listener isn't logged.
 pelmoStatus pelmoTransport_SetQuietUnhandled(uint32_t transport);

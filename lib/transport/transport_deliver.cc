@@ -1,8 +1,8 @@
-// Delivery: from a message to the queues of those who listen to its subject.
+// Delivery: from a message to the queues of the listeners on its subject.
 //
-// Posting can lead back here on the same thread, and a hook can end listeners meanwhile. So a match
-// is copied, each listener with a reference, ahead of the first post: the subject list's own array
-// belongs to the next match.
+// Posting can re-enter delivery on the same thread, and a hook can destroy listeners meanwhile. So
+// the matching listeners are copied, each with a reference, before the first post: the next match
+// overwrites the subject list's own array.
 
 #include <cstdlib>
 #include <cstring>
@@ -37,7 +37,7 @@ class HeldListeners {
     HeldListeners(const HeldListeners&) = delete;
     HeldListeners& operator=(const HeldListeners&) = delete;
 
-    // In place of what is held. Null is none. False where memory ran out.
+    // Replaces the listeners held. Null holds none. False when memory ran out.
     [[nodiscard]] bool hold(const Dpa* matches) {
         drop();
         if (matches == nullptr) return true;
@@ -50,7 +50,7 @@ class HeldListeners {
         return true;
     }
 
-    // Lets go of those of the other sort.
+    // Releases the listeners of the other sort.
     void keepOnly(bool inboxes) {
         uint32_t kept = 0;
         for (Event* event : events()) {
@@ -101,9 +101,9 @@ void traceAdvisory(pelmoMsg* message, const uint8_t* subject, const char* words)
     (void)Trace_Message(kTraceAdvisories, message, "%s", words);
 }
 
-// The subject as the lines about each listener name it; empty where there are to be none. It is a
-// copy, since a queue's hook may change the message, and with it the image that the subject lies
-// in, between two listeners.
+// The subject for the trace lines, one per listener; empty when none are to be written. It is a
+// copy, since a queue's hook may change the message between two listeners, and with it the image
+// that holds the subject.
 struct TracedSubject {
     char text[kSubjectTextBytes];
 
@@ -114,7 +114,7 @@ struct TracedSubject {
     }
 };
 
-// Stored only where it changes: most transports never have such hooks.
+// Takes the event's lock only when the value changes: most transports never have such hooks.
 void noteInboundHooks(Event* event, bool hooks) {
     if (event->listener.inboundHooks.load(std::memory_order_relaxed) == hooks) return;
     Id_Enter(&event->header);
@@ -124,7 +124,7 @@ void noteInboundHooks(Event* event, bool hooks) {
 
 enum class Pushed { kYes, kCutOff, kNoMemory };
 
-// The copy waits in the listener's inbox for its place on the queue.
+// The copy stays in the listener's inbox until there is a place for it on the queue.
 Pushed pushCopy(Event* event, pelmoMsg* copy, const TracedSubject& subject, bool hooks) {
     Pushed pushed = Pushed::kCutOff;
     Id_Enter(&event->header);
@@ -140,7 +140,7 @@ Pushed pushCopy(Event* event, pelmoMsg* copy, const TracedSubject& subject, bool
     return pushed;
 }
 
-// Of a listener whose queue is gone: what waits in its inbox would wait for ever.
+// Empties the inbox of a listener whose queue is gone: nothing would ever dispatch these messages.
 void dropWaiting(Event* event) {
     Id_Enter(&event->header);
     while (event->listener.inbox != nullptr) {
@@ -165,14 +165,14 @@ pelmoStatus deliverTo(Event* event, pelmoMsg* message, const TracedSubject& subj
     return posted == kStatusNoMemory ? posted : kStatusSuccess;
 }
 
-// Entries for listeners of one queue, on their way to it.
+// Collects entries for listeners of one queue, which are posted together.
 class Collector {
   public:
     Collector() = default;
     Collector(const Collector&) = delete;
     Collector& operator=(const Collector&) = delete;
 
-    // Takes the message over.
+    // Takes ownership of the message.
     void add(const Event* event, pelmoMsg* message) {
         if (event->queueId != queueId_ || count_ == kMostEntries) flush();
         queueId_ = event->queueId;
@@ -191,10 +191,10 @@ class Collector {
     uint32_t queueId_ = kNoId;
 };
 
-// A run of messages on one subject looks it up once.
+// A run of messages on one subject is looked up once.
 class BatchMatch {
   public:
-    // Who listens: no wildcard gets an inbox's message. False where memory ran out.
+    // Finds the listeners; wildcards get no message of an inbox. False when memory ran out.
     [[nodiscard]] bool find(SubjectList* list, const uint8_t* subject) {
         if (isFor(subject)) return true;
         lengthBytes_ = 0;
@@ -215,7 +215,7 @@ class BatchMatch {
 
     HeldListeners listeners_;
     uint8_t subject_[kSubjectMaxBytes];
-    size_t lengthBytes_ = 0;  // 0: of no subject
+    size_t lengthBytes_ = 0;  // 0: no subject is held
 };
 
 // True where a listener took the message itself.

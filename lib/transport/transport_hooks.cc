@@ -39,7 +39,7 @@ bool transportHasHooks(const Transport* transport, HookKind kind) {
 bool Transport_RunInboundHooks(uint32_t transport, pelmoMsg* message) {
     Held<Transport> held;
     if (held.findLocked(transport) != kStatusSuccess) return false;
-    // The dispatch keeps its own reference, whatever a hook puts in the message's place.
+    // The dispatch keeps its own reference, so a replacement by a hook has no effect.
     msgRetain(message);
     pelmoMsg* shown = message;
     const pelmoStatus status = Transport_RunHooks(held.get(), kHookInbound, &shown);

@@ -1,11 +1,11 @@
-// What transports ask of the floors that carry messages out of the process: the daemon connection,
-// the reliable endpoint, virtual circuits. Each fills its table when it is linked in; until then a
-// table is empty, and no transport of that kind can be made.
+// The interface that transports need from the floors that carry messages out of the process: the
+// daemon connection, the reliable endpoint, virtual circuits. Each floor fills its table when it is
+// linked in; while a table is empty, no transport of that kind can be made.
 //
-// Locks: a function is called with a reference on the transport held, and with its object lock not
-// held unless the table says so: a caller must expect a changed transport on return.
+// Locks: a function is called with a reference to the transport held and, unless the table says
+// otherwise, without its object lock: the transport may have changed when it returns.
 //
-// Failure: statuses are handed to the application as they come.
+// Failure: statuses are passed on to the application unchanged.
 
 #pragma once
 
@@ -27,38 +27,37 @@ struct DaemonVersion {
     auto operator<=>(const DaemonVersion&) const = default;
 };
 
-// What the transport and its daemon connection both look at. The record is the connection's, made
-// and freed by it.
+// What the transport and its daemon connection share. The connection makes and frees the record.
 struct DaemonLink {
-    // Constant after creation; heap texts, empty for none.
+    // Constant after creation; heap texts, empty when not given.
     char* service;
     char* network;
     char* daemon;
     char session[kSessionBytes];
 
-    // Guarded by the transport's object lock; told to the daemon at each connection.
+    // Guarded by the transport's object lock; sent to the daemon at each connection.
     char* description;  // heap text, null for none
     char* httpAddress;
     bool echo;
     bool hide;
-    double reliabilitySeconds;  // negative: not asked for
+    double reliabilitySeconds;  // negative: not requested
     DaemonVersion version;      // of the daemon of the last connection
 };
 
 struct DaemonLinkOps {
-    // Makes `transport->link` and connects; the object lock is held, and left while connecting. On
-    // failure nothing stays. Texts may be null. `resume`: may the daemon take up what an earlier
-    // connection left?
+    // Makes `transport->link` and connects; the object lock is held and is released while
+    // connecting. On failure nothing is left. Texts may be null. `resume`: may the daemon resume
+    // what an earlier connection left unfinished?
     pelmoStatus (*create)(Transport* transport,
                           const char* service,
                           const char* network,
                           const char* daemon,
                           bool resume);
 
-    // Of a transport whose last reference is gone.
+    // Frees the link of a transport whose last reference is gone.
     void (*destroy)(DaemonLink* link);
 
-    // No reconnect starts afterwards; what was sent leaves first.
+    // Sends what is still waiting; no reconnect starts afterwards.
     void (*stop)(Transport* transport);
 
     // kStatusDaemonNotConnected while there is no connection. Messages are borrowed.
@@ -71,7 +70,7 @@ struct DaemonLinkOps {
     pelmoStatus (*setWaitLimit)(Transport* transport, uint32_t limit);
     pelmoStatus (*getWaitLimit)(Transport* transport, uint32_t* out);
 
-    // Tells the daemon what is listened to: kind kInterestStart or kInterestStop.
+    // Tells the daemon that listening to a subject begins or ends: kInterestStart or kInterestStop.
     pelmoStatus (*interest)(Transport* transport, const uint8_t* subject, const char* kind);
 };
 
@@ -85,27 +84,27 @@ struct EndpointOps {
                         uint16_t port,
                         std::span<pelmoMsg* const> messages);
 
-    // What the endpoint's callbacks are told. The object lock is held.
+    // Passed on to the endpoint's callbacks. The object lock is held.
     void (*setTransport)(ReliableEndpoint* endpoint, uint32_t transportId);
 
-    // Waits for what was sent to leave, and frees the endpoint. No call of send is under way.
+    // Waits until everything has been sent, and frees the endpoint. No call of send is running.
     void (*close)(ReliableEndpoint* endpoint);
 };
 
-// All with the circuit's object lock held, under which circuits do all their work.
+// All are called with the circuit's object lock held, under which circuits do all their work.
 struct CircuitOps {
     pelmoStatus (*send)(Transport* circuit, pelmoMsg* message);
 
-    // The message's envelope for the peer, for the caller to release. Takes a sequence number.
+    // Wraps the message for the peer; the caller releases the result. It uses up a sequence number.
     pelmoStatus (*wrap)(Transport* circuit, pelmoMsg* message, pelmoMsg** outEnvelope);
 
-    // To the circuit's listeners. Owns the message.
+    // Delivers to the circuit's listeners and takes ownership of the message.
     pelmoStatus (*deliver)(Transport* circuit, pelmoMsg* message);
 
     // The reason may be null.
     void (*disconnect)(Transport* circuit, const char* reason);
 
-    // Of a transport whose last reference is gone; no lock.
+    // Frees the circuit of a transport whose last reference is gone; called without a lock.
     void (*destroy)(VirtualCircuit* circuit);
 };
 

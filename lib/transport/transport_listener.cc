@@ -1,4 +1,4 @@
-// Listeners: what subjects a transport delivers, and to whom.
+// Listeners: which subjects a transport delivers, and to which events.
 
 #include <cstring>
 
@@ -15,9 +15,9 @@
 namespace {
 
 constexpr int32_t kListenerSubjectBytes = 200;
-constexpr uint32_t kListenerInbox = 4;  // messages of room
+constexpr uint32_t kListenerInbox = 4;  // capacity at first, in messages
 
-// An inbox of the daemon's: any network transport may listen to it.
+// The subject of one of the daemon's inboxes, which any network transport may listen to.
 bool isDaemonInbox(const uint8_t* subject) {
     return subjectElementEquals(subject, 3, "DAEMON") ||
            subjectElementEquals(subject, 3, "ROUTED") || subjectElementEquals(subject, 4, "ROUTED");
@@ -42,9 +42,9 @@ bool mayListenToInboxLocked(const Transport* transport, const uint8_t* subject, 
     return isOwnInbox(transport, text);
 }
 
-// The lock isn't held while the daemon is told: somebody may have begun to listen meanwhile, and
-// been announced ahead of the stop. The daemon would send him nothing. A start too many only costs
-// messages that nobody gets.
+// The lock isn't held while the stop is sent. Another listener may join meanwhile, and its start
+// may reach the daemon before the stop, so the daemon would send it nothing. One start too many
+// only costs messages without a listener.
 void announceStop(Held<Transport>& held, const uint8_t* subject) {
     (void)daemonLinkOps.interest(held.get(), subject, kInterestStop);
     held.enter();
@@ -58,7 +58,8 @@ void announceStop(Held<Transport>& held, const uint8_t* subject) {
 pelmoStatus transportBindListener(
     Transport* transport, Event* listener, const uint8_t* subject, uint32_t* out, bool* isFirst) {
     SubjectList* list = transport->subjects;
-    // No match has more values than the list: a delivery misses nobody for want of memory.
+    // A match never has more values than the list, so a delivery never skips a listener because
+    // memory ran out.
     if (!dpaReserve(list->matches, list->valueCount + 1)) return kStatusNoMemory;
     SubjectNode* node = nullptr;
     if (!sublistAdd(list, subject, listener, &node)) return kStatusNoMemory;
@@ -109,7 +110,7 @@ pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request)
     }
     held.leave();
     if (held->kind == TransportKind::kNetwork && isFirst && (!isInbox || isDaemonInbox(subject))) {
-        // Where this fails, the next connection tells the daemon.
+        // When this fails, the next connection announces the subject.
         (void)daemonLinkOps.interest(held.get(), subject, kInterestStart);
     }
     return kStatusSuccess;

@@ -1,4 +1,4 @@
-// Messages as a transport looks at them: where they go, and what of them is sent.
+// What a transport reads of a message: its subject, and which part of it is sent.
 
 #include <cstring>
 
@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* kReservedElement = "_PM";
 
-// Open for as long as this exists.
+// Keeps the envelope open for its own lifetime.
 class OpenForNow {
   public:
     explicit OpenForNow(pelmoMsg* msg)
@@ -42,7 +42,7 @@ pelmoStatus copySubjects(pelmoMsg* from, pelmoMsg* to) {
     return status == kStatusSuccess ? pelmoMsg_SetReplySubject(to, reply) : status;
 }
 
-// What the application put in, in an envelope of our own.
+// The application's fields in a new plain envelope.
 pelmoStatus copyPlain(pelmoMsg* message, pelmoMsg** out) {
     const OpenForNow open(message);
     if (open.status() != kStatusSuccess) return kStatusNoMemory;

@@ -43,7 +43,7 @@ pelmoStatus createLocked(Held<Transport>& held,
     return kStatusSuccess;
 }
 
-// Of a transport that never got an id: nobody else knows it.
+// For a transport that never got an id, so no other thread can reach it.
 void abandon(Held<Transport>& held) PELMO_RELEASE(held->header.lock) {
     held->destroying = true;
     ReliableEndpoint* endpoint = std::exchange(held->directEndpoint, nullptr);
@@ -110,8 +110,8 @@ pelmoStatus fillControl(pelmoMsg* message,
     return status == kStatusSuccess ? addData(message, value) : status;
 }
 
-// Tells the daemon, unless it is too old. Without a connection nothing is lost: the next one begins
-// with the settings as they are then. Only a send leaves the lock.
+// Sends the setting to the daemon unless the daemon is too old. Without a connection nothing is
+// lost: the next one begins with the current settings. The lock is released only for the send.
 pelmoStatus sendControl(Held<Transport>& held,
                         const ControlKind& kind,
                         AddData addData,
@@ -158,14 +158,14 @@ pelmoStatus getText(uint32_t transport, char* DaemonLink::*member, const char** 
     return status == kStatusSuccess ? giveText(held, member, out) : status;
 }
 
-// What the transport was made with: other kinds count as none.
+// What the transport was created with; an id of another kind counts as no transport.
 pelmoStatus getOrigin(uint32_t transport, char* DaemonLink::*member, const char** out) {
     Held<Transport> held;
     if (holdNetwork(held, transport) != kStatusSuccess) return kStatusInvalidTransport;
     return giveText(held, member, out);
 }
 
-// Calls that are the daemon connection's own.
+// Calls that only the daemon connection implements.
 template <typename Operation, typename... Arguments>
 pelmoStatus passOn(uint32_t transport, Operation operation, Arguments... arguments) {
     Held<Transport> held;
@@ -199,7 +199,7 @@ pelmoStatus pelmoTransport_CreateNetworkNoResume(uint32_t* out,
     return status;
 }
 
-// The rest trace on entry, and differ in little else.
+// The calls below trace on entry and differ only in the setting that they read or change.
 #define PELMO_TRANSPORT_CALL(...)                       \
     if (!libraryIsOpen()) return kStatusNotInitialized; \
     traceLine(kTraceTransport, __VA_ARGS__)

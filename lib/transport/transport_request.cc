@@ -1,8 +1,8 @@
-// Requests: a message that wants an answer, and the wait for it.
+// Requests: a message that expects a reply, and the wait for it.
 //
-// Each request has a queue of its own, one of the transport's spare ones if there is any, and a
-// one-shot inbox. An answer that comes too late finds no listener; one that was posted too late is
-// met by the next request on that queue as an entry of an event that is gone.
+// Each request has a queue of its own, one of the transport's spare queues if there is any, and a
+// one-shot inbox. A late reply finds no listener; one that was posted just too late stays on the
+// queue, where the next request skips it as an entry of a destroyed event.
 
 #include <utility>
 
@@ -34,7 +34,8 @@ void onReply(uint32_t /*event*/, pelmoMsg* message, void* closure) {
     if (pelmoMsg_Detach(message) == kStatusSuccess) *slot = message;
 }
 
-// The steps of a start; the caller holds the object lock. What stands is ended by endLocked.
+// The steps of a start; the caller holds the object lock. endLocked undoes the steps that were
+// done.
 
 pelmoStatus takeQueueLocked(Request& request) PELMO_REQUIRES(request.transport->header.lock) {
     Dpa* spare = request.transport->spareQueues;
@@ -61,13 +62,13 @@ pelmoStatus listenLocked(Request& request, pelmoMsg** slot)
                                     .closure = slot};
     Event* listener = nullptr;
     pelmoStatus status = Event_NewListener(&listener, wanted, true, kOneReply);
-    if (status == kStatusInvalidQueue) return kStatusInvalidTransport;  // as the wait on it would
+    if (status == kStatusInvalidQueue) return kStatusInvalidTransport;  // as a wait on it would
     if (status != kStatusSuccess) return status;
     Id_AddRef(&listener->header);
     request.listener = listener;
     status = transportBindListener(request.transport.get(), listener, request.packedInbox, nullptr,
                                    nullptr);
-    // The base reference goes where no id stands for it.
+    // Without an id, nothing else would release the base reference.
     if (status != kStatusSuccess) Id_Release(&listener->header, false);
     return status;
 }
@@ -93,7 +94,7 @@ void endListenerLocked(Request& request) PELMO_REQUIRES(request.transport->heade
     Id_Release(&listener->header, false);
 }
 
-// A queue that didn't serve to the end of its wait isn't kept.
+// A queue whose wait failed isn't kept as a spare.
 void endLocked(Request& request, bool queueServes) PELMO_REQUIRES(request.transport->header.lock) {
     dict32Remove(request.transport->requestQueues, request.queueId, nullptr);
     Dpa* spare = request.transport->spareQueues;

@@ -14,7 +14,7 @@
 
 namespace {
 
-// All of the text, of at most so many digits.
+// Parses the whole text, at most `mostDigits` hexadecimal digits.
 bool parseHex(const char* text, size_t mostDigits, uint32_t& number) {
     const std::string_view digits(text);
     if (digits.empty() || digits.size() > mostDigits) return false;
@@ -38,9 +38,9 @@ bool findDirectPeer(const uint8_t* subject, DirectPeer& peer) {
            parseHex(subjectElement(subject, 2), kHostDigits, peer.host);
 }
 
-// The caller holds the object lock, which is left meanwhile; so in the next three.
+// The next four functions are called with the object lock held and release it meanwhile.
 
-// A destroy that met a send by the endpoint couldn't free it.
+// Frees the endpoint that a destroy left to the sends that were running.
 void closeLeftEndpoint(Transport* transport) PELMO_REQUIRES(transport->header.lock) {
     ReliableEndpoint* endpoint = std::exchange(transport->leftEndpoint, nullptr);
     if (endpoint == nullptr) return;
@@ -76,7 +76,7 @@ pelmoStatus sendOnNetwork(Transport* transport, pelmoMsg* message)
     return status;
 }
 
-// What is to go out, checked and past the hooks; nothing where the transport has gone meanwhile.
+// The message to be sent, after checks and hooks; null when the transport was destroyed meanwhile.
 pelmoStatus prepare(Transport* transport, pelmoMsg* message, HeldMessage& ready)
     PELMO_REQUIRES(transport->header.lock) {
     pelmoMsg* made = nullptr;
@@ -88,7 +88,7 @@ pelmoStatus prepare(Transport* transport, pelmoMsg* message, HeldMessage& ready)
     return status;
 }
 
-// Messages that leave for the daemon together.
+// Collects messages that are sent to the daemon together.
 class Outgoing {
   public:
     Outgoing() = default;
@@ -108,7 +108,8 @@ class Outgoing {
 
     void add(HeldMessage message) { items_[count_++] = message.release(); }
 
-    // The caller holds the object lock, which is left meanwhile. Unchecked: of two transports.
+    // The caller holds the object lock, which is released meanwhile. The lock checker can't follow
+    // this, since two transports are involved.
     [[nodiscard]] pelmoStatus send(Transport* transport) PELMO_UNCHECKED_LOCKING {
         if (count_ == 0) return kStatusSuccess;
         Id_Leave(&transport->header);
@@ -122,7 +123,7 @@ class Outgoing {
     uint32_t count_ = 0;
 };
 
-// By a transport that isn't a circuit.
+// Sends by a transport that isn't a circuit.
 pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, Outgoing& outgoing)
     PELMO_REQUIRES(transport->header.lock) {
     switch (transport->kind) {
@@ -144,7 +145,8 @@ pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, Outgoing& outg
     return kStatusInvalidTransport;
 }
 
-// The lock of the transport beneath is taken by the first message alone, which no checker follows.
+// Only the first message takes the lock of the transport beneath, which the lock checker can't
+// follow.
 pelmoStatus gatherForCircuit(Transport* circuit,
                              HeldMessage ready,
                              Held<Transport>& underlying,

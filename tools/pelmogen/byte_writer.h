@@ -1,9 +1,9 @@
-// Big-endian bytes into a room of fixed size.
+// Writes big-endian bytes into a buffer of fixed size.
 //
-// Ownership: the room is the caller's.
+// Ownership: the buffer belongs to the caller.
 //
-// Failure: what doesn't fit isn't written and sets `full`; what stands before it is good. Whoever
-// wrote a unit looks once, at its end, and takes it back with writerRewind.
+// Failure: what doesn't fit isn't written and sets `full`; what was written before stays valid. The
+// caller tests `full` once, at the end of a unit, and undoes the unit with writerRewind.
 
 #pragma once
 
@@ -21,7 +21,7 @@ struct ByteWriter {
     bool full = false;
 };
 
-// Room for `sizeBytes`, or null.
+// Takes `sizeBytes` of the buffer; null when they don't fit.
 [[nodiscard]] inline uint8_t* writerTake(ByteWriter& writer, size_t sizeBytes) {
     if (sizeBytes > writer.room.size() - writer.used) writer.full = true;
     if (writer.full) return nullptr;
@@ -57,7 +57,7 @@ inline void putBytes(ByteWriter& writer, std::span<const uint8_t> bytes) {
     if (uint8_t* at = writerTake(writer, bytes.size())) std::memcpy(at, bytes.data(), bytes.size());
 }
 
-// The text and its NUL.
+// Writes the text and its NUL.
 inline void putText(ByteWriter& writer, std::string_view text) {
     uint8_t* at = writerTake(writer, text.size() + 1);
     if (at == nullptr) return;
@@ -65,7 +65,7 @@ inline void putText(ByteWriter& writer, std::string_view text) {
     at[text.size()] = 0;
 }
 
-// What was written since `from`.
+// The bytes written since `from`.
 [[nodiscard]] inline std::span<const uint8_t> writtenSince(const ByteWriter& writer, size_t from) {
     return writer.room.subspan(from, writer.used - from);
 }

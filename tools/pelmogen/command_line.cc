@@ -24,7 +24,7 @@ using Target = std::variant<std::monostate,
                             FieldTypeSet Options::*,
                             DamageSet Options::*>;
 
-// A row without a target heads the rows below it.
+// A row without a target is the heading of the rows below it.
 struct Option {
     const char* name;
     const char* argument;
@@ -114,7 +114,7 @@ const Option kOptions[] = {
     {"--cut-to", "RANGE", &Options::cutTo, 1, 65535, "bytes left of these"},
 };
 
-// What "--mix" stands for: all that a bus carries, about as often as it does.
+// The options that "--mix" stands for: all that a bus carries, in about the shares of a real bus.
 struct MixRow {
     const char* name;
     const char* text;
@@ -134,7 +134,7 @@ constexpr MixRow kMix[] = {
     {"--payload", "64-1470"},
 };
 
-// "12.5" with 6 places is 12500000. No sign, no more places than asked for.
+// Parses a decimal number: "12.5" with 6 places is 12500000. A sign or more places are refused.
 std::optional<uint64_t> parseDecimal(std::string_view text, int places) {
     const size_t point = text.find('.');
     std::string digits(text.substr(0, point));
@@ -158,7 +158,7 @@ std::optional<Nanoseconds> parseSeconds(std::string_view text) {
     return Nanoseconds{negative ? -magnitude : magnitude};
 }
 
-// Comma-separated names of a table's rows, or "all".
+// Parses comma-separated names of a table's rows, or "all".
 template <typename Table>
 std::optional<uint64_t> parseNames(std::string_view text, const Table& table) {
     if (text == "all") return ~uint64_t{0};
@@ -187,7 +187,7 @@ std::string joinNames(const Table& table) {
     return names;
 }
 
-// One overload of `set` a kind of target: false where the text won't do.
+// There is one overload of `set` for each kind of target; false when the text is invalid.
 bool set(const Option&, std::string_view, bool& flag) {
     return flag = true;
 }
@@ -226,7 +226,7 @@ bool set(const Option&, std::string_view text, Nanoseconds& time) {
 }
 
 bool set(const Option&, std::string_view text, const char*& value) {
-    value = text.data();  // an argument, so a NUL stands behind it
+    value = text.data();  // an argument, so it ends in a NUL
     return !text.empty();
 }
 
@@ -252,7 +252,8 @@ bool set(const Option&, std::string_view text, DamageSet& damage) {
     return bits.has_value();
 }
 
-// One overload of `show` a kind of target: the default as `set` would take it.
+// There is one overload of `show` for each kind of target: it gives the default as `set` would
+// accept it.
 std::string show(bool) {
     return "";
 }
@@ -353,7 +354,7 @@ bool clockHolds(const Options& options, uint64_t packet) {
     return time >= 0 && time / kSecond <= int64_t{UINT32_MAX};
 }
 
-// A capture file holds seconds from 0 to 2^32 - 1; between jumps the clock only goes on.
+// A capture file holds seconds from 0 to 2^32 - 1; between jumps the clock only moves forward.
 bool clockHoldsThroughout(const Options& options) {
     if (options.count == 0) return true;
     if (options.count / options.rate > UINT32_MAX) return false;
@@ -366,7 +367,7 @@ bool clockHoldsThroughout(const Options& options) {
     return true;
 }
 
-// What no single option can tell; null when all is well.
+// Checks options against each other; null when all is well.
 const char* findConflict(const Options& options) {
     const Options& o = options;
     if ((o.outFile != nullptr) + (o.interfaceName != nullptr) + (o.loopback ? 1 : 0) != 1) {

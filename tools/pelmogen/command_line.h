@@ -8,7 +8,7 @@
 
 enum class ParseResult { kRun, kHelp, kWrong };
 
-// `error` is set with kWrong. Texts of the options are the arguments themselves.
+// `error` is set with kWrong. The texts of the options point to the arguments.
 [[nodiscard]] ParseResult optionsParse(int argc,
                                        char* const* argv,
                                        GeneratorOptions& options,

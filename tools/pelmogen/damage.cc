@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr uint32_t kStrangerAddress = 0x0afffffe;  // 10.255.255.254, nobody's
+constexpr uint32_t kStrangerAddress = 0x0afffffe;  // 10.255.255.254, no host's
 constexpr size_t kUdpLengthOffset = kUdpOffset + 4;
 constexpr size_t kUdpChecksumOffset = kUdpOffset + 6;
 constexpr size_t kDataLengthOffset = 28;
@@ -15,7 +15,7 @@ bool has(const PacketDraft& draft, PacketKind kind) {
     return draft.plan.kind == kind;
 }
 
-// Messages are looked into where the packet holds them whole.
+// Messages are damaged only when the packet holds them whole.
 bool hasMessage(const PacketDraft& draft) {
     return has(draft, PacketKind::kData) && draft.plan.fragment == 0 &&
            draft.payloadBytes >= kMessageOffset + kMessageHeadBytes;
@@ -23,7 +23,8 @@ bool hasMessage(const PacketDraft& draft) {
 
 bool spoilChecksum(PacketDraft& draft, Prng& prng) {
     uint8_t* at = draft.frame.data() + kUdpChecksumOffset;
-    // Neither the right one, nor 0 or all ones, which have meanings of their own.
+    // The wrong checksum must be neither the right one, nor 0 or all ones, which have meanings of
+    // their own.
     const uint16_t right = static_cast<uint16_t>(at[0] << 8 | at[1]);
     uint16_t wrong = right;
     while (wrong == right || wrong == 0 || wrong == 0xffff) {
@@ -62,7 +63,7 @@ bool spoilSource(PacketDraft& draft, Prng& prng) {
 }
 
 bool spoilDestination(PacketDraft& draft, Prng& prng) {
-    uint32_t wrong = kStrangerAddress;  // no group's, and no receiver's
+    uint32_t wrong = kStrangerAddress;  // the address of no group and no receiver
     if (has(draft, PacketKind::kRreq)) wrong = prngBelow(prng, 2) == 0 ? 0 : 0xffffffff;
     storeBe32At(draft.payload() + kOskaDstOffset, wrong);
     return true;
@@ -81,8 +82,7 @@ bool spoilLength(PacketDraft& draft, Prng& prng) {
     return true;
 }
 
-// 20 bytes are the fewest that are taken for a packet of the bus. A null packet of 24 bytes would
-// be whole.
+// A packet of the bus has at least 20 bytes. A null packet of 24 bytes would be whole.
 bool cutHeader(PacketDraft& draft, Prng& prng) {
     const auto headerBytes = static_cast<uint32_t>(headerBytesOf(draft.plan.kind));
     draft.payloadBytes = prngBetween(prng, 20, headerBytes - 1);
@@ -163,7 +163,8 @@ std::span<const Damage> damages() {
 
 const Damage* damagePayload(DamageSet set, PacketDraft& draft, Prng& prng) {
     if (has(draft, PacketKind::kNonBus)) return nullptr;
-    // A step of its own each time: rows behind those that seldom suit get no more than their share.
+    // Each call takes another step, so that rows behind those that seldom suit aren't chosen more
+    // often.
     const size_t first = prngBelow(prng, kDamageSteps);
     const size_t step = prngBetween(prng, 1, kDamageSteps - 1);
     for (size_t i = 0; i < kDamageSteps; ++i) {

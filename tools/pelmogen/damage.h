@@ -1,5 +1,5 @@
-// Faults, done to packets on purpose: one row each. Lengths and checksums that a row doesn't mean
-// to spoil are right.
+// Faults that are put into packets on purpose, one row each. Lengths and checksums that a row
+// doesn't damage are right.
 
 #pragma once
 
@@ -9,17 +9,17 @@
 #include "tools/pelmogen/packet.h"
 #include "tools/pelmogen/prng.h"
 
-// Answers false, with nothing done, where a packet doesn't have what would be spoilt.
+// Returns false, with nothing changed, when a packet doesn't have what would be damaged.
 using DoDamage = bool (*)(PacketDraft& draft, Prng& prng);
 
 struct Damage {
     const char* name;
-    DoDamage toPayload;  // ahead of packetSeal, or null
-    DoDamage toFrame;    // behind it, or null
+    DoDamage toPayload;  // before packetSeal, or null
+    DoDamage toFrame;    // after it, or null
 };
 
 [[nodiscard]] std::span<const Damage> damages();
 
-// Chooses one of a set that suits the filled packet and does what comes ahead of packetSeal. Null
-// where none suits.
+// Chooses a row of the set that suits the filled packet and does its part before packetSeal. Null
+// when none suits.
 [[nodiscard]] const Damage* damagePayload(DamageSet set, PacketDraft& draft, Prng& prng);

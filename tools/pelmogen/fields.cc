@@ -20,7 +20,8 @@ bool isFloat(const FieldType& type) {
     return type.code == kWireFloat || type.code == kF32Array || type.code == kF64Array;
 }
 
-// Random bits, but of a float an eighth of an integer: no infinity, the same on any machine.
+// Random bits, except for floats, which are an eighth of an integer: never infinite, the same on
+// any machine.
 void putNumber(ByteWriter& writer, const FieldType& type, Prng& prng) {
     uint64_t bits = prngNext(prng);
     if (isFloat(type)) {
@@ -82,14 +83,14 @@ std::string randomText(Prng& prng, uint32_t lengthMax) {
     return text;
 }
 
-// Mostly short; one in sixteen needs the longer prefix.
+// Texts are mostly short; one in sixteen needs the longer prefix.
 void putString(ByteWriter& writer, const FieldType&, Prng& prng) {
     const std::string text = randomText(prng, prngBelow(prng, 16) == 0 ? 200 : 24);
     putSizePrefix(writer, text.size() + 1);
     putText(writer, text);
 }
 
-// Seconds as 40 bits, then 24 bits of microseconds.
+// A date-time: 40 bits of seconds, then 24 bits of microseconds.
 void putDateTime(ByteWriter& writer, const FieldType&, Prng& prng) {
     const uint32_t seconds = 1'600'000'000 + prngBelow(prng, 200'000'000);
     put8(writer, 8);

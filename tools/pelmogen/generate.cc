@@ -10,7 +10,7 @@
 
 namespace {
 
-// Faults draw from numbers of their own: the traffic below them stays the same.
+// Faults have a random sequence of their own, so the traffic is the same with and without them.
 struct Faults {
     const GeneratorOptions& options;
     Prng prng;

@@ -1,4 +1,4 @@
-// The run: plan, fill, damage, seal, cut and hand on, packet by packet.
+// The run: each packet is planned, filled, damaged, sealed, cut and passed to the sink.
 
 #pragma once
 
@@ -6,7 +6,7 @@
 #include "tools/pelmogen/sink.h"
 #include "tools/pelmogen/totals.h"
 
-// False with `errno` set where the sink failed; `totals` is of no use then.
+// False with `errno` set where the sink failed; `totals` is undefined then.
 [[nodiscard]] bool generate(const GeneratorOptions& options,
                             const PacketSink& sink,
                             SentTotals& totals);

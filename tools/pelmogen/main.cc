@@ -1,6 +1,7 @@
 // pelmogen: makes bus traffic for tests, samples and measurements, as a capture or live.
 //
-// Exit status: 0 the capture is complete or all was sent, 1 it couldn't be, 2 wrong command line.
+// Exit status: 0 when the capture is complete or all was sent, 1 on failure, 2 for a wrong command
+// line.
 
 #include <cerrno>
 #include <cstdio>

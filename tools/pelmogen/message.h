@@ -2,7 +2,7 @@
 //
 //     head | "sub" | "return" | "mtype" | "data": head | fields ... | filler
 //
-// Failure: false where it doesn't fit; nothing of it is left in the writer then.
+// Failure: false when it doesn't fit; the writer is then as before.
 
 #pragma once
 
@@ -13,13 +13,13 @@
 #include "tools/pelmogen/fields.h"
 #include "tools/pelmogen/prng.h"
 
-// Bytes from a message's start to its packed subject.
+// The offset of the packed subject in a message, in bytes.
 constexpr size_t kMessageSubjectOffset = 15;
 
 struct MessageShape {
-    std::span<const uint8_t> subject;  // packed; none: the envelope is "data" alone
+    std::span<const uint8_t> subject;  // packed; empty: the envelope has only "data"
     bool reply;
-    uint32_t fields;                 // at most; what would pass the size is left out
+    uint32_t fields;                 // at most; fields that don't fit are left out
     std::span<const uint8_t> types;  // rows of fieldTypes to choose from
     size_t sizeBytes;                // to fill up to; the envelope may need more
 };

@@ -1,6 +1,6 @@
 // What to generate.
 //
-// Packets depend on these options alone: the same ones give the same bytes on every machine, in a
+// Packets depend on these options only: the same options give the same bytes on every machine, in a
 // capture and on the wire.
 
 #pragma once
@@ -25,13 +25,13 @@ struct Nanoseconds {
 
 constexpr int64_t kSecond = 1'000'000'000;  // in nanoseconds
 
-// Ahead of packet number `packet`, counted from 0, the clock moves by `by`.
+// Before packet number `packet`, counted from 0, the clock jumps by `by`.
 struct ClockJump {
     uint64_t packet;
     Nanoseconds by;
 };
 
-// Rows of a table by number: bit n stands for row n.
+// A set of rows of a table: bit n stands for row n.
 struct FieldTypeSet {
     uint64_t bits = ~uint64_t{0};
 };
@@ -66,16 +66,16 @@ struct GeneratorOptions {
     uint64_t firstPort = 7500;
     uint64_t subjects = 20;
     Range publishers{1, 1};
-    uint64_t services = 0;  // that a host sends on; 0: subjects alone decide
+    uint64_t services = 0;  // services that a host sends on; 0: decided by the subjects
     uint64_t hostSkew = 1;
     uint64_t subjectSkew = 1;
     Share scids{1'000'000};
     bool roundRobin = false;
 
-    // Kinds of packets; what is left of the whole is multicast data.
+    // The shares of packet kinds; the rest is multicast data.
     Share nulls, rreqs, rrejs, ptpData, ptpAckmes, ptpAcks, ptpNaks, nonBus, unknowns;
 
-    // What becomes of the sequence numbers of multicast data.
+    // What happens to the sequence numbers of multicast data.
     Share repeats, gaps, restarts, fragments;
 
     // The shape of data.
@@ -95,7 +95,7 @@ struct GeneratorOptions {
     Range cutTo{1, 1500};
 };
 
-// Kinds of packets, in the order in which tables have them.
+// Kinds of packets, in the order of the tables.
 enum class PacketKind : uint8_t {
     kData,
     kNull,
@@ -110,7 +110,7 @@ enum class PacketKind : uint8_t {
 };
 constexpr size_t kPacketKinds = 10;
 
-// Their shares by number, less that of data.
+// The options with the shares of all kinds except data, in that order.
 constexpr Share GeneratorOptions::*kKindShares[kPacketKinds - 1] = {
     &GeneratorOptions::nulls,   &GeneratorOptions::rreqs,     &GeneratorOptions::rrejs,
     &GeneratorOptions::ptpData, &GeneratorOptions::ptpAckmes, &GeneratorOptions::ptpAcks,

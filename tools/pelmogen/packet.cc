@@ -9,8 +9,8 @@
 
 namespace {
 
-// A message may be twice as long as a packet before it is parted, and an envelope a little longer
-// than what was asked for.
+// A message that is split may be twice as long as a packet, and an envelope a little longer than
+// requested.
 constexpr size_t kRoomBytes = kPayloadOffset + 2 * kPayloadMax + 2000;
 constexpr size_t kFrameBytesMin = 60;  // Ethernet's, without its check sequence
 
@@ -101,8 +101,8 @@ bool addMessage(PacketMaker& maker, ByteWriter& out, uint32_t subject, size_t si
     return true;
 }
 
-// The messages share what is left between them. One whose envelope alone takes more leaves no room
-// for those behind it.
+// The messages share the rest of the payload. A message whose envelope alone takes more leaves no
+// room for those behind it.
 void addMessages(PacketMaker& maker, ByteWriter& out, size_t dataBytes) {
     const PacketPlan& plan = maker.draft.plan;
     const size_t end = out.used + dataBytes;
@@ -203,7 +203,7 @@ void fillUnknown(PacketMaker& maker, ByteWriter& out) {
     putOskaHeader(out, maker.draft.plan, type, maker.draft.plan.seq);
 }
 
-// From no byte to a few hundred, so also packets too small for any OSKA header.
+// The sizes go from 0 to a few hundred bytes, so some packets are too small for any OSKA header.
 void fillNonBus(PacketMaker& maker, ByteWriter& out) {
     putNoise(out, maker.prng, prngBelow(maker.prng, 300));
     if (out.used >= 4) storeBe32At(out.room.data(), ~kOskaMagic);
@@ -226,8 +226,8 @@ constexpr KindRow kKinds[kPacketKinds] = {
     {kShortHeaderBytes, fillUnknown},
 };
 
-// Adds 32-bit words in memory order: the Internet checksum doesn't mind how wide the words are that
-// are summed, as long as the carries come back in the end.
+// Adds 32-bit words in memory order: the Internet checksum doesn't depend on the width of the
+// words, as long as the carries are added in the end.
 uint64_t addWords(uint64_t sum, std::span<const uint8_t> bytes) {
     const uint8_t* at = bytes.data();
     size_t left = bytes.size();
@@ -252,7 +252,8 @@ void storeInMemoryOrder(uint8_t* at, uint16_t word) {
     std::memcpy(at, &word, sizeof word);
 }
 
-// Multicast goes to 01:00:5e and 23 bits of the group, all else to 02:00 and the address.
+// The Ethernet address of multicast is 01:00:5e and 23 bits of the group, that of all else 02:00
+// and the IP address.
 void writeMac(uint8_t* at, uint32_t address) {
     const bool group = isMulticast(address);
     storeBe16At(at, group ? 0x0100 : 0x0200);
@@ -278,7 +279,7 @@ void writeIp(uint8_t* at, const PacketPlan& plan, uint16_t id, size_t totalBytes
     storeInMemoryOrder(at + 10, foldToChecksum(addWords(0, {at, kIpBytes})));
 }
 
-// The pseudo-header's addresses lie ahead of the UDP header already; its last words are the
+// The addresses of the pseudo-header already precede the UDP header; its last words are the
 // protocol and the length.
 void writeUdp(uint8_t* at, const PacketPlan& plan, size_t udpBytes) {
     storeBe16At(at, plan.srcPort);

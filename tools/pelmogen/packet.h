@@ -8,7 +8,7 @@
 // A packet is made in three steps, so that damage can be done between them: packetFill writes the
 // payload, packetSeal the headers with lengths and checksums that agree with it.
 //
-// Ownership: the draft belongs to the maker and is overwritten by the next packet.
+// Ownership: the draft belongs to the maker, and the next packet overwrites it.
 
 #pragma once
 
@@ -32,9 +32,9 @@ constexpr uint16_t kUnknownTypes[] = {0, 2, 10, 0x7fff, 0xffff};
 
 struct PacketDraft {
     PacketPlan plan;
-    std::span<uint8_t> frame;  // all the room that there is
-    size_t payloadBytes;       // written behind kPayloadOffset
-    size_t frameBytes;         // of the whole, once it's sealed
+    std::span<uint8_t> frame;  // the whole buffer
+    size_t payloadBytes;       // bytes written behind kPayloadOffset
+    size_t frameBytes;         // size of the whole frame once it is sealed
     size_t subjectOffset;      // in the payload, of the first message's packed subject; 0 for none
 
     uint8_t* payload() const { return frame.data() + kPayloadOffset; }
@@ -42,21 +42,21 @@ struct PacketDraft {
 
 struct PacketMaker {
     const GeneratorOptions& options;
-    SentTotals& totals;  // its messages and subjects; the rest is the caller's
+    SentTotals& totals;  // the maker counts messages and subjects, the caller the rest
     Prng prng;
     SubjectTable subjects;
     std::vector<uint8_t> types;  // rows of fieldTypes to choose from
     std::vector<uint8_t> room;   // of the frame
-    std::vector<uint8_t> rest;   // of a message that runs on
+    std::vector<uint8_t> rest;   // of a message that continues in the next packet
     uint16_t nextIpId;
     PacketDraft draft;
 };
 
-// Both are borrowed for as long as the maker lives.
+// Both must outlive the maker.
 [[nodiscard]] PacketMaker packetMakerMake(const GeneratorOptions& options, SentTotals& totals);
 
 void packetFill(PacketMaker& maker, const PacketPlan& plan);
 void packetSeal(PacketMaker& maker);
 
-// The size of the OSKA header of a kind; 0 for what isn't of the bus.
+// The size of the OSKA header of a kind; 0 for packets that aren't of the bus.
 [[nodiscard]] size_t headerBytesOf(PacketKind kind);

@@ -49,7 +49,7 @@ bool flush(PcapFile& file) {
     return true;
 }
 
-// Room in the buffer, which holds any packet; null where it can't be emptied.
+// Returns room in the buffer, which can hold any packet; null when flushing it fails.
 uint8_t* reserve(PcapFile& file, size_t sizeBytes) {
     if (file.used + sizeBytes > file.buffer.size() && !flush(file)) return nullptr;
     uint8_t* at = file.buffer.data() + file.used;
@@ -92,7 +92,7 @@ bool isSpecial(const char* path) {
 bool closeDescriptor(PcapFile& file) {
     const int descriptor = file.descriptor;
     file.descriptor = -1;
-    // Closing after EINTR again could close another file.
+    // close isn't repeated on EINTR, since that could close another file.
     return ::close(descriptor) == 0 || errno == EINTR;
 }
 

@@ -6,8 +6,8 @@
 //
 // The magic tells the byte order of these words and whether fractions are micro- or nanoseconds.
 //
-// Failure: the file grows under the name with ".part" behind it and gets its own name only when it
-// is complete. pcapFileClose takes an incomplete one away. A device or a pipe is written directly.
+// Failure: the file is written under its name with ".part" appended and gets its own name only when
+// it is complete. pcapFileClose removes an incomplete file. A device or a pipe is written directly.
 
 #pragma once
 
@@ -24,7 +24,7 @@ struct PcapFile {
     bool nanoseconds;
     uint32_t snapLength;
     std::string path;
-    std::string partPath;  // empty where `path` itself is written, or no more
+    std::string partPath;  // empty when `path` itself is written, or after the rename
     int descriptor = -1;
     std::vector<uint8_t> buffer;
     size_t used = 0;
@@ -33,8 +33,8 @@ struct PcapFile {
 // False with `errno` set.
 [[nodiscard]] bool pcapFileOpen(PcapFile& file, const GeneratorOptions& options);
 
-// Whatever happened, and after a failed open too.
+// Called in every case, also after a failed open.
 void pcapFileClose(PcapFile& file);
 
-// Borrows the file.
+// The file must outlive the sink.
 [[nodiscard]] PacketSink pcapFileSink(PcapFile& file);

@@ -19,7 +19,7 @@ struct Prng {
     return mixed ^ (mixed >> 31);
 }
 
-// For what must depend on two numbers alone, whatever was drawn before.
+// A hash for values that must depend on two numbers only, not on earlier draws.
 [[nodiscard]] inline uint64_t hash64(uint64_t seed, uint64_t number) {
     uint64_t state = seed;
     state = splitmix64(state) ^ number;
@@ -52,8 +52,8 @@ inline uint64_t prngNext(Prng& prng) {
     return static_cast<uint32_t>(((prngNext(prng) >> 32) * bound) >> 32);
 }
 
-// Below `bound`, the low numbers more often: number `bound` * u^`skew` for an even u. With a skew
-// of 1 it is prngBelow.
+// A number below `bound` that favours low ones: `bound` * u^`skew` for a uniform u. With a skew of
+// 1 it is prngBelow.
 [[nodiscard]] inline uint32_t prngSkewed(Prng& prng, uint64_t bound, uint64_t skew) {
     const uint64_t even = prngNext(prng) >> 32;
     uint64_t power = even;
@@ -70,8 +70,8 @@ inline uint64_t prngNext(Prng& prng) {
 
 constexpr uint32_t kMillion = 1'000'000;
 
-// True with a chance of `perMillion` in a million. Draws nothing where there is no choice, so that
-// a feature which is off changes no other number.
+// True with a chance of `perMillion` in a million. With a chance of 0 or 1 it draws no number, so
+// that a feature that is off changes no other draw.
 [[nodiscard]] inline bool prngChance(Prng& prng, uint32_t perMillion) {
     if (perMillion == 0 || perMillion >= kMillion) return perMillion != 0;
     return prngBelow(prng, kMillion) < perMillion;

@@ -6,7 +6,7 @@
 
 namespace {
 
-// What of a whole numbered through falls into class `number`.
+// How many of `whole` numbered items fall into class `number`.
 uint64_t classSize(uint64_t whole, uint64_t classes, uint64_t number) {
     return (whole - number - 1) / classes + 1;
 }
@@ -28,7 +28,7 @@ void forEachPublisher(const GeneratorOptions& options, uint64_t classes, Visit v
     }
 }
 
-// Adds up how many subjects each stream has, one at least where its host has the service.
+// Counts the subjects of each stream, at least one if its host has the service.
 void countSubjects(const GeneratorOptions& options, Publications& publications) {
     std::vector<uint32_t>& starts = publications.starts;
     const uint64_t classes = publications.classes;
@@ -45,7 +45,7 @@ void countSubjects(const GeneratorOptions& options, Publications& publications) 
 uint32_t publisherCount(const GeneratorOptions& options, uint32_t subject) {
     const Range range = options.publishers;
     if (range.low == range.high) return range.low;
-    // The greater of two even draws is below t with a chance of t squared.
+    // The greater of two uniform draws is below t with a chance of t squared.
     const uint64_t draws = hash64(options.seed ^ 0x9b11, subject);
     const uint64_t greater = std::max(draws >> 32, draws & UINT32_MAX) + 1;
     const uint64_t count = (uint64_t{range.low} << 32) / greater;

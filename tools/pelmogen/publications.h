@@ -1,4 +1,4 @@
-// Who publishes what, where a host sends on few services: "--services".
+// The publishers of each subject when a host sends on few services: "--services".
 //
 // Hosts fall into classes, by number, and so do services; a host sends on the services of its
 // class, and a subject's publishers are hosts of its service's class. A host that would be left
@@ -14,7 +14,7 @@
 
 struct Publications {
     uint64_t classes = 0;          // 0: there are none
-    std::vector<uint32_t> starts;  // by stream, service x hosts + host; one more than there are
+    std::vector<uint32_t> starts;  // by stream, service x hosts + host; and the end
     std::vector<uint32_t> subjects;
 };
 
@@ -24,12 +24,12 @@ struct Publications {
 
 [[nodiscard]] Publications publicationsMake(const GeneratorOptions& options);
 
-// Number of services that `host` sends on; they are host mod classes + k * classes.
+// The number of services that `host` sends on; these are host mod classes + k * classes.
 [[nodiscard]] uint64_t servicesOf(const Publications& publications,
                                   const GeneratorOptions& options,
                                   uint32_t host);
 
-// The subjects of a stream, in order; borrowed from the table.
+// The subjects of a stream, in order; the span borrows from the table.
 [[nodiscard]] inline std::span<const uint32_t> subjectsOf(const Publications& publications,
                                                           uint64_t stream) {
     const uint32_t start = publications.starts[stream];

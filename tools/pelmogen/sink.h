@@ -1,4 +1,4 @@
-// Where packets go: a capture file or the wire. The generator knows no more of it than this table.
+// The destination of packets, a capture file or the wire, as the generator sees it.
 
 #pragma once
 
@@ -9,13 +9,13 @@
 struct PacketSink {
     void* context;
 
-    // `frame` is what is in hand of a packet of `wireBytes`, `timeNs` is nanoseconds since 1970.
-    // False with `errno` set where it can't go on.
+    // `frame` holds the captured bytes of a packet of `wireBytes`; `timeNs` is nanoseconds since
+    // 1970. False with `errno` set when the run can't continue.
     bool (*write)(void* context, std::span<const uint8_t> frame, size_t wireBytes, int64_t timeNs);
 
-    // After the last packet: all of it is where it belongs, or false with `errno` set.
+    // Called after the last packet: completes the output, or returns false with `errno` set.
     bool (*finish)(void* context);
 
-    // False once the run is to end, however many packets are left. Null: it never is.
+    // False once the run must end, however many packets are left. Null: only the options end it.
     bool (*wantsMore)(void* context);
 };

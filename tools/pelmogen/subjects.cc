@@ -9,9 +9,9 @@ namespace {
 
 constexpr size_t kHeadBytes = 3;
 constexpr size_t kElementExtraBytes = 2;
-// Digits of the highest number that a subject can have.
+// The digits of the highest subject number.
 constexpr uint32_t kNumberDigitsMax = 7;
-// Subjects that share all but their last element, as a power of two.
+// The binary logarithm of how many subjects share all but their last element.
 constexpr uint32_t kBranchBits = 3;
 
 void putElement(ByteWriter& writer, std::string_view text) {
@@ -35,7 +35,7 @@ void putSubject(ByteWriter& writer, const GeneratorOptions& options, uint32_t nu
     put8(writer, static_cast<uint8_t>(count));
 
     for (uint32_t level = 0; level < count; ++level) {
-        // The higher an element stands, the more subjects share it.
+        // The nearer an element is to the front, the more subjects share it.
         const uint32_t shift = kBranchBits * (count - 1 - level);
         const uint64_t group = shift < 32 ? number >> shift : 0;
         Prng prng = prngMake(hash64(options.seed + level, group));

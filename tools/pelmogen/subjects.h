@@ -22,7 +22,7 @@ struct SubjectTable {
     std::vector<uint32_t> starts;  // one more than there are subjects
 };
 
-// The size that no subject under these options exceeds.
+// An upper bound of the sizes of subjects under these options.
 [[nodiscard]] uint64_t subjectBytesMax(const GeneratorOptions& options);
 
 [[nodiscard]] SubjectTable subjectTableMake(const GeneratorOptions& options);

@@ -1,4 +1,4 @@
-// What a run handed to its sink, for whoever compares it with what was counted at the other end.
+// What a run passed to its sink, to be compared with the counts at the receiving end.
 
 #pragma once
 
@@ -15,12 +15,12 @@ struct KindTotals {
 
 struct SentTotals {
     std::array<KindTotals, kPacketKinds> kinds{};
-    uint64_t messages = 0;  // that have a subject; one that runs on in the next packet counts once
+    uint64_t messages = 0;             // with a subject; one in two packets counts once
     std::vector<bool> subjectSent;     // by number
     std::vector<bool> hostStatusSent;  // by host: each has a status subject of its own
-    double seconds = 0;                // from the first packet until the sink was done
+    double seconds = 0;                // from the first packet to the sink's end
 };
 
-// One line a kind, "sent KIND PACKETS BYTES", then "sent messages N", "sent subjects N" and
-// "sent seconds S".
+// Prints a line for each kind, "sent KIND PACKETS BYTES", then "sent messages N", "sent subjects N"
+// and "sent seconds S".
 [[nodiscard]] std::string totalsText(const SentTotals& totals);

@@ -16,7 +16,7 @@ uint32_t hostAddress(const GeneratorOptions& options, uint32_t host) {
     return kFirstHostAddress + static_cast<uint32_t>(host / options.perAddress);
 }
 
-// Differs among the hosts of one address, and mostly between neighbours.
+// The port differs among the hosts of one address, and mostly between neighbours.
 uint16_t hostPort(uint32_t host) {
     return static_cast<uint16_t>(kFirstHostPort + host % kHostPorts);
 }
@@ -33,7 +33,7 @@ uint32_t pickHost(Traffic& traffic) {
     return prngSkewed(traffic.prng, traffic.options.hosts, traffic.options.hostSkew);
 }
 
-// Who sends, and under which subject; it stands for the service too.
+// The sender and the subject, which also determines the service.
 struct Sending {
     uint32_t host, subject;
 };
@@ -46,7 +46,7 @@ Sending sendingOfSubject(Traffic& traffic, uint32_t subject) {
     return {static_cast<uint32_t>((subject + publisher * step) % options.hosts), subject};
 }
 
-// One of what the host publishes on one of its services.
+// Draws one of the subjects that the host publishes on one of its services.
 Sending pickPublication(Traffic& traffic) {
     const GeneratorOptions& options = traffic.options;
     const Publications& publications = traffic.publications;
@@ -83,7 +83,7 @@ uint64_t serviceOf(const GeneratorOptions& options, uint32_t subject) {
     return subject % (options.nets * options.ports);
 }
 
-// From a host to where a subject goes; answers the stream of these.
+// Plans a packet from a host to the destination of a subject; returns the stream of the two.
 Stream& sendToGroup(Traffic& traffic, PacketPlan& plan, const Sending& sending) {
     const GeneratorOptions& options = traffic.options;
     const uint64_t service = serviceOf(options, sending.subject);
@@ -94,7 +94,7 @@ Stream& sendToGroup(Traffic& traffic, PacketPlan& plan, const Sending& sending) 
 
     Stream& stream = traffic.streams[service * options.hosts + sending.host];
     if (stream.epoch == 0) {
-        // As if the capture had begun in the middle of it.
+        // The stream starts as if the capture had begun in the middle of it.
         stream.epoch = plan.epoch;
         stream.seq = 1000 + static_cast<uint32_t>(hash64(plan.srcIp, port) % 100'000);
     }
@@ -129,7 +129,7 @@ uint32_t pickMessageCount(Traffic& traffic) {
                                      traffic.options.messageSkew);
 }
 
-// Another subject of the same sender and service.
+// Draws another subject of the same sender and service.
 uint32_t pickSibling(Traffic& traffic, const Sending& first) {
     const GeneratorOptions& options = traffic.options;
     if (options.services > 0) {
@@ -169,11 +169,11 @@ void planData(Traffic& traffic, PacketPlan& plan) {
     if (traffic.runsOn) traffic.last = plan;
 }
 
-// The rest of the message that the data packet before began.
+// Plans the rest of the message that the last data packet began.
 PacketPlan planRest(Traffic& traffic) {
     PacketPlan plan = traffic.last;
     Stream& stream = sendToGroup(traffic, plan, {plan.host, plan.subjects[0]});
-    // Without chances of its own: a message in two packets arrives in one piece.
+    // This packet is never lost or repeated, so a message in two packets arrives whole.
     if (plan.seq == stream.seq) ++stream.seq;
     plan.seq = std::min(plan.seq + 1, stream.seq);
     plan.epoch = stream.epoch;
@@ -192,7 +192,7 @@ void planNull(Traffic& traffic, PacketPlan& plan) {
         sending = pickByHost(traffic);
     }
     Stream& stream = sendToGroup(traffic, plan, sending);
-    // The null tells of packets that the capture never saw.
+    // The null announces packets that the capture never saw.
     if (prngChance(traffic.prng, options.gaps.perMillion)) {
         stream.seq += prngBetween(traffic.prng, 1, 4);
     }

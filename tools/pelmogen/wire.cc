@@ -19,7 +19,7 @@ namespace {
 
 constexpr size_t kBatchPackets = 64;
 constexpr size_t kRoomBytes = 1 << 20;
-// Sleeps are no shorter, so that at high rates packets leave in batches.
+// Shorter sleeps are left out, so that packets are sent in batches at high rates.
 constexpr int64_t kTickNs = 500'000;
 constexpr int64_t kSecondNs = 1'000'000'000;
 
@@ -41,7 +41,7 @@ int64_t monotonicNs() {
     return int64_t{now.tv_sec} * kSecondNs + now.tv_nsec;
 }
 
-// A signal ends the sleep early.
+// Sleeps; a signal ends it early.
 void sleepUntil(int64_t timeNs) {
     const timespec until = {timeNs / kSecondNs, timeNs % kSecondNs};
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
@@ -63,8 +63,8 @@ bool flush(Wire& wire) {
     return true;
 }
 
-// Moves the first byte of an address, at `at` in the packet, to 127 and the checksum along with it
-// (RFC 1624). A sum of 0 stands for none and stays.
+// Changes the first byte of the address at `at` in the packet to 127 and updates the checksum (RFC
+// 1624). A sum of 0 means that there is none and stays.
 void moveToLoopback(uint8_t* ip, size_t at) {
     uint8_t* const checksum = ip + kUdpOffset - kIpOffset + 6;
     const uint16_t before = loadBe16At(ip + at);
@@ -118,7 +118,7 @@ bool isFull(const Wire& wire, size_t sizeBytes) {
     return wire.batch.size() == kBatchPackets || wire.used + sizeBytes > wire.room.size();
 }
 
-// Nothing that is due waits while the next one isn't.
+// Sends all packets that are due before it waits for the next one.
 bool waitUntilDue(Wire& wire, int64_t timeNs) {
     if (!wire.started) {
         wire.started = true;
@@ -154,7 +154,7 @@ bool wantsMore(void* context) {
     return stopAsked == 0 && wire.wokenNs < wire.endNs;
 }
 
-// An empty reason means that `errno` has it.
+// An empty reason means that `errno` has the cause.
 const char* openInterface(Wire& wire, const char* name) {
     if (const char* refusal = wireRefusal(name)) return refusal;
     wire.descriptor = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);

@@ -1,12 +1,12 @@
 // Sends packets at their times, paced by the monotonic clock: the first at once, each other one as
-// much later as its time stamp says. Whoever falls behind catches up in a burst.
+// much later as its time stamp says. A sender that falls behind catches up in a burst.
 //
-// On an interface, frames go out as they were made, their made-up senders included; wire_guard.h
-// tells which interfaces will do. On the loopback, IP packets go to 127/8: the first byte of both
-// addresses becomes 127, checksum and all, so that senders and groups stay apart.
-// Either needs the right to raw sockets.
+// On an interface, frames are sent as they were made, invented senders included; wire_guard.h says
+// which interfaces are allowed. On the loopback, IP packets are sent within 127/8: the first byte
+// of both addresses becomes 127 and checksums are updated, so that senders and groups stay
+// distinct. Either needs the right to raw sockets.
 //
-// SIGINT and SIGTERM end the run after the packet in hand.
+// SIGINT and SIGTERM end the run after the current packet.
 
 #pragma once
 
@@ -43,5 +43,5 @@ struct Wire {
 
 void wireClose(Wire& wire);
 
-// Borrows the wire.
+// The wire must outlive the sink.
 [[nodiscard]] PacketSink wireSink(Wire& wire);

@@ -15,19 +15,19 @@
 
 namespace {
 
-// More than the kernel puts into one answer.
+// Larger than any one answer of the kernel.
 constexpr size_t kAnswerBytes = 65536;
 
 bool inMachinesOwnNamespace() {
     struct stat here;
     struct stat first;
     if (::stat("/proc/self/ns/net", &here) != 0) return true;
-    // Not everybody may look at the first process, root included.
+    // Even root may lack the right to inspect the first process.
     if (::stat("/proc/1/ns/net", &first) != 0) return false;
     return here.st_dev == first.st_dev && here.st_ino == first.st_ino;
 }
 
-// The value of an attribute in a list of them; none where it isn't there.
+// The value of an attribute in a list; empty when the list doesn't have it.
 std::span<uint8_t> attribute(std::span<uint8_t> list, uint16_t type) {
     while (list.size() >= sizeof(rtattr)) {
         rtattr head;
@@ -55,14 +55,14 @@ bool leadsNowhere(std::span<uint8_t> link) {
     std::memcpy(&about, link.data(), sizeof about);
     if ((about.ifi_flags & IFF_UP) == 0 || (about.ifi_flags & IFF_LOOPBACK) != 0) return true;
     const std::span<uint8_t> attributes = link.subspan(sizeof about);
-    // A peer elsewhere is told by the number of its namespace.
+    // A peer in another namespace is reported with the number of that namespace.
     return isVeth(attributes) && !attribute(attributes, IFLA_LINK).empty() &&
            attribute(attributes, IFLA_LINK_NETNSID).empty();
 }
 
 enum class Verdict { kGoOn, kAllLeadNowhere, kRefused };
 
-// One answer holds messages about several interfaces; the last one of all is NLMSG_DONE.
+// One answer holds messages about several interfaces; the very last message is NLMSG_DONE.
 Verdict judge(std::span<uint8_t> answer) {
     while (answer.size() >= sizeof(nlmsghdr)) {
         nlmsghdr head;

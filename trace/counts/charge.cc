@@ -6,8 +6,8 @@
 
 namespace {
 
-// Behind how many others a charge comes to its next step. One message's work is about a third of a
-// trip to memory, and less where several messages share a packet.
+// A charge takes its next step when so many others have entered the line behind it. The work on one
+// message takes about a third of a memory access, and less when several messages share a packet.
 constexpr uint32_t kBehindForRecord = 5;
 constexpr uint32_t kBehindToCount = 11;
 static_assert(kBehindToCount < kChargesInLine);
@@ -41,12 +41,13 @@ bool count(NetEntry& net, SubjectEntry& subject, uint64_t sender, uint32_t messa
     return true;
 }
 
-// The one with so many behind it.
+// The waiting charge that `behind` others have entered behind.
 WaitingCharge& chargeAhead(ChargeLine& line, uint32_t behind) {
     return line.places[(line.entered - 1 - behind) % kChargesInLine];
 }
 
-// One that memory fails has been told of, and its packet is long gone.
+// A charge for which memory runs out is dropped: subjectCreate has logged it, and its packet is
+// long gone.
 void countOldest(ChargeLine& line) {
     const WaitingCharge& oldest = chargeAhead(line, --line.waiting);
     NetEntry& net = *oldest.net;
@@ -72,7 +73,7 @@ void moveOn(ChargeLine& line) {
     if (line.waiting > kBehindToCount) countOldest(line);
 }
 
-// The form can't wait: a fault ends the scan of its packet.
+// The form is tested before the charge waits, since a fault ends the scan of its packet.
 ChargeResult wait(NetEntry& net,
                   uint64_t sender,
                   std::span<const uint8_t> subject,

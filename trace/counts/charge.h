@@ -3,20 +3,20 @@
 // Only well-formed subjects have records. So a subject is looked up first, as it stands in the
 // packet, and its form is tested only where it has no record yet.
 //
-// On a bus with many subjects, a subject is two trips to memory, first for its slot and then for
-// its record, and one packet has too little other work to pass the time. There a charge waits in a
-// short line: the cache is asked for the slot as it enters, for the record when a few are behind
-// it, and it is counted when some more are. While subjects are few they lie in the cache, and a
+// On a bus with many subjects, each subject takes two memory accesses, first to its slot and then
+// to its record, and one packet has too little other work to hide them. There a charge waits in a
+// short line: its slot is prefetched when it enters, its record when a few others are behind it,
+// and it is counted when some more are. While subjects are few they fit into the cache, and a
 // charge is counted at once.
 //
 //     newest   |    slot    |    ...    |   record   |    ...    |   counted   |   oldest
 //
-// Nobody but the snapshot reads what subjects count, and it settles the line first. Charges are
-// counted in the order in which they came.
+// Only the snapshot reads the counters of subjects, and it first counts all waiting charges.
+// Charges are counted in the order of their arrival.
 //
 // Ownership: a waiting charge holds a copy of its subject.
 //
-// Failure: a charge that memory fails isn't counted, which the log tells.
+// Failure: a charge for which memory runs out isn't counted, and that is logged.
 //
 // Threads: under `statsLock`.
 
@@ -27,21 +27,21 @@
 
 #include "trace/counts/statistics.h"
 
-// Charges wait from then on that subjects fill so many slabs.
+// Charges wait once the subjects fill so many slabs.
 inline constexpr uint32_t kCachedSlabs = 8;
 
 enum class ChargeResult {
-    kDone,      // counted, on its way, or nothing to count: the subject has no elements
+    kDone,      // counted, waiting, or nothing to count: the subject has no elements
     kInvalid,   // the subject isn't well formed
-    kNoMemory,  // the message was to be counted at once
+    kNoMemory,  // only for a message that is counted at once
 };
 
-// `subject` is the packed subject with the length that it gives itself, or fewer than two bytes;
-// it is borrowed for the call. `sender` is a hostKey.
+// `subject` is a packed subject whose first word is the span's length, or fewer than two bytes; it
+// is borrowed for the call. `sender` is a hostKey.
 [[nodiscard]] ChargeResult chargeMessage(NetEntry& net,
                                          uint64_t sender,
                                          std::span<const uint8_t> subject,
                                          uint32_t messageBytes);
 
-// Counts all that wait.
+// Counts all waiting charges.
 void chargesSettle();

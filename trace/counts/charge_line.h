@@ -10,17 +10,17 @@
 struct NetEntry;
 
 struct WaitingCharge {
-    NetEntry* net;    // stays for as long as the statistics
+    NetEntry* net;    // lives as long as the statistics
     uint64_t sender;  // hostKey
     uint32_t messageBytes;
     uint32_t subjectHash;
-    uint8_t subject[kSubjectMaxBytes];  // packed; only its own length is set
+    uint8_t subject[kSubjectMaxBytes];  // packed; bytes behind its end are undefined
 };
 
 inline constexpr uint32_t kChargesInLine = 16;  // a power of two
 
 struct ChargeLine {
-    uint32_t entered;  // ever; the place of the next one, wrapped around
-    uint32_t waiting;  // the last so many that entered
+    uint32_t entered;  // in all; modulo the length, the place of the next one
+    uint32_t waiting;  // the number of those that are still in the line
     WaitingCharge places[kChargesInLine];
 };

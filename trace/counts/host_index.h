@@ -1,11 +1,11 @@
-// Where a packet finds the record of a host in one step: by host, net and port at once, in place of
-// a walk from port to net to host. One index serves all records of a kind; the kinds are listed in
-// trace/counts/statistics.h.
+// An index in which a packet finds the record of a host in one step, by host, net and port
+// together, in place of a walk from port to net to host. There is one index for each kind of
+// record; trace/counts/statistics.h lists the kinds.
 //
 // A record has a member `path`. It is entered once, by enterHost, and stays until the index is
-// cleared: nothing that a packet was told of it goes stale.
+// cleared, so a pointer to it stays valid.
 //
-// Ownership: an index owns neither the records nor what they belong to.
+// Ownership: an index owns neither the records nor their nets and ports.
 //
 // Threads: under `statsLock`.
 //
@@ -17,17 +17,17 @@
 
 #include "lib/containers/probe_index.h"
 
-// Names a record: the host, and what it is counted under.
+// The key of a record: the host, and the net and port under which it is counted.
 struct HostPath {
     uint32_t address;
-    uint32_t netAddress;  // 0 where it plays no part
+    uint32_t netAddress;  // 0 for records of a port
     uint16_t port;        // the host's: its SCid, or a UDP port
     uint16_t dstPort;
 
     bool operator==(const HostPath&) const = default;
 };
 
-// The factor stays odd, so that it loses no bit of the addresses.
+// The shift keeps the factor odd, so that the multiplication loses no bit of the addresses.
 [[nodiscard]] inline uint32_t hashOfPath(const HostPath& path) {
     const uint64_t addresses = uint64_t{path.address} << 32 | path.netAddress;
     const uint64_t ports = uint64_t{path.port} << 16 | path.dstPort;
@@ -40,7 +40,7 @@ uint32_t hashOfHost(const void* record) {
     return hashOfPath(static_cast<const Record*>(record)->path);
 }
 
-// Null where there is none.
+// Null when there is none.
 template <typename Record>
 [[nodiscard, gnu::always_inline]] inline Record* findHost(const ProbeIndex& index,
                                                           const HostPath& path) {
@@ -48,8 +48,8 @@ template <typename Record>
     return static_cast<Record*>(probeFind(index, hashOfPath(path), matches));
 }
 
-// Every packet comes here and can't tell one probe from the next: at least half of the slots stay
-// free, so that nearly all are found at the first.
+// Every packet makes this look-up and waits for memory at each probe, so at least half of the slots
+// stay free and nearly every record is found at the first probe.
 template <typename Record>
 [[nodiscard]] bool enterHost(ProbeIndex& index, Record* record) {
     return probeReserve(index, 2 * (index.count + 1), hashOfHost<Record>) &&

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Room for this message and for a few of its kind. False leaves the area as it was.
+// Makes room for this message and for a few more of its size. On false the area is unchanged.
 bool growFor(NetEntry& net, uint32_t length) {
     const uint64_t capacity = net.statusCapacity + uint64_t{4} * length;
     if (capacity > UINT32_MAX) return false;

@@ -1,8 +1,8 @@
-// Host status messages, those on subjects below _PM.INFO.SYSTEM.HOST: each is kept as it stood in
-// its packet, under its net, until the next snapshot takes it over. They count as ordinary traffic
-// too; this is only a copy. They are kept whether or not they are to be shown.
+// Host status messages, those on subjects below _PM.INFO.SYSTEM.HOST: the bytes of each are copied
+// from its packet and kept under its net until the next snapshot. The messages are also counted as
+// ordinary traffic. They are kept whether or not they will be shown.
 //
-// Failure: a message that memory can't hold is logged and not kept; what was held stays.
+// Failure: when memory runs out the message isn't kept, which is logged; messages kept before stay.
 //
 // Threads: under `statsLock`.
 
@@ -16,7 +16,7 @@
 #include "lib/containers/subject.h"
 #include "trace/counts/statistics.h"
 
-// Messages are held and handed on at this alignment, in bytes.
+// The alignment of kept messages, here and in a Snapshot, in bytes.
 constexpr uint32_t kStatusAlignment = 4;
 
 [[nodiscard]] constexpr uint32_t statusPadded(uint32_t length) {
@@ -30,8 +30,8 @@ inline constexpr uint8_t kHostStatusPrefix[] = {
 };
 static_assert(sizeof kHostStatusPrefix == 25);
 
-// `subject` is packed and well formed. True below the prefix, not at it. Nearly every message is
-// told apart by its length or its first characters.
+// `subject` is packed and well formed. True for subjects below the prefix, not for the prefix
+// itself. The length or the first characters rule out nearly every other message.
 [[nodiscard]] inline bool hostStatusMatch(const uint8_t* subject) {
     const uint8_t* elements = subject + kSubjectHeadBytes;
     return subjectLength(subject) > kSubjectHeadBytes + sizeof kHostStatusPrefix &&
@@ -39,5 +39,5 @@ static_assert(sizeof kHostStatusPrefix == 25);
            std::memcmp(elements, kHostStatusPrefix, sizeof kHostStatusPrefix) == 0;
 }
 
-// `length` bytes are in hand at `message`, whose first word says the same.
+// `message` has `length` bytes, and its first word has the same number.
 void hostStatusStore(NetEntry& net, const uint8_t* message, uint32_t length);

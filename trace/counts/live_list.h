@@ -1,9 +1,9 @@
-// The records of one kind under one parent that were touched since the last snapshot, so that it
-// visits those and no others. A record joins when its `live` goes from 0 to 1.
+// The records of one kind under one parent that had traffic since the last snapshot, so that the
+// next one visits only those. A record joins when its `live` goes from 0 to 1.
 //
-// Ownership: a list owns its array, not the records. It is usable zeroed.
+// Ownership: a list owns its array, not the records. A zeroed list is empty and usable.
 //
-// Failure: room is made when a record is, by liveReserve, and joining can't fail.
+// Failure: liveReserve makes the room when a record is created, so joining can't fail.
 //
 // Threads: under `statsLock`.
 
@@ -20,7 +20,7 @@ struct LiveList {
     uint32_t capacity;  // at least `members`
 };
 
-// Room for one member more. False when memory runs out, and the list is as it was.
+// Makes room for one more member. False when memory runs out; the list is then unchanged.
 template <typename Record>
 [[nodiscard]] bool liveReserve(LiveList<Record>& list) {
     constexpr uint32_t kFirstCapacity = 4;

@@ -15,7 +15,7 @@ struct ServiceEntry {
 
 constexpr uint32_t kServiceBuckets = 256;
 
-Dict64* services;  // hostKey -> ServiceEntry; made for the first
+Dict64* services;  // hostKey -> ServiceEntry; made with the first entry
 
 ServiceEntry* findService(uint64_t key) {
     void* value = nullptr;

@@ -23,22 +23,22 @@ constexpr size_t padded(size_t size, size_t alignment) {
     return (size + alignment - 1) & ~(alignment - 1);
 }
 
-// First pass: what there is to copy.
+// What there is to copy, measured by the first pass.
 struct Sizes {
     size_t ports, nets, hosts, rlHosts, ptpHosts, subjects, subjectHosts;
     size_t textBytes;
     size_t statusMsgs, statusBytes;
 };
 
-// The subject at the place. The subjects of a net lie all over memory, so the one at `ahead` is
-// asked for meanwhile.
+// Returns the subject at `place`. The subjects of a net are scattered in memory, so the one at
+// `ahead` is prefetched.
 SubjectEntry& nextSubject(const SubjectMap& subjects, uint32_t place, uint32_t ahead) {
     if (ahead < subjects.count) prefetchBytes(subjectMapAt(subjects, ahead), 2 * kCacheLineBytes);
     return subjectAt(subjects, place);
 }
 
-// Removes the subjects that were silent: all of them where the net was. Runs downwards, since a
-// removal moves the last subject, already seen, to the place at hand.
+// Removes the subjects without traffic; a net without traffic loses all of them. It runs downwards,
+// since a removal moves the last subject, which was already visited, to the current place.
 void sweepSubjects(NetEntry& net) {
     if (net.liveSubjects == net.subjects.count) return;
     for (uint32_t place = net.subjects.count; place-- > 0;) {
@@ -71,7 +71,7 @@ Sizes countAll() {
     return sizes;
 }
 
-// Second pass: where the next record of each array goes.
+// The places for the next record of each array in the second pass.
 struct Places {
     SnapPort* ports;
     SnapNet* nets;
@@ -92,8 +92,8 @@ Item* layOut(uintptr_t& at, size_t count) {
     return area;
 }
 
-// The areas in their order, from address `at`. Returns the address behind them, so that a walk from
-// 0 measures them.
+// Lays out the areas in their order from address `at`. Returns the address behind them, which for
+// `at` 0 is their size.
 uintptr_t layOutAreas(uintptr_t at, const Sizes& sizes, Places& places) {
     places.ports = layOut<SnapPort>(at, sizes.ports);
     places.nets = layOut<SnapNet>(at, sizes.nets);
@@ -108,7 +108,8 @@ uintptr_t layOutAreas(uintptr_t at, const Sizes& sizes, Places& places) {
     return at;
 }
 
-// What is known of the sender outlives the interval.
+// Copies and zeroes the counters. The sender's epoch, sequence number and reliability outlive the
+// interval.
 void copyHost(HostEntry& host, SnapHost& to) {
     to = {
         .host = host.path.address,
@@ -131,7 +132,7 @@ void copyTwoSidedHost(Record& host, Snap& to) {
     host.counters = {};
 }
 
-// Moves the live senders of a subject to the next places. Returns their count.
+// Copies the live senders of a subject to the next places. Returns their count.
 uint32_t copySenders(const SubjectEntry& subject, SnapSubjectHost*& place) {
     const SnapSubjectHost* first = place;
     for (SubjectSender& sender : sendersOf(subject)) {
@@ -142,8 +143,8 @@ uint32_t copySenders(const SubjectEntry& subject, SnapSubjectHost*& place) {
     return static_cast<uint32_t>(place - first);
 }
 
-// Moves what lives to the next places of its array and empties the list. Returns the count. The
-// records lie all over memory, so those that are soon to come are asked for.
+// Copies the live records to the next places of their array and empties the list. Returns their
+// count. The records are scattered in memory, so the next ones are prefetched.
 template <typename Record, typename Snap>
 uint32_t moveLive(LiveList<Record>& list, Snap*& place, void (*copy)(Record&, Snap&)) {
     constexpr uint32_t kAhead = 8;

@@ -1,18 +1,18 @@
-// A Snapshot: a flat copy, in one block, of everything that moved since the one before. It is the
-// seam between counting and showing: whoever prints, or wants another form of output, reads a
-// Snapshot and never the live statistics.
+// A Snapshot: a flat copy, in one block, of everything that had traffic since the Snapshot before.
+// It separates counting from output: every form of output reads a Snapshot and never the live
+// statistics.
 //
 // The block holds, in this order: the head; all SnapPort, SnapNet, SnapHost, SnapRlHost,
 // SnapPtpHost, SnapSubject and SnapSubjectHost records; the subjects in their packed form, each on
 // a 4-byte boundary; the pointers to the host status messages; these messages, each on a 4-byte
 // boundary. A parent's pointer and count describe its slice of the shared array.
 //
-// Ownership: the block belongs to this module and is good until the next snapshotTake.
+// Ownership: the block belongs to this module and is valid until the next snapshotTake.
 //
-// Failure: snapshotTake gives nothing when memory runs out. Then nothing was copied or zeroed, and
+// Failure: snapshotTake returns null when memory runs out. Then nothing was copied or zeroed, and
 // the next one that succeeds covers both intervals.
 //
-// Threads: snapshotTake holds `statsLock` from its first look to its last copy. Sorting and reading
+// Threads: snapshotTake holds `statsLock` from its first read to its last copy. Sorting and reading
 // need no lock; one thread at a time takes, sorts and reads.
 //
 // Units and byte order: addresses and ports are words in network order, bytes and packets are
@@ -64,12 +64,12 @@ struct SnapNet {
     uint32_t subjectCount;
     SnapSubject* subjects;
     uint32_t statusMsgCount;
-    const uint8_t** statusMsgs;  // none where the count is 0
+    const uint8_t** statusMsgs;  // null when the count is 0
 };
 
 struct SnapPort {
     uint16_t port;
-    uint16_t servicePort;  // the same, or what servicesFind found for its retransmission
+    uint16_t servicePort;  // the same, unless servicesFind found another for retransmission
     uint32_t netCount;
     SnapNet* nets;
     uint32_t rlHostCount;
@@ -81,7 +81,7 @@ struct SnapPort {
 struct SnapHeader {
     TimeSpec prevTime;  // when the snapshot before was taken
     TimeSpec thisTime;
-    uint64_t packets;      // all that reached classification
+    uint64_t packets;      // of any kind that reached classification
     uint64_t oskaPackets;  // those of the bus among them
     uint32_t portCount;
     SnapPort* ports;
@@ -90,9 +90,9 @@ struct SnapHeader {
 // Null when memory runs out.
 [[nodiscard]] SnapHeader* snapshotTake(TimeSpec time);
 
-// For the start of a run: the time that the first snapshot counts from.
+// Called at the start of a run with the time from which the first snapshot counts.
 void snapshotSetStart(TimeSpec time);
 
 // Sorts in place: ports by number; nets, hosts and subject hosts by address, then SCid; subjects
-// element by element. Only the order within the arrays changes, every pointer stays good.
+// element by element. Only the order within the arrays changes; all pointers stay valid.
 void snapshotSort(SnapHeader* snapshot);

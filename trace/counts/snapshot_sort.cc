@@ -1,11 +1,12 @@
 // The order of a Snapshot's records.
 //
-// Records are large and subjects begin alike, so what is sorted is an array of small keys: sixteen
-// bytes of what orders a record, and the record's place. An address with its SCid fits into that.
-// Of subjects these are the first bytes in which they aren't all the same; those that still agree
-// are sorted among themselves by what follows. Last, the records are moved to where their keys are.
+// Records are large and subjects have long common beginnings, so an array of small keys is sorted:
+// sixteen bytes of the record's sort order, and the record's place. An address with its SCid fits
+// into that. The key of a subject holds the first bytes in which the subjects aren't all the same;
+// subjects whose keys are equal are sorted among themselves by the bytes that follow. Finally the
+// records are moved into the order of their keys.
 //
-// The keys need memory. Without it the records themselves are sorted, slower.
+// The keys need memory. Without it the records themselves are sorted, which is slower.
 
 #include <algorithm>
 #include <array>
@@ -24,14 +25,14 @@
 
 namespace {
 
-constexpr uint32_t kFewRecords = 16;  // not worth keys
-constexpr size_t kFewKeys = 24;       // sorted by insertion
+constexpr uint32_t kFewRecords = 16;  // fewer are sorted without keys
+constexpr size_t kFewKeys = 24;       // up to so many are sorted by insertion
 
 struct SortKey {
-    uint64_t high, low;  // the bytes that are compared next, as one number
-    uint32_t index;      // of the record, ahead of the sort
-    uint16_t element;    // of a subject: where the element in hand begins
-    uint16_t next;       // and its byte behind those in `low`
+    uint64_t high, low;  // the bytes to compare next, as one number
+    uint32_t index;      // of the record before the sort
+    uint16_t element;    // of a subject: offset of the current element
+    uint16_t next;       // and of the byte that follows those in `low`
 };
 
 constexpr size_t kKeyBytes = 16;
@@ -45,17 +46,17 @@ bool sameKey(const SortKey& left, const SortKey& right) {
     return left.high == right.high && left.low == right.low;
 }
 
-// Room for the keys and for a copy of the records of the largest array; or none.
+// Room for the keys and for a copy of the records of the largest array; null without memory.
 struct Scratch {
     SortKey* keys = nullptr;
-    void* records = nullptr;  // lent to the sorting of keys
+    void* records = nullptr;  // also the scratch space of the key sort
 
     [[nodiscard]] bool serves(uint32_t count) const {
         return keys != nullptr && count >= kFewRecords;
     }
 };
 
-// How many bytes all keys begin with alike.
+// The length of the keys' common beginning, in bytes.
 size_t countCommonBytes(std::span<const SortKey> keys) {
     uint64_t high = 0;
     uint64_t low = 0;
@@ -78,8 +79,8 @@ void sortByInsertion(std::span<SortKey> keys) {
     }
 }
 
-// Deals the keys out into buckets by the first byte in which they differ, and sorts each bucket by
-// the bytes that follow. Equal keys keep their order. A key has sixteen bytes, which bounds the
+// Distributes the keys into buckets by the first byte in which they differ, and sorts each bucket
+// by the bytes that follow. Equal keys keep their order. A key has sixteen bytes, which bounds the
 // recursion.
 void sortByRadix(std::span<SortKey> keys, SortKey* dealt) {
     if (keys.size() < kFewKeys) return sortByInsertion(keys);
@@ -92,7 +93,7 @@ void sortByRadix(std::span<SortKey> keys, SortKey* dealt) {
     for (const SortKey& key : keys) {
         ++ends[key.*word >> shift & 0xff];
     }
-    // Until all are dealt, each bucket's end is where its next key goes.
+    // During the distribution each bucket's end is the place of its next key.
     std::exclusive_scan(ends.begin(), ends.end(), ends.begin(), uint32_t{0});
     for (const SortKey& key : keys) {
         dealt[ends[key.*word >> shift & 0xff]++] = key;
@@ -110,8 +111,8 @@ void sortKeys(std::span<SortKey> keys, const Scratch& scratch) {
     sortByRadix(keys, static_cast<SortKey*>(scratch.records));
 }
 
-// Brings each record to the place of its key. Reading from all over the array and writing in
-// order lets the reads overlap, which following the cycles of the exchange in place wouldn't.
+// Moves each record to the place of its key. Reading from all over the array and writing in order
+// lets the reads overlap, which following the cycles of the exchange in place wouldn't.
 template <typename Record>
 void moveToKeys(Record* records, uint32_t count, const Scratch& scratch) {
     auto* moved = static_cast<Record*>(scratch.records);
@@ -152,11 +153,12 @@ void sortRecords(Record* records, uint32_t count, const Scratch& scratch) {
     moveToKeys(records, count, scratch);
 }
 
-// Subjects. One is ordered by its elements' texts, each up to its first NUL and with it, one behind
-// the other. Behind the last element follow NULs without end: so the shorter of two comes first,
-// except that empty elements at the end look like none and are told apart by the count.
+// The order of subjects compares the texts of the elements one after the other, each up to and
+// including its first NUL. The last element counts as followed by NULs without end, so the shorter
+// of two subjects comes first; empty elements at the end make no difference then, so the element
+// count decides.
 
-// The next eight bytes of a subject, or as many as there are and zeros, as one number.
+// The next eight bytes of a subject as one number, padded with zeros at its end.
 uint64_t loadAhead(const uint8_t* subject, size_t totalLength, size_t next) {
     const size_t left = totalLength - next;
     if (left >= 8) return loadBe64At(subject + next);
@@ -168,22 +170,22 @@ uint64_t loadAhead(const uint8_t* subject, size_t totalLength, size_t next) {
     return bytes;
 }
 
-// How many bytes stand ahead of the first NUL: 8 where there's none.
+// The number of bytes before the first NUL; 8 when there is none.
 size_t countBeforeNul(uint64_t bytes) {
     constexpr uint64_t kLow7 = 0x7f7f7f7f7f7f7f7f;
     const uint64_t nuls = ~(((bytes & kLow7) + kLow7) | bytes | kLow7);
     return static_cast<size_t>(std::countl_zero(nuls)) / 8;
 }
 
-// Shifts the first 1 to 8 of `bytes` in.
+// Shifts the first `count` of `bytes`, 1 to 8, into the key.
 void shiftIn(SortKey& key, uint64_t bytes, size_t count) {
     const uint64_t first = bytes >> (8 - count) * 8;
     key.high = count == 8 ? key.low : key.high << count * 8 | key.low >> (8 - count) * 8;
     key.low = count == 8 ? first : key.low << count * 8 | first;
 }
 
-// Shifts the subject's next bytes into the key. False if there were none left. Works on a copy,
-// which no store through a byte pointer could change and which so stays in registers.
+// Shifts the subject's next bytes into the key. False if there were none left. It works on a local
+// copy, which can stay in registers because no byte pointer aliases it.
 bool takeBytes(SortKey& key, const uint8_t* subject, size_t count) {
     const size_t totalLength = subjectLength(subject);
     SortKey taken = key;
@@ -216,8 +218,8 @@ bool takeBytesOfAll(std::span<SortKey> keys, const SnapSubject* subjects, size_t
     return any;
 }
 
-// Keys that agree in all bytes: by count of elements. Those that agree in that too stand in the
-// order that they had, and keep it.
+// Sorts keys that agree in all bytes by their element count. Keys that agree in that too keep their
+// order.
 void sortEqual(std::span<SortKey> keys, const SnapSubject* subjects, const Scratch& scratch) {
     for (SortKey& key : keys) {
         key.high = 0;
@@ -231,8 +233,8 @@ bool isShared(std::span<const SortKey> keys, size_t at) {
     return at < keys.size() && sameKey(keys[at], keys[at - 1]);
 }
 
-// Sorted keys lead all over memory. While one is in hand, those that will be soon are asked for:
-// the record first, and once it has come, its subject.
+// The records of sorted keys are scattered in memory, so those of later keys are prefetched: first
+// the record and, once it has arrived, its subject.
 void prefetchSubject(std::span<const SortKey> keys, size_t at, const SnapSubject* subjects) {
     constexpr size_t kAhead = 12;
     if (isShared(keys, at + 2 * kAhead)) prefetchLine(&subjects[keys[at + 2 * kAhead].index]);
@@ -277,7 +279,7 @@ void sortSubjects(SnapSubject* subjects, uint32_t count, const Scratch& scratch)
     moveToKeys(subjects, count, scratch);
 }
 
-// What has an order: `visit` gets each array of the Snapshot and its count, parents first.
+// Calls visit(array, count) for each array of the Snapshot that is sorted, parents first.
 template <typename Visit>
 void eachArray(const SnapHeader& snapshot, Visit visit) {
     visit(snapshot.ports, snapshot.portCount);
@@ -305,7 +307,7 @@ Largest findLargest(const SnapHeader& snapshot) {
     eachArray(snapshot, [&](const auto* records, uint32_t count) {
         largest.count = std::max(largest.count, count);
         largest.bytes = std::max(largest.bytes, count * sizeof *records);
-        static_assert(sizeof *records >= sizeof(SortKey));  // the room is lent for keys
+        static_assert(sizeof *records >= sizeof(SortKey));  // the key sort uses it too
     });
     return largest;
 }

@@ -28,7 +28,7 @@ uint8_t* snapshotStorage(size_t sizeBytes) {
     if (sizeBytes > storage.capacity) {
         if (!resize(sizeBytes)) return nullptr;
     } else if (sizeBytes < storage.capacity / 2) {
-        (void)resize(storage.capacity / 2);  // a block that can't shrink serves as it is
+        (void)resize(storage.capacity / 2);  // if it can't shrink, the block is used as it is
     }
     return static_cast<uint8_t*>(storage.block);
 }

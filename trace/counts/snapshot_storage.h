@@ -1,6 +1,6 @@
-// The block that snapshots are built in. It is reused from one to the next: in the steady state
-// taking a snapshot allocates nothing. It grows to the size that is asked for, and falls back by
-// halves, one at a time, once less than half of it is wanted.
+// The block that snapshots are built in. It is reused, so in the steady state taking a snapshot
+// allocates nothing. It grows to the requested size, and is halved, once per call, while less than
+// half of it is requested.
 //
 // Threads: under `statsLock`.
 
@@ -9,11 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 
-// The first block. False when memory runs out.
+// Allocates the first block. False when memory runs out.
 [[nodiscard]] bool snapshotStorageInit();
 
-// The block, of at least `sizeBytes`; its bytes are undefined. Null when memory runs out; then the
-// block of the last call stays good.
+// Returns the block, of at least `sizeBytes` undefined bytes. Null when memory runs out; the block
+// of the last call is then still valid.
 [[nodiscard]] uint8_t* snapshotStorage(size_t sizeBytes);
 
 [[nodiscard]] size_t snapshotStorageCapacity();

@@ -16,7 +16,7 @@ namespace {
 constexpr uint32_t kPortBuckets = 32;
 constexpr uint32_t kNetBuckets = 4;
 
-// Records are zeroed C storage, so that running out of it is an answer and not an exception.
+// Records come from calloc, so that running out of memory is a null pointer and not an exception.
 struct RecordFree {
     void operator()(void* record) const { std::free(record); }
 };
@@ -83,7 +83,7 @@ NetEntry* createNet(PortEntry& port, uint32_t dstIp) {
     return nullptr;
 }
 
-// A record that belongs to the list of what lives under its parent.
+// Creates a record that may join its parent's list of live records.
 template <typename Record>
 Record* createHost(ProbeIndex& index,
                    LiveList<Record>& list,

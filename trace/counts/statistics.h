@@ -1,6 +1,6 @@
 // The statistics of the tool: one tree of records, built as traffic is seen. The first packet that
 // names a port, a destination address, a host or a subject makes its record; packet handlers count
-// in place; the snapshot copies out what moved and zeroes it.
+// in place; the snapshot copies what had traffic and zeroes its counters.
 //
 //     ports:  dstPort -> PortEntry
 //               nets:     dstIp -> NetEntry
@@ -9,19 +9,19 @@
 //               (address, UDP port) -> RlHostEntry
 //               (address, UDP port) -> PtpHostEntry
 //
-// A packet goes the other way: the records of hosts stand in an index of each kind, by all that
-// names them, and lead to their net and port (trace/counts/host_index.h).
+// A packet starts at the other end: it finds the record of its host in an index, one for each kind,
+// which leads to the host's net and port (trace/counts/host_index.h).
 //
 // Ownership: the tree owns its records and lives until the process ends. Only subjects are ever
-// removed: by the first snapshot, under a live port, that finds them silent.
+// removed: by the first snapshot that finds them without traffic while their port is live.
 //
-// Failure: each find-or-create gives null when memory runs out, after logging which record or
-// dictionary it was for; nothing half-made stays. The caller gives the packet up, and the next
-// packet tries again.
+// Failure: each find-or-create returns null when memory runs out, after logging which record or
+// dictionary it was for; nothing half-made stays. The caller drops the packet, and the next packet
+// tries again.
 //
-// Liveness: a handler marks every record of its path live, ahead of the checks of the packet's own
-// header, and the snapshot clears the marks, all of a path at once. So whoever finds a host live
-// needn't look at its net and port. Only live records are reported.
+// Liveness: a handler marks the host, its net and its port live before it checks the packet's own
+// header, and the snapshot clears these marks together. So the net and port of a live host are live
+// too and needn't be read. Only live records are reported.
 //
 // Threads: all of it under `statsLock`.
 //
@@ -60,7 +60,7 @@ struct NetEntry {
     SubjectMap subjects;
     uint32_t liveSubjects;
 
-    // Host status messages held for the next snapshot, one behind the other, each on a 4-byte
+    // Host status messages kept for the next snapshot, one after the other, each on a 4-byte
     // boundary and in its wire form, whose first word is its length.
     uint8_t* statusBuf;
     uint32_t statusCapacity;  // bytes
@@ -68,17 +68,17 @@ struct NetEntry {
     uint32_t statusCount;     // messages
 };
 
-// One sender of multicast packets under a net. What data and null packets read or move without a
-// fault comes first: a cache line.
+// One sender of multicast packets under a net. The fields that sound data and null packets use come
+// first, in one cache line.
 struct HostEntry {
     HostPath path;
     uint32_t live;
     NetEntry* net;
 
-    // What is known of the sender; outlives snapshots.
+    // State of the sender, which outlives snapshots.
     uint32_t epoch;      // last epoch word, host order
     uint32_t lastSeq;    // highest sequence number of this epoch
-    double reliability;  // of the last null packet that told it
+    double reliability;  // from the last null packet that carried it
 
     // Counters of the interval.
     uint64_t data, bytes;
@@ -109,7 +109,7 @@ struct PtpHostEntry {
 // Guards the statistics and, while capture runs, the capture file.
 extern Lock statsLock;
 
-// What lives, and so what the next snapshot copies.
+// Counts of what is live and will be copied by the next snapshot.
 struct LiveCounts {
     size_t subjects;
     size_t subjectBytes;  // of their packed forms in a Snapshot
@@ -119,8 +119,8 @@ struct LiveCounts {
 struct Statistics {
     Dict32* ports;
     ProbeIndex hosts, rlHosts, ptpHosts;  // of all ports
-    uint32_t totalPackets;                // that reached classification since the last snapshot
-    uint32_t oskaPackets;                 // that carried the magic
+    uint32_t totalPackets;                // reached classification since the last snapshot
+    uint32_t oskaPackets;                 // of these, those with the magic number
     LiveCounts live;
     LinePool subjectLines;  // of all nets' subjects
     ChargeLine charges;
@@ -128,7 +128,7 @@ struct Statistics {
 
 extern Statistics statistics;
 
-// Keys of the 64-bit dictionaries: the address in the high half.
+// Key of the 64-bit dictionaries: the address is the high half.
 [[nodiscard]] inline uint64_t hostKey(uint32_t address, uint16_t port) {
     return uint64_t{address} << 32 | port;
 }
@@ -141,28 +141,28 @@ extern Statistics statistics;
     return static_cast<uint16_t>(key);
 }
 
-// Once, ahead of everything else here. kStatusNoMemory if anything can't be had.
+// Called once, before everything else here. kStatusNoMemory if anything can't be allocated.
 [[nodiscard]] pelmoStatus statsInit();
 
-// Frees the tree, also one that statsInit couldn't complete. For programs that build more than one:
-// tests, fuzzing.
+// Frees the tree, even if statsInit failed. For programs that build more than one tree: tests,
+// fuzzing.
 void statsDestroy();
 
 [[nodiscard]] PortEntry* portEntry(uint16_t dstPort);
 [[nodiscard]] NetEntry* netEntry(PortEntry& port, uint32_t dstIp);
 
-// These make port and net as well. Those of a port want 0 for the net.
+// Find or create a record, together with its port and net. For records of a port the net is 0.
 [[nodiscard]] HostEntry* hostEntry(const HostPath& path);
 [[nodiscard]] RlHostEntry* rlHostEntry(const HostPath& path);
 [[nodiscard]] PtpHostEntry* ptpHostEntry(const HostPath& path);
 
-// Ahead of hostEntry: begins the trips to memory that it would wait for, and gives null where that
-// has a record to make. Marks nothing.
+// Finds the record of a host ahead of hostEntry, so that its memory accesses start early; null when
+// hostEntry would create it. It marks nothing live.
 [[nodiscard]] inline HostEntry* knownHost(const HostPath& path) {
     return findHost<HostEntry>(statistics.hosts, path);
 }
 
-// With all that the record stands under.
+// Marks the record live, with its net and port.
 void markLive(HostEntry& host);
 void markLive(RlHostEntry& host);
 void markLive(PtpHostEntry& host);
@@ -190,7 +190,7 @@ void eachRecord(Dict32* dict, Visit visit) {
     }
 }
 
-// What a packed subject takes in a Snapshot.
+// The bytes that a packed subject takes in a Snapshot.
 [[nodiscard]] inline size_t snapSubjectBytes(const uint8_t* subject) {
     return (subjectLength(subject) + 3) & ~size_t{3};
 }

@@ -40,7 +40,7 @@ void enterIndex(SubjectSenders& senders, uint32_t place) {
     senders.slots[at & senders.slotMask] = place + 1;
 }
 
-// The index has room for all that the array has room for, and is made anew with it.
+// The index has room for as many senders as the array, and is rebuilt when the array grows.
 bool makeIndex(SubjectSenders& senders) {
     if (senders.capacity <= kMostWithoutIndex) return true;
     const uint32_t slotCount = senders.capacity * 2;
@@ -60,7 +60,7 @@ const char* const kNoFirst = "Out of memory creating subject host dictionary";
 const char* const kNoRoom = "Out of memory allocating HostSubj entry";
 const char* const kNoIndex = "Out of memory storing host subject entry";
 
-// Null once there is room for one sender more, else what memory failed.
+// Makes room for one more sender. Null on success, else what memory ran out for.
 const char* reserveSender(SubjectEntry& subject) {
     SubjectSenders* senders = subject.senders;
     if (senders == nullptr || senders->count == senders->capacity) {

@@ -1,10 +1,10 @@
-// What is counted of a subject under a net, and of its senders.
+// The counters of a subject under a net, and of its senders.
 //
-// Every message touches its subject's record, which therefore holds little: two counters, and the
-// subject right behind them (lib/containers/subject_map.h), one cache line in all for most. Senders
-// are counted only where somebody shows them (TraceSettings::countSenders). A subject often has two
-// to four of them, and whoever forges packets can give it any number. They stand in one array that
-// grows: it is searched from end to end while it is short, and by an index from then on.
+// Every message touches its subject's record, which is therefore small: two counters with the
+// subject right behind them (lib/containers/subject_map.h), for most subjects one cache line.
+// Senders are counted only when a setting asks for it (TraceSettings::countSenders). A subject
+// often has two to four senders, and forged packets can give it any number. They are in one growing
+// array, which is searched linearly while it is short and by an index when it is long.
 //
 // Ownership: a subject lives until it is removed, and its senders with it.
 //
@@ -19,19 +19,18 @@
 
 #include "lib/containers/subject_map.h"
 
-// Counters of the interval. A sender that was silent in it has none, and stays.
+// Counters of the interval. A sender without traffic has zeros, and stays.
 struct SubjectSender {
     uint64_t key;  // hostKey
     uint64_t msgs, bytes;
 };
 
-// Ahead of the array: the senders stand right behind this, in the order in which they were first
-// seen.
+// The head of the array: the senders follow it, in the order in which they were first seen.
 struct SubjectSenders {
     uint32_t count;
     uint32_t capacity;
     uint32_t slotMask;
-    uint32_t* slots;  // of the index: places + 1, 0 where free. Null while senders are few
+    uint32_t* slots;  // the index: place + 1, or 0 for a free slot. Null while senders are few
 };
 
 // Counters of the interval; the subject is live where it has messages.
@@ -40,19 +39,21 @@ struct SubjectEntry {
     SubjectSenders* senders;  // null while none is counted
 };
 
-// `subject` isn't in the map yet, is well formed, and has at least one element; it is copied.
+// Creates a subject. `subject` isn't in the map yet, is well formed, and has at least one element;
+// it is copied.
 [[nodiscard]] SubjectEntry* subjectCreate(SubjectMap& subjects,
                                           const uint8_t* subject,
                                           uint32_t hash);
 
-// Finds or creates the sender, a hostKey. Good until the next sender of the subject is created.
+// Finds or creates the sender by its hostKey. The pointer is valid until the next sender of the
+// subject is created.
 [[nodiscard]] SubjectSender* subjectSender(SubjectEntry& subject, uint64_t key);
 
-// Takes the subject at the place out and frees it with all that is counted under it. The subject at
-// the last place moves to the place that falls free.
+// Removes the subject at the place and frees it with its senders. The subject at the last place
+// moves to the free place.
 void subjectRemove(SubjectMap& subjects, uint32_t place);
 
-// Frees all of them.
+// Frees all subjects of the map.
 void subjectsClear(SubjectMap& subjects);
 
 // The subject at a place, 0 to count - 1.

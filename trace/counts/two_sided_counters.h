@@ -1,5 +1,5 @@
-// What is counted of packets between two hosts, by family: in the live record of a host, in its
-// copy in a Snapshot, and in the sums of a report. Each quantity stands on both sides: Sent in the
+// The counters of packets between two hosts, by family: in the live record of a host, in its copy
+// in a Snapshot, and in the sums of a report. Each quantity is counted on both sides: Sent in the
 // record of a packet's source, Recv in that of its destination.
 //
 // Units: packets of the interval, unless a name says otherwise.
@@ -12,7 +12,7 @@
 struct RlCounters {
     uint64_t badSent, badRecv;
     uint64_t rreqSent, rreqRecv;
-    uint64_t rseqSent, rseqRecv;  // sequence numbers asked for
+    uint64_t rseqSent, rseqRecv;  // sequence numbers requested
     uint64_t rrejSent, rrejRecv;
 };
 

@@ -8,7 +8,7 @@
 
 namespace {
 
-// What the message says is data, never a format.
+// The message's text is an argument, never a format.
 pelmoStatus printText(pelmoMsg* msg, FILE* stream) {
     const char* text = nullptr;
     const pelmoStatus status = pelmoMsg_ConvertToString(msg, &text);
@@ -18,7 +18,7 @@ pelmoStatus printText(pelmoMsg* msg, FILE* stream) {
     return kStatusSuccess;
 }
 
-// The first word of a held message is the number of bytes that were held.
+// The first word of a kept message is the number of its bytes.
 void printMessage(const uint8_t* bytes, FILE* stream) {
     pelmoMsg* msg = nullptr;
     pelmoStatus status = pelmoMsg_CreateFromBytes(&msg, bytes);

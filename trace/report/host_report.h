@@ -1,14 +1,14 @@
 // The host status messages of a net, as text at the end of a report: a heading, and each message on
 // a line of its own, in the order of arrival.
 //
-// A message was held for its framing; its fields come from outside and may be anything. One that
-// has no text is told of in its place:
+// Only the framing of a kept message was checked; its fields come from outside and may be anything.
+// A message that can't be shown as text is replaced by a line:
 //
 //     [message of 74 bytes without text: The contents of the message are corrupt]
 //
-// Memory: of one message at a time.
+// Memory: one message object at a time.
 //
-// Threads: on the thread that prints; no lock. The messages are the Snapshot's.
+// Threads: called on the thread that prints; no lock. The messages belong to the Snapshot.
 
 #pragma once
 

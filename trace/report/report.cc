@@ -21,13 +21,14 @@ struct Report {
     FILE* stream;
     ReportView view;
 
-    // What was sent, over the whole Snapshot. Of records, only the counters are used.
+    // Totals of what was sent, over the whole Snapshot. Only the counters of these records are
+    // used.
     SnapHost mcast;
     RlCounters retrans;
     PtpCounters ptp;
     SnapSubjectHost subjects;
 
-    // Whole rows that wait to be written.
+    // The buffer of whole rows not yet written.
     char lines[kLinesBytes];
     size_t linesUsed;
 };
@@ -81,8 +82,8 @@ constexpr ReportTable<SnapSubjectHost, 2> kSubjectTable = {
         {9, &SnapSubjectHost::bytes},
     }};
 
-// The log file, which stays good even if it rotates meanwhile. Reports never mix with the log lines
-// on the standard error stream.
+// The log file, which stays valid even if it is rotated meanwhile. Reports never go to the standard
+// error stream among the log lines.
 FILE* chooseStream() {
     FILE* stream = logStreamGet();
     return stream == nullptr || stream == stderr ? stdout : stream;
@@ -93,7 +94,7 @@ void writeLines() {
     report.linesUsed = 0;
 }
 
-// The place for a row of up to kRowBytesMax.
+// Returns room for a row of up to kRowBytesMax bytes.
 char* rowBegin() {
     if (kLinesBytes - report.linesUsed < kRowBytesMax) writeLines();
     return report.lines + report.linesUsed;
@@ -107,7 +108,7 @@ void printText(const char* text) {
     rowEnd(appendText(rowBegin(), text));
 }
 
-// What a row begins with: 30 characters in all of them.
+// The start of a row: 30 characters in every table.
 
 constexpr const char* kTotalsLead = "         Totals               ";
 constexpr const char* kSecondLineLead = "                              ";
@@ -222,7 +223,7 @@ void printMcastTable(const SnapHeader& snapshot) {
     printText("\n");
 }
 
-// Two lines: what was sent to the host, then what it sent.
+// Prints two lines: what was sent to the host, then what it sent.
 template <typename Table, typename Host>
 void printTwoSidedHost(const Table& table, const Host& host) {
     char* at = appendHostLead(rowBegin(), kTwoSidedIndent, host.host, host.port);
@@ -295,7 +296,7 @@ void printSubject(uint16_t port, uint32_t net, const SnapSubject& subject) {
     }
 }
 
-// The order of subjects is no order in memory. What a row will need is fetched some rows ahead.
+// Sorted subjects are scattered in memory, so what a row needs is prefetched some rows ahead.
 void printSubjects(uint16_t port, const SnapNet& net) {
     constexpr size_t kRowsAhead = 8;
     const std::span subjects(net.subjects, net.subjectCount);
@@ -348,7 +349,8 @@ void printSnapshot(SnapHeader* snapshot) {
     report.linesUsed = 0;
     if (traceSettings.displayStats) printHead(*snapshot);
 
-    // Ahead of the sort, while each subject's hosts still lie behind those of the one before.
+    // This must precede the sort, while the hosts of subjects still follow each other in the
+    // subjects' order.
     addUp(*snapshot);
     snapshotSort(snapshot);
     if (traceSettings.displayMcast && traceSettings.displayAddrInfo) servicesFind(snapshot);

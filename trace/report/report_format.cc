@@ -13,7 +13,7 @@ constexpr size_t kCountDigitsMax = 20;
 constexpr size_t kAddressBytes = 15;
 constexpr double kWholeLimit = 0x1p53;  // below, a double holds every whole number
 
-// True for numbers that the quick roads take: neither NaN nor infinite nor of a negative sign.
+// True for numbers that the fast paths handle: neither NaN nor infinite nor negative, -0 included.
 bool isPlain(double value) {
     return !std::signbit(value) && value < kWholeLimit;
 }
@@ -22,7 +22,8 @@ char* appendPrintf(char* at, const char* format, size_t width, double value) {
     return at + std::snprintf(at, kNumberBytesMax, format, static_cast<int>(width), value);
 }
 
-// Tenths of a fraction of 0 to below 1, 0 to 10, rounded as printf rounds: exactly, a tie to even.
+// The tenths, 0 to 10, of a fraction from 0 to below 1, rounded as printf does: exactly, ties to
+// even.
 unsigned roundToTenths(double fraction) {
     constexpr double kTiny = 0x1p-7;  // from here on, 60 binary places hold every bit
     constexpr int kPlaces = 60;

@@ -1,9 +1,9 @@
-// Fields and columns of the report's rows. What tables differ in is data: a column is a width and
+// Fields and columns of the report's rows. Tables are described by data: a column is a width and
 // the counters that it shows, a table is a title and its columns.
 //
-// Every append writes at `at` and gives the place behind what it wrote. None puts a NUL. Numbers
-// stand at the right of their width; a wider one takes the room that it needs, as printf has it.
-// The caller sees to the room: kRowBytesMax holds any row.
+// Every append writes at `at`, without a NUL, and returns the place behind what it wrote. Numbers
+// are right-aligned in their width; a wider one takes the room that it needs, as with printf. The
+// caller provides the room: kRowBytesMax holds any row.
 //
 // Threads: any; no state.
 
@@ -19,7 +19,7 @@ constexpr size_t kRowBytesMax = 4096;    // a lead, up to eight numbers, a subje
 [[nodiscard]] char* appendText(char* at, std::string_view text);
 [[nodiscard]] char* appendBlanks(char* at, size_t count);
 
-// "%*lu", "%*.1f" and "%*.0f", to the byte.
+// These write exactly what "%*lu", "%*.1f" and "%*.0f" do.
 [[nodiscard]] char* appendCount(char* at, uint64_t value, size_t width);
 [[nodiscard]] char* appendRate(char* at, double value, size_t width);
 [[nodiscard]] char* appendWhole(char* at, double value, size_t width);
@@ -30,12 +30,12 @@ constexpr size_t kRowBytesMax = 4096;    // a lead, up to eight numbers, a subje
 // How counters are shown.
 struct ReportView {
     bool rate;              // per second instead of whole
-    double elapsedSeconds;  // that the counters cover
+    double elapsedSeconds;  // the time that the counters cover
 };
 
 [[nodiscard]] char* appendCounter(char* at, ReportView view, uint64_t value, size_t width);
 
-// A column shows what a host sent, or what was sent to it; only two-sided records tell the latter.
+// A column shows what a host sent, or what was sent to it; only two-sided records count the latter.
 template <typename Record>
 struct Column {
     size_t width;
@@ -53,7 +53,7 @@ struct ReportTable {
     Column<Record> columns[kColumns];
 };
 
-// Sums are kept in a record of the same kind.
+// Sums are added up in a record of the same kind.
 template <typename Record, size_t kColumns>
 void addCounters(const ReportTable<Record, kColumns>& table, Record& sum, const Record& record) {
     for (const Column<Record>& column : table.columns) {
@@ -70,7 +70,7 @@ template <typename Record, size_t kColumns>
     return false;
 }
 
-// The columns of a row, each behind a blank.
+// Appends the columns of a row, each after a blank.
 template <typename Record, size_t kColumns>
 [[nodiscard]] char* appendCounters(char* at,
                                    ReportView view,
