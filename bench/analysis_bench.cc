@@ -31,8 +31,9 @@ void checksum(benchmark::State& state) {
 }
 BENCHMARK(checksum)->Arg(300)->Arg(1200);
 
-// Data packets of about 300 bytes with one message each, `subjects` of them, dealt out to `hosts`.
-// A host's epoch changes from each to the next, so that all are new data however often they come.
+// Data packets of about 300 bytes with one message each, one for each subject, spread over `hosts`.
+// A host's epoch changes with each packet, so that all are new data however often they are
+// repeated.
 std::vector<Bytes> dataPackets(size_t subjects, size_t hosts) {
     std::vector<Bytes> packets;
     packets.reserve(subjects);

@@ -1,8 +1,8 @@
-// What each captured packet and each message pays to the containers: a look-up by address in a
+// What the containers cost for each captured packet and each message: a look-up by address in a
 // dictionary, the structure test of a subject, and its look-up among all subjects seen.
 //
-// "Cold" look-ups go through all keys in a scattered order, so that tables larger than the caches
-// pay for memory; "hot" ones come back to a few.
+// "Cold" look-ups take all keys in a scattered order, so that tables larger than the caches wait
+// for memory; "hot" ones repeat a few keys.
 
 #include <benchmark/benchmark.h>
 
@@ -93,7 +93,7 @@ void subjectFind(benchmark::State& state) {
     const Subjects subjects(state.range(0));
     const FilledMap filled(subjects);
 
-    // The sought subjects lie one behind the other, as in packets.
+    // The subjects to look up are contiguous, as in packets.
     std::vector<uint8_t> packets;
     std::vector<size_t> starts;
     for (const uint32_t place : scattered(state.range(0), state.range(1) != 0)) {

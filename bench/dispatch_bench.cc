@@ -26,7 +26,7 @@ void check(pelmoStatus status) {
     check(status == kStatusSuccess);
 }
 
-// For as long as it exists the library is open, and there is a queue.
+// A fixture: while it exists, the library is open and there is a queue.
 struct OpenQueue {
     OpenQueue() {
         check(pelmo_Open());
@@ -43,7 +43,7 @@ pelmoMsg* newEntry() {
     return message;
 }
 
-// The making and the end of an empty message are part of it.
+// The time includes making and releasing an empty message.
 void postAndDispatchOne(benchmark::State& state) {
     const OpenQueue queue;
     uint32_t event = kNoId;
@@ -73,7 +73,7 @@ void postAndDispatchVector(benchmark::State& state) {
 }
 BENCHMARK(postAndDispatchVector);
 
-// There and back between two threads that both sleep: each callback wakes the other side.
+// A round trip between two sleeping threads: each callback wakes the other side.
 
 struct Side {
     uint32_t queue = kNoId;

@@ -2,8 +2,8 @@
 // where it is installed, and pool chunks beside the heap.
 //
 // There are two kinds of message: ten integers, three of which are read, and five fields of as many
-// types, all of which are read. msgpack's is a map with the same names. Nothing is said about size:
-// their wire image and msgpack's carry different things.
+// types, all of which are read. msgpack's is a map with the same names. Sizes aren't compared,
+// since the two wire images carry different things.
 
 #include <benchmark/benchmark.h>
 
@@ -42,7 +42,7 @@ void openPools() {
     poolThreadEnter();
 }
 
-// Argument: chunks that are out at a time. A message object has about the size of these.
+// Argument: chunks in use at a time. They have about the size of a message object.
 constexpr size_t kChunkBytes = 432;
 constexpr int64_t kMostChunks = 64;
 
@@ -148,7 +148,7 @@ pelmoMsg* makeMessage() {
     return msg;
 }
 
-// A message over the bytes as they came off the network, and fields of it by name.
+// Makes a message over received bytes and reads fields of it by name.
 template <typename Kind>
 void receiveMessage(benchmark::State& state) {
     pelmoMsg* sent = makeMessage<Kind>();
@@ -269,7 +269,7 @@ struct PackedMixed {
 
     static void read(const msgpack_object_map& map) {
         Quote quote;
-        // A text of msgpack's has no NUL.
+        // A msgpack text has no NUL.
         const msgpack_object& symbol = packedValue(map, "symbol");
         check(symbol.type == MSGPACK_OBJECT_STR);
         quote.symbol = symbol.via.str.ptr;

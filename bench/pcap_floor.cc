@@ -4,11 +4,12 @@
 //     pcap_floor FILE [--filter EXPRESSION] [--checksum]
 //     pcap_floor --live INTERFACE [--buffer KILOBYTES] ...
 //
-// A file is opened here and handed on with a buffer of 256 KiB; the stream that libpcap opens
-// itself has one of 4 KiB, a system call every few packets.
+// The program opens a file itself and gives libpcap the stream with a buffer of 256 KiB; a stream
+// that libpcap opens has one of 4 KiB, which makes a system call every few packets.
 //
-// --live opens an interface as the tool does, until SIGINT or SIGTERM; it then tells what the
-// kernel received and dropped, too. --buffer asks for another capture buffer than libpcap's own.
+// --live captures from an interface as the tool does until SIGINT or SIGTERM, and then also prints
+// what the kernel received and dropped. --buffer sets the size of the capture buffer, which is
+// otherwise libpcap's default.
 //
 // With --checksum the callback also sums each UDP payload once, as quickly as the tool does:
 // vectors of 32-bit words, widened into lanes of 64 bits and folded at the end, by AVX2 where the
@@ -105,10 +106,10 @@ int fail(const char* what, const char* why) {
 struct Source {
     const char* name;
     bool live;
-    int bufferKb;  // 0: libpcap's own
+    int bufferKb;  // 0: libpcap's default
 };
 
-// Takes the pieces of pcap_open_live apart, for the one that it doesn't offer.
+// Does the steps of pcap_open_live one by one, since that call can't set the buffer size.
 pcap_t* openWithBuffer(const Source& source, char* error) {
     pcap_t* capture = pcap_create(source.name, error);
     if (capture == nullptr) return nullptr;
@@ -122,7 +123,7 @@ pcap_t* openWithBuffer(const Source& source, char* error) {
     return nullptr;
 }
 
-// The buffer is in use until the capture is closed.
+// The stream uses the buffer until the capture is closed.
 pcap_t* openFile(const char* path, char* error) {
     static char buffer[kFileBufferBytes];
     std::FILE* file = std::fopen(path, "rb");
@@ -148,7 +149,7 @@ void stop(int) {
     pcap_breakloop(stoppable);
 }
 
-// A reader of the standard error can wait for the line.
+// A script can wait for this line on the standard error stream.
 void announce(pcap_t* capture) {
     stoppable = capture;
     struct sigaction action {};

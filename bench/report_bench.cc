@@ -1,5 +1,5 @@
-// Sorting and printing a large Snapshot: 20,000 hosts, 200,000 subjects of one host each, taken of
-// the real statistics.
+// Sorting and printing a large Snapshot of the real statistics: 20,000 hosts, 200,000 subjects of
+// one host each.
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
@@ -39,7 +39,7 @@ PackedSubject packNumbered(uint32_t number) {
     return packed;
 }
 
-// In the order in which traffic brings them: none.
+// Subjects arrive in random order, as in real traffic.
 const std::vector<PackedSubject>& subjects() {
     static const std::vector<PackedSubject> packed = [] {
         std::vector<PackedSubject> made;
@@ -88,7 +88,7 @@ void sortBusyInterval(benchmark::State& state) {
 }
 BENCHMARK(sortBusyInterval)->Unit(benchmark::kMillisecond);
 
-// All of a report, the sort included.
+// A whole report, including the sort.
 void printBusyInterval(benchmark::State& state, bool rate, bool addrInfo) {
     traceSettings.displayRate = rate;
     traceSettings.displayAddrInfo = addrInfo;

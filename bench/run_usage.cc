@@ -1,10 +1,10 @@
-// Runs one command, its output thrown away, and prints what it took:
+// Runs one command, discards its output, and prints the time and memory that it took:
 //
 //     run_usage COMMAND [ARGUMENT ...]     "microseconds of user and system time, peak kilobytes"
 //
 // A shell's or an interpreter's own memory would show in the peak of a child that it starts, since
 // the kernel counts from before the exec; this program is smaller than anything worth measuring.
-// The status is the command's, 1 where it couldn't be run.
+// The exit status is the command's, or 1 when it couldn't be run.
 
 #include <fcntl.h>
 #include <sys/resource.h>

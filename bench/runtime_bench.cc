@@ -1,7 +1,7 @@
 // What timers and wake-ups cost, beside libuv doing the same work where it is installed.
 //
-// A firing of ours goes through a queue: it makes a message, posts, and dispatches it. libuv calls
-// back from its loop.
+// A firing of the library's timer makes a message, posts it to a queue and dispatches it. libuv
+// calls back directly from its loop.
 
 #include <benchmark/benchmark.h>
 
@@ -36,7 +36,7 @@ void check(pelmoStatus status) {
     check(status == kStatusSuccess);
 }
 
-// The library is open, without an event manager.
+// A fixture: the library is open, without an event manager.
 struct OpenLibrary {
     OpenLibrary() {
         check(pelmo_Open());
@@ -49,7 +49,7 @@ double armedInterval(uint32_t i) {
     return 1'000.0 + i * 7'919 % kArmed;
 }
 
-// 10,000 timers that are a while ahead, without the timer thread.
+// 10,000 timers that aren't due soon, without the timer thread.
 struct ArmedTimers {
     ArmedTimers() {
         check(pelmoQueue_Create(&queue));
@@ -113,7 +113,7 @@ void timerFire(benchmark::State& state) {
 }
 BENCHMARK(timerFire);
 
-// Two threads wake each other in turn, each of them asleep until then.
+// Two threads wake each other in turn, each of which sleeps until then.
 struct WakeRounds {
     WakeupPair* pairs[2] = {};
     int64_t left = 0;
@@ -230,7 +230,7 @@ void uvAsyncRound(benchmark::State& state) {
         rounds.done->wait();
     }
     state.SetItemsProcessed(state.iterations() * kRounds);
-    // A loop is stopped on its own thread: by a callback in place of the ones above.
+    // A loop must be stopped on its own thread, so this callback takes the place of the one above.
     for (int i = 0; i < 2; ++i) {
         rounds.wakes[i].async_cb = [](uv_async_t* async) {
             uv_close(reinterpret_cast<uv_handle_t*>(async), nullptr);

@@ -22,7 +22,8 @@ void count(uint32_t, pelmoMsg*, void* closure) {
     ++*static_cast<int64_t*>(closure);
 }
 
-// An open library, a message, a thousand listeners to other subjects, and so many to this one.
+// A fixture: an open library, a message, a thousand listeners on other subjects, and `listeners` on
+// this one.
 struct Bus {
     uint32_t queue = 0;
     std::vector<uint32_t> events;

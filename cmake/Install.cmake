@@ -1,10 +1,11 @@
 # cmake --install: the tool with its two modules, its manual page, completion, a unit sample, the
-# operators' guide and what others' licences ask for; and the library with its headers, and what
-# pkg-config and CMake want to know of it. The component "tool" is what the package has
-# (Package.cmake), "library" is all else.
+# operators' guide and the licence texts of third parties; and the library with its headers and its
+# files for pkg-config and CMake. The component "tool" goes into the package (Package.cmake),
+# "library" is all else.
 #
-# The modules belong beside the program that loads them and to nobody else, so both go to a folder
-# of their own, and bin/ gets a link. The set-up lays them into the build's bin folder.
+# The modules must be beside the program that loads them, and no other program should find them, so
+# program and modules go to a folder of their own, and bin/ gets a link. The set-up puts the modules
+# into the build's bin folder.
 
 set(PELMO_TOOL_DIR lib/pelmoscope)
 file(RELATIVE_PATH tool_from_bin /${CMAKE_INSTALL_BINDIR} /${PELMO_TOOL_DIR}/pelmoscope)
@@ -47,7 +48,7 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/PelmoConfigVersion.cmake
 install(FILES ${CMAKE_BINARY_DIR}/PelmoConfigVersion.cmake DESTINATION ${package_dir}
         COMPONENT library)
 
-# The prefix is told from the file's own place: the install chooses it.
+# The prefix is derived from the file's own place, since it is chosen at the install.
 file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/pelmo.pc.in ${CMAKE_BINARY_DIR}/pelmo.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/pelmo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig

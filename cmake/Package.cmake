@@ -1,8 +1,9 @@
 # cpack -G DEB: the tool as a package of Debian, pelmoscope_VERSION_ARCHITECTURE.deb.
 #
 # It carries the two modules: the tool doesn't start without OpenSSL 1.1.1, and Debian 12 has no
-# package of it. They lie in the tool's own folder, where no other program looks. What it needs
-# besides is what the binary is linked with; scripts/package_test.sh shows that the list is whole.
+# package of it. They are in the tool's own folder, where no other program looks. Its other
+# dependencies are the libraries that the binary is linked with; scripts/package_test.sh checks that
+# the list is complete.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME pelmoscope)

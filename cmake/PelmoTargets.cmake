@@ -1,10 +1,11 @@
-# What every target of the tree shares: the warnings, and one way to say "a library per folder".
+# What all targets of the tree share: the warnings, and a function that makes a library of a folder.
 
 add_library(pelmo_options INTERFACE)
 target_compile_options(pelmo_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${PELMO_WERROR}>:-Werror>)
 
-# The compiler only reads: nothing is made, and what would put it together is left out.
+# The compiler only checks the sources: it makes no objects, and the link and archive steps are left
+# out.
 option(PELMO_SYNTAX_ONLY "check the sources without building anything" OFF)
 if(PELMO_SYNTAX_ONLY)
     target_compile_options(pelmo_options INTERFACE -fsyntax-only)
@@ -20,7 +21,7 @@ function(pelmo_library name)
     file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
     list(FILTER sources EXCLUDE REGEX "/main\\.cc$")
     if(NOT sources)
-        # A folder that has only headers so far: what stands above it can link it all the same.
+        # A folder with headers only still gets a target that others can link.
         add_library(${name} INTERFACE)
         target_link_libraries(${name} INTERFACE ${ARGN})
         return()

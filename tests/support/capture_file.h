@@ -1,4 +1,4 @@
-// Capture files, built byte by byte: libpcap's classic format in either byte order.
+// Capture files built byte by byte in libpcap's classic format, in either byte order.
 
 #pragma once
 
@@ -16,7 +16,7 @@ struct SavedFrame {
 
 struct CaptureStyle {
     bool bigEndian = false;
-    bool nanoseconds = false;  // the stamps' fractions are these
+    bool nanoseconds = false;  // fractions of time stamps are nanoseconds
     uint32_t snapshotBytes = 65535;
     uint32_t linkType = 1;  // Ethernet
 };

@@ -1,4 +1,4 @@
-// The capture's state as it was at the start of the process: files closed, nothing saved.
+// Resets the capture's state to that at the start of the process: files closed, nothing saved.
 
 #pragma once
 

@@ -1,5 +1,5 @@
-// A field's encoder or decoder, run by itself. Bytes lie in vectors of their own size, so that the
-// address sanitizer sees one read or written too far.
+// Runs the encoder or decoder of one field by itself. Bytes are in vectors of exact size, so that
+// the address sanitizer sees an access beyond them.
 
 #pragma once
 
@@ -9,7 +9,7 @@
 #include "lib/msg/codec_internal.h"
 #include "tests/support/message_values.h"
 
-// What fills the room that isn't written.
+// The filler of bytes that aren't written.
 inline constexpr uint8_t kUntouched = 0xee;
 
 struct Encoded {
@@ -64,7 +64,7 @@ inline Bytes firstBytes(const Bytes& bytes, size_t size) {
     return Bytes(bytes.data(), bytes.data() + size);
 }
 
-// Size prefix and value, as they stand in an image.
+// Size prefix and value as in an image.
 inline Bytes wireBytes(const FieldValue& value) {
     const Bytes record = recordOf(nullptr, 0, value);
     return Bytes(record.begin() + 2, record.end());

@@ -1,5 +1,4 @@
-// What tests of the containers put into them: small numbers in place of pointers, and packed
-// subjects.
+// Values for tests of the containers: small numbers in place of pointers, and packed subjects.
 
 #pragma once
 
@@ -29,8 +28,8 @@ inline Numbers numbersIn(const Dpa* array) {
 
 using Packed = std::vector<uint8_t>;
 
-// Exactly as many bytes as its length, so that the address sanitizer sees one read too far. Empty
-// where the text is no subject.
+// A packed subject in a vector of exact size, so that the address sanitizer sees a read beyond it.
+// Empty when the text is no subject.
 inline Packed pack(const std::string& text) {
     uint8_t buffer[256];
     const int32_t length = subjectFromText(buffer, sizeof buffer, text.c_str());
@@ -42,7 +41,7 @@ inline std::string unpack(const uint8_t* subject) {
     return subjectToText(text, sizeof text, subject) == nullptr ? "(none)" : text;
 }
 
-// The most elements that a subject holds, all without characters.
+// A subject with the most elements possible, all of them empty.
 inline Packed subjectOf126Elements() {
     Packed subject(255, 0);
     subject[1] = 255;

@@ -1,4 +1,4 @@
-// Envelopes for tests: their bytes written out, and what a message tells of its own.
+// Envelopes for tests: their bytes, built by hand, and what a message answers about its envelope.
 
 #pragma once
 
@@ -32,7 +32,7 @@ inline Message appMessage() {
     return msg;
 }
 
-// The whole image, as a transport sends it.
+// The whole image as a transport sends it.
 inline Bytes wireOf(pelmoMsg* msg) {
     const Buffer* buffer = msgFlushBuffer(msg);
     const uint8_t* image = buffer->data + msg->base;

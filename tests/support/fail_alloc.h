@@ -1,11 +1,10 @@
-// Allocations made to fail. Test programs are linked so that malloc, calloc and realloc, as called
-// from the tree's own code, come by here; operator new and the C library's inner calls do not.
+// Makes allocations fail. Test programs are linked so that calls of malloc, calloc and realloc in
+// the tree's own code come here; operator new and calls within the C library do not.
 //
-//     FailAlloc fail{.after = 2};                   // two succeed, the third fails, then all is
-//     well FailAlloc fail{.after = 0, .forGood = true};  // none succeeds until the end of the
-//     scope
+//     FailAlloc fail{.after = 2};                   // two succeed, the third fails
+//     FailAlloc fail{.after = 0, .forGood = true};  // all fail until the end of the scope
 //
-// A failing call answers null with errno ENOMEM, and a failing realloc leaves its block alone.
+// A failing call returns null with errno ENOMEM, and a failing realloc leaves its block alone.
 //
 // Threads: each thread has its own plan and counts its own calls. Only one plan at a time.
 
@@ -17,11 +16,11 @@
 // Begins a plan and sets both counts to 0. Use FailAlloc.
 bool allocationsArm(size_t after, bool forGood);
 
-// Ends the plan: nothing fails or is counted any more, and the counts can still be asked for. For
-// the checks behind the call under test.
+// Ends the plan: nothing fails or is counted any more, but the counts can still be read. For the
+// checks after the call under test.
 void allocationsHeal();
 
-// Calls under the present or last plan, failed ones included, and those that failed.
+// The calls under the current or last plan, including those that failed, and the failed ones alone.
 [[nodiscard]] size_t allocationsCounted();
 [[nodiscard]] size_t allocationsFailed();
 
@@ -33,13 +32,13 @@ struct FailAlloc {
     ~FailAlloc() { allocationsHeal(); }
 };
 
-// Counts without failing.
+// Counts calls, none of which fails.
 inline constexpr size_t kNeverFails = ~size_t{0};
 
 // Calls run() again and again, with allocation 0, 1, 2 ... failing, once and then from there on,
-// until a run gets by without meeting a failure; that last run is one where all must go well. Ask
-// allocationsFailed() within run for which it was. Returns the number of runs that met a failure,
-// for a test to make sure that there were any.
+// until a run meets no failure; that last run must succeed. Within a run, allocationsFailed() tells
+// the two apart. Returns the number of runs that met a failure, so that a test can check that there
+// were any.
 template <typename Run>
 size_t eachAllocationFails(Run run) {
     constexpr size_t kRunsMax = 100000;  // a run that allocates without end must not hang the test

@@ -1,6 +1,6 @@
-// Clocks that stand still until they are set. FixedClock is the wall clock: for as long as it
-// exists, clockNow and all that rests on it tell its time. FixedMonotonic is the monotonic clock
-// beneath clockSteadySeconds. One of each at a time.
+// Clocks that stand still until they are set. FixedClock replaces the wall clock: while it exists,
+// clockNow and all that uses it return its time. FixedMonotonic replaces the monotonic clock behind
+// clockSteadySeconds. Only one of each may exist at a time.
 
 #pragma once
 
@@ -18,7 +18,7 @@ struct ClockThatStands {
     ClockThatStands(const ClockThatStands&) = delete;
     ClockThatStands& operator=(const ClockThatStands&) = delete;
 
-    // Other threads may see the two parts change one after the other.
+    // The two parts don't change together for other threads.
     static void set(int64_t seconds, int64_t nanoseconds = 0) {
         secondsNow = seconds;
         nanosecondsNow = nanoseconds;

@@ -1,4 +1,4 @@
-// The intra-process transport on its own: no threads, no event manager; and who listens to it.
+// The intra-process transport alone, without threads and event manager, and listeners for it.
 
 #pragma once
 
@@ -14,7 +14,7 @@
 inline constexpr uint32_t kLocal = kIntraProcessTransportId;
 using Texts = std::vector<std::string>;
 
-// Objects that a test made end ahead of it.
+// A test destroys the objects that it made before this one.
 struct LocalBus {
     RuntimeTables tables;
     LocalBus() {
@@ -29,7 +29,7 @@ struct LocalBus {
     LocalBus& operator=(const LocalBus&) = delete;
 };
 
-// Null where there is no memory.
+// Null without memory.
 inline Message messageOn(const char* subject, const char* text = "text") {
     Message message = newMessage();
     if (message == nullptr ||
@@ -50,7 +50,7 @@ inline pelmoStatus sendText(uint32_t transport, const char* subject, const char*
     return message != nullptr ? pelmoTransport_Send(transport, message.get()) : kStatusNoMemory;
 }
 
-// A plain listener that keeps the texts of what it gets.
+// A plain listener that stores the texts of its messages.
 struct TestListener {
     uint32_t event = kNoId;
     Texts texts;

@@ -1,5 +1,5 @@
-// Counts the calls of Lock_Enter, each thread its own. For programs whose linker sends these calls
-// here (tests/CMakeLists.txt).
+// Counts the calls of Lock_Enter for each thread, in programs that are linked so that these calls
+// come here (tests/CMakeLists.txt).
 
 #pragma once
 

@@ -1,5 +1,5 @@
-// Values of message fields, kept outside of any message: to be added, compared with what a read
-// gives, and laid down in wire form by hand.
+// Values of message fields outside any message: they can be added to one, compared with what a read
+// returns, and written in wire form by hand.
 
 #pragma once
 
@@ -22,17 +22,17 @@ struct MessageEnd {
 };
 using Message = std::unique_ptr<pelmoMsg, MessageEnd>;
 
-// Null where there is no memory; other failures fail the test.
+// Null without memory; other failures fail the test.
 [[nodiscard]] Message newMessage();
 [[nodiscard]] Message messageFrom(const Bytes& image);
 
-// The image of what shows.
+// The image of the fields that are visible.
 [[nodiscard]] Bytes imageOf(pelmoMsg* msg);
 
-// A value owns what its field points to, and lends it.
+// A value owns what its field points to.
 struct FieldValue {
     uint8_t type = FIELD_NONE;
-    uint32_t size = 0;  // as a read gives it
+    uint32_t size = 0;  // as a read returns it
     uint32_t count = 1;
     FieldData scalar{.u64 = 0};
     Bytes block;                     // elements in host order, or bytes
@@ -75,13 +75,13 @@ template <typename Word>
 [[nodiscard]] SharedValue messageValue(Bytes image);
 [[nodiscard]] SharedValue messageArrayValue(std::vector<Bytes> images);
 
-// So many bytes, no two lengths and no two seeds alike.
+// So many bytes, which differ for each length and each seed.
 [[nodiscard]] Bytes patternBytes(size_t sizeBytes, uint32_t seed);
 
-// Does the field that a read gave hold the value?
+// Does the field that a read returned hold the value?
 [[nodiscard]] bool fieldHolds(const pelmoMsgField& field, const FieldValue& value);
 
-// A record as it stands in an image. Not for FIELD_XML, whose bytes are the compressor's.
+// A record as in an image. Not for FIELD_XML, whose bytes depend on the compressor.
 [[nodiscard]] Bytes recordOf(const char* name, uint16_t id, const FieldValue& value);
 
 // An image of such records.

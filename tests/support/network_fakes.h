@@ -1,5 +1,5 @@
-// A daemon, an endpoint and circuits that only write down what they are asked, and answer what a
-// test tells them to. In place for as long as they exist; one of each kind at a time.
+// A fake daemon, endpoint and circuits that record their calls and return what a test sets. Each is
+// installed while it exists; only one of each kind at a time.
 
 #pragma once
 
@@ -31,10 +31,10 @@ class FakeDaemon {
   public:
     DaemonVersion version = {8, 5, 2};
     pelmoStatus createAnswer = kStatusSuccess;
-    pelmoStatus answer = kStatusSuccess;   // to all else
-    ReliableEndpoint* endpoint = nullptr;  // given to the next transport
+    pelmoStatus answer = kStatusSuccess;   // of all other calls
+    ReliableEndpoint* endpoint = nullptr;  // of the next transport
     bool checksLocks = true;               // false: other threads use the transport meanwhile
-    std::function<void()> meanwhile;       // once, ahead of telling of an interest
+    std::function<void()> meanwhile;       // called once, before an interest is announced
 
     FakeDaemon() {
         current = this;
@@ -84,7 +84,7 @@ class FakeDaemon {
     size_t sendCount = 0;
     int linkCount = 0;
 
-    // The transport's lock isn't held by whoever calls in.
+    // Checks that the caller doesn't hold the transport's lock.
     static pelmoStatus note(Transport* transport, const std::string& words) {
         EXPECT_TRUE(!current->checksLocks || isFree(transport->header.lock)) << words;
         const std::lock_guard guard(current->mutex);
@@ -149,8 +149,8 @@ class FakePeers {
     std::vector<std::string> calls;
     pelmoStatus answer = kStatusSuccess;
     bool checksLocks = true;
-    Transport* transport = nullptr;   // whose lock is looked at
-    std::function<void()> meanwhile;  // in the endpoint's sends
+    Transport* transport = nullptr;   // whose lock is checked
+    std::function<void()> meanwhile;  // called in the endpoint's sends
 
     FakePeers() {
         current = this;
@@ -174,12 +174,12 @@ class FakePeers {
     FakePeers(const FakePeers&) = delete;
     FakePeers& operator=(const FakePeers&) = delete;
 
-    // Never looked into.
+    // Never dereferenced.
     [[nodiscard]] ReliableEndpoint* endpoint() {
         return reinterpret_cast<ReliableEndpoint*>(&calls);
     }
 
-    // A circuit over the transport, its base reference with its id.
+    // Makes a circuit over the transport; its id holds the base reference.
     [[nodiscard]] uint32_t makeCircuit(uint32_t underlying) {
         Transport* made = Transport_New(TransportKind::kCircuit);
         std::strcpy(made->inboxPrefix, "_INBOX.1.V");

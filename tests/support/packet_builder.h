@@ -1,8 +1,8 @@
 // Packets, messages and subjects of the bus, built byte by byte for tests and benchmarks. Nothing
-// here calls the code under test: checksums and lengths are made in the plainest way.
+// here calls the code under test: checksums and lengths are computed in the simplest way.
 //
-// Every result is a vector of its own and of exact size, so that the address sanitizer sees a byte
-// read too far.
+// Every result is a vector of its own and of exact size, so that the address sanitizer sees a read
+// beyond it.
 //
 // Byte order: all arguments are plain numbers in host order; the bytes are big-endian.
 
@@ -32,7 +32,7 @@ constexpr uint32_t ipv4(uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
 
 [[nodiscard]] Bytes patched(Bytes bytes, size_t offset, const Bytes& patch);
 
-// The first `sizeBytes`, as a capture would cut them off.
+// The first `sizeBytes`, as in a truncated capture.
 [[nodiscard]] Bytes cut(const Bytes& bytes, size_t sizeBytes);
 
 // Packets: all begin at the IP header and have right lengths and a right checksum.
@@ -47,7 +47,7 @@ struct PacketHead {
     uint16_t srcPort = 7001;
     uint32_t dstIp = ipv4(239, 1, 1, 1);
     uint16_t dstPort = 7500;
-    uint32_t src = srcIp;  // as OSKA has them
+    uint32_t src = srcIp;  // as in the OSKA header
     uint32_t dst = dstIp;
     uint32_t epoch = 0x80000001;
     uint32_t seq = 1;
@@ -63,11 +63,11 @@ struct PacketHead {
 [[nodiscard]] Bytes rreqPacket(PacketHead head, uint32_t itemCount);
 [[nodiscard]] Bytes ptpDataPacket(const PacketHead& head, const Bytes& payload);
 
-// The Internet checksum as RFC 1071 tells it: big-endian words, odd last byte padded with 0.
+// The Internet checksum of RFC 1071: big-endian words, odd last byte padded with 0.
 [[nodiscard]] uint16_t plainChecksum(const Bytes& bytes);
 
-// The packet with its UDP checksum made anew, for one that was patched or shortened. Its IP and UDP
-// lengths must hold.
+// The packet with a new UDP checksum, for one that was patched or shortened. Its IP and UDP lengths
+// must be right.
 [[nodiscard]] Bytes sealed(Bytes packet);
 
 [[nodiscard]] Bytes ethernetFrame(const Bytes& ip);
@@ -77,7 +77,7 @@ struct PacketHead {
 [[nodiscard]] Bytes packedSubject(std::string_view text);
 [[nodiscard]] std::string subjectName(const uint8_t* packed);
 
-// A field's name area: the text and its NUL.
+// A field's name area: size, text and NUL.
 [[nodiscard]] Bytes named(std::string_view name);
 
 // The shortest size prefix that fits the value.

@@ -1,5 +1,5 @@
-// The timers by which pools free idle blocks, driven by hand: installed while the object lives. One
-// at a time.
+// Fake timers for the pools' freeing of idle blocks, fired by hand; installed while the object
+// exists. Only one at a time.
 
 #pragma once
 
@@ -10,15 +10,15 @@
 #include "lib/base/lock.h"
 #include "lib/msg/pool.h"
 
-// Its lock stands outside those of the pools, as the runtime's do: taking it stops a debug build
-// where a pool's lock is held.
+// Its lock ranks before those of the pools, as the runtime's locks do: a debug build stops if it is
+// taken with a pool's lock held.
 struct PoolTimers {
     struct Row {
         uint32_t queue;
         double seconds;
         void (*callback)(uint32_t, pelmoMsg*, void*);
         void* closure;
-        void (*completion)(uint32_t, void*);  // null while the timer lives
+        void (*completion)(uint32_t, void*);  // null while the timer exists
     };
 
     PoolTimers() {
@@ -66,7 +66,7 @@ struct PoolTimers {
     Lock lock = PELMO_LOCK_READY(LockRank::kEventManager);
     std::vector<Row> rows;
     int failAt = -1;               // which create fails
-    bool late = false;             // completions wait for complete()
+    bool late = false;             // completions are deferred to complete()
     bool refuseToDestroy = false;  // destroyEx fails
     void (*whileCreating)() = nullptr;
 };

@@ -1,4 +1,4 @@
-// Threads that meet ahead of each round, so that the rounds' beginnings coincide.
+// Threads that wait for each other before each round, so that they start it together.
 
 #pragma once
 
@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-// act(thread, round), both from 0.
+// Calls act(thread, round), both counted from 0.
 template <typename Act>
 void race(int threadCount, int rounds, Act act) {
     std::barrier meeting(threadCount);

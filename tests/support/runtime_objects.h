@@ -1,4 +1,4 @@
-// The runtime without its threads: tables of ids, an open flag, and events that nothing fires.
+// The runtime without its threads: id tables, the open flag, and events that only a test fires.
 
 #pragma once
 
@@ -36,7 +36,7 @@ inline std::vector<uint32_t> idsOf(IdType type) {
     return ids;
 }
 
-// How many objects have ids: what fails for want of memory leaves no more of them.
+// The number of objects with ids, which a call that fails without memory must not change.
 inline size_t objectCount() {
     size_t count = 0;
     for (const IdType type : kIdTypes)
@@ -44,8 +44,8 @@ inline size_t objectCount() {
     return count;
 }
 
-// For as long as it exists there are tables and the library counts as open. Ends the objects that a
-// test leaves, but not what runs on them.
+// A fixture: while it exists there are id tables and the library counts as open. It ends the
+// objects that a test left, but not threads that use them.
 struct RuntimeTables {
     RuntimeTables() {
         EXPECT_EQ(idTablesCreate(), kStatusSuccess);
@@ -84,7 +84,7 @@ inline uint32_t countOf(uint32_t queue) {
     return count;
 }
 
-// Runs all that waits on the queue; in how many steps.
+// Dispatches all entries of the queue; returns the number of steps.
 inline uint32_t dispatchAll(uint32_t queue) {
     uint32_t steps = 0;
     while (pelmoQueue_TimedDispatch(queue, 0) == kStatusSuccess)
@@ -92,7 +92,7 @@ inline uint32_t dispatchAll(uint32_t queue) {
     return steps;
 }
 
-// An object's record, for as long as it isn't destroyed.
+// The record of an object that isn't destroyed.
 template <typename Object>
 Object* recordOf(uint32_t id) {
     Held<Object> held;
@@ -112,8 +112,8 @@ void awaitWaiters(uint32_t id, int32_t count) {
     }
 }
 
-// An event that only tests fire, destroyed with this at the latest. One that is no listener is a
-// listener's record by another kind.
+// An event that only tests fire; the destructor destroys it if the test didn't. Other kinds are a
+// listener's record with the kind changed.
 struct TestEvent {
     uint32_t id = kNoId;
     Event* event = nullptr;
@@ -140,7 +140,7 @@ struct TestEvent {
 
     void destroy() const { pelmoEvent_DestroyEx(id, nullptr); }
 
-    // What a transport does that has a message for a listener, ahead of posting.
+    // What a transport does with a listener's message before it posts.
     void deliver(pelmoMsg* message) const {
         Id_Enter(&event->header);
         EXPECT_TRUE(EntryRing_PushBack(event->listener.inbox, message));
@@ -155,7 +155,7 @@ inline pelmoMsg* messageFor(uint32_t eventId) {
     return message;
 }
 
-// A new message for each of the events, posted together.
+// Posts a new message for each of the events, all together.
 inline std::vector<const pelmoMsg*> postBatch(uint32_t queue, const std::vector<uint32_t>& events) {
     std::vector<PostEntry> batch;
     std::vector<const pelmoMsg*> messages;
@@ -167,7 +167,7 @@ inline std::vector<const pelmoMsg*> postBatch(uint32_t queue, const std::vector<
     return messages;
 }
 
-// The entries that wait on a queue, in order of dispatch. They stay the queue's.
+// The entries that wait on a queue, in order of dispatch. They still belong to the queue.
 inline std::vector<const pelmoMsg*> entriesOf(uint32_t queueId) {
     std::vector<const pelmoMsg*> entries;
     Held<Queue> queue;
@@ -181,7 +181,7 @@ inline std::vector<const pelmoMsg*> entriesOf(uint32_t queueId) {
     return entries;
 }
 
-// Is the lock free? Asked of a thread that holds nothing, as the asker may hold it itself.
+// Is the lock free? Tested on a thread of its own, since the caller may hold the lock itself.
 inline bool isFree(Lock& lock) {
     bool free = false;
     std::thread([&] {

@@ -1,4 +1,4 @@
-// A folder of its own for a test: made empty, removed with all that it holds at the end.
+// A temporary folder for a test: empty at first, removed with its contents at the end.
 
 #pragma once
 

@@ -1,6 +1,6 @@
-// Snapshots made by hand, for tests and benchmarks of what reads them. Vectors are filled in at
-// will; link() then lays the records out behind a head, whose pointers are good until the builder
-// changes or goes.
+// Snapshots made by hand, for tests and benchmarks of what reads them. The test fills the vectors;
+// link() then lays the records out behind a head, whose pointers are valid until the builder
+// changes or is destroyed.
 //
 // Port numbers of BuiltPort are in host order; all other words are as in the records.
 
@@ -22,7 +22,7 @@ inline uint32_t addressOf(const char* text) {
     return inet_addr(text);
 }
 
-// Of any element texts, also of those that no dotted text gives. At most 255 bytes in all.
+// Packs any element texts, including those that no dotted text can give. At most 255 bytes in all.
 inline PackedSubject packSubject(const std::vector<std::string>& elements) {
     PackedSubject packed = {0, 0, static_cast<uint8_t>(elements.size())};
     for (const std::string& element : elements) {
@@ -34,7 +34,7 @@ inline PackedSubject packSubject(const std::vector<std::string>& elements) {
     return packed;
 }
 
-// Of a dotted text.
+// Packs a dotted text.
 inline PackedSubject packText(std::string_view text) {
     std::vector<std::string> elements(1);
     for (const char character : text) {

@@ -1,4 +1,4 @@
-// How many threads the process has, as the system sees it.
+// The number of threads of the process according to the system.
 
 #pragma once
 
@@ -14,8 +14,8 @@ inline size_t threadCount() {
     return count;
 }
 
-// A thread that has ended may stand in the system's list a moment longer. For threads that nobody
-// can join. False where there are still more, or fewer, after a while.
+// Waits for the number of threads, since the system lists a thread for a moment after its end. For
+// threads that can't be joined. False if the number still differs after a while.
 inline bool threadsBecome(size_t expected) {
     constexpr int kLooksMax = 100000;
     for (int look = 0; threadCount() != expected; ++look) {

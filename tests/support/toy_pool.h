@@ -1,6 +1,6 @@
-// Pools that count: they stand in for the real ones, a floor above the containers. Each item is a
-// heap block of its own, so that the sanitizers see one that is used too far or too late, and so
-// that a take can be made to fail.
+// Fake pools that count, in place of the real ones, which are a floor above the containers. Each
+// item is a heap block of its own, so that the sanitizers see an access beyond it or after its
+// release, and so that a take can be made to fail.
 
 #pragma once
 
@@ -37,7 +37,7 @@ struct ToyPool {
     size_t itemsHeld = 0;
 };
 
-// While it lives, containers can make pools of their own.
+// While it exists, containers can make pools of their own.
 struct ToyPoolMaker {
     ToyPoolMaker() {
         current = this;

@@ -1,9 +1,9 @@
 // A run of the packet analysis for tests: a tree of statistics of its own, the log lines of the
-// run, and the whole tree as text. Tests compare all of it, so that a counter moved by mistake
-// shows.
+// run, and the whole tree as text. Tests compare all of it, so that a counter changed by mistake is
+// noticed.
 //
 // A line of the text is one record: its kind and key, "live" where it is marked, and each field
-// that isn't 0. Records of a kind stand in the order of their keys.
+// that isn't 0. Records of a kind are in the order of their keys.
 //
 //     packets=2 oska=1
 //     port 7500 live
@@ -15,7 +15,7 @@
 //      rl 10.0.0.1:7001 live rreqSent=1 rseqSent=3
 //      ptp 10.0.0.1:7001 live ackSent=1
 //
-// Only one run at a time; they don't nest.
+// Only one run may exist at a time.
 
 #pragma once
 
