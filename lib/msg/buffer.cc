@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 
+#include "lib/base/leak_check.h"
 #include "lib/msg/poison.h"
 #include "lib/msg/pool.h"
 
@@ -202,6 +203,7 @@ void bufferRelease(Buffer* buffer) {
     // The last holder frees what the others have used.
     if (buffer->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     if (keepsBlock(buffer)) {
+        leakCheckSkip(buffer->data);  // a free record is poisoned, and its pointer not looked at
         ASAN_POISON_MEMORY_REGION(buffer->data, kLeastBlockBytes);
     } else {
         freeBytes(buffer);
