@@ -8,8 +8,7 @@
 #include <memory>
 #include <new>
 
-#include "lib/base/leak_check.h"
-#include "lib/msg/poison.h"
+#include "lib/base/sanitizer.h"
 #include "lib/msg/pool.h"
 
 namespace {

@@ -9,11 +9,11 @@
 #include <cstring>
 
 #include "lib/base/lock.h"
+#include "lib/base/sanitizer.h"
 #include "lib/base/thread_key.h"
 #include "lib/containers/dict.h"
 #include "lib/containers/dpa.h"
 #include "lib/containers/pool_seam.h"
-#include "lib/msg/poison.h"
 #include "lib/msg/pool.h"
 
 constexpr uint32_t kChunkAlignment = 8;

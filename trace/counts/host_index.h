@@ -15,7 +15,7 @@
 
 #include <cstdint>
 
-#include "lib/base/leak_check.h"
+#include "lib/base/sanitizer.h"
 #include "lib/containers/probe_index.h"
 
 // The key of a record: the host, and the net and port under which it is counted.
