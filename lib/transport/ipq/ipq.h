@@ -1,0 +1,153 @@
+// The inter-process queue: messages in both directions between two processes over one connection
+// (lib/transport/socket/socket.h).
+//
+// Reading, it takes large chunks, cuts them into messages without copying, and hands them on in
+// batches. Writing, it gathers many messages into one vector send, coalesces small ones into one
+// buffer once a queue has formed, and lets messages wait when the connection can't take them,
+// within limits. It serves both ends: a client's link to its daemon, and a daemon's link to each
+// client.
+//
+// Ownership: an Ipq owns its socket and what waits in it. Its creator holds the first reference and
+// gives it back by ipqClose; each handler that can still run holds one more. Messages that are sent
+// are borrowed: a reference to their buffer is taken, so that a message to a hundred receivers is
+// held once. Messages that were read belong to whoever the read callback hands them to.
+//
+// Failure: kStatusDaemonNotConnected once closed, kStatusInvalidIoSource when the connection is
+// lost, kStatusNoMemory when a message couldn't be queued. A lost connection isn't closed here: the
+// error callback is told once, and the owner closes.
+//
+// Threads: any. `lock` (rank kProcessQueue) guards everything. All callbacks run without it: read
+// and error callbacks on the thread of the queue's socket events, producer and error callbacks on
+// the timer thread too. A callback may call any function of this module.
+//
+// Time-outs: the graceful close takes at most kGracefulCloseSeconds. An idle connection gets a
+// keep-alive of 8 bytes every 60 seconds.
+//
+// Environment: IPQ_ACCOUNTING, a decimal number whose bits print to the standard output stream: 1 a
+// summary at close, 2 the sizes of reads, 4 those of writes.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "lib/base/status.h"
+#include "lib/transport/ipq/hello.h"
+
+struct Ipq;
+struct Socket;
+struct pelmoMsg;
+
+inline constexpr double kGracefulCloseSeconds = 5.0;
+
+// Takes over the messages.
+using IpqReadCallback = void (*)(Ipq* ipq, std::span<pelmoMsg* const> messages, void* closure);
+using IpqErrorCallback = void (*)(Ipq* ipq, void* closure);
+
+// The last thing that happens to an Ipq; gets the read callback's closure.
+using IpqCloseCallback = void (*)(void* closure);
+
+// 1: old messages were dropped; 2: the oldest that waits is older than the age limit and nothing is
+// dropped; 3: more waits than the byte limit.
+using IpqProducerCallback = void (*)(Ipq* ipq,
+                                     uint32_t level,
+                                     uint32_t waitingMessages,
+                                     uint32_t droppedMessages,
+                                     uint64_t droppedBytes,
+                                     void* closure);
+
+// Takes over a connected socket, which is closed on failure. `frame`: the terms agreed, or null.
+// kStatusInvalidTransport for terms that can't be kept, kStatusNoMemory, and the statuses of
+// timers.
+[[nodiscard]] pelmoStatus ipqCreate(Ipq** out,
+                                    const HelloFrame* frame,
+                                    uint32_t queueId,
+                                    Socket* socket);
+
+// Ends it: nothing is read, sent or told afterwards, and writers that wait return. Graceful: what
+// waits is written first, then the close notice, and the peer's end is awaited. `callback` (may be
+// null) runs when the last reference has gone. kStatusInvalidArgument for one that is closed.
+pelmoStatus ipqClose(Ipq* ipq, bool graceful, IpqCloseCallback callback);
+
+void ipqRetain(Ipq* ipq);
+void ipqRelease(Ipq* ipq);
+
+// Sending
+
+// Urgent messages pass those that wait, not one that is partly written.
+[[nodiscard]] pelmoStatus ipqSend(Ipq* ipq, pelmoMsg* message, bool urgent);
+
+// In order; messages that lie one behind the other in one buffer are queued as one. Ends at the
+// first failure.
+[[nodiscard]] pelmoStatus ipqSendVector(Ipq* ipq, std::span<pelmoMsg* const> messages, bool urgent);
+
+// A batch: between the two, messages are queued and not written. Holds nest.
+pelmoStatus ipqHold(Ipq* ipq);
+pelmoStatus ipqFlush(Ipq* ipq);
+
+// 1: small messages wait up to 25 ms for others. kStatusNotPermitted for switching it off again.
+pelmoStatus ipqSetBatchMode(Ipq* ipq, uint32_t mode);
+
+// Do writers wait while more than 16 MiB is queued? They wait while both queue and library are
+// open.
+pelmoStatus ipqSetBlockWhenFull(Ipq* ipq, bool block);
+
+// What is old, and what becomes of it: with `discard` old messages are dropped. 0 for no limit. A
+// check every half second while something waits; the callback may be null. kStatusInvalidArgument
+// for a negative age or NaN.
+pelmoStatus ipqSetAgeCheck(Ipq* ipq,
+                           bool discard,
+                           double ageSeconds,
+                           uint32_t byteLimit,
+                           IpqProducerCallback callback,
+                           void* closure);
+
+// Receiving
+
+// Starts reading.
+[[nodiscard]] pelmoStatus ipqSetReadCallback(Ipq* ipq, IpqReadCallback callback, void* closure);
+
+// Ahead of the read callback, so that no loss goes untold.
+pelmoStatus ipqSetErrorCallback(Ipq* ipq, IpqErrorCallback callback, void* closure);
+
+// Stops reading while the owner can't take more, and goes on.
+pelmoStatus ipqPauseReading(Ipq* ipq);
+[[nodiscard]] pelmoStatus ipqResume(Ipq* ipq);
+
+// Reads one message on the caller's thread; no read callback is set. Null for a keep-alive, and
+// where a non-blocking queue has no whole message yet. kStatusNoMemory, kStatusInvalidIoSource.
+[[nodiscard]] pelmoStatus ipqReadOne(Ipq* ipq, pelmoMsg** out);
+
+// Returns the mode that it had.
+bool ipqSetBlocking(Ipq* ipq, bool blocking);
+
+// When blocking calls give up, by clockSteadySeconds; 0 for never.
+void ipqSetDeadline(Ipq* ipq, double steadySeconds);
+
+// Ends a blocking call on another thread, and with it the connection. The caller holds a reference.
+void ipqInterrupt(Ipq* ipq);
+
+// What waits. All are 0 for a closed queue.
+
+struct IpqBacklog {
+    uint32_t messages;
+    uint64_t bytes;
+    uint64_t bufferBytes;  // that the waiting messages keep in memory
+};
+[[nodiscard]] IpqBacklog ipqBacklog(Ipq* ipq);
+
+struct IpqStatistics {
+    uint64_t messages;
+    uint64_t bytes;
+    uint32_t attempts;
+    uint32_t failures;  // would-block and out of buffers
+    uint32_t partials;
+    uint32_t zeroSends;    // of writes alone
+    uint32_t mostWaiting;  // messages, of writes alone
+};
+[[nodiscard]] IpqStatistics ipqReadStatistics(Ipq* ipq);
+[[nodiscard]] IpqStatistics ipqWriteStatistics(Ipq* ipq);
+
+// The peer, in network order.
+[[nodiscard]] uint32_t ipqPeerAddress(Ipq* ipq);
+[[nodiscard]] uint16_t ipqPeerPort(Ipq* ipq);

@@ -1,0 +1,145 @@
+// Sockets: one TCP connection or one listening port, with a small state machine, event-driven
+// callbacks for reading and writing, and a peek buffer.
+//
+//     closed --open--> open --listen--> listening
+//                       '----connect--> connecting --> connected
+//                                            '-------> failed
+//
+// A socket is made open; an accepted one starts connecting or connected. Any state leaves to closed
+// by socketClose.
+//
+// Ownership: the maker holds the first reference, and socketDestroy closes and gives it back. Each
+// callback that can still run holds one more, so that a socket outlives its callbacks. Closures
+// belong to the caller; socketCancelReadable and socketCancelWritable tell by `done` when the
+// callback can't run any more.
+//
+// Failure: layer codes (layer_code.h), or a status where the call says so. A read or write in any
+// state but connected answers kSocketDisconnected. Outputs are written only on success, but for a
+// read or write that moved some bytes first in mode kSocketFullyBlocking: there `*out` tells how
+// many.
+//
+// Modes: a non-blocking call answers kSocketWouldBlock when nothing moves; a blocking one waits
+// until something does; a fully blocking one until all bytes have moved. Waits happen with the lock
+// released, end at socketInterrupt, and at the deadline if there is one: then they answer
+// kSocketWouldBlock.
+//
+// Threads: any. The socket's lock (rank kSocket) guards the record and is released around every
+// callback, so that a callback may call back into the socket.
+//
+// Units: addresses and ports in network byte order, seconds by the steady clock.
+//
+// Environment: PELMO_BINDADDR, a dotted address, binds each connect to it; with
+// PELMO_DISABLE_SO_KEEPALIVE set the keep-alive of the system stays off.
+
+#pragma once
+
+#include <cstdint>
+
+#include "lib/base/status.h"
+#include "lib/transport/socket/gather_list.h"
+#include "lib/transport/socket/layer_code.h"
+
+struct Socket;
+
+// Runs on the thread that dispatches the socket's queue.
+using SocketCallback = void (*)(Socket* socket, void* closure);
+using SocketDone = void (*)(void* closure);
+
+enum class SocketMode : uint32_t { kNonBlocking, kBlocking, kFullyBlocking };
+
+// Which readiness a callback waits for: usually its own; a secure class may need the other one.
+enum class SocketCrossMode : uint32_t { kNormal, kWriteNeedsReadable, kReadNeedsWritable };
+
+enum class SocketDirection : uint32_t { kRead, kWrite };
+
+inline constexpr uint32_t kMostSendBytes = 0x20000;  // of one send
+inline constexpr uint32_t kMostSendEntries = 1024;   // of one vector send
+
+// Life. `isLocal` changes only the words of debug lines. kSocketWrongState for a class that isn't
+// in use.
+[[nodiscard]] SocketCode socketCreateClient(Socket** out,
+                                            uint32_t classIndex,
+                                            uint32_t queueId,
+                                            bool isLocal);
+[[nodiscard]] SocketCode socketCreateServer(Socket** out,
+                                            uint32_t classIndex,
+                                            uint32_t queueId,
+                                            bool isLocal);
+void socketRetain(Socket* socket);
+void socketRelease(Socket* socket);
+
+// Wakes whoever waits for the connection, ends the callbacks and closes the handle.
+void socketClose(Socket* socket);
+
+// Closes, and gives the caller's reference back.
+void socketDestroy(Socket* socket);
+
+// Servers. An address of 0 means any; with `anyPort` a port that is taken is replaced by a free
+// one.
+[[nodiscard]] SocketCode socketBind(Socket* socket, uint32_t address, uint16_t port, bool anyPort);
+[[nodiscard]] SocketCode socketListen(Socket* socket);
+[[nodiscard]] SocketCode socketAccept(Socket* socket, Socket** out, uint32_t queueId);
+
+// Clients. kSocketWouldBlock while the connect is under way.
+[[nodiscard]] SocketCode socketConnect(Socket* socket, uint32_t address, uint16_t port);
+
+// kStatusTimeout; kStatusEndOfFile for a connect that failed or was interrupted. A negative time
+// has no limit.
+[[nodiscard]] pelmoStatus socketWaitConnected(Socket* socket, double seconds);
+
+// Bytes. One call moves at most kMostSendBytes to the system at a time; the vector send moves no
+// more than that and kMostSendEntries entries in all, leaves the list as it was, and isn't for
+// fully blocking sockets.
+[[nodiscard]] SocketCode socketRead(Socket* socket, void* bytes, uint32_t size, uint32_t* out);
+[[nodiscard]] SocketCode socketWrite(Socket* socket,
+                                     const void* bytes,
+                                     uint32_t size,
+                                     uint32_t* out);
+[[nodiscard]] SocketCode socketWriteVector(Socket* socket, const GatherList* list, uint32_t* out);
+
+// Reads without consuming: the bytes come again with the next read.
+[[nodiscard]] SocketCode socketPeek(Socket* socket, void* bytes, uint32_t size, uint32_t* out);
+
+// Settings
+
+void socketSetMode(Socket* socket, SocketMode mode);
+void socketSetCrossMode(Socket* socket, SocketCrossMode mode);
+
+// When waits of blocking modes end, by clockSteadySeconds; 0 for never.
+void socketSetDeadline(Socket* socket, double steadySeconds);
+
+// Ends all waits on the connection, now and later, from any thread; the connection is lost. The
+// caller holds a reference.
+void socketInterrupt(Socket* socket);
+
+// Moves the IO events to another queue.
+[[nodiscard]] SocketCode socketSetQueue(Socket* socket, uint32_t queueId);
+
+// Holds the read callback back until so many bytes can be read; 0 for at once. kStatusNoMemory.
+[[nodiscard]] pelmoStatus socketSetMinRead(Socket* socket, uint32_t bytes);
+
+// kStatusNotInitialized where the system refuses.
+pelmoStatus socketSetKeepAlive(Socket* socket, bool on);
+
+// Callbacks. kStatusInvalidIoSource in a state that can't have one, and the statuses of
+// pelmoEvent_CreateIO.
+[[nodiscard]] pelmoStatus socketOnReadable(Socket* socket, SocketCallback callback, void* closure);
+[[nodiscard]] pelmoStatus socketOnWritable(Socket* socket, SocketCallback callback, void* closure);
+
+// The callback doesn't start any more. `done`, if not null, is called with the callback's closure
+// once it isn't running either: at once, or on its own thread at its end. kStatusInvalidEvent where
+// nothing is registered; `done` isn't called then.
+pelmoStatus socketCancelReadable(Socket* socket, SocketDone done);
+pelmoStatus socketCancelWritable(Socket* socket, SocketDone done);
+
+// What is known of it
+
+[[nodiscard]] uint32_t socketPeerAddress(Socket* socket);
+[[nodiscard]] uint16_t socketPeerPort(Socket* socket);
+[[nodiscard]] uint16_t socketBoundPort(Socket* socket);
+
+// The handle, for polls of one's own; valid while the socket isn't closed.
+[[nodiscard]] int socketHandle(Socket* socket);
+
+// Bytes a second over the last ten; the first call starts the count.
+[[nodiscard]] double socketRate(Socket* socket, SocketDirection direction);
