@@ -32,6 +32,11 @@ void freeTransport(IdHeader* header) PELMO_UNCHECKED_LOCKING {
     if (transport->link != nullptr) daemonLinkOps.destroy(transport->link);
     if (transport->circuit != nullptr) circuitOps.destroy(transport->circuit);
     hookListsFree(transport->hooks);
+    const NetworkSettings& settings = transport->settings;
+    for (char* text :
+         {settings.service, settings.network, settings.description, settings.httpAddress}) {
+        std::free(text);
+    }
     std::free(transport);
 }
 

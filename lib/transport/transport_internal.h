@@ -28,8 +28,22 @@ enum class TransportKind : uint32_t { kIntraProcess, kNetwork, kCircuit };
 
 inline constexpr uint32_t kMostSpareQueues = 4;
 
-// "_INBOX.", a session and a dot.
-inline constexpr uint32_t kInboxPrefixBytes = kSessionBytes + 16;
+// "_INBOX.", a session, a dot and a NUL.
+inline constexpr uint32_t kInboxPrefixBytes = kMostSessionChars + 9;
+
+// What each session of a network transport begins with: the connection to the daemon reads it, the
+// transport's calls write it.
+struct NetworkSettings {
+    // Constant after creation; heap texts, empty when not given.
+    char* service;
+    char* network;
+
+    char* description;  // heap text, null for none
+    char* httpAddress;
+    bool echo;
+    bool hide;
+    double reliabilitySeconds;  // negative: not requested
+};
 
 struct Transport {
     static constexpr IdType kIdType = IdType::kTransport;
@@ -38,9 +52,9 @@ struct Transport {
     // Constant after creation.
     TransportKind kind;
     char inboxPrefix[kInboxPrefixBytes];  // what each inbox begins with, its last dot included
-    DaemonLink* link;         // kNetwork; other kinds may have none; never changes to null
-    VirtualCircuit* circuit;  // kCircuit
-    uint32_t underlying;      // kCircuit: id of the transport beneath
+    DaemonLink* link;                     // kNetwork; null for other kinds
+    VirtualCircuit* circuit;              // kCircuit
+    uint32_t underlying;                  // kCircuit: id of the transport beneath
 
     // Set when the destroy begins: no listener and no request is accepted afterwards.
     bool destroying PELMO_GUARDED_BY(header.lock);
@@ -62,12 +76,8 @@ struct Transport {
 
     // The endpoint of a destroyed transport, closed by the last running send.
     ReliableEndpoint* leftEndpoint PELMO_GUARDED_BY(header.lock);
-    uint16_t directPort PELMO_GUARDED_BY(header.lock);  // 0: none
 
-    // Used by the daemon connection alone.
-    bool autoStart PELMO_GUARDED_BY(header.lock);
-    uint32_t reconnectCount PELMO_GUARDED_BY(header.lock);
-    double lastDisconnectSeconds PELMO_GUARDED_BY(header.lock);
+    NetworkSettings settings PELMO_GUARDED_BY(header.lock);  // kNetwork
 };
 
 // Fills transportOps. Called before the first open.
@@ -152,6 +162,13 @@ bool transportForgetListener(Transport* transport,
 // Empties and frees the listener's inbox; nothing is delivered to it afterwards.
 void listenerCutOff(Event* event);
 
+// The subjects that a daemon has to know of, in the order of the listeners' table: packed, one
+// behind the other, in a block that the caller frees. Null and no bytes where there are none; false
+// when memory ran out. The caller holds the object lock.
+[[nodiscard]] bool transportListInterest(Transport* transport,
+                                         uint8_t** outSubjects,
+                                         size_t* outBytes) PELMO_REQUIRES(transport->header.lock);
+
 // Writes the subject of the next inbox, truncated if it doesn't fit. Returns its full length. The
 // caller holds the object lock.
 [[nodiscard]] uint32_t transportNextInbox(Transport* transport, char* buffer, uint32_t size)
@@ -165,6 +182,9 @@ void listenerCutOff(Event* event);
 
 [[nodiscard]] bool subjectElementEquals(const uint8_t* subject, uint32_t index, const char* word);
 [[nodiscard]] bool subjectIsInbox(const uint8_t* subject);
+
+// Is it one of the daemon's inboxes, which any network transport may listen to?
+[[nodiscard]] bool subjectIsDaemonInbox(const uint8_t* subject);
 
 // Prepares a send: checks the subject and returns a reference to what is to be sent. That is the
 // message itself or, when its envelope has fields that this library doesn't make, a copy with a

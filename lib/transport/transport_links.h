@@ -19,50 +19,46 @@ struct ReliableEndpoint;
 struct Transport;
 struct VirtualCircuit;
 
-inline constexpr uint32_t kSessionBytes = 64;
-
 struct DaemonVersion {
     uint32_t major, minor, update;
 
     auto operator<=>(const DaemonVersion&) const = default;
 };
 
-// What the transport and its daemon connection share. The connection makes and frees the record.
-struct DaemonLink {
-    // Constant after creation; heap texts, empty when not given.
-    char* service;
-    char* network;
-    char* daemon;
-    char session[kSessionBytes];
+// The connection's own record.
+struct DaemonLink;
 
-    // Guarded by the transport's object lock; sent to the daemon at each connection.
-    char* description;  // heap text, null for none
-    char* httpAddress;
-    bool echo;
-    bool hide;
-    double reliabilitySeconds;  // negative: not requested
-    DaemonVersion version;      // of the daemon of the last connection
+// Texts of a connection, constant and valid as long as it.
+struct DaemonLinkTexts {
+    const char* session;  // the elements of an inbox between "_INBOX" and its number
+    const char* daemon;   // as given, after defaulting
 };
 
+// An inbox prefix holds no longer one, and a connection whose session would be longer isn't made.
+inline constexpr uint32_t kMostSessionChars = 55;
+
 struct DaemonLinkOps {
-    // Makes `transport->link` and connects; the object lock is held and is released while
-    // connecting. On failure nothing is left. Texts may be null. `resume`: may the daemon resume
-    // what an earlier connection left unfinished?
-    pelmoStatus (*create)(Transport* transport,
-                          const char* service,
-                          const char* network,
-                          const char* daemon,
-                          bool resume);
+    // Connects for a transport without a link, which keeps what it gets. The object lock is held
+    // once, released while the call waits, and held again when it returns. `daemon` may be null.
+    // `resume`: may the daemon resume what an earlier connection left unfinished?
+    pelmoStatus (*create)(DaemonLink** out, Transport* transport, const char* daemon, bool resume);
+
+    DaemonLinkTexts (*texts)(const DaemonLink* link);
 
     // Frees the link of a transport whose last reference is gone.
     void (*destroy)(DaemonLink* link);
 
-    // Sends what is still waiting; no reconnect starts afterwards.
+    // Sends what is still waiting; a connect that is under way ends, and no other starts.
     void (*stop)(Transport* transport);
 
     // kStatusDaemonNotConnected while there is no connection. Messages are borrowed.
     pelmoStatus (*send)(Transport* transport, pelmoMsg* message);
     pelmoStatus (*sendVector)(Transport* transport, std::span<pelmoMsg* const> messages);
+
+    // A setting that has changed, for daemons of that version and above; others aren't sent it.
+    // Without a connection nothing is lost: the next one begins with the settings as they are.
+    pelmoStatus (*control)(Transport* transport, pelmoMsg* message, DaemonVersion since);
+
     pelmoStatus (*hold)(Transport* transport);
     pelmoStatus (*flush)(Transport* transport);
     pelmoStatus (*setBatchMode)(Transport* transport, uint32_t mode);

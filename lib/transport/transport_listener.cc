@@ -1,5 +1,6 @@
 // Listeners: which subjects a transport delivers, and to which events.
 
+#include <cstdlib>
 #include <cstring>
 
 #include "lib/containers/dpa.h"
@@ -17,12 +18,6 @@ namespace {
 constexpr int32_t kListenerSubjectBytes = 200;
 constexpr uint32_t kListenerInbox = 4;  // capacity at first, in messages
 
-// The subject of one of the daemon's inboxes, which any network transport may listen to.
-bool isDaemonInbox(const uint8_t* subject) {
-    return subjectElementEquals(subject, 3, "DAEMON") ||
-           subjectElementEquals(subject, 3, "ROUTED") || subjectElementEquals(subject, 4, "ROUTED");
-}
-
 bool isOwnInbox(const Transport* transport, const char* text) {
     return std::strncmp(text, transport->inboxPrefix, std::strlen(transport->inboxPrefix)) == 0;
 }
@@ -35,7 +30,7 @@ bool mayListenToInboxLocked(const Transport* transport, const uint8_t* subject, 
             return subjectElementCount(subject) == 2;
         case TransportKind::kNetwork:
             return subjectElementCount(subject) >= 3 &&
-                   (isDaemonInbox(subject) || isOwnInbox(transport, text));
+                   (subjectIsDaemonInbox(subject) || isOwnInbox(transport, text));
         case TransportKind::kCircuit:
             break;
     }
@@ -53,7 +48,43 @@ void announceStop(Held<Transport>& held, const uint8_t* subject) {
     if (wanted) (void)daemonLinkOps.interest(held.get(), subject, kInterestStart);
 }
 
+// A second connection announces what the first one did; an inbox of the transport's own needs none,
+// since the daemon knows whose it is.
+bool daemonHasToKnow(const uint8_t* subject) {
+    return !subjectIsInbox(subject) || subjectIsDaemonInbox(subject) ||
+           subjectElementEquals(subject, 3, "BROUTED");
+}
+
+// Without bytes it only counts.
+struct InterestBlock {
+    uint8_t* bytes;
+    size_t count;
+};
+
+void* addInterest(const uint8_t* subject, Dpa* /*values*/, void* argument) {
+    auto* block = static_cast<InterestBlock*>(argument);
+    if (!daemonHasToKnow(subject)) return nullptr;
+    const size_t length = subjectLength(subject);
+    if (block->bytes != nullptr) std::memcpy(block->bytes + block->count, subject, length);
+    block->count += length;
+    return nullptr;
+}
+
 }  // namespace
+
+bool transportListInterest(Transport* transport, uint8_t** outSubjects, size_t* outBytes) {
+    InterestBlock block = {.bytes = nullptr, .count = 0};
+    sublistVisit(transport->subjects, addInterest, &block);
+    if (block.count != 0) {
+        block.bytes = static_cast<uint8_t*>(std::malloc(block.count));
+        if (block.bytes == nullptr) return false;
+        block.count = 0;
+        sublistVisit(transport->subjects, addInterest, &block);
+    }
+    *outSubjects = block.bytes;
+    *outBytes = block.count;
+    return true;
+}
 
 pelmoStatus transportBindListener(
     Transport* transport, Event* listener, const uint8_t* subject, uint32_t* out, bool* isFirst) {
@@ -109,7 +140,8 @@ pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request)
         return status;
     }
     held.leave();
-    if (held->kind == TransportKind::kNetwork && isFirst && (!isInbox || isDaemonInbox(subject))) {
+    if (held->kind == TransportKind::kNetwork && isFirst &&
+        (!isInbox || subjectIsDaemonInbox(subject))) {
         // When this fails, the next connection announces the subject.
         (void)daemonLinkOps.interest(held.get(), subject, kInterestStart);
     }

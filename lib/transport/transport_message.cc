@@ -84,6 +84,12 @@ bool subjectIsInbox(const uint8_t* subject) {
     return subjectElementEquals(subject, 1, "_INBOX");
 }
 
+bool subjectIsDaemonInbox(const uint8_t* subject) {
+    return subjectIsInbox(subject) && (subjectElementEquals(subject, 3, "DAEMON") ||
+                                       subjectElementEquals(subject, 3, "ROUTED") ||
+                                       subjectElementEquals(subject, 4, "ROUTED"));
+}
+
 bool subjectIsAdvisory(const uint8_t* subject, bool infoToo) {
     if (!subjectElementEquals(subject, 1, kReservedElement)) return false;
     return subjectElementEquals(subject, 2, "WARN") || subjectElementEquals(subject, 2, "ERROR") ||

@@ -8,6 +8,7 @@
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/msg/trace_ops.h"
+#include "lib/runtime/evm_state.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/transport_internal.h"
 
@@ -28,14 +29,34 @@ const char* traceBool(bool value) {
     return value ? "true" : "false";
 }
 
+// Null counts as empty.
+char* copyText(const char* text) {
+    return concat2(text != nullptr ? text : "", "");
+}
+
+bool firstSettingsLocked(NetworkSettings& settings, const char* service, const char* network) {
+    settings = {.service = copyText(service),
+                .network = copyText(network),
+                .description = nullptr,
+                .httpAddress = nullptr,
+                .echo = true,
+                .hide = false,
+                .reliabilitySeconds = -1.0};
+    return settings.service != nullptr && settings.network != nullptr;
+}
+
 pelmoStatus createLocked(Held<Transport>& held,
                          const char* service,
                          const char* network,
                          const char* daemon,
                          bool resume) PELMO_REQUIRES(held->header.lock) {
-    const pelmoStatus status = daemonLinkOps.create(held.get(), service, network, daemon, resume);
+    if (!firstSettingsLocked(held->settings, service, network)) return kStatusNoMemory;
+    DaemonLink* link = nullptr;
+    const pelmoStatus status = daemonLinkOps.create(&link, held.get(), daemon, resume);
     if (status != kStatusSuccess) return status;
-    std::snprintf(held->inboxPrefix, sizeof held->inboxPrefix, "_INBOX.%s.", held->link->session);
+    held->link = link;
+    std::snprintf(held->inboxPrefix, sizeof held->inboxPrefix, "_INBOX.%.*s.",
+                  static_cast<int>(kMostSessionChars), daemonLinkOps.texts(link).session);
     if (Id_SetGlobal(&held->header, nullptr) != kStatusSuccess) return kStatusNoMemory;
     if (held->directEndpoint != nullptr) {
         endpointOps.setTransport(held->directEndpoint, held->header.id);
@@ -58,6 +79,7 @@ pelmoStatus createNetwork(
     if (!libraryIsOpen()) return kStatusNotInitialized;
     if (out == nullptr) return kStatusInvalidArgument;
     if (daemonLinkOps.create == nullptr) return kStatusDaemonNotConnected;
+    const uint32_t epoch = evmEpoch.load(std::memory_order_acquire);
     Held<Transport> held;
     Transport* transport = Transport_New(TransportKind::kNetwork);
     if (transport == nullptr) return kStatusNoMemory;
@@ -72,6 +94,12 @@ pelmoStatus createNetwork(
     // The base reference stays with the id.
     held.leave();
     (void)held.take();
+    // A close that came meanwhile may have listed the transports ahead of this one, and the threads
+    // that would serve it are gone.
+    if (!libraryIsOpen() || !evmIsAt(epoch)) {
+        (void)pelmoTransport_Destroy(id);
+        return kStatusDaemonNotConnected;
+    }
     *out = id;
     return kStatusSuccess;
 }
@@ -110,59 +138,55 @@ pelmoStatus fillControl(pelmoMsg* message,
     return status == kStatusSuccess ? addData(message, value) : status;
 }
 
-// Sends the setting to the daemon unless the daemon is too old. Without a connection nothing is
-// lost: the next one begins with the current settings. The lock is released only for the send.
+// Sends the setting to the daemon, with the lock released.
 pelmoStatus sendControl(Held<Transport>& held,
                         const ControlKind& kind,
                         AddData addData,
                         const void* value) PELMO_UNCHECKED_LOCKING {
-    if (held->link->version < kind.since) return kStatusSuccess;
     pelmoMsg* message = nullptr;
     pelmoStatus status = pelmoMsg_Create(&message);
     if (status != kStatusSuccess) return status;
     status = fillControl(message, kind, addData, value);
     if (status == kStatusSuccess) {
         held.leave();
-        status = daemonLinkOps.send(held.get(), message);
+        status = daemonLinkOps.control(held.get(), message, kind.since);
     }
     msgRelease(message);
-    return status == kStatusDaemonNotConnected ? kStatusSuccess : status;
+    return status;
 }
 
 pelmoStatus setText(uint32_t transport,
                     const char* text,
-                    char* DaemonLink::*member,
+                    char* NetworkSettings::*member,
                     const ControlKind& kind) {
     Held<Transport> held;
     const pelmoStatus status = holdNetwork(held, transport);
     if (status != kStatusSuccess) return status;
     const char* given = text != nullptr ? text : "";
-    char* copy = concat2(given, "");
+    char* copy = copyText(given);
     if (copy == nullptr) return kStatusNoMemory;
-    char*& kept = held->link->*member;
+    char*& kept = held->settings.*member;
     std::free(kept);
     kept = copy;
     return sendControl(held, kind, addText, given);
 }
 
-pelmoStatus giveText(Held<Transport>& held, char* DaemonLink::*member, const char** out) {
+pelmoStatus giveText(const char* text, const char** out) {
     if (out == nullptr) return kStatusInvalidArgument;
-    const char* text = held->link->*member;
     *out = text != nullptr ? text : "";
     return kStatusSuccess;
 }
 
-pelmoStatus getText(uint32_t transport, char* DaemonLink::*member, const char** out) {
+pelmoStatus getText(uint32_t transport, char* NetworkSettings::*member, const char** out) {
     Held<Transport> held;
     const pelmoStatus status = holdNetwork(held, transport);
-    return status == kStatusSuccess ? giveText(held, member, out) : status;
+    return status == kStatusSuccess ? giveText(held->settings.*member, out) : status;
 }
 
 // What the transport was created with; an id of another kind counts as no transport.
-pelmoStatus getOrigin(uint32_t transport, char* DaemonLink::*member, const char** out) {
-    Held<Transport> held;
-    if (holdNetwork(held, transport) != kStatusSuccess) return kStatusInvalidTransport;
-    return giveText(held, member, out);
+pelmoStatus getOrigin(uint32_t transport, char* NetworkSettings::*member, const char** out) {
+    const pelmoStatus status = getText(transport, member, out);
+    return status == kStatusNotPermitted ? kStatusInvalidTransport : status;
 }
 
 // Calls that only the daemon connection implements.
@@ -206,37 +230,39 @@ pelmoStatus pelmoTransport_CreateNetworkNoResume(uint32_t* out,
 
 pelmoStatus pelmoTransport_GetService(uint32_t transport, const char** out) {
     PELMO_TRANSPORT_CALL("pelmoTransport_GetService(%u, %p)", transport, tracePointer(out));
-    return getOrigin(transport, &DaemonLink::service, out);
+    return getOrigin(transport, &NetworkSettings::service, out);
 }
 
 pelmoStatus pelmoTransport_GetNetwork(uint32_t transport, const char** out) {
     PELMO_TRANSPORT_CALL("pelmoTransport_GetNetwork(%u, %p)", transport, tracePointer(out));
-    return getOrigin(transport, &DaemonLink::network, out);
+    return getOrigin(transport, &NetworkSettings::network, out);
 }
 
 pelmoStatus pelmoTransport_GetDaemon(uint32_t transport, const char** out) {
     PELMO_TRANSPORT_CALL("pelmoTransport_GetDaemon(%u, %p)", transport, tracePointer(out));
-    return getOrigin(transport, &DaemonLink::daemon, out);
+    Held<Transport> held;
+    if (holdNetwork(held, transport) != kStatusSuccess) return kStatusInvalidTransport;
+    return giveText(daemonLinkOps.texts(held->link).daemon, out);
 }
 
 pelmoStatus pelmoTransport_SetDescription(uint32_t transport, const char* text) {
     PELMO_TRANSPORT_CALL("pelmoTransport_SetDescription(%u, \"%s\")", transport, traceText(text));
-    return setText(transport, text, &DaemonLink::description, kControlDescription);
+    return setText(transport, text, &NetworkSettings::description, kControlDescription);
 }
 
 pelmoStatus pelmoTransport_GetDescription(uint32_t transport, const char** out) {
     PELMO_TRANSPORT_CALL("pelmoTransport_GetDescription(%u, %p)", transport, tracePointer(out));
-    return getText(transport, &DaemonLink::description, out);
+    return getText(transport, &NetworkSettings::description, out);
 }
 
 pelmoStatus pelmoTransport_SetHttpAddress(uint32_t transport, const char* text) {
     PELMO_TRANSPORT_CALL("pelmoTransport_SetHttpAddress(%u, \"%s\")", transport, traceText(text));
-    return setText(transport, text, &DaemonLink::httpAddress, kControlHttpAddress);
+    return setText(transport, text, &NetworkSettings::httpAddress, kControlHttpAddress);
 }
 
 pelmoStatus pelmoTransport_GetHttpAddress(uint32_t transport, const char** out) {
     PELMO_TRANSPORT_CALL("pelmoTransport_GetHttpAddress(%u, %p)", transport, tracePointer(out));
-    return getText(transport, &DaemonLink::httpAddress, out);
+    return getText(transport, &NetworkSettings::httpAddress, out);
 }
 
 pelmoStatus pelmoTransport_SetHidden(uint32_t transport, bool hidden) {
@@ -244,7 +270,7 @@ pelmoStatus pelmoTransport_SetHidden(uint32_t transport, bool hidden) {
     Held<Transport> held;
     const pelmoStatus status = holdNetwork(held, transport);
     if (status != kStatusSuccess) return status;
-    held->link->hide = hidden;
+    held->settings.hide = hidden;
     held->reservedAllowed = hidden;
     held->inboxWildcards = hidden;
     return sendControl(held, kControlHidden, addBool, &hidden);
@@ -255,7 +281,7 @@ pelmoStatus pelmoTransport_SetEcho(uint32_t transport, bool echo) {
     Held<Transport> held;
     const pelmoStatus status = holdNetwork(held, transport);
     if (status != kStatusSuccess) return status;
-    held->link->echo = echo;
+    held->settings.echo = echo;
     return sendControl(held, kControlEcho, addBool, &echo);
 }
 
@@ -265,7 +291,7 @@ pelmoStatus pelmoTransport_RequestReliability(uint32_t transport, double seconds
     Held<Transport> held;
     const pelmoStatus status = holdNetwork(held, transport);
     if (status != kStatusSuccess) return status;
-    held->link->reliabilitySeconds = seconds;
+    held->settings.reliabilitySeconds = seconds;
     return sendControl(held, kControlReliability, addSeconds, &seconds);
 }
 

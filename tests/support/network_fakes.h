@@ -27,6 +27,10 @@ inline std::string shownText(pelmoMsg* message) {
     return pelmoMsg_ConvertToString(message, &text) == kStatusSuccess ? text : "no text";
 }
 
+struct FakeLink {
+    std::string daemon;
+};
+
 class FakeDaemon {
   public:
     DaemonVersion version = {8, 5, 2};
@@ -40,10 +44,17 @@ class FakeDaemon {
         current = this;
         daemonLinkOps = {
             .create = create,
+            .texts =
+                [](const DaemonLink* link) {
+                    const auto* fake = reinterpret_cast<const FakeLink*>(link);
+                    return DaemonLinkTexts{.session = "0A000001.P1F40.GOB",
+                                           .daemon = fake->daemon.c_str()};
+                },
             .destroy = destroy,
             .stop = [](Transport* t) { (void)note(t, "stop"); },
             .send = send,
             .sendVector = sendVector,
+            .control = control,
             .hold = [](Transport* t) { return note(t, "hold"); },
             .flush = [](Transport* t) { return note(t, "flush"); },
             .setBatchMode = [](Transport* t,
@@ -59,7 +70,7 @@ class FakeDaemon {
                 },
             .interest = interest};
     }
-    ~FakeDaemon() { daemonLinkOps = {}; }
+    ~FakeDaemon() { daemonLinkOps = former; }
     FakeDaemon(const FakeDaemon&) = delete;
     FakeDaemon& operator=(const FakeDaemon&) = delete;
 
@@ -79,6 +90,7 @@ class FakeDaemon {
 
   private:
     static inline FakeDaemon* current = nullptr;
+    DaemonLinkOps former = daemonLinkOps;
     std::mutex mutex;
     std::vector<std::string> calls;
     size_t sendCount = 0;
@@ -91,23 +103,12 @@ class FakeDaemon {
         current->calls.push_back(words);
         return current->answer;
     }
-    static pelmoStatus create(Transport* transport,
-                              const char* service,
-                              const char* network,
+    static pelmoStatus create(DaemonLink** out,
+                              Transport* transport,
                               const char* daemon,
                               bool resume) {
         if (current->createAnswer != kStatusSuccess) return current->createAnswer;
-        auto* link = static_cast<DaemonLink*>(std::calloc(1, sizeof(DaemonLink)));
-        if (link == nullptr) return kStatusNoMemory;
-        const auto copy = [](const char* text) { return strdup(text != nullptr ? text : ""); };
-        link->service = copy(service);
-        link->network = copy(network);
-        link->daemon = copy(daemon != nullptr ? daemon : "7500");
-        std::strcpy(link->session, "0A000001.P1F40.GOB");
-        link->echo = true;
-        link->reliabilitySeconds = -1;
-        link->version = current->version;
-        transport->link = link;
+        *out = reinterpret_cast<DaemonLink*>(new FakeLink{daemon != nullptr ? daemon : "7500"});
         transport->directEndpoint = current->endpoint;
         const std::lock_guard guard(current->mutex);
         current->calls.emplace_back(resume ? "create" : "create without resume");
@@ -115,11 +116,7 @@ class FakeDaemon {
         return kStatusSuccess;
     }
     static void destroy(DaemonLink* link) {
-        for (char* text :
-             {link->service, link->network, link->daemon, link->description, link->httpAddress}) {
-            std::free(text);
-        }
-        std::free(link);
+        delete reinterpret_cast<FakeLink*>(link);
         const std::lock_guard guard(current->mutex);
         --current->linkCount;
     }
@@ -128,6 +125,11 @@ class FakeDaemon {
         const std::lock_guard guard(current->mutex);
         ++current->sendCount;
         return status;
+    }
+    static pelmoStatus control(Transport* transport, pelmoMsg* message, DaemonVersion since) {
+        if (current->version < since) return kStatusSuccess;
+        const pelmoStatus status = send(transport, message);
+        return status == kStatusDaemonNotConnected ? kStatusSuccess : status;
     }
     static pelmoStatus sendVector(Transport* transport, std::span<pelmoMsg* const> messages) {
         std::string words = "send together";

@@ -1,6 +1,7 @@
 // Network transports and circuits between the calls of applications and the floors that carry
 // messages out, which are fakes here.
 
+#include <algorithm>
 #include <cmath>
 
 #include "lib/containers/dpa.h"
@@ -35,6 +36,23 @@ struct Network : testing::Test {
         (void)peers.taken();
     }
     Transport* record() const { return recordOf<Transport>(id); }
+
+    // Sorted: what the next connection tells its daemon.
+    Texts announcedAnew() const {
+        uint8_t* subjects = nullptr;
+        size_t bytes = 0;
+        Id_Enter(&record()->header);
+        EXPECT_TRUE(transportListInterest(record(), &subjects, &bytes));
+        Id_Leave(&record()->header);
+        Texts texts;
+        for (size_t at = 0; at < bytes; at += subjectLength(subjects + at)) {
+            char text[kSubjectTextBytes];
+            texts.emplace_back(subjectToText(text, sizeof text, subjects + at));
+        }
+        std::free(subjects);
+        std::sort(texts.begin(), texts.end());
+        return texts;
+    }
 
     // Hands what came from outside to the transport, which owns it.
     void arrive(const std::vector<std::pair<std::string, const char*>>& subjectsAndTexts) const {
@@ -141,8 +159,8 @@ TEST_F(Network, HasSettings) {
     for (const double seconds : {0.0, -1.0, std::nan("")}) {
         EXPECT_EQ(pelmoTransport_RequestReliability(77777, seconds), kStatusInvalidArgument);
     }
-    EXPECT_TRUE(record()->link->hide && !record()->link->echo);
-    EXPECT_EQ(record()->link->reliabilitySeconds, 2.5);
+    EXPECT_TRUE(record()->settings.hide && !record()->settings.echo);
+    EXPECT_EQ(record()->settings.reliabilitySeconds, 2.5);
 }
 
 TEST_F(Network, TellsADaemonOnlyWhatItKnows) {
@@ -152,7 +170,7 @@ TEST_F(Network, TellsADaemonOnlyWhatItKnows) {
     } rows[] = {{{8, 2, 0}, 5}, {{8, 1, 9}, 4}, {{8, 0, 2}, 4},
                 {{8, 0, 1}, 2}, {{6, 0, 0}, 2}, {{5, 9, 9}, 0}};
     for (const auto& [version, known] : rows) {
-        record()->link->version = version;
+        daemon.version = version;
         for (const Setting& setting : kSettings) {
             if (!setting.told.starts_with("send ")) continue;
             EXPECT_EQ(setting.call(id), kStatusSuccess);
@@ -186,6 +204,7 @@ TEST_F(Network, AnnouncesWhatIsListenedTo) {
         EXPECT_EQ(first.listen(queue, row.subject.c_str(), id), row.status);
         // A second one isn't news, nor is the first one's end while it stays.
         EXPECT_EQ(second.listen(queue, row.subject.c_str(), id), row.status);
+        EXPECT_EQ(announcedAnew(), row.told.empty() ? Texts{} : Texts{row.subject});
         first.end();
         second.end();
         EXPECT_EQ(daemon.taken(), row.told);
@@ -204,6 +223,7 @@ TEST_F(Network, AnnouncesWhatIsListenedTo) {
     (void)daemon.taken();
 
     const TestListener left(queue, "A", id);
+    EXPECT_EQ(announcedAnew(), (Texts{"A", "_INBOX.X.DAEMON.>"}));
     EXPECT_EQ(pelmoTransport_Destroy(id), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), (Texts{"L A", "stop", "C A"}));
     id = kNoId;
