@@ -17,7 +17,8 @@ constexpr uint32_t kRecordBytes = sizeof(Buffer);
 constexpr uint32_t kRecordsPerBlock = 100;
 constexpr uint32_t kRecordRefresh = 10;
 
-// The process's pool of records; null: they come from the heap. Constant while other threads run.
+// The process's pool of records. While it is null, records come from the heap. It doesn't change
+// while other threads run.
 ChunkPool* recordPool = nullptr;
 
 void initRecord(void* chunk) {
@@ -28,7 +29,7 @@ void finiRecord(void* chunk) {
     std::destroy_at(static_cast<Buffer*>(chunk));
 }
 
-// A record of the process's pool goes with the block that it kept.
+// A record of the process's pool may have kept a block, which is freed with it.
 void finiRecordAndBlock(void* chunk) {
     std::free(static_cast<Buffer*>(chunk)->data);
     finiRecord(chunk);
@@ -42,15 +43,15 @@ ChunkPool* makePool(uint32_t count,
                       fini, 1, refreshCount, __FILE__, __LINE__);
 }
 
-// Most messages fit in a block of this size, and grow in it at no cost. Each buffer on the heap has
-// at least such a one, of which its first `size` bytes are to be used.
+// Most messages fit in a block of this size and grow in it at no cost. Every buffer on the heap has
+// at least such a block, and may use its first `size` bytes.
 constexpr uint32_t kLeastBlockBytes = 256;
 
 uint32_t blockBytes(uint32_t size) {
     return std::max(size, kLeastBlockBytes);
 }
 
-// Only the least blocks have bytes that aren't in use.
+// Marks the bytes of the block behind `size` as out of bounds for the address sanitizer.
 void showBytes(const uint8_t* data, uint32_t size) {
     ASAN_UNPOISON_MEMORY_REGION(data, size);
     ASAN_POISON_MEMORY_REGION(data + size, blockBytes(size) - size);
@@ -68,7 +69,8 @@ bool isInline(Buffer* buffer) {
     return isPrivate(buffer) && buffer->data == inlineBytesOf(buffer);
 }
 
-// With one reference and no bytes, but maybe a block that the record kept.
+// Returns a record with one reference. It has no bytes yet, but its `data` may be a block that the
+// record kept from its last use.
 Buffer* takeRecord(ChunkPool* pool) {
     void* record =
         pool != nullptr ? poolTake(pool, __FILE__, __LINE__) : std::calloc(1, sizeof(Buffer));
@@ -94,13 +96,15 @@ void freeBytes(Buffer* buffer) {
     buffer->data = nullptr;
 }
 
-// A least block stays with its record, so that the next buffer takes both in one step.
+// A block of the least size stays with its pooled record, so that the next buffer takes both in one
+// step.
 bool keepsBlock(const Buffer* buffer) {
     return buffer->pool != nullptr && buffer->pool == recordPool && buffer->data != nullptr &&
            buffer->size <= kLeastBlockBytes;
 }
 
-// Inline bytes can't be reallocated: they are copied, and lie unused until the record goes.
+// Inline bytes are part of the record and can't be reallocated: they are copied to the heap and
+// stay unused until the record is freed.
 void* resizeBytes(Buffer* buffer, uint32_t size) {
     if (!isInline(buffer)) {
         const bool fits = buffer->data != nullptr && blockBytes(size) == blockBytes(buffer->size);
@@ -199,10 +203,10 @@ void bufferRetain(Buffer* buffer) {
 
 void bufferRelease(Buffer* buffer) {
     if (buffer == nullptr) return;
-    // The last holder frees what the others have used.
+    // The last holder must see what the others wrote before it frees the bytes.
     if (buffer->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     if (keepsBlock(buffer)) {
-        leakCheckSkip(buffer->data);  // a free record is poisoned, and its pointer not looked at
+        leakCheckSkip(buffer->data);  // the leak check can't look into a poisoned record
         ASAN_POISON_MEMORY_REGION(buffer->data, kLeastBlockBytes);
     } else {
         freeBytes(buffer);

@@ -13,8 +13,8 @@ struct CodecRow {
     FieldConverter converter;
 };
 
-// 10 to 13 exist on the wire alone. The application's scalar types are read there too, though no
-// writer sends them.
+// Types 10 to 13 exist only on the wire. The application's scalar types are decoded as well, in
+// case another writer sends them; this library's encoders don't.
 constexpr CodecRow kRows[] = {
     {FIELD_BAD, nullptr, nullptr, convertBad},
     {FIELD_MSG, encodeMsg, decodeMsg, convertMsg},

@@ -1,5 +1,5 @@
 // Arrays of numbers: a size prefix of their bytes, then the elements. Bytes are handed out as they
-// lie in the image; wider elements are turned to the host's order in a block of their own.
+// lie in the image; wider elements are converted to the host's byte order in a block of their own.
 
 #include <cstdlib>
 #include <cstring>
@@ -33,7 +33,7 @@ void turn(const uint8_t* from, uint8_t* to, uint64_t count, uint8_t) {
     if (count != 0) std::memcpy(to, from, count);
 }
 
-// Turning is the same both ways.
+// Swapping bytes is its own inverse, so encoder and decoder share the copy.
 template <typename Word>
 pelmoStatus encodeArray(WriteCursor& cursor, const pelmoMsgField& field) {
     if (field.size != sizeof(Word)) return kStatusInvalidArgument;
@@ -48,7 +48,7 @@ pelmoStatus encodeArray(WriteCursor& cursor, const pelmoMsgField& field) {
     return kStatusSuccess;
 }
 
-// What stands behind the last whole element isn't looked at.
+// Bytes behind the last whole element are ignored.
 template <typename Word>
 pelmoStatus decodeArray(ReadCursor& cursor, pelmoMsgField& field, Disposition& disposition) {
     uint32_t totalBytes = 0;

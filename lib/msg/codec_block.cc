@@ -16,8 +16,8 @@ namespace {
 
 constexpr uint32_t kTwoPrefixBytes = 2 * kMostPrefixBytes;
 
-// Deflate can't do better than 258 bytes for 2 bits (RFC 1951); a document that claims to be longer
-// is none, and nothing is allocated for it.
+// Deflate compresses at best 258 bytes into 2 bits (RFC 1951). A document that claims a higher
+// ratio is corrupt, and nothing is allocated for it.
 constexpr uint64_t kMostInflation = 1032;
 
 pelmoStatus encodeBytes(WriteCursor& cursor, const void* data, uint64_t sizeBytes) {
@@ -73,12 +73,12 @@ PELMO_DECODER(decodeBlock) {
     return kStatusSuccess;
 }
 
-// The packed subject's own length is the prefix's.
+// A packed subject begins with its own length, which serves as the size prefix.
 PELMO_ENCODER(encodeSubject) {
     const auto* subject = static_cast<const uint8_t*>(field.data.pointer);
     if (subject == nullptr) return kStatusInvalidArgument;
     if (writeRoom(cursor) < uint64_t{field.size} + 1) return kStatusNoMemory;
-    // Its own length is looked at first: the form's check reads as much as that tells.
+    // The check of the form reads as many bytes as the subject's length says, so that comes first.
     if (field.size < kSubjectHeadBytes || subjectLength(subject) != field.size) {
         return kStatusInvalidArgument;
     }
@@ -101,8 +101,8 @@ PELMO_DECODER(decodeSubject) {
     return kStatusSuccess;
 }
 
-// The stream goes behind room for the two largest prefixes; once its length is known and the
-// prefixes are written, it moves up to them.
+// The compressed stream is first written behind room for the two largest prefixes. When its length
+// is known, the prefixes are written and the stream is moved up to them.
 PELMO_ENCODER(encodeXml) {
     if (field.data.pointer == nullptr) return kStatusInvalidArgument;
     if (writeRoom(cursor) < kTwoPrefixBytes) return kStatusNoMemory;

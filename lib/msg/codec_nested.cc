@@ -13,7 +13,7 @@ namespace {
 
 constexpr uint32_t kCountBytes = 4;
 
-// Length of the message at `at`; 0 for what is none or doesn't fit.
+// The length of the message at `at`, or 0 if there is no message or it doesn't fit.
 uint32_t nestedLength(const uint8_t* at, const uint8_t* end) {
     const auto leftBytes = static_cast<uint64_t>(end - at);
     if (leftBytes < kMessageHeadBytes || loadBe32At(at + 4) != kMessageMagic) return 0;
@@ -21,7 +21,7 @@ uint32_t nestedLength(const uint8_t* at, const uint8_t* end) {
     return length >= kMessageHeadBytes && length <= leftBytes ? length : 0;
 }
 
-// Copies the application part of a message, if it has the size that room was made for.
+// Copies a message's application part, if it has the size that was reserved for it.
 pelmoStatus copyMessage(uint8_t*& at, const uint8_t* end, pelmoMsg* message, uint64_t* sizeBytes) {
     const void* bytes = nullptr;
     uint32_t messageBytes = 0;
@@ -36,8 +36,8 @@ pelmoStatus copyMessage(uint8_t*& at, const uint8_t* end, pelmoMsg* message, uin
     return kStatusSuccess;
 }
 
-// Room for the value, its prefix and its count, both written. `end` is then where the elements,
-// all of them, have to end: a size that lies is found there.
+// Makes room for the value and writes its prefix and count. `end` is set to where the last element
+// must end, so that a wrong size is noticed there.
 pelmoStatus openList(WriteCursor& cursor, const pelmoMsgField& field, uint8_t*& end) {
     if (writeRoom(cursor) < sizePrefixedLength(field.size)) return kStatusNoMemory;
     if (field.data.pointer == nullptr || field.size < kCountBytes) return kStatusInvalidArgument;
@@ -49,7 +49,7 @@ pelmoStatus openList(WriteCursor& cursor, const pelmoMsgField& field, uint8_t*& 
     return kStatusSuccess;
 }
 
-// A list as it comes: its elements from `at` to `end`.
+// A list as it stands in the image, with its elements from `at` to `end`.
 struct List {
     const uint8_t* at;
     const uint8_t* end;
@@ -67,7 +67,7 @@ pelmoStatus readList(ReadCursor& cursor, pelmoMsgField& field, List& list) {
     return kStatusSuccess;
 }
 
-// Where the element at `at` ends; null where there is none.
+// Returns the end of the element at `at`, or null if there is none.
 using NextElement = const uint8_t* (*)(const uint8_t* at, const uint8_t* end);
 
 const uint8_t* nextString(const uint8_t* at, const uint8_t* end) {
@@ -80,7 +80,7 @@ const uint8_t* nextMessage(const uint8_t* at, const uint8_t* end) {
     return length != 0 ? at + length : nullptr;
 }
 
-// Do exactly so many elements use up the value exactly?
+// Does the value consist of exactly as many elements as its count says?
 bool listIsWhole(const List& list, NextElement next) {
     const uint8_t* at = list.at;
     for (uint32_t i = 0; i < list.count; ++i) {
@@ -90,7 +90,8 @@ bool listIsWhole(const List& list, NextElement next) {
     return at == list.end;
 }
 
-// A block of pointers to the elements. It is made only once the image has shown as many.
+// Returns a block of pointers to the elements. It is allocated only after the elements have been
+// found in the image, so that a wrong count can't make it large.
 pelmoStatus decodeList(ReadCursor& cursor,
                        pelmoMsgField& field,
                        Disposition& disposition,
@@ -117,7 +118,7 @@ pelmoStatus decodeList(ReadCursor& cursor,
 
 }  // namespace
 
-// The nested message's own length is the prefix's.
+// A nested message begins with its own length, which serves as the size prefix.
 PELMO_ENCODER(encodeMsg) {
     auto* message = static_cast<pelmoMsg*>(const_cast<void*>(field.data.pointer));
     if (message == nullptr) return kStatusInvalidArgument;

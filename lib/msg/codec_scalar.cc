@@ -7,8 +7,8 @@
 
 namespace {
 
-// A size that isn't the type's would be a lie in the image. A bool's isn't looked at: it is wider
-// in the application than on the wire.
+// A size other than the type's would corrupt the image, so it is refused. The size of a bool is
+// ignored, since a bool is wider in the application than on the wire.
 template <uint8_t kType, typename Value>
 pelmoStatus encodeScalar(WriteCursor& cursor, const pelmoMsgField& field, Value value) {
     constexpr uint32_t kValueBytes = kScalarBytes<kType, Value>;
@@ -22,8 +22,8 @@ pelmoStatus encodeScalar(WriteCursor& cursor, const pelmoMsgField& field, Value 
     return kStatusSuccess;
 }
 
-// The width that the size byte tells, with all its bytes in hand. The field gets the type that the
-// width unfolds to.
+// Reads the size byte and checks that the value's bytes are there. The field gets the application's
+// type for that width.
 pelmoStatus openWord(ReadCursor& cursor, pelmoMsgField& field) {
     if (readLeft(cursor) < 1) return kStatusCorruptMessage;
     const uint8_t width = *cursor.at;
@@ -63,7 +63,7 @@ PELMO_ENCODER(encodeDateTime) {
     return kStatusSuccess;
 }
 
-// Signed and unsigned values have the same bits, floats those of the word of their width.
+// One decoder serves all numbers: signed, unsigned and float values of one width are the same word.
 PELMO_DECODER(decodeWord) {
     const pelmoStatus status = openWord(cursor, field);
     if (status != kStatusSuccess) return status;
@@ -99,7 +99,7 @@ PELMO_DECODER(decodeNetInt) {
     return kStatusSuccess;
 }
 
-// The size byte isn't tested; a field that ends with it has no value to be true.
+// The size byte isn't tested. A field that ends with it has no value and reads as false.
 PELMO_DECODER(decodeBool) {
     if (readLeft(cursor) < 1) return kStatusCorruptMessage;
     const bool present = readLeft(cursor) >= 2;

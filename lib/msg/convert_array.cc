@@ -1,4 +1,4 @@
-// Arrays of numbers: to arrays of other numbers, and to text.
+// Conversions of number arrays, to arrays of other numbers and to text.
 
 #include <cinttypes>
 #include <cstdio>
@@ -12,7 +12,7 @@ namespace {
 struct ArrayType {
     uint8_t array;
     uint8_t element;
-    uint32_t textBytes;  // what one element takes at most in the text, its blank included
+    uint32_t textBytes;  // the most that one element takes in the text, with its blank
 };
 
 constexpr ArrayType kArrayTypes[] = {
@@ -33,13 +33,14 @@ const ArrayType* arrayType(uint8_t type) {
     return nullptr;
 }
 
-// Bytes and 16-bit numbers don't widen to 64 bits.
+// Elements of 8 and 16 bits don't convert to 64 bits.
 bool mayBecome(const ArrayType& from, const ArrayType& to) {
     const bool narrow = numberBytes(from.element) < 4;
     return !(narrow && (to.element == FIELD_I64 || to.element == FIELD_U64));
 }
 
-// Signed and unsigned of one width, below 32 bits, are the same block read otherwise.
+// Between signed and unsigned elements of 8 or 16 bits, the block stays the same and only the type
+// changes.
 bool onlyTypeChanges(const ArrayType& from, const ArrayType& to) {
     const uint32_t width = numberBytes(from.element);
     return width < 4 && width == numberBytes(to.element);
@@ -68,7 +69,7 @@ pelmoStatus becomeArray(pelmoMsgField& field,
     return kStatusSuccess;
 }
 
-// Returns the characters written.
+// Returns the number of characters written.
 int writeElement(char* at, size_t roomBytes, uint8_t type, const Number& number) {
     if (type == FIELD_F64) return std::snprintf(at, roomBytes, " %g", number.real);
     if (type == FIELD_F32) {
@@ -81,7 +82,7 @@ int writeElement(char* at, size_t roomBytes, uint8_t type, const Number& number)
     return std::snprintf(at, roomBytes, " %" PRId64, number.integer);
 }
 
-// The blank ahead of the first element becomes the bracket.
+// The blank before the first element is replaced by the opening bracket.
 size_t writeElements(char* text, size_t textBytes, const pelmoMsgField& field, uint8_t element) {
     const uint32_t width = numberBytes(element);
     const auto* elements = static_cast<const uint8_t*>(field.data.pointer);

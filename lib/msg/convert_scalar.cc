@@ -1,4 +1,4 @@
-// Numbers, truth, ports and addresses.
+// Conversions of numbers, bools, ports and addresses.
 
 #include <cinttypes>
 #include <cmath>
@@ -36,7 +36,7 @@ int64_t truncate64(double real) {
     return real >= -kTwoTo63 && real < kTwoTo63 ? static_cast<int64_t>(real) : INT64_MIN;
 }
 
-// Cut to 32 bits first, except for the targets that need more.
+// A float is truncated to 32 bits first, except for targets that hold more.
 int64_t integerFor(uint8_t type, const Number& number) {
     if (!number.isFloat) return number.integer;
     const bool wide = type == FIELD_U32 || type == FIELD_I64 || type == FIELD_U64;
@@ -147,7 +147,7 @@ PELMO_CONVERTER(convertScalar) {
                                     : kStatusConversionFailed;
 }
 
-// Only 1 is true; a 2 from elsewhere is not.
+// Only 1 counts as true, even if another writer sent a 2.
 PELMO_CONVERTER(convertBool) {
     const bool value = field.data.boolean == 1;
     disposition = kDataByValue;

@@ -1,4 +1,4 @@
-// From text to numbers, truth, ports and addresses.
+// Conversions of text to numbers, bools, ports and addresses.
 
 #include <cstdlib>
 #include <cstring>
@@ -100,7 +100,7 @@ pelmoStatus parseAs(pelmoMsgField& field, uint8_t targetType, const char* text) 
     }
 }
 
-// A text whose last byte is no NUL is no C text: it is copied to one.
+// A text without a NUL at its end is copied and terminated, so that C functions can parse it.
 const char* asCText(const pelmoMsgField& field, Text& copy) {
     const auto* text = static_cast<const char*>(field.data.pointer);
     if (text[field.size - 1] == '\0') return text;

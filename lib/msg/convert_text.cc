@@ -1,4 +1,4 @@
-// What can be shown as text and converts to nothing else.
+// Conversions of the types that convert to text only.
 
 #include <cstdlib>
 #include <cstring>
@@ -23,7 +23,7 @@ void becomeBlock(pelmoMsgField& field, Disposition& disposition, char* text, siz
     disposition = kDataOwnedBlock;
 }
 
-// Adds the text of one item of a list.
+// Adds the text of one list item.
 using AddItem = pelmoStatus (*)(TextBuilder& out, const void* item);
 
 pelmoStatus addQuoted(TextBuilder& out, const void* item) {
@@ -35,7 +35,7 @@ pelmoMsg* asMessage(const void* item) {
     return static_cast<pelmoMsg*>(const_cast<void*>(item));
 }
 
-// The message doesn't keep the text: a list of many would hold all of them.
+// The item's text is released at once: kept, the texts of a long list would add up.
 pelmoStatus addMessageText(TextBuilder& out, const void* item) {
     pelmoMsg* message = asMessage(item);
     if (!msgIsValid(message)) return kStatusInvalidMessage;
@@ -47,7 +47,7 @@ pelmoStatus addMessageText(TextBuilder& out, const void* item) {
     return status;
 }
 
-// One blank apart, in brackets.
+// The items stand in brackets, separated by one blank.
 pelmoStatus becomeListText(pelmoMsgField& field, Disposition& disposition, AddItem addItem) {
     const auto* items = static_cast<const void* const*>(field.data.pointer);
     TextBuilder out;
@@ -130,7 +130,7 @@ PELMO_CONVERTER(convertSubject) {
     return kStatusSuccess;
 }
 
-// The text stays the nested message's.
+// The text belongs to the nested message.
 PELMO_CONVERTER(convertMsg) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     const char* text = nullptr;

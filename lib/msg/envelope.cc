@@ -1,4 +1,4 @@
-// Opening and closing, and what an open envelope tells.
+// Opening and closing the envelope, and reading from an open one.
 
 #include <algorithm>
 #include <cstdio>
@@ -25,13 +25,13 @@ struct EnvelopeField {
     uint32_t typeOffset;
     uint32_t end;
 
-    // Behind type and size byte.
+    // The value follows the type byte and the size byte.
     [[nodiscard]] uint32_t valueOffset() const { return typeOffset + 2; }
 };
 
 pelmoStatus noteSendSubject(const EnvelopeField& field, EnvelopeView& view) {
-    // The walk has seen that the record holds the length that its prefix tells, which is the
-    // subject's own.
+    // The index has checked that the record contains as many bytes as the size prefix says, and the
+    // size prefix of a subject is its own length.
     if (!subjectFieldIsValid(field.image + field.typeOffset + 1)) return kStatusCorruptMessage;
     if (field.image[field.typeOffset] == FIELD_SUBJECT) {
         view.sendSubjectOffset = field.valueOffset();
@@ -73,7 +73,7 @@ constexpr EnvelopeName kNames[] = {
     {"return", 0, true, noteReplySubject},
     {"mtype", 0, true, noteMtype},
     {"cid", 0, false, noteSourcePort},
-    {"data", ENV_FOREIGN, true, nullptr},  // one that isn't the last
+    {"data", ENV_FOREIGN, true, nullptr},  // a field of that name that isn't the last
     {"e", 0, false, nullptr},
     {"ro", ENV_FOREIGN | ENV_SRC, false, nullptr},
     {"src", ENV_FOREIGN | ENV_SRC, false, nullptr},
@@ -95,7 +95,7 @@ const EnvelopeName& envelopeName(const pelmoMsg* msg, const FieldIndexEntry& ent
     return kOtherName;
 }
 
-// The field that becomes the nested message, and the fields ahead of it.
+// The field that becomes the nested message, and the number of fields before it.
 struct DataField {
     uint32_t fieldsAhead;
     uint32_t typeOffset;
@@ -106,7 +106,8 @@ DataField lastField(const pelmoMsg* msg) {
     return {last, fieldTypeOffset(msg->index[last])};
 }
 
-// In place and in one go, however much lies behind the field. The id map is stale then.
+// Moves a field to the end of the image, in place and in linear time. The id map is stale
+// afterwards.
 void moveLast(pelmoMsg* msg, uint32_t position) {
     uint8_t* image = msgImage(msg);
     FieldIndexEntry* entries = msg->index;
@@ -133,7 +134,7 @@ pelmoStatus appendEmptyData(pelmoMsg* msg, DataField& data) {
     return kStatusSuccess;
 }
 
-// Sees to it that the last field is "data".
+// Makes "data" the last field: moves it there, or adds it.
 pelmoStatus bringDataLast(pelmoMsg* msg, DataField& data) {
     if (!nameIs(msg, msg->index[msg->fieldCount - 1], kDataName)) {
         const pelmoStatus status = msgMakeWritable(msg);
@@ -148,7 +149,7 @@ pelmoStatus bringDataLast(pelmoMsg* msg, DataField& data) {
     return kStatusSuccess;
 }
 
-// A message whose one field, "_data_", has the value and the id of the last one.
+// Makes a message with one field, "_data_", that has the value and the id of the last field.
 pelmoStatus wrapLastValue(pelmoMsg* msg, HeldMessage& wrapped) {
     pelmoMsgField value;
     if (msgReadField(msg, msg->fieldCount - 1, value, NameWanted::kNo) != kStatusSuccess) {
@@ -164,7 +165,8 @@ pelmoStatus wrapLastValue(pelmoMsg* msg, HeldMessage& wrapped) {
                                                              : kStatusInvalidMessage;
 }
 
-// The new record is written behind the old one, which it then overwrites.
+// The new record is first written behind the old one and then moved over it, so that a failure
+// leaves the old one intact.
 pelmoStatus replaceLast(pelmoMsg* msg, pelmoMsg* wrapped, DataField& data) {
     if (msgMakeWritable(msg) != kStatusSuccess) return kStatusInvalidMessage;
     pelmoMsgField field;
@@ -191,7 +193,7 @@ pelmoStatus wrapData(pelmoMsg* msg, DataField& data) {
     return status == kStatusSuccess ? replaceLast(msg, wrapped.get(), data) : status;
 }
 
-// A head that lies would be written over by the next flush.
+// The length in the nested head must be right, because the next flush overwrites it.
 bool dataIsMessage(const pelmoMsg* msg, const DataField& data) {
     const uint8_t* image = msgImage(msg);
     ReadCursor value{image + data.typeOffset + 1, image + msg->length};
@@ -216,7 +218,7 @@ pelmoStatus openParsed(pelmoMsg* msg) {
     return status;
 }
 
-// Shows the outer fields for a while.
+// Closes the envelope for the lifetime of this object.
 class ClosedForNow {
   public:
     explicit ClosedForNow(pelmoMsg* msg)
@@ -281,7 +283,7 @@ pelmoStatus msgOpenEnvelope(pelmoMsg* msg) {
     pelmoStatus status = msgParse(msg);
     if (status != kStatusSuccess || msg->fieldCount == 0) return status;
     status = openParsed(msg);
-    msg->indexValid = 0;  // it is of the outer fields, or of fields that have moved
+    msg->indexValid = 0;  // the index lists the outer fields, or fields that have moved
     return status;
 }
 
@@ -319,7 +321,7 @@ pelmoStatus pelmoMsg_GetSendSubject(pelmoMsg* msg, const char** out) {
     if (out == nullptr) return kStatusInvalidArgument;
     if (msg->sendSubjectOffset == 0) return noText(out);
     const uint8_t* subject = msgImage(msg) + msg->sendSubjectOffset;
-    // The text, with its dots and NUL, takes no more than the packed form.
+    // The text with its dots and NUL is never longer than the packed form.
     const size_t sizeBytes = subjectLength(subject);
     auto* text = static_cast<char*>(std::malloc(sizeBytes));
     if (text == nullptr) return kStatusNoMemory;
@@ -353,7 +355,8 @@ pelmoStatus pelmoMsg_GetSource(pelmoMsg* msg, uint16_t* out) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
     const uint32_t offset = msg->sourcePortOffset;
-    // Behind a close the fields may have changed; what is read then lies in the image all the same.
+    // The fields may have changed since a close. The offset may then point to other bytes, but they
+    // are still bytes of the image.
     if (offset == 0 || offset > msg->length - sizeof *out) return kStatusNotFound;
     *out = loadBe16At(msgImage(msg) + offset);
     return kStatusSuccess;

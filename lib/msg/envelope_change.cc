@@ -1,6 +1,6 @@
-// Changes of the envelope. Its fields, without "data", make a small message of their own; that is
-// changed and looked at, and at last takes the place of the old ones, ahead of a nested message
-// that was never touched. A message without an envelope begins with an empty one.
+// Changes of the envelope. The envelope's fields without "data" are copied into a small message.
+// That message is changed and checked, and finally replaces the old fields before the nested
+// message, which isn't touched. A message without an envelope starts with an empty one.
 
 #include <cstring>
 
@@ -14,10 +14,10 @@ namespace {
 
 constexpr const char kInboxPrefix[] = "_INBOX.";
 
-// For a subject and the kind, so that a new envelope is one allocation of bytes.
+// Room for a subject and the kind, so that a new envelope takes one allocation of bytes.
 constexpr uint32_t kRoomBytes = 288;
 
-// Where the record "data" of an open message begins: with an id in its name area, or without.
+// The offset of the record "data" of an open message. Its name area may or may not have an id.
 uint32_t dataRecordOffset(const pelmoMsg* msg) {
     const uint32_t plain = msg->dataOffset - static_cast<uint32_t>(sizeof kDataHead);
     return msgImage(msg)[plain] == kDataHead[0] ? plain : plain - 2;
@@ -37,7 +37,7 @@ pelmoStatus takeFields(const pelmoMsg* msg, HeldMessage& envelope) {
     return kStatusSuccess;
 }
 
-// The fields go ahead of "data", or of a whole image that had none.
+// Puts the envelope's fields before "data", or wraps the whole image of a message without envelope.
 pelmoStatus putFields(pelmoMsg* msg, const pelmoMsg* envelope, const EnvelopeView& view) {
     const bool fresh = msg->dataOffset == 0;
     const uint32_t oldEnd = fresh ? 0 : dataRecordOffset(msg);
@@ -58,7 +58,7 @@ pelmoStatus putFields(pelmoMsg* msg, const pelmoMsg* envelope, const EnvelopeVie
     return kStatusSuccess;
 }
 
-// `change` gets the envelope's fields as a message.
+// Calls `change` with the envelope's fields as a message, and puts the result in place.
 template <typename Change>
 pelmoStatus changeEnvelope(pelmoMsg* msg, Change change) {
     pelmoStatus status = msgMakeWritable(msg);
@@ -74,7 +74,7 @@ pelmoStatus changeEnvelope(pelmoMsg* msg, Change change) {
     return status == kStatusSuccess ? putFields(msg, envelope.get(), view) : status;
 }
 
-// `offset` is 0 where there is no such field.
+// `offset` is 0 if the envelope doesn't have the field.
 pelmoStatus removeFromEnvelope(pelmoMsg* msg, const char* name, uint32_t offset) {
     if (offset == 0) return kStatusSuccess;
     return changeEnvelope(

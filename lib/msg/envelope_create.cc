@@ -1,4 +1,4 @@
-// Messages made with their envelope, in one buffer and without moving anything.
+// Creates messages together with their envelope, in one buffer and without moving bytes.
 
 #include <bitset>
 #include <cstring>
@@ -11,7 +11,7 @@ namespace {
 constexpr uint32_t kFixedBytes =
     kMessageHeadBytes + sizeof kMtypeRecord + sizeof kDataHead + kMessageHeadBytes;
 
-// Subject and reply as they will stand in the image; 0 bytes for none.
+// Subject and reply as they are written to the image. A length of 0 means that there is none.
 struct Addressing {
     uint8_t subject[kMostSendSubjectBytes];
     uint32_t subjectBytes;
@@ -42,7 +42,7 @@ uint64_t addressingBytes(const Addressing& addressing) {
     return bytes;
 }
 
-// Writes into room that has been made.
+// Writes to an image that has enough room.
 struct ImageWriter {
     uint8_t* image;
     uint32_t at;
@@ -59,7 +59,7 @@ struct ImageWriter {
     }
 };
 
-// Returns where the nested message begins.
+// Returns the offset of the nested message.
 uint32_t writeEnvelope(uint8_t* image, const Addressing& addressing, EnvelopeView& view) {
     ImageWriter writer{image, kMessageHeadBytes};
     if (addressing.subjectBytes != 0) {
@@ -97,7 +97,7 @@ pelmoStatus createOpen(pelmoMsg** out, const char* subject, const char* reply, u
     return kStatusSuccess;
 }
 
-// Bytes that the records take at most.
+// Adds up the most that the records can take.
 pelmoStatus measureFields(const pelmoMsgField* fields, uint32_t count, uint64_t& sum) {
     for (uint32_t i = 0; i < count; ++i) {
         pelmoMsgField field = fields[i];
@@ -151,7 +151,7 @@ pelmoStatus msgCreateWithFields(pelmoMsg** out,
     if (status != kStatusSuccess) return status;
     if (idsRepeat(fields, count)) return kStatusIdInUse;
 
-    // One byte is never used: an image grows when it would be full.
+    // One byte more than needed, because an image that would be exactly full grows.
     const uint64_t extra = sum + 1;
     pelmoMsg* made = nullptr;
     status = createOpen(&made, subject, reply, extra);

@@ -17,11 +17,11 @@ constexpr uint32_t kObjectsPerBlock = 1000;
 constexpr uint32_t kLeastBlocks = 1;
 constexpr uint32_t kObjectsAtATime = 100;
 
-// Null: objects come from the heap. Constant while other threads run.
+// While it is null, objects come from the heap. It doesn't change while other threads run.
 ChunkPool* objectPool = nullptr;
 
-// By pieces that the compiler writes out: for more at a time it takes the processor's string
-// instruction, which costs more to start than these stores take.
+// Clears in pieces of 64 bytes, for which the compiler emits plain stores. For larger pieces it
+// would use the processor's string instruction, whose start costs more than all of these stores.
 template <size_t kBytes>
 void zero(uint8_t* at) {
     constexpr size_t kPieceBytes = 64;
@@ -37,7 +37,7 @@ void* takeZeroed() {
     if (objectPool == nullptr) return std::calloc(1, sizeof(pelmoMsg));
     void* object = poolTake(objectPool, __FILE__, __LINE__);
     if (object == nullptr) return nullptr;
-    // But for the entries of the index, which are written ahead of being read.
+    // The entries of the index aren't cleared, since each is written before it is read.
     constexpr size_t kIndexBegin = offsetof(pelmoMsg, inlineIndex);
     constexpr size_t kIndexEnd = kIndexBegin + sizeof(pelmoMsg::inlineIndex);
     auto* bytes = static_cast<uint8_t*>(object);
@@ -55,7 +55,7 @@ pelmoMsg* takeObject() {
     return msg;
 }
 
-// By its own word: the pool may have come after the object.
+// The object's own word tells where it came from, since the pool may be younger than the object.
 void giveObject(pelmoMsg* msg) {
     if (msg->poolOwner == nullptr) {
         std::free(msg);
@@ -65,7 +65,7 @@ void giveObject(pelmoMsg* msg) {
 }
 
 bool dropReference(pelmoMsg* msg) {
-    // The last holder has to see what the others did with the object.
+    // The last holder must see what the others did with the object.
     return msg->refCount.fetch_sub(1, std::memory_order_acq_rel) == 1;
 }
 
@@ -98,7 +98,7 @@ void writeEmptyHead(pelmoMsg* msg) {
     storeBe32At(msgImage(msg) + 4, kMessageMagic);
 }
 
-// The fields that show are none, and the index says so.
+// Sets up a valid index without fields.
 void indexEmpty(pelmoMsg* msg) {
     if (msg->index == nullptr) {
         msg->index = msg->inlineIndex;
@@ -109,7 +109,7 @@ void indexEmpty(pelmoMsg* msg) {
     msg->indexValid = 1;
 }
 
-// From an image whose head has been checked.
+// Copies an image whose head has been checked.
 pelmoStatus copyImage(pelmoMsg** out, const uint8_t* image, uint32_t length) {
     pelmoMsg* msg = nullptr;
     const pelmoStatus status = msgCreateRaw(&msg, length);
@@ -260,7 +260,7 @@ pelmoStatus pelmoMsg_Detach(pelmoMsg* msg) {
 pelmoStatus pelmoMsg_Reset(pelmoMsg* msg) {
     traceLine(kTraceMsg, "pelmoMsg_Reset(%p)", tracePointer(msg));
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    // Pointers into the image are let go of below; they alone are no reason for another buffer.
+    // All pointers into the image are released below, so they alone needn't cause a copy.
     const uint32_t heldRefs = msg->bufferRefs;
     msg->bufferRefs = 0;
     const pelmoStatus status = msgMakeWritable(msg);
@@ -291,8 +291,8 @@ void msgRetain(pelmoMsg* msg) {
 void msgRelease(pelmoMsg* msg) {
     if (msg == nullptr || !dropReference(msg)) return;
     msg->nextFreed = nullptr;
-    // Who read into a nest from outside holds an object for each level: they line up to be freed,
-    // since a call within a call for each could need more stack than there is.
+    // Reads of nested messages leave one object per level. They are freed from a list, because a
+    // recursive release could need more stack than there is.
     for (pelmoMsg* line = msg; line != nullptr;) {
         pelmoMsg* first = line;
         line = first->nextFreed;

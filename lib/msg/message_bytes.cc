@@ -1,4 +1,4 @@
-// The image: its bytes as others see them, and the room that it has.
+// The image's bytes as callers see them, and its capacity.
 
 #include <algorithm>
 #include <cstring>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// One growth of a buffer.
+// The most that one call can add to a buffer.
 constexpr uint32_t kMostGrowth = INT32_MAX;
 
 void storeWhereOther(uint8_t* at, uint32_t word) {
@@ -82,7 +82,7 @@ pelmoStatus msgGrow(pelmoMsg* msg, uint64_t additional) {
 
 pelmoStatus msgReserve(pelmoMsg* msg, uint64_t need) {
     if (need < msg->capacity - msg->length) return kStatusSuccess;
-    // Doubling ends where an image does; what is needed may still fit.
+    // Doubling stops at the longest possible image, where the needed bytes may still fit.
     const uint32_t most = std::min(kMostGrowth, UINT32_MAX - msg->buffer->size);
     return msgGrow(msg, std::max(need, uint64_t{std::min(msg->capacity, most)}));
 }
@@ -93,7 +93,7 @@ pelmoStatus pelmoMsg_Expand(pelmoMsg* msg, int32_t additional) {
     if (additional == 0) return kStatusSuccess;
     const int64_t unused = int64_t{msg->capacity} - msg->length;
     if (additional < -unused) return kStatusInvalidArgument;
-    // A shared buffer would move or shrink under the others.
+    // A buffer that others use must not move or shrink.
     if (msg->bufferRefs != 0 || bufferIsShared(msg->buffer)) {
         return replaceBuffer(msg, static_cast<uint64_t>(unused + additional));
     }

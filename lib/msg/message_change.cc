@@ -1,4 +1,4 @@
-// Changes of a field that is there: a new value, or none at all.
+// Changes of an existing field: its value is replaced, or the field is removed.
 
 #include <cstring>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-// Type and value as they stand in the image, or shall stand there.
+// Where a field's type and value are in the image, or will be.
 struct Piece {
     uint32_t offset;
     uint32_t end;
@@ -20,11 +20,11 @@ uint32_t sizeOf(const Piece& piece) {
     return piece.end - piece.offset;
 }
 
-// Moves all that lies behind a field to where it shall begin. There is room.
+// Moves everything behind a field from offset `from` to offset `to`. The caller has made room.
 void moveTail(pelmoMsg* msg, uint32_t position, uint32_t from, uint32_t to) {
     uint8_t* image = msgImage(msg);
     std::memmove(image + to, image + from, msg->length - from);
-    // Unsigned numbers wrap, so that one sum moves either way.
+    // Unsigned arithmetic wraps, so the same addition moves offsets in both directions.
     const uint32_t shift = to - from;
     msg->length += shift;
     for (uint32_t i = position + 1; i < msg->fieldCount; ++i) {
@@ -32,7 +32,8 @@ void moveTail(pelmoMsg* msg, uint32_t position, uint32_t from, uint32_t to) {
     }
 }
 
-// Values that fit in here never need room in the image beyond what they come to take.
+// Values of at most this size are encoded on the stack first, so they need no spare room in the
+// image.
 constexpr uint32_t kSmallPieceBytes = 32;
 
 pelmoStatus encodeSmall(const pelmoMsgField& field, uint8_t* piece, uint32_t& pieceBytes) {
@@ -61,8 +62,8 @@ pelmoStatus rewriteSmall(pelmoMsg* msg, uint32_t position, const pelmoMsgField& 
     return kStatusSuccess;
 }
 
-// A longer value is written behind the image first: whatever becomes of it, the old one stands
-// until it is done.
+// A longer value is first written behind the image, so that the old value stays intact if that
+// fails.
 pelmoStatus rewriteLarge(pelmoMsg* msg,
                          uint32_t position,
                          const pelmoMsgField& field,
@@ -81,7 +82,7 @@ pelmoStatus rewriteLarge(pelmoMsg* msg,
         return kStatusSuccess;
     }
     if (pieceBytes > sizeOf(old)) {
-        // The tail is about to move up into the new value: that goes ahead of it.
+        // The tail will move up and would overwrite the new value, so the value is moved first.
         const uint32_t shift = pieceBytes - sizeOf(old);
         status = msgReserve(msg, uint64_t{pieceBytes} + shift);
         if (status != kStatusSuccess) return status;
@@ -108,7 +109,7 @@ pelmoStatus updateFound(pelmoMsg* msg, uint32_t position, const pelmoMsgField& f
     const uint64_t need = sizePrefixedLength(valueBytes);
     if (need < kSmallPieceBytes) {
         const pelmoStatus small = rewriteSmall(msg, position, sized);
-        // An encoder of the application may want more than the field says.
+        // An application's encoder may need more room than the field's size says.
         if (small != kStatusNoMemory) return small;
     }
     return rewriteLarge(msg, position, sized, need);

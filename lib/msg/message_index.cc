@@ -1,4 +1,4 @@
-// The index: one walk over the image, and the search in what it found.
+// Builds the index by one walk over the image, and searches it.
 
 #include <cstdlib>
 #include <cstring>
@@ -42,8 +42,9 @@ pelmoStatus indexWalk(pelmoMsg* msg, uint32_t& fieldCount) {
     return kStatusSuccess;
 }
 
-// Position of the first field with that name from `begin` on; the count of fields for none. Names
-// are as the index has them: a size that counts the NUL, 0 for no name.
+// Returns the position of the first field with that name from `begin` on, or the number of fields
+// if there is none. Names are compared by their size in the index, which counts the NUL; 0 means no
+// name.
 uint32_t findName(const pelmoMsg* msg, const char* name, uint32_t begin) {
     const size_t size = name != nullptr ? std::strlen(name) + 1 : 0;
     const uint8_t* image = msgImage(msg);

@@ -1,4 +1,4 @@
-// Reads: the decoder gives the value, the message takes over what is behind it.
+// Reads. The decoder returns the value, and the message keeps what the value points to.
 
 #include <cstring>
 
@@ -17,7 +17,7 @@ pelmoStatus keepMessage(pelmoMsg* msg, pelmoMsg* subMessage) {
     return status;
 }
 
-// Makes an object of a nested message, whose first byte lies in the image.
+// Makes an object for a nested message whose first byte is in the image.
 pelmoStatus openNested(pelmoMsg* msg, const void* image, pelmoMsg*& out) {
     const auto offset = static_cast<const uint8_t*>(image) - msg->buffer->data;
     pelmoMsg* nested = nullptr;
@@ -28,7 +28,7 @@ pelmoStatus openNested(pelmoMsg* msg, const void* image, pelmoMsg*& out) {
     return status;
 }
 
-// The list's pointers into the image become pointers to objects.
+// Replaces the list's pointers into the image by pointers to objects.
 pelmoStatus openEach(pelmoMsg* msg, void* list, uint32_t count) {
     auto* slot = static_cast<uint8_t*>(list);
     for (uint32_t i = 0; i < count; ++i, slot += sizeof(void*)) {
@@ -46,7 +46,7 @@ pelmoStatus keepInImage(pelmoMsg* msg, pelmoMsgField& field) {
     void* data = const_cast<void*>(field.data.pointer);
     switch (field.type) {
         case FIELD_MSG: {
-            // The head's lengths are written while nobody else looks at the buffer.
+            // The lengths in the head must be written before the buffer is shared.
             msgFlush(msg);
             pelmoMsg* nested = nullptr;
             const pelmoStatus status = openNested(msg, data, nested);
@@ -56,7 +56,7 @@ pelmoStatus keepInImage(pelmoMsg* msg, pelmoMsgField& field) {
         case FIELD_MSGARRAY: {
             msgFlush(msg);
             pelmoStatus status = msgKeepBlock(msg, data);
-            // Known ahead, lest most of them be made in vain.
+            // Checked first, so that no objects are made for a list that is too long.
             if (field.count > kMostSubMessages) status = kStatusNoMemory;
             return status == kStatusSuccess ? openEach(msg, data, field.count) : status;
         }
@@ -71,7 +71,7 @@ pelmoStatus keepInImage(pelmoMsg* msg, pelmoMsgField& field) {
     }
 }
 
-// Arrays of bytes come as values do, and point into the image all the same.
+// Byte arrays are returned by value like scalars, but their pointer leads into the image.
 bool pointsIntoImage(const pelmoMsgField& field) {
     return (field.type == FIELD_I8ARRAY || field.type == FIELD_U8ARRAY) &&
            field.data.pointer != nullptr;
@@ -93,7 +93,7 @@ pelmoStatus keepData(pelmoMsg* msg, pelmoMsgField& field, Disposition dispositio
     return kStatusDecoderFailed;
 }
 
-// Where an operation on the fields begins.
+// The checks that every read of a field begins with.
 pelmoStatus beginRead(pelmoMsg* msg, const pelmoMsgField* field) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (field == nullptr) return kStatusInvalidField;

@@ -1,9 +1,10 @@
-// What reads handed out, and for how long.
+// Keeps what reads handed out, and releases it.
 //
-// Everything lies in three arrays in the order of the reads, so that a mark is no more than their
-// counts and cutting back is taking from their ends. Pointers into the present buffer are a number
-// only. When that buffer is replaced it goes into the array once for each of them, and so do marks:
-// what a mark counted as pointers is counted in the array from then on.
+// Everything is in three arrays in the order of the reads, so a mark consists of their lengths, and
+// cutting back removes items from their ends. Pointers into the present buffer are only counted.
+// When that buffer is replaced, it is added to the array of held buffers once for each such
+// pointer, and the marks are adjusted: what they counted as pointers they then count as array
+// items.
 
 #include <algorithm>
 #include <cstdlib>
@@ -36,7 +37,7 @@ uint32_t countOf(const Dpa* list) {
     return list != nullptr ? list->count : 0;
 }
 
-// An array that becomes empty goes too.
+// An array that becomes empty is freed.
 void cutList(Dpa*& list, uint32_t count, Drop drop) {
     if (list == nullptr) return;
     while (list->count > count) {

@@ -13,7 +13,7 @@ namespace {
 
 using FieldWriter = pelmoStatus (*)(pelmoMsg* msg, const pelmoMsgField* field);
 
-// What a row writes: the member of the data that holds the value, where it isn't a pointer.
+// The type and size that a row of the table writes.
 struct FieldKind {
     uint8_t type;
     uint32_t size;
@@ -36,7 +36,7 @@ pelmoStatus writeScalar(FieldWriter write,
     return write(msg, &field);
 }
 
-// The fast path needs no record for the generic call, and no encoder by table.
+// The fast path fills no field record and looks up no encoder.
 template <uint8_t kType, typename Value>
 pelmoStatus addScalar(pelmoMsg* msg,
                       const char* name,
@@ -73,7 +73,7 @@ pelmoStatus writePointer(FieldWriter write,
     return write(msg, &field);
 }
 
-// What a field of another type than asked for gives.
+// Converts a field of another type to the type that was asked for.
 pelmoStatus convertTo(pelmoMsg* msg, uint8_t type, pelmoMsgField& field) {
     const FieldConverter convert = fieldConverters[field.type];
     if (convert == nullptr) return kStatusConversionFailed;
@@ -83,8 +83,8 @@ pelmoStatus convertTo(pelmoMsg* msg, uint8_t type, pelmoMsgField& field) {
     return msgKeepBlock(msg, const_cast<void*>(field.data.pointer));
 }
 
-// Reads a field as that type. What the read left with the message goes again if it fails.
-// `otherType` takes over where the field's type isn't the one asked for.
+// Reads a field as the given type. `otherType` handles a field of another type. If the read fails,
+// whatever it left with the message is released again.
 template <typename OtherType>
 pelmoStatus readAs(
     pelmoMsg* msg, uint32_t position, uint8_t type, pelmoMsgField& field, OtherType otherType) {
@@ -96,9 +96,9 @@ pelmoStatus readAs(
     return status;
 }
 
-// Finds a field and reads it. A value that a size byte tells is shown to `takeShort`, in the image,
-// if it is of that wire type; where that gives false, and for all others, `read` takes the field by
-// its position.
+// Finds a field and reads it. A value of the given wire type with a one-byte size is offered to
+// `takeShort`, which reads it in the image. If that returns false, and for all other values, `read`
+// is called with the field's position.
 template <typename TakeShort, typename Read>
 [[gnu::always_inline]] inline pelmoStatus findAndRead(pelmoMsg* msg,
                                                       const char* name,
@@ -143,7 +143,7 @@ pelmoStatus readScalar(
     });
 }
 
-// A pointer and a number, which is of elements or of bytes.
+// Reads a pointer and a number, which counts elements or bytes.
 template <uint8_t kType, typename Value, typename OtherType>
 pelmoStatus readList(pelmoMsg* msg,
                      const char* name,
@@ -171,7 +171,7 @@ pelmoStatus readList(pelmoMsg* msg,
     });
 }
 
-// A text without its NUL is handed out as a copy with one.
+// A text without a NUL at its end is returned as a terminated copy.
 pelmoStatus terminate(pelmoMsg* msg, pelmoMsgField& field) {
     const auto* text = static_cast<const char*>(field.data.pointer);
     if (text == nullptr || field.size == 0 || text[field.size - 1] == '\0') return kStatusSuccess;
@@ -222,7 +222,8 @@ pelmoStatus readPointer(
         pelmoMsgField field;
         const pelmoStatus status = readAs(msg, position, type, field, otherType);
         if (status != kStatusSuccess) return status;
-        // Of an object that a read hands out the image alone is constant.
+        // The record's pointer is const because it usually leads into the image; a nested message
+        // is an object of its own and may be changed.
         *out = static_cast<Value*>(const_cast<void*>(field.data.pointer));
         return status;
     });
@@ -296,7 +297,7 @@ pelmoStatus addDateTime(pelmoMsg* msg,
     return kStatusSuccess;
 }
 
-// Bytes that stand in the image as they are. A size of 0 is for the general call to work out.
+// Adds bytes that need no conversion. A size of 0 is left to the general call, which works it out.
 pelmoStatus addBytes(
     pelmoMsg* msg, const char* name, const void* data, FieldKind kind, uint16_t id) {
     const bool told = data != nullptr && kind.size != 0;
@@ -307,7 +308,7 @@ pelmoStatus addBytes(
     return kStatusSuccess;
 }
 
-// Elements are turned around on their way into the image, and documents are compressed.
+// Adds what the encoder converts: elements change their byte order, and documents are compressed.
 pelmoStatus addList(pelmoMsg* msg,
                     const char* name,
                     const void* data,
@@ -356,7 +357,8 @@ pelmoStatus writeSubjectText(pelmoMsg* msg, const char* name, const char* text, 
 }
 
 pelmoStatus updateSubject(pelmoMsg* msg, const pelmoMsgField* field) {
-    // The send subject may move; opening the envelope finds it anew.
+    // The update may move the send subject. Its offset is forgotten until the envelope is opened
+    // again.
     if (field->name != nullptr && std::strcmp(field->name, "sub") == 0) msg->sendSubjectOffset = 0;
     return pelmoMsg_UpdateField(msg, field);
 }
@@ -377,7 +379,7 @@ pelmoStatus updateSubject(pelmoMsg* msg, const pelmoMsgField* field) {
 PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
 #undef PELMO_DEFINE_SCALAR
 
-// `number` counts elements of a known size, or tells the bytes of one value.
+// `number` is a number of elements, or the size of one value in bytes.
 #define PELMO_DEFINE_LIST(word, type, Value, count, size, told, otherType)                     \
     pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value const* values,       \
                                    uint32_t number, uint16_t id) {                             \

@@ -1,4 +1,4 @@
-// Additions: a record is written behind the image, and the image ends behind it when all is well.
+// Additions. A record is written behind the image, which is extended over it only on success.
 
 #include <cstring>
 
@@ -94,7 +94,7 @@ uint8_t* writeName(uint8_t* at, const pelmoMsgField& field, uint32_t nameSize) {
     return at;
 }
 
-// An encoder of the application may leave the cursor anywhere.
+// An application's encoder may leave the cursor anywhere, so its position is checked.
 pelmoStatus encodeOnce(pelmoMsg* msg,
                        uint32_t typeOffset,
                        const pelmoMsgField& field,
@@ -181,7 +181,7 @@ uint64_t fieldValueBytes(const pelmoMsgField& field) {
     const bool sizeIsAll = field.type == FIELD_STRINGARRAY || field.type == FIELD_MSGARRAY;
     const uint64_t total = sizeIsAll ? field.size : uint64_t{field.size} * field.count;
     if (field.type != FIELD_XML) return total;
-    // What doesn't compress grows: a bound of the compressor, and room for both prefixes.
+    // Data that doesn't compress grows: the compressor's bound, and room for both prefixes.
     return static_cast<uint64_t>(1.001 * static_cast<double>(total) + 12 + 10);
 }
 

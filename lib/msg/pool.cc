@@ -1,4 +1,4 @@
-// A pool's life: creation, references, its end.
+// A pool's creation, references and end.
 
 #include "lib/msg/pool.h"
 
@@ -17,7 +17,7 @@ constexpr PoolOps kItemOps = {
                void* item) { poolGive(static_cast<ChunkPool*>(pool), item, __FILE__, __LINE__); },
 };
 
-// 0 where they make no block.
+// Returns 0 for sizes that don't make a valid block.
 uint32_t blockBytes(uint32_t chunksPerBlock, uint32_t chunkSize) {
     const uint64_t aligned =
         (uint64_t{chunkSize} + kChunkAlignment - 1) & ~uint64_t{kChunkAlignment - 1};
@@ -80,7 +80,7 @@ ChunkPool* poolCreate(uint32_t chunksPerBlock,
         poolFree(pool);
         return nullptr;
     }
-    // Known by now: a start or stop of the timers that runs at the same time finds the pool.
+    // The manager already lists the pool, so a concurrent start or stop of the timers finds it.
     if (poolArmTimer(pool) != kStatusSuccess) {
         poolDestroy(pool, file, line);
         return nullptr;

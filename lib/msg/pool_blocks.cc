@@ -1,4 +1,4 @@
-// Blocks: where chunks come from and go back to, all under the pool's lock.
+// Blocks, from which chunks are taken and to which they return, always under the pool's lock.
 //
 // A block's memory is prepared `refreshCount` chunks at a time, so that a burst touches no memory
 // that it doesn't use.
@@ -74,7 +74,7 @@ void prepareChunks(ChunkPool* pool, Block* block, uint32_t count) {
     }
 }
 
-// Readies the block for a take; false where all its chunks are out.
+// Prepares chunks if necessary. Returns false if all chunks of the block are taken.
 bool hasChunks(ChunkPool* pool, Block* block) {
     if (!isPrepared(block) && block->free->count < pool->refreshCount) {
         prepareChunks(pool, block, pool->refreshCount);
@@ -82,7 +82,8 @@ bool hasChunks(ChunkPool* pool, Block* block) {
     return block->free->count != 0;
 }
 
-// All free chunks of the block in one copy, or as many as a list has room for that can't grow.
+// Moves all free chunks of the block to the list in one copy. If the list can't grow, it gets as
+// many as it has room for.
 void moveFree(ChunkPool* pool, Block* block, Dpa* list) PELMO_REQUIRES(pool->lock) {
     const uint32_t before = list->count;
     if (dpaAppendAll(list, block->free)) {
@@ -99,7 +100,7 @@ void moveFree(ChunkPool* pool, Block* block, Dpa* list) PELMO_REQUIRES(pool->loc
     pool->chunksIssued += moved;
 }
 
-// The blocks from the first to `last` go behind the others.
+// Moves the blocks from the first to `last` to the end of the list of blocks.
 void moveBehind(ChunkPool* pool, Block* last) PELMO_REQUIRES(pool->lock) {
     Block* first = pool->firstBlock;
     pool->firstBlock = last->next;
@@ -110,7 +111,7 @@ void moveBehind(ChunkPool* pool, Block* last) PELMO_REQUIRES(pool->lock) {
     last->next = nullptr;
 }
 
-// Lets the next search begin at a block that has something.
+// Reorders the blocks so that the next search begins at one with free chunks.
 void rotate(ChunkPool* pool, Block* stop) PELMO_REQUIRES(pool->lock) {
     const Block* behind = stop->next;
     if (behind == nullptr || (isPrepared(behind) && behind->free->count == 0)) return;
@@ -124,7 +125,7 @@ void putBackLocked(ChunkPool* pool, Block* block, void* chunk) PELMO_REQUIRES(po
     ++pool->chunksReturned;
 }
 
-// Wholly free for the second time in a row, and not one of those that stay.
+// Is the block entirely free for the second time in a row, and may it be freed?
 bool isIdleLocked(ChunkPool* pool, Block* block) PELMO_REQUIRES(pool->lock) {
     if (block->free->count != block->initCount) return false;
     if (block->freeable == 0) {
@@ -206,7 +207,7 @@ void poolFreeBlocks(ChunkPool* pool) {
 
 void poolReclaimTick(ChunkPool* pool) {
     const LockGuard guard(pool->lock);
-    // The blocks of the creation come last: if some must stay, it's those.
+    // The blocks made at creation are freed last, because they are the ones that should stay.
     for (const bool fromCreation : {false, true}) {
         Block* next = nullptr;
         for (Block* block = pool->firstBlock; block != nullptr; block = next) {

@@ -1,8 +1,8 @@
-// Take and give, and the caches that keep most of them from locking.
+// Takes and gives, and the thread caches that spare most of them the pool's lock.
 //
-// A chunk given on a thread is the first that the thread takes again. Given chunks go back to their
-// blocks 256 at a time, so that a thread that only gives, as one that releases what others made,
-// doesn't hoard. Chunks taken in a batch stay with the thread until it ends.
+// The chunk that a thread gave last is the first that it takes again. Given chunks return to their
+// blocks 256 at a time, so that a thread that only gives, because it releases what others made,
+// doesn't accumulate them. Chunks taken in a batch stay with the thread until it ends.
 
 #include <cstdlib>
 
@@ -10,13 +10,13 @@
 
 namespace {
 
-// In all give lists of a thread together.
+// The most chunks in all give lists of a thread together.
 constexpr uint32_t kMostGiven = 256;
 
 constexpr uint32_t kListBuckets = 128;
 
 struct ThreadCache {
-    // Pool id to a Dpa of chunks.
+    // Both map a pool's id to a Dpa of chunks.
     Dict32* takeLists;
     Dict32* giveLists;
 
@@ -24,8 +24,8 @@ struct ThreadCache {
     uint32_t giveCount;       // chunks in all give lists
 };
 
-// What the manager's key holds in this thread: the key runs the release at the thread's end, and
-// this spares each take and give its look-up.
+// The same pointer as under the manager's key. The key releases the cache at the thread's end; this
+// variable spares each take and give the look-up.
 constinit thread_local ThreadCache* threadCache = nullptr;
 
 inline Dpa* findList(const Dict32* lists, const ChunkPool* pool) {
@@ -33,8 +33,8 @@ inline Dpa* findList(const Dict32* lists, const ChunkPool* pool) {
     return dict32Find(lists, pool->id, &list) == kStatusSuccess ? static_cast<Dpa*>(list) : nullptr;
 }
 
-// With room for a batch; null when memory runs out. Like all that is rare, kept out of the way of a
-// take or give.
+// Makes a list with room for a batch; null when memory runs out. Not inlined, because it is rare
+// and would slow the fast path.
 [[gnu::noinline]] Dpa* makeList(Dict32* lists, const ChunkPool* pool) {
     Dpa* list = dpaCreate(pool->refreshCount);
     if (list == nullptr) return nullptr;
@@ -44,7 +44,8 @@ inline Dpa* findList(const Dict32* lists, const ChunkPool* pool) {
 
 enum class Ending : bool { kNo, kYes };
 
-// Gives chunks back where asked to. The lists of dead pools go: their chunks went with the pools.
+// Returns chunks to their pools if `putBack` is set. Lists of dead pools are dropped, since their
+// chunks were freed with the pools.
 void flushLists(Dict32* lists, bool putBack, Ending ending) {
     Dict32Iterator iterator;
     dict32IterInit(lists, &iterator);
@@ -113,8 +114,8 @@ void* takeCached(ThreadCache* cache, ChunkPool* pool) {
     return takeFromBatch(cache, pool);
 }
 
-// A give list with room for one more, for the thread that has none or a full one; null when memory
-// runs out for the first. One that can't grow is flushed.
+// Returns a give list with room for one more chunk. A list that can't grow is flushed; null when
+// memory runs out for a thread's first list.
 [[gnu::noinline]] Dpa* makeRoom(ThreadCache* cache, const ChunkPool* pool, Dpa* list, void* chunk) {
     if (list == nullptr) return makeList(cache->giveLists, pool);
     if (dpaAppend(list, chunk)) {
@@ -174,7 +175,7 @@ void poolThreadEnter() {
 
 void poolThreadLeave() {
     if (threadCache == nullptr) return;
-    // Setting a slot that has a value takes no memory.
+    // Setting a slot that already has a value needs no memory and can't fail.
     [[maybe_unused]] const pelmoStatus status = ThreadKey_Set(&poolManager.key, nullptr);
     poolCacheRelease(threadCache);
 }

@@ -1,4 +1,4 @@
-// A pool in the log: its numbers, and a map of the chunks of each block.
+// Writes a pool to the log: its numbers, and a map of the chunks of each block.
 
 #include <algorithm>
 #include <cinttypes>
@@ -10,7 +10,7 @@ namespace {
 
 constexpr uint32_t kChunksPerLine = 50;
 
-// "x" for a chunk that isn't prepared yet, "f" for a free one, a blank for one that is out.
+// "x" is a chunk that isn't prepared yet, "f" a free one, a blank one that is taken.
 void dumpMapLine(const ChunkPool* pool, const Block* block, uint32_t first) {
     const uint32_t count = std::min(kChunksPerLine, pool->chunksPerBlock - first);
     char line[kChunksPerLine + 1];

@@ -1,7 +1,7 @@
-// The manager: all pools by their ids, the key of the caches, the reclaim timers.
+// The manager of all pools: their ids, the key of the thread caches, the reclaim timers.
 //
-// Timers are made and destroyed with the manager's lock released, since their own locks stand
-// outside it. Whoever made one looks again, under the lock, whether it is still wanted.
+// Timers are made and destroyed with the manager's lock released, because their locks are further
+// out in the order. After making one, the caller checks under the lock whether it is still wanted.
 
 #include <utility>
 
@@ -17,7 +17,7 @@ constexpr double kReclaimSeconds = 60.0;
 constexpr uint32_t kPoolsBuckets = 128;
 constexpr uint32_t kListedPools = 32;
 
-// For the pools of containers.
+// Sizes of the pools that containers make.
 constexpr uint32_t kItemMinBlocks = 1;
 constexpr uint32_t kItemRefresh = 10;
 
@@ -50,7 +50,7 @@ void eachPool(Dict32* pools, Visit visit) {
     }
 }
 
-// Retains the pools that are listed; false when memory runs out: then none is.
+// Lists the pools and retains them. Returns false, with none retained, when memory runs out.
 bool listPoolsLocked(Dpa* list, bool withTimerOnly) PELMO_REQUIRES(poolManager.lock) {
     bool whole = true;
     eachPool(poolManager.pools, [&](ChunkPool* pool) PELMO_UNCHECKED_LOCKING {
@@ -127,7 +127,7 @@ pelmoStatus poolStartReclaim(uint32_t queue) {
         const LockGuard guard(poolManager.lock);
         status = startLocked(queue, list);
     }
-    // A refused start may have listed pools without retaining them.
+    // After a failed listing the list may hold pools that weren't retained.
     const uint32_t retained = status == kStatusSuccess ? list->count : 0;
     for (uint32_t i = 0; i < retained; ++i) {
         auto* pool = static_cast<ChunkPool*>(list->items[i]);

@@ -16,7 +16,7 @@ constexpr const char* kNoDecoder = "[NO DECODER AVAILABLE]";
 constexpr const char* kNoConverter = "[NO CONVERTER AVAILABLE]";
 constexpr size_t kIdTextBytes = 10;
 
-thread_local uint32_t depth = 0;  // of the rendering under way
+thread_local uint32_t depth = 0;  // nesting depth of the rendering in progress
 
 struct DepthGuard {
     DepthGuard() { ++depth; }
@@ -36,7 +36,7 @@ bool addLeftSide(TextBuilder& out, const pelmoMsgField& field) {
     return out.add("=");
 }
 
-// The characters of a value that may lack its NUL.
+// Adds the characters of a value that may have no NUL at its end.
 bool addBounded(TextBuilder& out, const void* data, size_t sizeBytes) {
     const auto* text = static_cast<const char*>(data);
     return text == nullptr || out.add(text, strnlen(text, sizeBytes));
@@ -50,7 +50,7 @@ bool nestsTooDeep(const pelmoMsgField& field) {
     return depth >= kMostTextDepth && (field.type == FIELD_MSG || field.type == FIELD_MSGARRAY);
 }
 
-// Turns the field into text, unless that can't be done.
+// Converts the field to text. Returns false if there is no conversion.
 bool becomesText(pelmoMsgField& field, Disposition& disposition) {
     const FieldConverter convert = fieldConverters[field.type];
     if (convert == nullptr || nestsTooDeep(field)) return false;
@@ -69,7 +69,7 @@ bool addConverted(TextBuilder& out, pelmoMsgField field) {
     return added;
 }
 
-// `shown` tells whether the message at that place of the image has a text at all.
+// `shown` is set to whether the message at `image` could be rendered.
 bool addElement(TextBuilder& out, const pelmoMsg* msg, const uint8_t* image, bool& shown) {
     const auto offset = static_cast<uint32_t>(image - msg->buffer->data);
     pelmoMsg* element = nullptr;
@@ -81,8 +81,8 @@ bool addElement(TextBuilder& out, const pelmoMsg* msg, const uint8_t* image, boo
     return added;
 }
 
-// An object and a text for one element at a time: eight bytes of image are an element, and millions
-// of objects would be more than the memory.
+// Makes an object and a text for one element at a time. An element can be as short as eight bytes,
+// so an object for each of millions would exhaust memory.
 bool addElements(TextBuilder& out, const pelmoMsg* msg, const pelmoMsgField& list) {
     if (nestsTooDeep(list)) return out.add(kNoConverter);
     const size_t begin = out.sizeBytes();
@@ -110,7 +110,7 @@ bool addMessageArray(TextBuilder& out, const pelmoMsg* msg, uint32_t position) {
     return added;
 }
 
-// The left side shows whether or not the value can be read.
+// The name is shown even if the value can't be read.
 bool addField(TextBuilder& out, pelmoMsg* msg, uint32_t position) {
     const FieldIndexEntry& entry = msg->index[position];
     const char* image = reinterpret_cast<const char*>(msgImage(msg));
@@ -129,8 +129,8 @@ bool addField(TextBuilder& out, pelmoMsg* msg, uint32_t position) {
     return field.type == FIELD_STRING ? addQuoted(out, field) : addConverted(out, field);
 }
 
-// Each field leaves a blank behind; the last one becomes the end. What was read of a field goes
-// with it: a message of millions of small ones doesn't hold an object for each.
+// Each field adds a blank behind it; the last blank becomes the closing bracket. What was read for
+// a field is released after it, so that millions of nested messages don't add up.
 bool addAll(TextBuilder& out, pelmoMsg* msg) {
     if (!out.add("{")) return false;
     const ReferenceMark mark = msgMark(msg);
