@@ -1,0 +1,201 @@
+// Start messages, replies, and the names of sessions.
+
+#include "lib/transport/daemon/session.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <functional>
+
+#include "lib/msg/text.h"
+#include "lib/transport/daemon/interest.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/local_bus.h"
+
+namespace {
+
+std::string textOfAll(pelmoMsg* message) {
+    const char* text = nullptr;
+    return pelmoMsg_ConvertToString(message, &text) == kStatusSuccess ? text : "no text";
+}
+
+struct Start : SessionStart {
+    Start()
+        : SessionStart{.userName = "me",
+                       .session = "",
+                       .service = "7500",
+                       .network = "",
+                       .pid = 7,
+                       .resume = true,
+                       .localAddress = 0,
+                       .description = nullptr,
+                       .httpAddress = nullptr,
+                       .echo = true,
+                       .hide = false,
+                       .reliabilitySeconds = -1} {}
+};
+
+TEST(Session, SaysWhatAStartHasToSay) {
+    const std::string head = R"({mtype="I" userid="me")";
+    const std::string always = R"( service="7500" network="" vmaj=8 vmin=5 vupd=2 pid=7 rc=)";
+    const struct {
+        std::function<void(SessionStart&)> change;
+        std::string session, rest;
+    } rows[] = {
+        {[](SessionStart&) {}, "", "true}"},
+        {[](SessionStart& s) { s.session = "1.2"; }, R"( session="1.2")", "true}"},
+        {[](SessionStart& s) { s.resume = false; }, "", "false}"},
+        {[](SessionStart& s) { s.localAddress = htonl(0x0a000001); }, "", "true ipaddr=10.0.0.1}"},
+        {[](SessionStart& s) { s.description = ""; }, "", R"(true descr=""})"},
+        {[](SessionStart& s) { s.httpAddress = "h"; }, "", R"(true http="h"})"},
+        {[](SessionStart& s) { s.echo = false; }, "", "true echo=false}"},
+        {[](SessionStart& s) { s.hide = true; }, "", "true hide=true}"},
+        {[](SessionStart& s) { s.reliabilitySeconds = 0; }, "", "true rli=0}"},
+    };
+    for (const auto& row : rows) {
+        Start start;
+        row.change(start);
+        pelmoMsg* made = nullptr;
+        ASSERT_EQ(sessionStartMessage(&made, start), kStatusSuccess);
+        const HeldMessage message(made);
+        EXPECT_EQ(textOfAll(made), head + row.session + always + row.rest);
+    }
+    EXPECT_GT(eachAllocationFails([&] {
+                  pelmoMsg* made = nullptr;
+                  const pelmoStatus status = sessionStartMessage(&made, Start());
+                  EXPECT_EQ(status, allocationsFailed() != 0 ? kStatusNoMemory : kStatusSuccess);
+                  if (status == kStatusSuccess) msgRelease(made);
+              }),
+              1u);
+}
+
+using Fill = std::function<void(pelmoMsg* reply, pelmoMsg* data)>;
+
+pelmoStatus replyWith(const Fill& fill, SessionReply* out) {
+    const Message reply = newMessage(), data = newMessage();
+    EXPECT_EQ(pelmoMsg_AddString(reply.get(), "mtype", "Reply", 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_AddIPAddr32(data.get(), "ipaddr", htonl(0x7f000001), 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_AddIPPort16(data.get(), "ipport", htons(7500), 0), kStatusSuccess);
+    fill(reply.get(), data.get());
+    uint32_t fields = 0;
+    EXPECT_EQ(pelmoMsg_GetNumFields(data.get(), &fields), kStatusSuccess);
+    if (fields != 0) {
+        EXPECT_EQ(pelmoMsg_AddMsg(reply.get(), "data", data.get(), 0), kStatusSuccess);
+    }
+    return sessionReadReply(out, reply.get());
+}
+
+TEST(Session, ReadsReplies) {
+    SessionReply told = {};
+    EXPECT_EQ(replyWith([](pelmoMsg*, pelmoMsg*) {}, &told), kStatusSuccess);
+    EXPECT_EQ(told.address, 0x7f000001u);
+    EXPECT_EQ(told.port, 7500);
+    EXPECT_TRUE(told.clientId == 0 && told.version == DaemonVersion{} && told.gob[0] == 0 &&
+                !told.isRouting);
+    const auto add = [](pelmoMsg* reply, pelmoMsg* data) {
+        (void)pelmoMsg_AddString(reply, "gob", "outer", 0);
+        (void)pelmoMsg_AddString(reply, "dtyp", "zOk", 0);
+        (void)pelmoMsg_AddIPPort16(data, "cid", htons(0x1a2b), 0);
+        (void)pelmoMsg_AddI32(data, "error", 0, 0);
+        (void)pelmoMsg_AddI32(data, "vmaj", 8, 0);
+        (void)pelmoMsg_AddI32(data, "vmin", 1, 0);
+        (void)pelmoMsg_AddI32(data, "vupd", -2, 0);
+    };
+    EXPECT_EQ(replyWith(add, &told), kStatusSuccess);
+    EXPECT_EQ(told.clientId, 0x1a2b);
+    EXPECT_EQ(told.version, (DaemonVersion{8, 1, 0}));
+    EXPECT_STREQ(told.gob, "outer");
+    EXPECT_TRUE(told.isRouting);
+    const auto addInner = [&](pelmoMsg* reply, pelmoMsg* data) {
+        add(reply, data);
+        (void)pelmoMsg_RemoveFieldEx(data, "cid", 0);
+        (void)pelmoMsg_AddU16(data, "cid", 0x1a2b, 0);
+        (void)pelmoMsg_AddString(data, "gob", std::string(100, 'g').c_str(), 0);
+        (void)pelmoMsg_AddString(data, "dtyp", "ZOKS", 0);
+    };
+    EXPECT_EQ(replyWith(addInner, &told), kStatusSuccess);
+    EXPECT_EQ(told.clientId, 0x1a2b);
+    EXPECT_EQ(told.gob, std::string(kGobBytes - 1, 'g'));
+    EXPECT_FALSE(told.isRouting);
+}
+
+TEST(Session, RefusesOtherReplies) {
+    const struct {
+        const char* what;
+        Fill change;
+        pelmoStatus status;
+    } rows[] = {
+        {"no kind", [](pelmoMsg* r, pelmoMsg*) { pelmoMsg_RemoveFieldEx(r, "mtype", 0); },
+         kStatusInitFailed},
+        {"another kind",
+         [](pelmoMsg* r, pelmoMsg*) { (void)pelmoMsg_UpdateString(r, "mtype", "r", 0); },
+         kStatusInitFailed},
+        {"no data", [](pelmoMsg*, pelmoMsg* d) { pelmoMsg_Reset(d); }, kStatusInitFailed},
+        {"data that is none",
+         [](pelmoMsg* r, pelmoMsg* d) {
+             pelmoMsg_Reset(d);
+             (void)pelmoMsg_AddString(r, "data", "x", 0);
+         },
+         kStatusInitFailed},
+        {"an error", [](pelmoMsg*, pelmoMsg* d) { (void)pelmoMsg_AddI32(d, "error", 27, 0); },
+         kStatusNotPermitted},
+        {"no address", [](pelmoMsg*, pelmoMsg* d) { pelmoMsg_RemoveFieldEx(d, "ipaddr", 0); },
+         kStatusNetworkNotFound},
+        {"no port", [](pelmoMsg*, pelmoMsg* d) { pelmoMsg_RemoveFieldEx(d, "ipport", 0); },
+         kStatusServiceNotFound},
+    };
+    for (const auto& row : rows) {
+        SessionReply told = {};
+        told.address = 1;
+        EXPECT_EQ(replyWith(row.change, &told), row.status) << row.what;
+        EXPECT_EQ(told.address, 1u) << row.what;
+    }
+}
+
+TEST(Session, IsCalledByWhatTheDaemonTold) {
+    const std::string most(kMostSessionChars - 15, 'g');
+    const struct {
+        SessionParts parts;
+        std::string name;  // empty: none can be made
+    } rows[] = {
+        {{0x7f000001, 0, 0, "G"}, "7F000001.G"},
+        {{0x0a000001, 0, 0x2b, "G.H"}, "0A000001.U002B.G.H"},
+        {{1, 0x1f40, 0x2b, "G"}, "00000001.P1F40.G"},
+        {{1, 0, 1, most.c_str()}, "00000001.U0001." + most},
+        {{1, 0, 0, ""}, ""},
+        {{1, 0, 0, "G..H"}, ""},
+        {{1, 0, 0, "*"}, ""},
+        {{1, 0, 0, "G.>"}, ""},
+    };
+    char session[kMostSessionChars + 1];
+    for (const auto& row : rows) {
+        EXPECT_EQ(sessionName(session, row.parts),
+                  row.name.empty() ? kStatusInitFailed : kStatusSuccess);
+        if (!row.name.empty()) {
+            EXPECT_EQ(session, row.name);
+        }
+    }
+    EXPECT_EQ(sessionName(session, {1, 0, 1, (most + "g").c_str()}), kStatusInitFailed);
+
+    char gob[kGobBytes];
+    const auto* link = reinterpret_cast<const void*>(uintptr_t{0x5512345678a});
+    sessionMakeGob(gob, {link, 0x1ffffffff, UINT32_MAX});
+    EXPECT_STREQ(gob, "2345678AFFFFFFFFFFFFFFFF");
+}
+
+TEST(Interest, NamesASubject) {
+    uint8_t own[kSubjectMaxBytes];
+    ASSERT_EQ(interestOwnInboxes(own, "7F000001.G"), kStatusSuccess);
+    EXPECT_GT(eachAllocationFails([&] {
+                  pelmoMsg* made = nullptr;
+                  const pelmoStatus status = interestMessage(&made, own, kInterestStart);
+                  EXPECT_EQ(status, allocationsFailed() != 0 ? kStatusNoMemory : kStatusSuccess);
+                  if (status != kStatusSuccess) return;
+                  const HeldMessage message(made);
+                  allocationsHeal();
+                  EXPECT_EQ(textOfAll(made), R"({mtype="L" sub=[_INBOX.7F000001.G.>]})");
+              }),
+              0u);
+}
+
+}  // namespace

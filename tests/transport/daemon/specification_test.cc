@@ -1,0 +1,124 @@
+// Daemon and service arguments, in all their forms.
+
+#include "lib/transport/daemon/specification.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+const NameResolver kNames = {.host =
+                                 [](const char* name, uint32_t* out) {
+                                     *out = htonl(0x0a000007);
+                                     return std::string(name) == "known";
+                                 },
+                             .service =
+                                 [](const char* name, const char* protocol, uint16_t* out) {
+                                     *out = htons(std::string(protocol) == "tcp" ? 7600 : 7601);
+                                     return std::string(name) == "bus";
+                                 }};
+
+const std::string kLongHost(kMostHostChars, 'h');
+
+TEST(Specification, NamesTheDaemon) {
+    const struct {
+        const char* argument;
+        pelmoStatus status;
+        const char* text = "";  // after defaulting; null: as given
+        uint32_t address = 0;
+        uint16_t port = 7500;
+        bool namesHost = false;
+        bool isSecure = false;
+    } rows[] = {
+        {nullptr, kStatusSuccess, "7500"},
+        {"", kStatusSuccess, "7500"},
+        {"7501", kStatusSuccess, nullptr, 0, 7501},
+        {":65535", kStatusSuccess, nullptr, 0, 65535},
+        {"bus", kStatusSuccess, nullptr, 0, 7600},
+        {"known:bus", kStatusSuccess, nullptr, 0x0a000007, 7600, true},
+        {"127.0.0.1:7500", kStatusSuccess, nullptr, 0x7f000001, 7500, true},
+        {"255.255.255.255:1", kStatusSuccess, nullptr, 0xffffffff, 1, true},
+        {"tcp:7500", kStatusSuccess, nullptr},
+        {"tcp::7500", kStatusSuccess, nullptr},
+        {"tcp:1.2.3.4:7500", kStatusSuccess, nullptr, 0x01020304, 7500, true},
+        {"ssl:7500", kStatusSuccess, nullptr, 0, 7500, false, true},
+        {"ssl:known:7500", kStatusSuccess, nullptr, 0x0a000007, 7500, true, true},
+        {"-listen", kStatusNotPermitted},
+        {"ipc:", kStatusInvalidArgument},
+        {"ipc:7500", kStatusInvalidArgument},
+        {"tcp:", kStatusInvalidArgument},
+        {"ssl:", kStatusInvalidArgument},
+        {"TCP:7500", kStatusInvalidArgument},  // a host without an address
+        {"tcp:ssl:7500", kStatusInvalidArgument},
+        {":", kStatusInvalidArgument},
+        {"known:", kStatusInvalidArgument},
+        {"0", kStatusInvalidArgument},
+        {"65536", kStatusInvalidArgument},
+        {"4294974796", kStatusInvalidArgument},  // 7500 beyond 32 bits
+        {"7500x", kStatusInvalidArgument},
+        {" 7500", kStatusInvalidArgument},
+        {"+7500", kStatusInvalidArgument},
+        {"known:7500:7501", kStatusInvalidArgument},
+        {"1.2.3:7500", kStatusInvalidArgument},
+        {"1.2.3.4.5:7500", kStatusInvalidArgument},
+        {"1.2.3.256:7500", kStatusInvalidArgument},
+        {"1..2.3:7500", kStatusInvalidArgument},
+        {"unknown:7500", kStatusInvalidArgument},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.argument != nullptr ? row.argument : "null");
+        DaemonSpecification parsed = {};
+        DaemonAddress where = {};
+        pelmoStatus status = specificationParse(&parsed, row.argument);
+        if (status == kStatusSuccess) status = specificationResolve(&where, parsed, kNames);
+        ASSERT_EQ(status, row.status);
+        if (status != kStatusSuccess) continue;
+        EXPECT_STREQ(parsed.text, row.text != nullptr ? row.text : row.argument);
+        EXPECT_EQ(ntohl(where.address), row.address);
+        EXPECT_EQ(ntohs(where.port), row.port);
+        EXPECT_EQ(parsed.namesHost, row.namesHost);
+        EXPECT_EQ(parsed.isSecure, row.isSecure);
+    }
+}
+
+TEST(Specification, HoldsHostsUpToItsLimit) {
+    DaemonSpecification parsed = {};
+    EXPECT_EQ(specificationParse(&parsed, (kLongHost + ":7500").c_str()), kStatusSuccess);
+    EXPECT_EQ(parsed.host, kLongHost);
+    EXPECT_EQ(specificationParse(&parsed, (kLongHost + "h:7500").c_str()), kStatusInvalidArgument);
+}
+
+TEST(Specification, NamesThePortOfOnesOwn) {
+    const struct {
+        std::string service;
+        pelmoStatus status = kStatusSuccess;
+        bool isWanted = false;
+        uint16_t port = 0;
+    } rows[] = {
+        {""},
+        {"7500"},
+        {"7500:", kStatusSuccess, true},
+        {"7500:7501", kStatusSuccess, true, 7501},
+        {"7500:7501:more", kStatusSuccess, true, 7501},
+        {"7500::more", kStatusSuccess, true},
+        {"7500:bus", kStatusSuccess, true, 7601},
+        {":7501", kStatusSuccess, true, 7501},
+        {":", kStatusNotPermitted},
+        {"7500:7500", kStatusNotPermitted},
+        {"bus:bus:7500", kStatusNotPermitted},
+        {"7500:65536", kStatusServiceNotFound},
+        {"7500:unknown", kStatusServiceNotFound},
+        {"7500:" + std::string(200, '1'), kStatusServiceNotFound},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.service);
+        DirectPort direct = {};
+        ASSERT_EQ(specificationDirectPort(&direct, row.service.c_str(), kNames), row.status);
+        EXPECT_EQ(direct.isWanted, row.isWanted);
+        EXPECT_EQ(ntohs(direct.port), row.port);
+    }
+}
+
+}  // namespace
