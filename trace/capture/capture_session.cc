@@ -3,10 +3,10 @@
 #include <stdio_ext.h>
 
 #include <cstdio>
-#include <cstring>
 
 #include "lib/base/log.h"
 #include "trace/capture/capture_state.h"
+#include "trace/capture/saved_capture.h"
 
 namespace {
 
@@ -16,10 +16,6 @@ constexpr int kReadTimeoutMs = 1000;
 // libpcap's own 2 MB hold a bus of 150,000 packets a second for 30 ms: less than a busy machine may
 // keep the capture thread from its core.
 constexpr int kKernelBufferBytes = 32 << 20;
-
-// A stream's own buffer of 4 KiB costs a system call every dozen packets. This one stays in the
-// second cache on its way from the system to the packet.
-constexpr size_t kReadAheadBytes = 256 << 10;
 
 constexpr int kOptimize = 0;
 constexpr bpf_u_int32 kNoNetmask = 0;
@@ -64,19 +60,6 @@ pcap_t* openWithRoom(const char* name) {
     return nullptr;
 }
 
-// What pcap_open_offline does, and a larger buffer. A file that can't be opened is left to libpcap,
-// which has its own words for it. The C library takes a size only along with a buffer.
-pcap_t* openWithReadAhead(const char* path, char* error) {
-    static char readAhead[kReadAheadBytes];
-    FILE* const stream = std::strcmp(path, "-") == 0 ? stdin : std::fopen(path, "rb");
-    if (stream == nullptr) return pcap_open_offline(path, error);
-
-    (void)std::setvbuf(stream, readAhead, _IOFBF, sizeof readAhead);
-    pcap_t* const capture = pcap_fopen_offline(stream, error);
-    if (capture == nullptr && stream != stdin) (void)std::fclose(stream);
-    return capture;
-}
-
 void describeSavefile(pcap_t* capture) {
     const int snapshotBytes = pcap_snapshot(capture);
     if (snapshotBytes < kFullFrameBytes) {
@@ -86,6 +69,10 @@ void describeSavefile(pcap_t* capture) {
     if (pcap_is_swapped(capture)) logPrint("Note: swapped save file\n");
     logPrint("savefile created by pcap version %d.%d\n", pcap_major_version(capture),
              pcap_minor_version(capture));
+}
+
+bool isSaved(pcap_t* capture) {
+    return pcap_file(capture) != nullptr;
 }
 
 // The process has several threads, so that each read of a stream would take its lock. One thread
@@ -132,7 +119,7 @@ pcap_t* openLive(const char* interfaceName) {
 
 pcap_t* openOffline(const char* path) {
     char error[PCAP_ERRBUF_SIZE] = "";
-    pcap_t* const capture = openWithReadAhead(path, error);
+    pcap_t* const capture = savedCaptureOpen(path, error);
     if (capture == nullptr) {
         logPrint("pcap_open_offline: %s", error);
         return nullptr;
@@ -152,13 +139,15 @@ bool installFilter(pcap_t* capture, const char* text) {
 
     const bool installed = pcap_setfilter(capture, &program) == 0;
     if (!installed) logPrint("pcap_setfilter: %s", pcap_geterr(capture));
+    if (installed && isSaved(capture)) savedCaptureSwapFilter(program);
     pcap_freecode(&program);  // the source has a copy of its own
     return installed;
 }
 
 void runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count) {
     CaptureContext context = {packetHandler};
-    if (pcap_loop(capture, count, frameHandler, reinterpret_cast<u_char*>(&context)) < 0) {
-        logPrint("pcap_loop: %s", pcap_geterr(capture));
-    }
+    u_char* const user = reinterpret_cast<u_char*>(&context);
+    const int ended = isSaved(capture) ? savedCaptureLoop(count, frameHandler, user)
+                                       : pcap_loop(capture, count, frameHandler, user);
+    if (ended < 0) logPrint("pcap_loop: %s", pcap_geterr(capture));
 }

@@ -1,12 +1,15 @@
 #include "trace/capture/capture_session.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/capture_file.h"
@@ -17,31 +20,96 @@
 
 namespace {
 
-std::vector<TimeSpec> times;
+struct Reading {
+    std::vector<TimeSpec> times;
+    std::vector<Bytes> packets;
+    bool failed = false;
 
-void takePacket(TimeSpec time, const uint8_t*, size_t) {
-    times.push_back(time);
+    bool operator==(const Reading&) const = default;
+};
+
+Reading taken;
+
+void takePacket(TimeSpec time, const uint8_t* ip, size_t length) {
+    taken.times.push_back(time);
+    taken.packets.push_back(Bytes(ip, ip + length));
 }
 
 SavedFrame someFrame(uint32_t fraction = 0) {
     return {100, fraction, ethernetFrame(udpPacket({}, Bytes(40)))};
 }
 
+// Of a size, the number in its bytes.
+SavedFrame numberedFrame(uint32_t number, size_t sizeBytes) {
+    return {100, number, Bytes(sizeBytes, static_cast<uint8_t>(number))};
+}
+
+// More than the process reads at once, of frames that end anywhere in it; a few are larger than the
+// largest datagram.
+std::vector<SavedFrame> manyFrames() {
+    std::vector<SavedFrame> frames;
+    for (uint32_t number = 0; number < 2000; ++number) {
+        const size_t sizeBytes =
+            number % 300 == 299 ? 69'600 + number / 20 : 60 + number * 7 % 1400;
+        frames.push_back(numberedFrame(number, sizeBytes));
+    }
+    return frames;
+}
+
+Reading libpcapReads(const std::string& path, const char* filter) {
+    taken = {};
+    char error[PCAP_ERRBUF_SIZE];
+    pcap_t* const capture = pcap_open_offline(path.c_str(), error);
+    bpf_program program;
+    EXPECT_EQ(pcap_compile(capture, &program, filter, 0, 0), 0);
+    EXPECT_EQ(pcap_setfilter(capture, &program), 0);
+    CaptureContext context = {takePacket};
+    taken.failed = pcap_loop(capture, 0, frameHandler, reinterpret_cast<u_char*>(&context)) < 0;
+    pcap_freecode(&program);
+    pcap_close(capture);
+    return taken;
+}
+
 struct CaptureSession : testing::Test {
     ~CaptureSession() override { resetCapture(); }
 
     // Hands over what the capture holds.
-    void read(const std::string& text) {
-        writeFile(path, text);
-        captureState.captureHandle = openOffline(path.c_str());
+    void read(const std::string& source, const char* filter) {
+        captureState.captureHandle = openOffline(source.c_str());
         ASSERT_NE(captureState.captureHandle, nullptr);
-        times.clear();
+        testing::internal::CaptureStdout();  // the filter is told
+        EXPECT_TRUE(installFilter(captureState.captureHandle, filter));
+        (void)testing::internal::GetCapturedStdout();
+        taken = {};
         (void)run.logged();
         runCaptureLoop(captureState.captureHandle, takePacket, 0);
+        logged = run.logged();
+        taken.failed = !logged.empty();
         resetCapture();
     }
 
+    void read(const std::string& text) {
+        writeFile(path, text);
+        read(path, "");
+    }
+
+    // In pieces that end anywhere.
+    void readFromPipe(const std::string& text, const char* filter) {
+        const std::string pipe = folder.path("pipe");
+        ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+        std::thread writer([&] {
+            std::ofstream out(pipe);
+            for (size_t at = 0; at < text.size(); at += 1001) {
+                out << text.substr(at, 1001) << std::flush;
+            }
+        });
+        read(pipe, filter);
+        writer.join();
+        unlink(pipe.c_str());
+    }
+
     TraceRun run;
+    Lines logged;  // by the last reading
     const Folder folder;
     const std::string path = folder.path("in");
 };
@@ -66,7 +134,37 @@ TEST_F(CaptureSession, CapturesIntoALargeBuffer) {
 
 TEST_F(CaptureSession, CutsNanosecondStampsToMicroseconds) {
     read(captureText({someFrame(123456789)}, {.nanoseconds = true}));
-    EXPECT_EQ(times, (std::vector<TimeSpec>{{100, 123456000}}));
+    EXPECT_EQ(taken.times, (std::vector<TimeSpec>{{100, 123456000}}));
+}
+
+// Frames come as from libpcap, those too that it doesn't see.
+TEST_F(CaptureSession, ReadsWhatLibpcapReads) {
+    const std::vector<SavedFrame> frames = manyFrames();
+    const std::string plain = captureText(frames, {.snapshotBytes = 262144});
+    const struct {
+        const char* what;
+        std::string text;
+        const char* filter = "";
+    } cases[] = {
+        {"plain", plain},
+        {"filtered", plain, "greater 1000"},
+        {"larger than promised", captureText(frames, {.snapshotBytes = 100})},
+        {"of nanoseconds", captureText(frames, {.nanoseconds = true})},
+        {"of the other byte order", captureText(frames, {.bigEndian = true})},
+        {"of version 2.3", std::string(plain).replace(6, 1, "\3")},
+        {"of bare IP", captureText(frames, {.linkType = 101})},
+        {"cut in a frame", plain.substr(0, 300'000)},
+        {"without frames", plain.substr(0, kCaptureHeadBytes)},
+    };
+    for (const auto& [what, text, filter] : cases) {
+        SCOPED_TRACE(what);
+        writeFile(path, text);
+        const Reading wanted = libpcapReads(path, filter);
+        read(path, filter);
+        EXPECT_TRUE(taken == wanted);
+        readFromPipe(text, filter);
+        EXPECT_TRUE(taken == wanted);
+    }
 }
 
 TEST_F(CaptureSession, StopsWhereARecordIsCutOrMakesNoSense) {
@@ -82,8 +180,7 @@ TEST_F(CaptureSession, StopsWhereARecordIsCutOrMakesNoSense) {
     };
     for (const auto& [text, packets] : cases) {
         read(text);
-        EXPECT_EQ(times.size(), packets);
-        const Lines logged = run.logged();
+        EXPECT_EQ(taken.times.size(), packets);
         ASSERT_EQ(logged.size(), 1u);
         EXPECT_TRUE(logged[0].starts_with("pcap_loop: "));
     }

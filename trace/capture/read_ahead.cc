@@ -1,0 +1,79 @@
+#include "trace/capture/read_ahead.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// Moves the rest ahead of the window and fills that anew. What read(2) gives.
+ssize_t step(ReadAhead& source) {
+    uint8_t* const window = source.bytes + kReadAheadMostHeldBytes;
+    const size_t restBytes = readAheadHeld(source);
+    std::memmove(window - restBytes, source.begin, restBytes);
+    source.begin = window - restBytes;
+    source.end = window;
+
+    ssize_t got;
+    do {
+        got = read(source.descriptor, window, kReadAheadWindowBytes);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) source.end += got;
+    return got;
+}
+
+ssize_t readStream(void* cookie, char* buffer, size_t sizeBytes) {
+    ReadAhead& source = *static_cast<ReadAhead*>(cookie);
+    if (source.begin == source.end) {
+        const ssize_t got = step(source);
+        if (got <= 0) return got;
+    }
+    const size_t taken = std::min(sizeBytes, readAheadHeld(source));
+    std::memcpy(buffer, source.begin, taken);
+    source.begin += taken;
+    return static_cast<ssize_t>(taken);
+}
+
+int closeStream(void* cookie) {
+    return close(static_cast<ReadAhead*>(cookie)->descriptor);
+}
+
+FILE* openStream(ReadAhead& source) {
+    const cookie_io_functions_t calls = {
+        .read = readStream, .write = nullptr, .seek = nullptr, .close = closeStream};
+    return fopencookie(&source, "rb", calls);
+}
+
+bool setBack(const ReadAhead& source) {
+    return lseek(source.descriptor, -static_cast<off_t>(readAheadHeld(source)), SEEK_CUR) >= 0;
+}
+
+}  // namespace
+
+void readAheadBegin(ReadAhead& source, int descriptor) {
+    source.descriptor = descriptor;
+    source.begin = source.end = source.bytes + kReadAheadMostHeldBytes;
+}
+
+bool readAheadFill(ReadAhead& source, size_t sizeBytes) {
+    while (readAheadHeld(source) < sizeBytes) {
+        if (step(source) <= 0) return false;
+    }
+    return true;
+}
+
+FILE* readAheadShare(ReadAhead& source) {
+    FILE* const stream = openStream(source);
+    if (stream != nullptr) (void)std::setvbuf(stream, nullptr, _IONBF, 0);
+    return stream;
+}
+
+FILE* readAheadHandOver(ReadAhead& source) {
+    if (!setBack(source)) return openStream(source);
+    FILE* const stream = fdopen(source.descriptor, "rb");
+    auto* const buffer = reinterpret_cast<char*>(source.bytes);
+    if (stream != nullptr) (void)std::setvbuf(stream, buffer, _IOFBF, kReadAheadWindowBytes);
+    return stream;
+}

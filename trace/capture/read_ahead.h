@@ -1,0 +1,58 @@
+// A source of bytes that is read in large steps, for two readers that take turns: one who wants the
+// bytes as they stand in the buffer, and libpcap, which wants a stream. Both go on at the same
+// place, wherever the other has stopped.
+//
+//     | room for a rest |          window          |
+//                | rest | bytes of one step   |
+//                begin                        end
+//
+// A step fills the window from its start, so that all steps through a file begin on a page of it. A
+// rest that is too short for whoever wants it first moves to just ahead of the window. A step takes
+// what the system has: a pipe's bytes are handed on as they come, and a file that grows is read to
+// where it ends at that moment.
+//
+// Ownership: the descriptor is the caller's until a stream takes it. The record must outlive the
+// stream.
+//
+// Failure: the stream tells of the system's faults as streams do, by errno.
+//
+// Threads: no lock; one thread reads a source.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+// Each system call brings many packets, and the window stays in the second cache on its way from
+// the system to them.
+constexpr size_t kReadAheadWindowBytes = 256 << 10;
+constexpr size_t kReadAheadMostHeldBytes = 68 << 10;
+
+struct ReadAhead {
+    int descriptor;
+    const uint8_t* begin;  // of what nobody has taken yet
+    const uint8_t* end;
+    uint8_t bytes[kReadAheadMostHeldBytes + kReadAheadWindowBytes];
+};
+
+void readAheadBegin(ReadAhead& source, int descriptor);
+
+// Reads on until so many bytes, at most kReadAheadMostHeldBytes, stand from `begin` on. False where
+// the source ended or failed first; what there was stands there then.
+[[nodiscard]] bool readAheadFill(ReadAhead& source, size_t sizeBytes);
+
+[[nodiscard]] inline size_t readAheadHeld(const ReadAhead& source) {
+    return static_cast<size_t>(source.end - source.begin);
+}
+
+[[nodiscard]] inline bool readAheadHolds(ReadAhead& source, size_t sizeBytes) {
+    return sizeBytes <= readAheadHeld(source) || readAheadFill(source, sizeBytes);
+}
+
+// Both give a stream that goes on at `begin` and closes the descriptor, or null when memory runs
+// out. The shared one holds no bytes of its own, so that turns may be taken, and is slow: the C
+// library reads such a stream byte by byte. The other ends all turns; where the source can be set
+// back it's an ordinary one.
+[[nodiscard]] FILE* readAheadShare(ReadAhead& source);
+[[nodiscard]] FILE* readAheadHandOver(ReadAhead& source);

@@ -1,0 +1,31 @@
+// A saved capture: read ahead in large steps, its frames handed on as they stand in the buffer.
+//
+// libpcap copies each frame out of a stream, by two calls of the C library. Nearly all captures are
+// of one plain kind that needs neither copy nor conversion: libpcap's classic format, version 2.4,
+// of Ethernet, in this machine's byte order and with microseconds.
+//
+//     head:    0 magic | 4 version | 8 ... 24
+//     record:  0 seconds | 4 microseconds | 8 bytes saved | 12 bytes sent | 16 frame ...
+//
+// Only whole records of plain captures are taken here. All else is left to libpcap, which reads on
+// at the same place: captures of other kinds, records that are cut or too large, the end, and
+// faults, for which it has its own words. So the result is what libpcap alone would give.
+//
+// Ownership: a capture belongs to whoever opened it. The process has one buffer: one capture is
+// open at a time.
+//
+// Threads: opening and filtering ahead of the loop; one thread runs it.
+
+#pragma once
+
+#include <pcap/pcap.h>
+
+// What pcap_open_offline does. "-" is the standard input.
+[[nodiscard]] pcap_t* savedCaptureOpen(const char* path, char* error);
+
+// Behind pcap_setfilter: the same program for frames that libpcap doesn't see. Swaps it for the one
+// before, which the caller frees.
+void savedCaptureSwapFilter(bpf_program& program);
+
+// What pcap_loop does for the capture that is open. A frame's bytes are borrowed for the call.
+[[nodiscard]] int savedCaptureLoop(int count, pcap_handler handler, u_char* user);
