@@ -29,6 +29,9 @@ FAULTS = {
     "up to the tool": (
         {"lib/transport/t.h": '#include "trace/run/x.h"\n'},
         "lib/transport/t.h:1: includes trace/run/x.h, a floor above its own"),
+    "into another program": (
+        {"pmd/router.h": '#include "trace/run/x.h"\n'},
+        "pmd/router.h:1: includes trace/run/x.h, of another program"),
     "into the tests": (
         {"trace/run/x.h": '#include "tests/support/s.h"\n'},
         "trace/run/x.h:1: includes tests/support/s.h, which is on no floor"),

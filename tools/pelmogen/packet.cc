@@ -20,7 +20,6 @@ constexpr size_t kUdpBytes = 8;
 constexpr uint8_t kProtocolUdp = 17;
 constexpr uint8_t kTimeToLive = 16;
 
-constexpr size_t kLengthOffset = 28;
 constexpr uint32_t kRreqItemsMax = 12;
 
 bool isMulticast(uint32_t address) {
@@ -56,7 +55,7 @@ void putDataHeader(ByteWriter& out, const PacketPlan& plan, OskaType type) {
 }
 
 void setDataLength(ByteWriter& out) {
-    storeBe16At(out.room.data() + kLengthOffset,
+    storeBe16At(out.room.data() + kOskaDataLengthOffset,
                 static_cast<uint16_t>(out.used - kDataHeaderBytes));
 }
 

@@ -76,7 +76,7 @@ void checkDstSameIp(Inspection& inspection) {
 
 uint32_t checkDataLength(Inspection& inspection) {
     const OskaPacket& packet = inspection.packet;
-    const auto length = static_cast<int16_t>(loadBe16(packet.header, kOskaLengthOffset));
+    const auto length = static_cast<int16_t>(loadBe16(packet.header, kOskaDataLengthOffset));
     if (length <= 0) {
         inspection.bad = true;
         complain(packet.srcIp, "OSKA %s packet with invalid length (%d)", inspection.word, length);

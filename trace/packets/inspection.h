@@ -34,6 +34,4 @@ void checkDstSameIp(Inspection& inspection);  // the address in the IP header
 // Reads and checks how many data bytes follow the header: the signed 16-bit word at offset 28. A
 // length that isn't positive gives 0. A length that runs past the capture's cut can't be checked
 // and is believed.
-constexpr size_t kOskaLengthOffset = 28;
-constexpr size_t kOskaDataHeaderBytes = 32;
 [[nodiscard]] uint32_t checkDataLength(Inspection& inspection);

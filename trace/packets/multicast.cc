@@ -8,9 +8,7 @@
 
 namespace {
 
-constexpr size_t kFragmentOffset = 30;
 constexpr size_t kNullHeaderBytes = 24;
-constexpr size_t kReliabilityOffset = 24;
 constexpr size_t kReliableNullHeaderBytes = 32;
 
 constexpr uint16_t kFragmentWhole = 0;
@@ -26,7 +24,7 @@ HostEntry* findSender(const OskaPacket& packet) {
 
 // False where the scan found a fault.
 bool scanData(const HostEntry& sender, const OskaPacket& packet) {
-    const uint16_t fragment = loadBe16(packet.header, kFragmentOffset);
+    const uint16_t fragment = loadBe16(packet.header, kOskaFragmentOffset);
     if (fragment > kFragmentRunsOn) return true;
     const bool strict = packet.complete && fragment == kFragmentWhole;
     const auto payload = packet.header.left.subspan(kOskaDataHeaderBytes);
@@ -99,7 +97,7 @@ void nullHandle(const OskaPacket& packet) {
 
     HostEntry& host = *sender;
     if (reliable) {
-        host.reliability = std::bit_cast<double>(loadBe64(packet.header, kReliabilityOffset));
+        host.reliability = std::bit_cast<double>(loadBe64(packet.header, kOskaReliabilityOffset));
     }
     followNull(host, loadBe32(packet.header, kOskaEpochOffset),
                loadBe32(packet.header, kOskaSeqOffset));

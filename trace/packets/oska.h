@@ -1,38 +1,11 @@
-// OSKA, the datagram protocol of the bus: the start that all its packets share, directly behind the
-// UDP header. Big-endian throughout.
-//
-//     0       4       8       12      16     18     20      24
-//     | magic |  src  | epoch |  dst  | type |      |  seq  | by type ...
-//
-// With the epoch's top bit set, the UDP source port is the sender's SCid; with it clear the sender
-// has none.
+// A packet of OSKA (lib/msg/oska.h) as the tool handles it.
 
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "lib/base/bytes.h"
-
-constexpr uint32_t kOskaMagic = 0x88fa6923;
-constexpr uint32_t kOskaEpochHasScid = 0x80000000;
-
-constexpr size_t kOskaSrcOffset = 4;
-constexpr size_t kOskaEpochOffset = 8;
-constexpr size_t kOskaDstOffset = 12;
-constexpr size_t kOskaTypeOffset = 16;
-constexpr size_t kOskaSeqOffset = 20;
-
-enum OskaType : int16_t {
-    kOskaData = 1,
-    kOskaRreq = 3,
-    kOskaNull = 4,
-    kOskaRrej = 5,
-    kOskaPtpData = 6,
-    kOskaPtpAckme = 7,
-    kOskaPtpAck = 8,
-    kOskaPtpNak = 9,
-};
+#include "lib/msg/oska.h"
 
 struct HostEntry;
 

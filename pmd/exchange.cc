@@ -1,0 +1,364 @@
+#include "pmd/exchange.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "lib/base/log.h"
+#include "lib/base/text.h"
+#include "lib/containers/subject.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
+#include "lib/msg/message_typed.h"
+#include "pmd/incoming.h"
+
+namespace {
+
+constexpr const char* kWarnClass = "WARN";
+constexpr const char* kWarnSource = "SYSTEM";
+
+Peer* peerOf(Member* member) {
+    return reinterpret_cast<Peer*>(member);
+}
+static_assert(offsetof(Peer, member) == 0);
+
+bool isSameSubject(const uint8_t* left, const uint8_t* right) {
+    const size_t length = subjectLength(right);
+    return subjectLength(left) == length && subjectIs(left, right, length);
+}
+
+// A batch under way: messages from `runBegin` on have the receivers of the exchange's run.
+struct BatchWalk {
+    Exchange* exchange;
+    Peer* peer;
+    MessageRun batch;
+    size_t runBegin, runEnd;
+};
+
+bool hasReceivers(const Exchange* exchange, Receivers receivers) {
+    return exchange->receiverCount == receivers.size() &&
+           std::equal(receivers.begin(), receivers.end(), exchange->receivers);
+}
+
+// The run's own copy: those of a match end with the next one.
+bool keepReceivers(Exchange* exchange, Receivers receivers) {
+    const auto count = static_cast<uint32_t>(receivers.size());
+    if (count > exchange->receiverCapacity) {
+        void* grown = std::realloc(exchange->receivers, count * sizeof(Member*));
+        if (grown == nullptr) return false;
+        exchange->receivers = static_cast<Member**>(grown);
+        exchange->receiverCapacity = count;
+    }
+    std::copy(receivers.begin(), receivers.end(), exchange->receivers);
+    exchange->receiverCount = count;
+    return true;
+}
+
+void deliverTo(Exchange* exchange, Member* sender, MessageRun run) {
+    for (uint32_t i = 0; i < exchange->receiverCount; ++i) {
+        Member* member = exchange->receivers[i];
+        if (member == sender && !member->echo) continue;
+        exchange->ops.deliver(exchange->closure, member, run);
+        exchange->delivered += run.size();
+    }
+}
+
+void finishRun(BatchWalk& walk) {
+    Exchange* exchange = walk.exchange;
+    const MessageRun run = walk.batch.subspan(walk.runBegin, walk.runEnd - walk.runBegin);
+    walk.runBegin = walk.runEnd;
+    exchange->runSubject = nullptr;
+    if (run.empty()) return;
+    exchange->routed += run.size();
+    deliverTo(exchange, &walk.peer->member, run);
+    if (exchange->ops.publish != nullptr) exchange->ops.publish(exchange->closure, run);
+}
+
+void skip(BatchWalk& walk, size_t at) {
+    finishRun(walk);
+    walk.runBegin = walk.runEnd = at + 1;
+}
+
+bool maySend(BatchWalk& walk, const uint8_t* subject) {
+    Peer* peer = walk.peer;
+    if (peer->member.hidden || !subjectIsReserved(subject)) return true;
+    ++walk.exchange->ignored;
+    if (!peer->toldReserved) {
+        logPrint("client %u (%s) isn't hidden: what it sends on \"_PM\" is dropped", peer->clientId,
+                 peer->start.user);
+    }
+    peer->toldReserved = true;
+    return false;
+}
+
+// A message with other receivers begins a run of its own.
+void routeData(BatchWalk& walk, size_t at, const uint8_t* subject) {
+    Exchange* exchange = walk.exchange;
+    if (exchange->runSubject != nullptr && isSameSubject(exchange->runSubject, subject)) {
+        walk.runEnd = at + 1;
+        return;
+    }
+    if (!maySend(walk, subject)) return skip(walk, at);
+
+    Receivers receivers;
+    pelmoStatus status = routerMatch(walk.peer->member.realm, subject, &receivers);
+    if (status == kStatusSuccess && !hasReceivers(exchange, receivers)) {
+        finishRun(walk);
+        if (!keepReceivers(exchange, receivers)) status = kStatusNoMemory;
+    }
+    if (status != kStatusSuccess) {
+        ++exchange->lost;
+        return skip(walk, at);
+    }
+    exchange->runSubject = subject;
+    walk.runEnd = at + 1;
+}
+
+// Sends to one peer alone, and releases.
+void answer(Exchange* exchange, Peer* peer, pelmoMsg* message) {
+    exchange->ops.deliver(exchange->closure, &peer->member, {&message, 1});
+    msgRelease(message);
+}
+
+bool isSameProcess(const Peer* left, const StartMessage& right) {
+    return left->start.pid == right.pid && std::strcmp(left->start.user, right.user) == 0;
+}
+
+// A client that reconnects may be back ahead of the news that its old connection is lost.
+pelmoStatus claimSession(Exchange* exchange, Peer* peer, const StartMessage& start) {
+    if (start.session[0] == '\0') return kStatusSuccess;
+    Member* holder = nullptr;
+    const pelmoStatus status = routerClaim(&peer->member, start.session, &holder);
+    if (status != kStatusAlreadyExists || holder == nullptr) return status;
+    if (!isSameProcess(peerOf(holder), start)) return status;
+    exchangeLeave(exchange, peerOf(holder));
+    exchange->ops.cutOff(exchange->closure, holder, "its session goes on on another connection");
+    return routerClaim(&peer->member, start.session, &holder);
+}
+
+pelmoStatus joinRealm(Exchange* exchange, Peer* peer, const StartMessage& start) {
+    if (peer->member.realm == nullptr) {
+        return routerJoin(&exchange->router, &peer->member, start.service, start.network);
+    }
+    const bool isSame = std::strcmp(peer->start.service, start.service) == 0 &&
+                        std::strcmp(peer->start.network, start.network) == 0;
+    return isSame ? kStatusSuccess : kStatusArgumentsConflict;
+}
+
+pelmoStatus startSession(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
+    StartMessage start;
+    pelmoStatus status = startMessageRead(msg, &start);
+    if (status == kStatusSuccess) status = joinRealm(exchange, peer, start);
+    if (status == kStatusSuccess) status = claimSession(exchange, peer, start);
+    if (status != kStatusSuccess) return status;
+    if (peer->clientId == 0) {
+        peer->clientId = clientIdTake(&exchange->ids, sessionClientId(start.session));
+    }
+    if (peer->clientId == 0) return kStatusQueueLimit;
+
+    pelmoMsg* reply = nullptr;
+    status = sessionAnswerMake(&reply, exchange->ground, peer->clientId, peer->serial);
+    if (status != kStatusSuccess) return status;
+    peer->start = start;
+    peer->member.echo = start.echo;
+    peer->member.hidden = start.hide;
+    answer(exchange, peer, reply);
+    return kStatusSuccess;
+}
+
+const char* takeStart(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
+    const pelmoStatus status = startSession(exchange, peer, msg);
+    if (status == kStatusSuccess) return nullptr;
+    pelmoMsg* refusal = nullptr;
+    if (sessionRefusalMake(&refusal, status) == kStatusSuccess) answer(exchange, peer, refusal);
+    switch (status) {
+        case kStatusAlreadyExists:
+            return "its session is another client's";
+        case kStatusArgumentsConflict:
+            return "its start messages contradict each other";
+        case kStatusNoMemory:
+            return "there is no memory for its session";
+        default:
+            return "its start message is wrong";
+    }
+}
+
+const char* takeListen(Peer* peer, const uint8_t* subject) {
+    switch (routerListen(&peer->member, subject)) {
+        case kStatusSuccess:
+            return nullptr;
+        case kStatusNotPermitted:
+            return "it listens to an inbox of another client";
+        case kStatusQueueLimit:
+            return "it listens to too many subjects";
+        default:
+            return "there is no memory for its interest";
+    }
+}
+
+void controlHidden(Peer* peer, pelmoMsg* msg) {
+    uint32_t flag = 0;
+    if (pelmoMsg_GetBool(msg, "data", &flag, 0) == kStatusSuccess) peer->member.hidden = flag != 0;
+}
+
+void controlEcho(Peer* peer, pelmoMsg* msg) {
+    uint32_t flag = 0;
+    if (pelmoMsg_GetBool(msg, "data", &flag, 0) == kStatusSuccess) peer->member.echo = flag != 0;
+}
+
+void controlReliability(Peer* peer, pelmoMsg* msg) {
+    double seconds = 0;
+    if (pelmoMsg_GetF64(msg, "data", &seconds, 0) != kStatusSuccess) return;
+    peer->start.reliabilitySeconds = seconds;
+}
+
+void controlDescription(Peer* peer, pelmoMsg* msg) {
+    const char* text = nullptr;
+    if (pelmoMsg_GetString(msg, "data", &text, 0) != kStatusSuccess || text == nullptr) return;
+    boundedCopy(peer->start.description, text, sizeof peer->start.description);
+}
+
+// Nothing here asks for the address of a client's pages.
+void controlHttpAddress(Peer*, pelmoMsg*) {}
+
+struct Control {
+    char letter;
+    void (*apply)(Peer* peer, pelmoMsg* msg);
+};
+
+constexpr Control kControls[] = {
+    {'C', controlHidden},      {'E', controlEcho},        {'R', controlReliability},
+    {'D', controlDescription}, {'H', controlHttpAddress},
+};
+
+// Letters that newer clients may send are ignored.
+void takeControl(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
+    const char* letter = nullptr;
+    if (pelmoMsg_GetString(msg, "control", &letter, 0) == kStatusSuccess && letter != nullptr) {
+        for (const Control& control : kControls) {
+            if (letter[0] == control.letter && letter[1] == '\0') return control.apply(peer, msg);
+        }
+    }
+    ++exchange->ignored;
+}
+
+const char* takeOther(BatchWalk& walk, size_t at, const Incoming& incoming) {
+    constexpr const char* kNoSubject = "it tells an interest without a subject";
+    skip(walk, at);
+    Exchange* exchange = walk.exchange;
+    Peer* peer = walk.peer;
+    pelmoMsg* msg = walk.batch[at];
+    switch (incoming.kind) {
+        case IncomingKind::kCorrupt:
+            return "it sent a message that is corrupt";
+        case IncomingKind::kStart:
+            return takeStart(exchange, peer, msg);
+        case IncomingKind::kListen:
+            return incoming.subject == nullptr ? kNoSubject : takeListen(peer, incoming.subject);
+        case IncomingKind::kUnlisten:
+            if (incoming.subject == nullptr) return kNoSubject;
+            routerUnlisten(&peer->member, incoming.subject);
+            return nullptr;
+        case IncomingKind::kControl:
+            takeControl(exchange, peer, msg);
+            return nullptr;
+        default:
+            ++exchange->ignored;
+            return nullptr;
+    }
+}
+
+pelmoStatus makeWarning(pelmoMsg** out,
+                        const char* name,
+                        const Peer* about,
+                        const char* description) {
+    const char* session = about->start.session;
+    char full[kSubjectTextBytes];
+    boundedFormat(full, sizeof full, "%s%s%s", name, session[0] != '\0' ? "." : "", session);
+    char text[kSubjectTextBytes];
+    boundedFormat(text, sizeof text, "_PM.%s.%s.%s", kWarnClass, kWarnSource, full);
+    pelmoMsg* msg = nullptr;
+    pelmoStatus status = msgCreateEnveloped(&msg, text, nullptr, 0);
+    if (status != kStatusSuccess) return status;
+    HeldMessage held(msg);
+    status = pelmoMsg_AddString(msg, "ADV_CLASS", kWarnClass, 0);
+    if (status == kStatusSuccess) status = pelmoMsg_AddString(msg, "ADV_SOURCE", kWarnSource, 0);
+    if (status == kStatusSuccess) status = pelmoMsg_AddString(msg, "ADV_NAME", full, 0);
+    if (status == kStatusSuccess) status = pelmoMsg_AddString(msg, "ADV_DESC", description, 0);
+    if (status == kStatusSuccess) status = msgCloseEnvelope(msg);
+    if (status == kStatusSuccess) *out = held.release();
+    return status;
+}
+
+}  // namespace
+
+bool exchangeInit(Exchange* exchange,
+                  const SessionGround& ground,
+                  const ExchangeOps& ops,
+                  void* closure) {
+    *exchange = {};
+    exchange->ground = ground;
+    exchange->ops = ops;
+    exchange->closure = closure;
+    return routerInit(&exchange->router);
+}
+
+void exchangeFree(Exchange* exchange) {
+    routerFree(&exchange->router);
+    std::free(exchange->receivers);
+    exchange->receivers = nullptr;
+}
+
+void exchangeEnter(Exchange* exchange, Peer* peer, void* owner) {
+    *peer = {};
+    peer->member.owner = owner;
+    peer->serial = ++exchange->nextSerial;
+}
+
+void exchangeLeave(Exchange* exchange, Peer* peer) {
+    routerLeave(&exchange->router, &peer->member);
+    if (peer->clientId != 0) clientIdGive(&exchange->ids, peer->clientId);
+    peer->clientId = 0;
+}
+
+const char* exchangeTake(Exchange* exchange, Peer* peer, MessageRun batch) {
+    BatchWalk walk = {
+        .exchange = exchange, .peer = peer, .batch = batch, .runBegin = 0, .runEnd = 0};
+    exchange->runSubject = nullptr;
+    exchange->receiverCount = 0;
+    const char* fault = nullptr;
+    for (size_t at = 0; at < batch.size() && fault == nullptr; ++at) {
+        const pelmoMsg* msg = batch[at];
+        const Incoming incoming = incomingRead({msgImage(msg), msg->length});
+        if (!peerHasStarted(peer) && incoming.kind != IncomingKind::kStart) {
+            fault = "it sent a message ahead of its start message";
+        } else if (incoming.kind == IncomingKind::kData) {
+            routeData(walk, at, incoming.subject);
+        } else {
+            fault = takeOther(walk, at, incoming);
+        }
+    }
+    finishRun(walk);
+    return fault;
+}
+
+void exchangeWarn(Exchange* exchange,
+                  Realm* realm,
+                  const char* name,
+                  const Peer* about,
+                  const char* description) {
+    pelmoMsg* warning = nullptr;
+    if (makeWarning(&warning, name, about, description) != kStatusSuccess) {
+        ++exchange->lost;
+        return;
+    }
+    Receivers receivers;
+    const uint8_t* subject = incomingRead({msgImage(warning), warning->length}).subject;
+    if (subject != nullptr && routerMatch(realm, subject, &receivers) == kStatusSuccess) {
+        for (Member* member : receivers) {
+            exchange->ops.deliver(exchange->closure, member, {&warning, 1});
+        }
+    }
+    msgRelease(warning);
+}

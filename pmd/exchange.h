@@ -1,0 +1,95 @@
+// The exchange: what the daemon does with the messages of its clients. It starts sessions, keeps
+// the interest, and routes; what comes of it leaves by a table of functions. It knows no
+// connection, no lock and no clock.
+//
+// A peer is a client as the exchange sees it: from exchangeEnter, when its queue stands, to
+// exchangeLeave. Its first message has to be a start message.
+//
+// A batch is the messages of one read, in order. Those that lie one behind the other and have the
+// same receivers make a run, which is delivered as one: so a stream on a few subjects costs each
+// receiver a few steps a batch, however many messages it has.
+//
+// Ownership: peers are their owner's and stay in place from enter to leave; messages are borrowed
+// for the call, runs for the call of a function of the table.
+//
+// Failure: where memory runs out, a message isn't delivered and is counted as lost; an interest
+// that can't be kept, or a start message that can't be answered, is the end of the peer.
+//
+// Threads: no lock; the owner serialises all calls. Functions of the table don't call back.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "pmd/registry/session.h"
+#include "pmd/router.h"
+
+struct pelmoMsg;
+
+using MessageRun = std::span<pelmoMsg* const>;
+
+struct ExchangeOps {
+    void (*deliver)(void* closure, Member* to, MessageRun run);
+
+    // All that is routed, whether anybody listens or not; null where nobody wants it.
+    void (*publish)(void* closure, MessageRun run);
+
+    // The peer has left already; its owner ends the connection.
+    void (*cutOff)(void* closure, Member* member, const char* why);
+};
+
+struct Peer {
+    Member member;  // its owner is the peer's
+
+    // The exchange's.
+    uint32_t serial;     // among all peers of the daemon
+    uint16_t clientId;   // 0 until it has started
+    bool toldReserved;   // the log has told of a message on a reserved subject
+    StartMessage start;  // the last one; its session may be empty
+};
+
+struct Exchange {
+    Router router;
+    ClientIds ids;
+    SessionGround ground;
+    ExchangeOps ops;
+    void* closure;
+    uint32_t nextSerial;
+
+    // Counts.
+    uint64_t routed;     // messages, once each
+    uint64_t delivered;  // messages, once for each receiver
+    uint64_t lost;       // for lack of memory
+    uint64_t ignored;    // without a meaning here, or not permitted
+
+    // Of the run that is being gathered.
+    const uint8_t* runSubject;  // of its last message
+    Member** receivers;
+    uint32_t receiverCount, receiverCapacity;
+};
+
+// False when memory runs out.
+[[nodiscard]] bool exchangeInit(Exchange* exchange,
+                                const SessionGround& ground,
+                                const ExchangeOps& ops,
+                                void* closure);
+
+// All peers have left.
+void exchangeFree(Exchange* exchange);
+
+// `owner` is the member's, for the functions of the table.
+void exchangeEnter(Exchange* exchange, Peer* peer, void* owner);
+void exchangeLeave(Exchange* exchange, Peer* peer);
+
+// Null, or why the peer is to be cut off: it breaks the rules, and what came behind that in the
+// batch is dropped. Constant text, for a log line that begins with the client.
+[[nodiscard]] const char* exchangeTake(Exchange* exchange, Peer* peer, MessageRun batch);
+
+[[nodiscard]] inline bool peerHasStarted(const Peer* peer) {
+    return peer->clientId != 0;
+}
+
+// Tells those of the realm who listen to it: "_PM.WARN.SYSTEM.NAME.SESSION".
+void exchangeWarn(
+    Exchange* exchange, Realm* realm, const char* name, const Peer* about, const char* description);

@@ -1,0 +1,161 @@
+// An exchange with peers by name, and a journal of what it does: each run that is delivered, each
+// peer that is cut off.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "pmd/exchange.h"
+#include "tests/support/envelope_bytes.h"
+#include "tests/support/message_values.h"
+
+// Messages in the closed form in which they come from a connection.
+inline Message closed(Message msg) {
+    EXPECT_EQ(msgCloseEnvelope(msg.get()), kStatusSuccess);
+    return messageFrom(wireOf(msg.get()));
+}
+
+inline Message dataOn(const char* subject) {
+    Message msg = appMessage();
+    EXPECT_EQ(pelmoMsg_SetSendSubject(msg.get(), subject), kStatusSuccess);
+    return closed(std::move(msg));
+}
+
+inline Message interest(const char* kind, const char* subject) {
+    Message msg = newMessage();
+    EXPECT_EQ(pelmoMsg_AddString(msg.get(), "mtype", kind, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_AddSubjectText(msg.get(), "sub", subject, 0), kStatusSuccess);
+    return messageFrom(wireOf(msg.get()));
+}
+
+inline Message control(const char* letter, bool on) {
+    Message msg = newMessage();
+    EXPECT_EQ(pelmoMsg_AddString(msg.get(), "mtype", "S", 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_AddString(msg.get(), "control", letter, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_AddBool(msg.get(), "data", on ? 1 : 0, 0), kStatusSuccess);
+    return messageFrom(wireOf(msg.get()));
+}
+
+struct StartFields {
+    const char* session = "";
+    const char* service = "";
+    const char* network = "";
+    int32_t pid = 7;
+    bool echo = true;
+    const char* without = "";  // a required field to leave out
+};
+
+inline Message startMessage(const StartFields& fields = {}) {
+    Message msg = newMessage();
+    const auto wanted = [&](const char* name) { return std::string(fields.without) != name; };
+    const auto text = [&](const char* name, const char* value) {
+        if (wanted(name)) {
+            EXPECT_EQ(pelmoMsg_AddString(msg.get(), name, value, 0), kStatusSuccess);
+        }
+    };
+    text("mtype", "I");
+    text("userid", "joe");
+    if (*fields.session != '\0') text("session", fields.session);
+    text("service", fields.service);
+    text("network", fields.network);
+    for (const char* name : {"vmaj", "vmin", "vupd", "pid"}) {
+        if (wanted(name)) {
+            EXPECT_EQ(pelmoMsg_AddI32(msg.get(), name, fields.pid, 0), kStatusSuccess);
+        }
+    }
+    if (wanted("rc")) {
+        EXPECT_EQ(pelmoMsg_AddBool(msg.get(), "rc", 0, 0), kStatusSuccess);
+    }
+    if (!fields.echo) {
+        EXPECT_EQ(pelmoMsg_AddBool(msg.get(), "echo", 0, 0), kStatusSuccess);
+    }
+    return messageFrom(wireOf(msg.get()));
+}
+
+// Entries such as "a < 3 on X.Y", "a < R", "a cut", "wire 3".
+using Journal = std::vector<std::string>;
+
+struct TestBus {
+    Exchange exchange;
+    std::map<std::string, std::unique_ptr<Peer>> peers;
+    Journal journal;
+    std::map<std::string, std::string> answers;  // text of the last one that a peer got
+    bool quiet = false;                          // no journal, which takes memory
+
+    explicit TestBus(bool wire = false) {
+        const ExchangeOps ops = {onDeliver, wire ? onPublish : nullptr, onCutOff};
+        const SessionGround ground = {0x18c0ffee000, 0x1234, 0x0100007f, 0x4c1d};
+        EXPECT_TRUE(exchangeInit(&exchange, ground, ops, this));
+    }
+
+    ~TestBus() {
+        for (auto& [name, peer] : peers) {
+            exchangeLeave(&exchange, peer.get());
+        }
+        exchangeFree(&exchange);
+    }
+
+    Peer* enter(const std::string& name) {
+        auto& peer = peers[name] = std::make_unique<Peer>();
+        exchangeEnter(&exchange, peer.get(), this);
+        return peer.get();
+    }
+
+    // Null, or the fault.
+    template <typename... Messages>
+    const char* take(const std::string& name, const Messages&... messages) {
+        pelmoMsg* const batch[] = {messages.get()...};
+        return exchangeTake(&exchange, peers[name].get(), batch);
+    }
+
+    // Enters, starts and listens.
+    void join(const std::string& name,
+              std::initializer_list<const char*> subjects,
+              const StartFields& fields = {}) {
+        enter(name);
+        EXPECT_EQ(take(name, startMessage(fields)), nullptr);
+        for (const char* subject : subjects) {
+            EXPECT_EQ(take(name, interest("L", subject)), nullptr) << subject;
+        }
+        journal.clear();
+    }
+
+    Journal takeJournal() { return std::exchange(journal, {}); }
+
+    std::string nameOf(const Member* member) const {
+        for (const auto& [name, peer] : peers) {
+            if (&peer->member == member) return name;
+        }
+        return "?";
+    }
+
+    static void onDeliver(void* closure, Member* to, MessageRun run) {
+        auto* bus = static_cast<TestBus*>(closure);
+        if (bus->quiet) return;
+        const std::string name = bus->nameOf(to);
+        Message first = messageFrom(wireOf(run.front()));
+        const char* kind = nullptr;
+        if (pelmoMsg_GetString(first.get(), "mtype", &kind, 0) == kStatusSuccess && *kind == 'R') {
+            bus->answers[name] = textOf(first.get());
+            return bus->journal.push_back(name + " < R");
+        }
+        EXPECT_EQ(msgOpenEnvelope(first.get()), kStatusSuccess);
+        bus->journal.push_back(name + " < " + std::to_string(run.size()) + " on " +
+                               sendSubjectOf(first.get()));
+    }
+
+    static void onPublish(void* closure, MessageRun run) {
+        auto* bus = static_cast<TestBus*>(closure);
+        bus->journal.push_back("wire " + std::to_string(run.size()));
+    }
+
+    static void onCutOff(void* closure, Member* member, const char*) {
+        auto* bus = static_cast<TestBus*>(closure);
+        bus->journal.push_back(bus->nameOf(member) + " cut");
+    }
+};

@@ -1,0 +1,267 @@
+// The exchange: who gets what, in which runs, and who is cut off.
+
+#include "pmd/exchange.h"
+
+#include "tests/pmd/bus_fixture.h"
+#include "tests/support/fail_alloc.h"
+
+namespace {
+
+constexpr const char* kSession = "7F000001.U0001.G1";
+
+struct Routing {
+    const char* what;
+    std::initializer_list<const char*> interest;  // of "b"
+    const char* subject;                          // that "a" sends on
+    bool reaches;
+};
+
+TEST(Exchange, RoutesBySubject) {
+    const Routing cases[] = {
+        {"the same", {"A.B"}, "A.B", true},
+        {"another", {"A.B"}, "A.C", false},
+        {"one element", {"A.*"}, "A.C", true},
+        {"the rest", {"A.>"}, "A.B.C", true},
+        {"once for two interests", {"A.>", "A.B", "*.B"}, "A.B", true},
+        {"no inbox for a listener on all",
+         {">", "*.*", "*.>"},
+         "_INBOX.7F000001.U0001.G1.5",
+         false},
+        {"a daemon's inbox", {"_INBOX.X.DAEMON.>"}, "_INBOX.X.DAEMON.1", true},
+        {"no pattern of inboxes", {"_INBOX.X.DAEMON.1"}, "_INBOX.X.DAEMON.*", false},
+        {"nothing reserved from one that isn't hidden", {">"}, "_PM.WARN.X", false},
+        {"what only begins like it", {">"}, "_PMX.WARN", true},
+    };
+    for (const Routing& c : cases) {
+        TestBus bus;
+        bus.join("a", {});
+        bus.join("b", c.interest);
+        bus.join("other network", {">"}, {.network = "10.0.0.1"});
+        bus.join("other service", {">"}, {.service = "7501"});
+        EXPECT_EQ(bus.take("a", dataOn(c.subject)), nullptr) << c.what;
+        const Journal wanted = {std::string("b < 1 on ") + c.subject};
+        EXPECT_EQ(bus.takeJournal(), c.reaches ? wanted : Journal()) << c.what;
+    }
+}
+
+TEST(Exchange, BringsInboxesToTheirOwnerAlone) {
+    TestBus bus;
+    bus.join("a", {}, {.session = kSession});
+    bus.join("b", {">"}, {.session = "7F000001.U0002.G1"});
+    EXPECT_EQ(bus.take("a", interest("L", "_INBOX.7F000001.U0001.G1.>")), nullptr);
+    EXPECT_EQ(bus.take("b", dataOn("_INBOX.7F000001.U0001.G1.12")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{"a < 1 on _INBOX.7F000001.U0001.G1.12"});
+
+    // Nobody reads along: neither an inbox of another, nor all, nor one that only begins alike.
+    for (const char* subject :
+         {"_INBOX.7F000001.U0001.G1.>", "_INBOX.>", "_INBOX.7F000001.U0002.G1",
+          "_INBOX.7F000001.U0002.G12.>", "_INBOX.*.*.*.*"}) {
+        EXPECT_NE(bus.take("b", interest("L", subject)), nullptr) << subject;
+    }
+}
+
+TEST(Exchange, GathersRunsOfTheSameReceivers) {
+    TestBus bus(true);
+    bus.join("a", {});
+    bus.join("b", {"X.>", "Y"});
+    bus.join("c", {"X.2"});
+    EXPECT_EQ(bus.take("a", dataOn("X.1"), dataOn("X.1"), dataOn("Y"), dataOn("X.2"), dataOn("Z"),
+                       dataOn("X.1"), interest("L", "X.1"), dataOn("X.1"), dataOn("X.3")),
+              nullptr);
+    EXPECT_EQ(bus.takeJournal(),
+              (Journal{"b < 3 on X.1", "wire 3", "b < 1 on X.2", "c < 1 on X.2", "wire 1", "wire 1",
+                       "b < 1 on X.1", "wire 1", "b < 1 on X.1", "a < 1 on X.1", "wire 1",
+                       "b < 1 on X.3", "wire 1"}));
+    EXPECT_EQ(bus.exchange.routed, 8u);
+    EXPECT_EQ(bus.exchange.delivered, 9u);
+}
+
+TEST(Exchange, EchoesUnlessAskedNotTo) {
+    TestBus bus;
+    bus.join("a", {"X"});
+    bus.join("b", {"X"}, {.echo = false});
+    const Journal both = {"a < 1 on X", "b < 1 on X"};
+    const Journal onlyA = {"a < 1 on X"}, onlyB = {"b < 1 on X"};
+    EXPECT_EQ(bus.take("a", dataOn("X")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), both);
+    EXPECT_EQ(bus.take("b", dataOn("X")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), onlyA);
+    EXPECT_EQ(bus.take("a", control("E", false), dataOn("X")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), onlyB);
+    EXPECT_EQ(bus.take("b", control("E", true), dataOn("X")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), both);
+}
+
+TEST(Exchange, LetsHiddenClientsSendReserved) {
+    TestBus bus;
+    bus.join("a", {});
+    bus.join("b", {"_PM.>"});
+    EXPECT_EQ(bus.take("a", control("C", true), dataOn("_PM.X"), control("C", false),
+                       dataOn("_PM.X"), control("?", true)),
+              nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{"b < 1 on _PM.X"});
+}
+
+TEST(Exchange, StopsWhatIsNoLongerListenedTo) {
+    TestBus bus;
+    bus.join("a", {});
+    bus.join("b", {"X", "X", "X.*"});
+    EXPECT_EQ(bus.take("a", dataOn("X")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{"b < 1 on X"});
+    EXPECT_EQ(bus.take("b", interest("C", "X"), interest("C", "never")), nullptr);
+    EXPECT_EQ(bus.take("a", dataOn("X"), dataOn("X.1")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{"b < 1 on X.1"});
+    exchangeLeave(&bus.exchange, bus.peers["b"].get());
+    EXPECT_EQ(bus.take("a", dataOn("X.1")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{});
+}
+
+TEST(Exchange, AnswersEachStartMessage) {
+    TestBus bus;
+    bus.enter("a");
+    EXPECT_EQ(bus.take("a", startMessage()), nullptr);
+    const std::string first = bus.answers["a"];
+    EXPECT_EQ(first,
+              "{mtype=\"R\" data={ipaddr=127.0.0.1 ipport=7500 cid=1 vmaj=8 vmin=5 vupd=2 "
+              "gob=\"18C0FFEE0001234000001\" dtyp=\"PMD\"}}");
+    EXPECT_EQ(bus.take("a", startMessage({.session = "7F000001.U0001.18C0FFEE0001234000001"})),
+              nullptr);
+    EXPECT_EQ(bus.answers["a"], first);
+
+    // Back with its session it has its id again; one whose id is taken gets another.
+    exchangeLeave(&bus.exchange, bus.peers["a"].get());
+    bus.join("b", {});
+    bus.join("c", {}, {.session = "7F000001.U0001.G7"});
+    bus.join("d", {}, {.session = "7F000001.U0001.G8"});
+    bus.join("e", {}, {.session = "7F000001.P0005.G9"});
+    EXPECT_EQ(bus.peers["b"]->clientId, 2);
+    EXPECT_EQ(bus.peers["c"]->clientId, 1);
+    EXPECT_EQ(bus.peers["d"]->clientId, 3);
+    EXPECT_EQ(bus.peers["e"]->clientId, 4);
+}
+
+TEST(Exchange, RefusesAStartThatIsWrong) {
+    struct Case {
+        StartFields fields;
+        const char* answer;
+    };
+    const std::string longText(300, 'x');
+    const Case cases[] = {
+        {{.without = "userid"}, "3"},
+        {{.without = "service"}, "3"},
+        {{.without = "network"}, "3"},
+        {{.without = "vmin"}, "3"},
+        {{.without = "pid"}, "3"},
+        {{.without = "rc"}, "3"},
+        {{.session = "x.y"}, "3"},
+        {{.session = "7F000001"}, "3"},
+        {{.session = "7F000001."}, "3"},
+        {{.session = "7F000001.a..b"}, "3"},
+        {{.session = "7F000001.>"}, "3"},
+        {{.session = longText.c_str()}, "3"},
+        {{.service = longText.c_str()}, "16"},
+        {{.network = longText.c_str()}, "17"},
+        // Another client's: the same from another process, its inboxes, and one that has them.
+        {{.session = kSession, .pid = 8}, "91"},
+        {{.session = "7F000001.U0001"}, "91"},
+        {{.session = "7F000001.U0001.G1.2"}, "91"},
+    };
+    for (const Case& c : cases) {
+        TestBus bus;
+        bus.join("owner", {}, {.session = kSession});
+        bus.enter("a");
+        EXPECT_NE(bus.take("a", startMessage(c.fields)), nullptr);
+        EXPECT_EQ(bus.answers["a"], std::string("{mtype=\"R\" data={error=") + c.answer + "}}")
+            << c.fields.session << c.fields.without;
+    }
+}
+
+TEST(Exchange, LetsASessionGoOnOnAnotherConnection) {
+    TestBus bus;
+    bus.join("old", {"_INBOX.7F000001.U0001.G1.>", "X"}, {.session = kSession});
+    bus.join("a", {});
+    bus.enter("new");
+    EXPECT_EQ(bus.take("new", startMessage({.session = kSession}),
+                       interest("L", "_INBOX.7F000001.U0001.G1.>")),
+              nullptr);
+    EXPECT_EQ(bus.takeJournal(), (Journal{"old cut", "new < R"}));
+    EXPECT_EQ(bus.peers["new"]->clientId, 1);
+    EXPECT_EQ(bus.take("a", dataOn("_INBOX.7F000001.U0001.G1.1"), dataOn("X")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{"new < 1 on _INBOX.7F000001.U0001.G1.1"});
+}
+
+TEST(Exchange, CutsOffWhoBreaksTheRules) {
+    const auto bytes = [](const Bytes& fields) { return messageFrom(outer(fields)); };
+    TestBus bus;
+    bus.join("listener", {">"});
+    const auto fault = [&](bool started, const Message& message) {
+        bus.enter("a");
+        if (started) {
+            EXPECT_EQ(bus.take("a", startMessage()), nullptr);
+        }
+        const std::string text = bus.take("a", dataOn("X"), message, dataOn("X"));
+        exchangeLeave(&bus.exchange, bus.peers["a"].get());
+        return text;
+    };
+    EXPECT_EQ(fault(false, dataOn("X")), "it sent a message ahead of its start message");
+    bus.journal.clear();
+
+    // What came ahead of the fault is delivered, what came behind it isn't.
+    EXPECT_EQ(fault(true, bytes({4, 's', 'u', 'b'})), "it sent a message that is corrupt");
+    EXPECT_EQ(bus.takeJournal(), (Journal{"a < R", "listener < 1 on X"}));
+    const Bytes noElements = {4, 's', 'u', 'b', 0, 2, 121, 0, 3, 0};
+    EXPECT_EQ(fault(true, bytes(noElements)), "it sent a message that is corrupt");
+    const Bytes listen = {6, 'm', 't', 'y', 'p', 'e', 0, 8, 2, 'L', 0};
+    EXPECT_EQ(fault(true, bytes(listen)), "it tells an interest without a subject");
+    EXPECT_EQ(fault(true, startMessage({.service = "7501"})),
+              "its start messages contradict each other");
+}
+
+TEST(Exchange, IgnoresWhatHasNoMeaning) {
+    TestBus bus;
+    bus.join("a", {">"});
+    const Message unknownKind =
+        messageFrom(outer(kSubAB + Bytes{6, 'm', 't', 'y', 'p', 'e', 0, 8, 2, 'Q', 0}));
+    const Message noSubject = messageFrom(outer(kMtypeD));
+    const Message noFields = messageFrom(outer({}));
+    EXPECT_EQ(bus.take("a", unknownKind, noSubject, noFields, dataOn("X")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{"a < 1 on X"});
+    EXPECT_EQ(bus.exchange.ignored, 3u);
+}
+
+TEST(Exchange, WarnsThoseWhoListen) {
+    TestBus bus;
+    bus.join("a", {"_PM.WARN.>"});
+    bus.join("slow", {}, {.session = kSession});
+    Peer* slow = bus.peers["slow"].get();
+    exchangeWarn(&bus.exchange, slow->member.realm, "CLIENT.SLOWREADER", slow, "too slow");
+    EXPECT_EQ(bus.takeJournal(),
+              Journal{"a < 1 on _PM.WARN.SYSTEM.CLIENT.SLOWREADER.7F000001.U0001.G1"});
+}
+
+// Whatever fails, a peer is either served or cut off, and the others go on.
+TEST(Exchange, StandsLackOfMemory) {
+    const Message start = startMessage({.session = kSession});
+    const Message listen = interest("L", "A.*"), data = dataOn("A.B");
+    TestBus bus;
+    bus.join("b", {"A.B"});
+    bus.quiet = true;
+    const size_t failing = eachAllocationFails([&] {
+        Peer peer;
+        exchangeEnter(&bus.exchange, &peer, &bus);
+        pelmoMsg* const batch[] = {start.get(), listen.get(), data.get()};
+        const char* fault = exchangeTake(&bus.exchange, &peer, batch);
+        const bool all = allocationsFailed() == 0;
+        allocationsHeal();
+        if (all) {
+            EXPECT_EQ(fault, nullptr);
+        }
+        exchangeLeave(&bus.exchange, &peer);
+    });
+    EXPECT_GT(failing, 5u);
+    bus.quiet = false;
+    EXPECT_EQ(bus.take("b", data), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{"b < 1 on A.B"});
+}
+
+}  // namespace
