@@ -15,7 +15,7 @@
 #include "lib/base/version.h"
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
-#include "lib/transport/secure_modules.h"
+#include "lib/transport/socket/secure_modules.h"
 #include "trace/capture/capture_file.h"
 #include "trace/capture/capture_rotation.h"
 #include "trace/capture/capture_session.h"

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "lib/transport/secure_modules.h"
+#include "lib/transport/socket/secure_modules.h"
 
 namespace {
 

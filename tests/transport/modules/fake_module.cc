@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "lib/transport/secure_names.h"
+#include "lib/transport/socket/secure_names.h"
 
 #define FAKE_CRYPTO_NAMES(ROW) \
     ROW(ERR_get_error)         \

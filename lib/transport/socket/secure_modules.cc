@@ -1,4 +1,4 @@
-#include "lib/transport/secure_modules.h"
+#include "lib/transport/socket/secure_modules.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "lib/transport/secure_names.h"
+#include "lib/transport/socket/secure_names.h"
 
 // The forwarders have no prototypes, since they touch neither registers nor stack but what a jump
 // between two calls may use: nothing on x86-64, x16 on arm64.

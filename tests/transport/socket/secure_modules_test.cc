@@ -1,4 +1,4 @@
-#include "lib/transport/secure_modules.h"
+#include "lib/transport/socket/secure_modules.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <string>
 
-#include "lib/transport/secure_names.h"
+#include "lib/transport/socket/secure_names.h"
 #include "tests/support/scratch_folder.h"
 
 #define TEST_FORWARDER(name) const char* name();
