@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdlib>
@@ -63,6 +64,8 @@ struct LogState {
 };
 
 constinit LogState state;
+
+constinit std::atomic<bool> socketLines{false};
 
 // Callers ask errno after they logged what failed.
 struct ErrnoGuard {
@@ -388,4 +391,12 @@ bool logHasLoss() {
 void logSetUtcStamp(bool utc) {
     const LockGuard guard(state.lock);
     state.utcStamp = utc;
+}
+
+void logSetSocketLines(bool on) {
+    socketLines.store(on, std::memory_order_relaxed);
+}
+
+bool logWantsSocketLines() {
+    return socketLines.load(std::memory_order_relaxed);
 }

@@ -78,3 +78,8 @@ void logBoundWaits(double seconds);
 
 // The UTC stamp with fractions in place of the local one.
 void logSetUtcStamp(bool utc);
+
+// Do sockets (lib/transport/socket/socket.h) log what becomes of them? For those who debug them;
+// nothing in the library switches it on.
+void logSetSocketLines(bool on);
+[[nodiscard]] bool logWantsSocketLines();

@@ -9,9 +9,10 @@
 // by socketClose.
 //
 // Ownership: the maker holds the first reference, and socketDestroy closes and gives it back. Each
-// callback that can still run holds one more, so that a socket outlives its callbacks. Closures
-// belong to the caller; socketCancelReadable and socketCancelWritable tell by `done` when the
-// callback can't run any more.
+// callback that can still run holds one more, so that a socket outlives its callbacks. The caller
+// of any function holds a reference until it returns. Closures belong to the caller;
+// socketCancelReadable and socketCancelWritable tell by `done` when the callback can't run any
+// more.
 //
 // Failure: layer codes (layer_code.h), or a status where the call says so. A read or write in any
 // state but connected answers kSocketDisconnected. Outputs are written only on success, but for a
@@ -19,9 +20,9 @@
 // many.
 //
 // Modes: a non-blocking call answers kSocketWouldBlock when nothing moves; a blocking one waits
-// until something does; a fully blocking one until all bytes have moved. Waits happen with the lock
-// released, end at socketInterrupt, and at the deadline if there is one: then they answer
-// kSocketWouldBlock.
+// until something does; a fully blocking one until all bytes have moved. Waits hold no lock. They
+// end at the deadline, if there is one, with kSocketWouldBlock, and at socketInterrupt and
+// socketClose with kSocketDisconnected.
 //
 // Threads: any. The socket's lock (rank kSocket) guards the record and is released around every
 // callback, so that a callback may call back into the socket.
@@ -30,6 +31,8 @@
 //
 // Environment: PELMO_BINDADDR, a dotted address, binds each connect to it; with
 // PELMO_DISABLE_SO_KEEPALIVE set the keep-alive of the system stays off.
+//
+// Debug lines: logSetSocketLines (lib/base/log.h).
 
 #pragma once
 
@@ -68,7 +71,7 @@ inline constexpr uint32_t kMostSendEntries = 1024;   // of one vector send
 void socketRetain(Socket* socket);
 void socketRelease(Socket* socket);
 
-// Wakes whoever waits for the connection, ends the callbacks and closes the handle.
+// Ends waits and callbacks, and closes the handle.
 void socketClose(Socket* socket);
 
 // Closes, and gives the caller's reference back.
@@ -80,7 +83,7 @@ void socketDestroy(Socket* socket);
 [[nodiscard]] SocketCode socketListen(Socket* socket);
 [[nodiscard]] SocketCode socketAccept(Socket* socket, Socket** out, uint32_t queueId);
 
-// Clients. kSocketWouldBlock while the connect is under way.
+// Clients. kSocketWouldBlock while the connect is under way; a blocking mode waits for its end.
 [[nodiscard]] SocketCode socketConnect(Socket* socket, uint32_t address, uint16_t port);
 
 // kStatusTimeout; kStatusEndOfFile for a connect that failed or was interrupted. A negative time
@@ -97,15 +100,21 @@ void socketDestroy(Socket* socket);
                                      uint32_t* out);
 [[nodiscard]] SocketCode socketWriteVector(Socket* socket, const GatherList* list, uint32_t* out);
 
-// Reads without consuming: the bytes come again with the next read.
+// A read takes peeked bytes first. Where it asks for more than those and more can't be read, it
+// answers the code of that, and they stay.
+
+// Reads without consuming: the bytes come again with the next read. They fire no event, since the
+// system doesn't know of them.
 [[nodiscard]] SocketCode socketPeek(Socket* socket, void* bytes, uint32_t size, uint32_t* out);
 
 // Settings
 
 void socketSetMode(Socket* socket, SocketMode mode);
-void socketSetCrossMode(Socket* socket, SocketCrossMode mode);
 
-// When waits of blocking modes end, by clockSteadySeconds; 0 for never.
+// The statuses of pelmoEvent_CreateIO; a callback may then lack its event.
+pelmoStatus socketSetCrossMode(Socket* socket, SocketCrossMode mode);
+
+// When waits of blocking modes that begin from now on end, by clockSteadySeconds; 0 for never.
 void socketSetDeadline(Socket* socket, double steadySeconds);
 
 // Ends all waits on the connection, now and later, from any thread; the connection is lost. The
@@ -115,14 +124,17 @@ void socketInterrupt(Socket* socket);
 // Moves the IO events to another queue.
 [[nodiscard]] SocketCode socketSetQueue(Socket* socket, uint32_t queueId);
 
-// Holds the read callback back until so many bytes can be read; 0 for at once. kStatusNoMemory.
+// Holds the read callback back until so many bytes can be read, or the stream has ended; 0 for at
+// once. kStatusNoMemory.
 [[nodiscard]] pelmoStatus socketSetMinRead(Socket* socket, uint32_t bytes);
 
 // kStatusNotInitialized where the system refuses.
 pelmoStatus socketSetKeepAlive(Socket* socket, bool on);
 
-// Callbacks. kStatusInvalidIoSource in a state that can't have one, and the statuses of
-// pelmoEvent_CreateIO.
+// Callbacks. Setting one replaces the one before. While the socket connects, they wait: at its end
+// the one for writing runs; where it failed, the one for reading, if there is one.
+// kStatusInvalidCallback for null, kStatusInvalidIoSource in a state that can't have one, and the
+// statuses of pelmoEvent_CreateIO.
 [[nodiscard]] pelmoStatus socketOnReadable(Socket* socket, SocketCallback callback, void* closure);
 [[nodiscard]] pelmoStatus socketOnWritable(Socket* socket, SocketCallback callback, void* closure);
 

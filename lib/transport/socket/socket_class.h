@@ -23,24 +23,30 @@ inline constexpr uint32_t kPlainSocketClass = 0;
 inline constexpr uint32_t kSecureSocketClass = 3;
 
 struct SocketClass {
-    uint32_t index;  // its row, while that is in use
+    uint32_t index = 0;  // its row, while that is in use
 
     // The connection stands: begin what comes ahead of the first byte. kSocketDone: the socket is
-    // connected; kSocketWouldBlock: it goes on connecting and is asked again at its next event.
-    SocketCode (*connected)(Socket* socket);
-    SocketCode (*accepted)(Socket* socket);
+    // connected; kSocketWouldBlock: it goes on connecting and is asked again when there is
+    // something to read, or, in cross mode kReadNeedsWritable, when there is room to write.
+    // Anything else fails the connect.
+    SocketCode (*connected)(Socket* socket) = nullptr;
+    SocketCode (*accepted)(Socket* socket) = nullptr;
 
-    void (*closing)(Socket* socket);
+    void (*closing)(Socket* socket) = nullptr;
 
     // `*out` tells how many bytes moved and is written only on success. A receive of 0 bytes with a
     // size above 0 means that the peer has closed.
-    SocketCode (*send)(Socket* socket, const void* bytes, uint32_t size, uint32_t* out);
-    SocketCode (*sendVector)(Socket* socket, const GatherList* list, uint32_t* out);
-    SocketCode (*receive)(Socket* socket, void* bytes, uint32_t size, uint32_t* out);
+    SocketCode (*send)(Socket* socket, const void* bytes, uint32_t size, uint32_t* out) = nullptr;
+    SocketCode (*sendVector)(Socket* socket, const GatherList* list, uint32_t* out) = nullptr;
+    SocketCode (*receive)(Socket* socket, void* bytes, uint32_t size, uint32_t* out) = nullptr;
 };
 
 // Rows 1 to 4; 1 on success.
 uint32_t socketClassRegister(const SocketClass& record);
+
+// One word of the socket for its class.
+[[nodiscard]] void* socketUserData(Socket* socket);
+void socketSetUserData(Socket* socket, void* userData);
 
 // Null for a class that isn't in use.
 [[nodiscard]] const SocketClass* socketClassFind(uint32_t index);

@@ -1,0 +1,320 @@
+// Binding, listening and accepting; connecting, and waiting for it.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "lib/base/clock.h"
+#include "lib/runtime/socket_error.h"
+#include "lib/transport/socket/socket_internal.h"
+
+namespace {
+
+constexpr int kBacklog = 511;
+
+// An address and a port in network order, as arguments for "%d.%d.%d.%d:%d".
+#define ADDRESS_ARGUMENTS(address, port)                                         \
+    addressByte(address, 24), addressByte(address, 16), addressByte(address, 8), \
+        addressByte(address, 0), static_cast<int>(ntohs(port))
+
+int addressByte(uint32_t address, uint32_t shift) {
+    return static_cast<int>((ntohl(address) >> shift) & 0xFF);
+}
+
+sockaddr_in endpoint(uint32_t address, uint16_t port) {
+    sockaddr_in made = {};
+    made.sin_family = AF_INET;
+    made.sin_addr.s_addr = address;
+    made.sin_port = port;
+    return made;
+}
+
+int bindHandle(int handle, uint32_t address, uint16_t port) {
+    const sockaddr_in own = endpoint(address, port);
+    return bind(handle, reinterpret_cast<const sockaddr*>(&own), sizeof(own));
+}
+
+// 0 where there is none.
+uint16_t portOf(int handle) {
+    sockaddr_in own = {};
+    socklen_t size = sizeof(own);
+    return getsockname(handle, reinterpret_cast<sockaddr*>(&own), &size) == 0 ? own.sin_port : 0;
+}
+
+// A failure only costs a line: the connect goes out from wherever the system sends it.
+void bindAsAskedLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
+    const char* const text = std::getenv("PELMO_BINDADDR");
+    in_addr address;
+    if (text == nullptr || inet_pton(AF_INET, text, &address) != 1) return;
+    if (bindHandle(socket->handle, address.s_addr, 0) == 0) return;
+    socketLine("Failed to bind socket %p:%d - %d, PELMO_BINDADDR = %s.\n",
+               static_cast<void*>(socket), socket->handle, socketErrorFromErrno(errno), text);
+}
+
+// EINPROGRESS while it is under way, 0 for a connection. An error is told once and then forgotten
+// by the system, and a connect that was shut down never has one: so there is a connection only
+// where there is a peer.
+int connectError(int handle) {
+    pollfd entry{.fd = handle, .events = POLLOUT, .revents = 0};
+    if (poll(&entry, 1, 0) <= 0) return EINPROGRESS;
+    int error = 0;
+    socklen_t size = sizeof(error);
+    if (getsockopt(handle, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return errno;
+    if (error != 0) return error;
+    sockaddr_in peer;
+    size = sizeof(peer);
+    return getpeername(handle, reinterpret_cast<sockaddr*>(&peer), &size) == 0 ? 0 : errno;
+}
+
+// Once there is a connection: connected, or the class has to be asked again.
+SocketCode beginLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
+    const auto function = socket->role == SocketRole::kAccepted ? socket->functions.accepted
+                                                                : socket->functions.connected;
+    const SocketCode code = function != nullptr ? function(socket) : kSocketDone;
+    // The function may have closed it.
+    if (socket->state == SocketState::kClosed) return kSocketDisconnected;
+    socket->beginning = code == kSocketWouldBlock;
+    if (code == kSocketDone) socket->state = SocketState::kConnected;
+    if (code == kSocketWouldBlock) socket->state = SocketState::kConnecting;
+    return code;
+}
+
+// Nothing happens to a socket that was closed meanwhile.
+void failConnectLocked(Socket* socket, SocketCode code) PELMO_REQUIRES(socket->lock) {
+    if (socket->state == SocketState::kClosed) return;
+    socket->state = SocketState::kFailed;
+    socket->beginning = false;
+    socket->failCode = code;
+    // In a failed socket an event that can't be made is one less that tells of the failure.
+    (void)socketAdjustEventsLocked(socket);
+}
+
+// Events for what is under way or connected by now; without them nobody would hear of it.
+SocketCode settleLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
+    const pelmoStatus status = socketAdjustEventsLocked(socket);
+    if (status == kStatusSuccess) return kSocketDone;
+    const SocketCode code = socketCodeFromStatus(status);
+    failConnectLocked(socket, code);
+    return code;
+}
+
+// kSocketDone for a connection, kSocketWouldBlock for one that is under way.
+SocketCode startConnectLocked(Socket* socket, uint32_t address, uint16_t port)
+    PELMO_REQUIRES(socket->lock) {
+    const sockaddr_in peer = endpoint(address, port);
+    const int result =
+        connect(socket->handle, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer));
+    const int error = result == 0 ? 0 : errno;
+    socketLine("invoked connect for tcp socket %s:%d:%d to %d.%d.%d.%d:%d.", socketKind(socket),
+               socket->handle, static_cast<int>(ntohs(portOf(socket->handle))),
+               ADDRESS_ARGUMENTS(address, port));
+    if (error == 0) return kSocketDone;
+    // An interrupted connect goes on by itself. EAGAIN says that the system has no room for it.
+    if (error == EINPROGRESS || error == EINTR) return kSocketWouldBlock;
+    return socketFailLocked(socket, error == EAGAIN ? ENOBUFS : error);
+}
+
+SocketCode connectLocked(Socket* socket, uint32_t address, uint16_t port)
+    PELMO_REQUIRES(socket->lock) {
+    if (socket->role != SocketRole::kClient || socket->state != SocketState::kOpen) {
+        return kSocketWrongState;
+    }
+    if (socket->interrupted) return kSocketDisconnected;
+    bindAsAskedLocked(socket);
+    SocketCode code = startConnectLocked(socket, address, port);
+    if (code == kSocketDone) {
+        code = beginLocked(socket);
+        if (code != kSocketDone && code != kSocketWouldBlock) failConnectLocked(socket, code);
+    } else if (code == kSocketWouldBlock) {
+        socket->state = SocketState::kConnecting;
+    }
+    if (code != kSocketDone && code != kSocketWouldBlock) return code;
+    socket->peerAddress = address;
+    socket->peerPort = port;
+    const SocketCode settled = settleLocked(socket);
+    return settled == kSocketDone ? code : settled;
+}
+
+void tellAccepted(const Socket* listener, const Socket* made) PELMO_UNCHECKED_LOCKING {
+    if (!listener->isLocal) {
+        socketLine(
+            "tcp socket %p:%d accepted connection from %d.%d.%d.%d:%d and created tcp socket "
+            "%p:%d.",
+            static_cast<const void*>(listener), listener->handle,
+            ADDRESS_ARGUMENTS(made->peerAddress, made->peerPort), static_cast<const void*>(made),
+            made->handle);
+        return;
+    }
+    char name[INET_ADDRSTRLEN] = "";
+    const in_addr own = {listener->boundAddress};
+    (void)inet_ntop(AF_INET, &own, name, sizeof(name));
+    socketLine("local socket %p:%d accepted connection on %s and created local socket %p:%d.",
+               static_cast<const void*>(listener), listener->handle, name,
+               static_cast<const void*>(made), made->handle);
+}
+
+// A new socket of a connection that was accepted. Its state is still closed, and the handle is its
+// own on success.
+Socket* newAccepted(Socket* listener, int handle, const sockaddr_in& peer, uint32_t queueId)
+    PELMO_UNCHECKED_LOCKING {  // nobody else knows the new one
+    if (!socketSetNoDelay(handle)) return nullptr;
+    Socket* const made =
+        socketNew(SocketRole::kAccepted, listener->functions, queueId, listener->isLocal);
+    if (made == nullptr) return nullptr;
+    made->handle = handle;
+    made->mode = listener->mode;
+    made->peerAddress = peer.sin_addr.s_addr;
+    made->peerPort = peer.sin_port;
+    return made;
+}
+
+SocketCode beginAccepted(Socket* made) {
+    const LockGuard guard(made->lock);
+    made->state = SocketState::kConnecting;
+    const SocketCode code = beginLocked(made);
+    if (code != kSocketDone && code != kSocketWouldBlock) return code;
+    return settleLocked(made);
+}
+
+// A client that has gone before it was accepted is passed over.
+int acceptOne(int listener, sockaddr_in* peer) {
+    for (;;) {
+        socklen_t size = sizeof(*peer);
+        const int handle = accept4(listener, reinterpret_cast<sockaddr*>(peer), &size,
+                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (handle >= 0 || (errno != EINTR && errno != ECONNABORTED)) return handle;
+    }
+}
+
+SocketCode acceptLocked(Socket* listener, Socket** out, uint32_t queueId)
+    PELMO_REQUIRES(listener->lock) {
+    sockaddr_in peer = {};
+    const int handle = acceptOne(listener->handle, &peer);
+    if (handle < 0) return socketFailLocked(listener, errno);
+    Socket* const made = newAccepted(listener, handle, peer, queueId);
+    if (made == nullptr) {
+        close(handle);
+        return kSocketNoBuffers;
+    }
+    tellAccepted(listener, made);
+    const SocketCode code = beginAccepted(made);
+    if (code != kSocketDone) {
+        socketDestroy(made);
+        return code;
+    }
+    *out = made;
+    return kSocketDone;
+}
+
+// Those who wait for it look at the state again.
+bool connectEndsLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
+    Cond_Broadcast(&socket->connectCond);
+    return true;
+}
+
+}  // namespace
+
+SocketCode socketBind(Socket* socket, uint32_t address, uint16_t port, bool anyPort) {
+    const LockGuard guard(socket->lock);
+    if (socket->state != SocketState::kOpen) return kSocketWrongState;
+    if (bindHandle(socket->handle, address, port) != 0) {
+        if (!anyPort || bindHandle(socket->handle, address, 0) != 0) {
+            return socketFailLocked(socket, errno);
+        }
+    }
+    socket->bound = true;
+    socket->boundAddress = address;
+    socket->boundPort = portOf(socket->handle);
+    socketLine("invoked bind for tcp socket %s:%d:%d to %d.%d.%d.%d:%d.", socketKind(socket),
+               socket->handle, static_cast<int>(ntohs(socket->boundPort)),
+               ADDRESS_ARGUMENTS(address, port));
+    return kSocketDone;
+}
+
+SocketCode socketListen(Socket* socket) {
+    const LockGuard guard(socket->lock);
+    if (socket->role != SocketRole::kServer || socket->state != SocketState::kOpen ||
+        !socket->bound) {
+        return kSocketWrongState;
+    }
+    if (listen(socket->handle, kBacklog) != 0) return socketFailLocked(socket, errno);
+    socket->state = SocketState::kListening;
+    return kSocketDone;
+}
+
+SocketCode socketAccept(Socket* socket, Socket** out, uint32_t queueId) {
+    const LockGuard guard(socket->lock);
+    for (;;) {
+        if (socket->state != SocketState::kListening) return kSocketWrongState;
+        if (socket->interrupted) return kSocketDisconnected;
+        const SocketCode code = acceptLocked(socket, out, queueId);
+        if (code != kSocketWouldBlock || socket->mode == SocketMode::kNonBlocking) return code;
+        if (!socketPollLocked(socket, POLLIN, socket->deadline)) return code;
+    }
+}
+
+SocketCode socketConnect(Socket* socket, uint32_t address, uint16_t port) {
+    const LockGuard guard(socket->lock);
+    const SocketCode code = connectLocked(socket, address, port);
+    if (code != kSocketWouldBlock || socket->mode == SocketMode::kNonBlocking) return code;
+    const pelmoStatus status = socketAwaitConnectLocked(socket, socket->deadline);
+    if (status == kStatusSuccess) return kSocketDone;
+    if (status == kStatusTimeout) return kSocketWouldBlock;
+    return socket->state == SocketState::kFailed ? socket->failCode : kSocketDisconnected;
+}
+
+pelmoStatus socketWaitConnected(Socket* socket, double seconds) {
+    const double deadline = seconds >= 0 ? clockSteadySeconds() + seconds : 0;
+    const LockGuard guard(socket->lock);
+    return socketAwaitConnectLocked(socket, deadline);
+}
+
+bool socketConnectAdvanceLocked(Socket* socket) {
+    SocketCode code = kSocketDone;
+    if (!socket->beginning) {
+        const int error = connectError(socket->handle);
+        if (error == EINPROGRESS) return false;
+        if (error != 0) code = socketFailLocked(socket, error);
+        // Whatever the number says, it isn't under way any more.
+        if (code == kSocketWouldBlock) code = kSocketOtherError;
+    }
+    if (code == kSocketDone) code = beginLocked(socket);
+    if (socket->state == SocketState::kClosed) return true;
+    if (code == kSocketDone || code == kSocketWouldBlock) {
+        const SocketCode settled = settleLocked(socket);
+        if (settled == kSocketDone && code == kSocketWouldBlock) return false;
+    } else {
+        failConnectLocked(socket, code);
+    }
+    return connectEndsLocked(socket);
+}
+
+void socketConnectFailLocked(Socket* socket, SocketCode code) {
+    failConnectLocked(socket, code);
+    (void)connectEndsLocked(socket);
+}
+
+// Without the class at work it waits by itself, so that it depends on no thread that dispatches
+// events: such a thread may be the one that waits.
+pelmoStatus socketAwaitConnectLocked(Socket* socket, double deadline) {
+    while (socket->state == SocketState::kConnecting) {
+        if (!socket->beginning) {
+            if (!socketPollLocked(socket, POLLOUT, deadline)) return kStatusTimeout;
+            const bool underWay = socket->state == SocketState::kConnecting && !socket->beginning;
+            if (underWay) (void)socketConnectAdvanceLocked(socket);
+        } else if (deadline == 0) {
+            (void)Cond_Wait(&socket->connectCond, &socket->lock);
+        } else {
+            const double left = deadline - clockSteadySeconds();
+            if (left <= 0) return kStatusTimeout;
+            (void)Cond_TimedWait(&socket->connectCond, &socket->lock, left);
+        }
+    }
+    return socket->state == SocketState::kConnected && !socket->interrupted ? kStatusSuccess
+                                                                            : kStatusEndOfFile;
+}

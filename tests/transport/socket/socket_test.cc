@@ -1,0 +1,630 @@
+#include "lib/transport/socket/socket.h"
+
+#include <fcntl.h>
+
+#include <cstdlib>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "lib/pelmo.h"
+#include "lib/transport/socket/socket_internal.h"
+#include "tests/runtime/event_stand.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/loopback_peer.h"
+#include "tests/support/race.h"
+
+namespace {
+
+constexpr uint32_t kTestClass = 4;
+
+struct Environment {
+    Environment(const char* variable, const char* value) : name(variable) {
+        setenv(name, value, 1);
+    }
+    ~Environment() { unsetenv(name); }
+    Environment(const Environment&) = delete;
+    Environment& operator=(const Environment&) = delete;
+
+    const char* name;
+};
+
+// Deadlines of real waits: the stand's clock stands.
+struct RunningClock {
+    RunningClock() { former = clockSetMonotonicSource(nullptr); }
+    ~RunningClock() { clockSetMonotonicSource(former); }
+    RunningClock(const RunningClock&) = delete;
+    RunningClock& operator=(const RunningClock&) = delete;
+
+    ClockSource former;
+};
+
+// A callback for one direction that counts, and does what a test asks for.
+struct Caller {
+    int calls = 0;
+    int dones = 0;
+    std::function<void()> act;
+
+    static void call(Socket*, void* closure) {
+        auto* const self = static_cast<Caller*>(closure);
+        ++self->calls;
+        if (self->act) self->act();
+    }
+    static void done(void* closure) { ++static_cast<Caller*>(closure)->dones; }
+};
+
+struct Result {
+    SocketCode code;
+    std::string bytes;
+
+    bool operator==(const Result&) const = default;
+};
+
+Result readOf(Socket* socket, uint32_t size, decltype(socketRead) read = socketRead) {
+    std::string bytes(size, '\0');
+    uint32_t got = 0;
+    const SocketCode code = read(socket, bytes.data(), size, &got);
+    bytes.resize(got);
+    return {code, bytes};
+}
+
+uint32_t pollsOf(Socket* socket) {
+    const LockGuard guard(socket->lock);
+    return socket->polls;
+}
+
+void awaitPoll(Socket* socket) {
+    while (pollsOf(socket) == 0)
+        std::this_thread::yield();
+}
+
+struct Sockets : testing::Test {
+    ~Sockets() override {
+        if (client != nullptr) socketDestroy(client);
+        logSetSocketLines(false);
+    }
+
+    SocketCode startConnect(uint16_t port, SocketMode mode = SocketMode::kNonBlocking) {
+        if (client != nullptr) socketDestroy(client);
+        client = nullptr;
+        EXPECT_EQ(socketCreateClient(&client, classIndex, kFirstIoQueueId, false), kSocketDone);
+        socketSetMode(client, mode);
+        return socketConnect(client, kLoopbackAddress, port);
+    }
+
+    void connect() {
+        const SocketCode code = startConnect(listener.port);
+        EXPECT_TRUE(code == kSocketDone || code == kSocketWouldBlock);
+        EXPECT_EQ(socketWaitConnected(client, -1), kStatusSuccess);
+        peer = listener.take();
+    }
+
+    // IO passes until it is true.
+    bool passUntil(const std::function<bool()>& isTrue) const {
+        for (int i = 0; i < 1'000; ++i) {
+            if (isTrue()) return true;
+            stand.ioPass();
+            dispatchAll(stand.queue);
+        }
+        return false;
+    }
+    bool passUntilCalled(const Caller& caller, int calls) const {
+        return passUntil([&] { return caller.calls >= calls; }) && caller.calls == calls;
+    }
+    void passes() const {
+        for (int i = 0; i < 3; ++i)
+            stand.ioPass();
+    }
+
+    EventStand stand;
+    LoopbackListener listener;
+    OwnHandle peer;
+    Socket* client = nullptr;
+    uint32_t classIndex = kPlainSocketClass;
+    Caller reader, writer;
+};
+
+TEST_F(Sockets, ServeAndConnect) {
+    const Environment bound("PELMO_BINDADDR", "127.0.0.1");
+    Socket* server = nullptr;
+    Socket* accepted = nullptr;
+    ASSERT_EQ(socketCreateServer(&server, kPlainSocketClass, kFirstIoQueueId, false), kSocketDone);
+    EXPECT_EQ(socketListen(server), kSocketWrongState);
+    EXPECT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketWrongState);
+    EXPECT_EQ(socketBind(server, kLoopbackAddress, listener.port, false), kSocketOtherError);
+    EXPECT_EQ(socketBind(server, kLoopbackAddress, listener.port, true), kSocketDone);
+    EXPECT_NE(socketBoundPort(server), listener.port);
+    EXPECT_EQ(socketOnReadable(server, Caller::call, &reader), kStatusInvalidIoSource);
+    ASSERT_EQ(socketListen(server), kSocketDone);
+    ASSERT_EQ(socketOnReadable(server, Caller::call, &reader), kStatusSuccess);
+    EXPECT_EQ(socketOnWritable(server, Caller::call, &writer), kStatusInvalidIoSource);
+    EXPECT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketWouldBlock);
+    reader.act = [&] { EXPECT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketDone); };
+
+    (void)startConnect(socketBoundPort(server));
+    EXPECT_EQ(socketConnect(client, kLoopbackAddress, listener.port), kSocketWrongState);
+    EXPECT_TRUE(passUntilCalled(reader, 1));
+    EXPECT_EQ(socketWaitConnected(client, 0), kStatusSuccess);
+    EXPECT_EQ(socketPeerPort(client), socketBoundPort(server));
+    EXPECT_EQ(socketPeerAddress(accepted), kLoopbackAddress);
+    for (Socket* socket : {server, client, accepted}) {
+        int noDelay = 0;
+        socklen_t size = sizeof(noDelay);
+        const int handle = socketHandle(socket);
+        EXPECT_EQ(getsockopt(handle, IPPROTO_TCP, 1, &noDelay, &size), 0);
+        EXPECT_NE(noDelay, 0);
+        EXPECT_NE(fcntl(handle, F_GETFD) & FD_CLOEXEC, 0);
+    }
+    uint32_t out = 0;
+    EXPECT_EQ(socketWrite(client, "hello", 5, &out), kSocketDone);
+    EXPECT_TRUE(passUntil([&] { return readOf(accepted, 9) == Result{kSocketDone, "hello"}; }));
+    EXPECT_EQ(readOf(accepted, 9).code, kSocketWouldBlock);
+    socketDestroy(accepted);
+    socketDestroy(server);
+}
+
+// A connect has its end from whoever sees it first, and one callback hears of it.
+TEST_F(Sockets, TellHowAConnectEnds) {
+    uint16_t refusing;
+    {
+        const LoopbackListener gone;
+        refusing = gone.port;
+    }
+    for (const bool waits : {false, true}) {
+        for (const bool refused : {false, true}) {
+            reader = writer = {};
+            (void)startConnect(refused ? refusing : listener.port);
+            ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+            ASSERT_EQ(socketOnWritable(client, Caller::call, &writer), kStatusSuccess);
+            if (waits) {
+                EXPECT_EQ(socketWaitConnected(client, -1),
+                          refused ? kStatusEndOfFile : kStatusSuccess);
+            }
+            writer.act = [&] { EXPECT_EQ(socketCancelWritable(client, nullptr), kStatusSuccess); };
+            EXPECT_TRUE(passUntil([&] { return (refused ? reader : writer).calls == 1; }));
+            EXPECT_EQ(reader.calls, refused ? 1 : 0);
+            EXPECT_EQ(readOf(client, 1).code, refused ? kSocketDisconnected : kSocketWouldBlock);
+        }
+    }
+    EXPECT_EQ(startConnect(refusing, SocketMode::kBlocking), kSocketRefused);
+    EXPECT_EQ(startConnect(listener.port, SocketMode::kBlocking), kSocketDone);
+}
+
+TEST_F(Sockets, GiveUpAConnectAtItsTimeOrWhenInterrupted) {
+    const RunningClock clock;
+    const LoopbackListener full(0);  // further connects get no answer
+    std::vector<OwnHandle> fill;
+    sockaddr_in target = {};
+    target.sin_family = AF_INET;
+    target.sin_addr.s_addr = kLoopbackAddress;
+    target.sin_port = full.port;
+    for (int i = 0; i < 4; ++i) {
+        fill.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        (void)::connect(fill.back().number(), reinterpret_cast<sockaddr*>(&target), sizeof(target));
+    }
+    ASSERT_EQ(startConnect(full.port), kSocketWouldBlock);
+    EXPECT_EQ(readOf(client, 1).code, kSocketWouldBlock);
+    EXPECT_EQ(socketWaitConnected(client, 0.01), kStatusTimeout);
+    socketSetMode(client, SocketMode::kBlocking);
+    socketSetDeadline(client, clockSteadySeconds() + 0.01);
+    EXPECT_EQ(readOf(client, 1).code, kSocketWouldBlock);
+
+    for (void (*end)(Socket*) : {socketInterrupt, socketClose}) {
+        ASSERT_EQ(startConnect(full.port), kSocketWouldBlock);
+        std::thread ending([&] {
+            awaitPoll(client);
+            end(client);
+        });
+        EXPECT_EQ(socketWaitConnected(client, -1), kStatusEndOfFile);
+        ending.join();
+    }
+}
+
+TEST_F(Sockets, TellOfAClosedPeerEachTime) {
+    connect();
+    sendText(peer.number(), "last");
+    peer.shut();
+    EXPECT_EQ(readOf(client, 9), (Result{kSocketDone, "last"}));
+    logSetSocketLines(true);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(readOf(client, 9).code, kSocketDisconnected);
+    EXPECT_EQ(readOf(client, 9, socketPeek).code, kSocketDisconnected);
+    const std::string lines = testing::internal::GetCapturedStderr();
+    char line[100];
+    const int size = std::snprintf(line, sizeof(line), "socket %p:%d disconnect due to 0 read.\n\n",
+                                   static_cast<void*>(client), socketHandle(client));
+    EXPECT_NE(lines.find("_pelmoTcpSocket_Recv: " + std::string(line)), std::string::npos);
+    EXPECT_TRUE(lines.ends_with("_pelmoTcpSocket_Peek: " + std::string(line))) << size << lines;
+}
+
+TEST_F(Sockets, PeekWithoutConsuming) {
+    connect();
+    EXPECT_EQ(readOf(client, 4, socketPeek).code, kSocketWouldBlock);
+    sendText(peer.number(), "abcdef");
+    EXPECT_EQ(readOf(client, 2, socketPeek), (Result{kSocketDone, "ab"}));
+    EXPECT_EQ(readOf(client, 4, socketPeek), (Result{kSocketDone, "abcd"}));
+    EXPECT_EQ(readOf(client, 1), (Result{kSocketDone, "a"}));
+    EXPECT_EQ(readOf(client, 100), (Result{kSocketDone, "bcdef"}));
+
+    // What lies there isn't lost where there is no more.
+    sendText(peer.number(), "xyz");
+    EXPECT_EQ(readOf(client, 3, socketPeek), (Result{kSocketDone, "xyz"}));
+    EXPECT_EQ(readOf(client, 4), (Result{kSocketWouldBlock, ""}));
+    peer.shut();
+    EXPECT_EQ(readOf(client, 4).code, kSocketDisconnected);
+    EXPECT_EQ(readOf(client, 3), (Result{kSocketDone, "xyz"}));
+}
+
+TEST_F(Sockets, HoldTheReaderBackForItsLeastBytes) {
+    connect();
+    ASSERT_EQ(socketSetMinRead(client, 4), kStatusSuccess);
+    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+    reader.act = [&] { EXPECT_EQ(readOf(client, 4), (Result{kSocketDone, "abcd"})); };
+    sendText(peer.number(), "abc");
+    passes();
+    EXPECT_EQ(reader.calls, 0);
+    sendText(peer.number(), "de");
+    EXPECT_TRUE(passUntilCalled(reader, 1));
+
+    passes();
+    EXPECT_EQ(reader.calls, 1);
+    reader.act = [&] {
+        EXPECT_EQ(readOf(client, 4).code, kSocketDisconnected);
+        EXPECT_EQ(readOf(client, 1), (Result{kSocketDone, "e"}));
+        socketClose(client);
+    };
+    peer.shut();  // four will never come
+    EXPECT_TRUE(passUntilCalled(reader, 2));
+}
+
+TEST_F(Sockets, SayWhenACallbackCantRunAnyMore) {
+    connect();
+    EXPECT_EQ(socketCancelReadable(client, Caller::done), kStatusInvalidEvent);
+    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+    ASSERT_EQ(socketCancelReadable(client, Caller::done), kStatusSuccess);
+    EXPECT_EQ(reader.dones, 1);
+
+    Caller second;
+    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+    reader.act = [&] {
+        EXPECT_EQ(socketCancelReadable(client, Caller::done), kStatusSuccess);
+        EXPECT_EQ(reader.dones, 1);
+        // Another one doesn't run, so its end is told at once.
+        EXPECT_EQ(socketOnReadable(client, Caller::call, &second), kStatusSuccess);
+        EXPECT_EQ(socketCancelReadable(client, Caller::done), kStatusSuccess);
+        EXPECT_EQ(second.dones, 1);
+        EXPECT_EQ(socketOnReadable(client, Caller::call, &second), kStatusSuccess);
+    };
+    second.act = [&] { socketClose(client); };
+    sendText(peer.number(), "x");
+    EXPECT_TRUE(passUntilCalled(second, 1));
+    EXPECT_EQ(reader.calls, 1);
+    EXPECT_EQ(reader.dones, 2);
+    EXPECT_EQ(second.dones, 1);  // a close tells nobody
+    EXPECT_EQ(socketOnWritable(client, Caller::call, &writer), kStatusInvalidIoSource);
+    EXPECT_EQ(readOf(client, 1).code, kSocketDisconnected);
+}
+
+// On an ordinary queue an entry may still wait when its socket is gone.
+TEST_F(Sockets, MoveToAnotherQueueAndMayEndThere) {
+    connect();
+    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+    ASSERT_EQ(socketSetQueue(client, stand.queue), kSocketDone);
+    sendText(peer.number(), "x");
+    passes();
+    EXPECT_EQ(reader.calls, 0);
+    EXPECT_EQ(countOf(stand.queue), 1u);
+    reader.act = [&] { socketDestroy(std::exchange(client, nullptr)); };
+    EXPECT_TRUE(passUntilCalled(reader, 1));
+
+    connect();
+    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+    ASSERT_EQ(socketSetQueue(client, stand.queue), kSocketDone);
+    sendText(peer.number(), "x");
+    passes();
+    socketDestroy(std::exchange(client, nullptr));
+    dispatchAll(stand.queue);
+    EXPECT_EQ(reader.calls, 1);
+}
+
+TEST_F(Sockets, CountBytesASecond) {
+    connect();
+    EXPECT_EQ(socketRate(client, SocketDirection::kRead), 0);
+    sendText(peer.number(), std::string(50, 'x'));
+    EXPECT_TRUE(passUntil([&] { return readOf(client, 50).code == kSocketDone; }));
+    stand.fire(10);
+    (void)Queue_Create(nullptr, kTimerQueueId, "timers", false, false);
+    // The timer's queue came too late: the first question had no answer, the next one starts.
+    EXPECT_EQ(socketRate(client, SocketDirection::kRead), 0);
+    sendText(peer.number(), std::string(70, 'x'));
+    EXPECT_TRUE(passUntil([&] { return readOf(client, 70).code == kSocketDone; }));
+    EXPECT_EQ(stand.fire(10), 1u);
+    dispatchAll(kTimerQueueId);
+    EXPECT_EQ(socketRate(client, SocketDirection::kRead), 7.0);
+    EXPECT_EQ(socketRate(client, SocketDirection::kWrite), 0.0);
+}
+
+TEST_F(Sockets, KeepAliveUnlessTheEnvironmentForbids) {
+    connect();
+    const auto isOn = [&] {
+        int on = 0;
+        socklen_t size = sizeof(on);
+        getsockopt(socketHandle(client), SOL_SOCKET, SO_KEEPALIVE, &on, &size);
+        return on != 0;
+    };
+    {
+        const Environment disabled("PELMO_DISABLE_SO_KEEPALIVE", "1");
+        EXPECT_EQ(socketSetKeepAlive(client, true), kStatusSuccess);
+        EXPECT_FALSE(isOn());
+    }
+    EXPECT_EQ(socketSetKeepAlive(client, true), kStatusSuccess);
+    EXPECT_TRUE(isOn());
+    socketClose(client);
+    EXPECT_EQ(socketSetKeepAlive(client, true), kStatusNotInitialized);
+}
+
+TEST_F(Sockets, EndBlockingReadsOnOtherThreads) {
+    const RunningClock clock;
+    connect();
+    socketSetMode(client, SocketMode::kFullyBlocking);
+    std::thread writing([&] {
+        for (const char* part : {"ab", "cd", "ef"}) {
+            awaitPoll(client);
+            sendText(peer.number(), part);
+        }
+    });
+    EXPECT_EQ(readOf(client, 5), (Result{kSocketDone, "abcde"}));
+    writing.join();
+    socketSetDeadline(client, clockSteadySeconds() + 0.01);
+    EXPECT_EQ(readOf(client, 5), (Result{kSocketWouldBlock, "f"}));
+    socketSetDeadline(client, 0);
+
+    for (void (*end)(Socket*) : {socketInterrupt, socketClose}) {
+        connect();
+        socketSetMode(client, SocketMode::kBlocking);
+        const int handle = socketHandle(client);
+        std::thread reading([&] {
+            EXPECT_EQ(readOf(client, 5).code, kSocketDisconnected);
+            EXPECT_EQ(readOf(client, 5).code, kSocketDisconnected);
+        });
+        awaitPoll(client);
+        end(client);
+        // What comes from here on belongs to nobody, or to whoever gets the number next.
+        (void)send(peer.number(), "late", 4, MSG_NOSIGNAL);
+        reading.join();
+        socketClose(client);
+        EXPECT_LT(fcntl(handle, F_GETFD), 0);
+    }
+}
+
+// A class of the test's own: its functions and what they saw.
+struct TestClass {
+    int asked = 0;  // of a connection
+    int begins = 1;
+    SocketCode verdict = kSocketDone;
+    std::vector<size_t> lengths;
+    SocketCode answer = kSocketDone;
+
+    static TestClass* current;
+
+    static SocketCode begin(Socket* socket) {
+        if (current->asked++ < current->begins) return kSocketWouldBlock;
+        socketSetUserData(socket, current);
+        return current->verdict;
+    }
+    static SocketCode sendVector(Socket* socket, const GatherList* list, uint32_t* out) {
+        auto* const self = static_cast<TestClass*>(socketUserData(socket));
+        self->lengths.clear();
+        for (uint32_t i = 0; i < list->count; ++i)
+            self->lengths.push_back(list->entries[i].iov_len);
+        *out = list->total;
+        return self->answer;
+    }
+};
+TestClass* TestClass::current = nullptr;
+
+struct SocketClasses : Sockets {
+    SocketClasses() {
+        TestClass::current = &own;
+        static const uint32_t once = socketClassRegister({.index = kTestClass,
+                                                          .connected = TestClass::begin,
+                                                          .accepted = TestClass::begin,
+                                                          .sendVector = TestClass::sendVector});
+        EXPECT_EQ(once, 1u);
+        classIndex = kTestClass;
+    }
+    TestClass own;
+};
+
+TEST_F(SocketClasses, AreRowsOfATable) {
+    for (const uint32_t index : {0u, kTestClass, kSocketClasses})
+        EXPECT_EQ(socketClassRegister({.index = index}), 0u);
+    Socket* none = nullptr;
+    EXPECT_EQ(socketCreateClient(&none, kSecureSocketClass, kFirstIoQueueId, false),
+              kSocketWrongState);
+    EXPECT_EQ(socketCreateClient(&none, kSocketClasses, kFirstIoQueueId, false), kSocketWrongState);
+}
+
+// What a class begins with goes on at each event of the direction that it waits for.
+TEST_F(SocketClasses, BeginAheadOfTheFirstByte) {
+    own.begins = 2;
+    (void)startConnect(listener.port);
+    ASSERT_EQ(socketOnWritable(client, Caller::call, &writer), kStatusSuccess);
+    EXPECT_TRUE(passUntil([&] { return own.asked == 1; }));
+    peer = listener.take();
+    passes();
+    EXPECT_EQ(own.asked, 1);  // room to write isn't asked for
+    EXPECT_EQ(readOf(client, 1).code, kSocketWouldBlock);
+    sendText(peer.number(), "x");
+    EXPECT_TRUE(passUntilCalled(writer, 1));
+    EXPECT_EQ(own.asked, 3);
+    EXPECT_EQ(readOf(client, 9), (Result{kSocketDone, "x"}));
+
+    own.asked = 0;
+    own.verdict = kSocketOtherError;
+    reader = {};
+    (void)startConnect(listener.port);
+    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+    socketSetCrossMode(client, SocketCrossMode::kReadNeedsWritable);
+    EXPECT_TRUE(passUntilCalled(reader, 1));
+    EXPECT_EQ(socketWaitConnected(client, -1), kStatusEndOfFile);
+}
+
+TEST_F(SocketClasses, WaitForTheReadinessOfTheirCrossMode) {
+    own.begins = 0;
+    connect();
+    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+    ASSERT_EQ(socketOnWritable(client, Caller::call, &writer), kStatusSuccess);
+    const struct {
+        SocketCrossMode mode;
+        bool readable;
+        bool reads, writes;
+    } cases[] = {
+        {SocketCrossMode::kNormal, false, false, true},
+        {SocketCrossMode::kWriteNeedsReadable, false, false, false},
+        {SocketCrossMode::kReadNeedsWritable, false, true, false},
+        {SocketCrossMode::kNormal, true, true, true},
+        {SocketCrossMode::kWriteNeedsReadable, true, false, true},
+    };
+    for (const auto& c : cases) {
+        if (c.readable) sendText(peer.number(), "x");
+        EXPECT_EQ(socketSetCrossMode(client, c.mode), kStatusSuccess);
+        passes();
+        reader.calls = writer.calls = 0;
+        passes();
+        EXPECT_EQ(reader.calls != 0, c.reads) << static_cast<int>(c.mode);
+        EXPECT_EQ(writer.calls != 0, c.writes) << static_cast<int>(c.mode);
+    }
+}
+
+TEST_F(SocketClasses, GetNoMoreThanOneSendMayMove) {
+    own.begins = 0;
+    connect();
+    const std::string bytes(kMostSendBytes + 1, 'x');
+    GatherList list;
+    ASSERT_TRUE(gatherInit(&list, 4));
+    for (const uint32_t length : {0x10000u, kMostSendBytes + 1, 5u})
+        ASSERT_TRUE(gatherAdd(&list, bytes.data(), length));
+    uint32_t out = 0;
+    own.answer = kSocketWouldBlock;
+    EXPECT_EQ(socketWriteVector(client, &list, &out), kSocketWouldBlock);
+    own.answer = kSocketDone;
+    EXPECT_EQ(socketWriteVector(client, &list, &out), kSocketDone);
+    EXPECT_EQ(out, kMostSendBytes);
+    EXPECT_EQ(own.lengths, (std::vector<size_t>{0x10000, 0x10000}));
+    EXPECT_EQ(list.entries[1].iov_len, kMostSendBytes + 1);
+    EXPECT_EQ(list.count, 3u);
+
+    gatherClear(&list);
+    for (uint32_t i = 0; i < kMostSendEntries + 1; ++i)
+        ASSERT_TRUE(gatherAdd(&list, bytes.data(), 1));
+    EXPECT_EQ(socketWriteVector(client, &list, &out), kSocketDone);
+    EXPECT_EQ(out, kMostSendEntries);
+    socketSetMode(client, SocketMode::kFullyBlocking);
+    EXPECT_EQ(socketWriteVector(client, &list, &out), kSocketWrongState);
+
+    // By the system's own calls, to a peer that reads all.
+    classIndex = kPlainSocketClass;
+    connect();
+    gatherClear(&list);
+    ASSERT_TRUE(gatherAdd(&list, bytes.data(), kMostSendBytes + 1));
+    ASSERT_TRUE(gatherAdd(&list, "end", 3));
+    std::string received;
+    std::thread receiving([&] { received = receiveText(peer.number(), bytes.size() + 3); });
+    socketSetMode(client, SocketMode::kBlocking);
+    while (list.count != 0) {
+        ASSERT_EQ(socketWriteVector(client, &list, &out), kSocketDone);
+        EXPECT_LE(out, kMostSendBytes);
+        gatherDropBytes(&list, out);
+    }
+    receiving.join();
+    EXPECT_EQ(received, bytes + "end");
+    gatherFree(&list);
+}
+
+// Nothing is left of what failed, and the next attempt goes well.
+TEST_F(Sockets, SurviveEachAllocationThatFails) {
+    const size_t objects = objectCount();
+    const size_t failing = eachAllocationFails([&] {
+        Socket* server = nullptr;
+        Socket* made = nullptr;
+        Socket* accepted = nullptr;
+        const bool listens =
+            socketCreateServer(&server, kPlainSocketClass, kFirstIoQueueId, false) == kSocketDone &&
+            socketBind(server, kLoopbackAddress, 0, false) == kSocketDone &&
+            socketListen(server) == kSocketDone;
+        bool all = listens && socketCreateClient(&made, kPlainSocketClass, kFirstIoQueueId,
+                                                 false) == kSocketDone;
+        if (all) {
+            const SocketCode code = socketConnect(made, kLoopbackAddress, socketBoundPort(server));
+            all = code == kSocketDone || code == kSocketWouldBlock;
+            EXPECT_TRUE(all || code == kSocketNoBuffers);
+        }
+        if (all) all = socketOnWritable(made, Caller::call, &writer) == kStatusSuccess;
+        if (all) all = socketWaitConnected(made, -1) == kStatusSuccess;
+        if (all) all = socketAccept(server, &accepted, kFirstIoQueueId) == kSocketDone;
+        if (all) {
+            uint32_t out;
+            EXPECT_EQ(socketWrite(made, "x", 1, &out), kSocketDone);
+            all = socketOnReadable(accepted, Caller::call, &reader) == kStatusSuccess &&
+                  socketSetMinRead(accepted, 1) == kStatusSuccess &&
+                  readOf(accepted, 100, socketPeek).code != kSocketNoBuffers &&
+                  socketSetQueue(accepted, stand.queue) == kSocketDone;
+        }
+        EXPECT_EQ(all, allocationsFailed() == 0);
+        allocationsHeal();
+        for (Socket* socket : {server, made, accepted}) {
+            if (socket != nullptr) socketDestroy(socket);
+        }
+        EXPECT_EQ(objectCount(), objects);
+    });
+    EXPECT_GT(failing, 10u);
+}
+
+// With the library's own threads: callbacks run while other threads write, cancel and close.
+TEST(SocketThreads, CloseWhileCallbacksRun) {
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    struct Counts {
+        std::atomic<uint32_t> reads{0};
+        std::atomic<uint32_t> dones{0};
+    } counts;
+    const auto onReadable = [](Socket* socket, void* closure) {
+        (void)readOf(socket, 16);
+        ++static_cast<Counts*>(closure)->reads;
+    };
+    const auto onDone = [](void* closure) { ++static_cast<Counts*>(closure)->dones; };
+    const LoopbackListener listener;
+    constexpr int kRounds = 100;
+    uint32_t cancels = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        Socket* socket = nullptr;
+        ASSERT_EQ(socketCreateClient(&socket, kPlainSocketClass, kFirstIoQueueId, false),
+                  kSocketDone);
+        (void)socketConnect(socket, kLoopbackAddress, listener.port);
+        (void)socketOnReadable(socket, onReadable, &counts);
+        const OwnHandle peer = listener.take();
+        ASSERT_EQ(socketWaitConnected(socket, -1), kStatusSuccess);
+        const uint32_t before = counts.reads;
+        sendText(peer.number(), "first");
+        while (round % 2 == 0 && counts.reads == before)
+            std::this_thread::yield();
+        std::thread others[] = {
+            std::thread([&] {
+                uint32_t out;
+                for (int i = 0; i < 10; ++i)
+                    (void)socketWrite(socket, "x", 1, &out);
+            }),
+            std::thread([&] { (void)send(peer.number(), "more", 4, MSG_NOSIGNAL); }),
+            std::thread([&] { (round % 4 < 2 ? socketClose : socketInterrupt)(socket); }),
+        };
+        if (socketCancelReadable(socket, onDone) == kStatusSuccess) ++cancels;
+        for (std::thread& other : others)
+            other.join();
+        socketDestroy(socket);
+    }
+    while (counts.dones != cancels)
+        std::this_thread::yield();
+    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+}
+
+}  // namespace
