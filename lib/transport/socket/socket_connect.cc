@@ -140,75 +140,73 @@ SocketCode connectLocked(Socket* socket, uint32_t address, uint16_t port)
     return settled == kSocketDone ? code : settled;
 }
 
-void tellAccepted(const Socket* listener, const Socket* made) PELMO_UNCHECKED_LOCKING {
+// A connection that was taken, and what its socket has from the listening one.
+struct Accepted {
+    int handle;
+    sockaddr_in peer;
+    SocketMode mode;
+    int listenerHandle;
+    uint32_t listenerAddress;
+};
+
+// A client that has gone before it was accepted is passed over.
+SocketCode takeOneLocked(Socket* listener, Accepted* out) PELMO_REQUIRES(listener->lock) {
+    sockaddr_in peer = {};
+    int handle;
+    do {
+        socklen_t size = sizeof(peer);
+        handle = accept4(listener->handle, reinterpret_cast<sockaddr*>(&peer), &size,
+                         SOCK_NONBLOCK | SOCK_CLOEXEC);
+    } while (handle < 0 && (errno == EINTR || errno == ECONNABORTED));
+    if (handle < 0) return socketFailLocked(listener, errno);
+    *out = {.handle = handle,
+            .peer = peer,
+            .mode = listener->mode,
+            .listenerHandle = listener->handle,
+            .listenerAddress = listener->boundAddress};
+    return kSocketDone;
+}
+
+SocketCode take(Socket* listener, Accepted* out) {
+    const LockGuard guard(listener->lock);
+    for (;;) {
+        if (listener->state != SocketState::kListening) return kSocketWrongState;
+        if (listener->interrupted) return kSocketDisconnected;
+        const SocketCode code = takeOneLocked(listener, out);
+        if (code != kSocketWouldBlock || listener->mode == SocketMode::kNonBlocking) return code;
+        if (!socketPollLocked(listener, POLLIN, listener->deadline)) return code;
+    }
+}
+
+void tellAccepted(const Socket* listener, const Socket* made, const Accepted& taken) {
     if (!listener->isLocal) {
         socketLine(
             "tcp socket %p:%d accepted connection from %d.%d.%d.%d:%d and created tcp socket "
             "%p:%d.",
-            static_cast<const void*>(listener), listener->handle,
-            ADDRESS_ARGUMENTS(made->peerAddress, made->peerPort), static_cast<const void*>(made),
-            made->handle);
+            static_cast<const void*>(listener), taken.listenerHandle,
+            ADDRESS_ARGUMENTS(taken.peer.sin_addr.s_addr, taken.peer.sin_port),
+            static_cast<const void*>(made), taken.handle);
         return;
     }
     char name[INET_ADDRSTRLEN] = "";
-    const in_addr own = {listener->boundAddress};
+    const in_addr own = {taken.listenerAddress};
     (void)inet_ntop(AF_INET, &own, name, sizeof(name));
     socketLine("local socket %p:%d accepted connection on %s and created local socket %p:%d.",
-               static_cast<const void*>(listener), listener->handle, name,
-               static_cast<const void*>(made), made->handle);
+               static_cast<const void*>(listener), taken.listenerHandle, name,
+               static_cast<const void*>(made), taken.handle);
 }
 
-// A new socket of a connection that was accepted. Its state is still closed, and the handle is its
-// own on success.
-Socket* newAccepted(Socket* listener, int handle, const sockaddr_in& peer, uint32_t queueId)
-    PELMO_UNCHECKED_LOCKING {  // nobody else knows the new one
-    if (!socketSetNoDelay(handle)) return nullptr;
-    Socket* const made =
-        socketNew(SocketRole::kAccepted, listener->functions, queueId, listener->isLocal);
-    if (made == nullptr) return nullptr;
-    made->handle = handle;
-    made->mode = listener->mode;
-    made->peerAddress = peer.sin_addr.s_addr;
-    made->peerPort = peer.sin_port;
-    return made;
-}
-
-SocketCode beginAccepted(Socket* made) {
+SocketCode beginAccepted(Socket* made, const Accepted& taken) {
     const LockGuard guard(made->lock);
+    made->handle = taken.handle;
+    made->mode = taken.mode;
+    made->peerAddress = taken.peer.sin_addr.s_addr;
+    made->peerPort = taken.peer.sin_port;
     made->state = SocketState::kConnecting;
+    if (!socketSetNoDelay(made->handle)) return socketFailLocked(made, errno);
     const SocketCode code = beginLocked(made);
     if (code != kSocketDone && code != kSocketWouldBlock) return code;
     return settleLocked(made);
-}
-
-// A client that has gone before it was accepted is passed over.
-int acceptOne(int listener, sockaddr_in* peer) {
-    for (;;) {
-        socklen_t size = sizeof(*peer);
-        const int handle = accept4(listener, reinterpret_cast<sockaddr*>(peer), &size,
-                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (handle >= 0 || (errno != EINTR && errno != ECONNABORTED)) return handle;
-    }
-}
-
-SocketCode acceptLocked(Socket* listener, Socket** out, uint32_t queueId)
-    PELMO_REQUIRES(listener->lock) {
-    sockaddr_in peer = {};
-    const int handle = acceptOne(listener->handle, &peer);
-    if (handle < 0) return socketFailLocked(listener, errno);
-    Socket* const made = newAccepted(listener, handle, peer, queueId);
-    if (made == nullptr) {
-        close(handle);
-        return kSocketNoBuffers;
-    }
-    tellAccepted(listener, made);
-    const SocketCode code = beginAccepted(made);
-    if (code != kSocketDone) {
-        socketDestroy(made);
-        return code;
-    }
-    *out = made;
-    return kSocketDone;
 }
 
 // Those who wait for it look at the state again.
@@ -247,15 +245,25 @@ SocketCode socketListen(Socket* socket) {
     return kSocketDone;
 }
 
+// The new socket's lock is never taken with the listening one's held.
 SocketCode socketAccept(Socket* socket, Socket** out, uint32_t queueId) {
-    const LockGuard guard(socket->lock);
-    for (;;) {
-        if (socket->state != SocketState::kListening) return kSocketWrongState;
-        if (socket->interrupted) return kSocketDisconnected;
-        const SocketCode code = acceptLocked(socket, out, queueId);
-        if (code != kSocketWouldBlock || socket->mode == SocketMode::kNonBlocking) return code;
-        if (!socketPollLocked(socket, POLLIN, socket->deadline)) return code;
+    Accepted taken = {};
+    SocketCode code = take(socket, &taken);
+    if (code != kSocketDone) return code;
+    Socket* const made =
+        socketNew(SocketRole::kAccepted, socket->functions, queueId, socket->isLocal);
+    if (made == nullptr) {
+        close(taken.handle);
+        return kSocketNoBuffers;
     }
+    code = beginAccepted(made, taken);
+    if (code != kSocketDone) {
+        socketDestroy(made);
+        return code;
+    }
+    tellAccepted(socket, made, taken);
+    *out = made;
+    return kSocketDone;
 }
 
 SocketCode socketConnect(Socket* socket, uint32_t address, uint16_t port) {

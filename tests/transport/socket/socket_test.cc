@@ -80,8 +80,8 @@ void awaitPoll(Socket* socket) {
 
 struct Sockets : testing::Test {
     ~Sockets() override {
-        if (client != nullptr) socketDestroy(client);
         logSetSocketLines(false);
+        if (client != nullptr) socketDestroy(client);
     }
 
     SocketCode startConnect(uint16_t port, SocketMode mode = SocketMode::kNonBlocking) {
