@@ -7,12 +7,10 @@
 #include <thread>
 #include <vector>
 
-#include "lib/pelmo.h"
 #include "lib/transport/socket/socket_internal.h"
 #include "tests/runtime/event_stand.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/loopback_peer.h"
-#include "tests/support/race.h"
 
 namespace {
 
@@ -579,52 +577,6 @@ TEST_F(Sockets, SurviveEachAllocationThatFails) {
         EXPECT_EQ(objectCount(), objects);
     });
     EXPECT_GT(failing, 10u);
-}
-
-// With the library's own threads: callbacks run while other threads write, cancel and close.
-TEST(SocketThreads, CloseWhileCallbacksRun) {
-    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-    struct Counts {
-        std::atomic<uint32_t> reads{0};
-        std::atomic<uint32_t> dones{0};
-    } counts;
-    const auto onReadable = [](Socket* socket, void* closure) {
-        (void)readOf(socket, 16);
-        ++static_cast<Counts*>(closure)->reads;
-    };
-    const auto onDone = [](void* closure) { ++static_cast<Counts*>(closure)->dones; };
-    const LoopbackListener listener;
-    constexpr int kRounds = 100;
-    uint32_t cancels = 0;
-    for (int round = 0; round < kRounds; ++round) {
-        Socket* socket = nullptr;
-        ASSERT_EQ(socketCreateClient(&socket, kPlainSocketClass, kFirstIoQueueId, false),
-                  kSocketDone);
-        (void)socketConnect(socket, kLoopbackAddress, listener.port);
-        (void)socketOnReadable(socket, onReadable, &counts);
-        const OwnHandle peer = listener.take();
-        ASSERT_EQ(socketWaitConnected(socket, -1), kStatusSuccess);
-        const uint32_t before = counts.reads;
-        sendText(peer.number(), "first");
-        while (round % 2 == 0 && counts.reads == before)
-            std::this_thread::yield();
-        std::thread others[] = {
-            std::thread([&] {
-                uint32_t out;
-                for (int i = 0; i < 10; ++i)
-                    (void)socketWrite(socket, "x", 1, &out);
-            }),
-            std::thread([&] { (void)send(peer.number(), "more", 4, MSG_NOSIGNAL); }),
-            std::thread([&] { (round % 4 < 2 ? socketClose : socketInterrupt)(socket); }),
-        };
-        if (socketCancelReadable(socket, onDone) == kStatusSuccess) ++cancels;
-        for (std::thread& other : others)
-            other.join();
-        socketDestroy(socket);
-    }
-    while (counts.dones != cancels)
-        std::this_thread::yield();
-    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
 }
 
 }  // namespace
