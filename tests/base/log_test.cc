@@ -13,10 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <map>
-#include <set>
 #include <sstream>
-#include <string>
-#include <thread>
 
 #include "lib/base/log_pace.h"
 #include "lib/base/thread.h"

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <set>
-#include <string>
 
 #include "tests/support/scratch_folder.h"
 

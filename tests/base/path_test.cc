@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 
 #include "tests/support/scratch_folder.h"
 

@@ -1,12 +1,9 @@
 #include "lib/containers/dict.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <memory>
 #include <random>
 #include <utility>
-#include <vector>
 
 #include "tests/support/container_values.h"
 #include "tests/support/fail_alloc.h"

@@ -1,7 +1,5 @@
 #include "lib/containers/dpa.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <memory>
 #include <random>

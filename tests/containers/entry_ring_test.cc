@@ -1,13 +1,10 @@
 #include "lib/containers/entry_ring.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <bit>
 #include <deque>
 #include <memory>
 #include <random>
-#include <vector>
 
 #include "tests/support/container_values.h"
 #include "tests/support/fail_alloc.h"

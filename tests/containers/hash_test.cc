@@ -1,11 +1,8 @@
 #include "lib/containers/hash.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
 #include <memory>
 #include <random>
-#include <string>
 
 #include "tests/support/container_values.h"
 #include "tests/support/fail_alloc.h"

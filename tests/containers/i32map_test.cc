@@ -1,7 +1,5 @@
 #include "lib/containers/i32map.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
 #include <memory>
 #include <random>

@@ -1,11 +1,7 @@
 #include "lib/containers/subject_map.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "tests/support/container_values.h"
 

@@ -1,13 +1,9 @@
 #include "lib/containers/subject.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <random>
 #include <span>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "tests/support/container_values.h"
 

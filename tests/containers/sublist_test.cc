@@ -1,15 +1,11 @@
 #include "lib/containers/sublist.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <memory>
 #include <random>
 #include <set>
 #include <span>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/support/container_values.h"
 #include "tests/support/fail_alloc.h"

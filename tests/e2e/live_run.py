@@ -6,7 +6,6 @@ all the test says that and ends with status 77. Run as a program it tells which 
 """
 
 import collections
-import contextlib
 import ctypes
 import os
 import re
@@ -114,11 +113,9 @@ class Tool(Process):
     def __init__(self, binary, folder, *arguments, stdout=None, stderr=None, **env):
         self.folder = folder
         folder.mkdir(exist_ok=True)
-        with contextlib.ExitStack() as files:
-            def stream(given, name):
-                return given or files.enter_context(open(folder / name, "wb"))
+        with open(folder / "stdout", "wb") as out, open(folder / "stderr", "wb") as err:
             super().__init__(binary, *arguments, cwd=folder, env=environment(**env),
-                             stdout=stream(stdout, "stdout"), stderr=stream(stderr, "stderr"))
+                             stdout=stdout or out, stderr=stderr or err)
 
     def text(self, name="stdout"):
         path = self.folder / name
@@ -133,11 +130,6 @@ class Tool(Process):
                 raise AssertionError("the tool ended: " + self.text("stderr"))
             return len(self.reports(name)) >= count
         wait_until(test, "%d reports" % count)
-
-    def status_at(self, number, seconds):
-        """The exit status, where the tool ends within so many seconds of the signal."""
-        self.popen.send_signal(number)
-        return self.status(seconds)
 
     def stop(self, number=signal.SIGTERM):
         """Answers the exit status and how many seconds it took."""
@@ -177,9 +169,9 @@ def read_row(rows, table, host, words):
     """Adds a row's numbers under (table, row, column). The host that a second line belongs to is
     handed from line to line; ports of the retransmission table are left out, since they depend on
     what earlier reports have shown; so is what isn't a counter."""
-    address = next((word for word in words if word.count(".") == 3 and word[0].isdigit()), None)
     if not words or words[0].startswith("-") or words[0] == "Port":
         return host
+    address = next((word for word in words if word.count(".") == 3 and word[0].isdigit()), None)
     if words[0] == "Totals":
         key, numbers = "totals", words[1:]
     elif table in ("mcast", "subject") and words[1:2] == ["*"]:

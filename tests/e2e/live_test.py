@@ -33,7 +33,6 @@ DATA_HEADER_BYTES = 32
 RINGS = (0, 1, 3, 12)
 LARGE_RING = 12
 HOUR = 3600
-MEGABYTE = 1 << 20
 PIPE_BYTES = 16384
 SYS_WRITE = ("1", "64")  # x86-64, arm64
 
@@ -44,23 +43,18 @@ class Live(unittest.TestCase):
         self.addCleanup(scratch.cleanup)
         self.folder = pathlib.Path(scratch.name)
 
-    def start(self, name, *arguments, **more):
-        tool = Tool(BINARY, self.folder / name, "-i", WIRE.interface, "-u", "1", *arguments, **more)
+    def run_tool(self, name, *arguments, **more):
+        tool = Tool(BINARY, self.folder / name, *arguments, **more)
         self.addCleanup(tool.close)
         return tool
 
-    def send(self, *options):
-        sender = Process(PELMOGEN, *WIRE.send, *options, stdout=subprocess.PIPE, text=True)
-        self.addCleanup(sender.close)
-        return sender
-
-    def sent(self, sender):
-        text = sender.popen.communicate(timeout=30)[0]
-        self.assertEqual(sender.status(), 0)
-        return sent_totals(text)
+    def start(self, name, *arguments, interface=None, **more):
+        return self.run_tool(name, "-i", interface or WIRE.interface, "-u", "1", *arguments, **more)
 
     def send_all(self, *options):
-        return self.sent(self.send(*options))
+        run = subprocess.run([PELMOGEN, *WIRE.send, *options], check=True, timeout=30,
+                             stdout=subprocess.PIPE, text=True)
+        return sent_totals(run.stdout)
 
     def read_back(self, path, *arguments):
         """What an offline run makes of a capture, in one report."""
@@ -131,41 +125,35 @@ class Live(unittest.TestCase):
             print("without a namespace loopback can't be taken down: left out")
             return
         self.addCleanup(run_quietly, "ip", "link", "set", "lo", "up")
-        tool = self.start("before")
-        tool.wait_for_reports(1)
-        self.assertEqual(run_quietly("ip", "link", "set", "lo", "down").returncode, 0)
-        self.stop_in_order(tool)
-        tool = self.start("behind")
-        tool.wait_for_reports(1)
-        self.stop_in_order(tool)
+        for name in ("before", "behind"):
+            tool = self.start(name)
+            tool.wait_for_reports(1)
+            self.assertEqual(run_quietly("ip", "link", "set", "lo", "down").returncode, 0)
+            self.stop_in_order(tool)
 
     def test_rings_of_capture_and_log_files(self):
         """Names are relative, and the tool leaves its directory."""
-        tools = {}
-        for count in RINGS:
-            tools[count] = self.start(
-                "ring%d" % count, "-w", "w.pcap", "-w-max-size", "1", "-w-max-rotations", count,
-                "-logfile", "log", "-log-max-size", "100", "-log-max-rotations", count, "-addrinfo")
-        logs = {count: [tool.folder / ("log%s" % (n or "")) for n in range(count + 1)]
-                for count, tool in tools.items()}
-        for count, tool in tools.items():
+        options = "-addrinfo -w w.pcap -w-max-size 1 -logfile log -log-max-size 100"
+        tools = {count: self.start("ring%d" % count, *options.split(), "-w-max-rotations", count,
+                                   "-log-max-rotations", count) for count in RINGS}
+        for tool in tools.values():
             tool.wait_for_reports(1, "log")
         # Each second brings more than a capture file and a log file may hold.
         totals = self.send_all("--count", "20000", "--rate", "4000", "--hosts", "400",
                                "--subjects", "2000", "--round-robin")
 
         def all_counted():
-            written = "".join(path.read_text() for path in logs[LARGE_RING] if path.exists())
-            return total_of(read_reports(written)) == totals["data"]
+            large = tools[LARGE_RING]
+            written = [large.text("log%s" % (n or "")) for n in range(LARGE_RING + 1)]
+            return total_of(read_reports("".join(written))) == totals["data"]
         wait_until(all_counted, "all packets in the logs")
         for tool in tools.values():
             self.stop_in_order(tool, "log")
 
         for count, tool in tools.items():
             files = {path.name for path in tool.folder.iterdir()} - {"stdout", "stderr"}
-            numbers = range(1, count + 1)
-            wanted = {"log", "w.pcap"} | {name + str(n) for name in ("log", "w.pcap")
-                                          for n in numbers}
+            wanted = {"%s%s" % (name, n or "") for name in ("log", "w.pcap")
+                      for n in range(count + 1)}
             if count == LARGE_RING:  # not gone round
                 self.assertLess(files, wanted)
             else:
@@ -185,8 +173,7 @@ class Live(unittest.TestCase):
         for command in ("add sender2 type veth peer name listener2", "set sender2 up",
                         "set listener2 up"):
             self.assertEqual(run_quietly("ip", "link", *command.split()).returncode, 0)
-        tool = Tool(BINARY, self.folder / "tool", "-i", "listener2", "-u", "1")
-        self.addCleanup(tool.close)
+        tool = self.start("tool", interface="listener2")
         tool.wait_for_reports(1)
         for change in ("down", "up", "down"):
             self.assertEqual(run_quietly("ip", "link", "set", "listener2", change).returncode, 0)
@@ -202,9 +189,57 @@ class Live(unittest.TestCase):
         tool.wait_for_reports(len(tool.reports()) + 2)
         self.stop_in_order(tool)
 
-    def start_behind_a_reader_that_stalls(self):
-        """The tool, its reader's end, what was read until the stall, what was sent, a test of the
-        stall."""
+    def pipe_that_nobody_reads(self, path):
+        os.mkfifo(path)
+        reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, PIPE_BYTES)
+        return reader
+
+    def test_readers_that_stall_hold_up_no_end(self):
+        """Of reports, of the log, or of a saved capture. What goes to a file instead gets there."""
+        readers, tools = [], {}
+        for name in ("stdout", "stderr", "log", "saved.pcap"):
+            (self.folder / name).mkdir()
+            readers.append(self.pipe_that_nobody_reads(self.folder / name / name))
+            log = ["-logfile", "log"] if name == "log" else []
+            tools[name] = self.start(name, "-complain", "-addrinfo", "-w", "saved.pcap", *log)
+        for name, tool in tools.items():
+            wait_until(lambda: os.readlink("/proc/%d/cwd" % tool.popen.pid) == "/", "a start of " + name)
+        self.send_all("--count", "2000", "--rate", "10000", "--subjects", "1000",
+                      "--damaged", "0.5", "--damage", "checksum")
+        unread = array.array("i", [0])
+
+        def is_full(reader):
+            fcntl.ioctl(reader, termios.FIONREAD, unread)
+            return unread[0] > PIPE_BYTES // 2
+        for reader in readers:
+            wait_until(lambda: is_full(reader), "a pipe that is full")
+        for name, tool in tools.items():
+            with self.subTest(stalled=name):
+                status, seconds = tool.stop()
+                self.assertEqual(status, 0)
+                self.assertLess(seconds, 1.0)
+                if name != "saved.pcap":
+                    saved = self.read_back(tool.folder / "saved.pcap")
+                    self.assertGreater(total_of(saved), 0)
+
+    def test_an_offline_run_that_loses_output_says_so(self):
+        capture = self.folder / "capture"
+        run_quietly(PELMOGEN, "--out", capture, "--count", "100")
+        full = os.open("/dev/full", os.O_WRONLY)
+        self.addCleanup(os.close, full)
+        for name, arguments, told in (
+                ("stdout", (), "reports can't be written to the standard output"),
+                ("stderr", (), None),
+                ("log", ("-logfile", "/dev/full"), "failed to write log file '/dev/full'")):
+            streams = {name: full} if name != "log" else {}
+            tool = self.run_tool(name, "-r", capture, "-u", "0", *arguments, **streams)
+            self.assertEqual(tool.status(), 1, name)
+            if told:
+                self.assertEqual(tool.text("stderr").count(told), 1, name)
+
+    def test_a_reader_that_stalls_costs_no_packet(self):
         reader, writer = os.pipe()
         self.addCleanup(os.close, reader)
         fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
@@ -223,66 +258,6 @@ class Live(unittest.TestCase):
             calls = [(task / "syscall").read_text().split() for task in tasks.iterdir()]
             return any(call[0] in SYS_WRITE and call[1] == "0x1" for call in calls)
         wait_until(stalls, "a report that waits for its reader")
-        return tool, reader, text, first, stalls
-
-    def pipe_that_nobody_reads(self, path):
-        os.mkfifo(path)
-        reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
-        self.addCleanup(os.close, reader)
-        fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, PIPE_BYTES)
-        return reader
-
-    def test_readers_that_stall_hold_up_no_end(self):
-        """Of reports, of the log, or of a saved capture. What goes to a file instead gets there."""
-        readers, tools = [], {}
-        for name in ("stdout", "stderr", "log", "saved.pcap"):
-            folder = self.folder / name
-            folder.mkdir()
-            readers.append(self.pipe_that_nobody_reads(folder / name))
-            options = ["-complain", "-addrinfo", "-w", "saved.pcap"]
-            if name == "log":
-                options += ["-logfile", "log"]
-            if name in ("stdout", "stderr"):
-                with open(folder / name, "wb") as stream:
-                    tools[name] = self.start(name, *options, **{name: stream})
-            else:
-                tools[name] = self.start(name, *options)
-        for name, tool in tools.items():
-            wait_until(lambda: os.readlink("/proc/%d/cwd" % tool.popen.pid) == "/", "a start of " + name)
-        self.send_all("--count", "2000", "--rate", "10000", "--subjects", "1000",
-                      "--damaged", "0.5", "--damage", "checksum")
-        unread = array.array("i", [0])
-
-        def is_full(reader):
-            fcntl.ioctl(reader, termios.FIONREAD, unread)
-            return unread[0] > PIPE_BYTES // 2
-        for reader in readers:
-            wait_until(lambda: is_full(reader), "a pipe that is full")
-        for name, tool in tools.items():
-            with self.subTest(stalled=name):
-                self.assertEqual(tool.status_at(signal.SIGTERM, 1.0), 0)
-                if name != "saved.pcap":
-                    saved = self.read_back(tool.folder / "saved.pcap")
-                    self.assertGreater(total_of(saved), 0)
-
-    def test_an_offline_run_that_loses_output_says_so(self):
-        capture = self.folder / "capture"
-        run_quietly(PELMOGEN, "--out", capture, "--count", "100")
-        full = os.open("/dev/full", os.O_WRONLY)
-        self.addCleanup(os.close, full)
-        for name, arguments, told in (
-                ("stdout", (), "reports can't be written to the standard output"),
-                ("stderr", (), None),
-                ("log", ("-logfile", "/dev/full"), "failed to write log file '/dev/full'")):
-            streams = {name: full} if name != "log" else {}
-            tool = Tool(BINARY, self.folder / name, "-r", capture, "-u", "0", *arguments, **streams)
-            self.addCleanup(tool.close)
-            self.assertEqual(tool.status(), 1, name)
-            if told:
-                self.assertEqual(tool.text("stderr").count(told), 1, name)
-
-    def test_a_reader_that_stalls_costs_no_packet(self):
-        tool, reader, text, first, stalls = self.start_behind_a_reader_that_stalls()
         # Several times what libpcap's buffer holds, from senders of another port.
         second = self.send_all("--count", "60000", "--rate", "30000", "--subjects", "1000",
                                "--first-port", "7600")
@@ -298,18 +273,16 @@ class Live(unittest.TestCase):
         self.stop_in_order(tool)
 
     def test_a_wall_clock_that_steps_neither_hangs_nor_floods(self):
-        tools = {}
-        for shift in (HOUR, -HOUR):
-            path = self.folder / ("shift%d" % shift)
-            tools[shift] = self.start(
-                "tool%d" % shift, LD_PRELOAD=str(CLOCK_SHIFT), CLOCK_SHIFT_FILE=str(path),
-                ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0")
-        for shift, tool in tools.items():
+        paths = {shift: self.folder / ("shift%d" % shift) for shift in (HOUR, -HOUR)}
+        asan = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+        tools = {shift: self.start("tool%d" % shift, LD_PRELOAD=str(CLOCK_SHIFT),
+                                   CLOCK_SHIFT_FILE=str(path), ASAN_OPTIONS=asan)
+                 for shift, path in paths.items()}
+        for tool in tools.values():
             tool.wait_for_reports(2)
         before = {shift: len(tool.reports()) for shift, tool in tools.items()}
         stepped = time.monotonic()
-        for shift in tools:
-            path = self.folder / ("shift%d" % shift)
+        for shift, path in paths.items():
             path.with_suffix(".new").write_text(str(shift))
             path.with_suffix(".new").rename(path)
         for shift, tool in tools.items():
@@ -322,25 +295,6 @@ class Live(unittest.TestCase):
             self.assertEqual(len(odd), 1, elapsed)
             self.assertAlmostEqual(odd[0], 1 + shift, delta=0.5)
             self.stop_in_order(tool)
-
-    def test_an_offline_run_rotates_at_the_pace_of_the_wall_clock(self):
-        whole = self.folder / "whole.pcap"
-        run_quietly(PELMOGEN, "--out", whole, "--count", "6000")
-        data = whole.read_bytes()
-        self.assertGreater(len(data), MEGABYTE + MEGABYTE // 2)
-        tube = self.folder / "tube"
-        os.mkfifo(tube)
-        tool = Tool(BINARY, self.folder / "tool", "-r", tube, "-w", "w.pcap", "-w-max-size", "1",
-                    "-w-max-rotations", "2")
-        self.addCleanup(tool.close)
-        with open(tube, "wb", buffering=0) as feed:
-            feed.write(data[:len(data) - 1000])
-            wait_until((tool.folder / "w.pcap1").exists, "a rotation")
-            feed.write(data[len(data) - 1000:])
-        self.assertEqual(tool.status(), 0)
-        saved = [total_of(self.read_back(tool.folder / name)) for name in ("w.pcap1", "w.pcap")]
-        self.assertEqual(sum(saved), 6000)
-        self.assertRegex(tool.text("stderr"), r"Shutting down \.\.\.\n$")
 
     def test_the_generator_sends_nothing_where_a_frame_could_leave(self):
         if WIRE.interface == "lo":

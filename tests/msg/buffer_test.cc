@@ -1,9 +1,6 @@
 #include "lib/msg/buffer.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstring>
 #include <latch>
 #include <memory>
 #include <optional>

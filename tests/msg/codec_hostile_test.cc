@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <vector>
-
 #include "lib/msg/wire.h"
 #include "tests/support/codec_run.h"
 #include "tests/support/fail_alloc.h"

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "lib/base/bytes.h"
 #include "lib/msg/codec_internal.h"

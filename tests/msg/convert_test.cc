@@ -6,10 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cinttypes>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <sstream>

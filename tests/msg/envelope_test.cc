@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "lib/msg/envelope_internal.h"
 #include "tests/support/envelope_bytes.h"

@@ -1,11 +1,7 @@
 // What messages take from the heap, what they do when it gives nothing, and what they keep.
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "lib/containers/dpa.h"
 #include "lib/msg/buffer.h"
@@ -14,7 +10,6 @@
 #include "lib/msg/text.h"
 #include "tests/support/envelope_bytes.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/message_values.h"
 #include "tests/support/pool_manager.h"
 
 namespace {

@@ -7,8 +7,6 @@
 #include <cstring>
 #include <optional>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_internal.h"

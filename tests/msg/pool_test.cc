@@ -1,8 +1,5 @@
 #include "lib/msg/pool.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -11,7 +8,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/fail_alloc.h"
 #include "tests/support/lock_count.h"

@@ -1,13 +1,10 @@
 // Opens and closes against everything else.
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <latch>
-#include <thread>
-#include <vector>
 
 #include "lib/pelmo.h"
 #include "lib/runtime/id.h"

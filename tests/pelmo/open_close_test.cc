@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,9 +5,6 @@
 #include <cstdlib>
 #include <latch>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "lib/pelmo.h"
 #include "lib/runtime/id.h"
@@ -168,10 +163,8 @@ TEST(Library, WaitersSeeTheClose) {
 // A user's thread that dispatches; closing the library doesn't wait for it.
 TEST(Library, KeepsAnEventWhileItsCallbackRunsThroughTheClose) {
     struct Meeting {
-        std::latch inside{1};
-        std::latch closed{1};
-        pelmoStatus found = kStatusNotFound;
-        pelmoStatus answered = kStatusSuccess;
+        std::latch inside{1}, closed{1};
+        pelmoStatus found = kStatusNotFound, answered = kStatusSuccess;
     } meeting;
     ASSERT_EQ(pelmo_Open(), kStatusSuccess);
     const uint32_t queue = newQueue();
@@ -202,34 +195,32 @@ TEST(Library, KeepsAnEventWhileItsCallbackRunsThroughTheClose) {
 
 // From a callback, or the completion that follows it, on a thread of the library's or the user's.
 TEST(Library, IsClosedFromACallback) {
-    struct Closing {
-        bool fromCompletion;
-        std::atomic<bool> done;
+    static constexpr auto close = [](uint32_t, void* done) {
+        EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+        *static_cast<std::atomic<bool>*>(done) = true;
     };
-    const auto callback = [](uint32_t event, pelmoMsg*, void* closure) {
-        auto& closing = *static_cast<Closing*>(closure);
-        const auto close = [](uint32_t, void* again) {
-            EXPECT_EQ(pelmo_Close(), kStatusSuccess);
-            static_cast<Closing*>(again)->done = true;
-        };
-        pelmoEvent_DestroyEx(event, closing.fromCompletion ? +close : nullptr);
-        if (!closing.fromCompletion) close(event, closure);
+    const pelmoEventCallback fromCallback = [](uint32_t event, pelmoMsg*, void* done) {
+        pelmoEvent_DestroyEx(event, nullptr);
+        close(event, done);
+    };
+    const pelmoEventCallback fromCompletion = [](uint32_t event, pelmoMsg*, void*) {
+        pelmoEvent_DestroyEx(event, close);
     };
     for (const uint32_t fixed : {kNoId, kDefaultQueueId, kTimerQueueId, kWorkQueueId}) {
-        for (const bool fromCompletion : {false, true}) {
-            SCOPED_TRACE(std::to_string(fixed) + (fromCompletion ? " completion" : " callback"));
+        for (const pelmoEventCallback callback : {fromCallback, fromCompletion}) {
+            SCOPED_TRACE(fixed);
             ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-            Closing closing = {fromCompletion, false};
+            std::atomic<bool> done = false;
             const uint32_t queue = fixed != kNoId ? fixed : newQueue();
             uint32_t dispatcher = 0;
             if (fixed == kNoId) {
                 ASSERT_EQ(pelmoDispatcher_CreateEx(&dispatcher, queue, -1.0), kStatusSuccess);
             }
-            newTimer(queue, callback, &closing);
+            newTimer(queue, callback, &done);
             if (fixed == kDefaultQueueId) {
                 EXPECT_EQ(pelmoQueue_TimedDispatch(queue, -1.0), kStatusSuccess);
             }
-            while (!closing.done)
+            while (!done)
                 sched_yield();
             // The next open waits for the end of the close.
             ASSERT_EQ(pelmo_Open(), kStatusSuccess);
@@ -239,39 +230,48 @@ TEST(Library, IsClosedFromACallback) {
     }
 }
 
-struct TracingSettings {
-    TracingSettings(const char* modules, const std::string& file) {
-        setenv("_PM_TRACING_MODULES", modules, 1);
-        setenv("_PM_TRACING_FILE", file.c_str(), 1);
-    }
-    ~TracingSettings() {
-        unsetenv("_PM_TRACING_MODULES");
-        unsetenv("_PM_TRACING_FILE");
-    }
-};
-
+// A module that nobody knows ends the tracing, not the open.
 TEST(Library, TracesAsTheEnvironmentSays) {
     const Folder folder;
-    {
-        const TracingSettings settings("PELMO", folder.path("trace"));
-        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-        (void)pelmo_Version();
-        pelmo_Close();
-        pelmo_Close();
-        (void)pelmo_Version();
-    }
-    // Without time stamps and the thread's number.
-    const std::regex ahead("[-0-9]+ [0-9:.]+Z [^:]+: (\\[PELMO\\])?(?:\\[[0-9]+\\]: )?");
+    setenv("_PM_TRACING_FILE", folder.path("trace").c_str(), 1);
+    setenv("_PM_TRACING_MODULES", "PELMO,M,MSG_", 1);
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
+    (void)pelmo_Version();
+    pelmoMsg* message = nullptr;
+    ASSERT_EQ(pelmoMsg_Create(&message), kStatusSuccess);
+    pelmoMsgField field;
+    (void)pelmoMsg_AddNone(message, "n", 5);
+    (void)pelmoMsg_GetFieldEx(message, nullptr, &field, 5);
+    (void)pelmoMsg_GetFieldInstance(message, "n", &field, 1);
+    (void)pelmoMsg_RemoveFieldEx(message, "n", 5);
+    (void)pelmoMsg_Expand(message, -1);
+    (void)pelmoMsg_Destroy(message);
+    pelmo_Close();
+    pelmo_Close();
+    (void)pelmo_Version();
+    // Without time stamps, the thread's number and the addresses.
+    const std::regex ahead(
+        "[-0-9]+ [0-9:.]+Z [^:]+: (\\[[A-Z_]+\\])?(?:\\[[0-9]+\\]: )?|0x[0-9a-f]+");
     EXPECT_EQ(std::regex_replace(readFile(folder.path("trace")), ahead, "$1"),
               "\nPelmo API\n\nVersion 8.5.2 V1 11/12/20 06:41:40\n\n[PELMO]pelmo_Open()\n"
-              "[PELMO]pelmo_Open()\n[PELMO]pelmo_Version()\n[PELMO]pelmo_Close()\n"
-              "[PELMO]pelmo_Close()\n");
+              "[PELMO]pelmo_Open()\n[PELMO]pelmo_Version()\n"
+              "[MSG]Message  created\n[MSG]pelmoMsg_Create()\n"
+              "[MSG_DETAIL]pelmoMsg_AddField(, ) type=22\n"
+              "[MSG_DETAIL]pelmoMsg_GetFieldEx(, \"<NULL>\", , 5)\n"
+              "[MSG_DETAIL]pelmoMsg_GetFieldInstance(, \"n\", , 1)\n"
+              "[MSG_DETAIL]pelmoMsg_RemoveFieldEx(, \"n\", 5)\n"
+              "[MSG_DETAIL]pelmoMsg_Expand(, -1)\n"
+              "[MSG]pelmoMsg_Destroy()\n[MSG]Message  destroyed\n"
+              "[PELMO]pelmo_Close()\n[PELMO]pelmo_Close()\n");
 
-    const TracingSettings settings("NOSUCH", folder.path("none"));
+    setenv("_PM_TRACING_FILE", folder.path("none").c_str(), 1);
+    setenv("_PM_TRACING_MODULES", "NOSUCH", 1);
     ASSERT_EQ(pelmo_Open(), kStatusSuccess);
     pelmo_Close();
     EXPECT_EQ(folder.names(), std::set<std::string>({"trace"}));
+    unsetenv("_PM_TRACING_FILE");
+    unsetenv("_PM_TRACING_MODULES");
 }
 
 }  // namespace

@@ -6,8 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <vector>
-
 #include "lib/containers/subject.h"
 #include "lib/msg/message_internal.h"
 #include "lib/pelmo.h"
@@ -18,57 +16,63 @@ namespace {
 void onEvent(uint32_t, pelmoMsg*, void*) {}
 void onBatch(pelmoMsg**, uint32_t) {}
 
-// With the id of the object that the call is about, and of a queue that is sound.
-using ByName = pelmoStatus (*)(uint32_t id, uint32_t queue);
+enum Kind {
+    kQueues,
+    kGroups,
+    kDispatchers,
+    kTimers,
+    kIos,
+    kListeners,
+    kEvents,
+    kTransports,
+    kKinds
+};
 
 // What an id is wanted of, and what is answered to another.
 struct Target {
-    IdType type;
+    Kind kind;
     pelmoStatus badId;
-    uint32_t kind = 0;  // of event; 0: any
 };
 
-constexpr Target kQueue = {IdType::kQueue, kStatusInvalidQueue};
-constexpr Target kGroup = {IdType::kQueueGroup, kStatusInvalidQueueGroup};
-constexpr Target kEvent = {IdType::kEvent, kStatusInvalidEvent};
-constexpr Target kTimer = {IdType::kEvent, kStatusInvalidEvent, kEventTimer};
-constexpr Target kIo = {IdType::kEvent, kStatusInvalidEvent, kEventIo};
-constexpr Target kListener = {IdType::kEvent, kStatusInvalidEvent, kEventListener};
-constexpr Target kTransport = {IdType::kTransport, kStatusInvalidTransport};
-constexpr Target kDispatcher = {IdType::kDispatcher, kStatusInvalidDispatcher};
-constexpr Target kNamedDispatcher = {IdType::kDispatcher, kStatusInvalidQueue};
+constexpr Target kQueue = {kQueues, kStatusInvalidQueue};
+constexpr Target kGroup = {kGroups, kStatusInvalidQueueGroup};
+constexpr Target kEvent = {kEvents, kStatusInvalidEvent};
+constexpr Target kTimer = {kTimers, kStatusInvalidEvent};
+constexpr Target kIo = {kIos, kStatusInvalidEvent};
+constexpr Target kListener = {kListeners, kStatusInvalidEvent};
+constexpr Target kTransport = {kTransports, kStatusInvalidTransport};
+constexpr Target kDispatcher = {kDispatchers, kStatusInvalidDispatcher};
+constexpr Target kNamedDispatcher = {kDispatchers, kStatusInvalidQueue};
+
+// A place that a call shall refuse to go without, for its answer or with its text: null while
+// `nowhere` holds, and then answered by `refusal`.
+bool nowhere;
+pelmoStatus refusal;
+
+template <typename Value>
+Value* place(Value* value, pelmoStatus withoutIt = kStatusInvalidArgument) {
+    refusal = withoutIt;
+    return nowhere ? nullptr : value;
+}
 
 struct Call {
     const char* name;
     Target target;
-    ByName call;           // whole but for the id
-    ByName withoutOutput;  // or without its text; null: there is none
-    pelmoStatus noOutput;
-    bool endsObjects;  // works on a closed library
+    pelmoStatus (*call)(uint32_t id);  // whole but for the id of what it is about
+    bool hasPlace = false;
+    bool endsObjects = false;  // works on a closed library
 };
 
-constexpr Call makeCall(const char* name,
-                        Target target,
-                        ByName call,
-                        ByName withoutOutput = nullptr,
-                        pelmoStatus noOutput = kStatusInvalidArgument) {
-    return {name, target, call, withoutOutput, noOutput, false};
-}
+#define BY_ID(call) []([[maybe_unused]] uint32_t id) { return call; }
+#define CALL(target, call) \
+    { #call, target, BY_ID(call) }
+#define ANSWER(target, call) \
+    { #call, target, BY_ID(call), true }
+#define ENDING(target, call) \
+    { #call, target, BY_ID(call), false, true }
+#define GETTER(target, call, out) ANSWER(target, call(id, place(&(out))))
 
-constexpr Call ending(Call call) {
-    call.endsObjects = true;
-    return call;
-}
-
-#define BY_NAME(call) \
-    []([[maybe_unused]] uint32_t id, [[maybe_unused]] uint32_t queue) { return call; }
-#define CALL(target, call) makeCall(#call, target, BY_NAME(call))
-#define ENDING(target, call) ending(CALL(target, call))
-// Whole, without its output or text, and the status of that.
-#define ANSWER(target, call, without, ...) \
-    makeCall(#call, target, BY_NAME(call), BY_NAME(without) __VA_OPT__(, ) __VA_ARGS__)
-#define GETTER(target, call, out) ANSWER(target, call(id, &(out)), call(id, nullptr))
-
+uint32_t queue, group;  // sound ones
 uint32_t made;
 pelmoMsg* sent;
 pelmoMsg* asked;  // wants a reply
@@ -82,11 +86,12 @@ uint32_t policy, most, discard;
 
 pelmoStatus distribute(uint32_t id) {
     pelmoMsg* given = nullptr;
-    (void)pelmoMsg_Create(&given);
+    if (place(&given, kStatusInvalidMessage) != nullptr) (void)pelmoMsg_Create(&given);
     return pelmoTransport_Distribute(id, given);
 }
 
 constexpr uint32_t kLocal = kIntraProcessTransportId;
+constexpr pelmoStatus kNoEvent = kStatusInvalidEvent;
 
 // Of what only a network transport can follow, a bad id is told first.
 const Call kCalls[] = {
@@ -95,51 +100,34 @@ const Call kCalls[] = {
     GETTER(kQueue, pelmoQueue_GetName, name),
     GETTER(kQueue, pelmoQueue_GetPriority, most),
     CALL(kQueue, pelmoQueue_SetHook(id, nullptr, nullptr)),
-    ANSWER(kQueue,
-           pelmoQueue_GetLimitPolicy(id, &policy, &most, &discard),
-           pelmoQueue_GetLimitPolicy(id, &policy, nullptr, &most)),
+    ANSWER(kQueue, pelmoQueue_GetLimitPolicy(id, &policy, place(&most), &discard)),
     CALL(kQueue, pelmoQueue_SetLimitPolicy(id, kLimitNone, 0, 0)),
-    ANSWER(kQueue, pelmoQueue_SetName(id, "name"), pelmoQueue_SetName(id, nullptr)),
+    ANSWER(kQueue, pelmoQueue_SetName(id, place("name"))),
     CALL(kQueue, pelmoQueue_SetPriority(id, 2)),
-    ANSWER(kQueue, pelmoQueue_Poll(id, &polled, 0), pelmoQueue_Poll(id, nullptr, 0)),
-    ANSWER(kQueue,
-           pelmoQueue_PollMany(id, &polled, 1, &made, 0),
-           pelmoQueue_PollMany(id, &polled, 1, nullptr, 0)),
+    ANSWER(kQueue, pelmoQueue_Poll(id, place(&polled), 0)),
+    ANSWER(kQueue, pelmoQueue_PollMany(id, &polled, 1, place(&made), 0)),
     CALL(kQueue, pelmoQueue_TimedDispatch(id, 0)),
     CALL(kQueue, pelmoQueue_TimedDispatchSingle(id, 0)),
     ENDING(kQueue, pelmoQueue_DestroyEx(id, nullptr, nullptr)),
 
     CALL(kGroup, pelmoQueueGroup_Add(id, queue)),
-    CALL(kQueue, pelmoQueueGroup_Add(made, id)),
+    CALL(kQueue, pelmoQueueGroup_Add(group, id)),
     CALL(kGroup, pelmoQueueGroup_Remove(id, queue)),
     CALL(kGroup, pelmoQueueGroup_TimedDispatch(id, 0)),
     ENDING(kGroup, pelmoQueueGroup_Destroy(id)),
 
-    ANSWER(kQueue,
-           pelmoEvent_CreateTimer(&made, id, onEvent, 60, nullptr),
-           pelmoEvent_CreateTimer(nullptr, id, onEvent, 1, nullptr),
-           kStatusInvalidEvent),
-    ANSWER(kQueue,
-           pelmoEvent_CreateIO(&made, id, onEvent, -1, kIoRead, nullptr),
-           pelmoEvent_CreateIO(nullptr, id, onEvent, -1, kIoRead, nullptr),
-           kStatusInvalidEvent),
+    ANSWER(kQueue, pelmoEvent_CreateTimer(place(&made, kNoEvent), id, onEvent, 60, nullptr)),
+    ANSWER(kQueue, pelmoEvent_CreateIO(place(&made, kNoEvent), id, onEvent, -1, kIoRead, nullptr)),
     ANSWER(kTransport,
-           pelmoEvent_CreateListener(&made, queue, onEvent, id, "A", nullptr),
-           pelmoEvent_CreateListener(nullptr, queue, onEvent, id, "A", nullptr),
-           kStatusInvalidEvent),
+           pelmoEvent_CreateListener(place(&made, kNoEvent), queue, onEvent, id, "A", nullptr)),
     CALL(kQueue, pelmoEvent_CreateListener(&made, id, onEvent, kLocal, "A", nullptr)),
+    ANSWER(
+        kTransport,
+        pelmoEvent_CreateVectorListener(place(&made, kNoEvent), queue, onBatch, id, "A", nullptr)),
     ANSWER(kTransport,
-           pelmoEvent_CreateVectorListener(&made, queue, onBatch, id, "A", nullptr),
-           pelmoEvent_CreateVectorListener(nullptr, queue, onBatch, id, "A", nullptr),
-           kStatusInvalidEvent),
-    ANSWER(kTransport,
-           pelmoEvent_CreateVectorListenerEx(&made, queue, onBatch, id, "A", nullptr, &made),
-           pelmoEvent_CreateVectorListenerEx(nullptr, queue, onBatch, id, "A", nullptr, &made),
-           kStatusInvalidEvent),
-    ANSWER(kTransport,
-           _pelmoTransport_AddPolledListener(&made, queue, id, "A"),
-           _pelmoTransport_AddPolledListener(nullptr, queue, id, "A"),
-           kStatusInvalidEvent),
+           pelmoEvent_CreateVectorListenerEx(
+               place(&made, kNoEvent), queue, onBatch, id, "A", nullptr, &made)),
+    ANSWER(kTransport, _pelmoTransport_AddPolledListener(place(&made, kNoEvent), queue, id, "A")),
     ENDING(kEvent, pelmoEvent_DestroyEx(id, nullptr)),
     GETTER(kEvent, pelmoEvent_GetType, most),
     GETTER(kEvent, pelmoEvent_GetQueue, most),
@@ -151,30 +139,17 @@ const Call kCalls[] = {
     GETTER(kIo, pelmoEvent_GetIOType, most),
 
     GETTER(kNamedDispatcher, pelmoDispatcher_GetName, name),
-    ANSWER(kDispatcher, pelmoDispatcher_SetName(id, "name"), pelmoDispatcher_SetName(id, nullptr)),
+    ANSWER(kDispatcher, pelmoDispatcher_SetName(id, place("name"))),
     CALL(kDispatcher, pelmoDispatcher_Join(id)),
     ENDING(kDispatcher, pelmoDispatcher_Destroy(id)),
 
-    ANSWER(kTransport,
-           pelmoTransport_Send(id, sent),
-           pelmoTransport_Send(id, nullptr),
-           kStatusInvalidMessage),
-    ANSWER(kTransport, pelmoTransport_Sendv(id, &sent, 1), pelmoTransport_Sendv(id, nullptr, 1)),
-    ANSWER(kTransport,
-           pelmoTransport_SendRequest(id, sent, &polled, 0),
-           pelmoTransport_SendRequest(id, sent, nullptr, 0)),
-    ANSWER(kTransport,
-           pelmoTransport_SendReply(id, sent, asked),
-           pelmoTransport_SendReply(id, nullptr, asked),
-           kStatusInvalidMessage),
-    ANSWER(
-        kTransport, distribute(id), pelmoTransport_Distribute(id, nullptr), kStatusInvalidMessage),
-    ANSWER(kTransport,
-           pelmoTransport_CreateInbox(id, text, sizeof text),
-           pelmoTransport_CreateInbox(id, nullptr, sizeof text)),
-    ANSWER(kTransport,
-           pelmoTransport_SendAdvisory(id, "INFO", "A", "B", nullptr),
-           pelmoTransport_SendAdvisory(id, nullptr, "A", "B", nullptr)),
+    ANSWER(kTransport, pelmoTransport_Send(id, place(sent, kStatusInvalidMessage))),
+    ANSWER(kTransport, pelmoTransport_Sendv(id, place(&sent), 1)),
+    ANSWER(kTransport, pelmoTransport_SendRequest(id, sent, place(&polled), 0)),
+    ANSWER(kTransport, pelmoTransport_SendReply(id, place(sent, kStatusInvalidMessage), asked)),
+    ANSWER(kTransport, distribute(id)),
+    ANSWER(kTransport, pelmoTransport_CreateInbox(id, place(text), sizeof text)),
+    ANSWER(kTransport, pelmoTransport_SendAdvisory(id, place("INFO"), "A", "B", nullptr)),
     CALL(kTransport, pelmoTransport_SetDescription(id, "text")),
     CALL(kTransport, pelmoTransport_SetHttpAddress(id, "text")),
     CALL(kTransport, pelmoTransport_SetEcho(id, true)),
@@ -196,7 +171,18 @@ const Call kCalls[] = {
     ENDING(kTransport, pelmoTransport_Destroy(id)),
 };
 
-// One object of each kind, and one of each type that is gone.
+// Those that make an object of nothing.
+pelmoStatus (*const kCreators[])(uint32_t* out) = {
+    pelmoQueue_Create,
+    pelmoQueue_CreateSynchronous,
+    pelmoQueueGroup_Create,
+    [](uint32_t* out) { return pelmoTransport_CreateNetwork(out, nullptr, nullptr, nullptr); },
+    [](uint32_t* out) {
+        return pelmoTransport_CreateNetworkNoResume(out, nullptr, nullptr, nullptr);
+    },
+};
+
+// An object of each kind, and one of each that is gone.
 struct Objects {
     Objects() {
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);
@@ -205,29 +191,19 @@ struct Objects {
         EXPECT_EQ(pelmoMsg_Create(&asked), kStatusSuccess);
         EXPECT_EQ(pelmoMsg_SetReplySubject(asked, "R"), kStatusSuccess);
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
-        for (uint32_t* const out : {&goneQueue, &queue}) {
-            EXPECT_EQ(pelmoQueue_Create(out), kStatusSuccess);
-        }
-        for (uint32_t* const out : {&goneGroup, &group}) {
-            EXPECT_EQ(pelmoQueueGroup_Create(out), kStatusSuccess);
-        }
-        for (uint32_t* const out : {&goneEvent, &timer}) {
-            EXPECT_EQ(pelmoEvent_CreateTimer(out, queue, onEvent, 60, nullptr), kStatusSuccess);
-        }
-        EXPECT_EQ(pelmoEvent_CreateIO(&io, queue, onEvent, sockets[0], kIoRead, nullptr),
-                  kStatusSuccess);
-        EXPECT_EQ(pelmoEvent_CreateListener(&listener, queue, onEvent, kIntraProcessTransportId,
-                                            "A", nullptr),
-                  kStatusSuccess);
-        for (uint32_t* const out : {&goneDispatcher, &dispatcher}) {
-            EXPECT_EQ(pelmoDispatcher_CreateEx(out, queue, -1.0), kStatusSuccess);
-        }
-        pelmoQueue_DestroyEx(goneQueue, nullptr, nullptr);
-        pelmoQueueGroup_Destroy(goneGroup);
-        pelmoEvent_DestroyEx(goneEvent, nullptr);
-        pelmoDispatcher_Destroy(goneDispatcher);
+        make(gone, sockets[0]);
+        pelmoDispatcher_Destroy(gone[kDispatchers]);
+        for (const Kind kind : {kTimers, kIos, kListeners})
+            pelmoEvent_DestroyEx(gone[kind], nullptr);
+        pelmoQueueGroup_Destroy(gone[kGroups]);
+        pelmoQueue_DestroyEx(gone[kQueues], nullptr, nullptr);
+        gone[kTransports] = gone[kTimers];
+        make(sound, sockets[1]);
+        queue = sound[kQueues];
+        group = sound[kGroups];
     }
     ~Objects() {
+        nowhere = false;
         pelmo_Close();
         pelmoMsg_Destroy(sent);
         pelmoMsg_Destroy(asked);
@@ -237,92 +213,62 @@ struct Objects {
     Objects(const Objects&) = delete;
     Objects& operator=(const Objects&) = delete;
 
-    [[nodiscard]] uint32_t sound(const Target& target) const {
-        switch (target.type) {
-            case IdType::kQueue:
-                return queue;
-            case IdType::kQueueGroup:
-                return group;
-            case IdType::kTransport:
-                return kIntraProcessTransportId;
-            case IdType::kDispatcher:
-                return dispatcher;
-            default:
-                return target.kind == kEventIo         ? io
-                       : target.kind == kEventListener ? listener
-                                                       : timer;
-        }
-    }
-
-    [[nodiscard]] uint32_t gone(IdType type) const {
-        switch (type) {
-            case IdType::kQueue:
-                return goneQueue;
-            case IdType::kQueueGroup:
-                return goneGroup;
-            case IdType::kDispatcher:
-                return goneDispatcher;
-            default:
-                return goneEvent;
-        }
+    static void make(uint32_t (&ids)[kKinds], int socket) {
+        EXPECT_EQ(pelmoQueue_Create(&ids[kQueues]), kStatusSuccess);
+        const uint32_t on = ids[kQueues];
+        EXPECT_EQ(pelmoQueueGroup_Create(&ids[kGroups]), kStatusSuccess);
+        EXPECT_EQ(pelmoDispatcher_CreateEx(&ids[kDispatchers], on, -1.0), kStatusSuccess);
+        EXPECT_EQ(pelmoEvent_CreateTimer(&ids[kTimers], on, onEvent, 60, nullptr), kStatusSuccess);
+        EXPECT_EQ(pelmoEvent_CreateIO(&ids[kIos], on, onEvent, socket, kIoRead, nullptr),
+                  kStatusSuccess);
+        EXPECT_EQ(pelmoEvent_CreateListener(&ids[kListeners], on, onEvent, kLocal, "A", nullptr),
+                  kStatusSuccess);
+        ids[kEvents] = ids[kTimers];
+        ids[kTransports] = kLocal;
     }
 
     int sockets[2] = {-1, -1};
-    uint32_t queue = 0, group = 0, timer = 0, io = 0, listener = 0, dispatcher = 0;
-    uint32_t goneQueue = 0, goneGroup = 0, goneEvent = 0, goneDispatcher = 0;
+    uint32_t sound[kKinds] = {}, gone[kKinds] = {};
 };
 
 TEST(PublicCalls, RefuseIdsThatAreNone) {
     const Objects objects;
-    made = objects.group;
     for (const Call& call : kCalls) {
         SCOPED_TRACE(call.name);
-        const Target& target = call.target;
-        for (const uint32_t none : {kNoId, UINT32_MAX, objects.gone(target.type)}) {
-            EXPECT_EQ(call.call(none, objects.queue), target.badId) << none;
+        const auto [kind, badId] = call.target;
+        for (const uint32_t none : {kNoId, UINT32_MAX, objects.gone[kind]}) {
+            EXPECT_EQ(call.call(none), badId) << none;
         }
-        std::vector<uint32_t> others = {objects.queue, objects.group, objects.dispatcher};
-        if (target.type != IdType::kEvent || target.kind != 0) {
-            others.insert(others.end(), {objects.timer, objects.io, objects.listener});
-        }
-        std::erase(others, objects.sound(target));
-        for (const uint32_t other : others) {
-            EXPECT_EQ(call.call(other, objects.queue), target.badId) << other;
+        for (const Kind other : {kQueues, kGroups, kDispatchers, kTimers, kIos, kListeners}) {
+            const bool fits = other == kind || (kind == kEvents && other >= kTimers);
+            if (fits) continue;
+            EXPECT_EQ(call.call(objects.sound[other]), badId) << other;
         }
     }
 }
 
 TEST(PublicCalls, RefuseToAnswerNowhere) {
     const Objects objects;
+    nowhere = true;
     for (const Call& call : kCalls) {
-        if (call.withoutOutput == nullptr) continue;
-        EXPECT_EQ(call.withoutOutput(objects.sound(call.target), objects.queue), call.noOutput)
-            << call.name;
+        if (!call.hasPlace) continue;
+        const pelmoStatus status = call.call(objects.sound[call.target.kind]);  // sets the refusal
+        EXPECT_EQ(status, refusal) << call.name;
     }
-    EXPECT_EQ(pelmoQueue_Create(nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoQueue_CreateSynchronous(nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoQueueGroup_Create(nullptr), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoTransport_CreateNetwork(nullptr, nullptr, nullptr, nullptr),
-              kStatusInvalidArgument);
-    EXPECT_EQ(pelmoTransport_CreateNetworkNoResume(nullptr, nullptr, nullptr, nullptr),
-              kStatusInvalidArgument);
+    for (auto* const create : kCreators)
+        EXPECT_EQ(create(nullptr), kStatusInvalidArgument);
 }
 
 TEST(PublicCalls, RefuseAClosedLibrary) {
     Objects objects;
     pelmo_Close();
-    made = objects.group;
     for (const Call& call : kCalls) {
         const pelmoStatus expected = call.endsObjects ? call.target.badId : kStatusNotInitialized;
-        EXPECT_EQ(call.call(objects.sound(call.target), objects.queue), expected) << call.name;
+        EXPECT_EQ(call.call(objects.sound[call.target.kind]), expected) << call.name;
     }
     uint32_t out = 0;
-    EXPECT_EQ(pelmoQueue_Create(&out), kStatusNotInitialized);
-    EXPECT_EQ(pelmoQueue_CreateSynchronous(&out), kStatusNotInitialized);
-    EXPECT_EQ(pelmoQueueGroup_Create(&out), kStatusNotInitialized);
-    EXPECT_EQ(pelmoTransport_CreateNetwork(&out, nullptr, nullptr, nullptr), kStatusNotInitialized);
-    EXPECT_EQ(pelmoTransport_CreateNetworkNoResume(&out, nullptr, nullptr, nullptr),
-              kStatusNotInitialized);
+    for (auto* const create : kCreators)
+        EXPECT_EQ(create(&out), kStatusNotInitialized);
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusInvalidQueue);
     EXPECT_EQ(out, 0u);
 }
@@ -333,81 +279,70 @@ TEST(PublicCalls, NobodyIsInterestedThroughATransportThatIsNone) {
     uint8_t subject[kSubjectMaxBytes];
     ASSERT_GT(subjectFromText(subject, sizeof subject, "A"), 0);
     uint32_t found = 0;
-    EXPECT_EQ(pelmoTransport_HasInterest(kIntraProcessTransportId, "A"), 1u);
-    EXPECT_EQ(pelmoTransport_FindInterest(kIntraProcessTransportId, subject, &found), 1u);
-    EXPECT_EQ(found, objects.listener);
+    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "A"), 1u);
+    EXPECT_EQ(pelmoTransport_FindInterest(kLocal, subject, &found), 1u);
+    EXPECT_EQ(found, objects.sound[kListeners]);
     const auto refused = [&](uint32_t id) {
         return pelmoTransport_HasInterest(id, "A") == 0 &&
                pelmoTransport_FindInterest(id, subject, &found) == 0;
     };
-    for (const uint32_t id : {kNoId, objects.queue, objects.listener, UINT32_MAX}) {
+    for (const uint32_t id : {kNoId, queue, objects.sound[kListeners], UINT32_MAX}) {
         EXPECT_TRUE(refused(id)) << id;
     }
-    EXPECT_EQ(pelmoTransport_HasInterest(kIntraProcessTransportId, nullptr), 0u);
-    EXPECT_EQ(pelmoTransport_FindInterest(kIntraProcessTransportId, nullptr, &found), 0u);
+    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, nullptr), 0u);
+    EXPECT_EQ(pelmoTransport_FindInterest(kLocal, nullptr, &found), 0u);
     pelmo_Close();
-    EXPECT_TRUE(refused(kIntraProcessTransportId));
+    EXPECT_TRUE(refused(kLocal));
 }
 
 // Takes queues and groups, and works while the library opens.
 TEST(PublicCalls, DispatchersWantSomethingToDispatch) {
     Objects objects;
     uint32_t out = 0;
-    for (const uint32_t id : {kNoId, objects.goneQueue, objects.goneGroup, objects.timer}) {
+    for (const uint32_t id :
+         {kNoId, objects.gone[kQueues], objects.gone[kGroups], objects.sound[kTimers]}) {
         EXPECT_EQ(pelmoDispatcher_CreateEx(&out, id, 0.0), kStatusInvalidArgument);
     }
-    EXPECT_EQ(pelmoDispatcher_CreateEx(nullptr, objects.queue, 0.0), kStatusInvalidArgument);
+    EXPECT_EQ(pelmoDispatcher_CreateEx(nullptr, queue, 0.0), kStatusInvalidArgument);
     pelmo_Close();
-    EXPECT_EQ(pelmoDispatcher_CreateEx(&out, objects.queue, 0.0), kStatusInvalidArgument);
+    EXPECT_EQ(pelmoDispatcher_CreateEx(&out, queue, 0.0), kStatusInvalidArgument);
     EXPECT_EQ(out, 0u);
 }
 
 struct MessageCall {
     const char* name;
     pelmoStatus (*call)(pelmoMsg* msg);
-    pelmoStatus (*withoutOutput)(pelmoMsg* msg) = nullptr;  // null: it has none
+    bool hasPlace = false;
 };
 
 // Outputs of the calls below; inputs are their zeros.
-union Value {
-    const void* pointer;
-    pelmoMsgDateTime dateTime;
-    char bytes[8];
-};
-Value value;
-pelmoMsg* madeMessage;
+alignas(8) char value[16];
 uint32_t number;
 pelmoMsgField field;
+
+template <typename Out>
+Out* valuePlace() {
+    return place(reinterpret_cast<Out*>(value));
+}
 
 #define MESSAGE_CALL(call)                         \
     {                                              \
 #call, [](pelmoMsg * msg) { return call; } \
     }
-#define MESSAGE_GETTER(call, out)                                                                 \
-    {                                                                                             \
-#call, [](pelmoMsg * msg) { return call(msg, out); },                                     \
-                                                           [](pelmoMsg *                          \
-                                                              msg) { return call(msg, nullptr); } \
+#define MESSAGE_ANSWER(call)                             \
+    {                                                    \
+#call, [](pelmoMsg * msg) { return call; }, true \
     }
+#define MESSAGE_GETTER(call, Out) MESSAGE_ANSWER(call(msg, valuePlace<Out>()))
 #define WRITERS(word)                                  \
     MESSAGE_CALL(pelmoMsg_Add##word(msg, "a", {}, 0)), \
         MESSAGE_CALL(pelmoMsg_Update##word(msg, "a", {}, 0)),
-#define READER(word, Out)                                                        \
-    {"pelmoMsg_Get" #word,                                                       \
-     [](pelmoMsg* msg) {                                                         \
-         return pelmoMsg_Get##word(msg, "a", reinterpret_cast<Out*>(&value), 0); \
-     },                                                                          \
-     [](pelmoMsg* msg) { return pelmoMsg_Get##word(msg, "a", nullptr, 0); }},
+#define READER(word, Out) MESSAGE_ANSWER(pelmoMsg_Get##word(msg, "a", valuePlace<Out>(), 0)),
 #define SCALAR_CALLS(word, type, Type, size, member) WRITERS(word) READER(word, Type)
-#define LIST_CALLS(word, type, Type, size)                             \
-    MESSAGE_CALL(pelmoMsg_Add##word(msg, "a", nullptr, 1, 0)),         \
-        MESSAGE_CALL(pelmoMsg_Update##word(msg, "a", nullptr, 1, 0)),  \
-        {"pelmoMsg_Get" #word,                                         \
-         [](pelmoMsg* msg) {                                           \
-             Type const* values = nullptr;                             \
-             return pelmoMsg_Get##word(msg, "a", &values, &number, 0); \
-         },                                                            \
-         [](pelmoMsg* msg) { return pelmoMsg_Get##word(msg, "a", nullptr, &number, 0); }},
+#define LIST_CALLS(word, type, Type, size)                            \
+    MESSAGE_CALL(pelmoMsg_Add##word(msg, "a", nullptr, 1, 0)),        \
+        MESSAGE_CALL(pelmoMsg_Update##word(msg, "a", nullptr, 1, 0)), \
+        MESSAGE_ANSWER(pelmoMsg_Get##word(msg, "a", valuePlace<Type const*>(), &number, 0)),
 
 const MessageCall kMessageCalls[] = {
     MESSAGE_CALL(pelmoMsg_Destroy(msg)),
@@ -430,16 +365,14 @@ const MessageCall kMessageCalls[] = {
     MESSAGE_CALL(pelmoMsg_SetReplySubject(msg, "A")),
     MESSAGE_CALL(pelmoMsg_SetSourcePort(msg, 1)),
     MESSAGE_CALL(pelmoMsg_GetAsBytesCopy(msg, text, sizeof text)),
-    MESSAGE_GETTER(pelmoMsg_CreateCopy, &madeMessage),
-    MESSAGE_GETTER(pelmoMsg_GetAsBytes, &value.pointer),
-    MESSAGE_GETTER(pelmoMsg_GetByteSize, &number),
-    MESSAGE_GETTER(pelmoMsg_GetNumFields, &number),
-    MESSAGE_GETTER(pelmoMsg_ConvertToString, &name),
-    MESSAGE_GETTER(pelmoMsg_GetSendSubject, &name),
-    MESSAGE_GETTER(pelmoMsg_GetReplySubject, &name),
-    {"pelmoMsg_GetSource",
-     [](pelmoMsg* msg) { return pelmoMsg_GetSource(msg, reinterpret_cast<uint16_t*>(&value)); },
-     [](pelmoMsg* msg) { return pelmoMsg_GetSource(msg, nullptr); }},
+    MESSAGE_GETTER(pelmoMsg_CreateCopy, pelmoMsg*),
+    MESSAGE_GETTER(pelmoMsg_GetAsBytes, const void*),
+    MESSAGE_GETTER(pelmoMsg_GetByteSize, uint32_t),
+    MESSAGE_GETTER(pelmoMsg_GetNumFields, uint32_t),
+    MESSAGE_GETTER(pelmoMsg_ConvertToString, const char*),
+    MESSAGE_GETTER(pelmoMsg_GetSendSubject, const char*),
+    MESSAGE_GETTER(pelmoMsg_GetReplySubject, const char*),
+    MESSAGE_GETTER(pelmoMsg_GetSource, uint16_t),
     PELMO_SCALAR_FIELDS(SCALAR_CALLS) PELMO_NUMBER_ARRAY_FIELDS(LIST_CALLS)
         PELMO_LIST_FIELDS(LIST_CALLS) PELMO_BLOCK_FIELDS(LIST_CALLS) WRITERS(DateTime)
             READER(DateTime, pelmoMsgDateTime) WRITERS(String) READER(String, const char*)
@@ -456,9 +389,11 @@ TEST(PublicCalls, RefuseWhatIsNoMessage) {
     for (const MessageCall& call : kMessageCalls) {
         EXPECT_EQ(call.call(nullptr), kStatusInvalidMessage) << call.name;
         EXPECT_EQ(call.call(dead), kStatusInvalidMessage) << call.name;
-        if (call.withoutOutput == nullptr) continue;
-        EXPECT_EQ(call.withoutOutput(sound), kStatusInvalidArgument) << call.name;
-        EXPECT_EQ(call.withoutOutput(nullptr), kStatusInvalidMessage) << call.name;
+        if (!call.hasPlace) continue;
+        nowhere = true;
+        EXPECT_EQ(call.call(sound), kStatusInvalidArgument) << call.name;
+        EXPECT_EQ(call.call(nullptr), kStatusInvalidMessage) << call.name;
+        nowhere = false;
     }
     EXPECT_EQ(pelmoMsg_Destroy(sound), kStatusSuccess);
     msgRelease(dead);

@@ -6,8 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <memory>
-
 #include "lib/runtime/io_events.h"
 #include "lib/runtime/timers.h"
 #include "lib/runtime/wakeup_pair.h"

@@ -1,7 +1,6 @@
 #include "lib/runtime/id.h"
 
 #include <atomic>
-#include <string>
 
 #include "lib/runtime/id_counter.h"
 #include "tests/support/fail_alloc.h"

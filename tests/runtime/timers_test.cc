@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <ranges>
-#include <vector>
 
 #include "tests/runtime/event_stand.h"
 

@@ -2,10 +2,6 @@
 
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 #include "tests/support/packet_builder.h"
 
 struct SavedFrame {

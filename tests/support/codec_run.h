@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdlib>
-#include <memory>
 
 #include "lib/msg/codec_internal.h"
 #include "tests/support/message_values.h"

@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "lib/base/bytes.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/envelope_internal.h"

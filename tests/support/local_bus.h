@@ -3,7 +3,6 @@
 #pragma once
 
 #include <functional>
-#include <string>
 
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_typed.h"

@@ -4,41 +4,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 #include "lib/base/bytes.h"
-#include "lib/containers/subject.h"
+#include "tests/support/packet_builder.h"
 
 namespace {
-
-void append(Bytes& to, const Bytes& bytes) {
-    to.insert(to.end(), bytes.begin(), bytes.end());
-}
-
-void appendBe(Bytes& to, uint64_t number, size_t width) {
-    while (width-- > 0) {
-        to.push_back(static_cast<uint8_t>(number >> (8 * width)));
-    }
-}
-
-void appendPrefix(Bytes& to, size_t sizeBytes) {
-    if (sizeBytes < 120) {
-        to.push_back(static_cast<uint8_t>(sizeBytes));
-    } else if (sizeBytes < 30000) {
-        to.push_back(121);
-        appendBe(to, sizeBytes + 2, 2);
-    } else {
-        to.push_back(122);
-        appendBe(to, sizeBytes + 4, 4);
-    }
-}
-
-void appendSwapped(Bytes& to, const Bytes& elements, size_t width) {
-    for (size_t at = 0; at < elements.size(); at += width) {
-        for (size_t i = width; i-- > 0;) {
-            to.push_back(elements[at + i]);
-        }
-    }
-}
 
 uint8_t foldedType(uint8_t type) {
     if (type >= FIELD_I8 && type <= FIELD_U64) return type % 2 == 0 ? WIRE_INT : WIRE_UINT;
@@ -53,73 +24,50 @@ Bytes scalarBytes(const FieldValue& value) {
     return bytes;
 }
 
-Bytes countedBody(const FieldValue& value) {
-    Bytes body;
-    appendBe(body, value.count, 4);
-    for (const std::string& text : value.texts) {
-        body.insert(body.end(), text.c_str(), text.c_str() + text.size() + 1);
+// Each element turned round.
+Bytes swapped(Bytes elements, uint32_t width) {
+    for (auto at = elements.begin(); at != elements.end(); at += width) {
+        std::reverse(at, at + width);
     }
-    for (const Bytes& image : value.images) {
-        append(body, image);
+    return elements;
+}
+
+Bytes listBody(const FieldValue& value) {
+    Bytes body = be32(value.count) + joined(value.images);
+    for (const std::string& text : value.texts) {
+        body = body + named(text);
     }
     return body;
 }
 
-void appendValue(Bytes& to, const FieldValue& value) {
+// The value in wire form, without its prefix.
+Bytes bodyOf(const FieldValue& value) {
+    const auto [seconds, nanoseconds] = value.scalar.dateTime;
+    const auto highSeconds = static_cast<uint64_t>(seconds) >> 32;
     switch (value.type) {
         case FIELD_MSG:
-            to.push_back(122);
-            return append(to, value.images[0]);
-        case FIELD_SUBJECT:
-            to.push_back(121);
-            return append(to, value.block);
+            return value.images[0];
         case FIELD_DATETIME:
-            to.push_back(8);
-            appendBe(to, static_cast<uint64_t>(value.scalar.dateTime.seconds), 4);
-            appendBe(to, static_cast<uint64_t>(value.scalar.dateTime.seconds) >> 32, 1);
-            return appendBe(to, value.scalar.dateTime.nanoseconds / 1000, 3);
+            return be32(static_cast<uint64_t>(seconds)) +
+                   be32(highSeconds << 24 | nanoseconds / 1000);
+        case FIELD_SUBJECT:
         case FIELD_OPAQUE:
         case FIELD_STRING:
-            appendPrefix(to, value.block.size());
-            return append(to, value.block);
+            return value.block;
         case FIELD_BOOL:
-            to.push_back(1);
-            return to.push_back(static_cast<uint8_t>(value.scalar.boolean));
+            return {static_cast<uint8_t>(value.scalar.boolean)};
         case FIELD_NONE:
-            return to.push_back(0);
+            return {};
         case FIELD_IPPORT16:
         case FIELD_IPADDR32:
-            to.push_back(static_cast<uint8_t>(value.size));
-            return append(to, scalarBytes(value));
+            return scalarBytes(value);
         case FIELD_STRINGARRAY:
-        case FIELD_MSGARRAY: {
-            const Bytes body = countedBody(value);
-            appendPrefix(to, body.size());
-            return append(to, body);
-        }
+        case FIELD_MSGARRAY:
+            return listBody(value);
         default:
-            break;
+            return swapped(value.type >= FIELD_I8ARRAY ? value.block : scalarBytes(value),
+                           value.size);
     }
-    const bool array = value.type >= FIELD_I8ARRAY;
-    const Bytes elements = array ? value.block : scalarBytes(value);
-    appendPrefix(to, elements.size());
-    appendSwapped(to, elements, value.size);
-}
-
-bool sameTexts(const pelmoMsgField& field, const FieldValue& value) {
-    const auto* texts = static_cast<const char* const*>(field.data.pointer);
-    for (size_t i = 0; i < value.texts.size(); ++i) {
-        if (value.texts[i] != texts[i]) return false;
-    }
-    return true;
-}
-
-bool sameMessages(const pelmoMsgField& field, const FieldValue& value) {
-    const auto* messages = static_cast<pelmoMsg* const*>(field.data.pointer);
-    for (size_t i = 0; i < value.images.size(); ++i) {
-        if (imageOf(messages[i]) != value.images[i]) return false;
-    }
-    return true;
 }
 
 // Parsed, so that all that an addition takes from the heap is for the message added to.
@@ -161,13 +109,7 @@ Bytes imageOf(pelmoMsg* msg) {
 }
 
 Bytes imageOf(const std::vector<Bytes>& records) {
-    Bytes image(kMessageHeadBytes);
-    for (const Bytes& record : records) {
-        append(image, record);
-    }
-    storeBe32At(image.data(), static_cast<uint32_t>(image.size()));
-    storeBe32At(image.data() + 4, kMessageMagic);
-    return image;
+    return message(records);
 }
 
 pelmoMsgField FieldValue::field() const {
@@ -204,12 +146,7 @@ SharedValue stringValue(const std::string& text) {
 }
 
 SharedValue subjectValue(const char* text) {
-    Bytes subject(kSubjectMaxBytes);
-    const int32_t size =
-        subjectFromText(subject.data(), static_cast<int32_t>(subject.size()), text);
-    EXPECT_GT(size, 0) << text;
-    subject.resize(static_cast<size_t>(size));
-    return blockValue(FIELD_SUBJECT, std::move(subject));
+    return blockValue(FIELD_SUBJECT, packedSubject(text));
 }
 
 SharedValue arrayValue(uint8_t type, uint32_t width, Bytes bytes) {
@@ -260,32 +197,32 @@ bool fieldHolds(const pelmoMsgField& field, const FieldValue& value) {
     if (field.type != value.type || field.size != value.size || field.count != value.count) {
         return false;
     }
-    switch (field.type) {
-        case FIELD_DATETIME:
-            return field.data.dateTime.seconds == value.scalar.dateTime.seconds &&
-                   field.data.dateTime.nanoseconds == value.scalar.dateTime.nanoseconds;
-        case FIELD_STRINGARRAY:
-            return sameTexts(field, value);
-        case FIELD_MSGARRAY:
-            return sameMessages(field, value);
-        case FIELD_MSG:
-            return imageOf(static_cast<pelmoMsg*>(const_cast<void*>(field.data.pointer))) ==
-                   value.images[0];
-        default:
-            break;
+    const void* at = field.data.pointer;
+    if (field.type == FIELD_DATETIME) {
+        return field.data.dateTime.seconds == value.scalar.dateTime.seconds &&
+               field.data.dateTime.nanoseconds == value.scalar.dateTime.nanoseconds;
+    }
+    if (field.type == FIELD_STRINGARRAY) {
+        return std::ranges::equal(value.texts,
+                                  std::span(static_cast<const char* const*>(at), field.count));
+    }
+    if (!value.images.empty()) {
+        pelmoMsg* const one[] = {static_cast<pelmoMsg*>(const_cast<void*>(at))};
+        const auto* all = field.type == FIELD_MSG ? one : static_cast<pelmoMsg* const*>(at);
+        return std::ranges::equal(value.images, std::span(all, field.count), {}, {},
+                                  [](pelmoMsg* msg) { return imageOf(msg); });
     }
     // By their bits: a NaN is itself, and -0.0 isn't 0.0.
     if (value.block.empty()) return std::memcmp(&field.data, &value.scalar, value.size) == 0;
-    return std::memcmp(field.data.pointer, value.block.data(), value.block.size()) == 0;
+    return std::memcmp(at, value.block.data(), value.block.size()) == 0;
 }
 
 Bytes recordOf(const char* name, uint16_t id, const FieldValue& value) {
-    Bytes area;
-    if (name != nullptr) area.assign(name, name + std::strlen(name) + 1);
-    if (id != 0) appendBe(area, id, 2);
-    Bytes record{static_cast<uint8_t>(area.size())};
-    append(record, area);
-    record.push_back(foldedType(value.type));
-    appendValue(record, value);
-    return record;
+    Bytes area = name != nullptr ? named(name) : Bytes();
+    if (id != 0) area = area + be16(id);
+    const bool tellsItsSize = value.type == FIELD_MSG || value.type == FIELD_SUBJECT;
+    if (!tellsItsSize) return field(area, foldedType(value.type), bodyOf(value));
+    const uint8_t sizeClass = value.type == FIELD_MSG ? 122 : 121;
+    return joined(
+        {{static_cast<uint8_t>(area.size())}, area, {value.type, sizeClass}, bodyOf(value)});
 }

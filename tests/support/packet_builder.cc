@@ -127,16 +127,6 @@ Bytes packedSubject(std::string_view text) {
     return packText(text);
 }
 
-std::string subjectName(const uint8_t* packed) {
-    std::string name;
-    const uint8_t* element = packed + 3;
-    for (uint8_t i = 0; i < packed[2]; ++i, element += *element) {
-        if (i > 0) name += '.';
-        name.append(reinterpret_cast<const char*>(element) + 1, *element - size_t{2});
-    }
-    return name;
-}
-
 Bytes named(std::string_view name) {
     return joined({bytesOf(name), {0}});
 }

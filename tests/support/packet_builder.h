@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,7 +74,6 @@ struct PacketHead {
 // Subjects and messages.
 
 [[nodiscard]] Bytes packedSubject(std::string_view text);
-[[nodiscard]] std::string subjectName(const uint8_t* packed);
 
 // A field's name area: size, text and NUL.
 [[nodiscard]] Bytes named(std::string_view name);

@@ -1,9 +1,11 @@
 #include "tests/support/trace_run.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cinttypes>
+#include <array>
+#include <bit>
 #include <sstream>
 
 #include "lib/base/log.h"
@@ -14,161 +16,90 @@
 
 namespace {
 
-struct Count {
-    const char* name;
-    uint64_t value;
-};
+using Texts = std::vector<Lines>;  // of records, each with those below it
 
-std::string counts(const std::vector<Count>& all) {
-    std::string text;
-    for (const Count& count : all) {
-        if (count.value != 0)
-            text += std::string(" ") + count.name + "=" + std::to_string(count.value);
+template <size_t kCount = 0>
+std::string line(const std::string& head,
+                 bool live,
+                 const std::array<uint64_t, kCount>& numbers = {}) {
+    std::string text = head + (live ? " live" : "");
+    for (const uint64_t number : numbers) {
+        text += " " + std::to_string(number);
     }
     return text;
 }
 
-std::string liveMark(uint64_t live) {
-    return live != 0 ? " live" : "";
+std::string hostName(const char* kind, uint32_t address, uint16_t port) {
+    return kind + (ipToText(address) + (":" + std::to_string(ntohs(port))));
 }
 
-std::string hostName(uint32_t address, uint16_t port) {
-    return ipToText(address) + (":" + std::to_string(hostOrder16(port)));
-}
-
-std::string reliabilityText(double reliability) {
-    if (reliability == 0) return "";
-    std::ostringstream text;
-    text << " reliability=" << reliability;
-    return text.str();
-}
-
-// The counters have the same names in a record and in its copy.
-template <typename Record>
-std::string multicastCounts(const Record& host) {
-    return counts({{"bad", host.bad},
-                   {"gaps", host.gaps},
-                   {"data", host.data},
-                   {"bytes", host.bytes},
-                   {"nulls", host.nulls},
-                   {"rdata", host.rdata},
-                   {"rbytes", host.rbytes}}) +
-           reliabilityText(host.reliability);
-}
-
-std::string rlCounts(const RlCounters& host) {
-    return counts({{"badSent", host.badSent},
-                   {"badRecv", host.badRecv},
-                   {"rreqSent", host.rreqSent},
-                   {"rreqRecv", host.rreqRecv},
-                   {"rseqSent", host.rseqSent},
-                   {"rseqRecv", host.rseqRecv},
-                   {"rrejSent", host.rrejSent},
-                   {"rrejRecv", host.rrejRecv}});
-}
-
-std::string ptpCounts(const PtpCounters& host) {
-    return counts({{"badSent", host.badSent},
-                   {"badRecv", host.badRecv},
-                   {"dataSent", host.dataSent},
-                   {"dataRecv", host.dataRecv},
-                   {"bytesSent", host.bytesSent},
-                   {"bytesRecv", host.bytesRecv},
-                   {"nakSent", host.nakSent},
-                   {"nakRecv", host.nakRecv},
-                   {"ackmeSent", host.ackmeSent},
-                   {"ackmeRecv", host.ackmeRecv},
-                   {"ackSent", host.ackSent},
-                   {"ackRecv", host.ackRecv}});
-}
-
-template <typename Record>
-std::string messageCounts(const Record& host) {
-    return counts({{"msgs", host.msgs}, {"bytes", host.bytes}});
-}
-
-std::string senderState(const HostEntry& host) {
-    if (host.epoch == 0 && host.lastSeq == 0) return "";
-    char text[64];
-    std::snprintf(text, sizeof text, " epoch=%08x lastSeq=%u", host.epoch, host.lastSeq);
-    return text;
-}
-
-// Records of a kind, one line each, by key as people read it.
-class Rows {
-  public:
-    void add(const char* head, uint64_t key, uint64_t live, const std::string& text) {
-        const uint32_t address = hostKeyAddress(key);
-        const uint16_t port = hostKeyPort(key);
-        rows_.push_back({{hostOrder32(address), hostOrder16(port)},
-                         head + hostName(address, port) + liveMark(live) + text});
+void add(Lines& lines, Texts texts) {
+    std::sort(texts.begin(), texts.end());
+    for (const Lines& text : texts) {
+        lines.insert(lines.end(), text.begin(), text.end());
     }
+}
 
-    void moveTo(Lines& lines) {
-        std::sort(rows_.begin(), rows_.end());
-        for (const auto& row : rows_) {
-            lines.push_back(row.second);
-        }
+Lines subjectText(const SubjectEntry& subject) {
+    char name[kSubjectTextBytes];
+    EXPECT_NE(subjectToText(name, sizeof name, packedSubject(subject)), nullptr);
+    Texts senders;
+    for (const auto& [key, msgs, bytes] : sendersOf(subject)) {
+        const std::string from = hostName("   from ", hostKeyAddress(key), hostKeyPort(key));
+        senders.push_back({line(from, msgs != 0, std::array{msgs, bytes})});
     }
-
-  private:
-    std::vector<std::pair<std::pair<uint32_t, uint16_t>, std::string>> rows_;
-};
-
-// Those of an index for which isWanted(record) holds.
-template <typename Record, typename IsWanted, typename Text>
-void addHosts(
-    Lines& lines, const ProbeIndex& index, IsWanted isWanted, const char* head, Text text) {
-    Rows rows;
-    eachHost<Record>(index, [&](const Record& record) {
-        if (!isWanted(record)) return;
-        rows.add(head, hostKey(record.path.address, record.path.port), record.live, text(record));
-    });
-    rows.moveTo(lines);
+    Lines lines = {line(std::string("  subject ") + name, subject.msgs != 0)};
+    add(lines, senders);
+    return lines;
 }
 
-template <typename Record>
-std::vector<std::pair<uint32_t, Record*>> sortedRecords(Dict32* dict, uint32_t (*order)(uint32_t)) {
-    std::vector<std::pair<uint32_t, Record*>> records;
-    eachRecord<Record>(dict, [&](uint32_t key, Record& record) {
-        records.push_back({order(key), &record});
+Lines netText(uint32_t address, const NetEntry& net) {
+    Texts hosts, subjects;
+    eachHost<HostEntry>(statistics.hosts, [&](const HostEntry& host) {
+        if (host.net != &net) return;
+        const auto reliability = std::bit_cast<uint64_t>(host.reliability);
+        const std::array<uint64_t, 10> numbers = {host.epoch, host.lastSeq, reliability, host.data,
+                                                  host.bytes, host.nulls,   host.gaps,   host.bad,
+                                                  host.rdata, host.rbytes};
+        const std::string name = hostName("  host ", host.path.address, host.path.port);
+        hosts.push_back({line(name, host.live, numbers)});
     });
-    std::sort(records.begin(), records.end());
-    return records;
-}
-
-void addSubjects(Lines& lines, NetEntry& net) {
-    std::vector<std::pair<std::string, SubjectEntry*>> subjects;
     for (uint32_t place = 0; place < net.subjects.count; ++place) {
-        SubjectEntry& subject = subjectAt(net.subjects, place);
-        subjects.push_back({subjectName(packedSubject(subject)), &subject});
+        subjects.push_back(subjectText(subjectAt(net.subjects, place)));
     }
-    std::sort(subjects.begin(), subjects.end());
-    for (const auto& [name, subject] : subjects) {
-        lines.push_back("  subject " + name + liveMark(subject->msgs));
-        Rows rows;
-        for (const SubjectSender& sender : sendersOf(*subject)) {
-            rows.add("   from ", sender.key, sender.msgs, messageCounts(sender));
-        }
-        rows.moveTo(lines);
-    }
-}
-
-void addNet(Lines& lines, uint32_t address, NetEntry& net) {
-    lines.push_back(std::string(" net ") + ipToText(hostOrder32(address)) + liveMark(net.live));
-    const auto isOfNet = [&net](const HostEntry& host) { return host.net == &net; };
-    addHosts<HostEntry>(lines, statistics.hosts, isOfNet, "  host ", [](const HostEntry& host) {
-        return senderState(host) + multicastCounts(host);
-    });
-    addSubjects(lines, net);
+    Lines lines = {line(std::string(" net ") + ipToText(address), net.live)};
+    add(lines, hosts);
+    add(lines, subjects);
     if (net.statusCount != 0) {
         lines.push_back("  held " + std::to_string(net.statusCount) + " in " +
                         std::to_string(net.statusUsed));
     }
+    return lines;
 }
 
-std::string packetLine(uint64_t packets, uint64_t oskaPackets) {
-    return "packets=" + std::to_string(packets) + " oska=" + std::to_string(oskaPackets);
+template <typename Record>
+Texts twoSidedTexts(const char* kind, const ProbeIndex& index, const PortEntry& port) {
+    Texts texts;
+    eachHost<Record>(index, [&](const Record& host) {
+        if (host.port != &port) return;
+        using Numbers = std::array<uint64_t, sizeof host.counters / sizeof(uint64_t)>;
+        const std::string name = hostName(kind, host.path.address, host.path.port);
+        texts.push_back({line(name, host.live, std::bit_cast<Numbers>(host.counters))});
+    });
+    return texts;
+}
+
+Lines portText(uint32_t number, const PortEntry& port) {
+    Texts nets;
+    eachRecord<NetEntry>(port.nets, [&](uint32_t address, const NetEntry& net) {
+        nets.push_back(netText(address, net));
+    });
+    const std::string name = std::to_string(ntohs(static_cast<uint16_t>(number)));
+    Lines lines = {line("port " + name, port.live)};
+    add(lines, nets);
+    add(lines, twoSidedTexts<RlHostEntry>(" rl ", statistics.rlHosts, port));
+    add(lines, twoSidedTexts<PtpHostEntry>(" ptp ", statistics.ptpHosts, port));
+    return lines;
 }
 
 }  // namespace
@@ -196,8 +127,7 @@ Lines TraceRun::logged() {
     logTaken_ = logBytes_;
     Lines lines;
     for (std::string line; std::getline(text, line);) {
-        const bool continued = line.starts_with(" ");  // of a text of several lines
-        const size_t nameEnd = continued ? std::string::npos : line.find(": ");
+        const size_t nameEnd = line.find(": ");
         lines.push_back(nameEnd == std::string::npos ? line : line.substr(nameEnd + 2));
     }
     return lines;
@@ -209,21 +139,13 @@ void analyze(const std::vector<Bytes>& packets) {
     }
 }
 
-Lines treeText() {
-    const auto portOrder = [](uint32_t key) {
-        return uint32_t{hostOrder16(static_cast<uint16_t>(key))};
-    };
-    Lines lines = {packetLine(statistics.totalPackets, statistics.oskaPackets)};
-    for (const auto& [number, port] : sortedRecords<PortEntry>(statistics.ports, portOrder)) {
-        lines.push_back("port " + std::to_string(number) + liveMark(port->live));
-        for (const auto& [address, net] : sortedRecords<NetEntry>(port->nets, hostOrder32)) {
-            addNet(lines, address, *net);
-        }
-        const auto isOfPort = [of = port](const auto& host) { return host.port == of; };
-        addHosts<RlHostEntry>(lines, statistics.rlHosts, isOfPort, " rl ",
-                              [](const RlHostEntry& host) { return rlCounts(host.counters); });
-        addHosts<PtpHostEntry>(lines, statistics.ptpHosts, isOfPort, " ptp ",
-                               [](const PtpHostEntry& host) { return ptpCounts(host.counters); });
-    }
+Lines treeText(const std::string& begin) {
+    Texts ports;
+    eachRecord<PortEntry>(statistics.ports, [&](uint32_t number, const PortEntry& port) {
+        ports.push_back(portText(number, port));
+    });
+    Lines lines;
+    add(lines, ports);
+    std::erase_if(lines, [&](const std::string& text) { return !text.starts_with(begin); });
     return lines;
 }

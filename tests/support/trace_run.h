@@ -2,26 +2,24 @@
 // run, and the whole tree as text. Tests compare all of it, so that a counter changed by mistake is
 // noticed.
 //
-// A line of the text is one record: its kind and key, "live" where it is marked, and each field
-// that isn't 0. Records of a kind are in the order of their keys.
+// A line of the text is one record: its kind and key, "live" where it is marked, and its counters
+// in the order of their declaration; a host has its epoch, sequence number and reliability ahead of
+// them. Records of a kind are in the order of their lines.
 //
-//     packets=2 oska=1
 //     port 7500 live
 //      net 239.1.1.1 live
-//       host 10.0.0.1:7001 live epoch=80000001 lastSeq=1 data=1 bytes=59
+//       host 10.0.0.1:7001 live 2147483649 1 0 1 59 0 0 0 0 0
 //       subject A.B live
-//        from 10.0.0.1:7001 live msgs=1 bytes=59
+//        from 10.0.0.1:7001 live 1 59
 //       held 1 in 60
-//      rl 10.0.0.1:7001 live rreqSent=1 rseqSent=3
-//      ptp 10.0.0.1:7001 live ackSent=1
+//      rl 10.0.0.1:7001 live 0 0 1 0 3 0 0 0
+//      ptp 10.0.0.1:7001 live 0 0 0 0 0 0 0 0 0 0 1 0
 //
 // Only one run may exist at a time.
 
 #pragma once
 
 #include <cstdio>
-#include <string>
-#include <vector>
 
 #include "tests/support/packet_builder.h"
 
@@ -47,4 +45,5 @@ class TraceRun {
 
 void analyze(const std::vector<Bytes>& packets);
 
-Lines treeText();
+// The lines that begin like that, all where nothing is told.
+Lines treeText(const std::string& begin = "");

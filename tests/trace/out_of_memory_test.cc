@@ -12,16 +12,10 @@
 
 namespace {
 
-// The records of a tree, without its totals.
-Lines records() {
-    const Lines lines = treeText();
-    return Lines(lines.begin() + 1, lines.end());
-}
-
-Lines recordsOf(const std::vector<Bytes>& packets) {
+Lines recordsOf(const std::vector<Bytes>& packets, const std::string& head = "") {
     TraceRun run;
     analyze(packets);
-    return records();
+    return treeText(head);
 }
 
 // What is told, in the order of the allocations, and the records behind the next packet.
@@ -58,7 +52,7 @@ void expectShortages(const std::vector<Bytes>& before,
         const auto met = std::ranges::find_if(expected, tells);
         ASSERT_NE(met, expected.end()) << told[0];
         analyze({second});
-        EXPECT_EQ(records(), met->records) << told[0];
+        EXPECT_EQ(treeText(), met->records) << told[0];
         EXPECT_EQ(run.logged(), Lines());
     }
     EXPECT_EQ(toldInOrder, allTold);
@@ -135,77 +129,54 @@ TEST(OutOfMemory, GivesUpWhatPacketsBetweenTwoHostsNeed) {
     }
 }
 
-Lines linesOf(const std::string& head) {
-    Lines lines;
-    for (const std::string& line : treeText()) {
-        if (line.starts_with(head)) lines.push_back(line);
-    }
-    return lines;
-}
-
 // Every new record of a growing dictionary meets every failure that it can, then comes in. A
 // failure that nobody is told of must have cost nothing.
 TEST(OutOfMemory, LosesNothingWhileDictionariesGrow) {
+    const auto port = [](uint32_t i) { return static_cast<uint16_t>(i + 1); };
+    const auto from = [](uint32_t i) { return PacketHead{.srcIp = ipv4(10, 0, 0, 0) + i}; };
     const struct {
         std::string head;  // of the lines that are compared
         uint32_t records;
-        std::function<Bytes(uint32_t, uint32_t)> packet;  // of a record and a sequence number
+        std::function<Bytes(uint32_t i, uint32_t seq)> packet;
     } cases[] = {
-        {"port", 80,
-         [](uint32_t i, uint32_t) {
-             return nullPacket({.dstPort = static_cast<uint16_t>(i + 1)}, {});
-         }},
-        {" net", 40,
-         [](uint32_t i, uint32_t) { return nullPacket({.dstIp = ipv4(239, 0, 0, 0) + i}, {}); }},
-        {"  host", 600,
-         [](uint32_t i, uint32_t) {
-             return nullPacket({.srcPort = static_cast<uint16_t>(i + 1)}, {});
-         }},
-        {"  host", 600,
-         [](uint32_t i, uint32_t) {
-             return nullPacket({.srcIp = ipv4(10, 0, 0, 0) + i, .epoch = 1}, {});
-         }},
-        {" rl 10", 40,
-         [](uint32_t i, uint32_t) { return rreqPacket({.srcIp = ipv4(10, 0, 0, 0) + i}, 1); }},
-        {" ptp 10", 40,
-         [](uint32_t i, uint32_t) { return ptpDataPacket({.srcIp = ipv4(10, 0, 0, 0) + i}, {1}); }},
+        {"port", 80, [&](auto i, auto) { return nullPacket({.dstPort = port(i)}, {}); }},
+        {" net", 40, [&](auto i, auto) { return nullPacket({.dstIp = ipv4(239, 0, 0, i)}, {}); }},
+        {"  host", 600, [&](auto i, auto) { return nullPacket({.srcPort = port(i)}, {}); }},
+        {"  host", 600, [&](auto i, auto) { return nullPacket(from(i), {}); }},
+        {" rl 10", 40, [&](auto i, auto) { return rreqPacket(from(i), 1); }},
+        {" ptp 10", 40, [&](auto i, auto) { return ptpDataPacket(from(i), {1}); }},
         {"  subject", 600,
-         [](uint32_t i, uint32_t seq) {
+         [&](auto i, auto seq) {
              return dataPacket({.seq = seq}, busMessage("A.B" + std::to_string(i)));
          }},
         {"   from", 600,
-         [](uint32_t i, uint32_t seq) {
-             const auto port = static_cast<uint16_t>(i + 1);
-             return dataPacket({.srcPort = port, .seq = seq}, busMessage("A"));
+         [&](auto i, auto seq) {
+             return dataPacket({.srcPort = port(i), .seq = seq}, busMessage("A"));
          }},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.head + " " + std::to_string(c.records));
-        Lines expected;
-        {
-            TraceRun run;
-            for (uint32_t i = 0; i < c.records; ++i) {
-                analyze({c.packet(i, i + 1)});
-            }
-            expected = linesOf(c.head);
-        }
+    for (const auto& [head, records, packet] : cases) {
+        SCOPED_TRACE(head + " " + std::to_string(records));
+        std::vector<Bytes> packets;
+        for (uint32_t i = 0; i < records; ++i)
+            packets.push_back(packet(i, i + 1));
+        const Lines expected = recordsOf(packets, head);
         TraceRun run;
         uint32_t seq = 0;
         size_t told = 0;
-        for (uint32_t i = 0; i < c.records; ++i) {
-            for (size_t after = 0;; ++after) {
-                const Bytes packet = c.packet(i, ++seq);
+        for (uint32_t i = 0; i < records; ++i) {
+            size_t lines = 1;
+            for (size_t after = 0; lines != 0; ++after) {
+                const Bytes next = packet(i, ++seq);
                 {
                     const FailAlloc fail{.after = after};
-                    analyze({packet});
+                    analyze({next});
                 }
-                const size_t lines = run.logged().size();
+                lines = run.logged().size();
                 told += lines;
-                if (lines == 0) break;
             }
         }
-        EXPECT_EQ(linesOf(c.head), expected);
-        EXPECT_GE(told, c.records);  // each at least for its own memory
+        EXPECT_EQ(treeText(head), expected);
+        EXPECT_GE(told, records);  // each at least for its own memory
     }
 }
 

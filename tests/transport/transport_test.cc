@@ -1,8 +1,6 @@
 #include <algorithm>
 #include <atomic>
 #include <deque>
-#include <memory>
-#include <thread>
 
 #include "lib/containers/dpa.h"
 #include "lib/containers/subject.h"

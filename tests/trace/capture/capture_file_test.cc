@@ -1,16 +1,13 @@
 #include "trace/capture/capture_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "tests/support/capture_file.h"
 #include "tests/support/capture_reset.h"
 #include "tests/support/fixed_clock.h"
+#include "tests/support/low_limit.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/trace_run.h"
 #include "trace/settings.h"
@@ -63,15 +60,12 @@ std::vector<int32_t> framesOf(const std::string& text) {
 
 TEST_F(CaptureFile, HasWholeFramesOnAFullDiskAndGoesOn) {
     constexpr int32_t kLater = 1000;
-    std::signal(SIGXFSZ, SIG_IGN);
-    rlimit room = {};
-    getrlimit(RLIMIT_FSIZE, &room);
-    const rlimit full = {.rlim_cur = kDiskBytes, .rlim_max = room.rlim_max};
     const FixedMonotonic clock(1000);
     open("save");
-    setrlimit(RLIMIT_FSIZE, &full);
-    save(0, kLater);
-    setrlimit(RLIMIT_FSIZE, &room);
+    {
+        const LowLimit full(RLIMIT_FSIZE, kDiskBytes);
+        save(0, kLater);
+    }
     const std::string name = "save file '" + path + "'";
     EXPECT_EQ(run.logged(), Lines({"failed to write " + name +
                                    ": File too large; frames are lost "

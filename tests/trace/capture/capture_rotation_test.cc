@@ -1,17 +1,15 @@
 #include "trace/capture/capture_rotation.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <set>
-#include <string>
 #include <thread>
 
 #include "tests/support/capture_file.h"
 #include "tests/support/capture_reset.h"
+#include "tests/support/low_limit.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/trace_run.h"
 #include "trace/settings.h"
@@ -43,20 +41,10 @@ struct CaptureRotation : testing::Test {
 
     // A frame of one repeated byte; a file is known again by it.
     static void save(size_t sizeBytes, char mark) {
-        CaptureContext context = {[](TimeSpec, const uint8_t*, size_t) {}};
-        const Bytes frame(sizeBytes, static_cast<uint8_t>(mark));
-        const auto caplen = static_cast<bpf_u_int32>(sizeBytes);
-        const pcap_pkthdr header = {.ts = {}, .caplen = caplen, .len = caplen};
-        frameHandler(reinterpret_cast<u_char*>(&context), &header, frame.data());
+        handleFrame(Bytes(sizeBytes, static_cast<uint8_t>(mark)));
     }
 
     static void saveFullFile(char mark) { save(kFrameBytes, mark); }
-
-    // The mark of the file's last frame; 0 for a file without frames, which must be whole.
-    [[nodiscard]] char markOf(const std::string& name) const {
-        const std::string text = readFile(folder.path(name));
-        return text.size() > kCaptureHeadBytes ? text.back() : '\0';
-    }
 
     TraceRun run;
     const Folder folder;
@@ -70,12 +58,11 @@ TEST_F(CaptureRotation, WaitsForTheLimitAndThenForTheNext) {
     EXPECT_EQ(folder.names(), Names({"cap"}));
 
     save(20, 'b');
-    onRotationTimer();
-    EXPECT_EQ(folder.names(), Names({"cap", "cap1"}));
-    EXPECT_EQ(markOf("cap1"), 'b');
-
-    onRotationTimer();
-    EXPECT_EQ(folder.names(), Names({"cap", "cap1"}));
+    for (int ticks = 0; ticks < 2; ++ticks) {
+        onRotationTimer();
+        EXPECT_EQ(folder.names(), Names({"cap", "cap1"}));
+        EXPECT_EQ(readFile(folder.path("cap1")).back(), 'b');
+    }
 }
 
 TEST_F(CaptureRotation, SeesASizeThatThePositionDoesNotShow) {
@@ -109,29 +96,20 @@ TEST_F(CaptureRotation, SparesTheFileAndTriesAgainWhenTheRenameFails) {
 }
 
 TEST_F(CaptureRotation, EndsSavingWhenTheFileCannotBeOpenedAnew) {
-    const struct {
-        int32_t count;
-        std::string complaint;
-    } cases[] = {
-        {2, "failed to open raw data file '"},
-        {0, "failed to open save file '"},
-    };
-    for (const auto& [count, complaint] : cases) {
+    for (const auto& [count, file] : {std::pair{2, "raw data"}, {0, "save"}}) {
         SCOPED_TRACE(count);
         ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
         rotations(count);
         saveFullFile('a');
         captureFileFlush();
 
-        rlimit files = {};
-        getrlimit(RLIMIT_NOFILE, &files);
-        const rlimit none = {.rlim_cur = 0, .rlim_max = files.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &none);
-        onRotationTimer();
-        setrlimit(RLIMIT_NOFILE, &files);
-
+        {
+            const LowLimit noFiles(RLIMIT_NOFILE, 0);
+            onRotationTimer();
+        }
         EXPECT_FALSE(captureFileIsOpen());
-        EXPECT_EQ(run.logged().back(), complaint + path + "'");
+        EXPECT_EQ(run.logged().back(),
+                  std::string("failed to open ") + file + " file '" + path + "'");
         saveFullFile('b');
         onRotationTimer();
         EXPECT_EQ(run.logged(), Lines());
@@ -166,10 +144,14 @@ TEST_F(CaptureRotation, LosesNoFrameThatComesMeanwhile) {
     EXPECT_EQ(savedFrames, frames);
 }
 
-TEST_F(CaptureRotation, LeavesTheFileAloneInTheShutdown) {
+TEST_F(CaptureRotation, LeavesFramesAndFileAloneInTheShutdown) {
     rotations(1);
     saveFullFile('a');
     captureState.shuttingDown = true;
+    EXPECT_FALSE(handleFrame(Bytes(20)));
+    EXPECT_FALSE(handleFrame({}));  // nor is it told that there is too little of it
+    EXPECT_EQ(run.logged(), Lines());
+    EXPECT_EQ(captureFileBytes(), kLimitBytes);
     onRotationTimer();
     EXPECT_EQ(folder.names(), Names({"cap"}));
 }

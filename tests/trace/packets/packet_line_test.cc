@@ -43,7 +43,10 @@ Lines treeOf(Handle handle) {
         handle(packet.data(), packet.size());
     }
     packetsSettle();
-    return treeText();
+    Lines tree = treeText();
+    tree.push_back(std::to_string(statistics.totalPackets));
+    tree.push_back(std::to_string(statistics.oskaPackets));
+    return tree;
 }
 
 TEST(PacketLine, CountsAsIfNothingHadWaited) {

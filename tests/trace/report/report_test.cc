@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <algorithm>
 #include <cstdlib>
 #include <random>
 
 #include "lib/base/log.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/packet_builder.h"
 #include "tests/support/snapshot_builder.h"
 #include "trace/counts/services.h"
 #include "trace/report/report_format.h"
@@ -18,69 +19,30 @@ namespace {
 constexpr TimeSpec kFrom = {1700000000, 0};
 constexpr TimeSpec kTo = {1700000004, 0};
 
-const std::string kRetransTitle =
-    "                         Multicast Retrans Packet Statistics\n"
-    "  Port   Address         SCid     Rreq      Rseq  Rrej     Bad\n"
-    " -----   --------------- ----- ------- --------- -----  ------\n";
 const std::string kSubjectTitle =
     "                          Multicast Subject Statistics\n"
     "  Port   Address          SCid    Msgs     Bytes  Subject\n"
     " -----   --------------- ----- ------- ---------  -------\n";
 
 struct ReportTest : testing::Test {
-    void SetUp() override {
-        setenv("TZ", "UTC", 1);
-        tzset();
-        traceSettings = {};
-    }
-
-    void TearDown() override {
+    ReportTest() { traceSettings = {}; }
+    ~ReportTest() override {
         traceSettings = {};
         servicesForget();
     }
 };
 
-std::string print(BuiltSnapshot& built, size_t allocations = 0) {
+std::string print(BuiltSnapshot& built) {
     char* text = nullptr;
     size_t length = 0;
     FILE* stream = open_memstream(&text, &length);
     logSetStream(stream);
-    SnapHeader* snapshot = built.link();
-    {
-        const FailAlloc fail{.after = allocations, .forGood = true};
-        printSnapshot(snapshot);
-    }
+    printSnapshot(built.link());
     std::string report(text, length);  // flushed by the report itself
     logSetStream(nullptr);
     std::fclose(stream);
     std::free(text);
     return report;
-}
-
-// Whether a row without a net stands under the port, of five places.
-bool showsPort(const std::string& report, const char* port) {
-    return report.find("\n " + std::string(port) + "      ") != std::string::npos;
-}
-
-std::string reportOf(const std::vector<BuiltPort>& ports) {
-    BuiltSnapshot built = {.from = kFrom, .to = kTo, .ports = ports};
-    return print(built);
-}
-
-TEST_F(ReportTest, LeavesOutPortsWithNothingToShow) {
-    SnapRlHost silent{}, asked{}, bad{};
-    silent.counters.rreqRecv = silent.counters.rseqRecv = silent.counters.rrejRecv = 9;
-    asked.counters.rrejSent = 1;
-    bad.counters.badRecv = 5;
-    const BuiltPort first = {.port = 1, .rlHosts = {silent}},
-                    second = {.port = 2, .rlHosts = {asked}}, third = {.port = 3, .rlHosts = {bad}};
-    const std::string report = reportOf({first, second, third});
-    EXPECT_FALSE(showsPort(report, "    1"));
-    EXPECT_TRUE(showsPort(report, "    2"));
-    EXPECT_TRUE(showsPort(report, "    3"));
-
-    // Nobody sent anything: no table, though a port would have a row.
-    EXPECT_EQ(reportOf({first, third}).find(kRetransTitle), std::string::npos);
 }
 
 TEST_F(ReportTest, PrintsLongReportsWhole) {
@@ -96,6 +58,7 @@ TEST_F(ReportTest, PrintsLongReportsWhole) {
     }
     std::reverse(built.ports[0].nets[0].subjects.begin(), built.ports[0].nets[0].subjects.end());
     traceSettings.displayMcast = traceSettings.displayStats = false;
+    const FailAlloc fail{.after = 0, .forGood = true};  // it needs none
     EXPECT_EQ(print(built),
               kSubjectTitle + "         Totals                   3000      6000\n" + rows + "\n");
 }
@@ -108,16 +71,45 @@ TEST_F(ReportTest, TellsOfServicePortsWithoutMemory) {
     host.port = htons(8000);
     BuiltSnapshot built = {
         .from = kFrom, .to = kTo, .ports = {{.port = 9, .nets = {{.net = 0, .hosts = {host}}}}}};
-    const std::string whole = print(built, kNeverFails);
+    const std::string whole = print(built);
     EXPECT_NE(whole.find("10.0.0.1         8000       0"), std::string::npos);
     for (const size_t after : {0, 1, 2}) {
         servicesForget();
         const std::string told =
             "Out of memory " + std::string(after == 0 ? "allocat" : "stor") + "ing service entry\n";
-        const std::string report = print(built, after);
+        const FailAlloc fail{.after = after, .forGood = true};
+        const std::string report = print(built);
         EXPECT_NE(report.find(told), std::string::npos) << report;
         EXPECT_EQ(report.substr(report.find("Snapshot")), whole);
     }
+}
+
+// Each line is a message's own or tells of it; or a value lacked the memory.
+TEST_F(ReportTest, PrintsHostMessagesWithoutMemory) {
+    traceSettings.displayStats = traceSettings.displayMcast = traceSettings.displaySubjects = false;
+    traceSettings.displayHostMsgs = true;
+    const auto status = [](const char* text) {
+        return message({subjectField(packedSubject("_PM.INFO.SYSTEM.HOST.h")),
+                        field(named("s"), 8, named(text))});
+    };
+    const Bytes one = status("one"), two = status("two");
+    BuiltSnapshot built = {
+        .from = kFrom,
+        .to = kTo,
+        .ports = {{.port = 7500, .nets = {{.net = 0, .statusMsgs = {one.data(), two.data()}}}}}};
+    const std::string whole = print(built);
+    const auto has = [](const std::string& text, const char* words) {
+        return text.find(words) != text.npos;
+    };
+    const size_t failing = eachAllocationFails([&] {
+        const std::string printed = print(built);
+        EXPECT_TRUE(has(printed, "System host messages for port 7500\n"));
+        EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 6) << printed;
+        const bool tells =
+            has(printed, "bytes without text: Memory allocation failed]\n") || has(printed, "[NO ");
+        EXPECT_TRUE(allocationsFailed() == 0 ? printed == whole : tells) << printed;
+    });
+    EXPECT_GT(failing, 4u);
 }
 
 // Ties, carries, numbers beside them, and any others.

@@ -5,17 +5,14 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <ctime>
-#include <vector>
 
 #include "lib/base/lock.h"
 #include "lib/base/thread.h"
 #include "lib/msg/pool.h"
 #include "tests/support/capture_file.h"
 #include "tests/support/fixed_clock.h"
-#include "tests/support/packet_builder.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/trace_run.h"
 #include "trace/capture/capture_session.h"
@@ -54,8 +51,8 @@ struct LiveRunTest : testing::Test {
 
     // `cutBytes` of the last record are missing.
     void capture(size_t frames, size_t cutBytes = 0) {
-        std::vector<SavedFrame> saved(frames, {1, 0, ethernetFrame(dataPacket({}, {}))});
-        std::string text = captureText(saved);
+        const SavedFrame frame = {1, 0, ethernetFrame(dataPacket({}, {}))};
+        std::string text = captureText(std::vector<SavedFrame>(frames, frame));
         text.resize(text.size() - cutBytes);
         writeFile(path, text);
         captureState.captureHandle = openOffline(path.c_str());

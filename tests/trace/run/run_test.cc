@@ -5,8 +5,6 @@
 
 #include <filesystem>
 #include <semaphore>
-#include <set>
-#include <string>
 
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
@@ -16,7 +14,6 @@
 #include "tests/support/fail_alloc.h"
 #include "tests/support/fixed_clock.h"
 #include "tests/support/scratch_folder.h"
-#include "trace/capture/frame.h"
 #include "trace/counts/statistics.h"
 #include "trace/settings.h"
 
@@ -47,15 +44,6 @@ struct Run : testing::Test {
         traceSettings.writeFile = output.c_str();
         traceSettings.rotationOptions = kCaptureMaxSeen;
         traceSettings.captureMaxSizeMB = 1;
-    }
-
-    static void saveMoreThanTheLimit() {
-        constexpr bpf_u_int32 kMegabyte = 1 << 20;
-        CaptureContext context = {[](TimeSpec, const uint8_t*, size_t) {}};
-        const Bytes frame(kMegabyte, 0);
-        const pcap_pkthdr header = {.ts = {}, .caplen = kMegabyte, .len = kMegabyte};
-        frameHandler(reinterpret_cast<u_char*>(&context), &header, frame.data());
-        captureFileFlush();
     }
 
     // Timers that are due have run on return: one of no interval is the last of its pass.
@@ -95,7 +83,8 @@ TEST_F(Run, RotatesTheCaptureFileOnceASecond) {
             ASSERT_EQ(startTrace(), kStatusSuccess);
             std::filesystem::current_path("/");
             for (const int64_t seconds : {1001, 1002}) {
-                saveMoreThanTheLimit();
+                handleFrame(Bytes(1 << 20));  // more than the limit
+                captureFileFlush();
                 FixedMonotonic::set(seconds, 500'000'000);
                 timerThreadPasses();
             }

@@ -3,21 +3,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 #include <filesystem>
 #include <map>
-#include <string>
 #include <thread>
 
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/low_limit.h"
 #include "tests/support/trace_run.h"
 
 namespace {
@@ -47,9 +45,8 @@ struct StopWait : testing::Test {
         stopWaitCleanup();
         stopWaitRelease();
         pelmo_Close();
-        EXPECT_EQ(signal(SIGINT, SIG_DFL), SIG_DFL);
-        EXPECT_EQ(signal(SIGTERM, SIG_DFL), SIG_DFL);
-        EXPECT_EQ(signal(SIGHUP, SIG_DFL), SIG_DFL);
+        for (const int number : {SIGINT, SIGTERM, SIGHUP})
+            EXPECT_EQ(signal(number, SIG_DFL), SIG_DFL);
     }
 
     // Arms the wait; the pair's sockets are those that appear.
@@ -65,20 +62,19 @@ struct StopWait : testing::Test {
     // Ends the pair's connection while the system gives no descriptors, so that it can't be remade.
     // Those that are open go on working: poll takes as many as the limit says.
     void breakForGood() {
-        getrlimit(RLIMIT_NOFILE, &formerLimit);
-        rlimit none = formerLimit;
         const int lowestFree = dup(STDERR_FILENO);
         close(lowestFree);
-        none.rlim_cur = static_cast<rlim_t>(lowestFree);
-        setrlimit(RLIMIT_NOFILE, &none);
+        noSockets.emplace(RLIMIT_NOFILE, static_cast<rlim_t>(lowestFree));
         breakPair();
     }
 
     // One end is enough, and the other's number may be a new socket's at once.
     void breakPair() const { shutdown(pair.begin()->second, SHUT_RDWR); }
 
-    // Closing joins the threads that call back.
-    static int callbacksInAll() {
+    // A signal ends the wait; closing joins the threads that call back.
+    static int callbacksAtASignal() {
+        raise(SIGTERM);
+        (void)stopWaitRun();
         pelmo_Close();
         return callbacks;
     }
@@ -98,11 +94,9 @@ struct StopWait : testing::Test {
         }
     }
 
-    void giveSocketsAgain() const { setrlimit(RLIMIT_NOFILE, &formerLimit); }
-
     TraceRun run;
     Sockets pair;
-    rlimit formerLimit = {};
+    std::optional<LowLimit> noSockets;
 };
 
 TEST_F(StopWait, ReturnsAtASignalOfEitherKind) {
@@ -120,7 +114,7 @@ TEST_F(StopWait, ReturnsAtASignalOfEitherKind) {
 TEST_F(StopWait, LeavesAHangUpAloneThatWasIgnored) {
     signal(SIGHUP, SIG_IGN);
     ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
-    raise(SIGHUP);
+    raise(SIGHUP);  // nor does it stop the run
     raise(SIGINT);
     EXPECT_TRUE(stopWaitRun());
     stopWaitCleanup();
@@ -134,7 +128,7 @@ TEST_F(StopWait, WakesWhoWaitsAndCallsBackOnce) {
     for (int i = 0; i < 100; ++i)
         kill(getpid(), SIGTERM);
     waiting.join();
-    EXPECT_EQ(callbacksInAll(), 1);
+    EXPECT_EQ(callbacksAtASignal(), 1);
 }
 
 TEST_F(StopWait, NeedsTheLibrary) {
@@ -163,9 +157,7 @@ TEST_F(StopWait, RemakesAPairThatBreaks) {
     const size_t count = openSockets().size();
     breakPair();
     awaitNewPair(count);
-    raise(SIGTERM);
-    (void)stopWaitRun();
-    EXPECT_EQ(callbacksInAll(), 1);
+    EXPECT_EQ(callbacksAtASignal(), 1);
     EXPECT_EQ(run.logged(), Lines({"Socket pair unexpectedly closed, creating new pair"}));
 }
 
@@ -174,10 +166,7 @@ TEST_F(StopWait, SeesASignalThatComesWhileThePairIsBroken) {
     arm();
     breakForGood();
     awaitNoPair();
-    raise(SIGINT);
-    (void)stopWaitRun();
-    giveSocketsAgain();
-    EXPECT_EQ(callbacksInAll(), 1);
+    EXPECT_EQ(callbacksAtASignal(), 1);
 }
 
 TEST_F(StopWait, GoesOnOnceThePairCanBeMadeAgain) {
@@ -185,11 +174,9 @@ TEST_F(StopWait, GoesOnOnceThePairCanBeMadeAgain) {
     const size_t count = openSockets().size();
     breakForGood();
     awaitNoPair();
-    giveSocketsAgain();
+    noSockets.reset();
     awaitNewPair(count);
-    raise(SIGINT);
-    (void)stopWaitRun();
-    EXPECT_EQ(callbacksInAll(), 1);
+    EXPECT_EQ(callbacksAtASignal(), 1);
 }
 
 // With neither a pair nor a timer no signal could be seen: the program is to stop.
@@ -198,8 +185,9 @@ TEST_F(StopWait, EndsWhereNothingCouldBringASignal) {
     ASSERT_EQ(pelmoQueue_DestroyEx(kTimerQueueId, nullptr, nullptr), kStatusSuccess);
     breakForGood();
     EXPECT_FALSE(stopWaitRun());
-    giveSocketsAgain();
-    EXPECT_EQ(callbacksInAll(), 0);
+    noSockets.reset();
+    pelmo_Close();
+    EXPECT_EQ(callbacks, 0);
     EXPECT_EQ(run.logged(), Lines({"Socket pair unexpectedly closed, creating new pair",
                                    "unable to create sigterm restart timer: Invalid queue."}));
 }

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string>
 
 #include "lib/transport/socket/secure_names.h"
 #include "tests/support/scratch_folder.h"
