@@ -312,9 +312,8 @@ void socketConnectFailLocked(Socket* socket, SocketCode code) {
 pelmoStatus socketAwaitConnectLocked(Socket* socket, double deadline) {
     while (socket->state == SocketState::kConnecting) {
         if (!socket->beginning) {
+            if (socketConnectAdvanceLocked(socket) || socket->beginning) continue;
             if (!socketPollLocked(socket, POLLOUT, deadline)) return kStatusTimeout;
-            const bool underWay = socket->state == SocketState::kConnecting && !socket->beginning;
-            if (underWay) (void)socketConnectAdvanceLocked(socket);
         } else if (deadline == 0) {
             (void)Cond_Wait(&socket->connectCond, &socket->lock);
         } else {
