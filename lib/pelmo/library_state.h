@@ -39,8 +39,8 @@ extern constinit LibraryState library;
 // waiting for another thread's set-up.
 [[nodiscard]] pelmoStatus processSetUp();
 
-// Makes the id tables and the pools of buffers and messages, which outlive every close. On
-// kStatusNoMemory none of them exists.
+// Makes the id tables and the pools of buffers, messages and queued writes, which outlive every
+// close. On kStatusNoMemory none of them exists.
 [[nodiscard]] pelmoStatus processTablesLocked() PELMO_REQUIRES(library.lock);
 
 // Ends what an open has made for the library itself. Missing parts are skipped.

@@ -8,6 +8,7 @@
 #include "lib/pelmo/library_state.h"
 #include "lib/runtime/event_internal.h"
 #include "lib/runtime/id.h"
+#include "lib/transport/ipq/write_queue.h"
 #include "lib/transport/transport_internal.h"
 
 constinit LibraryState library;
@@ -44,11 +45,13 @@ pelmoStatus processTablesLocked() {
     if (status != kStatusSuccess) return status;
 
     status = bufferPoolCreate();
-    if (status == kStatusSuccess) {
-        status = msgPoolCreate();
-        if (status != kStatusSuccess) bufferPoolDestroy();
+    if (status == kStatusSuccess) status = msgPoolCreate();
+    if (status == kStatusSuccess) status = writeRecordPoolCreate();
+    if (status != kStatusSuccess) {
+        msgPoolDestroy();
+        bufferPoolDestroy();
+        idTablesDestroy();
     }
-    if (status != kStatusSuccess) idTablesDestroy();
     library.tablesReady = status == kStatusSuccess;
     return status;
 }

@@ -4,12 +4,15 @@
 //     unit:    0 size 4    | 4 magic 4  | ...
 //     size 8               | magic      | keep-alive, skipped
 //     size 9 and above     | magic      | a message
-//     size below 8         | magic      | kCutBadSize
+//     size below 8         | magic      | kBadSize
 //     0                    | 0          | the peer's close notice
-//     anything else                     | kCutBadMagic
+//     anything else                     | kBadMagic
 //
 // How the stream is split into reads never changes what comes out. A head that claims many bytes
-// takes memory only as its bytes come: the buffer grows with what has arrived.
+// takes memory only as its bytes come: the buffer at most doubles what has arrived.
+//
+// A read that fills no more than a quarter of its buffer is copied to one of its own size, so that
+// a few small messages don't keep a large buffer alive.
 //
 // Ownership: the cutter owns its buffer; each message has a reference of its own to the buffer that
 // it lies in, and belongs to whoever takes the batch.
@@ -26,6 +29,9 @@
 struct Buffer;
 struct Dpa;
 
+inline constexpr uint32_t kReadBufferBytes = 0x20000;  // of a fresh buffer
+inline constexpr uint32_t kMostReadBytes = 0x28000;    // of one read
+
 enum class CutVerdict : uint32_t {
     kGoOn,
     kCloseNotice,  // the peer is closing
@@ -35,10 +41,14 @@ enum class CutVerdict : uint32_t {
 };
 
 struct StreamCutter {
-    Buffer* buffer;             // null while nothing is under way
-    uint32_t count;             // bytes in `buffer`
+    // Constant after cutterInit.
     uint32_t readBufferBytes;   // size of a fresh buffer
-    uint32_t mostMessageBytes;  // a longer one ends the stream as kBadSize
+    uint32_t mostMessageBytes;  // a longer message ends the stream as kBadSize
+
+    // The first bytes of a unit that isn't whole yet
+    Buffer* buffer;  // null while nothing is under way
+    uint32_t start;  // where they begin in `buffer`
+    uint32_t count;
 
     // Totals
     uint64_t messages;
@@ -46,14 +56,18 @@ struct StreamCutter {
     uint32_t partials;  // reads that ended within a unit while the buffer had room
 };
 
+// `readBufferBytes` is at most kMostReadBytes and at least the size of a head.
 void cutterInit(StreamCutter* cutter, uint32_t readBufferBytes, uint32_t mostMessageBytes);
 void cutterFree(StreamCutter* cutter);
 
-// Where the next bytes of the stream belong; empty when memory runs out. Nothing changes until
-// cutterTake.
+// Where the next bytes of the stream belong, at most kMostReadBytes; empty when memory runs out.
+// What the cutter has of the stream stays as it is until cutterTake.
 [[nodiscard]] std::span<uint8_t> cutterRoom(StreamCutter* cutter);
 
-// So many bytes were written to the room. Appends the messages that are whole to `batch`, also
-// those ahead of a fault; after any verdict but kGoOn the cutter has let go of its buffer and can
-// be used no further.
+// The same for those who want one unit and nothing behind it.
+[[nodiscard]] std::span<uint8_t> cutterRoomForOne(StreamCutter* cutter);
+
+// So many bytes were written to the room; 0 gives room back that isn't needed now. Appends the
+// messages that are whole to `batch`, also those ahead of a fault; after any verdict but kGoOn the
+// cutter has let go of its buffer and can be used no further.
 [[nodiscard]] CutVerdict cutterTake(StreamCutter* cutter, uint32_t count, Dpa* batch);
