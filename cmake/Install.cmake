@@ -1,5 +1,5 @@
-# cmake --install: the tool with its two modules, its manual page, completion, a unit sample, the
-# operators' guide and the licence texts of third parties; and the library with its headers and its
+# cmake --install: the tool with its two modules, the programs beside it, manual pages, completions, a
+# unit sample, the operators' guide and the licence texts of third parties; and the library with its headers and its
 # files for pkg-config and CMake. The component "tool" goes into the package (Package.cmake),
 # "library" is all else.
 #
@@ -21,12 +21,16 @@ install(CODE "
     message(STATUS \"Installing: \${bin}/pelmoscope -> ${tool_from_bin}\")"
     COMPONENT tool)
 
-install(FILES docs/pelmoscope.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES completions/pelmoscope.bash
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME pelmoscope
-        COMPONENT tool)
-install(FILES completions/_pelmoscope DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
-        COMPONENT tool)
+install(TARGETS pelmobus RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+
+foreach(program IN ITEMS pelmoscope pelmobus)
+    install(FILES docs/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+    install(FILES completions/${program}.bash
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program}
+            COMPONENT tool)
+    install(FILES completions/_${program} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+            COMPONENT tool)
+endforeach()
 install(FILES docs/OPERATING.md docs/pelmoscope.service CHANGELOG.md docs/THIRD_PARTY.md
               docs/licenses/OpenSSL-1.1.1.txt
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)

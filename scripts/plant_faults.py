@@ -49,7 +49,7 @@ class Fault:
 
     def path(self):
         """The source whose path ends in the row's path; None when it is missing or not unique."""
-        found = [path for top in ("lib", "trace", "tools")
+        found = [path for top in ("lib", "trace", "bus", "tools")
                  for path in (COPY / top).rglob(pathlib.Path(self.source).name)
                  if path.as_posix().endswith("/" + self.source)]
         return found[0] if len(found) == 1 else None
@@ -173,6 +173,9 @@ def make_judges():
     judges = {"lib/" + folder: program(folder) for folder in
               ("base", "containers", "msg", "runtime", "transport", "pelmo")}
     judges["trace"] = program("trace")
+    judges["bus"] = program("bus")
+    judges["pelmobus"] = Judge(["pelmobus"], [sys.executable, tests / "bus" / "pelmobus_test.py", "bin/pelmobus"],
+                               re.compile(r"^(?:FAIL|ERROR): (\S+)"))
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
                             re.compile(r"\s+\d+ - (tools\S*) "))
@@ -188,6 +191,8 @@ def judges_of(judges, path):
     parts = path.relative_to(COPY).parts
     if parts[0] == "tools":
         return [judges["tools"]]
+    if parts[0] == "bus":
+        return [judges["bus"], judges["pelmobus"]]
     if parts[0] == "trace":
         return [judges["cases"], judges["trace"]]
     public = [judges["lib/pelmo"]] if parts[1] in ("msg", "runtime", "transport") else []

@@ -20,6 +20,8 @@ GOOD = {
     "tests/base/a_test.cc": '#include "trace/run/x.h"\n#include "tests/support/s.h"\n',
     "tests/support/s.h": "",
     "trace/run/x.h": "",
+    "bus/b.cc": '#include "bus/b.h"\n#include "lib/msg/m.h"\n',
+    "bus/b.h": '#include "lib/pelmo.h"\n',
 }
 
 FAULTS = {
@@ -64,6 +66,9 @@ FAULTS = {
     "up within a folder": (
         {"lib/transport/socket/s.h": '#include "lib/transport/t.h"\n'},
         "lib/transport/socket/s.h:1: includes lib/transport/t.h, a floor above its own"),
+    "from a user into the inside": (
+        {"bus/b.h": '#include "lib/base/a.h"\n'},
+        "bus/b.h:1: is a user's, and includes lib/base/a.h, which isn't public"),
     "a floor of its own": (
         {"lib/cellar/a.h": ""},
         "lib/cellar/a.h:1: lies on a floor that nobody knows"),

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """install_test.py BUILD: installs the build into a scratch folder, runs what was laid there, holds
-manual page and completion against the options that the tool itself knows, and builds a user's program
-against the library.
+manual pages and completions against the options that the programs themselves know, and builds a user's
+program against the library.
 """
 import glob
 import os
@@ -33,13 +33,39 @@ class Install(unittest.TestCase):
         cls.options = re.findall(r"^ +(-[a-z-]+)", usage, re.MULTILINE) + UNLISTED_OPTIONS
         assert len(cls.options) == 26, usage
 
+        # Those of pelmobus, by command; the connection's belong to no command.
+        cls.bus = os.path.join(cls.usr, "bin", "pelmobus")
+        usage = run(cls.bus, "--help").stdout
+        cls.commands = re.findall(r"^  ((?:circuit |bench )?[a-z]+) \[?SUBJECT", usage, re.MULTILINE)
+        cls.bus_options = {command: cls.bus_options_of(*command.split())
+                           for command in [""] + cls.commands}
+        assert len(cls.commands) == 9, usage
+
     @classmethod
     def tearDownClass(cls):
         cls.scratch.cleanup()
 
+    @classmethod
+    def bus_options_of(cls, *command):
+        return sorted(re.findall(r"^ +(--[a-z-]+)", run(cls.bus, *command, "--help").stdout, re.MULTILINE))
+
+    def programs(self):
+        """Each program with all of its options."""
+        yield "pelmoscope", sorted(self.options)
+        yield "pelmobus", sorted(set(sum(self.bus_options.values(), [])))
+
     def read(self, *path):
         with open(os.path.join(self.usr, *path), encoding="utf-8") as f:
             return f.read()
+
+    def complete(self, program, *words):
+        """What bash offers for the last word."""
+        script = os.path.join(self.usr, "share", "bash-completion", "completions", program)
+        line = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$1;' \
+               ' printf "%s\\n" "${COMPREPLY[@]}"'
+        result = run("bash", "-c", line, script, program, *words)
+        self.assertEqual(result.stderr, "")
+        return result.stdout.split()
 
     def test_the_installed_tool_finds_its_modules_and_reads_a_capture(self):
         result = run(self.tool, "-r", os.path.join(ROOT, "samples", "bus.pcap"), cwd="/")
@@ -52,26 +78,32 @@ class Install(unittest.TestCase):
         self.assertEqual(run(link, "-no-such-option").returncode, 2)
 
     def test_every_option_stands_in_the_manual_page(self):
-        page = self.read("share", "man", "man1", "pelmoscope.1").replace("\\-", "-")
-        heads = re.findall(r"^\.(?:BI|B) (-[a-z-]+)", page, re.MULTILINE)
-        self.assertEqual(sorted(set(heads)), sorted(self.options))
+        for program, options in self.programs():
+            page = self.read("share", "man", "man1", program + ".1").replace("\\-", "-")
+            heads = re.findall(r"^\.(?:BI|B) (--?[a-z][a-z-]*)", page, re.MULTILINE)
+            self.assertEqual(sorted(set(heads)), options)
 
     def test_every_option_is_completed_by_zsh(self):
-        text = self.read("share", "zsh", "site-functions", "_pelmoscope")
-        self.assertEqual(sorted(re.findall(r"'\*?(-[a-z-]+)\[", text)), sorted(self.options))
+        for program, options in self.programs():
+            text = self.read("share", "zsh", "site-functions", "_" + program)
+            self.assertEqual(sorted(set(re.findall(r"'\*?(--?[a-z-]+)=?\[", text))), options)
 
     def test_bash_completes_options_and_knows_which_take_a_value(self):
-        script = os.path.join(self.usr, "share", "bash-completion", "completions", "pelmoscope")
+        self.assertEqual(sorted(self.complete("pelmoscope", "-")), sorted(self.options))
+        self.assertEqual(self.complete("pelmoscope", "-w-max-s"), ["-w-max-size"])
+        self.assertIn("lo", self.complete("pelmoscope", "-i", ""))
+        self.assertEqual(self.complete("pelmoscope", "-u", "-"), [])
 
-        def complete(*words):
-            line = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _pelmoscope;' \
-                   ' printf "%s\\n" "${COMPREPLY[@]}"'
-            return run("bash", "-c", line, script, "pelmoscope", *words).stdout.split()
-
-        self.assertEqual(sorted(complete("-")), sorted(self.options))
-        self.assertEqual(complete("-w-max-s"), ["-w-max-size"])
-        self.assertIn("lo", complete("-i", ""))
-        self.assertEqual(complete("-u", "-"), [])
+    def test_bash_completes_the_options_of_each_command(self):
+        for command, options in self.bus_options.items():
+            words = ["--local", "--daemon", "send", *command.split()]
+            self.assertEqual(sorted(self.complete("pelmobus", *words, "-")), options, command)
+        self.assertEqual(self.complete("pelmobus", "send", "A", "--rate", "-"), [])
+        self.assertEqual(self.complete("pelmobus", "listen", ""), [])
+        offered = self.complete("pelmobus", "--batch", "")
+        offered += ["bench " + word for word in self.complete("pelmobus", "bench", "")]
+        offered += ["circuit " + word for word in self.complete("pelmobus", "circuit", "")]
+        self.assertEqual(sorted(offered), sorted(self.commands + ["bench", "circuit"]))
 
 
 class Library(unittest.TestCase):

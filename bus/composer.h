@@ -1,0 +1,49 @@
+// The messages that a command sends, one after the other: those of the command line's fields, a
+// number of times, or one for each line of the standard input.
+//
+// A message is built once and sent again where nothing in it changes; otherwise it is emptied and
+// built anew, which allocates nothing in the long run.
+//
+// Threads: one user at a time.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "bus/json_message.h"
+#include "bus/line_input.h"
+#include "bus/owned_message.h"
+#include "bus/settings.h"
+
+struct Composer {
+    const BusSettings& settings;
+    uint64_t most;         // messages in all
+    std::string pad = {};  // the field's bytes
+    LineInput input = {};
+    JsonReader reader = {};
+    uint64_t made = 0;
+    bool toInbox = false;  // was any of them on its way to an inbox?
+};
+
+// A place for a message, used again and again.
+struct ComposerSlot {
+    OwnedMessage msg;
+    bool stands = false;  // with all that doesn't change
+};
+
+[[nodiscard]] Composer composerOpen(const BusSettings& settings, uint64_t most);
+
+enum class ComposeResult {
+    kMade,
+    kNone,  // the next line isn't there yet
+    kEnd,
+    kStopped,
+    kFailed,  // told
+};
+
+// With `mayWait` kNone isn't answered.
+[[nodiscard]] ComposeResult composerNext(Composer& composer, ComposerSlot& slot, bool mayWait);
+
+// Adds the fields "pad" and "seq", where they are asked for.
+[[nodiscard]] pelmoStatus composerAddExtras(Composer& composer, pelmoMsg* msg);

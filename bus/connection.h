@@ -1,0 +1,26 @@
+// The library opened, and the transport with its settings made.
+//
+//     Connection connection;
+//     const ExitStatus made = connectionOpen(connection, settings);
+//     if (made != kExitDone) return made;
+//
+// Its end destroys the transport, which lets leave what was sent, and closes the library.
+//
+// Threads: one, which is not a callback's.
+
+#pragma once
+
+#include "bus/settings.h"
+
+struct Connection {
+    uint32_t transport = kNoId;
+    bool opened = false;
+
+    Connection() = default;
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+};
+
+// Any failure is told. kExitUsage for fields of the command line that no message takes.
+[[nodiscard]] ExitStatus connectionOpen(Connection& connection, const BusSettings& settings);

@@ -1,0 +1,55 @@
+// The types of fields as this program spells them: one row each, with the way from text and, for
+// values that are short, the way back. The command line and both directions of JSON go by it.
+//
+// An array is its element's name with "[]" behind it ("i32[]"). A type of the application's own,
+// from 128 up, is its number, and so is whatever the library has no name for.
+//
+// Threads: nothing here changes.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "lib/pelmo.h"
+
+// What a value is in JSON.
+enum class FieldForm : uint8_t {
+    kNumber,   // a whole number
+    kReal,     // a number, or one of the strings "NaN", "Infinity", "-Infinity"
+    kTruth,    // true or false
+    kText,     // a string
+    kMessage,  // an object with "fields"
+    kNothing,  // null
+};
+
+struct FieldValue {
+    FieldData data{};
+    std::string bytes;  // of types whose data is a pointer: the text, the bytes
+};
+
+struct FieldKind {
+    const char* name;
+    uint8_t code;
+    uint8_t sizeBytes;  // 0 where the value tells
+    FieldForm form;
+    uint8_t arrayCode;  // 0 where there is no array of it
+
+    // Returns null, or what is wrong with the text. Null for types that can't be written as text.
+    const char* (*parse)(std::string_view text, FieldValue& out);
+
+    // Adds the value's JSON. Null where the value is no number, truth or address.
+    void (*print)(std::string& out, const FieldData& data);
+};
+
+// Both null for a name or a code that isn't known. The code may be an array's.
+[[nodiscard]] const FieldKind* fieldKindByName(std::string_view name);
+[[nodiscard]] const FieldKind* fieldKindByCode(uint8_t code);
+
+// "i8, u8, ...": those that can be written as text.
+[[nodiscard]] std::string fieldKindNames();
+
+// Adds a field to the message. Statuses as of pelmoMsg_AddField.
+[[nodiscard]] pelmoStatus fieldAdd(
+    pelmoMsg* msg, const FieldKind& type, const char* name, uint16_t id, const FieldValue& value);

@@ -1,0 +1,77 @@
+#include "bus/pump.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
+#include "bus/complain.h"
+#include "bus/steady_time.h"
+#include "bus/stop.h"
+
+namespace {
+
+// It has woken the loop, which looks for itself.
+void onStop(uint32_t, pelmoMsg*, void*) {}
+
+}  // namespace
+
+bool pumpOpen(Pump& pump, Output* output) {
+    pump.output = output;
+    pelmoStatus status = pelmoQueue_Create(&pump.queue);
+    if (status == kStatusSuccess) {
+        pump.stopCopy = fcntl(stopDescriptor(), F_DUPFD_CLOEXEC, 0);
+        pump.events.push_back(kNoId);
+        status = pelmoEvent_CreateIO(&pump.events.back(), pump.queue, onStop, pump.stopCopy,
+                                     kIoRead, nullptr);
+    }
+    if (status != kStatusSuccess) complain("queue", status);
+    return status == kStatusSuccess;
+}
+
+bool pumpListen(Pump& pump,
+                uint32_t transport,
+                const char* subject,
+                pelmoEventCallback callback,
+                void* closure) {
+    pump.events.push_back(kNoId);
+    const pelmoStatus status = pelmoEvent_CreateListener(&pump.events.back(), pump.queue, callback,
+                                                         transport, subject, closure);
+    if (status != kStatusSuccess) {
+        complain(std::string("listen ") + subject, status);
+        return false;
+    }
+    announce(std::string("listening on ") + subject);
+    return true;
+}
+
+PumpEnd pumpRun(Pump& pump, const bool& done, int64_t until) {
+    for (;;) {
+        if (pump.failure != kStatusSuccess || pump.output->failed) return PumpEnd::kFailed;
+        if (done) return PumpEnd::kDone;
+        if (stopRequested()) return PumpEnd::kStopped;
+        const int64_t now = steadyNow();
+        const int64_t due = outputDue(*pump.output);
+        if (due <= now) {
+            outputFlush(*pump.output);
+            continue;
+        }
+        if (until <= now) return PumpEnd::kTime;
+
+        const int64_t next = std::min(due, until);
+        const double seconds = next == kNever ? -1 : steadySeconds(next - now);
+        const pelmoStatus status = pelmoQueue_TimedDispatch(pump.queue, seconds);
+        if (status == kStatusSuccess || status == kStatusTimeout) continue;
+        complain("dispatch", status);
+        return PumpEnd::kFailed;
+    }
+}
+
+Pump::~Pump() {
+    for (const uint32_t event : events) {
+        if (event != kNoId) pelmoEvent_DestroyEx(event, nullptr);
+    }
+    if (stopCopy >= 0) close(stopCopy);
+    if (queue != kNoId) pelmoQueue_DestroyEx(queue, nullptr, nullptr);
+}

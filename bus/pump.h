@@ -1,0 +1,53 @@
+// A queue, and the loop that runs what is posted to it: until enough has come, the time has, a
+// signal asks for the end, or something fails. Meanwhile lines that are due leave.
+//
+// Callbacks of listeners run within pumpRun, on its thread, and must not throw: pumpGuard keeps
+// them from it.
+//
+// Threads: one.
+
+#pragma once
+
+#include <exception>
+#include <vector>
+
+#include "bus/output.h"
+#include "lib/pelmo.h"
+
+struct Pump {
+    uint32_t queue = kNoId;
+    Output* output = nullptr;
+    int stopCopy = -1;  // of the descriptor, which the library lets only one event wait for
+    std::vector<uint32_t> events;
+    pelmoStatus failure = kStatusSuccess;  // what a callback failed with, told where it happened
+
+    Pump() = default;
+    ~Pump();
+    Pump(const Pump&) = delete;
+    Pump& operator=(const Pump&) = delete;
+};
+
+// Failures are told.
+[[nodiscard]] bool pumpOpen(Pump& pump, Output* output);
+
+// Tells "listening on SUBJECT", or the failure.
+[[nodiscard]] bool pumpListen(Pump& pump,
+                              uint32_t transport,
+                              const char* subject,
+                              pelmoEventCallback callback,
+                              void* closure);
+
+enum class PumpEnd { kDone, kTime, kStopped, kFailed };
+
+// `done` is set by a callback; `until` is on the steady clock.
+[[nodiscard]] PumpEnd pumpRun(Pump& pump, const bool& done, int64_t until);
+
+// Runs a callback's body. An exception, which is lack of memory, becomes the pump's failure.
+template <typename Body>
+void pumpGuard(Pump& pump, Body body) {
+    try {
+        body();
+    } catch (const std::exception&) {
+        pump.failure = kStatusNoMemory;
+    }
+}

@@ -1,0 +1,102 @@
+#include <sys/prctl.h>
+
+#include <array>
+
+#include "bus/complain.h"
+#include "bus/composer.h"
+#include "bus/connection.h"
+#include "bus/pace.h"
+#include "bus/run_commands.h"
+#include "bus/sender.h"
+#include "bus/stop.h"
+
+namespace {
+
+constexpr size_t kMostTogether = 64;
+constexpr unsigned long kTimerSlackNanoseconds = 1;  // the system's own would be felt at high rates
+
+// Messages on their way from the composer to the sender.
+struct Batch {
+    std::array<ComposerSlot, kMostTogether> slots;
+    std::array<pelmoMsg*, kMostTogether> messages;
+    size_t most = 1;
+    size_t count = 0;
+};
+
+// Fills the batch with what is there. Waits for the first only, and the pace begins anew then.
+ComposeResult fill(Batch& batch, Composer& composer, Pace& pace) {
+    ComposeResult result = ComposeResult::kMade;
+    batch.count = 0;
+    while (batch.count < batch.most) {
+        ComposerSlot& slot = batch.slots[batch.count];
+        result = composerNext(composer, slot, false);
+        if (result == ComposeResult::kNone && batch.count == 0) {
+            result = composerNext(composer, slot, true);
+            const int64_t now = steadyNow();
+            if (paceDue(pace) < now) paceRestart(pace, now);
+        }
+        if (result != ComposeResult::kMade) break;
+        batch.messages[batch.count++] = slot.msg.get();
+    }
+    return result;
+}
+
+pelmoStatus sendBatch(Batch& batch, const Composer& composer, Sender& sender, Pace& pace) {
+    if (stopWait(-1, 0, paceDue(pace)) == StopWait::kStop) return kStatusInterrupted;
+    const std::span<pelmoMsg* const> messages(batch.messages.data(), batch.count);
+    const bool isSingle = batch.count < 2 || composer.toInbox;
+    const pelmoStatus status =
+        isSingle ? senderSend(sender, messages) : senderSendTogether(sender, messages);
+    const int64_t now = steadyNow();
+    if (sender.waited) paceRestart(pace, now);
+    paceNext(pace, now);
+    return status;
+}
+
+std::string subjectWords(pelmoMsg* msg) {
+    const char* subject = nullptr;
+    const bool isKnown = pelmoMsg_GetSendSubject(msg, &subject) == kStatusSuccess;
+    return std::string("send ") + (isKnown ? subject : "");
+}
+
+ExitStatus sendAll(const BusSettings& settings, Composer& composer, Sender& sender) {
+    Pace pace = paceStart(settings.rate, steadyNow());
+    Batch batch;
+    // Within the process nothing is gained by sending together.
+    const bool isAlone = settings.local || settings.rate > 0;
+    batch.most = isAlone ? 1 : kMostTogether;
+    if (settings.rate > 0) prctl(PR_SET_TIMERSLACK, kTimerSlackNanoseconds);
+
+    ComposeResult result = ComposeResult::kMade;
+    while (result == ComposeResult::kMade || result == ComposeResult::kNone) {
+        result = fill(batch, composer, pace);
+        if (batch.count == 0) break;
+        const uint64_t before = sender.sent;
+        const pelmoStatus status = sendBatch(batch, composer, sender, pace);
+        if (status == kStatusInterrupted) return kExitDone;
+        if (status != kStatusSuccess) {
+            complain(subjectWords(batch.messages[sender.sent - before]), status);
+            return kExitFailed;
+        }
+    }
+    return result == ComposeResult::kFailed ? kExitFailed : kExitDone;
+}
+
+// All of the input's lines, or so many of them; one message otherwise.
+uint64_t mostMessages(const BusSettings& settings) {
+    const bool readsLines = settings.lines || settings.json;
+    return settings.count.value_or(readsLines ? UINT64_MAX : 1);
+}
+
+}  // namespace
+
+ExitStatus runSend(const BusSettings& settings) {
+    Composer composer = composerOpen(settings, mostMessages(settings));
+    Connection connection;
+    const ExitStatus made = connectionOpen(connection, settings);
+    if (made != kExitDone) return made;
+    Sender sender{connection.transport, settings.wait};
+    const ExitStatus ended = sendAll(settings, composer, sender);
+    announce("sent " + std::to_string(sender.sent));
+    return ended;
+}

@@ -1,0 +1,291 @@
+// Messages to JSON and back: whatever the library can build comes back to the byte, and whatever
+// isn't such a line is refused with its place.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "bus/json_message.h"
+#include "bus/json_text.h"
+#include "bus/json_writer.h"
+#include "bus/owned_message.h"
+
+namespace {
+
+std::string imageOf(pelmoMsg* msg) {
+    const void* bytes = nullptr;
+    uint32_t sizeBytes = 0;
+    EXPECT_EQ(pelmoMsg_GetAsBytes(msg, &bytes), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_GetByteSize(msg, &sizeBytes), kStatusSuccess);
+    return {static_cast<const char*>(bytes), sizeBytes};
+}
+
+std::string lineOf(pelmoMsg* msg) {
+    JsonWriter writer;
+    std::string line;
+    EXPECT_EQ(jsonWriteMessage(writer, msg, line), kStatusSuccess);
+    return line;
+}
+
+// The line's message, checked to be written as the same line again.
+OwnedMessage read(const std::string& line) {
+    JsonReader reader;
+    OwnedMessage msg = messageMake();
+    EXPECT_TRUE(jsonReadMessage(reader, line, msg.get())) << reader.fault << "\n" << line;
+    if (!reader.subject.empty()) pelmoMsg_SetSendSubject(msg.get(), reader.subject.c_str());
+    if (!reader.reply.empty()) pelmoMsg_SetReplySubject(msg.get(), reader.reply.c_str());
+    EXPECT_EQ(lineOf(msg.get()), line);
+    return msg;
+}
+
+void addOwn(pelmoMsg* msg, uint8_t type, const std::string& bytes) {
+    pelmoMsgField field;
+    field.name = "own";
+    field.type = type;
+    field.size = static_cast<uint32_t>(bytes.size());
+    field.data.pointer = bytes.data();
+    ASSERT_EQ(pelmoMsg_AddField(msg, &field), kStatusSuccess);
+}
+
+// A message from a field's record as it stands on the wire.
+OwnedMessage fromRecord(std::string_view record) {
+    std::string image("\0\0\0\0\x99\x55\xEE\xAA", 8);
+    image += record;
+    image[3] = static_cast<char>(image.size());
+    pelmoMsg* msg = nullptr;
+    EXPECT_EQ(pelmoMsg_CreateFromBytes(&msg, image.data()), kStatusSuccess);
+    return OwnedMessage(msg);
+}
+
+}  // namespace
+
+TEST(BusJson, WritesAMessageAsOneLine) {
+    const OwnedMessage msg = messageMake();
+    EXPECT_EQ(lineOf(msg.get()), R"({"fields":[]})");
+    ASSERT_EQ(pelmoMsg_SetSendSubject(msg.get(), "A.B"), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_SetReplySubject(msg.get(), "_INBOX.1"), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_AddI32(msg.get(), "x", 7, 0), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_AddString(msg.get(), "y\n", "a\"\\/\t\x01\x7f\xc2\x80", 65535),
+              kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_AddNone(msg.get(), nullptr, 0), kStatusSuccess);
+    EXPECT_EQ(lineOf(msg.get()),
+              R"({"subject":"A.B","reply":"_INBOX.1","fields":[)"
+              R"({"name":"x","type":"i32","value":7},)"
+              R"({"name":"y\n","id":65535,"type":"string","value":"a\"\\/\t\u0001\u007f\u0080"},)"
+              R"({"type":"none","value":null}]})");
+}
+
+TEST(BusJson, EveryTypeComesBackToTheByte) {
+    constexpr double kInfinity = std::numeric_limits<double>::infinity();
+    const OwnedMessage inner = messageMake();
+    pelmoMsg* in = inner.get();
+    const OwnedMessage outer = messageMake();
+    pelmoMsg* msg = outer.get();
+    const pelmoMsgDateTime dates[] = {{0, 0}, {-1, 999'999'000}, {-62'135'596'801, 0}};
+    const int8_t i8[] = {-128, 127};
+    const uint8_t u8[] = {0, 255};
+    const int16_t i16[] = {-32768};
+    const uint16_t u16[] = {65535};
+    const int32_t i32[] = {INT32_MIN, 0, INT32_MAX};
+    const uint32_t u32[] = {UINT32_MAX};
+    const int64_t i64[] = {INT64_MIN, INT64_MAX};
+    const uint64_t u64[] = {UINT64_MAX, 9'007'199'254'740'993};
+    const float f32[] = {0.1F, -0.0F, std::numeric_limits<float>::denorm_min(), NAN};
+    const double f64[] = {0.1, 1e300, kInfinity, -kInfinity, 5e-324};
+    const char* texts[] = {"", "a\x80z", "\xed\xb2\x80"};
+    pelmoMsg* messages[] = {in, in};
+    const pelmoStatus statuses[] = {
+        pelmoMsg_AddBool(in, "bool", 1, 3),
+        pelmoMsg_AddDateTime(in, "ahead of year 1", &dates[2], 0),
+        pelmoMsg_AddString(in, "", "an empty name", 9),
+        pelmoMsg_AddString(in, nullptr, "none at all", 0),
+        pelmoMsg_AddI8(msg, "n", i8[0], 0),
+        pelmoMsg_AddU8(msg, "n", u8[1], 0),
+        pelmoMsg_AddI16(msg, "n", i16[0], 0),
+        pelmoMsg_AddU16(msg, "n", u16[0], 0),
+        pelmoMsg_AddI32(msg, "n", i32[0], 0),
+        pelmoMsg_AddU32(msg, "n", u32[0], 0),
+        pelmoMsg_AddI64(msg, "n", i64[0], 0),
+        pelmoMsg_AddU64(msg, "n", u64[0], 0),
+        pelmoMsg_AddF32(msg, "n", f32[0], 0),
+        pelmoMsg_AddF64(msg, "n", f64[2], 0),
+        pelmoMsg_AddDateTime(msg, "d", &dates[0], 0),
+        pelmoMsg_AddDateTime(msg, "d", &dates[1], 0),
+        pelmoMsg_AddIPAddr32(msg, "ip", 0x0201A8C0, 0),
+        pelmoMsg_AddIPPort16(msg, "port", 0x4C1D, 0),
+        pelmoMsg_AddSubjectText(msg, "s", "A.*.>", 0),
+        pelmoMsg_AddOpaque(msg, "o", "\0\xff\n", 3, 0),
+        pelmoMsg_AddOpaque(msg, "o", "", 0, 0),
+        pelmoMsg_AddXml(msg, "x", "<a>\0</a>", 8, 0),
+        pelmoMsg_AddNone(msg, "none", 0),
+        pelmoMsg_AddI8Array(msg, "a", i8, 2, 0),
+        pelmoMsg_AddU8Array(msg, "a", u8, 2, 0),
+        pelmoMsg_AddI16Array(msg, "a", i16, 1, 0),
+        pelmoMsg_AddU16Array(msg, "a", u16, 1, 0),
+        pelmoMsg_AddI32Array(msg, "a", i32, 3, 0),
+        pelmoMsg_AddU32Array(msg, "a", u32, 1, 0),
+        pelmoMsg_AddI64Array(msg, "a", i64, 2, 0),
+        pelmoMsg_AddU64Array(msg, "a", u64, 2, 0),
+        pelmoMsg_AddF32Array(msg, "a", f32, 4, 0),
+        pelmoMsg_AddF64Array(msg, "a", f64, 5, 0),
+        pelmoMsg_AddStringArray(msg, "a", texts, 3, 0),
+        pelmoMsg_AddMsg(msg, "m", in, 7),
+        pelmoMsg_AddMsgArray(msg, "a", messages, 2, 0),
+    };
+    for (const pelmoStatus status : statuses) {
+        ASSERT_EQ(status, kStatusSuccess) << &status - statuses;
+    }
+    jsonAcceptOwnTypes();
+    addOwn(msg, 200, "own");
+
+    const OwnedMessage back = read(lineOf(msg));
+    EXPECT_EQ(imageOf(back.get()), imageOf(msg));
+    EXPECT_EQ(lineOf(in).find('\n'), std::string::npos);
+}
+
+// Any bytes as a text: the line is valid UTF-8 without control characters, and gives them back.
+TEST(BusJson, AnyBytesAreAText) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 2000; ++round) {
+        std::string bytes;
+        for (auto i = random() % 12; i > 0; --i) {
+            // Bytes of which characters are made, rather than any.
+            static constexpr char kOften[] = "a\"\\\xE2\x80\xA8\xA9\xED\xB2\xF0\x9F\x98\xC2\x85";
+            const bool isOften = random() % 4 != 0;
+            bytes += isOften ? kOften[random() % sizeof kOften] : static_cast<char>(random());
+        }
+        std::string text;
+        jsonTextAdd(text, bytes);
+        for (size_t at = 0; at < text.size();) {
+            const size_t length = utf8Length(std::string_view(text).substr(at));
+            ASSERT_NE(length, 0u) << text;
+            ASSERT_GE(static_cast<uint8_t>(text[at]), 0x20) << text;
+            at += length;
+        }
+        EXPECT_EQ(text.find("\xE2\x80\xA8"), std::string::npos);
+        std::string back;
+        size_t stop = 0;
+        const std::string_view inner = std::string_view(text).substr(1, text.size() - 2);
+        ASSERT_EQ(jsonTextRead(inner, &back, &stop), nullptr) << text;
+        EXPECT_EQ(back, bytes);
+    }
+}
+
+TEST(BusJson, WhatDoesNotDecodeIsItsBytes) {
+    const struct {
+        std::string record;
+        const char* field;
+    } cases[] = {
+        {{"\2a\0\x32\2\1\2", 7}, R"({"name":"a","type":"50","value":"0102"})"},  // no such type
+        {{"\4a\0\0\7\3\1\xff", 8},
+         R"({"name":"a","id":7,"type":"3","value":"ff"})"},            // a short date
+        {{"\0\x32\x79\0\3\xab", 6}, R"({"type":"50","value":"ab"})"},  // a longer prefix
+        {{"\0\x32\x7a\0\0\0\4", 7}, R"({"type":"50","value":""})"},
+        {{"\0\1\x7a\0\0\0\x9\x99\x55\xEE\xAA\5", 12}, R"({"type":"1","value":"9955eeaa05"})"},
+    };
+    for (const auto& [record, field] : cases) {
+        const OwnedMessage msg = fromRecord(record);
+        EXPECT_EQ(lineOf(msg.get()), std::string(R"({"fields":[)") + field + "]}");
+    }
+}
+
+// Nested beyond the bound: the bytes, which are a message again.
+TEST(BusJson, NestedMessagesAreFollowedToADepth) {
+    OwnedMessage msg = messageMake();
+    for (uint32_t depth = 0; depth < kMostNestedMessages + 3; ++depth) {
+        OwnedMessage outer = messageMake();
+        pelmoMsg* element = msg.get();
+        ASSERT_EQ(pelmoMsg_AddMsgArray(outer.get(), "m", &element, 1, 0), kStatusSuccess);
+        msg = std::move(outer);
+    }
+    EXPECT_EQ(imageOf(read(lineOf(msg.get())).get()), imageOf(msg.get()));
+    EXPECT_NE(lineOf(msg.get()).find("9955eeaa"), std::string::npos);
+}
+
+TEST(BusJson, TakesWhatOthersWrite) {
+    JsonReader reader;
+    const OwnedMessage msg = messageMake();
+    ASSERT_TRUE(
+        jsonReadMessage(reader,
+                        " { \"fields\" : [ { \"value\" : -0 , \"\\u0074ype\":\"i8\","
+                        "\"name\":null},{\"type\":\"none\"},{\"type\":\"f64\",\"value\":1E2}"
+                        ",{\"type\":\"string\",\"value\":\"\\uD83D\\ude00\\u00e9\"} ] }\r",
+                        msg.get()))
+        << reader.fault;
+    const char* text = nullptr;
+    ASSERT_EQ(pelmoMsg_ConvertToString(msg.get(), &text), kStatusSuccess);
+    EXPECT_STREQ(text, "{NULL=0 NULL=[NONE] NULL=100 NULL=\"\xF0\x9F\x98\x80\xC3\xA9\"}");
+}
+
+TEST(BusJson, RefusesWithThePlace) {
+    jsonAcceptOwnTypes();
+    const auto field = [](const char* inner) {
+        return std::string("{\"fields\":[{") + inner + "}]}";
+    };
+    const struct {
+        std::string line;
+        const char* fault;
+    } cases[] = {
+        {"", "column 1: a value is missing"},
+        {"{\"fields\":[]", "column 13: ',' or '}' is missing"},
+        {"{\"fields\":[],}", "column 14: a string is missing"},
+        {"{\"fields\":[]} x", "column 15: something stands behind the value"},
+        {"{\"fields\":[1,]}", "column 14: a value is missing"},
+        {"{\"fields\":01}", "column 12: ',' or '}' is missing"},
+        {"{\"fields\":1.}", "column 13: a digit is missing"},
+        {"{\"fields\":nul}", "column 11: not a value"},
+        {"{\"fields", "column 9: the closing quote is missing"},
+        {"{\"a\tb\":1}", "column 4: a raw control character"},
+        {"{\"a\\x\":1}", "column 4: no such escape"},
+        {"{\"\\ud800\":1}", "column 3: half a surrogate pair"},
+        {"{\"\\udc00\":1}", "column 3: half a surrogate pair"},
+        {"{\"\\u12g4\":1}", "column 3: \\u needs four hexadecimal digits"},
+        {"{\"\xc0\x80\":1}", "column 3: not UTF-8"},
+        {std::string(kMostJsonDepth + 1, '['), "column 517: nested too deep"},
+        {"[]", "column 1: not an object"},
+        {"{}", "column 1: \"fields\" is missing"},
+        {"{\"field\":[]}", "column 3: no such key here"},
+        {"{\"fields\":[],\"fields\":[]}", "column 15: the key was there already"},
+        {"{\"subject\":1,\"fields\":[]}", "column 12: not a string"},
+        {"{\"subject\":\"a\\u0000\",\"fields\":[]}", "column 13: a NUL can't be here"},
+        {field(""), "column 12: \"type\" is missing"},
+        {field("\"type\":\"i32\""), "column 12: \"value\" is missing"},
+        {field("\"type\":\"i33\",\"value\":1"), "column 12: no type that can be sent: i33"},
+        {field("\"type\":\"50\",\"value\":\"\""), "column 12: no type that can be sent: 50"},
+        {field("\"type\":\"bool[]\",\"value\":[]"), "column 12: no type that can be sent: bool[]"},
+        {field("\"type\":\"200\",\"value\":\"\""), "column 12: Invalid size (32)"},
+        {field("\"type\":\"i8\",\"value\":128"), "column 33: out of range"},
+        {field("\"type\":\"u64\",\"value\":-1"), "column 34: not a whole number from 0 up"},
+        {field("\"type\":\"i32\",\"value\":1.0"), "column 34: not a whole number"},
+        {field("\"type\":\"i32\",\"value\":\"1\""), "column 35: not the value of a i32"},
+        {field("\"type\":\"f64\",\"value\":\"1\""), "column 35: a number in quotes"},
+        {field("\"type\":\"f64\",\"value\":\"nan\""), "column 35: not a number"},
+        {field("\"type\":\"f32\",\"value\":1e39"), "column 34: out of range"},
+        {field("\"type\":\"bool\",\"value\":1"), "column 35: not the value of a bool"},
+        {field("\"type\":\"opaque\",\"value\":\"abc\""),
+         "column 38: not pairs of hexadecimal digits"},
+        {field("\"type\":\"i8[]\",\"value\":[]"),
+         "column 35: an array without elements can't be sent"},
+        {field("\"type\":\"i8[]\",\"value\":7"), "column 35: not an array"},
+        {field("\"type\":\"u8[]\",\"value\":[1,256]"), "column 38: out of range"},
+        {field("\"type\":\"string[]\",\"value\":[\"\\u0000\"]"), "column 41: a NUL can't be here"},
+        {field("\"type\":\"msg\",\"value\":{}"), "column 34: \"fields\" is missing"},
+        {field("\"type\":\"msg\",\"value\":\"00\""), "column 35: not the bytes of one message"},
+        {field("\"type\":\"msg\",\"value\":\"000000ff9955eeaa\""),
+         "column 35: not the bytes of one message"},
+        {field("\"type\":\"msg\",\"value\":\"0000000800000000\""),
+         "column 35: Invalid message (42)"},
+        {field("\"type\":\"subject\",\"value\":\"a..b\""), "column 12: Invalid subject (20)"},
+        {field("\"id\":1,\"type\":\"i8\",\"value\":1"), "column 12: Not permitted (27)"},
+        {field("\"name\":\"a\",\"id\":65536,\"type\":\"i8\",\"value\":1"),
+         "column 29: out of range"},
+    };
+    for (const auto& [line, fault] : cases) {
+        JsonReader reader;
+        const OwnedMessage msg = messageMake();
+        EXPECT_FALSE(jsonReadMessage(reader, line, msg.get())) << line;
+        EXPECT_EQ(reader.fault, fault) << line;
+    }
+}

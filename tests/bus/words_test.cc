@@ -1,0 +1,162 @@
+// What the command line's words come to: options, commands, fields, numbers and dates.
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "bus/command_line.h"
+#include "bus/date_text.h"
+#include "bus/owned_message.h"
+
+namespace {
+
+using Words = std::vector<const char*>;
+
+CommandLine readWords(Words words) {
+    return commandLineRead({const_cast<char* const*>(words.data()), words.size()});
+}
+
+std::string textOf(const std::vector<TextField>& fields) {
+    const OwnedMessage msg = messageMake();
+    const TextField* fault = nullptr;
+    EXPECT_EQ(textFieldsAdd(msg.get(), fields, &fault), kStatusSuccess);
+    const char* text = nullptr;
+    EXPECT_EQ(pelmoMsg_ConvertToString(msg.get(), &text), kStatusSuccess);
+    return text != nullptr ? text : "";
+}
+
+}  // namespace
+
+TEST(BusWords, OptionsStandBehindTheirWordInAnyOrder) {
+    const CommandLine line =
+        readWords({"--daemon=host:7500", "--service", "", "send", "--rate", "2.5", "A.B", "x=1",
+                   "--count=3", "--wait", "y:i8=-7", "--size", "0", "--", "--z=--"});
+    ASSERT_EQ(line.fault, "");
+    ASSERT_NE(line.command, nullptr);
+    EXPECT_STREQ(line.command->name, "send");
+    EXPECT_STREQ(line.settings.daemon, "host:7500");
+    EXPECT_STREQ(line.settings.service, "");
+    EXPECT_EQ(line.settings.network, nullptr);
+    EXPECT_EQ(line.settings.rate, 2.5);
+    EXPECT_EQ(line.settings.count, 3u);
+    EXPECT_EQ(line.settings.sizeBytes, 0u);
+    EXPECT_TRUE(line.settings.wait);
+    EXPECT_EQ(textOf(line.settings.fields), R"({x="1" y=-7 --z="--"})");
+
+    const CommandLine many = readWords({"listen", "A", "B.>", "--seconds", "1e1", "C", "--json"});
+    EXPECT_EQ(many.settings.subjects.size(), 3u);
+    EXPECT_EQ(many.settings.seconds, 10);
+}
+
+TEST(BusWords, FaultsNameTheWord) {
+    const struct {
+        Words words;
+        const char* fault;
+    } cases[] = {
+        {{}, "a command is missing: see --help"},
+        {{"--local"}, "a command is missing: see --help"},
+        {{"frob"}, "frob: no such command; see --help"},
+        {{"bench"}, "bench: needs send or request or listen"},
+        {{"circuit", "close"}, "circuit close: needs accept or connect"},
+        {{"listen"}, "listen: needs a SUBJECT"},
+        {{"circuit", "accept", "A", "B"}, "B: one argument too many"},
+        {{"--frob", "listen", "A"}, "--frob: no such option"},
+        {{"listen", "A", "-j"}, "-j: no such option"},
+        {{"--json", "listen", "A"}, "--json: belongs behind the command"},
+        {{"listen", "A", "--local"}, "--local: belongs ahead of the command"},
+        {{"listen", "A", "--rate", "1"}, "--rate: not an option of this command"},
+        {{"listen", "A", "--json=1"}, "--json=1: takes no value"},
+        {{"listen", "A", "--count"}, "--count: needs a value"},
+        {{"listen", "A", "--count=-1"}, "--count -1: not a whole number from 0 up"},
+        {{"send", "A", "--size", "1073741825"}, "--size 1073741825: out of range"},
+        {{"listen", "A", "--seconds", "NaN"}, "--seconds NaN: out of range"},
+        {{"--reliability", "0", "listen", "A"}, "--reliability 0: out of range"},
+        {{"send", "A", "--lines", "--json"}, "send: --lines and --json exclude each other"},
+        {{"--local", "--batch", "listen", "A"}, "--batch: needs a daemon, and --local has none"},
+        {{"send", "A", "x"}, "x: neither NAME=TEXT nor NAME:TYPE=VALUE"},
+        {{"send", "A", ":i8=1"}, ":i8=1: a field needs a name"},
+        {{"send", "A", "x:i8=128"}, "x:i8=128: out of range"},
+        {{"send", "A", "x:u8=+1"}, "x:u8=+1: not a whole number from 0 up"},
+        {{"send", "A", "x:i32=1 "}, "x:i32=1 : not a whole number"},
+        {{"send", "A", "x:f64=inf"}, "x:f64=inf: not a number"},
+        {{"send", "A", "x:bool=1"}, "x:bool=1: neither true nor false"},
+        {{"send", "A", "x:ip=1.2.3"}, "x:ip=1.2.3: not an address such as 10.1.2.3"},
+        {{"send", "A", "x:port=65536"}, "x:port=65536: out of range"},
+        {{"send", "A", "x:opaque=0g"}, "x:opaque=0g: not pairs of hexadecimal digits"},
+    };
+    for (const auto& [words, fault] : cases) {
+        const CommandLine line = readWords(words);
+        EXPECT_EQ(line.fault, fault);
+        EXPECT_EQ(line.command, nullptr);
+    }
+    // The message of these is longer.
+    EXPECT_TRUE(
+        readWords({"send", "A", "x:msg=1"}).fault.starts_with("x:msg=1: no type \"msg\"; there"));
+    const std::string longName = std::string(127, 'n') + "=";
+    EXPECT_TRUE(readWords({"send", "A", longName.c_str()}).fault.ends_with("its name is too long"));
+}
+
+TEST(BusWords, FieldsOfEachType) {
+    const CommandLine line = readWords({"send",
+                                        "A",
+                                        "a:i8=-128",
+                                        "a:u8=255",
+                                        "a:i16=-32768",
+                                        "a:u16=65535",
+                                        "a:i32=-2147483648",
+                                        "a:u32=4294967295",
+                                        "a:i64=-9223372036854775808",
+                                        "a:u64=18446744073709551615",
+                                        "a:f32=1e-3",
+                                        "a:f64=-.5",
+                                        "a:bool=true",
+                                        "a:datetime=2024-02-29T23:59:59.5Z",
+                                        "a:ip=10.1.2.3",
+                                        "a:port=7500",
+                                        "a:subject=A.>",
+                                        "a:opaque=00fF",
+                                        "a:xml=<a/>",
+                                        "a=",
+                                        "=b:c=d=e"});
+    EXPECT_EQ(line.fault, "=b:c=d=e: a field needs a name");
+    std::vector<TextField> fields = line.settings.fields;
+    fields.pop_back();
+    EXPECT_EQ(textOf(fields),
+              "{a=-128 a=255 a=-32768 a=65535 a=-2147483648 a=4294967295 a=-9223372036854775808 "
+              "a=18446744073709551615 a=0.001 a=-0.5 a=true a=2024-02-29 23:59:59.500000000Z "
+              "a=10.1.2.3 a=7500 a=[A.>] a=[2 opaque bytes] a=[XML document: 4 bytes] a=\"\"}");
+}
+
+// The library's own text of any moment that messages can carry reads back as that moment.
+TEST(BusWords, DatesReadBackFromTheLibrarysText) {
+    std::mt19937_64 random(3);
+    constexpr int64_t kMost = int64_t{1} << 39;
+    for (int round = 0; round < 3000; ++round) {
+        // Every third around the turn of the eras, where years have no number 0.
+        const int64_t span = round % 3 == 0 ? 12 * 366 * 86400LL : kMost;
+        const int64_t middle = round % 3 == 0 ? -62'135'596'800 : 0;
+        const auto seconds = middle + static_cast<int64_t>(random() % (2 * span)) - span;
+        const pelmoMsgDateTime date{seconds, static_cast<uint32_t>(random() % 1'000'000) * 1000};
+        const OwnedMessage msg = messageMake();
+        const char* text = nullptr;
+        ASSERT_EQ(pelmoMsg_AddDateTime(msg.get(), "d", &date, 0), kStatusSuccess);
+        ASSERT_EQ(pelmoMsg_GetString(msg.get(), "d", &text, 0), kStatusSuccess);
+        pelmoMsgDateTime back{};
+        ASSERT_EQ(dateTextParse(text, back), nullptr) << text;
+        EXPECT_EQ(back.seconds, date.seconds) << text;
+        EXPECT_EQ(back.nanoseconds, date.nanoseconds) << text;
+    }
+}
+
+TEST(BusWords, RefusesWhatIsNoDate) {
+    for (const char* text :
+         {"", "2024-01-02", "2024-01-02 03:04:05", "2023-02-29 00:00:00Z", "1900-02-29 00:00:00Z",
+          "2024-13-01 00:00:00Z", "2024-00-01 00:00:00Z", "2024-01-00 00:00:00Z",
+          "2024-01-32 00:00:00Z", "0000-01-01 00:00:00Z", "2024-01-01 24:00:00Z",
+          "2024-01-01 00:60:00Z", "2024-01-01 00:00:60Z", "2024-01-01 00:00:00.Z",
+          "2024-01-01 00:00:00.1234567890Z", "2024-1-01 00:00:00Z", "2024-01-01 00:00:00Zx",
+          "9999999-01-01 00:00:00Z", "+2024-01-01 00:00:00Z"}) {
+        pelmoMsgDateTime date{};
+        EXPECT_NE(dateTextParse(text, date), nullptr) << text;
+    }
+}
