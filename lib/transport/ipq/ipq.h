@@ -13,7 +13,8 @@
 // held once. Messages that were read belong to whoever the read callback hands them to.
 //
 // Failure: kStatusDaemonNotConnected once closed, kStatusInvalidIoSource when the connection is
-// lost, kStatusNoMemory when a message couldn't be queued. A lost connection isn't closed here: the
+// lost, kStatusNoMemory when a message couldn't be queued, kStatusInvalidSize for a message longer
+// than the two sides agreed. A lost connection isn't closed here: the
 // error callback is told once, and the owner closes.
 //
 // Threads: any. `lock` (rank kProcessQueue) guards everything. All callbacks run without it: read
@@ -33,6 +34,7 @@
 
 #include "lib/base/status.h"
 #include "lib/transport/ipq/hello.h"
+#include "lib/transport/ipq/ipq_statistics.h"
 
 struct Ipq;
 struct Socket;
@@ -114,8 +116,9 @@ pelmoStatus ipqSetErrorCallback(Ipq* ipq, IpqErrorCallback callback, void* closu
 pelmoStatus ipqPauseReading(Ipq* ipq);
 [[nodiscard]] pelmoStatus ipqResume(Ipq* ipq);
 
-// Reads one message on the caller's thread; no read callback is set. Null for a keep-alive, and
-// where a non-blocking queue has no whole message yet. kStatusNoMemory, kStatusInvalidIoSource.
+// Reads one message on the caller's thread, while no read callback is set. The output is null for a
+// keep-alive, and where a non-blocking queue has no whole message yet. kStatusInvalidIoSource,
+// kStatusNoMemory; kStatusTimeout for a blocking queue whose deadline has passed.
 [[nodiscard]] pelmoStatus ipqReadOne(Ipq* ipq, pelmoMsg** out);
 
 // Returns the mode that it had.
@@ -135,16 +138,6 @@ struct IpqBacklog {
     uint64_t bufferBytes;  // that the waiting messages keep in memory
 };
 [[nodiscard]] IpqBacklog ipqBacklog(Ipq* ipq);
-
-struct IpqStatistics {
-    uint64_t messages;
-    uint64_t bytes;
-    uint32_t attempts;
-    uint32_t failures;  // would-block and out of buffers
-    uint32_t partials;
-    uint32_t zeroSends;    // of writes alone
-    uint32_t mostWaiting;  // messages, of writes alone
-};
 [[nodiscard]] IpqStatistics ipqReadStatistics(Ipq* ipq);
 [[nodiscard]] IpqStatistics ipqWriteStatistics(Ipq* ipq);
 
