@@ -1,10 +1,9 @@
-// Life and settings of a queue.
-
 #include "lib/transport/ipq/ipq.h"
+
+#include <sys/socket.h>
 
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -12,213 +11,232 @@
 #include "lib/base/clock.h"
 #include "lib/containers/dpa.h"
 #include "lib/msg/buffer.h"
-#include "lib/msg/message_internal.h"
+#include "lib/msg/wire.h"
 #include "lib/runtime/event.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/transport/ipq/ipq_internal.h"
-#include "lib/transport/socket/socket.h"
 
 namespace {
 
-constexpr uint64_t kHighWaterBytes = 0x1000000;
-constexpr uint32_t kBatchMessages = 32;
+constexpr double kKeepAliveSeconds = 60.0;
+constexpr uint32_t kWaitLimitBytes = 0x1000000;
+constexpr uint32_t kThrownAwayBytes = 4096;  // at a time
 
-// By place in Ipq::timers. All are repeating; those that shall run once are stopped by their run.
-struct TimerKind {
-    double seconds;
-    void (*run)(Ipq* ipq);
+thread_local uint32_t handlersRunning = 0;
+
+// Creating
+
+struct Terms {
+    uint32_t mostMessageBytes = kHelloMostBytes;
+    uint32_t byteLimit = 0;
 };
-constexpr TimerKind kTimers[kIpqTimers] = {
-    {60.0, ipqOnKeepAlive}, {0.5, ipqOnAge}, {0.025, ipqOnFlush}};
 
-template <IpqTimer kWhich>
-void onTimer(uint32_t, pelmoMsg*, void* closure) {
-    const IpqWorkerScope worker;
-    kTimers[kWhich].run(static_cast<Ipq*>(closure));
-}
-constexpr pelmoEventCallback kTimerCallbacks[kIpqTimers] = {
-    onTimer<kKeepAliveTimer>, onTimer<kAgeTimer>, onTimer<kFlushTimer>};
-
-void onTimerGone(uint32_t, void* closure) {
-    ipqRelease(static_cast<Ipq*>(closure));
-}
-
-// The longest message that both sides agreed to. 0 for terms that can't be kept.
-uint32_t agreedBytes(const HelloFrame* frame) {
-    if (frame == nullptr) return kHelloMostBytes;
+// A limit of 0 stands for the most.
+bool readTerms(Terms* out, const HelloFrame* frame) {
+    if (frame == nullptr) return true;
     const HelloTerms terms = helloRead(*frame);
-    const uint32_t limitA = terms.limitA != 0 ? terms.limitA : kHelloMostBytes;
-    const uint32_t limitB = terms.limitB != 0 ? terms.limitB : kHelloMostBytes;
-    const bool kept =
-        terms.version == kHelloVersion && limitA == kHelloMostBytes && limitB <= kHelloMostBytes;
-    return kept ? limitB : 0;
+    if (terms.version != kHelloVersion || terms.limitB > kHelloMostBytes) return false;
+    if (terms.limitA != 0 && terms.limitA != kHelloMostBytes) return false;
+    if (terms.limitB != 0) out->mostMessageBytes = terms.limitB;
+    out->byteLimit = terms.queueLimit;
+    return true;
 }
 
-// A unit of the stream without content.
-Buffer* makeUnit(uint32_t size, uint32_t magic) {
-    Buffer* const unit = bufferCreate(kMessageHeadBytes);
-    if (unit == nullptr) return nullptr;
-    storeBe32At(unit->data, size);
-    storeBe32At(unit->data + kMessageMagicOffset, magic);
-    return unit;
-}
-
-// Nobody else can reach the queue: it is being made, or its last reference is gone.
-void freeQueue(Ipq* ipq) PELMO_UNCHECKED_LOCKING {
-    for (uint32_t i = 0; ipq->batch != nullptr && i < ipq->batch->count; ++i)
-        msgRelease(static_cast<pelmoMsg*>(ipq->batch->items[i]));
-    dpaDestroy(ipq->batch);
-    cutterFree(&ipq->cutter);
-    writeQueueClear(&ipq->writes);
-    bufferRelease(ipq->keepAliveBuffer);
-    bufferRelease(ipq->closeBuffer);
-    accountingFree(&ipq->accounting);
-    socketDestroy(ipq->socket);
-    Cond_Destroy(&ipq->writerWakeup);
-    Lock_Destroy(&ipq->lock);
-    IpqCloseCallback callback = ipq->closeCallback;
-    void* const closure = ipq->readClosure;
-    std::free(ipq);
-    if (callback != nullptr) callback(closure);
-}
-
-pelmoStatus makeLocks(Ipq* ipq) {
-    pelmoStatus status = Lock_Init(&ipq->lock, LockRank::kProcessQueue);
-    if (status != kStatusSuccess) return status;
-    status = Cond_Init(&ipq->writerWakeup);
-    if (status != kStatusSuccess) Lock_Destroy(&ipq->lock);
-    return status;
-}
-
-// A record without its parts; it owns the socket from here on.
-Ipq* newQueue(Socket* socket) PELMO_UNCHECKED_LOCKING {
+Ipq* makeRecord() {
     void* const block = std::calloc(1, sizeof(Ipq));
     if (block == nullptr) return nullptr;
-    auto* const ipq = new (block) Ipq{};
-    if (makeLocks(ipq) != kStatusSuccess) {
+    auto* const made = new (block) Ipq{};
+    if (Lock_Init(&made->lock, LockRank::kProcessQueue) != kStatusSuccess) {
         std::free(block);
         return nullptr;
     }
-    ipq->socket = socket;
-    ipq->references.store(1, std::memory_order_relaxed);
-    return ipq;
-}
-
-pelmoStatus fillQueue(Ipq* ipq, const HelloFrame* frame) {
-    const LockGuard guard(ipq->lock);
-    ipq->keepAliveBuffer = makeUnit(kMessageHeadBytes, kMessageMagic);
-    ipq->closeBuffer = makeUnit(0, 0);
-    ipq->batch = dpaCreate(kBatchMessages);
-    if (ipq->keepAliveBuffer == nullptr || ipq->closeBuffer == nullptr || ipq->batch == nullptr) {
-        return kStatusNoMemory;
+    if (Cond_Init(&made->writerWakeup) != kStatusSuccess) {
+        Lock_Destroy(&made->lock);
+        std::free(block);
+        return nullptr;
     }
-    cutterInit(&ipq->cutter, kReadBufferBytes, ipq->mostMessageBytes);
-    writeQueueInit(&ipq->writes, frame != nullptr ? helloRead(*frame).queueLimit : 0);
-    accountingInit(&ipq->accounting);
-    ipq->highWaterBytes = kHighWaterBytes;
-    socketSetMode(ipq->socket, SocketMode::kNonBlocking);
-    ipq->open = true;
-    return ipqStartTimerLocked(ipq, kKeepAliveTimer);
+    made->references.store(1, std::memory_order_relaxed);
+    return made;
 }
 
-// The connection's last words: what waits, then the notice, then whatever the peer still has to
-// say. The queue counts as closed: all others look at that under the lock and leave what is used
-// here alone. So the lock isn't held, and no thread that the peer may depend on waits for it.
-void sayGoodbye(Ipq* ipq) PELMO_UNCHECKED_LOCKING {
-    socketSetDeadline(ipq->socket, clockSteadySeconds() + kGracefulCloseSeconds);
+// Nobody else knows it yet.
+void fillRecord(Ipq* made, const Terms& terms, uint32_t queueId, Socket* socket)
+    PELMO_UNCHECKED_LOCKING {
+    made->socket = socket;
+    made->queueId = queueId;
+    made->mostMessageBytes = terms.mostMessageBytes;
+    made->waitLimit = kWaitLimitBytes;
+    accountingInit(&made->accounting);
+    writeQueueInit(&made->queue, terms.byteLimit);
+    cutterInit(&made->cutter, kReadBufferBytes, terms.mostMessageBytes);
+    socketSetMode(socket, SocketMode::kNonBlocking);
+}
+
+// No other thread can reach a queue whose last reference is gone.
+void destruct(Ipq* ipq) PELMO_UNCHECKED_LOCKING {
+    socketDestroy(ipq->socket);
+    cutterFree(&ipq->cutter);
+    dpaDestroy(ipq->batch);
+    writeQueueClear(&ipq->queue);
+    accountingFree(&ipq->accounting);
+    Cond_Destroy(&ipq->writerWakeup);
+    Lock_Destroy(&ipq->lock);
+    if (ipq->closeCallback != nullptr) ipq->closeCallback(ipq->readClosure);
+    std::free(ipq);
+}
+
+// Timers
+
+void onTimerGone(uint32_t, void* ipq) {
+    ipqHandlerGone(ipq);
+}
+
+// It has no messages, and its own write is no sign of life.
+pelmoStatus writeKeepAliveLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (writeQueueIsEmpty(&ipq->queue)) {
+        Buffer* const unit = bufferCreate(kMessageHeadBytes);
+        if (unit == nullptr) return kStatusSuccess;
+        storeBe32At(unit->data, kMessageHeadBytes);
+        storeBe32At(unit->data + kMessageMagicOffset, kMessageMagic);
+        const WritePiece piece = {
+            .buffer = unit, .offset = 0, .length = kMessageHeadBytes, .count = 0, .urgent = false};
+        (void)writeQueueAdd(&ipq->queue, piece, kWriteTimeUnknown);
+        bufferRelease(unit);
+    }
+    const pelmoStatus status = ipqWriteLocked(ipq);
+    ipq->hadActivity = false;
+    return status;
+}
+
+void onKeepAliveTimer(uint32_t timer, pelmoMsg*, void* closure) {
+    auto* const ipq = static_cast<Ipq*>(closure);
+    pelmoStatus status = kStatusSuccess;
+    {
+        const LockGuard guard(ipq->lock);
+        if (timer != ipq->keepAliveTimer) return;
+        if (!std::exchange(ipq->hadActivity, false)) status = writeKeepAliveLocked(ipq);
+    }
+    if (status != kStatusSuccess) ipqTellWriteLoss(ipq);
+}
+
+pelmoStatus startKeepAliveLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    return ipqStartTimerLocked(ipq, &ipq->keepAliveTimer, onKeepAliveTimer, kKeepAliveSeconds);
+}
+
+// Closing
+
+void throwAwayReads(Socket* socket, double deadline) {
+    uint8_t bytes[kThrownAwayBytes];
+    uint32_t got;
+    while (clockSteadySeconds() < deadline &&
+           socketRead(socket, bytes, sizeof(bytes), &got) == kSocketDone) {
+    }
+}
+
+// With the lock released: the queue has closed, so nobody else writes.
+void closeGracefully(Ipq* ipq) {
+    const double deadline = clockSteadySeconds() + kGracefulCloseSeconds;
     socketSetMode(ipq->socket, SocketMode::kBlocking);
-    ipq->blocking = true;
-    if (ipqWriteAllLocked(ipq) != kStatusSuccess) return;
-    ipqSendCloseNoticeLocked(ipq);
-    if (ipqWriteAllLocked(ipq) == kStatusSuccess) ipqDrain(ipq);
+    socketSetDeadline(ipq->socket, deadline);
+    if (ipqWriteLast(ipq, deadline)) throwAwayReads(ipq->socket, deadline);
 }
 
-// From here on nobody but the caller uses the queue.
-pelmoStatus beginClose(Ipq* ipq, IpqCloseCallback callback, bool* lost) {
-    const LockGuard guard(ipq->lock);
-    if (!ipq->open) return kStatusInvalidArgument;
-    ipq->closeCallback = callback;
-    ipqStopReadingLocked(ipq);
+void endLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    ipq->isOpen = false;
+    ipqDisarmReadLocked(ipq);
     ipqDisarmLocked(ipq);
-    ipqStopTimerLocked(ipq, kKeepAliveTimer);
-    ipq->open = false;
-    ipq->writes.ageSeconds = 0;
-    ipq->writes.byteLimit = 0;
-    *lost = ipq->failed;
+    ipqEndTimerLocked(ipq, &ipq->keepAliveTimer);
     Cond_Broadcast(&ipq->writerWakeup);
-    return kStatusSuccess;
-}
-
-void printAccounts(Ipq* ipq) {
-    const LockGuard guard(ipq->lock);
-    accountClose(&ipq->accounting, ipq->written, ipq->reads);
 }
 
 }  // namespace
 
-pelmoStatus ipqStartTimerLocked(Ipq* ipq, IpqTimer which) {
-    if (!ipq->open || ipq->timers[which] != kNoId) return kStatusSuccess;
+IpqHandlerMark::IpqHandlerMark() {
+    ++handlersRunning;
+}
+
+IpqHandlerMark::~IpqHandlerMark() {
+    --handlersRunning;
+}
+
+bool ipqIsInHandler() {
+    return handlersRunning != 0;
+}
+
+void ipqHandlerGone(void* ipq) {
+    ipqRelease(static_cast<Ipq*>(ipq));
+}
+
+pelmoStatus ipqStartTimerLocked(Ipq* ipq,
+                                uint32_t* timer,
+                                IpqTimerCallback callback,
+                                double seconds) {
+    if (*timer != kNoId) return kStatusSuccess;
     ipqRetain(ipq);
-    const pelmoStatus status = pelmoEvent_CreateTimer(
-        &ipq->timers[which], kTimerQueueId, kTimerCallbacks[which], kTimers[which].seconds, ipq);
+    const pelmoStatus status = pelmoEvent_CreateTimer(timer, kTimerQueueId, callback, seconds, ipq);
     if (status != kStatusSuccess) ipqRelease(ipq);
     return status;
 }
 
-void ipqStopTimerLocked(Ipq* ipq, IpqTimer which) {
-    const uint32_t timer = std::exchange(ipq->timers[which], kNoId);
-    if (timer == kNoId) return;
-    // The library's close has destroyed all timers, which then tell nobody.
-    if (pelmoEvent_DestroyEx(timer, onTimerGone) != kStatusSuccess) ipqRelease(ipq);
+// The library's close ends all events, so the timer may be gone already. The caller holds a
+// reference, so that the timer's isn't the last.
+void ipqEndTimerLocked(Ipq* ipq, uint32_t* timer) {
+    const uint32_t ended = std::exchange(*timer, kNoId);
+    if (ended == kNoId) return;
+    if (pelmoEvent_DestroyEx(ended, onTimerGone) != kStatusSuccess) ipqRelease(ipq);
 }
 
-void ipqReleaseClosure(void* ipq) {
-    ipqRelease(static_cast<Ipq*>(ipq));
+void ipqLoseLocked(Ipq* ipq) {
+    if (ipq->isLost) return;
+    ipq->isLost = true;
+    writeQueueClear(&ipq->queue);
+    ipqDisarmLocked(ipq);
+    Cond_Broadcast(&ipq->writerWakeup);
+    // A write may fail where reads would only wait: from here on they come to an end.
+    shutdown(socketHandle(ipq->socket), SHUT_RD);
 }
 
-void ipqFail(Ipq* ipq) {
-    IpqErrorCallback callback = nullptr;
-    void* closure = nullptr;
+void ipqTellLoss(Ipq* ipq) {
+    IpqErrorCallback callback;
+    void* closure;
     {
         const LockGuard guard(ipq->lock);
-        if (!ipq->open || std::exchange(ipq->failed, true)) return;
+        if (!ipq->isOpen || ipq->errorIsTold || ipq->errorCallback == nullptr) return;
+        ipq->errorIsTold = true;
         callback = ipq->errorCallback;
         closure = ipq->errorClosure;
-        ipqStopReadingLocked(ipq);
-        ipqDisarmLocked(ipq);
-        ipqStopTimerLocked(ipq, kKeepAliveTimer);
-        Cond_Broadcast(&ipq->writerWakeup);
     }
-    if (callback != nullptr) callback(ipq, closure);
+    callback(ipq, closure);
+}
+
+void ipqTellWriteLoss(Ipq* ipq) {
+    {
+        const LockGuard guard(ipq->lock);
+        if (ipq->readIsArmed) return;
+    }
+    ipqTellLoss(ipq);
 }
 
 pelmoStatus ipqCreate(Ipq** out, const HelloFrame* frame, uint32_t queueId, Socket* socket) {
-    const uint32_t mostMessageBytes = agreedBytes(frame);
-    Ipq* const ipq = mostMessageBytes != 0 ? newQueue(socket) : nullptr;
-    if (ipq == nullptr) {
+    Terms terms;
+    const bool areTermsGood = readTerms(&terms, frame);
+    Ipq* const made = areTermsGood ? makeRecord() : nullptr;
+    if (made == nullptr) {
         socketDestroy(socket);
-        return mostMessageBytes != 0 ? kStatusNoMemory : kStatusInvalidTransport;
+        return areTermsGood ? kStatusNoMemory : kStatusInvalidTransport;
     }
-    ipq->queueId = queueId;
-    ipq->mostMessageBytes = mostMessageBytes;
-    const pelmoStatus status = fillQueue(ipq, frame);
+    fillRecord(made, terms, queueId, socket);
+    pelmoStatus status;
+    {
+        const LockGuard guard(made->lock);
+        status = startKeepAliveLocked(made);
+        made->isOpen = status == kStatusSuccess;
+    }
     if (status != kStatusSuccess) {
-        ipqRelease(ipq);
+        ipqRelease(made);
         return status;
     }
-    *out = ipq;
-    return kStatusSuccess;
-}
-
-pelmoStatus ipqClose(Ipq* ipq, bool graceful, IpqCloseCallback callback) {
-    bool lost = false;
-    const pelmoStatus status = beginClose(ipq, callback, &lost);
-    if (status != kStatusSuccess) return status;
-    if (graceful && !lost) sayGoodbye(ipq);
-    printAccounts(ipq);
-    // A read that is under way on another thread ends here.
-    socketInterrupt(ipq->socket);
-    ipqRelease(ipq);
+    *out = made;
     return kStatusSuccess;
 }
 
@@ -227,55 +245,33 @@ void ipqRetain(Ipq* ipq) {
 }
 
 void ipqRelease(Ipq* ipq) {
-    // The last holder must see what the others did with the queue.
-    if (ipq->references.fetch_sub(1, std::memory_order_acq_rel) == 1) freeQueue(ipq);
+    if (ipq->references.fetch_sub(1, std::memory_order_acq_rel) == 1) destruct(ipq);
 }
 
-pelmoStatus ipqSetBatchMode(Ipq* ipq, uint32_t mode) {
-    const LockGuard guard(ipq->lock);
-    if (mode == 0 && ipq->batchMode) return kStatusNotPermitted;
-    ipq->batchMode = mode != 0;
+pelmoStatus ipqClose(Ipq* ipq, bool graceful, IpqCloseCallback callback) {
+    {
+        const LockGuard guard(ipq->lock);
+        if (!ipq->isOpen) return kStatusInvalidArgument;
+        ipq->closeCallback = callback;
+        endLocked(ipq);
+        graceful = graceful && !ipq->isLost;
+    }
+    if (graceful) closeGracefully(ipq);
+    // Ends a read that is under way on another thread.
+    socketInterrupt(ipq->socket);
+    {
+        const LockGuard guard(ipq->lock);
+        accountClose(&ipq->accounting, ipq->written, ipq->read);
+    }
+    ipqRelease(ipq);
     return kStatusSuccess;
 }
 
-pelmoStatus ipqSetBlockWhenFull(Ipq* ipq, bool block) {
+pelmoStatus ipqResume(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    ipq->blockWhenFull = block;
-    if (!block) Cond_Broadcast(&ipq->writerWakeup);
-    return kStatusSuccess;
-}
-
-void ipqSetWaitLimit(Ipq* ipq, uint32_t bytes) {
-    const LockGuard guard(ipq->lock);
-    ipq->highWaterBytes = bytes != 0 ? bytes : kHighWaterBytes;
-    Cond_Broadcast(&ipq->writerWakeup);
-}
-
-pelmoStatus ipqSetAgeCheck(Ipq* ipq,
-                           bool discard,
-                           double ageSeconds,
-                           uint32_t byteLimit,
-                           IpqProducerCallback callback,
-                           void* closure) {
-    if (std::isnan(ageSeconds) || ageSeconds < 0) return kStatusInvalidArgument;
-    const LockGuard guard(ipq->lock);
-    if (!ipq->open) return kStatusInvalidArgument;
-    ipq->writes.discards = discard;
-    ipq->writes.ageSeconds = ageSeconds;
-    ipq->writes.byteLimit = byteLimit;
-    ipq->producerCallback = callback;
-    ipq->producerClosure = closure;
-    return kStatusSuccess;
-}
-
-pelmoStatus ipqSetReadCallback(Ipq* ipq, IpqReadCallback callback, void* closure) {
-    const LockGuard guard(ipq->lock);
-    if (!ipq->open) return kStatusDaemonNotConnected;
-    const SocketCode code = socketSetQueue(ipq->socket, ipq->queueId);
-    if (code != kSocketDone) return socketStatus(code);
-    ipq->readCallback = callback;
-    ipq->readClosure = closure;
-    return ipqStartReadingLocked(ipq);
+    if (!ipq->isOpen) return kStatusDaemonNotConnected;
+    const pelmoStatus status = startKeepAliveLocked(ipq);
+    return status == kStatusSuccess ? ipqArmReadLocked(ipq) : status;
 }
 
 pelmoStatus ipqSetErrorCallback(Ipq* ipq, IpqErrorCallback callback, void* closure) {
@@ -285,25 +281,48 @@ pelmoStatus ipqSetErrorCallback(Ipq* ipq, IpqErrorCallback callback, void* closu
     return kStatusSuccess;
 }
 
-pelmoStatus ipqPauseReading(Ipq* ipq) {
+pelmoStatus ipqSetBatchMode(Ipq* ipq, uint32_t mode) {
     const LockGuard guard(ipq->lock);
-    if (!ipq->open) return kStatusDaemonNotConnected;
-    ipqStopReadingLocked(ipq);
+    if (mode == 0 && ipq->isBatching) return kStatusNotPermitted;
+    ipq->isBatching = mode != 0;
     return kStatusSuccess;
 }
 
-pelmoStatus ipqResume(Ipq* ipq) {
+pelmoStatus ipqSetBlockWhenFull(Ipq* ipq, bool block) {
     const LockGuard guard(ipq->lock);
-    if (!ipq->open) return kStatusDaemonNotConnected;
-    const pelmoStatus status = ipqStartTimerLocked(ipq, kKeepAliveTimer);
-    return status == kStatusSuccess ? ipqStartReadingLocked(ipq) : status;
+    ipq->blocksWhenFull = block;
+    if (!block) Cond_Broadcast(&ipq->writerWakeup);
+    return kStatusSuccess;
+}
+
+void ipqSetWaitLimit(Ipq* ipq, uint32_t bytes) {
+    const LockGuard guard(ipq->lock);
+    ipq->waitLimit = bytes != 0 ? bytes : kWaitLimitBytes;
+    Cond_Broadcast(&ipq->writerWakeup);
+}
+
+pelmoStatus ipqSetAgeCheck(Ipq* ipq,
+                           bool discard,
+                           double ageSeconds,
+                           uint32_t byteLimit,
+                           IpqProducerCallback callback,
+                           void* closure) {
+    if (!(ageSeconds >= 0)) return kStatusInvalidArgument;
+    const LockGuard guard(ipq->lock);
+    if (!ipq->isOpen) return kStatusInvalidArgument;
+    ipq->queue.discards = discard;
+    ipq->queue.ageSeconds = ageSeconds;
+    ipq->queue.byteLimit = byteLimit;
+    ipq->producerCallback = callback;
+    ipq->producerClosure = closure;
+    ipqWatchAgeLocked(ipq);
+    return kStatusSuccess;
 }
 
 bool ipqSetBlocking(Ipq* ipq, bool blocking) {
     const LockGuard guard(ipq->lock);
-    if (!ipq->open) return ipq->blocking;
     socketSetMode(ipq->socket, blocking ? SocketMode::kBlocking : SocketMode::kNonBlocking);
-    return std::exchange(ipq->blocking, blocking);
+    return std::exchange(ipq->isBlocking, blocking);
 }
 
 void ipqSetDeadline(Ipq* ipq, double steadySeconds) {
@@ -316,20 +335,20 @@ void ipqInterrupt(Ipq* ipq) {
 
 IpqBacklog ipqBacklog(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    if (!ipq->open) return {};
-    return {.messages = ipq->writes.messages,
-            .bytes = writeQueueBytes(&ipq->writes),
-            .bufferBytes = ipq->writes.bufferBytes};
+    if (!ipq->isOpen) return {};
+    return {.messages = ipq->queue.messages,
+            .bytes = writeQueueBytes(&ipq->queue),
+            .bufferBytes = ipq->queue.bufferBytes};
 }
 
 IpqStatistics ipqReadStatistics(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    return ipq->open ? ipq->reads : IpqStatistics{};
+    return ipq->isOpen ? ipq->read : IpqStatistics{};
 }
 
 IpqStatistics ipqWriteStatistics(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    return ipq->open ? ipq->written : IpqStatistics{};
+    return ipq->isOpen ? ipq->written : IpqStatistics{};
 }
 
 uint32_t ipqPeerAddress(Ipq* ipq) {

@@ -8,21 +8,28 @@
 // client.
 //
 // Ownership: an Ipq owns its socket and what waits in it. Its creator holds the first reference and
-// gives it back by ipqClose; each handler that can still run holds one more. Messages that are sent
-// are borrowed: a reference to their buffer is taken, so that a message to a hundred receivers is
-// held once. Messages that were read belong to whoever the read callback hands them to.
+// gives it back by ipqClose; each handler that can still run holds one more. The caller of any
+// function holds a reference until it returns. Messages that are sent are borrowed: a reference to
+// their buffer is taken, so that a message to a hundred receivers is held once. Messages that were
+// read belong to whoever the read callback hands them to.
 //
 // Failure: kStatusDaemonNotConnected once closed, kStatusInvalidIoSource when the connection is
-// lost, kStatusNoMemory when a message couldn't be queued, kStatusInvalidSize for a message longer
-// than the two sides agreed. A lost connection isn't closed here: the
-// error callback is told once, and the owner closes.
+// lost, kStatusNoMemory when a message couldn't be queued, kStatusInvalidSize for one longer than
+// the terms allow. A lost connection drops what waits and isn't closed here: the error callback is
+// told once, behind the last message that was read, and the owner closes.
 //
 // Threads: any. `lock` (rank kProcessQueue) guards everything. All callbacks run without it: read
 // and error callbacks on the thread of the queue's socket events, producer and error callbacks on
 // the timer thread too. A callback may call any function of this module.
 //
-// Time-outs: the graceful close takes at most kGracefulCloseSeconds. An idle connection gets a
-// keep-alive of 8 bytes every 60 seconds.
+// Waits: a writer waits for room (ipqSetBlockWhenFull) with the lock released, and never on a
+// thread that runs a handler of a queue's socket, which has to read and write for others. There the
+// message is queued all the same, so a callback adds at most what one read brings: whoever passes
+// messages on pauses reading while much waits. Calls in blocking mode wait for the connection, and
+// a write does so with the lock held; ipqInterrupt ends them.
+//
+// Time-outs: the graceful close takes at most kGracefulCloseSeconds. A connection on which nothing
+// moved for 60 seconds gets a keep-alive of 8 bytes.
 //
 // Environment: IPQ_ACCOUNTING, a decimal number whose bits print to the standard output stream: 1 a
 // summary at close, 2 the sizes of reads, 4 those of writes.
@@ -67,8 +74,9 @@ using IpqProducerCallback = void (*)(Ipq* ipq,
                                     Socket* socket);
 
 // Ends it: nothing is read, sent or told afterwards, and writers that wait return. Graceful: what
-// waits is written first, then the close notice, and the peer's end is awaited. `callback` (may be
-// null) runs when the last reference has gone. kStatusInvalidArgument for one that is closed.
+// waits is written first, then the close notice, and the peer's end is awaited on the caller's
+// thread; ipqInterrupt ends that. `callback` (may be null) runs when the last reference has gone.
+// kStatusInvalidArgument for one that is closed.
 pelmoStatus ipqClose(Ipq* ipq, bool graceful, IpqCloseCallback callback);
 
 void ipqRetain(Ipq* ipq);
@@ -76,14 +84,15 @@ void ipqRelease(Ipq* ipq);
 
 // Sending
 
-// Urgent messages pass those that wait, not one that is partly written.
+// An urgent message passes all that wait, other urgent ones too, but not what is being written.
 [[nodiscard]] pelmoStatus ipqSend(Ipq* ipq, pelmoMsg* message, bool urgent);
 
-// In order; messages that lie one behind the other in one buffer are queued as one. Ends at the
-// first failure.
+// In order, as one batch; messages that lie one behind the other in one buffer are queued as one.
+// Ends at the first failure.
 [[nodiscard]] pelmoStatus ipqSendVector(Ipq* ipq, std::span<pelmoMsg* const> messages, bool urgent);
 
-// A batch: between the two, messages are queued and not written. Holds nest.
+// A batch: between the two, messages are queued, and written only where more waits than one send
+// takes. Holds nest; the last flush writes the rest.
 pelmoStatus ipqHold(Ipq* ipq);
 pelmoStatus ipqFlush(Ipq* ipq);
 
@@ -94,9 +103,12 @@ pelmoStatus ipqSetBatchMode(Ipq* ipq, uint32_t mode);
 // open.
 pelmoStatus ipqSetBlockWhenFull(Ipq* ipq, bool block);
 
+// Above how many queued bytes they wait; 0 for the usual 16 MiB.
+void ipqSetWaitLimit(Ipq* ipq, uint32_t bytes);
+
 // What is old, and what becomes of it: with `discard` old messages are dropped. 0 for no limit. A
 // check every half second while something waits; the callback may be null. kStatusInvalidArgument
-// for a negative age or NaN.
+// for a negative age or NaN, and once closed.
 pelmoStatus ipqSetAgeCheck(Ipq* ipq,
                            bool discard,
                            double ageSeconds,
@@ -116,12 +128,14 @@ pelmoStatus ipqSetErrorCallback(Ipq* ipq, IpqErrorCallback callback, void* closu
 pelmoStatus ipqPauseReading(Ipq* ipq);
 [[nodiscard]] pelmoStatus ipqResume(Ipq* ipq);
 
-// Reads one message on the caller's thread, while no read callback is set. The output is null for a
-// keep-alive, and where a non-blocking queue has no whole message yet. kStatusInvalidIoSource,
-// kStatusNoMemory; kStatusTimeout for a blocking queue whose deadline has passed.
+// Reads one message on the caller's thread, and no byte behind it; no read callback is set. Null
+// for a keep-alive, and where a non-blocking queue has no whole message yet. kStatusTimeout once
+// the deadline of a blocking queue is there, kStatusNoMemory, kStatusInvalidIoSource,
+// kStatusNotPermitted while another thread reads.
 [[nodiscard]] pelmoStatus ipqReadOne(Ipq* ipq, pelmoMsg** out);
 
-// Returns the mode that it had.
+// In blocking mode a send returns once all that waits is written, kStatusTimeout where the deadline
+// came first. Returns the mode that it had.
 bool ipqSetBlocking(Ipq* ipq, bool blocking);
 
 // When blocking calls give up, by clockSteadySeconds; 0 for never.
@@ -134,10 +148,11 @@ void ipqInterrupt(Ipq* ipq);
 
 struct IpqBacklog {
     uint32_t messages;
-    uint64_t bytes;
+    uint64_t bytes;        // what is being written included
     uint64_t bufferBytes;  // that the waiting messages keep in memory
 };
 [[nodiscard]] IpqBacklog ipqBacklog(Ipq* ipq);
+
 [[nodiscard]] IpqStatistics ipqReadStatistics(Ipq* ipq);
 [[nodiscard]] IpqStatistics ipqWriteStatistics(Ipq* ipq);
 

@@ -1,10 +1,9 @@
-// The record of an inter-process queue, and what its sources call of each other: ipq.cc (life and
-// settings), ipq_read.cc and ipq_write.cc (both directions with their events and timers).
+// The record of an inter-process queue, and what its sources call of each other: ipq.cc (life,
+// settings, timers), ipq_write.cc and ipq_read.cc.
 
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 
 #include "lib/base/cond.h"
 #include "lib/base/lock.h"
@@ -12,50 +11,56 @@
 #include "lib/transport/ipq/ipq_accounting.h"
 #include "lib/transport/ipq/stream_cutter.h"
 #include "lib/transport/ipq/write_queue.h"
+#include "lib/transport/socket/socket.h"
 
-struct Buffer;
 struct Dpa;
-
-// The timers of a queue, by place.
-enum IpqTimer : uint32_t { kKeepAliveTimer, kAgeTimer, kFlushTimer, kIpqTimers };
 
 struct Ipq {
     // Constant after creation.
     Socket* socket;
     uint32_t queueId;           // of the socket's events
-    uint32_t mostMessageBytes;  // as the hello agreed
-    Buffer* keepAliveBuffer;
-    Buffer* closeBuffer;
+    uint32_t mostMessageBytes;  // of either direction
 
-    // The creator's, one for each timer, one for each socket callback, and what ipqRetain took.
+    // The creator's, one for each timer and socket callback, and what ipqRetain took.
     std::atomic<uint32_t> references;
 
-    // Owned by whoever reads: the creator's thread up to the read callback, from then on the thread
-    // of the socket's events.
-    StreamCutter cutter;
-    Dpa* batch;
-
     Lock lock;
-    bool open PELMO_GUARDED_BY(lock);
-    bool failed PELMO_GUARDED_BY(lock);   // the connection is lost, and that was told or needn't be
-    bool reading PELMO_GUARDED_BY(lock);  // the read callback is registered with the socket
-    bool blocking PELMO_GUARDED_BY(lock);
-    bool activity PELMO_GUARDED_BY(lock);                // since the last look of the keep-alive
-    uint32_t timers[kIpqTimers] PELMO_GUARDED_BY(lock);  // event ids, 0 for none
+    Cond writerWakeup;  // broadcast when there is room again, and at the end
+
+    // Life
+    bool isOpen PELMO_GUARDED_BY(lock);
+    bool isLost PELMO_GUARDED_BY(lock);       // nothing can be sent any more
+    bool isReadLost PELMO_GUARDED_BY(lock);   // nothing more can be read
+    bool errorIsTold PELMO_GUARDED_BY(lock);  // there is nobody else to tell
+    bool isBlocking PELMO_GUARDED_BY(lock);
+    bool hadActivity PELMO_GUARDED_BY(lock);  // since the last keep-alive timer
+    uint32_t keepAliveTimer PELMO_GUARDED_BY(lock);
+    IpqAccounting accounting PELMO_GUARDED_BY(lock);
 
     // Writing
-    WriteQueue writes PELMO_GUARDED_BY(lock);
-    uint32_t holds PELMO_GUARDED_BY(lock);
-    bool batchMode PELMO_GUARDED_BY(lock);
-    bool writeArmed PELMO_GUARDED_BY(lock);  // the write callback is registered with the socket
-
-    // Back-pressure
-    bool blockWhenFull PELMO_GUARDED_BY(lock);
-    uint64_t highWaterBytes PELMO_GUARDED_BY(lock);
+    WriteQueue queue PELMO_GUARDED_BY(lock);
+    double now PELMO_GUARDED_BY(lock);  // the clock as it was last read; half a second old at most
+                                        // while something waits
+    uint32_t holds PELMO_GUARDED_BY(lock);  // batches under way
+    bool isBatching PELMO_GUARDED_BY(lock);
+    bool writeIsArmed PELMO_GUARDED_BY(lock);    // the socket tells when it takes more
+    uint32_t flushTimer PELMO_GUARDED_BY(lock);  // both go once nothing waits when they fire
+    uint32_t ageTimer PELMO_GUARDED_BY(lock);
+    bool blocksWhenFull PELMO_GUARDED_BY(lock);
+    uint32_t waitLimit PELMO_GUARDED_BY(lock);
     uint32_t writersWaiting PELMO_GUARDED_BY(lock);
-    Cond writerWakeup;
+    IpqStatistics written PELMO_GUARDED_BY(lock);
 
-    // Callbacks
+    // Reading
+    bool readIsArmed PELMO_GUARDED_BY(lock);  // the socket tells when there are bytes
+    bool isReading PELMO_GUARDED_BY(lock);    // a thread uses the cutter
+    IpqStatistics read PELMO_GUARDED_BY(lock);
+
+    // Owned by the thread that has set `isReading`.
+    StreamCutter cutter;
+    Dpa* batch;  // null until first needed
+
+    // What the owner has set
     IpqReadCallback readCallback PELMO_GUARDED_BY(lock);
     void* readClosure PELMO_GUARDED_BY(lock);
     IpqErrorCallback errorCallback PELMO_GUARDED_BY(lock);
@@ -63,61 +68,60 @@ struct Ipq {
     IpqProducerCallback producerCallback PELMO_GUARDED_BY(lock);
     void* producerClosure PELMO_GUARDED_BY(lock);
     IpqCloseCallback closeCallback PELMO_GUARDED_BY(lock);
-
-    IpqStatistics reads PELMO_GUARDED_BY(lock);
-    IpqStatistics written PELMO_GUARDED_BY(lock);
-    IpqAccounting accounting PELMO_GUARDED_BY(lock);
 };
 
-// Made under the lock; a queue that is closed, or has the timer, gets none. The callback's closure
-// is the Ipq, which the timer retains.
-pelmoStatus ipqStartTimerLocked(Ipq* ipq, IpqTimer which) PELMO_REQUIRES(ipq->lock);
-void ipqStopTimerLocked(Ipq* ipq, IpqTimer which) PELMO_REQUIRES(ipq->lock);
+// While one exists its thread runs a handler of a queue's socket.
+struct IpqHandlerMark {
+    IpqHandlerMark();
+    ~IpqHandlerMark();
+    IpqHandlerMark(const IpqHandlerMark&) = delete;
+    IpqHandlerMark& operator=(const IpqHandlerMark&) = delete;
+};
+[[nodiscard]] bool ipqIsInHandler();
 
-// `done` of socket callbacks: releases what the callback held.
-void ipqReleaseClosure(void* ipq);
+// Life (ipq.cc)
 
-// Tells the owner once that the connection is lost. Called without the lock, with a reference.
-void ipqFail(Ipq* ipq);
+// Gives a handler's reference back, as the last thing that happens to it.
+void ipqHandlerGone(void* ipq);
 
-// Reading (ipq_read.cc)
+// A repeating timer with a reference; nothing happens where it runs.
+using IpqTimerCallback = void (*)(uint32_t timer, struct pelmoMsg* none, void* ipq);
+pelmoStatus ipqStartTimerLocked(Ipq* ipq,
+                                uint32_t* timer,
+                                IpqTimerCallback callback,
+                                double seconds) PELMO_REQUIRES(ipq->lock);
+void ipqEndTimerLocked(Ipq* ipq, uint32_t* timer) PELMO_REQUIRES(ipq->lock);
 
-pelmoStatus ipqStartReadingLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
-void ipqStopReadingLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
+// Nothing can be sent any more: what waits is dropped, writers that wait return, and whoever reads
+// comes to the end of the stream behind what has arrived.
+void ipqLoseLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
-// Throws away what comes until the connection ends or the socket's deadline is there.
-void ipqDrain(Ipq* ipq);
+// Runs the error callback, the first time. Called without the lock.
+void ipqTellLoss(Ipq* ipq);
+
+// The same, unless reading will.
+void ipqTellWriteLoss(Ipq* ipq);
 
 // Writing (ipq_write.cc)
 
-// Queues an answer to the peer's close notice, or our own, unless something waits.
-void ipqSendCloseNoticeLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
+// Writes until nothing waits or the connection takes no more; then the rest waits for that.
+// kStatusInvalidIoSource, kStatusTimeout.
+[[nodiscard]] pelmoStatus ipqWriteLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
-// Writes what waits, as far as it goes. kStatusInvalidIoSource when the connection is lost.
-pelmoStatus ipqWriteLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
-
-// Writes all that waits, in blocking mode.
-pelmoStatus ipqWriteAllLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
-
-// Ends the wait for the socket.
+// Ends the waits for the socket and for time.
 void ipqDisarmLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
-// The timers' callbacks.
-void ipqOnKeepAlive(Ipq* ipq);
-void ipqOnAge(Ipq* ipq);
-void ipqOnFlush(Ipq* ipq);
+// Starts the age check where one is wanted and something waits.
+void ipqWatchAgeLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
-// While a thread is within such an object it runs the library's own part of a queue: it must not
-// wait for room in one, since only threads like it make room.
-class IpqWorkerScope {
-  public:
-    IpqWorkerScope() { ++depth; }
-    ~IpqWorkerScope() { --depth; }
-    IpqWorkerScope(const IpqWorkerScope&) = delete;
-    IpqWorkerScope& operator=(const IpqWorkerScope&) = delete;
+// All that waits and the close notice, in blocking mode, until the time is there. False where that
+// failed. The queue is closed, and the caller the only one to use it.
+[[nodiscard]] bool ipqWriteLast(Ipq* ipq, double deadline);
 
-    [[nodiscard]] static bool isWorker() { return depth != 0; }
+// The close notice, where nothing waits ahead of it.
+[[nodiscard]] bool ipqSendNotice(Ipq* ipq);
 
-  private:
-    static inline thread_local uint32_t depth = 0;
-};
+// Reading (ipq_read.cc)
+
+[[nodiscard]] pelmoStatus ipqArmReadLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
+void ipqDisarmReadLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);

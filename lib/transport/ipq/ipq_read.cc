@@ -1,5 +1,7 @@
-// Reading: from a readable socket to batches of messages.
+// Reading: chunks from the socket through the cutter to the owner, on the socket's events or by
+// calls for one message.
 
+#include <algorithm>
 #include <utility>
 
 #include "lib/base/bytes.h"
@@ -7,169 +9,254 @@
 #include "lib/containers/dpa.h"
 #include "lib/msg/message_internal.h"
 #include "lib/transport/ipq/ipq_internal.h"
-#include "lib/transport/socket/socket.h"
 
 namespace {
 
-// One event reads on while its reads fill their buffers, but not for so long that other connections
-// of the thread starve.
+// One event reads on while its reads fill their room, but not for so long that other connections of
+// its thread starve.
 constexpr uint32_t kMostReadsOfEvent = 8;
 
-constexpr uint32_t kDrainBytes = 4096;
+constexpr uint32_t kBatchItems = 32;
+constexpr uint32_t kKeptBatchItems = 64;  // a longer array doesn't stay for good
 
-void printFault(Ipq* ipq, const char* words) {
-    const uint32_t address = socketPeerAddress(ipq->socket);
-    const auto* part = reinterpret_cast<const uint8_t*>(&address);
-    logPrint("%s from %u.%u.%u.%u:%u\n", words, unsigned{part[0]}, unsigned{part[1]},
-             unsigned{part[2]}, unsigned{part[3]},
+// What a read came to.
+enum class ReadEnd {
+    kNothing,
+    kSome,
+    kAll,  // of the room: there may be more
+    kNoMemory,
+    kLost,
+};
+
+struct ReadOutcome {
+    ReadEnd end;
+    bool isNotice = false;  // the peer's close notice ended it
+
+    [[nodiscard]] bool isLoss() const { return end == ReadEnd::kNoMemory || end == ReadEnd::kLost; }
+    [[nodiscard]] bool hasBytes() const { return end == ReadEnd::kSome || end == ReadEnd::kAll; }
+};
+
+// The cutter and the batch belong to whoever has made the claim, until it ends.
+bool claimReadingLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (!ipq->isOpen || ipq->isReading) return false;
+    ipq->isReading = true;
+    return true;
+}
+
+void endClaim(Ipq* ipq) {
+    if (ipq->batch != nullptr && ipq->batch->capacity > kKeptBatchItems) {
+        ipq->batch = dpaDestroy(ipq->batch);
+    }
+    const LockGuard guard(ipq->lock);
+    ipq->isReading = false;
+}
+
+bool hasBatch(Ipq* ipq) {
+    if (ipq->batch == nullptr) ipq->batch = dpaCreate(kBatchItems);
+    return ipq->batch != nullptr;
+}
+
+void releaseBatch(Ipq* ipq) {
+    for (uint32_t i = 0; i < ipq->batch->count; ++i)
+        msgRelease(static_cast<pelmoMsg*>(ipq->batch->items[i]));
+    ipq->batch->count = 0;
+}
+
+void tellBadStream(Ipq* ipq, const char* fault) {
+    const uint32_t address = hostOrder32(socketPeerAddress(ipq->socket));
+    logPrint("%s from %u.%u.%u.%u:%u\n", fault, address >> 24, address >> 16 & 0xff,
+             address >> 8 & 0xff, address & 0xff,
              unsigned{hostOrder16(socketPeerPort(ipq->socket))});
 }
 
-// Tells what is wrong with the stream, and answers a close notice.
-void explain(Ipq* ipq, CutVerdict verdict) {
+ReadOutcome endOf(Ipq* ipq, CutVerdict verdict, bool isAll) {
     switch (verdict) {
         case CutVerdict::kGoOn:
-            break;
-        case CutVerdict::kCloseNotice: {
-            const LockGuard guard(ipq->lock);
-            if (ipq->open) ipqSendCloseNoticeLocked(ipq);
-            break;
-        }
+            return {isAll ? ReadEnd::kAll : ReadEnd::kSome};
+        case CutVerdict::kCloseNotice:
+            return {ReadEnd::kLost, true};
         case CutVerdict::kBadMagic:
-            printFault(ipq, "bad magic");
-            break;
+            tellBadStream(ipq, "bad magic");
+            return {ReadEnd::kLost};
         case CutVerdict::kBadSize:
-            printFault(ipq, "message with invalid size");
-            break;
-        case CutVerdict::kNoMemory:
-            logPrint("DrainQueue: out of memory.\n");
-            break;
+            tellBadStream(ipq, "message with invalid size");
+            return {ReadEnd::kLost};
+        default:
+            return {ReadEnd::kNoMemory};
     }
 }
 
-// Notes a read and what was cut from it. False when the queue was closed meanwhile.
-bool noteRead(Ipq* ipq, uint32_t asked, SocketCode code, uint32_t got) {
-    const LockGuard guard(ipq->lock);
-    ++ipq->reads.attempts;
-    if (code == kSocketWouldBlock || code == kSocketNoBuffers) ++ipq->reads.failures;
-    if (code == kSocketDone) ipq->activity = true;
+void noteReadLocked(Ipq* ipq, SocketCode code, uint32_t asked, uint32_t got)
+    PELMO_REQUIRES(ipq->lock) {
+    IpqStatistics& read = ipq->read;
+    ++read.attempts;
+    if (code != kSocketDone) ++read.failures;
+    read.messages = ipq->cutter.messages;
+    read.bytes = ipq->cutter.bytes;
+    read.partials = ipq->cutter.partials;
+    ipq->hadActivity = true;
     accountSize(ipq->accounting.reads, asked, got);
-    return ipq->open;
 }
 
-void noteCut(Ipq* ipq) {
-    const LockGuard guard(ipq->lock);
-    ipq->reads.messages = ipq->cutter.messages;
-    ipq->reads.bytes = ipq->cutter.bytes;
-    ipq->reads.partials = ipq->cutter.partials;
-}
-
-// Hands the batch to the owner, who takes over the messages, or drops them if there is none.
-void handOn(Ipq* ipq) {
-    if (ipq->batch->count == 0) return;
-    IpqReadCallback callback = nullptr;
-    void* closure = nullptr;
+// One read, and what comes of it in the batch.
+ReadOutcome readSome(Ipq* ipq, bool oneUnit) {
+    if (!hasBatch(ipq)) return {ReadEnd::kNoMemory};
+    const std::span<uint8_t> room =
+        oneUnit ? cutterRoomForOne(&ipq->cutter) : cutterRoom(&ipq->cutter);
+    if (room.empty()) return {ReadEnd::kNoMemory};
+    uint32_t got = 0;
+    const auto asked = static_cast<uint32_t>(room.size());
+    const SocketCode code = socketRead(ipq->socket, room.data(), asked, &got);
+    const CutVerdict verdict = cutterTake(&ipq->cutter, got, ipq->batch);
     {
         const LockGuard guard(ipq->lock);
-        if (ipq->open) callback = ipq->readCallback;
+        noteReadLocked(ipq, code, asked, got);
+    }
+    if (code == kSocketDone) return endOf(ipq, verdict, got == asked);
+    const bool isQuiet = code == kSocketWouldBlock || code == kSocketNoBuffers;
+    return {isQuiet ? ReadEnd::kNothing : ReadEnd::kLost};
+}
+
+// The peer throws away what is sent to it from here on, so the notice goes only where nothing is
+// partly written.
+void answerNoticeLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (ipq->isOpen && !ipq->isLost && writeQueueIsEmpty(&ipq->queue)) (void)ipqSendNotice(ipq);
+}
+
+void loseReading(Ipq* ipq, const ReadOutcome& outcome) {
+    if (outcome.end == ReadEnd::kNoMemory) logPrint("DrainQueue: out of memory.\n");
+    const LockGuard guard(ipq->lock);
+    if (outcome.isNotice) answerNoticeLocked(ipq);
+    ipq->isReadLost = true;
+    ipqDisarmReadLocked(ipq);
+    ipqLoseLocked(ipq);
+}
+
+// The owner gets what was read, unless the queue has closed meanwhile.
+void deliver(Ipq* ipq) {
+    if (ipq->batch == nullptr || ipq->batch->count == 0) return;
+    IpqReadCallback callback;
+    void* closure;
+    {
+        const LockGuard guard(ipq->lock);
+        callback = ipq->isOpen ? ipq->readCallback : nullptr;
         closure = ipq->readClosure;
     }
-    const std::span messages(reinterpret_cast<pelmoMsg**>(ipq->batch->items), ipq->batch->count);
-    ipq->batch->count = 0;
-    if (callback != nullptr) {
-        callback(ipq, messages, closure);
-    } else {
-        for (pelmoMsg* message : messages)
-            msgRelease(message);
-    }
+    if (callback == nullptr) return releaseBatch(ipq);
+    auto** const messages = reinterpret_cast<pelmoMsg**>(ipq->batch->items);
+    callback(ipq, {messages, std::exchange(ipq->batch->count, 0u)}, closure);
 }
 
-enum class ReadStep {
-    kFilled,  // all that was asked for: there may be more
-    kShort,
-    kNothing,
-    kNoBuffers,
-    kFailed,
-};
-
-// One read to the room, and what comes of it.
-ReadStep readOnce(Ipq* ipq, std::span<uint8_t> room) {
-    if (room.empty()) {
-        explain(ipq, CutVerdict::kNoMemory);
-        return ReadStep::kFailed;
-    }
-    const auto asked = static_cast<uint32_t>(room.size());
-    uint32_t got = 0;
-    const SocketCode code = socketRead(ipq->socket, room.data(), asked, &got);
-    const bool open = noteRead(ipq, asked, code, got);
-    if (code != kSocketDone) (void)cutterTake(&ipq->cutter, 0, ipq->batch);
-    if (!open || code == kSocketWouldBlock) return ReadStep::kNothing;
-    if (code == kSocketNoBuffers) return ReadStep::kNoBuffers;
-    if (code != kSocketDone) return ReadStep::kFailed;
-    const CutVerdict verdict = cutterTake(&ipq->cutter, got, ipq->batch);
-    noteCut(ipq);
-    if (verdict == CutVerdict::kGoOn) return got == asked ? ReadStep::kFilled : ReadStep::kShort;
-    explain(ipq, verdict);
-    return ReadStep::kFailed;
+bool beginReadable(Ipq* ipq, bool* isBlocking) {
+    const LockGuard guard(ipq->lock);
+    *isBlocking = ipq->isBlocking;
+    return ipq->readIsArmed && claimReadingLocked(ipq);
 }
 
+// Has the callback neither closed the queue nor paused it?
+bool goesOn(Ipq* ipq) {
+    const LockGuard guard(ipq->lock);
+    return ipq->readIsArmed && !ipq->isBlocking;
+}
+
+// In blocking mode nothing is taken behind a message, since the next one may be for ipqReadOne.
 void onReadable(Socket*, void* closure) {
-    const IpqWorkerScope worker;
     auto* const ipq = static_cast<Ipq*>(closure);
-    ReadStep step = ReadStep::kFilled;
-    for (uint32_t i = 0; i < kMostReadsOfEvent && step == ReadStep::kFilled; ++i) {
-        step = readOnce(ipq, cutterRoom(&ipq->cutter));
-        handOn(ipq);
+    const IpqHandlerMark mark;
+    bool isBlocking;
+    if (!beginReadable(ipq, &isBlocking)) return;
+    ReadOutcome outcome;
+    uint32_t reads = 0;
+    do {
+        outcome = readSome(ipq, isBlocking);
+        deliver(ipq);
+    } while (outcome.end == ReadEnd::kAll && ++reads < kMostReadsOfEvent && goesOn(ipq));
+    const bool isLost = outcome.isLoss();
+    if (isLost) loseReading(ipq, outcome);
+    endClaim(ipq);
+    if (isLost) ipqTellLoss(ipq);
+}
+
+// Reads on until there is a message, or a whole unit that is none.
+ReadOutcome readOne(Ipq* ipq) {
+    ReadOutcome outcome;
+    do {
+        outcome = readSome(ipq, true);
+    } while (outcome.hasBytes() && ipq->cutter.buffer != nullptr);
+    return outcome;
+}
+
+pelmoStatus beginReadOne(Ipq* ipq, bool* isBlocking) {
+    const LockGuard guard(ipq->lock);
+    if (!ipq->isOpen) return kStatusDaemonNotConnected;
+    if (ipq->isReadLost) return kStatusInvalidIoSource;
+    *isBlocking = ipq->isBlocking;
+    return claimReadingLocked(ipq) ? kStatusSuccess : kStatusNotPermitted;
+}
+
+pelmoStatus statusOf(const ReadOutcome& outcome, bool isBlocking) {
+    switch (outcome.end) {
+        case ReadEnd::kNothing:
+            return isBlocking ? kStatusTimeout : kStatusSuccess;
+        case ReadEnd::kNoMemory:
+            return kStatusNoMemory;
+        case ReadEnd::kLost:
+            return kStatusInvalidIoSource;
+        default:
+            return kStatusSuccess;
     }
-    if (step == ReadStep::kFailed) ipqFail(ipq);
 }
 
 }  // namespace
 
-pelmoStatus ipqStartReadingLocked(Ipq* ipq) {
-    if (ipq->reading || ipq->failed) return kStatusSuccess;
+pelmoStatus ipqArmReadLocked(Ipq* ipq) {
+    if (!ipq->isOpen) return kStatusDaemonNotConnected;
+    if (ipq->isReadLost) return kStatusInvalidIoSource;
+    if (ipq->readIsArmed) return kStatusSuccess;
     ipqRetain(ipq);
     const pelmoStatus status = socketOnReadable(ipq->socket, onReadable, ipq);
-    if (status != kStatusSuccess) {
+    if (status == kStatusSuccess) {
+        ipq->readIsArmed = true;
+    } else {
         ipqRelease(ipq);
-        return status;
     }
-    ipq->reading = true;
-    return kStatusSuccess;
+    return status;
 }
 
-void ipqStopReadingLocked(Ipq* ipq) {
-    if (!std::exchange(ipq->reading, false)) return;
-    if (socketCancelReadable(ipq->socket, ipqReleaseClosure) != kStatusSuccess) ipqRelease(ipq);
+void ipqDisarmReadLocked(Ipq* ipq) {
+    if (!ipq->readIsArmed) return;
+    ipq->readIsArmed = false;
+    if (socketCancelReadable(ipq->socket, ipqHandlerGone) != kStatusSuccess) ipqRelease(ipq);
+}
+
+pelmoStatus ipqSetReadCallback(Ipq* ipq, IpqReadCallback callback, void* closure) {
+    if (callback == nullptr) return kStatusInvalidCallback;
+    const LockGuard guard(ipq->lock);
+    ipq->readCallback = callback;
+    ipq->readClosure = closure;
+    if (!ipq->isOpen) return kStatusDaemonNotConnected;
+    const SocketCode code = socketSetQueue(ipq->socket, ipq->queueId);
+    return code == kSocketDone ? ipqArmReadLocked(ipq) : socketStatus(code);
+}
+
+pelmoStatus ipqPauseReading(Ipq* ipq) {
+    const LockGuard guard(ipq->lock);
+    if (!ipq->isOpen) return kStatusDaemonNotConnected;
+    ipqDisarmReadLocked(ipq);
+    return kStatusSuccess;
 }
 
 pelmoStatus ipqReadOne(Ipq* ipq, pelmoMsg** out) {
-    bool blocking = false;
-    {
-        const LockGuard guard(ipq->lock);
-        if (!ipq->open) return kStatusDaemonNotConnected;
-        blocking = ipq->blocking;
-    }
+    bool isBlocking;
+    const pelmoStatus status = beginReadOne(ipq, &isBlocking);
+    if (status != kStatusSuccess) return status;
+    const ReadOutcome outcome = readOne(ipq);
     *out = nullptr;
-    // One unit at a time, so that the next one's bytes stay in the socket and fire its event.
-    do {
-        const ReadStep step = readOnce(ipq, cutterRoomForOne(&ipq->cutter));
-        if (step == ReadStep::kFailed) return kStatusInvalidIoSource;
-        if (step == ReadStep::kNoBuffers && blocking) return kStatusNoMemory;
-        if (step != ReadStep::kFilled && step != ReadStep::kShort) {
-            return blocking ? kStatusTimeout : kStatusSuccess;
-        }
-        if (ipq->batch->count != 0) {
-            *out = static_cast<pelmoMsg*>(ipq->batch->items[0]);
-            ipq->batch->count = 0;
-        }
-    } while (*out == nullptr && ipq->cutter.count != 0);
-    return kStatusSuccess;
-}
-
-void ipqDrain(Ipq* ipq) {
-    uint8_t rest[kDrainBytes];
-    uint32_t got = 0;
-    while (socketRead(ipq->socket, rest, sizeof rest, &got) == kSocketDone) {
+    if (ipq->batch != nullptr && ipq->batch->count != 0) {
+        *out = static_cast<pelmoMsg*>(ipq->batch->items[0]);
+        ipq->batch->count = 0;
     }
+    if (outcome.isLoss()) loseReading(ipq, outcome);
+    endClaim(ipq);
+    return statusOf(outcome, isBlocking);
 }

@@ -1,4 +1,4 @@
-// Writing: from a message to the connection, at once or when it takes more.
+// Writing: sends, batches, waits for the connection, the last bytes of a graceful close.
 
 #include <algorithm>
 #include <utility>
@@ -6,152 +6,198 @@
 #include "lib/base/clock.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_internal.h"
+#include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/ipq/ipq_internal.h"
-#include "lib/transport/socket/socket.h"
 
 namespace {
 
-// What the system has buffers for when it has none for more.
-constexpr uint32_t kScarceBytes = 4096;
-
 // One call writes on while the connection takes all, but not for so long that other connections of
-// the thread starve.
-constexpr uint32_t kMostWritesOfCall = 8;
+// its thread starve.
+constexpr uint32_t kMostSendsOfCall = 8;
 
-constexpr double kWriterWaitSeconds = 1.0;
+constexpr double kFlushSeconds = 0.025;
+constexpr double kAgeCheckSeconds = 0.5;
+constexpr double kWaitStepSeconds = 1.0;
+constexpr uint32_t kScarceSendBytes = 4096;  // where the system is short of buffers
+constexpr uint8_t kCloseNotice[kMessageHeadBytes] = {};
 
-void onWritable(Socket* socket, void* closure);
+// One send
 
-// Has the socket tell when it takes more. `soon`: within the time of the flush timer is enough.
-void armLocked(Ipq* ipq, bool soon) PELMO_REQUIRES(ipq->lock) {
-    if (!ipq->open || ipq->writeArmed) return;
-    (void)ipqStartTimerLocked(ipq, kAgeTimer);
-    if (!soon) {
-        ipqRetain(ipq);
-        ipq->writeArmed = socketOnWritable(ipq->socket, onWritable, ipq) == kStatusSuccess;
-        if (ipq->writeArmed) return ipqStopTimerLocked(ipq, kFlushTimer);
-        ipqRelease(ipq);
-    }
-    // A socket that can't have its event is tried again by the timer, and by the age check.
-    (void)ipqStartTimerLocked(ipq, kFlushTimer);
-}
-
-enum class WriteStep { kMore, kRefused, kLost };
-
-// The system is out of buffers: what it still takes depends on how much was asked.
-WriteStep onScarcity(const Ipq* ipq, uint32_t asked, uint32_t* limit) PELMO_REQUIRES(ipq->lock) {
-    if (asked > kScarceBytes) {
-        *limit = kScarceBytes;
-        return WriteStep::kMore;
-    }
-    return ipq->blocking ? WriteStep::kLost : WriteStep::kRefused;
-}
-
-void noteWriteLocked(Ipq* ipq, uint32_t asked, uint32_t sent) PELMO_REQUIRES(ipq->lock) {
-    IpqStatistics& counts = ipq->written;
-    ++counts.attempts;
-    counts.mostWaiting = std::max(counts.mostWaiting, ipq->writes.messages);
+void noteSendLocked(Ipq* ipq, uint32_t asked, uint32_t sent) PELMO_REQUIRES(ipq->lock) {
+    const WriteProgress progress = writeQueueAdvance(&ipq->queue, sent);
+    ipq->written.bytes += sent;
+    ipq->written.messages += progress.messages;
+    if (progress.endsWithin) ++ipq->written.partials;
+    if (sent == 0) ++ipq->written.zeroSends;
     accountSize(ipq->accounting.writes, asked, sent);
 }
 
-void advanceLocked(Ipq* ipq, uint32_t sent) PELMO_REQUIRES(ipq->lock) {
-    IpqStatistics& counts = ipq->written;
-    const WriteProgress progress = writeQueueAdvance(&ipq->writes, sent);
-    counts.messages += progress.messages;
-    counts.bytes += sent;
-    if (progress.endsWithin) ++counts.partials;
-    if (sent == 0) ++counts.zeroSends;
-}
+struct Send {
+    SocketCode code;
+    uint32_t asked;
+    uint32_t sent;
+};
 
-// One send.
-WriteStep writeOnceLocked(Ipq* ipq, uint32_t* limit) PELMO_REQUIRES(ipq->lock) {
-    iovec entries[kMostSendEntries];
+Send sendSomeLocked(Ipq* ipq, uint32_t mostBytes) PELMO_REQUIRES(ipq->lock) {
+    iovec entries[kMostSendEntries];  // not zeroed
     GatherList list = {.capacity = kMostSendEntries, .count = 0, .total = 0, .entries = entries};
-    writeQueueGather(&ipq->writes, &list, *limit);
-    uint32_t sent = 0;
-    const SocketCode code = socketWriteVector(ipq->socket, &list, &sent);
-    noteWriteLocked(ipq, list.total, sent);
-    if (code == kSocketDone) {
-        advanceLocked(ipq, sent);
-        return sent == list.total || ipq->blocking ? WriteStep::kMore : WriteStep::kRefused;
+    writeQueueGather(&ipq->queue, &list, mostBytes);
+    ++ipq->written.attempts;
+    ipq->written.mostWaiting = std::max(ipq->written.mostWaiting, ipq->queue.messages);
+    ipq->hadActivity = true;
+    Send send = {.code = kSocketDone, .asked = list.total, .sent = 0};
+    send.code = socketWriteVector(ipq->socket, &list, &send.sent);
+    if (send.code == kSocketDone) {
+        noteSendLocked(ipq, send.asked, send.sent);
+    } else if (send.code == kSocketWouldBlock || send.code == kSocketNoBuffers) {
+        ++ipq->written.failures;
     }
-    ++ipq->written.failures;
-    // A blocking write that would block has met its deadline.
-    if (code == kSocketWouldBlock) return ipq->blocking ? WriteStep::kLost : WriteStep::kRefused;
-    return code == kSocketNoBuffers ? onScarcity(ipq, list.total, limit) : WriteStep::kLost;
+    return send;
 }
 
-// Goes on until nothing waits, the socket refuses, or `most` sends were made.
-pelmoStatus writeLocked(Ipq* ipq, uint32_t most) PELMO_REQUIRES(ipq->lock) {
-    uint32_t limit = kMostSendBytes;
-    for (uint32_t i = 0; !writeQueueIsEmpty(&ipq->writes); ++i) {
-        const WriteStep step = i < most ? writeOnceLocked(ipq, &limit) : WriteStep::kRefused;
-        if (step == WriteStep::kLost) {
-            writeQueueClear(&ipq->writes);
-            return kStatusInvalidIoSource;
-        }
-        if (step == WriteStep::kRefused) {
-            armLocked(ipq, false);
-            return kStatusSuccess;
-        }
+// Waits
+
+void onWritable(Socket*, void* closure);
+void onFlushTimer(uint32_t timer, pelmoMsg*, void* closure);
+void onAgeTimer(uint32_t timer, pelmoMsg*, void* closure);
+
+void readClockLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    ipq->now = clockSteadySeconds();
+    writeQueueStamp(&ipq->queue, ipq->now);
+}
+
+// Without memory for it the next send, or at the latest the keep-alive, tries again to write.
+void armLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (ipq->writeIsArmed) return;
+    readClockLocked(ipq);
+    ipqWatchAgeLocked(ipq);
+    ipqRetain(ipq);
+    ipq->writeIsArmed = socketOnWritable(ipq->socket, onWritable, ipq) == kStatusSuccess;
+    if (!ipq->writeIsArmed) ipqRelease(ipq);
+}
+
+// For a batch that no flush ends.
+pelmoStatus awaitMoreLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    readClockLocked(ipq);
+    ipqWatchAgeLocked(ipq);
+    const pelmoStatus status =
+        ipqStartTimerLocked(ipq, &ipq->flushTimer, onFlushTimer, kFlushSeconds);
+    return status == kStatusSuccess ? status : ipqWriteLocked(ipq);
+}
+
+void disarmWriteLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (!ipq->writeIsArmed) return;
+    ipq->writeIsArmed = false;
+    if (socketCancelWritable(ipq->socket, ipqHandlerGone) != kStatusSuccess) ipqRelease(ipq);
+}
+
+bool hasRoomLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    return ipq->queue.ringBytes <= ipq->waitLimit;
+}
+
+pelmoStatus usableLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (!ipq->isOpen) return kStatusDaemonNotConnected;
+    return ipq->isLost ? kStatusInvalidIoSource : kStatusSuccess;
+}
+
+// Handlers of sockets don't wait here: they have to make the room.
+pelmoStatus awaitRoomLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    while (ipq->blocksWhenFull && !hasRoomLocked(ipq) && libraryIsOpen() && !ipqIsInHandler()) {
+        armLocked(ipq);
+        ++ipq->writersWaiting;
+        (void)Cond_TimedWait(&ipq->writerWakeup, &ipq->lock, kWaitStepSeconds);
+        --ipq->writersWaiting;
+        const pelmoStatus status = usableLocked(ipq);
+        if (status != kStatusSuccess) return status;
     }
-    ipqDisarmLocked(ipq);
     return kStatusSuccess;
 }
 
-bool isFullLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    return ipq->writes.ringBytes > ipq->highWaterBytes;
+// Handlers
+
+bool runWritableLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (!ipq->isOpen || ipq->isLost) return true;
+    readClockLocked(ipq);
+    const pelmoStatus status = ipqWriteLocked(ipq);
+    if (ipq->writersWaiting != 0 && hasRoomLocked(ipq)) Cond_Broadcast(&ipq->writerWakeup);
+    return status != kStatusInvalidIoSource;
 }
 
-void wakeWritersLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    if (ipq->writersWaiting != 0 && !isFullLocked(ipq)) Cond_Broadcast(&ipq->writerWakeup);
-}
-
-// Waits, with the lock released, until there is room. The wait ends at a lost connection as well:
-// its owner closes the queue, and what is queued then goes with it.
-void awaitRoomLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    if (IpqWorkerScope::isWorker()) return;
-    while (ipq->open && !ipq->failed && ipq->blockWhenFull && libraryIsOpen() &&
-           isFullLocked(ipq)) {
-        armLocked(ipq, false);
-        ++ipq->writersWaiting;
-        (void)Cond_TimedWait(&ipq->writerWakeup, &ipq->lock, kWriterWaitSeconds);
-        --ipq->writersWaiting;
+void onWritable(Socket*, void* closure) {
+    auto* const ipq = static_cast<Ipq*>(closure);
+    const IpqHandlerMark mark;
+    bool isFine;
+    {
+        const LockGuard guard(ipq->lock);
+        isFine = runWritableLocked(ipq);
     }
+    if (!isFine) ipqTellWriteLoss(ipq);
 }
 
-// Queues a piece without writing it.
+void onFlushTimer(uint32_t timer, pelmoMsg*, void* closure) {
+    auto* const ipq = static_cast<Ipq*>(closure);
+    bool isFine = true;
+    {
+        const LockGuard guard(ipq->lock);
+        if (timer != ipq->flushTimer) return;
+        if (writeQueueIsEmpty(&ipq->queue)) {
+            ipqEndTimerLocked(ipq, &ipq->flushTimer);
+        } else if (!ipq->writeIsArmed) {
+            isFine = runWritableLocked(ipq);
+        }
+    }
+    if (!isFine) ipqTellWriteLoss(ipq);
+}
+
+void onAgeTimer(uint32_t timer, pelmoMsg*, void* closure) {
+    auto* const ipq = static_cast<Ipq*>(closure);
+    AgeReport report;
+    IpqProducerCallback callback;
+    void* producerClosure;
+    {
+        const LockGuard guard(ipq->lock);
+        if (timer != ipq->ageTimer) return;
+        if (writeQueueIsEmpty(&ipq->queue)) return ipqEndTimerLocked(ipq, &ipq->ageTimer);
+        readClockLocked(ipq);
+        report = writeQueueCheckAge(&ipq->queue, ipq->now);
+        if (ipq->writersWaiting != 0 && hasRoomLocked(ipq)) Cond_Broadcast(&ipq->writerWakeup);
+        callback = ipq->producerCallback;
+        producerClosure = ipq->producerClosure;
+    }
+    if (report.level == 0 || callback == nullptr) return;
+    callback(ipq, report.level, report.waiting, report.droppedMessages, report.droppedBytes,
+             producerClosure);
+}
+
+// Sends
+
+// While nothing makes the clock known, a record's time is set when it has to wait.
+double timeOfAddLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    const bool isKnown = ipq->holds != 0 || !writeQueueIsEmpty(&ipq->queue);
+    return isKnown ? ipq->now : kWriteTimeUnknown;
+}
+
 pelmoStatus addLocked(Ipq* ipq, const WritePiece& piece) PELMO_REQUIRES(ipq->lock) {
-    if (!ipq->open) return kStatusDaemonNotConnected;
-    if (ipq->blockWhenFull) {
-        awaitRoomLocked(ipq);
-        if (!ipq->open) return kStatusDaemonNotConnected;
-    }
-    if (ipq->failed) return kStatusInvalidIoSource;
-    return writeQueueAdd(&ipq->writes, piece, clockSteadySeconds());
+    pelmoStatus status = usableLocked(ipq);
+    if (status == kStatusSuccess && ipq->blocksWhenFull) status = awaitRoomLocked(ipq);
+    if (status != kStatusSuccess) return status;
+    return writeQueueAdd(&ipq->queue, piece, timeOfAddLocked(ipq));
 }
 
-// Writes what was added, unless something else will.
-pelmoStatus writeSoonLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    if (ipq->blocking) return writeLocked(ipq, UINT32_MAX);
-    if (ipq->writeArmed) return kStatusSuccess;
-    const bool isLarge = writeQueueBytes(&ipq->writes) >= kMostSendBytes;
-    if (isLarge) return ipqWriteLocked(ipq);
+// What was added goes at once, unless something holds it back.
+pelmoStatus writeAddedLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (ipq->isBlocking) return ipqWriteLocked(ipq);
+    if (ipq->writeIsArmed) return kStatusSuccess;
+    if (writeQueueBytes(&ipq->queue) >= kMostSendBytes) return ipqWriteLocked(ipq);
     if (ipq->holds != 0) return kStatusSuccess;
-    if (ipq->batchMode) {
-        armLocked(ipq, true);
-        return kStatusSuccess;
-    }
-    return ipqWriteLocked(ipq);
+    return ipq->isBatching ? awaitMoreLocked(ipq) : ipqWriteLocked(ipq);
 }
 
-// The stretch of a buffer that a message occupies.
-pelmoStatus pieceOf(const Ipq* ipq, pelmoMsg* message, bool urgent, WritePiece* out) {
+pelmoStatus pieceOf(WritePiece* out, const Ipq* ipq, pelmoMsg* message, bool urgent) {
     if (!msgIsValid(message)) return kStatusInvalidMessage;
-    Buffer* const buffer = msgFlushBuffer(message);
     if (message->length > ipq->mostMessageBytes) return kStatusInvalidSize;
-    *out = {.buffer = buffer,
+    *out = {.buffer = msgFlushBuffer(message),
             .offset = message->base,
             .length = message->length,
             .count = 1,
@@ -159,142 +205,144 @@ pelmoStatus pieceOf(const Ipq* ipq, pelmoMsg* message, bool urgent, WritePiece* 
     return kStatusSuccess;
 }
 
-// Does the piece lie behind the other one in the same buffer?
-bool continues(const WritePiece& first, const WritePiece& next) {
-    return first.buffer == next.buffer && first.offset + first.length == next.offset;
+// Does the message follow the piece in its buffer?
+bool extends(const WritePiece& piece, const WritePiece& next) {
+    return next.buffer == piece.buffer && next.offset == piece.offset + piece.length;
 }
 
-void onWritable(Socket*, void* closure) {
-    const IpqWorkerScope worker;
-    auto* const ipq = static_cast<Ipq*>(closure);
-    ipqOnFlush(ipq);
+using Messages = std::span<pelmoMsg* const>;
+
+pelmoStatus addInOrderLocked(Ipq* ipq, Messages messages) PELMO_REQUIRES(ipq->lock) {
+    WritePiece piece = {};
+    pelmoStatus status = kStatusSuccess;
+    for (pelmoMsg* const message : messages) {
+        WritePiece next;
+        status = pieceOf(&next, ipq, message, false);
+        if (status != kStatusSuccess) break;
+        if (piece.count != 0 && extends(piece, next)) {
+            piece.length += next.length;
+            ++piece.count;
+            continue;
+        }
+        const WritePiece whole = std::exchange(piece, next);
+        if (whole.count != 0) status = addLocked(ipq, whole);
+        if (status != kStatusSuccess) return status;
+    }
+    const pelmoStatus last = piece.count != 0 ? addLocked(ipq, piece) : kStatusSuccess;
+    return last != kStatusSuccess ? last : status;
+}
+
+// Each urgent message passes those that wait, so the last one goes first; but for the first one of
+// all, which is written ahead of them where nothing waits.
+pelmoStatus addUrgentLocked(Ipq* ipq, Messages messages) PELMO_REQUIRES(ipq->lock) {
+    const auto add = [ipq](pelmoMsg* message) PELMO_REQUIRES(ipq->lock) {
+        WritePiece piece;
+        const pelmoStatus status = pieceOf(&piece, ipq, message, true);
+        return status == kStatusSuccess ? addLocked(ipq, piece) : status;
+    };
+    pelmoStatus status = kStatusSuccess;
+    if (writeQueueIsEmpty(&ipq->queue)) {
+        status = add(messages.front());
+        messages = messages.subspan(1);
+    }
+    while (!messages.empty() && status == kStatusSuccess) {
+        status = add(messages.back());
+        messages = messages.first(messages.size() - 1);
+    }
+    return status;
+}
+
+void beginBatchLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (ipq->holds++ == 0) readClockLocked(ipq);
 }
 
 }  // namespace
 
-void ipqDisarmLocked(Ipq* ipq) {
-    if (std::exchange(ipq->writeArmed, false) &&
-        socketCancelWritable(ipq->socket, ipqReleaseClosure) != kStatusSuccess) {
-        ipqRelease(ipq);
-    }
-    ipqStopTimerLocked(ipq, kFlushTimer);
-    ipqStopTimerLocked(ipq, kAgeTimer);
-}
-
 pelmoStatus ipqWriteLocked(Ipq* ipq) {
-    ipq->activity = true;
-    return writeLocked(ipq, kMostWritesOfCall);
-}
-
-pelmoStatus ipqWriteAllLocked(Ipq* ipq) {
-    return writeLocked(ipq, UINT32_MAX);
-}
-
-void ipqSendCloseNoticeLocked(Ipq* ipq) {
-    if (!writeQueueIsEmpty(&ipq->writes)) return;
-    const WritePiece notice = {.buffer = ipq->closeBuffer,
-                               .offset = 0,
-                               .length = kMessageHeadBytes,
-                               .count = 0,
-                               .urgent = false};
-    // Without memory the peer sees the end of the connection alone.
-    if (writeQueueAdd(&ipq->writes, notice, 0) == kStatusSuccess && !ipq->blocking) {
-        (void)writeLocked(ipq, 1);
-    }
-}
-
-void ipqOnFlush(Ipq* ipq) {
-    pelmoStatus status = kStatusSuccess;
-    {
-        const LockGuard guard(ipq->lock);
-        if (!ipq->open || ipq->failed) return;
-        status = ipqWriteLocked(ipq);
-        wakeWritersLocked(ipq);
-    }
-    if (status != kStatusSuccess) ipqFail(ipq);
-}
-
-void ipqOnAge(Ipq* ipq) {
-    AgeReport report{};
-    IpqProducerCallback callback = nullptr;
-    void* closure = nullptr;
-    {
-        const LockGuard guard(ipq->lock);
-        if (!ipq->open || ipq->failed) return;
-        if (!ipq->writeArmed && ipq->holds == 0) armLocked(ipq, false);
-        if (ipq->writes.ageSeconds <= 0 && ipq->writes.byteLimit == 0) return;
-        report = writeQueueCheckAge(&ipq->writes, clockSteadySeconds());
-        callback = ipq->producerCallback;
-        closure = ipq->producerClosure;
-        wakeWritersLocked(ipq);
-    }
-    if (callback == nullptr || report.level == 0) return;
-    callback(ipq, report.level, report.waiting, report.droppedMessages, report.droppedBytes,
-             closure);
-}
-
-// The keep-alive's own write isn't activity: an idle connection gets one at each tick.
-void ipqOnKeepAlive(Ipq* ipq) {
-    pelmoStatus status = kStatusSuccess;
-    {
-        const LockGuard guard(ipq->lock);
-        if (!ipq->open || ipq->failed || std::exchange(ipq->activity, false)) return;
-        if (writeQueueIsEmpty(&ipq->writes)) {
-            const WritePiece unit = {.buffer = ipq->keepAliveBuffer,
-                                     .offset = 0,
-                                     .length = kMessageHeadBytes,
-                                     .count = 0,
-                                     .urgent = false};
-            status = writeQueueAdd(&ipq->writes, unit, clockSteadySeconds());
+    uint32_t mostBytes = kMostSendBytes;
+    for (uint32_t sends = 1; !ipq->isLost && !writeQueueIsEmpty(&ipq->queue); ++sends) {
+        const Send send = sendSomeLocked(ipq, mostBytes);
+        if (send.code == kSocketDone) {
+            // Behind a send that was cut, the next one would only be told that nothing goes.
+            const bool goesOn = send.sent == send.asked && sends < kMostSendsOfCall;
+            if (goesOn || ipq->isBlocking) continue;
+        } else if (send.code == kSocketNoBuffers && send.asked > kScarceSendBytes) {
+            mostBytes = kScarceSendBytes;
+            continue;
+        } else if (send.code == kSocketWouldBlock) {
+            if (ipq->isBlocking) return kStatusTimeout;
+        } else if (send.code != kSocketNoBuffers || ipq->isBlocking) {
+            ipqLoseLocked(ipq);
+            break;
         }
-        if (status == kStatusSuccess) status = writeLocked(ipq, kMostWritesOfCall);
+        if (!writeQueueIsEmpty(&ipq->queue)) {
+            armLocked(ipq);
+            return kStatusSuccess;
+        }
     }
-    if (status != kStatusSuccess) ipqFail(ipq);
+    disarmWriteLocked(ipq);
+    return ipq->isLost ? kStatusInvalidIoSource : kStatusSuccess;
+}
+
+void ipqDisarmLocked(Ipq* ipq) {
+    disarmWriteLocked(ipq);
+    ipqEndTimerLocked(ipq, &ipq->flushTimer);
+    ipqEndTimerLocked(ipq, &ipq->ageTimer);
+}
+
+void ipqWatchAgeLocked(Ipq* ipq) {
+    const bool isWanted = ipq->queue.ageSeconds > 0 || ipq->queue.byteLimit != 0;
+    if (!isWanted || writeQueueIsEmpty(&ipq->queue)) return;
+    (void)ipqStartTimerLocked(ipq, &ipq->ageTimer, onAgeTimer, kAgeCheckSeconds);
+}
+
+bool ipqWriteLast(Ipq* ipq, double deadline) PELMO_UNCHECKED_LOCKING {  // nobody else uses it
+    while (!writeQueueIsEmpty(&ipq->queue)) {
+        if (clockSteadySeconds() >= deadline) return false;
+        if (sendSomeLocked(ipq, kMostSendBytes).code != kSocketDone) return false;
+    }
+    return ipqSendNotice(ipq);
+}
+
+bool ipqSendNotice(Ipq* ipq) {
+    uint32_t sent = 0;
+    return socketWrite(ipq->socket, kCloseNotice, sizeof(kCloseNotice), &sent) == kSocketDone &&
+           sent == sizeof(kCloseNotice);
 }
 
 pelmoStatus ipqSend(Ipq* ipq, pelmoMsg* message, bool urgent) {
-    return ipqSendVector(ipq, {&message, 1}, urgent);
+    WritePiece piece;
+    pelmoStatus status = pieceOf(&piece, ipq, message, urgent);
+    if (status != kStatusSuccess) return status;
+    const LockGuard guard(ipq->lock);
+    status = addLocked(ipq, piece);
+    return status == kStatusSuccess ? writeAddedLocked(ipq) : status;
 }
 
 pelmoStatus ipqSendVector(Ipq* ipq, std::span<pelmoMsg* const> messages, bool urgent) {
+    if (messages.empty()) return kStatusSuccess;
     const LockGuard guard(ipq->lock);
-    if (!ipq->open) return kStatusDaemonNotConnected;
-    pelmoStatus status = kStatusSuccess;
-    ++ipq->holds;
-    for (size_t next = 0; next < messages.size() && status == kStatusSuccess;) {
-        WritePiece run;
-        status = pieceOf(ipq, messages[next++], urgent, &run);
-        WritePiece piece;
-        while (status == kStatusSuccess && next < messages.size() &&
-               pieceOf(ipq, messages[next], urgent, &piece) == kStatusSuccess &&
-               continues(run, piece)) {
-            run.length += piece.length;
-            ++run.count;
-            ++next;
-        }
-        if (status == kStatusSuccess) status = addLocked(ipq, run);
-        if (status == kStatusSuccess) status = writeSoonLocked(ipq);
-    }
+    beginBatchLocked(ipq);
+    const pelmoStatus status =
+        urgent ? addUrgentLocked(ipq, messages) : addInOrderLocked(ipq, messages);
     --ipq->holds;
-    // What was queued ahead of a failure is written all the same.
-    if (writeQueueIsEmpty(&ipq->writes) || !ipq->open || ipq->failed) return status;
-    const pelmoStatus written = writeSoonLocked(ipq);
-    return status == kStatusSuccess ? written : status;
+    // What came ahead of a failure goes all the same.
+    const bool isUsable = usableLocked(ipq) == kStatusSuccess;
+    const pelmoStatus written = isUsable ? writeAddedLocked(ipq) : kStatusSuccess;
+    return status != kStatusSuccess ? status : written;
 }
 
 pelmoStatus ipqHold(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    if (!ipq->open) return kStatusDaemonNotConnected;
-    ++ipq->holds;
+    if (!ipq->isOpen) return kStatusDaemonNotConnected;
+    beginBatchLocked(ipq);
     return kStatusSuccess;
 }
 
 pelmoStatus ipqFlush(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
+    const pelmoStatus status = usableLocked(ipq);
     if (ipq->holds != 0) --ipq->holds;
-    if (!ipq->open) return kStatusDaemonNotConnected;
-    if (ipq->holds != 0 || ipq->writeArmed || writeQueueIsEmpty(&ipq->writes)) {
-        return kStatusSuccess;
-    }
+    if (status != kStatusSuccess || ipq->holds != 0 || ipq->writeIsArmed) return status;
     return ipqWriteLocked(ipq);
 }
