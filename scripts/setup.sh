@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# setup.sh [--long]: prepares a fresh Debian 12 to build and run the tree: it installs the missing
+# setup.sh [--long | --bench]: prepares a fresh Debian 12 to build and run the tree: it installs the missing
 # packages and puts the two modules beside the built program. With --long it also installs what only
-# the long tests need. A second run finds all in place and doesn't call apt.
+# the long tests need, with --bench the brokers that bench/bus.sh measures beside pmd, and their
+# client libraries. A second run finds all in place and doesn't call apt.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -34,6 +35,12 @@ need clang-format-14 have_command clang-format-14
 need clang-tidy-14 have_command clang-tidy-14
 need libclang-rt-14-dev have_fuzzer
 [ "${1:-}" != --long ] || need debootstrap have_command debootstrap
+if [ "${1:-}" = --bench ]; then
+    need nats-server test -x /usr/sbin/nats-server
+    need libnats-dev have_header nats/nats.h
+    need mosquitto test -x /usr/sbin/mosquitto
+    need libmosquitto-dev have_header mosquitto.h
+fi
 need debian-archive-keyring test -f /usr/share/keyrings/debian-archive-keyring.gpg
 
 if [ ${#missing[@]} -gt 0 ]; then
