@@ -117,6 +117,7 @@ void routeData(BatchWalk& walk, size_t at, const uint8_t* subject) {
 
 // Sends to one peer alone, and releases.
 void answer(Exchange* exchange, Peer* peer, pelmoMsg* message) {
+    msgFlush(message);
     exchange->ops.deliver(exchange->closure, &peer->member, {&message, 1});
     msgRelease(message);
 }

@@ -49,7 +49,7 @@ class Fault:
 
     def path(self):
         """The source whose path ends in the row's path; None when it is missing or not unique."""
-        found = [path for top in ("lib", "trace", "bus", "tools")
+        found = [path for top in ("lib", "trace", "bus", "pmd", "tools")
                  for path in (COPY / top).rglob(pathlib.Path(self.source).name)
                  if path.as_posix().endswith("/" + self.source)]
         return found[0] if len(found) == 1 else None

@@ -1,7 +1,7 @@
 // The order of all locks, outermost first: a thread that holds a lock takes only locks that stand
 // further down. Debug builds stop at the first thread that does otherwise (lib/base/lock.h).
 //
-// The locks of the tool itself come first: a tool's thread may call into the library with one held,
+// The locks of the programs come first: a program's thread may call into the library with one held,
 // and the library knows nothing of them. Tracing and log come last: whoever has something to tell
 // may hold any lock.
 //
@@ -21,6 +21,7 @@
 #define PELMO_LOCK_RANK_TABLE(ROW)                    \
     ROW(kStop, false, "stop lock")                    \
     ROW(kStats, false, "stats lock")                  \
+    ROW(kDaemon, false, "bus daemon lock")            \
     ROW(kLibrary, false, "library lock")              \
     ROW(kTransportObject, true, "transport object")   \
     ROW(kLink, false, "daemon link lock")             \

@@ -1,0 +1,72 @@
+// pmd: a bus daemon for one machine, for trying, testing and demonstrating.
+//
+// Exit status: 0 at its end by itself or by SIGINT or SIGTERM, 1 where it can't start, 2 for a bad
+// command line.
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include "lib/base/huge_heap.h"
+#include "lib/base/log.h"
+#include "lib/base/version.h"
+#include "pmd/options.h"
+#include "pmd/server.h"
+
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kBadCommandLine = 2;
+
+// Blocked in all threads, so that the main thread alone takes them.
+sigset_t stopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
+// The end by itself is one more reason to stop in order.
+void onEnded() {
+    kill(getpid(), SIGTERM);
+}
+
+int run(const PmdOptions& options) {
+    const sigset_t signals = stopSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::string error;
+    if (!serverStart(options, onEnded, error)) {
+        std::fprintf(stderr, "pmd: %s\n", error.c_str());
+        return kFailed;
+    }
+    int number = 0;
+    while (sigwait(&signals, &number) != 0) {
+    }
+    serverStop();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    hugeHeapPrefer();
+    logSetProgramName("pmd");
+    PmdOptions options{};
+    std::string error;
+    const std::span<char* const> words(argv, static_cast<size_t>(argc));
+    switch (pmdOptionsRead(words.subspan(words.empty() ? 0 : 1), options, error)) {
+        case PmdParse::kHelp:
+            std::fputs(pmdOptionsHelp().c_str(), stdout);
+            return 0;
+        case PmdParse::kVersion:
+            std::puts("pmd " PELMO_TOLD_VERSION);
+            return 0;
+        case PmdParse::kWrong:
+            std::fprintf(stderr, "pmd: %s; --help lists the options\n", error.c_str());
+            return kBadCommandLine;
+        case PmdParse::kRun:
+            return run(options);
+    }
+}

@@ -1,0 +1,515 @@
+#include "pmd/server.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "lib/base/bytes.h"
+#include "lib/base/clock.h"
+#include "lib/base/cond.h"
+#include "lib/base/log.h"
+#include "lib/base/log_pace.h"
+#include "lib/base/text.h"
+#include "lib/msg/message_internal.h"
+#include "lib/pelmo.h"
+#include "lib/runtime/fixed_ids_internal.h"
+#include "lib/transport/ipq/ipq.h"
+#include "lib/transport/socket/socket.h"
+#include "lib/transport/socket/socket_class.h"
+#include "pmd/client.h"
+#include "pmd/oska_wire.h"
+
+namespace {
+
+constexpr double kTickSeconds = 0.25;
+constexpr double kPaceTickSeconds = 0.002;
+constexpr double kGraceSeconds = 1.0;         // behind the last client
+constexpr double kFirstClientSeconds = 60.0;  // for the first one
+constexpr double kAcceptPauseSeconds = 0.5;   // without descriptors
+constexpr double kDrainSeconds = 2.0;
+constexpr double kCloseSeconds = 2.0;
+constexpr double kLookSeconds = 0.01;
+constexpr uint32_t kMostAccepts = 64;     // in one go
+constexpr uint32_t kOwnDescriptors = 64;  // that aren't clients'
+
+constexpr const char* kSlow = "it reads too slowly";
+
+struct Server {
+    // Constant while it runs.
+    PmdOptions options{};
+    void (*ended)() = nullptr;
+    Socket* listener = nullptr;
+    OskaWire wire{};
+
+    Exchange exchange PELMO_GUARDED_BY(daemonLock){};
+    Client* clients PELMO_GUARDED_BY(daemonLock) = nullptr;
+    uint32_t clientCount PELMO_GUARDED_BY(daemonLock) = 0;
+    uint32_t unstarted PELMO_GUARDED_BY(daemonLock) = 0;  // clients with a deadline
+
+    // Lists of one batch, empty between two.
+    Client* touched PELMO_GUARDED_BY(daemonLock) = nullptr;
+    Client* doomed PELMO_GUARDED_BY(daemonLock) = nullptr;
+
+    Client* paced PELMO_GUARDED_BY(daemonLock) = nullptr;  // who isn't read from
+
+    bool isStopping PELMO_GUARDED_BY(daemonLock) = false;
+    double acceptAgainAt PELMO_GUARDED_BY(daemonLock) = 0;  // 0: it accepts
+    double endAt PELMO_GUARDED_BY(daemonLock) = 0;          // 0: no end is in sight
+    uint32_t tickTimer PELMO_GUARDED_BY(daemonLock) = kNoId;
+    uint32_t paceTimer PELMO_GUARDED_BY(daemonLock) = kNoId;
+};
+
+constinit Server server;
+
+void onAcceptable(Socket* listener, void*);
+void onTick(uint32_t, pelmoMsg*, void*);
+void onPaceTick(uint32_t, pelmoMsg*, void*);
+
+// Timers, which are there only while something waits for them
+
+void startTimer(uint32_t* timer, pelmoEventCallback callback, double seconds)
+    PELMO_REQUIRES(daemonLock) {
+    if (*timer != kNoId) return;
+    const pelmoStatus status =
+        pelmoEvent_CreateTimer(timer, kTimerQueueId, callback, seconds, nullptr);
+    if (status != kStatusSuccess) logPaced("no timer: %s", pelmoStatus_GetText(status));
+}
+
+void endTimer(uint32_t* timer) PELMO_REQUIRES(daemonLock) {
+    const uint32_t ended = std::exchange(*timer, kNoId);
+    if (ended != kNoId) pelmoEvent_DestroyEx(ended, nullptr);
+}
+
+bool needsTick() PELMO_REQUIRES(daemonLock) {
+    return server.unstarted != 0 || server.acceptAgainAt != 0 || server.endAt != 0 ||
+           oskaWireIsOpen(&server.wire);
+}
+
+void adjustTick() PELMO_REQUIRES(daemonLock) {
+    if (needsTick() && !server.isStopping) {
+        startTimer(&server.tickTimer, onTick, kTickSeconds);
+    } else {
+        endTimer(&server.tickTimer);
+    }
+}
+
+// Ends of clients
+
+void doom(Client* client, const char* why) PELMO_REQUIRES(daemonLock) {
+    if (client->fault != nullptr) return;
+    client->fault = why;
+    client->nextDoomed = server.doomed;
+    server.doomed = client;
+}
+
+void endDeadline(Client* client) PELMO_REQUIRES(daemonLock) {
+    if (client->deadline == 0) return;
+    client->deadline = 0;
+    --server.unstarted;
+}
+
+void unlink(Client* client) PELMO_REQUIRES(daemonLock) {
+    (client->previous != nullptr ? client->previous->next : server.clients) = client->next;
+    if (client->next != nullptr) client->next->previous = client->previous;
+    --server.clientCount;
+}
+
+void resume(Client* client) PELMO_REQUIRES(daemonLock) {
+    client->pacer = nullptr;
+    if (client->fault == nullptr && ipqResume(client->ipq) != kStatusSuccess) {
+        doom(client, "it can't be read from any more");
+    }
+}
+
+// Goes through those who wait: the ones that `ends` is true of go on.
+template <typename Ends>
+void endPaces(Ends ends) PELMO_REQUIRES(daemonLock) {
+    for (Client** place = &server.paced; *place != nullptr;) {
+        Client* client = *place;
+        if (ends(client)) {
+            *place = client->nextPaced;
+            resume(client);
+        } else {
+            place = &client->nextPaced;
+        }
+    }
+    if (server.paced == nullptr) endTimer(&server.paceTimer);
+}
+
+void warnOfSlowReader(const Client* client) PELMO_REQUIRES(daemonLock) {
+    Realm* realm = client->peer.member.realm;
+    if (realm == nullptr) return;
+    char text[128];
+    boundedFormat(text, sizeof text, "client %s was cut off: it reads too slowly",
+                  clientText(client));
+    exchangeWarn(&server.exchange, realm, "CLIENT.SLOWREADER", &client->peer, text);
+}
+
+// A client that has gone gives its descriptor back, and may have been the last one.
+void onFewer() PELMO_REQUIRES(daemonLock) {
+    const double now = clockSteadySeconds();
+    if (server.acceptAgainAt != 0) server.acceptAgainAt = now;
+    const bool isLast = server.clientCount == 0 && !server.options.permanent;
+    if (isLast) server.endAt = std::max(server.endAt, now + kGraceSeconds);
+    adjustTick();
+}
+
+void bury(Client* client) PELMO_REQUIRES(daemonLock) {
+    if (client->fault[0] != '\0') logPrint("client %s: %s", clientText(client), client->fault);
+    endDeadline(client);
+    unlink(client);
+    endPaces([client](const Client* sender) PELMO_REQUIRES(daemonLock) {
+        return sender == client || sender->pacer == client;
+    });
+    if (client->isSlow) warnOfSlowReader(client);  // the others: nothing goes to who has a fault
+    exchangeLeave(&server.exchange, &client->peer);
+    clientClose(client);
+    onFewer();
+}
+
+// Batches
+
+void checkBacklog(Client* client, Client** fastest, uint64_t* fastestBytes)
+    PELMO_REQUIRES(daemonLock) {
+    const uint64_t bytes = ipqBacklog(client->ipq).bytes;
+    if (bytes > server.options.backlogBytes) {
+        client->isSlow = true;
+        return doom(client, kSlow);
+    }
+    if (bytes <= kPaceLowBytes) client->isStalled = false;
+    if (*fastest != nullptr && bytes >= *fastestBytes) return;
+    *fastest = client;
+    *fastestBytes = bytes;
+}
+
+// Writes what the batch has queued; the receiver of which least waits.
+Client* flushTouched() PELMO_REQUIRES(daemonLock) {
+    Client* fastest = nullptr;
+    uint64_t bytes = 0;
+    while (Client* client = server.touched) {
+        server.touched = client->nextTouched;
+        client->isTouched = false;
+        if (ipqFlush(client->ipq) != kStatusSuccess) doom(client, kClientGone);
+        if (client->fault == nullptr) checkBacklog(client, &fastest, &bytes);
+    }
+    return fastest;
+}
+
+// An end may bring an advisory to others, and that the end of some of them.
+void settle() PELMO_REQUIRES(daemonLock) {
+    for (;;) {
+        (void)flushTouched();
+        Client* client = server.doomed;
+        if (client == nullptr) return;
+        server.doomed = client->nextDoomed;
+        bury(client);
+    }
+}
+
+void touch(Client* client) PELMO_REQUIRES(daemonLock) {
+    if (client->isTouched) return;
+    client->isTouched = true;
+    client->nextTouched = server.touched;
+    server.touched = client;
+    ipqHold(client->ipq);
+}
+
+void pace(Client* sender, Client* fastest) PELMO_REQUIRES(daemonLock) {
+    if (fastest == nullptr || fastest->isStalled || sender->pacer != nullptr) return;
+    const uint64_t bytes = ipqBacklog(fastest->ipq).bytes;
+    if (!paceBegins(bytes) || ipqPauseReading(sender->ipq) != kStatusSuccess) return;
+    sender->pacer = fastest;
+    sender->pace = paceBegin(bytes, clockSteadySeconds());
+    sender->nextPaced = server.paced;
+    server.paced = sender;
+    startTimer(&server.paceTimer, onPaceTick, kPaceTickSeconds);
+}
+
+void onPaceTick(uint32_t, pelmoMsg*, void*) {
+    const LockGuard guard(daemonLock);
+    const double now = clockSteadySeconds();
+    endPaces([now](Client* sender) PELMO_REQUIRES(daemonLock) {
+        const uint64_t bytes = ipqBacklog(sender->pacer->ipq).bytes;
+        if (!paceEnds(&sender->pace, bytes, now)) return false;
+        sender->pacer->isStalled = bytes > kPaceLowBytes;
+        return true;
+    });
+    settle();
+}
+
+// What the exchange does
+
+void onDeliver(void*, Member* to, MessageRun run) PELMO_REQUIRES(daemonLock) {
+    auto* client = static_cast<Client*>(to->owner);
+    if (client->fault != nullptr) return;
+    touch(client);
+    const pelmoStatus status = ipqSendVector(client->ipq, run, false);
+    if (status == kStatusNoMemory) {
+        logPaced("no memory for messages to clients: some are lost");
+    } else if (status != kStatusSuccess) {
+        doom(client, kClientGone);
+    }
+}
+
+void onPublish(void*, MessageRun run) PELMO_REQUIRES(daemonLock) {
+    const double now = clockSteadySeconds();
+    for (const pelmoMsg* message : run) {
+        oskaWireAdd(&server.wire, {msgImage(message), message->length}, now);
+    }
+}
+
+void onCutOff(void*, Member* member, const char* why) PELMO_REQUIRES(daemonLock) {
+    doom(static_cast<Client*>(member->owner), why);
+}
+
+// What connections tell
+
+void onOpened(Client* client) PELMO_REQUIRES(daemonLock) {
+    exchangeEnter(&server.exchange, &client->peer, client);
+}
+
+void onReceived(Client* client, MessageRun messages) PELMO_REQUIRES(daemonLock) {
+    if (client->fault != nullptr) return;
+    const char* fault = exchangeTake(&server.exchange, &client->peer, messages);
+    if (peerHasStarted(&client->peer)) {
+        endDeadline(client);
+        server.endAt = 0;
+    }
+    Client* fastest = flushTouched();
+    if (oskaWireIsOpen(&server.wire)) oskaWireFlush(&server.wire, clockSteadySeconds());
+    if (fault != nullptr) {
+        doom(client, fault);
+    } else if (client->fault == nullptr) {
+        pace(client, fastest);
+    }
+    settle();
+}
+
+void onFailed(Client* client, const char* why) PELMO_REQUIRES(daemonLock) {
+    doom(client, why);
+    settle();
+}
+
+// Accepting
+
+void addClient(Socket* socket) PELMO_REQUIRES(daemonLock) {
+    Client* client = clientMake(socket);
+    if (client == nullptr) return;
+    client->deadline = clockSteadySeconds() + kStartSeconds;
+    client->next = server.clients;
+    if (client->next != nullptr) client->next->previous = client;
+    server.clients = client;
+    ++server.clientCount;
+    ++server.unstarted;
+    adjustTick();
+}
+
+void refuse(Socket* socket) {
+    const uint32_t address = hostOrder32(socketPeerAddress(socket));
+    logPaced("refused a client of %u.%u.%u.%u: there are %u already", address >> 24,
+             address >> 16 & 0xff, address >> 8 & 0xff, address & 0xff, server.options.mostClients);
+    socketDestroy(socket);
+}
+
+// A listener that can't accept is ready all the time, so it isn't asked meanwhile.
+void pauseAccepting() PELMO_REQUIRES(daemonLock) {
+    logPaced("no descriptors are left for more clients: they wait");
+    socketCancelReadable(server.listener, nullptr);
+    server.acceptAgainAt = clockSteadySeconds() + kAcceptPauseSeconds;
+    adjustTick();
+}
+
+void onAcceptable(Socket* listener, void*) {
+    const LockGuard guard(daemonLock);
+    if (server.isStopping) return;
+    for (uint32_t i = 0; i < kMostAccepts; ++i) {
+        Socket* socket = nullptr;
+        const SocketCode code = socketAccept(listener, &socket, kFirstIoQueueId);
+        if (code == kSocketTooMany || code == kSocketNoBuffers) return pauseAccepting();
+        if (code != kSocketDone) return;  // the next one tries again
+        if (server.clientCount < server.options.mostClients) {
+            addClient(socket);
+        } else {
+            refuse(socket);
+        }
+    }
+}
+
+// Housekeeping
+
+void endLateStarts(double now) PELMO_REQUIRES(daemonLock) {
+    if (server.unstarted == 0) return;
+    for (Client* client = server.clients; client != nullptr; client = client->next) {
+        if (client->deadline != 0 && client->deadline <= now) {
+            doom(client, "it didn't start a session in time");
+        }
+    }
+    settle();
+}
+
+void acceptAgain(double now) PELMO_REQUIRES(daemonLock) {
+    if (server.acceptAgainAt == 0 || now < server.acceptAgainAt) return;
+    server.acceptAgainAt = 0;
+    if (socketOnReadable(server.listener, onAcceptable, nullptr) != kStatusSuccess) {
+        server.acceptAgainAt = now + kAcceptPauseSeconds;
+    }
+}
+
+// True once, when the daemon has come to its end by itself.
+bool endsByItself(double now) PELMO_REQUIRES(daemonLock) {
+    if (server.endAt == 0 || now < server.endAt || server.clientCount != 0) return false;
+    server.endAt = 0;
+    return true;
+}
+
+void onTick(uint32_t, pelmoMsg*, void*) {
+    bool ends = false;
+    {
+        const LockGuard guard(daemonLock);
+        if (server.isStopping) return;
+        const double now = clockSteadySeconds();
+        endLateStarts(now);
+        acceptAgain(now);
+        if (oskaWireIsOpen(&server.wire)) oskaWireTick(&server.wire, now);
+        ends = endsByItself(now);
+        adjustTick();
+        logPaceSettle();
+    }
+    if (ends) server.ended();
+}
+
+// Start and stop
+
+// As many descriptors as the clients need, where the system lets us.
+void raiseDescriptorLimit(uint32_t clients) {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    const rlim_t wanted = std::min<rlim_t>(limit.rlim_max, rlim_t{clients} + kOwnDescriptors);
+    if (limit.rlim_cur >= wanted) return;
+    limit.rlim_cur = wanted;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+std::string addressText(const PmdOptions& options) {
+    const uint32_t address = hostOrder32(options.address);
+    char text[32];
+    boundedFormat(text, sizeof text, "%u.%u.%u.%u:%u", address >> 24, address >> 16 & 0xff,
+                  address >> 8 & 0xff, address & 0xff, hostOrder16(options.port));
+    return text;
+}
+
+bool startListening(const PmdOptions& options, std::string& error) {
+    Socket* listener = nullptr;
+    SocketCode code = socketCreateServer(&listener, kPlainSocketClass, kFirstIoQueueId, false);
+    if (code == kSocketDone) {
+        socketSetMode(listener, SocketMode::kNonBlocking);
+        code = socketBind(listener, options.address, options.port, false);
+    }
+    if (code == kSocketDone) code = socketListen(listener);
+    if (code == kSocketDone &&
+        socketOnReadable(listener, onAcceptable, nullptr) == kStatusSuccess) {
+        server.listener = listener;
+        return true;
+    }
+    error = "can't listen on " + addressText(options) + ": " + std::strerror(errno);
+    if (listener != nullptr) socketDestroy(listener);
+    return false;
+}
+
+// Clients on other machines are told the address that they reach us by only where we are bound to
+// it; a session's name wants it for no more than to be unique.
+SessionGround groundOf(const PmdOptions& options) {
+    TimeSpec now;
+    clockNow(&now);
+    const auto milliseconds =
+        uint64_t{static_cast<uint32_t>(now.seconds)} * 1000 + now.nanoseconds / 1'000'000;
+    const uint32_t address = options.address != 0 ? options.address : hostOrder32(0x7f000001);
+    return {milliseconds, static_cast<uint32_t>(getpid()), address, options.port};
+}
+
+bool startExchange(const PmdOptions& options, std::string& error) {
+    const ExchangeOps ops = {onDeliver, options.oska ? onPublish : nullptr, onCutOff};
+    const LockGuard guard(daemonLock);
+    if (!exchangeInit(&server.exchange, groundOf(options), ops, nullptr)) {
+        error = "no memory";
+        return false;
+    }
+    if (!options.permanent) server.endAt = clockSteadySeconds() + kFirstClientSeconds;
+    return true;
+}
+
+void closeAll() PELMO_REQUIRES(daemonLock) {
+    for (Client* client = server.clients; client != nullptr; client = client->next) {
+        doom(client, kClientGone);
+    }
+    settle();
+}
+
+bool allHasLeft() PELMO_REQUIRES(daemonLock) {
+    for (const Client* client = server.clients; client != nullptr; client = client->next) {
+        if (client->ipq != nullptr && ipqBacklog(client->ipq).messages != 0) return false;
+    }
+    return true;
+}
+
+// Waits, without the lock, until the test holds or the time is over.
+template <typename Test>
+void waitUntil(double seconds, Test test) PELMO_REQUIRES(daemonLock) {
+    Cond never;
+    if (Cond_Init(&never) != kStatusSuccess) return;
+    const double end = clockSteadySeconds() + seconds;
+    while (!test() && clockSteadySeconds() < end) {
+        (void)Cond_TimedWait(&never, &daemonLock, kLookSeconds);
+    }
+    Cond_Destroy(&never);
+}
+
+}  // namespace
+
+bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error) {
+    server.options = options;
+    server.ended = ended;
+    raiseDescriptorLimit(options.mostClients);
+    const pelmoStatus status = pelmo_Open();
+    if (status != kStatusSuccess) {
+        error = pelmoStatus_GetText(status);
+        return false;
+    }
+    clientSetOps({onOpened, onReceived, onFailed});
+    if (startExchange(options, error)) {
+        const bool wired = !options.oska || oskaWireOpen(&server.wire, options, error);
+        if (wired && startListening(options, error)) {
+            const LockGuard guard(daemonLock);
+            adjustTick();
+            logPaceBegin();
+            logPrint("listening on %s", addressText(options).c_str());
+            return true;
+        }
+        oskaWireClose(&server.wire);
+        exchangeFree(&server.exchange);
+    }
+    pelmo_Close();
+    return false;
+}
+
+void serverStop() {
+    {
+        const LockGuard guard(daemonLock);
+        server.isStopping = true;
+        adjustTick();
+    }
+    socketDestroy(server.listener);
+    {
+        const LockGuard guard(daemonLock);
+        waitUntil(kDrainSeconds, allHasLeft);
+        closeAll();
+        endTimer(&server.paceTimer);
+        waitUntil(kCloseSeconds, [] { return clientsAlive() == 0; });
+        exchangeFree(&server.exchange);
+    }
+    oskaWireClose(&server.wire);
+    pelmo_Close();
+}

@@ -1,0 +1,34 @@
+// The daemon: it accepts clients, hands their messages to the exchange and what comes of that to
+// their queues, and ends whoever breaks the rules, doesn't come to terms in time, or reads too
+// slowly.
+//
+// A batch is one read of one client. All that it gives to a receiver is queued first and written at
+// its end, by one call of the system where that takes it; a message to a hundred clients is one
+// buffer in a hundred queues.
+//
+// Limits: a connection has kStartSeconds to start its session. Where more waits for a client than
+// the options allow, it is cut off, the log tells, and an advisory tells the others of its service:
+// "_PM.WARN.SYSTEM.CLIENT.SLOWREADER.SESSION". A sender is paced by the fastest of those who get
+// what it sends, as long as that one takes something at all (pmd/pacing.h): so a stream faster than
+// all its readers isn't their end, and a slow reader among others holds nobody up. Without
+// descriptors for more clients the daemon stops accepting until there are some.
+//
+// Threads: one thread starts and stops it. The rest runs on the library's IO thread and timer
+// thread, under `daemonLock`.
+
+#pragma once
+
+#include <string>
+
+#include "pmd/options.h"
+
+inline constexpr double kStartSeconds = 10.0;
+
+// Opens the library and listens. `ended` runs on a thread of the library, once, when the daemon has
+// come to its end by itself, which only one that isn't permanent does; it may not stop the server.
+// On failure `error` is one line, and nothing is left.
+[[nodiscard]] bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error);
+
+// Lets waiting messages leave, for two seconds at most, ends all connections and closes the
+// library.
+void serverStop();

@@ -1,0 +1,246 @@
+"""The daemon as a program, by what clients and operators see: pmd_test.py PMD [TEST ...]."""
+
+import pathlib
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import time
+import unittest
+
+from bus_client import Client, Closed, Daemon, free_port, message, start_message, text
+from live_run import wait_until
+
+PMD = pathlib.Path(sys.argv[1]).resolve()
+START_SECONDS = 10
+MEGABYTE = 1 << 20
+
+
+class Pmd(unittest.TestCase):
+    def daemon(self, *arguments, **more):
+        daemon = Daemon(PMD, *arguments, **more)
+        self.addCleanup(daemon.close)
+        return daemon
+
+    def client(self, daemon, *subjects, **more):
+        client = Client(daemon.port, **more)
+        self.addCleanup(client.close)
+        if subjects:
+            client.listen(*subjects)
+        return client
+
+    def run_pmd(self, *arguments):
+        run = subprocess.run([PMD, *arguments], capture_output=True, text=True, timeout=10)
+        return run.returncode, run.stdout, run.stderr
+
+    def test_tells_what_is_wrong_and_ends(self):
+        taken = self.daemon()
+        where = "127.0.0.1:%d" % taken.port
+        for arguments, status, words in (
+                (["--frob"], 2, "pmd: unknown option --frob; --help lists the options\n"),
+                (["--max-clients", "x"], 2, "pmd: --max-clients can't be x; --help lists the options\n"),
+                (["-listen", where], 1, "pmd: can't listen on %s: Address already in use\n" % where),
+                (["-listen", "192.0.2.1:7500"], 1, "pmd: can't listen on 192.0.2.1:7500: "
+                 "Cannot assign requested address\n"),
+                (["-listen", ":%d" % free_port(), "--oska", "239.1.1.1:7500", "--interface",
+                  "192.0.2.1"], 1, "pmd: can't send to the group: ")):
+            code, out, err = self.run_pmd(*arguments)
+            self.assertEqual((code, out), (status, ""), arguments)
+            self.assertTrue(err.startswith(words) and err.count("\n") == 1, err)
+        self.assertEqual(self.run_pmd("--version"), (0, "pmd 8.5.2\n", ""))
+        self.assertIn("--client-backlog MB", self.run_pmd("--help")[1])
+
+    def test_brings_messages_whole_to_who_listens(self):
+        daemon = self.daemon()
+        sender = self.client(daemon, "A.>", echo=False)
+        other_service = self.client(daemon, "A.>", service="7501")
+        listeners = [self.client(daemon, "A.*") for _ in range(20)]
+        sent = [sender.send("A.%d" % (i % 3), bytes([i]) * size)
+                for i, size in enumerate((0, 1, 100, 2048, 2049, 16384, 131072, 163840, 3000000))]
+        for listener in listeners:
+            self.assertEqual([listener.message() for _ in sent], sent)
+        inbox = "_INBOX.%s.1" % listeners[0].session
+        listeners[0].listen("_INBOX.%s.>" % listeners[0].session)
+        everything = self.client(daemon, ">")
+        question = sender.send("A.B", b"?", reply=inbox)
+        answer = sender.send(inbox, b"!")
+        self.assertEqual([listeners[0].message() for _ in range(2)], [question, answer])
+        for client in (sender, other_service, everything):
+            client.socket.settimeout(0.2)
+        self.assertEqual(everything.message(), question)
+        for client in (sender, other_service, everything):
+            with self.assertRaises(socket.timeout):
+                client.message()
+
+    def test_cuts_off_who_breaks_the_rules_and_nobody_else(self):
+        daemon = self.daemon()
+        good = self.client(daemon, "A")
+        corrupt = message(b"\7nonsense")
+        for what, words in (
+                (b"GET / HTTP/1.0\r\n\r\n", "bad magic from %s\n"),
+                (struct.pack(">II", 7, 0x9955eeaa), "message with invalid size from %s\n"),
+                (struct.pack(">II", 0xffffffff, 0x9955eeaa), "message with invalid size from %s\n"),
+                (corrupt, "client %s (tester): it sent a message that is corrupt\n"),
+                (message(text("mtype", "L")),
+                 "client %s (tester): it tells an interest without a subject\n"),
+                (start_message(service="1"),
+                 "client %s (tester): its start messages contradict each other\n")):
+            client = self.client(daemon)
+            before = len(daemon.log())
+            client.socket.sendall(what)
+            self.assertTrue(client.is_cut_off(), what)
+            where = "127.0.0.1:%d" % client.socket.getsockname()[1]
+            self.assertTrue(daemon.log()[before:].rstrip("\n").endswith(
+                (words % where).rstrip("\n")), daemon.log()[before:])
+        leaving = self.client(daemon)
+        leaving.socket.sendall(struct.pack(">II", 0, 0))
+        self.assertTrue(leaving.is_cut_off())
+        early = Client(daemon.port, start=False)
+        early.shake_hands()
+        early.send("A")
+        self.assertTrue(early.is_cut_off())
+        wrong = Client(daemon.port, start=False)
+        wrong.shake_hands()
+        wrong.socket.sendall(message(text("mtype", "I")))
+        self.assertIn(b"\6error\0", wrong.message())
+        self.assertTrue(wrong.is_cut_off())
+        deaf = Client(daemon.port, start=False)
+        deaf.socket.sendall(struct.pack(">III", 0, 9, 0))
+        deaf.exactly(12)
+        self.assertTrue(deaf.is_cut_off())
+        self.assertTrue(good.hears(good, "A"))
+
+    def test_waits_for_nobody_in_the_handshake(self):
+        daemon = self.daemon()
+        began = time.monotonic()
+        silent = [Client(daemon.port, start=False) for _ in range(30)]
+        halfway = Client(daemon.port, start=False)
+        halfway.shake_hands()
+        slow = Client(daemon.port, start=False)
+        slow.exactly(12)
+        for byte in struct.pack(">III", 0, 4, 1):
+            slow.socket.sendall(bytes([byte]))
+        self.assertEqual(len(slow.exactly(64)), 64)
+        good = self.client(daemon, "A")
+        self.assertTrue(good.hears(good, "A"))
+        self.assertLess(time.monotonic() - began, START_SECONDS / 2)
+        for client in silent + [halfway]:
+            self.assertTrue(client.is_cut_off())
+        self.assertAlmostEqual(time.monotonic() - began, START_SECONDS, delta=2)
+        late = "it didn't start a session in time"
+        wait_until(lambda: daemon.log().count(late) == 32, "a line for each")
+        self.assertTrue(good.hears(good, "A"))
+
+    def test_cuts_off_a_slow_reader_and_tells_the_others(self):
+        daemon = self.daemon("--client-backlog", "1")
+        witness = self.client(daemon, "_PM.WARN.>", "A")
+        slow = self.client(daemon, "A", receive_bytes=8192)
+        sender = self.client(daemon)
+        advisory = None
+        for _ in range(200):
+            image = sender.send("A", bytes(100000))
+            subject, got = witness.receive()
+            if subject == "A":
+                self.assertEqual(got, image)
+            else:
+                advisory = subject
+                break
+        self.assertEqual(advisory, "_PM.WARN.SYSTEM.CLIENT.SLOWREADER." + slow.session)
+        self.assertIn("(tester): it reads too slowly\n", daemon.log())
+        self.assertTrue(slow.is_cut_off())
+        self.assertEqual(witness.message(), image)
+
+    def test_paces_a_sender_that_is_faster_than_its_only_reader(self):
+        daemon = self.daemon("--client-backlog", "16")
+        reader = self.client(daemon, "A", receive_bytes=65536)
+        sender = self.client(daemon)
+        count, size = 600, 100000
+        pid = subprocess.os.fork()
+        if pid == 0:
+            for _ in range(count):
+                sender.send("A", bytes(size))
+            subprocess.os._exit(0)
+        for _ in range(count):
+            self.assertGreater(len(reader.message()), size)
+            time.sleep(0.0005)
+        subprocess.os.waitpid(pid, 0)
+        self.assertNotIn("slowly", daemon.log())
+
+    def test_refuses_clients_beyond_the_most(self):
+        daemon = self.daemon("--max-clients", "3")
+        clients = [self.client(daemon, "A") for _ in range(3)]
+        full = daemon.descriptors()
+        for _ in range(5):
+            with self.assertRaises((Closed, ConnectionError)):
+                Client(daemon.port)
+        self.assertIn("refused a client of 127.0.0.1: there are 3 already", daemon.log())
+        clients[0].close()
+        wait_until(lambda: daemon.descriptors() == full - 1, "the end of a client")
+        self.client(daemon, "A")
+
+    def test_goes_on_accepting_once_there_are_descriptors_again(self):
+        limit = 24
+        daemon = self.daemon(wrapper=("prlimit", "--nofile=%d:%d" % (limit, limit)))
+        clients = []
+        with self.assertRaises(socket.timeout):
+            while len(clients) < limit:
+                clients.append(Client(daemon.port, timeout=1.0))
+        daemon.wait_for_log("no descriptors are left for more clients: they wait")
+        clients.pop().close()
+        self.client(daemon)
+        for client in clients:
+            client.close()
+
+    def test_ends_behind_its_last_client(self):
+        daemon = self.daemon("-no-permanent")
+        clients = [self.client(daemon) for _ in range(3)]
+        for client in clients:
+            client.close()
+        began = time.monotonic()
+        self.assertEqual(daemon.status(), 0)
+        self.assertAlmostEqual(time.monotonic() - began, 1.2, delta=0.7)
+
+        # Someone comes back within the second.
+        daemon = self.daemon("-no-permanent")
+        self.client(daemon).close()
+        time.sleep(0.5)
+        client = self.client(daemon, "A")
+        time.sleep(1.5)
+        self.assertTrue(client.hears(client, "A"))
+        self.assertTrue(daemon.running())
+
+    def test_ends_in_order_at_a_signal(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            daemon = self.daemon()
+            reader, sender = self.client(daemon, "A"), self.client(daemon)
+            sent = sender.send("A", bytes(1000000))
+            sender.settle()
+            daemon.popen.send_signal(number)
+            self.assertEqual(reader.message(), sent)
+            self.assertTrue(reader.is_cut_off())
+            self.assertEqual(daemon.status(), 0)
+
+    def test_takes_clients_back_behind_a_restart(self):
+        daemon = self.daemon()
+        clients = [self.client(daemon, "A") for _ in range(50)]
+        before = daemon.descriptors(), daemon.threads()
+        daemon.popen.kill()
+        daemon.status()
+        again = self.daemon(port=daemon.port)
+        back = []
+        for client in clients:
+            self.assertTrue(client.is_cut_off())
+            back.append(Client(again.port, session=client.session))
+            back[-1].listen("A", "_INBOX.%s.>" % client.session)
+            self.assertEqual(back[-1].client_id, client.client_id)
+        self.assertEqual((again.descriptors(), again.threads()), before)
+        sent = self.client(again).send("A")
+        for client in back:
+            self.assertEqual(client.message(), sent)
+            client.close()
+        wait_until(lambda: again.descriptors() <= before[0] - 49, "their descriptors back")
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], *sys.argv[2:]], verbosity=2)
