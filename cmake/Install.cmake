@@ -1,7 +1,7 @@
-# cmake --install: the tool with its two modules, the programs beside it, manual pages, completions, a
-# unit sample, the operators' guide and the licence texts of third parties; and the library with its headers and its
-# files for pkg-config and CMake. The component "tool" goes into the package (Package.cmake),
-# "library" is all else.
+# cmake --install: the tool with its two modules, the programs beside it, manual pages, completions,
+# unit samples, the operators' guide and the licence texts of third parties; and the library with its
+# headers and its files for pkg-config and CMake. The component "tool" goes into the package
+# (Package.cmake), "library" is all else.
 #
 # The modules must be beside the program that loads them, and no other program should find them, so
 # program and modules go to a folder of their own, and bin/ gets a link. The set-up puts the modules
@@ -21,9 +21,9 @@ install(CODE "
     message(STATUS \"Installing: \${bin}/pelmoscope -> ${tool_from_bin}\")"
     COMPONENT tool)
 
-install(TARGETS pelmobus RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+install(TARGETS pelmobus pmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 
-foreach(program IN ITEMS pelmoscope pelmobus)
+foreach(program IN ITEMS pelmoscope pelmobus pmd)
     install(FILES docs/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
     install(FILES completions/${program}.bash
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program}
@@ -31,7 +31,7 @@ foreach(program IN ITEMS pelmoscope pelmobus)
     install(FILES completions/_${program} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
             COMPONENT tool)
 endforeach()
-install(FILES docs/OPERATING.md docs/pelmoscope.service CHANGELOG.md docs/THIRD_PARTY.md
+install(FILES docs/OPERATING.md docs/pelmoscope.service docs/pmd.service CHANGELOG.md docs/THIRD_PARTY.md
               docs/licenses/OpenSSL-1.1.1.txt
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)
 

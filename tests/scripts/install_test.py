@@ -88,6 +88,19 @@ class Install(unittest.TestCase):
             text = self.read("share", "zsh", "site-functions", "_" + program)
             self.assertEqual(sorted(set(re.findall(r"'\*?(--?[a-z-]+)=?\[", text))), options)
 
+    def test_the_daemon_has_its_page_and_completion(self):
+        text = run(os.path.join(self.usr, "bin", "pmd"), "--help").stdout
+        options = sorted(re.findall(r"^  (-[a-z-]+)", text, re.MULTILINE))
+        self.assertEqual(len(options), 8)
+        page = self.read("share", "man", "man1", "pmd.1").replace("\\-", "-")
+        heads = set(re.findall(r"^\.(?:BI|B) (-[a-z-]+)", page, re.MULTILINE))
+        self.assertEqual(sorted(heads), options)
+        zsh = self.read("share", "zsh", "site-functions", "_pmd")
+        self.assertEqual(sorted(re.findall(r"'(-[a-z-]+)\[", zsh)), options)
+        bash = self.read("share", "bash-completion", "completions", "pmd")
+        words = re.search(r'options="([^"]*)"', bash).group(1).split()
+        self.assertEqual(sorted(words), options)
+
     def test_bash_completes_options_and_knows_which_take_a_value(self):
         self.assertEqual(sorted(self.complete("pelmoscope", "-")), sorted(self.options))
         self.assertEqual(self.complete("pelmoscope", "-w-max-s"), ["-w-max-size"])
