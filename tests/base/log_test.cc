@@ -3,13 +3,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
-#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <map>
@@ -19,6 +17,7 @@
 #include "lib/base/thread.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/fixed_clock.h"
+#include "tests/support/low_limit.h"
 #include "tests/support/race.h"
 #include "tests/support/scratch_folder.h"
 
@@ -56,6 +55,12 @@ struct StderrCapture {
     va_start(arguments, format);
     logPrintModule(module, format, arguments);
     va_end(arguments);
+}
+
+// Of the thread's and round's own.
+std::string textOf(int thread, int round) {
+    return std::to_string(thread) + std::string(static_cast<size_t>(round % 100), '.') +
+           std::to_string(round);
 }
 
 struct Log : testing::Test {
@@ -158,8 +163,7 @@ TEST_F(Log, RotatesAtItsLimit) {
                 writeFile(folder.path(name), text);
             }
             ASSERT_EQ(open(limitBytes, rotations, header), kStatusSuccess);
-            std::string& log = expected["log"];
-            log += head;
+            std::string& log = expected["log"] += head;
             int next = 1;
             for (const char* text : {"a", "b", "c", "d", "e"}) {
                 errno = EXDEV;
@@ -213,13 +217,11 @@ TEST_F(Log, RefusedRenameEmptiesTheFileAndKeepsTheNumber) {
 TEST_F(Log, GoesOnOnStandardErrorWhereTheFileIsRefusedAndComesBack) {
     ASSERT_EQ(open(1000, 3, "head"), kStatusSuccess);
     FILE* stream = logStreamGet();
-    rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit none = {3, limit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
     const std::string longText(1000, 'x');
-    logPrint("%s", longText.c_str());
-    setrlimit(RLIMIT_NOFILE, &limit);
+    {
+        const LowLimit noFiles(RLIMIT_NOFILE, 3);
+        logPrint("%s", longText.c_str());
+    }
     const std::string told = line("failed to open log file '" + path + "' during log rotation.");
     EXPECT_EQ(err.text(), told);
     EXPECT_EQ(logStreamGet(), stderr);
@@ -254,31 +256,27 @@ TEST_F(Log, StandsAFullDiskAndLeavesDevicesAlone) {
 
 // A limit of the file's size stands for the disk. Twice over, so that all is told anew.
 TEST_F(Log, KeepsWholeLinesOnAFullDiskAndCountsTheOthers) {
-    const auto former = signal(SIGXFSZ, SIG_IGN);
-    rlimit limit;
-    getrlimit(RLIMIT_FSIZE, &limit);
     ASSERT_EQ(open(0, 0, nullptr), kStatusSuccess);
     FILE* stream = logStreamGet();
     const std::string a = line("a"), longText(4000, 'y');
     logPrint("%s", longText.c_str());  // so that the limit leaves room for what is told
     std::string wanted = line(longText), told;
-    for (const char* const lost : {"3", "3"}) {
+    for (int times = 0; times < 2; ++times) {
         logPrint("a");
-        const rlimit low = {wanted.size() + 2 * a.size() - 1, limit.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &low);
+        {
+            const LowLimit full(RLIMIT_FSIZE, wanted.size() + 2 * a.size() - 1);
+            logPrint("a");
+            std::fputs("row 1\nrow 2 which finds no room any more\n", stream);
+            logCheckRotation();
+            logPrint("a");
+        }
         logPrint("a");
-        std::fputs("row 1\nrow 2 which finds no room any more\n", stream);
-        logCheckRotation();
-        logPrint("a");
-        setrlimit(RLIMIT_FSIZE, &limit);
-        logPrint("a");
-        wanted += a + "row 1\n" + line(std::string(lost) + " log lines were lost.") + a;
+        wanted += a + "row 1\n" + line("3 log lines were lost.") + a;
         told += line("failed to write log file '" + path +
                      "': File too large; lines are lost until it can be written.");
         EXPECT_EQ(readFile(path), wanted);
         EXPECT_EQ(err.text(), told);
     }
-    signal(SIGXFSZ, former);
 }
 
 // A pipe that nobody reads takes so much, and each write waits; until waits are bounded.
@@ -351,10 +349,6 @@ TEST_F(Log, LinesOfManyThreadsNeverMix) {
     constexpr int kLines = 300;
     ASSERT_EQ(open(2000, 1000, "head"), kStatusSuccess);
     FILE* stream = logStreamGet();
-    const auto textOf = [](int thread, int round) {
-        return std::to_string(thread) + std::string(static_cast<size_t>(round % 100), '.') +
-               std::to_string(round);
-    };
     race(kThreads + 1, kLines, [&](int thread, int round) {
         const std::string text = textOf(thread, round);
         if (thread < kThreads) return logPrint("%s", text.c_str());

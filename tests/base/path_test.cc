@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 
 #include "tests/support/scratch_folder.h"
 
@@ -13,10 +14,8 @@ namespace {
 
 // "" stands for null: no path resolves to nothing.
 std::string resolved(const std::string& path) {
-    char* text = absolutePath(path.c_str());
-    const std::string copy = text != nullptr ? text : "";
-    std::free(text);
-    return copy;
+    const std::unique_ptr<char, decltype(&std::free)> text(absolutePath(path.c_str()), std::free);
+    return text != nullptr ? text.get() : "";
 }
 
 TEST(AbsolutePath, PutsTheDirectoryAheadUpTo511Bytes) {

@@ -5,8 +5,6 @@
 #include <atomic>
 #include <latch>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "lib/base/cond.h"
 #include "lib/base/thread_key.h"
@@ -91,19 +89,6 @@ TEST(ThreadKey, HoldsAValueForEachThreadAndHandsItToTheDestructor) {
     EXPECT_EQ(found, &mine);
     EXPECT_EQ(destroyed, &others);
     EXPECT_EQ(ThreadKey_Destroy(&key), kStatusSuccess);
-}
-
-TEST(ThreadKey, IsNotMadeWithoutAFreeSlot) {
-    ThreadKey* key = nullptr;
-    std::vector<ThreadKey*> taken;
-    while (ThreadKey_Create(&key, nullptr) == kStatusSuccess && taken.size() < 10000) {
-        taken.push_back(std::exchange(key, nullptr));
-    }
-    EXPECT_EQ(key, nullptr);
-    EXPECT_EQ(ThreadKey_Create(&key, nullptr), kStatusNoMemory);
-    for (ThreadKey* each : taken) {
-        ThreadKey_Destroy(each);
-    }
 }
 
 template <typename Record, auto create, auto destroy, auto... arguments>

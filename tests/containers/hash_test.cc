@@ -58,8 +58,7 @@ TEST(Hash, MeasuresKeysAndGrowsOnlyForNewOnes) {
 TEST(Hash, BorrowsTheLatestKeyUntilItOwnsOne) {
     const Table table = make(4);
     const char keys[4][4] = {"key", "key", "key", "key"};
-    const void* held = nullptr;
-    const void* owned = nullptr;
+    const void *held = nullptr, *owned = nullptr;
     for (size_t i = 0; i < 4; ++i) {
         EXPECT_TRUE(hashPut(table.get(), keys[i], 3, 0, i == 2, number(i + 1)));
         EXPECT_EQ(hashFind(table.get(), "key", 0, 0), number(i + 1));
@@ -133,14 +132,6 @@ TEST(Hash, TakesItsPartsFromPoolsWhereTheyFit) {
     for (ItemPool* pool : {tables, entries, keys, buckets}) {
         poolUnmake(pool);
     }
-}
-
-TEST(Hash, IsNotMadeWithoutMemory) {
-    EXPECT_EQ(eachAllocationFails([] {
-                  const Table table = make(1);
-                  EXPECT_EQ(table == nullptr, allocationsFailed() != 0);
-              }),
-              4u);
 }
 
 }  // namespace

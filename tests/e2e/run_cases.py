@@ -13,7 +13,7 @@ A case:
     packets   the capture as text, which packets.py explains
     env       changes to the environment, one to a line: NAME=VALUE, or -NAME to take one out
     before/   what stands in the scratch folder ahead of the run
-    links     hard links in it, a line for each: its name, and the file that it leads to
+    links     links in it, one to a line: "NAME -> TARGET", or "NAME = TARGET" for a hard one
     stdout, stderr, status
               what is expected, of all runs; a missing one is empty, a missing status 0 for each
     files/    what stands in the scratch folder afterwards, all of it
@@ -114,9 +114,10 @@ def run(binary, case):
         capture = capture_of(case, made)
         before = os.path.join(CASES, case, "before")
         if os.path.isdir(before):
-            shutil.copytree(before, scratch, symlinks=True, dirs_exist_ok=True)
-        for name, target in map(str.split, lines_of(case, "links")):
-            os.link(os.path.join(scratch, target), os.path.join(scratch, name))
+            shutil.copytree(before, scratch, dirs_exist_ok=True)
+        for name, kind, target in map(str.split, lines_of(case, "links")):
+            link = os.symlink if kind == "->" else os.link
+            link(os.path.join(scratch, target), os.path.join(scratch, name))
         out = {"stdout": b"", "stderr": b"", "status": b""}
         for args in "\n".join(lines_of(case, "args")).split("\n--\n"):
             done = subprocess.run([binary] + fill(args, capture, scratch).split("\n"), cwd=scratch,

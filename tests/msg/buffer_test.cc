@@ -1,16 +1,16 @@
 #include "lib/msg/buffer.h"
 
 #include <algorithm>
-#include <latch>
 #include <memory>
 #include <optional>
-#include <thread>
-#include <vector>
 
 #include "tests/support/fail_alloc.h"
 #include "tests/support/pool_manager.h"
+#include "tests/support/race.h"
 
 namespace {
+
+constexpr const char *kHeap = "heap", *kPools = "pools", *kCache = "pools with a cache";
 
 using Held = std::unique_ptr<Buffer, void (*)(Buffer*)>;
 
@@ -36,13 +36,12 @@ bool isInline(const Held& buffer) {
     return buffer->data == reinterpret_cast<const uint8_t*>(buffer.get() + 1);
 }
 
-// Where records come from, and private pools of 20 records with 100 inline bytes.
-enum class Source { kHeap, kPool, kPoolWithCache };
-
-struct Buffers : testing::TestWithParam<Source> {
+// Records come from the heap, or from pools with or without a cache; private pools have 20 records
+// with 100 inline bytes.
+struct Buffers : testing::TestWithParam<const char*> {
     Buffers() {
-        if (GetParam() == Source::kHeap) return;
-        pools.emplace(GetParam() == Source::kPoolWithCache ? 1 : 0);
+        if (GetParam() == kHeap) return;
+        pools.emplace(GetParam() == kCache ? 1 : 0);
         EXPECT_EQ(bufferPoolCreate(), kStatusSuccess);
         EXPECT_EQ(bufferPrivatePool(&privatePool, 20, 100), kStatusSuccess);
     }
@@ -55,9 +54,7 @@ struct Buffers : testing::TestWithParam<Source> {
     ChunkPool* privatePool = nullptr;
 };
 
-INSTANTIATE_TEST_SUITE_P(Sources,
-                         Buffers,
-                         testing::Values(Source::kHeap, Source::kPool, Source::kPoolWithCache));
+INSTANTIATE_TEST_SUITE_P(From, Buffers, testing::Values(kHeap, kPools, kCache));
 
 TEST_P(Buffers, HaveThirtyTwoBytesOrMoreOrNone) {
     for (const uint32_t asked : {0u, 1u, 31u, 32u, 33u, 100u, 101u, 70000u}) {
@@ -138,20 +135,12 @@ TEST_P(Buffers, GoWithTheLastHolderOnWhateverThread) {
         buffer = bufferCreateFrom(privatePool, 100);
         bufferRetain(buffer);
     }
-    std::latch start(2);
-    std::thread threads[2];
-    for (std::thread& thread : threads) {
-        thread = std::thread([&] {
-            poolThreadEnter();
-            start.arrive_and_wait();
-            for (Buffer* buffer : shared) {
-                bufferRelease(buffer);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    race(2, 1, [&shared](int, int) {
+        poolThreadEnter();
+        for (Buffer* buffer : shared) {
+            bufferRelease(buffer);
+        }
+    });
     poolThreadLeave();
     if (privatePool == nullptr) return;
     EXPECT_EQ(availableIn(privatePool), chunksIn(privatePool));

@@ -146,18 +146,9 @@ TEST(Codec, WritesAndReadsKnownBytes) {
 TEST(Codec, RefusesToWriteWhatTheTypeDoesntHave) {
     const char* const texts[] = {"ab", "c"};
     const Bytes longSubject = {0, 4, 0};  // tells more than there is
-    const auto field = [](uint8_t type, uint32_t size, const void* data, uint32_t count = 1) {
-        pelmoMsgField made;
-        made.type = type;
-        made.size = size;
-        made.count = count;
-        made.data.pointer = data;
-        return made;
-    };
-    const auto date = [](uint32_t size, int64_t seconds, uint32_t nanoseconds) {
-        pelmoMsgField made = dateTimeValue(seconds, nanoseconds)->field();
-        made.size = size;
-        return made;
+    const auto date = [](uint32_t size, int64_t seconds, uint32_t nanoseconds) -> pelmoMsgField {
+        const pelmoMsgDateTime time = {seconds, nanoseconds};
+        return {.size = size, .data = {.dateTime = time}, .type = FIELD_DATETIME};
     };
     std::vector<pelmoMsgField> fields = {
         date(8, 0, 0),
@@ -165,13 +156,13 @@ TEST(Codec, RefusesToWriteWhatTheTypeDoesntHave) {
         date(12, kTwoTo39, 0),
         date(12, -kTwoTo39 - 1, 0),
         date(12, 0, 1000000000),
-        field(FIELD_SUBJECT, 3, longSubject.data()),
-        field(FIELD_SUBJECT, 1, longSubject.data()),
-        field(FIELD_SUBJECT, 4, "\0\4\1\1"),
-        field(FIELD_STRINGARRAY, 8, texts, 2),  // takes 9
-        field(FIELD_STRINGARRAY, 10, texts, 2),
-        field(FIELD_STRINGARRAY, 7, texts, 2),
-        field(FIELD_STRINGARRAY, 3, texts, 0),
+        fieldOf(FIELD_SUBJECT, 3, longSubject.data()),
+        fieldOf(FIELD_SUBJECT, 1, longSubject.data()),
+        fieldOf(FIELD_SUBJECT, 4, "\0\4\1\1"),
+        fieldOf(FIELD_STRINGARRAY, 8, texts, 2),  // takes 9
+        fieldOf(FIELD_STRINGARRAY, 10, texts, 2),
+        fieldOf(FIELD_STRINGARRAY, 7, texts, 2),
+        fieldOf(FIELD_STRINGARRAY, 3, texts, 0),
     };
     const Bytes empty = imageOf(std::vector<Bytes>());
     const SharedValue messages[] = {messageValue(empty), messageArrayValue({empty})};
@@ -184,10 +175,10 @@ TEST(Codec, RefusesToWriteWhatTheTypeDoesntHave) {
     for (uint8_t type = FIELD_I8; type <= FIELD_MSGARRAY; ++type) {
         if (fieldEncoders[type] == nullptr || type == FIELD_NONE) continue;
         for (const uint32_t size : {0u, 3u, 9u}) {
-            if (type < FIELD_XML) fields.push_back(field(type, size, texts));
+            if (type < FIELD_XML) fields.push_back(fieldOf(type, size, texts));
         }
-        if (type >= FIELD_I8ARRAY)
-            fields.push_back(field(type, type < FIELD_I16ARRAY ? 1 : 8, nullptr));
+        if (type < FIELD_I8ARRAY) continue;
+        fields.push_back(fieldOf(type, type < FIELD_I16ARRAY ? 1 : 8, nullptr));
     }
     for (const pelmoMsgField& wrong : fields) {
         EXPECT_EQ(encode(wrong, 100).status, kStatusInvalidArgument)
@@ -197,9 +188,7 @@ TEST(Codec, RefusesToWriteWhatTheTypeDoesntHave) {
 }
 
 TEST(Codec, WritesWhatTheReaderSeesOtherwise) {
-    pelmoMsgField measured;
-    measured.type = FIELD_STRING;
-    measured.data.pointer = "ab";
+    const pelmoMsgField measured = fieldOf(FIELD_STRING, 0, "ab");
     EXPECT_EQ(encode(measured, 4).image, (Bytes{8, 3, 'a', 'b', 0}));
     EXPECT_EQ(encode(measured, 3).status, kStatusNoMemory);
 

@@ -1,6 +1,6 @@
 
-#include <functional>
 #include <optional>
+#include <utility>
 
 #include "lib/msg/envelope_internal.h"
 #include "tests/support/envelope_bytes.h"
@@ -8,34 +8,39 @@
 namespace {
 
 TEST(Envelope, IsLaidDownToTheByte) {
-    using Call = std::function<pelmoStatus(pelmoMsg*)>;
-    const Call send = [](pelmoMsg* msg) { return pelmoMsg_SetSendSubject(msg, "A.B"); };
-    const Call reply = [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, "R"); };
-    const Call port = [](pelmoMsg* msg) { return pelmoMsg_SetSourcePort(msg, 7500); };
-    const Call noSend = [](pelmoMsg* msg) { return pelmoMsg_SetSendSubject(msg, nullptr); };
-    const Call noReply = [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, nullptr); };
-    const Call kind = [](pelmoMsg* msg) { return msgSetMtype(msg, "Q"); };
+    // By a letter: s and r set send and reply subject, S and R take them away, p the port, k a
+    // kind.
+    const auto call = [](char letter, pelmoMsg* msg) {
+        switch (letter) {
+            case 's':
+            case 'S':
+                return pelmoMsg_SetSendSubject(msg, letter == 's' ? "A.B" : nullptr);
+            case 'r':
+            case 'R':
+                return pelmoMsg_SetReplySubject(msg, letter == 'r' ? "R" : nullptr);
+            case 'p':
+                return pelmoMsg_SetSourcePort(msg, 7500);
+            default:
+                return msgSetMtype(msg, "Q");
+        }
+    };
     Bytes kindQ = kMtypeD;
     kindQ[9] = 'Q';
-    const struct {
-        const char* what;
-        std::vector<Call> calls;
-        Bytes envelope;
-    } cases[] = {
-        {"send", {send}, kSubAB + kMtypeD},
-        {"nothing left", {reply, noReply}, {}},
-        {"send, reply", {send, reply}, kSubAB + kMtypeD + kReturnR},
-        {"reply, send", {reply, send}, kReturnR + kSubAB + kMtypeD},
-        {"port, reply, send", {port, reply, send}, kCid + kReturnR + kSubAB + kMtypeD},
-        {"kind, send", {kind, send}, kindQ + kSubAB},
-        {"send, reply, no send", {send, reply, noSend}, kMtypeD + kReturnR},
-        {"no send, no reply, port", {noSend, noReply, port}, kCid},
+    const std::pair<std::string, Bytes> cases[] = {
+        {"s", kSubAB + kMtypeD},
+        {"rR", {}},
+        {"sr", kSubAB + kMtypeD + kReturnR},
+        {"rs", kReturnR + kSubAB + kMtypeD},
+        {"prs", kCid + kReturnR + kSubAB + kMtypeD},
+        {"ks", kindQ + kSubAB},
+        {"srS", kMtypeD + kReturnR},
+        {"SRp", kCid},
     };
-    for (const auto& [what, calls, envelope] : cases) {
-        SCOPED_TRACE(what);
+    for (const auto& [calls, envelope] : cases) {
+        SCOPED_TRACE(calls);
         const Message msg = appMessage();
-        for (const Call& call : calls) {
-            EXPECT_EQ(call(msg.get()), kStatusSuccess);
+        for (const char letter : calls) {
+            EXPECT_EQ(call(letter, msg.get()), kStatusSuccess);
         }
         EXPECT_EQ(wireOf(msg.get()), outer(envelope + kData + kApp));
         EXPECT_EQ(msg->dataOffset, 16 + envelope.size());
@@ -44,8 +49,8 @@ TEST(Envelope, IsLaidDownToTheByte) {
         EXPECT_FALSE(msgHasForeign(msg.get()));
     }
     const Message plain = appMessage();
-    EXPECT_EQ(noSend(plain.get()), kStatusSuccess);
-    EXPECT_EQ(noReply(plain.get()), kStatusSuccess);
+    EXPECT_EQ(call('S', plain.get()), kStatusSuccess);
+    EXPECT_EQ(call('R', plain.get()), kStatusSuccess);
     EXPECT_EQ(wireOf(plain.get()), kApp);
 }
 
@@ -274,18 +279,23 @@ TEST(Envelope, IsPrintedWithoutBeingLeftClosed) {
 }
 
 TEST(Envelope, IsCreatedWithFieldsAsAddingThemDoes) {
-    const SharedValue values[] = {scalarValue(FIELD_U16, &FieldData::u16, uint16_t{9}),
-                                  stringValue(std::string(300, 's')), stringArrayValue({"one", ""}),
-                                  messageValue(kApp)};
-    const char* const names[] = {"a", "", nullptr, "m"};
-    const uint16_t ids[] = {3, 65535, 0, 1};
+    const struct {
+        SharedValue value;
+        const char* name;
+        uint16_t id;
+    } given[] = {
+        {scalarValue(FIELD_U16, &FieldData::u16, uint16_t{9}), "a", 3},
+        {stringValue(std::string(300, 's')), "", 65535},
+        {stringArrayValue({"one", ""}), nullptr, 0},
+        {messageValue(kApp), "m", 1},
+    };
     std::vector<pelmoMsgField> fields;
     std::vector<Bytes> records;
-    for (size_t i = 0; i < std::size(values); ++i) {
-        fields.push_back(values[i]->field());
-        fields.back().name = names[i];
-        fields.back().id = ids[i];
-        records.push_back(recordOf(names[i], ids[i], *values[i]));
+    for (const auto& [value, name, id] : given) {
+        fields.push_back(value->field());
+        fields.back().name = name;
+        fields.back().id = id;
+        records.push_back(recordOf(name, id, *value));
     }
     fields[1].size = 0;  // to be worked out
 

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <optional>
 #include <random>
 
@@ -26,11 +26,15 @@ struct Random {
     bool oneIn(uint32_t chances) { return below(chances) == 0; }
 };
 
+const char* charsOf(const std::optional<std::string>& text) {
+    return text ? text->c_str() : nullptr;
+}
+
 struct Key {
     std::optional<std::string> name;
     uint16_t id;
 
-    [[nodiscard]] const char* text() const { return name ? name->c_str() : nullptr; }
+    [[nodiscard]] const char* text() const { return charsOf(name); }
 };
 
 struct ModelField : Key {
@@ -69,40 +73,32 @@ constexpr uint32_t kIds = 12;
 constexpr size_t kStringChars[] = {0,   1,   2,   7,   29,    60,    117,
                                    118, 119, 120, 130, 29998, 29999, 30000};
 
+// Of a kind, by a random number.
+SharedValue (*const kSimpleValues[])(uint32_t number) = {
+    [](auto n) { return scalarValue(FIELD_I8, &FieldData::i8, static_cast<int8_t>(n)); },
+    [](auto n) { return scalarValue(FIELD_I32, &FieldData::i32, static_cast<int32_t>(n)); },
+    [](auto n) { return scalarValue(FIELD_U64, &FieldData::u64, uint64_t{n} << 20); },
+    [](auto n) { return scalarValue(FIELD_F64, &FieldData::f64, n / 8.0); },
+    [](auto n) { return dateTimeValue(int64_t{n} - (1 << 30), n % 1000000 * 1000); },
+    [](auto n) { return stringValue(std::string(kStringChars[n % std::size(kStringChars)], 's')); },
+    [](auto n) { return stringValue(std::string(n % 150, 's')); },
+    [](auto n) { return blockValue(FIELD_OPAQUE, patternBytes(n % 130, n)); },
+    [](auto n) { return arrayValue(FIELD_U8ARRAY, 1, patternBytes(1 + n % 150, n)); },
+    [](auto n) { return arrayValue(FIELD_I32ARRAY, 4, patternBytes(4 + n % 150 / 4 * 4, n)); },
+    [](auto n) {
+        return stringArrayValue({std::string(n % 70, 't'), "", "end"});
+    },
+};
+constexpr uint32_t kSimpleKinds = std::size(kSimpleValues);
+constexpr uint32_t kKinds = kSimpleKinds + 2;  // messages and lists of them
+
 SharedValue randomValue(Random& random, uint32_t kind) {
     const auto number = static_cast<uint32_t>(random.engine());
-    switch (kind) {
-        case 0:
-            return scalarValue(FIELD_I8, &FieldData::i8, static_cast<int8_t>(number));
-        case 1:
-            return scalarValue(FIELD_I32, &FieldData::i32, static_cast<int32_t>(number));
-        case 2:
-            return scalarValue(FIELD_U64, &FieldData::u64, uint64_t{number} << 20);
-        case 3:
-            return scalarValue(FIELD_F64, &FieldData::f64, number / 8.0);
-        case 4:
-            return dateTimeValue(int64_t{number} - (1 << 30), number % 1000000 * 1000);
-        case 5:
-        case 6:
-            return stringValue(std::string(kStringChars[number % std::size(kStringChars)], 's'));
-        case 7:
-            return blockValue(FIELD_OPAQUE, patternBytes(number % 130, number));
-        case 8:
-            return arrayValue(FIELD_U8ARRAY, 1, patternBytes(1 + number % 150, number));
-        case 9:
-            return arrayValue(FIELD_I32ARRAY, 4, patternBytes(4 + number % 150 / 4 * 4, number));
-        case 10:
-            return stringArrayValue({std::string(number % 70, 't'), "", "end"});
-        case 11:
-            return messageValue(imageOf({recordOf("x", 0, *randomValue(random, number % 10))}));
-        default: {
-            const Bytes image = imageOf({recordOf("y", 1, *randomValue(random, number % 10))});
-            return messageArrayValue({image, imageOf(std::vector<Bytes>{}), image});
-        }
-    }
+    if (kind < kSimpleKinds) return kSimpleValues[kind](number);
+    const Bytes image = imageOf({recordOf("x", 1, *randomValue(random, number % kSimpleKinds))});
+    if (kind == kSimpleKinds) return messageValue(image);
+    return messageArrayValue({image, imageOf(std::vector<Bytes>{}), image});
 }
-
-constexpr uint32_t kKinds = 13;
 
 Key randomKey(Random& random) {
     Key key{kNames[random.below(std::size(kNames))], 0};
@@ -126,14 +122,7 @@ pelmoStatus modelFind(const std::vector<ModelField>& fields, const Key& key, siz
     return kStatusNotFound;
 }
 
-bool modelHasId(const std::vector<ModelField>& fields, uint16_t id) {
-    for (const ModelField& field : fields) {
-        if (id != 0 && field.id == id) return true;
-    }
-    return false;
-}
-
-// The operation may be made to run out of memory. Then nothing may have changed.
+// The operation may be made to run out of memory. Then nothing may have changed, and the step ends.
 template <typename Operation>
 pelmoStatus attempt(Random& random, Operation operation) {
     if (!random.oneIn(6)) return operation();
@@ -160,8 +149,9 @@ void stepAdd(Random& random, Pair& pair) {
     const pelmoStatus status =
         attempt(random, [&] { return pelmoMsg_AddField(pair.msg.get(), &field); });
     if (status == kStatusNoMemory) return;
-    ASSERT_EQ(status, modelHasId(pair.fields, key.id) ? kStatusIdInUse : kStatusSuccess);
-    if (status == kStatusSuccess) pair.fields.push_back({key, value});
+    const bool inUse = key.id != 0 && std::ranges::count(pair.fields, key.id, &ModelField::id) != 0;
+    ASSERT_EQ(status, inUse ? kStatusIdInUse : kStatusSuccess);
+    if (!inUse) pair.fields.push_back({key, value});
 }
 
 void stepUpdate(Random& random, Pair& pair) {
@@ -176,18 +166,18 @@ void stepUpdate(Random& random, Pair& pair) {
         value = randomValue(random, random.below(kKinds));
     }
     const pelmoMsgField field = keyed(key, *value);
+    pelmoStatus expected = found;
+    if (found == kStatusNotFound) expected = kStatusSuccess;
+    if (found == kStatusSuccess && value->type != pair.fields[position].value->type) {
+        expected = kStatusInvalidType;
+    }
     const pelmoStatus status =
         attempt(random, [&] { return pelmoMsg_UpdateField(pair.msg.get(), &field); });
     if (status == kStatusNoMemory) return;
-    if (found == kStatusNotFound) {
-        ASSERT_EQ(status, kStatusSuccess);
-        pair.fields.push_back({key, value});
-    } else if (found == kStatusSuccess && value->type != pair.fields[position].value->type) {
-        ASSERT_EQ(status, kStatusInvalidType);
-    } else {
-        ASSERT_EQ(status, found);
-        if (status == kStatusSuccess) pair.fields[position].value = value;
-    }
+    ASSERT_EQ(status, expected);
+    if (status != kStatusSuccess) return;
+    if (found == kStatusNotFound) return pair.fields.push_back({key, value});
+    pair.fields[position].value = value;
 }
 
 // The n-th of that name, from 1; 0 for the one that name and id tell.
@@ -280,34 +270,22 @@ void stepEnvelope(Random& random, Pair& pair) {
     ModelEnvelope next = pair.envelope;
     std::optional<std::string> text;
     if (random.oneIn(2)) text = randomSubject(random);
-    const char* chars = text ? text->c_str() : nullptr;
-    pelmoStatus status = kStatusSuccess;
     const uint32_t dice = random.below(4);
-    const bool changes = (dice == 0 && (text || next.subject)) ||
-                         (dice == 1 && (text || next.reply)) || dice == 2 || next.there;
-    switch (dice) {
-        case 0:
-            next.subject = text;
-            status = attempt(random, [&] { return pelmoMsg_SetSendSubject(msg, chars); });
-            break;
-        case 1:
-            next.reply = text;
-            status = attempt(random, [&] { return pelmoMsg_SetReplySubject(msg, chars); });
-            break;
-        case 2:
-            next.port = static_cast<uint16_t>(random.below(65536));
-            status = attempt(random, [&] { return pelmoMsg_SetSourcePort(msg, *next.port); });
-            break;
-        default:
-            if (next.there) status = attempt(random, [&] { return reopen(msg); });
-            break;
-    }
+    if (dice == 3 && !next.there) return;
+    auto& changed = dice == 0 ? next.subject : next.reply;
+    // Taking away what isn't there looks at nothing.
+    const bool looks = dice >= 2 || text || changed;
+    if (dice < 2) changed = text;
+    if (dice == 2) next.port = static_cast<uint16_t>(random.below(65536));
+    const pelmoStatus status = attempt(random, [&] {
+        if (dice == 0) return pelmoMsg_SetSendSubject(msg, charsOf(text));
+        if (dice == 1) return pelmoMsg_SetReplySubject(msg, charsOf(text));
+        return dice == 2 ? pelmoMsg_SetSourcePort(msg, *next.port) : reopen(msg);
+    });
     if (status == kStatusNoMemory) return;
     ASSERT_EQ(status, kStatusSuccess);
-    next.there |= changes;
-    // Taking away what isn't there looks at nothing.
-    next.portKnown |=
-        dice >= 2 || text || (dice == 0 ? pair.envelope.subject : pair.envelope.reply);
+    next.there |= looks;
+    next.portKnown |= looks;
     pair.envelope = next;
 }
 
@@ -361,12 +339,11 @@ void expectEnvelope(const Pair& pair) {
     const ReferenceMark before = msgMark(pair.msg.get());
     const auto& [there, portKnown, subject, reply, port] = pair.envelope;
     const char* text = nullptr;
-    ASSERT_EQ(pelmoMsg_GetSendSubject(pair.msg.get(), &text),
-              subject ? kStatusSuccess : kStatusNotFound);
-    ASSERT_STREQ(text, subject ? subject->c_str() : nullptr);
-    ASSERT_EQ(pelmoMsg_GetReplySubject(pair.msg.get(), &text),
-              reply ? kStatusSuccess : kStatusNotFound);
-    ASSERT_STREQ(text, reply ? reply->c_str() : nullptr);
+    const auto found = [](bool is) { return is ? kStatusSuccess : kStatusNotFound; };
+    ASSERT_EQ(pelmoMsg_GetSendSubject(pair.msg.get(), &text), found(subject.has_value()));
+    ASSERT_STREQ(text, charsOf(subject));
+    ASSERT_EQ(pelmoMsg_GetReplySubject(pair.msg.get(), &text), found(reply.has_value()));
+    ASSERT_STREQ(text, charsOf(reply));
     uint16_t number = 0;
     const pelmoStatus status = pelmoMsg_GetSource(pair.msg.get(), &number);
     ASSERT_EQ(status, port && portKnown ? kStatusSuccess : kStatusNotFound);

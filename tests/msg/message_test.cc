@@ -52,11 +52,6 @@ void expectRefused(const Message& msg, Change change, const RefusedCase& row) {
     EXPECT_EQ(countOf(msg.get()), count) << row.what;
 }
 
-pelmoMsgField fieldOf(uint8_t type, uint32_t size, const void* data, uint32_t count = 1) {
-    return {
-        .name = "refused", .size = size, .count = count, .data = {.pointer = data}, .type = type};
-}
-
 pelmoMsgField dateOf(const char* name, uint16_t id, pelmoMsgDateTime time) {
     return {.name = name, .size = 12, .data = {.dateTime = time}, .id = id, .type = FIELD_DATETIME};
 }
@@ -167,9 +162,9 @@ TEST(Message, TakesAValueByTheFastPathAsByTheSlow) {
         };
         const pelmoMsgField fields[] = {
             {.size = 8, .data = {.i64 = -3}, .type = FIELD_I64},
-            {.data = {.pointer = text.c_str()}, .type = FIELD_STRING},
-            {.size = chars, .data = {.pointer = text.data()}, .type = FIELD_OPAQUE},
-            {.size = 12, .data = {.dateTime = time}, .type = FIELD_DATETIME},
+            fieldOf(FIELD_STRING, 0, text.c_str()),
+            fieldOf(FIELD_OPAQUE, chars, text.data()),
+            dateOf(nullptr, 0, time),
         };
         for (uint32_t i = 0; i < 2 * kInlineIndexEntries; ++i) {
             const uint16_t id = i % 5 == 4 && name != nullptr ? static_cast<uint16_t>(i) : 0;

@@ -62,19 +62,11 @@ void destroy(ChunkPool* pool) {
     poolDestroy(pool, __FILE__, __LINE__);
 }
 
-// What was logged, without what the log itself puts ahead of each line.
-std::string logOf(void (*body)()) {
-    testing::internal::CaptureStderr();
-    body();
-    return std::regex_replace(testing::internal::GetCapturedStderr(),
-                              std::regex("[^\n]*?: ([^\n]*\n)"), "$1");
-}
-
 TEST(Pool, RefusesSizesThatMakeNoBlock) {
     EXPECT_EQ(makePool(10, 0, 1), nullptr) << "no manager yet";
     const OpenPools open(0);
     const struct {
-        uint32_t perBlock, chunk, offset;
+        uint32_t perBlock, chunkBytes, offset;
         uint64_t bytes;  // of one block; 0: refused
     } cases[] = {{10, 20, 12, 240},    {10, 24, 16, 240}, {1, 8, 0, 8},
                  {10, 20, 13, 0},      {10, 7, 0, 0},     {0, 20, 0, 0},
@@ -140,16 +132,11 @@ TEST(Pool, GivesBackAtThe256thGive) {
     ChunkPool* pool = makePool(300, 1, 1);
     ChunkPool* other = makePool(10, 1, 1);
     const std::vector<Item*> items = takeMany(pool, 300);
-    Item* oneOfOther = take(other);
-    give(other, oneOfOther);  // all pools count together
-    for (size_t i = 0; i < 254; ++i) {
-        give(pool, items[i]);
+    give(other, take(other));  // all pools count together
+    for (uint32_t given = 1; given <= 256; ++given) {
+        give(pool, items[given - 1]);
+        EXPECT_EQ(availableIn(pool), given < 255 ? 0u : 255u);
     }
-    EXPECT_EQ(availableIn(pool), 0u);
-    give(pool, items[254]);
-    EXPECT_EQ(availableIn(pool), 255u);
-    give(pool, items[255]);
-    EXPECT_EQ(availableIn(pool), 255u);
     poolThreadLeave();
     EXPECT_EQ(availableIn(pool), 256u);
     EXPECT_EQ(availableIn(other), 10u);
@@ -195,15 +182,14 @@ TEST(PoolReclaim, FreesWhatLayIdleForAWholeTickButTheLeast) {
             timers.tick();
             timers.tick();
             if (backwards) std::ranges::reverse(items);
-            giveAll(pool, items);
-            poolThreadLeave();
-            timers.tick();
-            EXPECT_EQ(chunksIn(pool), 200u);
-            poolThreadEnter();
-            giveAll(pool, takeMany(pool, 101));  // used between two ticks
-            poolThreadLeave();
-            timers.tick();
-            EXPECT_EQ(chunksIn(pool), 200u);
+            for (int round = 0; round < 2; ++round) {  // used between two ticks
+                giveAll(pool, items);
+                poolThreadLeave();
+                timers.tick();
+                EXPECT_EQ(chunksIn(pool), 200u);
+                poolThreadEnter();
+                if (round == 0) items = takeMany(pool, 101);
+            }
             timers.tick();
             timers.tick();
             EXPECT_EQ(chunksIn(pool), 100u);
@@ -287,18 +273,19 @@ TEST(Pool, LeavesNothingHalfMade) {
         poolThreadEnter();
         const pelmoStatus started = poolStartReclaim(2);
         EXPECT_TRUE(started == kStatusSuccess || started == kStatusNoMemory);
-        if (ChunkPool* pool = makePool(20, 2, 5)) {
+        ChunkPool* pool = makePool(20, 2, 5);
+        EXPECT_TRUE(pool != nullptr || allocationsFailed() != 0);
+        if (pool != nullptr) {
             std::vector<Item*> items(60);
             std::ranges::generate(items, [&] { return take(pool); });
             std::erase(items, nullptr);
-            // One failed block may be made up for, but what was there is given.
-            EXPECT_GE(items.size(), allocationsFailed() == 0 ? 60u : 0u);
+            EXPECT_TRUE(items.size() == 60 || allocationsFailed() != 0);
             giveAll(pool, items);
             destroy(pool);
-        } else {
-            EXPECT_NE(allocationsFailed(), 0u);
         }
-        (void)logOf(poolStopReclaim);  // without memory it keeps them, and says so
+        testing::internal::CaptureStderr();
+        poolStopReclaim();  // without memory it keeps them, and says so
+        (void)testing::internal::GetCapturedStderr();
         allocationsHeal();
         poolStopReclaim();
         poolManagerClose();
@@ -315,28 +302,26 @@ TEST(Pool, IsDumpedWithAMapOfItsChunks) {
     // The 51st chunk of the first block, wherever the second one lies.
     const bool secondLies = items[1] - items[0] != 1;
     give(pool, items[secondLies ? 51 : 50]);
-    EXPECT_EQ(std::regex_replace(logOf(poolDumpAll), std::regex("0x[0-9a-f]+"), "ADDRESS"),
-              "Pool:\n\tid:\t\t0\n\trefCount:\t1\n\tblockSize:\t1272\n\tchunkSize:\t24\n"
-              "\tchunksPerBlock:\t53\n\toffset:\t\t8\n\tminBlockCount:\t1\n\tblockCount:\t2\n"
-              "\trefreshCount:\t10\n\tchunksAvailable:53\n\tchunksIssued:\t54\n"
-              "\tchunksReturned:\t1\n"
-              "\tBlock 0:\n\t\tblock:\t\tADDRESS\n\t\tsize:\t\t1272\n\t\tmmaped:\t\t0\n"
-              "\t\tfreeable:\t0\n\t\tchunks:\t\tADDRESS\n\t\tinitCount:\t10\n"
-              "\t\tchunksAvailable:9\n\t\tFree Chunks:\n"
-              "\t\t\t|fffffffff " +
-                  std::string(40, 'x') + "|\n\t\t\t|xxx|\n" +
-                  "\tBlock 1:\n\t\tblock:\t\tADDRESS\n\t\tsize:\t\t1272\n\t\tmmaped:\t\t0\n"
-                  "\t\tfreeable:\t0\n\t\tchunks:\t\tADDRESS\n\t\tinitCount:\t53\n"
-                  "\t\tchunksAvailable:1\n\t\tFree Chunks:\n\t\t\t|" +
-                  std::string(50, ' ') + "|\n\t\t\t|f  |\n");
+    testing::internal::CaptureStderr();
+    poolDumpAll();
+    // Without white space, addresses, and what the log puts ahead of each line.
+    const std::regex aside("[^\n]*?: (?=[^\n]*\n)|0x[0-9a-f]+|\t|\n");
+    EXPECT_EQ(std::regex_replace(testing::internal::GetCapturedStderr(), aside, ""),
+              "Pool:id:0refCount:1blockSize:1272chunkSize:24chunksPerBlock:53offset:8"
+              "minBlockCount:1blockCount:2refreshCount:10chunksAvailable:53chunksIssued:54"
+              "chunksReturned:1"
+              "Block 0:block:size:1272mmaped:0freeable:0chunks:initCount:10chunksAvailable:9"
+              "Free Chunks:|fffffffff " +
+                  std::string(40, 'x') + "||xxx|" +
+                  "Block 1:block:size:1272mmaped:0freeable:0chunks:initCount:53chunksAvailable:1"
+                  "Free Chunks:|" +
+                  std::string(50, ' ') + "||f  |");
     destroy(pool);
 }
 
 // Eight threads take, hand on to each other and give, while others come and go, pools are made and
 // die, and ticks free blocks.
 TEST(Pool, HoldsUnderEightThreads) {
-    constexpr int kThreads = 8;
-    constexpr int kRounds = 4000;
     const OpenPools open(1);
     PoolTimers timers;
     timers.rows.reserve(1000);
@@ -346,11 +331,11 @@ TEST(Pool, HoldsUnderEightThreads) {
 
     std::atomic<Item*> mailboxes[32] = {};
     std::vector<std::thread> threads;
-    for (int number = 0; number < kThreads; ++number) {
+    for (uint32_t number = 0; number < 8; ++number) {
         threads.emplace_back([&, number] {
-            std::mt19937 random(static_cast<uint32_t>(number));
+            std::mt19937 random(number);
             poolThreadEnter();
-            for (int round = 0; round < kRounds; ++round) {
+            for (int round = 0; round < 4000; ++round) {
                 Item* item = take(pool);
                 Item* received = mailboxes[random() % std::size(mailboxes)].exchange(item);
                 if (received != nullptr) give(pool, received);

@@ -21,8 +21,7 @@ void onEvent(uint32_t, pelmoMsg*, void*) {}
 // Each does one piece of work, whatever it is answered.
 
 void makeTimers() {
-    uint32_t queue = 0;
-    uint32_t timer = 0;
+    uint32_t queue = 0, timer = 0;
     if (pelmoQueue_Create(&queue) != kStatusSuccess) return;
     const pelmoStatus status = pelmoEvent_CreateTimer(&timer, queue, onEvent, 0, nullptr);
     EXPECT_NE(status, kStatusInvalidEvent);
@@ -37,12 +36,10 @@ void makeTimers() {
 void makeIoEvents() {
     int sockets[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) return;
-    uint32_t event = 0;
     for (const uint32_t queue : {kDefaultQueueId, kFirstIoQueueId}) {
-        if (pelmoEvent_CreateIO(&event, queue, onEvent, sockets[0], kIoWrite, nullptr) ==
-            kStatusSuccess) {
-            pelmoEvent_DestroyEx(event, nullptr);
-        }
+        uint32_t event = 0;
+        (void)pelmoEvent_CreateIO(&event, queue, onEvent, sockets[0], kIoWrite, nullptr);
+        if (event != 0) pelmoEvent_DestroyEx(event, nullptr);
     }
     for (const int socket : sockets)
         close(socket);
@@ -82,8 +79,7 @@ void makeDispatchers() {
 }
 
 void pollQueues() {
-    uint32_t queue = 0;
-    uint32_t listener = 0;
+    uint32_t queue = 0, listener = 0;
     if (pelmoQueue_CreateSynchronous(&queue) != kStatusSuccess) return;
     (void)_pelmoTransport_AddPolledListener(&listener, queue, kIntraProcessTransportId, "A.B");
     pelmoMsg* message = nullptr;

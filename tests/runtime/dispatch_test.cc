@@ -44,28 +44,16 @@ void onOther(pelmoMsg** messages, uint32_t count) {
     onVector(messages, count);
 }
 
-struct ListenerRow {
-    char letter;
-    pelmoVectorCallback callback;  // null: a plain one
-    uintptr_t group = 0;
-    uint32_t transport = kLocal;
-};
-
-const ListenerRow kListeners[] = {
-    {'a', onVector, 1},     {'b', onVector, 1}, {'c', onVector, 2},  // another group
-    {'d', onVector, 1, 11},                                          // another transport
-    {'e', onOther, 1},                                               // another callback
-    {'p', nullptr},         {'x', onVector, 1},  // destroyed with its entries on the queue
-};
-
-uint32_t listenAs(const ListenerRow& row, uint32_t queue) {
-    char* const closure = &letters[row.letter - 'a'];
-    if (row.callback == nullptr) return listen(queue, onPlain, closure);
+// Of vectors, but for p, and of one group, callback and transport but for c, d and e.
+uint32_t listenAs(char letter, uint32_t queue) {
+    char* const closure = &letters[letter - 'a'];
+    if (letter == 'p') return listen(queue, onPlain, closure);
     uint32_t event = kNoId;
-    EXPECT_EQ(pelmoEvent_CreateVectorListenerEx(&event, queue, row.callback, kLocal, "A", closure,
-                                                reinterpret_cast<void*>(row.group)),
+    EXPECT_EQ(pelmoEvent_CreateVectorListenerEx(
+                  &event, queue, letter == 'e' ? onOther : onVector, kLocal, "A", closure,
+                  reinterpret_cast<void*>(uintptr_t{letter == 'c' ? 2u : 1u})),
               kStatusSuccess);
-    recordOf<Event>(event)->listener.transportId = row.transport;
+    if (letter == 'd') recordOf<Event>(event)->listener.transportId = 11;
     return event;
 }
 
@@ -94,8 +82,8 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
             SCOPED_TRACE(posted + (isSingle ? " single" : ""));
             const DispatchStand stand;
             uint32_t events[128] = {};
-            for (const ListenerRow& row : kListeners)
-                events[size_t(row.letter)] = listenAs(row, stand.queue);
+            for (const char letter : std::string("abcdepx"))
+                events[size_t(letter)] = listenAs(letter, stand.queue);
             std::vector<uint32_t> order;
             for (const char letter : posted)
                 order.push_back(events[size_t(letter)]);
@@ -113,8 +101,7 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
 
 TEST(Dispatch, PassesHooksAndCutOffs) {
     const DispatchStand stand;
-    const uint32_t vector = listenAs({'a', onVector, 1}, stand.queue);
-    const uint32_t plain = listenAs({'p', nullptr}, stand.queue);
+    const uint32_t vector = listenAs('a', stand.queue), plain = listenAs('p', stand.queue);
     const auto run = [&stand](const std::vector<uint32_t>& events) {
         calls.clear();
         postBatch(stand.queue, events);
@@ -185,27 +172,26 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
         endQueue(event);
     };
     const struct {
-        const char* name;
         std::function<void(uint32_t)> act;
         Calls expected;
     } cases[] = {
-        {"event", endEvent, {"call", "return", "event done"}},
-        {"queue", endQueue, {"call", "return", "queue done!"}},
-        {"both", endBoth, {"call", "return", "event done", "queue done!"}},
-        {"library", endLibrary, {"call", "return", "queue done!"}},
-        {"event, nested", nest(endEvent), {"call", "call", "return", "return", "event done"}},
-        {"queue, nested", nest(endQueue), {"call", "call", "return", "return", "queue done!"}},
+        {endEvent, {"(", ")", "event done"}},
+        {endQueue, {"(", ")", "queue done!"}},
+        {endBoth, {"(", ")", "event done", "queue done!"}},
+        {endLibrary, {"(", ")", "queue done!"}},
+        {nest(endEvent), {"(", "(", ")", ")", "event done"}},
+        {nest(endQueue), {"(", "(", ")", ")", "queue done!"}},
     };
-    for (const auto& [name, act, expected] : cases) {
-        SCOPED_TRACE(name);
+    for (const auto& [act, expected] : cases) {
+        SCOPED_TRACE(&act - &cases[0].act);
         const DispatchStand stand;
         queue = stand.queue;
         depth = 0;
         calls.clear();
         action = [&act](uint32_t event) {
-            calls.emplace_back("call");
+            calls.emplace_back("(");
             act(event);
-            calls.emplace_back("return");
+            calls.emplace_back(")");
         };
         const uint32_t event = listen(queue, onEvent);
         postBatch(queue, {event, event, event});
@@ -229,13 +215,15 @@ struct DispatchWaits : testing::TestWithParam<bool> {
     // Calls `act` once so many threads wait without limit, each for that answer.
     template <typename Act>
     void whileSoManyWait(int count, pelmoStatus expected, Act act) const {
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (int i = 0; i < count; ++i)
             threads.emplace_back([this, expected] { EXPECT_EQ(dispatch(-1.0), expected); });
-        (isGroup ? awaitWaiters<QueueGroup> : awaitWaiters<Queue>)(id, count);
+        awaitWaiting(count);
         act();
-        for (std::thread& thread : threads)
-            thread.join();
+    }
+
+    void awaitWaiting(int count) const {
+        (isGroup ? awaitWaiters<QueueGroup> : awaitWaiters<Queue>)(id, count);
     }
 
     void end() const {
@@ -288,7 +276,7 @@ TEST_P(DispatchWaits, CountTheTimeFromTheFirstStrayWakeUp) {
         ended = true;
     });
     for (int wakes = 1; wakes <= 2; ++wakes) {
-        (isGroup ? awaitWaiters<QueueGroup> : awaitWaiters<Queue>)(id, 1);
+        awaitWaiting(1);
         EXPECT_FALSE(ended);
         Cond_Signal(isGroup ? &recordOf<QueueGroup>(id)->cond : &recordOf<Queue>(id)->cond);
         while (looks < wakes)

@@ -169,6 +169,12 @@ TEST_F(Tracing, FiltersMessagesBySubject) {
     const Message message = messageOn("Q");
     traceMessage(kTraceTransport, message.get(), "%s", "sent");
     traceMessage(kTraceEvents, message.get(), "off");
+    // Nor does a line come of what is no message with a subject.
+    const Message odd = newMessage();
+    EXPECT_EQ(Trace_Message(kTraceReceive, nullptr, "x"), kStatusInvalidMessage);
+    EXPECT_EQ(pelmoMsg_AddString(odd.get(), "sub", "A.B", 0), kStatusSuccess);
+    EXPECT_EQ(Trace_Message(kTraceReceive, odd.get(), "x"), kStatusInvalidSubject);
+    EXPECT_EQ(Trace_Message(kTraceEvents, nullptr, "x"), kStatusSuccess);  // off
     const Lines expected = {
         "[RECV] got 5: (A.x) {a=1}",
         "[RECV] closed: (A.x) {sub=[A.x] mtype=\"D\" data={a=1}}",
@@ -178,16 +184,6 @@ TEST_F(Tracing, FiltersMessagesBySubject) {
         "[TPORT] sent: (Q) {a=1}",
     };
     EXPECT_EQ(written(), expected);
-}
-
-TEST_F(Tracing, RefusesWhatIsNoMessageWithASubject) {
-    start("RECV");
-    const Message message = newMessage();
-    EXPECT_EQ(Trace_Message(kTraceReceive, nullptr, "x"), kStatusInvalidMessage);
-    EXPECT_EQ(pelmoMsg_AddString(message.get(), "sub", "A.B", 0), kStatusSuccess);
-    EXPECT_EQ(Trace_Message(kTraceReceive, message.get(), "x"), kStatusInvalidSubject);
-    EXPECT_EQ(Trace_Message(kTraceEvents, nullptr, "x"), kStatusSuccess);  // off
-    EXPECT_EQ(written(), Lines{});
 }
 
 TEST_F(Tracing, CutsMessageLines) {
@@ -210,12 +206,12 @@ TEST_F(Tracing, CutsMessageLines) {
 }
 
 TEST_F(Tracing, ShowsItsSettings) {
-    // Of two of the modules, the others being off.
-    const auto expectShown = [](const char* output, const char* advisories) {
+    // Where to, the row of advisories, and the other rows.
+    const auto expectShown = [](const std::string& output, const std::string& advisories) {
         testing::internal::CaptureStderr();
         Tracing_Show();
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
-                  std::string("Output directed to: ") + output +
+                  "Output directed to: " + output +
                       "\nMod\tVal\tFilter\nDQ\tF\tNone\nDQ_DETAIL\tF\tNone\nADV\t" + advisories +
                       "\tNone\nRECV\tT\tA.>\nPELMO\tF\tNone\nEVENTS\tF\tNone\n"
                       "MSG\tF\tNone\nMSG_DETAIL\tF\tNone\nQUEUE\tF\tNone\nQGROUP\tF\tNone\n"

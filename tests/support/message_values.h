@@ -29,6 +29,14 @@ using Message = std::unique_ptr<pelmoMsg, MessageEnd>;
 // The image of the fields that are visible.
 [[nodiscard]] Bytes imageOf(pelmoMsg* msg);
 
+// Without name and id.
+[[nodiscard]] inline pelmoMsgField fieldOf(uint8_t type,
+                                           uint32_t size,
+                                           const void* data,
+                                           uint32_t count = 1) {
+    return {.size = size, .count = count, .data = {.pointer = data}, .type = type};
+}
+
 // A value owns what its field points to.
 struct FieldValue {
     uint8_t type = FIELD_NONE;

@@ -1,8 +1,7 @@
 #include "tests/support/packet_builder.h"
 
 #include <bit>
-
-#include "tests/support/snapshot_builder.h"
+#include <sstream>
 
 namespace {
 
@@ -123,8 +122,24 @@ Bytes ethernetFrame(const Bytes& ip) {
     return joined({{1, 0, 0x5e, 1, 1, 1}, {2, 0, 0, 0, 0, 1}, be16(0x0800), ip});
 }
 
-Bytes packedSubject(std::string_view text) {
-    return packText(text);
+Bytes packedElements(const std::vector<std::string>& elements) {
+    Bytes packed = {0, 0, static_cast<uint8_t>(elements.size())};
+    for (const std::string& element : elements) {
+        packed.push_back(static_cast<uint8_t>(element.size() + 2));
+        packed.insert(packed.end(), element.begin(), element.end());
+        packed.push_back(0);
+    }
+    packed[1] = static_cast<uint8_t>(packed.size());
+    return packed;
+}
+
+Bytes packedSubject(const std::string& text) {
+    std::vector<std::string> elements;
+    std::istringstream stream(text);
+    for (std::string element; std::getline(stream, element, '.');) {
+        elements.push_back(element);
+    }
+    return packedElements(elements);
 }
 
 Bytes named(std::string_view name) {
@@ -147,7 +162,7 @@ Bytes message(const std::vector<Bytes>& fields) {
     return joined({be32(8 + body.size()), be32(0x9955eeaa), body});
 }
 
-Bytes busMessage(std::string_view subject, size_t dataBytes) {
+Bytes busMessage(const std::string& subject, size_t dataBytes) {
     const Bytes nested = message({field(named("d"), 7, Bytes(dataBytes, 0xda))});
     return message({subjectField(packedSubject(subject)), field(named("mtype"), 8, named("D")),
                     joined({{5, 'd', 'a', 't', 'a', 0, 1, 122}, nested})});

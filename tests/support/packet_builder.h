@@ -73,7 +73,9 @@ struct PacketHead {
 
 // Subjects and messages.
 
-[[nodiscard]] Bytes packedSubject(std::string_view text);
+// Any element texts, also those that no dotted text can give; at most 255 bytes in all.
+[[nodiscard]] Bytes packedElements(const std::vector<std::string>& elements);
+[[nodiscard]] Bytes packedSubject(const std::string& text);
 
 // A field's name area: size, text and NUL.
 [[nodiscard]] Bytes named(std::string_view name);
@@ -85,4 +87,4 @@ struct PacketHead {
 [[nodiscard]] Bytes message(const std::vector<Bytes>& fields);
 
 // A message as applications send it: subject, kind and one opaque field of `dataBytes`.
-[[nodiscard]] Bytes busMessage(std::string_view subject, size_t dataBytes = 10);
+[[nodiscard]] Bytes busMessage(const std::string& subject, size_t dataBytes = 10);

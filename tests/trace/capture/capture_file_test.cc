@@ -1,16 +1,11 @@
 #include "trace/capture/capture_file.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 
 #include "tests/support/capture_file.h"
-#include "tests/support/capture_reset.h"
 #include "tests/support/fixed_clock.h"
 #include "tests/support/low_limit.h"
-#include "tests/support/scratch_folder.h"
-#include "tests/support/trace_run.h"
-#include "trace/settings.h"
+#include "tests/support/saving_run.h"
 
 namespace {
 
@@ -18,30 +13,13 @@ constexpr size_t kFrameBytes = 1000;
 constexpr size_t kSavedBytes = kRecordHeadBytes + kFrameBytes;
 constexpr size_t kDiskBytes = 100'000;
 
-struct CaptureFile : testing::Test {
-    CaptureFile() { captureState.captureHandle = pcap_open_dead(DLT_EN10MB, 65535); }
-    ~CaptureFile() override {
-        resetCapture();
-        traceSettings = {};
-    }
-
-    void open(const char* name) {
-        path = name[0] == '/' ? name : folder.path(name);
-        traceSettings.writeFile = path.c_str();
-        ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
-        captureState.savingFrames = true;
-    }
-
+struct CaptureFile : SavingRun {
     // Frames are told apart by their seconds.
     static void save(int32_t from, int32_t to) {
         const Bytes frame(kFrameBytes);
         for (int32_t number = from; number < to; ++number)
             captureFileSave({{number, 0}, kFrameBytes, kFrameBytes}, frame.data());
     }
-
-    TraceRun run;
-    const Folder folder;
-    std::string path;
 };
 
 // The frames of a capture, which must be whole.

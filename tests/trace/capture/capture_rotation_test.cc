@@ -1,6 +1,5 @@
 #include "trace/capture/capture_rotation.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,11 +7,8 @@
 #include <thread>
 
 #include "tests/support/capture_file.h"
-#include "tests/support/capture_reset.h"
 #include "tests/support/low_limit.h"
-#include "tests/support/scratch_folder.h"
-#include "tests/support/trace_run.h"
-#include "trace/settings.h"
+#include "tests/support/saving_run.h"
 
 namespace {
 
@@ -21,17 +17,10 @@ using Names = std::set<std::string>;
 constexpr uint32_t kLimitBytes = 1000;
 constexpr size_t kFrameBytes = kLimitBytes - kCaptureHeadBytes - kRecordHeadBytes;
 
-struct CaptureRotation : testing::Test {
+struct CaptureRotation : SavingRun {
     CaptureRotation() {
-        traceSettings.writeFile = path.c_str();
         traceSettings.captureLimitBytes = kLimitBytes;
-        captureState.captureHandle = pcap_open_dead(DLT_EN10MB, 65535);
-        EXPECT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
-        captureState.savingFrames = true;
-    }
-    ~CaptureRotation() override {
-        resetCapture();
-        traceSettings = {};
+        open("cap");
     }
 
     static void rotations(int32_t count) {
@@ -45,10 +34,6 @@ struct CaptureRotation : testing::Test {
     }
 
     static void saveFullFile(char mark) { save(kFrameBytes, mark); }
-
-    TraceRun run;
-    const Folder folder;
-    const std::string path = folder.path("cap");
 };
 
 TEST_F(CaptureRotation, WaitsForTheLimitAndThenForTheNext) {

@@ -93,20 +93,14 @@ TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
     const size_t rest = sizeof(SnapHeader) + sizeof(SnapPort) + sizeof(SnapNet);
     const auto hosts = static_cast<uint32_t>((32768 - rest) / sizeof(SnapHost));
     size_t capacity = rest + (hosts + 1) * sizeof(SnapHost);
-    const struct {
-        uint32_t hosts;
-        size_t capacity;
-    } steps[] = {
-        {hosts, 32768},
-        {hosts + 1, capacity},
-        {hosts / 2 + 1, capacity},
-        {hosts / 2 - 1, capacity / 2},
-    };
     uint32_t seq = 0;
-    for (const auto& step : steps) {
-        feedHosts(step.hosts, ++seq);
+    for (const auto& [count, wanted] : {std::pair{hosts, size_t{32768}},
+                                        {hosts + 1, capacity},
+                                        {hosts / 2 + 1, capacity},
+                                        {hosts / 2 - 1, capacity / 2}}) {
+        feedHosts(count, ++seq);
         (void)take();
-        EXPECT_EQ(snapshotStorageCapacity(), step.capacity) << step.hosts;
+        EXPECT_EQ(snapshotStorageCapacity(), wanted) << count;
     }
     for (capacity /= 2; sizeof(SnapHeader) < capacity / 2;) {
         EXPECT_EQ(take()->portCount, 0u);

@@ -3,111 +3,98 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cmath>
 #include <random>
 
-#include "lib/base/log.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/packet_builder.h"
-#include "tests/support/snapshot_builder.h"
+#include "tests/support/trace_run.h"
 #include "trace/counts/services.h"
 #include "trace/report/report_format.h"
 #include "trace/settings.h"
 
 namespace {
 
-constexpr TimeSpec kFrom = {1700000000, 0};
-constexpr TimeSpec kTo = {1700000004, 0};
-
-const std::string kSubjectTitle =
-    "                          Multicast Subject Statistics\n"
-    "  Port   Address          SCid    Msgs     Bytes  Subject\n"
-    " -----   --------------- ----- ------- ---------  -------\n";
-
 struct ReportTest : testing::Test {
-    ReportTest() { traceSettings = {}; }
+    ReportTest() { traceSettings.displayStats = traceSettings.displayMcast = false; }
     ~ReportTest() override {
         traceSettings = {};
         servicesForget();
     }
+
+    static SnapHeader* snapshotOf(const std::vector<Bytes>& packets) {
+        analyze(packets);
+        return snapshotTake({});
+    }
+
+    // Log lines among the report's stand without what precedes them.
+    Lines print(SnapHeader* snapshot) {
+        printSnapshot(snapshot);
+        return run.logged();
+    }
+
+    TraceRun run;
 };
 
-std::string print(BuiltSnapshot& built) {
-    char* text = nullptr;
-    size_t length = 0;
-    FILE* stream = open_memstream(&text, &length);
-    logSetStream(stream);
-    printSnapshot(built.link());
-    std::string report(text, length);  // flushed by the report itself
-    logSetStream(nullptr);
-    std::fclose(stream);
-    std::free(text);
-    return report;
-}
-
+// More than is written at once, and without any memory.
 TEST_F(ReportTest, PrintsLongReportsWhole) {
-    constexpr int kSubjects = 3000;
-    const std::string longElement(120, 'e');
-    BuiltSnapshot built = {.from = kFrom, .to = kTo, .ports = {{.port = 9, .nets = {{.net = 0}}}}};
-    std::string rows;
-    for (int i = 0; i < kSubjects; ++i) {
-        const std::string text = longElement + "." + std::to_string(10000 + i);
-        built.ports[0].nets[0].subjects.push_back(
-            {packText(text), {SnapSubjectHost{addressOf("1.2.3.4"), htons(5), 1, 2}}});
-        rows += "     9 * 0.0.0.0                     1         2  " + text + "\n";
+    std::vector<Bytes> packets;
+    Lines expected = {"                          Multicast Subject Statistics",
+                      "  Port   Address          SCid    Msgs     Bytes  Subject",
+                      " -----   --------------- ----- ------- ---------  -------",
+                      "         Totals                   3000    441000"};
+    for (uint32_t i = 0; i < 3000; ++i) {
+        const std::string stem = std::string(120, 'e') + ".";
+        const Bytes subject = packedSubject(stem + std::to_string(12999 - i));
+        packets.push_back(dataPacket({.seq = i + 1}, message({subjectField(subject)})));
+        expected.push_back("  7500 * 239.1.1.1                   1       147  " + stem +
+                           std::to_string(10000 + i));
     }
-    std::reverse(built.ports[0].nets[0].subjects.begin(), built.ports[0].nets[0].subjects.end());
-    traceSettings.displayMcast = traceSettings.displayStats = false;
-    const FailAlloc fail{.after = 0, .forGood = true};  // it needs none
-    EXPECT_EQ(print(built),
-              kSubjectTitle + "         Totals                   3000      6000\n" + rows + "\n");
+    expected.push_back("");
+    SnapHeader* const snapshot = snapshotOf(packets);
+    const FailAlloc fail{.after = 0, .forGood = true};
+    EXPECT_EQ(print(snapshot), expected);
 }
 
 // Without memory for service ports the rows stand all the same, and nothing half-made stays.
 TEST_F(ReportTest, TellsOfServicePortsWithoutMemory) {
-    traceSettings.displayAddrInfo = true;
-    SnapHost host{};
-    host.host = addressOf("10.0.0.1");
-    host.port = htons(8000);
-    BuiltSnapshot built = {
-        .from = kFrom, .to = kTo, .ports = {{.port = 9, .nets = {{.net = 0, .hosts = {host}}}}}};
-    const std::string whole = print(built);
-    EXPECT_NE(whole.find("10.0.0.1         8000       0"), std::string::npos);
+    traceSettings.displayMcast = traceSettings.displayAddrInfo = true;
+    SnapHeader* const snapshot = snapshotOf({nullPacket({.srcPort = 8000}, {})});
+    const Lines whole = print(snapshot);
+    EXPECT_EQ(
+        std::ranges::count_if(whole,
+                              [](const std::string& line) {
+                                  return line.starts_with("         10.0.0.1         8000       0");
+                              }),
+        1);
     for (const size_t after : {0, 1, 2}) {
         servicesForget();
-        const std::string told =
-            "Out of memory " + std::string(after == 0 ? "allocat" : "stor") + "ing service entry\n";
+        Lines expected = whole;
+        expected.insert(
+            expected.begin(),
+            "Out of memory " + std::string(after == 0 ? "allocat" : "stor") + "ing service entry");
         const FailAlloc fail{.after = after, .forGood = true};
-        const std::string report = print(built);
-        EXPECT_NE(report.find(told), std::string::npos) << report;
-        EXPECT_EQ(report.substr(report.find("Snapshot")), whole);
+        EXPECT_EQ(print(snapshot), expected) << after;
     }
 }
 
 // Each line is a message's own or tells of it; or a value lacked the memory.
 TEST_F(ReportTest, PrintsHostMessagesWithoutMemory) {
-    traceSettings.displayStats = traceSettings.displayMcast = traceSettings.displaySubjects = false;
+    traceSettings.displaySubjects = false;
     traceSettings.displayHostMsgs = true;
-    const auto status = [](const char* text) {
-        return message({subjectField(packedSubject("_PM.INFO.SYSTEM.HOST.h")),
-                        field(named("s"), 8, named(text))});
-    };
-    const Bytes one = status("one"), two = status("two");
-    BuiltSnapshot built = {
-        .from = kFrom,
-        .to = kTo,
-        .ports = {{.port = 7500, .nets = {{.net = 0, .statusMsgs = {one.data(), two.data()}}}}}};
-    const std::string whole = print(built);
-    const auto has = [](const std::string& text, const char* words) {
-        return text.find(words) != text.npos;
-    };
+    const Bytes status = message({subjectField(packedSubject("_PM.INFO.SYSTEM.HOST.h")),
+                                  field(named("s"), 8, named("one"))});
+    SnapHeader* const snapshot = snapshotOf({dataPacket({}, joined({status, status}))});
+    const std::string text = "{sub=[_PM.INFO.SYSTEM.HOST.h] s=\"one\"}";
     const size_t failing = eachAllocationFails([&] {
-        const std::string printed = print(built);
-        EXPECT_TRUE(has(printed, "System host messages for port 7500\n"));
-        EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 6) << printed;
-        const bool tells =
-            has(printed, "bytes without text: Memory allocation failed]\n") || has(printed, "[NO ");
-        EXPECT_TRUE(allocationsFailed() == 0 ? printed == whole : tells) << printed;
+        const Lines lines = print(snapshot);
+        ASSERT_EQ(lines.size(), 6u);
+        EXPECT_EQ(lines[1], "System host messages for port 7500");
+        for (const std::string& line : {lines[2], lines[3]}) {
+            EXPECT_TRUE(line == text || line == "Memory allocation failed]" ||
+                        line.find("[NO ") != line.npos)
+                << line;
+        }
+        EXPECT_EQ(allocationsFailed() == 0, lines[2] == text && lines[3] == text);
     });
     EXPECT_GT(failing, 4u);
 }

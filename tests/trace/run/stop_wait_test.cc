@@ -99,18 +99,6 @@ struct StopWait : testing::Test {
     std::optional<LowLimit> noSockets;
 };
 
-TEST_F(StopWait, ReturnsAtASignalOfEitherKind) {
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
-        raise(number);
-        EXPECT_TRUE(stopWaitRun());
-        raise(number);  // a second one changes nothing, nor does one behind the clean-up
-        stopWaitCleanup();
-        raise(number);
-        (void)stopWaitRun();
-    }
-}
-
 TEST_F(StopWait, LeavesAHangUpAloneThatWasIgnored) {
     signal(SIGHUP, SIG_IGN);
     ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
@@ -150,15 +138,6 @@ TEST_F(StopWait, EachAllocationOfItsStartMayFail) {
         stopWaitCleanup();
     });
     EXPECT_GT(failing, 3u);
-}
-
-TEST_F(StopWait, RemakesAPairThatBreaks) {
-    arm();
-    const size_t count = openSockets().size();
-    breakPair();
-    awaitNewPair(count);
-    EXPECT_EQ(callbacksAtASignal(), 1);
-    EXPECT_EQ(run.logged(), Lines({"Socket pair unexpectedly closed, creating new pair"}));
 }
 
 // The timer of a second finds the signal that no pair could carry.
