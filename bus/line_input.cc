@@ -20,7 +20,7 @@ bool takeLine(LineInput& input, std::string_view& line) {
         if (!input.ended || input.begin == input.buffer.size()) return false;
         end = input.buffer.size();
     }
-    line = std::string_view(input.buffer).substr(input.begin, end - input.begin);
+    line = {input.buffer.data() + input.begin, end - input.begin};
     input.begin = input.searched = end + (isWhole ? 1 : 0);
     ++input.lineNumber;
     return true;
