@@ -42,7 +42,7 @@ uint64_t histogramAt(const Histogram& histogram, double part) {
     uint64_t seen = 0;
     for (size_t cell = 0; cell < histogram.cells.size(); ++cell) {
         seen += histogram.cells[cell];
-        if (seen == 0 || static_cast<double>(seen) < rank) continue;
+        if (static_cast<double>(seen) < rank) continue;
         return std::clamp(topOf(cell), histogram.least, histogram.most);
     }
     return histogram.most;

@@ -13,7 +13,7 @@ void take(Intake& intake, pelmoMsg* msg) {
 
 void onMessage(uint32_t, pelmoMsg* msg, void* closure) {
     auto& intake = *static_cast<Intake*>(closure);
-    if (!intake.done) pumpGuard(intake.pump, [&] { take(intake, msg); });
+    pumpGuard(intake.pump, [&] { take(intake, msg); });
 }
 
 ExitStatus endStatus(PumpEnd end, const BusSettings& settings) {

@@ -16,7 +16,8 @@ esac
 
 jobs=$(nproc)
 # The suites with threads. The preset keeps assertions, so that lock ranks are checked as well.
-threaded_suites=(base_tests msg_tests runtime_tests transport_tests pelmo_tests trace_tests pmd_tests)
+threaded_suites=(base_tests msg_tests runtime_tests transport_tests pelmo_tests trace_tests bus_tests
+    pmd_tests)
 export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=0:detect_stack_use_after_return=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}

@@ -67,14 +67,15 @@ TEST(BusJson, WritesAMessageAsOneLine) {
     ASSERT_EQ(pelmoMsg_SetSendSubject(msg.get(), "A.B"), kStatusSuccess);
     ASSERT_EQ(pelmoMsg_SetReplySubject(msg.get(), "_INBOX.1"), kStatusSuccess);
     ASSERT_EQ(pelmoMsg_AddI32(msg.get(), "x", 7, 0), kStatusSuccess);
-    ASSERT_EQ(pelmoMsg_AddString(msg.get(), "y\n", "a\"\\/\t\x01\x7f\xc2\x80", 65535),
+    ASSERT_EQ(pelmoMsg_AddString(msg.get(), "y\n", "a\"\\/\t\x01\x7f\xc2\x80\xed\xb2\x80", 65535),
               kStatusSuccess);
     ASSERT_EQ(pelmoMsg_AddNone(msg.get(), nullptr, 0), kStatusSuccess);
-    EXPECT_EQ(lineOf(msg.get()),
-              R"({"subject":"A.B","reply":"_INBOX.1","fields":[)"
-              R"({"name":"x","type":"i32","value":7},)"
-              R"({"name":"y\n","id":65535,"type":"string","value":"a\"\\/\t\u0001\u007f\u0080"},)"
-              R"({"type":"none","value":null}]})");
+    EXPECT_EQ(
+        lineOf(msg.get()),
+        R"({"subject":"A.B","reply":"_INBOX.1","fields":[)"
+        R"({"name":"x","type":"i32","value":7},)"
+        R"({"name":"y\n","id":65535,"type":"string","value":"a\"\\/\t\u0001\u007f\u0080\udced\udcb2\udc80"},)"
+        R"({"type":"none","value":null}]})");
 }
 
 TEST(BusJson, EveryTypeComesBackToTheByte) {
@@ -207,6 +208,7 @@ TEST(BusJson, NestedMessagesAreFollowedToADepth) {
 TEST(BusJson, TakesWhatOthersWrite) {
     JsonReader reader;
     const OwnedMessage msg = messageMake();
+    ASSERT_TRUE(jsonReadMessage(reader, R"({"subject":"A","reply":"B","fields":[]})", msg.get()));
     ASSERT_TRUE(
         jsonReadMessage(reader,
                         " { \"fields\" : [ { \"value\" : -0 , \"\\u0074ype\":\"i8\","
@@ -214,6 +216,7 @@ TEST(BusJson, TakesWhatOthersWrite) {
                         ",{\"type\":\"string\",\"value\":\"\\uD83D\\ude00\\u00e9\"} ] }\r",
                         msg.get()))
         << reader.fault;
+    EXPECT_EQ(reader.subject + reader.reply, "");
     const char* text = nullptr;
     ASSERT_EQ(pelmoMsg_ConvertToString(msg.get(), &text), kStatusSuccess);
     EXPECT_STREQ(text, "{NULL=0 NULL=[NONE] NULL=100 NULL=\"\xF0\x9F\x98\x80\xC3\xA9\"}");
