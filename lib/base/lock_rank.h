@@ -25,6 +25,7 @@
     ROW(kLibrary, false, "library lock")              \
     ROW(kTransportObject, true, "transport object")   \
     ROW(kLink, false, "daemon link lock")             \
+    ROW(kConnects, false, "list of connects")         \
     ROW(kEndpoint, false, "endpoint lock")            \
     ROW(kConnection, false, "connection lock")        \
     ROW(kProcessQueue, false, "inter-process queue")  \

@@ -12,6 +12,7 @@
 #include "lib/runtime/id.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/tracing.h"
+#include "lib/transport/daemon/daemon_link.h"
 #include "lib/transport/transport.h"
 
 namespace {
@@ -91,6 +92,7 @@ struct Leftover {
 Leftover closeLocked() PELMO_REQUIRES(library.lock) {
     poolStopReclaim();
     libraryOpen.store(false, std::memory_order_release);
+    daemonLinksInterrupt();
     ++library.closeCount;
     EventManager_Stop();
     Dpa* const dispatchers = endAllLocked();

@@ -8,6 +8,7 @@
 #include "lib/pelmo/library_state.h"
 #include "lib/runtime/event_internal.h"
 #include "lib/runtime/id.h"
+#include "lib/transport/daemon/daemon_link.h"
 #include "lib/transport/ipq/write_queue.h"
 #include "lib/transport/transport_internal.h"
 
@@ -28,6 +29,7 @@ void setUp() {
     Thread_SetStartHook(poolThreadRun);
     poolTimerOps = {.create = pelmoEvent_CreateTimer, .destroyEx = pelmoEvent_DestroyEx};
     transportAttach();
+    daemonLinkAttach();
     library.setUpDone = true;
 }
 

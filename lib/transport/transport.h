@@ -2,8 +2,8 @@
 //
 // The intra-process transport, kIntraProcessTransportId, exists while the library is open. It
 // delivers each message directly to the listeners of this process. A network transport sends to a
-// bus daemon, or directly to the process that owns an inbox; a virtual circuit wraps its messages
-// for one peer and sends them over another transport. Listeners are made in runtime/event.h.
+// bus daemon, which passes messages on to whoever listens; a virtual circuit wraps its messages for
+// one peer and sends them over another transport. Listeners are made in runtime/event.h.
 //
 //     pelmoMsg_SetSendSubject(msg, "A.B");
 //     pelmoTransport_Send(kIntraProcessTransportId, msg);    // the caller keeps msg
@@ -13,6 +13,14 @@
 // and, where there is a description, ADV_DESC. An advisory of class "WARN" or "ERROR" without a
 // listener is logged. "_INBOX" as the first element makes an inbox: a subject of one listener, made
 // by pelmoTransport_CreateInbox, that no wildcard matches.
+//
+// A network transport outlives its connection. When that breaks, the advisory
+// "_PM.WARN.SYSTEM.PMD.DISCONNECTED" tells its listeners, and it connects again: within 100 ms,
+// from the third break in a row on after a second, two, four and so on, and every ten seconds while
+// no daemon is reached. Meanwhile sends answer kStatusDaemonNotConnected, and nothing is sent
+// later. Its inboxes keep their names, and the new connection listens to the same subjects. While
+// messages leave more slowly than they are sent, "_PM.WARN.SYSTEM.CLIENT.FASTPRODUCER" tells, in
+// its field "waiting", how many are queued.
 //
 // Ownership: a message that is sent still belongs to the sender, who may change or destroy it
 // afterwards. Texts that a getter returns are valid until they are set again or the transport is
@@ -36,9 +44,27 @@ struct pelmoMsg;
 
 // Life
 
-// Each text may be null. `network` and `service` choose the traffic; `daemon` is a port, a host and
-// port, or null for the local one. kStatusDaemonNotConnected where no daemon is reached, and always
-// while the library is built without its daemon connection.
+// Waits until the daemon has answered. Each text may be null. `network` and `service` choose the
+// traffic; `daemon` says where the daemon is:
+//
+//     null, ""      port 7500 of this host
+//     7500, :7500   that port of this host
+//     HOST:7500     that port of another host, by name or dotted number
+//     tcp:...       the same; ssl:... over a secure connection, where there is a class for it
+//
+// A daemon of this host that isn't there is started once, as the program "pmd" of the search path.
+//
+// kStatusDaemonNotConnected where no daemon is reached, where it hangs up or is silent for a
+// minute, and when the library is closed meanwhile; kStatusInvalidArgument for a daemon text of
+// another form or an unknown name, kStatusNotPermitted for one that begins with "-";
+// kStatusWrongVersion for a daemon of another protocol; kStatusInitFailed for answers that make no
+// session; kStatusServiceNotFound and kStatusNetworkNotFound for a session without a port or an
+// address; any status that the daemon refuses with.
+//
+// A service "7500:7501" asks for a port of the transport's own, where others reach its inboxes
+// without the daemon. This library has no such road yet: with a daemon of this host or one that
+// routes the answer is kStatusNotPermitted, as it is for a port that is the service itself;
+// kStatusServiceNotFound for a port that isn't known. Other daemons ignore the port.
 [[nodiscard]] pelmoStatus pelmoTransport_CreateNetwork(uint32_t* out,
                                                        const char* service,
                                                        const char* network,
@@ -51,13 +77,16 @@ struct pelmoMsg;
                                                                const char* daemon);
 
 // Its listeners get no further messages; requests that are waiting end with
-// kStatusInvalidTransport. kStatusNotPermitted for the intra-process transport while the library is
-// open.
+// kStatusInvalidTransport. What was sent leaves first: the call waits up to five seconds until the
+// daemon has it. A connect that is under way ends at once. kStatusNotPermitted for the
+// intra-process transport while the library is open.
 pelmoStatus pelmoTransport_Destroy(uint32_t transport);
 
 // Sending. kStatusInvalidMessage for no message; kStatusInvalidSubject for a message without a send
-// subject or with a reserved one; any status of the daemon connection. A send also succeeds when
-// the transport is destroyed meanwhile.
+// subject or with a reserved one; kStatusDaemonNotConnected without a connection to the daemon,
+// kStatusInvalidIoSource for a send that meets its break. A send also succeeds when the transport
+// is destroyed meanwhile. A send waits while too much is queued for the daemon
+// (pelmoTransport_SetSendingWaitLimit).
 
 [[nodiscard]] pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
 
@@ -109,8 +138,8 @@ pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
                                                    const uint8_t* subject,
                                                    uint32_t* outEvent);
 
-// Settings of a network transport. Those that concern the daemon are kept and sent again at each
-// connection; a daemon too old to know a setting isn't sent it.
+// Settings of a network transport. They are kept: each connection begins with them. A daemon is
+// told of a change at once, unless it is too old to know the setting.
 
 // What pelmoTransport_CreateNetwork was given, the daemon's after defaulting.
 // kStatusInvalidTransport for other kinds.
@@ -134,16 +163,20 @@ pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
 [[nodiscard]] pelmoStatus pelmoTransport_RequestReliability(uint32_t transport, double seconds);
 
 // 1: small messages are gathered before they leave. It can't be switched off again: 0 answers
-// kStatusNotPermitted then.
+// kStatusNotPermitted then. kStatusDaemonNotConnected without a connection.
 [[nodiscard]] pelmoStatus pelmoTransport_SetBatchMode(uint32_t transport, uint32_t mode);
 
-// Do senders wait while too much is on its way? kStatusDaemonNotConnected without a connection.
+// Do senders wait while too much is queued? They do at first. kStatusDaemonNotConnected without a
+// connection.
 [[nodiscard]] pelmoStatus pelmoTransport_SetBlockingOnExcessiveBacklog(uint32_t transport,
                                                                        bool blocking);
+
+// More queued bytes than that are too much: 16 MiB at first, and for a limit of 0.
 [[nodiscard]] pelmoStatus pelmoTransport_SetSendingWaitLimit(uint32_t transport, uint32_t limit);
 [[nodiscard]] pelmoStatus pelmoTransport_GetSendingWaitLimit(uint32_t transport, uint32_t* out);
 
-// Messages sent between the two calls wait. kStatusDaemonNotConnected without a connection.
+// Messages sent between the two calls wait, and leave together. Holds nest, and end with the
+// connection. kStatusDaemonNotConnected without one.
 [[nodiscard]] pelmoStatus pelmoTransport_HoldSends(uint32_t transport);
 [[nodiscard]] pelmoStatus pelmoTransport_ReleaseSends(uint32_t transport);
 

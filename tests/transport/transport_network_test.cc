@@ -407,7 +407,7 @@ TEST_F(Network, DeliversWhatMemoryAllows) {
                   }
                   delivered = now;
               }),
-              4u);
+              1u);
 }
 
 // Hooks

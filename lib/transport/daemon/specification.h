@@ -52,6 +52,9 @@ struct DaemonAddress {
     uint16_t port;
 };
 
+// 127.0.0.1 as a number.
+inline constexpr uint32_t kLoopbackAddress = 0x7f000001;
+
 // kStatusInvalidArgument where a name isn't known.
 [[nodiscard]] pelmoStatus specificationResolve(DaemonAddress* out,
                                                const DaemonSpecification& specification,

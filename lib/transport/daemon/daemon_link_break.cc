@@ -1,0 +1,152 @@
+// A link's breaks, and the connects that repair them.
+
+#include <utility>
+
+#include "lib/base/log.h"
+#include "lib/runtime/fixed_ids_internal.h"
+#include "lib/runtime/library.h"
+#include "lib/transport/daemon/daemon_link_internal.h"
+#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/ipq/ipq.h"
+
+namespace {
+
+void onQueueGone(void* closure) {
+    Id_Release(&static_cast<DaemonLink*>(closure)->transport->header, false);
+}
+
+// The first who comes takes the queue off the link. A queue that isn't the link's yet is only
+// marked: its connect sees to it.
+bool takeOffLocked(DaemonLink* link, const Ipq* ipq, bool isNoticed) PELMO_REQUIRES(link->lock) {
+    if (link->ipq == ipq) {
+        link->ipq = nullptr;
+        return true;
+    }
+    if (link->fresh.ipq == ipq) {
+        link->fresh.isLost = true;
+        link->fresh.isNoticed = link->fresh.isNoticed || isNoticed;
+    }
+    return false;
+}
+
+// Is there more to do for the transport? A creation under way holds its lock, and is whole behind
+// that.
+bool isAlive(Held<Transport>& held) {
+    held.enter();
+    const bool isDestroying = held->destroying;
+    held.leave();
+    return !isDestroying && libraryIsOpen();
+}
+
+// Runs the hooks of a kind that has no message; what they answer changes nothing. False for a
+// transport that they destroyed.
+bool runHooks(Held<Transport>& held, HookKind kind) {
+    held.enter();
+    (void)Transport_RunHooks(held.get(), kind, nullptr);
+    held.leave();
+    return isAlive(held);
+}
+
+void tellDisconnect(const Transport* transport) {
+    const pelmoStatus status =
+        advisorySend(transport->header.id, "WARN", "SYSTEM", "PMD.DISCONNECTED", nullptr);
+    if (status != kStatusSuccess) {
+        logPrint("unable to build disconnected message: %s", pelmoStatus_GetText(status));
+    }
+}
+
+void onReconnectTimer(uint32_t timer, pelmoMsg* message, void* closure);
+
+pelmoStatus armLocked(DaemonLink* link, double seconds) PELMO_REQUIRES(link->lock) {
+    // By the transport's id: a timer that fires at the destroy of the transport finds none.
+    return linkSeams.createTimer(&link->reconnectTimer, kWorkQueueId, onReconnectTimer, seconds,
+                                 idToItem(link->transport->header.id));
+}
+
+pelmoStatus armForBreak(DaemonLink* link) {
+    const uint32_t random = linkSeams.random(kReconnectSpreadMs);
+    const LockGuard guard(link->lock);
+    if (link->isStopped || link->reconnectTimer != kNoId || !libraryIsOpen()) {
+        return kStatusSuccess;
+    }
+    return armLocked(link, reconnectDelay(&link->breaks, linkSeams.now(), random));
+}
+
+// False where nothing is to be waited for, or the timer does the waiting.
+bool hasToWaitHere(DaemonLink* link) {
+    const LockGuard guard(link->lock);
+    if (link->isStopped || !libraryIsOpen()) return false;
+    return armLocked(link, kRetrySeconds) != kStatusSuccess;
+}
+
+bool waitHere(DaemonLink* link) {
+    Connect connect;
+    if (connectEnter(&connect, link) != kStatusSuccess) return false;
+    const bool goesOn =
+        libraryIsOpen() && !linkIsStopped(link) && connectSleep(&connect, kRetrySeconds);
+    connectLeave(&connect);
+    return goesOn;
+}
+
+// A connection that broke before it was the link's.
+void seeToEarlyBreak(DaemonLink* link) {
+    Ipq* ipq = nullptr;
+    bool isNoticed = false;
+    {
+        const LockGuard guard(link->lock);
+        if (!link->fresh.isLost) return;
+        ipq = link->ipq;
+        isNoticed = link->fresh.isNoticed;
+        link->fresh = {};
+    }
+    if (ipq != nullptr) linkBreak(link, ipq, isNoticed);
+}
+
+// The checker can't tell that the link's transport is the one that is held.
+bool connectAgain(Held<Transport>& held) PELMO_UNCHECKED_LOCKING {
+    DaemonLink* const link = held->link;
+    held.enter();
+    const pelmoStatus status = linkConnect(link, true, false);
+    held.leave();
+    if (status != kStatusSuccess) return false;
+    (void)runHooks(held, kHookReconnect);
+    seeToEarlyBreak(link);
+    return true;
+}
+
+void onReconnectTimer(uint32_t timer, pelmoMsg* /*message*/, void* closure) {
+    Held<Transport> held;
+    if (held.find(idFromItem(closure)) != kStatusSuccess) return;
+    DaemonLink* const link = held->link;
+    {
+        const LockGuard guard(link->lock);
+        if (link->reconnectTimer != timer) return;
+        link->reconnectTimer = kNoId;
+    }
+    linkSeams.destroyTimer(timer, nullptr);
+    while (!connectAgain(held) && hasToWaitHere(link) && waitHere(link)) {
+    }
+}
+
+}  // namespace
+
+void linkCloseQueue(Ipq* ipq, bool graceful) {
+    ipqClose(ipq, graceful, onQueueGone);
+}
+
+void linkBreak(DaemonLink* link, Ipq* ipq, bool isNoticed) {
+    {
+        const LockGuard guard(link->lock);
+        if (!takeOffLocked(link, ipq, isNoticed)) return;
+    }
+    // The caller's reference to the transport may be the queue's own.
+    Held<Transport> held;
+    held.share(link->transport);
+    linkCloseQueue(ipq, false);
+    if (!isAlive(held) || !runHooks(held, kHookDisconnect)) return;
+    if (isNoticed) tellDisconnect(held.get());
+    const pelmoStatus status = armForBreak(link);
+    if (status != kStatusSuccess) {
+        logPrint("unable to set reconnect timer: %s.", pelmoStatus_GetText(status));
+    }
+}
