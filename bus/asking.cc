@@ -2,8 +2,6 @@
 
 namespace {
 
-constexpr uint32_t kInboxBytes = 256;  // more than any subject has
-
 struct Inbox {
     uint32_t event = kNoId;
     OwnedMessage answer;
@@ -28,7 +26,7 @@ void onAnswer(uint32_t, pelmoMsg* msg, void* closure) {
 
 pelmoStatus askFor(
     Pump& pump, Sender& sender, pelmoMsg* request, int64_t until, OwnedMessage& answer) {
-    char subject[kInboxBytes];
+    char subject[kMostInboxBytes];
     Inbox inbox;
     pelmoStatus status = pelmoTransport_CreateInbox(sender.transport, subject, sizeof subject);
     if (status == kStatusSuccess) {

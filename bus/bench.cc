@@ -284,7 +284,7 @@ ExitStatus runBenchListen(const BusSettings& given) {
         complain(std::string("listen ") + settings.subjects[0], status);
         return kExitFailed;
     }
-    announce(std::string("listening on ") + settings.subjects[0]);
+    pumpAnnounce(pump, connection.transport, settings.subjects);
 
     std::atomic<bool> isOver = false;
     Load load = loadMake(settings, connection.transport, pump.queue);

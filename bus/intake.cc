@@ -37,6 +37,7 @@ ExitStatus intakeRun(Intake& intake) {
             return kExitFailed;
         }
     }
+    pumpAnnounce(intake.pump, intake.connection.transport, settings.subjects);
 
     const ExitStatus ended = endStatus(pumpRun(intake.pump, intake.done, until), settings);
     if (intake.pump.failure != kStatusSuccess) complain("listen", intake.pump.failure);

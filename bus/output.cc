@@ -74,7 +74,8 @@ bool outputFlush(Output& output) {
     output.since = 0;
     if (fault != 0) {
         output.failed = true;
-        complain(std::string("standard output: ") + std::strerror(fault), kStatusIoFailed);
+        const char* words = fault == ETIME ? "its reader takes nothing" : std::strerror(fault);
+        complain(std::string("standard output: ") + words, kStatusIoFailed);
     }
     return !output.failed;
 }

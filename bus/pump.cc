@@ -7,6 +7,7 @@
 #include <string>
 
 #include "bus/complain.h"
+#include "bus/owned_message.h"
 #include "bus/steady_time.h"
 #include "bus/stop.h"
 
@@ -14,6 +15,28 @@ namespace {
 
 // It has woken the loop, which looks for itself.
 void onStop(uint32_t, pelmoMsg*, void*) {}
+
+constexpr int64_t kMostDaemonTime = kSecond;
+
+void onReturn(uint32_t, pelmoMsg*, void* closure) {
+    *static_cast<bool*>(closure) = true;
+}
+
+void awaitDaemon(Pump& pump, uint32_t transport) {
+    char inbox[kMostInboxBytes];
+    uint32_t event = kNoId;
+    bool isBack = false;
+    const OwnedMessage msg = messageMake();
+    if (pelmoTransport_CreateInbox(transport, inbox, sizeof inbox) == kStatusSuccess &&
+        pelmoEvent_CreateListener(&event, pump.queue, onReturn, transport, inbox, &isBack) ==
+            kStatusSuccess &&
+        pelmoMsg_SetSendSubject(msg.get(), inbox) == kStatusSuccess &&
+        pelmoTransport_Send(transport, msg.get()) == kStatusSuccess) {
+        // Any other end is seen again by whoever runs the pump next.
+        static_cast<void>(pumpRun(pump, isBack, steadyNow() + kMostDaemonTime));
+    }
+    if (event != kNoId) pelmoEvent_DestroyEx(event, nullptr);
+}
 
 }  // namespace
 
@@ -42,8 +65,14 @@ bool pumpListen(Pump& pump,
         complain(std::string("listen ") + subject, status);
         return false;
     }
-    announce(std::string("listening on ") + subject);
     return true;
+}
+
+void pumpAnnounce(Pump& pump, uint32_t transport, std::span<const char* const> subjects) {
+    if (transport != kIntraProcessTransportId) awaitDaemon(pump, transport);
+    for (const char* subject : subjects) {
+        announce(std::string("listening on ") + subject);
+    }
 }
 
 PumpEnd pumpRun(Pump& pump, const bool& done, int64_t until) {

@@ -9,10 +9,13 @@
 #pragma once
 
 #include <exception>
+#include <span>
 #include <vector>
 
 #include "bus/output.h"
 #include "lib/pelmo.h"
+
+constexpr uint32_t kMostInboxBytes = 256;  // more than any subject has
 
 struct Pump {
     uint32_t queue = kNoId;
@@ -30,12 +33,17 @@ struct Pump {
 // Failures are told.
 [[nodiscard]] bool pumpOpen(Pump& pump, Output* output);
 
-// Tells "listening on SUBJECT", or the failure.
+// Failures are told.
 [[nodiscard]] bool pumpListen(Pump& pump,
                               uint32_t transport,
                               const char* subject,
                               pelmoEventCallback callback,
                               void* closure);
+
+// Tells "listening on SUBJECT" for each, once the daemon knows of the listeners: what is sent from
+// then on reaches them. A message to an inbox of our own shows it, which the daemon sends back
+// behind all that it was told before. One that sends nothing back is waited for a second.
+void pumpAnnounce(Pump& pump, uint32_t transport, std::span<const char* const> subjects);
 
 enum class PumpEnd { kDone, kTime, kStopped, kFailed };
 
