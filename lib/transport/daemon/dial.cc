@@ -19,7 +19,8 @@ class WatchedSocket {
   public:
     explicit WatchedSocket(Connect* connect) : connect_(connect) {}
     ~WatchedSocket() {
-        if (Socket* socket = take(); socket != nullptr) socketDestroy(socket);
+        // By now the queue that took the socket over is watched.
+        if (socket_ != nullptr) socketDestroy(take());
     }
     WatchedSocket(const WatchedSocket&) = delete;
     WatchedSocket& operator=(const WatchedSocket&) = delete;
