@@ -34,7 +34,7 @@ TEST(SocketRaces, CloseWhileCallbacksRun) {
         Socket* socket = nullptr;
         ASSERT_EQ(socketCreateClient(&socket, kPlainSocketClass, kFirstIoQueueId, false),
                   kSocketDone);
-        (void)socketConnect(socket, kLoopbackAddress, listener.port);
+        (void)socketConnect(socket, kLoopbackHost, listener.port);
         (void)socketOnReadable(socket, onReadable, &counts);
         const OwnHandle peer = listener.take();
         ASSERT_EQ(socketWaitConnected(socket, -1), kStatusSuccess);

@@ -11,7 +11,7 @@
 
 #include <string>
 
-inline const uint32_t kLoopbackAddress = htonl(INADDR_LOOPBACK);
+inline const uint32_t kLoopbackHost = htonl(INADDR_LOOPBACK);
 
 // A descriptor, closed at the end of the scope; -1 for none.
 class OwnHandle {
@@ -45,7 +45,7 @@ struct LoopbackListener {
         : handle(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in own = {};
         own.sin_family = AF_INET;
-        own.sin_addr.s_addr = kLoopbackAddress;
+        own.sin_addr.s_addr = kLoopbackHost;
         socklen_t size = sizeof(own);
         EXPECT_EQ(bind(handle.number(), reinterpret_cast<sockaddr*>(&own), size), 0);
         EXPECT_EQ(listen(handle.number(), backlog), 0);

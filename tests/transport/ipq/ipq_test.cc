@@ -71,11 +71,11 @@ struct Queues : testing::Test {
         Socket* client = nullptr;
         Socket* accepted = nullptr;
         ASSERT_EQ(socketCreateServer(&server, 0, kFirstIoQueueId, false), kSocketDone);
-        ASSERT_EQ(socketBind(server, kLoopbackAddress, 0, false), kSocketDone);
+        ASSERT_EQ(socketBind(server, kLoopbackHost, 0, false), kSocketDone);
         ASSERT_EQ(socketListen(server), kSocketDone);
         ASSERT_EQ(socketCreateClient(&client, 0, kFirstIoQueueId, false), kSocketDone);
         socketSetMode(client, SocketMode::kBlocking);
-        ASSERT_EQ(socketConnect(client, kLoopbackAddress, socketBoundPort(server)), kSocketDone);
+        ASSERT_EQ(socketConnect(client, kLoopbackHost, socketBoundPort(server)), kSocketDone);
         socketSetMode(server, SocketMode::kBlocking);
         ASSERT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketDone);
         socketDestroy(server);

@@ -87,7 +87,7 @@ struct Sockets : testing::Test {
         client = nullptr;
         EXPECT_EQ(socketCreateClient(&client, classIndex, kFirstIoQueueId, false), kSocketDone);
         socketSetMode(client, mode);
-        return socketConnect(client, kLoopbackAddress, port);
+        return socketConnect(client, kLoopbackHost, port);
     }
 
     void connect() {
@@ -129,8 +129,8 @@ TEST_F(Sockets, ServeAndConnect) {
     ASSERT_EQ(socketCreateServer(&server, kPlainSocketClass, kFirstIoQueueId, false), kSocketDone);
     EXPECT_EQ(socketListen(server), kSocketWrongState);
     EXPECT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketWrongState);
-    EXPECT_EQ(socketBind(server, kLoopbackAddress, listener.port, false), kSocketOtherError);
-    EXPECT_EQ(socketBind(server, kLoopbackAddress, listener.port, true), kSocketDone);
+    EXPECT_EQ(socketBind(server, kLoopbackHost, listener.port, false), kSocketOtherError);
+    EXPECT_EQ(socketBind(server, kLoopbackHost, listener.port, true), kSocketDone);
     EXPECT_NE(socketBoundPort(server), listener.port);
     EXPECT_EQ(socketOnReadable(server, Caller::call, &reader), kStatusInvalidIoSource);
     ASSERT_EQ(socketListen(server), kSocketDone);
@@ -140,11 +140,11 @@ TEST_F(Sockets, ServeAndConnect) {
     reader.act = [&] { EXPECT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketDone); };
 
     (void)startConnect(socketBoundPort(server));
-    EXPECT_EQ(socketConnect(client, kLoopbackAddress, listener.port), kSocketWrongState);
+    EXPECT_EQ(socketConnect(client, kLoopbackHost, listener.port), kSocketWrongState);
     EXPECT_TRUE(passUntilCalled(reader, 1));
     EXPECT_EQ(socketWaitConnected(client, 0), kStatusSuccess);
     EXPECT_EQ(socketPeerPort(client), socketBoundPort(server));
-    EXPECT_EQ(socketPeerAddress(accepted), kLoopbackAddress);
+    EXPECT_EQ(socketPeerAddress(accepted), kLoopbackHost);
     for (Socket* socket : {server, client, accepted}) {
         int noDelay = 0;
         socklen_t size = sizeof(noDelay);
@@ -194,7 +194,7 @@ TEST_F(Sockets, GiveUpAConnectAtItsTimeOrWhenInterrupted) {
     std::vector<OwnHandle> fill;
     sockaddr_in target = {};
     target.sin_family = AF_INET;
-    target.sin_addr.s_addr = kLoopbackAddress;
+    target.sin_addr.s_addr = kLoopbackHost;
     target.sin_port = full.port;
     for (int i = 0; i < 4; ++i) {
         fill.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
@@ -549,12 +549,12 @@ TEST_F(Sockets, SurviveEachAllocationThatFails) {
         Socket* accepted = nullptr;
         const bool listens =
             socketCreateServer(&server, kPlainSocketClass, kFirstIoQueueId, false) == kSocketDone &&
-            socketBind(server, kLoopbackAddress, 0, false) == kSocketDone &&
+            socketBind(server, kLoopbackHost, 0, false) == kSocketDone &&
             socketListen(server) == kSocketDone;
         bool all = listens && socketCreateClient(&made, kPlainSocketClass, kFirstIoQueueId,
                                                  false) == kSocketDone;
         if (all) {
-            const SocketCode code = socketConnect(made, kLoopbackAddress, socketBoundPort(server));
+            const SocketCode code = socketConnect(made, kLoopbackHost, socketBoundPort(server));
             all = code == kSocketDone || code == kSocketWouldBlock;
             EXPECT_TRUE(all || code == kSocketNoBuffers);
         }

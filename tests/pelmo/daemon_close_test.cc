@@ -1,0 +1,206 @@
+// Ends of network transports, and of the library with them, in whatever state they are: at once, or
+// within the time of a graceful close, and with all sent that the daemon takes.
+
+#include <chrono>
+#include <functional>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include "lib/transport/ipq/ipq.h"
+#include "tests/pelmo/daemon_stand.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr double kAtOnceSeconds = 1.0;
+constexpr double kGracefulSeconds = kGracefulCloseSeconds + 1.0;
+
+double secondsOf(const std::function<void()>& act) {
+    const Clock::time_point start = Clock::now();
+    act();
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Who ends it.
+enum class Ender { kDestroy, kDestroyInCallback, kClose, kCloseInCallback };
+constexpr Ender kEnders[] = {Ender::kDestroy, Ender::kDestroyInCallback, Ender::kClose,
+                             Ender::kCloseInCallback};
+
+struct DaemonCloses : DaemonStand {
+    // Runs it on the thread of the dispatcher.
+    void inCallback(const std::function<void()>& act) const {
+        struct Call {
+            const std::function<void()>& act;
+            std::latch done{1};
+        } call{act};
+        uint32_t timer = kNoId;
+        const auto run = [](uint32_t event, pelmoMsg*, void* closure) {
+            pelmoEvent_DestroyEx(event, nullptr);
+            auto* const made = static_cast<Call*>(closure);
+            made->act();
+            made->done.count_down();
+        };
+        ASSERT_EQ(pelmoEvent_CreateTimer(&timer, kDefaultQueueId, run, 0.001, &call),
+                  kStatusSuccess);
+        call.done.wait();
+    }
+
+    // Seconds until it has ended.
+    double end(Ender ender) {
+        const auto destroy = [&] { EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess); };
+        const auto close = [] { EXPECT_EQ(pelmo_Close(), kStatusSuccess); };
+        const auto timed = [&](const std::function<void()>& act, bool inside) {
+            if (!inside) return secondsOf(act);
+            double seconds = 0;
+            inCallback([&] { seconds = secondsOf(act); });
+            return seconds;
+        };
+        const bool destroys = ender == Ender::kDestroy || ender == Ender::kDestroyInCallback;
+        const bool inside = ender == Ender::kDestroyInCallback || ender == Ender::kCloseInCallback;
+        return destroys ? timed(destroy, inside) : timed(close, inside);
+    }
+
+    // For the next row, which counts from there.
+    void reopen(Ender ender, const Leftovers& before) {
+        if (ender == Ender::kClose || ender == Ender::kCloseInCallback) {
+            EXPECT_EQ(pelmo_Open(), kStatusSuccess);
+            EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
+        }
+        EXPECT_EQ(leftoversOnceThey(before), before);
+    }
+};
+
+// A transport that is being made, on a thread of its own, when the library closes.
+TEST_F(DaemonCloses, OfTheLibraryEndAConnectUnderWay) {
+    const DaemonScript greeted = greet() + takeAnswer();
+    const struct {
+        const char* name;
+        DaemonScript script;
+    } cases[] = {
+        {"greeting", gate() + silence()},
+        {"frame", greeted + gate() + silence()},
+        {"reply", goodHandshake() + takeMessage() + gate() + silence()},
+    };
+    for (const Ender ender : {Ender::kClose, Ender::kCloseInCallback}) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.name);
+            MisbehavingDaemon daemon({c.script});
+            daemon.openGate();
+            const Leftovers before = leftovers();
+            std::thread making([&] { EXPECT_NE(create(daemon), kStatusSuccess); });
+            EXPECT_TRUE(daemon.awaitGates(1));
+            EXPECT_LT(secondsOf([&] {
+                          EXPECT_LT(end(ender), kAtOnceSeconds);
+                          making.join();
+                      }),
+                      kAtOnceSeconds);
+            reopen(ender, before);
+        }
+    }
+    EXPECT_TRUE(noMemoryIsLost());
+}
+
+// One that never answers at all: its system has no room for another connection.
+TEST_F(DaemonCloses, OfTheLibraryEndAConnectWithoutAnswer) {
+    const LoopbackListener full(0);
+    std::vector<OwnHandle> fill;
+    sockaddr_in target = {};
+    target.sin_family = AF_INET;
+    target.sin_addr.s_addr = kLoopbackHost;
+    target.sin_port = full.port;
+    for (int i = 0; i < 4; ++i) {
+        fill.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        (void)connect(fill.back().number(), reinterpret_cast<sockaddr*>(&target), sizeof(target));
+    }
+    const std::string name = "127.0.0.1:" + std::to_string(ntohs(full.port));
+    const size_t descriptors = descriptorCount();
+    std::thread making([&] {
+        EXPECT_EQ(pelmoTransport_CreateNetwork(&transport, nullptr, nullptr, name.c_str()),
+                  kStatusDaemonNotConnected);
+    });
+    while (descriptorCount() == descriptors)
+        std::this_thread::yield();
+    EXPECT_LT(secondsOf([&] {
+                  EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+                  making.join();
+              }),
+              kAtOnceSeconds);
+}
+
+TEST_F(DaemonCloses, OfAnIdleTransportTakeNoTime) {
+    for (const Ender ender : kEnders) {
+        SCOPED_TRACE(static_cast<int>(ender));
+        MisbehavingDaemon daemon({goodSession() + serve()});
+        const Leftovers before = leftovers();
+        ASSERT_EQ(create(daemon), kStatusSuccess);
+        EXPECT_LT(end(ender), kAtOnceSeconds);
+        reopen(ender, before);
+    }
+    EXPECT_TRUE(noMemoryIsLost());
+}
+
+// Megabytes wait for a daemon that has read nothing so far, and then reads all or nothing.
+TEST_F(DaemonCloses, SendWhatWaitsToADaemonThatReads) {
+    const std::string part(kPartBytes, 'x');
+    constexpr size_t kParts = 128;
+    for (const Ender ender : kEnders) {
+        SCOPED_TRACE(static_cast<int>(ender));
+        MisbehavingDaemon daemon({goodSession() + gate() + serve()});
+        const Leftovers before = leftovers();
+        ASSERT_EQ(create(daemon), kStatusSuccess);
+        EXPECT_TRUE(daemon.awaitGates(1));
+        for (size_t i = 0; i < kParts; ++i)
+            ASSERT_EQ(sendText("A.B", part), kStatusSuccess);
+        daemon.openGate();
+        EXPECT_LT(end(ender), kGracefulSeconds);
+        EXPECT_GT(daemon.bytesRead(), kParts * kPartBytes);
+        size_t large = 0;
+        for (const Bytes& message : daemon.messages())
+            large += message.size() > kPartBytes ? 1 : 0;
+        EXPECT_EQ(large, kParts);
+        reopen(ender, before);
+    }
+    EXPECT_TRUE(noMemoryIsLost());
+}
+
+// A sender waits for room when the transport ends.
+TEST_F(DaemonCloses, GiveUpADaemonThatReadsNothing) {
+    for (const Ender ender : {Ender::kDestroy, Ender::kClose}) {
+        SCOPED_TRACE(static_cast<int>(ender));
+        MisbehavingDaemon daemon({goodSession() + gate() + hangUp()});
+        const Leftovers before = leftovers();
+        ASSERT_EQ(create(daemon), kStatusSuccess);
+        std::thread sending = sendUntilItFails();
+        EXPECT_LT(end(ender), kGracefulSeconds);
+        EXPECT_LT(secondsOf([&] { sending.join(); }), kAtOnceSeconds);
+        daemon.openGate();
+        reopen(ender, before);
+    }
+    EXPECT_TRUE(noMemoryIsLost());
+}
+
+// After a break: the next connect waits for its time, or is under way and not answered.
+TEST_F(DaemonCloses, OfABrokenTransportTakeNoTime) {
+    for (const bool refuses : {true, false}) {
+        for (const Ender ender : kEnders) {
+            SCOPED_TRACE(static_cast<int>(ender));
+            MisbehavingDaemon daemon({goodSession() + gate() + hangUp(), gate() + silence()});
+            const Leftovers before = leftovers();
+            ASSERT_EQ(create(daemon), kStatusSuccess);
+            const CountingListener advisories(transport, kDisconnected);
+            if (refuses) daemon.stopListening();
+            daemon.openGate();
+            daemon.openGate();
+            EXPECT_TRUE(advisories.await(1));
+            EXPECT_TRUE(refuses || daemon.awaitGates(2));
+            EXPECT_LT(end(ender), kAtOnceSeconds);
+            pelmoEvent_DestroyEx(advisories.event, nullptr);
+            reopen(ender, before);
+        }
+    }
+    EXPECT_TRUE(noMemoryIsLost());
+}
+
+}  // namespace

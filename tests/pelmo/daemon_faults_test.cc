@@ -1,0 +1,275 @@
+// Network transports against daemons that do all things wrong.
+
+#include <fstream>
+#include <vector>
+
+#include "tests/pelmo/daemon_stand.h"
+
+namespace {
+
+constexpr uint32_t kMagic = 0x9955eeaa;
+
+Bytes head(uint32_t size, uint32_t magic = kMagic) {
+    Bytes bytes;
+    for (const uint32_t word : {size, magic}) {
+        for (const int shift : {24, 16, 8, 0})
+            bytes.push_back(static_cast<uint8_t>(word >> shift));
+    }
+    return bytes;
+}
+
+Bytes firstBytes(const Bytes& bytes, size_t count) {
+    return Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
+}
+
+Bytes lastBytes(const Bytes& bytes, size_t from) {
+    return Bytes(bytes.begin() + static_cast<ptrdiff_t>(from), bytes.end());
+}
+
+struct DaemonFaults : DaemonStand {};
+
+// The most that the process has ever had.
+size_t peakAddressSpaceBytes() {
+    std::ifstream file("/proc/self/status");
+    for (std::string word; file >> word;) {
+        if (word != "VmPeak:") continue;
+        size_t kilobytes = 0;
+        file >> kilobytes;
+        return kilobytes * 1024;
+    }
+    ADD_FAILURE();
+    return 0;
+}
+
+struct OpeningFault {
+    const char* name;
+    DaemonScript script;
+    pelmoStatus expected;
+    bool runsOut = false;  // it takes all the time that an answer may take
+};
+
+std::vector<OpeningFault> openingFaults() {
+    const DaemonScript greeted = greet() + takeAnswer();
+    const DaemonScript agreed = goodHandshake();
+    const DaemonScript started = agreed + takeMessage();
+    const DaemonScript served = takeMessage() + serve();
+    const Bytes greeting(12);
+    const auto endsWithFrame = [&](const Frame& frame) { return greeted + sendFrame(frame); };
+    const auto endsWithReply = [&](const Reply& wrong) { return started + reply(wrong) + serve(); };
+    DaemonScript endless = greeted;
+    for (int i = 0; i < 10'000; ++i)
+        endless = std::move(endless) + sendFrame({}) + takeFrame();
+    return {
+        {"closes at once", hangUp(), kStatusDaemonNotConnected},
+        {"greets short", sendBytes(firstBytes(greeting, 11)), kStatusDaemonNotConnected},
+        {"doesn't greet", silence(), kStatusDaemonNotConnected, true},
+        {"greets by halves", sendBytes(firstBytes(greeting, 4)) + silence(),
+         kStatusDaemonNotConnected, true},
+        {"greets late", pauseFor(30) + goodSession() + serve(), kStatusSuccess},
+        {"greets with a word", greet({.first = 1}) + silence(), kStatusDaemonNotConnected},
+        {"greets with version 2", greet({.version = 2}) + silence(), kStatusWrongVersion},
+        {"greets with version 3",
+         greet({.version = 3}) + takeAnswer() + sendFrame({.type = 1}) + takeMessage() + reply() +
+             served,
+         kStatusSuccess},
+        {"greets with version 5", greet({.version = 5}) + silence(), kStatusWrongVersion},
+        {"greets with all bits", greet({UINT32_MAX, UINT32_MAX}) + silence(),
+         kStatusDaemonNotConnected},
+
+        {"closes for a frame", greeted + hangUp(), kStatusInitFailed},
+        {"sends no frame", greeted + silence(), kStatusInitFailed, true},
+        {"sends a short frame", greeted + sendBytes(firstBytes(frameBytes({}), 63)),
+         kStatusInitFailed},
+        {"refuses", endsWithFrame({.type = 0}), kStatusInitFailed},
+        {"sends a frame of no type", endsWithFrame({.type = 4}), kStatusInitFailed},
+        {"offers another version", endsWithFrame({.version = 3}) + silence(), kStatusInitFailed},
+        {"offers another format", endsWithFrame({.format = 2}) + silence(), kStatusInitFailed},
+        {"counters",
+         greeted + sendFrame({.type = 3}) + takeFrame() + sendFrame({.type = 1}) + takeMessage() +
+             reply() + served,
+         kStatusSuccess},
+        {"offers for ever", endless, kStatusInitFailed, true},
+        {"agrees on version 1", endsWithFrame({.type = 1, .version = 1}), kStatusInvalidTransport},
+        {"agrees on a small limit", endsWithFrame({.type = 1, .limitA = 0x3ffffff}),
+         kStatusInvalidTransport},
+        {"agrees on a large limit", endsWithFrame({.type = 1, .limitB = 0x4000001}),
+         kStatusInvalidTransport},
+        {"agrees on no limits",
+         greeted + sendFrame({.type = 1, .limitA = 0, .limitB = 0}) + takeMessage() + reply() +
+             served,
+         kStatusSuccess},
+
+        {"closes for a reply", started + hangUp(), kStatusDaemonNotConnected},
+        {"never replies", started + silence(), kStatusDaemonNotConnected, true},
+        {"keeps alive and never replies", started + sendBytes(head(8)) + silence(),
+         kStatusDaemonNotConnected, true},
+        {"closes in order for a reply", started + sendBytes(Bytes(8)) + serve(),
+         kStatusDaemonNotConnected},
+        {"replies with bad magic", started + sendBytes(head(20, kMagic + 1)) + silence(),
+         kStatusDaemonNotConnected},
+        {"replies with a size of 4", started + sendBytes(head(4)) + silence(),
+         kStatusDaemonNotConnected},
+        {"replies by halves", started + sendBytes(firstBytes(replyBytes(), 30)) + hangUp(),
+         kStatusDaemonNotConnected},
+        {"replies with another kind", endsWithReply({.mtype = "D"}), kStatusInitFailed},
+        {"replies without a kind", endsWithReply({.without = "mtype"}), kStatusInitFailed},
+        {"replies without data", endsWithReply({.without = "data"}), kStatusInitFailed},
+        {"replies without its address", endsWithReply({.without = "ipaddr"}),
+         kStatusNetworkNotFound},
+        {"replies without its port", endsWithReply({.without = "ipport"}), kStatusServiceNotFound},
+        {"replies with an error", endsWithReply({.error = kStatusNotPermitted}),
+         kStatusNotPermitted},
+        {"replies with an error of its own", endsWithReply({.error = 4711}), 4711},
+        {"replies with no error", started + reply({.error = 0}) + served, kStatusSuccess},
+        {"replies behind keep-alives",
+         started + sendBytes(head(8)) + sendBytes(head(8)) + reply() + served, kStatusSuccess},
+        {"replies byte by byte", started + sendOneByOne(replyBytes()) + served, kStatusSuccess},
+        {"replies twice", started + reply() + reply() + served, kStatusSuccess},
+    };
+}
+
+// Whatever happened, nothing is left of it, and the next connection goes well.
+TEST_F(DaemonFaults, OfAnOpeningHaveTheirStatus) {
+    for (const OpeningFault& fault : openingFaults()) {
+        SCOPED_TRACE(fault.name);
+        MisbehavingDaemon daemon({fault.script, goodSession() + serve()});
+        const Leftovers before = leftovers();
+        const auto tryWith = [&](double seconds) {
+            const AnswerSeconds limit(seconds);
+            const pelmoStatus status = create(daemon);
+            if (status == kStatusSuccess) pelmoTransport_Destroy(transport);
+            EXPECT_EQ(leftoversOnceThey(before), before);
+            return status;
+        };
+        EXPECT_EQ(tryWith(fault.runsOut ? 0.05 : 10), fault.expected);
+        EXPECT_EQ(tryWith(10), kStatusSuccess);
+        EXPECT_TRUE(noMemoryIsLost());
+    }
+}
+
+TEST_F(DaemonFaults, RefuseAConnection) {
+    MisbehavingDaemon daemon({hangUp()});
+    const Leftovers before = leftovers();
+    daemon.stopListening();
+    EXPECT_EQ(create(daemon), kStatusDaemonNotConnected);
+    EXPECT_EQ(leftoversOnceThey(before), before);
+}
+
+struct RunningFault {
+    const char* name;
+    DaemonScript script;
+    bool breaks;
+    const char* line;  // in the log, "" for none
+};
+
+std::vector<RunningFault> runningFaults() {
+    const Bytes message = messageBytes("A.B", "text");
+    const Bytes rubbish = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    const char* const badMagic = "bad magic from 127.0.0.1:";
+    const char* const badSize = "message with invalid size from 127.0.0.1:";
+    std::vector<RunningFault> faults = {
+        {"closes", hangUp(), true, ""},
+        {"sends bad magic", sendBytes(rubbish) + silence(), true, badMagic},
+        {"sends a word and no magic", sendBytes(head(7, 0)) + silence(), true, badMagic},
+        {"sends a close notice", sendBytes(Bytes(8)) + serve(), true, ""},
+        {"sends a close notice within a message",
+         sendBytes(firstBytes(message, 20)) + sendBytes(Bytes(message.size() - 20)), false, ""},
+        {"keeps alive", sendBytes(head(8)) + sendBytes(head(8)), false, ""},
+        {"sends a message of one byte", sendBytes(head(9)) + sendBytes({0xff}), false, ""},
+        {"sends a message of rubbish", sendBytes(head(8 + 12)) + sendBytes(rubbish), false, ""},
+        {"stops within a message", sendBytes(firstBytes(message, message.size() - 1)) + hangUp(),
+         true, ""},
+        {"stops within a head", sendBytes(firstBytes(message, 3)) + hangUp(), true, ""},
+        {"takes its time within a message",
+         sendBytes(firstBytes(message, 20)) + pauseFor(20) + sendBytes(lastBytes(message, 20)),
+         false, ""},
+        {"claims four gigabytes", sendBytes(head(UINT32_MAX)) + sendBytes(rubbish) + silence(),
+         true, badSize},
+        {"claims more than was agreed", sendBytes(head(0x4000001)) + silence(), true, badSize},
+        {"replies again", reply() + reply({.error = kStatusNotPermitted}), false, ""},
+        {"reads byte by byte", readByteByByte(), false, ""},
+    };
+    for (uint32_t size = 0; size < 8; ++size)
+        faults.push_back({"sends a short size", sendBytes(head(size)) + silence(), true, badSize});
+    return faults;
+}
+
+// A break is told once and repaired; what isn't one does no harm, and what comes behind it arrives.
+TEST_F(DaemonFaults, OfAStreamBreakItOrDoNoHarm) {
+    for (const RunningFault& fault : runningFaults()) {
+        SCOPED_TRACE(fault.name);
+        MisbehavingDaemon daemon({goodSession() + gate() + fault.script +
+                                      sendBytes(messageBytes("A.NEXT", "text")) + serve(),
+                                  goodSession() + serve()});
+        const Leftovers before = leftovers();
+        ASSERT_EQ(create(daemon), kStatusSuccess);
+        const CountingListener advisories(transport, kDisconnected);
+        const CountingListener next(transport, "A.NEXT");
+        ASSERT_TRUE(daemon.awaitGates(1));
+        testing::internal::CaptureStderr();
+        daemon.openGate();
+        if (fault.breaks) {
+            EXPECT_TRUE(daemon.awaitConnections(2));
+            EXPECT_TRUE(advisories.await(1));
+        } else {
+            EXPECT_TRUE(next.await(1));
+        }
+        // Sent until it gets through: a message meets no connection while one is being made.
+        while (sendText("A.B", "text") == kStatusDaemonNotConnected)
+            (void)poll(nullptr, 0, 1);
+        EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find(fault.line), std::string::npos) << log;
+        EXPECT_EQ(advisories.count, fault.breaks ? 1u : 0u);
+        pelmoEvent_DestroyEx(advisories.event, nullptr);
+        pelmoEvent_DestroyEx(next.event, nullptr);
+        EXPECT_EQ(leftoversOnceThey(before), before);
+        EXPECT_TRUE(noMemoryIsLost());
+    }
+}
+
+// Memory comes with the bytes, not with the number that tells how many they will be.
+TEST_F(DaemonFaults, OfASizeCostNoMemory) {
+    MisbehavingDaemon daemon({goodSession() + gate() + sendBytes(head(0x4000000)) +
+                              sendBytes(Bytes(100'000)) + gate() + hangUp()});
+    ASSERT_EQ(create(daemon), kStatusSuccess);
+    ASSERT_TRUE(daemon.awaitGates(1));
+    const CountingListener advisories(transport, kDisconnected);
+    const size_t before = peakAddressSpaceBytes();
+    daemon.openGate();
+    daemon.openGate();
+    EXPECT_TRUE(advisories.await(1));  // all bytes have been read then
+    EXPECT_LT(peakAddressSpaceBytes(), before + (32u << 20));
+    EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess);
+}
+
+TEST_F(DaemonFaults, FloodsArriveWhole) {
+    constexpr size_t kMessages = 50'000;
+    const Bytes message = messageBytes("A.B", "text");
+    Bytes flood;
+    for (size_t i = 0; i < kMessages; ++i)
+        flood.insert(flood.end(), message.begin(), message.end());
+    MisbehavingDaemon daemon({goodSession() + gate() + sendBytes(flood) + serve()});
+    ASSERT_EQ(create(daemon), kStatusSuccess);
+    const CountingListener listener(transport, "A.>");
+    daemon.openGate();
+    EXPECT_TRUE(listener.await(kMessages));
+    EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess);
+    EXPECT_EQ(listener.count, kMessages);
+}
+
+// A sender that waits for room hears of the break at once.
+TEST_F(DaemonFaults, FreeASenderThatWaits) {
+    MisbehavingDaemon daemon({goodSession() + gate() + hangUp(), goodSession() + serve()});
+    const Leftovers before = leftovers();
+    ASSERT_EQ(create(daemon), kStatusSuccess);
+    std::thread sending = sendUntilItFails();
+    daemon.openGate();
+    sending.join();
+    EXPECT_TRUE(daemon.awaitConnections(2));
+    EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess);
+    EXPECT_EQ(leftoversOnceThey(before), before);
+    EXPECT_TRUE(noMemoryIsLost());
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+// What tests of a network transport against a daemon stand on: an open library, a dispatcher, and
+// the advisories of a break.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "lib/pelmo.h"
+#include "lib/transport/daemon/link_seams.h"
+#include "tests/support/leftovers.h"
+#include "tests/support/misbehaving_daemon.h"
+
+inline constexpr size_t kPartBytes = 0x10000;
+inline constexpr size_t kMostWaitingBytes = 0x1000000;  // above them a sender waits
+
+// A time-out of the handshake that a test can wait for.
+struct AnswerSeconds {
+    explicit AnswerSeconds(double seconds) { linkSeams.answerSeconds = seconds; }
+    ~AnswerSeconds() { linkSeams.answerSeconds = former; }
+    AnswerSeconds(const AnswerSeconds&) = delete;
+    AnswerSeconds& operator=(const AnswerSeconds&) = delete;
+
+    double former = linkSeams.answerSeconds;
+};
+
+// Counts the messages of one subject; waits for them at the longest ten seconds.
+struct CountingListener {
+    CountingListener(uint32_t transport, const char* subject) {
+        EXPECT_EQ(
+            pelmoEvent_CreateListener(&event, kDefaultQueueId, take, transport, subject, this),
+            kStatusSuccess);
+    }
+    CountingListener(const CountingListener&) = delete;
+    CountingListener& operator=(const CountingListener&) = delete;
+
+    [[nodiscard]] bool await(size_t wanted) const {
+        for (int look = 0; look < 10'000 && count < wanted; ++look)
+            (void)poll(nullptr, 0, 1);
+        return count >= wanted;
+    }
+
+    uint32_t event = kNoId;
+    std::atomic<size_t> count{0};
+
+  private:
+    static void take(uint32_t, pelmoMsg*, void* closure) {
+        ++static_cast<CountingListener*>(closure)->count;
+    }
+};
+
+struct DaemonStand : testing::Test {
+    DaemonStand() {
+        EXPECT_EQ(pelmo_Open(), kStatusSuccess);
+        EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
+    }
+    ~DaemonStand() override {
+        if (libraryIsOpen()) pelmo_Close();
+    }
+
+    pelmoStatus create(const MisbehavingDaemon& daemon) {
+        return pelmoTransport_CreateNetwork(&transport, "7500", nullptr, daemon.name().c_str());
+    }
+
+    pelmoStatus sendText(const char* subject, const std::string& text) const {
+        const Message message = newMessage();
+        EXPECT_EQ(pelmoMsg_AddString(message.get(), "text", text.c_str(), 0), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_SetSendSubject(message.get(), subject), kStatusSuccess);
+        return pelmoTransport_Send(transport, message.get());
+    }
+
+    // Returns once the sender waits: a daemon that reads nothing has left it no room.
+    [[nodiscard]] std::thread sendUntilItFails() const {
+        auto sent = std::make_shared<std::atomic<size_t>>(0);
+        std::thread sending([this, sent] {
+            const std::string part(kPartBytes, 'x');
+            while (sendText("A.B", part) == kStatusSuccess)
+                ++*sent;
+        });
+        size_t seen;
+        do {
+            seen = *sent;
+            (void)poll(nullptr, 0, 200);
+        } while (seen != *sent || seen * kPartBytes < kMostWaitingBytes);
+        return sending;
+    }
+
+    uint32_t dispatcher = kNoId;
+    uint32_t transport = kNoId;
+};
+
+inline constexpr const char* kDisconnected = "_PM.WARN.SYSTEM.PMD.DISCONNECTED";
