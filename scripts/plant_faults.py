@@ -174,7 +174,8 @@ def make_judges():
               ("base", "containers", "msg", "runtime", "transport", "pelmo")}
     judges["trace"] = program("trace")
     judges["bus"] = program("bus")
-    judges["pelmobus"] = Judge(["pelmobus"], [sys.executable, tests / "bus" / "pelmobus_test.py", "bin/pelmobus"],
+    judges["pelmobus"] = Judge(["pelmobus", "pmd"],
+                               [sys.executable, tests / "bus" / "pelmobus_test.py", "bin/pelmobus", "bin/pmd"],
                                re.compile(r"^(?:FAIL|ERROR): (\S+)"))
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],

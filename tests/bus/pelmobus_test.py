@@ -1,14 +1,24 @@
 #!/usr/bin/env python3
-"""pelmobus_test.py PELMOBUS: the program by what it prints and how it ends, over the transport within
-the process: no daemon is needed.
+"""pelmobus_test.py PELMOBUS PMD: the program by what it prints and how it ends, over the transport within
+the process and over a daemon.
 """
+import fcntl
+import json
 import os
+import pathlib
 import re
 import signal
+import socket
+import struct
 import subprocess
 import sys
+import termios
 import time
 import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "e2e"))
+from bus_client import Daemon  # noqa: E402
+from live_run import wait_until  # noqa: E402
 
 
 def run(*words, **kwargs):
@@ -132,6 +142,123 @@ class Pelmobus(unittest.TestCase):
         self.ends(local("bench", "send", "--seconds=0.05", "--count=1000000", "--rate=100"), 3, "")
 
 
+class OverADaemon(unittest.TestCase):
+    def setUp(self):
+        self.daemon = Daemon(PMD)
+        self.addCleanup(self.daemon.close)
+        self.connection = ["--daemon", "127.0.0.1:%d" % self.daemon.port]
+
+    def bus(self, *words, **kwargs):
+        return run(*self.connection, *words, **kwargs)
+
+    def start(self, *words, **kwargs):
+        """A run that may still be under way when the test ends. One that listens stands once this
+        returns: from then on all that is sent reaches it."""
+        process = subprocess.Popen([PROGRAM, *self.connection, *words], stderr=subprocess.PIPE,
+                                   **{"stdout": subprocess.PIPE, **kwargs})
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        if words[0] in ("listen", "answer") or words[:2] == ("bench", "listen"):
+            self.assertRegex(process.stderr.readline(), b"^listening on ")
+        return process
+
+    def ended(self, process, status=0):
+        out, err = process.communicate(timeout=30)
+        self.assertEqual(process.returncode, status, err)
+        return out.decode()
+
+    def test_a_listener_that_stands_misses_nothing(self):
+        for _ in range(20):
+            listener = self.start("listen", "A.>", "--count", "2")
+            sent = self.bus("send", "A.B", "x:i32=7", "--reply", "R", "--count", "2", "--sequence")
+            self.assertEqual((sent.returncode, sent.stderr), (0, b"sent 2\n"))
+            self.assertEqual(self.ended(listener),
+                             "A.B reply=R {x=7 seq=1}\nA.B reply=R {x=7 seq=2}\n")
+
+    def test_what_is_listened_to_can_be_sent_again(self):
+        record = self.start("listen", "A.>", "--json", "--count", "300")
+        self.bus("send", "A.B", "--count", "200", "--sequence", "--size=3", "a:f64=NaN", "b:i64=-9007199254740993",
+                 b"c=\xff\n\xe2\x80\xa8", "d:datetime=-001-12-31 23:59:59.000001Z", "e:subject=A.*", "f:bool=true",
+                 "g:ip=10.1.2.3", "h:port=1", "i:xml=<a/>", "j:f32=0.1")
+        self.bus("send", "A.C", "--lines", input=b"a\0b\n" * 100)
+        lines = self.ended(record)
+        self.assertEqual(lines.count("\n"), 300)
+        self.assertEqual([json.loads(line)["fields"][-1]["value"] for line in lines.splitlines()],
+                         list(range(1, 201)) + ["a\0b"] * 100)
+        again = self.start("listen", "A.>", "--json", "--count", "300")
+        sent = self.bus("send", "OTHER", "--json", input=lines.encode())
+        self.assertEqual(sent.stderr, b"sent 300\n")
+        self.assertEqual(self.ended(again), lines)
+
+    def test_requests_are_answered_in_another_process(self):
+        answerer = self.start("answer", "Q", "--sequence", "--count", "103")
+        asked = self.bus("request", "Q", "x=y", "--count", "3")
+        self.assertEqual(asked.returncode, 0, asked.stderr)
+        self.assertRegex(asked.stdout.decode(), r'^(_INBOX\.\S+ \{x="y" seq=[123]\}\n){3}$')
+        bench = self.bus("bench", "request", "Q", "--count", "100")
+        self.assertIn(b"answered: 100 requests", bench.stdout)
+        self.assertEqual(self.ended(answerer).count("Q reply=_INBOX."), 103)
+
+    def test_benchmarks_meet_over_the_bus(self):
+        listener = self.start("bench", "listen", "--count", "100000")
+        self.assertIn(b"sent: 100000 messages", self.bus("bench", "send", "--count", "100000").stdout)
+        self.assertIn("received: 100000 messages", self.ended(listener))
+
+    def test_a_broken_connection_is_waited_for_where_that_is_asked_for(self):
+        listener = self.start("listen", "W", "--count", "3")
+        waiting = self.start("send", "W", "--lines", "--wait", stdin=subprocess.PIPE)
+        failing = self.start("send", "W", "--lines", stdin=subprocess.PIPE)
+        for process in (waiting, failing):
+            process.stdin.write(b"ahead\n")
+            process.stdin.flush()
+            self.assertEqual(listener.stdout.readline(), b'W {line="ahead"}\n')
+        self.daemon.close()
+        for process in (waiting, failing, listener):
+            while b"PMD.DISCONNECTED" not in process.stderr.readline():
+                pass
+        for process in (waiting, failing):
+            process.stdin.write(b"behind\n")
+            process.stdin.flush()
+        _, err = failing.communicate(timeout=30)
+        self.assertEqual(failing.returncode, 1)
+        self.assertEqual(err, b"pelmobus: send W: Not connected to daemon (21)\nsent 1\n")
+        self.daemon = Daemon(PMD, port=self.daemon.port)
+        self.addCleanup(self.daemon.close)
+        self.assertEqual(self.ended(waiting), "")
+        # The listener is back in its own time, and its end shows that it is.
+        wait_until(lambda: self.bus("send", "W") and listener.poll() is not None, "the listener")
+        self.assertEqual(listener.returncode, 0)
+
+    def test_a_reader_that_has_gone_or_stalls_ends_in_order(self):
+        gone = self.start("listen", "G")
+        gone.stdout.close()
+        self.bus("send", "G", "--count", "10")
+        self.assertIn(b"Broken pipe: IO operation failed (74)", gone.stderr.read())
+        self.assertEqual(gone.wait(30), 1)
+        stalled = self.start("listen", "G")
+        size = fcntl.fcntl(stalled.stdout, fcntl.F_SETPIPE_SZ, 4096)
+        self.bus("send", "G", "--count", "100", "x=" + "y" * 1000)
+        wait_until(lambda: self.waiting(stalled.stdout) == size, "a full pipe")
+        stalled.terminate()
+        self.assertEqual(stalled.stderr.read(), b"pelmobus: standard output: its reader takes nothing: "
+                                                b"IO operation failed (74)\n")
+        self.assertEqual(stalled.wait(30), 1)
+
+    @staticmethod
+    def waiting(pipe):
+        """Bytes that nobody has read."""
+        return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, b"\0" * 4))[0]
+
+    def test_ends_at_a_signal_while_it_connects(self):
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            self.connection = ["--daemon", "127.0.0.1:%d" % silent.getsockname()[1]]
+            process = self.start("send", "A")
+            with silent.accept()[0]:  # and no greeting comes
+                process.send_signal(signal.SIGINT)
+                self.assertEqual(process.wait(30), 0)
+
+
 if __name__ == "__main__":
     PROGRAM = sys.argv.pop(1)
+    PMD = sys.argv.pop(1)
     unittest.main()
