@@ -94,7 +94,8 @@ void seeToEarlyBreak(DaemonLink* link) {
     bool isNoticed = false;
     {
         const LockGuard guard(link->lock);
-        if (!link->fresh.isLost) return;
+        const bool isThisOne = link->fresh.isLost && link->fresh.ipq == nullptr;
+        if (!isThisOne) return;
         ipq = link->ipq;
         isNoticed = link->fresh.isNoticed;
         link->fresh = {};

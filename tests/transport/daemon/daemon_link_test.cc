@@ -136,6 +136,10 @@ TEST_F(Link, FailsWithWhatTheDaemonMakesOfIt) {
         {"the service's own port", [](Manners&) {}, kStatusNotPermitted, "7500:7500"},
         {"no port", [](Manners&) {}, kStatusServiceNotFound, "7500:nosuch"},
     };
+    stand.onLaunch = [](const std::string&) {
+        ADD_FAILURE() << "there is a daemon";
+        return false;
+    };
     for (const auto& row : rows) {
         daemon.behave(row.change);
         EXPECT_EQ(create(row.service), row.status) << row.what;
@@ -249,6 +253,7 @@ TEST_F(Link, HasNoConnectionUntilRepaired) {
     EXPECT_EQ(pelmoTransport_SetBlockingOnExcessiveBacklog(id, true), kStatusDaemonNotConnected);
     EXPECT_EQ(pelmoTransport_SetEcho(id, true), kStatusSuccess);
     const TestListener listener(queue, "A", id);
+    daemon.behave([](Manners& m) { m.gob = "OTHER"; });
     stand.fire(timer);
     EXPECT_EQ(daemon.await("L A"), (Texts{kNextWords[0], kNextWords[1], kOwnInboxes, "L A"}));
     EXPECT_EQ(pelmoTransport_HoldSends(id), kStatusSuccess);
