@@ -86,8 +86,10 @@ ReadOutcome endOf(Ipq* ipq, CutVerdict verdict, bool isAll) {
     }
 }
 
+// A queue that is closed belongs to the thread that closes it.
 void noteReadLocked(Ipq* ipq, SocketCode code, uint32_t asked, uint32_t got)
     PELMO_REQUIRES(ipq->lock) {
+    if (!ipq->isOpen) return;
     IpqStatistics& read = ipq->read;
     ++read.attempts;
     if (code != kSocketDone) ++read.failures;
@@ -120,12 +122,13 @@ ReadOutcome readSome(Ipq* ipq, bool oneUnit) {
 // The peer throws away what is sent to it from here on, so the notice goes only where nothing is
 // partly written.
 void answerNoticeLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    if (ipq->isOpen && !ipq->isLost && writeQueueIsEmpty(&ipq->queue)) (void)ipqSendNotice(ipq);
+    if (!ipq->isLost && writeQueueIsEmpty(&ipq->queue)) (void)ipqSendNotice(ipq);
 }
 
 void loseReading(Ipq* ipq, const ReadOutcome& outcome) {
     if (outcome.end == ReadEnd::kNoMemory) logPrint("DrainQueue: out of memory.\n");
     const LockGuard guard(ipq->lock);
+    if (!ipq->isOpen) return;
     if (outcome.isNotice) answerNoticeLocked(ipq);
     ipq->isReadLost = true;
     ipqDisarmReadLocked(ipq);

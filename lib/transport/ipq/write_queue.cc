@@ -77,14 +77,6 @@ void promoteFirst(WriteQueue* queue) {
     trimRing(queue);
 }
 
-void dropAt(WriteQueue* queue, uint32_t place) {
-    WriteRecord* const record = recordAt(queue->ring, place);
-    EntryRing_RemoveAt(queue->ring, EntryRing_Slot(queue->ring, place));
-    queue->ringBytes -= bytesOf(record);
-    releaseBuffer(queue, record);
-    giveRecord(record);
-}
-
 // Coalescing
 
 WriteRecord* tailOf(WriteQueue* queue) {
@@ -176,29 +168,47 @@ bool hasOld(const WriteQueue* queue, double now) {
     return false;
 }
 
-void dropAtCounted(WriteQueue* queue, uint32_t place, AgeReport* report) {
-    const WriteRecord* const record = recordAt(queue->ring, place);
+void dropRecord(WriteQueue* queue, WriteRecord* record, AgeReport* report) {
     report->droppedMessages += record->count;
     report->droppedBytes += bytesOf(record);
-    dropAt(queue, place);
+    queue->ringBytes -= bytesOf(record);
+    releaseBuffer(queue, record);
+    giveRecord(record);
 }
 
-void dropOld(WriteQueue* queue, double now, AgeReport* report) {
-    for (uint32_t place = 0; place < ringCount(queue);) {
+void dropFirst(WriteQueue* queue, AgeReport* report) {
+    dropRecord(queue, static_cast<WriteRecord*>(EntryRing_PopFront(queue->ring)), report);
+}
+
+// The first record that is neither old nor urgent has only younger ones behind it.
+uint32_t endOfOld(const WriteQueue* queue, double now) {
+    uint32_t place = 0;
+    for (; place < ringCount(queue); ++place) {
         const WriteRecord* const record = recordAt(queue->ring, place);
+        if (!record->urgent && !isOld(queue, record, now)) break;
+    }
+    return place;
+}
+
+// One pass, however many urgent records stand among the old ones: those that stay move together
+// towards the end of the stretch, and its front goes.
+void dropOld(WriteQueue* queue, double now, AgeReport* report) {
+    uint32_t kept = endOfOld(queue, now);
+    for (uint32_t place = kept; place-- > 0;) {
+        WriteRecord* const record = recordAt(queue->ring, place);
         if (isOld(queue, record, now)) {
-            dropAtCounted(queue, place, report);
-        } else if (record->urgent) {
-            ++place;
+            dropRecord(queue, record, report);
         } else {
-            return;
+            queue->ring->slots[EntryRing_Slot(queue->ring, --kept)] = record;
         }
     }
+    while (kept-- > 0)
+        EntryRing_PopFront(queue->ring);
 }
 
 void dropAboveLimit(WriteQueue* queue, AgeReport* report) {
     while (ringCount(queue) != 0 && queue->ringBytes >= queue->byteLimit)
-        dropAtCounted(queue, 0, report);
+        dropFirst(queue, report);
 }
 
 }  // namespace
@@ -222,8 +232,9 @@ void writeQueueInit(WriteQueue* queue, uint32_t byteLimit) {
 }
 
 void writeQueueClear(WriteQueue* queue) {
+    AgeReport ignored = {};
     while (ringCount(queue) != 0)
-        dropAt(queue, 0);
+        dropFirst(queue, &ignored);
     EntryRing_Destroy(std::exchange(queue->ring, nullptr));
     if (!writeQueueIsEmpty(queue)) releaseBuffer(queue, &queue->current);
     queue->current = {};

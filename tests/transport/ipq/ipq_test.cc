@@ -1,177 +1,444 @@
-#include "lib/transport/ipq/ipq.h"
+// A queue on the event manager's parts without its threads, on clocks that stand: the test passes
+// time, makes the passes, and is the peer.
 
-#include <atomic>
+#include <cstdio>
 #include <functional>
 #include <thread>
 
-#include "lib/msg/message_internal.h"
-#include "lib/msg/message_typed.h"
-#include "lib/pelmo.h"
-#include "lib/runtime/fixed_ids_internal.h"
-#include "lib/transport/socket/socket.h"
+#include "lib/transport/ipq/ipq_internal.h"
+#include "tests/runtime/event_stand.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/loopback_peer.h"
-#include "tests/support/message_values.h"
-#include "tests/support/random.h"
+#include "tests/support/stream_run.h"
 
 namespace {
 
-// Numbers that came in, checked for their order as they come.
-struct Reader {
-    std::atomic<uint64_t> next{1};
-    std::atomic<uint32_t> errors{0};
-    std::atomic<bool> gone{false};
-    std::function<void()> onBatch;
-    std::function<void(Ipq*)> onError;
+const std::string kKeepAlive = streamUnit(8, 0);
+constexpr uint32_t kLargeBytes = 16'000'000;  // more than a connection holds
+const std::string kNotice = streamUnit(0, 0, 0);
 
-    void await(uint64_t count) const {
-        while (next.load() <= count && errors.load() == 0)
-            std::this_thread::yield();
-        EXPECT_EQ(next.load(), count + 1);
-    }
+HelloFrame termsOf(uint32_t version, uint32_t limitA, uint32_t limitB, uint16_t queueLimit = 0) {
+    HelloFrame frame;
+    ipqHelloInit(&frame);
+    storeBe32At(frame.bytes + 4, version);
+    storeBe16At(frame.bytes + 12, queueLimit);
+    storeBe32At(frame.bytes + 20, limitA);
+    storeBe32At(frame.bytes + 24, limitB);
+    return frame;
+}
 
-    static void read(Ipq*, std::span<pelmoMsg* const> messages, void* closure) {
-        auto* const self = static_cast<Reader*>(closure);
-        for (pelmoMsg* message : messages) {
-            uint64_t number = 0;
-            EXPECT_EQ(pelmoMsg_GetU64(message, "n", &number, 0), kStatusSuccess);
-            EXPECT_EQ(number, self->next.load());
-            ++self->next;
+// What an owner is told.
+struct Owner {
+    std::vector<std::string> messages;
+    int errors = 0;
+    size_t messagesAtError = 0;
+    int closes = 0;
+    std::vector<AgeReport> reports;
+    std::function<void(Ipq*)> onBatch, onError;
+
+    static void read(Ipq* ipq, std::span<pelmoMsg* const> batch, void* closure) {
+        auto* const self = static_cast<Owner*>(closure);
+        for (pelmoMsg* message : batch) {
+            self->messages.emplace_back(reinterpret_cast<const char*>(msgImage(message)),
+                                        message->length);
             msgRelease(message);
         }
-        if (self->onBatch) self->onBatch();
+        if (self->onBatch) self->onBatch(ipq);
     }
     static void fail(Ipq* ipq, void* closure) {
-        auto* const self = static_cast<Reader*>(closure);
+        auto* const self = static_cast<Owner*>(closure);
         ++self->errors;
+        self->messagesAtError = self->messages.size();
         if (self->onError) self->onError(ipq);
     }
-    static void close(void* closure) { static_cast<Reader*>(closure)->gone = true; }
+    static void produce(
+        Ipq*, uint32_t level, uint32_t waiting, uint32_t dropped, uint64_t bytes, void* closure) {
+        static_cast<Owner*>(closure)->reports.push_back({level, waiting, dropped, bytes});
+    }
+    static void close(void* closure) {
+        if (closure != nullptr) ++static_cast<Owner*>(closure)->closes;
+    }
 };
 
-// Two queues with a connection between them.
-struct Queues : testing::Test {
-    Ipq* sender = nullptr;
-    Ipq* receiver = nullptr;
-    Reader fromSender;    // read by the receiver
-    Reader fromReceiver;  // read by the sender
-    uint64_t number = 0;
-
-    void SetUp() override {
-        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-        connectPair();
+struct StandingQueue : testing::Test {
+    StandingQueue() {
+        EXPECT_EQ(Queue_Create(nullptr, kTimerQueueId, "timers", false, false), kStatusSuccess);
     }
-    void TearDown() override {
-        if (sender != nullptr) end(sender, fromReceiver);
-        if (receiver != nullptr) end(receiver, fromSender);
-        EXPECT_EQ(pelmo_Close(), kStatusSuccess);
-    }
+    ~StandingQueue() override { end(); }
 
-    void connectPair() {
-        Socket* server = nullptr;
+    Socket* connectSocket() {
         Socket* client = nullptr;
-        Socket* accepted = nullptr;
-        ASSERT_EQ(socketCreateServer(&server, 0, kFirstIoQueueId, false), kSocketDone);
-        ASSERT_EQ(socketBind(server, kLoopbackHost, 0, false), kSocketDone);
-        ASSERT_EQ(socketListen(server), kSocketDone);
-        ASSERT_EQ(socketCreateClient(&client, 0, kFirstIoQueueId, false), kSocketDone);
+        if (socketCreateClient(&client, 0, kFirstIoQueueId, false) != kSocketDone) {
+            return nullptr;
+        }
         socketSetMode(client, SocketMode::kBlocking);
-        ASSERT_EQ(socketConnect(client, kLoopbackHost, socketBoundPort(server)), kSocketDone);
-        socketSetMode(server, SocketMode::kBlocking);
-        ASSERT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketDone);
-        socketDestroy(server);
-        sender = make(client, fromReceiver);
-        receiver = make(accepted, fromSender);
+        if (socketConnect(client, kLoopbackHost, listener.port) == kSocketDone) {
+            peer = listener.take();
+            return client;
+        }
+        // One that failed behind the system's connect isn't to fill the listener's line.
+        socketDestroy(client);
+        pollfd entry{.fd = listener.handle.number(), .events = POLLIN, .revents = 0};
+        if (poll(&entry, 1, 0) > 0) (void)listener.take();
+        return nullptr;
     }
-    static Ipq* make(Socket* socket, Reader& reader) {
-        Ipq* ipq = nullptr;
-        EXPECT_EQ(ipqCreate(&ipq, nullptr, kFirstIoQueueId, socket), kStatusSuccess);
-        EXPECT_EQ(ipqSetErrorCallback(ipq, Reader::fail, &reader), kStatusSuccess);
-        EXPECT_EQ(ipqSetReadCallback(ipq, Reader::read, &reader), kStatusSuccess);
-        return ipq;
+    pelmoStatus open(const HelloFrame* frame = nullptr) {
+        end();
+        owner = {};
+        Socket* const client = connectSocket();
+        if (client == nullptr) return kStatusNoMemory;
+        pelmoStatus status = ipqCreate(&ipq, frame, kFirstIoQueueId, client);
+        if (status != kStatusSuccess) return status;
+        EXPECT_EQ(ipqSetErrorCallback(ipq, Owner::fail, &owner), kStatusSuccess);
+        return kStatusSuccess;
     }
-    static void end(Ipq*& ipq, Reader& reader, bool graceful = false) {
-        EXPECT_EQ(ipqClose(std::exchange(ipq, nullptr), graceful, Reader::close), kStatusSuccess);
-        while (!reader.gone)
-            std::this_thread::yield();
+    void openAndRead(const HelloFrame* frame = nullptr) {
+        ASSERT_EQ(open(frame), kStatusSuccess);
+        ASSERT_EQ(ipqSetReadCallback(ipq, Owner::read, &owner), kStatusSuccess);
+    }
+    void end() {
+        if (ipq == nullptr) return;
+        (void)ipqClose(std::exchange(ipq, nullptr), false, Owner::close);
+        passes();
+    }
+    pelmoStatus send(const std::string& unit, bool urgent = false) const {
+        Buffer* const buffer = bufferCreate(static_cast<uint32_t>(unit.size()));
+        if (buffer == nullptr) return kStatusNoMemory;
+        std::memcpy(buffer->data, unit.data(), unit.size());
+        pelmoMsg* message = nullptr;
+        pelmoStatus status = msgCreateOverBuffer(&message, buffer, 0);
+        bufferRelease(buffer);
+        if (status != kStatusSuccess) return kStatusNoMemory;
+        status = ipqSend(ipq, message, urgent);
+        msgRelease(message);
+        return status;
+    }
+    void passes() const {
+        for (int i = 0; i < 3; ++i)
+            stand.ioPass();
+        dispatchAll(kTimerQueueId);
+    }
+    void timersAt(double seconds) const {
+        stand.clock.set(1'000 + static_cast<int64_t>(seconds),
+                        static_cast<int64_t>(seconds * 1e9) % 1'000'000'000);
+        while (stand.fire(seconds) != 0)
+            dispatchAll(kTimerQueueId);
+    }
+    // What the peer has got, with passes meanwhile.
+    std::string received(size_t atLeast = 0) const {
+        std::string all;
+        for (int quiet = 0; quiet < 3; ++quiet) {
+            passes();
+            pollfd entry{.fd = peer.number(), .events = POLLIN, .revents = 0};
+            (void)poll(&entry, 1, all.size() < atLeast ? 1'000 : 0);
+            char bytes[65536];
+            const ssize_t got = recv(peer.number(), bytes, sizeof(bytes), MSG_DONTWAIT);
+            if (got <= 0) continue;
+            all.append(bytes, static_cast<size_t>(got));
+            quiet = 0;
+        }
+        return all;
     }
 
-    // A message of about that size with the next number.
-    Message numbered(uint32_t size) {
-        Message message = newMessage();
-        const Bytes pad(size);
-        EXPECT_EQ(pelmoMsg_AddU64(message.get(), "n", ++number, 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_AddOpaque(message.get(), "pad", pad.data(), size, 0), kStatusSuccess);
-        return message;
-    }
-    pelmoStatus send(uint32_t size) { return ipqSend(sender, numbered(size).get(), false); }
+    EventStand stand;
+    LoopbackListener listener;
+    OwnHandle peer;
+    Ipq* ipq = nullptr;
+    Owner owner;
 };
 
-TEST_F(Queues, CarryMessagesBothWays) {
-    ASSERT_EQ(send(100), kStatusSuccess);
-    fromSender.await(1);
-    number = 0;
-    ASSERT_EQ(ipqSend(receiver, numbered(300000).get(), false), kStatusSuccess);
-    fromReceiver.await(1);
+TEST_F(StandingQueue, KeepsTheTermsOfTheHello) {
+    struct Case {
+        HelloFrame frame;
+        pelmoStatus status;
+    };
+    const Case cases[] = {
+        {termsOf(2, kHelloMostBytes, kHelloMostBytes), kStatusSuccess},
+        {termsOf(2, 0, 0), kStatusSuccess},
+        {termsOf(1, 0, 0), kStatusInvalidTransport},
+        {termsOf(2, 1, 0), kStatusInvalidTransport},
+        {termsOf(2, kHelloMostBytes + 1, 0), kStatusInvalidTransport},
+        {termsOf(2, 0, kHelloMostBytes + 1), kStatusInvalidTransport},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(open(&c.frame), c.status);
+    EXPECT_EQ(receiveText(peer.number(), 1), "");  // the socket of one that is refused is closed
+
+    const HelloFrame narrowTerms = termsOf(2, 0, 100);
+    openAndRead(&narrowTerms);
+    EXPECT_EQ(send(streamUnit(101, 'a')), kStatusInvalidSize);
+    EXPECT_EQ(send(streamUnit(100, 'a')), kStatusSuccess);
+    EXPECT_EQ(received(), streamUnit(100, 'a'));
+    sendText(peer.number(), streamUnit(100, 'b') + streamUnit(101, 'c'));
+    passes();
+    EXPECT_EQ(owner.messages.size(), 1u);
+    EXPECT_EQ(owner.errors, 1);
 }
 
-TEST_F(Queues, SendVectorsAndHeldBatchesInOrder) {
-    std::vector<Message> messages;
-    std::vector<pelmoMsg*> list;
-    for (uint32_t size = 1; size < 200; ++size) {
-        messages.push_back(numbered(size * size));
-        list.push_back(messages.back().get());
+TEST_F(StandingQueue, HoldsBackAndFlushes) {
+    openAndRead();
+    const std::string unit = streamUnit(100, 'a');
+    ASSERT_EQ(ipqHold(ipq), kStatusSuccess);
+    ASSERT_EQ(ipqHold(ipq), kStatusSuccess);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(send(unit), kStatusSuccess);
+    ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);
+    EXPECT_EQ(ipqWriteStatistics(ipq).attempts, 0u);
+    EXPECT_EQ(ipqBacklog(ipq).messages, 3u);
+    EXPECT_EQ(ipqBacklog(ipq).bytes, 300u);
+    ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);
+    EXPECT_EQ(ipqWriteStatistics(ipq).attempts, 1u);
+    EXPECT_EQ(ipqBacklog(ipq).bufferBytes, 0u);
+    EXPECT_EQ(received(), unit + unit + unit);
+
+    ASSERT_EQ(ipqSetBatchMode(ipq, 1), kStatusSuccess);
+    for (double from = 0; from < 10; from += 5) {
+        timersAt(from);
+        ASSERT_EQ(send(unit), kStatusSuccess);
+        ASSERT_EQ(send(unit), kStatusSuccess);
+        timersAt(from + 0.024);
+        EXPECT_EQ(received(), "") << from;
+        timersAt(from + 1);
+        EXPECT_EQ(received(), unit + unit) << from;
+        timersAt(from + 2);  // ends the timer
     }
-    ASSERT_EQ(ipqHold(sender), kStatusSuccess);
-    ASSERT_EQ(ipqSendVector(sender, list, false), kStatusSuccess);
-    ASSERT_EQ(send(10), kStatusSuccess);
-    ASSERT_EQ(ipqFlush(sender), kStatusSuccess);
-    ASSERT_EQ(ipqSetBatchMode(sender, 1), kStatusSuccess);
-    EXPECT_EQ(ipqSetBatchMode(sender, 0), kStatusNotPermitted);
-    ASSERT_EQ(send(10), kStatusSuccess);
-    fromSender.await(number);
-    EXPECT_LT(ipqWriteStatistics(sender).attempts, 100u);
+    ASSERT_EQ(send(streamUnit(0x20000, 'b')), kStatusSuccess);
+    EXPECT_EQ(received(0x20000), streamUnit(0x20000, 'b'));
+    EXPECT_EQ(ipqWriteStatistics(ipq).messages, 8u);
 }
 
-// A graceful close ends behind all that was sent, however much waits.
-TEST_F(Queues, CloseInOrder) {
-    for (int i = 0; i < 300; ++i)
-        ASSERT_EQ(send(60000), kStatusSuccess);
-    fromSender.onError = [&](Ipq* ipq) {
-        EXPECT_EQ(ipqSend(ipq, numbered(1).get(), false), kStatusInvalidIoSource);
-        EXPECT_EQ(fromSender.next.load(), 301u);
-        EXPECT_EQ(ipqClose(ipq, false, Reader::close), kStatusSuccess);
-    };
-    end(sender, fromReceiver, true);
-    while (!fromSender.gone)
-        std::this_thread::yield();
-    receiver = nullptr;
+TEST_F(StandingQueue, UrgentMessagesPassWhatWaits) {
+    openAndRead();
+    const std::string large = streamUnit(kLargeBytes, 'a');
+    const std::string other = streamUnit(3'000, 'b');
+    std::string expected = large;
+    ASSERT_EQ(send(large), kStatusSuccess);
+    ASSERT_EQ(send(other), kStatusSuccess);
+    std::vector<pelmoMsg*> urgent;
+    for (const char fill : {'u', 'v', 'w'}) {
+        const std::string unit = streamUnit(2'100, fill);
+        expected += unit;
+        Buffer* const buffer = bufferCreate(2'100);
+        std::memcpy(buffer->data, unit.data(), unit.size());
+        ASSERT_EQ(msgCreateOverBuffer(&urgent.emplace_back(), buffer, 0), kStatusSuccess);
+        bufferRelease(buffer);
+    }
+    EXPECT_EQ(ipqSendVector(ipq, urgent, true), kStatusSuccess);
+    EXPECT_EQ(ipqBacklog(ipq).messages, 5u);
+    for (pelmoMsg* message : urgent)
+        msgRelease(message);
+    EXPECT_TRUE(received(large.size() + 9'300) == expected + other);
+    EXPECT_EQ(ipqBacklog(ipq).bytes, 0u);
 }
 
-// A reader that stops now and then holds the sender back, and nothing is lost or doubled.
-TEST_F(Queues, HoldAFastSenderBack) {
-    Random random{std::mt19937(3)};
-    ASSERT_EQ(ipqSetBlockWhenFull(sender, true), kStatusSuccess);
-    std::atomic<bool> paused{false};
-    fromSender.onBatch = [&] {
-        if (fromSender.next.load() % 5 == 0 && !paused.exchange(true)) {
-            EXPECT_EQ(ipqPauseReading(receiver), kStatusSuccess);
+TEST_F(StandingQueue, KeepsAnIdleConnectionAlive) {
+    openAndRead();
+    timersAt(59.9);
+    EXPECT_EQ(received(), "");
+    timersAt(60);
+    EXPECT_EQ(received(), kKeepAlive);
+    timersAt(120);
+    EXPECT_EQ(received(), kKeepAlive);
+    ASSERT_EQ(send(streamUnit(9, 'a')), kStatusSuccess);
+    EXPECT_EQ(received(), streamUnit(9, 'a'));
+    timersAt(180);
+    EXPECT_EQ(received(), "");
+    sendText(peer.number(), kKeepAlive);
+    passes();
+    timersAt(240);
+    EXPECT_EQ(received(), "");
+    timersAt(300);
+    EXPECT_EQ(received(), kKeepAlive);
+    EXPECT_EQ(ipqWriteStatistics(ipq).messages, 1u);
+    EXPECT_EQ(owner.messages.size(), 0u);
+}
+
+// Where nothing is read the keep-alive is what finds the connection lost.
+TEST_F(StandingQueue, FindsALossWithoutReading) {
+    openAndRead();
+    ASSERT_EQ(ipqPauseReading(ipq), kStatusSuccess);
+    peer.shut();
+    for (int minutes = 1; minutes < 4; ++minutes)
+        timersAt(60 * minutes);
+    EXPECT_EQ(owner.errors, 1);
+    EXPECT_EQ(ipqFlush(ipq), kStatusInvalidIoSource);
+    EXPECT_EQ(send(kKeepAlive), kStatusInvalidIoSource);
+}
+
+TEST_F(StandingQueue, ChecksTheAgeOfWhatWaits) {
+    for (const bool discards : {false, true}) {
+        const double from = discards ? 1'000 : 0;
+        timersAt(from);
+        openAndRead();
+        EXPECT_EQ(ipqSetAgeCheck(ipq, discards, -1, 0, nullptr, nullptr), kStatusInvalidArgument);
+        ASSERT_EQ(ipqSetAgeCheck(ipq, discards, 2, 0, Owner::produce, &owner), kStatusSuccess);
+        ASSERT_EQ(send(streamUnit(kLargeBytes, 'a')), kStatusSuccess);
+        ASSERT_EQ(send(streamUnit(3'000, 'b')), kStatusSuccess);
+        for (const double seconds : {0.5, 1.0, 1.5, 2.0}) {
+            timersAt(from + seconds);
+            EXPECT_EQ(owner.reports.size(), 0u) << seconds;
         }
+        timersAt(from + 2.5);
+        timersAt(from + 3.0);
+        ASSERT_EQ(owner.reports.size(), discards ? 1u : 2u);
+        const AgeReport& report = owner.reports[0];
+        EXPECT_EQ(report.level, discards ? 1u : 2u);
+        EXPECT_EQ(report.waiting, 2u);
+        EXPECT_EQ(report.droppedBytes, discards ? 3'000u : 0u);
+        EXPECT_EQ(received(kLargeBytes).size(), discards ? kLargeBytes : kLargeBytes + 3'000);
+        timersAt(from + 10);
+        EXPECT_LE(owner.reports.size(), 2u);
+    }
+}
+
+// However a stream ends: the messages ahead of the end come first, and the owner is told once.
+TEST_F(StandingQueue, TellsTheEndBehindTheMessages) {
+    struct Case {
+        std::string bytes;
+        bool closes;
+        std::string answer;
     };
-    std::thread resumer([&] {
-        while (fromSender.next.load() <= 4000) {
-            const bool resumes = paused.exchange(false);
-            EXPECT_TRUE(!resumes || ipqResume(receiver) == kStatusSuccess);
-            std::this_thread::yield();
-        }
+    const std::string unit = streamUnit(20, 'a');
+    const Case cases[] = {
+        {unit + unit + kNotice, false, kNotice},
+        {unit + kKeepAlive + unit + streamUnit(9, 0, 1), false, ""},
+        {unit + unit + streamUnit(3, 0), false, ""},
+        {unit + unit, true, ""},
+        {unit + unit + unit.substr(0, 19), true, ""},
+    };
+    for (const Case& c : cases) {
+        openAndRead();
+        sendText(peer.number(), c.bytes);
+        if (c.closes) shutdown(peer.number(), SHUT_WR);
+        EXPECT_EQ(received(), c.answer);
+        EXPECT_EQ(owner.messages, std::vector<std::string>(2, unit));
+        EXPECT_EQ(owner.errors, 1);
+        EXPECT_EQ(owner.messagesAtError, 2u);
+        EXPECT_EQ(send(unit), kStatusInvalidIoSource);
+        EXPECT_EQ(ipqResume(ipq), kStatusInvalidIoSource);
+        ASSERT_EQ(ipqClose(std::exchange(ipq, nullptr), true, Owner::close), kStatusSuccess);
+        passes();
+        EXPECT_EQ(owner.closes, 1);
+    }
+}
+
+TEST_F(StandingQueue, PausesWithinTheCallback) {
+    openAndRead();
+    owner.onBatch = [](Ipq* self) { EXPECT_EQ(ipqPauseReading(self), kStatusSuccess); };
+    std::string stream;
+    while (stream.size() < 1'000'000)
+        stream += streamUnit(5'000, 'a');
+    std::thread writer([&] { sendText(peer.number(), stream); });
+    while (owner.messages.empty())
+        passes();
+    for (size_t before = 0; owner.messages.size() * 5'000 < stream.size(); passes()) {
+        passes();
+        EXPECT_TRUE(before == 0 || owner.messages.size() == before);
+        const uint32_t attempts = ipqReadStatistics(ipq).attempts;
+        ASSERT_EQ(ipqResume(ipq), kStatusSuccess);
+        passes();
+        before = owner.messages.size();
+        EXPECT_LE(ipqReadStatistics(ipq).attempts, attempts + 3);
+    }
+    writer.join();
+}
+
+TEST_F(StandingQueue, ReadsOneMessageAndNothingBehind) {
+    ASSERT_EQ(open(), kStatusSuccess);
+    const std::string unit = streamUnit(100'000, 'a');
+    sendText(peer.number(), unit.substr(0, 70'000));
+    pelmoMsg* message = nullptr;
+    const auto readUntil = [&](bool isThere) {
+        for (int i = 0; i < 100 && (message != nullptr) != isThere; ++i)
+            EXPECT_EQ(ipqReadOne(ipq, &message), kStatusSuccess);
+        return message != nullptr;
+    };
+    EXPECT_FALSE(readUntil(true));
+    sendText(peer.number(), unit.substr(70'000) + kKeepAlive + streamUnit(9, 'b') + kNotice);
+    ASSERT_TRUE(readUntil(true));
+    EXPECT_EQ(message->length, 100'000u);
+    msgRelease(message);
+    EXPECT_EQ(ipqReadOne(ipq, &message), kStatusSuccess);
+    EXPECT_EQ(message, nullptr);
+    // The next one comes by the callback.
+    ASSERT_EQ(ipqSetReadCallback(ipq, Owner::read, &owner), kStatusSuccess);
+    EXPECT_EQ(received(), kNotice);
+    EXPECT_EQ(owner.messages, std::vector<std::string>{streamUnit(9, 'b')});
+    EXPECT_EQ(ipqReadOne(ipq, &message), kStatusInvalidIoSource);
+
+    ASSERT_EQ(open(), kStatusSuccess);
+    EXPECT_FALSE(ipqSetBlocking(ipq, true));
+    ipqSetDeadline(ipq, stand.start);
+    EXPECT_EQ(ipqReadOne(ipq, &message), kStatusTimeout);
+    EXPECT_EQ(send(streamUnit(kLargeBytes, 'a')), kStatusTimeout);
+    EXPECT_TRUE(ipqSetBlocking(ipq, false));
+}
+
+// All goes out ahead of the notice; a peer that goes on and on doesn't hold the close up.
+TEST_F(StandingQueue, GracefulCloseHasItsTime) {
+    for (const bool interrupts : {false, true}) {
+        openAndRead();
+        const std::string large = streamUnit(kLargeBytes, 'a');
+        ASSERT_EQ(send(large), kStatusSuccess);
+        std::thread reader([&] {
+            EXPECT_TRUE(receiveText(peer.number(), large.size() + 8) == large + kNotice);
+            if (interrupts) return ipqInterrupt(ipq);
+            stand.clock.set(1'006);
+            while (::send(peer.number(), "x", 1, MSG_NOSIGNAL) > 0) {
+            }
+        });
+        ipqRetain(ipq);
+        EXPECT_EQ(ipqClose(ipq, true, Owner::close), kStatusSuccess);
+        reader.join();
+        EXPECT_EQ(ipqClose(ipq, true, Owner::close), kStatusInvalidArgument);
+        EXPECT_EQ(ipqBacklog(ipq).bytes, 0u);
+        passes();
+        EXPECT_EQ(owner.closes, 0);
+        ipqRelease(std::exchange(ipq, nullptr));
+        EXPECT_EQ(owner.closes, 1);
+        stand.clock.set(1'000);
+    }
+}
+
+// Whatever fails, each queue comes to its end.
+TEST_F(StandingQueue, SurvivesEachFailingAllocation) {
+    const std::string unit = streamUnit(5'000, 'a');
+    const size_t failing = eachAllocationFails([&] {
+        if (open() != kStatusSuccess) return;
+        const int bytes = 4096;
+        setsockopt(socketHandle(ipq->socket), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+        (void)ipqSetAgeCheck(ipq, true, 1, 0, Owner::produce, &owner);
+        (void)ipqSetBatchMode(ipq, 1);
+        (void)ipqSetReadCallback(ipq, Owner::read, &owner);
+        for (int i = 0; i < 60; ++i)
+            (void)send(unit);
+        (void)ipqClose(std::exchange(ipq, nullptr), false, Owner::close);
+        allocationsHeal();
+        passes();
+        EXPECT_EQ(owner.closes, 1);
     });
-    uint64_t most = 0;
-    for (int i = 0; i < 4000; ++i) {
-        ASSERT_EQ(send(random() % 40000), kStatusSuccess);
-        most = std::max(most, ipqBacklog(sender).bytes);
+    EXPECT_GT(failing, 30u);
+}
+
+// A read without memory loses the connection, and says so.
+TEST_F(StandingQueue, ReadsOrTellsWithoutMemory) {
+    const std::string unit = streamUnit(5'000, 'a');
+    size_t after = 0;
+    for (bool isLast = false; !isLast; ++after) {
+        ASSERT_LT(after, 100u);
+        openAndRead();
+        sendText(peer.number(), unit);
+        wakeupPairWake(stand.io->pair);
+        ASSERT_TRUE(ioThreadPass(stand.io, true));
+        {
+            const FailAlloc fail{.after = after};
+            dispatchAll(kFirstIoQueueId);
+            isLast = allocationsFailed() == 0;
+        }
+        EXPECT_EQ(owner.messages.size(), owner.errors == 0 ? 1u : 0u);
+        EXPECT_TRUE(owner.errors == 0 || !isLast);
     }
-    fromSender.await(4000);
-    resumer.join();
-    EXPECT_LE(most, (16u << 20) + 200000);
+    EXPECT_GT(after, 3u);
 }
 
 }  // namespace

@@ -173,20 +173,20 @@ TEST(WriteQueue, ChecksTheAge) {
         AgeReport report;
         std::string left;  // a letter for each record that waits
     };
-    // Of 3000 bytes each: current at 10, waiting u (urgent, at 13), a at 10, b at 12.
+    // Of 3000 bytes each: current at 10, waiting v and u (urgent, at 13), a at 10, b at 12.
     const Case cases[] = {
-        {"none is old yet", true, 2, 0, 12.49, {0, 4, 0, 0}, "uab"},
-        {"one is", true, 2, 0, 12.5, {1, 4, 1, 3000}, "ub"},
-        {"all but the urgent one", true, 2, 0, 15.49, {1, 4, 2, 6000}, "u"},
-        {"the urgent one, too", true, 2, 0, 15.5, {1, 4, 3, 9000}, ""},
-        {"age without a limit", true, 0, 0, 99, {0, 4, 0, 0}, "uab"},
-        {"at the limit", true, 2, 9000, 12.5, {1, 4, 1, 3000}, "ub"},
-        {"above it", true, 0, 8999, 11, {3, 4, 1, 3000}, "ab"},
-        {"far above it", true, 0, 3000, 11, {3, 4, 3, 9000}, ""},
-        {"above it, kept", false, 2, 8999, 99, {3, 4, 0, 0}, "uab"},
-        {"old, kept", false, 2, 0, 12.5, {2, 4, 0, 0}, "uab"},
-        {"not old yet, kept", false, 2, 0, 12.49, {0, 4, 0, 0}, "uab"},
-        {"no limits", false, 0, 0, 99, {0, 4, 0, 0}, "uab"},
+        {"none is old yet", true, 2, 0, 12.49, {0, 5, 0, 0}, "vuab"},
+        {"one is", true, 2, 0, 12.5, {1, 5, 1, 3000}, "vub"},
+        {"all but the urgent ones", true, 2, 0, 15.49, {1, 5, 2, 6000}, "vu"},
+        {"the urgent ones, too", true, 2, 0, 15.5, {1, 5, 4, 12000}, ""},
+        {"age without a limit", true, 0, 0, 99, {0, 5, 0, 0}, "vuab"},
+        {"at the limit", true, 2, 12000, 12.5, {1, 5, 1, 3000}, "vub"},
+        {"above it", true, 0, 11999, 11, {3, 5, 1, 3000}, "uab"},
+        {"far above it", true, 0, 3000, 11, {3, 5, 4, 12000}, ""},
+        {"above it, kept", false, 2, 11999, 99, {3, 5, 0, 0}, "vuab"},
+        {"old, kept", false, 2, 0, 12.5, {2, 5, 0, 0}, "vuab"},
+        {"not old yet, kept", false, 2, 0, 12.49, {0, 5, 0, 0}, "vuab"},
+        {"no limits", false, 0, 0, 99, {0, 5, 0, 0}, "vuab"},
     };
     for (const Case& c : cases) {
         TestQueue test(c.byteLimit);
@@ -197,6 +197,7 @@ TEST(WriteQueue, ChecksTheAge) {
         ASSERT_EQ(test.add(3000, 'a', false, 10), kStatusSuccess);
         ASSERT_EQ(test.add(3000, 'b', false, 12), kStatusSuccess);
         ASSERT_EQ(test.add(3000, 'u', true, 13), kStatusSuccess);
+        ASSERT_EQ(test.add(3000, 'v', true, 13), kStatusSuccess);
         const AgeReport report = writeQueueCheckAge(&test.queue, c.now);
         EXPECT_EQ(report.level, c.report.level) << c.what;
         EXPECT_EQ(report.waiting, c.report.waiting) << c.what;
