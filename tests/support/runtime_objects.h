@@ -10,6 +10,7 @@
 #include "lib/containers/dpa.h"
 #include "lib/containers/entry_ring.h"
 #include "lib/msg/message_internal.h"
+#include "lib/pelmo/library_state.h"
 #include "lib/runtime/dispatch_internal.h"
 #include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
@@ -46,9 +47,14 @@ inline size_t objectCount() {
 
 // A fixture: while it exists there are id tables and the library counts as open. It ends the
 // objects that a test left, but not threads that use them.
+// Tables of an open of the library, which stay for good, serve as well.
 struct RuntimeTables {
+    const bool areOwn = !areLibrarys();
+
     RuntimeTables() {
-        EXPECT_EQ(idTablesCreate(), kStatusSuccess);
+        if (areOwn) {
+            EXPECT_EQ(idTablesCreate(), kStatusSuccess);
+        }
         libraryOpen = true;
     }
     ~RuntimeTables() {
@@ -60,7 +66,11 @@ struct RuntimeTables {
                 Id_Release(object, false);
             }
         }
-        idTablesDestroy();
+        if (areOwn) idTablesDestroy();
+    }
+    static bool areLibrarys() {
+        const LockGuard guard(library.lock);
+        return library.tablesReady;
     }
     RuntimeTables(const RuntimeTables&) = delete;
     RuntimeTables& operator=(const RuntimeTables&) = delete;
