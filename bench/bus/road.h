@@ -27,7 +27,7 @@ struct Road {
 };
 
 extern const Road kPelmoRoad;
-extern const Road kPelmoBatchRoad;  // small messages wait a little for others
+extern const Road kPelmoBatchRoad;  // as applications with high rates do
 extern const Road kNatsRoad;
 extern const Road kMosquittoRoad;
 
