@@ -3,7 +3,7 @@
 
 Rates are delivered messages a second, from the first to the last that the listeners got, and the
 broker's processor time for each delivered message; latencies are of requests with a small answer,
-beside a bare ping-pong over two hops of TCP. Each figure is the median of its rounds; the brokers
+beside a bare ping-pong over two hops of TCP, and the same with pmd in its middle. Each figure is the median of its rounds; the brokers
 take turns within a round, so that whatever else the machine does meets them all. Everything runs on
 this machine, over loopback, and ends with the script.
 """
@@ -117,14 +117,19 @@ class Bench:
         finally:
             broker.close()
 
+    def floor(self, *words):
+        program = os.path.join(self.options.build, "bin", "tcp_floor")
+        return self.finish(subprocess.Popen([program] + [str(word) for word in words],
+                                            stdout=subprocess.PIPE, text=True))
+
     def requests(self, road, size, count):
         count = max(10, int(count * self.options.scale))
         if road == "tcp":
-            return self.finish(subprocess.Popen(
-                [os.path.join(self.options.build, "bin", "tcp_floor"), str(size), str(count)],
-                stdout=subprocess.PIPE, text=True))
+            return self.floor(size, count)
         broker = self.broker(road)
         try:
+            if road == "pmd-bare":
+                return self.floor(size, count, broker.port)
             answer = self.start("answer", road, broker.port)
             self.ready(answer)
             times = self.finish(self.start("request", road, broker.port, size, count))
@@ -187,8 +192,8 @@ def show_flows(bench, roads, rounds):
 def show_requests(bench, roads, rounds):
     print("request and answer: median, 99.9% in us")
     for size in (100, 1024, 16384):
-        rows = in_turns(["tcp"] + roads, rounds, lambda road: bench.requests(road, size, 20000))
-        for road in ["tcp"] + roads:
+        rows = in_turns(roads, rounds, lambda road: bench.requests(road, size, 20000))
+        for road in roads:
             print("%5d bytes  %-10s %8.1f %8.1f  %.2f of tcp" % (
                 size, road, *median(rows[road]), ratio_of_pairs(rows, road, "tcp")), flush=True)
 
@@ -216,7 +221,7 @@ def main():
         if "flows" in options.parts:
             show_flows(bench, roads, options.rounds)
         if "requests" in options.parts:
-            show_requests(bench, plain, options.rounds)
+            show_requests(bench, ["tcp", "pmd-bare"] + plain, options.rounds)
         if "idle" in options.parts:
             show_idle(bench, plain, 1000)
 

@@ -1,7 +1,8 @@
 // The floor of a request through a broker: bare TCP over two hops, client, relay and server each a
-// process of its own that waits in the system for bytes.
+// process of its own that waits in the system for bytes. With a port, pmd is in the relay's place,
+// and its two clients are as bare (bare_client.h).
 //
-//     tcp_floor SIZE COUNT      prints "MEDIAN P999" in microseconds
+//     tcp_floor SIZE COUNT [PORT]     prints "MEDIAN P999" in microseconds
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -18,6 +19,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
+
+#include "bench/bus/bare_client.h"
 
 namespace {
 
@@ -79,10 +82,11 @@ bool readAll(int from, uint8_t* bytes, size_t size) {
     return true;
 }
 
-void serve(int connection, size_t size) {
+// Reads as much as a question has, and answers.
+void serve(int connection, size_t size, const std::vector<uint8_t>& answer) {
     std::vector<uint8_t> bytes(size);
     while (readAll(connection, bytes.data(), size)) {
-        writeAll(connection, bytes.data(), size);
+        writeAll(connection, answer.data(), answer.size());
     }
 }
 
@@ -110,26 +114,49 @@ void inProcess(Work work) {
     std::_Exit(0);
 }
 
-}  // namespace
+// Where questions are sent and answers come in; the other end answers already.
+struct Road {
+    int connection;
+    std::vector<uint8_t> question, answer;
+};
 
-int main(int argc, char** argv) {
-    if (argc != 3) fail("arguments");
-    const size_t size = std::strtoull(argv[1], nullptr, 10);
-    const size_t count = std::strtoull(argv[2], nullptr, 10);
+Road bareRoad(size_t size) {
     const Pair client = connectPair(), server = connectPair();
+    const std::vector<uint8_t> bytes(size);
     inProcess([&] { relay(client.far, server.near); });
-    inProcess([&] { serve(server.far, size); });
+    inProcess([&] { serve(server.far, size, bytes); });
+    return {client.near, bytes, bytes};
+}
 
-    std::vector<uint8_t> bytes(size);
+Road daemonRoad(size_t size, uint16_t port) {
+    const Road road = {bareConnect(port, "ANSWER"), bareMessage("QUESTION", size),
+                       bareMessage("ANSWER", size)};
+    const int server = bareConnect(port, "QUESTION");
+    inProcess([&] { serve(server, road.question.size(), road.answer); });
+    return road;
+}
+
+void measure(const Road& road, size_t count) {
+    std::vector<uint8_t> bytes(road.answer.size());
     std::vector<double> times;
     for (size_t i = 0; i < count + count / 10; ++i) {
         const double start = now();
-        writeAll(client.near, bytes.data(), size);
-        if (!readAll(client.near, bytes.data(), size)) fail("read");
+        writeAll(road.connection, road.question.data(), road.question.size());
+        if (!readAll(road.connection, bytes.data(), bytes.size())) fail("read");
         if (i >= count / 10) times.push_back(now() - start);
     }
     std::sort(times.begin(), times.end());
     std::printf("%.1f %.1f\n", times[count / 2] * 1e6, times[count * 999 / 1000] * 1e6);
     std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 3) fail("arguments");
+    const auto number = [&](int at) { return std::strtoull(argv[at], nullptr, 10); };
+    measure(
+        argc > 3 ? daemonRoad(number(1), static_cast<uint16_t>(number(3))) : bareRoad(number(1)),
+        number(2));
     std::_Exit(0);
 }
