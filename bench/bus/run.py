@@ -10,6 +10,7 @@ this machine, over loopback, and ends with the script.
 import argparse
 import os
 import re
+import resource
 import signal
 import socket
 import statistics
@@ -214,6 +215,9 @@ def main():
     parser.add_argument("parts", nargs="*", default=["flows", "requests", "idle"],
                         help="flows, requests, idle; all by default")
     options = parser.parse_args()
+    # A client may take several descriptors.
+    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     roads = options.roads.split(",")
     with tempfile.TemporaryDirectory() as scratch:
         bench = Bench(options, scratch)
