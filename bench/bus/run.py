@@ -144,13 +144,16 @@ class Bench:
         broker = self.broker(road)
         try:
             before = broker.resident_kb()
-            idle = self.start("idle", road, broker.port, clients)
-            self.ready(idle)
+            # One of the libraries selects, and knows no descriptor above 1,023.
+            parts = [self.start("idle", road, broker.port, clients // 4) for _ in range(4)]
+            for part in parts:
+                self.ready(part)
             cost = (broker.resident_kb() - before) / clients
             cpu = broker.cpu_seconds()
             time.sleep(10)
             cpu = broker.cpu_seconds() - cpu
-            idle.communicate("")
+            for part in parts:
+                part.communicate("")
             return cost, cpu * 1000
         finally:
             broker.close()
