@@ -195,12 +195,6 @@ class Daemon(Process):
     def wait_for_log(self, words):
         wait_until(lambda: words in self.log(), "\"%s\" in the log" % words)
 
-    def descriptors(self):
-        return len(list(pathlib.Path("/proc/%d/fd" % self.popen.pid).iterdir()))
-
-    def threads(self):
-        return len(list(pathlib.Path("/proc/%d/task" % self.popen.pid).iterdir()))
-
     def close(self):
         super().close()
         self.log_file.close()

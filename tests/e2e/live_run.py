@@ -84,8 +84,9 @@ class Process:
     """One that the test started. It ends with the test, however that ends."""
 
     def __init__(self, *command, **more):
-        self.popen = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
-                                      preexec_fn=self.before_start, **more)
+        self.popen = subprocess.Popen([str(word) for word in command],
+                                      **{"stdin": subprocess.DEVNULL, **more},
+                                      preexec_fn=self.before_start)
 
     @staticmethod
     def before_start():
@@ -105,6 +106,14 @@ class Process:
         self.popen.wait()
         if self.popen.stdout:
             self.popen.stdout.close()
+
+
+def descriptors(process):
+    return len(os.listdir("/proc/%d/fd" % process.popen.pid))
+
+
+def threads(process):
+    return len(os.listdir("/proc/%d/task" % process.popen.pid))
 
 
 class Tool(Process):

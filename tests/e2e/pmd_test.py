@@ -1,4 +1,4 @@
-"""The daemon as a program, by what clients and operators see: pmd_test.py PMD [TEST ...]."""
+"""The daemon as a program, by what clients and operators see: pmd_test.py PMD MANY_CLIENTS [TEST ...]."""
 
 import pathlib
 import signal
@@ -6,13 +6,14 @@ import socket
 import struct
 import subprocess
 import sys
+import threading
 import time
 import unittest
 
 from bus_client import Client, Closed, Daemon, free_port, message, start_message, text
-from live_run import wait_until
+from live_run import Process, descriptors, threads, wait_until
 
-PMD = pathlib.Path(sys.argv[1]).resolve()
+PMD, MANY_CLIENTS = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 START_SECONDS = 10
 MEGABYTE = 1 << 20
 
@@ -170,13 +171,13 @@ class Pmd(unittest.TestCase):
     def test_refuses_clients_beyond_the_most(self):
         daemon = self.daemon("--max-clients", "3")
         clients = [self.client(daemon, "A") for _ in range(3)]
-        full = daemon.descriptors()
+        full = descriptors(daemon)
         for _ in range(5):
             with self.assertRaises((Closed, ConnectionError)):
                 Client(daemon.port)
         self.assertIn("refused a client of 127.0.0.1: there are 3 already", daemon.log())
         clients[0].close()
-        wait_until(lambda: daemon.descriptors() == full - 1, "the end of a client")
+        wait_until(lambda: descriptors(daemon) == full - 1, "the end of a client")
         self.client(daemon, "A")
 
     def test_goes_on_accepting_once_there_are_descriptors_again(self):
@@ -221,10 +222,44 @@ class Pmd(unittest.TestCase):
             self.assertTrue(reader.is_cut_off())
             self.assertEqual(daemon.status(), 0)
 
+    def test_takes_the_librarys_clients_back_whenever_it_comes_again(self):
+        count = 50
+        daemon = self.daemon()
+        clients = Process(MANY_CLIENTS, daemon.port, count, stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.addCleanup(clients.close)
+        self.assertEqual(clients.popen.stdout.readline(), b"ready\n")
+
+        def all_get(subject):
+            # Until each is back: what is sent meanwhile reaches those who are.
+            sender = self.client(daemon)
+            arrived = []
+            reader = threading.Thread(
+                target=lambda: arrived.append(clients.popen.stdout.readline()))
+            reader.start()
+            deadline = time.monotonic() + 30
+            while reader.is_alive() and time.monotonic() < deadline:
+                sender.send(subject)
+                reader.join(0.1)
+            self.assertEqual(arrived, [b"all %s\n" % subject.encode()])
+            sender.close()
+        all_get("ALL.0")
+        before = descriptors(clients), threads(clients)
+        for life in range(1, 3):
+            daemon.popen.kill()
+            daemon.status()
+            daemon = self.daemon(port=daemon.port)
+            all_get("ALL.%d" % life)
+            wait_until(lambda: (descriptors(clients), threads(clients)) == before,
+                       "as many descriptors and threads as before")
+        clients.popen.stdin.close()
+        self.assertEqual(clients.status(), 0)
+        wait_until(lambda: descriptors(daemon) < count, "the daemon's descriptors back")
+
     def test_takes_clients_back_behind_a_restart(self):
         daemon = self.daemon()
         clients = [self.client(daemon, "A") for _ in range(50)]
-        before = daemon.descriptors(), daemon.threads()
+        before = descriptors(daemon), threads(daemon)
         daemon.popen.kill()
         daemon.status()
         again = self.daemon(port=daemon.port)
@@ -234,13 +269,13 @@ class Pmd(unittest.TestCase):
             back.append(Client(again.port, session=client.session))
             back[-1].listen("A", "_INBOX.%s.>" % client.session)
             self.assertEqual(back[-1].client_id, client.client_id)
-        self.assertEqual((again.descriptors(), again.threads()), before)
+        self.assertEqual((descriptors(again), threads(again)), before)
         sent = self.client(again).send("A")
         for client in back:
             self.assertEqual(client.message(), sent)
             client.close()
-        wait_until(lambda: again.descriptors() <= before[0] - 49, "their descriptors back")
+        wait_until(lambda: descriptors(again) <= before[0] - 49, "their descriptors back")
 
 
 if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], *sys.argv[2:]], verbosity=2)
+    unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=2)
