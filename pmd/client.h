@@ -48,6 +48,7 @@ struct Client {
     const char* fault;  // why it is to be cut off; null while it isn't
     bool isSlow;        // that is because it reads too slowly
     bool isTouched;     // it has got messages of the batch under way
+    bool isBehind;      // much waits for it already
     bool isStalled;     // it takes too little for senders to wait for it
     Client* pacer;      // nothing is read from this client until that one has caught up
     Pace pace;

@@ -118,7 +118,7 @@ void routeData(BatchWalk& walk, size_t at, const uint8_t* subject) {
 // Sends to one peer alone, and releases.
 void answer(Exchange* exchange, Peer* peer, pelmoMsg* message) {
     msgFlush(message);
-    exchange->ops.deliver(exchange->closure, &peer->member, {&message, 1});
+    exchange->ops.tell(exchange->closure, &peer->member, message);
     msgRelease(message);
 }
 
@@ -358,7 +358,7 @@ void exchangeWarn(Exchange* exchange,
     const uint8_t* subject = incomingRead({msgImage(warning), warning->length}).subject;
     if (subject != nullptr && routerMatch(realm, subject, &receivers) == kStatusSuccess) {
         for (Member* member : receivers) {
-            exchange->ops.deliver(exchange->closure, member, {&warning, 1});
+            exchange->ops.tell(exchange->closure, member, warning);
         }
     }
     msgRelease(warning);

@@ -30,7 +30,11 @@ struct pelmoMsg;
 using MessageRun = std::span<pelmoMsg* const>;
 
 struct ExchangeOps {
+    // A run that is routed: its place tells it from all others of the batch.
     void (*deliver)(void* closure, Member* to, MessageRun run);
+
+    // A message of the daemon's own.
+    void (*tell)(void* closure, Member* to, pelmoMsg* message);
 
     // All that is routed, whether anybody listens or not; null where nobody wants it.
     void (*publish)(void* closure, MessageRun run);

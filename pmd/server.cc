@@ -13,6 +13,7 @@
 #include "lib/base/log.h"
 #include "lib/base/log_pace.h"
 #include "lib/base/text.h"
+#include "lib/containers/dpa.h"
 #include "lib/msg/message_internal.h"
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
@@ -21,6 +22,7 @@
 #include "lib/transport/socket/socket_class.h"
 #include "pmd/client.h"
 #include "pmd/oska_wire.h"
+#include "pmd/sparse_run.h"
 
 namespace {
 
@@ -54,6 +56,10 @@ struct Server {
     Client* doomed PELMO_GUARDED_BY(daemonLock) = nullptr;
 
     Client* paced PELMO_GUARDED_BY(daemonLock) = nullptr;  // who isn't read from
+
+    // The copy of the run that is being delivered, empty while nobody needs one.
+    const void* copiedRun PELMO_GUARDED_BY(daemonLock) = nullptr;
+    Dpa* copies PELMO_GUARDED_BY(daemonLock) = nullptr;
 
     bool isStopping PELMO_GUARDED_BY(daemonLock) = false;
     double acceptAgainAt PELMO_GUARDED_BY(daemonLock) = 0;  // 0: it accepts
@@ -179,7 +185,8 @@ void checkBacklog(Client* client, Client** fastest, uint64_t* fastestBytes)
         client->isSlow = true;
         return doom(client, kSlow);
     }
-    if (bytes <= kPaceLowBytes) client->isStalled = false;
+    client->isBehind = bytes > kPaceLowBytes;
+    if (!client->isBehind) client->isStalled = false;
     if (*fastest != nullptr && bytes >= *fastestBytes) return;
     *fastest = client;
     *fastestBytes = bytes;
@@ -198,8 +205,17 @@ Client* flushTouched() PELMO_REQUIRES(daemonLock) {
     return fastest;
 }
 
+void dropCopies() PELMO_REQUIRES(daemonLock) {
+    server.copiedRun = nullptr;
+    for (uint32_t i = 0; i < server.copies->count; ++i) {
+        msgRelease(static_cast<pelmoMsg*>(server.copies->items[i]));
+    }
+    server.copies->count = 0;
+}
+
 // An end may bring an advisory to others, and that the end of some of them.
 void settle() PELMO_REQUIRES(daemonLock) {
+    dropCopies();
     for (;;) {
         (void)flushTouched();
         Client* client = server.doomed;
@@ -242,9 +258,19 @@ void onPaceTick(uint32_t, pelmoMsg*, void*) {
 
 // What the exchange does
 
-void onDeliver(void*, Member* to, MessageRun run) PELMO_REQUIRES(daemonLock) {
-    auto* client = static_cast<Client*>(to->owner);
-    if (client->fault != nullptr) return;
+// What is queued for one who is behind keeps no more memory than it needs. Without memory for a
+// copy it's the run itself.
+MessageRun runForLong(MessageRun run) PELMO_REQUIRES(daemonLock) {
+    if (server.copiedRun != run.data()) {
+        dropCopies();
+        server.copiedRun = run.data();
+        if (runIsSparse(run)) (void)runCopy(run, server.copies);
+    }
+    if (server.copies->count == 0) return run;
+    return {reinterpret_cast<pelmoMsg**>(server.copies->items), server.copies->count};
+}
+
+void queue(Client* client, MessageRun run) PELMO_REQUIRES(daemonLock) {
     touch(client);
     const pelmoStatus status = ipqSendVector(client->ipq, run, false);
     if (status == kStatusNoMemory) {
@@ -252,6 +278,16 @@ void onDeliver(void*, Member* to, MessageRun run) PELMO_REQUIRES(daemonLock) {
     } else if (status != kStatusSuccess) {
         doom(client, kClientGone);
     }
+}
+
+void onDeliver(void*, Member* to, MessageRun run) PELMO_REQUIRES(daemonLock) {
+    auto* client = static_cast<Client*>(to->owner);
+    if (client->fault == nullptr) queue(client, client->isBehind ? runForLong(run) : run);
+}
+
+void onTell(void*, Member* to, pelmoMsg* message) PELMO_REQUIRES(daemonLock) {
+    auto* client = static_cast<Client*>(to->owner);
+    if (client->fault == nullptr) queue(client, {&message, 1});
 }
 
 void onPublish(void*, MessageRun run) PELMO_REQUIRES(daemonLock) {
@@ -431,14 +467,22 @@ SessionGround groundOf(const PmdOptions& options) {
 }
 
 bool startExchange(const PmdOptions& options, std::string& error) {
-    const ExchangeOps ops = {onDeliver, options.oska ? onPublish : nullptr, onCutOff};
+    const ExchangeOps ops = {onDeliver, onTell, options.oska ? onPublish : nullptr, onCutOff};
     const LockGuard guard(daemonLock);
-    if (!exchangeInit(&server.exchange, groundOf(options), ops, nullptr)) {
+    server.copies = dpaCreate(1);
+    if (server.copies == nullptr ||
+        !exchangeInit(&server.exchange, groundOf(options), ops, nullptr)) {
+        server.copies = dpaDestroy(server.copies);
         error = "no memory";
         return false;
     }
     if (!options.permanent) server.endAt = clockSteadySeconds() + kFirstClientSeconds;
     return true;
+}
+
+void endExchange() PELMO_REQUIRES(daemonLock) {
+    exchangeFree(&server.exchange);
+    server.copies = dpaDestroy(server.copies);
 }
 
 void closeAll() PELMO_REQUIRES(daemonLock) {
@@ -489,7 +533,8 @@ bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error)
             return true;
         }
         oskaWireClose(&server.wire);
-        exchangeFree(&server.exchange);
+        const LockGuard guard(daemonLock);
+        endExchange();
     }
     pelmo_Close();
     return false;
@@ -508,7 +553,7 @@ void serverStop() {
         closeAll();
         endTimer(&server.paceTimer);
         waitUntil(kCloseSeconds, [] { return clientsAlive() == 0; });
-        exchangeFree(&server.exchange);
+        endExchange();
     }
     oskaWireClose(&server.wire);
     pelmo_Close();

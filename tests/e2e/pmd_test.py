@@ -1,6 +1,7 @@
 """The daemon as a program, by what clients and operators see: pmd_test.py PMD MANY_CLIENTS [TEST ...]."""
 
 import pathlib
+import re
 import signal
 import socket
 import struct
@@ -10,7 +11,7 @@ import threading
 import time
 import unittest
 
-from bus_client import Client, Closed, Daemon, free_port, message, start_message, text
+from bus_client import Client, Closed, Daemon, data_message, free_port, message, start_message, text
 from live_run import Process, descriptors, threads, wait_until
 
 PMD, MANY_CLIENTS = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
@@ -151,6 +152,23 @@ class Pmd(unittest.TestCase):
         self.assertIn("(tester): it reads too slowly\n", daemon.log())
         self.assertTrue(slow.is_cut_off())
         self.assertEqual(witness.message(), image)
+
+    def test_keeps_no_more_for_a_slow_reader_than_waits_for_it(self):
+        # A sanitizer keeps freed memory for a while.
+        daemon = self.daemon(wrapper=("env", "ASAN_OPTIONS=quarantine_size_mb=1"))
+        slow = self.client(daemon, "RARE", receive_bytes=8192)
+        sender = self.client(daemon)
+        count, size = 6000, 3000
+        other = data_message("OTHER", bytes(10 * size))
+        for _ in range(count):
+            sender.socket.sendall(other)
+            sender.send("RARE", bytes(size))
+        sender.settle()
+        status = pathlib.Path("/proc/%d/status" % daemon.popen.pid).read_text()
+        most = int(re.search(r"VmHWM:\s+(\d+) kB", status).group(1)) * 1024
+        self.assertLess(most, 100 * MEGABYTE)
+        for _ in range(count):
+            self.assertGreater(len(slow.message()), size)
 
     def test_paces_a_sender_that_is_faster_than_its_only_reader(self):
         daemon = self.daemon("--client-backlog", "16")

@@ -66,6 +66,10 @@ void onDeliver(void* closure, Member* to, MessageRun run) {
             receiver->peer.member.realm == daemon->taking->peer.member.realm);
 }
 
+void onTell(void* closure, Member* to, pelmoMsg* message) {
+    onDeliver(closure, to, {&message, 1});
+}
+
 void onPublish(void* closure, MessageRun run) {
     auto* daemon = static_cast<Daemon*>(closure);
     checkWhole(run);
@@ -179,7 +183,8 @@ void feed(Daemon& daemon, Connection& connection, std::span<const uint8_t> bytes
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static auto* const daemon = new Daemon();
     const SessionGround ground = {1, 2, 0x0100007f, 0x4c1d};
-    require(exchangeInit(&daemon->exchange, ground, {onDeliver, onPublish, onCutOff}, daemon));
+    require(
+        exchangeInit(&daemon->exchange, ground, {onDeliver, onTell, onPublish, onCutOff}, daemon));
     oskaWriterInit(&daemon->writer, 1, 2, 3, onPacket, nullptr);
 
     std::span<const uint8_t> left(data, size);

@@ -88,7 +88,7 @@ struct TestBus {
     bool quiet = false;                          // no journal, which takes memory
 
     explicit TestBus(bool wire = false) {
-        const ExchangeOps ops = {onDeliver, wire ? onPublish : nullptr, onCutOff};
+        const ExchangeOps ops = {onDeliver, onTell, wire ? onPublish : nullptr, onCutOff};
         const SessionGround ground = {0x18c0ffee000, 0x1234, 0x0100007f, 0x4c1d};
         EXPECT_TRUE(exchangeInit(&exchange, ground, ops, this));
     }
@@ -147,6 +147,10 @@ struct TestBus {
         EXPECT_EQ(msgOpenEnvelope(first.get()), kStatusSuccess);
         bus->journal.push_back(name + " < " + std::to_string(run.size()) + " on " +
                                sendSubjectOf(first.get()));
+    }
+
+    static void onTell(void* closure, Member* to, pelmoMsg* message) {
+        onDeliver(closure, to, {&message, 1});
     }
 
     static void onPublish(void* closure, MessageRun run) {
