@@ -61,6 +61,7 @@ std::vector<OpeningFault> openingFaults() {
         endless = std::move(endless) + sendFrame({}) + takeFrame();
     return {
         {"closes at once", hangUp(), kStatusDaemonNotConnected},
+        {"resets at once", reset(), kStatusDaemonNotConnected},
         {"greets short", sendBytes(firstBytes(greeting, 11)), kStatusDaemonNotConnected},
         {"doesn't greet", silence(), kStatusDaemonNotConnected, true},
         {"greets by halves", sendBytes(firstBytes(greeting, 4)) + silence(),
@@ -77,6 +78,7 @@ std::vector<OpeningFault> openingFaults() {
          kStatusDaemonNotConnected},
 
         {"closes for a frame", greeted + hangUp(), kStatusInitFailed},
+        {"resets for a frame", greeted + reset(), kStatusInitFailed},
         {"sends no frame", greeted + silence(), kStatusInitFailed, true},
         {"sends a short frame", greeted + sendBytes(firstBytes(frameBytes({}), 63)),
          kStatusInitFailed},
@@ -100,6 +102,7 @@ std::vector<OpeningFault> openingFaults() {
          kStatusSuccess},
 
         {"closes for a reply", started + hangUp(), kStatusDaemonNotConnected},
+        {"resets for a reply", started + reset(), kStatusDaemonNotConnected},
         {"never replies", started + silence(), kStatusDaemonNotConnected, true},
         {"keeps alive and never replies", started + sendBytes(head(8)) + silence(),
          kStatusDaemonNotConnected, true},
@@ -147,6 +150,25 @@ TEST_F(DaemonFaults, OfAnOpeningHaveTheirStatus) {
     }
 }
 
+// Whether the connection stands by then is a race; a transport that was made has its break
+// repaired.
+TEST_F(DaemonFaults, BehindAReplyBreakWhatMayStand) {
+    const DaemonScript replied = goodHandshake() + takeMessage() + reply();
+    for (const DaemonScript& script :
+         {replied + hangUp(), replied + reset(), goodSession() + hangUp(), goodSession() + reset(),
+          goodSession() + sendBytes(head(4))}) {
+        MisbehavingDaemon daemon({script, goodSession() + serve()});
+        const Leftovers before = leftovers();
+        const pelmoStatus status = create(daemon);
+        EXPECT_TRUE(status == kStatusSuccess || status == kStatusDaemonNotConnected) << status;
+        EXPECT_TRUE(status == kStatusSuccess || create(daemon) == kStatusSuccess);
+        EXPECT_TRUE(daemon.awaitConnections(2));
+        EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess);
+        EXPECT_EQ(leftoversOnceThey(before), before);
+        EXPECT_TRUE(noMemoryIsLost());
+    }
+}
+
 TEST_F(DaemonFaults, RefuseAConnection) {
     MisbehavingDaemon daemon({hangUp()});
     const Leftovers before = leftovers();
@@ -169,6 +191,7 @@ std::vector<RunningFault> runningFaults() {
     const char* const badSize = "message with invalid size from 127.0.0.1:";
     std::vector<RunningFault> faults = {
         {"closes", hangUp(), true, ""},
+        {"resets", reset(), true, ""},
         {"sends bad magic", sendBytes(rubbish) + silence(), true, badMagic},
         {"sends a word and no magic", sendBytes(head(7, 0)) + silence(), true, badMagic},
         {"sends a close notice", sendBytes(Bytes(8)) + serve(), true, ""},

@@ -119,6 +119,11 @@ bool DaemonWire::awaitGate() {
     return true;
 }
 
+void DaemonWire::resetAtEnd() {
+    const linger none = {.l_onoff = 1, .l_linger = 0};
+    EXPECT_EQ(setsockopt(handle, SOL_SOCKET, SO_LINGER, &none, sizeof(none)), 0);
+}
+
 // The daemon
 
 MisbehavingDaemon::MisbehavingDaemon(std::vector<DaemonScript> connectionScripts)
@@ -298,6 +303,13 @@ DaemonScript gate() {
 
 DaemonScript hangUp() {
     return step([](DaemonWire&) { return false; });
+}
+
+DaemonScript reset() {
+    return step([](DaemonWire& wire) {
+        wire.resetAtEnd();
+        return false;
+    });
 }
 
 DaemonScript silence() {

@@ -42,6 +42,7 @@ class DaemonWire {
     [[nodiscard]] bool awaitGate();
 
     void limitReads(size_t bytes) { mostAtOnce = bytes; }
+    void resetAtEnd();
 
   private:
     friend class MisbehavingDaemon;
@@ -145,6 +146,7 @@ struct Reply {
 [[nodiscard]] DaemonScript pauseFor(int milliseconds);
 [[nodiscard]] DaemonScript gate();
 [[nodiscard]] DaemonScript hangUp();
+[[nodiscard]] DaemonScript reset();  // hangs up, and drops what is under way
 
 // Neither reads nor writes until the client closes.
 [[nodiscard]] DaemonScript silence();
