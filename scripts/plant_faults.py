@@ -177,6 +177,14 @@ def make_judges():
     judges["pelmobus"] = Judge(["pelmobus", "pmd"],
                                [sys.executable, tests / "bus" / "pelmobus_test.py", "bin/pelmobus", "bin/pmd"],
                                re.compile(r"^(?:FAIL|ERROR): (\S+)"))
+    failed_case = re.compile(r"^(?:FAIL|ERROR): (\S+)")
+    judges["pmd"] = program("pmd")
+    judges["pmd as a program"] = Judge(
+        ["pmd", "many_clients"],
+        [sys.executable, tests / "e2e" / "pmd_test.py", "bin/pmd", "bin/many_clients"], failed_case)
+    judges["pmd on the wire"] = Judge(
+        ["pmd", "pelmoscope"],
+        [sys.executable, tests / "e2e" / "pmd_wire_test.py", "bin/pmd", "bin/pelmoscope"], failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
                             re.compile(r"\s+\d+ - (tools\S*) "))
@@ -194,6 +202,8 @@ def judges_of(judges, path):
         return [judges["tools"]]
     if parts[0] == "bus":
         return [judges["bus"], judges["pelmobus"]]
+    if parts[0] == "pmd":
+        return [judges["pmd"], judges["pmd on the wire" if "oska" in parts[-1] else "pmd as a program"]]
     if parts[0] == "trace":
         return [judges["cases"], judges["trace"]]
     public = [judges["lib/pelmo"]] if parts[1] in ("msg", "runtime", "transport") else []
