@@ -36,6 +36,9 @@ void onEnded() {
 int run(const PmdOptions& options) {
     const sigset_t signals = stopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    // Neither a log that nobody reads nor one that is closed holds up or ends the clients.
+    logBoundWaits(0);
+    std::signal(SIGPIPE, SIG_IGN);
     std::string error;
     if (!serverStart(options, onEnded, error)) {
         std::fprintf(stderr, "pmd: %s\n", error.c_str());

@@ -1,5 +1,6 @@
 """The daemon as a program, by what clients and operators see: pmd_test.py PMD MANY_CLIENTS [TEST ...]."""
 
+import os
 import pathlib
 import re
 import signal
@@ -111,6 +112,26 @@ class Pmd(unittest.TestCase):
         deaf.socket.sendall(struct.pack(">III", 0, 9, 0))
         deaf.exactly(12)
         self.assertTrue(deaf.is_cut_off())
+        self.assertTrue(good.hears(good, "A"))
+
+    def test_waits_for_no_reader_of_its_log(self):
+        port, (reader, writer) = free_port(), os.pipe()
+        daemon = Process(PMD, "-listen", port, stderr=writer)
+        self.addCleanup(daemon.close)
+        os.close(writer)
+        self.assertIn(b"listening on", os.read(reader, 4096))
+        daemon.port = port
+        good = self.client(daemon, "A")
+        for _ in range(1000):  # 80 KB of lines, more than the pipe holds
+            bad = Client(port, start=False)
+            bad.socket.sendall(bytes([9]) * 12)
+            self.assertTrue(bad.is_cut_off())
+            bad.close()
+        self.assertTrue(good.hears(good, "A"))
+        os.close(reader)
+        bad = Client(port, start=False)
+        bad.socket.sendall(bytes([9]) * 12)
+        self.assertTrue(bad.is_cut_off())
         self.assertTrue(good.hears(good, "A"))
 
     def test_waits_for_nobody_in_the_handshake(self):
