@@ -40,7 +40,9 @@ inline constexpr uint32_t kMostSessionChars = 55;
 struct DaemonLinkOps {
     // Connects for a transport without a link, which keeps what it gets. The object lock is held
     // once, released while the call waits, and held again when it returns. `daemon` may be null.
-    // `resume`: may the daemon resume what an earlier connection left unfinished?
+    // `resume`: may the daemon resume what an earlier connection left unfinished? A failed connect
+    // may leave a link, too: callbacks of the broken connection can still be running, so that it
+    // ends with the transport.
     pelmoStatus (*create)(DaemonLink** out, Transport* transport, const char* daemon, bool resume);
 
     DaemonLinkTexts (*texts)(const DaemonLink* link);

@@ -53,8 +53,8 @@ pelmoStatus createLocked(Held<Transport>& held,
     if (!firstSettingsLocked(held->settings, service, network)) return kStatusNoMemory;
     DaemonLink* link = nullptr;
     const pelmoStatus status = daemonLinkOps.create(&link, held.get(), daemon, resume);
-    if (status != kStatusSuccess) return status;
     held->link = link;
+    if (status != kStatusSuccess) return status;
     std::snprintf(held->inboxPrefix, sizeof held->inboxPrefix, "_INBOX.%.*s.",
                   static_cast<int>(kMostSessionChars), daemonLinkOps.texts(link).session);
     if (Id_SetGlobal(&held->header, nullptr) != kStatusSuccess) return kStatusNoMemory;

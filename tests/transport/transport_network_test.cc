@@ -70,6 +70,8 @@ TEST_F(Network, CreatesOverTheDaemonConnection) {
     uint32_t other = 0;
     daemon.createAnswer = kStatusWrongVersion;
     EXPECT_EQ(pelmoTransport_CreateNetwork(&other, nullptr, nullptr, nullptr), kStatusWrongVersion);
+    EXPECT_EQ(daemon.taken(), (Texts{"create", "stop"}));
+    EXPECT_EQ(daemon.links(), 1);
     daemon.createAnswer = kStatusSuccess;
     daemon.endpoint = peers.endpoint();
     ASSERT_EQ(pelmoTransport_CreateNetworkNoResume(&other, "s", "n", "d"), kStatusSuccess);

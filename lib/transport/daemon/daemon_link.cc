@@ -109,16 +109,8 @@ pelmoStatus makeLink(DaemonLink** out, Transport* transport, const char* daemon)
 // The checker can't tell that the link's transport is this one.
 pelmoStatus createLink(DaemonLink** out, Transport* transport, const char* daemon, bool resume)
     PELMO_REQUIRES(transport->header.lock) PELMO_UNCHECKED_LOCKING {
-    DaemonLink* link = nullptr;
-    pelmoStatus status = makeLink(&link, transport, daemon);
-    if (status != kStatusSuccess) return status;
-    status = linkConnect(link, resume, true);
-    if (status != kStatusSuccess) {
-        freeLink(link);
-        return status;
-    }
-    *out = link;
-    return kStatusSuccess;
+    const pelmoStatus status = makeLink(out, transport, daemon);
+    return status == kStatusSuccess ? linkConnect(*out, resume, true) : status;
 }
 
 DaemonLinkTexts textsOfLink(const DaemonLink* link) {
