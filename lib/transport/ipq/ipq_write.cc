@@ -322,9 +322,10 @@ pelmoStatus ipqSend(Ipq* ipq, pelmoMsg* message, bool urgent) {
 pelmoStatus ipqSendVector(Ipq* ipq, std::span<pelmoMsg* const> messages, bool urgent) {
     if (messages.empty()) return kStatusSuccess;
     const LockGuard guard(ipq->lock);
+    pelmoStatus status = usableLocked(ipq);
+    if (status != kStatusSuccess) return status;
     beginBatchLocked(ipq);
-    const pelmoStatus status =
-        urgent ? addUrgentLocked(ipq, messages) : addInOrderLocked(ipq, messages);
+    status = urgent ? addUrgentLocked(ipq, messages) : addInOrderLocked(ipq, messages);
     --ipq->holds;
     // What came ahead of a failure goes all the same.
     const bool isUsable = usableLocked(ipq) == kStatusSuccess;
