@@ -16,8 +16,8 @@
 //         write result.answer
 //     } while (result.outcome == kHandshakeGoesOn);
 //
-// What cuts the connection off, be it a short read or a write that fails, ends the handshake with
-// handshakeCutOff's status.
+// What cuts the connection off ends the handshake: a short read with handshakeReadCutOff's status,
+// a write that fails with kHandshakeWriteCutOff.
 //
 // Threads: pure; the owner of the record serialises.
 
