@@ -14,8 +14,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kAtOnceSeconds = 1.0;
-constexpr double kGracefulSeconds = kGracefulCloseSeconds + 1.0;
+// Well below what a wait for its own time-out would take, well above what a busy machine does.
+constexpr double kAtOnceSeconds = 3.0;
+constexpr double kGracefulSeconds = kGracefulCloseSeconds + 3.0;
 
 double secondsOf(const std::function<void()>& act) {
     const Clock::time_point start = Clock::now();
