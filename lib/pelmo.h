@@ -11,10 +11,14 @@
 // first, for at most five seconds each; whoever waits for a daemon gets kStatusDaemonNotConnected.
 // The library can be opened again; ids are not used again until their counter wraps around.
 //
-// Environment, read at the first open: _PM_TRACING_MODULES lists the modules whose calls are
+// Environment. Read at the first open: _PM_TRACING_MODULES lists the modules whose calls are
 // logged, separated by ",", each with "=" and a subject behind it where only messages on that
 // subject are wanted; _PM_TRACING_FILE names the file, "stderr" or "stdout" that the lines go to.
-// Tracing stays off when these settings are invalid.
+// Tracing stays off when these settings are invalid. Read at each connection to a daemon:
+// PELMO_BINDADDR, a dotted address of this host, is where it goes out from, if the system lets it;
+// PELMO_DISABLE_SO_KEEPALIVE, with any value, leaves the system's own probes of a silent peer off;
+// IPQ_ACCOUNTING is a number whose bits print to the standard output stream: 1 a summary of the
+// connection at its close, 2 the sizes of its reads, 4 those of its writes.
 //
 // Failure: kStatusInitFailed when the one-time set-up of the process failed, at that call and at
 // every later one; kStatusOsError for a thread that gave up waiting for another thread's set-up;

@@ -54,12 +54,14 @@ struct pelmoMsg;
 //
 // A daemon of this host that isn't there is started once, as the program "pmd" of the search path.
 //
-// kStatusDaemonNotConnected where no daemon is reached, where it hangs up or is silent for a
-// minute, and when the library is closed meanwhile; kStatusInvalidArgument for a daemon text of
+// kStatusDaemonNotConnected where no daemon is reached, where it hangs up or doesn't answer within
+// a minute, and when the library is closed meanwhile; kStatusInvalidArgument for a daemon text of
 // another form or an unknown name, kStatusNotPermitted for one that begins with "-";
 // kStatusWrongVersion for a daemon of another protocol; kStatusInitFailed for answers that make no
-// session; kStatusServiceNotFound and kStatusNetworkNotFound for a session without a port or an
-// address; any status that the daemon refuses with.
+// session, and where the two don't come to terms for the stream in that time;
+// kStatusInvalidTransport for terms that can't be kept; kStatusServiceNotFound and
+// kStatusNetworkNotFound for a session without a port or an address; any status that the daemon
+// refuses with.
 //
 // A service "7500:7501" asks for a port of the transport's own, where others reach its inboxes
 // without the daemon. This library has no such road yet: with a daemon of this host or one that

@@ -47,7 +47,7 @@ char* copyService(const char* service) {
     return copy;
 }
 
-void freeLink(DaemonLink* link) {
+void daemonLinkDestroy(DaemonLink* link) {
     std::free(link->specification);
     std::free(link->service);
     Lock_Destroy(&link->lock);
@@ -63,7 +63,7 @@ pelmoStatus fillLink(DaemonLink* link,
     link->createSeconds = now.seconds;
     link->pid = static_cast<uint32_t>(getpid());
     link->queueSettings = {
-        .blocksWhenFull = true, .batchMode = 0, .waitLimitBytes = kDefaultWaitLimitBytes};
+        .blocksWhenFull = true, .batchMode = 0, .waitLimitBytes = kUsualWaitLimitBytes};
     noteUserName(link->userName);
     link->localAddress = findLocalAddress();
     link->service = copyService(service);
@@ -97,7 +97,7 @@ pelmoStatus makeLink(DaemonLink** out, Transport* transport, const char* daemon)
     }
     const pelmoStatus status = fillLink(link, transport->settings.service, daemon);
     if (status != kStatusSuccess) {
-        freeLink(link);
+        daemonLinkDestroy(link);
         return status;
     }
     *out = link;
@@ -107,7 +107,10 @@ pelmoStatus makeLink(DaemonLink** out, Transport* transport, const char* daemon)
 // The table's functions
 
 // The checker can't tell that the link's transport is this one.
-pelmoStatus createLink(DaemonLink** out, Transport* transport, const char* daemon, bool resume)
+pelmoStatus daemonLinkCreate(DaemonLink** out,
+                             Transport* transport,
+                             const char* daemon,
+                             bool resume)
     PELMO_REQUIRES(transport->header.lock) PELMO_UNCHECKED_LOCKING {
     const pelmoStatus status = makeLink(out, transport, daemon);
     return status == kStatusSuccess ? linkConnect(*out, resume, true) : status;
@@ -117,7 +120,7 @@ DaemonLinkTexts textsOfLink(const DaemonLink* link) {
     return {.session = link->session, .daemon = link->specification};
 }
 
-void stopLink(Transport* transport) {
+void daemonLinkStop(Transport* transport) {
     DaemonLink* const link = transport->link;
     Ipq* ipq = nullptr;
     uint32_t timer = kNoId;
@@ -132,7 +135,7 @@ void stopLink(Transport* transport) {
     if (ipq != nullptr) linkCloseQueue(ipq, true);
 }
 
-pelmoStatus sendOne(Transport* transport, pelmoMsg* message) {
+pelmoStatus daemonLinkSend(Transport* transport, pelmoMsg* message) {
     if (!msgIsValid(message)) return kStatusInvalidMessage;
     Ipq* const ipq = linkTakeQueue(transport->link);
     if (ipq == nullptr) return kStatusDaemonNotConnected;
@@ -141,7 +144,7 @@ pelmoStatus sendOne(Transport* transport, pelmoMsg* message) {
     return status;
 }
 
-pelmoStatus sendMany(Transport* transport, std::span<pelmoMsg* const> messages) {
+pelmoStatus daemonLinkSendVector(Transport* transport, std::span<pelmoMsg* const> messages) {
     if (messages.empty()) return kStatusInvalidMessage;
     Ipq* const ipq = linkTakeQueue(transport->link);
     if (ipq == nullptr) return kStatusDaemonNotConnected;
@@ -181,7 +184,7 @@ pelmoStatus control(Transport* transport, pelmoMsg* message, DaemonVersion since
     return isLater ? kStatusSuccess : status;
 }
 
-pelmoStatus interest(Transport* transport, const uint8_t* subject, const char* kind) {
+pelmoStatus daemonLinkInterest(Transport* transport, const uint8_t* subject, const char* kind) {
     pelmoMsg* made = nullptr;
     pelmoStatus status = interestMessage(&made, subject, kind);
     if (status != kStatusSuccess) return status;
@@ -191,17 +194,15 @@ pelmoStatus interest(Transport* transport, const uint8_t* subject, const char* k
     return sendToDaemon(transport->link, message.get(), DaemonVersion{});
 }
 
-// A call of the connected queue's.
-template <typename Operation, typename... Arguments>
-pelmoStatus onQueue(Transport* transport, Operation operation, Arguments... arguments) {
+pelmoStatus daemonLinkHold(Transport* transport) {
     Ipq* const ipq = linkTakeQueue(transport->link);
     if (ipq == nullptr) return kStatusDaemonNotConnected;
-    const pelmoStatus status = operation(ipq, arguments...);
+    const pelmoStatus status = ipqHold(ipq);
     ipqRelease(ipq);
     return status;
 }
 
-pelmoStatus flush(Transport* transport) {
+pelmoStatus daemonLinkFlush(Transport* transport) {
     Ipq* const ipq = linkTakeQueue(transport->link);
     if (ipq == nullptr) return kStatusDaemonNotConnected;
     const pelmoStatus status = ipqFlush(ipq);
@@ -210,7 +211,7 @@ pelmoStatus flush(Transport* transport) {
     return status;
 }
 
-pelmoStatus setBatchMode(Transport* transport, uint32_t mode) {
+pelmoStatus daemonLinkSetBatchMode(Transport* transport, uint32_t mode) {
     DaemonLink* const link = transport->link;
     const LockGuard guard(link->lock);
     if (link->ipq == nullptr) return kStatusDaemonNotConnected;
@@ -230,7 +231,7 @@ pelmoStatus setBlocking(Transport* transport, bool blocking) {
 pelmoStatus setWaitLimit(Transport* transport, uint32_t limit) {
     DaemonLink* const link = transport->link;
     const LockGuard guard(link->lock);
-    link->queueSettings.waitLimitBytes = limit != 0 ? limit : kDefaultWaitLimitBytes;
+    link->queueSettings.waitLimitBytes = limit != 0 ? limit : kUsualWaitLimitBytes;
     if (link->ipq != nullptr) ipqSetWaitLimit(link->ipq, limit);
     return kStatusSuccess;
 }
@@ -245,20 +246,20 @@ pelmoStatus getWaitLimit(Transport* transport, uint32_t* out) {
 }  // namespace
 
 void daemonLinkAttach() {
-    daemonLinkOps = {.create = createLink,
+    daemonLinkOps = {.create = daemonLinkCreate,
                      .texts = textsOfLink,
-                     .destroy = freeLink,
-                     .stop = stopLink,
-                     .send = sendOne,
-                     .sendVector = sendMany,
+                     .destroy = daemonLinkDestroy,
+                     .stop = daemonLinkStop,
+                     .send = daemonLinkSend,
+                     .sendVector = daemonLinkSendVector,
                      .control = control,
-                     .hold = [](Transport* transport) { return onQueue(transport, ipqHold); },
-                     .flush = flush,
-                     .setBatchMode = setBatchMode,
+                     .hold = daemonLinkHold,
+                     .flush = daemonLinkFlush,
+                     .setBatchMode = daemonLinkSetBatchMode,
                      .setBlocking = setBlocking,
                      .setWaitLimit = setWaitLimit,
                      .getWaitLimit = getWaitLimit,
-                     .interest = interest};
+                     .interest = daemonLinkInterest};
 }
 
 void daemonLinksInterrupt() {

@@ -15,7 +15,6 @@ struct Dpa;
 struct Ipq;
 
 inline constexpr size_t kUserNameBytes = 64;
-inline constexpr uint32_t kDefaultWaitLimitBytes = 0x1000000;  // the queue's own
 
 // What a queue begins with. The calls that change it want a connection, but for the wait limit.
 struct QueueSettings {

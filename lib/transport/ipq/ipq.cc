@@ -19,7 +19,6 @@
 namespace {
 
 constexpr double kKeepAliveSeconds = 60.0;
-constexpr uint32_t kWaitLimitBytes = 0x1000000;
 constexpr uint32_t kThrownAwayBytes = 4096;  // at a time
 
 thread_local uint32_t handlersRunning = 0;
@@ -65,7 +64,7 @@ void fillRecord(Ipq* made, const Terms& terms, uint32_t queueId, Socket* socket)
     made->socket = socket;
     made->queueId = queueId;
     made->mostMessageBytes = terms.mostMessageBytes;
-    made->waitLimit = kWaitLimitBytes;
+    made->waitLimit = kUsualWaitLimitBytes;
     accountingInit(&made->accounting);
     writeQueueInit(&made->queue, terms.byteLimit);
     cutterInit(&made->cutter, kReadBufferBytes, terms.mostMessageBytes);
@@ -297,7 +296,7 @@ pelmoStatus ipqSetBlockWhenFull(Ipq* ipq, bool block) {
 
 void ipqSetWaitLimit(Ipq* ipq, uint32_t bytes) {
     const LockGuard guard(ipq->lock);
-    ipq->waitLimit = bytes != 0 ? bytes : kWaitLimitBytes;
+    ipq->waitLimit = bytes != 0 ? bytes : kUsualWaitLimitBytes;
     Cond_Broadcast(&ipq->writerWakeup);
 }
 

@@ -48,6 +48,7 @@ struct Socket;
 struct pelmoMsg;
 
 inline constexpr double kGracefulCloseSeconds = 5.0;
+inline constexpr uint32_t kUsualWaitLimitBytes = 0x1000000;  // above which writers wait
 
 // Takes over the messages.
 using IpqReadCallback = void (*)(Ipq* ipq, std::span<pelmoMsg* const> messages, void* closure);
@@ -99,11 +100,10 @@ pelmoStatus ipqFlush(Ipq* ipq);
 // 1: small messages wait up to 25 ms for others. kStatusNotPermitted for switching it off again.
 pelmoStatus ipqSetBatchMode(Ipq* ipq, uint32_t mode);
 
-// Do writers wait while more than 16 MiB is queued? They wait while both queue and library are
-// open.
+// Do writers wait while too much is queued? They wait while both queue and library are open.
 pelmoStatus ipqSetBlockWhenFull(Ipq* ipq, bool block);
 
-// Above how many queued bytes they wait; 0 for the usual 16 MiB.
+// Above how many queued bytes they wait; 0 for kUsualWaitLimitBytes.
 void ipqSetWaitLimit(Ipq* ipq, uint32_t bytes);
 
 // What is old, and what becomes of it: with `discard` old messages are dropped. 0 for no limit. A
