@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/containers/hash.h"
 #include "pmd/exchange.h"
 #include "tests/support/envelope_bytes.h"
 #include "tests/support/message_values.h"
@@ -97,6 +98,7 @@ struct TestBus {
         for (auto& [name, peer] : peers) {
             exchangeLeave(&exchange, peer.get());
         }
+        EXPECT_EQ(exchange.router.realms->count, 0u);
         exchangeFree(&exchange);
     }
 

@@ -64,16 +64,17 @@ TEST(Exchange, GathersRunsOfTheSameReceivers) {
     TestBus bus(true);
     bus.join("a", {});
     bus.join("b", {"X.>", "Y"});
-    bus.join("c", {"X.2"});
-    EXPECT_EQ(bus.take("a", dataOn("X.1"), dataOn("X.1"), dataOn("Y"), dataOn("X.2"), dataOn("Z"),
-                       dataOn("X.1"), interest("L", "X.1"), dataOn("X.1"), dataOn("X.3")),
-              nullptr);
+    bus.join("c", {"X.2", "W"});
+    EXPECT_EQ(
+        bus.take("a", dataOn("X.1"), dataOn("X.1"), dataOn("Y"), dataOn("X.2"), dataOn("Z"),
+                 dataOn("W"), dataOn("X.1"), interest("L", "X.1"), dataOn("X.1"), dataOn("X.3")),
+        nullptr);
     EXPECT_EQ(bus.takeJournal(),
               (Journal{"b < 3 on X.1", "wire 3", "b < 1 on X.2", "c < 1 on X.2", "wire 1", "wire 1",
-                       "b < 1 on X.1", "wire 1", "b < 1 on X.1", "a < 1 on X.1", "wire 1",
-                       "b < 1 on X.3", "wire 1"}));
-    EXPECT_EQ(bus.exchange.routed, 8u);
-    EXPECT_EQ(bus.exchange.delivered, 9u);
+                       "c < 1 on W", "wire 1", "b < 1 on X.1", "wire 1", "b < 1 on X.1",
+                       "a < 1 on X.1", "wire 1", "b < 1 on X.3", "wire 1"}));
+    EXPECT_EQ(bus.exchange.routed, 9u);
+    EXPECT_EQ(bus.exchange.delivered, 10u);
 }
 
 TEST(Exchange, EchoesUnlessAskedNotTo) {
@@ -158,6 +159,7 @@ TEST(Exchange, RefusesAStartThatIsWrong) {
         {{.session = "7F000001."}, "3"},
         {{.session = "7F000001.a..b"}, "3"},
         {{.session = "7F000001.>"}, "3"},
+        {{.session = "7F000001.*"}, "3"},
         {{.session = longText.c_str()}, "3"},
         {{.service = longText.c_str()}, "16"},
         {{.network = longText.c_str()}, "17"},
@@ -211,6 +213,8 @@ TEST(Exchange, CutsOffWhoBreaksTheRules) {
     EXPECT_EQ(bus.takeJournal(), (Journal{"a < R", "listener < 1 on X"}));
     const Bytes noElements = {4, 's', 'u', 'b', 0, 2, 121, 0, 3, 0};
     EXPECT_EQ(fault(true, bytes(noElements)), "it sent a message that is corrupt");
+    const Bytes tooLong = {4, 's', 'u', 'b', 0, 2, 121, 0, 9, 2, 3, 'A', 0, 9, 'B', 0};
+    EXPECT_EQ(fault(true, bytes(tooLong)), "it sent a message that is corrupt");
     const Bytes listen = {6, 'm', 't', 'y', 'p', 'e', 0, 8, 2, 'L', 0};
     EXPECT_EQ(fault(true, bytes(listen)), "it tells an interest without a subject");
     EXPECT_EQ(fault(true, startMessage({.service = "7501"})),
