@@ -170,10 +170,19 @@ class OverADaemon(unittest.TestCase):
     def test_a_listener_that_stands_misses_nothing(self):
         for _ in range(20):
             listener = self.start("listen", "A.>", "--count", "2")
-            sent = self.bus("send", "A.B", "x:i32=7", "--reply", "R", "--count", "2", "--sequence")
-            self.assertEqual((sent.returncode, sent.stderr), (0, b"sent 2\n"))
+            sent = self.bus("send", "A.B", "x:i32=7", "--reply", "R", "--count", "3", "--sequence")
+            self.assertEqual((sent.returncode, sent.stderr), (0, b"sent 3\n"))
             self.assertEqual(self.ended(listener),
                              "A.B reply=R {x=7 seq=1}\nA.B reply=R {x=7 seq=2}\n")
+
+    def test_a_message_is_a_line_whatever_is_in_it(self):
+        as_json = '{"subject":"A.B","fields":[{"name":"t","type":"string","value":"two\\nlines\\u001b"}]}\n'
+        for option, line in (("--count=1", 'A.B {t="two\\nlines\\x1b"}\n'), ("--json", as_json)):
+            listener = self.start("listen", "A.B", "C.>", "--count=1", option)
+            self.assertEqual(listener.stderr.readline(), b"listening on C.>\n")
+            self.bus("send", "A", "t=nobody's")
+            self.bus("send", "A.B", "t=two\nlines\x1b")
+            self.assertEqual(self.ended(listener), line)
 
     def test_what_is_listened_to_can_be_sent_again(self):
         record = self.start("listen", "A.>", "--json", "--count", "300")
@@ -191,13 +200,14 @@ class OverADaemon(unittest.TestCase):
         self.assertEqual(self.ended(again), lines)
 
     def test_requests_are_answered_in_another_process(self):
-        answerer = self.start("answer", "Q", "--sequence", "--count", "103")
-        asked = self.bus("request", "Q", "x=y", "--count", "3")
-        self.assertEqual(asked.returncode, 0, asked.stderr)
-        self.assertRegex(asked.stdout.decode(), r'^(_INBOX\.\S+ \{x="y" seq=[123]\}\n){3}$')
-        bench = self.bus("bench", "request", "Q", "--count", "100")
-        self.assertIn(b"answered: 100 requests", bench.stdout)
-        self.assertEqual(self.ended(answerer).count("Q reply=_INBOX."), 103)
+        for own_fields, fields in (((), 'x="y"'), (("a:i8=1",), "a=1")):
+            answerer = self.start("answer", "Q", *own_fields, "--sequence", "--count", "103")
+            asked = self.bus("request", "Q", "x=y", "--count", "3")
+            self.assertEqual(asked.returncode, 0, asked.stderr)
+            self.assertRegex(asked.stdout.decode(), r"^(_INBOX\.\S+ \{%s seq=[123]\}\n){3}$" % fields)
+            bench = self.bus("bench", "request", "Q", "--count", "100")
+            self.assertIn(b"answered: 100 requests", bench.stdout)
+            self.assertEqual(self.ended(answerer).count("Q reply=_INBOX."), 103)
 
     def test_benchmarks_meet_over_the_bus(self):
         listener = self.start("bench", "listen", "--count", "100000")

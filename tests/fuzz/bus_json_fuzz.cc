@@ -1,19 +1,15 @@
 // Any bytes as a line of JSON: what reads as a message is written again, and that line reads back
 // as the same message.
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "bus/json_message.h"
 #include "bus/json_writer.h"
 #include "bus/owned_message.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 std::string imageOf(pelmoMsg* msg) {
     const void* bytes = nullptr;
@@ -24,8 +20,6 @@ std::string imageOf(pelmoMsg* msg) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool accepted = (jsonAcceptOwnTypes(), true);

@@ -1,16 +1,12 @@
 // Any text as a daemon argument and as a service argument.
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "lib/transport/daemon/specification.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 // Knows what begins with "k".
 const NameResolver kNames = {.host =

@@ -7,7 +7,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "lib/base/log.h"
 #include "tests/support/packet_builder.h"
@@ -16,6 +15,7 @@
 #include "trace/packets/classify.h"
 #include "trace/report/report.h"
 #include "trace/settings.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
 

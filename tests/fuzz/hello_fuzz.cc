@@ -1,18 +1,10 @@
 // Any bytes as a hello frame: the answer is of a type that answers, agrees to nothing above our own
 // limits, and both sides come to an end within a few frames.
 
-#include <cstdlib>
 #include <cstring>
 
 #include "lib/transport/ipq/hello.h"
-
-namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
-
-}  // namespace
+#include "tests/fuzz/fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     HelloFrame frame = {};

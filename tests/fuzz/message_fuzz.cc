@@ -13,15 +13,12 @@
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/text.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
 
 // The rest is read as part of the text; lookups of each by name would take the square of them.
 constexpr uint32_t kMostFields = 64;
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 std::string textOf(pelmoMsg* msg) {
     const ReferenceMark before = msgMark(msg);
@@ -145,8 +142,6 @@ void checkImage(const std::vector<uint8_t>& image) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<uint8_t> image(data, data + size);

@@ -8,7 +8,6 @@
 // handshake; it begins with a session.
 
 #include <algorithm>
-#include <cstdlib>
 #include <vector>
 
 #include "lib/base/bytes.h"
@@ -20,6 +19,7 @@
 #include "pmd/exchange.h"
 #include "pmd/oska_writer.h"
 #include "pmd/server_handshake.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
 
@@ -29,10 +29,6 @@ constexpr uint8_t kSkipsHandshake = 8;
 constexpr uint8_t kStarted = 16;
 constexpr uint32_t kReadBytes = 4096;
 constexpr uint32_t kMostMessageBytes = 1 << 20;
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 struct Connection {
     Peer peer;

@@ -1,6 +1,5 @@
 // Any bytes as a daemon's reply to a start message, and the name of the session that it makes.
 
-#include <cstdlib>
 #include <cstring>
 
 #include "lib/base/bytes.h"
@@ -8,14 +7,11 @@
 #include "lib/msg/message_internal.h"
 #include "lib/transport/daemon/interest.h"
 #include "lib/transport/daemon/session.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
 
 constexpr size_t kHeadBytes = 8;
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 // A session that has a name has inboxes of its own, and no others.
 void checkName(SessionReply reply) {

@@ -1,17 +1,13 @@
 // Any bytes as the stream of a connection: split at random, or taken unit by unit, they give the
 // same messages and the same verdict as in large pieces.
 
-#include <cstdlib>
 
 #include "tests/support/stream_run.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
 
 constexpr uint32_t kMostMessageBytes = 0x30000;
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 }  // namespace
 

@@ -1,18 +1,14 @@
 // Any bytes as a row of packed subjects: those that pass the structure test go through the codec
 // and a subject list, and come back from both as they went in.
 
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "lib/containers/subject.h"
 #include "lib/containers/sublist.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 bool sameSubject(const uint8_t* left, const uint8_t* right) {
     const size_t length = subjectLength(left);
@@ -69,8 +65,6 @@ void trySubject(SubjectList* list, const std::vector<uint8_t>& subject) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::vector<uint8_t>> subjects;

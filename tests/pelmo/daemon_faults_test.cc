@@ -4,18 +4,14 @@
 #include <vector>
 
 #include "tests/pelmo/daemon_stand.h"
+#include "tests/support/packet_builder.h"
 
 namespace {
 
 constexpr uint32_t kMagic = 0x9955eeaa;
 
 Bytes head(uint32_t size, uint32_t magic = kMagic) {
-    Bytes bytes;
-    for (const uint32_t word : {size, magic}) {
-        for (const int shift : {24, 16, 8, 0})
-            bytes.push_back(static_cast<uint8_t>(word >> shift));
-    }
-    return bytes;
+    return be32(size) + be32(magic);
 }
 
 Bytes firstBytes(const Bytes& bytes, size_t count) {

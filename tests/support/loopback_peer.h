@@ -41,11 +41,15 @@ class OwnHandle {
 
 // A port that listens.
 struct LoopbackListener {
-    explicit LoopbackListener(int backlog = 16)
+    // `wanted` 0: any port that is free.
+    explicit LoopbackListener(int backlog = 16, uint16_t wanted = 0)
         : handle(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in own = {};
         own.sin_family = AF_INET;
         own.sin_addr.s_addr = kLoopbackHost;
+        own.sin_port = htons(wanted);
+        const int on = 1;
+        setsockopt(handle.number(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
         socklen_t size = sizeof(own);
         EXPECT_EQ(bind(handle.number(), reinterpret_cast<sockaddr*>(&own), size), 0);
         EXPECT_EQ(listen(handle.number(), backlog), 0);

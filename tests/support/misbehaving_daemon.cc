@@ -10,6 +10,7 @@
 #include "lib/base/bytes.h"
 #include "lib/msg/message_typed.h"
 #include "tests/support/envelope_bytes.h"
+#include "tests/support/packet_builder.h"
 
 namespace {
 
@@ -18,16 +19,6 @@ constexpr size_t kHeadBytes = 8;
 constexpr size_t kGreetingSize = 12;
 constexpr size_t kFrameSize = 64;
 constexpr uint32_t kMagic = 0x9955eeaa;
-
-void append32(Bytes& bytes, uint32_t number) {
-    for (const int shift : {24, 16, 8, 0})
-        bytes.push_back(static_cast<uint8_t>(number >> shift));
-}
-
-void append16(Bytes& bytes, uint16_t number) {
-    bytes.push_back(static_cast<uint8_t>(number >> 8));
-    bytes.push_back(static_cast<uint8_t>(number));
-}
 
 DaemonScript step(DaemonStep made) {
     return {std::move(made)};
@@ -169,10 +160,6 @@ bool MisbehavingDaemon::awaitConnections(size_t count) {
     return await([&] { return connections >= count; });
 }
 
-bool MisbehavingDaemon::awaitMessages(size_t count) {
-    return await([&] { return received.size() >= count; });
-}
-
 bool MisbehavingDaemon::awaitGates(size_t count) {
     return await([&] { return gatesReached >= count; });
 }
@@ -210,15 +197,8 @@ void MisbehavingDaemon::run() {
 // Bytes
 
 Bytes frameBytes(const Frame& frame) {
-    Bytes bytes;
-    append32(bytes, frame.type);
-    append32(bytes, frame.version);
-    append32(bytes, 0);
-    append16(bytes, frame.queueLimit);
-    append16(bytes, frame.format);
-    append32(bytes, 0);
-    append32(bytes, frame.limitA);
-    append32(bytes, frame.limitB);
+    Bytes bytes = joined({be32(frame.type), be32(frame.version), be32(0), be16(frame.queueLimit),
+                          be16(frame.format), be32(0), be32(frame.limitA), be32(frame.limitB)});
     bytes.resize(kFrameSize);
     return bytes;
 }
@@ -253,11 +233,7 @@ Bytes messageBytes(const char* subject, const std::string& text) {
 // Steps
 
 DaemonScript greet(const Greeting& greeting) {
-    Bytes bytes;
-    append32(bytes, greeting.first);
-    append32(bytes, greeting.version);
-    append32(bytes, 0);
-    return sendBytes(bytes);
+    return sendBytes(be32(greeting.first) + be32(greeting.version) + be32(0));
 }
 
 DaemonScript takeAnswer() {

@@ -79,7 +79,6 @@ class MisbehavingDaemon {
 
     // Waits until there were so many; false where they don't come in ten seconds.
     [[nodiscard]] bool awaitConnections(size_t count);
-    [[nodiscard]] bool awaitMessages(size_t count);
     [[nodiscard]] bool awaitGates(size_t count);  // that connections have come to
 
     // What clients sent, with their heads, in order; keep-alives aside.

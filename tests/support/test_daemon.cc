@@ -1,11 +1,6 @@
 #include "tests/support/test_daemon.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -97,26 +92,13 @@ struct TestDaemon::Client {
     }
 };
 
-TestDaemon::TestDaemon(uint16_t port) {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    socklen_t size = sizeof address;
-    EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), size), 0);
-    EXPECT_EQ(listen(listener_, SOMAXCONN), 0);
-    EXPECT_EQ(getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    port_ = ntohs(address.sin_port);
+TestDaemon::TestDaemon(uint16_t port) : listener_(SOMAXCONN, port) {
     acceptor_ = std::thread([this] { accept(); });
 }
 
 TestDaemon::~TestDaemon() {
-    shutdown(listener_, SHUT_RDWR);
+    shutdown(listener_.handle.number(), SHUT_RDWR);
     acceptor_.join();
-    ::close(listener_);
     breakConnections();
     clients_.clear();
 }
@@ -129,7 +111,7 @@ void TestDaemon::behave(const std::function<void(Manners&)>& change) {
 
 void TestDaemon::send(const char* subject, const char* text) {
     const Message message = messageOn(subject, text);
-    passOn(nullptr, message.get(), true);
+    passOn(message.get());
 }
 
 void TestDaemon::breakConnections() {
@@ -170,14 +152,9 @@ void TestDaemon::awaitOpen(size_t count) {
     EXPECT_TRUE(changed_.wait_for(lock, kPatience, [&] { return openCount_ == count; }));
 }
 
-size_t TestDaemon::accepted() {
-    const std::lock_guard guard(mutex_);
-    return acceptedCount_;
-}
-
 void TestDaemon::accept() {
     for (;;) {
-        const int accepted = ::accept(listener_, nullptr, nullptr);
+        const int accepted = listener_.take().take();
         if (accepted < 0) return;
         const int on = 1;
         setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -219,10 +196,6 @@ void TestDaemon::serve(Client* client) {
 bool TestDaemon::open(Client* client, const Manners& manners) {
     uint8_t words[12] = {};
     storeBe32At(words + 4, manners.greeting);
-    if (manners.atGreeting) {
-        manners.atGreeting(client->socket);
-        return false;
-    }
     HelloFrame frame = {};
     ipqHelloInit(&frame);
     if (!writeAll(client->socket, words, sizeof words) ||
@@ -242,12 +215,11 @@ bool TestDaemon::reply(Client* client, const Manners& manners) {
     const Message answer = newMessage(), data = newMessage();
     const DaemonVersion& version = manners.version;
     bool made = pelmoMsg_AddIPAddr32(data.get(), "ipaddr", htonl(INADDR_LOOPBACK), 0) == 0 &&
-                pelmoMsg_AddIPPort16(data.get(), "ipport", htons(port_), 0) == 0 &&
+                pelmoMsg_AddIPPort16(data.get(), "ipport", listener_.port, 0) == 0 &&
                 pelmoMsg_AddU16(data.get(), "cid", 0x2a, 0) == 0 &&
                 pelmoMsg_AddI32(data.get(), "vmaj", static_cast<int32_t>(version.major), 0) == 0 &&
                 pelmoMsg_AddI32(data.get(), "vmin", static_cast<int32_t>(version.minor), 0) == 0 &&
                 pelmoMsg_AddI32(data.get(), "vupd", static_cast<int32_t>(version.update), 0) == 0 &&
-                pelmoMsg_AddI32(data.get(), "error", manners.error, 0) == 0 &&
                 pelmoMsg_AddString(data.get(), "gob", manners.gob.c_str(), 0) == 0;
     made = made && pelmoMsg_AddString(answer.get(), "mtype", "R", 0) == 0 &&
            pelmoMsg_AddMsg(answer.get(), "data", data.get(), 0) == 0;
@@ -274,7 +246,7 @@ void TestDaemon::take(Client* client, pelmoMsg* message, const Manners& manners)
         if (kind == "C") (void)sublistRemove(client->interest, subject, nullptr, nullptr);
         words = kind + " " + words;
     } else {
-        passOn(client, message, manners.echoes);
+        passOn(message);
         if (!words.empty()) (void)msgOpenEnvelope(message);
         const char* text = nullptr;
         (void)pelmoMsg_ConvertToString(message, &text);
@@ -285,14 +257,13 @@ void TestDaemon::take(Client* client, pelmoMsg* message, const Manners& manners)
     changed_.notify_all();
 }
 
-void TestDaemon::passOn(const Client* from, pelmoMsg* message, bool echoes) {
+void TestDaemon::passOn(pelmoMsg* message) {
     (void)msgCloseEnvelope(message);
     const uint8_t* subject = nullptr;
     if (pelmoMsg_GetSubject(message, "sub", &subject, 0) != kStatusSuccess) return;
     const std::lock_guard guard(mutex_);
     for (Client& client : clients_) {
-        if (!client.isOpen || (!echoes && &client == from)) continue;
-        if (sublistMatch(client.interest, subject) == nullptr) continue;
+        if (!client.isOpen || sublistMatch(client.interest, subject) == nullptr) continue;
         const std::lock_guard writing(client.writing);
         (void)writeMessage(client.socket, message);
     }

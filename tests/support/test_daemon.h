@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "lib/transport/transport_links.h"
+#include "tests/support/loopback_peer.h"
 
 struct pelmoMsg;
 
@@ -22,16 +23,12 @@ class TestDaemon {
     struct Manners {
         uint32_t greeting = 4;
         DaemonVersion version = {8, 5, 2};
-        int32_t error = 0;
         std::string gob = "GOB";
-        bool echoes = true;  // to the sender itself
 
         // Of one connection: after so many bytes it breaks, after so many messages it reads no
         // further. Negative: never.
         int32_t bytesUntilBreak = -1;
         int32_t messagesUntilDeaf = -1;
-
-        std::function<void(int)> atGreeting;  // in place of all the rest; gets the socket
     };
 
     // On a free port of 127.0.0.1. `port` 0: any.
@@ -40,8 +37,8 @@ class TestDaemon {
     TestDaemon(const TestDaemon&) = delete;
     TestDaemon& operator=(const TestDaemon&) = delete;
 
-    [[nodiscard]] uint16_t port() const { return port_; }
-    [[nodiscard]] std::string specification() const { return std::to_string(port_); }
+    [[nodiscard]] uint16_t port() const { return ntohs(listener_.port); }
+    [[nodiscard]] std::string specification() const { return std::to_string(port()); }
 
     // For the clients to come: the usual manners, changed.
     void behave(const std::function<void(Manners&)>& change);
@@ -62,7 +59,6 @@ class TestDaemon {
     // Returns once so many connections were accepted in all, or are open.
     void awaitAccepted(size_t count);
     void awaitOpen(size_t count);
-    size_t accepted();
 
   private:
     struct Client;
@@ -71,11 +67,10 @@ class TestDaemon {
     void serve(Client* client);
     bool open(Client* client, const Manners& manners);
     void take(Client* client, pelmoMsg* message, const Manners& manners);
-    void passOn(const Client* from, pelmoMsg* message, bool echoes);
+    void passOn(pelmoMsg* message);
     bool reply(Client* client, const Manners& manners);
 
-    int listener_ = -1;
-    uint16_t port_ = 0;
+    LoopbackListener listener_;
     std::mutex mutex_;
     std::condition_variable changed_;
     Manners manners_;

@@ -2,7 +2,6 @@
 // messages out, which are fakes here.
 
 #include <algorithm>
-#include <cmath>
 
 #include "lib/containers/dpa.h"
 #include "tests/support/fail_alloc.h"
@@ -66,119 +65,12 @@ struct Network : testing::Test {
     }
 };
 
-TEST_F(Network, CreatesOverTheDaemonConnection) {
+TEST_F(Network, StopsALinkWhoseCreateFailed) {
     uint32_t other = 0;
     daemon.createAnswer = kStatusWrongVersion;
     EXPECT_EQ(pelmoTransport_CreateNetwork(&other, nullptr, nullptr, nullptr), kStatusWrongVersion);
-    EXPECT_EQ(daemon.taken(), (Texts{"create", "stop"}));
-    EXPECT_EQ(daemon.links(), 1);
-    daemon.createAnswer = kStatusSuccess;
-    daemon.endpoint = peers.endpoint();
-    ASSERT_EQ(pelmoTransport_CreateNetworkNoResume(&other, "s", "n", "d"), kStatusSuccess);
-    EXPECT_EQ(daemon.taken(), Texts{"create without resume"});
-    EXPECT_EQ(peers.taken(), Texts{"transport " + std::to_string(other)});
-    char inbox[64];
-    ASSERT_EQ(pelmoTransport_CreateInbox(other, inbox, sizeof inbox), kStatusSuccess);
-    EXPECT_EQ(inbox, kOwnInbox + "1");
-    EXPECT_EQ(pelmoTransport_Destroy(other), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), Texts{"stop"});
-    EXPECT_EQ(peers.taken(), Texts{"close"});
-
-    eachAllocationFails([&] {
-        const pelmoStatus status = pelmoTransport_CreateNetwork(&other, "s", "n", "d");
-        EXPECT_EQ(status, allocationsFailed() != 0 ? kStatusNoMemory : kStatusSuccess);
-        if (status == kStatusSuccess) pelmoTransport_Destroy(other);
-    });
-    daemonLinkOps.create = nullptr;
-    EXPECT_EQ(pelmoTransport_CreateNetwork(&other, nullptr, nullptr, nullptr),
-              kStatusDaemonNotConnected);
-}
-
-const char* givenText = nullptr;
-uint32_t givenLimit = 0;
-
-struct Setting {
-    pelmoStatus (*call)(uint32_t id);
-    std::string told;  // to the daemon; empty: nothing
-    pelmoStatus ofOtherKinds = kStatusNotPermitted;
-};
-
-#define SETTING(call) [](uint32_t id) { return pelmoTransport_##call; }
-
-const Setting kSettings[] = {
-    {SETTING(GetService(id, &givenText)), "", kStatusInvalidTransport},
-    {SETTING(GetDescription(id, &givenText)), ""},
-    {SETTING(SetDescription(id, "d")), R"(send {mtype="S" control="D" data="d"})"},
-    {SETTING(SetHttpAddress(id, nullptr)), R"(send {mtype="S" control="H" data=""})"},
-    {SETTING(SetHidden(id, true)), R"(send {mtype="S" control="C" data=true})"},
-    {SETTING(SetEcho(id, false)), R"(send {mtype="S" control="E" data=false})"},
-    {SETTING(RequestReliability(id, 2.5)), R"(send {mtype="S" control="R" data=2.5})"},
-    {SETTING(SetBatchMode(id, 1)), "batch mode 1"},
-    {SETTING(SetBlockingOnExcessiveBacklog(id, true)), "block"},
-    {SETTING(SetSendingWaitLimit(id, 3)), "wait limit 3"},
-    {SETTING(GetSendingWaitLimit(id, &givenLimit)), "wait limit?"},
-    {SETTING(HoldSends(id)), "hold"},
-    {SETTING(ReleaseSends(id)), "flush"},
-};
-
-TEST_F(Network, HasSettings) {
-    for (const Setting& setting : kSettings) {
-        SCOPED_TRACE(setting.told);
-        EXPECT_EQ(setting.call(kLocal), setting.ofOtherKinds);
-        EXPECT_EQ(daemon.taken(), Texts{});
-        EXPECT_EQ(setting.call(id), kStatusSuccess);
-        EXPECT_EQ(daemon.taken(), setting.told.empty() ? Texts{} : Texts{setting.told});
-
-        // A setting is kept without a connection; an order to the connection needs one.
-        const bool isControl = setting.told.starts_with("send ");
-        daemon.answer = kStatusDaemonNotConnected;
-        EXPECT_EQ(setting.call(id),
-                  isControl || setting.told.empty() ? kStatusSuccess : kStatusDaemonNotConnected);
-        daemon.answer = kStatusNoMemory;
-        EXPECT_EQ(setting.call(id), setting.told.empty() ? kStatusSuccess : kStatusNoMemory);
-        daemon.answer = kStatusSuccess;
-        eachAllocationFails([&] {
-            const pelmoStatus status = setting.call(id);
-            EXPECT_TRUE(status == kStatusSuccess ||
-                        (allocationsFailed() != 0 && status == kStatusNoMemory));
-        });
-        (void)daemon.taken();
-    }
-    EXPECT_EQ(givenLimit, 7u);
-    const struct {
-        pelmoStatus (*call)(uint32_t, const char**);
-        const char* text;
-    } getters[] = {{pelmoTransport_GetService, "service"},
-                   {pelmoTransport_GetNetwork, ""},
-                   {pelmoTransport_GetDaemon, "7500"},
-                   {pelmoTransport_GetDescription, "d"},
-                   {pelmoTransport_GetHttpAddress, ""}};
-    for (const auto& [call, text] : getters) {
-        ASSERT_EQ(call(id, &givenText), kStatusSuccess);
-        EXPECT_STREQ(givenText, text);
-        EXPECT_EQ(call(id, nullptr), kStatusInvalidArgument);
-    }
-    for (const double seconds : {0.0, -1.0, std::nan("")}) {
-        EXPECT_EQ(pelmoTransport_RequestReliability(77777, seconds), kStatusInvalidArgument);
-    }
-    EXPECT_TRUE(record()->settings.hide && !record()->settings.echo);
-    EXPECT_EQ(record()->settings.reliabilitySeconds, 2.5);
-}
-
-TEST_F(Network, TellsADaemonOnlyWhatItKnows) {
-    const struct {
-        DaemonVersion version;
-        size_t known;  // of the five
-    } rows[] = {{{8, 2, 0}, 5}, {{8, 1, 9}, 4}, {{8, 0, 2}, 4},
-                {{8, 0, 1}, 2}, {{6, 0, 0}, 2}, {{5, 9, 9}, 0}};
-    for (const auto& [version, known] : rows) {
-        daemon.version = version;
-        for (const Setting& setting : kSettings) {
-            if (!setting.told.starts_with("send ")) continue;
-            EXPECT_EQ(setting.call(id), kStatusSuccess);
-        }
-        EXPECT_EQ(daemon.taken().size(), known);
-    }
+    EXPECT_EQ(daemon.links(), 1);
 }
 
 TEST_F(Network, AnnouncesWhatIsListenedTo) {
@@ -232,7 +124,11 @@ TEST_F(Network, AnnouncesWhatIsListenedTo) {
 }
 
 TEST_F(Network, SendsToTheDaemonOrAPeer) {
-    remake(peers.endpoint());
+    daemon.endpoint = peers.endpoint();
+    ASSERT_EQ(pelmoTransport_Destroy(id), kStatusSuccess);
+    ASSERT_EQ(pelmoTransport_CreateNetwork(&id, "service", nullptr, nullptr), kStatusSuccess);
+    EXPECT_EQ(peers.taken(), Texts{"transport " + std::to_string(id)});
+    (void)daemon.taken();
     peers.transport = record();
     const struct {
         const char* subject;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <latch>
 #include <list>
 #include <mutex>
@@ -127,10 +128,6 @@ TEST_F(Link, FailsWithWhatTheDaemonMakesOfIt) {
         const char* service = nullptr;
     } rows[] = {
         {"another protocol", [](Manners& m) { m.greeting = 5; }, kStatusWrongVersion},
-        {"an error", [](Manners& m) { m.error = kStatusNotPermitted; }, kStatusNotPermitted},
-        {"hangs up", [](Manners& m) { m.atGreeting = [](int) {}; }, kStatusDaemonNotConnected},
-        {"hangs up behind the start", [](Manners& m) { m.bytesUntilBreak = 20; },
-         kStatusDaemonNotConnected},
         {"long names", [](Manners& m) { m.gob = std::string(41, 'g'); }, kStatusInitFailed},
         {"a direct port", [](Manners&) {}, kStatusNotPermitted, "7500:7501"},
         {"the service's own port", [](Manners&) {}, kStatusNotPermitted, "7500:7500"},
@@ -203,7 +200,8 @@ TEST_F(Link, TellsSettingsByTheDaemonsVersion) {
     const struct {
         DaemonVersion version;
         size_t known;
-    } rows[] = {{{8, 2, 0}, 5}, {{8, 0, 2}, 4}, {{6, 0, 0}, 2}, {{5, 9, 9}, 0}};
+    } rows[] = {{{8, 2, 0}, 5}, {{8, 1, 9}, 4}, {{8, 0, 2}, 4},
+                {{8, 0, 1}, 2}, {{6, 0, 0}, 2}, {{5, 9, 9}, 0}};
     for (const auto& [version, known] : rows) {
         daemon.behave([&](Manners& m) { m.version = version; });
         connect();
@@ -232,30 +230,82 @@ TEST_F(Link, TellsSettingsByTheDaemonsVersion) {
     EXPECT_EQ(daemon.await(3), kNextWords);
 }
 
+const char* givenText = nullptr;
+uint32_t givenLimit = 0;
+
+struct Setting {
+    pelmoStatus (*call)(uint32_t id);
+    pelmoStatus unconnected = kStatusSuccess;
+    pelmoStatus ofOtherKinds = kStatusNotPermitted;
+};
+
+#define SETTING(call) [](uint32_t id) { return pelmoTransport_##call; }
+
+const Setting kSettings[] = {
+    {SETTING(GetService(id, &givenText)), kStatusSuccess, kStatusInvalidTransport},
+    {SETTING(GetDescription(id, &givenText))},
+    {SETTING(SetDescription(id, "d"))},
+    {SETTING(SetHttpAddress(id, nullptr))},
+    {SETTING(SetHidden(id, false))},
+    {SETTING(SetEcho(id, true))},
+    {SETTING(RequestReliability(id, 2.5))},
+    {SETTING(SetSendingWaitLimit(id, 3))},
+    {SETTING(GetSendingWaitLimit(id, &givenLimit))},
+    {SETTING(SetBatchMode(id, 1)), kStatusDaemonNotConnected},
+    {SETTING(SetBlockingOnExcessiveBacklog(id, true)), kStatusDaemonNotConnected},
+    {SETTING(HoldSends(id)), kStatusDaemonNotConnected},
+    {SETTING(ReleaseSends(id)), kStatusDaemonNotConnected},
+};
+
+TEST_F(Link, TakesAndTellsSettings) {
+    ASSERT_EQ(create("7501"), kStatusSuccess);
+    for (const Setting& setting : kSettings) {
+        SCOPED_TRACE(&setting - kSettings);
+        EXPECT_EQ(setting.call(kLocal), setting.ofOtherKinds);
+        EXPECT_EQ(setting.call(id), kStatusSuccess);
+        eachAllocationFails([&] {
+            const pelmoStatus status = setting.call(id);
+            EXPECT_TRUE(status == kStatusSuccess ||
+                        (allocationsFailed() != 0 && status == kStatusNoMemory));
+        });
+    }
+    EXPECT_EQ(givenLimit, 3u);
+    const std::string port = daemon.specification();
+    const struct {
+        pelmoStatus (*call)(uint32_t, const char**);
+        const char* text;
+    } getters[] = {{pelmoTransport_GetService, "7501"},
+                   {pelmoTransport_GetNetwork, ""},
+                   {pelmoTransport_GetDaemon, port.c_str()},
+                   {pelmoTransport_GetDescription, "d"},
+                   {pelmoTransport_GetHttpAddress, ""}};
+    for (const auto& [call, text] : getters) {
+        ASSERT_EQ(call(id, &givenText), kStatusSuccess);
+        EXPECT_STREQ(givenText, text);
+        EXPECT_EQ(call(id, nullptr), kStatusInvalidArgument);
+    }
+    for (const double seconds : {0.0, -1.0, std::nan("")})
+        EXPECT_EQ(pelmoTransport_RequestReliability(77777, seconds), kStatusInvalidArgument);
+}
+
 TEST_F(Link, HasNoConnectionUntilRepaired) {
     connect();
-    const char* text = nullptr;
-    EXPECT_EQ(pelmoTransport_GetDaemon(id, &text), kStatusSuccess);
-    EXPECT_EQ(text, daemon.specification());
     EXPECT_EQ(pelmoTransport_SetSendingWaitLimit(id, 5), kStatusSuccess);
     daemon.breakConnections();
     const LinkStand::Timer timer = stand.awaitTimer();
-    uint32_t limit = 0;
-    EXPECT_EQ(pelmoTransport_GetSendingWaitLimit(id, &limit), kStatusSuccess);
-    EXPECT_EQ(limit, 5u);
+    EXPECT_EQ(pelmoTransport_GetSendingWaitLimit(id, &givenLimit), kStatusSuccess);
+    EXPECT_EQ(givenLimit, 5u);
     EXPECT_EQ(sendText(id, "A"), kStatusDaemonNotConnected);
     const Message a = messageOn("A");
     pelmoMsg* one = a.get();
     EXPECT_EQ(pelmoTransport_Sendv(id, &one, 1), kStatusDaemonNotConnected);
-    EXPECT_EQ(pelmoTransport_HoldSends(id), kStatusDaemonNotConnected);
-    EXPECT_EQ(pelmoTransport_ReleaseSends(id), kStatusDaemonNotConnected);
-    EXPECT_EQ(pelmoTransport_SetBatchMode(id, 1), kStatusDaemonNotConnected);
-    EXPECT_EQ(pelmoTransport_SetBlockingOnExcessiveBacklog(id, true), kStatusDaemonNotConnected);
-    EXPECT_EQ(pelmoTransport_SetEcho(id, true), kStatusSuccess);
+    for (const Setting& setting : kSettings)
+        EXPECT_EQ(setting.call(id), setting.unconnected);
     const TestListener listener(queue, "A", id);
     daemon.behave([](Manners& m) { m.gob = "OTHER"; });
+    const std::string start = "start " + kSession + R"( rc=true descr="d" http="" rli=2.5})";
     stand.fire(timer);
-    EXPECT_EQ(daemon.await("L A"), (Texts{kNextWords[0], kNextWords[1], kOwnInboxes, "L A"}));
+    EXPECT_EQ(daemon.await("L A"), (Texts{start, start, kOwnInboxes, "L A"}));
     EXPECT_EQ(pelmoTransport_HoldSends(id), kStatusSuccess);
     EXPECT_EQ(sendText(id, "A", "held"), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), Texts{});
@@ -398,24 +448,7 @@ TEST_F(Link, OutlivesAThousandBreaks) {
     EXPECT_GT(last, 1000);
 }
 
-// Whoever waits for a silent daemon returns when the transport or the library ends.
-TEST_F(Link, EndsWaitsAtOnce) {
-    std::latch reached(1);
-    const auto silent = [&](int socket) {
-        char byte;
-        reached.count_down();
-        (void)!read(socket, &byte, 1);
-    };
-    connect();
-    daemon.breakConnections();
-    const LinkStand::Timer timer = stand.awaitTimer();
-    daemon.behave([&](Manners& m) { m.atGreeting = silent; });
-    std::thread repair([&] { stand.fire(timer); });
-    reached.wait();
-    EXPECT_EQ(pelmoTransport_Destroy(std::exchange(id, kNoId)), kStatusSuccess);
-    repair.join();
-
-    // Asleep until the daemon that was started listens.
+TEST_F(Link, EndsTheWaitForADaemonThatWasStarted) {
     const std::string nobody = std::to_string(std::make_unique<TestDaemon>()->port());
     std::latch asleep(1);
     stand.onLaunch = [&](const std::string&) {
@@ -423,46 +456,14 @@ TEST_F(Link, EndsWaitsAtOnce) {
         return true;
     };
     linkSeams.startSeconds = 1000;
-    daemon.behave([](Manners& m) { m.messagesUntilDeaf = 0; });
-    const size_t accepted = daemon.accepted();
-    std::thread creations[2];
-    for (std::thread& creation : creations) {
-        const bool starts = &creation == creations;
-        creation = std::thread([&, starts] {
-            uint32_t made = kNoId;
-            EXPECT_EQ(pelmoTransport_CreateNetwork(
-                          &made, nullptr, nullptr,
-                          starts ? nobody.c_str() : daemon.specification().c_str()),
-                      kStatusDaemonNotConnected);
-        });
-    }
+    std::thread creation([&] {
+        uint32_t made = kNoId;
+        EXPECT_EQ(pelmoTransport_CreateNetwork(&made, nullptr, nullptr, nobody.c_str()),
+                  kStatusDaemonNotConnected);
+    });
     asleep.wait();
-    daemon.awaitAccepted(accepted + 1);
     EXPECT_EQ(pelmo_Close(), kStatusSuccess);
-    for (std::thread& creation : creations)
-        creation.join();
-}
-
-// What was sent arrives, whoever ends the transport, and whatever still waits.
-TEST_F(Link, DeliversWhatWasSentAheadOfItsEnd) {
-    constexpr int kMessages = 300;
-    const std::string large(5000, 'x');
-    for (const bool closes : {false, true}) {
-        connect();
-        TestListener listener(queue, "END", id);
-        listener.onMessage = [&](pelmoMsg*) {
-            for (int i = 0; i < kMessages; ++i)
-                EXPECT_EQ(sendText(id, "S", large.c_str()), kStatusSuccess);
-            EXPECT_EQ(sendText(id, "S", "last"), kStatusSuccess);
-            const uint32_t ended = std::exchange(id, kNoId);
-            EXPECT_EQ(closes ? pelmo_Close() : pelmoTransport_Destroy(ended), kStatusSuccess);
-        };
-        EXPECT_EQ(sendText(id, "END"), kStatusSuccess);
-        dispatchUntil(listener, 1);
-        const Texts told = daemon.await(textMessage("S", "last"));
-        EXPECT_EQ(std::count(told.begin(), told.end(), textMessage("S", large)), kMessages);
-        daemon.awaitOpen(0);
-    }
+    creation.join();
 }
 
 // Writers that wait hold up neither a break nor others.

@@ -46,26 +46,6 @@ TEST(Specification, NamesTheDaemon) {
         {"ssl:7500", kStatusSuccess, nullptr, 0, 7500, false, true},
         {"ssl:known:7500", kStatusSuccess, nullptr, 0x0a000007, 7500, true, true},
         {"-listen", kStatusNotPermitted},
-        {"ipc:", kStatusInvalidArgument},
-        {"ipc:7500", kStatusInvalidArgument},
-        {"tcp:", kStatusInvalidArgument},
-        {"ssl:", kStatusInvalidArgument},
-        {"TCP:7500", kStatusInvalidArgument},  // a host without an address
-        {"tcp:ssl:7500", kStatusInvalidArgument},
-        {":", kStatusInvalidArgument},
-        {"known:", kStatusInvalidArgument},
-        {"0", kStatusInvalidArgument},
-        {"65536", kStatusInvalidArgument},
-        {"4294974796", kStatusInvalidArgument},  // 7500 beyond 32 bits
-        {"7500x", kStatusInvalidArgument},
-        {" 7500", kStatusInvalidArgument},
-        {"+7500", kStatusInvalidArgument},
-        {"known:7500:7501", kStatusInvalidArgument},
-        {"1.2.3:7500", kStatusInvalidArgument},
-        {"1.2.3.4.5:7500", kStatusInvalidArgument},
-        {"1.2.3.256:7500", kStatusInvalidArgument},
-        {"1..2.3:7500", kStatusInvalidArgument},
-        {"unknown:7500", kStatusInvalidArgument},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.argument != nullptr ? row.argument : "null");
@@ -80,6 +60,22 @@ TEST(Specification, NamesTheDaemon) {
         EXPECT_EQ(ntohs(where.port), row.port);
         EXPECT_EQ(parsed.namesHost, row.namesHost);
         EXPECT_EQ(parsed.isSecure, row.isSecure);
+    }
+}
+
+TEST(Specification, RefusesWhatNamesNoDaemon) {
+    for (const char* text : {"ipc:",        "ipc:7500",       "tcp:",
+                             "ssl:",        "TCP:7500",       "tcp:ssl:7500",
+                             ":",           "known:",         "0",
+                             "65536",       "4294974796",     "7500x",
+                             " 7500",       "+7500",          "known:7500:7501",
+                             "1.2.3:7500",  "1.2.3.4.5:7500", "1.2.3.256:7500",
+                             "1..2.3:7500", "unknown:7500"}) {
+        DaemonSpecification parsed = {};
+        DaemonAddress where = {};
+        pelmoStatus status = specificationParse(&parsed, text);
+        if (status == kStatusSuccess) status = specificationResolve(&where, parsed, kNames);
+        EXPECT_EQ(status, kStatusInvalidArgument) << text;
     }
 }
 
