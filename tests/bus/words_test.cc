@@ -97,27 +97,28 @@ TEST(BusWords, FaultsNameTheWord) {
 }
 
 TEST(BusWords, FieldsOfEachType) {
-    const CommandLine line = readWords({"send",
-                                        "A",
-                                        "a:i8=-128",
-                                        "a:u8=255",
-                                        "a:i16=-32768",
-                                        "a:u16=65535",
-                                        "a:i32=-2147483648",
-                                        "a:u32=4294967295",
-                                        "a:i64=-9223372036854775808",
-                                        "a:u64=18446744073709551615",
-                                        "a:f32=1e-3",
-                                        "a:f64=-.5",
-                                        "a:bool=true",
-                                        "a:datetime=2024-02-29T23:59:59.5Z",
-                                        "a:ip=10.1.2.3",
-                                        "a:port=7500",
-                                        "a:subject=A.>",
-                                        "a:opaque=00fF",
-                                        "a:xml=<a/>",
-                                        "a=",
-                                        "=b:c=d=e"});
+    const Words words = {"send",
+                         "A",
+                         "a:i8=-128",
+                         "a:u8=255",
+                         "a:i16=-32768",
+                         "a:u16=65535",
+                         "a:i32=-2147483648",
+                         "a:u32=4294967295",
+                         "a:i64=-9223372036854775808",
+                         "a:u64=18446744073709551615",
+                         "a:f32=1e-3",
+                         "a:f64=-.5",
+                         "a:bool=true",
+                         "a:datetime=2024-02-29T23:59:59.5Z",
+                         "a:ip=10.1.2.3",
+                         "a:port=7500",
+                         "a:subject=A.>",
+                         "a:opaque=00fF",
+                         "a:xml=<a/>",
+                         "a=",
+                         "=b:c=d=e"};
+    const CommandLine line = readWords(words);
     EXPECT_EQ(line.fault, "=b:c=d=e: a field needs a name");
     std::vector<TextField> fields = line.settings.fields;
     fields.pop_back();

@@ -33,6 +33,7 @@ import subprocess
 import sys
 import tempfile
 
+import live_run
 import packets
 
 CASES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "cases")
@@ -88,9 +89,7 @@ def fill(text, capture, scratch):
 
 
 def environment(case, capture, scratch):
-    env = {name: value for name, value in os.environ.items()
-           if not name.startswith(("PELMO_", "PM_", "_PM_"))}
-    env["TZ"] = "UTC"
+    env = live_run.environment()
     for line in lines_of(case, "env"):
         if line.startswith("-"):
             env.pop(line[1:], None)

@@ -9,13 +9,13 @@
 #include <cstdio>
 
 #include "lib/base/log.h"
+#include "tests/fuzz/fuzz.h"
 #include "tests/support/packet_builder.h"
 #include "trace/capture/frame.h"
 #include "trace/counts/statistics.h"
 #include "trace/packets/classify.h"
 #include "trace/report/report.h"
 #include "trace/settings.h"
-#include "tests/fuzz/fuzz.h"
 
 namespace {
 

@@ -1,9 +1,8 @@
 // Any bytes as the stream of a connection: split at random, or taken unit by unit, they give the
 // same messages and the same verdict as in large pieces.
 
-
-#include "tests/support/stream_run.h"
 #include "tests/fuzz/fuzz.h"
+#include "tests/support/stream_run.h"
 
 namespace {
 

@@ -112,25 +112,6 @@ TEST(Library, MakesItsOwnObjectsAtTheFirstOpenAndEndsAllAtTheLastClose) {
     EXPECT_STREQ(pelmo_Version(), "8.5.2");
 }
 
-TEST(Library, AnOpenThatFailsLeavesNothingRunning) {
-    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-    pelmo_Close();
-    const size_t threads = threadCount();
-    const size_t failing = eachAllocationFails([threads] {
-        const pelmoStatus status = pelmo_Open();
-        allocationsHeal();
-        EXPECT_TRUE(status == kStatusSuccess || allocationsFailed() > 0);
-        if (status != kStatusSuccess) {
-            EXPECT_FALSE(libraryIsOpen());
-            EXPECT_TRUE(threadsBecome(threads));
-            ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-        }
-        pelmo_Close();
-        expectNothingLeft();
-    });
-    EXPECT_GT(failing, 20u);
-}
-
 TEST(Library, ACloseWithoutMemoryIsNotInTheWayOfTheNextOpen) {
     for (const size_t after : {0, 1, 2, 3, 4}) {
         ASSERT_EQ(pelmo_Open(), kStatusSuccess);

@@ -139,33 +139,4 @@ TEST(Dispatcher, EndsAloneAmongWaiters) {
     plain.join();
 }
 
-// Dispatchers come and go on one queue and its group while entries are posted: each destroy comes
-// back, and with the last of them no entry is lost or left lying.
-TEST(DispatcherStress, LosesNoEntryAndNoStop) {
-    constexpr int kPosts = 3000;
-    const DispatchStand stand;
-    const uint32_t event = listen(stand.queue, count);
-    dispatched = 0;
-    const uint32_t steady[] = {newDispatcher(stand.queue), newDispatcher(stand.group)};
-    std::atomic<bool> posting = true;
-    const auto comeAndGo = [&posting](uint32_t dispatchable) {
-        while (posting) {
-            const uint32_t pair[] = {newDispatcher(dispatchable), newDispatcher(dispatchable)};
-            for (const uint32_t dispatcher : pair)
-                EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusSuccess);
-        }
-    };
-    std::thread onQueue(comeAndGo, stand.queue), onGroup(comeAndGo, stand.group);
-    for (int i = 0; i < kPosts; i += 3)
-        postBatch(stand.queue, {event, event, event});
-    posting = false;
-    onQueue.join();
-    onGroup.join();
-    while (dispatched < kPosts)
-        std::this_thread::yield();
-    EXPECT_EQ(dispatched, kPosts);
-    for (const uint32_t dispatcher : steady)
-        EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusSuccess);
-}
-
 }  // namespace
