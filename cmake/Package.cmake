@@ -1,4 +1,4 @@
-# cpack -G DEB: the tool as a package of Debian, pelmoscope_VERSION_ARCHITECTURE.deb.
+# cpack -G DEB: the programs as a package of Debian, pelmoscope_VERSION_ARCHITECTURE.deb.
 #
 # It carries the two modules: the tool doesn't start without OpenSSL 1.1.1, and Debian 12 has no
 # package of it. They are in the tool's own folder, where no other program looks. Its other
@@ -22,6 +22,7 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
 set(CPACK_COMPONENT_TOOL_DESCRIPTION
     "Captures the bus's UDP packets, live or from a saved capture, checks and counts
 them, charges each message to its subject and its sender, and prints a table
-at each interval. It only listens.")
+at each interval. It only listens. Beside it: pelmobus, a client of the bus
+for the shell, and pmd, a bus daemon for one machine.")
 
 include(CPack)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # package_test.sh: makes the Debian package of the release build and tests three things in a fresh
-# root: it installs with its declared dependencies only, it reads a capture as the build does, and a
-# purge leaves nothing behind. Takes some minutes.
+# root: it installs with its declared dependencies only, its programs run (the tool reads a capture as
+# the build does), and a purge leaves nothing behind. Takes some minutes.
 #
 # Needs root, debootstrap and the mirror of the machine's own apt; without them it reports what is
 # missing and ends with status 77. It runs in a mount namespace, so that nothing stays mounted,
@@ -71,7 +71,12 @@ read_sample "$work/wanted" "$build/bin/pelmoscope" -r samples/bus.pcap
 read_sample "$work/given" inside pelmoscope -r /tmp/bus.pcap
 grep -q "Multicast Packet Statistics" "$work/wanted"
 diff "$work/wanted" "$work/given"
-for file in share/man/man1/pelmoscope.1 share/doc/pelmoscope/OPERATING.md; do
+for program in pelmobus pmd; do
+    diff <("$build/bin/$program" --help) <(inside "$program" --help)
+done
+documents="OPERATING.md CHANGELOG.md pelmoscope.service pmd.service"
+for file in $(printf 'share/man/man1/%s.1 ' pelmoscope pelmobus pmd) \
+    $(printf 'share/doc/pelmoscope/%s ' $documents); do
     [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || { echo "no $file" && exit 1; }
 done
 

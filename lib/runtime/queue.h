@@ -45,9 +45,10 @@ pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion
 
 // The hook is called after each post, once for each entry; null removes it. A hook of a listener's
 // post runs with the transport's lock held: it may call the library, since the lock is recursive,
-// but it must not wait for another thread, nor take a lock that is held elsewhere around calls of
-// the library. Nor may it dispatch, as callbacks would run with that lock held, or open or close
-// the library. kStatusNotPermitted for a synchronous queue.
+// but it must not wait for another thread, as a send on a network transport does while too much is
+// queued, nor take a lock that is held elsewhere around calls of the library. Nor may it dispatch,
+// as callbacks would run with that lock held, or open or close the library. kStatusNotPermitted for
+// a synchronous queue.
 pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure);
 
 [[nodiscard]] pelmoStatus pelmoQueue_GetLimitPolicy(uint32_t queue,
