@@ -253,8 +253,9 @@ class Pmd(unittest.TestCase):
     def test_ends_in_order_at_a_signal(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             daemon = self.daemon()
-            reader, sender = self.client(daemon, "A"), self.client(daemon)
-            sent = sender.send("A", bytes(1000000))
+            reader = self.client(daemon, "A", receive_bytes=65536)
+            sender = self.client(daemon)
+            sent = sender.send("A", bytes(16 * MEGABYTE))  # more than the system holds
             sender.settle()
             daemon.popen.send_signal(number)
             self.assertEqual(reader.message(), sent)
