@@ -147,6 +147,12 @@ pelmoStatus joinRealm(Exchange* exchange, Peer* peer, const StartMessage& start)
     return isSame ? kStatusSuccess : kStatusArgumentsConflict;
 }
 
+// The second one of a connection only brings the session: its client has read the answer to the
+// first, and takes what comes next for a message of the bus.
+bool wantsAnswer(const Peer* peer) {
+    return peer->starts != 1;
+}
+
 pelmoStatus startSession(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
     StartMessage start;
     pelmoStatus status = startMessageRead(msg, &start);
@@ -159,12 +165,15 @@ pelmoStatus startSession(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
     if (peer->clientId == 0) return kStatusQueueLimit;
 
     pelmoMsg* reply = nullptr;
-    status = sessionAnswerMake(&reply, exchange->ground, peer->clientId, peer->serial);
-    if (status != kStatusSuccess) return status;
+    if (wantsAnswer(peer)) {
+        status = sessionAnswerMake(&reply, exchange->ground, peer->clientId, peer->serial);
+        if (status != kStatusSuccess) return status;
+    }
+    ++peer->starts;
     peer->start = start;
     peer->member.echo = start.echo;
     peer->member.hidden = start.hide;
-    answer(exchange, peer, reply);
+    if (reply != nullptr) answer(exchange, peer, reply);
     return kStatusSuccess;
 }
 
@@ -185,12 +194,23 @@ const char* takeStart(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
     }
 }
 
-const char* takeListen(Peer* peer, const uint8_t* subject) {
+// The interest isn't kept; the rest of what the client listens to is none the worse for it.
+void refuseInbox(Exchange* exchange, Peer* peer) {
+    ++exchange->ignored;
+    if (!peer->toldInbox) {
+        logPrint("client %u (%s) listens to an inbox that isn't its own: it gets nothing there",
+                 peer->clientId, peer->start.user);
+    }
+    peer->toldInbox = true;
+}
+
+const char* takeListen(Exchange* exchange, Peer* peer, const uint8_t* subject) {
     switch (routerListen(&peer->member, subject)) {
         case kStatusSuccess:
             return nullptr;
         case kStatusNotPermitted:
-            return "it listens to an inbox of another client";
+            refuseInbox(exchange, peer);
+            return nullptr;
         case kStatusQueueLimit:
             return "it listens to too many subjects";
         default:
@@ -256,7 +276,8 @@ const char* takeOther(BatchWalk& walk, size_t at, const Incoming& incoming) {
         case IncomingKind::kStart:
             return takeStart(exchange, peer, msg);
         case IncomingKind::kListen:
-            return incoming.subject == nullptr ? kNoSubject : takeListen(peer, incoming.subject);
+            if (incoming.subject == nullptr) return kNoSubject;
+            return takeListen(exchange, peer, incoming.subject);
         case IncomingKind::kUnlisten:
             if (incoming.subject == nullptr) return kNoSubject;
             routerUnlisten(&peer->member, incoming.subject);

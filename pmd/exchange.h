@@ -48,8 +48,10 @@ struct Peer {
 
     // The exchange's.
     uint32_t serial;     // among all peers of the daemon
+    uint32_t starts;     // start messages that were right
     uint16_t clientId;   // 0 until it has started
     bool toldReserved;   // the log has told of a message on a reserved subject
+    bool toldInbox;      // and of an interest in an inbox of another
     StartMessage start;  // the last one; its session may be empty
 };
 

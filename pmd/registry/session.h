@@ -4,9 +4,9 @@
 //     daemon -> client   {mtype="R" data={ipaddr ipport cid vmaj vmin vupd gob dtyp}}
 //                        {mtype="R" data={error}}
 //
-// A client sends its start message twice on each connection. The first answer lets it make up its
-// session name, the second message carries that name; one that reconnects carries it in both. The
-// name begins every inbox of the client:
+// A client sends its start message twice on each connection, ahead of the answer and behind it: the
+// answer lets it make up its session name, the second message carries that name and gets no answer.
+// One that reconnects carries it in both. The name begins every inbox of the client:
 //
 //     7F000001.U0005.2FB41B20C7E3D40000001     address, client id, the daemon's `gob`
 //
