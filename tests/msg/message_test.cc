@@ -146,43 +146,6 @@ TEST(Message, AnswersACorruptImageAgainAndAgain) {
     }
 }
 
-// At every length of name and value and every distance to the end of the room, twice around the
-// index that lies in the object: a typed call and a generic one leave the same behind.
-TEST(Message, TakesAValueByTheFastPathAsByTheSlow) {
-    for (uint32_t chars = 0; chars <= kMaxNameChars + 1; ++chars) {
-        const std::string text(chars, 'n');
-        const char* name = chars % 16 == 15 ? nullptr : text.c_str();
-        const pelmoMsgDateTime time{-int64_t{chars}, 999999999};
-        const Message quick = newMessage(), slow = newMessage();
-        const auto addTyped = [&](uint32_t kind, uint16_t id) {
-            if (kind == 0) return pelmoMsg_AddI64(quick.get(), name, -3, id);
-            if (kind == 1) return pelmoMsg_AddString(quick.get(), name, text.c_str(), id);
-            if (kind == 2) return pelmoMsg_AddOpaque(quick.get(), name, text.data(), chars, id);
-            return pelmoMsg_AddDateTime(quick.get(), name, &time, id);
-        };
-        const pelmoMsgField fields[] = {
-            {.size = 8, .data = {.i64 = -3}, .type = FIELD_I64},
-            fieldOf(FIELD_STRING, 0, text.c_str()),
-            fieldOf(FIELD_OPAQUE, chars, text.data()),
-            dateOf(nullptr, 0, time),
-        };
-        for (uint32_t i = 0; i < 2 * kInlineIndexEntries; ++i) {
-            const uint16_t id = i % 5 == 4 && name != nullptr ? static_cast<uint16_t>(i) : 0;
-            const pelmoMsgField field = named(fields[i % 4], name, id);
-            const pelmoStatus status = pelmoMsg_AddField(slow.get(), &field);
-            ASSERT_EQ(status, chars > kMaxNameChars && name != nullptr ? kStatusInvalidName
-                                                                       : kStatusSuccess);
-            ASSERT_EQ(addTyped(i % 4, id), status);
-            ASSERT_EQ(quick->capacity, slow->capacity);
-            ASSERT_EQ(quick->fieldCount, slow->fieldCount);
-        }
-        EXPECT_EQ(imageOf(quick.get()), imageOf(slow.get()));
-        for (uint32_t i = 0; i < quick->fieldCount; ++i) {
-            EXPECT_EQ(std::memcmp(&quick->index[i], &slow->index[i], 14), 0);
-        }
-    }
-}
-
 // What a typed read gives points into the image, which therefore stays as it is.
 TEST(Message, KeepsWhatATypedReadGaveThroughAChange) {
     for (const uint32_t chars : {0u, 1u, 117u, 118u, 119u, 120u, 200u}) {

@@ -167,14 +167,6 @@ TEST_F(DaemonFaults, BehindAReplyBreakWhatMayStand) {
     EXPECT_TRUE(noMemoryIsLost());
 }
 
-TEST_F(DaemonFaults, RefuseAConnection) {
-    MisbehavingDaemon daemon({hangUp()});
-    const Leftovers before = leftovers();
-    daemon.stopListening();
-    EXPECT_EQ(create(daemon), kStatusDaemonNotConnected);
-    EXPECT_EQ(leftoversOnceThey(before), before);
-}
-
 struct RunningFault {
     const char* name;
     DaemonScript script;

@@ -1,8 +1,6 @@
 #include "lib/runtime/event_manager.h"
 
-#include <algorithm>
 #include <latch>
-#include <span>
 
 #include "tests/runtime/event_stand.h"
 
@@ -29,14 +27,6 @@ struct EventManagers : testing::Test {
     static void fireOnce(uint32_t event, pelmoMsg*, void*) {
         pelmoEvent_DestroyEx(
             event, [](uint32_t, void* latch) { static_cast<std::latch*>(latch)->count_down(); });
-    }
-
-    // Is a poll under way that has the socket in it?
-    static bool isPolled(int source) {
-        LockGuard guard(evmLock);
-        const IoThread* const io = ioThreadAtLocked(0);
-        const std::span<const pollfd> pass{io->sockets.pass, io->sockets.passCount};
-        return io->inPoll && std::ranges::find(pass, source, &pollfd::fd) != pass.end();
     }
 
     RuntimeTables tables;
@@ -71,40 +61,6 @@ TEST_F(EventManagers, TakeOneToAHundredAndTwentyEightIoThreads) {
         watch(queue, pair, fireOnce, &ready);
     pair.ready();
     ready.wait();
-}
-
-// Sockets come and go on two threads, and are closed as soon as their event is gone, while the IO
-// thread waits for them and others dispatch.
-TEST_F(EventManagers, WatchSocketsThatComeAndGo) {
-    start();
-    const uint32_t queue = makeQueue();
-    std::atomic<bool> done{false};
-    std::atomic<uint32_t> callbacks{0};
-    std::thread dispatcher([&] {
-        while (!done)
-            (void)pelmoQueue_TimedDispatch(queue, 0.001);
-    });
-    testing::internal::CaptureStderr();
-    const auto countUp = [](uint32_t, pelmoMsg*, void* count) {
-        ++*static_cast<std::atomic<uint32_t>*>(count);
-    };
-    const auto churn = [&](uint32_t target) {
-        for (int i = 0; i < 400; ++i) {
-            const SocketPair pair;
-            const uint32_t event = watch(target, pair, countUp, &callbacks);
-            if (i % 2 != 0) pair.ready();
-            if (i % 3 != 0) std::this_thread::yield();
-            EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
-            EXPECT_FALSE(isPolled(pair.ends[0]));
-        }
-    };
-    std::thread one(churn, queue), two(churn, kFirstIoQueueId);
-    one.join();
-    two.join();
-    done = true;
-    dispatcher.join();
-    // No wait met a descriptor that was closed.
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 }  // namespace

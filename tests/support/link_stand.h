@@ -52,12 +52,6 @@ class LinkStand {
     LinkStand(const LinkStand&) = delete;
     LinkStand& operator=(const LinkStand&) = delete;
 
-    // From here on timers are the library's own, and delays are real.
-    void usesSystemTimers() const {
-        linkSeams.createTimer = former.createTimer;
-        linkSeams.destroyTimer = former.destroyTimer;
-    }
-
     size_t timers() {
         const std::lock_guard guard(mutex);
         return armed.size();

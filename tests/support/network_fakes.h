@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <span>
 #include <string>
 #include <utility>
@@ -32,7 +31,6 @@ class FakeDaemon {
     pelmoStatus createAnswer = kStatusSuccess;
     pelmoStatus answer = kStatusSuccess;   // of all other calls
     ReliableEndpoint* endpoint = nullptr;  // of the next transport
-    bool checksLocks = true;               // false: other threads use the transport meanwhile
     std::function<void()> meanwhile;       // called once, before an interest is announced
 
     FakeDaemon() {
@@ -55,31 +53,18 @@ class FakeDaemon {
     FakeDaemon& operator=(const FakeDaemon&) = delete;
 
     // Since the last call.
-    std::vector<std::string> taken() {
-        const std::lock_guard guard(mutex);
-        return std::exchange(calls, {});
-    }
-    size_t sends() {
-        const std::lock_guard guard(mutex);
-        return sendCount;
-    }
-    int links() {
-        const std::lock_guard guard(mutex);
-        return linkCount;
-    }
+    std::vector<std::string> taken() { return std::exchange(calls, {}); }
+    int links() { return linkCount; }
 
   private:
     static inline FakeDaemon* current = nullptr;
     DaemonLinkOps former = daemonLinkOps;
-    std::mutex mutex;
     std::vector<std::string> calls;
-    size_t sendCount = 0;
     int linkCount = 0;
 
     // Checks that the caller doesn't hold the transport's lock.
     static pelmoStatus note(Transport* transport, const std::string& words) {
-        EXPECT_TRUE(!current->checksLocks || isFree(transport->header.lock)) << words;
-        const std::lock_guard guard(current->mutex);
+        EXPECT_TRUE(isFree(transport->header.lock)) << words;
         current->calls.push_back(words);
         return current->answer;
     }
@@ -88,19 +73,12 @@ class FakeDaemon {
     static pelmoStatus create(DaemonLink** out, Transport* transport, const char*, bool) {
         *out = reinterpret_cast<DaemonLink*>(current);
         transport->directEndpoint = current->endpoint;
-        const std::lock_guard guard(current->mutex);
         ++current->linkCount;
         return current->createAnswer;
     }
-    static void destroy(DaemonLink*) {
-        const std::lock_guard guard(current->mutex);
-        --current->linkCount;
-    }
+    static void destroy(DaemonLink*) { --current->linkCount; }
     static pelmoStatus send(Transport* transport, pelmoMsg* message) {
-        const pelmoStatus status = note(transport, "send " + shownText(message));
-        const std::lock_guard guard(current->mutex);
-        ++current->sendCount;
-        return status;
+        return note(transport, "send " + shownText(message));
     }
     static pelmoStatus sendVector(Transport* transport, std::span<pelmoMsg* const> messages) {
         std::string words = "send together";
@@ -121,7 +99,6 @@ class FakePeers {
   public:
     std::vector<std::string> calls;
     pelmoStatus answer = kStatusSuccess;
-    bool checksLocks = true;
     Transport* transport = nullptr;   // whose lock is checked
     std::function<void()> meanwhile;  // called in the endpoint's sends
 

@@ -3,7 +3,6 @@
 #include "lib/containers/dpa.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
-#include "tests/support/network_fakes.h"
 #include "tests/support/race.h"
 
 namespace {
@@ -162,32 +161,6 @@ TEST_F(Requests, CrossThreads) {
         (void)pelmoQueue_TimedDispatch(queue, 0.001);
     clients.join();
     EXPECT_LE(spareQueues(), 2u);
-}
-
-// Requests wait on a network transport that nobody answers on, some asked ahead of its destroy,
-// some meanwhile, some afterwards.
-TEST_F(Requests, EndWithTheirTransport) {
-    constexpr int kRounds = 20;
-    for (int round = 0; round < kRounds; ++round) {
-        FakeDaemon daemon;
-        daemon.checksLocks = false;
-        uint32_t network = 0;
-        ASSERT_EQ(pelmoTransport_CreateNetwork(&network, nullptr, nullptr, nullptr),
-                  kStatusSuccess);
-        const auto client = [network] {
-            const Message request = messageOn("A");
-            pelmoMsg* reply = nullptr;
-            EXPECT_EQ(pelmoTransport_SendRequest(network, request.get(), &reply, kWithoutLimit),
-                      kStatusInvalidTransport);
-        };
-        std::thread clients[] = {std::thread(client), std::thread(client), std::thread(client)};
-        while (daemon.sends() < static_cast<size_t>(round % 4))
-            std::this_thread::yield();
-        EXPECT_EQ(pelmoTransport_Destroy(network), kStatusSuccess);
-        for (std::thread& thread : clients)
-            thread.join();
-        EXPECT_EQ(daemon.links(), 0);
-    }
 }
 
 }  // namespace

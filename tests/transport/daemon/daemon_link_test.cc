@@ -120,6 +120,27 @@ TEST_F(Link, CarriesRequests) {
     client.join();
 }
 
+// Requests that nobody answers: some are asked ahead of the destroy, some meanwhile, some
+// afterwards.
+TEST_F(Link, EndsRequestsThatWait) {
+    for (size_t round = 0; round < 20; ++round) {
+        connect();
+        const auto client = [transport = id] {
+            const Message request = messageOn("A");
+            pelmoMsg* reply = nullptr;
+            EXPECT_EQ(pelmoTransport_SendRequest(transport, request.get(), &reply, -1.0),
+                      kStatusInvalidTransport);
+        };
+        std::thread clients[] = {std::thread(client), std::thread(client), std::thread(client)};
+        (void)daemon.await(round % 4);
+        EXPECT_EQ(pelmoTransport_Destroy(std::exchange(id, kNoId)), kStatusSuccess);
+        for (std::thread& thread : clients)
+            thread.join();
+        daemon.awaitOpen(0);
+        (void)daemon.taken();
+    }
+}
+
 TEST_F(Link, FailsWithWhatTheDaemonMakesOfIt) {
     const struct {
         const char* what;
@@ -148,13 +169,6 @@ TEST_F(Link, FailsWithWhatTheDaemonMakesOfIt) {
     EXPECT_EQ(create(nullptr, "nosuch:"), kStatusInvalidArgument);
     daemon.behave([](Manners& m) { m.gob = std::string(40, 'g'); });
     EXPECT_EQ(create("7500"), kStatusSuccess);
-}
-
-TEST_F(Link, IsRepairedByTheWorkQueue) {
-    stand.usesSystemTimers();
-    connect();
-    daemon.breakConnections();
-    EXPECT_EQ(daemon.await(3), kNextWords);
 }
 
 // Nobody listens at first.
