@@ -1,13 +1,10 @@
 #include <algorithm>
-#include <atomic>
-#include <deque>
 
 #include "lib/containers/dpa.h"
 #include "lib/containers/subject.h"
 #include "lib/transport/transport_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
-#include "tests/support/race.h"
 
 namespace {
 
@@ -328,29 +325,6 @@ TEST_F(IntraProcess, AnswersToFailingMemory) {
         EXPECT_EQ(objectCount(), before);
     };
     EXPECT_GT(eachAllocationFails(oneRun), 10u);
-}
-
-// Two send, listeners come and go on a third, and this thread dispatches.
-TEST_F(IntraProcess, ServesManyThreads) {
-    constexpr int kRounds = 300;
-    std::atomic<int> left = 3 * kRounds;
-    const TestListener steady(queue, "A.B");
-    std::deque<TestListener> passing;  // a callback may still run when its listener has ended
-    std::thread racers([&] {
-        race(3, kRounds, [&](int thread, int) {
-            if (thread == 2) {
-                passing.emplace_back(queue, "A.>").end();
-            } else {
-                EXPECT_EQ(sendText(kLocal, "A.B"), kStatusSuccess);
-            }
-            --left;
-        });
-    });
-    while (left != 0)
-        (void)pelmoQueue_TimedDispatch(queue, 0.001);
-    racers.join();
-    dispatchAll(queue);
-    EXPECT_EQ(steady.texts.size(), size_t{2 * kRounds});
 }
 
 }  // namespace
