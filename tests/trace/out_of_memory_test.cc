@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 
 #include "tests/support/fail_alloc.h"
 #include "tests/support/trace_run.h"
@@ -103,57 +102,6 @@ TEST(OutOfMemory, GivesUpWhatPacketsBetweenTwoHostsNeed) {
         const Lines told = joined(kPort, kTwoSided);
         for (const bool forGood : {false, true})
             expectShortages(packet, packet, forGood, {{told, recordsOf({packet})}});
-    }
-}
-
-// Every new record of a growing dictionary meets every failure that it can, then comes in. A
-// failure that nobody is told of must have cost nothing.
-TEST(OutOfMemory, LosesNothingWhileDictionariesGrow) {
-    const auto port = [](uint32_t i) { return static_cast<uint16_t>(i + 1); };
-    const auto from = [](uint32_t i) { return PacketHead{.srcIp = ipv4(10, 0, 0, 0) + i}; };
-    const struct {
-        std::string head;  // of the lines that are compared
-        uint32_t records;
-        std::function<Bytes(uint32_t i, uint32_t seq)> packet;
-    } cases[] = {
-        {"port", 80, [&](auto i, auto) { return nullPacket({.dstPort = port(i)}, {}); }},
-        {" net", 40, [&](auto i, auto) { return nullPacket({.dstIp = ipv4(239, 0, 0, i)}, {}); }},
-        {"  host", 600, [&](auto i, auto) { return nullPacket({.srcPort = port(i)}, {}); }},
-        {"  host", 600, [&](auto i, auto) { return nullPacket(from(i), {}); }},
-        {" rl 10", 40, [&](auto i, auto) { return rreqPacket(from(i), 1); }},
-        {" ptp 10", 40, [&](auto i, auto) { return ptpDataPacket(from(i), {1}); }},
-        {"  subject", 600,
-         [&](auto i, auto seq) {
-             return dataPacket({.seq = seq}, busMessage("A.B" + std::to_string(i)));
-         }},
-        {"   from", 600,
-         [&](auto i, auto seq) {
-             return dataPacket({.srcPort = port(i), .seq = seq}, busMessage("A"));
-         }},
-    };
-    for (const auto& [head, records, packet] : cases) {
-        SCOPED_TRACE(head + " " + std::to_string(records));
-        std::vector<Bytes> packets;
-        for (uint32_t i = 0; i < records; ++i)
-            packets.push_back(packet(i, i + 1));
-        const Lines expected = recordsOf(packets, head);
-        TraceRun run;
-        uint32_t seq = 0;
-        size_t told = 0;
-        for (uint32_t i = 0; i < records; ++i) {
-            size_t lines = 1;
-            for (size_t after = 0; lines != 0; ++after) {
-                const Bytes next = packet(i, ++seq);
-                {
-                    const FailAlloc fail{.after = after};
-                    analyze({next});
-                }
-                lines = run.logged().size();
-                told += lines;
-            }
-        }
-        EXPECT_EQ(treeText(head), expected);
-        EXPECT_GE(told, records);  // each at least for its own memory
     }
 }
 
