@@ -245,8 +245,11 @@ class Pmd(unittest.TestCase):
         daemon = self.daemon("-no-permanent")
         self.client(daemon).close()
         time.sleep(0.5)
-        client = self.client(daemon, "A")
+        client = self.client(daemon, start=False)
         time.sleep(1.5)
+        client.shake_hands()
+        client.start()
+        client.listen("A")
         self.assertTrue(client.hears(client, "A"))
         self.assertTrue(daemon.running())
 
