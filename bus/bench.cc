@@ -233,8 +233,10 @@ ExitStatus runBenchSend(const BusSettings& given) {
     if (settings.local && !sideOpen(side, listen)) return kExitFailed;
 
     Load load = loadMake(settings, connection.transport, side.queue);
-    const pelmoStatus status =
+    const SendWatch watch(connection.transport);
+    pelmoStatus status =
         loadRun(load, endOf(settings, steadyNow()), [] { return stopRequested(); });
+    if (status == kStatusInterrupted) status = kStatusSuccess;
     drain(side);
     printRate("sent", load.sender.sent, load.bytes, load.elapsed);
     if (settings.local) printTally();

@@ -96,6 +96,7 @@ ExitStatus runSend(const BusSettings& settings) {
     const ExitStatus made = connectionOpen(connection, settings);
     if (made != kExitDone) return made;
     Sender sender{connection.transport, settings.wait};
+    const SendWatch watch(connection.transport);
     const ExitStatus ended = sendAll(settings, composer, sender);
     announce("sent " + std::to_string(sender.sent));
     return ended;

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <span>
+#include <thread>
 
 #include "lib/pelmo.h"
 
@@ -17,8 +18,21 @@ struct Sender {
     bool waited = false;  // for the connection, at least once in the last call
 };
 
+// While it is there, a signal also ends a send that a daemon holds up which doesn't read: a second
+// later the transport is destroyed, which lets leave what still can. It ends ahead of the
+// transport.
+struct SendWatch {
+    explicit SendWatch(uint32_t transport);
+    ~SendWatch();
+    SendWatch(const SendWatch&) = delete;
+    SendWatch& operator=(const SendWatch&) = delete;
+
+    int end;  // an event; readable from the destructor on
+    std::thread thread;
+};
+
 // In order, up to the first failure. kStatusInterrupted where a signal ended the wait for the
-// connection.
+// connection, or for a daemon that doesn't read.
 [[nodiscard]] pelmoStatus senderSend(Sender& sender, std::span<pelmoMsg* const> messages);
 
 // Together, which a daemon's transport does at the cost of one. Not for inboxes, which a

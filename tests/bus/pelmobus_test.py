@@ -259,6 +259,19 @@ class OverADaemon(unittest.TestCase):
         """Bytes that nobody has read."""
         return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, b"\0" * 4))[0]
 
+    def test_ends_at_a_signal_while_its_daemon_does_not_read(self):
+        listeners = [self.start("listen", subject, "--count=1", "--quiet") for subject in "AB"]
+        senders = [self.start(*words, "--count=1000000", "--size=1000000")
+                   for words in (["send", "A"], ["bench", "send", "B"])]
+        for listener in listeners:
+            self.ended(listener)
+        os.kill(self.daemon.popen.pid, signal.SIGSTOP)
+        time.sleep(1)  # they have more to send than may wait
+        for sender in senders:
+            sender.send_signal(signal.SIGTERM)
+        for sender in senders:
+            self.ended(sender)
+
     def test_ends_at_a_signal_while_it_connects(self):
         with socket.create_server(("127.0.0.1", 0)) as silent:
             self.connection = ["--daemon", "127.0.0.1:%d" % silent.getsockname()[1]]
