@@ -22,6 +22,7 @@ constexpr uint32_t kKeptBatchItems = 64;  // a longer array doesn't stay for goo
 // What a read came to.
 enum class ReadEnd {
     kNothing,
+    kScarce,  // the system is short of buffers: nothing, for now
     kSome,
     kAll,  // of the room: there may be more
     kNoMemory,
@@ -115,8 +116,8 @@ ReadOutcome readSome(Ipq* ipq, bool oneUnit) {
         noteReadLocked(ipq, code, asked, got);
     }
     if (code == kSocketDone) return endOf(ipq, verdict, got == asked);
-    const bool isQuiet = code == kSocketWouldBlock || code == kSocketNoBuffers;
-    return {isQuiet ? ReadEnd::kNothing : ReadEnd::kLost};
+    if (code == kSocketNoBuffers) return {ReadEnd::kScarce};
+    return {code == kSocketWouldBlock ? ReadEnd::kNothing : ReadEnd::kLost};
 }
 
 // The peer throws away what is sent to it from here on, so the notice goes only where nothing is
@@ -201,6 +202,8 @@ pelmoStatus statusOf(const ReadOutcome& outcome, bool isBlocking) {
     switch (outcome.end) {
         case ReadEnd::kNothing:
             return isBlocking ? kStatusTimeout : kStatusSuccess;
+        case ReadEnd::kScarce:
+            return isBlocking ? kStatusNoMemory : kStatusSuccess;
         case ReadEnd::kNoMemory:
             return kStatusNoMemory;
         case ReadEnd::kLost:
