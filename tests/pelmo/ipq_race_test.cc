@@ -172,9 +172,9 @@ struct Stalls : Queues {
     void stallsWhileCarrying(uint64_t count, uint32_t (*size)(Random&)) {
         ASSERT_EQ(ipqSetBlockWhenFull(sender, true), kStatusSuccess);
         fromSender.onBatch = [&](Ipq* ipq) {
-            if (fromSender.next.load() % kStallEvery == 0 && !paused.exchange(true)) {
-                EXPECT_EQ(ipqPauseReading(ipq), kStatusSuccess);
-            }
+            if (fromSender.next.load() % kStallEvery != 0 || paused) return;
+            EXPECT_EQ(ipqPauseReading(ipq), kStatusSuccess);
+            paused = true;  // only now, or it is resumed ahead of its pause
         };
         std::thread resumer([&] {
             for (; fromSender.next.load() <= count && fromSender.errors == 0;
