@@ -368,6 +368,7 @@ TEST_F(Network, RunsHooksAroundDestroys) {
     ends.act = [&](uint32_t of, pelmoMsg**) {
         const bool valid = Id_Check(of, IdType::kTransport) == kStatusSuccess;
         EXPECT_EQ(valid, ends.calls.size() == 1);
+        EXPECT_EQ(pelmoTransport_Destroy(of), kStatusInvalidTransport);  // under way, or over
     };
     EXPECT_EQ(sendText(id, "A", "1"), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), Texts{"stop"});
