@@ -200,7 +200,6 @@ std::vector<RunningFault> runningFaults() {
          true, badSize},
         {"claims more than was agreed", sendBytes(head(0x4000001)) + silence(), true, badSize},
         {"replies again", reply() + reply({.error = kStatusNotPermitted}), false, ""},
-        {"reads byte by byte", readByteByByte(), false, ""},
     };
     for (uint32_t size = 0; size < 8; ++size)
         faults.push_back({"sends a short size", sendBytes(head(size)) + silence(), true, badSize});

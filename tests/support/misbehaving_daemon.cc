@@ -62,7 +62,6 @@ bool DaemonWire::write(const Bytes& bytes) {
 }
 
 bool DaemonWire::readSome(size_t most, Bytes* out) {
-    most = std::min(most, mostAtOnce);
     out->resize(most);
     if (!await(POLLIN)) return false;
     const ssize_t got = recv(handle, out->data(), most, MSG_DONTWAIT);
@@ -299,13 +298,6 @@ DaemonScript serve() {
             if (loadBe32At(message.data()) == 0) return wire.write(Bytes(kHeadBytes)) && false;
         }
         return false;
-    });
-}
-
-DaemonScript readByteByByte() {
-    return step([](DaemonWire& wire) {
-        wire.limitReads(1);
-        return true;
     });
 }
 

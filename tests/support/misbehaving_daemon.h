@@ -41,7 +41,6 @@ class DaemonWire {
     // Waits for the test's word.
     [[nodiscard]] bool awaitGate();
 
-    void limitReads(size_t bytes) { mostAtOnce = bytes; }
     void resetAtEnd();
 
   private:
@@ -53,7 +52,6 @@ class DaemonWire {
 
     class MisbehavingDaemon& daemon;
     int handle;
-    size_t mostAtOnce = SIZE_MAX;  // of one read
 };
 
 using DaemonStep = std::function<bool(DaemonWire&)>;
@@ -152,9 +150,6 @@ struct Reply {
 
 // Reads all messages, and answers the close notice.
 [[nodiscard]] DaemonScript serve();
-
-// From here on all reads are of one byte.
-[[nodiscard]] DaemonScript readByteByByte();
 
 // All up to the second start message.
 [[nodiscard]] DaemonScript goodHandshake();
