@@ -92,7 +92,7 @@ void onTimerGone(uint32_t, void* ipq) {
 
 // It has no messages, and its own write is no sign of life.
 pelmoStatus writeKeepAliveLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    if (writeQueueIsEmpty(&ipq->queue)) {
+    if (writeQueueIsEmpty(&ipq->queue) && !ipq->isLost) {
         Buffer* const unit = bufferCreate(kMessageHeadBytes);
         if (unit == nullptr) return kStatusSuccess;
         storeBe32At(unit->data, kMessageHeadBytes);
@@ -109,6 +109,7 @@ pelmoStatus writeKeepAliveLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
 
 void onKeepAliveTimer(uint32_t timer, pelmoMsg*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
+    const IpqHandlerMark mark;
     pelmoStatus status = kStatusSuccess;
     {
         const LockGuard guard(ipq->lock);
@@ -320,6 +321,7 @@ pelmoStatus ipqSetAgeCheck(Ipq* ipq,
 
 bool ipqSetBlocking(Ipq* ipq, bool blocking) {
     const LockGuard guard(ipq->lock);
+    if (!ipq->isOpen) return ipq->isBlocking;
     socketSetMode(ipq->socket, blocking ? SocketMode::kBlocking : SocketMode::kNonBlocking);
     return std::exchange(ipq->isBlocking, blocking);
 }

@@ -22,10 +22,10 @@
 // and error callbacks on the thread of the queue's socket events, producer and error callbacks on
 // the timer thread too. A callback may call any function of this module.
 //
-// Waits: a writer waits for room (ipqSetBlockWhenFull) with the lock released, and never on a
-// thread that runs a handler of a queue's socket, which has to read and write for others. There the
-// message is queued all the same, so a callback adds at most what one read brings: whoever passes
-// messages on pauses reading while much waits. Calls in blocking mode wait for the connection, and
+// Waits: a writer waits for room (ipqSetBlockWhenFull) with the lock released, and never within a
+// callback of any queue, since the same thread has to make the room. There the message is queued
+// all the same: a callback adds what one read brings, and who passes messages on pauses reading
+// while much waits. Calls in blocking mode wait for the connection, and
 // a write does so with the lock held; ipqInterrupt ends them.
 //
 // Time-outs: the graceful close takes at most kGracefulCloseSeconds. A connection on which nothing

@@ -70,7 +70,7 @@ struct Ipq {
     IpqCloseCallback closeCallback PELMO_GUARDED_BY(lock);
 };
 
-// While one exists its thread runs a handler of a queue's socket.
+// While one exists its thread runs a handler of a queue's socket or timer.
 struct IpqHandlerMark {
     IpqHandlerMark();
     ~IpqHandlerMark();

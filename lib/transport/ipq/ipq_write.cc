@@ -101,7 +101,8 @@ pelmoStatus usableLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
     return ipq->isLost ? kStatusInvalidIoSource : kStatusSuccess;
 }
 
-// Handlers of sockets don't wait here: they have to make the room.
+// Handlers don't wait here: those of sockets have to make the room, and those of timers would keep
+// all other timers waiting.
 pelmoStatus awaitRoomLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
     while (ipq->blocksWhenFull && !hasRoomLocked(ipq) && libraryIsOpen() && !ipqIsInHandler()) {
         armLocked(ipq);
@@ -137,6 +138,7 @@ void onWritable(Socket*, void* closure) {
 
 void onFlushTimer(uint32_t timer, pelmoMsg*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
+    const IpqHandlerMark mark;
     bool isFine = true;
     {
         const LockGuard guard(ipq->lock);
@@ -152,6 +154,7 @@ void onFlushTimer(uint32_t timer, pelmoMsg*, void* closure) {
 
 void onAgeTimer(uint32_t timer, pelmoMsg*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
+    const IpqHandlerMark mark;
     AgeReport report;
     IpqProducerCallback callback;
     void* producerClosure;
