@@ -196,6 +196,7 @@ void TestDaemon::serve(Client* client) {
 bool TestDaemon::open(Client* client, const Manners& manners) {
     uint8_t words[12] = {};
     storeBe32At(words + 4, manners.greeting);
+    if (manners.hangsUp) return false;
     HelloFrame frame = {};
     ipqHelloInit(&frame);
     if (!writeAll(client->socket, words, sizeof words) ||

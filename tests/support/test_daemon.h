@@ -24,6 +24,7 @@ class TestDaemon {
         uint32_t greeting = 4;
         DaemonVersion version = {8, 5, 2};
         std::string gob = "GOB";
+        bool hangsUp = false;  // ahead of its greeting
 
         // Of one connection: after so many bytes it breaks, after so many messages it reads no
         // further. Negative: never.

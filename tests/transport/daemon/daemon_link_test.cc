@@ -153,8 +153,7 @@ TEST_F(Link, FailsWithWhatTheDaemonMakesOfIt) {
         const char* service = nullptr;
     } rows[] = {
         {"another protocol", [](Manners& m) { m.greeting = 5; }, kStatusWrongVersion},
-        {"hangs up behind the start", [](Manners& m) { m.bytesUntilBreak = 20; },
-         kStatusDaemonNotConnected},
+        {"hangs up", [](Manners& m) { m.hangsUp = true; }, kStatusDaemonNotConnected},
         {"long names", [](Manners& m) { m.gob = std::string(41, 'g'); }, kStatusInitFailed},
         {"a direct port", [](Manners&) {}, kStatusNotPermitted, "7500:7501"},
         {"the service's own port", [](Manners&) {}, kStatusNotPermitted, "7500:7500"},
