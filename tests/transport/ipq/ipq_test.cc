@@ -402,6 +402,37 @@ TEST_F(StandingQueue, GracefulCloseHasItsTime) {
     }
 }
 
+TEST_F(StandingQueue, AccountsForItsTraffic) {
+    setenv("IPQ_ACCOUNTING", "5", 1);
+    openAndRead();
+    unsetenv("IPQ_ACCOUNTING");
+    testing::internal::CaptureStdout();
+    std::string asked;
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(send(streamUnit(100, 'a')), kStatusSuccess);
+        asked += "    100";
+    }
+    sendText(peer.number(), streamUnit(20, 'b'));
+    passes();
+    const uint32_t reads = ipqReadStatistics(ipq).attempts;
+    end();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              asked + "\n" + asked +
+                  "\n\nIPQ - WRITE:\n"
+                  "  Processed 100 messages totalling 10000 bytes\n"
+                  "  Used 100 attempts with 0 failures and 0 partials\n"
+                  "  Averaged 100.00 bytes and 1.00 messages per attempt\n"
+                  "  Averaged 100.00 bytes per write\n"
+                  "  0.0% failure rate, 0.0% partial rate\n"
+                  "  0 zero sends.\n"
+                  "\nIPQ - READ:\n"
+                  "  Processed 1 messages totalling 20 bytes\n"
+                  "  Used 1 attempts with 0 failures and 0 partials\n"
+                  "  Averaged 20.00 bytes and 1.00 messages per attempt\n"
+                  "  Averaged 20.00 bytes per write\n");
+    EXPECT_EQ(reads, 1u);
+}
+
 // Whatever fails, each queue comes to its end.
 TEST_F(StandingQueue, SurvivesEachFailingAllocation) {
     const std::string unit = streamUnit(5'000, 'a');
