@@ -87,7 +87,8 @@ constexpr int kProbeAddressBits = 48;
 
 // Reads nothing beyond `sizeBytes`. Keys of a usual size are three blocks that may overlap, each
 // mixed under a key of its place: no block waits for another, and no branch depends on the size.
-[[nodiscard]] inline uint32_t probeHashBytes(const uint8_t* bytes, size_t sizeBytes) {
+[[nodiscard, gnu::always_inline]] inline uint32_t probeHashBytes(const uint8_t* bytes,
+                                                                 size_t sizeBytes) {
     constexpr size_t kBlockBytes = 16;
     constexpr size_t kUsualBytes = 3 * kBlockBytes;
     constexpr uint64_t kNextKey = 0x9e3779b97f4a7c15;

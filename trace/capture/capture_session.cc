@@ -139,7 +139,7 @@ bool installFilter(pcap_t* capture, const char* text) {
 
     const bool installed = pcap_setfilter(capture, &program) == 0;
     if (!installed) logPrint("pcap_setfilter: %s", pcap_geterr(capture));
-    if (installed && isSaved(capture)) savedCaptureSwapFilter(program);
+    if (installed && isSaved(capture)) savedCaptureSwapFilter(program, text);
     pcap_freecode(&program);  // the source has a copy of its own
     return installed;
 }

@@ -23,9 +23,9 @@
 // What pcap_open_offline does. "-" is the standard input.
 [[nodiscard]] pcap_t* savedCaptureOpen(const char* path, char* error);
 
-// Behind pcap_setfilter: the same program for frames that libpcap doesn't see. Swaps it for the one
-// before, which the caller frees.
-void savedCaptureSwapFilter(bpf_program& program);
+// Behind pcap_setfilter: the same program, and its text, for frames that libpcap doesn't see. Swaps
+// it for the one before, which the caller frees.
+void savedCaptureSwapFilter(bpf_program& program, const char* text);
 
 // What pcap_loop does for the capture that is open. A frame's bytes are borrowed for the call.
 [[nodiscard]] int savedCaptureLoop(int count, pcap_handler handler, u_char* user);

@@ -15,10 +15,10 @@ static_assert(kBehindToCount < kChargesInLine);
 constexpr size_t kUsualSubjectBytes = 40;  // most are no longer
 constexpr size_t kLeastSubjectBytes = 5;   // one element without characters
 
-SubjectEntry* findSubject(const NetEntry& net,
-                          const uint8_t* subject,
-                          size_t length,
-                          uint32_t hash) {
+[[gnu::always_inline]] inline SubjectEntry* findSubject(const NetEntry& net,
+                                                        const uint8_t* subject,
+                                                        size_t length,
+                                                        uint32_t hash) {
     return reinterpret_cast<SubjectEntry*>(subjectMapFind(net.subjects, subject, length, hash));
 }
 
@@ -30,7 +30,11 @@ bool countSender(SubjectEntry& subject, uint64_t key, uint32_t messageBytes) {
     return true;
 }
 
-bool count(NetEntry& net, SubjectEntry& subject, uint64_t sender, uint32_t messageBytes) {
+// Inlined, as is the search, since each message comes here.
+[[gnu::always_inline]] inline bool count(NetEntry& net,
+                                         SubjectEntry& subject,
+                                         uint64_t sender,
+                                         uint32_t messageBytes) {
     if (traceSettings.countSenders && !countSender(subject, sender, messageBytes)) return false;
     if (subject.msgs++ == 0) {
         ++net.liveSubjects;
