@@ -69,7 +69,7 @@ void shakeHands(int connection) {
     check("hello", helloRead(frame).type == kHelloAgreed);
 }
 
-void startSession(int connection) {
+void sendStart(int connection) {
     const SessionStart start = {.userName = "bench",
                                 .session = "",
                                 .service = "",
@@ -85,6 +85,9 @@ void startSession(int connection) {
     pelmoMsg* msg = nullptr;
     check("start", sessionStartMessage(&msg, start) == kStatusSuccess);
     sendMessage(connection, msg);
+}
+
+void awaitReply(int connection) {
     std::vector<uint8_t> reply(kMessageHeadBytes);
     receiveAll(connection, reply.data(), reply.size());
     reply.resize(loadBe32At(reply.data()));
@@ -96,13 +99,17 @@ void startSession(int connection) {
 int bareConnect(uint16_t port, const char* subject) {
     const int connection = connectTo(port);
     shakeHands(connection);
-    startSession(connection);
+    sendStart(connection);
+    awaitReply(connection);
+    sendStart(connection);
     uint8_t packed[kSubjectMaxBytes];
     check("subject", subjectFromText(packed, sizeof packed, subject) > 0);
     pelmoMsg* msg = nullptr;
     check("interest", interestMessage(&msg, packed, kInterestStart) == kStatusSuccess);
     sendMessage(connection, msg);
-    startSession(connection);  // answered once the interest stands
+    // The second start message has no answer; another one's comes once the interest stands.
+    sendStart(connection);
+    awaitReply(connection);
     return connection;
 }
 
