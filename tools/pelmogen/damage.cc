@@ -9,7 +9,7 @@ constexpr uint32_t kStrangerAddress = 0x0afffffe;  // 10.255.255.254, no host's
 constexpr size_t kUdpLengthOffset = kUdpOffset + 4;
 constexpr size_t kUdpChecksumOffset = kUdpOffset + 6;
 constexpr size_t kDataLengthOffset = 28;
-constexpr size_t kMessageOffset = kDataHeaderBytes;
+constexpr size_t kMessageOffset = kOskaDataHeaderBytes;
 
 bool has(const PacketDraft& draft, PacketKind kind) {
     return draft.plan.kind == kind;
@@ -130,7 +130,7 @@ bool addStrayBytes(PacketDraft& draft, Prng&) {
         draft.payload()[draft.payloadBytes++] = 0;
     }
     storeBe16At(draft.payload() + kDataLengthOffset,
-                static_cast<uint16_t>(draft.payloadBytes - kDataHeaderBytes));
+                static_cast<uint16_t>(draft.payloadBytes - kOskaDataHeaderBytes));
     return true;
 }
 

@@ -56,12 +56,12 @@ void putDataHeader(ByteWriter& out, const PacketPlan& plan, OskaType type) {
 
 void setDataLength(ByteWriter& out) {
     storeBe16At(out.room.data() + kOskaDataLengthOffset,
-                static_cast<uint16_t>(out.used - kDataHeaderBytes));
+                static_cast<uint16_t>(out.used - kOskaDataHeaderBytes));
 }
 
 size_t pickDataBytes(PacketMaker& maker) {
     const Range payload = maker.options.payload;
-    return prngBetween(maker.prng, payload.low, payload.high) - kDataHeaderBytes;
+    return prngBetween(maker.prng, payload.low, payload.high) - kOskaDataHeaderBytes;
 }
 
 void tallyMessage(PacketMaker& maker, uint32_t subject) {
@@ -94,7 +94,7 @@ bool addMessage(PacketMaker& maker, ByteWriter& out, uint32_t subject, size_t si
     const size_t start = out.used;
     if (!putMessage(out, shape, maker.prng)) return false;
     if (!shape.subject.empty()) tallyMessage(maker, subject);
-    if (start == kDataHeaderBytes && !shape.subject.empty()) {
+    if (start == kOskaDataHeaderBytes && !shape.subject.empty()) {
         maker.draft.subjectOffset = start + kMessageSubjectOffset;
     }
     return true;
@@ -213,11 +213,11 @@ struct KindRow {
     void (*fill)(PacketMaker& maker, ByteWriter& out);
 };
 constexpr KindRow kKinds[kPacketKinds] = {
-    {kDataHeaderBytes, fillData},
-    {kDataHeaderBytes, fillNull},
+    {kOskaDataHeaderBytes, fillData},
+    {kOskaDataHeaderBytes, fillNull},
     {kShortHeaderBytes, fillRreq},
     {kShortHeaderBytes, fillRrej},
-    {kDataHeaderBytes, fillPtpData},
+    {kOskaDataHeaderBytes, fillPtpData},
     {kShortHeaderBytes, fillPtpAckme},
     {kShortHeaderBytes, fillPtpAck},
     {kShortHeaderBytes, fillPtpNak},

@@ -25,7 +25,6 @@
 constexpr size_t kIpOffset = 14;
 constexpr size_t kUdpOffset = 34;
 constexpr size_t kPayloadOffset = 42;
-constexpr size_t kDataHeaderBytes = 32;
 constexpr size_t kShortHeaderBytes = 24;
 
 constexpr uint16_t kUnknownTypes[] = {0, 2, 10, 0x7fff, 0xffff};

@@ -12,10 +12,7 @@
 namespace {
 
 constexpr size_t kSourceMacOffset = 6;
-constexpr size_t kEthertypeOffset = 12;
-constexpr size_t kEthernetHeaderBytes = 14;
 constexpr size_t kIpHeaderBytes = 20;
-constexpr uint16_t kEthertypeIp = 0x0800;
 
 using Bytes = std::span<const uint8_t>;
 

@@ -23,6 +23,10 @@
 
 #include "lib/base/clock.h"
 
+constexpr size_t kEthertypeOffset = 12;
+constexpr size_t kEthernetHeaderBytes = 14;
+constexpr uint16_t kEthertypeIp = 0x0800;
+
 // Takes the packet's time stamp and what is in hand of it from the IP header on: 20 bytes or more.
 using PacketHandler = void (*)(TimeSpec time, const uint8_t* ip, size_t length);
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "lib/base/bytes.h"
+#include "trace/capture/frame.h"
 #include "trace/capture/read_ahead.h"
 
 namespace {
@@ -49,9 +50,7 @@ SavedCapture saved;
 // The filter of a run that names none.
 constexpr char kAllUdp[] = "udp";
 
-constexpr size_t kEthertypeOffset = 12;
-constexpr size_t kIpProtocolOffset = 14 + 9;
-constexpr uint16_t kEthertypeIp = 0x0800;
+constexpr size_t kIpProtocolOffset = kEthernetHeaderBytes + 9;
 constexpr uint8_t kProtocolUdp = 17;
 
 struct Frame {
