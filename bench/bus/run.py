@@ -2,10 +2,11 @@
 """Messages through pmd, nats-server and mosquitto (quality 0), side by side.
 
 Rates are delivered messages a second, from the first to the last that the listeners got, and the
-broker's processor time for each delivered message; latencies are of requests with a small answer,
-beside a bare ping-pong over two hops of TCP, and the same with pmd in its middle. Each figure is the median of its rounds; the brokers
-take turns within a round, so that whatever else the machine does meets them all. Everything runs on
-this machine, over loopback, and ends with the script.
+processor time for each delivered message, of the broker and of all processes together; latencies are
+of requests with a small answer, beside a bare ping-pong over two hops of TCP, and the same with pmd in
+its middle. Each figure is the median of its rounds; the brokers take turns within a round, so that
+whatever else the machine does meets them all. Everything runs on this machine, over loopback, and ends
+with the script.
 """
 import argparse
 import os
@@ -26,6 +27,12 @@ PATIENCE_SECONDS = 120
 # (listeners, bytes, messages): about a second each on two cores.
 FLOWS = [(1, 100, 1000000), (1, 1024, 500000), (1, 16384, 60000),
          (100, 100, 40000), (100, 1024, 20000), (100, 16384, 2000)]
+
+
+def ended_seconds():
+    """Processor time of all processes that this one has started and that have ended."""
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
 
 
 def free_port():
@@ -102,8 +109,9 @@ class Bench:
         return [float(word) for word in out.split()]
 
     def flow(self, road, listeners, size, count):
-        """(messages a second, microseconds of the broker for each, share that was lost)"""
+        """(messages a second, microseconds for each of the broker and of all, share that was lost)"""
         count = max(10, int(count * self.options.scale))
+        ended = ended_seconds()
         broker = self.broker(road)
         try:
             listen = self.start("listen", road, broker.port, listeners, count)
@@ -114,9 +122,10 @@ class Bench:
             cpu = broker.cpu_seconds() - before
             send.kill()
             send.communicate()
-            return got / seconds, cpu / got * 1e6, 1 - got / (count * listeners)
         finally:
             broker.close()
+        spent = ended_seconds() - ended
+        return got / seconds, cpu / got * 1e6, spent / got * 1e6, 1 - got / (count * listeners)
 
     def floor(self, *words):
         program = os.path.join(self.options.build, "bin", "tcp_floor")
@@ -177,15 +186,15 @@ def ratio_of_pairs(rows, road, better):
 
 
 def show_flows(bench, roads, rounds):
-    print("delivered messages a second; broker's us for each; lost")
+    print("delivered messages a second; broker's us for each, and of all; lost")
     for listeners, size, count in FLOWS:
         rows = in_turns(roads, rounds, lambda road: bench.flow(road, listeners, size, count))
         others = [road for road in roads if not road.startswith("pmd")]
         best = max(others, key=lambda road: median(rows[road])[0], default=None)
         for road in roads:
-            rate, cpu, lost = median(rows[road])
-            line = "1 to %-3d  %5d bytes  %-10s %10.0f  %7.3f us" % (listeners, size, road, rate,
-                                                                     cpu)
+            rate, cpu, spent, lost = median(rows[road])
+            line = "1 to %-3d  %5d bytes  %-10s %10.0f  %7.3f us  %7.3f us" % (
+                listeners, size, road, rate, cpu, spent)
             if lost > 0:
                 line += "  lost %.1f%%" % (lost * 100)
             if best and road.startswith("pmd"):
