@@ -1,0 +1,154 @@
+// The reliable packet layer without its socket: an endpoint with its connections, one for each
+// peer. Datagrams, ticks and `now` come in; datagrams, messages, losses and deadlines come out.
+//
+//     packet.h                        bytes <-> header, option, payload
+//     send_buffer.h, send_window.h    messages -> packets; what may leave when
+//     reassembly.h                    packets -> messages in order
+//     state_table.h                   the states of a connection, one row a step
+//     connection.h                    one connection: packets, ticks, opening and closing
+//     endpoint_core.h                 who the packet is for; opening packets; bounds
+//     reliable_endpoint.h             socket, timers, lock, callbacks
+//
+// What was sent arrives once and in order, or its sender or receiver is told. Connections open with
+// three packets and close with four, as TCP's do (RFC 9293), in numbers of packets.
+//
+//     resent after    1, 3, 7, 15, 31, 63 seconds without an answer; given up at 95
+//     flushing        1, 3, 7; given up at 11
+//     idle            closed 300 to 600 seconds after the last packet
+//
+// The core calls nobody but its sink, which may not call back. What the owner has to do behind the
+// call, such as running the application's callbacks, is in EndpointOutput.
+//
+// Bounds, against those who make packets up: kMostHalfOpen connections that a peer has opened and
+// not yet confirmed, of which the oldest goes first; the reassembly's (reassembly.h). Reaching one
+// is told in EndpointOutput.
+//
+// Threads: no lock, no socket, no clock; the owner serialises all calls.
+//
+// Units: seconds since 1970, by a clock that never steps back.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "lib/base/status.h"
+#include "lib/transport/reliable/packet.h"
+#include "lib/transport/reliable/peer.h"
+#include "lib/transport/reliable/reassembly.h"
+
+struct Buffer;
+struct Dpa;
+struct Hash;
+struct pelmoMsg;
+struct ReliableConnection;
+
+inline constexpr uint32_t kMostHalfOpen = 1024;
+inline constexpr double kNever = 1e300;
+
+struct OutDatagram {
+    std::span<const uint8_t> head;     // valid during the call
+    std::span<const uint8_t> payload;  // in `buffer`: a reference keeps it
+    Buffer* buffer;                    // null: no payload
+    bool isRepeat;
+};
+
+struct EndpointSink {
+    void* closure;
+    void (*send)(void* closure, const PeerAddress& to, const OutDatagram& datagram);
+
+    // Senders that wait for this connection may go on: it has room, or has ended.
+    void (*wakeSenders)(void* closure, void* waiter);
+
+    // A connection that had a waiter is freed.
+    void (*dropWaiter)(void* closure, void* waiter);
+};
+
+struct LossReport {
+    bool inbound;  // else what was sent to the peer
+    PeerAddress peer;
+    uint64_t bytes;  // 0: not known
+};
+
+inline constexpr uint32_t kMostLosses = 4;
+
+enum EndpointNotice : uint32_t {
+    kNoticeHalfOpen = 1,
+    kNoticePeerReassembly = 2,
+    kNoticeEndpointReassembly = 4,
+};
+
+// Empty ahead of each call, and seen to after it, with no lock held.
+struct EndpointOutput {
+    PeerAddress peer;                // whom the messages are from
+    Dpa* messages;                   // null: none. The list and the messages belong to the taker
+    LossReport losses[kMostLosses];  // what has no place is added to the last
+    uint32_t lossCount;
+    uint32_t notices;    // bits of EndpointNotice
+    bool flushAdvanced;  // a connection has nothing more to flush
+};
+
+struct EndpointCounts {
+    uint64_t messagesSent;
+    uint64_t messagesReceived;
+    uint64_t packetsSent;  // repeats among them
+    uint64_t packetsReceived;
+    uint64_t packetsResent;
+    uint64_t packetsDropped;  // no packets, or nobody's
+};
+
+struct EndpointCore {
+    EndpointSink sink;  // constant
+    bool open;
+    bool flushing;
+    Hash* byPeer;   // of ReliableConnection, by the peer's address
+    Hash* byId;     // by the local id, from a sent SYN until its answer
+    Hash* peerIds;  // last local and remote ids of each peer with a connection
+    ReassemblyShare share;
+    uint32_t mostHalfOpen;
+    uint32_t halfOpen;
+    EndpointCounts counts;
+    struct DeadlineHeap* deadlines;  // of ReliableConnection, soonest first
+};
+
+// kStatusNoMemory.
+[[nodiscard]] pelmoStatus endpointInit(EndpointCore* core, const EndpointSink& sink);
+
+// All connections have been closed, or are dropped here without a word to their peers.
+void endpointFree(EndpointCore* core);
+
+void endpointTakeDatagram(EndpointCore* core,
+                          double now,
+                          const PeerAddress& source,
+                          std::span<const uint8_t> datagram,
+                          EndpointOutput* out);
+
+// Messages are borrowed. kStatusInvalidTransport for an endpoint that is closing, kStatusNoMemory,
+// kStatusInvalidSize for a message above kMostReliableMessageBytes. `outConnection` is held where
+// the sender has to wait until connectionHasRoom; otherwise null.
+[[nodiscard]] pelmoStatus endpointSend(EndpointCore* core,
+                                       double now,
+                                       const PeerAddress& peer,
+                                       std::span<pelmoMsg* const> messages,
+                                       bool delaySmall,
+                                       ReliableConnection** outConnection,
+                                       EndpointOutput* out);
+
+// When endpointTick has something to do; kNever.
+[[nodiscard]] double endpointNextDeadline(const EndpointCore* core);
+
+// Serves one connection whose deadline has come; false when there was none.
+bool endpointTick(EndpointCore* core, double now, EndpointOutput* out);
+
+// Closing: no send is taken any more. With `flush` the owner then waits, for datagrams, ticks and
+// EndpointOutput::flushAdvanced, until endpointIsFlushed; then endpointCloseEnd resets what is
+// left.
+void endpointCloseBegin(EndpointCore* core, double now, bool flush, EndpointOutput* out);
+[[nodiscard]] bool endpointIsFlushed(const EndpointCore* core);
+void endpointCloseEnd(EndpointCore* core, double now, EndpointOutput* out);
+
+// For blocked senders. The record stays until the last holder lets go.
+[[nodiscard]] bool connectionHasRoom(const ReliableConnection* connection);
+[[nodiscard]] bool connectionIsClosed(const ReliableConnection* connection);
+[[nodiscard]] void*& connectionWaiter(ReliableConnection* connection);  // null at first
+void connectionLetGo(EndpointCore* core, ReliableConnection* connection);

@@ -1,0 +1,60 @@
+// A reliable endpoint: a UDP port that carries messages straight from process to process, whole, in
+// order and once, or tells that it couldn't. The protocol is in endpoint_core.h; this module joins
+// it to a socket, a timer, a lock and the callbacks.
+//
+// Ownership: the endpoint belongs to its maker, who closes it; the close frees it. No other call
+// may be running then, but for senders that wait: they end with kStatusDeliveryFailed.
+//
+// Threads: any. The endpoint's lock (rank kEndpoint) guards the core, and no callback runs under
+// it. Messages come on the IO thread, losses on whichever thread found them. A sender waits while
+// the peer is 4 MB behind, unless it is the IO or the timer thread.
+//
+// Units and byte order: ports are numbers; addresses are in network order where it says so.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "lib/base/status.h"
+#include "lib/transport/reliable/endpoint_core.h"
+
+struct Dpa;
+struct pelmoMsg;
+struct ReliableEndpoint;
+
+// The address is in network order. The list is freed behind the call; the messages are the
+// callee's.
+using ReliableDataCallback = void (*)(uint32_t peerAddress, Dpa* messages, uintptr_t closure);
+
+// `inbound`: data from the peer can't be delivered; else data to it is lost. Address and port are
+// numbers.
+using ReliableLossCallback = void (*)(
+    bool inbound, uint32_t peerAddress, uint16_t peerPort, uint64_t bytes, uintptr_t closure);
+
+// Address in network order, 0 for all of this host's; port 0 means any. kStatusSocketLimit where
+// the system gives no socket, kStatusPortInUse where it can't be bound, kStatusNoMemory, and the
+// statuses of pelmoEvent_CreateIO.
+[[nodiscard]] pelmoStatus ReliableEndpoint_Open(ReliableEndpoint** out,
+                                                uint32_t address,
+                                                uint16_t port,
+                                                ReliableDataCallback onData,
+                                                ReliableLossCallback onLoss,
+                                                uintptr_t closure);
+
+[[nodiscard]] uint16_t ReliableEndpoint_Port(const ReliableEndpoint* endpoint);
+void ReliableEndpoint_SetClosure(ReliableEndpoint* endpoint, uintptr_t closure);
+[[nodiscard]] EndpointCounts ReliableEndpoint_Counts(ReliableEndpoint* endpoint);
+
+// Messages are borrowed, and 0 means that they are queued. Peer address in network order.
+// kStatusInvalidTransport for an endpoint that is closing, kStatusNoMemory, kStatusInvalidSize,
+// kStatusDeliveryFailed where the connection ended while the sender waited.
+[[nodiscard]] pelmoStatus ReliableEndpoint_Send(ReliableEndpoint* endpoint,
+                                                uint32_t peerAddress,
+                                                uint16_t peerPort,
+                                                std::span<pelmoMsg* const> messages,
+                                                bool delaySmall);
+
+// With `flush` what was sent leaves first, which takes at most 11 seconds. False where it was
+// closed already.
+bool ReliableEndpoint_Close(ReliableEndpoint* endpoint, bool flush);
