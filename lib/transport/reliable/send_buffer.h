@@ -1,21 +1,26 @@
 // What a connection has to send: messages packed into packets, packets that wait for the window,
-// packets that wait for their acknowledgement.
+// packets that wait for their acknowledgement. All are in one ring, in the order of the messages:
 //
-//     messages --pack--> [delayQueue -->] sendQueue --next--> unacked --acknowledged--> gone
+//     | sent, not acknowledged | waiting | delayed |
+//      consecutive numbers      no number yet       ^ messages are packed here
+//
+// A packet gets on by a count that moves: neither sending one nor taking all back needs memory.
 //
 // Whole messages fill a packet without a copy where they lie one behind the other in one buffer,
 // else in a buffer of kMostBlockBytes of the packet's own. A message of more than kMostBlockBytes
-// becomes fragments that refer to its own buffer. The fragments of a message stay in `unacked`
-// until its last one is acknowledged, so that a connection that opens anew can send it whole.
+// becomes fragments that refer to its own buffer. The fragments of a message stay until its last
+// one is acknowledged, so that a connection that opens anew can send it whole.
 //
-// `unacked` holds consecutive sequence numbers, from that of its first packet on.
+// With `delaySmall`, packets below kSmallPacketBytes wait for more, until sendBufferEndDelay or a
+// packet behind them that doesn't wait.
 //
 // Ownership: the buffer owns its packets, a packet a reference to its buffer. Messages are
 // borrowed.
 //
 // Failure: kStatusNoMemory; what was given is then not in the buffer.
 //
-// Threads: no lock, no clock; the owner serialises all calls.
+// Threads: no lock, no clock; the owner serialises all calls. outPacketPoolCreate is called before
+// other threads run.
 
 #pragma once
 
@@ -37,6 +42,7 @@ inline constexpr uint32_t kMostReliableMessageBytes = 0x4000000;  // 64 MiB, as 
 struct OutPacket {
     PacketHeader header;  // seq 0: none yet
     bool isFragment;
+    bool takesMore;           // the buffer was made here: what is behind the payload is free
     FragmentOption fragment;  // firstSeq is stamped with the sequence number
     Buffer* buffer;           // null: no payload
     uint32_t offset;          // of the payload in it
@@ -44,50 +50,54 @@ struct OutPacket {
     void* poolOwner;  // the pool's own word, not ours to touch; null for one from the heap
 };
 
-// Rings of OutPacket, made at first use.
 struct SendBuffer {
-    EntryRing* sendQueue;
-    EntryRing* delayQueue;
-    EntryRing* unacked;
+    EntryRing* packets;  // of OutPacket; null until first needed
+    uint32_t sent;       // how many of them, from the front on, wait for their acknowledgement
+    uint32_t delayed;    // how many, from the back on, wait for more to come
 };
+
+// The process's pool of packets. While there is none they come from the heap. Nobody holds a packet
+// when it goes.
+[[nodiscard]] pelmoStatus outPacketPoolCreate();
+void outPacketPoolDestroy();
 
 // Drops everything.
 void sendBufferClear(SendBuffer* buffer);
 
 // Packs messages behind what waits: the last waiting packet takes more where it has room. A message
-// above kMostReliableMessageBytes gives kStatusInvalidSize, and none of the messages is taken.
+// above kMostReliableMessageBytes gives kStatusInvalidSize, a dead one kStatusInvalidMessage, and
+// none of the messages is taken.
 [[nodiscard]] pelmoStatus sendBufferAdd(SendBuffer* buffer,
                                         std::span<pelmoMsg* const> messages,
                                         bool delaySmall);
 
-// All that is delayed goes to the end of the queue. False when memory ran out: nothing has moved.
-[[nodiscard]] bool sendBufferEndDelay(SendBuffer* buffer);
+// All that is delayed waits no longer than the rest.
+void sendBufferEndDelay(SendBuffer* buffer);
 
-[[nodiscard]] uint32_t sendBufferWaiting(const SendBuffer* buffer);  // packets of sendQueue
+[[nodiscard]] uint32_t sendBufferWaiting(const SendBuffer* buffer);  // packets, no delayed ones
 [[nodiscard]] bool sendBufferIsFull(const SendBuffer* buffer);       // do senders wait?
-[[nodiscard]] bool sendBufferIsEmpty(const SendBuffer* buffer);      // of all three
+[[nodiscard]] bool sendBufferIsEmpty(const SendBuffer* buffer);      // of all three kinds
 
-// A packet without payload (SYN, SYN-ACK, FIN) under its sequence number, which is behind the last
-// one. Null when memory ran out.
+// A packet without payload (SYN, SYN-ACK, FIN) under its sequence number, which is the one behind
+// the last sent packet's. Null when memory ran out.
 [[nodiscard]] OutPacket* sendBufferStore(SendBuffer* buffer, const PacketHeader& header);
 
-// The first waiting packet gets the sequence number and moves to `unacked`; null for none, or when
-// memory ran out, and it stays.
+// The first waiting packet gets the sequence number and counts as sent; null for none.
 [[nodiscard]] OutPacket* sendBufferNext(SendBuffer* buffer, uint64_t seq);
 
-// The unacknowledged packet of that number, or null.
+// The sent packet of that number that isn't acknowledged, or null.
 [[nodiscard]] OutPacket* sendBufferFind(const SendBuffer* buffer, uint64_t seq);
 
 // Frees what is acknowledged by `ack`, the fragments of a message only together.
 void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack);
 
 // The connection opens anew and keeps its data: all payload that isn't acknowledged, and with it
-// the fragments that were kept for it, returns to the front of the queue, without numbers; packets
-// without payload (SYN, FIN) are dropped. What was delayed goes to the end. Returns the lowest
-// sequence number of what was moved, 0 for none. Can't fail: room was made when the packets left.
+// the fragments that were kept for it, waits again ahead of the rest, without numbers; packets
+// without payload (SYN, FIN) are dropped. Nothing is delayed any more. Returns the lowest sequence
+// number of what waits again, 0 for none.
 uint64_t sendBufferRewind(SendBuffer* buffer);
 
-// Drops packets without payload that wait for an acknowledgement.
+// Drops sent packets without payload ahead of and behind all sent payload.
 void sendBufferDropControl(SendBuffer* buffer);
 
 // Payload bytes of messages that aren't acknowledged whole.
