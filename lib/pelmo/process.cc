@@ -10,6 +10,7 @@
 #include "lib/runtime/id.h"
 #include "lib/transport/daemon/daemon_link.h"
 #include "lib/transport/ipq/write_queue.h"
+#include "lib/transport/reliable/send_buffer.h"
 #include "lib/transport/transport_internal.h"
 
 constinit LibraryState library;
@@ -49,7 +50,9 @@ pelmoStatus processTablesLocked() {
     status = bufferPoolCreate();
     if (status == kStatusSuccess) status = msgPoolCreate();
     if (status == kStatusSuccess) status = writeRecordPoolCreate();
+    if (status == kStatusSuccess) status = outPacketPoolCreate();
     if (status != kStatusSuccess) {
+        writeRecordPoolDestroy();
         msgPoolDestroy();
         bufferPoolDestroy();
         idTablesDestroy();
