@@ -1,13 +1,21 @@
 // Puts together what comes in pieces or out of order, and gives whole messages in order.
 //
-// An entry is a message of which fragments have come, under the number of its first one, or a
-// packet of whole messages that came ahead of a gap, under its own. A message's bytes take memory
-// as they come, never more than twice what has arrived: a fragment is believed only where its
-// offset fits its sequence number, so that none can lie further ahead than the receive window.
+//     next                                next + kReceiveWindow
+//      |   |   | W |   | M | M |  ...  |   |
+//        current M      what came ahead: whole packets W, fragments of messages M
 //
-// A message that can't be put together (contradicting fragments, no memory, above a bound) is
-// abandoned: its loss is told once, with its size, and later fragments of it are dropped. What
-// comes behind it is delivered.
+// Each number of the receive window has a place that tells what came under it. As `next` moves over
+// the places, packets are delivered, and fragments add to `current`, the one message that has begun
+// below `next`; with its last one it is delivered, too.
+//
+// A message's bytes take memory as they come: twice what has arrived at most, and the window. A
+// fragment is believed only where its place in the message fits its number, so that none can lie
+// further ahead.
+//
+// A message that can't be put together (contradicting fragments, a number that something else took,
+// no memory, above a bound) is abandoned: its loss is told once, with its size, and later fragments
+// of it are dropped. So is what a packet has behind a message that is none. What comes behind is
+// delivered.
 //
 // Ownership: the record owns its entries. Messages belong to whoever takes the batch. Payloads are
 // copied.
@@ -23,7 +31,7 @@
 #include "lib/transport/reliable/packet.h"
 
 struct Dpa;
-struct Hash;
+struct ReassemblyEntry;
 
 inline constexpr uint32_t kMostReassemblyPeerBytes = 0x4000000 + 0x10000;  // one longest message
 inline constexpr uint64_t kMostReassemblyBytes = 0x10000000;               // 256 MiB
@@ -37,8 +45,11 @@ struct ReassemblyShare {
 enum class ReassemblyBound : uint8_t { kNone, kPeer, kEndpoint };
 
 struct Reassembly {
-    Hash* entries;   // made at first use
-    Dpa* abandoned;  // numbers of first fragments; made at first use
+    uint64_t next;             // the number that nothing has come under yet, and all below it has
+    ReassemblyEntry* current;  // null: no message has begun below `next`
+    ReassemblyEntry* places[kReceiveWindow];  // by number modulo the window; null: nothing came
+    uint32_t ahead;                           // places in use
+    uint32_t abandoned;                       // bit i: a message that begins at `next` + i
     uint64_t bytes;
     ReassemblyShare* share;
 };
@@ -46,7 +57,7 @@ struct Reassembly {
 struct ReassemblyInput {
     const Packet* packet;  // with a payload
     bool inOrder;
-    uint64_t rcvNxt;  // behind the packet, where it was in order
+    uint64_t rcvNxt;  // behind the packet, where it was in order, and a FIN behind that
 };
 
 struct ReassemblyResult {
@@ -62,4 +73,5 @@ void reassemblyFree(Reassembly* reassembly);
 
 [[nodiscard]] bool reassemblyIsEmpty(const Reassembly* reassembly);
 
+// A connection that opened anew begins with other numbers: what is held for the old ones goes.
 void reassemblyTake(Reassembly* reassembly, const ReassemblyInput& input, ReassemblyResult* result);
