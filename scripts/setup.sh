@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # setup.sh [--long | --bench]: prepares a fresh Debian 12 to build and run the tree: it installs the missing
 # packages and puts the two modules beside the built program. With --long it also installs what only
-# the long tests need, with --bench the brokers that bench/bus.sh measures beside pmd, and their
-# client libraries. A second run finds all in place and doesn't call apt.
+# the long tests need, with --bench what the benches alone compare with: the brokers that bench/bus.sh
+# measures beside pmd, their client libraries, and the libraries that bench/direct.sh measures beside
+# reliable endpoints. A second run finds all in place and doesn't call apt.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -40,6 +41,8 @@ if [ "${1:-}" = --bench ]; then
     need libnats-dev have_header nats/nats.h
     need mosquitto test -x /usr/sbin/mosquitto
     need libmosquitto-dev have_header mosquitto.h
+    need libenet-dev have_header enet/enet.h
+    need libusrsctp-dev have_header usrsctp.h
 fi
 need debian-archive-keyring test -f /usr/share/keyrings/debian-archive-keyring.gpg
 
