@@ -52,13 +52,13 @@ void classifyData(benchmark::State& state) {
     const Tree tree;
     const std::vector<Bytes> packets = dataPackets(subjects, hosts);
     for (const Bytes& packet : packets) {
-        analyzePacket(packet.data(), packet.size());
+        analyzePacket({}, packet.data(), packet.size());
     }
     size_t next = 0;
     for (auto _ : state) {
         const Bytes& packet = packets[next];
         if (++next == packets.size()) next = 0;
-        analyzePacket(packet.data(), packet.size());
+        analyzePacket({}, packet.data(), packet.size());
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -72,7 +72,7 @@ void classifyOther(benchmark::State& state) {
     const Tree tree;
     const Bytes packet = udpPacket({}, Bytes(300));
     for (auto _ : state) {
-        analyzePacket(packet.data(), packet.size());
+        analyzePacket({}, packet.data(), packet.size());
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -97,7 +97,7 @@ void snapshot(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
         for (const Bytes& packet : packets) {
-            analyzePacket(packet.data(), packet.size());
+            analyzePacket({}, packet.data(), packet.size());
         }
         state.ResumeTiming();
         benchmark::DoNotOptimize(snapshotTake({}));

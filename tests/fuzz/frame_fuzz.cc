@@ -98,8 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t sizeBytes) {
     FuzzedDataProvider input(data, sizeBytes);
     openRun();
     traceSettings.displayRate = input.ConsumeBool();
-    CaptureContext context = {
-        [](TimeSpec, const uint8_t* ip, size_t length) { analyzePacket(ip, length); }};
+    CaptureContext context = {analyzePacket};
     for (int32_t i = 0; i < kFramesMax && input.remaining_bytes() > 0; ++i) {
         const Bytes frame = someFrame(input);
         pcap_pkthdr header = {};

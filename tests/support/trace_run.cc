@@ -135,7 +135,7 @@ Lines TraceRun::logged() {
 
 void analyze(const std::vector<Bytes>& packets) {
     for (const Bytes& packet : packets) {
-        analyzePacket(packet.data(), packet.size());
+        analyzePacket({}, packet.data(), packet.size());
     }
 }
 

@@ -2,11 +2,7 @@
 
 #include <stdio_ext.h>
 
-#include <cstdio>
-
 #include "lib/base/log.h"
-#include "trace/capture/capture_state.h"
-#include "trace/capture/saved_capture.h"
 
 namespace {
 
@@ -60,17 +56,6 @@ pcap_t* openWithRoom(const char* name) {
     return nullptr;
 }
 
-void describeSavefile(pcap_t* capture) {
-    const int snapshotBytes = pcap_snapshot(capture);
-    if (snapshotBytes < kFullFrameBytes) {
-        logPrint("savefile snapshot size (%d) was less than full packet", snapshotBytes);
-        logPrint("subject based information will not be accurate");
-    }
-    if (pcap_is_swapped(capture)) logPrint("Note: swapped save file\n");
-    logPrint("savefile created by pcap version %d.%d\n", pcap_major_version(capture),
-             pcap_minor_version(capture));
-}
-
 bool isSaved(pcap_t* capture) {
     return pcap_file(capture) != nullptr;
 }
@@ -100,19 +85,18 @@ std::string buildFilter(Texts srcAddrs, Texts dstAddrs, Texts ports) {
     return filter;
 }
 
-pcap_t* openLive(const char* interfaceName) {
-    const char* const name = interfaceName != nullptr ? interfaceName : defaultInterface();
-    if (name == nullptr) return nullptr;
+const char* liveInterface(const char* name) {
+    return name != nullptr ? name : defaultInterface();
+}
 
-    captureState.interfaceName = name;
-    std::printf("Using interface %s\n", name);
-    if (pcap_t* const capture = openWithRoom(name)) return capture;
+pcap_t* openLive(const char* interfaceName) {
+    if (pcap_t* const capture = openWithRoom(interfaceName)) return capture;
 
     // The second try leaves the buffer's size to libpcap. Where that wasn't the reason, it fails
     // too, and its words tell the reason.
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* const capture =
-        pcap_open_live(name, kFullFrameBytes, kPromiscuous, kReadTimeoutMs, error);
+        pcap_open_live(interfaceName, kFullFrameBytes, kPromiscuous, kReadTimeoutMs, error);
     if (capture == nullptr) logPrint("pcap_open_live: %s", error);
     return capture;
 }
@@ -125,12 +109,23 @@ pcap_t* openOffline(const char* path) {
         return nullptr;
     }
     spareStreamLock(pcap_file(capture));
-    describeSavefile(capture);
     return capture;
 }
 
+void warnOfCutFrames(pcap_t* capture) {
+    const int snapshotBytes = pcap_snapshot(capture);
+    if (snapshotBytes >= kFullFrameBytes) return;
+    logPrint("savefile snapshot size (%d) was less than full packet", snapshotBytes);
+    logPrint("subject based information will not be accurate");
+}
+
+void describeSavefile(pcap_t* capture) {
+    if (pcap_is_swapped(capture)) logPrint("Note: swapped save file\n");
+    logPrint("savefile created by pcap version %d.%d\n", pcap_major_version(capture),
+             pcap_minor_version(capture));
+}
+
 bool installFilter(pcap_t* capture, const char* text) {
-    std::printf("Using filter %s\n", text);
     bpf_program program = {};
     if (pcap_compile(capture, &program, text, kOptimize, kNoNetmask) != 0) {
         logPrint("pcap_compile: %s", pcap_geterr(capture));
@@ -149,5 +144,18 @@ void runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count) {
     u_char* const user = reinterpret_cast<u_char*>(&context);
     const int ended = isSaved(capture) ? savedCaptureLoop(count, frameHandler, user)
                                        : pcap_loop(capture, count, frameHandler, user);
-    if (ended < 0) logPrint("pcap_loop: %s", pcap_geterr(capture));
+    if (ended < 0 && !savedCaptureIsBroken()) logPrint("pcap_loop: %s", pcap_geterr(capture));
+}
+
+// libpcap is told first: once the reading has stopped it shall not take that for the file's end.
+void breakCaptureLoop(pcap_t* capture) {
+    pcap_breakloop(capture);
+    savedCaptureBreak();
+}
+
+bool captureDrops(pcap_t* capture, CaptureDrops* out) {
+    pcap_stat stats = {};
+    if (capture == nullptr || pcap_stats(capture, &stats) != 0) return false;
+    *out = {.kernel = stats.ps_drop, .interface = stats.ps_ifdrop};
+    return true;
 }

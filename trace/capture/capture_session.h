@@ -11,10 +11,12 @@
 
 #include <pcap/pcap.h>
 
+#include <cstdint>
 #include <span>
 #include <string>
 
 #include "trace/capture/frame.h"
+#include "trace/capture/saved_capture.h"
 
 // A full Ethernet frame: what a live source captures of each, and what a capture file should have.
 constexpr int kFullFrameBytes = 1518;
@@ -24,15 +26,34 @@ constexpr int kFullFrameBytes = 1518;
                                       std::span<const char* const> dstAddrs,
                                       std::span<const char* const> ports);
 
-// Without a name, the default device. Null on failure, here and below.
+// The name, or without one that of the default device. Null on failure, here and below.
+[[nodiscard]] const char* liveInterface(const char* name);
+
 [[nodiscard]] pcap_t* openLive(const char* interfaceName);
 
 // "-" is the standard input. The process has one buffer to read ahead with: one such source is open
 // at a time.
 [[nodiscard]] pcap_t* openOffline(const char* path);
 
+// Logs what a saved capture is. Frames that it may have cut short are told by a call of their own.
+void describeSavefile(pcap_t* capture);
+void warnOfCutFrames(pcap_t* capture);
+
 // A source whose filter failed delivers everything.
 [[nodiscard]] bool installFilter(pcap_t* capture, const char* text);
 
 // Hands each frame to frameHandler, until `count` have passed the filter; 0: until the source ends.
 void runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count);
+
+// Ends the loop of a saved capture, and all further ones, within a quarter of a second; that is no
+// failure. Any thread; it may come ahead of the loop.
+void breakCaptureLoop(pcap_t* capture);
+
+// Frames of a live source that were lost since it was opened: for lack of room in the system's
+// buffer, and by the interface. The numbers wrap around.
+struct CaptureDrops {
+    uint32_t kernel, interface;
+};
+
+// False where the system doesn't tell. One thread at a time.
+[[nodiscard]] bool captureDrops(pcap_t* capture, CaptureDrops* out);

@@ -21,29 +21,36 @@ void saveFrame(const pcap_pkthdr* header, const u_char* bytes) {
     captureFileSave(*header, bytes);
 }
 
+void countFault(Fault fault, TimeSpec time) {
+    const LockGuard guard(statsLock);
+    faultCount(statistics.faults, fault, time);
+}
+
 void reportNoIpHeader(Bytes frame, size_t leftBytes) {
     const uint8_t* const destination = frame.data();
     const uint8_t* const source = frame.data() + kSourceMacOffset;
     logPrint(
-        "Ethernet/IP packet too small to contain IP header\n"
+        "%s\n"
         "    Length: %d\n"
         "    Source: %02x:%02x:%02x:%02x:%02x:%02x\n"
         "    Dest:   %02x:%02x:%02x:%02x:%02x:%02x",
-        static_cast<int>(leftBytes), source[0], source[1], source[2], source[3], source[4],
-        source[5], destination[0], destination[1], destination[2], destination[3], destination[4],
-        destination[5]);
+        faultRow(Fault::kIpHeaderCut).format, static_cast<int>(leftBytes), source[0], source[1],
+        source[2], source[3], source[4], source[5], destination[0], destination[1], destination[2],
+        destination[3], destination[4], destination[5]);
 }
 
 // The result is empty where the frame is too small to have one.
-Bytes findIpPacket(Bytes frame) {
+Bytes findIpPacket(Bytes frame, TimeSpec time) {
     if (frame.size() < kEthernetHeaderBytes) {
-        logPrint("Packet too small to contain Ethernet header");
+        countFault(Fault::kEthernetHeaderCut, time);
+        logPrint("%s", faultRow(Fault::kEthernetHeaderCut).format);
         return {};
     }
 
     const bool isEthernet = loadBe16At(frame.data() + kEthertypeOffset) == kEthertypeIp;
     const Bytes ip = isEthernet ? frame.subspan(kEthernetHeaderBytes) : frame;
     if (ip.size() < kIpHeaderBytes) {
+        countFault(Fault::kIpHeaderCut, time);
         reportNoIpHeader(frame, ip.size());
         return {};
     }
@@ -63,8 +70,9 @@ void frameHandler(u_char* user, const pcap_pkthdr* header, const u_char* bytes) 
     if (captureShuttingDown()) return;
     if (captureState.savingFrames) saveFrame(header, bytes);
 
-    const Bytes ip = findIpPacket({bytes, header->caplen});
+    const TimeSpec time = packetTime(header->ts);
+    const Bytes ip = findIpPacket({bytes, header->caplen}, time);
     if (ip.empty()) return;
     const auto* context = reinterpret_cast<const CaptureContext*>(user);
-    context->packetHandler(packetTime(header->ts), ip.data(), ip.size());
+    context->packetHandler(time, ip.data(), ip.size());
 }

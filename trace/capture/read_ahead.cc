@@ -1,5 +1,6 @@
 #include "trace/capture/read_ahead.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,6 +8,16 @@
 #include <cstring>
 
 namespace {
+
+constexpr int kLookMilliseconds = 250;
+
+// Waits until there is something to read, or until the reading was stopped. A regular file is
+// always ready.
+void awaitBytes(const ReadAhead& source) {
+    pollfd wait = {.fd = source.descriptor, .events = POLLIN, .revents = 0};
+    while (!readAheadIsStopped(source) && poll(&wait, 1, kLookMilliseconds) == 0) {
+    }
+}
 
 // Moves the rest ahead of the window and fills that anew. What read(2) gives.
 ssize_t step(ReadAhead& source) {
@@ -18,6 +29,8 @@ ssize_t step(ReadAhead& source) {
 
     ssize_t got;
     do {
+        awaitBytes(source);
+        if (readAheadIsStopped(source)) return 0;
         got = read(source.descriptor, window, kReadAheadWindowBytes);
     } while (got < 0 && errno == EINTR);
     if (got > 0) source.end += got;
@@ -54,7 +67,16 @@ bool setBack(const ReadAhead& source) {
 
 void readAheadBegin(ReadAhead& source, int descriptor) {
     source.descriptor = descriptor;
+    source.stopped = false;
     source.begin = source.end = source.bytes + kReadAheadMostHeldBytes;
+}
+
+void readAheadStop(ReadAhead& source) {
+    source.stopped.store(true, std::memory_order_relaxed);
+}
+
+bool readAheadIsStopped(const ReadAhead& source) {
+    return source.stopped.load(std::memory_order_relaxed);
 }
 
 bool readAheadFill(ReadAhead& source, size_t sizeBytes) {

@@ -20,6 +20,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -31,6 +32,10 @@ constexpr size_t kReadAheadMostHeldBytes = 68 << 10;
 
 struct ReadAhead {
     int descriptor;
+
+    // Set by any thread. It orders nothing, hence relaxed: a reader finds it at the next step.
+    std::atomic<bool> stopped;
+
     const uint8_t* begin;  // of what nobody has taken yet
     const uint8_t* end;
     uint8_t bytes[kReadAheadMostHeldBytes + kReadAheadWindowBytes];
@@ -41,6 +46,11 @@ void readAheadBegin(ReadAhead& source, int descriptor);
 // Reads on until so many bytes, at most kReadAheadMostHeldBytes, stand from `begin` on. False where
 // the source ended or failed first; what there was stands there then.
 [[nodiscard]] bool readAheadFill(ReadAhead& source, size_t sizeBytes);
+
+// Makes all further steps find the source's end, also one that waits for a pipe, in a quarter of a
+// second.
+void readAheadStop(ReadAhead& source);
+[[nodiscard]] bool readAheadIsStopped(const ReadAhead& source);
 
 [[nodiscard]] inline size_t readAheadHeld(const ReadAhead& source) {
     return static_cast<size_t>(source.end - source.begin);

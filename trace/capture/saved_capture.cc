@@ -1,6 +1,7 @@
 #include "trace/capture/saved_capture.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -138,6 +139,23 @@ pcap_t* savedCaptureOpen(const char* path, char* error) {
     }
     saved.snapshotBytes = static_cast<uint32_t>(pcap_snapshot(saved.capture));
     return saved.capture;
+}
+
+void savedCaptureBreak() {
+    readAheadStop(saved.source);
+}
+
+bool savedCaptureIsBroken() {
+    return readAheadIsStopped(saved.source);
+}
+
+SavedExtent savedCaptureExtent() {
+    struct stat status = {};
+    const int descriptor = saved.source.descriptor;
+    if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    const off_t position = lseek(descriptor, 0, SEEK_CUR);
+    if (position < 0 || status.st_size < 0) return {};
+    return {static_cast<uint64_t>(position), static_cast<uint64_t>(status.st_size)};
 }
 
 void savedCaptureSwapFilter(bpf_program& program, const char* text) {

@@ -20,6 +20,8 @@
 
 #include <pcap/pcap.h>
 
+#include <cstdint>
+
 // What pcap_open_offline does. "-" is the standard input.
 [[nodiscard]] pcap_t* savedCaptureOpen(const char* path, char* error);
 
@@ -29,3 +31,14 @@ void savedCaptureSwapFilter(bpf_program& program, const char* text);
 
 // What pcap_loop does for the capture that is open. A frame's bytes are borrowed for the call.
 [[nodiscard]] int savedCaptureLoop(int count, pcap_handler handler, u_char* user);
+
+// Lets the reading come to its end wherever it is, for good. Any thread, as the two below.
+void savedCaptureBreak();
+[[nodiscard]] bool savedCaptureIsBroken();
+
+// How far the capture was read, in steps of up to 256 KiB, and its size by now. Zeros for what is
+// no regular file.
+struct SavedExtent {
+    uint64_t readBytes, fileBytes;
+};
+[[nodiscard]] SavedExtent savedCaptureExtent();

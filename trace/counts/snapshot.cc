@@ -1,5 +1,6 @@
 #include "trace/counts/snapshot.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -218,17 +219,31 @@ void copyPort(uint32_t number, PortEntry& port, Places& places) {
     port.live = 0;
 }
 
+uint64_t faultyPackets(Fault fault) {
+    return statistics.faults[static_cast<size_t>(fault)].packets;
+}
+
+// Those that didn't reach classification.
+uint64_t cutFrames() {
+    return faultyPackets(Fault::kEthernetHeaderCut) + faultyPackets(Fault::kIpHeaderCut);
+}
+
 void fillHead(SnapHeader& head, TimeSpec time, const Sizes& sizes, const Places& places)
     PELMO_REQUIRES(statsLock) {
     head = {
         .prevTime = prevTime,
         .thisTime = time,
+        .frames = statistics.totalPackets + cutFrames(),
         .packets = statistics.totalPackets,
         .oskaPackets = statistics.oskaPackets,
+        .source = {},
+        .faults = {},
         .portCount = static_cast<uint32_t>(sizes.ports),
         .ports = places.ports,
     };
     prevTime = time;
+    std::ranges::copy(statistics.faults, head.faults);
+    std::ranges::fill(statistics.faults, FaultCount{});
     statistics.totalPackets = statistics.oskaPackets = 0;
     statistics.live = {};
 }

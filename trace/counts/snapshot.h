@@ -23,6 +23,7 @@
 #include <cstdint>
 
 #include "lib/base/clock.h"
+#include "trace/counts/faults.h"
 #include "trace/counts/two_sided_counters.h"
 
 struct SnapHost {
@@ -78,11 +79,26 @@ struct SnapPort {
     SnapPtpHost* ptpHosts;
 };
 
+// What the source tells of itself. Whoever runs the source fills it in (trace/run/), for forms of
+// output that ask for it.
+struct SnapSource {
+    // Live: frames of the interval that were lost on their way to the tool. 0 where the system
+    // doesn't tell.
+    uint64_t kernelDrops;     // no room in the system's buffer: the tool was too slow
+    uint64_t interfaceDrops;  // by the interface or its driver
+
+    // A saved capture: how far it was read, and its size. 0 where it is no regular file.
+    uint64_t readBytes, fileBytes;
+};
+
 struct SnapHeader {
     TimeSpec prevTime;  // when the snapshot before was taken
     TimeSpec thisTime;
+    uint64_t frames;       // that came from the source
     uint64_t packets;      // of any kind that reached classification
     uint64_t oskaPackets;  // those of the bus among them
+    SnapSource source;
+    FaultCounts faults;
     uint32_t portCount;
     SnapPort* ports;
 };

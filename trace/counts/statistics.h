@@ -37,6 +37,7 @@
 #include "lib/base/status.h"
 #include "lib/containers/dict.h"
 #include "trace/counts/charge_line.h"
+#include "trace/counts/faults.h"
 #include "trace/counts/host_index.h"
 #include "trace/counts/live_list.h"
 #include "trace/counts/subjects.h"
@@ -121,9 +122,11 @@ struct Statistics {
     ProbeIndex hosts, rlHosts, ptpHosts;  // of all ports
     uint32_t totalPackets;                // reached classification since the last snapshot
     uint32_t oskaPackets;                 // of these, those with the magic number
+    TimeSpec packetTime;                  // of the packet that is being classified
     LiveCounts live;
     LinePool subjectLines;  // of all nets' subjects
     ChargeLine charges;
+    FaultCounts faults;  // since the last snapshot
 };
 
 extern Statistics statistics;

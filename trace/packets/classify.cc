@@ -38,7 +38,7 @@ struct Extent {
 Extent settleExtent(const uint8_t* ip, size_t length, uint32_t srcIp) {
     const size_t datagramEnd = kUdpOffset + loadBe16At(ip + kUdpLengthOffset);
     if (datagramEnd > loadBe16At(ip + kIpTotalLengthOffset)) {
-        complain(srcIp, "OSKA packet with UDP size greater than IP size");
+        complain(Fault::kUdpLengthTooLarge, srcIp);
         return {length, true, true};
     }
     if (length < datagramEnd) return {length, false, false};
@@ -58,14 +58,14 @@ bool checksumHolds(const uint8_t* ip, size_t udpLength) {
 bool checksumFails(const uint8_t* ip, size_t length, const Extent& extent, uint32_t srcIp) {
     const uint16_t stored = loadNet16At(ip + kUdpChecksumOffset);
     if (stored == 0) {
-        complain(srcIp, "OSKA packet without UDP checksum");
+        complain(Fault::kUdpChecksumMissing, srcIp);
         return true;
     }
 
     const size_t udpLength = loadBe16At(ip + kUdpLengthOffset);
     const bool sound = udpLength >= kUdpHeaderBytes && kUdpOffset + udpLength <= length;
     if (!extent.complete || !sound || checksumHolds(ip, udpLength)) return false;
-    complain(srcIp, "OSKA packet with invalid UDP checksum");
+    complain(Fault::kUdpChecksumInvalid, srcIp);
     return true;
 }
 
@@ -124,12 +124,12 @@ void dispatch(const OskaPacket& packet) {
 
 }  // namespace
 
-void classifyPacket(const uint8_t* ip, size_t length) {
+void classifyPacket(TimeSpec time, const uint8_t* ip, size_t length) {
     ++statistics.totalPackets;
+    statistics.packetTime = time;
     if (length <= kIpProtocolOffset || ip[kIpProtocolOffset] != kProtocolUdp) return;
     if (length < kOskaOffset) {
-        complain(loadNet32({{ip, length}}, kIpSrcOffset),
-                 "IP/UDP Packet too small to contain UDP header");
+        complain(Fault::kUdpHeaderCut, loadNet32({{ip, length}}, kIpSrcOffset));
         return;
     }
     if (length < kOskaOffset + kLeastOskaBytes) return;
@@ -146,7 +146,7 @@ HostPath senderAhead(const uint8_t* ip, size_t length) {
             loadNet16At(ip + kUdpDstPortOffset)};
 }
 
-void analyzePacket(const uint8_t* ip, size_t length) {
+void analyzePacket(TimeSpec time, const uint8_t* ip, size_t length) {
     const LockGuard guard(statsLock);
-    classifyPacket(ip, length);
+    classifyPacket(time, ip, length);
 }

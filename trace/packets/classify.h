@@ -10,7 +10,8 @@
 // The tool watches, it drops nothing: once the magic has matched, a faulty packet is counted by its
 // type and marked bad. Traffic that isn't the bus's leaves after two tests and a compare.
 //
-// Failure: none is answered. Faults are told with "-complain".
+// Failure: none is answered. Faults are counted by kind (trace/counts/faults.h) and told with
+// "-complain".
 //
 // Threads: analyzePacket takes `statsLock` for one packet; classifyPacket wants it held, or a run
 // where no other thread counts.
@@ -22,11 +23,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "lib/base/clock.h"
 #include "trace/counts/host_index.h"
 
-// `ip` begins at the IP header, `length` are the bytes in hand from there.
-void analyzePacket(const uint8_t* ip, size_t length);
-void classifyPacket(const uint8_t* ip, size_t length);
+// `time` is the packet's own. `ip` begins at the IP header, `length` are the bytes in hand from
+// there.
+void analyzePacket(TimeSpec time, const uint8_t* ip, size_t length);
+void classifyPacket(TimeSpec time, const uint8_t* ip, size_t length);
 
 // Where the sender of a data or null packet is counted; of any other, nowhere that matters.
 [[nodiscard]] HostPath senderAhead(const uint8_t* ip, size_t length);

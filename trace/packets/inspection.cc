@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "lib/base/log.h"
+#include "trace/counts/statistics.h"
 #include "trace/packets/address.h"
 #include "trace/settings.h"
 
@@ -24,54 +25,61 @@ uint32_t dstOf(const Inspection& inspection) {
     return loadNet32(inspection.packet.header, kOskaDstOffset);
 }
 
-[[gnu::cold]] void addressFault(Inspection& inspection, const char* which, uint32_t address) {
+void addressFault(Inspection& inspection, Fault fault, uint32_t address) {
     inspection.bad = true;
-    complain(inspection.packet.srcIp, "OSKA %s packet with invalid oska %s (%08x)", inspection.word,
-             which, address);
+    complain(fault, inspection.packet.srcIp, inspection.word, address);
 }
 
 }  // namespace
 
-void complain(uint32_t srcIp, const char* format, ...) {
+void complain(Fault fault, uint32_t srcIp, ...) {
+    faultCount(statistics.faults, fault, statistics.packetTime);
     if (!traceSettings.complain) return;
-    char fault[128];  // the longest takes under 80
+    const FaultRow& row = faultRow(fault);
+    char text[128];  // the longest takes under 80
     va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(fault, sizeof fault, format, arguments);
+    va_start(arguments, srcIp);
+    std::vsnprintf(text, sizeof text, row.format, arguments);
     va_end(arguments);
-    logPrint("%s from %s", fault, ipToText(srcIp));
+    if (row.line == FaultLine::kMessage) {
+        logPrint("Invalid message from %s - %s", ipToText(srcIp), text);
+    } else {
+        logPrint("%s from %s", text, ipToText(srcIp));
+    }
 }
 
 bool headerInHand(Inspection& inspection, const char* headerWord, size_t headerBytes) {
     if (cursorHolds(inspection.packet.header, 0, headerBytes)) return true;
     if (!inspection.packet.complete) return false;
     inspection.bad = true;
-    complain(inspection.packet.srcIp, "OSKA %s packet too small for %s header", inspection.word,
-             headerWord);
+    complain(Fault::kHeaderCut, inspection.packet.srcIp, inspection.word, headerWord);
     return false;
 }
 
 void checkSrc(Inspection& inspection) {
     const uint32_t src = srcOf(inspection);
-    if (src == kAddressNone || src == kAddressAll) addressFault(inspection, "src", src);
+    if (src == kAddressNone || src == kAddressAll)
+        addressFault(inspection, Fault::kSourceInvalid, src);
 }
 
 void checkDstGroup(Inspection& inspection) {
     const uint32_t dst = dstOf(inspection);
-    if (dst != kAddressNone && !isMulticast(dst)) addressFault(inspection, "dst", dst);
+    if (dst != kAddressNone && !isMulticast(dst))
+        addressFault(inspection, Fault::kDestinationInvalid, dst);
 }
 
 void checkDstHost(Inspection& inspection) {
     const uint32_t dst = dstOf(inspection);
-    if (dst == kAddressNone || dst == kAddressAll) addressFault(inspection, "dst", dst);
+    if (dst == kAddressNone || dst == kAddressAll)
+        addressFault(inspection, Fault::kDestinationInvalid, dst);
 }
 
 void checkDstSameIp(Inspection& inspection) {
     const uint32_t dst = dstOf(inspection);
     if (dst == inspection.packet.dstIp) return;
     inspection.bad = true;
-    complain(inspection.packet.srcIp, "OSKA %s packet with invalid oska dst (%08x/%08x)",
-             inspection.word, dst, inspection.packet.dstIp);
+    complain(Fault::kDestinationMismatch, inspection.packet.srcIp, inspection.word, dst,
+             inspection.packet.dstIp);
 }
 
 uint32_t checkDataLength(Inspection& inspection) {
@@ -79,14 +87,14 @@ uint32_t checkDataLength(Inspection& inspection) {
     const auto length = static_cast<int16_t>(loadBe16(packet.header, kOskaDataLengthOffset));
     if (length <= 0) {
         inspection.bad = true;
-        complain(packet.srcIp, "OSKA %s packet with invalid length (%d)", inspection.word, length);
+        complain(Fault::kLengthInvalid, packet.srcIp, inspection.word, int{length});
         return 0;
     }
 
     const auto dataBytes = static_cast<uint32_t>(length);
     if (packet.complete && !cursorHolds(packet.header, kOskaDataHeaderBytes, dataBytes)) {
         inspection.bad = true;
-        complain(packet.srcIp, "OSKA %s packet larger than UDP payload", inspection.word);
+        complain(Fault::kLengthTooLarge, packet.srcIp, inspection.word);
     }
     return dataBytes;
 }

@@ -1,6 +1,6 @@
-// One packet on its way through the checks of its handler. A fault is logged, with "-complain"
-// only, and marks the packet bad. It changes nothing else: a bad packet is counted like a good one,
-// and once as bad besides, however many faults it has.
+// One packet on its way through the checks of its handler. A fault is counted by its kind, logged
+// with "-complain" only, and marks the packet bad. It changes nothing else: a bad packet is counted
+// like a good one, and once as bad besides, however many faults it has.
 //
 // Threads: under `statsLock`.
 
@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "trace/counts/faults.h"
 #include "trace/packets/oska.h"
 
 struct Inspection {
@@ -16,8 +17,9 @@ struct Inspection {
     bool bad;
 };
 
-// Logs "<format ...> from <source address>" with "-complain". Without it nothing is formatted.
-[[gnu::format(printf, 2, 3)]] void complain(uint32_t srcIp, const char* format, ...);
+// Counts the fault for the packet that is being classified, and logs it with "-complain". The
+// arguments are those of the fault's format; without "-complain" nothing is formatted.
+[[gnu::cold]] void complain(Fault fault, uint32_t srcIp, ...);
 
 // Is the type's header in hand? Where the capture cut it off, the sender is not at fault; anywhere
 // else the fault is logged and the packet is bad.

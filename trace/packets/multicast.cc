@@ -108,6 +108,6 @@ void nullHandle(const OskaPacket& packet) {
 void unknownTypeHandle(const OskaPacket& packet) {
     HostEntry* sender = findSender(packet);
     if (sender == nullptr) return;
-    complain(packet.srcIp, "OSKA packet with invalid type (%d)", packet.type);
+    complain(Fault::kTypeInvalid, packet.srcIp, int{packet.type});
     ++sender->bad;
 }

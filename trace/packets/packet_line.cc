@@ -19,6 +19,7 @@ constexpr size_t kLargestBytes = 512;
 constexpr uint32_t kCachedHosts = 4096;
 
 struct WaitingPacket {
+    TimeSpec time;
     uint32_t senderHash;
     size_t length;
     uint8_t ip[kLargestBytes];  // only its own length is set
@@ -39,13 +40,14 @@ WaitingPacket& packetAhead(uint32_t behind) {
 
 void classifyOldest() {
     const WaitingPacket& oldest = packetAhead(--line.waiting);
-    classifyPacket(oldest.ip, oldest.length);
+    classifyPacket(oldest.time, oldest.ip, oldest.length);
 }
 
-void enter(const uint8_t* ip, size_t length) {
+void enter(TimeSpec time, const uint8_t* ip, size_t length) {
     ++line.entered;
     ++line.waiting;
     WaitingPacket& packet = packetAhead(0);
+    packet.time = time;
     packet.length = length;
     std::memcpy(packet.ip, ip, length);
     packet.senderHash = hashOfPath(senderAhead(ip, length));
@@ -62,14 +64,14 @@ void moveOn() {
 
 }  // namespace
 
-void packetEnter(const uint8_t* ip, size_t length) {
+void packetEnter(TimeSpec time, const uint8_t* ip, size_t length) {
     const bool pays = statistics.hosts.count > kCachedHosts && length <= kLargestBytes;
     if (pays && !traceSettings.complain) {
-        enter(ip, length);
+        enter(time, ip, length);
         return moveOn();
     }
     packetsSettle();
-    classifyPacket(ip, length);
+    classifyPacket(time, ip, length);
 }
 
 void packetsSettle() {

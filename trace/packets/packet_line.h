@@ -20,8 +20,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "lib/base/clock.h"
+
 // Packets are classified in the order in which they come.
-void packetEnter(const uint8_t* ip, size_t length);
+void packetEnter(TimeSpec time, const uint8_t* ip, size_t length);
 
 // Classifies all that wait: ahead of each snapshot.
 void packetsSettle();

@@ -16,10 +16,10 @@ uint32_t checkList(Inspection& inspection) {
     const uint32_t bytes = listBytes > 0 ? static_cast<uint32_t>(listBytes) : 0;
     if (bytes == 0 || bytes % kItemBytes != 0) {
         inspection.bad = true;
-        complain(packet.srcIp, "OSKA rreq packet with invalid length (%d)", listBytes);
+        complain(Fault::kLengthInvalid, packet.srcIp, inspection.word, listBytes);
     } else if (packet.complete && !cursorHolds(packet.header, kHeaderBytes, bytes)) {
         inspection.bad = true;
-        complain(packet.srcIp, "OSKA rreq packet larger than UDP payload");
+        complain(Fault::kLengthTooLarge, packet.srcIp, inspection.word);
     }
     return bytes / kItemBytes;
 }

@@ -3,14 +3,11 @@
 #include <cstring>
 
 #include "lib/base/bytes.h"
-#include "lib/base/log.h"
 #include "lib/containers/subject.h"
 #include "lib/msg/wire.h"
 #include "trace/counts/charge.h"
 #include "trace/counts/host_status.h"
-#include "trace/packets/address.h"
 #include "trace/packets/inspection.h"
-#include "trace/settings.h"
 
 namespace {
 
@@ -37,16 +34,14 @@ struct Field {
     uint8_t sizeClass;
 };
 
-[[gnu::cold]] Walk messageFault(const ScanSource& source, const char* fault) {
-    if (traceSettings.complain) {
-        logPrint("Invalid message from %s - %s", ipToText(source.srcIp), fault);
-    }
+[[gnu::cold]] Walk messageFault(const ScanSource& source, Fault fault) {
+    complain(fault, source.srcIp);
     return Walk::kFault;
 }
 
 // A message or field reaches past the bytes in hand.
 Walk shortfall(const ScanSource& source) {
-    return source.strict ? messageFault(source, "invalid field") : Walk::kEnd;
+    return source.strict ? messageFault(source, Fault::kMessageFieldInvalid) : Walk::kEnd;
 }
 
 // Reads the field at the begin of `left`, which isn't empty.
@@ -69,7 +64,7 @@ Walk readField(const ScanSource& source, std::span<const uint8_t> left, Field& f
         if (!cursorHolds(data, 0, 4)) return shortfall(source);
         field.dataBytes = loadBe32(data, 0);
     } else {
-        return messageFault(source, "invalid field");
+        return messageFault(source, Fault::kMessageFieldInvalid);
     }
     return cursorHolds(data, 0, field.dataBytes) ? Walk::kGoOn : shortfall(source);
 }
@@ -81,11 +76,12 @@ bool isSubject(const Field& field) {
 
 // A subject without elements is well formed and names nothing: it isn't charged.
 Walk chargeSubject(const ScanSource& source, const Message& message, const Field& field) {
-    if (field.sizeClass != kSizeClass16) return messageFault(source, "corrupt subject field");
+    if (field.sizeClass != kSizeClass16) return messageFault(source, Fault::kMessageSubjectInvalid);
     const uint64_t sender = hostKey(source.srcIp, source.srcPort);
     const ChargeResult result =
         chargeMessage(source.net, sender, {field.data, field.dataBytes}, message.declaredBytes);
-    if (result == ChargeResult::kInvalid) return messageFault(source, "corrupt subject field");
+    if (result == ChargeResult::kInvalid)
+        return messageFault(source, Fault::kMessageSubjectInvalid);
     if (result == ChargeResult::kNoMemory) return Walk::kEnd;
     if (message.inHand == message.declaredBytes && hostStatusMatch(field.data)) {
         hostStatusStore(source.net, message.bytes, message.declaredBytes);
@@ -113,21 +109,19 @@ Walk walkFields(const ScanSource& source, const Message& message) {
 Walk openMessage(const ScanSource& source, std::span<const uint8_t> left, Message& message) {
     const Cursor head{left};
     if (!cursorHolds(head, 0, kMessageHeadBytes)) {
-        if (!source.strict) return Walk::kEnd;
-        complain(source.srcIp, "OSKA payload too small to contain message");
-        return Walk::kFault;
+        return source.strict ? messageFault(source, Fault::kMessageHeaderCut) : Walk::kEnd;
     }
     if (loadBe32(head, kMessageMagicOffset) != kMessageMagic)
-        return messageFault(source, "bad magic");
+        return messageFault(source, Fault::kMessageMagicInvalid);
 
     message = {left.data(), loadBe32(head, 0), left.size()};
     if (message.declaredBytes < kMessageHeadBytes) {
-        return messageFault(source, "invalid message length");
+        return messageFault(source, Fault::kMessageLengthInvalid);
     }
     if (message.declaredBytes <= left.size()) {
         message.inHand = message.declaredBytes;
     } else if (source.strict) {
-        return messageFault(source, "message length greater than payload");
+        return messageFault(source, Fault::kMessageLengthTooLarge);
     }
     return Walk::kGoOn;
 }

@@ -9,6 +9,7 @@
 #include "lib/base/prefetch.h"
 #include "lib/containers/subject.h"
 #include "trace/counts/services.h"
+#include "trace/counts/snapshot_totals.h"
 #include "trace/report/host_report.h"
 #include "trace/report/report_format.h"
 #include "trace/settings.h"
@@ -21,12 +22,7 @@ struct Report {
     FILE* stream;
     ReportView view;
 
-    // Totals of what was sent, over the whole Snapshot. Only the counters of these records are
-    // used.
-    SnapHost mcast;
-    RlCounters retrans;
-    PtpCounters ptp;
-    SnapSubjectHost subjects;
+    SnapTotals totals;
 
     // The buffer of whole rows not yet written.
     char lines[kLinesBytes];
@@ -161,34 +157,6 @@ double secondsBetween(TimeSpec from, TimeSpec to) {
     return nanoseconds / 1e9 + seconds;
 }
 
-void addNet(const SnapNet& net) {
-    for (const SnapHost& host : std::span(net.hosts, net.hostCount)) {
-        addCounters(kMcastTable, report.mcast, host);
-    }
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-        report.subjects.msgs += subject.msgs;
-        report.subjects.bytes += subject.bytes;
-    }
-}
-
-void addUp(const SnapHeader& snapshot) {
-    report.mcast = {};
-    report.retrans = {};
-    report.ptp = {};
-    report.subjects = {};
-    for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
-        for (const SnapNet& net : std::span(port.nets, port.netCount)) {
-            addNet(net);
-        }
-        for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
-            addCounters(kRetransTable, report.retrans, host.counters);
-        }
-        for (const SnapPtpHost& host : std::span(port.ptpHosts, port.ptpHostCount)) {
-            addCounters(kPtpTable, report.ptp, host.counters);
-        }
-    }
-}
-
 void printMcastHost(const SnapHost& host) {
     char* at = appendHostLead(rowBegin(), kOneSidedIndent, host.host, host.port);
     at = appendCounters(at, report.view, kMcastTable, host);
@@ -198,14 +166,9 @@ void printMcastHost(const SnapHost& host) {
 }
 
 void printMcastNet(uint16_t port, const SnapNet& net) {
-    const std::span hosts(net.hosts, net.hostCount);
-    SnapHost sum{};
-    for (const SnapHost& host : hosts) {
-        addCounters(kMcastTable, sum, host);
-    }
-
+    const std::span<const SnapHost> hosts(net.hosts, net.hostCount);
     char* at = appendNetLead(rowBegin(), port, net.net);
-    at = appendCounters(at, report.view, kMcastTable, sum);
+    at = appendCounters(at, report.view, kMcastTable, sumOfHosts(hosts));
     rowEnd(appendText(at, "    -\n"));
     if (!traceSettings.displayAddrInfo) return;
     for (const SnapHost& host : hosts) {
@@ -214,7 +177,7 @@ void printMcastNet(uint16_t port, const SnapNet& net) {
 }
 
 void printMcastTable(const SnapHeader& snapshot) {
-    printTableHead(kMcastTable, report.mcast, "    -\n");
+    printTableHead(kMcastTable, report.totals.multicast, "    -\n");
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
         for (const SnapNet& net : std::span(port.nets, port.netCount)) {
             printMcastNet(port.port, net);
@@ -249,20 +212,11 @@ void printTwoSidedPort(const Table& table,
     }
 }
 
-template <typename Table, typename Host>
-typename Table::Counters sumUp(const Table& table, std::span<const Host> hosts) {
-    typename Table::Counters sum{};
-    for (const auto& host : hosts) {
-        addCounters(table, sum, host.counters);
-    }
-    return sum;
-}
-
 void printRetransTable(const SnapHeader& snapshot) {
-    printTableHead(kRetransTable, report.retrans, "\n");
+    printTableHead(kRetransTable, report.totals.retransmission, "\n");
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
         const std::span<const SnapRlHost> hosts(port.rlHosts, port.rlHostCount);
-        const RlCounters sum = sumUp(kRetransTable, hosts);
+        const RlCounters sum = sumOfHosts(hosts);
         if (!anySent(kRetransTable, sum) && sum.badRecv == 0) continue;
         printTwoSidedPort(kRetransTable, port.servicePort, sum, hosts);
     }
@@ -270,10 +224,10 @@ void printRetransTable(const SnapHeader& snapshot) {
 }
 
 void printPtpTable(const SnapHeader& snapshot) {
-    printTableHead(kPtpTable, report.ptp, "\n");
+    printTableHead(kPtpTable, report.totals.pointToPoint, "\n");
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
         const std::span<const SnapPtpHost> hosts(port.ptpHosts, port.ptpHostCount);
-        const PtpCounters sum = sumUp(kPtpTable, hosts);
+        const PtpCounters sum = sumOfHosts(hosts);
         if (!anySent(kPtpTable, sum)) continue;
         printTwoSidedPort(kPtpTable, port.port, sum, hosts);
     }
@@ -311,7 +265,7 @@ void printSubjects(uint16_t port, const SnapNet& net) {
 }
 
 void printSubjectTable(const SnapHeader& snapshot) {
-    printTableHead(kSubjectTable, report.subjects, "\n");
+    printTableHead(kSubjectTable, report.totals.subjects, "\n");
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
         for (const SnapNet& net : std::span(port.nets, port.netCount)) {
             printSubjects(port.port, net);
@@ -334,8 +288,9 @@ void printAllHostMessages(const SnapHeader& snapshot) {
 void printTables(const SnapHeader& snapshot) {
     const TraceSettings& show = traceSettings;
     if (show.displayMcast) printMcastTable(snapshot);
-    if (show.displayMcast && anySent(kRetransTable, report.retrans)) printRetransTable(snapshot);
-    if (show.displayPtp && anySent(kPtpTable, report.ptp)) printPtpTable(snapshot);
+    if (show.displayMcast && anySent(kRetransTable, report.totals.retransmission))
+        printRetransTable(snapshot);
+    if (show.displayPtp && anySent(kPtpTable, report.totals.pointToPoint)) printPtpTable(snapshot);
     if (show.displaySubjects) printSubjectTable(snapshot);
     if (show.displayHostMsgs) printAllHostMessages(snapshot);
 }
@@ -351,7 +306,7 @@ void printSnapshot(SnapHeader* snapshot) {
 
     // This must precede the sort, while the hosts of subjects still follow each other in the
     // subjects' order.
-    addUp(*snapshot);
+    report.totals = snapshotAddUp(*snapshot);
     snapshotSort(snapshot);
     if (traceSettings.displayMcast && traceSettings.displayAddrInfo) servicesFind(snapshot);
     printTables(*snapshot);

@@ -53,15 +53,6 @@ struct ReportTable {
     Column<Record> columns[kColumns];
 };
 
-// Sums are added up in a record of the same kind.
-template <typename Record, size_t kColumns>
-void addCounters(const ReportTable<Record, kColumns>& table, Record& sum, const Record& record) {
-    for (const Column<Record>& column : table.columns) {
-        sum.*column.sent += record.*column.sent;
-        if (column.recv != nullptr) sum.*column.recv += record.*column.recv;
-    }
-}
-
 template <typename Record, size_t kColumns>
 [[nodiscard]] bool anySent(const ReportTable<Record, kColumns>& table, const Record& record) {
     for (const Column<Record>& column : table.columns) {

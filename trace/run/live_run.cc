@@ -7,13 +7,11 @@
 #include "lib/base/log.h"
 #include "lib/base/log_pace.h"
 #include "lib/base/thread.h"
-#include "trace/capture/capture_file.h"
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
-#include "trace/counts/snapshot.h"
 #include "trace/packets/classify.h"
 #include "trace/run/end_status.h"
-#include "trace/run/report_output.h"
+#include "trace/run/snapshot_sink.h"
 #include "trace/run/stop_wait.h"
 #include "trace/settings.h"
 
@@ -31,12 +29,8 @@ struct LiveRun {
 
 constinit LiveRun liveRun;
 
-void handlePacket(TimeSpec, const uint8_t* ip, size_t length) {
-    analyzePacket(ip, length);
-}
-
 void capture(void*) {
-    runCaptureLoop(captureState.captureHandle, handlePacket, 0);
+    runCaptureLoop(captureState.captureHandle, analyzePacket, 0);
 }
 
 // A timer that was held up catches up by firing several times in a row.
@@ -61,9 +55,7 @@ void onSnapshotTimer() {
     if (captureShuttingDown() || isTooSoon()) return;
     TimeSpec now;
     clockNow(&now);
-    SnapHeader* const snapshot = snapshotTake(now);
-    captureFileFlush();
-    if (snapshot != nullptr) reportPrint(snapshot);
+    snapshotHandOn(now);
     logPaceSettle();
 }
 

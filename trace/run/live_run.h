@@ -14,9 +14,9 @@
 // Once the shutdown has had `statsLock` the thread only looks at that flag, however late its frame.
 void captureThreadRelease();
 
-// Every update interval, on the timer thread: takes a snapshot at the wall clock's time, sees that
-// all saved frames are in their file, and prints the snapshot. Capture doesn't wait for the
-// printing. With an interval of 0 there is one report a millisecond at most.
+// Every update interval, on the timer thread: hands on a Snapshot of the wall clock's time
+// (trace/run/snapshot_sink.h). Capture doesn't wait for what is done with it. With an interval of 0
+// there is one a millisecond at most.
 void onSnapshotTimer();
 
 // Seconds between two calls of it.

@@ -3,14 +3,12 @@
 #include <tuple>
 
 #include "lib/base/clock.h"
-#include "lib/base/log.h"
-#include "trace/capture/capture_file.h"
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
 #include "trace/packets/classify.h"
 #include "trace/packets/packet_line.h"
-#include "trace/run/report_output.h"
+#include "trace/run/snapshot_sink.h"
 #include "trace/settings.h"
 
 namespace {
@@ -32,31 +30,25 @@ TimeSpec afterInterval(TimeSpec time) {
     return {static_cast<int32_t>(seconds), time.nanoseconds};
 }
 
-void reportSnapshot(const TimeSpec& time) {
+void handOn(TimeSpec time) {
     packetsSettle();
-    SnapHeader* const snapshot = snapshotTake(time);
-    captureFileFlush();
-    if (snapshot != nullptr) reportPrint(snapshot);
+    snapshotHandOn(time);
 }
 
 void handleFirstPacket(TimeSpec time, const uint8_t* ip, size_t length) {
     snapshotSetStart(time);
     offlineRun.nextSnapshotTime = afterInterval(time);
-
-    CalendarTime begin;
-    calendarFrom(time.seconds, &begin);
-    logPrint("Savefile begins at %04d/%02d/%02d-%02d:%02d:%02d\n", begin.year, begin.month,
-             begin.day, begin.hour, begin.minute, begin.second);
-    classifyPacket(ip, length);
+    if (snapshotSink.begin != nullptr) snapshotSink.begin(time);
+    classifyPacket(time, ip, length);
 }
 
 void handlePacket(TimeSpec time, const uint8_t* ip, size_t length) {
     if (isLater(time, offlineRun.nextSnapshotTime)) {
-        reportSnapshot(offlineRun.nextSnapshotTime);
+        handOn(offlineRun.nextSnapshotTime);
         offlineRun.nextSnapshotTime = afterInterval(offlineRun.nextSnapshotTime);
     }
     offlineRun.lastPacketTime = time;
-    packetEnter(ip, length);
+    packetEnter(time, ip, length);
 }
 
 }  // namespace
@@ -65,6 +57,6 @@ void runOffline() {
     offlineRun = {};
     runCaptureLoop(captureState.captureHandle, handleFirstPacket, 1);
     runCaptureLoop(captureState.captureHandle, handlePacket, 0);
-    reportSnapshot(offlineRun.lastPacketTime);
-    reportCheckOutput();
+    handOn(offlineRun.lastPacketTime);
+    if (snapshotSink.end != nullptr) snapshotSink.end();
 }

@@ -9,5 +9,6 @@
 
 #pragma once
 
-// Runs the source to its end or to a read error, and prints the last, partial interval.
+// Runs the source to its end, to a read error or to breakCaptureLoop, and hands on the last,
+// partial interval.
 void runOffline();

@@ -12,14 +12,14 @@ namespace {
 
 bool isLossTold = false;
 
-}  // namespace
-
-void reportPrint(SnapHeader* snapshot) {
-    printSnapshot(snapshot);
-    reportCheckOutput();
+void tellBegin(TimeSpec time) {
+    CalendarTime begin;
+    calendarFrom(time.seconds, &begin);
+    logPrint("Savefile begins at %04d/%02d/%02d-%02d:%02d:%02d\n", begin.year, begin.month,
+             begin.day, begin.hour, begin.minute, begin.second);
 }
 
-void reportCheckOutput() {
+void checkOutput() {
     std::fflush(stdout);
     const bool lost = std::ferror(stdout) != 0;
     std::clearerr(stdout);
@@ -27,3 +27,13 @@ void reportCheckOutput() {
     if (std::exchange(isLossTold, lost) || !lost) return;
     logPrint("reports can't be written to the standard output; the run goes on.");
 }
+
+void print(SnapHeader* snapshot) {
+    printSnapshot(snapshot);
+    checkOutput();
+}
+
+}  // namespace
+
+const SnapshotSink kReportSink = {
+    .begin = tellBegin, .take = print, .end = checkOutput, .wantsSource = false};

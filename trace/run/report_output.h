@@ -1,14 +1,14 @@
-// Prints a report and sees whether it came out. Reports that can't be written to the standard
-// output are told in the log, once until they get through again; an offline run then doesn't end
-// normally. Where reports go to the log's file, the log sees to that itself.
+// What the tool does with its Snapshots: prints a report of each and sees whether it came out.
+// Reports that can't be written to the standard output are told in the log, once until they get
+// through again; an offline run then doesn't end normally. Where reports go to the log's file, the
+// log sees to that itself.
 //
-// Threads: one at a time, as for printSnapshot.
+// Threads: those of the sink.
 
 #pragma once
 
-#include "trace/counts/snapshot.h"
+#include "trace/run/snapshot_sink.h"
 
-void reportPrint(SnapHeader* snapshot);
-
-// Does the same for whatever else was written to the standard output.
-void reportCheckOutput();
+// An offline run tells in the log when its capture begins, and sees at its end whether all came out
+// that was written to the standard output.
+extern const SnapshotSink kReportSink;

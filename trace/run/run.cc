@@ -1,35 +1,32 @@
 #include "trace/run/run.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
-#include "lib/base/clock.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
-#include "lib/base/log_pace.h"
 #include "lib/base/path.h"
 #include "lib/base/version.h"
 #include "lib/pelmo.h"
-#include "lib/runtime/fixed_ids_internal.h"
 #include "lib/transport/socket/secure_modules.h"
 #include "trace/capture/capture_file.h"
 #include "trace/capture/capture_rotation.h"
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
-#include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
 #include "trace/run/command_line.h"
 #include "trace/run/end_limit.h"
 #include "trace/run/end_status.h"
-#include "trace/run/link_watch.h"
 #include "trace/run/live_run.h"
 #include "trace/run/offline_run.h"
+#include "trace/run/report_output.h"
 #include "trace/run/rotation_settings.h"
 #include "trace/run/settings_check.h"
+#include "trace/run/snapshot_sink.h"
+#include "trace/run/start_steps.h"
 #include "trace/run/stop_wait.h"
 #include "trace/settings.h"
 
@@ -44,25 +41,28 @@ constexpr double kRotationCheckSeconds = 1.0;
 constexpr double kEndSeconds = 0.7;
 constexpr double kLogEndSeconds = 0.2;
 
-// A standard stream that the caller closed would lend its number to the next file opened, and log
-// lines and reports would land in a capture.
-void holdStandardStreams() {
-    int descriptor;
-    do {
-        descriptor = open("/dev/null", O_RDWR);
-    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-    if (descriptor >= 0) close(descriptor);
-}
-
 pelmoStatus openLog() {
     return logOpen(traceSettings.logFile, traceSettings.logLimitBytes,
                    traceSettings.logMaxRotations, kBanner);
 }
 
-pelmoStatus openSource() {
-    captureState.captureHandle = traceSettings.liveCapture ? openLive(traceSettings.interfaceName)
-                                                           : openOffline(traceSettings.readFile);
-    return captureState.captureHandle != nullptr ? kStatusSuccess : kStatusNotInitialized;
+pelmoStatus chooseInterface() {
+    captureState.interfaceName = liveInterface(traceSettings.interfaceName);
+    if (captureState.interfaceName == nullptr) return kStatusNotInitialized;
+    std::printf("Using interface %s\n", captureState.interfaceName);
+    return kStatusSuccess;
+}
+
+pelmoStatus describeSource() {
+    if (traceSettings.liveCapture) return kStatusSuccess;
+    warnOfCutFrames(captureState.captureHandle);
+    describeSavefile(captureState.captureHandle);
+    return kStatusSuccess;
+}
+
+pelmoStatus tellFilter() {
+    std::printf("Using filter %s\n", traceSettings.filterText);
+    return kStatusSuccess;
 }
 
 // The path is made absolute because a live run leaves its directory and a rotation comes later.
@@ -86,64 +86,11 @@ pelmoStatus openCaptureFile() {
     return kStatusSuccess;
 }
 
-// A refused filter has told its fault; the run goes on with all traffic.
-pelmoStatus filterSource() {
-    (void)installFilter(captureState.captureHandle, traceSettings.filterText);
-    return kStatusSuccess;
-}
-
-pelmoStatus markStart() {
-    TimeSpec now;
-    clockNow(&now);
-    snapshotSetStart(now);
-    logPaceBegin();
-    return kStatusSuccess;
-}
-
-// The signal comes with a write that fails, and the failed write is told anyway.
-template <int kSignal>
-pelmoStatus outlive() {
-    struct sigaction action = {};
-    action.sa_handler = SIG_IGN;
-    sigaction(kSignal, &action, nullptr);
-    return kStatusSuccess;
-}
-
-// A limit of a file's size is a full disk like any other.
-constexpr auto outliveFileLimit = outlive<SIGXFSZ>;
-
-// A reader of the reports that goes away shall not end a run that others rely on.
-constexpr auto outliveReaders = outlive<SIGPIPE>;
-
-// What every timer of a run has in common. None is destroyed: they end with the library.
-template <void (*tick)()>
-pelmoStatus startTimer(double seconds) {
-    const auto onTick = [](uint32_t, pelmoMsg*, void*) { tick(); };
-    uint32_t timer = kNoId;
-    return pelmoEvent_CreateTimer(&timer, kTimerQueueId, onTick, seconds, nullptr);
-}
-
 pelmoStatus startRotationTimer() {
     if (traceSettings.captureLimitBytes == 0) return kStatusSuccess;
     captureRotationStart();
-    return startTimer<onRotationTimer>(kRotationCheckSeconds);
+    return startTimer(kRotationCheckSeconds, onRotationTimer);
 }
-
-pelmoStatus startSnapshotTimer() {
-    return startTimer<onSnapshotTimer>(snapshotTimerSeconds());
-}
-
-pelmoStatus watchLink() {
-    return linkWatchStart(captureState.interfaceName);
-}
-
-struct StartStep {
-    bool liveOnly;
-    pelmoStatus (*run)();
-};
-
-constexpr bool kLiveOnly = true;
-constexpr bool kEitherMode = false;
 
 // The order is what operators see in the log, and each step stands on those ahead of it.
 constexpr StartStep kStartSteps[] = {
@@ -154,9 +101,12 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, validateFiles},
     {kEitherMode, statsInit},
     {kEitherMode, openLog},
+    {kLiveOnly, chooseInterface},
     {kEitherMode, openSource},
+    {kEitherMode, describeSource},
     {kLiveOnly, outliveReaders},
     {kEitherMode, openCaptureFile},
+    {kEitherMode, tellFilter},
     {kEitherMode, filterSource},
     {kLiveOnly, markStart},
     {kEitherMode, pelmo_Open},
@@ -201,12 +151,8 @@ void markLostLines() {
 }  // namespace
 
 pelmoStatus startTrace() {
-    for (const StartStep& step : kStartSteps) {
-        if (step.liveOnly && !traceSettings.liveCapture) continue;
-        const pelmoStatus status = step.run();
-        if (status != kStatusSuccess) return status;
-    }
-    return kStatusSuccess;
+    snapshotSink = kReportSink;
+    return startInOrder(kStartSteps);
 }
 
 void stopTrace() {

@@ -45,7 +45,9 @@ void expectSorted(const std::vector<Elements>& subjects, bool withMemory = true)
     SnapPort port{};
     port.netCount = 1;
     port.nets = &net;
-    SnapHeader snapshot{{}, {}, 0, 0, 1, &port};
+    SnapHeader snapshot{};
+    snapshot.portCount = 1;
+    snapshot.ports = &port;
     {
         const FailAlloc fail{.after = withMemory ? kNeverFails : 0, .forGood = true};
         snapshotSort(&snapshot);

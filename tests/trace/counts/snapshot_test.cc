@@ -93,11 +93,12 @@ TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
     const size_t rest = sizeof(SnapHeader) + sizeof(SnapPort) + sizeof(SnapNet);
     const auto hosts = static_cast<uint32_t>((32768 - rest) / sizeof(SnapHost));
     size_t capacity = rest + (hosts + 1) * sizeof(SnapHost);
+    const auto few = static_cast<uint32_t>((capacity / 2 - 1 - rest) / sizeof(SnapHost));
     uint32_t seq = 0;
     for (const auto& [count, wanted] : {std::pair{hosts, size_t{32768}},
                                         {hosts + 1, capacity},
-                                        {hosts / 2 + 1, capacity},
-                                        {hosts / 2 - 1, capacity / 2}}) {
+                                        {few + 1, capacity},
+                                        {few, capacity / 2}}) {
         feedHosts(count, ++seq);
         (void)take();
         EXPECT_EQ(snapshotStorageCapacity(), wanted) << count;

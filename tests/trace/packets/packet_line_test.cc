@@ -9,7 +9,7 @@
 
 namespace {
 
-using Handle = void (*)(const uint8_t* ip, size_t length);
+using Handle = void (*)(TimeSpec time, const uint8_t* ip, size_t length);
 
 PacketHead senderHead(uint32_t sender) {
     return {.srcIp = ipv4(10, 0, 0, 0) + sender};
@@ -40,7 +40,7 @@ Lines treeOf(Handle handle) {
     TraceRun run(false);
     meetManySenders();
     for (const Bytes& packet : packetsOfAllKinds()) {
-        handle(packet.data(), packet.size());
+        handle({}, packet.data(), packet.size());
     }
     packetsSettle();
     Lines tree = treeText();
@@ -70,7 +70,7 @@ TEST(PacketLine, HoldsBackOnlyWhatNobodyWouldMiss) {
         TraceRun run(complain);
         if (many) meetManySenders();
         const uint32_t before = statistics.oskaPackets;
-        packetEnter(packet.data(), packet.size());
+        packetEnter({}, packet.data(), packet.size());
         EXPECT_EQ(statistics.oskaPackets == before, waits);
         packetsSettle();
         EXPECT_EQ(statistics.oskaPackets, before + 1);

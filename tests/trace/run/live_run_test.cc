@@ -8,6 +8,7 @@
 #include "tests/support/trace_run.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
+#include "trace/run/report_output.h"
 #include "trace/settings.h"
 
 namespace {
@@ -18,6 +19,7 @@ struct LiveRunTest : testing::Test {
         tzset();
         traceSettings.displayMcast = traceSettings.displaySubjects = false;
         snapshotSetStart({1700000000, 0});
+        snapshotSink = kReportSink;
     }
     ~LiveRunTest() override {
         captureState.shuttingDown = false;

@@ -1,0 +1,71 @@
+// The faults of packets: one enumeration, and one table of what each is called. Whoever finds a
+// fault counts it here, and whatever log line tells of it has its words from here.
+//
+// A packet has a fault of one kind once at most, but may have several kinds. Most kinds make a
+// packet of the bus bad. Those of frames, and kUdpHeaderCut, are found ahead of the bus: nobody's
+// bad packet is counted for them.
+//
+// Counts are part of the statistics (trace/counts/statistics.h); each snapshot copies and zeroes
+// them.
+//
+// Threads: no lock; the owner of the counts serialises. The table is constant.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "lib/base/clock.h"
+
+// From the outside of a packet to its inside.
+enum class Fault : uint8_t {
+    kEthernetHeaderCut,
+    kIpHeaderCut,
+    kUdpHeaderCut,
+    kUdpLengthTooLarge,
+    kUdpChecksumMissing,
+    kUdpChecksumInvalid,
+    kHeaderCut,
+    kTypeInvalid,
+    kSourceInvalid,
+    kDestinationInvalid,
+    kDestinationMismatch,
+    kLengthInvalid,
+    kLengthTooLarge,
+    kMessageHeaderCut,
+    kMessageMagicInvalid,
+    kMessageLengthInvalid,
+    kMessageLengthTooLarge,
+    kMessageFieldInvalid,
+    kMessageSubjectInvalid,
+};
+
+inline constexpr size_t kFaultKinds = 19;
+
+// Who logs the fault, and around which address.
+enum class FaultLine : uint8_t {
+    kFrame,    // the frame handler, always, in a line of its own
+    kPacket,   // "<text> from <address>", with "-complain"
+    kMessage,  // "Invalid message from <address> - <text>", with "-complain"
+};
+
+struct FaultRow {
+    Fault fault;
+    const char* key;    // for programs: fixed for good
+    const char* words;  // for people: what is wrong with the packet
+    FaultLine line;
+    const char* format;  // of the log's text; the arguments are those of who finds the fault
+};
+
+[[nodiscard]] const FaultRow& faultRow(Fault fault);
+
+// The packets of an interval with one kind of fault.
+struct FaultCount {
+    uint64_t packets;
+    TimeSpec first, last;  // the packets' own times; of no meaning without any
+};
+
+using FaultCounts = FaultCount[kFaultKinds];
+
+// One more packet. `time` is its own.
+void faultCount(FaultCounts& counts, Fault fault, TimeSpec time);

@@ -1,0 +1,31 @@
+// Where the Snapshots of a run go: a program's own table of functions. The tool's prints reports
+// (trace/run/report_output.h).
+//
+// Threads: set ahead of the start of a run. Its functions are called on the main thread of an
+// offline run and on the timer thread of a live one, one at a time, with no lock held.
+
+#pragma once
+
+#include "lib/base/clock.h"
+#include "trace/counts/snapshot.h"
+
+struct SnapshotSink {
+    // An offline run meets its first packet, of this time. May be null.
+    void (*begin)(TimeSpec time);
+
+    // The Snapshot is valid for the call, which may sort it.
+    void (*take)(SnapHeader* snapshot);
+
+    // Behind the last Snapshot of an offline run. May be null.
+    void (*end)();
+
+    // Is SnapHeader::source to be filled in? Costs some system calls a Snapshot.
+    bool wantsSource;
+};
+
+extern SnapshotSink snapshotSink;
+
+// Takes the Snapshot of all that was counted by `time` and hands it to the sink. Without memory for
+// one nothing is handed on, and the next covers both intervals. Frames for a capture file are
+// handed to the system ahead of it.
+void snapshotHandOn(TimeSpec time);
