@@ -46,6 +46,7 @@
 #include "runtime/fixed_ids.h"
 #include "runtime/queue.h"
 #include "runtime/queue_group.h"
+#include "transport/circuit/circuit.h"
 #include "transport/transport.h"
 
 [[nodiscard]] pelmoStatus pelmo_Open();

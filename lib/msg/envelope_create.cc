@@ -13,17 +13,24 @@ constexpr uint32_t kFixedBytes =
 
 // Subject and reply as they are written to the image. A length of 0 means that there is none.
 struct Addressing {
-    uint8_t subject[kMostSendSubjectBytes];
+    const uint8_t* subject;
     uint32_t subjectBytes;
     const char* reply;
     uint32_t replyBytes;  // with the NUL
 };
 
-pelmoStatus packAddressing(const char* subject, const char* reply, Addressing& out) {
+using PackedSubject = uint8_t[kMostSendSubjectBytes];
+
+// `packed` gets the subject and is good for as long as the result.
+pelmoStatus packAddressing(const char* subject,
+                           const char* reply,
+                           PackedSubject& packed,
+                           Addressing& out) {
     if (subject != nullptr) {
-        const int32_t packed = subjectFromText(out.subject, kMostSendSubjectBytes, subject);
-        if (packed < 1) return kStatusInvalidSubject;
-        out.subjectBytes = static_cast<uint32_t>(packed);
+        const int32_t length = subjectFromText(packed, kMostSendSubjectBytes, subject);
+        if (length < 1) return kStatusInvalidSubject;
+        out.subject = packed;
+        out.subjectBytes = static_cast<uint32_t>(length);
     }
     if (reply != nullptr) {
         if (subjectTextSize(reply) > kMostReplySubjectSize) return kStatusInvalidSubject;
@@ -79,14 +86,11 @@ uint32_t writeEnvelope(uint8_t* image, const Addressing& addressing, EnvelopeVie
     return writer.at;
 }
 
-pelmoStatus createOpen(pelmoMsg** out, const char* subject, const char* reply, uint64_t extra) {
-    Addressing addressing{};
-    pelmoStatus status = packAddressing(subject, reply, addressing);
-    if (status != kStatusSuccess) return status;
+pelmoStatus createPacked(pelmoMsg** out, const Addressing& addressing, uint64_t extra) {
     const uint64_t need = extra + kFixedBytes + addressingBytes(addressing);
     if (need > UINT32_MAX) return kStatusNoMemory;
     pelmoMsg* msg = nullptr;
-    status = msgCreateRaw(&msg, static_cast<uint32_t>(need));
+    const pelmoStatus status = msgCreateRaw(&msg, static_cast<uint32_t>(need));
     if (status != kStatusSuccess) return status;
 
     EnvelopeView view;
@@ -95,6 +99,13 @@ pelmoStatus createOpen(pelmoMsg** out, const char* subject, const char* reply, u
     envelopeShow(msg, dataOffset, view);
     *out = msg;
     return kStatusSuccess;
+}
+
+pelmoStatus createOpen(pelmoMsg** out, const char* subject, const char* reply, uint64_t extra) {
+    PackedSubject packed;
+    Addressing addressing{};
+    const pelmoStatus status = packAddressing(subject, reply, packed, addressing);
+    return status == kStatusSuccess ? createPacked(out, addressing, extra) : status;
 }
 
 // Adds up the most that the records can take.
@@ -179,4 +190,30 @@ pelmoStatus msgCreateWithOpaque(
     if (size != 0) writer.put(bytes, size);
     *out = msg;
     return kStatusSuccess;
+}
+
+pelmoStatus msgCreateAround(pelmoMsg** out,
+                            const uint8_t* subject,
+                            std::string_view reply,
+                            std::span<const uint8_t> image) {
+    constexpr uint32_t kMostReplyBytes = 255;
+    if (out == nullptr || image.size() < kMessageHeadBytes) return kStatusInvalidArgument;
+    if (reply.size() >= kMostReplyBytes) return kStatusInvalidSubject;
+    char terminated[kMostReplyBytes] = "";
+    Addressing addressing{.subject = subject,
+                          .subjectBytes = static_cast<uint32_t>(subjectLength(subject)),
+                          .reply = terminated,
+                          .replyBytes = 0};
+    if (!reply.empty()) {
+        std::memcpy(terminated, reply.data(), reply.size());
+        addressing.replyBytes = static_cast<uint32_t>(reply.size()) + 1;
+    }
+    pelmoMsg* made = nullptr;
+    pelmoStatus status = createPacked(&made, addressing, image.size() - kMessageHeadBytes);
+    if (status != kStatusSuccess) return status;
+    HeldMessage msg(made);
+    std::memcpy(msgImage(made) + made->dataOffset, image.data(), image.size());
+    status = msgParse(made);
+    if (status == kStatusSuccess) *out = msg.release();
+    return status;
 }

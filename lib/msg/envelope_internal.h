@@ -26,6 +26,8 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
+#include <string_view>
 
 #include "lib/base/status.h"
 #include "lib/msg/envelope.h"
@@ -87,6 +89,14 @@ pelmoStatus msgClearForeign(pelmoMsg* msg);
 // The same with one field, of empty name, that holds the bytes.
 [[nodiscard]] pelmoStatus msgCreateWithOpaque(
     pelmoMsg** out, const char* subject, const char* reply, const void* bytes, uint32_t size);
+
+// The same around a nested message that another image holds, whose head tells its size; the subject
+// is packed and well formed, and an empty reply is none. kStatusInvalidSubject for a reply of 255
+// characters or more, kStatusCorruptMessage where the nested fields don't walk.
+[[nodiscard]] pelmoStatus msgCreateAround(pelmoMsg** out,
+                                          const uint8_t* subject,
+                                          std::string_view reply,
+                                          std::span<const uint8_t> image);
 
 // For the sources of the envelope alone.
 

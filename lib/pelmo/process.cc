@@ -8,6 +8,7 @@
 #include "lib/pelmo/library_state.h"
 #include "lib/runtime/event_internal.h"
 #include "lib/runtime/id.h"
+#include "lib/transport/circuit/circuit_internal.h"
 #include "lib/transport/daemon/daemon_link.h"
 #include "lib/transport/ipq/write_queue.h"
 #include "lib/transport/reliable/send_buffer.h"
@@ -31,6 +32,7 @@ void setUp() {
     poolTimerOps = {.create = pelmoEvent_CreateTimer, .destroyEx = pelmoEvent_DestroyEx};
     transportAttach();
     daemonLinkAttach();
+    circuitAttach();
     library.setUpDone = true;
 }
 

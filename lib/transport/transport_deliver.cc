@@ -219,12 +219,11 @@ class BatchMatch {
 };
 
 // True where a listener took the message itself.
-bool collectFor(Transport* transport,
+bool collectFor(const Transport* transport,
                 std::span<Event* const> events,
                 pelmoMsg* message,
                 Collector& collector) PELMO_REQUIRES(transport->header.lock) {
     const bool hooks = transportHasHooks(transport, kHookInbound);
-    if (transport->firstListenerOnly) events = events.first(1);
     const bool share = events.size() > 1;
     for (Event* event : events) {
         noteInboundHooks(event, hooks);
@@ -249,7 +248,17 @@ bool batchOne(Transport* transport, pelmoMsg* message, BatchMatch& match, Collec
         if (!transport->quietUnhandled) logUnhandled(message, subject);
         return false;
     }
-    return collectFor(transport, match.events(), message, collector);
+    const std::span<Event* const> events = match.events();
+    return collectFor(transport, transport->firstListenerOnly ? events.first(1) : events, message,
+                      collector);
+}
+
+// The listeners of a message that isn't sent any further; none without a send subject.
+bool holdMatches(HeldListeners& listeners, SubjectList* list, pelmoMsg* message) {
+    const uint8_t* subject = nullptr;
+    if (messageSubject(message, &subject) != kStatusSuccess) return true;
+    return listeners.hold(subjectIsInbox(subject) ? sublistFind(list, subject)
+                                                  : sublistMatch(list, subject));
 }
 
 }  // namespace
@@ -290,6 +299,19 @@ void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> mes
     collector.flush();
 }
 
+pelmoStatus Transport_DeliverOwn(Transport* transport, pelmoMsg* message) {
+    Collector collector;
+    HeldListeners listeners;
+    Id_Enter(&transport->header);
+    const bool isMatched = holdMatches(listeners, transport->subjects, message);
+    const bool isTaken = !listeners.events().empty() &&
+                         collectFor(transport, listeners.events(), message, collector);
+    Id_Leave(&transport->header);
+    collector.flush();
+    if (!isTaken) msgRelease(message);
+    return isMatched ? kStatusSuccess : kStatusNoMemory;
+}
+
 pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message) {
     Held<Transport> held;
     if (held.findLocked(transport) != kStatusSuccess) {
@@ -308,6 +330,7 @@ pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message) {
             Transport_DeliverBatch(held.get(), {&message, 1});
             break;
         case TransportKind::kCircuit:
+            held.leave();
             status = circuitOps.deliver(held.get(), message);
             break;
     }

@@ -98,6 +98,12 @@ void transportAttach();
 // library's own files have.
 [[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport, const Dpa* messages);
 
+// For the library's own messages, whether it is open or not; the public calls stop as it begins to
+// close. With no lock held but a circuit's over this transport.
+[[nodiscard]] pelmoStatus transportSend(uint32_t transport, pelmoMsg* message);
+[[nodiscard]] pelmoStatus transportSendVector(uint32_t transport,
+                                              std::span<pelmoMsg* const> messages);
+
 // Delivery
 
 // Delivers a copy to each listener on the message's subject; an advisory of class "WARN" or "ERROR"
@@ -111,6 +117,11 @@ void transportAttach();
 // no send subject is dropped. The caller holds a reference and should not hold the object lock,
 // which is taken here and released before the last post.
 void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> messages);
+
+// Delivers one message to the listeners of a circuit and takes ownership of it; one without a send
+// subject or a listener is dropped. The caller holds a reference and no lock. kStatusNoMemory where
+// the listeners couldn't be gathered.
+[[nodiscard]] pelmoStatus Transport_DeliverOwn(Transport* transport, pelmoMsg* message);
 
 // Hooks
 

@@ -89,14 +89,15 @@ struct EndpointOps {
     void (*close)(ReliableEndpoint* endpoint);
 };
 
-// All are called with the circuit's object lock held, under which circuits do all their work.
+// Functions with a circuit are called with its object lock held once, but for deliver.
 struct CircuitOps {
+    // Wrap and send, with the lock released meanwhile. Messages are borrowed and ready; when one of
+    // many can't be wrapped, none is sent.
     pelmoStatus (*send)(Transport* circuit, pelmoMsg* message);
+    pelmoStatus (*sendVector)(Transport* circuit, std::span<pelmoMsg* const> messages);
 
-    // Wraps the message for the peer; the caller releases the result. It uses up a sequence number.
-    pelmoStatus (*wrap)(Transport* circuit, pelmoMsg* message, pelmoMsg** outEnvelope);
-
-    // Delivers to the circuit's listeners and takes ownership of the message.
+    // Delivers to the circuit's listeners and takes ownership of the message. Called without the
+    // lock.
     pelmoStatus (*deliver)(Transport* circuit, pelmoMsg* message);
 
     // The reason may be null.

@@ -10,6 +10,7 @@
 #include "lib/msg/message_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/tracing.h"
+#include "lib/transport/held_messages.h"
 #include "lib/transport/transport_internal.h"
 
 namespace {
@@ -88,43 +89,18 @@ pelmoStatus prepare(Transport* transport, pelmoMsg* message, HeldMessage& ready)
     return status;
 }
 
-// Collects messages that are sent to the daemon together.
-class Outgoing {
-  public:
-    Outgoing() = default;
-    ~Outgoing() {
-        for (uint32_t i = 0; i < count_; ++i) {
-            msgRelease(items_[i]);
-        }
-        std::free(items_);
-    }
-    Outgoing(const Outgoing&) = delete;
-    Outgoing& operator=(const Outgoing&) = delete;
-
-    [[nodiscard]] bool makeRoom(size_t count) {
-        items_ = static_cast<pelmoMsg**>(std::malloc(count * sizeof(pelmoMsg*)));
-        return items_ != nullptr;
-    }
-
-    void add(HeldMessage message) { items_[count_++] = message.release(); }
-
-    // The caller holds the object lock, which is released meanwhile. The lock checker can't follow
-    // this, since two transports are involved.
-    [[nodiscard]] pelmoStatus send(Transport* transport) PELMO_UNCHECKED_LOCKING {
-        if (count_ == 0) return kStatusSuccess;
-        Id_Leave(&transport->header);
-        const pelmoStatus status = daemonLinkOps.sendVector(transport, {items_, count_});
-        Id_Enter(&transport->header);
-        return status;
-    }
-
-  private:
-    pelmoMsg** items_ = nullptr;
-    uint32_t count_ = 0;
-};
+// The object lock is released meanwhile.
+pelmoStatus sendTogether(Transport* transport, const HeldMessages& outgoing)
+    PELMO_REQUIRES(transport->header.lock) {
+    if (outgoing.all().empty()) return kStatusSuccess;
+    Id_Leave(&transport->header);
+    const pelmoStatus status = daemonLinkOps.sendVector(transport, outgoing.all());
+    Id_Enter(&transport->header);
+    return status;
+}
 
 // Sends by a transport that isn't a circuit.
-pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, Outgoing& outgoing)
+pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, HeldMessages& outgoing)
     PELMO_REQUIRES(transport->header.lock) {
     switch (transport->kind) {
         case TransportKind::kIntraProcess:
@@ -145,31 +121,30 @@ pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, Outgoing& outg
     return kStatusInvalidTransport;
 }
 
-// Only the first message takes the lock of the transport beneath, which the lock checker can't
-// follow.
-pelmoStatus gatherForCircuit(Transport* circuit,
-                             HeldMessage ready,
-                             Held<Transport>& underlying,
-                             Outgoing& outgoing) PELMO_UNCHECKED_LOCKING {
-    pelmoMsg* wrapped = nullptr;
-    pelmoStatus status = circuitOps.wrap(circuit, ready.get(), &wrapped);
-    if (status != kStatusSuccess) return status;
-    const HeldMessage envelope(wrapped);
-    ready.reset();
-    if (!underlying && underlying.findLocked(circuit->underlying) != kStatusSuccess) {
-        return kStatusInvalidTransport;
+// Ahead of the first number that a circuit gives, all messages are ready: one that isn't would
+// leave a gap. Within the process those ahead of it have been delivered.
+pelmoStatus sendAllOnCircuit(Transport* circuit, std::span<pelmoMsg* const> messages)
+    PELMO_REQUIRES(circuit->header.lock) {
+    HeldMessages ready;
+    if (!ready.makeRoom(messages.size())) return kStatusNoMemory;
+    pelmoStatus failure = kStatusSuccess;
+    for (pelmoMsg* message : messages) {
+        HeldMessage one;
+        failure = prepare(circuit, message, one);
+        if (failure != kStatusSuccess) break;
+        if (one != nullptr) ready.add(std::move(one));
     }
-    HeldMessage outer;
-    status = prepare(underlying.get(), envelope.get(), outer);
-    if (status != kStatusSuccess || outer == nullptr) return status;
-    return sendOrGather(underlying.get(), std::move(outer), outgoing);
+    const bool sendsSome = circuit->underlying == kIntraProcessTransportId;
+    if (ready.all().empty() || (failure != kStatusSuccess && !sendsSome)) return failure;
+    const pelmoStatus status = circuitOps.sendVector(circuit, ready.all());
+    return status != kStatusSuccess ? status : failure;
 }
 
 pelmoStatus sendAll(Transport* transport, std::span<pelmoMsg* const> messages)
     PELMO_REQUIRES(transport->header.lock) {
-    Held<Transport> underlying;
-    Outgoing outgoing;
     if (messages.empty()) return kStatusSuccess;
+    if (transport->kind == TransportKind::kCircuit) return sendAllOnCircuit(transport, messages);
+    HeldMessages outgoing;
     const bool staysHere = transport->kind == TransportKind::kIntraProcess;
     if (!staysHere && !outgoing.makeRoom(messages.size())) return kStatusNoMemory;
     pelmoStatus status = kStatusSuccess;
@@ -177,19 +152,11 @@ pelmoStatus sendAll(Transport* transport, std::span<pelmoMsg* const> messages)
         HeldMessage ready;
         status = prepare(transport, message, ready);
         if (status == kStatusSuccess && ready != nullptr) {
-            status = transport->kind == TransportKind::kCircuit
-                         ? gatherForCircuit(transport, std::move(ready), underlying, outgoing)
-                         : sendOrGather(transport, std::move(ready), outgoing);
+            status = sendOrGather(transport, std::move(ready), outgoing);
         }
         if (status != kStatusSuccess) return status;
     }
-    return outgoing.send(underlying ? underlying.get() : transport);
-}
-
-pelmoStatus sendVector(uint32_t transport, std::span<pelmoMsg* const> messages) {
-    Held<Transport> held;
-    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
-    return sendAll(held.get(), messages);
+    return sendTogether(transport, outgoing);
 }
 
 pelmoStatus sendOne(Transport* transport, pelmoMsg* message)
@@ -210,22 +177,32 @@ pelmoStatus sendOne(Transport* transport, pelmoMsg* message)
 
 }  // namespace
 
+pelmoStatus transportSend(uint32_t transport, pelmoMsg* message) {
+    Held<Transport> held;
+    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
+    return sendOne(held.get(), message);
+}
+
+pelmoStatus transportSendVector(uint32_t transport, std::span<pelmoMsg* const> messages) {
+    Held<Transport> held;
+    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
+    return sendAll(held.get(), messages);
+}
+
 pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     traceMessage(kTraceTransport, message, "pelmoTransport_Send(%u, %p)", transport,
                  tracePointer(message));
     if (!msgIsValid(message)) return kStatusInvalidMessage;
-    Held<Transport> held;
-    if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
-    return sendOne(held.get(), message);
+    return transportSend(transport, message);
 }
 
 pelmoStatus pelmoTransport_Sendv(uint32_t transport, const Dpa* messages) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     traceLine(kTraceTransport, "pelmoTransport_Sendv(%u, %p)", transport, tracePointer(messages));
     if (messages == nullptr) return kStatusInvalidArgument;
-    return sendVector(transport,
-                      {reinterpret_cast<pelmoMsg* const*>(messages->items), messages->count});
+    return transportSendVector(
+        transport, {reinterpret_cast<pelmoMsg* const*>(messages->items), messages->count});
 }
 
 pelmoStatus pelmoTransport_Sendv(uint32_t transport, pelmoMsg* const* messages, uint32_t count) {
@@ -233,5 +210,5 @@ pelmoStatus pelmoTransport_Sendv(uint32_t transport, pelmoMsg* const* messages, 
     traceLine(kTraceTransport, "pelmoTransport_Sendv(%u, %p, %u)", transport,
               tracePointer(messages), count);
     if (messages == nullptr) return kStatusInvalidArgument;
-    return sendVector(transport, {messages, count});
+    return transportSendVector(transport, {messages, count});
 }

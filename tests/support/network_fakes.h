@@ -111,7 +111,7 @@ class FakePeers {
                            },
                        .close = [](ReliableEndpoint*) { current->calls.emplace_back("close"); }};
         circuitOps = {.send = [](Transport* t, pelmoMsg* m) { return noteHeld(t, "send", m); },
-                      .wrap = wrap,
+                      .sendVector = sendVector,
                       .deliver = deliver,
                       .disconnect = [](Transport* t,
                                        const char*) { (void)noteHeld(t, "disconnect", nullptr); },
@@ -162,15 +162,17 @@ class FakePeers {
         if (current->meanwhile) current->meanwhile();
         return current->answer;
     }
-    static pelmoStatus wrap(Transport* circuit, pelmoMsg* message, pelmoMsg** out) {
-        const pelmoStatus status = noteHeld(circuit, "wrap", message);
-        if (status != kStatusSuccess) return status;
-        EXPECT_EQ(msgCreateWithFields(out, "_INBOX.PEER", nullptr, nullptr, 0), kStatusSuccess);
-        return pelmoMsg_AddMsg(*out, "wrapped", message, 0);
+    static pelmoStatus sendVector(Transport* circuit, std::span<pelmoMsg* const> messages) {
+        for (pelmoMsg* message : messages) {
+            const pelmoStatus status = noteHeld(circuit, "together", message);
+            if (status != kStatusSuccess) return status;
+        }
+        return kStatusSuccess;
     }
     static pelmoStatus deliver(Transport* circuit, pelmoMsg* message) {
-        const pelmoStatus status = noteHeld(circuit, "deliver", message);
+        EXPECT_TRUE(isFree(circuit->header.lock));
+        current->calls.push_back("deliver " + shownText(message));
         msgRelease(message);
-        return status;
+        return current->answer;
     }
 };

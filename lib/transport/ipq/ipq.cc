@@ -151,11 +151,11 @@ void endLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
 
 }  // namespace
 
-IpqHandlerMark::IpqHandlerMark() {
+IpqNoWait::IpqNoWait() {
     ++handlersRunning;
 }
 
-IpqHandlerMark::~IpqHandlerMark() {
+IpqNoWait::~IpqNoWait() {
     --handlersRunning;
 }
 

@@ -103,6 +103,15 @@ pelmoStatus ipqSetBatchMode(Ipq* ipq, uint32_t mode);
 // Do writers wait while too much is queued? They wait while both queue and library are open.
 pelmoStatus ipqSetBlockWhenFull(Ipq* ipq, bool block);
 
+// While one exists, writers of its thread don't wait: what they send is queued all the same. For
+// few and small messages of whoever holds up others.
+struct IpqNoWait {
+    IpqNoWait();
+    ~IpqNoWait();
+    IpqNoWait(const IpqNoWait&) = delete;
+    IpqNoWait& operator=(const IpqNoWait&) = delete;
+};
+
 // Above how many queued bytes they wait; 0 for kUsualWaitLimitBytes.
 void ipqSetWaitLimit(Ipq* ipq, uint32_t bytes);
 

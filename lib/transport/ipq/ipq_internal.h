@@ -70,13 +70,8 @@ struct Ipq {
     IpqCloseCallback closeCallback PELMO_GUARDED_BY(lock);
 };
 
-// While one exists its thread runs a handler of a queue's socket or timer.
-struct IpqHandlerMark {
-    IpqHandlerMark();
-    ~IpqHandlerMark();
-    IpqHandlerMark(const IpqHandlerMark&) = delete;
-    IpqHandlerMark& operator=(const IpqHandlerMark&) = delete;
-};
+// Handlers of sockets and timers don't wait.
+using IpqHandlerMark = IpqNoWait;
 [[nodiscard]] bool ipqIsInHandler();
 
 // Life (ipq.cc)

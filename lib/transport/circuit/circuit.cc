@@ -1,0 +1,393 @@
+// A circuit's life: its creation, the handshake, what its peer sends, its end.
+
+#include "lib/transport/circuit/circuit.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "lib/base/clock.h"
+#include "lib/base/text.h"
+#include "lib/msg/trace_ops.h"
+#include "lib/runtime/event_internal.h"
+#include "lib/runtime/library.h"
+#include "lib/transport/circuit/circuit_internal.h"
+#include "lib/transport/ipq/ipq.h"
+
+namespace {
+
+constexpr size_t kInboxTextBytes = kInboxPrefixBytes + 24;
+constexpr const char* kClassInfo = "INFO";
+constexpr const char* kClassError = "ERROR";
+constexpr const char* kSource = "SYSTEM";
+
+constexpr const char* kRemoteTimeout = "remote timeout";
+constexpr const char* kDataLoss = "data loss";
+constexpr const char* kInvalidMessage = "invalid message";
+
+// A live circuit that isn't being destroyed, locked.
+struct HeldCircuit {
+    Held<Transport> held;
+    VirtualCircuit* circuit = nullptr;
+
+    // False also for another transport.
+    [[nodiscard]] bool find(uint32_t id) PELMO_ASSERTS(circuit->transport->header.lock) {
+        if (held.findLocked(id) != kStatusSuccess) return false;
+        circuit = held->circuit;
+        return circuit != nullptr && !held->destroying;
+    }
+
+    // Unchecked: within, the lock goes by another name.
+    void leave() PELMO_RELEASE(circuit->transport->header.lock) PELMO_UNCHECKED_LOCKING {
+        held.leave();
+    }
+    void enter() PELMO_ASSERTS(circuit->transport->header.lock) PELMO_UNCHECKED_LOCKING {
+        held.enter();
+    }
+};
+
+void endEvent(uint32_t* event) {
+    if (*event != kNoId) pelmoEvent_DestroyEx(std::exchange(*event, kNoId), nullptr);
+}
+
+// Ends what belongs to a connection, but for the transport and its listeners. The advisory comes to
+// listeners ahead of the wake-up, so that who was woken finds it on its queue.
+void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    if (circuit->state == CircuitState::kDisconnected) return;
+    const IpqNoWait noWait;
+    endEvent(&circuit->heartbeatTimer);
+    endEvent(&circuit->unreachableListener);
+    if (saysGoodbye && circuit->state == CircuitState::kConnected) {
+        circuit->owesGoodbye = circuit->turns != 0;
+        if (!circuit->owesGoodbye) (void)circuitSendSign(circuit, CircuitKind::kGoodbye);
+    }
+    circuit->state = CircuitState::kDisconnected;
+    if (!circuit->transport->destroying) {
+        (void)transportOps.sendAdvisory(circuit->transport->header.id,
+                                        reason != nullptr ? kClassError : kClassInfo, kSource,
+                                        "VC.DISCONNECTED", reason);
+    }
+    Cond_Broadcast(&circuit->changed);
+}
+
+// What the peer sends
+
+// The parcel of a message that came, or null. Failures end the circuit.
+pelmoMsg* takeLocked(VirtualCircuit* circuit, pelmoMsg* message)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    if (circuit->state != CircuitState::kConnected) return nullptr;
+    pelmoMsg* parcel = nullptr;
+    switch (countArrival(circuit->count, circuitReadHead(message))) {
+        case Arrival::kSign:
+            break;
+        case Arrival::kParcel:
+            if (circuitUnwrap(message, circuit->isLegacyPeer, &parcel) == kStatusSuccess) {
+                return parcel;
+            }
+            endLocked(circuit, kInvalidMessage, true);
+            break;
+        case Arrival::kGoodbye:
+            endLocked(circuit, nullptr, false);
+            break;
+        case Arrival::kGap:
+            endLocked(circuit, kDataLoss, true);
+            break;
+        case Arrival::kInvalid:
+            endLocked(circuit, kInvalidMessage, true);
+            break;
+    }
+    return nullptr;
+}
+
+// Handshake
+
+void onTick(uint32_t, pelmoMsg*, void* closure) {
+    vcTick(idFromItem(closure));
+}
+
+void onControl(uint32_t, pelmoMsg* message, void* closure) {
+    vcControl(idFromItem(closure), message);
+}
+
+void onUnreachable(uint32_t, pelmoMsg*, void* closure) {
+    HeldCircuit held;
+    if (!held.find(idFromItem(closure))) return;
+    if (held.circuit->state == CircuitState::kConnected) endLocked(held.circuit, nullptr, false);
+}
+
+pelmoStatus listen(const VirtualCircuit* circuit,
+                   const char* subject,
+                   pelmoEventCallback callback,
+                   uint32_t* out) {
+    return Transport_AddListener(out, {.queueId = kWorkQueueId,
+                                       .transportId = circuit->transport->underlying,
+                                       .subject = subject,
+                                       .kind = ListenerKind::kPlain,
+                                       .callback = callback,
+                                       .closure = idToItem(circuit->transport->header.id)});
+}
+
+bool startTimer(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
+    return pelmoEvent_CreateTimer(&circuit->heartbeatTimer, kTimerQueueId, onTick, kTickSeconds,
+                                  idToItem(circuit->transport->header.id)) == kStatusSuccess;
+}
+
+void connectLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    endEvent(&circuit->handshakeListener);
+    std::memcpy(circuit->peerSubject, offer.controlInbox, subjectLength(offer.controlInbox));
+    circuit->isLegacyPeer = offer.isLegacy;
+    char gone[kSubjectTextBytes];
+    if (handshakeUnreachableSubject(gone, circuit->peerSubject)) {
+        // Without it, the peer's silence tells the same later.
+        (void)listen(circuit, gone, onUnreachable, &circuit->unreachableListener);
+    }
+    circuit->state = CircuitState::kConnected;
+    (void)transportOps.sendAdvisory(circuit->transport->header.id, kClassInfo, kSource,
+                                    "VC.CONNECTED", nullptr);
+    Cond_Broadcast(&circuit->changed);
+}
+
+pelmoStatus sendAcceptance(const VirtualCircuit* circuit, const char* to) {
+    pelmoMsg* made = nullptr;
+    const pelmoStatus status = circuitBuildAcceptance(&made, to, circuit->controlInbox);
+    if (status != kStatusSuccess) return status;
+    const HeldMessage acceptance(made);
+    return transportSend(circuit->transport->underlying, acceptance.get());
+}
+
+// What can fail comes ahead of the answer: an end that was told of the other keeps the circuit.
+void acceptLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    if (!startTimer(circuit)) return;
+    if (sendAcceptance(circuit, offer.answerTo) == kStatusSuccess) {
+        connectLocked(circuit, offer);
+    } else {
+        endEvent(&circuit->heartbeatTimer);
+    }
+}
+
+// The peer takes the circuit for connected already, and is told where it can't be watched.
+void completeLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    const bool isWatched = startTimer(circuit);
+    connectLocked(circuit, offer);
+    if (!isWatched) endLocked(circuit, nullptr, true);
+}
+
+void onHandshake(uint32_t, pelmoMsg* message, void* closure) {
+    HeldCircuit held;
+    if (!held.find(idFromItem(closure))) return;
+    const IpqNoWait noWait;
+    CircuitOffer offer;
+    if (!handshakeTakes(held.circuit->end, held.circuit->state, message, &offer)) return;
+    if (held.circuit->end == CircuitEnd::kAccepting) {
+        acceptLocked(held.circuit, offer);
+    } else {
+        completeLocked(held.circuit, offer);
+    }
+}
+
+// Creation
+
+void destroyCircuit(VirtualCircuit* circuit) PELMO_UNCHECKED_LOCKING {  // nobody else has it
+    for (uint32_t* event : {&circuit->controlListener, &circuit->handshakeListener,
+                            &circuit->heartbeatTimer, &circuit->unreachableListener}) {
+        endEvent(event);
+    }
+    Cond_Destroy(&circuit->changed);
+    std::free(circuit->connectSubject);
+    std::free(circuit);
+}
+
+VirtualCircuit* newCircuit(Transport* transport, CircuitEnd end) PELMO_UNCHECKED_LOCKING {
+    auto* circuit = static_cast<VirtualCircuit*>(std::calloc(1, sizeof(VirtualCircuit)));
+    if (circuit == nullptr) return nullptr;
+    if (Cond_Init(&circuit->changed) != kStatusSuccess) {
+        std::free(circuit);
+        return nullptr;
+    }
+    circuit->transport = transport;
+    circuit->end = end;
+    return circuit;
+}
+
+pelmoStatus checkUnderlying(uint32_t underlying) {
+    Held<Transport> held;
+    if (held.find(underlying) != kStatusSuccess) return kStatusInvalidTransport;
+    return held->kind != TransportKind::kCircuit ? kStatusSuccess : kStatusInvalidTransport;
+}
+
+// A transport with an id, to which the caller gets a reference more.
+pelmoStatus makeTransport(HeldCircuit* out, CircuitEnd end, uint32_t underlying) {
+    const pelmoStatus status = checkUnderlying(underlying);
+    if (status != kStatusSuccess) return status;
+    Transport* const transport = Transport_New(TransportKind::kCircuit);
+    if (transport == nullptr) return kStatusNoMemory;
+    transport->underlying = underlying;
+    transport->circuit = newCircuit(transport, end);
+    out->held.share(transport);
+    if (transport->circuit == nullptr ||
+        Id_SetGlobal(&transport->header, nullptr) != kStatusSuccess) {
+        Id_Release(&transport->header, false);
+        return kStatusNoMemory;
+    }
+    out->circuit = transport->circuit;
+    return kStatusSuccess;
+}
+
+// Makes an inbox on the transport beneath, and listens to it.
+pelmoStatus makeInbox(const VirtualCircuit* circuit,
+                      char (&text)[kInboxTextBytes],
+                      pelmoEventCallback callback,
+                      uint32_t* outListener) {
+    const pelmoStatus status =
+        pelmoTransport_CreateInbox(circuit->transport->underlying, text, sizeof text);
+    return status == kStatusSuccess ? listen(circuit, text, callback, outListener) : status;
+}
+
+pelmoStatus sendRequest(const VirtualCircuit* circuit, const char* to, const char* handshakeInbox) {
+    const IpqNoWait noWait;
+    pelmoMsg* made = nullptr;
+    const pelmoStatus status =
+        circuitBuildRequest(&made, to, handshakeInbox, circuit->controlInbox);
+    if (status != kStatusSuccess) return status;
+    const HeldMessage request(made);
+    return transportSend(circuit->transport->underlying, request.get());
+}
+
+// `connectSubject` is null at the accepting end.
+pelmoStatus fillLocked(VirtualCircuit* circuit, const char* connectSubject)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    char inbox[kInboxTextBytes];
+    pelmoStatus status = makeInbox(circuit, inbox, onControl, &circuit->controlListener);
+    if (status != kStatusSuccess) return status;
+    char name[kInboxTextBytes + 2];
+    std::snprintf(name, sizeof name, "%s.V", inbox);
+    boundedCopy(circuit->transport->inboxPrefix, name, sizeof circuit->transport->inboxPrefix);
+    if (subjectFromText(circuit->controlInbox, sizeof circuit->controlInbox, inbox) < 0) {
+        return kStatusInvalidSubject;
+    }
+    status = makeInbox(circuit, inbox, onHandshake, &circuit->handshakeListener);
+    if (status != kStatusSuccess) return status;
+    if (connectSubject != nullptr) return sendRequest(circuit, connectSubject, inbox);
+    circuit->connectSubject = concat2(inbox, "");
+    return circuit->connectSubject != nullptr ? kStatusSuccess : kStatusNoMemory;
+}
+
+// The lock is held while the circuit is filled: whoever guesses its inboxes finds a whole one. The
+// checker can't follow that a failure has no circuit.
+pelmoStatus create(HeldCircuit* out,
+                   CircuitEnd end,
+                   const char* connectSubject,
+                   uint32_t underlying) PELMO_UNCHECKED_LOCKING {
+    pelmoStatus status = makeTransport(out, end, underlying);
+    if (status != kStatusSuccess) return status;
+    out->enter();
+    status = fillLocked(out->circuit, connectSubject);
+    out->leave();
+    if (status != kStatusSuccess) pelmoTransport_Destroy(out->held->header.id);
+    return status;
+}
+
+// Waiting
+
+// False once the time is over.
+bool awaitChange(VirtualCircuit* circuit, double deadline)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    IdHeader* const object = &circuit->transport->header;
+    if (deadline < 0) return Id_Wait(object, &circuit->changed) == kStatusSuccess;
+    const double left = deadline - clockSteadySeconds();
+    return left > 0 && Id_TimedWait(object, &circuit->changed, left) == kStatusSuccess;
+}
+
+}  // namespace
+
+void circuitAttach() {
+    circuitOps = {.send = vcSend,
+                  .sendVector = vcSendVector,
+                  .deliver = vcDeliver,
+                  .disconnect = vcDisconnect,
+                  .destroy = destroyCircuit};
+}
+
+void vcTick(uint32_t id) {
+    HeldCircuit held;
+    if (!held.find(id) || held.circuit->state != CircuitState::kConnected) return;
+    switch (countTick(held.circuit->count)) {
+        case Tick::kNothing:
+            break;
+        case Tick::kHeartbeat:
+            if (circuitSendSign(held.circuit, CircuitKind::kHeartbeat) == kStatusSuccess) {
+                countHeartbeatSent(held.circuit->count);
+            }
+            break;
+        case Tick::kSilent:
+            endLocked(held.circuit, kRemoteTimeout, true);
+            break;
+    }
+}
+
+void vcControl(uint32_t id, pelmoMsg* message) {
+    HeldCircuit held;
+    if (!held.find(id)) return;
+    pelmoMsg* const parcel = takeLocked(held.circuit, message);
+    if (parcel == nullptr) return;
+    held.leave();
+    if (vcDeliver(held.held.get(), parcel) == kStatusSuccess) return;
+    held.enter();
+    endLocked(held.circuit, kInvalidMessage, true);
+}
+
+pelmoStatus vcDeliver(Transport* transport, pelmoMsg* message) {
+    return Transport_DeliverOwn(transport, message);
+}
+
+// The checker can't tell that the circuit's transport is this one.
+void vcDisconnect(Transport* transport, const char* reason) PELMO_UNCHECKED_LOCKING {
+    endLocked(transport->circuit, reason, true);
+}
+
+pelmoStatus vcCreateAccept(uint32_t* outCircuit,
+                           const char** outConnectSubject,
+                           uint32_t underlying) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "vcCreateAccept(%p, %p, %u)", tracePointer(outCircuit),
+              tracePointer(outConnectSubject), underlying);
+    if (outCircuit == nullptr || outConnectSubject == nullptr) return kStatusInvalidArgument;
+    HeldCircuit made;
+    const pelmoStatus status = create(&made, CircuitEnd::kAccepting, nullptr, underlying);
+    if (status != kStatusSuccess) return status;
+    *outCircuit = made.held->header.id;
+    *outConnectSubject = made.circuit->connectSubject;
+    return kStatusSuccess;
+}
+
+pelmoStatus vcCreateConnect(uint32_t* outCircuit, const char* connectSubject, uint32_t underlying) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "vcCreateConnect(%p, \"%s\", %u)", tracePointer(outCircuit),
+              traceText(connectSubject), underlying);
+    if (outCircuit == nullptr || connectSubject == nullptr) return kStatusInvalidArgument;
+    HeldCircuit made;
+    const pelmoStatus status = create(&made, CircuitEnd::kConnecting, connectSubject, underlying);
+    if (status != kStatusSuccess) return status;
+    *outCircuit = made.held->header.id;
+    return kStatusSuccess;
+}
+
+pelmoStatus vcWaitForConnection(uint32_t circuit, double seconds) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "vcWaitForConnection(%u, %f)", circuit, seconds);
+    const double deadline = seconds < 0 ? -1 : clockSteadySeconds() + seconds;
+    HeldCircuit held;
+    if (!held.find(circuit)) return kStatusInvalidTransport;
+    if (held.circuit->state == CircuitState::kDisconnected) return kStatusCircuitNotConnected;
+    bool isInTime = true;
+    while (isInTime && held.circuit->state == CircuitState::kWaiting) {
+        isInTime = awaitChange(held.circuit, deadline);
+    }
+    const bool isChanged = isInTime || held.circuit->state == CircuitState::kConnected;
+    return isChanged ? kStatusSuccess : kStatusTimeout;
+}

@@ -1,0 +1,109 @@
+// What leaves a circuit: envelopes, one sender's after the other's, and signs.
+
+#include <utility>
+
+#include "lib/msg/message_internal.h"
+#include "lib/transport/circuit/circuit_internal.h"
+#include "lib/transport/held_messages.h"
+#include "lib/transport/ipq/ipq.h"
+
+namespace {
+
+// The circuit of a transport whose lock is held; the checker can't tell that its transport is this
+// one.
+void lockIsHeld(const VirtualCircuit* circuit) PELMO_ASSERTS(circuit->transport->header.lock) {
+    static_cast<void>(circuit);
+}
+
+// From here to the end of the scope no other thread sends. The lock is held at both ends.
+class Turn {
+  public:
+    explicit Turn(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock)
+        : circuit_(circuit) {
+        const pthread_t self = pthread_self();
+        while (circuit->turns != 0 && pthread_equal(circuit->turnThread, self) == 0) {
+            ++circuit->turnsAwaited;
+            Id_Wait(&circuit->transport->header, &circuit->changed);
+            --circuit->turnsAwaited;
+        }
+        circuit->turnThread = self;
+        ++circuit->turns;
+    }
+    ~Turn() {
+        lockIsHeld(circuit_);
+        if (--circuit_->turns != 0) return;
+        if (std::exchange(circuit_->owesGoodbye, false)) {
+            (void)circuitSendSign(circuit_, CircuitKind::kGoodbye);
+        }
+        if (circuit_->turnsAwaited != 0) Cond_Broadcast(&circuit_->changed);
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+  private:
+    VirtualCircuit* circuit_;
+};
+
+}  // namespace
+
+pelmoStatus circuitSendSign(VirtualCircuit* circuit, CircuitKind kind) {
+    if (circuit->turns != 0) return kStatusTimeout;
+    const IpqNoWait noWait;
+    pelmoMsg* made = nullptr;
+    const pelmoStatus status =
+        circuitBuildSign(&made, kind, circuit->peerSubject, circuit->count.sendSeq + 1);
+    if (status != kStatusSuccess) return status;
+    const HeldMessage sign(made);
+    ++circuit->count.sendSeq;
+    return transportSend(circuit->transport->underlying, sign.get());
+}
+
+pelmoStatus vcWrap(Transport* transport, pelmoMsg* message, pelmoMsg** outEnvelope) {
+    VirtualCircuit* const circuit = transport->circuit;
+    lockIsHeld(circuit);
+    if (circuit->state != CircuitState::kConnected) return kStatusCircuitNotConnected;
+    HeldMessage held;
+    CircuitParcel parcel;
+    pelmoStatus status = circuitPack(message, &held, &parcel);
+    if (status != kStatusSuccess) return status;
+    status = circuitBuildData(outEnvelope, circuit->peerSubject, parcel, circuit->count.sendSeq + 1,
+                              circuit->isLegacyPeer);
+    if (status == kStatusSuccess) ++circuit->count.sendSeq;
+    return status;
+}
+
+pelmoStatus vcSend(Transport* transport, pelmoMsg* message) {
+    lockIsHeld(transport->circuit);
+    const Turn turn(transport->circuit);
+    pelmoMsg* made = nullptr;
+    pelmoStatus status = vcWrap(transport, message, &made);
+    if (status != kStatusSuccess) return status;
+    const HeldMessage envelope(made);
+    Id_Leave(&transport->header);
+    status = transportSend(transport->underlying, envelope.get());
+    Id_Enter(&transport->header);
+    return status;
+}
+
+pelmoStatus vcSendVector(Transport* transport, std::span<pelmoMsg* const> messages) {
+    VirtualCircuit* const circuit = transport->circuit;
+    lockIsHeld(circuit);
+    const Turn turn(circuit);
+    HeldMessages envelopes;
+    if (!envelopes.makeRoom(messages.size())) return kStatusNoMemory;
+    const uint64_t sendSeqBefore = circuit->count.sendSeq;
+    for (pelmoMsg* message : messages) {
+        pelmoMsg* made = nullptr;
+        const pelmoStatus status = vcWrap(transport, message, &made);
+        if (status != kStatusSuccess) {
+            // Neither lock nor turn was let go, so that nobody has seen these numbers.
+            circuit->count.sendSeq = sendSeqBefore;
+            return status;
+        }
+        envelopes.add(HeldMessage(made));
+    }
+    Id_Leave(&transport->header);
+    const pelmoStatus status = transportSendVector(transport->underlying, envelopes.all());
+    Id_Enter(&transport->header);
+    return status;
+}
