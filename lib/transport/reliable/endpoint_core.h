@@ -6,6 +6,7 @@
 //     reassembly.h                    packets -> messages in order
 //     state_table.h                   the states of a connection, one row a step
 //     connection.h                    one connection: packets, ticks, opening and closing
+//     endpoint_record.h               the endpoint's record, and what its calls give
 //     endpoint_core.h                 who the packet is for; opening packets; bounds
 //     reliable_endpoint.h             socket, timers, lock, callbacks
 //
@@ -33,83 +34,9 @@
 #include <span>
 
 #include "lib/base/status.h"
-#include "lib/transport/reliable/packet.h"
-#include "lib/transport/reliable/peer.h"
-#include "lib/transport/reliable/reassembly.h"
+#include "lib/transport/reliable/endpoint_record.h"
 
-struct Buffer;
-struct Dpa;
-struct Hash;
 struct pelmoMsg;
-struct ReliableConnection;
-
-inline constexpr uint32_t kMostHalfOpen = 1024;
-inline constexpr double kNever = 1e300;
-
-struct OutDatagram {
-    std::span<const uint8_t> head;     // valid during the call
-    std::span<const uint8_t> payload;  // in `buffer`: a reference keeps it
-    Buffer* buffer;                    // null: no payload
-    bool isRepeat;
-};
-
-struct EndpointSink {
-    void* closure;
-    void (*send)(void* closure, const PeerAddress& to, const OutDatagram& datagram);
-
-    // Senders that wait for this connection may go on: it has room, or has ended.
-    void (*wakeSenders)(void* closure, void* waiter);
-
-    // A connection that had a waiter is freed.
-    void (*dropWaiter)(void* closure, void* waiter);
-};
-
-struct LossReport {
-    bool inbound;  // else what was sent to the peer
-    PeerAddress peer;
-    uint64_t bytes;  // 0: not known
-};
-
-inline constexpr uint32_t kMostLosses = 4;
-
-enum EndpointNotice : uint32_t {
-    kNoticeHalfOpen = 1,
-    kNoticePeerReassembly = 2,
-    kNoticeEndpointReassembly = 4,
-};
-
-// Empty ahead of each call, and seen to after it, with no lock held.
-struct EndpointOutput {
-    PeerAddress peer;                // whom the messages are from
-    Dpa* messages;                   // null: none. The list and the messages belong to the taker
-    LossReport losses[kMostLosses];  // what has no place is added to the last
-    uint32_t lossCount;
-    uint32_t notices;    // bits of EndpointNotice
-    bool flushAdvanced;  // a connection has nothing more to flush
-};
-
-struct EndpointCounts {
-    uint64_t messagesSent;
-    uint64_t messagesReceived;
-    uint64_t packetsSent;  // repeats among them
-    uint64_t packetsReceived;
-    uint64_t packetsResent;
-    uint64_t packetsDropped;  // no packets, or nobody's
-};
-
-struct EndpointCore {
-    EndpointSink sink;  // constant
-    bool open;
-    bool flushing;
-    Hash* byPeer;   // of ReliableConnection, by the peer's address
-    Hash* byId;     // by the local id, from a sent SYN until its answer
-    Hash* peerIds;  // last local and remote ids of each peer with a connection
-    ReassemblyShare share;
-    uint32_t mostHalfOpen;
-    uint32_t halfOpen;
-    EndpointCounts counts;
-    struct DeadlineHeap* deadlines;  // of ReliableConnection, soonest first
-};
 
 // kStatusNoMemory.
 [[nodiscard]] pelmoStatus endpointInit(EndpointCore* core, const EndpointSink& sink);
