@@ -9,6 +9,7 @@ cd "$(dirname "$0")/.."
 
 have_command() { command -v "$1" >/dev/null 2>&1; }
 have_header() { [ -f "/usr/include/$1" ]; }
+have_module() { python3 -c "import $1" 2>/dev/null; }
 have_fuzzer() { compgen -G '/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a' >/dev/null; }
 
 missing=()
@@ -27,6 +28,9 @@ need iproute2 have_command ip
 need python3 have_command python3
 need libpcap-dev have_header pcap.h
 need zlib1g-dev have_header zlib.h
+need libcli11-dev have_header CLI/CLI.hpp
+need rapidjson-dev have_header rapidjson/writer.h
+need python3-jsonschema have_module jsonschema
 need libgtest-dev have_header gtest/gtest.h
 need libbenchmark-dev have_header benchmark/benchmark.h
 need libmsgpack-dev have_header msgpack.h

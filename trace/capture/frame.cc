@@ -8,6 +8,7 @@
 #include "trace/capture/capture_file.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/statistics.h"
+#include "trace/settings.h"
 
 namespace {
 
@@ -43,6 +44,7 @@ void reportNoIpHeader(Bytes frame, size_t leftBytes) {
 Bytes findIpPacket(Bytes frame, TimeSpec time) {
     if (frame.size() < kEthernetHeaderBytes) {
         countFault(Fault::kEthernetHeaderCut, time);
+        if (!traceSettings.tellCutFrames) return {};
         logPrint("%s", faultRow(Fault::kEthernetHeaderCut).format);
         return {};
     }
@@ -51,7 +53,7 @@ Bytes findIpPacket(Bytes frame, TimeSpec time) {
     const Bytes ip = isEthernet ? frame.subspan(kEthernetHeaderBytes) : frame;
     if (ip.size() < kIpHeaderBytes) {
         countFault(Fault::kIpHeaderCut, time);
-        reportNoIpHeader(frame, ip.size());
+        if (traceSettings.tellCutFrames) reportNoIpHeader(frame, ip.size());
         return {};
     }
     return ip;

@@ -6,8 +6,8 @@
 // Only Ethertype 0x0800 tells that an Ethernet header is there. Any other frame is handed on from
 // its first byte, which is how captures of bare IP are read: the link type isn't asked for.
 //
-// Failure: a frame too small for its headers is counted, logged and dropped, after it was saved.
-// One that can't be saved is handled like any other.
+// Failure: a frame too small for its headers is counted, logged (TraceSettings::tellCutFrames) and
+// dropped, after it was saved. One that can't be saved is handled like any other.
 //
 // Threads: whichever runs the capture loop. Takes `statsLock` around a write or a count, and calls
 // the packet handler without it.

@@ -44,7 +44,7 @@ inline constexpr size_t kFaultKinds = 19;
 
 // Who logs the fault, and around which address.
 enum class FaultLine : uint8_t {
-    kFrame,    // the frame handler, always, in a line of its own
+    kFrame,    // the frame handler, in a line of its own (TraceSettings::tellCutFrames)
     kPacket,   // "<text> from <address>", with "-complain"
     kMessage,  // "Invalid message from <address> - <text>", with "-complain"
 };

@@ -173,6 +173,16 @@ pelmoStatus stopWaitInit(StopCallback callback) {
     return kStatusSuccess;
 }
 
+void stopWaitAsk() {
+    StopCallback callback = nullptr;
+    {
+        const LockGuard guard(stop.lock);
+        if (stop.armed) stop.signalSeen = true;
+        callback = decideLocked();
+    }
+    if (callback != nullptr) callback();
+}
+
 // The wait also looks by itself whether a signal came: the pair may be stuck, or its thread may be
 // waiting for a reader of the log.
 bool stopWaitRun() {

@@ -28,6 +28,9 @@ using StopCallback = void (*)();
 // The callback, which may be null, runs once, when the stop is decided.
 [[nodiscard]] pelmoStatus stopWaitInit(StopCallback callback);
 
+// Asks for the stop as a signal would. Any thread, armed or not.
+void stopWaitAsk();
+
 // Returns when the program is to stop: was it a signal? Signals don't kill from the clean-up on,
 // but for those that come a second late: what is open can be closed in peace. A wait that is
 // cleaned up can be armed anew.

@@ -1,0 +1,52 @@
+// A form: one way to show the Snapshots of a run. It is a table of functions and of its options;
+// the core opens the source, runs it, and calls the form.
+//
+//     settle  prepare  |  start  |  snapshot  snapshot  ...  |  end
+//
+// Settings of the run are `traceSettings` (trace/settings.h): a form that reads the senders of
+// subjects sets `countSenders` by an option or in its settle.
+//
+// Failure: a function that answers false has told the reason in the log; the program ends in order
+// with status 1.
+//
+// Threads: all on the main thread, but for snapshot in a live run, which is called on the library's
+// timer thread. Calls never overlap. While snapshot runs a live source goes on to be captured and
+// counted, and a saved one waits.
+
+#pragma once
+
+#include <span>
+
+#include "trace/counts/snapshot.h"
+#include "watch/core/option_row.h"
+
+struct Form {
+    const char* name;
+    const char* summary;  // one line
+    std::span<const OptionRow> options;
+
+    // What options mean together, once all are stored. Returns null, or what is wrong. May be null.
+    const char* (*settle)();
+
+    // With the rights that the program was started with, ahead of the source's opening: for what
+    // needs them. May be null.
+    bool (*prepare)();
+
+    // The source is open, all rights are given up, the library is open.
+    bool (*start)();
+
+    // Shows an interval. The Snapshot is sorted, its ports have their service ports, and it is
+    // valid for the call. False where no further one is wanted, because it was enough or because
+    // output failed; the run then ends in order, and `end` tells which.
+    bool (*snapshot)(SnapHeader& snapshot);
+
+    // Behind the last snapshot; the library is closed. `isWhole`: the source was read to its end,
+    // or was a live one. Where it wasn't, the process ends by itself within a second.
+    bool (*end)(bool isWhole);
+
+    // Does a saved capture's progress belong on the terminal, if the standard error stream is one?
+    bool showsProgress;
+
+    // Does the program go on behind a saved capture's end, until it is stopped?
+    bool staysOpen;
+};

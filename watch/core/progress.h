@@ -1,0 +1,26 @@
+// How far a saved capture was read, as one line of a terminal that is drawn over and over:
+//
+//     45%  1.2 of 2.7 GB  0:12 left
+//
+// It is drawn on the standard error stream, twice a second, and only where that is a terminal and
+// the capture has a size.
+//
+// Threads: start and end on the main thread; it is drawn on the library's timer thread.
+
+#pragma once
+
+#include <cstddef>
+
+#include "lib/base/status.h"
+#include "trace/capture/saved_capture.h"
+
+inline constexpr size_t kProgressBytes = 64;
+
+// Behind the library's opening. The status of a timer's creation.
+[[nodiscard]] pelmoStatus progressStart();
+
+// Clears the line; from here on nothing is drawn.
+void progressEnd();
+
+// The line's text, behind so many seconds of reading. Empty while nothing can be told.
+void progressText(char (&text)[kProgressBytes], double seconds, const SavedExtent& extent);

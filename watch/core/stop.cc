@@ -1,0 +1,81 @@
+#include "watch/core/stop.h"
+
+#include <atomic>
+
+#include "lib/base/clock.h"
+#include "lib/base/cond.h"
+#include "lib/base/lock.h"
+#include "lib/base/log.h"
+#include "trace/capture/capture_session.h"
+#include "trace/capture/capture_state.h"
+#include "trace/run/end_limit.h"
+#include "trace/run/end_status.h"
+#include "trace/run/stop_wait.h"
+#include "trace/settings.h"
+
+namespace {
+
+// How long the end may take in all, and how long of that the log waits for its reader.
+constexpr double kEndSeconds = 0.7;
+constexpr double kLogEndSeconds = 0.2;
+
+struct Stop {
+    Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
+    Cond event = {};  // signalled when the end is asked for; made once, never destroyed
+
+    std::atomic<bool> asked = false;
+    std::atomic<bool> byProgram = false;  // the program asked ahead of any signal
+};
+
+constinit Stop stop;
+
+// A saved capture that a signal cuts off isn't shown whole, wherever the end is met.
+void onStop() {
+    if (!traceSettings.liveCapture && !stop.byProgram) endMarkFailed();
+    endLimitStart(kEndSeconds);
+    logBoundWaits(kLogEndSeconds);
+    {
+        const LockGuard guard(stop.lock);
+        stop.asked = true;
+        Cond_Broadcast(&stop.event);
+    }
+    if (!traceSettings.liveCapture) breakCaptureLoop(captureState.captureHandle);
+}
+
+}  // namespace
+
+pelmoStatus stopArm() {
+    const pelmoStatus status = Cond_Init(&stop.event);
+    return status == kStatusSuccess ? stopWaitInit(onStop) : status;
+}
+
+void stopAsk() {
+    if (!stop.asked) stop.byProgram = true;
+    stopWaitAsk();
+}
+
+bool stopIsAsked() {
+    return stop.asked;
+}
+
+bool stopIsBySignal() {
+    return stop.asked && !stop.byProgram;
+}
+
+bool stopSleep(double seconds) {
+    const double end = clockSteadySeconds() + seconds;
+    const LockGuard guard(stop.lock);
+    for (double left = seconds; !stop.asked && left > 0; left = end - clockSteadySeconds()) {
+        (void)Cond_TimedWait(&stop.event, &stop.lock, left);
+    }
+    return !stop.asked;
+}
+
+void stopAwait() {
+    if (!stopWaitRun()) endMarkFailed();
+}
+
+void stopDisarm() {
+    stopWaitCleanup();
+    stopWaitRelease();
+}

@@ -1,0 +1,30 @@
+// The end of a run: asked for by SIGINT, SIGTERM or a hang-up, or by the program itself. It ends a
+// live run's wait and breaks off the reading of a saved capture.
+//
+// From then on the process has 0.7 seconds; what isn't written by then is given up.
+//
+// Threads: any, where nothing else is said.
+
+#pragma once
+
+#include "lib/base/status.h"
+
+// Once, on the main thread, with the library open. The status of stopWaitInit.
+[[nodiscard]] pelmoStatus stopArm();
+
+// Asks for the end as a signal does, but that the run counts as whole.
+void stopAsk();
+
+[[nodiscard]] bool stopIsAsked();
+
+// Did a signal ask first?
+[[nodiscard]] bool stopIsBySignal();
+
+// Waits so many seconds, or until the end is asked for. False where it is.
+[[nodiscard]] bool stopSleep(double seconds);
+
+// On the main thread: returns when the end is asked for, or where it can't be waited for.
+void stopAwait();
+
+// On the main thread, ahead of the library's closing. From here a signal ends the process at once.
+void stopDisarm();

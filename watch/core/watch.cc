@@ -1,0 +1,134 @@
+#include "watch/core/watch.h"
+
+#include <unistd.h>
+
+#include "lib/base/lock.h"
+#include "lib/base/log.h"
+#include "lib/pelmo.h"
+#include "trace/capture/capture_session.h"
+#include "trace/capture/capture_state.h"
+#include "trace/counts/services.h"
+#include "trace/counts/statistics.h"
+#include "trace/run/end_status.h"
+#include "trace/run/live_run.h"
+#include "trace/run/offline_run.h"
+#include "trace/run/settings_check.h"
+#include "trace/run/snapshot_sink.h"
+#include "trace/run/start_steps.h"
+#include "trace/settings.h"
+#include "watch/core/name.h"
+#include "watch/core/options.h"
+#include "watch/core/privileges.h"
+#include "watch/core/progress.h"
+#include "watch/core/stop.h"
+
+namespace {
+
+constexpr int kUsageStatus = 2;
+
+struct WatchRun {
+    // Constant after the command line.
+    const Form* form = nullptr;
+
+    // Of the thread that hands on Snapshots.
+    bool wantsMore = true;
+};
+
+constinit WatchRun run;
+
+void take(SnapHeader* snapshot) {
+    if (!run.wantsMore) return;
+    snapshotSort(snapshot);
+    servicesFind(snapshot);
+    run.wantsMore = run.form->snapshot(*snapshot);
+    if (!run.wantsMore) stopAsk();
+}
+
+constexpr SnapshotSink kSink = {
+    .begin = nullptr, .take = take, .end = nullptr, .wantsSource = true};
+
+pelmoStatus statusOf(bool done) {
+    return done ? kStatusSuccess : kStatusNotInitialized;
+}
+
+pelmoStatus prepareForm() {
+    return statusOf(run.form->prepare == nullptr || run.form->prepare());
+}
+
+pelmoStatus startForm() {
+    return statusOf(run.form->start());
+}
+
+// The tool goes on without a filter that is refused; here it is one of the options, and wrong.
+pelmoStatus filterStrictly() {
+    const bool installed = installFilter(captureState.captureHandle, traceSettings.filterText);
+    return installed ? kStatusSuccess : kStatusInvalidArgument;
+}
+
+pelmoStatus tellOfCutFrames() {
+    if (!traceSettings.liveCapture) warnOfCutFrames(captureState.captureHandle);
+    return kStatusSuccess;
+}
+
+pelmoStatus showProgress() {
+    const bool shows = run.form->showsProgress && !traceSettings.liveCapture;
+    return shows && isatty(STDOUT_FILENO) == 0 ? progressStart() : kStatusSuccess;
+}
+
+// Rights go ahead of all threads, which the library brings.
+constexpr StartStep kStartSteps[] = {
+    {kEitherMode, outliveFileLimit}, {kEitherMode, outliveReaders},
+    {kEitherMode, validateFilter},   {kEitherMode, statsInit},
+    {kEitherMode, prepareForm},      {kLiveOnly, privilegesForCapture},
+    {kEitherMode, openSource},       {kEitherMode, filterStrictly},
+    {kEitherMode, privilegesDrop},   {kEitherMode, tellOfCutFrames},
+    {kEitherMode, pelmo_Open},       {kEitherMode, stopArm},
+    {kEitherMode, startForm},        {kEitherMode, showProgress},
+    {kLiveOnly, markStart},          {kLiveOnly, startSnapshotTimer},
+    {kLiveOnly, watchLink},          {kLiveOnly, captureThreadStart},
+};
+
+void runSource() {
+    if (!traceSettings.liveCapture) {
+        runOffline();
+        progressEnd();
+    }
+    if (traceSettings.liveCapture || run.form->staysOpen) stopAwait();
+}
+
+// The capture thread isn't joined: libpcap may be waiting for a packet. Behind the turn at the lock
+// it finds the shutdown. The library's closing joins the thread of a Snapshot under way.
+void closeSource() {
+    captureState.shuttingDown.store(true, std::memory_order_relaxed);
+    captureThreadRelease();
+    { const LockGuard guard(statsLock); }
+    stopDisarm();
+    pelmo_Close();
+}
+
+void endForm() {
+    const bool isWhole = traceSettings.liveCapture || run.form->staysOpen || !stopIsBySignal();
+    if (!run.form->end(isWhole)) endMarkFailed();
+    if (!isWhole) logPrint("stopped ahead of the end of %s.", traceSettings.readFile);
+}
+
+}  // namespace
+
+int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
+    holdStandardStreams();
+    logSetProgramName(kWatchName);
+    run.form = &optionsParse(argc, argv, forms);
+    snapshotSink = kSink;
+    traceSettings.tellCutFrames = false;  // forms show how many there were
+
+    const pelmoStatus status = startInOrder(kStartSteps);
+    if (status != kStatusSuccess) {
+        logPrint("startup aborted: %s.", pelmoStatus_GetText(status));
+        pelmo_Close();  // where it was opened
+        return status == kStatusInvalidArgument ? kUsageStatus : 1;
+    }
+    runSource();
+    closeSource();
+    endForm();
+    return endStatus();
+}
