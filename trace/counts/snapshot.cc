@@ -238,6 +238,7 @@ void fillHead(SnapHeader& head, TimeSpec time, const Sizes& sizes, const Places&
         .oskaPackets = statistics.oskaPackets,
         .source = {},
         .faults = {},
+        .beyond = {},
         .portCount = static_cast<uint32_t>(sizes.ports),
         .ports = places.ports,
     };

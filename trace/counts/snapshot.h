@@ -79,6 +79,14 @@ struct SnapPort {
     SnapPtpHost* ptpHosts;
 };
 
+// Sums of whole tables. Each is a record of the kind that it adds up; only its counters are used.
+struct SnapTotals {
+    SnapHost multicast;
+    RlCounters retransmission;
+    PtpCounters pointToPoint;
+    SnapSubjectHost subjects;
+};
+
 // What the source tells of itself. Whoever runs the source fills it in (trace/run/), for forms of
 // output that ask for it.
 struct SnapSource {
@@ -99,6 +107,11 @@ struct SnapHeader {
     uint64_t oskaPackets;  // those of the bus among them
     SnapSource source;
     FaultCounts faults;
+
+    // What was counted and has no record here. Zeros in what snapshotTake gives; whoever adds up
+    // Snapshots may bound the number of records.
+    SnapTotals beyond;
+
     uint32_t portCount;
     SnapPort* ports;
 };

@@ -81,7 +81,7 @@ PtpCounters sumOfHosts(std::span<const SnapPtpHost> hosts) {
 }
 
 SnapTotals snapshotAddUp(const SnapHeader& snapshot) {
-    SnapTotals totals{};
+    SnapTotals totals = snapshot.beyond;
     for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
         for (const SnapNet& net : std::span(port.nets, port.netCount)) {
             addNet(totals, net);

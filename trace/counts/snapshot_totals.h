@@ -1,7 +1,5 @@
 // Sums of a Snapshot's tables, for every form of output: the one place that adds up.
 //
-// A sum is a record of the kind that it adds up; only its counters are used.
-//
 // Threads: any; no state.
 
 #pragma once
@@ -9,13 +7,6 @@
 #include <span>
 
 #include "trace/counts/snapshot.h"
-
-struct SnapTotals {
-    SnapHost multicast;
-    RlCounters retransmission;
-    PtpCounters pointToPoint;
-    SnapSubjectHost subjects;
-};
 
 // Adds the counters of a record to those of a sum.
 void addCounters(SnapHost& sum, const SnapHost& record);

@@ -8,6 +8,7 @@
 #include "lib/base/log.h"
 #include "lib/base/text_sink.h"
 #include "trace/settings.h"
+#include "watch/core/totals.h"
 #include "watch/json/json_writer.h"
 
 namespace {
@@ -15,8 +16,10 @@ namespace {
 struct JsonForm {
     // Of the command line.
     bool rows = false;
+    bool sinceStart = false;
 
     // Of the thread that hands on Snapshots.
+    Totals totals;
     JsonBuffer buffer;
     TextSink output;
     bool failed = false;
@@ -29,6 +32,11 @@ const char* storeRows(const char*) {
     return nullptr;
 }
 
+const char* storeSinceStart(const char*) {
+    json.sinceStart = true;
+    return nullptr;
+}
+
 const char* storeSenders(const char*) {
     traceSettings.countSenders = true;
     return nullptr;
@@ -36,6 +44,8 @@ const char* storeSenders(const char*) {
 
 constexpr OptionRow kOptions[] = {
     {"--rows", nullptr, "each row of each table on a line of its own", storeRows},
+    {"--since-start", nullptr, "sums since the start beside those of the interval",
+     storeSinceStart},
     {"--senders", nullptr, "count and show the senders of each subject", storeSenders},
 };
 
@@ -67,10 +77,16 @@ bool writeLines() {
 }
 
 bool snapshot(SnapHeader& snapshot) {
+    const SnapHeader* total = nullptr;
+    if (json.sinceStart) {
+        totalsAdd(json.totals, snapshot);
+        total = totalsSnapshot(json.totals);
+        if (total == nullptr) json.buffer.failed = true;
+    }
     if (json.rows) {
-        jsonAppendRows(json.buffer, snapshot, nullptr);
+        jsonAppendRows(json.buffer, snapshot, total);
     } else {
-        jsonAppendObject(json.buffer, snapshot, nullptr);
+        jsonAppendObject(json.buffer, snapshot, total);
         json.buffer.Put('\n');
     }
     return writeLines();
@@ -78,6 +94,7 @@ bool snapshot(SnapHeader& snapshot) {
 
 bool end(bool) {
     textSinkSet(&json.output, -1);
+    totalsFree(json.totals);
     return !json.failed;
 }
 
