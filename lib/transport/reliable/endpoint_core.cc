@@ -1,5 +1,7 @@
 #include "lib/transport/reliable/endpoint_core.h"
 
+#include <utility>
+
 #include "lib/transport/reliable/connection.h"
 #include "lib/transport/reliable/key_table.h"
 
@@ -71,8 +73,7 @@ pelmoStatus endpointInit(EndpointCore* core, const EndpointSink& sink) {
     core->byPeer = hashCreate(kFirstBuckets);
     core->byId = hashCreate(kFirstBuckets);
     if (core->byPeer == nullptr || core->byId == nullptr) {
-        hashDestroy(core->byPeer);
-        hashDestroy(core->byId);
+        endpointFree(core);
         return kStatusNoMemory;
     }
     core->share.most = kMostReassemblyBytes;
@@ -88,8 +89,8 @@ void endpointFree(EndpointCore* core) {
         connectionTearDown(connection, EndReason::kUnused, &ignored);
         connectionSettle(connection, 0);
     }
-    hashDestroy(core->byPeer);
-    hashDestroy(core->byId);
+    hashDestroy(std::exchange(core->byPeer, nullptr));
+    hashDestroy(std::exchange(core->byId, nullptr));
     deadlineHeapFree(&core->deadlines);
 }
 

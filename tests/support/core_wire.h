@@ -1,0 +1,207 @@
+// The core of a reliable endpoint at one end of a wire, and at the other a peer that a test writes
+// by hand, packet by packet. What the core does is told as text:
+//
+//     "ACK 1/3, FIN 2/3; LAST_ACK; 1 message"      kind seq/ack; state if it changed; output
+//
+// A peer is a port; its connection id is kPeerId and the port.
+//
+// Threads: one.
+
+#pragma once
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
+#include "lib/transport/reliable/connection.h"
+#include "lib/transport/reliable/endpoint_core.h"
+
+inline constexpr double kWireBegin = 1.7e9;
+inline constexpr uint32_t kPeerId = 0x70000000;
+
+// What the peer sends.
+struct WirePacket {
+    uint8_t flags;
+    uint64_t seq;
+    uint64_t ack;
+    uint32_t messages = 0;
+    uint64_t window = kReceiveWindow;
+};
+
+struct CoreWire {
+    CoreWire() {
+        const EndpointSink sink = {this, onSend,
+                                   [](void* self, void*) { ++static_cast<CoreWire*>(self)->wakes; },
+                                   [](void*, void*) {}};
+        isMade = endpointInit(&core, sink) == kStatusSuccess &&
+                 pelmoMsg_CreateEx(&message, 32) == kStatusSuccess;
+    }
+    ~CoreWire() {
+        endpointFree(&core);
+        pelmoMsg_Destroy(message);
+    }
+    CoreWire(const CoreWire&) = delete;
+    CoreWire& operator=(const CoreWire&) = delete;
+
+    // The peer sends; `destId` 0: the id that the core told last.
+    void take(const WirePacket& packet, uint32_t destId = 0) {
+        std::vector<uint8_t> payload;
+        for (uint32_t i = 0; i < packet.messages; ++i) {
+            const uint8_t* const image = msgImage(message);
+            payload.insert(payload.end(), image, image + message->length);
+        }
+        const bool isFirst = (packet.flags & kFlagSyn) != 0 && packet.ack == 0;
+        const uint32_t to = destId != 0 ? destId : coreIds[port];
+        const bool isReset = (packet.flags & kFlagRst) != 0;
+        takeRaw({.sourceId = isReset ? 0 : peerId(),
+                 .destId = isFirst ? 0 : to,
+                 .seq = packet.seq,
+                 .ack = packet.ack,
+                 .flags = packet.flags,
+                 .window = packet.window},
+                nullptr, payload);
+    }
+
+    void takeRaw(const PacketHeader& header,
+                 const FragmentOption* fragment,
+                 const std::vector<uint8_t>& payload) {
+        uint8_t head[kMostHeadBytes];
+        const uint32_t headBytes = packetWriteHead(head, header, fragment);
+        std::vector<uint8_t> bytes(head, head + headBytes);
+        bytes.insert(bytes.end(), payload.begin(), payload.end());
+        EndpointOutput out = {};
+        endpointTakeDatagram(&core, now, address(), bytes, &out);
+        keep(out);
+    }
+
+    pelmoStatus send(uint32_t messages = 1, bool delaySmall = false) {
+        const std::vector<pelmoMsg*> list(messages, message);
+        EndpointOutput out = {};
+        ReliableConnection* waits = nullptr;
+        const pelmoStatus status =
+            endpointSend(&core, now, address(), list, delaySmall, &waits, &out);
+        if (waits != nullptr) waiting = waits;
+        keep(out);
+        return status;
+    }
+
+    // The clock goes on, and all deadlines are served at their times. Resends are told with the
+    // seconds that have passed.
+    void run(double seconds) {
+        const double begin = now;
+        while (endpointNextDeadline(&core) <= begin + seconds) {
+            now = endpointNextDeadline(&core);
+            elapsed = now - begin;
+            EndpointOutput out = {};
+            if (!endpointTick(&core, now, &out)) std::abort();
+            keep(out);
+        }
+        now = begin + seconds;
+        elapsed = -1;
+    }
+
+    void closeBegin(bool flush) {
+        EndpointOutput out = {};
+        endpointCloseBegin(&core, now, flush, &out);
+        keep(out);
+    }
+    void closeEnd() {
+        EndpointOutput out = {};
+        endpointCloseEnd(&core, now, &out);
+        keep(out);
+    }
+
+    // All that was done since the last call.
+    std::string done() {
+        std::string text = std::exchange(sent, "");
+        const ConnectionState is = state();
+        if (is != stateTold) add(text, "; ", nameOf(is));
+        stateTold = is;
+        if (received != 0) add(text, "; ", std::to_string(std::exchange(received, 0)) + " taken");
+        if (!lost.empty()) add(text, "; ", std::exchange(lost, ""));
+        return text;
+    }
+
+    [[nodiscard]] ConnectionState state() const {
+        const ReliableConnection* const connection = connectionFind(&core, address());
+        return connection != nullptr ? connection->state : kClosed;
+    }
+    [[nodiscard]] PeerAddress address() const { return {0x0100007f, port}; }
+    [[nodiscard]] uint32_t peerId() const { return kPeerId + port + life * 0x10000; }
+
+    static const char* nameOf(ConnectionState state) {
+        constexpr const char* kNames[] = {"CLOSED",      "LISTEN",     "SYN_SENT",   "SYN_RECEIVED",
+                                          "ESTABLISHED", "FIN_WAIT_1", "FIN_WAIT_2", "CLOSING",
+                                          "CLOSE_WAIT",  "LAST_ACK",   "TIME_WAIT"};
+        return kNames[state];
+    }
+
+    static void add(std::string& text, const char* separator, const std::string& more) {
+        if (!text.empty()) text += separator;
+        text += more;
+    }
+
+    static void onSend(void* self, const PeerAddress&, const OutDatagram& datagram) {
+        static_cast<CoreWire*>(self)->tellSent(datagram);
+    }
+
+    void tellSent(const OutDatagram& datagram) {
+        std::vector<uint8_t> bytes(datagram.head.begin(), datagram.head.end());
+        bytes.insert(bytes.end(), datagram.payload.begin(), datagram.payload.end());
+        Packet packet;
+        if (!packetRead(bytes, &packet)) std::abort();
+        const PacketHeader& header = packet.header;
+        const bool isReset = (header.flags & kFlagRst) != 0;
+        if (!isReset) coreIds[port] = header.sourceId;
+        std::string text = (header.flags & kFlagSyn) != 0   ? "SYN"
+                           : (header.flags & kFlagFin) != 0 ? "FIN"
+                           : isReset                        ? "RST"
+                           : packet.payload.empty()         ? "ACK"
+                                                            : "DATA";
+        if ((header.flags & kFlagCloseNotice) != 0) text += "!";
+        text += " " + std::to_string(header.seq);
+        if (!isReset) text += "/" + std::to_string(header.ack);
+        if (elapsed >= 0) {
+            char at[32];
+            std::snprintf(at, sizeof at, " at %g", elapsed);
+            text += at;
+        }
+        add(sent, ", ", text);
+    }
+
+    void keep(const EndpointOutput& out) {
+        if (out.messages != nullptr) {
+            received += out.messages->count;
+            for (uint32_t i = 0; i < out.messages->count; ++i)
+                msgRelease(static_cast<pelmoMsg*>(out.messages->items[i]));
+            dpaDestroy(out.messages);
+        }
+        for (uint32_t i = 0; i < out.lossCount; ++i) {
+            const LossReport& loss = out.losses[i];
+            const std::string bytes = std::to_string(loss.bytes);
+            add(lost, ", ", (loss.inbound ? "in lost " : "out lost ") + bytes);
+        }
+        notices |= out.notices;
+    }
+
+    bool isMade;  // else memory ran out, and nothing may be called
+    EndpointCore core = {};
+    pelmoMsg* message = nullptr;
+    double now = kWireBegin;
+    uint16_t port = 1;  // of the peer that sends and is sent to
+    uint32_t life = 0;  // how often it has started again
+    ReliableConnection* waiting = nullptr;
+
+    std::map<uint16_t, uint32_t> coreIds;
+    double elapsed = -1;
+    std::string sent, lost;
+    uint32_t received = 0;
+    uint32_t notices = 0;
+    uint32_t wakes = 0;
+    ConnectionState stateTold = kClosed;
+};

@@ -1,0 +1,206 @@
+// What a packet does in each state of a connection.
+
+#include <gtest/gtest.h>
+
+#include "tests/support/core_wire.h"
+
+namespace {
+
+constexpr uint8_t kFin = kFlagFin;
+constexpr uint8_t kNote = kFlagCloseNotice;
+
+// Brings the connection there. Until then the peer sent SYN 1, the core SYN 1; numbers from 2 on
+// are free. In kCloseWait one message is under way.
+void reach(CoreWire& wire, ConnectionState state) {
+    if (state == kSynSent) {
+        (void)wire.send();
+    } else {
+        wire.take({kFlagSyn, 1, 0});
+        if (state != kSynReceived) wire.take({0, 1, 2});
+        if (state == kCloseWait) (void)wire.send();
+        if (state == kCloseWait || state == kLastAck) wire.take({kFin, 2, 2});
+    }
+    const bool closes =
+        state == kFinWait1 || state == kFinWait2 || state == kClosing || state == kTimeWait;
+    if (closes) wire.run(600);
+    if (state == kFinWait2 || state == kTimeWait) wire.take({0, 1, 3});
+    if (state == kTimeWait) wire.take({kFin, 2, 3});
+    if (state == kClosing) wire.take({kFin, 2, 2});
+    ASSERT_EQ(wire.state(), state);
+    (void)wire.done();
+}
+
+struct Row {
+    ConnectionState state;
+    WirePacket packet;
+    const char* done;
+};
+
+TEST(ReliableStates, EachRowDoesWhatItSays) {
+    const Row rows[] = {
+        // No answer to our SYN: SYN-ACK alone opens.
+        {kSynSent, {0, 1, 2}, ""},
+        {kSynSent, {kFlagSyn, 1, 2}, "DATA 2/2; ESTABLISHED"},
+        {kSynSent, {kFlagSyn, 1, 1}, ""},
+        {kSynSent, {kFlagSyn, 1, 3}, "RST 3"},
+        {kSynSent, {kFlagSyn, 1, 0}, "SYN 1/2; SYN_RECEIVED"},
+        {kSynSent, {kFlagRst, 0, 0}, ""},
+
+        {kSynReceived, {0, 1, 2}, "ESTABLISHED"},
+        {kSynReceived, {0, 2, 2, 1}, "ACK 1/3; ESTABLISHED; 1 taken"},
+        {kSynReceived, {0, 2, 1, 1}, "RST 1"},
+        {kSynReceived, {0, 1, 3}, "RST 3"},
+        {kSynReceived, {0, 1, 1}, ""},
+        {kSynReceived, {kFin, 2, 2}, "ACK 1/3, FIN 2/3; LAST_ACK"},
+        {kSynReceived, {kFlagSyn, 1, 0}, "SYN 1/2"},  // ours was lost
+        {kSynReceived, {kFlagRst, 2, 0}, "CLOSED"},
+
+        {kEstablished, {0, 1, 2}, ""},
+        {kEstablished, {0, 2, 2, 2}, "ACK 1/3; 2 taken"},
+        {kEstablished, {0, 3, 2, 1}, "ACK 1/2"},  // a gap ahead of it
+        {kEstablished, {0, 33, 2, 1}, "ACK 1/2"},
+        {kEstablished, {0, 34, 2, 1}, "ACK 1/2"},
+        {kEstablished, {0, 1, 2, 1}, "ACK 1/2"},
+        {kEstablished, {0, 1, 3}, ""},  // acknowledges what wasn't sent
+        {kEstablished, {kFin, 2, 2}, "ACK 1/3, FIN 2/3; LAST_ACK"},
+        {kEstablished, {kFin, 2, 2, 1}, "ACK 1/3, FIN 2/3; LAST_ACK; 1 taken"},
+        {kEstablished, {kFin, 3, 2}, ""},
+        {kEstablished, {kNote, 1, 2}, "FIN 2/2; FIN_WAIT_2"},
+        {kEstablished, {kNote, 2, 2, 1}, "FIN 2/3, ACK 2/3; FIN_WAIT_2; 1 taken"},
+        {kEstablished, {kFin | kNote, 2, 2}, "FIN 2/3, ACK 2/3; TIME_WAIT"},
+        {kEstablished, {kFlagSyn, 1, 0}, "ACK 1/2"},
+        {kEstablished, {kFlagSyn, 1, 2}, ""},
+        {kEstablished, {kFlagRst, 2, 0}, "CLOSED"},
+        {kEstablished, {kFlagRst, 33, 0}, "CLOSED"},
+        {kEstablished, {kFlagRst, 34, 0}, ""},
+        {kEstablished, {kFlagRst, 1, 0}, ""},
+
+        {kFinWait1, {0, 1, 2}, ""},
+        {kFinWait1, {0, 1, 3}, "FIN_WAIT_2"},
+        {kFinWait1, {0, 2, 2, 1}, "ACK 2/3; 1 taken"},
+        {kFinWait1, {kFin, 2, 2}, "ACK 2/3; CLOSING"},
+        {kFinWait1, {kFin, 2, 3}, "ACK 2/3; TIME_WAIT"},
+        {kFinWait1, {kFin, 3, 3}, "FIN_WAIT_2"},  // not all that the peer sent is here
+        {kFinWait1, {kNote, 1, 2}, "FIN_WAIT_2"},
+        {kFinWait1, {kFlagRst, 2, 0}, "CLOSED"},
+
+        {kFinWait2, {0, 1, 3}, ""},
+        {kFinWait2, {0, 2, 3, 1}, "ACK 2/3; 1 taken"},
+        {kFinWait2, {kFin, 2, 3}, "ACK 2/3; TIME_WAIT"},
+        {kFinWait2, {kFin, 3, 3}, ""},
+        {kFinWait2, {kNote, 1, 3}, ""},
+
+        {kClosing, {0, 2, 2}, ""},
+        {kClosing, {0, 2, 3}, "TIME_WAIT"},
+        {kClosing, {0, 3, 3, 1}, "TIME_WAIT"},  // nothing comes behind a FIN
+        {kClosing, {kFin, 2, 2}, "ACK 2/3"},
+        {kClosing, {kNote, 2, 2}, ""},
+
+        {kCloseWait, {0, 2, 2}, ""},
+        {kCloseWait, {0, 2, 3}, "FIN 3/3; LAST_ACK"},
+        {kCloseWait, {0, 3, 2, 1}, ""},
+        {kCloseWait, {kFin, 2, 2}, "ACK 2/3"},
+        {kCloseWait, {kNote, 2, 2}, "FIN 3/3; LAST_ACK; out lost 8"},
+        {kCloseWait, {kFlagRst, 3, 0}, "SYN 1/0; SYN_SENT"},
+
+        {kLastAck, {0, 2, 2}, ""},
+        {kLastAck, {0, 2, 3}, "CLOSED"},
+        {kLastAck, {kFin, 2, 2}, "ACK 2/3"},
+        {kLastAck, {kFlagRst, 3, 0}, "CLOSED"},
+
+        {kTimeWait, {0, 2, 3}, ""},
+        {kTimeWait, {kFin, 2, 3}, "ACK 2/3"},
+        {kTimeWait, {0, 3, 3, 1}, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(CoreWire::nameOf(row.state)) + " flags " +
+                     std::to_string(row.packet.flags) + " seq " + std::to_string(row.packet.seq) +
+                     " ack " + std::to_string(row.packet.ack));
+        CoreWire wire;
+        reach(wire, row.state);
+        wire.take(row.packet);
+        EXPECT_EQ(wire.done(), row.done);
+    }
+}
+
+// A peer that starts again, with another id, and one that we send to while we close.
+TEST(ReliableStates, OpensAnew) {
+    const struct {
+        ConnectionState state;
+        const char* onSyn;
+        const char* onSend;
+    } cases[] = {
+        {kSynSent, "SYN 1/8; SYN_RECEIVED", ""},
+        {kSynReceived, "SYN 1/8", ""},
+        {kEstablished, "ACK 1/2", "DATA 2/2"},
+        {kFinWait1, "ACK 2/2", "SYN 1/0; SYN_SENT"},
+        {kFinWait2, "ACK 2/2", "SYN 1/0; SYN_SENT"},
+        {kClosing, "SYN 1/8; SYN_RECEIVED", "SYN 1/0; SYN_SENT"},
+        {kCloseWait, "SYN 1/8; SYN_RECEIVED", "DATA 3/3"},
+        {kLastAck, "SYN 1/8; SYN_RECEIVED", "SYN 1/0; SYN_SENT"},
+        {kTimeWait, "SYN 1/8; SYN_RECEIVED", "SYN 1/0; SYN_SENT"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(CoreWire::nameOf(c.state));
+        CoreWire again;
+        reach(again, c.state);
+        const uint32_t before = again.coreIds[again.port];
+        ++again.life;
+        again.take({kFlagSyn, 7, 0});
+        EXPECT_EQ(again.done(), c.onSyn);
+        const bool keepsId = again.state() != kSynReceived || c.state == kSynSent;
+        EXPECT_EQ(again.coreIds[again.port] == before, keepsId);
+        if (again.state() == kSynReceived) {
+            again.run(1);  // the SYN-ACK was lost
+            EXPECT_EQ(again.done(), "SYN 1/8 at 1");
+            again.take({0, 7, 2});
+            const bool hasData = c.state == kSynSent || c.state == kCloseWait;
+            EXPECT_EQ(again.done(), hasData ? "DATA 2/8; ESTABLISHED" : "ESTABLISHED");
+        }
+
+        CoreWire sender;
+        reach(sender, c.state);
+        (void)sender.send();
+        EXPECT_EQ(sender.done(), c.onSend);
+    }
+}
+
+// Times of repeats, and how it ends, when the peer says nothing any more.
+TEST(ReliableStates, ComeToTheirEndWithoutThePeer) {
+    const struct {
+        ConnectionState state;
+        const char* done;
+    } cases[] = {
+        {kSynReceived,
+         "SYN 1/2 at 1, SYN 1/2 at 3, SYN 1/2 at 7, SYN 1/2 at 15, SYN 1/2 at 31, SYN 1/2 at 63, "
+         "RST 0 at 95; CLOSED"},
+        {kEstablished,
+         "FIN 2/2 at 600, FIN 2/2 at 601, FIN 2/2 at 603, FIN 2/2 at 607, FIN 2/2 at 615, "
+         "FIN 2/2 at 631, FIN 2/2 at 663, RST 0 at 695; CLOSED"},
+        {kFinWait2, "CLOSED"},
+        {kCloseWait,
+         "DATA 2/3 at 1, DATA 2/3 at 3, DATA 2/3 at 7, DATA 2/3 at 15, DATA 2/3 at 31, "
+         "DATA 2/3 at 63, RST 0 at 95; CLOSED; out lost 0"},
+        {kLastAck,
+         "FIN 2/3 at 1, FIN 2/3 at 3, FIN 2/3 at 7, FIN 2/3 at 15, FIN 2/3 at 31, FIN 2/3 at 63; "
+         "CLOSED"},
+        {kTimeWait, "CLOSED"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(CoreWire::nameOf(c.state));
+        CoreWire wire;
+        reach(wire, c.state);
+        if (c.state == kTimeWait) {
+            wire.run(0.49);
+            EXPECT_EQ(wire.done(), "");
+            wire.run(0.01);
+        } else {
+            wire.run(1000);
+        }
+        EXPECT_EQ(wire.done(), c.done);
+        EXPECT_EQ(endpointNextDeadline(&wire.core), kNever);
+        EXPECT_EQ(wire.core.connections, 0u);
+    }
+}
+
+}  // namespace
