@@ -214,6 +214,21 @@ void undo(Packing* packing, uint32_t countBefore) {
     bufferRelease(packing->joinedBlock.buffer);
 }
 
+// One message that the last waiting packet takes as it is: no memory is needed. False where it
+// isn't so simple.
+bool joinSimply(SendBuffer* buffer, std::span<pelmoMsg* const> messages, bool delaySmall) {
+    if (messages.size() != 1 || delaySmall || buffer->delayed != 0) return false;
+    if (sendBufferWaiting(buffer) == 0) return false;
+    OutPacket* const last = packetAt(buffer, countOf(buffer) - 1);
+    pelmoMsg* const message = messages.front();
+    const uint32_t length = message->length;
+    if (!last->takesMore || length > kMostBlockBytes - last->length) return false;
+    const uint8_t* const from = msgFlushBuffer(message)->data + message->base;
+    std::memcpy(last->buffer->data + last->offset + last->length, from, length);
+    last->length += length;
+    return true;
+}
+
 // What stands behind `firstPlace`, up to the first packet that doesn't wait for more.
 uint32_t countDelayed(const SendBuffer* buffer, uint32_t firstPlace) {
     uint32_t delayed = 0;
@@ -260,6 +275,7 @@ pelmoStatus sendBufferAdd(SendBuffer* buffer,
     const pelmoStatus status = checkMessages(messages);
     if (status != kStatusSuccess) return status;
 
+    if (joinSimply(buffer, messages, delaySmall)) return kStatusSuccess;
     const uint32_t countBefore = countOf(buffer);
     Packing packing = {};
     packing.to = buffer;
