@@ -95,38 +95,42 @@ struct Packing {
     bool blockIsOfJoined;  // `block` is to become `joinedBlock`
 };
 
+// Takes over the block's reference.
 bool pushWhole(SendBuffer* to, const Block& block) {
-    if (pushPacket(to, {.header = {},
-                        .isFragment = false,
-                        .takesMore = block.takesMore,
-                        .fragment = {},
-                        .buffer = block.buffer,
-                        .offset = block.offset,
-                        .length = block.length,
-                        .poolOwner = nullptr}) == nullptr) {
-        return false;
-    }
-    bufferRetain(block.buffer);
-    return true;
+    const OutPacket* const packet = pushPacket(to, {.header = {},
+                                                    .isFragment = false,
+                                                    .takesMore = block.takesMore,
+                                                    .fragment = {},
+                                                    .buffer = block.buffer,
+                                                    .offset = block.offset,
+                                                    .length = block.length,
+                                                    .poolOwner = nullptr});
+    if (packet == nullptr) bufferRelease(block.buffer);
+    return packet != nullptr;
 }
 
+bool pushFragment(SendBuffer* to, const Block& block, uint32_t at) {
+    const FragmentOption fragment = {.totalSize = block.length, .firstSeq = 0, .offset = at};
+    const OutPacket* const packet =
+        pushPacket(to, {.header = {},
+                        .isFragment = true,
+                        .takesMore = false,
+                        .fragment = fragment,
+                        .buffer = block.buffer,
+                        .offset = block.offset + at,
+                        .length = std::min(kFragmentPayloadBytes, block.length - at),
+                        .poolOwner = nullptr});
+    if (packet != nullptr) bufferRetain(block.buffer);
+    return packet != nullptr;
+}
+
+// Likewise.
 bool pushFragments(SendBuffer* to, const Block& block) {
-    for (uint32_t at = 0; at < block.length; at += kFragmentPayloadBytes) {
-        const FragmentOption fragment = {.totalSize = block.length, .firstSeq = 0, .offset = at};
-        const uint32_t length = std::min(kFragmentPayloadBytes, block.length - at);
-        if (pushPacket(to, {.header = {},
-                            .isFragment = true,
-                            .takesMore = false,
-                            .fragment = fragment,
-                            .buffer = block.buffer,
-                            .offset = block.offset + at,
-                            .length = length,
-                            .poolOwner = nullptr}) == nullptr) {
-            return false;
-        }
-        bufferRetain(block.buffer);
-    }
-    return true;
+    uint32_t at = 0;
+    while (at < block.length && pushFragment(to, block, at))
+        at += kFragmentPayloadBytes;
+    bufferRelease(block.buffer);
+    return at >= block.length;
 }
 
 bool closeBlock(Packing* packing) {
@@ -136,9 +140,7 @@ bool closeBlock(Packing* packing) {
         return true;
     }
     const bool isWhole = block.length <= kMostBlockBytes;
-    const bool isDone = isWhole ? pushWhole(packing->to, block) : pushFragments(packing->to, block);
-    bufferRelease(block.buffer);
-    return isDone;
+    return isWhole ? pushWhole(packing->to, block) : pushFragments(packing->to, block);
 }
 
 // The block moves to a buffer of its own. One that it shares is never written: messages of the
