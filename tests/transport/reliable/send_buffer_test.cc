@@ -140,7 +140,7 @@ TEST(SendBuffer, TakesAllMessagesOrNone) {
         }
     }
 
-    EXPECT_GT(failures, 50u);
+    EXPECT_GT(failures, 0u);
 
     HeldSendBuffer buffer;
     GivenMessages given({10, 20});
