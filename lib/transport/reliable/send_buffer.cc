@@ -380,16 +380,6 @@ uint64_t sendBufferRewind(SendBuffer* buffer) {
     return lowest;
 }
 
-void sendBufferDropControl(SendBuffer* buffer) {
-    while (buffer->sent != 0 && !hasPayload(packetAt(buffer, 0)))
-        dropFirstSent(buffer);
-    while (buffer->sent != 0 && !hasPayload(packetAt(buffer, buffer->sent - 1))) {
-        const uint32_t slot = EntryRing_Slot(buffer->packets, buffer->sent - 1);
-        givePacket(static_cast<OutPacket*>(EntryRing_RemoveAt(buffer->packets, slot)));
-        --buffer->sent;
-    }
-}
-
 uint64_t sendBufferPayloadBytes(const SendBuffer* buffer) {
     uint64_t bytes = 0;
     for (uint32_t place = 0; place < countOf(buffer); ++place)

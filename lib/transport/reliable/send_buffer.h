@@ -97,8 +97,5 @@ void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack);
 // number of what waits again, 0 for none.
 uint64_t sendBufferRewind(SendBuffer* buffer);
 
-// Drops sent packets without payload ahead of and behind all sent payload.
-void sendBufferDropControl(SendBuffer* buffer);
-
 // Payload bytes of messages that aren't acknowledged whole.
 [[nodiscard]] uint64_t sendBufferPayloadBytes(const SendBuffer* buffer);
