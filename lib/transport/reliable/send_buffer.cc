@@ -50,10 +50,6 @@ OutPacket* packetAt(const SendBuffer* buffer, uint32_t place) {
     return static_cast<OutPacket*>(buffer->packets->slots[EntryRing_Slot(buffer->packets, place)]);
 }
 
-void setPacketAt(SendBuffer* buffer, uint32_t place, OutPacket* packet) {
-    buffer->packets->slots[EntryRing_Slot(buffer->packets, place)] = packet;
-}
-
 // Null when memory ran out. The reference of `from` to its buffer is the caller's until then.
 OutPacket* pushPacket(SendBuffer* buffer, const OutPacket& from) {
     if (buffer->packets == nullptr) buffer->packets = EntryRing_Create(kFirstRingSlots);
@@ -70,10 +66,6 @@ OutPacket* pushPacket(SendBuffer* buffer, const OutPacket& from) {
 void dropFirstSent(SendBuffer* buffer) {
     givePacket(static_cast<OutPacket*>(EntryRing_PopFront(buffer->packets)));
     --buffer->sent;
-}
-
-bool hasPayload(const OutPacket* packet) {
-    return packet->buffer != nullptr;
 }
 
 // Packing
@@ -308,25 +300,6 @@ bool sendBufferIsEmpty(const SendBuffer* buffer) {
     return countOf(buffer) == 0;
 }
 
-OutPacket* sendBufferStore(SendBuffer* buffer, const PacketHeader& header) {
-    assert(buffer->sent == 0 || header.seq == packetAt(buffer, 0)->header.seq + buffer->sent);
-    OutPacket* const packet = pushPacket(buffer, {.header = header,
-                                                  .isFragment = false,
-                                                  .takesMore = false,
-                                                  .fragment = {},
-                                                  .buffer = nullptr,
-                                                  .offset = 0,
-                                                  .length = 0,
-                                                  .poolOwner = nullptr});
-    if (packet == nullptr) return nullptr;
-    uint32_t place = countOf(buffer) - 1;
-    for (; place > buffer->sent; --place)
-        setPacketAt(buffer, place, packetAt(buffer, place - 1));
-    setPacketAt(buffer, place, packet);
-    ++buffer->sent;
-    return packet;
-}
-
 OutPacket* sendBufferNext(SendBuffer* buffer, uint64_t seq) {
     if (sendBufferWaiting(buffer) == 0) return nullptr;
     assert(buffer->sent == 0 || seq == packetAt(buffer, 0)->header.seq + buffer->sent);
@@ -361,21 +334,12 @@ void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack) {
 }
 
 uint64_t sendBufferRewind(SendBuffer* buffer) {
-    uint64_t lowest = 0;
-    uint32_t kept = buffer->sent;
-    for (uint32_t place = buffer->sent; place-- > 0;) {
+    const uint64_t lowest = buffer->sent != 0 ? packetAt(buffer, 0)->header.seq : 0;
+    for (uint32_t place = 0; place < buffer->sent; ++place) {
         OutPacket* const packet = packetAt(buffer, place);
-        if (!hasPayload(packet)) {
-            givePacket(packet);
-            continue;
-        }
-        lowest = packet->header.seq;
         packet->header = {};
         packet->fragment.firstSeq = 0;
-        setPacketAt(buffer, --kept, packet);
     }
-    while (kept-- > 0)
-        EntryRing_PopFront(buffer->packets);
     buffer->sent = buffer->delayed = 0;
     return lowest;
 }
