@@ -18,6 +18,8 @@ constexpr size_t kQueueNameBytes = 64;
 // Used only with the library lock held, as starts and stops are.
 constinit Thread* timerThread = nullptr;
 
+constinit thread_local bool isOwnThread = false;
+
 void dispatchAll(Queue* queue) {
     while (Queue_Dispatch(queue, 0.0, DispatchBatch::kMixedEvents) == kStatusSuccess) {
     }
@@ -26,6 +28,7 @@ void dispatchAll(Queue* queue) {
 // A thread's argument is its epoch, so that a thread that starts to run late notices that it was
 // stopped.
 void runTimers(void* argument) {
+    isOwnThread = true;
     const auto epoch = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
     Held<Queue> queue;
     if (queue.find(kTimerQueueId) != kStatusSuccess) return;
@@ -46,6 +49,7 @@ bool hasWakeup(const IoThread* own) {
 
 // The record exists when the thread starts: an earlier stop waits for the thread's end.
 void runIo(void* argument) {
+    isOwnThread = true;
     auto* const own = static_cast<IoThread*>(argument);
     const uint32_t epoch = own->epoch;
     Held<Queue> queue;
@@ -140,6 +144,10 @@ pelmoStatus EventManager_StartIo(uint32_t count) {
         return status;
     }
     return kStatusSuccess;
+}
+
+bool EventManager_IsOwnThread() {
+    return isOwnThread;
 }
 
 void EventManager_Stop() {

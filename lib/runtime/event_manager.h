@@ -26,6 +26,10 @@
 // Makes IO queues 1 to count, their socket sets and threads; stops at the first failure.
 [[nodiscard]] pelmoStatus EventManager_StartIo(uint32_t count);
 
+// Is the calling thread one of its own, timer or IO thread? What such a thread would wait for may
+// need that very thread.
+[[nodiscard]] bool EventManager_IsOwnThread();
+
 // No timer or IO event fires afterwards; the event manager's queues are destroyed and all timers
 // disarmed.
 void EventManager_Stop();

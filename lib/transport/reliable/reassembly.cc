@@ -97,8 +97,7 @@ void abandon(Reassembly* reassembly, ReassemblyEntry* message, ReassemblyResult*
 
 // Delivery
 
-// False also for what is no message, such as one shorter than its head. A list has room for the one
-// message that fills its packet, or for some.
+// A list has room for the one message that fills its packet, or for some.
 bool addMessage(Buffer* data, uint32_t at, bool isOnly, ReassemblyResult* result) {
     pelmoMsg* message = nullptr;
     if (msgCreateOverBuffer(&message, data, at) != kStatusSuccess) return false;
@@ -114,7 +113,7 @@ void split(Buffer* data, uint32_t size, ReassemblyResult* result) {
     while (size - at >= kMessageHeadBytes) {
         const uint32_t length = loadBe32At(data->data + at);
         if (length == 0) return;
-        const bool fits = length <= size - at;
+        const bool fits = length >= kMessageHeadBytes && length <= size - at;
         if (!fits || !addMessage(data, at, length == size, result)) {
             return tellLoss(result, size - at);
         }

@@ -2,12 +2,16 @@
 // order and once, or tells that it couldn't. The protocol is in endpoint_core.h; this module joins
 // it to a socket, a timer, a lock and the callbacks.
 //
-// Ownership: the endpoint belongs to its maker, who closes it; the close frees it. No other call
-// may be running then, but for senders that wait: they end with kStatusDeliveryFailed.
+// Ownership: the endpoint belongs to its maker, who closes it and with that gives the first
+// reference back; the last one frees it. Who calls it while another thread may close it holds a
+// reference of its own.
 //
 // Threads: any. The endpoint's lock (rank kEndpoint) guards the core, and no callback runs under
 // it. Messages come on the IO thread, losses on whichever thread found them. A sender waits while
-// the peer is 4 MB behind, unless it is the IO or the timer thread.
+// the peer is 4 MB behind, unless it is the IO or the timer thread, or the library closes.
+//
+// The socket is read on queue 5; one timer on queue 2 stands for all deadlines, and fires only
+// while there is one. What one read brings is answered together, in one lock hold and one send.
 //
 // Units and byte order: ports are numbers; addresses are in network order where it says so.
 
@@ -42,6 +46,9 @@ using ReliableLossCallback = void (*)(
                                                 ReliableLossCallback onLoss,
                                                 uintptr_t closure);
 
+void ReliableEndpoint_Retain(ReliableEndpoint* endpoint);
+void ReliableEndpoint_Release(ReliableEndpoint* endpoint);
+
 [[nodiscard]] uint16_t ReliableEndpoint_Port(const ReliableEndpoint* endpoint);
 void ReliableEndpoint_SetClosure(ReliableEndpoint* endpoint, uintptr_t closure);
 [[nodiscard]] EndpointCounts ReliableEndpoint_Counts(ReliableEndpoint* endpoint);
@@ -55,6 +62,9 @@ void ReliableEndpoint_SetClosure(ReliableEndpoint* endpoint, uintptr_t closure);
                                                 std::span<pelmoMsg* const> messages,
                                                 bool delaySmall);
 
-// With `flush` what was sent leaves first, which takes at most 11 seconds. False where it was
-// closed already.
+// With `flush` what was sent leaves first, which takes at most 11 seconds, 5 on a closed library,
+// and senders that wait may go on meanwhile; those that are left then end with
+// kStatusDeliveryFailed. No callback runs any more afterwards, but for the one that made this call.
+// It needs neither the IO nor the timer thread, so that the library's close may call it as well.
+// False where it was closed already, and the reference stays.
 bool ReliableEndpoint_Close(ReliableEndpoint* endpoint, bool flush);

@@ -1,0 +1,403 @@
+// Endpoints on real sockets, against each other and against a peer that writes its packets by hand.
+
+#include "lib/transport/reliable/reliable_endpoint.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "lib/containers/dpa.h"
+#include "lib/msg/buffer.h"
+#include "lib/msg/message_typed.h"
+#include "lib/pelmo.h"
+#include "lib/transport/reliable/datagram_socket.h"
+#include "tests/support/datagram_wire.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/leftovers.h"
+
+namespace {
+
+using Seconds = std::chrono::duration<double>;
+
+template <typename Condition>
+bool within(double seconds, Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + Seconds(seconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end) return false;
+        (void)poll(nullptr, 0, 1);
+    }
+    return true;
+}
+
+// Names its sender and its place in the row of what that sent to one peer.
+Message numbered(uint32_t from, uint64_t number, size_t padBytes = 0) {
+    Message message = newMessage();
+    const Bytes pad(padBytes, 0x5a);
+    const auto padSize = static_cast<uint32_t>(padBytes);
+    if (message == nullptr || pelmoMsg_AddU32(message.get(), "from", from, 0) != kStatusSuccess ||
+        pelmoMsg_AddU64(message.get(), "n", number, 0) != kStatusSuccess ||
+        (padBytes != 0 &&
+         pelmoMsg_AddOpaque(message.get(), "pad", pad.data(), padSize, 0) != kStatusSuccess)) {
+        return nullptr;
+    }
+    return message;
+}
+
+struct End {
+    ReliableEndpoint* endpoint = nullptr;
+    std::mutex mutex;
+    std::map<uint32_t, uint64_t> next;  // number expected from each sender
+    std::atomic<uint64_t> taken = 0;
+    std::atomic<uint64_t> outOfOrder = 0;
+    std::atomic<uint64_t> lost = 0;
+    std::atomic<bool> closesItself = false;
+    std::atomic<bool> failsReads = false;  // a later allocation after each delivery
+
+    End() = default;
+    explicit End(uint16_t port) { EXPECT_EQ(open(port), kStatusSuccess); }
+    ~End() { close(false); }
+    End(const End&) = delete;
+    End& operator=(const End&) = delete;
+
+    pelmoStatus open(uint16_t port) {
+        return ReliableEndpoint_Open(&endpoint, kLoopbackHost, port, onData, onLoss,
+                                     reinterpret_cast<uintptr_t>(this));
+    }
+    void close(bool flushes) {
+        ReliableEndpoint* const closed = std::exchange(endpoint, nullptr);
+        EXPECT_TRUE(closed == nullptr || ReliableEndpoint_Close(closed, flushes));
+    }
+    [[nodiscard]] uint16_t port() const { return ReliableEndpoint_Port(endpoint); }
+
+    pelmoStatus send(uint16_t port, pelmoMsg* message) const {
+        return ReliableEndpoint_Send(endpoint, kLoopbackHost, port, {&message, 1}, false);
+    }
+
+  private:
+    static void onData(uint32_t address, Dpa* messages, uintptr_t closure) {
+        auto* const self = reinterpret_cast<End*>(closure);
+        EXPECT_EQ(address, kLoopbackHost);
+        for (uint32_t i = 0; i < messages->count; ++i)
+            self->take(static_cast<pelmoMsg*>(messages->items[i]));
+        if (self->closesItself.exchange(false)) self->close(false);
+        if (self->failsReads) (void)allocationsArm(self->taken / 2, false);
+    }
+    void take(pelmoMsg* message) {
+        uint32_t from = 0;
+        uint64_t number = 0;
+        (void)pelmoMsg_GetU32(message, "from", &from, 0);
+        (void)pelmoMsg_GetU64(message, "n", &number, 0);
+        msgRelease(message);
+        const std::lock_guard guard(mutex);
+        uint64_t& expected = next[from];
+        if (number != expected) ++outOfOrder;
+        expected = number + 1;
+        ++taken;
+    }
+    static void onLoss(bool, uint32_t address, uint16_t, uint64_t, uintptr_t closure) {
+        EXPECT_EQ(address, INADDR_LOOPBACK);
+        ++reinterpret_cast<End*>(closure)->lost;
+    }
+};
+
+struct ReliableEndpoints : testing::Test {
+    ReliableEndpoints() { EXPECT_EQ(pelmo_Open(), kStatusSuccess); }
+    ~ReliableEndpoints() override {
+        if (libraryIsOpen()) pelmo_Close();
+    }
+};
+
+// Each to its neighbours on both sides, as fast as it goes, so that senders wait for the road.
+void everybodySends(int seconds, uint32_t neighbours) {
+    constexpr uint32_t kEnds = 8;
+    constexpr size_t kPads[] = {0, 100, 1400, 30, 5000, 200, 1412, 40'000};
+    End ends[kEnds];
+    std::atomic<bool> isOver = false;
+    uint64_t sent[kEnds] = {};
+    for (End& end : ends)
+        ASSERT_EQ(end.open(0), kStatusSuccess);
+    const auto run = [&](uint32_t self) {
+        for (uint64_t round = 0; !isOver; ++round) {
+            for (uint32_t distance = 1; distance < kEnds; ++distance) {
+                if (distance > neighbours && distance < kEnds - neighbours) continue;
+                const uint32_t to = (self + distance) % kEnds;
+                const Message message = numbered(self, round, kPads[(round + to) % 8]);
+                EXPECT_EQ(ends[self].send(ends[to].port(), message.get()), kStatusSuccess);
+                ++sent[self];
+            }
+        }
+    };
+    std::vector<std::thread> senders;
+    for (uint32_t self = 0; self < kEnds; ++self)
+        senders.emplace_back(run, self);
+    (void)poll(nullptr, 0, seconds * 1000);
+    isOver = true;
+    uint64_t all = 0;
+    for (uint32_t self = 0; self < kEnds; ++self) {
+        senders[self].join();
+        all += sent[self];
+    }
+    const auto sum = [&](std::atomic<uint64_t> End::*count) {
+        uint64_t total = 0;
+        for (End& end : ends)
+            total += end.*count;
+        return total;
+    };
+    EXPECT_TRUE(within(60, [&] { return sum(&End::taken) == all; }))
+        << sum(&End::taken) << " of " << all;
+    EXPECT_EQ(sum(&End::outOfOrder), 0u);
+    EXPECT_EQ(sum(&End::lost), 0u);
+    for (End& end : ends)
+        end.close(true);
+}
+
+TEST_F(ReliableEndpoints, CarryEverythingBetweenEight) {
+    everybodySends(1, 1);
+    setenv("PELMO_DISABLE_UDP_SEGMENT", "1", 1);
+    everybodySends(1, 1);
+    unsetenv("PELMO_DISABLE_UDP_SEGMENT");
+}
+TEST_F(ReliableEndpoints, DISABLED_CarryEverythingForAMinute) {
+    everybodySends(60, 4);
+}
+
+// Runs of equal datagrams for one of two peers, cut by the kernel or, where it refuses, one by one.
+TEST(Datagrams, LeaveOneByOneAndInOrder) {
+    constexpr uint32_t kSizes[] = {900, 900, 300, 900, 300, 300, 1464, 1464, 32, 33};
+    for (const bool isRefused : {false, true}) {
+        DatagramWire wires[2];
+        auto sender = std::make_unique<DatagramSocket>();
+        ASSERT_EQ(datagramOpen(sender.get(), kLoopbackHost, 0), kStatusSuccess);
+        const int on = 1;  // without a checksum the kernel cuts nothing
+        if (isRefused) setsockopt(sender->handle, SOL_SOCKET, SO_NO_CHECK, &on, sizeof on);
+        Buffer* const buffer = bufferCreate(2000);
+        for (uint8_t number = 0; number < 80; ++number) {
+            const std::array<uint8_t, 32> head = {number};
+            const uint32_t size = kSizes[number % 10];
+            const PeerAddress to = {kLoopbackHost, htons(wires[number / 20 % 2].port)};
+            datagramAdd(sender.get(), to,
+                        {.head = head,
+                         .payload = {buffer->data, size - 32},
+                         .buffer = buffer,
+                         .isRepeat = false});
+        }
+        datagramFlush(sender.get());
+        EXPECT_TRUE(sender->failure.error == 0 && sender->cutsRuns != isRefused);
+        EXPECT_FALSE(bufferIsShared(buffer));
+        bufferRelease(buffer);
+        for (uint32_t number = 0; number < 80; ++number) {
+            uint8_t bytes[2000];
+            const int handle = wires[number / 20 % 2].handle.number();
+            EXPECT_EQ(recv(handle, bytes, sizeof bytes, MSG_DONTWAIT), kSizes[number % 10]);
+            EXPECT_EQ(bytes[0], number);
+        }
+        datagramClose(sender.get());
+    }
+}
+
+TEST_F(ReliableEndpoints, SpeakAsWritten) {
+    End end(0);
+    DatagramWire wire;
+    Bytes payload;
+    const Message first = numbered(1, 0), second = numbered(1, 1, 1000);
+    EXPECT_EQ(end.send(wire.port, first.get()), kStatusSuccess);
+    const uint32_t id = wire.accept();
+    DatagramWire::Header got = wire.read(&payload);
+    EXPECT_TRUE(got.source == id && got.dest == DatagramWire::kId && got.seq == 2 && got.ack == 2);
+    EXPECT_EQ(got.flags, 0);
+    EXPECT_EQ(payload, imageOf(first.get()));
+
+    // Data that acknowledges, and its acknowledgement; repeated, and beyond the window.
+    wire.write({DatagramWire::kId, id, 2, 3, 0}, imageOf(numbered(2, 0).get()));
+    for (const uint64_t seq : {2, 2 + 33}) {
+        got = wire.read(&payload);
+        EXPECT_TRUE(got.seq == 2 && got.ack == 3 && got.flags == 0 && payload.empty()) << seq;
+        wire.write({DatagramWire::kId, id, seq, 3, 0}, imageOf(numbered(2, 0).get()));
+    }
+    (void)wire.read();
+    EXPECT_EQ(end.send(wire.port, second.get()), kStatusSuccess);
+    got = wire.read(&payload);
+    EXPECT_TRUE(got.seq == 3 && got.ack == 3);
+    EXPECT_EQ(payload, imageOf(second.get()));
+    wire.write({DatagramWire::kId, id, 2, 4, 0});
+
+    // A close from here, answered, and the endpoint's own.
+    wire.write({DatagramWire::kId, id, 3, 4, 1});
+    got = wire.read();
+    EXPECT_TRUE(got.ack == 4 && (got.flags & 6) == 0);
+    got = got.flags == 1 ? got : wire.read();
+    EXPECT_TRUE(got.seq == 4 && got.flags == 1);
+    wire.write({DatagramWire::kId, id, 4, 5, 0});
+    EXPECT_TRUE(end.taken == 1 && end.outOfOrder == 0 && end.lost == 0);
+
+    // Nobody's packet is answered by a reset to whom it came from.
+    EXPECT_TRUE(within(10, [&] {
+        wire.write({0x77, 0x99, 5, 6, 0}, Bytes(8, 1));
+        got = wire.read();
+        return got.flags == 4 && got.source == 0 && got.dest == 0x77 && got.seq == 6;
+    }));
+}
+
+// Where the sender waits, and how that ends.
+TEST_F(ReliableEndpoints, LetSendersWait) {
+    for (const bool isRoomMade : {true, false}) {
+        End end(0);
+        DatagramWire wire;
+        const Message message = numbered(1, 0, 1350);
+        EXPECT_EQ(end.send(wire.port, message.get()), kStatusSuccess);
+        const uint32_t id = wire.accept();
+        (void)wire.read();
+        std::atomic<int> queued = 0;
+        std::atomic<bool> isLast = false, ended = false;
+        pelmoStatus status = kStatusSuccess;
+        std::thread sender([&] {
+            while (status == kStatusSuccess && !isLast) {
+                status = end.send(wire.port, message.get());
+                ++queued;
+            }
+            ended = true;
+        });
+        // One more is under way by now.
+        EXPECT_TRUE(within(20, [&] { return queued == 2733; })) << queued;
+        EXPECT_FALSE(within(0.2, [&] { return queued != 2733; }));
+        isLast = true;
+        for (uint64_t ack = 3; isRoomMade && !ended; ++ack) {
+            wire.write({DatagramWire::kId, id, 1, ack, 0});
+            (void)wire.read();
+        }
+        end.close(false);
+        sender.join();
+        EXPECT_EQ(status, isRoomMade ? kStatusSuccess : kStatusDeliveryFailed);
+    }
+}
+
+TEST_F(ReliableEndpoints, FlushAtTheClose) {
+    for (const bool isLibraryClosed : {false, true}) {
+        End end(0);
+        DatagramWire wire;
+        std::vector<Message> messages;
+        for (uint64_t number = 0; number < 200; ++number) {
+            messages.push_back(numbered(1, number, 1350));
+            EXPECT_EQ(end.send(wire.port, messages.back().get()), kStatusSuccess);
+        }
+        std::atomic<uint64_t> seen = 0;
+        std::thread peer([&] {
+            const uint32_t id = wire.accept();
+            uint8_t flags = 0;
+            while (seen < 200) {
+                const DatagramWire::Header got = wire.read();
+                if (got.source == 0) return;
+                if (got.seq == seen + 2) ++seen;
+                flags |= got.flags;
+                wire.write({DatagramWire::kId, id, 1, seen + 2, 0});
+            }
+            EXPECT_EQ(flags & 8, 8) << "the notice of the close";
+        });
+        if (isLibraryClosed) pelmo_Close();
+        end.close(true);
+        peer.join();
+        EXPECT_TRUE(seen == 200 && end.lost == 0);
+    }
+}
+
+TEST_F(ReliableEndpoints, CloseWithinTheirOwnCallback) {
+    End from(0), to(0);
+    to.closesItself = true;
+    const uint16_t port = to.port();
+    EXPECT_EQ(from.send(port, numbered(1, 0).get()), kStatusSuccess);
+    EXPECT_TRUE(within(10, [&] { return to.taken == 1 && !to.closesItself; }));
+    EXPECT_TRUE(within(10, [&] { return End().open(port) == kStatusSuccess; })) << "port is free";
+}
+
+TEST_F(ReliableEndpoints, RefusePortsThatAreTaken) {
+    const Leftovers before = leftovers();
+    {
+        End first(0), second;
+        EXPECT_EQ(second.open(first.port()), kStatusPortInUse);
+        EXPECT_EQ(
+            ReliableEndpoint_Open(&second.endpoint, htonl(0xC0000201), 0, nullptr, nullptr, 0),
+            kStatusPortInUse);
+        EXPECT_EQ(second.endpoint, nullptr);
+    }
+    EXPECT_EQ(leftovers(), before);
+}
+
+// Senders both ways, ticks and answers while ends are closed under them and made anew.
+TEST_F(ReliableEndpoints, CloseUnderTheirSenders) {
+    constexpr int kRounds = 60;
+    for (int round = 0; round < kRounds; ++round) {
+        End left(0), right(0);
+        ReliableEndpoint* const both[] = {left.endpoint, right.endpoint};
+        const uint16_t ports[] = {left.port(), right.port()};
+        std::atomic<bool> isOver = false;
+        std::vector<std::thread> senders;
+        for (uint32_t thread = 0; thread < 4; ++thread) {
+            ReliableEndpoint* const own = both[thread % 2];
+            ReliableEndpoint_Retain(own);
+            senders.emplace_back([&, thread, own] {
+                pelmoStatus status = kStatusSuccess;
+                for (uint64_t number = 0; status == kStatusSuccess && !isOver; ++number) {
+                    const Message message = numbered(thread, number, 700 * (number % 4));
+                    pelmoMsg* const one = message.get();
+                    status = ReliableEndpoint_Send(own, kLoopbackHost, ports[1 - thread % 2],
+                                                   {&one, 1}, false);
+                }
+                EXPECT_TRUE(status == kStatusSuccess || status == kStatusInvalidTransport ||
+                            status == kStatusDeliveryFailed);
+                ReliableEndpoint_Release(own);
+            });
+        }
+        (void)poll(nullptr, 0, round % 3);
+        left.close(round % 4 == 0);
+        isOver = true;
+        right.close(false);
+        for (std::thread& sender : senders)
+            sender.join();
+        EXPECT_EQ(left.outOfOrder + right.outOfOrder, 0u);
+    }
+}
+
+// Memory that runs out where the caller can be told.
+TEST_F(ReliableEndpoints, FailWithoutMemory) {
+    End steady(0);
+    const uint16_t port = steady.port();
+    EXPECT_GT(eachAllocationFails([&] {
+                  End end;
+                  const pelmoStatus status = end.open(0);
+                  EXPECT_EQ(status == kStatusSuccess, end.endpoint != nullptr);
+                  EXPECT_TRUE(status == kStatusSuccess || status == kStatusNoMemory);
+              }),
+              4u);
+    End end(0);
+    uint64_t sent = 0;
+    const size_t failed = eachAllocationFails([&] {
+        const size_t before = allocationsFailed();
+        const Message message = numbered(1, sent, 3000);
+        if (message == nullptr || allocationsFailed() != before) return;
+        const pelmoStatus status = end.send(port, message.get());
+        EXPECT_TRUE(status == kStatusSuccess || status == kStatusNoMemory);
+        if (status == kStatusSuccess) ++sent;
+    });
+    EXPECT_GT(failed, 2u);
+    EXPECT_TRUE(within(20, [&] { return steady.taken == sent; })) << steady.taken << " " << sent;
+    EXPECT_EQ(steady.outOfOrder, 0u);
+}
+
+// Memory that runs out on the thread that reads: what was sent comes in the end, or is told.
+TEST_F(ReliableEndpoints, OutliveAReaderWithoutMemory) {
+    End from(0), to(0);
+    to.failsReads = true;
+    constexpr size_t kPads[] = {100, 3000};
+    for (uint64_t number = 0; number < 12; ++number) {
+        const Message message = numbered(1, number, kPads[number % 2]);
+        EXPECT_EQ(from.send(to.port(), message.get()), kStatusSuccess);
+        EXPECT_TRUE(within(20, [&] { return to.taken + to.lost > number; })) << number;
+    }
+    EXPECT_GT(to.taken, 6u);
+}
+
+}  // namespace
