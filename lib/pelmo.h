@@ -17,6 +17,7 @@
 // Tracing stays off when these settings are invalid. Read at each connection to a daemon:
 // PELMO_BINDADDR, a dotted address of this host, is where it goes out from, if the system lets it;
 // PELMO_DISABLE_SO_KEEPALIVE, with any value, leaves the system's own probes of a silent peer off;
+// PELMO_DISABLE_UDP_SEGMENT, likewise, keeps each packet of the direct road a call of its own;
 // IPQ_ACCOUNTING is a number whose bits print to the standard output stream: 1 a summary of the
 // connection at its close, 2 the sizes of its reads, 4 those of its writes.
 //

@@ -10,6 +10,7 @@
 #include "lib/runtime/id.h"
 #include "lib/transport/circuit/circuit_internal.h"
 #include "lib/transport/daemon/daemon_link.h"
+#include "lib/transport/daemon/direct_endpoint.h"
 #include "lib/transport/ipq/write_queue.h"
 #include "lib/transport/reliable/send_buffer.h"
 #include "lib/transport/transport_internal.h"
@@ -33,6 +34,7 @@ void setUp() {
     transportAttach();
     daemonLinkAttach();
     circuitAttach();
+    directEndpointAttach();
     library.setUpDone = true;
 }
 

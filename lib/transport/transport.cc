@@ -95,8 +95,6 @@ void endTransport(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
     const bool wasPublished = Id_Invalidate(&held->header) == kStatusSuccess;
     (void)Transport_RunHooks(held.get(), kHookDestroyed, nullptr);
     if (wasPublished) Id_Release(&held->header, false);
-    // Closing frees the endpoint, so a send that is still running closes it when it ends.
-    if (held->directSends != 0) held->leftEndpoint = std::exchange(endpoint, nullptr);
     held.release();
     if (endpoint != nullptr) endpointOps.close(endpoint);
 }

@@ -22,6 +22,13 @@
 // messages leave more slowly than they are sent, "_PM.WARN.SYSTEM.CLIENT.FASTPRODUCER" tells, in
 // its field "waiting", how many are queued.
 //
+// The direct road: a transport with a UDP port of its own is reached at "_INBOX.HOST.PPORT...", and
+// from a transport that has one, too, such a message goes straight there, whether there is a
+// connection to the daemon or not. It arrives once, whole and in order, or is told as lost: by
+// "_PM.ERROR.SYSTEM.DATALOSS.OUTBOUND.PTP" with the sender, "...INBOUND.PTP" with the receiver,
+// with the peer's address in the field "host" and, where it is known, "bytes_dropped". A sender
+// waits while its peer is 4 MB behind, but not in callbacks of the library's own queues.
+//
 // Ownership: a message that is sent still belongs to the sender, who may change or destroy it
 // afterwards. Texts that a getter returns are valid until they are set again or the transport is
 // destroyed.
@@ -63,10 +70,12 @@ struct pelmoMsg;
 // kStatusNetworkNotFound for a session without a port or an address; any status that the daemon
 // refuses with.
 //
-// A service "7500:7501" asks for a port of the transport's own, where others reach its inboxes
-// without the daemon. This library has no such road yet: with a daemon of this host or one that
-// routes the answer is kStatusNotPermitted, as it is for a port that is the service itself;
-// kStatusServiceNotFound for a port that isn't known. Other daemons ignore the port.
+// A service "7500:7501" asks for the direct road: a UDP port of the transport's own, 7501, or any
+// for "7500:", where others that have one reach its inboxes without the daemon. It is made with a
+// daemon of this host, at the address that the daemon reports, or with one that routes, at this
+// host's own; other daemons ignore the port. kStatusNotPermitted for a port that is the service
+// itself, kStatusServiceNotFound for one that isn't known, kStatusPortInUse for one that can't be
+// had.
 [[nodiscard]] pelmoStatus pelmoTransport_CreateNetwork(uint32_t* out,
                                                        const char* service,
                                                        const char* network,
@@ -80,15 +89,18 @@ struct pelmoMsg;
 
 // Its listeners get no further messages; requests that are waiting end with
 // kStatusInvalidTransport. What was sent leaves first: the call waits up to five seconds until the
-// daemon has it. A connect that is under way ends at once. kStatusNotPermitted for the
-// intra-process transport while the library is open.
+// daemon has it, and up to eleven until peers have what went straight to them. A connect that is
+// under way ends at once. kStatusNotPermitted for the intra-process transport while the library is
+// open.
 pelmoStatus pelmoTransport_Destroy(uint32_t transport);
 
 // Sending. kStatusInvalidMessage for no message; kStatusInvalidSubject for a message without a send
 // subject or with a reserved one; kStatusDaemonNotConnected without a connection to the daemon,
 // kStatusInvalidIoSource for a send that meets its break. A send also succeeds when the transport
 // is destroyed meanwhile. A send waits while too much is queued for the daemon
-// (pelmoTransport_SetSendingWaitLimit).
+// (pelmoTransport_SetSendingWaitLimit). On the direct road: kStatusDeliveryFailed where the peer is
+// given up while the sender waits, kStatusInvalidSize for a message above 64 MiB,
+// kStatusInvalidTransport for a transport that is being destroyed.
 
 [[nodiscard]] pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
 
@@ -148,6 +160,20 @@ pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
 [[nodiscard]] pelmoStatus pelmoTransport_GetService(uint32_t transport, const char** out);
 [[nodiscard]] pelmoStatus pelmoTransport_GetNetwork(uint32_t transport, const char** out);
 [[nodiscard]] pelmoStatus pelmoTransport_GetDaemon(uint32_t transport, const char** out);
+
+// What the direct road has carried since the transport was made; all 0 without one. So it shows
+// which road messages took: those that went straight are counted here.
+struct pelmoDirectTraffic {
+    uint64_t messagesSent;
+    uint64_t messagesReceived;
+    uint64_t packetsSent;  // repeats among them
+    uint64_t packetsReceived;
+    uint64_t packetsResent;
+    uint64_t packetsDropped;  // what came and was no packet of a connection
+    uint16_t port;            // UDP; 0: no direct road
+};
+[[nodiscard]] pelmoStatus pelmoTransport_GetDirectTraffic(uint32_t transport,
+                                                          pelmoDirectTraffic* out);
 
 // Null means the empty text.
 [[nodiscard]] pelmoStatus pelmoTransport_SetDescription(uint32_t transport, const char* text);

@@ -45,6 +45,14 @@ struct NetworkSettings {
     double reliabilitySeconds;  // negative: not requested
 };
 
+// Where an inbox is reached without the daemon: numbers, as the inbox's subject has them.
+struct DirectPeer {
+    uint32_t host;
+    uint16_t port;
+
+    bool operator==(const DirectPeer&) const = default;
+};
+
 struct Transport {
     static constexpr IdType kIdType = IdType::kTransport;
     IdHeader header;
@@ -72,10 +80,7 @@ struct Transport {
     Dict32* requestQueues PELMO_GUARDED_BY(header.lock);
 
     ReliableEndpoint* directEndpoint PELMO_GUARDED_BY(header.lock);  // kNetwork; null: none
-    uint32_t directSends PELMO_GUARDED_BY(header.lock);  // running sends by the endpoint
-
-    // The endpoint of a destroyed transport, closed by the last running send.
-    ReliableEndpoint* leftEndpoint PELMO_GUARDED_BY(header.lock);
+    DirectPeer directSelf PELMO_GUARDED_BY(header.lock);  // where others reach the endpoint
 
     NetworkSettings settings PELMO_GUARDED_BY(header.lock);  // kNetwork
 };

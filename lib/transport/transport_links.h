@@ -14,6 +14,7 @@
 
 #include "lib/base/status.h"
 
+struct pelmoDirectTraffic;
 struct pelmoMsg;
 struct ReliableEndpoint;
 struct Transport;
@@ -85,7 +86,14 @@ struct EndpointOps {
     // Passed on to the endpoint's callbacks. The object lock is held.
     void (*setTransport)(ReliableEndpoint* endpoint, uint32_t transportId);
 
-    // Waits until everything has been sent, and frees the endpoint. No call of send is running.
+    // Any lock may be held.
+    void (*traffic)(ReliableEndpoint* endpoint, pelmoDirectTraffic* out);
+
+    // A reference, for a send that a destroy of the transport may meet.
+    void (*retain)(ReliableEndpoint* endpoint);
+    void (*release)(ReliableEndpoint* endpoint);
+
+    // Waits until everything has been sent, and gives the transport's reference back.
     void (*close)(ReliableEndpoint* endpoint);
 };
 

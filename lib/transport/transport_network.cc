@@ -245,6 +245,17 @@ pelmoStatus pelmoTransport_GetDaemon(uint32_t transport, const char** out) {
     return giveText(daemonLinkOps.texts(held->link).daemon, out);
 }
 
+pelmoStatus pelmoTransport_GetDirectTraffic(uint32_t transport, pelmoDirectTraffic* out) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_GetDirectTraffic(%u, %p)", transport, tracePointer(out));
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    if (status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    *out = {};
+    if (held->directEndpoint != nullptr) endpointOps.traffic(held->directEndpoint, out);
+    return kStatusSuccess;
+}
+
 pelmoStatus pelmoTransport_SetDescription(uint32_t transport, const char* text) {
     PELMO_TRANSPORT_CALL("pelmoTransport_SetDescription(%u, \"%s\")", transport, traceText(text));
     return setText(transport, text, &NetworkSettings::description, kControlDescription);

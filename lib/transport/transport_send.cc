@@ -24,41 +24,44 @@ bool parseHex(const char* text, size_t mostDigits, uint32_t& number) {
     return true;
 }
 
-struct DirectPeer {
-    uint32_t host;
-    uint32_t port;
-};
-
 // Does the subject name an inbox that can be reached without the daemon?
 bool findDirectPeer(const uint8_t* subject, DirectPeer& peer) {
     constexpr size_t kHostDigits = 8;
     constexpr size_t kPortDigits = 4;
     if (subjectElementCount(subject) < 3 || !subjectIsInbox(subject)) return false;
-    const char* port = subjectElement(subject, 3);
-    return port[0] == 'P' && parseHex(port + 1, kPortDigits, peer.port) &&
-           parseHex(subjectElement(subject, 2), kHostDigits, peer.host);
+    const char* text = subjectElement(subject, 3);
+    uint32_t port = 0;
+    if (text[0] != 'P' || !parseHex(text + 1, kPortDigits, port) ||
+        !parseHex(subjectElement(subject, 2), kHostDigits, peer.host)) {
+        return false;
+    }
+    peer.port = static_cast<uint16_t>(port);
+    return true;
 }
 
-// The next four functions are called with the object lock held and release it meanwhile.
+// The next functions are called with the object lock held and release it meanwhile.
 
-// Frees the endpoint that a destroy left to the sends that were running.
-void closeLeftEndpoint(Transport* transport) PELMO_REQUIRES(transport->header.lock) {
-    ReliableEndpoint* endpoint = std::exchange(transport->leftEndpoint, nullptr);
-    if (endpoint == nullptr) return;
+// For an inbox of the transport's own, to which no packet has to travel.
+pelmoStatus deliverToSelf(Transport* transport, pelmoMsg* message)
+    PELMO_REQUIRES(transport->header.lock) {
+    pelmoMsg* copy = nullptr;
+    const pelmoStatus status = msgShareCopy(&copy, message);
+    if (status != kStatusSuccess) return status;
     Id_Leave(&transport->header);
-    endpointOps.close(endpoint);
+    Transport_DeliverBatch(transport, {&copy, 1});
     Id_Enter(&transport->header);
+    return status;
 }
 
 pelmoStatus sendDirect(Transport* transport, const DirectPeer& peer, pelmoMsg* message)
     PELMO_REQUIRES(transport->header.lock) {
-    ReliableEndpoint* endpoint = transport->directEndpoint;
-    ++transport->directSends;
+    if (peer == transport->directSelf) return deliverToSelf(transport, message);
+    ReliableEndpoint* const endpoint = transport->directEndpoint;
+    endpointOps.retain(endpoint);
     Id_Leave(&transport->header);
-    const pelmoStatus status =
-        endpointOps.send(endpoint, peer.host, static_cast<uint16_t>(peer.port), {&message, 1});
+    const pelmoStatus status = endpointOps.send(endpoint, peer.host, peer.port, {&message, 1});
+    endpointOps.release(endpoint);
     Id_Enter(&transport->header);
-    if (--transport->directSends == 0) closeLeftEndpoint(transport);
     return status;
 }
 

@@ -83,6 +83,7 @@ pelmoQueueHook hook;
 double seconds;
 int32_t source;
 uint32_t policy, most, discard;
+pelmoDirectTraffic traffic;
 
 pelmoStatus distribute(uint32_t id) {
     pelmoMsg* given = nullptr;
@@ -163,6 +164,7 @@ const Call kCalls[] = {
     CALL(kTransport, pelmoTransport_GetService(id, &name)),
     CALL(kTransport, pelmoTransport_GetNetwork(id, &name)),
     CALL(kTransport, pelmoTransport_GetDaemon(id, &name)),
+    CALL(kTransport, pelmoTransport_GetDirectTraffic(id, &traffic)),
     CALL(kTransport, pelmoTransport_GetDescription(id, &name)),
     CALL(kTransport, pelmoTransport_GetHttpAddress(id, &name)),
     CALL(kTransport, pelmoTransport_GetSendingWaitLimit(id, &most)),

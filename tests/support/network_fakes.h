@@ -101,15 +101,20 @@ class FakePeers {
     pelmoStatus answer = kStatusSuccess;
     Transport* transport = nullptr;   // whose lock is checked
     std::function<void()> meanwhile;  // called in the endpoint's sends
+    int references = 0;               // to the endpoint, of sends
 
     FakePeers() {
         current = this;
-        endpointOps = {.send = send,
-                       .setTransport =
-                           [](ReliableEndpoint*, uint32_t id) {
-                               current->calls.push_back("transport " + std::to_string(id));
-                           },
-                       .close = [](ReliableEndpoint*) { current->calls.emplace_back("close"); }};
+        endpointOps = {
+            .send = send,
+            .setTransport =
+                [](ReliableEndpoint*, uint32_t id) {
+                    current->calls.push_back("transport " + std::to_string(id));
+                },
+            .traffic = [](ReliableEndpoint*, pelmoDirectTraffic* out) { out->port = 7501; },
+            .retain = [](ReliableEndpoint*) { ++current->references; },
+            .release = [](ReliableEndpoint*) { --current->references; },
+            .close = [](ReliableEndpoint*) { current->calls.emplace_back("close"); }};
         circuitOps = {.send = [](Transport* t, pelmoMsg* m) { return noteHeld(t, "send", m); },
                       .sendVector = sendVector,
                       .deliver = deliver,

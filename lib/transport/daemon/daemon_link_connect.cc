@@ -11,6 +11,7 @@
 #include "lib/msg/message_typed.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/daemon/daemon_link_internal.h"
+#include "lib/transport/daemon/direct_endpoint.h"
 #include "lib/transport/daemon/interest.h"
 #include "lib/transport/daemon/link_seams.h"
 #include "lib/transport/ipq/ipq.h"
@@ -137,30 +138,35 @@ pelmoStatus awaitReply(const Dialed& dialed, Connect* connect, HeldMessage& repl
     return kStatusSuccess;
 }
 
-// A service may name a port where others reach the transport's inboxes without the daemon. The
-// road for that isn't built, and a session without it would break the promise.
-pelmoStatus checkDirectPort(DaemonLink* link, const SessionReply& reply) {
+// A service may name a port where others reach the transport's inboxes without the daemon: that
+// needs a daemon that has no network between it and us, or that says it routes.
+pelmoStatus openDirectPort(DaemonLink* link, const SessionReply& reply, DirectPeer* self) {
     const uint32_t address = link->target.address.address;
     const bool isNear = address == 0 || address == hostOrder32(kLoopbackAddress) || reply.isRouting;
     if (!isNear) return kStatusSuccess;
-    DirectPort direct = {};
+    DirectPort wanted = {};
     Id_Enter(&link->transport->header);
     const pelmoStatus status =
-        specificationDirectPort(&direct, link->transport->settings.service, linkSeams.names);
+        specificationDirectPort(&wanted, link->transport->settings.service, linkSeams.names);
     Id_Leave(&link->transport->header);
-    if (status != kStatusSuccess) return status;
-    return direct.isWanted ? kStatusNotPermitted : kStatusSuccess;
+    if (status != kStatusSuccess || !wanted.isWanted) return status;
+    const bool isOwn = reply.isRouting && link->localAddress != 0;
+    self->host = isOwn ? hostOrder32(link->localAddress) : reply.address;
+    self->port = hostOrder16(wanted.port);
+    return directEndpointOpen(link->transport, self);
 }
 
 pelmoStatus nameSession(DaemonLink* link, SessionReply& reply) {
-    const pelmoStatus status = checkDirectPort(link, reply);
+    DirectPeer self = {.host = reply.address, .port = 0};
+    const pelmoStatus status = openDirectPort(link, reply, &self);
     if (status != kStatusSuccess) return status;
     if (reply.gob[0] == 0) {
         sessionMakeGob(reply.gob, {link, link->createSeconds, link->pid});
     }
-    return sessionName(
-        link->session,
-        {.address = reply.address, .directPort = 0, .clientId = reply.clientId, .gob = reply.gob});
+    return sessionName(link->session, {.address = self.host,
+                                       .directPort = self.port,
+                                       .clientId = reply.clientId,
+                                       .gob = reply.gob});
 }
 
 pelmoStatus takeReply(DaemonLink* link, pelmoMsg* message) {

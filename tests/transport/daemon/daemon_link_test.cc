@@ -155,7 +155,6 @@ TEST_F(Link, FailsWithWhatTheDaemonMakesOfIt) {
         {"another protocol", [](Manners& m) { m.greeting = 5; }, kStatusWrongVersion},
         {"hangs up", [](Manners& m) { m.hangsUp = true; }, kStatusDaemonNotConnected},
         {"long names", [](Manners& m) { m.gob = std::string(41, 'g'); }, kStatusInitFailed},
-        {"a direct port", [](Manners&) {}, kStatusNotPermitted, "7500:7501"},
         {"the service's own port", [](Manners&) {}, kStatusNotPermitted, "7500:7500"},
         {"no port", [](Manners&) {}, kStatusServiceNotFound, "7500:nosuch"},
     };

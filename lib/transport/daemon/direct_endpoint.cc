@@ -1,0 +1,112 @@
+#include "lib/transport/daemon/direct_endpoint.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "lib/base/bytes.h"
+#include "lib/containers/dpa.h"
+#include "lib/msg/message_internal.h"
+#include "lib/msg/message_typed.h"
+#include "lib/transport/reliable/reliable_endpoint.h"
+
+namespace {
+
+constexpr size_t kAddressChars = 16;
+
+// Losses
+
+struct LossWords {
+    const char* name;
+    const char* description;
+};
+constexpr LossWords kInbound = {
+    "DATALOSS.INBOUND.PTP", "dataloss: remote daemon did not satisfy our retransmission requests"};
+constexpr LossWords kOutbound = {"DATALOSS.OUTBOUND.PTP",
+                                 "dataloss: remote daemon did not acknowledge our transmission"};
+
+pelmoStatus addLossFields(pelmoMsg* advisory, uint32_t host, uint64_t bytes) {
+    char text[kAddressChars];
+    std::snprintf(text, sizeof text, "%u.%u.%u.%u", host >> 24, host >> 16 & 255, host >> 8 & 255,
+                  host & 255);
+    const pelmoStatus status = pelmoMsg_AddString(advisory, "host", text, 0);
+    if (status != kStatusSuccess || bytes == 0) return status;
+    const auto count = static_cast<uint32_t>(std::min(bytes, uint64_t{UINT32_MAX}));
+    return pelmoMsg_AddU32(advisory, "bytes_dropped", count, 0);
+}
+
+void onDirectLoss(
+    bool inbound, uint32_t peerAddress, uint16_t /*peerPort*/, uint64_t bytes, uintptr_t closure) {
+    const LossWords& words = inbound ? kInbound : kOutbound;
+    pelmoMsg* made = nullptr;
+    if (advisoryCreate(&made, "ERROR", "SYSTEM", words.name, words.description) != kStatusSuccess) {
+        return;
+    }
+    HeldMessage advisory(made);
+    if (addLossFields(made, peerAddress, bytes) != kStatusSuccess) return;
+    (void)transportDistribute(static_cast<uint32_t>(closure), advisory.release());
+}
+
+// Messages
+
+void onDirectData(uint32_t /*peerAddress*/, Dpa* messages, uintptr_t closure) {
+    const std::span batch(reinterpret_cast<pelmoMsg* const*>(messages->items), messages->count);
+    Held<Transport> held;
+    if (held.find(static_cast<uint32_t>(closure)) == kStatusSuccess) {
+        return Transport_DeliverBatch(held.get(), batch);
+    }
+    for (pelmoMsg* message : batch)
+        msgRelease(message);
+}
+
+// The table's functions
+
+pelmoStatus send(ReliableEndpoint* endpoint,
+                 uint32_t host,
+                 uint16_t port,
+                 std::span<pelmoMsg* const> messages) {
+    constexpr bool kAtOnce = false;
+    return ReliableEndpoint_Send(endpoint, hostOrder32(host), port, messages, kAtOnce);
+}
+
+void setTransport(ReliableEndpoint* endpoint, uint32_t transportId) {
+    ReliableEndpoint_SetClosure(endpoint, transportId);
+}
+
+void traffic(ReliableEndpoint* endpoint, pelmoDirectTraffic* out) {
+    const EndpointCounts counts = ReliableEndpoint_Counts(endpoint);
+    *out = {.messagesSent = counts.messagesSent,
+            .messagesReceived = counts.messagesReceived,
+            .packetsSent = counts.packetsSent,
+            .packetsReceived = counts.packetsReceived,
+            .packetsResent = counts.packetsResent,
+            .packetsDropped = counts.packetsDropped,
+            .port = ReliableEndpoint_Port(endpoint)};
+}
+
+void closeFlushed(ReliableEndpoint* endpoint) {
+    (void)ReliableEndpoint_Close(endpoint, true);
+}
+
+}  // namespace
+
+void directEndpointAttach() {
+    endpointOps = {.send = send,
+                   .setTransport = setTransport,
+                   .traffic = traffic,
+                   .retain = ReliableEndpoint_Retain,
+                   .release = ReliableEndpoint_Release,
+                   .close = closeFlushed};
+}
+
+pelmoStatus directEndpointOpen(Transport* transport, DirectPeer* self) {
+    ReliableEndpoint* made = nullptr;
+    const pelmoStatus status = ReliableEndpoint_Open(&made, hostOrder32(self->host), self->port,
+                                                     onDirectData, onDirectLoss, kNoId);
+    if (status != kStatusSuccess) return status;
+    self->port = ReliableEndpoint_Port(made);
+    Id_Enter(&transport->header);
+    transport->directEndpoint = made;
+    transport->directSelf = *self;
+    Id_Leave(&transport->header);
+    return status;
+}
