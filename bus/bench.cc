@@ -108,6 +108,21 @@ void printLatencies(const Histogram& latencies) {
                 micros(latencies.most));
 }
 
+// Only the listener to the answers is reached on the direct road.
+void printRoad(uint32_t transport, uint64_t answers) {
+    pelmoDirectTraffic traffic = {};
+    if (pelmoTransport_GetDirectTraffic(transport, &traffic) != kStatusSuccess) return;
+    if (traffic.port == 0) {
+        std::printf("road: daemon\n");
+        return;
+    }
+    const uint64_t straight = std::min(traffic.messagesReceived, answers);
+    std::printf("road: direct, %" PRIu64 " of %" PRIu64 " answers on UDP port %u; %" PRIu64
+                " packets out, %" PRIu64 " again; %" PRIu64 " in\n",
+                straight, answers, unsigned{traffic.port}, traffic.packetsSent,
+                traffic.packetsResent, traffic.packetsReceived);
+}
+
 ExitStatus endPrinting(ExitStatus ended) {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return ended;
     complain("standard output", kStatusIoFailed);
@@ -265,6 +280,7 @@ ExitStatus runBenchRequest(const BusSettings& given) {
     std::printf("answered: %" PRIu64 " requests in %.3f s: %.0f requests/s\n", latencies.count,
                 seconds, static_cast<double>(latencies.count) / seconds);
     printLatencies(latencies);
+    printRoad(connection.transport, latencies.count);
     return endPrinting(askEnd(load, latencies, status));
 }
 

@@ -167,6 +167,27 @@ class OverADaemon(unittest.TestCase):
         self.assertEqual(process.returncode, status, err)
         return out.decode()
 
+    def test_answers_take_the_road_that_both_ends_have(self):
+        for asks, answers, road in [
+                ("7500:", "7500:", r"road: direct, 50 of 50 answers on UDP port \d+; \d+ packets out, \d+ "
+                                   r"again; \d+ in\n$"),
+                ("7500:", "7500", r"road: direct, 0 of 50 answers on UDP port \d+; 0 packets out, 0 again; 0 in\n$"),
+                ("7500", "7500:", r"road: daemon\n$")]:
+            with self.subTest(asks=asks, answers=answers):
+                answerer = self.start("--service", answers, "answer", "Q", "--quiet", "--count", "51")
+                self.assertEqual(answerer.stderr.readline(), b"listening on Q\n")
+                asked = self.bus("--service", asks, "bench", "request", "Q", "--count", "50")
+                self.assertRegex(asked.stdout.decode(), road)
+                one = self.bus("--service", asks, "request", "Q", "x:i32=7")
+                self.assertRegex(one.stdout.decode(), r"^_INBOX\..* \{x=7\}\n$")
+                self.ended(answerer)
+        taken = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        taken.bind(("127.0.0.1", 0))
+        result = self.bus("--service", "7500:%d" % taken.getsockname()[1], "send", "A")
+        taken.close()
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(b"Requested port already in-use (100)", result.stderr)
+
     def test_a_listener_that_stands_misses_nothing(self):
         for _ in range(20):
             listener = self.start("listen", "A.>", "--count", "2")
