@@ -1,6 +1,5 @@
 #include "watch/json/json.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,28 +49,6 @@ constexpr OptionRow kOptions[] = {
     {"--senders", nullptr, "count and show the senders of each subject", storeSenders},
 };
 
-// A reader that went away knows it.
-void tellFailure(const char* reason) {
-    json.failed = true;
-    if (json.output.error != EPIPE) logPrint("unable to write a snapshot: %s.", reason);
-}
-
-bool drain(std::string_view text) {
-    if (textSinkWrite(&json.output, text.data(), text.size()) == text.size()) return true;
-    tellFailure(std::strerror(json.output.error));
-    return false;
-}
-
-// What a file has of a Snapshot that isn't whole is taken off again, unless another process has
-// added to the file.
-void takeBack(off_t begin) {
-    const int descriptor = json.output.descriptor;
-    const off_t end = lseek(descriptor, 0, SEEK_CUR);
-    struct stat status = {};
-    if (!json.output.isFile || begin < 0 || fstat(descriptor, &status) != 0) return;
-    if (status.st_size == end && end > begin && ftruncate(descriptor, begin) != 0) return;
-}
-
 bool start() {
     const int descriptor = dup(STDOUT_FILENO);
     if (descriptor < 0) {
@@ -79,8 +56,24 @@ bool start() {
         return false;
     }
     textSinkSet(&json.output, descriptor);
-    json.buffer.drain = drain;
     return true;
+}
+
+// A reader that went away knows it.
+void tellFailure(const char* reason) {
+    json.failed = true;
+    if (json.output.error != EPIPE) logPrint("unable to write a snapshot: %s.", reason);
+}
+
+bool writeLines() {
+    const std::string_view text = json.buffer.text();
+    if (json.buffer.failed) {
+        tellFailure("out of memory");
+    } else if (textSinkWrite(&json.output, text.data(), text.size()) != text.size()) {
+        tellFailure(std::strerror(json.output.error));
+    }
+    json.buffer.clear();
+    return !json.failed;
 }
 
 bool snapshot(SnapHeader& snapshot) {
@@ -88,23 +81,15 @@ bool snapshot(SnapHeader& snapshot) {
     if (json.sinceStart) {
         totalsAdd(json.totals, snapshot);
         total = totalsSnapshot(json.totals);
-        if (total == nullptr) {
-            tellFailure("out of memory");
-            return false;
-        }
+        if (total == nullptr) json.buffer.failed = true;
     }
-    const off_t begin = lseek(json.output.descriptor, 0, SEEK_CUR);
-    json.buffer.clear();
     if (json.rows) {
         jsonAppendRows(json.buffer, snapshot, total);
     } else {
         jsonAppendObject(json.buffer, snapshot, total);
         json.buffer.Put('\n');
     }
-    if (!json.buffer.failed && drain(json.buffer.text())) return true;
-    if (!json.failed) tellFailure("out of memory");
-    takeBack(begin);
-    return false;
+    return writeLines();
 }
 
 bool end(bool) {

@@ -2,8 +2,6 @@
 
 #include <rapidjson/writer.h>
 
-#include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -32,51 +30,28 @@ struct LevelMemory {
 
 constexpr size_t kLevels = 8;
 
-using SaxWriter = rapidjson::Writer<JsonBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>, LevelMemory>;
+using Writer = rapidjson::Writer<JsonBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>, LevelMemory>;
 
-// What has nothing to escape goes into the buffer in one piece: nearly all that there is.
-struct Writer : SaxWriter {
-    using SaxWriter::SaxWriter;
-
-    void plain(std::string_view text) {
-        Prefix(rapidjson::kStringType);
-        if (!os_->reserve(text.size() + 2)) return;
-        char* at = os_->bytes + os_->usedBytes;
-        *at++ = '"';
-        at += text.copy(at, text.size());
-        *at++ = '"';
-        os_->usedBytes = static_cast<size_t>(at - os_->bytes);
-    }
-
-    void number(uint64_t number) {
-        constexpr size_t kDigitsMost = 20;
-        Prefix(rapidjson::kNumberType);
-        if (!os_->reserve(kDigitsMost)) return;
-        char* const at = os_->bytes + os_->usedBytes;
-        os_->usedBytes += static_cast<size_t>(std::to_chars(at, at + kDigitsMost, number).ptr - at);
-    }
-};
-
-void writeMember(Writer& out, std::string_view key, uint64_t number) {
-    out.plain(key);
-    out.number(number);
-}
-
-void writePlain(Writer& out, std::string_view key, std::string_view text) {
-    out.plain(key);
-    out.plain(text);
-}
-
-// Safe text has no control characters.
-void writeSafe(Writer& out, std::string_view key, std::string_view text) {
-    out.plain(key);
-    const bool isPlain = std::ranges::none_of(text, [](char c) { return c == '"' || c == '\\'; });
-    if (isPlain) return out.plain(text);
+void writeText(Writer& out, std::string_view text) {
     out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
+void writeKey(Writer& out, std::string_view key) {
+    out.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+}
+
+void writeMember(Writer& out, std::string_view key, uint64_t number) {
+    writeKey(out, key);
+    out.Uint64(number);
+}
+
+void writeMember(Writer& out, std::string_view key, std::string_view text) {
+    writeKey(out, key);
+    writeText(out, text);
+}
+
 void writeReal(Writer& out, std::string_view key, double number) {
-    out.plain(key);
+    writeKey(out, key);
     if (std::isfinite(number)) {
         out.Double(number);
     } else {
@@ -93,23 +68,17 @@ void writeFields(Writer& out, const Field<Record> (&fields)[kCount], const Recor
 
 constexpr uint32_t kNanosecondsPerSecond = 1'000'000'000;
 
-constexpr size_t kTimeBytes = 64;
-
 // RFC 3339, in UTC. A packet's stamp may claim a second's worth of nanoseconds and more.
-std::string_view timeText(TimeSpec time, char (&text)[kTimeBytes]) {
+void writeTime(Writer& out, std::string_view key, TimeSpec time) {
     const time_t seconds = time_t{time.seconds} + time.nanoseconds / kNanosecondsPerSecond;
     tm utc{};
     gmtime_r(&seconds, &utc);
+    char text[64];
     const int length =
         std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%09uZ", utc.tm_year + 1900,
                       utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
                       time.nanoseconds % kNanosecondsPerSecond);
-    return {text, static_cast<size_t>(length)};
-}
-
-void writeTime(Writer& out, std::string_view key, TimeSpec time) {
-    char text[kTimeBytes];
-    writePlain(out, key, timeText(time, text));
+    writeMember(out, key, std::string_view(text, static_cast<size_t>(length)));
 }
 
 double secondsOf(TimeSpec time) {
@@ -118,7 +87,7 @@ double secondsOf(TimeSpec time) {
 
 void writeAddress(Writer& out, std::string_view key, uint32_t address) {
     char text[kAddressTextBytes];
-    writePlain(out, key, addressText(address, text));
+    writeMember(out, key, addressText(address, text));
 }
 
 void writePort(Writer& out, std::string_view key, uint16_t port) {
@@ -126,9 +95,9 @@ void writePort(Writer& out, std::string_view key, uint16_t port) {
 }
 
 void writeScid(Writer& out, uint16_t port) {
-    out.plain("scid");
+    writeKey(out, "scid");
     if (port != 0) {
-        out.number(hostOrder16(port));
+        out.Uint(hostOrder16(port));
     } else {
         out.Null();
     }
@@ -166,7 +135,7 @@ void writePointToPoint(Writer& out, const Place& place, const SnapPtpHost& host)
 }
 
 void writeSenders(Writer& out, const SnapSubject& subject) {
-    out.plain("senders");
+    writeKey(out, "senders");
     out.StartArray();
     for (const SnapSubjectHost& host : std::span(subject.hosts, subject.hostCount)) {
         out.StartObject();
@@ -182,7 +151,7 @@ void writeSubject(Writer& out, const Place& place, const SnapSubject& subject) {
     char text[kSafeSubjectBytes];
     writePort(out, "port", place.port.port);
     writeAddress(out, "group", place.net->net);
-    writeSafe(out, "subject", subjectSafeText(subject.subject, text));
+    writeMember(out, "subject", subjectSafeText(subject.subject, text));
     writeFields(out, kSubjectFields, subject);
     if (traceSettings.countSenders) writeSenders(out, subject);
 }
@@ -255,12 +224,12 @@ void eachTable(const SnapHeader& snapshot, Table table) {
 }
 
 void writeFaults(Writer& out, const SnapHeader& snapshot) {
-    out.plain("faults");
+    writeKey(out, "faults");
     out.StartObject();
     for (size_t kind = 0; kind < kFaultKinds; ++kind) {
         const FaultCount& count = snapshot.faults[kind];
         if (count.packets == 0) continue;
-        out.plain(faultRow(static_cast<Fault>(kind)).key);
+        writeKey(out, faultRow(static_cast<Fault>(kind)).key);
         out.StartObject();
         writeMember(out, kFaults.name, count.packets);
         writeTime(out, "first_time", count.first);
@@ -270,17 +239,18 @@ void writeFaults(Writer& out, const SnapHeader& snapshot) {
     out.EndObject();
 }
 
-void writeTotals(Writer& out, const char* name, const SnapTotals& totals) {
+void writeTotals(Writer& out, const SnapHeader& snapshot) {
+    const SnapTotals totals = snapshotAddUp(snapshot);
     SnapSubject subjects{};
     subjects.msgs = totals.subjects.msgs;
     subjects.bytes = totals.subjects.bytes;
-    const auto writeTable = [&out](const char* table, const auto& fields, const auto& record) {
-        out.plain(table);
+    const auto writeTable = [&out](const char* name, const auto& fields, const auto& record) {
+        writeKey(out, name);
         out.StartObject();
         writeFields(out, fields, record);
         out.EndObject();
     };
-    out.plain(name);
+    writeKey(out, "totals");
     out.StartObject();
     writeTable(kMulticast, kMulticastFields, totals.multicast);
     writeTable(kRetransmission, kRetransmissionFields, totals.retransmission);
@@ -289,10 +259,7 @@ void writeTotals(Writer& out, const char* name, const SnapTotals& totals) {
     out.EndObject();
 }
 
-constexpr std::string_view kInterval = "interval";
-constexpr std::string_view kSinceStart = "since_start";
-
-void writeHead(Writer& out, const SnapHeader& snapshot, std::string_view scope) {
+void writeHead(Writer& out, const SnapHeader& snapshot) {
     writeTime(out, "time", snapshot.thisTime);
     writeTime(out, "begin_time", snapshot.prevTime);
     writeReal(out, "elapsed_seconds", secondsOf(snapshot.thisTime) - secondsOf(snapshot.prevTime));
@@ -304,14 +271,13 @@ void writeHead(Writer& out, const SnapHeader& snapshot, std::string_view scope) 
         writeMember(out, "file_bytes", snapshot.source.fileBytes);
     }
     writeFaults(out, snapshot);
-    writeTotals(out, "totals", snapshotAddUp(snapshot));
-    if (scope == kSinceStart) writeTotals(out, "beyond_rows", snapshot.beyond);
+    writeTotals(out, snapshot);
 }
 
-void writeMembers(Writer& out, const SnapHeader& snapshot, std::string_view scope) {
-    writeHead(out, snapshot, scope);
+void writeMembers(Writer& out, const SnapHeader& snapshot) {
+    writeHead(out, snapshot);
     eachTable(snapshot, [&out](const char* name, auto walk) {
-        out.plain(name);
+        writeKey(out, name);
         out.StartArray();
         walk([&out](auto writeRow) {
             out.StartObject();
@@ -324,32 +290,24 @@ void writeMembers(Writer& out, const SnapHeader& snapshot, std::string_view scop
 
 // One line: an object whose first members are the same in each.
 template <typename WriteMembers>
-void appendLine(JsonBuffer& buffer,
-                Writer& out,
-                std::string_view scope,
-                const char* table,
-                WriteMembers writeRest) {
+void appendLine(
+    JsonBuffer& buffer, Writer& out, const char* scope, const char* table, WriteMembers writeRest) {
     out.Reset(buffer);
     out.StartObject();
-    writePlain(out, "table", table);
-    writePlain(out, "scope", scope);
+    writeMember(out, "table", std::string_view(table));
+    writeMember(out, "scope", std::string_view(scope));
     writeRest(out);
     out.EndObject();
     buffer.Put('\n');
 }
 
-void appendLines(JsonBuffer& buffer,
-                 Writer& out,
-                 const SnapHeader& snapshot,
-                 std::string_view scope) {
-    char text[kTimeBytes];
-    const std::string_view time = timeText(snapshot.thisTime, text);
+void appendLines(JsonBuffer& buffer, Writer& out, const SnapHeader& snapshot, const char* scope) {
     appendLine(buffer, out, scope, "snapshot",
-               [&](Writer& line) { writeHead(line, snapshot, scope); });
+               [&snapshot](Writer& line) { writeHead(line, snapshot); });
     eachTable(snapshot, [&](const char* table, auto walk) {
         walk([&](auto writeRow) {
             appendLine(buffer, out, scope, table, [&](Writer& line) {
-                writePlain(line, "time", time);
+                writeTime(line, "time", snapshot.thisTime);
                 writeRow(line);
             });
         });
@@ -362,11 +320,11 @@ void jsonAppendObject(JsonBuffer& buffer, const SnapHeader& snapshot, const Snap
     LevelMemory levels;
     Writer out(buffer, &levels, kLevels);
     out.StartObject();
-    writeMembers(out, snapshot, kInterval);
+    writeMembers(out, snapshot);
     if (total != nullptr) {
-        out.plain(kSinceStart);
+        writeKey(out, "since_start");
         out.StartObject();
-        writeMembers(out, *total, kSinceStart);
+        writeMembers(out, *total);
         out.EndObject();
     }
     out.EndObject();
@@ -375,6 +333,6 @@ void jsonAppendObject(JsonBuffer& buffer, const SnapHeader& snapshot, const Snap
 void jsonAppendRows(JsonBuffer& buffer, const SnapHeader& snapshot, const SnapHeader* total) {
     LevelMemory levels;
     Writer out(buffer, &levels, kLevels);
-    appendLines(buffer, out, snapshot, kInterval);
-    if (total != nullptr) appendLines(buffer, out, *total, kSinceStart);
+    appendLines(buffer, out, snapshot, "interval");
+    if (total != nullptr) appendLines(buffer, out, *total, "since_start");
 }
