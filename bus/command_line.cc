@@ -67,7 +67,7 @@ struct Option {
 using S = BusSettings;
 
 constexpr uint32_t kBenches = kForBenchSend | kForBenchRequest | kForBenchListen;
-constexpr uint32_t kIntakes = kForListen | kForAnswer;
+constexpr uint32_t kIntakes = kForListen | kForAnswer | kForCircuit;
 constexpr uint32_t kPrinters = kIntakes | kForRequest;
 constexpr uint32_t kTimed = kPrinters | kBenches;
 constexpr uint32_t kCounted = kTimed | kForSend;

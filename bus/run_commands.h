@@ -17,7 +17,10 @@
 // and the next one is tried all the same: who asked may have gone.
 [[nodiscard]] ExitStatus runAnswer(const BusSettings& settings);
 
-// The library has no virtual circuits yet.
+// The two ends of a circuit. The accepting end answers requests on the subject with its connect
+// subject until it is connected. Each line of the input then goes to the other end, whose messages
+// are printed: to the end of the input at the connecting end, to that of the circuit at the
+// accepting one.
 [[nodiscard]] ExitStatus runCircuitAccept(const BusSettings& settings);
 [[nodiscard]] ExitStatus runCircuitConnect(const BusSettings& settings);
 

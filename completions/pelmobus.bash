@@ -12,7 +12,7 @@ _pelmobus() {
         [send]="--count --rate --json --lines --reply --size --sequence --wait"
         [request]="$intake --size --sequence --wait"
         [answer]="$intake --size --sequence"
-        ["circuit accept"]="" ["circuit connect"]=""
+        ["circuit accept"]="$intake" ["circuit connect"]="$intake"
         ["bench send"]="--count --seconds --rate --size"
         ["bench request"]="--count --seconds --size"
         ["bench listen"]="--count --seconds --size"

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "lib/base/log.h"
 #include "lib/base/text.h"
@@ -15,8 +16,7 @@
 
 namespace {
 
-constexpr const char* kWarnClass = "WARN";
-constexpr const char* kWarnSource = "SYSTEM";
+constexpr const char* kAdvisorySource = "SYSTEM";
 
 Peer* peerOf(Member* member) {
     return reinterpret_cast<Peer*>(member);
@@ -291,23 +291,24 @@ const char* takeOther(BatchWalk& walk, size_t at, const Incoming& incoming) {
     }
 }
 
-pelmoStatus makeWarning(pelmoMsg** out,
-                        const char* name,
-                        const Peer* about,
-                        const char* description) {
+pelmoStatus makeAdvisory(pelmoMsg** out, const Peer* about, const Advisory& advisory) {
     const char* session = about->start.session;
     char full[kSubjectTextBytes];
-    boundedFormat(full, sizeof full, "%s%s%s", name, session[0] != '\0' ? "." : "", session);
+    boundedFormat(full, sizeof full, "%s%s%s", advisory.name, session[0] != '\0' ? "." : "",
+                  session);
     char text[kSubjectTextBytes];
-    boundedFormat(text, sizeof text, "_PM.%s.%s.%s", kWarnClass, kWarnSource, full);
+    boundedFormat(text, sizeof text, "_PM.%s.%s.%s", advisory.kind, kAdvisorySource, full);
     pelmoMsg* msg = nullptr;
     pelmoStatus status = msgCreateEnveloped(&msg, text, nullptr, 0);
     if (status != kStatusSuccess) return status;
     HeldMessage held(msg);
-    status = pelmoMsg_AddString(msg, "ADV_CLASS", kWarnClass, 0);
-    if (status == kStatusSuccess) status = pelmoMsg_AddString(msg, "ADV_SOURCE", kWarnSource, 0);
-    if (status == kStatusSuccess) status = pelmoMsg_AddString(msg, "ADV_NAME", full, 0);
-    if (status == kStatusSuccess) status = pelmoMsg_AddString(msg, "ADV_DESC", description, 0);
+    const std::pair<const char*, const char*> fields[] = {{"ADV_CLASS", advisory.kind},
+                                                          {"ADV_SOURCE", kAdvisorySource},
+                                                          {"ADV_NAME", full},
+                                                          {"ADV_DESC", advisory.description}};
+    for (const auto& [name, value] : fields) {
+        if (status == kStatusSuccess) status = pelmoMsg_AddString(msg, name, value, 0);
+    }
     if (status == kStatusSuccess) status = msgCloseEnvelope(msg);
     if (status == kStatusSuccess) *out = held.release();
     return status;
@@ -365,22 +366,19 @@ const char* exchangeTake(Exchange* exchange, Peer* peer, MessageRun batch) {
     return fault;
 }
 
-void exchangeWarn(Exchange* exchange,
-                  Realm* realm,
-                  const char* name,
-                  const Peer* about,
-                  const char* description) {
-    pelmoMsg* warning = nullptr;
-    if (makeWarning(&warning, name, about, description) != kStatusSuccess) {
+void exchangeAdvise(Exchange* exchange, const Peer* about, const Advisory& advisory) {
+    pelmoMsg* message = nullptr;
+    if (makeAdvisory(&message, about, advisory) != kStatusSuccess) {
         ++exchange->lost;
         return;
     }
     Receivers receivers;
-    const uint8_t* subject = incomingRead({msgImage(warning), warning->length}).subject;
+    Realm* const realm = about->member.realm;
+    const uint8_t* subject = incomingRead({msgImage(message), message->length}).subject;
     if (subject != nullptr && routerMatch(realm, subject, &receivers) == kStatusSuccess) {
         for (Member* member : receivers) {
-            exchange->ops.tell(exchange->closure, member, warning);
+            exchange->ops.tell(exchange->closure, member, message);
         }
     }
-    msgRelease(warning);
+    msgRelease(message);
 }

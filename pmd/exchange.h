@@ -96,6 +96,11 @@ void exchangeLeave(Exchange* exchange, Peer* peer);
     return peer->clientId != 0;
 }
 
-// Tells those of the realm who listen to it: "_PM.WARN.SYSTEM.NAME.SESSION".
-void exchangeWarn(
-    Exchange* exchange, Realm* realm, const char* name, const Peer* about, const char* description);
+// Tells those of the peer's realm, in which it is, who listen to it:
+// "_PM.KIND.SYSTEM.NAME.SESSION".
+struct Advisory {
+    const char* kind;
+    const char* name;
+    const char* description;
+};
+void exchangeAdvise(Exchange* exchange, const Peer* about, const Advisory& advisory);

@@ -145,13 +145,17 @@ void endPaces(Ends ends) PELMO_REQUIRES(daemonLock) {
     if (server.paced == nullptr) endTimer(&server.paceTimer);
 }
 
-void warnOfSlowReader(const Client* client) PELMO_REQUIRES(daemonLock) {
-    Realm* realm = client->peer.member.realm;
-    if (realm == nullptr) return;
+// Tells the others: nothing goes to who has a fault.
+void adviseOfEnd(const Client* client) PELMO_REQUIRES(daemonLock) {
+    if (client->peer.member.realm == nullptr) return;
     char text[128];
-    boundedFormat(text, sizeof text, "client %s was cut off: it reads too slowly",
-                  clientText(client));
-    exchangeWarn(&server.exchange, realm, "CLIENT.SLOWREADER", &client->peer, text);
+    if (client->isSlow) {
+        boundedFormat(text, sizeof text, "client %s was cut off: it reads too slowly",
+                      clientText(client));
+        exchangeAdvise(&server.exchange, &client->peer, {"WARN", "CLIENT.SLOWREADER", text});
+    }
+    boundedFormat(text, sizeof text, "client %s has gone", clientText(client));
+    exchangeAdvise(&server.exchange, &client->peer, {"INFO", "UNREACHABLE.TRANSPORT", text});
 }
 
 // A client that has gone gives its descriptor back, and may have been the last one.
@@ -170,7 +174,7 @@ void bury(Client* client) PELMO_REQUIRES(daemonLock) {
     endPaces([client](const Client* sender) PELMO_REQUIRES(daemonLock) {
         return sender == client || sender->pacer == client;
     });
-    if (client->isSlow) warnOfSlowReader(client);  // the others: nothing goes to who has a fault
+    adviseOfEnd(client);
     exchangeLeave(&server.exchange, &client->peer);
     clientClose(client);
     onFewer();

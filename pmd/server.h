@@ -8,9 +8,10 @@
 //
 // Limits: a connection has kStartSeconds to start its session. Where more waits for a client than
 // the options allow, it is cut off, the log tells, and an advisory tells the others of its service:
-// "_PM.WARN.SYSTEM.CLIENT.SLOWREADER.SESSION". A sender is paced by the fastest of those who get
-// what it sends, as long as that one takes something at all (pmd/pacing.h): so a stream faster than
-// all its readers isn't their end, and a slow reader among others holds nobody up. Without
+// "_PM.WARN.SYSTEM.CLIENT.SLOWREADER.SESSION". The end of any client is told as
+// "_PM.INFO.SYSTEM.UNREACHABLE.TRANSPORT.SESSION". A sender is paced by the fastest of those who
+// get what it sends, as long as that one takes something at all (pmd/pacing.h): so a stream faster
+// than all its readers isn't their end, and a slow reader among others holds nobody up. Without
 // descriptors for more clients the daemon stops accepting until there are some.
 //
 // Threads: one thread starts and stops it. The rest runs on the library's IO thread and timer

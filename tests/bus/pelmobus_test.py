@@ -56,8 +56,13 @@ class Pelmobus(unittest.TestCase):
                 (["listen", "A", "--count=0", "--quiet"], 0, "listening on A\nreceived 0\n"),
                 (["request", "A", "--seconds=0.01"], 3,
                  "pelmobus: request A: Operation timed out (50)\n"),
-                (["circuit", "accept", "A"], 1,
-                 "pelmobus: circuit accept: this version of the library has no virtual circuits\n")]:
+                (["circuit", "accept", "A", "--count=0"], 0, "listening on A\n"),
+                (["circuit", "accept", "A", "--seconds=0.01"], 3,
+                 "listening on A\npelmobus: circuit accept A: Operation timed out (50)\n"),
+                (["circuit", "connect", "A", "--seconds=0.01"], 3,
+                 "pelmobus: circuit connect A: Operation timed out (50)\n"),
+                (["circuit", "connect", "a..b"], 1,
+                 "pelmobus: circuit connect a..b: Invalid subject (20)\n")]:
             with self.subTest(words):
                 self.ends(local(*words), status, stderr, "^$")
 
@@ -90,6 +95,8 @@ class Pelmobus(unittest.TestCase):
     def test_ends_in_order_at_a_signal_whatever_it_waits_for(self):
         for words, said in [(["listen", "A"], b"listening on A\n"),
                             (["answer", "A"], b"listening on A\n"),
+                            (["circuit", "accept", "A"], b"listening on A\n"),
+                            (["circuit", "connect", "A"], b""),
                             (["bench", "listen", "--seconds", "60"], b"listening on PELMOBUS.BENCH\n"),
                             (["send", "A", "--lines"], b""),
                             (["send", "A", "--count=2", "--rate=0.001"], b""),
@@ -158,7 +165,7 @@ class OverADaemon(unittest.TestCase):
                                    **{"stdout": subprocess.PIPE, **kwargs})
         self.addCleanup(process.communicate)
         self.addCleanup(process.kill)
-        if words[0] in ("listen", "answer") or words[:2] == ("bench", "listen"):
+        if words[0] in ("listen", "answer") or words[:2] in (("bench", "listen"), ("circuit", "accept")):
             self.assertRegex(process.stderr.readline(), b"^listening on ")
         return process
 
@@ -234,6 +241,48 @@ class OverADaemon(unittest.TestCase):
         listener = self.start("bench", "listen", "--count", "100000")
         self.assertIn(b"sent: 100000 messages", self.bus("bench", "send", "--count", "100000").stdout)
         self.assertIn("received: 100000 messages", self.ended(listener))
+
+    def circuit(self, **connecting):
+        """Both ends, connected; their inputs are open."""
+        accept = self.start("circuit", "accept", "C", stdin=subprocess.PIPE)
+        connect = self.start("circuit", "connect", "C", stdin=subprocess.PIPE, **connecting)
+        for end in (accept, connect):
+            self.assertEqual(end.stderr.readline(), b"connected\n")
+        return accept, connect
+
+    def test_a_circuit_carries_all_lines_in_order_both_ways(self):
+        accept, connect = self.circuit()
+        accept.stdin.write(b"back\n")
+        accept.stdin.close()
+        self.assertEqual(connect.stdout.readline(), b'LINE {line="back"}\n')
+        # A second end finds it taken.
+        late = self.bus("circuit", "connect", "C", "--seconds=0.1")
+        self.assertEqual(late.returncode, 3, late.stderr)
+        out, err = connect.communicate(b"".join(b"%d\n" % i for i in range(20000)), timeout=30)
+        self.assertEqual((connect.returncode, out, err), (0, b"", b""))
+        accept.stdin = None
+        self.assertEqual(self.ended(accept),
+                         "".join('LINE {line="%d"}\n' % i for i in range(20000)))
+
+    def test_a_circuit_ends_with_its_end_in_order_or_not(self):
+        for number in (signal.SIGTERM, signal.SIGKILL):
+            for which in (0, 1):
+                with self.subTest(number=number, which=which):
+                    ends = self.circuit()
+                    ends[which].send_signal(number)
+                    self.assertEqual(ends[1 - which].wait(30), 0)
+                    ends[which].wait(30)
+        accept, connect = self.circuit()
+        self.daemon.close()
+        for end in (accept, connect):
+            while b"PMD.DISCONNECTED" not in end.stderr.readline():
+                pass
+        # What can't be sent is told, and ends the circuit.
+        connect.stdin.write(b"lost\n")
+        connect.stdin.flush()
+        self.assertEqual(connect.stderr.read(),
+                         b"pelmobus: send LINE: Not connected to daemon (21)\n")
+        self.assertEqual(connect.wait(30), 1)
 
     def test_a_broken_connection_is_waited_for_where_that_is_asked_for(self):
         listener = self.start("listen", "W", "--count", "3")

@@ -240,7 +240,7 @@ TEST(Exchange, WarnsThoseWhoListen) {
     bus.join("a", {"_PM.WARN.>"});
     bus.join("slow", {}, {.session = kSession});
     Peer* slow = bus.peers["slow"].get();
-    exchangeWarn(&bus.exchange, slow->member.realm, "CLIENT.SLOWREADER", slow, "too slow");
+    exchangeAdvise(&bus.exchange, slow, {"WARN", "CLIENT.SLOWREADER", "too slow"});
     EXPECT_EQ(bus.takeJournal(),
               Journal{"a < 1 on _PM.WARN.SYSTEM.CLIENT.SLOWREADER.7F000001.U0001.G1"});
 }
