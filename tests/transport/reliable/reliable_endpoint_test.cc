@@ -83,7 +83,10 @@ struct End {
         EXPECT_EQ(address, kLoopbackHost);
         for (uint32_t i = 0; i < messages->count; ++i)
             self->take(static_cast<pelmoMsg*>(messages->items[i]));
-        if (self->closesItself.exchange(false)) self->close(false);
+        if (self->closesItself) {
+            self->close(false);
+            self->closesItself = false;
+        }
         if (self->failsReads) (void)allocationsArm(self->taken / 2, false);
     }
     void take(pelmoMsg* message) {
@@ -254,12 +257,16 @@ TEST_F(ReliableEndpoints, LetSendersWait) {
         std::atomic<int> queued = 0;
         std::atomic<bool> isLast = false, ended = false;
         pelmoStatus status = kStatusSuccess;
-        std::thread sender([&] {
+        ReliableEndpoint* const own = end.endpoint;
+        ReliableEndpoint_Retain(own);
+        std::thread sender([&, own] {
+            pelmoMsg* const one = message.get();
             while (status == kStatusSuccess && !isLast) {
-                status = end.send(wire.port, message.get());
+                status = ReliableEndpoint_Send(own, kLoopbackHost, wire.port, {&one, 1}, false);
                 ++queued;
             }
             ended = true;
+            ReliableEndpoint_Release(own);
         });
         // One more is under way by now.
         EXPECT_TRUE(within(20, [&] { return queued == 2733; })) << queued;
