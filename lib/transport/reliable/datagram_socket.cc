@@ -125,8 +125,8 @@ bool refusesRuns(int error) {
 }
 
 // Returns how many datagrams from `first` on it has seen to.
-uint32_t sendRuns(DatagramSocket* datagrams, const Runs& runs, uint32_t first, mmsghdr* headers) {
-    const int sent = sendmmsg(datagrams->handle, headers, runs.count, 0);
+uint32_t sendRuns(DatagramSocket* datagrams, SendBatch& batch, uint32_t first, Runs& runs) {
+    const int sent = sendmmsg(datagrams->handle, runs.headers, runs.count, 0);
     if (sent > 0) {
         uint32_t seenTo = 0;
         for (int i = 0; i < sent; ++i)
@@ -138,8 +138,20 @@ uint32_t sendRuns(DatagramSocket* datagrams, const Runs& runs, uint32_t first, m
         datagrams->cutsRuns = false;
         return 0;
     }
-    datagrams->failure = {.error = errno, .isRepeat = datagrams->batch.isRepeat[first]};
+    batch.failure = {.error = errno, .isRepeat = batch.isRepeat[first]};
     return runs.lengths[0];
+}
+
+void sendAll(DatagramSocket* datagrams, SendBatch& batch) {
+    Runs runs;  // not zeroed
+    uint32_t next = 0;
+    while (next < batch.count) {
+        buildRuns(runs, batch, next, datagrams->cutsRuns);
+        next += sendRuns(datagrams, batch, next, runs);
+    }
+    for (uint32_t i = 0; i < batch.count; ++i)
+        bufferRelease(batch.buffers[i]);
+    batch.count = 0;
 }
 
 // Reading
@@ -185,8 +197,13 @@ pelmoStatus datagramOpen(DatagramSocket* out, uint32_t address, uint16_t port) {
     out->slotBytes = slotBytes;
     out->slots = slots;
     out->cutsRuns = mayCut;
-    out->batch.count = 0;
-    out->failure = {};
+    out->filling = 0;
+    out->isSending = false;
+    out->isUnderWay.store(false, std::memory_order_relaxed);
+    for (SendBatch& batch : out->batches) {
+        batch.count = 0;
+        batch.failure = {};
+    }
     return kStatusSuccess;
 }
 
@@ -197,8 +214,11 @@ void datagramClose(DatagramSocket* datagrams) {
 }
 
 void datagramAdd(DatagramSocket* datagrams, const PeerAddress& to, const OutDatagram& datagram) {
-    SendBatch& batch = datagrams->batch;
-    if (batch.count == kBatchDatagrams) datagramFlush(datagrams);
+    SendBatch& batch = datagrams->batches[datagrams->filling];
+    if (batch.count == kBatchDatagrams) {
+        datagrams->isUnderWay.wait(true, std::memory_order_acquire);
+        sendAll(datagrams, batch);
+    }
     const uint32_t index = batch.count++;
     batch.peers[index] = to;
     batch.isRepeat[index] = datagram.isRepeat;
@@ -210,18 +230,23 @@ void datagramAdd(DatagramSocket* datagrams, const PeerAddress& to, const OutData
     if (datagram.buffer != nullptr) bufferRetain(datagram.buffer);
 }
 
-void datagramFlush(DatagramSocket* datagrams) {
-    SendBatch& batch = datagrams->batch;
-    if (batch.count == 0) return;
-    Runs runs;  // not zeroed
-    uint32_t next = 0;
-    while (next < batch.count) {
-        buildRuns(runs, batch, next, datagrams->cutsRuns);
-        next += sendRuns(datagrams, runs, next, runs.headers);
-    }
-    for (uint32_t i = 0; i < batch.count; ++i)
-        bufferRelease(batch.buffers[i]);
-    batch.count = 0;
+SendBatch* datagramBegin(DatagramSocket* datagrams) {
+    SendBatch* const batch = &datagrams->batches[datagrams->filling];
+    if (datagrams->isSending || batch->count == 0) return nullptr;
+    datagrams->isSending = true;
+    datagrams->isUnderWay.store(true, std::memory_order_relaxed);
+    datagrams->filling ^= 1;
+    return batch;
+}
+
+void datagramSend(DatagramSocket* datagrams, SendBatch* batch) {
+    sendAll(datagrams, *batch);
+    datagrams->isUnderWay.store(false, std::memory_order_release);
+    datagrams->isUnderWay.notify_one();
+}
+
+void datagramEnd(DatagramSocket* datagrams) {
+    datagrams->isSending = false;
 }
 
 bool datagramRead(const DatagramSocket* datagrams, ReadBatch* out) {

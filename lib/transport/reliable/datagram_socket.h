@@ -4,13 +4,25 @@
 //
 // A kernel or device that refuses to cut a run gets its datagrams one by one, from then on.
 //
-// Ownership: a batch holds references to payload buffers until it is flushed, and copies of heads.
-// A datagram that was read is valid until the next read.
+// There are two batches: while one is being sent, with the owner's lock released, the other is
+// filled. So senders don't wait for each other's system calls, and what several have added leaves
+// in one:
+//
+//     datagramAdd(...);
+//     while (SendBatch* batch = datagramBegin(socket)) {   // null: none, or another thread sends
+//         (leave the lock)
+//         datagramSend(socket, batch);
+//         (take the lock)
+//         datagramEnd(socket);
+//     }
+//
+// Ownership: a batch holds references to payload buffers until it is sent, and copies of heads. A
+// datagram that was read is valid until the next read.
 //
 // Failure: what can't be sent is dropped and noted; the protocol sends it again. Reads end at any
 // failure.
 //
-// Threads: no lock; the owner serialises the calls for each direction.
+// Threads: no lock; the owner serialises all calls but datagramSend, and those that read.
 //
 // Environment: with PELMO_DISABLE_UDP_SEGMENT set the kernel neither cuts nor gathers. A capture
 // on the sending host then shows each datagram as the wire carries it.
@@ -20,6 +32,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cstdint>
 #include <span>
 
@@ -29,20 +42,21 @@
 inline constexpr uint32_t kBatchDatagrams = 64;  // as many as the kernel cuts one run into
 inline constexpr uint32_t kReadSlots = 32;
 
+// Why the last datagram that failed couldn't be sent.
+struct SendFailure {
+    int error;  // errno; 0: none has failed
+    bool isRepeat;
+};
+
 // Waits to be sent.
 struct SendBatch {
     uint32_t count;
+    SendFailure failure;
     PeerAddress peers[kBatchDatagrams];
     Buffer* buffers[kBatchDatagrams];   // with a reference; null: no payload
     iovec pieces[2 * kBatchDatagrams];  // head and payload of each
     uint8_t heads[kBatchDatagrams][kMostHeadBytes];
     bool isRepeat[kBatchDatagrams];
-};
-
-// Why the last datagram that failed couldn't be sent.
-struct SendFailure {
-    int error;  // errno; 0: none has failed
-    bool isRepeat;
 };
 
 struct DatagramSocket {
@@ -52,10 +66,13 @@ struct DatagramSocket {
     uint32_t slotBytes;
     uint8_t* slots;  // room of a read: kReadSlots, a stride apart
 
-    // Owned by the sender
-    bool cutsRuns;
-    SendBatch batch;
-    SendFailure failure;  // since the owner cleared it
+    // Guarded by the owner.
+    SendBatch batches[2];
+    uint32_t filling;  // which of the two
+    bool isSending;    // a thread is between datagramBegin and datagramEnd
+
+    std::atomic<bool> isUnderWay;  // the other one is; who fills this one up waits for that
+    bool cutsRuns;                 // of whoever sends
 };
 
 // Address in network order, 0 for all of this host's; port 0 means any. kStatusSocketLimit where
@@ -63,9 +80,12 @@ struct DatagramSocket {
 [[nodiscard]] pelmoStatus datagramOpen(DatagramSocket* out, uint32_t address, uint16_t port);
 void datagramClose(DatagramSocket* datagrams);
 
-// Takes the datagram into the batch; a full one is sent first.
+// Takes the datagram into the batch; a full one is sent first, behind the one that is under way.
 void datagramAdd(DatagramSocket* datagrams, const PeerAddress& to, const OutDatagram& datagram);
-void datagramFlush(DatagramSocket* datagrams);
+
+[[nodiscard]] SendBatch* datagramBegin(DatagramSocket* datagrams);
+void datagramSend(DatagramSocket* datagrams, SendBatch* batch);
+void datagramEnd(DatagramSocket* datagrams);
 
 // What one read brought.
 struct ReadBatch {

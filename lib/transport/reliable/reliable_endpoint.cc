@@ -22,7 +22,7 @@
 
 struct ReliableEndpoint {
     // Constant after creation.
-    DatagramSocket datagrams;  // its sending side is guarded by the lock
+    DatagramSocket datagrams;  // its batches are guarded by the lock
     ReliableDataCallback onData;
     ReliableLossCallback onLoss;
 
@@ -97,11 +97,17 @@ void armTimerLocked(ReliableEndpoint* endpoint) PELMO_REQUIRES(endpoint->lock) {
     (void)pelmoEvent_ResetTimerInterval(endpoint->timer, wait);
 }
 
-// What has to leave leaves under the lock, so that packets keep their order.
-void settleLocked(ReliableEndpoint* endpoint, Harvest& harvest) PELMO_REQUIRES(endpoint->lock) {
-    datagramFlush(&endpoint->datagrams);
-    harvest.failure = std::exchange(endpoint->datagrams.failure, {});
-    armTimerLocked(endpoint);
+// Sends with the lock released, what other threads add meanwhile included; one thread at a time, so
+// that packets keep their order.
+void sendLocked(ReliableEndpoint* endpoint, Harvest& harvest) PELMO_REQUIRES(endpoint->lock) {
+    DatagramSocket* const datagrams = &endpoint->datagrams;
+    while (SendBatch* const batch = datagramBegin(datagrams)) {
+        Lock_Leave(&endpoint->lock);
+        datagramSend(datagrams, batch);
+        Lock_Enter(&endpoint->lock);
+        if (batch->failure.error != 0) harvest.failure = std::exchange(batch->failure, {});
+        datagramEnd(datagrams);
+    }
 }
 
 HarvestCallbacks callbacksLocked(const ReliableEndpoint* endpoint) PELMO_REQUIRES(endpoint->lock) {
@@ -126,8 +132,9 @@ void callCore(ReliableEndpoint* endpoint, CallOnce callOnce) {
                 isMore = callOnce(&output);
                 harvestTake(harvest, output);
             }
-            settleLocked(endpoint, harvest);
+            armTimerLocked(endpoint);
             callbacks = callbacksLocked(endpoint);
+            sendLocked(endpoint, harvest);
         }
         harvestTell(harvest, callbacks);
     }

@@ -11,7 +11,8 @@
 // the peer is 4 MB behind, unless it is the IO or the timer thread, or the library closes.
 //
 // The socket is read on queue 5; one timer on queue 2 stands for all deadlines, and fires only
-// while there is one. What one read brings is answered together, in one lock hold and one send.
+// while there is one. What one read brings is answered together, in one lock hold and one send,
+// and no send is made with the lock held.
 //
 // Units and byte order: ports are numbers; addresses are in network order where it says so.
 
