@@ -125,6 +125,15 @@ void describeSavefile(pcap_t* capture) {
              pcap_minor_version(capture));
 }
 
+std::string filterFault(pcap_t* capture, const char* text) {
+    bpf_program program = {};
+    if (pcap_compile(capture, &program, text, kOptimize, kNoNetmask) != 0) {
+        return pcap_geterr(capture);
+    }
+    pcap_freecode(&program);
+    return {};
+}
+
 bool installFilter(pcap_t* capture, const char* text) {
     bpf_program program = {};
     if (pcap_compile(capture, &program, text, kOptimize, kNoNetmask) != 0) {

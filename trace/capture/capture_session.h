@@ -39,6 +39,9 @@ constexpr int kFullFrameBytes = 1518;
 void describeSavefile(pcap_t* capture);
 void warnOfCutFrames(pcap_t* capture);
 
+// What libpcap has against a filter; empty where it has nothing.
+[[nodiscard]] std::string filterFault(pcap_t* capture, const char* text);
+
 // A source whose filter failed delivers everything.
 [[nodiscard]] bool installFilter(pcap_t* capture, const char* text);
 

@@ -21,11 +21,6 @@ constexpr int kNamesWidth = 30;
 // Settings borrow the values, which therefore last as long as the process.
 std::list<std::string> keptValues;
 
-[[noreturn]] void refuse(const char* word, const char* what) {
-    std::fprintf(stderr, "%s: %s %s\n", kWatchName, word, what);
-    std::exit(kUsageStatus);
-}
-
 const char* storeInterface(const char* value) {
     traceSettings.interfaceName = value;
     return nullptr;
@@ -181,7 +176,7 @@ void storeAll(const Found& found) {
         const char* const wrong = found.row->store(keptValues.emplace_back(value).c_str());
         if (wrong == nullptr) continue;
         const std::string word = namesOf(*found.row).back() + ": \"" + value + "\"";
-        refuse(word.c_str(), wrong);
+        optionsRefuse(word.c_str(), wrong);
     }
 }
 
@@ -200,12 +195,12 @@ void parseRows(const Form& form, const Rows& rows, Words words) {
     } catch (const CLI::CallForHelp&) {
         printHelp(form);
     } catch (const CLI::Error& error) {
-        refuse((std::string(form.name) + ":").c_str(), error.what());
+        optionsRefuse((std::string(form.name) + ":").c_str(), error.what());
     }
     if (app.remaining_size() != 0) {
         const std::string word = "\"" + app.remaining()[0] + "\"";
         const std::string what = std::string("isn't an option of ") + form.name;
-        refuse(word.c_str(), what.c_str());
+        optionsRefuse(word.c_str(), what.c_str());
     }
     std::ranges::for_each(all, storeAll);
 }
@@ -215,27 +210,32 @@ const Form& findForm(const char* name, std::span<const Form* const> forms) {
         if (std::string_view(form->name) == name) return *form;
     }
     const std::string word = std::string("\"") + name + "\"";
-    refuse(word.c_str(), "is no form; --help lists them");
+    optionsRefuse(word.c_str(), "is no form; --help lists them");
 }
 
 void settle(const Form& form) {
     const bool hasInterface = traceSettings.interfaceName != nullptr;
     const bool hasFile = traceSettings.readFile != nullptr;
-    if (hasInterface == hasFile) refuse(form.name, "takes one of -i and -r");
+    if (hasInterface == hasFile) optionsRefuse(form.name, "takes one of -i and -r");
     if (traceSettings.filterText == nullptr) {
         traceSettings.builtFilter =
             buildFilter(traceSettings.srcAddrs, traceSettings.dstAddrs, traceSettings.ports);
         traceSettings.filterText = traceSettings.builtFilter.c_str();
     }
     const char* const wrong = form.settle != nullptr ? form.settle() : nullptr;
-    if (wrong != nullptr) refuse(form.name, wrong);
+    if (wrong != nullptr) optionsRefuse(form.name, wrong);
 }
 
 }  // namespace
 
+void optionsRefuse(const char* word, const char* what) {
+    std::fprintf(stderr, "%s: %s %s\n", kWatchName, word, what);
+    std::exit(kUsageStatus);
+}
+
 const Form& optionsParse(int argc, char* const* argv, std::span<const Form* const> forms) {
     const std::span<char* const> arguments(argv, static_cast<size_t>(argc));
-    if (arguments.size() < 2) refuse("FORM", "is missing; --help lists the forms");
+    if (arguments.size() < 2) optionsRefuse("FORM", "is missing; --help lists the forms");
     const std::string_view first = arguments[1];
     if (first == "--help" || first == "-h") printForms(forms);
     if (first == "--version") printVersion();

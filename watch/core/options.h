@@ -14,3 +14,6 @@
 [[nodiscard]] const Form& optionsParse(int argc,
                                        char* const* argv,
                                        std::span<const Form* const> forms);
+
+// Ends the process for a word of the command line that proves wrong later, ahead of all threads.
+[[noreturn]] void optionsRefuse(const char* word, const char* what);

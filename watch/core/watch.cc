@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <string>
+
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/pelmo.h"
@@ -59,10 +61,15 @@ pelmoStatus startForm() {
     return statusOf(run.form->start());
 }
 
-// The tool goes on without a filter that is refused; here it is one of the options, and wrong.
+// The tool goes on without a filter that is refused; here it's an option with a wrong value.
 pelmoStatus filterStrictly() {
-    const bool installed = installFilter(captureState.captureHandle, traceSettings.filterText);
-    return installed ? kStatusSuccess : kStatusInvalidArgument;
+    const char* const text = traceSettings.filterText;
+    const std::string fault = filterFault(captureState.captureHandle, text);
+    const bool isBuilt = text == traceSettings.builtFilter.c_str();
+    const std::string word =
+        std::string(isBuilt ? "the filter" : "--filter:") + " \"" + text + "\":";
+    if (!fault.empty()) optionsRefuse(word.c_str(), fault.c_str());
+    return statusOf(installFilter(captureState.captureHandle, text));
 }
 
 pelmoStatus tellOfCutFrames() {
@@ -75,17 +82,28 @@ pelmoStatus showProgress() {
     return shows && isatty(STDOUT_FILENO) == 0 ? progressStart() : kStatusSuccess;
 }
 
-// Rights go ahead of all threads, which the library brings.
 constexpr StartStep kStartSteps[] = {
-    {kEitherMode, outliveFileLimit}, {kEitherMode, outliveReaders},
-    {kEitherMode, validateFilter},   {kEitherMode, statsInit},
-    {kEitherMode, prepareForm},      {kLiveOnly, privilegesForCapture},
-    {kEitherMode, openSource},       {kEitherMode, filterStrictly},
-    {kEitherMode, privilegesDrop},   {kEitherMode, tellOfCutFrames},
-    {kEitherMode, pelmo_Open},       {kEitherMode, stopArm},
-    {kEitherMode, startForm},        {kEitherMode, showProgress},
-    {kLiveOnly, markStart},          {kLiveOnly, startSnapshotTimer},
-    {kLiveOnly, watchLink},          {kLiveOnly, captureThreadStart},
+    // With the rights that the program was started with.
+    {kEitherMode, outliveFileLimit},
+    {kEitherMode, outliveReaders},
+    {kEitherMode, validateFilter},
+    {kEitherMode, statsInit},
+    {kEitherMode, prepareForm},
+    // With those that the source takes, or all for a file.
+    {kLiveOnly, privilegesForCapture},
+    {kEitherMode, openSource},
+    {kEitherMode, filterStrictly},
+    // With none, ahead of all threads, which the library brings.
+    {kEitherMode, privilegesDrop},
+    {kEitherMode, tellOfCutFrames},
+    {kEitherMode, pelmo_Open},
+    {kEitherMode, stopArm},
+    {kEitherMode, startForm},
+    {kEitherMode, showProgress},
+    {kLiveOnly, markStart},
+    {kLiveOnly, startSnapshotTimer},
+    {kLiveOnly, watchLink},
+    {kLiveOnly, captureThreadStart},
 };
 
 void runSource() {
@@ -123,9 +141,10 @@ int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
 
     const pelmoStatus status = startInOrder(kStartSteps);
     if (status != kStatusSuccess) {
+        pelmo_Close();                                              // where it was opened
+        if (status == kStatusInvalidArgument) return kUsageStatus;  // and it was told
         logPrint("startup aborted: %s.", pelmoStatus_GetText(status));
-        pelmo_Close();  // where it was opened
-        return status == kStatusInvalidArgument ? kUsageStatus : 1;
+        return 1;
     }
     runSource();
     closeSource();

@@ -1,5 +1,6 @@
 #include "watch/json/json.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,7 @@ struct JsonForm {
     Totals totals;
     JsonBuffer buffer;
     TextSink output;
+    uint64_t drainedBytes = 0;  // of the Snapshot under way
     bool failed = false;
 };
 
@@ -49,6 +51,34 @@ constexpr OptionRow kOptions[] = {
     {"--senders", nullptr, "count and show the senders of each subject", storeSenders},
 };
 
+// A reader that went away knows it.
+void tellFailure(const char* reason) {
+    json.failed = true;
+    if (json.output.error != EPIPE) logPrint("unable to write a snapshot: %s.", reason);
+}
+
+bool drain(std::string_view text) {
+    if (textSinkWrite(&json.output, text.data(), text.size()) == text.size()) {
+        json.drainedBytes += text.size();
+        return true;
+    }
+    tellFailure(std::strerror(json.output.error));
+    return false;
+}
+
+uint64_t fileBytes() {
+    struct stat status = {};
+    if (!json.output.isFile || fstat(json.output.descriptor, &status) != 0) return 0;
+    return static_cast<uint64_t>(status.st_size);
+}
+
+// What a file has of a Snapshot that isn't whole is taken off again, unless another process has
+// added to the file.
+void takeBack(uint64_t beginBytes) {
+    const bool isOurs = json.output.isFile && fileBytes() == beginBytes + json.drainedBytes;
+    if (isOurs && ftruncate(json.output.descriptor, static_cast<off_t>(beginBytes)) != 0) return;
+}
+
 bool start() {
     const int descriptor = dup(STDOUT_FILENO);
     if (descriptor < 0) {
@@ -56,24 +86,8 @@ bool start() {
         return false;
     }
     textSinkSet(&json.output, descriptor);
+    json.buffer.drain = drain;
     return true;
-}
-
-// A reader that went away knows it.
-void tellFailure(const char* reason) {
-    json.failed = true;
-    if (json.output.error != EPIPE) logPrint("unable to write a snapshot: %s.", reason);
-}
-
-bool writeLines() {
-    const std::string_view text = json.buffer.text();
-    if (json.buffer.failed) {
-        tellFailure("out of memory");
-    } else if (textSinkWrite(&json.output, text.data(), text.size()) != text.size()) {
-        tellFailure(std::strerror(json.output.error));
-    }
-    json.buffer.clear();
-    return !json.failed;
 }
 
 bool snapshot(SnapHeader& snapshot) {
@@ -81,15 +95,24 @@ bool snapshot(SnapHeader& snapshot) {
     if (json.sinceStart) {
         totalsAdd(json.totals, snapshot);
         total = totalsSnapshot(json.totals);
-        if (total == nullptr) json.buffer.failed = true;
+        if (total == nullptr) {
+            tellFailure("out of memory");
+            return false;
+        }
     }
+    const uint64_t beginBytes = fileBytes();
+    json.drainedBytes = 0;
+    json.buffer.clear();
     if (json.rows) {
         jsonAppendRows(json.buffer, snapshot, total);
     } else {
         jsonAppendObject(json.buffer, snapshot, total);
         json.buffer.Put('\n');
     }
-    return writeLines();
+    if (!json.buffer.failed && drain(json.buffer.text())) return true;
+    if (!json.failed) tellFailure("out of memory");
+    takeBack(beginBytes);
+    return false;
 }
 
 bool end(bool) {

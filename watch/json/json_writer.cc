@@ -2,6 +2,8 @@
 
 #include <rapidjson/writer.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -30,28 +32,51 @@ struct LevelMemory {
 
 constexpr size_t kLevels = 8;
 
-using Writer = rapidjson::Writer<JsonBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>, LevelMemory>;
+using SaxWriter = rapidjson::Writer<JsonBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>, LevelMemory>;
 
-void writeText(Writer& out, std::string_view text) {
+// What has nothing to escape goes into the buffer in one piece: nearly all that there is.
+struct Writer : SaxWriter {
+    using SaxWriter::SaxWriter;
+
+    void plain(std::string_view text) {
+        Prefix(rapidjson::kStringType);
+        if (!os_->reserve(text.size() + 2)) return;
+        char* at = os_->bytes + os_->usedBytes;
+        *at++ = '"';
+        at += text.copy(at, text.size());
+        *at++ = '"';
+        os_->usedBytes = static_cast<size_t>(at - os_->bytes);
+    }
+
+    void number(uint64_t number) {
+        constexpr size_t kDigitsMost = 20;
+        Prefix(rapidjson::kNumberType);
+        if (!os_->reserve(kDigitsMost)) return;
+        char* const at = os_->bytes + os_->usedBytes;
+        os_->usedBytes += static_cast<size_t>(std::to_chars(at, at + kDigitsMost, number).ptr - at);
+    }
+};
+
+void writeMember(Writer& out, std::string_view key, uint64_t number) {
+    out.plain(key);
+    out.number(number);
+}
+
+void writePlain(Writer& out, std::string_view key, std::string_view text) {
+    out.plain(key);
+    out.plain(text);
+}
+
+// Safe text has no control characters.
+void writeSafe(Writer& out, std::string_view key, std::string_view text) {
+    out.plain(key);
+    const bool isPlain = std::ranges::none_of(text, [](char c) { return c == '"' || c == '\\'; });
+    if (isPlain) return out.plain(text);
     out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
-void writeKey(Writer& out, std::string_view key) {
-    out.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
-}
-
-void writeMember(Writer& out, std::string_view key, uint64_t number) {
-    writeKey(out, key);
-    out.Uint64(number);
-}
-
-void writeMember(Writer& out, std::string_view key, std::string_view text) {
-    writeKey(out, key);
-    writeText(out, text);
-}
-
 void writeReal(Writer& out, std::string_view key, double number) {
-    writeKey(out, key);
+    out.plain(key);
     if (std::isfinite(number)) {
         out.Double(number);
     } else {
@@ -68,17 +93,23 @@ void writeFields(Writer& out, const Field<Record> (&fields)[kCount], const Recor
 
 constexpr uint32_t kNanosecondsPerSecond = 1'000'000'000;
 
+constexpr size_t kTimeBytes = 64;
+
 // RFC 3339, in UTC. A packet's stamp may claim a second's worth of nanoseconds and more.
-void writeTime(Writer& out, std::string_view key, TimeSpec time) {
+std::string_view timeText(TimeSpec time, char (&text)[kTimeBytes]) {
     const time_t seconds = time_t{time.seconds} + time.nanoseconds / kNanosecondsPerSecond;
     tm utc{};
     gmtime_r(&seconds, &utc);
-    char text[64];
     const int length =
         std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%09uZ", utc.tm_year + 1900,
                       utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
                       time.nanoseconds % kNanosecondsPerSecond);
-    writeMember(out, key, std::string_view(text, static_cast<size_t>(length)));
+    return {text, static_cast<size_t>(length)};
+}
+
+void writeTime(Writer& out, std::string_view key, TimeSpec time) {
+    char text[kTimeBytes];
+    writePlain(out, key, timeText(time, text));
 }
 
 double secondsOf(TimeSpec time) {
@@ -87,7 +118,7 @@ double secondsOf(TimeSpec time) {
 
 void writeAddress(Writer& out, std::string_view key, uint32_t address) {
     char text[kAddressTextBytes];
-    writeMember(out, key, addressText(address, text));
+    writePlain(out, key, addressText(address, text));
 }
 
 void writePort(Writer& out, std::string_view key, uint16_t port) {
@@ -95,9 +126,9 @@ void writePort(Writer& out, std::string_view key, uint16_t port) {
 }
 
 void writeScid(Writer& out, uint16_t port) {
-    writeKey(out, "scid");
+    out.plain("scid");
     if (port != 0) {
-        out.Uint(hostOrder16(port));
+        out.number(hostOrder16(port));
     } else {
         out.Null();
     }
@@ -135,7 +166,7 @@ void writePointToPoint(Writer& out, const Place& place, const SnapPtpHost& host)
 }
 
 void writeSenders(Writer& out, const SnapSubject& subject) {
-    writeKey(out, "senders");
+    out.plain("senders");
     out.StartArray();
     for (const SnapSubjectHost& host : std::span(subject.hosts, subject.hostCount)) {
         out.StartObject();
@@ -151,7 +182,7 @@ void writeSubject(Writer& out, const Place& place, const SnapSubject& subject) {
     char text[kSafeSubjectBytes];
     writePort(out, "port", place.port.port);
     writeAddress(out, "group", place.net->net);
-    writeMember(out, "subject", subjectSafeText(subject.subject, text));
+    writeSafe(out, "subject", subjectSafeText(subject.subject, text));
     writeFields(out, kSubjectFields, subject);
     if (traceSettings.countSenders) writeSenders(out, subject);
 }
@@ -224,12 +255,12 @@ void eachTable(const SnapHeader& snapshot, Table table) {
 }
 
 void writeFaults(Writer& out, const SnapHeader& snapshot) {
-    writeKey(out, "faults");
+    out.plain("faults");
     out.StartObject();
     for (size_t kind = 0; kind < kFaultKinds; ++kind) {
         const FaultCount& count = snapshot.faults[kind];
         if (count.packets == 0) continue;
-        writeKey(out, faultRow(static_cast<Fault>(kind)).key);
+        out.plain(faultRow(static_cast<Fault>(kind)).key);
         out.StartObject();
         writeMember(out, kFaults.name, count.packets);
         writeTime(out, "first_time", count.first);
@@ -239,18 +270,17 @@ void writeFaults(Writer& out, const SnapHeader& snapshot) {
     out.EndObject();
 }
 
-void writeTotals(Writer& out, const SnapHeader& snapshot) {
-    const SnapTotals totals = snapshotAddUp(snapshot);
+void writeTotals(Writer& out, const char* name, const SnapTotals& totals) {
     SnapSubject subjects{};
     subjects.msgs = totals.subjects.msgs;
     subjects.bytes = totals.subjects.bytes;
-    const auto writeTable = [&out](const char* name, const auto& fields, const auto& record) {
-        writeKey(out, name);
+    const auto writeTable = [&out](const char* table, const auto& fields, const auto& record) {
+        out.plain(table);
         out.StartObject();
         writeFields(out, fields, record);
         out.EndObject();
     };
-    writeKey(out, "totals");
+    out.plain(name);
     out.StartObject();
     writeTable(kMulticast, kMulticastFields, totals.multicast);
     writeTable(kRetransmission, kRetransmissionFields, totals.retransmission);
@@ -259,7 +289,10 @@ void writeTotals(Writer& out, const SnapHeader& snapshot) {
     out.EndObject();
 }
 
-void writeHead(Writer& out, const SnapHeader& snapshot) {
+constexpr std::string_view kInterval = "interval";
+constexpr std::string_view kSinceStart = "since_start";
+
+void writeHead(Writer& out, const SnapHeader& snapshot, std::string_view scope) {
     writeTime(out, "time", snapshot.thisTime);
     writeTime(out, "begin_time", snapshot.prevTime);
     writeReal(out, "elapsed_seconds", secondsOf(snapshot.thisTime) - secondsOf(snapshot.prevTime));
@@ -271,13 +304,14 @@ void writeHead(Writer& out, const SnapHeader& snapshot) {
         writeMember(out, "file_bytes", snapshot.source.fileBytes);
     }
     writeFaults(out, snapshot);
-    writeTotals(out, snapshot);
+    writeTotals(out, "totals", snapshotAddUp(snapshot));
+    if (scope == kSinceStart) writeTotals(out, "beyond_rows", snapshot.beyond);
 }
 
-void writeMembers(Writer& out, const SnapHeader& snapshot) {
-    writeHead(out, snapshot);
+void writeMembers(Writer& out, const SnapHeader& snapshot, std::string_view scope) {
+    writeHead(out, snapshot, scope);
     eachTable(snapshot, [&out](const char* name, auto walk) {
-        writeKey(out, name);
+        out.plain(name);
         out.StartArray();
         walk([&out](auto writeRow) {
             out.StartObject();
@@ -290,24 +324,32 @@ void writeMembers(Writer& out, const SnapHeader& snapshot) {
 
 // One line: an object whose first members are the same in each.
 template <typename WriteMembers>
-void appendLine(
-    JsonBuffer& buffer, Writer& out, const char* scope, const char* table, WriteMembers writeRest) {
+void appendLine(JsonBuffer& buffer,
+                Writer& out,
+                std::string_view scope,
+                const char* table,
+                WriteMembers writeRest) {
     out.Reset(buffer);
     out.StartObject();
-    writeMember(out, "table", std::string_view(table));
-    writeMember(out, "scope", std::string_view(scope));
+    writePlain(out, "table", table);
+    writePlain(out, "scope", scope);
     writeRest(out);
     out.EndObject();
     buffer.Put('\n');
 }
 
-void appendLines(JsonBuffer& buffer, Writer& out, const SnapHeader& snapshot, const char* scope) {
+void appendLines(JsonBuffer& buffer,
+                 Writer& out,
+                 const SnapHeader& snapshot,
+                 std::string_view scope) {
+    char text[kTimeBytes];
+    const std::string_view time = timeText(snapshot.thisTime, text);
     appendLine(buffer, out, scope, "snapshot",
-               [&snapshot](Writer& line) { writeHead(line, snapshot); });
+               [&](Writer& line) { writeHead(line, snapshot, scope); });
     eachTable(snapshot, [&](const char* table, auto walk) {
         walk([&](auto writeRow) {
             appendLine(buffer, out, scope, table, [&](Writer& line) {
-                writeTime(line, "time", snapshot.thisTime);
+                writePlain(line, "time", time);
                 writeRow(line);
             });
         });
@@ -320,11 +362,11 @@ void jsonAppendObject(JsonBuffer& buffer, const SnapHeader& snapshot, const Snap
     LevelMemory levels;
     Writer out(buffer, &levels, kLevels);
     out.StartObject();
-    writeMembers(out, snapshot);
+    writeMembers(out, snapshot, kInterval);
     if (total != nullptr) {
-        writeKey(out, "since_start");
+        out.plain(kSinceStart);
         out.StartObject();
-        writeMembers(out, *total);
+        writeMembers(out, *total, kSinceStart);
         out.EndObject();
     }
     out.EndObject();
@@ -333,6 +375,6 @@ void jsonAppendObject(JsonBuffer& buffer, const SnapHeader& snapshot, const Snap
 void jsonAppendRows(JsonBuffer& buffer, const SnapHeader& snapshot, const SnapHeader* total) {
     LevelMemory levels;
     Writer out(buffer, &levels, kLevels);
-    appendLines(buffer, out, snapshot, "interval");
-    if (total != nullptr) appendLines(buffer, out, *total, "since_start");
+    appendLines(buffer, out, snapshot, kInterval);
+    if (total != nullptr) appendLines(buffer, out, *total, kSinceStart);
 }
