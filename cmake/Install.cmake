@@ -32,7 +32,7 @@ foreach(program IN ITEMS pelmoscope pelmobus pmd)
             COMPONENT tool)
 endforeach()
 install(FILES docs/OPERATING.md docs/pelmoscope.service docs/pmd.service CHANGELOG.md docs/THIRD_PARTY.md
-              docs/licenses/OpenSSL-1.1.1.txt
+              docs/licenses/OpenSSL-1.1.1.txt docs/licenses/uPlot.txt
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)
 
 foreach(header IN LISTS PELMO_PUBLIC_HEADERS)

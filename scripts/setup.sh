@@ -10,6 +10,7 @@ cd "$(dirname "$0")/.."
 have_command() { command -v "$1" >/dev/null 2>&1; }
 have_header() { [ -f "/usr/include/$1" ]; }
 have_module() { python3 -c "import $1" 2>/dev/null; }
+have_font() { compgen -G "/usr/share/fonts/*/*/$1-Regular.*" >/dev/null; }
 have_fuzzer() { compgen -G '/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a' >/dev/null; }
 
 missing=()
@@ -31,6 +32,10 @@ need zlib1g-dev have_header zlib.h
 need libcli11-dev have_header CLI/CLI.hpp
 need rapidjson-dev have_header rapidjson/writer.h
 need python3-jsonschema have_module jsonschema
+need nodejs have_command node
+need npm have_command npm
+need chromium have_command chromium
+need fonts-inter have_font Inter
 need libgtest-dev have_header gtest/gtest.h
 need libbenchmark-dev have_header benchmark/benchmark.h
 need libmsgpack-dev have_header msgpack.h
@@ -60,6 +65,12 @@ if [ ${#missing[@]} -gt 0 ]; then
     "${as_root[@]}" apt-get -qq update
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get -qq install -y --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+# The packages of the pages, in the versions of the lock file; npm keeps a copy of it beside them.
+if [ ! watch/web/node_modules/.package-lock.json -nt watch/web/package-lock.json ]; then
+    echo "installing the packages of watch/web"
+    (cd watch/web && npm ci --silent && touch node_modules/.package-lock.json)
 fi
 
 scripts/lay_modules.sh build/release/bin

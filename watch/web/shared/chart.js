@@ -1,0 +1,174 @@
+// Charts over time, by uPlot. Colours are variables of the style sheet, so that a chart follows the
+// reader's light or dark preference; values under the pointer stand in the caption.
+
+import uPlot from "uplot";
+import { element, setText } from "./dom.js";
+import { formatDateTime, formatNumber, formatShort, formatTime } from "./format.js";
+
+// All charts of the page, to be drawn anew when colours change.
+const charts = new Set();
+
+matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => {
+    for (const plot of charts) plot.redraw(false);
+});
+
+function colour(name) {
+    return getComputedStyle(document.documentElement).getPropertyValue(`--${name}`).trim();
+}
+
+// Counts have whole ticks; only rates below 1 need finer ones.
+const wholeSteps = Array.from({ length: 16 }, (_, i) => [1, 2, 5].map((n) => n * 10 ** i)).flat();
+const fineSteps = Array.from({ length: 6 }, (_, i) => [1, 2, 5].map((n) => n * 10 ** (i - 6))).flat();
+
+function tickLabel(seconds, step) {
+    const time = formatTime(seconds * 1000);
+    if (step < 1) return `${time}.${String(Math.round((seconds % 1) * 1000)).padStart(3, "0")}`;
+    if (step < 60) return time;
+    if (step >= 86400 || time === "00:00:00") return formatDateTime(seconds * 1000).slice(5, 10);
+    return time.slice(0, 5);
+}
+
+function axes(unit) {
+    const common = { stroke: () => colour("muted"), font: `11px ${getComputedStyle(document.body).fontFamily}`, ticks: { show: false } };
+    const grid = { stroke: () => colour("line"), width: 1 };
+    return [
+        { ...common, grid: { show: false }, size: 22, gap: 4, space: 70,
+            values: (plot, splits, axis, space, step) => splits.map((split) => tickLabel(split, step)) },
+        { ...common, grid, size: 58, gap: 6, space: 22,
+            incrs: (plot, axis, min, max) => (max - min < 1 ? fineSteps : wholeSteps),
+            values: (plot, splits) => splits.map((split) => formatShort(split, unit)) },
+    ];
+}
+
+function fromZero(plot, min, max) {
+    return [0, max > 0 ? max * 1.08 : 1];
+}
+
+function makeSeries({ label, colour: name }, isBars, isFilled) {
+    return {
+        label, width: isBars ? 0 : 1.5,
+        stroke: () => colour(name), fill: isBars ? () => colour(name) : isFilled ? () => colour(`${name}-fill`) : undefined,
+        paths: isBars ? uPlot.paths.bars({ size: [0.8, 24], align: -1 }) : undefined,
+        points: { show: (plot) => !isBars && plot.data[0].length < 2, size: 5 },
+    };
+}
+
+function keepSize(plot, place, height) {
+    new ResizeObserver(() => {
+        const width = place.clientWidth;
+        if (width > 0 && width !== plot.width) plot.setSize({ width, height });
+    }).observe(place);
+}
+
+// A small line without axes. onHover(index or null) tells what the pointer is over, on any of the
+// lines with the same `group`.
+export function makeSparkline({ colour: name, height, group, onHover }) {
+    const place = element("span", { class: "spark", "aria-hidden": "true" });
+    const plot = new uPlot({
+        width: 100, height, padding: [3, 0, 1, 0],
+        axes: [{ show: false }, { show: false }], legend: { show: false },
+        scales: { y: { range: fromZero } },
+        cursor: { y: false, drag: { x: false, y: false }, points: { size: 5 }, sync: { key: group, scales: ["x", null] } },
+        series: [{}, makeSeries({ label: "", colour: name }, false, true)],
+        hooks: { setCursor: [(at) => onHover(at.cursor.idx ?? null)] },
+    }, [[], []], place);
+    charts.add(plot);
+    keepSize(plot, place, height);
+    return { element: place, setData: (times, values) => plot.setData([times, values]) };
+}
+
+// A chart with axes and a caption: title, lines ({key, label, colour}), unit, height, bars.
+// `group` joins charts of the same times: they share the pointer and, where `zooms`, the zoom.
+export function makeChart({ title, lines, unit = "", height = 120, bars = false, zooms = false, group }) {
+    const values = lines.map(() => element("output", { class: "value" }));
+    const keys = lines.map((line, i) => element("span", { class: `key ${line.colour}` },
+        element("i", { "aria-hidden": "true" }), `${line.label} `, values[i]));
+    const when = element("span", { class: "when" });
+    const caption = element("figcaption", {}, element("strong", {}, title), ...keys, when);
+    const place = element("div", {
+        class: "plot", tabindex: "0", role: "group", keydown: onKey, focus: onFocus, blur: onBlur,
+        "aria-label": `${title} over time. Left and right read values` + (zooms ? ", plus and minus zoom, 0 shows all." : "."),
+    });
+    const plot = new uPlot({
+        width: 300, height, padding: [6, 6, 0, 0],
+        axes: axes(unit), legend: { show: false },
+        scales: { y: { range: fromZero } },
+        cursor: { y: false, drag: { x: zooms, y: false, dist: 4 }, points: { size: 6 }, sync: { key: group.key, scales: ["x", null] } },
+        series: [{}, ...lines.map((line) => makeSeries(line, bars, lines.length === 1))],
+        hooks: { setCursor: [showValues], setData: [showValues], setScale: [(at, scale) => scale === "x" && group.onScale?.(at)] },
+    }, [[], ...lines.map(() => [])], place);
+    charts.add(plot);
+    group.plots.push(plot);
+    keepSize(plot, place, height);
+
+    // Those under the pointer, else the last ones.
+    function showValues(at) {
+        const times = at.data[0];
+        const isOver = at.cursor.idx !== null && at.cursor.idx !== undefined;
+        const index = isOver ? at.cursor.idx : times.length - 1;
+        setText(when, isOver && times.length > 0 ? formatDateTime(times[index] * 1000) : "");
+        values.forEach((value, i) => setText(value, times.length === 0 ? "–" : formatNumber(at.data[i + 1][index]) + (unit && ` ${unit}`)));
+    }
+
+    function pointAt(index) {
+        const times = plot.data[0];
+        const at = Math.min(Math.max(index, 0), times.length - 1);
+        if (at >= 0) plot.setCursor({ left: plot.valToPos(times[at], "x"), top: 10 });
+    }
+
+    function onFocus() {
+        if (place.matches(":focus-visible") && plot.cursor.idx == null) pointAt(plot.data[0].length - 1);
+    }
+
+    function onBlur() {
+        plot.setCursor({ left: -10, top: -10 });
+    }
+
+    function onKey(event) {
+        const steps = { ArrowLeft: -1, ArrowRight: 1, PageUp: -10, PageDown: 10, Home: -Infinity, End: Infinity };
+        if (event.altKey || event.ctrlKey || event.metaKey) return;
+        if (event.key in steps) {
+            pointAt((plot.cursor.idx ?? plot.data[0].length - 1) + steps[event.key]);
+        } else if (zooms && (event.key === "+" || event.key === "-")) {
+            zoomBy(group, plot, event.key === "+" ? 0.5 : 2);
+        } else if (zooms && event.key === "0") {
+            zoomOut(group);
+        } else {
+            return;
+        }
+        event.preventDefault();
+    }
+
+    return {
+        element: element("figure", { class: "chart" }, caption, place),
+        setData: (times, columns) => plot.setData([times, ...columns]),
+        destroy: () => { charts.delete(plot); plot.destroy(); },
+    };
+}
+
+// Charts of the same times. onScale(plot) is told of each change of what they show.
+export function makeChartGroup(key, onScale = null) {
+    return { key, plots: [], onScale };
+}
+
+function setRange(group, min, max) {
+    for (const plot of group.plots) plot.setScale("x", { min, max });
+}
+
+function zoomBy(group, plot, factor) {
+    const times = plot.data[0];
+    const { min, max } = plot.scales.x;
+    const middle = plot.cursor.idx == null ? (min + max) / 2 : times[plot.cursor.idx];
+    const half = (max - min) * factor / 2;
+    setRange(group, Math.max(times[0], middle - half), Math.min(times.at(-1), middle + half));
+}
+
+export function zoomOut(group) {
+    const times = group.plots[0].data[0];
+    setRange(group, times[0], times.at(-1));
+}
+
+export function isZoomed(plot) {
+    const times = plot.data[0];
+    return times.length > 0 && (plot.scales.x.min > times[0] || plot.scales.x.max < times.at(-1));
+}

@@ -1,0 +1,75 @@
+// Numbers and times as text. Numbers keep one form whatever the reader's language, so that what is
+// copied from a page can be searched for in a log.
+
+const whole = new Intl.NumberFormat("en-US", { maximumFractionDigits: 0 });
+const tenths = new Intl.NumberFormat("en-US", { minimumFractionDigits: 1, maximumFractionDigits: 1 });
+const digits = new Intl.NumberFormat("en-US", { maximumSignificantDigits: 4 });
+
+// A count in full: "1,234,567".
+export function formatCount(count) {
+    return whole.format(count);
+}
+
+// A count, or a rate, which has a fraction: "12.5". A small one that isn't 0 never shows as such.
+export function formatNumber(number) {
+    if (number === null || number === undefined || Number.isNaN(number)) return "–";
+    if (Number.isInteger(number)) return whole.format(number);
+    if (Math.abs(number) < 0.1) return digits.format(number);
+    return Math.abs(number) < 1000 ? tenths.format(number) : whole.format(number);
+}
+
+const prefixes = ["", "k", "M", "G", "T", "P"];
+
+// Four digits at most, for a place where the eye compares sizes: "12.35 M".
+export function formatShort(number, unit = "") {
+    let power = 0;
+    let scaled = number;
+    while (Math.abs(scaled) >= 9999.5 && power < prefixes.length - 1) {
+        scaled /= 1000;
+        ++power;
+    }
+    const text = digits.format(Math.abs(scaled) >= 1000 ? Math.round(scaled) : scaled);
+    const suffix = prefixes[power] + unit;
+    return suffix === "" ? text : `${text} ${suffix}`;
+}
+
+// For a narrow column: in full while that is short.
+export function formatNarrow(number) {
+    return Math.abs(number) < 100000 || !Number.isFinite(number) ? formatNumber(number) : formatShort(number);
+}
+
+function pad(number) {
+    return String(number).padStart(2, "0");
+}
+
+// A time of day where the reader is.
+export function formatTime(milliseconds) {
+    const time = new Date(milliseconds);
+    if (Number.isNaN(time.getTime())) return "–";
+    return `${pad(time.getHours())}:${pad(time.getMinutes())}:${pad(time.getSeconds())}`;
+}
+
+export function formatDateTime(milliseconds) {
+    const time = new Date(milliseconds);
+    if (Number.isNaN(time.getTime())) return "–";
+    const day = `${time.getFullYear()}-${pad(time.getMonth() + 1)}-${pad(time.getDate())}`;
+    return `${day} ${formatTime(milliseconds)}`;
+}
+
+// A time span: "12.0 s", "3 min 20 s", "2 h 5 min", "3 d 4 h".
+export function formatSpan(seconds) {
+    if (seconds < 60) return `${tenths.format(seconds)} s`;
+    const rounded = Math.round(seconds);
+    const steps = [[86400, "d", 3600, "h"], [3600, "h", 60, "min"], [60, "min", 1, "s"]];
+    const [large, largeName, small, smallName] = steps.find(([size]) => rounded >= size);
+    const rest = Math.floor((rounded % large) / small);
+    return `${Math.floor(rounded / large)} ${largeName}` + (rest === 0 ? "" : ` ${rest} ${smallName}`);
+}
+
+const upperCase = { udp: "UDP", ip: "IP", ethernet: "Ethernet" };
+
+// The key of a fault as words: "udp_checksum_invalid" is "UDP checksum invalid".
+export function formatKey(key) {
+    const words = key.split("_").map((word) => upperCase[word] ?? word).join(" ");
+    return words.charAt(0).toUpperCase() + words.slice(1);
+}
