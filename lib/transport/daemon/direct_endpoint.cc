@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "lib/base/bytes.h"
+#include "lib/base/log.h"
 #include "lib/containers/dpa.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
@@ -24,14 +25,26 @@ constexpr LossWords kInbound = {
 constexpr LossWords kOutbound = {"DATALOSS.OUTBOUND.PTP",
                                  "dataloss: remote daemon did not acknowledge our transmission"};
 
-pelmoStatus addLossFields(pelmoMsg* advisory, uint32_t host, uint64_t bytes) {
-    char text[kAddressChars];
+void addressText(char (&text)[kAddressChars], uint32_t host) {
     std::snprintf(text, sizeof text, "%u.%u.%u.%u", host >> 24, host >> 16 & 255, host >> 8 & 255,
                   host & 255);
+}
+
+pelmoStatus addLossFields(pelmoMsg* advisory, uint32_t host, uint64_t bytes) {
+    char text[kAddressChars];
+    addressText(text, host);
     const pelmoStatus status = pelmoMsg_AddString(advisory, "host", text, 0);
     if (status != kStatusSuccess || bytes == 0) return status;
     const auto count = static_cast<uint32_t>(std::min(bytes, uint64_t{UINT32_MAX}));
     return pelmoMsg_AddU32(advisory, "bytes_dropped", count, 0);
+}
+
+// What a destroyed transport had sent may turn out to be lost only while its endpoint flushes: no
+// listener is left, and the loss is told all the same.
+void logLoss(const LossWords& words, uint32_t host) {
+    char text[kAddressChars];
+    addressText(text, host);
+    logPrint("%s (%s)", words.description, text);
 }
 
 void onDirectLoss(
@@ -43,7 +56,10 @@ void onDirectLoss(
     }
     HeldMessage advisory(made);
     if (addLossFields(made, peerAddress, bytes) != kStatusSuccess) return;
-    (void)transportDistribute(static_cast<uint32_t>(closure), advisory.release());
+    const auto transport = static_cast<uint32_t>(closure);
+    if (transportDistribute(transport, advisory.release()) == kStatusInvalidTransport) {
+        logLoss(words, peerAddress);
+    }
 }
 
 // Messages
