@@ -31,6 +31,9 @@ need libpcap-dev have_header pcap.h
 need zlib1g-dev have_header zlib.h
 need libcli11-dev have_header CLI/CLI.hpp
 need rapidjson-dev have_header rapidjson/writer.h
+need libmicrohttpd-dev have_header microhttpd.h
+need prometheus-cpp-dev have_header prometheus/text_serializer.h
+need prometheus have_command promtool
 need python3-jsonschema have_module jsonschema
 need nodejs have_command node
 need npm have_command npm

@@ -1,7 +1,7 @@
 // A form: one way to show the Snapshots of a run. It is a table of functions and of its options;
 // the core opens the source, runs it, and calls the form.
 //
-//     settle  prepare  |  start  |  snapshot  snapshot  ...  |  end
+//     settle  prepare  |  start  |  snapshot  snapshot  ...  |  sourceEnded  |  end
 //
 // Settings of the run are `traceSettings` (trace/settings.h): a form that reads the senders of
 // subjects sets `countSenders` by an option or in its settle.
@@ -39,6 +39,9 @@ struct Form {
     // valid for the call. False where no further one is wanted, because it was enough or because
     // output failed; the run then ends in order, and `end` tells which.
     bool (*snapshot)(SnapHeader& snapshot);
+
+    // Behind the last snapshot of a saved capture, where the program stays open. May be null.
+    void (*sourceEnded)() = nullptr;
 
     // Behind the last snapshot; the library is closed. `isWhole`: the source was read to its end,
     // or was a live one. Where it wasn't, the process ends by itself within a second.

@@ -25,13 +25,14 @@ struct Stop {
 
     std::atomic<bool> asked = false;
     std::atomic<bool> byProgram = false;  // the program asked ahead of any signal
+    std::atomic<bool> sourceRead = false;
 };
 
 constinit Stop stop;
 
 // A saved capture that a signal cuts off isn't shown whole, wherever the end is met.
 void onStop() {
-    if (!traceSettings.liveCapture && !stop.byProgram) endMarkFailed();
+    if (!traceSettings.liveCapture && !stop.byProgram && !stop.sourceRead) endMarkFailed();
     endLimitStart(kEndSeconds);
     logBoundWaits(kLogEndSeconds);
     {
@@ -52,6 +53,10 @@ pelmoStatus stopArm() {
 void stopAsk() {
     if (!stop.asked) stop.byProgram = true;
     stopWaitAsk();
+}
+
+void stopSourceRead() {
+    stop.sourceRead = true;
 }
 
 bool stopIsAsked() {

@@ -15,6 +15,9 @@
 // Asks for the end as a signal does, but that the run counts as whole.
 void stopAsk();
 
+// A saved capture was read to its end: from here a signal cuts nothing off.
+void stopSourceRead();
+
 [[nodiscard]] bool stopIsAsked();
 
 // Did a signal ask first?

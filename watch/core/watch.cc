@@ -32,6 +32,9 @@ struct WatchRun {
     // Constant after the command line.
     const Form* form = nullptr;
 
+    // Of the start.
+    bool formFailed = false;
+
     // Of the thread that hands on Snapshots.
     bool wantsMore = true;
 };
@@ -50,6 +53,7 @@ constexpr SnapshotSink kSink = {
     .begin = nullptr, .take = take, .end = nullptr, .wantsSource = true};
 
 pelmoStatus statusOf(bool done) {
+    run.formFailed = !done;
     return done ? kStatusSuccess : kStatusNotInitialized;
 }
 
@@ -106,10 +110,16 @@ constexpr StartStep kStartSteps[] = {
     {kLiveOnly, captureThreadStart},
 };
 
+void endSource() {
+    stopSourceRead();
+    if (run.form->sourceEnded != nullptr) run.form->sourceEnded();
+}
+
 void runSource() {
     if (!traceSettings.liveCapture) {
         runOffline();
         progressEnd();
+        if (run.form->staysOpen && !stopIsAsked()) endSource();
     }
     if (traceSettings.liveCapture || run.form->staysOpen) stopAwait();
 }
@@ -143,7 +153,8 @@ int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
     if (status != kStatusSuccess) {
         pelmo_Close();                                              // where it was opened
         if (status == kStatusInvalidArgument) return kUsageStatus;  // and it was told
-        logPrint("startup aborted: %s.", pelmoStatus_GetText(status));
+        // A form has told its own failure.
+        if (!run.formFailed) logPrint("startup aborted: %s.", pelmoStatus_GetText(status));
         return 1;
     }
     runSource();

@@ -1,0 +1,43 @@
+// The metrics: the series table, and what the process tells of itself, as text for Prometheus (its
+// text exposition format, version 0.0.4). Names and units are those of watch/core/fields.h; a
+// label's text is that of watch/core/text.h, escaped once more where the format wants it.
+//
+// Failure: false where memory runs out; the text is then of no use.
+//
+// Threads: metricsOfSeries under the series table's lock; all else any.
+
+#pragma once
+
+#include <prometheus/metric_family.h>
+
+#include <string>
+#include <vector>
+
+#include "watch/json/json_buffer.h"
+#include "watch/serve/series.h"
+
+// What isn't in the series table.
+struct ServeHealth {
+    const char* version;
+    const char* source;  // an interface's or a file's name
+
+    double intervalSeconds;      // as asked for
+    double lagSeconds;           // by which the last interval came late
+    double snapshotTimeSeconds;  // of the last one, since 1970; 0: none yet
+
+    uint64_t clients, eventClients;  // connected now
+    uint64_t cutOffClients;          // since the start, for being slow or too many
+
+    // Of the process.
+    double cpuSeconds, startTimeSeconds;
+    uint64_t residentBytes, virtualBytes;
+    uint64_t openDescriptors, mostDescriptors;
+};
+
+using MetricFamilies = std::vector<prometheus::MetricFamily>;
+
+[[nodiscard]] bool metricsOfSeries(const SeriesTable& table, MetricFamilies& out);
+[[nodiscard]] bool metricsOfHealth(const ServeHealth& health, MetricFamilies& out);
+
+// Appends the text. The series table needs no lock for it.
+[[nodiscard]] bool metricsText(const MetricFamilies& families, JsonBuffer& out);

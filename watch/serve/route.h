@@ -1,0 +1,64 @@
+// Routing: from a request to what is answered. It decides, and knows no connection.
+//
+//     /                the live page, and its files (watch/web/assets.h)
+//     /metrics         for Prometheus
+//     /snapshot.json   the last interval, as the form "json" prints it
+//     /events          each interval as it ends (server-sent events)
+//     /history.json    the last 15 minutes: of the totals, or of a row that the query names
+//     /healthz         whether the program runs
+//
+// The query of /history.json names a row as the JSON of a Snapshot does: table, port, group,
+// subject, host and scid; without host it is all of the group, port or subject.
+//
+// Ownership: views are of the request, and valid as long as that is; Route owns the rest.
+//
+// Threads: any; no state.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "lib/containers/subject.h"
+#include "watch/serve/history.h"
+#include "watch/web/assets.h"
+
+enum class RouteKind : uint8_t {
+    kAsset,
+    kMetrics,
+    kSnapshot,
+    kEvents,
+    kHistoryOfTotals,
+    kHistoryOfRow,
+    kHealth,
+    kRefusal,
+};
+
+struct QueryPart {
+    std::string_view name, value;
+};
+
+struct RouteRequest {
+    std::string_view method;
+    std::string_view path;
+    std::string_view host;  // the Host header; empty for none
+    std::span<const QueryPart> query;
+};
+
+struct RouteRules {
+    bool onlyLoopbackNames;                     // refuse hosts that aren't this machine
+    std::span<const char* const> furtherNames;  // names to be called by besides
+    std::span<const WebAsset> assets;
+};
+
+struct Route {
+    RouteKind kind;
+    uint16_t status;        // of HTTP
+    const char* reason;     // of kRefusal: one line without its end
+    const WebAsset* asset;  // of kAsset
+    HistoryKey row;         // of kHistoryOfRow; its subject is `subject` below
+    uint8_t subject[kSubjectMaxBytes];
+};
+
+void routeFind(const RouteRequest& request, const RouteRules& rules, Route* out);

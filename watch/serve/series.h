@@ -1,0 +1,104 @@
+// The series table: Snapshots are the counts of an interval each, metrics are counters since the
+// start. So sums are kept here, a row for each set of labels, and a row's numbers are its series.
+//
+//     kMulticastGroup        port, group              always
+//     kMulticastHost         port, group, host, scid  with SeriesRules::hosts
+//     kRetransmissionPort    port                     always
+//     kRetransmissionHost    port, host, scid         with SeriesRules::hosts
+//     kPointToPointPort      port                     always
+//     kPointToPointHost      port, host, scid         with SeriesRules::hosts
+//     kSubject               port, group, subject     for subjects that SeriesRules::subjects match
+//
+// Whatever comes from the wire, there are never more series than SeriesRules::mostSeries, and hosts
+// and subjects leave an eighth of the room to ports and groups. What finds no room is added to the
+// "other" row of its kind, so that sums over a kind stay exact. A row that was silent for
+// SeriesRules::expireIntervals goes, and its sums with it.
+//
+// Ownership: the table owns its rows; it is usable zeroed but for its rules, which are borrowed
+// from the command line.
+//
+// Failure: a row that finds no memory counts as one that finds no room.
+//
+// Threads: no lock; the owner serialises.
+
+#pragma once
+
+#include <cstdint>
+
+#include "lib/containers/sublist.h"
+#include "trace/counts/snapshot.h"
+#include "watch/core/row_table.h"
+
+enum class SeriesKind : uint8_t {
+    kMulticastGroup,
+    kMulticastHost,
+    kRetransmissionPort,
+    kRetransmissionHost,
+    kPointToPointPort,
+    kPointToPointHost,
+    kSubject,
+};
+
+inline constexpr size_t kSeriesKinds = 7;
+inline constexpr size_t kSeriesNumbers = 12;  // of the kind that has most
+
+struct SeriesRules {
+    bool hosts;             // rows of hosts too
+    SubjectList* subjects;  // rows of the subjects that match; null for none
+    uint32_t mostSeries;
+    uint32_t expireIntervals;
+};
+
+// Sums in the order of the fields of watch/core/fields.h; behind those of a group its messages and
+// their bytes.
+struct SeriesSums {
+    uint64_t numbers[kSeriesNumbers];
+    double reliability;  // of kMulticastHost: the latest
+};
+
+// What a row stands for, in the words of the Snapshot; what its kind doesn't have is 0.
+struct SeriesKey {
+    SeriesKind kind;
+    uint16_t port;
+    uint16_t scid;
+    uint32_t group;
+    uint32_t host;
+    const uint8_t* subject;  // packed; of a row its own copy
+};
+
+struct SeriesRow {
+    uint32_t hash;
+    uint32_t silentIntervals;
+    SeriesKey key;
+    SeriesSums sums;
+};
+
+struct SeriesTable {
+    SeriesRules rules;
+
+    RowTable<SeriesRow> rows;
+    uint64_t rowSeries;  // of all rows
+
+    // What found no room: sums, whether there are any, and the series of the last interval.
+    SeriesSums others[kSeriesKinds];
+    bool hasOther[kSeriesKinds];
+    uint64_t leftOutSeries;
+
+    // Sums that have no labels.
+    uint64_t frames, packets, busPackets;
+    uint64_t kernelDrops, interfaceDrops;
+    uint64_t faults[kFaultKinds];
+    uint64_t intervals;
+};
+
+// How many series a row of the kind has.
+[[nodiscard]] uint32_t seriesOfKind(SeriesKind kind);
+
+// How many series there are beside the rows, at most: the sums above, all "other" rows, and those
+// that the process tells of itself. No bound may be below.
+inline constexpr uint32_t kSeriesReserved = 150;
+
+// Adds an interval.
+void seriesAdd(SeriesTable& table, const SnapHeader& snapshot);
+
+void seriesFree(SeriesTable& table);

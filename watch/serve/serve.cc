@@ -1,0 +1,302 @@
+#include "watch/serve/serve.h"
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include "lib/base/clock.h"
+#include "lib/base/lock.h"
+#include "lib/base/log.h"
+#include "trace/run/start_steps.h"
+#include "trace/settings.h"
+#include "watch/core/stop.h"
+#include "watch/json/json_writer.h"
+#include "watch/serve/history.h"
+#include "watch/serve/history_json.h"
+#include "watch/serve/metrics.h"
+#include "watch/serve/process.h"
+#include "watch/serve/series.h"
+#include "watch/serve/server.h"
+#include "watch/web/assets.h"
+
+namespace {
+
+constexpr const char* kDefaultListen = "127.0.0.1:9471";
+constexpr unsigned long long kSeriesMost = 100'000;
+constexpr unsigned long long kSeriesLeast = 1000;
+constexpr unsigned long long kClientsMost = 800;  // below a process's usual 1,024 descriptors
+constexpr double kSweepSeconds = 1;
+constexpr std::string_view kEventBegin = "event: snapshot\ndata: ";
+
+// The state of the source, as /healthz tells it.
+enum class Source : uint8_t { kLive, kReading, kRead };
+
+struct ServeForm {
+    // Of the command line; constant from the start on.
+    ServerRules rules;
+    SeriesRules seriesRules = {
+        .hosts = false, .subjects = nullptr, .mostSeries = 10'000, .expireIntervals = 360};
+    std::vector<const char*> hostNames;
+    bool hasPace = false;
+
+    Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
+    SeriesTable series PELMO_GUARDED_BY(lock) = {};
+    History history PELMO_GUARDED_BY(lock) = {};
+    Source source PELMO_GUARDED_BY(lock) = Source::kLive;
+    double lagSeconds PELMO_GUARDED_BY(lock) = 0;
+    double snapshotTimeSeconds PELMO_GUARDED_BY(lock) = 0;
+
+    // Of the thread that hands on Snapshots.
+    size_t eventBytes = 0;           // of the last
+    double paceSeconds = 0;          // of the steady clock, at the first
+    double paceSnapshotSeconds = 0;  // of the packets, there
+    bool hasBegun = false;
+    bool lacksMemory = false;
+};
+
+ServeForm serve;
+
+double secondsOf(TimeSpec time) {
+    return time.seconds + time.nanoseconds / 1e9;
+}
+
+// What a live run waits between two Snapshots; a page divides by it.
+double intervalSeconds() {
+    constexpr double kLeastSeconds = 0.001;
+    return std::max<double>(traceSettings.updateInterval, kLeastSeconds);
+}
+
+// The command line.
+
+const char* storeListen(const char* value) {
+    return listenAddressParse(value, &serve.rules.listen);
+}
+
+const char* storeHosts(const char*) {
+    serve.seriesRules.hosts = true;
+    return nullptr;
+}
+
+const char* storeSubjects(const char* value) {
+    SubjectList*& list = serve.seriesRules.subjects;
+    if (list == nullptr) list = sublistCreate();
+    uint8_t packed[kSubjectMaxBytes];
+    if (subjectFromText(packed, sizeof packed, value) < 0 || subjectElementCount(packed) == 0) {
+        return "isn't a subject, with or without wildcards";
+    }
+    return sublistAdd(list, packed, &serve, nullptr) ? nullptr : "finds no memory";
+}
+
+template <typename Number>
+const char* storeNumber(const char* value,
+                        Number& out,
+                        unsigned long long least,
+                        unsigned long long most) {
+    unsigned long long number = 0;
+    const char* const wrong = optionNumber(value, least, most, &number);
+    if (wrong == nullptr) out = static_cast<Number>(number);
+    return wrong;
+}
+
+const char* storeExpire(const char* value) {
+    return storeNumber(value, serve.seriesRules.expireIntervals, 1, UINT32_MAX - 1);
+}
+
+const char* storeMostSeries(const char* value) {
+    return storeNumber(value, serve.seriesRules.mostSeries, kSeriesLeast, kSeriesMost);
+}
+
+const char* storeMostClients(const char* value) {
+    return storeNumber(value, serve.rules.mostClients, 2, kClientsMost);
+}
+
+const char* storeHostName(const char* value) {
+    serve.hostNames.push_back(value);
+    return nullptr;
+}
+
+const char* storeSenders(const char*) {
+    traceSettings.countSenders = true;
+    return nullptr;
+}
+
+const char* storePace(const char*) {
+    serve.hasPace = true;
+    return nullptr;
+}
+
+constexpr OptionRow kOptions[] = {
+    {"--listen", "ADDRESS:PORT", "where to listen [127.0.0.1:9471]", storeListen},
+    {"--host", "NAME", "answer to this name too; repeatable", storeHostName},
+    {"--hosts", nullptr, "metrics of each host too", storeHosts},
+    {"--subjects", "PATTERN", "metrics of these subjects too; repeatable", storeSubjects},
+    {"--expire", "INTERVALS", "metrics go when they were silent for so long [360]", storeExpire},
+    {"--max-series", "COUNT", "never more metrics than these, with all labels [10000]",
+     storeMostSeries},
+    {"--max-clients", "COUNT", "never more connections than these [200]", storeMostClients},
+    {"--senders", nullptr, "count and show the senders of each subject", storeSenders},
+    {"--pace", nullptr, "read a saved capture at its own pace", storePace},
+};
+
+// Answers, on the server's thread.
+
+void fillHealth(ServeHealth& health) {
+    const ServerCounts counts = serverCounts();
+    const ProcessUsage usage = processUsage();
+    health.version = PELMO_TREE_VERSION;
+    health.source =
+        traceSettings.liveCapture ? traceSettings.interfaceName : traceSettings.readFile;
+    health.intervalSeconds = intervalSeconds();
+    health.clients = counts.clients;
+    health.eventClients = counts.eventClients;
+    health.cutOffClients = counts.cutOffClients;
+    health.cpuSeconds = usage.cpuSeconds;
+    health.startTimeSeconds = usage.startTimeSeconds;
+    health.residentBytes = usage.residentBytes;
+    health.virtualBytes = usage.virtualBytes;
+    health.openDescriptors = usage.openDescriptors;
+    health.mostDescriptors = usage.mostDescriptors;
+}
+
+bool writeMetrics(JsonBuffer& out) {
+    MetricFamilies families;
+    ServeHealth health{};
+    fillHealth(health);
+    {
+        const LockGuard guard(serve.lock);
+        if (!metricsOfSeries(serve.series, families)) return false;
+        health.lagSeconds = serve.lagSeconds;
+        health.snapshotTimeSeconds = serve.snapshotTimeSeconds;
+    }
+    return metricsOfHealth(health, families) && metricsText(families, out);
+}
+
+bool writeHistoryOfTotals(JsonBuffer& out) {
+    const LockGuard guard(serve.lock);
+    historyAppendTotals(out, serve.history, intervalSeconds());
+    return !out.failed;
+}
+
+bool writeHistoryOfRow(const HistoryKey& row, JsonBuffer& out) {
+    const LockGuard guard(serve.lock);
+    historyAppendRow(out, serve.history, row, intervalSeconds());
+    return !out.failed;
+}
+
+bool writeHealth(JsonBuffer& out) {
+    const LockGuard guard(serve.lock);
+    const char* const words[] = {"live", "reading", "read"};
+    char text[128];
+    const int length = std::snprintf(text, sizeof text,
+                                     "{\"status\":\"ok\",\"source\":\"%s\",\"intervals\":%llu}\n",
+                                     words[static_cast<size_t>(serve.source)],
+                                     static_cast<unsigned long long>(serve.series.intervals));
+    out.append({text, static_cast<size_t>(length)});
+    return !out.failed;
+}
+
+// The run.
+
+const char* settle() {
+    ServerRules& rules = serve.rules;
+    if (rules.listen.sizeBytes == 0) (void)listenAddressParse(kDefaultListen, &rules.listen);
+    if (rules.mostClients == 0) rules.mostClients = 200;
+    rules.routes = {
+        .onlyLoopbackNames = listenAddressIsLoopback(rules.listen) || !serve.hostNames.empty(),
+        .furtherNames = serve.hostNames,
+        .assets = webAssets()};
+    rules.answers = {writeMetrics, writeHistoryOfTotals, writeHistoryOfRow, writeHealth};
+    if (serve.hasPace && traceSettings.liveCapture) return "takes --pace with -r only";
+    return nullptr;
+}
+
+bool prepare() {
+    return serverBind(serve.rules);
+}
+
+bool start() {
+    {
+        const LockGuard guard(serve.lock);
+        serve.series.rules = serve.seriesRules;
+        serve.source = traceSettings.liveCapture ? Source::kLive : Source::kReading;
+    }
+    return serverStart() && startTimer(kSweepSeconds, serverSweep) == kStatusSuccess;
+}
+
+void sourceEnded() {
+    const LockGuard guard(serve.lock);
+    serve.source = Source::kRead;
+}
+
+// Waits until as much time has passed as did for the packets.
+void keepPace(const SnapHeader& snapshot) {
+    const double now = clockSteadySeconds();
+    if (!std::exchange(serve.hasBegun, true)) {
+        serve.paceSeconds = now;
+        serve.paceSnapshotSeconds = secondsOf(snapshot.prevTime);
+    }
+    const double due = serve.paceSeconds + secondsOf(snapshot.thisTime) - serve.paceSnapshotSeconds;
+    if (due > now) (void)stopSleep(due - now);
+}
+
+void addUp(const SnapHeader& snapshot) {
+    const double elapsed = secondsOf(snapshot.thisTime) - secondsOf(snapshot.prevTime);
+    const LockGuard guard(serve.lock);
+    seriesAdd(serve.series, snapshot);
+    historyAdd(serve.history, snapshot);
+    serve.snapshotTimeSeconds = secondsOf(snapshot.thisTime);
+    serve.lagSeconds = traceSettings.liveCapture ? std::max(0.0, elapsed - intervalSeconds()) : 0;
+}
+
+// Without memory for the text of an interval clients don't see it; the next may be seen again.
+void tellLack() {
+    if (!std::exchange(serve.lacksMemory, true)) {
+        logPrint("out of memory for the text of a snapshot: pages and /snapshot.json lag behind.");
+    }
+}
+
+void publish(const SnapHeader& snapshot) {
+    const BodyHold body = BodyHold::make();
+    if (!body) return tellLack();
+    JsonBuffer& buffer = body.buffer();
+    (void)buffer.reserve(serve.eventBytes + serve.eventBytes / 8);  // grows once at most, mostly
+    buffer.append(kEventBegin);
+    jsonAppendObject(buffer, snapshot, nullptr);
+    buffer.append("\n\n");
+    if (buffer.failed) return tellLack();
+    serve.lacksMemory = false;
+    serve.eventBytes = buffer.usedBytes;
+    serverPublish(body, kEventBegin.size(), buffer.usedBytes - kEventBegin.size() - 1);
+}
+
+bool snapshot(SnapHeader& snapshot) {
+    if (serve.hasPace) keepPace(snapshot);
+    addUp(snapshot);
+    publish(snapshot);
+    return true;
+}
+
+bool end(bool) {
+    serverStop();
+    const LockGuard guard(serve.lock);
+    seriesFree(serve.series);
+    historyFree(serve.history);
+    sublistDestroy(serve.seriesRules.subjects);
+    return true;
+}
+
+}  // namespace
+
+const Form kServeForm = {
+    .name = "serve",
+    .summary = "The bus over HTTP: metrics for Prometheus, JSON, and a live page",
+    .options = kOptions,
+    .settle = settle,
+    .prepare = prepare,
+    .start = start,
+    .snapshot = snapshot,
+    .sourceEnded = sourceEnded,
+    .end = end,
+    .showsProgress = true,
+    .staysOpen = true,
+};

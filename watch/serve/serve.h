@@ -1,0 +1,9 @@
+// The form "serve": the bus over HTTP, as metrics for Prometheus, as JSON, and as a page.
+//
+// It goes on behind the end of a saved capture, until it is stopped.
+
+#pragma once
+
+#include "watch/core/form.h"
+
+extern const Form kServeForm;

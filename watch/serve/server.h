@@ -1,0 +1,69 @@
+// The server: everything of HTTP that waits. It joins what decides (route.h, events.h) to
+// libmicrohttpd, which runs all clients on one thread of its own.
+//
+//     serverBind  (rights are given up)  serverStart  |  serverPublish ...  |  serverStop
+//
+// A client can't hold up whoever publishes, nor make the process grow: bytes of an interval are
+// shared by all, and what a client costs beside them is bounded by kServerClientBytes and
+// ServerRules::mostClients. A client has kServerRequestSeconds for a request, kServerAnswerSeconds
+// to read an answer and kEventsReadSeconds to read an event, and may be idle for kServerIdleSeconds
+// between requests. Where there are too many, those go first that ask for nothing, the longest
+// silent ahead of all.
+//
+// Ownership: rules are borrowed for as long as the server runs.
+//
+// Failure: false, and a line in the log tells why.
+//
+// Threads: the main one starts and stops; any one publishes. The functions of ServerAnswers are
+// called on the server's thread, one at a time, with no lock held.
+
+#pragma once
+
+#include <cstdint>
+
+#include "watch/serve/body.h"
+#include "watch/serve/history.h"
+#include "watch/serve/listen_address.h"
+#include "watch/serve/route.h"
+
+inline constexpr size_t kServerClientBytes = 32 << 10;  // of a request's head, and of a send
+inline constexpr double kServerRequestSeconds = 10;
+inline constexpr double kServerAnswerSeconds = 30;
+inline constexpr double kServerIdleSeconds = 75;
+
+struct ServerCounts {
+    uint64_t clients, eventClients;  // now
+    uint64_t cutOffClients;          // since the start
+};
+
+// What answers are made of. Each writes its text; false where it can't.
+struct ServerAnswers {
+    bool (*metrics)(JsonBuffer& out);
+    bool (*historyOfTotals)(JsonBuffer& out);
+    bool (*historyOfRow)(const HistoryKey& row, JsonBuffer& out);
+    bool (*health)(JsonBuffer& out);
+};
+
+struct ServerRules {
+    ListenAddress listen;
+    uint32_t mostClients;  // half of them may follow events
+    RouteRules routes;
+    ServerAnswers answers;
+};
+
+[[nodiscard]] bool serverBind(const ServerRules& rules);
+
+// Listens from here on, which the log tells.
+[[nodiscard]] bool serverStart();
+
+// An interval: the text of its event, in which its JSON and a line break stand from `jsonAt` for
+// `jsonBytes`.
+void serverPublish(const BodyHold& event, size_t jsonAt, size_t jsonBytes);
+
+// Cuts off clients whose time is up. Once a second.
+void serverSweep();
+
+[[nodiscard]] ServerCounts serverCounts();
+
+// All clients are gone behind it.
+void serverStop();
