@@ -21,9 +21,15 @@ install(CODE "
     message(STATUS \"Installing: \${bin}/pelmoscope -> ${tool_from_bin}\")"
     COMPONENT tool)
 
-install(TARGETS pelmobus pmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+set(programs_of_bin pelmobus pmd)
+if(PELMO_WATCH AND PELMO_WATCH_BUILT)
+    list(APPEND programs_of_bin pelmowatch)
+    install(FILES docs/pelmowatch.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch
+            COMPONENT tool)
+endif()
+install(TARGETS ${programs_of_bin} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 
-foreach(program IN ITEMS pelmoscope pelmobus pmd)
+foreach(program IN ITEMS pelmoscope ${programs_of_bin})
     install(FILES docs/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
     install(FILES completions/${program}.bash
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program}

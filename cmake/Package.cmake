@@ -22,7 +22,7 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
 set(CPACK_COMPONENT_TOOL_DESCRIPTION
     "Captures the bus's UDP packets, live or from a saved capture, checks and counts
 them, charges each message to its subject and its sender, and prints a table
-at each interval. It only listens. Beside it: pelmobus, a client of the bus
-for the shell, and pmd, a bus daemon for one machine.")
+at each interval. It only listens. Beside it: pelmowatch, which shows the
+same for machines, pelmobus, a client of the bus for the shell, and pmd, a bus daemon for one machine.")
 
 include(CPack)

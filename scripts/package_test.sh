@@ -71,11 +71,11 @@ read_sample "$work/wanted" "$build/bin/pelmoscope" -r samples/bus.pcap
 read_sample "$work/given" inside pelmoscope -r /tmp/bus.pcap
 grep -q "Multicast Packet Statistics" "$work/wanted"
 diff "$work/wanted" "$work/given"
-for program in pelmobus pmd; do
+for program in pelmobus pmd pelmowatch; do
     diff <("$build/bin/$program" --help) <(inside "$program" --help)
 done
 documents="OPERATING.md CHANGELOG.md pelmoscope.service pmd.service"
-for file in $(printf 'share/man/man1/%s.1 ' pelmoscope pelmobus pmd) \
+for file in $(printf 'share/man/man1/%s.1 ' pelmoscope pelmobus pmd pelmowatch) \
     $(printf 'share/doc/pelmoscope/%s ' $documents); do
     [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || { echo "no $file" && exit 1; }
 done

@@ -49,7 +49,7 @@ class Fault:
 
     def path(self):
         """The source whose path ends in the row's path; None when it is missing or not unique."""
-        found = [path for top in ("lib", "trace", "bus", "pmd", "tools")
+        found = [path for top in ("lib", "trace", "watch", "bus", "pmd", "tools")
                  for path in (COPY / top).rglob(pathlib.Path(self.source).name)
                  if path.as_posix().endswith("/" + self.source)]
         return found[0] if len(found) == 1 else None
@@ -185,6 +185,11 @@ def make_judges():
     judges["pmd on the wire"] = Judge(
         ["pmd", "pelmoscope"],
         [sys.executable, tests / "e2e" / "pmd_wire_test.py", "bin/pmd", "bin/pelmoscope"], failed_case)
+    judges["watch"] = program("watch")
+    judges["json"] = Judge(
+        ["pelmoscope", "pelmowatch", "pelmogen"],
+        [sys.executable, tests / "watch" / "json_test.py", "bin/pelmoscope", "bin/pelmowatch", "bin/pelmogen"],
+        failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
                             re.compile(r"\s+\d+ - (tools\S*) "))
@@ -204,6 +209,8 @@ def judges_of(judges, path):
         return [judges["bus"], judges["pelmobus"]]
     if parts[0] == "pmd":
         return [judges["pmd"], judges["pmd on the wire" if "oska" in parts[-1] else "pmd as a program"]]
+    if parts[0] == "watch":
+        return [judges["watch"], judges["json"]]
     if parts[0] == "trace":
         return [judges["cases"], judges["trace"]]
     public = [judges["lib/pelmo"]] if parts[1] in ("msg", "runtime", "transport") else []

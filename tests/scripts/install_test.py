@@ -45,6 +45,15 @@ class Install(unittest.TestCase):
         cls.daemon_options = sorted(re.findall(r"^  (-[a-z-]+)", usage, re.MULTILINE))
         assert len(cls.daemon_options) == 8, usage
 
+        # Those of pelmowatch, by form. Where its libraries are missing there is none.
+        cls.watch = os.path.join(cls.usr, "bin", "pelmowatch")
+        cls.watch_options = {}
+        if os.path.exists(cls.watch):
+            usage = run(cls.watch, "--help").stdout
+            forms = re.findall(r"^  ([a-z]+) ", usage, re.MULTILINE)
+            cls.watch_options = {form: cls.watch_options_of(form) for form in forms}
+            assert "json" in forms and len(cls.watch_options["json"]) == 17 + 3, cls.watch_options
+
     @classmethod
     def tearDownClass(cls):
         cls.scratch.cleanup()
@@ -53,11 +62,19 @@ class Install(unittest.TestCase):
     def bus_options_of(cls, *command):
         return sorted(re.findall(r"^ +(--[a-z-]+)", run(cls.bus, *command, "--help").stdout, re.MULTILINE))
 
+    @classmethod
+    def watch_options_of(cls, form):
+        """Each line begins with an option's names."""
+        names = re.findall(r"^  (-[^\s,]+(?:, -[^\s,]+)*)", run(cls.watch, form, "--help").stdout, re.MULTILINE)
+        return sorted(", ".join(names).split(", "))
+
     def programs(self):
         """Each program with all of its options."""
         yield "pelmoscope", sorted(self.options)
         yield "pelmobus", sorted(set(sum(self.bus_options.values(), [])))
         yield "pmd", self.daemon_options
+        if self.watch_options:
+            yield "pelmowatch", sorted(set(sum(self.watch_options.values(), ["--version"])))
 
     def read(self, *path):
         with open(os.path.join(self.usr, *path), encoding="utf-8") as f:
@@ -110,6 +127,15 @@ class Install(unittest.TestCase):
         offered += ["bench " + word for word in self.complete("pelmobus", "bench", "")]
         offered += ["circuit " + word for word in self.complete("pelmobus", "circuit", "")]
         self.assertEqual(sorted(offered), sorted(self.commands + ["bench", "circuit"]))
+
+    def test_bash_completes_the_options_of_each_form(self):
+        for form, options in self.watch_options.items():
+            self.assertEqual(sorted(self.complete("pelmowatch", form, "--rows", "-")), options, form)
+            self.assertEqual(self.complete("pelmowatch", form, "--port", "-"), [])
+            self.assertIn("lo", self.complete("pelmowatch", form, "-i", ""))
+        if self.watch_options:
+            self.assertEqual(sorted(self.complete("pelmowatch", "")),
+                             sorted([*self.watch_options, "--help", "--version"]))
 
 
 class Library(unittest.TestCase):

@@ -1,0 +1,25 @@
+# Completion of pelmowatch's forms, options and values, for bash.
+
+_pelmowatch() {
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+    local source="-i --interface -r --read -u --interval -addr --addr -src --src -dst --dst -port --port
+        -filter --filter --help"
+    local -A options=(
+        [json]="--rows --since-start --senders"
+    )
+    # Options whose values nobody can guess.
+    local values=" -u --interval -addr --addr -src --src -dst --dst -port --port -filter --filter "
+
+    COMPREPLY=()
+    if ((COMP_CWORD == 1)); then
+        mapfile -t COMPREPLY < <(compgen -W "${!options[*]} --help --version" -- "$current")
+    elif [[ $previous == -i || $previous == --interface ]]; then
+        mapfile -t COMPREPLY < <(cd /sys/class/net && compgen -f -- "$current")
+    elif [[ $previous == -r || $previous == --read ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+    elif [[ $values != *" $previous "* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$source ${options[${COMP_WORDS[1]}]-}" -- "$current")
+    fi
+}
+
+complete -o filenames -F _pelmowatch pelmowatch
