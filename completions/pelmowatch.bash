@@ -6,9 +6,11 @@ _pelmowatch() {
         -filter --filter --help"
     local -A options=(
         [json]="--rows --since-start --senders"
+        [serve]="--listen --host --hosts --subjects --expire --max-series --max-clients --senders --pace"
     )
     # Options whose values nobody can guess.
-    local values=" -u --interval -addr --addr -src --src -dst --dst -port --port -filter --filter "
+    local values=" -u --interval -addr --addr -src --src -dst --dst -port --port -filter --filter
+        --listen --host --subjects --expire --max-series --max-clients "
 
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
@@ -17,7 +19,7 @@ _pelmowatch() {
         mapfile -t COMPREPLY < <(cd /sys/class/net && compgen -f -- "$current")
     elif [[ $previous == -r || $previous == --read ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
-    elif [[ $values != *" $previous "* ]]; then
+    elif [[ $values != *[[:space:]]"$previous"[[:space:]]* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$source ${options[${COMP_WORDS[1]}]-}" -- "$current")
     fi
 }
