@@ -17,6 +17,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -65,9 +66,7 @@ struct Measurement {
 Measurement measurement = {};
 
 const DirectRoad* const kRoads[] = {
-#ifdef PELMO_BENCH_RELIABLE
     &kPelmoDirect,
-#endif
 #ifdef PELMO_BENCH_ENET
     &kEnetDirect,
 #endif
@@ -129,13 +128,21 @@ void print(const char* line) {
     std::_Exit(0);
 }
 
+void keepTo(uint32_t core) {
+    cpu_set_t cores;
+    CPU_ZERO(&cores);
+    CPU_SET(core, &cores);
+    if (sched_setaffinity(0, sizeof cores, &cores) != 0) roadFail("core", std::strerror(errno));
+}
+
 // One of the two processes of `cpu`: works until all has arrived.
 template <typename Work>
-void inProcess(int end, const DirectRoad* road, Work work) {
+void inProcess(int end, uint32_t core, const DirectRoad* road, Work work) {
     const pid_t child = fork();
     if (child < 0) roadFail("fork", std::strerror(errno));
     if (child != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    keepTo(core);
     std::thread(work).detach();
     Shared* const shared = measurement.shared;
     waitFor(&shared->done[end]);
@@ -144,28 +151,35 @@ void inProcess(int end, const DirectRoad* road, Work work) {
     std::_Exit(0);
 }
 
-void runBoth(const DirectRoad* road, uint32_t bytes, uint64_t count, uint32_t ahead) {
+struct Load {
+    uint32_t bytes;
+    uint64_t count;
+    uint32_t ahead;
+    uint32_t cores;
+};
+
+void runBoth(const DirectRoad* road, const Load& load) {
     void* const memory =
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) roadFail("memory", std::strerror(errno));
     auto* const shared = static_cast<Shared*>(memory);
     sem_init(&shared->ready, 1, 0);
-    sem_init(&shared->credits, 1, ahead / kCreditMessages);
+    sem_init(&shared->credits, 1, load.ahead / kCreditMessages);
     for (sem_t& done : shared->done)
         sem_init(&done, 1, 0);
     measurement.shared = shared;
-    measurement.toSend = measurement.toTake = count;
-    measurement.isCredited = ahead != 0;
+    measurement.toSend = measurement.toTake = load.count;
+    measurement.isCredited = load.ahead != 0;
 
     const uint16_t port = roadFreePort();
-    inProcess(0, road, [=] { road->receive(port); });
+    inProcess(0, 0, road, [=] { road->receive(port); });
     waitFor(&shared->ready);
-    inProcess(1, road, [=] { road->send(port, bytes); });
+    inProcess(1, load.cores - 1, road, [=] { road->send(port, load.bytes); });
     for (int end = 0; end < 2; ++end) {
         int status = 0;
         if (wait(&status) < 0 || status != 0) roadFail("one end", "failed");
     }
-    const uint64_t packets = shared->packets != 0 ? shared->packets : count;
+    const uint64_t packets = shared->packets != 0 ? shared->packets : load.count;
     std::printf("%.1f %llu\n",
                 static_cast<double>(shared->nanoseconds[0] + shared->nanoseconds[1]) /
                     static_cast<double>(packets),
@@ -240,16 +254,18 @@ int main(int argc, char** argv) {
     if (part == "receive" && argc == 5) receive(roadOf(argv[2]), port(), std::atof(argv[4]));
     if (part == "send" && argc == 5)
         send(roadOf(argv[2]), port(), static_cast<uint32_t>(number(4)));
-    if (part == "cpu" && argc == 6) {
-        runBoth(roadOf(argv[2]), static_cast<uint32_t>(number(3)), number(4),
-                static_cast<uint32_t>(number(5)));
+    if (part == "cpu" && argc == 7) {
+        runBoth(roadOf(argv[2]), {.bytes = static_cast<uint32_t>(number(3)),
+                                  .count = number(4),
+                                  .ahead = static_cast<uint32_t>(number(5)),
+                                  .cores = number(6) == 2 ? 2u : 1u});
         return 0;
     }
     std::fputs(
         "usage: direct_bench roads\n"
         "       direct_bench receive ROAD PORT SECONDS\n"
         "       direct_bench send ROAD PORT BYTES\n"
-        "       direct_bench cpu ROAD BYTES COUNT AHEAD\n",
+        "       direct_bench cpu ROAD BYTES COUNT AHEAD CORES\n",
         stderr);
     return 2;
 }
