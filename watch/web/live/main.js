@@ -4,14 +4,14 @@
 import { setAttribute, setText } from "../shared/dom.js";
 import { filterNeedsSubjects, makeFilter } from "../shared/filter.js";
 import { formatCount, formatDateTime, formatSpan, formatTime } from "../shared/format.js";
-import { makeTable } from "../shared/table.js";
+import { makeTable, sumRows } from "../shared/table.js";
 import { tables } from "../shared/tables.js";
+import { makeTabs } from "../shared/tabs.js";
 import { faultColumns, makeFaults } from "./faults.js";
 import { fetchHistory, openFeed } from "./feed.js";
 import { makeHistory } from "./history.js";
-import { makeModel, sumRows, tableNames } from "./model.js";
+import { makeModel, tableNames } from "./model.js";
 import { makePanel } from "./panel.js";
-import { makeTabs } from "./tabs.js";
 import { makeTiles } from "./tiles.js";
 
 const byId = (id) => document.getElementById(id);
@@ -84,7 +84,7 @@ function showTable() {
     const fits = isFaults ? null : makeFilter(text);
     const shown = fits === null ? rows : rows.filter(fits);
     const table = shownTables[tab];
-    const sums = isFaults || rows.length === 0 ? null : sumRows(shown, tables[tab].columns);
+    const sums = isFaults || rows.length === 0 ? [] : [{ title: "Totals", ...sumRows(shown, tables[tab].columns) }];
     table.setEmptyText(isFaults ? "No faults since the page was opened." : emptyText(text, rows.length));
     table.setRows(shown, sums, scale());
     setText(byId("fits"), fits === null ? "" : `${formatCount(shown.length)} of ${formatCount(rows.length)}`);

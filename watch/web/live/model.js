@@ -39,14 +39,6 @@ function subjectRows(subjects) {
     return subjects;
 }
 
-export function sumRows(rows, columns) {
-    const sums = {};
-    for (const { key, kind } of columns) {
-        if (kind === "number") sums[key] = rows.reduce((sum, row) => sum + (row[key] ?? 0), 0);
-    }
-    return sums;
-}
-
 export function makeModel(snapshot) {
     const port = (host) => ({ port: host.port });
     return {

@@ -4,9 +4,8 @@
 import { makeChart, makeChartGroup } from "../shared/chart.js";
 import { element, setText } from "../shared/dom.js";
 import { formatKey } from "../shared/format.js";
-import { isSameRow, makeTable } from "../shared/table.js";
+import { isSameRow, makeTable, sumRows } from "../shared/table.js";
 import { tables } from "../shared/tables.js";
-import { sumRows } from "./model.js";
 import { fetchHistory } from "./feed.js";
 
 function rowTitle(row) {
@@ -124,7 +123,8 @@ export function makePanel({ context, onClose }) {
         const { model, scale } = context();
         const row = model?.rows[shown.table].find((candidate) => isSameRow(candidate, shown.row));
         const list = row?.hosts ?? [];
-        hostTable.setRows(list, list.length > 0 ? sumRows(list, tables[shown.table].hostColumns.filter((column) => !column.isState)) : null, scale);
+        const sums = list.length === 0 ? [] : [{ title: "Totals", ...sumRows(list, tables[shown.table].hostColumns) }];
+        hostTable.setRows(list, sums, scale);
     }
 
     async function askHistory() {

@@ -49,7 +49,7 @@ function makeSeries({ label, colour: name }, isBars, isFilled) {
         label, width: isBars ? 0 : 1.5,
         stroke: () => colour(name), fill: isBars ? () => colour(name) : isFilled ? () => colour(`${name}-fill`) : undefined,
         paths: isBars ? uPlot.paths.bars({ size: [0.8, 24], align: -1 }) : undefined,
-        points: { show: (plot) => !isBars && plot.data[0].length < 2, size: 5 },
+        points: { show: (plot) => !isBars && plot.data[0].length < 3, size: 5 },
     };
 }
 
@@ -77,12 +77,24 @@ export function makeSparkline({ colour: name, height, group, onHover }) {
     return { element: place, setData: (times, values) => plot.setData([times, values]) };
 }
 
-// A chart with axes and a caption: title, lines ({key, label, colour}), unit, height, bars.
+// The values of one time, or the sums of all that the chart shows.
+function valueAt(plot, index) {
+    return plot.data.slice(1).map((values) => values[index]);
+}
+
+function sumsInSight(plot) {
+    const { min, max } = plot.scales.x;
+    const times = plot.data[0];
+    return plot.data.slice(1).map((values) => values.reduce((sum, value, i) => sum + (times[i] >= min && times[i] <= max ? value ?? 0 : 0), 0));
+}
+
+// A chart with axes and a caption: title, lines ({key, label, colour}), unit, height, bars. While the
+// pointer is elsewhere the caption has the last values or, where `sums`, the sums of what is in sight.
 // `group` joins charts of the same times: they share the pointer and, where `zooms`, the zoom.
-export function makeChart({ title, lines, unit = "", height = 120, bars = false, zooms = false, group }) {
+export function makeChart({ title, lines, unit = "", height = 120, bars = false, zooms = false, sums = false, group }) {
     const values = lines.map(() => element("output", { class: "value" }));
     const keys = lines.map((line, i) => element("span", { class: `key ${line.colour}` },
-        element("i", { "aria-hidden": "true" }), `${line.label} `, values[i]));
+        element("i", { "aria-hidden": "true" }), line.label === "" ? "" : `${line.label} `, values[i]));
     const when = element("span", { class: "when" });
     const caption = element("figcaption", {}, element("strong", {}, title), ...keys, when);
     const place = element("div", {
@@ -95,25 +107,36 @@ export function makeChart({ title, lines, unit = "", height = 120, bars = false,
         scales: { y: { range: fromZero } },
         cursor: { y: false, drag: { x: zooms, y: false, dist: 4 }, points: { size: 6 }, sync: { key: group.key, scales: ["x", null] } },
         series: [{}, ...lines.map((line) => makeSeries(line, bars, lines.length === 1))],
-        hooks: { setCursor: [showValues], setData: [showValues], setScale: [(at, scale) => scale === "x" && group.onScale?.(at)] },
+        hooks: { setCursor: [showValues], setData: [showValues], setScale: [onScale] },
     }, [[], ...lines.map(() => [])], place);
     charts.add(plot);
     group.plots.push(plot);
     keepSize(plot, place, height);
 
-    // Those under the pointer, else the last ones.
     function showValues(at) {
         const times = at.data[0];
-        const isOver = at.cursor.idx !== null && at.cursor.idx !== undefined;
-        const index = isOver ? at.cursor.idx : times.length - 1;
-        setText(when, isOver && times.length > 0 ? formatDateTime(times[index] * 1000) : "");
-        values.forEach((value, i) => setText(value, times.length === 0 ? "–" : formatNumber(at.data[i + 1][index]) + (unit && ` ${unit}`)));
+        const index = at.cursor.idx ?? null;
+        const shown = index !== null ? valueAt(at, index) : sums ? sumsInSight(at) : valueAt(at, times.length - 1);
+        setText(when, index !== null ? formatDateTime(times[index] * 1000) : !sums ? "" : isZoomed(at) ? "in sight" : "in all");
+        when.classList.toggle("pointed", index !== null);
+        values.forEach((value, i) => setText(value, times.length === 0 ? "–" : formatNumber(shown[i]) + (unit && ` ${unit}`)));
+    }
+
+    function onScale(at, scale) {
+        if (scale !== "x") return;
+        showValues(at);
+        group.onScale?.(at);
     }
 
     function pointAt(index) {
         const times = plot.data[0];
         const at = Math.min(Math.max(index, 0), times.length - 1);
-        if (at >= 0) plot.setCursor({ left: plot.valToPos(times[at], "x"), top: 10 });
+        if (at >= 0) moveCursors({ left: plot.valToPos(times[at], "x"), top: 10 });
+    }
+
+    // The pointer's moves reach the charts of the group by uPlot, those of keys don't.
+    function moveCursors(position) {
+        for (const each of group.plots) each.setCursor(position);
     }
 
     function onFocus() {
@@ -121,7 +144,7 @@ export function makeChart({ title, lines, unit = "", height = 120, bars = false,
     }
 
     function onBlur() {
-        plot.setCursor({ left: -10, top: -10 });
+        moveCursors({ left: -10, top: -10 });
     }
 
     function onKey(event) {

@@ -24,32 +24,47 @@ export function isSameRow(a, b) {
         a.subject === b.subject && a.address === b.address && a.scid === b.scid && a.key === b.key;
 }
 
+// The sums of all numbers of the rows but those that say a state, as a reliability does.
+export function sumRows(rows, columns) {
+    const sums = {};
+    for (const { key, kind, isState } of columns) {
+        if (kind === "number" && !isState) sums[key] = rows.reduce((sum, row) => sum + (row[key] ?? 0), 0);
+    }
+    return sums;
+}
+
 function columnClass(column) {
-    const marks = ["minor", "spare", "isSecond"].filter((mark) => column[mark]);
-    return [`kind-${column.kind}`, column.unit === "B" ? "bytes" : "", ...marks].filter((word) => word !== "").join(" ");
+    const marks = ["minor", "spare", "wide", "isSecond", "isEdge"].filter((mark) => column[mark]);
+    return [`kind-${column.kind}`, ...marks].join(" ");
+}
+
+// The last column of a narrow table is the last one that it doesn't leave out.
+function withEdge(columns) {
+    const edge = columns.findLastIndex((column) => !column.minor);
+    return columns.map((column, i) => (i === edge ? { ...column, isEdge: true } : column));
 }
 
 // options: label, columns, sortBy (a column's key), onOpen(row) or null, emptyText.
 export function makeTable(options) {
-    const { columns, onOpen = null } = options;
+    const { onOpen = null } = options;
+    const columns = withEdge(options.columns);
     const id = `table${++tablesMade}`;
     const state = {
-        rows: [], order: new Uint32Array(0), sums: null, scale: 1, largest: 0, isNarrow: false,
+        rows: [], order: new Uint32Array(0), sums: [], scale: 1, largest: 0, isNarrow: false,
         sort: columns.find((column) => column.key === options.sortBy) ?? null,
         descending: true, current: -1, currentRow: null, openRow: null,
     };
     state.descending = state.sort !== null && sortsDescendingFirst(state.sort);
 
     const headings = columns.map((column) => makeHeading(column, () => sortBy(column)));
-    const sumCells = columns.map((column) => element("td", { class: columnClass(column) }));
-    const sumRow = element("tr", { class: "sums", "aria-rowindex": "2" }, ...sumCells);
     const body = element("tbody");
     const table = element("table", {
         role: "grid", tabindex: "0", "aria-label": options.label, "aria-readonly": "true",
         keydown: onKey, focus: onFocus,
     },
         element("colgroup", {}, ...columns.map((column) => element("col", { class: columnClass(column) }))),
-        element("thead", {}, element("tr", { "aria-rowindex": "1" }, ...headings), sumRow), body);
+        element("thead", {}, element("tr", { "aria-rowindex": "1" }, ...headings)), body);
+    const sumRows = [];
     const empty = element("p", { class: "empty" });
     const box = element("div", { class: "table", scroll: draw }, table, empty);
     const above = makeSpace();
@@ -57,9 +72,11 @@ export function makeTable(options) {
     const drawn = [];
     new ResizeObserver(redraw).observe(box);
 
+    // Sums first: they are part of the headings' height.
     function redraw() {
-        draw();
+        state.isNarrow = box.clientWidth < kNarrowPixels;
         fillSums();
+        draw();
     }
 
     function sortBy(column) {
@@ -98,7 +115,6 @@ export function makeTable(options) {
     function draw() {
         const height = rowHeight();
         const count = state.order.length;
-        state.isNarrow = box.clientWidth < kNarrowPixels;
         const first = Math.max(0, Math.floor(box.scrollTop / height) - kSpareRows);
         const inSight = Math.ceil(box.clientHeight / height) + 2 * kSpareRows;
         const shown = Math.min(inSight, Math.max(0, count - first));
@@ -109,7 +125,7 @@ export function makeTable(options) {
         rows.forEach((row, i) => fillRow(row, first + i));
         const wanted = [above, ...rows.map((row) => row.element), below];
         if (wanted.length !== body.childElementCount) body.replaceChildren(...wanted);
-        setAttribute(table, "aria-rowcount", count + 2);
+        setAttribute(table, "aria-rowcount", count + 1 + state.sums.length);
         const isDrawn = state.current >= first && state.current < first + shown;
         setAttribute(table, "aria-activedescendant", isDrawn ? `${id}-${state.current}` : null);
         empty.hidden = count > 0;
@@ -120,7 +136,7 @@ export function makeTable(options) {
         const tr = row.element;
         tr.id = `${id}-${at}`;
         row.at = at;
-        setAttribute(tr, "aria-rowindex", at + 3);
+        setAttribute(tr, "aria-rowindex", at + 2 + state.sums.length);
         tr.classList.toggle("current", at === state.current);
         if (onOpen !== null) setAttribute(tr, "aria-selected", String(isSameRow(data, state.openRow)));
         columns.forEach((column, i) => fillCell(row.cells[i], data, column));
@@ -147,13 +163,20 @@ export function makeTable(options) {
     }
 
     function fillSums() {
-        sumRow.hidden = state.sums === null;
-        if (state.sums === null) return;
-        columns.forEach((column, i) => {
-            const value = state.sums[column.key];
-            const text = i === 0 ? state.sums.title ?? "Totals" : value === undefined ? "" : cellText(value, column);
-            setText(sumCells[i], text);
-        });
+        while (sumRows.length < state.sums.length) sumRows.push(makeSumRow(sumRows.length));
+        while (sumRows.length > state.sums.length) sumRows.pop().remove();
+        state.sums.forEach((sums, row) => columns.forEach((column, i) => {
+            const value = sums[column.key];
+            const text = i === 0 ? sums.title : value === undefined ? "" : cellText(value, column);
+            setText(sumRows[row].cells[i], text);
+        }));
+    }
+
+    function makeSumRow(at) {
+        const row = element("tr", { class: "sums", "aria-rowindex": at + 2 },
+            ...columns.map((column) => element("td", { class: columnClass(column) })));
+        table.tHead.append(row);
+        return row;
     }
 
     function moveTo(at) {
@@ -198,10 +221,11 @@ export function makeTable(options) {
     });
 
     table.classList.toggle("opens", onOpen !== null);
-    setRows([], null);
+    setRows([]);
 
-    // `sums` is null for a table without that row. `scale` turns counts into what is shown of them.
-    function setRows(rows, sums, scale = 1) {
+    // `sums` are rows that stay in sight above all others, each with a `title`. `scale` turns counts
+    // into what is shown of them.
+    function setRows(rows, sums = [], scale = 1) {
         Object.assign(state, { rows, sums, scale });
         order();
         redraw();

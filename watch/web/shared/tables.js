@@ -1,7 +1,8 @@
 // The tables of the bus: their columns, how rows are called, and which charts tell a row's story.
 // The names of numbers are those of the JSON; a number that it gains needs a row here to be seen.
 //
-// A column's `minor` leaves it out where there is little room, `spare` where there is still less; `alert` is the colour of a value
+// A column's `minor` leaves it out where there is little room, `spare` where there is still less; `wide`
+// gives it more of what there is; `alert` is the colour of a value
 // above 0, for those that should be 0 on a sound bus.
 
 const port = { key: "port", label: "Port", kind: "port", help: "UDP port" };
@@ -17,11 +18,11 @@ function number(key, label, help, more = {}) {
 
 const multicast = [
     number("data_packets", "Data", "New data packets"),
-    number("payload_bytes", "Bytes", "Payload bytes of new data packets", { unit: "B" }),
+    number("payload_bytes", "Bytes", "Payload bytes of new data packets", { wide: true }),
     number("null_packets", "Null", "Null packets: the sender had nothing to send", { minor: true }),
     number("repeated_packets", "Repeats", "Data packets that came again", { alert: "warning", spare: true }),
     number("repeated_bytes", "Repeat bytes", "Payload bytes of data packets that came again",
-        { unit: "B", minor: true, alert: "warning" }),
+        { wide: true, minor: true, alert: "warning" }),
     number("missed_packets", "Gaps", "Sequence numbers passed over", { alert: "warning" }),
     number("bad_packets", "Bad", "Packets with a fault", { alert: "error" }),
 ];
@@ -30,8 +31,8 @@ const reliability = number("reliability_seconds", "Reliability",
     "Reliability in seconds that the sender last told", { minor: true, isState: true });
 
 const subjects = [
-    number("messages", "Messages", "Messages on the subject"),
-    number("message_bytes", "Bytes", "Bytes of the messages", { unit: "B" }),
+    number("messages", "Messages", "Messages on the subject", { wide: true }),
+    number("message_bytes", "Bytes", "Bytes of the messages", { wide: true }),
 ];
 
 // Packets between hosts are counted at both ends. A row shows what was sent, its hosts show both.
@@ -59,7 +60,7 @@ const retransmission = [
 
 const pointToPoint = [
     bothSides("data_packets", "Data", "Data packets"),
-    bothSides("payload_bytes", "Bytes", "Payload bytes", { unit: "B" }),
+    bothSides("payload_bytes", "Bytes", "Payload bytes", { wide: true }),
     bothSides("acknowledgement_requests", "Ack requests", "Requests for an acknowledgement", { minor: true }),
     bothSides("acknowledgements", "Acks", "Acknowledgements", { minor: true }),
     bothSides("loss_reports", "Losses", "Reports of loss", { alert: "warning" }),

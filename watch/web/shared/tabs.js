@@ -1,6 +1,6 @@
 // The tabs above the tables, by the keyboard pattern of tabs: one stop, arrows choose.
 
-import { element, setAttribute, setText } from "../shared/dom.js";
+import { element, setAttribute, setText } from "./dom.js";
 
 // names: {key, title} in their order. onChoose(key).
 export function makeTabs(names, panelId, onChoose) {
