@@ -30,7 +30,8 @@ TABLES = ("multicast", "retransmission", "point_to_point", "subjects")
 # Subjects as their elements' bytes -> as text.
 SUBJECTS = {
     (b"PLAIN", b"TEXT"): "PLAIN.TEXT",
-    (b'"', b"<&>", b"\\"): '".<&>.\\\\',
+    (b'"', b"<&>"): '".<&>',
+    (b"\\",): "\\\\",
     (b"A.B",): "A\\x2eB",
     (b"", b""): ".",
     (b"A\0B",): "A\\x00B",
@@ -168,6 +169,7 @@ class Json(unittest.TestCase):
                  (("json", *whole, "-u", "x"), '"x"'), (("json", *whole, "-u", "-1"), '"-1"'),
                  (("json", *whole, "--interval=4294967296"), '"4294967296"'),
                  (("json", *whole, "-filter", "nonsense 7"), '"nonsense 7"'),
+                 (("json", *whole, "-filter", "-port"), '"-port"'),  # a value, whatever it looks like
                  (("json", *whole, "-port", "nosuch"), "nosuch"), (("json", *whole, *["-port", "1"] * 300), "filter")]
         for arguments, word in cases:
             with self.subTest(arguments=arguments):
@@ -178,7 +180,7 @@ class Json(unittest.TestCase):
     def test_old_names_and_long_ones_are_the_same(self):
         wanted = run("json", "-r", self.mix, "-u", "3", "-port", "7500", "-filter", "udp and port 7500").stdout
         for arguments in (("--read=%s" % self.mix, "--interval=3", "--port=7501", "--filter=udp and port 7500"),
-                          ("--read", self.mix, "-u3", "--filter", "-addr", "--filter", "udp and port 7500")):
+                          ("--read", self.mix, "-u3", "--filter", "x", "--filter", "udp and port 7500")):
             self.assertEqual(run("json", *arguments).stdout, wanted)
 
     def test_a_run_that_is_cut_off_writes_whole_lines(self):
@@ -212,12 +214,15 @@ class Json(unittest.TestCase):
         os.close(writer)
         self.assertEqual((done.returncode, done.stderr), (1, b""))
 
-        # A file keeps whole Snapshots only.
-        path = self.folder / "limited"
+        # A file keeps whole Snapshots only, also of those that are written in pieces.
+        capture, path = self.folder / "many.pcap", self.folder / "limited"
+        subprocess.run([PELMOGEN, "--out", capture, *MIX, "--subjects", "8000", "--count", "20000"], check=True,
+                       stdout=subprocess.DEVNULL)
+        self.assertGreater(max(map(len, run("json", "-r", capture).stdout.splitlines())), 500000)
         with open(path, "wb") as out:
-            command = 'ulimit -f 200; exec "$@"'
-            done = subprocess.run(["bash", "-c", command, "bash", WATCH, "json", "-r", self.mix, "-u", "1",
-                                   "--since-start"], stdout=out, stderr=subprocess.PIPE, check=False)
+            command = 'ulimit -f 1000; exec "$@"'
+            done = subprocess.run(["bash", "-c", command, "bash", WATCH, "json", "-r", capture], stdout=out,
+                                  stderr=subprocess.PIPE, check=False)
         self.assertEqual(done.returncode, 1)
         self.assertIn(b"File too large", done.stderr)
         self.assertGreater(len(self.lines(path.read_bytes())), 0)
