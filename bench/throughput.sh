@@ -17,11 +17,12 @@ cases=()
 
 usage() {
     cat <<'END'
-usage: bench/throughput.sh [--pairs N] [--build FOLDER] [--captures FOLDER] [--tool PROGRAM] [CASE ...]
+usage: bench/throughput.sh [--pairs N] [--build FOLDER] [--captures FOLDER] [--tool COMMAND] [CASE ...]
   --pairs N          runs of tool and floor that count [7]
   --build FOLDER     where pelmoscope, pelmogen, pcap_floor, run_usage are, under bin [build/release]
   --captures FOLDER  where captures are kept, 3 GB; remade when their options change [build/bench]
-  --tool PROGRAM     measured in place of pelmoscope, called as PROGRAM -r FILE
+  --tool COMMAND     measured in place of pelmoscope, called as COMMAND -r FILE; may have words of
+                     its own, as in "build/release/bin/pelmowatch json"
 Cases, all by default:
   A       2 million packets of about 300 bytes, 200 hosts, 1,000 subjects
   B       1 million packets of about 1,200 bytes, the same hosts and subjects
@@ -45,7 +46,8 @@ while [ $# -gt 0 ]; do
 done
 [ ${#cases[@]} -gt 0 ] || cases=(A B C flat record)
 : "${tool:=$build/bin/pelmoscope}"
-for program in "$tool" "$build"/bin/{pelmogen,pcap_floor,run_usage}; do
+read -ra command <<<"$tool"
+for program in "${command[0]}" "$build"/bin/{pelmogen,pcap_floor,run_usage}; do
     [ -x "$program" ] || { echo "$program is missing: build the release preset" >&2 && exit 1; }
 done
 mkdir -p "$folder"
@@ -82,7 +84,7 @@ compare() {
     local name=$1 packets=$2 bar=$3 aim=$4 results pair toolRun floorRun
     results=$(mktemp)
     for ((pair = 0; pair <= pairs; ++pair)); do
-        toolRun=$(run "$tool" -r "$file")
+        toolRun=$(run "${command[@]}" -r "$file")
         floorRun=$(run "$build/bin/pcap_floor" "$file" --checksum)
         [ "$pair" = 0 ] || echo "$toolRun $floorRun" >>"$results"
     done
@@ -105,7 +107,7 @@ peak_of() {
     while [ "$1" != -- ]; do arguments+=("$1") && shift; done
     shift
     capture "$@"
-    peak=$(run "$tool" -r "$file" "${arguments[@]}" | awk '{ print $2 }')
+    peak=$(run "${command[@]}" -r "$file" "${arguments[@]}" | awk '{ print $2 }')
 }
 
 flat() {
