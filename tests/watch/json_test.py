@@ -19,6 +19,7 @@ sys.path.insert(0, str(HERE.parent / "e2e"))
 
 import compare  # noqa: E402
 import packets  # noqa: E402
+from hostile import SUBJECTS, subject_field  # noqa: E402
 
 ROOT = HERE.parents[1]
 TOOL, WATCH, PELMOGEN = (str(pathlib.Path(argument).resolve()) for argument in sys.argv[1:4])
@@ -26,30 +27,6 @@ SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch.sch
 MIX = """--mix --count 4000 --rate 400 --hosts 30 --nets 3 --ports 4 --subjects 300 --publishers 3 --scids 0.5
     --repeats 0.05 --gaps 0.05 --restarts 0.01 --damaged 0.1""".split()
 TABLES = ("multicast", "retransmission", "point_to_point", "subjects")
-
-# Subjects as their elements' bytes -> as text.
-SUBJECTS = {
-    (b"PLAIN", b"TEXT"): "PLAIN.TEXT",
-    (b'"', b"<&>"): '".<&>',
-    (b"\\",): "\\\\",
-    (b"A.B",): "A\\x2eB",
-    (b"", b""): ".",
-    (b"A\0B",): "A\\x00B",
-    (b"\x01\x1b[2J\x7f\n",): "\\x01\\x1b[2J\\x7f\\x0a",
-    ("ü€😀".encode(),): "ü€😀",
-    (b"\xff\xc3", b"\xc0\x80\xed\xa0\x80\xf4\x90\x80\x80"):
-        "\\xff\\xc3.\\xc0\\x80\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80",
-    ("\u0085\u202e\u2066\u200b\ufeff".encode(),):
-        "\\xc2\\x85\\xe2\\x80\\xae\\xe2\\x81\\xa6\\xe2\\x80\\x8b\\xef\\xbb\\xbf",
-    (b"\x02" * 250,): "\\x02" * 250,
-    (b"\\x41", b"x"): "\\\\x41.x",
-}
-
-
-def subject_field(elements):
-    body = b"".join(bytes([len(e) + 2]) + e + b"\0" for e in elements)
-    return packets.field("sub", 2, b"")[:6] + bytes([121]) + (len(body) + 3).to_bytes(2, "big") + \
-        bytes([len(elements)]) + body
 
 
 def at(seconds):

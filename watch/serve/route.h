@@ -52,6 +52,7 @@ struct RouteRules {
     std::span<const WebAsset> assets;
 };
 
+// Points into itself: not to be copied.
 struct Route {
     RouteKind kind;
     uint16_t status;        // of HTTP

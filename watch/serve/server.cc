@@ -1,6 +1,7 @@
 #include "watch/serve/server.h"
 
 #include <microhttpd.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -59,6 +60,7 @@ struct Server {
     size_t jsonAt PELMO_GUARDED_BY(lock) = 0;
     size_t jsonBytes PELMO_GUARDED_BY(lock) = 0;
     ServerCounts counts PELMO_GUARDED_BY(lock) = {};
+    uint64_t cutClients PELMO_GUARDED_BY(lock) = 0;  // of counts.clients
     bool isEnding PELMO_GUARDED_BY(lock) = false;
 
     // Of the server's thread.
@@ -82,6 +84,7 @@ void leaveClientLocked(Client* client) PELMO_REQUIRES(server.lock) {
     (client->previous != nullptr ? client->previous->next : server.clients) = client->next;
     if (client->next != nullptr) client->next->previous = client->previous;
     --server.counts.clients;
+    if (client->isCut) --server.cutClients;
 }
 
 void setPhaseLocked(Client* client, Phase phase) PELMO_REQUIRES(server.lock) {
@@ -97,11 +100,22 @@ void wakeLocked(Client* client) PELMO_REQUIRES(server.lock) {
 }
 
 // libmicrohttpd owns the socket and closes it, on its thread.
-void cutOffLocked(Client* client) PELMO_REQUIRES(server.lock) {
-    client->isCut = true;
-    ++server.counts.cutOffClients;
+void shutLocked(Client* client) PELMO_REQUIRES(server.lock) {
+    if (std::exchange(client->isCut, true)) return;
+    ++server.cutClients;
     shutdown(client->descriptor, SHUT_RDWR);
     wakeLocked(client);
+}
+
+void cutOffLocked(Client* client) PELMO_REQUIRES(server.lock) {
+    ++server.counts.cutOffClients;
+    shutLocked(client);
+}
+
+// While a client waits for an event libmicrohttpd doesn't look at its socket.
+bool hasLeft(const Client& client) {
+    pollfd look{.fd = client.descriptor, .events = POLLRDHUP, .revents = 0};
+    return client.isSuspended && poll(&look, 1, 0) == 1;
 }
 
 bool isLate(const Client& client, double nowSeconds) {
@@ -402,7 +416,7 @@ void openClient(MHD_Connection* connection, void** context) {
     const LockGuard guard(server.lock);
     enterClientLocked(client);
     setPhaseLocked(client, Phase::kRequest);
-    if (server.counts.clients > server.rules->mostClients) {
+    if (server.counts.clients - server.cutClients > server.rules->mostClients) {
         cutOffLocked(chooseSurplusLocked(client));
     }
 }
@@ -489,6 +503,7 @@ void serverSweep() {
     const LockGuard guard(server.lock);
     for (Client* client = server.clients; client != nullptr; client = client->next) {
         if (!client->isCut && isLate(*client, now)) cutOffLocked(client);
+        if (hasLeft(*client)) shutLocked(client);
         if (client->isSuspended && eventsWakes(client->events, server.newest, now)) {
             wakeLocked(client);
         }
@@ -497,7 +512,9 @@ void serverSweep() {
 
 ServerCounts serverCounts() {
     const LockGuard guard(server.lock);
-    return server.counts;
+    ServerCounts counts = server.counts;
+    counts.clients -= server.cutClients;
+    return counts;
 }
 
 void serverStop() {
