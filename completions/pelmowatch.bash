@@ -7,10 +7,11 @@ _pelmowatch() {
     local -A options=(
         [json]="--rows --since-start --senders"
         [serve]="--listen --host --hosts --subjects --expire --max-series --max-clients --senders --pace"
+        [top]="--speed"
     )
     # Options whose values nobody can guess.
     local values=" -u --interval -addr --addr -src --src -dst --dst -port --port -filter --filter
-        --listen --host --subjects --expire --max-series --max-clients "
+        --listen --host --subjects --expire --max-series --max-clients --speed "
 
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then

@@ -34,6 +34,8 @@ need rapidjson-dev have_header rapidjson/writer.h
 need libmicrohttpd-dev have_header microhttpd.h
 need prometheus-cpp-dev have_header prometheus/text_serializer.h
 need prometheus have_command promtool
+need libncurses-dev have_header ncursesw/curses.h
+need tmux have_command tmux
 need python3-jsonschema have_module jsonschema
 need nodejs have_command node
 need npm have_command npm

@@ -2,6 +2,9 @@
 
 #include "watch/json/json.h"
 #include "watch/serve/serve.h"
+#ifdef PELMO_WATCH_TOP
+#include "watch/top/top.h"
+#endif
 
 namespace {
 
@@ -9,6 +12,9 @@ namespace {
 constexpr const Form* kForms[] = {
     &kJsonForm,
     &kServeForm,
+#ifdef PELMO_WATCH_TOP
+    &kTopForm,
+#endif
 };
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <span>
 
 #include "trace/counts/snapshot.h"
@@ -46,6 +47,9 @@ struct Form {
     // Behind the last snapshot; the library is closed. `isWhole`: the source was read to its end,
     // or was a live one. Where it wasn't, the process ends by itself within a second.
     bool (*end)(bool isWhole);
+
+    // Between two snapshots, unless an option tells; 10 or what the help text of -u says.
+    uint32_t intervalSeconds = 10;
 
     // Does a saved capture's progress belong on the terminal, if the standard error stream is one?
     bool showsProgress;

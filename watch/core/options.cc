@@ -55,7 +55,7 @@ using S = TraceSettings;
 constexpr OptionRow kSourceOptions[] = {
     {"-i,--interface", "NAME", "capture live from this interface", storeInterface},
     {"-r,--read", "FILE", "read this saved capture; - is the standard input", storeRead},
-    {"-u,--interval", "SECONDS", "time between two snapshots [10]", storeInterval},
+    {"-u,--interval", "SECONDS", "time between two snapshots [10; 2 of top]", storeInterval},
     {"-addr,--addr", "ADDRESS", "only packets from or to the address; repeatable",
      collect<&S::srcAddrs, &S::dstAddrs>},
     {"-src,--src", "ADDRESS", "only packets from the address; repeatable", collect<&S::srcAddrs>},
@@ -241,6 +241,7 @@ const Form& optionsParse(int argc, char* const* argv, std::span<const Form* cons
     if (first == "--version") printVersion();
 
     const Form& form = findForm(arguments[1], forms);
+    traceSettings.updateInterval = form.intervalSeconds;
     Rows rows;
     for (const OptionRow& row : kSourceOptions) {
         rows.push_back(&row);

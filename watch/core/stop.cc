@@ -1,5 +1,7 @@
 #include "watch/core/stop.h"
 
+#include <sys/eventfd.h>
+
 #include <atomic>
 
 #include "lib/base/clock.h"
@@ -23,6 +25,8 @@ struct Stop {
     Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
     Cond event = {};  // signalled when the end is asked for; made once, never destroyed
 
+    int descriptor = -1;  // an event; constant from the arming on
+
     std::atomic<bool> asked = false;
     std::atomic<bool> byProgram = false;  // the program asked ahead of any signal
     std::atomic<bool> sourceRead = false;
@@ -40,6 +44,7 @@ void onStop() {
         stop.asked = true;
         Cond_Broadcast(&stop.event);
     }
+    (void)eventfd_write(stop.descriptor, 1);
     if (!traceSettings.liveCapture) breakCaptureLoop(captureState.captureHandle);
 }
 
@@ -47,6 +52,8 @@ void onStop() {
 
 pelmoStatus stopArm() {
     const pelmoStatus status = Cond_Init(&stop.event);
+    stop.descriptor = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (stop.descriptor < 0) return kStatusOsError;
     return status == kStatusSuccess ? stopWaitInit(onStop) : status;
 }
 
@@ -61,6 +68,10 @@ void stopSourceRead() {
 
 bool stopIsAsked() {
     return stop.asked;
+}
+
+int stopDescriptor() {
+    return stop.descriptor;
 }
 
 bool stopIsBySignal() {

@@ -20,6 +20,10 @@ void stopSourceRead();
 
 [[nodiscard]] bool stopIsAsked();
 
+// Readable from when the end is asked for, for those who wait for other descriptors too. Nobody
+// reads it.
+[[nodiscard]] int stopDescriptor();
+
 // Did a signal ask first?
 [[nodiscard]] bool stopIsBySignal();
 

@@ -1,0 +1,41 @@
+// The terminal of the process as a full screen, by curses. Whatever ends the process leaves it as
+// it was: orderly ends close it, faults of the program (SIGABRT, SIGSEGV and their like) restore it
+// on their way, and so does exit().
+//
+// Threads: one thread opens, draws, reads keys and closes. terminalRescue may be called by any, and
+// by signal handlers.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "watch/top/screen.h"
+
+// Why there can be no full screen, in words that follow a name: "needs a terminal ..."; null where
+// there can.
+[[nodiscard]] const char* terminalRefusal();
+
+// Takes the terminal. False where the system refuses.
+[[nodiscard]] bool terminalOpen();
+void terminalClose();
+
+// What the open terminal can show, and its size by now.
+[[nodiscard]] ScreenSigns terminalSigns();
+[[nodiscard]] ScreenSize terminalSize();
+
+// Shows what differs from what was shown; after terminalForget all of it. Waits for the terminal.
+void terminalShow(const Screen& screen);
+void terminalForget();
+
+// The next key that was pressed, as watch/top/keys.h has them. Doesn't wait, but for the rest of a
+// sequence that one key sends. False where there is none.
+[[nodiscard]] bool terminalReadKey(uint32_t* key);
+
+// Gives the terminal back as it was, and takes it again: around a stop of the process.
+void terminalLeave();
+void terminalReturn();
+
+// Gives the terminal back for good, by system calls alone and without waiting for it. Nothing
+// happens where it isn't taken.
+void terminalRescue();
