@@ -35,9 +35,7 @@ struct WirePacket {
 
 struct CoreWire {
     CoreWire() {
-        const EndpointSink sink = {this, onSend,
-                                   [](void* self, void*) { ++static_cast<CoreWire*>(self)->wakes; },
-                                   [](void*, void*) {}};
+        const EndpointSink sink = {this, onSend, [](void*, void*) {}, [](void*, void*) {}};
         isMade = endpointInit(&core, sink) == kStatusSuccess &&
                  pelmoMsg_CreateEx(&message, 32) == kStatusSuccess;
     }
@@ -85,7 +83,6 @@ struct CoreWire {
         ReliableConnection* waits = nullptr;
         const pelmoStatus status =
             endpointSend(&core, now, address(), list, delaySmall, &waits, &out);
-        if (waits != nullptr) waiting = waits;
         keep(out);
         return status;
     }
@@ -195,13 +192,11 @@ struct CoreWire {
     double now = kWireBegin;
     uint16_t port = 1;  // of the peer that sends and is sent to
     uint32_t life = 0;  // how often it has started again
-    ReliableConnection* waiting = nullptr;
 
     std::map<uint16_t, uint32_t> coreIds;
     double elapsed = -1;
     std::string sent, lost;
     uint32_t received = 0;
     uint32_t notices = 0;
-    uint32_t wakes = 0;
     ConnectionState stateTold = kClosed;
 };

@@ -14,10 +14,9 @@ constexpr double kFlushRtoLimit = 5.0;
 
 // The tick of a periodic timer that comes next.
 double nextTick(double base, double interval, double now) {
-    double tick = base;
-    for (double count = std::floor((now - base) / interval) + 1; tick <= now; ++count)
-        tick = base + count * interval;
-    return tick;
+    const double count = std::floor((now - base) / interval) + 1;
+    const double tick = base + count * interval;
+    return tick > now ? tick : base + (count + 1) * interval;  // the sum may be rounded down
 }
 
 OutPacket* stalled(const ReliableConnection* connection) {

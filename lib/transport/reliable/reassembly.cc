@@ -97,7 +97,8 @@ void abandon(Reassembly* reassembly, ReassemblyEntry* message, ReassemblyResult*
 
 // Delivery
 
-// A list has room for the one message that fills its packet, or for some.
+// False also for what is no message, such as one shorter than its head. A list has room for the one
+// message that fills its packet, or for some.
 bool addMessage(Buffer* data, uint32_t at, bool isOnly, ReassemblyResult* result) {
     pelmoMsg* message = nullptr;
     if (msgCreateOverBuffer(&message, data, at) != kStatusSuccess) return false;
@@ -113,7 +114,7 @@ void split(Buffer* data, uint32_t size, ReassemblyResult* result) {
     while (size - at >= kMessageHeadBytes) {
         const uint32_t length = loadBe32At(data->data + at);
         if (length == 0) return;
-        const bool fits = length >= kMessageHeadBytes && length <= size - at;
+        const bool fits = length <= size - at;
         if (!fits || !addMessage(data, at, length == size, result)) {
             return tellLoss(result, size - at);
         }

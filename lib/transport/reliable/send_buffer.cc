@@ -50,10 +50,6 @@ OutPacket* packetAt(const SendBuffer* buffer, uint32_t place) {
     return static_cast<OutPacket*>(buffer->packets->slots[EntryRing_Slot(buffer->packets, place)]);
 }
 
-void setPacketAt(SendBuffer* buffer, uint32_t place, OutPacket* packet) {
-    buffer->packets->slots[EntryRing_Slot(buffer->packets, place)] = packet;
-}
-
 // Null when memory ran out. The reference of `from` to its buffer is the caller's until then.
 OutPacket* pushPacket(SendBuffer* buffer, const OutPacket& from) {
     if (buffer->packets == nullptr) buffer->packets = EntryRing_Create(kFirstRingSlots);
@@ -70,10 +66,6 @@ OutPacket* pushPacket(SendBuffer* buffer, const OutPacket& from) {
 void dropFirstSent(SendBuffer* buffer) {
     givePacket(static_cast<OutPacket*>(EntryRing_PopFront(buffer->packets)));
     --buffer->sent;
-}
-
-bool hasPayload(const OutPacket* packet) {
-    return packet->buffer != nullptr;
 }
 
 // Packing
@@ -95,38 +87,42 @@ struct Packing {
     bool blockIsOfJoined;  // `block` is to become `joinedBlock`
 };
 
+// Takes over the block's reference.
 bool pushWhole(SendBuffer* to, const Block& block) {
-    if (pushPacket(to, {.header = {},
-                        .isFragment = false,
-                        .takesMore = block.takesMore,
-                        .fragment = {},
-                        .buffer = block.buffer,
-                        .offset = block.offset,
-                        .length = block.length,
-                        .poolOwner = nullptr}) == nullptr) {
-        return false;
-    }
-    bufferRetain(block.buffer);
-    return true;
+    const OutPacket* const packet = pushPacket(to, {.header = {},
+                                                    .isFragment = false,
+                                                    .takesMore = block.takesMore,
+                                                    .fragment = {},
+                                                    .buffer = block.buffer,
+                                                    .offset = block.offset,
+                                                    .length = block.length,
+                                                    .poolOwner = nullptr});
+    if (packet == nullptr) bufferRelease(block.buffer);
+    return packet != nullptr;
 }
 
+bool pushFragment(SendBuffer* to, const Block& block, uint32_t at) {
+    const FragmentOption fragment = {.totalSize = block.length, .firstSeq = 0, .offset = at};
+    const OutPacket* const packet =
+        pushPacket(to, {.header = {},
+                        .isFragment = true,
+                        .takesMore = false,
+                        .fragment = fragment,
+                        .buffer = block.buffer,
+                        .offset = block.offset + at,
+                        .length = std::min(kFragmentPayloadBytes, block.length - at),
+                        .poolOwner = nullptr});
+    if (packet != nullptr) bufferRetain(block.buffer);
+    return packet != nullptr;
+}
+
+// Likewise.
 bool pushFragments(SendBuffer* to, const Block& block) {
-    for (uint32_t at = 0; at < block.length; at += kFragmentPayloadBytes) {
-        const FragmentOption fragment = {.totalSize = block.length, .firstSeq = 0, .offset = at};
-        const uint32_t length = std::min(kFragmentPayloadBytes, block.length - at);
-        if (pushPacket(to, {.header = {},
-                            .isFragment = true,
-                            .takesMore = false,
-                            .fragment = fragment,
-                            .buffer = block.buffer,
-                            .offset = block.offset + at,
-                            .length = length,
-                            .poolOwner = nullptr}) == nullptr) {
-            return false;
-        }
-        bufferRetain(block.buffer);
-    }
-    return true;
+    uint32_t at = 0;
+    while (at < block.length && pushFragment(to, block, at))
+        at += kFragmentPayloadBytes;
+    bufferRelease(block.buffer);
+    return at >= block.length;
 }
 
 bool closeBlock(Packing* packing) {
@@ -136,9 +132,7 @@ bool closeBlock(Packing* packing) {
         return true;
     }
     const bool isWhole = block.length <= kMostBlockBytes;
-    const bool isDone = isWhole ? pushWhole(packing->to, block) : pushFragments(packing->to, block);
-    bufferRelease(block.buffer);
-    return isDone;
+    return isWhole ? pushWhole(packing->to, block) : pushFragments(packing->to, block);
 }
 
 // The block moves to a buffer of its own. One that it shares is never written: messages of the
@@ -306,25 +300,6 @@ bool sendBufferIsEmpty(const SendBuffer* buffer) {
     return countOf(buffer) == 0;
 }
 
-OutPacket* sendBufferStore(SendBuffer* buffer, const PacketHeader& header) {
-    assert(buffer->sent == 0 || header.seq == packetAt(buffer, 0)->header.seq + buffer->sent);
-    OutPacket* const packet = pushPacket(buffer, {.header = header,
-                                                  .isFragment = false,
-                                                  .takesMore = false,
-                                                  .fragment = {},
-                                                  .buffer = nullptr,
-                                                  .offset = 0,
-                                                  .length = 0,
-                                                  .poolOwner = nullptr});
-    if (packet == nullptr) return nullptr;
-    uint32_t place = countOf(buffer) - 1;
-    for (; place > buffer->sent; --place)
-        setPacketAt(buffer, place, packetAt(buffer, place - 1));
-    setPacketAt(buffer, place, packet);
-    ++buffer->sent;
-    return packet;
-}
-
 OutPacket* sendBufferNext(SendBuffer* buffer, uint64_t seq) {
     if (sendBufferWaiting(buffer) == 0) return nullptr;
     assert(buffer->sent == 0 || seq == packetAt(buffer, 0)->header.seq + buffer->sent);
@@ -359,33 +334,14 @@ void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack) {
 }
 
 uint64_t sendBufferRewind(SendBuffer* buffer) {
-    uint64_t lowest = 0;
-    uint32_t kept = buffer->sent;
-    for (uint32_t place = buffer->sent; place-- > 0;) {
+    const uint64_t lowest = buffer->sent != 0 ? packetAt(buffer, 0)->header.seq : 0;
+    for (uint32_t place = 0; place < buffer->sent; ++place) {
         OutPacket* const packet = packetAt(buffer, place);
-        if (!hasPayload(packet)) {
-            givePacket(packet);
-            continue;
-        }
-        lowest = packet->header.seq;
         packet->header = {};
         packet->fragment.firstSeq = 0;
-        setPacketAt(buffer, --kept, packet);
     }
-    while (kept-- > 0)
-        EntryRing_PopFront(buffer->packets);
     buffer->sent = buffer->delayed = 0;
     return lowest;
-}
-
-void sendBufferDropControl(SendBuffer* buffer) {
-    while (buffer->sent != 0 && !hasPayload(packetAt(buffer, 0)))
-        dropFirstSent(buffer);
-    while (buffer->sent != 0 && !hasPayload(packetAt(buffer, buffer->sent - 1))) {
-        const uint32_t slot = EntryRing_Slot(buffer->packets, buffer->sent - 1);
-        givePacket(static_cast<OutPacket*>(EntryRing_RemoveAt(buffer->packets, slot)));
-        --buffer->sent;
-    }
 }
 
 uint64_t sendBufferPayloadBytes(const SendBuffer* buffer) {

@@ -44,8 +44,8 @@ struct OutPacket {
     bool isFragment;
     bool takesMore;           // the buffer was made here: what is behind the payload is free
     FragmentOption fragment;  // firstSeq is stamped with the sequence number
-    Buffer* buffer;           // null: no payload
-    uint32_t offset;          // of the payload in it
+    Buffer* buffer;
+    uint32_t offset;  // of the payload in it
     uint32_t length;
     void* poolOwner;  // the pool's own word, not ours to touch; null for one from the heap
 };
@@ -78,10 +78,6 @@ void sendBufferEndDelay(SendBuffer* buffer);
 [[nodiscard]] bool sendBufferIsFull(const SendBuffer* buffer);       // do senders wait?
 [[nodiscard]] bool sendBufferIsEmpty(const SendBuffer* buffer);      // of all three kinds
 
-// A packet without payload (SYN, SYN-ACK, FIN) under its sequence number, which is the one behind
-// the last sent packet's. Null when memory ran out.
-[[nodiscard]] OutPacket* sendBufferStore(SendBuffer* buffer, const PacketHeader& header);
-
 // The first waiting packet gets the sequence number and counts as sent; null for none.
 [[nodiscard]] OutPacket* sendBufferNext(SendBuffer* buffer, uint64_t seq);
 
@@ -91,14 +87,10 @@ void sendBufferEndDelay(SendBuffer* buffer);
 // Frees what is acknowledged by `ack`, the fragments of a message only together.
 void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack);
 
-// The connection opens anew and keeps its data: all payload that isn't acknowledged, and with it
-// the fragments that were kept for it, waits again ahead of the rest, without numbers; packets
-// without payload (SYN, FIN) are dropped. Nothing is delayed any more. Returns the lowest sequence
-// number of what waits again, 0 for none.
+// The connection opens anew and keeps its data: what isn't acknowledged, and with it the fragments
+// that were kept for it, waits again ahead of the rest, without numbers. Nothing is delayed any
+// more. Returns the lowest sequence number of what waits again, 0 for none.
 uint64_t sendBufferRewind(SendBuffer* buffer);
-
-// Drops sent packets without payload ahead of and behind all sent payload.
-void sendBufferDropControl(SendBuffer* buffer);
 
 // Payload bytes of messages that aren't acknowledged whole.
 [[nodiscard]] uint64_t sendBufferPayloadBytes(const SendBuffer* buffer);

@@ -7,7 +7,6 @@
 
 #include <functional>
 
-#include "lib/msg/message_typed.h"
 #include "tests/support/core_wire.h"
 #include "tests/support/fail_alloc.h"
 
@@ -96,6 +95,7 @@ TEST(EndpointCore, OpensWhateverIsLostOrLate) {
         {"SYN and data in turn",
          {peer({kSyn, 1, 0}, "SYN 1/2; SYN_RECEIVED"), peer({0, 3, 2, 1}, "ACK 1/2; ESTABLISHED"),
           peer({0, 2, 2, 1}, "ACK 1/4; 2 taken"), peer({kSyn, 1, 0}, "ACK 1/4")}},
+        {"packets for nobody", {peer({0, 5, 9, 1}, "RST 9"), peer({kRst, 5, 0}, "")}},
         {"a window of nothing",
          {sends("SYN 1/0; SYN_SENT"), peer({kSyn, 1, 2, 0, 0}, "DATA 2/2; ESTABLISHED"), sends(""),
           peer({0, 1, 3, 0, 0}, "DATA 3/2")}},
@@ -254,39 +254,6 @@ TEST(EndpointCore, IgnoresSynsThatMakeNoSense) {
     wire.takeRaw({kPeer, 0, 1, 0, kSyn | kFin, 32}, &fragment,
                  std::vector<uint8_t>(kFragmentPayloadBytes));
     EXPECT_EQ(wire.done(), "SYN 1/2; SYN_RECEIVED");
-}
-
-TEST(EndpointCore, HoldsSendersBackAndLetsThemGoOn) {
-    CoreWire wire;
-    std::vector<pelmoMsg*> large(1);
-    ASSERT_EQ(pelmoMsg_CreateEx(&large[0], 1400), kStatusSuccess);
-    ASSERT_EQ(pelmoMsg_AddOpaque(large[0], "", std::string(1300, 'x').data(), 1300, 0),
-              kStatusSuccess);
-    kPeerOpens.act(wire);
-    const auto fill = [&](uint32_t packets) {
-        for (uint32_t i = 0; i < packets; ++i) {
-            EndpointOutput out = {};
-            ASSERT_EQ(wire.waiting, nullptr) << i;
-            ASSERT_EQ(endpointSend(&wire.core, wire.now, wire.address(), large, false,
-                                   &wire.waiting, &out),
-                      kStatusSuccess);
-        }
-    };
-    fill(1 + 2733);  // one leaves
-    ASSERT_NE(wire.waiting, nullptr);
-    int waiter = 0;
-    connectionWaiter(wire.waiting) = &waiter;
-    EXPECT_FALSE(connectionHasRoom(wire.waiting));
-    wire.run(1);
-    EXPECT_EQ(wire.wakes, 0u);
-    wire.take({0, 1, 3});
-    EXPECT_EQ(wire.wakes, 1u);
-    EXPECT_TRUE(connectionHasRoom(wire.waiting));
-    wire.closeEnd();
-    EXPECT_EQ(wire.wakes, 2u);
-    EXPECT_TRUE(connectionIsClosed(wire.waiting));
-    connectionLetGo(&wire.core, wire.waiting);
-    pelmoMsg_Destroy(large[0]);
 }
 
 // Every message is delivered, refused, or told as lost.

@@ -107,6 +107,8 @@ TEST(Packet, IsNoneWhereItsLengthsOrItsSumDontFit) {
         {33, {1}, false},           // a record that doesn't cover its own head
         {33, {0}, false},           //
         {32, {5}, true},            // skipped
+        {32, {5, 0}, false},
+        {32, {5, 1, 19}, false},
         {32, {5, 10, 0, 0, 0, 0, 0, 0, 0, 0, 6, 10}, true},
         {32, {5, 18, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 2}, false},
     };

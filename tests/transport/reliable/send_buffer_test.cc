@@ -140,7 +140,7 @@ TEST(SendBuffer, TakesAllMessagesOrNone) {
         }
     }
 
-    EXPECT_GT(failures, 50u);
+    EXPECT_GT(failures, 0u);
 
     HeldSendBuffer buffer;
     GivenMessages given({10, 20});
@@ -157,8 +157,7 @@ TEST(SendBuffer, KeepsAMessageUntilItsLastFragmentIsAcknowledged) {
         uint64_t ack;
         std::string shape;
     } cases[] = {
-        {0, "#5:0 #6:9 #7:1412@0/2900^7 #8:1412@1412/2900^7 #9:76@2824/2900^7 #10:8 20"},
-        {5, "#5:0 #6:9 #7:1412@0/2900^7 #8:1412@1412/2900^7 #9:76@2824/2900^7 #10:8 20"},
+        {0, "#6:9 #7:1412@0/2900^7 #8:1412@1412/2900^7 #9:76@2824/2900^7 #10:8 20"},
         {6, "#6:9 #7:1412@0/2900^7 #8:1412@1412/2900^7 #9:76@2824/2900^7 #10:8 20"},
         {7, "#7:1412@0/2900^7 #8:1412@1412/2900^7 #9:76@2824/2900^7 #10:8 20"},
         {9, "#7:1412@0/2900^7 #8:1412@1412/2900^7 #9:76@2824/2900^7 #10:8 20"},
@@ -172,9 +171,6 @@ TEST(SendBuffer, KeepsAMessageUntilItsLastFragmentIsAcknowledged) {
             if (!stepwise || ack == 0) {
                 sendBufferClear(&buffer);
                 add(&buffer, {9});
-                PacketHeader syn = {};
-                syn.seq = 5;
-                ASSERT_NE(sendBufferStore(&buffer, syn), nullptr);
                 add(&buffer, {2900, 8});
                 sendAll(&buffer, 6);
                 add(&buffer, {20});
@@ -196,19 +192,14 @@ TEST(SendBuffer, TakesAllBackWithoutMemory) {
     HeldSendBuffer buffer;
     const FailAlloc counts{.after = kNeverFails};
     EXPECT_EQ(sendBufferRewind(&buffer), 0u);
-    PacketHeader control = {};
-    control.seq = 1;
-    ASSERT_NE(sendBufferStore(&buffer, control), nullptr);
     add(&buffer, {100});
     add(&buffer, {2900});
     sendAll(&buffer, 2);
     add(&buffer, {2000});
-    control.seq = 6;
-    ASSERT_NE(sendBufferStore(&buffer, control), nullptr);
     add(&buffer, {30}, true);
     const std::string all = buffer.payload();
     EXPECT_EQ(buffer.shape(),
-              "#1:0 #2:100 #3:1412@0/2900^3 #4:1412@1412/2900^3 #5:76@2824/2900^3 #6:0 "
+              "#2:100 #3:1412@0/2900^3 #4:1412@1412/2900^3 #5:76@2824/2900^3 "
               "1412@0/2000 588@1412/2000 | 30");
 
     const size_t allocations = allocationsCounted();
@@ -223,15 +214,10 @@ TEST(SendBuffer, TakesAllBackWithoutMemory) {
               "#43:1412@0/2000^43 #44:588@1412/2000^43 #45:30");
     EXPECT_EQ(allocationsCounted(), allocations);
 
-    // A FIN behind all that is sent is taken back alone.
-    control.seq = 46;
-    ASSERT_NE(sendBufferStore(&buffer, control), nullptr);
     sendBufferAcknowledge(&buffer, 45);
     add(&buffer, {20});
-    sendBufferDropControl(&buffer);
-    EXPECT_EQ(buffer.shape(), "#45:30 20");
     add(&buffer, {20});
-    EXPECT_EQ(buffer.shape(), "#45:30 40");  // and not into what is sent
+    EXPECT_EQ(buffer.shape(), "#45:30 40");  // none joins what is sent
 }
 
 TEST(SendBuffer, IsFullFromItsBacklogOn) {
