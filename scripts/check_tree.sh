@@ -29,6 +29,7 @@ broken_scripts() { shell_scripts | while read -r f; do bash -n "$f"; done; }
 not_executable() { files . | xargs -r -d '\n' grep -lE -m 1 '^#!/' | while read -r f; do
     [ ! -x "$f" ] && head -c 2 "$f" | grep -q '#!' && echo "$f"; done; }
 sleeping_tests() { files 'tests/*.cc' 'tests/*.h' | xargs -r grep -nE '\b(u|nano)?sleep(_for|_until)?\('; }
+text_as_markup() { git grep -nIE --untracked '(inner|outer)HTML|insertAdjacentHTML|document\.write|createContextualFragment|\b(eval|Function)\(' -- 'watch/web/*.js'; }
 trailing_blanks() { git grep -nIE --untracked '[[:blank:]]+$' -- '*.cc' '*.h' '*.sh' '*.py' '*.txt' '*.cmake' '*.md' ':!tests/e2e/cases'; }
 
 rule "includes that don't point down" python3 scripts/check_layers .
@@ -39,6 +40,7 @@ rule "sources above 800 lines" long_sources
 rule "shell scripts that don't parse" broken_scripts
 rule "scripts that aren't executable" not_executable
 rule "tests that sleep" sleeping_tests
+rule "pages that make markup or a script of text" text_as_markup
 rule "blanks at the end of a line" trailing_blanks
 rule "words that have no place in the tree" search \
     '\bthe sp[e]c\b|sp[e]c\.md|sp[e]cification document|\bP[a]rts? [1-7](\.[0-9])?\b|\bper sp[e]c\b'

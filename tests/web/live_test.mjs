@@ -1,34 +1,48 @@
-// live_test.mjs: the live page in a browser, with snapshots that `pelmowatch json` writes of a
-// sample. PELMO_WATCH is the program, PELMO_SITE the folder of the built page.
+// live_test.mjs: the live page in a browser, as `pelmowatch serve` serves it with a sample. What no
+// saved capture does comes from a server of the test's own. PELMO_WATCH is the program, PELMO_SITE
+// the folder of the built page.
 
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { fileURLToPath } from "node:url";
 import test, { after, before } from "node:test";
 import { inkOf, launch, openPage, picture, rowTexts } from "./browser.mjs";
+import { readWhole, serve } from "./serve.mjs";
 import { standServer } from "./stand_server.mjs";
 
-const pathOf = (name) => fileURLToPath(new URL(`../../${name}`, import.meta.url));
-const text = execFileSync(process.env.PELMO_WATCH, ["json", "-r", pathOf("samples/bus.pcap"), "-u", "2", "--senders"], { encoding: "utf8" });
+const source = ["-r", fileURLToPath(new URL("../../samples/bus.pcap", import.meta.url)), "-u", "2", "--senders"];
+const text = execFileSync(process.env.PELMO_WATCH, ["json", ...source], { encoding: "utf8" });
 const snapshots = text.trim().split("\n").map((line) => JSON.parse(line));
 
 let browser;
-before(async () => { browser = await launch(); });
-after(() => browser.close());
+let served;
+before(async () => {
+    browser = await launch();
+    served = await serve(...source);
+    await readWhole(served.url);
+});
+after(async () => {
+    await browser.close();
+    assert.equal(await served.stop(), 0);
+});
 
-async function open(sent, options) {
-    const server = await standServer(process.env.PELMO_SITE, pathOf("watch/web/assets.h"));
-    for (const snapshot of sent) server.send(snapshot);
-    const opened = await openPage(browser, server.url, options);
+async function open(options, url = served.url) {
+    const opened = await openPage(browser, url, options);
     const table = opened.page.locator("#tables > .table:not([hidden])");
     await opened.page.locator("#time:not(:empty)").waitFor();
-    return { ...opened, server, table };
+    return { ...opened, table };
 }
 
-async function close({ server, faults, close: closePage }) {
+async function close({ faults, close: closePage }) {
     await closePage();
-    await server.hangUp();
     assert.deepEqual(faults, []);
+}
+
+async function openStand(snapshot) {
+    const server = await standServer(process.env.PELMO_SITE);
+    server.send(snapshot);
+    const opened = await open({}, server.url);
+    return { ...opened, server, close: async () => { await opened.close(); await server.stop(); } };
 }
 
 const count = (number) => number.toLocaleString("en-US");
@@ -45,9 +59,9 @@ function sumsByGroup(rows) {
 }
 
 test("the page shows what the server tells", async () => {
-    const opened = await open(snapshots);
-    const { page, table, server } = opened;
-    const latest = await (await fetch(`${server.url}snapshot.json`)).json();
+    const opened = await open();
+    const { page, table } = opened;
+    const latest = await (await fetch(`${served.url}snapshot.json`)).json();
     assert.deepEqual((await rowTexts(table)).sort(), sumsByGroup(latest.multicast).sort());
     const totals = latest.totals.multicast;
     assert.deepEqual((await table.locator(".sums td").allTextContents()).slice(3), Object.values(totals).map(count));
@@ -67,7 +81,7 @@ test("the page shows what the server tells", async () => {
 });
 
 test("tables sort by a click and keep to a filter", async () => {
-    const opened = await open(snapshots);
+    const opened = await open();
     const { page, table } = opened;
     await page.click("#tab-subjects");
     const heading = table.getByRole("columnheader", { name: "Messages" });
@@ -92,7 +106,7 @@ test("tables sort by a click and keep to a filter", async () => {
 });
 
 test("the keyboard reaches a row, opens it and comes back", async () => {
-    const opened = await open(snapshots);
+    const opened = await open();
     const { page, table } = opened;
     const focused = () => page.evaluate(() => document.activeElement.getAttribute("role") ?? document.activeElement.tagName);
     await page.focus("#tab-multicast");
@@ -129,16 +143,16 @@ test("the keyboard reaches a row, opens it and comes back", async () => {
 });
 
 test("a lost connection is told, and what was missed comes", async () => {
-    const opened = await open(snapshots.slice(0, 2));
+    const opened = await openStand(snapshots[0]);
     const { page, server } = opened;
-    await server.hangUp();
+    await server.stop();
     await page.locator("#lost").waitFor();
     opened.faults.length = 0;
-    server.send(snapshots[2]);
+    server.send(snapshots[1]);
     await server.comeBack();
     await page.locator("#lost").waitFor({ state: "hidden" });
     const data = (await page.locator(".sums td").allTextContents())[3];
-    assert.equal(data, count(snapshots[2].totals.multicast.data_packets));
+    assert.equal(data, count(snapshots[1].totals.multicast.data_packets));
     // The browser itself tells of connections that were refused meanwhile.
     opened.faults.splice(0, opened.faults.length, ...opened.faults.filter((fault) => !fault.includes("ERR_CONNECTION")));
     await close(opened);
@@ -154,7 +168,7 @@ function crowd() {
 }
 
 test("200,000 subjects are as quick as ten, and markup stays text", async () => {
-    const opened = await open(snapshots);
+    const opened = await openStand(snapshots[0]);
     const { page, table, server } = opened;
     await page.click("#tab-subjects");
     server.send(crowd());
@@ -178,7 +192,7 @@ test("200,000 subjects are as quick as ten, and markup stays text", async () => 
 test("light and dark, wide and narrow fit their window", async () => {
     for (const [width, height] of [[1280, 800], [400, 860]]) {
         for (const colorScheme of ["light", "dark"]) {
-            const opened = await open(snapshots, { width, height, colorScheme });
+            const opened = await open({ width, height, colorScheme });
             const { page, table } = opened;
             const background = await page.evaluate(() => getComputedStyle(document.body).backgroundColor.match(/\d+/g).map(Number));
             assert.equal(background[0] < 128, colorScheme === "dark");

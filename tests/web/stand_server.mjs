@@ -1,5 +1,5 @@
-// A server of the test's own: the built pages, snapshots that the test hands it, and the histories
-// of what it handed on. It answers as `pelmowatch serve` does, and can hang up.
+// A server of the test's own, for what `pelmowatch serve` can't be made to do: it sends the snapshots
+// that the test hands it, and hangs up when told to. It keeps no history.
 
 import { createServer } from "node:http";
 import { readFileSync } from "node:fs";
@@ -10,72 +10,33 @@ const kFiles = {
     "/page.js": ["page.js", "text/javascript; charset=utf-8"],
     "/page.css": ["page.css", "text/css; charset=utf-8"],
 };
+const kNoHistory = JSON.stringify({ interval_seconds: 1, times: [], series: {} });
 
-// The policy stands in the header that the real server sends it from.
-function securityPolicy(header) {
-    const text = readFileSync(header, "utf8");
-    const lines = text.slice(text.indexOf("kWebContentSecurityPolicy")).split(";\n")[0];
-    return [...lines.matchAll(/"([^"]*)"/g)].map((match) => match[1]).join("");
-}
-
-function flatNumbers(snapshot) {
-    const numbers = { bus_packets: snapshot.bus_packets };
-    for (const [table, totals] of Object.entries(snapshot.totals)) {
-        for (const [name, value] of Object.entries(totals)) numbers[`${table}.${name}`] = value;
-    }
-    return numbers;
-}
-
-// Sums the numbers of the rows of `table` that the query names.
-function rowNumbers(snapshot, query) {
-    const fits = (row) => ["port", "group", "subject", "scid"].every((name) => !query.has(name) || String(row[name]) === query.get(name)) &&
-        (!query.has("host") || [row.sender, row.host].includes(query.get("host")));
-    const numbers = {};
-    for (const row of snapshot[query.get("table")].filter(fits)) {
-        for (const [name, value] of Object.entries(row)) {
-            if (/_|messages/.test(name) && typeof value === "number") numbers[name] = (numbers[name] ?? 0) + value;
-        }
-    }
-    return numbers;
-}
-
-function historyOf(snapshots, query) {
-    const numbers = snapshots.map((snapshot) => (query.has("table") ? rowNumbers(snapshot, query) : flatNumbers(snapshot)));
-    const names = new Set(numbers.flatMap((one) => Object.keys(one)));
-    return {
-        interval_seconds: snapshots[0]?.elapsed_seconds ?? 1,
-        times: snapshots.map((snapshot) => Date.parse(snapshot.time) / 1000),
-        series: Object.fromEntries([...names].map((name) => [name, numbers.map((one) => one[name] ?? 0)])),
-    };
-}
-
-// Listens on a port of the loopback that the system gives.
-export async function standServer(site, header) {
-    const policy = securityPolicy(header);
-    const sent = [];
+// Listens on a port of the loopback that the system gives. `site` is the folder of the built page.
+export async function standServer(site) {
+    let latest = null;
     const streams = new Set();
+    const eventOf = (snapshot) => `event: snapshot\ndata: ${JSON.stringify(snapshot)}\n\n`;
 
     function answer(response, type, body) {
-        response.writeHead(200, { "Content-Type": type, "Content-Security-Policy": policy, "Cache-Control": "no-store" });
+        response.writeHead(200, { "Content-Type": type, "Cache-Control": "no-store" });
         response.end(body);
     }
 
     function stream(response) {
         response.writeHead(200, { "Content-Type": "text/event-stream", "Cache-Control": "no-store" });
         response.write("retry: 200\n\n");
-        if (sent.length > 0) response.write(eventOf(sent.at(-1)));
+        if (latest !== null) response.write(eventOf(latest));
         streams.add(response);
         response.on("close", () => streams.delete(response));
     }
 
-    const eventOf = (snapshot) => `event: snapshot\ndata: ${JSON.stringify(snapshot)}\n\n`;
     const server = createServer((request, response) => {
-        const url = new URL(request.url, "http://localhost");
-        const file = kFiles[url.pathname];
+        const { pathname } = new URL(request.url, "http://localhost");
+        const file = kFiles[pathname];
         if (file) answer(response, file[1], readFileSync(join(site, file[0])));
-        else if (url.pathname === "/events") stream(response);
-        else if (url.pathname === "/snapshot.json") answer(response, "application/json", JSON.stringify(sent.at(-1)));
-        else if (url.pathname === "/history.json") answer(response, "application/json", JSON.stringify(historyOf(sent, url.searchParams)));
+        else if (pathname === "/events") stream(response);
+        else if (pathname === "/history.json") answer(response, "application/json", kNoHistory);
         else response.writeHead(404).end();
     });
     const listen = (port) => new Promise((done) => server.listen(port, "127.0.0.1", done));
@@ -84,10 +45,10 @@ export async function standServer(site, header) {
     return {
         url: `http://127.0.0.1:${port}/`,
         send(snapshot) {
-            sent.push(snapshot);
+            latest = snapshot;
             for (const response of streams) response.write(eventOf(snapshot));
         },
-        async hangUp() {
+        async stop() {
             const closed = new Promise((done) => server.close(done));
             server.closeAllConnections();
             await closed;

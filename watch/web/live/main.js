@@ -99,6 +99,7 @@ function showCounts() {
 
 function showHead() {
     const { snapshot, timeMs, elapsedSeconds } = model;
+    showState();
     setText(byId("time"), formatDateTime(timeMs));
     setText(byId("interval"), isRate ? `rates a second over ${formatSpan(elapsedSeconds)}` : `counts of ${formatSpan(elapsedSeconds)}`);
     const lost = snapshot.kernel_dropped_frames ?? 0;
@@ -142,10 +143,18 @@ function setRate(rate) {
 }
 
 let lostSince = null;
+let isConnected = false;
+
+// Only a saved capture tells of a file.
+function showState() {
+    const isSaved = model !== null && model.snapshot.file_bytes !== undefined;
+    setText(byId("state"), !isConnected ? "connection lost" : isSaved ? "saved capture" : "live");
+}
 
 async function onState(state) {
     byId("state").className = state;
-    setText(byId("state"), state === "live" ? "live" : "connection lost");
+    isConnected = state === "live";
+    showState();
     byId("lost").hidden = state === "live";
     if (state === "lost") {
         lostSince ??= Date.now();

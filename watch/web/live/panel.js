@@ -27,6 +27,13 @@ function historyQuery(table, row, host) {
     return { table, port, group, subject, host: host?.address, scid: host?.scid };
 }
 
+// Where the details lie over everything (page.css), nothing beneath them is reached by the keyboard.
+const liesOver = matchMedia("(max-width: 900px)");
+
+function setCovered(covered) {
+    for (const part of document.querySelectorAll(".top, #tiles, .tables-side")) part.inert = covered;
+}
+
 // onClose() behind a close by the reader. context() is {model, history, scale}; the model may be
 // null.
 export function makePanel({ context, onClose }) {
@@ -65,7 +72,7 @@ export function makePanel({ context, onClose }) {
         shown = null;
         ++question;
         panel.hidden = true;
-        document.body.classList.remove("has-panel");
+        setCovered(false);
     }
 
     function show(what) {
@@ -76,7 +83,7 @@ export function makePanel({ context, onClose }) {
         charts.replaceChildren(...drawn.map(({ chart }) => chart.element));
         makeHosts();
         panel.hidden = false;
-        document.body.classList.add("has-panel");
+        setCovered(liesOver.matches);
         update();
     }
 

@@ -92,7 +92,7 @@ function sumsInSight(plot) {
 // pointer is elsewhere the caption has the last values or, where `sums`, the sums of what is in sight.
 // `group` joins charts of the same times: they share the pointer and, where `zooms`, the zoom.
 export function makeChart({ title, lines, unit = "", height = 120, bars = false, zooms = false, sums = false, group }) {
-    const values = lines.map(() => element("output", { class: "value" }));
+    const values = lines.map(() => element("span", { class: "value" }));
     const keys = lines.map((line, i) => element("span", { class: `key ${line.colour}` },
         element("i", { "aria-hidden": "true" }), line.label === "" ? "" : `${line.label} `, values[i]));
     const when = element("span", { class: "when" });
@@ -140,10 +140,13 @@ export function makeChart({ title, lines, unit = "", height = 120, bars = false,
     }
 
     function onFocus() {
+        // Read aloud while the reader moves through it, and not with each interval.
+        caption.setAttribute("aria-live", "polite");
         if (place.matches(":focus-visible") && plot.cursor.idx == null) pointAt(plot.data[0].length - 1);
     }
 
     function onBlur() {
+        caption.setAttribute("aria-live", "off");
         moveCursors({ left: -10, top: -10 });
     }
 

@@ -1,5 +1,5 @@
-// Elements of the page. Text from the bus becomes a text node here and never markup: no module of
-// the pages writes innerHTML.
+// Elements of the page. Text from the bus becomes a text node here and never markup:
+// scripts/check_tree.sh holds all modules of the pages to that.
 
 // element("td", {class: "number", click: f}, "text", child): attributes whose value is a function
 // are listeners, null and false leave an attribute out.

@@ -243,7 +243,8 @@ export function makeTable(options) {
 }
 
 function makeHeading(column, onClick) {
-    const button = element("button", { type: "button", title: column.help, click: onClick }, column.label);
+    const button = element("button", { type: "button", title: column.help, click: onClick }, column.label,
+        column.suffix ? element("span", { class: "minor" }, ` ${column.suffix}`) : null);
     return element("th", { scope: "col", class: columnClass(column), "aria-sort": "none" }, button);
 }
 

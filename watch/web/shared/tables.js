@@ -46,7 +46,7 @@ function sent({ key, label, help, more }) {
 
 function sides(pairs) {
     return pairs.flatMap(({ key, label, help, more }) => [
-        number(`${key}_sent`, `${label} out`, `${help}, sent by the host`, more),
+        number(`${key}_sent`, label, `${help}, sent by the host`, { ...more, suffix: "out" }),
         number(`${key}_received`, `in`, `${help}, sent to the host`, { ...more, minor: true, isSecond: true }),
     ]);
 }
