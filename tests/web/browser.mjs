@@ -15,19 +15,39 @@ const pictures = process.env.PELMO_PICTURES;
 // Root has no sandbox of the browser's; what is loaded are pages of the tests' own.
 export function launch() {
     assert.ok(program, "no Chromium: scripts/setup.sh installs it");
-    return chromium.launch({ executablePath: program, args: process.getuid() === 0 ? ["--no-sandbox"] : [] });
+    return chromium.launch({
+        executablePath: program,
+        args: process.getuid() === 0 ? ["--no-sandbox"] : [],
+    });
 }
 
 // A page in a context of its own, in UTC. `faults` gets console errors, exceptions and requests to
 // anywhere but `url`.
-export async function openPage(browser, url, { width = 1280, height = 800, colorScheme = "light" } = {}) {
-    const context = await browser.newContext({ viewport: { width, height }, colorScheme, timezoneId: "UTC" });
+export async function openPage(
+    browser,
+    url,
+    { width = 1280, height = 800, colorScheme = "light" } = {},
+) {
+    const context = await browser.newContext({
+        viewport: { width, height },
+        colorScheme,
+        timezoneId: "UTC",
+    });
     context.setDefaultTimeout(10000);
     const page = await context.newPage();
     const faults = [];
-    page.on("console", (message) => ["error", "warning"].includes(message.type()) && faults.push(message.text()));
+    page.on(
+        "console",
+        (message) => ["error", "warning"].includes(message.type()) && faults.push(message.text()),
+    );
     page.on("pageerror", (error) => faults.push(error.stack));
-    page.on("request", (request) => !request.url().startsWith(url) && !request.url().startsWith("data:") && faults.push(request.url()));
+    page.on(
+        "request",
+        (request) =>
+            !request.url().startsWith(url) &&
+            !request.url().startsWith("data:") &&
+            faults.push(request.url()),
+    );
     await page.goto(url);
     return { page, faults, close: () => context.close() };
 }
@@ -44,7 +64,9 @@ export function inkOf(canvas) {
 
 // The texts of the rows that a table draws, below its headings and sums.
 export function rowTexts(table) {
-    return table.locator("tbody tr:not(.space)").evaluateAll((rows) => rows.map((row) => [...row.cells].map((cell) => cell.textContent)));
+    return table
+        .locator("tbody tr:not(.space)")
+        .evaluateAll((rows) => rows.map((row) => [...row.cells].map((cell) => cell.textContent)));
 }
 
 export async function picture(page, name) {

@@ -4,23 +4,49 @@ import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import test from "node:test";
 import { makeFilter } from "../../watch/web/shared/filter.js";
-import { formatNarrow, formatNumber, formatShort, formatSpan } from "../../watch/web/shared/format.js";
+import {
+    formatNarrow,
+    formatNumber,
+    formatShort,
+    formatSpan,
+} from "../../watch/web/shared/format.js";
 import { sortedIndices } from "../../watch/web/shared/sort.js";
 import { tables } from "../../watch/web/shared/tables.js";
 
-const hosts = [{ address: "10.0.0.1", scid: 20000 }, { address: "10.0.1.12", scid: null }];
+const hosts = [
+    { address: "10.0.0.1", scid: 20000 },
+    { address: "10.0.1.12", scid: null },
+];
 const group = { port: 7500, group: "239.255.0.1", hosts };
 const subject = { port: 7501, group: "239.255.0.2", subject: "PRICES.Gold.NY", hosts: null };
 
 test("a filter fits what its words say", () => {
     for (const [text, row, fits] of [
-        ["PRICES.>", subject, true], ["PRICES.Gold.NY.>", subject, false], ["PRICES.*.NY", subject, true],
-        ["PRICES.*", subject, false], [">", subject, true], ["*.*.*", subject, true], ["prices.*.NY", subject, false],
-        ["gold", subject, true], ["gold silver", subject, false], ["gold :7501", subject, true], [">", group, false],
-        ["10.0.0.1", group, true], ["10.0.0.", group, true], ["10.0.1.1", group, false], ["239.255.0.1", group, true],
-        ["10.0.0.0/23", group, true], ["10.0.2.0/23", group, false], ["0.0.0.0/0", group, true], ["10.0.1.12/32", group, true],
-        [":7500", group, true], [":75", group, false], ["20000", group, true], ["7501", group, false],
-        ["(", subject, false], ["gold\t NY ", subject, true],
+        ["PRICES.>", subject, true],
+        ["PRICES.Gold.NY.>", subject, false],
+        ["PRICES.*.NY", subject, true],
+        ["PRICES.*", subject, false],
+        [">", subject, true],
+        ["*.*.*", subject, true],
+        ["prices.*.NY", subject, false],
+        ["gold", subject, true],
+        ["gold silver", subject, false],
+        ["gold :7501", subject, true],
+        [">", group, false],
+        ["10.0.0.1", group, true],
+        ["10.0.0.", group, true],
+        ["10.0.1.1", group, false],
+        ["239.255.0.1", group, true],
+        ["10.0.0.0/23", group, true],
+        ["10.0.2.0/23", group, false],
+        ["0.0.0.0/0", group, true],
+        ["10.0.1.12/32", group, true],
+        [":7500", group, true],
+        [":75", group, false],
+        ["20000", group, true],
+        ["7501", group, false],
+        ["(", subject, false],
+        ["gold\t NY ", subject, true],
     ]) {
         assert.equal(makeFilter(text)(row), fits, `${text} of ${row.subject ?? row.group}`);
     }
@@ -28,7 +54,12 @@ test("a filter fits what its words say", () => {
 });
 
 test("rows sort by value, equal ones keep their order, none comes last", () => {
-    const rows = [{ n: 9, a: "10.0.0.9" }, { n: null, a: "9.0.0.1" }, { n: 10, a: "10.0.0.10" }, { n: 9, a: "x" }];
+    const rows = [
+        { n: 9, a: "10.0.0.9" },
+        { n: null, a: "9.0.0.1" },
+        { n: 10, a: "10.0.0.10" },
+        { n: 9, a: "x" },
+    ];
     const order = (column, descending) => [...sortedIndices(rows, column, descending)];
     assert.deepEqual(order({ key: "n", kind: "number" }, true), [2, 0, 3, 1]);
     assert.deepEqual(order({ key: "n", kind: "number" }, false), [0, 3, 2, 1]);
@@ -38,19 +69,48 @@ test("rows sort by value, equal ones keep their order, none comes last", () => {
 });
 
 test("numbers and times read well at every size", () => {
-    assert.deepEqual([0, 1234567, 0.04, 12.25, 12345.6, null].map(formatNumber), ["0", "1,234,567", "0.04", "12.3", "12,346", "–"]);
-    assert.deepEqual([0, 9999, 10000, 12345678, 9999.5, 999950000].map((n) => formatShort(n, "B")),
-        ["0 B", "9,999 B", "10 kB", "12.35 MB", "10 kB", "1,000 MB"]);
+    assert.deepEqual([0, 1234567, 0.04, 12.25, 12345.6, null].map(formatNumber), [
+        "0",
+        "1,234,567",
+        "0.04",
+        "12.3",
+        "12,346",
+        "–",
+    ]);
+    assert.deepEqual(
+        [0, 9999, 10000, 12345678, 9999.5, 999950000].map((n) => formatShort(n, "B")),
+        ["0 B", "9,999 B", "10 kB", "12.35 MB", "10 kB", "1,000 MB"],
+    );
     assert.deepEqual([99999, 1234567].map(formatNarrow), ["99,999", "1,235 k"]);
-    assert.deepEqual([2, 59.96, 200, 7500, 90000].map(formatSpan), ["2.0 s", "60.0 s", "3 min 20 s", "2 h 5 min", "1 d 1 h"]);
+    assert.deepEqual([2, 59.96, 200, 7500, 90000].map(formatSpan), [
+        "2.0 s",
+        "60.0 s",
+        "3 min 20 s",
+        "2 h 5 min",
+        "1 d 1 h",
+    ]);
 });
 
 test("the columns are those of the JSON", () => {
-    const { $defs } = JSON.parse(readFileSync(new URL("../../docs/pelmowatch.schema.json", import.meta.url)));
-    const rows = { multicast: "multicast", subjects: "subject_sender", retransmission: "retransmission", point_to_point: "point_to_point" };
+    const { $defs } = JSON.parse(
+        readFileSync(new URL("../../docs/pelmowatch.schema.json", import.meta.url)),
+    );
+    const rows = {
+        multicast: "multicast",
+        subjects: "subject_sender",
+        retransmission: "retransmission",
+        point_to_point: "point_to_point",
+    };
     const places = ["port", "group", "sender", "host", "scid", "service_port"];
     for (const [name, row] of Object.entries(rows)) {
         const numbers = Object.keys($defs[row].properties).filter((key) => !places.includes(key));
-        assert.deepEqual(tables[name].hostColumns.slice(2).map((column) => column.key).sort(), numbers.sort(), name);
+        assert.deepEqual(
+            tables[name].hostColumns
+                .slice(2)
+                .map((column) => column.key)
+                .sort(),
+            numbers.sort(),
+            name,
+        );
     }
 });

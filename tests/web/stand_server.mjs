@@ -24,7 +24,10 @@ export async function standServer(site) {
     }
 
     function stream(response) {
-        response.writeHead(200, { "Content-Type": "text/event-stream", "Cache-Control": "no-store" });
+        response.writeHead(200, {
+            "Content-Type": "text/event-stream",
+            "Cache-Control": "no-store",
+        });
         response.write("retry: 200\n\n");
         if (latest !== null) response.write(eventOf(latest));
         streams.add(response);

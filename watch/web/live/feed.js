@@ -51,7 +51,11 @@ export function openFeed({ onSnapshot, onState }) {
 // {interval_seconds, times, series}; of the totals where no row is given. Null where the server
 // doesn't have it.
 export async function fetchHistory(row = {}) {
-    const query = String(new URLSearchParams(Object.entries(row).filter(([, value]) => value !== undefined && value !== null)));
+    const query = String(
+        new URLSearchParams(
+            Object.entries(row).filter(([, value]) => value !== undefined && value !== null),
+        ),
+    );
     try {
         const answer = await fetch(query === "" ? "/history.json" : `/history.json?${query}`);
         return answer.ok ? await answer.json() : null;

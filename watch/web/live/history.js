@@ -17,7 +17,8 @@ export function numbersOf(snapshot) {
         numbers[`faults.${key}`] = fault.packets;
         numbers["faults.packets"] += fault.packets;
     }
-    numbers.lost_frames = (snapshot.kernel_dropped_frames ?? 0) + (snapshot.interface_dropped_frames ?? 0);
+    numbers.lost_frames =
+        (snapshot.kernel_dropped_frames ?? 0) + (snapshot.interface_dropped_frames ?? 0);
     return numbers;
 }
 

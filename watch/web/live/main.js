@@ -38,19 +38,35 @@ const panel = makePanel({
     },
 });
 
-const shownTables = Object.fromEntries(tableNames.map((name) => [name, makeTable({
-    label: tables[name].title, columns: tables[name].columns, sortBy: tables[name].sortBy,
-    onOpen: (row) => openRow(name, row),
-})]));
+const shownTables = Object.fromEntries(
+    tableNames.map((name) => [
+        name,
+        makeTable({
+            label: tables[name].title,
+            columns: tables[name].columns,
+            sortBy: tables[name].sortBy,
+            onOpen: (row) => openRow(name, row),
+        }),
+    ]),
+);
 shownTables.faults = makeTable({
-    label: "Faults by kind", columns: faultColumns, sortBy: "packets", onOpen: (row) => {
+    label: "Faults by kind",
+    columns: faultColumns,
+    sortBy: "packets",
+    onOpen: (row) => {
         shownTables.faults.setOpenRow(row);
         panel.openFault(row.key);
     },
 });
 
-const tabs = makeTabs([...tableNames.map((key) => ({ key, title: tables[key].title })), { key: "faults", title: "Faults" }],
-    "tables", chooseTab);
+const tabs = makeTabs(
+    [
+        ...tableNames.map((key) => ({ key, title: tables[key].title })),
+        { key: "faults", title: "Faults" },
+    ],
+    "tables",
+    chooseTab,
+);
 const tiles = makeTiles((table) => {
     if (table !== tab) tabs.choose(table);
     if (table !== "faults") panel.openTotals(table);
@@ -73,21 +89,30 @@ function chooseTab(key) {
 function emptyText(filterText, rowCount) {
     if (model === null) return "Waiting for the first interval.";
     if (rowCount === 0) return "Nothing in this interval.";
-    if (tab !== "subjects" && filterNeedsSubjects(filterText)) return "A pattern of subjects fits rows of the table Subjects only.";
+    if (tab !== "subjects" && filterNeedsSubjects(filterText))
+        return "A pattern of subjects fits rows of the table Subjects only.";
     return "No row fits the filter.";
 }
 
 function showTable() {
     const isFaults = tab === "faults";
-    const rows = isFaults ? faults.rows() : model?.rows[tab] ?? [];
+    const rows = isFaults ? faults.rows() : (model?.rows[tab] ?? []);
     const text = byId("filter").value;
     const fits = isFaults ? null : makeFilter(text);
     const shown = fits === null ? rows : rows.filter(fits);
     const table = shownTables[tab];
-    const sums = isFaults || rows.length === 0 ? [] : [{ title: "Totals", ...sumRows(shown, tables[tab].columns) }];
-    table.setEmptyText(isFaults ? "No faults since the page was opened." : emptyText(text, rows.length));
+    const sums =
+        isFaults || rows.length === 0
+            ? []
+            : [{ title: "Totals", ...sumRows(shown, tables[tab].columns) }];
+    table.setEmptyText(
+        isFaults ? "No faults since the page was opened." : emptyText(text, rows.length),
+    );
     table.setRows(shown, sums, scale());
-    setText(byId("fits"), fits === null ? "" : `${formatCount(shown.length)} of ${formatCount(rows.length)}`);
+    setText(
+        byId("fits"),
+        fits === null ? "" : `${formatCount(shown.length)} of ${formatCount(rows.length)}`,
+    );
     byId("filter").disabled = isFaults;
 }
 
@@ -101,10 +126,18 @@ function showHead() {
     const { snapshot, timeMs, elapsedSeconds } = model;
     showState();
     setText(byId("time"), formatDateTime(timeMs));
-    setText(byId("interval"), isRate ? `rates a second over ${formatSpan(elapsedSeconds)}` : `counts of ${formatSpan(elapsedSeconds)}`);
+    setText(
+        byId("interval"),
+        isRate
+            ? `rates a second over ${formatSpan(elapsedSeconds)}`
+            : `counts of ${formatSpan(elapsedSeconds)}`,
+    );
     const lost = snapshot.kernel_dropped_frames ?? 0;
     byId("drops").hidden = lost === 0;
-    setText(byId("drops"), `This machine lost ${formatCount(lost)} frames in the interval: gaps may be its own.`);
+    setText(
+        byId("drops"),
+        `This machine lost ${formatCount(lost)} frames in the interval: gaps may be its own.`,
+    );
 }
 
 function showAll() {
@@ -158,7 +191,10 @@ async function onState(state) {
     byId("lost").hidden = state === "live";
     if (state === "lost") {
         lostSince ??= Date.now();
-        setText(byId("lost"), `The connection is lost since ${formatTime(lostSince)}. The page tries again by itself; what it shows is the last it got.`);
+        setText(
+            byId("lost"),
+            `The connection is lost since ${formatTime(lostSince)}. The page tries again by itself; what it shows is the last it got.`,
+        );
         return;
     }
     lostSince = null;

@@ -6,7 +6,9 @@ import { tables } from "../shared/tables.js";
 export const tableNames = Object.keys(tables);
 
 function numberKeys(name) {
-    return tables[name].hostColumns.filter((column) => column.kind === "number" && !column.isState).map((column) => column.key);
+    return tables[name].hostColumns
+        .filter((column) => column.kind === "number" && !column.isState)
+        .map((column) => column.key);
 }
 
 // Rows of the JSON are of one host each. Each becomes an entry of `hosts` of the row that it belongs
@@ -46,10 +48,16 @@ export function makeModel(snapshot) {
         timeMs: Date.parse(snapshot.time),
         elapsedSeconds: snapshot.elapsed_seconds,
         rows: {
-            multicast: gather(snapshot.multicast, numberKeys("multicast"), (host) => ({ port: host.port, group: host.group })),
+            multicast: gather(snapshot.multicast, numberKeys("multicast"), (host) => ({
+                port: host.port,
+                group: host.group,
+            })),
             subjects: subjectRows(snapshot.subjects),
-            retransmission: gather(snapshot.retransmission, numberKeys("retransmission"),
-                (host) => ({ port: host.port, servicePort: host.service_port })),
+            retransmission: gather(
+                snapshot.retransmission,
+                numberKeys("retransmission"),
+                (host) => ({ port: host.port, servicePort: host.service_port }),
+            ),
             point_to_point: gather(snapshot.point_to_point, numberKeys("point_to_point"), port),
         },
     };

@@ -19,7 +19,9 @@ function rowPlace(row) {
 }
 
 function hostTitle(host) {
-    return host.scid === null || host.scid === undefined ? host.address : `${host.address} SCid ${host.scid}`;
+    return host.scid === null || host.scid === undefined
+        ? host.address
+        : `${host.address} SCid ${host.scid}`;
 }
 
 function historyQuery(table, row, host) {
@@ -31,7 +33,8 @@ function historyQuery(table, row, host) {
 const liesOver = matchMedia("(max-width: 900px)");
 
 function setCovered(covered) {
-    for (const part of document.querySelectorAll(".top, #tiles, .tables-side")) part.inert = covered;
+    for (const part of document.querySelectorAll(".top, #tiles, .tables-side"))
+        part.inert = covered;
 }
 
 // onClose() behind a close by the reader. context() is {model, history, scale}; the model may be
@@ -39,12 +42,31 @@ function setCovered(covered) {
 export function makePanel({ context, onClose }) {
     const title = element("h2", { id: "panel-title", tabindex: "-1" });
     const place = element("p", { class: "place" });
-    const close = element("button", { type: "button", class: "plain close", "aria-label": "Close details", title: "Close (Escape)", click: closeByReader }, "×");
-    const all = element("button", { type: "button", class: "plain all", click: () => chooseHost(null) }, "All hosts");
+    const close = element(
+        "button",
+        {
+            type: "button",
+            class: "plain close",
+            "aria-label": "Close details",
+            title: "Close (Escape)",
+            click: closeByReader,
+        },
+        "×",
+    );
+    const all = element(
+        "button",
+        { type: "button", class: "plain all", click: () => chooseHost(null) },
+        "All hosts",
+    );
     const charts = element("div", { class: "charts" });
     const hosts = element("div", { class: "hosts" });
-    const panel = element("section", { class: "panel", "aria-labelledby": "panel-title", hidden: true, keydown: onKey },
-        element("header", {}, element("div", {}, title, place), all, close), charts, hosts);
+    const panel = element(
+        "section",
+        { class: "panel", "aria-labelledby": "panel-title", hidden: true, keydown: onKey },
+        element("header", {}, element("div", {}, title, place), all, close),
+        charts,
+        hosts,
+    );
 
     // What is shown: {table, row, host} of a row, {table} of a table's totals, {fault} of a fault.
     let shown = null;
@@ -79,7 +101,10 @@ export function makePanel({ context, onClose }) {
         shown = what;
         for (const { chart } of drawn) chart.destroy();
         const group = makeChartGroup("details");
-        drawn = chartsOf(what).map((options) => ({ options, chart: makeChart({ ...options, height: 112, group }) }));
+        drawn = chartsOf(what).map((options) => ({
+            options,
+            chart: makeChart({ ...options, height: 112, group }),
+        }));
         charts.replaceChildren(...drawn.map(({ chart }) => chart.element));
         makeHosts();
         panel.hidden = false;
@@ -89,7 +114,12 @@ export function makePanel({ context, onClose }) {
 
     function chartsOf({ table, fault }) {
         if (fault === undefined) return tables[table].charts;
-        return [{ title: "Packets", lines: [{ key: `faults.${fault}`, label: formatKey(fault), colour: "red" }] }];
+        return [
+            {
+                title: "Packets",
+                lines: [{ key: `faults.${fault}`, label: formatKey(fault), colour: "red" }],
+            },
+        ];
     }
 
     function makeHosts() {
@@ -97,9 +127,17 @@ export function makePanel({ context, onClose }) {
         hosts.replaceChildren();
         if (shown.row === undefined) return;
         const { hostColumns, sortBy } = tables[shown.table];
-        hostTable = makeTable({ label: `Hosts of ${rowTitle(shown.row)}`, columns: hostColumns, sortBy, onOpen: chooseHost });
-        hostTable.setEmptyText(shown.table === "subjects" && shown.row.hosts === null
-            ? "The senders of subjects aren't counted: start with --senders." : "Nothing in this interval.");
+        hostTable = makeTable({
+            label: `Hosts of ${rowTitle(shown.row)}`,
+            columns: hostColumns,
+            sortBy,
+            onOpen: chooseHost,
+        });
+        hostTable.setEmptyText(
+            shown.table === "subjects" && shown.row.hosts === null
+                ? "The senders of subjects aren't counted: start with --senders."
+                : "Nothing in this interval.",
+        );
         hosts.append(hostTable.element);
     }
 
@@ -121,7 +159,10 @@ export function makePanel({ context, onClose }) {
             return;
         }
         setText(title, rowTitle(row));
-        setText(place, [rowPlace(row), host ? hostTitle(host) : ""].filter((text) => text !== "").join(" · "));
+        setText(
+            place,
+            [rowPlace(row), host ? hostTitle(host) : ""].filter((text) => text !== "").join(" · "),
+        );
         updateHosts();
         askHistory();
     }
@@ -130,7 +171,10 @@ export function makePanel({ context, onClose }) {
         const { model, scale } = context();
         const row = model?.rows[shown.table].find((candidate) => isSameRow(candidate, shown.row));
         const list = row?.hosts ?? [];
-        const sums = list.length === 0 ? [] : [{ title: "Totals", ...sumRows(list, tables[shown.table].hostColumns) }];
+        const sums =
+            list.length === 0
+                ? []
+                : [{ title: "Totals", ...sumRows(list, tables[shown.table].hostColumns) }];
         hostTable.setRows(list, sums, scale);
     }
 
@@ -139,7 +183,11 @@ export function makePanel({ context, onClose }) {
         const kept = await fetchHistory(historyQuery(shown.table, shown.row, shown.host));
         if (mine !== question || kept === null) return;
         const { rate } = context();
-        drawSeries(kept.times.map(Number), (key) => kept.series[key] ?? kept.times.map(() => 0), rate ? 1 / kept.interval_seconds : 1);
+        drawSeries(
+            kept.times.map(Number),
+            (key) => kept.series[key] ?? kept.times.map(() => 0),
+            rate ? 1 / kept.interval_seconds : 1,
+        );
     }
 
     function drawTotals() {
@@ -150,15 +198,27 @@ export function makePanel({ context, onClose }) {
 
     function drawSeries(times, valuesOf, scale) {
         for (const { options, chart } of drawn) {
-            chart.setData(times, options.lines.map((line) => valuesOf(line.key).map((value) => value * scale)));
+            chart.setData(
+                times,
+                options.lines.map((line) => valuesOf(line.key).map((value) => value * scale)),
+            );
         }
     }
 
     return {
         element: panel,
-        openRow: (table, row) => { show({ table, row, host: null }); hostTable.focus(); },
-        openTotals: (table) => { show({ table }); title.focus(); },
-        openFault: (fault) => { show({ fault }); title.focus(); },
+        openRow: (table, row) => {
+            show({ table, row, host: null });
+            hostTable.focus();
+        },
+        openTotals: (table) => {
+            show({ table });
+            title.focus();
+        },
+        openFault: (fault) => {
+            show({ fault });
+            title.focus();
+        },
         isOpen: () => shown !== null,
         close: closeByReader,
         hide,

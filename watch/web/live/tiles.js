@@ -11,11 +11,30 @@ const kTiles = [
     { label: "Bus packets", series: "bus_packets", table: null },
     { label: "Messages", series: "subjects.messages", table: "subjects" },
     { label: "Payload", series: "multicast.payload_bytes", unit: "B", table: "multicast" },
-    { label: "Point to point", series: "point_to_point.data_packets_sent", table: "point_to_point" },
-    { label: "Repeats", series: "multicast.repeated_packets", alert: "warning", table: "multicast" },
+    {
+        label: "Point to point",
+        series: "point_to_point.data_packets_sent",
+        table: "point_to_point",
+    },
+    {
+        label: "Repeats",
+        series: "multicast.repeated_packets",
+        alert: "warning",
+        table: "multicast",
+    },
     { label: "Gaps", series: "multicast.missed_packets", alert: "warning", table: "multicast" },
-    { label: "Requests", series: "retransmission.requests_sent", alert: "warning", table: "retransmission" },
-    { label: "Rejects", series: "retransmission.rejects_sent", alert: "error", table: "retransmission" },
+    {
+        label: "Requests",
+        series: "retransmission.requests_sent",
+        alert: "warning",
+        table: "retransmission",
+    },
+    {
+        label: "Rejects",
+        series: "retransmission.rejects_sent",
+        alert: "error",
+        table: "retransmission",
+    },
     { label: "Faults", series: "faults.packets", alert: "error", table: "faults" },
     { label: "Lost here", series: "lost_frames", alert: "error", table: null, liveOnly: true },
 ];
@@ -34,18 +53,27 @@ export function makeTiles(onOpen) {
     let scale = 1;
     let pointed = null;
     const tiles = kTiles.map((tile) => makeTile(tile));
-    const list = element("ul", { class: "tiles", "aria-label": "Totals" }, ...tiles.map((tile) => tile.element));
+    const list = element(
+        "ul",
+        { class: "tiles", "aria-label": "Totals" },
+        ...tiles.map((tile) => tile.element),
+    );
 
     function makeTile(tile) {
         const value = element("span", { class: "value" });
         const line = makeSparkline({
-            colour: kLineColours[tile.alert] ?? "blue", height: 30, group: "totals", onHover: showAt,
+            colour: kLineColours[tile.alert] ?? "blue",
+            height: 30,
+            group: "totals",
+            onHover: showAt,
         });
         const label = element("span", { class: "label" }, tile.label);
         const open = () => onOpen(tile.table);
         const inside = [label, value, line.element];
-        const box = tile.table === null ? element("div", { class: "tile" }, ...inside)
-            : element("button", { class: "tile", type: "button", click: open }, ...inside);
+        const box =
+            tile.table === null
+                ? element("div", { class: "tile" }, ...inside)
+                : element("button", { class: "tile", type: "button", click: open }, ...inside);
         return { ...tile, element: element("li", {}, box), box, labelText: label, value, line };
     }
 
@@ -60,9 +88,17 @@ export function makeTiles(onOpen) {
         const times = history.times();
         const isPast = pointed !== null && pointed < times.length;
         for (const tile of tiles) {
-            const value = ((isPast ? history.values(tile.series)[pointed] : latest[tile.series]) ?? 0) * scale;
-            setText(tile.value, tile.unit || value >= 1e6 ? formatShort(value, tile.unit) : formatNumber(value));
-            setText(tile.labelText, isPast ? `at ${formatTime(times[pointed] * 1000)}` : tile.label);
+            const value =
+                ((isPast ? history.values(tile.series)[pointed] : latest[tile.series]) ?? 0) *
+                scale;
+            setText(
+                tile.value,
+                tile.unit || value >= 1e6 ? formatShort(value, tile.unit) : formatNumber(value),
+            );
+            setText(
+                tile.labelText,
+                isPast ? `at ${formatTime(times[pointed] * 1000)}` : tile.label,
+            );
             tile.box.className = "tile" + (tile.alert && value > 0 ? ` ${tile.alert}` : "");
         }
     }
@@ -75,7 +111,10 @@ export function makeTiles(onOpen) {
             scale = newScale;
             for (const tile of tiles) {
                 tile.element.hidden = Boolean(tile.liveOnly) && !isLiveSource(snapshot);
-                tile.line.setData(history.times(), history.values(tile.series).map((value) => value * scale));
+                tile.line.setData(
+                    history.times(),
+                    history.values(tile.series).map((value) => value * scale),
+                );
             }
             showValues();
         },

@@ -4,7 +4,12 @@ import { element, setText } from "../shared/dom.js";
 import { formatCount, formatDateTime, formatShort, formatSpan } from "../shared/format.js";
 
 function fact(name, value, note = "") {
-    return element("div", {}, element("dt", {}, name), element("dd", {}, value, note === "" ? null : element("small", {}, note)));
+    return element(
+        "div",
+        {},
+        element("dt", {}, name),
+        element("dd", {}, value, note === "" ? null : element("small", {}, note)),
+    );
 }
 
 function facts({ capture, totals }) {
@@ -13,14 +18,34 @@ function facts({ capture, totals }) {
     return [
         fact("Files", capture.files.join(", "), size),
         fact("Filter", capture.filter ?? "none"),
-        fact("Bus packets", formatCount(capture.bus_packets), `of ${formatCount(capture.frames)} frames`),
+        fact(
+            "Bus packets",
+            formatCount(capture.bus_packets),
+            `of ${formatCount(capture.frames)} frames`,
+        ),
         fact("Messages", formatCount(subjects.messages), formatShort(subjects.message_bytes, "B")),
-        fact("Data packets", formatCount(multicast.data_packets), formatShort(multicast.payload_bytes, "B")),
+        fact(
+            "Data packets",
+            formatCount(multicast.data_packets),
+            formatShort(multicast.payload_bytes, "B"),
+        ),
         fact("Subjects", formatCount(capture.subjects), `on ${formatCount(capture.groups)} groups`),
         fact("Senders", formatCount(capture.senders), `on ${formatCount(capture.ports)} ports`),
-        fact("Gaps", formatCount(multicast.missed_packets), `${formatCount(multicast.repeated_packets)} repeats`),
-        fact("Requests", formatCount(retransmission.requests_sent), `${formatCount(retransmission.rejects_sent)} rejects`),
-        fact("Point to point", formatCount(pointToPoint.data_packets_sent), formatShort(pointToPoint.payload_bytes_sent, "B")),
+        fact(
+            "Gaps",
+            formatCount(multicast.missed_packets),
+            `${formatCount(multicast.repeated_packets)} repeats`,
+        ),
+        fact(
+            "Requests",
+            formatCount(retransmission.requests_sent),
+            `${formatCount(retransmission.rejects_sent)} rejects`,
+        ),
+        fact(
+            "Point to point",
+            formatCount(pointToPoint.data_packets_sent),
+            formatShort(pointToPoint.payload_bytes_sent, "B"),
+        ),
     ];
 }
 
@@ -29,15 +54,25 @@ export function showOverview(data) {
     const begin = Date.parse(capture.begin_time);
     const end = Date.parse(capture.end_time);
     const zone = Intl.DateTimeFormat().resolvedOptions().timeZone;
-    const title = capture.files.length === 1 ? capture.files[0].split("/").at(-1) : `${capture.files.length} files`;
+    const title =
+        capture.files.length === 1
+            ? capture.files[0].split("/").at(-1)
+            : `${capture.files.length} files`;
     document.title = `${title} – pelmowatch`;
     setText(document.getElementById("title"), title);
-    setText(document.getElementById("span"),
-        `${formatDateTime(begin)} to ${formatDateTime(end)} ${zone}, ${formatSpan(capture.elapsed_seconds)}`);
+    setText(
+        document.getElementById("span"),
+        `${formatDateTime(begin)} to ${formatDateTime(end)} ${zone}, ${formatSpan(capture.elapsed_seconds)}`,
+    );
     document.getElementById("facts").append(...facts(data));
     const notice = document.getElementById("notice");
     notice.hidden = capture.is_whole;
-    setText(notice, "The capture wasn't read to its end: the report covers what came ahead of that.");
-    setText(document.getElementById("made"),
-        `Made by ${data.program}. Numbers over time are those of intervals of ${formatSpan(data.timeline.interval_seconds)}.`);
+    setText(
+        notice,
+        "The capture wasn't read to its end: the report covers what came ahead of that.",
+    );
+    setText(
+        document.getElementById("made"),
+        `Made by ${data.program}. Numbers over time are those of intervals of ${formatSpan(data.timeline.interval_seconds)}.`,
+    );
 }

@@ -8,28 +8,72 @@ import { tables } from "../shared/tables.js";
 import { makeTabs } from "../shared/tabs.js";
 
 const [subjectColumn, portColumn, groupColumn, ...subjectNumbers] = tables.subjects.columns;
-const [senderColumn, scidColumn, ...multicastNumbers] = tables.multicast.hostColumns.filter((column) => !column.isState);
+const [senderColumn, scidColumn, ...multicastNumbers] = tables.multicast.hostColumns.filter(
+    (column) => !column.isState,
+);
 const [, , hostCountColumn] = tables.multicast.columns;
 const servicePortColumn = tables.retransmission.columns[1];
 const minor = (column) => ({ ...column, minor: true });
-const messageNumbers = [subjectNumbers[0], { ...subjectNumbers[1], label: "Message bytes", minor: true }];
+const messageNumbers = [
+    subjectNumbers[0],
+    { ...subjectNumbers[1], label: "Message bytes", minor: true },
+];
 
 const kTables = {
-    subjects: { title: "Subjects", sortBy: "message_bytes", columns: [subjectColumn, portColumn, groupColumn, ...subjectNumbers] },
-    senders: { title: "Senders", sortBy: "payload_bytes",
-        columns: [senderColumn, scidColumn, ...messageNumbers, ...multicastNumbers] },
-    groups: { title: "Groups", sortBy: "payload_bytes",
-        columns: [portColumn, { ...groupColumn, minor: false }, { ...hostCountColumn, label: "Senders" }, ...messageNumbers, ...multicastNumbers] },
-    retransmission: { title: "Retransmission", sortBy: "requests_sent",
-        columns: [tables.retransmission.hostColumns[0], scidColumn, minor(portColumn), servicePortColumn, ...tables.retransmission.hostColumns.slice(2)] },
-    point_to_point: { title: "Point to point", sortBy: "payload_bytes_sent",
-        columns: [tables.point_to_point.hostColumns[0], scidColumn, minor(portColumn), ...tables.point_to_point.hostColumns.slice(2)] },
+    subjects: {
+        title: "Subjects",
+        sortBy: "message_bytes",
+        columns: [subjectColumn, portColumn, groupColumn, ...subjectNumbers],
+    },
+    senders: {
+        title: "Senders",
+        sortBy: "payload_bytes",
+        columns: [senderColumn, scidColumn, ...messageNumbers, ...multicastNumbers],
+    },
+    groups: {
+        title: "Groups",
+        sortBy: "payload_bytes",
+        columns: [
+            portColumn,
+            { ...groupColumn, minor: false },
+            { ...hostCountColumn, label: "Senders" },
+            ...messageNumbers,
+            ...multicastNumbers,
+        ],
+    },
+    retransmission: {
+        title: "Retransmission",
+        sortBy: "requests_sent",
+        columns: [
+            tables.retransmission.hostColumns[0],
+            scidColumn,
+            minor(portColumn),
+            servicePortColumn,
+            ...tables.retransmission.hostColumns.slice(2),
+        ],
+    },
+    point_to_point: {
+        title: "Point to point",
+        sortBy: "payload_bytes_sent",
+        columns: [
+            tables.point_to_point.hostColumns[0],
+            scidColumn,
+            minor(portColumn),
+            ...tables.point_to_point.hostColumns.slice(2),
+        ],
+    },
 };
 
 // As the filter and the columns call it.
 function normalRow(row) {
     const address = row.sender ?? row.host;
-    return { ...row, address, servicePort: row.service_port, hostCount: row.senders, hosts: address === undefined ? null : [{ address, scid: row.scid }] };
+    return {
+        ...row,
+        address,
+        servicePort: row.service_port,
+        hostCount: row.senders,
+        hosts: address === undefined ? null : [{ address, scid: row.scid }],
+    };
 }
 
 function normalTable({ row_count: rowCount, sums, rows }) {
@@ -40,15 +84,25 @@ function normalTable({ row_count: rowCount, sums, rows }) {
 function otherRows({ rowCount, sums, rows }, columns) {
     if (rowCount <= rows.length) return [];
     const listed = sumRows(rows, columns);
-    const others = Object.fromEntries(Object.entries(sums).map(([key, sum]) => [key, sum - (listed[key] ?? 0)]));
-    return [{ ...others, title: `${formatCount(rowCount - rows.length)} others`, hostCount: undefined }];
+    const others = Object.fromEntries(
+        Object.entries(sums).map(([key, sum]) => [key, sum - (listed[key] ?? 0)]),
+    );
+    return [
+        { ...others, title: `${formatCount(rowCount - rows.length)} others`, hostCount: undefined },
+    ];
 }
 
 export function showTables(data) {
     const byId = (id) => document.getElementById(id);
-    const contents = Object.fromEntries(Object.keys(kTables).map((name) => [name, normalTable(data.tables[name])]));
-    const shownTables = Object.fromEntries(Object.entries(kTables).map(([name, { title, columns, sortBy }]) =>
-        [name, makeTable({ label: title, columns, sortBy })]));
+    const contents = Object.fromEntries(
+        Object.keys(kTables).map((name) => [name, normalTable(data.tables[name])]),
+    );
+    const shownTables = Object.fromEntries(
+        Object.entries(kTables).map(([name, { title, columns, sortBy }]) => [
+            name,
+            makeTable({ label: title, columns, sortBy }),
+        ]),
+    );
     const names = Object.entries(kTables).map(([key, { title }]) => ({ key, title }));
     const tabs = makeTabs(names, "tables", show);
     let tab = names[0].key;
@@ -62,10 +116,20 @@ export function showTables(data) {
         const rows = fits === null ? content.rows : content.rows.filter(fits);
         const { columns } = kTables[tab];
         const totals = { ...content.sums, title: "Totals" };
-        const sums = fits === null ? [totals, ...otherRows(content, columns)] : [{ ...sumRows(rows, columns), title: "Shown" }];
-        shownTables[tab].setEmptyText(content.rows.length === 0 ? "None in the capture." : "No row fits the filter.");
+        const sums =
+            fits === null
+                ? [totals, ...otherRows(content, columns)]
+                : [{ ...sumRows(rows, columns), title: "Shown" }];
+        shownTables[tab].setEmptyText(
+            content.rows.length === 0 ? "None in the capture." : "No row fits the filter.",
+        );
         shownTables[tab].setRows(rows, content.rows.length === 0 ? [] : sums);
-        setText(byId("fits"), fits === null ? "" : `${formatCount(rows.length)} of ${formatCount(content.rows.length)}`);
+        setText(
+            byId("fits"),
+            fits === null
+                ? ""
+                : `${formatCount(rows.length)} of ${formatCount(content.rows.length)}`,
+        );
     }
 
     for (const { key } of names) tabs.setCount(key, formatCount(contents[key].rowCount));
@@ -77,15 +141,26 @@ export function showTables(data) {
 
 const kFaultColumns = [
     { key: "words", label: "Fault", kind: "text", help: "What is wrong with the packet" },
-    { key: "packets", label: "Packets", kind: "number", alert: "error", help: "Packets with the fault" },
+    {
+        key: "packets",
+        label: "Packets",
+        kind: "number",
+        alert: "error",
+        help: "Packets with the fault",
+    },
     { key: "first", label: "First", kind: "time", minor: true, help: "Time of the first one" },
     { key: "last", label: "Last", kind: "time", help: "Time of the last one" },
 ];
 
 export function showFaults({ faults }) {
     const time = (text) => formatDateTime(Date.parse(text));
-    const rows = Object.entries(faults).map(([key, fault]) =>
-        ({ key, words: fault.words, packets: fault.packets, first: time(fault.first_time), last: time(fault.last_time) }));
+    const rows = Object.entries(faults).map(([key, fault]) => ({
+        key,
+        words: fault.words,
+        packets: fault.packets,
+        first: time(fault.first_time),
+        last: time(fault.last_time),
+    }));
     const section = document.getElementById("faults");
     section.hidden = rows.length === 0;
     if (section.hidden) return;

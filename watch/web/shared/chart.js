@@ -18,7 +18,9 @@ function colour(name) {
 
 // Counts have whole ticks; only rates below 1 need finer ones.
 const wholeSteps = Array.from({ length: 16 }, (_, i) => [1, 2, 5].map((n) => n * 10 ** i)).flat();
-const fineSteps = Array.from({ length: 6 }, (_, i) => [1, 2, 5].map((n) => n * 10 ** (i - 6))).flat();
+const fineSteps = Array.from({ length: 6 }, (_, i) =>
+    [1, 2, 5].map((n) => n * 10 ** (i - 6)),
+).flat();
 
 function tickLabel(seconds, step) {
     const time = formatTime(seconds * 1000);
@@ -29,14 +31,31 @@ function tickLabel(seconds, step) {
 }
 
 function axes(unit) {
-    const common = { stroke: () => colour("muted"), font: `11px ${getComputedStyle(document.body).fontFamily}`, ticks: { show: false } };
+    const common = {
+        stroke: () => colour("muted"),
+        font: `11px ${getComputedStyle(document.body).fontFamily}`,
+        ticks: { show: false },
+    };
     const grid = { stroke: () => colour("line"), width: 1 };
     return [
-        { ...common, grid: { show: false }, size: 22, gap: 4, space: 70,
-            values: (plot, splits, axis, space, step) => splits.map((split) => tickLabel(split, step)) },
-        { ...common, grid, size: 58, gap: 6, space: 22,
+        {
+            ...common,
+            grid: { show: false },
+            size: 22,
+            gap: 4,
+            space: 70,
+            values: (plot, splits, axis, space, step) =>
+                splits.map((split) => tickLabel(split, step)),
+        },
+        {
+            ...common,
+            grid,
+            size: 58,
+            gap: 6,
+            space: 22,
             incrs: (plot, axis, min, max) => (max - min < 1 ? fineSteps : wholeSteps),
-            values: (plot, splits) => splits.map((split) => formatShort(split, unit)) },
+            values: (plot, splits) => splits.map((split) => formatShort(split, unit)),
+        },
     ];
 }
 
@@ -46,8 +65,10 @@ function fromZero(plot, min, max) {
 
 function makeSeries({ label, colour: name }, isBars, isFilled) {
     return {
-        label, width: isBars ? 0 : 1.5,
-        stroke: () => colour(name), fill: isBars ? () => colour(name) : isFilled ? () => colour(`${name}-fill`) : undefined,
+        label,
+        width: isBars ? 0 : 1.5,
+        stroke: () => colour(name),
+        fill: isBars ? () => colour(name) : isFilled ? () => colour(`${name}-fill`) : undefined,
         paths: isBars ? uPlot.paths.bars({ size: [0.8, 24], align: -1 }) : undefined,
         points: { show: (plot) => !isBars && plot.data[0].length < 3, size: 5 },
     };
@@ -64,14 +85,26 @@ function keepSize(plot, place, height) {
 // lines with the same `group`.
 export function makeSparkline({ colour: name, height, group, onHover }) {
     const place = element("span", { class: "spark", "aria-hidden": "true" });
-    const plot = new uPlot({
-        width: 100, height, padding: [3, 0, 1, 0],
-        axes: [{ show: false }, { show: false }], legend: { show: false },
-        scales: { y: { range: fromZero } },
-        cursor: { y: false, drag: { x: false, y: false }, points: { size: 5 }, sync: { key: group, scales: ["x", null] } },
-        series: [{}, makeSeries({ label: "", colour: name }, false, true)],
-        hooks: { setCursor: [(at) => onHover(at.cursor.idx ?? null)] },
-    }, [[], []], place);
+    const plot = new uPlot(
+        {
+            width: 100,
+            height,
+            padding: [3, 0, 1, 0],
+            axes: [{ show: false }, { show: false }],
+            legend: { show: false },
+            scales: { y: { range: fromZero } },
+            cursor: {
+                y: false,
+                drag: { x: false, y: false },
+                points: { size: 5 },
+                sync: { key: group, scales: ["x", null] },
+            },
+            series: [{}, makeSeries({ label: "", colour: name }, false, true)],
+            hooks: { setCursor: [(at) => onHover(at.cursor.idx ?? null)] },
+        },
+        [[], []],
+        place,
+    );
     charts.add(plot);
     keepSize(plot, place, height);
     return { element: place, setData: (times, values) => plot.setData([times, values]) };
@@ -85,30 +118,72 @@ function valueAt(plot, index) {
 function sumsInSight(plot) {
     const { min, max } = plot.scales.x;
     const times = plot.data[0];
-    return plot.data.slice(1).map((values) => values.reduce((sum, value, i) => sum + (times[i] >= min && times[i] <= max ? value ?? 0 : 0), 0));
+    return plot.data
+        .slice(1)
+        .map((values) =>
+            values.reduce(
+                (sum, value, i) => sum + (times[i] >= min && times[i] <= max ? (value ?? 0) : 0),
+                0,
+            ),
+        );
 }
 
 // A chart with axes and a caption: title, lines ({key, label, colour}), unit, height, bars. While the
 // pointer is elsewhere the caption has the last values or, where `sums`, the sums of what is in sight.
 // `group` joins charts of the same times: they share the pointer and, where `zooms`, the zoom.
-export function makeChart({ title, lines, unit = "", height = 120, bars = false, zooms = false, sums = false, group }) {
+export function makeChart({
+    title,
+    lines,
+    unit = "",
+    height = 120,
+    bars = false,
+    zooms = false,
+    sums = false,
+    group,
+}) {
     const values = lines.map(() => element("span", { class: "value" }));
-    const keys = lines.map((line, i) => element("span", { class: `key ${line.colour}` },
-        element("i", { "aria-hidden": "true" }), line.label === "" ? "" : `${line.label} `, values[i]));
+    const keys = lines.map((line, i) =>
+        element(
+            "span",
+            { class: `key ${line.colour}` },
+            element("i", { "aria-hidden": "true" }),
+            line.label === "" ? "" : `${line.label} `,
+            values[i],
+        ),
+    );
     const when = element("span", { class: "when" });
     const caption = element("figcaption", {}, element("strong", {}, title), ...keys, when);
     const place = element("div", {
-        class: "plot", tabindex: "0", role: "group", keydown: onKey, focus: onFocus, blur: onBlur,
-        "aria-label": `${title} over time. Left and right read values` + (zooms ? ", plus and minus zoom, 0 shows all." : "."),
+        class: "plot",
+        tabindex: "0",
+        role: "group",
+        keydown: onKey,
+        focus: onFocus,
+        blur: onBlur,
+        "aria-label":
+            `${title} over time. Left and right read values` +
+            (zooms ? ", plus and minus zoom, 0 shows all." : "."),
     });
-    const plot = new uPlot({
-        width: 300, height, padding: [6, 6, 0, 0],
-        axes: axes(unit), legend: { show: false },
-        scales: { y: { range: fromZero } },
-        cursor: { y: false, drag: { x: zooms, y: false, dist: 4 }, points: { size: 6 }, sync: { key: group.key, scales: ["x", null] } },
-        series: [{}, ...lines.map((line) => makeSeries(line, bars, lines.length === 1))],
-        hooks: { setCursor: [showValues], setData: [showValues], setScale: [onScale] },
-    }, [[], ...lines.map(() => [])], place);
+    const plot = new uPlot(
+        {
+            width: 300,
+            height,
+            padding: [6, 6, 0, 0],
+            axes: axes(unit),
+            legend: { show: false },
+            scales: { y: { range: fromZero } },
+            cursor: {
+                y: false,
+                drag: { x: zooms, y: false, dist: 4 },
+                points: { size: 6 },
+                sync: { key: group.key, scales: ["x", null] },
+            },
+            series: [{}, ...lines.map((line) => makeSeries(line, bars, lines.length === 1))],
+            hooks: { setCursor: [showValues], setData: [showValues], setScale: [onScale] },
+        },
+        [[], ...lines.map(() => [])],
+        place,
+    );
     charts.add(plot);
     group.plots.push(plot);
     keepSize(plot, place, height);
@@ -116,10 +191,29 @@ export function makeChart({ title, lines, unit = "", height = 120, bars = false,
     function showValues(at) {
         const times = at.data[0];
         const index = at.cursor.idx ?? null;
-        const shown = index !== null ? valueAt(at, index) : sums ? sumsInSight(at) : valueAt(at, times.length - 1);
-        setText(when, index !== null ? formatDateTime(times[index] * 1000) : !sums ? "" : isZoomed(at) ? "in sight" : "in all");
+        const shown =
+            index !== null
+                ? valueAt(at, index)
+                : sums
+                  ? sumsInSight(at)
+                  : valueAt(at, times.length - 1);
+        setText(
+            when,
+            index !== null
+                ? formatDateTime(times[index] * 1000)
+                : !sums
+                  ? ""
+                  : isZoomed(at)
+                    ? "in sight"
+                    : "in all",
+        );
         when.classList.toggle("pointed", index !== null);
-        values.forEach((value, i) => setText(value, times.length === 0 ? "–" : formatNumber(shown[i]) + (unit && ` ${unit}`)));
+        values.forEach((value, i) =>
+            setText(
+                value,
+                times.length === 0 ? "–" : formatNumber(shown[i]) + (unit && ` ${unit}`),
+            ),
+        );
     }
 
     function onScale(at, scale) {
@@ -142,7 +236,8 @@ export function makeChart({ title, lines, unit = "", height = 120, bars = false,
     function onFocus() {
         // Read aloud while the reader moves through it, and not with each interval.
         caption.setAttribute("aria-live", "polite");
-        if (place.matches(":focus-visible") && plot.cursor.idx == null) pointAt(plot.data[0].length - 1);
+        if (place.matches(":focus-visible") && plot.cursor.idx == null)
+            pointAt(plot.data[0].length - 1);
     }
 
     function onBlur() {
@@ -151,7 +246,14 @@ export function makeChart({ title, lines, unit = "", height = 120, bars = false,
     }
 
     function onKey(event) {
-        const steps = { ArrowLeft: -1, ArrowRight: 1, PageUp: -10, PageDown: 10, Home: -Infinity, End: Infinity };
+        const steps = {
+            ArrowLeft: -1,
+            ArrowRight: 1,
+            PageUp: -10,
+            PageDown: 10,
+            Home: -Infinity,
+            End: Infinity,
+        };
         if (event.altKey || event.ctrlKey || event.metaKey) return;
         if (event.key in steps) {
             pointAt((plot.cursor.idx ?? plot.data[0].length - 1) + steps[event.key]);
@@ -168,7 +270,10 @@ export function makeChart({ title, lines, unit = "", height = 120, bars = false,
     return {
         element: element("figure", { class: "chart" }, caption, place),
         setData: (times, columns) => plot.setData([times, ...columns]),
-        destroy: () => { charts.delete(plot); plot.destroy(); },
+        destroy: () => {
+            charts.delete(plot);
+            plot.destroy();
+        },
     };
 }
 
@@ -185,7 +290,7 @@ function zoomBy(group, plot, factor) {
     const times = plot.data[0];
     const { min, max } = plot.scales.x;
     const middle = plot.cursor.idx == null ? (min + max) / 2 : times[plot.cursor.idx];
-    const half = (max - min) * factor / 2;
+    const half = ((max - min) * factor) / 2;
     setRange(group, Math.max(times[0], middle - half), Math.min(times.at(-1), middle + half));
 }
 

@@ -25,7 +25,8 @@ function subjectTest(pattern) {
     if (takesRest) wanted.pop();
     return (subject) => {
         const elements = subject.split(".");
-        if (takesRest ? elements.length <= wanted.length : elements.length !== wanted.length) return false;
+        if (takesRest ? elements.length <= wanted.length : elements.length !== wanted.length)
+            return false;
         return wanted.every((element, i) => element === "*" || element === elements[i]);
     };
 }
@@ -45,8 +46,11 @@ function anyAddress(row, fits) {
 }
 
 function hasPort(row, port) {
-    return row.port === port || row.servicePort === port ||
-        (row.hosts ?? []).some((host) => host.scid === port);
+    return (
+        row.port === port ||
+        row.servicePort === port ||
+        (row.hosts ?? []).some((host) => host.scid === port)
+    );
 }
 
 function hasText(row, text) {
@@ -75,7 +79,11 @@ function wordTest(word) {
 
 // A function that tells whether a row fits, or null where all do.
 export function makeFilter(text) {
-    const tests = text.trim().split(/\s+/).filter((word) => word !== "").map(wordTest);
+    const tests = text
+        .trim()
+        .split(/\s+/)
+        .filter((word) => word !== "")
+        .map(wordTest);
     if (tests.length === 0) return null;
     return (row) => tests.every((test) => test(row));
 }

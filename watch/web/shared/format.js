@@ -2,7 +2,10 @@
 // copied from a page can be searched for in a log.
 
 const whole = new Intl.NumberFormat("en-US", { maximumFractionDigits: 0 });
-const tenths = new Intl.NumberFormat("en-US", { minimumFractionDigits: 1, maximumFractionDigits: 1 });
+const tenths = new Intl.NumberFormat("en-US", {
+    minimumFractionDigits: 1,
+    maximumFractionDigits: 1,
+});
 const digits = new Intl.NumberFormat("en-US", { maximumSignificantDigits: 4 });
 
 // A count in full: "1,234,567".
@@ -35,7 +38,9 @@ export function formatShort(number, unit = "") {
 
 // For a narrow column: in full while that is short.
 export function formatNarrow(number) {
-    return Math.abs(number) < 100000 || !Number.isFinite(number) ? formatNumber(number) : formatShort(number);
+    return Math.abs(number) < 100000 || !Number.isFinite(number)
+        ? formatNumber(number)
+        : formatShort(number);
 }
 
 function pad(number) {
@@ -60,16 +65,25 @@ export function formatDateTime(milliseconds) {
 export function formatSpan(seconds) {
     if (seconds < 60) return `${tenths.format(seconds)} s`;
     const rounded = Math.round(seconds);
-    const steps = [[86400, "d", 3600, "h"], [3600, "h", 60, "min"], [60, "min", 1, "s"]];
+    const steps = [
+        [86400, "d", 3600, "h"],
+        [3600, "h", 60, "min"],
+        [60, "min", 1, "s"],
+    ];
     const [large, largeName, small, smallName] = steps.find(([size]) => rounded >= size);
     const rest = Math.floor((rounded % large) / small);
-    return `${Math.floor(rounded / large)} ${largeName}` + (rest === 0 ? "" : ` ${rest} ${smallName}`);
+    return (
+        `${Math.floor(rounded / large)} ${largeName}` + (rest === 0 ? "" : ` ${rest} ${smallName}`)
+    );
 }
 
 const upperCase = { udp: "UDP", ip: "IP", ethernet: "Ethernet" };
 
 // The key of a fault as words: "udp_checksum_invalid" is "UDP checksum invalid".
 export function formatKey(key) {
-    const words = key.split("_").map((word) => upperCase[word] ?? word).join(" ");
+    const words = key
+        .split("_")
+        .map((word) => upperCase[word] ?? word)
+        .join(" ");
     return words.charAt(0).toUpperCase() + words.slice(1);
 }

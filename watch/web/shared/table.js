@@ -20,15 +20,24 @@ let tablesMade = 0;
 
 // Do two rows, perhaps of different snapshots, stand for the same thing?
 export function isSameRow(a, b) {
-    return a !== null && b !== null && a.port === b.port && a.group === b.group &&
-        a.subject === b.subject && a.address === b.address && a.scid === b.scid && a.key === b.key;
+    return (
+        a !== null &&
+        b !== null &&
+        a.port === b.port &&
+        a.group === b.group &&
+        a.subject === b.subject &&
+        a.address === b.address &&
+        a.scid === b.scid &&
+        a.key === b.key
+    );
 }
 
 // The sums of all numbers of the rows but those that say a state, as a reliability does.
 export function sumRows(rows, columns) {
     const sums = {};
     for (const { key, kind, isState } of columns) {
-        if (kind === "number" && !isState) sums[key] = rows.reduce((sum, row) => sum + (row[key] ?? 0), 0);
+        if (kind === "number" && !isState)
+            sums[key] = rows.reduce((sum, row) => sum + (row[key] ?? 0), 0);
     }
     return sums;
 }
@@ -50,20 +59,40 @@ export function makeTable(options) {
     const columns = withEdge(options.columns);
     const id = `table${++tablesMade}`;
     const state = {
-        rows: [], order: new Uint32Array(0), sums: [], scale: 1, largest: 0, isNarrow: false,
+        rows: [],
+        order: new Uint32Array(0),
+        sums: [],
+        scale: 1,
+        largest: 0,
+        isNarrow: false,
         sort: columns.find((column) => column.key === options.sortBy) ?? null,
-        descending: true, current: -1, currentRow: null, openRow: null,
+        descending: true,
+        current: -1,
+        currentRow: null,
+        openRow: null,
     };
     state.descending = state.sort !== null && sortsDescendingFirst(state.sort);
 
     const headings = columns.map((column) => makeHeading(column, () => sortBy(column)));
     const body = element("tbody");
-    const table = element("table", {
-        role: "grid", tabindex: "0", "aria-label": options.label, "aria-readonly": "true",
-        keydown: onKey, focus: onFocus,
-    },
-        element("colgroup", {}, ...columns.map((column) => element("col", { class: columnClass(column) }))),
-        element("thead", {}, element("tr", { "aria-rowindex": "1" }, ...headings)), body);
+    const table = element(
+        "table",
+        {
+            role: "grid",
+            tabindex: "0",
+            "aria-label": options.label,
+            "aria-readonly": "true",
+            keydown: onKey,
+            focus: onFocus,
+        },
+        element(
+            "colgroup",
+            {},
+            ...columns.map((column) => element("col", { class: columnClass(column) })),
+        ),
+        element("thead", {}, element("tr", { "aria-rowindex": "1" }, ...headings)),
+        body,
+    );
     const sumRows = [];
     const empty = element("p", { class: "empty" });
     const box = element("div", { class: "table", scroll: draw }, table, empty);
@@ -90,11 +119,16 @@ export function makeTable(options) {
     function order() {
         state.order = sortedIndices(state.rows, state.sort, state.descending);
         const key = state.sort?.kind === "number" ? state.sort.key : null;
-        state.largest = key === null ? 0 : state.rows.reduce((most, row) => Math.max(most, row[key] ?? 0), 0);
+        state.largest =
+            key === null ? 0 : state.rows.reduce((most, row) => Math.max(most, row[key] ?? 0), 0);
         state.current = findCurrent();
         headings.forEach((heading, i) => {
             const isSort = columns[i] === state.sort;
-            setAttribute(heading, "aria-sort", !isSort ? "none" : state.descending ? "descending" : "ascending");
+            setAttribute(
+                heading,
+                "aria-sort",
+                !isSort ? "none" : state.descending ? "descending" : "ascending",
+            );
         });
     }
 
@@ -138,17 +172,21 @@ export function makeTable(options) {
         row.at = at;
         setAttribute(tr, "aria-rowindex", at + 2 + state.sums.length);
         tr.classList.toggle("current", at === state.current);
-        if (onOpen !== null) setAttribute(tr, "aria-selected", String(isSameRow(data, state.openRow)));
+        if (onOpen !== null)
+            setAttribute(tr, "aria-selected", String(isSameRow(data, state.openRow)));
         columns.forEach((column, i) => fillCell(row.cells[i], data, column));
     }
 
     function cellText(value, column) {
-        if (column.kind === "number") return (state.isNarrow ? formatNarrow : formatNumber)(scaled(value, column));
+        if (column.kind === "number")
+            return (state.isNarrow ? formatNarrow : formatNumber)(scaled(value, column));
         return value === null || value === undefined ? "–" : String(value);
     }
 
     function scaled(value, column) {
-        return value === null || value === undefined || column.isState || column.key === "hostCount" ? value : value * state.scale;
+        return value === null || value === undefined || column.isState || column.key === "hostCount"
+            ? value
+            : value * state.scale;
     }
 
     function fillCell(cell, data, column) {
@@ -156,7 +194,8 @@ export function makeTable(options) {
         setText(cell.text, cellText(value, column));
         if (column.kind === "text") setAttribute(cell.element, "title", String(value));
         const isZero = column.kind === "number" && !(value > 0);
-        cell.element.className = columnClass(column) + (isZero ? " zero" : column.alert ? ` ${column.alert}` : "");
+        cell.element.className =
+            columnClass(column) + (isZero ? " zero" : column.alert ? ` ${column.alert}` : "");
         const share = column === state.sort && state.largest > 0 ? (value ?? 0) / state.largest : 0;
         const width = `${(share * 100).toFixed(1)}%`;
         if (cell.bar.style.width !== width) cell.bar.style.width = width;
@@ -165,16 +204,22 @@ export function makeTable(options) {
     function fillSums() {
         while (sumRows.length < state.sums.length) sumRows.push(makeSumRow(sumRows.length));
         while (sumRows.length > state.sums.length) sumRows.pop().remove();
-        state.sums.forEach((sums, row) => columns.forEach((column, i) => {
-            const value = sums[column.key];
-            const text = i === 0 ? sums.title : value === undefined ? "" : cellText(value, column);
-            setText(sumRows[row].cells[i], text);
-        }));
+        state.sums.forEach((sums, row) =>
+            columns.forEach((column, i) => {
+                const value = sums[column.key];
+                const text =
+                    i === 0 ? sums.title : value === undefined ? "" : cellText(value, column);
+                setText(sumRows[row].cells[i], text);
+            }),
+        );
     }
 
     function makeSumRow(at) {
-        const row = element("tr", { class: "sums", "aria-rowindex": at + 2 },
-            ...columns.map((column) => element("td", { class: columnClass(column) })));
+        const row = element(
+            "tr",
+            { class: "sums", "aria-rowindex": at + 2 },
+            ...columns.map((column) => element("td", { class: columnClass(column) })),
+        );
         table.tHead.append(row);
         return row;
     }
@@ -200,7 +245,14 @@ export function makeTable(options) {
     function onKey(event) {
         if (event.target !== table || event.altKey || event.ctrlKey || event.metaKey) return;
         const page = Math.max(1, Math.floor((box.clientHeight - headHeight()) / rowHeight()) - 1);
-        const moves = { ArrowDown: 1, ArrowUp: -1, PageDown: page, PageUp: -page, Home: -Infinity, End: Infinity };
+        const moves = {
+            ArrowDown: 1,
+            ArrowUp: -1,
+            PageDown: page,
+            PageUp: -page,
+            Home: -Infinity,
+            End: Infinity,
+        };
         if (event.key in moves) {
             moveTo(state.current + moves[event.key]);
         } else if (event.key === "Enter" || event.key === " ") {
@@ -236,15 +288,22 @@ export function makeTable(options) {
         setRows,
         setEmptyText: (text) => setText(empty, text),
         // The row whose details are open, or null.
-        setOpenRow: (row) => { state.openRow = row; draw(); },
+        setOpenRow: (row) => {
+            state.openRow = row;
+            draw();
+        },
         focus: () => table.focus(),
         sort: () => ({ key: state.sort?.key ?? null, descending: state.descending }),
     };
 }
 
 function makeHeading(column, onClick) {
-    const button = element("button", { type: "button", title: column.help, click: onClick }, column.label,
-        column.suffix ? element("span", { class: "minor" }, ` ${column.suffix}`) : null);
+    const button = element(
+        "button",
+        { type: "button", title: column.help, click: onClick },
+        column.label,
+        column.suffix ? element("span", { class: "minor" }, ` ${column.suffix}`) : null,
+    );
     return element("th", { scope: "col", class: columnClass(column), "aria-sort": "none" }, button);
 }
 
@@ -252,7 +311,11 @@ function makeRow(columns) {
     const cells = columns.map((column) => {
         const bar = element("span", { class: "bar", "aria-hidden": "true" });
         const text = element("span", { class: "text" });
-        return { element: element("td", { role: "gridcell", class: columnClass(column) }, bar, text), bar, text };
+        return {
+            element: element("td", { role: "gridcell", class: columnClass(column) }, bar, text),
+            bar,
+            text,
+        };
     });
     return { element: element("tr", {}, ...cells.map((cell) => cell.element)), cells, at: -1 };
 }

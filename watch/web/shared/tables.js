@@ -8,9 +8,19 @@
 const port = { key: "port", label: "Port", kind: "port", help: "UDP port" };
 const group = { key: "group", label: "Group", kind: "address", help: "Destination address" };
 const address = { key: "address", label: "Host", kind: "address", help: "Address of the host" };
-const scid = { key: "scid", label: "SCid", kind: "port",
-    help: "Service port that the sender tells; – where it tells none" };
-const hostCount = { key: "hostCount", label: "Hosts", kind: "number", minor: true, help: "Hosts of the row" };
+const scid = {
+    key: "scid",
+    label: "SCid",
+    kind: "port",
+    help: "Service port that the sender tells; – where it tells none",
+};
+const hostCount = {
+    key: "hostCount",
+    label: "Hosts",
+    kind: "number",
+    minor: true,
+    help: "Hosts of the row",
+};
 
 function number(key, label, help, more = {}) {
     return { key, label, help, kind: "number", ...more };
@@ -20,15 +30,25 @@ const multicast = [
     number("data_packets", "Data", "New data packets"),
     number("payload_bytes", "Bytes", "Payload bytes of new data packets", { wide: true }),
     number("null_packets", "Null", "Null packets: the sender had nothing to send", { minor: true }),
-    number("repeated_packets", "Repeats", "Data packets that came again", { alert: "warning", spare: true }),
-    number("repeated_bytes", "Repeat bytes", "Payload bytes of data packets that came again",
-        { wide: true, minor: true, alert: "warning" }),
+    number("repeated_packets", "Repeats", "Data packets that came again", {
+        alert: "warning",
+        spare: true,
+    }),
+    number("repeated_bytes", "Repeat bytes", "Payload bytes of data packets that came again", {
+        wide: true,
+        minor: true,
+        alert: "warning",
+    }),
     number("missed_packets", "Gaps", "Sequence numbers passed over", { alert: "warning" }),
     number("bad_packets", "Bad", "Packets with a fault", { alert: "error" }),
 ];
 
-const reliability = number("reliability_seconds", "Reliability",
-    "Reliability in seconds that the sender last told", { minor: true, isState: true });
+const reliability = number(
+    "reliability_seconds",
+    "Reliability",
+    "Reliability in seconds that the sender last told",
+    { minor: true, isState: true },
+);
 
 const subjects = [
     number("messages", "Messages", "Messages on the subject", { wide: true }),
@@ -47,7 +67,11 @@ function sent({ key, label, help, more }) {
 function sides(pairs) {
     return pairs.flatMap(({ key, label, help, more }) => [
         number(`${key}_sent`, label, `${help}, sent by the host`, { ...more, suffix: "out" }),
-        number(`${key}_received`, `in`, `${help}, sent to the host`, { ...more, minor: true, isSecond: true }),
+        number(`${key}_received`, `in`, `${help}, sent to the host`, {
+            ...more,
+            minor: true,
+            isSecond: true,
+        }),
     ]);
 }
 
@@ -61,7 +85,9 @@ const retransmission = [
 const pointToPoint = [
     bothSides("data_packets", "Data", "Data packets"),
     bothSides("payload_bytes", "Bytes", "Payload bytes", { wide: true }),
-    bothSides("acknowledgement_requests", "Ack requests", "Requests for an acknowledgement", { minor: true }),
+    bothSides("acknowledgement_requests", "Ack requests", "Requests for an acknowledgement", {
+        minor: true,
+    }),
     bothSides("acknowledgements", "Acks", "Acknowledgements", { minor: true }),
     bothSides("loss_reports", "Losses", "Reports of loss", { alert: "warning" }),
     bothSides("bad_packets", "Bad", "Packets with a fault", { alert: "error" }),
@@ -80,14 +106,28 @@ export const tables = {
         sortBy: "payload_bytes",
         charts: [
             { title: "Payload bytes", unit: "B", lines: [line("payload_bytes", "Bytes", "blue")] },
-            { title: "Packets", lines: [line("data_packets", "Data", "blue"), line("null_packets", "Null", "grey")] },
-            { title: "Trouble", lines: [line("missed_packets", "Gaps", "amber"),
-                line("repeated_packets", "Repeats", "violet"), line("bad_packets", "Bad", "red")] },
+            {
+                title: "Packets",
+                lines: [line("data_packets", "Data", "blue"), line("null_packets", "Null", "grey")],
+            },
+            {
+                title: "Trouble",
+                lines: [
+                    line("missed_packets", "Gaps", "amber"),
+                    line("repeated_packets", "Repeats", "violet"),
+                    line("bad_packets", "Bad", "red"),
+                ],
+            },
         ],
     },
     subjects: {
         title: "Subjects",
-        columns: [{ key: "subject", label: "Subject", kind: "text", help: "Subject" }, port, { ...group, minor: true }, ...subjects],
+        columns: [
+            { key: "subject", label: "Subject", kind: "text", help: "Subject" },
+            port,
+            { ...group, minor: true },
+            ...subjects,
+        ],
         hostColumns: [{ ...address, label: "Sender" }, scid, ...subjects],
         sortBy: "message_bytes",
         charts: [
@@ -97,13 +137,32 @@ export const tables = {
     },
     retransmission: {
         title: "Retransmission",
-        columns: [port, { key: "servicePort", label: "Service", kind: "port", minor: true,
-            help: "Port of the service that the requests are about" }, hostCount, ...retransmission.map(sent)],
+        columns: [
+            port,
+            {
+                key: "servicePort",
+                label: "Service",
+                kind: "port",
+                minor: true,
+                help: "Port of the service that the requests are about",
+            },
+            hostCount,
+            ...retransmission.map(sent),
+        ],
         hostColumns: [address, scid, ...sides(retransmission)],
         sortBy: "requests_sent",
         charts: [
-            { title: "Requests and rejects", lines: [line("requests_sent", "Requests", "amber"), line("rejects_sent", "Rejects", "red")] },
-            { title: "Packets asked for", lines: [line("requested_packets_sent", "Packets", "blue")] },
+            {
+                title: "Requests and rejects",
+                lines: [
+                    line("requests_sent", "Requests", "amber"),
+                    line("rejects_sent", "Rejects", "red"),
+                ],
+            },
+            {
+                title: "Packets asked for",
+                lines: [line("requested_packets_sent", "Packets", "blue")],
+            },
         ],
     },
     point_to_point: {
@@ -112,10 +171,26 @@ export const tables = {
         hostColumns: [address, scid, ...sides(pointToPoint)],
         sortBy: "payload_bytes_sent",
         charts: [
-            { title: "Payload bytes", unit: "B", lines: [line("payload_bytes_sent", "Bytes", "blue")] },
-            { title: "Packets", lines: [line("data_packets_sent", "Data", "blue"),
-                line("acknowledgement_requests_sent", "Ack requests", "grey"), line("acknowledgements_sent", "Acks", "green")] },
-            { title: "Trouble", lines: [line("loss_reports_sent", "Losses", "amber"), line("bad_packets_sent", "Bad", "red")] },
+            {
+                title: "Payload bytes",
+                unit: "B",
+                lines: [line("payload_bytes_sent", "Bytes", "blue")],
+            },
+            {
+                title: "Packets",
+                lines: [
+                    line("data_packets_sent", "Data", "blue"),
+                    line("acknowledgement_requests_sent", "Ack requests", "grey"),
+                    line("acknowledgements_sent", "Acks", "green"),
+                ],
+            },
+            {
+                title: "Trouble",
+                lines: [
+                    line("loss_reports_sent", "Losses", "amber"),
+                    line("bad_packets_sent", "Bad", "red"),
+                ],
+            },
         ],
     },
 };

@@ -6,12 +6,27 @@ import { element, setAttribute, setText } from "./dom.js";
 export function makeTabs(names, panelId, onChoose) {
     let chosen = names[0].key;
     const tabs = new Map(names.map(({ key, title }) => [key, makeTab(key, title)]));
-    const list = element("div", { class: "tabs", role: "tablist", "aria-label": "Tables", keydown: onKey },
-        ...[...tabs.values()].map((tab) => tab.element));
+    const list = element(
+        "div",
+        { class: "tabs", role: "tablist", "aria-label": "Tables", keydown: onKey },
+        ...[...tabs.values()].map((tab) => tab.element),
+    );
 
     function makeTab(key, title) {
         const count = element("span", { class: "count" });
-        const button = element("button", { type: "button", role: "tab", id: `tab-${key}`, "aria-controls": panelId, click: () => choose(key) }, title, " ", count);
+        const button = element(
+            "button",
+            {
+                type: "button",
+                role: "tab",
+                id: `tab-${key}`,
+                "aria-controls": panelId,
+                click: () => choose(key),
+            },
+            title,
+            " ",
+            count,
+        );
         return { element: button, count };
     }
 
