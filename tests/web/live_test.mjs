@@ -105,6 +105,17 @@ test("the page shows what the server tells", async () => {
     for (const canvas of await page.locator(".tiles canvas").all())
         assert.ok((await inkOf(canvas)) > 50);
 
+    await page
+        .locator(".tiles .u-over")
+        .nth(5)
+        .hover({ position: { x: 1, y: 5 } });
+    const first = snapshots[0];
+    assert.equal(await page.textContent("#pointed"), `totals at ${first.time.slice(11, 19)}`);
+    assert.equal(
+        await page.locator(".tile .value").nth(5).textContent(),
+        count(first.totals.multicast.missed_packets),
+    );
+
     await page.click("#rate");
     assert.equal(
         (await table.locator(".sums td").allTextContents())[3],

@@ -9,6 +9,7 @@ export const faultColumns = [
         key: "packets",
         label: "Packets",
         kind: "number",
+        wide: true,
         alert: "error",
         help: "Packets of this interval",
     },

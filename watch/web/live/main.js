@@ -67,9 +67,14 @@ const tabs = makeTabs(
     "tables",
     chooseTab,
 );
-const tiles = makeTiles((table) => {
-    if (table !== tab) tabs.choose(table);
-    if (table !== "faults") panel.openTotals(table);
+const tiles = makeTiles({
+    onOpen: (table) => {
+        if (table !== tab) tabs.choose(table);
+        if (table !== "faults") panel.openTotals(table);
+    },
+    onPoint: (timeMs) => {
+        setText(byId("pointed"), timeMs === null ? "" : `totals at ${formatTime(timeMs)}`);
+    },
 });
 
 function openRow(name, row) {

@@ -3,7 +3,7 @@
 
 import { makeSparkline } from "../shared/chart.js";
 import { element, setText } from "../shared/dom.js";
-import { formatNumber, formatShort, formatTime } from "../shared/format.js";
+import { formatNumber, formatShort } from "../shared/format.js";
 import { numbersOf } from "./history.js";
 
 // `alert` is the colour of a value above 0.
@@ -46,8 +46,9 @@ function isLiveSource(snapshot) {
     return snapshot.kernel_dropped_frames !== undefined;
 }
 
-// onOpen(table) for those that have one.
-export function makeTiles(onOpen) {
+// onOpen(table) for those that have one. onPoint(milliseconds or null) tells the time whose values
+// the tiles show because the pointer is over it.
+export function makeTiles({ onOpen, onPoint }) {
     let history = null;
     let latest = {};
     let scale = 1;
@@ -67,14 +68,13 @@ export function makeTiles(onOpen) {
             group: "totals",
             onHover: showAt,
         });
-        const label = element("span", { class: "label" }, tile.label);
         const open = () => onOpen(tile.table);
-        const inside = [label, value, line.element];
+        const inside = [element("span", { class: "label" }, tile.label), value, line.element];
         const box =
             tile.table === null
                 ? element("div", { class: "tile" }, ...inside)
                 : element("button", { class: "tile", type: "button", click: open }, ...inside);
-        return { ...tile, element: element("li", {}, box), box, labelText: label, value, line };
+        return { ...tile, element: element("li", {}, box), box, value, line };
     }
 
     // The pointer over one line shows the values of all at its time. Each line reports it.
@@ -95,12 +95,9 @@ export function makeTiles(onOpen) {
                 tile.value,
                 tile.unit || value >= 1e6 ? formatShort(value, tile.unit) : formatNumber(value),
             );
-            setText(
-                tile.labelText,
-                isPast ? `at ${formatTime(times[pointed] * 1000)}` : tile.label,
-            );
             tile.box.className = "tile" + (tile.alert && value > 0 ? ` ${tile.alert}` : "");
         }
+        onPoint(isPast ? times[pointed] * 1000 : null);
     }
 
     return {

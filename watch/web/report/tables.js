@@ -145,6 +145,7 @@ const kFaultColumns = [
         key: "packets",
         label: "Packets",
         kind: "number",
+        wide: true,
         alert: "error",
         help: "Packets with the fault",
     },
