@@ -24,7 +24,8 @@ install(CODE "
 set(programs_of_bin pelmobus pmd)
 if(PELMO_WATCH AND PELMO_WATCH_BUILT)
     list(APPEND programs_of_bin pelmowatch)
-    install(FILES docs/pelmowatch.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch
+    install(FILES docs/pelmowatch.schema.json docs/pelmowatch-report.schema.json
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch
             COMPONENT tool)
 endif()
 install(TARGETS ${programs_of_bin} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)

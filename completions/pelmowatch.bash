@@ -7,6 +7,7 @@ _pelmowatch() {
     local -A options=(
         [json]="--rows --since-start --senders"
         [serve]="--listen --host --hosts --subjects --expire --max-series --max-clients --senders --pace"
+        [report]="-o --output"
         [top]="--speed"
     )
     # Options whose values nobody can guess.
@@ -18,7 +19,7 @@ _pelmowatch() {
         mapfile -t COMPREPLY < <(compgen -W "${!options[*]} --help --version" -- "$current")
     elif [[ $previous == -i || $previous == --interface ]]; then
         mapfile -t COMPREPLY < <(cd /sys/class/net && compgen -f -- "$current")
-    elif [[ $previous == -r || $previous == --read ]]; then
+    elif [[ $previous == -r || $previous == --read || $previous == -o || $previous == --output ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
     elif [[ $values != *[[:space:]]"$previous"[[:space:]]* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$source ${options[${COMP_WORDS[1]}]-}" -- "$current")

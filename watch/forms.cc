@@ -1,6 +1,7 @@
 #include "watch/forms.h"
 
 #include "watch/json/json.h"
+#include "watch/report/report.h"
 #include "watch/serve/serve.h"
 #ifdef PELMO_WATCH_TOP
 #include "watch/top/top.h"
@@ -15,6 +16,7 @@ constexpr const Form* kForms[] = {
 #ifdef PELMO_WATCH_TOP
     &kTopForm,
 #endif
+    &kReportForm,
 };
 
 }  // namespace

@@ -55,7 +55,8 @@ using S = TraceSettings;
 constexpr OptionRow kSourceOptions[] = {
     {"-i,--interface", "NAME", "capture live from this interface", storeInterface},
     {"-r,--read", "FILE", "read this saved capture; - is the standard input", storeRead},
-    {"-u,--interval", "SECONDS", "time between two snapshots [10; 2 of top]", storeInterval},
+    {"-u,--interval", "SECONDS", "time between two snapshots [10; 2 of top, 1 of report]",
+     storeInterval},
     {"-addr,--addr", "ADDRESS", "only packets from or to the address; repeatable",
      collect<&S::srcAddrs, &S::dstAddrs>},
     {"-src,--src", "ADDRESS", "only packets from the address; repeatable", collect<&S::srcAddrs>},

@@ -1,0 +1,110 @@
+#include "watch/json/json_parts.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+#include "lib/base/bytes.h"
+#include "watch/core/text.h"
+
+namespace {
+
+constexpr uint32_t kNanosecondsPerSecond = 1'000'000'000;
+
+}  // namespace
+
+void jsonSafe(JsonWriter& out, std::string_view key, std::string_view text) {
+    out.plain(key);
+    const bool isPlain = std::ranges::none_of(text, [](char c) { return c == '"' || c == '\\'; });
+    if (isPlain) return out.plain(text);
+    out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+void jsonReal(JsonWriter& out, std::string_view key, double number) {
+    out.plain(key);
+    if (std::isfinite(number)) {
+        out.Double(number);
+    } else {
+        out.Null();
+    }
+}
+
+// A packet's stamp may claim a second's worth of nanoseconds and more.
+std::string_view jsonTimeText(TimeSpec time, char (&text)[kJsonTimeBytes]) {
+    const time_t seconds = time_t{time.seconds} + time.nanoseconds / kNanosecondsPerSecond;
+    tm utc{};
+    gmtime_r(&seconds, &utc);
+    const int length =
+        std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%09uZ", utc.tm_year + 1900,
+                      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                      time.nanoseconds % kNanosecondsPerSecond);
+    return {text, static_cast<size_t>(length)};
+}
+
+void jsonTime(JsonWriter& out, std::string_view key, TimeSpec time) {
+    char text[kJsonTimeBytes];
+    jsonPlain(out, key, jsonTimeText(time, text));
+}
+
+double jsonSeconds(TimeSpec time) {
+    return time.seconds + time.nanoseconds / 1e9;
+}
+
+void jsonAddress(JsonWriter& out, std::string_view key, uint32_t address) {
+    char text[kAddressTextBytes];
+    jsonPlain(out, key, addressText(address, text));
+}
+
+void jsonPort(JsonWriter& out, std::string_view key, uint16_t port) {
+    jsonMember(out, key, uint64_t{hostOrder16(port)});
+}
+
+void jsonScid(JsonWriter& out, uint16_t port) {
+    out.plain("scid");
+    if (port != 0) {
+        out.number(hostOrder16(port));
+    } else {
+        out.Null();
+    }
+}
+
+void jsonRetransmissionRow(JsonWriter& out, const SnapPort& port, const SnapRlHost& host) {
+    jsonPort(out, "port", port.port);
+    jsonPort(out, "service_port", port.servicePort);
+    jsonAddress(out, "host", host.host);
+    jsonScid(out, host.port);
+    jsonFields(out, kRetransmissionFields, host.counters);
+}
+
+void jsonPointToPointRow(JsonWriter& out, const SnapPort& port, const SnapPtpHost& host) {
+    jsonPort(out, "port", port.port);
+    jsonAddress(out, "host", host.host);
+    jsonScid(out, host.port);
+    jsonFields(out, kPointToPointFields, host.counters);
+}
+
+void jsonTotals(JsonWriter& out, const char* name, const SnapTotals& totals) {
+    SnapSubject subjects{};
+    subjects.msgs = totals.subjects.msgs;
+    subjects.bytes = totals.subjects.bytes;
+    const auto writeTable = [&out](const char* table, const auto& fields, const auto& record) {
+        out.plain(table);
+        out.StartObject();
+        jsonFields(out, fields, record);
+        out.EndObject();
+    };
+    out.plain(name);
+    out.StartObject();
+    writeTable(kJsonMulticast, kMulticastFields, totals.multicast);
+    writeTable(kJsonRetransmission, kRetransmissionFields, totals.retransmission);
+    writeTable(kJsonPointToPoint, kPointToPointFields, totals.pointToPoint);
+    writeTable(kJsonSubjects, kSubjectFields, subjects);
+    out.EndObject();
+}
+
+void jsonFault(JsonWriter& out, const FaultCount& count) {
+    jsonMember(out, kFaults.name, count.packets);
+    jsonTime(out, "first_time", count.first);
+    jsonTime(out, "last_time", count.last);
+}

@@ -1,0 +1,23 @@
+// The data of a report page, as JSON (docs/pelmowatch-report.schema.json).
+//
+// Tables show their largest rows and the sums of all. Each "<" is escaped, so that no text ends the
+// element of the page that the data stands in.
+//
+// Threads: any; no state.
+
+#pragma once
+
+#include "trace/counts/snapshot.h"
+#include "watch/json/json_buffer.h"
+#include "watch/report/timeline.h"
+
+struct ReportInput {
+    const SnapHeader* sum;  // of the whole capture, as totals give it
+    const Timeline* timeline;
+    double intervalSeconds;  // of the source's snapshots
+    const char* file;        // its name, as given
+    const char* filter;      // null: none
+};
+
+// False when memory runs out.
+[[nodiscard]] bool pageAppendData(JsonBuffer& buffer, const ReportInput& input);

@@ -1,0 +1,140 @@
+#include "watch/report/report.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "lib/base/log.h"
+#include "trace/counts/snapshot_totals.h"
+#include "trace/settings.h"
+#include "watch/core/totals.h"
+#include "watch/report/page.h"
+#include "watch/report/timeline.h"
+#include "watch/web/assets.h"
+
+namespace {
+
+constexpr uint32_t kIntervalSeconds = 1;
+constexpr mode_t kFileMode = 0666;  // less what the user masks
+
+struct ReportForm {
+    // Of the command line.
+    const char* path = nullptr;
+
+    // Of the start: the file beside its place. It is made with the rights that are left at the end,
+    // so that a place that can't be written is told ahead of a long run.
+    std::string besidePath;
+    int descriptor = -1;
+
+    // Of the thread that hands on Snapshots.
+    Totals totals;
+    Timeline timeline;
+    bool failed = false;
+};
+
+ReportForm report;
+
+const char* storeOutput(const char* value) {
+    if (value[0] == 0) return "is empty";
+    report.path = value;
+    return nullptr;
+}
+
+constexpr OptionRow kOptions[] = {
+    {"-o,--output", "FILE", "the page to write", storeOutput},
+};
+
+const char* settle() {
+    if (report.path == nullptr) return "needs -o FILE";
+    if (traceSettings.liveCapture) return "reads a saved capture: needs -r FILE";
+    traceSettings.countSenders = true;  // whose messages are shown
+    return nullptr;
+}
+
+bool fail(const char* what, const char* reason) {
+    report.failed = true;
+    logPrint("unable to %s '%s': %s.", what, report.path, reason);
+    return false;
+}
+
+// A directory or a device isn't replaced by a page.
+bool isPlace() {
+    struct stat status = {};
+    return stat(report.path, &status) != 0 || S_ISREG(status.st_mode);
+}
+
+bool start() {
+    if (!isPlace()) return fail("write", "isn't a regular file");
+    report.besidePath = std::string(report.path) + "." + std::to_string(getpid()) + ".part";
+    report.descriptor =
+        open(report.besidePath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
+    return report.descriptor >= 0 || fail("write", std::strerror(errno));
+}
+
+bool snapshot(SnapHeader& snapshot) {
+    totalsAdd(report.totals, snapshot);
+    if (timelineAdd(report.timeline, snapshot, snapshotAddUp(snapshot))) return true;
+    return fail("make", "out of memory");
+}
+
+bool writeAll(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(report.descriptor, text.data(), text.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return fail("write", std::strerror(errno));
+        text.remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+bool writePage() {
+    const SnapHeader* const sum = totalsSnapshot(report.totals);
+    JsonBuffer data;
+    const ReportInput input = {.sum = sum,
+                               .timeline = &report.timeline,
+                               .intervalSeconds = static_cast<double>(traceSettings.updateInterval),
+                               .file = traceSettings.readFile,
+                               .filter = traceSettings.filterText};
+    if (sum == nullptr || !pageAppendData(data, input)) return fail("make", "out of memory");
+    const WebReportFrame frame = webReportFrame();
+    return writeAll(frame.head) && writeAll(data.text()) && writeAll(frame.tail);
+}
+
+// The page has to be on the disk before its name is.
+bool moveToPlace() {
+    if (fsync(report.descriptor) != 0 && errno != EINVAL && errno != EROFS) {
+        return fail("write", std::strerror(errno));
+    }
+    if (rename(report.besidePath.c_str(), report.path) == 0) return true;
+    return fail("write", std::strerror(errno));
+}
+
+bool end(bool isWhole) {
+    const bool isDone = !report.failed && isWhole && writePage() && moveToPlace();
+    close(report.descriptor);
+    if (!isDone) unlink(report.besidePath.c_str());
+    totalsFree(report.totals);
+    timelineFree(report.timeline);
+    return isDone;
+}
+
+}  // namespace
+
+const Form kReportForm = {
+    .name = "report",
+    .summary = "A saved capture as one page with charts and tables",
+    .options = kOptions,
+    .settle = settle,
+    .prepare = nullptr,
+    .start = start,
+    .snapshot = snapshot,
+    .end = end,
+    .intervalSeconds = kIntervalSeconds,
+    .showsProgress = true,
+    .staysOpen = false,
+};
