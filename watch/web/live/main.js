@@ -186,7 +186,7 @@ let isConnected = false;
 // Only a saved capture tells of a file.
 function showState() {
     const isSaved = model !== null && model.snapshot.file_bytes !== undefined;
-    setText(byId("state"), !isConnected ? "connection lost" : isSaved ? "saved capture" : "live");
+    setText(byId("state"), !isConnected ? "connection lost" : isSaved ? "capture file" : "live");
 }
 
 async function onState(state) {

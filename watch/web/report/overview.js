@@ -60,10 +60,12 @@ export function showOverview(data) {
             : `${capture.files.length} files`;
     document.title = `${title} – pelmowatch`;
     setText(document.getElementById("title"), title);
-    setText(
-        document.getElementById("span"),
-        `${formatDateTime(begin)} to ${formatDateTime(end)} ${zone}, ${formatSpan(capture.elapsed_seconds)}`,
-    );
+    document
+        .getElementById("span")
+        .append(
+            `${formatDateTime(begin)} to ${formatDateTime(end)} ${zone}, `,
+            element("span", {}, formatSpan(capture.elapsed_seconds)),
+        );
     document.getElementById("facts").append(...facts(data));
     const notice = document.getElementById("notice");
     notice.hidden = capture.is_whole;

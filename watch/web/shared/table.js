@@ -43,7 +43,9 @@ export function sumRows(rows, columns) {
 }
 
 function columnClass(column) {
-    const marks = ["minor", "spare", "wide", "isSecond", "isEdge"].filter((mark) => column[mark]);
+    const marks = ["minor", "spare", "wide", "isFirst", "isSecond", "isEdge"].filter(
+        (mark) => column[mark],
+    );
     return [`kind-${column.kind}`, ...marks].join(" ");
 }
 

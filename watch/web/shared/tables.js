@@ -66,7 +66,11 @@ function sent({ key, label, help, more }) {
 
 function sides(pairs) {
     return pairs.flatMap(({ key, label, help, more }) => [
-        number(`${key}_sent`, label, `${help}, sent by the host`, { ...more, suffix: "out" }),
+        number(`${key}_sent`, label, `${help}, sent by the host`, {
+            ...more,
+            suffix: "out",
+            isFirst: true,
+        }),
         number(`${key}_received`, `in`, `${help}, sent to the host`, {
             ...more,
             minor: true,
@@ -85,7 +89,7 @@ const retransmission = [
 const pointToPoint = [
     bothSides("data_packets", "Data", "Data packets"),
     bothSides("payload_bytes", "Bytes", "Payload bytes", { wide: true }),
-    bothSides("acknowledgement_requests", "Ack requests", "Requests for an acknowledgement", {
+    bothSides("acknowledgement_requests", "Ack reqs", "Requests for an acknowledgement", {
         minor: true,
     }),
     bothSides("acknowledgements", "Acks", "Acknowledgements", { minor: true }),
