@@ -1,5 +1,5 @@
-// report_test.mjs: the report page in a browser, opened from disk, with data of a sample.
-// PELMO_WATCH is the program, PELMO_FRAME the built page around the data.
+// report_test.mjs: the report of a sample in a browser, opened from disk, and with other data in it.
+// PELMO_WATCH is the program.
 
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
@@ -9,25 +9,21 @@ import { join } from "node:path";
 import { fileURLToPath, pathToFileURL } from "node:url";
 import test, { after, before } from "node:test";
 import { inkOf, launch, openPage, picture, rowTexts } from "./browser.mjs";
-import { reportData, reportPage } from "./report_data.mjs";
 
 const sample = fileURLToPath(new URL("../../samples/bus.pcap", import.meta.url));
-const text = execFileSync(process.env.PELMO_WATCH, ["json", "-r", sample, "-u", "1"], {
-    encoding: "utf8",
-});
-const data = reportData(
-    text
-        .trim()
-        .split("\n")
-        .map((line) => JSON.parse(line)),
-);
-const frame = readFileSync(process.env.PELMO_FRAME, "utf8");
+const kData = /(<script type="application\/json"[^>]*>)(.*?)(?=<\/script>)/s;
 
 let browser;
 let folder;
+let whole; // the page of the sample, as the program makes it
+let data;
 before(async () => {
     browser = await launch();
     folder = mkdtempSync(join(tmpdir(), "report"));
+    const file = join(folder, "sample.html");
+    execFileSync(process.env.PELMO_WATCH, ["report", "-r", sample, "-o", file]);
+    whole = readFileSync(file, "utf8");
+    data = JSON.parse(whole.match(kData)[2]);
 });
 after(async () => {
     await browser.close();
@@ -36,7 +32,11 @@ after(async () => {
 
 async function open(content, options) {
     const file = join(folder, "report.html");
-    writeFileSync(file, reportPage(frame, content));
+    const json = JSON.stringify(content).replaceAll("<", "\\u003c");
+    writeFileSync(
+        file,
+        whole.replace(kData, (all, head) => head + json),
+    );
     const opened = await openPage(browser, pathToFileURL(file).href, options);
     return { ...opened, table: opened.page.locator("#tables > .table:not([hidden])") };
 }
