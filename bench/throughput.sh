@@ -52,19 +52,7 @@ for program in "${command[0]}" "$build"/bin/{pelmogen,pcap_floor,run_usage}; do
 done
 mkdir -p "$folder"
 
-# capture NAME OPTIONS...: makes the capture unless it's there from the same options, and brings it
-# into the page cache. Sets `file`.
-capture() {
-    file=$folder/$1.pcap
-    shift
-    local made
-    made="$* $(cksum <"$build/bin/pelmogen")"
-    if [ ! -f "$file" ] || [ "$(cat "$file.options" 2>/dev/null)" != "$made" ]; then
-        "$build/bin/pelmogen" --out "$file" --rate 100000 "$@"
-        echo "$made" >"$file.options"
-    fi
-    cat "$file" >/dev/null
-}
+. bench/captures.sh
 
 # "microseconds peak-kilobytes"
 run() {
@@ -153,16 +141,9 @@ echo "nanoseconds a packet, medians of $pairs pairs"
 printf "$row" case packets tool floor ratio bar aim '' peak-MB
 for name in "${cases[@]}"; do
     case $name in
-    A) capture A --mix --count 2000000 && compare A 2000000 1.75 1.5 ;;
-    B)
-        capture B --mix --count 1000000 --payload 1200-1470 --message-bytes 0
-        compare B 1000000 1.7 1.4
-        ;;
-    C)
-        capture C --mix --count 1000000 --hosts 20000 --subjects 200000 --publishers 5-400 \
-            --message-bytes 50-80 --message-skew 5
-        compare C 1000000 4.5 3.5
-        ;;
+    A) capture_case A && compare A 2000000 1.75 1.5 ;;
+    B) capture_case B && compare B 1000000 1.7 1.4 ;;
+    C) capture_case C && compare C 1000000 4.5 3.5 ;;
     *) "$name" ;;
     esac
 done

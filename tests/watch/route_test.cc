@@ -133,13 +133,13 @@ TEST(Events, ALateReaderSkipsToTheNewest) {
     EXPECT_EQ(eventsNext(client, {}, 100, 0), "");
     const Event first = eventOf(1, "first"), second = eventOf(2, "second"),
                 third = eventOf(3, "third");
-    EXPECT_TRUE(eventsWakes(client, first, 1));
+    EXPECT_TRUE(eventsWakes(client, first.number, 1));
     EXPECT_EQ(eventsNext(client, first, 3, 1), "fir");
     EXPECT_EQ(eventsNext(client, second, 3, 2), "st");  // an event is told whole
     EXPECT_EQ(eventsNext(client, third, 100, 3), "third");
     EXPECT_EQ(eventsNext(client, third, 100, 4), "");
     EXPECT_FALSE(client.body);  // the bytes of what was read are given back
-    EXPECT_FALSE(eventsWakes(client, third, 5));
+    EXPECT_FALSE(eventsWakes(client, third.number, 5));
 }
 
 TEST(Events, SilenceIsBrokenAndStallsAreSeen) {
@@ -150,8 +150,8 @@ TEST(Events, SilenceIsBrokenAndStallsAreSeen) {
     EXPECT_TRUE(eventsIsStalled(client, kEventsReadSeconds + 1));
     EXPECT_EQ(eventsNext(client, event, 100, 5), "");
     EXPECT_FALSE(eventsIsStalled(client, 1000));
-    EXPECT_FALSE(eventsWakes(client, event, 5 + kEventsSilenceSeconds - 1));
-    EXPECT_TRUE(eventsWakes(client, event, 5 + kEventsSilenceSeconds));
+    EXPECT_FALSE(eventsWakes(client, event.number, 5 + kEventsSilenceSeconds - 1));
+    EXPECT_TRUE(eventsWakes(client, event.number, 5 + kEventsSilenceSeconds));
     EXPECT_EQ(eventsNext(client, event, 100, 5 + kEventsSilenceSeconds), ":\n\n");
     EXPECT_EQ(eventsNext(client, event, 100, 6 + kEventsSilenceSeconds), "");
 }

@@ -7,7 +7,8 @@
 // a 4-byte boundary; the pointers to the host status messages; these messages, each on a 4-byte
 // boundary. A parent's pointer and count describe its slice of the shared array.
 //
-// Ownership: the block belongs to this module and is valid until the next snapshotTake.
+// Ownership: the block belongs to this module and is valid until the next snapshotTake, unless it
+// is taken over (trace/counts/snapshot_storage.h).
 //
 // Failure: snapshotTake returns null when memory runs out. Then nothing was copied or zeroed, and
 // the next one that succeeds covers both intervals.

@@ -18,4 +18,13 @@
 
 [[nodiscard]] size_t snapshotStorageCapacity();
 
+// Hands the block over, with the snapshot in it, for another one of malloc's, or for none: the next
+// call then allocates.
+struct SnapshotBlock {
+    void* bytes;
+    size_t capacityBytes;
+};
+
+[[nodiscard]] SnapshotBlock snapshotStorageExchange(SnapshotBlock spare);
+
 void snapshotStorageFree();

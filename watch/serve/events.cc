@@ -34,8 +34,8 @@ std::string_view eventsNext(EventClient& client,
     return kComment;
 }
 
-bool eventsWakes(const EventClient& client, const Event& newest, double nowSeconds) {
-    return newest.number > client.number || isSilentForLong(client, nowSeconds);
+bool eventsWakes(const EventClient& client, uint64_t newest, double nowSeconds) {
+    return newest > client.number || isSilentForLong(client, nowSeconds);
 }
 
 bool eventsIsStalled(const EventClient& client, double nowSeconds) {

@@ -40,8 +40,8 @@ struct EventClient {
                                           size_t mostBytes,
                                           double nowSeconds);
 
-// Would a client that waits get something?
-[[nodiscard]] bool eventsWakes(const EventClient& client, const Event& newest, double nowSeconds);
+// Would a client that waits get something? `newest` is the number of the newest event.
+[[nodiscard]] bool eventsWakes(const EventClient& client, uint64_t newest, double nowSeconds);
 
 // Is it to be cut off?
 [[nodiscard]] bool eventsIsStalled(const EventClient& client, double nowSeconds);

@@ -1,12 +1,17 @@
 #include "watch/serve/serve.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "lib/base/clock.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
+#include "trace/counts/snapshot_storage.h"
+#include "trace/counts/statistics.h"
 #include "trace/run/start_steps.h"
 #include "trace/settings.h"
 #include "watch/core/stop.h"
@@ -46,12 +51,19 @@ struct ServeForm {
     double lagSeconds PELMO_GUARDED_BY(lock) = 0;
     double snapshotTimeSeconds PELMO_GUARDED_BY(lock) = 0;
 
+    // The last Snapshot, taken over from those that count: its text is written when a client wants
+    // it. Then the block waits to be given back for another.
+    SnapshotBlock newest PELMO_GUARDED_BY(lock) = {};
+    SnapshotBlock spare PELMO_GUARDED_BY(lock) = {};
+
+    // Of the server's thread.
+    size_t eventBytes = 0;  // of the last
+    bool lacksMemory = false;
+
     // Of the thread that hands on Snapshots.
-    size_t eventBytes = 0;           // of the last
     double paceSeconds = 0;          // of the steady clock, at the first
     double paceSnapshotSeconds = 0;  // of the packets, there
     bool hasBegun = false;
-    bool lacksMemory = false;
 };
 
 ServeForm serve;
@@ -140,6 +152,41 @@ constexpr OptionRow kOptions[] = {
 
 // Answers, on the server's thread.
 
+// Without memory for the text of an interval clients don't see it; the next may be seen again.
+void tellLack(bool lacks) {
+    if (!std::exchange(serve.lacksMemory, lacks) && lacks) {
+        logPrint("out of memory for the text of a snapshot: pages and /snapshot.json lag behind.");
+    }
+}
+
+bool writeEventOf(const SnapHeader& snapshot, JsonBuffer& out, EventPlaces& places) {
+    (void)out.reserve(serve.eventBytes + serve.eventBytes / 8);  // mostly it grows once
+    out.append(kEventBegin);
+    jsonAppendObject(out, snapshot, nullptr);
+    out.append("\n\n");
+    if (out.failed) return false;
+    serve.eventBytes = out.usedBytes;
+    places = {kEventBegin.size(), out.usedBytes - kEventBegin.size() - 1};
+    return true;
+}
+
+bool writeEvent(JsonBuffer& out, EventPlaces& places) {
+    SnapshotBlock block{};
+    {
+        const LockGuard guard(serve.lock);
+        block = std::exchange(serve.newest, {});
+    }
+    if (block.bytes == nullptr) return false;
+    const bool written = writeEventOf(*static_cast<const SnapHeader*>(block.bytes), out, places);
+    tellLack(!written);
+    {
+        const LockGuard guard(serve.lock);
+        std::swap(serve.spare, block);
+    }
+    std::free(block.bytes);
+    return written;
+}
+
 void fillHealth(ServeHealth& health) {
     const ServerCounts counts = serverCounts();
     const ProcessUsage usage = processUsage();
@@ -205,7 +252,8 @@ const char* settle() {
         .onlyLoopbackNames = listenAddressIsLoopback(rules.listen) || !serve.hostNames.empty(),
         .furtherNames = serve.hostNames,
         .assets = webAssets()};
-    rules.answers = {writeMetrics, writeHistoryOfTotals, writeHistoryOfRow, writeHealth};
+    rules.answers = {writeEvent, writeMetrics, writeHistoryOfTotals, writeHistoryOfRow,
+                     writeHealth};
     if (serve.hasPace && traceSettings.liveCapture) return "takes --pace with -r only";
     return nullptr;
 }
@@ -248,31 +296,28 @@ void addUp(const SnapHeader& snapshot) {
     serve.lagSeconds = traceSettings.liveCapture ? std::max(0.0, elapsed - intervalSeconds()) : 0;
 }
 
-// Without memory for the text of an interval clients don't see it; the next may be seen again.
-void tellLack() {
-    if (!std::exchange(serve.lacksMemory, true)) {
-        logPrint("out of memory for the text of a snapshot: pages and /snapshot.json lag behind.");
+// The block with the Snapshot for one that nobody needs any more.
+void keep() {
+    SnapshotBlock unused{};
+    {
+        const LockGuard guard(serve.lock);
+        SnapshotBlock& from = serve.newest.bytes != nullptr ? serve.newest : serve.spare;
+        unused = std::exchange(from, {});
     }
-}
-
-void publish(const SnapHeader& snapshot) {
-    const BodyHold body = BodyHold::make();
-    if (!body) return tellLack();
-    JsonBuffer& buffer = body.buffer();
-    (void)buffer.reserve(serve.eventBytes + serve.eventBytes / 8);  // grows once at most, mostly
-    buffer.append(kEventBegin);
-    jsonAppendObject(buffer, snapshot, nullptr);
-    buffer.append("\n\n");
-    if (buffer.failed) return tellLack();
-    serve.lacksMemory = false;
-    serve.eventBytes = buffer.usedBytes;
-    serverPublish(body, kEventBegin.size(), buffer.usedBytes - kEventBegin.size() - 1);
+    SnapshotBlock block{};
+    {
+        const LockGuard guard(statsLock);
+        block = snapshotStorageExchange(unused);
+    }
+    const LockGuard guard(serve.lock);
+    serve.newest = block;
 }
 
 bool snapshot(SnapHeader& snapshot) {
     if (serve.hasPace) keepPace(snapshot);
     addUp(snapshot);
-    publish(snapshot);
+    keep();
+    serverPublish();
     return true;
 }
 
@@ -281,6 +326,8 @@ bool end(bool) {
     const LockGuard guard(serve.lock);
     seriesFree(serve.series);
     historyFree(serve.history);
+    std::free(serve.newest.bytes);
+    std::free(serve.spare.bytes);
     sublistDestroy(serve.seriesRules.subjects);
     return true;
 }

@@ -56,14 +56,15 @@ struct Server {
 
     Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
     Client* clients PELMO_GUARDED_BY(lock) = nullptr;
-    Event newest PELMO_GUARDED_BY(lock) = {};
-    size_t jsonAt PELMO_GUARDED_BY(lock) = 0;
-    size_t jsonBytes PELMO_GUARDED_BY(lock) = 0;
+    uint64_t published PELMO_GUARDED_BY(lock) = 0;  // intervals
     ServerCounts counts PELMO_GUARDED_BY(lock) = {};
     uint64_t cutClients PELMO_GUARDED_BY(lock) = 0;  // of counts.clients
     bool isEnding PELMO_GUARDED_BY(lock) = false;
 
     // Of the server's thread.
+    Event newest = {};
+    EventPlaces places = {};
+    uint64_t asked = 0;  // the interval that was asked for last
     BodyHold metrics;
     double metricsSeconds = 0;
     bool isNice = false;
@@ -246,20 +247,32 @@ MHD_Result answerMetrics(MHD_Connection* connection) {
     return answerBody(connection, server.metrics, kMetricsText);
 }
 
-MHD_Result answerSnapshot(MHD_Connection* connection) {
-    BodyHold body;
-    size_t at = 0;
-    size_t sizeBytes = 0;
+// The newest event, written now where nobody wanted it before. Without memory for it the one before
+// stays.
+const Event& newestEvent() {
+    uint64_t published = 0;
     {
         const LockGuard guard(server.lock);
-        body = server.newest.body;
-        at = server.jsonAt;
-        sizeBytes = server.jsonBytes;
+        published = server.published;
     }
-    if (!body) {
+    if (std::exchange(server.asked, published) == published) return server.newest;
+    EventPlaces places{};
+    BodyHold body =
+        makeBody([&](JsonBuffer& out) { return server.rules->answers.event(out, places); });
+    if (body) {
+        server.newest = {std::move(body), published};
+        server.places = places;
+    }
+    return server.newest;
+}
+
+MHD_Result answerSnapshot(MHD_Connection* connection) {
+    const Event& newest = newestEvent();
+    if (!newest.body) {
         return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no interval has ended yet");
     }
-    return queue(connection, MHD_HTTP_OK, responseOfBody(std::move(body), at, sizeBytes), kJson);
+    return queue(connection, MHD_HTTP_OK,
+                 responseOfBody(newest.body, server.places.jsonAt, server.places.jsonBytes), kJson);
 }
 
 MHD_Result answerHistory(MHD_Connection* connection, const Route& route) {
@@ -275,11 +288,12 @@ MHD_Result answerHistory(MHD_Connection* connection, const Route& route) {
 // Called by libmicrohttpd for more bytes of an event stream.
 ssize_t readEvents(void* context, uint64_t, char* buffer, size_t sizeBytes) {
     auto* const client = static_cast<Client*>(context);
+    const Event& newest = newestEvent();
     const LockGuard guard(server.lock);
     if (client->isCut) return MHD_CONTENT_READER_END_WITH_ERROR;
     if (server.isEnding) return MHD_CONTENT_READER_END_OF_STREAM;
     const std::string_view piece =
-        eventsNext(client->events, server.newest, sizeBytes, clockSteadySeconds());
+        eventsNext(client->events, newest, sizeBytes, clockSteadySeconds());
     if (!piece.empty()) {
         return static_cast<ssize_t>(piece.copy(buffer, piece.size()));
     }
@@ -486,13 +500,9 @@ bool serverStart() {
     return true;
 }
 
-void serverPublish(const BodyHold& event, size_t jsonAt, size_t jsonBytes) {
-    BodyHold dropped = event;  // the one before is freed with the lock released
+void serverPublish() {
     const LockGuard guard(server.lock);
-    std::swap(dropped, server.newest.body);
-    ++server.newest.number;
-    server.jsonAt = jsonAt;
-    server.jsonBytes = jsonBytes;
+    ++server.published;
     for (Client* client = server.clients; client != nullptr; client = client->next) {
         wakeLocked(client);
     }
@@ -504,7 +514,7 @@ void serverSweep() {
     for (Client* client = server.clients; client != nullptr; client = client->next) {
         if (!client->isCut && isLate(*client, now)) cutOffLocked(client);
         if (hasLeft(*client)) shutLocked(client);
-        if (client->isSuspended && eventsWakes(client->events, server.newest, now)) {
+        if (client->isSuspended && eventsWakes(client->events, server.published, now)) {
             wakeLocked(client);
         }
     }
@@ -528,6 +538,5 @@ void serverStop() {
     }
     MHD_stop_daemon(std::exchange(server.daemon, nullptr));
     server.metrics = {};
-    const LockGuard guard(server.lock);
     server.newest = {};
 }

@@ -3,12 +3,12 @@
 //
 //     serverBind  (rights are given up)  serverStart  |  serverPublish ...  |  serverStop
 //
-// A client can't hold up whoever publishes, nor make the process grow: bytes of an interval are
-// shared by all, and what a client costs beside them is bounded by kServerClientBytes and
-// ServerRules::mostClients. A client has kServerRequestSeconds for a request, kServerAnswerSeconds
-// to read an answer and kEventsReadSeconds to read an event, and may be idle for kServerIdleSeconds
-// between requests. Where there are too many, those go first that ask for nothing, the longest
-// silent ahead of all.
+// A client can't hold up whoever publishes, nor make the process grow: the text of an interval is
+// written once, when the first client wants it, and shared by all; what a client costs beside them
+// is bounded by kServerClientBytes and ServerRules::mostClients. A client has kServerRequestSeconds
+// for a request, kServerAnswerSeconds to read an answer and kEventsReadSeconds to read an event,
+// and may be idle for kServerIdleSeconds between requests. Where there are too many, those go first
+// that ask for nothing, the longest silent ahead of all.
 //
 // Ownership: rules are borrowed for as long as the server runs.
 //
@@ -36,8 +36,16 @@ struct ServerCounts {
     uint64_t cutOffClients;          // since the start
 };
 
+// The text of an event, in which its JSON and a line break stand from `jsonAt` for `jsonBytes`.
+struct EventPlaces {
+    size_t jsonAt, jsonBytes;
+};
+
 // What answers are made of. Each writes its text; false where it can't.
 struct ServerAnswers {
+    // Of the newest interval that was published, once for each at most.
+    bool (*event)(JsonBuffer& out, EventPlaces& places);
+
     bool (*metrics)(JsonBuffer& out);
     bool (*historyOfTotals)(JsonBuffer& out);
     bool (*historyOfRow)(const HistoryKey& row, JsonBuffer& out);
@@ -56,9 +64,8 @@ struct ServerRules {
 // Listens from here on, which the log tells.
 [[nodiscard]] bool serverStart();
 
-// An interval: the text of its event, in which its JSON and a line break stand from `jsonAt` for
-// `jsonBytes`.
-void serverPublish(const BodyHold& event, size_t jsonAt, size_t jsonBytes);
+// There is a new interval to be asked for.
+void serverPublish();
 
 // Cuts off clients whose time is up. Once a second.
 void serverSweep();
