@@ -40,12 +40,12 @@ TITLES = {b"Multicast Packet Statistics": "multicast", b"Multicast Retrans Packe
 class Server(Process):
     """pelmowatch serve on a port that the system chose; a saved capture is read once it is made."""
 
-    def __init__(self, watch, folder, *arguments, awaits_end=True):
+    def __init__(self, watch, folder, *arguments, awaits_end=True, within=()):
         folder.mkdir(exist_ok=True)
         self.log = folder / "stderr"
         with open(self.log, "wb") as log:
-            super().__init__(watch, "serve", "--listen", "127.0.0.1:0", *arguments, stdout=subprocess.DEVNULL,
-                             stderr=log, env=environment())
+            super().__init__(*within, watch, "serve", "--listen", "127.0.0.1:0", *arguments,
+                             stdout=subprocess.DEVNULL, stderr=log, env=environment())
         found = wait_until(lambda: LISTENING.search(self.log.read_text()) or not self.running(), "a port")
         if found is True:
             raise AssertionError("the server ended: " + self.log.read_text())
