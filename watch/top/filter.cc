@@ -15,7 +15,8 @@ char lower(char letter) {
 
 bool hasText(std::string_view text, std::string_view wanted) {
     const auto isSame = [](char left, char right) { return lower(left) == lower(right); };
-    return !std::ranges::search(text, wanted, isSame).empty();
+    return std::search(text.begin(), text.end(), wanted.begin(), wanted.end(), isSame) !=
+           text.end();
 }
 
 // Elements that stand for others, and nothing that no pattern may have.

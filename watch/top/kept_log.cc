@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
+#include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/base/text_sink.h"
 #include "watch/core/text.h"
@@ -21,27 +23,23 @@ struct KeptLog {
     FILE* stream = nullptr;  // never closed: others may be writing to it
     bool isOn = false;
 
-    // Guarded by the stream's own lock (flockfile).
-    char text[kKeptBytes];
-    size_t bytes = 0;
-    size_t lostLines = 0;
-    char latest[kKeptLineBytes];
-    size_t latestBytes = 0;
+    // Constant from the beginning on.
     void (*wake)() = nullptr;
+
+    // The stream is the log's file for now, and written to with the log's own lock held.
+    Lock lock = PELMO_LOCK_READY(LockRank::kLogFile);
+    char text[kKeptBytes] PELMO_GUARDED_BY(lock);
+    size_t bytes PELMO_GUARDED_BY(lock) = 0;
+    size_t lostLines PELMO_GUARDED_BY(lock) = 0;
+    char latest[kKeptLineBytes] PELMO_GUARDED_BY(lock);
+    size_t latestBytes PELMO_GUARDED_BY(lock) = 0;
 };
 
 KeptLog kept;
 
-class StreamHeld {
-  public:
-    StreamHeld() { flockfile(kept.stream); }
-    ~StreamHeld() { funlockfile(kept.stream); }
-    StreamHeld(const StreamHeld&) = delete;
-    StreamHeld& operator=(const StreamHeld&) = delete;
-};
-
 // Of the stream: a line of the log.
 ssize_t keep(void*, const char* text, size_t sizeBytes) {
+    const LockGuard guard(kept.lock);
     if (sizeBytes <= kKeptBytes - kept.bytes) {
         std::memcpy(kept.text + kept.bytes, text, sizeBytes);
         kept.bytes += sizeBytes;
@@ -76,7 +74,7 @@ bool keptLogBegin(void (*wake)()) {
 
 std::string_view keptLogLatest(char (&line)[kKeptLineBytes]) {
     if (!kept.isOn) return {};
-    const StreamHeld held;
+    const LockGuard guard(kept.lock);
     std::string_view latest(kept.latest, kept.latestBytes);
     kept.latestBytes = 0;
     if (latest.ends_with('\n')) latest.remove_suffix(1);
@@ -86,9 +84,14 @@ std::string_view keptLogLatest(char (&line)[kKeptLineBytes]) {
 void keptLogEnd() {
     if (!kept.isOn) return;
     kept.isOn = false;
-    logSetStream(nullptr);  // nobody is left in the stream
-    TextSink sink = {.descriptor = STDERR_FILENO};
-    textSinkWrite(&sink, kept.text, kept.bytes);
-    if (kept.lostLines != 0) logPrint("%zu further lines aren't kept.", kept.lostLines);
-    kept.bytes = kept.lostLines = 0;
+    logSetStream(nullptr);
+    size_t lostLines = 0;
+    {
+        const LockGuard guard(kept.lock);
+        TextSink sink = {.descriptor = STDERR_FILENO};
+        textSinkWrite(&sink, kept.text, kept.bytes);
+        lostLines = std::exchange(kept.lostLines, 0);
+        kept.bytes = 0;
+    }
+    if (lostLines != 0) logPrint("%zu further lines weren't kept.", lostLines);
 }

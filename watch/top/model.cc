@@ -46,7 +46,7 @@ void makeStale(TopModel& model) {
 void takeAll(TopModel& model, const SnapHeader& snapshot) {
     const double seconds = intervalSeconds(snapshot);
     for (size_t table = 0; table < kTopTables; ++table) {
-        rowsTake(model.live.tables[table], model.spare[table], model.histories[table], snapshot,
+        rowsTake(model.live.tables[table], model.spare[table], model.trails[table], snapshot,
                  seconds);
     }
     model.live.head = headOf(snapshot);
@@ -253,7 +253,7 @@ void topInit(TopModel& model) {
         const auto which = static_cast<TopTable>(table);
         model.live.tables[table].table = which;
         model.spare[table].table = which;
-        model.histories[table].columns = topTableInfo(which).columnCount;
+        model.trails[table].columns = topTableInfo(which).columnCount;
     }
 }
 

@@ -21,10 +21,10 @@
 #include <string>
 
 #include "trace/counts/snapshot.h"
-#include "watch/top/history.h"
 #include "watch/top/keys.h"
 #include "watch/top/pane.h"
 #include "watch/top/rows.h"
+#include "watch/top/trail.h"
 
 // The numbers of a whole interval.
 struct TopHead {
@@ -52,7 +52,7 @@ struct TopModel {
     TopState live;
     TopState frozen;
     TopRows spare[kTopTables];
-    History histories[kTopTables];
+    Trail trails[kTopTables];
     bool ranOut = false;
     bool isAtEnd = false;  // of a saved capture
 

@@ -168,7 +168,7 @@ uint16_t shownPort(TopTable table, const SnapPort& port) {
     return table == TopTable::kRetransmission ? port.servicePort : port.port;
 }
 
-// Appends the row of the interval, whose history goes on where it was.
+// Appends the row of the interval, whose trail goes on where it was.
 void appendActive(TopRows& to, const Incoming& row, int64_t nowSeconds, uint64_t lastEntry) {
     const size_t firstHost = to.hosts.size();
     uint64_t sums[kTopMostNumbers] = {};
@@ -255,11 +255,11 @@ void addTotals(TopRows& to, const SnapHeader& snapshot) {
     }
 }
 
-void addToHistory(TopRows& rows, History& history, double seconds) {
+void addToTrail(TopRows& rows, Trail& trail, double seconds) {
     for (size_t at = 0; at < rows.rows.size(); ++at) {
         TopRow& row = rows.rows[at];
         if (!rowIsActive(rows, row)) continue;
-        row.lastEntry = historyAdd(history, row.lastEntry, rowNumbers(rows, at), seconds);
+        row.lastEntry = trailAdd(trail, row.lastEntry, rowNumbers(rows, at), seconds);
     }
 }
 
@@ -294,14 +294,14 @@ const uint8_t* rowSubject(const TopRows& rows, const TopRow& row) {
 
 void rowsTake(TopRows& rows,
               TopRows& spare,
-              History& history,
+              Trail& trail,
               const SnapHeader& snapshot,
               double seconds,
               size_t mostRows) {
     const std::vector<Incoming> incoming = gather(rows.table, snapshot);
-    historyBegin(history);
+    trailBegin(trail);
     empty(spare, rows.table);
-    spare.interval = history.lastInterval;
+    spare.interval = trail.lastInterval;
     Merge merge = {.from = rows,
                    .to = spare,
                    .nowSeconds = snapshot.thisTime.seconds,
@@ -310,6 +310,6 @@ void rowsTake(TopRows& rows,
     mergeAll(merge, incoming);
     spare.subjects.resize(spare.subjects.size() + kCompareBytes);
     addTotals(spare, snapshot);
-    addToHistory(spare, history, seconds);
+    addToTrail(spare, trail, seconds);
     std::swap(rows, spare);
 }

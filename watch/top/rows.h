@@ -8,7 +8,7 @@
 // Addresses and ports are in host order here: they are sorted and looked for.
 //
 // Ownership: rows own all that they show. A copy is one in its own right, except that its rows'
-// history lies where it lay.
+// trail lies where it lay.
 //
 // Failure: rowsTake throws std::bad_alloc; the rows stay as they were.
 //
@@ -21,8 +21,8 @@
 #include <vector>
 
 #include "trace/counts/snapshot.h"
-#include "watch/top/history.h"
 #include "watch/top/tables.h"
+#include "watch/top/trail.h"
 
 inline constexpr size_t kMostRows = 100'000;
 inline constexpr int64_t kRowKeepSeconds = 600;
@@ -35,8 +35,8 @@ struct TopRow {
     uint32_t firstHost;
     uint32_t hostCount;       // a host of two sides stands twice, received first
     int64_t activeSeconds;    // when it last had traffic
-    uint64_t activeInterval;  // and the interval of the history
-    uint64_t lastEntry;       // in the history
+    uint64_t activeInterval;  // and the interval of the trail
+    uint64_t lastEntry;       // in the trail
 };
 
 struct TopHost {
@@ -47,17 +47,17 @@ struct TopHost {
 };
 
 struct TopRows {
-    TopTable table;
+    TopTable table = TopTable::kMulticast;
 
-    std::vector<TopRow> rows;
-    std::vector<uint64_t> numbers;  // of each row, as many as the table has columns
-    std::vector<uint8_t> subjects;
-    std::vector<TopHost> hosts;
-    std::vector<uint64_t> hostNumbers;
+    std::vector<TopRow> rows = {};
+    std::vector<uint64_t> numbers = {};  // of each row, as many as the table has columns
+    std::vector<uint8_t> subjects = {};
+    std::vector<TopHost> hosts = {};
+    std::vector<uint64_t> hostNumbers = {};
 
     uint64_t totals[kTopMostNumbers] = {};
     uint64_t leftOut = 0;   // new rows of the last interval that found no room
-    uint64_t interval = 0;  // of the history
+    uint64_t interval = 0;  // of the trail
 };
 
 // Did the row have traffic in the last interval?
@@ -74,7 +74,7 @@ struct TopRows {
 // ago; its memory is used again.
 void rowsTake(TopRows& rows,
               TopRows& spare,
-              History& history,
+              Trail& trail,
               const SnapHeader& snapshot,
               double seconds,
               size_t mostRows = kMostRows);

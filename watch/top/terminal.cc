@@ -186,10 +186,9 @@ const char* terminalRefusal() {
     if (term == nullptr || *term == '\0' || setupterm(nullptr, STDOUT_FILENO, &found) == ERR) {
         return refuseTerminal("it isn't known");
     }
-    if (generic_type || cursor_address == nullptr || clear_screen == nullptr) {
-        return refuseTerminal("it has no full screen");
-    }
-    return nullptr;
+    const bool hasScreen = !generic_type && cursor_address != nullptr && clear_screen != nullptr;
+    del_curterm(cur_term);
+    return hasScreen ? nullptr : refuseTerminal("it has no full screen");
 }
 
 bool terminalOpen() {

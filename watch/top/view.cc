@@ -18,7 +18,7 @@ constexpr size_t kWideNumber = 11;
 constexpr size_t kLeadColumns = 24;  // of port and group, or of a host
 constexpr size_t kSubjectLeast = 20;
 constexpr size_t kFullHeadLines = 14;  // a screen of so many lines has a full head
-constexpr double kHistorySeconds = 600;
+constexpr double kTrailSeconds = 600;
 
 // A drawing under way. `line` is the next one.
 struct Drawing {
@@ -228,14 +228,19 @@ std::string headingText(const Drawing& drawing, const char* heading, size_t colu
     return (isUp ? "^" : "v") + std::string(heading);
 }
 
+// A heading above text that begins at that column: the arrow stands ahead of it.
+void putTextHeading(Drawing& drawing, const char* heading, size_t sorts, size_t column) {
+    const size_t arrowColumns = drawing.pane.sortColumn == sorts ? 1 : 0;
+    screenPad(drawing.screen, drawing.line, Style::kHeading, column - arrowColumns);
+    screenPut(drawing.screen, drawing.line, Style::kHeading, headingText(drawing, heading, sorts));
+}
+
 void drawHeadings(Drawing& drawing) {
     Screen& screen = drawing.screen;
     constexpr Style kStyle = Style::kHeading;
     if (drawing.hasLead) {
         screenPutRight(screen, drawing.line, kStyle, headingText(drawing, "Port", kSortPort), 6);
-        screenPad(screen, drawing.line, kStyle, 8);
-        const char* const second = drawing.info.hasGroups ? "Group" : "Hosts";
-        screenPut(screen, drawing.line, kStyle, headingText(drawing, second, kSortGroup));
+        putTextHeading(drawing, drawing.info.hasGroups ? "Group" : "Hosts", kSortGroup, 8);
         screenPad(screen, drawing.line, kStyle, kLeadColumns);
     } else {
         screenPad(screen, drawing.line, kStyle, 1);
@@ -246,8 +251,7 @@ void drawHeadings(Drawing& drawing) {
         screenPutRight(screen, drawing.line, kStyle, text, drawing.numberColumns);
     }
     if (drawing.info.hasSubjects) {
-        screenPut(screen, drawing.line, kStyle,
-                  "  " + headingText(drawing, "Subject", kSortSubject));
+        putTextHeading(drawing, "Subject", kSortSubject, screen.lines[drawing.line].columns + 2);
     }
     screenPad(screen, drawing.line, kStyle, screen.size.columns);
     ++drawing.line;
@@ -280,7 +284,8 @@ void putNumbers(Drawing& drawing,
         if (number < values.size()) {
             putNumber(drawing, line, number, values[number]);
         } else {
-            const Style style = line.isWhole || told != "-" ? line.style : Style::kFaint;
+            const Style style =
+                line.isWhole || (told != "-" && told != "0") ? line.style : Style::kFaint;
             screenPutRight(drawing.screen, drawing.line, style, told, drawing.numberColumns);
         }
     }
@@ -297,7 +302,7 @@ void drawTotals(Drawing& drawing) {
         screenPad(screen, drawing.line, Style::kStrong, 1);
     }
     const std::span values(drawing.rows.totals, drawing.info.columnCount);
-    putNumbers(drawing, {true, Style::kStrong}, values, "-");
+    putNumbers(drawing, {false, Style::kStrong}, values, "-");
     if (!drawing.hasLead) screenPut(screen, drawing.line, Style::kStrong, "  " + name);
     ++drawing.line;
 }
@@ -414,11 +419,10 @@ void drawBars(Drawing& drawing) {
     const double seconds = topState(drawing.model).head.seconds;
     const size_t room =
         screen.size.columns - std::min(screen.size.columns - 1, name.size() + kTailColumns);
-    const auto intervals = static_cast<size_t>(kHistorySeconds / seconds);
+    const auto intervals = static_cast<size_t>(kTrailSeconds / seconds);
     std::vector<float> series(std::clamp<size_t>(intervals, 2, room));
-    const size_t known =
-        historyRead(drawing.model.histories[static_cast<size_t>(drawing.rows.table)], row.lastEntry,
-                    drawing.rows.interval, column, series);
+    const size_t known = trailRead(drawing.model.trails[static_cast<size_t>(drawing.rows.table)],
+                                   row.lastEntry, drawing.rows.interval, column, series);
     const std::span there = std::span(series).last(known);
     const float most = there.empty() ? 0 : std::ranges::max(there);
     screenPut(screen, drawing.line, Style::kStrong, name);

@@ -1,0 +1,126 @@
+// Snapshots for tests, made of what a test names; all else is 0.
+//
+//     SnapshotMaker maker;
+//     maker.host(7500, "239.1.1.1", "10.0.0.1").data = 5;
+//     maker.subject(7500, "239.1.1.1", {"A", "B"}, "10.0.0.1", 3);
+//     const SnapHeader& snapshot = maker.at(10);  // seconds; valid until the maker changes
+
+#pragma once
+
+#include <arpa/inet.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/support/packet_builder.h"
+#include "trace/counts/snapshot.h"
+
+class SnapshotMaker {
+  public:
+    SnapHost& host(uint16_t port, const char* group, const char* address, uint16_t scid = 0) {
+        return added(ports[port].nets[inet_addr(group)].hosts, address, scid);
+    }
+
+    RlCounters& retransmission(uint16_t port, const char* address, uint16_t scid = 0) {
+        return added(ports[port].rlHosts, address, scid).counters;
+    }
+
+    PtpCounters& pointToPoint(uint16_t port, const char* address, uint16_t scid = 0) {
+        return added(ports[port].ptpHosts, address, scid).counters;
+    }
+
+    // Adds messages of a byte each by one sender.
+    void subject(uint16_t port,
+                 const char* group,
+                 const std::vector<std::string>& elements,
+                 const char* sender,
+                 uint64_t messages) {
+        Subject& subject = ports[port].nets[inet_addr(group)].subjects[packedElements(elements)];
+        subject.senders.push_back({inet_addr(sender), htons(20000), messages, messages});
+        subject.messages += messages;
+    }
+
+    void servicePort(uint16_t port, uint16_t service) { ports[port].service = service; }
+
+    SnapHeader& at(int32_t seconds) {
+        head.prevTime = {seconds - 2, 0};
+        head.thisTime = {seconds, 0};
+        snapPorts.clear();
+        for (auto& [number, port] : ports) {
+            snapPorts.push_back(finished(number, port));
+        }
+        head.portCount = static_cast<uint32_t>(snapPorts.size());
+        head.ports = snapPorts.data();
+        snapshotSort(&head);
+        return head;
+    }
+
+    SnapHeader head{};
+
+  private:
+    struct Subject {
+        uint64_t messages = 0;
+        std::vector<SnapSubjectHost> senders;
+    };
+
+    struct Net {
+        std::vector<SnapHost> hosts;
+        std::map<Bytes, Subject> subjects;
+        std::vector<SnapSubject> snapSubjects;
+    };
+
+    struct Port {
+        uint16_t service = 0;
+        std::map<uint32_t, Net> nets;
+        std::vector<SnapNet> snapNets;
+        std::vector<SnapRlHost> rlHosts;
+        std::vector<SnapPtpHost> ptpHosts;
+    };
+
+    template <typename Host>
+    static Host& added(std::vector<Host>& hosts, const char* address, uint16_t scid) {
+        Host& host = hosts.emplace_back();
+        host.host = inet_addr(address);
+        host.port = htons(scid);
+        return host;
+    }
+
+    // Subjects may be read some bytes beyond their end, as those of a Snapshot may.
+    static SnapNet finished(uint32_t group, Net& net) {
+        net.snapSubjects.clear();
+        for (auto& [packed, subject] : net.subjects) {
+            net.snapSubjects.push_back({packed.data(), subject.messages, subject.messages,
+                                        static_cast<uint32_t>(subject.senders.size()),
+                                        subject.senders.data()});
+        }
+        SnapNet made{};
+        made.net = group;
+        made.hostCount = static_cast<uint32_t>(net.hosts.size());
+        made.hosts = net.hosts.data();
+        made.subjectCount = static_cast<uint32_t>(net.snapSubjects.size());
+        made.subjects = net.snapSubjects.data();
+        return made;
+    }
+
+    static SnapPort finished(uint16_t number, Port& port) {
+        port.snapNets.clear();
+        for (auto& [group, net] : port.nets) {
+            port.snapNets.push_back(finished(group, net));
+        }
+        SnapPort made{};
+        made.port = htons(number);
+        made.servicePort = port.service != 0 ? htons(port.service) : made.port;
+        made.netCount = static_cast<uint32_t>(port.snapNets.size());
+        made.nets = port.snapNets.data();
+        made.rlHostCount = static_cast<uint32_t>(port.rlHosts.size());
+        made.rlHosts = port.rlHosts.data();
+        made.ptpHostCount = static_cast<uint32_t>(port.ptpHosts.size());
+        made.ptpHosts = port.ptpHosts.data();
+        return made;
+    }
+
+    std::map<uint16_t, Port> ports;
+    std::vector<SnapPort> snapPorts;
+};

@@ -1,0 +1,334 @@
+// Keys and Snapshots in: which rows the model shows, in which order, and where the cursor is.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "lib/base/bytes.h"
+#include "tests/watch/snapshot_maker.h"
+#include "watch/core/text.h"
+#include "watch/top/model.h"
+
+namespace {
+
+constexpr size_t kRoom = 5;
+constexpr const char* kGroup = "239.1.1.1";
+
+struct TopModelTest : testing::Test {
+    TopModelTest() { topInit(model); }
+
+    void press(std::string_view keys) {
+        for (const char key : keys) {
+            press(static_cast<uint8_t>(key));
+        }
+    }
+
+    void press(uint32_t key) {
+        topPress(model, key, kRoom);
+        topArrange(model, kRoom);
+    }
+
+    void take(const SnapHeader& snapshot) {
+        topTake(model, snapshot);
+        topArrange(model, kRoom);
+    }
+
+    std::string nameOf(const PaneLine& line) const {
+        const TopRows& rows = topRows(model);
+        if (line.host != PaneLine::kNoHost) {
+            const TopHost& host = rows.hosts[line.host];
+            const char* const sides[] = {"", ">", "<"};
+            return sides[static_cast<size_t>(host.side)] + std::to_string(host.address & 0xff);
+        }
+        const TopRow& row = rows.rows[line.row];
+        if (!topTableInfo(rows.table).hasSubjects) return std::to_string(row.shownPort);
+        char text[kSafeSubjectBytes];
+        return std::string(subjectSafeText(rowSubject(rows, row), text));
+    }
+
+    // All lines, the one under the cursor in brackets.
+    std::string shown() const {
+        const Pane& pane = topPane(model);
+        std::string all;
+        for (size_t at = 0; at < paneLineCount(pane); ++at) {
+            const std::string name = nameOf(paneLine(pane, at));
+            all += (all.empty() ? "" : " ") + (at == pane.cursor ? "[" + name + "]" : name);
+        }
+        return all;
+    }
+
+    TopModel model;
+};
+
+// Ports 1 to 9, of which each has `data` of its digit.
+SnapshotMaker portsWith(std::string_view digits) {
+    SnapshotMaker maker;
+    for (uint16_t port = 1; const char digit : digits) {
+        if (digit != '-')
+            maker.host(port, kGroup, "10.0.0.1").data = static_cast<uint64_t>(digit - '0');
+        ++port;
+    }
+    return maker;
+}
+
+TEST_F(TopModelTest, TheCursorStaysAtTheTopOrWithItsRow) {
+    const struct {
+        const char* keys;
+        const char* data;  // of the ports, an interval later
+        const char* wanted;
+    } steps[] = {
+        {"", "123", "[3] 2 1"},     {"", "321", "[1] 2 3"},  // not moved: at the top
+        {"j", "321", "1 [2] 3"},                             // moved: with its row
+        {"", "391", "[2] 1 3"},                              //
+        {"", "319", "3 1 [2]"},                              //
+        {"", "3-19", "4 1 3 [2]"},                           // silent, and still there
+        {"k", "3-19", "4 1 [3] 2"},                          //
+        {"g", "9-19", "[1] 4 3 2"},                          //
+        {"G", "9-19", "1 4 3 [2]"},                          //
+        {"i", "9-19", "[2] 3 1 4"},  // the order turned: places stay for equal values
+    };
+    int32_t seconds = 10;
+    for (const auto& [keys, data, wanted] : steps) {
+        SCOPED_TRACE(wanted);
+        press(keys);
+        SnapshotMaker maker = portsWith(data);
+        take(maker.at(seconds += 2));
+        EXPECT_EQ(shown(), wanted);
+    }
+}
+
+TEST_F(TopModelTest, SilentRowsGoAfterTenMinutesAndFirstWhereRoomIsShort) {
+    SnapshotMaker both = portsWith("12");
+    SnapshotMaker one = portsWith("1");
+    take(both.at(1000));
+    take(one.at(1000 + kRowKeepSeconds - 1));
+    EXPECT_EQ(shown(), "[1] 2");
+    take(one.at(1000 + kRowKeepSeconds));
+    EXPECT_EQ(shown(), "[1]");
+
+    TopRows rows{.table = TopTable::kMulticast};
+    TopRows spare = rows;
+    Trail trail{.columns = topTableInfo(rows.table).columnCount};
+    const auto portsAfter = [&](const char* data) {
+        SnapshotMaker maker = portsWith(data);
+        rowsTake(rows, spare, trail, maker.at(1000), 2, 3);
+        std::string ports;
+        for (const TopRow& row : rows.rows) {
+            ports += std::to_string(row.port);
+        }
+        return ports + "+" + std::to_string(rows.leftOut);
+    };
+    EXPECT_EQ(portsAfter("11111"), "123+2");
+    EXPECT_EQ(portsAfter("-1-11"), "2+2");  // all silent ones go; the next interval has room
+    EXPECT_EQ(portsAfter("-1-11"), "245+0");
+}
+
+TEST_F(TopModelTest, EveryColumnSortsBothWays) {
+    SnapshotMaker maker;
+    maker.subject(7501, "239.1.1.1", {"B"}, "10.0.0.1", 5);
+    maker.subject(7500, "239.1.1.2", {"C"}, "10.0.0.1", 1);
+    maker.subject(7500, "239.1.1.2", {"A", "Z"}, "10.0.0.1", 9);
+    maker.subject(7500, "239.1.1.3", {"A"}, "10.0.0.1", 5);
+    press("4");
+    take(maker.at(10));
+    const char* const orders[] = {
+        "[A.Z] A B C",  // messages, most first; equal ones by port
+        "[A.Z] A B C",  // bytes
+        "[A.Z] C A B",  // port
+        "[B] A.Z C A",  // group
+        "[A] A.Z B C",  // subject
+    };
+    const char* const turned[] = {"[C] A B A.Z", "[C] A B A.Z", "[B] A.Z C A", "[A] A.Z C B",
+                                  "[C] B A.Z A"};
+    for (size_t column = 0; column < 5; ++column) {
+        EXPECT_EQ(shown(), orders[column]) << column;
+        press("i");
+        EXPECT_EQ(shown(), turned[column]) << column;
+        press("i");
+        press(kKeyRight);
+    }
+    EXPECT_EQ(shown(), orders[0]);
+    press("<");
+    EXPECT_EQ(shown(), orders[4]);
+}
+
+TEST_F(TopModelTest, AnOpenRowHasItsHostsInItsColumnsOrder) {
+    SnapshotMaker maker;
+    maker.host(1, kGroup, "10.0.0.1").data = 1;
+    maker.host(1, kGroup, "10.0.0.2").data = 3;
+    maker.host(1, kGroup, "10.0.0.3").reliability = 60;
+    maker.host(2, kGroup, "10.0.0.4").data = 9;
+    take(maker.at(10));
+    press("j\r");
+    EXPECT_EQ(shown(), "2 [1] 2 1 3");
+    press("jj");
+    EXPECT_EQ(shown(), "2 1 2 [1] 3");
+    maker.host(2, kGroup, "10.0.0.5").data = 1;
+    maker.host(3, kGroup, "10.0.0.5").data = 11;
+    take(maker.at(12));
+    EXPECT_EQ(shown(), "3 2 1 2 [1] 3");  // at its place below its row
+    press("<<<");                         // past the group and the port: the reliability
+    EXPECT_EQ(shown(), "1 3 [1] 2 2 3");
+    press("\r");
+    EXPECT_EQ(shown(), "[1] 2 3");
+}
+
+TEST_F(TopModelTest, HostsOfPortsHaveTwoSidesThatStayTogether) {
+    SnapshotMaker maker;
+    maker.servicePort(7600, 7500);
+    maker.retransmission(7600, "10.0.0.1").rreqSent = 2;
+    maker.retransmission(7600, "10.0.0.2").rreqRecv = 5;
+    maker.pointToPoint(7600, "10.0.0.3").dataRecv = 1;
+    press("2\r");
+    take(maker.at(10));
+    press("\r");
+    EXPECT_EQ(shown(), "[7500] <2 >2 <1 >1");
+    EXPECT_EQ(rowNumbers(topRows(model), 0)[0], 2u);  // what was sent
+    press("3\r");
+    EXPECT_EQ(shown(), "[7600] <3 >3");
+}
+
+TEST_F(TopModelTest, FiltersWhileOneTypes) {
+    SnapshotMaker maker;
+    maker.subject(7500, kGroup, {"PRICES", "GOLD"}, "10.0.0.1", 5);
+    maker.subject(7500, kGroup, {"PRICES", "OIL", "7501"}, "10.0.0.15", 4);
+    maker.subject(7501, "239.1.1.2", {"A.B", "x\x1b"}, "10.0.1.1", 3);
+    maker.subject(7501, "239.1.1.2", {"A"}, "10.0.1.1", 2);
+    take(maker.at(10));
+    const struct {
+        const char* text;
+        const char* wanted;
+    } cases[] = {
+        {"", "PRICES.GOLD PRICES.OIL.7501 A\\x2eB.x\\x1b A"},
+        {"gol", "PRICES.GOLD"},
+        {"PRICES.*", "PRICES.GOLD"},
+        {"PRICES.>", "PRICES.GOLD PRICES.OIL.7501"},
+        {"prices.>", ""},
+        {"PRICES.*.", "PRICES.GOLD"},  // the next element is still to be typed
+        {"*.*", "PRICES.GOLD A\\x2eB.x\\x1b"},
+        {">", "PRICES.GOLD PRICES.OIL.7501 A\\x2eB.x\\x1b A"},
+        {"PRICES.GOLD.>", ""},
+        {"A.>.B", ""},
+        {"7501", "PRICES.OIL.7501 A\\x2eB.x\\x1b A"},
+        {"239.1.1.2", "A\\x2eB.x\\x1b A"},
+        {"10.0.0.", "PRICES.GOLD PRICES.OIL.7501"},
+        {"10.0.0.1", "PRICES.GOLD"},
+        {"x1B", "A\\x2eB.x\\x1b"},
+        {"70000", ""},
+    };
+    press("4");
+    for (const auto& [text, wanted] : cases) {
+        press("/\x15");
+        press(text);
+        press("\r");
+        std::string rows = shown();
+        std::erase_if(rows, [](char byte) { return byte == '[' || byte == ']'; });
+        EXPECT_EQ(rows, wanted) << text;
+    }
+    // Escape brings back what was; a further one clears it.
+    press("/\x15gold");
+    press(kKeyBackspace);
+    EXPECT_EQ(topPane(model).filter.text, "gol");
+    press(kKeyEscape);
+    EXPECT_EQ(topPane(model).filter.text, "70000");
+    press(kKeyEscape);
+    EXPECT_EQ(topPane(model).filter.text, "");
+    press("1/*\r");
+    EXPECT_EQ(shown(), "");  // no subjects here
+}
+
+TEST_F(TopModelTest, WhatIsTypedIsWholeCharactersAndNotWithoutEnd) {
+    press("/");
+    for (const uint32_t key :
+         {uint32_t{'a'}, 0xe9u, 0x20acu, 0x1f600u, uint32_t{kKeyPageUp}, 0x9bu}) {
+        press(key);
+    }
+    EXPECT_EQ(topPane(model).filter.text, "aé€😀");
+    press(kKeyBackspace);
+    press(kKeyBackspace);
+    EXPECT_EQ(topPane(model).filter.text, "aé");
+    for (int i = 0; i < 1000; ++i) {
+        press("x");
+    }
+    EXPECT_LE(topPane(model).filter.text.size(), kMostFilterBytes);
+}
+
+TEST_F(TopModelTest, AFrozenScreenStandsStillWhileTheRestGoesOn) {
+    SnapshotMaker first = portsWith("12");
+    SnapshotMaker second = portsWith("913");
+    take(first.at(10));
+    press(" ");
+    take(second.at(12));
+    EXPECT_EQ(shown(), "[2] 1");
+    EXPECT_EQ(topState(model).head.time.seconds, 10);
+    press("i");
+    EXPECT_EQ(shown(), "[1] 2");
+    press("i ");
+    EXPECT_EQ(shown(), "[1] 3 2");
+    EXPECT_EQ(topState(model).head.time.seconds, 12);
+
+    // A saved capture is paused by its reader.
+    model.isLive = false;
+    press(" ");
+    EXPECT_TRUE(model.isHeld);
+    take(first.at(14));
+    EXPECT_EQ(topState(model).head.time.seconds, 14);
+}
+
+TEST_F(TopModelTest, ScrollKeepsTheCursorInSight) {
+    SnapshotMaker maker = portsWith("987654321");
+    take(maker.at(10));
+    const struct {
+        uint32_t key;
+        size_t cursor, scroll;
+    } steps[] = {{kKeyPageDown, 5, 1}, {kKeyPageDown, 8, 4}, {kKeyDown, 8, 4}, {kKeyUp, 7, 4},
+                 {kKeyPageUp, 2, 2},   {kKeyHome, 0, 0},     {kKeyUp, 0, 0},   {kKeyEnd, 8, 4}};
+    for (const auto& [key, cursor, scroll] : steps) {
+        press(key);
+        EXPECT_EQ(topPane(model).cursor, cursor);
+        EXPECT_EQ(topPane(model).scroll, scroll);
+    }
+}
+
+// Two subjects that look the same, as elements end at their first NUL, are two rows for good.
+TEST_F(TopModelTest, SubjectsThatLookTheSameStayApart) {
+    using namespace std::string_literals;
+    press("4");
+    for (const bool isTurned : {false, true, false}) {
+        SnapshotMaker maker;
+        maker.subject(7500, kGroup, {"A\0X"s}, "10.0.0.1", 1);
+        maker.subject(7500, kGroup, {"A\0Y"s}, "10.0.0.1", 2);
+        maker.subject(7500, kGroup, {"A"s}, "10.0.0.1", 3);
+        SnapHeader& snapshot = maker.at(10);
+        const SnapNet& net = snapshot.ports[0].nets[0];
+        if (isTurned) std::reverse(net.subjects, net.subjects + net.subjectCount);
+        take(snapshot);
+        EXPECT_EQ(shown(), "[A] A\\x00Y A\\x00X");
+    }
+}
+
+TEST(Trail, FollowsARowUntilItsEntriesAreOverwritten) {
+    Trail trail{.columns = 1, .mostBytes = 5 * (sizeof(TrailLink) + sizeof(float))};
+    uint64_t mine = kNoEntry;
+    uint64_t other = kNoEntry;
+    for (const uint64_t number : {10, 0, 30, 40}) {
+        trailBegin(trail);
+        if (number != 0) mine = trailAdd(trail, mine, std::vector<uint64_t>{number}, 2);
+        other = trailAdd(trail, other, std::vector<uint64_t>{1}, 2);
+    }
+    const auto read = [&](uint64_t entry, uint64_t interval, size_t count) {
+        std::vector<float> series(count, -1);
+        EXPECT_EQ(trailRead(trail, entry, interval, 0, series),
+                  std::min<uint64_t>(count, interval));
+        return series;
+    };
+    // Seven entries came, the first two of them are gone.
+    EXPECT_EQ(read(mine, 4, 4), (std::vector<float>{0, 0, 15, 20}));
+    EXPECT_EQ(read(mine, 4, 1), (std::vector<float>{20}));
+    EXPECT_EQ(read(mine, 6, 3), (std::vector<float>{20, 0, 0}));
+    EXPECT_EQ(read(other, 4, 6), (std::vector<float>{0, 0, 0, 0.5, 0.5, 0.5}));
+    EXPECT_EQ(read(kNoEntry, 4, 2), (std::vector<float>{0, 0}));
+}
+
+}  // namespace

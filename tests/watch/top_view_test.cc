@@ -1,0 +1,307 @@
+// The model and a size in: lines of text and their styles.
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "tests/watch/snapshot_maker.h"
+#include "watch/top/number_text.h"
+#include "watch/top/replay_pace.h"
+#include "watch/top/view.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+struct TopViewTest : testing::Test {
+    TopViewTest() {
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+        setenv("TZ", "UTC", 1);
+        tzset();
+        topInit(model);
+        model.source = "eth0";
+    }
+
+    // The screen's lines, without blanks at their ends.
+    Lines draw(ScreenSize size) {
+        topArrange(model, viewRoom(size));
+        viewDraw(model, size, screen);
+        Lines lines;
+        for (const ScreenLine& line : screen.lines) {
+            EXPECT_LE(line.columns, size.columns) << line.text;
+            lines.push_back(line.text.substr(0, line.text.find_last_not_of(' ') + 1));
+        }
+        EXPECT_EQ(lines.size(), size.lines);
+        return lines;
+    }
+
+    void press(std::string_view keys, size_t room = 5) {
+        for (const char key : keys) {
+            topPress(model, static_cast<uint8_t>(key), room);
+        }
+    }
+
+    // The styles of a line, a letter for each byte that isn't a blank.
+    std::string styles(size_t line) const {
+        std::string all;
+        size_t at = 0;
+        for (const StyledPiece& piece : screen.lines[line].pieces) {
+            for (size_t end = at + piece.bytes; at < end; ++at) {
+                if (screen.lines[line].text[at] == ' ') continue;
+                all += "pSfhHT"[static_cast<size_t>(piece.style)];
+            }
+        }
+        return all;
+    }
+
+    TopModel model;
+    Screen screen;
+};
+
+// A group with two senders and trouble, one that falls silent, and what else a bus has.
+void fill(SnapshotMaker& maker, bool hasSecond) {
+    SnapHost& host = maker.host(7500, "239.1.1.1", "10.0.0.1", 20000);
+    host.data = 246913;
+    host.bytes = 24;
+    host.gaps = 1;
+    host.reliability = 60;
+    maker.host(7500, "239.1.1.1", "255.255.255.255", 65535).data = 1;
+    if (hasSecond) maker.host(7501, "239.100.100.100", "10.0.0.1").nulls = 3;
+    maker.pointToPoint(7500, "10.0.0.1", 7).dataSent = 4;
+    maker.pointToPoint(7500, "10.0.0.2").dataRecv = 4;
+    maker.subject(7500, "239.1.1.1", {"PRICES", "GOLD"}, "10.0.0.1", 10);
+    maker.subject(7500, "239.1.1.1", {"漢字", "é"}, "10.0.0.1", 5);
+    maker.head.frames = 200;
+    maker.head.oskaPackets = 100;
+    maker.head.faults[3].packets = 7;
+    maker.head.source.kernelDrops = 2;
+}
+
+TEST_F(TopViewTest, DrawsEachTableAtEachSize) {
+    SnapshotMaker before, maker;
+    fill(before, true);
+    fill(maker, false);
+    topTake(model, before.at(1700000000));
+    topTake(model, maker.at(1700000002));
+
+    press("\r");
+    EXPECT_EQ(
+        draw({80, 14}),
+        (Lines{" eth0  2023-11-14 22:13:22  2 s",
+               " Bus 50.0/s  Faults 3.5/s  Drops 1.0/s  Frames 100/s", "",
+               " Multicast 2  Retransmission 0  Point-to-point 1  Subjects 2",
+               "  Port  Group             ↓Data  Bytes   Null  Rdata Rbytes   Gaps    Bad      R",
+               "        Totals           123457   12.0      0      0      0   0.50      0      -",
+               "▾ 7500  239.1.1.1        123457   12.0      0      0      0   0.50      0      -",
+               "   10.0.0.1:20000        123456   12.0      0      0      0   0.50      0     60",
+               "   255.255.255.255:65535   0.50      0      0      0      0      0      0      0",
+               "  7501  239.100.100.100       0      0      0      0      0      0      0      -",
+               "", "", " Data/s ██  4 s, most 123k",
+               " Tab tables  Enter hosts  / filter  Left Right sort  ? help  q quit"}));
+    EXPECT_EQ(styles(8).substr(21), "ppppfffffff");  // zeros are faint
+    EXPECT_EQ(styles(6), std::string(styles(6).size(), 'H'));
+    EXPECT_EQ(styles(9), std::string(styles(9).size(), 'f'));
+    EXPECT_EQ(styles(1), "pppSSSSppppppppTTTpppppppTTTppppppppSSSpp");
+
+    // Few columns: from the left, and the one that sorts.
+    press("<i");
+    EXPECT_EQ(
+        draw({40, 10}),
+        (Lines{" 22:13:22  Bus 50.0/s  Faults 3.5/s", " Mcast 2  Retr 0  PtP 1  Subj 2",
+               "  Port ↓Group              Data  Bytes", "  7501  239.100.100.100       0      0",
+               "▾ 7500  239.1.1.1        123457   12.0", "   255.255.255.255:65535   0.50      0",
+               "   10.0.0.1:20000        123456   12.0", "", " Data/s ██  4 s, most 123k",
+               " Enter hosts  / filter  ? help  q quit"}));
+    press(">>>>>>");
+    EXPECT_EQ(draw({40, 10})[2], "  Port  Group              Data  ↓Gaps");
+
+    press("4r");
+    EXPECT_EQ(draw({40, 10}),
+              (Lines{" 22:13:22  Bus 100  Faults 7  Drops 2", " Mcast 2  Retr 0  PtP 1  Subj 2",
+                     "   ↓Msgs  Bytes  Subject", "      10     10  PRICES.GOLD",
+                     "       5      5  漢字.é", "", "", "", " Msgs/s ██  4 s, most 5.0",
+                     " Enter hosts  / filter  ? help  q quit"}));
+
+    press("3r");
+    screen.signs = {.isUtf8 = false, .hasBlocks = false};
+    press("\r");
+    EXPECT_EQ(
+        draw({120, 14})[8],
+        " > 10.0.0.1:7                   2.0          0          0          0          0      "
+        "    0");
+    press("4");
+    const Lines ascii = draw({80, 14});
+    EXPECT_EQ(ascii[7],
+              "  7500  239.1.1.1               2.5        2.5  \\xe6\\xbc\\xa2\\xe5\\xad\\x97.~");
+    EXPECT_EQ(ascii[12], " Msgs/s ##  4 s, most 5.0");
+}
+
+TEST_F(TopViewTest, SaysWhatItWaitsForAndWhatStandsStill) {
+    EXPECT_EQ(draw({80, 14})[0], " eth0  waiting for the first interval");
+    EXPECT_EQ(draw({39, 14})[0], "needs 40 x 10");
+    EXPECT_EQ(draw({200, 9})[0], "needs 40 x 10");
+    draw({5, 1});
+    draw({0, 0});
+
+    SnapshotMaker maker;
+    fill(maker, true);
+    maker.head.source.readBytes = 1;
+    maker.head.source.fileBytes = 3;
+    topTake(model, maker.at(1700000000));
+    const auto endOf = [&](ScreenSize size) {
+        const std::string line = draw(size)[0];
+        return line.substr(line.rfind("  ") + 2);
+    };
+    press(" ");
+    EXPECT_EQ(endOf({80, 14}), "FROZEN");
+    EXPECT_EQ(draw({40, 10})[0], " 22:13:20  Bus 50.0/s            FROZEN");
+    press(" ");
+    model.isLive = false;
+    press("+");
+    EXPECT_EQ(endOf({80, 14}), "replay");
+    EXPECT_NE(draw({80, 14})[0].find("33%  x2  replay"), std::string::npos);
+    press(" ");
+    EXPECT_EQ(endOf({80, 14}), "PAUSED");
+    model.isAtEnd = true;
+    EXPECT_EQ(endOf({40, 10}), "end of file");
+
+    model.note = "eth0 is down.";
+    EXPECT_EQ(draw({80, 14})[13], " eth0 is down.");
+    press("/zzz");
+    const Lines typed = draw({80, 14});
+    EXPECT_EQ(typed[13],
+              " /zzz                                                                    0 of 2");
+    EXPECT_TRUE(screen.hasCursor);
+    EXPECT_EQ(screen.cursorColumn, 5u);
+    EXPECT_EQ(typed[6], "        No row passes the filter.");
+    press(std::string(150, 'y'));
+    EXPECT_NE(draw({80, 14})[13].find("yyy  0 of 2"), std::string::npos);
+    press("\r");
+    EXPECT_FALSE((draw({40, 14}), screen.hasCursor));
+}
+
+// The help has all keys, however small the screen.
+TEST_F(TopViewTest, HelpScrollsToItsEnd) {
+    press("?");
+    std::string seen;
+    for (int i = 0; i < 100; ++i) {
+        for (const std::string& line : draw({40, 10})) {
+            seen += line + "\n";
+        }
+        topPress(model, kKeyDown, 5);
+    }
+    for (const TopKeyRow& row : topKeyRows()) {
+        if (row.name == nullptr) continue;
+        EXPECT_NE(seen.find(row.name), std::string::npos) << row.name;
+    }
+    EXPECT_EQ(draw({40, 10})[8], "              in the column that sorts.");
+    press("x");
+    EXPECT_EQ(model.mode, TopMode::kTables);
+}
+
+// Whatever a subject holds, a line is as wide as the screen, and nothing of it acts on a terminal.
+TEST_F(TopViewTest, HostileSubjectsAreLettersOfRightWidth) {
+    const std::string subjects[] = {std::string(250, '\x1b'),
+                                    "\x1b[2J\x1b]0;title\x07\r\n\x7f\x9b",
+                                    "\xff\xfe\xc3",
+                                    std::string(252, 'x'),
+                                    "漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢漢",
+                                    "e\u0301\u0301\u0301\u0301\u0301",
+                                    "\u0301x",
+                                    "\u202e\u200b\u2028",
+                                    "👨‍👩‍👧"};
+    SnapshotMaker maker;
+    for (const std::string& subject : subjects) {
+        maker.subject(7500, "239.1.1.1", {subject.substr(0, 250)}, "10.0.0.1", 1);
+    }
+    topTake(model, maker.at(10));
+    press("4");
+    for (const bool isUtf8 : {true, false}) {
+        screen.signs = {.isUtf8 = isUtf8, .hasBlocks = isUtf8};
+        for (size_t columns = 40; columns < 130; ++columns) {
+            draw({columns, 20});
+            for (const ScreenLine& line : screen.lines) {
+                EXPECT_EQ(screenColumns(screen, line.text), line.columns) << line.text;
+                for (const char byte : line.text) {
+                    const auto value = static_cast<uint8_t>(byte);
+                    EXPECT_TRUE(value >= ' ' && value != 0x7f && (isUtf8 || value < 0x7f));
+                }
+            }
+        }
+    }
+    EXPECT_EQ(draw({40, 20})[6].substr(17), "\\x1b\\x1b\\x1b\\x1b\\x1b\\x~");
+}
+
+TEST_F(TopViewTest, TextIsCutToItsColumns) {
+    const struct {
+        const char* text;
+        size_t columns;
+        const char* wanted;
+    } cases[] = {
+        {"abc", 5, "abc  "},  {"abcdef", 4, "abc…"},
+        {"漢字", 4, "漢字"},  {"漢字", 3, "漢…"},
+        {"漢字x", 4, "漢… "}, {"e\u0301\u0301\u0301", 9, "e\u0301\u0301\\xcc\\x81"},
+        {"ab", 0, ""},
+    };
+    for (const auto& [text, columns, wanted] : cases) {
+        screenClear(screen, {12, 1});
+        screenPutIn(screen, 0, Style::kPlain, text, columns);
+        EXPECT_EQ(screen.lines[0].text, wanted);
+    }
+    screenClear(screen, {6, 1});
+    screenPutRight(screen, 0, Style::kPlain, "12", 4);
+    screenPut(screen, 0, Style::kHere, "漢字");  // half a character has no place
+    EXPECT_EQ(screen.lines[0].text, "  12漢");
+}
+
+TEST(NumberText, IsShortAndNeverZeroForMoreThanNone) {
+    const struct {
+        double number;
+        size_t columns;
+        const char* rate;
+        const char* count;
+    } cases[] = {
+        {0, 6, "0", "0"},
+        {0.001, 6, "<0.01", "0"},
+        {0.25, 6, "0.25", "0"},
+        {1, 6, "1.0", "1"},
+        {99.96, 6, "100", "99"},
+        {999999, 6, "999999", "999999"},
+        {999999, 5, "1.00M", "1.00M"},
+        {123456, 5, "123k", "123k"},
+        {99'950'000, 6, "100M", "100M"},
+        {1.8e19, 6, "18.0E", "18.0E"},
+    };
+    for (const auto& [number, columns, rate, count] : cases) {
+        EXPECT_EQ(rateText(number, columns), rate);
+        EXPECT_EQ(countText(static_cast<uint64_t>(number), columns), count);
+    }
+    for (const double told : {-1.0, std::nan(""), HUGE_VAL, 1e300}) {
+        EXPECT_EQ(toldText(told, 6), "-");
+    }
+    EXPECT_EQ(toldText(3600, 6), "3600");
+    EXPECT_EQ(barsText(std::vector<float>{0, 0.1F, 50, 100}, true), "▁▂▅█");
+    EXPECT_EQ(barsText(std::vector<float>{0, 0}, false), "__");
+}
+
+TEST(ReplayPace, FollowsTheCapturesTimeAtItsSpeed) {
+    ReplayPace pace;
+    EXPECT_EQ(paceWait(pace, 100, 5000), 0);
+    paceShow(pace, 100, 5000);
+    EXPECT_EQ(paceWait(pace, 100, 5010), 10);
+    EXPECT_EQ(paceWait(pace, 104, 5010), 6);
+    paceSet(pace, 104, 2, false);
+    EXPECT_EQ(paceWait(pace, 105, 5010), 2);
+    paceSet(pace, 105, 2, true);
+    EXPECT_EQ(paceWait(pace, 500, 5010), HUGE_VAL);
+    paceSet(pace, 500, 4, false);
+    EXPECT_EQ(paceWait(pace, 501, 5010), 0);
+    // Behind a reading that was slow nothing is made up for.
+    paceShow(pace, 900, 5010);
+    EXPECT_EQ(paceWait(pace, 900, 5014), 1);
+}
+
+}  // namespace
