@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# pictures.sh [FOLDER]: makes the README's picture of the live page anew, docs/pictures/page.png,
-# from a quarter of an hour of a made-up bus. scripts/setup.sh and a release build come first.
+# pictures.sh [FOLDER]: makes the README's pictures anew: docs/pictures/page.png of the live page, from
+# a quarter of an hour of a made-up bus, and docs/pictures/top.svg of the screen, from a sample capture.
+# scripts/setup.sh and a release build come first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,3 +20,4 @@ done
 
 mkdir -p "$folder"
 PELMO_WATCH=$bin/pelmowatch node tests/web/page_picture.mjs "$work/bus.pcap" "$folder/page.png"
+scripts/top_picture.py "$bin/pelmowatch" "$folder/top.svg"
