@@ -43,7 +43,6 @@ template <typename Row, typename First, typename Second>
     appendLargest(numbers, rows, most, first);
     appendLargest(numbers, rows, most, second);
     std::ranges::sort(numbers);
-    const auto rest = std::ranges::unique(numbers);
-    numbers.erase(rest.begin(), rest.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
     return numbers;
 }
