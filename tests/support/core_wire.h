@@ -108,9 +108,12 @@ struct CoreWire {
         keep(out);
     }
     void closeEnd() {
-        EndpointOutput out = {};
-        endpointCloseEnd(&core, now, &out);
-        keep(out);
+        bool isMore = true;
+        while (isMore) {
+            EndpointOutput out = {};
+            isMore = endpointCloseEnd(&core, now, &out);
+            keep(out);
+        }
     }
 
     // All that was done since the last call.

@@ -169,12 +169,14 @@ bool endpointIsFlushed(const EndpointCore* core) {
     return core->unflushed == 0;
 }
 
-void endpointCloseEnd(EndpointCore* core, double now, EndpointOutput* out) {
-    while (core->first != nullptr) {
+bool endpointCloseEnd(EndpointCore* core, double now, EndpointOutput* out) {
+    const bool isLeft = core->first != nullptr;
+    while (core->first != nullptr && out->lossCount < kMostLosses) {
         ReliableConnection* const connection = core->first;
         connectionCloseEnd(connection, out);
         connectionSettle(connection, now);
     }
+    return isLeft;
 }
 
 bool connectionHasRoom(const ReliableConnection* connection) {

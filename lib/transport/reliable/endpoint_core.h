@@ -69,10 +69,10 @@ bool endpointTick(EndpointCore* core, double now, EndpointOutput* out);
 
 // Closing: no send is taken any more. With `flush` the owner then waits, for datagrams, ticks and
 // EndpointOutput::flushAdvanced, until endpointIsFlushed; then endpointCloseEnd resets what is
-// left.
+// left, as far as the output has a place for each loss. False once there is nothing left.
 void endpointCloseBegin(EndpointCore* core, double now, bool flush, EndpointOutput* out);
 [[nodiscard]] bool endpointIsFlushed(const EndpointCore* core);
-void endpointCloseEnd(EndpointCore* core, double now, EndpointOutput* out);
+bool endpointCloseEnd(EndpointCore* core, double now, EndpointOutput* out);
 
 // For blocked senders. The record stays until the last holder lets go.
 [[nodiscard]] bool connectionHasRoom(const ReliableConnection* connection);

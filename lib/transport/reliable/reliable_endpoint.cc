@@ -424,8 +424,7 @@ bool ReliableEndpoint_Close(ReliableEndpoint* endpoint, bool flushes) {
     });
     if (flushes) flush(endpoint);
     callCore(endpoint, [&](EndpointOutput* output) PELMO_UNCHECKED_LOCKING {
-        endpointCloseEnd(&endpoint->core, clockSteadySeconds(), output);
-        return false;
+        return endpointCloseEnd(&endpoint->core, clockSteadySeconds(), output);
     });
     ReliableEndpoint_Release(endpoint);
     return true;

@@ -212,6 +212,16 @@ TEST(EndpointCore, Closes) {
         tell(story);
 }
 
+TEST(EndpointCore, TellsEachPeersLossAtItsClose) {
+    CoreWire wire;
+    for (wire.port = 1; wire.port <= kMostLosses + 2; ++wire.port)
+        (void)wire.send(wire.port);
+    wire.closeBegin(false);
+    wire.closeEnd();
+    EXPECT_EQ(wire.lost,
+              "out lost 48, out lost 40, out lost 32, out lost 24, out lost 16, out lost 8");
+}
+
 TEST(EndpointCore, DropsTheOldestHalfOpen) {
     CoreWire wire;
     wire.core.mostHalfOpen = 3;
