@@ -39,27 +39,25 @@ pelmoStatus addLossFields(pelmoMsg* advisory, uint32_t host, uint64_t bytes) {
     return pelmoMsg_AddU32(advisory, "bytes_dropped", count, 0);
 }
 
-// What a destroyed transport had sent may turn out to be lost only while its endpoint flushes: no
-// listener is left, and the loss is told all the same.
-void logLoss(const LossWords& words, uint32_t host) {
-    char text[kAddressChars];
-    addressText(text, host);
-    logPrint("%s (%s)", words.description, text);
+pelmoStatus adviseLoss(uint32_t transport, const LossWords& words, uint32_t host, uint64_t bytes) {
+    pelmoMsg* made = nullptr;
+    pelmoStatus status = advisoryCreate(&made, "ERROR", "SYSTEM", words.name, words.description);
+    if (status != kStatusSuccess) return status;
+    HeldMessage advisory(made);
+    status = addLossFields(made, host, bytes);
+    return status == kStatusSuccess ? transportDistribute(transport, advisory.release()) : status;
 }
 
+// A loss is told also where there is no advisory: without memory, and once the transport has been
+// destroyed and only its endpoint still flushes.
 void onDirectLoss(
     bool inbound, uint32_t peerAddress, uint16_t /*peerPort*/, uint64_t bytes, uintptr_t closure) {
     const LossWords& words = inbound ? kInbound : kOutbound;
-    pelmoMsg* made = nullptr;
-    if (advisoryCreate(&made, "ERROR", "SYSTEM", words.name, words.description) != kStatusSuccess) {
-        return;
-    }
-    HeldMessage advisory(made);
-    if (addLossFields(made, peerAddress, bytes) != kStatusSuccess) return;
     const auto transport = static_cast<uint32_t>(closure);
-    if (transportDistribute(transport, advisory.release()) == kStatusInvalidTransport) {
-        logLoss(words, peerAddress);
-    }
+    if (adviseLoss(transport, words, peerAddress, bytes) == kStatusSuccess) return;
+    char text[kAddressChars];
+    addressText(text, peerAddress);
+    logPrint("%s (%s)", words.description, text);
 }
 
 // Messages
