@@ -65,7 +65,8 @@ void ReliableEndpoint_SetClosure(ReliableEndpoint* endpoint, uintptr_t closure);
 
 // With `flush` what was sent leaves first, which takes at most 11 seconds, 5 on a closed library,
 // and senders that wait may go on meanwhile; those that are left then end with
-// kStatusDeliveryFailed. No callback runs any more afterwards, but for the one that made this call.
+// kStatusDeliveryFailed. Afterwards no callback begins any more, but for a loss that a send found
+// that was under way, and what is left to tell of the callback that made this call.
 // It needs neither the IO nor the timer thread, so that the library's close may call it as well.
 // False where it was closed already, and the reference stays.
 bool ReliableEndpoint_Close(ReliableEndpoint* endpoint, bool flush);
