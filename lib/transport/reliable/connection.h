@@ -57,7 +57,6 @@ struct ReliableConnection {
 
     // State
     ConnectionState state;
-    bool isInitiator;
     bool isIdle;     // nothing came since the last idle tick
     bool isRunning;  // false: neither packets nor ticks do anything any more
     bool isClosed;

@@ -20,7 +20,6 @@ void beginIncarnation(ReliableConnection* connection, const CoreCall& call) {
         (void)sendBufferRewind(&connection->send);
         windowInit(&connection->window, kReceiveWindow);
         connection->window.sndNxt = connection->window.sndUna;
-        connection->isInitiator = false;
     }
     if (!connection->isInById) {
         connectionNewId(connection, call.now);
@@ -92,7 +91,6 @@ bool Connection_Restart(ReliableConnection* connection, const CoreCall& call, bo
 
     connectionForgetReceived(connection, call.out);
     connection->remoteId = 0;
-    connection->isInitiator = true;
     connection->isIdle = true;
     windowInit(window, kReceiveWindow);
     window->sndUna = window->sndNxt = lowest != 0 ? lowest : next;
