@@ -72,7 +72,7 @@ bool CircuitInput::awaitLine() const {
     return !isStopped_ && !stopRequested();
 }
 
-void CircuitInput::run(BusSettings settings, uint32_t circuit, int64_t graceTime) {
+void CircuitInput::run(const BusSettings& settings, uint32_t circuit, int64_t graceTime) {
     pollfd stop = {stop_, POLLIN, 0};
     if (poll(&stop, 1, static_cast<int>(graceTime / kMillisecond)) > 0) return;
     Composer composer = composerOpen(settings, UINT64_MAX);

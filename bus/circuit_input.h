@@ -28,7 +28,7 @@ class CircuitInput {
     [[nodiscard]] bool ended(ExitStatus* out) const;
 
   private:
-    void run(BusSettings settings, uint32_t circuit, int64_t graceTime);
+    void run(const BusSettings& settings, uint32_t circuit, int64_t graceTime);
     [[nodiscard]] bool awaitLine() const;
 
     const char* wakeSubject_;

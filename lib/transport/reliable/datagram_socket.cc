@@ -223,9 +223,10 @@ void datagramAdd(DatagramSocket* datagrams, const PeerAddress& to, const OutData
     batch.peers[index] = to;
     batch.isRepeat[index] = datagram.isRepeat;
     std::memcpy(batch.heads[index], datagram.head.data(), datagram.head.size());
-    batch.pieces[2 * index] = {.iov_base = batch.heads[index], .iov_len = datagram.head.size()};
-    batch.pieces[2 * index + 1] = {.iov_base = const_cast<uint8_t*>(datagram.payload.data()),
-                                   .iov_len = datagram.payload.size()};
+    iovec* const pieces = batch.pieces + size_t{2} * index;
+    pieces[0] = {.iov_base = batch.heads[index], .iov_len = datagram.head.size()};
+    pieces[1] = {.iov_base = const_cast<uint8_t*>(datagram.payload.data()),
+                 .iov_len = datagram.payload.size()};
     batch.buffers[index] = datagram.buffer;
     if (datagram.buffer != nullptr) bufferRetain(datagram.buffer);
 }
