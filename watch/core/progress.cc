@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -65,7 +66,7 @@ void progressText(char (&text)[kProgressBytes], double seconds, const SavedExten
     const auto whole = static_cast<double>(extent.fileBytes);
     const Unit unit = unitOf(extent.fileBytes);
     const double leftSeconds = std::max(0.0, seconds) * (whole - done) / done;
-    const auto left = static_cast<unsigned>(std::min(leftSeconds, 359999.0) + 0.5);
+    const auto left = static_cast<unsigned>(std::lround(std::min(leftSeconds, 359999.0)));
     std::snprintf(text, sizeof text, "%3d%%  %.1f of %.1f %s  %u:%02u left",
                   static_cast<int>(100 * done / whole), done / unit.bytes, whole / unit.bytes,
                   unit.name, left / 60, left % 60);

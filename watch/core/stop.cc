@@ -81,8 +81,10 @@ bool stopIsBySignal() {
 bool stopSleep(double seconds) {
     const double end = clockSteadySeconds() + seconds;
     const LockGuard guard(stop.lock);
-    for (double left = seconds; !stop.asked && left > 0; left = end - clockSteadySeconds()) {
+    double left = seconds;
+    while (!stop.asked && left > 0) {
         (void)Cond_TimedWait(&stop.event, &stop.lock, left);
+        left = end - clockSteadySeconds();
     }
     return !stop.asked;
 }

@@ -20,8 +20,9 @@ void addPoint(TimelinePoint& sum, const TimelinePoint& point) {
 // Called while the number of points is even, and each of them full.
 void joinPairs(Timeline& timeline) {
     for (uint32_t pair = 0; pair < timeline.count / 2; ++pair) {
-        TimelinePoint first = timeline.points[2 * pair];
-        addPoint(first, timeline.points[2 * pair + 1]);
+        const TimelinePoint* const both = timeline.points + size_t{2} * pair;
+        TimelinePoint first = both[0];
+        addPoint(first, both[1]);
         timeline.points[pair] = first;
     }
     timeline.count /= 2;

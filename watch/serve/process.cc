@@ -5,9 +5,10 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <span>
 
 namespace {
 
@@ -33,20 +34,30 @@ void readStat(char (&text)[kStatBytes]) {
     text[length > 0 ? length : 0] = '\0';
 }
 
+// Numbers behind as many words; false where there are none.
+bool readNumbers(const char* at, int words, std::span<uint64_t> out) {
+    for (; words > 0; --words) {
+        at += std::strspn(at, " ");
+        at += std::strcspn(at, " ");
+    }
+    for (uint64_t& number : out) {
+        char* end = nullptr;
+        number = std::strtoull(at, &end, 10);
+        if (end == at) return false;
+        at = end;
+    }
+    return true;
+}
+
 // The fields behind the program's name, which may hold anything (proc(5)).
 void fillFromStat(ProcessUsage& usage) {
     char text[kStatBytes];
     readStat(text);
     const char* const name = std::strrchr(text, ')');
-    unsigned long long startTicks = 0;
-    unsigned long long virtualBytes = 0;
-    unsigned long long residentPages = 0;
-    if (name == nullptr || std::sscanf(name + 1,
-                                       " %*c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s"
-                                       " %*s %*s %*s %*s %*s %llu %llu %llu",
-                                       &startTicks, &virtualBytes, &residentPages) != 3) {
-        return;
-    }
+    constexpr int kAheadOfStart = 19;
+    uint64_t numbers[3];
+    if (name == nullptr || !readNumbers(name + 1, kAheadOfStart, numbers)) return;
+    const auto [startTicks, virtualBytes, residentPages] = numbers;
     const auto ticks = static_cast<double>(sysconf(_SC_CLK_TCK));
     const double bootSeconds = clockSecondsOf(CLOCK_REALTIME) - clockSecondsOf(CLOCK_BOOTTIME);
     usage.startTimeSeconds = bootSeconds + static_cast<double>(startTicks) / ticks;

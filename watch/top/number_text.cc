@@ -28,7 +28,7 @@ std::string scaled(double number) {
     return formatted("%.*f%c", decimals, number, kUnits[unit]);
 }
 
-std::string fitting(std::string exact, double number, size_t columns) {
+std::string fitting(const std::string& exact, double number, size_t columns) {
     return exact.size() <= columns ? exact : scaled(number);
 }
 

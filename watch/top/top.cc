@@ -335,9 +335,10 @@ bool end(bool) {
     {
         const double deadline = clockSteadySeconds() + kEndSeconds;
         const LockGuard guard(top.lock);
-        for (double left = kEndSeconds; !top.hasEnded && left > 0;
-             left = deadline - clockSteadySeconds()) {
+        double left = kEndSeconds;
+        while (!top.hasEnded && left > 0) {
             (void)Cond_TimedWait(&top.ended, &top.lock, left);
+            left = deadline - clockSteadySeconds();
         }
         hasEnded = top.hasEnded;
     }
