@@ -42,7 +42,8 @@ void connectionForgetReceived(ReliableConnection* connection, EndpointOutput* ou
 // Opening
 
 // The peer is still sending behind our FIN: what is to be sent waits until it has ended, too. A
-// connection opened anew in between would get some of its messages twice.
+// connection opened anew in between would get some of its messages twice. An endpoint that closes
+// takes none any more, and waits for nobody.
 [[nodiscard]] bool connectionMustClose(const ReliableConnection* connection);
 
 // With `discard` the numbers begin anew, and nothing sent before is in the send buffer. Without,

@@ -279,7 +279,7 @@ bool isAheadOfSynAck(const ReliableConnection* connection, const PacketHeader& h
 
 bool connectionMustClose(const ReliableConnection* connection) {
     const bool peerMaySend = connection->state == kFinWait1 || connection->state == kFinWait2;
-    return peerMaySend && connection->tookAfterFin;
+    return peerMaySend && connection->tookAfterFin && connection->core->open;
 }
 
 void connectionTakePacket(ReliableConnection* connection,
