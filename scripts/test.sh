@@ -2,8 +2,8 @@
 # test.sh [--long]: sets up what is missing, builds, and runs every test: under the sanitizers, the
 # fuzz targets for a few seconds each, the checks of lock annotations, and at last the release
 # build, whose count of tests is the last output. With --long each fuzz target runs for a minute,
-# and ten million messages over a stalling connection, reliable endpoints for a minute, a live run of
-# ten minutes and the package in a fresh root are tested before that.
+# and ten million messages over a stalling connection, reliable endpoints for a minute and in 100,000
+# random lives, a live run of ten minutes and the package in a fresh root are tested before that.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -78,6 +78,9 @@ if [ -n "$long" ]; then
     step "endpoints, a minute"
     build/release/bin/transport_tests --gtest_also_run_disabled_tests --gtest_brief=1 \
         --gtest_filter=ReliableEndpoints.DISABLED_CarryEverythingForAMinute
+    step "100,000 random lives of reliable endpoints"
+    build/release/bin/transport_tests --gtest_also_run_disabled_tests --gtest_brief=1 \
+        --gtest_filter=ReliableLives.DISABLED_HoldThemOftener
     step "soak, 10 minutes"
     python3 tests/e2e/soak.py build/release/bin/{pelmoscope,pelmogen} || [ $? = 77 ]
     step "package"
