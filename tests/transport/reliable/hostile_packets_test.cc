@@ -1,0 +1,332 @@
+// Packets that somebody makes up. From outside they neither break a live connection nor slow it; a
+// peer with a connection of its own harms none but that; and memory stays bounded.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "lib/containers/hash.h"
+#include "tests/support/reliable_net.h"
+
+namespace {
+
+constexpr uint64_t kHalfOpenBytes = 4 << 20;  // 1,024 connections and their tables
+constexpr uint64_t kRecordBytes = 64 << 10;   // of one peer, beside what it has sent
+constexpr double kEvery = 0.0002;             // seconds between made-up packets
+constexpr uint32_t kAtATime = 4;
+constexpr uint32_t kFlowMessages = 2'000;
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes bytesOf(const PacketHeader& header, const FragmentOption* fragment, size_t payloadBytes) {
+    uint8_t head[kMostHeadBytes];
+    const uint32_t headBytes = packetWriteHead(head, header, fragment);
+    Bytes bytes(head, head + headBytes);
+    bytes.resize(headBytes + payloadBytes, 'x');
+    return bytes;
+}
+
+PeerAddress anyAddress(SeededRandom& random) {
+    return {htonl(0x0b000000 + random.below(1 << 24)),
+            htons(static_cast<uint16_t>(1 + random.below(65535)))};
+}
+
+// What an outsider may know: the last header of a live flow, but for its ids.
+using MakeUp = Bytes (*)(SeededRandom& random, PacketHeader seen);
+
+Bytes withFlags(SeededRandom& random, PacketHeader header, uint8_t flags) {
+    header.sourceId = static_cast<uint32_t>(random.engine());
+    header.destId = static_cast<uint32_t>(random.engine());
+    header.flags = flags;
+    header.seq += random.below(40) - 4;
+    return bytesOf(header, nullptr, flags == 0 ? random.below(2) * 100 : 0);
+}
+
+Bytes withFragment(SeededRandom& random, PacketHeader header, FragmentOption fragment) {
+    header.sourceId = static_cast<uint32_t>(random.engine());
+    fragment.firstSeq = header.seq - fragment.offset / kFragmentPayloadBytes;
+    return bytesOf(header, &fragment, kFragmentPayloadBytes);
+}
+
+const struct {
+    const char* name;
+    bool fromPeer;  // bears the peer's own address
+    MakeUp make;
+} kMadeUp[] = {
+    {"data", false, [](auto& r, auto h) { return withFlags(r, h, 0); }},
+    {"resets", false, [](auto& r, auto h) { return withFlags(r, h, kFlagRst); }},
+    {"ends", false, [](auto& r, auto h) { return withFlags(r, h, kFlagFin); }},
+    {"answers to no SYN", false, [](auto& r, auto h) { return withFlags(r, h, kFlagSyn); }},
+    {"4 GB", false,
+     [](auto& r, auto h) {
+         return withFragment(r, h, {UINT32_MAX, 0, 0});
+     }},
+    {"data of the peer", true, [](auto& r, auto h) { return withFlags(r, h, 0); }},
+    {"data of an earlier peer", true,
+     [](auto& r, auto h) {
+         h.sourceId += 1 + r.below(9);
+         return bytesOf(h, nullptr, 50);
+     }},
+    {"resets of the peer", true, [](auto& r, auto h) { return withFlags(r, h, kFlagRst); }},
+    {"closing peer", true, [](auto& r, auto h) { return withFlags(r, h, kFlagCloseNotice); }},
+    {"ends of the peer", true, [](auto& r, auto h) { return withFlags(r, h, kFlagFin); }},
+    {"its answers to no SYN", true, [](auto& r, auto h) { return withFlags(r, h, kFlagSyn); }},
+    {"its 4 GB", true,
+     [](auto& r, auto h) {
+         return withFragment(r, h, {UINT32_MAX, 0, 0});
+     }},
+    {"its far numbers", true,
+     [](auto& r, auto h) {
+         h.seq = UINT64_MAX - r.below(3);
+         h.ack = UINT64_MAX - r.below(3);
+         return withFlags(r, h, 0);
+     }},
+    {"SYN of a live peer", true,
+     [](auto& r, auto h) {
+         h.ack = h.destId = 0;
+         return withFlags(r, h, kFlagSyn);
+     }},
+    {"SYNs of many", false,
+     [](auto& r, auto h) {
+         h = {static_cast<uint32_t>(r.engine()), 0, 1, 0, kFlagSyn, kReceiveWindow};
+         return bytesOf(h, nullptr, 0);
+     }},
+    {"noise", false,
+     [](auto& r, auto) {
+         Bytes bytes(r.below(kMostDatagramBytes + 100));
+         for (uint8_t& byte : bytes)
+             byte = static_cast<uint8_t>(r.engine());
+         return bytes;
+     }},
+};
+
+struct Flow {
+    double seconds = 0;
+    uint32_t arrived = 0;
+    uint64_t heapGrowth = 0;
+};
+
+// kFlowMessages from host 0 to host 1, with made-up packets for the receiver meanwhile.
+Flow runFlow(size_t attack) {
+    ReliableNet net(1);
+    for (uint32_t host = 0; host < 2; ++host) {
+        netAddHost(net);
+        EXPECT_TRUE(netOpen(net, host));
+    }
+    NetHost& receiver = *net.hosts[1];
+    Flow flow;
+    PacketHeader seen = {};
+    net.watch.sent = [&](NetHost& host, const PeerAddress&, const Packet& packet) {
+        if (host.index == 0 && (packet.header.flags & kFlagSyn) == 0) seen = packet.header;
+    };
+    net.watch.message = [&](NetHost&, const PeerAddress&, pelmoMsg* message) {
+        EXPECT_EQ(netMessageName(message), flow.arrived++);
+        flow.seconds = net.now - kNetBegin;
+    };
+    net.watch.lost = [](NetHost&, const LossReport&) { ADD_FAILURE() << "a loss"; };
+    const uint64_t before = heapBytes();
+    SeededRandom random{std::mt19937_64(7)};
+    uint32_t sent = 0;
+    while (flow.arrived < kFlowMessages && net.now < kNetBegin + 10 && net.fault.empty()) {
+        for (uint32_t i = 0; i < 4 && sent < kFlowMessages; ++i, ++sent) {
+            const HeldMessage message = netMessage(1'400, sent);
+            pelmoMsg* const one = message.get();
+            EXPECT_EQ(netSend(net, 0, receiver.address, {&one, 1}, false), kStatusSuccess);
+        }
+        netRun(net, net.now + kEvery);
+        if (flow.arrived == 0 || attack >= std::size(kMadeUp)) continue;
+        for (uint32_t i = 0; i < kAtATime; ++i) {
+            const PeerAddress from =
+                kMadeUp[attack].fromPeer ? net.hosts[0]->address : anyAddress(random);
+            netInject(net, from, receiver.address, kMadeUp[attack].make(random, seen));
+        }
+        flow.heapGrowth = std::max(flow.heapGrowth, heapBytes() - std::min(before, heapBytes()));
+    }
+    EXPECT_EQ(net.fault, "");
+    return flow;
+}
+
+TEST(ReliableHostile, OutsidersDontSlowALiveFlow) {
+    const Flow alone = runFlow(std::size(kMadeUp));
+    ASSERT_EQ(alone.arrived, kFlowMessages);
+    for (size_t attack = 0; attack < std::size(kMadeUp); ++attack) {
+        SCOPED_TRACE(kMadeUp[attack].name);
+        const Flow flow = runFlow(attack);
+        EXPECT_EQ(flow.arrived, kFlowMessages);
+        EXPECT_LE(flow.seconds, alone.seconds);
+        EXPECT_LE(flow.heapGrowth, alone.heapGrowth + kHalfOpenBytes);
+    }
+}
+
+TEST(ReliableHostile, AFloodOfSynsHoldsBoundedMemory) {
+    ReliableNet net(1);
+    netAddHost(net);
+    ASSERT_TRUE(netOpen(net, 0));
+    NetHost& host = *net.hosts[0];
+    const uint64_t before = heapBytes();
+    uint64_t most = 0;
+    SeededRandom random{std::mt19937_64(7)};
+    for (uint32_t i = 0; i < 100'000; ++i) {
+        const PacketHeader syn = {1 + i, 0, 1, 0, kFlagSyn, kReceiveWindow};
+        netInject(net, anyAddress(random), host.address, bytesOf(syn, nullptr, 0));
+        netRun(net, net.now + 1e-5);
+        most = std::max(most, heapBytes() - std::min(before, heapBytes()));
+        ASSERT_LE(host.core.byPeer->count, kMostHalfOpen);
+    }
+    EXPECT_LE(most, kHalfOpenBytes);
+    std::printf("most heap: %llu bytes\n", static_cast<unsigned long long>(most));
+    netRun(net, net.now + 100);
+    EXPECT_TRUE(netIsQuiet(net));
+    EXPECT_EQ(net.fault, "");
+}
+
+// A peer that opens a connection as it should and then sends what it likes, in sequence.
+struct Intruder {
+    ReliableNet net{1};
+    SeededRandom random{std::mt19937_64(7)};
+    PacketHeader answer = {};  // the last one
+    PacketHeader header = {77, 0, 1, 0, kFlagSyn, kReceiveWindow};
+    PeerAddress own = {htonl(0x0b000001), htons(99)};
+    uint64_t before = 0;
+    uint64_t most = 0;
+    uint64_t sentBytes = 0;
+
+    Intruder() {
+        netAddHost(net);
+        EXPECT_TRUE(netOpen(net, 0));
+        net.watch.sent = [this](NetHost&, const PeerAddress& to, const Packet& packet) {
+            if (to == own) answer = packet.header;
+        };
+        before = heapBytes();
+    }
+
+    void connect(uint16_t port) {
+        own.port = htons(port);
+        header = {77, 0, 1, 0, kFlagSyn, kReceiveWindow};
+        put(bytesOf(header, nullptr, 0));
+        EXPECT_EQ(answer.flags & kFlagSyn, kFlagSyn);
+        header = {77, answer.sourceId, 1, answer.seq + 1, 0, kReceiveWindow};
+        put(bytesOf(header, nullptr, 0));
+        header.seq = 2;
+    }
+
+    void put(const Bytes& bytes) {
+        netInject(net, own, net.hosts[0]->address, bytes);
+        netRun(net, net.now + 1e-6);
+        sentBytes += bytes.size();
+        most = std::max(most, heapBytes() - std::min(before, heapBytes()));
+    }
+
+    void putFragment(const FragmentOption& fragment, size_t bytes) {
+        header.ack = answer.seq + 1;
+        put(bytesOf(header, &fragment, bytes));
+        ++header.seq;
+    }
+};
+
+TEST(ReliableHostile, FragmentsThatContradictEachOtherAreGivenUp) {
+    const struct {
+        const char* name;
+        FragmentOption first, second;  // numbers in sequence, relative to the first one's
+        size_t secondBytes;
+    } cases[] = {
+        {"4 GB", {UINT32_MAX, 0, 0}, {UINT32_MAX, 0, 1412}, 1412},
+        {"far offset", {5000, 0, 0}, {5000, 0, 1412 * 700}, 1412},
+        {"offset that is no multiple", {5000, 0, 0}, {5000, 0, 1411}, 1412},
+        {"two sizes", {5000, 0, 0}, {2900, 0, 1412}, 1412},
+        {"beyond the end", {2000, 0, 0}, {2000, 0, 1412}, 1412},
+        {"short one in the middle", {5000, 0, 0}, {5000, 0, 1412}, 100},
+        {"number ahead of the connection", {5000, UINT64_MAX - 1, 0}, {5000, 40, 1412}, 1412},
+        {"nothing", {0, 0, 0}, {0, 0, 0}, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Intruder intruder;
+        uint32_t arrived = 0;
+        intruder.net.watch.message = [&](NetHost&, const PeerAddress&, pelmoMsg* message) {
+            arrived += netMessageName(message) == 5 ? 1 : 100;
+        };
+        intruder.connect(99);
+        for (uint32_t round = 0; round < 500; ++round) {
+            FragmentOption first = c.first, second = c.second;
+            first.firstSeq += intruder.header.seq;
+            second.firstSeq += intruder.header.seq;
+            intruder.putFragment(first, kFragmentPayloadBytes);
+            intruder.putFragment(second, c.secondBytes);
+        }
+        EXPECT_LE(intruder.most, 2 * intruder.sentBytes + kRecordBytes);
+
+        // What comes behind it arrives.
+        Bytes bytes = bytesOf(intruder.header, nullptr, 20);
+        netWriteMessage(&bytes[kPacketHeaderBytes], 20, 5);
+        intruder.put(bytes);
+        EXPECT_EQ(arrived, 1u);
+        EXPECT_EQ(intruder.net.fault, "");
+    }
+}
+
+// A peer that sends its FIN right behind its last message, and all of it in any order, again and
+// again until it is acknowledged; half the time this side closes as well.
+TEST(ReliableHostile, AllThatIsAheadOfAFinArrives) {
+    for (uint64_t seed = 1; seed <= 300; ++seed) {
+        SCOPED_TRACE(seed);
+        Intruder peer;
+        peer.random.engine.seed(seed);
+        uint32_t arrived = 0;
+        peer.net.watch.message = [&](NetHost&, const PeerAddress&, pelmoMsg* message) {
+            EXPECT_EQ(netMessageName(message), arrived++);
+        };
+        peer.connect(99);
+        if (seed % 2 == 0) netRun(peer.net, peer.net.now + 600.5);
+        const uint32_t count = 1 + peer.random.below(6);
+        for (uint32_t round = 0; peer.answer.ack < 3 + count && round < 100; ++round) {
+            peer.header.seq = 2 + peer.random.below(count + 1);
+            const bool isFin = peer.header.seq == 2 + count;
+            peer.header.flags = isFin ? kFlagFin : 0;
+            if (peer.random.chance(0.5)) peer.header.ack = peer.answer.seq + 1;
+            Bytes bytes = bytesOf(peer.header, nullptr, isFin ? 0 : 20);
+            const auto name = static_cast<uint32_t>(peer.header.seq - 2);
+            if (!isFin) netWriteMessage(&bytes[kPacketHeaderBytes], 20, name);
+            peer.put(bytes);
+        }
+        EXPECT_EQ(arrived, count);
+        EXPECT_EQ(peer.answer.ack, 3 + count);
+        peer.header.seq = 3 + count;
+        peer.header.ack = peer.answer.seq + 1;
+        peer.header.flags = 0;
+        peer.put(bytesOf(peer.header, nullptr, 0));
+        netRun(peer.net, peer.net.now + 0.6);
+        EXPECT_TRUE(netIsQuiet(peer.net));
+        EXPECT_EQ(peer.net.fault, "");
+    }
+}
+
+// The longest message but its last fragment, of peers that do all else by the rules.
+TEST(ReliableHostile, MessagesWithoutEndHoldBoundedMemory) {
+    constexpr uint32_t kPeers = 5;
+    constexpr uint32_t kMessageBytes = 0x4000000;
+    Intruder intruder;
+    uint64_t mostOfOne = 0;
+    uint32_t losses = 0;
+    intruder.net.watch.lost = [&](NetHost&, const LossReport&) { ++losses; };
+    for (uint32_t peer = 0; peer < kPeers; ++peer) {
+        intruder.connect(static_cast<uint16_t>(100 + peer));
+        const uint64_t first = intruder.header.seq;
+        for (uint32_t at = 0; at + kFragmentPayloadBytes < kMessageBytes;
+             at += kFragmentPayloadBytes) {
+            intruder.putFragment({kMessageBytes, first, at}, kFragmentPayloadBytes);
+        }
+        if (peer == 0) mostOfOne = intruder.most;
+        EXPECT_LE(intruder.net.hosts[0]->core.share.bytes, kMostReassemblyBytes);
+    }
+    EXPECT_EQ(losses, 1u);  // the fifth has no room
+    EXPECT_LE(mostOfOne, kMostReassemblyPeerBytes + kRecordBytes);
+    EXPECT_LE(intruder.most, kMostReassemblyBytes + kPeers * kRecordBytes);
+    std::printf("most heap: %llu bytes of one peer, %llu of all\n",
+                static_cast<unsigned long long>(mostOfOne),
+                static_cast<unsigned long long>(intruder.most));
+    EXPECT_EQ(intruder.net.fault, "");
+}
+
+}  // namespace
