@@ -89,6 +89,17 @@ void pollQueues() {
     pelmoQueue_DestroyEx(queue, nullptr, nullptr);
 }
 
+void makeCircuits() {
+    uint32_t ends[2] = {0, 0};
+    const char* subject = nullptr;
+    if (vcCreateAccept(&ends[0], &subject, kIntraProcessTransportId) != kStatusSuccess) return;
+    (void)vcCreateConnect(&ends[1], "_INBOX.1", kIntraProcessTransportId);
+    for (const uint32_t end : ends) {
+        (void)vcWaitForConnection(end, 0.001);
+        pelmoTransport_Destroy(end);
+    }
+}
+
 void openAndClose() {
     if (pelmo_Open() == kStatusSuccess) pelmo_Close();
 }
@@ -98,9 +109,9 @@ void waitForever() {
 }
 
 TEST(Close, MeetsEverythingElse) {
-    void (*const works[])() = {makeTimers,     makeIoEvents,    sendMessages,
-                               dispatchGroups, makeDispatchers, pollQueues,
-                               openAndClose,   waitForever,     pelmo_WaitClosed};
+    void (*const works[])() = {makeTimers,      makeIoEvents,    sendMessages, dispatchGroups,
+                               makeDispatchers, pollQueues,      makeCircuits, openAndClose,
+                               waitForever,     pelmo_WaitClosed};
     openAndClose();  // the process' first is nobody's to race
     std::atomic<bool> over = false;
     std::latch ready(std::size(works) + 1);

@@ -12,8 +12,8 @@
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
+#include "lib/runtime/no_wait.h"
 #include "lib/transport/circuit/circuit_internal.h"
-#include "lib/transport/ipq/ipq.h"
 
 namespace {
 
@@ -56,7 +56,7 @@ void endEvent(uint32_t* event) {
 void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     if (circuit->state == CircuitState::kDisconnected) return;
-    const IpqNoWait noWait;
+    const NoWait noWait;
     endEvent(&circuit->heartbeatTimer);
     endEvent(&circuit->unreachableListener);
     if (saysGoodbye && circuit->state == CircuitState::kConnected) {
@@ -180,7 +180,7 @@ void completeLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
 void onHandshake(uint32_t, pelmoMsg* message, void* closure) {
     HeldCircuit held;
     if (!held.find(idFromItem(closure))) return;
-    const IpqNoWait noWait;
+    const NoWait noWait;
     CircuitOffer offer;
     if (!handshakeTakes(held.circuit->end, held.circuit->state, message, &offer)) return;
     if (held.circuit->end == CircuitEnd::kAccepting) {
@@ -249,7 +249,7 @@ pelmoStatus makeInbox(const VirtualCircuit* circuit,
 }
 
 pelmoStatus sendRequest(const VirtualCircuit* circuit, const char* to, const char* handshakeInbox) {
-    const IpqNoWait noWait;
+    const NoWait noWait;
     pelmoMsg* made = nullptr;
     const pelmoStatus status =
         circuitBuildRequest(&made, to, handshakeInbox, circuit->controlInbox);

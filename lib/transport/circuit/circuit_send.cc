@@ -3,9 +3,9 @@
 #include <utility>
 
 #include "lib/msg/message_internal.h"
+#include "lib/runtime/no_wait.h"
 #include "lib/transport/circuit/circuit_internal.h"
 #include "lib/transport/held_messages.h"
-#include "lib/transport/ipq/ipq.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ class Turn {
 
 pelmoStatus circuitSendSign(VirtualCircuit* circuit, CircuitKind kind) {
     if (circuit->turns != 0) return kStatusTimeout;
-    const IpqNoWait noWait;
+    const NoWait noWait;
     pelmoMsg* made = nullptr;
     const pelmoStatus status =
         circuitBuildSign(&made, kind, circuit->peerSubject, circuit->count.sendSeq + 1);

@@ -14,14 +14,13 @@
 #include "lib/msg/wire.h"
 #include "lib/runtime/event.h"
 #include "lib/runtime/fixed_ids_internal.h"
+#include "lib/runtime/no_wait.h"
 #include "lib/transport/ipq/ipq_internal.h"
 
 namespace {
 
 constexpr double kKeepAliveSeconds = 60.0;
 constexpr uint32_t kThrownAwayBytes = 4096;  // at a time
-
-thread_local uint32_t handlersRunning = 0;
 
 // Creating
 
@@ -109,7 +108,7 @@ pelmoStatus writeKeepAliveLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
 
 void onKeepAliveTimer(uint32_t timer, pelmoMsg*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
-    const IpqHandlerMark mark;
+    const NoWait mark;
     pelmoStatus status = kStatusSuccess;
     {
         const LockGuard guard(ipq->lock);
@@ -150,18 +149,6 @@ void endLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
 }
 
 }  // namespace
-
-IpqNoWait::IpqNoWait() {
-    ++handlersRunning;
-}
-
-IpqNoWait::~IpqNoWait() {
-    --handlersRunning;
-}
-
-bool ipqIsInHandler() {
-    return handlersRunning != 0;
-}
 
 void ipqHandlerGone(void* ipq) {
     ipqRelease(static_cast<Ipq*>(ipq));

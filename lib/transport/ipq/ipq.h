@@ -23,7 +23,8 @@
 // the timer thread too. A callback may call any function of this module.
 //
 // Waits: a writer waits for room (ipqSetBlockWhenFull) with the lock released, and never within a
-// callback of any queue, since the same thread has to make the room. There the message is queued
+// callback of any queue, since the same thread has to make the room, nor elsewhere on a thread that
+// bears a mark (lib/runtime/no_wait.h). There the message is queued
 // all the same: a callback adds what one read brings, and who passes messages on pauses reading
 // while much waits. Calls in blocking mode wait for the connection, and
 // a write does so with the lock held; ipqInterrupt ends them.
@@ -102,15 +103,6 @@ pelmoStatus ipqSetBatchMode(Ipq* ipq, uint32_t mode);
 
 // Do writers wait while too much is queued? They wait while both queue and library are open.
 pelmoStatus ipqSetBlockWhenFull(Ipq* ipq, bool block);
-
-// While one exists, writers of its thread don't wait: what they send is queued all the same. For
-// few and small messages of whoever holds up others.
-struct IpqNoWait {
-    IpqNoWait();
-    ~IpqNoWait();
-    IpqNoWait(const IpqNoWait&) = delete;
-    IpqNoWait& operator=(const IpqNoWait&) = delete;
-};
 
 // Above how many queued bytes they wait; 0 for kUsualWaitLimitBytes.
 void ipqSetWaitLimit(Ipq* ipq, uint32_t bytes);

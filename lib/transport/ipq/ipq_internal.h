@@ -70,10 +70,6 @@ struct Ipq {
     IpqCloseCallback closeCallback PELMO_GUARDED_BY(lock);
 };
 
-// Handlers of sockets and timers don't wait.
-using IpqHandlerMark = IpqNoWait;
-[[nodiscard]] bool ipqIsInHandler();
-
 // Life (ipq.cc)
 
 // Gives a handler's reference back, as the last thing that happens to it.

@@ -8,6 +8,7 @@
 #include "lib/base/log.h"
 #include "lib/containers/dpa.h"
 #include "lib/msg/message_internal.h"
+#include "lib/runtime/no_wait.h"
 #include "lib/transport/ipq/ipq_internal.h"
 
 namespace {
@@ -166,7 +167,7 @@ bool goesOn(Ipq* ipq) {
 // In blocking mode nothing is taken behind a message, since the next one may be for ipqReadOne.
 void onReadable(Socket*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
-    const IpqHandlerMark mark;
+    const NoWait mark;
     bool isBlocking;
     if (!beginReadable(ipq, &isBlocking)) return;
     ReadOutcome outcome;

@@ -8,6 +8,7 @@
 #include "lib/msg/message_internal.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
+#include "lib/runtime/no_wait.h"
 #include "lib/transport/ipq/ipq_internal.h"
 
 namespace {
@@ -104,7 +105,7 @@ pelmoStatus usableLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
 // Handlers don't wait here: those of sockets have to make the room, and those of timers would keep
 // all other timers waiting.
 pelmoStatus awaitRoomLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    while (ipq->blocksWhenFull && !hasRoomLocked(ipq) && libraryIsOpen() && !ipqIsInHandler()) {
+    while (ipq->blocksWhenFull && !hasRoomLocked(ipq) && libraryIsOpen() && threadMayWait()) {
         armLocked(ipq);
         ++ipq->writersWaiting;
         (void)Cond_TimedWait(&ipq->writerWakeup, &ipq->lock, kWaitStepSeconds);
@@ -127,7 +128,7 @@ bool runWritableLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
 
 void onWritable(Socket*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
-    const IpqHandlerMark mark;
+    const NoWait mark;
     bool isFine;
     {
         const LockGuard guard(ipq->lock);
@@ -138,7 +139,7 @@ void onWritable(Socket*, void* closure) {
 
 void onFlushTimer(uint32_t timer, pelmoMsg*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
-    const IpqHandlerMark mark;
+    const NoWait mark;
     bool isFine = true;
     {
         const LockGuard guard(ipq->lock);
@@ -154,7 +155,7 @@ void onFlushTimer(uint32_t timer, pelmoMsg*, void* closure) {
 
 void onAgeTimer(uint32_t timer, pelmoMsg*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
-    const IpqHandlerMark mark;
+    const NoWait mark;
     AgeReport report;
     IpqProducerCallback callback;
     void* producerClosure;

@@ -17,6 +17,7 @@
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/id.h"
 #include "lib/runtime/library.h"
+#include "lib/runtime/no_wait.h"
 #include "lib/transport/reliable/datagram_socket.h"
 #include "lib/transport/reliable/endpoint_harvest.h"
 
@@ -332,9 +333,9 @@ Cond* waiterLocked(ReliableConnection* connection) {
     return static_cast<Cond*>(waiter);
 }
 
-// Those two threads have to make the room.
+// The event manager's threads have to make the room.
 bool mayWait() {
-    return libraryIsOpen() && !EventManager_IsOwnThread();
+    return libraryIsOpen() && threadMayWait() && !EventManager_IsOwnThread();
 }
 
 // Lets go of the connection.

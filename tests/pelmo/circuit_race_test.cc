@@ -1,0 +1,242 @@
+// Circuits on the library's own threads: both ends at once, ends and closes against all that goes
+// on, a daemon beneath that takes nothing.
+
+#include <future>
+
+#include "lib/transport/circuit/circuit_internal.h"
+#include "tests/pelmo/daemon_stand.h"
+#include "tests/support/circuit_stand.h"
+#include "tests/support/race.h"
+
+namespace {
+
+constexpr uint32_t kForGood = 60;  // seconds, more than any test takes
+
+struct Circuits : testing::Test {
+    Circuits() { open(); }
+    ~Circuits() override {
+        if (libraryIsOpen()) pelmo_Close();
+    }
+    void open() {
+        EXPECT_EQ(pelmo_Open(), kStatusSuccess);
+        EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
+    }
+    uint32_t dispatcher = kNoId;
+};
+
+// Made and connected by the work queue's own thread.
+struct LivePair {
+    uint32_t ends[2] = {kNoId, kNoId};
+
+    LivePair() {
+        const char* subject = nullptr;
+        EXPECT_EQ(vcCreateAccept(&ends[0], &subject, kLocal), kStatusSuccess);
+        EXPECT_EQ(vcCreateConnect(&ends[1], subject, kLocal), kStatusSuccess);
+        for (const uint32_t end : ends)
+            EXPECT_EQ(vcWaitForConnection(end, kForGood), kStatusSuccess);
+    }
+};
+
+// Counts a circuit's messages, which carry rising numbers for each sender.
+struct Counter {
+    std::atomic<uint64_t> count{0};
+    std::map<int32_t, int32_t> last;
+    bool isInOrder = true;
+
+    explicit Counter(uint32_t circuit) {
+        uint32_t event = kNoId;
+        EXPECT_EQ(pelmoEvent_CreateListener(&event, kDefaultQueueId, take, circuit, "N", this),
+                  kStatusSuccess);
+    }
+    bool await(uint64_t wanted) const {
+        for (int look = 0; look < 30'000 && count < wanted; ++look)
+            (void)poll(nullptr, 0, 1);
+        return count == wanted;
+    }
+
+  private:
+    static void take(uint32_t, pelmoMsg* message, void* closure) {
+        auto& self = *static_cast<Counter*>(closure);
+        int32_t sender = 0, number = 0;
+        EXPECT_EQ(pelmoMsg_GetI32(message, "sender", &sender, 0), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_GetI32(message, "number", &number, 0), kStatusSuccess);
+        self.isInOrder = self.isInOrder && self.last[sender]++ == number;
+        ++self.count;
+    }
+};
+
+Message numbered(int32_t sender, int32_t number) {
+    Message message = newMessage();
+    EXPECT_EQ(pelmoMsg_AddI32(message.get(), "sender", sender, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_AddI32(message.get(), "number", number, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_SetSendSubject(message.get(), "N"), kStatusSuccess);
+    return message;
+}
+
+// Many senders at both ends, one by one and in batches, with heartbeats in between.
+TEST_F(Circuits, KeepTheOrderOfEachSender) {
+    constexpr int kSenders = 6, kRounds = 300;
+    const LivePair pair;
+    const Counter first(pair.ends[0]), second(pair.ends[1]);
+    race(kSenders, kRounds, [&](int sender, int round) {
+        const uint32_t circuit = pair.ends[sender % 2];
+        const Message one = numbered(sender, 2 * round), two = numbered(sender, 2 * round + 1);
+        pelmoMsg* both[] = {one.get(), two.get()};
+        if (sender < 2) {
+            EXPECT_EQ(pelmoTransport_Send(circuit, one.get()), kStatusSuccess);
+            EXPECT_EQ(pelmoTransport_Send(circuit, two.get()), kStatusSuccess);
+            if (round % 50 == 0) vcTick(circuit);  // fewer than end it
+        } else {
+            EXPECT_EQ(pelmoTransport_Sendv(circuit, both, 2), kStatusSuccess);
+        }
+    });
+    for (const Counter* counter : {&first, &second}) {
+        EXPECT_TRUE(counter->await(kSenders / 2 * 2 * kRounds));
+        EXPECT_TRUE(counter->isInOrder);
+    }
+}
+
+// Senders, ticks, waits, destroys at both ends and from callbacks; at last the library closes with
+// circuits of all states alive.
+TEST_F(Circuits, EndWhileAllGoesOn) {
+    const Leftovers before = leftovers();
+    for (int round = 0; round < 30; ++round) {
+        const LivePair pair;
+        uint32_t waiting = kNoId, event = kNoId;
+        const char* subject = nullptr;
+        ASSERT_EQ(vcCreateAccept(&waiting, &subject, kLocal), kStatusSuccess);
+        const auto destroy = [](uint32_t, pelmoMsg*, void* closure) {
+            for (const uint32_t end : static_cast<const LivePair*>(closure)->ends)
+                pelmoTransport_Destroy(end);
+        };
+        if (round % 2 == 0) {
+            ASSERT_EQ(pelmoEvent_CreateListener(&event, kDefaultQueueId, destroy, pair.ends[1], "N",
+                                                const_cast<LivePair*>(&pair)),
+                      kStatusSuccess);
+        }
+        race(5, 1, [&](int thread, int) {
+            if (thread == 4) {
+                const pelmoStatus status = vcWaitForConnection(waiting, kForGood);
+                EXPECT_TRUE(status == kStatusSuccess || status == kStatusInvalidTransport);
+                EXPECT_NE(pelmoTransport_Send(waiting, numbered(0, 0).get()), kStatusSuccess);
+                return;
+            }
+            for (int i = 0; i < 50; ++i) {
+                vcTick(pair.ends[thread % 2]);
+                (void)pelmoTransport_Send(pair.ends[thread % 2], numbered(thread, i).get());
+            }
+            if (thread < 2) pelmoTransport_Destroy(pair.ends[thread]);
+            if (thread == 3) pelmoTransport_Destroy(waiting);
+        });
+        if (event != kNoId) pelmoEvent_DestroyEx(event, nullptr);
+    }
+    EXPECT_EQ(leftoversOnceThey(before), before);
+
+    const LivePair pair;
+    uint32_t waiting = kNoId;
+    const char* subject = nullptr;
+    ASSERT_EQ(vcCreateAccept(&waiting, &subject, kLocal), kStatusSuccess);
+    std::future<pelmoStatus> waits =
+        std::async(std::launch::async, [&] { return vcWaitForConnection(waiting, kForGood); });
+    std::thread sends([&] {
+        while (pelmoTransport_Send(pair.ends[0], numbered(0, 0).get()) == kStatusSuccess) {
+        }
+    });
+    (void)poll(nullptr, 0, 5);
+    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+    (void)waits.get();
+    sends.join();
+    EXPECT_TRUE(noMemoryIsLost());
+    open();
+}
+
+// A thousand circuits, each with its timer.
+TEST_F(Circuits, AreManyInOneProcess) {
+    constexpr size_t kCircuits = 500;
+    const Leftovers before = leftovers();
+    std::vector<LivePair> pairs(kCircuits);
+    for (const LivePair& pair : pairs)
+        EXPECT_EQ(pelmoTransport_Send(pair.ends[0], numbered(0, 0).get()), kStatusSuccess);
+    // A transport, a listener and a timer each.
+    EXPECT_EQ(objectCount() - before.objects, 6 * kCircuits);
+    for (const LivePair& pair : pairs) {
+        EXPECT_EQ(stateOf(pair.ends[1]), CircuitState::kConnected);
+        pelmoTransport_Destroy(pair.ends[0]);
+        pelmoTransport_Destroy(pair.ends[1]);
+    }
+    EXPECT_EQ(leftoversOnceThey(before), before);
+}
+
+using CircuitsOverADaemon = DaemonStand;
+
+// The handshake of a peer that nobody is: the daemon of these tests passes nothing on.
+uint32_t connectedCircuit(uint32_t transport) {
+    uint32_t circuit = kNoId;
+    const char* subject = nullptr;
+    EXPECT_EQ(vcCreateAccept(&circuit, &subject, transport), kStatusSuccess);
+    RawMessage request(subject);
+    request.kind("vctc").text("return", "_INBOX.P.1.2.3").subject("cmret", "_INBOX.P.1.2.3");
+    EXPECT_EQ(pelmoMsg_Detach(request.get()), kStatusNotPermitted);
+    pelmoMsg* copy = nullptr;
+    EXPECT_EQ(msgShareCopy(&copy, request.get()), kStatusSuccess);
+    EXPECT_EQ(pelmoTransport_Distribute(transport, copy), kStatusSuccess);
+    EXPECT_EQ(vcWaitForConnection(circuit, kForGood), kStatusSuccess);
+    return circuit;
+}
+
+// Neither ticks nor messages nor the end of the circuit wait behind a sender that the daemon holds
+// up.
+TEST_F(CircuitsOverADaemon, WaitForNoSender) {
+    MisbehavingDaemon daemon({goodSession() + gate() + hangUp(), goodSession() + serve()});
+    const Leftovers before = leftovers();
+    ASSERT_EQ(create(daemon), kStatusSuccess);
+    const uint32_t underlying = transport;
+    const uint32_t circuit = connectedCircuit(underlying);
+    transport = circuit;
+    std::thread sending = sendUntilItFails();
+    for (int tick = 0; tick < 3; ++tick)
+        vcTick(circuit);
+    RawMessage gap("_INBOX.A");
+    gap.kind("vcth").number(7);
+    vcControl(circuit, gap.get());
+    EXPECT_EQ(stateOf(circuit), CircuitState::kDisconnected);
+    EXPECT_EQ(pelmoTransport_Destroy(circuit), kStatusSuccess);
+    daemon.openGate();
+    sending.join();
+    EXPECT_EQ(pelmoTransport_Destroy(underlying), kStatusSuccess);
+    EXPECT_EQ(leftoversOnceThey(before), before);
+    EXPECT_TRUE(noMemoryIsLost());
+}
+
+// A daemon that dies: sends fail with the transport's own status, and the numbers that they used up
+// end the circuit at the peer; one that said nothing meanwhile goes on. The transport may end
+// first.
+TEST_F(CircuitsOverADaemon, OutliveABreakAndTheirTransport) {
+    MisbehavingDaemon daemon({goodSession() + gate() + hangUp(), goodSession() + serve()});
+    const Leftovers before = leftovers();
+    ASSERT_EQ(create(daemon), kStatusSuccess);
+    const CountingListener breaks(transport, kDisconnected);
+    const uint32_t circuit = connectedCircuit(transport);
+    const Message message = numbered(0, 0);
+    EXPECT_EQ(pelmoTransport_Send(circuit, message.get()), kStatusSuccess);
+    daemon.openGate();
+    EXPECT_TRUE(breaks.await(1));
+    EXPECT_TRUE(daemon.awaitConnections(2));
+    pelmoStatus status = kStatusDaemonNotConnected;
+    for (int look = 0; look < 10'000 && status != kStatusSuccess; ++look) {
+        status = pelmoTransport_Send(circuit, message.get());
+        (void)poll(nullptr, 0, 1);
+    }
+    EXPECT_EQ(status, kStatusSuccess);
+    EXPECT_EQ(stateOf(circuit), CircuitState::kConnected);
+    EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess);
+    EXPECT_EQ(pelmoTransport_Send(circuit, message.get()), kStatusInvalidTransport);
+    for (int tick = 0; tick < kMostSilentTicks; ++tick)
+        vcTick(circuit);
+    EXPECT_EQ(stateOf(circuit), CircuitState::kDisconnected);
+    EXPECT_EQ(pelmoTransport_Destroy(circuit), kStatusSuccess);
+    EXPECT_EQ(pelmoEvent_DestroyEx(breaks.event, nullptr), kStatusSuccess);
+    EXPECT_EQ(leftoversOnceThey(before), before);
+}
+
+}  // namespace
