@@ -3,6 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -108,5 +109,62 @@ void requestAndReply(benchmark::State& state) {
     pelmoMsg_Destroy(answer);
 }
 BENCHMARK(requestAndReply);
+
+// A stream of messages to a listener that a dispatcher's thread serves, straight and through a
+// circuit, which has the library's work thread in between. The processor time is that of all
+// threads.
+constexpr int64_t kWindow = 2048;  // messages on their way at most
+
+struct Stream {
+    Bus bus{0, kSubject};
+    uint32_t from = kIntraProcessTransportId, to = kIntraProcessTransportId;
+    std::atomic<int64_t> windows = 0;  // half ones that have come
+    int64_t received = 0;              // the dispatcher thread's own
+
+    explicit Stream(bool throughCircuit) {
+        if (throughCircuit) connect();
+        uint32_t dispatcher = 0, event = 0;
+        check(pelmoEvent_CreateListener(&event, bus.queue, take, to, kSubject, this) ==
+              kStatusSuccess);
+        check(pelmoDispatcher_CreateEx(&dispatcher, bus.queue, -1) == kStatusSuccess);
+    }
+    void connect() {
+        const char* subject = nullptr;
+        check(vcCreateAccept(&to, &subject, kIntraProcessTransportId) == kStatusSuccess);
+        check(vcCreateConnect(&from, subject, kIntraProcessTransportId) == kStatusSuccess);
+        check(vcWaitForConnection(from, 10) == kStatusSuccess);
+        check(vcWaitForConnection(to, 10) == kStatusSuccess);
+    }
+    static void take(uint32_t, pelmoMsg*, void* closure) {
+        auto* self = static_cast<Stream*>(closure);
+        if (++self->received % (kWindow / 2) != 0) return;
+        self->windows.fetch_add(1);
+        self->windows.notify_one();
+    }
+    void await(int64_t wanted) const {
+        for (int64_t now = windows; now < wanted; now = windows)
+            windows.wait(now);
+    }
+};
+
+void streamMessages(benchmark::State& state) {
+    Stream stream(state.range(0) != 0);
+    const std::string pad(static_cast<size_t>(state.range(1)), 'x');
+    check(pelmoMsg_AddOpaque(stream.bus.message, "pad", pad.data(),
+                             static_cast<uint32_t>(pad.size()), 0) == kStatusSuccess);
+    int64_t halves = 0;
+    for (auto _ : state) {
+        for (int64_t i = 0; i < kWindow / 2; ++i)
+            check(pelmoTransport_Send(stream.from, stream.bus.message) == kStatusSuccess);
+        stream.await(++halves - 1);
+    }
+    stream.await(halves);
+    state.SetItemsProcessed(halves * kWindow / 2);
+}
+BENCHMARK(streamMessages)
+    ->ArgNames({"circuit", "bytes"})
+    ->ArgsProduct({{0, 1}, {16, 1000, 60000}})
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 }  // namespace

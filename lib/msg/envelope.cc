@@ -290,14 +290,18 @@ pelmoStatus msgOpenEnvelope(pelmoMsg* msg) {
 pelmoStatus msgCloseEnvelope(pelmoMsg* msg) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (msg->dataOffset == 0) return kStatusSuccess;
+    const pelmoStatus status = envelopeMakeOwn(msg);
+    if (status != kStatusSuccess) return status;
     msgFlush(msg);
     msgShowOuter(msg);
     return kStatusSuccess;
 }
 
 pelmoStatus msgCopyWithEnvelope(pelmoMsg* msg, pelmoMsg** out) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
     pelmoMsg* copy = nullptr;
-    const pelmoStatus status = msgShareCopy(out != nullptr ? &copy : nullptr, msg);
+    pelmoStatus status = envelopeMakeOwn(msg);
+    if (status == kStatusSuccess) status = msgShareCopy(out != nullptr ? &copy : nullptr, msg);
     if (status != kStatusSuccess) return status;
     msgShowOuter(copy);
     *out = copy;
@@ -305,7 +309,8 @@ pelmoStatus msgCopyWithEnvelope(pelmoMsg* msg, pelmoMsg** out) {
 }
 
 bool msgHasForeign(const pelmoMsg* msg) {
-    return msgIsValid(msg) && (msg->envelopeFlags & ENV_FOREIGN) != 0;
+    if (!msgIsValid(msg)) return false;
+    return (msg->envelopeFlags & ENV_FOREIGN) != 0 || msg->envelopeIsLent;
 }
 
 pelmoStatus msgClearForeign(pelmoMsg* msg) {
@@ -366,7 +371,8 @@ pelmoStatus pelmoMsg_PrintEnvelope(pelmoMsg* msg) {
     traceLine(kTraceMsgDetail, "pelmoMsg_PrintEnvelope(%p)", tracePointer(msg));
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     const char* text = nullptr;
-    pelmoStatus status;
+    pelmoStatus status = envelopeMakeOwn(msg);
+    if (status != kStatusSuccess) return status;
     {
         const ClosedForNow closed(msg);
         status = pelmoMsg_ConvertToString(msg, &text);

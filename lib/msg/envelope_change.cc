@@ -61,7 +61,8 @@ pelmoStatus putFields(pelmoMsg* msg, const pelmoMsg* envelope, const EnvelopeVie
 // Calls `change` with the envelope's fields as a message, and puts the result in place.
 template <typename Change>
 pelmoStatus changeEnvelope(pelmoMsg* msg, Change change) {
-    pelmoStatus status = msgMakeWritable(msg);
+    pelmoStatus status = envelopeMakeOwn(msg);
+    if (status == kStatusSuccess) status = msgMakeWritable(msg);
     if (status != kStatusSuccess) return status;
     HeldMessage envelope;
     status = takeFields(msg, envelope);

@@ -2,7 +2,9 @@
 
 #include <bitset>
 #include <cstring>
+#include <utility>
 
+#include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
 #include "lib/msg/envelope_internal.h"
 
@@ -108,6 +110,36 @@ pelmoStatus createOpen(pelmoMsg** out, const char* subject, const char* reply, u
     return status == kStatusSuccess ? createPacked(out, addressing, extra) : status;
 }
 
+// A message of its own, made of what an image has at these places.
+pelmoStatus createOfPlaces(pelmoMsg** out,
+                           const uint8_t* image,
+                           const EnvelopePlaces& places,
+                           uint32_t nestedBytes) {
+    Addressing addressing{};
+    addressing.subject = image + places.subject;
+    addressing.subjectBytes = static_cast<uint32_t>(subjectLength(addressing.subject));
+    if (places.reply != 0) {
+        addressing.reply = reinterpret_cast<const char*>(image + places.reply);
+        addressing.replyBytes = static_cast<uint32_t>(std::strlen(addressing.reply)) + 1;
+    }
+    const pelmoStatus status = createPacked(out, addressing, nestedBytes - kMessageHeadBytes);
+    if (status != kStatusSuccess) return status;
+    std::memcpy(msgImage(*out) + (*out)->dataOffset, image + places.data, nestedBytes);
+    return kStatusSuccess;
+}
+
+// The nested message grows by growing the image, and so has to be the last of it.
+pelmoStatus createLent(pelmoMsg** out, pelmoMsg* carrier, const EnvelopePlaces& places) {
+    const pelmoStatus status = msgShareCopy(out, carrier);
+    if (status != kStatusSuccess) return status;
+    EnvelopeView view;
+    view.sendSubjectOffset = places.subject;
+    view.replySubjectOffset = places.reply;
+    envelopeShow(*out, places.data, view);
+    (*out)->envelopeIsLent = true;
+    return kStatusSuccess;
+}
+
 // Adds up the most that the records can take.
 pelmoStatus measureFields(const pelmoMsgField* fields, uint32_t count, uint64_t& sum) {
     for (uint32_t i = 0; i < count; ++i) {
@@ -192,28 +224,42 @@ pelmoStatus msgCreateWithOpaque(
     return kStatusSuccess;
 }
 
-pelmoStatus msgCreateAround(pelmoMsg** out,
-                            const uint8_t* subject,
-                            std::string_view reply,
-                            std::span<const uint8_t> image) {
-    constexpr uint32_t kMostReplyBytes = 255;
-    if (out == nullptr || image.size() < kMessageHeadBytes) return kStatusInvalidArgument;
-    if (reply.size() >= kMostReplyBytes) return kStatusInvalidSubject;
-    char terminated[kMostReplyBytes] = "";
-    Addressing addressing{.subject = subject,
-                          .subjectBytes = static_cast<uint32_t>(subjectLength(subject)),
-                          .reply = terminated,
-                          .replyBytes = 0};
-    if (!reply.empty()) {
-        std::memcpy(terminated, reply.data(), reply.size());
-        addressing.replyBytes = static_cast<uint32_t>(reply.size()) + 1;
-    }
+pelmoStatus msgCreateWithin(pelmoMsg** out, pelmoMsg* carrier, const EnvelopePlaces& places) {
+    if (!msgIsValid(carrier)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    const uint8_t* const image = msgImage(carrier);
+    const uint32_t nestedBytes = loadBe32At(image + places.data);
+    const bool isLast = places.data + nestedBytes == carrier->length;
     pelmoMsg* made = nullptr;
-    pelmoStatus status = createPacked(&made, addressing, image.size() - kMessageHeadBytes);
+    pelmoStatus status = isLast ? createLent(&made, carrier, places)
+                                : createOfPlaces(&made, image, places, nestedBytes);
     if (status != kStatusSuccess) return status;
     HeldMessage msg(made);
-    std::memcpy(msgImage(made) + made->dataOffset, image.data(), image.size());
     status = msgParse(made);
     if (status == kStatusSuccess) *out = msg.release();
     return status;
+}
+
+pelmoStatus envelopeMakeOwn(pelmoMsg* msg) {
+    if (!msg->envelopeIsLent) return kStatusSuccess;
+    const EnvelopePlaces places = {msg->sendSubjectOffset, msg->replySubjectOffset,
+                                   msg->dataOffset};
+    pelmoMsg* made = nullptr;
+    pelmoStatus status =
+        createOfPlaces(&made, msgImage(msg), places, msg->length - msg->dataOffset);
+    if (status != kStatusSuccess) return status;
+    const HeldMessage own(made);
+    status = msgHoldBuffer(msg);
+    if (status != kStatusSuccess) return status;
+    std::swap(msg->buffer, made->buffer);  // the old one goes with `own`
+    msg->base = made->base;
+    msg->capacity = made->capacity;
+    msg->length = made->length;
+    msg->envelopeIsLent = false;
+    EnvelopeView view;
+    view.sendSubjectOffset = made->sendSubjectOffset;
+    view.replySubjectOffset = made->replySubjectOffset;
+    view.mtypeOffset = made->mtypeOffset;
+    envelopeShow(msg, made->dataOffset, view);
+    return kStatusSuccess;
 }

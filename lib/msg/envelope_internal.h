@@ -26,8 +26,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
-#include <string_view>
 
 #include "lib/base/status.h"
 #include "lib/msg/envelope.h"
@@ -63,7 +61,8 @@ pelmoStatus msgCloseEnvelope(pelmoMsg* msg);
 // A closed object over the same buffer.
 [[nodiscard]] pelmoStatus msgCopyWithEnvelope(pelmoMsg* msg, pelmoMsg** out);
 
-// Has there ever been a field that this library doesn't make? Only the second call forgets it.
+// Has there ever been a field that this library doesn't make, as where the envelope is lent? Only
+// the second call forgets it.
 [[nodiscard]] bool msgHasForeign(const pelmoMsg* msg);
 pelmoStatus msgClearForeign(pelmoMsg* msg);
 
@@ -90,13 +89,20 @@ pelmoStatus msgClearForeign(pelmoMsg* msg);
 [[nodiscard]] pelmoStatus msgCreateWithOpaque(
     pelmoMsg** out, const char* subject, const char* reply, const void* bytes, uint32_t size);
 
-// The same around a nested message that another image holds, whose head tells its size; the subject
-// is packed and well formed, and an empty reply is none. kStatusInvalidSubject for a reply of 255
-// characters or more, kStatusCorruptMessage where the nested fields don't walk.
-[[nodiscard]] pelmoStatus msgCreateAround(pelmoMsg** out,
-                                          const uint8_t* subject,
-                                          std::string_view reply,
-                                          std::span<const uint8_t> image);
+// An open message within the image of another, whose buffer it shares: what shows is the sound
+// nested message at `data`. Its addressing is where the places tell: a well-formed packed subject,
+// and a terminated text of at most 255 bytes or 0 for none. The other message's outer fields are
+// only lent: they don't travel with this one, and give way to an envelope of its own ahead of
+// whatever would show or change them. A nested message that isn't the last of the image is copied.
+// kStatusCorruptMessage where its fields don't walk.
+struct EnvelopePlaces {
+    uint32_t subject;
+    uint32_t reply;
+    uint32_t data;
+};
+[[nodiscard]] pelmoStatus msgCreateWithin(pelmoMsg** out,
+                                          pelmoMsg* carrier,
+                                          const EnvelopePlaces& places);
 
 // For the sources of the envelope alone.
 
@@ -125,6 +131,9 @@ struct EnvelopeView {
 
 // Opens a message, of which `view` is the envelope, and brings its lengths up to date.
 void envelopeShow(pelmoMsg* msg, uint32_t dataOffset, const EnvelopeView& view);
+
+// Puts an envelope of the message's own in the place of one that is lent; nothing else changes.
+[[nodiscard]] pelmoStatus envelopeMakeOwn(pelmoMsg* msg);
 
 // Is the field one of those that stay when an envelope is stripped?
 [[nodiscard]] bool envelopeKeeps(const pelmoMsg* msg, const FieldIndexEntry& entry);

@@ -229,6 +229,7 @@ pelmoStatus msgShareCopy(pelmoMsg** out, pelmoMsg* msg) {
     copy->sendSubjectOffset = msg->sendSubjectOffset;
     copy->replySubjectOffset = msg->replySubjectOffset;
     copy->mtypeOffset = msg->mtypeOffset;
+    copy->envelopeIsLent = msg->envelopeIsLent;
     traceLine(kTraceMsg, "Message %p created as copy of %p", tracePointer(copy), tracePointer(msg));
     *out = copy;
     return kStatusSuccess;
@@ -280,6 +281,7 @@ void msgShowOuter(pelmoMsg* msg) {
     msg->sendSubjectOffset = 0;
     msg->replySubjectOffset = 0;
     msg->mtypeOffset = 0;
+    msg->envelopeIsLent = false;
     msg->dataOffset = 0;
     msg->indexValid = 0;
 }

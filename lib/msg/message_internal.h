@@ -64,6 +64,7 @@ struct pelmoMsg {
 
     // Where the envelope's values lie, while it is open; 0 for none. See lib/msg/envelope.h.
     uint8_t envelopeFlags;
+    bool envelopeIsLent;  // the outer fields are another message's: see msgCreateWithin
     uint32_t sendSubjectOffset, replySubjectOffset, mtypeOffset, sourcePortOffset;
 
     uint32_t limitAdvisory;  // bit 0: the advisory that tells of a queue limit

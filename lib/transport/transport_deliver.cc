@@ -234,31 +234,46 @@ bool collectFor(const Transport* transport,
     return !share;
 }
 
-// True where a listener took the message itself.
-bool batchOne(Transport* transport, pelmoMsg* message, BatchMatch& match, Collector& collector)
-    PELMO_REQUIRES(transport->header.lock) {
+// Who has sent what is delivered: others, by way of the daemon, or the peer of a circuit.
+enum class Origin { kNetwork, kPeer };
+
+// Owns the message. False where memory ran out and no listener was told.
+bool batchOne(Transport* transport,
+              pelmoMsg* message,
+              Origin origin,
+              BatchMatch& match,
+              Collector& collector) PELMO_REQUIRES(transport->header.lock) {
+    HeldMessage held(message);
     const uint8_t* subject = nullptr;
     if (msgOpenEnvelope(message) != kStatusSuccess ||
         messageSubject(message, &subject) != kStatusSuccess) {
-        return false;
+        return true;
     }
-    traceAdvisory(message, subject, "Process received advisory from network");
+    const bool fromNetwork = origin == Origin::kNetwork;
+    if (fromNetwork) traceAdvisory(message, subject, "Process received advisory from network");
     if (!match.find(transport->subjects, subject)) return false;
-    if (match.events().empty()) {
-        if (!transport->quietUnhandled) logUnhandled(message, subject);
-        return false;
+    std::span<Event* const> events = match.events();
+    if (events.empty()) {
+        if (fromNetwork && !transport->quietUnhandled) logUnhandled(message, subject);
+        return true;
     }
-    const std::span<Event* const> events = match.events();
-    return collectFor(transport, transport->firstListenerOnly ? events.first(1) : events, message,
-                      collector);
+    if (fromNetwork && transport->firstListenerOnly) events = events.first(1);
+    if (collectFor(transport, events, message, collector)) (void)held.release();
+    return true;
 }
 
-// The listeners of a message that isn't sent any further; none without a send subject.
-bool holdMatches(HeldListeners& listeners, SubjectList* list, pelmoMsg* message) {
-    const uint8_t* subject = nullptr;
-    if (messageSubject(message, &subject) != kStatusSuccess) return true;
-    return listeners.hold(subjectIsInbox(subject) ? sublistFind(list, subject)
-                                                  : sublistMatch(list, subject));
+// The last post comes behind the lock.
+bool batchAll(Transport* transport, std::span<pelmoMsg* const> messages, Origin origin) {
+    Collector collector;
+    BatchMatch match;
+    bool isWhole = true;
+    Id_Enter(&transport->header);
+    for (pelmoMsg* message : messages) {
+        isWhole = batchOne(transport, message, origin, match, collector) && isWhole;
+    }
+    Id_Leave(&transport->header);
+    collector.flush();
+    return isWhole;
 }
 
 }  // namespace
@@ -289,27 +304,11 @@ pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message) {
 }
 
 void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> messages) {
-    Collector collector;
-    BatchMatch match;
-    Id_Enter(&transport->header);
-    for (pelmoMsg* message : messages) {
-        if (!batchOne(transport, message, match, collector)) msgRelease(message);
-    }
-    Id_Leave(&transport->header);
-    collector.flush();
+    (void)batchAll(transport, messages, Origin::kNetwork);
 }
 
-pelmoStatus Transport_DeliverOwn(Transport* transport, pelmoMsg* message) {
-    Collector collector;
-    HeldListeners listeners;
-    Id_Enter(&transport->header);
-    const bool isMatched = holdMatches(listeners, transport->subjects, message);
-    const bool isTaken = !listeners.events().empty() &&
-                         collectFor(transport, listeners.events(), message, collector);
-    Id_Leave(&transport->header);
-    collector.flush();
-    if (!isTaken) msgRelease(message);
-    return isMatched ? kStatusSuccess : kStatusNoMemory;
+pelmoStatus Transport_DeliverOfPeer(Transport* transport, std::span<pelmoMsg* const> messages) {
+    return batchAll(transport, messages, Origin::kPeer) ? kStatusSuccess : kStatusNoMemory;
 }
 
 pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message) {

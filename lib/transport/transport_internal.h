@@ -123,10 +123,10 @@ void transportAttach();
 // which is taken here and released before the last post.
 void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> messages);
 
-// Delivers one message to the listeners of a circuit and takes ownership of it; one without a send
-// subject or a listener is dropped. The caller holds a reference and no lock. kStatusNoMemory where
-// the listeners couldn't be gathered.
-[[nodiscard]] pelmoStatus Transport_DeliverOwn(Transport* transport, pelmoMsg* message);
+// The same for a circuit's listeners: nothing is logged, and each of many listeners gets a message.
+// kStatusNoMemory where the listeners of some couldn't be gathered.
+[[nodiscard]] pelmoStatus Transport_DeliverOfPeer(Transport* transport,
+                                                  std::span<pelmoMsg* const> messages);
 
 // Hooks
 

@@ -345,4 +345,50 @@ TEST(Envelope, IsCreatedAroundBytes) {
     EXPECT_EQ(made, nullptr);
 }
 
+// What lies within another message's image shows and sends nothing of that one, at its end or not.
+TEST(Envelope, IsLentUntilItShows) {
+    using Call = pelmoStatus (*)(pelmoMsg * msg);
+    const Call none = [](pelmoMsg*) -> pelmoStatus { return kStatusSuccess; };
+    const struct {
+        Call call;
+        Bytes envelope, app;
+    } cases[] = {
+        {none, kSubAB + kReturnR + kMtypeD, kApp},
+        {[](pelmoMsg* msg) { return pelmoMsg_SetSendSubject(msg, "A.B"); },
+         kSubAB + kReturnR + kMtypeD, kApp},
+        {[](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, nullptr); }, kSubAB + kMtypeD,
+         kApp},
+        {[](pelmoMsg* msg) { return pelmoMsg_RemoveFieldEx(msg, "n", 0); },
+         kSubAB + kReturnR + kMtypeD, outer({})},
+    };
+    const Bytes lentFields = kReturnR + kMtypeD + kSubAB;
+    for (const Bytes& behind : {Bytes{}, kCid}) {
+        for (const auto& [call, envelope, app] : cases) {
+            const Message carrier = messageFrom(outer(lentFields + kData + kApp + behind));
+            const uint32_t data =
+                kMessageHeadBytes + static_cast<uint32_t>((lentFields + kData).size());
+            const auto text = kMessageHeadBytes + static_cast<uint32_t>(kReturnR.size()) - 2;
+            const auto subject = kMessageHeadBytes + static_cast<uint32_t>(lentFields.size()) - 9;
+            pelmoMsg* made = nullptr;
+            ASSERT_EQ(msgCreateWithin(&made, carrier.get(), {subject, text, data}), kStatusSuccess);
+            const Message msg(made);
+            EXPECT_EQ(textOf(made), "{n=7}");
+            const char* reply = nullptr;
+            EXPECT_EQ(pelmoMsg_GetReplySubject(made, &reply), kStatusSuccess);
+            EXPECT_STREQ(reply, "R");
+            pelmoMsg* copied = nullptr;
+            ASSERT_EQ(msgShareCopy(&copied, made), kStatusSuccess);
+            const Message copy(copied);
+            EXPECT_EQ(call(made), kStatusSuccess);
+            EXPECT_EQ(imageOf(made), app);
+            for (pelmoMsg* closed : {made, copied})
+                EXPECT_EQ(msgCloseEnvelope(closed), kStatusSuccess);
+            EXPECT_EQ(wireOf(made), outer(envelope + kData + app));
+            EXPECT_EQ(wireOf(copied), outer(cases[0].envelope + kData + kApp));
+            EXPECT_STREQ(reply, "R");  // what was read outlives the change
+            EXPECT_EQ(wireOf(carrier.get()), outer(lentFields + kData + kApp + behind));
+        }
+    }
+}
+
 }  // namespace

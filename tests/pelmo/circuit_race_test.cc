@@ -198,7 +198,8 @@ TEST_F(CircuitsOverADaemon, WaitForNoSender) {
         vcTick(circuit);
     RawMessage gap("_INBOX.A");
     gap.kind("vcth").number(7);
-    vcControl(circuit, gap.get());
+    pelmoMsg* const came = gap.get();
+    vcControl(circuit, {&came, 1});
     EXPECT_EQ(stateOf(circuit), CircuitState::kDisconnected);
     EXPECT_EQ(pelmoTransport_Destroy(circuit), kStatusSuccess);
     daemon.openGate();

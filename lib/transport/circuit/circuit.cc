@@ -22,10 +22,6 @@ constexpr const char* kClassInfo = "INFO";
 constexpr const char* kClassError = "ERROR";
 constexpr const char* kSource = "SYSTEM";
 
-constexpr const char* kRemoteTimeout = "remote timeout";
-constexpr const char* kDataLoss = "data loss";
-constexpr const char* kInvalidMessage = "invalid message";
-
 // A live circuit that isn't being destroyed, locked.
 struct HeldCircuit {
     Held<Transport> held;
@@ -74,31 +70,49 @@ void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
 
 // What the peer sends
 
-// The parcel of a message that came, or null. Failures end the circuit.
-pelmoMsg* takeLocked(VirtualCircuit* circuit, pelmoMsg* message)
+// What came in one batch, up to the circuit's end.
+struct Parcels {
+    pelmoMsg* messages[kMostBatchMessages];
+    uint32_t count = 0;
+};
+
+enum class Ending { kNone, kByPeer, kDataLoss, kInvalidMessage };
+
+struct EndingRow {
+    const char* reason;
+    bool saysGoodbye;
+};
+
+constexpr EndingRow kEndings[] = {
+    {nullptr, false}, {nullptr, false}, {"data loss", true}, {"invalid message", true}};
+
+void endByLocked(VirtualCircuit* circuit, Ending ending)
     PELMO_REQUIRES(circuit->transport->header.lock) {
-    if (circuit->state != CircuitState::kConnected) return nullptr;
-    pelmoMsg* parcel = nullptr;
-    switch (countArrival(circuit->count, circuitReadHead(message))) {
+    const EndingRow& row = kEndings[static_cast<size_t>(ending)];
+    if (ending != Ending::kNone) endLocked(circuit, row.reason, row.saysGoodbye);
+}
+
+// One message of the peer; those behind the one that ends the circuit don't count.
+Ending takeLocked(VirtualCircuit* circuit, pelmoMsg* message, Parcels& parcels)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    const CircuitRecords records(message);
+    switch (countArrival(circuit->count, circuitReadHead(records))) {
         case Arrival::kSign:
-            break;
-        case Arrival::kParcel:
-            if (circuitUnwrap(message, circuit->isLegacyPeer, &parcel) == kStatusSuccess) {
-                return parcel;
-            }
-            endLocked(circuit, kInvalidMessage, true);
-            break;
+            return Ending::kNone;
+        case Arrival::kParcel: {
+            pelmoMsg** const next = &parcels.messages[parcels.count];
+            if (circuitUnwrap(records, circuit->isLegacyPeer, next) != kStatusSuccess) break;
+            ++parcels.count;
+            return Ending::kNone;
+        }
         case Arrival::kGoodbye:
-            endLocked(circuit, nullptr, false);
-            break;
+            return Ending::kByPeer;
         case Arrival::kGap:
-            endLocked(circuit, kDataLoss, true);
-            break;
+            return Ending::kDataLoss;
         case Arrival::kInvalid:
-            endLocked(circuit, kInvalidMessage, true);
             break;
     }
-    return nullptr;
+    return Ending::kInvalidMessage;
 }
 
 // Handshake
@@ -107,8 +121,8 @@ void onTick(uint32_t, pelmoMsg*, void* closure) {
     vcTick(idFromItem(closure));
 }
 
-void onControl(uint32_t, pelmoMsg* message, void* closure) {
-    vcControl(idFromItem(closure), message);
+void onControl(pelmoMsg** messages, uint32_t count) {
+    vcControl(idFromItem(messages[0]->deliveryClosure), {messages, count});
 }
 
 void onUnreachable(uint32_t, pelmoMsg*, void* closure) {
@@ -117,16 +131,31 @@ void onUnreachable(uint32_t, pelmoMsg*, void* closure) {
     if (held.circuit->state == CircuitState::kConnected) endLocked(held.circuit, nullptr, false);
 }
 
+ListenerRequest requestFor(const VirtualCircuit* circuit, const char* subject) {
+    return {.queueId = kWorkQueueId,
+            .transportId = circuit->transport->underlying,
+            .subject = subject,
+            .kind = ListenerKind::kPlain,
+            .closure = idToItem(circuit->transport->header.id)};
+}
+
 pelmoStatus listen(const VirtualCircuit* circuit,
                    const char* subject,
                    pelmoEventCallback callback,
                    uint32_t* out) {
-    return Transport_AddListener(out, {.queueId = kWorkQueueId,
-                                       .transportId = circuit->transport->underlying,
-                                       .subject = subject,
-                                       .kind = ListenerKind::kPlain,
-                                       .callback = callback,
-                                       .closure = idToItem(circuit->transport->header.id)});
+    ListenerRequest request = requestFor(circuit, subject);
+    request.callback = callback;
+    return Transport_AddListener(out, request);
+}
+
+// Gets what the peer has sent in batches of this circuit's alone.
+pelmoStatus listenToPeer(VirtualCircuit* circuit, const char* subject)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    ListenerRequest request = requestFor(circuit, subject);
+    request.kind = ListenerKind::kVector;
+    request.vectorCallback = onControl;
+    request.vectorGroup = circuit;
+    return Transport_AddListener(&circuit->controlListener, request);
 }
 
 bool startTimer(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
@@ -238,14 +267,8 @@ pelmoStatus makeTransport(HeldCircuit* out, CircuitEnd end, uint32_t underlying)
     return kStatusSuccess;
 }
 
-// Makes an inbox on the transport beneath, and listens to it.
-pelmoStatus makeInbox(const VirtualCircuit* circuit,
-                      char (&text)[kInboxTextBytes],
-                      pelmoEventCallback callback,
-                      uint32_t* outListener) {
-    const pelmoStatus status =
-        pelmoTransport_CreateInbox(circuit->transport->underlying, text, sizeof text);
-    return status == kStatusSuccess ? listen(circuit, text, callback, outListener) : status;
+pelmoStatus makeInbox(const VirtualCircuit* circuit, char (&text)[kInboxTextBytes]) {
+    return pelmoTransport_CreateInbox(circuit->transport->underlying, text, sizeof text);
 }
 
 pelmoStatus sendRequest(const VirtualCircuit* circuit, const char* to, const char* handshakeInbox) {
@@ -262,7 +285,8 @@ pelmoStatus sendRequest(const VirtualCircuit* circuit, const char* to, const cha
 pelmoStatus fillLocked(VirtualCircuit* circuit, const char* connectSubject)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     char inbox[kInboxTextBytes];
-    pelmoStatus status = makeInbox(circuit, inbox, onControl, &circuit->controlListener);
+    pelmoStatus status = makeInbox(circuit, inbox);
+    if (status == kStatusSuccess) status = listenToPeer(circuit, inbox);
     if (status != kStatusSuccess) return status;
     char name[kInboxTextBytes + 2];
     std::snprintf(name, sizeof name, "%s.V", inbox);
@@ -270,7 +294,10 @@ pelmoStatus fillLocked(VirtualCircuit* circuit, const char* connectSubject)
     if (subjectFromText(circuit->controlInbox, sizeof circuit->controlInbox, inbox) < 0) {
         return kStatusInvalidSubject;
     }
-    status = makeInbox(circuit, inbox, onHandshake, &circuit->handshakeListener);
+    status = makeInbox(circuit, inbox);
+    if (status == kStatusSuccess) {
+        status = listen(circuit, inbox, onHandshake, &circuit->handshakeListener);
+    }
     if (status != kStatusSuccess) return status;
     if (connectSubject != nullptr) return sendRequest(circuit, connectSubject, inbox);
     circuit->connectSubject = concat2(inbox, "");
@@ -325,24 +352,33 @@ void vcTick(uint32_t id) {
             }
             break;
         case Tick::kSilent:
-            endLocked(held.circuit, kRemoteTimeout, true);
+            endLocked(held.circuit, "remote timeout", true);
             break;
     }
 }
 
-void vcControl(uint32_t id, pelmoMsg* message) {
+void vcControl(uint32_t id, std::span<pelmoMsg* const> messages) {
     HeldCircuit held;
     if (!held.find(id)) return;
-    pelmoMsg* const parcel = takeLocked(held.circuit, message);
-    if (parcel == nullptr) return;
-    held.leave();
-    if (vcDeliver(held.held.get(), parcel) == kStatusSuccess) return;
-    held.enter();
-    endLocked(held.circuit, kInvalidMessage, true);
+    Parcels parcels;
+    Ending ending = Ending::kNone;
+    for (pelmoMsg* message : messages) {
+        if (ending != Ending::kNone || held.circuit->state != CircuitState::kConnected) break;
+        ending = takeLocked(held.circuit, message, parcels);
+    }
+    // Parcels come to the listeners ahead of the advisory of the end.
+    if (parcels.count != 0) {
+        held.leave();
+        const pelmoStatus status =
+            Transport_DeliverOfPeer(held.held.get(), {parcels.messages, parcels.count});
+        held.enter();
+        if (status != kStatusSuccess) ending = Ending::kInvalidMessage;
+    }
+    endByLocked(held.circuit, ending);
 }
 
 pelmoStatus vcDeliver(Transport* transport, pelmoMsg* message) {
-    return Transport_DeliverOwn(transport, message);
+    return Transport_DeliverOfPeer(transport, {&message, 1});
 }
 
 // The checker can't tell that the circuit's transport is this one.

@@ -13,8 +13,10 @@ constexpr const char* kUnreachable = "_PM.INFO.SYSTEM.UNREACHABLE.TRANSPORT";
 bool handshakeTakes(CircuitEnd end, CircuitState state, pelmoMsg* message, CircuitOffer* out) {
     const CircuitKind wanted =
         end == CircuitEnd::kAccepting ? CircuitKind::kRequest : CircuitKind::kAcceptance;
-    return state == CircuitState::kWaiting && circuitReadHead(message).kind == wanted &&
-           circuitReadOffer(message, wanted, out) == kStatusSuccess;
+    if (state != CircuitState::kWaiting) return false;
+    const CircuitRecords records(message);
+    return circuitReadHead(records).kind == wanted &&
+           circuitReadOffer(records, wanted, out) == kStatusSuccess;
 }
 
 bool handshakeUnreachableSubject(char (&text)[kSubjectTextBytes], const uint8_t* controlInbox) {

@@ -83,9 +83,10 @@ void circuitAttach();
 // has ended.
 void vcDisconnect(Transport* transport, const char* reason) PELMO_REQUIRES(transport->header.lock);
 
-// One tick of the timer, and messages of the peer: what the events call. `circuit` is an id.
+// One tick of the timer, and messages of the peer, at most kMostBatchMessages: what the events
+// call. `circuit` is an id.
 void vcTick(uint32_t circuit);
-void vcControl(uint32_t circuit, pelmoMsg* message);
+void vcControl(uint32_t circuit, std::span<pelmoMsg* const> messages);
 
 // Between circuit.cc and circuit_send.cc
 

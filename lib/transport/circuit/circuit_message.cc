@@ -1,8 +1,10 @@
 #include "lib/transport/circuit/circuit_message.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "lib/base/bytes.h"
+#include "lib/msg/codec_internal.h"
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/wire.h"
 
@@ -38,6 +40,7 @@ constexpr uint8_t kMinorHead[] = {5, 'v', 'm', 'i', 'n', 0, WIRE_INT, 4};
 
 // More than the fixed parts of any message take, with both texts' prefixes.
 constexpr uint32_t kFixedBytes = 128;
+constexpr uint32_t kMostRecords = 7;
 
 // Writes records to an image that has room for them.
 class Writer {
@@ -48,8 +51,15 @@ class Writer {
         std::memcpy(at_, from, sizeBytes);
         at_ += sizeBytes;
     }
+    // What a record begins with. It goes into the index, so that nobody has to walk the message.
     template <size_t kBytes>
     void head(const uint8_t (&head)[kBytes]) {
+        static_assert(kMostRecords <= kInlineIndexEntries);
+        msg_->index[msg_->fieldCount++] = {
+            .nameOffset = static_cast<uint32_t>(at_ + 1 - msgImage(msg_)),
+            .nameSize = head[0],
+            .nameAreaSize = head[0],
+            .id = 0};
         bytes(head, kBytes);
     }
     template <size_t kBytes>
@@ -88,7 +98,6 @@ class Writer {
     }
     void end() {
         msg_->length = static_cast<uint32_t>(at_ - msgImage(msg_));
-        msg_->indexValid = 0;
         msgFlush(msg_);
     }
 
@@ -111,22 +120,6 @@ pelmoStatus packInbox(uint8_t (&packed)[kSubjectMaxBytes], const char* text) {
 
 // Reading
 
-// The value of a field of that type; kStatusNotFound for another. Strings and subjects point into
-// the image.
-pelmoStatus readField(pelmoMsg* message, const char* name, uint8_t type, pelmoMsgField* out) {
-    uint32_t position = 0;
-    Disposition disposition = kDataByValue;
-    pelmoStatus status = msgParse(message);
-    if (status == kStatusSuccess) status = msgFind(message, name, 0, position);
-    // The type comes ahead of the value: some would have to be taken apart.
-    if (status == kStatusSuccess &&
-        msgImage(message)[fieldTypeOffset(message->index[position])] != type) {
-        status = kStatusNotFound;
-    }
-    if (status == kStatusSuccess) status = msgDecodeField(message, position, *out, disposition);
-    return status;
-}
-
 std::string_view textIn(const pelmoMsgField& field) {
     const auto* chars = static_cast<const char*>(field.data.pointer);
     return chars != nullptr ? std::string_view(chars, strnlen(chars, field.size))
@@ -141,13 +134,15 @@ CircuitKind kindOf(std::string_view text) {
 }
 
 // A subject as text, whether the field holds it packed or as a string.
-pelmoStatus readInbox(pelmoMsg* message, const char* name, char (&text)[kSubjectTextBytes]) {
+pelmoStatus readInbox(const CircuitRecords& records,
+                      CircuitRecords::Name name,
+                      char (&text)[kSubjectTextBytes]) {
     pelmoMsgField field;
-    if (readField(message, name, FIELD_SUBJECT, &field) == kStatusSuccess) {
+    if (records.read(name, FIELD_SUBJECT, &field) == kStatusSuccess) {
         subjectToText(text, sizeof text, static_cast<const uint8_t*>(field.data.pointer));
         return kStatusSuccess;
     }
-    const pelmoStatus status = readField(message, name, FIELD_STRING, &field);
+    const pelmoStatus status = records.read(name, FIELD_STRING, &field);
     if (status != kStatusSuccess) return status;
     const std::string_view chars = textIn(field);
     if (chars.size() >= sizeof text) return kStatusInvalidSubject;
@@ -156,29 +151,34 @@ pelmoStatus readInbox(pelmoMsg* message, const char* name, char (&text)[kSubject
     return kStatusSuccess;
 }
 
-bool hasField(pelmoMsg* message, const char* name) {
-    uint32_t position = 0;
-    return msgFind(message, name, 0, position) == kStatusSuccess;
+// 0 for no reply. Its text is read in place, so that its NUL has to be there.
+pelmoStatus findReply(const CircuitRecords& records, CircuitRecords::Name name, uint32_t* out) {
+    *out = 0;
+    if (!records.has(name)) return kStatusSuccess;
+    pelmoMsgField field;
+    const pelmoStatus status = records.read(name, FIELD_STRING, &field);
+    if (status != kStatusSuccess) return status;
+    const size_t chars = textIn(field).size();
+    if (chars == 0 || chars > kMostReplyChars) return kStatusInvalidSubject;
+    if (chars + 1 != field.size) return kStatusCorruptMessage;
+    *out = records.placeOf(field.data.pointer);
+    return kStatusSuccess;
 }
 
-pelmoStatus readParcel(pelmoMsg* message, bool fromLegacy, CircuitParcel* out) {
+pelmoStatus findParcel(const CircuitRecords& records, bool fromLegacy, EnvelopePlaces* out) {
     pelmoMsgField field;
-    pelmoStatus status = readField(message, "vcs", FIELD_SUBJECT, &field);
+    pelmoStatus status = records.read(CircuitRecords::kVcs, FIELD_SUBJECT, &field);
     if (status != kStatusSuccess) return status;
-    out->subject = static_cast<const uint8_t*>(field.data.pointer);
-    if (subjectElementCount(out->subject) == 0) return kStatusInvalidSubject;
-
-    const char* const replyName = fromLegacy ? kLegacyReply : kReply;
-    out->reply = {};
-    if (hasField(message, replyName)) {
-        status = readField(message, replyName, FIELD_STRING, &field);
-        if (status != kStatusSuccess) return status;
-        out->reply = textIn(field);
-        if (out->reply.empty()) return kStatusInvalidSubject;
+    if (subjectElementCount(static_cast<const uint8_t*>(field.data.pointer)) == 0) {
+        return kStatusInvalidSubject;
     }
-    status = readField(message, kDataName, FIELD_MSG, &field);
+    out->subject = records.placeOf(field.data.pointer);
+    const auto reply = fromLegacy ? CircuitRecords::kReturn : CircuitRecords::kVcr;
+    status = findReply(records, reply, &out->reply);
     if (status != kStatusSuccess) return status;
-    out->image = {static_cast<const uint8_t*>(field.data.pointer), field.size};
+    status = records.read(CircuitRecords::kData, FIELD_MSG, &field);
+    if (status != kStatusSuccess) return status;
+    out->data = records.placeOf(field.data.pointer);
     return kStatusSuccess;
 }
 
@@ -282,39 +282,73 @@ pelmoStatus circuitBuildData(pelmoMsg** out,
     return kStatusSuccess;
 }
 
-CircuitHead circuitReadHead(pelmoMsg* message) {
-    CircuitHead head = {.kind = CircuitKind::kNone, .hasNumber = false, .number = 0};
+CircuitRecords::CircuitRecords(pelmoMsg* message) : message_(message) {
+    constexpr std::string_view kFieldNames[kNames] = {"vct",   "vcq",  "vcs",  "vcr", "return",
+                                                      "cmret", "vmaj", "vmin", "data"};
     msgCloseEnvelope(message);
+    const uint8_t* at = msgImage(message) + kMessageHeadBytes;
+    end_ = msgImage(message) + message->length;
+    while (at < end_) {
+        WireRecord record;
+        const uint8_t* const next = wireRecordRead(at, end_, record);
+        if (next == nullptr) {
+            std::fill(types_, types_ + kNames, nullptr);
+            return;
+        }
+        const uint32_t chars = record.nameSize - (record.nameSize != 0 ? 1 : 0);
+        const std::string_view name(reinterpret_cast<const char*>(at + 1), chars);
+        for (size_t i = 0; i < kNames; ++i) {
+            if (types_[i] != nullptr || name != kFieldNames[i]) continue;
+            types_[i] = at + 1 + record.nameAreaSize;
+            break;
+        }
+        at = next;
+    }
+}
+
+pelmoStatus CircuitRecords::read(Name name, uint8_t type, pelmoMsgField* out) const {
+    const uint8_t* const at = types_[name];
+    // The type comes ahead of the value: some would have to be taken apart.
+    if (at == nullptr || *at != type) return kStatusNotFound;
+    const FieldDecoder decode = fieldDecoders[type];
+    if (decode == nullptr) return kStatusInvalidType;
+    out->type = type;
+    ReadCursor cursor{at + 1, end_};
+    Disposition disposition = kDataByValue;
+    return decode(cursor, *out, disposition);
+}
+
+CircuitHead circuitReadHead(const CircuitRecords& records) {
+    CircuitHead head = {.kind = CircuitKind::kNone, .hasNumber = false, .number = 0};
     pelmoMsgField field;
-    if (readField(message, "vct", FIELD_STRING, &field) == kStatusSuccess) {
+    if (records.read(CircuitRecords::kVct, FIELD_STRING, &field) == kStatusSuccess) {
         head.kind = kindOf(textIn(field));
     }
-    if (readField(message, "vcq", WIRE_UINT, &field) == kStatusSuccess && field.type == FIELD_U64) {
+    if (records.read(CircuitRecords::kVcq, WIRE_UINT, &field) == kStatusSuccess &&
+        field.type == FIELD_U64) {
         head.number = field.data.u64;
         head.hasNumber = true;
     }
     return head;
 }
 
-pelmoStatus circuitReadOffer(pelmoMsg* message, CircuitKind kind, CircuitOffer* out) {
+pelmoStatus circuitReadOffer(const CircuitRecords& records, CircuitKind kind, CircuitOffer* out) {
     CircuitOffer offer;
     offer.answerTo[0] = 0;
     char control[kSubjectTextBytes];
-    pelmoStatus status = readInbox(message, "cmret", control);
+    pelmoStatus status = readInbox(records, CircuitRecords::kCmret, control);
     if (status == kStatusSuccess && kind == CircuitKind::kRequest) {
-        status = readInbox(message, "return", offer.answerTo);
+        status = readInbox(records, CircuitRecords::kReturn, offer.answerTo);
     }
     if (status == kStatusSuccess) status = packInbox(offer.controlInbox, control);
     if (status != kStatusSuccess) return status;
-    offer.isLegacy = !hasField(message, "vmaj") && !hasField(message, "vmin");
+    offer.isLegacy = !records.has(CircuitRecords::kVmaj) && !records.has(CircuitRecords::kVmin);
     *out = offer;
     return kStatusSuccess;
 }
 
-pelmoStatus circuitUnwrap(pelmoMsg* message, bool fromLegacy, pelmoMsg** out) {
-    CircuitParcel parcel;
-    const pelmoStatus status = readParcel(message, fromLegacy, &parcel);
-    return status == kStatusSuccess
-               ? msgCreateAround(out, parcel.subject, parcel.reply, parcel.image)
-               : status;
+pelmoStatus circuitUnwrap(const CircuitRecords& records, bool fromLegacy, pelmoMsg** out) {
+    EnvelopePlaces places{};
+    const pelmoStatus status = findParcel(records, fromLegacy, &places);
+    return status == kStatusSuccess ? msgCreateWithin(out, records.message(), places) : status;
 }

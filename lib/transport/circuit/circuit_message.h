@@ -79,21 +79,52 @@ struct CircuitParcel {
 
 // Reading
 
-// Shows the outer fields of a message that a transport has opened, and reads what all have.
+// Where the fields of a circuit's message stand in its image: the first one of each name, found in
+// one walk. None is found in a message that doesn't walk.
+class CircuitRecords {
+  public:
+    enum Name : uint8_t { kVct, kVcq, kVcs, kVcr, kReturn, kCmret, kVmaj, kVmin, kData, kNames };
+
+    // Shows the outer fields of a message that a transport has opened. The message is borrowed.
+    explicit CircuitRecords(pelmoMsg* message);
+
+    [[nodiscard]] bool has(Name name) const { return types_[name] != nullptr; }
+
+    // kStatusNotFound also for a field of another type.
+    [[nodiscard]] pelmoStatus read(Name name, uint8_t type, pelmoMsgField* out) const;
+
+    // Of what a read has given.
+    [[nodiscard]] uint32_t placeOf(const void* value) const {
+        return static_cast<uint32_t>(static_cast<const uint8_t*>(value) - msgImage(message_));
+    }
+    [[nodiscard]] pelmoMsg* message() const { return message_; }
+
+  private:
+    pelmoMsg* message_;
+    const uint8_t* types_[kNames] = {};  // the type byte, which the value follows
+    const uint8_t* end_;                 // of the image
+};
+
+// What all messages have.
 struct CircuitHead {
     CircuitKind kind;
     bool hasNumber;
     uint64_t number;
 };
-[[nodiscard]] CircuitHead circuitReadHead(pelmoMsg* message);
+[[nodiscard]] CircuitHead circuitReadHead(const CircuitRecords& records);
 
-// Of a request or an acceptance whose head was read.
+// Of a request or an acceptance.
 struct CircuitOffer {
     uint8_t controlInbox[kSubjectMaxBytes];  // packed
     char answerTo[kSubjectTextBytes];        // of a request
     bool isLegacy;
 };
-[[nodiscard]] pelmoStatus circuitReadOffer(pelmoMsg* message, CircuitKind kind, CircuitOffer* out);
+[[nodiscard]] pelmoStatus circuitReadOffer(const CircuitRecords& records,
+                                           CircuitKind kind,
+                                           CircuitOffer* out);
 
-// The message that a data message carries, with an envelope of its own; the head was read.
-[[nodiscard]] pelmoStatus circuitUnwrap(pelmoMsg* message, bool fromLegacy, pelmoMsg** out);
+// The message that a data message carries, with an envelope of its own. It lies within the image,
+// so that nothing is copied.
+[[nodiscard]] pelmoStatus circuitUnwrap(const CircuitRecords& records,
+                                        bool fromLegacy,
+                                        pelmoMsg** out);
