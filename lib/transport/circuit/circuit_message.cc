@@ -14,9 +14,6 @@ constexpr int32_t kVersionMajor = 8;
 constexpr int32_t kVersionMinor = 5;
 constexpr size_t kMostReplyChars = 254;
 
-constexpr const char* kReply = "vcr";
-constexpr const char* kLegacyReply = "return";
-
 struct KindRow {
     CircuitKind kind;
     std::string_view text;
@@ -122,8 +119,8 @@ pelmoStatus packInbox(uint8_t (&packed)[kSubjectMaxBytes], const char* text) {
 
 std::string_view textIn(const pelmoMsgField& field) {
     const auto* chars = static_cast<const char*>(field.data.pointer);
-    return chars != nullptr ? std::string_view(chars, strnlen(chars, field.size))
-                            : std::string_view();
+    if (chars == nullptr) return "";  // a value of no bytes
+    return {chars, strnlen(chars, field.size)};
 }
 
 CircuitKind kindOf(std::string_view text) {
