@@ -86,6 +86,7 @@ cpu_time() { cat "/proc/$program"/task/*/schedstat | awk '{ sum += $1 } END { pr
 
 # serve ARGUMENTS...: starts it; sets port.
 serve() {
+    : >"$scratch/log"
     "$build/bin/pelmowatch" serve --listen 127.0.0.1:0 "$@" >/dev/null 2>"$scratch/log" &
     program=$!
     until_true grep -q listening "$scratch/log"

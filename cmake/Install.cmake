@@ -27,6 +27,8 @@ if(PELMO_WATCH AND PELMO_WATCH_BUILT)
     install(FILES docs/pelmowatch.schema.json docs/pelmowatch-report.schema.json
             DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch
             COMPONENT tool)
+    install(DIRECTORY docs/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT tool)
+    install(FILES docs/pelmowatch.service DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)
 endif()
 install(TARGETS ${programs_of_bin} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 

@@ -19,6 +19,10 @@ set(CPACK_DEBIAN_TOOL_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
     "libc6 (>= 2.36), libgcc-s1 (>= 12), libpcap0.8 (>= 1.10), libstdc++6 (>= 12), zlib1g")
+if(PELMO_WATCH AND PELMO_WATCH_BUILT)
+    string(APPEND CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
+        ", libmicrohttpd12, libncursesw6, libprometheus-cpp-core1.0, libtinfo6")
+endif()
 set(CPACK_COMPONENT_TOOL_DESCRIPTION
     "Captures the bus's UDP packets, live or from a saved capture, checks and counts
 them, charges each message to its subject and its sender, and prints a table

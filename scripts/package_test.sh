@@ -74,7 +74,7 @@ diff "$work/wanted" "$work/given"
 for program in pelmobus pmd pelmowatch; do
     diff <("$build/bin/$program" --help) <(inside "$program" --help)
 done
-documents="OPERATING.md CHANGELOG.md pelmoscope.service pmd.service"
+documents="OPERATING.md CHANGELOG.md pelmoscope.service pelmowatch.service pmd.service"
 for file in $(printf 'share/man/man1/%s.1 ' pelmoscope pelmobus pmd pelmowatch) \
     $(printf 'share/doc/pelmoscope/%s ' $documents); do
     [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || { echo "no $file" && exit 1; }

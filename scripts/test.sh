@@ -3,7 +3,8 @@
 # fuzz targets for a few seconds each, the checks of lock annotations, and at last the release
 # build, whose count of tests is the last output. With --long each fuzz target runs for a minute,
 # and ten million messages over a stalling connection, reliable endpoints for a minute and in 100,000
-# random lives, a live run of ten minutes and the package in a fresh root are tested before that.
+# random lives, a live run of ten minutes, a bus of two capture points in Prometheus and the package in a
+# fresh root are tested before that.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -65,6 +66,13 @@ for suite in "${threaded_suites[@]}"; do
     "build/tsan/bin/$suite" --gtest_brief=1
 done
 
+# The server's thread and the library's, under clients that crowd and go.
+build tsan pelmoscope pelmowatch pelmogen
+step "tsan pelmowatch serve"
+python3 tests/watch/serve_test.py build/tsan/bin/{pelmoscope,pelmowatch,pelmogen} \
+    Serve.test_a_thousand_connections_leave_room_for_a_scrape Serve.test_random_requests_do_no_harm \
+    Serve.test_events_come_as_intervals_end Serve.test_ends_within_a_second_with_clients
+
 build asan
 step "asan"
 ctest --preset asan --no-tests=error -j "$jobs" --quiet --output-log build/asan/ctest.log ||
@@ -83,6 +91,11 @@ if [ -n "$long" ]; then
         --gtest_filter=ReliableLives.DISABLED_HoldThemOftener
     step "soak, 10 minutes"
     python3 tests/e2e/soak.py build/release/bin/{pelmoscope,pelmogen} || [ $? = 77 ]
+    step "two capture points and Prometheus"
+    python3 tests/watch/prometheus_test.py build/release/bin/{pelmowatch,pelmogen} || [ $? = 77 ]
+    step "random requests, a minute"
+    python3 tests/watch/serve_test.py build/release/bin/{pelmoscope,pelmowatch,pelmogen} --fuzz 60 \
+        Serve.test_random_requests_do_no_harm
     step "package"
     scripts/package_test.sh || [ $? = 77 ]
 fi

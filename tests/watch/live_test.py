@@ -1,18 +1,21 @@
-"""pelmowatch json live: live_test.py PELMOWATCH PELMOGEN [TEST ...]."""
+"""pelmowatch live: live_test.py PELMOWATCH PELMOGEN [TEST ...]."""
 
 import collections
 import json
 import os
 import pathlib
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 
 from live_run import Tool, open_wire, sent_totals, wait_until  # noqa: E402
+from served import Server  # noqa: E402
 
 WATCH, PELMOGEN = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 WIRE = None
@@ -108,6 +111,22 @@ class Live(unittest.TestCase):
         gone = self.start("gone", stdout=writer)
         os.close(writer)
         self.assertEqual((gone.status(), gone.text("stderr")), (1, ""))
+
+    def test_serve_counts_without_any_right_whatever_its_clients_do(self):
+        server = Server(WATCH, self.folder / "serve", "-i", WIRE.interface, "-u", "1")
+        self.addCleanup(server.close)
+        self.assertEqual(rights(server), [NO_RIGHTS] * len(rights(server)))
+        idle = [socket.create_connection((server.host, server.port)) for _ in range(300)]
+        sent = self.send("--mix", "--count", "20000", "--rate", "10000")
+        wait_until(lambda: server.metrics()["pelmo_frames_total"][()] >= 20000, "all frames")
+        metrics = server.metrics()
+        self.assertEqual(sum(metrics["pelmo_multicast_null_packets_total"].values()), sent["null"])
+        self.assertEqual(metrics["pelmo_kernel_dropped_frames_total"], {(): 0})
+        self.assertLess(time.time() - metrics["pelmo_watch_snapshot_timestamp_seconds"][()], 5)
+        for connection in idle:
+            connection.close()
+        server.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(server.status(), 0)
 
     def test_a_source_that_cannot_be_had_is_told(self):
         watch = self.start("nosuch", interface="nosuch0")
