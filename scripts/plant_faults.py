@@ -190,6 +190,10 @@ def make_judges():
         ["pelmoscope", "pelmowatch", "pelmogen"],
         [sys.executable, tests / "watch" / "json_test.py", "bin/pelmoscope", "bin/pelmowatch", "bin/pelmogen"],
         failed_case)
+    judges["serve"] = Judge(
+        ["pelmoscope", "pelmowatch", "pelmogen"],
+        [sys.executable, tests / "watch" / "serve_test.py", "bin/pelmoscope", "bin/pelmowatch", "bin/pelmogen"],
+        failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
                             re.compile(r"\s+\d+ - (tools\S*) "))
@@ -210,7 +214,8 @@ def judges_of(judges, path):
     if parts[0] == "pmd":
         return [judges["pmd"], judges["pmd on the wire" if "oska" in parts[-1] else "pmd as a program"]]
     if parts[0] == "watch":
-        return [judges["watch"], judges["json"]]
+        programs = {"serve": ["serve"], "core": ["json", "serve"]}.get(parts[1], ["json"])
+        return [judges[name] for name in ["watch", *programs]]
     if parts[0] == "trace":
         return [judges["cases"], judges["trace"]]
     public = [judges["lib/pelmo"]] if parts[1] in ("msg", "runtime", "transport") else []
