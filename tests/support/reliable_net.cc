@@ -171,7 +171,12 @@ void call(NetHost& host, Call run) {
 }
 
 void endClose(NetHost& host) {
-    call(host, [&](EndpointOutput* out) { endpointCloseEnd(&host.core, host.net->now, out); });
+    bool isMore = true;
+    while (isMore) {
+        call(host, [&](EndpointOutput* out) {
+            isMore = endpointCloseEnd(&host.core, host.net->now, out);
+        });
+    }
     seeToSenders(host);
     if (!host.senders.empty()) netFault(*host.net, "senders wait behind the close");
     netCrash(*host.net, host.index);
