@@ -5,9 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh
-cmake --preset release >/dev/null
-cmake --build --preset release --target pelmoscope pelmobus pmd -- --quiet
+scripts/build_programs.sh pelmoscope pelmobus pmd
 
 bin=build/release/bin
 port=${1:-17500}

@@ -3,8 +3,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh
-cmake --preset release >/dev/null
-cmake --build --preset release --target pelmoscope -- --quiet
+scripts/build_programs.sh pelmoscope
 
 exec build/release/bin/pelmoscope -r samples/bus.pcap -addrinfo -ptp -u 5
