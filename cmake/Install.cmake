@@ -1,7 +1,7 @@
 # cmake --install: the tool with its two modules, the programs beside it, manual pages, completions,
 # unit samples, the operators' guide and the licence texts of third parties; and the library with its
-# headers and its files for pkg-config and CMake. The component "tool" goes into the package
-# (Package.cmake), "library" is all else.
+# headers and its files for pkg-config and CMake. The components "tool" and "watch" go into a package
+# each (Package.cmake), "library" is all else.
 #
 # The modules must be beside the program that loads them, and no other program should find them, so
 # program and modules go to a folder of their own, and bin/ gets a link. The set-up puts the modules
@@ -20,29 +20,37 @@ install(CODE "
     file(CREATE_LINK \"${tool_from_bin}\" \"\${bin}/pelmoscope\" SYMBOLIC)
     message(STATUS \"Installing: \${bin}/pelmoscope -> ${tool_from_bin}\")"
     COMPONENT tool)
+install(TARGETS pelmobus pmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 
-set(programs_of_bin pelmobus pmd)
-if(PELMO_WATCH AND PELMO_WATCH_BUILT)
-    list(APPEND programs_of_bin pelmowatch)
-    install(FILES docs/pelmowatch.schema.json docs/pelmowatch-report.schema.json
-            DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch
-            COMPONENT tool)
-    install(DIRECTORY docs/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT tool)
-    install(FILES docs/pelmowatch.service DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)
-endif()
-install(TARGETS ${programs_of_bin} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+# What is laid with a program, whatever it is: its page and its completions.
+function(pelmo_install_texts component)
+    foreach(program IN LISTS ARGN)
+        install(FILES docs/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
+        install(FILES completions/${program}.bash
+                DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program}
+                COMPONENT ${component})
+        install(FILES completions/_${program} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+                COMPONENT ${component})
+    endforeach()
+endfunction()
 
-foreach(program IN ITEMS pelmoscope ${programs_of_bin})
-    install(FILES docs/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-    install(FILES completions/${program}.bash
-            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program}
-            COMPONENT tool)
-    install(FILES completions/_${program} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
-            COMPONENT tool)
-endforeach()
+pelmo_install_texts(tool pelmoscope pelmobus pmd)
 install(FILES docs/OPERATING.md docs/pelmoscope.service docs/pmd.service CHANGELOG.md docs/THIRD_PARTY.md
-              docs/licenses/OpenSSL-1.1.1.txt docs/licenses/uPlot.txt
+              docs/licenses/OpenSSL-1.1.1.txt
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)
+
+# pelmowatch, where it is built: beside the texts what other programs read, the schemas and what
+# Prometheus and its dashboards take. The licences are of what is compiled into it.
+if(PELMO_WATCH_BUILT)
+    install(TARGETS pelmowatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT watch)
+    pelmo_install_texts(watch pelmowatch)
+    install(FILES docs/pelmowatch.schema.json docs/pelmowatch-report.schema.json
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
+    install(DIRECTORY docs/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
+    install(FILES docs/pelmowatch.service docs/THIRD_PARTY.md
+                  docs/licenses/uPlot.txt docs/licenses/CLI11.txt docs/licenses/RapidJSON.txt
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmowatch COMPONENT watch)
+endif()
 
 foreach(header IN LISTS PELMO_PUBLIC_HEADERS)
     get_filename_component(folder ${header} DIRECTORY)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# package_test.sh: makes the Debian package of the release build and tests three things in a fresh
-# root: it installs with its declared dependencies only, its programs run (the tool reads a capture as
-# the build does), and a purge leaves nothing behind. Takes some minutes.
+# package_test.sh: makes the Debian packages of the release build, checks what is in them, and tests
+# them in a fresh root: each installs alone, with its declared dependencies only, its programs run as
+# those of the build do, an upgrade keeps what the operator made, and a purge leaves nothing else
+# behind. Takes some minutes.
 #
 # Needs root, debootstrap and the mirror of the machine's own apt; without them it reports what is
 # missing and ends with status 77. It runs in a mount namespace, so that nothing stays mounted,
@@ -43,44 +44,159 @@ make_root() {
         skip "no root can be made: $(tail -n 1 "$work/log")"
 }
 
-inside() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"; }
+in_root=(chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive)
+inside() { "${in_root[@]}" "$@"; }
 
 # Lists all files of the root except the records that apt and dpkg keep of any package.
 files() { (cd "$root" && find . -xdev -path ./proc -prune -o -path ./sys -prune -o \
     -path ./var/cache -prune -o -path ./var/log -prune -o -path ./var/lib/apt -prune -o \
     -path ./var/lib/dpkg -prune -o -path ./tmp -prune -o -path ./etc/ld.so.cache -prune -o -print | sort); }
 
-# read_sample REPORT COMMAND...: writes the command's report, and its log only if it fails.
-read_sample() {
-    local report=$1
-    shift
-    "$@" -addrinfo -ptp >"$report" 2>"$work/log" || { cat "$work/log" && exit 1; }
+# quietly COMMAND...: its output is shown only if it fails.
+quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" && exit 1; }; }
+
+fail() { echo "$*" && exit 1; }
+
+# Rules of Debian's that no installation would notice.
+check_contents() {
+    local deb=$1 strange unpacked=$work/unpacked.$(basename "$1") lines=$work/lines
+    dpkg-deb -c "$deb" >"$lines"
+    strange=$(awk '$2 != "root/root" || $6 !~ /^\.\/(usr\/.*)?$/ ||
+        $1 !~ /^(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--|lrwxrwxrwx)$/' "$lines")
+    [ -z "$strange" ] || fail "$deb: strange owners, modes or places:"$'\n'"$strange"
+    dpkg-deb -R "$deb" "$unpacked"
+    [ "$(ls "$unpacked/DEBIAN")" = "$(printf 'control\nmd5sums')" ] || fail "$deb: more than control and md5sums"
+    (cd "$unpacked" && md5sum --quiet -c DEBIAN/md5sums)
+    for field in Package Version Architecture Maintainer Section Depends Description Installed-Size; do
+        [ -n "$(dpkg-deb -f "$deb" "$field")" ] || fail "$deb: no $field"
+    done
 }
 
-cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/made" >"$work/log" || { cat "$work/log" && exit 1; }
-package=$(echo "$work"/made/pelmoscope_*.deb)
+# The libraries that the package's own files are linked with, but for the two that it carries.
+linked_by() {
+    local file
+    chroot "$root" dpkg -L "$1" | while read -r file; do
+        [ ! -f "$root$file" ] || [ -L "$root$file" ] || readelf -d "$root$file" 2>/dev/null || true
+    done | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p' | grep -vE '^lib(crypto|ssl)\.so\.1\.1$' | sort -u
+}
+
+# Each library comes from a package that this one depends on itself, not by way of another.
+check_depends() {
+    local name=$1 deb=$2 library owner
+    dpkg-deb -f "$deb" Depends | tr ',' '\n' | sed 's/ *(.*//; s/^ *//' >"$work/depends"
+    for library in $(linked_by "$name"); do
+        owner=$(chroot "$root" dpkg -S "*/$library" | sed -n '1s/:.*//p')
+        grep -qxF "$owner" "$work/depends" || fail "$name doesn't depend on ${owner:-the package} of $library"
+    done
+}
+
+installs() { quietly inside apt-get -qq install -y --no-install-recommends "${@/#//tmp/}"; }
+
+purges() {
+    quietly inside apt-get -qq purge -y --autoremove "$@"
+    files >"$work/after"
+    diff "$work/before" "$work/after"
+}
+
+# same OPTIONS...: the build and the installed program make the same of the sample.
+same() {
+    local program=$1
+    shift
+    "$build/bin/$program" "$@" -r samples/bus.pcap >"$work/wanted" 2>/dev/null
+    inside "$program" "$@" -r /tmp/bus.pcap >"$work/given" 2>"$work/log" || { cat "$work/log" && exit 1; }
+    [ -s "$work/wanted" ]
+    diff "$work/wanted" "$work/given"
+}
+
+has_files() {
+    local file
+    for file in "$@"; do
+        [ -s "$root/usr/share/$file" ] || fail "no $file"
+    done
+}
+
+check_pelmoscope() {
+    local program
+    same pelmoscope -addrinfo -ptp
+    grep -q "Multicast Packet Statistics" "$work/given"
+    for program in pelmobus pmd; do
+        diff <("$build/bin/$program" --help) <(inside "$program" --help)
+    done
+    has_files $(printf 'man/man1/%s.1 ' pelmoscope pelmobus pmd) \
+        $(printf 'doc/pelmoscope/%s ' OPERATING.md CHANGELOG.md pelmoscope.service pmd.service OpenSSL-1.1.1.txt)
+}
+
+# What the page is worth, tests of the build tell; here it's enough that the server answers with it.
+check_pelmowatch() {
+    same pelmowatch json --rows
+    inside pelmowatch report -r - -o /tmp/page.html <samples/bus.pcap 2>"$work/log"
+    "$build/bin/pelmowatch" report -r - -o "$work/page.html" <samples/bus.pcap 2>"$work/log"
+    cmp "$work/page.html" "$root/tmp/page.html"
+    has_files man/man1/pelmowatch.1 pelmowatch/pelmowatch{,-report}.schema.json \
+        pelmowatch/prometheus/pelmo_{bus.yml,alerts.yml,dashboard.json} \
+        doc/pelmowatch/{pelmowatch.service,uPlot.txt,CLI11.txt,RapidJSON.txt}
+    check_server
+}
+
+check_server() {
+    local server answer=
+    "${in_root[@]}" pelmowatch serve -r /tmp/bus.pcap --listen 127.0.0.1:0 >"$work/log" 2>&1 &
+    server=$!
+    for _ in {1..50}; do
+        answer=$(ask "$(sed -n 's/.*http:..127\.0\.0\.1:\([0-9]*\).*/\1/p' "$work/log")" 2>/dev/null) && break
+        sleep 0.1
+    done
+    kill "$server"
+    wait "$server" || fail "serve ended with status $?"
+    [[ $answer == *"200 OK"*"pelmo_packets_total"* ]] || { cat "$work/log" && fail "serve: ${answer:0:200}"; }
+}
+
+ask() {
+    exec 3<>"/dev/tcp/127.0.0.1/$1" || return 1
+    printf 'GET /metrics HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n' >&3
+    cat <&3
+    exec 3>&-
+}
+
+# An operator's own unit, and a next version.
+check_upgrade() {
+    local unit=$root/etc/systemd/system/pelmowatch.service name
+    mkdir -p "${unit%/*}"
+    cp "$root/usr/share/doc/pelmowatch/pelmowatch.service" "$unit"
+    quietly inside apt-get -qq install -y "${next[@]/#//tmp/}"
+    for name in "${names[@]}"; do
+        [ "$(inside dpkg-query -f '${Version} ${Status}' -W "$name")" = "9.9.9 install ok installed" ] ||
+            fail "$name isn't upgraded"
+    done
+    cmp "$unit" "$root/usr/share/doc/pelmowatch/pelmowatch.service"
+    rm -r "$root/etc/systemd/system/pelmowatch.service"
+}
+
+names=(pelmoscope pelmowatch)
+quietly cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/made"
+quietly cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/next" -R 9.9.9
+for name in "${names[@]}"; do
+    check_contents "$(echo "$work"/made/${name}_*.deb)"
+done
+mapfile -t next < <(cd "$work/next" && ls ./*.deb)
+[ ${#next[@]} = 2 ] || fail "other packages than two: ${next[*]}"
+
 make_root
 mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
-cp "$package" samples/bus.pcap "$root/tmp/"
+cp "$work"/{made,next}/*.deb samples/bus.pcap "$root/tmp/"
 inside apt-get -qq update
 files >"$work/before"
 
-inside apt-get -qq install -y --no-install-recommends "/tmp/$(basename "$package")" >"$work/log" 2>&1 ||
-    { cat "$work/log" && exit 1; }
-read_sample "$work/wanted" "$build/bin/pelmoscope" -r samples/bus.pcap
-read_sample "$work/given" inside pelmoscope -r /tmp/bus.pcap
-grep -q "Multicast Packet Statistics" "$work/wanted"
-diff "$work/wanted" "$work/given"
-for program in pelmobus pmd pelmowatch; do
-    diff <("$build/bin/$program" --help) <(inside "$program" --help)
+for name in "${names[@]}"; do
+    deb=$(basename "$work"/made/${name}_*.deb)
+    installs "$deb"
+    check_depends "$name" "$work/made/$deb"
+    "check_$name"
+    [ "$(inside dpkg-query -f '${Package}\n' -W | grep -c ^pelmo)" = 1 ] || fail "$name brings another"
+    purges "$name"
+    echo "$deb installs, runs and purges in a fresh root"
 done
-documents="OPERATING.md CHANGELOG.md pelmoscope.service pelmowatch.service pmd.service"
-for file in $(printf 'share/man/man1/%s.1 ' pelmoscope pelmobus pmd pelmowatch) \
-    $(printf 'share/doc/pelmoscope/%s ' $documents); do
-    [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || { echo "no $file" && exit 1; }
-done
-
-inside apt-get -qq purge -y --autoremove pelmoscope >"$work/log" 2>&1 || { cat "$work/log" && exit 1; }
-files >"$work/after"
-diff "$work/before" "$work/after"
-echo "$(basename "$package") installs, runs and purges in a fresh root"
+installs $(cd "$work/made" && ls ./*.deb)
+check_upgrade
+purges "${names[@]}"
+echo "both install beside each other, upgrade and purge"
