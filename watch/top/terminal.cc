@@ -177,10 +177,11 @@ const char* refuseTerminal(const char* what) {
 
 }  // namespace
 
+bool terminalIsThere() {
+    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+}
+
 const char* terminalRefusal() {
-    if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
-        return "needs a terminal as its standard input and output";
-    }
     const char* const term = std::getenv("TERM");
     int found = 0;
     if (term == nullptr || *term == '\0' || setupterm(nullptr, STDOUT_FILENO, &found) == ERR) {

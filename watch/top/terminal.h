@@ -12,8 +12,12 @@
 
 #include "watch/top/screen.h"
 
-// Why there can be no full screen, in words that follow a name: "needs a terminal ..."; null where
-// there can.
+// Are the standard input and output terminals?
+[[nodiscard]] bool terminalIsThere();
+
+// Why there can be no full screen on it, in words that follow a name: "can't use the terminal ...";
+// null where there can. The description of the terminal is read from where the environment says, so
+// no right should be left by then.
 [[nodiscard]] const char* terminalRefusal();
 
 // Takes the terminal. False where the system refuses.

@@ -20,6 +20,7 @@
 #include "lib/base/log.h"
 #include "lib/base/thread.h"
 #include "trace/settings.h"
+#include "watch/core/options.h"
 #include "watch/core/stop.h"
 #include "watch/core/text.h"
 #include "watch/top/kept_log.h"
@@ -83,7 +84,7 @@ constexpr OptionRow kOptions[] = {
 const char* settle() {
     if (traceSettings.updateInterval == 0) return "takes an interval of a second or more";
     traceSettings.countSenders = true;
-    return terminalRefusal();
+    return terminalIsThere() ? nullptr : "needs a terminal as its standard input and output";
 }
 
 // Signals that the screen's thread takes: no thread that is started from here on gets them.
@@ -263,6 +264,8 @@ bool refuse(const char* what) {
 }
 
 bool start() {
+    const char* const wrong = terminalRefusal();
+    if (wrong != nullptr) optionsRefuse(kTopForm.name, wrong);
     if (!makeModel() || Cond_Init(&top.ended) != kStatusSuccess) return refuse("out of memory");
     if (!openDescriptors()) return refuse(std::strerror(errno));
     if (!keptLogBegin(wakeScreen)) return refuse("out of memory");
@@ -329,20 +332,20 @@ void sourceEnded() {
     wakeScreen();
 }
 
-// A terminal that takes nothing isn't waited for.
-bool end(bool) {
-    bool hasEnded = false;
-    {
-        const double deadline = clockSteadySeconds() + kEndSeconds;
-        const LockGuard guard(top.lock);
-        double left = kEndSeconds;
-        while (!top.hasEnded && left > 0) {
-            (void)Cond_TimedWait(&top.ended, &top.lock, left);
-            left = deadline - clockSteadySeconds();
-        }
-        hasEnded = top.hasEnded;
+// False where the screen didn't end in time: the terminal takes nothing.
+bool awaitScreensEnd() {
+    const double deadline = clockSteadySeconds() + kEndSeconds;
+    const LockGuard guard(top.lock);
+    while (!top.hasEnded) {
+        const double left = deadline - clockSteadySeconds();
+        if (left <= 0) return false;
+        (void)Cond_TimedWait(&top.ended, &top.lock, left);
     }
-    if (hasEnded) {
+    return true;
+}
+
+bool end(bool) {
+    if (awaitScreensEnd()) {
         (void)Thread_Join(top.thread);
     } else {
         terminalRescue();
@@ -355,7 +358,7 @@ bool end(bool) {
 
 const Form kTopForm = {
     .name = "top",
-    .summary = "a full screen in the terminal",
+    .summary = "A full screen in the terminal",
     .options = kOptions,
     .settle = settle,
     .prepare = prepare,
