@@ -194,6 +194,8 @@ def make_judges():
         ["pelmoscope", "pelmowatch", "pelmogen"],
         [sys.executable, tests / "watch" / "serve_test.py", "bin/pelmoscope", "bin/pelmowatch", "bin/pelmogen"],
         failed_case)
+    judges["top"] = Judge(
+        ["pelmowatch"], [sys.executable, tests / "watch" / "top_test.py", "bin/pelmowatch"], failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
                             re.compile(r"\s+\d+ - (tools\S*) "))
@@ -214,7 +216,7 @@ def judges_of(judges, path):
     if parts[0] == "pmd":
         return [judges["pmd"], judges["pmd on the wire" if "oska" in parts[-1] else "pmd as a program"]]
     if parts[0] == "watch":
-        programs = {"serve": ["serve"], "core": ["json", "serve"]}.get(parts[1], ["json"])
+        programs = {"serve": ["serve"], "top": ["top"], "core": ["json", "serve"]}.get(parts[1], ["json"])
         return [judges[name] for name in ["watch", *programs]]
     if parts[0] == "trace":
         return [judges["cases"], judges["trace"]]
