@@ -172,6 +172,7 @@ class Report(unittest.TestCase):
             process.wait(5)
             self.assertLess(time.monotonic() - begin, 1.5)
             self.assertEqual(process.returncode, 1)
+        self.assertEqual(list(self.folder.glob("*.part")), [])
         os.close(writer)
         self.assertEqual(page.read_text(), "old")
 

@@ -27,9 +27,11 @@ struct ReportForm {
     const char* path = nullptr;
 
     // Of the start: the file beside its place. It is made with the rights that are left at the end,
-    // so that a place that can't be written is told ahead of a long run.
+    // so that a place that can't be written is told ahead of a long run. Until it is whole it has
+    // no name, where the file system knows such files: whatever ends the process, nothing is left.
     std::string besidePath;
     int descriptor = -1;
+    bool isNamed = false;
 
     // Of the thread that hands on Snapshots.
     Totals totals;
@@ -68,9 +70,30 @@ bool isPlace() {
     return stat(report.path, &status) != 0 || S_ISREG(status.st_mode);
 }
 
+std::string folderOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+// The way to the file while it has no name.
+std::string descriptorPath() {
+    return "/proc/self/fd/" + std::to_string(report.descriptor);
+}
+
+bool openNameless() {
+    const std::string folder = folderOf(report.path);
+    report.descriptor = open(folder.c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, kFileMode);
+    if (report.descriptor < 0) return false;
+    if (access(descriptorPath().c_str(), F_OK) == 0) return true;
+    close(report.descriptor);
+    return false;
+}
+
 bool start() {
     if (!isPlace()) return fail("write", "isn't a regular file");
     report.besidePath = std::string(report.path) + "." + std::to_string(getpid()) + ".part";
+    report.isNamed = !openNameless();
+    if (!report.isNamed) return true;
     report.descriptor =
         open(report.besidePath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
     return report.descriptor >= 0 || fail("write", std::strerror(errno));
@@ -110,6 +133,9 @@ bool moveToPlace() {
     if (fsync(report.descriptor) != 0 && errno != EINVAL && errno != EROFS) {
         return fail("write", std::strerror(errno));
     }
+    report.isNamed = report.isNamed || linkat(AT_FDCWD, descriptorPath().c_str(), AT_FDCWD,
+                                              report.besidePath.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    if (!report.isNamed) return fail("write", std::strerror(errno));
     if (rename(report.besidePath.c_str(), report.path) == 0) return true;
     return fail("write", std::strerror(errno));
 }
@@ -117,7 +143,7 @@ bool moveToPlace() {
 bool end(bool isWhole) {
     const bool isDone = !report.failed && isWhole && writePage() && moveToPlace();
     close(report.descriptor);
-    if (!isDone) unlink(report.besidePath.c_str());
+    if (!isDone && report.isNamed) unlink(report.besidePath.c_str());
     totalsFree(report.totals);
     timelineFree(report.timeline);
     return isDone;
