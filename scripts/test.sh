@@ -57,7 +57,7 @@ step "$(python3 tests/e2e/live_run.py)"
 
 build tsa
 
-build fuzz
+build fuzz fuzzers
 fuzz
 
 build tsan "${threaded_suites[@]}"
