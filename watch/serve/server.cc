@@ -1,6 +1,8 @@
 #include "watch/serve/server.h"
 
 #include <microhttpd.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -17,7 +19,10 @@
 
 namespace {
 
-constexpr int kBacklog = 128;
+// Of a crowd that comes at once nobody's bytes are lost, only to come again behind a crowd's.
+constexpr int kBacklog = 1024;
+// A connection isn't taken ahead of its first byte, but behind so many seconds.
+constexpr int kDeferSeconds = 5;
 // More than clients may be: whoever comes when all places are taken is looked at, and one goes.
 constexpr uint32_t kSpareConnections = 32;
 constexpr size_t kQueryParts = 16;
@@ -141,7 +146,8 @@ Client* chooseSurplusLocked(Client* newcomer) PELMO_REQUIRES(server.lock) {
     for (Client* client = server.clients; client != nullptr; client = client->next) {
         const bool asks = client->phase == Phase::kAnswer || client->phase == Phase::kEvents;
         if (asks || client->isCut) continue;
-        if (client->sinceSeconds < chosen->sinceSeconds) chosen = client;
+        // Many come in one step of the clock: the list has the newest first.
+        if (client->sinceSeconds <= chosen->sinceSeconds) chosen = client;
     }
     return chosen;
 }
@@ -482,6 +488,8 @@ bool serverBind(const ServerRules& rules) {
     if (server.listener < 0) return refuse("make a socket for");
     const int on = 1;
     (void)setsockopt(server.listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    (void)setsockopt(server.listener, IPPROTO_TCP, TCP_DEFER_ACCEPT, &kDeferSeconds,
+                     sizeof kDeferSeconds);
     const auto* const address = reinterpret_cast<const sockaddr*>(&rules.listen.address);
     return bind(server.listener, address, rules.listen.sizeBytes) == 0 || refuse("listen on");
 }
