@@ -1,5 +1,5 @@
-// Random lives of reliable endpoints, each from a seed. One seed alone, with a line for each
-// packet:
+// Random lives of reliable endpoints, each from a seed. Under the address sanitizer they leave no
+// memory behind. One seed alone, with a line for each packet:
 //
 //     RELIABLE_SEED=4711 build/release/bin/transport_tests
 //     --gtest_filter=ReliableLives.HoldAllPromises
@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <thread>
 
 #include "lib/base/sanitizer.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/leftovers.h"
 #include "tests/support/reliable_model.h"
 
 namespace {
@@ -18,10 +18,9 @@ namespace {
 #if defined(PELMO_ADDRESS_SANITIZER) || defined(__SANITIZE_THREAD__) || !defined(NDEBUG)
 constexpr uint64_t kSeeds = 1'000;
 #else
-constexpr uint64_t kSeeds = 2'000;
+constexpr uint64_t kSeeds = 5'000;
 #endif
 constexpr uint64_t kManySeeds = 100'000;  // or as many as RELIABLE_SEEDS says
-constexpr uint64_t kThreadBytes = 512;    // what a thread may leave in the heap
 constexpr uint64_t kMostFaults = 10;      // are shown
 
 constexpr NetMemory kFailingMemory = {0, allocationsArm, allocationsHeal};
@@ -30,16 +29,10 @@ void liveAll(uint64_t begin, uint64_t end, FILE* trace) {
     ModelOutcome sum = {};
     uint64_t faults = 0;
     for (uint64_t seed = begin; seed < end && faults < kMostFaults; ++seed) {
-        const uint64_t before = heapBytes();
-        // In a thread of its own, which gives back at its end what its allocator has put by.
-        ModelOutcome outcome;
-        std::thread([&] { outcome = modelLive(seed, kFailingMemory, trace); }).join();
+        const ModelOutcome outcome = modelLive(seed, kFailingMemory, trace);
         sum.messages += outcome.messages;
         sum.packets += outcome.packets;
         sum.repeats += outcome.repeats;
-        if (outcome.fault.empty() && seed != begin && heapBytes() > before + kThreadBytes) {
-            outcome.fault = std::to_string(heapBytes() - before) + " bytes are left";
-        }
         if (outcome.fault.empty()) continue;
         ++faults;
         ADD_FAILURE() << outcome.fault << "\nRELIABLE_SEED=" << seed
@@ -58,6 +51,7 @@ TEST(ReliableLives, HoldAllPromises) {
         return liveAll(one, one + 1, stdout);
     }
     liveAll(1, 1 + kSeeds, nullptr);
+    EXPECT_TRUE(noMemoryIsLost());
 }
 
 TEST(ReliableLives, DISABLED_HoldThemOftener) {
