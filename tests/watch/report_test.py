@@ -142,12 +142,16 @@ class Report(unittest.TestCase):
         self.assertEqual(found, set(SUBJECTS.values()))
 
     def test_what_cannot_be_written_is_told_and_the_old_page_stays(self):
-        page = self.folder / "old.html"
+        page, link = self.folder / "old.html", self.folder / "link.pcap"
         page.write_text("old")
+        link.hardlink_to(self.mix)
+        capture = self.mix.read_bytes()
         for arguments, status, words in (
                 (("-r", self.mix), 2, b"needs -o FILE"),
                 (("-i", "lo", "-o", page), 2, b"needs -r FILE"),
                 (("-r", self.mix, "-o", ""), 2, b"is empty"),
+                (("-r", self.mix, "-o", self.mix), 2, b"same file"),
+                (("-r", self.mix, "-o", link), 2, b"same file"),
                 (("-r", self.mix, "-o", self.folder / "none" / "x.html"), 1, b"No such file"),
                 (("-r", self.mix, "-o", self.folder), 1, b"regular file"),
                 (("-r", self.folder / "none.pcap", "-o", page), 1, b"none.pcap")):
@@ -156,6 +160,9 @@ class Report(unittest.TestCase):
                 self.assertEqual(done.returncode, status)
                 self.assertIn(words, done.stderr)
                 self.assertEqual(page.read_text(), "old")
+        with open(self.mix, "rb") as stream:
+            self.assertEqual(run("report", "-r", "-", "-o", self.mix, stdin=stream).returncode, 2)
+        self.assertEqual(self.mix.read_bytes(), capture)
         self.assertEqual([path.name for path in self.folder.iterdir() if ".part" in path.name], [])
 
     def test_a_run_that_is_cut_off_leaves_the_old_page(self):

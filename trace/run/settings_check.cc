@@ -68,17 +68,6 @@ std::string resolved(const fs::path& path) {
     return fs::weakly_canonical(fs::absolute(path, ignored), ignored);
 }
 
-// Devices and pipes can't overwrite each other.
-bool areOneFile(const char* path, const char* other) {
-    struct stat status;
-    struct stat otherStatus;
-    if (stat(path, &status) != 0 || stat(other, &otherStatus) != 0) {
-        return resolved(path) == resolved(other);
-    }
-    return S_ISREG(status.st_mode) && status.st_dev == otherStatus.st_dev &&
-           status.st_ino == otherStatus.st_ino;
-}
-
 // Does the file's rotation sooner or later take the other's name for a numbered file? Only the name
 // counts: a file that has another one is not lost with it.
 bool takesTheName(const NamedFile& file, const char* other) {
@@ -98,7 +87,7 @@ bool takesTheName(const NamedFile& file, const char* other) {
 
 pelmoStatus refusePair(const NamedFile& file, const NamedFile& other) {
     if (file.path == nullptr || other.path == nullptr) return kStatusSuccess;
-    if (areOneFile(file.path, other.path)) {
+    if (filesAreOne(file.path, other.path)) {
         logPrint("%s and %s must not be the same file.", file.option, other.option);
         return kStatusInvalidArgument;
     }
@@ -108,6 +97,17 @@ pelmoStatus refusePair(const NamedFile& file, const NamedFile& other) {
 }
 
 }  // namespace
+
+// Devices and pipes can't overwrite each other.
+bool filesAreOne(const char* path, const char* other) {
+    struct stat status;
+    struct stat otherStatus;
+    if (stat(path, &status) != 0 || stat(other, &otherStatus) != 0) {
+        return resolved(path) == resolved(other);
+    }
+    return S_ISREG(status.st_mode) && status.st_dev == otherStatus.st_dev &&
+           status.st_ino == otherStatus.st_ino;
+}
 
 pelmoStatus validateFilter() {
     if (filterWeight(traceSettings.filterText) <= kMostFilterWeight) return kStatusSuccess;

@@ -15,3 +15,6 @@
 // What "-r", "-w" and "-logfile" name: not one file, also not through links, nor a numbered file of
 // another's rotation. Behind the rotation settings, which tell the numbers.
 [[nodiscard]] pelmoStatus validateFiles();
+
+// Do the paths lead to one regular file, also through links, or to one that doesn't exist yet?
+[[nodiscard]] bool filesAreOne(const char* path, const char* other);

@@ -11,6 +11,7 @@
 
 #include "lib/base/log.h"
 #include "trace/counts/snapshot_totals.h"
+#include "trace/run/settings_check.h"
 #include "trace/settings.h"
 #include "watch/core/totals.h"
 #include "watch/report/page.h"
@@ -54,6 +55,10 @@ constexpr OptionRow kOptions[] = {
 const char* settle() {
     if (report.path == nullptr) return "needs -o FILE";
     if (traceSettings.liveCapture) return "reads a saved capture: needs -r FILE";
+    const bool isPiped = std::strcmp(traceSettings.readFile, "-") == 0;
+    if (filesAreOne(report.path, isPiped ? "/dev/stdin" : traceSettings.readFile)) {
+        return "must not write its page over the capture: -o and -r are the same file";
+    }
     traceSettings.countSenders = true;  // whose messages are shown
     return nullptr;
 }
