@@ -100,9 +100,9 @@ class Session:
         self.theirs, self.before, self.seen, self.reads = theirs, termios.tcgetattr(theirs), b"", reads
         more.setdefault("stderr", theirs)
         self.popen = subprocess.Popen(
-            [WATCH, "top", *map(str, options)], stdin=theirs, stdout=theirs, start_new_session=True,
-            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
-            **{"env": ENVIRONMENT, **more})
+            [WATCH, "top", *map(str, options)], stdout=theirs, start_new_session=True,
+            preexec_fn=lambda: fcntl.ioctl(1, termios.TIOCSCTTY, 0),
+            **{"stdin": theirs, "env": ENVIRONMENT, **more})
 
     def close(self):
         if self.popen.poll() is None:
@@ -227,7 +227,8 @@ class Ends(unittest.TestCase):
         self.assertGreater(session.seen.rfind(VISIBLE), session.seen.rfind(HIDDEN))
 
     def test_every_end_leaves_the_terminal_as_it_was(self):
-        faults = (signal.SIGABRT, signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, signal.SIGILL, signal.SIGQUIT)
+        faults = (signal.SIGABRT, signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, signal.SIGILL, signal.SIGQUIT,
+                  signal.SIGUSR1, signal.SIGALRM)
         ends = {number: 0 for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)}
         ends.update({number: -number for number in faults})
         for number, wanted in ends.items():
@@ -240,7 +241,12 @@ class Ends(unittest.TestCase):
                 self.assertLess(seconds, 1)
                 self.is_as_it_was(session)
         for keys in ("q", "\x03"):
-            session = self.start(*REPLAY)
+            # The standard input is the capture, which stays open; keys come from the terminal all the same.
+            reader, writer = os.pipe()
+            self.addCleanup(os.close, writer)
+            os.write(writer, pathlib.Path(BUS).read_bytes()[:60000])
+            session = self.start("-r", "-", *REPLAY[2:], stdin=reader)
+            os.close(reader)
             session.wait_for(b"Totals")
             session.press(keys)
             self.assertEqual(session.end()[0], 0)

@@ -31,9 +31,14 @@ namespace {
 
 constexpr int kEscapeMilliseconds = 50;  // within which the rest of a key's sequence comes
 constexpr short kTroublePair = 1;
-constexpr int kFaultSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGQUIT, SIGSYS};
+
+// What ends the process where it stands: its faults, limits of the system, and what others send.
+constexpr int kFatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS,  SIGFPE,    SIGILL,  SIGQUIT, SIGSYS,
+                                 SIGTRAP, SIGXCPU, SIGALRM, SIGVTALRM, SIGPROF, SIGUSR1, SIGUSR2};
 
 struct Terminal {
+    FILE* input = nullptr;  // keys
+    int inputDescriptor = -1;
     SCREEN* screen = nullptr;
     bool hasColour = false;
     ScreenSigns signs;
@@ -66,18 +71,18 @@ void keepRestore() {
     keepRestoreByte('\r');
 }
 
-void onFault(int number) {
+void onFatalSignal(int number) {
     terminalRescue();
     raise(number);  // as the system has it, when this handler returns
 }
 
 // Sanitizers have handlers of their own, which stay.
-void watchFaults() {
+void watchFatalSignals() {
     struct sigaction action = {};
-    action.sa_handler = onFault;
+    action.sa_handler = onFatalSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigemptyset(&action.sa_mask);
-    for (const int number : kFaultSignals) {
+    for (const int number : kFatalSignals) {
         struct sigaction present = {};
         const bool isFree = sigaction(number, nullptr, &present) == 0 &&
                             (present.sa_flags & SA_SIGINFO) == 0 && present.sa_handler == SIG_DFL;
@@ -177,8 +182,10 @@ const char* refuseTerminal(const char* what) {
 
 }  // namespace
 
-bool terminalIsThere() {
-    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+bool terminalIsThere(bool keepsStandardInput) {
+    terminal.input = keepsStandardInput ? std::fopen("/dev/tty", "re") : stdin;
+    terminal.inputDescriptor = terminal.input != nullptr ? fileno(terminal.input) : -1;
+    return isatty(terminal.inputDescriptor) != 0 && isatty(STDOUT_FILENO) != 0;
 }
 
 const char* terminalRefusal() {
@@ -192,6 +199,10 @@ const char* terminalRefusal() {
     return hasScreen ? nullptr : refuseTerminal("it has no full screen");
 }
 
+int terminalInput() {
+    return terminal.inputDescriptor;
+}
+
 bool terminalOpen() {
     std::setlocale(LC_CTYPE, "");
     const char* const name = std::getenv("TERM");
@@ -199,14 +210,14 @@ bool terminalOpen() {
     // Their fonts have few of the signs.
     terminal.signs.hasBlocks =
         terminal.signs.isUtf8 && !isPlainName(name, "linux") && !isPlainName(name, "vt");
-    if (tcgetattr(STDIN_FILENO, &terminal.before) != 0) return false;
-    terminal.screen = newterm(nullptr, stdout, stdin);
+    if (tcgetattr(terminal.inputDescriptor, &terminal.before) != 0) return false;
+    terminal.screen = newterm(nullptr, stdout, terminal.input);
     if (terminal.screen == nullptr) return false;
     keepRestore();
     terminal.isTaken = true;
     // Curses would stop the process by itself, whatever its threads are doing.
     signal(SIGTSTP, SIG_DFL);
-    watchFaults();
+    watchFatalSignals();
     std::atexit(terminalRescue);
     startColour();
     cbreak();
@@ -282,5 +293,5 @@ void terminalRescue() {
         write(STDOUT_FILENO, terminal.restore, terminal.restoreBytes) < 0) {
         // The settings at least.
     }
-    tcsetattr(STDIN_FILENO, TCSANOW, &terminal.before);
+    tcsetattr(terminal.inputDescriptor, TCSANOW, &terminal.before);
 }

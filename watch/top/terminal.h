@@ -1,6 +1,6 @@
 // The terminal of the process as a full screen, by curses. Whatever ends the process leaves it as
-// it was: orderly ends close it, faults of the program (SIGABRT, SIGSEGV and their like) restore it
-// on their way, and so does exit().
+// it was: orderly ends close it, other signals that end it (SIGABRT, SIGSEGV, SIGUSR1 and their
+// like) restore it on their way, and so does exit(). SIGKILL alone doesn't.
 //
 // Threads: one thread opens, draws, reads keys and closes. terminalRescue may be called by any, and
 // by signal handlers.
@@ -12,8 +12,12 @@
 
 #include "watch/top/screen.h"
 
-// Are the standard input and output terminals?
-[[nodiscard]] bool terminalIsThere();
+// Are the standard input and output terminals? With the standard input kept for other uses keys
+// come from the terminal of the session, which then has to be there in its place.
+[[nodiscard]] bool terminalIsThere(bool keepsStandardInput);
+
+// Where keys come from: readable while one waits.
+[[nodiscard]] int terminalInput();
 
 // Why there can be no full screen on it, in words that follow a name: "can't use the terminal ...";
 // null where there can. The description of the terminal is read from where the environment says, so

@@ -81,10 +81,16 @@ constexpr OptionRow kOptions[] = {
     {"--speed", "FACTOR", "how many times its own pace a saved capture runs [1]", storeSpeed},
 };
 
+bool readsStandardInput() {
+    return !traceSettings.liveCapture && std::strcmp(traceSettings.readFile, "-") == 0;
+}
+
 const char* settle() {
     if (traceSettings.updateInterval == 0) return "takes an interval of a second or more";
     traceSettings.countSenders = true;
-    return terminalIsThere() ? nullptr : "needs a terminal as its standard input and output";
+    if (terminalIsThere(readsStandardInput())) return nullptr;
+    return readsStandardInput() ? "needs a terminal as its standard output, and for its keys"
+                                : "needs a terminal as its standard input and output";
 }
 
 // Signals that the screen's thread takes: no thread that is started from here on gets them.
@@ -190,7 +196,7 @@ int waitMilliseconds(bool isDue) {
 void runScreen() {
     enum { kKeys, kSignals, kWake, kStop, kCount };
     pollfd entries[kCount] = {};
-    const int descriptors[kCount] = {STDIN_FILENO, top.signalDescriptor, top.wakeDescriptor,
+    const int descriptors[kCount] = {terminalInput(), top.signalDescriptor, top.wakeDescriptor,
                                      stopDescriptor()};
     for (size_t at = 0; at < kCount; ++at) {
         entries[at] = {.fd = descriptors[at], .events = POLLIN, .revents = 0};
@@ -229,6 +235,7 @@ void screenThread(void*) {
 // The start and the end.
 
 std::string sourceName() {
+    if (readsStandardInput()) return "standard input";
     const char* const path = traceSettings.readFile;
     const std::string name =
         path != nullptr ? std::filesystem::path(path).filename() : traceSettings.interfaceName;
