@@ -102,6 +102,13 @@ test("the page tells what the data holds", async () => {
     await close(opened);
 });
 
+test("a capture of nothing has no time and no charts", async () => {
+    const opened = await open({ ...data, capture: { ...data.capture, frames: 0 } });
+    assert.equal(await opened.page.locator("#span").textContent(), "No frames.");
+    assert.ok(!(await opened.page.locator("#timeline").isVisible()));
+    await close(opened);
+});
+
 test("charts tell exact values, and zoom together", async () => {
     const opened = await open(data);
     const { page } = opened;

@@ -63,8 +63,12 @@ export function showOverview(data) {
     document
         .getElementById("span")
         .append(
-            `${formatDateTime(begin)} to ${formatDateTime(end)} ${zone}, `,
-            element("span", {}, formatSpan(capture.elapsed_seconds)),
+            ...(capture.frames === 0
+                ? ["No frames."]
+                : [
+                      `${formatDateTime(begin)} to ${formatDateTime(end)} ${zone}, `,
+                      element("span", {}, formatSpan(capture.elapsed_seconds)),
+                  ]),
         );
     document.getElementById("facts").append(...facts(data));
     const notice = document.getElementById("notice");

@@ -39,7 +39,10 @@ function withBegin({ times, interval_seconds: interval }) {
     return times.length === 0 ? [] : [times[0] - interval, ...times];
 }
 
-export function showTimeline({ timeline }) {
+export function showTimeline({ capture, timeline }) {
+    const section = document.getElementById("timeline");
+    section.hidden = capture.frames === 0;
+    if (section.hidden) return;
     const range = document.getElementById("range");
     const all = document.getElementById("all");
     const group = makeChartGroup("timeline", showRange);
