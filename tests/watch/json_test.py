@@ -142,9 +142,10 @@ class Json(unittest.TestCase):
         whole = ("-r", self.mix)
         cases = [((), "FORM"), (("nosuch",), '"nosuch"'), (("json",), "-i and -r"),
                  (("json", "-i", "lo", *whole), "-i and -r"), (("json", "--nosuch", *whole), '"--nosuch"'),
-                 (("json", *whole, "word"), '"word"'), (("json", *whole, "-u"), "--interval"),
+                 (("json", *whole, "word"), '"word"'), (("json", *whole, "-u"), '"-u"'),
+                 (("json", *whole, "--rows=5"), '"--rows=5"'),
                  (("json", *whole, "-u", "x"), '"x"'), (("json", *whole, "-u", "-1"), '"-1"'),
-                 (("json", *whole, "--interval=4294967296"), '"4294967296"'),
+                 (("json", *whole, "--interval=100000001"), '"100000001"'),
                  (("json", *whole, "-filter", "nonsense 7"), '"nonsense 7"'),
                  (("json", *whole, "-filter", "-port"), '"-port"'),  # a value, whatever it looks like
                  (("json", *whole, "-port", "nosuch"), "nosuch"), (("json", *whole, *["-port", "1"] * 300), "filter")]
@@ -157,7 +158,7 @@ class Json(unittest.TestCase):
     def test_old_names_and_long_ones_are_the_same(self):
         wanted = run("json", "-r", self.mix, "-u", "3", "-port", "7500", "-filter", "udp and port 7500").stdout
         for arguments in (("--read=%s" % self.mix, "--interval=3", "--port=7501", "--filter=udp and port 7500"),
-                          ("--read", self.mix, "-u3", "--filter", "x", "--filter", "udp and port 7500")):
+                          ("--read", self.mix, "-u3", "--filter", "x", "-filter=udp and port 7500")):
             self.assertEqual(run("json", *arguments).stdout, wanted)
 
     def test_a_run_that_is_cut_off_writes_whole_lines(self):

@@ -18,6 +18,9 @@ namespace {
 constexpr int kUsageStatus = 2;
 constexpr int kNamesWidth = 30;
 
+// Three years: beyond, ends of intervals would leave the 32 bits of a capture's time stamps.
+constexpr unsigned long long kMostIntervalSeconds = 100'000'000;
+
 // Settings borrow the values, which therefore last as long as the process.
 std::list<std::string> keptValues;
 
@@ -34,7 +37,7 @@ const char* storeRead(const char* value) {
 
 const char* storeInterval(const char* value) {
     unsigned long long seconds = 0;
-    const char* const wrong = optionNumber(value, 0, UINT32_MAX, &seconds);
+    const char* const wrong = optionNumber(value, 0, kMostIntervalSeconds, &seconds);
     if (wrong == nullptr) traceSettings.updateInterval = static_cast<uint32_t>(seconds);
     return wrong;
 }
@@ -91,13 +94,21 @@ const OptionRow* findRow(const Rows& rows, const std::string& name) {
     return nullptr;
 }
 
+[[noreturn]] void refuseUse(const std::string& word, const std::string& what) {
+    optionsRefuse(("\"" + word + "\"").c_str(), what.c_str());
+}
+
 // Gives old names their second dash. A value stays as it is, whatever it looks like.
 Words withDashes(const Rows& rows, Words words) {
     for (size_t at = 0; at < words.size(); ++at) {
-        const OptionRow* const row = findRow(rows, words[at]);
+        const std::string name = words[at].substr(0, words[at].find('='));
+        const bool holdsValue = name.size() < words[at].size();
+        const OptionRow* const row = findRow(rows, name);
         if (row == nullptr) continue;
-        if (isOldName(words[at])) words[at].insert(0, "-");
-        if (row->valueWord != nullptr) ++at;
+        if (row->valueWord == nullptr && holdsValue) refuseUse(words[at], "takes no value");
+        if (isOldName(name)) words[at].insert(0, "-");
+        if (row->valueWord == nullptr || holdsValue) continue;
+        if (++at == words.size()) refuseUse(name, std::string("needs a value: ") + row->valueWord);
     }
     return words;
 }
@@ -199,9 +210,7 @@ void parseRows(const Form& form, const Rows& rows, Words words) {
         optionsRefuse((std::string(form.name) + ":").c_str(), error.what());
     }
     if (app.remaining_size() != 0) {
-        const std::string word = "\"" + app.remaining()[0] + "\"";
-        const std::string what = std::string("isn't an option of ") + form.name;
-        optionsRefuse(word.c_str(), what.c_str());
+        refuseUse(app.remaining()[0], std::string("isn't an option of ") + form.name);
     }
     std::ranges::for_each(all, storeAll);
 }
@@ -210,8 +219,7 @@ const Form& findForm(const char* name, std::span<const Form* const> forms) {
     for (const Form* form : forms) {
         if (std::string_view(form->name) == name) return *form;
     }
-    const std::string word = std::string("\"") + name + "\"";
-    optionsRefuse(word.c_str(), "is no form; --help lists them");
+    refuseUse(name, "is no form; --help lists them");
 }
 
 void settle(const Form& form) {
