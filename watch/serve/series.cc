@@ -142,14 +142,14 @@ void addSubjects(SeriesTable& table, uint16_t port, const SnapNet& net) {
     }
 }
 
-// The sums of a port's table of hosts.
+// The sums of a port's table of hosts. They are there before the port's first request or reject,
+// and don't expire between two of them: what begins with its first number has no increase in it.
 template <typename Host, typename Counters, size_t kCount>
 void addTable(SeriesTable& table,
               SeriesKind kind,
               uint16_t port,
               const Field<Counters> (&fields)[kCount],
               std::span<const Host> hosts) {
-    if (hosts.empty()) return;
     addFields(sumsOf(table, keyOf(kind, port, 0)).numbers, fields, sumOfHosts(hosts));
 }
 

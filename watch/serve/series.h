@@ -3,9 +3,9 @@
 //
 //     kMulticastGroup        port, group              always
 //     kMulticastHost         port, group, host, scid  with SeriesRules::hosts
-//     kRetransmissionPort    port                     always
+//     kRetransmissionPort    port                     always, also while nothing is retransmitted
 //     kRetransmissionHost    port, host, scid         with SeriesRules::hosts
-//     kPointToPointPort      port                     always
+//     kPointToPointPort      port                     always, likewise
 //     kPointToPointHost      port, host, scid         with SeriesRules::hosts
 //     kSubject               port, group, subject     for subjects that SeriesRules::subjects match
 //
