@@ -22,8 +22,12 @@ install(CODE "
     COMPONENT tool)
 install(TARGETS pelmobus pmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 
-# What is laid with a program, whatever it is: its page and its completions.
-function(pelmo_install_texts component)
+# What is laid with programs, whatever they are: pages and completions; the guide, and who made what, in
+# the documents of their package.
+function(pelmo_install_texts component package)
+    set(documents ${CMAKE_INSTALL_DATADIR}/doc/${package})
+    install(FILES docs/OPERATING.md CHANGELOG.md DESTINATION ${documents} COMPONENT ${component})
+    install(FILES docs/THIRD_PARTY.md DESTINATION ${documents} RENAME copyright COMPONENT ${component})
     foreach(program IN LISTS ARGN)
         install(FILES docs/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
         install(FILES completions/${program}.bash
@@ -34,21 +38,20 @@ function(pelmo_install_texts component)
     endforeach()
 endfunction()
 
-pelmo_install_texts(tool pelmoscope pelmobus pmd)
-install(FILES docs/OPERATING.md docs/pelmoscope.service docs/pmd.service CHANGELOG.md docs/THIRD_PARTY.md
-              docs/licenses/OpenSSL-1.1.1.txt
-        DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tool)
+pelmo_install_texts(tool pelmoscope pelmoscope pelmobus pmd)
+install(FILES docs/pelmoscope.service docs/pmd.service docs/licenses/OpenSSL-1.1.1.txt
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmoscope COMPONENT tool)
 
 # pelmowatch, where it is built: beside the texts what other programs read, the schemas and what
 # Prometheus and its dashboards take. The licences are of what is compiled into it.
 if(PELMO_WATCH_BUILT)
     install(TARGETS pelmowatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT watch)
-    pelmo_install_texts(watch pelmowatch)
+    pelmo_install_texts(watch pelmowatch pelmowatch)
     install(FILES docs/pelmowatch.schema.json docs/pelmowatch-report.schema.json
             DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
     install(DIRECTORY docs/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
-    install(FILES docs/pelmowatch.service docs/THIRD_PARTY.md
-                  docs/licenses/uPlot.txt docs/licenses/CLI11.txt docs/licenses/RapidJSON.txt
+    install(FILES docs/pelmowatch.service docs/licenses/uPlot.txt
+                  docs/licenses/CLI11.txt docs/licenses/RapidJSON.txt
             DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmowatch COMPONENT watch)
 endif()
 

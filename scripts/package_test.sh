@@ -122,8 +122,8 @@ check_pelmoscope() {
     for program in pelmobus pmd; do
         diff <("$build/bin/$program" --help) <(inside "$program" --help)
     done
-    has_files $(printf 'man/man1/%s.1 ' pelmoscope pelmobus pmd) \
-        $(printf 'doc/pelmoscope/%s ' OPERATING.md CHANGELOG.md pelmoscope.service pmd.service OpenSSL-1.1.1.txt)
+    has_files man/man1/{pelmoscope,pelmobus,pmd}.1 \
+        doc/pelmoscope/{OPERATING.md,CHANGELOG.md,copyright,pelmoscope.service,pmd.service,OpenSSL-1.1.1.txt}
 }
 
 # What the page is worth, tests of the build tell; here it's enough that the server answers with it.
@@ -134,7 +134,7 @@ check_pelmowatch() {
     cmp "$work/page.html" "$root/tmp/page.html"
     has_files man/man1/pelmowatch.1 pelmowatch/pelmowatch{,-report}.schema.json \
         pelmowatch/prometheus/pelmo_{bus.yml,alerts.yml,dashboard.json} \
-        doc/pelmowatch/{pelmowatch.service,uPlot.txt,CLI11.txt,RapidJSON.txt}
+        doc/pelmowatch/{OPERATING.md,copyright,pelmowatch.service,uPlot.txt,CLI11.txt,RapidJSON.txt}
     check_server
 }
 
