@@ -2,7 +2,7 @@
 
 import { element, setText } from "../shared/dom.js";
 import { makeFilter } from "../shared/filter.js";
-import { formatCount, formatDateTime } from "../shared/format.js";
+import { formatCount, formatDateTime, formatTime } from "../shared/format.js";
 import { makeTable, sumRows } from "../shared/table.js";
 import { tables } from "../shared/tables.js";
 import { makeTabs } from "../shared/tabs.js";
@@ -149,12 +149,25 @@ const kFaultColumns = [
         alert: "error",
         help: "Packets with the fault",
     },
-    { key: "first", label: "First", kind: "time", minor: true, help: "Time of the first one" },
-    { key: "last", label: "Last", kind: "time", help: "Time of the last one" },
 ];
 
-export function showFaults({ faults }) {
-    const time = (text) => formatDateTime(Date.parse(text));
+// The page's head has the date: within one day it would only take room here.
+function isOneDay({ begin_time: begin, end_time: end }) {
+    const day = (text) => formatDateTime(Date.parse(text)).split(" ")[0];
+    return day(begin) === day(end);
+}
+
+function timeColumns(kind, isMinor) {
+    return [
+        { key: "first", label: "First", kind, minor: isMinor, help: "Time of the first one" },
+        { key: "last", label: "Last", kind, help: "Time of the last one" },
+    ];
+}
+
+export function showFaults({ capture, faults }) {
+    const oneDay = isOneDay(capture);
+    const time = (text) => (oneDay ? formatTime : formatDateTime)(Date.parse(text));
+    const columns = [...kFaultColumns, ...timeColumns(oneDay ? "clock" : "time", !oneDay)];
     const rows = Object.entries(faults).map(([key, fault]) => ({
         key,
         words: fault.words,
@@ -165,7 +178,7 @@ export function showFaults({ faults }) {
     const section = document.getElementById("faults");
     section.hidden = rows.length === 0;
     if (section.hidden) return;
-    const table = makeTable({ label: "Faults by kind", columns: kFaultColumns, sortBy: "packets" });
+    const table = makeTable({ label: "Faults by kind", columns, sortBy: "packets" });
     section.append(element("div", { class: "whole" }, table.element));
     table.setRows(rows);
 }
