@@ -251,10 +251,6 @@ pelmoStatus outPacketPoolCreate() {
     return packetPool != nullptr ? kStatusSuccess : kStatusNoMemory;
 }
 
-void outPacketPoolDestroy() {
-    poolDestroy(std::exchange(packetPool, nullptr), __FILE__, __LINE__);
-}
-
 void sendBufferClear(SendBuffer* buffer) {
     while (countOf(buffer) != 0)
         givePacket(static_cast<OutPacket*>(EntryRing_PopFront(buffer->packets)));

@@ -56,10 +56,8 @@ struct SendBuffer {
     uint32_t delayed;    // how many, from the back on, wait for more to come
 };
 
-// The process's pool of packets. While there is none they come from the heap. Nobody holds a packet
-// when it goes.
+// The process's pool of packets, which stays. While there is none they come from the heap.
 [[nodiscard]] pelmoStatus outPacketPoolCreate();
-void outPacketPoolDestroy();
 
 // Drops everything.
 void sendBufferClear(SendBuffer* buffer);
