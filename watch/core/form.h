@@ -1,7 +1,7 @@
 // A form: one way to show the Snapshots of a run. It is a table of functions and of its options;
 // the core opens the source, runs it, and calls the form.
 //
-//     settle  prepare  |  start  |  snapshot  snapshot  ...  |  sourceEnded  |  end
+//     settle  prepare  |  openOutput  |  start  |  snapshot  snapshot  ...  |  sourceEnded  |  end
 //
 // Settings of the run are `traceSettings` (trace/settings.h): a form that reads the senders of
 // subjects sets `countSenders` by an option or in its settle.
@@ -33,7 +33,11 @@ struct Form {
     // needs them. May be null.
     bool (*prepare)();
 
-    // The source is open, all rights are given up, the library is open.
+    // The source is open, and there is no other thread: opens what the form writes to, or starts what
+    // goes on with rights. What follows can't. May be null.
+    bool (*openOutput)() = nullptr;
+
+    // All rights are given up, the library is open. May be null.
     bool (*start)();
 
     // Shows an interval. The Snapshot is sorted, its ports have their service ports, and it is

@@ -61,8 +61,12 @@ pelmoStatus prepareForm() {
     return statusOf(run.form->prepare == nullptr || run.form->prepare());
 }
 
+pelmoStatus openOutputOfForm() {
+    return statusOf(run.form->openOutput == nullptr || run.form->openOutput());
+}
+
 pelmoStatus startForm() {
-    return statusOf(run.form->start());
+    return statusOf(run.form->start == nullptr || run.form->start());
 }
 
 // The tool goes on without a filter that is refused; here it's an option with a wrong value.
@@ -97,7 +101,8 @@ constexpr StartStep kStartSteps[] = {
     {kLiveOnly, privilegesForCapture},
     {kEitherMode, openSource},
     {kEitherMode, filterStrictly},
-    // With none, ahead of all threads, which the library brings.
+    {kEitherMode, openOutputOfForm},
+    // With none, before all threads, which the library brings.
     {kEitherMode, privilegesDrop},
     {kEitherMode, tellOfCutFrames},
     {kEitherMode, pelmo_Open},

@@ -15,6 +15,7 @@
 #include "trace/settings.h"
 #include "watch/core/totals.h"
 #include "watch/report/page.h"
+#include "watch/report/placement.h"
 #include "watch/report/timeline.h"
 #include "watch/web/assets.h"
 
@@ -27,9 +28,9 @@ struct ReportForm {
     // Of the command line.
     const char* path = nullptr;
 
-    // Of the start: the file beside its place. It is made with the rights that are left at the end,
-    // so that a place that can't be written is told ahead of a long run. Until it is whole it has
-    // no name, where the file system knows such files: whatever ends the process, nothing is left.
+    // Of the start: the file beside its place, so that a place that can't be written is reported
+    // before a long run. Until it is whole it has no name, where the file system knows such files:
+    // whatever ends the process, nothing is left.
     std::string besidePath;
     int descriptor = -1;
     bool isNamed = false;
@@ -94,7 +95,23 @@ bool openNameless() {
     return false;
 }
 
-bool start() {
+// With the rights that the program was started with (placement.h).
+void removeFile() {
+    if (report.isNamed) unlink(report.besidePath.c_str());
+}
+
+int placeFile(bool isWhole) {
+    if (isWhole) {
+        report.isNamed = report.isNamed || linkat(AT_FDCWD, descriptorPath().c_str(), AT_FDCWD,
+                                                  report.besidePath.c_str(), AT_SYMLINK_FOLLOW) == 0;
+        if (report.isNamed && rename(report.besidePath.c_str(), report.path) == 0) return 0;
+    }
+    const int error = errno;
+    removeFile();
+    return isWhole ? error : 0;
+}
+
+bool openFile() {
     if (!isPlace()) return fail("write", "isn't a regular file");
     report.besidePath = std::string(report.path) + "." + std::to_string(getpid()) + ".part";
     report.isNamed = !openNameless();
@@ -102,6 +119,14 @@ bool start() {
     report.descriptor =
         open(report.besidePath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
     return report.descriptor >= 0 || fail("write", std::strerror(errno));
+}
+
+bool openOutput() {
+    if (!openFile()) return false;
+    if (placementStart(placeFile)) return true;
+    fail("write", std::strerror(errno));
+    removeFile();
+    return false;
 }
 
 bool snapshot(SnapHeader& snapshot) {
@@ -138,17 +163,14 @@ bool moveToPlace() {
     if (fsync(report.descriptor) != 0 && errno != EINVAL && errno != EROFS) {
         return fail("write", std::strerror(errno));
     }
-    report.isNamed = report.isNamed || linkat(AT_FDCWD, descriptorPath().c_str(), AT_FDCWD,
-                                              report.besidePath.c_str(), AT_SYMLINK_FOLLOW) == 0;
-    if (!report.isNamed) return fail("write", std::strerror(errno));
-    if (rename(report.besidePath.c_str(), report.path) == 0) return true;
-    return fail("write", std::strerror(errno));
+    const int error = placementAsk(true);
+    return error == 0 || fail("write", std::strerror(error));
 }
 
 bool end(bool isWhole) {
     const bool isDone = !report.failed && isWhole && writePage() && moveToPlace();
+    if (!isDone) (void)placementAsk(false);
     close(report.descriptor);
-    if (!isDone && report.isNamed) unlink(report.besidePath.c_str());
     totalsFree(report.totals);
     timelineFree(report.timeline);
     return isDone;
@@ -162,7 +184,8 @@ const Form kReportForm = {
     .options = kOptions,
     .settle = settle,
     .prepare = nullptr,
-    .start = start,
+    .openOutput = openOutput,
+    .start = nullptr,
     .snapshot = snapshot,
     .end = end,
     .intervalSeconds = kIntervalSeconds,

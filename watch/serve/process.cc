@@ -65,19 +65,25 @@ void fillFromStat(ProcessUsage& usage) {
     usage.residentBytes = residentPages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
+// A program that is root no longer may not open its own list of descriptors.
+DIR* descriptors = nullptr;
+
 // Without the one that counts.
 uint64_t countDescriptors() {
-    DIR* const folder = opendir("/proc/self/fd");
-    if (folder == nullptr) return 0;
+    if (descriptors == nullptr) return 0;
+    rewinddir(descriptors);
     uint64_t count = 0;
-    while (const dirent* entry = readdir(folder)) {
+    while (const dirent* entry = readdir(descriptors)) {
         if (entry->d_name[0] != '.') ++count;
     }
-    closedir(folder);
     return count - 1;
 }
 
 }  // namespace
+
+void processUsageStart() {
+    if (descriptors == nullptr) descriptors = opendir("/proc/self/fd");
+}
 
 ProcessUsage processUsage() {
     ProcessUsage usage{};

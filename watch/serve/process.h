@@ -1,8 +1,8 @@
-// What the system tells of this process.
+// What the system says of this process.
 //
-// Failure: 0 for what it doesn't tell.
+// Failure: 0 for what it doesn't say.
 //
-// Threads: any.
+// Threads: one at a time.
 
 #pragma once
 
@@ -14,5 +14,8 @@ struct ProcessUsage {
     uint64_t residentBytes, virtualBytes;
     uint64_t openDescriptors, mostDescriptors;
 };
+
+// With the rights that the program was started with: without them the descriptors can't be counted.
+void processUsageStart();
 
 [[nodiscard]] ProcessUsage processUsage();

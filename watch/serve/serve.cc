@@ -259,6 +259,7 @@ const char* settle() {
 }
 
 bool prepare() {
+    processUsageStart();
     return serverBind(serve.rules);
 }
 
