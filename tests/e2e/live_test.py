@@ -34,7 +34,13 @@ RINGS = (0, 1, 3, 12)
 LARGE_RING = 12
 HOUR = 3600
 PIPE_BYTES = 16384
+NET_CAPABILITIES = 1 << 12 | 1 << 13  # to administer a network, and raw sockets
 SYS_WRITE = ("1", "64")  # x86-64, arm64
+
+
+def capabilities(tool):
+    status = pathlib.Path("/proc/%d/status" % tool.popen.pid).read_text()
+    return int(re.search(r"CapPrm:\s*(\w+)", status).group(1), 16)
 
 
 class Live(unittest.TestCase):
@@ -91,6 +97,7 @@ class Live(unittest.TestCase):
 
         tool = self.start("tool", "-addrinfo", "-ptp", "-w", "saved.pcap")
         tool.wait_for_reports(1)
+        self.assertEqual(capabilities(tool) & ~NET_CAPABILITIES, 0)
         totals = self.send_all(*options)
         wait_until(lambda: added_up(tool.reports()) == wanted or len(tool.reports()) > 8,
                    "the reports' end")

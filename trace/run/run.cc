@@ -17,6 +17,7 @@
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/statistics.h"
+#include "trace/run/capabilities.h"
 #include "trace/run/command_line.h"
 #include "trace/run/end_limit.h"
 #include "trace/run/end_status.h"
@@ -109,6 +110,7 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, tellFilter},
     {kEitherMode, filterSource},
     {kLiveOnly, markStart},
+    {kEitherMode, capabilitiesKeepOfTool},
     {kEitherMode, pelmo_Open},
     {kEitherMode, startRotationTimer},
     {kLiveOnly, startSnapshotTimer},

@@ -33,8 +33,8 @@ struct Form {
     // needs them. May be null.
     bool (*prepare)();
 
-    // The source is open, and there is no other thread: opens what the form writes to, or starts what
-    // goes on with rights. What follows can't. May be null.
+    // The source is open, and there is no other thread: opens what the form writes to, or starts
+    // what goes on with rights. What follows can't. May be null.
     bool (*openOutput)() = nullptr;
 
     // All rights are given up, the library is open. May be null.

@@ -2,12 +2,10 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <linux/capability.h>
 #include <pwd.h>
 #include <seccomp.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,11 +14,10 @@
 #include <cstring>
 
 #include "lib/base/log.h"
+#include "trace/run/capabilities.h"
 
 namespace {
 
-constexpr uint32_t kWords = _LINUX_CAPABILITY_U32S_3;
-constexpr uint32_t kForCapture = 1u << CAP_NET_RAW | 1u << CAP_NET_ADMIN;
 constexpr uint32_t kForIdentity = 1u << CAP_SETUID | 1u << CAP_SETGID;
 constexpr uint32_t kNobody = 65534;  // where the system has no user of that name
 
@@ -32,19 +29,6 @@ struct Identity {
 pelmoStatus refuse(const char* what) {
     logPrint("unable to give up %s: %s.", what, std::strerror(errno));
     return kStatusNotPermitted;
-}
-
-// Of those that the process has. All capabilities of `kept` are in the first word.
-bool keepCapabilities(uint32_t kept) {
-    __user_cap_header_struct header = {.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
-    __user_cap_data_struct sets[kWords] = {};
-    if (syscall(SYS_capget, &header, sets) != 0) return false;
-    for (__user_cap_data_struct& set : sets) {
-        set.effective = set.permitted &= kept;
-        set.inheritable = 0;
-        kept = 0;
-    }
-    return syscall(SYS_capset, &header, sets) == 0;
 }
 
 // Started by root, and not only with root's rights by another user.
@@ -124,7 +108,8 @@ bool addRefusals(scmp_filter_ctx filter) {
     bool isWhole = true;
     for (const auto& [call, argument] : refusals) {
         const unsigned count = argument.op != 0 ? 1 : 0;
-        isWhole &= seccomp_rule_add_array(filter, SCMP_ACT_ERRNO(EPERM), call, count, &argument) == 0;
+        isWhole &=
+            seccomp_rule_add_array(filter, SCMP_ACT_ERRNO(EPERM), call, count, &argument) == 0;
     }
     for (const int call : unseen) {
         isWhole &= seccomp_rule_add_array(filter, SCMP_ACT_ERRNO(ENOSYS), call, 0, nullptr) == 0;
@@ -150,8 +135,7 @@ bool filterCalls() {
 }  // namespace
 
 pelmoStatus privilegesForCapture() {
-    const uint32_t kept = isRoot() ? kForCapture | kForIdentity : kForCapture;
-    return keepCapabilities(kept) ? kStatusSuccess : refuse("capabilities");
+    return capabilitiesKeep(kCapabilitiesOfCapture | (isRoot() ? kForIdentity : 0));
 }
 
 pelmoStatus privilegesDrop() {
@@ -161,7 +145,8 @@ pelmoStatus privilegesDrop() {
         return refuse("ambient capabilities");
     }
     if (!becomeUser()) return refuse("the identity of root or another user");
-    if (!keepCapabilities(0)) return refuse("capabilities");
+    const pelmoStatus status = capabilitiesKeep(0);
+    if (status != kStatusSuccess) return status;
 #ifdef __SANITIZE_ADDRESS__
     prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);  // the check for leaks attaches to the process at its end
     return kStatusSuccess;

@@ -9,8 +9,8 @@
 
 #include "lib/base/status.h"
 
-// Gives up all capabilities but those two. Root also keeps, until privilegesDrop, those that it takes
-// to become another user.
+// Gives up all capabilities but those two. Root also keeps, until privilegesDrop, those that it
+// takes to become another user.
 [[nodiscard]] pelmoStatus privilegesForCapture();
 
 // Gives up all that is left, for good: capabilities, the identity of a program that runs as another

@@ -28,7 +28,8 @@ ssize_t readThrough(int descriptor, void* out, size_t sizeBytes) {
 
 // A signal to the group asks the program to end, which says what is to become of the file.
 [[noreturn]] void serve(int channel) {
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE}) signal(number, SIG_IGN);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE})
+        signal(number, SIG_IGN);
     bool isWhole = false;
     if (readThrough(channel, &isWhole, sizeof isWhole) != sizeof isWhole) isWhole = false;
     const int error = placement.place(isWhole);

@@ -102,8 +102,9 @@ void removeFile() {
 
 int placeFile(bool isWhole) {
     if (isWhole) {
-        report.isNamed = report.isNamed || linkat(AT_FDCWD, descriptorPath().c_str(), AT_FDCWD,
-                                                  report.besidePath.c_str(), AT_SYMLINK_FOLLOW) == 0;
+        report.isNamed =
+            report.isNamed || linkat(AT_FDCWD, descriptorPath().c_str(), AT_FDCWD,
+                                     report.besidePath.c_str(), AT_SYMLINK_FOLLOW) == 0;
         if (report.isNamed && rename(report.besidePath.c_str(), report.path) == 0) return 0;
     }
     const int error = errno;
