@@ -8,7 +8,7 @@
 // the work queue; it makes the default queue, 1, and the intra-process transport, 10. Later opens
 // only count. The last close ends every object: no callback starts afterwards, and a callback that
 // is running finds that its event and queue are gone. What network transports have sent leaves
-// first, for at most five seconds each; whoever waits for a daemon gets kStatusDaemonNotConnected.
+// first, as by pelmoTransport_Destroy; whoever waits for a daemon gets kStatusDaemonNotConnected.
 // The library can be opened again; ids are not used again until their counter wraps around.
 //
 // Environment. Read at the first open: _PM_TRACING_MODULES lists the modules whose calls are
@@ -52,7 +52,8 @@
 
 [[nodiscard]] pelmoStatus pelmo_Open();
 
-// Each successful open needs one close.
+// Each successful open needs one close. kStatusDeliveryFailed for a last close where not all that
+// transports had sent is known to have left: the library is closed all the same.
 pelmoStatus pelmo_Close();
 
 // The text is constant and can be read whether the library is open or not.

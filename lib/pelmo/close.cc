@@ -59,22 +59,27 @@ void endQueuesLocked(Dpa& ids) PELMO_REQUIRES(library.lock) {
     countQueueLocked();
 }
 
-// Fills the list with the dispatchers that are left to be destroyed.
-void endObjectsLocked(Dpa& ids) PELMO_REQUIRES(library.lock) {
+// Fills the list with the dispatchers that are left to be destroyed. False where a transport lost
+// what it had sent.
+bool endObjectsLocked(Dpa& ids) PELMO_REQUIRES(library.lock) {
     (void)idTableList(IdType::kEvent, library.closingEvents);
     destroyAll(IdType::kQueueGroup, ids, pelmoQueueGroup_Destroy);
     endQueuesLocked(ids);
-    destroyAll(IdType::kTransport, ids, pelmoTransport_Destroy);
+    bool allLeft = true;
+    destroyAll(IdType::kTransport, ids, [&allLeft](uint32_t transport) {
+        if (pelmoTransport_Destroy(transport) == kStatusDeliveryFailed) allLeft = false;
+    });
     (void)idTableList(IdType::kDispatcher, &ids);
+    return allLeft;
 }
 
 // Null when memory ran out: the application's objects are then left as they are, and only the
 // library's own are destroyed, so that the next open can make them again.
-Dpa* endAllLocked() PELMO_REQUIRES(library.lock) {
+Dpa* endAllLocked(bool* allLeft) PELMO_REQUIRES(library.lock) {
     if (library.closingEvents == nullptr) library.closingEvents = dpaCreate(kListedIds);
     Dpa* const ids = library.closingEvents != nullptr ? dpaCreate(kListedIds) : nullptr;
     if (ids != nullptr) {
-        endObjectsLocked(*ids);
+        *allLeft = endObjectsLocked(*ids);
     } else {
         pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr);
         pelmoQueue_DestroyEx(kWorkQueueId, nullptr, nullptr);
@@ -87,6 +92,7 @@ Dpa* endAllLocked() PELMO_REQUIRES(library.lock) {
 struct Leftover {
     Dpa* dispatchers;
     uint32_t workDispatcher;
+    bool allLeft;  // of what transports had sent
 };
 
 Leftover closeLocked() PELMO_REQUIRES(library.lock) {
@@ -95,8 +101,9 @@ Leftover closeLocked() PELMO_REQUIRES(library.lock) {
     daemonLinksInterrupt();
     ++library.closeCount;
     EventManager_Stop();
-    Dpa* const dispatchers = endAllLocked();
-    const Leftover leftover = {dispatchers, std::exchange(library.workDispatcher, 0)};
+    bool allLeft = true;
+    Dpa* const dispatchers = endAllLocked(&allLeft);
+    const Leftover leftover = {dispatchers, std::exchange(library.workDispatcher, 0), allLeft};
     poolThreadLeave();
     Tracing_Stop();
     return leftover;
@@ -133,5 +140,5 @@ pelmoStatus pelmo_Close() {
     }
     endDispatchers(leftover);
     Cond_Broadcast(&library.closedCond);
-    return kStatusSuccess;
+    return leftover.allLeft ? kStatusSuccess : kStatusDeliveryFailed;
 }

@@ -4,8 +4,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <utility>
 
+#include "lib/base/clock.h"
+#include "lib/base/log.h"
 #include "lib/containers/dpa.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/event_internal.h"
@@ -76,27 +79,56 @@ void cutOffListeners(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
 }
 
 // Detaches what leads out of the process. The caller closes the endpoint last.
-ReliableEndpoint* stopPaths(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
+ReliableEndpoint* stopPaths(Held<Transport>& held, double deadline, SendLosses& byDaemon)
+    PELMO_REQUIRES(held->header.lock) {
     if (held->kind == TransportKind::kNetwork && held->link != nullptr) {
         held.leave();
-        daemonLinkOps.stop(held.get());
+        byDaemon = daemonLinkOps.stop(held.get(), deadline);
         held.enter();
     }
     if (held->kind == TransportKind::kCircuit) circuitOps.disconnect(held.get(), nullptr);
     return std::exchange(held->directEndpoint, nullptr);
 }
 
-// The caller has set `destroying`, so that this runs once.
-void endTransport(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
+// False where nothing was lost.
+bool tellLosses(uint32_t transport, const char* road, const SendLosses& losses) {
+    if (!losses.any()) return false;
+    const char* const more =
+        losses.unconfirmed ? "; the other side didn't confirm what it had been sent" : "";
+    logPrint("transport %u: the end of the %s left %" PRIu64 " messages (%" PRIu64
+             " bytes) unsent%s",
+             transport, road, losses.messages, losses.bytes, more);
+    return true;
+}
+
+// The caller has set `destroying`, so that this runs once. kStatusDeliveryFailed where something
+// that was sent is lost.
+pelmoStatus endTransport(Held<Transport>& held, double deadline) PELMO_REQUIRES(held->header.lock) {
+    const uint32_t id = held->header.id;
     (void)Transport_RunHooks(held.get(), kHookDestroy, nullptr);
-    ReliableEndpoint* endpoint = stopPaths(held);
+    SendLosses byDaemon = {};
+    ReliableEndpoint* endpoint = stopPaths(held, deadline, byDaemon);
     endRequestsLocked(held.get());
     cutOffListeners(held);
     const bool wasPublished = Id_Invalidate(&held->header) == kStatusSuccess;
     (void)Transport_RunHooks(held.get(), kHookDestroyed, nullptr);
     if (wasPublished) Id_Release(&held->header, false);
     held.release();
-    if (endpoint != nullptr) endpointOps.close(endpoint);
+    SendLosses byPeers = {};
+    if (endpoint != nullptr) byPeers = endpointOps.close(endpoint, deadline);
+    const bool daemonLost = tellLosses(id, "connection to the daemon", byDaemon);
+    const bool peersLost = tellLosses(id, "direct road", byPeers);
+    return daemonLost || peersLost ? kStatusDeliveryFailed : kStatusSuccess;
+}
+
+pelmoStatus destroyBy(uint32_t transport, double deadline) {
+    if (transport == kIntraProcessTransportId && libraryIsOpen()) return kStatusNotPermitted;
+    Held<Transport> held;
+    if (held.findLocked(transport) != kStatusSuccess || held->destroying) {
+        return kStatusInvalidTransport;
+    }
+    held->destroying = true;
+    return endTransport(held, deadline);
 }
 
 pelmoStatus setFlag(uint32_t transport, bool Transport::*flag) {
@@ -151,14 +183,13 @@ pelmoStatus Transport_CreateIntraProcess() {
 
 pelmoStatus pelmoTransport_Destroy(uint32_t transport) {
     traceLine(kTraceTransport, "pelmoTransport_Destroy(%u)", transport);
-    if (transport == kIntraProcessTransportId && libraryIsOpen()) return kStatusNotPermitted;
-    Held<Transport> held;
-    if (held.findLocked(transport) != kStatusSuccess || held->destroying) {
-        return kStatusInvalidTransport;
-    }
-    held->destroying = true;
-    endTransport(held);
-    return kStatusSuccess;
+    return destroyBy(transport, std::numeric_limits<double>::infinity());
+}
+
+pelmoStatus pelmoTransport_DestroyWithin(uint32_t transport, double seconds) {
+    traceLine(kTraceTransport, "pelmoTransport_DestroyWithin(%u, %f)", transport, seconds);
+    if (!(seconds >= 0)) return kStatusInvalidArgument;
+    return destroyBy(transport, clockSteadySeconds() + seconds);
 }
 
 uint32_t transportNextInbox(Transport* transport, char* buffer, uint32_t size) {

@@ -88,11 +88,17 @@ struct pelmoMsg;
                                                                const char* daemon);
 
 // Its listeners get no further messages; requests that are waiting end with
-// kStatusInvalidTransport. What was sent leaves first: the call waits up to five seconds until the
-// daemon has it, and up to eleven until peers have what went straight to them. A connect that is
-// under way ends at once. kStatusNotPermitted for the intra-process transport while the library is
-// open.
+// kStatusInvalidTransport. What was sent leaves first: the call waits until the daemon has it, and
+// gives up once nothing has left for five seconds, and up to eleven until peers have what went
+// straight to them. A connect that is under way ends at once. kStatusNotPermitted for the
+// intra-process transport while the library is open. kStatusDeliveryFailed where not all that was
+// sent is known to have left: the transport is destroyed all the same, and a line in the log has
+// the numbers of messages and bytes.
 pelmoStatus pelmoTransport_Destroy(uint32_t transport);
+
+// The same, and gives up after so many seconds in all. kStatusInvalidArgument unless they are at
+// least 0.
+pelmoStatus pelmoTransport_DestroyWithin(uint32_t transport, double seconds);
 
 // Sending. kStatusInvalidMessage for no message; kStatusInvalidSubject for a message without a send
 // subject or with a reserved one; kStatusDaemonNotConnected without a connection to the daemon,

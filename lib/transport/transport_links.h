@@ -26,6 +26,18 @@ struct DaemonVersion {
     auto operator<=>(const DaemonVersion&) const = default;
 };
 
+// What was sent by a road that is closed and isn't known to have reached the other side.
+struct SendLosses {
+    uint64_t messages;
+    uint64_t bytes;
+
+    // The other side ended without having confirmed what it was sent: what it had taken and not yet
+    // read is lost as well, and isn't among the numbers.
+    bool unconfirmed;
+
+    [[nodiscard]] bool any() const { return messages != 0 || bytes != 0 || unconfirmed; }
+};
+
 // The connection's own record.
 struct DaemonLink;
 
@@ -51,8 +63,9 @@ struct DaemonLinkOps {
     // Frees the link of a transport whose last reference is gone.
     void (*destroy)(DaemonLink* link);
 
-    // Sends what is still waiting; a connect that is under way ends, and no other starts.
-    void (*stop)(Transport* transport);
+    // Sends what is still waiting; a connect that is under way ends, and no other starts. Gives up
+    // at the deadline, on the steady clock, or once nothing has moved for a time of its own.
+    SendLosses (*stop)(Transport* transport, double deadline);
 
     // kStatusDaemonNotConnected while there is no connection. Messages are borrowed.
     pelmoStatus (*send)(Transport* transport, pelmoMsg* message);
@@ -93,8 +106,9 @@ struct EndpointOps {
     void (*retain)(ReliableEndpoint* endpoint);
     void (*release)(ReliableEndpoint* endpoint);
 
-    // Waits until everything has been sent, and gives the transport's reference back.
-    void (*close)(ReliableEndpoint* endpoint);
+    // Waits until everything has been sent, and gives the transport's reference back. Gives up as
+    // DaemonLinkOps.stop does.
+    SendLosses (*close)(ReliableEndpoint* endpoint, double deadline);
 };
 
 // Functions with a circuit are called with its object lock held once, but for deliver.

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "lib/base/clock.h"
 #include "lib/base/text.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
@@ -69,9 +70,11 @@ void abandon(Held<Transport>& held) PELMO_RELEASE(held->header.lock) {
     held->destroying = true;
     ReliableEndpoint* endpoint = std::exchange(held->directEndpoint, nullptr);
     held.leave();
-    if (held->link != nullptr) daemonLinkOps.stop(held.get());
+    // Nothing of the application's has been sent.
+    const double atOnce = clockSteadySeconds();
+    if (held->link != nullptr) (void)daemonLinkOps.stop(held.get(), atOnce);
     held.release();
-    if (endpoint != nullptr) endpointOps.close(endpoint);
+    if (endpoint != nullptr) (void)endpointOps.close(endpoint, atOnce);
 }
 
 pelmoStatus createNetwork(

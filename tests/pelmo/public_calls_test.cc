@@ -171,6 +171,7 @@ const Call kCalls[] = {
     CALL(kTransport, pelmoTransport_SetFirstListenerOnly(id)),
     CALL(kTransport, pelmoTransport_SetQuietUnhandled(id)),
     ENDING(kTransport, pelmoTransport_Destroy(id)),
+    ENDING(kTransport, pelmoTransport_DestroyWithin(id, 0)),
 };
 
 // Those that make an object of nothing.

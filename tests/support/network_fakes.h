@@ -30,6 +30,7 @@ class FakeDaemon {
   public:
     pelmoStatus createAnswer = kStatusSuccess;
     pelmoStatus answer = kStatusSuccess;   // of all other calls
+    SendLosses losses = {};                // of the next stops
     ReliableEndpoint* endpoint = nullptr;  // of the next transport
     std::function<void()> meanwhile;       // called once, before an interest is announced
 
@@ -40,7 +41,10 @@ class FakeDaemon {
             return DaemonLinkTexts{.session = "0A000001.P1F40.GOB", .daemon = ""};
         };
         daemonLinkOps.destroy = destroy;
-        daemonLinkOps.stop = [](Transport* t) { (void)note(t, "stop"); };
+        daemonLinkOps.stop = [](Transport* t, double) {
+            (void)note(t, "stop");
+            return current->losses;
+        };
         daemonLinkOps.send = send;
         daemonLinkOps.sendVector = sendVector;
         daemonLinkOps.control = [](Transport* t, pelmoMsg* message, DaemonVersion) {
@@ -102,6 +106,7 @@ class FakePeers {
     Transport* transport = nullptr;   // whose lock is checked
     std::function<void()> meanwhile;  // called in the endpoint's sends
     int references = 0;               // to the endpoint, of sends
+    SendLosses losses = {};           // of the next closes
 
     FakePeers() {
         current = this;
@@ -114,7 +119,11 @@ class FakePeers {
             .traffic = [](ReliableEndpoint*, pelmoDirectTraffic* out) { out->port = 7501; },
             .retain = [](ReliableEndpoint*) { ++current->references; },
             .release = [](ReliableEndpoint*) { --current->references; },
-            .close = [](ReliableEndpoint*) { current->calls.emplace_back("close"); }};
+            .close =
+                [](ReliableEndpoint*, double) {
+                    current->calls.emplace_back("close");
+                    return current->losses;
+                }};
         circuitOps = {.send = [](Transport* t, pelmoMsg* m) { return noteHeld(t, "send", m); },
                       .sendVector = sendVector,
                       .deliver = deliver,

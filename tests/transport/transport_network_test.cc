@@ -2,6 +2,7 @@
 // messages out, which are fakes here.
 
 #include <algorithm>
+#include <cstring>
 
 #include "lib/containers/dpa.h"
 #include "tests/support/fail_alloc.h"
@@ -121,6 +122,42 @@ TEST_F(Network, AnnouncesWhatIsListenedTo) {
     EXPECT_EQ(pelmoTransport_Destroy(id), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), (Texts{"L A", "stop", "C A"}));
     id = kNoId;
+}
+
+TEST_F(Network, EndsWithWhatItLost) {
+    constexpr SendLosses kNone = {};
+    constexpr const char* kBy = ": the end of the ";
+    constexpr const char* kWithout = "; the other side didn't confirm what it had been sent\n";
+    const struct {
+        SendLosses byDaemon, byPeers;
+        std::vector<std::string> lines;
+    } rows[] = {
+        {kNone, kNone, {}},
+        {{2, 300, false}, kNone, {"connection to the daemon left 2 messages (300 bytes) unsent\n"}},
+        {kNone, {1, 70, false}, {"direct road left 1 messages (70 bytes) unsent\n"}},
+        {{0, 0, true},
+         {5, 0, false},
+         {std::string("connection to the daemon left 0 messages (0 bytes) unsent") + kWithout,
+          "direct road left 5 messages (0 bytes) unsent\n"}},
+    };
+    for (const auto& row : rows) {
+        remake(peers.endpoint());
+        daemon.losses = row.byDaemon;
+        peers.losses = row.byPeers;
+        testing::internal::CaptureStderr();
+        const pelmoStatus status = pelmoTransport_Destroy(id);
+        std::string told = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(status, row.lines.empty() ? kStatusSuccess : kStatusDeliveryFailed);
+        for (const std::string& line : row.lines) {
+            const size_t place = told.find(kBy + line);
+            ASSERT_NE(place, std::string::npos) << told;
+            told.erase(0, place + std::strlen(kBy) + line.size());
+        }
+        EXPECT_EQ(told, "");
+        daemon.losses = peers.losses = {};
+        make();
+    }
+    EXPECT_EQ(pelmoTransport_DestroyWithin(id, -1), kStatusInvalidArgument);
 }
 
 TEST_F(Network, SendsToTheDaemonOrAPeer) {

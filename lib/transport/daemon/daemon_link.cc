@@ -120,7 +120,7 @@ DaemonLinkTexts textsOfLink(const DaemonLink* link) {
     return {.session = link->session, .daemon = link->specification};
 }
 
-void daemonLinkStop(Transport* transport) {
+SendLosses daemonLinkStop(Transport* transport, double /*deadline*/) {
     DaemonLink* const link = transport->link;
     Ipq* ipq = nullptr;
     uint32_t timer = kNoId;
@@ -133,6 +133,7 @@ void daemonLinkStop(Transport* transport) {
     connectsInterrupt(link);
     if (timer != kNoId) linkSeams.destroyTimer(timer, nullptr);
     if (ipq != nullptr) linkCloseQueue(ipq, true);
+    return {};
 }
 
 pelmoStatus daemonLinkSend(Transport* transport, pelmoMsg* message) {

@@ -97,8 +97,9 @@ void traffic(ReliableEndpoint* endpoint, pelmoDirectTraffic* out) {
             .port = ReliableEndpoint_Port(endpoint)};
 }
 
-void closeFlushed(ReliableEndpoint* endpoint) {
+SendLosses closeFlushed(ReliableEndpoint* endpoint, double /*deadline*/) {
     (void)ReliableEndpoint_Close(endpoint, true);
+    return {};
 }
 
 }  // namespace
