@@ -17,12 +17,14 @@
 namespace {
 
 constexpr size_t kMostTexts = 32;
-constexpr size_t kTextBytes = 96;  // longer ones are cut
+constexpr size_t kTextBytes = 96;   // longer ones are cut
+constexpr size_t kLineBytes = 512;  // of a kind's line, likewise
 constexpr double kPaceSeconds = 1.0;
 
 struct PacedText {
     char text[kTextBytes];
-    double dueSeconds;  // when the next line may come
+    double dueSeconds;  // when more lines may come than are left
+    uint32_t left;
     uint64_t held;
 };
 
@@ -38,28 +40,33 @@ constinit LogPace pace;
 // Null where there is no room for another.
 PacedText* findOrAddLocked(const char* text) PELMO_REQUIRES(pace.lock) {
     const std::span known(pace.texts, pace.count);
-    const auto found = std::ranges::find_if(
-        known, [text](const PacedText& each) { return std::strcmp(each.text, text) == 0; });
+    const auto found = std::ranges::find_if(known, [text](const PacedText& each) {
+        return std::strncmp(each.text, text, kTextBytes - 1) == 0;
+    });
     if (found != known.end()) return &*found;
     if (pace.count == kMostTexts) return nullptr;
     PacedText& added = pace.texts[pace.count++];
-    added = {.text = "", .dueSeconds = 0, .held = 0};
-    std::strcpy(added.text, text);
+    added = {.text = "", .dueSeconds = 0, .left = 0, .held = 0};
+    (void)std::snprintf(added.text, sizeof added.text, "%s", text);
     return &added;
 }
 
 // Is the line to be written now? If so, *more is how many were held back before it; if not, it is
 // held back.
-bool isDue(const char* text, uint64_t* more) {
+bool isDue(const char* text, uint32_t linesOfSecond, uint64_t* more) {
     const LockGuard guard(pace.lock);
     PacedText* const paced = pace.begun ? findOrAddLocked(text) : nullptr;
     if (paced == nullptr) return true;
     const double now = clockSteadySeconds();
-    if (now < paced->dueSeconds) {
+    if (now >= paced->dueSeconds) {
+        paced->dueSeconds = now + kPaceSeconds;
+        paced->left = linesOfSecond;
+    }
+    if (paced->left == 0) {
         ++paced->held;
         return false;
     }
-    paced->dueSeconds = now + kPaceSeconds;
+    --paced->left;
     *more = std::exchange(paced->held, 0);
     return true;
 }
@@ -71,6 +78,7 @@ uint64_t takeHeld(size_t place, char (&text)[kTextBytes]) {
     const double now = clockSteadySeconds();
     if (paced.held == 0 || now < paced.dueSeconds) return 0;
     paced.dueSeconds = now + kPaceSeconds;
+    paced.left = 0;
     std::strcpy(text, paced.text);
     return std::exchange(paced.held, 0);
 }
@@ -93,7 +101,18 @@ void logPaced(const char* format, ...) {
     va_end(arguments);
 
     uint64_t more = 0;
-    if (isDue(text, &more)) writeLine(text, more);
+    if (isDue(text, 1, &more)) writeLine(text, more);
+}
+
+void logPacedAs(const char* kind, const char* format, ...) {
+    uint64_t more = 0;
+    if (!isDue(kind, kPacedLinesOfKind, &more)) return;
+    char text[kLineBytes];
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    writeLine(text, more);
 }
 
 void logPaceBegin() {

@@ -4,6 +4,10 @@
 //     Out of memory allocating host entry
 //     Out of memory allocating host entry (81234 more)
 //
+// Lines that differ in who they are about are paced by their kind, so many a second:
+//
+//     bad magic from 192.0.2.1:40112 (17 more)
+//
 // Until then each is written as it comes: what a run over a saved capture writes doesn't depend on
 // its speed.
 //
@@ -14,7 +18,13 @@
 
 #pragma once
 
+#include <cstdint>
+
 [[gnu::format(printf, 1, 2)]] void logPaced(const char* format, ...);
+
+// `kind` is a text that all lines of the kind share; up to kPacedLinesOfKind of them come a second.
+inline constexpr uint32_t kPacedLinesOfKind = 50;
+[[gnu::format(printf, 2, 3)]] void logPacedAs(const char* kind, const char* format, ...);
 
 void logPaceBegin();
 

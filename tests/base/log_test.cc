@@ -327,14 +327,19 @@ TEST_F(Log, PacesTheLinesOfOneCauseOnceAskedTo) {
         logPaced("cause %d", 1);
         logPaced("cause %d", 2);
     }
+    std::string each;
+    for (uint32_t who = 0; who < kPacedLinesOfKind + 2; ++who) {
+        logPacedAs("kind", "client %u", who);
+        if (who < kPacedLinesOfKind) each += line(("client " + std::to_string(who)).c_str());
+    }
     logPaceSettle();
     const std::string one = line("cause 1");
-    std::string wanted = one + one + one + line("cause 2");
+    std::string wanted = one + one + one + line("cause 2") + each;
     EXPECT_EQ(err.text(), wanted);
 
     FixedMonotonic::set(1001, 0);
     logPaced("cause %d", 1);
-    wanted += line("cause 1 (4 more)") + line("cause 2 (3 more)");
+    wanted += line("cause 1 (4 more)") + line("cause 2 (3 more)") + line("kind (1 more)");
     for (const int64_t seconds : {1001, 1009}) {
         FixedMonotonic::set(seconds, 0);
         logPaceSettle();
