@@ -21,6 +21,16 @@ constexpr uint32_t kRecordRefresh = 10;
 // while other threads run.
 ChunkPool* recordPool = nullptr;
 
+// Likewise.
+bool countsBytes = false;
+std::atomic<uint64_t> countedBytes{0};
+
+// From one size of a buffer to another.
+void noteSize(uint32_t before, uint32_t after) {
+    if (!countsBytes) return;
+    countedBytes.fetch_add(uint64_t{after} - uint64_t{before}, std::memory_order_relaxed);
+}
+
 void initRecord(void* chunk) {
     new (chunk) Buffer{};
 }
@@ -145,6 +155,7 @@ Buffer* bufferCreateFrom(ChunkPool* pool, uint32_t size) {
     if (buffer == nullptr) return nullptr;
     buffer->data = inlineBytesOf(buffer);
     buffer->size = size;
+    noteSize(0, size);
     return buffer;
 }
 
@@ -165,6 +176,7 @@ Buffer* bufferCreate(uint32_t size) {
         return nullptr;
     }
     buffer->size = size;
+    noteSize(0, size);
     showBytes(buffer->data, size);
     return buffer;
 }
@@ -186,15 +198,25 @@ pelmoStatus bufferGrow(Buffer* buffer, int32_t additional) {
     if (size < 0 || size > UINT32_MAX) return kStatusNoMemory;
     if (size == 0) {
         freeBytes(buffer);
+        noteSize(buffer->size, 0);
         buffer->size = 0;
         return kStatusSuccess;
     }
     void* data = resizeBytes(buffer, static_cast<uint32_t>(size));
     if (data == nullptr) return kStatusNoMemory;
     buffer->data = static_cast<uint8_t*>(data);
+    noteSize(buffer->size, static_cast<uint32_t>(size));
     buffer->size = static_cast<uint32_t>(size);
     showBytes(buffer->data, buffer->size);
     return kStatusSuccess;
+}
+
+void bufferCountBytes() {
+    countsBytes = true;
+}
+
+uint64_t bufferBytesCounted() {
+    return countedBytes.load(std::memory_order_relaxed);
 }
 
 void bufferRetain(Buffer* buffer) {
@@ -205,6 +227,7 @@ void bufferRelease(Buffer* buffer) {
     if (buffer == nullptr) return;
     // The last holder must see what the others wrote before it frees the bytes.
     if (buffer->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    noteSize(buffer->size, 0);
     if (keepsBlock(buffer)) {
         leakCheckSkip(buffer->data);  // the leak check can't look into a poisoned record
         ASAN_POISON_MEMORY_REGION(buffer->data, kLeastBlockBytes);

@@ -64,6 +64,13 @@ void bufferPoolDestroy();
 void bufferRetain(Buffer* buffer);
 void bufferRelease(Buffer* buffer);  // null is ignored
 
+// For a process that bounds what its buffers take: their bytes are counted from here on. Called
+// once, before there are buffers and other threads.
+void bufferCountBytes();
+
+// Of all buffers that live, each once however many hold it; 0 while they aren't counted.
+[[nodiscard]] uint64_t bufferBytesCounted();
+
 [[nodiscard]] inline bool bufferIsShared(const Buffer* buffer) {
     // Whoever let go of it last has done so after its last read.
     return buffer->refCount.load(std::memory_order_acquire) >= 2;

@@ -40,6 +40,7 @@ bool isInline(const Held& buffer) {
 // with 100 inline bytes.
 struct Buffers : testing::TestWithParam<const char*> {
     Buffers() {
+        bufferCountBytes();
         if (GetParam() == kHeap) return;
         pools.emplace(GetParam() == kCache ? 1 : 0);
         EXPECT_EQ(bufferPoolCreate(), kStatusSuccess);
@@ -90,6 +91,7 @@ TEST_P(Buffers, LieInlineWhereTheSizeIsTheirPools) {
 
 TEST_P(Buffers, GrowAndShrinkWithTheirBytes) {
     for (const uint32_t size : {0u, 32u, 100u}) {
+        EXPECT_EQ(bufferBytesCounted(), 0u);
         for (const int32_t first : {50, -20}) {
             if (size == 0 && first < 0) continue;
             const Held buffer = hold(bufferCreateFrom(privatePool, size));
@@ -100,6 +102,7 @@ TEST_P(Buffers, GrowAndShrinkWithTheirBytes) {
                 const uint32_t before = expected;
                 expected += static_cast<uint32_t>(change);
                 EXPECT_EQ(buffer->size, expected);
+                EXPECT_EQ(bufferBytesCounted(), expected);
                 EXPECT_FALSE(isInline(buffer));
                 EXPECT_TRUE(isFilled(buffer, std::min(before, expected)));
                 fill(buffer);
