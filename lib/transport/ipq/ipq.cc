@@ -326,7 +326,8 @@ IpqBacklog ipqBacklog(Ipq* ipq) {
     if (!ipq->isOpen) return {};
     return {.messages = ipq->queue.messages,
             .bytes = writeQueueBytes(&ipq->queue),
-            .bufferBytes = ipq->queue.bufferBytes};
+            .bufferBytes = ipq->queue.bufferBytes,
+            .unfinishedBytes = ipq->unfinishedBytes};
 }
 
 IpqStatistics ipqReadStatistics(Ipq* ipq) {

@@ -49,6 +49,7 @@ struct Socket;
 struct pelmoMsg;
 
 inline constexpr double kGracefulCloseSeconds = 5.0;
+inline constexpr uint64_t kGrowthStepBytes = 0x100000;       // of what has come of one message
 inline constexpr uint32_t kUsualWaitLimitBytes = 0x1000000;  // above which writers wait
 
 // Takes over the messages.
@@ -125,6 +126,17 @@ pelmoStatus ipqSetAgeCheck(Ipq* ipq,
 // Ahead of the read callback, so that no loss goes untold.
 pelmoStatus ipqSetErrorCallback(Ipq* ipq, IpqErrorCallback callback, void* closure);
 
+// A longer first message ends the stream once its head has come. Before the read callback.
+void ipqSetMostFirstBytes(Ipq* ipq, uint32_t bytes);
+
+// Before the read callback, whose closure it gets, and on the same thread: what has come of a
+// message that isn't whole takes another kGrowthStepBytes or more.
+using IpqGrowthCallback = void (*)(Ipq* ipq, void* closure);
+void ipqSetGrowthCallback(Ipq* ipq, IpqGrowthCallback callback);
+
+// Has the peer ended the stream by its close notice?
+[[nodiscard]] bool ipqHasNotice(Ipq* ipq);
+
 // Stops reading while the owner can't take more, and goes on.
 pelmoStatus ipqPauseReading(Ipq* ipq);
 [[nodiscard]] pelmoStatus ipqResume(Ipq* ipq);
@@ -149,8 +161,9 @@ void ipqInterrupt(Ipq* ipq);
 
 struct IpqBacklog {
     uint32_t messages;
-    uint64_t bytes;        // what is being written included
-    uint64_t bufferBytes;  // that the waiting messages keep in memory
+    uint64_t bytes;            // what is being written included
+    uint64_t bufferBytes;      // that the waiting messages keep in memory
+    uint64_t unfinishedBytes;  // of memory, for the message that is being read
 };
 [[nodiscard]] IpqBacklog ipqBacklog(Ipq* ipq);
 

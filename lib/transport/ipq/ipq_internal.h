@@ -54,15 +54,19 @@ struct Ipq {
     // Reading
     bool readIsArmed PELMO_GUARDED_BY(lock);  // the socket tells when there are bytes
     bool isReading PELMO_GUARDED_BY(lock);    // a thread uses the cutter
+    bool hasNotice PELMO_GUARDED_BY(lock);    // the peer has sent its close notice
+    uint64_t unfinishedBytes PELMO_GUARDED_BY(lock);
     IpqStatistics read PELMO_GUARDED_BY(lock);
 
     // Owned by the thread that has set `isReading`.
     StreamCutter cutter;
-    Dpa* batch;  // null until first needed
+    Dpa* batch;            // null until first needed
+    uint64_t growthSteps;  // that the growth callback knows of
 
     // What the owner has set
     IpqReadCallback readCallback PELMO_GUARDED_BY(lock);
     void* readClosure PELMO_GUARDED_BY(lock);
+    IpqGrowthCallback growthCallback PELMO_GUARDED_BY(lock);
     IpqErrorCallback errorCallback PELMO_GUARDED_BY(lock);
     void* errorClosure PELMO_GUARDED_BY(lock);
     IpqProducerCallback producerCallback PELMO_GUARDED_BY(lock);

@@ -6,7 +6,9 @@
 
 #include "lib/base/bytes.h"
 #include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "lib/containers/dpa.h"
+#include "lib/msg/buffer.h"
 #include "lib/msg/message_internal.h"
 #include "lib/runtime/no_wait.h"
 #include "lib/transport/ipq/ipq_internal.h"
@@ -66,9 +68,9 @@ void releaseBatch(Ipq* ipq) {
 
 void tellBadStream(Ipq* ipq, const char* fault) {
     const uint32_t address = hostOrder32(socketPeerAddress(ipq->socket));
-    logPrint("%s from %u.%u.%u.%u:%u\n", fault, address >> 24, address >> 16 & 0xff,
-             address >> 8 & 0xff, address & 0xff,
-             unsigned{hostOrder16(socketPeerPort(ipq->socket))});
+    logPacedAs(fault, "%s from %u.%u.%u.%u:%u\n", fault, address >> 24, address >> 16 & 0xff,
+               address >> 8 & 0xff, address & 0xff,
+               unsigned{hostOrder16(socketPeerPort(ipq->socket))});
 }
 
 ReadOutcome endOf(Ipq* ipq, CutVerdict verdict, bool isAll) {
@@ -88,6 +90,11 @@ ReadOutcome endOf(Ipq* ipq, CutVerdict verdict, bool isAll) {
     }
 }
 
+// Called by whoever has claimed the cutter.
+uint64_t unfinishedBytes(const Ipq* ipq) {
+    return ipq->cutter.buffer != nullptr ? ipq->cutter.buffer->size : 0;
+}
+
 // A queue that is closed belongs to the thread that closes it.
 void noteReadLocked(Ipq* ipq, SocketCode code, uint32_t asked, uint32_t got)
     PELMO_REQUIRES(ipq->lock) {
@@ -98,6 +105,7 @@ void noteReadLocked(Ipq* ipq, SocketCode code, uint32_t asked, uint32_t got)
     read.messages = ipq->cutter.messages;
     read.bytes = ipq->cutter.bytes;
     read.partials = ipq->cutter.partials;
+    ipq->unfinishedBytes = unfinishedBytes(ipq);
     ipq->hadActivity = true;
     accountSize(ipq->accounting.reads, asked, got);
 }
@@ -131,6 +139,7 @@ void loseReading(Ipq* ipq, const ReadOutcome& outcome) {
     if (outcome.end == ReadEnd::kNoMemory) logPrint("DrainQueue: out of memory.\n");
     const LockGuard guard(ipq->lock);
     if (!ipq->isOpen) return;
+    ipq->hasNotice = outcome.isNotice;
     if (outcome.isNotice) answerNoticeLocked(ipq);
     ipq->isReadLost = true;
     ipqDisarmReadLocked(ipq);
@@ -150,6 +159,21 @@ void deliver(Ipq* ipq) {
     if (callback == nullptr) return releaseBatch(ipq);
     auto** const messages = reinterpret_cast<pelmoMsg**>(ipq->batch->items);
     callback(ipq, {messages, std::exchange(ipq->batch->count, 0u)}, closure);
+}
+
+// The owner learns of a message that takes much before it is whole.
+void tellGrowth(Ipq* ipq) {
+    const uint64_t steps = unfinishedBytes(ipq) / kGrowthStepBytes;
+    const bool grew = steps > std::exchange(ipq->growthSteps, steps);
+    if (!grew) return;
+    IpqGrowthCallback callback;
+    void* closure;
+    {
+        const LockGuard guard(ipq->lock);
+        callback = ipq->isOpen ? ipq->growthCallback : nullptr;
+        closure = ipq->readClosure;
+    }
+    if (callback != nullptr) callback(ipq, closure);
 }
 
 bool beginReadable(Ipq* ipq, bool* isBlocking) {
@@ -175,6 +199,7 @@ void onReadable(Socket*, void* closure) {
     do {
         outcome = readSome(ipq, isBlocking);
         deliver(ipq);
+        tellGrowth(ipq);
     } while (outcome.end == ReadEnd::kAll && ++reads < kMostReadsOfEvent && goesOn(ipq));
     const bool isLost = outcome.isLoss();
     if (isLost) loseReading(ipq, outcome);
@@ -244,6 +269,20 @@ pelmoStatus ipqSetReadCallback(Ipq* ipq, IpqReadCallback callback, void* closure
     if (!ipq->isOpen) return kStatusDaemonNotConnected;
     const SocketCode code = socketSetQueue(ipq->socket, ipq->queueId);
     return code == kSocketDone ? ipqArmReadLocked(ipq) : socketStatus(code);
+}
+
+void ipqSetMostFirstBytes(Ipq* ipq, uint32_t bytes) {
+    ipq->cutter.mostFirstBytes = std::min(bytes, ipq->mostMessageBytes);
+}
+
+void ipqSetGrowthCallback(Ipq* ipq, IpqGrowthCallback callback) {
+    const LockGuard guard(ipq->lock);
+    ipq->growthCallback = callback;
+}
+
+bool ipqHasNotice(Ipq* ipq) {
+    const LockGuard guard(ipq->lock);
+    return ipq->hasNotice;
 }
 
 pelmoStatus ipqPauseReading(Ipq* ipq) {

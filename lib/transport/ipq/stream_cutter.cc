@@ -118,6 +118,10 @@ bool addMessage(Walk* walk, StreamCutter* cutter, uint32_t size, Dpa* batch) {
     return true;
 }
 
+uint32_t mostBytesNext(const StreamCutter* cutter) {
+    return cutter->messages == 0 ? cutter->mostFirstBytes : cutter->mostMessageBytes;
+}
+
 CutVerdict cut(StreamCutter* cutter, Walk* walk, Dpa* batch) {
     while (walk->end - walk->at >= kMessageHeadBytes) {
         const uint32_t size = loadBe32At(walk->data + walk->at);
@@ -125,7 +129,7 @@ CutVerdict cut(StreamCutter* cutter, Walk* walk, Dpa* batch) {
         if (magic != kMessageMagic) [[unlikely]] {
             return magic == 0 && size == 0 ? CutVerdict::kCloseNotice : CutVerdict::kBadMagic;
         }
-        if (size < kMessageHeadBytes || size > cutter->mostMessageBytes) [[unlikely]] {
+        if (size < kMessageHeadBytes || size > mostBytesNext(cutter)) [[unlikely]] {
             return CutVerdict::kBadSize;
         }
         if (size > walk->end - walk->at) break;
@@ -156,7 +160,7 @@ void cutterInit(StreamCutter* cutter, uint32_t readBufferBytes, uint32_t mostMes
     assert(readBufferBytes >= kMessageHeadBytes && readBufferBytes <= kMostReadBytes);
     *cutter = {};
     cutter->readBufferBytes = readBufferBytes;
-    cutter->mostMessageBytes = mostMessageBytes;
+    cutter->mostMessageBytes = cutter->mostFirstBytes = mostMessageBytes;
 }
 
 void cutterFree(StreamCutter* cutter) {

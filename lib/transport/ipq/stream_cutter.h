@@ -4,7 +4,7 @@
 //     unit:    0 size 4    | 4 magic 4  | ...
 //     size 8               | magic      | keep-alive, skipped
 //     size 9 and above     | magic      | a message
-//     size below 8         | magic      | kBadSize
+//     size below 8         | magic      | kBadSize; above the most, too
 //     0                    | 0          | the peer's close notice
 //     anything else                     | kBadMagic
 //
@@ -44,6 +44,9 @@ struct StreamCutter {
     // Constant after cutterInit.
     uint32_t readBufferBytes;   // size of a fresh buffer
     uint32_t mostMessageBytes;  // a longer message ends the stream as kBadSize
+
+    // Likewise, for the first one. The owner may lower it before anything is read.
+    uint32_t mostFirstBytes;
 
     // The first bytes of a unit that isn't whole yet
     Buffer* buffer;  // null while nothing is under way

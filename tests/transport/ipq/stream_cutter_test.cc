@@ -47,6 +47,28 @@ TEST(StreamCutter, KnowsEveryUnit) {
     }
 }
 
+TEST(StreamCutter, BoundsTheFirstMessageApart) {
+    StreamCutter cutter;
+    Dpa* const batch = dpaCreate(1);
+    const auto feed = [&](const std::string& bytes) {
+        std::memcpy(cutterRoom(&cutter).data(), bytes.data(), bytes.size());
+        return cutterTake(&cutter, static_cast<uint32_t>(bytes.size()), batch);
+    };
+    const std::string head = streamUnit(101, 'a').substr(0, 8);
+    for (const bool isFirst : {true, false}) {
+        cutterInit(&cutter, kReadBufferBytes, kMost);
+        cutter.mostFirstBytes = 100;
+        if (!isFirst) {
+            EXPECT_EQ(feed(streamUnit(8, 0) + streamUnit(100, 'a')), CutVerdict::kGoOn);
+        }
+        EXPECT_EQ(feed(head), isFirst ? CutVerdict::kBadSize : CutVerdict::kGoOn);
+        cutterFree(&cutter);
+    }
+    ASSERT_EQ(batch->count, 1u);
+    msgRelease(static_cast<pelmoMsg*>(batch->items[0]));
+    dpaDestroy(batch);
+}
+
 // Messages of sizes about those of the buffers, in reads of any size.
 TEST(StreamCutter, SplitsNeverChangeWhatComesOut) {
     auto random = [engine = std::mt19937(1)]() mutable { return static_cast<uint32_t>(engine()); };
