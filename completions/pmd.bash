@@ -2,11 +2,11 @@
 
 _pmd() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local options="-listen -no-permanent --client-backlog --max-clients --oska --interface --help
-        --version"
+    local options="-listen -no-permanent --client-backlog --memory --max-clients --oska --interface
+        --help --version"
     case $previous in
         # Values that nobody can guess.
-        -listen | --listen | --client-backlog | --max-clients | --oska | --interface) ;;
+        -listen | --listen | --client-backlog | --memory | --max-clients | --oska | --interface) ;;
         *) mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current") ;;
     esac
 }

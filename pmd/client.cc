@@ -45,6 +45,12 @@ void onMessages(Ipq*, std::span<pelmoMsg* const> messages, void* closure) {
     }
 }
 
+void onGrowth(Ipq*, void* closure) {
+    auto* client = static_cast<Client*>(closure);
+    const LockGuard guard(daemonLock);
+    if (!client->isClosed) clientOps.grown(client);
+}
+
 void onLost(Ipq*, void* closure) {
     auto* client = static_cast<Client*>(closure);
     const LockGuard guard(daemonLock);
@@ -61,6 +67,8 @@ bool makeQueue(Client* client) PELMO_REQUIRES(daemonLock) {
     }
     client->ipq = ipq;
     ipqSetErrorCallback(ipq, onLost, client);
+    ipqSetMostFirstBytes(ipq, kMostStartBytes);
+    ipqSetGrowthCallback(ipq, onGrowth);
     return true;
 }
 
@@ -134,6 +142,20 @@ void clientClose(Client* client) {
     if (client->socket != nullptr) return closeSocket(client);
     if (client->ipq == nullptr) return clientFree(client);
     ipqClose(client->ipq, false, clientFree);
+}
+
+bool clientSaidGoodbye(const Client* client) {
+    return client->ipq != nullptr && ipqHasNotice(client->ipq);
+}
+
+Backlog clientBacklog(const Client* client) {
+    return {ipqBacklog(client->ipq).bytes, ipqWriteStatistics(client->ipq).bytes};
+}
+
+uint64_t clientMemory(const Client* client) {
+    if (client->ipq == nullptr) return 0;
+    const IpqBacklog backlog = ipqBacklog(client->ipq);
+    return backlog.bufferBytes + backlog.unfinishedBytes;
 }
 
 uint32_t clientsAlive() {

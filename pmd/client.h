@@ -44,26 +44,35 @@ struct Client {
     ServerHandshake handshake;
 
     // The server's.
-    double deadline;    // of all that comes ahead of its session; 0 once that is there
-    const char* fault;  // why it is to be cut off; null while it isn't
-    bool isSlow;        // that is because it reads too slowly
-    bool isTouched;     // it has got messages of the batch under way
-    bool isBehind;      // much waits for it already
-    bool isStalled;     // it takes too little for senders to wait for it
-    Client* pacer;      // nothing is read from this client until that one has caught up
+    double deadline;      // of all that comes ahead of its session; 0 once that is there
+    const char* fault;    // why it is to be cut off; null while it isn't
+    const char* endName;  // of the advisory of a cut-off that the others are told of; null: none
+    bool isTouched;       // it has got messages of the batch under way
+    bool isBehind;        // much waits for it already
+    bool isStalled;       // it takes too little for senders to wait for it
+    Client* pacer;        // nothing is read from this client until that one has caught up
     Pace pace;
-    Client *next, *previous, *nextTouched, *nextDoomed, *nextPaced;
+    bool isOver;        // more waits for it than its backlog may hold
+    uint64_t fedBatch;  // the last one that brought it more meanwhile
+    Excess excess;
+    Client *next, *previous, *nextTouched, *nextDoomed, *nextPaced, *nextOver;
 };
 
 // Why a client that has left by itself is at its end; no line of the log tells of it. The queue's
 // own line tells of a stream that isn't one.
 inline constexpr const char* kClientGone = "";
 
+inline constexpr uint32_t kMostStartBytes = 64u << 10;
+
 struct ClientOps {
+    // Called with the session still to be started: its first message may have kMostStartBytes.
     void (*opened)(Client* client);
 
     // Borrowed for the call.
     void (*received)(Client* client, MessageRun messages);
+
+    // More has come of a message that isn't whole.
+    void (*grown)(Client* client);
 
     // The connection is of no use any more. Constant text, for a line that begins with the client.
     void (*failed)(Client* client, const char* why);
@@ -77,6 +86,15 @@ void clientSetOps(const ClientOps& ops);
 [[nodiscard]] Client* clientMake(Socket* socket) PELMO_REQUIRES(daemonLock);
 
 void clientClose(Client* client) PELMO_REQUIRES(daemonLock);
+
+// Has the peer said that it ends, as one that closes in order does?
+[[nodiscard]] bool clientSaidGoodbye(const Client* client) PELMO_REQUIRES(daemonLock);
+
+// What waits for it, and what it has taken.
+[[nodiscard]] Backlog clientBacklog(const Client* client) PELMO_REQUIRES(daemonLock);
+
+// Memory that its queue keeps, both ways.
+[[nodiscard]] uint64_t clientMemory(const Client* client) PELMO_REQUIRES(daemonLock);
 
 // Records that aren't freed yet.
 [[nodiscard]] uint32_t clientsAlive();

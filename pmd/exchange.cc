@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "lib/base/text.h"
 #include "lib/containers/subject.h"
 #include "lib/msg/envelope_internal.h"
@@ -85,8 +85,9 @@ bool maySend(BatchWalk& walk, const uint8_t* subject) {
     if (peer->member.hidden || !subjectIsReserved(subject)) return true;
     ++walk.exchange->ignored;
     if (!peer->toldReserved) {
-        logPrint("client %u (%s) isn't hidden: what it sends on \"_PM\" is dropped", peer->clientId,
-                 peer->start.user);
+        logPacedAs("clients send on \"_PM\" and aren't hidden",
+                   "client %u (%s) isn't hidden: what it sends on \"_PM\" is dropped",
+                   peer->clientId, peer->start.user);
     }
     peer->toldReserved = true;
     return false;
@@ -122,8 +123,18 @@ void answer(Exchange* exchange, Peer* peer, pelmoMsg* message) {
     msgRelease(message);
 }
 
-bool isSameProcess(const Peer* left, const StartMessage& right) {
-    return left->start.pid == right.pid && std::strcmp(left->start.user, right.user) == 0;
+bool isSameProcess(const Peer* left, const Peer* right, const StartMessage& start) {
+    return left->address == right->address && left->start.pid == start.pid &&
+           std::strcmp(left->start.user, start.user) == 0;
+}
+
+// A name that this daemon has given out, or will, has the id of its client. One that comes back
+// behind a restart of the daemon may find its former id taken, and gets another.
+bool hasOwnId(const Exchange* exchange, const Peer* peer, const char* session) {
+    const uint16_t id = sessionClientId(session);
+    if (id == 0 || std::strcmp(peer->start.session, session) == 0) return true;
+    if (peer->clientId != 0) return id == peer->clientId;
+    return !exchange->ids.taken[id] || !sessionIsOf(exchange->ground, session);
 }
 
 // A client that reconnects may be back ahead of the news that its old connection is lost.
@@ -132,7 +143,7 @@ pelmoStatus claimSession(Exchange* exchange, Peer* peer, const StartMessage& sta
     Member* holder = nullptr;
     const pelmoStatus status = routerClaim(&peer->member, start.session, &holder);
     if (status != kStatusAlreadyExists || holder == nullptr) return status;
-    if (!isSameProcess(peerOf(holder), start)) return status;
+    if (!isSameProcess(peerOf(holder), peer, start)) return status;
     exchangeLeave(exchange, peerOf(holder));
     exchange->ops.cutOff(exchange->closure, holder, "its session goes on on another connection");
     return routerClaim(&peer->member, start.session, &holder);
@@ -158,6 +169,9 @@ pelmoStatus startSession(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
     pelmoStatus status = startMessageRead(msg, &start);
     if (status == kStatusSuccess) status = joinRealm(exchange, peer, start);
     if (status == kStatusSuccess) status = claimSession(exchange, peer, start);
+    if (status == kStatusSuccess && !hasOwnId(exchange, peer, start.session)) {
+        status = kStatusAlreadyExists;
+    }
     if (status != kStatusSuccess) return status;
     if (peer->clientId == 0) {
         peer->clientId = clientIdTake(&exchange->ids, sessionClientId(start.session));
@@ -198,8 +212,9 @@ const char* takeStart(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
 void refuseInbox(Exchange* exchange, Peer* peer) {
     ++exchange->ignored;
     if (!peer->toldInbox) {
-        logPrint("client %u (%s) listens to an inbox that isn't its own: it gets nothing there",
-                 peer->clientId, peer->start.user);
+        logPacedAs("clients listen to inboxes that aren't their own",
+                   "client %u (%s) listens to an inbox that isn't its own: it gets nothing there",
+                   peer->clientId, peer->start.user);
     }
     peer->toldInbox = true;
 }
@@ -333,9 +348,10 @@ void exchangeFree(Exchange* exchange) {
     exchange->receivers = nullptr;
 }
 
-void exchangeEnter(Exchange* exchange, Peer* peer, void* owner) {
+void exchangeEnter(Exchange* exchange, Peer* peer, void* owner, uint32_t address) {
     *peer = {};
     peer->member.owner = owner;
+    peer->address = address;
     peer->serial = ++exchange->nextSerial;
 }
 
@@ -343,6 +359,23 @@ void exchangeLeave(Exchange* exchange, Peer* peer) {
     routerLeave(&exchange->router, &peer->member);
     if (peer->clientId != 0) clientIdGive(&exchange->ids, peer->clientId);
     peer->clientId = 0;
+}
+
+bool exchangePark(Exchange* exchange, Peer* from, Peer* to) {
+    exchangeEnter(exchange, to, nullptr, from->address);
+    const StartMessage& start = from->start;
+    if (routerJoin(&exchange->router, &to->member, start.service, start.network) !=
+        kStatusSuccess) {
+        return false;
+    }
+    to->start = start;
+    const uint16_t id = from->clientId;
+    exchangeLeave(exchange, from);
+    to->clientId = clientIdTake(&exchange->ids, id);
+    // Without memory for it the session counts as new when it comes back.
+    Member* holder = nullptr;
+    (void)routerClaim(&to->member, start.session, &holder);
+    return true;
 }
 
 const char* exchangeTake(Exchange* exchange, Peer* peer, MessageRun batch) {

@@ -49,6 +49,7 @@ struct Peer {
     // The exchange's.
     uint32_t serial;     // among all peers of the daemon
     uint32_t starts;     // start messages that were right
+    uint32_t address;    // of the client, network order
     uint16_t clientId;   // 0 until it has started
     bool toldReserved;   // the log has told of a message on a reserved subject
     bool toldInbox;      // and of an interest in an inbox of another
@@ -84,9 +85,13 @@ struct Exchange {
 // All peers have left.
 void exchangeFree(Exchange* exchange);
 
-// `owner` is the member's, for the functions of the table.
-void exchangeEnter(Exchange* exchange, Peer* peer, void* owner);
+// `owner` is the member's, for the functions of the table; `address` is the client's.
+void exchangeEnter(Exchange* exchange, Peer* peer, void* owner, uint32_t address);
 void exchangeLeave(Exchange* exchange, Peer* peer);
+
+// `from`, which has a session, leaves; `to` enters in its place without an owner or any interest,
+// and keeps session and client id taken. False, and nothing has changed, without memory.
+[[nodiscard]] bool exchangePark(Exchange* exchange, Peer* from, Peer* to);
 
 // Null, or why the peer is to be cut off: it breaks the rules, and what came behind that in the
 // batch is dropped. Constant text, for a log line that begins with the client.

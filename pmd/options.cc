@@ -17,6 +17,8 @@ constexpr const char* kLocalAddress = "127.0.0.1";
 constexpr uint16_t kDefaultPort = 7500;
 constexpr uint64_t kMegabyte = uint64_t{1} << 20;
 constexpr uint64_t kMostBacklogMegabytes = 4096;
+constexpr uint64_t kLeastMemoryMegabytes = 16;
+constexpr uint64_t kMostMemoryMegabytes = 1 << 20;
 
 // Each has an id of 16 bits of its own, and 0 is none.
 constexpr uint64_t kMostClients = 60'000;
@@ -79,6 +81,12 @@ bool storeBacklog(PmdOptions& options, std::string_view value) {
     return megabytes.has_value();
 }
 
+bool storeMemory(PmdOptions& options, std::string_view value) {
+    const auto megabytes = readNumber(value, kLeastMemoryMegabytes, kMostMemoryMegabytes);
+    if (megabytes) options.memoryBytes = *megabytes * kMegabyte;
+    return megabytes.has_value();
+}
+
 bool storeMostClients(PmdOptions& options, std::string_view value) {
     const auto number = readNumber(value, 1, kMostClients);
     if (number) options.mostClients = static_cast<uint32_t>(*number);
@@ -108,7 +116,10 @@ constexpr Option kOptions[] = {
     {"-listen", "SPEC", "[ADDRESS:]PORT to wait for clients on; 127.0.0.1:7500", storeListen},
     {"-no-permanent", "", "end a second after the last client, or after a minute without any",
      storeNoPermanent},
-    {"--client-backlog", "MB", "what may wait for a client ahead of its end; 64", storeBacklog},
+    {"--client-backlog", "MB", "above which a client that reads too slowly is cut off; 64",
+     storeBacklog},
+    {"--memory", "MB", "what messages take in all; beyond it the largest client is cut off; 1024",
+     storeMemory},
     {"--max-clients", "N", "more are refused; 1000", storeMostClients},
     {"--oska", "GROUP:PORT", "put all that is routed on the wire as well, as multicast packets",
      storeOska},

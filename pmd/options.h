@@ -18,6 +18,7 @@ struct PmdOptions {
 
     bool permanent = true;
     uint64_t backlogBytes = uint64_t{64} << 20;  // that may wait for one client
+    uint64_t memoryBytes = uint64_t{1} << 30;    // of all backlogs and unfinished messages
     uint32_t mostClients = 1000;
 
     // What is routed, on the wire.

@@ -14,12 +14,14 @@
 #include "lib/base/log_pace.h"
 #include "lib/base/text.h"
 #include "lib/containers/dpa.h"
+#include "lib/msg/buffer.h"
 #include "lib/msg/message_internal.h"
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/transport/ipq/ipq.h"
 #include "lib/transport/socket/socket.h"
 #include "lib/transport/socket/socket_class.h"
+#include "pmd/absence.h"
 #include "pmd/client.h"
 #include "pmd/oska_wire.h"
 #include "pmd/sparse_run.h"
@@ -38,6 +40,8 @@ constexpr uint32_t kMostAccepts = 64;     // in one go
 constexpr uint32_t kOwnDescriptors = 64;  // that aren't clients'
 
 constexpr const char* kSlow = "it reads too slowly";
+constexpr const char* kLargest = "memory is short, and it takes the most";
+constexpr double kShortAgainSeconds = 0.25;  // what a client had is given back by then
 
 struct Server {
     // Constant while it runs.
@@ -50,12 +54,17 @@ struct Server {
     Client* clients PELMO_GUARDED_BY(daemonLock) = nullptr;
     uint32_t clientCount PELMO_GUARDED_BY(daemonLock) = 0;
     uint32_t unstarted PELMO_GUARDED_BY(daemonLock) = 0;  // clients with a deadline
+    Absences absences PELMO_GUARDED_BY(daemonLock){};
+
+    uint64_t batch PELMO_GUARDED_BY(daemonLock) = 0;  // number of the last one
 
     // Lists of one batch, empty between two.
     Client* touched PELMO_GUARDED_BY(daemonLock) = nullptr;
     Client* doomed PELMO_GUARDED_BY(daemonLock) = nullptr;
 
     Client* paced PELMO_GUARDED_BY(daemonLock) = nullptr;  // who isn't read from
+    Client* over PELMO_GUARDED_BY(daemonLock) = nullptr;   // who is above its backlog
+    double shortAt PELMO_GUARDED_BY(daemonLock) = 0;       // when memory was last found short
 
     // The copy of the run that is being delivered, empty while nobody needs one.
     const void* copiedRun PELMO_GUARDED_BY(daemonLock) = nullptr;
@@ -91,7 +100,7 @@ void endTimer(uint32_t* timer) PELMO_REQUIRES(daemonLock) {
 
 bool needsTick() PELMO_REQUIRES(daemonLock) {
     return server.unstarted != 0 || server.acceptAgainAt != 0 || server.endAt != 0 ||
-           oskaWireIsOpen(&server.wire);
+           server.over != nullptr || server.absences.count != 0 || oskaWireIsOpen(&server.wire);
 }
 
 void adjustTick() PELMO_REQUIRES(daemonLock) {
@@ -145,17 +154,70 @@ void endPaces(Ends ends) PELMO_REQUIRES(daemonLock) {
     if (server.paced == nullptr) endTimer(&server.paceTimer);
 }
 
-// Tells the others: nothing goes to who has a fault.
-void adviseOfEnd(const Client* client) PELMO_REQUIRES(daemonLock) {
-    if (client->peer.member.realm == nullptr) return;
-    char text[128];
-    if (client->isSlow) {
-        boundedFormat(text, sizeof text, "client %s was cut off: it reads too slowly",
-                      clientText(client));
-        exchangeAdvise(&server.exchange, &client->peer, {"WARN", "CLIENT.SLOWREADER", text});
+// Those who are above their backlog
+
+void beginExcess(Client* client, const Backlog& backlog) PELMO_REQUIRES(daemonLock) {
+    client->isOver = true;
+    client->excess = excessBegin(backlog, clockSteadySeconds());
+    client->nextOver = server.over;
+    server.over = client;
+    adjustTick();
+}
+
+// Goes through them: those that `ends` is true of are above it no longer.
+template <typename Ends>
+void endExcesses(Ends ends) PELMO_REQUIRES(daemonLock) {
+    for (Client** place = &server.over; *place != nullptr;) {
+        Client* const client = *place;
+        if (ends(client)) {
+            *place = client->nextOver;
+            client->isOver = false;
+        } else {
+            place = &client->nextOver;
+        }
     }
-    boundedFormat(text, sizeof text, "client %s has gone", clientText(client));
-    exchangeAdvise(&server.exchange, &client->peer, {"INFO", "UNREACHABLE.TRANSPORT", text});
+}
+
+void judgeExcesses(double now) PELMO_REQUIRES(daemonLock) {
+    endExcesses([now](Client* client) PELMO_REQUIRES(daemonLock) {
+        const uint64_t limit = server.options.backlogBytes;
+        switch (excessJudge(&client->excess, clientBacklog(client), limit, now)) {
+            case ExcessVerdict::kGoOn:
+                return false;
+            case ExcessVerdict::kWithin:
+                return true;
+            case ExcessVerdict::kTooSlow:
+                break;
+        }
+        client->endName = "CLIENT.SLOWREADER";
+        doom(client, kSlow);
+        return false;
+    });
+}
+
+// Those whom the batch has brought more, and whose sender goes on, take it as they can.
+void noteFed(const Client* sender) PELMO_REQUIRES(daemonLock) {
+    for (Client* client = server.over; client != nullptr; client = client->nextOver) {
+        const bool isFed = client->fedBatch == server.batch;
+        if (isFed && sender->pacer == nullptr) client->excess.isOutrun = true;
+    }
+}
+
+// Tells the others: nothing goes to who has a fault. A session that may come back is told of later.
+void leave(Client* client) PELMO_REQUIRES(daemonLock) {
+    const char* const text = clientText(client);
+    if (client->endName != nullptr && client->peer.member.realm != nullptr) {
+        char description[160];
+        boundedFormat(description, sizeof description, "client %s was cut off: %s", text,
+                      client->fault);
+        exchangeAdvise(&server.exchange, &client->peer, {"WARN", client->endName, description});
+    }
+    const bool mayComeBack = !server.isStopping && !clientSaidGoodbye(client);
+    if (mayComeBack && absenceKeep(&server.absences, &client->peer, text, clockSteadySeconds())) {
+        return;
+    }
+    absenceTell(&server.exchange, &client->peer, text);
+    exchangeLeave(&server.exchange, &client->peer);
 }
 
 // A client that has gone gives its descriptor back, and may have been the last one.
@@ -168,14 +230,16 @@ void onFewer() PELMO_REQUIRES(daemonLock) {
 }
 
 void bury(Client* client) PELMO_REQUIRES(daemonLock) {
-    if (client->fault[0] != '\0') logPrint("client %s: %s", clientText(client), client->fault);
+    if (client->fault[0] != '\0') {
+        logPacedAs(client->fault, "client %s: %s", clientText(client), client->fault);
+    }
     endDeadline(client);
     unlink(client);
     endPaces([client](const Client* sender) PELMO_REQUIRES(daemonLock) {
         return sender == client || sender->pacer == client;
     });
-    adviseOfEnd(client);
-    exchangeLeave(&server.exchange, &client->peer);
+    endExcesses([client](const Client* other) { return other == client; });
+    leave(client);
     clientClose(client);
     onFewer();
 }
@@ -186,8 +250,8 @@ void checkBacklog(Client* client, Client** fastest, uint64_t* fastestBytes)
     PELMO_REQUIRES(daemonLock) {
     const uint64_t bytes = ipqBacklog(client->ipq).bytes;
     if (bytes > server.options.backlogBytes) {
-        client->isSlow = true;
-        return doom(client, kSlow);
+        if (!client->isOver) beginExcess(client, clientBacklog(client));
+        client->fedBatch = server.batch;
     }
     client->isBehind = bytes > kPaceLowBytes;
     if (!client->isBehind) client->isStalled = false;
@@ -238,11 +302,14 @@ void touch(Client* client) PELMO_REQUIRES(daemonLock) {
 }
 
 void pace(Client* sender, Client* fastest) PELMO_REQUIRES(daemonLock) {
-    if (fastest == nullptr || fastest->isStalled || sender->pacer != nullptr) return;
-    const uint64_t bytes = ipqBacklog(fastest->ipq).bytes;
-    if (!paceBegins(bytes) || ipqPauseReading(sender->ipq) != kStatusSuccess) return;
+    if (fastest == nullptr || sender->pacer != nullptr) return;
+    if (fastest->isStalled && !fastest->isOver) return;
+    const Backlog backlog = clientBacklog(fastest);
+    const PaceMarks marks = paceMarks(server.options.backlogBytes);
+    if (backlog.waitingBytes <= marks.highBytes) return;
+    if (ipqPauseReading(sender->ipq) != kStatusSuccess) return;
     sender->pacer = fastest;
-    sender->pace = paceBegin(bytes, clockSteadySeconds());
+    sender->pace = paceBegin(backlog, clockSteadySeconds());
     sender->nextPaced = server.paced;
     server.paced = sender;
     startTimer(&server.paceTimer, onPaceTick, kPaceTickSeconds);
@@ -251,13 +318,36 @@ void pace(Client* sender, Client* fastest) PELMO_REQUIRES(daemonLock) {
 void onPaceTick(uint32_t, pelmoMsg*, void*) {
     const LockGuard guard(daemonLock);
     const double now = clockSteadySeconds();
-    endPaces([now](Client* sender) PELMO_REQUIRES(daemonLock) {
-        const uint64_t bytes = ipqBacklog(sender->pacer->ipq).bytes;
-        if (!paceEnds(&sender->pace, bytes, now)) return false;
-        sender->pacer->isStalled = bytes > kPaceLowBytes;
+    const uint64_t lowBytes = paceMarks(server.options.backlogBytes).lowBytes;
+    endPaces([now, lowBytes](Client* sender) PELMO_REQUIRES(daemonLock) {
+        const Backlog backlog = clientBacklog(sender->pacer);
+        if (sender->pacer->isOver && backlog.waitingBytes > lowBytes) return false;
+        if (!paceEnds(&sender->pace, backlog, lowBytes, now)) return false;
+        sender->pacer->isStalled = backlog.waitingBytes > lowBytes;
         return true;
     });
     settle();
+}
+
+// Memory: too much in all is the end of who takes most of it. The next one isn't looked for until
+// what the last one had has been given back.
+void relieve() PELMO_REQUIRES(daemonLock) {
+    if (bufferBytesCounted() <= server.options.memoryBytes) return;
+    const double now = clockSteadySeconds();
+    const bool isBack = clientsAlive() == server.clientCount && server.doomed == nullptr;
+    if (!isBack && now - server.shortAt < kShortAgainSeconds) return;
+    Client* largest = nullptr;
+    uint64_t most = 0;
+    for (Client* client = server.clients; client != nullptr; client = client->next) {
+        const uint64_t bytes = client->fault == nullptr ? clientMemory(client) : 0;
+        if (bytes <= most) continue;
+        largest = client;
+        most = bytes;
+    }
+    if (largest == nullptr) return;
+    server.shortAt = now;
+    largest->endName = "CLIENT.MEMORY";
+    doom(largest, kLargest);
 }
 
 // What the exchange does
@@ -302,17 +392,19 @@ void onPublish(void*, MessageRun run) PELMO_REQUIRES(daemonLock) {
 }
 
 void onCutOff(void*, Member* member, const char* why) PELMO_REQUIRES(daemonLock) {
+    if (member->owner == nullptr) return absenceEnd(&server.absences, member);
     doom(static_cast<Client*>(member->owner), why);
 }
 
 // What connections tell
 
 void onOpened(Client* client) PELMO_REQUIRES(daemonLock) {
-    exchangeEnter(&server.exchange, &client->peer, client);
+    exchangeEnter(&server.exchange, &client->peer, client, client->address);
 }
 
 void onReceived(Client* client, MessageRun messages) PELMO_REQUIRES(daemonLock) {
     if (client->fault != nullptr) return;
+    ++server.batch;
     const char* fault = exchangeTake(&server.exchange, &client->peer, messages);
     if (peerHasStarted(&client->peer)) {
         endDeadline(client);
@@ -325,6 +417,13 @@ void onReceived(Client* client, MessageRun messages) PELMO_REQUIRES(daemonLock) 
     } else if (client->fault == nullptr) {
         pace(client, fastest);
     }
+    noteFed(client);
+    relieve();
+    settle();
+}
+
+void onGrown(Client*) PELMO_REQUIRES(daemonLock) {
+    relieve();
     settle();
 }
 
@@ -412,6 +511,9 @@ void onTick(uint32_t, pelmoMsg*, void*) {
         if (server.isStopping) return;
         const double now = clockSteadySeconds();
         endLateStarts(now);
+        judgeExcesses(now);
+        absenceSettle(&server.absences, now);
+        settle();
         acceptAgain(now);
         if (oskaWireIsOpen(&server.wire)) oskaWireTick(&server.wire, now);
         ends = endsByItself(now);
@@ -480,11 +582,13 @@ bool startExchange(const PmdOptions& options, std::string& error) {
         error = "no memory";
         return false;
     }
+    server.absences = {&server.exchange, nullptr, nullptr, 0};
     if (!options.permanent) server.endAt = clockSteadySeconds() + kFirstClientSeconds;
     return true;
 }
 
 void endExchange() PELMO_REQUIRES(daemonLock) {
+    absenceFree(&server.absences);
     exchangeFree(&server.exchange);
     server.copies = dpaDestroy(server.copies);
 }
@@ -521,12 +625,13 @@ bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error)
     server.options = options;
     server.ended = ended;
     raiseDescriptorLimit(options.mostClients);
+    bufferCountBytes();
     const pelmoStatus status = pelmo_Open();
     if (status != kStatusSuccess) {
         error = pelmoStatus_GetText(status);
         return false;
     }
-    clientSetOps({onOpened, onReceived, onFailed});
+    clientSetOps({onOpened, onReceived, onGrown, onFailed});
     if (startExchange(options, error)) {
         const bool wired = !options.oska || oskaWireOpen(&server.wire, options, error);
         if (wired && startListening(options, error)) {

@@ -7,12 +7,16 @@
 // buffer in a hundred queues.
 //
 // Limits: a connection has kStartSeconds to start its session. Where more waits for a client than
-// the options allow, it is cut off, the log tells, and an advisory tells the others of its service:
-// "_PM.WARN.SYSTEM.CLIENT.SLOWREADER.SESSION". The end of any client is told as
-// "_PM.INFO.SYSTEM.UNREACHABLE.TRANSPORT.SESSION". A sender is paced by the fastest of those who
-// get what it sends, as long as that one takes something at all (pmd/pacing.h): so a stream faster
-// than all its readers isn't their end, and a slow reader among others holds nobody up. Without
-// descriptors for more clients the daemon stops accepting until there are some.
+// the options allow, and it takes too little for a time (pmd/pacing.h), it is cut off, the log
+// reports it, and so does an advisory to the others of its service:
+// "_PM.WARN.SYSTEM.CLIENT.SLOWREADER.SESSION". Where all messages in memory take more than the
+// options allow, the client that takes most is cut off: "_PM.WARN.SYSTEM.CLIENT.MEMORY.SESSION".
+// The end of any client is reported as "_PM.INFO.SYSTEM.UNREACHABLE.TRANSPORT.SESSION": at once
+// after its close notice, else when its session hasn't come back for a time (pmd/absence.h). A
+// sender is paced by the fastest of those who get what it sends, as long as that one takes
+// something at all: so a stream faster than all its readers isn't their end, and a slow reader
+// among others holds nobody up. Without descriptors for more clients the daemon stops accepting
+// until there are some. What one client can make the log write is paced.
 //
 // Threads: one thread starts and stops it. The rest runs on the library's IO thread and timer
 // thread, under `daemonLock`.

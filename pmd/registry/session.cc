@@ -43,15 +43,34 @@ uint32_t hexDigits(const char* text) {
     return count;
 }
 
-// An address and at least one element more, none of them empty or a wildcard: whatever a client
-// calls its session becomes a part of subjects.
+// Address, client id or direct port, and a last element that is neither empty nor a wildcard:
+// whatever a client calls its session becomes a part of subjects.
 bool isSession(const char* text) {
     if (hexDigits(text) != kAddressDigits || text[kAddressDigits] != '.') return false;
-    for (const char* at = text + kAddressDigits; *at != '\0'; ++at) {
-        if (*at == '.' && (at[1] == '.' || at[1] == '\0')) return false;
-        if (*at == '*' || *at == '>') return false;
+    const char* const id = text + kAddressDigits + 1;
+    if (*id != 'U' && *id != 'P') return false;
+    if (hexDigits(id + 1) != kIdDigits || id[1 + kIdDigits] != '.') return false;
+    const char* const last = id + 2 + kIdDigits;
+    for (const char* at = last; *at != '\0'; ++at) {
+        if (std::isgraph(static_cast<unsigned char>(*at)) == 0) return false;
+        if (*at == '.' || *at == '*' || *at == '>') return false;
     }
-    return true;
+    return *last != '\0';
+}
+
+// A client's words become a part of the log: no byte of theirs ends a line or steers a terminal.
+template <size_t kSize>
+void copyEscaped(char (&out)[kSize], const char* text) {
+    size_t used = 0;
+    for (const char* at = text; *at != '\0'; ++at) {
+        const auto byte = static_cast<unsigned char>(*at);
+        const bool isPlain = byte >= 0x20 && byte < 0x7f && byte != '\\';
+        const size_t bytes = isPlain ? 1 : 4;
+        if (used + bytes >= kSize) break;
+        boundedFormat(out + used, kSize - used, isPlain ? "%c" : "\\x%02x", byte);
+        used += bytes;
+    }
+    out[used] = '\0';
 }
 
 bool hasVersion(pelmoMsg* msg) {
@@ -75,7 +94,7 @@ pelmoStatus readTexts(pelmoMsg* msg, StartMessage* out) {
     if (*service == '\0') service = kDefaultService;
     if (!takeText(out->service, sizeof out->service, service)) return kStatusServiceNotFound;
     if (!takeText(out->network, sizeof out->network, network)) return kStatusNetworkNotFound;
-    boundedCopy(out->user, user, sizeof out->user);
+    copyEscaped(out->user, user);
 
     if (const char* description = textOf(msg, "descr")) {
         boundedCopy(out->description, description, sizeof out->description);
@@ -98,10 +117,16 @@ pelmoStatus wrapAnswer(pelmoMsg** out, pelmoMsg* data) {
     return status;
 }
 
+void formatLife(char (&out)[kSessionTextBytes], const SessionGround& ground) {
+    boundedFormat(out, sizeof out, "%" PRIX64 "%" PRIX32, ground.startMilliseconds,
+                  ground.processId);
+}
+
 // Unique among all daemons of a machine and all their clients.
 void formatGob(char* out, size_t sizeBytes, const SessionGround& ground, uint32_t serial) {
-    boundedFormat(out, sizeBytes, "%" PRIX64 "%" PRIX32 "%06" PRIX32, ground.startMilliseconds,
-                  ground.processId, serial);
+    char life[kSessionTextBytes];
+    formatLife(life, ground);
+    boundedFormat(out, sizeBytes, "%s%06" PRIX32, life, serial);
 }
 
 pelmoStatus fillAnswer(pelmoMsg* data,
@@ -163,6 +188,13 @@ uint16_t sessionClientId(const char* session) {
     if (at == nullptr || at[1] != 'U' || hexDigits(at + 2) != kIdDigits) return 0;
     if (at[2 + kIdDigits] != '.') return 0;
     return static_cast<uint16_t>(std::strtoul(at + 2, nullptr, 16));
+}
+
+bool sessionIsOf(const SessionGround& ground, const char* session) {
+    char life[kSessionTextBytes];
+    formatLife(life, ground);
+    const char* const gob = std::strrchr(session, '.');
+    return gob != nullptr && std::strncmp(gob + 1, life, std::strlen(life)) == 0;
 }
 
 pelmoStatus sessionAnswerMake(pelmoMsg** out,

@@ -33,7 +33,7 @@ struct StartMessage {
     char session[kSessionTextBytes];  // empty for none
     char service[kServiceTextBytes];  // the default where the client gives none
     char network[kNetworkTextBytes];
-    char user[kShownTextBytes];
+    char user[kShownTextBytes];  // all but printable ASCII is escaped
     char description[kShownTextBytes];
     int32_t pid;
     bool echo;
@@ -65,6 +65,9 @@ struct SessionGround {
     uint32_t address;  // network order
     uint16_t port;     // network order
 };
+
+// Is it a name of the kind that clients make up from this daemon's answers?
+[[nodiscard]] bool sessionIsOf(const SessionGround& ground, const char* session);
 
 // An answer, to be sent as it stands and released. `serial` counts the daemon's clients.
 // kStatusNoMemory.

@@ -1,5 +1,6 @@
 """The daemon as a program, by what clients and operators see: pmd_test.py PMD MANY_CLIENTS [TEST ...]."""
 
+import fcntl
 import os
 import pathlib
 import re
@@ -118,11 +119,12 @@ class Pmd(unittest.TestCase):
         port, (reader, writer) = free_port(), os.pipe()
         daemon = Process(PMD, "-listen", port, stderr=writer)
         self.addCleanup(daemon.close)
+        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
         os.close(writer)
         self.assertIn(b"listening on", os.read(reader, 4096))
         daemon.port = port
         good = self.client(daemon, "A")
-        for _ in range(1000):  # 80 KB of lines, more than the pipe holds
+        for _ in range(60):  # 4800 bytes of lines, more than the pipe holds
             bad = Client(port, start=False)
             bad.socket.sendall(bytes([9]) * 12)
             self.assertTrue(bad.is_cut_off())
@@ -161,18 +163,82 @@ class Pmd(unittest.TestCase):
         slow = self.client(daemon, "A", receive_bytes=8192)
         sender = self.client(daemon)
         advisory = None
-        for _ in range(200):
+        began = time.monotonic()
+        while not advisory and time.monotonic() - began < 30:
             image = sender.send("A", bytes(100000))
             subject, got = witness.receive()
             if subject == "A":
                 self.assertEqual(got, image)
+                time.sleep(0.005)
             else:
                 advisory = subject
-                break
         self.assertEqual(advisory, "_PM.WARN.SYSTEM.CLIENT.SLOWREADER." + slow.session)
+        self.assertGreater(time.monotonic() - began, 0.9)  # not at once
         self.assertIn("(tester): it reads too slowly\n", daemon.log())
         self.assertTrue(slow.is_cut_off())
         self.assertEqual(witness.message(), image)
+
+    def test_cuts_off_nobody_who_reads_for_the_size_of_messages(self):
+        for arguments, senders, size in (([], 2, 40 * MEGABYTE), (["--client-backlog", "8"], 1, 20 * MEGABYTE)):
+            daemon = self.daemon(*arguments)
+            reader = self.client(daemon, "A", timeout=60)
+            gates = [self.client(daemon, timeout=60) for _ in range(senders)]
+            images = [data_message("A", bytes([number]) * size) for number in range(senders)]
+            threads_ = [threading.Thread(target=gate.socket.sendall, args=(image,))
+                        for gate, image in zip(gates, images)]
+            for thread in threads_:
+                thread.start()
+            for thread in threads_:
+                thread.join()
+            # All of it is in the daemon, or on its way to it, before the first byte is read.
+            self.assertEqual(sorted(reader.message() for _ in images), sorted(images))
+            self.assertEqual(daemon.log().count("\n"), 1, daemon.log())
+
+    def test_gives_a_session_time_to_come_back(self):
+        daemon = self.daemon()
+        witness = self.client(daemon, "_PM.INFO.>", "A")
+        prefix = "_PM.INFO.SYSTEM.UNREACHABLE.TRANSPORT."
+        back = self.client(daemon)
+        back.close()
+        back = self.client(daemon, session=back.session)
+        leaving, lost = self.client(daemon), self.client(daemon)
+        lost.close()
+        began = time.monotonic()
+        leaving.socket.sendall(struct.pack(">II", 0, 0))
+        self.assertEqual(witness.receive()[0], prefix + leaving.session)
+        self.assertTrue(witness.hears(witness, "A"))
+        self.assertEqual(witness.receive()[0], prefix + lost.session)
+        self.assertGreater(time.monotonic() - began, 9)
+        self.assertTrue(witness.hears(witness, "A"))
+        back.socket.sendall(struct.pack(">II", 0, 0))
+        self.assertEqual(witness.receive()[0], prefix + back.session)
+
+    def test_bounds_what_all_clients_take_together(self):
+        daemon = self.daemon("--memory", "48")
+        witness = self.client(daemon, "_PM.WARN.>", "A")
+        head = struct.pack(">II", 40 * MEGABYTE, 0x9955eeaa)
+        largest, other = self.client(daemon), self.client(daemon)
+        other.socket.sendall(head + bytes(10 * MEGABYTE))
+        with self.assertRaises((ConnectionError, AssertionError)):
+            for _ in range(40):
+                largest.socket.sendall(head + bytes(MEGABYTE))
+                self.assertTrue(daemon.running())
+                head = b""
+                self.assertNotIn("memory", daemon.log())
+        self.assertEqual(witness.receive()[0], "_PM.WARN.SYSTEM.CLIENT.MEMORY." + largest.session)
+        self.assertIn("(tester): memory is short, and it takes the most\n", daemon.log())
+        self.assertTrue(witness.hears(witness, "A"))
+        other.send("A")
+
+    def test_takes_little_until_a_session_stands(self):
+        daemon = self.daemon()
+        for size, is_taken in ((64 << 10, True), ((64 << 10) + 1, False)):
+            client = Client(daemon.port, start=False, timeout=1)
+            client.shake_hands()
+            client.socket.sendall(struct.pack(">II", size, 0x9955eeaa))
+            self.assertEqual(client.is_cut_off(), not is_taken)
+            client.close()
+        self.assertEqual(daemon.log().count("message with invalid size"), 1)
 
     def test_keeps_no_more_for_a_slow_reader_than_waits_for_it(self):
         # A sanitizer keeps freed memory for a while.

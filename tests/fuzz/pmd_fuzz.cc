@@ -95,7 +95,7 @@ void closeConnection(Daemon& daemon, Connection& connection) {
 void enter(Daemon& daemon, Connection& connection) {
     connection.hasEntered = true;
     cutterInit(&connection.cutter, kReadBytes, kMostMessageBytes);
-    exchangeEnter(&daemon.exchange, &connection.peer, &connection);
+    exchangeEnter(&daemon.exchange, &connection.peer, &connection, 1);
 }
 
 // As the daemon does with who breaks the rules.

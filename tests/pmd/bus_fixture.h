@@ -47,6 +47,7 @@ struct StartFields {
     const char* service = "";
     const char* network = "";
     int32_t pid = 7;
+    const char* user = "joe";
     bool echo = true;
     const char* without = "";  // a required field to leave out
 };
@@ -60,7 +61,7 @@ inline Message startMessage(const StartFields& fields = {}) {
         }
     };
     text("mtype", "I");
-    text("userid", "joe");
+    text("userid", fields.user);
     if (*fields.session != '\0') text("session", fields.session);
     text("service", fields.service);
     text("network", fields.network);
@@ -102,9 +103,9 @@ struct TestBus {
         exchangeFree(&exchange);
     }
 
-    Peer* enter(const std::string& name) {
+    Peer* enter(const std::string& name, uint32_t address = 1) {
         auto& peer = peers[name] = std::make_unique<Peer>();
-        exchangeEnter(&exchange, peer.get(), this);
+        exchangeEnter(&exchange, peer.get(), this, address);
         return peer.get();
     }
 

@@ -8,6 +8,7 @@
 namespace {
 
 constexpr const char* kSession = "7F000001.U0001.G1";
+constexpr const char* kOwnSession = "7F000001.U0001.18C0FFEE0001234000009";
 
 struct Routing {
     const char* what;
@@ -165,10 +166,14 @@ TEST(Exchange, RefusesAStartThatIsWrong) {
         {{.session = longText.c_str()}, "3"},
         {{.service = longText.c_str()}, "16"},
         {{.network = longText.c_str()}, "17"},
-        // Another client's: the same from another process, its inboxes, and one that has them.
+        // Another client's: the same from another process, its id, its inboxes.
         {{.session = kSession, .pid = 8}, "91"},
-        {{.session = "7F000001.U0001"}, "91"},
-        {{.session = "7F000001.U0001.G1.2"}, "91"},
+        {{.session = kOwnSession}, "91"},  // that the daemon gave out, or will, with the owner's id
+        {{.session = "7F000001.U0001"}, "3"},
+        {{.session = "7F000001.U0001.G1.2"}, "3"},
+        {{.session = "7F000001.X0001.G1"}, "3"},
+        {{.session = "7F000001.U001.G1"}, "3"},
+        {{.session = "7F000001.U0001.G\n"}, "3"},
     };
     for (const Case& c : cases) {
         TestBus bus;
@@ -192,6 +197,42 @@ TEST(Exchange, LetsASessionGoOnOnAnotherConnection) {
     EXPECT_EQ(bus.peers["new"]->clientId, 1);
     EXPECT_EQ(bus.take("a", dataOn("_INBOX.7F000001.U0001.G1.1"), dataOn("X")), nullptr);
     EXPECT_EQ(bus.takeJournal(), Journal{"new < 1 on _INBOX.7F000001.U0001.G1.1"});
+
+    // From another address it's another's, also while it is absent.
+    Peer absent;
+    const char* const kWords = "its session is another client's";
+    for (const bool isParked : {false, true}) {
+        if (isParked) {
+            ASSERT_TRUE(exchangePark(&bus.exchange, bus.peers["new"].get(), &absent));
+        }
+        bus.enter("thief", 2);
+        EXPECT_STREQ(bus.take("thief", startMessage({.session = kSession})), kWords);
+        exchangeLeave(&bus.exchange, bus.peers["thief"].get());
+    }
+    bus.journal.clear();
+    EXPECT_EQ(bus.peers["new"]->member.realm, nullptr);
+    EXPECT_EQ(bus.take("a", dataOn("_INBOX.7F000001.U0001.G1.1")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{});  // nobody is there to get it
+    bus.enter("back");
+    EXPECT_EQ(bus.take("back", startMessage({.session = kSession})), nullptr);
+    EXPECT_EQ(bus.takeJournal(), (Journal{"? cut", "back < R"}));
+    EXPECT_EQ(bus.peers["back"]->clientId, 1);
+}
+
+TEST(Exchange, GivesNobodyTheSessionOfAnotherId) {
+    TestBus bus;
+    bus.join("a", {});
+    EXPECT_EQ(bus.peers["a"]->clientId, 1);
+    EXPECT_NE(bus.take("a", startMessage({.session = "7F000001.U0002.G1"})), nullptr);
+    bus.join("b", {});
+    EXPECT_EQ(bus.take("b", startMessage({.session = "7F000001.U0002.G1"})), nullptr);
+}
+
+TEST(Exchange, EscapesWhatTheLogShows) {
+    TestBus bus;
+    bus.enter("a");
+    EXPECT_EQ(bus.take("a", startMessage({.user = "j\x1b[2J\noe\\\xff"})), nullptr);
+    EXPECT_STREQ(bus.peers["a"]->start.user, "j\\x1b[2J\\x0aoe\\x5c\\xff");
 }
 
 TEST(Exchange, CutsOffWhoBreaksTheRules) {
@@ -254,7 +295,7 @@ TEST(Exchange, StandsLackOfMemory) {
     bus.quiet = true;
     const size_t failing = eachAllocationFails([&] {
         Peer peer;
-        exchangeEnter(&bus.exchange, &peer, &bus);
+        exchangeEnter(&bus.exchange, &peer, &bus, 1);
         pelmoMsg* const batch[] = {start.get(), listen.get(), data.get()};
         const char* fault = exchangeTake(&bus.exchange, &peer, batch);
         const bool all = allocationsFailed() == 0;
