@@ -47,13 +47,14 @@ TEST(PmdOptions, ListensWhereItIsTold) {
 TEST(PmdOptions, SetsWhatItIsTold) {
     PmdOptions options{};
     std::string error;
-    ASSERT_EQ(read({"-no-permanent", "--client-backlog", "2", "--max-clients=3", "--oska",
-                    "239.255.0.1:7501", "--interface", "127.0.0.1"},
+    ASSERT_EQ(read({"-no-permanent", "--client-backlog", "2", "--memory", "16", "--max-clients=3",
+                    "--oska", "239.255.0.1:7501", "--interface", "127.0.0.1"},
                    options, error),
               PmdParse::kRun)
         << error;
     EXPECT_FALSE(options.permanent);
     EXPECT_EQ(options.backlogBytes, 2u << 20);
+    EXPECT_EQ(options.memoryBytes, 16u << 20);
     EXPECT_EQ(options.mostClients, 3u);
     EXPECT_TRUE(options.oska);
     EXPECT_EQ(hostOrder32(options.oskaGroup), 0xefff0001u);
