@@ -83,6 +83,11 @@ void noteLeave(const Lock* lock) {
 }
 
 }  // namespace
+
+bool lockHoldsBelow(LockRank rank) {
+    return std::ranges::any_of(held(),
+                               [rank](const HeldLock& each) { return each.lock->rank > rank; });
+}
 #else
 namespace {
 
@@ -90,6 +95,10 @@ void noteEnter(const Lock*) {}
 void noteLeave(const Lock*) {}
 
 }  // namespace
+
+bool lockHoldsBelow(LockRank) {
+    return false;
+}
 #endif
 
 pelmoStatus Lock_Init(Lock* lock, LockRank rank) {

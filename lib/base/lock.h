@@ -41,6 +41,10 @@ pelmoStatus Lock_Destroy(Lock* lock);
 void Lock_Enter(Lock* lock) PELMO_ACQUIRE(lock);
 void Lock_Leave(Lock* lock) PELMO_RELEASE(lock);
 
+// Does the calling thread hold a lock that stands further down than `rank`? For assertions: false
+// in builds with NDEBUG.
+[[nodiscard]] bool lockHoldsBelow(LockRank rank);
+
 // Held from here to the end of the scope.
 class PELMO_SCOPED_CAPABILITY LockGuard {
   public:

@@ -15,15 +15,16 @@
 
 // Name, may a thread hold two of this rank, words for it.
 //
-// Object locks may be held in pairs, as where one queue's call ends in another queue: which of the
-// two comes first is then the rule of the module that takes both. Any lock may be taken again by
-// its holder.
+// Most object locks may be held in pairs, as where one queue's call ends in another queue: which of
+// the two comes first is then the rule of the module that takes both. Of transports a thread holds
+// one, or a circuit and the transport beneath it. Any lock may be taken again by its holder.
 #define PELMO_LOCK_RANK_TABLE(ROW)                    \
     ROW(kStop, false, "stop lock")                    \
     ROW(kStats, false, "stats lock")                  \
     ROW(kDaemon, false, "bus daemon lock")            \
     ROW(kLibrary, false, "library lock")              \
-    ROW(kTransportObject, true, "transport object")   \
+    ROW(kCircuitObject, false, "circuit object")      \
+    ROW(kTransportObject, false, "transport object")  \
     ROW(kLink, false, "daemon link lock")             \
     ROW(kConnects, false, "list of connects")         \
     ROW(kEndpoint, false, "endpoint lock")            \

@@ -137,7 +137,7 @@ void fillBatchLocked(Batch& batch, Queue* queue, DispatchBatch kind)
 // dispatch. All events of a batch belong to its queue, whose data lock guards their counts; the
 // lock checker can't know that, neither here nor in countDownLocked.
 void countDispatchLocked(const Batch& batch, Queue* queue) PELMO_UNCHECKED_LOCKING {
-    ++queue->dispatching;
+    ++queue->running;
     for (uint32_t i = 0; i < batch.eventCount; ++i)
         ++batch.events[i]->dispatchCount;
 }
@@ -195,12 +195,10 @@ pelmoEventCompletion countDownLocked(Event* event) PELMO_UNCHECKED_LOCKING {
 // waited for it.
 void finishBatch(const Batch& batch, Queue* queue) {
     pelmoEventCompletion completions[kMostBatchMessages];
-    pelmoQueueCompletion queueCompletion = nullptr;
-    void* queueClosure;
+    QueueEnd end{};
     {
         const LockGuard guard(queue->dataLock);
-        if (--queue->dispatching == 0) queueCompletion = std::exchange(queue->completion, nullptr);
-        queueClosure = queue->completionClosure;
+        end = queueFinishLocked(queue);
         for (uint32_t i = 0; i < batch.eventCount; ++i) {
             completions[i] = countDownLocked(batch.events[i]);
         }
@@ -210,7 +208,7 @@ void finishBatch(const Batch& batch, Queue* queue) {
         if (event->kind == kEventIo && !idIsIoQueue(event->queueId)) (void)Event_RegisterIO(event);
         if (completions[i] != nullptr) completions[i](event->header.id, event->closure);
     }
-    if (queueCompletion != nullptr) queueCompletion(queue->header.id, queueClosure);
+    end.call(queue->header.id);
 }
 
 // A message that the callback detached stays alive: detaching took a reference of its own.

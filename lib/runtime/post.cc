@@ -108,22 +108,23 @@ pelmoStatus postLocked(Held<Queue>& queue, Event* event, bool& posted)
 }
 
 // Tells of new entries whoever may wait for them: the queue's threads, its groups', and a foreign
-// loop by the hook. Gives the queue back.
+// loop by the hook. A queue that was destroyed while a limit was told has none any more. Gives the
+// queue back.
 void announce(Held<Queue>& queue, uint32_t entries) PELMO_RELEASE(queue->header.lock) {
+    if (Id_IsInvalid(&queue->header)) return queue.release();
     const uint32_t id = queue->header.id;
-    const pelmoQueueHook hook = queue->hook;
-    void* const closure = queue->hookClosure;
     // Threads of the library's own queues wait for their timers and sockets instead.
     if (!idIsEventManagerQueue(id)) {
         for (uint32_t i = std::min(entries, queue->waiters); i > 0; --i)
             Cond_Signal(&queue->cond);
     }
     QueueGroups groups(queue.get());
+    HookRun run;
+    const bool hasHook = hookBeginLocked(queue.get(), run);
     queue.leave();
-    groups.forEach([entries](uint32_t group) { QueueGroup_Signal(group, entries); });
+    groups.forEach([entries](uint32_t group) { return QueueGroup_Signal(group, entries); });
+    if (hasHook) hookRun(queue.get(), run, entries);
     queue.release();
-    for (uint32_t i = 0; hook != nullptr && i < entries; ++i)
-        hook(id, closure);
 }
 
 // Is there room for one of a batch? A policy that discards makes some.

@@ -2,8 +2,8 @@
 //
 // Failure: kStatusInvalidEvent, kStatusInvalidQueue, kStatusNoMemory.
 //
-// Threads: any, with no lock of the runtime held but a transport's object lock. A post takes queue
-// and event locks alone. No advisory is sent and no hook runs with these held.
+// Threads: any, with no lock of the library held, since a post may send an advisory and run a
+// queue's hook, which may make any call.
 
 #pragma once
 

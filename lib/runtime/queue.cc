@@ -19,6 +19,7 @@ void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     msgReleaseRing(queue->ready);
     msgReleaseRing(queue->pending);
     dpaDestroy(queue->groups);
+    Cond_Destroy(&queue->hookEnded);
     Cond_Destroy(&queue->cond);
     Lock_Destroy(&queue->dataLock);
     if (queue->nameOwned) std::free(const_cast<char*>(queue->name));
@@ -29,7 +30,10 @@ void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
 bool initParts(Queue* queue) {
     if (Lock_Init(&queue->dataLock, LockRank::kQueueData) != kStatusSuccess) return false;
     if (Cond_Init(&queue->cond) == kStatusSuccess) {
-        if (Id_Init(&queue->header, IdType::kQueue, destruct) == kStatusSuccess) return true;
+        if (Cond_Init(&queue->hookEnded) == kStatusSuccess) {
+            if (Id_Init(&queue->header, IdType::kQueue, destruct) == kStatusSuccess) return true;
+            Cond_Destroy(&queue->hookEnded);
+        }
         Cond_Destroy(&queue->cond);
     }
     Lock_Destroy(&queue->dataLock);
@@ -130,17 +134,6 @@ pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out) {
     traceLine(kTraceQueue, "pelmoQueue_GetHook(%u, %p)", queue, tracePointer(out));
     return readQueue(queue, out,
                      [](Queue* of) PELMO_REQUIRES(of->header.lock) { return of->hook; });
-}
-
-pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure) {
-    traceLine(kTraceQueue, "pelmoQueue_SetHook(%u, %p, %p)", queue,
-              reinterpret_cast<const void*>(hook), tracePointer(closure));
-    Held<Queue> held;
-    if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
-    if (held->synchronous) return kStatusNotPermitted;
-    held->hook = hook;
-    held->hookClosure = closure;
-    return kStatusSuccess;
 }
 
 pelmoStatus pelmoQueue_GetName(uint32_t queue, const char** out) {

@@ -35,20 +35,22 @@ enum LimitPolicy : uint32_t {
 [[nodiscard]] pelmoStatus pelmoQueue_CreateSynchronous(uint32_t* out);
 
 // Waiting threads wake, nothing more can be posted, and the queue leaves its groups. The completion
-// may be null; it runs on this thread if no dispatch is running, else on the thread of the last
-// dispatch, after its callback. kStatusNotPermitted for the default queue while the library is
-// open. Entries not dispatched are dropped.
+// may be null; it runs on this thread if no dispatch and no hook is running, else on the thread of
+// the last of these, after its callback. kStatusNotPermitted for the default queue while the
+// library is open. Entries not dispatched are dropped.
 pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion, void* closure);
 
 [[nodiscard]] pelmoStatus pelmoQueue_GetCount(uint32_t queue, uint32_t* out);
 [[nodiscard]] pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out);
 
-// The hook is called after each post, once for each entry; null removes it. A hook of a listener's
-// post runs with the transport's lock held: it may call the library, since the lock is recursive,
-// but it must not wait for another thread, as a send on a network transport does while too much is
-// queued, nor take a lock that is held elsewhere around calls of the library. Nor may it dispatch,
-// as callbacks would run with that lock held, or open or close the library. kStatusNotPermitted for
-// a synchronous queue.
+// The hook is called after each post, once for each entry; null removes it. It runs on the posting
+// thread with no lock of the library held, and may make any call that a callback may make. The
+// thread may be the library's own, which serves nobody else meanwhile, so it should be quick.
+//
+// On return no call of the former hook is running or will begin, so that its closure may be freed:
+// this waits for those that run on other threads. The caller must hold no lock that a hook takes. A
+// hook that sets its own queue's hook waits for nobody; its closure is its own from then on.
+// kStatusNotPermitted for a synchronous queue.
 pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure);
 
 [[nodiscard]] pelmoStatus pelmoQueue_GetLimitPolicy(uint32_t queue,

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "lib/containers/dpa.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/queue_group_internal.h"
@@ -16,11 +17,14 @@ pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion
     if (held.destroyLocked(queue) != kStatusSuccess) return kStatusInvalidQueue;
 
     Dpa* groups = std::exchange(held->groups, nullptr);
+    EntryRing* const pending = std::exchange(held->pending, nullptr);
+    EntryRing* ready = nullptr;
     bool completesHere = false;
     {
         const LockGuard data(held->dataLock);
+        ready = std::exchange(held->ready, nullptr);
         Cond_Broadcast(&held->cond);
-        if (completion != nullptr && held->dispatching != 0) {
+        if (completion != nullptr && held->running != 0) {
             held->completion = completion;
             held->completionClosure = closure;
         } else {
@@ -28,6 +32,10 @@ pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion
         }
     }
     held.release();
+    // With no lock held, as there may be many. Events keep the queue's record, so that its
+    // destructor may come much later.
+    msgReleaseRing(ready);
+    msgReleaseRing(pending);
 
     // A group's lock is taken before a queue's.
     for (uint32_t i = 0; groups != nullptr && i < groups->count; ++i) {
@@ -46,6 +54,6 @@ pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority) {
     held->priority = priority;
     QueueGroups groups(held.get());
     held.leave();
-    groups.forEach([queue](uint32_t group) { QueueGroup_Reorder(group, queue); });
+    groups.forEach([queue](uint32_t group) { return QueueGroup_Reorder(group, queue); });
     return kStatusSuccess;
 }

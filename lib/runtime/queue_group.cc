@@ -46,17 +46,21 @@ uint32_t priorityOf(const void* item) {
     return queue.findLocked(idFromItem(item)) == kStatusSuccess ? queue->priority : 0;
 }
 
+// Moves one queue forward past those of lower priority, to which the ones before it are sorted.
+void siftLocked(QueueGroup* group, uint32_t from) PELMO_REQUIRES(group->header.lock) {
+    void** const items = group->queues->items;
+    const uint32_t priority = priorityOf(items[from]);
+    uint32_t place = from;
+    while (place > 0 && priorityOf(items[place - 1]) < priority)
+        --place;
+    std::rotate(items + place, items + from, items + from + 1);
+}
+
 // Sorts by the current priorities and keeps equal ones in their order. The whole list is sorted,
 // since two priorities may have changed at the same time, and either change may get here first.
 void sortLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock) {
-    void** const items = group->queues->items;
-    for (uint32_t i = 1; i < group->queues->count; ++i) {
-        const uint32_t priority = priorityOf(items[i]);
-        uint32_t place = i;
-        while (place > 0 && priorityOf(items[place - 1]) < priority)
-            --place;
-        std::rotate(items + place, items + i, items + i + 1);
-    }
+    for (uint32_t i = 1; i < group->queues->count; ++i)
+        siftLocked(group, i);
 }
 
 bool removeLocked(QueueGroup* group, uint32_t queue) PELMO_REQUIRES(group->header.lock) {
@@ -98,7 +102,7 @@ pelmoStatus pelmoQueueGroup_Create(uint32_t* out) {
     return kStatusSuccess;
 }
 
-// Its queues keep its id until they notice that the group is gone.
+// Its queues keep its id until they next visit their groups.
 pelmoStatus pelmoQueueGroup_Destroy(uint32_t group) {
     traceLine(kTraceQueueGroup, "pelmoQueueGroup_Destroy(%u)", group);
     Held<QueueGroup> held;
@@ -126,7 +130,8 @@ pelmoStatus pelmoQueueGroup_Add(uint32_t group, uint32_t queue) {
         partLocked(queue, group);
         return kStatusNoMemory;
     }
-    sortLocked(held.get());
+    // The others are sorted, but for those whose change of priority is still to come here.
+    siftLocked(held.get(), held->queues->count - 1);
     Cond_Signal(&held->cond);
     return kStatusSuccess;
 }
@@ -141,11 +146,12 @@ pelmoStatus pelmoQueueGroup_Remove(uint32_t group, uint32_t queue) {
     return kStatusSuccess;
 }
 
-void QueueGroup_Signal(uint32_t group, uint32_t times) {
+bool QueueGroup_Signal(uint32_t group, uint32_t times) {
     Held<QueueGroup> held;
-    if (held.find(group) != kStatusSuccess) return;
+    if (held.find(group) != kStatusSuccess) return false;
     while (times-- > 0)
         Cond_Signal(&held->cond);
+    return true;
 }
 
 void QueueGroup_Forget(uint32_t group, uint32_t queue) {
@@ -155,10 +161,26 @@ void QueueGroup_Forget(uint32_t group, uint32_t queue) {
 }
 
 // Puts the queue behind the others of its new priority.
-void QueueGroup_Reorder(uint32_t group, uint32_t queue) {
+bool QueueGroup_Reorder(uint32_t group, uint32_t queue) {
     Held<QueueGroup> held;
-    if (held.findLocked(group) != kStatusSuccess) return;
-    if (!removeLocked(held.get(), queue)) return;
+    if (held.findLocked(group) != kStatusSuccess) return false;
+    if (!removeLocked(held.get(), queue)) return true;
     held->queues->items[held->queues->count++] = idToItem(queue);  // into the place just freed
     sortLocked(held.get());
+    return true;
+}
+
+// From the last one back, and each at the place that it was copied from: a search would make the
+// visit of many dead groups take time by the square of their number.
+void QueueGroups::dropLocked(uint32_t gone) {
+    Dpa* const groups = queue->groups;
+    for (uint32_t i = count; groups != nullptr && i-- > 0;) {
+        if ((gone >> i & 1) == 0) continue;
+        const uint32_t place = left + i;
+        if (place < groups->count && idFromItem(groups->items[place]) == ids[i]) {
+            dpaRemoveAt(groups, place);
+        } else {
+            dpaRemoveValue(groups, idToItem(ids[i]));
+        }
+    }
 }

@@ -25,11 +25,11 @@ struct QueueGroup {
 
 // The rest is called by queues.
 
-// Signals the group's condition `times` times; nothing happens if the group is gone.
-void QueueGroup_Signal(uint32_t group, uint32_t times);
+// Signals the group's condition `times` times. False if the group is gone.
+[[nodiscard]] bool QueueGroup_Signal(uint32_t group, uint32_t times);
 
 // Removes a queue that ends from a group; nothing happens if it isn't in the group.
 void QueueGroup_Forget(uint32_t group, uint32_t queue);
 
-// Moves a queue whose priority changed to its new place.
-void QueueGroup_Reorder(uint32_t group, uint32_t queue);
+// Moves a queue whose priority changed to its new place. False if the group is gone.
+[[nodiscard]] bool QueueGroup_Reorder(uint32_t group, uint32_t queue);

@@ -7,6 +7,8 @@
 
 #pragma once
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstdint>
 
@@ -18,6 +20,18 @@
 
 struct EntryRing;
 
+// The calls of a hook for one post, on the stack of the thread that makes them.
+struct HookRun {
+    // Guarded by the queue's object lock.
+    HookRun* next;
+    uint64_t change;  // the queue's `hookChange` when it began
+
+    // Of its own thread alone.
+    pthread_t thread;
+    pelmoQueueHook hook;  // null once the hook itself has removed it
+    void* closure;
+};
+
 struct Queue {
     static constexpr IdType kIdType = IdType::kQueue;
     IdHeader header;
@@ -25,12 +39,14 @@ struct Queue {
     // Constant after creation.
     bool synchronous;  // can only be polled: no dispatch, hook, limit or group
     Cond cond;         // signalled at a post while `waiters` isn't 0
+    Cond hookEnded;    // broadcast at the end of a hook's run while `hookWaiters` isn't 0
     Lock dataLock;
 
     const char* name PELMO_GUARDED_BY(header.lock);
-    bool nameOwned PELMO_GUARDED_BY(header.lock);      // on the heap
-    EntryRing* pending PELMO_GUARDED_BY(header.lock);  // swapped with `ready` under both locks
-    uint32_t waiters PELMO_GUARDED_BY(header.lock);    // threads in a wait on `cond`
+    bool nameOwned PELMO_GUARDED_BY(header.lock);  // on the heap
+    // Swapped with `ready` under both locks. Both rings are null once the queue was destroyed.
+    EntryRing* pending PELMO_GUARDED_BY(header.lock);
+    uint32_t waiters PELMO_GUARDED_BY(header.lock);  // threads in a wait on `cond`
     LimitPolicy limitPolicy PELMO_GUARDED_BY(header.lock);
     uint32_t priority PELMO_GUARDED_BY(header.lock);
     uint32_t maxEvents PELMO_GUARDED_BY(header.lock);      // 0: no limit
@@ -38,9 +54,14 @@ struct Queue {
     Dpa* groups PELMO_GUARDED_BY(header.lock);             // ids of its groups; null: none
     pelmoQueueHook hook PELMO_GUARDED_BY(header.lock);
     void* hookClosure PELMO_GUARDED_BY(header.lock);
+    uint64_t hookChange PELMO_GUARDED_BY(header.lock);   // counts the calls that set the hook
+    HookRun* hookRuns PELMO_GUARDED_BY(header.lock);     // those under way
+    uint32_t hookWaiters PELMO_GUARDED_BY(header.lock);  // threads in a wait on `hookEnded`
 
     EntryRing* ready PELMO_GUARDED_BY(dataLock);
-    uint32_t dispatching PELMO_GUARDED_BY(dataLock);  // calls between taking entries and finishing
+
+    // Dispatches between taking entries and finishing, and runs of the hook.
+    uint32_t running PELMO_GUARDED_BY(dataLock);
     pelmoQueueCompletion completion PELMO_GUARDED_BY(dataLock);
     void* completionClosure PELMO_GUARDED_BY(dataLock);
 };
@@ -73,12 +94,32 @@ void Queue_DiscardNewest(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 // again: all that the lock guards may have changed meanwhile, and the queue may be invalid.
 void queueTellLimit(Held<Queue>& queue) PELMO_REQUIRES(queue->header.lock);
 
+// The completion of a destroyed queue, and its closure; none where there is nothing to call.
+struct QueueEnd {
+    pelmoQueueCompletion completion;
+    void* closure;
+
+    void call(uint32_t queue) const {
+        if (completion != nullptr) completion(queue, closure);
+    }
+};
+
+// One of those counted in `running` has finished. The caller calls what it gets with no lock held.
+[[nodiscard]] QueueEnd queueFinishLocked(Queue* queue) PELMO_REQUIRES(queue->dataLock);
+
+// Counts a run of the hook. False where there is none to call.
+[[nodiscard]] bool hookBeginLocked(Queue* queue, HookRun& run) PELMO_REQUIRES(queue->header.lock);
+
+// Calls the hook so many times, and finishes the run. The caller holds a reference and no lock.
+void hookRun(Queue* queue, HookRun& run, uint32_t times);
+
 // The groups of a queue at the time when this was made under its object lock. They are visited
 // without that lock, since a group's lock is taken before a queue's.
 //
 // Ids are copied 32 at a time, the last ones first, and the rest is read from the queue later, so a
 // visit needs no memory. It misses no group: one that is joined is added at the end and reads the
-// queue's state itself, and one that is left only moves the last id forward.
+// queue's state itself, and one that is left only moves the last id forward. Ids of groups that are
+// gone are taken off the queue's list.
 class QueueGroups {
   public:
     // The lock checker can't see that the argument's lock is the one that the member needs.
@@ -87,14 +128,17 @@ class QueueGroups {
         takeLocked();
     }
 
-    // The caller holds a reference to the queue, and no lock.
+    // visit(id) is false for a group that is gone. The caller holds a reference to the queue, and
+    // no lock.
     template <typename Visit>
     void forEach(Visit visit) {
         for (;;) {
+            uint32_t gone = 0;
             for (uint32_t i = 0; i < count; ++i)
-                visit(ids[i]);
-            if (left == 0) return;
+                gone |= visit(ids[i]) ? 0 : uint32_t{1} << i;
+            if (left == 0 && gone == 0) return;
             Id_Enter(&queue->header);
+            if (gone != 0) dropLocked(gone);
             takeLocked();
             Id_Leave(&queue->header);
         }
@@ -102,6 +146,9 @@ class QueueGroups {
 
   private:
     static constexpr uint32_t kAtATime = 32;
+
+    // Of the ids copied, those whose bit is set.
+    void dropLocked(uint32_t gone) PELMO_REQUIRES(queue->header.lock);
 
     void takeLocked() PELMO_REQUIRES(queue->header.lock) {
         left = std::min(left, queue->groups != nullptr ? queue->groups->count : 0);

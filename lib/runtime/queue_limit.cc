@@ -1,5 +1,6 @@
 // A queue's limit: its policy, and which entries a discard drops.
 
+#include <cassert>
 #include <cstdlib>
 
 #include "lib/base/text.h"
@@ -97,6 +98,7 @@ void queueTellLimit(Held<Queue>& queue) {
     // The name may change as soon as the lock is released.
     char* name = concat2(queue->name, "");
     queue.leave();
+    assert(!lockHoldsBelow(LockRank::kLibrary));  // listeners' queues may have hooks
     if (name != nullptr && transportOps.sendAdvisory != nullptr) {
         // The post goes on even if the advisory can't be sent.
         (void)transportOps.sendAdvisory(kIntraProcessTransportId, "WARN", "SYSTEM",

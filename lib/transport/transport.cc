@@ -158,6 +158,7 @@ Transport* Transport_New(TransportKind kind) PELMO_UNCHECKED_LOCKING {
         return nullptr;
     }
     transport->kind = kind;
+    if (kind == TransportKind::kCircuit) transport->header.lock.rank = LockRank::kCircuitObject;
     transport->nextInbox = 1;
     transport->subjects = sublistCreate();
     transport->spareQueues = dpaCreate(kMostSpareQueues);

@@ -1,8 +1,8 @@
 // Delivery: from a message to the queues of the listeners on its subject.
 //
-// Posting can re-enter delivery on the same thread, and a hook can destroy listeners meanwhile. So
-// the matching listeners are copied, each with a reference, before the first post: the next match
-// overwrites the subject list's own array.
+// Listeners are matched under the transport's lock and posted to without it: a post may run a
+// queue's hook or tell of a limit on another transport. So the matching listeners are copied, each
+// with a reference; the next match overwrites the subject list's own array.
 
 #include <cstdlib>
 #include <cstring>
@@ -114,7 +114,8 @@ struct TracedSubject {
     }
 };
 
-// Takes the event's lock only when the value changes: most transports never have such hooks.
+// Takes the event's lock only when the value changes: most transports never have such hooks. With
+// the transport's lock held, so that the last to write knows best.
 void noteInboundHooks(Event* event, bool hooks) {
     if (event->listener.inboundHooks.load(std::memory_order_relaxed) == hooks) return;
     Id_Enter(&event->header);
@@ -125,7 +126,7 @@ void noteInboundHooks(Event* event, bool hooks) {
 enum class Pushed { kYes, kCutOff, kNoMemory };
 
 // The copy stays in the listener's inbox until there is a place for it on the queue.
-Pushed pushCopy(Event* event, pelmoMsg* copy, const TracedSubject& subject, bool hooks) {
+Pushed pushCopy(Event* event, pelmoMsg* copy, const TracedSubject& subject) {
     Pushed pushed = Pushed::kCutOff;
     Id_Enter(&event->header);
     if (event->listener.inbox != nullptr) {
@@ -134,7 +135,6 @@ Pushed pushCopy(Event* event, pelmoMsg* copy, const TracedSubject& subject, bool
                       tracePointer(copy), subject.text);
         }
         pushed = EntryRing_PushBack(event->listener.inbox, copy) ? Pushed::kYes : Pushed::kNoMemory;
-        event->listener.inboundHooks.store(hooks, std::memory_order_relaxed);
     }
     Id_Leave(&event->header);
     return pushed;
@@ -151,11 +151,11 @@ void dropWaiting(Event* event) {
     Id_Leave(&event->header);
 }
 
-pelmoStatus deliverTo(Event* event, pelmoMsg* message, const TracedSubject& subject, bool hooks) {
+pelmoStatus deliverTo(Event* event, pelmoMsg* message, const TracedSubject& subject) {
     pelmoMsg* copy = nullptr;
     const pelmoStatus status = msgShareCopy(&copy, message);
     if (status != kStatusSuccess) return status;
-    const Pushed pushed = pushCopy(event, copy, subject, hooks);
+    const Pushed pushed = pushCopy(event, copy, subject);
     if (pushed != Pushed::kYes) {
         msgRelease(copy);
         return pushed == Pushed::kNoMemory ? kStatusNoMemory : kStatusSuccess;
@@ -172,13 +172,18 @@ class Collector {
     Collector(const Collector&) = delete;
     Collector& operator=(const Collector&) = delete;
 
+    // False where what was collected has to be posted first.
+    [[nodiscard]] bool fits(const Event* event) const {
+        return count_ == 0 || (event->queueId == queueId_ && count_ != kMostEntries);
+    }
+
     // Takes ownership of the message.
     void add(const Event* event, pelmoMsg* message) {
-        if (event->queueId != queueId_ || count_ == kMostEntries) flush();
         queueId_ = event->queueId;
         entries_[count_++] = {event->header.id, message};
     }
 
+    // With no lock held.
     void flush() {
         if (count_ == 0) return;
         const uint32_t count = std::exchange(count_, 0);
@@ -218,17 +223,22 @@ class BatchMatch {
     size_t lengthBytes_ = 0;  // 0: no subject is held
 };
 
-// True where a listener took the message itself.
-bool collectFor(const Transport* transport,
+// True where a listener took the message itself. The lock is released meanwhile where something has
+// to be posted.
+bool collectFor(Transport* transport,
                 std::span<Event* const> events,
                 pelmoMsg* message,
                 Collector& collector) PELMO_REQUIRES(transport->header.lock) {
-    const bool hooks = transportHasHooks(transport, kHookInbound);
     const bool share = events.size() > 1;
     for (Event* event : events) {
-        noteInboundHooks(event, hooks);
         pelmoMsg* given = message;
         if (share && msgShareCopy(&given, message) != kStatusSuccess) continue;
+        if (!collector.fits(event)) {
+            Id_Leave(&transport->header);
+            collector.flush();
+            Id_Enter(&transport->header);
+        }
+        noteInboundHooks(event, transportHasHooks(transport, kHookInbound));
         collector.add(event, given);
     }
     return !share;
@@ -262,7 +272,6 @@ bool batchOne(Transport* transport,
     return true;
 }
 
-// The last post comes behind the lock.
 bool batchAll(Transport* transport, std::span<pelmoMsg* const> messages, Origin origin) {
     Collector collector;
     BatchMatch match;
@@ -276,28 +285,41 @@ bool batchAll(Transport* transport, std::span<pelmoMsg* const> messages, Origin 
     return isWhole;
 }
 
-}  // namespace
-
-pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message) {
+// The message's subject, and the listeners on it.
+pelmoStatus matchLocked(Transport* transport,
+                        pelmoMsg* message,
+                        const uint8_t** subject,
+                        HeldListeners& listeners) PELMO_REQUIRES(transport->header.lock) {
     if (!msgIsValid(message)) return kStatusInvalidMessage;
-    const uint8_t* subject = nullptr;
-    pelmoStatus status = messageSubject(message, &subject);
+    const pelmoStatus status = messageSubject(message, subject);
     if (status != kStatusSuccess) return status;
-    traceAdvisory(message, subject, "Internally generated advisory");
+    traceAdvisory(message, *subject, "Internally generated advisory");
     SubjectList* list = transport->subjects;
-    HeldListeners listeners;
-    if (!listeners.hold(subjectIsInbox(subject) ? sublistFind(list, subject)
-                                                : sublistMatch(list, subject))) {
+    if (!listeners.hold(subjectIsInbox(*subject) ? sublistFind(list, *subject)
+                                                 : sublistMatch(list, *subject))) {
         return kStatusNoMemory;
     }
+    const bool hooks = transportHasHooks(transport, kHookInbound);
+    for (Event* event : listeners.events())
+        noteInboundHooks(event, hooks);
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+pelmoStatus Transport_Deliver(Held<Transport>& transport, pelmoMsg* message) {
+    const uint8_t* subject = nullptr;
+    HeldListeners listeners;
+    pelmoStatus status = matchLocked(transport.get(), message, &subject, listeners);
+    transport.leave();
+    if (status != kStatusSuccess) return status;
     if (listeners.events().empty()) {
         logUnhandled(message, subject);
         return kStatusSuccess;
     }
-    const bool hooks = transportHasHooks(transport, kHookInbound);
     const TracedSubject traced(subject);
     for (Event* event : listeners.events()) {
-        const pelmoStatus delivered = deliverTo(event, message, traced, hooks);
+        const pelmoStatus delivered = deliverTo(event, message, traced);
         if (delivered != kStatusSuccess) status = delivered;
     }
     return status;
@@ -321,7 +343,7 @@ pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message) {
     if (status != kStatusSuccess) return status;  // not a message: nothing to release
     switch (held->kind) {
         case TransportKind::kIntraProcess:
-            status = Transport_Deliver(held.get(), message);
+            status = Transport_Deliver(held, message);
             msgRelease(message);
             break;
         case TransportKind::kNetwork:

@@ -1,10 +1,9 @@
 // The transport's record and the transport floor's internal calls. The calls for applications are
 // in lib/transport/transport.h.
 //
-// Order of locks: a circuit's object lock, that of the transport beneath it, that of the
-// intra-process transport; then those of queues and events. Posting may run a queue's hook, or send
-// an advisory that re-enters the same transport on the same thread: the lock is recursive for that
-// reason, and no list of the record may be walked while posting.
+// Order of locks: a circuit's object lock, that of the transport beneath it; then those of queues
+// and events. No other two transports are ever held at a time. None is held by whoever posts, as a
+// queue's hook may make any call, and the advisory of its limit goes to another transport.
 
 #pragma once
 
@@ -112,15 +111,15 @@ void transportAttach();
 // Delivery
 
 // Delivers a copy to each listener on the message's subject; an advisory of class "WARN" or "ERROR"
-// without a listener is logged. The caller holds the object lock and keeps the message.
-// kStatusInvalidMessage, kStatusInvalidSubject; kStatusNoMemory when a listener didn't get its
-// copy.
-[[nodiscard]] pelmoStatus Transport_Deliver(Transport* transport, pelmoMsg* message)
-    PELMO_REQUIRES(transport->header.lock);
+// without a listener is logged. The caller holds the object lock once and keeps the message; the
+// lock is released before the first post, and stays so. kStatusInvalidMessage,
+// kStatusInvalidSubject; kStatusNoMemory when a listener didn't get its copy.
+[[nodiscard]] pelmoStatus Transport_Deliver(Held<Transport>& transport, pelmoMsg* message)
+    PELMO_RELEASE(transport->header.lock);
 
 // Delivers messages from outside in order and takes ownership of them; one that is malformed or has
-// no send subject is dropped. The caller holds a reference and should not hold the object lock,
-// which is taken here and released before the last post.
+// no send subject is dropped. The caller holds a reference and no lock; the object lock is taken
+// here, and not held while messages are posted.
 void Transport_DeliverBatch(Transport* transport, std::span<pelmoMsg* const> messages);
 
 // The same for a circuit's listeners: nothing is logged, and each of many listeners gets a message.

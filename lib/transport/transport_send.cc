@@ -103,17 +103,20 @@ pelmoStatus sendTogether(Transport* transport, const HeldMessages& outgoing)
 }
 
 // Sends by a transport that isn't a circuit.
-pelmoStatus sendOrGather(Transport* transport, HeldMessage ready, HeldMessages& outgoing)
+pelmoStatus sendOrGather(Held<Transport>& transport, HeldMessage ready, HeldMessages& outgoing)
     PELMO_REQUIRES(transport->header.lock) {
     switch (transport->kind) {
-        case TransportKind::kIntraProcess:
-            return Transport_Deliver(transport, ready.get());
+        case TransportKind::kIntraProcess: {
+            const pelmoStatus status = Transport_Deliver(transport, ready.get());
+            transport.enter();
+            return status;
+        }
         case TransportKind::kNetwork: {
             const uint8_t* subject = nullptr;
             const bool direct = transport->directEndpoint != nullptr &&
                                 messageSubject(ready.get(), &subject) == kStatusSuccess &&
                                 subjectIsInbox(subject);
-            if (direct) return sendOnNetwork(transport, ready.get());
+            if (direct) return sendOnNetwork(transport.get(), ready.get());
             if (transport->link == nullptr) return kStatusInvalidTransport;
             outgoing.add(std::move(ready));
             return kStatusSuccess;
@@ -143,39 +146,41 @@ pelmoStatus sendAllOnCircuit(Transport* circuit, std::span<pelmoMsg* const> mess
     return status != kStatusSuccess ? status : failure;
 }
 
-pelmoStatus sendAll(Transport* transport, std::span<pelmoMsg* const> messages)
+pelmoStatus sendAll(Held<Transport>& transport, std::span<pelmoMsg* const> messages)
     PELMO_REQUIRES(transport->header.lock) {
     if (messages.empty()) return kStatusSuccess;
-    if (transport->kind == TransportKind::kCircuit) return sendAllOnCircuit(transport, messages);
+    if (transport->kind == TransportKind::kCircuit) {
+        return sendAllOnCircuit(transport.get(), messages);
+    }
     HeldMessages outgoing;
     const bool staysHere = transport->kind == TransportKind::kIntraProcess;
     if (!staysHere && !outgoing.makeRoom(messages.size())) return kStatusNoMemory;
     pelmoStatus status = kStatusSuccess;
     for (pelmoMsg* message : messages) {
         HeldMessage ready;
-        status = prepare(transport, message, ready);
+        status = prepare(transport.get(), message, ready);
         if (status == kStatusSuccess && ready != nullptr) {
             status = sendOrGather(transport, std::move(ready), outgoing);
         }
         if (status != kStatusSuccess) return status;
     }
-    return sendTogether(transport, outgoing);
+    return sendTogether(transport.get(), outgoing);
 }
 
-pelmoStatus sendOne(Transport* transport, pelmoMsg* message)
-    PELMO_REQUIRES(transport->header.lock) {
+// Whether the lock is still held on return differs by kind.
+pelmoStatus sendOne(Held<Transport>& transport, pelmoMsg* message) PELMO_UNCHECKED_LOCKING {
     HeldMessage ready;
-    const pelmoStatus status = prepare(transport, message, ready);
+    const pelmoStatus status = prepare(transport.get(), message, ready);
     if (status != kStatusSuccess || ready == nullptr) return status;
     switch (transport->kind) {
         case TransportKind::kIntraProcess:
             return Transport_Deliver(transport, ready.get());
         case TransportKind::kNetwork:
-            return sendOnNetwork(transport, ready.get());
+            return sendOnNetwork(transport.get(), ready.get());
         case TransportKind::kCircuit:
             break;
     }
-    return circuitOps.send(transport, ready.get());
+    return circuitOps.send(transport.get(), ready.get());
 }
 
 }  // namespace
@@ -183,13 +188,13 @@ pelmoStatus sendOne(Transport* transport, pelmoMsg* message)
 pelmoStatus transportSend(uint32_t transport, pelmoMsg* message) {
     Held<Transport> held;
     if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
-    return sendOne(held.get(), message);
+    return sendOne(held, message);
 }
 
 pelmoStatus transportSendVector(uint32_t transport, std::span<pelmoMsg* const> messages) {
     Held<Transport> held;
     if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
-    return sendAll(held.get(), messages);
+    return sendAll(held, messages);
 }
 
 pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message) {

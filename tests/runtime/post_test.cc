@@ -1,6 +1,7 @@
 #include "lib/runtime/post.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -164,9 +165,20 @@ TEST_F(Posts, TellOfTheLimitWithNoLockHeld) {
 
 TEST_F(Posts, OfABatchDropTheRestWhereTheQueueEnds) {
     ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardLast, 1, 0), kStatusSuccess);
-    meanwhile = [this] { (void)pelmoQueue_DestroyEx(queue, nullptr, nullptr); };
-    postBatch(queue, std::vector<uint32_t>(4, listener.id));
+    bool hasEnded = false;
+    const auto hook = [](uint32_t, void* ended) { EXPECT_FALSE(*static_cast<bool*>(ended)); };
+    ASSERT_EQ(pelmoQueue_SetHook(queue, hook, &hasEnded), kStatusSuccess);
+    const auto end = [](uint32_t, void* ended) { *static_cast<bool*>(ended) = true; };
+    meanwhile = [&] { (void)pelmoQueue_DestroyEx(queue, end, &hasEnded); };
+    pelmoMsg* const first = messageFor(listener.id);
+    msgRetain(first);
+    const PostEntry batch[] = {{listener.id, first}, {listener.id, messageFor(listener.id)}};
+    Queue_PostBatch(queue, batch);
+    EXPECT_TRUE(hasEnded);
     EXPECT_EQ(advisories.size(), 1u);
+    // What waited went with it, although events still keep the queue's record.
+    EXPECT_EQ(first->refCount.load(), 1u);
+    msgRelease(first);
     postBatch(queue, {listener.id});  // and all of it where there is none
 }
 
@@ -197,6 +209,74 @@ TEST_F(Posts, CallTheHookForEachEntryWithNoLockHeld) {
     EXPECT_EQ(calls, 1u);
     postBatch(queue, {listener.id, kNoId, listener.id});
     EXPECT_EQ(calls, 3u);
+}
+
+// A hook that runs on a thread of its own until the test lets it end.
+struct SlowHook {
+    std::atomic<bool> runs{false}, mayEnd{false}, hasEnded{false};
+    std::jthread thread;
+
+    SlowHook(uint32_t queue, const TestEvent& event) {
+        EXPECT_EQ(pelmoQueue_SetHook(queue, run, this), kStatusSuccess);
+        thread = std::jthread([&event] { EXPECT_EQ(Event_Post(event.event), kStatusSuccess); });
+        runs.wait(false);
+    }
+    void end() {
+        mayEnd = true;
+        mayEnd.notify_all();
+    }
+    static void run(uint32_t, void* closure) {
+        auto& self = *static_cast<SlowHook*>(closure);
+        self.runs = true;
+        self.runs.notify_all();
+        self.mayEnd.wait(false);
+        self.hasEnded = true;
+    }
+};
+
+TEST_F(Posts, KeepTheQueuesCompletionUntilTheLastHookHasEnded) {
+    SlowHook slow(queue, timer);
+    static SlowHook* of;
+    of = &slow;
+    static std::atomic<bool> completed;
+    completed = false;
+    const auto complete = [](uint32_t, void*) {
+        EXPECT_TRUE(of->hasEnded);
+        completed = true;
+    };
+    EXPECT_EQ(pelmoQueue_DestroyEx(queue, complete, nullptr), kStatusSuccess);
+    EXPECT_FALSE(completed);
+    slow.end();
+    slow.thread.join();
+    EXPECT_TRUE(completed);
+}
+
+TEST_F(Posts, LetAHookEndBeforeItIsReplaced) {
+    SlowHook slow(queue, timer);
+    Queue* const record = recordOf<Queue>(queue);
+    std::thread removing([&] {
+        EXPECT_EQ(pelmoQueue_SetHook(queue, nullptr, nullptr), kStatusSuccess);
+        EXPECT_TRUE(slow.hasEnded);
+    });
+    for (bool waits = false; !waits; std::this_thread::yield()) {
+        const LockGuard guard(record->header.lock);
+        waits = record->hookWaiters == 1;
+    }
+    // A run of the new one doesn't count: only the former one's closure is given up.
+    static uint32_t calls;
+    calls = 0;
+    const auto replace = [](uint32_t id, void*) {
+        ++calls;
+        EXPECT_EQ(pelmoQueue_SetHook(id, nullptr, nullptr), kStatusSuccess);
+    };
+    {
+        const LockGuard guard(record->header.lock);
+        record->hook = replace;
+    }
+    postBatch(queue, {listener.id, listener.id, listener.id});
+    EXPECT_EQ(calls, 1u);  // the thread's own run ends at once, and doesn't wait for the other's
+    slow.end();
+    removing.join();
 }
 
 TEST_F(Posts, SignalOnlyQueuesWithSleepers) {

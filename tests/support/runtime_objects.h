@@ -200,3 +200,14 @@ inline bool isFree(Lock& lock) {
     }).join();
     return free;
 }
+
+// The hook of a queue: counts its calls, and finds each transport's lock free meanwhile.
+inline void expectTransportsFree(uint32_t, void* calls) {
+    ++*static_cast<uint32_t*>(calls);
+    for (const uint32_t id : idsOf(IdType::kTransport)) {
+        IdHeader* transport = nullptr;
+        ASSERT_EQ(Id_Get(id, IdType::kTransport, &transport, IdAccess::kUnlocked), kStatusSuccess);
+        EXPECT_TRUE(isFree(transport->lock)) << id;
+        Id_Release(transport, false);
+    }
+}

@@ -295,7 +295,10 @@ TEST_F(Network, DeliversMoreThanABatchHolds) {
     const TestListener first(queue, "A", id);
     const TestListener second(queue, "A", id);
     const std::vector<std::pair<std::string, const char*>> many(kMessages, {"A", "x"});
+    uint32_t posts = 0;
+    ASSERT_EQ(pelmoQueue_SetHook(queue, expectTransportsFree, &posts), kStatusSuccess);
     arrive(many);
+    EXPECT_EQ(posts, 2 * kMessages);
     EXPECT_EQ(first.texts.size(), kMessages);
     EXPECT_EQ(second.texts.size(), kMessages);
     ASSERT_EQ(pelmoTransport_SetFirstListenerOnly(id), kStatusSuccess);

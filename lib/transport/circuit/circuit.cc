@@ -20,7 +20,6 @@ namespace {
 constexpr size_t kInboxTextBytes = kInboxPrefixBytes + 24;
 constexpr const char* kClassInfo = "INFO";
 constexpr const char* kClassError = "ERROR";
-constexpr const char* kSource = "SYSTEM";
 
 // A live circuit that isn't being destroyed, locked.
 struct HeldCircuit {
@@ -47,23 +46,24 @@ void endEvent(uint32_t* event) {
     if (*event != kNoId) pelmoEvent_DestroyEx(std::exchange(*event, kNoId), nullptr);
 }
 
-// Ends what belongs to a connection, but for the transport and its listeners. The advisory comes to
-// listeners ahead of the wake-up, so that who was woken finds it on its queue.
+// Ends what belongs to a connection, but for the transport and its listeners. The lock is released
+// meanwhile, by when the circuit has ended for everybody. The advisory comes to listeners ahead of
+// the wake-up, so that who was woken finds it on its queue.
 void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     if (circuit->state == CircuitState::kDisconnected) return;
     const NoWait noWait;
     endEvent(&circuit->heartbeatTimer);
     endEvent(&circuit->unreachableListener);
-    if (saysGoodbye && circuit->state == CircuitState::kConnected) {
+    const bool wasConnected = circuit->state == CircuitState::kConnected;
+    circuit->state = CircuitState::kDisconnected;
+    if (saysGoodbye && wasConnected) {
         circuit->owesGoodbye = circuit->turns != 0;
         if (!circuit->owesGoodbye) (void)circuitSendSign(circuit, CircuitKind::kGoodbye);
     }
-    circuit->state = CircuitState::kDisconnected;
     if (!circuit->transport->destroying) {
-        (void)transportOps.sendAdvisory(circuit->transport->header.id,
-                                        reason != nullptr ? kClassError : kClassInfo, kSource,
-                                        "VC.DISCONNECTED", reason);
+        circuitTell(circuit, reason != nullptr ? kClassError : kClassInfo, "VC.DISCONNECTED",
+                    reason);
     }
     Cond_Broadcast(&circuit->changed);
 }
@@ -163,9 +163,9 @@ bool startTimer(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->head
                                   idToItem(circuit->transport->header.id)) == kStatusSuccess;
 }
 
-void connectLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
+// From here on what the peer sends is taken.
+void joinLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     PELMO_REQUIRES(circuit->transport->header.lock) {
-    endEvent(&circuit->handshakeListener);
     std::memcpy(circuit->peerSubject, offer.controlInbox, subjectLength(offer.controlInbox));
     circuit->isLegacyPeer = offer.isLegacy;
     char gone[kSubjectTextBytes];
@@ -174,35 +174,35 @@ void connectLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
         (void)listen(circuit, gone, onUnreachable, &circuit->unreachableListener);
     }
     circuit->state = CircuitState::kConnected;
-    (void)transportOps.sendAdvisory(circuit->transport->header.id, kClassInfo, kSource,
-                                    "VC.CONNECTED", nullptr);
+}
+
+void tellConnectLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
+    endEvent(&circuit->handshakeListener);
+    circuitTell(circuit, kClassInfo, "VC.CONNECTED", nullptr);
     Cond_Broadcast(&circuit->changed);
 }
 
-pelmoStatus sendAcceptance(const VirtualCircuit* circuit, const char* to) {
-    pelmoMsg* made = nullptr;
-    const pelmoStatus status = circuitBuildAcceptance(&made, to, circuit->controlInbox);
-    if (status != kStatusSuccess) return status;
-    const HeldMessage acceptance(made);
-    return transportSend(circuit->transport->underlying, acceptance.get());
-}
-
-// What can fail comes ahead of the answer: an end that was told of the other keeps the circuit.
+// What can fail comes ahead of the answer: an end that was told of the other keeps the circuit. It
+// may hear of the peer before its own answer has left, so it takes itself for connected until it
+// knows better.
 void acceptLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     if (!startTimer(circuit)) return;
-    if (sendAcceptance(circuit, offer.answerTo) == kStatusSuccess) {
-        connectLocked(circuit, offer);
-    } else {
-        endEvent(&circuit->heartbeatTimer);
-    }
+    joinLocked(circuit, offer);
+    const pelmoStatus status = circuitSendAcceptance(circuit, offer.answerTo);
+    if (circuit->state != CircuitState::kConnected) return;  // ended meanwhile
+    if (status == kStatusSuccess) return tellConnectLocked(circuit);
+    endEvent(&circuit->heartbeatTimer);
+    endEvent(&circuit->unreachableListener);
+    circuit->state = CircuitState::kWaiting;
 }
 
 // The peer takes the circuit for connected already, and is told where it can't be watched.
 void completeLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     const bool isWatched = startTimer(circuit);
-    connectLocked(circuit, offer);
+    joinLocked(circuit, offer);
+    tellConnectLocked(circuit);
     if (!isWatched) endLocked(circuit, nullptr, true);
 }
 
@@ -281,10 +281,9 @@ pelmoStatus sendRequest(const VirtualCircuit* circuit, const char* to, const cha
     return transportSend(circuit->transport->underlying, request.get());
 }
 
-// `connectSubject` is null at the accepting end.
-pelmoStatus fillLocked(VirtualCircuit* circuit, const char* connectSubject)
+// `inbox` gets that of the handshake.
+pelmoStatus fillLocked(VirtualCircuit* circuit, char (&inbox)[kInboxTextBytes])
     PELMO_REQUIRES(circuit->transport->header.lock) {
-    char inbox[kInboxTextBytes];
     pelmoStatus status = makeInbox(circuit, inbox);
     if (status == kStatusSuccess) status = listenToPeer(circuit, inbox);
     if (status != kStatusSuccess) return status;
@@ -298,23 +297,27 @@ pelmoStatus fillLocked(VirtualCircuit* circuit, const char* connectSubject)
     if (status == kStatusSuccess) {
         status = listen(circuit, inbox, onHandshake, &circuit->handshakeListener);
     }
-    if (status != kStatusSuccess) return status;
-    if (connectSubject != nullptr) return sendRequest(circuit, connectSubject, inbox);
+    if (status != kStatusSuccess || circuit->end == CircuitEnd::kConnecting) return status;
     circuit->connectSubject = concat2(inbox, "");
     return circuit->connectSubject != nullptr ? kStatusSuccess : kStatusNoMemory;
 }
 
-// The lock is held while the circuit is filled: whoever guesses its inboxes finds a whole one. The
-// checker can't follow that a failure has no circuit.
+// The lock is held while the circuit is filled: whoever guesses its inboxes finds a whole one.
+// `connectSubject` is null at the accepting end. The checker can't follow that a failure has no
+// circuit.
 pelmoStatus create(HeldCircuit* out,
                    CircuitEnd end,
                    const char* connectSubject,
                    uint32_t underlying) PELMO_UNCHECKED_LOCKING {
     pelmoStatus status = makeTransport(out, end, underlying);
     if (status != kStatusSuccess) return status;
+    char inbox[kInboxTextBytes];
     out->enter();
-    status = fillLocked(out->circuit, connectSubject);
+    status = fillLocked(out->circuit, inbox);
     out->leave();
+    if (status == kStatusSuccess && connectSubject != nullptr) {
+        status = sendRequest(out->circuit, connectSubject, inbox);
+    }
     if (status != kStatusSuccess) pelmoTransport_Destroy(out->held->header.id);
     return status;
 }

@@ -5,8 +5,10 @@
 //     circuit_handshake.h    which message begins the circuit
 //     circuit_count.h        numbers, heartbeats, silence
 //
-// Locks: the object lock of the circuit's transport guards all that changes. With it held the
-// transport beneath is used, which has its own; nothing beneath ever asks for a circuit's.
+// Locks: the object lock of the circuit's transport guards all that changes. With it held, events
+// are made and ended on the transport beneath, which has its own; nothing beneath ever asks for a
+// circuit's. Whatever is sent, an advisory too, leaves with the lock released, since a delivery
+// within the process may run the hook of a queue.
 //
 // Turns: messages leave in the order of their numbers, and yet no sender keeps the lock while the
 // transport beneath makes it wait for room: the timer thread and the work queue would wait with it.
@@ -90,6 +92,19 @@ void vcControl(uint32_t circuit, std::span<pelmoMsg* const> messages);
 
 // Between circuit.cc and circuit_send.cc
 
+// All that follow release the lock meanwhile, so that the circuit may have ended behind them.
+
 // A sign with the next number. Never waits. kStatusTimeout while another message is being sent.
 [[nodiscard]] pelmoStatus circuitSendSign(VirtualCircuit* circuit, CircuitKind kind)
     PELMO_REQUIRES(circuit->transport->header.lock);
+
+// The answer to an offer. It has no number, but takes a turn: what is sent meanwhile leaves behind
+// it. The caller is the only one who sends.
+[[nodiscard]] pelmoStatus circuitSendAcceptance(VirtualCircuit* circuit, const char* to)
+    PELMO_REQUIRES(circuit->transport->header.lock);
+
+// To the circuit's own listeners. Where that fails, nobody is there to hear of it.
+void circuitTell(VirtualCircuit* circuit,
+                 const char* advisoryClass,
+                 const char* name,
+                 const char* description) PELMO_REQUIRES(circuit->transport->header.lock);

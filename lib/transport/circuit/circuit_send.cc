@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr const char* kSource = "SYSTEM";
+
 // The circuit of a transport whose lock is held; the checker can't tell that its transport is this
 // one.
 void lockIsHeld(const VirtualCircuit* circuit) PELMO_ASSERTS(circuit->transport->header.lock) {
@@ -44,10 +46,20 @@ class Turn {
     VirtualCircuit* circuit_;
 };
 
+// With the lock released.
+pelmoStatus sendBeneath(Transport* transport, pelmoMsg* message)
+    PELMO_REQUIRES(transport->header.lock) {
+    Id_Leave(&transport->header);
+    const pelmoStatus status = transportSend(transport->underlying, message);
+    Id_Enter(&transport->header);
+    return status;
+}
+
 }  // namespace
 
 pelmoStatus circuitSendSign(VirtualCircuit* circuit, CircuitKind kind) {
     if (circuit->turns != 0) return kStatusTimeout;
+    const Turn turn(circuit);
     const NoWait noWait;
     pelmoMsg* made = nullptr;
     const pelmoStatus status =
@@ -55,7 +67,26 @@ pelmoStatus circuitSendSign(VirtualCircuit* circuit, CircuitKind kind) {
     if (status != kStatusSuccess) return status;
     const HeldMessage sign(made);
     ++circuit->count.sendSeq;
-    return transportSend(circuit->transport->underlying, sign.get());
+    return sendBeneath(circuit->transport, sign.get());
+}
+
+pelmoStatus circuitSendAcceptance(VirtualCircuit* circuit, const char* to) {
+    const Turn turn(circuit);
+    pelmoMsg* made = nullptr;
+    const pelmoStatus status = circuitBuildAcceptance(&made, to, circuit->controlInbox);
+    if (status != kStatusSuccess) return status;
+    const HeldMessage acceptance(made);
+    return sendBeneath(circuit->transport, acceptance.get());
+}
+
+void circuitTell(VirtualCircuit* circuit,
+                 const char* advisoryClass,
+                 const char* name,
+                 const char* description) {
+    Transport* const transport = circuit->transport;
+    Id_Leave(&transport->header);
+    (void)advisorySend(transport->header.id, advisoryClass, kSource, name, description);
+    Id_Enter(&transport->header);
 }
 
 pelmoStatus vcWrap(Transport* transport, pelmoMsg* message, pelmoMsg** outEnvelope) {
@@ -76,17 +107,10 @@ pelmoStatus vcSend(Transport* transport, pelmoMsg* message) {
     lockIsHeld(transport->circuit);
     const Turn turn(transport->circuit);
     pelmoMsg* made = nullptr;
-    pelmoStatus status = vcWrap(transport, message, &made);
+    const pelmoStatus status = vcWrap(transport, message, &made);
     if (status != kStatusSuccess) return status;
     const HeldMessage envelope(made);
-    // Within the process nothing waits.
-    if (transport->underlying == kIntraProcessTransportId) {
-        return transportSend(transport->underlying, envelope.get());
-    }
-    Id_Leave(&transport->header);
-    status = transportSend(transport->underlying, envelope.get());
-    Id_Enter(&transport->header);
-    return status;
+    return sendBeneath(transport, envelope.get());
 }
 
 pelmoStatus vcSendVector(Transport* transport, std::span<pelmoMsg* const> messages) {

@@ -191,6 +191,9 @@ TEST_F(BareCircuit, LaysFieldsInOrder) {
 }
 
 TEST_F(BareCircuit, BeatsAndEndsByTicks) {
+    uint32_t posts = 0;
+    for (const uint32_t each : {queue, kWorkQueueId})
+        ASSERT_EQ(pelmoQueue_SetHook(each, expectTransportsFree, &posts), kStatusSuccess);
     Advisories advisories(queue, circuit);
     ticks(20);  // those of a circuit that waits don't count
     connect();
@@ -215,6 +218,17 @@ TEST_F(BareCircuit, BeatsAndEndsByTicks) {
     EXPECT_EQ(advisories.taken(), (Texts{kConnected, std::string(kFailed) + ": remote timeout"}));
     EXPECT_EQ(sendText(circuit, "A"), kStatusCircuitNotConnected);
     EXPECT_EQ(vcWaitForConnection(circuit, -1), kStatusCircuitNotConnected);
+
+    // Of a circuit that asks itself, what it asks for, what it answers and its end.
+    const uint32_t before = std::exchange(posts, 0);
+    EXPECT_EQ(before, 13u);
+    uint32_t asking = kNoId;
+    uint32_t answering = kNoId;
+    ASSERT_EQ(vcCreateAccept(&answering, &handshake, kLocal), kStatusSuccess);
+    ASSERT_EQ(vcCreateConnect(&asking, handshake, kLocal), kStatusSuccess);
+    settle();
+    EXPECT_EQ(pelmoTransport_Destroy(asking), kStatusSuccess);
+    EXPECT_EQ(posts, 3u);
 }
 
 // One message each, behind a heartbeat with the number 1.
