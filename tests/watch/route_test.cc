@@ -3,11 +3,14 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <string>
 #include <vector>
 
+#include "watch/serve/crowd.h"
 #include "watch/serve/events.h"
 #include "watch/serve/listen_address.h"
+#include "watch/serve/shared_text.h"
 
 namespace {
 
@@ -21,7 +24,7 @@ Route routed(const std::string& method,
              const std::string& host = "localhost") {
     static const char* const kNames[] = {"bus.example"};
     Route route;
-    routeFind({method, path, host, query}, {true, kNames, kAssets}, &route);
+    routeFind({method, path, host, query}, {kNames, kAssets}, &route);
     return route;
 }
 
@@ -42,10 +45,160 @@ TEST(Route, KnowsItsPathsAndNothingElse) {
     EXPECT_EQ(routed("POST", "/nosuch").status, 404);
     EXPECT_EQ(routed("GET", "").status, 404);
     EXPECT_EQ(routed("GET", "/metrics", {}, "BUS.example:1").kind, RouteKind::kMetrics);
+}
 
-    Route route;
-    routeFind({"GET", "/metrics", "anything", {}}, {false, {}, {}}, &route);
-    EXPECT_EQ(route.kind, RouteKind::kMetrics);
+TEST(Route, RefusesWhatOtherSitesPagesAskFor) {
+    const struct {
+        const char* path;
+        RouteRequest request;  // but for method, path and host
+        uint16_t status;
+    } cases[] = {
+        {"/events", {.fetchSite = "same-origin", .fetchMode = "cors"}, 200},
+        {"/events", {.fetchSite = "none"}, 200},
+        {"/events", {.fetchSite = "cross-site", .fetchMode = "no-cors"}, 403},
+        {"/events", {.fetchSite = "same-site", .fetchMode = "cors"}, 403},
+        {"/metrics", {.origin = "http://bus.example:9471"}, 200},
+        {"/metrics", {.origin = "http://bus.example"}, 403},
+        {"/metrics", {.origin = "http://evil.example:9471"}, 403},
+        {"/metrics", {.origin = "null"}, 403},
+        // A link to the page is followed, one to its data isn't; nor is a frame or a script.
+        {"/",
+         {.fetchSite = "cross-site", .fetchMode = "navigate", .fetchDestination = "document"},
+         200},
+        {"/history.json",
+         {.fetchSite = "cross-site", .fetchMode = "navigate", .fetchDestination = "document"},
+         403},
+        {"/",
+         {.fetchSite = "cross-site", .fetchMode = "navigate", .fetchDestination = "iframe"},
+         403},
+        {"/page.js",
+         {.fetchSite = "cross-site", .fetchMode = "no-cors", .fetchDestination = "script"},
+         403},
+        {"/metrics", {.hasNul = true}, 400},
+        {"/metrics", {.isLong = true}, 414},
+        // Of one who has no place.
+        {"/metrics", {.isExtra = true}, 200},
+        {"/healthz", {.isExtra = true}, 200},
+        {"/snapshot.json", {.isExtra = true}, 503},
+        {"/", {.isExtra = true}, 503},
+    };
+    static const char* const kNames[] = {"bus.example"};
+    for (auto [path, request, status] : cases) {
+        request.method = "GET";
+        request.path = path;
+        request.host = "bus.example:9471";
+        Route route;
+        routeFind(request, {kNames, kAssets}, &route);
+        EXPECT_EQ(route.status, status) << path << ' ' << request.origin << ' ' << request.fetchSite
+                                        << ' ' << request.fetchDestination;
+    }
+}
+
+CrowdAddress addressOf(uint8_t number) {
+    CrowdAddress address{};
+    address.back() = number;
+    return address;
+}
+
+// Eight places: six of an address at most, four for events, three of these of an address.
+struct CrowdOfTests {
+    Crowd crowd = {.most = 8, .members = nullptr, .count = 0, .eventCount = 0};
+    std::deque<CrowdMember> members;
+    double now = 100;
+
+    // The number of the one that goes, or -1.
+    ptrdiff_t enter(uint8_t address, CrowdPhase phase) {
+        CrowdMember& member = members.emplace_back();
+        member.address = addressOf(address);
+        const CrowdMember* const cut = crowdEnter(crowd, member, ++now);
+        if (phase != CrowdPhase::kRequest) crowdSetPhase(crowd, member, phase, now);
+        for (size_t at = 0; at < members.size(); ++at) {
+            if (&members[at] == cut) return static_cast<ptrdiff_t>(at);
+        }
+        return -1;
+    }
+};
+
+TEST(Crowd, TheLongestSilentGoes) {
+    CrowdOfTests test;
+    for (uint8_t i = 0; i < 8; ++i) {
+        EXPECT_EQ(test.enter(i, i < 2 ? CrowdPhase::kIdle : CrowdPhase::kAnswer), -1);
+    }
+    EXPECT_EQ(test.enter(8, CrowdPhase::kAnswer), 0);
+    EXPECT_EQ(test.enter(9, CrowdPhase::kAnswer), 1);
+    // All have answers under way, and three of them no longer take them.
+    test.now += kCrowdTakeSeconds;
+    for (size_t i : {3, 5, 7, 8, 9})
+        crowdTook(test.members[i], 1, test.now);
+    crowdTook(test.members[2], 1, test.now - kCrowdTakeSeconds);
+    EXPECT_EQ(test.enter(10, CrowdPhase::kAnswer), 4);
+    EXPECT_EQ(test.enter(11, CrowdPhase::kAnswer), 6);
+    EXPECT_EQ(test.crowd.count, 8u);
+}
+
+TEST(Crowd, OneAddressLeavesPlacesToOthers) {
+    CrowdOfTests test;
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(test.enter(1, CrowdPhase::kEvents), -1);
+    for (CrowdMember& member : test.members) {
+        EXPECT_FALSE(crowdHasRoomForEvents(test.crowd, member));  // six follow them
+    }
+    // One that waits for the next event isn't silent. So the seventh of the address is an extra,
+    // and others find places.
+    EXPECT_EQ(test.enter(1, CrowdPhase::kAnswer), -1);
+    EXPECT_TRUE(test.members.back().isExtra);
+    EXPECT_EQ(test.enter(2, CrowdPhase::kRequest), -1);
+    EXPECT_FALSE(test.members.back().isExtra);
+    for (size_t i = 0; i < 3; ++i)
+        crowdSetPhase(test.crowd, test.members[i], CrowdPhase::kIdle, 1);
+    EXPECT_FALSE(crowdHasRoomForEvents(test.crowd, test.members[0]));
+    EXPECT_TRUE(crowdHasRoomForEvents(test.crowd, test.members.back()));
+    // The silent one of the address itself goes, not the longer silent one of another.
+    EXPECT_EQ(test.enter(1, CrowdPhase::kRequest), 0);
+}
+
+TEST(Crowd, OfExtrasTheOldestGoes) {
+    CrowdOfTests test;
+    for (uint8_t i = 0; i < 8 + kCrowdExtras; ++i) {
+        EXPECT_EQ(test.enter(i, CrowdPhase::kEvents), -1);
+    }
+    EXPECT_EQ(test.enter(99, CrowdPhase::kRequest), 8);
+    EXPECT_EQ(test.enter(99, CrowdPhase::kRequest), 9);
+    EXPECT_EQ(test.crowd.count, 8u);
+    EXPECT_EQ(test.crowd.eventCount, 8u);
+    for (CrowdMember& member : test.members)
+        crowdLeave(test.crowd, member);
+    EXPECT_EQ(test.crowd.count + test.crowd.eventCount, 0u);
+    EXPECT_EQ(test.crowd.members, nullptr);
+}
+
+BodyHold textOf(const char* text) {
+    BodyHold body = BodyHold::make();
+    body.buffer().append(text);
+    body.count();
+    return body;
+}
+
+TEST(SharedText, SlowReadersHoldOneOldTextAtMost) {
+    const size_t before = bodyBytes();
+    SharedText text;
+    EXPECT_TRUE(sharedTextMayRenew(text));
+    sharedTextRenew(text, textOf("first"));
+    BodyHold slow = text.newest;
+    EXPECT_TRUE(sharedTextMayRenew(text));
+    sharedTextRenew(text, textOf("second"));
+    EXPECT_TRUE(sharedTextMayRenew(text));
+    sharedTextRenew(text, textOf("third"));  // nobody held the second
+    BodyHold slower = text.newest;
+    EXPECT_FALSE(sharedTextMayRenew(text));
+    EXPECT_EQ(bodyBytes() - before, std::string_view("firstthird").size());
+    slow = {};
+    EXPECT_TRUE(sharedTextMayRenew(text));
+    sharedTextRenew(text, textOf("fourth"));
+    EXPECT_EQ(text.old.text(), "third");
+    slower = {};
+    text = {};
+    EXPECT_EQ(bodyBytes(), before);
 }
 
 TEST(Route, ReadsARowFromItsQuery) {
@@ -100,16 +253,10 @@ TEST(Route, ReadsARowFromItsQuery) {
 }
 
 TEST(ListenAddress, IsAnAddressAndAPort) {
-    const struct {
-        const char* text;
-        bool isLoopback;
-    } sound[] = {{"127.0.0.1:9471", true}, {"127.255.0.1:0", true}, {"0.0.0.0:65535", false},
-                 {"10.0.0.1:80", false},   {"[::1]:9471", true},    {"[::]:1", false},
-                 {"[fe80::1]:1", false}};
-    for (const auto& [text, isLoopback] : sound) {
+    for (const char* text : {"127.0.0.1:9471", "127.255.0.1:0", "0.0.0.0:65535", "10.0.0.1:80",
+                             "[::1]:9471", "[::]:1", "[fe80::1]:1"}) {
         ListenAddress listen{};
         ASSERT_EQ(listenAddressParse(text, &listen), nullptr) << text;
-        EXPECT_EQ(listenAddressIsLoopback(listen), isLoopback) << text;
         char shown[kListenTextBytes];
         EXPECT_EQ(listenAddressText(listen, shown), text);
     }

@@ -15,9 +15,24 @@
 
 #include "watch/json/json_buffer.h"
 
+// All bytes of texts that somebody holds.
+inline std::atomic<size_t> bodyBytesHeld = 0;
+[[nodiscard]] inline size_t bodyBytes() {
+    return bodyBytesHeld.load(std::memory_order_relaxed);
+}
+
 struct Body {
     JsonBuffer buffer;
     std::atomic<uint32_t> holders = 1;
+    size_t countedBytes = 0;
+
+    ~Body() { bodyBytesHeld.fetch_sub(countedBytes, std::memory_order_relaxed); }
+
+    // Its text is whole: from now on it counts.
+    void count() {
+        countedBytes = buffer.usedBytes;
+        bodyBytesHeld.fetch_add(countedBytes, std::memory_order_relaxed);
+    }
 };
 
 class BodyHold {
@@ -52,7 +67,15 @@ class BodyHold {
     [[nodiscard]] JsonBuffer& buffer() const { return body->buffer; }
     [[nodiscard]] std::string_view text() const { return body->buffer.text(); }
 
-    [[nodiscard]] bool is(const BodyHold& other) const { return body == other.body; }
+    void count() const { body->count(); }
+
+    // To be compared only.
+    [[nodiscard]] const Body* address() const { return body; }
+
+    // Does anybody else hold it?
+    [[nodiscard]] bool isShared() const {
+        return body->holders.load(std::memory_order_acquire) > 1;
+    }
 
   private:
     Body* body = nullptr;

@@ -48,10 +48,6 @@ Address load(const ListenAddress& listen) {
     return address;
 }
 
-bool isLoopback(in_addr address) {
-    return ntohl(address.s_addr) >> 24 == 127;
-}
-
 char lower(char letter) {
     return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
 }
@@ -100,24 +96,16 @@ std::string_view listenAddressText(const ListenAddress& listen, char (&buffer)[k
     return {buffer, static_cast<size_t>(length)};
 }
 
-bool listenAddressIsLoopback(const ListenAddress& listen) {
-    if (listen.address.ss_family == AF_INET) return isLoopback(load<sockaddr_in>(listen).sin_addr);
-    const auto six = load<sockaddr_in6>(listen);
-    return IN6_IS_ADDR_LOOPBACK(&six.sin6_addr) != 0;
-}
-
 std::string_view hostName(std::string_view header) {
     const size_t bracket = header.starts_with('[') ? header.find(']') : std::string_view::npos;
     const size_t end = bracket != std::string_view::npos ? bracket + 1 : header.find(':');
     return header.substr(0, end);
 }
 
-bool hostNameIsLoopback(std::string_view name) {
+bool hostNameIsAddress(std::string_view name) {
     in_addr four{};
     in6_addr six{};
-    if (parseFour(name, &four)) return isLoopback(four);
-    if (parseSix(name, &six)) return IN6_IS_ADDR_LOOPBACK(&six) != 0;
-    return hostNamesAreEqual(name, "localhost");
+    return parseFour(name, &four) || parseSix(name, &six);
 }
 
 bool hostNamesAreEqual(std::string_view left, std::string_view right) {

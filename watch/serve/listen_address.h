@@ -1,8 +1,8 @@
 // Where the server listens, and which names clients may call it by.
 //
-// A page of anybody's may have its own name lead to 127.0.0.1, and a browser then takes this server
-// for that page's own. So a server that only this machine reaches answers only requests whose Host
-// header says that they mean this machine.
+// A page of anybody's may have its own name lead to any address, and a browser then takes this
+// server for that page's own. So only requests are answered whose Host header has a literal
+// address, "localhost", or a name that the operator gave.
 //
 // Threads: any; no state.
 
@@ -27,13 +27,11 @@ inline constexpr size_t kListenTextBytes = 64;
 // The text that listenAddressParse takes, in the buffer and with a NUL behind it.
 std::string_view listenAddressText(const ListenAddress& listen, char (&buffer)[kListenTextBytes]);
 
-[[nodiscard]] bool listenAddressIsLoopback(const ListenAddress& listen);
-
 // A Host header's name or address, without its port (RFC 9110, 7.2).
 [[nodiscard]] std::string_view hostName(std::string_view header);
 
-// Does the name mean this machine itself: "localhost", or an address of the loopback?
-[[nodiscard]] bool hostNameIsLoopback(std::string_view name);
+// Is it a literal address, one of IPv6 in brackets?
+[[nodiscard]] bool hostNameIsAddress(std::string_view name);
 
 // Without regard to the case of letters.
 [[nodiscard]] bool hostNamesAreEqual(std::string_view left, std::string_view right);

@@ -15,6 +15,8 @@ constexpr uint16_t kBadRequest = 400;
 constexpr uint16_t kForbidden = 403;
 constexpr uint16_t kNotFound = 404;
 constexpr uint16_t kMethodNotAllowed = 405;
+constexpr uint16_t kUriTooLong = 414;
+constexpr uint16_t kUnavailable = 503;
 
 struct PathRow {
     std::string_view path;
@@ -33,13 +35,27 @@ void refuse(Route* out, uint16_t status, const char* reason) {
     out->reason = reason;
 }
 
+// No name server leads a literal address anywhere else.
 bool isNameOfThis(std::string_view header, const RouteRules& rules) {
-    if (!rules.onlyLoopbackNames) return true;
     const std::string_view name = hostName(header);
-    return hostNameIsLoopback(name) ||
+    return hostNameIsAddress(name) || hostNamesAreEqual(name, "localhost") ||
            std::ranges::any_of(rules.furtherNames, [name](std::string_view further) {
                return hostNamesAreEqual(name, further);
            });
+}
+
+bool isOfOtherSite(const RouteRequest& request, bool isPage) {
+    const size_t scheme = request.origin.find("://");
+    const bool hasOtherOrigin =
+        !request.origin.empty() &&
+        (scheme == std::string_view::npos ||
+         !hostNamesAreEqual(request.origin.substr(scheme + 3), request.host));
+    if (hasOtherOrigin) return true;
+    const bool isSame = request.fetchSite.empty() || request.fetchSite == "same-origin" ||
+                        request.fetchSite == "none";
+    const bool isLink =
+        isPage && request.fetchMode == "navigate" && request.fetchDestination == "document";
+    return !isSame && !isLink;
 }
 
 // The words of a row's query, each as a function that takes its value and tells what is wrong.
@@ -156,6 +172,8 @@ void findRow(std::span<const QueryPart> parts, Route* out) {
 void routeFind(const RouteRequest& request, const RouteRules& rules, Route* out) {
     *out = {};
     out->status = kOk;
+    if (request.hasNul) return refuse(out, kBadRequest, "the path or query has a NUL");
+    if (request.isLong) return refuse(out, kUriTooLong, "the query has too many parts");
     if (!isNameOfThis(request.host, rules)) {
         return refuse(out, kForbidden, "this host isn't served; see the option --host");
     }
@@ -167,6 +185,12 @@ void routeFind(const RouteRequest& request, const RouteRules& rules, Route* out)
     if (request.method != "GET") {
         return refuse(out, kMethodNotAllowed, "only GET is answered");
     }
+    if (isOfOtherSite(request, asset != rules.assets.end())) {
+        return refuse(out, kForbidden, "requests of other sites' pages aren't answered");
+    }
+    const bool isReserved = path != std::end(kPaths) &&
+                            (path->kind == RouteKind::kMetrics || path->kind == RouteKind::kHealth);
+    if (request.isExtra && !isReserved) return refuse(out, kUnavailable, "too many clients");
     if (asset != rules.assets.end()) {
         out->kind = RouteKind::kAsset;
         out->asset = &*asset;

@@ -10,6 +10,10 @@
 // The query of /history.json names a row as the JSON of a Snapshot does: table, port, group,
 // subject, host and scid; without host it is all of the group, port or subject.
 //
+// A browser is refused where its request comes from another site's page: such a page may have a
+// name of its own lead to this machine, or load what it may not read to make this machine work.
+// Only a link to the live page is followed.
+//
 // Ownership: views are of the request, and valid as long as that is; Route owns the rest.
 //
 // Threads: any; no state.
@@ -40,15 +44,22 @@ struct QueryPart {
 };
 
 struct RouteRequest {
-    std::string_view method;
-    std::string_view path;
-    std::string_view host;  // the Host header; empty for none
-    std::span<const QueryPart> query;
+    std::string_view method = {};
+    std::string_view path = {};
+    std::string_view host = {};  // the Host header; empty for none
+    std::span<const QueryPart> query = {};
+
+    // Headers by which a browser says what a request is for; empty for none.
+    std::string_view origin = {};
+    std::string_view fetchSite = {}, fetchMode = {}, fetchDestination = {};
+
+    bool hasNul = false;   // "%00" in the path or the query
+    bool isLong = false;   // the query has more parts than are looked at
+    bool isExtra = false;  // all places are taken (crowd.h)
 };
 
 struct RouteRules {
-    bool onlyLoopbackNames;                     // refuse hosts that aren't this machine
-    std::span<const char* const> furtherNames;  // names to be called by besides
+    std::span<const char* const> furtherNames;  // names to be called by besides "localhost"
     std::span<const WebAsset> assets;
 };
 

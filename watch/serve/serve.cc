@@ -248,10 +248,7 @@ const char* settle() {
     ServerRules& rules = serve.rules;
     if (rules.listen.sizeBytes == 0) (void)listenAddressParse(kDefaultListen, &rules.listen);
     if (rules.mostClients == 0) rules.mostClients = 200;
-    rules.routes = {
-        .onlyLoopbackNames = listenAddressIsLoopback(rules.listen) || !serve.hostNames.empty(),
-        .furtherNames = serve.hostNames,
-        .assets = webAssets()};
+    rules.routes = {.furtherNames = serve.hostNames, .assets = webAssets()};
     rules.answers = {writeEvent, writeMetrics, writeHistoryOfTotals, writeHistoryOfRow,
                      writeHealth};
     if (serve.hasPace && traceSettings.liveCapture) return "takes --pace with -r only";

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -15,37 +16,33 @@
 #include "lib/base/clock.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
+#include "watch/serve/crowd.h"
 #include "watch/serve/events.h"
+#include "watch/serve/peer_taken.h"
+#include "watch/serve/safe_headers.h"
+#include "watch/serve/shared_text.h"
 
 namespace {
 
-// Of a crowd that comes at once nobody's bytes are lost, only to come again behind a crowd's.
+// Of a crowd that comes at once nobody's bytes are lost, only to come again after a crowd's.
 constexpr int kBacklog = 1024;
-// A connection isn't taken ahead of its first byte, but behind so many seconds.
+// A connection isn't taken before its first byte, or after so many seconds.
 constexpr int kDeferSeconds = 5;
-// More than clients may be: whoever comes when all places are taken is looked at, and one goes.
-constexpr uint32_t kSpareConnections = 32;
-constexpr size_t kQueryParts = 16;
+// More than clients may be: the extras, and those that are cut off but not yet gone.
+constexpr uint32_t kSpareConnections = 2 * kCrowdExtras;
 constexpr size_t kHeaderBytes = 1024;
-// Metrics and their kind are made anew for a second scrape behind so much time only.
+// Metrics are written again for a second scrape only after so much time.
 constexpr double kKeepSeconds = 1;
-// Behind capture and whatever else the machine has to do.
+// After capture and whatever else the machine has to do.
 constexpr int kNice = 10;
 
-enum class Phase : uint8_t {
-    kRequest,  // its head is awaited
-    kAnswer,
-    kEvents,
-    kIdle,  // between two requests
-};
-
 // A connection. Guarded by Server::lock.
-struct Client {
-    Client *previous, *next;
+struct Client : CrowdMember {
     int descriptor;
-    Phase phase;
-    double sinceSeconds;  // of the phase
-    bool isCut;           // its socket is shut, and libmicrohttpd will notice
+    bool hasNul;  // in the path or the query of its request
+
+    // In kAnswer: the text that it is given, to be compared only; null for one of its own.
+    const Body* text;
 
     // In kEvents.
     MHD_Connection* connection;
@@ -60,18 +57,21 @@ struct Server {
     MHD_Daemon* daemon = nullptr;
 
     Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
-    Client* clients PELMO_GUARDED_BY(lock) = nullptr;
+    Crowd crowd PELMO_GUARDED_BY(lock) = {};
     uint64_t published PELMO_GUARDED_BY(lock) = 0;  // intervals
-    ServerCounts counts PELMO_GUARDED_BY(lock) = {};
-    uint64_t cutClients PELMO_GUARDED_BY(lock) = 0;  // of counts.clients
+    uint64_t cutOffClients PELMO_GUARDED_BY(lock) = 0;
     bool isEnding PELMO_GUARDED_BY(lock) = false;
+    // What slow readers hold so that no newer text can be written; null where nobody waits for it.
+    const Body* inTheWay PELMO_GUARDED_BY(lock) = nullptr;
 
     // Of the server's thread.
-    Event newest = {};
+    SharedText events;
+    uint64_t eventNumber = 0;  // of the newest text
     EventPlaces places = {};
     uint64_t asked = 0;  // the interval that was asked for last
-    BodyHold metrics;
+    SharedText metrics;
     double metricsSeconds = 0;
+    bool closesAfterAnswer = false;  // of the request that is being answered
     bool isNice = false;
 };
 
@@ -79,25 +79,21 @@ Server server;
 
 // Clients, with the lock held.
 
-void enterClientLocked(Client* client) PELMO_REQUIRES(server.lock) {
-    client->next = server.clients;
-    if (server.clients != nullptr) server.clients->previous = client;
-    server.clients = client;
-    ++server.counts.clients;
+Client* clientOfMember(CrowdMember* member) {
+    return static_cast<Client*>(member);
 }
 
-void leaveClientLocked(Client* client) PELMO_REQUIRES(server.lock) {
-    (client->previous != nullptr ? client->previous->next : server.clients) = client->next;
-    if (client->next != nullptr) client->next->previous = client->previous;
-    --server.counts.clients;
-    if (client->isCut) --server.cutClients;
+Client* firstLocked() PELMO_REQUIRES(server.lock) {
+    return clientOfMember(server.crowd.members);
 }
 
-void setPhaseLocked(Client* client, Phase phase) PELMO_REQUIRES(server.lock) {
-    if (client->phase == Phase::kEvents) --server.counts.eventClients;
-    if (phase == Phase::kEvents) ++server.counts.eventClients;
-    client->phase = phase;
-    client->sinceSeconds = clockSteadySeconds();
+Client* nextOf(const Client* client) {
+    return clientOfMember(client->next);
+}
+
+void setPhaseLocked(Client* client, CrowdPhase phase) PELMO_REQUIRES(server.lock) {
+    crowdSetPhase(server.crowd, *client, phase, clockSteadySeconds());
+    client->text = nullptr;
 }
 
 void wakeLocked(Client* client) PELMO_REQUIRES(server.lock) {
@@ -107,14 +103,13 @@ void wakeLocked(Client* client) PELMO_REQUIRES(server.lock) {
 
 // libmicrohttpd owns the socket and closes it, on its thread.
 void shutLocked(Client* client) PELMO_REQUIRES(server.lock) {
-    if (std::exchange(client->isCut, true)) return;
-    ++server.cutClients;
     shutdown(client->descriptor, SHUT_RDWR);
     wakeLocked(client);
 }
 
 void cutOffLocked(Client* client) PELMO_REQUIRES(server.lock) {
-    ++server.counts.cutOffClients;
+    if (!crowdCut(server.crowd, *client)) return;
+    ++server.cutOffClients;
     shutLocked(client);
 }
 
@@ -127,47 +122,27 @@ bool hasLeft(const Client& client) {
 bool isLate(const Client& client, double nowSeconds) {
     const double seconds = nowSeconds - client.sinceSeconds;
     switch (client.phase) {
-        case Phase::kRequest:
+        case CrowdPhase::kRequest:
             return seconds > kServerRequestSeconds;
-        case Phase::kAnswer:
+        case CrowdPhase::kAnswer:
             return seconds > kServerAnswerSeconds;
-        case Phase::kEvents:
+        case CrowdPhase::kEvents:
             return eventsIsStalled(client.events, nowSeconds);
-        case Phase::kIdle:
+        case CrowdPhase::kIdle:
             return seconds > kServerIdleSeconds;
     }
     return false;
 }
 
-// The one that goes where there are too many: of those without an answer under way the longest
-// silent, else the newcomer.
-Client* chooseSurplusLocked(Client* newcomer) PELMO_REQUIRES(server.lock) {
-    Client* chosen = newcomer;
-    for (Client* client = server.clients; client != nullptr; client = client->next) {
-        const bool asks = client->phase == Phase::kAnswer || client->phase == Phase::kEvents;
-        if (asks || client->isCut) continue;
-        // Many come in one step of the clock: the list has the newest first.
-        if (client->sinceSeconds <= chosen->sinceSeconds) chosen = client;
-    }
-    return chosen;
+// Others wait for a newer text, which the one that the client has long held keeps from being
+// written.
+bool isInTheWayLocked(const Client& client, double nowSeconds) PELMO_REQUIRES(server.lock) {
+    return client.phase == CrowdPhase::kAnswer && client.text != nullptr &&
+           client.text == server.inTheWay && nowSeconds - client.sinceSeconds > kEventsReadSeconds;
 }
 
 // Answers.
 
-struct Header {
-    const char* name;
-    const char* value;
-};
-
-constexpr Header kHeaders[] = {
-    {"X-Content-Type-Options", "nosniff"},
-    {"X-Frame-Options", "DENY"},
-    {"Referrer-Policy", "no-referrer"},
-    {"Cross-Origin-Resource-Policy", "same-origin"},
-    {"Cross-Origin-Opener-Policy", "same-origin"},
-};
-
-constexpr std::string_view kNoPage = "default-src 'none'; frame-ancestors 'none'; base-uri 'none'";
 constexpr const char* kPlainText = "text/plain; charset=utf-8";
 constexpr const char* kJson = "application/json; charset=utf-8";
 constexpr const char* kMetricsText = "text/plain; version=0.0.4; charset=utf-8";
@@ -180,13 +155,10 @@ bool addHeader(MHD_Response* response, const char* name, std::string_view value)
 }
 
 bool addHeaders(MHD_Response* response, std::string_view contentType, bool isPage) {
-    bool isWhole = addHeader(response, "Content-Type", contentType);
-    for (const Header& header : kHeaders) {
-        isWhole &= addHeader(response, header.name, header.value);
-    }
-    isWhole &= addHeader(response, "Content-Security-Policy",
-                         isPage ? kWebContentSecurityPolicy : kNoPage);
-    return isWhole && addHeader(response, "Cache-Control", isPage ? "no-cache" : "no-store");
+    return safeHeadersAdd(response) && addHeader(response, "Content-Type", contentType) &&
+           addHeader(response, "Content-Security-Policy",
+                     isPage ? kWebContentSecurityPolicy : kSafeHeadersNoPage) &&
+           addHeader(response, "Cache-Control", isPage ? "no-cache" : "no-store");
 }
 
 // Without memory for an answer the connection is closed.
@@ -197,6 +169,8 @@ MHD_Result queue(MHD_Connection* connection,
                  bool isPage = false) {
     if (response == nullptr) return MHD_NO;
     bool isWhole = addHeaders(response, contentType, isPage);
+    if (server.closesAfterAnswer)
+        isWhole &= addHeader(response, MHD_HTTP_HEADER_CONNECTION, "close");
     if (status == MHD_HTTP_METHOD_NOT_ALLOWED) isWhole &= addHeader(response, "Allow", "GET");
     const MHD_Result result = isWhole ? MHD_queue_response(connection, status, response) : MHD_NO;
     MHD_destroy_response(response);
@@ -234,49 +208,74 @@ MHD_Result answerLine(MHD_Connection* connection, unsigned status, const char* l
 
 template <typename Write>
 BodyHold makeBody(Write write) {
+    if (bodyBytes() >= kMostBodyBytes) return {};
     BodyHold body = BodyHold::make();
     if (!body || !write(body.buffer()) || body.buffer().failed) return {};
+    body.count();
     return body;
 }
 
 MHD_Result answerBody(MHD_Connection* connection, const BodyHold& body, const char* contentType) {
-    if (!body) return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "out of memory");
+    if (!body) return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no memory at present");
     return queue(connection, MHD_HTTP_OK, responseOfBody(body, 0, body.text().size()), contentType);
 }
 
-MHD_Result answerMetrics(MHD_Connection* connection) {
-    const double now = clockSteadySeconds();
-    if (!server.metrics || now - server.metricsSeconds >= kKeepSeconds) {
-        server.metrics = makeBody(server.rules->answers.metrics);
-        server.metricsSeconds = now;
-    }
-    return answerBody(connection, server.metrics, kMetricsText);
+// May a newer text be written? If not, notes what is in the way.
+bool mayRenew(SharedText& text) {
+    const bool may = sharedTextMayRenew(text);
+    const LockGuard guard(server.lock);
+    if (!may && text.old) server.inTheWay = text.old.address();
+    return may;
 }
 
-// The newest event, written now where nobody wanted it before. Without memory for it the one before
-// stays.
-const Event& newestEvent() {
+void noteText(Client* client, const BodyHold& body) {
+    const LockGuard guard(server.lock);
+    client->text = body.address();
+}
+
+// Without memory for newer ones the last stay.
+MHD_Result answerMetrics(MHD_Connection* connection, Client* client) {
+    const double now = clockSteadySeconds();
+    const bool isDue = !server.metrics.newest || now - server.metricsSeconds >= kKeepSeconds;
+    if (isDue && mayRenew(server.metrics)) {
+        BodyHold body = makeBody(server.rules->answers.metrics);
+        server.metricsSeconds = now;
+        if (body) sharedTextRenew(server.metrics, std::move(body));
+    }
+    noteText(client, server.metrics.newest);
+    return answerBody(connection, server.metrics.newest, kMetricsText);
+}
+
+Event lastEvent() {
+    return {server.events.newest, server.eventNumber};
+}
+
+// The newest event, written now where nobody wanted it before. Without memory for it, or while slow
+// readers are in the way, the one before stays.
+Event newestEvent() {
     uint64_t published = 0;
     {
         const LockGuard guard(server.lock);
         published = server.published;
     }
-    if (std::exchange(server.asked, published) == published) return server.newest;
+    if (server.asked == published || !mayRenew(server.events)) return lastEvent();
+    server.asked = published;
     EventPlaces places{};
     BodyHold body =
         makeBody([&](JsonBuffer& out) { return server.rules->answers.event(out, places); });
-    if (body) {
-        server.newest = {std::move(body), published};
-        server.places = places;
-    }
-    return server.newest;
+    if (!body) return lastEvent();
+    sharedTextRenew(server.events, std::move(body));
+    server.eventNumber = published;
+    server.places = places;
+    return lastEvent();
 }
 
-MHD_Result answerSnapshot(MHD_Connection* connection) {
-    const Event& newest = newestEvent();
+MHD_Result answerSnapshot(MHD_Connection* connection, Client* client) {
+    const Event newest = newestEvent();
     if (!newest.body) {
         return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no interval has ended yet");
     }
+    noteText(client, newest.body);
     return queue(connection, MHD_HTTP_OK,
                  responseOfBody(newest.body, server.places.jsonAt, server.places.jsonBytes), kJson);
 }
@@ -294,12 +293,14 @@ MHD_Result answerHistory(MHD_Connection* connection, const Route& route) {
 // Called by libmicrohttpd for more bytes of an event stream.
 ssize_t readEvents(void* context, uint64_t, char* buffer, size_t sizeBytes) {
     auto* const client = static_cast<Client*>(context);
-    const Event& newest = newestEvent();
+    const Event newest = newestEvent();
     const LockGuard guard(server.lock);
     if (client->isCut) return MHD_CONTENT_READER_END_WITH_ERROR;
     if (server.isEnding) return MHD_CONTENT_READER_END_OF_STREAM;
     const std::string_view piece =
         eventsNext(client->events, newest, sizeBytes, clockSteadySeconds());
+    client->hasToTake = static_cast<bool>(client->events.body);
+    client->text = client->events.body ? client->events.body.address() : nullptr;
     if (!piece.empty()) {
         return static_cast<ssize_t>(piece.copy(buffer, piece.size()));
     }
@@ -312,12 +313,12 @@ MHD_Result answerEvents(MHD_Connection* connection, Client* client) {
     bool hasRoom = false;
     {
         const LockGuard guard(server.lock);
-        hasRoom = server.counts.eventClients < server.rules->mostClients / 2;
+        hasRoom = crowdHasRoomForEvents(server.crowd, *client);
         if (hasRoom) {
             client->events = {};
             client->events.sinceSeconds = clockSteadySeconds();
             client->connection = connection;
-            setPhaseLocked(client, Phase::kEvents);
+            setPhaseLocked(client, CrowdPhase::kEvents);
         }
     }
     if (!hasRoom) {
@@ -335,9 +336,9 @@ MHD_Result answer(MHD_Connection* connection, Client* client, const Route& route
             return queue(connection, MHD_HTTP_OK, responseOfConstant(route.asset->body),
                          route.asset->contentType, true);
         case RouteKind::kMetrics:
-            return answerMetrics(connection);
+            return answerMetrics(connection, client);
         case RouteKind::kSnapshot:
-            return answerSnapshot(connection);
+            return answerSnapshot(connection, client);
         case RouteKind::kEvents:
             return answerEvents(connection, client);
         case RouteKind::kHistoryOfTotals:
@@ -354,8 +355,9 @@ MHD_Result answer(MHD_Connection* connection, Client* client, const Route& route
 // What libmicrohttpd calls, all on its thread.
 
 struct QueryParts {
-    QueryPart parts[kQueryParts];
+    QueryPart parts[kSafeQueryParts];
     size_t count;
+    bool isLong;  // there are more
 };
 
 MHD_Result takeQueryPart(void* context,
@@ -365,7 +367,10 @@ MHD_Result takeQueryPart(void* context,
                          const char* value,
                          size_t valueBytes) {
     auto* const query = static_cast<QueryParts*>(context);
-    if (query->count == kQueryParts) return MHD_NO;
+    if (query->count == kSafeQueryParts) {
+        query->isLong = true;
+        return MHD_NO;
+    }
     query->parts[query->count++] = {
         {name, nameBytes},
         value != nullptr ? std::string_view(value, valueBytes) : std::string_view()};
@@ -378,6 +383,30 @@ Client* clientOf(MHD_Connection* connection) {
     return info != nullptr ? static_cast<Client*>(info->socket_context) : nullptr;
 }
 
+std::string_view headerOf(MHD_Connection* connection, const char* name) {
+    const char* const value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    return value != nullptr ? value : "";
+}
+
+// Does the request say that it brings something?
+bool hasBody(MHD_Connection* connection) {
+    const auto has = [connection](const char* name) {
+        return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name) != nullptr;
+    };
+    return has(MHD_HTTP_HEADER_CONTENT_LENGTH) || has(MHD_HTTP_HEADER_TRANSFER_ENCODING);
+}
+
+RouteRequest requestOf(MHD_Connection* connection, const char* method, const char* path) {
+    return {.method = method,
+            .path = path,
+            .host = headerOf(connection, MHD_HTTP_HEADER_HOST),
+            .query = {},
+            .origin = headerOf(connection, MHD_HTTP_HEADER_ORIGIN),
+            .fetchSite = headerOf(connection, "Sec-Fetch-Site"),
+            .fetchMode = headerOf(connection, "Sec-Fetch-Mode"),
+            .fetchDestination = headerOf(connection, "Sec-Fetch-Dest")};
+}
+
 MHD_Result onRequest(void*,
                      MHD_Connection* connection,
                      const char* path,
@@ -388,27 +417,37 @@ MHD_Result onRequest(void*,
                      void** requestContext) {
     Client* const client = clientOf(connection);
     if (client == nullptr) return MHD_NO;
-    // A connection goes on only behind an answer that waited for the request's end. Requests that
-    // bring something are answered ahead of it, and their connections closed.
-    if (*requestContext == nullptr && std::string_view(method) == "GET") {
+    // A connection goes on only after an answer that waited for the request's end. Requests that
+    // bring something are answered before it, and their connections closed: nothing that follows
+    // may be taken for another request.
+    const bool isPlain = std::string_view(method) == "GET" && !hasBody(connection);
+    if (*requestContext == nullptr && isPlain) {
         *requestContext = client;
         return MHD_YES;
     }
+    RouteRequest request = requestOf(connection, method, path);
     {
         const LockGuard guard(server.lock);
-        setPhaseLocked(client, Phase::kAnswer);
+        setPhaseLocked(client, CrowdPhase::kAnswer);
+        request.hasNul = std::exchange(client->hasNul, false);
+        request.isExtra = client->isExtra;
     }
+    server.closesAfterAnswer = !isPlain || request.isExtra;
     QueryParts query{};
     MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, takeQueryPart, &query);
-    const char* const host =
-        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST);
-    const RouteRequest request{.method = method,
-                               .path = path,
-                               .host = host != nullptr ? host : "",
-                               .query = {query.parts, query.count}};
+    request.query = {query.parts, query.count};
+    request.isLong = query.isLong;
     Route route;
     routeFind(request, server.rules->routes, &route);
     return answer(connection, client, route);
+}
+
+// Called for the path and for each name and value of the query.
+size_t onUnescape(void*, MHD_Connection* connection, char* text) {
+    const size_t length = MHD_http_unescape(text);
+    Client* const client = clientOf(connection);
+    if (client != nullptr && std::memchr(text, '\0', length) != nullptr) client->hasNul = true;
+    return length;
 }
 
 void onCompleted(void*, MHD_Connection* connection, void**, MHD_RequestTerminationCode) {
@@ -418,12 +457,29 @@ void onCompleted(void*, MHD_Connection* connection, void**, MHD_RequestTerminati
     const LockGuard guard(server.lock);
     std::swap(dropped, client->events.body);
     client->isSuspended = false;
-    setPhaseLocked(client, Phase::kIdle);
+    setPhaseLocked(client, CrowdPhase::kIdle);
 }
 
 void beNice() {
     if (std::exchange(server.isNice, true)) return;
     (void)setpriority(PRIO_PROCESS, 0, kNice);  // of this thread alone; it goes without, too
+}
+
+CrowdAddress addressOf(MHD_Connection* connection) {
+    const sockaddr* const peer =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr;
+    in6_addr six = IN6ADDR_ANY_INIT;
+    if (peer->sa_family == AF_INET6) {
+        sockaddr_in6 whole{};
+        std::memcpy(&whole, peer, sizeof whole);
+        six = whole.sin6_addr;
+    } else {
+        sockaddr_in whole{};
+        std::memcpy(&whole, peer, sizeof whole);
+        six.s6_addr[10] = six.s6_addr[11] = 0xff;
+        std::memcpy(&six.s6_addr[12], &whole.sin_addr, sizeof whole.sin_addr);
+    }
+    return std::bit_cast<CrowdAddress>(six);
 }
 
 void openClient(MHD_Connection* connection, void** context) {
@@ -433,12 +489,12 @@ void openClient(MHD_Connection* connection, void** context) {
     if (client == nullptr) return;  // its requests are refused
     client->descriptor =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    client->address = addressOf(connection);
     const LockGuard guard(server.lock);
-    enterClientLocked(client);
-    setPhaseLocked(client, Phase::kRequest);
-    if (server.counts.clients - server.cutClients > server.rules->mostClients) {
-        cutOffLocked(chooseSurplusLocked(client));
-    }
+    CrowdMember* const surplus = crowdEnter(server.crowd, *client, clockSteadySeconds());
+    if (surplus == nullptr) return;
+    ++server.cutOffClients;
+    shutLocked(clientOfMember(surplus));
 }
 
 void closeClient(void** context) {
@@ -446,7 +502,7 @@ void closeClient(void** context) {
     if (client == nullptr) return;
     {
         const LockGuard guard(server.lock);
-        leaveClientLocked(client);
+        crowdLeave(server.crowd, *client);
     }
     delete client;
 }
@@ -483,6 +539,10 @@ void tellAddress() {
 
 bool serverBind(const ServerRules& rules) {
     server.rules = &rules;
+    {
+        const LockGuard guard(server.lock);
+        server.crowd.most = rules.mostClients;
+    }
     const int family = rules.listen.address.ss_family;
     server.listener = socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (server.listener < 0) return refuse("make a socket for");
@@ -502,7 +562,7 @@ bool serverStart() {
         server.rules->mostClients + kSpareConnections, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
         kServerClientBytes, MHD_OPTION_NOTIFY_COMPLETED, onCompleted, nullptr,
         MHD_OPTION_NOTIFY_CONNECTION, onConnection, nullptr, MHD_OPTION_STRICT_FOR_CLIENT, 1,
-        MHD_OPTION_END);
+        MHD_OPTION_UNESCAPE_CALLBACK, onUnescape, nullptr, MHD_OPTION_END);
     if (server.daemon == nullptr) return refuse("serve on");
     tellAddress();
     return true;
@@ -511,7 +571,7 @@ bool serverStart() {
 void serverPublish() {
     const LockGuard guard(server.lock);
     ++server.published;
-    for (Client* client = server.clients; client != nullptr; client = client->next) {
+    for (Client* client = firstLocked(); client != nullptr; client = nextOf(client)) {
         wakeLocked(client);
     }
 }
@@ -519,20 +579,22 @@ void serverPublish() {
 void serverSweep() {
     const double now = clockSteadySeconds();
     const LockGuard guard(server.lock);
-    for (Client* client = server.clients; client != nullptr; client = client->next) {
-        if (!client->isCut && isLate(*client, now)) cutOffLocked(client);
-        if (hasLeft(*client)) shutLocked(client);
+    for (Client* client = firstLocked(); client != nullptr; client = nextOf(client)) {
+        if (client->hasToTake) crowdTook(*client, peerTakenBytes(client->descriptor), now);
+        if (isLate(*client, now) || isInTheWayLocked(*client, now)) cutOffLocked(client);
+        if (hasLeft(*client) && crowdCut(server.crowd, *client)) shutLocked(client);
         if (client->isSuspended && eventsWakes(client->events, server.published, now)) {
             wakeLocked(client);
         }
     }
+    server.inTheWay = nullptr;
 }
 
 ServerCounts serverCounts() {
     const LockGuard guard(server.lock);
-    ServerCounts counts = server.counts;
-    counts.clients -= server.cutClients;
-    return counts;
+    return {.clients = server.crowd.count,
+            .eventClients = server.crowd.eventCount,
+            .cutOffClients = server.cutOffClients};
 }
 
 void serverStop() {
@@ -540,11 +602,11 @@ void serverStop() {
     {
         const LockGuard guard(server.lock);
         server.isEnding = true;
-        for (Client* client = server.clients; client != nullptr; client = client->next) {
+        for (Client* client = firstLocked(); client != nullptr; client = nextOf(client)) {
             wakeLocked(client);
         }
     }
     MHD_stop_daemon(std::exchange(server.daemon, nullptr));
     server.metrics = {};
-    server.newest = {};
+    server.events = {};
 }

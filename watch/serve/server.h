@@ -4,11 +4,11 @@
 //     serverBind  (rights are given up)  serverStart  |  serverPublish ...  |  serverStop
 //
 // A client can't hold up whoever publishes, nor make the process grow: the text of an interval is
-// written once, when the first client wants it, and shared by all; what a client costs beside them
-// is bounded by kServerClientBytes and ServerRules::mostClients. A client has kServerRequestSeconds
-// for a request, kServerAnswerSeconds to read an answer and kEventsReadSeconds to read an event,
-// and may be idle for kServerIdleSeconds between requests. Where there are too many, those go first
-// that ask for nothing, the longest silent ahead of all.
+// written once, when the first client wants it, and shared by all (shared_text.h bounds what slow
+// readers hold of them); what a client costs beside them is bounded by kServerClientBytes and
+// ServerRules::mostClients. A client has kServerRequestSeconds for a request, kServerAnswerSeconds
+// to read an answer and kEventsReadSeconds to read an event, and may be idle for kServerIdleSeconds
+// between requests. crowd.h says who goes where there are too many.
 //
 // Ownership: rules are borrowed for as long as the server runs.
 //

@@ -24,7 +24,8 @@ struct WebAsset {
 // with each of its files. Beside these files the page asks for "/events" and "/history.json".
 inline constexpr std::string_view kWebContentSecurityPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
-    "img-src 'self' data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+    "img-src 'self' data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
+    "require-trusted-types-for 'script'";
 
 // A report is the head, the data, the tail, in UTF-8. The data is an object of
 // docs/pelmowatch-report.schema.json, in which each "<" is written as \u003c. The page states its

@@ -1,0 +1,35 @@
+// A text that changes and that many clients read: the newest, and at most one before it that slow
+// readers still hold. While they do, the newest can't be replaced, and later askers get it although
+// it is old: so readers that take nothing hold two texts of a kind at most, whatever comes
+// meanwhile.
+//
+// All texts together are bounded too (bodyBytes, kMostBodyBytes): where they reach the bound none
+// is written before one is given back. Whoever hands on intervals never waits for any of this.
+//
+// Threads: no lock; those of the server's thread.
+
+#pragma once
+
+#include <cstddef>
+#include <utility>
+
+#include "watch/serve/body.h"
+
+inline constexpr size_t kMostBodyBytes = size_t{64} << 20;
+
+struct SharedText {
+    BodyHold newest;  // empty: there is none yet
+    BodyHold old;     // held here for as long as others hold it
+};
+
+// Call it before a new text is written.
+[[nodiscard]] inline bool sharedTextMayRenew(SharedText& text) {
+    if (text.old && !text.old.isShared()) text.old = {};
+    const bool isHeld = text.newest && text.newest.isShared();
+    return bodyBytes() < kMostBodyBytes && !(isHeld && text.old);
+}
+
+inline void sharedTextRenew(SharedText& text, BodyHold next) {
+    if (text.newest && text.newest.isShared()) text.old = std::move(text.newest);
+    text.newest = std::move(next);
+}
