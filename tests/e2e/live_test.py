@@ -5,7 +5,9 @@ import fcntl
 import os
 import pathlib
 import re
+import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -18,6 +20,7 @@ from live_run import (Process, Tool, added_up, open_wire, read_reports, run_quie
                       total_of, wait_until)
 
 BINARY, PELMOGEN, CLOCK_SHIFT = (pathlib.Path(argument).resolve() for argument in sys.argv[1:4])
+SAMPLE = pathlib.Path(__file__).resolve().parents[2] / "samples" / "bus.pcap"
 WIRE = None
 
 MIX = """--nulls 0.1 --rreqs 0.05 --rrejs 0.04 --ptp-data 0.06 --ptp-ackmes 0.03 --ptp-acks 0.02
@@ -137,6 +140,28 @@ class Live(unittest.TestCase):
             tool.wait_for_reports(1)
             self.assertEqual(run_quietly("ip", "link", "set", "lo", "down").returncode, 0)
             self.stop_in_order(tool)
+
+    def test_a_tool_with_file_capabilities_loads_only_what_root_laid(self):
+        if os.getuid() != 0:
+            self.skipTest("only root gives capabilities to a file")
+        folder = pathlib.Path(tempfile.mkdtemp(dir=BINARY.parent))
+        self.addCleanup(shutil.rmtree, folder)
+        for source in (BINARY, *BINARY.parent.glob("lib*.so.1.1")):
+            shutil.copy(source, folder)
+        tool = folder / BINARY.name
+        revision_2, effective = 0x02000000, 1
+        os.setxattr(tool, "security.capability",
+                    struct.pack("<5I", revision_2 | effective, NET_CAPABILITIES, 0, 0, 0))
+        for mode, owner, status in ((0o755, 0, 0), (0o775, 0, 1), (0o777, 0, 1), (0o755, 65534, 1)):
+            os.chmod(folder, mode)
+            os.chown(folder, owner, 0)
+            run = subprocess.run(["elsewhere/pelmoscope", "-r", SAMPLE, "-no-display"], executable=tool, cwd="/",
+                                 user=65534, group=65534, extra_groups=[], capture_output=True, text=True,
+                                 check=False, env={"PELMO_REXEC": "1", "PM_BIN": str(self.folder)})
+            if "Permission denied" in run.stderr:
+                self.skipTest("nobody may not enter " + str(folder))
+            self.assertEqual(run.returncode, status, (oct(mode), owner, run.stderr))
+            self.assertEqual("Failed to set module path" in run.stderr, bool(status))
 
     def test_rings_of_capture_and_log_files(self):
         """Names are relative, and the tool leaves its directory."""

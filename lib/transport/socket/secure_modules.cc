@@ -1,6 +1,8 @@
 #include "lib/transport/socket/secure_modules.h"
 
 #include <dlfcn.h>
+#include <sys/auxv.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -82,10 +84,17 @@ const char* versionTextNow() {
     return text != nullptr ? text : "Unknown";
 }
 
+// By file capabilities or set-user-id the program runs with more rights than its caller, who must
+// not choose the folder that code is loaded from: neither by the environment nor by argv[0].
+bool hasMoreRights() {
+    return getauxval(AT_SECURE) != 0;
+}
+
 std::string programFile(const char* const* argv) {
     char name[PATH_MAX];
     const ssize_t sizeBytes = readlink("/proc/self/exe", name, sizeof name);
     if (sizeBytes > 0) return std::string(name, static_cast<size_t>(sizeBytes));
+    if (hasMoreRights()) return "";
     return argv != nullptr && argv[0] != nullptr ? argv[0] : "";
 }
 
@@ -96,11 +105,23 @@ std::string programFolder(const char* const* argv) {
     return separator == 0 ? "/" : file.substr(0, separator);
 }
 
-// A program that runs with more rights than its caller, by file capabilities or set-user-id,
-// ignores PELMO_REXEC: the caller must not choose the folder that code is loaded from.
+// May only root have put there what is loaded?
+bool isRootsAlone(const std::string& folder) {
+    struct stat status = {};
+    return stat(folder.c_str(), &status) == 0 && status.st_uid == 0 &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// Leaves PM_BIN unset where no folder may be used.
 void prepareEnvironment(const char* const* argv) {
     if (secure_getenv("PELMO_REXEC") != nullptr) return;
+    unsetenv("PM_BIN");
+    if (hasMoreRights() && programFile(argv).empty()) return;
     const std::string folder = programFolder(argv);
+    if (hasMoreRights() && !isRootsAlone(folder)) {
+        secure.bindingText.append(folder).append(" isn't root's, or others may write there\n");
+        return;
+    }
     setenv("PM_BIN", folder.c_str(), 1);
     char canonical[PATH_MAX];
     if (realpath((folder + "/../lib").c_str(), canonical) != nullptr) {

@@ -35,9 +35,11 @@ extern const ModuleBinding sslTable[];         // libssl
 
 // Prints nothing on success. On failure it reports the steps taken on the standard error stream;
 // the program then ends with status 1. The program's directory is taken from `argv` only when the
-// operating system doesn't provide it. kStatusFileNotFound where there is no directory or no
-// library in it, kStatusIoFailed for one that can't be loaded or is of another version,
-// kStatusNotFound for one without a function.
+// operating system doesn't provide it, and never in a program that runs with more rights than its
+// caller (file capabilities, set-user-id); there the directory has to be root's, and not writable
+// by others. kStatusFileNotFound where there is no directory or no library in it, kStatusIoFailed
+// for one that can't be loaded or is of another version, kStatusNotFound for one without a
+// function.
 [[nodiscard]] pelmoStatus secureBindAll(const char* const* argv);
 
 // The initial target of every slot. It reports the fault and ends the process with status 2 at
