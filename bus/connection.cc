@@ -89,6 +89,9 @@ ExitStatus connectionOpen(Connection& connection, const BusSettings& settings) {
                  status);
         return kExitFailed;
     }
+    if (!settings.local && linkNewsOpen(connection.news, connection.transport) != kStatusSuccess) {
+        complain("the connection's breaks are reported by the library's own lines");
+    }
     return makeSettings(connection.transport, settings);
 }
 
@@ -96,5 +99,6 @@ Connection::~Connection() {
     if (transport != kNoId && transport != kIntraProcessTransportId) {
         pelmoTransport_Destroy(transport);
     }
+    linkNewsClose(news);
     if (opened) pelmo_Close();
 }

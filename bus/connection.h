@@ -10,11 +10,13 @@
 
 #pragma once
 
+#include "bus/link_news.h"
 #include "bus/settings.h"
 
 struct Connection {
     uint32_t transport = kNoId;
     bool opened = false;
+    LinkNews news;
 
     Connection() = default;
     ~Connection();

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "bus/complain.h"
 #include "bus/owned_message.h"
@@ -22,12 +24,27 @@ void onReturn(uint32_t, pelmoMsg*, void* closure) {
     *static_cast<bool*>(closure) = true;
 }
 
+// An inbox that the daemon alone brings messages to. Those of a transport with a port of its own
+// are reached without it, but for the ones of daemons: "_INBOX.ADDRESS.DAEMON. ...". The rest of
+// one of our own inboxes makes the name ours.
+bool makeProbeInbox(uint32_t transport, char (&out)[kMostInboxBytes]) {
+    char own[kMostInboxBytes];
+    if (pelmoTransport_CreateInbox(transport, own, sizeof own) != kStatusSuccess) return false;
+    const std::string_view text(own);
+    const size_t id = text.find('.', text.find('.') + 1);
+    const size_t rest = id == text.npos ? text.npos : text.find('.', id + 1);
+    if (rest == text.npos) return false;
+    const int size =
+        std::snprintf(out, sizeof out, "%.*s.DAEMON%s", static_cast<int>(id), own, own + rest);
+    return size > 0 && static_cast<size_t>(size) < sizeof out;
+}
+
 void awaitDaemon(Pump& pump, uint32_t transport) {
     char inbox[kMostInboxBytes];
     uint32_t event = kNoId;
     bool isBack = false;
     const OwnedMessage msg = messageMake();
-    if (pelmoTransport_CreateInbox(transport, inbox, sizeof inbox) == kStatusSuccess &&
+    if (makeProbeInbox(transport, inbox) &&
         pelmoEvent_CreateListener(&event, pump.queue, onReturn, transport, inbox, &isBack) ==
             kStatusSuccess &&
         pelmoMsg_SetSendSubject(msg.get(), inbox) == kStatusSuccess &&

@@ -41,8 +41,8 @@ struct Pump {
                               void* closure);
 
 // Tells "listening on SUBJECT" for each, once the daemon knows of the listeners: what is sent from
-// then on reaches them. A message to an inbox of our own shows it, which the daemon sends back
-// behind all that it was told before. One that sends nothing back is waited for a second.
+// then on reaches them. A message to ourselves by the daemon shows it, which the daemon sends back
+// after all that it was told before. One that sends nothing back is waited for a second.
 void pumpAnnounce(Pump& pump, uint32_t transport, std::span<const char* const> subjects);
 
 enum class PumpEnd { kDone, kTime, kStopped, kFailed };

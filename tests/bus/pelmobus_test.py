@@ -7,12 +7,14 @@ import json
 import os
 import pathlib
 import re
+import select
 import signal
 import socket
 import struct
 import subprocess
 import sys
 import termios
+import threading
 import time
 import unittest
 
@@ -31,6 +33,14 @@ def local(*words, **kwargs):
 
 def start(*words, **kwargs):
     return subprocess.Popen([PROGRAM, "--local", *words], stderr=subprocess.PIPE, **kwargs)
+
+
+def relay(source, sink):
+    try:
+        while got := source.recv(1 << 16):
+            sink.sendall(got)
+    except OSError:
+        pass
 
 
 class Pelmobus(unittest.TestCase):
@@ -275,14 +285,46 @@ class OverADaemon(unittest.TestCase):
         accept, connect = self.circuit()
         self.daemon.close()
         for end in (accept, connect):
-            while b"PMD.DISCONNECTED" not in end.stderr.readline():
-                pass
+            self.assertEqual(end.stderr.readline(), b"pelmobus: lost the connection to the daemon\n")
         # What can't be sent is told, and ends the circuit.
         connect.stdin.write(b"lost\n")
         connect.stdin.flush()
         self.assertEqual(connect.stderr.read(),
                          b"pelmobus: send LINE: Not connected to daemon (21)\n")
         self.assertEqual(connect.wait(30), 1)
+
+    def test_listening_is_said_once_the_daemon_knows(self):
+        # What goes to the daemon waits from the first interest on: it can't know of the listener.
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            listener = subprocess.Popen([PROGRAM, "--service", "7500:", "--daemon",
+                                         "127.0.0.1:%d" % server.getsockname()[1], "listen", "A", "--count", "1"],
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            self.addCleanup(listener.stdout.close)
+            self.addCleanup(listener.stderr.close)
+            near, _ = server.accept()
+        far = socket.create_connection(("127.0.0.1", self.daemon.port))
+        self.addCleanup(near.close)
+        self.addCleanup(far.close)
+        held = b""
+        while b"\6mtype\0\x08\x02L" not in held:
+            ready, _, _ = select.select([near, far], [], [], 30)
+            self.assertTrue(ready)
+            for end in ready:
+                got = end.recv(1 << 16)
+                self.assertTrue(got)
+                if end is far:
+                    near.sendall(got)
+                elif held or b"\6mtype\0\x08\x02L" in got:
+                    held += got
+                else:
+                    far.sendall(got)
+        self.assertEqual(select.select([listener.stderr], [], [], 0.5)[0], [])
+        for source, sink in ((near, far), (far, near)):
+            threading.Thread(target=relay, args=(source, sink), daemon=True).start()
+        far.sendall(held)
+        self.assertEqual(listener.stderr.readline(), b"listening on A\n")
+        self.bus("send", "A")
+        self.assertEqual(listener.wait(30), 0)
 
     def test_a_broken_connection_is_waited_for_where_that_is_asked_for(self):
         listener = self.start("listen", "W", "--count", "3")
@@ -294,8 +336,7 @@ class OverADaemon(unittest.TestCase):
             self.assertEqual(listener.stdout.readline(), b'W {line="ahead"}\n')
         self.daemon.close()
         for process in (waiting, failing, listener):
-            while b"PMD.DISCONNECTED" not in process.stderr.readline():
-                pass
+            self.assertEqual(process.stderr.readline(), b"pelmobus: lost the connection to the daemon\n")
         for process in (waiting, failing):
             process.stdin.write(b"behind\n")
             process.stdin.flush()
@@ -305,6 +346,8 @@ class OverADaemon(unittest.TestCase):
         self.daemon = Daemon(PMD, port=self.daemon.port)
         self.addCleanup(self.daemon.close)
         self.assertEqual(self.ended(waiting), "")
+        self.assertRegex(listener.stderr.readline().decode(),
+                         r"^pelmobus: connected to the daemon again after \d+\.\d seconds\n$")
         # The listener is back in its own time, and its end shows that it is.
         wait_until(lambda: self.bus("send", "W") and listener.poll() is not None, "the listener")
         self.assertEqual(listener.returncode, 0)
