@@ -18,7 +18,9 @@
 // "_PM.WARN.SYSTEM.PMD.DISCONNECTED" tells its listeners, and it connects again: within 100 ms,
 // from the third break in a row on after a second, two, four and so on, and every ten seconds while
 // no daemon is reached. Meanwhile sends answer kStatusDaemonNotConnected, and nothing is sent
-// later. Its inboxes keep their names, and the new connection listens to the same subjects. While
+// later. Its inboxes keep their names, and the new connection listens to the same subjects. Its
+// return is reported by "_PM.INFO.SYSTEM.PMD.RECONNECTED", whose f64 field "seconds" has how long
+// the transport was without one: what was sent to it in that time it has missed. While
 // messages leave more slowly than they are sent, "_PM.WARN.SYSTEM.CLIENT.FASTPRODUCER" tells, in
 // its field "waiting", how many are queued.
 //

@@ -9,7 +9,7 @@
 // so once: the first who sees a break closes the queue, runs the hooks, tells by the advisory
 // "_PM.WARN.SYSTEM.PMD.DISCONNECTED", and sets a timer on the work queue, whose thread connects
 // again, one link at a time: a daemon that doesn't answer holds up no timer. The session keeps its
-// name.
+// name. The return is reported by "_PM.INFO.SYSTEM.PMD.RECONNECTED", always before the next break.
 //
 // A connection is the link's only once its daemon has all start and interest messages. What the
 // transport's callers want to tell the daemon meanwhile, of interest and of settings, waits and

@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "lib/base/log.h"
+#include "lib/msg/message_internal.h"
+#include "lib/msg/message_typed.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/daemon/daemon_link_internal.h"
@@ -15,14 +17,14 @@ void onQueueGone(void* closure) {
     Id_Release(&static_cast<DaemonLink*>(closure)->transport->header, false);
 }
 
-// The first who comes takes the queue off the link. A queue that isn't the link's yet is only
-// marked: its connect sees to it.
+// The first who comes takes the queue off the link. One that isn't the link's yet, or whose return
+// isn't reported yet, is only marked: its connect sees to it.
 bool takeOffLocked(DaemonLink* link, const Ipq* ipq, bool isNoticed) PELMO_REQUIRES(link->lock) {
-    if (link->ipq == ipq) {
+    if (link->ipq == ipq && !link->isReturning) {
         link->ipq = nullptr;
         return true;
     }
-    if (link->fresh.ipq == ipq) {
+    if (link->ipq == ipq || link->fresh.ipq == ipq) {
         link->fresh.isLost = true;
         link->fresh.isNoticed = link->fresh.isNoticed || isNoticed;
     }
@@ -52,6 +54,22 @@ void tellDisconnect(const Transport* transport) {
         advisorySend(transport->header.id, "WARN", "SYSTEM", "PMD.DISCONNECTED", nullptr);
     if (status != kStatusSuccess) {
         logPrint("unable to build disconnected message: %s", pelmoStatus_GetText(status));
+    }
+}
+
+// How long the transport was without a connection.
+void tellReturn(const Transport* transport, double seconds) {
+    pelmoMsg* advisory = nullptr;
+    pelmoStatus status = advisoryCreate(&advisory, "INFO", "SYSTEM", "PMD.RECONNECTED", nullptr);
+    if (status == kStatusSuccess) {
+        HeldMessage held(advisory);
+        status = pelmoMsg_AddF64(advisory, "seconds", seconds, 0);
+        if (status == kStatusSuccess) {
+            status = transportDistribute(transport->header.id, held.release());
+        }
+    }
+    if (status != kStatusSuccess) {
+        logPrint("unable to build reconnected message: %s", pelmoStatus_GetText(status));
     }
 }
 
@@ -88,12 +106,13 @@ bool waitHere(DaemonLink* link) {
     return goesOn;
 }
 
-// A connection that broke before it was the link's.
+// A connection that broke before it was the link's, or before its return was reported.
 void seeToEarlyBreak(DaemonLink* link) {
     Ipq* ipq = nullptr;
     bool isNoticed = false;
     {
         const LockGuard guard(link->lock);
+        link->isReturning = false;
         const bool isThisOne = link->fresh.isLost && link->fresh.ipq == nullptr;
         if (!isThisOne) return;
         ipq = link->ipq;
@@ -103,6 +122,11 @@ void seeToEarlyBreak(DaemonLink* link) {
     if (ipq != nullptr) linkBreak(link, ipq, isNoticed);
 }
 
+double secondsSinceBreak(DaemonLink* link) {
+    const LockGuard guard(link->lock);
+    return linkSeams.now() - link->breaks.lastSeconds;
+}
+
 // The checker can't tell that the link's transport is the one that is held.
 bool connectAgain(Held<Transport>& held) PELMO_UNCHECKED_LOCKING {
     DaemonLink* const link = held->link;
@@ -110,7 +134,8 @@ bool connectAgain(Held<Transport>& held) PELMO_UNCHECKED_LOCKING {
     const pelmoStatus status = linkConnect(link, true, false);
     held.leave();
     if (status != kStatusSuccess) return false;
-    (void)runHooks(held, kHookReconnect);
+    const double seconds = secondsSinceBreak(link);
+    if (runHooks(held, kHookReconnect)) tellReturn(held.get(), seconds);
     seeToEarlyBreak(link);
     return true;
 }

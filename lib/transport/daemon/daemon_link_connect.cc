@@ -266,6 +266,7 @@ Dpa* takeOverLocked(DaemonLink* link, Ipq* ipq, bool isFirst, pelmoStatus* statu
     applyLocked(link, ipq);
     link->ipq = ipq;
     link->fresh.ipq = nullptr;
+    link->isReturning = !isFirst;
     return nullptr;
 }
 

@@ -49,6 +49,7 @@ struct DaemonLink {
     Lock lock;
     Ipq* ipq PELMO_GUARDED_BY(lock);  // null: no connection
     FreshConnection fresh PELMO_GUARDED_BY(lock);
+    bool isReturning PELMO_GUARDED_BY(lock);  // a break waits until the return is reported
     bool isStopped PELMO_GUARDED_BY(lock);
     uint32_t reconnectTimer PELMO_GUARDED_BY(lock);  // kNoId: none
     BreakRow breaks PELMO_GUARDED_BY(lock);

@@ -387,10 +387,21 @@ TEST_F(Link, RunsHooksAroundItsConnections) {
             &log);
     }
     TestListener advisories(queue, "_PM.WARN.SYSTEM.PMD.DISCONNECTED", id);
-    EXPECT_EQ(daemon.await(1), Texts{"L _PM.WARN.SYSTEM.PMD.DISCONNECTED"});
+    TestListener returns(queue, "_PM.INFO.SYSTEM.PMD.RECONNECTED", id);
+    double deafSeconds = -1;
+    returns.onMessage = [&](pelmoMsg* message) {
+        EXPECT_EQ(pelmoMsg_GetF64(message, "seconds", &deafSeconds, 0), kStatusSuccess);
+    };
+    EXPECT_EQ(daemon.await(2),
+              (Texts{"L _PM.WARN.SYSTEM.PMD.DISCONNECTED", "L _PM.INFO.SYSTEM.PMD.RECONNECTED"}));
     (void)log.taken();
-    breakAndRepair();
+    daemon.breakConnections();
+    const LinkStand::Timer timer = stand.awaitTimer();
+    stand.now = stand.now + 7;
+    stand.fire(timer);
     dispatchUntil(advisories, 1);
+    dispatchUntil(returns, 1);
+    EXPECT_DOUBLE_EQ(deafSeconds, 7);
     const std::string control = R"({mtype="S" control="E" data=false})";
     Texts told = daemon.await(control);
     EXPECT_EQ(std::count(told.begin(), told.end(), "L B"), 1);
@@ -414,6 +425,13 @@ TEST_F(Link, OutlivesAThousandBreaks) {
         listeners.emplace_back(queue, subject, id);
     }
     listeners.emplace_back(queue, ("_INBOX." + kSession + ".7").c_str(), id);
+    Texts news;
+    listeners.emplace_back(queue, "_PM.*.SYSTEM.PMD.*", id);
+    listeners.back().onMessage = [&news](pelmoMsg* message) {
+        const char* name = nullptr;
+        EXPECT_EQ(pelmoMsg_GetString(message, "ADV_NAME", &name, 0), kStatusSuccess);
+        news.emplace_back(name);
+    };
     Texts whole = {kNextWords[0], kNextWords[1]};
     for (const std::string& words : interest())
         whole.push_back(words);
@@ -464,6 +482,14 @@ TEST_F(Link, OutlivesAThousandBreaks) {
     }
     EXPECT_GT(failures, 10);
     EXPECT_GT(last, 1000);
+
+    // Each return is told between two breaks, however soon the next one comes.
+    while (pelmoQueue_TimedDispatch(queue, 0) == kStatusSuccess) {
+    }
+    for (size_t i = 0; i < news.size(); ++i) {
+        ASSERT_EQ(news[i], i % 2 == 0 ? "PMD.DISCONNECTED" : "PMD.RECONNECTED") << i;
+    }
+    EXPECT_GE(news.size(), 1999u);
 }
 
 TEST_F(Link, EndsTheWaitForADaemonThatWasStarted) {
