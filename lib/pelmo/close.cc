@@ -1,6 +1,7 @@
 // The last close. Callbacks may be running on threads of the application. What they use is
 // destroyed only after they have returned, so events are destroyed when the last queue is gone.
 
+#include <algorithm>
 #include <utility>
 
 #include "lib/containers/dpa.h"
@@ -27,10 +28,12 @@ void destroyListed(Dpa& ids, Destroy destroy) {
         destroy(idFromItem(ids.items[--ids.count]));
 }
 
-// Destroys all objects of a type. An object for which the list has no room is left alone.
+// Destroys all objects of a type, a circuit ahead of the transport beneath it. An object for which
+// the list has no room is left alone.
 template <typename Destroy>
 void destroyAll(IdType type, Dpa& ids, Destroy destroy) {
     (void)idTableList(type, &ids);
+    std::sort(ids.items, ids.items + ids.count);
     destroyListed(ids, destroy);
 }
 

@@ -78,16 +78,41 @@ void cutOffListeners(Held<Transport>& held) PELMO_REQUIRES(held->header.lock) {
     }
 }
 
-// Detaches what leads out of the process. The caller closes the endpoint last.
-ReliableEndpoint* stopPaths(Held<Transport>& held, double deadline, SendLosses& byDaemon)
-    PELMO_REQUIRES(held->header.lock) {
-    if (held->kind == TransportKind::kNetwork && held->link != nullptr) {
-        held.leave();
-        byDaemon = daemonLinkOps.stop(held.get(), deadline);
-        held.enter();
-    }
+// The endpoint stays the transport's until the daemon's link has stopped: what is sent meanwhile is
+// refused by it, and takes no other road. The caller gets one of its two references.
+SendLosses stopDirect(Held<Transport>& held, double deadline) PELMO_REQUIRES(held->header.lock) {
+    ReliableEndpoint* const endpoint = held->directEndpoint;
+    if (endpoint == nullptr) return {};
+    endpointOps.retain(endpoint);
+    held.leave();
+    const SendLosses losses = endpointOps.close(endpoint, deadline);
+    held.enter();
+    return losses;
+}
+
+SendLosses stopLink(Held<Transport>& held, double deadline) PELMO_REQUIRES(held->header.lock) {
+    if (held->kind != TransportKind::kNetwork || held->link == nullptr) return {};
+    held.leave();
+    const SendLosses losses = daemonLinkOps.stop(held.get(), deadline);
+    held.enter();
+    return losses;
+}
+
+struct RoadLosses {
+    SendLosses byDaemon;
+    SendLosses byPeers;
+};
+
+// Detaches what leads out of the process. Once the link has stopped, the daemon reports to others
+// that this transport is gone; so what went straight to them has to be there by then.
+RoadLosses stopPaths(Held<Transport>& held, double deadline) PELMO_REQUIRES(held->header.lock) {
+    RoadLosses losses = {};
     if (held->kind == TransportKind::kCircuit) circuitOps.disconnect(held.get(), nullptr);
-    return std::exchange(held->directEndpoint, nullptr);
+    losses.byPeers = stopDirect(held, deadline);
+    losses.byDaemon = stopLink(held, deadline);
+    ReliableEndpoint* const endpoint = std::exchange(held->directEndpoint, nullptr);
+    if (endpoint != nullptr) endpointOps.release(endpoint);
+    return losses;
 }
 
 // False where nothing was lost.
@@ -106,18 +131,15 @@ bool tellLosses(uint32_t transport, const char* road, const SendLosses& losses) 
 pelmoStatus endTransport(Held<Transport>& held, double deadline) PELMO_REQUIRES(held->header.lock) {
     const uint32_t id = held->header.id;
     (void)Transport_RunHooks(held.get(), kHookDestroy, nullptr);
-    SendLosses byDaemon = {};
-    ReliableEndpoint* endpoint = stopPaths(held, deadline, byDaemon);
     endRequestsLocked(held.get());
+    const RoadLosses losses = stopPaths(held, deadline);
     cutOffListeners(held);
     const bool wasPublished = Id_Invalidate(&held->header) == kStatusSuccess;
     (void)Transport_RunHooks(held.get(), kHookDestroyed, nullptr);
     if (wasPublished) Id_Release(&held->header, false);
     held.release();
-    SendLosses byPeers = {};
-    if (endpoint != nullptr) byPeers = endpointOps.close(endpoint, deadline);
-    const bool daemonLost = tellLosses(id, "connection to the daemon", byDaemon);
-    const bool peersLost = tellLosses(id, "direct road", byPeers);
+    const bool daemonLost = tellLosses(id, "connection to the daemon", losses.byDaemon);
+    const bool peersLost = tellLosses(id, "direct road", losses.byPeers);
     return daemonLost || peersLost ? kStatusDeliveryFailed : kStatusSuccess;
 }
 

@@ -107,6 +107,7 @@ class FakePeers {
     std::function<void()> meanwhile;  // called in the endpoint's sends
     int references = 0;               // to the endpoint, of sends
     SendLosses losses = {};           // of the next closes
+    std::function<void()> atClose;    // called in them
 
     FakePeers() {
         current = this;
@@ -122,6 +123,7 @@ class FakePeers {
             .close =
                 [](ReliableEndpoint*, double) {
                     current->calls.emplace_back("close");
+                    if (current->atClose) current->atClose();
                     return current->losses;
                 }};
         circuitOps = {.send = [](Transport* t, pelmoMsg* m) { return noteHeld(t, "send", m); },

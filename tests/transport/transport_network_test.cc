@@ -202,9 +202,15 @@ TEST_F(Network, SendsToTheDaemonOrAPeer) {
     EXPECT_EQ(daemon.taken(), Texts{R"(send {text="x"})"});
 }
 
-// A send that meets the destroy keeps the endpoint beyond its close.
-TEST_F(Network, KeepsItsEndpointForARunningSend) {
+// The daemon reports the end of a transport as soon as its link has stopped; a send that meets the
+// destroy keeps the endpoint beyond its close.
+TEST_F(Network, ClosesItsEndpointFirst) {
     remake(peers.endpoint());
+    (void)daemon.taken();
+    peers.atClose = [&] {
+        EXPECT_EQ(daemon.taken(), Texts{});
+        EXPECT_EQ(peers.references, 2) << "the send's and the destroy's";
+    };
     const Texts both = {R"(to 1:2 {text="x"})", "close"};
     peers.meanwhile = [&] {
         EXPECT_EQ(pelmoTransport_Destroy(std::exchange(id, kNoId)), kStatusSuccess);

@@ -97,9 +97,10 @@ void traffic(ReliableEndpoint* endpoint, pelmoDirectTraffic* out) {
             .port = ReliableEndpoint_Port(endpoint)};
 }
 
-SendLosses closeFlushed(ReliableEndpoint* endpoint, double /*deadline*/) {
-    (void)ReliableEndpoint_Close(endpoint, true);
-    return {};
+SendLosses closeFlushed(ReliableEndpoint* endpoint, double deadline) {
+    EndpointUnsent unsent = {};
+    (void)ReliableEndpoint_Close(endpoint, deadline, &unsent);
+    return {.messages = unsent.messages, .bytes = unsent.bytes, .unconfirmed = false};
 }
 
 }  // namespace

@@ -169,6 +169,15 @@ bool endpointIsFlushed(const EndpointCore* core) {
     return core->unflushed == 0;
 }
 
+EndpointUnsent endpointUnsent(const EndpointCore* core) {
+    EndpointUnsent unsent = {};
+    for (const ReliableConnection* each = core->first; each != nullptr; each = each->next) {
+        unsent.messages += sendBufferMessages(&each->send);
+        unsent.bytes += sendBufferPayloadBytes(&each->send);
+    }
+    return unsent;
+}
+
 bool endpointCloseEnd(EndpointCore* core, double now, EndpointOutput* out) {
     const bool isLeft = core->first != nullptr;
     while (core->first != nullptr && out->lossCount < kMostLosses) {

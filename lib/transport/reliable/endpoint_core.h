@@ -72,6 +72,7 @@ bool endpointTick(EndpointCore* core, double now, EndpointOutput* out);
 // left, as far as the output has a place for each loss. False once there is nothing left.
 void endpointCloseBegin(EndpointCore* core, double now, bool flush, EndpointOutput* out);
 [[nodiscard]] bool endpointIsFlushed(const EndpointCore* core);
+[[nodiscard]] EndpointUnsent endpointUnsent(const EndpointCore* core);
 bool endpointCloseEnd(EndpointCore* core, double now, EndpointOutput* out);
 
 // For blocked senders. The record stays until the last holder lets go.

@@ -61,6 +61,12 @@ struct EndpointOutput {
     bool flushAdvanced;  // a connection has nothing more to flush
 };
 
+// What was sent and no peer has acknowledged.
+struct EndpointUnsent {
+    uint64_t messages;
+    uint64_t bytes;
+};
+
 struct EndpointCounts {
     uint64_t messagesSent;
     uint64_t messagesReceived;

@@ -48,8 +48,7 @@ namespace {
 constexpr double kSleepSeconds = 1e9;         // of a timer without a deadline
 constexpr double kLeastTimerSeconds = 0.001;  // the clock's step; 0 would mean at every turn
 constexpr double kWaitStepSeconds = 1.0;
-constexpr double kMostFlushSeconds = 12.0;   // the core ends by itself at 11
-constexpr double kMostClosingSeconds = 5.0;  // where the library closes, as for all that it closes
+constexpr double kAtOnce = 0;  // a deadline that has passed
 
 // Of one read event, so that other sockets of the thread get their turn.
 constexpr uint32_t kMostReads = 4;
@@ -301,19 +300,24 @@ bool isFlushed(ReliableEndpoint* endpoint, double* outDeadline) {
     return endpointIsFlushed(&endpoint->core);
 }
 
-// Event and timer are gone: the closing thread reads and ticks by itself.
-void flush(ReliableEndpoint* endpoint) {
-    const double most = libraryIsOpen() ? kMostFlushSeconds : kMostClosingSeconds;
-    const double end = clockSteadySeconds() + most;
-    double deadline;
-    while (!isFlushed(endpoint, &deadline)) {
+// Event and timer are gone: the closing thread reads and ticks by itself. The core gives up each
+// peer that acknowledges nothing any more.
+void flush(ReliableEndpoint* endpoint, double end) {
+    double due;
+    while (!isFlushed(endpoint, &due)) {
         const double now = clockSteadySeconds();
         if (now >= end) return;
-        const double wait = std::max(std::min(deadline, end) - now, kLeastTimerSeconds);
+        const double left = std::min({due - now, end - now, kWaitStepSeconds});
+        const double wait = std::max(left, kLeastTimerSeconds);
         pollfd polled = {.fd = endpoint->datagrams.handle, .events = POLLIN, .revents = 0};
         if (poll(&polled, 1, static_cast<int>(wait * 1000)) > 0) (void)readSome(endpoint);
         runTicks(endpoint);
     }
+}
+
+EndpointUnsent unsent(ReliableEndpoint* endpoint) {
+    const LockGuard guard(endpoint->lock);
+    return endpointUnsent(&endpoint->core);
 }
 
 bool beginClose(ReliableEndpoint* endpoint) {
@@ -367,7 +371,7 @@ pelmoStatus ReliableEndpoint_Open(ReliableEndpoint** out,
     made->closure = closure;
     status = startHandlers(made);
     if (status != kStatusSuccess) {
-        (void)ReliableEndpoint_Close(made, false);
+        (void)ReliableEndpoint_Close(made, kAtOnce, nullptr);
         return status;
     }
     *out = made;
@@ -416,14 +420,18 @@ pelmoStatus ReliableEndpoint_Send(ReliableEndpoint* endpoint,
     return status;
 }
 
-bool ReliableEndpoint_Close(ReliableEndpoint* endpoint, bool flushes) {
+bool ReliableEndpoint_Close(ReliableEndpoint* endpoint,
+                            double deadline,
+                            EndpointUnsent* outUnsent) {
     if (!beginClose(endpoint)) return false;
+    const bool flushes = clockSteadySeconds() < deadline;
     endHandlers(endpoint);
     callCore(endpoint, [&](EndpointOutput* output) PELMO_UNCHECKED_LOCKING {
         endpointCloseBegin(&endpoint->core, clockSteadySeconds(), flushes, output);
         return false;
     });
-    if (flushes) flush(endpoint);
+    if (flushes) flush(endpoint, deadline);
+    if (outUnsent != nullptr) *outUnsent = unsent(endpoint);
     callCore(endpoint, [&](EndpointOutput* output) PELMO_UNCHECKED_LOCKING {
         return endpointCloseEnd(&endpoint->core, clockSteadySeconds(), output);
     });

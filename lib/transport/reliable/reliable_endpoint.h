@@ -1,5 +1,5 @@
 // A reliable endpoint: a UDP port that carries messages straight from process to process, whole, in
-// order and once, or tells that it couldn't. The protocol is in endpoint_core.h; this module joins
+// order and once, or says that it couldn't. The protocol is in endpoint_core.h; this module joins
 // it to a socket, a timer, a lock and the callbacks.
 //
 // Ownership: the endpoint belongs to its maker, who closes it and with that gives the first
@@ -8,7 +8,8 @@
 //
 // Threads: any. The endpoint's lock (rank kEndpoint) guards the core, and no callback runs under
 // it. Messages come on the IO thread, losses on whichever thread found them. A sender waits while
-// the peer is 4 MB behind, unless it is the IO or the timer thread, or the library closes.
+// 2733 packets wait for the peer's window, which is 4 MB of full ones, unless it is the IO or the
+// timer thread or is marked by NoWait, or the library closes.
 //
 // The socket is read on queue 5; one timer on queue 2 stands for all deadlines, and fires only
 // while there is one. What one read brings is answered together, in one lock hold and one send,
@@ -28,7 +29,7 @@ struct Dpa;
 struct pelmoMsg;
 struct ReliableEndpoint;
 
-// The address is in network order. The list is freed behind the call; the messages are the
+// The address is in network order. The list is freed after the call; the messages are the
 // callee's.
 using ReliableDataCallback = void (*)(uint32_t peerAddress, Dpa* messages, uintptr_t closure);
 
@@ -63,10 +64,13 @@ void ReliableEndpoint_SetClosure(ReliableEndpoint* endpoint, uintptr_t closure);
                                                 std::span<pelmoMsg* const> messages,
                                                 bool delaySmall);
 
-// With `flush` what was sent leaves first, which takes at most 11 seconds, 5 on a closed library,
-// and senders that wait may go on meanwhile; those that are left then end with
-// kStatusDeliveryFailed. Afterwards no callback begins any more, but for a loss that a send found
-// that was under way, and what is left to tell of the callback that made this call.
-// It needs neither the IO nor the timer thread, so that the library's close may call it as well.
-// False where it was closed already, and the reference stays.
-bool ReliableEndpoint_Close(ReliableEndpoint* endpoint, bool flush);
+// What was sent leaves first: the call waits as long as peers acknowledge some of it, gives up a
+// peer that hasn't for kMostFlushSeconds, and everything at the deadline, on the steady clock; one
+// that has passed waits for nothing. Senders that wait may go on meanwhile; those that are left
+// then end with kStatusDeliveryFailed. `outUnsent` may be null; else it gets what no peer has
+// acknowledged, of which the losses were reported as well. Afterwards no callback begins any more,
+// but for a loss that a send found that was under way, and what is left to tell of the callback
+// that made this call. It needs neither the IO nor the timer thread, so that the library's close
+// may call it as well. False where it was closed already, and the reference stays.
+inline constexpr double kMostFlushSeconds = 11;
+bool ReliableEndpoint_Close(ReliableEndpoint* endpoint, double deadline, EndpointUnsent* outUnsent);

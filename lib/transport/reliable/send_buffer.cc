@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "lib/base/bytes.h"
 #include "lib/containers/entry_ring.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_internal.h"
@@ -241,6 +242,22 @@ pelmoStatus checkMessages(std::span<pelmoMsg* const> messages) {
     return kStatusSuccess;
 }
 
+bool isLastFragment(const OutPacket* packet) {
+    return packet->fragment.offset + packet->length >= packet->fragment.totalSize;
+}
+
+// Of a packet of whole messages, each of which begins with its size.
+uint64_t countMessages(const OutPacket* packet) {
+    uint64_t messages = 0;
+    const uint8_t* const payload = packet->buffer->data + packet->offset;
+    for (uint32_t at = 0; at < packet->length; ++messages) {
+        const uint32_t size = loadBe32At(payload + at);
+        if (size == 0) break;
+        at += size;
+    }
+    return messages;
+}
+
 }  // namespace
 
 pelmoStatus outPacketPoolCreate() {
@@ -320,9 +337,8 @@ void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack) {
     if (ack <= first) return;
     auto gone = static_cast<uint32_t>(std::min<uint64_t>(ack - first, buffer->sent));
     const OutPacket* const last = packetAt(buffer, gone - 1);
-    const FragmentOption& fragment = last->fragment;
-    if (last->isFragment && fragment.offset + last->length < fragment.totalSize) {
-        gone -= std::min(gone, fragment.offset / kFragmentPayloadBytes + 1);
+    if (last->isFragment && !isLastFragment(last)) {
+        gone -= std::min(gone, last->fragment.offset / kFragmentPayloadBytes + 1);
     }
     while (gone-- > 0)
         dropFirstSent(buffer);
@@ -345,4 +361,13 @@ uint64_t sendBufferPayloadBytes(const SendBuffer* buffer) {
     for (uint32_t place = 0; place < countOf(buffer); ++place)
         bytes += packetAt(buffer, place)->length;
     return bytes;
+}
+
+uint64_t sendBufferMessages(const SendBuffer* buffer) {
+    uint64_t messages = 0;
+    for (uint32_t place = 0; place < countOf(buffer); ++place) {
+        const OutPacket* const packet = packetAt(buffer, place);
+        messages += packet->isFragment ? isLastFragment(packet) : countMessages(packet);
+    }
+    return messages;
 }

@@ -90,5 +90,6 @@ void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack);
 // more. Returns the lowest sequence number of what waits again, 0 for none.
 uint64_t sendBufferRewind(SendBuffer* buffer);
 
-// Payload bytes of messages that aren't acknowledged whole.
+// Payload bytes of messages that aren't acknowledged whole, and how many messages those are.
 [[nodiscard]] uint64_t sendBufferPayloadBytes(const SendBuffer* buffer);
+[[nodiscard]] uint64_t sendBufferMessages(const SendBuffer* buffer);

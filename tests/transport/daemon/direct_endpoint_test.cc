@@ -217,7 +217,9 @@ TEST_F(Direct, EndsWithTheLibrary) {
         }
     });
     EXPECT_TRUE(soon([&] { return right.traffic().messagesReceived > 1000; }));
-    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
+    // The peer ends first, and what it hadn't read by then is lost.
+    const pelmoStatus status = pelmo_Close();
+    EXPECT_TRUE(status == kStatusSuccess || status == kStatusDeliveryFailed) << status;
     isOver = true;
     sender.join();
     left.transport = right.transport = kNoId;

@@ -6,10 +6,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <thread>
 
+#include "lib/base/clock.h"
 #include "lib/containers/dpa.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_typed.h"
@@ -67,9 +69,15 @@ struct End {
         return ReliableEndpoint_Open(&endpoint, kLoopbackHost, port, onData, onLoss,
                                      reinterpret_cast<uintptr_t>(this));
     }
-    void close(bool flushes) {
+    EndpointUnsent close(bool flushes) {
+        constexpr double kNoLimit = std::numeric_limits<double>::infinity();
+        return closeBy(flushes ? kNoLimit : 0);
+    }
+    EndpointUnsent closeBy(double deadline) {
+        EndpointUnsent unsent = {};
         ReliableEndpoint* const closed = std::exchange(endpoint, nullptr);
-        EXPECT_TRUE(closed == nullptr || ReliableEndpoint_Close(closed, flushes));
+        EXPECT_TRUE(closed == nullptr || ReliableEndpoint_Close(closed, deadline, &unsent));
+        return unsent;
     }
     [[nodiscard]] uint16_t port() const { return ReliableEndpoint_Port(endpoint); }
 
@@ -323,6 +331,45 @@ TEST_F(ReliableEndpoints, FlushAtTheClose) {
         peer.join();
         EXPECT_TRUE(seen == 200 && end.lost == 0);
     }
+}
+
+// A peer that takes one packet each half second takes more than five seconds for all.
+TEST_F(ReliableEndpoints, FlushAsLongAsSomethingMoves) {
+    constexpr uint64_t kMessages = 12;
+    End end(0);
+    DatagramWire wire;
+    for (uint64_t number = 0; number < kMessages; ++number)
+        EXPECT_EQ(end.send(wire.port, numbered(1, number, 1350).get()), kStatusSuccess);
+    std::thread peer([&] {
+        const uint32_t id = wire.accept();
+        for (uint64_t next = 2; next < 2 + kMessages;) {
+            const DatagramWire::Header got = wire.read();
+            if (got.source == 0) return;
+            if (got.seq != next) continue;
+            (void)poll(nullptr, 0, 500);
+            wire.write({DatagramWire::kId, id, 1, ++next, 0});
+        }
+    });
+    pelmo_Close();
+    const EndpointUnsent unsent = end.close(true);
+    peer.join();
+    EXPECT_TRUE(unsent.messages == 0 && unsent.bytes == 0 && end.lost == 0);
+}
+
+// To a peer that doesn't answer: messages that share a packet, and one in fragments.
+TEST_F(ReliableEndpoints, CountWhatTheyCouldntSend) {
+    End end(0);
+    DatagramWire wire;
+    uint64_t bytes = 0;
+    for (const size_t pad : {0, 100, 200, 5000}) {
+        const Message message = numbered(1, 0, pad);
+        bytes += imageOf(message.get()).size();
+        EXPECT_EQ(end.send(wire.port, message.get()), kStatusSuccess);
+    }
+    const EndpointUnsent unsent = end.closeBy(clockSteadySeconds() + 0.01);
+    EXPECT_TRUE(unsent.messages == 4 && unsent.bytes == bytes)
+        << unsent.messages << " " << unsent.bytes << " of " << bytes;
+    EXPECT_EQ(end.lost, 1u) << "and it was reported";
 }
 
 TEST_F(ReliableEndpoints, CloseWithinTheirOwnCallback) {
