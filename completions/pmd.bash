@@ -2,8 +2,8 @@
 
 _pmd() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local options="-listen -no-permanent --client-backlog --memory --max-clients --oska --interface
-        --help --version"
+    local options="-listen -no-permanent --ask-stand-in --client-backlog --memory --max-clients --oska
+        --interface --help --version"
     case $previous in
         # Values that nobody can guess.
         -listen | --listen | --client-backlog | --memory | --max-clients | --oska | --interface) ;;

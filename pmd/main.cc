@@ -13,6 +13,7 @@
 #include "lib/base/version.h"
 #include "pmd/options.h"
 #include "pmd/server.h"
+#include "pmd/stand_in.h"
 
 namespace {
 
@@ -31,6 +32,13 @@ sigset_t stopSignals() {
 // The end by itself is one more reason to stop in order.
 void onEnded() {
     kill(getpid(), SIGTERM);
+}
+
+// For a service manager, which may ask as root before it starts the daemon as another user.
+int askStandIn(const PmdOptions& options) {
+    if (standInAsk(options.port) != HandOver::kRefused) return 0;
+    std::fputs("pmd: the stand-in keeps its port\n", stderr);
+    return kFailed;
 }
 
 int run(const PmdOptions& options) {
@@ -70,6 +78,6 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "pmd: %s; --help lists the options\n", error.c_str());
             return kBadCommandLine;
         case PmdParse::kRun:
-            return run(options);
+            return options.onlyAsks ? askStandIn(options) : run(options);
     }
 }

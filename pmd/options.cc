@@ -75,6 +75,11 @@ bool storeNoPermanent(PmdOptions& options, std::string_view) {
     return true;
 }
 
+bool storeAsk(PmdOptions& options, std::string_view) {
+    options.onlyAsks = true;
+    return true;
+}
+
 bool storeBacklog(PmdOptions& options, std::string_view value) {
     const auto megabytes = readNumber(value, 1, kMostBacklogMegabytes);
     if (megabytes) options.backlogBytes = *megabytes * kMegabyte;
@@ -116,6 +121,7 @@ constexpr Option kOptions[] = {
     {"-listen", "SPEC", "[ADDRESS:]PORT to wait for clients on; 127.0.0.1:7500", storeListen},
     {"-no-permanent", "", "end a second after the last client, or after a minute without any",
      storeNoPermanent},
+    {"--ask-stand-in", "", "ask a stand-in on the port to hand it over, and end", storeAsk},
     {"--client-backlog", "MB", "above which a client that reads too slowly is cut off; 64",
      storeBacklog},
     {"--memory", "MB", "what messages take in all; beyond it the largest client is cut off; 1024",

@@ -17,6 +17,7 @@ struct PmdOptions {
     uint16_t port;
 
     bool permanent = true;
+    bool onlyAsks = false;                       // asks a stand-in for its port, and ends
     uint64_t backlogBytes = uint64_t{64} << 20;  // that may wait for one client
     uint64_t memoryBytes = uint64_t{1} << 30;    // of all backlogs and unfinished messages
     uint32_t mostClients = 1000;

@@ -25,6 +25,7 @@
 #include "pmd/client.h"
 #include "pmd/oska_wire.h"
 #include "pmd/sparse_run.h"
+#include "pmd/stand_in.h"
 
 namespace {
 
@@ -33,6 +34,9 @@ constexpr double kPaceTickSeconds = 0.002;
 constexpr double kGraceSeconds = 1.0;         // behind the last client
 constexpr double kFirstClientSeconds = 60.0;  // for the first one
 constexpr double kAcceptPauseSeconds = 0.5;   // without descriptors
+constexpr double kHandedOverSeconds = 1.0;    // until its clients go to the one that follows
+constexpr double kAskAgainSeconds = 0.02;
+constexpr uint32_t kMostAsks = 5;  // a stand-in that has just begun listens first
 constexpr double kDrainSeconds = 2.0;
 constexpr double kCloseSeconds = 2.0;
 constexpr double kLookSeconds = 0.01;
@@ -47,8 +51,10 @@ struct Server {
     // Constant while it runs.
     PmdOptions options{};
     void (*ended)() = nullptr;
-    Socket* listener = nullptr;
     OskaWire wire{};
+
+    Socket* listener PELMO_GUARDED_BY(daemonLock) = nullptr;  // null: another has the port
+    double handedOverAt PELMO_GUARDED_BY(daemonLock) = 0;
 
     Exchange exchange PELMO_GUARDED_BY(daemonLock){};
     Client* clients PELMO_GUARDED_BY(daemonLock) = nullptr;
@@ -100,7 +106,8 @@ void endTimer(uint32_t* timer) PELMO_REQUIRES(daemonLock) {
 
 bool needsTick() PELMO_REQUIRES(daemonLock) {
     return server.unstarted != 0 || server.acceptAgainAt != 0 || server.endAt != 0 ||
-           server.over != nullptr || server.absences.count != 0 || oskaWireIsOpen(&server.wire);
+           server.handedOverAt != 0 || server.over != nullptr || server.absences.count != 0 ||
+           oskaWireIsOpen(&server.wire);
 }
 
 void adjustTick() PELMO_REQUIRES(daemonLock) {
@@ -463,7 +470,7 @@ void pauseAccepting() PELMO_REQUIRES(daemonLock) {
 
 void onAcceptable(Socket* listener, void*) {
     const LockGuard guard(daemonLock);
-    if (server.isStopping) return;
+    if (server.isStopping || server.listener != listener) return;
     for (uint32_t i = 0; i < kMostAccepts; ++i) {
         Socket* socket = nullptr;
         const SocketCode code = socketAccept(listener, &socket, kFirstIoQueueId);
@@ -492,6 +499,7 @@ void endLateStarts(double now) PELMO_REQUIRES(daemonLock) {
 void acceptAgain(double now) PELMO_REQUIRES(daemonLock) {
     if (server.acceptAgainAt == 0 || now < server.acceptAgainAt) return;
     server.acceptAgainAt = 0;
+    if (server.listener == nullptr) return;
     if (socketOnReadable(server.listener, onAcceptable, nullptr) != kStatusSuccess) {
         server.acceptAgainAt = now + kAcceptPauseSeconds;
     }
@@ -499,6 +507,11 @@ void acceptAgain(double now) PELMO_REQUIRES(daemonLock) {
 
 // True once, when the daemon has come to its end by itself.
 bool endsByItself(double now) PELMO_REQUIRES(daemonLock) {
+    if (server.handedOverAt != 0) {
+        if (now < server.handedOverAt + kHandedOverSeconds) return false;
+        server.handedOverAt = 0;
+        return true;
+    }
     if (server.endAt == 0 || now < server.endAt || server.clientCount != 0) return false;
     server.endAt = 0;
     return true;
@@ -521,6 +534,19 @@ void onTick(uint32_t, pelmoMsg*, void*) {
         logPaceSettle();
     }
     if (ends) server.ended();
+}
+
+// Gives the port up. Clients stay until the one that asked listens, so that they find it when they
+// come again.
+bool onHandOver() {
+    const LockGuard guard(daemonLock);
+    if (server.isStopping) return false;
+    if (server.listener == nullptr) return true;
+    logPrint("handing the port over to a daemon that asked for it");
+    socketDestroy(std::exchange(server.listener, nullptr));
+    server.handedOverAt = clockSteadySeconds();
+    adjustTick();
+    return true;
 }
 
 // Start and stop
@@ -551,14 +577,44 @@ bool startListening(const PmdOptions& options, std::string& error) {
         code = socketBind(listener, options.address, options.port, false);
     }
     if (code == kSocketDone) code = socketListen(listener);
-    if (code == kSocketDone &&
-        socketOnReadable(listener, onAcceptable, nullptr) == kStatusSuccess) {
+    if (code == kSocketDone) {
+        const LockGuard guard(daemonLock);
         server.listener = listener;
-        return true;
+        if (socketOnReadable(listener, onAcceptable, nullptr) == kStatusSuccess) return true;
+        server.listener = nullptr;
     }
-    error = "can't listen on " + addressText(options) + ": " + std::strerror(errno);
+    const int cause = errno;
+    error = "can't listen on " + addressText(options) + ": " + std::strerror(cause);
     if (listener != nullptr) socketDestroy(listener);
+    errno = cause;
     return false;
+}
+
+void sleepFor(double seconds) {
+    (void)usleep(static_cast<useconds_t>(seconds * 1e6));
+}
+
+HandOver askForPort(uint16_t port) {
+    HandOver answer = HandOver::kNobody;
+    for (uint32_t i = 0; i < kMostAsks && answer == HandOver::kNobody; ++i) {
+        if (i != 0) sleepFor(kAskAgainSeconds);
+        answer = standInAsk(port);
+    }
+    return answer;
+}
+
+// A daemon that is to stay takes the port over from a stand-in.
+bool listenOrTakeOver(const PmdOptions& options, std::string& error) {
+    if (startListening(options, error)) return true;
+    if (errno != EADDRINUSE || !options.permanent) return false;
+    if (askForPort(options.port) != HandOver::kGiven) return false;
+    logPrint("a stand-in hands its port over");
+    const double end = clockSteadySeconds() + kHandOverSeconds;
+    while (!startListening(options, error)) {
+        if (clockSteadySeconds() >= end) return false;
+        sleepFor(kAskAgainSeconds);
+    }
+    return true;
 }
 
 // Clients on other machines are told the address that they reach us by only where we are bound to
@@ -634,11 +690,14 @@ bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error)
     clientSetOps({onOpened, onReceived, onGrown, onFailed});
     if (startExchange(options, error)) {
         const bool wired = !options.oska || oskaWireOpen(&server.wire, options, error);
-        if (wired && startListening(options, error)) {
+        if (wired && listenOrTakeOver(options, error)) {
             const LockGuard guard(daemonLock);
             adjustTick();
             logPaceBegin();
             logPrint("listening on %s", addressText(options).c_str());
+            if (!options.permanent && !standInOffer(options.port, onHandOver)) {
+                logPrint("nobody can ask for this port: the local socket can't be had");
+            }
             return true;
         }
         oskaWireClose(&server.wire);
@@ -650,12 +709,15 @@ bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error)
 }
 
 void serverStop() {
+    Socket* listener = nullptr;
     {
         const LockGuard guard(daemonLock);
         server.isStopping = true;
+        listener = std::exchange(server.listener, nullptr);
         adjustTick();
     }
-    socketDestroy(server.listener);
+    standInEnd();
+    if (listener != nullptr) socketDestroy(listener);
     {
         const LockGuard guard(daemonLock);
         waitUntil(kDrainSeconds, allHasLeft);

@@ -29,9 +29,10 @@
 
 inline constexpr double kStartSeconds = 10.0;
 
-// Opens the library and listens. `ended` runs on a thread of the library, once, when the daemon has
-// come to its end by itself, which only one that isn't permanent does; it may not stop the server.
-// On failure `error` is one line, and nothing is left.
+// Opens the library and listens. A daemon that isn't permanent hands its port over when one that is
+// asks for it (pmd/stand_in.h), and ends a second later. `ended` runs on a thread of the library,
+// once, when the daemon has come to its end by itself, which only one that isn't permanent does; it
+// may not stop the server. On failure `error` is one line, and nothing is left.
 [[nodiscard]] bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error);
 
 // Lets waiting messages leave, for two seconds at most, ends all connections and closes the

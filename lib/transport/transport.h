@@ -61,7 +61,8 @@ struct pelmoMsg;
 //     HOST:7500     that port of another host, by name or dotted number
 //     tcp:...       the same; ssl:... over a secure connection, where there is a class for it
 //
-// A daemon of this host that isn't there is started once, as the program "pmd" of the search path.
+// A daemon of this host that isn't there is started once, as the program "pmd" of the search path,
+// where the text has no address; "127.0.0.1:7500" starts none.
 //
 // kStatusDaemonNotConnected where no daemon is reached, where it hangs up or doesn't answer within
 // a minute, and when the library is closed meanwhile; kStatusInvalidArgument for a daemon text of

@@ -4,11 +4,13 @@ import fcntl
 import os
 import pathlib
 import re
+import shutil
 import signal
 import socket
 import struct
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 import unittest
@@ -318,6 +320,50 @@ class Pmd(unittest.TestCase):
         client.listen("A")
         self.assertTrue(client.hears(client, "A"))
         self.assertTrue(daemon.running())
+
+    def test_takes_the_port_over_from_a_stand_in_and_from_nobody_else(self):
+        stand_in = self.daemon("-no-permanent")
+        where = "127.0.0.1:%d" % stand_in.port
+        clients = Process(MANY_CLIENTS, stand_in.port, 5, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL)
+        self.addCleanup(clients.close)
+        self.assertEqual(clients.popen.stdout.readline(), b"ready\n")
+        # Neither another stand-in nor another user gets it.
+        taken = "pmd: can't listen on %s: Address already in use\n" % where
+        self.assertEqual(self.run_pmd("-listen", where, "-no-permanent")[::2], (1, taken))
+        if os.geteuid() == 0 and os.access("/usr/bin/setpriv", os.X_OK):
+            with tempfile.TemporaryDirectory() as folder:
+                os.chmod(folder, 0o755)
+                other = shutil.copy(PMD, folder)
+                run = subprocess.run(["setpriv", "--reuid=12345", "--clear-groups", other, "-listen", where],
+                                     capture_output=True, text=True, timeout=10)
+                self.assertEqual((run.returncode, run.stderr), (1, taken))
+                run = subprocess.run(["setpriv", "--reuid=12345", "--clear-groups", other, "-listen", where,
+                                      "--ask-stand-in"], capture_output=True, text=True, timeout=10)
+                self.assertEqual(run.returncode, 1)
+        self.assertTrue(stand_in.running())
+
+        real = self.daemon(port=stand_in.port)
+        self.assertIn("listening on", real.log())
+        self.assertEqual(stand_in.status(), 0)
+        self.assertIn("handing the port over", stand_in.log())
+        sender = self.client(real)
+        answer = []
+        reader = threading.Thread(target=lambda: answer.append(clients.popen.stdout.readline()))
+        reader.start()
+        deadline = time.monotonic() + 30
+        while reader.is_alive() and time.monotonic() < deadline:
+            sender.send("ALL.0")
+            reader.join(0.1)
+        self.assertEqual(answer, [b"all ALL.0\n"])
+        self.assertEqual(self.run_pmd("-listen", where)[::2], (1, taken))
+        self.assertEqual(self.run_pmd("-listen", where, "--ask-stand-in")[0], 0)
+        self.assertTrue(real.running())
+
+        # A service manager asks before it starts the daemon.
+        stand_in = self.daemon("-no-permanent")
+        self.assertEqual(self.run_pmd("-listen", str(stand_in.port), "--ask-stand-in")[0], 0)
+        self.assertEqual(stand_in.status(), 0)
 
     def test_ends_in_order_at_a_signal(self):
         for number in (signal.SIGINT, signal.SIGTERM):
