@@ -7,9 +7,10 @@
 // The first open starts the library's threads: a timer thread, an IO thread, and a dispatcher on
 // the work queue; it makes the default queue, 1, and the intra-process transport, 10. Later opens
 // only count. The last close ends every object: no callback starts afterwards, and a callback that
-// is running finds that its event and queue are gone. What network transports have sent leaves
-// first, as by pelmoTransport_Destroy; whoever waits for a daemon gets kStatusDaemonNotConnected.
-// The library can be opened again; ids are not used again until their counter wraps around.
+// is running finds that its queue is gone, while its event stays until it has returned. What
+// network transports have sent leaves first, as by pelmoTransport_Destroy; whoever waits for a
+// daemon gets kStatusDaemonNotConnected. The library can be opened again; ids are not used again
+// until their counter wraps around.
 //
 // Environment. Read at the first open: _PM_TRACING_MODULES lists the modules whose calls are
 // logged, separated by ",", each with "=" and a subject behind it where only messages on that

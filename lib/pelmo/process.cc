@@ -35,7 +35,7 @@ void setUp() {
     daemonLinkAttach();
     circuitAttach();
     directEndpointAttach();
-    library.setUpDone = true;
+    library.setupDone = true;
 }
 
 }  // namespace
@@ -43,7 +43,7 @@ void setUp() {
 pelmoStatus processSetUp() {
     const pelmoStatus status = oncePass(setUpGate, setUp);
     if (status != kStatusSuccess) return status;
-    return library.setUpDone ? kStatusSuccess : kStatusInitFailed;
+    return library.setupDone ? kStatusSuccess : kStatusInitFailed;
 }
 
 pelmoStatus processTablesLocked() {

@@ -19,6 +19,7 @@
 namespace {
 
 constexpr size_t kAdvisoryNameBytes = 255;
+constexpr const char* kUnnamed = "dispatcher";
 
 struct Dispatcher {
     static constexpr IdType kIdType = IdType::kDispatcher;
@@ -40,7 +41,7 @@ struct Dispatcher {
 };
 
 const char* nameLocked(const Dispatcher* dispatcher) PELMO_REQUIRES(dispatcher->header.lock) {
-    return dispatcher->name != nullptr ? dispatcher->name : "dispatcher";
+    return dispatcher->name != nullptr ? dispatcher->name : kUnnamed;
 }
 
 void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {  // nobody else knows it any more
@@ -71,18 +72,24 @@ Dispatcher* newDispatcher(uint32_t dispatchable, bool isQueue, double seconds) {
     return dispatcher;
 }
 
-// Null where memory ran out.
+pelmoStatus createExitAdvisory(pelmoMsg** out, const char* dispatcherName) {
+    char name[kAdvisoryNameBytes];
+    boundedFormat(name, sizeof name, "DISPATCHER.THREAD_EXITED.%s", dispatcherName);
+    return transportOps.createAdvisory(out, "INFO", "SYSTEM", name, nullptr);
+}
+
+// A name that makes no subject, since it is too long or has an empty element, counts as none. Null
+// where memory ran out.
 pelmoMsg* newExitAdvisory(Dispatcher* dispatcher, pelmoStatus status) {
     if (transportOps.createAdvisory == nullptr) return nullptr;
-    char name[kAdvisoryNameBytes];
-    Id_Enter(&dispatcher->header);
-    boundedFormat(name, sizeof name, "DISPATCHER.THREAD_EXITED.%s", nameLocked(dispatcher));
-    Id_Leave(&dispatcher->header);
-
     pelmoMsg* message = nullptr;
-    if (transportOps.createAdvisory(&message, "INFO", "SYSTEM", name, nullptr) != kStatusSuccess) {
-        return nullptr;
+    Id_Enter(&dispatcher->header);
+    pelmoStatus created = createExitAdvisory(&message, nameLocked(dispatcher));
+    Id_Leave(&dispatcher->header);
+    if (created != kStatusSuccess && created != kStatusNoMemory) {
+        created = createExitAdvisory(&message, kUnnamed);
     }
+    if (created != kStatusSuccess) return nullptr;
     const char* const text = pelmoStatus_GetText(status);
     if (pelmoMsg_AddU32(message, "status", status, 0) == kStatusSuccess &&
         pelmoMsg_AddString(message, "description", text, 0) == kStatusSuccess) {

@@ -11,7 +11,8 @@
 // that no thread dispatches doesn't fill up with them, and a late dispatch loses firings.
 //
 // Ownership: an event belongs to its creator until it is destroyed. Closures and sockets belong to
-// the caller.
+// the caller; an IO event is destroyed before its socket is closed, since the number may be another
+// file's at once, and its source would be that.
 //
 // Failure: kStatusNotInitialized while the library is closed. Creating otherwise answers, in this
 // order of tests, kStatusInvalidCallback for a null callback, kStatusInvalidEvent for a null output
@@ -43,7 +44,9 @@ enum IoCondition : uint32_t { kIoRead = 1, kIoWrite = 2, kIoException = 4 };
                                                  double intervalSeconds,
                                                  void* closure);
 
-// Each event has one condition, of enum IoCondition.
+// Each event has one condition, of enum IoCondition. The source is a socket.
+// kStatusInvalidIoSource for any other file, such as a pipe or an eventfd, for a number that isn't
+// open, and where the same thread of the library polls that socket for that condition already.
 [[nodiscard]] pelmoStatus pelmoEvent_CreateIO(uint32_t* out,
                                               uint32_t queue,
                                               pelmoEventCallback callback,

@@ -233,7 +233,9 @@ pelmoStatus Id_SetGlobal(IdHeader* object, uint32_t* outId) {
 
 pelmoStatus Id_SetFixed(IdHeader* object, uint32_t id) {
     if (id == kNoId || id > kLastFixedId) return kStatusInvalidArgument;
-    return publish(object, id);
+    const pelmoStatus status = publish(object, id);
+    if (status != kStatusSuccess) logPrint("Out of memory trying to set an Id");
+    return status;
 }
 
 pelmoStatus Id_Invalidate(IdHeader* object) PELMO_UNCHECKED_LOCKING {

@@ -77,7 +77,8 @@ void idTablesDestroy();
 // to `outId` unless that is null.
 [[nodiscard]] pelmoStatus Id_SetGlobal(IdHeader* object, uint32_t* outId);
 
-// kStatusInvalidArgument for a number above 1000, kStatusNotPermitted for one that is taken.
+// kStatusInvalidArgument for a number above 1000; kStatusNotPermitted for one that is taken and
+// kStatusNoMemory, both told in the log.
 [[nodiscard]] pelmoStatus Id_SetFixed(IdHeader* object, uint32_t id);
 
 // For a creation that failed halfway: takes the id away and marks the object invalid. Where this

@@ -202,10 +202,10 @@ pelmoStatus Tracing_Start(const char* modules, const char* file, const char* ban
 void Tracing_Stop() {
     const LockGuard guard(state.lock);
     traceOps.on = 0;
-    FILE* const stream = std::exchange(state.stream, nullptr);
-    if (!isFile(stream)) return;
+    // The log stays with a stream of the process, which needs no close.
+    if (!isFile(state.stream)) return;
     logSetStream(stderr);
-    std::fclose(stream);
+    std::fclose(std::exchange(state.stream, nullptr));
 }
 
 void Tracing_Clear() {

@@ -27,7 +27,9 @@ struct pelmoMsg;
 // Nothing happens when `modules` is null or empty. The banner, printed first, may be null.
 [[nodiscard]] pelmoStatus Tracing_Start(const char* modules, const char* file, const char* banner);
 
-// Stops the lines. Modules and filters stay, so another start adds to them.
+// Stops the lines. Modules and filters stay, so another start adds to them. The log goes back from
+// a file to the standard error stream; where it went to the standard output stream, it goes on
+// there.
 void Tracing_Stop();
 
 // Switches all modules off and frees the filters.

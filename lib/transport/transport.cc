@@ -224,19 +224,19 @@ uint32_t transportNextInbox(Transport* transport, char* buffer, uint32_t size) {
 pelmoStatus pelmoTransport_CreateInbox(uint32_t transport, char* buffer, uint32_t size) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     if (buffer == nullptr) return kStatusInvalidArgument;
-    char text[kInboxPrefixBytes + 24];
-    uint32_t length = 0;
+    char text[kInboxPrefixBytes + 24] = "";
+    pelmoStatus status = kStatusInvalidTransport;
     {
         Held<Transport> held;
-        if (held.findLocked(transport) != kStatusSuccess) {
-            return kStatusInvalidTransport;
+        if (held.findLocked(transport) == kStatusSuccess) {
+            const uint32_t length = transportNextInbox(held.get(), text, sizeof text);
+            status = length < size ? kStatusSuccess : kStatusInsufficientBuffer;
         }
-        length = transportNextInbox(held.get(), text, sizeof text);
     }
-    if (length >= size) return kStatusInsufficientBuffer;
-    std::memcpy(buffer, text, length + 1);
-    traceLine(kTraceTransport, "pelmoTransport_CreateInbox(%u, %s, %u)", transport, buffer, size);
-    return kStatusSuccess;
+    // The line has the text, which there is only now; calls that fail have one too.
+    traceLine(kTraceTransport, "pelmoTransport_CreateInbox(%u, %s, %u)", transport, text, size);
+    if (status == kStatusSuccess) std::strcpy(buffer, text);
+    return status;
 }
 
 pelmoStatus pelmoTransport_SetFirstListenerOnly(uint32_t transport) {

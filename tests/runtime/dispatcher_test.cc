@@ -50,6 +50,7 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
     const auto endQueue = [] { pelmoQueue_DestroyEx(queue, nullptr, nullptr); };
     const auto endGroup = [] { pelmoQueueGroup_Destroy(group); };
     const auto endIt = [] { pelmoDispatcher_Destroy(dispatcher); };
+    const std::string tooLong(240, 'x');
     const struct {
         const char* name;
         bool onGroup;
@@ -57,6 +58,9 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
         void (*end)();
         const char* told;
     } cases[] = {
+        {"", false, -1.0, endIt, "dispatcher: 53 Invalid dispatcher"},  // none makes a subject
+        {"a..b", false, -1.0, endIt, "dispatcher: 53 Invalid dispatcher"},
+        {tooLong.c_str(), false, -1.0, endIt, "dispatcher: 53 Invalid dispatcher"},
         {nullptr, true, 0.001, nothing, "dispatcher: 50 Operation timed out"},
         {"worker", false, -1.0, endQueue, "worker: 62 Invalid queue"},
         {"w", true, -1.0, endGroup, "w: 63 Invalid queue group"},

@@ -77,7 +77,9 @@ TEST_F(Ids, OfAFixedNumberBelongToOneObjectOfEachType) {
     EXPECT_EQ(Id_SetFixed(&queue->header, 0), kStatusInvalidArgument);
     EXPECT_EQ(Id_SetFixed(&queue->header, 1001), kStatusInvalidArgument);
     EXPECT_EQ(Id_SetFixed(&queue->header, 1000), kStatusSuccess);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(Id_SetFixed(&other->header, 1000), kStatusNotPermitted);
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(Id_SetFixed(&newThing(IdType::kTransport)->header, 10), kStatusSuccess);
     EXPECT_EQ(Id_SetFixed(&other->header, 10), kStatusSuccess);
 

@@ -219,6 +219,8 @@ TEST_F(Tracing, ShowsItsSettings) {
     };
     ASSERT_EQ(Tracing_Start("RECV=A.>", "stdout", nullptr), kStatusSuccess);
     expectShown("stdout", "F");
+    Tracing_Stop();  // the log goes on there
+    expectShown("stdout", "F");
     start("ADV");  // adds to what there is; a stop keeps it
     expectShown("file", "T");
     Tracing_Stop();

@@ -1,10 +1,13 @@
 #include <algorithm>
 
+#include "lib/base/log.h"
 #include "lib/containers/dpa.h"
 #include "lib/containers/subject.h"
+#include "lib/runtime/tracing.h"
 #include "lib/transport/transport_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
 
@@ -156,7 +159,15 @@ TEST_F(IntraProcess, CountsInboxes) {
     for (const char* const inbox : {"_INBOX.1", "_INBOX.3"}) {
         EXPECT_EQ(pelmoTransport_CreateInbox(kLocal, text, 9), kStatusSuccess);
         EXPECT_STREQ(text, inbox);
+        const Folder folder;
+        const std::string trace = folder.path("trace");
+        ASSERT_EQ(Tracing_Start("TPORT", trace.c_str(), nullptr), kStatusSuccess);
         EXPECT_EQ(pelmoTransport_CreateInbox(kLocal, text, 8), kStatusInsufficientBuffer);
+        Tracing_Stop();
+        Tracing_Clear();
+        logSetUtcStamp(false);
+        EXPECT_NE(readFile(trace).find("pelmoTransport_CreateInbox(10, _INBOX."),
+                  std::string::npos);
     }
 }
 

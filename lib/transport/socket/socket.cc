@@ -20,11 +20,9 @@ bool setOption(int handle, int level, int option, int value) {
     return setsockopt(handle, level, option, &value, sizeof(value)) == 0;
 }
 
-// A server may take over a port whose last connections are still being forgotten; no second one can
-// listen on it.
 bool configure(int handle, SocketRole role) {
     if (!socketSetNoDelay(handle)) return false;
-    return role != SocketRole::kServer || setOption(handle, SOL_SOCKET, SO_REUSEADDR, 1);
+    return role != SocketRole::kServer || socketSetReuse(handle, true);
 }
 
 SocketCode openLocked(Socket* created) PELMO_REQUIRES(created->lock) {
@@ -138,6 +136,10 @@ SocketCode socketCodeFromStatus(pelmoStatus status) {
     if (status == kStatusSuccess) return kSocketDone;
     if (status == kStatusNoMemory) return kSocketNoBuffers;
     return status == kStatusSocketLimit ? kSocketTooMany : kSocketOtherError;
+}
+
+bool socketSetReuse(int handle, bool on) {
+    return setOption(handle, SOL_SOCKET, SO_REUSEADDR, on ? 1 : 0);
 }
 
 bool socketSetNoDelay(int handle) {

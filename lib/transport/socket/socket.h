@@ -78,7 +78,7 @@ void socketClose(Socket* socket);
 void socketDestroy(Socket* socket);
 
 // Servers. An address of 0 means any; with `anyPort` a port that is taken is replaced by a free
-// one.
+// one, and so is one whose last connections are still being forgotten.
 [[nodiscard]] SocketCode socketBind(Socket* socket, uint32_t address, uint16_t port, bool anyPort);
 [[nodiscard]] SocketCode socketListen(Socket* socket);
 [[nodiscard]] SocketCode socketAccept(Socket* socket, Socket** out, uint32_t queueId);
@@ -132,15 +132,16 @@ void socketInterrupt(Socket* socket);
 pelmoStatus socketSetKeepAlive(Socket* socket, bool on);
 
 // Callbacks. Setting one replaces the one before. While the socket connects, they wait: at its end
-// the one for writing runs; where it failed, the one for reading, if there is one.
+// the one for writing runs; where it failed, the one for reading, if there is one, and none again.
+// One that is set after a failure runs once for it.
 // kStatusInvalidCallback for null, kStatusInvalidIoSource in a state that can't have one, and the
 // statuses of pelmoEvent_CreateIO.
 [[nodiscard]] pelmoStatus socketOnReadable(Socket* socket, SocketCallback callback, void* closure);
 [[nodiscard]] pelmoStatus socketOnWritable(Socket* socket, SocketCallback callback, void* closure);
 
 // The callback doesn't start any more. `done`, if not null, is called with the callback's closure
-// once it isn't running either: at once, or on its own thread at its end. kStatusInvalidEvent where
-// nothing is registered; `done` isn't called then.
+// once it isn't running either, nor is one that it replaced: at once, or on the last one's own
+// thread at its end. kStatusInvalidEvent where nothing is registered; `done` isn't called then.
 pelmoStatus socketCancelReadable(Socket* socket, SocketDone done);
 pelmoStatus socketCancelWritable(Socket* socket, SocketDone done);
 

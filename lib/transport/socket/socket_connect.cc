@@ -90,6 +90,8 @@ void failConnectLocked(Socket* socket, SocketCode code) PELMO_REQUIRES(socket->l
     socket->state = SocketState::kFailed;
     socket->beginning = false;
     socket->failCode = code;
+    // One callback hears of it.
+    if (socket->reader != nullptr && socket->writer != nullptr) socket->writer->knowsFailure = true;
     // In a failed socket an event that can't be made is one less that tells of the failure.
     (void)socketAdjustEventsLocked(socket);
 }
@@ -220,6 +222,8 @@ bool connectEndsLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
 SocketCode socketBind(Socket* socket, uint32_t address, uint16_t port, bool anyPort) {
     const LockGuard guard(socket->lock);
     if (socket->state != SocketState::kOpen) return kSocketWrongState;
+    // With the option a port counts as free that another socket has and doesn't listen on yet.
+    if (anyPort && !socketSetReuse(socket->handle, false)) return socketFailLocked(socket, errno);
     if (bindHandle(socket->handle, address, port) != 0) {
         if (!anyPort || bindHandle(socket->handle, address, 0) != 0) {
             return socketFailLocked(socket, errno);

@@ -1,7 +1,6 @@
 // Callbacks: the IO events that a socket needs, and what runs when one fires.
 
 #include <cstdlib>
-#include <new>
 #include <utility>
 
 #include "lib/runtime/event.h"
@@ -30,8 +29,8 @@ void needsLocked(const Socket* socket, Needs& out) PELMO_REQUIRES(socket->lock) 
             out[kExceptEvent] = !socket->beginning;
             return;
         default: {
-            const bool reads = socket->reader != nullptr;
-            const bool writes = socket->writer != nullptr;
+            const bool reads = socket->reader != nullptr && !socket->reader->knowsFailure;
+            const bool writes = socket->writer != nullptr && !socket->writer->knowsFailure;
             out[kReadEvent] = (reads && !readNeedsWritable) || (writes && writeNeedsReadable);
             out[kWriteEvent] = (writes && !writeNeedsReadable) || (reads && readNeedsWritable);
         }
@@ -50,11 +49,19 @@ void endEventLocked(Socket* socket, uint32_t* event) PELMO_REQUIRES(socket->lock
     if (pelmoEvent_DestroyEx(ended, onEventGone) != kStatusSuccess) socketRelease(socket);
 }
 
-// Leaves the lock for the callback, and for what waits for its end.
+// Leaves the lock for the callback, and for what waits for its end. A failed socket is ready all
+// the time, so that its events end with the one run that tells of it.
 void runLocked(Socket* socket, SocketHandler* handler) PELMO_REQUIRES(socket->lock) {
+    if (handler->knowsFailure) return;
+    if (socket->state == SocketState::kFailed) {
+        handler->knowsFailure = true;
+        (void)socketAdjustEventsLocked(socket);  // only ends events
+    }
+    const SocketCallback callback = handler->callback;
+    void* const passed = handler->closure;
     ++handler->runs;
     Lock_Leave(&socket->lock);
-    handler->callback(socket, handler->closure);
+    callback(socket, passed);
     Lock_Enter(&socket->lock);
     if (--handler->runs != 0 || !handler->cancelled) return;
     const SocketDone done = handler->done;
@@ -132,10 +139,12 @@ pelmoStatus setHandlerLocked(Socket* socket,
                              SocketHandler** place,
                              SocketCallback callback,
                              void* closure) PELMO_REQUIRES(socket->lock) {
-    void* const block = std::calloc(1, sizeof(SocketHandler));
-    if (block == nullptr) return kStatusNoMemory;
-    (void)socketCancelLocked(socket, place, nullptr);
-    *place = new (block) SocketHandler{.callback = callback, .closure = closure};
+    // In the former one's record, whose runs still count for who cancels this one.
+    if (*place == nullptr) *place = static_cast<SocketHandler*>(std::calloc(1, sizeof **place));
+    if (*place == nullptr) return kStatusNoMemory;
+    (*place)->callback = callback;
+    (*place)->closure = closure;
+    (*place)->knowsFailure = false;
     const pelmoStatus status = socketAdjustEventsLocked(socket);
     if (status == kStatusSuccess) return kStatusSuccess;
     (void)socketCancelLocked(socket, place, nullptr);

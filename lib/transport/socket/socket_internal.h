@@ -29,14 +29,13 @@ enum class SocketState : uint32_t {
     kFailed,
 };
 
-// A callback that was set. Its socket knows it until it is cancelled; it is freed then, or at the
-// end of its last run.
+// A callback that was set, and those that have taken its place since. Its socket knows it until it
+// is cancelled; it is freed then, or at the end of its last run. Guarded by the socket's lock.
 struct SocketHandler {
-    // Constant after creation.
     SocketCallback callback;
     void* closure;
+    bool knowsFailure = false;  // that the connect failed: there is nothing more to hear
 
-    // Guarded by the socket's lock.
     uint32_t runs = 0;  // under way
     bool cancelled = false;
     SocketDone done = nullptr;  // for the end of the last run, once cancelled; may be null
@@ -125,6 +124,9 @@ struct Socket {
 
 // Of a status that events answer.
 [[nodiscard]] SocketCode socketCodeFromStatus(pelmoStatus status);
+
+// May a server take over a port whose last connections are still being forgotten?
+[[nodiscard]] bool socketSetReuse(int handle, bool on);
 
 // What is written goes at once.
 [[nodiscard]] bool socketSetNoDelay(int handle);

@@ -132,6 +132,12 @@ TEST_F(Sockets, ServeAndConnect) {
     EXPECT_EQ(socketBind(server, kLoopbackHost, listener.port, false), kSocketOtherError);
     EXPECT_EQ(socketBind(server, kLoopbackHost, listener.port, true), kSocketDone);
     EXPECT_NE(socketBoundPort(server), listener.port);
+    // Nor is it that of one that only has it yet.
+    Socket* second = nullptr;
+    ASSERT_EQ(socketCreateServer(&second, kPlainSocketClass, kFirstIoQueueId, false), kSocketDone);
+    EXPECT_EQ(socketBind(second, kLoopbackHost, socketBoundPort(server), true), kSocketDone);
+    EXPECT_NE(socketBoundPort(second), socketBoundPort(server));
+    socketDestroy(second);
     EXPECT_EQ(socketOnReadable(server, Caller::call, &reader), kStatusInvalidIoSource);
     ASSERT_EQ(socketListen(server), kSocketDone);
     ASSERT_EQ(socketOnReadable(server, Caller::call, &reader), kStatusSuccess);
@@ -180,10 +186,20 @@ TEST_F(Sockets, TellHowAConnectEnds) {
             }
             writer.act = [&] { EXPECT_EQ(socketCancelWritable(client, nullptr), kStatusSuccess); };
             EXPECT_TRUE(passUntil([&] { return (refused ? reader : writer).calls == 1; }));
+            passes();
             EXPECT_EQ(reader.calls, refused ? 1 : 0);
+            EXPECT_EQ(writer.calls, refused ? 0 : 1);
             EXPECT_EQ(readOf(client, 1).code, refused ? kSocketDisconnected : kSocketWouldBlock);
         }
     }
+    // One that is set behind a failure hears of it as well.
+    (void)startConnect(refusing);
+    EXPECT_EQ(socketWaitConnected(client, -1), kStatusEndOfFile);
+    Caller late;
+    ASSERT_EQ(socketOnWritable(client, Caller::call, &late), kStatusSuccess);
+    EXPECT_TRUE(passUntilCalled(late, 1));
+    passes();
+    EXPECT_EQ(late.calls, 1);
     EXPECT_EQ(startConnect(refusing, SocketMode::kBlocking), kSocketRefused);
     EXPECT_EQ(startConnect(listener.port, SocketMode::kBlocking), kSocketDone);
 }
@@ -294,6 +310,17 @@ TEST_F(Sockets, SayWhenACallbackCantRunAnyMore) {
         EXPECT_EQ(socketOnReadable(client, Caller::call, &second), kStatusSuccess);
     };
     second.act = [&] { socketClose(client); };
+    Caller former, latter;
+    ASSERT_EQ(socketOnWritable(client, Caller::call, &former), kStatusSuccess);
+    former.act = [&] {
+        // One that was only replaced still runs: what cancels the new one hears of its end.
+        EXPECT_EQ(socketOnWritable(client, Caller::call, &latter), kStatusSuccess);
+        EXPECT_EQ(socketCancelWritable(client, Caller::done), kStatusSuccess);
+        EXPECT_EQ(latter.dones, 0);
+    };
+    EXPECT_TRUE(passUntilCalled(former, 1));
+    EXPECT_EQ(latter.dones, 1);
+
     sendText(peer.number(), "x");
     EXPECT_TRUE(passUntilCalled(second, 1));
     EXPECT_EQ(reader.calls, 1);
