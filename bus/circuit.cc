@@ -47,6 +47,7 @@ struct Talk {
     char wakeSubject[kMostInboxBytes] = "";
     std::optional<CircuitInput> input = {};
     bool isConnected = false;
+    bool endedByPeer = false;
     bool done = false;
     ExitStatus status = kExitDone;
 };
@@ -77,9 +78,9 @@ void beginInput(Talk& talk) {
 }
 
 void endInFailure(Talk& talk, pelmoMsg* msg) {
-    const char* reason = "";
+    const char* reason = nullptr;
     static_cast<void>(pelmoMsg_GetString(msg, "ADV_DESC", &reason, 0));
-    complain(nameOf(talk) + ": " + reason);
+    complain(nameOf(talk) + ": " + (reason != nullptr ? reason : ""));
     finish(talk, kExitFailed);
 }
 
@@ -95,6 +96,7 @@ void take(Talk& talk, pelmoMsg* msg) {
     if (std::strcmp(subject, kConnectedSubject) == 0) {
         if (!talk.isConnected) beginInput(talk);
     } else if (std::strcmp(subject, kEndedSubject) == 0) {
+        talk.endedByPeer = true;
         finish(talk, kExitDone);
     } else if (std::strcmp(subject, kFailedSubject) == 0) {
         endInFailure(talk, msg);
@@ -221,6 +223,12 @@ ExitStatus run(Talk& talk) {
     if (end == PumpEnd::kDone) end = pumpRun(talk.pump, talk.done, until);
     status = endStatus(talk, end);
     if (talk.pump.failure != kStatusSuccess) complain(nameOf(talk), talk.pump.failure);
+    // What the other end didn't wait for isn't sent.
+    const bool leavesSome = talk.input && talk.input->stopLeavesSome();
+    if (leavesSome && talk.endedByPeer && status == kExitDone) {
+        complain(nameOf(talk) + ": the other end has ended ahead of the input");
+        status = kExitFailed;
+    }
     talk.input.reset();
     return printerClose(talk.printer) ? status : kExitFailed;
 }

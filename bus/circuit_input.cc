@@ -53,10 +53,19 @@ bool CircuitInput::start(const BusSettings& settings, uint32_t circuit, int64_t 
 }
 
 CircuitInput::~CircuitInput() {
+    stop();
+    if (stop_ >= 0) close(stop_);
+}
+
+void CircuitInput::stop() {
     isStopped_ = true;
     if (stop_ >= 0) eventfd_write(stop_, 1);
     if (thread_.joinable()) thread_.join();
-    if (stop_ >= 0) close(stop_);
+}
+
+bool CircuitInput::stopLeavesSome() {
+    stop();
+    return leavesSome_;
 }
 
 bool CircuitInput::ended(ExitStatus* out) const {
@@ -74,14 +83,14 @@ bool CircuitInput::awaitLine() const {
 
 void CircuitInput::run(const BusSettings& settings, uint32_t circuit, int64_t graceTime) {
     pollfd stop = {stop_, POLLIN, 0};
-    if (poll(&stop, 1, static_cast<int>(graceTime / kMillisecond)) > 0) return;
+    static_cast<void>(poll(&stop, 1, static_cast<int>(graceTime / kMillisecond)));
     Composer composer = composerOpen(settings, UINT64_MAX);
     ComposerSlot slot;
     Sender sender{circuit};
     while (!isStopped_) {
         const ComposeResult result = composerNext(composer, slot, false);
         if (result == ComposeResult::kNone) {
-            if (!awaitLine()) return;
+            if (!awaitLine()) break;
             continue;
         }
         if (result == ComposeResult::kFailed) status_ = kExitFailed;
@@ -89,10 +98,12 @@ void CircuitInput::run(const BusSettings& settings, uint32_t circuit, int64_t gr
         pelmoMsg* const message = slot.msg.get();
         const pelmoStatus status = senderSend(sender, {&message, 1});
         if (status == kStatusSuccess) continue;
+        leavesSome_ = true;
         if (!isCircuitGone(status) && !isStopped_) {
             complain(std::string("send ") + kLineSubject, status);
             status_ = kExitFailed;
         }
         return;
     }
+    leavesSome_ = composerNext(composer, slot, false) == ComposeResult::kMade;
 }

@@ -27,14 +27,19 @@ class CircuitInput {
     // Has all been sent? kExitFailed where something couldn't be read or sent, which was told.
     [[nodiscard]] bool ended(ExitStatus* out) const;
 
+    // Ends the thread. True where it leaves a line unsent that is there already.
+    [[nodiscard]] bool stopLeavesSome();
+
   private:
     void run(const BusSettings& settings, uint32_t circuit, int64_t graceTime);
+    void stop();
     [[nodiscard]] bool awaitLine() const;
 
     const char* wakeSubject_;
     int stop_ = -1;  // an event; readable from the destructor on
     std::atomic<bool> isStopped_ = false;
     std::atomic<bool> hasEnded_ = false;
+    std::atomic<bool> leavesSome_ = false;
     std::atomic<ExitStatus> status_ = kExitDone;
     std::thread thread_;
 };

@@ -12,6 +12,7 @@
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
+#include "lib/transport/transport_internal.h"
 #include "pmd/incoming.h"
 
 namespace {

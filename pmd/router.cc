@@ -276,7 +276,3 @@ pelmoStatus routerMatch(Realm* realm, const uint8_t* subject, Receivers* out) {
     *out = {entry.receivers, entry.count};
     return kStatusSuccess;
 }
-
-bool subjectIsReserved(const uint8_t* subject) {
-    return subjectElementEquals(subject, 1, "_PM");
-}

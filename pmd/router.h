@@ -74,6 +74,3 @@ void routerUnlisten(Member* member, const uint8_t* subject);
 // Those who get a message on that subject, each once; the sender is among them if it listens.
 using Receivers = std::span<Member* const>;
 [[nodiscard]] pelmoStatus routerMatch(Realm* realm, const uint8_t* subject, Receivers* out);
-
-// Is it a subject that only hidden members send on?
-[[nodiscard]] bool subjectIsReserved(const uint8_t* subject);

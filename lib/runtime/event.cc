@@ -55,6 +55,13 @@ pelmoStatus Event_Find(Held<Event>& event, uint32_t id, uint32_t kind) {
     return kind == kAnyKind || event->kind == kind ? kStatusSuccess : kStatusInvalidEvent;
 }
 
+uint32_t Event_RunningDispatches(uint32_t event) {
+    Held<Event> found;
+    if (found.find(event) != kStatusSuccess) return 0;
+    const LockGuard guard(found->queue->dataLock);
+    return found->dispatchCount;
+}
+
 pelmoStatus pelmoEvent_GetType(uint32_t event, uint32_t* out) {
     traceLine(kTraceEvents, "pelmoEvent_GetType(%u, %p)", event, tracePointer(out));
     return readEvent(event, kAnyKind, out, [](const Event& of) { return of.kind; });

@@ -79,6 +79,10 @@ struct Event {
     ListenerPart listener;
 };
 
+// How many dispatches of the event run: they were taken from its queue, and their callbacks haven't
+// returned. 0 for an event that is gone.
+[[nodiscard]] uint32_t Event_RunningDispatches(uint32_t event);
+
 // For transports.
 
 // Makes a record with one reference, the caller's, and no id. It takes over the reference to the

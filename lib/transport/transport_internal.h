@@ -105,6 +105,9 @@ void transportAttach();
 // For the library's own messages, whether it is open or not; the public calls stop as it begins to
 // close. With no lock held but a circuit's over this transport.
 [[nodiscard]] pelmoStatus transportSend(uint32_t transport, pelmoMsg* message);
+
+// Does what is sent to that inbox go straight there? The subject is packed.
+[[nodiscard]] bool transportReachesDirectly(uint32_t transport, const uint8_t* inbox);
 [[nodiscard]] pelmoStatus transportSendVector(uint32_t transport,
                                               std::span<pelmoMsg* const> messages);
 
@@ -224,6 +227,9 @@ pelmoStatus advisorySend(uint32_t transport,
 
 // pelmoTransport_Distribute, whether the library is open or not.
 pelmoStatus transportDistribute(uint32_t transport, pelmoMsg* message);
+
+// Is its first element the library's own, "_PM"?
+[[nodiscard]] bool subjectIsReserved(const uint8_t* subject);
 
 // Is it an advisory of class "WARN" or "ERROR", or, with `infoToo`, "INFO"?
 [[nodiscard]] bool subjectIsAdvisory(const uint8_t* subject, bool infoToo);

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr const char* kReservedElement = "_PM";
-
 // Keeps the envelope open for its own lifetime.
 class OpenForNow {
   public:
@@ -90,8 +88,12 @@ bool subjectIsDaemonInbox(const uint8_t* subject) {
                                        subjectElementEquals(subject, 4, "ROUTED"));
 }
 
+bool subjectIsReserved(const uint8_t* subject) {
+    return subjectElementEquals(subject, 1, "_PM");
+}
+
 bool subjectIsAdvisory(const uint8_t* subject, bool infoToo) {
-    if (!subjectElementEquals(subject, 1, kReservedElement)) return false;
+    if (!subjectIsReserved(subject)) return false;
     return subjectElementEquals(subject, 2, "WARN") || subjectElementEquals(subject, 2, "ERROR") ||
            (infoToo && subjectElementEquals(subject, 2, "INFO"));
 }
@@ -101,7 +103,7 @@ pelmoStatus transportMakeReady(Transport* transport, pelmoMsg* message, pelmoMsg
     const uint8_t* subject = nullptr;
     const pelmoStatus status = messageSubject(message, &subject);
     if (status != kStatusSuccess) return status;
-    if (!transport->reservedAllowed && subjectElementEquals(subject, 1, kReservedElement)) {
+    if (!transport->reservedAllowed && subjectIsReserved(subject)) {
         return kStatusInvalidSubject;
     }
     if (msgHasForeign(message)) return copyPlain(message, out);

@@ -185,6 +185,13 @@ pelmoStatus sendOne(Held<Transport>& transport, pelmoMsg* message) PELMO_UNCHECK
 
 }  // namespace
 
+bool transportReachesDirectly(uint32_t transport, const uint8_t* inbox) {
+    Held<Transport> held;
+    if (held.findLocked(transport) != kStatusSuccess) return false;
+    DirectPeer peer{};
+    return held->directEndpoint != nullptr && findDirectPeer(inbox, peer);
+}
+
 pelmoStatus transportSend(uint32_t transport, pelmoMsg* message) {
     Held<Transport> held;
     if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;

@@ -13,6 +13,7 @@ import socket
 import struct
 import subprocess
 import sys
+import tempfile
 import termios
 import threading
 import time
@@ -280,8 +281,20 @@ class OverADaemon(unittest.TestCase):
                 with self.subTest(number=number, which=which):
                     ends = self.circuit()
                     ends[which].send_signal(number)
-                    self.assertEqual(ends[1 - which].wait(30), 0)
+                    # Only a goodbye ends it in order.
+                    in_order = number == signal.SIGTERM
+                    self.assertEqual(ends[1 - which].wait(30), 0 if in_order else 1)
                     ends[which].wait(30)
+                    self.assertEqual(ends[1 - which].stderr.read().endswith(b": remote unreachable\n"), not in_order)
+        # Lines that nobody waits for.
+        with tempfile.TemporaryFile() as lines:
+            lines.write(b"x\n" * 3_000_000)
+            lines.seek(0)
+            accept = self.start("circuit", "accept", "C", stdin=lines)
+            self.bus("circuit", "connect", "C")
+        self.assertEqual(accept.wait(30), 1)
+        self.assertEqual(accept.stderr.read(),
+                         b"connected\npelmobus: circuit accept C: the other end has ended ahead of the input\n")
         accept, connect = self.circuit()
         self.daemon.close()
         for end in (accept, connect):

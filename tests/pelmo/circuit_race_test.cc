@@ -73,12 +73,13 @@ Message numbered(int32_t sender, int32_t number) {
     return message;
 }
 
-// Many senders at both ends, one by one and in batches, with heartbeats in between.
-TEST_F(Circuits, KeepTheOrderOfEachSender) {
-    constexpr int kSenders = 6, kRounds = 300;
+// Many senders at both ends, one by one and in batches, with heartbeats in between. The second time
+// others dispatch the work queue as well.
+void sendersKeepTheirOrder(int rounds) {
+    constexpr int kSenders = 6;
     const LivePair pair;
     const Counter first(pair.ends[0]), second(pair.ends[1]);
-    race(kSenders, kRounds, [&](int sender, int round) {
+    race(kSenders, rounds, [&](int sender, int round) {
         const uint32_t circuit = pair.ends[sender % 2];
         const Message one = numbered(sender, 2 * round), two = numbered(sender, 2 * round + 1);
         pelmoMsg* both[] = {one.get(), two.get()};
@@ -91,9 +92,17 @@ TEST_F(Circuits, KeepTheOrderOfEachSender) {
         }
     });
     for (const Counter* counter : {&first, &second}) {
-        EXPECT_TRUE(counter->await(kSenders / 2 * 2 * kRounds));
+        EXPECT_TRUE(counter->await(kSenders / 2 * 2 * rounds));
         EXPECT_TRUE(counter->isInOrder);
     }
+}
+
+TEST_F(Circuits, KeepTheOrderOfEachSender) {
+    sendersKeepTheirOrder(300);
+    uint32_t more[3];
+    for (uint32_t& one : more)
+        ASSERT_EQ(pelmoDispatcher_CreateEx(&one, kWorkQueueId, -1), kStatusSuccess);
+    sendersKeepTheirOrder(3000);
 }
 
 // Senders, ticks, waits, destroys at both ends and from callbacks; at last the library closes with

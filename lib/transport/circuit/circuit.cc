@@ -8,18 +8,24 @@
 #include <utility>
 
 #include "lib/base/clock.h"
+#include "lib/base/log.h"
 #include "lib/base/text.h"
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/event_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/runtime/no_wait.h"
 #include "lib/transport/circuit/circuit_internal.h"
+#include "lib/transport/reliable/reliable_endpoint.h"
 
 namespace {
 
 constexpr size_t kInboxTextBytes = kInboxPrefixBytes + 24;
 constexpr const char* kClassInfo = "INFO";
 constexpr const char* kClassError = "ERROR";
+
+// Reasons of ends without the peer's goodbye
+constexpr const char* kGone = "remote unreachable";
+constexpr const char* kUnwatched = "out of memory";
 
 // A live circuit that isn't being destroyed, locked.
 struct HeldCircuit {
@@ -55,6 +61,7 @@ void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
     const NoWait noWait;
     endEvent(&circuit->heartbeatTimer);
     endEvent(&circuit->unreachableListener);
+    endEvent(&circuit->graceTimer);
     const bool wasConnected = circuit->state == CircuitState::kConnected;
     circuit->state = CircuitState::kDisconnected;
     if (saysGoodbye && wasConnected) {
@@ -69,6 +76,12 @@ void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
 }
 
 // What the peer sends
+
+// What other threads are doing may take the circuit on, or end without a word of it.
+void awaitOthersLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
+    constexpr double kStepSeconds = 0.01;
+    (void)Id_TimedWait(&circuit->transport->header, &circuit->changed, kStepSeconds);
+}
 
 // What came in one batch, up to the circuit's end.
 struct Parcels {
@@ -92,17 +105,33 @@ void endByLocked(VirtualCircuit* circuit, Ending ending)
     if (ending != Ending::kNone) endLocked(circuit, row.reason, row.saysGoodbye);
 }
 
-// One message of the peer; those behind the one that ends the circuit don't count.
-Ending takeLocked(VirtualCircuit* circuit, pelmoMsg* message, Parcels& parcels)
+// On a reserved subject a peer could pretend to be the library, and fake the circuit's end.
+bool isForgedLocked(VirtualCircuit* circuit, const pelmoMsg* parcel)
     PELMO_REQUIRES(circuit->transport->header.lock) {
-    const CircuitRecords records(message);
-    switch (countArrival(circuit->count, circuitReadHead(records))) {
+    if (!subjectIsReserved(msgImage(parcel) + parcel->sendSubjectOffset)) return false;
+    if (!std::exchange(circuit->hasDropped, true)) {
+        logPrint("circuit %u: its peer sends on a subject of the library's own; not delivered",
+                 circuit->transport->header.id);
+    }
+    return true;
+}
+
+// One message of the peer; those behind the one that ends the circuit don't count.
+Ending takeLocked(VirtualCircuit* circuit,
+                  const CircuitRecords& records,
+                  const CircuitHead& head,
+                  Parcels& parcels) PELMO_REQUIRES(circuit->transport->header.lock) {
+    switch (countArrival(circuit->count, head)) {
         case Arrival::kSign:
             return Ending::kNone;
         case Arrival::kParcel: {
-            pelmoMsg** const next = &parcels.messages[parcels.count];
-            if (circuitUnwrap(records, circuit->isLegacyPeer, next) != kStatusSuccess) break;
-            ++parcels.count;
+            pelmoMsg* parcel = nullptr;
+            if (circuitUnwrap(records, circuit->isLegacyPeer, &parcel) != kStatusSuccess) break;
+            if (isForgedLocked(circuit, parcel)) {
+                msgRelease(parcel);
+            } else {
+                parcels.messages[parcels.count++] = parcel;
+            }
             return Ending::kNone;
         }
         case Arrival::kGoodbye:
@@ -113,6 +142,41 @@ Ending takeLocked(VirtualCircuit* circuit, pelmoMsg* message, Parcels& parcels)
             break;
     }
     return Ending::kInvalidMessage;
+}
+
+// Where several threads dispatch the work queue, one of them may come with a batch whose
+// predecessors another thread has taken from the queue and not yet brought. It waits for them,
+// while there is any dispatch of which that may be true: once all of them wait, something is
+// missing.
+void awaitEarlierLocked(VirtualCircuit* circuit, uint64_t number)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    const uint64_t& received = circuit->count.recvSeq;
+    uint64_t countedAt = UINT64_MAX;
+    while (circuit->state == CircuitState::kConnected &&
+           (circuit->isDelivering || number > received + 1)) {
+        if (!circuit->isDelivering) {
+            if (circuit->earlyAt != received) circuit->early = 0;
+            circuit->earlyAt = received;
+            if (std::exchange(countedAt, received) != received) ++circuit->early;
+            if (circuit->early >= Event_RunningDispatches(circuit->controlListener)) return;
+        }
+        awaitOthersLocked(circuit);
+    }
+}
+
+// All of the batch up to the circuit's end.
+Ending takeAllLocked(VirtualCircuit* circuit, std::span<pelmoMsg* const> messages, Parcels& parcels)
+    PELMO_REQUIRES(circuit->transport->header.lock) {
+    Ending ending = Ending::kNone;
+    for (pelmoMsg* message : messages) {
+        const CircuitRecords records(message);
+        const CircuitHead head = circuitReadHead(records);
+        if (message == messages.front()) awaitEarlierLocked(circuit, head.number);
+        if (circuit->state != CircuitState::kConnected) break;
+        ending = takeLocked(circuit, records, head, parcels);
+        if (ending != Ending::kNone) break;
+    }
+    return ending;
 }
 
 // Handshake
@@ -126,9 +190,11 @@ void onControl(pelmoMsg** messages, uint32_t count) {
 }
 
 void onUnreachable(uint32_t, pelmoMsg*, void* closure) {
-    HeldCircuit held;
-    if (!held.find(idFromItem(closure))) return;
-    if (held.circuit->state == CircuitState::kConnected) endLocked(held.circuit, nullptr, false);
+    vcUnreachable(idFromItem(closure));
+}
+
+void onGraceOver(uint32_t, pelmoMsg*, void* closure) {
+    vcGraceOver(idFromItem(closure));
 }
 
 ListenerRequest requestFor(const VirtualCircuit* circuit, const char* subject) {
@@ -203,7 +269,7 @@ void completeLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     const bool isWatched = startTimer(circuit);
     joinLocked(circuit, offer);
     tellConnectLocked(circuit);
-    if (!isWatched) endLocked(circuit, nullptr, true);
+    if (!isWatched) endLocked(circuit, kUnwatched, true);
 }
 
 void onHandshake(uint32_t, pelmoMsg* message, void* closure) {
@@ -219,11 +285,25 @@ void onHandshake(uint32_t, pelmoMsg* message, void* closure) {
     }
 }
 
+// What the peer sends may come to another thread ahead of its acceptance.
+void awaitHandshakeLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
+    while (circuit->state == CircuitState::kWaiting &&
+           Event_RunningDispatches(circuit->handshakeListener) != 0) {
+        awaitOthersLocked(circuit);
+    }
+}
+
+// Does the transport beneath reach the peer without the daemon?
+bool isDirectLocked(const VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
+    return transportReachesDirectly(circuit->transport->underlying, circuit->peerSubject);
+}
+
 // Creation
 
 void destroyCircuit(VirtualCircuit* circuit) PELMO_UNCHECKED_LOCKING {  // nobody else has it
-    for (uint32_t* event : {&circuit->controlListener, &circuit->handshakeListener,
-                            &circuit->heartbeatTimer, &circuit->unreachableListener}) {
+    for (uint32_t* event :
+         {&circuit->controlListener, &circuit->handshakeListener, &circuit->heartbeatTimer,
+          &circuit->unreachableListener, &circuit->graceTimer}) {
         endEvent(event);
     }
     Cond_Destroy(&circuit->changed);
@@ -363,21 +443,43 @@ void vcTick(uint32_t id) {
 void vcControl(uint32_t id, std::span<pelmoMsg* const> messages) {
     HeldCircuit held;
     if (!held.find(id)) return;
+    awaitHandshakeLocked(held.circuit);
     Parcels parcels;
-    Ending ending = Ending::kNone;
-    for (pelmoMsg* message : messages) {
-        if (ending != Ending::kNone || held.circuit->state != CircuitState::kConnected) break;
-        ending = takeLocked(held.circuit, message, parcels);
-    }
+    Ending ending = takeAllLocked(held.circuit, messages, parcels);
     // Parcels come to the listeners ahead of the advisory of the end.
     if (parcels.count != 0) {
+        held.circuit->isDelivering = true;
         held.leave();
         const pelmoStatus status =
             Transport_DeliverOfPeer(held.held.get(), {parcels.messages, parcels.count});
         held.enter();
+        held.circuit->isDelivering = false;
+        Cond_Broadcast(&held.circuit->changed);
         if (status != kStatusSuccess) ending = Ending::kInvalidMessage;
     }
     endByLocked(held.circuit, ending);
+}
+
+void vcUnreachable(uint32_t id) {
+    HeldCircuit held;
+    if (!held.find(id)) return;
+    VirtualCircuit* const circuit = held.circuit;
+    // The goodbye may be on its way through another thread.
+    while (circuit->state == CircuitState::kConnected &&
+           Event_RunningDispatches(circuit->controlListener) != 0) {
+        awaitOthersLocked(circuit);
+    }
+    if (circuit->state != CircuitState::kConnected || circuit->graceTimer != kNoId) return;
+    const bool isGraced = isDirectLocked(circuit) &&
+                          pelmoEvent_CreateTimer(&circuit->graceTimer, kTimerQueueId, onGraceOver,
+                                                 kMostFlushSeconds, idToItem(id)) == kStatusSuccess;
+    if (!isGraced) endLocked(circuit, kGone, false);
+}
+
+void vcGraceOver(uint32_t id) {
+    HeldCircuit held;
+    if (!held.find(id)) return;
+    if (held.circuit->state == CircuitState::kConnected) endLocked(held.circuit, kGone, false);
 }
 
 pelmoStatus vcDeliver(Transport* transport, pelmoMsg* message) {

@@ -14,10 +14,12 @@
 // decides how long to wait, and begins anew with a new circuit.
 //
 // Advisories come to listeners on the circuit itself: "_PM.INFO.SYSTEM.VC.CONNECTED";
-// "_PM.INFO.SYSTEM.VC.DISCONNECTED" when the peer has ended it or its transport is gone,
-// "_PM.ERROR.SYSTEM.VC.DISCONNECTED" with "remote timeout", "data loss" or "invalid message" in
-// ADV_DESC. The circuit stays until it is destroyed, and sends answer kStatusCircuitNotConnected.
-// A send that failed while connected has used up its number: the next one ends the circuit.
+// "_PM.INFO.SYSTEM.VC.DISCONNECTED" when the peer has ended it in order; and
+// "_PM.ERROR.SYSTEM.VC.DISCONNECTED" with "remote timeout", "data loss", "invalid message", "remote
+// unreachable" where the peer's transport is gone without that, or "out of memory" in ADV_DESC.
+// What a peer sends on "_PM" subjects isn't delivered. The circuit stays until it is destroyed, and
+// sends answer kStatusCircuitNotConnected. A send that failed while connected has used up its
+// number: the next one ends the circuit.
 //
 // Ownership: the circuit belongs to its creator, the connect subject to the circuit: it is valid
 // until that is destroyed. A circuit doesn't keep the underlying transport, which may be destroyed

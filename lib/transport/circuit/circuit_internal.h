@@ -16,6 +16,10 @@
 // Heartbeats and goodbyes never wait. A heartbeat that finds the turn taken is due again at the
 // next tick, and the peer hears of us by what is just being sent; a goodbye leaves at the end of
 // the turn.
+//
+// Ends: only a goodbye ends a circuit in order. Where the daemon reports that the peer is gone,
+// what it sent by the daemon has come; what it sent straight may still be under way, so that a peer
+// that is reached directly keeps the circuit for as long as its flush may take.
 
 #pragma once
 
@@ -49,6 +53,15 @@ struct VirtualCircuit {
     uint32_t handshakeListener PELMO_GUARDED_BY(transport->header.lock);    // while waiting
     uint32_t heartbeatTimer PELMO_GUARDED_BY(transport->header.lock);       // while connected
     uint32_t unreachableListener PELMO_GUARDED_BY(transport->header.lock);  // while connected
+    uint32_t graceTimer
+        PELMO_GUARDED_BY(transport->header.lock);  // the daemon reported the peer's end
+
+    // What came in: one delivery at a time, in the order of the numbers, however many threads
+    // dispatch the work queue.
+    bool isDelivering PELMO_GUARDED_BY(transport->header.lock);
+    uint32_t early PELMO_GUARDED_BY(transport->header.lock);  // batches that wait for others at...
+    uint64_t earlyAt PELMO_GUARDED_BY(transport->header.lock);  // ...this count.recvSeq
+    bool hasDropped PELMO_GUARDED_BY(transport->header.lock);   // a message of the peer; was logged
 
     // The turn to send. A hook of the transport beneath may send on the circuit again.
     uint32_t turns
@@ -86,8 +99,11 @@ void circuitAttach();
 void vcDisconnect(Transport* transport, const char* reason) PELMO_REQUIRES(transport->header.lock);
 
 // One tick of the timer, and messages of the peer, at most kMostBatchMessages: what the events
-// call. `circuit` is an id.
+// call, and the daemon's report that the peer's transport is gone with what follows it.
+// `circuit` is an id.
 void vcTick(uint32_t circuit);
+void vcUnreachable(uint32_t circuit);
+void vcGraceOver(uint32_t circuit);
 void vcControl(uint32_t circuit, std::span<pelmoMsg* const> messages);
 
 // Between circuit.cc and circuit_send.cc

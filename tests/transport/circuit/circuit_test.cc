@@ -276,6 +276,8 @@ TEST_F(BareCircuit, EndsByWhatArrives) {
     add("data", sound, nullptr, 0);
     RawMessage inbox = data(inner.get(), "_INBOX.5.6.7");
     add("data to an inbox", inbox, nullptr, 0);
+    RawMessage forged = data(inner.get(), kEnded);
+    add("the library's own subject", forged, nullptr, 0);
     RawMessage empty = message("vctd", 2);
     add("no subject", empty.data(inner.get()), "invalid message", 1);
     RawMessage textSubject = message("vctd", 2);
@@ -317,6 +319,46 @@ TEST_F(BareCircuit, EndsByWhatArrives) {
         ASSERT_EQ(pelmoTransport_Destroy(circuit), kStatusSuccess);
         settle();
         EXPECT_EQ(peer.taken(), stands ? Texts{sign("vctb", 1)} : Texts{});
+        SetUp();
+    }
+}
+
+// The daemon reports that the peer is gone: what it sent by the daemon has come by then, what it
+// sends straight may still come, for a time.
+TEST_F(BareCircuit, EndsInOrderByAGoodbyeAlone) {
+    const std::string gone = std::string(kFailed) + ": remote unreachable";
+    for (const int which : {0, 1, 2}) {
+        SCOPED_TRACE(which);
+        const bool isDirect = which != 0;
+        const auto setEndpoint = [](ReliableEndpoint* endpoint) {  // never used
+            Held<Transport> local;
+            ASSERT_EQ(local.findLocked(kLocal), kStatusSuccess);
+            local->directEndpoint = endpoint;
+        };
+        if (isDirect) setEndpoint(reinterpret_cast<ReliableEndpoint*>(this));
+        RawMessage request(handshake);
+        request.kind("vctc").text("return", peer.inbox);
+        request.subject("cmret", isDirect ? "_INBOX.7F000001.P1234.X.1" : peer.inbox);
+        request.send();
+        settle();
+        Advisories advisories(queue, circuit);
+        (void)peer.taken();
+        vcUnreachable(circuit);
+        vcUnreachable(circuit);
+        settle();
+        EXPECT_EQ(advisories.taken(), isDirect ? Texts{} : Texts{gone});
+        if (which == 1) {
+            RawMessage goodbye = message("vctb", 1);
+            goodbye.send();
+        }
+        settle();
+        vcGraceOver(circuit);
+        settle();
+        const Texts ends[] = {{}, {kEnded}, {gone}};
+        EXPECT_EQ(advisories.taken(), ends[which]);
+        EXPECT_EQ(peer.taken(), Texts{});
+        setEndpoint(nullptr);
+        ASSERT_EQ(pelmoTransport_Destroy(circuit), kStatusSuccess);
         SetUp();
     }
 }
