@@ -311,12 +311,11 @@ void touch(Client* client) PELMO_REQUIRES(daemonLock) {
 void pace(Client* sender, Client* fastest) PELMO_REQUIRES(daemonLock) {
     if (fastest == nullptr || sender->pacer != nullptr) return;
     if (fastest->isStalled && !fastest->isOver) return;
-    const Backlog backlog = clientBacklog(fastest);
     const PaceMarks marks = paceMarks(server.options.backlogBytes);
-    if (backlog.waitingBytes <= marks.highBytes) return;
+    if (ipqBacklog(fastest->ipq).bytes <= marks.highBytes) return;
     if (ipqPauseReading(sender->ipq) != kStatusSuccess) return;
     sender->pacer = fastest;
-    sender->pace = paceBegin(backlog, clockSteadySeconds());
+    sender->pace = paceBegin(clientBacklog(fastest), clockSteadySeconds());
     sender->nextPaced = server.paced;
     server.paced = sender;
     startTimer(&server.paceTimer, onPaceTick, kPaceTickSeconds);
