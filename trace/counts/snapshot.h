@@ -10,8 +10,11 @@
 // Ownership: the block belongs to this module and is valid until the next snapshotTake, unless it
 // is taken over (trace/counts/snapshot_storage.h).
 //
-// Failure: snapshotTake returns null when memory runs out. Then nothing was copied or zeroed, and
-// the next one that succeeds covers both intervals.
+// Failure: where memory runs out for all that had traffic, a Snapshot has the largest part that
+// there is memory for. The rest stays as it is, and the next ones have it. Only the senders of a
+// subject are left out for good; the subject's own counters are whole. Without memory even for a
+// small part snapshotTake returns null; then nothing was copied or zeroed, and the next one that
+// succeeds covers both intervals. The log says when memory ran out.
 //
 // Threads: snapshotTake holds `statsLock` from its first read to its last copy. Sorting and reading
 // need no lock; one thread at a time takes, sorts and reads.
@@ -117,7 +120,7 @@ struct SnapHeader {
     SnapPort* ports;
 };
 
-// Null when memory runs out.
+// Null when memory runs out even for a small part.
 [[nodiscard]] SnapHeader* snapshotTake(TimeSpec time);
 
 // Called at the start of a run with the time from which the first snapshot counts.

@@ -45,6 +45,7 @@ Record* findIn(Dict32* dict, uint32_t key) {
 
 void freePort(PortEntry* port) {
     dict32Destroy(port->nets);
+    liveFree(port->listedNets);
     liveFree(port->liveRlHosts);
     liveFree(port->livePtpHosts);
     std::free(port);
@@ -75,12 +76,17 @@ NetEntry* createNet(PortEntry& port, uint32_t dstIp) {
     if (made == nullptr) return nullptr;
 
     NetEntry* net = made.release();
+    net->address = dstIp;
     net->port = &port;
     net->subjects.pool = &statistics.subjectLines;
     net->subjects.headBytes = sizeof(SubjectEntry);
-    if (stored(dict32Insert(port.nets, dstIp, net), "net")) return net;
-    freeNet(net);
-    return nullptr;
+    const bool listable = liveReserve(port.listedNets);
+    if (!stored(listable ? dict32Insert(port.nets, dstIp, net) : kStatusNoMemory, "net")) {
+        freeNet(net);
+        return nullptr;
+    }
+    ++port.listedNets.members;
+    return net;
 }
 
 // Creates a record that may join its parent's list of live records.
@@ -179,8 +185,13 @@ PtpHostEntry* ptpHostEntry(const HostPath& path) {
 
 void markLive(HostEntry& host) {
     if (host.live != 0) return;
-    liveJoin(host.net->liveHosts, host);
-    host.net->live = host.net->port->live = 1;
+    NetEntry& net = *host.net;
+    liveJoin(net.liveHosts, host);
+    net.live = net.port->live = 1;
+    if (net.listed) return;
+    net.listed = true;
+    LiveList<NetEntry>& list = net.port->listedNets;
+    list.records[list.count++] = &net;
 }
 
 void markLive(RlHostEntry& host) {

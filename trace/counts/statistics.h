@@ -43,6 +43,7 @@
 #include "trace/counts/subjects.h"
 #include "trace/counts/two_sided_counters.h"
 
+struct NetEntry;
 struct HostEntry;
 struct RlHostEntry;
 struct PtpHostEntry;
@@ -50,13 +51,16 @@ struct PtpHostEntry;
 struct PortEntry {
     uint32_t live;
     Dict32* nets;
+    LiveList<NetEntry> listedNets;  // those that are live or have subjects
     LiveList<RlHostEntry> liveRlHosts;
     LiveList<PtpHostEntry> livePtpHosts;
 };
 
 struct NetEntry {
     uint32_t live;
+    uint32_t address;  // dstIp
     PortEntry* port;
+    bool listed;  // in its port's listedNets
     LiveList<HostEntry> liveHosts;
     SubjectMap subjects;
     uint32_t liveSubjects;
