@@ -6,7 +6,6 @@
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
-#include "trace/packets/classify.h"
 #include "trace/packets/packet_line.h"
 #include "trace/run/snapshot_sink.h"
 #include "trace/settings.h"
@@ -14,8 +13,9 @@
 namespace {
 
 struct OfflineRun {
+    bool begun;  // a packet has come; zeros until then
     TimeSpec nextSnapshotTime;
-    TimeSpec lastPacketTime;  // of those behind the first
+    TimeSpec lastPacketTime;
 };
 
 OfflineRun offlineRun;
@@ -35,15 +35,18 @@ void handOn(TimeSpec time) {
     snapshotHandOn(time);
 }
 
-void handleFirstPacket(TimeSpec time, const uint8_t* ip, size_t length) {
+// Frames too short for a packet don't come here: the first packet may lie behind such.
+void begin(TimeSpec time) {
+    offlineRun.begun = true;
     snapshotSetStart(time);
     offlineRun.nextSnapshotTime = afterInterval(time);
     if (snapshotSink.begin != nullptr) snapshotSink.begin(time);
-    classifyPacket(time, ip, length);
 }
 
 void handlePacket(TimeSpec time, const uint8_t* ip, size_t length) {
-    if (isLater(time, offlineRun.nextSnapshotTime)) {
+    if (!offlineRun.begun) {
+        begin(time);
+    } else if (isLater(time, offlineRun.nextSnapshotTime)) {
         handOn(offlineRun.nextSnapshotTime);
         offlineRun.nextSnapshotTime = afterInterval(offlineRun.nextSnapshotTime);
     }
@@ -55,7 +58,6 @@ void handlePacket(TimeSpec time, const uint8_t* ip, size_t length) {
 
 void runOffline() {
     offlineRun = {};
-    runCaptureLoop(captureState.captureHandle, handleFirstPacket, 1);
     runCaptureLoop(captureState.captureHandle, handlePacket, 0);
     handOn(offlineRun.lastPacketTime);
     if (snapshotSink.end != nullptr) snapshotSink.end();
