@@ -169,16 +169,20 @@ void tellLostLinesLocked() PELMO_REQUIRES(state.lock) {
     if (lostLines == 0) return;
     const bool told = printLocked("%" PRIu64 " log lines were lost.", lostLines);
     sink.lostLines = told ? 0 : lostLines;
+    if (told) sink.lossError = 0;
 }
 
-// Called behind each line, and behind what others wrote: tells that text was lost. The next loss is
-// told once lines have come through again.
+// Called ahead of each line, for what others wrote, and behind it: tells that text was lost, also
+// where shorter text has found room since. The next loss is told once lines have come through
+// again.
 void tellLossLocked() PELMO_REQUIRES(state.lock) {
-    if (state.stream == stderr && state.errorSink.error != 0) state.hasLoss = true;
+    if (state.stream == stderr && state.errorSink.lossError != 0) state.hasLoss = true;
     if (state.stream != state.file) return;
     const LockGuard guard(state.fileLock);
-    const int error = state.fileSink.error;
-    if (error == 0 && state.fileSink.lostLines == 0) state.isLossTold = false;
+    TextSink& sink = state.fileSink;
+    const int error = sink.lossError;
+    if (sink.error == 0 && sink.lostLines == 0) sink.lossError = 0;
+    if (error == 0) state.isLossTold = false;
     if (error == 0) return;
     state.hasLoss = true;
     if (std::exchange(state.isLossTold, true)) return;
@@ -261,6 +265,7 @@ void measureFileLocked() PELMO_REQUIRES(state.lock) {
     const LockGuard guard(state.fileLock);
     state.isLossTold = false;
     state.fileSink.lostLines = 0;
+    state.fileSink.lossError = 0;
     if (!state.fileSink.isFile) state.limitBytes = 0;
     const uint64_t sizeBytes = fileSize64(state.ring.path);
     if (sizeBytes != kFileSizeUnknown64) state.knownBytes = sizeBytes;
@@ -294,6 +299,7 @@ void rotateLocked() PELMO_REQUIRES(state.lock) {
     const ErrnoGuard kept;
     {
         const LockGuard guard(state.lock);
+        tellLossLocked();
         tellLostLinesLocked();
         (void)writeLineLocked(module, format, arguments);
         tellLossLocked();
@@ -374,6 +380,7 @@ FILE* logStreamGet() {
 void logCheckRotation() {
     const ErrnoGuard kept;
     const LockGuard guard(state.lock);
+    tellLossLocked();
     tellLostLinesLocked();
     tellLossLocked();
     if (isFullLocked(true)) rotateLocked();

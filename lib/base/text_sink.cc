@@ -95,6 +95,7 @@ size_t textSinkWrite(TextSink* sink, const char* text, size_t sizeBytes) {
     const bool isTorn = sink->isInsideLine && sink->error != 0;
     size_t kept = isTorn && writeAll(*sink, "\n") != 1 ? 0 : writeAll(*sink, all);
     if (kept < sizeBytes) {
+        sink->lossError = sink->error;
         const size_t linesEnd = all.substr(0, kept).rfind('\n') + 1;  // 0 where there is none
         if (sink->isFile && kept > linesEnd && takeBack(sink->descriptor, kept - linesEnd)) {
             kept = linesEnd;

@@ -25,6 +25,7 @@ struct TextSink {
 
     int error = 0;
     uint64_t lostLines = 0;  // cleared by the user, who has told of them
+    int lossError = 0;       // of the last write that lost text; cleared by the user too
 };
 
 // Takes the descriptor, which may be -1 for none.

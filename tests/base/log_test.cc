@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <ctime>
@@ -276,6 +277,25 @@ TEST_F(Log, KeepsWholeLinesOnAFullDiskAndCountsTheOthers) {
                      "': File too large; lines are lost until it can be written.");
         EXPECT_EQ(readFile(path), wanted);
         EXPECT_EQ(err.text(), told);
+    }
+}
+
+// What is written last finds the room that a longer text didn't.
+TEST_F(Log, TellsOfLostTextBehindWhichAShorterOneFoundRoom) {
+    ASSERT_EQ(open(0, 0, nullptr), kStatusSuccess);
+    FILE* stream = logStreamGet();
+    for (int times = 1; times <= 2; ++times) {
+        logPrint("a");
+        const std::string before = readFile(path);
+        {
+            const LowLimit full(RLIMIT_FSIZE, before.size() + 2000);
+            std::fputs((std::string(3000, 'x') + "\n").c_str(), stream);
+            std::fputs("row\n", stream);
+            logCheckRotation();
+        }
+        EXPECT_EQ(readFile(path), before + "row\n" + line("1 log lines were lost."));
+        EXPECT_EQ(std::ranges::count(err.text(), '\n'), times);
+        EXPECT_TRUE(logHasLoss());
     }
 }
 
