@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <utility>
 
@@ -20,6 +21,8 @@
 #include "trace/settings.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr size_t kBufferBytes = 64 << 10;
 constexpr size_t kFileHeadBytes = 24;
@@ -53,6 +56,7 @@ struct CaptureFile {
     double retryTime = 0;  // steady seconds
     uint64_t lostFrames = 0;
     bool complete = true;
+    bool refused = false;  // a new file couldn't be begun: what comes is lost
 };
 
 CaptureFile file;
@@ -80,6 +84,12 @@ size_t frameBytesAt(size_t at) {
 // Where the unit ends that begins at `at`, which is below usedBytes.
 size_t unitEnd(size_t at) {
     return at == 0 && file.restBytes != 0 ? file.restBytes : at + frameBytesAt(at);
+}
+
+// Every loss comes by here.
+void noteLoss(uint64_t frames) {
+    file.lostFrames += frames;
+    file.complete = false;
 }
 
 void tellFailing(int error) {
@@ -161,9 +171,11 @@ bool makeRoom(size_t sizeBytes) {
 
 // What still waits at the close is lost.
 void dropBuffer() {
+    if (file.usedBytes == 0) return;
+    uint64_t frames = 0;
     for (size_t at = file.restBytes; at < file.usedBytes; at = unitEnd(at))
-        ++file.lostFrames;
-    if (file.usedBytes != 0) file.complete = false;
+        ++frames;
+    noteLoss(frames);
     file.usedBytes = 0;
     file.restBytes = 0;
 }
@@ -190,6 +202,16 @@ int openPath(const char* path) {
     return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
 }
 
+// The names of open streams: "-", and links of the system such as /dev/stdout.
+bool isStreamName(const char* path) {
+    if (std::strcmp(path, "-") == 0) return true;
+    struct stat status;
+    if (lstat(path, &status) != 0 || !S_ISLNK(status.st_mode)) return false;
+    std::error_code error;
+    const fs::path folder = fs::canonical(fs::absolute(path, error).parent_path(), error);
+    return !error && (folder == "/dev" || folder.string().starts_with("/proc/"));
+}
+
 bool beginFile(const char* path) {
     file.descriptor = openPath(path);
     if (file.descriptor < 0) {
@@ -198,8 +220,8 @@ bool beginFile(const char* path) {
     }
     struct stat status;
     // The standard output may be appended to, and its end lies elsewhere than is known here.
-    file.regular = std::strcmp(path, "-") != 0 && fstat(file.descriptor, &status) == 0 &&
-                   S_ISREG(status.st_mode);
+    file.regular =
+        !isStreamName(path) && fstat(file.descriptor, &status) == 0 && S_ISREG(status.st_mode);
     file.fileBytes = 0;
     put(file.head, sizeof file.head);
     file.restBytes = sizeof file.head;
@@ -223,17 +245,23 @@ bool captureFileIsOpen() {
     return file.descriptor >= 0;
 }
 
+bool captureFileIsRegular() {
+    return file.regular;
+}
+
 uint64_t captureFileBytes() {
     return file.regular ? file.fileBytes + file.usedBytes : 0;
 }
 
 void captureFileSave(const pcap_pkthdr& header, const u_char* bytes) {
-    if (!captureFileIsOpen()) return;
+    if (!captureFileIsOpen()) {
+        if (file.refused) noteLoss(1);
+        return;
+    }
     const RecordHead head = {static_cast<int32_t>(header.ts.tv_sec),
                              static_cast<int32_t>(header.ts.tv_usec), header.caplen, header.len};
     if (!makeRoom(sizeof head + header.caplen)) {
-        ++file.lostFrames;
-        file.complete = false;
+        noteLoss(1);
         return;
     }
     put(&head, sizeof head);
@@ -248,15 +276,21 @@ void captureFileFlush() {
 
 bool captureFileReopen(const char* path) {
     captureFileClose();
-    return beginFile(path);
+    file.refused = !beginFile(path);
+    if (file.refused) noteLoss(0);
+    return !file.refused;
 }
 
 void captureFileClose() {
+    if (std::exchange(file.refused, false) && file.lostFrames != 0) {
+        logPrint("%" PRIu64 " frames were not saved in '%s'.", std::exchange(file.lostFrames, 0),
+                 traceSettings.writeFile);
+    }
     if (!captureFileIsOpen()) return;
     writeOut();
     dropBuffer();
     if (close(std::exchange(file.descriptor, -1)) == 0 || errno == EINTR) return;
-    file.complete = false;
+    noteLoss(0);
     tellFailing(errno);
 }
 

@@ -24,11 +24,14 @@
 
 [[nodiscard]] bool captureFileIsOpen();
 
-// The bytes saved, those in the buffer included. 0 for what isn't a regular file: that has no size,
-// and nobody shall move a pipe or a device aside.
+// False for pipes and devices, and for "-" and the system's links to open streams such as
+// /dev/stdout, whatever these lead to: nobody shall move them aside.
+[[nodiscard]] bool captureFileIsRegular();
+
+// The bytes saved, those in the buffer included. 0 for what isn't a regular file.
 [[nodiscard]] uint64_t captureFileBytes();
 
-// Without an open file nothing is saved.
+// Without an open file nothing is saved; behind a reopening that failed the frame counts as lost.
 void captureFileSave(const pcap_pkthdr& header, const u_char* bytes);
 
 // Hands the buffer to the system, so that a process that is killed loses none of it. For each
@@ -36,7 +39,7 @@ void captureFileSave(const pcap_pkthdr& header, const u_char* bytes);
 void captureFileFlush();
 
 // Closes the file and begins a new one of the same head. False where that can't be had, which the
-// log tells; no file is open then.
+// log tells; no file is open then, and the close tells how many frames that cost.
 [[nodiscard]] bool captureFileReopen(const char* path);
 
 void captureFileClose();

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr size_t kNumberedNameBytes = 260;
-
 // Once the timer thread runs, only that touches these.
 NumberedRing ring = {};
 bool renameFails = false;  // the last rename failed, and the log has told so
@@ -28,13 +26,14 @@ bool fileReachesLimit() {
 // The file system is asked only while what was saved lies below the limit: it sees what others
 // wrote.
 bool isFullLocked() {
+    if (!captureFileIsRegular()) return false;
     return captureFileBytes() >= traceSettings.captureLimitBytes || fileReachesLimit();
 }
 
 // True where the path is free for a new file. After a failed rename the file goes on, unless
 // somebody has taken it away.
 bool moveAside() {
-    char numberedName[kNumberedNameBytes];
+    char numberedName[kCaptureNameBytes];
     const bool failed = numberedRingMoveAside(ring, numberedName) == RotationResult::kRenameFailed;
     const bool told = std::exchange(renameFails, failed);
     if (!failed) return true;
@@ -60,7 +59,8 @@ void rotateWhenFull() {
 void startOverWhenFull() {
     if (!fileReachesLimit()) return;
     const LockGuard guard(statsLock);
-    if (captureFileIsOpen()) reopenLocked("failed to open save file '%s'");
+    if (captureFileIsOpen() && captureFileIsRegular())
+        reopenLocked("failed to open save file '%s'");
 }
 
 }  // namespace

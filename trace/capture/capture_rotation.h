@@ -12,6 +12,11 @@
 
 #pragma once
 
+#include <cstddef>
+
+// What the name of a numbered file has room for, with its NUL. A longer one would be cut.
+inline constexpr size_t kCaptureNameBytes = 260;
+
 // Ahead of the first check, once the settings and the file stand: the numbers begin at 1.
 void captureRotationStart();
 

@@ -1,9 +1,11 @@
 #include "trace/capture/capture_rotation.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "tests/support/capture_file.h"
@@ -95,10 +97,32 @@ TEST_F(CaptureRotation, EndsSavingWhenTheFileCannotBeOpenedAnew) {
         EXPECT_FALSE(captureFileIsOpen());
         EXPECT_EQ(run.logged().back(),
                   std::string("failed to open ") + file + " file '" + path + "'");
+        EXPECT_FALSE(captureFileIsComplete());
         saveFullFile('b');
         onRotationTimer();
         EXPECT_EQ(run.logged(), Lines());
+        captureFileClose();
+        EXPECT_EQ(run.logged(), Lines{"1 frames were not saved in '" + path + "'."});
     }
+}
+
+// The standard output may be a regular file, and /dev/stdout then is as large; but the link isn't
+// the run's to move.
+TEST_F(CaptureRotation, NeverMovesALinkOfTheSystem) {
+    const int target = ::open(path.c_str(), O_RDWR | O_CREAT, 0600);
+    const std::string link = "/proc/self/fd/" + std::to_string(target);
+    traceSettings.writeFile = link.c_str();
+    ASSERT_TRUE(captureFileOpen(captureState.captureHandle, link.c_str()));
+    for (const int32_t count : {2, 0}) {
+        rotations(count);
+        saveFullFile('a');
+        captureFileFlush();
+        const uintmax_t size = std::filesystem::file_size(path);
+        onRotationTimer();
+        EXPECT_EQ(std::filesystem::file_size(path), size);
+        EXPECT_EQ(run.logged(), Lines());
+    }
+    close(target);
 }
 
 TEST_F(CaptureRotation, LosesNoFrameThatComesMeanwhile) {
