@@ -231,11 +231,13 @@ class Live(unittest.TestCase):
     def test_readers_that_stall_hold_up_no_end(self):
         """Of reports, of the log, or of a saved capture. What goes to a file instead gets there."""
         readers, tools = [], {}
-        for name in ("stdout", "stderr", "log", "saved.pcap"):
+        for name in ("stdout", "stderr", "log", "saved.pcap", "traced"):
             (self.folder / name).mkdir()
-            readers.append(self.pipe_that_nobody_reads(self.folder / name / name))
+            stream = "stderr" if name == "traced" else name
+            readers.append(self.pipe_that_nobody_reads(self.folder / name / stream))
             log = ["-logfile", "log"] if name == "log" else []
-            tools[name] = self.start(name, "-complain", "-addrinfo", "-w", "saved.pcap", *log)
+            traced = {"_PM_TRACING_MODULES": "EVENTS"} if name == "traced" else {}
+            tools[name] = self.start(name, "-complain", "-addrinfo", "-w", "saved.pcap", *log, **traced)
         for name, tool in tools.items():
             wait_until(lambda: os.readlink("/proc/%d/cwd" % tool.popen.pid) == "/", "a start of " + name)
         self.send_all("--count", "2000", "--rate", "10000", "--subjects", "1000",

@@ -42,6 +42,11 @@ void warnOfCutFrames(pcap_t* capture);
 // What libpcap has against a filter; empty where it has nothing.
 [[nodiscard]] std::string filterFault(pcap_t* capture, const char* text);
 
+// Does libpcap compile the filter, or refuse it, in so many seconds of processor time and with room
+// left on the stack? Tried in a child process, since nothing can stop it; true where there can be
+// none. Only while the process has one thread.
+[[nodiscard]] bool filterCompilesInTime(const char* text, unsigned seconds);
+
 // A source whose filter failed delivers everything.
 [[nodiscard]] bool installFilter(pcap_t* capture, const char* text);
 

@@ -1,6 +1,5 @@
 #include "trace/packets/inspection.h"
 
-#include <cstdarg>
 #include <cstdio>
 
 #include "lib/base/log.h"
@@ -30,22 +29,53 @@ void addressFault(Inspection& inspection, Fault fault, uint32_t address) {
     complain(fault, inspection.packet.srcIp, inspection.word, address);
 }
 
-}  // namespace
-
-void complain(Fault fault, uint32_t srcIp, ...) {
+// The arguments are those of the fault's format.
+template <typename... Arguments>
+void countAndTell(Fault fault, uint32_t srcIp, Arguments... arguments) {
     faultCount(statistics.faults, fault, statistics.packetTime);
     if (!traceSettings.complain) return;
     const FaultRow& row = faultRow(fault);
     char text[128];  // the longest takes under 80
-    va_list arguments;
-    va_start(arguments, srcIp);
-    std::vsnprintf(text, sizeof text, row.format, arguments);
-    va_end(arguments);
+    if constexpr (sizeof...(arguments) == 0) {
+        std::snprintf(text, sizeof text, "%s", row.format);
+    } else {
+        std::snprintf(text, sizeof text, row.format, arguments...);
+    }
     if (row.line == FaultLine::kMessage) {
         logPrint("Invalid message from %s - %s", ipToText(srcIp), text);
     } else {
         logPrint("%s from %s", text, ipToText(srcIp));
     }
+}
+
+}  // namespace
+
+void complain(Fault fault, uint32_t srcIp) {
+    countAndTell(fault, srcIp);
+}
+
+void complain(Fault fault, uint32_t srcIp, int type) {
+    countAndTell(fault, srcIp, type);
+}
+
+void complain(Fault fault, uint32_t srcIp, const char* word) {
+    countAndTell(fault, srcIp, word);
+}
+
+void complain(Fault fault, uint32_t srcIp, const char* word, const char* header) {
+    countAndTell(fault, srcIp, word, header);
+}
+
+void complain(Fault fault, uint32_t srcIp, const char* word, int length) {
+    countAndTell(fault, srcIp, word, length);
+}
+
+void complain(Fault fault, uint32_t srcIp, const char* word, uint32_t address) {
+    countAndTell(fault, srcIp, word, address);
+}
+
+void complain(Fault fault, uint32_t srcIp, const char* word, uint32_t address, uint32_t ipAddress) {
+    countAndTell(fault, srcIp, word, address, ipAddress);
 }
 
 bool headerInHand(Inspection& inspection, const char* headerWord, size_t headerBytes) {

@@ -17,9 +17,17 @@ struct Inspection {
     bool bad;
 };
 
-// Counts the fault for the packet that is being classified, and logs it with "-complain". The
-// arguments are those of the fault's format; without "-complain" nothing is formatted.
-[[gnu::cold]] void complain(Fault fault, uint32_t srcIp, ...);
+// Counts the fault for the packet that is being classified, and logs it with "-complain". What
+// follows is what the fault's format wants, one call for each shape; without "-complain" nothing is
+// formatted.
+[[gnu::cold]] void complain(Fault fault, uint32_t srcIp);
+[[gnu::cold]] void complain(Fault fault, uint32_t srcIp, int type);
+[[gnu::cold]] void complain(Fault fault, uint32_t srcIp, const char* word);
+[[gnu::cold]] void complain(Fault fault, uint32_t srcIp, const char* word, const char* header);
+[[gnu::cold]] void complain(Fault fault, uint32_t srcIp, const char* word, int length);
+[[gnu::cold]] void complain(Fault fault, uint32_t srcIp, const char* word, uint32_t address);
+[[gnu::cold]] void complain(
+    Fault fault, uint32_t srcIp, const char* word, uint32_t address, uint32_t ipAddress);
 
 // Is the type's header in hand? Where the capture cut it off, the sender is not at fault; anywhere
 // else the fault is logged and the packet is bad.

@@ -40,7 +40,8 @@ bool countData(HostEntry& host, const OskaPacket& packet, uint32_t dataBytes) {
         host.lastSeq = seq - 1;
     }
 
-    // A sender that starts at 0 leaves `lastSeq` at its top: its first packet counts as repeated.
+    // A sender that numbers from 0 leaves `lastSeq` at its top: all of its packets count as
+    // repeated until its next epoch.
     if (seq <= host.lastSeq) {
         ++host.rdata;
         host.rbytes += dataBytes;

@@ -304,8 +304,8 @@ void printSnapshot(SnapHeader* snapshot) {
     report.linesUsed = 0;
     if (traceSettings.displayStats) printHead(*snapshot);
 
-    // This must precede the sort, while the hosts of subjects still follow each other in the
-    // subjects' order.
+    // Faster ahead of the sort, while the hosts of subjects still follow each other in memory in
+    // the subjects' order; the sums are the same.
     report.totals = snapshotAddUp(*snapshot);
     snapshotSort(snapshot);
     if (traceSettings.displayMcast && traceSettings.displayAddrInfo) servicesFind(snapshot);

@@ -22,7 +22,7 @@ constexpr size_t kMessagesBytes = 16384;  // the system sends no more at once
 
 struct LinkWatch {
     // Constant after the start.
-    int socket = -1;  // left to the end of the process
+    int socket = -1;  // while there is a watch: to the end of the process
     int index = 0;
     char name[IFNAMSIZ] = "";
 
@@ -87,14 +87,19 @@ bool openSocket() {
            bind(watch.socket, reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0;
 }
 
-}  // namespace
-
-pelmoStatus linkWatchStart(const char* interfaceName) {
-    watch.index = static_cast<int>(if_nametoindex(interfaceName));
-    if (watch.index == 0 || !openSocket()) return kStatusSuccess;
-    std::strncpy(watch.name, interfaceName, sizeof watch.name - 1);
+bool startEvent() {
     watch.isUp = askIsUp();
     uint32_t event = kNoId;
     return pelmoEvent_CreateIO(&event, kFirstIoQueueId, onLinkEvent, watch.socket, kIoRead,
-                               nullptr);
+                               nullptr) == kStatusSuccess;
+}
+
+}  // namespace
+
+void linkWatchStart(const char* interfaceName) {
+    watch.index = static_cast<int>(if_nametoindex(interfaceName));
+    if (watch.index == 0) return;
+    std::strncpy(watch.name, interfaceName, sizeof watch.name - 1);
+    if (openSocket() && startEvent()) return;
+    if (watch.socket >= 0) close(std::exchange(watch.socket, -1));
 }

@@ -10,7 +10,4 @@
 
 #pragma once
 
-#include "lib/base/status.h"
-
-// What pelmoEvent_CreateIO answers.
-[[nodiscard]] pelmoStatus linkWatchStart(const char* interfaceName);
+void linkWatchStart(const char* interfaceName);

@@ -63,11 +63,12 @@ double snapshotTimerSeconds() {
     return std::max<double>(traceSettings.updateInterval, kLeastReportSeconds);
 }
 
-void waitForStop() {
+void waitForStop(void (*onEnd)()) {
     const pelmoStatus status = stopWaitInit(nullptr);
     if (status != kStatusSuccess) {
         logPrint("unable to wait for a stop signal: %s.", pelmoStatus_GetText(status));
     }
     if (!stopWaitRun()) endMarkFailed();
+    onEnd();
     stopWaitCleanup();
 }

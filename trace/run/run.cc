@@ -51,6 +51,7 @@ pelmoStatus chooseInterface() {
     captureState.interfaceName = liveInterface(traceSettings.interfaceName);
     if (captureState.interfaceName == nullptr) return kStatusNotInitialized;
     std::printf("Using interface %s\n", captureState.interfaceName);
+    std::fflush(stdout);
     return kStatusSuccess;
 }
 
@@ -63,6 +64,7 @@ pelmoStatus describeSource() {
 
 pelmoStatus tellFilter() {
     std::printf("Using filter %s\n", traceSettings.filterText);
+    std::fflush(stdout);
     return kStatusSuccess;
 }
 
@@ -90,7 +92,7 @@ pelmoStatus openCaptureFile() {
 pelmoStatus startRotationTimer() {
     if (traceSettings.captureLimitBytes == 0) return kStatusSuccess;
     captureRotationStart();
-    return startTimer(kRotationCheckSeconds, onRotationTimer);
+    return startTimer<onRotationTimer>(kRotationCheckSeconds);
 }
 
 // The order is what operators see in the log, and each step stands on those ahead of it.
@@ -122,15 +124,19 @@ void leaveDirectory() {
     if (chdir("/") != 0) return;  // no matter: all paths are absolute by now
 }
 
-void runLive() {
-    if (!traceSettings.foreground) leaveDirectory();
-    waitForStop();
+// The clean-up of the wait may log too, and a reader of the log may have stalled.
+void boundEnd() {
     endLimitStart(kEndSeconds);
     logBoundWaits(kLogEndSeconds);
 }
 
+void runLive() {
+    if (!traceSettings.foreground) leaveDirectory();
+    waitForStop(boundEnd);
+}
+
 // The capture thread isn't joined: a frame in flight may still want to be saved or counted. Behind
-// this turn at the lock it finds the shutdown, and nothing of the run is touched any more.
+// this turn at the lock it finds no file open, and nobody reads what it counts.
 void closeCaptureFile() {
     const LockGuard guard(statsLock);
     captureFileClose();

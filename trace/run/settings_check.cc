@@ -2,14 +2,17 @@
 
 #include <sys/stat.h>
 
-#include <cctype>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <string>
-#include <string_view>
 
 #include "lib/base/log.h"
+#include "lib/base/path.h"
+#include "trace/capture/capture_rotation.h"
+#include "trace/capture/capture_session.h"
 #include "trace/settings.h"
 
 namespace {
@@ -17,38 +20,14 @@ namespace {
 namespace fs = std::filesystem;
 
 // libpcap's time grows with the square of a filter's code, and its stack with the code: 10,000
-// addresses overflow it. A number alone, a port as a rule, brings about five times the code of an
-// address. The most takes half a second: 200 ports, or nearly 300 times "-addr".
-constexpr size_t kMostFilterWeight = 1200;
-constexpr size_t kNumberWeight = 5;
-constexpr size_t kLongWordBytes = 32;  // of a word: each so many weigh as much as another word
+// addresses overflow it. Lists of so many and text of so few bytes are no matter on any machine.
+constexpr size_t kFewValues = 100;
+constexpr size_t kShortFilterBytes = 1024;
+constexpr unsigned kMostCompileSeconds = 2;
 
-bool isWordByte(char byte) {
-    return std::isalnum(static_cast<unsigned char>(byte)) != 0 ||
-           (byte != '\0' && std::strchr(".:-_/\\", byte) != nullptr);
-}
-
-size_t wordWeight(std::string_view word) {
-    const bool isNumber = std::isdigit(static_cast<unsigned char>(word[0])) != 0 &&
-                          word.find_first_of(".:") == std::string_view::npos;
-    return (isNumber ? kNumberWeight : 1) + word.size() / kLongWordBytes;
-}
-
-// Punctuation weighs as much as a word.
-size_t filterWeight(std::string_view text) {
-    size_t weight = 0;
-    while (!text.empty()) {
-        size_t wordBytes = 0;
-        while (wordBytes < text.size() && isWordByte(text[wordBytes]))
-            ++wordBytes;
-        if (wordBytes != 0) {
-            weight += wordWeight(text.substr(0, wordBytes));
-        } else if (std::isspace(static_cast<unsigned char>(text[0])) == 0) {
-            ++weight;
-        }
-        text.remove_prefix(wordBytes != 0 ? wordBytes : 1);
-    }
-    return weight;
+bool listsAreShort() {
+    return traceSettings.srcAddrs.size() <= kFewValues &&
+           traceSettings.dstAddrs.size() <= kFewValues && traceSettings.ports.size() <= kFewValues;
 }
 
 struct NamedFile {
@@ -96,6 +75,17 @@ pelmoStatus refusePair(const NamedFile& file, const NamedFile& other) {
     return kStatusInvalidArgument;
 }
 
+// By the path as the rotation uses it. One that can't be had is refused where the file is opened.
+bool numberedNamesFit() {
+    if (traceSettings.writeFile == nullptr || traceSettings.captureLimitBytes == 0) return true;
+    if (traceSettings.captureMaxRotations == 0) return true;
+    const std::unique_ptr<char, decltype(&std::free)> path(absolutePath(traceSettings.writeFile),
+                                                           std::free);
+    if (!path) return true;
+    const std::string digits = std::to_string(traceSettings.captureMaxRotations);
+    return std::strlen(path.get()) + digits.size() < kCaptureNameBytes;
+}
+
 }  // namespace
 
 // Devices and pipes can't overwrite each other.
@@ -110,8 +100,10 @@ bool filesAreOne(const char* path, const char* other) {
 }
 
 pelmoStatus validateFilter() {
-    if (filterWeight(traceSettings.filterText) <= kMostFilterWeight) return kStatusSuccess;
-    const bool built = traceSettings.filterText == traceSettings.builtFilter.c_str();
+    const char* const text = traceSettings.filterText;
+    const bool built = text == traceSettings.builtFilter.c_str();
+    if ((built && listsAreShort()) || std::strlen(text) < kShortFilterBytes) return kStatusSuccess;
+    if (filterCompilesInTime(text, kMostCompileSeconds)) return kStatusSuccess;
     logPrint("%s: too long for libpcap to compile in reasonable time.",
              built ? "the filter of -addr, -src, -dst and -port" : "-filter");
     return kStatusInvalidArgument;
@@ -119,6 +111,11 @@ pelmoStatus validateFilter() {
 
 pelmoStatus validateFiles() {
     const auto& s = traceSettings;
+    if (!numberedNamesFit()) {
+        logPrint("-w: the name of its numbered files would be longer than %zu bytes.",
+                 kCaptureNameBytes - 1);
+        return kStatusInvalidArgument;
+    }
     const int32_t logRotations = s.logLimitBytes != 0 ? s.logMaxRotations : 0;
     const int32_t captureRotations = s.captureLimitBytes != 0 ? s.captureMaxRotations : 0;
     const NamedFile files[] = {

@@ -78,19 +78,16 @@ pelmoStatus markStart() {
     return kStatusSuccess;
 }
 
-pelmoStatus startTimer(double seconds, void (*tick)()) {
-    const auto onTick = [](uint32_t, pelmoMsg*, void* closure) {
-        reinterpret_cast<void (*)()>(closure)();
-    };
+pelmoStatus startTimerOf(double seconds, pelmoEventCallback onTick) {
     uint32_t timer = kNoId;
-    return pelmoEvent_CreateTimer(&timer, kTimerQueueId, onTick, seconds,
-                                  reinterpret_cast<void*>(tick));
+    return pelmoEvent_CreateTimer(&timer, kTimerQueueId, onTick, seconds, nullptr);
 }
 
 pelmoStatus startSnapshotTimer() {
-    return startTimer(snapshotTimerSeconds(), onSnapshotTimer);
+    return startTimer<onSnapshotTimer>(snapshotTimerSeconds());
 }
 
 pelmoStatus watchLink() {
-    return linkWatchStart(captureState.interfaceName);
+    linkWatchStart(captureState.interfaceName);
+    return kStatusSuccess;
 }

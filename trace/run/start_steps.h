@@ -11,6 +11,7 @@
 #include <span>
 
 #include "lib/base/status.h"
+#include "lib/runtime/event.h"
 
 struct StartStep {
     bool liveOnly;
@@ -43,6 +44,12 @@ void holdStandardStreams();
 [[nodiscard]] pelmoStatus markStart();
 
 // Behind the library's opening. Timers aren't destroyed: they end with the library.
-[[nodiscard]] pelmoStatus startTimer(double seconds, void (*tick)());
+[[nodiscard]] pelmoStatus startTimerOf(double seconds, pelmoEventCallback onTick);
+
+template <void (*tick)()>
+[[nodiscard]] pelmoStatus startTimer(double seconds) {
+    return startTimerOf(seconds, [](uint32_t, pelmoMsg*, void*) { tick(); });
+}
+
 [[nodiscard]] pelmoStatus startSnapshotTimer();
 [[nodiscard]] pelmoStatus watchLink();

@@ -75,7 +75,7 @@ void progressText(char (&text)[kProgressBytes], double seconds, const SavedExten
 pelmoStatus progressStart() {
     if (isatty(STDERR_FILENO) == 0) return kStatusSuccess;
     progress.startSeconds = clockSteadySeconds();
-    return startTimer(kDrawSeconds, draw);
+    return startTimer<draw>(kDrawSeconds);
 }
 
 void progressEnd() {

@@ -266,7 +266,7 @@ bool start() {
         serve.series.rules = serve.seriesRules;
         serve.source = traceSettings.liveCapture ? Source::kLive : Source::kReading;
     }
-    return serverStart() && startTimer(kSweepSeconds, serverSweep) == kStatusSuccess;
+    return serverStart() && startTimer<serverSweep>(kSweepSeconds) == kStatusSuccess;
 }
 
 void sourceEnded() {

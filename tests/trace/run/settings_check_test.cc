@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <tuple>
+#include <vector>
+
 #include "tests/support/trace_run.h"
 #include "trace/capture/capture_session.h"
 #include "trace/settings.h"
@@ -13,32 +17,58 @@ constexpr const char* kLists = "the filter of -addr, -src, -dst and -port";
 TEST(SettingsCheck, RefusesFiltersThatTakeTooLongToCompile) {
     TraceRun run;
     using Texts = std::vector<const char*>;
-    const auto built = [](size_t srcs, size_t dsts, size_t ports) {
-        return buildFilter(Texts(srcs, "10.200.200.200"), Texts(dsts, "10.0.0.1"),
-                           Texts(ports, "65535"));
+    const auto lists = [](size_t addrs, size_t ports) {
+        traceSettings.srcAddrs = Texts(addrs, "10.200.200.200");
+        traceSettings.dstAddrs = Texts(addrs, "10.0.0.1");
+        traceSettings.ports = Texts(ports, "65535");
+        return buildFilter(traceSettings.srcAddrs, traceSettings.dstAddrs, traceSettings.ports);
+    };
+    const auto repeated = [](const char* unit, int times) {
+        std::string text = "udp";
+        for (int i = 0; i < times; ++i)
+            text += unit;
+        return text;
     };
     const struct {
-        std::string filter;
-        const char* refused;  // none: accepted
+        std::string filter;  // none: of the lists
+        size_t addrs = 0, ports = 0;
+        const char* refused = nullptr;  // none: accepted
     } cases[] = {
-        {built(100, 100, 100), nullptr},
-        {built(250, 250, 0), nullptr},
-        {built(0, 0, 150), nullptr},
-        {built(10000, 10000, 0), kLists},
-        {built(0, 0, 400), kLists},
-        {built(150, 150, 150), kLists},
-        {std::string(3000, ' ') + "udp", nullptr},
-        {std::string(3000, '('), "-filter"},
-        {std::string(100000, '1'), "-filter"},
+        {"", 100, 100},
+        {"", 250, 0},
+        {"", 10000, 0, kLists},
+        {std::string(3000, ' ') + "udp"},
+        {repeated(" or (((((udp)))))", 200)},
+        {repeated(" or host 10.0.0.1", 10000), 0, 0, "-filter"},
+        {std::string(100000, '(')},                     // nor this
+        {"no filter at all" + std::string(2000, ' ')},  // libpcap refuses it later
     };
-    for (const auto& [filter, refused] : cases) {
-        SCOPED_TRACE(filter.substr(0, 60));
-        const bool explicitly = refused != kLists;
-        traceSettings.builtFilter = explicitly ? "udp" : filter;
-        traceSettings.filterText = explicitly ? filter.c_str() : traceSettings.builtFilter.c_str();
+    for (const auto& [filter, addrs, ports, refused] : cases) {
+        SCOPED_TRACE(filter.substr(0, 60) + std::to_string(addrs));
+        traceSettings.builtFilter = lists(addrs, ports);
+        traceSettings.filterText =
+            filter.empty() ? traceSettings.builtFilter.c_str() : filter.c_str();
         EXPECT_EQ(validateFilter(), refused ? kStatusInvalidArgument : kStatusSuccess);
         const std::string why = ": too long for libpcap to compile in reasonable time.";
         EXPECT_EQ(run.logged(), refused ? Lines({refused + why}) : Lines());
+    }
+    traceSettings = {};
+}
+
+TEST(SettingsCheck, RefusesACaptureWhoseNumberedNamesWouldBeCut) {
+    TraceRun run;
+    for (const auto& [nameBytes, rotations, limitBytes, fits] : {std::tuple{257u, 99, 1u, true},
+                                                                 {258u, 9, 1u, true},
+                                                                 {258u, 10, 1u, false},
+                                                                 {400u, 10, 0u, true},
+                                                                 {400u, 0, 1u, true},
+                                                                 {300u, 1, 1u, false}}) {
+        const std::string path = "/" + std::string(nameBytes - 1, 'n');
+        traceSettings.writeFile = path.c_str();
+        traceSettings.captureMaxRotations = rotations;
+        traceSettings.captureLimitBytes = limitBytes;
+        EXPECT_EQ(validateFiles(), fits ? kStatusSuccess : kStatusInvalidArgument) << nameBytes;
+        EXPECT_EQ(run.logged().size(), fits ? 0u : 1u);
     }
     traceSettings = {};
 }
