@@ -8,7 +8,9 @@
 //
 // `sndUna`, `sndNxt` and `sndLimit` are in the send window; `rcvNxt` and `rcvEdge` bound what may
 // come. SYN and FIN take a number each, and neither is stored: while one is under way, which the
-// state tells, it has the number `sndNxt` - 1 and nothing has been sent behind it. So the send
+// state tells, it has the number `sndNxt` - 1 and nothing has been sent after it. A SYN-ACK that
+// crossed the peer's takes one more number, `crossSeq`, and messages may follow it before it is
+// acknowledged. So the send
 // buffer holds messages alone, and a connection with an empty one has nothing to lose.
 //
 // Timers are values. The retransmission, the idle and the send-wait timer are periodic: a tick
@@ -69,6 +71,8 @@ struct ReliableConnection {
     uint64_t rcvNxt;   // the next number expected
     uint64_t rcvEdge;  // the first one beyond the receive window
     uint64_t finSeq;   // of a FIN that came ahead of missing data; 0 for none
+    uint64_t
+        crossSeq;  // of our SYN-ACK that isn't acknowledged, where both ends opened; 0 for none
     Reassembly reassembly;
     bool tookAfterFin;  // the peer goes on sending behind our FIN
 
@@ -124,6 +128,14 @@ void connectionTakeSynAck(ReliableConnection* connection,
                           const CoreCall& call,
                           const PeerAddress& source,
                           const Packet& packet);
+
+// A SYN-ACK for a connection that has opened by other packets already: where both ends opened, it
+// has a number of its own, which what was sent after it waits for. The caller has found the
+// connection by the packet's source.
+void connectionTakeLateSynAck(ReliableConnection* connection,
+                              const CoreCall& call,
+                              const PeerAddress& source,
+                              const Packet& packet);
 void connectionTakePacket(ReliableConnection* connection,
                           const CoreCall& call,
                           const PeerAddress& source,

@@ -60,6 +60,9 @@ void PacketResend(ReliableConnection* connection, OutPacket* packet);
 // The SYN, SYN-ACK or FIN that is under way.
 void connectionSendControl(ReliableConnection* connection, bool isRepeat);
 
+// The SYN-ACK that crossed the peer's, again.
+void connectionSendCrossing(ReliableConnection* connection);
+
 void connectionSendFin(ReliableConnection* connection);  // and it is under way
 void connectionSendAck(ReliableConnection* connection);
 void connectionSendReset(ReliableConnection* connection, uint64_t seq);

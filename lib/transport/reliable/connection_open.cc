@@ -1,8 +1,8 @@
 // How connections open: the peer's SYN, the answer to ours, and opening anew.
 //
-// Two ends that open at the same time both answer the other's SYN by a SYN-ACK under the number of
-// their own SYN, of which it takes the place. So whichever of the packets is lost, the first
-// message comes under the number that the peer expects.
+// Two ends that open at the same time both answer the other's SYN by a SYN-ACK under the number
+// after their own SYN. It is sent again until it is acknowledged, since what is sent after it waits
+// for it at the peer, whichever packet has opened the connection there.
 //
 // Each incarnation of a connection has a local id of its own, so that what still comes for an
 // earlier one is told apart and harms nobody.
@@ -20,6 +20,7 @@ void beginIncarnation(ReliableConnection* connection, const CoreCall& call) {
         (void)sendBufferRewind(&connection->send);
         windowInit(&connection->window, kReceiveWindow);
         connection->window.sndNxt = connection->window.sndUna;
+        connection->crossSeq = 0;
     }
     if (!connection->isInById) {
         connectionNewId(connection, call.now);
@@ -60,6 +61,7 @@ void connectionTakeSyn(ReliableConnection* connection,
     connection->peerAddress = source;
     takePeer(connection, packet);
     connection->window.peerWindow = usableWindow(packet);
+    if (connection->state == kSynSent) connection->crossSeq = connection->window.sndNxt++;
     connectionEnter(connection, kSynReceived, call.now);
     connectionSendControl(connection, false);
     if (sendBufferIsEmpty(&connection->send)) connectionJoinHalfOpen(connection);
@@ -74,10 +76,11 @@ void connectionTakeSynAck(ReliableConnection* connection,
     if (header.ack > connection->window.sndNxt) {
         return packetAnswerReset(connection->core, source, header);
     }
-    if (header.ack != connection->window.sndNxt || !claimSource(connection, source)) return;
+    if (header.ack < connection->window.sndUna || !claimSource(connection, source)) return;
 
     takePeer(connection, packet);
     windowOpened(&connection->window, header.ack, usableWindow(packet));
+    if (header.ack > connection->crossSeq) connection->crossSeq = 0;
     connectionResetRto(connection, call.now);
     connectionEnter(connection, kEstablished, call.now);
     if (!connectionSendWaiting(connection)) connectionSendAck(connection);
@@ -95,6 +98,7 @@ bool Connection_Restart(ReliableConnection* connection, const CoreCall& call, bo
     windowInit(window, kReceiveWindow);
     window->sndUna = window->sndNxt = lowest != 0 ? lowest : next;
     window->lastAck = window->sndNxt - 1;
+    connection->crossSeq = 0;
     connectionEnter(connection, kSynSent, call.now);
     connectionStartTimers(connection, call.now);
     connectionSendControl(connection, false);

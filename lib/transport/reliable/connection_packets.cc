@@ -47,10 +47,12 @@ void ackStep(const Step& step) {
     const AckVerdict verdict = windowAcknowledge(&connection->window, ack);
     if (verdict == AckVerdict::kAdvanced) {
         sendBufferAcknowledge(&connection->send, ack);
+        if (ack > connection->crossSeq) connection->crossSeq = 0;
         connectionResetRto(connection, step.call->now);
     } else if (verdict == AckVerdict::kResend) {
         OutPacket* const packet = sendBufferFind(&connection->send, ack);
         if (packet != nullptr) PacketResend(connection, packet);
+        if (ack == connection->crossSeq) connectionSendCrossing(connection);
         connection->isRetransmitArmed = false;
     }
 }
@@ -66,6 +68,7 @@ void discardSent(const Step& step) {
     sendBufferClear(&connection->send);
     window->sndUna = window->lastAck = window->sndNxt;
     window->dupAcks = 0;
+    connection->crossSeq = 0;
     connectionResetRto(connection, step.call->now);
 }
 
@@ -148,6 +151,12 @@ void trackNumbers(Step* step) {
     step->finNow = passHeldFin(connection) || isFin;
 }
 
+// What came may be all that the FIN has waited for.
+void takeHeldFin(Step* step) {
+    ReliableConnection* const connection = step->connection;
+    if (passHeldFin(connection)) runHeldFin(step);
+}
+
 // Payload
 
 uint32_t noticeOf(ReassemblyBound bound) {
@@ -185,7 +194,21 @@ void takePayload(Step* step, const PeerAddress& source) {
     if (peerIsAlive || connectionHas(connection, kFinUnderWay)) connection->tookAfterFin = true;
     if (result.next <= connection->rcvNxt) return;
     moveReceived(connection, result.next);
-    if (passHeldFin(connection)) runHeldFin(step);
+    takeHeldFin(step);
+}
+
+// A number without a payload, which comes next.
+void takeBareNumber(Step* step, const PeerAddress& source) {
+    ReliableConnection* const connection = step->connection;
+    const uint64_t number = step->packet->header.seq;
+    moveReceived(connection, number + 1);
+    if (connection->core->open) {
+        ReassemblyResult result;
+        reassemblyPass(&connection->reassembly, number, &result);
+        deliver(*step, result, source);
+        if (result.next > connection->rcvNxt) moveReceived(connection, result.next);
+    }
+    takeHeldFin(step);
 }
 
 // Answers
@@ -270,6 +293,17 @@ void takeReset(ReliableConnection* connection, const CoreCall& call, const Packe
     connectionTearDown(connection, EndReason::kLost, call.out);
 }
 
+Step stepOf(ReliableConnection* connection, const CoreCall& call, const Packet& packet) {
+    return {.connection = connection,
+            .call = &call,
+            .packet = &packet,
+            .takesPayload = false,
+            .inOrder = true,
+            .finNow = false,
+            .ackIsDue = false,
+            .isOver = false};
+}
+
 // An answer to our SYN that isn't one: the peer repeats its SYN-ACK.
 bool isAheadOfSynAck(const ReliableConnection* connection, const PacketHeader& header) {
     return connection->state == kSynSent && header.destId == connection->localId;
@@ -280,6 +314,22 @@ bool isAheadOfSynAck(const ReliableConnection* connection, const PacketHeader& h
 bool connectionMustClose(const ReliableConnection* connection) {
     const bool peerMaySend = connection->state == kFinWait1 || connection->state == kFinWait2;
     return peerMaySend && connection->tookAfterFin && connection->core->open;
+}
+
+void connectionTakeLateSynAck(ReliableConnection* connection,
+                              const CoreCall& call,
+                              const PeerAddress& source,
+                              const Packet& packet) {
+    const PacketHeader& header = packet.header;
+    const bool isOurs =
+        header.destId == connection->localId && header.sourceId == connection->remoteId;
+    if (!connection->isRunning || !isOurs || connection->state < kEstablished) return;
+    connection->isIdle = false;
+    Step step = stepOf(connection, call, packet);
+    const bool isNext = header.seq == connection->rcvNxt && connectionHas(connection, kTakesData);
+    if (isNext) takeBareNumber(&step, source);
+    step.ackIsDue = true;
+    if (!connection->isClosed) answer(&step);
 }
 
 void connectionTakePacket(ReliableConnection* connection,
@@ -295,13 +345,6 @@ void connectionTakePacket(ReliableConnection* connection,
     }
     connection->isIdle = false;
     if (!isAccepted(connection, packet)) return refuse(connection, source, packet);
-    Step step = {.connection = connection,
-                 .call = &call,
-                 .packet = &packet,
-                 .takesPayload = false,
-                 .inOrder = true,
-                 .finNow = false,
-                 .ackIsDue = false,
-                 .isOver = false};
+    Step step = stepOf(connection, call, packet);
     takeAccepted(&step, source);
 }

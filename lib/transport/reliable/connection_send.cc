@@ -71,6 +71,10 @@ void connectionSendControl(ReliableConnection* connection, bool isRepeat) {
     sendBare(connection, connection->window.sndNxt - 1, flag, isRepeat);
 }
 
+void connectionSendCrossing(ReliableConnection* connection) {
+    sendBare(connection, connection->crossSeq, kFlagSyn, true);
+}
+
 void connectionSendFin(ReliableConnection* connection) {
     sendBare(connection, connection->window.sndNxt++, kFlagFin, false);
 }

@@ -35,12 +35,13 @@ bool waitsForPeersFin(const ReliableConnection* connection) {
 
 bool waitsForAnswer(const ReliableConnection* connection) {
     return stalled(connection) != nullptr || controlIsUnderWay(connection) ||
-           waitsForPeersFin(connection);
+           connection->crossSeq != 0 || waitsForPeersFin(connection);
 }
 
 void resend(ReliableConnection* connection) {
     OutPacket* const packet = stalled(connection);
     if (packet != nullptr) return PacketResend(connection, packet);
+    if (connection->crossSeq != 0) return connectionSendCrossing(connection);
     if (controlIsUnderWay(connection)) return connectionSendControl(connection, true);
     connectionSendAck(connection);
 }

@@ -45,9 +45,14 @@ void takeSynAck(EndpointCore* core,
                 const CoreCall& call,
                 const PeerAddress& source,
                 const Packet& packet) {
-    ReliableConnection* const connection = keyTableFind(core->byId, packet.header.destId);
-    if (connection == nullptr) return;
-    connectionTakeSynAck(connection, call, source, packet);
+    ReliableConnection* connection = keyTableFind(core->byId, packet.header.destId);
+    if (connection != nullptr) {
+        connectionTakeSynAck(connection, call, source, packet);
+    } else {
+        connection = connectionFind(core, source);
+        if (connection == nullptr) return;
+        connectionTakeLateSynAck(connection, call, source, packet);
+    }
     connectionSettle(connection, call.now);
 }
 

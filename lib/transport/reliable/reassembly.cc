@@ -306,6 +306,13 @@ void takeAhead(Reassembly* reassembly, const Packet* packet, ReassemblyResult* r
     ++reassembly->ahead;
 }
 
+// What is held for other numbers goes.
+void beginAt(Reassembly* reassembly, uint64_t number) {
+    if (reassembly->next == number) return;
+    reassemblyFree(reassembly);
+    reassembly->next = number;
+}
+
 }  // namespace
 
 void reassemblyInit(Reassembly* reassembly, ReassemblyShare* share) {
@@ -333,15 +340,19 @@ void reassemblyTake(Reassembly* reassembly,
     *result = {};
     result->next = input.rcvNxt;
     if (input.packet->payload.empty()) return;
-    const uint64_t before = input.inOrder ? input.packet->header.seq : input.rcvNxt;
-    if (reassembly->next != before) {
-        reassemblyFree(reassembly);
-        reassembly->next = before;
-    }
+    beginAt(reassembly, input.inOrder ? input.packet->header.seq : input.rcvNxt);
     if (input.inOrder) {
         takeInOrder(reassembly, input.packet, result);
     } else {
         takeAhead(reassembly, input.packet, result);
     }
     result->next = std::max(reassembly->next, input.rcvNxt);
+}
+
+void reassemblyPass(Reassembly* reassembly, uint64_t number, ReassemblyResult* result) {
+    *result = {};
+    beginAt(reassembly, number);
+    passNumber(reassembly, nullptr, result);
+    walk(reassembly, result);
+    result->next = reassembly->next;
 }

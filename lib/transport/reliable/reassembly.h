@@ -75,3 +75,6 @@ void reassemblyFree(Reassembly* reassembly);
 
 // A connection that opened anew begins with other numbers: what is held for the old ones goes.
 void reassemblyTake(Reassembly* reassembly, const ReassemblyInput& input, ReassemblyResult* result);
+
+// The number came in order, without a payload.
+void reassemblyPass(Reassembly* reassembly, uint64_t number, ReassemblyResult* result);
