@@ -5,6 +5,9 @@
 // pages (madvise(2), MADV_HUGEPAGE), where the system allows it to those who ask. Only what is
 // touched becomes resident. Without huge pages nothing changes but the speed.
 //
+// Under a limit of addresses (RLIMIT_AS, RLIMIT_DATA, strict overcommit) the steps are a sixteenth
+// of what is left at most, so that as little of it stays out of reach.
+//
 // Threads: ahead of all others, once, from `main`.
 
 #pragma once
