@@ -1,5 +1,6 @@
 #include "lib/base/text.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +34,18 @@ void boundedCopy(char* destination, const char* source, size_t sizeBytes) {
 void boundedAppend(char* destination, const char* source, size_t sizeBytes) {
     const size_t length = strnlen(destination, sizeBytes);
     boundedCopy(destination + length, source, sizeBytes - length);
+}
+
+pelmoStatus sizeText(uint64_t value, char* buffer, size_t sizeBytes) {
+    const int shift = value >> 30 != 0 ? 30 : value >> 20 != 0 ? 20 : 10;
+    const char* const unit = shift == 30 ? "G" : shift == 20 ? "M" : "K";
+    const bool isWhole = value % (uint64_t{1} << shift) == 0;
+    const double number = std::ldexp(static_cast<double>(value), -shift);
+    const int length =
+        value == 0 ? std::snprintf(buffer, sizeBytes, "0")
+                   : std::snprintf(buffer, sizeBytes, "%.*f %s", isWhole ? 0 : 3, number, unit);
+    const bool fits = length >= 0 && static_cast<size_t>(length) < sizeBytes;
+    return fits ? kStatusSuccess : kStatusInvalidArgument;
 }
 
 char* concat2(const char* a, const char* b) {

@@ -6,6 +6,9 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
+
+#include "lib/base/status.h"
 
 // Returns the length of what was written: sizeBytes - 1 where the text was cut. With a size of 0
 // nothing is written, and the result is 0.
@@ -24,6 +27,10 @@ void boundedCopy(char* destination, const char* source, size_t sizeBytes);
 // sizeBytes is the size of the whole destination. Where its text already fills it, terminated or
 // not, nothing happens.
 void boundedAppend(char* destination, const char* source, size_t sizeBytes);
+
+// A number of bytes in K, M or G, of 1024 each: "0", "1 K", "1.500 M". kStatusInvalidArgument where
+// text and NUL don't fit; the buffer may then hold a part of it.
+[[nodiscard]] pelmoStatus sizeText(uint64_t value, char* buffer, size_t sizeBytes);
 
 // The parts one behind the other, in a new block that the caller frees.
 [[nodiscard]] char* concat2(const char* a, const char* b);

@@ -79,8 +79,8 @@ void dateTimeToText(const pelmoMsgDateTime& value, char** cursor, size_t sizeByt
     size_t length = boundedFormat(text, sizeBytes, "%04" PRId64 "-%02d-%02d %02d:%02d:%02d", year,
                                   month, day, hour, minute, second);
     if (value.nanoseconds != 0) {
-        length += boundedFormat(text + length, sizeBytes - length, ".%09d",
-                                static_cast<int32_t>(value.nanoseconds));
+        length +=
+            boundedFormat(text + length, sizeBytes - length, ".%09" PRIu32, value.nanoseconds);
     }
     if (sizeBytes - length >= 2) {
         text[length++] = 'Z';

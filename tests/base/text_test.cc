@@ -54,6 +54,36 @@ TEST(Text, CopyAndAppendStayWithinTheSize) {
     }
 }
 
+TEST(Text, SizeIsShort) {
+    const struct {
+        uint64_t value;
+        std::string text;
+    } cases[] = {
+        {0, "0"},
+        {1, "0.001 K"},
+        {1023, "0.999 K"},
+        {1024, "1 K"},
+        {1536, "1.500 K"},
+        {(1 << 20) - 1, "1023.999 K"},
+        {(1 << 20) - 1024, "1023 K"},
+        {1 << 20, "1 M"},
+        {(1 << 20) + 1024, "1.001 M"},
+        {(1 << 30) - 1, "1024.000 M"},
+        {(1 << 30) - (1 << 20), "1023 M"},
+        {1 << 30, "1 G"},
+        {(uint64_t{1} << 40) + (1 << 29), "1024.500 G"},
+        {UINT64_MAX, "17179869184.000 G"},
+    };
+    for (const auto& [value, text] : cases) {
+        Room room("");
+        EXPECT_EQ(sizeText(value, room.bytes, text.size() + 1), kStatusSuccess);
+        EXPECT_EQ(room.bytes, text);
+        EXPECT_EQ(room.bytes[text.size() + 1], '#');
+        EXPECT_EQ(sizeText(value, room.bytes, text.size()), kStatusInvalidArgument) << text;
+        EXPECT_EQ(sizeText(value, room.bytes, 0), kStatusInvalidArgument);
+    }
+}
+
 TEST(Text, ConcatIsANewBlockOrNone) {
     char* joined = concat3("", "x", "yz");
     EXPECT_STREQ(joined, "xyz");
