@@ -7,7 +7,6 @@
 #include "bus/hex.h"
 #include "bus/json_tape.h"
 #include "bus/json_text.h"
-#include "bus/raw_field.h"
 
 namespace {
 
@@ -47,7 +46,7 @@ pelmoStatus addLibraryText(Line& line, const pelmoMsgField& field) {
     const char* text = nullptr;
     pelmoStatus status = pelmoMsg_AddField(line.scratch, &bare);
     if (status == kStatusSuccess) status = pelmoMsg_GetString(line.scratch, nullptr, &text, 0);
-    if (status == kStatusSuccess) jsonTextAdd(line.out, text);
+    if (status == kStatusSuccess) jsonTextAdd(line.out, text != nullptr ? text : "");
     return status;
 }
 
@@ -132,29 +131,21 @@ pelmoStatus addArray(Line& line, const FieldKind& type, const pelmoMsgField& arr
     return kStatusSuccess;
 }
 
+// By the number of its type, with its bytes as they stand.
+void addBytes(Line& line, const pelmoMsgField& field) {
+    addHead(line.out, field.name, field.id, std::to_string(field.type));
+    addHexText(line.out, field.data.pointer, field.data.pointer != nullptr ? field.size : 0);
+    line.out += '}';
+}
+
 pelmoStatus addField(Line& line, const pelmoMsgField& field) {
     const FieldKind* type = fieldKindByCode(field.type);
-    if (type == nullptr) {
-        addHead(line.out, field.name, field.id, std::to_string(field.type));
-        addHexText(line.out, field.data.pointer, field.data.pointer != nullptr ? field.size : 0);
-        line.out += '}';
-        return kStatusSuccess;
-    }
+    if (type == nullptr) return addBytes(line, field), kStatusSuccess;
     const bool isArray = field.type != type->code;
     addHead(line.out, field.name, field.id, std::string(type->name) + (isArray ? "[]" : ""));
     const pelmoStatus status = isArray ? addArray(line, *type, field) : addOne(line, *type, field);
     line.out += '}';
     return status;
-}
-
-pelmoStatus addRaw(Line& line, pelmoMsg* msg, uint32_t number) {
-    RawField field;
-    const pelmoStatus status = rawFieldGet(msg, number, field);
-    if (status != kStatusSuccess) return status;
-    addHead(line.out, field.name, field.id, std::to_string(field.type));
-    addHexText(line.out, field.value.data(), field.value.size());
-    line.out += '}';
-    return kStatusSuccess;
 }
 
 // What doesn't decode is shown as it stands.
@@ -165,7 +156,9 @@ pelmoStatus addNumbered(Line& line, pelmoMsg* msg, uint32_t number) {
     if (status == kStatusSuccess) status = addField(line, field);
     if (status == kStatusSuccess || status == kStatusNoMemory) return status;
     line.out.resize(before);
-    return addRaw(line, msg, number);
+    status = pelmoMsg_GetFieldBytes(msg, &field, number);
+    if (status == kStatusSuccess) addBytes(line, field);
+    return status;
 }
 
 pelmoStatus addFields(Line& line, pelmoMsg* msg) {

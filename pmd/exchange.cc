@@ -251,8 +251,8 @@ void controlReliability(Peer* peer, pelmoMsg* msg) {
 }
 
 void controlDescription(Peer* peer, pelmoMsg* msg) {
-    const char* text = nullptr;
-    if (pelmoMsg_GetString(msg, "data", &text, 0) != kStatusSuccess || text == nullptr) return;
+    const char* const text = msgText(msg, "data");
+    if (text == nullptr) return;
     boundedCopy(peer->start.description, text, sizeof peer->start.description);
 }
 
@@ -271,8 +271,7 @@ constexpr Control kControls[] = {
 
 // Letters that newer clients may send are ignored.
 void takeControl(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
-    const char* letter = nullptr;
-    if (pelmoMsg_GetString(msg, "control", &letter, 0) == kStatusSuccess && letter != nullptr) {
+    if (const char* const letter = msgText(msg, "control"); letter != nullptr) {
         for (const Control& control : kControls) {
             if (letter[0] == control.letter && letter[1] == '\0') return control.apply(peer, msg);
         }

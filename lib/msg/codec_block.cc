@@ -133,9 +133,9 @@ PELMO_DECODER(decodeXml) {
     const auto storedBytes = static_cast<uint32_t>(readLeft(inner));
     const bool compressed = documentBytes != 0;
     if (!compressed) documentBytes = storedBytes;
+    if (documentBytes > storedBytes * kMostInflation) return kStatusCorruptMessage;
     Block block;
     if (storedBytes != 0) {
-        if (documentBytes > storedBytes * kMostInflation) return kStatusCorruptMessage;
         block = makeBlock(documentBytes);
         if (block == nullptr) return kStatusNoMemory;
         if (compressed) {

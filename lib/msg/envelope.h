@@ -6,6 +6,15 @@
 // message that was made by pelmoMsg_Create has no envelope until the first setter puts one around
 // it.
 //
+// A subject is elements with dots between them: 1 to 127 characters each, and 255 bytes in all, of
+// which 3 are the head and each element takes 2 beside its characters. A send subject may have 200
+// of them, 255 where it begins with "_INBOX."; a reply subject 200 characters, a dot and one more
+// for the last element counted among them.
+//
+// A message that several listeners get is one object for each over the same bytes. Such an object
+// doesn't know the source port, and pelmoMsg_GetSource gives kStatusNotFound; nor does it know
+// whether the envelope had fields that this library doesn't make, so that it is sent on with them.
+//
 // Ownership: texts that a getter gives belong to the message, as what a read returns.
 //
 // Failure: kStatusInvalidMessage; kStatusInvalidArgument for no output; kStatusNoMemory. A setter

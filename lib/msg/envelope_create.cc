@@ -1,6 +1,7 @@
 // Creates messages together with their envelope, in one buffer and without moving bytes.
 
 #include <bitset>
+#include <cassert>
 #include <cstring>
 #include <utility>
 
@@ -12,6 +13,8 @@ namespace {
 
 constexpr uint32_t kFixedBytes =
     kMessageHeadBytes + sizeof kMtypeRecord + sizeof kDataHead + kMessageHeadBytes;
+
+constexpr uint8_t kEmptyHead[kMessageHeadBytes] = {0, 0, 0, 8, 0x99, 0x55, 0xee, 0xaa};
 
 // Subject and reply as they are written to the image. A length of 0 means that there is none.
 struct Addressing {
@@ -85,7 +88,8 @@ uint32_t writeEnvelope(uint8_t* image, const Addressing& addressing, EnvelopeVie
     writer.put(kMtypeRecord, sizeof kMtypeRecord);
     view.mtypeOffset = writer.at - 2;
     writer.put(kDataHead, sizeof kDataHead);
-    return writer.at;
+    writer.put(kEmptyHead, sizeof kEmptyHead);  // a flush compares ahead of writing
+    return writer.at - kMessageHeadBytes;
 }
 
 pelmoStatus createPacked(pelmoMsg** out, const Addressing& addressing, uint64_t extra) {
@@ -110,11 +114,18 @@ pelmoStatus createOpen(pelmoMsg** out, const char* subject, const char* reply, u
     return status == kStatusSuccess ? createPacked(out, addressing, extra) : status;
 }
 
+// Every offset that stands for a field is beyond the head; 0 stands for none, and there is no
+// addressing without a subject.
+bool placesAreSound(const EnvelopePlaces& places) {
+    return places.subject >= kMessageHeadBytes;
+}
+
 // A message of its own, made of what an image has at these places.
 pelmoStatus createOfPlaces(pelmoMsg** out,
                            const uint8_t* image,
                            const EnvelopePlaces& places,
                            uint32_t nestedBytes) {
+    if (!placesAreSound(places)) return kStatusInvalidArgument;
     Addressing addressing{};
     addressing.subject = image + places.subject;
     addressing.subjectBytes = static_cast<uint32_t>(subjectLength(addressing.subject));
@@ -130,6 +141,7 @@ pelmoStatus createOfPlaces(pelmoMsg** out,
 
 // The nested message grows by growing the image, and so has to be the last of it.
 pelmoStatus createLent(pelmoMsg** out, pelmoMsg* carrier, const EnvelopePlaces& places) {
+    if (!placesAreSound(places)) return kStatusInvalidArgument;
     const pelmoStatus status = msgShareCopy(out, carrier);
     if (status != kStatusSuccess) return status;
     EnvelopeView view;
@@ -241,6 +253,7 @@ pelmoStatus msgCreateWithin(pelmoMsg** out, pelmoMsg* carrier, const EnvelopePla
 }
 
 pelmoStatus envelopeMakeOwn(pelmoMsg* msg) {
+    assert(msgEnvelopeIsSound(msg));
     if (!msg->envelopeIsLent) return kStatusSuccess;
     const EnvelopePlaces places = {msg->sendSubjectOffset, msg->replySubjectOffset,
                                    msg->dataOffset};

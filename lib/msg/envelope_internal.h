@@ -94,7 +94,7 @@ pelmoStatus msgClearForeign(pelmoMsg* msg);
 // and a terminated text of at most 255 bytes or 0 for none. The other message's outer fields are
 // only lent: they don't travel with this one, and give way to an envelope of its own ahead of
 // whatever would show or change them. A nested message that isn't the last of the image is copied.
-// kStatusCorruptMessage where its fields don't walk.
+// kStatusCorruptMessage where its fields don't walk, kStatusInvalidArgument for no subject.
 struct EnvelopePlaces {
     uint32_t subject;
     uint32_t reply;

@@ -3,6 +3,9 @@
 // Ownership: what `name` and `data.pointer` show belongs to whoever filled the record: to the
 // caller when a field is added, to the message when it was read.
 //
+// A value that was read and has no bytes or elements, which a string from elsewhere can be too, has
+// a null pointer.
+//
 // Byte order: numbers are the host's. IP ports and addresses are words in network order, as they
 // stand on the wire.
 

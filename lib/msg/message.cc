@@ -264,7 +264,7 @@ pelmoStatus pelmoMsg_Reset(pelmoMsg* msg) {
     // All pointers into the image are released below, so they alone needn't cause a copy.
     const uint32_t heldRefs = msg->bufferRefs;
     msg->bufferRefs = 0;
-    const pelmoStatus status = msgMakeWritable(msg);
+    const pelmoStatus status = msgMakeBlank(msg);
     if (status != kStatusSuccess) {
         msg->bufferRefs = heldRefs;
         return status;

@@ -76,7 +76,8 @@ pelmoStatus pelmoMsg_Destroy(pelmoMsg* msg);
 // Makes the library's message the application's, to destroy. kStatusNotPermitted where it is.
 [[nodiscard]] pelmoStatus pelmoMsg_Detach(pelmoMsg* msg);
 
-// Empties the message and lets go of all that reads handed out.
+// Empties the message and lets go of all that reads handed out. Where others use its image it gets
+// room of its own, as much as it had; nothing is copied.
 pelmoStatus pelmoMsg_Reset(pelmoMsg* msg);
 
 // Bytes
@@ -116,6 +117,16 @@ pelmoStatus pelmoMsg_Expand(pelmoMsg* msg, int32_t additional);
 [[nodiscard]] pelmoStatus pelmoMsg_GetFieldByIndex(pelmoMsg* msg,
                                                    pelmoMsgField* field,
                                                    uint32_t index);
+
+// The field as it stands in the image, for values that nobody decodes, or that a decoder refuses:
+// name, id, the code in the image as `type`, and `size` bytes at `data.pointer`, null for none,
+// which are what follows the size prefix. A code may be one that the application's types fold into
+// (see lib/msg/field.h); of a message and a packed subject the prefix takes the length they begin
+// with. Takes no longer for a later field. kStatusNotFound beyond the last field;
+// kStatusCorruptMessage or kStatusInvalidSize where an application's encoder wrote no size prefix.
+[[nodiscard]] pelmoStatus pelmoMsg_GetFieldBytes(pelmoMsg* msg,
+                                                 pelmoMsgField* field,
+                                                 uint32_t index);
 
 // Instance 0 gives kStatusInvalidInstance here, kStatusInvalidArgument on removal.
 [[nodiscard]] pelmoStatus pelmoMsg_GetFieldInstance(pelmoMsg* msg,

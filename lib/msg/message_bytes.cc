@@ -1,6 +1,7 @@
 // The image's bytes as callers see them, and its capacity.
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "lib/base/bytes.h"
@@ -22,10 +23,11 @@ void flushHead(uint8_t* image, uint32_t length) {
     storeWhereOther(image + 4, kMessageMagic);
 }
 
-pelmoStatus replaceBuffer(pelmoMsg* msg, uint64_t extra) {
+// The new one has the first `kept` bytes of the image.
+pelmoStatus replaceBuffer(pelmoMsg* msg, uint64_t extra, uint32_t kept) {
     const uint64_t size = msg->capacity + extra;
     if (size > UINT32_MAX) return kStatusNoMemory;
-    Buffer* buffer = bufferClone(msg->buffer, msg->base, static_cast<uint32_t>(size), msg->length);
+    Buffer* buffer = bufferClone(msg->buffer, msg->base, static_cast<uint32_t>(size), kept);
     if (buffer == nullptr) return kStatusNoMemory;
     const pelmoStatus status = msgHoldBuffer(msg);
     if (status != kStatusSuccess) {
@@ -52,6 +54,7 @@ pelmoStatus readParsed(pelmoMsg* msg, uint32_t* out, Read read) {
 }  // namespace
 
 void msgFlush(pelmoMsg* msg) {
+    assert(msgEnvelopeIsSound(msg));
     uint8_t* image = msgImage(msg);
     if (msg->dataOffset != 0) {
         flushHead(image + msg->dataOffset, msg->length - msg->dataOffset);
@@ -67,7 +70,11 @@ Buffer* msgFlushBuffer(pelmoMsg* msg) {
 
 pelmoStatus msgMakeWritable(pelmoMsg* msg, uint32_t extra) {
     if (msg->bufferRefs == 0 && !bufferIsShared(msg->buffer)) return kStatusSuccess;
-    return replaceBuffer(msg, extra);
+    return replaceBuffer(msg, extra, msg->length);
+}
+
+pelmoStatus msgMakeBlank(pelmoMsg* msg) {
+    return bufferIsShared(msg->buffer) ? replaceBuffer(msg, 0, 0) : kStatusSuccess;
 }
 
 pelmoStatus msgGrow(pelmoMsg* msg, uint64_t additional) {
@@ -95,7 +102,7 @@ pelmoStatus pelmoMsg_Expand(pelmoMsg* msg, int32_t additional) {
     if (additional < -unused) return kStatusInvalidArgument;
     // A buffer that others use must not move or shrink.
     if (msg->bufferRefs != 0 || bufferIsShared(msg->buffer)) {
-        return replaceBuffer(msg, static_cast<uint64_t>(unused + additional));
+        return replaceBuffer(msg, static_cast<uint64_t>(unused + additional), msg->length);
     }
     if (additional > 0) return msgGrow(msg, static_cast<uint64_t>(additional));
     const pelmoStatus status = bufferGrow(msg->buffer, additional);

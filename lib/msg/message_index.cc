@@ -1,5 +1,6 @@
 // Builds the index by one walk over the image, and searches it.
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 
@@ -77,6 +78,7 @@ pelmoStatus msgIdMapReserve(pelmoMsg* msg) {
 }
 
 pelmoStatus msgParse(pelmoMsg* msg) {
+    assert(msgEnvelopeIsSound(msg));
     if (msg->indexValid != 0) return kStatusSuccess;
     if (msg->index == nullptr) {
         msg->index = msg->inlineIndex;

@@ -125,6 +125,20 @@ void msgClearOwned(pelmoMsg* msg);
 void msgSetLimitAdvisory(pelmoMsg* msg);
 [[nodiscard]] bool msgIsLimitAdvisory(const pelmoMsg* msg);
 
+// Closed, a message knows of no envelope: so a change of the outer field "sub" leaves no offset
+// that is stale, and one of the application's field "sub" leaves the send subject alone. An
+// envelope that is lent has a send subject, which stands before the nested message. Holds between
+// any two calls.
+[[nodiscard]] inline bool msgEnvelopeIsSound(const pelmoMsg* msg) {
+    if (msg->dataOffset == 0) {
+        return msg->sendSubjectOffset == 0 && msg->replySubjectOffset == 0 &&
+               msg->mtypeOffset == 0 && !msg->envelopeIsLent;
+    }
+    return !msg->envelopeIsLent ||
+           (msg->sendSubjectOffset >= kMessageHeadBytes &&
+            msg->sendSubjectOffset < msg->dataOffset && msg->replySubjectOffset < msg->dataOffset);
+}
+
 // First byte of the image. It moves with every change.
 [[nodiscard]] inline uint8_t* msgImage(const pelmoMsg* msg) {
     return msg->buffer->data + msg->base;
@@ -147,6 +161,9 @@ void msgShowOuter(pelmoMsg* msg);
 // Ahead of every change of the image: a buffer that is shared or that reads point into is replaced
 // by a copy with `extra` bytes more of room.
 [[nodiscard]] pelmoStatus msgMakeWritable(pelmoMsg* msg, uint32_t extra = 0);
+
+// The same ahead of writing the image anew: its bytes are lost where others use the buffer.
+[[nodiscard]] pelmoStatus msgMakeBlank(pelmoMsg* msg);
 
 // Makes room for `need` bytes behind the image of a writable message. Growing at least doubles.
 [[nodiscard]] pelmoStatus msgReserve(pelmoMsg* msg, uint64_t need);
@@ -182,6 +199,10 @@ enum class NameWanted : bool { kNo, kYes };
                                   const char* name,
                                   uint16_t id,
                                   uint32_t& position);
+
+// The text of a field: "" for one of no bytes, which pelmoMsg_GetString gives as null; null where
+// there is no field that reads as text.
+[[nodiscard]] const char* msgText(pelmoMsg* msg, const char* name);
 
 // Keeps a heap block for as long as reads are kept. On failure the block is freed.
 [[nodiscard]] pelmoStatus msgKeepBlock(pelmoMsg* msg, void* block);

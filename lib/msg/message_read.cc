@@ -6,6 +6,7 @@
 #include "lib/msg/codec_internal.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/trace_ops.h"
+#include "lib/msg/wire.h"
 
 namespace {
 
@@ -93,6 +94,12 @@ pelmoStatus keepData(pelmoMsg* msg, pelmoMsgField& field, Disposition dispositio
     return kStatusDecoderFailed;
 }
 
+// Null for no name.
+const char* nameAt(const pelmoMsg* msg, const FieldIndexEntry& entry) {
+    if (entry.nameSize == 0) return nullptr;
+    return reinterpret_cast<const char*>(msgImage(msg) + entry.nameOffset);
+}
+
 // The checks that every read of a field begins with.
 pelmoStatus beginRead(pelmoMsg* msg, const pelmoMsgField* field) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
@@ -123,8 +130,7 @@ pelmoStatus msgReadField(pelmoMsg* msg,
                          NameWanted nameWanted) {
     pelmoMsgField read;
     const FieldIndexEntry& entry = msg->index[position];
-    const bool named = nameWanted == NameWanted::kYes && entry.nameSize != 0;
-    if (named) read.name = reinterpret_cast<const char*>(msgImage(msg) + entry.nameOffset);
+    if (nameWanted == NameWanted::kYes) read.name = nameAt(msg, entry);
     Disposition disposition = kDataByValue;
     pelmoStatus status = msgDecodeField(msg, position, read, disposition);
     if (status != kStatusSuccess) return status;
@@ -135,7 +141,7 @@ pelmoStatus msgReadField(pelmoMsg* msg,
         msgCutBack(msg, before);
         return status;
     }
-    if (named) ++msg->bufferRefs;
+    if (read.name != nullptr) ++msg->bufferRefs;
     field = read;
     return kStatusSuccess;
 }
@@ -161,6 +167,28 @@ pelmoStatus pelmoMsg_GetFieldByIndex(pelmoMsg* msg, pelmoMsgField* field, uint32
     if (status != kStatusSuccess) return status;
     if (index >= msg->fieldCount) return kStatusNotFound;
     return msgReadField(msg, index, *field, NameWanted::kYes);
+}
+
+pelmoStatus pelmoMsg_GetFieldBytes(pelmoMsg* msg, pelmoMsgField* field, uint32_t index) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_GetFieldBytes(%p, %p, %u)", tracePointer(msg),
+              tracePointer(field), index);
+    pelmoStatus status = beginRead(msg, field);
+    if (status != kStatusSuccess) return status;
+    if (index >= msg->fieldCount) return kStatusNotFound;
+    const FieldIndexEntry& entry = msg->index[index];
+    const uint8_t* type = msgImage(msg) + fieldTypeOffset(entry);
+    ReadCursor value{type + 1, msgImage(msg) + fieldEndOffset(msg, index)};
+    pelmoMsgField read;
+    status = readValueLength(value, read.size);
+    if (status != kStatusSuccess) return status;
+    read.name = nameAt(msg, entry);
+    read.data.pointer = read.size != 0 ? value.at : nullptr;
+    read.id = entry.id;
+    read.type = *type;
+    if (read.name != nullptr) ++msg->bufferRefs;
+    if (read.size != 0) ++msg->bufferRefs;
+    *field = read;
+    return kStatusSuccess;
 }
 
 pelmoStatus pelmoMsg_GetFieldInstance(pelmoMsg* msg,

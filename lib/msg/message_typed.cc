@@ -356,13 +356,6 @@ pelmoStatus writeSubjectText(pelmoMsg* msg, const char* name, const char* text, 
     return writeSubject<kWrite>(msg, name, subject, id);
 }
 
-pelmoStatus updateSubject(pelmoMsg* msg, const pelmoMsgField* field) {
-    // The update may move the send subject. Its offset is forgotten until the envelope is opened
-    // again.
-    if (field->name != nullptr && std::strcmp(field->name, "sub") == 0) msg->sendSubjectOffset = 0;
-    return pelmoMsg_UpdateField(msg, field);
-}
-
 }  // namespace
 
 #define PELMO_DEFINE_SCALAR(word, type, Value, size, member)                                       \
@@ -435,15 +428,21 @@ PELMO_DEFINE_FIELD(Subject,
                    const uint8_t*,
                    const uint8_t*,
                    writeSubject<pelmoMsg_AddField>,
-                   writeSubject<updateSubject>,
+                   writeSubject<pelmoMsg_UpdateField>,
                    readSubject)
 PELMO_DEFINE_FIELD(SubjectText,
                    const char*,
                    const char*,
                    writeSubjectText<pelmoMsg_AddField>,
-                   writeSubjectText<updateSubject>,
+                   writeSubjectText<pelmoMsg_UpdateField>,
                    readSubjectText)
 #undef PELMO_DEFINE_FIELD
+
+const char* msgText(pelmoMsg* msg, const char* name) {
+    const char* text = nullptr;
+    if (pelmoMsg_GetString(msg, name, &text, 0) != kStatusSuccess) return nullptr;
+    return text != nullptr ? text : "";
+}
 
 pelmoStatus pelmoMsg_AddNone(pelmoMsg* msg, const char* name, uint16_t id) {
     pelmoMsgField field;

@@ -9,6 +9,10 @@
 // StringArray and MsgArray kStatusInvalidArgument. What an output points to belongs to the message,
 // as with all reads; nothing is written on failure.
 //
+// What has no bytes or elements is read with kStatusSuccess and a null pointer: a string, opaque or
+// XML value without bytes, an array without elements. A program from elsewhere may send a string
+// that has not even its NUL; it means "".
+//
 // Numbers, dates and addresses are read without an allocation, unless text has to be parsed for
 // them.
 

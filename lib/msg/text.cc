@@ -50,17 +50,24 @@ bool nestsTooDeep(const pelmoMsgField& field) {
     return depth >= kMostTextDepth && (field.type == FIELD_MSG || field.type == FIELD_MSGARRAY);
 }
 
-// Converts the field to text. Returns false if there is no conversion.
-bool becomesText(pelmoMsgField& field, Disposition& disposition) {
+// A placeholder stands for a value that can't be shown. Where memory ran out there is no text at
+// all.
+bool addPlaceholder(TextBuilder& out, const char* placeholder, pelmoStatus status) {
+    return status != kStatusNoMemory && out.add(placeholder);
+}
+
+// Converts the field to text. kStatusConversionFailed if there is no conversion.
+pelmoStatus becomeText(pelmoMsgField& field, Disposition& disposition) {
     const FieldConverter convert = fieldConverters[field.type];
-    if (convert == nullptr || nestsTooDeep(field)) return false;
-    return convert(field, FIELD_STRING, disposition) == kStatusSuccess;
+    if (convert == nullptr || nestsTooDeep(field)) return kStatusConversionFailed;
+    return convert(field, FIELD_STRING, disposition);
 }
 
 bool addConverted(TextBuilder& out, pelmoMsgField field) {
     const bool isSubject = field.type == FIELD_SUBJECT;
     Disposition disposition = kDataByValue;
-    if (!becomesText(field, disposition)) return out.add(kNoConverter);
+    const pelmoStatus status = becomeText(field, disposition);
+    if (status != kStatusSuccess) return addPlaceholder(out, kNoConverter, status);
 
     bool added = !isSubject || out.add("[");
     added = added && addBounded(out, field.data.pointer, field.size);
@@ -69,45 +76,49 @@ bool addConverted(TextBuilder& out, pelmoMsgField field) {
     return added;
 }
 
-// `shown` is set to whether the message at `image` could be rendered.
-bool addElement(TextBuilder& out, const pelmoMsg* msg, const uint8_t* image, bool& shown) {
-    const auto offset = static_cast<uint32_t>(image - msg->buffer->data);
-    pelmoMsg* element = nullptr;
+// Adds the text of the message at `image`. Its object and text are let go of at once: a field holds
+// millions of messages, and what the others are handed out for doesn't bound them.
+pelmoStatus addNested(TextBuilder& out, const pelmoMsg* msg, const void* image) {
+    const auto offset = static_cast<const uint8_t*>(image) - msg->buffer->data;
+    pelmoMsg* made = nullptr;
+    pelmoStatus status = msgCreateOverBuffer(&made, msg->buffer, static_cast<uint32_t>(offset));
+    const HeldMessage nested(made);
     const char* text = nullptr;
-    shown = msgCreateOverBuffer(&element, msg->buffer, offset) == kStatusSuccess &&
-            pelmoMsg_ConvertToString(element, &text) == kStatusSuccess;
-    const bool added = !shown || out.add(text);
-    msgRelease(element);
-    return added;
+    if (status == kStatusSuccess) status = pelmoMsg_ConvertToString(made, &text);
+    if (status != kStatusSuccess) return status;
+    return out.add(text) ? kStatusSuccess : kStatusNoMemory;
 }
 
-// Makes an object and a text for one element at a time. An element can be as short as eight bytes,
-// so an object for each of millions would exhaust memory.
-bool addElements(TextBuilder& out, const pelmoMsg* msg, const pelmoMsgField& list) {
-    if (nestsTooDeep(list)) return out.add(kNoConverter);
-    const size_t begin = out.sizeBytes();
-    if (!out.add("[")) return false;
-    const auto* elements = static_cast<const uint8_t* const*>(list.data.pointer);
+pelmoStatus addElements(TextBuilder& out, const pelmoMsg* msg, const pelmoMsgField& list) {
+    if (!out.add("[")) return kStatusNoMemory;
+    const auto* elements = static_cast<const void* const*>(list.data.pointer);
     for (uint32_t i = 0; i < list.count; ++i) {
-        bool shown = true;
-        if (i != 0 && !out.add(" ")) return false;
-        if (!addElement(out, msg, elements[i], shown)) return false;
-        if (shown) continue;
-        out.cutTo(begin);
-        return out.add(kNoConverter);
+        if (i != 0 && !out.add(" ")) return kStatusNoMemory;
+        const pelmoStatus status = addNested(out, msg, elements[i]);
+        if (status != kStatusSuccess) return status;
     }
-    return out.add("]");
+    return out.add("]") ? kStatusSuccess : kStatusNoMemory;
 }
 
-bool addMessageArray(TextBuilder& out, const pelmoMsg* msg, uint32_t position) {
-    pelmoMsgField list;
+// A message, or an array of them. They are read here rather than by the message, which would keep
+// an object for each.
+bool addMessages(TextBuilder& out, const pelmoMsg* msg, uint32_t position) {
+    pelmoMsgField field;
     Disposition disposition = kDataByValue;
-    if (msgDecodeField(msg, position, list, disposition) != kStatusSuccess) {
-        return out.add(kNoDecoder);
+    pelmoStatus status = msgDecodeField(msg, position, field, disposition);
+    if (status != kStatusSuccess) return addPlaceholder(out, kNoDecoder, status);
+
+    const size_t begin = out.sizeBytes();
+    const bool isArray = field.type == FIELD_MSGARRAY;
+    if (nestsTooDeep(field)) {
+        status = kStatusConversionFailed;
+    } else {
+        status = isArray ? addElements(out, msg, field) : addNested(out, msg, field.data.pointer);
     }
-    const bool added = addElements(out, msg, list);
-    std::free(const_cast<void*>(list.data.pointer));
-    return added;
+    if (isArray) std::free(const_cast<void*>(field.data.pointer));
+    if (status == kStatusSuccess) return true;
+    out.cutTo(begin);
+    return addPlaceholder(out, kNoConverter, status);
 }
 
 // The name is shown even if the value can't be read.
@@ -118,14 +129,12 @@ bool addField(TextBuilder& out, pelmoMsg* msg, uint32_t position) {
     head.name = entry.nameSize != 0 ? image + entry.nameOffset : nullptr;
     head.id = entry.id;
     if (!addLeftSide(out, head)) return false;
-    if (msgImage(msg)[entry.nameOffset + entry.nameAreaSize] == FIELD_MSGARRAY) {
-        return addMessageArray(out, msg, position);
-    }
+    const uint8_t wireType = msgImage(msg)[fieldTypeOffset(entry)];
+    if (wireType == FIELD_MSG || wireType == FIELD_MSGARRAY) return addMessages(out, msg, position);
 
     pelmoMsgField field;
-    if (msgReadField(msg, position, field, NameWanted::kNo) != kStatusSuccess) {
-        return out.add(kNoDecoder);
-    }
+    const pelmoStatus status = msgReadField(msg, position, field, NameWanted::kNo);
+    if (status != kStatusSuccess) return addPlaceholder(out, kNoDecoder, status);
     return field.type == FIELD_STRING ? addQuoted(out, field) : addConverted(out, field);
 }
 

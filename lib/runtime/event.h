@@ -54,6 +54,8 @@ enum IoCondition : uint32_t { kIoRead = 1, kIoWrite = 2, kIoException = 4 };
                                               uint32_t condition,
                                               void* closure);
 
+// A listener's subject has elements of 1 to 127 characters and 255 bytes when packed (see
+// msg/envelope.h). "*" is any one element, ">" as the last one any rest.
 [[nodiscard]] pelmoStatus pelmoEvent_CreateListener(uint32_t* out,
                                                     uint32_t queue,
                                                     pelmoEventCallback callback,

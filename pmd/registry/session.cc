@@ -23,12 +23,6 @@ constexpr int32_t kVersionUpdate = 2;
 // Any kind of daemon but the one whose clients share its endpoint.
 constexpr const char* kDaemonType = "PMD";
 
-// Null for a field that isn't there or is no text.
-const char* textOf(pelmoMsg* msg, const char* name) {
-    const char* text = nullptr;
-    return pelmoMsg_GetString(msg, name, &text, 0) == kStatusSuccess ? text : nullptr;
-}
-
 bool takeText(char* out, size_t sizeBytes, const char* text) {
     if (std::strlen(text) >= sizeBytes) return false;
     boundedCopy(out, text, sizeBytes);
@@ -87,19 +81,19 @@ bool readFlag(pelmoMsg* msg, const char* name, bool otherwise) {
 }
 
 pelmoStatus readTexts(pelmoMsg* msg, StartMessage* out) {
-    const char* const user = textOf(msg, "userid");
-    const char* service = textOf(msg, "service");
-    const char* const network = textOf(msg, "network");
+    const char* const user = msgText(msg, "userid");
+    const char* service = msgText(msg, "service");
+    const char* const network = msgText(msg, "network");
     if (user == nullptr || service == nullptr || network == nullptr) return kStatusInvalidArgument;
     if (*service == '\0') service = kDefaultService;
     if (!takeText(out->service, sizeof out->service, service)) return kStatusServiceNotFound;
     if (!takeText(out->network, sizeof out->network, network)) return kStatusNetworkNotFound;
     copyEscaped(out->user, user);
 
-    if (const char* description = textOf(msg, "descr")) {
+    if (const char* description = msgText(msg, "descr")) {
         boundedCopy(out->description, description, sizeof out->description);
     }
-    const char* const session = textOf(msg, "session");
+    const char* const session = msgText(msg, "session");
     if (session == nullptr || *session == '\0') return kStatusSuccess;
     if (!isSession(session)) return kStatusInvalidArgument;
     return takeText(out->session, sizeof out->session, session) ? kStatusSuccess

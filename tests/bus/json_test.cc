@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 
 #include "bus/json_message.h"
@@ -165,6 +166,25 @@ TEST(BusJson, WhatDoesNotDecodeIsItsBytes) {
         const OwnedMessage msg = fromRecord(record);
         EXPECT_EQ(lineOf(msg.get()), std::string(R"({"fields":[)") + field + "]}");
     }
+}
+
+// Fields that nobody decodes take as long wherever they stand: the square of these would take an
+// hour.
+TEST(BusJson, WritesManyFieldsThatDoNotDecode) {
+    constexpr size_t kRecords = 500000;
+    std::string image("\0\0\0\0\x99\x55\xEE\xAA", 8);
+    for (size_t i = 0; i < kRecords; ++i) {
+        image.append("\0\x32\0", 3);
+    }
+    for (size_t i = 0; i < 4; ++i) {
+        image[i] = static_cast<char>(image.size() >> (24 - 8 * i));
+    }
+    pelmoMsg* msg = nullptr;
+    ASSERT_EQ(pelmoMsg_CreateFromBytes(&msg, image.data()), kStatusSuccess);
+    const OwnedMessage owned(msg);
+    const std::string line = lineOf(msg);
+    EXPECT_EQ(line.size(), std::strlen(R"({"fields":[]})") - 1 +
+                               kRecords * std::strlen(R"({"type":"50","value":""},)"));
 }
 
 // Nested beyond the bound: the bytes, which are a message again.

@@ -12,6 +12,7 @@
 #include "lib/msg/codec_internal.h"
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_internal.h"
+#include "lib/msg/message_typed.h"
 #include "lib/msg/text.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -81,6 +82,7 @@ bool rebuild(pelmoMsg* from, pelmoMsg* to) {
     bool all = count <= kMostFields;
     for (uint32_t i = 0; i < std::min(count, kMostFields); ++i) {
         pelmoMsgField field;
+        require(pelmoMsg_GetFieldBytes(from, &field, i) == kStatusSuccess);
         if (pelmoMsg_GetFieldByIndex(from, &field, i) != kStatusSuccess) {
             all = false;
             continue;
@@ -109,6 +111,49 @@ void checkFields(pelmoMsg* msg) {
     require(pelmoMsg_Destroy(copy) == kStatusSuccess);
 }
 
+// The calls of a type, on names that an envelope has too.
+void useTyped(pelmoMsg* msg) {
+    for (const char* name : {"sub", "return", "data", "n"}) {
+        const char* text = nullptr;
+        const uint8_t* subject = nullptr;
+        int32_t number = 0;
+        uint32_t size = 0;
+        const void* bytes = nullptr;
+        static_cast<void>(pelmoMsg_GetString(msg, name, &text, 0));
+        static_cast<void>(pelmoMsg_GetSubject(msg, name, &subject, 0));
+        static_cast<void>(pelmoMsg_GetI32(msg, name, &number, 0));
+        static_cast<void>(pelmoMsg_GetOpaque(msg, name, &bytes, &size, 0));
+        static_cast<void>(pelmoMsg_UpdateSubjectText(msg, name, "FUZZ.OTHER", 0));
+        static_cast<void>(pelmoMsg_UpdateString(msg, name, "text", 0));
+        static_cast<void>(pelmoMsg_UpdateI32(msg, name, number, 0));
+        static_cast<void>(pelmoMsg_AddOpaque(msg, name, bytes, size, 0));
+    }
+}
+
+// What was opened as another message that is lent its envelope. Changes of its fields leave the
+// addressing alone.
+void checkLent(pelmoMsg* carrier) {
+    if (carrier->dataOffset == 0 || carrier->sendSubjectOffset == 0) return;
+    const EnvelopePlaces places = {carrier->sendSubjectOffset, carrier->replySubjectOffset,
+                                   carrier->dataOffset};
+    pelmoMsg* lent = nullptr;
+    if (msgCreateWithin(&lent, carrier, places) != kStatusSuccess) return;
+    const char* before = nullptr;
+    const char* after = nullptr;
+    require(pelmoMsg_GetSendSubject(lent, &before) == kStatusSuccess);
+    useTyped(lent);
+    require(pelmoMsg_GetSendSubject(lent, &after) == kStatusSuccess);
+    require(std::strcmp(before, after) == 0);
+    require(pelmoMsg_SetReplySubject(lent, "FUZZ.REPLY") == kStatusSuccess);
+    useTyped(lent);
+    require(pelmoMsg_GetSendSubject(lent, &after) == kStatusSuccess);
+    require(std::strcmp(before, after) == 0);
+    require(msgCloseEnvelope(lent) == kStatusSuccess);
+    textOf(lent);
+    useTyped(lent);
+    require(pelmoMsg_Destroy(lent) == kStatusSuccess);
+}
+
 void checkEnvelope(pelmoMsg* msg) {
     if (msgOpenEnvelope(msg) != kStatusSuccess) return;
     uint32_t count = 0;
@@ -120,6 +165,7 @@ void checkEnvelope(pelmoMsg* msg) {
     require(had == (subject != nullptr));
     static_cast<void>(pelmoMsg_GetReplySubject(msg, &reply));
     static_cast<void>(pelmoMsg_GetSource(msg, &port));
+    checkLent(msg);
     if (pelmoMsg_SetSendSubject(msg, "FUZZ.SUBJECT") == kStatusSuccess) {
         require(pelmoMsg_GetSendSubject(msg, &subject) == kStatusSuccess);
         // Of two subjects the first is changed and the last one counts.

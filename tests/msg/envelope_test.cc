@@ -345,6 +345,17 @@ TEST(Envelope, IsCreatedAroundBytes) {
     EXPECT_EQ(made, nullptr);
 }
 
+TEST(Envelope, IsNotTheApplicationsFieldsOfThoseNames) {
+    const Message msg = appMessage();
+    ASSERT_EQ(pelmoMsg_SetSendSubject(msg.get(), "A.B"), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_UpdateSubjectText(msg.get(), "sub", "OTHER", 0), kStatusSuccess);
+    EXPECT_EQ(sendSubjectOf(msg.get()), "A.B");
+    ASSERT_EQ(pelmoMsg_RemoveFieldEx(msg.get(), "sub", 0), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_AddI32(msg.get(), "sub", 1, 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_UpdateSubjectText(msg.get(), "sub", "OTHER", 0), kStatusInvalidType);
+    EXPECT_EQ(sendSubjectOf(msg.get()), "A.B");
+}
+
 // What lies within another message's image shows and sends nothing of that one, at its end or not.
 TEST(Envelope, IsLentUntilItShows) {
     using Call = pelmoStatus (*)(pelmoMsg * msg);
@@ -360,6 +371,9 @@ TEST(Envelope, IsLentUntilItShows) {
          kApp},
         {[](pelmoMsg* msg) { return pelmoMsg_RemoveFieldEx(msg, "n", 0); },
          kSubAB + kReturnR + kMtypeD, outer({})},
+        {[](pelmoMsg* msg) { return pelmoMsg_UpdateSubjectText(msg, "sub", "X", 0); },
+         kSubAB + kReturnR + kMtypeD,
+         imageOf({{2, 'n', 0, 11, 1, 7}, field("sub", *subjectValue("X"))})},
     };
     const Bytes lentFields = kReturnR + kMtypeD + kSubAB;
     for (const Bytes& behind : {Bytes{}, kCid}) {
@@ -370,6 +384,8 @@ TEST(Envelope, IsLentUntilItShows) {
             const auto text = kMessageHeadBytes + static_cast<uint32_t>(kReturnR.size()) - 2;
             const auto subject = kMessageHeadBytes + static_cast<uint32_t>(lentFields.size()) - 9;
             pelmoMsg* made = nullptr;
+            EXPECT_EQ(msgCreateWithin(&made, carrier.get(), {0, text, data}),
+                      kStatusInvalidArgument);
             ASSERT_EQ(msgCreateWithin(&made, carrier.get(), {subject, text, data}), kStatusSuccess);
             const Message msg(made);
             EXPECT_EQ(textOf(made), "{n=7}");

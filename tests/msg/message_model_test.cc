@@ -5,9 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 #include <random>
+#include <utility>
 
+#include "lib/containers/subject.h"
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
@@ -67,7 +70,7 @@ struct Pair {
 
 // Few, so that they meet; a null and an empty one among them.
 const std::optional<std::string> kNames[] = {
-    std::nullopt, "", "a", "b", "ab", "longer", std::string(kMaxNameChars, 'n')};
+    std::nullopt, "", "a", "b", "ab", "sub", "longer", std::string(kMaxNameChars, 'n')};
 constexpr uint32_t kIds = 12;
 
 // Some about the borders of the size classes, with their NUL.
@@ -90,6 +93,7 @@ SharedValue (*const kSimpleValues[])(uint32_t number) = {
     [](auto n) {
         return stringArrayValue({std::string(n % 70, 't'), "", "end"});
     },
+    [](auto n) { return subjectValue((std::string(1 + n % 90, 's') + ".E").c_str()); },
 };
 constexpr uint32_t kSimpleKinds = std::size(kSimpleValues);
 constexpr uint32_t kKinds = kSimpleKinds + 2;  // messages and lists of them
@@ -143,18 +147,41 @@ pelmoMsgField keyed(const Key& key, const FieldValue& value) {
     return field;
 }
 
-// By the call of its type, where that has a road of its own.
-pelmoStatus addTyped(pelmoMsg* msg, const pelmoMsgField& field) {
-    const void* const pointer = field.data.pointer;
-    if (field.type == FIELD_I64) return pelmoMsg_AddI64(msg, field.name, field.data.i64, field.id);
-    if (field.type == FIELD_STRING)
-        return pelmoMsg_AddString(msg, field.name, static_cast<const char*>(pointer), field.id);
-    if (field.type == FIELD_OPAQUE)
-        return pelmoMsg_AddOpaque(msg, field.name, pointer, field.size, field.id);
-    if (field.type == FIELD_DATETIME)
-        return pelmoMsg_AddDateTime(msg, field.name, &field.data.dateTime, field.id);
-    return pelmoMsg_AddField(msg, &field);
+const uint8_t* bytesAt(const void* pointer) {
+    return static_cast<const uint8_t*>(pointer);
 }
+
+const char* charsAt(const void* pointer) {
+    return static_cast<const char*>(pointer);
+}
+
+// By the call of its type, where that has a road of its own.
+#define WRITE_TYPED(Verb)                                                              \
+    [](pelmoMsg* msg, const pelmoMsgField& f) {                                        \
+        const void* const at = f.data.pointer;                                         \
+        switch (f.type) {                                                              \
+            case FIELD_I64:                                                            \
+                return pelmoMsg_##Verb##I64(msg, f.name, f.data.i64, f.id);            \
+            case FIELD_STRING:                                                         \
+                return pelmoMsg_##Verb##String(msg, f.name, charsAt(at), f.id);        \
+            case FIELD_OPAQUE:                                                         \
+                return pelmoMsg_##Verb##Opaque(msg, f.name, at, f.size, f.id);         \
+            case FIELD_DATETIME:                                                       \
+                return pelmoMsg_##Verb##DateTime(msg, f.name, &f.data.dateTime, f.id); \
+            case FIELD_SUBJECT: {                                                      \
+                char text[kSubjectMaxBytes];                                           \
+                if (f.size % 2 == 0) {                                                 \
+                    return pelmoMsg_##Verb##Subject(msg, f.name, bytesAt(at), f.id);   \
+                }                                                                      \
+                subjectToText(text, sizeof text, bytesAt(at));                         \
+                return pelmoMsg_##Verb##SubjectText(msg, f.name, text, f.id);          \
+            }                                                                          \
+            default:                                                                   \
+                return pelmoMsg_##Verb##Field(msg, &f);                                \
+        }                                                                              \
+    }
+constexpr auto addTyped = WRITE_TYPED(Add);
+constexpr auto updateTyped = WRITE_TYPED(Update);
 
 void stepAdd(Random& random, Pair& pair) {
     if (pair.fields.size() >= kMostFields) return;
@@ -188,8 +215,11 @@ void stepUpdate(Random& random, Pair& pair) {
     if (found == kStatusSuccess && value->type != pair.fields[position].value->type) {
         expected = kStatusInvalidType;
     }
-    const pelmoStatus status =
-        attempt(random, [&] { return pelmoMsg_UpdateField(pair.msg.get(), &field); });
+    const bool typed = random.oneIn(2);
+    const pelmoStatus status = attempt(random, [&] {
+        return typed ? updateTyped(pair.msg.get(), field)
+                     : pelmoMsg_UpdateField(pair.msg.get(), &field);
+    });
     if (status == kStatusNoMemory) return;
     ASSERT_EQ(status, expected);
     if (status != kStatusSuccess) return;
@@ -275,8 +305,9 @@ std::string randomSubject(Random& random) {
 
 // Closing and opening again finds everything anew. Where that lacks memory it is still closed.
 pelmoStatus reopen(pelmoMsg* msg) {
-    if (msgCloseEnvelope(msg) != kStatusSuccess) return kStatusInvalidMessage;
-    const pelmoStatus status = msgOpenEnvelope(msg);
+    pelmoStatus status = msgCloseEnvelope(msg);  // one that is lent takes memory
+    if (status != kStatusSuccess) return status;
+    status = msgOpenEnvelope(msg);
     allocationsHeal();
     EXPECT_TRUE(status == kStatusSuccess || msg->dataOffset == 0);
     return status == kStatusNoMemory ? msgOpenEnvelope(msg) : status;
@@ -320,6 +351,39 @@ void stepCopy(Random& random, Pair& from, Pair& to) {
     if (!shared) return;
     to.envelope = from.envelope;
     to.envelope.portKnown = false;
+}
+
+// The other message gets the same fields within the image of one more, as what comes through a
+// circuit does; its envelope is that one's.
+void stepLend(Random& random, const Pair& from, Pair& to) {
+    ModelEnvelope envelope;
+    envelope.there = true;
+    envelope.subject = randomSubject(random);
+    if (random.oneIn(2)) envelope.reply = randomSubject(random);
+    std::vector<Bytes> outer, inner;
+    EnvelopePlaces places{};
+    uint32_t offset = kMessageHeadBytes;
+    const auto put = [&](const char* name, const FieldValue& value) {
+        outer.push_back(recordOf(name, 0, value));
+        const uint32_t begin = std::exchange(offset, offset + outer.back().size());
+        return begin + static_cast<uint32_t>(std::strlen(name)) +
+               4;  // name, its size, type, prefix
+    };
+    if (random.oneIn(2)) put("vct", *stringValue("D"));
+    if (envelope.reply) places.reply = put("return", *stringValue(*envelope.reply));
+    places.subject = put("sub", *subjectValue(envelope.subject->c_str()));
+    for (const ModelField& field : from.fields) {
+        inner.push_back(recordOf(field.text(), field.id, *field.value));
+    }
+    places.data = put("data", *messageValue(imageOf(inner)));
+    if (random.oneIn(2)) put("behind", *noneValue());
+    const Message carrier = messageFrom(imageOf(outer));
+    pelmoMsg* made = nullptr;
+    const pelmoStatus status =
+        attempt(random, [&] { return msgCreateWithin(&made, carrier.get(), places); });
+    if (status == kStatusNoMemory) return;
+    ASSERT_EQ(status, kStatusSuccess);
+    to = Pair{Message(made), from.fields, {}, {}, false, envelope};
 }
 
 // The image, and where each record stands in it.
@@ -369,7 +433,8 @@ void expectEnvelope(const Pair& pair) {
 }
 
 void step(Random& random, Pair& pair, Pair& other) {
-    const uint32_t dice = random.below(108);
+    const uint32_t dice = random.below(112);
+    if (dice >= 108) return stepLend(random, pair, other);
     if (dice >= 100) return stepEnvelope(random, pair);
     if (dice < 30) return stepAdd(random, pair);
     if (dice < 50) return stepUpdate(random, pair);

@@ -363,6 +363,7 @@ const MessageCall kMessageCalls[] = {
     MESSAGE_CALL(pelmoMsg_RemoveFieldInstance(msg, "a", 1)),
     MESSAGE_CALL(pelmoMsg_GetFieldEx(msg, "a", &field, 0)),
     MESSAGE_CALL(pelmoMsg_GetFieldByIndex(msg, &field, 0)),
+    MESSAGE_CALL(pelmoMsg_GetFieldBytes(msg, &field, 0)),
     MESSAGE_CALL(pelmoMsg_GetFieldInstance(msg, "a", &field, 1)),
     MESSAGE_CALL(pelmoMsg_SetSendSubject(msg, "A")),
     MESSAGE_CALL(pelmoMsg_SetReplySubject(msg, "A")),

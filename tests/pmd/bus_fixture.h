@@ -50,13 +50,17 @@ struct StartFields {
     const char* user = "joe";
     bool echo = true;
     const char* without = "";  // a required field to leave out
+    const char* bare = "";     // a text to send without a byte, where others send its NUL
 };
 
 inline Message startMessage(const StartFields& fields = {}) {
     Message msg = newMessage();
     const auto wanted = [&](const char* name) { return std::string(fields.without) != name; };
     const auto text = [&](const char* name, const char* value) {
-        if (wanted(name)) {
+        if (std::string(fields.bare) == name) {
+            EXPECT_EQ(pelmoMsg_AddOpaque(msg.get(), name, "", 0, 0), kStatusSuccess);
+            msgImage(msg.get())[msg->length - 2] = FIELD_STRING;
+        } else if (wanted(name)) {
             EXPECT_EQ(pelmoMsg_AddString(msg.get(), name, value, 0), kStatusSuccess);
         }
     };

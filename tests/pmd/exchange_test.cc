@@ -185,6 +185,15 @@ TEST(Exchange, RefusesAStartThatIsWrong) {
     }
 }
 
+TEST(Exchange, TakesATextWithoutAByteForAnEmptyOne) {
+    for (const char* name : {"userid", "service", "network"}) {
+        TestBus bus;
+        bus.enter("a");
+        EXPECT_EQ(bus.take("a", startMessage({.bare = name})), nullptr) << name;
+        EXPECT_EQ(bus.answers["a"].find("error"), std::string::npos) << bus.answers["a"];
+    }
+}
+
 TEST(Exchange, LetsASessionGoOnOnAnotherConnection) {
     TestBus bus;
     bus.join("old", {"_INBOX.7F000001.U0001.G1.>", "X"}, {.session = kSession});

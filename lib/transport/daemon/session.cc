@@ -65,12 +65,6 @@ pelmoStatus addStartFields(pelmoMsg* message, const SessionStart& start) {
     return kStatusSuccess;
 }
 
-// Null where there is no such text.
-const char* textOf(pelmoMsg* message, const char* name) {
-    const char* text = nullptr;
-    return pelmoMsg_GetString(message, name, &text, 0) == kStatusSuccess ? text : nullptr;
-}
-
 // Only a given number is written.
 void readVersionPart(pelmoMsg* data, const char* name, uint32_t* out) {
     int32_t number = 0;
@@ -80,10 +74,10 @@ void readVersionPart(pelmoMsg* data, const char* name, uint32_t* out) {
 
 // What may stand in the reply itself and in its inner message, which counts more.
 void readTexts(pelmoMsg* message, SessionReply* reply) {
-    if (const char* gob = textOf(message, "gob"); gob != nullptr) {
+    if (const char* gob = msgText(message, "gob"); gob != nullptr) {
         boundedCopy(reply->gob, gob, sizeof reply->gob);
     }
-    if (const char* type = textOf(message, "dtyp"); type != nullptr) {
+    if (const char* type = msgText(message, "dtyp"); type != nullptr) {
         reply->isRouting = strcasecmp(type, kRoutingType) == 0;
     }
 }
@@ -134,7 +128,7 @@ pelmoStatus sessionStartMessage(pelmoMsg** out, const SessionStart& start) {
 }
 
 pelmoStatus sessionReadReply(SessionReply* out, pelmoMsg* message) {
-    const char* kind = textOf(message, "mtype");
+    const char* kind = msgText(message, "mtype");
     if (kind == nullptr || kind[0] != kReplyKind) return kStatusInitFailed;
     SessionReply reply = {};
     readTexts(message, &reply);
