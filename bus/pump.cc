@@ -39,6 +39,26 @@ bool makeProbeInbox(uint32_t transport, char (&out)[kMostInboxBytes]) {
     return size > 0 && static_cast<size_t>(size) < sizeof out;
 }
 
+// The daemon has no room for more of what we listen to.
+void onRefusal(uint32_t, pelmoMsg* msg, void* closure) {
+    auto& pump = *static_cast<Pump*>(closure);
+    pumpGuard(pump, [&] {
+        const char* subject = nullptr;
+        if (pelmoMsg_GetString(msg, "subject", &subject, 0) != kStatusSuccess) return;
+        if (subject == nullptr || !pump.refused.insert(subject).second) return;
+        complain(std::string("listen ") + subject + ": refused by the daemon");
+    });
+}
+
+// On the pump's own queue: a refusal is there before the probe that was sent after the interest.
+pelmoStatus hearRefusals(Pump& pump, uint32_t transport) {
+    if (pump.hearsRefusals || transport == kIntraProcessTransportId) return kStatusSuccess;
+    pump.hearsRefusals = true;
+    pump.events.push_back(kNoId);
+    return pelmoEvent_CreateListener(&pump.events.back(), pump.queue, onRefusal, transport,
+                                     "_PM.WARN.SYSTEM.INTEREST.REFUSED", &pump);
+}
+
 void awaitDaemon(Pump& pump, uint32_t transport) {
     char inbox[kMostInboxBytes];
     uint32_t event = kNoId;
@@ -75,9 +95,12 @@ bool pumpListen(Pump& pump,
                 const char* subject,
                 pelmoEventCallback callback,
                 void* closure) {
+    pelmoStatus status = hearRefusals(pump, transport);
     pump.events.push_back(kNoId);
-    const pelmoStatus status = pelmoEvent_CreateListener(&pump.events.back(), pump.queue, callback,
-                                                         transport, subject, closure);
+    if (status == kStatusSuccess) {
+        status = pelmoEvent_CreateListener(&pump.events.back(), pump.queue, callback, transport,
+                                           subject, closure);
+    }
     if (status != kStatusSuccess) {
         complain(std::string("listen ") + subject, status);
         return false;
@@ -88,7 +111,7 @@ bool pumpListen(Pump& pump,
 void pumpAnnounce(Pump& pump, uint32_t transport, std::span<const char* const> subjects) {
     if (transport != kIntraProcessTransportId) awaitDaemon(pump, transport);
     for (const char* subject : subjects) {
-        announce(std::string("listening on ") + subject);
+        if (!pump.refused.contains(subject)) announce(std::string("listening on ") + subject);
     }
 }
 

@@ -9,7 +9,9 @@
 #pragma once
 
 #include <exception>
+#include <set>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "bus/output.h"
@@ -22,6 +24,8 @@ struct Pump {
     Output* output = nullptr;
     int stopCopy = -1;  // of the descriptor, which the library lets only one event wait for
     std::vector<uint32_t> events;
+    std::set<std::string> refused;  // subjects that the daemon keeps no interest in
+    bool hearsRefusals = false;
     pelmoStatus failure = kStatusSuccess;  // what a callback failed with, told where it happened
 
     Pump() = default;
@@ -33,16 +37,17 @@ struct Pump {
 // Failures are told.
 [[nodiscard]] bool pumpOpen(Pump& pump, Output* output);
 
-// Failures are told.
+// Failures are told, and so is a subject that the daemon refuses later on.
 [[nodiscard]] bool pumpListen(Pump& pump,
                               uint32_t transport,
                               const char* subject,
                               pelmoEventCallback callback,
                               void* closure);
 
-// Tells "listening on SUBJECT" for each, once the daemon knows of the listeners: what is sent from
-// then on reaches them. A message to ourselves by the daemon shows it, which the daemon sends back
-// after all that it was told before. One that sends nothing back is waited for a second.
+// Tells "listening on SUBJECT" for each that the daemon hasn't refused, once the daemon knows of
+// the listeners: what is sent from then on reaches them. A message to ourselves by the daemon shows
+// it, which the daemon sends back after all that it was told before. One that sends nothing back is
+// waited for a second.
 void pumpAnnounce(Pump& pump, uint32_t transport, std::span<const char* const> subjects);
 
 enum class PumpEnd { kDone, kTime, kStopped, kFailed };

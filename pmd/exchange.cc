@@ -94,6 +94,73 @@ bool maySend(BatchWalk& walk, const uint8_t* subject) {
     return false;
 }
 
+// Sends to one peer alone, and releases.
+void answer(Exchange* exchange, Peer* peer, pelmoMsg* message) {
+    msgFlush(message);
+    exchange->ops.tell(exchange->closure, &peer->member, message);
+    msgRelease(message);
+}
+
+// "_PM.KIND.SYSTEM.NAME" with its fields, closed.
+pelmoStatus makeAdvisory(pelmoMsg** out,
+                         const char* kind,
+                         const char* name,
+                         const char* description,
+                         const char* subject) {
+    char text[kSubjectTextBytes];
+    boundedFormat(text, sizeof text, "_PM.%s.%s.%s", kind, kAdvisorySource, name);
+    pelmoMsg* msg = nullptr;
+    pelmoStatus status = msgCreateEnveloped(&msg, text, nullptr, 0);
+    if (status != kStatusSuccess) return status;
+    HeldMessage held(msg);
+    const std::pair<const char*, const char*> fields[] = {{"ADV_CLASS", kind},
+                                                          {"ADV_SOURCE", kAdvisorySource},
+                                                          {"ADV_NAME", name},
+                                                          {"ADV_DESC", description},
+                                                          {"subject", subject}};
+    for (const auto& [field, value] : fields) {
+        if (status != kStatusSuccess || value == nullptr) continue;
+        status = pelmoMsg_AddString(msg, field, value, 0);
+    }
+    if (status == kStatusSuccess) status = msgCloseEnvelope(msg);
+    if (status == kStatusSuccess) *out = held.release();
+    return status;
+}
+
+pelmoStatus makeAdvisoryAbout(pelmoMsg** out, const Peer* about, const Advisory& advisory) {
+    const char* session = about->start.session;
+    char full[kSubjectTextBytes];
+    boundedFormat(full, sizeof full, "%s%s%s", advisory.name, session[0] != '\0' ? "." : "",
+                  session);
+    return makeAdvisory(out, advisory.kind, full, advisory.description, nullptr);
+}
+
+// The peer alone learns that something on this subject isn't done. Without memory only the log says
+// so.
+void tellRefused(Exchange* exchange,
+                 Peer* peer,
+                 const char* name,
+                 const char* description,
+                 const uint8_t* subject) {
+    char text[kSubjectTextBytes];
+    if (subjectToText(text, sizeof text, subject) == nullptr) text[0] = '\0';
+    pelmoMsg* msg = nullptr;
+    if (makeAdvisory(&msg, "WARN", name, description, text) != kStatusSuccess) return;
+    answer(exchange, peer, msg);
+}
+
+// The work of a match is the others' time: a subject with wildcards of its own may ask for much.
+void refuseSend(BatchWalk& walk, const uint8_t* subject) {
+    Peer* peer = walk.peer;
+    if (!peer->toldSend) {
+        logPacedAs("clients send on wildcards that match too much",
+                   "client %u (%s) sends on wildcards that match too much: it goes to nobody",
+                   peer->clientId, peer->start.user);
+    }
+    peer->toldSend = true;
+    tellRefused(walk.exchange, peer, "SEND.REFUSED", "the subject matches too much", subject);
+}
+
 // A message with other receivers begins a run of its own.
 void routeData(BatchWalk& walk, size_t at, const uint8_t* subject) {
     Exchange* exchange = walk.exchange;
@@ -111,17 +178,12 @@ void routeData(BatchWalk& walk, size_t at, const uint8_t* subject) {
     }
     if (status != kStatusSuccess) {
         ++exchange->lost;
-        return skip(walk, at);
+        skip(walk, at);
+        if (status == kStatusQueueLimit) refuseSend(walk, subject);
+        return;
     }
     exchange->runSubject = subject;
     walk.runEnd = at + 1;
-}
-
-// Sends to one peer alone, and releases.
-void answer(Exchange* exchange, Peer* peer, pelmoMsg* message) {
-    msgFlush(message);
-    exchange->ops.tell(exchange->closure, &peer->member, message);
-    msgRelease(message);
 }
 
 bool isSameProcess(const Peer* left, const Peer* right, const StartMessage& start) {
@@ -220,6 +282,18 @@ void refuseInbox(Exchange* exchange, Peer* peer) {
     peer->toldInbox = true;
 }
 
+// One interest too many. The client stays, with those that it has.
+void refuseInterest(Exchange* exchange, Peer* peer, const uint8_t* subject) {
+    ++exchange->ignored;
+    if (!peer->toldInterest) {
+        logPacedAs("clients listen to more than the daemon keeps",
+                   "client %u (%s) listens to more than the daemon keeps: it gets nothing there",
+                   peer->clientId, peer->start.user);
+    }
+    peer->toldInterest = true;
+    tellRefused(exchange, peer, "INTEREST.REFUSED", "the daemon keeps no more interest", subject);
+}
+
 const char* takeListen(Exchange* exchange, Peer* peer, const uint8_t* subject) {
     switch (routerListen(&peer->member, subject)) {
         case kStatusSuccess:
@@ -228,7 +302,8 @@ const char* takeListen(Exchange* exchange, Peer* peer, const uint8_t* subject) {
             refuseInbox(exchange, peer);
             return nullptr;
         case kStatusQueueLimit:
-            return "it listens to too many subjects";
+            refuseInterest(exchange, peer, subject);
+            return nullptr;
         default:
             return "there is no memory for its interest";
     }
@@ -306,29 +381,6 @@ const char* takeOther(BatchWalk& walk, size_t at, const Incoming& incoming) {
     }
 }
 
-pelmoStatus makeAdvisory(pelmoMsg** out, const Peer* about, const Advisory& advisory) {
-    const char* session = about->start.session;
-    char full[kSubjectTextBytes];
-    boundedFormat(full, sizeof full, "%s%s%s", advisory.name, session[0] != '\0' ? "." : "",
-                  session);
-    char text[kSubjectTextBytes];
-    boundedFormat(text, sizeof text, "_PM.%s.%s.%s", advisory.kind, kAdvisorySource, full);
-    pelmoMsg* msg = nullptr;
-    pelmoStatus status = msgCreateEnveloped(&msg, text, nullptr, 0);
-    if (status != kStatusSuccess) return status;
-    HeldMessage held(msg);
-    const std::pair<const char*, const char*> fields[] = {{"ADV_CLASS", advisory.kind},
-                                                          {"ADV_SOURCE", kAdvisorySource},
-                                                          {"ADV_NAME", full},
-                                                          {"ADV_DESC", advisory.description}};
-    for (const auto& [name, value] : fields) {
-        if (status == kStatusSuccess) status = pelmoMsg_AddString(msg, name, value, 0);
-    }
-    if (status == kStatusSuccess) status = msgCloseEnvelope(msg);
-    if (status == kStatusSuccess) *out = held.release();
-    return status;
-}
-
 }  // namespace
 
 bool exchangeInit(Exchange* exchange,
@@ -383,6 +435,7 @@ const char* exchangeTake(Exchange* exchange, Peer* peer, MessageRun batch) {
         .exchange = exchange, .peer = peer, .batch = batch, .runBegin = 0, .runEnd = 0};
     exchange->runSubject = nullptr;
     exchange->receiverCount = 0;
+    routerBeginBatch(&exchange->router);
     const char* fault = nullptr;
     for (size_t at = 0; at < batch.size() && fault == nullptr; ++at) {
         const pelmoMsg* msg = batch[at];
@@ -401,7 +454,7 @@ const char* exchangeTake(Exchange* exchange, Peer* peer, MessageRun batch) {
 
 void exchangeAdvise(Exchange* exchange, const Peer* about, const Advisory& advisory) {
     pelmoMsg* message = nullptr;
-    if (makeAdvisory(&message, about, advisory) != kStatusSuccess) {
+    if (makeAdvisoryAbout(&message, about, advisory) != kStatusSuccess) {
         ++exchange->lost;
         return;
     }

@@ -53,6 +53,8 @@ struct Peer {
     uint16_t clientId;   // 0 until it has started
     bool toldReserved;   // the log has told of a message on a reserved subject
     bool toldInbox;      // and of an interest in an inbox of another
+    bool toldInterest;   // and of an interest too many
+    bool toldSend;       // and of a subject that matches too much
     StartMessage start;  // the last one; its session may be empty
 };
 

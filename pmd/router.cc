@@ -1,10 +1,14 @@
 #include "pmd/router.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "lib/base/text.h"
 #include "lib/containers/hash.h"
+#include "lib/containers/probe_index.h"
 #include "lib/containers/subject.h"
 #include "lib/containers/sublist.h"
 #include "lib/transport/transport_internal.h"
@@ -26,14 +30,29 @@ struct CachedMatch {
 
 }  // namespace
 
+// What a member listens to: the value of the lists. It outlives its member until its interest is
+// taken down, and then as long as nodes that it pays for stand.
+struct Listener {
+    SublistAccount account;  // of nodes of the realm's lists
+    SublistAccount shaping;  // of nodes of its shapes
+    Member* member;          // null: it has left
+    Realm* realm;            // null: its interest is taken down
+    Hash* interests;         // its packed subjects; null until the first
+    SubjectList* shapes;     // of its patterns with "*"; null until the first
+    uint64_t interestBytes;  // what its subjects take besides nodes
+    uint64_t lastMatch;      // number of the realm's match that met it last
+    Listener* next;          // of those that leave
+};
+
 struct Realm {
+    Router* router;
     SubjectList* subjects;
     SubjectList* inboxes;
     SubjectList* claims;
-    uint32_t members;
+    uint32_t listeners;
     uint64_t version;     // of the interest, from 1; counts changes
     uint64_t matchCount;  // the number of the last match
-    uint32_t keyBytes;
+    uint32_t keyBytes, keyHash;
     char key[kRealmKeyBytes];
     CachedMatch cache[kCachedMatches];
 };
@@ -50,20 +69,46 @@ void realmFree(Realm* realm) {
     std::free(realm);
 }
 
-Realm* realmMake(const char* key, uint32_t keyBytes) {
+Listener* payerOf(SublistAccount* account) {
+    return reinterpret_cast<Listener*>(account);
+}
+static_assert(offsetof(Listener, account) == 0);
+
+// The last node that a listener pays for is gone.
+void onUnused(SublistAccount* account) {
+    Listener* listener = payerOf(account);
+    if (listener->realm == nullptr) std::free(listener);
+}
+
+Realm* realmMake(Router* router, const char* key, uint32_t keyBytes) {
     auto* realm = static_cast<Realm*>(std::calloc(1, sizeof(Realm)));
     if (realm == nullptr) return nullptr;
+    realm->router = router;
     realm->version = 1;
     realm->keyBytes = keyBytes;
     std::memcpy(realm->key, key, keyBytes);
     realm->subjects = sublistCreate();
     realm->inboxes = sublistCreate();
     realm->claims = sublistCreate();
-    if (realm->subjects != nullptr && realm->inboxes != nullptr && realm->claims != nullptr) {
-        return realm;
+    if (realm->subjects == nullptr || realm->inboxes == nullptr || realm->claims == nullptr) {
+        realmFree(realm);
+        return nullptr;
     }
+    realm->subjects->unused = realm->inboxes->unused = onUnused;
+    return realm;
+}
+
+// The realm goes with its last listener.
+void releaseRealm(Realm* realm) {
+    if (--realm->listeners != 0) return;
+    hashPut(realm->router->realms, realm->key, realm->keyBytes, realm->keyHash, false, nullptr);
     realmFree(realm);
-    return nullptr;
+}
+
+// Keys are the members' choice. Never 0, which would ask the table for its own hash.
+uint32_t seededHash(const void* key, uint32_t keyBytes) {
+    const uint32_t hash = probeHashBytes(static_cast<const uint8_t*>(key), keyBytes);
+    return hash == 0 ? 1 : hash;
 }
 
 Realm* realmFindOrMake(Router* router, const char* service, const char* network) {
@@ -72,12 +117,14 @@ Realm* realmFindOrMake(Router* router, const char* service, const char* network)
     const size_t networkBytes =
         boundedFormat(key + serviceBytes, sizeof key - serviceBytes, "%s", network);
     const auto keyBytes = static_cast<uint32_t>(serviceBytes + networkBytes);
-    if (void* found = hashFind(router->realms, key, keyBytes, 0)) {
+    const uint32_t hash = seededHash(key, keyBytes);
+    if (void* found = hashFind(router->realms, key, keyBytes, hash)) {
         return static_cast<Realm*>(found);
     }
-    Realm* realm = realmMake(key, keyBytes);
+    Realm* realm = realmMake(router, key, keyBytes);
     if (realm == nullptr) return nullptr;
-    if (hashPut(router->realms, realm->key, keyBytes, 0, false, realm)) return realm;
+    realm->keyHash = hash;
+    if (hashPut(router->realms, realm->key, keyBytes, hash, false, realm)) return realm;
     realmFree(realm);
     return nullptr;
 }
@@ -108,21 +155,141 @@ bool mayListen(const Member* member, const uint8_t* subject) {
     return isOwnInbox(member, subject) || isDaemonInbox(subject);
 }
 
-void forgetInterest(Member* member, const uint8_t* subject) {
-    ++member->realm->version;
-    (void)sublistRemove(listOf(member->realm, subject), subject, member, nullptr);
+constexpr uint32_t kHeapUnitBytes = 16;
+
+// A member that has left with less interest than this leaves none.
+constexpr uint32_t kLeaveNodes = 256;
+
+// What a subject takes besides nodes: its entry and key, and its place among a node's values.
+constexpr uint64_t kInterestBytes = 144;
+
+uint64_t interestBytes(const uint8_t* subject) {
+    return kInterestBytes + subjectLength(subject) / kHeapUnitBytes * kHeapUnitBytes +
+           kHeapUnitBytes;
 }
 
-void forgetAllInterests(Member* member) {
+bool hasStar(const uint8_t* subject) {
+    const uint8_t* element = subjectFirst(subject);
+    for (uint32_t left = subjectElementCount(subject); left > 0; --left) {
+        if (subjectElementIs(element, '*')) return true;
+        element = subjectNext(element);
+    }
+    return false;
+}
+
+// The pattern with "x" for each element that isn't "*". No longer than the pattern.
+void shapeOf(const uint8_t* subject, uint8_t (&shape)[kSubjectMaxBytes + 1]) {
+    (void)subjectInit(shape, sizeof shape);
+    const uint8_t* element = subjectFirst(subject);
+    for (uint32_t left = subjectElementCount(subject); left > 0; --left) {
+        const bool isStar = subjectElementIs(element, '*');
+        (void)subjectAppendBytes(shape, sizeof shape, isStar ? "*" : "x", 1);
+        element = subjectNext(element);
+    }
+}
+
+// The router's counts follow what the call changes.
+template <typename Change>
+auto counted(Realm* realm, Listener* listener, Change change) {
+    Router* router = realm->router;
+    const uint64_t bytes = realm->subjects->bytes + realm->inboxes->bytes;
+    const uint32_t shapes = listener->shaping.nodes;
+    router->bytes -= bytes + listener->interestBytes;
+    const auto result = change();
+    router->bytes += realm->subjects->bytes + realm->inboxes->bytes + listener->interestBytes;
+    router->shapes += listener->shaping.nodes - shapes;
+    return result;
+}
+
+bool addShape(Listener* listener, const uint8_t* subject) {
+    if (!hasStar(subject)) return true;
+    if (listener->shapes == nullptr) listener->shapes = sublistCreate();
+    if (listener->shapes == nullptr) return false;
+    uint8_t shape[kSubjectMaxBytes + 1];
+    shapeOf(subject, shape);
+    listener->shapes->payer = &listener->shaping;
+    return sublistAdd(listener->shapes, shape, listener, nullptr);
+}
+
+void removeShape(Listener* listener, const uint8_t* subject) {
+    if (!hasStar(subject)) return;
+    uint8_t shape[kSubjectMaxBytes + 1];
+    shapeOf(subject, shape);
+    (void)sublistRemove(listener->shapes, shape, listener, nullptr);
+}
+
+bool hasRoomForShape(const Router* router, const Listener* listener, const uint8_t* subject) {
+    if (!hasStar(subject)) return true;
+    if (listener->shapes != nullptr) {
+        uint8_t shape[kSubjectMaxBytes + 1];
+        shapeOf(subject, shape);
+        if (sublistFind(listener->shapes, shape) != nullptr) return true;
+    }
+    const uint32_t held = listener->shaping.nodes;
+    const uint32_t wanted = subjectElementCount(subject);  // at most
+    if (held + wanted > kMostShapes) return false;
+    return held + wanted <= kOwnShapes || router->shapes + wanted <= kMostShapesOfAll;
+}
+
+bool hasRoom(const Router* router, const Listener* listener, const uint8_t* subject) {
+    if (listener->interests->count == kMostInterests) return false;
+    const uint64_t held = listener->account.bytes + listener->interestBytes;
+    if (held >= kMostInterestBytes) return false;
+    if (held >= kOwnInterestBytes && router->bytes >= kMostInterestBytesOfAll) return false;
+    return hasRoomForShape(router, listener, subject);
+}
+
+bool keepInterest(Realm* realm, Listener* listener, const uint8_t* subject) {
+    const auto length = static_cast<uint32_t>(subjectLength(subject));
+    const uint32_t hash = seededHash(subject, length);
+    if (!hashPut(listener->interests, subject, length, hash, true, listener)) return false;
+    if (addShape(listener, subject)) {
+        SubjectList* list = listOf(realm, subject);
+        list->payer = &listener->account;
+        if (sublistAdd(list, subject, listener, nullptr)) {
+            listener->interestBytes += interestBytes(subject);
+            return true;
+        }
+        removeShape(listener, subject);
+    }
+    hashPut(listener->interests, subject, length, hash, false, nullptr);
+    return false;
+}
+
+// All of it but the entry among the listener's subjects.
+bool forgetInterest(Realm* realm, Listener* listener, const uint8_t* subject) {
+    (void)sublistRemove(listOf(realm, subject), subject, listener, nullptr);
+    removeShape(listener, subject);
+    listener->interestBytes -= interestBytes(subject);
+    return true;
+}
+
+// Returns what is left of the nodes that may be taken down: 0 where there is, or may be, more
+// interest.
+uint32_t forgetSome(Listener* listener, uint32_t nodes) {
+    if (listener->interests == nullptr) return nodes;
     HashIterator iterator;
-    hashIterInit(member->interests, &iterator);
-    const void* subject = nullptr;
-    while (hashIterNext(&iterator, &subject, nullptr, nullptr)) {
-        forgetInterest(member, static_cast<const uint8_t*>(subject));
+    hashIterInit(listener->interests, &iterator);
+    const void* key = nullptr;
+    while (nodes != 0 && hashIterNext(&iterator, &key, nullptr, nullptr)) {
+        const auto* subject = static_cast<const uint8_t*>(key);
+        nodes -= std::min(nodes, subjectElementCount(subject));
+        counted(listener->realm, listener,
+                [&] { return forgetInterest(listener->realm, listener, subject); });
         hashIterRemove(&iterator);
     }
-    hashDestroy(member->interests);
-    member->interests = nullptr;
+    hashFit(listener->interests);
+    return nodes;
+}
+
+// Its interest is taken down.
+void listenerFree(Listener* listener) {
+    hashDestroy(listener->interests);
+    sublistDestroy(listener->shapes);
+    Realm* realm = listener->realm;
+    listener->realm = nullptr;
+    if (listener->account.nodes == 0) std::free(listener);
+    releaseRealm(realm);
 }
 
 void forgetClaim(Member* member) {
@@ -146,30 +313,45 @@ bool reserve(CachedMatch& entry, uint32_t count) {
     return true;
 }
 
-// A message on an inbox's subject has one owner; one on a pattern of inboxes would have all.
-Dpa* matchUncached(Realm* realm, const uint8_t* subject) {
+// A message on an inbox's subject has one owner; one on a pattern of inboxes would have all. False
+// where the match was given up.
+bool matchUncached(Realm* realm, const uint8_t* subject, Dpa** out) {
     SubjectList* list = listOf(realm, subject);
-    if (list == realm->inboxes && subjectHasWildcard(subject)) return nullptr;
-    return sublistMatch(list, subject);
+    *out = nullptr;
+    if (!subjectHasWildcard(subject)) {
+        list->mostSteps = 0;
+        *out = sublistMatch(list, subject);
+        realm->router->lastSteps = list->steps;
+        return true;
+    }
+    uint32_t& left = realm->router->wildcardSteps;
+    if (list == realm->inboxes) return true;
+    if (left == 0) return false;
+    list->mostSteps = left;
+    *out = sublistMatch(list, subject);
+    const bool isWhole = list->steps <= left;
+    left -= std::min(left, list->steps);
+    return isWhole;
 }
 
-bool fill(Realm* realm, CachedMatch& entry, const uint8_t* subject, uint32_t hash) {
+pelmoStatus fill(Realm* realm, CachedMatch& entry, const uint8_t* subject, uint32_t hash) {
     entry.version = 0;
-    const Dpa* matches = matchUncached(realm, subject);
+    Dpa* matches = nullptr;
+    if (!matchUncached(realm, subject, &matches)) return kStatusQueueLimit;
     const uint32_t most = matches == nullptr ? 0 : matches->count;
-    if (!reserve(entry, most)) return false;
+    if (!reserve(entry, most)) return kStatusNoMemory;
     ++realm->matchCount;
     entry.count = 0;
     for (uint32_t i = 0; i < most; ++i) {
-        auto* member = static_cast<Member*>(matches->items[i]);
-        if (member->lastMatch == realm->matchCount) continue;
-        member->lastMatch = realm->matchCount;
-        entry.receivers[entry.count++] = member;
+        auto* listener = static_cast<Listener*>(matches->items[i]);
+        if (listener->lastMatch == realm->matchCount || listener->member == nullptr) continue;
+        listener->lastMatch = realm->matchCount;
+        entry.receivers[entry.count++] = listener->member;
     }
     entry.hash = hash;
     std::memcpy(entry.subject, subject, subjectLength(subject));
     entry.version = realm->version;
-    return true;
+    return kStatusSuccess;
 }
 
 // "_INBOX.SESSION.>", packed: its length, or -1.
@@ -192,19 +374,31 @@ bool isSameClaim(const Member* member, const uint8_t* claim) {
 }  // namespace
 
 bool routerInit(Router* router) {
+    *router = {};
     router->realms = hashCreate(1);
     return router->realms != nullptr;
 }
 
 void routerFree(Router* router) {
+    if (router->realms == nullptr) return;
+    while (routerSweep(router)) {
+    }
     hashDestroy(router->realms);
     router->realms = nullptr;
 }
 
 pelmoStatus routerJoin(Router* router, Member* member, const char* service, const char* network) {
+    auto* listener = static_cast<Listener*>(std::calloc(1, sizeof(Listener)));
+    if (listener == nullptr) return kStatusNoMemory;
     Realm* realm = realmFindOrMake(router, service, network);
-    if (realm == nullptr) return kStatusNoMemory;
-    ++realm->members;
+    if (realm == nullptr) {
+        std::free(listener);
+        return kStatusNoMemory;
+    }
+    ++realm->listeners;
+    listener->member = member;
+    listener->realm = realm;
+    member->listener = listener;
     member->realm = realm;
     return kStatusSuccess;
 }
@@ -212,12 +406,26 @@ pelmoStatus routerJoin(Router* router, Member* member, const char* service, cons
 void routerLeave(Router* router, Member* member) {
     Realm* realm = member->realm;
     if (realm == nullptr) return;
-    if (member->interests != nullptr) forgetAllInterests(member);
     if (member->claim != nullptr) forgetClaim(member);
+    Listener* listener = std::exchange(member->listener, nullptr);
     member->realm = nullptr;
-    if (--realm->members != 0) return;
-    hashPut(router->realms, realm->key, realm->keyBytes, 0, false, nullptr);
-    realmFree(realm);
+    ++realm->version;
+    listener->member = nullptr;
+    if (listener->interests == nullptr) return listenerFree(listener);
+    if (forgetSome(listener, kLeaveNodes) != 0) return listenerFree(listener);
+    listener->next = router->leaving;
+    router->leaving = listener;
+}
+
+bool routerSweep(Router* router) {
+    uint32_t nodes = kSweepNodes;
+    while (Listener* listener = router->leaving) {
+        nodes = forgetSome(listener, nodes);
+        if (nodes == 0) return true;
+        router->leaving = listener->next;
+        listenerFree(listener);
+    }
+    return false;
 }
 
 pelmoStatus routerClaim(Member* member, const char* session, Member** holder) {
@@ -244,34 +452,43 @@ pelmoStatus routerClaim(Member* member, const char* session, Member** holder) {
 
 pelmoStatus routerListen(Member* member, const uint8_t* subject) {
     if (!mayListen(member, subject)) return kStatusNotPermitted;
-    if (member->interests == nullptr) member->interests = hashCreate(1);
-    Hash* interests = member->interests;
-    if (interests == nullptr) return kStatusNoMemory;
+    Realm* realm = member->realm;
+    Listener* listener = member->listener;
+    if (listener->interests == nullptr) listener->interests = hashCreate(1);
+    if (listener->interests == nullptr) return kStatusNoMemory;
     const auto length = static_cast<uint32_t>(subjectLength(subject));
-    if (hashFind(interests, subject, length, 0) != nullptr) return kStatusSuccess;
-    if (interests->count == kMostInterests) return kStatusQueueLimit;
-
-    if (!hashPut(interests, subject, length, 0, true, member)) return kStatusNoMemory;
-    if (!sublistAdd(listOf(member->realm, subject), subject, member, nullptr)) {
-        hashPut(interests, subject, length, 0, false, nullptr);
+    const uint32_t hash = seededHash(subject, length);
+    if (hashFind(listener->interests, subject, length, hash) != nullptr) return kStatusSuccess;
+    if (!hasRoom(realm->router, listener, subject)) return kStatusQueueLimit;
+    if (!counted(realm, listener, [&] { return keepInterest(realm, listener, subject); })) {
         return kStatusNoMemory;
     }
-    ++member->realm->version;
+    ++realm->version;
     return kStatusSuccess;
 }
 
 void routerUnlisten(Member* member, const uint8_t* subject) {
-    if (member->interests == nullptr) return;
+    Listener* listener = member->listener;
+    if (listener->interests == nullptr) return;
     const auto length = static_cast<uint32_t>(subjectLength(subject));
-    if (!hashPut(member->interests, subject, length, 0, false, nullptr)) return;
-    forgetInterest(member, subject);
+    const uint32_t hash = seededHash(subject, length);
+    if (!hashPut(listener->interests, subject, length, hash, false, nullptr)) return;
+    hashFit(listener->interests);
+    ++member->realm->version;
+    counted(member->realm, listener,
+            [&] { return forgetInterest(member->realm, listener, subject); });
+}
+
+void routerBeginBatch(Router* router) {
+    router->wildcardSteps = kMostWildcardSteps;
 }
 
 pelmoStatus routerMatch(Realm* realm, const uint8_t* subject, Receivers* out) {
     const uint32_t hash = subjectHash(subject);
     CachedMatch& entry = realm->cache[hash % kCachedMatches];
-    if (!isCached(realm, entry, subject, hash) && !fill(realm, entry, subject, hash)) {
-        return kStatusNoMemory;
+    if (!isCached(realm, entry, subject, hash)) {
+        const pelmoStatus status = fill(realm, entry, subject, hash);
+        if (status != kStatusSuccess) return status;
     }
     *out = {entry.receivers, entry.count};
     return kStatusSuccess;

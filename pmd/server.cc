@@ -107,7 +107,7 @@ void endTimer(uint32_t* timer) PELMO_REQUIRES(daemonLock) {
 bool needsTick() PELMO_REQUIRES(daemonLock) {
     return server.unstarted != 0 || server.acceptAgainAt != 0 || server.endAt != 0 ||
            server.handedOverAt != 0 || server.over != nullptr || server.absences.count != 0 ||
-           oskaWireIsOpen(&server.wire);
+           oskaWireIsOpen(&server.wire) || server.exchange.router.leaving != nullptr;
 }
 
 void adjustTick() PELMO_REQUIRES(daemonLock) {
@@ -526,6 +526,7 @@ void onTick(uint32_t, pelmoMsg*, void*) {
         judgeExcesses(now);
         absenceSettle(&server.absences, now);
         settle();
+        (void)routerSweep(&server.exchange.router);
         acceptAgain(now);
         if (oskaWireIsOpen(&server.wire)) oskaWireTick(&server.wire, now);
         ends = endsByItself(now);

@@ -88,24 +88,27 @@ void push(Hash* table, HashEntry* entry) {
     *head = entry;
 }
 
-bool grow(Hash* table) {
-    if (table->bucketCount == kMostBuckets) return false;
-    Hash grown = *table;
-    grown.bucketCount = table->bucketCount * 2;
-    grown.mask = grown.bucketCount - 1;
-    grown.buckets = takeBuckets(grown.bucketCount, nullptr);
-    if (grown.buckets == nullptr) return false;
+bool resize(Hash* table, uint32_t bucketCount) {
+    Hash resized = *table;
+    resized.bucketCount = bucketCount;
+    resized.mask = bucketCount - 1;
+    resized.buckets = takeBuckets(bucketCount, table->bucketPool);
+    if (resized.buckets == nullptr) return false;
 
     for (uint32_t i = 0; i < table->bucketCount; ++i) {
         for (HashEntry* entry = table->buckets[i]; entry != nullptr;) {
             HashEntry* next = entry->next;
-            push(&grown, entry);
+            push(&resized, entry);
             entry = next;
         }
     }
     giveBuckets(table);
-    *table = grown;
+    *table = resized;
     return true;
+}
+
+bool grow(Hash* table) {
+    return table->bucketCount != kMostBuckets && resize(table, table->bucketCount * 2);
 }
 
 // Gives the entry its key: a copy, or the caller's bytes.
@@ -218,6 +221,14 @@ bool hashPut(
     giveEntry(table, entry);
     --table->count;
     return true;
+}
+
+void hashFit(Hash* table) {
+    uint32_t wanted = table->bucketCount;
+    while (wanted > 1 && table->count <= wanted / 4) {
+        wanted /= 2;
+    }
+    if (wanted != table->bucketCount) (void)resize(table, wanted);
 }
 
 // Big-endian words, so that every machine has the same hashes.

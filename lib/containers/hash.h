@@ -78,6 +78,10 @@ void hashDestroy(Hash* table);
 bool hashPut(
     Hash* table, const void* key, uint32_t length, uint32_t hash, bool copyKey, void* value);
 
+// Halves the buckets as often as three quarters of them have no entry to hold, for tables that
+// were larger once. Where memory runs out the table stays as it is. No iteration is under way.
+void hashFit(Hash* table);
+
 // The same on any machine; never 0.
 [[nodiscard]] uint32_t hashKeyHash(const void* key, uint32_t length);
 

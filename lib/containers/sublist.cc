@@ -1,25 +1,33 @@
 #include "lib/containers/sublist.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+
+#include "lib/containers/probe_index.h"
 
 namespace {
 
 constexpr uint32_t kFirstMatches = 4;
 constexpr uint32_t kTextItemBytes = 32;
 
-// The smallest table: most levels hold one or two elements.
-constexpr uint32_t kLevelBuckets = 1;
+// The smallest table. A level gets one with its second node.
+constexpr uint32_t kLevelBuckets = 2;
+
+// What a node takes besides its text: itself, and its level or its place in one.
+constexpr uint32_t kNodeBytes = 112;
+constexpr uint32_t kHeapHeadBytes = 8;
+constexpr uint32_t kHeapUnitBytes = 16;
+
+// Eight values cost as much as a node that isn't in the cache.
+constexpr uint32_t kValuesPerStep = 8;
 
 SubjectLevel* createLevel(const SublistPools& pools) {
     auto* level = static_cast<SubjectLevel*>(itemTake(pools.level, sizeof(SubjectLevel)));
     if (level == nullptr) return nullptr;
     *level = {};
-    level->table =
-        hashCreateWithPools(kLevelBuckets, pools.table, pools.entry, nullptr, pools.bucket);
-    if (level->table != nullptr) return level;
-    itemGive(pools.level, level, sizeof(SubjectLevel));
-    return nullptr;
+    return level;
 }
 
 // An empty level.
@@ -47,32 +55,161 @@ void giveNode(const SublistPools& pools, SubjectNode* node) {
 }
 
 // Keys of a level's table: the text with its NUL.
-uint32_t keyLength(const uint8_t* element) {
-    return element[0] - 1u;
+uint32_t keyLength(uint32_t elementBytes) {
+    return elementBytes - 1;
+}
+
+// Seeded, and never 0, which would ask the table for its own.
+uint32_t keyHash(const char* text, uint32_t elementBytes) {
+    const auto* key = reinterpret_cast<const uint8_t*>(text);
+    const uint32_t hash = probeHashBytes(key, keyLength(elementBytes));
+    return hash == 0 ? 1 : hash;
+}
+
+bool isElement(const SubjectNode* node, const uint8_t* element) {
+    return elementSize(node) == element[0] &&
+           std::memcmp(node->text, element + 1, element[0] - 1u) == 0;
+}
+
+bool levelIsEmpty(const SubjectLevel* level) {
+    return level->only == nullptr && level->table == nullptr;
+}
+
+bool tablePut(Hash* table, SubjectNode* node, void* value) {
+    const uint32_t size = elementSize(node);
+    return hashPut(table, node->text, keyLength(size), keyHash(node->text, size), false, value);
+}
+
+// The second node brings the table.
+bool makeTable(const SublistPools& pools, SubjectLevel* level, SubjectNode* node) {
+    Hash* table =
+        hashCreateWithPools(kLevelBuckets, pools.table, pools.entry, nullptr, pools.bucket);
+    if (table == nullptr) return false;
+    if (!tablePut(table, level->only, level->only) || !tablePut(table, node, node)) {
+        hashDestroy(table);
+        return false;
+    }
+    level->table = table;
+    level->only = nullptr;
+    return true;
+}
+
+bool putNode(const SublistPools& pools, SubjectLevel* level, SubjectNode* node) {
+    if (level->table != nullptr) return tablePut(level->table, node, node);
+    if (level->only != nullptr) return makeTable(pools, level, node);
+    level->only = node;
+    return true;
+}
+
+// The last node but one takes the table with it.
+void takeNode(SubjectLevel* level, SubjectNode* node) {
+    if (level->only == node) {
+        level->only = nullptr;
+        return;
+    }
+    tablePut(level->table, node, nullptr);
+    if (level->table->count > 1) return hashFit(level->table);
+    HashIterator iterator;
+    hashIterInit(level->table, &iterator);
+    void* last = nullptr;
+    (void)hashIterNext(&iterator, nullptr, nullptr, &last);
+    hashDestroy(level->table);
+    level->table = nullptr;
+    level->only = static_cast<SubjectNode*>(last);
+}
+
+// The nodes of a level, in turn; the one last given may be taken out.
+struct LevelWalk {
+    SubjectLevel* level;
+    HashIterator iterator;  // of its table, where it has one
+    bool isOver;
+};
+
+LevelWalk walkOf(SubjectLevel* level) {
+    LevelWalk walk = {.level = level, .iterator = {}, .isOver = false};
+    if (level->table != nullptr) hashIterInit(level->table, &walk.iterator);
+    return walk;
+}
+
+SubjectNode* nextNode(LevelWalk& walk) {
+    if (walk.level->table == nullptr) {
+        return std::exchange(walk.isOver, true) ? nullptr : walk.level->only;
+    }
+    void* node = nullptr;
+    return hashIterNext(&walk.iterator, nullptr, nullptr, &node) ? static_cast<SubjectNode*>(node)
+                                                                 : nullptr;
+}
+
+// A table stays until the walk is over.
+void takeWalked(LevelWalk& walk) {
+    if (walk.level->table == nullptr) {
+        walk.level->only = nullptr;
+    } else {
+        hashIterRemove(&walk.iterator);
+    }
+}
+
+void endWalk(LevelWalk& walk) {
+    Hash* table = walk.level->table;
+    if (table == nullptr || table->count != 0) return;
+    hashDestroy(table);
+    walk.level->table = nullptr;
+}
+
+uint32_t nodeBytes(const SubjectNode* node) {
+    const uint32_t held = elementSize(node) + kHeapHeadBytes + kHeapUnitBytes - 1;
+    return kNodeBytes + std::max(held / kHeapUnitBytes * kHeapUnitBytes, 2 * kHeapUnitBytes);
+}
+
+void charge(SubjectList* list, SubjectNode* node) {
+    list->bytes += nodeBytes(node);
+    node->payer = list->payer;
+    if (node->payer == nullptr) return;
+    node->payer->bytes += nodeBytes(node);
+    ++node->payer->nodes;
+}
+
+// Frees a node that was charged for.
+void dropNode(SubjectList* list, SubjectNode* node) {
+    SublistAccount* payer = node->payer;
+    list->bytes -= nodeBytes(node);
+    if (payer != nullptr) payer->bytes -= nodeBytes(node);
+    giveNode(list->pools, node);
+    if (payer != nullptr && --payer->nodes == 0 && list->unused != nullptr) list->unused(payer);
 }
 
 SubjectNode* findNode(const SubjectLevel* level, const uint8_t* element) {
     if (subjectElementIs(element, '*')) return level->star;
     if (subjectElementIs(element, '>')) return level->gt;
-    return static_cast<SubjectNode*>(hashFind(level->table, element + 1, keyLength(element), 0));
+    if (level->table == nullptr) {
+        return level->only != nullptr && isElement(level->only, element) ? level->only : nullptr;
+    }
+    const auto* text = reinterpret_cast<const char*>(element + 1);
+    return static_cast<SubjectNode*>(
+        hashFind(level->table, text, keyLength(element[0]), keyHash(text, element[0])));
 }
 
-SubjectNode* createNode(const SublistPools& pools,
+SubjectNode* createNode(SubjectList* list,
                         SubjectLevel* level,
                         SubjectNode* parent,
                         const uint8_t* element) {
+    const SublistPools& pools = list->pools;
     auto* node = static_cast<SubjectNode*>(itemTake(pools.node, sizeof(SubjectNode)));
     if (node == nullptr) return nullptr;
-    *node = {
-        .child = nullptr, .values = nullptr, .parent = parent, .text = copyElement(pools, element)};
+    *node = {.child = nullptr,
+             .values = nullptr,
+             .parent = parent,
+             .text = copyElement(pools, element),
+             .payer = nullptr};
     if (node->text == nullptr) {
         itemGive(pools.node, node, sizeof(SubjectNode));
         return nullptr;
     }
-    if (!hashPut(level->table, node->text, keyLength(element), 0, false, node)) {
+    if (!putNode(pools, level, node)) {
         giveNode(pools, node);
         return nullptr;
     }
+    charge(list, node);
     if (subjectElementIs(element, '*')) level->star = node;
     if (subjectElementIs(element, '>')) level->gt = node;
     return node;
@@ -81,10 +218,6 @@ SubjectNode* createNode(const SublistPools& pools,
 void forgetWildcard(SubjectLevel* level, const SubjectNode* node) {
     if (level->star == node) level->star = nullptr;
     if (level->gt == node) level->gt = nullptr;
-}
-
-bool levelIsEmpty(const SubjectLevel* level) {
-    return level->table->count == 0;
 }
 
 // Frees the level at this depth of the path if it is empty and not the root.
@@ -101,9 +234,9 @@ void pruneNodes(SubjectList* list, uint32_t depth) {
     for (;; --depth) {
         const SublistStep& step = list->path[depth];
         if (step.node->child != nullptr || step.node->values != nullptr) return;
-        hashPut(step.level->table, step.node->text, keyLength(step.element), 0, false, nullptr);
+        takeNode(step.level, step.node);
         forgetWildcard(step.level, step.node);
-        giveNode(list->pools, step.node);
+        dropNode(list, step.node);
         if (!pruneLevel(list, depth)) return;
     }
 }
@@ -116,7 +249,7 @@ SubjectNode* makePath(SubjectList* list, const uint8_t* subject) {
     SubjectNode* parent = nullptr;
     for (uint32_t depth = 0;; ++depth) {
         SubjectNode* node = findNode(level, element);
-        if (node == nullptr) node = createNode(list->pools, level, parent, element);
+        if (node == nullptr) node = createNode(list, level, parent, element);
         list->path[depth] = {element, node, level};
         if (node == nullptr) {
             if (pruneLevel(list, depth)) pruneNodes(list, depth - 1);
@@ -166,61 +299,62 @@ uint32_t removeAllValues(SubjectList* list, SubjectNode* node) {
     return removed;
 }
 
-void appendValues(Dpa* matches, const SubjectNode* node) {
-    if (node == nullptr || node->values == nullptr) return;
-    (void)dpaAppendAll(matches, node->values);  // what memory can't hold is left out
+// One more node is met. False where that is too many.
+bool step(SubjectList* list) {
+    return ++list->steps <= list->mostSteps || list->mostSteps == 0;
 }
 
-SubjectNode* nextNode(HashIterator& iterator) {
-    void* node = nullptr;
-    return hashIterNext(&iterator, nullptr, nullptr, &node) ? static_cast<SubjectNode*>(node)
-                                                            : nullptr;
+void appendValues(SubjectList* list, const SubjectNode* node) {
+    if (node == nullptr || node->values == nullptr) return;
+    list->steps += node->values->count / kValuesPerStep;
+    (void)dpaAppendAll(list->matches, node->values);  // what memory can't hold is left out
 }
 
 // All values at a level and below.
-void collect(Dpa* matches, SubjectLevel* level) {
-    HashIterator iterator;
-    hashIterInit(level->table, &iterator);
-    while (const SubjectNode* node = nextNode(iterator)) {
-        appendValues(matches, node);
-        if (node->child != nullptr) collect(matches, node->child);
+void collect(SubjectList* list, SubjectLevel* level) {
+    LevelWalk walk = walkOf(level);
+    while (const SubjectNode* node = nextNode(walk)) {
+        if (!step(list)) return;
+        appendValues(list, node);
+        if (node->child != nullptr) collect(list, node->child);
     }
 }
 
-void matchFrom(Dpa* matches, SubjectLevel* level, const uint8_t* element, uint32_t left);
+void matchFrom(SubjectList* list, SubjectLevel* level, const uint8_t* element, uint32_t left);
 
 // A "*" in the subject: each node of the level in turn.
-void matchAnyNode(Dpa* matches, SubjectLevel* level, const uint8_t* element, uint32_t left) {
-    HashIterator iterator;
-    hashIterInit(level->table, &iterator);
-    while (const SubjectNode* node = nextNode(iterator)) {
+void matchAnyNode(SubjectList* list, SubjectLevel* level, const uint8_t* element, uint32_t left) {
+    LevelWalk walk = walkOf(level);
+    while (const SubjectNode* node = nextNode(walk)) {
+        if (!step(list)) return;
         if (left == 1 || node == level->gt) {
-            appendValues(matches, node);
+            appendValues(list, node);
         } else if (node->child != nullptr) {
-            matchFrom(matches, node->child, subjectNext(element), left - 1);
+            matchFrom(list, node->child, subjectNext(element), left - 1);
         }
     }
 }
 
 // Matches the `left` elements that begin at `element`. No node is met twice, so the work is bounded
 // by the tree, and the depth of the recursion by the subject.
-void matchFrom(Dpa* matches, SubjectLevel* level, const uint8_t* element, uint32_t left) {
+void matchFrom(SubjectList* list, SubjectLevel* level, const uint8_t* element, uint32_t left) {
     for (;; element = subjectNext(element), --left) {
-        if (subjectElementIs(element, '>')) return collect(matches, level);
-        if (subjectElementIs(element, '*')) return matchAnyNode(matches, level, element, left);
+        if (subjectElementIs(element, '>')) return collect(list, level);
+        if (subjectElementIs(element, '*')) return matchAnyNode(list, level, element, left);
+        if (!step(list)) return;
 
-        appendValues(matches, level->gt);
+        appendValues(list, level->gt);
         SubjectNode* node = findNode(level, element);
         SubjectNode* star = level->star;
         if (left == 1) {
-            appendValues(matches, node);
-            appendValues(matches, star);
+            appendValues(list, node);
+            appendValues(list, star);
             return;
         }
 
         const bool starLeadsOn = star != nullptr && star->child != nullptr;
         if (node != nullptr && node->child != nullptr) {
-            if (starLeadsOn) matchFrom(matches, star->child, subjectNext(element), left - 1);
+            if (starLeadsOn) matchFrom(list, star->child, subjectNext(element), left - 1);
             level = node->child;
         } else {
             if (!starLeadsOn) return;
@@ -255,29 +389,28 @@ void visitLevel(Visit& visit, SubjectLevel* level) {
     uint8_t head[kSubjectHeadBytes];
     std::memcpy(head, visit.subject, sizeof head);
 
-    HashIterator iterator;
-    hashIterInit(level->table, &iterator);
-    while (SubjectNode* node = nextNode(iterator)) {
+    LevelWalk walk = walkOf(level);
+    while (SubjectNode* node = nextNode(walk)) {
         const size_t length = elementSize(node) - size_t{2};
         if (subjectAppendBytes(visit.subject, sizeof visit.subject, node->text, length) < 0)
             continue;
         visitNode(visit, node);
         if (node->values == nullptr && node->child == nullptr) {
-            hashIterRemove(&iterator);
+            takeWalked(walk);
             forgetWildcard(level, node);
-            giveNode(visit.list->pools, node);
+            dropNode(visit.list, node);
         }
         std::memcpy(visit.subject, head, sizeof head);
     }
+    endWalk(walk);
 }
 
 void destroyLevel(const SublistPools& pools, SubjectLevel* level) {
-    HashIterator iterator;
-    hashIterInit(level->table, &iterator);
-    while (SubjectNode* node = nextNode(iterator)) {
+    LevelWalk walk = walkOf(level);
+    while (SubjectNode* node = nextNode(walk)) {
         if (node->child != nullptr) destroyLevel(pools, node->child);
         dpaDestroy(node->values);
-        hashIterRemove(&iterator);  // the entry's key lies in the node
+        takeWalked(walk);  // the entry's key lies in the node
         giveNode(pools, node);
     }
     giveLevel(pools, level);
@@ -378,14 +511,18 @@ uint32_t sublistRemove(SubjectList* list,
 
 Dpa* sublistMatch(SubjectList* list, const uint8_t* subject) {
     list->matches->count = 0;
+    list->steps = 0;
     const uint32_t count = subjectElementCount(subject);
-    if (count != 0) matchFrom(list->matches, list->root, subjectFirst(subject), count);
+    if (count != 0) matchFrom(list, list->root, subjectFirst(subject), count);
     return list->matches->count == 0 ? nullptr : list->matches;
 }
 
 Dpa* sublistAll(SubjectList* list) {
     list->matches->count = 0;
-    collect(list->matches, list->root);
+    list->steps = 0;
+    const uint32_t most = std::exchange(list->mostSteps, 0);
+    collect(list, list->root);
+    list->mostSteps = most;
     return list->matches->count == 0 ? nullptr : list->matches;
 }
 

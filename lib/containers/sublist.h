@@ -12,6 +12,12 @@
 // Ownership: a list owns its tree; values belong to the caller and may stand in it more than once.
 // What a match gives belongs to the list and is good until the next match.
 //
+// Others may choose what stands in a list. Tables are keyed by seeded hashes, so nobody chooses
+// subjects that meet in one bucket. A match of a subject without wildcards meets one node at most
+// for each set of places at which the subjects held have "*" as far down as that node, however many
+// there are; one with wildcards may meet every node, and `mostSteps` bounds it. Nodes can be
+// charged to whoever caused them: see SublistAccount.
+//
 // Failure: an addition that memory fails gives false and leaves no trace. A match that memory cuts
 // short gives what it had gathered.
 //
@@ -35,12 +41,21 @@ struct SubjectNode {
     Dpa* values;          // of the subject that ends here; null: none
     SubjectNode* parent;  // null at the top
     char* text;           // own copy, with its NUL; the byte ahead of it is the element's size
+    struct SublistAccount* payer;  // borrowed; null: nobody
+};
+
+// Who pays for nodes. Owned by the caller, and in place until `nodes` is 0. What a list's values
+// take isn't in it.
+struct SublistAccount {
+    uint64_t bytes;  // of the heap, about
+    uint32_t nodes;
 };
 
 struct SubjectLevel {
-    SubjectNode* star;  // these two stand in `table` as well
+    SubjectNode* star;  // these two are among the nodes
     SubjectNode* gt;
-    Hash* table;  // element text, its NUL counted, to node; keys are borrowed from the nodes
+    SubjectNode* only;  // where there is one node
+    Hash* table;  // else, or null for none: text with its NUL to node, keys borrowed from the nodes
 };
 
 // The pools of a list; each may be null.
@@ -65,6 +80,14 @@ struct SubjectList {
     uint32_t valueCount;  // values in the list
     bool ownsPools;
     SublistPools pools;
+
+    // The user's.
+    SublistAccount* payer;            // of nodes that additions make; null: nobody
+    void (*unused)(SublistAccount*);  // its last node is gone; null: no matter
+    uint32_t mostSteps;               // of a match; 0: no bound
+    uint32_t steps;                   // that the last match took
+    uint64_t bytes;                   // that all nodes take, about
+
     SublistStep path[kSublistDepth];  // of an addition or a removal under way
 };
 
@@ -93,7 +116,8 @@ void sublistDestroy(SubjectList* list);
 // optional, receives how many stay.
 uint32_t sublistRemove(SubjectList* list, const uint8_t* subject, void* value, uint32_t* remaining);
 
-// Null where nothing matches. The order means nothing.
+// Null where nothing matches. The order means nothing. A step is a node met, or eight values. Where
+// `steps` comes out above `mostSteps`, values are missing.
 [[nodiscard]] Dpa* sublistMatch(SubjectList* list, const uint8_t* subject);
 
 // All values; null where there are none.

@@ -83,7 +83,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (!subjectIsValid(subject.data()) || subjectElementCount(subject.data()) == 0) continue;
         sublistRemove(list, subject.data(), nullptr, nullptr);
     }
-    require(list->valueCount == 0 && list->root->table->count == 0 && sublistAll(list) == nullptr);
+    require(list->valueCount == 0 && list->root->only == nullptr && list->root->table == nullptr &&
+            sublistAll(list) == nullptr);
     sublistDestroy(list);
     return 0;
 }

@@ -103,7 +103,11 @@ struct TestBus {
         for (auto& [name, peer] : peers) {
             exchangeLeave(&exchange, peer.get());
         }
+        while (routerSweep(&exchange.router)) {
+        }
         EXPECT_EQ(exchange.router.realms->count, 0u);
+        EXPECT_EQ(exchange.router.bytes, 0u);
+        EXPECT_EQ(exchange.router.shapes, 0u);
         exchangeFree(&exchange);
     }
 

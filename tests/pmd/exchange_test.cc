@@ -295,6 +295,101 @@ TEST(Exchange, WarnsThoseWhoListen) {
               Journal{"a < 1 on _PM.WARN.SYSTEM.CLIENT.SLOWREADER.7F000001.U0001.G1"});
 }
 
+// A subject of so many elements, "*" where the number has a bit.
+std::string patternOf(uint32_t bits, uint32_t elements) {
+    std::string text;
+    for (uint32_t i = 0; i < elements; ++i) {
+        text += i == 0 ? "" : ".";
+        text += (bits >> i & 1) != 0 ? "*" : "a";
+    }
+    return text;
+}
+
+std::string deepSubject(uint32_t number, uint32_t elements) {
+    std::string text = "e" + std::to_string(number);
+    while (elements-- > 0) {
+        text += ".x";
+    }
+    return text;
+}
+
+// Interest of which the daemon keeps a part only, and by what.
+struct Flood {
+    const char* what;
+    std::string (*subject)(uint32_t number);
+    uint32_t count;
+    uint32_t keptAtLeast, keptAtMost;
+};
+
+// Who listens to more than the daemon keeps hears of each subject refused and stays; others can go
+// on listening, and a message takes a bounded number of steps.
+TEST(Exchange, BoundsWhatAMemberMayListenTo) {
+    const Flood floods[] = {
+        {"subjects", [](uint32_t i) { return "A.item" + std::to_string(i); }, kMostInterests + 5,
+         90'000, kMostInterests},
+        {"bytes", [](uint32_t i) { return deepSubject(i, 60); }, 5'000, 3'000, 4'500},
+        {"patterns", [](uint32_t i) { return patternOf(i, 16); }, 8'192, 10, 512},
+    };
+    for (const Flood& flood : floods) {
+        TestBus bus;
+        bus.join("a", {});
+        bus.join("other", {"A.*.c", "A.item0"});
+        bus.quiet = true;
+        const uint64_t before = bus.exchange.ignored;
+        for (uint32_t i = 0; i < flood.count; ++i) {
+            ASSERT_EQ(bus.take("a", interest("L", flood.subject(i).c_str())), nullptr);
+        }
+        const uint64_t kept = flood.count - (bus.exchange.ignored - before);
+        EXPECT_GE(kept, flood.keptAtLeast) << flood.what;
+        EXPECT_LE(kept, flood.keptAtMost) << flood.what;
+        EXPECT_LE(bus.exchange.router.bytes, kMostInterestBytes + 20'000) << flood.what;
+        EXPECT_LE(bus.exchange.router.shapes, kMostShapes + 3) << flood.what;
+        bus.quiet = false;
+        EXPECT_EQ(bus.take("a", interest("L", flood.subject(flood.count - 1).c_str())), nullptr);
+        EXPECT_EQ(bus.takeJournal(), Journal{"a < 1 on _PM.WARN.SYSTEM.INTEREST.REFUSED"});
+        EXPECT_EQ(bus.take("other", interest("L", "B.*.*"), dataOn("B.b.c")), nullptr);
+        EXPECT_EQ(bus.takeJournal(), Journal{"other < 1 on B.b.c"}) << flood.what;
+        const std::string all = patternOf(0, 16);
+        EXPECT_EQ(bus.take("other", dataOn(all.c_str())), nullptr);
+        EXPECT_LE(bus.exchange.router.lastSteps, kMostShapes + 16 + 3) << flood.what;
+
+        // What it listened to is taken down in pieces, and nothing reaches it meanwhile.
+        bus.takeJournal();
+        exchangeLeave(&bus.exchange, bus.peers["a"].get());
+        EXPECT_EQ(bus.take("other", dataOn(flood.subject(0).c_str())), nullptr);
+        EXPECT_EQ(bus.takeJournal(),
+                  flood.subject(0) == "A.item0" ? Journal{"other < 1 on A.item0"} : Journal{});
+        uint64_t last = bus.exchange.router.bytes;
+        uint32_t pieces = 0;
+        for (bool more = true; more; ++pieces) {
+            more = routerSweep(&bus.exchange.router);
+            EXPECT_LE(last - bus.exchange.router.bytes, uint64_t{kSweepNodes} * 400);
+            last = bus.exchange.router.bytes;
+        }
+        EXPECT_GT(kept < 1000 ? 2u : pieces, 1u);
+        EXPECT_LE(last, 4'000u) << flood.what;
+    }
+}
+
+// A subject that has wildcards itself asks for as many steps as there are nodes.
+TEST(Exchange, GivesUpOnWildcardsThatMatchTooMuch) {
+    TestBus bus;
+    bus.join("a", {});
+    bus.join("b", {"X.Y"});
+    bus.quiet = true;
+    for (uint32_t i = 0; i < kMostWildcardSteps / 2; ++i) {
+        ASSERT_EQ(bus.take("b", interest("L", deepSubject(i, 0).c_str())), nullptr);
+    }
+    bus.quiet = false;
+    EXPECT_EQ(bus.take("a", dataOn("*"), dataOn(">"), dataOn("*.Z"), dataOn("X.Y")), nullptr);
+    EXPECT_EQ(bus.takeJournal(),
+              (Journal{"b < 1 on *", "a < 1 on _PM.WARN.SYSTEM.SEND.REFUSED",
+                       "a < 1 on _PM.WARN.SYSTEM.SEND.REFUSED", "b < 1 on X.Y"}));
+    EXPECT_EQ(bus.take("a", dataOn(">")), nullptr);
+    EXPECT_EQ(bus.takeJournal(), Journal{"b < 1 on >"});
+    EXPECT_EQ(bus.exchange.lost, 2u);
+}
+
 // Whatever fails, a peer is either served or cut off, and the others go on.
 TEST(Exchange, StandsLackOfMemory) {
     const Message start = startMessage({.session = kSession});
