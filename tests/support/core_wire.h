@@ -35,7 +35,9 @@ struct WirePacket {
 
 struct CoreWire {
     CoreWire() {
-        const EndpointSink sink = {this, onSend, [](void*, void*) {}, [](void*, void*) {}};
+        const EndpointSink sink = {
+            this, onSend, [](void*, void*) {}, [](void*, void*) {},
+            [](void* closure) { return static_cast<CoreWire*>(closure)->lastDrawn += 7919; }};
         isMade = endpointInit(&core, sink) == kStatusSuccess &&
                  pelmoMsg_CreateEx(&message, 32) == kStatusSuccess;
     }
@@ -196,6 +198,7 @@ struct CoreWire {
     uint16_t port = 1;  // of the peer that sends and is sent to
     uint32_t life = 0;  // how often it has started again
 
+    uint32_t lastDrawn = 0;
     std::map<uint16_t, uint32_t> coreIds;
     double elapsed = -1;
     std::string sent, lost;

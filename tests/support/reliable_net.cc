@@ -116,6 +116,12 @@ void dropWaiter(void*, void* waiter) {
     delete static_cast<Waiter*>(waiter);
 }
 
+// Apart from the net's random numbers, which tell what becomes of packets.
+uint32_t drawId(void* closure) {
+    NetHost& host = *static_cast<NetHost*>(closure);
+    return (++host.ids * kMostNetHosts + host.index) * 0x9e3779b1u;
+}
+
 // Senders go on when they were woken and find room or the end. One that has either and wasn't woken
 // would wait for good.
 void seeToSenders(NetHost& host) {
@@ -260,7 +266,7 @@ NetHost* netFind(ReliableNet& net, const PeerAddress& address) {
 
 bool netOpen(ReliableNet& net, uint32_t index) {
     NetHost& host = *net.hosts[index];
-    const EndpointSink sink = {&host, send, wake, dropWaiter};
+    const EndpointSink sink = {&host, send, wake, dropWaiter, drawId};
     host.isUp = endpointInit(&host.core, sink) == kStatusSuccess;
     return host.isUp;
 }

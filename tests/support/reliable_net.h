@@ -74,6 +74,7 @@ struct NetHost {
     EndpointCore core;
     bool isUp = false;
     uint32_t life = 0;  // endpoints that stood here before
+    uint32_t ids = 0;   // of connections, drawn in all lives
     double closeBegin = 0;
     double lastArrival = 0;
     std::vector<NetSender> senders;

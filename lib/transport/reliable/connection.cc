@@ -1,6 +1,5 @@
 #include "lib/transport/reliable/connection.h"
 
-#include <cmath>
 #include <cstdlib>
 #include <type_traits>
 #include <utility>
@@ -41,14 +40,6 @@ void leaveTables(ReliableConnection* connection) {
         keyTableRemove(connection->core->byPeer, connection->peerKeys[i]);
     connection->peerKeyCount = 0;
     leaveById(connection);
-}
-
-// Seconds above microseconds, so that a process that starts again has other ids than before.
-uint32_t idFromTime(double now) {
-    const double whole = std::floor(now);
-    const auto nanoseconds = static_cast<uint64_t>((now - whole) * 1e9);
-    return static_cast<uint32_t>(nanoseconds * 1000 & 0xfffff) |
-           static_cast<uint32_t>(static_cast<uint64_t>(whole) << 20);
 }
 
 void freeRecord(ReliableConnection* connection) {
@@ -132,20 +123,19 @@ void connectionEnter(ReliableConnection* connection, ConnectionState next, doubl
     }
 }
 
-// Ids of connections made in one millisecond, or of two incarnations, differ by one.
-void connectionNewId(ReliableConnection* connection, double now) {
-    constexpr int32_t kRecent = 1 << 21;  // some seconds
+void connectionNewId(ReliableConnection* connection) {
     EndpointCore* const core = connection->core;
-    uint32_t id = idFromTime(now);
-    const auto ahead = static_cast<int32_t>(id - core->lastId);
-    if (core->lastId != 0 && ahead <= 0 && ahead > -kRecent) id = core->lastId + 1;
-    if (id == 0) id = 1;
+    uint32_t id = 0;
+    while (id == 0 || id == core->lastId || id == connection->localId ||
+           keyTableFind(core->byId, id) != nullptr) {
+        id = core->sink.drawId(core->sink.closure);
+    }
     leaveById(connection);
     core->lastId = connection->localId = id;
 }
 
-bool connectionNewIdFound(ReliableConnection* connection, double now) {
-    connectionNewId(connection, now);
+bool connectionNewIdFound(ReliableConnection* connection) {
+    connectionNewId(connection);
     connection->idKey = connection->localId;
     connection->isInById = keyTablePut(connection->core->byId, &connection->idKey, connection);
     return connection->isInById;

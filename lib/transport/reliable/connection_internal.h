@@ -13,8 +13,8 @@ inline constexpr double kTimeWaitSeconds = 0.5;
 void connectionEnter(ReliableConnection* connection, ConnectionState next, double now);
 
 // A local id that no incarnation had; and the same, found by `byId` until the SYN is answered.
-void connectionNewId(ReliableConnection* connection, double now);
-[[nodiscard]] bool connectionNewIdFound(ReliableConnection* connection, double now);
+void connectionNewId(ReliableConnection* connection);
+[[nodiscard]] bool connectionNewIdFound(ReliableConnection* connection);
 
 // The connection is found under this address, too. False when memory ran out.
 [[nodiscard]] bool connectionAddKey(ReliableConnection* connection, const PeerAddress& peer);

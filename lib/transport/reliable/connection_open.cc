@@ -23,7 +23,7 @@ void beginIncarnation(ReliableConnection* connection, const CoreCall& call) {
         connection->crossSeq = 0;
     }
     if (!connection->isInById) {
-        connectionNewId(connection, call.now);
+        connectionNewId(connection);
         connectionResetRto(connection, call.now);
     }
     connectionForgetReceived(connection, call.out);
@@ -90,7 +90,7 @@ bool Connection_Restart(ReliableConnection* connection, const CoreCall& call, bo
     SendWindow* const window = &connection->window;
     const uint64_t lowest = discard ? 0 : sendBufferRewind(&connection->send);
     const uint64_t next = discard ? 2 : std::max<uint64_t>(window->sndNxt, 2);
-    if (!connectionNewIdFound(connection, call.now)) return false;
+    if (!connectionNewIdFound(connection)) return false;
 
     connectionForgetReceived(connection, call.out);
     connection->remoteId = 0;

@@ -35,6 +35,9 @@ struct EndpointSink {
 
     // A connection that had a waiter is freed.
     void (*dropWaiter)(void* closure, void* waiter);
+
+    // A number that nobody outside can guess. Called again until it gives one that serves.
+    uint32_t (*drawId)(void* closure);
 };
 
 struct LossReport {

@@ -1,6 +1,7 @@
 #include "lib/transport/reliable/reliable_endpoint.h"
 
 #include <poll.h>
+#include <sys/random.h>
 
 #include <algorithm>
 #include <atomic>
@@ -84,6 +85,13 @@ void sinkWakeSenders(void*, void* waiter) {
 
 void sinkDropWaiter(void*, void* waiter) {
     Cond_Destroy(static_cast<Cond*>(waiter));
+}
+
+// Without the system's random source the clock has to do.
+uint32_t sinkDrawId(void*) {
+    uint32_t id = 0;
+    if (getrandom(&id, sizeof id, GRND_NONBLOCK) == ssize_t{sizeof id}) return id;
+    return static_cast<uint32_t>(static_cast<uint64_t>(clockSteadySeconds() * 1e6));
 }
 
 // After each group of calls of the core
@@ -210,7 +218,8 @@ pelmoStatus fillRecord(ReliableEndpoint* made,
     status = endpointInit(&made->core, {.closure = made,
                                         .send = sinkSend,
                                         .wakeSenders = sinkWakeSenders,
-                                        .dropWaiter = sinkDropWaiter});
+                                        .dropWaiter = sinkDropWaiter,
+                                        .drawId = sinkDrawId});
     if (status != kStatusSuccess) datagramClose(&made->datagrams);
     return status;
 }
