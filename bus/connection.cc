@@ -1,5 +1,7 @@
 #include "bus/connection.h"
 
+#include <utility>
+
 #include "bus/complain.h"
 #include "bus/json_writer.h"
 #include "bus/owned_message.h"
@@ -18,14 +20,19 @@ ExitStatus checkFields(const BusSettings& settings) {
     return kExitUsage;
 }
 
-pelmoStatus makeTransport(const BusSettings& settings, uint32_t* out) {
+// A listener that is to end has done what was asked for; who was to send hasn't.
+constexpr StopAtOnce kNothingAsked = {kExitDone, ""};
+constexpr StopAtOnce kNothingSent = {kExitFailed,
+                                     "pelmobus: connect: Operation interrupted (51)\nsent 0\n"};
+
+pelmoStatus makeTransport(const BusSettings& settings, bool isToSend, uint32_t* out) {
     if (settings.local) return *out = kIntraProcessTransportId, kStatusSuccess;
     const auto create =
         settings.noResume ? pelmoTransport_CreateNetworkNoResume : pelmoTransport_CreateNetwork;
     // A connect may take a minute, and nothing has been sent that would have to leave.
-    stopEndsAtOnce(true);
+    stopEndsAtOnce(isToSend ? &kNothingSent : &kNothingAsked);
     const pelmoStatus status = create(out, settings.service, settings.network, settings.daemon);
-    stopEndsAtOnce(false);
+    stopEndsAtOnce(nullptr);
     return status;
 }
 
@@ -75,7 +82,7 @@ ExitStatus makeSettings(uint32_t transport, const BusSettings& settings) {
 
 }  // namespace
 
-ExitStatus connectionOpen(Connection& connection, const BusSettings& settings) {
+ExitStatus connectionOpen(Connection& connection, const BusSettings& settings, bool isToSend) {
     pelmoStatus status = pelmo_Open();
     if (status != kStatusSuccess) return complain("open", status), kExitFailed;
     connection.opened = true;
@@ -83,7 +90,7 @@ ExitStatus connectionOpen(Connection& connection, const BusSettings& settings) {
     const ExitStatus checked = checkFields(settings);
     if (checked != kExitDone) return checked;
 
-    status = makeTransport(settings, &connection.transport);
+    status = makeTransport(settings, isToSend, &connection.transport);
     if (status != kStatusSuccess) {
         complain(settings.daemon != nullptr ? std::string("connect ") + settings.daemon : "connect",
                  status);
@@ -95,10 +102,15 @@ ExitStatus connectionOpen(Connection& connection, const BusSettings& settings) {
     return makeSettings(connection.transport, settings);
 }
 
+pelmoStatus connectionEnd(Connection& connection, std::optional<double> mostSeconds) {
+    const uint32_t transport = std::exchange(connection.transport, kNoId);
+    if (transport == kNoId || transport == kIntraProcessTransportId) return kStatusSuccess;
+    return mostSeconds ? pelmoTransport_DestroyWithin(transport, *mostSeconds)
+                       : pelmoTransport_Destroy(transport);
+}
+
 Connection::~Connection() {
-    if (transport != kNoId && transport != kIntraProcessTransportId) {
-        pelmoTransport_Destroy(transport);
-    }
+    (void)connectionEnd(*this, std::nullopt);
     linkNewsClose(news);
     if (opened) pelmo_Close();
 }

@@ -10,6 +10,8 @@
 
 #pragma once
 
+#include <optional>
+
 #include "bus/link_news.h"
 #include "bus/settings.h"
 
@@ -24,5 +26,11 @@ struct Connection {
     Connection& operator=(const Connection&) = delete;
 };
 
-// Any failure is told. kExitUsage for fields of the command line that no message takes.
-[[nodiscard]] ExitStatus connectionOpen(Connection& connection, const BusSettings& settings);
+// Any failure is told. kExitUsage for fields of the command line that no message takes. A signal
+// ends the process: `isToSend` says that nothing was sent then, which is a failure.
+[[nodiscard]] ExitStatus connectionOpen(Connection& connection,
+                                        const BusSettings& settings,
+                                        bool isToSend = false);
+
+// Destroys the transport ahead of the end, and answers the status of that; kStatusSuccess for none.
+[[nodiscard]] pelmoStatus connectionEnd(Connection& connection, std::optional<double> mostSeconds);

@@ -51,7 +51,7 @@ ExitStatus runRequest(const BusSettings& settings) {
     BusSettings composed = settings;
     composed.json = false;
     Connection connection;
-    const ExitStatus made = connectionOpen(connection, settings);
+    const ExitStatus made = connectionOpen(connection, settings, true);
     if (made != kExitDone) return made;
     Printer printer;
     Pump pump;

@@ -1,5 +1,7 @@
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <array>
 
 #include "bus/complain.h"
@@ -59,6 +61,24 @@ std::string subjectWords(pelmoMsg* msg) {
     return std::string("send ") + (isKnown ? subject : "");
 }
 
+// Was all sent that was asked for, as a signal ended it? Of lines, those that have come.
+bool isAllSent(const Composer& composer, const Sender& sender) {
+    if (composer.most != UINT64_MAX) return sender.sent == composer.most;
+    int unread = 0;
+    const bool isRead = ioctl(composer.input.descriptor, FIONREAD, &unread) != 0 || unread == 0;
+    return sender.sent == composer.made && isRead;
+}
+
+ExitStatus endByStop(const BusSettings& settings, const Composer& composer, const Sender& sender) {
+    if (isAllSent(composer, sender)) return kExitDone;
+    const bool isKnown = composer.most != UINT64_MAX;
+    const std::string number = isKnown ? std::to_string(composer.most - sender.sent) + " messages"
+                                       : std::string("lines of the input");
+    complain(std::string("send ") + settings.subjects[0] + ": " + number + " not sent",
+             kStatusInterrupted);
+    return kExitFailed;
+}
+
 ExitStatus sendAll(const BusSettings& settings, Composer& composer, Sender& sender) {
     Pace pace = paceStart(settings.rate, steadyNow());
     Batch batch;
@@ -73,12 +93,14 @@ ExitStatus sendAll(const BusSettings& settings, Composer& composer, Sender& send
         if (batch.count == 0) break;
         const uint64_t before = sender.sent;
         const pelmoStatus status = sendBatch(batch, composer, sender, pace);
-        if (status == kStatusInterrupted) return kExitDone;
+        if (status == kStatusInterrupted) return endByStop(settings, composer, sender);
         if (status != kStatusSuccess) {
-            complain(subjectWords(batch.messages[sender.sent - before]), status);
+            const size_t place = std::min<size_t>(sender.sent - before, batch.count - 1);
+            complain(subjectWords(batch.messages[place]), status);
             return kExitFailed;
         }
     }
+    if (result == ComposeResult::kStopped) return endByStop(settings, composer, sender);
     return result == ComposeResult::kFailed ? kExitFailed : kExitDone;
 }
 
@@ -93,11 +115,15 @@ uint64_t mostMessages(const BusSettings& settings) {
 ExitStatus runSend(const BusSettings& settings) {
     Composer composer = composerOpen(settings, mostMessages(settings));
     Connection connection;
-    const ExitStatus made = connectionOpen(connection, settings);
+    const ExitStatus made = connectionOpen(connection, settings, true);
     if (made != kExitDone) return made;
     Sender sender{connection.transport, settings.wait};
-    const SendWatch watch(connection.transport);
-    const ExitStatus ended = sendAll(settings, composer, sender);
+    const std::string what = std::string("send ") + settings.subjects[0];
+    SendWatch watch(connection.transport);
+    ExitStatus ended = sendAll(settings, composer, sender);
+    watch.stop();
+    if (watch.isLost) complain(what + ": not all has left", kStatusDeliveryFailed);
+    if (!senderEnd(sender, connection, what) || watch.isLost) ended = kExitFailed;
     announce("sent " + std::to_string(sender.sent));
     return ended;
 }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 
 #include "bus/steady_time.h"
@@ -19,7 +20,7 @@ constexpr time_t kInsistSeconds = 1;
 struct StopState {
     int pair[2] = {-1, -1};  // sockets, since the library waits for nothing else
     std::atomic<bool> requested = false;
-    std::atomic<bool> atOnce = false;
+    std::atomic<const StopAtOnce*> atOnce = nullptr;
     std::atomic<time_t> requestSeconds = 0;
 };
 
@@ -27,9 +28,14 @@ constinit StopState state;
 
 static_assert(std::atomic<time_t>::is_always_lock_free);
 
+[[noreturn]] void endAtOnce(const StopAtOnce& end) {
+    [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, end.text, std::strlen(end.text));
+    _exit(end.status);
+}
+
 // Only calls that a signal handler may make.
 void onSignal(int signal) {
-    if (state.atOnce.load()) _exit(0);
+    if (const StopAtOnce* const end = state.atOnce.load()) endAtOnce(*end);
     const int savedErrno = errno;
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -90,8 +96,8 @@ StopWait stopWait(int descriptor, short events, int64_t until) {
     }
 }
 
-void stopEndsAtOnce(bool atOnce) {
-    state.atOnce.store(atOnce);
+void stopEndsAtOnce(const StopAtOnce* end) {
+    state.atOnce.store(end);
     // A signal just before this is only a request, and would wait for the call.
-    if (atOnce && stopRequested()) _exit(0);
+    if (end != nullptr && stopRequested()) endAtOnce(*end);
 }

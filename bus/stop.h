@@ -27,6 +27,12 @@
 enum class StopWait { kReady, kTime, kStop };
 [[nodiscard]] StopWait stopWait(int descriptor, short events, int64_t until);
 
-// While set, a signal ends the process at once with status 0: for a call that can't be interrupted
-// and that leaves nothing behind.
-void stopEndsAtOnce(bool atOnce);
+// How a signal ends the process while a call runs that can't be interrupted and that leaves nothing
+// behind.
+struct StopAtOnce {
+    int status;
+    const char* text;  // for the standard error stream, a constant
+};
+
+// Null: it doesn't. The record stays until then.
+void stopEndsAtOnce(const StopAtOnce* end);

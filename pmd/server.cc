@@ -274,7 +274,7 @@ Client* flushTouched() PELMO_REQUIRES(daemonLock) {
     while (Client* client = server.touched) {
         server.touched = client->nextTouched;
         client->isTouched = false;
-        if (ipqFlush(client->ipq) != kStatusSuccess) doom(client, kClientGone);
+        if (ipqEndBatch(client->ipq) != kStatusSuccess) doom(client, kClientGone);
         if (client->fault == nullptr) checkBacklog(client, &fastest, &bytes);
     }
     return fastest;
@@ -305,7 +305,7 @@ void touch(Client* client) PELMO_REQUIRES(daemonLock) {
     client->isTouched = true;
     client->nextTouched = server.touched;
     server.touched = client;
-    ipqHold(client->ipq);
+    ipqBeginBatch(client->ipq);
 }
 
 void pace(Client* sender, Client* fastest) PELMO_REQUIRES(daemonLock) {

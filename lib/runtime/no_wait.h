@@ -1,6 +1,7 @@
-// Threads that may not wait for room: while a mark exists, what its thread sends is queued all the
-// same. For handlers that have to make the room themselves, and for few and small messages of
-// whoever holds a lock that such a handler needs. Marks nest.
+// Threads that may not wait for room: what they send is queued all the same. They are the event
+// manager's own, which make the room, and those with a mark: for handlers of the library on other
+// threads, and for few and small messages of whoever holds a lock that such a handler needs. Marks
+// nest.
 //
 // Threads: each has its own marks.
 
@@ -17,6 +18,5 @@ struct NoWait {
     NoWait& operator=(const NoWait&) = delete;
 };
 
-[[nodiscard]] inline bool threadMayWait() {
-    return noWaitMarks == 0;
-}
+// May the calling thread wait until there is room to send? On a closed library nobody does.
+[[nodiscard]] bool threadMayWait();

@@ -15,7 +15,8 @@
 // by pelmoTransport_CreateInbox, that no wildcard matches.
 //
 // A network transport outlives its connection. When that breaks, the advisory
-// "_PM.WARN.SYSTEM.PMD.DISCONNECTED" tells its listeners, and it connects again: within 100 ms,
+// "_PM.WARN.SYSTEM.PMD.DISCONNECTED", with "messages_dropped" and "bytes_dropped" where it lost
+// what had been sent, tells its listeners, and it connects again: within 100 ms,
 // from the third break in a row on after a second, two, four and so on, and every ten seconds while
 // no daemon is reached. Meanwhile sends answer kStatusDaemonNotConnected, and nothing is sent
 // later. Its inboxes keep their names, and the new connection listens to the same subjects. Its
@@ -113,11 +114,32 @@ pelmoStatus pelmoTransport_DestroyWithin(uint32_t transport, double seconds);
 
 [[nodiscard]] pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
 
-// Sends messages in order up to the first failure. Those for the daemon are sent together, or not
-// at all.
+// Sends several messages in order. On a network transport all of them are looked at first, and one
+// that can't be sent leaves none. Those that go straight to peers leave first, one by one; then
+// those for the daemon, together, unless one of them is longer than the daemon takes. A failure
+// later on, by memory, a break or a peer that is given up, leaves what came ahead of it sent.
+// Within the process messages are delivered one by one up to the first failure.
 [[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport,
                                                pelmoMsg* const* messages,
                                                uint32_t count);
+
+// The same, and says on failure too how many messages were taken, in the order in which they leave.
+// Whoever repeats the send does so with the others alone: those that were taken have left, or may
+// have, or are lost with the connection (pelmoTransport_GetUnsent).
+[[nodiscard]] pelmoStatus pelmoTransport_SendvTaken(uint32_t transport,
+                                                    pelmoMsg* const* messages,
+                                                    uint32_t count,
+                                                    uint32_t* outTaken);
+
+// What a network transport has taken for the daemon and the daemon's system hasn't got. Of what the
+// own system holds, the number of messages is an estimate by their average size.
+struct pelmoUnsent {
+    uint64_t waitingMessages;
+    uint64_t waitingBytes;
+    uint64_t lostMessages;  // by broken connections, since the transport was made
+    uint64_t lostBytes;
+};
+[[nodiscard]] pelmoStatus pelmoTransport_GetUnsent(uint32_t transport, pelmoUnsent* out);
 
 // Sends and waits for the reply, which the caller destroys. Seconds below 0 mean no limit.
 // kStatusTimeout when no reply came in time; a later one is dropped. The message's reply subject is
@@ -213,7 +235,7 @@ struct pelmoDirectTraffic {
 [[nodiscard]] pelmoStatus pelmoTransport_GetSendingWaitLimit(uint32_t transport, uint32_t* out);
 
 // Messages sent between the two calls wait, and leave together. Holds nest, and end with the
-// connection. kStatusDaemonNotConnected without one.
+// connection. What is above the wait limit isn't held back. kStatusDaemonNotConnected without one.
 [[nodiscard]] pelmoStatus pelmoTransport_HoldSends(uint32_t transport);
 [[nodiscard]] pelmoStatus pelmoTransport_ReleaseSends(uint32_t transport);
 

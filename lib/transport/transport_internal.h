@@ -109,7 +109,8 @@ void transportAttach();
 // Does what is sent to that inbox go straight there? The subject is packed.
 [[nodiscard]] bool transportReachesDirectly(uint32_t transport, const uint8_t* inbox);
 [[nodiscard]] pelmoStatus transportSendVector(uint32_t transport,
-                                              std::span<pelmoMsg* const> messages);
+                                              std::span<pelmoMsg* const> messages,
+                                              uint32_t* taken);
 
 // Delivery
 

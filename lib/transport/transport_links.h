@@ -13,6 +13,7 @@
 #include <span>
 
 #include "lib/base/status.h"
+#include "lib/runtime/send_losses.h"
 
 struct pelmoDirectTraffic;
 struct pelmoMsg;
@@ -26,18 +27,6 @@ struct DaemonVersion {
     auto operator<=>(const DaemonVersion&) const = default;
 };
 
-// What was sent by a road that is closed and isn't known to have reached the other side.
-struct SendLosses {
-    uint64_t messages;
-    uint64_t bytes;
-
-    // The other side ended without having confirmed what it was sent: what it had taken and not yet
-    // read is lost as well, and isn't among the numbers.
-    bool unconfirmed;
-
-    [[nodiscard]] bool any() const { return messages != 0 || bytes != 0 || unconfirmed; }
-};
-
 // The connection's own record.
 struct DaemonLink;
 
@@ -49,6 +38,12 @@ struct DaemonLinkTexts {
 
 // An inbox prefix holds no longer one, and a connection whose session would be longer isn't made.
 inline constexpr uint32_t kMostSessionChars = 55;
+
+// What was sent and hasn't left yet, and what breaks have lost since the link was made.
+struct DaemonLinkUnsent {
+    SendLosses waiting;
+    SendLosses lost;
+};
 
 struct DaemonLinkOps {
     // Connects for a transport without a link, which keeps what it gets. The object lock is held
@@ -67,13 +62,18 @@ struct DaemonLinkOps {
     // at the deadline, on the steady clock, or once nothing has moved for a time of its own.
     SendLosses (*stop)(Transport* transport, double deadline);
 
-    // kStatusDaemonNotConnected while there is no connection. Messages are borrowed.
+    // kStatusDaemonNotConnected while there is no connection. Messages are borrowed. `*taken`: how
+    // many of the first ones may have left, on failure too.
     pelmoStatus (*send)(Transport* transport, pelmoMsg* message);
-    pelmoStatus (*sendVector)(Transport* transport, std::span<pelmoMsg* const> messages);
+    pelmoStatus (*sendVector)(Transport* transport,
+                              std::span<pelmoMsg* const> messages,
+                              uint32_t* taken);
 
     // A setting that has changed, for daemons of that version and above; others aren't sent it.
     // Without a connection nothing is lost: the next one begins with the settings as they are.
     pelmoStatus (*control)(Transport* transport, pelmoMsg* message, DaemonVersion since);
+
+    DaemonLinkUnsent (*unsent)(Transport* transport);
 
     pelmoStatus (*hold)(Transport* transport);
     pelmoStatus (*flush)(Transport* transport);
@@ -114,9 +114,11 @@ struct EndpointOps {
 // Functions with a circuit are called with its object lock held once, but for deliver.
 struct CircuitOps {
     // Wrap and send, with the lock released meanwhile. Messages are borrowed and ready; when one of
-    // many can't be wrapped, none is sent.
+    // many can't be wrapped, none is sent. `*taken` as with DaemonLinkOps.
     pelmoStatus (*send)(Transport* circuit, pelmoMsg* message);
-    pelmoStatus (*sendVector)(Transport* circuit, std::span<pelmoMsg* const> messages);
+    pelmoStatus (*sendVector)(Transport* circuit,
+                              std::span<pelmoMsg* const> messages,
+                              uint32_t* taken);
 
     // Delivers to the circuit's listeners and takes ownership of the message. Called without the
     // lock.

@@ -259,6 +259,20 @@ pelmoStatus pelmoTransport_GetDirectTraffic(uint32_t transport, pelmoDirectTraff
     return kStatusSuccess;
 }
 
+pelmoStatus pelmoTransport_GetUnsent(uint32_t transport, pelmoUnsent* out) {
+    PELMO_TRANSPORT_CALL("pelmoTransport_GetUnsent(%u, %p)", transport, tracePointer(out));
+    Held<Transport> held;
+    const pelmoStatus status = holdNetwork(held, transport);
+    if (status != kStatusSuccess) return status;
+    if (out == nullptr) return kStatusInvalidArgument;
+    const DaemonLinkUnsent unsent = daemonLinkOps.unsent(held.get());
+    *out = {.waitingMessages = unsent.waiting.messages,
+            .waitingBytes = unsent.waiting.bytes,
+            .lostMessages = unsent.lost.messages,
+            .lostBytes = unsent.lost.bytes};
+    return kStatusSuccess;
+}
+
 pelmoStatus pelmoTransport_SetDescription(uint32_t transport, const char* text) {
     PELMO_TRANSPORT_CALL("pelmoTransport_SetDescription(%u, \"%s\")", transport, traceText(text));
     return setText(transport, text, &NetworkSettings::description, kControlDescription);

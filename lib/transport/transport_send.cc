@@ -93,44 +93,69 @@ pelmoStatus prepare(Transport* transport, pelmoMsg* message, HeldMessage& ready)
 }
 
 // The object lock is released meanwhile.
-pelmoStatus sendTogether(Transport* transport, const HeldMessages& outgoing)
+pelmoStatus sendTogether(Transport* transport, const HeldMessages& outgoing, uint32_t* taken)
     PELMO_REQUIRES(transport->header.lock) {
     if (outgoing.all().empty()) return kStatusSuccess;
+    if (transport->link == nullptr) return kStatusInvalidTransport;
+    uint32_t ofThese = 0;
     Id_Leave(&transport->header);
-    const pelmoStatus status = daemonLinkOps.sendVector(transport, outgoing.all());
+    const pelmoStatus status = daemonLinkOps.sendVector(transport, outgoing.all(), &ofThese);
     Id_Enter(&transport->header);
+    *taken += ofThese;
     return status;
 }
 
-// Sends by a transport that isn't a circuit.
-pelmoStatus sendOrGather(Held<Transport>& transport, HeldMessage ready, HeldMessages& outgoing)
-    PELMO_REQUIRES(transport->header.lock) {
-    switch (transport->kind) {
-        case TransportKind::kIntraProcess: {
-            const pelmoStatus status = Transport_Deliver(transport, ready.get());
-            transport.enter();
-            return status;
-        }
-        case TransportKind::kNetwork: {
-            const uint8_t* subject = nullptr;
-            const bool direct = transport->directEndpoint != nullptr &&
-                                messageSubject(ready.get(), &subject) == kStatusSuccess &&
-                                subjectIsInbox(subject);
-            if (direct) return sendOnNetwork(transport.get(), ready.get());
-            if (transport->link == nullptr) return kStatusInvalidTransport;
-            outgoing.add(std::move(ready));
-            return kStatusSuccess;
-        }
-        case TransportKind::kCircuit:
-            break;
+// May the message go straight to a peer?
+bool mayGoStraight(Transport* transport, pelmoMsg* message) PELMO_REQUIRES(transport->header.lock) {
+    const uint8_t* subject = nullptr;
+    return transport->directEndpoint != nullptr &&
+           messageSubject(message, &subject) == kStatusSuccess && subjectIsInbox(subject);
+}
+
+// All messages are ready ahead of the first that is sent, so that one that isn't leaves none.
+pelmoStatus sendAllOnNetwork(Transport* transport,
+                             std::span<pelmoMsg* const> messages,
+                             uint32_t* taken) PELMO_REQUIRES(transport->header.lock) {
+    HeldMessages straight, together;
+    if (!straight.makeRoom(messages.size()) || !together.makeRoom(messages.size())) {
+        return kStatusNoMemory;
     }
-    return kStatusInvalidTransport;
+    for (pelmoMsg* message : messages) {
+        HeldMessage ready;
+        const pelmoStatus status = prepare(transport, message, ready);
+        if (status != kStatusSuccess) return status;
+        if (ready == nullptr) continue;
+        (mayGoStraight(transport, ready.get()) ? straight : together).add(std::move(ready));
+    }
+    for (pelmoMsg* message : straight.all()) {
+        const pelmoStatus status = sendOnNetwork(transport, message);
+        if (status != kStatusSuccess) return status;
+        ++*taken;
+    }
+    return sendTogether(transport, together, taken);
+}
+
+pelmoStatus deliverAll(Held<Transport>& transport,
+                       std::span<pelmoMsg* const> messages,
+                       uint32_t* taken) PELMO_REQUIRES(transport->header.lock) {
+    for (pelmoMsg* message : messages) {
+        HeldMessage ready;
+        pelmoStatus status = prepare(transport.get(), message, ready);
+        if (status == kStatusSuccess && ready != nullptr) {
+            status = Transport_Deliver(transport, ready.get());
+            transport.enter();
+        }
+        if (status != kStatusSuccess) return status;
+        ++*taken;
+    }
+    return kStatusSuccess;
 }
 
 // Ahead of the first number that a circuit gives, all messages are ready: one that isn't would
 // leave a gap. Within the process those ahead of it have been delivered.
-pelmoStatus sendAllOnCircuit(Transport* circuit, std::span<pelmoMsg* const> messages)
-    PELMO_REQUIRES(circuit->header.lock) {
+pelmoStatus sendAllOnCircuit(Transport* circuit,
+                             std::span<pelmoMsg* const> messages,
+                             uint32_t* taken) PELMO_REQUIRES(circuit->header.lock) {
     HeldMessages ready;
     if (!ready.makeRoom(messages.size())) return kStatusNoMemory;
     pelmoStatus failure = kStatusSuccess;
@@ -142,29 +167,23 @@ pelmoStatus sendAllOnCircuit(Transport* circuit, std::span<pelmoMsg* const> mess
     }
     const bool sendsSome = circuit->underlying == kIntraProcessTransportId;
     if (ready.all().empty() || (failure != kStatusSuccess && !sendsSome)) return failure;
-    const pelmoStatus status = circuitOps.sendVector(circuit, ready.all());
+    const pelmoStatus status = circuitOps.sendVector(circuit, ready.all(), taken);
     return status != kStatusSuccess ? status : failure;
 }
 
-pelmoStatus sendAll(Held<Transport>& transport, std::span<pelmoMsg* const> messages)
-    PELMO_REQUIRES(transport->header.lock) {
+pelmoStatus sendAll(Held<Transport>& transport,
+                    std::span<pelmoMsg* const> messages,
+                    uint32_t* taken) PELMO_REQUIRES(transport->header.lock) {
     if (messages.empty()) return kStatusSuccess;
-    if (transport->kind == TransportKind::kCircuit) {
-        return sendAllOnCircuit(transport.get(), messages);
+    switch (transport->kind) {
+        case TransportKind::kIntraProcess:
+            return deliverAll(transport, messages, taken);
+        case TransportKind::kNetwork:
+            return sendAllOnNetwork(transport.get(), messages, taken);
+        case TransportKind::kCircuit:
+            break;
     }
-    HeldMessages outgoing;
-    const bool staysHere = transport->kind == TransportKind::kIntraProcess;
-    if (!staysHere && !outgoing.makeRoom(messages.size())) return kStatusNoMemory;
-    pelmoStatus status = kStatusSuccess;
-    for (pelmoMsg* message : messages) {
-        HeldMessage ready;
-        status = prepare(transport.get(), message, ready);
-        if (status == kStatusSuccess && ready != nullptr) {
-            status = sendOrGather(transport, std::move(ready), outgoing);
-        }
-        if (status != kStatusSuccess) return status;
-    }
-    return sendTogether(transport.get(), outgoing);
+    return sendAllOnCircuit(transport.get(), messages, taken);
 }
 
 // Whether the lock is still held on return differs by kind.
@@ -198,10 +217,13 @@ pelmoStatus transportSend(uint32_t transport, pelmoMsg* message) {
     return sendOne(held, message);
 }
 
-pelmoStatus transportSendVector(uint32_t transport, std::span<pelmoMsg* const> messages) {
+pelmoStatus transportSendVector(uint32_t transport,
+                                std::span<pelmoMsg* const> messages,
+                                uint32_t* taken) {
+    *taken = 0;
     Held<Transport> held;
     if (held.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
-    return sendAll(held, messages);
+    return sendAll(held, messages, taken);
 }
 
 pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message) {
@@ -216,8 +238,9 @@ pelmoStatus pelmoTransport_Sendv(uint32_t transport, const Dpa* messages) {
     if (!libraryIsOpen()) return kStatusNotInitialized;
     traceLine(kTraceTransport, "pelmoTransport_Sendv(%u, %p)", transport, tracePointer(messages));
     if (messages == nullptr) return kStatusInvalidArgument;
+    uint32_t taken;
     return transportSendVector(
-        transport, {reinterpret_cast<pelmoMsg* const*>(messages->items), messages->count});
+        transport, {reinterpret_cast<pelmoMsg* const*>(messages->items), messages->count}, &taken);
 }
 
 pelmoStatus pelmoTransport_Sendv(uint32_t transport, pelmoMsg* const* messages, uint32_t count) {
@@ -225,5 +248,19 @@ pelmoStatus pelmoTransport_Sendv(uint32_t transport, pelmoMsg* const* messages, 
     traceLine(kTraceTransport, "pelmoTransport_Sendv(%u, %p, %u)", transport,
               tracePointer(messages), count);
     if (messages == nullptr) return kStatusInvalidArgument;
-    return transportSendVector(transport, {messages, count});
+    uint32_t taken;
+    return transportSendVector(transport, {messages, count}, &taken);
+}
+
+pelmoStatus pelmoTransport_SendvTaken(uint32_t transport,
+                                      pelmoMsg* const* messages,
+                                      uint32_t count,
+                                      uint32_t* outTaken) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "pelmoTransport_SendvTaken(%u, %p, %u)", transport,
+              tracePointer(messages), count);
+    if (outTaken == nullptr) return kStatusInvalidArgument;
+    *outTaken = 0;
+    if (messages == nullptr) return kStatusInvalidArgument;
+    return transportSendVector(transport, {messages, count}, outTaken);
 }

@@ -44,6 +44,60 @@ def relay(source, sink):
         pass
 
 
+class Relay:
+    """A link to a daemon, which may be slow. The first connection may stall for good after so many bytes
+    to the daemon, until it is cut."""
+
+    def __init__(self, port):
+        self.target = port
+        self.rate = None  # bytes a second to the daemon
+        self.most = None
+        self.stalled, self.cut = threading.Event(), threading.Event()
+        self.server = socket.create_server(("127.0.0.1", 0))
+        self.port = self.server.getsockname()[1]
+        threading.Thread(target=self.serve, daemon=True).start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.cut.set()
+        self.server.shutdown(socket.SHUT_RDWR)
+        self.server.close()
+
+    def serve(self):
+        while True:
+            try:
+                client = self.server.accept()[0]
+            except OSError:
+                return
+            daemon = socket.create_connection(("127.0.0.1", self.target))
+            most, self.most = self.most, None
+            threading.Thread(target=self.pass_on, args=(client, daemon, self.rate, most), daemon=True).start()
+            threading.Thread(target=self.pass_on, args=(daemon, client, None, None), daemon=True).start()
+
+    def pass_on(self, source, to, rate, most):
+        passed = 0
+        try:
+            while most is None or passed < most:
+                data = source.recv(20000)
+                if not data:
+                    to.shutdown(socket.SHUT_WR)
+                    return
+                to.sendall(data)
+                passed += len(data)
+                if rate:
+                    time.sleep(len(data) / rate)
+            self.stalled.set()
+            self.cut.wait()
+            source.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            to.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        finally:
+            source.close()
+
+
 class Pelmobus(unittest.TestCase):
     def ends(self, result, status, stderr=None, stdout=None):
         self.assertEqual(result.returncode, status, result.stderr)
@@ -104,14 +158,16 @@ class Pelmobus(unittest.TestCase):
         self.assertLess(time.monotonic() - began, 5)
 
     def test_ends_in_order_at_a_signal_whatever_it_waits_for(self):
-        for words, said in [(["listen", "A"], b"listening on A\n"),
-                            (["answer", "A"], b"listening on A\n"),
-                            (["circuit", "accept", "A"], b"listening on A\n"),
-                            (["circuit", "connect", "A"], b""),
-                            (["bench", "listen", "--seconds", "60"], b"listening on PELMOBUS.BENCH\n"),
-                            (["send", "A", "--lines"], b""),
-                            (["send", "A", "--count=2", "--rate=0.001"], b""),
-                            (["request", "A"], b"")]:
+        unsent = rb"^pelmobus: send A: ([12]) messages not sent: Operation interrupted \(51\)\nsent [01]\n$"
+        for words, said, status, end in [
+                (["listen", "A"], b"listening on A\n", 0, b""),
+                (["answer", "A"], b"listening on A\n", 0, b""),
+                (["circuit", "accept", "A"], b"listening on A\n", 0, b""),
+                (["circuit", "connect", "A"], b"", 0, b""),
+                (["bench", "listen", "--seconds", "60"], b"listening on PELMOBUS.BENCH\n", 0, b""),
+                (["send", "A", "--lines"], b"", 0, b"sent 0\n"),
+                (["send", "A", "--count=2", "--rate=0.001"], b"", 1, unsent),
+                (["request", "A"], b"", 0, b"")]:
             for number in (signal.SIGINT, signal.SIGTERM):
                 with self.subTest(words, number=number):
                     process = start(*words, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
@@ -120,8 +176,10 @@ class Pelmobus(unittest.TestCase):
                     while not said and not self.catches(process.pid, number):
                         pass
                     process.send_signal(number)
-                    process.communicate(timeout=30)
-                    self.assertEqual(process.returncode, 0)
+                    _, err = process.communicate(timeout=30)
+                    self.assertEqual(process.returncode, status, err)
+                    if status != 0:
+                        self.assertRegex(err, end)
 
     @staticmethod
     def catches(pid, number):
@@ -395,16 +453,81 @@ class OverADaemon(unittest.TestCase):
         time.sleep(1)  # they have more to send than may wait
         for sender in senders:
             sender.send_signal(signal.SIGTERM)
-        for sender in senders:
-            self.ended(sender)
+        # What was taken and what wasn't are told, and what was taken and hasn't left.
+        _, err = senders[0].communicate(timeout=30)
+        self.assertEqual(senders[0].returncode, 1, err)
+        taken = int(re.search(rb"\nsent (\d+)\n$", err).group(1))
+        self.assertGreater(taken, 15)
+        self.assertIn(b"%d messages not sent: Operation interrupted (51)\n" % (1000000 - taken), err)
+        self.assertIn(b"not all has left: ", err)
+        self.ended(senders[1])
+
+    def test_a_send_ends_once_all_has_left(self):
+        listener = self.start("listen", "S", "--count=16000", "--quiet")
+        with Relay(self.daemon.port) as relay:
+            relay.rate = 2_000_000  # all takes longer than a close without progress may
+            self.connection = ["--daemon", "127.0.0.1:%d" % relay.port]
+            sent = self.bus("send", "S", "--count=16000", "--size=900")
+            self.assertEqual(sent.returncode, 0, sent.stderr)
+            self.assertTrue(sent.stderr.endswith(b"sent 16000\n"), sent.stderr)
+        self.ended(listener)
+
+    def test_a_send_whose_daemon_dies_as_it_ends_says_so(self):
+        for more in (100, 3000):  # the daemon's system takes all, or not
+            with self.subTest(more):
+                self.a_send_whose_daemon_dies(more)
+                self.setUp()
+
+    def a_send_whose_daemon_dies(self, more):
+        listener = self.start("listen", "D", "--count=1")
+        sender = self.start("send", "D", "--lines", stdin=subprocess.PIPE)
+        sender.stdin.write(b"first\n")
+        sender.stdin.flush()
+        self.ended(listener)
+        os.kill(self.daemon.popen.pid, signal.SIGSTOP)
+        sender.stdin.write(b"more\n" * more)
+        sender.stdin.close()
+        sender.stdin = None
+        time.sleep(1)  # all is with the daemon's system by then, and the end awaited
+        self.daemon.popen.kill()
+        _, err = sender.communicate(timeout=30)
+        self.assertEqual(sender.returncode, 1, err)
+        self.assertRegex(err, b"pelmobus: send D: (not all has left|[0-9]+ messages lost with the connection): ")
+        self.assertTrue(err.endswith(b"\nsent %d\n" % (1 + more)), err)
+
+    def test_a_break_in_a_burst_repeats_nothing(self):
+        listener = self.start("listen", "B", "--json")
+        with Relay(self.daemon.port) as relay:
+            relay.most = 1_500_000  # of the first connection
+            self.connection = ["--daemon", "127.0.0.1:%d" % relay.port]
+            sender = self.start("send", "B", "--count=60", "--size=1000000", "--sequence", "--wait")
+            relay.stalled.wait(30)
+            time.sleep(1)  # more is queued by then than may wait
+            relay.cut.set()
+            _, err = sender.communicate(timeout=60)
+        numbers = []
+        while not numbers or numbers[-1] != 60:
+            fields = json.loads(listener.stdout.readline())["fields"]
+            numbers.append([f["value"] for f in fields if f["name"] == "seq"][0])
+        self.assertEqual(numbers, sorted(set(numbers)))
+        # The gap is told.
+        self.assertLess(len(numbers), 60)
+        self.assertEqual(sender.returncode, 1, err)
+        lost = int(re.search(rb": send B: (\d+) messages lost with the connection", err).group(1))
+        self.assertAlmostEqual(len(numbers) + lost, 60, delta=5)  # what systems held is estimated
+        self.assertTrue(err.endswith(b"\nsent 60\n"), err)
 
     def test_ends_at_a_signal_while_it_connects(self):
         with socket.create_server(("127.0.0.1", 0)) as silent:
             self.connection = ["--daemon", "127.0.0.1:%d" % silent.getsockname()[1]]
-            process = self.start("send", "A")
-            with silent.accept()[0]:  # and no greeting comes
-                process.send_signal(signal.SIGINT)
-                self.assertEqual(process.wait(30), 0)
+            for words, status, said in [
+                    (["send", "A"], 1, b"pelmobus: connect: Operation interrupted (51)\nsent 0\n"),
+                    (["bench", "send", "A"], 0, b"")]:
+                process = self.start(*words)
+                with silent.accept()[0]:  # and no greeting comes
+                    process.send_signal(signal.SIGINT)
+                    _, err = process.communicate(timeout=30)
+                    self.assertEqual((process.returncode, err), (status, said))
 
 
 if __name__ == "__main__":

@@ -49,9 +49,9 @@ struct DaemonCloses : DaemonStand {
     }
 
     // Seconds until it has ended.
-    double end(Ender ender) {
-        const auto destroy = [&] { EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess); };
-        const auto close = [] { EXPECT_EQ(pelmo_Close(), kStatusSuccess); };
+    double end(Ender ender, pelmoStatus status = kStatusSuccess) {
+        const auto destroy = [&] { EXPECT_EQ(pelmoTransport_Destroy(transport), status); };
+        const auto close = [status] { EXPECT_EQ(pelmo_Close(), status); };
         const auto timed = [&](const std::function<void()>& act, bool inside) {
             if (!inside) return secondsOf(act);
             double seconds = 0;
@@ -174,12 +174,62 @@ TEST_F(DaemonCloses, GiveUpADaemonThatReadsNothing) {
         const Leftovers before = leftovers();
         ASSERT_EQ(create(daemon), kStatusSuccess);
         std::thread sending = sendUntilItFails();
-        EXPECT_LT(end(ender), kGracefulSeconds);
+        EXPECT_LT(end(ender, kStatusDeliveryFailed), kGracefulSeconds);
         EXPECT_LT(secondsOf([&] { sending.join(); }), kAtOnceSeconds);
         daemon.openGate();
         reopen(ender, before);
     }
     EXPECT_TRUE(noMemoryIsLost());
+}
+
+// A daemon that breaks off without having read all isn't a good end, however little it was.
+TEST_F(DaemonCloses, SayWhatADaemonDidNotRead) {
+    for (const Ender ender : kEnders) {
+        SCOPED_TRACE(static_cast<int>(ender));
+        MisbehavingDaemon daemon({goodSession() + gate() + pauseFor(200) + reset()});
+        const Leftovers before = leftovers();
+        ASSERT_EQ(create(daemon), kStatusSuccess);
+        EXPECT_TRUE(daemon.awaitGates(1));
+        ASSERT_EQ(sendText("A.B", "x"), kStatusSuccess);
+        daemon.openGate();
+        EXPECT_LT(end(ender, kStatusDeliveryFailed), kAtOnceSeconds);
+        reopen(ender, before);
+    }
+}
+
+// An end that its caller bounds, and what waits until then.
+TEST_F(DaemonCloses, AreBoundedByTheirCaller) {
+    MisbehavingDaemon daemon({goodSession() + gate() + hangUp()});
+    ASSERT_EQ(create(daemon), kStatusSuccess);
+    pelmoUnsent unsent = {};
+    std::thread sending = sendUntilItFails();
+    EXPECT_EQ(pelmoTransport_GetUnsent(transport, &unsent), kStatusSuccess);
+    EXPECT_GT(unsent.waitingBytes, kMostWaitingBytes);
+    EXPECT_GT(unsent.waitingMessages, kMostWaitingBytes / kPartBytes / 2);
+    EXPECT_EQ(unsent.lostMessages, 0u);
+    EXPECT_LT(secondsOf([&] {
+                  EXPECT_EQ(pelmoTransport_DestroyWithin(transport, 0), kStatusDeliveryFailed);
+              }),
+              kAtOnceSeconds);
+    sending.join();
+    daemon.openGate();
+}
+
+// What a break drops is counted, but for what the sender that meets it is to send again.
+TEST_F(DaemonCloses, CountWhatABreakLost) {
+    MisbehavingDaemon daemon({goodSession() + gate() + reset(), goodSession() + serve()});
+    ASSERT_EQ(create(daemon), kStatusSuccess);
+    const CountingListener advisories(transport, kDisconnected);
+    std::thread sending = sendUntilItFails();
+    pelmoUnsent before = {}, after = {};
+    EXPECT_EQ(pelmoTransport_GetUnsent(transport, &before), kStatusSuccess);
+    daemon.openGate();
+    EXPECT_TRUE(advisories.await(1));
+    sending.join();
+    EXPECT_EQ(pelmoTransport_GetUnsent(transport, &after), kStatusSuccess);
+    EXPECT_EQ(after.lostMessages, before.waitingMessages);
+    EXPECT_EQ(after.lostBytes, before.waitingBytes);
+    pelmoEvent_DestroyEx(advisories.event, nullptr);
 }
 
 // After a break: the next connect waits for its time, or is under way and not answered.

@@ -84,6 +84,7 @@ double seconds;
 int32_t source;
 uint32_t policy, most, discard;
 pelmoDirectTraffic traffic;
+pelmoUnsent unsent = {};
 
 pelmoStatus distribute(uint32_t id) {
     pelmoMsg* given = nullptr;
@@ -146,6 +147,7 @@ const Call kCalls[] = {
 
     ANSWER(kTransport, pelmoTransport_Send(id, place(sent, kStatusInvalidMessage))),
     ANSWER(kTransport, pelmoTransport_Sendv(id, place(&sent), 1)),
+    ANSWER(kTransport, pelmoTransport_SendvTaken(id, place(&sent), 1, &most)),
     ANSWER(kTransport, pelmoTransport_SendRequest(id, sent, place(&polled), 0)),
     ANSWER(kTransport, pelmoTransport_SendReply(id, place(sent, kStatusInvalidMessage), asked)),
     ANSWER(kTransport, distribute(id)),
@@ -165,6 +167,7 @@ const Call kCalls[] = {
     CALL(kTransport, pelmoTransport_GetNetwork(id, &name)),
     CALL(kTransport, pelmoTransport_GetDaemon(id, &name)),
     CALL(kTransport, pelmoTransport_GetDirectTraffic(id, &traffic)),
+    CALL(kTransport, pelmoTransport_GetUnsent(id, &unsent)),
     CALL(kTransport, pelmoTransport_GetDescription(id, &name)),
     CALL(kTransport, pelmoTransport_GetHttpAddress(id, &name)),
     CALL(kTransport, pelmoTransport_GetSendingWaitLimit(id, &most)),

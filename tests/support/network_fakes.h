@@ -30,6 +30,7 @@ class FakeDaemon {
   public:
     pelmoStatus createAnswer = kStatusSuccess;
     pelmoStatus answer = kStatusSuccess;   // of all other calls
+    uint32_t takenOnFailure = 0;           // of a vector
     SendLosses losses = {};                // of the next stops
     ReliableEndpoint* endpoint = nullptr;  // of the next transport
     std::function<void()> meanwhile;       // called once, before an interest is announced
@@ -84,7 +85,11 @@ class FakeDaemon {
     static pelmoStatus send(Transport* transport, pelmoMsg* message) {
         return note(transport, "send " + shownText(message));
     }
-    static pelmoStatus sendVector(Transport* transport, std::span<pelmoMsg* const> messages) {
+    static pelmoStatus sendVector(Transport* transport,
+                                  std::span<pelmoMsg* const> messages,
+                                  uint32_t* taken) {
+        *taken = current->answer == kStatusSuccess ? static_cast<uint32_t>(messages.size())
+                                                   : current->takenOnFailure;
         std::string words = "send together";
         for (pelmoMsg* message : messages) {
             words += " " + shownText(message);
@@ -178,10 +183,14 @@ class FakePeers {
         if (current->meanwhile) current->meanwhile();
         return current->answer;
     }
-    static pelmoStatus sendVector(Transport* circuit, std::span<pelmoMsg* const> messages) {
+    static pelmoStatus sendVector(Transport* circuit,
+                                  std::span<pelmoMsg* const> messages,
+                                  uint32_t* taken) {
+        *taken = 0;
         for (pelmoMsg* message : messages) {
             const pelmoStatus status = noteHeld(circuit, "together", message);
             if (status != kStatusSuccess) return status;
+            ++*taken;
         }
         return kStatusSuccess;
     }

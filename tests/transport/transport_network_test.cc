@@ -230,8 +230,28 @@ TEST_F(Network, SendsVectorsTogetherOrNotAtAll) {
     EXPECT_EQ(pelmoTransport_Sendv(id, messages, 3), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), Texts{R"(send together {text="a"} {text="b"})"});
     EXPECT_EQ(peers.taken(), Texts{R"(to 1:2 {text="direct"})"});
+    // One that can't be sent leaves none, on either road.
+    uint32_t taken = 77;
     EXPECT_EQ(pelmoTransport_Sendv(id, messages, 4), kStatusInvalidSubject);
+    EXPECT_EQ(pelmoTransport_SendvTaken(id, messages, 4, &taken), kStatusInvalidSubject);
+    EXPECT_EQ(taken, 0u);
     EXPECT_EQ(daemon.taken(), Texts{});
+    EXPECT_EQ(peers.taken(), Texts{});
+
+    // What was taken is counted in the order in which it leaves.
+    EXPECT_EQ(pelmoTransport_SendvTaken(id, messages, 3, &taken), kStatusSuccess);
+    EXPECT_EQ(taken, 3u);
+    daemon.answer = kStatusInvalidIoSource;
+    daemon.takenOnFailure = 1;
+    EXPECT_EQ(pelmoTransport_SendvTaken(id, messages, 3, &taken), kStatusInvalidIoSource);
+    EXPECT_EQ(taken, 2u);
+    daemon.answer = kStatusSuccess;
+    peers.answer = kStatusDeliveryFailed;
+    (void)daemon.taken();
+    EXPECT_EQ(pelmoTransport_SendvTaken(id, messages, 3, &taken), kStatusDeliveryFailed);
+    EXPECT_EQ(taken, 0u);
+    EXPECT_EQ(daemon.taken(), Texts{});
+    peers.answer = kStatusSuccess;
 }
 
 TEST_F(Network, SendsThroughCircuits) {

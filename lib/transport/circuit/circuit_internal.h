@@ -83,8 +83,9 @@ void circuitAttach();
     PELMO_REQUIRES(transport->header.lock);
 
 // The same for many: when one can't be wrapped, none is sent.
-[[nodiscard]] pelmoStatus vcSendVector(Transport* transport, std::span<pelmoMsg* const> messages)
-    PELMO_REQUIRES(transport->header.lock);
+[[nodiscard]] pelmoStatus vcSendVector(Transport* transport,
+                                       std::span<pelmoMsg* const> messages,
+                                       uint32_t* taken) PELMO_REQUIRES(transport->header.lock);
 
 // The envelope, which the caller releases, has the next number. A failure gives none away.
 [[nodiscard]] pelmoStatus vcWrap(Transport* transport, pelmoMsg* message, pelmoMsg** outEnvelope)

@@ -113,7 +113,10 @@ pelmoStatus vcSend(Transport* transport, pelmoMsg* message) {
     return sendBeneath(transport, envelope.get());
 }
 
-pelmoStatus vcSendVector(Transport* transport, std::span<pelmoMsg* const> messages) {
+pelmoStatus vcSendVector(Transport* transport,
+                         std::span<pelmoMsg* const> messages,
+                         uint32_t* taken) {
+    *taken = 0;
     VirtualCircuit* const circuit = transport->circuit;
     lockIsHeld(circuit);
     const Turn turn(circuit);
@@ -131,7 +134,7 @@ pelmoStatus vcSendVector(Transport* transport, std::span<pelmoMsg* const> messag
         envelopes.add(HeldMessage(made));
     }
     Id_Leave(&transport->header);
-    const pelmoStatus status = transportSendVector(transport->underlying, envelopes.all());
+    const pelmoStatus status = transportSendVector(transport->underlying, envelopes.all(), taken);
     Id_Enter(&transport->header);
     return status;
 }

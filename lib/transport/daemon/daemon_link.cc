@@ -120,36 +120,42 @@ DaemonLinkTexts textsOfLink(const DaemonLink* link) {
     return {.session = link->session, .daemon = link->specification};
 }
 
-SendLosses daemonLinkStop(Transport* transport, double /*deadline*/) {
+SendLosses daemonLinkStop(Transport* transport, double deadline) {
     DaemonLink* const link = transport->link;
     Ipq* ipq = nullptr;
     uint32_t timer = kNoId;
+    bool hasSent = false;
     {
         const LockGuard guard(link->lock);
         link->isStopped = true;
+        hasSent = link->hasSent;
         ipq = std::exchange(link->ipq, nullptr);
         timer = std::exchange(link->reconnectTimer, kNoId);
     }
     connectsInterrupt(link);
     if (timer != kNoId) linkSeams.destroyTimer(timer, nullptr);
-    if (ipq != nullptr) linkCloseQueue(ipq, true);
-    return {};
+    IpqEnd end = {.deadline = deadline};
+    if (ipq != nullptr) linkCloseQueue(ipq, true, &end);
+    return hasSent ? end.losses : SendLosses{};
 }
 
 pelmoStatus daemonLinkSend(Transport* transport, pelmoMsg* message) {
     if (!msgIsValid(message)) return kStatusInvalidMessage;
-    Ipq* const ipq = linkTakeQueue(transport->link);
+    Ipq* const ipq = linkTakeQueue(transport->link, true);
     if (ipq == nullptr) return kStatusDaemonNotConnected;
     const pelmoStatus status = linkSend(transport->link, ipq, message);
     ipqRelease(ipq);
     return status;
 }
 
-pelmoStatus daemonLinkSendVector(Transport* transport, std::span<pelmoMsg* const> messages) {
+pelmoStatus daemonLinkSendVector(Transport* transport,
+                                 std::span<pelmoMsg* const> messages,
+                                 uint32_t* taken) {
+    *taken = 0;
     if (messages.empty()) return kStatusInvalidMessage;
-    Ipq* const ipq = linkTakeQueue(transport->link);
+    Ipq* const ipq = linkTakeQueue(transport->link, true);
     if (ipq == nullptr) return kStatusDaemonNotConnected;
-    const pelmoStatus status = ipqSendVector(ipq, messages, false);
+    const pelmoStatus status = ipqSendVector(ipq, messages, false, taken);
     linkNoteSend(transport->link, ipq, status);
     ipqRelease(ipq);
     return status;
@@ -212,6 +218,14 @@ pelmoStatus daemonLinkFlush(Transport* transport) {
     return status;
 }
 
+// What a break loses is noted ahead of what waits for a new connection.
+DaemonLinkUnsent daemonLinkUnsent(Transport* transport) {
+    DaemonLink* const link = transport->link;
+    const LockGuard guard(link->lock);
+    const bool waits = link->ipq != nullptr && link->hasSent;
+    return {.waiting = waits ? ipqUnsent(link->ipq) : SendLosses{}, .lost = link->lost};
+}
+
 pelmoStatus daemonLinkSetBatchMode(Transport* transport, uint32_t mode) {
     DaemonLink* const link = transport->link;
     const LockGuard guard(link->lock);
@@ -254,6 +268,7 @@ void daemonLinkAttach() {
                      .send = daemonLinkSend,
                      .sendVector = daemonLinkSendVector,
                      .control = control,
+                     .unsent = daemonLinkUnsent,
                      .hold = daemonLinkHold,
                      .flush = daemonLinkFlush,
                      .setBatchMode = daemonLinkSetBatchMode,
@@ -267,9 +282,10 @@ void daemonLinksInterrupt() {
     connectsInterrupt(nullptr);
 }
 
-Ipq* linkTakeQueue(DaemonLink* link) {
+Ipq* linkTakeQueue(DaemonLink* link, bool sends) {
     const LockGuard guard(link->lock);
     if (link->ipq != nullptr) ipqRetain(link->ipq);
+    link->hasSent = link->hasSent || (sends && link->ipq != nullptr);
     return link->ipq;
 }
 

@@ -19,9 +19,13 @@ void onQueueGone(void* closure) {
 
 // The first who comes takes the queue off the link. One that isn't the link's yet, or whose return
 // isn't reported yet, is only marked: its connect sees to it.
-bool takeOffLocked(DaemonLink* link, const Ipq* ipq, bool isNoticed) PELMO_REQUIRES(link->lock) {
+bool takeOffLocked(DaemonLink* link, Ipq* ipq, bool isNoticed, SendLosses* losses)
+    PELMO_REQUIRES(link->lock) {
     if (link->ipq == ipq && !link->isReturning) {
         link->ipq = nullptr;
+        if (std::exchange(link->hasSent, false)) *losses = ipqUnsent(ipq);
+        link->lost.messages += losses->messages;
+        link->lost.bytes += losses->bytes;
         return true;
     }
     if (link->ipq == ipq || link->fresh.ipq == ipq) {
@@ -49,9 +53,23 @@ bool runHooks(Held<Transport>& held, HookKind kind) {
     return isAlive(held);
 }
 
-void tellDisconnect(const Transport* transport) {
-    const pelmoStatus status =
-        advisorySend(transport->header.id, "WARN", "SYSTEM", "PMD.DISCONNECTED", nullptr);
+pelmoStatus addLosses(pelmoMsg* advisory, const SendLosses& losses) {
+    if (losses.messages == 0) return kStatusSuccess;
+    const pelmoStatus status = pelmoMsg_AddU64(advisory, "messages_dropped", losses.messages, 0);
+    if (status != kStatusSuccess) return status;
+    return pelmoMsg_AddU64(advisory, "bytes_dropped", losses.bytes, 0);
+}
+
+void tellDisconnect(const Transport* transport, const SendLosses& losses) {
+    pelmoMsg* made = nullptr;
+    pelmoStatus status = advisoryCreate(&made, "WARN", "SYSTEM", "PMD.DISCONNECTED", nullptr);
+    if (status == kStatusSuccess) {
+        HeldMessage advisory(made);
+        status = addLosses(made, losses);
+        if (status == kStatusSuccess) {
+            status = transportDistribute(transport->header.id, advisory.release());
+        }
+    }
     if (status != kStatusSuccess) {
         logPrint("unable to build disconnected message: %s", pelmoStatus_GetText(status));
     }
@@ -156,21 +174,22 @@ void onReconnectTimer(uint32_t timer, pelmoMsg* /*message*/, void* closure) {
 
 }  // namespace
 
-void linkCloseQueue(Ipq* ipq, bool graceful) {
-    ipqClose(ipq, graceful, onQueueGone);
+void linkCloseQueue(Ipq* ipq, bool graceful, IpqEnd* end) {
+    ipqClose(ipq, graceful, onQueueGone, end);
 }
 
 void linkBreak(DaemonLink* link, Ipq* ipq, bool isNoticed) {
+    SendLosses losses = {};
     {
         const LockGuard guard(link->lock);
-        if (!takeOffLocked(link, ipq, isNoticed)) return;
+        if (!takeOffLocked(link, ipq, isNoticed, &losses)) return;
     }
     // The caller's reference to the transport may be the queue's own.
     Held<Transport> held;
     held.share(link->transport);
-    linkCloseQueue(ipq, false);
+    linkCloseQueue(ipq, false, nullptr);
     if (!isAlive(held) || !runHooks(held, kHookDisconnect)) return;
-    if (isNoticed) tellDisconnect(held.get());
+    if (isNoticed) tellDisconnect(held.get(), losses);
     const pelmoStatus status = armForBreak(link);
     if (status != kStatusSuccess) {
         logPrint("unable to set reconnect timer: %s.", pelmoStatus_GetText(status));

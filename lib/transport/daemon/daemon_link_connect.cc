@@ -319,7 +319,7 @@ pelmoStatus linkConnect(DaemonLink* link, bool resume, bool isFirst) {
     Id_Leave(&link->transport->header);
     endFresh(link);
     if (hasCallbacks) {
-        linkCloseQueue(ipq, false);
+        linkCloseQueue(ipq, false, nullptr);
     } else if (ipq != nullptr) {
         ipqClose(ipq, false, nullptr);
     }

@@ -13,6 +13,7 @@
 
 struct Dpa;
 struct Ipq;
+struct IpqEnd;
 
 inline constexpr size_t kUserNameBytes = 64;
 
@@ -47,7 +48,9 @@ struct DaemonLink {
     char session[kMostSessionChars + 1];
 
     Lock lock;
-    Ipq* ipq PELMO_GUARDED_BY(lock);  // null: no connection
+    Ipq* ipq PELMO_GUARDED_BY(lock);         // null: no connection
+    bool hasSent PELMO_GUARDED_BY(lock);     // by it, for the application
+    SendLosses lost PELMO_GUARDED_BY(lock);  // by breaks
     FreshConnection fresh PELMO_GUARDED_BY(lock);
     bool isReturning PELMO_GUARDED_BY(lock);  // a break waits until the return is reported
     bool isStopped PELMO_GUARDED_BY(lock);
@@ -57,8 +60,9 @@ struct DaemonLink {
     QueueSettings queueSettings PELMO_GUARDED_BY(lock);
 };
 
-// The link's queue with a reference, or null.
-[[nodiscard]] Ipq* linkTakeQueue(DaemonLink* link);
+// The link's queue with a reference, or null. `sends`: something of the application's, whose loss
+// is told.
+[[nodiscard]] Ipq* linkTakeQueue(DaemonLink* link, bool sends = false);
 
 [[nodiscard]] bool linkIsStopped(DaemonLink* link);
 
@@ -92,4 +96,4 @@ void linkNoteSend(DaemonLink* link, Ipq* ipq, pelmoStatus status);
 void linkBreak(DaemonLink* link, Ipq* ipq, bool isNoticed);
 
 // Closes a queue that is no link's any more.
-void linkCloseQueue(Ipq* ipq, bool graceful);
+void linkCloseQueue(Ipq* ipq, bool graceful, IpqEnd* end);

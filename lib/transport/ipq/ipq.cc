@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <new>
@@ -20,7 +21,6 @@
 namespace {
 
 constexpr double kKeepAliveSeconds = 60.0;
-constexpr uint32_t kThrownAwayBytes = 4096;  // at a time
 
 // Creating
 
@@ -122,32 +122,6 @@ pelmoStatus startKeepAliveLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
     return ipqStartTimerLocked(ipq, &ipq->keepAliveTimer, onKeepAliveTimer, kKeepAliveSeconds);
 }
 
-// Closing
-
-void throwAwayReads(Socket* socket, double deadline) {
-    uint8_t bytes[kThrownAwayBytes];
-    uint32_t got;
-    while (clockSteadySeconds() < deadline &&
-           socketRead(socket, bytes, sizeof(bytes), &got) == kSocketDone) {
-    }
-}
-
-// With the lock released: the queue has closed, so nobody else writes.
-void closeGracefully(Ipq* ipq) {
-    const double deadline = clockSteadySeconds() + kGracefulCloseSeconds;
-    socketSetMode(ipq->socket, SocketMode::kBlocking);
-    socketSetDeadline(ipq->socket, deadline);
-    if (ipqWriteLast(ipq, deadline)) throwAwayReads(ipq->socket, deadline);
-}
-
-void endLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    ipq->isOpen = false;
-    ipqDisarmReadLocked(ipq);
-    ipqDisarmLocked(ipq);
-    ipqEndTimerLocked(ipq, &ipq->keepAliveTimer);
-    Cond_Broadcast(&ipq->writerWakeup);
-}
-
 }  // namespace
 
 void ipqHandlerGone(void* ipq) {
@@ -173,9 +147,19 @@ void ipqEndTimerLocked(Ipq* ipq, uint32_t* timer) {
     if (pelmoEvent_DestroyEx(ended, onTimerGone) != kStatusSuccess) ipqRelease(ipq);
 }
 
+void ipqEndLocked(Ipq* ipq) {
+    ipq->isOpen = false;
+    ipqDisarmReadLocked(ipq);
+    ipqDisarmLocked(ipq);
+    ipqEndTimerLocked(ipq, &ipq->keepAliveTimer);
+    Cond_Broadcast(&ipq->writerWakeup);
+}
+
 void ipqLoseLocked(Ipq* ipq) {
     if (ipq->isLost) return;
     ipq->isLost = true;
+    ipq->leftAtLoss = ipq->added - std::min<uint64_t>(ipq->added, writeQueueUnsent(&ipq->queue));
+    ipqNoteLossesLocked(ipq);
     writeQueueClear(&ipq->queue);
     ipqDisarmLocked(ipq);
     Cond_Broadcast(&ipq->writerWakeup);
@@ -233,25 +217,6 @@ void ipqRetain(Ipq* ipq) {
 
 void ipqRelease(Ipq* ipq) {
     if (ipq->references.fetch_sub(1, std::memory_order_acq_rel) == 1) destruct(ipq);
-}
-
-pelmoStatus ipqClose(Ipq* ipq, bool graceful, IpqCloseCallback callback) {
-    {
-        const LockGuard guard(ipq->lock);
-        if (!ipq->isOpen) return kStatusInvalidArgument;
-        ipq->closeCallback = callback;
-        endLocked(ipq);
-        graceful = graceful && !ipq->isLost;
-    }
-    if (graceful) closeGracefully(ipq);
-    // Ends a read that is under way on another thread.
-    socketInterrupt(ipq->socket);
-    {
-        const LockGuard guard(ipq->lock);
-        accountClose(&ipq->accounting, ipq->written, ipq->read);
-    }
-    ipqRelease(ipq);
-    return kStatusSuccess;
 }
 
 pelmoStatus ipqResume(Ipq* ipq) {

@@ -22,15 +22,14 @@
 // and error callbacks on the thread of the queue's socket events, producer and error callbacks on
 // the timer thread too. A callback may call any function of this module.
 //
-// Waits: a writer waits for room (ipqSetBlockWhenFull) with the lock released, and never within a
-// callback of any queue, since the same thread has to make the room, nor elsewhere on a thread that
-// bears a mark (lib/runtime/no_wait.h). There the message is queued
-// all the same: a callback adds what one read brings, and who passes messages on pauses reading
-// while much waits. Calls in blocking mode wait for the connection, and
-// a write does so with the lock held; ipqInterrupt ends them.
+// Waits: a writer waits for room (ipqSetBlockWhenFull) with the lock released, and only on a thread
+// that may (lib/runtime/no_wait.h). Elsewhere the message is queued all the same: a callback adds
+// what one read brings, and who passes messages on pauses reading while much waits. Calls in
+// blocking mode wait for the connection, and a write does so with the lock held; ipqInterrupt ends
+// them.
 //
-// Time-outs: the graceful close takes at most kGracefulCloseSeconds. A connection on which nothing
-// moved for 60 seconds gets a keep-alive of 8 bytes.
+// Time-outs: the graceful close gives up once no byte has left for kGracefulCloseSeconds. A
+// connection on which nothing moved for 60 seconds gets a keep-alive of 8 bytes.
 //
 // Environment: IPQ_ACCOUNTING, a decimal number whose bits print to the standard output stream: 1 a
 // summary at close, 2 the sizes of reads, 4 those of writes.
@@ -38,9 +37,11 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <span>
 
 #include "lib/base/status.h"
+#include "lib/runtime/send_losses.h"
 #include "lib/transport/ipq/hello.h"
 #include "lib/transport/ipq/ipq_statistics.h"
 
@@ -76,11 +77,20 @@ using IpqProducerCallback = void (*)(Ipq* ipq,
                                     uint32_t queueId,
                                     Socket* socket);
 
+inline constexpr double kNoDeadline = std::numeric_limits<double>::infinity();
+
+// When a graceful close gives up at the latest, by clockSteadySeconds; and what the end has lost.
+struct IpqEnd {
+    double deadline = kNoDeadline;
+    SendLosses losses = {};
+};
+
 // Ends it: nothing is read, sent or told afterwards, and writers that wait return. Graceful: what
 // waits is written first, then the close notice, and the peer's end is awaited on the caller's
-// thread; ipqInterrupt ends that. `callback` (may be null) runs when the last reference has gone.
-// kStatusInvalidArgument for one that is closed.
-pelmoStatus ipqClose(Ipq* ipq, bool graceful, IpqCloseCallback callback);
+// thread; ipqInterrupt ends that. Only an end in order confirms that the peer has read all.
+// `callback` (may be null) runs when the last reference has gone. `end` may be null; its losses are
+// always set. kStatusInvalidArgument for one that is closed.
+pelmoStatus ipqClose(Ipq* ipq, bool graceful, IpqCloseCallback callback, IpqEnd* end = nullptr);
 
 void ipqRetain(Ipq* ipq);
 void ipqRelease(Ipq* ipq);
@@ -91,13 +101,23 @@ void ipqRelease(Ipq* ipq);
 [[nodiscard]] pelmoStatus ipqSend(Ipq* ipq, pelmoMsg* message, bool urgent);
 
 // In order, as one batch; messages that lie one behind the other in one buffer are queued as one.
-// Ends at the first failure.
-[[nodiscard]] pelmoStatus ipqSendVector(Ipq* ipq, std::span<pelmoMsg* const> messages, bool urgent);
+// All are looked at before the first is queued: kStatusInvalidMessage and kStatusInvalidSize leave
+// none. A later failure, by memory or a lost connection, ends it where it stands. `*taken` (may be
+// null) is then how many of the first messages may have left: they are never to be sent again, and
+// none of the others has left whole. On success it is all of them.
+[[nodiscard]] pelmoStatus ipqSendVector(Ipq* ipq,
+                                        std::span<pelmoMsg* const> messages,
+                                        bool urgent,
+                                        uint32_t* taken = nullptr);
 
-// A batch: between the two, messages are queued, and written only where more waits than one send
-// takes. Holds nest; the last flush writes the rest.
+// Between the two, messages are queued, and written only where more waits than the wait limit.
+// Holds nest; the last flush writes the rest.
 pelmoStatus ipqHold(Ipq* ipq);
 pelmoStatus ipqFlush(Ipq* ipq);
+
+// The same, but what fills one send is written at once.
+pelmoStatus ipqBeginBatch(Ipq* ipq);
+pelmoStatus ipqEndBatch(Ipq* ipq);
 
 // 1: small messages wait up to 25 ms for others. kStatusNotPermitted for switching it off again.
 pelmoStatus ipqSetBatchMode(Ipq* ipq, uint32_t mode);
@@ -166,6 +186,11 @@ struct IpqBacklog {
     uint64_t unfinishedBytes;  // of memory, for the message that is being read
 };
 [[nodiscard]] IpqBacklog ipqBacklog(Ipq* ipq);
+
+// What waits, and what the peer's system hasn't confirmed: lost if the connection broke now. Once
+// it is lost or closed, what that has lost. Of what the system holds the number of messages is an
+// estimate by their average size.
+[[nodiscard]] SendLosses ipqUnsent(Ipq* ipq);
 
 [[nodiscard]] IpqStatistics ipqReadStatistics(Ipq* ipq);
 [[nodiscard]] IpqStatistics ipqWriteStatistics(Ipq* ipq);

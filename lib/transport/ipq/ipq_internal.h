@@ -1,5 +1,5 @@
 // The record of an inter-process queue, and what its sources call of each other: ipq.cc (life,
-// settings, timers), ipq_write.cc and ipq_read.cc.
+// settings, timers), ipq_write.cc, ipq_read.cc and ipq_close.cc.
 
 #pragma once
 
@@ -14,6 +14,13 @@
 #include "lib/transport/socket/socket.h"
 
 struct Dpa;
+
+// A send under way, on the stack of its thread.
+struct IpqAdding {
+    uint64_t before;  // Ipq::added as it began
+    uint32_t count;   // messages that it has added
+    IpqAdding* next;
+};
 
 struct Ipq {
     // Constant after creation.
@@ -41,7 +48,8 @@ struct Ipq {
     WriteQueue queue PELMO_GUARDED_BY(lock);
     double now PELMO_GUARDED_BY(lock);  // the clock as it was last read; half a second old at most
                                         // while something waits
-    uint32_t holds PELMO_GUARDED_BY(lock);  // batches under way
+    uint32_t holds PELMO_GUARDED_BY(lock);    // by ipqHold, under way
+    uint32_t batches PELMO_GUARDED_BY(lock);  // by ipqBeginBatch and vector sends, under way
     bool isBatching PELMO_GUARDED_BY(lock);
     bool writeIsArmed PELMO_GUARDED_BY(lock);    // the socket tells when it takes more
     uint32_t flushTimer PELMO_GUARDED_BY(lock);  // both go once nothing waits when they fire
@@ -50,6 +58,12 @@ struct Ipq {
     uint32_t waitLimit PELMO_GUARDED_BY(lock);
     uint32_t writersWaiting PELMO_GUARDED_BY(lock);
     IpqStatistics written PELMO_GUARDED_BY(lock);
+    uint64_t trailingBytes
+        PELMO_GUARDED_BY(lock);                  // of keep-alives behind the last message written
+    uint64_t added PELMO_GUARDED_BY(lock);       // messages, ever
+    uint64_t leftAtLoss PELMO_GUARDED_BY(lock);  // of those, the first ones that may have left
+    SendLosses losses PELMO_GUARDED_BY(lock);    // once lost or closed
+    IpqAdding* adding PELMO_GUARDED_BY(lock);    // the sends under way
 
     // Reading
     bool readIsArmed PELMO_GUARDED_BY(lock);  // the socket tells when there are bytes
@@ -87,6 +101,18 @@ pelmoStatus ipqStartTimerLocked(Ipq* ipq,
                                 double seconds) PELMO_REQUIRES(ipq->lock);
 void ipqEndTimerLocked(Ipq* ipq, uint32_t* timer) PELMO_REQUIRES(ipq->lock);
 
+// Ends all that reads, writes and waits.
+void ipqEndLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
+
+// How many of a send's messages may have left. Other threads may have added theirs between, while
+// one of it waited for room: then the answer errs towards more.
+[[nodiscard]] uint32_t ipqLeftOfLocked(const Ipq* ipq, const IpqAdding& adding)
+    PELMO_REQUIRES(ipq->lock);
+
+// Notes what waits, and what the peer's system hasn't confirmed, as lost; but for what the sends
+// under way answer themselves.
+void ipqNoteLossesLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
+
 // Nothing can be sent any more: what waits is dropped, writers that wait return, and whoever reads
 // comes to the end of the stream behind what has arrived.
 void ipqLoseLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
@@ -109,9 +135,10 @@ void ipqDisarmLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 // Starts the age check where one is wanted and something waits.
 void ipqWatchAgeLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
-// All that waits and the close notice, in blocking mode, until the time is there. False where that
-// failed. The queue is closed, and the caller the only one to use it.
-[[nodiscard]] bool ipqWriteLast(Ipq* ipq, double deadline);
+// Writes what can go now of all that waits and the close notice; `*isDone` once that is written,
+// too. False where the connection is lost. The queue is closed, and the caller the only one to use
+// it.
+[[nodiscard]] bool ipqWriteLast(Ipq* ipq, bool* isDone);
 
 // The close notice, where nothing waits ahead of it.
 [[nodiscard]] bool ipqSendNotice(Ipq* ipq);

@@ -7,7 +7,6 @@
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_internal.h"
 #include "lib/runtime/fixed_ids_internal.h"
-#include "lib/runtime/library.h"
 #include "lib/runtime/no_wait.h"
 #include "lib/transport/ipq/ipq_internal.h"
 
@@ -26,6 +25,7 @@ constexpr uint8_t kCloseNotice[kMessageHeadBytes] = {};
 // One send
 
 void noteSendLocked(Ipq* ipq, uint32_t asked, uint32_t sent) PELMO_REQUIRES(ipq->lock) {
+    ipq->trailingBytes = ipq->queue.messages == 0 ? ipq->trailingBytes + sent : 0;
     const WriteProgress progress = writeQueueAdvance(&ipq->queue, sent);
     ipq->written.bytes += sent;
     ipq->written.messages += progress.messages;
@@ -102,10 +102,8 @@ pelmoStatus usableLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
     return ipq->isLost ? kStatusInvalidIoSource : kStatusSuccess;
 }
 
-// Handlers don't wait here: those of sockets have to make the room, and those of timers would keep
-// all other timers waiting.
 pelmoStatus awaitRoomLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    while (ipq->blocksWhenFull && !hasRoomLocked(ipq) && libraryIsOpen() && threadMayWait()) {
+    while (ipq->blocksWhenFull && !hasRoomLocked(ipq) && threadMayWait()) {
         armLocked(ipq);
         ++ipq->writersWaiting;
         (void)Cond_TimedWait(&ipq->writerWakeup, &ipq->lock, kWaitStepSeconds);
@@ -178,23 +176,41 @@ void onAgeTimer(uint32_t timer, pelmoMsg*, void* closure) {
 
 // While nothing makes the clock known, a record's time is set when it has to wait.
 double timeOfAddLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    const bool isKnown = ipq->holds != 0 || !writeQueueIsEmpty(&ipq->queue);
+    const bool isKnown = ipq->holds != 0 || ipq->batches != 0 || !writeQueueIsEmpty(&ipq->queue);
     return isKnown ? ipq->now : kWriteTimeUnknown;
 }
 
-pelmoStatus addLocked(Ipq* ipq, const WritePiece& piece) PELMO_REQUIRES(ipq->lock) {
+void enterLocked(Ipq* ipq, IpqAdding* adding) PELMO_REQUIRES(ipq->lock) {
+    *adding = {.before = ipq->added, .count = 0, .next = ipq->adding};
+    ipq->adding = adding;
+}
+
+void leaveLocked(Ipq* ipq, const IpqAdding* adding) PELMO_REQUIRES(ipq->lock) {
+    IpqAdding** place = &ipq->adding;
+    while (*place != adding)
+        place = &(*place)->next;
+    *place = adding->next;
+}
+
+pelmoStatus addLocked(Ipq* ipq, const WritePiece& piece, IpqAdding* adding)
+    PELMO_REQUIRES(ipq->lock) {
     pelmoStatus status = usableLocked(ipq);
     if (status == kStatusSuccess && ipq->blocksWhenFull) status = awaitRoomLocked(ipq);
     if (status != kStatusSuccess) return status;
-    return writeQueueAdd(&ipq->queue, piece, timeOfAddLocked(ipq));
+    status = writeQueueAdd(&ipq->queue, piece, timeOfAddLocked(ipq));
+    if (status != kStatusSuccess) return status;
+    ipq->added += piece.count;
+    adding->count += piece.count;
+    return status;
 }
 
 // What was added goes at once, unless something holds it back.
 pelmoStatus writeAddedLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
     if (ipq->isBlocking) return ipqWriteLocked(ipq);
     if (ipq->writeIsArmed) return kStatusSuccess;
+    if (ipq->holds != 0 && hasRoomLocked(ipq)) return kStatusSuccess;
     if (writeQueueBytes(&ipq->queue) >= kMostSendBytes) return ipqWriteLocked(ipq);
-    if (ipq->holds != 0) return kStatusSuccess;
+    if (ipq->batches != 0) return kStatusSuccess;
     return ipq->isBatching ? awaitMoreLocked(ipq) : ipqWriteLocked(ipq);
 }
 
@@ -216,7 +232,8 @@ bool extends(const WritePiece& piece, const WritePiece& next) {
 
 using Messages = std::span<pelmoMsg* const>;
 
-pelmoStatus addInOrderLocked(Ipq* ipq, Messages messages) PELMO_REQUIRES(ipq->lock) {
+pelmoStatus addInOrderLocked(Ipq* ipq, Messages messages, IpqAdding* adding)
+    PELMO_REQUIRES(ipq->lock) {
     WritePiece piece = {};
     pelmoStatus status = kStatusSuccess;
     for (pelmoMsg* const message : messages) {
@@ -229,20 +246,21 @@ pelmoStatus addInOrderLocked(Ipq* ipq, Messages messages) PELMO_REQUIRES(ipq->lo
             continue;
         }
         const WritePiece whole = std::exchange(piece, next);
-        if (whole.count != 0) status = addLocked(ipq, whole);
+        if (whole.count != 0) status = addLocked(ipq, whole, adding);
         if (status != kStatusSuccess) return status;
     }
-    const pelmoStatus last = piece.count != 0 ? addLocked(ipq, piece) : kStatusSuccess;
+    const pelmoStatus last = piece.count != 0 ? addLocked(ipq, piece, adding) : kStatusSuccess;
     return last != kStatusSuccess ? last : status;
 }
 
 // Each urgent message passes those that wait, so the last one goes first; but for the first one of
 // all, which is written ahead of them where nothing waits.
-pelmoStatus addUrgentLocked(Ipq* ipq, Messages messages) PELMO_REQUIRES(ipq->lock) {
-    const auto add = [ipq](pelmoMsg* message) PELMO_REQUIRES(ipq->lock) {
+pelmoStatus addUrgentLocked(Ipq* ipq, Messages messages, IpqAdding* adding)
+    PELMO_REQUIRES(ipq->lock) {
+    const auto add = [ipq, adding](pelmoMsg* message) PELMO_REQUIRES(ipq->lock) {
         WritePiece piece;
         const pelmoStatus status = pieceOf(&piece, ipq, message, true);
-        return status == kStatusSuccess ? addLocked(ipq, piece) : status;
+        return status == kStatusSuccess ? addLocked(ipq, piece, adding) : status;
     };
     pelmoStatus status = kStatusSuccess;
     if (writeQueueIsEmpty(&ipq->queue)) {
@@ -256,8 +274,36 @@ pelmoStatus addUrgentLocked(Ipq* ipq, Messages messages) PELMO_REQUIRES(ipq->loc
     return status;
 }
 
-void beginBatchLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    if (ipq->holds++ == 0) readClockLocked(ipq);
+pelmoStatus beginLocked(Ipq* ipq, uint32_t* depth) PELMO_REQUIRES(ipq->lock) {
+    if (!ipq->isOpen) return kStatusDaemonNotConnected;
+    if (ipq->holds == 0 && ipq->batches == 0) readClockLocked(ipq);
+    ++*depth;
+    return kStatusSuccess;
+}
+
+pelmoStatus endLocked(Ipq* ipq, uint32_t* depth) PELMO_REQUIRES(ipq->lock) {
+    const pelmoStatus status = usableLocked(ipq);
+    if (*depth != 0) --*depth;
+    const bool goesOn = ipq->holds != 0 || ipq->batches != 0 || ipq->writeIsArmed;
+    return status != kStatusSuccess || goesOn ? status : ipqWriteLocked(ipq);
+}
+
+// All of them can be queued.
+pelmoStatus checkAll(const Ipq* ipq, Messages messages) {
+    pelmoStatus status = kStatusSuccess;
+    for (pelmoMsg* const message : messages) {
+        WritePiece piece;
+        status = pieceOf(&piece, ipq, message, false);
+        if (status != kStatusSuccess) break;
+    }
+    return status;
+}
+
+// A part of it breaks the stream.
+SocketCode sendNotice(Ipq* ipq) {
+    uint32_t sent = 0;
+    const SocketCode code = socketWrite(ipq->socket, kCloseNotice, sizeof(kCloseNotice), &sent);
+    return code == kSocketDone && sent != sizeof(kCloseNotice) ? kSocketOtherError : code;
 }
 
 }  // namespace
@@ -300,18 +346,25 @@ void ipqWatchAgeLocked(Ipq* ipq) {
     (void)ipqStartTimerLocked(ipq, &ipq->ageTimer, onAgeTimer, kAgeCheckSeconds);
 }
 
-bool ipqWriteLast(Ipq* ipq, double deadline) PELMO_UNCHECKED_LOCKING {  // nobody else uses it
-    while (!writeQueueIsEmpty(&ipq->queue)) {
-        if (clockSteadySeconds() >= deadline) return false;
-        if (sendSomeLocked(ipq, kMostSendBytes).code != kSocketDone) return false;
+bool ipqWriteLast(Ipq* ipq, bool* isDone) PELMO_UNCHECKED_LOCKING {  // nobody else uses it
+    uint32_t mostBytes = kMostSendBytes;
+    SocketCode code = kSocketDone;
+    for (uint32_t sends = 0; sends < kMostSendsOfCall && !writeQueueIsEmpty(&ipq->queue); ++sends) {
+        code = sendSomeLocked(ipq, mostBytes).code;
+        if (code == kSocketNoBuffers && mostBytes > kScarceSendBytes) {
+            mostBytes = kScarceSendBytes;
+        } else if (code != kSocketDone) {
+            return code == kSocketWouldBlock || code == kSocketNoBuffers;
+        }
     }
-    return ipqSendNotice(ipq);
+    if (!writeQueueIsEmpty(&ipq->queue)) return true;
+    code = sendNotice(ipq);
+    *isDone = code == kSocketDone;
+    return *isDone || code == kSocketWouldBlock || code == kSocketNoBuffers;
 }
 
 bool ipqSendNotice(Ipq* ipq) {
-    uint32_t sent = 0;
-    return socketWrite(ipq->socket, kCloseNotice, sizeof(kCloseNotice), &sent) == kSocketDone &&
-           sent == sizeof(kCloseNotice);
+    return sendNotice(ipq) == kSocketDone;
 }
 
 pelmoStatus ipqSend(Ipq* ipq, pelmoMsg* message, bool urgent) {
@@ -319,35 +372,58 @@ pelmoStatus ipqSend(Ipq* ipq, pelmoMsg* message, bool urgent) {
     pelmoStatus status = pieceOf(&piece, ipq, message, urgent);
     if (status != kStatusSuccess) return status;
     const LockGuard guard(ipq->lock);
-    status = addLocked(ipq, piece);
-    return status == kStatusSuccess ? writeAddedLocked(ipq) : status;
+    IpqAdding adding;
+    enterLocked(ipq, &adding);
+    status = addLocked(ipq, piece, &adding);
+    if (status == kStatusSuccess) status = writeAddedLocked(ipq);
+    leaveLocked(ipq, &adding);
+    return status;
 }
 
-pelmoStatus ipqSendVector(Ipq* ipq, std::span<pelmoMsg* const> messages, bool urgent) {
+pelmoStatus ipqSendVector(Ipq* ipq,
+                          std::span<pelmoMsg* const> messages,
+                          bool urgent,
+                          uint32_t* taken) {
+    uint32_t ignored;
+    if (taken == nullptr) taken = &ignored;
+    *taken = 0;
     if (messages.empty()) return kStatusSuccess;
-    const LockGuard guard(ipq->lock);
-    pelmoStatus status = usableLocked(ipq);
+    pelmoStatus status = checkAll(ipq, messages);
     if (status != kStatusSuccess) return status;
-    beginBatchLocked(ipq);
-    status = urgent ? addUrgentLocked(ipq, messages) : addInOrderLocked(ipq, messages);
-    --ipq->holds;
+    const LockGuard guard(ipq->lock);
+    status = usableLocked(ipq);
+    if (status == kStatusSuccess) status = beginLocked(ipq, &ipq->batches);
+    if (status != kStatusSuccess) return status;
+    IpqAdding adding;
+    enterLocked(ipq, &adding);
+    status =
+        urgent ? addUrgentLocked(ipq, messages, &adding) : addInOrderLocked(ipq, messages, &adding);
+    --ipq->batches;
     // What came ahead of a failure goes all the same.
     const bool isUsable = usableLocked(ipq) == kStatusSuccess;
     const pelmoStatus written = isUsable ? writeAddedLocked(ipq) : kStatusSuccess;
-    return status != kStatusSuccess ? status : written;
+    if (status == kStatusSuccess) status = written;
+    leaveLocked(ipq, &adding);
+    *taken = status == kStatusSuccess ? adding.count : ipqLeftOfLocked(ipq, adding);
+    return status;
 }
 
 pelmoStatus ipqHold(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    if (!ipq->isOpen) return kStatusDaemonNotConnected;
-    beginBatchLocked(ipq);
-    return kStatusSuccess;
+    return beginLocked(ipq, &ipq->holds);
 }
 
 pelmoStatus ipqFlush(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    const pelmoStatus status = usableLocked(ipq);
-    if (ipq->holds != 0) --ipq->holds;
-    if (status != kStatusSuccess || ipq->holds != 0 || ipq->writeIsArmed) return status;
-    return ipqWriteLocked(ipq);
+    return endLocked(ipq, &ipq->holds);
+}
+
+pelmoStatus ipqBeginBatch(Ipq* ipq) {
+    const LockGuard guard(ipq->lock);
+    return beginLocked(ipq, &ipq->batches);
+}
+
+pelmoStatus ipqEndBatch(Ipq* ipq) {
+    const LockGuard guard(ipq->lock);
+    return endLocked(ipq, &ipq->batches);
 }

@@ -69,6 +69,7 @@ void trimRing(WriteQueue* queue) {
 // The first record of the ring is written next.
 void promoteFirst(WriteQueue* queue) {
     queue->current.start = queue->current.end = 0;
+    queue->currentIsBegun = false;
     if (ringCount(queue) == 0) return;
     auto* const first = static_cast<WriteRecord*>(EntryRing_PopFront(queue->ring));
     queue->ringBytes -= bytesOf(first);
@@ -238,6 +239,12 @@ void writeQueueClear(WriteQueue* queue) {
     EntryRing_Destroy(std::exchange(queue->ring, nullptr));
     if (!writeQueueIsEmpty(queue)) releaseBuffer(queue, &queue->current);
     queue->current = {};
+    queue->currentIsBegun = false;
+}
+
+uint32_t writeQueueUnsent(const WriteQueue* queue) {
+    const uint32_t whole = queue->currentIsBegun ? queue->current.count : 0;
+    return queue->messages - whole + (whole != 0 ? 1 : 0);
 }
 
 pelmoStatus writeQueueAdd(WriteQueue* queue, const WritePiece& piece, double now) {
@@ -273,6 +280,7 @@ WriteProgress writeQueueAdvance(WriteQueue* queue, uint32_t bytes) {
         const uint32_t left = bytesOf(current);
         if (bytes < left) {
             current->start += bytes;
+            queue->currentIsBegun = true;
             progress.endsWithin = true;
             break;
         }

@@ -57,6 +57,8 @@ struct WriteQueue {
     uint32_t messages;
     uint64_t ringBytes;    // without `current`
     uint64_t bufferBytes;  // of the buffers of all records
+
+    bool currentIsBegun;  // some of its bytes are sent
 };
 
 // Messages that lie one behind the other in a buffer.
@@ -99,6 +101,10 @@ void writeQueueClear(WriteQueue* queue);
 [[nodiscard]] inline uint64_t writeQueueBytes(const WriteQueue* queue) {
     return queue->ringBytes + (queue->current.end - queue->current.start);
 }
+
+// How many of the last messages certainly haven't left whole: all, but of a record that is partly
+// sent only the last one.
+[[nodiscard]] uint32_t writeQueueUnsent(const WriteQueue* queue);
 
 // A message that isn't urgent and not above kSmallMessageBytes joins the tail where that is small,
 // or has room in a buffer of its own. Urgent pieces pass each other, too.

@@ -14,7 +14,6 @@
 #include "lib/base/cond.h"
 #include "lib/base/lock.h"
 #include "lib/runtime/event.h"
-#include "lib/runtime/event_manager.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/id.h"
 #include "lib/runtime/library.h"
@@ -346,15 +345,10 @@ Cond* waiterLocked(ReliableConnection* connection) {
     return static_cast<Cond*>(waiter);
 }
 
-// The event manager's threads have to make the room.
-bool mayWait() {
-    return libraryIsOpen() && threadMayWait() && !EventManager_IsOwnThread();
-}
-
 // Lets go of the connection.
 pelmoStatus awaitRoom(ReliableEndpoint* endpoint, ReliableConnection* connection) {
     const LockGuard guard(endpoint->lock);
-    while (!connectionIsClosed(connection) && !connectionHasRoom(connection) && mayWait()) {
+    while (!connectionIsClosed(connection) && !connectionHasRoom(connection) && threadMayWait()) {
         Cond* const waiter = waiterLocked(connection);
         if (waiter == nullptr) break;
         (void)Cond_TimedWait(waiter, &endpoint->lock, kWaitStepSeconds);

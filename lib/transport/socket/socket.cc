@@ -1,7 +1,9 @@
 #include "lib/transport/socket/socket.h"
 
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -214,6 +216,21 @@ uint16_t socketPeerPort(Socket* socket) {
 uint16_t socketBoundPort(Socket* socket) {
     const LockGuard guard(socket->lock);
     return socket->boundPort;
+}
+
+uint32_t socketUnconfirmedBytes(Socket* socket) {
+    const LockGuard guard(socket->lock);
+    int bytes = 0;
+    if (ioctl(socket->handle, SIOCOUTQ, &bytes) != 0 || bytes < 0) return 0;
+    return static_cast<uint32_t>(bytes);
+}
+
+bool socketPeerHasEnded(Socket* socket) {
+    const LockGuard guard(socket->lock);
+    tcp_info info = {};
+    socklen_t size = sizeof info;
+    return getsockopt(socket->handle, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+           info.tcpi_state == TCP_CLOSE_WAIT;
 }
 
 int socketHandle(Socket* socket) {

@@ -151,6 +151,13 @@ pelmoStatus socketCancelWritable(Socket* socket, SocketDone done);
 [[nodiscard]] uint16_t socketPeerPort(Socket* socket);
 [[nodiscard]] uint16_t socketBoundPort(Socket* socket);
 
+// Bytes that were written and that the peer's system hasn't confirmed; also of a connection that is
+// lost. 0 for a socket that is closed.
+[[nodiscard]] uint32_t socketUnconfirmedBytes(Socket* socket);
+
+// Has the peer ended its side in order, and broken nothing off?
+[[nodiscard]] bool socketPeerHasEnded(Socket* socket);
+
 // The handle, for polls of one's own; valid while the socket isn't closed.
 [[nodiscard]] int socketHandle(Socket* socket);
 

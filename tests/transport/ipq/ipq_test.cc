@@ -126,6 +126,11 @@ struct StandingQueue : testing::Test {
         while (stand.fire(seconds) != 0)
             dispatchAll(kTimerQueueId);
     }
+    void resetPeer() {
+        const linger atOnce = {.l_onoff = 1, .l_linger = 0};
+        setsockopt(peer.number(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
+        peer = OwnHandle();
+    }
     // What the peer has got, with passes meanwhile.
     std::string received(size_t atLeast = 0) const {
         std::string all;
@@ -193,6 +198,29 @@ TEST_F(StandingQueue, HoldsBackAndFlushes) {
     EXPECT_EQ(ipqBacklog(ipq).bufferBytes, 0u);
     EXPECT_EQ(received(), unit + unit + unit);
 
+    // A batch writes what fills a send; a hold what is above the wait limit.
+    const std::string full = streamUnit(0x20000, 'f');
+    ASSERT_EQ(ipqBeginBatch(ipq), kStatusSuccess);
+    ASSERT_EQ(send(unit), kStatusSuccess);
+    EXPECT_EQ(received(), "");
+    ASSERT_EQ(ipqHold(ipq), kStatusSuccess);
+    ASSERT_EQ(send(full), kStatusSuccess);
+    EXPECT_EQ(received(), "");
+    ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);  // the batch goes on
+    EXPECT_EQ(received(), "");
+    ASSERT_EQ(send(unit), kStatusSuccess);
+    EXPECT_EQ(received(full.size()), unit + full + unit);
+    ASSERT_EQ(ipqEndBatch(ipq), kStatusSuccess);
+    ipqSetWaitLimit(ipq, 300'000);
+    ASSERT_EQ(ipqHold(ipq), kStatusSuccess);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(send(full), kStatusSuccess);
+    EXPECT_EQ(received(), "");
+    ASSERT_EQ(send(full), kStatusSuccess);
+    EXPECT_EQ(received(4 * full.size()), full + full + full + full);
+    ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);
+    const uint64_t heldMessages = ipqWriteStatistics(ipq).messages - 3;
+
     ASSERT_EQ(ipqSetBatchMode(ipq, 1), kStatusSuccess);
     for (double from = 0; from < 10; from += 5) {
         timersAt(from);
@@ -206,7 +234,7 @@ TEST_F(StandingQueue, HoldsBackAndFlushes) {
     }
     ASSERT_EQ(send(streamUnit(0x20000, 'b')), kStatusSuccess);
     EXPECT_EQ(received(0x20000), streamUnit(0x20000, 'b'));
-    EXPECT_EQ(ipqWriteStatistics(ipq).messages, 8u);
+    EXPECT_EQ(ipqWriteStatistics(ipq).messages, 8u + heldMessages);
 }
 
 TEST_F(StandingQueue, UrgentMessagesPassWhatWaits) {
@@ -413,12 +441,11 @@ TEST_F(StandingQueue, GracefulCloseHasItsTime) {
         std::thread reader([&] {
             EXPECT_TRUE(receiveText(peer.number(), large.size() + 8) == large + kNotice);
             if (interrupts) return ipqInterrupt(ipq);
-            stand.clock.set(1'006);
             const std::string flood(65'536, 'x');
             int sends = 0;
             while (sends < 3'000 &&
                    ::send(peer.number(), flood.data(), flood.size(), MSG_NOSIGNAL) > 0) {
-                ++sends;
+                stand.clock.set(1'006 + ++sends);
             }
             EXPECT_LT(sends, 3'000);
         });
@@ -433,6 +460,76 @@ TEST_F(StandingQueue, GracefulCloseHasItsTime) {
         EXPECT_EQ(owner.closes, 1);
         stand.clock.set(1'000);
     }
+}
+
+// It goes on while bytes leave, and says what didn't.
+TEST_F(StandingQueue, GracefulCloseLosesNothingUntold) {
+    const std::string large = streamUnit(kLargeBytes, 'a');
+    enum class Peer { kReadsSlowly, kReadsNothing, kResets };
+    for (const Peer kind : {Peer::kReadsSlowly, Peer::kReadsNothing, Peer::kResets}) {
+        SCOPED_TRACE(static_cast<int>(kind));
+        openAndRead();
+        ASSERT_EQ(send(large), kStatusSuccess);
+        ASSERT_EQ(send(streamUnit(100, 'b')), kStatusSuccess);
+        std::thread reader([&] {
+            if (kind == Peer::kResets) return resetPeer();
+            if (kind == Peer::kReadsNothing) return stand.clock.set(1'006);
+            size_t left = large.size() + 100 + 8;
+            for (int64_t now = 1'004; left != 0; now += 4) {
+                const size_t part = std::min<size_t>(left, 8'000'000);
+                EXPECT_EQ(receiveText(peer.number(), part).size(), part);
+                left -= part;
+                stand.clock.set(now);
+            }
+            shutdown(peer.number(), SHUT_WR);
+        });
+        IpqEnd end;
+        if (kind == Peer::kReadsNothing) end.deadline = 1'006;
+        ipqRetain(ipq);
+        EXPECT_EQ(ipqClose(ipq, true, Owner::close, &end), kStatusSuccess);
+        reader.join();
+        const bool isLost = kind != Peer::kReadsSlowly;
+        EXPECT_EQ(end.losses.unconfirmed, isLost);
+        EXPECT_EQ(end.losses.messages, isLost ? 2u : 0u);
+        EXPECT_TRUE(isLost ? end.losses.bytes > kLargeBytes / 2 : end.losses.bytes == 0);
+        ipqRelease(std::exchange(ipq, nullptr));
+        stand.clock.set(1'000);
+    }
+}
+
+// Nothing that may have left is to be sent again, and what certainly hasn't is known.
+TEST_F(StandingQueue, SaysHowMuchOfAVectorMayHaveLeft) {
+    const HelloFrame terms = termsOf(2, 0, 10'000'000);
+    openAndRead(&terms);
+    std::vector<HeldMessage> held;
+    std::vector<pelmoMsg*> messages;
+    for (char fill = 'a'; fill < 'g'; ++fill) {
+        held.emplace_back(messageOf(streamUnit(10'000'000, fill)));
+        messages.push_back(held.back().get());
+    }
+    // One that is too long leaves none.
+    const HeldMessage tooLong(messageOf(streamUnit(10'000'001, 'x')));
+    uint32_t taken = 77;
+    pelmoMsg* const bad[] = {messages[0], tooLong.get()};
+    EXPECT_EQ(ipqSendVector(ipq, bad, false, &taken), kStatusInvalidSize);
+    EXPECT_EQ(taken, 0u);
+    EXPECT_EQ(ipqWriteStatistics(ipq).attempts, 0u);
+
+    constexpr size_t kRead = 25'000'000;
+    EXPECT_FALSE(ipqSetBlocking(ipq, true));
+    std::thread reader([&] {
+        EXPECT_EQ(receiveText(peer.number(), kRead).size(), kRead);
+        resetPeer();
+    });
+    EXPECT_EQ(ipqSendVector(ipq, messages, false, &taken), kStatusInvalidIoSource);
+    reader.join();
+    EXPECT_GE(taken, 2u);
+    EXPECT_LT(taken, 6u);
+    // The sender knows of those that it can send again; the others are lost with what the system
+    // held.
+    const SendLosses losses = ipqUnsent(ipq);
+    EXPECT_LE(losses.bytes, 60'000'000 - kRead);
+    EXPECT_LE(losses.messages + 2, taken + 1u);
 }
 
 TEST_F(StandingQueue, AccountsForItsTraffic) {
