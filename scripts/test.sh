@@ -91,6 +91,8 @@ if [ -n "$long" ]; then
         --gtest_filter=ReliableLives.DISABLED_HoldThemOftener
     step "soak, 10 minutes"
     python3 tests/e2e/soak.py build/release/bin/{pelmoscope,pelmogen} || [ $? = 77 ]
+    step "attacks"
+    python3 tests/e2e/attacks.py build/release/bin/pmd
     step "two capture points and Prometheus"
     python3 tests/watch/prometheus_test.py build/release/bin/{pelmowatch,pelmogen} || [ $? = 77 ]
     step "random requests, a minute"

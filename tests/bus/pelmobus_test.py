@@ -243,6 +243,22 @@ class OverADaemon(unittest.TestCase):
         self.assertEqual(process.returncode, status, err)
         return out.decode()
 
+    def test_says_what_the_daemon_refuses_to_keep(self):
+        patterns = [".".join("*" if bits >> i & 1 else "a" for i in range(16)) for bits in range(200)]
+        listener = subprocess.Popen([PROGRAM, *self.connection, "listen", *patterns, "Z"],
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(listener.communicate)
+        self.addCleanup(listener.kill)
+        lines = list(iter(listener.stderr.readline, "listening on Z\n"))
+        refused = {line.split()[2].rstrip(":") for line in lines if line.endswith(": refused by the daemon\n")}
+        stands = {line.split()[2] for line in lines if line.startswith("listening on ")}
+        self.assertGreater(len(refused), 100)
+        self.assertGreater(len(stands), 10)
+        self.assertEqual(refused | stands, set(patterns))
+        self.assertEqual(refused & stands, set())
+        self.bus("send", "Z")
+        self.assertRegex(listener.stdout.readline(), "^Z ")
+
     def test_answers_take_the_road_that_both_ends_have(self):
         for asks, answers, road in [
                 ("7500:", "7500:", r"road: direct, 50 of 50 answers on UDP port \d+; \d+ packets out, \d+ "

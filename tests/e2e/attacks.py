@@ -1,0 +1,151 @@
+#!/usr/bin/env python3
+"""attacks.py PMD: what one client of the daemon may do to the others. Each attack runs against a
+daemon of its own on loopback, with a client beside it that has nothing to do with it: its worst
+latency, the time of CPU that the daemon takes and the memory that it grows by are compared with the
+bounds that SECURITY.md has. Prints a line for each, and ends with 1 where a bound doesn't hold. A busy
+machine's latency is its own: only the CPU and the memory are judged."""
+import os
+import sys
+import threading
+import time
+
+from bus_client import Client, Closed, Daemon, data_message, message, subject_field, text
+
+PACE_SECONDS = 0.02
+BLOCK = 500
+
+
+def patterns(elements, count):
+    for bits in range(count):
+        yield ".".join("*" if bits >> i & 1 else "a" for i in range(elements))
+
+
+def deep(count):
+    for number in range(count):
+        yield "e%d" % number + ".x" * 79
+
+
+def listen(attacker, subjects):
+    """What the daemon answers is read by a thread, so that nothing waits for it."""
+    block = []
+    for subject in subjects:
+        block.append(message(text("mtype", "L"), subject_field(subject)))
+        if len(block) == BLOCK:
+            attacker.socket.sendall(b"".join(block))
+            block = []
+    attacker.socket.sendall(b"".join(block))
+
+
+def drain(attacker):
+    def run():
+        try:
+            while attacker.socket.recv(1 << 16):
+                pass
+        except OSError:
+            pass
+    threading.Thread(target=run, daemon=True).start()
+
+
+def many_patterns(attacker):
+    listen(attacker, patterns(16, 65536))
+    for i in range(200):
+        attacker.socket.sendall(data_message(".".join(["a"] * 15 + ["b%d" % i]), b"x" * 100))
+
+
+def deep_subjects(attacker):
+    listen(attacker, deep(100000))
+
+
+def many_subjects(attacker):
+    listen(attacker, ("A.item%d" % i for i in range(120000)))
+
+
+def wide_sends(attacker):
+    listen(attacker, ("A.item%d" % i for i in range(50000)))
+    attacker.socket.sendall(b"".join(data_message("*.*.c%d" % i) for i in range(500)))
+
+
+MB = 1 << 20
+
+# Name, what the attacker does, how much the daemon may grow by, and what it may take of the CPU, in
+# seconds, until the attacker's interest is half taken down.
+PMD_ATTACKS = [
+    ("patterns", many_patterns, 64 * MB, 1.0),
+    ("deep subjects", deep_subjects, 64 * MB, 2.0),
+    ("subjects", many_subjects, 64 * MB, 2.0),
+    ("sends on wildcards", wide_sends, 64 * MB, 1.0),
+]
+
+
+def resident_bytes(pid):
+    with open("/proc/%d/statm" % pid) as statm:
+        return int(statm.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+
+def cpu_seconds(pid):
+    with open("/proc/%d/stat" % pid) as stat:
+        fields = stat.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+class Bystander:
+    """Sends to itself at a steady pace and keeps the worst time."""
+
+    def __init__(self, port):
+        self.client = Client(port)
+        self.client.listen("bystander")
+        self.client.settle()
+        self.worst, self.count, self.ends = 0.0, 0, False
+        self.thread = threading.Thread(target=self.run)
+        self.thread.start()
+
+    def run(self):
+        while not self.ends:
+            begin = time.monotonic()
+            self.client.send("bystander")
+            self.client.receive()
+            self.worst = max(self.worst, time.monotonic() - begin)
+            self.count += 1
+            time.sleep(PACE_SECONDS)
+
+    def close(self):
+        self.ends = True
+        self.thread.join()
+        self.client.close()
+
+
+def attack(pmd, name, run, most_bytes, most_seconds):
+    daemon = Daemon(pmd)
+    try:
+        bystander = Bystander(daemon.port)
+        pid = daemon.popen.pid
+        before, cpu = resident_bytes(pid), cpu_seconds(pid)
+        attacker = Client(daemon.port)
+        drain(attacker)
+        cut_off = False
+        try:
+            run(attacker)
+        except (Closed, OSError):
+            cut_off = True
+        time.sleep(1)
+        grown = resident_bytes(pid) - before
+        attacker.socket.close()
+        time.sleep(1)
+        spent = cpu_seconds(pid) - cpu
+        bystander.close()
+        holds = grown <= most_bytes and spent <= most_seconds and bystander.count > 0 and not cut_off
+        print("%-20s latency %7.1f ms  memory %+7.1f MB of %d  cpu %5.2f s  %s" %
+              (name, bystander.worst * 1000, grown / MB, most_bytes / MB, spent,
+               "holds" if holds else "FAILS"), flush=True)
+        return holds
+    finally:
+        daemon.close()
+
+
+def main():
+    results = [attack(sys.argv[1], *row) for row in PMD_ATTACKS]
+    sys.exit(0 if all(results) else 1)
+
+
+if __name__ == "__main__":
+    main()
