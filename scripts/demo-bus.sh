@@ -80,7 +80,7 @@ if [ -z "$watcher" ]; then
     step "not watched: pelmoscope needs the right to capture (run this as root)"
     exit 0
 fi
-step "what pelmoscope saw beside them"
+step "what pelmoscope saw beside them: the last table, of two seconds"
 await "a report" grep -q "^DEMO\|DEMO\.PRICE" "$work/watch.out"
 sleep 2.2
 last_report "$work/watch.out"

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# setup.sh [--tool | --build | --long | --bench]: prepares a fresh Debian 12 to build, run and test the tree: it
+# setup.sh [--tool | --build | --all | --long | --bench]: prepares a fresh Debian 12 to build, run and test the tree: it
 # installs the missing packages, those of the pages among them, and puts the two modules beside the built
 # program. A second run finds all in place and doesn't call apt.
 #
 # --tool takes only what pelmoscope, pelmobus and pmd are built with, --build also what pelmowatch is
 # built with: both leave out what the tests need, a browser among it. Without an option all of that
-# is installed; with --long also what only the long tests need, and with --bench what the benches alone
-# compare with: the brokers that bench/bus.sh measures beside pmd, their client libraries, and the
+# is installed; with --all also what the checks of CI need, clang and Prometheus's promtool; with --long
+# what only the long tests need beyond that, and with --bench what the benches alone compare with: the brokers that bench/bus.sh measures beside pmd, their client libraries, and the
 # libraries that bench/direct.sh measures beside reliable endpoints.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -28,8 +28,8 @@ need() {
 
 option=${1:-}
 case $option in
-    --tool | --build | "" | --long | --bench) ;;
-    *) echo "usage: setup.sh [--tool | --build | --long | --bench]" >&2 && exit 2 ;;
+    --tool | --build | "" | --all | --long | --bench) ;;
+    *) echo "usage: setup.sh [--tool | --build | --all | --long | --bench]" >&2 && exit 2 ;;
 esac
 
 need g++ have_command g++
@@ -52,12 +52,14 @@ if [ "$option" != --tool ] && [ "$option" != --build ]; then
     need git have_command git
     need pkgconf have_command pkg-config
     need iproute2 have_command ip
-    need prometheus have_command promtool
     need tmux have_command tmux
     need python3-jsonschema have_module jsonschema
     need chromium have_command chromium
     need fonts-inter have_font Inter
     need libgtest-dev have_header gtest/gtest.h
+fi
+if [ "$option" = --all ] || [ "$option" = --long ] || [ "$option" = --bench ]; then
+    need prometheus have_command promtool
     need libbenchmark-dev have_header benchmark/benchmark.h
     need libmsgpack-dev have_header msgpack.h
     need libuv1-dev have_header uv.h

@@ -1,19 +1,27 @@
 #!/usr/bin/env bash
-# test.sh [--long]: sets up what is missing, builds, and runs every test: under the sanitizers, the
-# fuzz targets for a few seconds each, the checks of lock annotations, and at last the release
-# build, whose count of tests is the last output. With --long each fuzz target runs for a minute,
-# and ten million messages over a stalling connection, reliable endpoints for a minute and in 100,000
-# random lives, a live run of ten minutes, a bus of two capture points in Prometheus and the package in a
-# fresh root are tested before that.
+# test.sh [--all | --checks | --long]: sets up what is missing, builds one configuration (assertions and
+# lock ranks on, lightly optimised) and passes every suite and whole-program test in it.
+#
+#     --all     then what CI asks beyond that: lock annotations, fuzz targets, the sanitizers, and the
+#               whole-program tests of the release build
+#     --checks  only that
+#     --long    --all with each fuzz target for a minute, and what takes minutes by itself: ten million
+#               messages over a stalling connection, reliable endpoints for a minute and in 100,000 random
+#               lives, a live run of ten minutes, a bus of two capture points in Prometheus, the packages
+#               in a fresh root
+#
+# Each step says how long it usually takes on two cores that do nothing else.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 fuzz_seconds=3
-long=
+tests=1 checks= long=
 case "${1:-}" in
-    --long) fuzz_seconds=60 && long=1 ;;
     "") ;;
-    *) echo "usage: test.sh [--long]" >&2 && exit 2 ;;
+    --all) checks=1 ;;
+    --checks) tests= checks=1 ;;
+    --long) checks=1 long=1 fuzz_seconds=60 ;;
+    *) echo "usage: test.sh [--all | --checks | --long]" >&2 && exit 2 ;;
 esac
 
 jobs=$(nproc)
@@ -26,11 +34,17 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
 
 step() { echo "== $*"; }
 
-# build PRESET [TARGET ...]
+# quietly COMMAND...: shows what it prints only if it fails.
+quietly() {
+    local log=build/step.log
+    "$@" >"$log" 2>&1 || { tail -n 60 "$log" >&2 && exit 1; }
+}
+
+# build PRESET USUALLY [TARGET ...]
 build() {
-    local preset=$1
-    shift
-    step "build $preset"
+    local preset=$1 usually=$2
+    shift 2
+    step "builds the configuration \"$preset\"; $usually, next to nothing when built before"
     cmake --preset "$preset" >/dev/null
     cmake --build "build/$preset" -j "$jobs" ${1:+--target "$@"} -- --quiet
     [ "$preset" = tsa ] || scripts/lay_modules.sh "build/$preset/bin"
@@ -46,49 +60,54 @@ fuzz() {
         mkdir -p "${corpus[0]}"
         seeds=tests/fuzz/corpus/${name%_fuzz}
         [ ! -d "$seeds" ] || corpus+=("$seeds")
-        "$target" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=4096 \
-            -artifact_prefix=build/fuzz/ "${corpus[@]}" >"build/fuzz/$name.log" 2>&1 ||
-            { tail -n 60 "build/fuzz/$name.log" >&2; exit 1; }
+        quietly "$target" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=4096 \
+            -artifact_prefix=build/fuzz/ "${corpus[@]}"
     done
 }
 
-scripts/setup.sh ${long:+--long}
-step "$(python3 tests/e2e/live_run.py)"
+suite_by_itself() {
+    local title=$1 suite=$2 filter=$3
+    step "$title"
+    quietly "build/release/bin/$suite" --gtest_also_run_disabled_tests --gtest_brief=1 \
+        --gtest_filter="$filter"
+}
 
-build tsa
+run_tests() {
+    build test "4 minutes"
+    step "runs all tests; 3 minutes"
+    scripts/run_tests.py test
+}
 
-build fuzz fuzzers
-fuzz
+run_checks() {
+    build tsa "1 minute"
 
-build tsan "${threaded_suites[@]}"
-for suite in "${threaded_suites[@]}"; do
-    step "tsan $suite"
-    "build/tsan/bin/$suite" --gtest_brief=1
-done
+    build fuzz "4 minutes" fuzzers
+    fuzz
 
-# The server's thread and the library's, under clients that crowd and go.
-build tsan pelmoscope pelmowatch pelmogen
-step "tsan pelmowatch serve"
-python3 tests/watch/serve_test.py build/tsan/bin/{pelmoscope,pelmowatch,pelmogen} \
-    Serve.test_a_thousand_connections_leave_room_for_a_scrape Serve.test_random_requests_do_no_harm \
-    Serve.test_events_come_as_intervals_end Serve.test_ends_within_a_second_with_clients
+    build tsan "4 minutes" "${threaded_suites[@]}" pelmoscope pelmowatch pelmogen
+    for suite in "${threaded_suites[@]}"; do
+        step "$suite under the thread sanitizer"
+        quietly "build/tsan/bin/$suite" --gtest_brief=1
+    done
+    # The server's thread and the library's, under clients that crowd and go.
+    step "pelmowatch serve under the thread sanitizer"
+    quietly python3 tests/watch/serve_test.py build/tsan/bin/{pelmoscope,pelmowatch,pelmogen} \
+        Serve.test_a_thousand_connections_leave_room_for_a_scrape Serve.test_random_requests_do_no_harm \
+        Serve.test_events_come_as_intervals_end Serve.test_ends_within_a_second_with_clients
 
-build asan
-step "asan"
-ctest --preset asan --no-tests=error -j "$jobs" --quiet --output-log build/asan/ctest.log ||
-    { grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' build/asan/ctest.log >&2; exit 1; }
+    build asan "5 minutes"
+    step "runs all tests under the address and undefined-behaviour sanitizers; 10 minutes"
+    scripts/run_tests.py asan
 
-build release
-if [ -n "$long" ]; then
-    step "ten million messages"
-    build/release/bin/pelmo_tests --gtest_also_run_disabled_tests --gtest_brief=1 \
-        --gtest_filter=Stalls.DISABLED_CarryTenMillion
-    step "endpoints, a minute"
-    build/release/bin/transport_tests --gtest_also_run_disabled_tests --gtest_brief=1 \
-        --gtest_filter=ReliableEndpoints.DISABLED_CarryEverythingForAMinute
-    step "100,000 random lives of reliable endpoints"
-    build/release/bin/transport_tests --gtest_also_run_disabled_tests --gtest_brief=1 \
-        --gtest_filter=ReliableLives.DISABLED_HoldThemOftener
+    build release "4 minutes"
+}
+
+run_long() {
+    suite_by_itself "ten million messages" pelmo_tests Stalls.DISABLED_CarryTenMillion
+    suite_by_itself "endpoints, a minute" transport_tests \
+        ReliableEndpoints.DISABLED_CarryEverythingForAMinute
+    suite_by_itself "100,000 random lives of reliable endpoints" transport_tests \
+        ReliableLives.DISABLED_HoldThemOftener
     step "soak, 10 minutes"
     python3 tests/e2e/soak.py build/release/bin/{pelmoscope,pelmogen} || [ $? = 77 ]
     step "attacks"
@@ -100,6 +119,16 @@ if [ -n "$long" ]; then
         Serve.test_random_requests_do_no_harm
     step "package"
     scripts/package_test.sh || [ $? = 77 ]
+}
+
+step "installs what is missing; 2 minutes the first time"
+mkdir -p build
+scripts/setup.sh ${checks:+$([ -n "$long" ] && echo --long || echo --all)}
+step "$(python3 tests/e2e/live_run.py)"
+[ -z "$tests" ] || run_tests
+[ -z "$checks" ] || run_checks
+[ -z "$long" ] || run_long
+if [ -n "$checks" ]; then
+    step "runs the whole-program tests of the release build; 2 minutes"
+    scripts/run_tests.py release -R '^(e2e|bus\.pelmobus|pmd|watch|web|scripts|tools)'
 fi
-step "release"
-ctest --preset release --no-tests=error -j "$jobs"
