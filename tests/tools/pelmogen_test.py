@@ -129,6 +129,11 @@ class Generator(unittest.TestCase):
             lines, _ = self.complaints(f"--damaged 1 --count 200 --damage {name}")
             self.assertTrue(len(lines) >= 200 or name == "magic", (name, len(lines)))
 
+    def test_the_mix_shrinks_with_its_hosts(self):
+        senders = {packet.src for packet in self.packets("--mix --count 2000 --hosts 3 --services 0")
+                   if packet.kind == "data"}
+        self.assertEqual(len(senders), 3)
+
     def test_the_mix_is_uneven_and_gaps_come_when_asked_for(self):
         packets = self.packets("--mix --count 20000 --gaps 0 --restarts 0 --damaged 0 --subjects 400")
         last, senders, counts, hosts = {}, {}, Counter(), Counter()

@@ -392,13 +392,16 @@ ParseResult optionsParse(int argc,
                          char* const* argv,
                          GeneratorOptions& options,
                          std::string& error) {
+    bool hasMixPublishers = false;
     for (int i = 1; i < argc; ++i) {
         const char* name = argv[i];
         if (std::strcmp(name, "--help") == 0) return ParseResult::kHelp;
         if (std::strcmp(name, "--mix") == 0) {
             setMix(options);
+            hasMixPublishers = true;
             continue;
         }
+        if (std::strcmp(name, "--publishers") == 0) hasMixPublishers = false;
 
         const Option* option = optionFind(name);
         if (option == nullptr) {
@@ -415,6 +418,10 @@ ParseResult optionsParse(int argc,
             error = std::string(name) + " can't be " + text;
             return ParseResult::kWrong;
         }
+    }
+    if (hasMixPublishers) {  // nobody asked for more of them than there are hosts
+        options.publishers.high = std::min(options.publishers.high, static_cast<uint32_t>(options.hosts));
+        options.publishers.low = std::min(options.publishers.low, options.publishers.high);
     }
     if (const char* conflict = findConflict(options)) {
         error = conflict;

@@ -1,8 +1,10 @@
 #include "watch/core/watch.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
+#include <string_view>
 
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
@@ -65,6 +67,47 @@ pelmoStatus openOutputOfForm() {
     return statusOf(run.form->openOutput == nullptr || run.form->openOutput());
 }
 
+// What a file that libpcap can't read is, as far as its first bytes say.
+const char* kindOfUnreadable(const char* path) {
+    struct Kind {
+        std::string_view magic;
+        const char* words;
+    };
+    constexpr Kind kKinds[] = {
+        {{"\x1f\x8b", 2}, "it is compressed: gzip -dc FILE | pelmowatch ... -r - reads it"},
+        {{"\x28\xb5\x2f\xfd", 4}, "it is compressed: zstd -dc FILE | pelmowatch ... -r - reads it"},
+        {{"\xfd"
+          "7zXZ\0",
+          6},
+         "it is compressed: xz -dc FILE | pelmowatch ... -r - reads it"},
+        {{"BZh", 3}, "it is compressed: bzip2 -dc FILE | pelmowatch ... -r - reads it"},
+        {{"\x04\x22\x4d\x18", 4}, "it is compressed: lz4 -dc FILE | pelmowatch ... -r - reads it"},
+    };
+    char head[8] = {};
+    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (file < 0) return "it can't be opened: is its name right?";
+    const ssize_t count = read(file, head, sizeof head);
+    close(file);
+    const std::string_view bytes(head, count > 0 ? static_cast<size_t>(count) : 0);
+    for (const Kind& kind : kKinds) {
+        if (bytes.starts_with(kind.magic)) return kind.words;
+    }
+    return bytes.empty() ? "it is empty" : "it isn't a capture (pcap or pcapng)";
+}
+
+pelmoStatus openSourceOrSay() {
+    const pelmoStatus status = openSource();
+    if (status == kStatusSuccess) return status;
+    const char* const name =
+        traceSettings.liveCapture ? traceSettings.interfaceName : traceSettings.readFile;
+    const bool isPiped = std::string_view(name) == "-";
+    logPrint("unable to read '%s': %s.", name,
+             traceSettings.liveCapture ? "see the line above for the reason"
+             : isPiped                 ? "it isn't a capture (pcap or pcapng)"
+                                       : kindOfUnreadable(name));
+    return statusOf(false);
+}
+
 pelmoStatus startForm() {
     return statusOf(run.form->start == nullptr || run.form->start());
 }
@@ -99,7 +142,7 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, prepareForm},
     // With those that the source takes, or all for a file.
     {kLiveOnly, privilegesForCapture},
-    {kEitherMode, openSource},
+    {kEitherMode, openSourceOrSay},
     {kEitherMode, filterStrictly},
     {kEitherMode, openOutputOfForm},
     // With none, before all threads, which the library brings.
