@@ -16,7 +16,7 @@ import sys
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-RESULT = re.compile(r" *\d+/\d+ Test +#\d+: (\S+) \.*(\**\w[\w ]*?) +([\d.]+) sec")
+RESULT = re.compile(r" *\d+/\d+ Test +#\d+: (\S+) \.* *(\**\w[\w ()]*?) +([\d.]+) sec")
 SKIPPED = ("Skipped", "Not Run (Disabled)")
 
 
@@ -48,11 +48,9 @@ def suite_of(build, tests):
 
 def output_of(log, name):
     """What the test printed, from ctest's own log."""
-    blocks = re.split(r"^-{10,}$", log.read_text(errors="replace") if log.exists() else "", flags=re.M)
-    for head, body in zip(blocks, blocks[1:]):
-        if re.search(r": %s$" % re.escape(name), head, re.M):
-            return body.rsplit("<end of output>", 1)[0].rstrip().splitlines()
-    return []
+    text = log.read_text(errors="replace") if log.exists() else ""
+    found = re.search(r"^\d+/\d+ Test: %s\n.*?^Output:\n-+\n(.*?)<end of output>$" % re.escape(name), text, re.M | re.S)
+    return found[1].rstrip().splitlines() if found else []
 
 
 def main():

@@ -108,6 +108,8 @@ run_long() {
         ReliableEndpoints.DISABLED_CarryEverythingForAMinute
     suite_by_itself "100,000 random lives of reliable endpoints" transport_tests \
         ReliableLives.DISABLED_HoldThemOftener
+    step "300 random lives of the whole bus, 8 minutes"
+    python3 tests/e2e/bus_lives.py build/release/bin/{pelmobus,pmd} --seeds 0-299 --at-once "$((jobs + 1))"
     step "soak, 10 minutes"
     python3 tests/e2e/soak.py build/release/bin/{pelmoscope,pelmogen} || [ $? = 77 ]
     step "attacks"

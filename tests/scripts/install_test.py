@@ -43,7 +43,7 @@ class Install(unittest.TestCase):
 
         usage = run(os.path.join(cls.usr, "bin", "pmd"), "--help").stdout
         cls.daemon_options = sorted(re.findall(r"^  (-[a-z-]+)", usage, re.MULTILINE))
-        assert len(cls.daemon_options) == 8, usage
+        assert len(cls.daemon_options) == 10, usage
 
         # Those of pelmowatch, by form. Where its libraries are missing there is none.
         cls.watch = os.path.join(cls.usr, "bin", "pelmowatch")
