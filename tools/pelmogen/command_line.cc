@@ -420,7 +420,8 @@ ParseResult optionsParse(int argc,
         }
     }
     if (hasMixPublishers) {  // nobody asked for more of them than there are hosts
-        options.publishers.high = std::min(options.publishers.high, static_cast<uint32_t>(options.hosts));
+        options.publishers.high =
+            std::min(options.publishers.high, static_cast<uint32_t>(options.hosts));
         options.publishers.low = std::min(options.publishers.low, options.publishers.high);
     }
     if (const char* conflict = findConflict(options)) {
