@@ -16,13 +16,13 @@ import sys
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-RESULT = re.compile(r" *\d+/\d+ Test +#\d+: (\S+) \.* *(\**\w[\w ()]*?) +([\d.]+) sec")
-SKIPPED = ("Skipped", "Not Run (Disabled)")
+RESULT = re.compile(r" *\d+/\d+ Test +#\d+: (.+?) \.*\s*(Passed|\*\*\*[\w ()]+?)\s+([\d.]+) sec")
+SKIPPED, DISABLED = "Skipped", "Not Run (Disabled)"
 
 
 class Suite:
     def __init__(self):
-        self.left, self.passed, self.failed, self.skipped, self.seconds = 0, 0, 0, 0, 0.0
+        self.left, self.passed, self.failed, self.skipped, self.disabled, self.seconds = 0, 0, 0, 0, 0, 0.0
 
     def line(self, name):
         words = ["%d passed" % self.passed]
@@ -74,7 +74,9 @@ def main():
             suite.seconds += float(result[3])
             if verdict == "Passed":
                 suite.passed += 1
-            elif verdict in SKIPPED:
+            elif verdict == DISABLED:
+                suite.disabled += 1
+            elif verdict == SKIPPED:
                 suite.skipped += 1
                 unwell.append((name, verdict))
             else:
@@ -85,7 +87,7 @@ def main():
                 print(suite.line(names[name]), flush=True)
     for name, verdict in unwell:
         printed = output_of(log, name)
-        if verdict in SKIPPED:
+        if verdict == SKIPPED:
             print("skipped: %s: %s" % (name, printed[-1] if printed else "says nothing"))
         else:
             print("\n== %s (%s)\n%s" % (name, verdict, "\n".join(printed)))

@@ -214,7 +214,8 @@ TEST(Sublist, RebuildsSubjectsToTheByte) {
         };
         sublistVisit(list.get(), note, &seen);
         EXPECT_EQ(seen, subject);
-        EXPECT_EQ(list->root->table->count, 0u);
+        EXPECT_EQ(list->root->table, nullptr);
+        EXPECT_EQ(list->root->only, nullptr);
     }
 }
 
