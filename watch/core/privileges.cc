@@ -14,12 +14,19 @@
 #include <cstring>
 
 #include "lib/base/log.h"
+#include "lib/base/sanitizer.h"
 #include "trace/run/capabilities.h"
 
 namespace {
 
 constexpr uint32_t kForIdentity = 1u << CAP_SETUID | 1u << CAP_SETGID;
 constexpr uint32_t kNobody = 65534;  // where the system has no user of that name
+
+#ifdef PELMO_ADDRESS_SANITIZER
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
 
 struct Identity {
     uid_t user;
@@ -147,10 +154,9 @@ pelmoStatus privilegesDrop() {
     if (!becomeUser()) return refuse("the identity of root or another user");
     const pelmoStatus status = capabilitiesKeep(0);
     if (status != kStatusSuccess) return status;
-#ifdef __SANITIZE_ADDRESS__
-    prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);  // the check for leaks attaches to the process at its end
-    return kStatusSuccess;
-#else
+    if (kIsSanitized) {
+        prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);  // the check for leaks attaches to the process at its end
+        return kStatusSuccess;
+    }
     return !wasRoot || filterCalls() ? kStatusSuccess : refuse("calls of the system");
-#endif
 }
