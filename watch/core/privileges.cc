@@ -155,7 +155,8 @@ pelmoStatus privilegesDrop() {
     const pelmoStatus status = capabilitiesKeep(0);
     if (status != kStatusSuccess) return status;
     if (kIsSanitized) {
-        prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);  // the check for leaks attaches to the process at its end
+        prctl(PR_SET_DUMPABLE, 1, 0, 0,
+              0);  // the check for leaks attaches to the process at its end
         return kStatusSuccess;
     }
     return !wasRoot || filterCalls() ? kStatusSuccess : refuse("calls of the system");
