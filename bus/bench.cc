@@ -248,14 +248,19 @@ ExitStatus runBenchSend(const BusSettings& given) {
     if (settings.local && !sideOpen(side, listen)) return kExitFailed;
 
     Load load = loadMake(settings, connection.transport, side.queue);
-    const SendWatch watch(connection.transport);
+    SendWatch watch(connection.transport);
     pelmoStatus status =
         loadRun(load, endOf(settings, steadyNow()), [] { return stopRequested(); });
     if (status == kStatusInterrupted) status = kStatusSuccess;
     drain(side);
     printRate("sent", load.sender.sent, load.bytes, load.elapsed);
     if (settings.local) printTally();
-    return endPrinting(loadEnd(load, status));
+    watch.stop();
+    const std::string what = std::string("send ") + settings.subjects[0];
+    const bool allLeft = senderEnd(load.sender, connection, what);
+    const ExitStatus ended = loadEnd(load, status);
+    // A signal ends a benchmark at any point.
+    return endPrinting(allLeft || stopRequested() ? ended : kExitFailed);
 }
 
 ExitStatus runBenchRequest(const BusSettings& given) {

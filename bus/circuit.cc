@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "bus/asking.h"
 #include "bus/circuit_input.h"
@@ -9,7 +10,9 @@
 #include "bus/printer.h"
 #include "bus/pump.h"
 #include "bus/run_commands.h"
+#include "bus/sender.h"
 #include "bus/steady_time.h"
+#include "bus/stop.h"
 
 namespace {
 
@@ -28,8 +31,9 @@ struct Handle {
     uint32_t id = kNoId;
 
     Handle() = default;
-    ~Handle() {
-        if (id != kNoId) pelmoTransport_Destroy(id);
+    ~Handle() { end(); }
+    void end() {
+        if (id != kNoId) pelmoTransport_Destroy(std::exchange(id, kNoId));
     }
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
@@ -84,9 +88,12 @@ void endInFailure(Talk& talk, pelmoMsg* msg) {
     finish(talk, kExitFailed);
 }
 
+bool isCountReached(const Talk& talk) {
+    return talk.settings.count && talk.printer.count >= *talk.settings.count;
+}
+
 void takeMessage(Talk& talk, pelmoMsg* msg) {
-    if (!printerTake(talk.printer, msg)) return;
-    if (talk.settings.count && talk.printer.count >= *talk.settings.count) finish(talk, kExitDone);
+    if (printerTake(talk.printer, msg) && isCountReached(talk)) finish(talk, kExitDone);
 }
 
 // The library's own advisories come to the same listener, in order with the peer's messages.
@@ -110,12 +117,14 @@ void onMessage(uint32_t, pelmoMsg* msg, void* closure) {
     pumpGuard(talk.pump, [&] { take(talk, msg); });
 }
 
-// The connecting end is done with its input; the accepting one waits for the circuit's end.
+// The connecting end is done with its input, and with the messages that it counts; the accepting
+// one waits for the circuit's end.
 void onWake(uint32_t, pelmoMsg*, void* closure) {
     auto& talk = *static_cast<Talk*>(closure);
     ExitStatus status = kExitDone;
     if (!talk.input || !talk.input->ended(&status)) return;
-    if (!talk.accepts || status != kExitDone) finish(talk, status);
+    const bool goesOn = talk.accepts || (talk.settings.count && !isCountReached(talk));
+    if (!goesOn || status != kExitDone) finish(talk, status);
 }
 
 // Handshake
@@ -207,6 +216,19 @@ ExitStatus endStatus(const Talk& talk, PumpEnd end) {
     return talk.status;
 }
 
+// The goodbye is the last that the connection carries. False, and told, where something that was
+// sent hasn't left.
+bool endPaths(Talk& talk, SendWatch& watch) {
+    talk.circuit.end();
+    watch.stop();
+    std::optional<double> most;
+    if (stopRequested()) most = kLastSeconds;
+    const bool isLost = connectionEnd(talk.connection, most) == kStatusDeliveryFailed;
+    if (!isLost && !watch.isLost) return true;
+    complain(nameOf(talk) + ": not all has left", kStatusDeliveryFailed);
+    return false;
+}
+
 ExitStatus run(Talk& talk) {
     ExitStatus status = prepare(talk);
     if (status != kExitDone) return status;
@@ -215,7 +237,7 @@ ExitStatus run(Talk& talk) {
     const int64_t until = talk.settings.seconds ? steadyAfter(now, *talk.settings.seconds) : kNever;
     // A connect that nobody answers ends by itself.
     const int64_t connected = talk.accepts ? until : std::min(until, now + kAskTime);
-    const SendWatch watch(talk.connection.transport);
+    SendWatch watch(talk.connection.transport);
     status = connect(talk, connected);
     if (status != kExitDone) return status;
     PumpEnd end = PumpEnd::kDone;
@@ -230,6 +252,7 @@ ExitStatus run(Talk& talk) {
         status = kExitFailed;
     }
     talk.input.reset();
+    if (!endPaths(talk, watch) && status == kExitDone) status = kExitFailed;
     return printerClose(talk.printer) ? status : kExitFailed;
 }
 

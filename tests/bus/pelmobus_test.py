@@ -349,6 +349,16 @@ class OverADaemon(unittest.TestCase):
         self.assertEqual(self.ended(accept),
                          "".join('LINE {line="%d"}\n' % i for i in range(20000)))
 
+    def test_a_connecting_end_waits_for_what_it_counts(self):
+        accept = self.start("circuit", "accept", "C", stdin=subprocess.PIPE)
+        connect = self.start("circuit", "connect", "C", "--count=2", stdin=subprocess.DEVNULL)
+        self.assertEqual(connect.stderr.readline(), b"connected\n")
+        with self.assertRaises(subprocess.TimeoutExpired):
+            connect.wait(0.2)
+        self.assertEqual(accept.communicate(b"a\nb\n", timeout=30)[0], b"")
+        self.assertEqual((connect.wait(30), accept.returncode), (0, 0))
+        self.assertEqual(connect.stdout.read(), b'LINE {line="a"}\nLINE {line="b"}\n')
+
     def test_a_circuit_ends_with_its_end_in_order_or_not(self):
         for number in (signal.SIGTERM, signal.SIGKILL):
             for which in (0, 1):
@@ -379,6 +389,19 @@ class OverADaemon(unittest.TestCase):
         self.assertEqual(connect.stderr.read(),
                          b"pelmobus: send LINE: Not connected to daemon (21)\n")
         self.assertEqual(connect.wait(30), 1)
+
+    def test_who_ends_without_the_daemon_having_read_all_says_so(self):
+        # The daemon stands still, and goes while they end.
+        accept, connect = self.circuit()
+        self.daemon.popen.send_signal(signal.SIGSTOP)
+        connect.stdin.write(b"x\n")
+        connect.stdin.close()
+        connect.stdin = None
+        with self.assertRaises(subprocess.TimeoutExpired):
+            connect.wait(0.3)
+        self.daemon.popen.kill()
+        self.assertEqual(connect.wait(30), 1)
+        self.assertIn(b"circuit connect C: not all has left: ", connect.stderr.read())
 
     def test_listening_is_said_once_the_daemon_knows(self):
         # What goes to the daemon waits from the first interest on: it can't know of the listener.

@@ -46,7 +46,7 @@ class Program(Process):
     """A pelmobus whose output lies in files, so that it never waits for its reader."""
 
     def __init__(self, life, name, port, *words, lines=None, settings=(), limits=()):
-        self.name = name
+        self.name, self.port = name, port
         self.out, self.err = life.folder / (name + ".out"), life.folder / (name + ".err")
         (life.folder / (name + ".in")).write_text("".join(line + "\n" for line in lines or ()))
         self.limits = limits
@@ -106,6 +106,13 @@ class Life:
             program.await_words("listening on " + subject)
         self.listening.append((program, subjects, early))
         return program
+
+    def relive(self, listening):
+        """A listener is killed and started again: a life of its own, with numbers of its own."""
+        program, subjects, _ = listening
+        self.befalls(program.name + " is killed and started again")
+        program.end(signal.SIGKILL)
+        self.listen(program.name + "-again", *subjects, port=program.port, early=False)
 
     def send(self, name, subject, count, *words, port=None, settings=(), limits=()):
         program = Program(self, name, port or self.port, "send", subject, "life=" + name, "--sequence", "--count", count,
@@ -252,18 +259,24 @@ def circuit_lines(program):
     return [line[len('LINE {line="'):-2] for line in program.lines() if line.startswith("LINE {")]
 
 
+def lines_to_send(life, count):
+    return ["%s %d %s" % (chr(97 + number % 26), number, "x" * life.chance.choice((0, 10, 400)))
+            for number in range(count)]
+
+
 def hold_circuit(life, settings, ports, befall):
-    """One end sends lines and ends with them."""
-    count = life.chance.choice((60, 500, 2000))
-    given = ["%s %d %s" % (chr(97 + number % 26), number, "x" * life.chance.choice((0, 10, 400)))
-             for number in range(count)]
-    accept = Program(life, "accept", ports[0], "circuit", "accept", "CIRCUIT.ONE", settings=settings)
+    """One end sends lines. The connecting one ends with its own, or with all of the other's."""
+    given = lines_to_send(life, life.chance.choice((60, 500, 2000)))
+    is_back = life.chance.random() < 0.4
+    accept = Program(life, "accept", ports[0], "circuit", "accept", "CIRCUIT.ONE", settings=settings,
+                     lines=given if is_back else ())
     accept.await_words("listening on")
-    connect = Program(life, "connect", ports[1], "circuit", "connect", "CIRCUIT.ONE", settings=settings, lines=given)
+    connect = Program(life, "connect", ports[1], "circuit", "connect", "CIRCUIT.ONE",
+                      *(("--count", len(given)) if is_back else ()), settings=settings, lines=() if is_back else given)
     befall(accept, connect)
     ends = [connect, accept]
     statuses = [program.end() for program in ends]
-    life.circuits.append(Circuit("circuit", given, circuit_lines(accept), statuses,
+    life.circuits.append(Circuit("circuit", given, circuit_lines(connect if is_back else accept), statuses,
                                  [program.said() for program in ends]))
 
 
@@ -322,11 +335,15 @@ def life_of_many(life):
         life.send("s%d" % number, life.chance.choice(("MANY.A", "MANY.B")), life.chance.choice((50, 600)), *words,
                   port=life.chance.choice(ports), limits=few,
                   settings=life.chance.choice(((), ("--batch",))))
+    if life.chance.random() < 0.2:
+        life.befalls("one has little memory")
+        life.send("poor", "MANY.B", 300, "--size", 200 * 1000, "--wait", port=ports[1],
+                  limits=[(resource.RLIMIT_DATA, life.chance.choice((24, 64, 96)) << 20)])
     life.ask("asks", "ASK.ME", 20)
     life.ask("asks-direct", "ASK.DIRECT", 20, settings=("--service", "7500:"))
     for _ in range(life.chance.randrange(0, 4)):
         life.sleep(0.05, 0.4)
-        befall = life.chance.randrange(6)
+        befall = life.chance.randrange(7)
         if befall == 0:
             life.stop_for(heard, life.chance.uniform(0.1, 0.8))
         elif befall == 1:
@@ -340,6 +357,8 @@ def life_of_many(life):
             relay.line.open.clear()
             life.sleep(0.1, 0.6)
             relay.line.open.set()
+        elif befall == 5:
+            life.relive(life.chance.choice([one for one in life.listening if one[0].running()]))
         else:
             victim = life.chance.choice(life.senders)[0]
             life.befalls(victim.name + " is ended")
