@@ -116,9 +116,9 @@ pelmoStatus pelmoTransport_DestroyWithin(uint32_t transport, double seconds);
 
 // Sends several messages in order. On a network transport all of them are looked at first, and one
 // that can't be sent leaves none. Those that go straight to peers leave first, one by one; then
-// those for the daemon, together, unless one of them is longer than the daemon takes. A failure
-// later on, by memory, a break or a peer that is given up, leaves what came ahead of it sent.
-// Within the process messages are delivered one by one up to the first failure.
+// those for the daemon, together. A failure later on, by memory, a break or a peer that is given
+// up, leaves what came ahead of it sent. Within the process messages are delivered one by one up to
+// the first failure.
 [[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport,
                                                pelmoMsg* const* messages,
                                                uint32_t count);

@@ -11,6 +11,7 @@
 #include "lib/runtime/library.h"
 #include "lib/runtime/tracing.h"
 #include "lib/transport/held_messages.h"
+#include "lib/transport/reliable/send_buffer.h"
 #include "lib/transport/transport_internal.h"
 
 namespace {
@@ -112,6 +113,14 @@ bool mayGoStraight(Transport* transport, pelmoMsg* message) PELMO_REQUIRES(trans
            messageSubject(message, &subject) == kStatusSuccess && subjectIsInbox(subject);
 }
 
+// Both roads take messages of the same length.
+bool areShort(std::span<pelmoMsg* const> messages) {
+    for (const pelmoMsg* message : messages) {
+        if (message->length > kMostReliableMessageBytes) return false;
+    }
+    return true;
+}
+
 // All messages are ready ahead of the first that is sent, so that one that isn't leaves none.
 pelmoStatus sendAllOnNetwork(Transport* transport,
                              std::span<pelmoMsg* const> messages,
@@ -126,6 +135,11 @@ pelmoStatus sendAllOnNetwork(Transport* transport,
         if (status != kStatusSuccess) return status;
         if (ready == nullptr) continue;
         (mayGoStraight(transport, ready.get()) ? straight : together).add(std::move(ready));
+    }
+    // What goes straight leaves ahead of the rest, one by one.
+    const bool isMixed = !straight.all().empty();
+    if (isMixed && !(areShort(straight.all()) && areShort(together.all()))) {
+        return kStatusInvalidSize;
     }
     for (pelmoMsg* message : straight.all()) {
         const pelmoStatus status = sendOnNetwork(transport, message);

@@ -235,6 +235,15 @@ TEST_F(Network, SendsVectorsTogetherOrNotAtAll) {
     EXPECT_EQ(pelmoTransport_Sendv(id, messages, 4), kStatusInvalidSubject);
     EXPECT_EQ(pelmoTransport_SendvTaken(id, messages, 4, &taken), kStatusInvalidSubject);
     EXPECT_EQ(taken, 0u);
+    // Nor does one that is too long.
+    const Message longest = messageOn("C");
+    const std::vector<char> much(size_t{64} << 20);
+    ASSERT_EQ(pelmoMsg_AddOpaque(longest.get(), "much", much.data(),
+                                 static_cast<uint32_t>(much.size()), 0),
+              kStatusSuccess);
+    messages[3] = longest.get();
+    EXPECT_EQ(pelmoTransport_SendvTaken(id, messages, 4, &taken), kStatusInvalidSize);
+    EXPECT_EQ(taken, 0u);
     EXPECT_EQ(daemon.taken(), Texts{});
     EXPECT_EQ(peers.taken(), Texts{});
 
