@@ -40,7 +40,7 @@ struct CircuitStand : testing::Test {
 
 inline CircuitState stateOf(uint32_t circuit) {
     Held<Transport> held;
-    return held.findLocked(circuit) == kStatusSuccess ? held->circuit->state
+    return held.findLocked(circuit) == kStatusSuccess ? held->circuit->vcState
                                                       : CircuitState::kDisconnected;
 }
 

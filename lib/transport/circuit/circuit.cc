@@ -57,13 +57,13 @@ void endEvent(uint32_t* event) {
 // the wake-up, so that who was woken finds it on its queue.
 void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
     PELMO_REQUIRES(circuit->transport->header.lock) {
-    if (circuit->state == CircuitState::kDisconnected) return;
+    if (circuit->vcState == CircuitState::kDisconnected) return;
     const NoWait noWait;
     endEvent(&circuit->heartbeatTimer);
     endEvent(&circuit->unreachableListener);
     endEvent(&circuit->graceTimer);
-    const bool wasConnected = circuit->state == CircuitState::kConnected;
-    circuit->state = CircuitState::kDisconnected;
+    const bool wasConnected = circuit->vcState == CircuitState::kConnected;
+    circuit->vcState = CircuitState::kDisconnected;
     if (saysGoodbye && wasConnected) {
         circuit->owesGoodbye = circuit->turns != 0;
         if (!circuit->owesGoodbye) (void)circuitSendSign(circuit, CircuitKind::kGoodbye);
@@ -152,7 +152,7 @@ void awaitEarlierLocked(VirtualCircuit* circuit, uint64_t number)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     const uint64_t& received = circuit->count.recvSeq;
     uint64_t countedAt = UINT64_MAX;
-    while (circuit->state == CircuitState::kConnected &&
+    while (circuit->vcState == CircuitState::kConnected &&
            (circuit->isDelivering || number > received + 1)) {
         if (!circuit->isDelivering) {
             if (circuit->earlyAt != received) circuit->early = 0;
@@ -172,7 +172,7 @@ Ending takeAllLocked(VirtualCircuit* circuit, std::span<pelmoMsg* const> message
         const CircuitRecords records(message);
         const CircuitHead head = circuitReadHead(records);
         if (message == messages.front()) awaitEarlierLocked(circuit, head.number);
-        if (circuit->state != CircuitState::kConnected) break;
+        if (circuit->vcState != CircuitState::kConnected) break;
         ending = takeLocked(circuit, records, head, parcels);
         if (ending != Ending::kNone) break;
     }
@@ -239,7 +239,7 @@ void joinLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
         // Without it, the peer's silence tells the same later.
         (void)listen(circuit, gone, onUnreachable, &circuit->unreachableListener);
     }
-    circuit->state = CircuitState::kConnected;
+    circuit->vcState = CircuitState::kConnected;
 }
 
 void tellConnectLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
@@ -256,11 +256,11 @@ void acceptLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     if (!startTimer(circuit)) return;
     joinLocked(circuit, offer);
     const pelmoStatus status = circuitSendAcceptance(circuit, offer.answerTo);
-    if (circuit->state != CircuitState::kConnected) return;  // ended meanwhile
+    if (circuit->vcState != CircuitState::kConnected) return;  // ended meanwhile
     if (status == kStatusSuccess) return tellConnectLocked(circuit);
     endEvent(&circuit->heartbeatTimer);
     endEvent(&circuit->unreachableListener);
-    circuit->state = CircuitState::kWaiting;
+    circuit->vcState = CircuitState::kWaiting;
 }
 
 // The peer takes the circuit for connected already, and is told where it can't be watched.
@@ -277,7 +277,7 @@ void onHandshake(uint32_t, pelmoMsg* message, void* closure) {
     if (!held.find(idFromItem(closure))) return;
     const NoWait noWait;
     CircuitOffer offer;
-    if (!handshakeTakes(held.circuit->end, held.circuit->state, message, &offer)) return;
+    if (!handshakeTakes(held.circuit->end, held.circuit->vcState, message, &offer)) return;
     if (held.circuit->end == CircuitEnd::kAccepting) {
         acceptLocked(held.circuit, offer);
     } else {
@@ -287,7 +287,7 @@ void onHandshake(uint32_t, pelmoMsg* message, void* closure) {
 
 // What the peer sends may come to another thread ahead of its acceptance.
 void awaitHandshakeLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
-    while (circuit->state == CircuitState::kWaiting &&
+    while (circuit->vcState == CircuitState::kWaiting &&
            Event_RunningDispatches(circuit->handshakeListener) != 0) {
         awaitOthersLocked(circuit);
     }
@@ -425,7 +425,7 @@ void circuitAttach() {
 
 void vcTick(uint32_t id) {
     HeldCircuit held;
-    if (!held.find(id) || held.circuit->state != CircuitState::kConnected) return;
+    if (!held.find(id) || held.circuit->vcState != CircuitState::kConnected) return;
     switch (countTick(held.circuit->count)) {
         case Tick::kNothing:
             break;
@@ -465,11 +465,11 @@ void vcUnreachable(uint32_t id) {
     if (!held.find(id)) return;
     VirtualCircuit* const circuit = held.circuit;
     // The goodbye may be on its way through another thread.
-    while (circuit->state == CircuitState::kConnected &&
+    while (circuit->vcState == CircuitState::kConnected &&
            Event_RunningDispatches(circuit->controlListener) != 0) {
         awaitOthersLocked(circuit);
     }
-    if (circuit->state != CircuitState::kConnected || circuit->graceTimer != kNoId) return;
+    if (circuit->vcState != CircuitState::kConnected || circuit->graceTimer != kNoId) return;
     const bool isGraced = isDirectLocked(circuit) &&
                           pelmoEvent_CreateTimer(&circuit->graceTimer, kTimerQueueId, onGraceOver,
                                                  kMostFlushSeconds, idToItem(id)) == kStatusSuccess;
@@ -479,7 +479,7 @@ void vcUnreachable(uint32_t id) {
 void vcGraceOver(uint32_t id) {
     HeldCircuit held;
     if (!held.find(id)) return;
-    if (held.circuit->state == CircuitState::kConnected) endLocked(held.circuit, kGone, false);
+    if (held.circuit->vcState == CircuitState::kConnected) endLocked(held.circuit, kGone, false);
 }
 
 pelmoStatus vcDeliver(Transport* transport, pelmoMsg* message) {
@@ -524,11 +524,11 @@ pelmoStatus vcWaitForConnection(uint32_t circuit, double seconds) {
     const double deadline = seconds < 0 ? -1 : clockSteadySeconds() + seconds;
     HeldCircuit held;
     if (!held.find(circuit)) return kStatusInvalidTransport;
-    if (held.circuit->state == CircuitState::kDisconnected) return kStatusCircuitNotConnected;
+    if (held.circuit->vcState == CircuitState::kDisconnected) return kStatusCircuitNotConnected;
     bool isInTime = true;
-    while (isInTime && held.circuit->state == CircuitState::kWaiting) {
+    while (isInTime && held.circuit->vcState == CircuitState::kWaiting) {
         isInTime = awaitChange(held.circuit, deadline);
     }
-    const bool isChanged = isInTime || held.circuit->state == CircuitState::kConnected;
+    const bool isChanged = isInTime || held.circuit->vcState == CircuitState::kConnected;
     return isChanged ? kStatusSuccess : kStatusTimeout;
 }

@@ -43,7 +43,7 @@ struct VirtualCircuit {
 
     Cond changed;  // broadcast at each change of state, and at the end of a turn that is waited for
 
-    CircuitState state PELMO_GUARDED_BY(transport->header.lock);
+    CircuitState vcState PELMO_GUARDED_BY(transport->header.lock);
     CircuitCount count PELMO_GUARDED_BY(transport->header.lock);
     bool isLegacyPeer PELMO_GUARDED_BY(transport->header.lock);
     uint8_t peerSubject[kSubjectMaxBytes] PELMO_GUARDED_BY(transport->header.lock);  // packed

@@ -92,7 +92,7 @@ void circuitTell(VirtualCircuit* circuit,
 pelmoStatus vcWrap(Transport* transport, pelmoMsg* message, pelmoMsg** outEnvelope) {
     VirtualCircuit* const circuit = transport->circuit;
     lockIsHeld(circuit);
-    if (circuit->state != CircuitState::kConnected) return kStatusCircuitNotConnected;
+    if (circuit->vcState != CircuitState::kConnected) return kStatusCircuitNotConnected;
     HeldMessage held;
     CircuitParcel parcel;
     pelmoStatus status = circuitPack(message, &held, &parcel);
