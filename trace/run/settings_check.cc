@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "lib/base/log.h"
@@ -25,6 +26,8 @@ constexpr size_t kFewValues = 100;
 constexpr size_t kShortFilterBytes = 1024;
 constexpr unsigned kMostCompileSeconds = 2;
 
+constexpr int kMostLinks = 40;  // as many as the system follows
+
 bool listsAreShort() {
     return traceSettings.srcAddrs.size() <= kFewValues &&
            traceSettings.dstAddrs.size() <= kFewValues && traceSettings.ports.size() <= kFewValues;
@@ -41,19 +44,43 @@ const char* streamOr(const char* path, const char* stream) {
     return path != nullptr && std::strcmp(path, "-") == 0 ? stream : path;
 }
 
-// The path without links, also where its last name doesn't exist yet.
-std::string resolved(const fs::path& path) {
-    std::error_code ignored;
-    return fs::weakly_canonical(fs::absolute(path, ignored), ignored);
+// The folder that holds the path's last name, without links. None where it can't be looked up.
+std::optional<fs::path> folderOf(const fs::path& path) {
+    std::error_code error;
+    const fs::path whole = fs::absolute(path, error);
+    if (error) return std::nullopt;
+    fs::path folder = fs::canonical(whole.parent_path(), error);
+    if (error) return std::nullopt;
+    return folder;
+}
+
+// The path without links, also where its last name doesn't exist yet: a link to such a name is
+// followed, as opening the file would. None where the look-up fails: opening the file then fails
+// too, and says why.
+std::optional<fs::path> resolved(fs::path path) {
+    for (int links = 0; links < kMostLinks; ++links) {
+        const std::optional<fs::path> folder = folderOf(path);
+        if (!folder) return std::nullopt;
+        path = *folder / path.filename();
+
+        std::error_code error;
+        const fs::path target = fs::read_symlink(path, error);
+        if (error == std::errc::invalid_argument) return path;  // no link
+        if (error == std::errc::no_such_file_or_directory) return path;
+        if (error) return std::nullopt;
+        path = *folder / target;
+    }
+    return std::nullopt;
 }
 
 // Does the file's rotation sooner or later take the other's name for a numbered file? Only the name
 // counts: a file that has another one is not lost with it.
 bool takesTheName(const NamedFile& file, const char* other) {
-    std::error_code ignored;
-    const fs::path path = fs::absolute(file.path, ignored);
-    const std::string own = fs::path(resolved(path.parent_path())) / path.filename();
-    const std::string name = resolved(other);
+    const std::optional<fs::path> folder = folderOf(file.path);
+    const std::optional<fs::path> otherPath = resolved(other);
+    if (!folder || !otherPath) return false;
+    const std::string own = *folder / fs::path(file.path).filename();
+    const std::string name = *otherPath;
     if (!name.starts_with(own)) return false;
 
     const char* const digits = name.c_str() + own.size();
@@ -93,7 +120,8 @@ bool filesAreOne(const char* path, const char* other) {
     struct stat status;
     struct stat otherStatus;
     if (stat(path, &status) != 0 || stat(other, &otherStatus) != 0) {
-        return resolved(path) == resolved(other);
+        const std::optional<fs::path> name = resolved(path);
+        return name && name == resolved(other);
     }
     return S_ISREG(status.st_mode) && status.st_dev == otherStatus.st_dev &&
            status.st_ino == otherStatus.st_ino;

@@ -16,5 +16,6 @@
 // another's rotation. Behind the rotation settings, which tell the numbers.
 [[nodiscard]] pelmoStatus validateFiles();
 
-// Do the paths lead to one regular file, also through links, or to one that doesn't exist yet?
+// Do the paths lead to one regular file, also through links, or to one that doesn't exist yet? No
+// where either can't be looked up: opening it fails and says why.
 [[nodiscard]] bool filesAreOne(const char* path, const char* other);
