@@ -108,9 +108,10 @@ pelmoStatus pelmoTransport_DestroyWithin(uint32_t transport, double seconds);
 // subject or with a reserved one; kStatusDaemonNotConnected without a connection to the daemon,
 // kStatusInvalidIoSource for a send that meets its break. A send also succeeds when the transport
 // is destroyed meanwhile. A send waits while too much is queued for the daemon
-// (pelmoTransport_SetSendingWaitLimit). On the direct road: kStatusDeliveryFailed where the peer is
-// given up while the sender waits, kStatusInvalidSize for a message above 64 MiB,
-// kStatusInvalidTransport for a transport that is being destroyed.
+// (pelmoTransport_SetSendingWaitLimit). kStatusInvalidSize for a message longer than the daemon
+// takes, on the direct road for one above 64 MiB. On the direct road also: kStatusDeliveryFailed
+// where the peer is given up while the sender waits, kStatusInvalidTransport for a transport that
+// is being destroyed.
 
 [[nodiscard]] pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
 
