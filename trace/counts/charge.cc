@@ -23,7 +23,7 @@ constexpr size_t kLeastSubjectBytes = 5;   // one element without characters
 }
 
 bool countSender(SubjectEntry& subject, uint64_t key, uint32_t messageBytes) {
-    SubjectSender* sender = subjectSender(subject, key);
+    HostSubjEntry* sender = subjectSender(subject, key);
     if (sender == nullptr) return false;
     if (sender->msgs++ == 0) ++statistics.live.senders;
     sender->bytes += messageBytes;

@@ -24,19 +24,19 @@ constexpr uint32_t kStatusAlignment = 4;
 }
 
 // The packed elements of _PM.INFO.SYSTEM.HOST: size, text, NUL of each.
-inline constexpr uint8_t kHostStatusPrefix[] = {
+inline constexpr uint8_t hostStatusPrefix[] = {
     5, '_', 'P', 'M', 0,   6,   'I', 'N', 'F', 'O', 0,                 //
     8, 'S', 'Y', 'S', 'T', 'E', 'M', 0,   6,   'H', 'O', 'S', 'T', 0,  //
 };
-static_assert(sizeof kHostStatusPrefix == 25);
+static_assert(sizeof hostStatusPrefix == 25);
 
 // `subject` is packed and well formed. True for subjects below the prefix, not for the prefix
 // itself. The length or the first characters rule out nearly every other message.
 [[nodiscard]] inline bool hostStatusMatch(const uint8_t* subject) {
     const uint8_t* elements = subject + kSubjectHeadBytes;
-    return subjectLength(subject) > kSubjectHeadBytes + sizeof kHostStatusPrefix &&
-           loadBe32At(elements) == loadBe32At(kHostStatusPrefix) &&
-           std::memcmp(elements, kHostStatusPrefix, sizeof kHostStatusPrefix) == 0;
+    return subjectLength(subject) > kSubjectHeadBytes + sizeof hostStatusPrefix &&
+           loadBe32At(elements) == loadBe32At(hostStatusPrefix) &&
+           std::memcmp(elements, hostStatusPrefix, sizeof hostStatusPrefix) == 0;
 }
 
 // `message` has `length` bytes, and its first word has the same number.

@@ -168,7 +168,7 @@ void copyTwoSidedHost(Record& host, Snap& to) {
 // snapshot those without room are left out: one subject may have more than there ever is room for.
 uint32_t copySenders(const SubjectEntry& subject, Places& places) {
     const SnapSubjectHost* first = places.subjectHosts;
-    for (SubjectSender& sender : sendersOf(subject)) {
+    for (HostSubjEntry& sender : sendersOf(subject)) {
         if (sender.msgs == 0) continue;
         if (places.room.subjectHosts != 0) {
             --places.room.subjectHosts;

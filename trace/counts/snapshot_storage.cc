@@ -31,7 +31,7 @@ uint8_t* snapshotStorage(size_t sizeBytes) {
     return static_cast<uint8_t*>(storage.bytes);
 }
 
-size_t snapshotStorageCapacity() {
+size_t snapshotCapacity() {
     return storage.capacityBytes;
 }
 

@@ -16,7 +16,7 @@
 // of the last call is then still valid.
 [[nodiscard]] uint8_t* snapshotStorage(size_t sizeBytes);
 
-[[nodiscard]] size_t snapshotStorageCapacity();
+[[nodiscard]] size_t snapshotCapacity();
 
 // Hands the block over, with the snapshot in it, for another one of malloc's, or for none: the next
 // call then allocates.

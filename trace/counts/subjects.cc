@@ -10,16 +10,16 @@ namespace {
 constexpr uint32_t kFirstSenders = 2;
 constexpr uint32_t kMostSenders = 1u << 28;
 constexpr uint32_t kMostWithoutIndex = 16;
-static_assert(sizeof(SubjectSenders) % alignof(SubjectSender) == 0);
+static_assert(sizeof(SubjectSenders) % alignof(HostSubjEntry) == 0);
 
-SubjectSender* senderAt(const SubjectSenders& senders, uint32_t place) {
-    return const_cast<SubjectSender*>(reinterpret_cast<const SubjectSender*>(&senders + 1) + place);
+HostSubjEntry* senderAt(const SubjectSenders& senders, uint32_t place) {
+    return const_cast<HostSubjEntry*>(reinterpret_cast<const HostSubjEntry*>(&senders + 1) + place);
 }
 
-SubjectSender* findSender(const SubjectSenders& senders, uint64_t key) {
+HostSubjEntry* findSender(const SubjectSenders& senders, uint64_t key) {
     if (senders.slots == nullptr) {
         for (uint32_t place = 0; place < senders.count; ++place) {
-            SubjectSender* sender = senderAt(senders, place);
+            HostSubjEntry* sender = senderAt(senders, place);
             if (sender->key == key) return sender;
         }
         return nullptr;
@@ -27,7 +27,7 @@ SubjectSender* findSender(const SubjectSenders& senders, uint64_t key) {
     for (uint32_t at = probeHashKey(key);; ++at) {
         const uint32_t slot = senders.slots[at & senders.slotMask];
         if (slot == 0) return nullptr;
-        SubjectSender* sender = senderAt(senders, slot - 1);
+        HostSubjEntry* sender = senderAt(senders, slot - 1);
         if (sender->key == key) return sender;
     }
 }
@@ -67,7 +67,7 @@ const char* reserveSender(SubjectEntry& subject) {
         const uint32_t capacity = senders == nullptr ? kFirstSenders : senders->capacity * 2;
         if (capacity > kMostSenders) return kNoRoom;
         void* grown =
-            std::realloc(senders, sizeof(SubjectSenders) + capacity * sizeof(SubjectSender));
+            std::realloc(senders, sizeof(SubjectSenders) + capacity * sizeof(HostSubjEntry));
         if (grown == nullptr) return senders == nullptr ? kNoFirst : kNoRoom;
         subject.senders = static_cast<SubjectSenders*>(grown);
         if (senders == nullptr) *subject.senders = {};
@@ -94,9 +94,9 @@ SubjectEntry* subjectCreate(SubjectMap& subjects, const uint8_t* subject, uint32
     return reinterpret_cast<SubjectEntry*>(record);
 }
 
-SubjectSender* subjectSender(SubjectEntry& subject, uint64_t key) {
+HostSubjEntry* subjectSender(SubjectEntry& subject, uint64_t key) {
     if (subject.senders != nullptr) {
-        SubjectSender* found = findSender(*subject.senders, key);
+        HostSubjEntry* found = findSender(*subject.senders, key);
         if (found != nullptr) return found;
     }
     if (const char* fault = reserveSender(subject)) {
@@ -104,7 +104,7 @@ SubjectSender* subjectSender(SubjectEntry& subject, uint64_t key) {
         return nullptr;
     }
     SubjectSenders& senders = *subject.senders;
-    SubjectSender* sender = senderAt(senders, senders.count);
+    HostSubjEntry* sender = senderAt(senders, senders.count);
     *sender = {.key = key, .msgs = 0, .bytes = 0};
     if (senders.slots != nullptr) enterIndex(senders, senders.count);
     ++senders.count;

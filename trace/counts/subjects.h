@@ -20,7 +20,7 @@
 #include "lib/containers/subject_map.h"
 
 // Counters of the interval. A sender without traffic has zeros, and stays.
-struct SubjectSender {
+struct HostSubjEntry {
     uint64_t key;  // hostKey
     uint64_t msgs, bytes;
 };
@@ -47,7 +47,7 @@ struct SubjectEntry {
 
 // Finds or creates the sender by its hostKey. The pointer is valid until the next sender of the
 // subject is created.
-[[nodiscard]] SubjectSender* subjectSender(SubjectEntry& subject, uint64_t key);
+[[nodiscard]] HostSubjEntry* subjectSender(SubjectEntry& subject, uint64_t key);
 
 // Removes the subject at the place and frees it with its senders. The subject at the last place
 // moves to the free place.
@@ -65,7 +65,7 @@ void subjectsClear(SubjectMap& subjects);
     return reinterpret_cast<const uint8_t*>(&subject + 1);
 }
 
-[[nodiscard]] inline std::span<SubjectSender> sendersOf(const SubjectEntry& subject) {
+[[nodiscard]] inline std::span<HostSubjEntry> sendersOf(const SubjectEntry& subject) {
     if (subject.senders == nullptr) return {};
-    return {reinterpret_cast<SubjectSender*>(subject.senders + 1), subject.senders->count};
+    return {reinterpret_cast<HostSubjEntry*>(subject.senders + 1), subject.senders->count};
 }

@@ -79,7 +79,7 @@ TEST(Charge, TellsApartAnyNumberOfSenders) {
         const uint64_t key = i % kSenders * 0x10001;
         ASSERT_EQ(chargeMessage(to, key, subject, static_cast<uint32_t>(i)), ChargeResult::kDone);
     }
-    const std::span<const SubjectSender> senders = sendersOf(subjectAt(to.subjects, 0));
+    const std::span<const HostSubjEntry> senders = sendersOf(subjectAt(to.subjects, 0));
     ASSERT_EQ(senders.size(), kSenders);
     for (uint64_t i = 0; i < kSenders; ++i) {
         ASSERT_EQ(senders[i].key, i * 0x10001);

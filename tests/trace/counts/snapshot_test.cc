@@ -93,7 +93,7 @@ void feedHosts(uint32_t count, uint32_t seq) {
 
 TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
     TraceRun run;
-    EXPECT_EQ(snapshotStorageCapacity(), 32768u);
+    EXPECT_EQ(snapshotCapacity(), 32768u);
     const size_t rest = sizeof(SnapHeader) + sizeof(SnapPort) + sizeof(SnapNet);
     const auto hosts = static_cast<uint32_t>((32768 - rest) / sizeof(SnapHost));
     size_t capacity = rest + (hosts + 1) * sizeof(SnapHost);
@@ -105,15 +105,15 @@ TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
                                         {few, capacity / 2}}) {
         feedHosts(count, ++seq);
         (void)take();
-        EXPECT_EQ(snapshotStorageCapacity(), wanted) << count;
+        EXPECT_EQ(snapshotCapacity(), wanted) << count;
     }
     for (capacity /= 2; sizeof(SnapHeader) < capacity / 2;) {
         EXPECT_EQ(take()->portCount, 0u);
         capacity /= 2;
-        EXPECT_EQ(snapshotStorageCapacity(), capacity);
+        EXPECT_EQ(snapshotCapacity(), capacity);
     }
     EXPECT_EQ(take()->portCount, 0u);
-    EXPECT_EQ(snapshotStorageCapacity(), capacity);
+    EXPECT_EQ(snapshotCapacity(), capacity);
     feedHosts(3, ++seq);
     EXPECT_EQ(onlyNet(*take()).hostCount, 3u);
 }
@@ -122,7 +122,7 @@ TEST(Snapshot, HalvesOnlyBelowHalf) {
     TraceRun run;
     for (const auto& [sizeBytes, capacity] : {std::pair{16384u, 32768u}, {16383u, 16384u}}) {
         EXPECT_NE(snapshotStorage(sizeBytes), nullptr);
-        EXPECT_EQ(snapshotStorageCapacity(), capacity);
+        EXPECT_EQ(snapshotCapacity(), capacity);
     }
 }
 
@@ -244,10 +244,10 @@ TEST(Snapshot, KeepsABlockThatCantShrink) {
         EXPECT_NE(snapshotTake({}), nullptr);
         EXPECT_EQ(allocationsFailed(), 1u);
     }
-    EXPECT_EQ(snapshotStorageCapacity(), 32768u);
+    EXPECT_EQ(snapshotCapacity(), 32768u);
     EXPECT_EQ(run.logged(), Lines());
     (void)take();
-    EXPECT_EQ(snapshotStorageCapacity(), 16384u);
+    EXPECT_EQ(snapshotCapacity(), 16384u);
 }
 
 }  // namespace
