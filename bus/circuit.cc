@@ -216,15 +216,32 @@ ExitStatus endStatus(const Talk& talk, PumpEnd end) {
     return talk.status;
 }
 
+// Has a break of the connection lost something, or does it leave no way for the goodbye? One to a
+// peer that is reached directly needs no daemon.
+bool isCutOff(const Talk& talk) {
+    const uint32_t transport = talk.connection.transport;
+    const bool owesGoodbye = talk.isConnected && !talk.endedByPeer && talk.status == kExitDone;
+    if (!owesGoodbye || transport == kIntraProcessTransportId) return false;
+    pelmoUnsent unsent = {};
+    (void)pelmoTransport_GetUnsent(transport, &unsent);
+    if (unsent.lostMessages != 0) return true;
+    const char* const service = talk.settings.service;
+    if (service != nullptr && std::strchr(service, ':') != nullptr) return false;
+    const pelmoStatus status = pelmoTransport_HoldSends(transport);
+    if (status == kStatusSuccess) (void)pelmoTransport_ReleaseSends(transport);
+    return status == kStatusDaemonNotConnected;
+}
+
 // The goodbye is the last that the connection carries. False, and told, where something that was
 // sent hasn't left.
 bool endPaths(Talk& talk, SendWatch& watch) {
+    const bool wasCutOff = isCutOff(talk);
     talk.circuit.end();
     watch.stop();
     std::optional<double> most;
     if (stopRequested()) most = kLastSeconds;
     const bool isLost = connectionEnd(talk.connection, most) == kStatusDeliveryFailed;
-    if (!isLost && !watch.isLost) return true;
+    if (!isLost && !watch.isLost && !wasCutOff) return true;
     complain(nameOf(talk) + ": not all has left", kStatusDeliveryFailed);
     return false;
 }
@@ -252,7 +269,8 @@ ExitStatus run(Talk& talk) {
         status = kExitFailed;
     }
     talk.input.reset();
-    if (!endPaths(talk, watch) && status == kExitDone) status = kExitFailed;
+    const bool allLeft = endPaths(talk, watch);
+    if (!allLeft && status == kExitDone) status = kExitFailed;
     return printerClose(talk.printer) ? status : kExitFailed;
 }
 

@@ -401,7 +401,8 @@ class OverADaemon(unittest.TestCase):
             connect.wait(0.3)
         self.daemon.popen.kill()
         self.assertEqual(connect.wait(30), 1)
-        self.assertIn(b"circuit connect C: not all has left: ", connect.stderr.read())
+        # Where it comes late, it finds the connection broken before it can send.
+        self.assertRegex(connect.stderr.read(), b"circuit connect C: not all has left: |send LINE: Not connected")
 
     def test_listening_is_said_once_the_daemon_knows(self):
         # What goes to the daemon waits from the first interest on: it can't know of the listener.
