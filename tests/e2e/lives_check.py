@@ -9,7 +9,7 @@ import re
 # Lines that tell of something lost, or of a connection that was.
 TELLS = re.compile(r"lost the connection|[Nn]ot connected|DISCONNECTED|RECONNECTED|cut off|couldn't|dropp|lost|refused|"
                    r"didn't leave|Broken pipe|reset|no memory|out of memory|not sent|unsent|ended ahead|without|"
-                   r"timed out|closed|open: |DeliveryFailed|[Dd]elivery|Virtual circuit|connect ")
+                   r"timed out|closed|Memory allocation|open: |DeliveryFailed|[Dd]elivery|Virtual circuit|connect ")
 MESSAGE = re.compile(r'(\S+) (?:reply=\S+ )?\{.*?life="([^"]*)".*?\bseq=(\d+)')
 SENT = re.compile(r"^sent (\d+)$", re.M)
 
