@@ -42,7 +42,7 @@ bool isModuleOn(uint32_t module) {
     return module < kTraceModules && traceWants(static_cast<TraceModuleId>(module));
 }
 
-[[gnu::format(printf, 2, 3)]] void writeLine(uint32_t module, const char* format, ...) {
+[[gnu::format(printf, 2, 3)]] void Trace_Line(uint32_t module, const char* format, ...) {
     if (!isModuleOn(module)) return;
     va_list arguments;
     va_start(arguments, format);
@@ -56,7 +56,7 @@ bool isModuleOn(uint32_t module) {
 // Runs before any other thread starts: a thread that sees a module switched on need not see what
 // was written just before.
 [[maybe_unused]] const bool filledIn = [] {
-    traceOps.write = writeLine;
+    traceOps.write = Trace_Line;
     return true;
 }();
 
@@ -179,7 +179,7 @@ pelmoStatus printMessage(TraceModuleId module, char* line, pelmoMsg* message) {
 
     const size_t length = std::strlen(line);
     boundedFormat(line + length, kMessageLineBytes - length, ": (%s) %s", subjectText, messageText);
-    writeLine(module, "%s", line);
+    Trace_Line(module, "%s", line);
     return kStatusSuccess;
 }
 
