@@ -113,7 +113,7 @@ run_long() {
     step "soak, 10 minutes"
     python3 tests/e2e/soak.py build/release/bin/{pelmoscope,pelmogen} || [ $? = 77 ]
     step "attacks"
-    python3 tests/e2e/attacks.py build/release/bin/pmd
+    python3 tests/e2e/attacks.py build/release/bin/{pmd,pelmowatch,pelmogen} || [ $? = 77 ]
     step "two capture points and Prometheus"
     python3 tests/watch/prometheus_test.py build/release/bin/{pelmowatch,pelmogen} || [ $? = 77 ]
     step "random requests, a minute"

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""attacks.py PMD: what one client of the daemon may do to the others. Each attack runs against a
+"""attacks.py PMD PELMOWATCH PELMOGEN: what one client of the daemon may do to the others, and clients
+of `pelmowatch serve` to theirs (attacks_serve.py). Each attack on the daemon runs against a
 daemon of its own on loopback, with a client beside it that has nothing to do with it: its worst
 latency, the time of CPU that the daemon takes and the memory that it grows by are compared with the
 bounds that SECURITY.md has. Prints a line for each, and ends with 1 where a bound doesn't hold. A busy
@@ -9,7 +10,9 @@ import sys
 import threading
 import time
 
+from attacks_serve import attack_serve, cpu_seconds, resident_bytes
 from bus_client import Client, Closed, Daemon, data_message, message, subject_field, text
+from live_run import open_wire
 
 PACE_SECONDS = 0.02
 BLOCK = 500
@@ -77,17 +80,6 @@ PMD_ATTACKS = [
 ]
 
 
-def resident_bytes(pid):
-    with open("/proc/%d/statm" % pid) as statm:
-        return int(statm.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
-
-
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as stat:
-        fields = stat.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-
 class Bystander:
     """Sends to itself at a steady pace and keeps the worst time."""
 
@@ -143,8 +135,10 @@ def attack(pmd, name, run, most_bytes, most_seconds):
 
 
 def main():
-    results = [attack(sys.argv[1], *row) for row in PMD_ATTACKS]
-    sys.exit(0 if all(results) else 1)
+    pmd, watch, pelmogen = map(os.path.abspath, sys.argv[1:4])
+    wire = open_wire()
+    results = [attack(pmd, *row) for row in PMD_ATTACKS]
+    sys.exit(0 if attack_serve(watch, pelmogen, wire) and all(results) else 1)
 
 
 if __name__ == "__main__":
