@@ -80,15 +80,18 @@ bool becomeUser() {
     return user == geteuid() || setresuid(user, user, user) == 0;
 }
 
+constexpr int kSocketTypes = 0xf;  // beside SOCK_CLOEXEC and its like
+
 struct Refusal {
     int call;
     scmp_arg_cmp argument;  // every call where `op` is 0
 };
 
-// Flags of an open are its second argument, of an openat its third.
+// The kernel reads the low half of such an argument; a filter sees the whole. Flags of an open are
+// its second argument, of an openat its third.
 scmp_arg_cmp flagIs(unsigned argument, int mask, int value) {
-    return {argument, SCMP_CMP_MASKED_EQ, static_cast<scmp_datum_t>(mask),
-            static_cast<scmp_datum_t>(value)};
+    return {argument, SCMP_CMP_MASKED_EQ, static_cast<uint32_t>(mask),
+            static_cast<uint32_t>(value)};
 }
 
 // Errors and not an end of the process: what a library tries without needing it just fails.
@@ -103,7 +106,11 @@ bool addRefusals(scmp_filter_ctx filter) {
         {SCMP_SYS(openat), flagIs(2, O_ACCMODE, O_WRONLY)},
         {SCMP_SYS(openat), flagIs(2, O_ACCMODE, O_RDWR)},
         {SCMP_SYS(openat), flagIs(2, O_CREAT, O_CREAT)},
-        {SCMP_SYS(socket), {0, SCMP_CMP_EQ, AF_PACKET, 0}},
+        {SCMP_SYS(open), flagIs(1, O_TRUNC, O_TRUNC)},
+        {SCMP_SYS(openat), flagIs(2, O_TRUNC, O_TRUNC)},
+        {SCMP_SYS(truncate), {}},
+        {SCMP_SYS(socket), flagIs(0, -1, AF_PACKET)},
+        {SCMP_SYS(socket), flagIs(1, kSocketTypes, SOCK_PACKET)},  // an older way to one
         {SCMP_SYS(ptrace), {}},
         {SCMP_SYS(process_vm_readv), {}},
         {SCMP_SYS(process_vm_writev), {}},

@@ -465,10 +465,13 @@ void beNice() {
     (void)setpriority(PRIO_PROCESS, 0, kNice);  // of this thread alone; it goes without, too
 }
 
+// The library may have none of a client that has gone.
 CrowdAddress addressOf(MHD_Connection* connection) {
-    const sockaddr* const peer =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr;
+    const MHD_ConnectionInfo* const info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    const sockaddr* const peer = info != nullptr ? info->client_addr : nullptr;
     in6_addr six = IN6ADDR_ANY_INIT;
+    if (peer == nullptr) return std::bit_cast<CrowdAddress>(six);
     if (peer->sa_family == AF_INET6) {
         sockaddr_in6 whole{};
         std::memcpy(&whole, peer, sizeof whole);
@@ -484,11 +487,15 @@ CrowdAddress addressOf(MHD_Connection* connection) {
 
 void openClient(MHD_Connection* connection, void** context) {
     beNice();
+    const int descriptor =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
     auto* const client = new (std::nothrow) Client{};
     *context = client;
-    if (client == nullptr) return;  // its requests are refused
-    client->descriptor =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    if (client == nullptr) {  // nobody would count it, nor cut it off
+        shutdown(descriptor, SHUT_RDWR);
+        return;
+    }
+    client->descriptor = descriptor;
     client->address = addressOf(connection);
     const LockGuard guard(server.lock);
     CrowdMember* const surplus = crowdEnter(server.crowd, *client, clockSteadySeconds());
