@@ -32,8 +32,9 @@ bool makeProbeInbox(uint32_t transport, char (&out)[kMostInboxBytes]) {
     if (pelmoTransport_CreateInbox(transport, own, sizeof own) != kStatusSuccess) return false;
     const std::string_view text(own);
     const size_t id = text.find('.', text.find('.') + 1);
-    const size_t rest = id == text.npos ? text.npos : text.find('.', id + 1);
-    if (rest == text.npos) return false;
+    const size_t rest =
+        id == std::string_view::npos ? std::string_view::npos : text.find('.', id + 1);
+    if (rest == std::string_view::npos) return false;
     const int size =
         std::snprintf(out, sizeof out, "%.*s.DAEMON%s", static_cast<int>(id), own, own + rest);
     return size > 0 && static_cast<size_t>(size) < sizeof out;

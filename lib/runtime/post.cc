@@ -110,7 +110,8 @@ pelmoStatus postLocked(Held<Queue>& queue, Event* event, bool& posted)
 // Tells of new entries whoever may wait for them: the queue's threads, its groups', and a foreign
 // loop by the hook. A queue that was destroyed while a limit was told has none any more. Gives the
 // queue back.
-void announce(Held<Queue>& queue, uint32_t entries) PELMO_RELEASE(queue->header.lock) {
+void announce(Held<Queue>& queue, uint32_t entries)
+    PELMO_RELEASE(queue->header.lock) PELMO_UNCHECKED_LOCKING {
     if (Id_IsInvalid(&queue->header)) return queue.release();
     const uint32_t id = queue->header.id;
     // Threads of the library's own queues wait for their timers and sockets instead.

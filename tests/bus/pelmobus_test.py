@@ -533,7 +533,7 @@ class OverADaemon(unittest.TestCase):
         _, err = sender.communicate(timeout=30)
         self.assertEqual(sender.returncode, 1, err)
         self.assertRegex(err, b"pelmobus: send D: (not all has left|[0-9]+ messages lost with the connection): ")
-        self.assertTrue(err.endswith(b"\nsent %d\n" % (1 + more)), err)
+        self.assertIn(b"\nsent %d\n" % (1 + more), err)
 
     def test_a_break_in_a_burst_repeats_nothing(self):
         listener = self.start("listen", "B", "--json")

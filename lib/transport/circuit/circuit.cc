@@ -463,17 +463,18 @@ void vcControl(uint32_t id, std::span<pelmoMsg* const> messages) {
 void vcUnreachable(uint32_t id) {
     HeldCircuit held;
     if (!held.find(id)) return;
-    VirtualCircuit* const circuit = held.circuit;
     // The goodbye may be on its way through another thread.
-    while (circuit->vcState == CircuitState::kConnected &&
-           Event_RunningDispatches(circuit->controlListener) != 0) {
-        awaitOthersLocked(circuit);
+    while (held.circuit->vcState == CircuitState::kConnected &&
+           Event_RunningDispatches(held.circuit->controlListener) != 0) {
+        awaitOthersLocked(held.circuit);
     }
-    if (circuit->vcState != CircuitState::kConnected || circuit->graceTimer != kNoId) return;
-    const bool isGraced = isDirectLocked(circuit) &&
-                          pelmoEvent_CreateTimer(&circuit->graceTimer, kTimerQueueId, onGraceOver,
-                                                 kMostFlushSeconds, idToItem(id)) == kStatusSuccess;
-    if (!isGraced) endLocked(circuit, kGone, false);
+    if (held.circuit->vcState != CircuitState::kConnected || held.circuit->graceTimer != kNoId)
+        return;
+    const bool isGraced =
+        isDirectLocked(held.circuit) &&
+        pelmoEvent_CreateTimer(&held.circuit->graceTimer, kTimerQueueId, onGraceOver,
+                               kMostFlushSeconds, idToItem(id)) == kStatusSuccess;
+    if (!isGraced) endLocked(held.circuit, kGone, false);
 }
 
 void vcGraceOver(uint32_t id) {

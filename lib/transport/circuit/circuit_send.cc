@@ -82,7 +82,7 @@ pelmoStatus circuitSendAcceptance(VirtualCircuit* circuit, const char* to) {
 void circuitTell(VirtualCircuit* circuit,
                  const char* advisoryClass,
                  const char* name,
-                 const char* description) {
+                 const char* description) PELMO_UNCHECKED_LOCKING {
     Transport* const transport = circuit->transport;
     Id_Leave(&transport->header);
     (void)advisorySend(transport->header.id, advisoryClass, kSource, name, description);
