@@ -173,6 +173,7 @@ ATTACKS = [
     ("followers of events", followers),
     ("half requests", half_requests),
     ("one address", lambda crowd: crowd_of(crowd, ADDRESSES[:1])),
+    ("eight addresses", lambda crowd: crowd_of(crowd, ADDRESSES)),
     ("5,000 parts", lambda crowd: asks(crowd, request("/metrics?" + "&".join("a" * 5000)), 414)),
     ("another site's page", lambda crowd: asks(
         crowd, request("/snapshot.json", "Origin: http://evil.example", "Sec-Fetch-Site: cross-site"), 403)),

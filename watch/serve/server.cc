@@ -101,10 +101,12 @@ void wakeLocked(Client* client) PELMO_REQUIRES(server.lock) {
     MHD_resume_connection(client->connection);
 }
 
-// libmicrohttpd owns the socket and closes it, on its thread.
+// libmicrohttpd owns the socket and closes it, on its thread. It doesn't watch the socket of a
+// client that is suspended, and forgets one that is shut then: such a client gets the end of its
+// stream. If it doesn't take even that, the next sweep shuts its socket.
 void shutLocked(Client* client) PELMO_REQUIRES(server.lock) {
+    if (client->isSuspended) return wakeLocked(client);
     shutdown(client->descriptor, SHUT_RDWR);
-    wakeLocked(client);
 }
 
 void cutOffLocked(Client* client) PELMO_REQUIRES(server.lock) {
@@ -295,8 +297,7 @@ ssize_t readEvents(void* context, uint64_t, char* buffer, size_t sizeBytes) {
     auto* const client = static_cast<Client*>(context);
     const Event newest = newestEvent();
     const LockGuard guard(server.lock);
-    if (client->isCut) return MHD_CONTENT_READER_END_WITH_ERROR;
-    if (server.isEnding) return MHD_CONTENT_READER_END_OF_STREAM;
+    if (client->isCut || server.isEnding) return MHD_CONTENT_READER_END_OF_STREAM;
     const std::string_view piece =
         eventsNext(client->events, newest, sizeBytes, clockSteadySeconds());
     client->hasToTake = static_cast<bool>(client->events.body);
@@ -324,6 +325,7 @@ MHD_Result answerEvents(MHD_Connection* connection, Client* client) {
     if (!hasRoom) {
         return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "too many follow the events");
     }
+    server.closesAfterAnswer = true;
     return queue(connection, MHD_HTTP_OK,
                  MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kServerClientBytes, readEvents,
                                                    client, nullptr),
@@ -588,6 +590,7 @@ void serverSweep() {
     const LockGuard guard(server.lock);
     for (Client* client = firstLocked(); client != nullptr; client = nextOf(client)) {
         if (client->hasToTake) crowdTook(*client, peerTakenBytes(client->descriptor), now);
+        if (client->isCut) shutLocked(client);
         if (isLate(*client, now) || isInTheWayLocked(*client, now)) cutOffLocked(client);
         if (hasLeft(*client) && crowdCut(server.crowd, *client)) shutLocked(client);
         if (client->isSuspended && eventsWakes(client->events, server.published, now)) {
