@@ -72,7 +72,8 @@ void onAsked(uint32_t, pelmoMsg*, void*) {
 
 void setWait(int descriptor, double seconds) {
     const auto whole = static_cast<time_t>(seconds);
-    const timeval limit = {whole, static_cast<suseconds_t>((seconds - double(whole)) * 1e6)};
+    const timeval limit = {whole,
+                           static_cast<suseconds_t>((seconds - static_cast<double>(whole)) * 1e6)};
     (void)setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     (void)setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
