@@ -223,9 +223,9 @@ class Serve(unittest.TestCase):
         self.assertIn(b" 403 ", self.connect(server, b"GET /metrics HTTP/1.0\r\n\r\n").recv(100))
         # Wherever it listens: a page's own name may lead to any address.
         self.assertEqual(self.serve(self.mix, "--listen", "0.0.0.0:0").answer("/", Host="evil.example")[0], 403)
-        everywhere = subprocess.run([WATCH, "serve", "-r", self.mix, "--listen", "nonsense"], capture_output=True,
-                                    text=True, check=False)
-        self.assertEqual((everywhere.returncode, everywhere.stderr.count("\n")), (2, 1))
+        for words in (["--listen", "nonsense"], ["--host", ""], ["--host", "bus.example:9471"]):
+            refused = subprocess.run([WATCH, "serve", "-r", self.mix, *words], capture_output=True, text=True, check=False)
+            self.assertEqual((refused.returncode, refused.stderr.count("\n")), (2, 1), words)
 
     def test_a_port_in_use_is_told_in_a_line(self):
         server = self.serve(self.mix)

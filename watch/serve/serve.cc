@@ -123,6 +123,10 @@ const char* storeMostClients(const char* value) {
 }
 
 const char* storeHostName(const char* value) {
+    if (std::string_view(value).empty() ||
+        std::string_view(value).find(':') != std::string_view::npos) {
+        return "isn't a host's name, which stands without its port";
+    }
     serve.hostNames.push_back(value);
     return nullptr;
 }
