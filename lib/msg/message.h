@@ -122,8 +122,8 @@ pelmoStatus pelmoMsg_Expand(pelmoMsg* msg, int32_t additional);
 // name, id, the code in the image as `type`, and `size` bytes at `data.pointer`, null for none,
 // which are what follows the size prefix. A code may be one that the application's types fold into
 // (see lib/msg/field.h); of a message and a packed subject the prefix takes the length they begin
-// with. Takes no longer for a later field. kStatusNotFound beyond the last field;
-// kStatusCorruptMessage or kStatusInvalidSize where an application's encoder wrote no size prefix.
+// with. Where the value has no sound size prefix the bytes are all that follow the code. Takes no
+// longer for a later field. kStatusNotFound beyond the last field.
 [[nodiscard]] pelmoStatus pelmoMsg_GetFieldBytes(pelmoMsg* msg,
                                                  pelmoMsgField* field,
                                                  uint32_t index);

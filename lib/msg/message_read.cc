@@ -177,10 +177,13 @@ pelmoStatus pelmoMsg_GetFieldBytes(pelmoMsg* msg, pelmoMsgField* field, uint32_t
     if (index >= msg->fieldCount) return kStatusNotFound;
     const FieldIndexEntry& entry = msg->index[index];
     const uint8_t* type = msgImage(msg) + fieldTypeOffset(entry);
-    ReadCursor value{type + 1, msgImage(msg) + fieldEndOffset(msg, index)};
+    const uint8_t* const end = msgImage(msg) + fieldEndOffset(msg, index);
+    ReadCursor value{type + 1, end};
     pelmoMsgField read;
-    status = readValueLength(value, read.size);
-    if (status != kStatusSuccess) return status;
+    if (readValueLength(value, read.size) != kStatusSuccess) {
+        value = {type + 1, end};
+        read.size = static_cast<uint32_t>(readLeft(value));
+    }
     read.name = nameAt(msg, entry);
     read.data.pointer = read.size != 0 ? value.at : nullptr;
     read.id = entry.id;
