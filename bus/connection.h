@@ -32,5 +32,5 @@ struct Connection {
                                         const BusSettings& settings,
                                         bool isToSend = false);
 
-// Destroys the transport ahead of the end, and answers the status of that; kStatusSuccess for none.
+// Destroys the transport before the end, and answers the status of that; kStatusSuccess for none.
 [[nodiscard]] pelmoStatus connectionEnd(Connection& connection, std::optional<double> mostSeconds);

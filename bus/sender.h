@@ -20,11 +20,11 @@ struct Sender {
     bool waited = false;  // for the connection, at least once in the last call
 };
 
-inline constexpr double kLastSeconds = 5;  // behind a signal, for what was sent to leave
+inline constexpr double kLastSeconds = 5;  // after a signal, for what was sent to leave
 
 // While it is there, a signal also ends a send that a daemon holds up which doesn't read: a second
 // later the transport is destroyed, which lets leave what still can within kLastSeconds. It ends
-// ahead of the transport.
+// before the transport.
 struct SendWatch {
     explicit SendWatch(uint32_t transport);
     ~SendWatch();
@@ -44,7 +44,7 @@ struct SendWatch {
 [[nodiscard]] pelmoStatus senderSend(Sender& sender, std::span<pelmoMsg* const> messages);
 
 // Together, which a daemon's transport does at the cost of one. What may have left is never sent
-// again. Not for inboxes, which a transport may reach on another way, and ahead of all others.
+// again. Not for inboxes, which a transport may reach on another way, and before all others.
 [[nodiscard]] pelmoStatus senderSendTogether(Sender& sender, std::span<pelmoMsg* const> messages);
 
 // Waits until what was sent has left, while it leaves and no signal asks for the end, and destroys

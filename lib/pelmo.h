@@ -8,7 +8,7 @@
 // the work queue; it makes the default queue, 1, and the intra-process transport, 10. Later opens
 // only count. The last close ends every object: no callback starts afterwards, and a callback that
 // is running finds that its queue is gone, while its event stays until it has returned. What
-// network transports have sent leaves first, as by pelmoTransport_Destroy; whoever waits for a
+// network transports have sent leaves first, as by pelmoTransport_Destroy; anyone who waits for a
 // daemon gets kStatusDaemonNotConnected. The library can be opened again; ids are not used again
 // until their counter wraps around.
 //

@@ -44,7 +44,7 @@ struct Client {
     ServerHandshake handshake;
 
     // The server's.
-    double deadline;      // of all that comes ahead of its session; 0 once that is there
+    double deadline;      // of all that comes before its session; 0 once that is there
     const char* fault;    // why it is to be cut off; null while it isn't
     const char* endName;  // of the advisory of a cut-off that the others are told of; null: none
     bool isTouched;       // it has got messages of the batch under way

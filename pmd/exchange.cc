@@ -192,7 +192,7 @@ bool isSameProcess(const Peer* left, const Peer* right, const StartMessage& star
 }
 
 // A name that this daemon has given out, or will, has the id of its client. One that comes back
-// behind a restart of the daemon may find its former id taken, and gets another.
+// after a restart of the daemon may find its former id taken, and gets another.
 bool hasOwnId(const Exchange* exchange, const Peer* peer, const char* session) {
     const uint16_t id = sessionClientId(session);
     if (id == 0 || std::strcmp(peer->start.session, session) == 0) return true;

@@ -11,11 +11,11 @@
 //
 // Members choose what they listen to, so what one of them costs the others has bounds. Memory: the
 // interest of each and of all is counted in bytes, nodes of the lists included, which are charged
-// to whoever caused them for as long as they stand. Work: a match meets as many nodes at most as
-// the patterns of all have places of "*", by which members are charged as well: a pattern's shape
-// is what is left of it with "x" for each other element, and the nodes of the tree of a member's
-// shapes are counted. Time: the interest of a member that has left is taken down in pieces. A match
-// of a subject that has wildcards itself is given up where it takes too long.
+// to the client that caused them for as long as they stand. Work: a match meets as many nodes at
+// most as the patterns of all have places of "*", by which members are charged as well: a pattern's
+// shape is what is left of it with "x" for each other element, and the nodes of the tree of a
+// member's shapes are counted. Time: the interest of a member that has left is taken down in
+// pieces. A match of a subject that has wildcards itself is given up where it takes too long.
 //
 // Ownership: the router owns its realms, which are there while they have members or interest of
 // members that left; the record of a member is its owner's and stays in place from routerJoin to

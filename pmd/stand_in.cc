@@ -65,7 +65,7 @@ void onAsked(uint32_t, pelmoMsg*, void*) {
     const bool may = mayAsk(connection);
     if (!may) logPaced("another user asked for the port: refused");
     const char answer = may && offer.handOver() ? kYes : kNo;
-    // Whoever has gone meanwhile finds the port free.
+    // A daemon that has gone meanwhile finds the port free when it comes again.
     (void)send(connection, &answer, 1, MSG_NOSIGNAL);
     close(connection);
 }

@@ -5,8 +5,8 @@
 //     stand-in -> asking daemon   'y' once it no longer listens; 'n', and nothing changes
 //
 // The name is an abstract one, so that it is as wide as the port, one network namespace, and ends
-// with its process. The system says who asks. Whoever takes the name first keeps the stand-in from
-// being asked, which costs the hand-over and nothing else.
+// with its process. The system says who asks. Anyone who takes the name first keeps the stand-in
+// from being asked, which costs the hand-over and nothing else.
 //
 // Threads: standInOffer and standInEnd on one thread, while the library is open; standInAsk on any,
 // and it needs no library.

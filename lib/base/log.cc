@@ -172,7 +172,7 @@ void tellLostLinesLocked() PELMO_REQUIRES(state.lock) {
     if (told) sink.lossError = 0;
 }
 
-// Called ahead of each line, for what others wrote, and behind it: tells that text was lost, also
+// Called before each line, for what others wrote, and after it: tells that text was lost, also
 // where shorter text has found room since. The next loss is told once lines have come through
 // again.
 void tellLossLocked() PELMO_REQUIRES(state.lock) {

@@ -50,7 +50,7 @@ struct LinePool {
 // `lines` as it was taken.
 void linePoolGive(LinePool& pool, uint32_t block, uint32_t lines);
 
-// Frees all slabs, whoever holds their blocks, and leaves an empty pool.
+// Frees all slabs, blocks in use included, and leaves an empty pool.
 void linePoolClear(LinePool& pool);
 
 [[nodiscard]] inline uint8_t* linePoolAt(const LinePool& pool, uint32_t block) {

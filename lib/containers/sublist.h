@@ -16,7 +16,7 @@
 // subjects that meet in one bucket. A match of a subject without wildcards meets one node at most
 // for each set of places at which the subjects held have "*" as far down as that node, however many
 // there are; one with wildcards may meet every node, and `mostSteps` bounds it. Nodes can be
-// charged to whoever caused them: see SublistAccount.
+// charged to the account that caused them: see SublistAccount.
 //
 // Failure: an addition that memory fails gives false and leaves no trace. A match that memory cuts
 // short gives what it had gathered.

@@ -88,7 +88,7 @@ uint32_t writeEnvelope(uint8_t* image, const Addressing& addressing, EnvelopeVie
     writer.put(kMtypeRecord, sizeof kMtypeRecord);
     view.mtypeOffset = writer.at - 2;
     writer.put(kDataHead, sizeof kDataHead);
-    writer.put(kEmptyHead, sizeof kEmptyHead);  // a flush compares ahead of writing
+    writer.put(kEmptyHead, sizeof kEmptyHead);  // a flush compares before writing
     return writer.at - kMessageHeadBytes;
 }
 

@@ -28,7 +28,7 @@ void destroyListed(Dpa& ids, Destroy destroy) {
         destroy(idFromItem(ids.items[--ids.count]));
 }
 
-// Destroys all objects of a type, a circuit ahead of the transport beneath it. An object for which
+// Destroys all objects of a type, a circuit before the transport beneath it. An object for which
 // the list has no room is left alone.
 template <typename Destroy>
 void destroyAll(IdType type, Dpa& ids, Destroy destroy) {

@@ -1,7 +1,7 @@
 // Threads that may not wait for room: what they send is queued all the same. They are the event
 // manager's own, which make the room, and those with a mark: for handlers of the library on other
-// threads, and for few and small messages of whoever holds a lock that such a handler needs. Marks
-// nest.
+// threads, and for few and small messages of a thread that holds a lock that such a handler needs.
+// Marks nest.
 //
 // Threads: each has its own marks.
 

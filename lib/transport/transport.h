@@ -118,15 +118,15 @@ pelmoStatus pelmoTransport_DestroyWithin(uint32_t transport, double seconds);
 // Sends several messages in order. On a network transport all of them are looked at first, and one
 // that can't be sent leaves none. Those that go straight to peers leave first, one by one; then
 // those for the daemon, together. A failure later on, by memory, a break or a peer that is given
-// up, leaves what came ahead of it sent. Within the process messages are delivered one by one up to
+// up, leaves what came before it sent. Within the process messages are delivered one by one up to
 // the first failure.
 [[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport,
                                                pelmoMsg* const* messages,
                                                uint32_t count);
 
 // The same, and says on failure too how many messages were taken, in the order in which they leave.
-// Whoever repeats the send does so with the others alone: those that were taken have left, or may
-// have, or are lost with the connection (pelmoTransport_GetUnsent).
+// Anyone who repeats the send does so with the others alone: those that were taken have left, or
+// may have, or are lost with the connection (pelmoTransport_GetUnsent).
 [[nodiscard]] pelmoStatus pelmoTransport_SendvTaken(uint32_t transport,
                                                     pelmoMsg* const* messages,
                                                     uint32_t count,

@@ -2,8 +2,8 @@
 // in lib/transport/transport.h.
 //
 // Order of locks: a circuit's object lock, that of the transport beneath it; then those of queues
-// and events. No other two transports are ever held at a time. None is held by whoever posts, as a
-// queue's hook may make any call, and the advisory of its limit goes to another transport.
+// and events. No other two transports are ever held at a time. None is held by a thread that posts,
+// as a queue's hook may make any call, and the advisory of its limit goes to another transport.
 
 #pragma once
 

@@ -121,7 +121,7 @@ bool areShort(std::span<pelmoMsg* const> messages) {
     return true;
 }
 
-// All messages are ready ahead of the first that is sent, so that one that isn't leaves none.
+// All messages are ready before the first that is sent, so that one that isn't leaves none.
 pelmoStatus sendAllOnNetwork(Transport* transport,
                              std::span<pelmoMsg* const> messages,
                              uint32_t* taken) PELMO_REQUIRES(transport->header.lock) {
@@ -136,7 +136,7 @@ pelmoStatus sendAllOnNetwork(Transport* transport,
         if (ready == nullptr) continue;
         (mayGoStraight(transport, ready.get()) ? straight : together).add(std::move(ready));
     }
-    // What goes straight leaves ahead of the rest, one by one.
+    // What goes straight leaves before the rest, one by one.
     const bool isMixed = !straight.all().empty();
     if (isMixed && !(areShort(straight.all()) && areShort(together.all()))) {
         return kStatusInvalidSize;

@@ -31,7 +31,7 @@
 // The bytes saved, those in the buffer included. 0 for what isn't a regular file.
 [[nodiscard]] uint64_t captureFileBytes();
 
-// Without an open file nothing is saved; behind a reopening that failed the frame counts as lost.
+// Without an open file nothing is saved; after a reopening that failed the frame counts as lost.
 void captureFileSave(const pcap_pkthdr& header, const u_char* bytes);
 
 // Hands the buffer to the system, so that a process that is killed loses none of it. For each

@@ -304,7 +304,7 @@ void printSnapshot(SnapHeader* snapshot) {
     report.linesUsed = 0;
     if (traceSettings.displayStats) printHead(*snapshot);
 
-    // Faster ahead of the sort, while the hosts of subjects still follow each other in memory in
+    // Faster before the sort, while the hosts of subjects still follow each other in memory in
     // the subjects' order; the sums are the same.
     report.totals = snapshotAddUp(*snapshot);
     snapshotSort(snapshot);

@@ -23,6 +23,6 @@ void onSnapshotTimer();
 [[nodiscard]] double snapshotTimerSeconds();
 
 // Returns when a signal has come. Where the run can't wait for one this returns at once, the log
-// tells why, and the end is marked as failed. `onEnd` is called once the wait is over, ahead of the
+// tells why, and the end is marked as failed. `onEnd` is called once the wait is over, before the
 // clean-up.
 void waitForStop(void (*onEnd)());

@@ -35,7 +35,7 @@ void handOn(TimeSpec time) {
     snapshotHandOn(time);
 }
 
-// Frames too short for a packet don't come here: the first packet may lie behind such.
+// Frames too short for a packet don't come here: the first packet may lie after such.
 void begin(TimeSpec time) {
     offlineRun.begun = true;
     snapshotSetStart(time);

@@ -58,7 +58,7 @@ size_t writeAnswer(char (&text)[kAnswerBytes], unsigned status) {
     return length;
 }
 
-// Whoever closes a socket before all was read resets the connection, and the peer may lose the
+// Anyone who closes a socket before all was read resets the connection, and the peer may lose the
 // answer.
 void dropUnread(int socket) {
     char bytes[4096];

@@ -4,7 +4,7 @@
 // meanwhile.
 //
 // All texts together are bounded too (bodyBytes, kMostBodyBytes): where they reach the bound none
-// is written before one is given back. Whoever hands on intervals never waits for any of this.
+// is written before one is given back. Anyone who hands on intervals never waits for any of this.
 //
 // Threads: no lock; those of the server's thread.
 

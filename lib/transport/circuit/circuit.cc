@@ -53,7 +53,7 @@ void endEvent(uint32_t* event) {
 }
 
 // Ends what belongs to a connection, but for the transport and its listeners. The lock is released
-// meanwhile, by when the circuit has ended for everybody. The advisory comes to listeners ahead of
+// meanwhile, by when the circuit has ended for everybody. The advisory comes to listeners before
 // the wake-up, so that who was woken finds it on its queue.
 void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
     PELMO_REQUIRES(circuit->transport->header.lock) {
@@ -116,7 +116,7 @@ bool isForgedLocked(VirtualCircuit* circuit, const pelmoMsg* parcel)
     return true;
 }
 
-// One message of the peer; those behind the one that ends the circuit don't count.
+// One message of the peer; those after the one that ends the circuit don't count.
 Ending takeLocked(VirtualCircuit* circuit,
                   const CircuitRecords& records,
                   const CircuitHead& head,
@@ -248,7 +248,7 @@ void tellConnectLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transpor
     Cond_Broadcast(&circuit->changed);
 }
 
-// What can fail comes ahead of the answer: an end that was told of the other keeps the circuit. It
+// What can fail comes before the answer: an end that was told of the other keeps the circuit. It
 // may hear of the peer before its own answer has left, so it takes itself for connected until it
 // knows better.
 void acceptLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
@@ -285,7 +285,7 @@ void onHandshake(uint32_t, pelmoMsg* message, void* closure) {
     }
 }
 
-// What the peer sends may come to another thread ahead of its acceptance.
+// What the peer sends may come to another thread before its acceptance.
 void awaitHandshakeLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
     while (circuit->vcState == CircuitState::kWaiting &&
            Event_RunningDispatches(circuit->handshakeListener) != 0) {
@@ -382,7 +382,7 @@ pelmoStatus fillLocked(VirtualCircuit* circuit, char (&inbox)[kInboxTextBytes])
     return circuit->connectSubject != nullptr ? kStatusSuccess : kStatusNoMemory;
 }
 
-// The lock is held while the circuit is filled: whoever guesses its inboxes finds a whole one.
+// The lock is held while the circuit is filled: anyone who guesses its inboxes finds a whole one.
 // `connectSubject` is null at the accepting end. The checker can't follow that a failure has no
 // circuit.
 pelmoStatus create(HeldCircuit* out,

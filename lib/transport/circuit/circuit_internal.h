@@ -109,7 +109,7 @@ void vcControl(uint32_t circuit, std::span<pelmoMsg* const> messages);
 
 // Between circuit.cc and circuit_send.cc
 
-// All that follow release the lock meanwhile, so that the circuit may have ended behind them.
+// All that follow release the lock meanwhile, so that the circuit may have ended after them.
 
 // A sign with the next number. Never waits. kStatusTimeout while another message is being sent.
 [[nodiscard]] pelmoStatus circuitSendSign(VirtualCircuit* circuit, CircuitKind kind)

@@ -218,7 +218,7 @@ pelmoStatus daemonLinkFlush(Transport* transport) {
     return status;
 }
 
-// What a break loses is noted ahead of what waits for a new connection.
+// What a break loses is noted before what waits for a new connection.
 DaemonLinkUnsent daemonLinkUnsent(Transport* transport) {
     DaemonLink* const link = transport->link;
     const LockGuard guard(link->lock);

@@ -57,7 +57,7 @@ uint64_t bytesLeft(const Closing& closing) PELMO_UNCHECKED_LOCKING {
     return writeQueueBytes(&closing.ipq->queue) + socketUnconfirmedBytes(closing.ipq->socket);
 }
 
-// Has the peer taken all, read all and ended? It ends behind the notice, which is the last that it
+// Has the peer taken all, read all and ended? It ends after the notice, which is the last that it
 // reads; one that goes with something unread breaks the connection off.
 bool isConfirmed(const Closing& closing) {
     return closing.noticeSent && closing.peerEnded && closing.left == 0 &&

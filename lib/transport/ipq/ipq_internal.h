@@ -58,12 +58,11 @@ struct Ipq {
     uint32_t waitLimit PELMO_GUARDED_BY(lock);
     uint32_t writersWaiting PELMO_GUARDED_BY(lock);
     IpqStatistics written PELMO_GUARDED_BY(lock);
-    uint64_t trailingBytes
-        PELMO_GUARDED_BY(lock);                  // of keep-alives behind the last message written
-    uint64_t added PELMO_GUARDED_BY(lock);       // messages, ever
-    uint64_t leftAtLoss PELMO_GUARDED_BY(lock);  // of those, the first ones that may have left
-    SendLosses losses PELMO_GUARDED_BY(lock);    // once lost or closed
-    IpqAdding* adding PELMO_GUARDED_BY(lock);    // the sends under way
+    uint64_t trailingBytes PELMO_GUARDED_BY(lock);  // of keep-alives after the last message written
+    uint64_t added PELMO_GUARDED_BY(lock);          // messages, ever
+    uint64_t leftAtLoss PELMO_GUARDED_BY(lock);     // of those, the first ones that may have left
+    SendLosses losses PELMO_GUARDED_BY(lock);       // once lost or closed
+    IpqAdding* adding PELMO_GUARDED_BY(lock);       // the sends under way
 
     // Reading
     bool readIsArmed PELMO_GUARDED_BY(lock);  // the socket tells when there are bytes

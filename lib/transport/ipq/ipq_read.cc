@@ -90,7 +90,7 @@ ReadOutcome endOf(Ipq* ipq, CutVerdict verdict, bool isAll) {
     }
 }
 
-// Called by whoever has claimed the cutter.
+// Called by the thread that has claimed the cutter.
 uint64_t unfinishedBytes(const Ipq* ipq) {
     return ipq->cutter.buffer != nullptr ? ipq->cutter.buffer->size : 0;
 }

@@ -192,7 +192,7 @@ TEST_F(Sockets, TellHowAConnectEnds) {
             EXPECT_EQ(readOf(client, 1).code, refused ? kSocketDisconnected : kSocketWouldBlock);
         }
     }
-    // One that is set behind a failure hears of it as well.
+    // One that is set after a failure hears of it as well.
     (void)startConnect(refusing);
     EXPECT_EQ(socketWaitConnected(client, -1), kStatusEndOfFile);
     Caller late;
