@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "lib/base/bytes.h"
-#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/daemon/link_environment.h"
 #include "lib/transport/daemon/specification.h"
 
 namespace {
@@ -62,7 +62,7 @@ bool storeListen(PmdOptions& options, std::string_view value) {
     DaemonAddress found;
     if (text.empty() || specificationParse(&specification, text.c_str()) != kStatusSuccess ||
         specification.isSecure ||
-        specificationResolve(&found, specification, linkSeams.names) != kStatusSuccess) {
+        specificationResolve(&found, specification, linkEnvironment.names) != kStatusSuccess) {
         return false;
     }
     if (specification.namesHost) options.address = found.address;

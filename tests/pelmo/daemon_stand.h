@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "lib/pelmo.h"
-#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/daemon/link_environment.h"
 #include "tests/support/leftovers.h"
 #include "tests/support/misbehaving_daemon.h"
 
@@ -20,12 +20,12 @@ inline constexpr size_t kMostWaitingBytes = 0x1000000;  // above them a sender w
 
 // A time-out of the handshake that a test can wait for.
 struct AnswerSeconds {
-    explicit AnswerSeconds(double seconds) { linkSeams.answerSeconds = seconds; }
-    ~AnswerSeconds() { linkSeams.answerSeconds = former; }
+    explicit AnswerSeconds(double seconds) { linkEnvironment.answerSeconds = seconds; }
+    ~AnswerSeconds() { linkEnvironment.answerSeconds = former; }
     AnswerSeconds(const AnswerSeconds&) = delete;
     AnswerSeconds& operator=(const AnswerSeconds&) = delete;
 
-    double former = linkSeams.answerSeconds;
+    double former = linkEnvironment.answerSeconds;
 };
 
 // Counts the messages of one subject; waits for them at the longest ten seconds.

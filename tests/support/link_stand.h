@@ -12,7 +12,7 @@
 #include "lib/base/clock.h"
 #include "lib/base/cond.h"
 #include "lib/pelmo.h"
-#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/daemon/link_environment.h"
 #include "tests/support/local_bus.h"
 
 class LinkStand {
@@ -33,20 +33,20 @@ class LinkStand {
     LinkStand() {
         current = this;
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);
-        former = linkSeams;
-        linkSeams.now = [] { return current->now.load(); };
-        linkSeams.random = [](uint32_t) { return current->random.load(); };
-        linkSeams.createTimer = createTimer;
-        linkSeams.destroyTimer = destroyTimer;
-        linkSeams.wait = wait;
-        linkSeams.names.host = [](const char*, uint32_t*) { return false; };
-        linkSeams.launch = [](const char* specification) {
+        former = linkEnvironment;
+        linkEnvironment.now = [] { return current->now.load(); };
+        linkEnvironment.random = [](uint32_t) { return current->random.load(); };
+        linkEnvironment.createTimer = createTimer;
+        linkEnvironment.destroyTimer = destroyTimer;
+        linkEnvironment.wait = wait;
+        linkEnvironment.names.host = [](const char*, uint32_t*) { return false; };
+        linkEnvironment.launch = [](const char* specification) {
             return current->onLaunch && current->onLaunch(specification);
         };
     }
     ~LinkStand() {
         if (libraryIsOpen()) pelmo_Close();
-        linkSeams = former;
+        linkEnvironment = former;
         current = nullptr;
     }
     LinkStand(const LinkStand&) = delete;
@@ -68,7 +68,7 @@ class LinkStand {
 
   private:
     static inline LinkStand* current = nullptr;
-    LinkSeams former;
+    LinkEnvironment former;
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<Timer> armed;

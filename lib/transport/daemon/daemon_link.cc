@@ -15,7 +15,7 @@
 #include "lib/msg/message_internal.h"
 #include "lib/transport/daemon/daemon_link_internal.h"
 #include "lib/transport/daemon/interest.h"
-#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/daemon/link_environment.h"
 #include "lib/transport/ipq/ipq.h"
 
 namespace {
@@ -37,7 +37,7 @@ uint32_t findLocalAddress() {
     uint32_t address = 0;
     if (gethostname(name, sizeof name) != 0) return 0;
     name[sizeof name - 1] = 0;
-    return linkSeams.names.host(name, &address) ? address : 0;
+    return linkEnvironment.names.host(name, &address) ? address : 0;
 }
 
 // The text up to its first ":".
@@ -75,7 +75,7 @@ pelmoStatus fillLink(DaemonLink* link,
     link->specification = concat2(specification.text, "");
     if (link->specification == nullptr) return kStatusNoMemory;
     DialTarget& target = link->target;
-    status = specificationResolve(&target.address, specification, linkSeams.names);
+    status = specificationResolve(&target.address, specification, linkEnvironment.names);
     if (status != kStatusSuccess) return status;
     const uint32_t address = target.address.address;
     target.isSecure = specification.isSecure;
@@ -133,7 +133,7 @@ SendLosses daemonLinkStop(Transport* transport, double deadline) {
         timer = std::exchange(link->reconnectTimer, kNoId);
     }
     connectsInterrupt(link);
-    if (timer != kNoId) linkSeams.destroyTimer(timer, nullptr);
+    if (timer != kNoId) linkEnvironment.destroyTimer(timer, nullptr);
     IpqEnd end = {.deadline = deadline};
     if (ipq != nullptr) linkCloseQueue(ipq, true, &end);
     return hasSent ? end.losses : SendLosses{};

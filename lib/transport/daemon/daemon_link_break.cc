@@ -8,7 +8,7 @@
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/daemon/daemon_link_internal.h"
-#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/daemon/link_environment.h"
 #include "lib/transport/ipq/ipq.h"
 
 namespace {
@@ -19,7 +19,7 @@ void onQueueGone(void* closure) {
 
 // The first who comes takes the queue off the link. One that isn't the link's yet, or whose return
 // isn't reported yet, is only marked: its connect sees to it.
-bool takeOffLocked(DaemonLink* link, Ipq* ipq, bool isNoticed, SendLosses* losses)
+bool takeOffLocked(DaemonLink* link, Ipq* ipq, bool sendsAdvisory, SendLosses* losses)
     PELMO_REQUIRES(link->lock) {
     if (link->ipq == ipq && !link->isReturning) {
         link->ipq = nullptr;
@@ -30,7 +30,7 @@ bool takeOffLocked(DaemonLink* link, Ipq* ipq, bool isNoticed, SendLosses* losse
     }
     if (link->ipq == ipq || link->fresh.ipq == ipq) {
         link->fresh.isLost = true;
-        link->fresh.isNoticed = link->fresh.isNoticed || isNoticed;
+        link->fresh.sendsAdvisory = link->fresh.sendsAdvisory || sendsAdvisory;
     }
     return false;
 }
@@ -95,17 +95,17 @@ void onReconnectTimer(uint32_t timer, pelmoMsg* message, void* closure);
 
 pelmoStatus armLocked(DaemonLink* link, double seconds) PELMO_REQUIRES(link->lock) {
     // By the transport's id: a timer that fires at the destroy of the transport finds none.
-    return linkSeams.createTimer(&link->reconnectTimer, kWorkQueueId, onReconnectTimer, seconds,
-                                 idToItem(link->transport->header.id));
+    return linkEnvironment.createTimer(&link->reconnectTimer, kWorkQueueId, onReconnectTimer,
+                                       seconds, idToItem(link->transport->header.id));
 }
 
 pelmoStatus armForBreak(DaemonLink* link) {
-    const uint32_t random = linkSeams.random(kReconnectSpreadMs);
+    const uint32_t random = linkEnvironment.random(kReconnectSpreadMs);
     const LockGuard guard(link->lock);
     if (link->isStopped || link->reconnectTimer != kNoId || !libraryIsOpen()) {
         return kStatusSuccess;
     }
-    return armLocked(link, reconnectDelay(&link->breaks, linkSeams.now(), random));
+    return armLocked(link, reconnectDelay(&link->breaks, linkEnvironment.now(), random));
 }
 
 // False where nothing is to be waited for, or the timer does the waiting.
@@ -127,22 +127,22 @@ bool waitHere(DaemonLink* link) {
 // A connection that broke before it was the link's, or before its return was reported.
 void seeToEarlyBreak(DaemonLink* link) {
     Ipq* ipq = nullptr;
-    bool isNoticed = false;
+    bool sendsAdvisory = false;
     {
         const LockGuard guard(link->lock);
         link->isReturning = false;
         const bool isThisOne = link->fresh.isLost && link->fresh.ipq == nullptr;
         if (!isThisOne) return;
         ipq = link->ipq;
-        isNoticed = link->fresh.isNoticed;
+        sendsAdvisory = link->fresh.sendsAdvisory;
         link->fresh = {};
     }
-    if (ipq != nullptr) linkBreak(link, ipq, isNoticed);
+    if (ipq != nullptr) linkBreak(link, ipq, sendsAdvisory);
 }
 
 double secondsSinceBreak(DaemonLink* link) {
     const LockGuard guard(link->lock);
-    return linkSeams.now() - link->breaks.lastSeconds;
+    return linkEnvironment.now() - link->breaks.lastSeconds;
 }
 
 // The checker can't tell that the link's transport is the one that is held.
@@ -167,7 +167,7 @@ void onReconnectTimer(uint32_t timer, pelmoMsg* /*message*/, void* closure) {
         if (link->reconnectTimer != timer) return;
         link->reconnectTimer = kNoId;
     }
-    linkSeams.destroyTimer(timer, nullptr);
+    linkEnvironment.destroyTimer(timer, nullptr);
     while (!connectAgain(held) && hasToWaitHere(link) && waitHere(link)) {
     }
 }
@@ -178,18 +178,18 @@ void linkCloseQueue(Ipq* ipq, bool graceful, IpqEnd* end) {
     ipqClose(ipq, graceful, onQueueGone, end);
 }
 
-void linkBreak(DaemonLink* link, Ipq* ipq, bool isNoticed) {
+void linkBreak(DaemonLink* link, Ipq* ipq, bool sendsAdvisory) {
     SendLosses losses = {};
     {
         const LockGuard guard(link->lock);
-        if (!takeOffLocked(link, ipq, isNoticed, &losses)) return;
+        if (!takeOffLocked(link, ipq, sendsAdvisory, &losses)) return;
     }
     // The caller's reference to the transport may be the queue's own.
     Held<Transport> held;
     held.share(link->transport);
     linkCloseQueue(ipq, false, nullptr);
     if (!isAlive(held) || !runHooks(held, kHookDisconnect)) return;
-    if (isNoticed) tellDisconnect(held.get(), losses);
+    if (sendsAdvisory) tellDisconnect(held.get(), losses);
     const pelmoStatus status = armForBreak(link);
     if (status != kStatusSuccess) {
         logPrint("unable to set reconnect timer: %s.", pelmoStatus_GetText(status));

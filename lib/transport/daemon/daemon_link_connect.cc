@@ -13,7 +13,7 @@
 #include "lib/transport/daemon/daemon_link_internal.h"
 #include "lib/transport/daemon/direct_endpoint.h"
 #include "lib/transport/daemon/interest.h"
-#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/daemon/link_environment.h"
 #include "lib/transport/ipq/ipq.h"
 
 namespace {
@@ -63,7 +63,7 @@ void freeWaiting(Dpa* waiting) {
 
 void beginFresh(DaemonLink* link, Ipq* ipq) {
     const LockGuard guard(link->lock);
-    link->fresh = {.ipq = ipq, .waiting = nullptr, .isLost = false, .isNoticed = false};
+    link->fresh = {.ipq = ipq, .waiting = nullptr, .isLost = false, .sendsAdvisory = false};
 }
 
 void endFresh(DaemonLink* link) {
@@ -147,7 +147,7 @@ pelmoStatus openDirectPort(DaemonLink* link, const SessionReply& reply, DirectPe
     DirectPort wanted = {};
     Id_Enter(&link->transport->header);
     const pelmoStatus status =
-        specificationDirectPort(&wanted, link->transport->settings.service, linkSeams.names);
+        specificationDirectPort(&wanted, link->transport->settings.service, linkEnvironment.names);
     Id_Leave(&link->transport->header);
     if (status != kStatusSuccess || !wanted.isWanted) return status;
     const bool isOwn = reply.isRouting && link->localAddress != 0;

@@ -26,10 +26,10 @@ struct QueueSettings {
 
 // A connection that isn't the link's yet.
 struct FreshConnection {
-    Ipq* ipq;        // null: none
-    Dpa* waiting;    // of WaitingMessage; null: none
-    bool isLost;     // it broke
-    bool isNoticed;  // the break is told by an advisory
+    Ipq* ipq;            // null: none
+    Dpa* waiting;        // of WaitingMessage; null: none
+    bool isLost;         // it broke
+    bool sendsAdvisory;  // the break is told by an advisory
 };
 
 struct DaemonLink {
@@ -93,7 +93,7 @@ struct WaitingMessage {
 void linkNoteSend(DaemonLink* link, Ipq* ipq, pelmoStatus status);
 
 // The queue is lost. The caller holds a reference to the queue or to the transport, and no lock.
-void linkBreak(DaemonLink* link, Ipq* ipq, bool isNoticed);
+void linkBreak(DaemonLink* link, Ipq* ipq, bool sendsAdvisory);
 
 // Closes a queue that is no link's any more.
 void linkCloseQueue(Ipq* ipq, bool graceful, IpqEnd* end);

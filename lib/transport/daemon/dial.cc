@@ -7,12 +7,25 @@
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/daemon/handshake.h"
-#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/daemon/link_environment.h"
 #include "lib/transport/ipq/ipq.h"
 #include "lib/transport/socket/socket.h"
 #include "lib/transport/socket/socket_class.h"
 
 namespace {
+
+struct Connects {
+    Lock lock = PELMO_LOCK_READY(LockRank::kConnects);
+    Connect* first PELMO_GUARDED_BY(lock) = nullptr;
+};
+constinit Connects connects;
+
+void interruptLocked(Connect* connect) PELMO_REQUIRES(connects.lock) {
+    connect->isInterrupted = true;
+    Cond_Signal(&connect->wake);
+    if (connect->socket != nullptr) socketInterrupt(connect->socket);
+    if (connect->ipq != nullptr) ipqInterrupt(connect->ipq);
+}
 
 // A socket that the connect watches, destroyed at the end of the scope.
 class WatchedSocket {
@@ -60,7 +73,7 @@ pelmoStatus reachDaemon(WatchedSocket& held, const DialTarget& target) {
     SocketCode code = socketConnect(
         held.get(), address != 0 ? address : hostOrder32(kLoopbackAddress), target.address.port);
     if (code == kSocketWouldBlock &&
-        socketWaitConnected(held.get(), linkSeams.connectSeconds) == kStatusSuccess) {
+        socketWaitConnected(held.get(), linkEnvironment.connectSeconds) == kStatusSuccess) {
         code = kSocketDone;
     }
     return code == kSocketDone ? kStatusSuccess : kStatusDaemonNotConnected;
@@ -99,7 +112,7 @@ pelmoStatus makeQueue(Dialed* out, WatchedSocket& held, const HelloFrame& terms,
 
 pelmoStatus agree(Dialed* out, WatchedSocket& held, const DialTarget& target, Connect* connect) {
     if (target.keepsAlive) (void)socketSetKeepAlive(held.get(), true);
-    out->deadline = clockSteadySeconds() + linkSeams.answerSeconds;
+    out->deadline = clockSteadySeconds() + linkEnvironment.answerSeconds;
     socketSetMode(held.get(), SocketMode::kFullyBlocking);
     socketSetDeadline(held.get(), out->deadline);
     Handshake handshake = handshakeBegin(target.address.address == 0);
@@ -118,6 +131,53 @@ pelmoStatus dialOnce(Dialed* out, const DialTarget& target, Connect* connect, bo
 
 }  // namespace
 
+pelmoStatus connectEnter(Connect* connect, const DaemonLink* link) {
+    connect->link = link;
+    if (Cond_Init(&connect->wake) != kStatusSuccess) return kStatusNoMemory;
+    const LockGuard guard(connects.lock);
+    connect->next = connects.first;
+    connect->place = &connects.first;
+    if (connect->next != nullptr) connect->next->place = &connect->next;
+    connects.first = connect;
+    return kStatusSuccess;
+}
+
+void connectLeave(Connect* connect) {
+    {
+        const LockGuard guard(connects.lock);
+        *connect->place = connect->next;
+        if (connect->next != nullptr) connect->next->place = connect->place;
+    }
+    Cond_Destroy(&connect->wake);
+}
+
+bool connectWatch(Connect* connect, Socket* socket, Ipq* ipq) {
+    const LockGuard guard(connects.lock);
+    connect->socket = socket;
+    connect->ipq = ipq;
+    return !connect->isInterrupted;
+}
+
+bool connectIsInterrupted(Connect* connect) {
+    const LockGuard guard(connects.lock);
+    return connect->isInterrupted;
+}
+
+bool connectSleep(Connect* connect, double seconds) {
+    const LockGuard guard(connects.lock);
+    // Only an interrupt signals the condition.
+    if (!connect->isInterrupted)
+        (void)linkEnvironment.wait(&connect->wake, &connects.lock, seconds);
+    return !connect->isInterrupted;
+}
+
+void connectsInterrupt(const DaemonLink* link) {
+    const LockGuard guard(connects.lock);
+    for (Connect* connect = connects.first; connect != nullptr; connect = connect->next) {
+        if (link == nullptr || connect->link == link) interruptLocked(connect);
+    }
+}
+
 pelmoStatus dialDaemon(Dialed* out, const DialTarget& target, bool mayStart, Connect* connect) {
     mayStart = mayStart && !target.isSecure;
     while (libraryIsOpen() && !connectIsInterrupted(connect)) {
@@ -127,8 +187,8 @@ pelmoStatus dialDaemon(Dialed* out, const DialTarget& target, bool mayStart, Con
         if (connectIsInterrupted(connect)) break;
         if (isReached || !mayStart || status != kStatusDaemonNotConnected) return status;
         mayStart = false;
-        if (!linkSeams.launch(target.specification)) return status;
-        if (!connectSleep(connect, linkSeams.startSeconds)) break;
+        if (!linkEnvironment.launch(target.specification)) return status;
+        if (!connectSleep(connect, linkEnvironment.startSeconds)) break;
     }
     return kStatusDaemonNotConnected;
 }

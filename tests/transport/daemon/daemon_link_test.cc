@@ -499,7 +499,7 @@ TEST_F(Link, EndsTheWaitForADaemonThatWasStarted) {
         asleep.count_down();
         return true;
     };
-    linkSeams.startSeconds = 1000;
+    linkEnvironment.startSeconds = 1000;
     std::thread creation([&] {
         uint32_t made = kNoId;
         EXPECT_EQ(pelmoTransport_CreateNetwork(&made, nullptr, nullptr, nobody.c_str()),

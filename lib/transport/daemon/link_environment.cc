@@ -1,4 +1,4 @@
-#include "lib/transport/daemon/link_seams.h"
+#include "lib/transport/daemon/link_environment.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -72,13 +72,13 @@ bool findService(const char* name, const char* protocol, uint16_t* out) {
 
 }  // namespace
 
-constinit LinkSeams linkSeams = {.now = clockSteadySeconds,
-                                 .random = randomBelow,
-                                 .createTimer = pelmoEvent_CreateTimer,
-                                 .destroyTimer = pelmoEvent_DestroyEx,
-                                 .wait = Cond_TimedWait,
-                                 .launch = launchDaemon,
-                                 .names = {.host = findHost, .service = findService},
-                                 .connectSeconds = kConnectSeconds,
-                                 .answerSeconds = kAnswerSeconds,
-                                 .startSeconds = kStartSeconds};
+constinit LinkEnvironment linkEnvironment = {.now = clockSteadySeconds,
+                                             .random = randomBelow,
+                                             .createTimer = pelmoEvent_CreateTimer,
+                                             .destroyTimer = pelmoEvent_DestroyEx,
+                                             .wait = Cond_TimedWait,
+                                             .launch = launchDaemon,
+                                             .names = {.host = findHost, .service = findService},
+                                             .connectSeconds = kConnectSeconds,
+                                             .answerSeconds = kAnswerSeconds,
+                                             .startSeconds = kStartSeconds};

@@ -15,7 +15,7 @@
 struct Cond;
 struct Lock;
 
-struct LinkSeams {
+struct LinkEnvironment {
     double (*now)();                     // seconds, steady
     uint32_t (*random)(uint32_t below);  // from 0
 
@@ -36,4 +36,4 @@ struct LinkSeams {
     double startSeconds;
 };
 
-extern constinit LinkSeams linkSeams;
+extern constinit LinkEnvironment linkEnvironment;
