@@ -10,8 +10,8 @@
 
 #include "lib/base/log.h"
 #include "trace/counts/statistics.h"
-#include "trace/packets/address.h"
 #include "trace/packets/classify.h"
+#include "trace/packets/inspection.h"
 #include "trace/settings.h"
 
 namespace {

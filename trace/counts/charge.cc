@@ -6,11 +6,11 @@
 
 namespace {
 
-// A charge takes its next step when so many others have entered the line behind it. The work on one
+// A charge takes its next step when so many others have entered after it. The work on one
 // message takes about a third of a memory access, and less when several messages share a packet.
-constexpr uint32_t kBehindForRecord = 5;
-constexpr uint32_t kBehindToCount = 11;
-static_assert(kBehindToCount < kChargesInLine);
+constexpr uint32_t kNewerAtRecord = 5;
+constexpr uint32_t kNewerAtCount = 11;
+static_assert(kNewerAtCount < kPipelineDepth);
 
 constexpr size_t kUsualSubjectBytes = 40;  // most are no longer
 constexpr size_t kLeastSubjectBytes = 5;   // one element without characters
@@ -45,15 +45,15 @@ bool countSender(SubjectEntry& subject, uint64_t key, uint32_t messageBytes) {
     return true;
 }
 
-// The waiting charge that `behind` others have entered behind.
-WaitingCharge& chargeAhead(ChargeLine& line, uint32_t behind) {
-    return line.places[(line.entered - 1 - behind) % kChargesInLine];
+// The waiting charge after which so many others have entered.
+WaitingCharge& waitingCharge(ChargePipeline& pipeline, uint32_t newer) {
+    return pipeline.places[(pipeline.entered - 1 - newer) % kPipelineDepth];
 }
 
 // A charge for which memory runs out is dropped: subjectCreate has logged it, and its packet is
 // long gone.
-void countOldest(ChargeLine& line) {
-    const WaitingCharge& oldest = chargeAhead(line, --line.waiting);
+void countOldest(ChargePipeline& pipeline) {
+    const WaitingCharge& oldest = waitingCharge(pipeline, --pipeline.waiting);
     NetEntry& net = *oldest.net;
     SubjectEntry* subject =
         findSubject(net, oldest.subject, subjectLength(oldest.subject), oldest.subjectHash);
@@ -63,18 +63,18 @@ void countOldest(ChargeLine& line) {
     if (subject != nullptr) (void)count(net, *subject, oldest.sender, oldest.messageBytes);
 }
 
-WaitingCharge& enter(ChargeLine& line) {
-    ++line.entered;
-    ++line.waiting;
-    return chargeAhead(line, 0);
+WaitingCharge& enter(ChargePipeline& pipeline) {
+    ++pipeline.entered;
+    ++pipeline.waiting;
+    return waitingCharge(pipeline, 0);
 }
 
-void moveOn(ChargeLine& line) {
-    if (line.waiting > kBehindForRecord) {
-        const WaitingCharge& charge = chargeAhead(line, kBehindForRecord);
+void moveOn(ChargePipeline& pipeline) {
+    if (pipeline.waiting > kNewerAtRecord) {
+        const WaitingCharge& charge = waitingCharge(pipeline, kNewerAtRecord);
         subjectMapPrefetchRecord(charge.net->subjects, charge.subjectHash, kUsualSubjectBytes);
     }
-    if (line.waiting > kBehindToCount) countOldest(line);
+    if (pipeline.waiting > kNewerAtCount) countOldest(pipeline);
 }
 
 // The form is tested before the charge waits, since a fault ends the scan of its packet.

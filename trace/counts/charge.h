@@ -1,13 +1,13 @@
 // Charges: bus messages on their way to the records of their subject and of its sender.
 //
-// Only well-formed subjects have records. So a subject is looked up first, as it stands in the
+// Only well-formed subjects have records. So a subject is looked up first, as it is in the
 // packet, and its form is tested only where it has no record yet.
 //
 // On a bus with many subjects, each subject takes two memory accesses, first to its slot and then
-// to its record, and one packet has too little other work to hide them. There a charge waits in a
-// short line: its slot is prefetched when it enters, its record when a few others are behind it,
-// and it is counted when some more are. While subjects are few they fit into the cache, and a
-// charge is counted at once.
+// to its record, and one packet has too little other work to hide them. So a charge waits in
+// a short pipeline: its slot is prefetched when it enters, its record when a few others have
+// entered after it, and it is counted when some more have. While subjects are few they fit into the
+// cache, and a charge is counted at once.
 //
 //     newest   |    slot    |    ...    |   record   |    ...    |   counted   |   oldest
 //

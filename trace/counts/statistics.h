@@ -32,14 +32,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 #include "lib/base/lock.h"
 #include "lib/base/status.h"
 #include "lib/containers/dict.h"
-#include "trace/counts/charge_line.h"
+#include "trace/counts/charge_pipeline.h"
 #include "trace/counts/faults.h"
 #include "trace/counts/host_index.h"
-#include "trace/counts/live_list.h"
 #include "trace/counts/subjects.h"
 #include "trace/counts/two_sided_counters.h"
 
@@ -47,6 +47,44 @@ struct NetEntry;
 struct HostEntry;
 struct RlHostEntry;
 struct PtpHostEntry;
+
+// The records of one kind under one parent that had traffic since the last snapshot, so that the
+// next one visits only those. A record joins when its `live` goes from 0 to 1. Room is made when a
+// record is created, so joining can't fail. A list owns its array, not the records; zeroed, it is
+// empty and usable.
+template <typename Record>
+struct LiveList {
+    Record** records;
+    uint32_t count;
+    uint32_t members;   // records that may join
+    uint32_t capacity;  // at least `members`
+};
+
+// Makes room for one more member. False when memory runs out; the list is then unchanged.
+template <typename Record>
+[[nodiscard]] bool liveReserve(LiveList<Record>& list) {
+    constexpr uint32_t kFirstCapacity = 4;
+    if (list.members < list.capacity) return true;
+    const uint32_t capacity = list.capacity == 0 ? kFirstCapacity : list.capacity * 2;
+    void* records = std::realloc(list.records, capacity * sizeof(Record*));
+    if (records == nullptr) return false;
+    list.records = static_cast<Record**>(records);
+    list.capacity = capacity;
+    return true;
+}
+
+template <typename Record>
+void liveJoin(LiveList<Record>& list, Record& record) {
+    if (record.live != 0) return;
+    record.live = 1;
+    list.records[list.count++] = &record;
+}
+
+template <typename Record>
+void liveFree(LiveList<Record>& list) {
+    std::free(list.records);
+    list = {};
+}
 
 struct PortEntry {
     uint32_t live;
@@ -129,7 +167,7 @@ struct Statistics {
     TimeSpec packetTime;                  // of the packet that is being classified
     LiveCounts live;
     LinePool subjectLines;  // of all nets' subjects
-    ChargeLine charges;
+    ChargePipeline charges;
     FaultCounts faults;  // since the last snapshot
 };
 

@@ -4,7 +4,6 @@
 
 #include "lib/base/log.h"
 #include "trace/counts/statistics.h"
-#include "trace/packets/address.h"
 #include "trace/settings.h"
 
 namespace {
@@ -127,4 +126,13 @@ uint32_t checkDataLength(Inspection& inspection) {
         complain(Fault::kLengthTooLarge, packet.srcIp, inspection.word);
     }
     return dataBytes;
+}
+
+const char* ipToText(uint32_t address) {
+    static char text[16];
+    const uint32_t host = hostOrder32(address);
+    std::snprintf(text, sizeof text, "%d.%d.%d.%d", static_cast<int>(host >> 24),
+                  static_cast<int>(host >> 16 & 0xff), static_cast<int>(host >> 8 & 0xff),
+                  static_cast<int>(host & 0xff));
+    return text;
 }

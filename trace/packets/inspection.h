@@ -45,3 +45,7 @@ void checkDstSameIp(Inspection& inspection);  // the address in the IP header
 // length that isn't positive gives 0. A length that runs past the capture's cut can't be checked
 // and is believed.
 [[nodiscard]] uint32_t checkDataLength(Inspection& inspection);
+
+// "a.b.c.d" of a word in network order. The text lies in one static buffer and is valid until the
+// next call. Only the lines about faults need it, on the thread that takes packets.
+[[nodiscard]] const char* ipToText(uint32_t address);

@@ -5,7 +5,7 @@
 
 #include "lib/base/log.h"
 #include "trace/report/report.h"
-#include "trace/run/end_status.h"
+#include "trace/run/run_end.h"
 #include "trace/settings.h"
 
 namespace {

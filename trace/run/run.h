@@ -14,7 +14,7 @@
 #include "lib/base/status.h"
 
 // The result is the exit status: 0, or 1 when start-up failed or the end was marked
-// (trace/run/end_status.h). A bad command line ends the process with 2, secure modules that can't
+// (trace/run/run_end.h). A bad command line ends the process with 2, secure modules that can't
 // be bound end it with 1.
 [[nodiscard]] int traceMain(int argc, char** argv);
 

@@ -13,7 +13,7 @@
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
 #include "trace/run/link_watch.h"
-#include "trace/run/live_run.h"
+#include "trace/run/run_modes.h"
 #include "trace/settings.h"
 
 namespace {

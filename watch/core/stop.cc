@@ -10,8 +10,7 @@
 #include "lib/base/log.h"
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
-#include "trace/run/end_limit.h"
-#include "trace/run/end_status.h"
+#include "trace/run/run_end.h"
 #include "trace/run/stop_wait.h"
 #include "trace/settings.h"
 

@@ -54,7 +54,7 @@ TEST(Charge, CountsAllThatWaitInTheirOrderAndToTheirNets) {
     charge(*nets[0], "S.0", 1, 0);
     EXPECT_EQ(counted(*nets[0]), Counts{});
     Counts wanted[2] = {{{"S.0 1", {1, 0}}}, {}};
-    for (uint32_t i = 0; i < 5 * kChargesInLine + 3; ++i) {
+    for (uint32_t i = 0; i < 5 * kPipelineDepth + 3; ++i) {
         const std::string subject = "S." + std::to_string(i % 7);
         const auto host = static_cast<uint8_t>(1 + i % 3);
         charge(*nets[i % 2], subject, host, i);

@@ -10,7 +10,7 @@
 #include "trace/counts/snapshot_totals.h"
 #include "trace/counts/statistics.h"
 #include "trace/packets/classify.h"
-#include "trace/packets/packet_line.h"
+#include "trace/packets/packet_pipeline.h"
 
 namespace {
 

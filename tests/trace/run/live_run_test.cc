@@ -1,7 +1,5 @@
 // What of a live run no live run shows; tests/e2e/live_test.py has the others.
 
-#include "trace/run/live_run.h"
-
 #include <gtest/gtest.h>
 
 #include "tests/support/fixed_clock.h"
@@ -9,6 +7,7 @@
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"
 #include "trace/run/report_output.h"
+#include "trace/run/run_modes.h"
 #include "trace/settings.h"
 
 namespace {

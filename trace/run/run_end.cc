@@ -1,19 +1,33 @@
-#include "trace/run/end_limit.h"
+#include "trace/run/run_end.h"
 
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
-
-#include "trace/run/end_status.h"
+#include <cstdlib>
 
 namespace {
+
+// The threads that set it are joined, or left behind on purpose, before it is read. A signal
+// handler may read it.
+std::atomic<bool> failed = false;
+
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 void onAlarm(int) {
     _exit(endStatus());
 }
 
 }  // namespace
+
+void endMarkFailed() {
+    failed.store(true, std::memory_order_relaxed);
+}
+
+int endStatus() {
+    return failed.load(std::memory_order_relaxed) ? EXIT_FAILURE : EXIT_SUCCESS;
+}
 
 // A signal comes through whatever lock is held, and needs no memory for a thread.
 void endLimitStart(double seconds) {

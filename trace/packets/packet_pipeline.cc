@@ -1,4 +1,4 @@
-#include "trace/packets/packet_line.h"
+#include "trace/packets/packet_pipeline.h"
 
 #include <cstring>
 
@@ -9,13 +9,13 @@
 namespace {
 
 constexpr uint32_t kPlaces = 8;  // a power of two
-constexpr uint32_t kBehindForRecord = 2;
-constexpr uint32_t kBehindToClassify = 4;
-static_assert(kBehindToClassify < kPlaces);
+constexpr uint32_t kNewerAtRecord = 2;
+constexpr uint32_t kNewerAtClassify = 4;
+static_assert(kNewerAtClassify < kPlaces);
 
 constexpr size_t kLargestBytes = 512;
 
-// The records of fewer stay in the cache.
+// The records of fewer hosts stay in the cache.
 constexpr uint32_t kCachedHosts = 4096;
 
 struct WaitingPacket {
@@ -25,28 +25,28 @@ struct WaitingPacket {
     uint8_t ip[kLargestBytes];  // only its own length is set
 };
 
-struct PacketLine {
+struct PacketPipeline {
     uint32_t entered;  // ever; the place of the next one, wrapped around
-    uint32_t waiting;  // the last so many that entered
+    uint32_t waiting;  // the last so many of them
     WaitingPacket places[kPlaces];
 };
 
-PacketLine line;
+PacketPipeline pipeline;
 
-// The one with so many behind it.
-WaitingPacket& packetAhead(uint32_t behind) {
-    return line.places[(line.entered - 1 - behind) % kPlaces];
+// The waiting packet after which so many others have entered.
+WaitingPacket& waitingPacket(uint32_t newer) {
+    return pipeline.places[(pipeline.entered - 1 - newer) % kPlaces];
 }
 
 void classifyOldest() {
-    const WaitingPacket& oldest = packetAhead(--line.waiting);
+    const WaitingPacket& oldest = waitingPacket(--pipeline.waiting);
     classifyPacket(oldest.time, oldest.ip, oldest.length);
 }
 
 void enter(TimeSpec time, const uint8_t* ip, size_t length) {
-    ++line.entered;
-    ++line.waiting;
-    WaitingPacket& packet = packetAhead(0);
+    ++pipeline.entered;
+    ++pipeline.waiting;
+    WaitingPacket& packet = waitingPacket(0);
     packet.time = time;
     packet.length = length;
     std::memcpy(packet.ip, ip, length);
@@ -55,11 +55,11 @@ void enter(TimeSpec time, const uint8_t* ip, size_t length) {
 }
 
 void moveOn() {
-    if (line.waiting > kBehindForRecord) {
-        const uint32_t hash = packetAhead(kBehindForRecord).senderHash;
+    if (pipeline.waiting > kNewerAtRecord) {
+        const uint32_t hash = waitingPacket(kNewerAtRecord).senderHash;
         probePrefetchEntry(statistics.hosts, hash, kCacheLineBytes);
     }
-    if (line.waiting > kBehindToClassify) classifyOldest();
+    if (pipeline.waiting > kNewerAtClassify) classifyOldest();
 }
 
 }  // namespace
@@ -75,7 +75,7 @@ void packetEnter(TimeSpec time, const uint8_t* ip, size_t length) {
 }
 
 void packetsSettle() {
-    while (line.waiting != 0) {
+    while (pipeline.waiting != 0) {
         classifyOldest();
     }
 }

@@ -1,4 +1,4 @@
-#include "trace/packets/packet_line.h"
+#include "trace/packets/packet_pipeline.h"
 
 #include <gtest/gtest.h>
 
@@ -49,11 +49,11 @@ Lines treeOf(Handle handle) {
     return tree;
 }
 
-TEST(PacketLine, CountsAsIfNothingHadWaited) {
+TEST(PacketPipeline, CountsAsIfNothingHadWaited) {
     EXPECT_EQ(treeOf(packetEnter), treeOf(classifyPacket));
 }
 
-TEST(PacketLine, HoldsBackOnlyWhatNobodyWouldMiss) {
+TEST(PacketPipeline, HoldsBackOnlyWhatNobodyWouldMiss) {
     const Bytes small = nullPacket(senderHead(1), {});
     const Bytes large = dataPacket(senderHead(1), busMessage("LARGE", 600));
     const struct {
