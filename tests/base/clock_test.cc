@@ -6,7 +6,7 @@
 #include <ctime>
 #include <utility>
 
-#include "tests/support/fixed_clock.h"
+#include "tests/support/test.h"
 
 namespace {
 

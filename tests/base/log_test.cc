@@ -17,10 +17,8 @@
 #include "lib/base/log_pace.h"
 #include "lib/base/thread.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/fixed_clock.h"
-#include "tests/support/low_limit.h"
-#include "tests/support/race.h"
 #include "tests/support/scratch_folder.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/race.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -16,19 +16,18 @@
 #include "bus/pace.h"
 #include "bus/run_commands.h"
 #include "bus/stop.h"
+#include "tests/support/test.h"
 
 namespace {
 
 // The library open for the test's own sends, and the commands' as they run.
-struct OpenLibrary {
+struct OpenLibrary : NoCopy {
     OpenLibrary() {
         static const pelmoStatus installed = stopInstall();
         EXPECT_EQ(installed, kStatusSuccess);
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);
     }
     ~OpenLibrary() { pelmo_Close(); }
-    OpenLibrary(const OpenLibrary&) = delete;
-    OpenLibrary& operator=(const OpenLibrary&) = delete;
 };
 
 }  // namespace

@@ -6,7 +6,7 @@
 
 #include "tests/support/fail_alloc.h"
 #include "tests/support/pool_manager.h"
-#include "tests/support/race.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "lib/transport/circuit/circuit_internal.h"
 #include "tests/pelmo/daemon_stand.h"
 #include "tests/support/circuit_stand.h"
-#include "tests/support/race.h"
+#include "tests/support/test.h"
 
 namespace {
 

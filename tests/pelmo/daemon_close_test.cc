@@ -116,12 +116,12 @@ TEST_F(DaemonCloses, OfTheLibraryEndAConnectWithoutAnswer) {
         (void)connect(fill.back().number(), reinterpret_cast<sockaddr*>(&target), sizeof(target));
     }
     const std::string name = "127.0.0.1:" + std::to_string(ntohs(full.port));
-    const size_t descriptors = descriptorCount();
+    const size_t descriptors = entriesIn("/proc/self/fd");
     std::thread making([&] {
         EXPECT_EQ(pelmoTransport_CreateNetwork(&transport, nullptr, nullptr, name.c_str()),
                   kStatusDaemonNotConnected);
     });
-    while (descriptorCount() == descriptors)
+    while (entriesIn("/proc/self/fd") == descriptors)
         std::this_thread::yield();
     EXPECT_LT(secondsOf([&] {
                   EXPECT_EQ(pelmo_Close(), kStatusSuccess);

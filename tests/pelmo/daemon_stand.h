@@ -11,32 +11,29 @@
 #include <thread>
 
 #include "lib/pelmo.h"
+#include "lib/runtime/library.h"
 #include "lib/transport/daemon/link_environment.h"
-#include "tests/support/leftovers.h"
 #include "tests/support/misbehaving_daemon.h"
+#include "tests/support/test.h"
 
 inline constexpr size_t kPartBytes = 0x10000;
 inline constexpr size_t kMostWaitingBytes = 0x1000000;  // above them a sender waits
 
 // A time-out of the handshake that a test can wait for.
-struct AnswerSeconds {
+struct AnswerSeconds : NoCopy {
     explicit AnswerSeconds(double seconds) { linkEnvironment.answerSeconds = seconds; }
     ~AnswerSeconds() { linkEnvironment.answerSeconds = former; }
-    AnswerSeconds(const AnswerSeconds&) = delete;
-    AnswerSeconds& operator=(const AnswerSeconds&) = delete;
 
     double former = linkEnvironment.answerSeconds;
 };
 
 // Counts the messages of one subject; waits for them at the longest ten seconds.
-struct CountingListener {
+struct CountingListener : NoCopy {
     CountingListener(uint32_t transport, const char* subject) {
         EXPECT_EQ(
             pelmoEvent_CreateListener(&event, kDefaultQueueId, take, transport, subject, this),
             kStatusSuccess);
     }
-    CountingListener(const CountingListener&) = delete;
-    CountingListener& operator=(const CountingListener&) = delete;
 
     [[nodiscard]] bool await(size_t wanted) const {
         for (int look = 0; look < 10'000 && count < wanted; ++look)

@@ -15,7 +15,7 @@
 #include "lib/transport/ipq/ipq_internal.h"
 #include "tests/support/loopback_peer.h"
 #include "tests/support/message_values.h"
-#include "tests/support/random.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
 #include "tests/support/scratch_folder.h"
-#include "tests/support/thread_count.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -84,13 +84,13 @@ TEST(Library, MakesItsOwnObjectsAtTheFirstOpenAndEndsAllAtTheLastClose) {
                   {2, "Event Manager Timer Queue"},
                   {3, "Work Queue"},
                   {5, "PELMO IO Queue 1"}};
-    const size_t threads = threadCount();
+    const Leftovers before = leftovers();
     uint32_t lastId = kLastFixedId;
     for (int round = 0; round < 3; ++round) {
         EXPECT_EQ(pelmo_Close(), kStatusNotInitialized);
         ASSERT_EQ(pelmo_Open(), kStatusSuccess);
         ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-        EXPECT_EQ(threadCount(), threads + 3);  // timers, IO, work
+        EXPECT_EQ(threadCount(), before.threads + 3);  // timers, IO, work
         EXPECT_EQ(pelmo_Close(), kStatusSuccess);
         for (const auto& [queue, expected] : queues) {
             const char* name = nullptr;
@@ -107,7 +107,7 @@ TEST(Library, MakesItsOwnObjectsAtTheFirstOpenAndEndsAllAtTheLastClose) {
         EXPECT_EQ(pelmo_Close(), kStatusSuccess);
         EXPECT_EQ(Id_Check(queue, IdType::kQueue), kStatusNotFound);
         expectNothingLeft();
-        EXPECT_TRUE(threadsBecome(threads));
+        EXPECT_EQ(leftoversOnceThey(before), before);
     }
     EXPECT_STREQ(pelmo_Version(), "8.5.2");
 }

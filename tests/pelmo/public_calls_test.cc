@@ -10,6 +10,7 @@
 #include "lib/msg/message_internal.h"
 #include "lib/pelmo.h"
 #include "lib/runtime/id.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -189,7 +190,7 @@ pelmoStatus (*const kCreators[])(uint32_t* out) = {
 };
 
 // An object of each kind, and one of each that is gone.
-struct Objects {
+struct Objects : NoCopy {
     Objects() {
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);
         EXPECT_EQ(pelmoMsg_Create(&sent), kStatusSuccess);
@@ -216,8 +217,6 @@ struct Objects {
         for (const int socket : sockets)
             close(socket);
     }
-    Objects(const Objects&) = delete;
-    Objects& operator=(const Objects&) = delete;
 
     static void make(uint32_t (&ids)[kKinds], int socket) {
         EXPECT_EQ(pelmoQueue_Create(&ids[kQueues]), kStatusSuccess);

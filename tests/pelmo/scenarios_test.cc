@@ -11,19 +11,16 @@
 #include "lib/runtime/tracing.h"
 #include "tests/runtime/event_stand.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/leftovers.h"
 #include "tests/support/link_stand.h"
+#include "tests/support/test.h"
 #include "tests/support/test_daemon.h"
 
 namespace {
 
 // What one scenario does again and again. The members of one that derives from it hold what exists
 // over all runs (built before the first) and what a run passes on to its end.
-struct Scenario {
-    Scenario() = default;
+struct Scenario : NoCopy {
     virtual ~Scenario() = default;
-    Scenario(const Scenario&) = delete;
-    Scenario& operator=(const Scenario&) = delete;
 
     // The work under failing allocations. Returns the first status that isn't success.
     virtual pelmoStatus run() = 0;

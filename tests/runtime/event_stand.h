@@ -9,10 +9,10 @@
 #include "lib/runtime/io_events.h"
 #include "lib/runtime/timers.h"
 #include "lib/runtime/wakeup_pair.h"
-#include "tests/support/fixed_clock.h"
 #include "tests/support/runtime_objects.h"
+#include "tests/support/test.h"
 
-struct EventStand {
+struct EventStand : NoCopy {
     EventStand() {
         EXPECT_EQ(Queue_Create(nullptr, kFirstIoQueueId, "io", false, false), kStatusSuccess);
         {
@@ -32,8 +32,6 @@ struct EventStand {
         timersCloseLocked();
         ioThreadsClearLocked();
     }
-    EventStand(const EventStand&) = delete;
-    EventStand& operator=(const EventStand&) = delete;
 
     // One pass of the IO thread that doesn't wait.
     void ioPass() const {
@@ -61,14 +59,12 @@ struct EventStand {
 };
 
 // Two connected sockets, closed at the end of the scope.
-struct SocketPair {
+struct SocketPair : NoCopy {
     SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0); }
     ~SocketPair() {
         close(ends[0]);
         close(ends[1]);
     }
-    SocketPair(const SocketPair&) = delete;
-    SocketPair& operator=(const SocketPair&) = delete;
 
     // Makes ends[0] readable.
     void ready() const { EXPECT_EQ(send(ends[1], "*", 1, MSG_NOSIGNAL), 1); }

@@ -4,8 +4,8 @@
 
 #include "lib/runtime/id_counter.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/race.h"
 #include "tests/support/runtime_objects.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include "lib/runtime/loopback_pair.h"
 #include "tests/runtime/event_stand.h"
-#include "tests/support/low_limit.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -7,12 +7,11 @@
 #include "lib/runtime/event_manager.h"
 #include "lib/transport/circuit/circuit_internal.h"
 #include "tests/support/local_bus.h"
+#include "tests/support/test.h"
 
-struct TimerThread {
+struct TimerThread : NoCopy {
     TimerThread() { EXPECT_EQ(EventManager_Start(), kStatusSuccess); }
     ~TimerThread() { EventManager_Stop(); }
-    TimerThread(const TimerThread&) = delete;
-    TimerThread& operator=(const TimerThread&) = delete;
 };
 
 struct CircuitStand : testing::Test {

@@ -20,6 +20,7 @@
 #include "lib/msg/message_internal.h"
 #include "lib/transport/reliable/connection.h"
 #include "lib/transport/reliable/endpoint_core.h"
+#include "tests/support/test.h"
 
 inline constexpr double kWireBegin = 1.7e9;
 inline constexpr uint32_t kPeerId = 0x70000000;
@@ -33,7 +34,7 @@ struct WirePacket {
     uint64_t window = kReceiveWindow;
 };
 
-struct CoreWire {
+struct CoreWire : NoCopy {
     CoreWire() {
         const EndpointSink sink = {
             this, onSend, [](void*, void*) {}, [](void*, void*) {},
@@ -45,8 +46,6 @@ struct CoreWire {
         endpointFree(&core);
         pelmoMsg_Destroy(message);
     }
-    CoreWire(const CoreWire&) = delete;
-    CoreWire& operator=(const CoreWire&) = delete;
 
     // The peer sends; `destId` 0: the id that the core told last.
     void take(const WirePacket& packet, uint32_t destId = 0) {

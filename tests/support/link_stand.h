@@ -14,8 +14,9 @@
 #include "lib/pelmo.h"
 #include "lib/transport/daemon/link_environment.h"
 #include "tests/support/local_bus.h"
+#include "tests/support/test.h"
 
-class LinkStand {
+class LinkStand : public NoCopy {
   public:
     struct Timer {
         uint32_t id;
@@ -49,8 +50,6 @@ class LinkStand {
         linkEnvironment = former;
         current = nullptr;
     }
-    LinkStand(const LinkStand&) = delete;
-    LinkStand& operator=(const LinkStand&) = delete;
 
     size_t timers() {
         const std::lock_guard guard(mutex);

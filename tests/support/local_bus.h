@@ -9,12 +9,13 @@
 #include "lib/transport/transport_internal.h"
 #include "tests/support/message_values.h"
 #include "tests/support/runtime_objects.h"
+#include "tests/support/test.h"
 
 inline constexpr uint32_t kLocal = kIntraProcessTransportId;
 using Texts = std::vector<std::string>;
 
 // A test destroys the objects that it made before this one.
-struct LocalBus {
+struct LocalBus : NoCopy {
     RuntimeTables tables;
     LocalBus() {
         transportAttach();
@@ -24,8 +25,6 @@ struct LocalBus {
         libraryOpen = false;
         EXPECT_EQ(pelmoTransport_Destroy(kLocal), kStatusSuccess);
     }
-    LocalBus(const LocalBus&) = delete;
-    LocalBus& operator=(const LocalBus&) = delete;
 };
 
 // Null without memory.
@@ -50,7 +49,7 @@ inline pelmoStatus sendText(uint32_t transport, const char* subject, const char*
 }
 
 // A plain listener that stores the texts of its messages.
-struct TestListener {
+struct TestListener : NoCopy {
     uint32_t event = kNoId;
     Texts texts;
     std::function<void(pelmoMsg*)> onMessage;  // optional
@@ -60,8 +59,6 @@ struct TestListener {
         EXPECT_EQ(listen(queue, subject, transport), kStatusSuccess);
     }
     ~TestListener() { end(); }
-    TestListener(const TestListener&) = delete;
-    TestListener& operator=(const TestListener&) = delete;
 
     pelmoStatus listen(uint32_t queue, const char* subject, uint32_t transport = kLocal) {
         return pelmoEvent_CreateListener(&event, queue, received, transport, subject, this);

@@ -24,6 +24,7 @@
 
 #include "tests/support/loopback_peer.h"
 #include "tests/support/message_values.h"
+#include "tests/support/test.h"
 
 // One connection, as a step sees it. All calls answer false where the client has closed it, or the
 // daemon ends.
@@ -59,12 +60,10 @@ using DaemonScript = std::vector<DaemonStep>;
 
 DaemonScript operator+(DaemonScript left, const DaemonScript& right);
 
-class MisbehavingDaemon {
+class MisbehavingDaemon : public NoCopy {
   public:
     explicit MisbehavingDaemon(std::vector<DaemonScript> connections);
     ~MisbehavingDaemon();
-    MisbehavingDaemon(const MisbehavingDaemon&) = delete;
-    MisbehavingDaemon& operator=(const MisbehavingDaemon&) = delete;
 
     // "127.0.0.1:PORT"
     [[nodiscard]] std::string name() const;

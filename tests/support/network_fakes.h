@@ -20,13 +20,14 @@
 #include "lib/msg/text.h"
 #include "lib/transport/transport_internal.h"
 #include "tests/support/runtime_objects.h"
+#include "tests/support/test.h"
 
 inline std::string shownText(pelmoMsg* message) {
     const char* text = nullptr;
     return pelmoMsg_ConvertToString(message, &text) == kStatusSuccess ? text : "no text";
 }
 
-class FakeDaemon {
+class FakeDaemon : public NoCopy {
   public:
     pelmoStatus createAnswer = kStatusSuccess;
     pelmoStatus answer = kStatusSuccess;   // of all other calls
@@ -54,8 +55,6 @@ class FakeDaemon {
         daemonLinkOps.interest = interest;
     }
     ~FakeDaemon() { daemonLinkOps = former; }
-    FakeDaemon(const FakeDaemon&) = delete;
-    FakeDaemon& operator=(const FakeDaemon&) = delete;
 
     // Since the last call.
     std::vector<std::string> taken() { return std::exchange(calls, {}); }
@@ -104,7 +103,7 @@ class FakeDaemon {
 };
 
 // The fake endpoint and the fake circuits write into one list.
-class FakePeers {
+class FakePeers : public NoCopy {
   public:
     std::vector<std::string> calls;
     pelmoStatus answer = kStatusSuccess;
@@ -142,8 +141,6 @@ class FakePeers {
         endpointOps = {};
         circuitOps = {};
     }
-    FakePeers(const FakePeers&) = delete;
-    FakePeers& operator=(const FakePeers&) = delete;
 
     // Never dereferenced.
     [[nodiscard]] ReliableEndpoint* endpoint() {

@@ -5,14 +5,13 @@
 #include <gtest/gtest.h>
 
 #include "lib/msg/pool.h"
+#include "tests/support/test.h"
 
-struct OpenPools {
+struct OpenPools : NoCopy {
     explicit OpenPools(uint32_t useThreadCache) {
         EXPECT_EQ(poolManagerOpen(useThreadCache), kStatusSuccess);
         poolThreadEnter();
     }
-    OpenPools(const OpenPools&) = delete;
-    OpenPools& operator=(const OpenPools&) = delete;
     ~OpenPools() { poolManagerClose(); }
 };
 

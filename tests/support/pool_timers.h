@@ -9,10 +9,11 @@
 
 #include "lib/base/lock.h"
 #include "lib/msg/pool.h"
+#include "tests/support/test.h"
 
 // Its lock ranks before those of the pools, as the runtime's locks do: a debug build stops if it is
 // taken with a pool's lock held.
-struct PoolTimers {
+struct PoolTimers : NoCopy {
     struct Row {
         uint32_t queue;
         double seconds;
@@ -31,8 +32,6 @@ struct PoolTimers {
             .destroyEx = [](uint32_t timer, auto done) { return current->destroyEx(timer, done); },
         };
     }
-    PoolTimers(const PoolTimers&) = delete;
-    PoolTimers& operator=(const PoolTimers&) = delete;
     ~PoolTimers() { poolTimerOps = {}; }
 
     pelmoStatus create(uint32_t* out, const Row& row) {

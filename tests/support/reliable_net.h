@@ -28,6 +28,7 @@
 
 #include "lib/msg/message_internal.h"
 #include "lib/transport/reliable/endpoint_core.h"
+#include "tests/support/test.h"
 
 inline constexpr double kNetBegin = 1.7e9;  // seconds since 1970
 inline constexpr uint32_t kMostNetHosts = 4;
@@ -100,11 +101,9 @@ struct NetMemory {
     void (*heal)() = nullptr;
 };
 
-struct ReliableNet {
+struct ReliableNet : NoCopy {
     explicit ReliableNet(uint64_t seed) : random{std::mt19937_64(seed)} {}
     ~ReliableNet();
-    ReliableNet(const ReliableNet&) = delete;
-    ReliableNet& operator=(const ReliableNet&) = delete;
 
     double now = kNetBegin;
     SeededRandom random;

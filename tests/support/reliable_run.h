@@ -8,10 +8,11 @@
 #include "lib/containers/entry_ring.h"
 #include "lib/transport/reliable/send_buffer.h"
 #include "tests/support/stream_run.h"
+#include "tests/support/test.h"
 
 // Messages of such sizes, each with bytes of its own; `together` in one buffer, one behind the
 // other, else each in a buffer that ends with it.
-struct GivenMessages {
+struct GivenMessages : NoCopy {
     std::vector<pelmoMsg*> all;
     std::string bytes;
 
@@ -34,8 +35,6 @@ struct GivenMessages {
         for (pelmoMsg* const message : all)
             msgRelease(message);
     }
-    GivenMessages(const GivenMessages&) = delete;
-    GivenMessages& operator=(const GivenMessages&) = delete;
 
     Buffer* fromBytes(size_t at, size_t size) const {
         Buffer* const buffer = bufferCreate(static_cast<uint32_t>(size));

@@ -18,9 +18,7 @@
 #include "lib/runtime/queue_group_internal.h"
 #include "lib/runtime/queue_internal.h"
 #include "lib/runtime/transport_ops.h"
-
-inline constexpr IdType kIdTypes[] = {IdType::kEvent, IdType::kQueue, IdType::kQueueGroup,
-                                      IdType::kTransport, IdType::kDispatcher};
+#include "tests/support/test.h"
 
 inline std::vector<uint32_t> idsIn(const Dpa* list) {
     std::vector<uint32_t> ids;
@@ -37,18 +35,10 @@ inline std::vector<uint32_t> idsOf(IdType type) {
     return ids;
 }
 
-// The number of objects with ids, which a call that fails without memory must not change.
-inline size_t objectCount() {
-    size_t count = 0;
-    for (const IdType type : kIdTypes)
-        count += idsOf(type).size();
-    return count;
-}
-
 // A fixture: while it exists there are id tables and the library counts as open. It ends the
 // objects that a test left, but not threads that use them.
 // Tables of an open of the library, which stay for good, serve as well.
-struct RuntimeTables {
+struct RuntimeTables : NoCopy {
     const bool areOwn = !areLibrarys();
 
     RuntimeTables() {
@@ -72,8 +62,6 @@ struct RuntimeTables {
         const LockGuard guard(library.lock);
         return library.tablesReady;
     }
-    RuntimeTables(const RuntimeTables&) = delete;
-    RuntimeTables& operator=(const RuntimeTables&) = delete;
 };
 
 inline uint32_t makeQueue(bool synchronous = false) {
@@ -124,7 +112,7 @@ void awaitWaiters(uint32_t id, int32_t count) {
 
 // An event that only tests fire; the destructor destroys it if the test didn't. Other kinds are a
 // listener's record with the kind changed.
-struct TestEvent {
+struct TestEvent : NoCopy {
     uint32_t id = kNoId;
     Event* event = nullptr;
 
@@ -145,8 +133,6 @@ struct TestEvent {
         destroy();
         Id_Release(&event->header, false);
     }
-    TestEvent(const TestEvent&) = delete;
-    TestEvent& operator=(const TestEvent&) = delete;
 
     void destroy() const { pelmoEvent_DestroyEx(id, nullptr); }
 

@@ -5,16 +5,16 @@
 #include <set>
 #include <string>
 
+#include "tests/support/test.h"
+
 void writeFile(const std::string& path, const std::string& text);
 
 // The whole text; empty where the file can't be read.
 [[nodiscard]] std::string readFile(const std::string& path);
 
-struct Folder {
+struct Folder : NoCopy {
     Folder();
     ~Folder();
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
 
     [[nodiscard]] std::string path(const std::string& name) const { return root + "/" + name; }
 

@@ -15,10 +15,11 @@
 
 #include "lib/transport/transport_links.h"
 #include "tests/support/loopback_peer.h"
+#include "tests/support/test.h"
 
 struct pelmoMsg;
 
-class TestDaemon {
+class TestDaemon : public NoCopy {
   public:
     struct Manners {
         uint32_t greeting = 4;
@@ -35,8 +36,6 @@ class TestDaemon {
     // On a free port of 127.0.0.1. `port` 0: any.
     explicit TestDaemon(uint16_t port = 0);
     ~TestDaemon();
-    TestDaemon(const TestDaemon&) = delete;
-    TestDaemon& operator=(const TestDaemon&) = delete;
 
     [[nodiscard]] uint16_t port() const { return ntohs(listener_.port); }
     [[nodiscard]] std::string specification() const { return std::to_string(port()); }

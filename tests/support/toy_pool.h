@@ -10,8 +10,9 @@
 #include <vector>
 
 #include "lib/containers/pool_seam.h"
+#include "tests/support/test.h"
 
-struct ToyPool {
+struct ToyPool : NoCopy {
     explicit ToyPool(uint32_t payloadBytes) {
         static constexpr PoolOps kOps = {
             .take =
@@ -29,8 +30,6 @@ struct ToyPool {
         };
         seam = {&kOps, this, payloadBytes};
     }
-    ToyPool(const ToyPool&) = delete;
-    ToyPool& operator=(const ToyPool&) = delete;
     ~ToyPool() { EXPECT_EQ(itemsHeld, 0u); }
 
     ItemPool seam{};
@@ -38,7 +37,7 @@ struct ToyPool {
 };
 
 // While it exists, containers can make pools of their own.
-struct ToyPoolMaker {
+struct ToyPoolMaker : NoCopy {
     ToyPoolMaker() {
         current = this;
         poolMakerOps = {
@@ -59,8 +58,6 @@ struct ToyPoolMaker {
                 },
         };
     }
-    ToyPoolMaker(const ToyPoolMaker&) = delete;
-    ToyPoolMaker& operator=(const ToyPoolMaker&) = delete;
     ~ToyPoolMaker() {
         poolMakerOps = {};
         EXPECT_EQ(alive, 0);

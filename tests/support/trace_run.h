@@ -22,15 +22,14 @@
 #include <cstdio>
 
 #include "tests/support/packet_builder.h"
+#include "tests/support/test.h"
 
 using Lines = std::vector<std::string>;
 
-class TraceRun {
+class TraceRun : public NoCopy {
   public:
     explicit TraceRun(bool complain = true);
     ~TraceRun();
-    TraceRun(const TraceRun&) = delete;
-    TraceRun& operator=(const TraceRun&) = delete;
 
     // What was logged since the last call, without time stamps and program name.
     Lines logged();

@@ -3,7 +3,7 @@
 #include "lib/containers/dpa.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
-#include "tests/support/race.h"
+#include "tests/support/test.h"
 
 namespace {
 

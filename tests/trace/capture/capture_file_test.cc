@@ -3,9 +3,8 @@
 #include <cstring>
 
 #include "tests/support/capture_file.h"
-#include "tests/support/fixed_clock.h"
-#include "tests/support/low_limit.h"
 #include "tests/support/saving_run.h"
+#include "tests/support/test.h"
 
 namespace {
 

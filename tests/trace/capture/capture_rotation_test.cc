@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "tests/support/capture_file.h"
-#include "tests/support/low_limit.h"
 #include "tests/support/saving_run.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/fixed_clock.h"
+#include "tests/support/test.h"
 #include "tests/support/trace_run.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/snapshot.h"

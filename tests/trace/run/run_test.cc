@@ -12,8 +12,8 @@
 #include "tests/support/capture_file.h"
 #include "tests/support/capture_reset.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/fixed_clock.h"
 #include "tests/support/scratch_folder.h"
+#include "tests/support/test.h"
 #include "trace/counts/statistics.h"
 #include "trace/settings.h"
 

@@ -15,7 +15,7 @@
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/low_limit.h"
+#include "tests/support/test.h"
 #include "tests/support/trace_run.h"
 
 namespace {

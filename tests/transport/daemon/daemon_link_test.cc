@@ -12,8 +12,8 @@
 #include "lib/containers/sublist.h"
 #include "lib/transport/daemon/reconnect.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/fixed_clock.h"
 #include "tests/support/link_stand.h"
+#include "tests/support/test.h"
 #include "tests/support/test_daemon.h"
 
 namespace {

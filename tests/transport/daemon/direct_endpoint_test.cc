@@ -12,6 +12,7 @@
 #include "lib/transport/daemon/specification.h"
 #include "tests/support/datagram_wire.h"
 #include "tests/support/link_stand.h"
+#include "tests/support/test.h"
 #include "tests/support/test_daemon.h"
 
 namespace {
@@ -169,11 +170,9 @@ timespec fastClock() {
     return {.tv_sec = fast / 1'000'000'000, .tv_nsec = fast % 1'000'000'000};
 }
 
-struct FastClock {
+struct FastClock : NoCopy {
     FastClock() : former(clockSetMonotonicSource(fastClock)) {}
     ~FastClock() { clockSetMonotonicSource(former); }
-    FastClock(const FastClock&) = delete;
-    FastClock& operator=(const FastClock&) = delete;
     ClockSource former;
 };
 struct FastDirect : FastClock, Direct {};

@@ -6,6 +6,7 @@
 
 #include "tests/support/fail_alloc.h"
 #include "tests/support/stream_run.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -92,7 +93,7 @@ TEST(StreamCutter, SplitsNeverChangeWhatComesOut) {
     }
 }
 
-struct OneRead {
+struct OneRead : NoCopy {
     explicit OneRead(uint32_t readBufferBytes = kReadBufferBytes) {
         cutterInit(&cutter, readBufferBytes, kMost);
     }
@@ -102,8 +103,6 @@ struct OneRead {
         dpaDestroy(batch);
         cutterFree(&cutter);
     }
-    OneRead(const OneRead&) = delete;
-    OneRead& operator=(const OneRead&) = delete;
 
     CutVerdict take(const std::string& bytes) {
         const std::span<uint8_t> room = cutterRoom(&cutter);

@@ -9,18 +9,17 @@
 #include "lib/msg/buffer.h"
 #include "lib/transport/socket/gather_list.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/test.h"
 
 namespace {
 
-struct TestQueue {
+struct TestQueue : NoCopy {
     explicit TestQueue(uint32_t byteLimit = 0) { writeQueueInit(&queue, byteLimit); }
     ~TestQueue() {
         writeQueueClear(&queue);
         EXPECT_EQ(queue.messages, 0u);
         EXPECT_EQ(queue.bufferBytes, 0u);
     }
-    TestQueue(const TestQueue&) = delete;
-    TestQueue& operator=(const TestQueue&) = delete;
 
     pelmoStatus add(const std::string& bytes, bool urgent = false, double now = 10) {
         constexpr uint32_t kOffset = 3;

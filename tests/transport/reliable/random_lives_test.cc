@@ -10,8 +10,8 @@
 
 #include "lib/base/sanitizer.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/leftovers.h"
 #include "tests/support/reliable_model.h"
+#include "tests/support/test.h"
 
 namespace {
 

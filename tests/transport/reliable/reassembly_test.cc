@@ -5,8 +5,8 @@
 #include <optional>
 
 #include "tests/support/fail_alloc.h"
-#include "tests/support/random.h"
 #include "tests/support/reliable_run.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ Arrival part(uint64_t firstSeq, uint32_t k, uint32_t size) {
 }
 
 // What a connection does with it, from `rcvNxt` on.
-struct Receiver {
+struct Receiver : NoCopy {
     ReassemblyShare share = {.bytes = 0, .most = kMostReassemblyBytes};
     Reassembly reassembly;
     uint64_t rcvNxt = 1;
@@ -47,8 +47,6 @@ struct Receiver {
         EXPECT_EQ(share.bytes, 0u);
         EXPECT_TRUE(reassemblyIsEmpty(&reassembly));
     }
-    Receiver(const Receiver&) = delete;
-    Receiver& operator=(const Receiver&) = delete;
 
     void take(const Packet& packet) {
         if (packet.header.seq < rcvNxt || packet.header.seq >= rcvNxt + kReceiveWindow) return;

@@ -1,5 +1,6 @@
 // Endpoints on real sockets, against each other and against a peer that writes its packets by hand.
 
+#include "lib/runtime/library.h"
 #include "lib/transport/reliable/reliable_endpoint.h"
 
 #include <array>
@@ -19,7 +20,7 @@
 #include "lib/transport/reliable/datagram_socket.h"
 #include "tests/support/datagram_wire.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/leftovers.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -49,7 +50,7 @@ Message numbered(uint32_t from, uint64_t number, size_t padBytes = 0) {
     return message;
 }
 
-struct End {
+struct End : NoCopy {
     ReliableEndpoint* endpoint = nullptr;
     std::mutex mutex;
     std::map<uint32_t, uint64_t> next;  // number expected from each sender
@@ -62,8 +63,6 @@ struct End {
     End() = default;
     explicit End(uint16_t port) { EXPECT_EQ(open(port), kStatusSuccess); }
     ~End() { close(false); }
-    End(const End&) = delete;
-    End& operator=(const End&) = delete;
 
     pelmoStatus open(uint16_t port) {
         return ReliableEndpoint_Open(&endpoint, kLoopbackHost, port, onData, onLoss,

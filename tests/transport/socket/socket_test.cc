@@ -11,28 +11,25 @@
 #include "tests/runtime/event_stand.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/loopback_peer.h"
+#include "tests/support/test.h"
 
 namespace {
 
 constexpr uint32_t kTestClass = 4;
 
-struct Environment {
+struct Environment : NoCopy {
     Environment(const char* variable, const char* value) : name(variable) {
         setenv(name, value, 1);
     }
     ~Environment() { unsetenv(name); }
-    Environment(const Environment&) = delete;
-    Environment& operator=(const Environment&) = delete;
 
     const char* name;
 };
 
 // Deadlines of real waits: the stand's clock stands.
-struct RunningClock {
+struct RunningClock : NoCopy {
     RunningClock() { former = clockSetMonotonicSource(nullptr); }
     ~RunningClock() { clockSetMonotonicSource(former); }
-    RunningClock(const RunningClock&) = delete;
-    RunningClock& operator=(const RunningClock&) = delete;
 
     ClockSource former;
 };

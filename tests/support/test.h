@@ -1,0 +1,160 @@
+// Small pieces that tests of any folder use: a base of fixtures, random numbers, threads that start
+// together, clocks and limits that a test sets, and what a run of the library leaves in the
+// process.
+
+#pragma once
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <barrier>
+#include <csignal>
+#include <ostream>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "lib/base/clock.h"
+#include "lib/base/sanitizer.h"
+#include "lib/containers/dpa.h"
+#include "lib/runtime/id.h"
+
+// The base of fixtures that hold a resource.
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy&) = delete;
+    NoCopy& operator=(const NoCopy&) = delete;
+};
+
+// Random numbers, the same in each run.
+struct Random {
+    std::mt19937 engine;
+
+    uint32_t operator()() { return static_cast<uint32_t>(engine()); }
+};
+
+// Calls act(thread, round), both counted from 0, on `threadCount` threads that start each round
+// together.
+template <typename Act>
+void race(int threadCount, int rounds, Act act) {
+    std::barrier meeting(threadCount);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < threadCount; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (int round = 0; round < rounds; ++round) {
+                meeting.arrive_and_wait();
+                act(thread, round);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+// Lowers a limit of the process while it exists: RLIMIT_NOFILE, so that no more descriptors are
+// given, or RLIMIT_FSIZE, which acts as a full disk.
+struct LowLimit : NoCopy {
+    LowLimit(__rlimit_resource_t what, rlim_t most) : resource(what) {
+        std::signal(SIGXFSZ, SIG_IGN);  // a write past the limit shall fail and not end the tests
+        getrlimit(resource, &former);
+        const rlimit low = {most, former.rlim_max};
+        setrlimit(resource, &low);
+    }
+    ~LowLimit() { setrlimit(resource, &former); }
+
+    const __rlimit_resource_t resource;
+    rlimit former;
+};
+
+// Replaces a clock of the library by one that moves only when it is set. Only one of each kind may
+// exist at a time.
+template <ClockSource (*setSource)(ClockSource)>
+struct StoppedClock : NoCopy {
+    explicit StoppedClock(int64_t seconds, int64_t nanoseconds = 0) {
+        set(seconds, nanoseconds);
+        former = setSource(read);
+    }
+    ~StoppedClock() { setSource(former); }
+
+    // Other threads may see one part changed before the other.
+    static void set(int64_t seconds, int64_t nanoseconds = 0) {
+        secondsNow = seconds;
+        nanosecondsNow = nanoseconds;
+    }
+
+  private:
+    static timespec read() { return {secondsNow.load(), nanosecondsNow.load()}; }
+
+    static inline std::atomic<int64_t> secondsNow;
+    static inline std::atomic<int64_t> nanosecondsNow;
+    ClockSource former;
+};
+
+using FixedClock = StoppedClock<clockSetSource>;               // the wall clock: clockNow
+using FixedMonotonic = StoppedClock<clockSetMonotonicSource>;  // clockSteadySeconds
+
+inline constexpr IdType kIdTypes[] = {IdType::kEvent, IdType::kQueue, IdType::kQueueGroup,
+                                      IdType::kTransport, IdType::kDispatcher};
+
+// The number of objects with ids, which a call that fails without memory must not change.
+inline size_t objectCount() {
+    Dpa* const ids = dpaCreate(1);
+    for (const IdType type : kIdTypes)
+        EXPECT_TRUE(idTableList(type, ids));
+    const size_t count = ids->count;
+    dpaDestroy(ids);
+    return count;
+}
+
+inline size_t entriesIn(const char* path) {
+    size_t count = 0;
+    DIR* const folder = opendir(path);
+    while (const dirent* entry = readdir(folder))
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    closedir(folder);
+    return count;
+}
+
+// A thread that ended is counted for a moment longer.
+inline size_t threadCount() {
+    return entriesIn("/proc/self/task");
+}
+
+// What a whole run of the library may leave behind in the process.
+struct Leftovers {
+    size_t descriptors;
+    size_t threads;
+    size_t objects;
+
+    bool operator==(const Leftovers&) const = default;
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Leftovers& left) {
+    return out << left.descriptors << " descriptors, " << left.threads << " threads, "
+               << left.objects << " objects";
+}
+
+inline Leftovers leftovers() {
+    return {entriesIn("/proc/self/fd"), threadCount(), objectCount()};
+}
+
+// Waits for what other threads still end. Returns what is left in the end.
+inline Leftovers leftoversOnceThey(const Leftovers& become) {
+    Leftovers now = leftovers();
+    for (int look = 0; look < 5'000 && now != become; ++look) {
+        (void)poll(nullptr, 0, 1);
+        now = leftovers();
+    }
+    return now;
+}
+
+inline bool noMemoryIsLost() {
+#ifdef PELMO_ADDRESS_SANITIZER
+    return __lsan_do_recoverable_leak_check() == 0;
+#else
+    return true;
+#endif
+}
