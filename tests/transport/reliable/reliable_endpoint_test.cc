@@ -1,6 +1,5 @@
 // Endpoints on real sockets, against each other and against a peer that writes its packets by hand.
 
-#include "lib/runtime/library.h"
 #include "lib/transport/reliable/reliable_endpoint.h"
 
 #include <array>
@@ -17,6 +16,7 @@
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_typed.h"
 #include "lib/pelmo.h"
+#include "lib/runtime/library.h"
 #include "lib/transport/reliable/datagram_socket.h"
 #include "tests/support/datagram_wire.h"
 #include "tests/support/fail_alloc.h"
