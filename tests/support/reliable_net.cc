@@ -83,6 +83,23 @@ void fly(ReliableNet& net, NetFlight flight) {
     pushFlight(net, std::move(flight));
 }
 
+uint64_t idsOf(uint32_t own, uint32_t peer) {
+    return uint64_t{own} << 32 | peer;
+}
+
+// Acknowledgements that come alone are never refused for their own number.
+void noteAcknowledged(NetHost& host, const Packet& packet) {
+    const PacketHeader& header = packet.header;
+    if (!packet.payload.empty() || header.flags != 0) return;
+    uint64_t& most = host.acknowledged[idsOf(header.destId, header.sourceId)];
+    most = std::max(most, header.ack);
+}
+
+bool isAcknowledged(const NetHost& host, const Packet& packet) {
+    const auto found = host.acknowledged.find(idsOf(packet.header.sourceId, packet.header.destId));
+    return found != host.acknowledged.end() && packet.header.seq < found->second;
+}
+
 void send(void* closure, const PeerAddress& to, const OutDatagram& datagram) {
     NetHost& host = *static_cast<NetHost*>(closure);
     ReliableNet& net = *host.net;
@@ -95,6 +112,9 @@ void send(void* closure, const PeerAddress& to, const OutDatagram& datagram) {
 
     Packet packet;
     if (!packetRead(flight.bytes, &packet)) return netFault(net, "sends what is no packet");
+    if (datagram.isRepeat && !packet.payload.empty() && isAcknowledged(host, packet)) {
+        netFault(net, "host %u sends again what has arrived", host.index);
+    }
     if (net.watch.sent) net.watch.sent(host, to, packet);
     const NetHost* const target = netFind(net, to);
     const bool isLost = target == nullptr || net.link.isCut[host.index][target->index] ||
@@ -214,9 +234,9 @@ void arrive(ReliableNet& net, const NetFlight& flight) {
     if (host == nullptr || !host->isUp) return trace(net, flight, "nobody");
     trace(net, flight, "takes");
     Packet packet;
-    if (net.watch.arrives && packetRead(flight.bytes, &packet)) {
-        net.watch.arrives(*host, flight.from, packet);
-    }
+    const bool isPacket = packetRead(flight.bytes, &packet);
+    if (isPacket && net.watch.arrives) net.watch.arrives(*host, flight.from, packet);
+    if (isPacket) noteAcknowledged(*host, packet);
     host->lastArrival = net.now;
     call(*host, [&](EndpointOutput* out) {
         endpointTakeDatagram(&host->core, net.now, flight.from, flight.bytes, out);

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <memory>
 #include <random>
 #include <span>
@@ -79,7 +80,8 @@ struct NetHost {
     double closeBegin = 0;
     double lastArrival = 0;
     std::vector<NetSender> senders;
-    uint32_t waiters = 0;  // records behind connectionWaiter
+    uint32_t waiters = 0;                       // records behind connectionWaiter
+    std::map<uint64_t, uint64_t> acknowledged;  // up to which number, by the ids of both ends
 };
 
 // Seams for what watches; empty ones are skipped.

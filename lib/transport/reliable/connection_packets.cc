@@ -39,22 +39,26 @@ bool takesNumber(const Packet& packet) {
 
 // Acknowledgements
 
+void resendMissing(ReliableConnection* connection, uint64_t number) {
+    OutPacket* const packet = sendBufferFind(&connection->send, number);
+    if (packet != nullptr) PacketResend(connection, packet);
+    if (number == connection->crossSeq) connectionSendCrossing(connection);
+    connection->isRetransmitArmed = false;
+}
+
 void ackStep(const Step& step) {
     ReliableConnection* const connection = step.connection;
     const uint64_t ack = step.packet->header.ack;
     if (!ackIsInRange(connection, step.packet->header)) return;
     connection->window.peerWindow = usableWindow(*step.packet);
     const AckVerdict verdict = windowAcknowledge(&connection->window, ack);
-    if (verdict == AckVerdict::kAdvanced) {
+    const bool isPart = verdict == AckVerdict::kAdvancedPart;
+    if (isPart || verdict == AckVerdict::kAdvanced) {
         sendBufferAcknowledge(&connection->send, ack);
         if (ack > connection->crossSeq) connection->crossSeq = 0;
         connectionResetRto(connection, step.call->now);
-    } else if (verdict == AckVerdict::kResend) {
-        OutPacket* const packet = sendBufferFind(&connection->send, ack);
-        if (packet != nullptr) PacketResend(connection, packet);
-        if (ack == connection->crossSeq) connectionSendCrossing(connection);
-        connection->isRetransmitArmed = false;
     }
+    if (isPart || verdict == AckVerdict::kResend) resendMissing(connection, ack);
 }
 
 // The peer takes nothing any more: the numbers of what is lost count as acknowledged.
@@ -68,6 +72,7 @@ void discardSent(const Step& step) {
     sendBufferClear(&connection->send);
     window->sndUna = window->lastAck = window->sndNxt;
     window->dupAcks = 0;
+    window->recoveryEnd = 0;
     connection->crossSeq = 0;
     connectionResetRto(connection, step.call->now);
 }

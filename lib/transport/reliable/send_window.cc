@@ -26,14 +26,11 @@ void grow(SendWindow* window, uint64_t packets) {
     }
 }
 
-bool isRecovering(const SendWindow* window) {
-    return window->dupAcks > kRepeatsToResend;
-}
-
 void endRecovery(SendWindow* window) {
     window->cwnd = window->ssthresh;
     window->cwndCount = 0;
     window->ssthresh = kNoThreshold;
+    window->recoveryEnd = 0;
 }
 
 void beginRecovery(SendWindow* window) {
@@ -42,18 +39,22 @@ void beginRecovery(SendWindow* window) {
     window->ssthresh = std::max<uint64_t>(room / 2, 1);
     window->cwnd = window->ssthresh + kRepeatsToResend;
     window->cwndCount = 0;
+    window->recoveryEnd = window->sndNxt;
 }
 
-void takeNew(SendWindow* window, uint64_t ack) {
-    if (isRecovering(window)) {
+// True for a part of what was in flight when recovery began: the packet after it is lost as well.
+bool takeNew(SendWindow* window, uint64_t ack) {
+    const bool isPart = ack < window->recoveryEnd;
+    if (!isPart && window->recoveryEnd != 0) {
         endRecovery(window);
-    } else {
+    } else if (!isPart) {
         grow(window, ack - window->sndUna);
     }
     window->sndUna = ack;
     window->lastAck = ack;
     window->dupAcks = ack < window->sndNxt ? 1 : 0;
     windowLimit(window);
+    return isPart;
 }
 
 // True where the packet is to be sent again.
@@ -84,7 +85,8 @@ void windowInit(SendWindow* window, uint64_t peerWindow) {
                .ssthresh = kNoThreshold,
                .peerWindow = peerWindow,
                .lastAck = 1,
-               .dupAcks = 0};
+               .dupAcks = 0,
+               .recoveryEnd = 0};
 }
 
 void windowLimit(SendWindow* window) {
@@ -105,8 +107,7 @@ void windowOpened(SendWindow* window, uint64_t ack, uint64_t peerWindow) {
 AckVerdict windowAcknowledge(SendWindow* window, uint64_t ack) {
     if (ack < window->sndUna || ack > window->sndNxt) return AckVerdict::kOutside;
     if (ack != window->lastAck) {
-        takeNew(window, ack);
-        return AckVerdict::kAdvanced;
+        return takeNew(window, ack) ? AckVerdict::kAdvancedPart : AckVerdict::kAdvanced;
     }
     const bool resends = takeRepeated(window);
     if (ack < window->sndNxt) ++window->dupAcks;

@@ -1,6 +1,7 @@
 // The send window and its congestion control, counted in packets: slow start and additive increase,
 // fast retransmit at the fourth acknowledgement of the same number, fast recovery (RFC 5681, with
-// packets in place of bytes).
+// packets in place of bytes). Recovery lasts until all that was in flight when it began is
+// acknowledged; each acknowledgement of a part of that shows another loss (RFC 6582).
 //
 //     sndUna            sndNxt            sndLimit
 //       |  under way      |  may be sent    |
@@ -22,7 +23,8 @@ struct SendWindow {
     uint64_t ssthresh;
     uint64_t peerWindow;
     uint64_t lastAck;
-    uint64_t dupAcks;  // 0: nothing was under way behind lastAck
+    uint64_t dupAcks;      // 0: nothing was in flight after lastAck
+    uint64_t recoveryEnd;  // sndNxt when recovery began; 0: not in recovery
 };
 
 // As of a new connection: numbers, cwnd 1, no threshold.
@@ -39,8 +41,9 @@ void windowLimit(SendWindow* window);
 void windowOpened(SendWindow* window, uint64_t ack, uint64_t peerWindow);
 
 enum class AckVerdict : uint8_t {
-    kOutside,   // not between sndUna and sndNxt: nothing has changed
-    kAdvanced,  // something new is acknowledged
+    kOutside,       // not between sndUna and sndNxt: nothing has changed
+    kAdvanced,      // something new is acknowledged
+    kAdvancedPart,  // the same, in recovery: the packet `ack` is lost as well and to be sent again
     kRepeated,
     kResend,  // repeated so often that the packet `ack` is to be sent again
 };

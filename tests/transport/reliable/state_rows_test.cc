@@ -124,6 +124,44 @@ TEST(ReliableStates, EachRowDoesWhatItSays) {
     }
 }
 
+// Packets 20 to 31 are in flight as the peer begins to miss some of them: each acknowledgement ends
+// at the next one that it misses.
+TEST(ReliableStates, SendEachLossOfAWindowAgainAtOnce) {
+    constexpr uint64_t kTick = 0;  // the timer sends again, a second after the last new packet
+    const struct {
+        const char* what;
+        std::vector<uint64_t> acks;
+        const char* done;
+    } cases[] = {
+        {"one loss", {20, 20, 20, 20, 32}, "DATA 20/2"},
+        {"three losses", {20, 20, 20, 20, 24, 28, 32}, "DATA 20/2, DATA 24/2, DATA 28/2"},
+        {"the last packet", {20, 20, 20, 20, 31, 32}, "DATA 20/2, DATA 31/2"},
+        {"lost again", {20, 20, 20, 20, 24, 24, 24, 24, 32}, "DATA 20/2, DATA 24/2, DATA 24/2"},
+        {"then the timer", {20, 20, 20, 20, kTick, 24, 32}, "DATA 20/2, DATA 20/2 at 1, DATA 24/2"},
+        {"the timer alone", {kTick, 24, 32}, "DATA 20/2 at 1"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        CoreWire wire;
+        reach(wire, kEstablished);
+        for (uint64_t number = 2; number < 20; ++number) {
+            (void)wire.send();
+            wire.take({0, 1, number + 1});
+        }
+        for (uint64_t number = 20; number < 32; ++number)
+            (void)wire.send();
+        (void)wire.done();
+        for (const uint64_t ack : c.acks) {
+            if (ack == kTick) wire.run(1);
+            if (ack != kTick) wire.take({0, 1, ack});
+        }
+        EXPECT_EQ(wire.done(), c.done);
+        (void)wire.send();  // recovery is over
+        wire.take({0, 1, 33});
+        EXPECT_EQ(wire.done(), "DATA 32/2");
+    }
+}
+
 // A peer that starts again, with another id, and one that we send to while we close.
 TEST(ReliableStates, OpensAnew) {
     const struct {
