@@ -9,9 +9,15 @@
 #include "lib/runtime/dispatcher.h"
 #include "lib/runtime/id_counter.h"
 #include "lib/runtime/tracing.h"
+#include "lib/transport/ipq/ipq_internal.h"
+#include "lib/transport/reliable/reliable_endpoint.h"
+#include "lib/transport/socket/socket_internal.h"
 #include "tests/runtime/event_stand.h"
+#include "tests/support/circuit_stand.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/link_stand.h"
+#include "tests/support/scratch_folder.h"
+#include "tests/support/stream_run.h"
 #include "tests/support/test.h"
 #include "tests/support/test_daemon.h"
 
@@ -162,6 +168,46 @@ struct Groups : Scenario {
     uint32_t groups[4] = {makeGroup(), makeGroup(), makeGroup(), makeGroup()};
 };
 
+// The rings of the inbox and of the queue have to grow. What can't be queued is dropped from both.
+struct Posts : Scenario {
+    Posts() {
+        for (pelmoMsg*& message : messages)
+            message = messageFor(0);
+    }
+    ~Posts() override {
+        for (pelmoMsg* message : messages)
+            msgRelease(message);
+    }
+    pelmoStatus run() override {
+        pelmoStatus first = kStatusSuccess;
+        posted = 0;
+        for (pelmoMsg* message : messages) {
+            pelmoStatus status = kStatusNoMemory;
+            if (EntryRing_PushBack(event->event->listener.inbox, message)) {
+                msgRetain(message);
+                status = Event_Post(event->event);
+            }
+            if (status == kStatusSuccess) ++posted;
+            if (first == kStatusSuccess) first = status;
+        }
+        return first;
+    }
+    void end(pelmoStatus) override {
+        EXPECT_EQ(countOf(queue), posted);
+        EXPECT_EQ(event->event->listener.inbox->count, 0u);
+        event.reset();
+        dispatchAll(queue);
+        pelmoQueue_DestroyEx(std::exchange(queue, makeQueue()), nullptr, nullptr);
+        event = std::make_unique<TestEvent>(kEventListener, queue);
+    }
+
+    const RuntimeTables tables;
+    uint32_t queue = makeQueue();
+    std::unique_ptr<TestEvent> event = std::make_unique<TestEvent>(kEventListener, queue);
+    pelmoMsg* messages[20];
+    uint32_t posted = 0;
+};
+
 // Two listeners, a message that both match, and an advisory. Nobody gets half of it.
 struct Send : Scenario {
     pelmoStatus run() override {
@@ -260,6 +306,250 @@ struct CloseAlone : Scenario {
     ~CloseAlone() override { pelmo_Close(); }
 };
 
+// Both ends are made and connect, or neither. The test dispatches the work queue.
+struct Circuits : Scenario, CircuitStand {
+    Circuits() { hidesFailures = true; }
+    void TestBody() override {}
+
+    pelmoStatus run() override {
+        const char* subject = nullptr;
+        pelmoStatus status = vcCreateAccept(&accepting, &subject, kLocal);
+        if (status == kStatusSuccess) status = vcCreateConnect(&connecting, subject, kLocal);
+        if (status == kStatusSuccess) work();
+        return status;
+    }
+    void end(pelmoStatus status) override {
+        if (status == kStatusSuccess) work();
+        const CircuitState state = stateOf(connecting);
+        EXPECT_TRUE(state == CircuitState::kConnected || allocationsFailed() != 0);
+        if (state == CircuitState::kConnected) {
+            EXPECT_EQ(stateOf(accepting), state);
+        }
+        destroy();
+    }
+    void destroy() {
+        for (uint32_t* circuit : {&accepting, &connecting})
+            pelmoTransport_Destroy(std::exchange(*circuit, kNoId));
+        work();
+    }
+
+    uint32_t accepting = kNoId, connecting = kNoId;
+};
+
+// What a send promised comes, or the circuit ends: a gap doesn't go unseen.
+struct CircuitSends : Circuits {
+    CircuitSends() { connect(); }
+    pelmoStatus run() override {
+        pelmoMsg* both[] = {two.get(), three.get()};
+        const pelmoStatus first = pelmoTransport_Send(connecting, one.get());
+        if (first == kStatusSuccess) promised = {"1"};
+        const pelmoStatus second = pelmoTransport_Sendv(connecting, both, 2);
+        if (second == kStatusSuccess) promised.insert(promised.end(), {"2", "3"});
+        settle();
+        return first != kStatusSuccess ? first : second;
+    }
+    void end(pelmoStatus) override {
+        if (sendText(connecting, "A", "4") == kStatusSuccess) promised.emplace_back("4");
+        settle();
+        if (stateOf(accepting) == CircuitState::kConnected) {
+            EXPECT_TRUE(std::ranges::includes(listener.texts, promised));
+        } else {
+            EXPECT_NE(allocationsFailed(), 0u);
+            // Without memory for the farewell the other end misses the heartbeats.
+            for (int tick = 0; tick < 100 && stateOf(connecting) == CircuitState::kConnected;
+                 ++tick)
+                vcTick(connecting);
+            EXPECT_EQ(stateOf(connecting), CircuitState::kDisconnected);
+        }
+        listener.end();
+        destroy();
+        connect();
+    }
+    void connect() {
+        EXPECT_EQ(Circuits::run(), kStatusSuccess);
+        EXPECT_EQ(listener.listen(queue, "A", accepting), kStatusSuccess);
+        promised.clear();
+        listener.texts.clear();
+    }
+
+    const Message one = messageOn("A", "1"), two = messageOn("A", "2"), three = messageOn("A", "3");
+    Texts promised;
+    TestListener listener;
+};
+
+// A server, a client that connects to it, and the server's end of that, which reads.
+struct Sockets : Scenario {
+    pelmoStatus run() override {
+        Socket*& server = made[0];
+        Socket*& client = made[1];
+        Socket*& accepted = made[2];
+        const auto ignore = [](Socket*, void*) {};
+        bool all = socketCreateServer(&server, 0, kFirstIoQueueId, false) == kSocketDone &&
+                   socketBind(server, kLoopbackHost, 0, false) == kSocketDone &&
+                   socketListen(server) == kSocketDone &&
+                   socketCreateClient(&client, 0, kFirstIoQueueId, false) == kSocketDone;
+        if (all) {
+            const SocketCode code = socketConnect(client, kLoopbackHost, socketBoundPort(server));
+            all = code == kSocketDone || code == kSocketWouldBlock;
+        }
+        uint32_t bytes = 0;
+        char byte = 'x';
+        all = all && socketOnWritable(client, ignore, nullptr) == kStatusSuccess &&
+              socketWaitConnected(client, -1) == kStatusSuccess &&
+              socketAccept(server, &accepted, kFirstIoQueueId) == kSocketDone &&
+              socketWrite(client, &byte, 1, &bytes) == kSocketDone &&
+              socketOnReadable(accepted, ignore, nullptr) == kStatusSuccess &&
+              socketSetMinRead(accepted, 1) == kStatusSuccess &&
+              socketPeek(accepted, &byte, 1, &bytes) != kSocketNoBuffers &&
+              socketSetQueue(accepted, stand.queue) == kSocketDone;
+        return all ? kStatusSuccess : kStatusNoMemory;
+    }
+    void end(pelmoStatus) override {
+        for (Socket*& one : made) {
+            if (one != nullptr) socketDestroy(one);
+            one = nullptr;
+        }
+    }
+
+    const EventStand stand;
+    Socket* made[3] = {};
+};
+
+// A queue over a connection reads one message, holds back what the connection doesn't take, and
+// closes. What isn't read is reported.
+struct Streams : Scenario {
+    Streams() {
+        hidesFailures = true;
+        statuses.push_back(kStatusInvalidIoSource);  // a read without memory ends the connection
+        EXPECT_EQ(Queue_Create(nullptr, kTimerQueueId, "timers", false, false), kStatusSuccess);
+    }
+    pelmoStatus run() override {
+        reads = errors = closes = 0;
+        Socket* client = nullptr;
+        if (socketCreateClient(&client, 0, kFirstIoQueueId, false) != kSocketDone) {
+            return kStatusNoMemory;
+        }
+        socketSetMode(client, SocketMode::kBlocking);
+        const bool connects = socketConnect(client, kLoopbackHost, listener.port) == kSocketDone;
+        pollfd entry{.fd = listener.handle.number(), .events = POLLIN, .revents = 0};
+        if (poll(&entry, 1, 0) > 0) peer = listener.take();
+        if (!connects) {
+            socketDestroy(client);
+            return kStatusNoMemory;
+        }
+        pelmoStatus status = ipqCreate(&ipq, nullptr, kFirstIoQueueId, client);
+        if (status != kStatusSuccess) return status;
+        EXPECT_EQ(ipqSetErrorCallback(
+                      ipq, [](Ipq*, void* self) { ++static_cast<Streams*>(self)->errors; }, this),
+                  kStatusSuccess);
+        const int bytes = 4096;
+        setsockopt(socketHandle(ipq->socket), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+        const pelmoStatus steps[] = {ipqSetAgeCheck(ipq, true, 1, 0, nullptr, nullptr),
+                                     ipqSetBatchMode(ipq, 1), ipqSetReadCallback(ipq, read, this)};
+        for (const pelmoStatus step : steps) {
+            if (status == kStatusSuccess) status = step;
+        }
+        sendText(peer.number(), unit);
+        passes();
+        const Message message = messageOn("A", unit.c_str());
+        for (int i = 0; i < 60 && status == kStatusSuccess; ++i)
+            status = message != nullptr ? ipqSend(ipq, message.get(), false) : kStatusNoMemory;
+        return status;
+    }
+    void end(pelmoStatus status) override {
+        if (ipq != nullptr) {
+            EXPECT_TRUE(status != kStatusSuccess || reads + errors != 0);
+            (void)ipqClose(std::exchange(ipq, nullptr), false, [](void* self) {
+                if (self != nullptr) ++static_cast<Streams*>(self)->closes;
+            });
+            passes();
+            EXPECT_EQ(closes, 1);
+        }
+        peer.shut();
+    }
+    void passes() const {
+        for (int i = 0; i < 3; ++i)
+            stand.ioPass();
+        dispatchAll(kTimerQueueId);
+    }
+    static void read(Ipq*, std::span<pelmoMsg* const> batch, void* self) {
+        for (pelmoMsg* message : batch)
+            msgRelease(message);
+        static_cast<Streams*>(self)->reads += static_cast<int>(batch.size());
+    }
+
+    const EventStand stand;
+    const LoopbackListener listener;
+    const std::string unit = streamUnit(5'000, 'a');
+    OwnHandle peer;
+    Ipq* ipq = nullptr;
+    int reads = 0, errors = 0, closes = 0;
+};
+
+// Two datagram endpoints. What one accepted, the other gets.
+struct Endpoints : Scenario {
+    Endpoints() {
+        EXPECT_EQ(pelmo_Open(), kStatusSuccess);
+        EXPECT_EQ(open(&steady), kStatusSuccess);
+    }
+    ~Endpoints() override {
+        close(steady);
+        pelmo_Close();
+    }
+    pelmoStatus open(ReliableEndpoint** out) {
+        return ReliableEndpoint_Open(
+            out, kLoopbackHost, 0, onData, [](bool, uint32_t, uint16_t, uint64_t, uintptr_t) {},
+            reinterpret_cast<uintptr_t>(this));
+    }
+    pelmoStatus run() override {
+        const pelmoStatus status = open(&endpoint);
+        const Message message = messageOn("A", std::string(3000, 'x').c_str());
+        if (status != kStatusSuccess) return status;
+        if (message == nullptr) return kStatusNoMemory;
+        pelmoMsg* const one = message.get();
+        return ReliableEndpoint_Send(endpoint, kLoopbackHost, ReliableEndpoint_Port(steady),
+                                     {&one, 1}, false);
+    }
+    void end(pelmoStatus status) override {
+        if (status == kStatusSuccess) ++sent;
+        for (int look = 0; look < 20'000 && taken < sent; ++look)
+            (void)poll(nullptr, 0, 1);
+        EXPECT_EQ(taken, sent);
+        if (endpoint != nullptr) close(std::exchange(endpoint, nullptr));
+    }
+    static void close(ReliableEndpoint* closed) {
+        EndpointUnsent unsent = {};
+        EXPECT_TRUE(ReliableEndpoint_Close(closed, 0, &unsent));
+    }
+    static void onData(uint32_t, Dpa* messages, uintptr_t self) {
+        for (uint32_t i = 0; i < messages->count; ++i)
+            msgRelease(static_cast<pelmoMsg*>(messages->items[i]));
+        reinterpret_cast<Endpoints*>(self)->taken += messages->count;
+    }
+
+    ReliableEndpoint* steady = nullptr;
+    ReliableEndpoint* endpoint = nullptr;
+    std::atomic<size_t> taken = 0;
+    size_t sent = 0;
+};
+
+// A header that can't be written leaves the log open without it.
+struct LogFile : Scenario {
+    LogFile() {
+        hidesFailures = true;
+        statuses.push_back(kStatusInitFailed);
+    }
+    pelmoStatus run() override { return logOpen(folder.path("log").c_str(), 0, 0, "head"); }
+    void end(pelmoStatus) override {
+        logClose();
+        EXPECT_EQ(readFile(folder.path("log")).empty(), allocationsFailed() != 0);
+        unlink(folder.path("log").c_str());
+    }
+
+    const Folder folder;
+    const RuntimeTables tables;
+};
+
 constexpr const char* kNoIdLog = "Out of memory trying to set an Id";
 
 struct Connected : Scenario {
@@ -336,12 +626,19 @@ const Row kRows[] = {
     {"NewQueue", 3, make<NewQueue>, "Out of memory trying to set a global Id"},
     {"Tracing", 3, make<Tracing>},
     {"Groups", 8, make<Groups>},
+    {"Posts", 2, make<Posts>},
     {"Send", 10, make<Send>},
     {"Request", 10, make<Request>},
     {"OpenClose", 20, make<OpenClose>},
     {"CloseAlone", 2, make<CloseAlone>},
     {"Connect", 20, make<Connect>},
     {"Repair", 10, make<Repair>},
+    {"Circuits", 20, make<Circuits>},
+    {"CircuitSends", 2, make<CircuitSends>},
+    {"Sockets", 10, make<Sockets>},
+    {"Streams", 30, make<Streams>},
+    {"Endpoints", 6, make<Endpoints>},
+    {"LogFile", 4, make<LogFile>},
 };
 
 struct WithoutMemory : testing::TestWithParam<Row> {};
