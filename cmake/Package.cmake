@@ -36,7 +36,7 @@ if(PELMO_WATCH_BUILT)
     set(CPACK_DEBIAN_WATCH_FILE_NAME DEB-DEFAULT)
     set(CPACK_DEBIAN_WATCH_PACKAGE_SECTION net)
     set(CPACK_DEBIAN_WATCH_PACKAGE_DEPENDS
-        "${libraries}, libmicrohttpd12 (>= 0.9.75), libncursesw6 (>= 6.4), libprometheus-cpp-core1.0, libseccomp2 (>= 2.5), libtinfo6 (>= 6.4)")
+        "${libraries}, libarchive13 (>= 3.6), libmicrohttpd12 (>= 0.9.75), libncursesw6 (>= 6.4), libprometheus-cpp-core1.0, libseccomp2 (>= 2.5), libtinfo6 (>= 6.4)")
     set(CPACK_DEBIAN_WATCH_PACKAGE_SUGGESTS "pelmoscope, prometheus")
     set(CPACK_COMPONENT_WATCH_DESCRIPTION
         "watch a Pelmo message bus from a browser, a terminal or a program

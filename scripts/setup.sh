@@ -45,6 +45,7 @@ if [ "$option" != --tool ]; then
     need prometheus-cpp-dev have_header prometheus/text_serializer.h
     need libncurses-dev have_header ncursesw/curses.h
     need libseccomp-dev have_header seccomp.h
+    need libarchive-dev have_header archive.h
     need nodejs have_command node
     need npm have_command npm
 fi

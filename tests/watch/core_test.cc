@@ -24,7 +24,7 @@ TEST(Progress, TellsWhatIsDoneAndHowLongTheRestTakes) {
     constexpr uint64_t kGiga = 1'000'000'000;
     const struct {
         double seconds;
-        SavedExtent extent;
+        CaptureExtent extent;
         const char* text;
     } cases[] = {
         {0, {0, 100}, ""},

@@ -139,8 +139,7 @@ pcap_t* openOffline(const char* path) {
     return capture;
 }
 
-void warnOfCutFrames(pcap_t* capture) {
-    const int snapshotBytes = pcap_snapshot(capture);
+void warnOfCutFrames(int snapshotBytes) {
     if (snapshotBytes >= kFullFrameBytes) return;
     logPrint("savefile snapshot size (%d) was less than full packet", snapshotBytes);
     logPrint("subject based information will not be accurate");

@@ -37,7 +37,7 @@ constexpr int kFullFrameBytes = 1518;
 
 // Logs what a saved capture is. Frames that it may have cut short are told by a call of their own.
 void describeSavefile(pcap_t* capture);
-void warnOfCutFrames(pcap_t* capture);
+void warnOfCutFrames(int snapshotBytes);
 
 // What libpcap has against a filter; empty where it has nothing.
 [[nodiscard]] std::string filterFault(pcap_t* capture, const char* text);

@@ -68,13 +68,17 @@ TimeSpec packetTime(const timeval& stamp) {
 
 }  // namespace
 
+FrameTaker frameTaker = frameAnalyze;
+
+void frameAnalyze(const pcap_pkthdr& header, const u_char* bytes, PacketHandler packetHandler) {
+    const TimeSpec time = packetTime(header.ts);
+    const Bytes ip = findIpPacket({bytes, header.caplen}, time);
+    if (!ip.empty()) packetHandler(time, ip.data(), ip.size());
+}
+
 void frameHandler(u_char* user, const pcap_pkthdr* header, const u_char* bytes) {
     if (captureShuttingDown()) return;
     if (captureState.savingFrames) saveFrame(header, bytes);
-
-    const TimeSpec time = packetTime(header->ts);
-    const Bytes ip = findIpPacket({bytes, header->caplen}, time);
-    if (ip.empty()) return;
     const auto* context = reinterpret_cast<const CaptureContext*>(user);
-    context->packetHandler(time, ip.data(), ip.size());
+    frameTaker(*header, bytes, context->packetHandler);
 }

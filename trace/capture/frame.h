@@ -34,5 +34,15 @@ struct CaptureContext {
     PacketHandler packetHandler;
 };
 
+// Finds the IP packet of a frame as described above and hands it on.
+void frameAnalyze(const pcap_pkthdr& header, const u_char* bytes, PacketHandler packetHandler);
+
+// What becomes of a frame once it was saved: frameAnalyze, unless a program has set something else
+// before the start.
+using FrameTaker = void (*)(const pcap_pkthdr& header,
+                            const u_char* bytes,
+                            PacketHandler packetHandler);
+extern FrameTaker frameTaker;
+
 // The callback of pcap_loop; `user` is a CaptureContext.
 void frameHandler(u_char* user, const pcap_pkthdr* header, const u_char* bytes);

@@ -19,6 +19,16 @@ void awaitBytes(const ReadAhead& source) {
     }
 }
 
+ssize_t readDescriptor(const ReadAhead& source, uint8_t* window) {
+    ssize_t got;
+    do {
+        awaitBytes(source);
+        if (readAheadIsStopped(source)) return 0;
+        got = read(source.descriptor, window, kReadAheadWindowBytes);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
 // Moves the rest ahead of the window and fills that anew. What read(2) gives.
 ssize_t step(ReadAhead& source) {
     uint8_t* const window = source.bytes + kReadAheadMostHeldBytes;
@@ -27,12 +37,9 @@ ssize_t step(ReadAhead& source) {
     source.begin = window - restBytes;
     source.end = window;
 
-    ssize_t got;
-    do {
-        awaitBytes(source);
-        if (readAheadIsStopped(source)) return 0;
-        got = read(source.descriptor, window, kReadAheadWindowBytes);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = source.readBytes != nullptr
+                            ? source.readBytes(source.context, window, kReadAheadWindowBytes)
+                            : readDescriptor(source, window);
     if (got > 0) source.end += got;
     return got;
 }
@@ -67,22 +74,41 @@ bool setBack(const ReadAhead& source) {
 
 void readAheadBegin(ReadAhead& source, int descriptor) {
     source.descriptor = descriptor;
-    source.stopped = false;
+    source.readBytes = nullptr;
+    source.context = nullptr;
+    source.ownStopped = false;
+    source.stopped = &source.ownStopped;
     source.begin = source.end = source.bytes + kReadAheadMostHeldBytes;
 }
 
+void readAheadBeginWith(ReadAhead& source, ReadAheadFunction readBytes, void* context) {
+    readAheadBegin(source, -1);
+    source.readBytes = readBytes;
+    source.context = context;
+}
+
 void readAheadStop(ReadAhead& source) {
-    source.stopped.store(true, std::memory_order_relaxed);
+    if (source.stopped != nullptr) source.stopped->store(true, std::memory_order_relaxed);
 }
 
 bool readAheadIsStopped(const ReadAhead& source) {
-    return source.stopped.load(std::memory_order_relaxed);
+    return source.stopped != nullptr && source.stopped->load(std::memory_order_relaxed);
 }
 
 bool readAheadFill(ReadAhead& source, size_t sizeBytes) {
     while (readAheadHeld(source) < sizeBytes) {
         if (step(source) <= 0) return false;
     }
+    return true;
+}
+
+bool readAheadDrop(ReadAhead& source, uint64_t sizeBytes) {
+    while (sizeBytes > readAheadHeld(source)) {
+        sizeBytes -= readAheadHeld(source);
+        source.begin = source.end;
+        if (step(source) <= 0) return false;
+    }
+    source.begin += sizeBytes;
     return true;
 }
 

@@ -14,11 +14,15 @@
 // Ownership: the descriptor is the caller's until a stream takes it. The record must outlive the
 // stream.
 //
+// The bytes come from a descriptor, or from a function that has its own source.
+//
 // Failure: the stream tells of the system's faults as streams do, by errno.
 //
 // Threads: no lock; one thread reads a source.
 
 #pragma once
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstddef>
@@ -30,11 +34,20 @@
 constexpr size_t kReadAheadWindowBytes = 256 << 10;
 constexpr size_t kReadAheadMostHeldBytes = 68 << 10;
 
+// What read(2) does: fills the buffer's beginning, and answers 0 at the end and -1 on failure.
+using ReadAheadFunction = ssize_t (*)(void* context, void* buffer, size_t sizeBytes);
+
 struct ReadAhead {
     int descriptor;
 
-    // Set by any thread. It orders nothing, hence relaxed: a reader finds it at the next step.
-    std::atomic<bool> stopped;
+    // In place of the descriptor's bytes, unless null. It is called without a wait before it.
+    ReadAheadFunction readBytes;
+    void* context;
+
+    // Set by any thread. It orders nothing, hence relaxed: a reader finds it at the next step. The
+    // record's own, unless sources share one; null before the source begins.
+    std::atomic<bool>* stopped;
+    std::atomic<bool> ownStopped;
 
     const uint8_t* begin;  // of what nobody has taken yet
     const uint8_t* end;
@@ -42,10 +55,14 @@ struct ReadAhead {
 };
 
 void readAheadBegin(ReadAhead& source, int descriptor);
+void readAheadBeginWith(ReadAhead& source, ReadAheadFunction readBytes, void* context);
 
 // Reads on until so many bytes, at most kReadAheadMostHeldBytes, stand from `begin` on. False where
 // the source ended or failed first; what there was stands there then.
 [[nodiscard]] bool readAheadFill(ReadAhead& source, size_t sizeBytes);
+
+// Passes so many bytes over. False as above; all that there was has been passed over then.
+[[nodiscard]] bool readAheadDrop(ReadAhead& source, uint64_t sizeBytes);
 
 // Makes all further steps find the source's end, also one that waits for a pipe, in a quarter of a
 // second.

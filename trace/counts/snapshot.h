@@ -24,6 +24,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "lib/base/clock.h"
@@ -91,6 +92,8 @@ struct SnapTotals {
     SnapSubjectHost subjects;
 };
 
+inline constexpr size_t kSnapNotReadKinds = 10;
+
 // What the source tells of itself. Whoever runs the source fills it in (trace/run/), for forms of
 // output that ask for it.
 struct SnapSource {
@@ -101,6 +104,10 @@ struct SnapSource {
 
     // A saved capture: how far it was read, and its size. 0 where it is no regular file.
     uint64_t readBytes, fileBytes;
+
+    // Frames of the interval that aren't read as packets of the bus, by the reasons of the program
+    // whose source it is. Zeros in the tool.
+    uint64_t notRead[kSnapNotReadKinds];
 };
 
 struct SnapHeader {

@@ -54,7 +54,7 @@ pelmoStatus chooseInterface() {
 
 pelmoStatus describeSource() {
     if (traceSettings.liveCapture) return kStatusSuccess;
-    warnOfCutFrames(captureState.captureHandle);
+    warnOfCutFrames(pcap_snapshot(captureState.captureHandle));
     describeSavefile(captureState.captureHandle);
     return kStatusSuccess;
 }

@@ -51,17 +51,6 @@ void begin(TimeSpec time) {
     if (snapshotSink.begin != nullptr) snapshotSink.begin(time);
 }
 
-void handlePacket(TimeSpec time, const uint8_t* ip, size_t length) {
-    if (!offlineRun.begun) {
-        begin(time);
-    } else if (isLater(time, offlineRun.nextSnapshotTime)) {
-        handOn(offlineRun.nextSnapshotTime);
-        offlineRun.nextSnapshotTime = afterInterval(offlineRun.nextSnapshotTime);
-    }
-    offlineRun.lastPacketTime = time;
-    packetEnter(time, ip, length);
-}
-
 constexpr double kLeastReportSeconds = 0.001;
 
 struct LiveRun {
@@ -87,11 +76,30 @@ bool isTooSoon() {
 
 }  // namespace
 
-void runOffline() {
+void offlineRunBegin() {
     offlineRun = {};
-    runCaptureLoop(captureState.captureHandle, handlePacket, 0);
+}
+
+void offlineRunPacket(TimeSpec time, const uint8_t* ip, size_t length) {
+    if (!offlineRun.begun) {
+        begin(time);
+    } else if (isLater(time, offlineRun.nextSnapshotTime)) {
+        handOn(offlineRun.nextSnapshotTime);
+        offlineRun.nextSnapshotTime = afterInterval(offlineRun.nextSnapshotTime);
+    }
+    offlineRun.lastPacketTime = time;
+    packetEnter(time, ip, length);
+}
+
+void offlineRunEnd() {
     handOn(offlineRun.lastPacketTime);
     if (snapshotSink.end != nullptr) snapshotSink.end();
+}
+
+void runOffline() {
+    offlineRunBegin();
+    runCaptureLoop(captureState.captureHandle, offlineRunPacket, 0);
+    offlineRunEnd();
 }
 
 pelmoStatus captureThreadStart() {

@@ -12,11 +12,21 @@
 
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+
+#include "lib/base/clock.h"
 #include "lib/base/status.h"
 
 // Reads the source to its end, to a read error or to breakCaptureLoop, and hands on the last,
 // partial interval.
 void runOffline();
+
+// The parts of an offline run whose packets come from elsewhere. The end hands on the last
+// interval.
+void offlineRunBegin();
+void offlineRunPacket(TimeSpec time, const uint8_t* ip, size_t length);
+void offlineRunEnd();
 
 // The capture thread lives until libpcap fails, which is logged; the process goes on without it.
 // Fails with kStatusNoMemory, or kStatusNotInitialized if the system refuses the thread.

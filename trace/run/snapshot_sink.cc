@@ -35,5 +35,6 @@ void snapshotHandOn(TimeSpec time) {
     captureFileFlush();
     if (snapshot == nullptr) return;
     if (snapshotSink.wantsSource) fillSource(snapshot->source);
+    if (snapshotSink.fillSource != nullptr) snapshotSink.fillSource(&snapshot->source);
     snapshotSink.take(snapshot);
 }

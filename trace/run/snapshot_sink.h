@@ -21,6 +21,9 @@ struct SnapshotSink {
 
     // Is SnapHeader::source to be filled in? Costs some system calls a Snapshot.
     bool wantsSource;
+
+    // Adds to it what the program's own source has to say. May be null.
+    void (*fillSource)(SnapSource* source) = nullptr;
 };
 
 extern SnapshotSink snapshotSink;

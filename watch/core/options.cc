@@ -11,6 +11,7 @@
 
 #include "trace/capture/capture_session.h"
 #include "trace/settings.h"
+#include "watch/capture/source.h"
 #include "watch/core/name.h"
 
 namespace {
@@ -21,6 +22,8 @@ constexpr int kNamesWidth = 30;
 // Three years: beyond, ends of intervals would leave the 32 bits of a capture's time stamps.
 constexpr unsigned long long kMostIntervalSeconds = 100'000'000;
 
+bool isStrict = false;
+
 // Settings borrow the values, which therefore last as long as the process.
 std::list<std::string> keptValues;
 
@@ -30,8 +33,31 @@ const char* storeInterface(const char* value) {
 }
 
 const char* storeRead(const char* value) {
-    traceSettings.readFile = value;
+    if (traceSettings.readFile == nullptr) traceSettings.readFile = value;
+    sourceSettings.files.emplace_back(value);
     traceSettings.liveCapture = false;
+    return nullptr;
+}
+
+const char* storeTime(const char* value, std::optional<CaptureTime>* out) {
+    CaptureTime time;
+    if (!captureTimeParse(value, &time)) {
+        return "isn't a time: 2026-11-25T14:03, with seconds or a zone if need be, or 14:03";
+    }
+    *out = time;
+    return nullptr;
+}
+
+const char* storeFrom(const char* value) {
+    return storeTime(value, &sourceSettings.from);
+}
+
+const char* storeTo(const char* value) {
+    return storeTime(value, &sourceSettings.to);
+}
+
+const char* storeStrict(const char* /*none*/) {
+    isStrict = true;
     return nullptr;
 }
 
@@ -57,7 +83,14 @@ using S = TraceSettings;
 
 constexpr OptionRow kSourceOptions[] = {
     {"-i,--interface", "NAME", "capture live from this interface", storeInterface},
-    {"-r,--read", "FILE", "read this saved capture; - is the standard input", storeRead},
+    {"-r,--read", "FILE...",
+     "read these saved captures, or all of a folder, in the order of time; - is the standard input",
+     storeRead},
+    {"--from", "TIME", "of saved captures only what is from TIME on: 2026-11-25T14:03 or 14:03",
+     storeFrom},
+    {"--to", "TIME", "of saved captures only what is until TIME", storeTo},
+    {"--strict", nullptr, "end with status 4 where a saved capture has nothing of the bus",
+     storeStrict},
     {"-u,--interval", "SECONDS", "time between two snapshots [10; 2 of top, 1 of report]",
      storeInterval},
     {"-addr,--addr", "ADDRESS", "only packets from or to the address; repeatable",
@@ -98,6 +131,15 @@ const OptionRow* findRow(const Rows& rows, const std::string& name) {
     optionsRefuse(("\"" + word + "\"").c_str(), what.c_str());
 }
 
+// Does the option take all values up to the next one?
+bool takesMore(const OptionRow& row) {
+    return std::string_view(row.valueWord).ends_with("...");
+}
+
+bool isPlainWord(const std::string& word) {
+    return word == "-" || !word.starts_with('-');
+}
+
 // Gives old names their second dash. A value stays as it is, whatever it looks like.
 Words withDashes(const Rows& rows, Words words) {
     for (size_t at = 0; at < words.size(); ++at) {
@@ -107,8 +149,15 @@ Words withDashes(const Rows& rows, Words words) {
         if (row == nullptr) continue;
         if (row->valueWord == nullptr && holdsValue) refuseUse(words[at], "takes no value");
         if (isOldName(name)) words[at].insert(0, "-");
-        if (row->valueWord == nullptr || holdsValue) continue;
-        if (++at == words.size()) refuseUse(name, std::string("needs a value: ") + row->valueWord);
+        if (row->valueWord == nullptr) continue;
+        if (!holdsValue && ++at == words.size()) {
+            refuseUse(name, std::string("needs a value: ") + row->valueWord);
+        }
+        if (!takesMore(*row)) continue;
+        while (at + 1 < words.size() && isPlainWord(words[at + 1])) {
+            words.insert(words.begin() + static_cast<std::ptrdiff_t>(at) + 1, "--read");
+            at += 2;
+        }
     }
     return words;
 }
@@ -222,10 +271,23 @@ const Form& findForm(const char* name, std::span<const Form* const> forms) {
     refuseUse(name, "is no form; --help lists them");
 }
 
+// What forms call the source by.
+void nameSource() {
+    const size_t more = sourceSettings.files.size() - 1;
+    if (sourceSettings.files.size() < 2) return;
+    traceSettings.readFile =
+        keptValues.emplace_back(sourceSettings.files[0] + " and " + std::to_string(more) + " more")
+            .c_str();
+}
+
 void settle(const Form& form) {
     const bool hasInterface = traceSettings.interfaceName != nullptr;
     const bool hasFile = traceSettings.readFile != nullptr;
     if (hasInterface == hasFile) optionsRefuse(form.name, "takes one of -i and -r");
+    if (hasInterface && (sourceSettings.from || sourceSettings.to)) {
+        optionsRefuse(form.name, "takes --from and --to only with -r");
+    }
+    nameSource();
     if (traceSettings.filterText == nullptr) {
         traceSettings.builtFilter =
             buildFilter(traceSettings.srcAddrs, traceSettings.dstAddrs, traceSettings.ports);
@@ -240,6 +302,10 @@ void settle(const Form& form) {
 void optionsRefuse(const char* word, const char* what) {
     std::fprintf(stderr, "%s: %s %s\n", kWatchName, word, what);
     std::exit(kUsageStatus);
+}
+
+bool optionsAreStrict() {
+    return isStrict;
 }
 
 const Form& optionsParse(int argc, char* const* argv, std::span<const Form* const> forms) {

@@ -15,5 +15,8 @@
                                        char* const* argv,
                                        std::span<const Form* const> forms);
 
+// Was --strict given?
+[[nodiscard]] bool optionsAreStrict();
+
 // Ends the process for a word of the command line that proves wrong later, ahead of all threads.
 [[noreturn]] void optionsRefuse(const char* word, const char* what);

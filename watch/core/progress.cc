@@ -33,7 +33,7 @@ void writeText(const char* text) {
 
 void draw() {
     char text[kProgressBytes];
-    progressText(text, clockSteadySeconds() - progress.startSeconds, savedCaptureExtent());
+    progressText(text, clockSteadySeconds() - progress.startSeconds, sourceExtent());
     if (*text == '\0') return;
     char line[kProgressBytes + 8];
     std::snprintf(line, sizeof line, "%s%s", kClearLine, text);
@@ -58,7 +58,7 @@ Unit unitOf(uint64_t bytes) {
 
 }  // namespace
 
-void progressText(char (&text)[kProgressBytes], double seconds, const SavedExtent& extent) {
+void progressText(char (&text)[kProgressBytes], double seconds, const CaptureExtent& extent) {
     *text = '\0';
     if (extent.fileBytes == 0 || extent.readBytes == 0) return;
     const uint64_t readBytes = std::min(extent.readBytes, extent.fileBytes);  // a file may shrink

@@ -12,7 +12,7 @@
 #include <cstddef>
 
 #include "lib/base/status.h"
-#include "trace/capture/saved_capture.h"
+#include "watch/capture/source.h"
 
 inline constexpr size_t kProgressBytes = 64;
 
@@ -23,4 +23,4 @@ inline constexpr size_t kProgressBytes = 64;
 void progressEnd();
 
 // The line's text, behind so many seconds of reading. Empty while nothing can be told.
-void progressText(char (&text)[kProgressBytes], double seconds, const SavedExtent& extent);
+void progressText(char (&text)[kProgressBytes], double seconds, const CaptureExtent& extent);

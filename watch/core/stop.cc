@@ -8,11 +8,10 @@
 #include "lib/base/cond.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
-#include "trace/capture/capture_session.h"
-#include "trace/capture/capture_state.h"
 #include "trace/run/run_end.h"
 #include "trace/run/stop_wait.h"
 #include "trace/settings.h"
+#include "watch/capture/source.h"
 
 namespace {
 
@@ -44,7 +43,7 @@ void onStop() {
         Cond_Broadcast(&stop.event);
     }
     (void)eventfd_write(stop.descriptor, 1);
-    if (!traceSettings.liveCapture) breakCaptureLoop(captureState.captureHandle);
+    if (!traceSettings.liveCapture) sourceStop();
 }
 
 }  // namespace

@@ -1,15 +1,12 @@
 #include "watch/core/watch.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
-#include <string_view>
 
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/pelmo.h"
-#include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/services.h"
 #include "trace/counts/statistics.h"
@@ -19,6 +16,7 @@
 #include "trace/run/snapshot_sink.h"
 #include "trace/run/start_steps.h"
 #include "trace/settings.h"
+#include "watch/capture/source.h"
 #include "watch/core/name.h"
 #include "watch/core/options.h"
 #include "watch/core/privileges.h"
@@ -28,6 +26,7 @@
 namespace {
 
 constexpr int kUsageStatus = 2;
+constexpr int kBlindStatus = 4;
 
 struct WatchRun {
     // Constant after the command line.
@@ -38,6 +37,9 @@ struct WatchRun {
 
     // Of the thread that hands on Snapshots.
     bool wantsMore = true;
+
+    // Nothing in the saved captures was the bus's.
+    bool isBlind = false;
 };
 
 constinit WatchRun run;
@@ -51,7 +53,7 @@ void take(SnapHeader* snapshot) {
 }
 
 constexpr SnapshotSink kSink = {
-    .begin = nullptr, .take = take, .end = nullptr, .wantsSource = true};
+    .begin = nullptr, .take = take, .end = nullptr, .wantsSource = true, .fillSource = sourceFill};
 
 pelmoStatus statusOf(bool done) {
     run.formFailed = !done;
@@ -66,45 +68,17 @@ pelmoStatus openOutputOfForm() {
     return statusOf(run.form->openOutput == nullptr || run.form->openOutput());
 }
 
-// What a file that libpcap can't read is, as far as its first bytes say.
-const char* kindOfUnreadable(const char* path) {
-    struct Kind {
-        std::string_view magic;
-        const char* words;
-    };
-    constexpr Kind kKinds[] = {
-        {{"\x1f\x8b", 2}, "it is compressed: gzip -dc FILE | pelmowatch ... -r - reads it"},
-        {{"\x28\xb5\x2f\xfd", 4}, "it is compressed: zstd -dc FILE | pelmowatch ... -r - reads it"},
-        {{"\xfd"
-          "7zXZ\0",
-          6},
-         "it is compressed: xz -dc FILE | pelmowatch ... -r - reads it"},
-        {{"BZh", 3}, "it is compressed: bzip2 -dc FILE | pelmowatch ... -r - reads it"},
-        {{"\x04\x22\x4d\x18", 4}, "it is compressed: lz4 -dc FILE | pelmowatch ... -r - reads it"},
-    };
-    char head[8] = {};
-    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (file < 0) return "it can't be opened: is its name right?";
-    const ssize_t count = read(file, head, sizeof head);
-    close(file);
-    const std::string_view bytes(head, count > 0 ? static_cast<size_t>(count) : 0);
-    for (const Kind& kind : kKinds) {
-        if (bytes.starts_with(kind.magic)) return kind.words;
-    }
-    return bytes.empty() ? "it is empty" : "it isn't a capture (pcap or pcapng)";
+pelmoStatus openSourceOrSay() {
+    const pelmoStatus status = sourceOpen();
+    if (status == kStatusSuccess) return status;
+    logPrint("unable to read '%s': see the line above for the reason.",
+             traceSettings.interfaceName);
+    return statusOf(false);
 }
 
-pelmoStatus openSourceOrSay() {
-    const pelmoStatus status = openSource();
-    if (status == kStatusSuccess) return status;
-    const char* const name =
-        traceSettings.liveCapture ? traceSettings.interfaceName : traceSettings.readFile;
-    const bool isPiped = std::string_view(name) == "-";
-    logPrint("unable to read '%s': %s.", name,
-             traceSettings.liveCapture ? "see the line above for the reason"
-             : isPiped                 ? "it isn't a capture (pcap or pcapng)"
-                                       : kindOfUnreadable(name));
-    return statusOf(false);
+// It has logged why.
+pelmoStatus beginSource() {
+    return statusOf(sourceBegin() == kStatusSuccess);
 }
 
 pelmoStatus startForm() {
@@ -114,16 +88,11 @@ pelmoStatus startForm() {
 // The tool goes on without a filter that is refused; here it's an option with a wrong value.
 pelmoStatus filterStrictly() {
     const char* const text = traceSettings.filterText;
-    const std::string fault = filterFault(captureState.captureHandle, text);
+    const std::string fault = sourceFilterFault(text);
     const bool isBuilt = text == traceSettings.builtFilter.c_str();
     const std::string word =
         std::string(isBuilt ? "the filter" : "--filter:") + " \"" + text + "\":";
     if (!fault.empty()) optionsRefuse(word.c_str(), fault.c_str());
-    return statusOf(installFilter(captureState.captureHandle, text));
-}
-
-pelmoStatus tellOfCutFrames() {
-    if (!traceSettings.liveCapture) warnOfCutFrames(captureState.captureHandle);
     return kStatusSuccess;
 }
 
@@ -141,12 +110,12 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, prepareForm},
     // With those that the source takes, or all for a file.
     {kLiveOnly, privilegesForCapture},
-    {kEitherMode, openSourceOrSay},
     {kEitherMode, filterStrictly},
+    {kEitherMode, openSourceOrSay},
     {kEitherMode, openOutputOfForm},
     // With none, before all threads, which the library brings.
     {kEitherMode, privilegesDrop},
-    {kEitherMode, tellOfCutFrames},
+    {kEitherMode, beginSource},
     {kEitherMode, pelmo_Open},
     {kEitherMode, stopArm},
     {kEitherMode, startForm},
@@ -162,10 +131,22 @@ void endSource() {
     if (run.form->sourceEnded != nullptr) run.form->sourceEnded();
 }
 
+// A capture with nothing of the bus may be an idle bus, or one that is captured in a form in which
+// it isn't seen.
+void reportBlindSource() {
+    if (sourceHasFault()) endMarkFailed();
+    if (stopIsAsked()) return;
+    const std::string text = sourceBlindText();
+    if (text.empty()) return;
+    logPrint("%s", text.c_str());
+    run.isBlind = true;
+}
+
 void runSource() {
     if (!traceSettings.liveCapture) {
-        runOffline();
+        sourceRunOffline();
         progressEnd();
+        reportBlindSource();
         if (run.form->staysOpen && !stopIsAsked()) endSource();
     }
     if (traceSettings.liveCapture || run.form->staysOpen) stopAwait();
@@ -207,5 +188,6 @@ int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
     runSource();
     closeSource();
     endForm();
-    return endStatus();
+    const bool isStrictlyBlind = optionsAreStrict() && run.isBlind;
+    return endStatus() == 0 && isStrictlyBlind ? kBlindStatus : endStatus();
 }

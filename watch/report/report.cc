@@ -13,6 +13,7 @@
 #include "trace/counts/snapshot_totals.h"
 #include "trace/run/settings_check.h"
 #include "trace/settings.h"
+#include "watch/capture/source.h"
 #include "watch/core/totals.h"
 #include "watch/report/page.h"
 #include "watch/report/placement.h"
@@ -56,8 +57,10 @@ constexpr OptionRow kOptions[] = {
 const char* settle() {
     if (report.path == nullptr) return "needs -o FILE";
     if (traceSettings.liveCapture) return "reads a saved capture: needs -r FILE";
-    const bool isPiped = std::strcmp(traceSettings.readFile, "-") == 0;
-    if (filesAreOne(report.path, isPiped ? "/dev/stdin" : traceSettings.readFile)) {
+    const bool isSource = std::ranges::any_of(sourceSettings.files, [](const std::string& name) {
+        return filesAreOne(report.path, name == "-" ? "/dev/stdin" : name.c_str());
+    });
+    if (isSource) {
         return "must not write its page over the capture: -o and -r are the same file";
     }
     traceSettings.countSenders = true;  // whose messages are shown

@@ -20,6 +20,7 @@
 #include "lib/base/log.h"
 #include "lib/base/thread.h"
 #include "trace/settings.h"
+#include "watch/capture/source.h"
 #include "watch/core/options.h"
 #include "watch/core/stop.h"
 #include "watch/core/text.h"
@@ -82,7 +83,7 @@ constexpr OptionRow kOptions[] = {
 };
 
 bool readsStandardInput() {
-    return !traceSettings.liveCapture && std::strcmp(traceSettings.readFile, "-") == 0;
+    return std::ranges::count(sourceSettings.files, "-") != 0;
 }
 
 const char* settle() {

@@ -1,0 +1,66 @@
+// Reads one capture, frame by frame: pcap files of both byte orders, with microseconds or
+// nanoseconds, and pcapng files, whose interfaces may differ in link type and clock; either may be
+// compressed by gzip, zstd, xz, bzip2 or lz4, which its first bytes show.
+//
+//     descriptor -> read ahead -> [decompression -> read ahead] -> records or blocks -> frames
+//
+// Sizes in a file are checked before they are used. A frame larger than any UDP datagram needs is
+// handed on as if the capture had cut it.
+//
+// Public formats: draft-ietf-opsawg-pcap and draft-ietf-opsawg-pcapng.
+//
+// Ownership: the descriptor is the reader's from the opening on. A frame's bytes are borrowed until
+// the next call.
+//
+// Failure: see ReadResult; `fault` then says in words what is wrong. What was read before counts.
+//
+// Threads: one reads.
+
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+struct CaptureFrame {
+    int64_t seconds;  // since 1970, UTC
+    uint32_t nanoseconds;
+    uint32_t capturedBytes;
+    uint32_t wireBytes;
+    uint16_t linkType;  // watch/capture/peel.h
+    const uint8_t* bytes;
+};
+
+enum class ReadResult : uint8_t {
+    kFrame,
+    kEnd,
+    kEndsEarly,  // in the midst of a frame, as a file does that is still written
+    kFault,  // the file contradicts itself, its compressed data ends early, or the system failed
+    kStopped,
+};
+
+struct CaptureReader;
+
+struct CaptureReaderDelete {
+    void operator()(CaptureReader* reader) const;
+};
+using OwnedCaptureReader = std::unique_ptr<CaptureReader, CaptureReaderDelete>;
+
+// Reads nothing yet. Null without memory; the descriptor is closed then. Any thread sets `stopped`,
+// which outlives the reader: the reading ends within a quarter of a second then, also one that
+// waits for a pipe.
+[[nodiscard]] OwnedCaptureReader captureReaderOpen(int descriptor, std::atomic<bool>& stopped);
+
+// The first call also finds out what the file is: a kFault of it says "it isn't a capture ...".
+[[nodiscard]] ReadResult captureReaderNext(CaptureReader& reader, CaptureFrame* frame);
+
+// What the last result but kFrame was about. Empty at a sound end.
+[[nodiscard]] const std::string& captureReaderFault(const CaptureReader& reader);
+
+// How far the file was read, in its own bytes, compressed ones where it is compressed.
+[[nodiscard]] uint64_t captureReaderBytesRead(const CaptureReader& reader);
+
+// The smallest limit that the head of a pcap file, or an interface so far, puts on frames; 0 for
+// none. Frames may have been cut there.
+[[nodiscard]] uint32_t captureReaderSnapshotBytes(const CaptureReader& reader);

@@ -1,0 +1,330 @@
+#include "watch/capture/capture_set.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <tuple>
+
+#include "lib/base/log.h"
+
+namespace {
+
+// Interfaces that are captured together hand on their frames with small differences of order. A
+// file's reading ends where a frame lies later than this beyond the span.
+constexpr int64_t kOrderSeconds = 10;
+
+// Looking up how far the files were read takes a system call for each.
+constexpr uint32_t kFramesPerLook = 4096;
+
+// One of the files. It is pending until its first frame's time has come, and has a reader then.
+struct File {
+    ~File() {
+        if (descriptor >= 0) close(descriptor);
+    }
+
+    std::string name;
+    int descriptor = -1;
+    bool isRegular = false;
+    bool hasFrames = false;
+    uint64_t fileBytes = 0;
+
+    OwnedCaptureReader reader;
+    CaptureFrame frame = {};  // the next one; while pending only its time counts
+};
+
+using OwnedFile = std::unique_ptr<File>;
+
+}  // namespace
+
+struct CaptureSet {
+    std::vector<OwnedFile> pending;  // the last is the next to be read
+    std::vector<OwnedFile> active;   // a heap, the file with the earliest frame on top
+    CaptureSpan span;
+    bool handedOn = false;  // the top's frame was the last result
+    size_t files = 0, faults = 0;
+    uint32_t snapshotBytes = 0;
+    uint32_t framesSinceLook = 0;
+    uint64_t endedBytes = 0;  // of the files that were read to their end
+    uint64_t fileBytes = 0;   // constant after the opening; 0 where a file is no regular one
+    bool isSized = true;
+    std::atomic<uint64_t> readBytes = 0;
+    std::atomic<bool> stopped = false;
+};
+
+namespace {
+
+auto timeOf(const File& file) {
+    return std::tie(file.frame.seconds, file.frame.nanoseconds);
+}
+
+// For a heap with the earliest on top, and files of equal times in the order of their names.
+bool comesAfter(const OwnedFile& one, const OwnedFile& other) {
+    if (timeOf(*one) != timeOf(*other)) return timeOf(*one) > timeOf(*other);
+    return one->name > other->name;
+}
+
+void report(CaptureSet& set,
+            const std::string& name,
+            const std::string& fault,
+            const char* extent = "") {
+    ++set.faults;
+    logPrint("unable to read %s'%s': %s.", extent, name.c_str(), fault.c_str());
+}
+
+void reportErrno(CaptureSet& set, const std::string& name) {
+    report(set, name, std::string("it can't be opened (") + std::strerror(errno) + ")");
+}
+
+void add(CaptureSet& set, const std::string& name, int descriptor) {
+    auto file = std::make_unique<File>();
+    struct stat status = {};
+    file->name = name;
+    file->descriptor = descriptor;
+    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+        file->isRegular = true;
+        file->fileBytes = static_cast<uint64_t>(status.st_size);
+        set.fileBytes += file->fileBytes;
+    } else {
+        set.isSized = false;
+    }
+    set.pending.push_back(std::move(file));
+}
+
+void openFile(CaptureSet& set, const std::string& name) {
+    ++set.files;
+    const int descriptor = name == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
+                                       : open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (descriptor < 0) return reportErrno(set, name);
+    add(set, name, descriptor);
+}
+
+bool isFolder(const std::string& name) {
+    struct stat status = {};
+    return name != "-" && stat(name.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Pipes and sockets in a folder would be waited for, and no capture tool leaves one there.
+void openFolder(CaptureSet& set, const std::string& folder) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
+    if (entries == nullptr) {
+        ++set.files;
+        return reportErrno(set, folder);
+    }
+    std::vector<std::string> names;
+    while (const dirent* const entry = readdir(entries.get())) {
+        const std::string name = folder + (folder.ends_with('/') ? "" : "/") + entry->d_name;
+        struct stat status = {};
+        const bool isHidden = entry->d_name[0] == '.';
+        if (!isHidden && stat(name.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+            names.push_back(name);
+        }
+    }
+    if (names.empty()) {
+        ++set.files;
+        return report(set, folder, "the folder has no files");
+    }
+    std::ranges::sort(names);
+    for (const std::string& name : names)
+        openFile(set, name);
+}
+
+// A run may read more files than a shell lets a process open.
+void raiseFileLimit() {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+bool isBefore(const CaptureFrame& frame, int64_t seconds, uint32_t nanoseconds) {
+    return std::tie(frame.seconds, frame.nanoseconds) < std::tie(seconds, nanoseconds);
+}
+
+bool isAfter(const CaptureFrame& frame, int64_t seconds, uint32_t nanoseconds) {
+    return std::tie(frame.seconds, frame.nanoseconds) > std::tie(seconds, nanoseconds);
+}
+
+bool isInSpan(const CaptureSpan& span, const CaptureFrame& frame) {
+    return !isBefore(frame, span.fromSeconds, span.fromNanoseconds) &&
+           !isAfter(frame, span.toSeconds, span.toNanoseconds);
+}
+
+// The file's next frame; false at its end, whatever that was.
+bool advance(CaptureSet& set, File& file) {
+    const ReadResult result = captureReaderNext(*file.reader, &file.frame);
+    if (result == ReadResult::kFrame) {
+        file.hasFrames = true;
+        return true;
+    }
+    if (result == ReadResult::kFault || result == ReadResult::kEndsEarly) {
+        report(set, file.name, captureReaderFault(*file.reader), file.hasFrames ? "all of " : "");
+        if (result == ReadResult::kEndsEarly) --set.faults;  // as a file does that is being written
+    }
+    return false;
+}
+
+void noteSnapshotBytes(CaptureSet& set, const File& file) {
+    const uint32_t bytes = captureReaderSnapshotBytes(*file.reader);
+    if (bytes == 0) return;
+    set.snapshotBytes = set.snapshotBytes == 0 ? bytes : std::min(set.snapshotBytes, bytes);
+}
+
+bool openReader(CaptureSet& set, File& file) {
+    const int descriptor = fcntl(file.descriptor, F_DUPFD_CLOEXEC, 3);
+    if (descriptor >= 0) file.reader = captureReaderOpen(descriptor, set.stopped);
+    if (file.reader != nullptr) return true;
+    report(set, file.name, "descriptors or memory ran out");
+    return false;
+}
+
+// Reads as far as the first frame. A regular file is set back and read again when its time comes,
+// so that a thousand of them take no more memory than one.
+bool probe(CaptureSet& set, File& file) {
+    if (!openReader(set, file) || !advance(set, file)) return false;
+    noteSnapshotBytes(set, file);
+    if (!file.isRegular) return true;
+    file.reader = nullptr;
+    file.frame.bytes = nullptr;
+    return lseek(file.descriptor, 0, SEEK_SET) == 0;
+}
+
+bool isLongAfter(const CaptureSpan& span, const CaptureFrame& frame) {
+    return frame.seconds > span.toSeconds && frame.seconds - kOrderSeconds > span.toSeconds;
+}
+
+// The file has no further frame that is wanted.
+void end(CaptureSet& set, OwnedFile file) {
+    set.endedBytes += file->fileBytes;
+}
+
+// The file joins those that are read, with its first frame at hand.
+void activate(CaptureSet& set, OwnedFile file) {
+    const bool hasFrame =
+        file->reader != nullptr || (openReader(set, *file) && advance(set, *file));
+    if (!hasFrame) return end(set, std::move(file));
+    set.active.push_back(std::move(file));
+    std::ranges::push_heap(set.active, comesAfter);
+}
+
+void activateThoseDue(CaptureSet& set) {
+    while (!set.pending.empty() &&
+           (set.active.empty() || comesAfter(set.active.front(), set.pending.back()))) {
+        OwnedFile file = std::move(set.pending.back());
+        set.pending.pop_back();
+        activate(set, std::move(file));
+    }
+}
+
+OwnedFile takeTop(CaptureSet& set) {
+    std::ranges::pop_heap(set.active, comesAfter);
+    OwnedFile file = std::move(set.active.back());
+    set.active.pop_back();
+    return file;
+}
+
+// The top's frame was handed on: the file takes its next one, and its new place.
+void moveOn(CaptureSet& set) {
+    set.handedOn = false;
+    if (set.active.size() == 1) {
+        if (!advance(set, *set.active.front())) end(set, takeTop(set));
+        return;
+    }
+    OwnedFile file = takeTop(set);
+    if (!advance(set, *file)) return end(set, std::move(file));
+    set.active.push_back(std::move(file));
+    std::ranges::push_heap(set.active, comesAfter);
+}
+
+}  // namespace
+
+void CaptureSetDelete::operator()(CaptureSet* set) const {
+    delete set;
+}
+
+OwnedCaptureSet captureSetOpen(const std::vector<std::string>& names) {
+    raiseFileLimit();
+    OwnedCaptureSet set(new CaptureSet);
+    for (const std::string& name : names) {
+        if (isFolder(name)) {
+            openFolder(*set, name);
+        } else {
+            openFile(*set, name);
+        }
+    }
+    return set;
+}
+
+bool captureSetBegin(CaptureSet& set) {
+    std::vector<OwnedFile> sound;
+    for (OwnedFile& file : set.pending) {
+        if (probe(set, *file)) {
+            sound.push_back(std::move(file));
+        } else {
+            end(set, std::move(file));
+        }
+    }
+    set.pending = std::move(sound);
+    std::ranges::sort(set.pending, comesAfter);
+    captureSetLook(set);
+    return set.faults < set.files;
+}
+
+int64_t captureSetFirstSeconds(const CaptureSet& set) {
+    return set.pending.empty() ? 0 : set.pending.back()->frame.seconds;
+}
+
+void captureSetLimit(CaptureSet& set, const CaptureSpan& span) {
+    set.span = span;
+}
+
+ReadResult captureSetNext(CaptureSet& set, CaptureFrame* frame) {
+    if (++set.framesSinceLook >= kFramesPerLook) captureSetLook(set);
+    for (;;) {
+        if (set.handedOn) moveOn(set);
+        if (set.stopped) return ReadResult::kStopped;
+        activateThoseDue(set);
+        if (set.active.empty()) {
+            captureSetLook(set);
+            return ReadResult::kEnd;
+        }
+        *frame = set.active.front()->frame;
+        if (isLongAfter(set.span, *frame)) {
+            end(set, takeTop(set));
+            continue;
+        }
+        set.handedOn = true;
+        if (isInSpan(set.span, *frame)) return ReadResult::kFrame;
+    }
+}
+
+bool captureSetHasFault(const CaptureSet& set) {
+    return set.faults > 0;
+}
+
+void captureSetStop(CaptureSet& set) {
+    set.stopped = true;
+}
+
+CaptureExtent captureSetExtent(const CaptureSet& set) {
+    if (!set.isSized) return {};
+    return {set.readBytes, set.fileBytes};
+}
+
+void captureSetLook(CaptureSet& set) {
+    set.framesSinceLook = 0;
+    uint64_t readBytes = set.endedBytes;
+    for (const OwnedFile& file : set.active)
+        readBytes += captureReaderBytesRead(*file->reader);
+    set.readBytes = readBytes;
+}
+
+uint32_t captureSetSnapshotBytes(const CaptureSet& set) {
+    return set.snapshotBytes;
+}

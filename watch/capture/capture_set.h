@@ -1,0 +1,73 @@
+// The saved captures of a run as one: files are read in the order of their first frames, and where
+// they overlap frame by frame in the order of time. Frames of one file stay in the file's order.
+//
+//     first file   |--------------|
+//     second file            |-----------|          a file is opened for reading when its time
+//     comes third file                                |------------|
+//
+// A file that can't be read, or that ends early, is logged in one line that names it; the others go
+// on.
+//
+// Ownership: the set has a descriptor of each file from its opening to its end, so that a ring of
+// files may go on turning. A frame is borrowed until the next call.
+//
+// Threads: one opens and reads; captureSetStop and captureSetExtent are for any.
+
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "watch/capture/capture_reader.h"
+
+// A span of time, both ends belong to it. Seconds since 1970.
+struct CaptureSpan {
+    int64_t fromSeconds = INT64_MIN;
+    uint32_t fromNanoseconds = 0;
+    int64_t toSeconds = INT64_MAX;
+    uint32_t toNanoseconds = 0;
+};
+
+struct CaptureSet;
+
+struct CaptureSetDelete {
+    void operator()(CaptureSet* set) const;
+};
+using OwnedCaptureSet = std::unique_ptr<CaptureSet, CaptureSetDelete>;
+
+// Opens the named files; "-" is the standard input, and a folder stands for the files in it but for
+// hidden ones and folders. Reads nothing, so that it can be done with rights that are given up
+// before anything is parsed.
+[[nodiscard]] OwnedCaptureSet captureSetOpen(const std::vector<std::string>& names);
+
+// Finds out what each file is and when it begins. False where none can be read.
+[[nodiscard]] bool captureSetBegin(CaptureSet& set);
+
+// After the beginning: when the first frame was captured. 0 without frames.
+[[nodiscard]] int64_t captureSetFirstSeconds(const CaptureSet& set);
+
+// After the beginning: leaves out what isn't of the span. Of a file that begins after it only the
+// first frame is read.
+void captureSetLimit(CaptureSet& set, const CaptureSpan& span);
+
+// kFrame, kEnd or kStopped.
+[[nodiscard]] ReadResult captureSetNext(CaptureSet& set, CaptureFrame* frame);
+
+// A file was logged as unreadable or as ending early.
+[[nodiscard]] bool captureSetHasFault(const CaptureSet& set);
+
+void captureSetStop(CaptureSet& set);
+
+// How far the regular files were read, and their size. Zeros where one is no regular file.
+struct CaptureExtent {
+    uint64_t readBytes, fileBytes;
+};
+[[nodiscard]] CaptureExtent captureSetExtent(const CaptureSet& set);
+
+// Brings that up to date, which else happens every few thousand frames. The thread that reads.
+void captureSetLook(CaptureSet& set);
+
+// As captureReaderSnapshotBytes, of all files that were begun.
+[[nodiscard]] uint32_t captureSetSnapshotBytes(const CaptureSet& set);

@@ -1,0 +1,331 @@
+#include "watch/capture/source.h"
+
+#include <pcap/pcap.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+
+#include "lib/base/bytes.h"
+#include "lib/base/log.h"
+#include "trace/capture/capture_session.h"
+#include "trace/capture/capture_state.h"
+#include "trace/capture/frame.h"
+#include "trace/run/run_modes.h"
+#include "trace/run/start_steps.h"
+#include "trace/settings.h"
+
+SourceSettings sourceSettings;
+
+namespace {
+
+constexpr char kAllUdp[] = "udp";  // the filter of a run that names none
+constexpr int kFilterSnapshotBytes = 65535;
+constexpr size_t kMostLinkTypes = 16;  // with a filter or a name of their own
+
+// Written by the one thread that takes frames, read by any.
+class Count {
+  public:
+    void add(uint64_t more) { number_.store(value() + more, std::memory_order_relaxed); }
+    uint64_t value() const { return number_.load(std::memory_order_relaxed); }
+
+  private:
+    std::atomic<uint64_t> number_ = 0;
+};
+
+// The filter's text as a program for frames of one link type. Null where the text has no meaning
+// there: then no frame passes.
+struct PcapClose {
+    void operator()(bpf_program* program) const {
+        pcap_freecode(program);
+        delete program;
+    }
+};
+using Program = std::unique_ptr<bpf_program, PcapClose>;
+
+struct LinkKind {
+    uint16_t linkType;
+    Count frames;
+    Program program;
+    bool hasProgram;
+};
+
+struct Source {
+    OwnedCaptureSet set;
+
+    // Of the thread that takes frames.
+    LinkKind kinds[kMostLinkTypes];
+    std::atomic<size_t> kindCount = 0;
+    Program inner;  // for IP packets that were peeled off
+    bool wantsAllUdp = false;
+    uint16_t liveLinkType = 0;
+
+    Count frames, busFrames;
+    Count notRead[kNotReadKinds];
+
+    // Of the thread that hands on Snapshots.
+    uint64_t toldNotRead[kNotReadKinds] = {};
+};
+
+Source source;
+
+// Null where libpcap refuses the text for this link type; `fault` has its words then.
+Program compile(const char* text, int linkType, std::string* fault) {
+    constexpr int kOptimize = 1;
+    const std::unique_ptr<pcap_t, void (*)(pcap_t*)> dead(
+        pcap_open_dead(linkType, kFilterSnapshotBytes), pcap_close);
+    Program program(new bpf_program{});
+    if (dead == nullptr) return nullptr;
+    if (pcap_compile(dead.get(), program.get(), text, kOptimize, PCAP_NETMASK_UNKNOWN) == 0) {
+        return program;
+    }
+    if (fault != nullptr) *fault = pcap_geterr(dead.get());
+    return nullptr;
+}
+
+bool passes(const Program& program, const CaptureFrame& frame, std::span<const uint8_t> bytes) {
+    if (program == nullptr) return false;
+    const pcap_pkthdr header = {.ts = {},
+                                .caplen = static_cast<bpf_u_int32>(bytes.size()),
+                                .len = std::max(frame.wireBytes, frame.capturedBytes)};
+    return pcap_offline_filter(program.get(), &header, bytes.data()) != 0;
+}
+
+// Link types number differently for libpcap than in files where the two differ by system.
+int dltOf(uint16_t linkType) {
+    return linkType == kLinkRaw ? DLT_RAW : linkType;
+}
+
+// Beyond kMostLinkTypes the last one stands for all.
+LinkKind& kindOf(uint16_t linkType) {
+    const size_t count = source.kindCount.load(std::memory_order_relaxed);
+    for (size_t at = 0; at < count; ++at) {
+        if (source.kinds[at].linkType == linkType) return source.kinds[at];
+    }
+    if (count == kMostLinkTypes) return source.kinds[count - 1];
+    source.kinds[count].linkType = linkType;
+    source.kindCount.store(count + 1, std::memory_order_release);
+    return source.kinds[count];
+}
+
+bool framePasses(const CaptureFrame& frame, LinkKind& kind) {
+    if (!kind.hasProgram) {
+        kind.program = compile(traceSettings.filterText, dltOf(frame.linkType), nullptr);
+        kind.hasProgram = true;
+    }
+    return passes(kind.program, frame, {frame.bytes, frame.capturedBytes});
+}
+
+bool passesFilter(const CaptureFrame& frame, const PeeledFrame& peeled, LinkKind& kind) {
+    if (source.wantsAllUdp && !peeled.ip.empty()) return peeled.ip[9] == 17;
+    const bool judgesInside = !peeled.isPlain && source.inner != nullptr && !peeled.ip.empty();
+    return judgesInside ? passes(source.inner, frame, peeled.ip) : framePasses(frame, kind);
+}
+
+// Without tags and of the commonest link type: the analysis has its own words for what is wrong
+// with such a frame, and looks at some that aren't IP.
+void handOnPlain(const CaptureFrame& frame, PacketHandler handler) {
+    const pcap_pkthdr header = {
+        .ts = {.tv_sec = frame.seconds,
+               .tv_usec = static_cast<suseconds_t>(frame.nanoseconds / 1000)},
+        .caplen = frame.capturedBytes,
+        .len = frame.wireBytes};
+    frameAnalyze(header, frame.bytes, handler);
+}
+
+// To the microsecond, as all forms have it.
+TimeSpec timeOf(const CaptureFrame& frame) {
+    return {static_cast<int32_t>(frame.seconds), frame.nanoseconds / 1000 * 1000};
+}
+
+void takePeeled(const CaptureFrame& frame, PacketHandler handler) {
+    LinkKind& kind = kindOf(frame.linkType);
+    kind.frames.add(1);
+    const PeeledFrame peeled =
+        peelFrame({frame.bytes, frame.capturedBytes}, frame.wireBytes, frame.linkType);
+    const bool isWanted = passesFilter(frame, peeled, kind);
+    const bool isLeftOut = peeled.isBus && !isWanted;
+    const NotRead reason = isLeftOut ? NotRead::kFiltered : peeled.reason;
+    if (peeled.isBus && isWanted) source.busFrames.add(1);
+    if (reason != NotRead::kNothing) source.notRead[static_cast<size_t>(reason)].add(1);
+    if (!isWanted) return;
+    if (frame.linkType == kLinkEthernet && peeled.isPlain) return handOnPlain(frame, handler);
+    if (!peeled.ip.empty()) handler(timeOf(frame), peeled.ip.data(), peeled.ip.size());
+}
+
+// Nearly all frames are whole packets of the bus in plain Ethernet, which shows without peeling.
+bool isCommon(const CaptureFrame& frame) {
+    constexpr size_t kIpOffset = kEthernetHeaderBytes;
+    constexpr size_t kUdpOffset = kIpOffset + 20;
+    constexpr size_t kBusOffset = kUdpOffset + 8;
+    const uint8_t* const at = frame.bytes;
+    return frame.linkType == kLinkEthernet && frame.capturedBytes >= kBusOffset + 20 &&
+           frame.capturedBytes >= frame.wireBytes && at[kIpOffset + 9] == 17 &&
+           loadBe16At(at + kEthertypeOffset) == kEthertypeIp &&
+           (loadBe16At(at + kIpOffset + 6) & 0x3fff) == 0 &&
+           loadBe32At(at + kBusOffset) == 0x88fa6923;
+}
+
+void takeFrame(const CaptureFrame& frame, PacketHandler handler) {
+    source.frames.add(1);
+    if (!source.wantsAllUdp || !isCommon(frame)) return takePeeled(frame, handler);
+    kindOf(kLinkEthernet).frames.add(1);
+    source.busFrames.add(1);
+    handler(timeOf(frame), frame.bytes + kEthernetHeaderBytes,
+            frame.capturedBytes - kEthernetHeaderBytes);
+}
+
+// ---- Live ----
+
+// Tunnels, tags and labels hide a packet from the user's filter, which judges it once it was
+// peeled off. A link type that has no such headers refuses their words.
+std::string liveFilterText(pcap_t* capture) {
+    const std::string wanted = std::string("(") + traceSettings.filterText + ")";
+    for (const char* const hidden :
+         {" or ip proto 47 or ip6 or udp port 4789 or udp port 8472 or mpls or vlan",
+          " or ip proto 47 or ip6 or udp port 4789 or udp port 8472 or vlan",
+          " or ip proto 47 or ip6 or udp port 4789 or udp port 8472"}) {
+        const std::string text = wanted + hidden;
+        if (filterFault(capture, text.c_str()).empty()) return text;
+    }
+    return traceSettings.filterText;
+}
+
+void takeLive(const pcap_pkthdr& header, const u_char* bytes, PacketHandler handler) {
+    takeFrame({.seconds = header.ts.tv_sec,
+               .nanoseconds = static_cast<uint32_t>(header.ts.tv_usec) * 1000,
+               .capturedBytes = header.caplen,
+               .wireBytes = header.len,
+               .linkType = source.liveLinkType,
+               .bytes = bytes},
+              handler);
+}
+
+uint16_t liveLinkTypeOf(pcap_t* capture) {
+    const int dlt = pcap_datalink(capture);
+    return static_cast<uint16_t>(dlt == DLT_RAW ? kLinkRaw : dlt);
+}
+
+// ---- The blind line ----
+
+std::string linkTypesText() {
+    std::string names;
+    const size_t count = source.kindCount.load(std::memory_order_acquire);
+    for (size_t at = 0; at < count; ++at) {
+        const uint16_t linkType = source.kinds[at].linkType;
+        const char* const known = linkTypeName(linkType);
+        const char* const name = known != nullptr ? known : pcap_datalink_val_to_name(linkType);
+        names += (at == 0 ? "" : at + 1 == count ? " and " : ", ");
+        names += name != nullptr ? std::string(name) : std::to_string(linkType);
+    }
+    return (count == 1 ? " of link type " : " of link types ") + names;
+}
+
+// A time of day is one after the captures' beginning, and the span's end one after its beginning.
+CaptureSpan wantedSpan() {
+    const int64_t firstSeconds = captureSetFirstSeconds(*source.set);
+    CaptureSpan span;
+    if (sourceSettings.from) {
+        span.fromSeconds = captureTimeResolve(*sourceSettings.from, firstSeconds);
+        span.fromNanoseconds = sourceSettings.from->nanoseconds;
+    }
+    if (sourceSettings.to) {
+        constexpr int64_t kHalfDaySeconds = 12 * 60 * 60;
+        const int64_t nearSeconds =
+            sourceSettings.from ? span.fromSeconds + kHalfDaySeconds : firstSeconds;
+        span.toSeconds = captureTimeResolve(*sourceSettings.to, nearSeconds);
+        span.toNanoseconds = sourceSettings.to->nanoseconds;
+    }
+    return span;
+}
+
+}  // namespace
+
+pelmoStatus sourceOpen() {
+    source.wantsAllUdp = std::strcmp(traceSettings.filterText, kAllUdp) == 0;
+    if (traceSettings.liveCapture) return openSource();
+    source.set = captureSetOpen(sourceSettings.files);
+    return kStatusSuccess;
+}
+
+std::string sourceFilterFault(const char* text) {
+    std::string fault;
+    if (compile(text, DLT_RAW, nullptr) != nullptr) return {};
+    return compile(text, DLT_EN10MB, &fault) != nullptr ? std::string() : fault;
+}
+
+pelmoStatus sourceBegin() {
+    source.inner = compile(traceSettings.filterText, DLT_RAW, nullptr);
+    if (!traceSettings.liveCapture) {
+        if (!captureSetBegin(*source.set)) return kStatusNotInitialized;
+        captureSetLimit(*source.set, wantedSpan());
+        const uint32_t bytes = captureSetSnapshotBytes(*source.set);
+        if (bytes != 0) warnOfCutFrames(static_cast<int>(std::min(bytes, uint32_t{INT32_MAX})));
+        return kStatusSuccess;
+    }
+    pcap_t* const capture = captureState.captureHandle;
+    source.liveLinkType = liveLinkTypeOf(capture);
+    frameTaker = takeLive;
+    return installFilter(capture, liveFilterText(capture).c_str()) ? kStatusSuccess
+                                                                   : kStatusNotInitialized;
+}
+
+void sourceRunOffline() {
+    offlineRunBegin();
+    CaptureFrame frame;
+    while (captureSetNext(*source.set, &frame) == ReadResult::kFrame)
+        takeFrame(frame, offlineRunPacket);
+    offlineRunEnd();
+}
+
+void sourceStop() {
+    if (source.set != nullptr) {
+        captureSetStop(*source.set);
+    } else if (captureState.captureHandle != nullptr) {
+        breakCaptureLoop(captureState.captureHandle);
+    }
+}
+
+void sourceFill(SnapSource* out) {
+    for (size_t kind = 0; kind < kNotReadKinds; ++kind) {
+        const uint64_t now = source.notRead[kind].value();
+        out->notRead[kind] = now - source.toldNotRead[kind];
+        source.toldNotRead[kind] = now;
+    }
+    if (source.set != nullptr) captureSetLook(*source.set);
+    const CaptureExtent extent = sourceExtent();
+    out->readBytes = extent.readBytes;
+    out->fileBytes = extent.fileBytes;
+}
+
+CaptureExtent sourceExtent() {
+    return source.set != nullptr ? captureSetExtent(*source.set) : CaptureExtent{};
+}
+
+SourceCounts sourceCounts() {
+    SourceCounts counts = {source.frames.value(), source.busFrames.value(), {}};
+    for (size_t kind = 0; kind < kNotReadKinds; ++kind)
+        counts.notRead[kind] = source.notRead[kind].value();
+    return counts;
+}
+
+std::string sourceBlindText() {
+    const SourceCounts counts = sourceCounts();
+    if (counts.busFrames > 0) return {};
+    if (counts.frames == 0) return "no frames, so none of the bus";
+    std::string text = std::to_string(counts.frames) + (counts.frames == 1 ? " frame" : " frames") +
+                       linkTypesText() + ", none of the bus:";
+    const char* separator = " ";
+    for (size_t kind = 1; kind < kNotReadKinds; ++kind) {
+        if (counts.notRead[kind] == 0) continue;
+        text += separator + std::to_string(counts.notRead[kind]) + " " +
+                notReadRow(static_cast<NotRead>(kind)).words;
+        separator = ", ";
+    }
+    return text;
+}
+
+bool sourceHasFault() {
+    return source.set != nullptr && captureSetHasFault(*source.set);
+}
