@@ -5,7 +5,7 @@
 
 #include "lib/transport/circuit/circuit_internal.h"
 #include "tests/pelmo/daemon_stand.h"
-#include "tests/support/circuit_stand.h"
+#include "tests/support/circuit_fixture.h"
 #include "tests/support/test.h"
 
 namespace {
@@ -199,8 +199,8 @@ uint32_t connectedCircuit(uint32_t transport) {
     uint32_t circuit = kNoId;
     const char* subject = nullptr;
     EXPECT_EQ(vcCreateAccept(&circuit, &subject, transport), kStatusSuccess);
-    RawMessage request(subject);
-    request.kind("vctc").text("return", "_INBOX.P.1.2.3").subject("cmret", "_INBOX.P.1.2.3");
+    const Message request =
+        rawMessage(subject, "vct=vctc return=_INBOX.P.1.2.3 cmret=[_INBOX.P.1.2.3]");
     EXPECT_EQ(pelmoMsg_Detach(request.get()), kStatusNotPermitted);
     pelmoMsg* copy = nullptr;
     EXPECT_EQ(msgShareCopy(&copy, request.get()), kStatusSuccess);
@@ -269,8 +269,7 @@ TEST_F(CircuitsOverADaemon, WaitForNoSender) {
     std::thread sending = sendUntilItFails();
     for (int tick = 0; tick < kHeartbeatTicks; ++tick)
         vcTick(circuit);
-    RawMessage gap("_INBOX.A");
-    gap.kind("vcth").number(7);
+    const Message gap = rawMessage("_INBOX.A", "vct=vcth vcq=7");
     pelmoMsg* const came = gap.get();
     vcControl(circuit, {&came, 1});
     EXPECT_EQ(stateOf(circuit), CircuitState::kDisconnected);

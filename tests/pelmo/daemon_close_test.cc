@@ -156,7 +156,6 @@ TEST_F(DaemonCloses, SendWhatWaitsToADaemonThatReads) {
             ASSERT_EQ(sendText("A.B", part), kStatusSuccess);
         daemon.openGate();
         EXPECT_LT(end(ender), kGracefulSeconds);
-        EXPECT_GT(daemon.bytesRead(), kParts * kPartBytes);
         size_t large = 0;
         for (const Bytes& message : daemon.messages())
             large += message.size() > kPartBytes ? 1 : 0;

@@ -13,9 +13,9 @@
 #include "lib/transport/reliable/reliable_endpoint.h"
 #include "lib/transport/socket/socket_internal.h"
 #include "tests/runtime/event_stand.h"
-#include "tests/support/circuit_stand.h"
+#include "tests/support/circuit_fixture.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/link_stand.h"
+#include "tests/support/link_fixture.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/stream_run.h"
 #include "tests/support/test.h"
@@ -307,7 +307,7 @@ struct CloseAlone : Scenario {
 };
 
 // Both ends are made and connect, or neither. The test dispatches the work queue.
-struct Circuits : Scenario, CircuitStand {
+struct Circuits : Scenario, CircuitFixture {
     Circuits() { hidesFailures = true; }
     void TestBody() override {}
 
@@ -570,7 +570,7 @@ struct Connected : Scenario {
         EXPECT_EQ(library.timers(), 0u);
     }
 
-    LinkStand library;
+    LinkFixture library;
     TestDaemon daemon;
     uint32_t queue = kNoId;
     uint32_t id = kNoId;

@@ -6,6 +6,7 @@
 
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_typed.h"
+#include "lib/msg/text.h"
 #include "lib/transport/transport_internal.h"
 #include "tests/support/message_values.h"
 #include "tests/support/runtime_objects.h"
@@ -41,6 +42,12 @@ inline Message messageOn(const char* subject, const char* text = "text") {
 inline std::string textOf(pelmoMsg* message) {
     const char* text = nullptr;
     return pelmoMsg_GetString(message, "text", &text, 0) == kStatusSuccess ? text : "no text";
+}
+
+// All fields.
+inline std::string shownText(pelmoMsg* message) {
+    const char* text = nullptr;
+    return pelmoMsg_ConvertToString(message, &text) == kStatusSuccess ? text : "no text";
 }
 
 inline pelmoStatus sendText(uint32_t transport, const char* subject, const char* text = "text") {

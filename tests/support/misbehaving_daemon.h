@@ -1,155 +1,180 @@
-// A daemon that does what a script says, right or wrong: a port on the loopback, and a thread that
-// plays one script a connection with plain system sockets.
+// A daemon that does what a script says, right or wrong.
 //
 //     MisbehavingDaemon daemon({greet() + hangUp(), goodSession() + serve()});
 //     pelmoTransport_CreateNetwork(&transport, nullptr, nullptr, daemon.name().c_str());
 //
-// A script is a list of steps, and its end closes the connection, as does a step that the client
-// doesn't let go on. The last script stands for all further connections, which are taken one by
-// one.
+// A script is a list of steps. Its end closes the connection, as does a step that the client
+// doesn't let go on. The last script stands for all further connections.
 //
-// Threads: the steps run on the daemon's thread and end with the daemon. All else is for the
-// test's.
+// Threads: the steps run on a thread of each connection and end with the daemon. All else is for
+// the test's.
 
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
-#include <cstdint>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+#include "lib/msg/envelope_internal.h"
+#include "tests/support/daemon_frame.h"
 
-#include "tests/support/loopback_peer.h"
-#include "tests/support/message_values.h"
-#include "tests/support/test.h"
-
-// One connection, as a step sees it. All calls answer false where the client has closed it, or the
-// daemon ends.
-class DaemonWire {
-  public:
-    [[nodiscard]] bool write(const Bytes& bytes);
-    [[nodiscard]] bool read(size_t size, Bytes* out);
-
-    // A message with its head; noted for the test.
-    [[nodiscard]] bool readMessage(Bytes* out);
-
-    // Lets time pass; ends early with the connection.
-    [[nodiscard]] bool pause(int milliseconds);
-
-    // Waits for the test's word.
-    [[nodiscard]] bool awaitGate();
-
-    void resetAtEnd();
-
-  private:
-    friend class MisbehavingDaemon;
-    DaemonWire(class MisbehavingDaemon& owner, int connection)
-        : daemon(owner), handle(connection) {}
-    [[nodiscard]] bool await(short events, int milliseconds = -1);
-    [[nodiscard]] bool readSome(size_t most, Bytes* out);
-
-    class MisbehavingDaemon& daemon;
-    int handle;
-};
-
-using DaemonStep = std::function<bool(DaemonWire&)>;
+class MisbehavingDaemon;
+using DaemonStep = std::function<bool(MisbehavingDaemon&, DaemonWire&)>;
 using DaemonScript = std::vector<DaemonStep>;
 
-DaemonScript operator+(DaemonScript left, const DaemonScript& right);
+inline DaemonScript operator+(DaemonScript left, const DaemonScript& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
 
-class MisbehavingDaemon : public NoCopy {
+class MisbehavingDaemon : NoCopy {
   public:
-    explicit MisbehavingDaemon(std::vector<DaemonScript> connections);
-    ~MisbehavingDaemon();
+    explicit MisbehavingDaemon(std::vector<DaemonScript> connections)
+        : scripts(std::move(connections)) {}
 
     // "127.0.0.1:PORT"
-    [[nodiscard]] std::string name() const;
+    [[nodiscard]] std::string name() const {
+        return "127.0.0.1:" + std::to_string(ntohs(frame.listener.port));
+    }
 
     // Lets one gate go on, now or when it is reached.
-    void openGate();
+    void openGate() { count(&gatesOpen); }
 
     // Further connections are refused.
-    void stopListening();
+    void stopListening() const { frame.stopListening(); }
 
-    // Waits until there were so many; false where they don't come in ten seconds.
-    [[nodiscard]] bool awaitConnections(size_t count);
-    [[nodiscard]] bool awaitGates(size_t count);  // that connections have come to
+    // Wait until there were so many.
+    [[nodiscard]] bool awaitConnections(size_t count) {
+        return frame.await([&] { return frame.acceptedCount >= count; });
+    }
+    [[nodiscard]] bool awaitGates(size_t count) {
+        return frame.await([&] { return gatesReached >= count; });
+    }
 
     // What clients sent, with their heads, in order; keep-alives aside.
-    [[nodiscard]] std::vector<Bytes> messages();
-    [[nodiscard]] uint64_t bytesRead() const { return readBytes; }
+    [[nodiscard]] std::vector<Bytes> messages() {
+        const std::lock_guard guard(frame.mutex);
+        return received;
+    }
+
+    // For steps.
+    [[nodiscard]] bool passGate() {
+        count(&gatesReached);
+        std::unique_lock lock(frame.mutex);
+        frame.changed.wait(lock, [&] { return frame.isEnding || gatesOpen != 0; });
+        return !frame.isEnding && gatesOpen-- != 0;
+    }
+    // Notes the message; false for a close notice, too.
+    [[nodiscard]] bool take(DaemonWire& wire, Bytes* message) {
+        if (!wire.readMessage(message) || loadBe32At(message->data()) == 0) return false;
+        const std::lock_guard guard(frame.mutex);
+        received.push_back(*message);
+        return true;
+    }
 
   private:
-    friend class DaemonWire;
-    void run();
-    [[nodiscard]] bool await(const std::function<bool()>& isTrue);
-
-    LoopbackListener listener;
-    std::vector<DaemonScript> scripts;
-    OwnHandle stopRead, stopWrite;  // a byte in it ends the thread
-    std::atomic<uint64_t> readBytes{0};
-
-    std::mutex mutex;  // guards all below
-    std::condition_variable changed;
-    bool ending = false;
-    size_t connections = 0;
-    size_t gatesReached = 0;
-    size_t gatesOpen = 0;
+    const std::vector<DaemonScript> scripts;
+    size_t gatesReached = 0, gatesOpen = 0;
     std::vector<Bytes> received;
+    DaemonFrame frame{[this](DaemonWire& wire, size_t index) {
+        for (const DaemonStep& made : scripts[std::min(index, scripts.size() - 1)]) {
+            if (!made(*this, wire)) return;
+        }
+    }};
 
-    std::thread thread;  // last: it uses all the rest
+    void count(size_t* number) {
+        const std::lock_guard guard(frame.mutex);
+        ++*number;
+        frame.changed.notify_all();
+    }
 };
+
+// A message of an application, with its envelope.
+inline Bytes messageBytes(const char* subject, const std::string& text) {
+    const Message message = newMessage();
+    EXPECT_EQ(pelmoMsg_AddString(message.get(), "text", text.c_str(), 0), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_SetSendSubject(message.get(), subject), kStatusSuccess);
+    EXPECT_EQ(msgCloseEnvelope(message.get()), kStatusSuccess);
+    return imageOf(message.get());
+}
 
 // Steps
 
-struct Greeting {
-    uint32_t first = 0;
-    uint32_t version = 4;
-};
-[[nodiscard]] DaemonScript greet(const Greeting& greeting = {});
-[[nodiscard]] DaemonScript takeAnswer();
+inline DaemonScript wireStep(std::function<bool(DaemonWire&)> act) {
+    return {[act = std::move(act)](MisbehavingDaemon&, DaemonWire& wire) { return act(wire); }};
+}
+inline DaemonScript sendBytes(const Bytes& bytes) {
+    return wireStep([bytes](DaemonWire& wire) { return wire.write(bytes); });
+}
+inline DaemonScript sendOneByOne(const Bytes& bytes) {
+    return wireStep([bytes](DaemonWire& wire) {
+        return std::ranges::all_of(bytes, [&](uint8_t byte) { return wire.write({byte}); });
+    });
+}
+inline DaemonScript greet(const Greeting& greeting = {}) {
+    return sendBytes(greetingBytes(greeting));
+}
+inline DaemonScript takeAnswer() {
+    return wireStep([](DaemonWire& wire) {
+        Bytes answer;
+        if (!wire.read(kGreetingSize, &answer)) return false;
+        EXPECT_EQ(answer, be32(0) + be32(4) + be32(0)) << "a daemon of some host";
+        return true;
+    });
+}
+inline DaemonScript sendFrame(const Frame& frame) {
+    return sendBytes(frameBytes(frame));
+}
+inline DaemonScript takeFrame() {
+    return wireStep([](DaemonWire& wire) {
+        Bytes frame;
+        return wire.read(kFrameSize, &frame);
+    });
+}
+inline DaemonScript reply(const Reply& reply = {}) {
+    return sendBytes(replyBytes(reply));
+}
+inline DaemonScript takeMessage() {
+    return {[](MisbehavingDaemon& daemon, DaemonWire& wire) {
+        Bytes message;
+        return daemon.take(wire, &message);
+    }};
+}
+inline DaemonScript pauseFor(int milliseconds) {
+    return wireStep([milliseconds](DaemonWire& wire) { return wire.pause(milliseconds); });
+}
+inline DaemonScript gate() {
+    return {[](MisbehavingDaemon& daemon, DaemonWire&) { return daemon.passGate(); }};
+}
+inline DaemonScript hangUp() {
+    return wireStep([](DaemonWire&) { return false; });
+}
 
-struct Frame {
-    uint32_t type = 2;
-    uint32_t version = 2;
-    uint16_t queueLimit = 0;
-    uint16_t format = 1;
-    uint32_t limitA = 0x4000000;
-    uint32_t limitB = 0x4000000;
-};
-[[nodiscard]] Bytes frameBytes(const Frame& frame);
-[[nodiscard]] DaemonScript sendFrame(const Frame& frame);
-[[nodiscard]] DaemonScript takeFrame();
-[[nodiscard]] DaemonScript takeMessage();
-
-// A reply to a start message.
-struct Reply {
-    const char* without = "";  // the field that is left out
-    const char* mtype = "R";
-    int64_t error = -1;  // negative: none
-};
-[[nodiscard]] Bytes replyBytes(const Reply& reply = {});
-[[nodiscard]] DaemonScript reply(const Reply& reply = {});
-
-// A message of an application, with its envelope.
-[[nodiscard]] Bytes messageBytes(const char* subject, const std::string& text);
-
-[[nodiscard]] DaemonScript sendBytes(const Bytes& bytes);
-[[nodiscard]] DaemonScript sendOneByOne(const Bytes& bytes);
-[[nodiscard]] DaemonScript pauseFor(int milliseconds);
-[[nodiscard]] DaemonScript gate();
-[[nodiscard]] DaemonScript hangUp();
-[[nodiscard]] DaemonScript reset();  // hangs up, and drops what is under way
+// Hangs up, and drops what is under way.
+inline DaemonScript reset() {
+    return wireStep([](DaemonWire& wire) {
+        const linger none = {.l_onoff = 1, .l_linger = 0};
+        setsockopt(wire.handle.number(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
+        return false;
+    });
+}
 
 // Neither reads nor writes until the client closes.
-[[nodiscard]] DaemonScript silence();
+inline DaemonScript silence() {
+    return pauseFor(-1);
+}
 
 // Reads all messages, and answers the close notice.
-[[nodiscard]] DaemonScript serve();
+inline DaemonScript serve() {
+    return {[](MisbehavingDaemon& daemon, DaemonWire& wire) {
+        Bytes message(1);
+        while (daemon.take(wire, &message)) {
+        }
+        return message == Bytes(8) && wire.write(message);
+    }};
+}
+
+inline DaemonScript goodHandshake() {
+    return greet() + takeAnswer() + sendFrame({}) + takeFrame() + sendFrame({.type = 1});
+}
 
 // All up to the second start message.
-[[nodiscard]] DaemonScript goodHandshake();
-[[nodiscard]] DaemonScript goodSession();
+inline DaemonScript goodSession() {
+    return goodHandshake() + takeMessage() + reply() + takeMessage();
+}

@@ -1,7 +1,6 @@
 #include <atomic>
 
 #include "lib/containers/dpa.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
 #include "tests/support/test.h"
 
@@ -71,12 +70,8 @@ TEST_F(Requests, FailWithoutTrace) {
     EXPECT_EQ(ask("_PM.X", "x", 0), "Invalid subject");
     EXPECT_EQ(ask(nullptr, "x", 0), "Invalid subject");
     const Message message = messageOn("A");
-    pelmoMsg* reply = nullptr;
-    EXPECT_EQ(pelmoTransport_SendRequest(kLocal, nullptr, &reply, 0), kStatusInvalidMessage);
-    EXPECT_EQ(pelmoTransport_SendReply(kLocal, message.get(), nullptr), kStatusInvalidMessage);
     EXPECT_EQ(pelmoTransport_SendReply(kLocal, message.get(), messageOn("A").get()),
               kStatusNotFound);
-    EXPECT_EQ(reply, nullptr);
     EXPECT_EQ(spareQueues(), 1u);
 }
 
@@ -112,37 +107,6 @@ TEST_F(Requests, KeepFourQueuesAtMost) {
     };
     EXPECT_EQ(ask("A", "outer"), "re outer");
     EXPECT_EQ(spareQueues(), kMostSpareQueues);
-}
-
-TEST_F(Requests, AnswerToFailingMemory) {
-    dispatchAtOnce(queue);
-    TestListener server(queue, "A");
-    server.onMessage = [](pelmoMsg* request) {
-        const Message reply = messageOn(nullptr, "y");
-        if (reply != nullptr) (void)pelmoTransport_SendReply(kLocal, reply.get(), request);
-    };
-    EXPECT_GT(
-        eachAllocationFails([&] {
-            const Message request = messageOn("A");
-            if (request == nullptr) return;
-            pelmoMsg* reply = nullptr;
-            const pelmoStatus status = pelmoTransport_SendRequest(kLocal, request.get(), &reply, 0);
-            const bool met = allocationsFailed() != 0;
-            EXPECT_EQ(status == kStatusSuccess, reply != nullptr);
-            // What the server fails to answer runs out of time.
-            EXPECT_TRUE(status == kStatusSuccess ||
-                        (met && (status == kStatusNoMemory || status == kStatusTimeout)))
-                << status;
-            if (reply != nullptr) pelmoMsg_Destroy(reply);
-            // A request that got no queue leaves nothing behind that stops the next one.
-            allocationsHeal();
-            if (!met || status == kStatusTimeout) return;
-            EXPECT_EQ(pelmoTransport_SendRequest(kLocal, request.get(), &reply, 0), kStatusSuccess);
-            pelmoMsg_Destroy(reply);
-        }),
-        10u);
-    EXPECT_LE(spareQueues(), 1u);
-    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "_INBOX.>"), 0u);
 }
 
 TEST_F(Requests, CrossThreads) {

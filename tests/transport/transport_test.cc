@@ -1,13 +1,10 @@
 #include <algorithm>
 
-#include "lib/base/log.h"
 #include "lib/containers/dpa.h"
 #include "lib/containers/subject.h"
-#include "lib/runtime/tracing.h"
 #include "lib/transport/transport_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
-#include "tests/support/scratch_folder.h"
 
 namespace {
 
@@ -25,10 +22,19 @@ TEST_F(IntraProcess, DeliversBySubject) {
         {">", "_INBOX.7", false},   {"_INBOX.7", "_INBOX.7", true}, {">", "A", true},
         {"*.7", "_INBOX.7", false}, {"A.*", "A.*", true},
     };
+    uint8_t packed[kSubjectMaxBytes] = {0, 3, 0};
+    uint32_t none = 0;
+    EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &none), 0u);
+    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "A..B"), 0u);
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.listened) + " <- " + row.sent);
         const TestListener listener(queue, row.listened);
         EXPECT_EQ(pelmoTransport_HasInterest(kLocal, row.sent), row.arrives ? 1u : 0u);
+        ASSERT_GT(subjectFromText(packed, sizeof packed, row.sent), 0);
+        uint32_t found = 0;
+        const bool isSame = std::string(row.listened) == row.sent;
+        EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &found), isSame ? 1u : 0u);
+        EXPECT_EQ(found, isSame ? listener.event : 0u);
         EXPECT_EQ(sendText(kLocal, row.sent), kStatusSuccess);
         dispatchAll(queue);
         EXPECT_EQ(listener.texts.size(), row.arrives ? 1u : 0u);
@@ -109,17 +115,6 @@ TEST_F(IntraProcess, SendsAPlainCopyOfAForeignEnvelope) {
     EXPECT_EQ(listener.texts, (Texts{"text", "text"}));
 }
 
-TEST_F(IntraProcess, ServesPolledListeners) {
-    const uint32_t polled = makeQueue(true);
-    uint32_t event = 0;
-    ASSERT_EQ(_pelmoTransport_AddPolledListener(&event, polled, kLocal, "A"), kStatusSuccess);
-    ASSERT_EQ(sendText(kLocal, "A", "1"), kStatusSuccess);
-    pelmoMsg* message = nullptr;
-    ASSERT_EQ(pelmoQueue_Poll(polled, &message, 0), kStatusSuccess);
-    EXPECT_EQ(textOf(message), "1");
-    EXPECT_EQ(pelmoMsg_Destroy(message), kStatusSuccess);
-}
-
 TEST_F(IntraProcess, SendsVectorsUpToTheFirstFailure) {
     const TestListener listener(queue, ">");
     const Message good = messageOn("A", "1"), better = messageOn("B", "2");
@@ -139,89 +134,68 @@ TEST_F(IntraProcess, SendsVectorsUpToTheFirstFailure) {
     EXPECT_EQ(pelmoTransport_Sendv(kLocal, nullptr), kStatusInvalidArgument);
 }
 
-TEST_F(IntraProcess, FindsInterest) {
-    const TestListener exact(queue, "A.B"), wild(queue, "A.*");
-    uint8_t packed[kSubjectMaxBytes] = {0, 3, 0};
-    uint32_t found = 0;
-    EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &found), 0u);
-    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "A..B"), 0u);
-    for (const auto& [subject, event] :
-         {std::pair{"A.B", exact.event}, {"A.*", wild.event}, {"A.C", 0u}}) {
-        ASSERT_GT(subjectFromText(packed, sizeof packed, subject), 0);
-        found = 0;
-        EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &found), event != 0 ? 1u : 0u);
-        EXPECT_EQ(found, event);
-    }
-}
-
-TEST_F(IntraProcess, CountsInboxes) {
+TEST_F(IntraProcess, NumbersItsInboxes) {
     char text[9];
     for (const char* const inbox : {"_INBOX.1", "_INBOX.3"}) {
         EXPECT_EQ(pelmoTransport_CreateInbox(kLocal, text, 9), kStatusSuccess);
         EXPECT_STREQ(text, inbox);
-        const Folder folder;
-        const std::string trace = folder.path("trace");
-        ASSERT_EQ(Tracing_Start("TPORT", trace.c_str(), nullptr), kStatusSuccess);
         EXPECT_EQ(pelmoTransport_CreateInbox(kLocal, text, 8), kStatusInsufficientBuffer);
-        Tracing_Stop();
-        Tracing_Clear();
-        logSetUtcStamp(false);
-        EXPECT_NE(readFile(trace).find("pelmoTransport_CreateInbox(10, _INBOX."),
-                  std::string::npos);
     }
 }
 
-TEST_F(IntraProcess, LogsAdvisoriesThatNobodyHears) {
-    for (const char* advisoryClass : {"WARN", "ERROR", "INFO", "OTHER"}) {
+TEST_F(IntraProcess, DeliversAdvisoriesOrLogsThem) {
+    // The longest that are sent have 200 bytes packed.
+    const std::string longest = "D." + std::string(120, 'x') + "." + std::string(56, 'x');
+    const std::string tooLongForText(242, 'x');
+    const struct {
+        const char *advisoryClass, *name, *description;
+        pelmoStatus status;
+        bool isLogged;
+    } rows[] = {
+        {"WARN", "X", "q", kStatusSuccess, true},
+        {"ERROR", "X", "q", kStatusSuccess, true},
+        {"INFO", "X", "q", kStatusSuccess, false},
+        {"OTHER", "X", "q", kStatusSuccess, false},
+        {"INFO", longest.c_str(), nullptr, kStatusSuccess, false},
+        {"INFO", nullptr, nullptr, kStatusInvalidArgument, false},
+        {"A.B", "N", nullptr, kStatusInvalidArgument, false},
+        {"X", tooLongForText.c_str(), nullptr, kStatusInvalidSubject, false},
+        {"XY", tooLongForText.c_str(), nullptr, kStatusInvalidArgument, false},
+        {"INFO", "", nullptr, kStatusInvalidSubject, false},
+    };
+    const auto logOf = [](const auto& row) {
         testing::internal::CaptureStderr();
-        EXPECT_EQ(pelmoTransport_SendAdvisory(kLocal, advisoryClass, "SYSTEM", "X", "q"),
-                  kStatusSuccess);
-        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(
+            pelmoTransport_SendAdvisory(kLocal, row.advisoryClass, "S", row.name, row.description),
+            row.status);
+        return testing::internal::GetCapturedStderr();
+    };
+    for (const auto& row : rows) {
+        const std::string log = logOf(row);
         const std::string words = "Pelmo Error Not Handled by Process:\n{ADV_CLASS=\"" +
-                                  std::string(advisoryClass) +
-                                  "\" ADV_SOURCE=\"SYSTEM\" ADV_NAME=\"X\" ADV_DESC=\"q\"}\n";
-        const bool logged = advisoryClass[0] == 'W' || advisoryClass[0] == 'E';
-        EXPECT_EQ(log.find(words) != std::string::npos, logged) << log;
-        EXPECT_EQ(log.empty(), !logged);
+                                  std::string(row.advisoryClass) +
+                                  "\" ADV_SOURCE=\"S\" ADV_NAME=\"X\" ADV_DESC=\"q\"}\n";
+        EXPECT_EQ(log.find(words) != std::string::npos, row.isLogged) << log;
+        EXPECT_EQ(log.empty(), !row.isLogged);
     }
-    TestListener listener(queue, "_PM.*.SYSTEM.>");
-    bool limitAdvisory = false;
+    TestListener listener(queue, "_PM.>");
+    bool isLimitAdvisory = false;
     listener.onMessage = [&](pelmoMsg* message) {
         const char* text = nullptr;
         EXPECT_EQ(pelmoMsg_GetSendSubject(message, &text), kStatusSuccess);
         EXPECT_STREQ(text, "_PM.WARN.SYSTEM.QUEUE.LIMIT_EXCEEDED");
         EXPECT_EQ(pelmoMsg_GetString(message, "ADV_DESC", &text, 0), kStatusNotFound);
-        limitAdvisory = msgIsLimitAdvisory(message);
+        isLimitAdvisory = msgIsLimitAdvisory(message);
     };
-    testing::internal::CaptureStderr();
     EXPECT_EQ(
         pelmoTransport_SendAdvisory(kLocal, "WARN", "SYSTEM", "QUEUE.LIMIT_EXCEEDED", nullptr),
         kStatusSuccess);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(dispatchAll(queue), 1u);
-    EXPECT_TRUE(limitAdvisory);
-}
-
-TEST_F(IntraProcess, RefusesAdvisories) {
-    const std::string longest =
-        "D." + std::string(120, 'x') + "." + std::string(56, 'x');  // 200 packed in all
-    const std::string tooLongForText(242, 'x');
-    const struct {
-        const char *advisoryClass, *name;
-        pelmoStatus status;
-    } rows[] = {
-        {"INFO", nullptr, kStatusInvalidArgument},
-        {"A.B", "N", kStatusInvalidArgument},
-        {"X", tooLongForText.c_str(), kStatusInvalidSubject},
-        {"XY", tooLongForText.c_str(), kStatusInvalidArgument},
-        {"INFO", longest.c_str(), kStatusSuccess},
-        {"INFO", "", kStatusInvalidSubject},
-    };
-    const TestListener listener(queue, "_PM.>");
-    for (const auto& [advisoryClass, name, status] : rows)
-        EXPECT_EQ(pelmoTransport_SendAdvisory(kLocal, advisoryClass, "S", name, nullptr), status);
-    dispatchAll(queue);
-    EXPECT_EQ(listener.texts.size(), 1u);
+    EXPECT_TRUE(isLimitAdvisory);
+    listener.onMessage = nullptr;
+    for (const auto& row : rows)
+        EXPECT_EQ(logOf(row), "");
+    EXPECT_EQ(dispatchAll(queue), 5u);
 }
 
 // A listener to everything, on the queue whose limit is met: each advisory comes to it as well, and
@@ -289,56 +263,6 @@ TEST_F(IntraProcess, DropsWhatADeadQueuesListenerWouldKeep) {
     EXPECT_EQ(event->listener.inbox, nullptr);
     EXPECT_EQ(event->listener.transportId, kNoId);
     EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "A"), 0u);
-}
-
-TEST_F(IntraProcess, EndsWithTheLibraryAlone) {
-    TestListener listener(queue, "A");
-    uint32_t number = 0;
-    EXPECT_EQ(pelmoTransport_Destroy(kLocal), kStatusNotPermitted);
-    EXPECT_EQ(Transport_CreateIntraProcess(), kStatusNoMemory);  // there is one
-    EXPECT_EQ(pelmoTransport_CreateNetwork(&number, nullptr, nullptr, nullptr),
-              kStatusDaemonNotConnected);
-    libraryOpen = false;
-    // Told ahead of what else is wrong.
-    EXPECT_EQ(pelmoTransport_Send(kLocal, nullptr), kStatusNotInitialized);
-    EXPECT_EQ(pelmoTransport_Sendv(kLocal, nullptr), kStatusNotInitialized);
-    EXPECT_EQ(pelmoTransport_SendAdvisory(kLocal, "A.B", "S", "N", nullptr), kStatusNotInitialized);
-    EXPECT_EQ(pelmoTransport_Destroy(kLocal), kStatusSuccess);
-    libraryOpen = true;
-    EXPECT_EQ(pelmoEvent_GetListenerTransport(listener.event, &number), kStatusInvalidTransport);
-    EXPECT_EQ(sendText(kLocal, "A"), kStatusInvalidTransport);
-    listener.end();
-    EXPECT_EQ(Transport_CreateIntraProcess(), kStatusSuccess);
-    EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
-}
-
-// Whatever fails, nobody gets half of it, and nothing stays behind.
-TEST_F(IntraProcess, AnswersToFailingMemory) {
-    const Message message = messageOn("A.B");
-    const size_t before = objectCount();
-    const auto oneRun = [&] {
-        TestListener first, second;
-        const pelmoStatus listens[] = {first.listen(queue, "A.B"), second.listen(queue, "A.*")};
-        const pelmoStatus sent = pelmoTransport_Send(kLocal, message.get());
-        const pelmoStatus told = pelmoTransport_SendAdvisory(kLocal, "INFO", "S", "N", "text");
-        const size_t failed = allocationsFailed();
-        allocationsHeal();
-        dispatchAll(queue);
-        for (const pelmoStatus status : {listens[0], listens[1], sent, told}) {
-            EXPECT_TRUE(status == kStatusSuccess || (failed != 0 && status == kStatusNoMemory));
-        }
-        const size_t listening = (first.event != kNoId ? 1 : 0) + (second.event != kNoId ? 1 : 0);
-        const size_t received = first.texts.size() + second.texts.size();
-        EXPECT_LE(received, listening);
-        if (sent == kStatusSuccess) {
-            EXPECT_EQ(received, listening);
-        }
-        first.end();
-        second.end();
-        EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "A.B"), 0u);
-        EXPECT_EQ(objectCount(), before);
-    };
-    EXPECT_GT(eachAllocationFails(oneRun), 10u);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include <time.h>
 
-#include <atomic>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -11,8 +10,7 @@
 #include "lib/pelmo.h"
 #include "lib/transport/daemon/specification.h"
 #include "tests/support/datagram_wire.h"
-#include "tests/support/link_stand.h"
-#include "tests/support/test.h"
+#include "tests/support/link_fixture.h"
 #include "tests/support/test_daemon.h"
 
 namespace {
@@ -74,7 +72,7 @@ struct Client {
 };
 
 struct Direct : testing::Test {
-    LinkStand stand;
+    LinkFixture fixture;
     std::optional<TestDaemon> daemon{std::in_place};
     uint32_t dispatcher = kNoId;
     Client left, right;
@@ -129,26 +127,12 @@ TEST_F(Direct, CarriesAnswersStraight) {
     EXPECT_NE(sendText(left.transport, "ASK"), kStatusSuccess);
 }
 
-// 0: any port.
-OwnHandle bindDatagrams(uint16_t* port) {
-    OwnHandle handle(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in own = {};
-    own.sin_family = AF_INET;
-    own.sin_addr.s_addr = kLoopbackHost;
-    own.sin_port = htons(*port);
-    socklen_t size = sizeof own;
-    EXPECT_EQ(bind(handle.number(), reinterpret_cast<sockaddr*>(&own), size), 0);
-    EXPECT_EQ(getsockname(handle.number(), reinterpret_cast<sockaddr*>(&own), &size), 0);
-    *port = ntohs(own.sin_port);
-    return handle;
-}
-
 TEST_F(Direct, GetsThePortOrSaysWhyNot) {
-    uint16_t port = 0;
-    OwnHandle taken = bindDatagrams(&port);
+    DatagramWire taken;
+    const uint16_t port = taken.port;
     const std::string service = "7500:" + std::to_string(port) + ":more";
     EXPECT_EQ(left.create(*daemon, service.c_str()), kStatusPortInUse);
-    taken.shut();
+    taken.handle.shut();
     EXPECT_EQ(left.create(*daemon, service.c_str()), kStatusSuccess);
     EXPECT_EQ(left.traffic().port, port);
     EXPECT_EQ(right.create(*daemon, "7500"), kStatusSuccess);
@@ -156,10 +140,152 @@ TEST_F(Direct, GetsThePortOrSaysWhyNot) {
     EXPECT_NE(right.inbox().find(".U002A."), std::string::npos);
     left.end();
     right.end();
-    // A name that is too long for a session leaves no port behind.
-    daemon->behave([](TestDaemon::Manners& m) { m.gob = std::string(41, 'g'); });
+    EXPECT_EQ(left.create(*daemon, "7500:7500"), kStatusNotPermitted);
+    EXPECT_EQ(left.create(*daemon, "7500:nosuch"), kStatusServiceNotFound);
+    // A name that is too long for a session leaves no port taken.
+    daemon->behave([](TestDaemon::Behaviour& m) { m.gob = std::string(41, 'g'); });
     EXPECT_EQ(left.create(*daemon, service.c_str()), kStatusInitFailed);
-    (void)bindDatagrams(&port);
+    daemon->behave([](TestDaemon::Behaviour&) {});
+    EXPECT_EQ(left.create(*daemon, service.c_str()), kStatusSuccess);
+}
+
+// Takes the place of the roads out of a transport: notes what goes straight and answers it, changes
+// what the link answers, and finds the transport's lock free in each call.
+struct Roads : NoCopy {
+    Texts noted;                          // "to HOST:PORT {FIELDS}", "close", "stop"
+    pelmoStatus answer = kStatusSuccess;  // to what goes straight
+    pelmoStatus linkAnswer = kStatusSuccess;
+    uint32_t linkTakes = 0;           // of a vector that fails
+    std::function<void()> meanwhile;  // called once, by what goes straight
+    int references = 0;               // of sends, to the endpoint
+
+    Roads() {
+        current = this;
+        daemonLinkOps.sendVector = [](Transport* transport, std::span<pelmoMsg* const> messages,
+                                      uint32_t* taken) {
+            *taken = current->linkTakes;
+            if (current->linkAnswer != kStatusSuccess) return current->linkAnswer;
+            return current->link.sendVector(transport, messages, taken);
+        };
+        daemonLinkOps.stop = [](Transport* transport, double deadline) {
+            current->note("stop");
+            return current->link.stop(transport, deadline);
+        };
+        endpointOps.send = [](ReliableEndpoint*, uint32_t host, uint16_t port,
+                              std::span<pelmoMsg* const> messages) {
+            char words[40];
+            std::snprintf(words, sizeof words, "to %x:%x ", host, unsigned{port});
+            current->note(words + shownText(messages[0]));
+            if (current->meanwhile) std::exchange(current->meanwhile, nullptr)();
+            return current->answer;
+        };
+        endpointOps.retain = [](ReliableEndpoint* of) {
+            ++current->references;
+            current->endpoint.retain(of);
+        };
+        endpointOps.release = [](ReliableEndpoint* of) {
+            --current->references;
+            current->endpoint.release(of);
+        };
+        endpointOps.close = [](ReliableEndpoint* of, double deadline) {
+            current->note("close");
+            return current->endpoint.close(of, deadline);
+        };
+    }
+    ~Roads() {
+        daemonLinkOps = link;
+        endpointOps = endpoint;
+    }
+    Texts taken() { return std::exchange(noted, {}); }
+
+  private:
+    static inline Roads* current = nullptr;
+    const DaemonLinkOps link = daemonLinkOps;
+    const EndpointOps endpoint = endpointOps;
+    uint32_t calls = 0;
+
+    void note(const std::string& words) {
+        expectTransportsFree(0, &calls);
+        noted.push_back(words);
+    }
+};
+
+TEST_F(Direct, GoesStraightToInboxesThatNameAPort) {
+    Roads roads;
+    ASSERT_EQ(left.create(*daemon, "7500:"), kStatusSuccess);
+    (void)daemon->await(3);
+    const std::pair<const char*, const char*> straight[] = {
+        {"_INBOX.0A000001.P1F40.GOB.1", "to a000001:1f40"},
+        {"_INBOX.ffffffff.Pffff.1", "to ffffffff:ffff"},
+        {"_INBOX.1.P2", "to 1:2"},
+    };
+    for (const auto& [inbox, peer] : straight) {
+        EXPECT_EQ(sendText(left.transport, inbox, "x"), kStatusSuccess);
+        EXPECT_EQ(roads.taken(), Texts{std::string(peer) + R"( {text="x"})"});
+    }
+    Texts others;
+    for (const char* subject :
+         {"A.B", "_INBOX.0A000001.U1F40.1", "_INBOX.0A000001.P.1", "_INBOX.0A000001.PX.1",
+          "_INBOX.0A000001.P12345.1", "_INBOX.0A0000012.P1.1", "_INBOX.GOB.P1.1", "_INBOX.1",
+          "_INBOXES.1.P2"}) {
+        EXPECT_EQ(sendText(left.transport, subject, "x"), kStatusSuccess);
+        others.push_back(std::string(subject) + R"( {text="x"})");
+    }
+    EXPECT_EQ(daemon->await(others.back()), others);
+    EXPECT_EQ(roads.taken(), Texts{});
+    roads.answer = kStatusIoFailed;
+    EXPECT_EQ(sendText(left.transport, "_INBOX.1.P2"), kStatusIoFailed);
+
+    // A send that meets the destroy keeps the endpoint beyond its close. The daemon learns of the
+    // end of a transport as soon as its link has stopped, so that the endpoint is closed first.
+    (void)roads.taken();
+    roads.references = 0;
+    roads.answer = kStatusSuccess;
+    const Texts all = {R"(to 1:2 {text="x"})", "close", "stop"};
+    const uint32_t ending = std::exchange(left.transport, kNoId);
+    roads.meanwhile = [&] {
+        EXPECT_EQ(pelmoTransport_Destroy(ending), kStatusSuccess);
+        EXPECT_EQ(roads.references, 1);
+    };
+    EXPECT_EQ(sendText(ending, "_INBOX.1.P2", "x"), kStatusSuccess);
+    EXPECT_EQ(roads.noted, all);
+    EXPECT_EQ(roads.references, 0);
+}
+
+TEST_F(Direct, SendsVectorsTogetherOrNotAtAll) {
+    Roads roads;
+    ASSERT_EQ(left.create(*daemon, "7500:"), kStatusSuccess);
+    (void)daemon->await(3);
+    const std::string much(size_t{64} << 20, 'x');
+    const Message a = messageOn("A", "a"), inbox = messageOn("_INBOX.1.P2", "direct"),
+                  b = messageOn("B", "b"), reserved = messageOn("_PM.X"),
+                  longest = messageOn("C", much.c_str());
+    const struct {
+        pelmoMsg* last;  // after a, inbox and b; null: none
+        pelmoStatus status, answer, linkAnswer;
+        uint32_t linkTakes, taken;
+    } rows[] = {
+        {reserved.get(), kStatusInvalidSubject, kStatusSuccess, kStatusSuccess, 0, 0},
+        {longest.get(), kStatusInvalidSize, kStatusSuccess, kStatusSuccess, 0, 0},
+        {nullptr, kStatusDeliveryFailed, kStatusDeliveryFailed, kStatusSuccess, 0, 0},
+        // What was taken is counted in the order in which it leaves.
+        {nullptr, kStatusInvalidIoSource, kStatusSuccess, kStatusInvalidIoSource, 1, 2},
+        {nullptr, kStatusSuccess, kStatusSuccess, kStatusSuccess, 0, 3},
+    };
+    for (const auto& row : rows) {
+        (void)roads.taken();
+        pelmoMsg* messages[] = {a.get(), inbox.get(), b.get(), row.last};
+        roads.answer = row.answer;
+        roads.linkAnswer = row.linkAnswer;
+        roads.linkTakes = row.linkTakes;
+        uint32_t taken = 77;
+        EXPECT_EQ(pelmoTransport_SendvTaken(left.transport, messages, row.last != nullptr ? 4 : 3,
+                                            &taken),
+                  row.status);
+        EXPECT_EQ(taken, row.taken);
+        EXPECT_EQ(roads.noted.size(), row.last != nullptr ? 0u : 1u);
+    }
+    EXPECT_EQ(daemon->await(R"(B {text="b"})"), (Texts{R"(A {text="a"})", R"(B {text="b"})"}));
 }
 
 // Time goes a hundred times as fast, from before the library opens until it is closed.
@@ -202,26 +328,6 @@ TEST_F(FastDirect, TellsLosses) {
     right.end();
     EXPECT_EQ(sendText(left.transport, gone.c_str(), "x"), kStatusSuccess);
     EXPECT_TRUE(left.took(lossText("OUT", "acknowledge our transmission", 1432)));
-}
-
-// The library closes under transports that send to each other, in one process: nothing hangs.
-TEST_F(Direct, EndsWithTheLibrary) {
-    meet();
-    const std::string inbox = right.inbox();
-    right.listen(inbox.c_str());
-    std::atomic<bool> isOver = false;
-    std::thread sender([&, transport = left.transport] {
-        const Message message = messageOn(inbox.c_str(), std::string(2000, 'x').c_str());
-        while (!isOver && pelmoTransport_Send(transport, message.get()) == kStatusSuccess) {
-        }
-    });
-    EXPECT_TRUE(soon([&] { return right.traffic().messagesReceived > 1000; }));
-    // The peer ends first, and what it hadn't read by then is lost.
-    const pelmoStatus status = pelmo_Close();
-    EXPECT_TRUE(status == kStatusSuccess || status == kStatusDeliveryFailed) << status;
-    isOver = true;
-    sender.join();
-    left.transport = right.transport = kNoId;
 }
 
 }  // namespace

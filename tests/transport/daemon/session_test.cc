@@ -4,21 +4,12 @@
 
 #include <arpa/inet.h>
 
-#include <cstring>
 #include <functional>
 #include <utility>
 
-#include "lib/msg/text.h"
-#include "lib/transport/daemon/interest.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
 
 namespace {
-
-std::string textOfAll(pelmoMsg* message) {
-    const char* text = nullptr;
-    return pelmoMsg_ConvertToString(message, &text) == kStatusSuccess ? text : "no text";
-}
 
 constexpr SessionStart kPlainStart = {.userName = "me",
                                       .session = "",
@@ -49,16 +40,9 @@ TEST(Session, SaysWhatAStartHasToSay) {
                R"( descr="" http="" echo=false hide=true rli=0})"},
     };
     for (const auto& [start, text] : cases) {
-        EXPECT_GT(eachAllocationFails([&] {
-                      pelmoMsg* made = nullptr;
-                      const pelmoStatus status = sessionStartMessage(&made, start);
-                      EXPECT_EQ(status, allocationsFailed() ? kStatusNoMemory : kStatusSuccess);
-                      if (status != kStatusSuccess) return;
-                      const HeldMessage message(made);
-                      allocationsHeal();
-                      EXPECT_EQ(textOfAll(made), text);
-                  }),
-                  1u);
+        pelmoMsg* made = nullptr;
+        ASSERT_EQ(sessionStartMessage(&made, start), kStatusSuccess);
+        EXPECT_EQ(shownText(HeldMessage(made).get()), text);
     }
 }
 
@@ -141,20 +125,6 @@ TEST(Session, IsCalledByWhatTheDaemonTold) {
     const auto* link = reinterpret_cast<const void*>(uintptr_t{0x5512345678a});
     sessionMakeGob(gob, {link, 0x1ffffffff, UINT32_MAX});
     EXPECT_STREQ(gob, "2345678AFFFFFFFFFFFFFFFF");
-}
-
-TEST(Interest, NamesASubject) {
-    uint8_t own[kSubjectMaxBytes];
-    ASSERT_EQ(interestOwnInboxes(own, "7F000001.G"), kStatusSuccess);
-    eachAllocationFails([&] {
-        pelmoMsg* made = nullptr;
-        const pelmoStatus status = interestMessage(&made, own, kInterestStart);
-        EXPECT_EQ(status, allocationsFailed() != 0 ? kStatusNoMemory : kStatusSuccess);
-        if (status != kStatusSuccess) return;
-        const HeldMessage message(made);
-        allocationsHeal();
-        EXPECT_EQ(textOfAll(made), R"({mtype="L" sub=[_INBOX.7F000001.G.>]})");
-    });
 }
 
 }  // namespace

@@ -86,15 +86,13 @@ TEST(SecureModules, TellsHowFarItCameWhenItFails) {
         }
         EXPECT_EXIT(bindFrom(folder), ExitedWithCode(1), Eq(words + kGivenUp));
     }
-}
-
-TEST(SecureModules, GivesUpWithoutAPath) {
-    const auto bind = [] {
+    const auto bindWithoutAPath = [] {
         setenv("PELMO_REXEC", "1", 1);
         unsetenv("PM_BIN");
         bindAsTheToolDoes();
     };
-    EXPECT_EXIT(bind(), ExitedWithCode(1), Eq("Failed to set module path\n" + kGivenUp));
+    EXPECT_EXIT(bindWithoutAPath(), ExitedWithCode(1),
+                Eq("Failed to set module path\n" + kGivenUp));
 }
 
 TEST(SecureModules, TakesAnyLetterOfOneVersion) {
@@ -109,7 +107,7 @@ TEST(SecureModules, TakesAnyLetterOfOneVersion) {
     layBoth(folder, "crypto_without_first_name", "ssl");
     for (const auto& [version, accepted] : cases) {
         SCOPED_TRACE(version);
-        // An accepted version shows by the step behind it.
+        // An accepted version shows by the step after it.
         const std::string words =
             accepted ? "failed to bind OPENSSL_init_crypto\n" + kOpenedBoth +
                            "Failed binding entry points in library libcrypto.so.1.1\n"

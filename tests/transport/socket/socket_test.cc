@@ -4,12 +4,12 @@
 
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "lib/transport/socket/socket_internal.h"
 #include "tests/runtime/event_stand.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/loopback_peer.h"
 #include "tests/support/test.h"
 
@@ -22,7 +22,6 @@ struct Environment : NoCopy {
         setenv(name, value, 1);
     }
     ~Environment() { unsetenv(name); }
-
     const char* name;
 };
 
@@ -30,7 +29,6 @@ struct Environment : NoCopy {
 struct RunningClock : NoCopy {
     RunningClock() { former = clockSetMonotonicSource(nullptr); }
     ~RunningClock() { clockSetMonotonicSource(former); }
-
     ClockSource former;
 };
 
@@ -124,8 +122,6 @@ TEST_F(Sockets, ServeAndConnect) {
     Socket* server = nullptr;
     Socket* accepted = nullptr;
     ASSERT_EQ(socketCreateServer(&server, kPlainSocketClass, kFirstIoQueueId, false), kSocketDone);
-    EXPECT_EQ(socketListen(server), kSocketWrongState);
-    EXPECT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketWrongState);
     EXPECT_EQ(socketBind(server, kLoopbackHost, listener.port, false), kSocketOtherError);
     EXPECT_EQ(socketBind(server, kLoopbackHost, listener.port, true), kSocketDone);
     EXPECT_NE(socketBoundPort(server), listener.port);
@@ -135,15 +131,12 @@ TEST_F(Sockets, ServeAndConnect) {
     EXPECT_EQ(socketBind(second, kLoopbackHost, socketBoundPort(server), true), kSocketDone);
     EXPECT_NE(socketBoundPort(second), socketBoundPort(server));
     socketDestroy(second);
-    EXPECT_EQ(socketOnReadable(server, Caller::call, &reader), kStatusInvalidIoSource);
     ASSERT_EQ(socketListen(server), kSocketDone);
     ASSERT_EQ(socketOnReadable(server, Caller::call, &reader), kStatusSuccess);
-    EXPECT_EQ(socketOnWritable(server, Caller::call, &writer), kStatusInvalidIoSource);
     EXPECT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketWouldBlock);
     reader.act = [&] { EXPECT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketDone); };
 
     (void)startConnect(socketBoundPort(server));
-    EXPECT_EQ(socketConnect(client, kLoopbackHost, listener.port), kSocketWrongState);
     EXPECT_TRUE(passUntilCalled(reader, 1));
     EXPECT_EQ(socketWaitConnected(client, 0), kStatusSuccess);
     EXPECT_EQ(socketPeerPort(client), socketBoundPort(server));
@@ -231,39 +224,30 @@ TEST_F(Sockets, GiveUpAConnectAtItsTimeOrWhenInterrupted) {
     }
 }
 
-TEST_F(Sockets, TellOfAClosedPeerEachTime) {
-    connect();
-    sendText(peer.number(), "last");
-    peer.shut();
-    EXPECT_EQ(readOf(client, 9), (Result{kSocketDone, "last"}));
-    logSetSocketLines(true);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(readOf(client, 9).code, kSocketDisconnected);
-    EXPECT_EQ(readOf(client, 9, socketPeek).code, kSocketDisconnected);
-    const std::string lines = testing::internal::GetCapturedStderr();
-    char line[100];
-    const int size = std::snprintf(line, sizeof(line), "socket %p:%d disconnect due to 0 read.\n\n",
-                                   static_cast<void*>(client), socketHandle(client));
-    EXPECT_NE(lines.find("_pelmoTcpSocket_Recv: " + std::string(line)), std::string::npos);
-    EXPECT_TRUE(lines.ends_with("_pelmoTcpSocket_Peek: " + std::string(line))) << size << lines;
-}
-
 TEST_F(Sockets, PeekWithoutConsuming) {
     connect();
-    EXPECT_EQ(readOf(client, 4, socketPeek).code, kSocketWouldBlock);
-    sendText(peer.number(), "abcdef");
-    EXPECT_EQ(readOf(client, 2, socketPeek), (Result{kSocketDone, "ab"}));
-    EXPECT_EQ(readOf(client, 4, socketPeek), (Result{kSocketDone, "abcd"}));
-    EXPECT_EQ(readOf(client, 1), (Result{kSocketDone, "a"}));
-    EXPECT_EQ(readOf(client, 100), (Result{kSocketDone, "bcdef"}));
-
-    // What lies there isn't lost where there is no more.
-    sendText(peer.number(), "xyz");
-    EXPECT_EQ(readOf(client, 3, socketPeek), (Result{kSocketDone, "xyz"}));
-    EXPECT_EQ(readOf(client, 4), (Result{kSocketWouldBlock, ""}));
+    const struct {
+        const char* sent;
+        uint32_t peeks, reads;  // as many bytes
+        Result peeked, read;
+    } steps[] = {
+        {"", 4, 1, {kSocketWouldBlock, ""}, {kSocketWouldBlock, ""}},
+        {"abcdef", 2, 0, {kSocketDone, "ab"}, {kSocketDone, ""}},
+        {"", 4, 1, {kSocketDone, "abcd"}, {kSocketDone, "a"}},
+        {"", 4, 100, {kSocketDone, "bcde"}, {kSocketDone, "bcdef"}},
+        {"xyz", 3, 4, {kSocketDone, "xyz"}, {kSocketWouldBlock, ""}},  // less than is wanted
+    };
+    for (const auto& step : steps) {
+        sendText(peer.number(), step.sent);
+        EXPECT_EQ(readOf(client, step.peeks, socketPeek), step.peeked);
+        if (step.reads != 0) {
+            EXPECT_EQ(readOf(client, step.reads), step.read);
+        }
+    }
     peer.shut();
     EXPECT_EQ(readOf(client, 4).code, kSocketDisconnected);
     EXPECT_EQ(readOf(client, 3), (Result{kSocketDone, "xyz"}));
+    EXPECT_EQ(readOf(client, 9, socketPeek).code, kSocketDisconnected);
 }
 
 TEST_F(Sockets, HoldTheReaderBackForItsLeastBytes) {
@@ -271,21 +255,48 @@ TEST_F(Sockets, HoldTheReaderBackForItsLeastBytes) {
     ASSERT_EQ(socketSetMinRead(client, 4), kStatusSuccess);
     ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
     reader.act = [&] { EXPECT_EQ(readOf(client, 4), (Result{kSocketDone, "abcd"})); };
-    sendText(peer.number(), "abc");
-    passes();
-    EXPECT_EQ(reader.calls, 0);
-    sendText(peer.number(), "de");
+    for (const char* text : {"abc", "de"}) {
+        passes();
+        EXPECT_EQ(reader.calls, 0);
+        sendText(peer.number(), text);
+    }
     EXPECT_TRUE(passUntilCalled(reader, 1));
-
     passes();
     EXPECT_EQ(reader.calls, 1);
-    reader.act = [&] {
-        EXPECT_EQ(readOf(client, 4).code, kSocketDisconnected);
-        EXPECT_EQ(readOf(client, 1), (Result{kSocketDone, "e"}));
-        socketClose(client);
-    };
+    reader.act = [&] { socketClose(client); };
     peer.shut();  // four will never come
     EXPECT_TRUE(passUntilCalled(reader, 2));
+}
+
+// On an ordinary queue an entry may still wait when its socket is gone.
+TEST_F(Sockets, MoveToAnotherQueueAndMayEndThere) {
+    for (const bool endsByCallback : {true, false}) {
+        connect();
+        reader = {};
+        reader.act = [&] { socketDestroy(std::exchange(client, nullptr)); };
+        ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
+        ASSERT_EQ(socketSetQueue(client, stand.queue), kSocketDone);
+        sendText(peer.number(), "x");
+        passes();
+        EXPECT_EQ(reader.calls, 0);
+        EXPECT_EQ(countOf(stand.queue), 1u);
+        if (!endsByCallback) reader.act();
+        dispatchAll(stand.queue);
+        EXPECT_EQ(reader.calls, endsByCallback ? 1 : 0);
+    }
+}
+
+TEST_F(Sockets, KeepAliveUnlessTheEnvironmentForbids) {
+    connect();
+    for (const bool isForbidden : {true, false}) {
+        std::optional<Environment> disabled;
+        if (isForbidden) disabled.emplace("PELMO_DISABLE_SO_KEEPALIVE", "1");
+        EXPECT_EQ(socketSetKeepAlive(client, true), kStatusSuccess);
+        int isOn = 0;
+        socklen_t size = sizeof(isOn);
+        getsockopt(socketHandle(client), SOL_SOCKET, SO_KEEPALIVE, &isOn, &size);
+        EXPECT_NE(isOn != 0, isForbidden);
+    }
 }
 
 TEST_F(Sockets, SayWhenACallbackCantRunAnyMore) {
@@ -325,64 +336,6 @@ TEST_F(Sockets, SayWhenACallbackCantRunAnyMore) {
     EXPECT_EQ(second.dones, 1);  // a close tells nobody
     EXPECT_EQ(socketOnWritable(client, Caller::call, &writer), kStatusInvalidIoSource);
     EXPECT_EQ(readOf(client, 1).code, kSocketDisconnected);
-}
-
-// On an ordinary queue an entry may still wait when its socket is gone.
-TEST_F(Sockets, MoveToAnotherQueueAndMayEndThere) {
-    connect();
-    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
-    ASSERT_EQ(socketSetQueue(client, stand.queue), kSocketDone);
-    sendText(peer.number(), "x");
-    passes();
-    EXPECT_EQ(reader.calls, 0);
-    EXPECT_EQ(countOf(stand.queue), 1u);
-    reader.act = [&] { socketDestroy(std::exchange(client, nullptr)); };
-    EXPECT_TRUE(passUntilCalled(reader, 1));
-
-    connect();
-    ASSERT_EQ(socketOnReadable(client, Caller::call, &reader), kStatusSuccess);
-    ASSERT_EQ(socketSetQueue(client, stand.queue), kSocketDone);
-    sendText(peer.number(), "x");
-    passes();
-    socketDestroy(std::exchange(client, nullptr));
-    dispatchAll(stand.queue);
-    EXPECT_EQ(reader.calls, 1);
-}
-
-TEST_F(Sockets, CountBytesASecond) {
-    connect();
-    EXPECT_EQ(socketRate(client, SocketDirection::kRead), 0);
-    sendText(peer.number(), std::string(50, 'x'));
-    EXPECT_TRUE(passUntil([&] { return readOf(client, 50).code == kSocketDone; }));
-    stand.fire(10);
-    (void)Queue_Create(nullptr, kTimerQueueId, "timers", false, false);
-    // The timer's queue came too late: the first question had no answer, the next one starts.
-    EXPECT_EQ(socketRate(client, SocketDirection::kRead), 0);
-    sendText(peer.number(), std::string(70, 'x'));
-    EXPECT_TRUE(passUntil([&] { return readOf(client, 70).code == kSocketDone; }));
-    EXPECT_EQ(stand.fire(10), 1u);
-    dispatchAll(kTimerQueueId);
-    EXPECT_EQ(socketRate(client, SocketDirection::kRead), 7.0);
-    EXPECT_EQ(socketRate(client, SocketDirection::kWrite), 0.0);
-}
-
-TEST_F(Sockets, KeepAliveUnlessTheEnvironmentForbids) {
-    connect();
-    const auto isOn = [&] {
-        int on = 0;
-        socklen_t size = sizeof(on);
-        getsockopt(socketHandle(client), SOL_SOCKET, SO_KEEPALIVE, &on, &size);
-        return on != 0;
-    };
-    {
-        const Environment disabled("PELMO_DISABLE_SO_KEEPALIVE", "1");
-        EXPECT_EQ(socketSetKeepAlive(client, true), kStatusSuccess);
-        EXPECT_FALSE(isOn());
-    }
-    EXPECT_EQ(socketSetKeepAlive(client, true), kStatusSuccess);
-    EXPECT_TRUE(isOn());
-    socketClose(client);
-    EXPECT_EQ(socketSetKeepAlive(client, true), kStatusNotInitialized);
 }
 
 TEST_F(Sockets, EndBlockingReadsOnOtherThreads) {
@@ -457,15 +410,6 @@ struct SocketClasses : Sockets {
     }
     TestClass own;
 };
-
-TEST_F(SocketClasses, AreRowsOfATable) {
-    for (const uint32_t index : {0u, kTestClass, kSocketClasses})
-        EXPECT_EQ(socketClassRegister({.index = index}), 0u);
-    Socket* none = nullptr;
-    EXPECT_EQ(socketCreateClient(&none, kSecureSocketClass, kFirstIoQueueId, false),
-              kSocketWrongState);
-    EXPECT_EQ(socketCreateClient(&none, kSocketClasses, kFirstIoQueueId, false), kSocketWrongState);
-}
 
 // What a class begins with goes on at each event of the direction that it waits for.
 TEST_F(SocketClasses, BeginAheadOfTheFirstByte) {
@@ -545,62 +489,7 @@ TEST_F(SocketClasses, GetNoMoreThanOneSendMayMove) {
     socketSetMode(client, SocketMode::kFullyBlocking);
     EXPECT_EQ(socketWriteVector(client, &list, &out), kSocketWrongState);
 
-    // By the system's own calls, to a peer that reads all.
-    classIndex = kPlainSocketClass;
-    connect();
-    gatherClear(&list);
-    ASSERT_TRUE(gatherAdd(&list, bytes.data(), kMostSendBytes + 1));
-    ASSERT_TRUE(gatherAdd(&list, "end", 3));
-    std::string received;
-    std::thread receiving([&] { received = receiveText(peer.number(), bytes.size() + 3); });
-    socketSetMode(client, SocketMode::kBlocking);
-    while (list.count != 0) {
-        ASSERT_EQ(socketWriteVector(client, &list, &out), kSocketDone);
-        EXPECT_LE(out, kMostSendBytes);
-        gatherDropBytes(&list, out);
-    }
-    receiving.join();
-    EXPECT_EQ(received, bytes + "end");
     gatherFree(&list);
-}
-
-// Nothing is left of what failed, and the next attempt goes well.
-TEST_F(Sockets, SurviveEachAllocationThatFails) {
-    const size_t objects = objectCount();
-    const size_t failing = eachAllocationFails([&] {
-        Socket* server = nullptr;
-        Socket* made = nullptr;
-        Socket* accepted = nullptr;
-        const bool listens =
-            socketCreateServer(&server, kPlainSocketClass, kFirstIoQueueId, false) == kSocketDone &&
-            socketBind(server, kLoopbackHost, 0, false) == kSocketDone &&
-            socketListen(server) == kSocketDone;
-        bool all = listens && socketCreateClient(&made, kPlainSocketClass, kFirstIoQueueId,
-                                                 false) == kSocketDone;
-        if (all) {
-            const SocketCode code = socketConnect(made, kLoopbackHost, socketBoundPort(server));
-            all = code == kSocketDone || code == kSocketWouldBlock;
-            EXPECT_TRUE(all || code == kSocketNoBuffers);
-        }
-        if (all) all = socketOnWritable(made, Caller::call, &writer) == kStatusSuccess;
-        if (all) all = socketWaitConnected(made, -1) == kStatusSuccess;
-        if (all) all = socketAccept(server, &accepted, kFirstIoQueueId) == kSocketDone;
-        if (all) {
-            uint32_t out;
-            EXPECT_EQ(socketWrite(made, "x", 1, &out), kSocketDone);
-            all = socketOnReadable(accepted, Caller::call, &reader) == kStatusSuccess &&
-                  socketSetMinRead(accepted, 1) == kStatusSuccess &&
-                  readOf(accepted, 100, socketPeek).code != kSocketNoBuffers &&
-                  socketSetQueue(accepted, stand.queue) == kSocketDone;
-        }
-        EXPECT_EQ(all, allocationsFailed() == 0);
-        allocationsHeal();
-        for (Socket* socket : {server, made, accepted}) {
-            if (socket != nullptr) socketDestroy(socket);
-        }
-        EXPECT_EQ(objectCount(), objects);
-    });
-    EXPECT_GT(failing, 10u);
 }
 
 }  // namespace

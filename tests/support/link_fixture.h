@@ -14,9 +14,8 @@
 #include "lib/pelmo.h"
 #include "lib/transport/daemon/link_environment.h"
 #include "tests/support/local_bus.h"
-#include "tests/support/test.h"
 
-class LinkStand : public NoCopy {
+class LinkFixture : NoCopy {
   public:
     struct Timer {
         uint32_t id;
@@ -31,7 +30,7 @@ class LinkStand : public NoCopy {
     std::function<bool(const std::string&)> onLaunch;  // null: no program is found
     std::function<void()> onSleep;                     // in place of a sleep
 
-    LinkStand() {
+    LinkFixture() {
         current = this;
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);
         former = linkEnvironment;
@@ -45,7 +44,7 @@ class LinkStand : public NoCopy {
             return current->onLaunch && current->onLaunch(specification);
         };
     }
-    ~LinkStand() {
+    ~LinkFixture() {
         if (libraryIsOpen()) pelmo_Close();
         linkEnvironment = former;
         current = nullptr;
@@ -66,7 +65,7 @@ class LinkStand : public NoCopy {
     static void fire(const Timer& timer) { timer.callback(timer.id, nullptr, timer.closure); }
 
   private:
-    static inline LinkStand* current = nullptr;
+    static inline LinkFixture* current = nullptr;
     LinkEnvironment former;
     std::mutex mutex;
     std::condition_variable changed;

@@ -3,27 +3,28 @@
 
 #pragma once
 
-#include "lib/msg/text.h"
+#include <algorithm>
+#include <sstream>
+
 #include "lib/runtime/event_manager.h"
 #include "lib/transport/circuit/circuit_internal.h"
 #include "tests/support/local_bus.h"
-#include "tests/support/test.h"
 
 struct TimerThread : NoCopy {
     TimerThread() { EXPECT_EQ(EventManager_Start(), kStatusSuccess); }
     ~TimerThread() { EventManager_Stop(); }
 };
 
-struct CircuitStand : testing::Test {
+struct CircuitFixture : testing::Test {
     LocalBus bus;
     TimerThread timers;
     uint32_t queue = makeQueue();
 
-    CircuitStand() {
+    CircuitFixture() {
         circuitAttach();
         EXPECT_EQ(Queue_Create(nullptr, kWorkQueueId, "work", false, false), kStatusSuccess);
     }
-    ~CircuitStand() override {
+    ~CircuitFixture() override {
         for (const uint32_t id : idsOf(IdType::kTransport)) {
             if (id != kLocal) pelmoTransport_Destroy(id);
         }
@@ -52,49 +53,38 @@ struct CircuitPair {
         const char* subject = nullptr;
         EXPECT_EQ(vcCreateAccept(&accepting, &subject, underlying), kStatusSuccess);
         EXPECT_EQ(vcCreateConnect(&connecting, subject, underlying), kStatusSuccess);
-        CircuitStand::work();
+        CircuitFixture::work();
         EXPECT_EQ(vcWaitForConnection(accepting, 0), kStatusSuccess);
         EXPECT_EQ(vcWaitForConnection(connecting, 0), kStatusSuccess);
     }
 };
 
-// A message of outer fields, as it comes off a transport.
-class RawMessage {
-  public:
-    explicit RawMessage(const char* to) { subject("sub", to).text("mtype", "D"); }
-
-    RawMessage& text(const char* name, const char* value) {
-        return done(pelmoMsg_AddString(get(), name, value, 0));
+// A message of outer fields, as it comes off a transport, from "vct=vctd vcq=2 vcs=[A] data":
+// texts, the u64 "vcq", subjects in brackets, i32 numbers behind "#"; "data" is a message.
+inline Message rawMessage(const std::string& to, const std::string& fields) {
+    Message made = newMessage();
+    pelmoMsg* const into = made.get();
+    const auto add = [&](const char* name, const std::string& value) {
+        if (value.empty() && name == std::string("data"))
+            return pelmoMsg_AddMsg(into, name, messageOn(nullptr).get(), 0);
+        if (name == std::string("vcq") && value[0] != '"')
+            return pelmoMsg_AddU64(into, name, std::stoull(value), 0);
+        if (value[0] == '#') return pelmoMsg_AddI32(into, name, std::stoi(value.substr(1)), 0);
+        if (value[0] != '[') return pelmoMsg_AddString(into, name, value.c_str(), 0);
+        return pelmoMsg_AddSubjectText(into, name, value.substr(1, value.size() - 2).c_str(), 0);
+    };
+    std::istringstream words("sub=[" + to + "] mtype=D " + fields);
+    for (std::string word; words >> word;) {
+        const size_t at = std::min(word.find('='), word.size());
+        EXPECT_EQ(add(word.substr(0, at).c_str(), word.substr(std::min(at + 1, word.size()))),
+                  kStatusSuccess)
+            << word;
     }
-    RawMessage& subject(const char* name, const char* value) {
-        return done(pelmoMsg_AddSubjectText(get(), name, value, 0));
-    }
-    RawMessage& i32(const char* name, int32_t value) {
-        return done(pelmoMsg_AddI32(get(), name, value, 0));
-    }
-    RawMessage& number(uint64_t value) { return done(pelmoMsg_AddU64(get(), "vcq", value, 0)); }
-    RawMessage& data(pelmoMsg* value) { return done(pelmoMsg_AddMsg(get(), "data", value, 0)); }
-    RawMessage& kind(const char* value) { return text("vct", value); }
+    return made;
+}
 
-    [[nodiscard]] pelmoMsg* get() const { return message_.get(); }
-    void send(uint32_t transport = kLocal) const {
-        EXPECT_EQ(pelmoTransport_Send(transport, get()), kStatusSuccess);
-    }
-
-  private:
-    Message message_ = newMessage();
-
-    RawMessage& done(pelmoStatus status) {
-        EXPECT_EQ(status, kStatusSuccess);
-        return *this;
-    }
-};
-
-// The text of all that a message's fields show.
-inline std::string allFields(pelmoMsg* message) {
-    EXPECT_EQ(msgCloseEnvelope(message), kStatusSuccess);
-    const char* text = nullptr;
-    return pelmoMsg_ConvertToString(message, &text) == kStatusSuccess ? text : "no text";
+inline void sendRaw(const std::string& to, const std::string& fields) {
+    EXPECT_EQ(pelmoTransport_Send(kLocal, rawMessage(to, fields).get()), kStatusSuccess);
 }
 
 // A peer without a library behind it: its inbox is a plain listener of the test's.
@@ -104,17 +94,18 @@ struct BarePeer {
 
     explicit BarePeer(uint32_t queue) {
         EXPECT_EQ(pelmoTransport_CreateInbox(kLocal, inbox, sizeof inbox), kStatusSuccess);
-        EXPECT_EQ(listener_.listen(queue, inbox), kStatusSuccess);
-        listener_.onMessage = [this](pelmoMsg* message) { heard.push_back(allFields(message)); };
+        EXPECT_EQ(listener.listen(queue, inbox), kStatusSuccess);
+        listener.onMessage = [this](pelmoMsg* message) {
+            EXPECT_EQ(msgCloseEnvelope(message), kStatusSuccess);
+            heard.push_back(shownText(message));
+        };
     }
-
-    [[nodiscard]] RawMessage request(const char* to) const {
-        RawMessage message(to);
-        message.kind("vctc").text("return", inbox).subject("cmret", inbox);
-        return message;
+    // Of a request for a circuit.
+    [[nodiscard]] std::string fields() const {
+        return std::string("vct=vctc return=") + inbox + " cmret=[" + inbox + "] ";
     }
     [[nodiscard]] Texts taken() { return std::exchange(heard, {}); }
 
   private:
-    TestListener listener_;
+    TestListener listener;
 };
