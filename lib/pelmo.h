@@ -13,14 +13,14 @@
 // until their counter wraps around.
 //
 // Environment. Read at the first open: _PM_TRACING_MODULES lists the modules whose calls are
-// logged, separated by ",", each with "=" and a subject behind it where only messages on that
+// logged, separated by ",", each followed by "=" and a subject if only messages on that
 // subject are wanted; _PM_TRACING_FILE names the file, "stderr" or "stdout" that the lines go to.
 // Tracing stays off when these settings are invalid. Read at each connection to a daemon:
-// PELMO_BINDADDR, a dotted address of this host, is where it goes out from, if the system lets it;
-// PELMO_DISABLE_SO_KEEPALIVE, with any value, leaves the system's own probes of a silent peer off;
-// PELMO_DISABLE_UDP_SEGMENT, likewise, keeps each packet of the direct road a call of its own;
-// IPQ_ACCOUNTING is a number whose bits print to the standard output stream: 1 a summary of the
-// connection at its close, 2 the sizes of its reads, 4 those of its writes.
+// PELMO_BINDADDR, a dotted address of this host, is the address it goes out from, if the system
+// allows that; PELMO_DISABLE_SO_KEEPALIVE, with any value, leaves the system's own probes of a
+// silent peer off; PELMO_DISABLE_UDP_SEGMENT, likewise, sends each packet of a direct endpoint by a
+// call of its own; IPQ_ACCOUNTING is a number whose bits print to the standard output stream: 1 a
+// summary of the connection at its close, 2 the sizes of its reads, 4 those of its writes.
 //
 // Failure: kStatusInitFailed when the one-time set-up of the process failed, at that call and at
 // every later one; kStatusOsError for a thread that gave up waiting for another thread's set-up;

@@ -16,7 +16,7 @@ struct LibraryState {
     Lock lock = PELMO_LOCK_READY(LockRank::kLibrary);
 
     // Constant once the one-time set-up has run.
-    bool setupDone = false;  // stays false where the set-up failed
+    bool setupDone = false;  // stays false if the set-up failed
     Cond closedCond = {};    // broadcast at the end of the last close
 
     bool tablesReady PELMO_GUARDED_BY(lock) = false;

@@ -19,6 +19,6 @@ inline constexpr uint32_t kMostBatchMessages = 128;
 using pelmoEventCompletion = void (*)(uint32_t event, void* closure);
 using pelmoQueueCompletion = void (*)(uint32_t queue, void* closure);
 
-// Tells a foreign event loop that something was posted. The hook runs on the posting thread;
+// Notifies another event loop that something was posted. The hook runs on the posting thread;
 // queue.h says more.
 using pelmoQueueHook = void (*)(uint32_t queue, void* closure);

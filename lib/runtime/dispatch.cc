@@ -24,8 +24,8 @@ struct Batch {
 };
 
 // Fills `ready` from `pending` if it is empty; both locks are held. Several posts may have been
-// merged into one signal, which wakes one thread, so a dispatch that leaves entries behind wakes
-// the next thread.
+// merged into one signal, which wakes one thread, so a dispatch that leaves entries wakes the
+// next thread.
 bool takePendingLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock, queue->dataLock) {
     if (queue->ready->count == 0) std::swap(queue->pending, queue->ready);
     const bool leavesSome = queue->ready->count + queue->pending->count > 1;

@@ -1,14 +1,14 @@
 // Dispatch: takes entries off a queue and runs their callbacks, with no lock of the library held.
 //
 // Seconds in all timed calls: below 0 waits without limit, 0 doesn't wait, above 0 waits at most so
-// long. The limit is exact when nothing wakes the thread; otherwise it counts from the first stray
-// wake-up.
+// long. The limit is exact when nothing wakes the thread early; otherwise it counts from the first
+// spurious wake-up.
 //
 // One step runs one callback: of one entry, or of up to 128 for vector listeners that share their
 // callback, their group and their transport. A timer is armed again just before its callback, an IO
 // event registered again just after it.
 //
-// Failure: kStatusSuccess where a step has run, even if it found only entries of destroyed events;
+// Failure: kStatusSuccess when a step has run, even if it found only entries of destroyed events;
 // kStatusTimeout; kStatusInvalidQueue or kStatusInvalidQueueGroup for a bad id or an object
 // destroyed meanwhile; kStatusNotInitialized once the library is closed; kStatusNotPermitted for a
 // synchronous queue, which can only be polled.

@@ -33,8 +33,8 @@ uint64_t countEntriesLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock
     return total;
 }
 
-// Several posts may have been merged into one signal, so a thread that leaves entries behind wakes
-// the next one.
+// Several posts may have been merged into one signal, so a thread that leaves entries wakes the
+// next one.
 bool hasEntriesLocked(QueueGroup* group) PELMO_REQUIRES(group->header.lock) {
     const uint64_t total = countEntriesLocked(group);
     if (total > 1 && group->cond.waiters.load(std::memory_order_relaxed) > 0) {
@@ -63,7 +63,7 @@ bool isOfPriority(uint32_t id, uint32_t priority) {
     return queue.findLocked(id) == kStatusSuccess && queue->priority == priority;
 }
 
-// Moves the queue behind all others of its priority, so that they take turns.
+// Moves the queue after all others of its priority, so that they take turns.
 void rotateLocked(QueueGroup* group, uint32_t place, uint32_t priority)
     PELMO_REQUIRES(group->header.lock) {
     void** const items = group->queues->items;

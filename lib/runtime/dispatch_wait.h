@@ -1,7 +1,7 @@
 // The wait that the dispatch loops of queues and of groups share.
 //
-// A wait with a limit is exact when nothing wakes the thread. From the first stray wake-up on, the
-// time between it and the latest one counts against the limit.
+// A wait with a limit is exact when nothing wakes the thread early. From the first spurious wake-up
+// on, the time between it and the latest one counts against the limit.
 //
 // Threads: a DispatchWait is used by one thread.
 
@@ -17,7 +17,7 @@ struct IdHeader;
 
 struct DispatchWait {
     double seconds;      // as in all timed calls (lib/runtime/dispatch.h)
-    uint32_t wakes = 0;  // stray wake-ups so far
+    uint32_t wakes = 0;  // spurious wake-ups so far
     double firstWake = 0;
     double lastWake = 0;
 };

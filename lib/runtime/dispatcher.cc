@@ -44,7 +44,7 @@ const char* nameLocked(const Dispatcher* dispatcher) PELMO_REQUIRES(dispatcher->
     return dispatcher->name != nullptr ? dispatcher->name : kUnnamed;
 }
 
-void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {  // nobody else knows it any more
+void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {  // no other thread can reach it
     auto* dispatcher = reinterpret_cast<Dispatcher*>(object);
     if (dispatcher->thread != nullptr) Thread_Destroy(dispatcher->thread);
     Lock_Destroy(&dispatcher->joinLock);
@@ -79,7 +79,7 @@ pelmoStatus createExitAdvisory(pelmoMsg** out, const char* dispatcherName) {
 }
 
 // A name that makes no subject, since it is too long or has an empty element, counts as none. Null
-// where memory ran out.
+// without memory.
 pelmoMsg* newExitAdvisory(Dispatcher* dispatcher, pelmoStatus status) {
     if (transportOps.createAdvisory == nullptr) return nullptr;
     pelmoMsg* message = nullptr;
@@ -99,8 +99,8 @@ pelmoMsg* newExitAdvisory(Dispatcher* dispatcher, pelmoStatus status) {
     return nullptr;
 }
 
-// Nobody hears of an end that memory doesn't suffice to tell.
-void tellOfExit(Dispatcher* dispatcher, pelmoStatus status) {
+// Without memory the exit goes unreported.
+void reportExit(Dispatcher* dispatcher, pelmoStatus status) {
     pelmoMsg* const message = newExitAdvisory(dispatcher, status);
     if (message != nullptr) (void)transportOps.distribute(kIntraProcessTransportId, message);
 }
@@ -123,7 +123,7 @@ void runDispatcher(void* argument) {
     while (status == kStatusSuccess && !Id_IsInvalid(&self->header)) {
         status = dispatchOnce(self.get());
     }
-    tellOfExit(self.get(), Id_IsInvalid(&self->header) ? kStatusInvalidDispatcher : status);
+    reportExit(self.get(), Id_IsInvalid(&self->header) ? kStatusInvalidDispatcher : status);
     dispatchSetStopWord(nullptr);
 }
 
@@ -185,7 +185,7 @@ pelmoStatus pelmoDispatcher_CreateEx(uint32_t* out, uint32_t dispatchable, doubl
     }
     Dispatcher* const made = newDispatcher(dispatchable, isQueue, seconds);
     if (made == nullptr) return kStatusNoMemory;
-    // The base reference goes as soon as somebody destroys what is published; this one is ours.
+    // A destroy by another thread releases the base reference; this one is ours.
     Held<Dispatcher> dispatcher;
     dispatcher.share(made);
     const pelmoStatus status = publish(made);

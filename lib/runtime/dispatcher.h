@@ -17,7 +17,7 @@
 
 #include "../base/status.h"
 
-// kStatusInvalidArgument where the id is neither a queue nor a group. Doesn't test the open flag.
+// kStatusInvalidArgument if the id is neither a queue nor a group. Doesn't test the open flag.
 [[nodiscard]] pelmoStatus pelmoDispatcher_CreateEx(uint32_t* out,
                                                    uint32_t dispatchable,
                                                    double seconds);

@@ -20,7 +20,7 @@ void eventDestruct(IdHeader* object) {
     std::free(event);
 }
 
-// What read(event) tells of an event of that kind.
+// What read(event) returns for an event of that kind.
 template <typename Value, typename Read>
 pelmoStatus readEvent(uint32_t id, uint32_t kind, Value* out, Read read) {
     if (!libraryIsOpen()) return kStatusNotInitialized;

@@ -46,7 +46,7 @@ enum IoCondition : uint32_t { kIoRead = 1, kIoWrite = 2, kIoException = 4 };
 
 // Each event has one condition, of enum IoCondition. The source is a socket.
 // kStatusInvalidIoSource for any other file, such as a pipe or an eventfd, for a number that isn't
-// open, and where the same thread of the library polls that socket for that condition already.
+// open, and when the same thread of the library polls that socket for that condition already.
 [[nodiscard]] pelmoStatus pelmoEvent_CreateIO(uint32_t* out,
                                               uint32_t queue,
                                               pelmoEventCallback callback,

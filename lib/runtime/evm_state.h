@@ -13,7 +13,7 @@ inline Lock evmLock = PELMO_LOCK_READY(LockRank::kEventManager);
 // Counts starts and stops: odd while the event manager runs. Each of its threads runs while the
 // count is what it was at the thread's start, so that a thread which stopped the event manager
 // itself doesn't join in after the next start. It changes under evmLock, and is read without the
-// lock where a stale value does no harm.
+// lock when a stale value does no harm.
 inline std::atomic<uint32_t> evmEpoch{0};
 
 [[nodiscard]] inline bool evmRuns() {

@@ -3,7 +3,6 @@
 #include "lib/base/log.h"
 #include "lib/containers/dict.h"
 #include "lib/containers/dpa.h"
-#include "lib/runtime/id_counter.h"
 
 constinit Lock idLock = PELMO_LOCK_READY(LockRank::kId);
 constinit IdCounter idCounter;
@@ -53,8 +52,7 @@ uint32_t idAfterLocked(uint32_t id) PELMO_REQUIRES(idLock) {
     return id == idCounter.last ? idCounter.first : id + 1;
 }
 
-// The next number of the counter that nobody uses, 0 where there is none. No search until it has
-// wrapped once.
+// The next free number of the counter, 0 if there is none. No search until it has wrapped once.
 uint32_t nextFreeLocked() PELMO_REQUIRES(idLock) {
     if (idCounter.previous == idCounter.last) idCounter.wrapped = true;
     const uint32_t begin = idCounter.previous = idAfterLocked(idCounter.previous);
@@ -87,7 +85,7 @@ pelmoStatus publish(IdHeader* object, uint32_t id) {
     const LockGuard guard(table.lock);
     if (table.objects == nullptr) return kStatusNotInitialized;
     const pelmoStatus status = dict32Insert(table.objects, id, object);
-    // Ahead of the lock's end: whoever finds the object finds it with its number.
+    // Before the lock is released: whatever finds the object finds it with its number.
     if (status == kStatusSuccess) object->id = id;
     return status;
 }
@@ -105,7 +103,7 @@ pelmoStatus withdraw(IdHeader* object) {
     return dict32Remove(table.objects, object->id, nullptr);
 }
 
-// One reference more, unless the last one has just gone: an object that nobody destroyed stands in
+// One reference more, unless the last one has just gone: an object that was never destroyed is in
 // its table until its release has taken it out.
 bool addRefUnlessGone(IdHeader* object) {
     int32_t count = object->refCount.load(std::memory_order_relaxed);
@@ -130,8 +128,8 @@ pelmoStatus lookUp(uint32_t id, IdType type, IdHeader** out) {
     return kStatusSuccess;
 }
 
-// Why an id isn't in the table of a type: a global one may stand in that of another. A fixed one
-// may well stand in several, and means nothing in the others.
+// The status for an id that isn't in the table of its type. A global id may be in the table of
+// another type. A fixed one may be in several, and says nothing about the others.
 pelmoStatus missStatus(uint32_t id, IdType type) {
     const LockGuard guard(idLock);
     void* mark = nullptr;
@@ -249,7 +247,7 @@ pelmoStatus Id_Invalidate(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     return status;
 }
 
-// Whether the lock stays held is told by `access`, and given back by `unlock`.
+// `access` says whether the lock stays held; `unlock` releases it.
 pelmoStatus Id_Get(uint32_t id, IdType type, IdHeader** out, IdAccess access)
     PELMO_UNCHECKED_LOCKING {
     if (out == nullptr) return kStatusInvalidArgument;
@@ -258,9 +256,9 @@ pelmoStatus Id_Get(uint32_t id, IdType type, IdHeader** out, IdAccess access)
     if (status == kStatusNotFound) return missStatus(id, type);
     if (status != kStatusSuccess) return status;
 
-    // The table's lock is left by now, as it stands below the object's: meanwhile the object may
-    // have been destroyed, and another have got its id. A look-up without the lock could tell no
-    // more with it: it may be destroyed behind this call just as well.
+    // The table's lock is released by now, since it ranks after the object's. Meanwhile the object
+    // may have been destroyed, and its id given to another. Taking the object's lock for a look-up
+    // without lock wouldn't help: it may be destroyed right after this call, too.
     if (access == IdAccess::kUnlocked && !Id_IsInvalid(object)) {
         *out = object;
         return kStatusSuccess;
@@ -278,11 +276,11 @@ pelmoStatus Id_Get(uint32_t id, IdType type, IdHeader** out, IdAccess access)
 
 pelmoStatus Id_Release(IdHeader* object, bool unlock) PELMO_UNCHECKED_LOCKING {
     if (object == nullptr) return kStatusInvalidArgument;
-    // Without tables nobody but a creator that failed comes here; its object goes all the same.
+    // Without tables only a creator that failed comes here; its object is freed all the same.
     const bool ready = state.ready.load(std::memory_order_relaxed);
     const pelmoStatus done = ready ? kStatusSuccess : kStatusInvalidArgument;
     if (unlock) Id_Leave(object);
-    // What every holder did to the object happens ahead of its end.
+    // What every holder did to the object happens before its end.
     if (object->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return done;
 
     // Its last reference went away without a destroy.

@@ -1,19 +1,19 @@
-// Ids: how the outside holds queues, events, queue groups, transports and dispatchers. Nobody gets
-// a pointer; a 32-bit id leads, by one look-up, to a counted reference and, if wanted, to the
-// object's lock.
+// Ids: how callers hold queues, events, queue groups, transports and dispatchers. A caller gets no
+// pointer; one look-up of a 32-bit id gives a counted reference and, on request, the object's lock
+// held.
 //
 // Every such object begins with an IdHeader. Its life:
 //
 //     initialised   Id_Init: one reference, the base reference, and no id
 //     published     Id_SetGlobal, Id_SetFixed: Id_Get finds it
-//     invalid       Id_Get with kDestroy, Id_Invalidate: the id is gone, holders go on
+//     invalid       Id_Get with kDestroy, Id_Invalidate: the id is gone, references stay
 //     destructed    the last reference is gone: the destructor frees it
 //
-// Id space: 0 is no object; 1 to 1000 are given by hand (lib/runtime/fixed_ids_internal.h) and
-// unique within a type; from 1001 on ids are counted up and unique across types, over closes and
-// opens of the library. When the counter has wrapped, ids in use are passed over.
+// Id space: 0 is no object; 1 to 1000 are chosen by their owners (lib/runtime/fixed_ids_internal.h)
+// and unique within a type; from 1001 on ids are counted up and unique across types, over closes
+// and opens of the library. When the counter has wrapped, ids in use are passed over.
 //
-// Ownership: the tables hold no reference of their own; the base reference stands for them. Each
+// Ownership: the tables hold no reference of their own; the base reference is theirs. Each
 // successful Id_Get and Id_AddRef is matched by one Id_Release.
 //
 // Failure: kStatusNotInitialized before there are tables (kStatusInvalidArgument from Id_Check and
@@ -46,7 +46,7 @@ using IdDestructor = void (*)(IdHeader* object);
 inline constexpr uint32_t kIdInvalid = 2;  // in `flags`
 
 struct IdHeader {
-    // Written under `lock`, and under `flagLock` where there is one. Atomic, because a dispatcher's
+    // Written under `lock`, and under `flagLock` if there is one. Atomic, because a dispatcher's
     // thread looks at it with neither; it orders nothing.
     std::atomic<uint32_t> flags;
 
@@ -60,25 +60,25 @@ struct IdHeader {
     Lock lock;
 };
 
-// Tables. Made before other threads run; nobody uses ids while they go.
+// Tables. Made before other threads run; no thread uses ids while they are destroyed.
 
 [[nodiscard]] pelmoStatus idTablesCreate();
 void idTablesDestroy();
 
-// Appends the ids of all objects of a type. False where memory ran out.
+// Appends the ids of all objects of a type. False without memory.
 [[nodiscard]] bool idTableList(IdType type, Dpa* ids);
 
 // Life
 
-// kStatusNoMemory, told in the log, where the system gives no lock.
+// kStatusNoMemory, which is logged, when the system gives no lock.
 [[nodiscard]] pelmoStatus Id_Init(IdHeader* object, IdType type, IdDestructor destructor);
 
-// kStatusNoMemory, told in the log, also where no id is free. The new id goes into the header, and
+// kStatusNoMemory, which is logged, also when no id is free. The new id goes into the header, and
 // to `outId` unless that is null.
 [[nodiscard]] pelmoStatus Id_SetGlobal(IdHeader* object, uint32_t* outId);
 
 // kStatusInvalidArgument for a number above 1000; kStatusNotPermitted for one that is taken and
-// kStatusNoMemory, both told in the log.
+// kStatusNoMemory, both logged.
 [[nodiscard]] pelmoStatus Id_SetFixed(IdHeader* object, uint32_t id);
 
 // For a creation that failed halfway: takes the id away and marks the object invalid. Where this
@@ -138,7 +138,7 @@ class Held {
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
 
-    // Look-ups, as Id_Get. Hold nothing before, nor after a failure.
+    // Look-ups, as Id_Get. Nothing may be held before the call; after a failure nothing is held.
     [[nodiscard]] pelmoStatus find(uint32_t id) { return lookUp(id, IdAccess::kUnlocked); }
     [[nodiscard]] pelmoStatus findLocked(uint32_t id) PELMO_ASSERTS((*this)->header.lock) {
         return lookUp(id, IdAccess::kLocked);
@@ -194,3 +194,18 @@ class Held {
     Object* object = nullptr;
     bool locked = false;
 };
+
+// The counter of global ids. Only this module uses it, and tests, which shrink the id space to make
+// it wrap or run out, and restore it.
+struct IdCounter {
+    uint32_t first = kFirstGlobalId;
+    uint32_t last = UINT32_MAX;
+    uint32_t previous = kLastFixedId;  // the id last given out
+    bool wrapped = false;  // an id may be in use, so each is looked up before it is given out
+};
+
+// Guards what all types share: the counter and the global ids in use.
+extern constinit Lock idLock;
+
+// It outlives the id tables.
+extern constinit IdCounter idCounter PELMO_GUARDED_BY(idLock);

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr int kPassMilliseconds = 10'000;
-constexpr int kPassWithoutWakeMilliseconds = 100;  // a short poll stands in for the wake-up
+constexpr int kPassWithoutWakeMilliseconds = 100;  // a short poll instead of the wake-up
 constexpr int kPauseMilliseconds = 1'000;
 
 // The IO threads' records; null while there is none.

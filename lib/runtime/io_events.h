@@ -2,7 +2,7 @@
 //
 // Failure: kStatusInvalidIoSource for what isn't a socket, or a socket and condition that the set
 // already has; kStatusNotInitialized while the event manager, or the thread in question, doesn't
-// run; kStatusInvalidIoCondition; kStatusSocketLimit where the set can't grow; kStatusNoMemory;
+// run; kStatusInvalidIoCondition; kStatusSocketLimit when the set can't grow; kStatusNoMemory;
 // kStatusInvalidEvent for an event that isn't registered, or that is destroyed.
 //
 // Threads: any, with no event's lock held.
@@ -36,7 +36,7 @@ struct IoThread {
     Thread* thread;    // joined by the stop
 
     // Ends the thread's wait for its sockets; constant while the thread runs. The wake-up pair
-    // itself stands on IO events, so this module knows it only by this function, which runs under
+    // itself uses IO events, so this module knows it only by this function, which runs under
     // evmLock.
     WakeupPair* pair;  // null: nothing ends the wait
     void (*wake)(WakeupPair* pair);
@@ -52,7 +52,7 @@ struct IoThread {
 [[nodiscard]] pelmoStatus ioThreadAddLocked(uint32_t queueId, IoThread** out)
     PELMO_REQUIRES(evmLock);
 
-// Places count from 0; null behind the last.
+// Places count from 0; null after the last.
 [[nodiscard]] IoThread* ioThreadAtLocked(uint32_t place) PELMO_REQUIRES(evmLock);
 
 // Releases all records and the table. Their threads have ended or never use them again.

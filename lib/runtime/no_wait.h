@@ -18,5 +18,5 @@ struct NoWait {
     NoWait& operator=(const NoWait&) = delete;
 };
 
-// May the calling thread wait until there is room to send? On a closed library nobody does.
+// May the calling thread wait until there is room to send? False once the library is closed.
 [[nodiscard]] bool threadMayWait();

@@ -8,7 +8,7 @@
 // Ownership: one reference to each event in the set.
 //
 // Failure: kStatusInvalidIoSource for a socket that the condition has already, kStatusSocketLimit
-// where the set can't grow, kStatusNoMemory, kStatusInvalidEvent for an event that isn't in it. An
+// when the set can't grow, kStatusNoMemory, kStatusInvalidEvent for an event that isn't in it. An
 // event's condition is one of enum IoCondition.
 //
 // Threads: this module takes no lock; evmLock serialises all calls. The poll itself uses only
@@ -34,7 +34,7 @@ inline constexpr uint32_t kIoConditions = 3;  // read, write, exception
 
 struct PollSet {
     uint32_t maxSockets;         // of one condition
-    bool mayGrow;                // cleared for good once the limit was reached
+    bool mayGrow;                // cleared once the limit was reached, and never set again
     bool inPass;                 // from pollSetPrepare to pollSetFinish
     bool leavesOut;              // the pass leaves out a socket, so the poll must be short
     Dpa* events[kIoConditions];  // by ascending source
@@ -68,7 +68,7 @@ void pollSetFinish(PollSet* set) PELMO_REQUIRES(evmLock);
 [[nodiscard]] bool pollSetMetClosed(const PollSet* set);
 
 // The next event of the condition, 0 to 2, whose socket is ready; null for none. The search begins
-// at place `from` of the pass, which moves behind the event found. Events may be added and removed
+// at place `from` of the pass, which moves past the event found. Events may be added and removed
 // between two calls.
 [[nodiscard]] Event* pollSetNextReady(const PollSet* set, uint32_t condition, uint32_t* from)
     PELMO_REQUIRES(evmLock);

@@ -9,10 +9,10 @@
 
 namespace {
 
-// What a post that meets the limit comes to.
+// What becomes of a post to a queue at its limit.
 enum class AtLimit {
     kNoMessage,  // a listener's that has nothing to post
-    kAdvisory,   // told of a limit itself: gets a place, and causes no other
+    kAdvisory,   // reports a limit itself: gets a place, and causes no other
     kRefused,    // its message is gone
     kPosted,
 };
@@ -22,8 +22,8 @@ AtLimit judgeLocked(const Queue* queue, Event* event) PELMO_REQUIRES(queue->head
     EntryRing* const inbox = event->listener.inbox;
     if (inbox == nullptr || inbox->count == 0) return AtLimit::kNoMessage;
 
-    // The newest is the one that this post is for. It stays where it is unless it is refused: were
-    // it out of the ring while the locks are left, it could find no place when it comes back.
+    // The newest is the one that this post is for. It stays where it is unless it is refused: if
+    // it were out of the ring while the locks are released, it might find no room on its return.
     auto* const newest = static_cast<pelmoMsg*>(inbox->slots[inbox->tail]);
     if (msgIsLimitAdvisory(newest)) return AtLimit::kAdvisory;
     if (queue->limitPolicy != kLimitDiscardNew) return AtLimit::kPosted;
@@ -32,7 +32,7 @@ AtLimit judgeLocked(const Queue* queue, Event* event) PELMO_REQUIRES(queue->head
     return AtLimit::kRefused;
 }
 
-// Under the queue's lock, which is left and taken again where an advisory goes out.
+// Under the queue's lock, which is released and taken again if an advisory is sent.
 // kStatusQueueLimit ends the post.
 pelmoStatus meetLimit(Held<Queue>& queue, Event* event) PELMO_REQUIRES(queue->header.lock) {
     Id_Enter(&event->header);
@@ -49,12 +49,12 @@ pelmoStatus meetLimit(Held<Queue>& queue, Event* event) PELMO_REQUIRES(queue->he
         return kStatusSuccess;
     }
     Queue_Discard(queue.get());
-    queueTellLimit(queue);
+    queueReportLimit(queue);
     if (outcome == AtLimit::kRefused) return kStatusQueueLimit;
     return Id_IsInvalid(&queue->header) ? kStatusInvalidQueue : kStatusSuccess;
 }
 
-// Null where a listener has nothing to post.
+// Null when a listener has nothing to post.
 pelmoStatus takeEntryLocked(Event* event, pelmoMsg** out) {
     if (event->kind != kEventListener) return pelmoMsg_Create(out);
     EntryRing* const inbox = event->listener.inbox;
@@ -90,7 +90,7 @@ pelmoStatus postEntryLocked(Queue* queue, Event* event, bool& posted)
     return status;
 }
 
-// Under the queue's lock, which is left and taken again where a limit is met. `posted` tells
+// Under the queue's lock, which is released and taken again if a limit is met. `posted` says
 // whether there is a new entry. What a post reads of a timer or IO event never changes, so that
 // their locks aren't needed.
 pelmoStatus postLocked(Held<Queue>& queue, Event* event, bool& posted)
@@ -107,9 +107,9 @@ pelmoStatus postLocked(Held<Queue>& queue, Event* event, bool& posted)
     return status;
 }
 
-// Tells of new entries whoever may wait for them: the queue's threads, its groups', and a foreign
-// loop by the hook. A queue that was destroyed while a limit was told has none any more. Gives the
-// queue back.
+// Reports new entries to all that may wait for them: the queue's threads, its groups', and another
+// event loop by the hook. A queue that was destroyed while a limit was reported has none any more.
+// Releases the queue.
 void announce(Held<Queue>& queue, uint32_t entries)
     PELMO_RELEASE(queue->header.lock) PELMO_UNCHECKED_LOCKING {
     if (Id_IsInvalid(&queue->header)) return queue.release();
@@ -134,11 +134,11 @@ bool hasRoom(Held<Queue>& queue) PELMO_REQUIRES(queue->header.lock) {
     if (!queueIsFullLocked(queue.get())) return true;
     const bool refused = queue->limitPolicy == kLimitDiscardNew;
     Queue_Discard(queue.get());
-    queueTellLimit(queue);
+    queueReportLimit(queue);
     return !refused && !Id_IsInvalid(&queue->header);
 }
 
-// False where the message went. An event that was cut off has no transport any more.
+// False when the message is gone. An event that was cut off has no transport any more.
 bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry)
     PELMO_REQUIRES(queue->header.lock) {
     const Event* const event = run.find(entry.eventId);
@@ -192,7 +192,7 @@ void Event_PostEach(std::span<Event* const> events) {
 }
 
 void Queue_PostBatch(uint32_t queueId, std::span<const PostEntry> entries) {
-    EventRun run;  // ends behind the queue's lock
+    EventRun run;  // ends after the queue's lock is released
     Held<Queue> queue;
     if (queue.findLocked(queueId) != kStatusSuccess) {
         for (const PostEntry& entry : entries)

@@ -26,7 +26,7 @@ void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     std::free(queue);
 }
 
-// What the destructor takes for granted; false where one of it can't be had.
+// Makes what the destructor relies on; false if any of it can't be had.
 bool initParts(Queue* queue) {
     if (Lock_Init(&queue->dataLock, LockRank::kQueueData) != kStatusSuccess) return false;
     if (Cond_Init(&queue->cond) == kStatusSuccess) {
@@ -40,7 +40,7 @@ bool initParts(Queue* queue) {
     return false;
 }
 
-// With the base reference, and no id: nobody else knows it yet. Null where memory ran out.
+// With the base reference, and no id: no other thread knows it yet. Null without memory.
 Queue* newQueue(const char* name, bool synchronous) PELMO_UNCHECKED_LOCKING {
     auto* queue = static_cast<Queue*>(std::calloc(1, sizeof(Queue)));
     if (queue == nullptr) return nullptr;
@@ -65,7 +65,7 @@ pelmoStatus create(uint32_t* out, bool synchronous) {
     return Queue_Create(out, kNoId, "pelmoQueue", false, synchronous);
 }
 
-// What read(queue) tells under the queue's lock, which the checker doesn't see to be its own.
+// What read(queue) returns under the queue's lock, which the lock checker can't recognise.
 template <typename Value, typename Read>
 pelmoStatus readQueue(uint32_t id, Value* out, Read read) PELMO_UNCHECKED_LOCKING {
     Held<Queue> held;
@@ -85,7 +85,7 @@ pelmoStatus Queue_Create(uint32_t* out,
                          bool synchronous) PELMO_UNCHECKED_LOCKING {
     Queue* queue = newQueue(name, synchronous);
     if (queue == nullptr) return kStatusNoMemory;
-    // Ahead of the id, by which others find it; given back where it gets none.
+    // Before the id, by which others find the queue; released if it gets none.
     queue->nameOwned = nameOwned;
 
     uint32_t id = fixedId;

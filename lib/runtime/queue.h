@@ -45,11 +45,11 @@ pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion
 
 // The hook is called after each post, once for each entry; null removes it. It runs on the posting
 // thread with no lock of the library held, and may make any call that a callback may make. The
-// thread may be the library's own, which serves nobody else meanwhile, so it should be quick.
+// thread may be the library's own, which does nothing else meanwhile, so it should be quick.
 //
 // On return no call of the former hook is running or will begin, so that its closure may be freed:
 // this waits for those that run on other threads. The caller must hold no lock that a hook takes. A
-// hook that sets its own queue's hook waits for nobody; its closure is its own from then on.
+// hook that sets its own queue's hook doesn't wait; its closure is its own from then on.
 // kStatusNotPermitted for a synchronous queue.
 pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure);
 

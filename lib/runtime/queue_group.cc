@@ -130,7 +130,7 @@ pelmoStatus pelmoQueueGroup_Add(uint32_t group, uint32_t queue) {
         partLocked(queue, group);
         return kStatusNoMemory;
     }
-    // The others are sorted, but for those whose change of priority is still to come here.
+    // The others are sorted, except those whose change of priority hasn't arrived here yet.
     siftLocked(held.get(), held->queues->count - 1);
     Cond_Signal(&held->cond);
     return kStatusSuccess;
@@ -160,7 +160,7 @@ void QueueGroup_Forget(uint32_t group, uint32_t queue) {
     removeLocked(held.get(), queue);
 }
 
-// Puts the queue behind the others of its new priority.
+// Puts the queue after the others of its new priority.
 bool QueueGroup_Reorder(uint32_t group, uint32_t queue) {
     Held<QueueGroup> held;
     if (held.findLocked(group) != kStatusSuccess) return false;

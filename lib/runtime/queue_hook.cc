@@ -9,8 +9,8 @@
 
 namespace {
 
-// The calling thread's own runs go on with the hook that it has just set: the former one's closure
-// may be gone when they come back. True where there are such runs.
+// The calling thread's own runs continue with the hook that it has just set: the former closure may
+// be gone when they return. True if there are such runs.
 bool replaceInOwnRunsLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock) {
     bool hasOwn = false;
     for (HookRun* run = queue->hookRuns; run != nullptr; run = run->next) {

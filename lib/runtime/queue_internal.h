@@ -92,9 +92,9 @@ void Queue_DiscardNewest(Queue* queue) PELMO_REQUIRES(queue->header.lock);
 
 // Sends the advisory of a limit that was reached. The queue's lock is released for it and taken
 // again: all that the lock guards may have changed meanwhile, and the queue may be invalid.
-void queueTellLimit(Held<Queue>& queue) PELMO_REQUIRES(queue->header.lock);
+void queueReportLimit(Held<Queue>& queue) PELMO_REQUIRES(queue->header.lock);
 
-// The completion of a destroyed queue, and its closure; none where there is nothing to call.
+// The completion of a destroyed queue, and its closure; none when there is nothing to call.
 struct QueueEnd {
     pelmoQueueCompletion completion;
     void* closure;
@@ -107,7 +107,7 @@ struct QueueEnd {
 // One of those counted in `running` has finished. The caller calls what it gets with no lock held.
 [[nodiscard]] QueueEnd queueFinishLocked(Queue* queue) PELMO_REQUIRES(queue->dataLock);
 
-// Counts a run of the hook. False where there is none to call.
+// Counts a run of the hook. False when there is none to call.
 [[nodiscard]] bool hookBeginLocked(Queue* queue, HookRun& run) PELMO_REQUIRES(queue->header.lock);
 
 // Calls the hook so many times, and finishes the run. The caller holds a reference and no lock.

@@ -94,7 +94,7 @@ bool queueIsFullLocked(Queue* queue) {
     return queue->limitPolicy != kLimitNone && Queue_CountLocked(queue) >= queue->maxEvents;
 }
 
-void queueTellLimit(Held<Queue>& queue) {
+void queueReportLimit(Held<Queue>& queue) {
     // The name may change as soon as the lock is released.
     char* name = concat2(queue->name, "");
     queue.leave();

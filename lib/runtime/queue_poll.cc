@@ -45,8 +45,8 @@ pelmoMsg* takeLocked(Queue* queue, EventRun& run) PELMO_REQUIRES(queue->header.l
     return nullptr;
 }
 
-// Several posts may have been merged into one signal, so a thread that leaves entries behind wakes
-// the next one.
+// Several posts may have been merged into one signal, so a thread that leaves entries wakes the
+// next one.
 void wakeNextLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock) {
     if (queue->pending->count != 0 && queue->waiters != 0) Cond_Signal(&queue->cond);
 }

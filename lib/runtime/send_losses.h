@@ -1,5 +1,5 @@
-// What was sent and is lost with a road that ended or broke: the connection to a daemon, the direct
-// road. Those who end a road hand it on, so that nothing is lost without somebody being told.
+// What was sent and is lost with a way out that ended or broke: the connection to a daemon, or the
+// direct endpoint. Whatever ends one passes this on, so that no loss goes unreported.
 
 #pragma once
 

@@ -16,7 +16,7 @@ constexpr double kMostIntervalsBehind = 100.0;
 constexpr uint32_t kBatchTimers = 32;
 constexpr uint32_t kFirstCapacity = 8;
 
-// The time stands beside the event, so that ordering doesn't touch the events.
+// The time is kept beside the event, so that ordering doesn't touch the events.
 struct Slot {
     double expiry;
     Event* event;
@@ -26,13 +26,13 @@ struct ArmedTimers {
     Slot* slots;  // a heap of kChildren: no slot comes after its children
     uint32_t count;
     uint32_t capacity;
-    bool waiting;  // the timer thread sits in its wait
+    bool waiting;  // the timer thread is in its wait
     Cond* wake;    // null: not open
 };
 
 constinit ArmedTimers armed PELMO_GUARDED_BY(evmLock) = {};
 
-// Four children of each slot: half the depth of two, and those compared lie side by side.
+// Four children of each slot: half the depth of two, and those compared are adjacent.
 constexpr uint32_t kChildren = 4;
 
 bool comesFirst(const Slot& a, const Slot& b) {
@@ -44,7 +44,7 @@ void putLocked(uint32_t index, const Slot& slot) PELMO_REQUIRES(evmLock) {
     slot.event->timer.place = index + 1;
 }
 
-// The slot at `index` is free: moves parents down into it until `slot` may stand there.
+// The slot at `index` is free: moves parents down into it until `slot` fits there.
 void siftUpLocked(uint32_t index, const Slot& slot) PELMO_REQUIRES(evmLock) {
     while (index > 0) {
         const uint32_t parent = (index - 1) / kChildren;
@@ -97,7 +97,7 @@ void takeOutLocked(Event* event) PELMO_REQUIRES(evmLock) {
 
 pelmoStatus insertLocked(Event* event) PELMO_REQUIRES(evmLock) {
     if (!evmRuns()) return kStatusNotInitialized;
-    // A destroy marks the event ahead of taking it out of here under the lock: it would miss one
+    // A destroy marks the event before it takes it out of here under the lock: it would miss one
     // that came later, and leave it armed for an interval of any length.
     if (Id_IsInvalid(&event->header)) return kStatusInvalidEvent;
     if (event->timer.place != 0) return kStatusSuccess;
@@ -172,7 +172,7 @@ pelmoStatus Timer_Reset(Event* event, double intervalSeconds) {
         event->timer.nextExpiry = clockSteadySeconds() + intervalSeconds;
         return kStatusSuccess;
     }
-    // Its place is free for it again, and the caller's reference stands for the one given back.
+    // Its place is free again, and the caller's reference replaces the one that is released.
     takeOutLocked(event);
     Id_Release(&event->header, false);
     return armLocked(event);

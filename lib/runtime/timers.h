@@ -2,15 +2,15 @@
 // one first.
 //
 // Timers run at a fixed rate: the next expiry counts from the one before, not from the firing or
-// the callback. A timer at most 100 intervals behind catches up, one firing at each pass; one
-// further behind drops what it missed and counts from now. A timer isn't armed from its firing to
+// the callback. A timer at most 100 intervals late catches up, one firing at each pass; a
+// later one drops what it missed and counts from now. A timer isn't armed from its firing to
 // its dispatch, so that it never has more than one entry on its queue.
 //
-// The timers stand in a heap: the soonest is at hand, and arming one costs little however many
-// there are.
+// The timers are in a heap: the soonest is at hand, and arming one costs little however many there
+// are.
 //
 // Units: seconds since 1970 by the steady clock (lib/base/clock.h): a wall clock that is set while
-// timers run neither holds them up nor makes them flood.
+// timers run neither delays them nor makes them fire in bulk.
 //
 // Ownership: one reference to each armed timer.
 //
@@ -35,14 +35,14 @@ struct Event;
 // Due when its nextExpiry says; what a dispatch does.
 [[nodiscard]] pelmoStatus Timer_Insert(Event* event);
 
-// kStatusInvalidArgument where it isn't armed.
+// kStatusInvalidArgument if it isn't armed.
 pelmoStatus Timer_Remove(Event* event);
 
 // A new interval, counted from now. A timer that has fired takes it up when it is dispatched.
 pelmoStatus Timer_Reset(Event* event, double intervalSeconds);
 
-// For the event manager. The timers are there from open to close; closing lets go of them.
-// kStatusNoMemory where the system gives no room.
+// For the event manager. The timers exist from open to close; closing releases them.
+// kStatusNoMemory when the system gives no memory.
 
 [[nodiscard]] pelmoStatus timersOpenLocked() PELMO_REQUIRES(evmLock);
 void timersCloseLocked() PELMO_REQUIRES(evmLock);
@@ -50,11 +50,11 @@ void timersCloseLocked() PELMO_REQUIRES(evmLock);
 // Ends a wait, so that its thread looks at the epoch.
 void timersWakeLocked() PELMO_REQUIRES(evmLock);
 
-// Does a thread sit in timersAwait?
+// Is a thread waiting in timersAwait?
 [[nodiscard]] bool timersAreAwaitedLocked() PELMO_REQUIRES(evmLock);
 
 // Waits until the soonest timer is due, at most a minute, and gives the time to fire at: that of
-// the clock ahead of the wait, and what was waited for added where nothing cut the wait short.
+// the clock before the wait, plus the time waited for if nothing cut the wait short.
 // False once the epoch has passed.
 [[nodiscard]] bool timersAwait(uint32_t epoch, double* outNow);
 

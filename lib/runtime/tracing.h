@@ -27,8 +27,8 @@ struct pelmoMsg;
 // Nothing happens when `modules` is null or empty. The banner, printed first, may be null.
 [[nodiscard]] pelmoStatus Tracing_Start(const char* modules, const char* file, const char* banner);
 
-// Stops the lines. Modules and filters stay, so another start adds to them. The log goes back from
-// a file to the standard error stream; where it went to the standard output stream, it goes on
+// Stops the lines. Modules and filters stay, so another start adds to them. A log that goes to a
+// file returns to the standard error stream; one that goes to the standard output stream stays
 // there.
 void Tracing_Stop();
 

@@ -1,9 +1,8 @@
 // A wake-up pair: any thread, or a signal handler, wakes a thread that waits for sockets. A byte
-// written to one end of a loopback connection (lib/runtime/loopback_pair.h) fires an IO event on
-// the other.
+// written to one end of a connection over the loopback interface fires an IO event on the other.
 //
-// A pair whose connection breaks, or that a wake-up finds stuck, remakes itself; when that fails,
-// onFail tells the owner, who tries again with wakeupPairRemake.
+// A pair whose connection breaks, or that a wake-up finds stuck, makes itself a new one; when that
+// fails, onFail is called, and the owner tries again with wakeupPairRemake.
 //
 // Ownership: the creator owns the pair until wakeupPairDestroy. The object exists until none of its
 // callbacks is running.
@@ -16,6 +15,8 @@
 // several.
 
 #pragma once
+
+#include <netinet/in.h>
 
 #include <cstdint>
 
@@ -44,3 +45,8 @@ void wakeupPairDestroy(WakeupPair* pair);
 
 // Does it have an IO event? An owner polls while there is none.
 [[nodiscard]] bool wakeupPairHasEvent(WakeupPair* pair);
+
+// Accepts our own connection and no other, since any process on this host may connect to the port
+// while it listens. Returns the listener's end of the connection from that address, or -1; other
+// connections are closed. Each connection is awaited for at most a tenth of a second.
+[[nodiscard]] int loopbackAcceptFrom(int listener, const sockaddr_in& own);

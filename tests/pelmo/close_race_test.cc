@@ -112,7 +112,7 @@ TEST(Close, MeetsEverythingElse) {
     void (*const works[])() = {makeTimers,      makeIoEvents,    sendMessages, dispatchGroups,
                                makeDispatchers, pollQueues,      makeCircuits, openAndClose,
                                waitForever,     pelmo_WaitClosed};
-    openAndClose();  // the process' first is nobody's to race
+    openAndClose();  // the first open of the process may not race
     std::atomic<bool> over = false;
     std::latch ready(std::size(works) + 1);
     std::vector<std::jthread> threads;

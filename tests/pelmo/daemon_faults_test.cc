@@ -120,7 +120,7 @@ std::vector<OpeningFault> openingFaults() {
          kStatusNotPermitted},
         {"replies with an error of its own", endsWithReply({.error = 4711}), 4711},
         {"replies with no error", started + reply({.error = 0}) + served, kStatusSuccess},
-        {"replies behind keep-alives",
+        {"replies after keep-alives",
          started + sendBytes(head(8)) + sendBytes(head(8)) + reply() + served, kStatusSuccess},
         {"replies byte by byte", started + sendOneByOne(replyBytes()) + served, kStatusSuccess},
         {"replies twice", started + reply() + reply() + served, kStatusSuccess},
@@ -146,7 +146,7 @@ TEST_F(DaemonFaults, OfAnOpeningHaveTheirStatus) {
     }
 }
 
-// Whether the connection stands by then is a race; a transport that was made has its break
+// Whether the connection is up by then is a race; a transport that was made has its break
 // repaired.
 TEST_F(DaemonFaults, BehindAReplyBreakWhatMayStand) {
     constexpr int kRounds = 10;
@@ -206,7 +206,7 @@ std::vector<RunningFault> runningFaults() {
     return faults;
 }
 
-// A break is told once and repaired; what isn't one does no harm, and what comes behind it arrives.
+// A break is reported once and repaired; what isn't one does no harm, and what follows it arrives.
 TEST_F(DaemonFaults, OfAStreamBreakItOrDoNoHarm) {
     for (const RunningFault& fault : runningFaults()) {
         SCOPED_TRACE(fault.name);
@@ -240,7 +240,7 @@ TEST_F(DaemonFaults, OfAStreamBreakItOrDoNoHarm) {
     }
 }
 
-// Memory comes with the bytes, not with the number that tells how many they will be.
+// Memory comes with the bytes, not with the number that announces them.
 TEST_F(DaemonFaults, OfASizeCostNoMemory) {
     MisbehavingDaemon daemon({goodSession() + gate() + sendBytes(head(0x4000000)) +
                               sendBytes(Bytes(100'000)) + gate() + hangUp()});

@@ -1,5 +1,5 @@
-// What tests of a network transport against a daemon stand on: an open library, a dispatcher, and
-// the advisories of a break.
+// The fixture of a network transport against a daemon: an open library, a dispatcher, and the
+// advisories of a break.
 
 #pragma once
 

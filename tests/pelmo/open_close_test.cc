@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <latch>
-#include <regex>
 
 #include "lib/pelmo.h"
 #include "lib/runtime/id.h"
@@ -62,7 +61,7 @@ Outcome firstOpen(size_t after, bool forGood) {
     return status == kStatusSuccess ? kOpened : kRefused;
 }
 
-// Ahead of the other tests, as long as this process has no threads.
+// Before the other tests, as long as this process has no threads.
 TEST(LibraryDeathTest, AFirstOpenThatFailsLeavesTheNextOneToSucceed) {
     for (const bool forGood : {false, true}) {
         int outcomes[kWrong + 1] = {};
@@ -110,35 +109,6 @@ TEST(Library, MakesItsOwnObjectsAtTheFirstOpenAndEndsAllAtTheLastClose) {
         EXPECT_EQ(leftoversOnceThey(before), before);
     }
     EXPECT_STREQ(pelmo_Version(), "8.5.2");
-}
-
-TEST(Library, ACloseWithoutMemoryIsNotInTheWayOfTheNextOpen) {
-    for (const size_t after : {0, 1, 2, 3, 4}) {
-        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-        newTimer(newQueue(), [](uint32_t, pelmoMsg*, void*) {});
-        {
-            const FailAlloc fail{.after = after, .forGood = true};
-            EXPECT_EQ(pelmo_Close(), kStatusSuccess);
-        }
-        ASSERT_EQ(pelmo_Open(), kStatusSuccess) << after;
-        EXPECT_EQ(pelmo_Close(), kStatusSuccess);
-        expectNothingLeft();
-    }
-}
-
-TEST(Library, WaitersSeeTheClose) {
-    pelmo_WaitClosed();
-    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-    std::latch ready(4);
-    std::vector<std::jthread> waiters;
-    for (int i = 0; i < 3; ++i) {
-        waiters.emplace_back([&ready] {
-            ready.arrive_and_wait();
-            pelmo_WaitClosed();
-        });
-    }
-    ready.arrive_and_wait();
-    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
 }
 
 // A user's thread that dispatches; closing the library doesn't wait for it.
@@ -211,7 +181,7 @@ TEST(Library, IsClosedFromACallback) {
     }
 }
 
-// A module that nobody knows ends the tracing, not the open.
+// An unknown module ends the tracing, not the open.
 TEST(Library, TracesAsTheEnvironmentSays) {
     const Folder folder;
     setenv("_PM_TRACING_FILE", folder.path("trace").c_str(), 1);
@@ -228,29 +198,43 @@ TEST(Library, TracesAsTheEnvironmentSays) {
     (void)pelmoMsg_RemoveFieldEx(message, "n", 5);
     (void)pelmoMsg_Expand(message, -1);
     (void)pelmoMsg_Destroy(message);
-    const auto traced = [&folder] {  // without time stamps, the thread's number and the addresses
-        const std::regex aside(
-            "[-0-9]+ [0-9:.]+Z [^:]+: (\\[[A-Z_]+\\])?(?:\\[[0-9]+\\]: )?|0x[0-9a-f]+");
-        return std::regex_replace(readFile(folder.path("trace")), aside, "$1");
-    };
-    const std::string whileOpen = traced();
     pelmo_Close();
     pelmo_Close();
-    (void)pelmo_Version();
-    EXPECT_EQ(whileOpen,
-              "\nPelmo API\n\nVersion 8.5.2 V1 11/12/20 06:41:40\n\n[PELMO]pelmo_Open()\n"
-              "[PELMO]pelmo_Open()\n[PELMO]pelmo_Version()\n"
-              "[MSG]Message  created\n[MSG]pelmoMsg_Create()\n"
-              "[MSG_DETAIL]pelmoMsg_AddField(, ) type=22\n"
-              "[MSG_DETAIL]pelmoMsg_GetFieldEx(, \"<NULL>\", , 5)\n"
-              "[MSG_DETAIL]pelmoMsg_GetFieldInstance(, \"n\", , 1)\n"
-              "[MSG_DETAIL]pelmoMsg_RemoveFieldEx(, \"n\", 5)\n"
-              "[MSG_DETAIL]pelmoMsg_Expand(, -1)\n"
-              "[MSG]pelmoMsg_Destroy()\n[MSG]Message  destroyed\n");
-    // Threads that end may make messages still.
-    const std::string closed = traced().substr(whileOpen.size());
-    EXPECT_TRUE(closed.starts_with("[PELMO]pelmo_Close()\n[PELMO]pelmo_Close()\n")) << closed;
-    EXPECT_EQ(closed.find("Version"), std::string::npos);
+    (void)pelmo_Version();  // without a line
+    const std::string text = readFile(folder.path("trace"));
+    size_t at = 0;
+    for (const char* part : {"\nPelmo API\n",
+                             "\nVersion 8.5.2 V1 11/12/20 06:41:40\n",
+                             "[PELMO][",
+                             "]: pelmo_Open()\n",
+                             "]: pelmo_Open()\n",
+                             "]: pelmo_Version()\n",
+                             "[MSG][",
+                             "]: Message 0x",
+                             " created\n",
+                             "]: pelmoMsg_Create(0x",
+                             "[MSG_DETAIL][",
+                             "]: pelmoMsg_AddField(0x",
+                             ") type=22\n",
+                             "]: pelmoMsg_GetFieldEx(0x",
+                             ", \"<NULL>\", 0x",
+                             ", 5)\n",
+                             "]: pelmoMsg_GetFieldInstance(0x",
+                             ", \"n\", 0x",
+                             ", 1)\n",
+                             "]: pelmoMsg_RemoveFieldEx(0x",
+                             ", \"n\", 5)\n",
+                             "]: pelmoMsg_Expand(0x",
+                             ", -1)\n",
+                             "]: pelmoMsg_Destroy(0x",
+                             "]: Message 0x",
+                             " destroyed\n",
+                             "]: pelmo_Close()\n",
+                             "]: pelmo_Close()\n"}) {
+        at = text.find(part, at);
+        ASSERT_NE(at, text.npos) << part;
+    }
+    EXPECT_EQ(text.find("Version", at), text.npos);
 
     setenv("_PM_TRACING_FILE", folder.path("none").c_str(), 1);
     setenv("_PM_TRACING_MODULES", "NOSUCH", 1);

@@ -1,6 +1,6 @@
-// Every public call against what it shall refuse: a closed library, an id that is none, was
+// Every public call against what it must refuse: a closed library, an id that is none, was
 // destroyed or is of another type, and no place for its answer; those of messages against no
-// message, a dead one, and no place.
+// message, a destroyed one, and no place.
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -96,7 +96,7 @@ pelmoStatus distribute(uint32_t id) {
 constexpr uint32_t kLocal = kIntraProcessTransportId;
 constexpr pelmoStatus kNoEvent = kStatusInvalidEvent;
 
-// Of what only a network transport can follow, a bad id is told first.
+// Of calls that only a network transport can serve, a bad id is reported first.
 const Call kCalls[] = {
     GETTER(kQueue, pelmoQueue_GetCount, most),
     GETTER(kQueue, pelmoQueue_GetHook, hook),

@@ -1,4 +1,4 @@
-// What tests of dispatch stand on: the intra-process transport, a queue, and a group of that queue.
+// The fixture of dispatch: the intra-process transport, a queue, and a group of that queue.
 
 #pragma once
 

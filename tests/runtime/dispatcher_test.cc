@@ -1,5 +1,5 @@
-// Dispatchers: how their threads end and tell of it, who may destroy and join them, and that the
-// end of one disturbs nobody else who waits on its queue.
+// Dispatchers: how their threads end and report it, from where they may be destroyed and joined,
+// and that the end of one doesn't disturb others that wait on its queue.
 
 #include "lib/runtime/dispatcher.h"
 
@@ -17,11 +17,11 @@ uint32_t newDispatcher(uint32_t dispatchable, double seconds = -1.0) {
     return dispatcher;
 }
 
-// Hears of threads that end.
+// Listens for threads that end.
 struct Exits {
     const uint32_t queue = makeQueue();
     TestListener listener{queue, "_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.*"};
-    std::string told;
+    std::string report;
 
     Exits() {
         listener.onMessage = [this](pelmoMsg* message) {
@@ -33,18 +33,18 @@ struct Exits {
             EXPECT_EQ(pelmoMsg_GetString(message, "description", &description, 0), kStatusSuccess);
             const std::string name =
                 subject + std::strlen("_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.");
-            told = name + ": " + std::to_string(status) + " " + description;
+            report = name + ": " + std::to_string(status) + " " + description;
         };
     }
 
     // Waits for it: "<name>: <status> <description>".
     std::string next() {
         EXPECT_EQ(pelmoQueue_TimedDispatch(queue, -1.0), kStatusSuccess);
-        return told;
+        return report;
     }
 };
 
-TEST(Dispatcher, TellsHowItsThreadEnded) {
+TEST(Dispatcher, ReportsHowItsThreadEnded) {
     static uint32_t queue, group, dispatcher;
     const auto nothing = [] {};
     const auto endQueue = [] { pelmoQueue_DestroyEx(queue, nullptr, nullptr); };
@@ -56,7 +56,7 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
         bool onGroup;
         double seconds;
         void (*end)();
-        const char* told;
+        const char* report;
     } cases[] = {
         {"", false, -1.0, endIt, "dispatcher: 53 Invalid dispatcher"},  // none makes a subject
         {"a..b", false, -1.0, endIt, "dispatcher: 53 Invalid dispatcher"},
@@ -66,7 +66,7 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
         {"w", true, -1.0, endGroup, "w: 63 Invalid queue group"},
         {"w", false, -1.0, endIt, "w: 53 Invalid dispatcher"},
     };
-    for (const auto& [name, onGroup, seconds, end, told] : cases) {
+    for (const auto& [name, onGroup, seconds, end, report] : cases) {
         const DispatchStand stand;
         Exits exits;
         queue = stand.queue;
@@ -81,12 +81,12 @@ TEST(Dispatcher, TellsHowItsThreadEnded) {
         if (seconds < 0)
             (onGroup ? awaitWaiters<QueueGroup>(group, 1) : awaitWaiters<Queue>(queue, 1));
         end();
-        EXPECT_EQ(exits.next(), told);
+        EXPECT_EQ(exits.next(), report);
         pelmoDispatcher_Destroy(dispatcher);
     }
 }
 
-// The thread ends when the callback has returned; who joined it meanwhile waits for that.
+// The thread ends when the callback has returned; a thread that joins it meanwhile waits for that.
 TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
     static std::atomic<uint32_t> dispatcher;
     static std::atomic<bool> returned;
@@ -124,7 +124,7 @@ void count(uint32_t, pelmoMsg*, void*) {
     ++dispatched;
 }
 
-// Others wake at the stop of one, and wait on.
+// Others wake when one is stopped, and go on waiting.
 TEST(Dispatcher, EndsAloneAmongWaiters) {
     const DispatchStand stand;
     dispatched = 0;

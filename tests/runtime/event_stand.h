@@ -1,5 +1,5 @@
-// What tests of events stand on: the event manager's parts without its threads, on clocks that
-// stand. The test passes time, and makes the passes, itself.
+// The fixture of events: the event manager's parts without its threads, on stopped clocks. The test
+// itself lets time pass and makes the passes.
 
 #pragma once
 

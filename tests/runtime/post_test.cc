@@ -6,13 +6,12 @@
 #include <functional>
 #include <string>
 
-#include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
 
 namespace {
 
-// What advisories tell, in place of transports: the queue's name each. `meanwhile` runs in each,
-// and whoever tells must hold no lock.
+// What advisories report, in place of transports: the queue's name each. `meanwhile` runs in each,
+// and the sender must hold no lock.
 std::vector<std::string> advisories;
 std::function<void()> meanwhile;
 
@@ -27,7 +26,7 @@ pelmoStatus keepAdvisory(uint32_t transport,
     EXPECT_STREQ(name, "QUEUE.LIMIT_EXCEEDED");
     advisories.emplace_back(description);
     if (meanwhile) meanwhile();
-    return kStatusNoMemory;  // which nobody minds
+    return kStatusNoMemory;  // which is ignored
 }
 
 const pelmoMsg* post(const TestEvent& listener, bool advisory = false) {
@@ -51,30 +50,7 @@ struct Posts : testing::Test {
     ~Posts() override { transportOps = {}; }
 };
 
-TEST_F(Posts, CarryEventAndClosureOrFail) {
-    EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
-    EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);  // nothing waits
-    pelmoMsg* first = messageFor(0);
-    listener.deliver(first);
-    const pelmoMsg* second = post(listener);
-    EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);
-    ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardNew, 1, 1), kStatusSuccess);
-    timer.destroy();
-    EXPECT_EQ(Event_Post(timer.event), kStatusInvalidEvent);
-    EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);
-    EXPECT_EQ(advisories.size(), 0u);
-
-    const auto entries = entriesOf(queue);
-    ASSERT_EQ(entries.size(), 3u);
-    EXPECT_EQ(entries[0]->deliveryEvent, timer.id);
-    EXPECT_EQ(entries[0]->deliveryClosure, &advisories);
-    EXPECT_EQ(entries[1], first);
-    EXPECT_EQ(entries[1]->deliveryEvent, listener.id);
-    EXPECT_EQ(entries[2], second);
-    EXPECT_EQ(entries[2]->deliveryClosure, &queue);
-}
-
-// Posts, L a listener's message, A one that tells of a limit, T a timer's, and which are left.
+// Posts, L a listener's message, A one that reports a limit, T a timer's, and which are left.
 struct Limited {
     uint32_t policy, most, discard;
     const char* posts;
@@ -133,7 +109,7 @@ TEST_F(Posts, MeetTheLimitAsThePolicySays) {
     }
 }
 
-TEST_F(Posts, TellOfTheLimitWithNoLockHeld) {
+TEST_F(Posts, ReportTheLimitWithNoLockHeld) {
     ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardFirst, 1, 1), kStatusSuccess);
     post(listener);
     Queue* record = recordOf<Queue>(queue);
@@ -163,7 +139,7 @@ TEST_F(Posts, TellOfTheLimitWithNoLockHeld) {
     EXPECT_EQ(endMeanwhile(endQueue), kStatusInvalidQueue);
 }
 
-TEST_F(Posts, OfABatchDropTheRestWhereTheQueueEnds) {
+TEST_F(Posts, OfABatchDropTheRestWhenTheQueueEnds) {
     ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardLast, 1, 0), kStatusSuccess);
     bool hasEnded = false;
     const auto hook = [](uint32_t, void* ended) { EXPECT_FALSE(*static_cast<bool*>(ended)); };
@@ -179,36 +155,28 @@ TEST_F(Posts, OfABatchDropTheRestWhereTheQueueEnds) {
     // What waited went with it, although events still keep the queue's record.
     EXPECT_EQ(first->refCount.load(), 1u);
     msgRelease(first);
-    postBatch(queue, {listener.id});  // and all of it where there is none
+    postBatch(queue, {listener.id});  // and all of it if there is none
 }
 
-TEST_F(Posts, OfABatchKeepTheirOrderAndPassOverDeadEvents) {
+TEST_F(Posts, OfABatchKeepTheirOrderPassOverDeadEventsAndCallTheHookForEach) {
     const TestEvent second(kEventListener, queue), cutOff(kEventListener, queue);
     const TestEvent dead(kEventListener, queue);
     cutOff.event->listener.transportId = kNoId;
     dead.destroy();
-    const auto posted = postBatch(queue, {listener.id, listener.id, dead.id, second.id, cutOff.id,
-                                          dead.id, listener.id, kNoId});
-    const auto left = entriesOf(queue);
-    ASSERT_EQ(left, (std::vector{posted[0], posted[1], posted[3], posted[6]}));
-    EXPECT_EQ(left[1]->deliveryEvent, listener.id);
-    EXPECT_EQ(left[1]->deliveryClosure, &queue);
-    EXPECT_EQ(left[2]->deliveryEvent, second.id);
-}
-
-TEST_F(Posts, CallTheHookForEachEntryWithNoLockHeld) {
     uint32_t calls = 0;
     const auto hook = [](uint32_t id, void* closure) {
         EXPECT_TRUE(isFree(recordOf<Queue>(id)->header.lock));
         ++*static_cast<uint32_t*>(closure);
     };
     EXPECT_EQ(pelmoQueue_SetHook(queue, hook, &calls), kStatusSuccess);
-    post(listener);
-    EXPECT_EQ(calls, 1u);
     EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);  // nothing waits
-    EXPECT_EQ(calls, 1u);
-    postBatch(queue, {listener.id, kNoId, listener.id});
-    EXPECT_EQ(calls, 3u);
+    const auto posted = postBatch(queue, {listener.id, listener.id, dead.id, second.id, cutOff.id,
+                                          dead.id, listener.id, kNoId});
+    const auto left = entriesOf(queue);
+    ASSERT_EQ(left, (std::vector{posted[0], posted[1], posted[3], posted[6]}));
+    EXPECT_EQ(left[1]->deliveryClosure, &queue);
+    EXPECT_EQ(left[2]->deliveryEvent, second.id);
+    EXPECT_EQ(calls, 4u);
 }
 
 // A hook that runs on a thread of its own until the test lets it end.
@@ -277,61 +245,6 @@ TEST_F(Posts, LetAHookEndBeforeItIsReplaced) {
     EXPECT_EQ(calls, 1u);  // the thread's own run ends at once, and doesn't wait for the other's
     slow.end();
     removing.join();
-}
-
-TEST_F(Posts, SignalOnlyQueuesWithSleepers) {
-    const struct {
-        uint32_t id, waiters;
-        bool signalled;
-    } rows[] = {{kWorkQueueId, 1, true}, {4, 0, false},   {4, 1, true},  {kTimerQueueId, 1, false},
-                {5, 1, false},           {133, 1, false}, {134, 1, true}};
-    for (const auto& row : rows) {
-        ASSERT_EQ(Queue_Create(nullptr, row.id, "fixed", false, false), kStatusSuccess);
-        const TestEvent event(kEventTimer, row.id);
-        Queue* record = recordOf<Queue>(row.id);
-        record->waiters = row.waiters;
-        EXPECT_EQ(Event_Post(event.event), kStatusSuccess);
-        EXPECT_EQ(record->cond.signalled, row.signalled) << row.id;
-        EXPECT_EQ(pelmoQueue_DestroyEx(row.id, nullptr, nullptr), kStatusSuccess);
-    }
-}
-
-// The queue's ring is full each time, and has to grow.
-TEST_F(Posts, OutOfMemoryDropTheMessage) {
-    for (int i = 0; i < 7; ++i)
-        EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
-    EXPECT_GT(eachAllocationFails([&] {
-                  const uint32_t before = countOf(queue);
-                  const pelmoStatus status = Event_Post(timer.event);
-                  const bool failed = allocationsFailed() != 0;
-                  EXPECT_EQ(status, failed ? kStatusNoMemory : kStatusSuccess);
-                  EXPECT_EQ(countOf(queue), before + (failed ? 0 : 1));
-              }),
-              1u);
-    while (countOf(queue) < 15)
-        post(listener);
-
-    listener.deliver(messageFor(0));
-    PostEntry batch[] = {{listener.id, messageFor(0)}, {listener.id, messageFor(0)}};
-    for (const bool batched : {false, true}) {
-        const FailAlloc fail{.after = 0};
-        if (batched) {
-            Queue_PostBatch(queue, batch);
-        } else {
-            EXPECT_EQ(Event_Post(listener.event), kStatusNoMemory);
-        }
-    }
-    EXPECT_EQ(listener.event->listener.inbox->count, 0u);
-    EXPECT_EQ(countOf(queue), 16u);
-    EXPECT_EQ(entriesOf(queue).back(), batch[1].message);
-
-    // Without memory for the name nobody is told, and the post goes on.
-    ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardFirst, 16, 1), kStatusSuccess);
-    listener.deliver(messageFor(0));
-    const FailAlloc fail{.after = 0};
-    EXPECT_EQ(Event_Post(listener.event), kStatusSuccess);
-    EXPECT_EQ(allocationsFailed(), 1u);
-    EXPECT_EQ(advisories.size(), 0u);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include "lib/runtime/post.h"
 #include "lib/runtime/queue_group_internal.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/runtime_objects.h"
 
 namespace {
@@ -51,7 +50,7 @@ TEST_F(Groups, KeepTheHighestPriorityFirstAndTheFirstOfEqualOnes) {
         uint32_t priority;
         Ids order;
     } changes[] = {
-        {1, 2, {q[3], q[2], q[5], q[1], q[0], q[4]}},  // behind those that were there
+        {1, 2, {q[3], q[2], q[5], q[1], q[0], q[4]}},  // after those that were there
         {4, 9, {q[4], q[3], q[2], q[5], q[1], q[0]}},
         {3, 0, {q[4], q[2], q[5], q[1], q[0], q[3]}},
         {2, 2, {q[4], q[2], q[5], q[1], q[0], q[3]}},  // none: it keeps its place
@@ -88,60 +87,30 @@ TEST_F(Groups, AndQueuesKnowEachOtherUntilOneIsRemoved) {
     EXPECT_EQ(queuesOf(group), Ids{});
 }
 
+// A queue goes on naming groups that are gone until it visits its groups.
 TEST_F(Groups, AreAllSignalledByAPostHoweverMany) {
-    for (const size_t many : {1u, 2u, 32u, 33u, 70u}) {
+    for (const size_t many : {1u, 2u, 33u, 70u}) {
         const uint32_t queue = makeQueue();
         const TestEvent timer(kEventTimer, queue);
-        Ids groups;
+        Ids named, alive;
         for (size_t i = 0; i < many; ++i) {
-            groups.push_back(makeGroup());
-            EXPECT_EQ(pelmoQueueGroup_Add(groups.back(), queue), kStatusSuccess);
-            EXPECT_TRUE(wasSignalled(groups.back()));
+            named.push_back(makeGroup());
+            EXPECT_EQ(pelmoQueueGroup_Add(named[i], queue), kStatusSuccess);
+            EXPECT_TRUE(wasSignalled(named[i]));
+            if (i % 3 != 1) alive.push_back(named[i]);
         }
-        // A queue goes on naming those that are gone until it visits its groups.
-        const Ids named = groups;
-        const auto destroyOneOf = [&](size_t share) {
-            const auto last = std::partition(groups.begin(), groups.end(), [&](uint32_t each) {
-                return (each - named[0]) % share != share / 2;
-            });
-            std::for_each(last, groups.end(), [](uint32_t each) {
-                EXPECT_EQ(pelmoQueueGroup_Destroy(each), kStatusSuccess);
-            });
-            groups.erase(last, groups.end());
-            std::ranges::sort(groups);
-        };
-        destroyOneOf(3);
+        for (size_t i = 1; i < many; i += 3)
+            EXPECT_EQ(pelmoQueueGroup_Destroy(named[i]), kStatusSuccess);
         EXPECT_EQ(groupsOf(queue), named);
         EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
-        EXPECT_EQ(groupsOf(queue), groups);
-        for (const uint32_t each : groups)
-            EXPECT_TRUE(wasSignalled(each)) << many;
-        destroyOneOf(2);
+        EXPECT_EQ(groupsOf(queue), alive);
         EXPECT_EQ(pelmoQueue_SetPriority(queue, 5), kStatusSuccess);
-        EXPECT_EQ(groupsOf(queue), groups);
+        for (const uint32_t each : alive)
+            EXPECT_TRUE(wasSignalled(each)) << many;
         EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
-        for (const uint32_t each : groups)
+        for (const uint32_t each : alive)
             EXPECT_EQ(queuesOf(each), Ids{});
     }
-}
-
-// Five queues in four groups: either side's list has to grow.
-TEST_F(Groups, OutOfMemoryTakeNoQueue) {
-    size_t failing = 0;
-    for (bool failed = true; failed; failing += failed ? 1 : 0) {
-        const Ids queues = {makeQueue(), makeQueue(), makeQueue(), makeQueue(), makeQueue()};
-        const Ids groups = {makeGroup(), makeGroup(), makeGroup(), makeGroup()};
-        const FailAlloc fail{.after = failing};
-        for (const uint32_t each : groups) {
-            for (const uint32_t queue : queues) {
-                const bool in = pelmoQueueGroup_Add(each, queue) == kStatusSuccess;
-                EXPECT_EQ(std::ranges::count(queuesOf(each), queue), in);
-                EXPECT_EQ(std::ranges::count(groupsOf(queue), each), in);
-            }
-        }
-        failed = allocationsFailed() != 0;
-    }
-    EXPECT_GT(failing, 8u);
 }
 
 TEST_F(Groups, AreInOrderOnceAllPrioritiesHaveChanged) {

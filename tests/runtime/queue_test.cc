@@ -30,6 +30,7 @@ TEST_F(Queues, AreForPollsOrForDispatch) {
     EXPECT_EQ(pelmoQueue_PollMany(queue, &message, 1, &count, 0), kStatusNotPermitted);
     EXPECT_EQ(pelmoQueue_SetHook(synchronous, nullptr, nullptr), kStatusNotPermitted);
     EXPECT_EQ(pelmoQueue_SetLimitPolicy(synchronous, 0, 0, 0), kStatusNotPermitted);
+    EXPECT_EQ(pelmoQueue_TimedDispatch(synchronous, 0), kStatusNotPermitted);
 }
 
 TEST_F(Queues, LimitTheirArgumentsFirst) {
@@ -83,7 +84,7 @@ void checkDiscard(const Discard& row, size_t inReady) {
     EXPECT_EQ(countOf(queue), expected.size());
 }
 
-TEST_F(Queues, DropWhatTheirPolicySaysWhereverItStands) {
+TEST_F(Queues, DropWhatTheirPolicySaysInEitherRing) {
     const Discard rows[] = {
         {kLimitDiscardNew, 1, "LLLL", "LLLL"},       {kLimitDiscardFirst, 1, "LLLL", ".LLL"},
         {kLimitDiscardFirst, 3, "LLTDLT", "..T.LT"}, {kLimitDiscardFirst, 3, "TLTLTTT", "T.T.TTT"},
@@ -97,7 +98,7 @@ TEST_F(Queues, DropWhatTheirPolicySaysWhereverItStands) {
     }
 }
 
-TEST_F(Queues, HandPolledMessagesOver) {
+TEST_F(Queues, GivePolledMessagesAway) {
     const TestEvent event(kEventListener, synchronous);
     pelmoMsg* message = nullptr;
     for (const double seconds : {0.0, 0.001, std::nan("")})

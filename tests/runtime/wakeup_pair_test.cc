@@ -7,13 +7,12 @@
 #include <functional>
 #include <optional>
 
-#include "lib/runtime/loopback_pair.h"
 #include "tests/runtime/event_stand.h"
 #include "tests/support/test.h"
 
 namespace {
 
-// All zeros where there is none.
+// All zeros when there is none.
 sockaddr_in addressOf(int end, int (*ask)(int, sockaddr*, socklen_t*)) {
     sockaddr_in found{};
     socklen_t size = sizeof(found);
@@ -22,7 +21,8 @@ sockaddr_in addressOf(int end, int (*ask)(int, sockaddr*, socklen_t*)) {
 }
 
 struct WakeupPairs : testing::Test {
-    WakeupPairs() {
+    WakeupPairs() { create(); }
+    void create() {
         const auto wake = [](void* self) { Calls::call(&static_cast<WakeupPairs*>(self)->wakes); };
         const auto fail = [](void* self) { Calls::call(&static_cast<WakeupPairs*>(self)->fails); };
         EXPECT_EQ(wakeupPairCreate(&pair, stand.queue, wake, fail, this), kStatusSuccess);
@@ -71,9 +71,6 @@ struct WakeupPairs : testing::Test {
         (void)testing::internal::GetCapturedStderr();
     }
 
-    // Also forgets it, as what is called back may.
-    void destroy() { wakeupPairDestroy(std::exchange(pair, nullptr)); }
-
     EventStand stand;
     WakeupPair* pair = nullptr;
     uint32_t event = kNoId;
@@ -118,7 +115,7 @@ TEST_F(WakeupPairs, RemakeABrokenConnection) {
     pass();
     EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(
         "Socket pair unexpectedly closed, creating new pair\n"));
-    EXPECT_EQ(wakes.count, 0);  // nobody has woken
+    EXPECT_EQ(wakes.count, 0);  // there was no wake-up
     wakeupPairWake(pair);
     pass();
     EXPECT_EQ(wakes.count, 1);
@@ -126,7 +123,7 @@ TEST_F(WakeupPairs, RemakeABrokenConnection) {
     EXPECT_TRUE(wakeupPairHasEvent(pair));
 }
 
-TEST_F(WakeupPairs, TellTheirOwnerWhereRemakingFails) {
+TEST_F(WakeupPairs, CallTheirOwnerWhenRemakingFails) {
     fails.act = [this] {
         EXPECT_FALSE(wakeupPairHasEvent(pair));
         EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSocketLimit);
@@ -140,33 +137,33 @@ TEST_F(WakeupPairs, TellTheirOwnerWhereRemakingFails) {
     EXPECT_EQ(wakes.count, 1);
 }
 
-TEST_F(WakeupPairs, MayBeDestroyedFromTheirOwnCallback) {
-    wakes.act = [this] { destroy(); };
+// By their own callback; when they fail, and then their owner isn't called; or after their event.
+TEST_F(WakeupPairs, MayBeDestroyedAtAnyTime) {
+    wakes.act = [this] { wakeupPairDestroy(std::exchange(pair, nullptr)); };
     wakeupPairWake(pair);
     pass();
     EXPECT_EQ(wakes.count, 1);
     EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusInvalidEvent);
-}
 
-// Its owner, told of a wake-up first, doesn't hear of the failure any more.
-TEST_F(WakeupPairs, MayBeDestroyedWhereTheyFail) {
+    create();
+    wakes.act = nullptr;
     wakeupPairWake(pair);
     pass();  // takes the byte
-    wakes.act = [this] { destroy(); };
+    wakes.act = [this] { wakeupPairDestroy(std::exchange(pair, nullptr)); };
     failToRemake();
     EXPECT_EQ(pair, nullptr);
     EXPECT_EQ(fails.count, 0);
-}
 
-TEST_F(WakeupPairs, OutliveTheirEvent) {
+    create();
+    wakes = {};
     EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
     wakeupPairWake(pair);
     pass();
     EXPECT_EQ(wakes.count, 0);
 }
 
-// Numbers of closed sockets go to others' at once; a waker never writes to them.
-TEST_F(WakeupPairs, WriteToNobodyElsesDescriptor) {
+// The numbers of closed sockets are given to others at once; a waker never writes to these.
+TEST_F(WakeupPairs, NeverWriteToAnotherDescriptor) {
     std::atomic<bool> done{false};
     std::thread waker([&] {
         while (!done)
@@ -186,8 +183,8 @@ TEST_F(WakeupPairs, WriteToNobodyElsesDescriptor) {
     waker.join();
 }
 
-// Who else connects to the listening port is turned away.
-TEST(LoopbackPair, IsNobodyElses) {
+// Other connections to the listening port are closed.
+TEST(LoopbackPair, RejectsForeignConnects) {
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(listen(listener, 8), 0);
     const sockaddr_in target = addressOf(listener, getsockname);
