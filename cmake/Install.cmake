@@ -26,7 +26,8 @@ install(TARGETS pelmobus pmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONE
 # the documents of their package.
 function(pelmo_install_texts component package)
     set(documents ${CMAKE_INSTALL_DATADIR}/doc/${package})
-    install(FILES docs/OPERATING.md CHANGELOG.md DESTINATION ${documents} COMPONENT ${component})
+    install(FILES docs/OPERATING.md docs/WIRE.md CHANGELOG.md DESTINATION ${documents}
+        COMPONENT ${component})
     install(FILES docs/THIRD_PARTY.md DESTINATION ${documents} RENAME copyright COMPONENT ${component})
     foreach(program IN LISTS ARGN)
         install(FILES docs/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
@@ -39,6 +40,8 @@ function(pelmo_install_texts component package)
 endfunction()
 
 pelmo_install_texts(tool pelmoscope pelmoscope pelmobus pmd)
+install(FILES share/wireshark/pelmo.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmo/wireshark
+    COMPONENT tool)
 install(FILES docs/pelmoscope.service docs/pmd.service docs/licenses/OpenSSL-1.1.1.txt
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmoscope COMPONENT tool)
 
