@@ -9,113 +9,14 @@
 #include <mutex>
 #include <random>
 
-#include "lib/containers/sublist.h"
+#include "lib/transport/daemon/daemon_link_internal.h"
 #include "lib/transport/daemon/reconnect.h"
+#include "lib/transport/ipq/ipq_internal.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/link_fixture.h"
 #include "tests/support/test.h"
-#include "tests/support/test_daemon.h"
+#include "tests/transport/daemon/link.h"
 
 namespace {
-
-const std::string kSession = "7F000001.U002A.GOB";
-const std::string kOwnInboxes = "L _INBOX." + kSession + ".>";
-const Texts kFirstWords = {"start  rc=true}", "start " + kSession + " rc=true}", kOwnInboxes};
-const Texts kNextWords = {kFirstWords[1], kFirstWords[1], kOwnInboxes};
-
-std::string textMessage(const std::string& subject, const std::string& text) {
-    return subject + " {text=\"" + text + "\"}";
-}
-
-using Behaviour = TestDaemon::Behaviour;
-
-struct Link : testing::Test {
-    LinkFixture fixture;
-    TestDaemon daemon;
-    uint32_t queue = 0;
-    uint32_t id = kNoId;
-
-    void SetUp() override { ASSERT_EQ(pelmoQueue_Create(&queue), kStatusSuccess); }
-    void TearDown() override {
-        if (id != kNoId) {
-            EXPECT_EQ(pelmoTransport_Destroy(id), kStatusSuccess);
-        }
-        EXPECT_EQ(fixture.timers(), 0u);
-    }
-    pelmoStatus create(const char* service = nullptr, const char* prefix = "") {
-        return pelmoTransport_CreateNetwork(&id, service, nullptr,
-                                            (prefix + daemon.specification()).c_str());
-    }
-    void connect() {
-        ASSERT_EQ(create(), kStatusSuccess);
-        EXPECT_EQ(daemon.await(3), kFirstWords);
-    }
-    // What the daemon has heard since the last call.
-    Texts heard() {
-        EXPECT_EQ(sendText(id, "END", "."), kStatusSuccess);
-        Texts texts = daemon.await(textMessage("END", "."));
-        texts.pop_back();
-        return texts;
-    }
-    // Hands the transport what comes from outside.
-    void arrive(const std::vector<std::pair<std::string, const char*>>& subjectsAndTexts) const {
-        std::vector<pelmoMsg*> batch;
-        for (const auto& [subject, text] : subjectsAndTexts)
-            batch.push_back(messageOn(subject.c_str(), text).release());
-        Transport_DeliverBatch(recordOf<Transport>(id), batch);
-        dispatchAll(queue);
-    }
-    void breakAndRepair() {
-        daemon.breakConnections();
-        fixture.fire(fixture.awaitTimer());
-    }
-    void dispatchUntil(const TestListener& listener, size_t count) const {
-        while (listener.texts.size() < count) {
-            ASSERT_EQ(pelmoQueue_TimedDispatch(queue, 30), kStatusSuccess);
-        }
-    }
-    void addHook(HookKind kind, TransportHookFunction run, void* closure) const {
-        TransportHook* hook = nullptr;
-        ASSERT_EQ(Transport_AddHook(&hook, kind, id, run, closure), kStatusSuccess);
-    }
-    // What the transport's listeners make a daemon hear, in the order of their table.
-    Texts interest() const {
-        Texts told = {kOwnInboxes};
-        Transport* const transport = recordOf<Transport>(id);
-        uint8_t* subjects = nullptr;
-        size_t bytes = 0;
-        Id_Enter(&transport->header);
-        EXPECT_TRUE(transportListInterest(transport, &subjects, &bytes));
-        Id_Leave(&transport->header);
-        for (size_t at = 0; at < bytes; at += subjectLength(subjects + at)) {
-            char text[kSubjectTextBytes];
-            told.push_back(std::string("L ") + subjectToText(text, sizeof text, subjects + at));
-        }
-        std::free(subjects);
-        return told;
-    }
-};
-
-TEST_F(Link, CarriesMessagesBothWays) {
-    connect();
-    char inbox[100];
-    ASSERT_EQ(pelmoTransport_CreateInbox(id, inbox, sizeof inbox), kStatusSuccess);
-    EXPECT_EQ(inbox, "_INBOX." + kSession + ".1");
-    TestListener listener(queue, "A.*", id);
-    TestListener replies(queue, inbox, id);
-    EXPECT_EQ(sendText(id, "A.B", "1"), kStatusSuccess);
-    EXPECT_EQ(sendText(id, inbox, "2"), kStatusSuccess);
-    const Message b = messageOn("B", "3"), c = messageOn("C", "4");
-    pelmoMsg* both[] = {b.get(), c.get()};
-    EXPECT_EQ(pelmoTransport_Sendv(id, both, 2), kStatusSuccess);
-    dispatchUntil(replies, 1);
-    EXPECT_EQ(listener.texts, Texts{"1"});
-    EXPECT_EQ(replies.texts, Texts{"2"});
-    listener.end();
-    EXPECT_EQ(daemon.await("C A.*"),
-              (Texts{"L A.*", textMessage("A.B", "1"), textMessage(inbox, "2"),
-                     textMessage("B", "3"), textMessage("C", "4"), "C A.*"}));
-}
 
 // Requests that nobody answers: some wait ahead of the destroy, some meet it and may find the
 // connection closed already, some are asked afterwards.
@@ -286,6 +187,11 @@ TEST_F(Link, KeepsSettingsWhileItHasNoConnection) {
     const std::string start = "start " + kSession + R"( rc=true descr="d" http="" rli=2.5})";
     fixture.fire(timer);
     EXPECT_EQ(daemon.await("L A"), (Texts{start, start, kOwnInboxes, "L A"}));
+    Ipq* const ipq = linkTakeQueue(recordOf<Transport>(id)->link);
+    Lock_Enter(&ipq->lock);
+    EXPECT_EQ(ipq->waitLimit, 3u);
+    Lock_Leave(&ipq->lock);
+    ipqRelease(ipq);
     EXPECT_EQ(pelmoTransport_HoldSends(id), kStatusSuccess);
     EXPECT_EQ(sendText(id, "A", "held"), kStatusSuccess);
     EXPECT_EQ(daemon.taken(), Texts{});
@@ -489,54 +395,33 @@ TEST_F(Link, RunsHooksAroundDestroys) {
 // daemon after it, and once.
 TEST_F(Link, RunsHooksAroundItsConnections) {
     connect();
-    struct Log {
-        Link* link;
-        std::mutex mutex{};
-        Texts calls{};
-        TestListener late{};
-        bool isOver = false;
-
-        void add(const char* call) {
-            const std::lock_guard guard(mutex);
-            calls.emplace_back(call);
-        }
-        Texts taken() {
-            const std::lock_guard guard(mutex);
-            return std::exchange(calls, {});
-        }
-    } log{this};
+    HookLog interests{id}, changes{id};
     const TestListener early(queue, "A", id);
     EXPECT_EQ(daemon.await(1), Texts{"L A"});
-    addHook(
-        kHookInterest,
-        [](uint32_t transport, pelmoMsg** message, void* closure) -> pelmoStatus {
-            auto* const seen = static_cast<Log*>(closure);
-            const char* text = nullptr;
-            EXPECT_EQ(pelmoMsg_GetString(*message, "sub", &text, 0), kStatusSuccess);
-            seen->add(text);
-            if (text == std::string("A") && !seen->isOver) {
-                EXPECT_EQ(seen->late.listen(seen->link->queue, "B", transport), kStatusSuccess);
-                EXPECT_EQ(pelmoTransport_SetEcho(transport, false), kStatusSuccess);
-                EXPECT_EQ(sendText(transport, "A"), kStatusDaemonNotConnected);
-            }
-            if (text == std::string("C")) return kStatusNotPermitted;
-            return pelmoMsg_AddI32(*message, "hook", 7, 0);
-        },
-        &log);
-    for (const HookKind kind : {kHookDisconnect, kHookReconnect}) {
-        addHook(
-            kind,
-            [](uint32_t transport, pelmoMsg** message, void* closure) -> pelmoStatus {
-                EXPECT_EQ(message, nullptr);
-                const bool connected = pelmoTransport_HoldSends(transport) == kStatusSuccess;
-                if (connected) {
-                    EXPECT_EQ(pelmoTransport_ReleaseSends(transport), kStatusSuccess);
-                }
-                static_cast<Log*>(closure)->add(connected ? "up" : "down");
-                return kStatusNotPermitted;
-            },
-            &log);
-    }
+    TestListener late;
+    bool isOver = false;
+    interests.act = [&](uint32_t transport, pelmoMsg** message) {
+        const char* subject = nullptr;
+        EXPECT_EQ(pelmoMsg_GetString(*message, "sub", &subject, 0), kStatusSuccess);
+        interests.calls.back() = subject;
+        if (interests.calls.back() == "A" && !std::exchange(isOver, true)) {
+            EXPECT_EQ(late.listen(queue, "B", transport), kStatusSuccess);
+            EXPECT_EQ(pelmoTransport_SetEcho(transport, false), kStatusSuccess);
+            EXPECT_EQ(sendText(transport, "A"), kStatusDaemonNotConnected);
+        }
+        interests.answer = pelmoMsg_AddI32(*message, "hook", 7, 0);
+        if (interests.calls.back() == "C") interests.answer = kStatusNotPermitted;
+    };
+    changes.answer = kStatusNotPermitted;
+    changes.act = [&](uint32_t transport, pelmoMsg** message) {
+        EXPECT_EQ(message, nullptr);
+        const bool isUp = pelmoTransport_HoldSends(transport) == kStatusSuccess;
+        changes.calls.back() = isUp ? "up" : "down";
+        if (isUp) (void)pelmoTransport_ReleaseSends(transport);
+    };
+    interests.add(kHookInterest);
+    changes.add(kHookDisconnect);
+    changes.add(kHookReconnect);
     TestListener advisories(queue, "_PM.WARN.SYSTEM.PMD.DISCONNECTED", id);
     TestListener returns(queue, "_PM.INFO.SYSTEM.PMD.RECONNECTED", id);
     double deafSeconds = -1;
@@ -545,7 +430,7 @@ TEST_F(Link, RunsHooksAroundItsConnections) {
     };
     EXPECT_EQ(daemon.await(2),
               (Texts{"L _PM.WARN.SYSTEM.PMD.DISCONNECTED", "L _PM.INFO.SYSTEM.PMD.RECONNECTED"}));
-    (void)log.taken();
+    interests.calls.clear();
     daemon.breakConnections();
     const LinkFixture::Timer timer = fixture.awaitTimer();
     fixture.now = fixture.now + 7;
@@ -554,17 +439,13 @@ TEST_F(Link, RunsHooksAroundItsConnections) {
     dispatchUntil(returns, 1);
     EXPECT_DOUBLE_EQ(deafSeconds, 7);
     const std::string control = R"({mtype="S" control="E" data=false})";
-    Texts told = daemon.await(control);
-    EXPECT_EQ(std::count(told.begin(), told.end(), "L B"), 1);
-    EXPECT_EQ(told.back(), control);
-    const Texts calls = log.taken();
-    EXPECT_EQ(calls.front(), "down");
-    EXPECT_EQ(calls.back(), "up");
-    EXPECT_EQ(std::count(calls.begin(), calls.end(), "B"), 1);
-    log.isOver = true;
+    const Texts texts = daemon.await(control);
+    EXPECT_EQ(std::ranges::count(texts, "L B"), 1);
+    EXPECT_EQ(texts.back(), control);
+    EXPECT_EQ(changes.calls, (Texts{"down", "up"}));
+    EXPECT_EQ(std::ranges::count(interests.calls, "B"), 1);
     const TestListener refused(queue, "C", id);
-    EXPECT_EQ(sendText(id, "D"), kStatusSuccess);
-    EXPECT_EQ(daemon.await(1).size(), 1u);
+    EXPECT_EQ(heard(), Texts{});
 }
 
 // At random places of the stream, the handshake's end and the start messages among them.
@@ -587,14 +468,8 @@ TEST_F(Link, OutlivesAThousandBreaks) {
     for (const std::string& words : interest())
         whole.push_back(words);
     (void)daemon.await(listeners.size() - 1);
-    std::atomic<int> repairs = 0;
-    addHook(
-        kHookReconnect,
-        [](uint32_t, pelmoMsg**, void* closure) -> pelmoStatus {
-            ++*static_cast<std::atomic<int>*>(closure);
-            return kStatusSuccess;
-        },
-        &repairs);
+    HookLog repairs{id};
+    repairs.add(kHookReconnect);
 
     std::minstd_rand random(7);
     const auto below = [&](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
@@ -627,9 +502,9 @@ TEST_F(Link, OutlivesAThousandBreaks) {
         fixture.now = fixture.now + below(90);
         fixture.random = below(kReconnectSpreadMs);
         daemon.behave([&](Behaviour& m) { m.bytesUntilBreak = below(2000); });
-        const int former = repairs;
+        const uint32_t former = repairs.runs;
         fixture.fire(timer);
-        isUp = repairs != former;
+        isUp = repairs.runs != former;
     }
     EXPECT_GT(failures, 10);
     EXPECT_GT(last, 1000);
@@ -659,34 +534,6 @@ TEST_F(Link, EndsTheWaitForADaemonThatWasStarted) {
     asleep.wait();
     EXPECT_EQ(pelmo_Close(), kStatusSuccess);
     creation.join();
-}
-
-// Writers that wait hold up neither a break nor others.
-TEST_F(Link, LetsGoOfBlockedWritersAtABreak) {
-    // Well above what the system takes from a writer, and below what a link allows at first.
-    constexpr int kMostWrites = 140;
-    daemon.behave([](Behaviour& m) { m.messagesUntilDeaf = 3; });
-    connect();
-    ASSERT_EQ(pelmoTransport_SetSendingWaitLimit(id, 1000), kStatusSuccess);
-    breakAndRepair();
-    std::atomic<int> sent = 0;
-    const std::string large(100000, 'x');
-    const auto write = [&] {
-        while (sendText(id, "S", large.c_str()) == kStatusSuccess)
-            ++sent;
-    };
-    std::thread writers[] = {std::thread(write), std::thread(write)};
-    for (int before = -1; before != sent || sent == 0;) {
-        before = sent;
-        EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0.05), kStatusTimeout);
-    }
-    EXPECT_EQ(pelmoTransport_HoldSends(id), kStatusSuccess);
-    EXPECT_EQ(pelmoTransport_SetSendingWaitLimit(id, 2000), kStatusSuccess);
-    EXPECT_LT(sent, kMostWrites);
-    daemon.breakConnections();
-    (void)fixture.awaitTimer();
-    for (std::thread& writer : writers)
-        writer.join();
 }
 
 TEST_F(Link, TellsOfMessagesThatWaitTooLong) {

@@ -1,158 +1,117 @@
 // The direct road of transports that meet at a daemon: what goes straight, whatever becomes of the
-// daemon, and what the losses of it look like.
+// daemon, and how losses on it are reported.
 
 #include <time.h>
 
-#include <mutex>
-#include <optional>
-#include <thread>
-
-#include "lib/pelmo.h"
 #include "lib/transport/daemon/specification.h"
 #include "tests/support/datagram_wire.h"
-#include "tests/support/link_fixture.h"
-#include "tests/support/test_daemon.h"
+#include "tests/transport/daemon/link.h"
 
 namespace {
 
-template <typename Condition>
-bool soon(Condition condition) {
-    for (int look = 0; look < 20'000; ++look) {
-        if (condition()) return true;
-        (void)poll(nullptr, 0, 1);
-    }
-    return false;
-}
+struct Direct : Link {
+    uint32_t right = kNoId;  // beside `id`, the left
 
-// A network transport with its listeners on a queue that a thread dispatches.
-struct Client {
-    uint32_t transport = kNoId;
-    std::mutex mutex;
-    Texts texts;  // guarded by `mutex`
-
-    pelmoStatus create(const TestDaemon& daemon, const char* service) {
-        return pelmoTransport_CreateNetwork(&transport, service, nullptr,
-                                            daemon.specification().c_str());
+    void TearDown() override {
+        end(&right);
+        end(&id);
     }
-    ~Client() { end(); }
-    void end() {
-        if (transport != kNoId) pelmoTransport_Destroy(std::exchange(transport, kNoId));
+    static void end(uint32_t* transport) {
+        if (*transport != kNoId) pelmoTransport_Destroy(std::exchange(*transport, kNoId));
     }
-
-    void listen(const char* subject, pelmoEventCallback callback = note) {
-        uint32_t event = kNoId;
-        EXPECT_EQ(
-            pelmoEvent_CreateListener(&event, kDefaultQueueId, callback, transport, subject, this),
-            kStatusSuccess);
+    void meet() {
+        ASSERT_EQ(create("7500:"), kStatusSuccess);
+        right = std::exchange(id, kNoId);
+        ASSERT_EQ(create("7500:0"), kStatusSuccess);
+        (void)daemon.await(6);
     }
-    std::string inbox() const {
+    static std::string inboxOf(uint32_t transport) {
         char text[100];
         EXPECT_EQ(pelmoTransport_CreateInbox(transport, text, sizeof text), kStatusSuccess);
         return text;
     }
-    pelmoDirectTraffic traffic() const {
+    static pelmoDirectTraffic trafficOf(uint32_t transport) {
         pelmoDirectTraffic counts = {};
         EXPECT_EQ(pelmoTransport_GetDirectTraffic(transport, &counts), kStatusSuccess);
         return counts;
     }
-    bool took(const std::string& text) {
-        return soon([&] {
-            const std::lock_guard guard(mutex);
-            return std::find(texts.begin(), texts.end(), text) != texts.end();
-        });
-    }
-
-  private:
-    static void note(uint32_t, pelmoMsg* message, void* closure) {
-        auto* const self = static_cast<Client*>(closure);
-        const char* text = nullptr;
-        const std::lock_guard guard(self->mutex);
-        if (pelmoMsg_ConvertToString(message, &text) == kStatusSuccess) self->texts.push_back(text);
-    }
 };
-
-struct Direct : testing::Test {
-    LinkFixture fixture;
-    std::optional<TestDaemon> daemon{std::in_place};
-    uint32_t dispatcher = kNoId;
-    Client left, right;
-
-    void SetUp() override {
-        ASSERT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
-    }
-    void meet() {
-        ASSERT_EQ(left.create(*daemon, "7500:"), kStatusSuccess);
-        ASSERT_EQ(right.create(*daemon, "7500:0"), kStatusSuccess);
-    }
-};
-
-void answer(uint32_t, pelmoMsg* request, void* closure) {
-    const uint32_t transport = static_cast<Client*>(closure)->transport;
-    const Message reply = messageOn(nullptr, "answer");
-    EXPECT_EQ(pelmoTransport_SendReply(transport, reply.get(), request), kStatusSuccess);
-}
 
 TEST_F(Direct, CarriesAnswersStraight) {
     meet();
-    right.listen("ASK", answer);
-    (void)daemon->await("L ASK");
     char inbox[64];
-    std::snprintf(inbox, sizeof inbox, "_INBOX.7F000001.P%04X.GOB.1", left.traffic().port);
-    EXPECT_EQ(left.inbox(), inbox);
+    std::snprintf(inbox, sizeof inbox, "_INBOX.7F000001.P%04X.GOB.1", trafficOf(id).port);
+    EXPECT_EQ(inboxOf(id), inbox);
+    uint32_t dispatcher = kNoId;
+    ASSERT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
+    TestListener server;
+    server.onMessage = [&](pelmoMsg* request) {
+        const Message reply = messageOn(nullptr, "answer");
+        EXPECT_EQ(pelmoTransport_SendReply(right, reply.get(), request), kStatusSuccess);
+    };
+    ASSERT_EQ(server.listen(kDefaultQueueId, "ASK", right), kStatusSuccess);
+    (void)daemon.await("L ASK");
     const Message request = messageOn("ASK");
     for (uint64_t round = 1; round <= 20; ++round) {
         pelmoMsg* reply = nullptr;
-        ASSERT_EQ(pelmoTransport_SendRequest(left.transport, request.get(), &reply, 10),
-                  kStatusSuccess);
+        ASSERT_EQ(pelmoTransport_SendRequest(id, request.get(), &reply, 10), kStatusSuccess);
         EXPECT_EQ(textOf(reply), "answer");
         pelmoMsg_Destroy(reply);
-        EXPECT_TRUE(left.traffic().messagesReceived == round &&
-                    right.traffic().messagesSent == round);
+        EXPECT_TRUE(trafficOf(id).messagesReceived == round &&
+                    trafficOf(right).messagesSent == round);
     }
-    for (const std::string& told : daemon->taken())
-        EXPECT_EQ(told.find("answer"), std::string::npos) << told;
+    for (const std::string& text : daemon.taken())
+        EXPECT_EQ(text.find("answer"), std::string::npos) << text;
 
     // Without the daemon, both ways, and to oneself.
-    const std::string leftInbox = left.inbox(), rightInbox = right.inbox();
-    left.listen(leftInbox.c_str());
-    right.listen(rightInbox.c_str());
-    daemon.reset();
-    EXPECT_EQ(sendText(left.transport, rightInbox.c_str(), "out"), kStatusSuccess);
-    EXPECT_EQ(sendText(right.transport, leftInbox.c_str(), "back"), kStatusSuccess);
-    const uint64_t packets = left.traffic().packetsSent;
-    EXPECT_TRUE(right.took(R"({text="out"})") && left.took(R"({text="back"})"));
-    EXPECT_EQ(sendText(left.transport, leftInbox.c_str(), "own"), kStatusSuccess);
-    EXPECT_TRUE(left.took(R"({text="own"})"));
-    EXPECT_LE(left.traffic().packetsSent, packets + 2);  // acknowledgements alone
-    EXPECT_NE(sendText(left.transport, "ASK"), kStatusSuccess);
+    const std::string leftInbox = inboxOf(id), rightInbox = inboxOf(right);
+    const TestListener there(queue, rightInbox.c_str(), right);
+    const TestListener here(queue, leftInbox.c_str(), id);
+    daemon.breakConnections();
+    for (const size_t timers : {1u, 2u}) {
+        while (fixture.timers() < timers)
+            (void)poll(nullptr, 0, 1);
+    }
+    EXPECT_EQ(sendText(id, rightInbox.c_str(), "out"), kStatusSuccess);
+    EXPECT_EQ(sendText(right, leftInbox.c_str(), "back"), kStatusSuccess);
+    const uint64_t packets = trafficOf(id).packetsSent;
+    dispatchUntil(there, 1);
+    dispatchUntil(here, 1);
+    EXPECT_TRUE(there.texts == Texts{"out"} && here.texts == Texts{"back"});
+    EXPECT_EQ(sendText(id, leftInbox.c_str(), "own"), kStatusSuccess);
+    dispatchUntil(here, 2);
+    EXPECT_EQ(here.texts.back(), "own");
+    EXPECT_LE(trafficOf(id).packetsSent, packets + 2);  // acknowledgements alone
+    EXPECT_EQ(sendText(id, "ASK"), kStatusDaemonNotConnected);
+    server.end();
+    pelmoDispatcher_Destroy(dispatcher);
 }
 
 TEST_F(Direct, GetsThePortOrSaysWhyNot) {
     DatagramWire taken;
-    const uint16_t port = taken.port;
-    const std::string service = "7500:" + std::to_string(port) + ":more";
-    EXPECT_EQ(left.create(*daemon, service.c_str()), kStatusPortInUse);
+    const std::string service = "7500:" + std::to_string(taken.port) + ":more";
+    EXPECT_EQ(create(service.c_str()), kStatusPortInUse);
     taken.handle.shut();
-    EXPECT_EQ(left.create(*daemon, service.c_str()), kStatusSuccess);
-    EXPECT_EQ(left.traffic().port, port);
-    EXPECT_EQ(right.create(*daemon, "7500"), kStatusSuccess);
-    EXPECT_EQ(right.traffic().port, 0);
-    EXPECT_NE(right.inbox().find(".U002A."), std::string::npos);
-    left.end();
-    right.end();
-    EXPECT_EQ(left.create(*daemon, "7500:7500"), kStatusNotPermitted);
-    EXPECT_EQ(left.create(*daemon, "7500:nosuch"), kStatusServiceNotFound);
+    EXPECT_EQ(create(service.c_str()), kStatusSuccess);
+    EXPECT_EQ(trafficOf(id).port, taken.port);
+    end(&id);
+    EXPECT_EQ(create("7500"), kStatusSuccess);
+    EXPECT_EQ(trafficOf(id).port, 0);
+    EXPECT_NE(inboxOf(id).find(".U002A."), std::string::npos);
+    end(&id);
+    EXPECT_EQ(create("7500:7500"), kStatusNotPermitted);
+    EXPECT_EQ(create("7500:nosuch"), kStatusServiceNotFound);
     // A name that is too long for a session leaves no port taken.
-    daemon->behave([](TestDaemon::Behaviour& m) { m.gob = std::string(41, 'g'); });
-    EXPECT_EQ(left.create(*daemon, service.c_str()), kStatusInitFailed);
-    daemon->behave([](TestDaemon::Behaviour&) {});
-    EXPECT_EQ(left.create(*daemon, service.c_str()), kStatusSuccess);
+    daemon.behave([](Behaviour& b) { b.gob = std::string(41, 'g'); });
+    EXPECT_EQ(create(service.c_str()), kStatusInitFailed);
+    daemon.behave([](Behaviour&) {});
+    EXPECT_EQ(create(service.c_str()), kStatusSuccess);
 }
 
 // Takes the place of the roads out of a transport: notes what goes straight and answers it, changes
 // what the link answers, and finds the transport's lock free in each call.
 struct Roads : NoCopy {
-    Texts noted;                          // "to HOST:PORT {FIELDS}", "close", "stop"
+    Texts noted;                          // "to HOST:PORT {FIELDS}"
     pelmoStatus answer = kStatusSuccess;  // to what goes straight
     pelmoStatus linkAnswer = kStatusSuccess;
     uint32_t linkTakes = 0;           // of a vector that fails
@@ -166,10 +125,6 @@ struct Roads : NoCopy {
             *taken = current->linkTakes;
             if (current->linkAnswer != kStatusSuccess) return current->linkAnswer;
             return current->link.sendVector(transport, messages, taken);
-        };
-        daemonLinkOps.stop = [](Transport* transport, double deadline) {
-            current->note("stop");
-            return current->link.stop(transport, deadline);
         };
         endpointOps.send = [](ReliableEndpoint*, uint32_t host, uint16_t port,
                               std::span<pelmoMsg* const> messages) {
@@ -186,10 +141,6 @@ struct Roads : NoCopy {
         endpointOps.release = [](ReliableEndpoint* of) {
             --current->references;
             current->endpoint.release(of);
-        };
-        endpointOps.close = [](ReliableEndpoint* of, double deadline) {
-            current->note("close");
-            return current->endpoint.close(of, deadline);
         };
     }
     ~Roads() {
@@ -212,15 +163,15 @@ struct Roads : NoCopy {
 
 TEST_F(Direct, GoesStraightToInboxesThatNameAPort) {
     Roads roads;
-    ASSERT_EQ(left.create(*daemon, "7500:"), kStatusSuccess);
-    (void)daemon->await(3);
+    ASSERT_EQ(create("7500:"), kStatusSuccess);
+    (void)daemon.await(3);
     const std::pair<const char*, const char*> straight[] = {
         {"_INBOX.0A000001.P1F40.GOB.1", "to a000001:1f40"},
         {"_INBOX.ffffffff.Pffff.1", "to ffffffff:ffff"},
         {"_INBOX.1.P2", "to 1:2"},
     };
     for (const auto& [inbox, peer] : straight) {
-        EXPECT_EQ(sendText(left.transport, inbox, "x"), kStatusSuccess);
+        EXPECT_EQ(sendText(id, inbox, "x"), kStatusSuccess);
         EXPECT_EQ(roads.taken(), Texts{std::string(peer) + R"( {text="x"})"});
     }
     Texts others;
@@ -228,34 +179,30 @@ TEST_F(Direct, GoesStraightToInboxesThatNameAPort) {
          {"A.B", "_INBOX.0A000001.U1F40.1", "_INBOX.0A000001.P.1", "_INBOX.0A000001.PX.1",
           "_INBOX.0A000001.P12345.1", "_INBOX.0A0000012.P1.1", "_INBOX.GOB.P1.1", "_INBOX.1",
           "_INBOXES.1.P2"}) {
-        EXPECT_EQ(sendText(left.transport, subject, "x"), kStatusSuccess);
+        EXPECT_EQ(sendText(id, subject, "x"), kStatusSuccess);
         others.push_back(std::string(subject) + R"( {text="x"})");
     }
-    EXPECT_EQ(daemon->await(others.back()), others);
+    EXPECT_EQ(daemon.await(others.back()), others);
     EXPECT_EQ(roads.taken(), Texts{});
     roads.answer = kStatusIoFailed;
-    EXPECT_EQ(sendText(left.transport, "_INBOX.1.P2"), kStatusIoFailed);
+    EXPECT_EQ(sendText(id, "_INBOX.1.P2"), kStatusIoFailed);
 
-    // A send that meets the destroy keeps the endpoint beyond its close. The daemon learns of the
-    // end of a transport as soon as its link has stopped, so that the endpoint is closed first.
-    (void)roads.taken();
+    // A send that meets the destroy keeps the endpoint.
     roads.references = 0;
     roads.answer = kStatusSuccess;
-    const Texts all = {R"(to 1:2 {text="x"})", "close", "stop"};
-    const uint32_t ending = std::exchange(left.transport, kNoId);
+    const uint32_t ending = std::exchange(id, kNoId);
     roads.meanwhile = [&] {
         EXPECT_EQ(pelmoTransport_Destroy(ending), kStatusSuccess);
         EXPECT_EQ(roads.references, 1);
     };
     EXPECT_EQ(sendText(ending, "_INBOX.1.P2", "x"), kStatusSuccess);
-    EXPECT_EQ(roads.noted, all);
     EXPECT_EQ(roads.references, 0);
 }
 
 TEST_F(Direct, SendsVectorsTogetherOrNotAtAll) {
     Roads roads;
-    ASSERT_EQ(left.create(*daemon, "7500:"), kStatusSuccess);
-    (void)daemon->await(3);
+    ASSERT_EQ(create("7500:"), kStatusSuccess);
+    (void)daemon.await(3);
     const std::string much(size_t{64} << 20, 'x');
     const Message a = messageOn("A", "a"), inbox = messageOn("_INBOX.1.P2", "direct"),
                   b = messageOn("B", "b"), reserved = messageOn("_PM.X"),
@@ -279,13 +226,12 @@ TEST_F(Direct, SendsVectorsTogetherOrNotAtAll) {
         roads.linkAnswer = row.linkAnswer;
         roads.linkTakes = row.linkTakes;
         uint32_t taken = 77;
-        EXPECT_EQ(pelmoTransport_SendvTaken(left.transport, messages, row.last != nullptr ? 4 : 3,
-                                            &taken),
+        EXPECT_EQ(pelmoTransport_SendvTaken(id, messages, row.last != nullptr ? 4 : 3, &taken),
                   row.status);
         EXPECT_EQ(taken, row.taken);
         EXPECT_EQ(roads.noted.size(), row.last != nullptr ? 0u : 1u);
     }
-    EXPECT_EQ(daemon->await(R"(B {text="b"})"), (Texts{R"(A {text="a"})", R"(B {text="b"})"}));
+    EXPECT_EQ(daemon.await(R"(B {text="b"})"), (Texts{R"(A {text="a"})", R"(B {text="b"})"}));
 }
 
 // Time goes a hundred times as fast, from before the library opens until it is closed.
@@ -305,29 +251,35 @@ struct FastDirect : FastClock, Direct {};
 
 void tick(uint32_t, pelmoMsg*, void*) {}
 
-std::string lossText(const char* side, const char* words, uint32_t bytes) {
-    return std::string(R"({ADV_CLASS="ERROR" ADV_SOURCE="SYSTEM" ADV_NAME="DATALOSS.)") + side +
-           R"(BOUND.PTP" ADV_DESC="dataloss: remote daemon did not )" + words +
-           R"(" host="127.0.0.1" bytes_dropped=)" + std::to_string(bytes) + "}";
-}
-
-TEST_F(FastDirect, TellsLosses) {
+TEST_F(FastDirect, ReportsLosses) {
     uint32_t ticks = kNoId;  // by which the timer thread sees the clock run
     EXPECT_EQ(pelmoEvent_CreateTimer(&ticks, kTimerQueueId, tick, 0.1, nullptr), kStatusSuccess);
     meet();
-    left.listen("_PM.ERROR.SYSTEM.DATALOSS.>");
+    TestListener losses(queue, "_PM.ERROR.SYSTEM.DATALOSS.>", id);
+    losses.onMessage = [&](pelmoMsg* message) { losses.texts.back() = shownText(message); };
+    const auto awaitLoss = [&](const char* side, const char* words, uint32_t bytes) {
+        for (int look = 0; look < 20'000 && losses.texts.empty(); ++look) {
+            (void)pelmoQueue_TimedDispatch(queue, 0);
+            (void)poll(nullptr, 0, 1);
+        }
+        EXPECT_EQ(
+            std::exchange(losses.texts, {}),
+            Texts{std::string(R"({ADV_CLASS="ERROR" ADV_SOURCE="SYSTEM" ADV_NAME="DATALOSS.)") +
+                  side + R"(BOUND.PTP" ADV_DESC="dataloss: remote daemon did not )" + words +
+                  R"(" host="127.0.0.1" bytes_dropped=)" + std::to_string(bytes) + "}"});
+    };
     DatagramWire wire;
-    wire.other.sin_port = htons(left.traffic().port);
+    wire.other.sin_port = htons(trafficOf(id).port);
     wire.write({7, 0, 1, 0, 2});
-    const uint32_t id = wire.read().source;
-    wire.write({7, id, 2, 2, 0}, Bytes(20, 1));  // not as long as the message claims
-    EXPECT_TRUE(left.took(lossText("IN", "satisfy our retransmission requests", 20)));
+    const uint32_t source = wire.read().source;
+    wire.write({7, source, 2, 2, 0}, Bytes(20, 1));  // not as long as the message claims
+    awaitLoss("IN", "satisfy our retransmission requests", 20);
 
     // To a port that is gone.
-    const std::string gone = right.inbox();
-    right.end();
-    EXPECT_EQ(sendText(left.transport, gone.c_str(), "x"), kStatusSuccess);
-    EXPECT_TRUE(left.took(lossText("OUT", "acknowledge our transmission", 1432)));
+    const std::string gone = inboxOf(right);
+    end(&right);
+    EXPECT_EQ(sendText(id, gone.c_str(), "x"), kStatusSuccess);
+    awaitLoss("OUT", "acknowledge our transmission", 1432);
 }
 
 }  // namespace

@@ -1,0 +1,82 @@
+// A network transport, its daemon, and a queue that the test dispatches.
+
+#pragma once
+
+#include "lib/containers/sublist.h"
+#include "tests/support/link_fixture.h"
+#include "tests/support/test_daemon.h"
+
+inline const std::string kSession = "7F000001.U002A.GOB";
+inline const std::string kOwnInboxes = "L _INBOX." + kSession + ".>";
+inline const Texts kFirstWords = {"start  rc=true}", "start " + kSession + " rc=true}",
+                                  kOwnInboxes};
+inline const Texts kNextWords = {kFirstWords[1], kFirstWords[1], kOwnInboxes};
+
+inline std::string textMessage(const std::string& subject, const std::string& text) {
+    return subject + " {text=\"" + text + "\"}";
+}
+
+using Behaviour = TestDaemon::Behaviour;
+
+struct Link : testing::Test {
+    LinkFixture fixture;
+    TestDaemon daemon;
+    uint32_t queue = 0;
+    uint32_t id = kNoId;
+
+    void SetUp() override { ASSERT_EQ(pelmoQueue_Create(&queue), kStatusSuccess); }
+    void TearDown() override {
+        if (id != kNoId) {
+            EXPECT_EQ(pelmoTransport_Destroy(id), kStatusSuccess);
+        }
+        EXPECT_EQ(fixture.timers(), 0u);
+    }
+    pelmoStatus create(const char* service = nullptr, const char* prefix = "") {
+        return pelmoTransport_CreateNetwork(&id, service, nullptr,
+                                            (prefix + daemon.specification()).c_str());
+    }
+    void connect() {
+        ASSERT_EQ(create(), kStatusSuccess);
+        EXPECT_EQ(daemon.await(3), kFirstWords);
+    }
+    // What the daemon has heard since the last call.
+    Texts heard() {
+        EXPECT_EQ(sendText(id, "END", "."), kStatusSuccess);
+        Texts texts = daemon.await(textMessage("END", "."));
+        texts.pop_back();
+        return texts;
+    }
+    // Hands the transport what comes from outside.
+    void arrive(const std::vector<std::pair<std::string, const char*>>& subjectsAndTexts) const {
+        std::vector<pelmoMsg*> batch;
+        for (const auto& [subject, text] : subjectsAndTexts)
+            batch.push_back(messageOn(subject.c_str(), text).release());
+        Transport_DeliverBatch(recordOf<Transport>(id), batch);
+        dispatchAll(queue);
+    }
+    void breakAndRepair() {
+        daemon.breakConnections();
+        fixture.fire(fixture.awaitTimer());
+    }
+    void dispatchUntil(const TestListener& listener, size_t count) const {
+        while (listener.texts.size() < count) {
+            ASSERT_EQ(pelmoQueue_TimedDispatch(queue, 30), kStatusSuccess);
+        }
+    }
+    // What the transport's listeners make a daemon hear, in the order of their table.
+    Texts interest() const {
+        Texts told = {kOwnInboxes};
+        Transport* const transport = recordOf<Transport>(id);
+        uint8_t* subjects = nullptr;
+        size_t bytes = 0;
+        Id_Enter(&transport->header);
+        EXPECT_TRUE(transportListInterest(transport, &subjects, &bytes));
+        Id_Leave(&transport->header);
+        for (size_t at = 0; at < bytes; at += subjectLength(subjects + at)) {
+            char text[kSubjectTextBytes];
+            told.push_back(std::string("L ") + subjectToText(text, sizeof text, subjects + at));
+        }
+        std::free(subjects);
+        return told;
+    }
+};
