@@ -20,7 +20,7 @@ class HeldMessages {
     HeldMessages(const HeldMessages&) = delete;
     HeldMessages& operator=(const HeldMessages&) = delete;
 
-    // Once, ahead of the first. False where memory ran out.
+    // Called once, before the first message is added. False when memory ran out.
     [[nodiscard]] bool makeRoom(size_t count) {
         items_ = static_cast<pelmoMsg**>(std::malloc(count * sizeof(pelmoMsg*)));
         return items_ != nullptr;

@@ -115,7 +115,7 @@ RoadLosses stopPaths(Held<Transport>& held, double deadline) PELMO_REQUIRES(held
     return losses;
 }
 
-// False where nothing was lost.
+// False if nothing was lost.
 bool tellLosses(uint32_t transport, const char* road, const SendLosses& losses) {
     if (!losses.any()) return false;
     const char* const more =
@@ -126,7 +126,7 @@ bool tellLosses(uint32_t transport, const char* road, const SendLosses& losses) 
     return true;
 }
 
-// The caller has set `destroying`, so that this runs once. kStatusDeliveryFailed where something
+// The caller has set `destroying`, so that this runs once. kStatusDeliveryFailed if something
 // that was sent is lost.
 pelmoStatus endTransport(Held<Transport>& held, double deadline) PELMO_REQUIRES(held->header.lock) {
     const uint32_t id = held->header.id;

@@ -2,7 +2,7 @@
 //
 // The intra-process transport, kIntraProcessTransportId, exists while the library is open. It
 // delivers each message directly to the listeners of this process. A network transport sends to a
-// bus daemon, which passes messages on to whoever listens; a virtual circuit wraps its messages for
+// bus daemon, which passes messages on to all that listen; a virtual circuit wraps its messages for
 // one peer and sends them over another transport. Listeners are made in runtime/event.h.
 //
 //     pelmoMsg_SetSendSubject(msg, "A.B");
@@ -10,27 +10,27 @@
 //
 // Subjects: "_PM" as the first element is reserved for advisories, in which the library reports its
 // own state: "_PM.<class>.<source>.<name>", with the text fields ADV_CLASS, ADV_SOURCE, ADV_NAME
-// and, where there is a description, ADV_DESC. An advisory of class "WARN" or "ERROR" without a
+// and, if there is a description, ADV_DESC. An advisory of class "WARN" or "ERROR" without a
 // listener is logged. "_INBOX" as the first element makes an inbox: a subject of one listener, made
 // by pelmoTransport_CreateInbox, that no wildcard matches.
 //
-// A network transport outlives its connection. When that breaks, the advisory
-// "_PM.WARN.SYSTEM.PMD.DISCONNECTED", with "messages_dropped" and "bytes_dropped" where it lost
-// what had been sent, tells its listeners, and it connects again: within 100 ms,
-// from the third break in a row on after a second, two, four and so on, and every ten seconds while
-// no daemon is reached. Meanwhile sends answer kStatusDaemonNotConnected, and nothing is sent
-// later. Its inboxes keep their names, and the new connection listens to the same subjects. Its
-// return is reported by "_PM.INFO.SYSTEM.PMD.RECONNECTED", whose f64 field "seconds" has how long
-// the transport was without one: what was sent to it in that time it has missed. While
-// messages leave more slowly than they are sent, "_PM.WARN.SYSTEM.CLIENT.FASTPRODUCER" tells, in
-// its field "waiting", how many are queued.
+// A network transport outlives its connection. A break is reported by the advisory
+// "_PM.WARN.SYSTEM.PMD.DISCONNECTED", with "messages_dropped" and "bytes_dropped" if messages that
+// had been sent are lost. The transport then connects again: within 100 ms, from the third break in
+// a row on after a second, two, four and so on, and every ten seconds while no daemon is reached.
+// Meanwhile sends return kStatusDaemonNotConnected, and nothing is kept to be sent later. Inboxes
+// keep their names, and the new connection listens to the same subjects. It is reported by
+// "_PM.INFO.SYSTEM.PMD.RECONNECTED", whose f64 field "seconds" says how long the transport was
+// without one: it has missed what was sent to it in that time. While messages leave more slowly
+// than they are sent, "_PM.WARN.SYSTEM.CLIENT.FASTPRODUCER" says in its field "waiting" how many
+// are queued.
 //
 // The direct road: a transport with a UDP port of its own is reached at "_INBOX.HOST.PPORT...", and
-// from a transport that has one, too, such a message goes straight there, whether there is a
-// connection to the daemon or not. It arrives once, whole and in order, or is told as lost: by
-// "_PM.ERROR.SYSTEM.DATALOSS.OUTBOUND.PTP" with the sender, "...INBOUND.PTP" with the receiver,
-// with the peer's address in the field "host" and, where it is known, "bytes_dropped". A sender
-// waits while its peer is 4 MB behind, but not in callbacks of the library's own queues.
+// such a message from a transport that has one too goes straight there, with or without a
+// connection to the daemon. It arrives once, whole and in order, or is reported as lost: by
+// "_PM.ERROR.SYSTEM.DATALOSS.OUTBOUND.PTP" at the sender and "...INBOUND.PTP" at the receiver,
+// with the peer's address in the field "host" and, if it is known, "bytes_dropped". A sender waits
+// while 4 MB to its peer are unconfirmed, but not in callbacks of the library's own queues.
 //
 // Ownership: a message that is sent still belongs to the sender, who may change or destroy it
 // afterwards. Texts that a getter returns are valid until they are set again or the transport is
@@ -60,7 +60,7 @@ struct pelmoMsg;
 //     null, ""      port 7500 of this host
 //     7500, :7500   that port of this host
 //     HOST:7500     that port of another host, by name or dotted number
-//     tcp:...       the same; ssl:... over a secure connection, where there is a class for it
+//     tcp:...       the same; ssl:... over a secure connection, if there is a class for it
 //
 // A daemon of this host that isn't there is started once, as the program "pmd" of the search path,
 // where the text has no address; "127.0.0.1:7500" starts none.
@@ -184,8 +184,8 @@ pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
                                                    const uint8_t* subject,
                                                    uint32_t* outEvent);
 
-// Settings of a network transport. They are kept: each connection begins with them. A daemon is
-// told of a change at once, unless it is too old to know the setting.
+// Settings of a network transport. They are kept: each connection begins with them. A change is
+// sent to the daemon at once, unless the daemon is too old to know the setting.
 
 // What pelmoTransport_CreateNetwork was given, the daemon's after defaulting.
 // kStatusInvalidTransport for other kinds.

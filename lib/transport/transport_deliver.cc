@@ -1,7 +1,7 @@
 // Delivery: from a message to the queues of the listeners on its subject.
 //
 // Listeners are matched under the transport's lock and posted to without it: a post may run a
-// queue's hook or tell of a limit on another transport. So the matching listeners are copied, each
+// queue's hook or report a limit on another transport. So the matching listeners are copied, each
 // with a reference; the next match overwrites the subject list's own array.
 
 #include <cstdlib>
@@ -247,7 +247,7 @@ bool collectFor(Transport* transport,
 // Who has sent what is delivered: others, by way of the daemon, or the peer of a circuit.
 enum class Origin { kNetwork, kPeer };
 
-// Owns the message. False where memory ran out and no listener was told.
+// Owns the message. False when memory ran out and no listener got it.
 bool batchOne(Transport* transport,
               pelmoMsg* message,
               Origin origin,

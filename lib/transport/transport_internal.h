@@ -165,13 +165,13 @@ pelmoStatus Transport_RemoveHook(TransportHook* hook);
 pelmoStatus Transport_RemoveListener(uint32_t transport, Event* event);
 
 // Enters a listener, of which the caller holds the base reference, in the list and gives it its id.
-// `isFirst`, optional, tells whether it is the only one at its subject. On failure it has no id and
+// `isFirst`, optional: whether it is the only one at its subject. On failure it has no id and
 // isn't in the list. The caller holds the object lock. kStatusNoMemory.
 [[nodiscard]] pelmoStatus transportBindListener(
     Transport* transport, Event* listener, const uint8_t* subject, uint32_t* out, bool* isFirst)
     PELMO_REQUIRES(transport->header.lock);
 
-// Takes a listener off the list but keeps its id and inbox, and tells how many stay at its subject.
+// Takes a listener off the list but keeps its id and inbox; `*remaining`: how many its subject has.
 // False when it wasn't in the list. The caller holds the object lock.
 bool transportForgetListener(Transport* transport,
                              Event* event,
@@ -182,7 +182,7 @@ bool transportForgetListener(Transport* transport,
 void listenerCutOff(Event* event);
 
 // The subjects that a daemon has to know of, in the order of the listeners' table: packed, one
-// behind the other, in a block that the caller frees. Null and no bytes where there are none; false
+// after the other, in a block that the caller frees. Null and no bytes if there are none; false
 // when memory ran out. The caller holds the object lock.
 [[nodiscard]] bool transportListInterest(Transport* transport,
                                          uint8_t** outSubjects,

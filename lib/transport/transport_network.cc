@@ -15,7 +15,7 @@
 
 namespace {
 
-// Messages that tell the daemon of a setting: the letter, and the first version that knows it.
+// Messages that send a setting to the daemon: the letter, and the first version that knows it.
 struct ControlKind {
     const char* letter;
     DaemonVersion since;
@@ -97,8 +97,8 @@ pelmoStatus createNetwork(
     // The base reference stays with the id.
     held.leave();
     (void)held.take();
-    // A close that came meanwhile may have listed the transports ahead of this one, and the threads
-    // that would serve it are gone.
+    // A close that came meanwhile may have listed the transports before this one existed, and the
+    // threads that would serve it are gone.
     if (!libraryIsOpen() || !evmIsAt(epoch)) {
         (void)pelmoTransport_Destroy(id);
         return kStatusDaemonNotConnected;
@@ -107,7 +107,7 @@ pelmoStatus createNetwork(
     return kStatusSuccess;
 }
 
-// The transport, locked. kStatusInvalidTransport where there is none, kStatusNotPermitted for one
+// The transport, locked. kStatusInvalidTransport if there is none, kStatusNotPermitted for one
 // of another kind.
 pelmoStatus holdNetwork(Held<Transport>& held, uint32_t transport)
     PELMO_ASSERTS(held->header.lock) {

@@ -165,8 +165,8 @@ pelmoStatus deliverAll(Held<Transport>& transport,
     return kStatusSuccess;
 }
 
-// Ahead of the first number that a circuit gives, all messages are ready: one that isn't would
-// leave a gap. Within the process those ahead of it have been delivered.
+// All messages are made ready before the circuit gives its first number: one that can't be sent
+// would leave a gap. Within the process the messages before the bad one are sent.
 pelmoStatus sendAllOnCircuit(Transport* circuit,
                              std::span<pelmoMsg* const> messages,
                              uint32_t* taken) PELMO_REQUIRES(circuit->header.lock) {

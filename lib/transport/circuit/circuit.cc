@@ -144,10 +144,9 @@ Ending takeLocked(VirtualCircuit* circuit,
     return Ending::kInvalidMessage;
 }
 
-// Where several threads dispatch the work queue, one of them may come with a batch whose
-// predecessors another thread has taken from the queue and not yet brought. It waits for them,
-// while there is any dispatch of which that may be true: once all of them wait, something is
-// missing.
+// If several threads dispatch the work queue, one of them may bring a batch whose predecessors
+// another thread has taken from the queue and not yet delivered. It waits for them as long as some
+// dispatch may still bring them: once all dispatches wait, something is missing.
 void awaitEarlierLocked(VirtualCircuit* circuit, uint64_t number)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     const uint64_t& received = circuit->count.recvSeq;
@@ -236,7 +235,7 @@ void joinLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     circuit->isLegacyPeer = offer.isLegacy;
     char gone[kSubjectTextBytes];
     if (handshakeUnreachableSubject(gone, circuit->peerSubject)) {
-        // Without it, the peer's silence tells the same later.
+        // Without it, the peer's silence shows the same later.
         (void)listen(circuit, gone, onUnreachable, &circuit->unreachableListener);
     }
     circuit->vcState = CircuitState::kConnected;
@@ -248,9 +247,9 @@ void tellConnectLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transpor
     Cond_Broadcast(&circuit->changed);
 }
 
-// What can fail comes before the answer: an end that was told of the other keeps the circuit. It
-// may hear of the peer before its own answer has left, so it takes itself for connected until it
-// knows better.
+// What can fail comes before the answer: an end that knows of the other keeps the circuit. Messages
+// of the peer may come before the own answer has left, so the end counts as connected until that
+// fails.
 void acceptLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     if (!startTimer(circuit)) return;
@@ -263,7 +262,7 @@ void acceptLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     circuit->vcState = CircuitState::kWaiting;
 }
 
-// The peer takes the circuit for connected already, and is told where it can't be watched.
+// The peer counts the circuit as connected already, and is notified if it can't be watched.
 void completeLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     const bool isWatched = startTimer(circuit);
@@ -300,7 +299,7 @@ bool isDirectLocked(const VirtualCircuit* circuit) PELMO_REQUIRES(circuit->trans
 
 // Creation
 
-void destroyCircuit(VirtualCircuit* circuit) PELMO_UNCHECKED_LOCKING {  // nobody else has it
+void destroyCircuit(VirtualCircuit* circuit) PELMO_UNCHECKED_LOCKING {  // no other thread has it
     for (uint32_t* event :
          {&circuit->controlListener, &circuit->handshakeListener, &circuit->heartbeatTimer,
           &circuit->unreachableListener, &circuit->graceTimer}) {
@@ -446,7 +445,7 @@ void vcControl(uint32_t id, std::span<pelmoMsg* const> messages) {
     awaitHandshakeLocked(held.circuit);
     Parcels parcels;
     Ending ending = takeAllLocked(held.circuit, messages, parcels);
-    // Parcels come to the listeners ahead of the advisory of the end.
+    // Parcels reach the listeners before the advisory of the end.
     if (parcels.count != 0) {
         held.circuit->isDelivering = true;
         held.leave();
@@ -487,7 +486,7 @@ pelmoStatus vcDeliver(Transport* transport, pelmoMsg* message) {
     return Transport_DeliverOfPeer(transport, {&message, 1});
 }
 
-// The checker can't tell that the circuit's transport is this one.
+// The checker doesn't know that the circuit's transport is this one.
 void vcDisconnect(Transport* transport, const char* reason) PELMO_UNCHECKED_LOCKING {
     endLocked(transport->circuit, reason, true);
 }

@@ -9,14 +9,14 @@
 //     vcWaitForConnection(circuit, 10)             vcWaitForConnection(circuit, 10)
 //
 // A circuit is then used by the calls of transports: messages are sent on it, listeners and inboxes
-// made, requests answered. It ends by pelmoTransport_Destroy, which tells the peer. A circuit has
-// no time limit for its handshake, and a request that is lost isn't sent again: the application
-// decides how long to wait, and begins anew with a new circuit.
+// made, requests answered. It ends by pelmoTransport_Destroy, which notifies the peer. A circuit
+// has no time limit for its handshake, and a request that is lost isn't sent again: the application
+// decides how long to wait, and then starts again with a new circuit.
 //
 // Advisories come to listeners on the circuit itself: "_PM.INFO.SYSTEM.VC.CONNECTED";
 // "_PM.INFO.SYSTEM.VC.DISCONNECTED" when the peer has ended it in order; and
 // "_PM.ERROR.SYSTEM.VC.DISCONNECTED" with "remote timeout", "data loss", "invalid message", "remote
-// unreachable" where the peer's transport is gone without that, or "out of memory" in ADV_DESC.
+// unreachable" if the peer's transport is gone without that, or "out of memory" in ADV_DESC.
 // What a peer sends on "_PM" subjects isn't delivered. The circuit stays until it is destroyed, and
 // sends answer kStatusCircuitNotConnected. A send that failed while connected has used up its
 // number: the next one ends the circuit.
@@ -30,8 +30,9 @@
 // itself, kStatusInvalidSubject for a connect subject that doesn't parse, what a send on the
 // underlying transport answers, kStatusNoMemory. Outputs are written only on success.
 //
-// Threads: any. Messages of circuits are taken in on the library's work queue, so that whoever
-// dispatches that queue must not wait for a connection. A queue's hook must not send on a circuit.
+// Threads: any. Messages of circuits are taken in on the library's work queue, so a thread
+// that dispatches that queue must not wait for a connection. A queue's hook must not send on a
+// circuit.
 
 #pragma once
 
@@ -50,6 +51,6 @@
                                           uint32_t underlying);
 
 // Seconds below 0 mean no limit. kStatusInvalidTransport for an id that is no live circuit;
-// kStatusTimeout; kStatusCircuitNotConnected where the circuit has ended already. One that ends
-// during the wait answers success, which the next send will show.
+// kStatusTimeout; kStatusCircuitNotConnected if the circuit has ended already. One that ends
+// during the wait returns success, which the next send will show.
 [[nodiscard]] pelmoStatus vcWaitForConnection(uint32_t circuit, double seconds);

@@ -1,6 +1,6 @@
-// How two ends become a circuit: the connecting end sends a request to the inbox that it was told
-// of, the accepting end answers it with an acceptance, and each then knows the other's control
-// inbox. Nothing is sent twice, and whoever comes later finds the circuit taken.
+// How two ends become a circuit: the connecting end sends a request to the inbox that it was given,
+// the accepting end answers it with an acceptance, and each then knows the other's control inbox.
+// Nothing is sent twice, and an end that comes later finds the circuit taken.
 //
 // Threads: functions of their arguments.
 
@@ -20,7 +20,7 @@ enum class CircuitEnd : uint8_t { kAccepting, kConnecting };
                                   pelmoMsg* message,
                                   CircuitOffer* out);
 
-// The advisory by which a daemon tells that the transport of a peer is gone. False where none will
-// come: for a peer within the process, one behind a router, and a subject that gets too long.
+// The advisory by which a daemon reports that the transport of a peer is gone. False if none will
+// come: for a peer within the process, one beyond a router, and a subject that gets too long.
 [[nodiscard]] bool handshakeUnreachableSubject(char (&text)[kSubjectTextBytes],
                                                const uint8_t* controlInbox);

@@ -1,5 +1,5 @@
 // The circuit's record, and what its sources and the transports call. The calls for applications
-// stand in lib/transport/circuit/circuit.h.
+// are in lib/transport/circuit/circuit.h.
 //
 //     circuit_message.h      the five messages, built and read
 //     circuit_handshake.h    which message begins the circuit
@@ -14,12 +14,12 @@
 // transport beneath makes it wait for room: the timer thread and the work queue would wait with it.
 // A sender takes the turn, wraps, and sends with the lock released; others wait for the turn.
 // Heartbeats and goodbyes never wait. A heartbeat that finds the turn taken is due again at the
-// next tick, and the peer hears of us by what is just being sent; a goodbye leaves at the end of
-// the turn.
+// next tick, and what is being sent shows the peer that we are alive; a goodbye leaves at the end
+// of the turn.
 //
-// Ends: only a goodbye ends a circuit in order. Where the daemon reports that the peer is gone,
-// what it sent by the daemon has come; what it sent straight may still be under way, so that a peer
-// that is reached directly keeps the circuit for as long as its flush may take.
+// Ends: only a goodbye ends a circuit in order. When the daemon reports that the peer is gone, what
+// the peer sent by the daemon has come; what it sent straight may still be under way, so the
+// circuit to a peer that is reached directly stays for as long as the peer's flush may take.
 
 #pragma once
 
@@ -65,7 +65,7 @@ struct VirtualCircuit {
 
     // The turn to send. A hook of the transport beneath may send on the circuit again.
     uint32_t turns
-        PELMO_GUARDED_BY(transport->header.lock);  // that `turnThread` has taken; 0: nobody
+        PELMO_GUARDED_BY(transport->header.lock);  // that `turnThread` has taken; 0: none
     pthread_t turnThread PELMO_GUARDED_BY(transport->header.lock);
     uint32_t turnsAwaited PELMO_GUARDED_BY(transport->header.lock);  // by other threads
     bool owesGoodbye PELMO_GUARDED_BY(transport->header.lock);
@@ -92,11 +92,11 @@ void circuitAttach();
     PELMO_REQUIRES(transport->header.lock);
 
 // Delivers to the transport's listeners and takes ownership of the message. The caller holds a
-// reference. kStatusNoMemory where the listeners couldn't be told.
+// reference. kStatusNoMemory if the listeners didn't get it.
 [[nodiscard]] pelmoStatus vcDeliver(Transport* transport, pelmoMsg* message);
 
-// Ends the circuit, telling the peer; no reason for an end in order. Nothing happens to one that
-// has ended.
+// Ends the circuit and notifies the peer; no reason for an end in order. Nothing happens to one
+// that has ended.
 void vcDisconnect(Transport* transport, const char* reason) PELMO_REQUIRES(transport->header.lock);
 
 // One tick of the timer, and messages of the peer, at most kMostBatchMessages: what the events
@@ -115,12 +115,12 @@ void vcControl(uint32_t circuit, std::span<pelmoMsg* const> messages);
 [[nodiscard]] pelmoStatus circuitSendSign(VirtualCircuit* circuit, CircuitKind kind)
     PELMO_REQUIRES(circuit->transport->header.lock);
 
-// The answer to an offer. It has no number, but takes a turn: what is sent meanwhile leaves behind
-// it. The caller is the only one who sends.
+// The answer to an offer. It has no number, but takes a turn: what is sent meanwhile leaves after
+// it. The caller is the only one that sends.
 [[nodiscard]] pelmoStatus circuitSendAcceptance(VirtualCircuit* circuit, const char* to)
     PELMO_REQUIRES(circuit->transport->header.lock);
 
-// To the circuit's own listeners. Where that fails, nobody is there to hear of it.
+// To the circuit's own listeners. A failure can't be reported to anything else.
 void circuitTell(VirtualCircuit* circuit,
                  const char* advisoryClass,
                  const char* name,

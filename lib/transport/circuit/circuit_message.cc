@@ -48,7 +48,7 @@ class Writer {
         std::memcpy(at_, from, sizeBytes);
         at_ += sizeBytes;
     }
-    // What a record begins with. It goes into the index, so that nobody has to walk the message.
+    // What a record begins with. It goes into the index, so that the message needn't be walked.
     template <size_t kBytes>
     void head(const uint8_t (&head)[kBytes]) {
         static_assert(kMostRecords <= kInlineIndexEntries);
@@ -305,7 +305,7 @@ CircuitRecords::CircuitRecords(pelmoMsg* message) : message_(message) {
 
 pelmoStatus CircuitRecords::read(Name name, uint8_t type, pelmoMsgField* out) const {
     const uint8_t* const at = types_[name];
-    // The type comes ahead of the value: some would have to be taken apart.
+    // The type is checked before the value: some would have to be taken apart.
     if (at == nullptr || *at != type) return kStatusNotFound;
     const FieldDecoder decode = fieldDecoders[type];
     if (decode == nullptr) return kStatusInvalidType;

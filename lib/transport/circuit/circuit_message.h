@@ -79,7 +79,7 @@ struct CircuitParcel {
 
 // Reading
 
-// Where the fields of a circuit's message stand in its image: the first one of each name, found in
+// Where the fields of a circuit's message are in its image: the first one of each name, found in
 // one walk. None is found in a message that doesn't walk.
 class CircuitRecords {
   public:

@@ -11,8 +11,8 @@ namespace {
 
 constexpr const char* kSource = "SYSTEM";
 
-// The circuit of a transport whose lock is held; the checker can't tell that its transport is this
-// one.
+// The circuit of a transport whose lock is held; the checker doesn't know that its transport is
+// this one.
 void lockIsHeld(const VirtualCircuit* circuit) PELMO_ASSERTS(circuit->transport->header.lock) {
     static_cast<void>(circuit);
 }
@@ -127,7 +127,7 @@ pelmoStatus vcSendVector(Transport* transport,
         pelmoMsg* made = nullptr;
         const pelmoStatus status = vcWrap(transport, message, &made);
         if (status != kStatusSuccess) {
-            // Neither lock nor turn was let go, so that nobody has seen these numbers.
+            // Neither lock nor turn was released, so no other thread has seen these numbers.
             circuit->count.sendSeq = sendSeqBefore;
             return status;
         }

@@ -106,7 +106,7 @@ pelmoStatus makeLink(DaemonLink** out, Transport* transport, const char* daemon)
 
 // The table's functions
 
-// The checker can't tell that the link's transport is this one.
+// The checker doesn't know that the link's transport is this one.
 pelmoStatus daemonLinkCreate(DaemonLink** out,
                              Transport* transport,
                              const char* daemon,
@@ -161,8 +161,8 @@ pelmoStatus daemonLinkSendVector(Transport* transport,
     return status;
 }
 
-// The queue to send by now, with a reference; null where the message waits, or `*status` tells why
-// it can't.
+// The queue to send by now, with a reference; null if the message waits, or can't be sent,
+// as `*status` says.
 Ipq* queueOrKeep(DaemonLink* link, pelmoMsg* message, DaemonVersion since, pelmoStatus* status) {
     const LockGuard guard(link->lock);
     if (link->ipq == nullptr) {

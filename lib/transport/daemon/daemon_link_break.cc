@@ -35,7 +35,7 @@ bool takeOffLocked(DaemonLink* link, Ipq* ipq, bool sendsAdvisory, SendLosses* l
     return false;
 }
 
-// Is there more to do for the transport? A creation under way holds its lock, and is whole behind
+// Is there more to do for the transport? A creation under way holds its lock, and is whole after
 // that.
 bool isAlive(Held<Transport>& held) {
     held.enter();
@@ -108,7 +108,7 @@ pelmoStatus armForBreak(DaemonLink* link) {
     return armLocked(link, reconnectDelay(&link->breaks, linkEnvironment.now(), random));
 }
 
-// False where nothing is to be waited for, or the timer does the waiting.
+// False if there is nothing to wait for, or the timer does the waiting.
 bool hasToWaitHere(DaemonLink* link) {
     const LockGuard guard(link->lock);
     if (link->isStopped || !libraryIsOpen()) return false;
@@ -145,7 +145,7 @@ double secondsSinceBreak(DaemonLink* link) {
     return linkEnvironment.now() - link->breaks.lastSeconds;
 }
 
-// The checker can't tell that the link's transport is the one that is held.
+// The checker doesn't know that the link's transport is the one that is held.
 bool connectAgain(Held<Transport>& held) PELMO_UNCHECKED_LOCKING {
     DaemonLink* const link = held->link;
     held.enter();

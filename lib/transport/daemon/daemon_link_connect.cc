@@ -201,7 +201,7 @@ pelmoStatus setCallbacks(DaemonLink* link, Ipq* ipq) {
     return status == kStatusSuccess ? status : kStatusNoMemory;
 }
 
-// Interest. What can't be told breaks the connection, so that the next one tells all.
+// Interest. A message that can't be sent breaks the connection; the next one announces all again.
 
 void announce(DaemonLink* link, Ipq* ipq, const uint8_t* subject) {
     pelmoMsg* made = nullptr;
@@ -255,8 +255,8 @@ void applyLocked(DaemonLink* link, Ipq* ipq) PELMO_REQUIRES(link->lock) {
     if (settings.batchMode != 0) (void)ipqSetBatchMode(ipq, settings.batchMode);
 }
 
-// The queue becomes the link's once nothing waits any more. Null where it has; else what waits, or
-// why it can't.
+// The queue becomes the link's once nothing waits any more. Null if it has; else what waits, or why
+// it can't.
 Dpa* takeOverLocked(DaemonLink* link, Ipq* ipq, bool isFirst, pelmoStatus* status)
     PELMO_REQUIRES(link->lock) {
     *status = kStatusDaemonNotConnected;

@@ -29,7 +29,7 @@ struct FreshConnection {
     Ipq* ipq;            // null: none
     Dpa* waiting;        // of WaitingMessage; null: none
     bool isLost;         // it broke
-    bool sendsAdvisory;  // the break is told by an advisory
+    bool sendsAdvisory;  // an advisory reports the break
 };
 
 struct DaemonLink {
@@ -44,7 +44,7 @@ struct DaemonLink {
     uint32_t localAddress;  // in network order; 0: not known
     char userName[kUserNameBytes];
 
-    // Empty until the first connect has made it, ahead of all other threads; then constant.
+    // Empty until the first connect has made it, before any other thread; then constant.
     char session[kMostSessionChars + 1];
 
     Lock lock;
@@ -61,12 +61,12 @@ struct DaemonLink {
 };
 
 // The link's queue with a reference, or null. `sends`: something of the application's, whose loss
-// is told.
+// is reported.
 [[nodiscard]] Ipq* linkTakeQueue(DaemonLink* link, bool sends = false);
 
 [[nodiscard]] bool linkIsStopped(DaemonLink* link);
 
-// Keeps a message for the connection that is being made, if one is. kStatusDaemonNotConnected where
+// Keeps a message for the connection that is being made, if one is. kStatusDaemonNotConnected if
 // none is.
 struct WaitingMessage {
     pelmoMsg* message;

@@ -48,7 +48,7 @@ pelmoStatus adviseLoss(uint32_t transport, const LossWords& words, uint32_t host
     return status == kStatusSuccess ? transportDistribute(transport, advisory.release()) : status;
 }
 
-// A loss is told also where there is no advisory: without memory, and once the transport has been
+// A loss is logged even if no advisory can be sent: without memory, and once the transport has been
 // destroyed and only its endpoint still flushes.
 void onDirectLoss(
     bool inbound, uint32_t peerAddress, uint16_t /*peerPort*/, uint64_t bytes, uintptr_t closure) {

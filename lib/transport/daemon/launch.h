@@ -5,8 +5,8 @@
 // caller's child, so that its end leaves nothing behind and no wait for any child meets it. The
 // system's search finds it.
 //
-// Failure: false where no process could be made or the program isn't found. What becomes of the
-// program isn't known.
+// Failure: false if no process could be made or the program isn't found. How the program ends isn't
+// known.
 //
 // Threads: any.
 

@@ -29,7 +29,7 @@ struct LinkEnvironment {
     bool (*launch)(const char* specification);
     NameResolver names;
 
-    // How long a daemon may take to accept the connection, and then for all that comes ahead of the
+    // How long a daemon may take to accept the connection, and then for all that comes before the
     // session; how long one that was started may take until it listens.
     double connectSeconds;
     double answerSeconds;

@@ -15,7 +15,7 @@ inline constexpr uint32_t kReconnectSpreadMs = 100;  // the random part is below
 inline constexpr double kRetrySeconds = 10.0;        // between attempts that fail
 
 struct BreakRow {
-    uint32_t count;      // 0 ahead of the first break; wraps around
+    uint32_t count;      // 0 before the first break; wraps around
     double lastSeconds;  // when the last one was
 };
 

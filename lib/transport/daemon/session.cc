@@ -72,7 +72,7 @@ void readVersionPart(pelmoMsg* data, const char* name, uint32_t* out) {
     *out = static_cast<uint32_t>(number);
 }
 
-// What may stand in the reply itself and in its inner message, which counts more.
+// Fields that both the reply and its inner message may have; the inner one counts.
 void readTexts(pelmoMsg* message, SessionReply* reply) {
     if (const char* gob = msgText(message, "gob"); gob != nullptr) {
         boundedCopy(reply->gob, gob, sizeof reply->gob);

@@ -5,15 +5,15 @@
 //                                                   <-  reply: mtype "R", data {...}
 //     start once more, now with the session's name  ->
 //
-// The name is what our inboxes are called by: the daemon's address, a port where one can reach us
-// directly ("P") or our number at the daemon ("U"), and a text that nobody else has. It is made
-// from the first reply and kept for later sessions.
+// The name is part of our inboxes: the daemon's address, the port at which we are reached directly
+// ("P") or our number at the daemon ("U"), and a text that no other client has. It is made from the
+// first reply and kept for later sessions.
 //
 //     7F000001.U1A2B.3C5D...    address and number in hexadecimal digits, as people read them
 //
 // Ownership: messages belong to the caller; a reply that was read points to nothing.
 //
-// Failure: as told at each call; outputs are written only on success.
+// Failure: as said at each call; outputs are written only on success.
 //
 // Threads: pure functions over the records that they are given.
 
@@ -31,7 +31,7 @@ inline constexpr DaemonVersion kOwnVersion = {8, 5, 2};
 
 struct SessionStart {
     const char* userName;
-    const char* session;  // empty ahead of the first reply
+    const char* session;  // empty before the first reply
     const char* service;
     const char* network;
     uint32_t pid;
@@ -62,7 +62,7 @@ struct SessionReply {
 // kStatusServiceNotFound without a port, any status that the daemon answers.
 [[nodiscard]] pelmoStatus sessionReadReply(SessionReply* out, pelmoMsg* message);
 
-// The last part of a name, where the daemon gives none: of no more than 24 characters.
+// The last part of a name, if the daemon gives none: of no more than 24 characters.
 struct SessionMaker {
     const void* link;
     int64_t createSeconds;

@@ -14,7 +14,7 @@ constexpr const char* kDefaultSpecification = "7500";
 constexpr uint32_t kMostServiceChars = 127;
 constexpr uint32_t kAddressParts = 4;
 
-// What may stand ahead of the first ":".
+// What may come before the first ":".
 struct Prefix {
     std::string_view text;
     bool isSupported;
@@ -95,7 +95,7 @@ pelmoStatus specificationResolve(DaemonAddress* out,
         !resolver.host(specification.host, &made.address)) {
         return kStatusInvalidArgument;
     }
-    // Nobody listens on port 0.
+    // A daemon can't listen on port 0.
     if (!resolvePort(specification.port, "tcp", resolver, &made.port) || made.port == 0) {
         return kStatusInvalidArgument;
     }

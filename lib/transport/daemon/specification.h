@@ -17,7 +17,7 @@
 //
 // Ownership: what is parsed points into the argument.
 //
-// Failure: as told at each call; outputs are written only on success.
+// Failure: as said at each call; outputs are written only on success.
 //
 // Byte order: addresses and ports are in network order.
 
@@ -55,7 +55,7 @@ struct DaemonAddress {
 // 127.0.0.1 as a number.
 inline constexpr uint32_t kLoopbackAddress = 0x7f000001;
 
-// kStatusInvalidArgument where a name isn't known.
+// kStatusInvalidArgument if a name isn't known.
 [[nodiscard]] pelmoStatus specificationResolve(DaemonAddress* out,
                                                const DaemonSpecification& specification,
                                                const NameResolver& resolver);
@@ -65,7 +65,7 @@ struct DirectPort {
     uint16_t port;  // 0: any
 };
 
-// kStatusNotPermitted where the port is the service itself, kStatusServiceNotFound for a port that
+// kStatusNotPermitted if the port is the service itself, kStatusServiceNotFound for a port that
 // isn't known.
 [[nodiscard]] pelmoStatus specificationDirectPort(DirectPort* out,
                                                   const char* service,

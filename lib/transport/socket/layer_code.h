@@ -1,4 +1,4 @@
-// Layer codes: what every call on a socket answers, and the status that each one stands for.
+// Layer codes: what every call on a socket returns, and the status that each one means.
 //
 // Threads: any; nothing here changes.
 

@@ -9,7 +9,7 @@
 //
 // Environment:
 //     PM_BIN       the directory that is searched; set to the program's own
-//     PM_LIB       the directory "lib" beside it, where there is one
+//     PM_LIB       the directory "lib" beside it, if there is one
 //     PELMO_REXEC  when set, the other two are prepared already and are left alone
 //
 // Ownership: the libraries stay loaded until the process ends, and so does every text given here.
@@ -37,7 +37,7 @@ extern const ModuleBinding sslTable[];         // libssl
 // the program then ends with status 1. The program's directory is taken from `argv` only when the
 // operating system doesn't provide it, and never in a program that runs with more rights than its
 // caller (file capabilities, set-user-id); there the directory has to be root's, and not writable
-// by others. kStatusFileNotFound where there is no directory or no library in it, kStatusIoFailed
+// by others. kStatusFileNotFound if there is no directory or no library in it, kStatusIoFailed
 // for one that can't be loaded or is of another version, kStatusNotFound for one without a
 // function.
 [[nodiscard]] pelmoStatus secureBindAll(const char* const* argv);

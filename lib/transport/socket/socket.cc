@@ -107,7 +107,7 @@ void destruct(Socket* socket) PELMO_UNCHECKED_LOCKING {
 Socket* socketNew(SocketRole role,
                   const SocketClass& functions,
                   uint32_t queueId,
-                  bool isLocal) PELMO_UNCHECKED_LOCKING {  // nobody else knows it yet
+                  bool isLocal) PELMO_UNCHECKED_LOCKING {  // no other thread knows it yet
     void* const block = std::calloc(1, sizeof(Socket));
     if (block == nullptr) return nullptr;
     auto* const made = new (block) Socket{};

@@ -11,15 +11,14 @@
 // Ownership: the maker holds the first reference, and socketDestroy closes and gives it back. Each
 // callback that can still run holds one more, so that a socket outlives its callbacks. The caller
 // of any function holds a reference until it returns. Closures belong to the caller;
-// socketCancelReadable and socketCancelWritable tell by `done` when the callback can't run any
-// more.
+// socketCancelReadable and socketCancelWritable call `done` once the callback can't run any more.
 //
 // Failure: layer codes (layer_code.h), or a status where the call says so. A read or write in any
-// state but connected answers kSocketDisconnected. Outputs are written only on success, but for a
-// read or write that moved some bytes first in mode kSocketFullyBlocking: there `*out` tells how
-// many.
+// state but connected returns kSocketDisconnected. Outputs are written only on success, except that
+// a read or write in mode kSocketFullyBlocking that moved some bytes first sets `*out` to their
+// number.
 //
-// Modes: a non-blocking call answers kSocketWouldBlock when nothing moves; a blocking one waits
+// Modes: a non-blocking call returns kSocketWouldBlock when nothing moves; a blocking one waits
 // until something does; a fully blocking one until all bytes have moved. Waits hold no lock. They
 // end at the deadline, if there is one, with kSocketWouldBlock, and at socketInterrupt and
 // socketClose with kSocketDisconnected.
@@ -128,12 +127,12 @@ void socketInterrupt(Socket* socket);
 // once. kStatusNoMemory.
 [[nodiscard]] pelmoStatus socketSetMinRead(Socket* socket, uint32_t bytes);
 
-// kStatusNotInitialized where the system refuses.
+// kStatusNotInitialized if the system refuses.
 pelmoStatus socketSetKeepAlive(Socket* socket, bool on);
 
-// Callbacks. Setting one replaces the one before. While the socket connects, they wait: at its end
-// the one for writing runs; where it failed, the one for reading, if there is one, and none again.
-// One that is set after a failure runs once for it.
+// Callbacks. Setting one replaces the one before. While the socket connects, they wait. When it is
+// connected, the one for writing runs; when it failed, only one of them runs, and only once: the
+// one for reading if it is set. One that is set after a failure runs once for it.
 // kStatusInvalidCallback for null, kStatusInvalidIoSource in a state that can't have one, and the
 // statuses of pelmoEvent_CreateIO.
 [[nodiscard]] pelmoStatus socketOnReadable(Socket* socket, SocketCallback callback, void* closure);
@@ -141,7 +140,7 @@ pelmoStatus socketSetKeepAlive(Socket* socket, bool on);
 
 // The callback doesn't start any more. `done`, if not null, is called with the callback's closure
 // once it isn't running either, nor is one that it replaced: at once, or on the last one's own
-// thread at its end. kStatusInvalidEvent where nothing is registered; `done` isn't called then.
+// thread at its end. kStatusInvalidEvent if nothing is registered; `done` isn't called then.
 pelmoStatus socketCancelReadable(Socket* socket, SocketDone done);
 pelmoStatus socketCancelWritable(Socket* socket, SocketDone done);
 

@@ -25,8 +25,8 @@ inline constexpr uint32_t kSecureSocketClass = 3;
 struct SocketClass {
     uint32_t index = 0;  // its row, while that is in use
 
-    // The connection stands: begin what comes ahead of the first byte. kSocketDone: the socket is
-    // connected; kSocketWouldBlock: it goes on connecting and is asked again when there is
+    // TCP is connected: begin what comes before the first byte. kSocketDone: the socket is
+    // connected; kSocketWouldBlock: it is still connecting and is asked again when there is
     // something to read, or, in cross mode kReadNeedsWritable, when there is room to write.
     // Anything else fails the connect.
     SocketCode (*connected)(Socket* socket) = nullptr;
@@ -34,7 +34,7 @@ struct SocketClass {
 
     void (*closing)(Socket* socket) = nullptr;
 
-    // `*out` tells how many bytes moved and is written only on success. A receive of 0 bytes with a
+    // `*out`: how many bytes moved, written only on success. A receive of 0 bytes with a
     // size above 0 means that the peer has closed.
     SocketCode (*send)(Socket* socket, const void* bytes, uint32_t size, uint32_t* out) = nullptr;
     SocketCode (*sendVector)(Socket* socket, const GatherList* list, uint32_t* out) = nullptr;

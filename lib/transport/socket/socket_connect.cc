@@ -39,7 +39,7 @@ int bindHandle(int handle, uint32_t address, uint16_t port) {
     return bind(handle, reinterpret_cast<const sockaddr*>(&own), sizeof(own));
 }
 
-// 0 where there is none.
+// 0 if there is none.
 uint16_t portOf(int handle) {
     sockaddr_in own = {};
     socklen_t size = sizeof(own);
@@ -56,9 +56,9 @@ void bindAsAskedLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
                static_cast<void*>(socket), socket->handle, socketErrorFromErrno(errno), text);
 }
 
-// EINPROGRESS while it is under way, 0 for a connection. An error is told once and then forgotten
-// by the system, and a connect that was shut down never has one: so there is a connection only
-// where there is a peer.
+// EINPROGRESS while it is under way, 0 for a connection. The system reports an error once and then
+// forgets it, and a connect that was shut down never has one: so it is connected only if it has a
+// peer.
 int connectError(int handle) {
     pollfd entry{.fd = handle, .events = POLLOUT, .revents = 0};
     if (poll(&entry, 1, 0) <= 0) return EINPROGRESS;
@@ -90,13 +90,13 @@ void failConnectLocked(Socket* socket, SocketCode code) PELMO_REQUIRES(socket->l
     socket->state = SocketState::kFailed;
     socket->beginning = false;
     socket->failCode = code;
-    // One callback hears of it.
+    // Only one callback runs for it.
     if (socket->reader != nullptr && socket->writer != nullptr) socket->writer->knowsFailure = true;
-    // In a failed socket an event that can't be made is one less that tells of the failure.
+    // On failure one event less reports the failed connect.
     (void)socketAdjustEventsLocked(socket);
 }
 
-// Events for what is under way or connected by now; without them nobody would hear of it.
+// Makes the events for a connect or a connection; without them no callback would ever run.
 SocketCode settleLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
     const pelmoStatus status = socketAdjustEventsLocked(socket);
     if (status == kStatusSuccess) return kSocketDone;
@@ -116,7 +116,7 @@ SocketCode startConnectLocked(Socket* socket, uint32_t address, uint16_t port)
                socket->handle, static_cast<int>(ntohs(portOf(socket->handle))),
                ADDRESS_ARGUMENTS(address, port));
     if (error == 0) return kSocketDone;
-    // An interrupted connect goes on by itself. EAGAIN says that the system has no room for it.
+    // An interrupted connect continues by itself. EAGAIN says that the system has no room for it.
     if (error == EINPROGRESS || error == EINTR) return kSocketWouldBlock;
     return socketFailLocked(socket, error == EAGAIN ? ENOBUFS : error);
 }

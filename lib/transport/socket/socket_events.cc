@@ -14,8 +14,8 @@ constexpr uint32_t kConditions[kSocketEvents] = {kIoRead, kIoWrite, kIoException
 
 using Needs = bool[kSocketEvents];
 
-// While the system connects, any event may tell its end. While the class begins a connection, one
-// direction will do: the other would be ready all the time.
+// While the system connects, any event may be its end. While the class begins a connection, only
+// one direction is watched: the other would be ready all the time.
 void needsLocked(const Socket* socket, Needs& out) PELMO_REQUIRES(socket->lock) {
     const bool readNeedsWritable = socket->crossMode == SocketCrossMode::kReadNeedsWritable;
     const bool writeNeedsReadable = socket->crossMode == SocketCrossMode::kWriteNeedsReadable;
@@ -50,7 +50,7 @@ void endEventLocked(Socket* socket, uint32_t* event) PELMO_REQUIRES(socket->lock
 }
 
 // Leaves the lock for the callback, and for what waits for its end. A failed socket is ready all
-// the time, so that its events end with the one run that tells of it.
+// the time, so its events end with the one run that reports the failure.
 void runLocked(Socket* socket, SocketHandler* handler) PELMO_REQUIRES(socket->lock) {
     if (handler->knowsFailure) return;
     if (socket->state == SocketState::kFailed) {
@@ -73,7 +73,7 @@ void runLocked(Socket* socket, SocketHandler* handler) PELMO_REQUIRES(socket->lo
     Lock_Enter(&socket->lock);
 }
 
-// The callback hears of the end of a stream that is shorter than what it waits for.
+// At the end of the stream the callback runs even for fewer bytes than it waits for.
 bool hasEnoughLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
     if (socket->state != SocketState::kConnected) return true;
     if (socket->peekCount >= socket->minRead) return true;
@@ -91,7 +91,7 @@ void runWriterLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
     if (socket->writer != nullptr) runLocked(socket, socket->writer);
 }
 
-// One callback hears how a connect ended: of a failure the one that would read it.
+// One callback runs when a connect ends: on failure the one for reading.
 void onConnectEventLocked(Socket* socket) PELMO_REQUIRES(socket->lock) {
     if (!socketConnectAdvanceLocked(socket)) return;
     const bool failed = socket->state != SocketState::kConnected;

@@ -34,7 +34,7 @@ enum class SocketState : uint32_t {
 struct SocketHandler {
     SocketCallback callback;
     void* closure;
-    bool knowsFailure = false;  // that the connect failed: there is nothing more to hear
+    bool knowsFailure = false;  // the callback has run for the failed connect
 
     uint32_t runs = 0;  // under way
     bool cancelled = false;
@@ -67,8 +67,8 @@ struct Socket {
     int handle PELMO_GUARDED_BY(lock);           // -1: none
     uint32_t polls PELMO_GUARDED_BY(lock);       // waits for the handle that are under way
     int lastError PELMO_GUARDED_BY(lock);        // by lib/runtime/socket_error.h
-    bool interrupted PELMO_GUARDED_BY(lock);     // for good
-    bool beginning PELMO_GUARDED_BY(lock);       // the class works on what comes ahead of the bytes
+    bool interrupted PELMO_GUARDED_BY(lock);     // never reset
+    bool beginning PELMO_GUARDED_BY(lock);       // the class works on what comes before the bytes
     SocketCode failCode PELMO_GUARDED_BY(lock);  // of a connect that failed
 
     // Addresses in network order

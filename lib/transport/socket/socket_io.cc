@@ -18,7 +18,7 @@ namespace {
 
 constexpr double kLongestPollSeconds = 86'400;
 
-// Negative for no limit. Rounded up, so that a poll never ends ahead of its time.
+// Negative for no limit. Rounded up, so that a poll never ends too early.
 int pollMilliseconds(double deadline) {
     if (deadline == 0) return -1;
     const double left = deadline - clockSteadySeconds();
