@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
             std::fputs(pmdOptionsHelp().c_str(), stdout);
             return 0;
         case PmdParse::kVersion:
-            std::puts("pmd " PELMO_TOLD_VERSION);
+            std::puts("pmd " PELMO_BUS_VERSION);
             return 0;
         case PmdParse::kWrong:
             std::fprintf(stderr, "pmd: %s; --help lists the options\n", error.c_str());

@@ -206,8 +206,8 @@ def make_judges():
 
 
 def judges_of(judges, path):
-    """The tests of the folder that the source stands in, those of all public calls, and the cases:
-    the ones most likely to notice come first."""
+    """The tests of the source's folder, those of the floors that use it, and the cases: the ones most
+    likely to notice come first."""
     parts = path.relative_to(COPY).parts
     if parts[0] == "tools":
         return [judges["tools"]]
@@ -220,8 +220,9 @@ def judges_of(judges, path):
         return [judges[name] for name in ["watch", *programs]]
     if parts[0] == "trace":
         return [judges["cases"], judges["trace"]]
-    public = [judges["lib/pelmo"]] if parts[1] in ("msg", "runtime", "transport") else []
-    return [judges["/".join(parts[:2])], *public, judges["cases"]]
+    users = {"base": ["lib/msg", "lib/runtime", "trace"], "containers": ["lib/msg", "lib/runtime"],
+             "pelmo": []}.get(parts[1], ["lib/pelmo"])
+    return [judges[name] for name in ["/".join(parts[:2]), *users, "cases"]]
 
 
 def judge(fault, path, judges):

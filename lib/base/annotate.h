@@ -22,7 +22,7 @@
 #define PELMO_RELEASE(...) PELMO_ANNOTATE(release_capability(__VA_ARGS__))
 #define PELMO_EXCLUDES(...) PELMO_ANNOTATE(locks_excluded(__VA_ARGS__))
 
-// On functions behind which the lock is held, or nothing that it guards is at hand.
+// On functions after which the lock is held, or that touch nothing it guards.
 #define PELMO_ASSERTS(...) PELMO_ANNOTATE(assert_capability(__VA_ARGS__))
 
 // On functions whose locking the checker can't follow, such as a lock taken only sometimes. Each

@@ -7,9 +7,9 @@
 // lies in memory, in network order: so addresses and ports travel through the tool, and are
 // converted only to be compared with constants, sorted and shown.
 //
-// A load tolerates any alignment. One that would reach past the end gives 0: whoever has to tell a
-// short packet from a field of 0 asks cursorHolds first. loadBe*At are for bytes that such a
-// question has already covered, and store*At for room that the caller knows to be there.
+// A load tolerates any alignment. One that would reach past the end gives 0: a caller that must
+// distinguish a short packet from a field of 0 asks cursorHolds first. loadBe*At are for bytes that
+// such a check has already covered, and store*At for room that the caller knows to exist.
 
 #pragma once
 

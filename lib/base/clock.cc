@@ -18,7 +18,7 @@ timespec monotonicTime() {
     return now;
 }
 
-// Relaxed: a source stands for itself, nothing else is handed over with it.
+// Relaxed: no other data is published with a source.
 constinit std::atomic<ClockSource> source = systemTime;
 constinit std::atomic<ClockSource> monotonicSource = monotonicTime;
 

@@ -31,9 +31,9 @@ struct CalendarTime {
 void clockNow(TimeSpec* out);
 void clockSeconds(double* out);
 
-// Seconds since 1970, as the wall clock told when the process first asked; from there on they go
-// with the monotonic clock and never step. For what falls due after so many seconds, and not at a
-// time of the day.
+// Seconds since 1970, as the wall clock showed when the process first asked; from then on they
+// follow the monotonic clock and never step. For what is due after a number of seconds, not at a
+// time of day.
 [[nodiscard]] double clockSteadySeconds();
 
 // A time whose year no calendar holds gives all zeros.
@@ -44,7 +44,7 @@ void calendarFrom(int64_t time, CalendarTime* out);
 void timeText(char* buffer, size_t sizeBytes);
 
 // Where all of the above gets the time from: the system, unless a test puts its own source there.
-// Returns what stood there; null stands for the system. Sources are called from any thread.
+// Returns the former source; null is the system. Sources are called from any thread.
 using ClockSource = timespec (*)();
 ClockSource clockSetSource(ClockSource source);
 

@@ -1,15 +1,14 @@
 // A condition: an event that wakes one waiter and resets itself, and a broadcast on top of it.
 //
-// A signal with nobody waiting is remembered, and the next wait returns at once; two are remembered
-// as one. A waiter may thus wake without cause: it tests what it waits for in a loop, under its
-// lock.
+// A signal without a waiter is remembered, and the next wait returns at once; two are remembered as
+// one. A waiter may thus wake without cause: it tests what it waits for in a loop, under its lock.
 //
 //     while (!ready) (void)Cond_Wait(cond, lock);
 //
 // Failure: kStatusInvalidArgument for a null argument, kStatusNoMemory where the system has no
 // room; *out is written only on success.
 //
-// Threads: any. Signal and broadcast want no lock. A wait leaves the lock once, so that a lock that
+// Threads: any. Signal and broadcast need no lock. A wait leaves the lock once, so that a lock that
 // its thread holds twice stays held. Nobody may wait on a condition that is destroyed.
 
 #pragma once
@@ -32,7 +31,7 @@ struct Cond {
     bool signalled;
 
     // Changed under `mutex`; atomic so that they can be looked at without it. `waiters` counts
-    // before the caller's lock is left: who holds that lock sees each wait that came before.
+    // before the caller's lock is left: the holder of that lock sees each wait that came before.
     std::atomic<int32_t> waiters;
     std::atomic<int32_t> broadcast;
 };
@@ -47,6 +46,6 @@ pelmoStatus Cond_Broadcast(Cond* cond);
 // The caller holds the lock, and holds it again on return.
 pelmoStatus Cond_Wait(Cond* cond, Lock* lock);
 
-// kStatusTimeout where nothing came in time. Steps of the wall clock don't matter. The time is cut
-// to whole milliseconds; none is left of a negative one.
+// kStatusTimeout where no signal came in time. Steps of the wall clock don't matter. The time is
+// cut to whole milliseconds; none is left of a negative one.
 [[nodiscard]] pelmoStatus Cond_TimedWait(Cond* cond, Lock* lock, double seconds);

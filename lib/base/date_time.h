@@ -1,8 +1,8 @@
 // A date-time as messages carry it, in UTC.
 //
-// What is added to a message has to have less than a second of nanoseconds, of which whole
-// microseconds travel. What comes from outside needn't: 24 bits of microseconds tell up to 16
-// seconds, of which `nanoseconds` holds what 32 bits do. Text shows the number as it is.
+// A value added to a message must have less than a second of nanoseconds, of which whole
+// microseconds travel. A received one needn't: 24 bits of microseconds hold up to 16 seconds, of
+// which `nanoseconds` keeps what fits 32 bits. Text shows the number as it is.
 
 #pragma once
 

@@ -2,13 +2,13 @@
 // touches at random: with 4 KiB pages, finding the page costs more than fetching the record.
 //
 // The heap grows in large steps and its unused rest is offered to the kernel for transparent huge
-// pages (madvise(2), MADV_HUGEPAGE), where the system allows it to those who ask. Only what is
-// touched becomes resident. Without huge pages nothing changes but the speed.
+// pages (madvise(2), MADV_HUGEPAGE), where the system allows it on request. Only what is touched
+// becomes resident. Without huge pages only the speed changes.
 //
 // Under a limit of addresses (RLIMIT_AS, RLIMIT_DATA, strict overcommit) the steps are a sixteenth
-// of what is left at most, so that as little of it stays out of reach.
+// of what is left at most, so that at most that much stays unusable.
 //
-// Threads: ahead of all others, once, from `main`.
+// Threads: called once from `main`, before any other thread starts.
 
 #pragma once
 

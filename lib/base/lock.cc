@@ -59,7 +59,7 @@ HeldLock* heldFind(const Lock* lock) {
     return found == held().end() ? nullptr : &*found;
 }
 
-// Ahead of taking it: an inversion is told even where it would hang.
+// Before taking it, so that an inversion is reported even where it would hang.
 void noteEnter(const Lock* lock) {
     if (HeldLock* again = heldFind(lock)) {
         ++again->depth;

@@ -29,8 +29,8 @@ struct PELMO_CAPABILITY("lock") Lock {
     pthread_mutex_t mutex;
 };
 
-// For a lock that lives as long as the process: ready ahead of every constructor, never destroyed,
-// and nothing about it can fail.
+// For a lock that lives as long as the process: ready before any constructor runs, never destroyed,
+// and it cannot fail.
 #define PELMO_LOCK_READY(rank) \
     { 0, rank, PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP }
 
@@ -41,8 +41,8 @@ pelmoStatus Lock_Destroy(Lock* lock);
 void Lock_Enter(Lock* lock) PELMO_ACQUIRE(lock);
 void Lock_Leave(Lock* lock) PELMO_RELEASE(lock);
 
-// Does the calling thread hold a lock that stands further down than `rank`? For assertions: false
-// in builds with NDEBUG.
+// Does the calling thread hold a lock that is further down than `rank`? For assertions: false in
+// builds with NDEBUG.
 [[nodiscard]] bool lockHoldsBelow(LockRank rank);
 
 // Held from here to the end of the scope.

@@ -1,13 +1,13 @@
-// The order of all locks, outermost first: a thread that holds a lock takes only locks that stand
-// further down. Debug builds stop at the first thread that does otherwise (lib/base/lock.h).
+// The order of all locks, outermost first: a thread that holds a lock takes only locks further
+// down. Debug builds stop at the first violation (lib/base/lock.h).
 //
 // The locks of the programs come first: a program's thread may call into the library with one held,
-// and the library knows nothing of them. Tracing and log come last: whoever has something to tell
-// may hold any lock.
+// and the library knows nothing of them. Tracing and log come last: a thread may log with any lock
+// held.
 //
-// Transports and what carries their messages come ahead of the event manager and the id tables: who
-// holds one of their locks may make and end timers and IO events, and post. The event manager calls
-// none of them with its own lock held.
+// Transports and what carries their messages come before the event manager and the id tables: a
+// thread that holds one of their locks may make and end timers and IO events, and post. The event
+// manager calls none of them with its own lock held.
 
 #pragma once
 

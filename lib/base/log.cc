@@ -35,18 +35,17 @@ struct LogState {
 
     FILE* stream PELMO_GUARDED_BY(lock) = nullptr;  // where lines go; null until the first
 
-    // The stream of all files that ever were open, made by the first. Never closed: others may be
-    // writing to it. It has no buffer, and leads to `fileSink`; after logClose that leads to
-    // nowhere.
+    // The stream of every file that was ever open, made by the first. Never closed: others may be
+    // writing to it. It has no buffer and writes to `fileSink`, which discards all after logClose.
     FILE* file PELMO_GUARDED_BY(lock) = nullptr;
 
-    // Taken behind `lock`, or alone by those who write to the stream by themselves.
+    // Taken after `lock`, or alone by callers that write to the stream directly.
     Lock fileLock = PELMO_LOCK_READY(LockRank::kLogFile);
     TextSink fileSink PELMO_GUARDED_BY(fileLock) = {};
 
     TextSink errorSink PELMO_GUARDED_BY(lock) = {.descriptor = STDERR_FILENO};
-    bool isLossTold PELMO_GUARDED_BY(lock) = false;  // that the file can't be written
-    bool hasLoss PELMO_GUARDED_BY(lock) = false;     // stays set
+    bool isLossReported PELMO_GUARDED_BY(lock) = false;  // that the file can't be written
+    bool hasLoss PELMO_GUARDED_BY(lock) = false;         // stays set
 
     bool redirected PELMO_GUARDED_BY(lock) = false;  // `stream` came from logSetStream
 
@@ -77,7 +76,7 @@ struct ErrnoGuard {
     const int kept = errno;
 };
 
-// Those who write to a stream of logSetStream by themselves see each line as one step.
+// Callers that write to a stream of logSetStream directly see each line as one step.
 struct StreamGuard {
     explicit StreamGuard(FILE* wanted) : stream(wanted) { flockfile(stream); }
     ~StreamGuard() { funlockfile(stream); }
@@ -158,41 +157,40 @@ size_t writeTextLocked(const char* text, size_t sizeBytes) PELMO_REQUIRES(state.
     return written;
 }
 
-// Called ahead of each line: tells how many were lost before it, if there is room for that by now.
-// A count that is lost itself isn't counted.
-void tellLostLinesLocked() PELMO_REQUIRES(state.lock) {
+// Called before each line: reports how many were lost before it, if there is room for that now. A
+// count that is lost itself isn't counted.
+void reportLostLinesLocked() PELMO_REQUIRES(state.lock) {
     const FILE* const stream = streamLocked();
     if (state.rotating || (stream != state.file && stream != stderr)) return;
     const LockGuard guard(state.fileLock);
     TextSink& sink = stream == state.file ? state.fileSink : state.errorSink;
     const uint64_t lostLines = sink.lostLines;
     if (lostLines == 0) return;
-    const bool told = printLocked("%" PRIu64 " log lines were lost.", lostLines);
-    sink.lostLines = told ? 0 : lostLines;
-    if (told) sink.lossError = 0;
+    const bool printed = printLocked("%" PRIu64 " log lines were lost.", lostLines);
+    sink.lostLines = printed ? 0 : lostLines;
+    if (printed) sink.lossError = 0;
 }
 
-// Called before each line, for what others wrote, and after it: tells that text was lost, also
-// where shorter text has found room since. The next loss is told once lines have come through
-// again.
-void tellLossLocked() PELMO_REQUIRES(state.lock) {
+// Called before each line, for what others wrote, and after it: reports that text was lost, even if
+// shorter text has found room since. The next loss is reported once lines have been written again.
+void reportLossLocked() PELMO_REQUIRES(state.lock) {
     if (state.stream == stderr && state.errorSink.lossError != 0) state.hasLoss = true;
     if (state.stream != state.file) return;
     const LockGuard guard(state.fileLock);
     TextSink& sink = state.fileSink;
     const int error = sink.lossError;
     if (sink.error == 0 && sink.lostLines == 0) sink.lossError = 0;
-    if (error == 0) state.isLossTold = false;
+    if (error == 0) state.isLossReported = false;
     if (error == 0) return;
     state.hasLoss = true;
-    if (std::exchange(state.isLossTold, true)) return;
+    if (std::exchange(state.isLossReported, true)) return;
     state.stream = stderr;
     (void)printLocked("failed to write log file '%s': %s; lines are lost until it can be written.",
                       state.ring.path, std::strerror(error));
     state.stream = state.file;
 }
 
-// The header stands behind a flag: the line that writes it is no reason to rotate.
+// The flag keeps the header's own line from starting a rotation.
 void writeHeaderLocked() PELMO_REQUIRES(state.lock) {
     if (state.header == nullptr) return;
     const bool rotating = state.rotating;
@@ -259,11 +257,11 @@ void closeFileLocked() PELMO_REQUIRES(state.lock) {
     setDescriptorLocked(-1);
 }
 
-// A new file begins: nothing of it is lost, and its bytes are counted from here on. What isn't a
-// regular file can't be full, and a device is nothing to be moved aside.
+// A new file begins: none of it is lost, and its bytes are counted from now on. Only a regular file
+// can be full; a device must not be moved aside.
 void measureFileLocked() PELMO_REQUIRES(state.lock) {
     const LockGuard guard(state.fileLock);
-    state.isLossTold = false;
+    state.isLossReported = false;
     state.fileSink.lostLines = 0;
     state.fileSink.lossError = 0;
     if (!state.fileSink.isFile) state.limitBytes = 0;
@@ -272,9 +270,9 @@ void measureFileLocked() PELMO_REQUIRES(state.lock) {
 }
 
 void rotateLocked() PELMO_REQUIRES(state.lock) {
-    const LockGuard guard(state.fileLock);  // so that nobody's text comes ahead of the header
+    const LockGuard guard(state.fileLock);  // so that no other text comes before the header
     state.rotating = true;
-    state.stream = stderr;  // what there is to tell is told there
+    state.stream = stderr;  // failures are reported there
     state.knownBytes = 0;
 
     char numberedName[kNumberedNameBytes];
@@ -299,10 +297,10 @@ void rotateLocked() PELMO_REQUIRES(state.lock) {
     const ErrnoGuard kept;
     {
         const LockGuard guard(state.lock);
-        tellLossLocked();
-        tellLostLinesLocked();
+        reportLossLocked();
+        reportLostLinesLocked();
         (void)writeLineLocked(module, format, arguments);
-        tellLossLocked();
+        reportLossLocked();
     }
     const LockGuard guard(state.lock);
     if (isFullLocked(false)) rotateLocked();
@@ -380,9 +378,9 @@ FILE* logStreamGet() {
 void logCheckRotation() {
     const ErrnoGuard kept;
     const LockGuard guard(state.lock);
-    tellLossLocked();
-    tellLostLinesLocked();
-    tellLossLocked();
+    reportLossLocked();
+    reportLostLinesLocked();
+    reportLossLocked();
     if (isFullLocked(true)) rotateLocked();
 }
 

@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t kMostTexts = 32;
 constexpr size_t kTextBytes = 96;   // longer ones are cut
-constexpr size_t kLineBytes = 512;  // of a kind's line, likewise
+constexpr size_t kLineBytes = 512;  // of a kind's line, in the same way
 constexpr double kPaceSeconds = 1.0;
 
 struct PacedText {

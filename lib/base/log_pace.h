@@ -4,7 +4,7 @@
 //     Out of memory allocating host entry
 //     Out of memory allocating host entry (81234 more)
 //
-// Lines that differ in who they are about are paced by their kind, so many a second:
+// Lines that name different peers are paced by their kind, a fixed number a second:
 //
 //     bad magic from 192.0.2.1:40112 (17 more)
 //
@@ -14,7 +14,7 @@
 // Failure: 32 texts are known by their first 95 bytes. Lines of any further text are written as
 // they come.
 //
-// Threads: any, under any lock that ranks ahead of LockRank::kLeaf.
+// Threads: any, under any lock that ranks before LockRank::kLeaf.
 
 #pragma once
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-// POSIX names EINTR for neither call, so nothing below retries.
+// POSIX lists EINTR for neither call, so there are no retries below.
 const FileOps kSystemFileOps = {.unlink = ::unlink, .rename = ::rename};
 
 RotationResult numberedRingMoveAside(NumberedRing& ring, std::span<char> numberedName) {
@@ -18,8 +18,8 @@ RotationResult numberedRingMoveAside(NumberedRing& ring, std::span<char> numbere
     if (std::strcmp(ring.path, to) == 0) return RotationResult::kRenameFailed;
 
     // The removal isn't left to rename, which does nothing and reports success where both names are
-    // links to one file. Its own failure is no matter: most often nothing is there, and rename
-    // reports anything else that stands in the way.
+    // links to one file. Its own failure doesn't matter: usually there is no such file, and rename
+    // reports any other obstacle.
     ring.files->unlink(to);
     if (ring.files->rename(ring.path, to) != 0) return RotationResult::kRenameFailed;
 

@@ -11,7 +11,7 @@
 // where directory and path together have 512 bytes or more.
 [[nodiscard]] char* absolutePath(const char* path);
 
-// All ones stand for a file that can't be looked at.
+// All ones: the file's size can't be read.
 inline constexpr uint64_t kFileSizeUnknown64 = UINT64_MAX;
 inline constexpr uint32_t kFileSizeUnknown = UINT32_MAX;
 

@@ -1,5 +1,5 @@
-// Asking the cache for memory ahead of its use. The caller doesn't wait for it, and a prefetch
-// never faults: any address may be asked for, null as well.
+// Asking the cache for memory before its use. The caller doesn't wait for it, and a prefetch never
+// faults: any address may be asked for, null as well.
 
 #pragma once
 
@@ -8,8 +8,8 @@
 
 constexpr size_t kCacheLineBytes = 64;
 
-// One cache line. The compiler takes a function that does nothing but prefetch for one without
-// effect and drops the calls to it, which the empty statement keeps it from.
+// One cache line. The compiler treats a function that only prefetches as one without effect and
+// drops calls to it; the empty statement prevents that.
 inline void prefetchLine(const void* at) {
     __builtin_prefetch(at);
     asm volatile("");

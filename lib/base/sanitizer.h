@@ -1,9 +1,9 @@
-// What the address sanitizer has to be told, in builds that have it. Elsewhere nothing happens.
+// Hints for the address sanitizer, in builds that have it; no effect elsewhere.
 //
-// ASAN_POISON_MEMORY_REGION and ASAN_UNPOISON_MEMORY_REGION mark memory that nobody owns and that
-// lies ready for the next taker, so that its use is reported.
+// ASAN_POISON_MEMORY_REGION and ASAN_UNPOISON_MEMORY_REGION mark free memory that waits for its
+// next user, so that any use of it is reported.
 //
-// leakCheckSkip names a block that is no leak although the check at the process' end can't find its
+// leakCheckSkip marks a block that is no leak although the check at the process' end can't find its
 // address: because it is kept in a slot beside a hash and not as a pointer, or in poisoned memory,
 // where the check doesn't look. The block can be freed as usual.
 

@@ -1,6 +1,6 @@
 // Texts that fit: what is too long is cut, and the last byte is always the terminator.
 //
-// Failure: none, but for concat2 and concat3, which give null where there is no memory.
+// Failure: none, except that concat2 and concat3 return null without memory.
 
 #pragma once
 
@@ -10,8 +10,8 @@
 
 #include "lib/base/status.h"
 
-// Returns the length of what was written: sizeBytes - 1 where the text was cut. With a size of 0
-// nothing is written, and the result is 0.
+// Returns the length of what was written: sizeBytes - 1 where the text was cut. With a size of 0 it
+// writes nothing and returns 0.
 [[gnu::format(printf, 3, 4)]] size_t boundedFormat(char* buffer,
                                                    size_t sizeBytes,
                                                    const char* format,
@@ -32,6 +32,6 @@ void boundedAppend(char* destination, const char* source, size_t sizeBytes);
 // text and NUL don't fit; the buffer may then hold a part of it.
 [[nodiscard]] pelmoStatus sizeText(uint64_t value, char* buffer, size_t sizeBytes);
 
-// The parts one behind the other, in a new block that the caller frees.
+// The parts joined, in a new block that the caller frees.
 [[nodiscard]] char* concat2(const char* a, const char* b);
 [[nodiscard]] char* concat3(const char* a, const char* b, const char* c);

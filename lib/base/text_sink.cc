@@ -20,7 +20,7 @@ namespace {
 // How often a wait looks whether it has become bounded.
 constexpr double kLookSeconds = 0.1;
 
-// On the steady clock. Orders nothing: a wait that reads the old value looks again.
+// On the steady clock. It orders no other data: a wait that reads the old value looks again.
 constinit std::atomic<double> giveUpSeconds = std::numeric_limits<double>::infinity();
 
 static_assert(std::atomic<double>::is_always_lock_free);
@@ -43,9 +43,9 @@ ssize_t writeNow(int descriptor, std::string_view text) {
     const ssize_t count = pwritev2(descriptor, &piece, 1, -1, RWF_NOWAIT);
     if (count >= 0 || errno == EINTR) return count;
 
-    // The system doesn't do that with a terminal, an older one not with a pipe, and some file
-    // systems refuse what would start the disk. What is ready by its own word takes this much at
-    // once, or tells the true fault.
+    // Not available for a terminal, on older systems not for a pipe, and some file systems refuse
+    // what would start the disk. A descriptor that reports itself ready takes this much at once, or
+    // returns the real error.
     pollfd entry{.fd = descriptor, .events = POLLOUT, .revents = 0};
     if (poll(&entry, 1, 0) > 0) {
         return write(descriptor, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
@@ -54,7 +54,7 @@ ssize_t writeNow(int descriptor, std::string_view text) {
     return -1;
 }
 
-// Returns how many bytes went out. Where that isn't all of them, `error` tells why.
+// Returns how many bytes went out. If that isn't all of them, `error` says why.
 size_t writeAll(TextSink& sink, std::string_view text) {
     size_t written = 0;
     sink.error = 0;

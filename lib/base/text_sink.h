@@ -24,7 +24,7 @@ struct TextSink {
     bool isInsideLine = false;  // what was written last has no line break at its end
 
     int error = 0;
-    uint64_t lostLines = 0;  // cleared by the user, who has told of them
+    uint64_t lostLines = 0;  // cleared by the user once reported
     int lossError = 0;       // of the last write that lost text; cleared by the user too
 };
 
@@ -34,6 +34,6 @@ void textSinkSet(TextSink* sink, int descriptor);
 // Returns how many bytes were written and not taken off again.
 size_t textSinkWrite(TextSink* sink, const char* text, size_t sizeBytes);
 
-// For the end of the process: in so many seconds from now all writes stop to wait, in every sink,
-// and none waits any more. Infinity lifts the bound.
+// For the end of the process: after this many seconds no write of any sink waits any more. Infinity
+// lifts the bound.
 void textSinksBoundWaits(double seconds);

@@ -9,7 +9,7 @@ namespace {
 
 constexpr int64_t kSecondsPerDay = 86400;
 
-// Days of the year ahead of each month.
+// Days of the year before each month.
 constexpr int32_t kMonthStarts[2][12] = {
     {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334},
     {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335},

@@ -25,7 +25,7 @@ void dateTimeSplit(int64_t seconds,
 
 // Writes "2024-02-29 23:59:59Z", or "2024-02-29 23:59:59.001000000Z" where the nanoseconds aren't
 // 0, at *cursor, at most sizeBytes with the terminator, and moves *cursor onto the terminator. A
-// text that is cut, or that leaves no room for it, has no "Z". Size 0: nothing happens.
+// text that is cut, or that leaves no room for it, has no "Z". With a size of 0 it does nothing.
 void dateTimeToText(const pelmoMsgDateTime& value, char** cursor, size_t sizeBytes);
 
 // The present time; always 0.

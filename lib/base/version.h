@@ -1,8 +1,8 @@
-// The version that the library answers and that library and tool print as they start. It tells
-// other programs of the bus what to expect and is fixed; the tree has a version of its own, in
+// The bus's version: the library returns it, and library and tool print it as they start. It is
+// fixed, so that other programs of the bus know what to expect; the tree's own version is in
 // project() of CMakeLists.txt.
 
 #pragma once
 
-// A macro, so that texts can be made with it.
-#define PELMO_TOLD_VERSION "8.5.2"
+// A macro, so that string literals can include it.
+#define PELMO_BUS_VERSION "8.5.2"

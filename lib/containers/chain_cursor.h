@@ -1,5 +1,5 @@
-// The walk over a chained hash table, entry by entry and bucket by bucket, during which the entry
-// at hand may be removed. Tables keep their own entries and give their bucket array.
+// The walk over a chained hash table, entry by entry and bucket by bucket, during which the current
+// entry may be removed. Tables keep their own entries and give their bucket array.
 
 #pragma once
 
@@ -8,9 +8,9 @@
 template <typename Entry>
 struct ChainCursor {
     uint32_t index;  // next chain to visit
-    Entry* current;  // entry at hand
-    Entry** link;    // what points at `current`: a bucket, or the entry before
-    bool removed;    // `current` is already the one behind a removed entry
+    Entry* current;  // current entry
+    Entry** link;    // what points to `current`: a bucket, or the entry before it
+    bool removed;    // `current` is already the one after a removed entry
 };
 
 // The next entry, or null at the end. `lastHead` is the index of the last chain.
@@ -29,8 +29,8 @@ inline Entry* chainNext(ChainCursor<Entry>& cursor, Entry** heads, uint32_t last
     return cursor.current;
 }
 
-// Takes the entry last returned out of its chain and gives it to the caller; null where there is
-// none, or where it went before.
+// Takes the entry last returned out of its chain and gives it to the caller; null if there is none
+// or it was removed already.
 template <typename Entry>
 inline Entry* chainTakeOut(ChainCursor<Entry>& cursor) {
     if (cursor.removed || cursor.current == nullptr) return nullptr;

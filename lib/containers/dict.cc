@@ -49,7 +49,7 @@ void destroy(Dict<Key>* dict) {
 }
 
 // Where a new entry of this bucket goes: the head of its bucket. In the one chain of a small table
-// that is behind all entries of lower buckets.
+// that is after all entries of lower buckets.
 template <typename Key>
 DictEntry<Key>** placeFor(Dict<Key>* dict, Key key) {
     const uint32_t bucket = bucketOf(dict, key);
@@ -204,7 +204,7 @@ pelmoStatus insertNew(Dict<Key>* dict, Key key, void* value) {
     return kStatusSuccess;
 }
 
-// Of an entry that nothing in its chain points at any more.
+// For an entry that is out of its chain.
 template <typename Key>
 void release(Dict<Key>* dict, DictEntry<Key>* entry) {
     if (entry->next != nullptr) entry->next->link = entry->link;

@@ -2,22 +2,22 @@
 // on every captured packet, and keep one for each subject on the bus.
 //
 // A chained hash table: the bucket of a key is its low 32 bits & (bucketCount - 1), unmixed. The
-// count never exceeds the buckets: the insertion that would doubles them first. Two things keep it
-// cheap whatever the keys:
+// count never exceeds the buckets: an insertion that would exceed them doubles them first. Two
+// things keep it cheap whatever the keys:
 //
 // - While it holds few entries there is no bucket array; all entries hang in one chain, in the
 //   order that the buckets would give. A table of 256 buckets with one entry is this struct and the
-//   entry, and iterating it touches nothing else.
-// - Keys of equal low bits, as addresses without a port give them, make one long chain. The first
+//   entry, and iterating it touches only these.
+// - Keys of equal low bits, such as addresses without a port, make one long chain. The first
 //   insertion that walks such a chain builds an index beside the chains, and look-ups use that from
-//   then on. Without the memory for it the chains still serve.
+//   then on. Without memory for it, look-ups walk the chains.
 //
 // Ownership: a table owns its entries; values belong to the caller and are never touched.
 //
 // Failure: kStatusInvalidArgument (no table), kStatusNoMemory (the table keeps its entries),
 // kStatusNotFound. Outputs are optional and written only on success.
 //
-// Threads: no lock; the owner serialises changes. Look-ups change nothing.
+// Threads: no lock; the owner serialises changes. Look-ups change no state.
 
 #pragma once
 
@@ -65,7 +65,7 @@ static_assert(sizeof(Dict64) <= 64);
 [[nodiscard]] Dict32* dict32Create(uint32_t buckets);
 [[nodiscard]] Dict64* dict64Create(uint32_t buckets);
 
-// Nothing happens for no table.
+// Null is allowed.
 void dict32Destroy(Dict32* dict);
 void dict64Destroy(Dict64* dict);
 
@@ -77,8 +77,8 @@ void dict64Destroy(Dict64* dict);
 pelmoStatus dict32Remove(Dict32* dict, uint32_t key, void** value);
 pelmoStatus dict64Remove(Dict64* dict, uint64_t key, void** value);
 
-// Iteration: by ascending bucket, and within a bucket the newest first; each growth turns the order
-// within buckets around. Entries may be removed meanwhile by IterRemove alone, nothing inserted.
+// Iteration: by ascending bucket, and within a bucket the newest first; each growth reverses the
+// order within buckets. Meanwhile entries may only be removed, by IterRemove.
 void dict32IterInit(Dict32* dict, Dict32Iterator* iterator);
 void dict64IterInit(Dict64* dict, Dict64Iterator* iterator);
 

@@ -3,8 +3,8 @@
 // Ownership: an array owns its slots, never what the values point to. With pools it borrows them:
 // `pool` holds the array itself, `itemPool` its slot while the capacity is 1.
 //
-// Failure: an append or an insertion that memory fails gives false and leaves the array as it was.
-// The value 0 can't be stored.
+// Failure: an append or insertion without memory returns false and changes nothing. The value 0
+// can't be stored.
 //
 // Threads: no lock; the owner serialises all calls.
 
@@ -12,7 +12,7 @@
 
 #include <cstdint>
 
-#include "lib/containers/pool_seam.h"
+#include "lib/containers/item_pool.h"
 
 struct Dpa {
     uint32_t count;
@@ -24,7 +24,7 @@ struct Dpa {
     const ItemPool* itemPool;  // null: the heap
 };
 
-// Negative where `key` comes ahead of `item`, 0 where they are equal.
+// Negative where `key` comes before `item`, 0 where they are equal.
 using DpaComparator = int (*)(const void* key, const void* item);
 
 // A capacity of 0 counts as 1. Null when memory runs out.
@@ -33,17 +33,18 @@ using DpaComparator = int (*)(const void* key, const void* item);
                                       const ItemPool* pool,
                                       const ItemPool* itemPool);
 
-// Gives null, to be assigned back. Nothing happens for no array.
+// Returns null, to assign to the pointer. Null is allowed.
 Dpa* dpaDestroy(Dpa* array);
 
 // A full array doubles.
 [[nodiscard]] bool dpaAppend(Dpa* array, void* value);
 
-// Room for so many items, those it has included: appends up to there can't fail. Grows by doubling
-// at least.
+// Makes room for this many items in all: appends up to that number can't fail. A growth at least
+// doubles.
 [[nodiscard]] bool dpaReserve(Dpa* array, uint32_t count);
 
-// False for no source. Where the sum exceeds the capacity, that grows by the source's count.
+// False for a null source. If the sum exceeds the capacity, the capacity grows by the source's
+// count.
 [[nodiscard]] bool dpaAppendAll(Dpa* target, const Dpa* source);
 
 // Index, or the complement of the count.
@@ -53,7 +54,7 @@ Dpa* dpaDestroy(Dpa* array);
 // equal item, or the complement of the place to insert at.
 [[nodiscard]] int32_t dpaSearch(const Dpa* array, const void* key, DpaComparator compare);
 
-// Inserts behind all equal items.
+// Inserts after all equal items.
 [[nodiscard]] bool dpaInsertSorted(Dpa* array, void* value, DpaComparator compare);
 
 // The last item moves into the hole. The value's index, or the complement of the count.
@@ -62,5 +63,5 @@ int32_t dpaRemoveValue(Dpa* array, const void* value);
 // Closes the gap and keeps the order. False for an index out of range.
 bool dpaRemoveAt(Dpa* array, uint32_t index);
 
-// dpaSearch and dpaRemoveAt: the index, or what the search gave.
+// dpaSearch and dpaRemoveAt: the index, or the search's result.
 int32_t dpaRemoveSorted(Dpa* array, const void* key, DpaComparator compare);

@@ -8,7 +8,7 @@
 //
 // Ownership: a ring owns its slots, never what the entries point to.
 //
-// Failure: a push that memory fails gives false, and the entry isn't stored.
+// Failure: a push without memory returns false and doesn't store the entry.
 //
 // Threads: no lock; the owner serialises all calls.
 
@@ -28,7 +28,7 @@ struct EntryRing {
 // Null for a capacity that is no power of two, or when memory runs out.
 [[nodiscard]] EntryRing* EntryRing_Create(uint32_t capacity);
 
-// Nothing happens for no ring.
+// Null is allowed.
 void EntryRing_Destroy(EntryRing* ring);
 
 [[nodiscard]] bool EntryRing_PushBack(EntryRing* ring, void* entry);
@@ -43,7 +43,7 @@ void* EntryRing_PopBack(EntryRing* ring);
     return (ring->head + place) & ring->mask;
 }
 
-// Removes the entry in that slot, and gives it; null where the slot holds none. The side with fewer
-// entries moves up, so that slots change their entries while places ahead of it don't: whoever
-// removes on a walk goes by places.
+// Removes and returns the entry in that slot; null if the slot is empty. The side with fewer
+// entries moves up, so slots may change their entries, while places before it don't: a walk that
+// removes goes by places.
 void* EntryRing_RemoveAt(EntryRing* ring, uint32_t slot);

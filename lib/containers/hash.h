@@ -1,11 +1,11 @@
 // A hash table with byte strings for keys and pointers for values: each level of a subject list is
 // one, and the reliable layer keeps its own.
 //
-// Chained; the bucket of a key is its hash & mask. The count never exceeds the buckets: the
-// insertion that would doubles them, from the stored hashes, without a look at the keys.
+// Chained; the bucket of a key is its hash & mask. The count never exceeds the buckets: an
+// insertion that would exceed them doubles them, using the stored hashes and not the keys.
 //
-// A key is `length` bytes. A length of 0 says that the key is terminated text, to be measured; its
-// NUL is no part of it. A hash of 0 says that the hash is to be computed: no key has that one.
+// A key is `length` bytes. A length of 0 means terminated text, which is measured without its NUL.
+// A hash of 0 means that the hash is to be computed: no key has that hash.
 //
 // Ownership: a table owns its entries and the keys that it copied. A borrowed key outlives its
 // entry. Values belong to the caller; none can be 0. Pools are borrowed and outlive the table.
@@ -17,7 +17,7 @@
 #include <cstdint>
 
 #include "lib/containers/chain_cursor.h"
-#include "lib/containers/pool_seam.h"
+#include "lib/containers/item_pool.h"
 
 struct HashEntry {
     HashEntry* next;
@@ -59,14 +59,14 @@ constexpr uint32_t kHashBucketItemBytes = sizeof(HashEntry*) + kPoolOwnerBytes;
                                         const ItemPool* bucketPool);
 
 // Makes the pools that are wanted, null for one that isn't; `keyItemBytes` is the item size of the
-// key pool. False, and nothing made, when that can't be done.
+// key pool. False if memory runs out; then no pool is made.
 [[nodiscard]] bool hashCreatePools(ItemPool** tablePool,
                                    ItemPool** entryPool,
                                    uint32_t keyItemBytes,
                                    ItemPool** keyPool,
                                    ItemPool** bucketPool);
 
-// Nothing happens for no table.
+// Null is allowed.
 void hashDestroy(Hash* table);
 
 // The value, or null.
@@ -78,15 +78,15 @@ void hashDestroy(Hash* table);
 bool hashPut(
     Hash* table, const void* key, uint32_t length, uint32_t hash, bool copyKey, void* value);
 
-// Halves the buckets as often as three quarters of them have no entry to hold, for tables that
-// were larger once. Where memory runs out the table stays as it is. No iteration is under way.
+// Halves the buckets while there are at least four for each entry, for tables that were larger
+// once. Without memory the table stays as it is. Not allowed during an iteration.
 void hashFit(Hash* table);
 
 // The same on any machine; never 0.
 [[nodiscard]] uint32_t hashKeyHash(const void* key, uint32_t length);
 
-// Iteration: by ascending bucket, and within a bucket from the head of its chain. Entries may be
-// removed meanwhile by hashIterRemove alone, nothing inserted.
+// Iteration: by ascending bucket, and within a bucket from the head of its chain. Meanwhile entries
+// may only be removed, by hashIterRemove.
 void hashIterInit(Hash* table, HashIterator* iterator);
 
 // False at the end; outputs are optional.

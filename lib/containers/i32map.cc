@@ -34,7 +34,7 @@ I32MapNode* takeNode(I32Map* map) {
     return static_cast<I32MapNode*>(itemTake(map->nodePool, sizeof(I32MapNode)));
 }
 
-// Keeps the node for later where there is room to note it.
+// Keeps the node for later use if there is room to record it.
 void spareNode(I32Map* map, I32MapNode* node) {
     if (map->spare == nullptr) map->spare = dpaCreate(kFirstSpares);
     if (map->spare == nullptr || !dpaAppend(map->spare, node)) giveNode(map, node);
@@ -128,7 +128,7 @@ void i32mapDestroy(I32Map* map) {
 pelmoStatus i32mapClear(I32Map* map) {
     if (map == nullptr) return kStatusInvalidArgument;
     map->count = 0;
-    // At the wrap no node may stay: one of the generation that begins anew would pass for current.
+    // At the wrap no node may stay: one of a generation that begins again would pass for current.
     if (++map->generation == 0) emptyBuckets(map, spareNode);
     return kStatusSuccess;
 }

@@ -2,11 +2,11 @@
 // message, which is reset with every message that it serves.
 //
 // A chained hash table: the bucket of a key is key & mask, without mixing. Keys are field ids of 16
-// bits, which senders count up, so that they spread evenly; ids that are chosen to meet make chains
-// of 256 at most. An insertion that finds no stale node, with as many current ones as buckets,
-// doubles the buckets. A node belongs to the map only while its
-// generation is the map's. Emptying raises that, and leaves the nodes where they are as empty
-// slots, to be overwritten in place. Each chain holds current nodes ahead of stale ones.
+// bits, which senders count up, so that they spread evenly; ids chosen to collide make chains of
+// 256 at most. An insertion that finds no stale node, with as many current ones as buckets, doubles
+// the buckets. A node belongs to the map only while its generation is the map's. Emptying raises
+// that, and leaves the nodes where they are as empty slots, to be overwritten in place. Each chain
+// holds current nodes before stale ones.
 //
 // Ownership: a map owns its nodes; pools are borrowed and outlive it.
 //
@@ -21,7 +21,7 @@
 
 #include "lib/base/status.h"
 #include "lib/containers/dpa.h"
-#include "lib/containers/pool_seam.h"
+#include "lib/containers/item_pool.h"
 
 struct I32MapNode {
     I32MapNode* next;
@@ -44,8 +44,8 @@ struct I32Map {
     const ItemPool* bucketPool;  // for an array of one bucket
 };
 
-// Makes the pools that are wanted, null for one that isn't. False, and nothing made, when that
-// can't be done.
+// Makes the pools that are wanted, null for one that isn't. False if memory runs out; then no pool
+// is made.
 [[nodiscard]] bool i32mapCreatePools(ItemPool** mapPool,
                                      ItemPool** nodePool,
                                      ItemPool** bucketPool);
@@ -56,7 +56,7 @@ struct I32Map {
                                    const ItemPool* nodePool = nullptr,
                                    const ItemPool* bucketPool = nullptr);
 
-// Nothing happens for no map.
+// Null is allowed.
 void i32mapDestroy(I32Map* map);
 
 pelmoStatus i32mapClear(I32Map* map);

@@ -10,7 +10,7 @@ constexpr uint32_t kFirstSlabs = 16;
 constexpr uint32_t kMostSlabs = UINT32_MAX / kLinesPerSlab;
 constexpr size_t kSlabBytes = size_t{kLinesPerSlab} * kCacheLineBytes;
 
-// The first line of a slab is nobody's: it keeps the heap's own address of the slab.
+// The first line of a slab is not given out: it holds the heap's own address of the slab.
 constexpr uint32_t kFirstLine = 1;
 
 bool reservePlace(LinePool& pool) {

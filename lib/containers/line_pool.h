@@ -1,12 +1,12 @@
-// Blocks of whole cache lines, known by a number of 32 bits: for small records that are many, lie
-// all over memory and are touched one by one. A block starts on a line, so that what fits into one
-// line costs one trip to memory, and an index of numbers is half the size of one of pointers.
+// Blocks of whole cache lines, known by a number of 32 bits: for many small records that are
+// scattered in memory and used one by one. A block starts on a line, so that what fits into one
+// line costs one memory access, and an index of numbers is half the size of one of pointers.
 //
 // Lines come from slabs of 64 KiB that never move; a block lies within one slab. Blocks that are
 // given back serve later ones of the same size in their slab, until all lines of the slab are free:
 // it then goes back to the heap, and its numbers serve the next new slab.
 //
-// Ownership: the pool owns all memory. A pool is usable zeroed, and costs nothing until the first
+// Ownership: the pool owns all memory. A pool is usable zeroed, and costs no memory until the first
 // block.
 //
 // Failure: 0, which is no block's number, when memory runs out.
@@ -23,8 +23,8 @@
 constexpr uint32_t kLinesPerSlab = 1024;
 constexpr uint32_t kBlockLinesMax = 8;
 
-// What is known of a slab. Slabs with free blocks of a size are in a chain by that size, and leave
-// it when they are met without one. A link is a place in `slabs` and 1; 0 ends a chain.
+// The state of a slab. Slabs with free blocks of a size are in a chain by that size, and leave it
+// when a search finds them without one. A link is a place in `slabs` plus 1; 0 ends a chain.
 struct LineSlab {
     uint16_t usedLines;
     uint16_t chained;                         // a bit for each size
@@ -34,7 +34,7 @@ struct LineSlab {
 };
 
 struct LinePool {
-    uint8_t** slabs;  // null where the slab went back
+    uint8_t** slabs;  // null where the slab was freed
     LineSlab* states;
     uint32_t slabCount;                   // that are held
     uint32_t placeCount;                  // of `slabs` and `states`
@@ -47,7 +47,7 @@ struct LinePool {
 // `lines` is 1 to kBlockLinesMax. The block's bytes are undefined.
 [[nodiscard]] uint32_t linePoolTake(LinePool& pool, uint32_t lines);
 
-// `lines` as it was taken.
+// `lines` must be the same as in the take.
 void linePoolGive(LinePool& pool, uint32_t block, uint32_t lines);
 
 // Frees all slabs, blocks in use included, and leaves an empty pool.

@@ -93,8 +93,8 @@ void probeRemove(ProbeIndex& index, const void* entry, ProbeHashOf hashOf) {
         hole = (hole + 1) & index.mask;
     }
 
-    // Whoever stands behind the hole moves into it, unless that would be ahead of its own place: so
-    // no search ever meets a gap between an entry's place and the entry.
+    // An entry after the hole moves into it, unless that would be before its home place: so no
+    // search ever meets a gap between an entry's place and the entry.
     for (uint32_t at = (hole + 1) & index.mask; index.slots[at] != 0; at = (at + 1) & index.mask) {
         const uint32_t fromHome = (at - hashOf(probeEntry(index.slots[at]))) & index.mask;
         const uint32_t fromHole = (at - hole) & index.mask;

@@ -7,14 +7,14 @@
 //     63         48                        0
 //     | hash >> 16 | address of the entry |        0: free
 //
-// The hashes are seeded by the process, so that nobody outside can choose keys that meet in one
-// place and make every look-up a long walk.
+// The hashes are seeded by the process, so that no peer can choose keys that meet in one place and
+// make every look-up a long walk.
 //
-// Ownership: an index owns its slots, never the entries. It is usable zeroed, and costs nothing
+// Ownership: an index owns its slots, never the entries. It is usable zeroed, and costs no memory
 // until the first insertion.
 //
-// Failure: an insertion that memory fails, or of an entry at an address that no slot can hold,
-// gives false and leaves the index as it was.
+// Failure: an insertion without memory, or of an entry at an address that no slot can hold, returns
+// false and changes nothing.
 //
 // Threads: no lock; the owner serialises changes.
 
@@ -28,7 +28,7 @@
 #include "lib/base/bytes.h"
 #include "lib/base/prefetch.h"
 
-// Drawn from the system before main runs. A test may set it, while no index holds anything.
+// Drawn from the system before main runs. A test may set it while all indexes are empty.
 struct ProbeSeed {
     uint64_t first, second;
 };
@@ -41,7 +41,7 @@ struct ProbeIndex {
     uint32_t count;   // entries, at most four fifths of the slots
 };
 
-// The hash that an entry of the user's table was put in under. Slots have only half of it.
+// The hash under which an entry was inserted. Slots have only half of it.
 using ProbeHashOf = uint32_t (*)(const void* entry);
 
 // Where addresses of user space end, on x86-64 and arm64 alike, unless a program asks for more.
@@ -85,7 +85,7 @@ constexpr int kProbeAddressBits = 48;
     return probeMix(probeLoad64(block) ^ probeSeed.second, probeLoad64(block + 8) ^ key);
 }
 
-// Reads nothing beyond `sizeBytes`. Keys of a usual size are three blocks that may overlap, each
+// Reads no byte beyond `sizeBytes`. Keys of a usual size are three blocks that may overlap, each
 // mixed under a key of its place: no block waits for another, and no branch depends on the size.
 [[nodiscard, gnu::always_inline]] inline uint32_t probeHashBytes(const uint8_t* bytes,
                                                                  size_t sizeBytes) {
@@ -112,8 +112,8 @@ constexpr int kProbeAddressBits = 48;
     return reinterpret_cast<void*>(slot & ((uint64_t{1} << kProbeAddressBits) - 1));
 }
 
-// The entry of this hash for which matches(entry) holds, or null. Asks for few entries of other
-// hashes besides.
+// The entry of this hash for which matches(entry) holds, or null. It also tests a few entries of
+// other hashes.
 template <typename Matches>
 [[nodiscard]] inline void* probeFind(const ProbeIndex& index, uint32_t hash, Matches matches) {
     if (index.slots == nullptr) return nullptr;
@@ -126,8 +126,8 @@ template <typename Matches>
     }
 }
 
-// Ahead of a search, in two steps with other work between: asks the cache for where it begins, and
-// for `sizeBytes` of the entry that it compares first.
+// Before a search, in two steps with other work between: prefetches the slot where it begins, and
+// `sizeBytes` of the entry that it compares first.
 inline void probePrefetchSlot(const ProbeIndex& index, uint32_t hash) {
     if (index.slots != nullptr) prefetchLine(&index.slots[hash & index.mask]);
 }

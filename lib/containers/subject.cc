@@ -67,7 +67,7 @@ int32_t subjectFromText(uint8_t* buffer, int32_t size, const char* text) {
     return static_cast<int32_t>(position);
 }
 
-// Elements are a few characters: each by itself is done ahead of two calls of the C library.
+// Elements are a few characters: a loop is done sooner than two calls of the C library.
 char* subjectWriteText(char* at, const uint8_t* subject) {
     const uint8_t* element = subjectFirst(subject);
     for (uint32_t left = subjectElementCount(subject); left > 0; --left) {

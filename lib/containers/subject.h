@@ -1,5 +1,5 @@
-// Packed subjects: the form in which a subject such as A.B.C travels and is kept everywhere but in
-// text. Whoever doesn't look inside takes one as a block whose first two bytes give its size.
+// Packed subjects: the form in which a subject such as A.B.C is sent and stored. Code that doesn't
+// look inside treats one as a block whose first two bytes are its size.
 //
 //     0              2       3
 //     | totalLength  | count | element | element | ...
@@ -11,14 +11,14 @@
 // counts all of the element. A.B is 00 09 02 03 41 00 03 42 00, the empty subject 00 03 00.
 //
 // Text gives elements of 1 to 127 characters. Bytes from outside may have others: none at all, or a
-// NUL among them, which then ends what is seen of the element as text.
+// NUL among them, which then ends the element's text.
 //
-// Ownership: everything works in place on the caller's buffers; nothing is allocated.
+// Ownership: all calls work in place on the caller's buffers and allocate no memory.
 //
 // Failure: -1, or null; a buffer may then hold part of a subject after subjectFromText, and is
 // unchanged after the other calls.
 //
-// Bytes from outside go through subjectIsValid first; all other calls want a well-formed subject.
+// Bytes from outside go through subjectIsValid first; all other calls need a well-formed subject.
 
 #pragma once
 
@@ -58,11 +58,11 @@ constexpr size_t kSubjectTextBytes = 256;
     return element[0] == 3 && element[1] == static_cast<uint8_t>(wildcard);
 }
 
-// Is the form sound? Reads at most its totalLength bytes, the two of that included; the caller has
-// made sure that so many are in hand.
+// Is the form sound? Reads at most its totalLength bytes, those of the length included; the caller
+// has checked that these exist.
 [[nodiscard]] bool subjectIsValid(const uint8_t* wire);
 
-// The same for a message field: `field` is the byte ahead of the form, the size class, which has to
+// The same for a message field: `field` is the byte before the form, the size class, which has to
 // be that of a 16-bit length.
 [[nodiscard]] bool subjectFieldIsValid(const uint8_t* field);
 
@@ -71,7 +71,7 @@ constexpr size_t kSubjectTextBytes = 256;
 [[nodiscard]] int32_t subjectFromText(uint8_t* buffer, int32_t size, const char* text);
 
 // The subject as dotted text without a NUL, shorter than its totalLength; an element ends at its
-// first NUL. The place behind it.
+// first NUL. Returns the end of the text.
 [[nodiscard]] char* subjectWriteText(char* at, const uint8_t* subject);
 
 // The same with its NUL. The buffer, or null where `size` is below the subject's totalLength.
@@ -91,7 +91,7 @@ int32_t subjectInit(uint8_t* buffer, int32_t size);
                                          size_t length);
 
 // Appends the source's elements `first` to `last`, as many as there are, up to the first failure.
-// The last append's result; 0 where there was none.
+// The last append's result; 0 if there was none.
 [[nodiscard]] int32_t subjectCopyElements(
     uint8_t* target, int32_t size, const uint8_t* source, uint32_t first, uint32_t last);
 

@@ -52,8 +52,8 @@ bool slotsAreFull(const SubjectMap& map) {
     return map.slots == nullptr || (uint64_t{map.count} + 1) * 5 > (uint64_t{map.mask} + 1) * 4;
 }
 
-// Whoever stands behind the hole moves into it, unless that would be ahead of its own place: so no
-// search ever meets a gap between an entry's place and the entry.
+// An entry after the hole moves into it, unless that would be before its home place: so no search
+// ever meets a gap between an entry's place and the entry.
 void closeGap(SubjectMap& map, uint32_t hole) {
     for (uint32_t at = (hole + 1) & map.mask; map.slots[at] != 0; at = (at + 1) & map.mask) {
         const uint32_t fromHome = (at - hashOf(map.slots[at])) & map.mask;

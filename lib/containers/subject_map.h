@@ -2,22 +2,22 @@
 // they have seen, looked up once for each captured message. It matches no wildcards; where
 // wildcards matter, see sublist.h.
 //
-// A record is a head of the user's and the subject behind it, in lines of a pool that maps share.
-// An index of open addressing leads to it:
+// A record is the user's head followed by the subject, in lines of a pool that maps share. An index
+// of open addressing leads to it:
 //
 //     slot:    63      hash      32 31   number    0        0: free
 //     record:  0    head    headBytes    packed subject
 //
-// So a look-up that succeeds touches a slot and the record, nothing else, and neither growth nor
-// removal reads a record to learn where it belongs. The hash is seeded by the process, so that
-// nobody outside can choose subjects that meet in one place.
+// So a look-up that succeeds touches only a slot and the record, and neither growth nor removal
+// reads a record to learn where it belongs. The hash is seeded by the process, so that no peer can
+// choose subjects that meet in one place.
 //
-// A walk goes by places, in the order of insertion but for removals.
+// A walk goes by places, in the order of insertion except for removals.
 //
 // Ownership: the map owns its records; they keep their address until they are removed. It is usable
 // once `pool` and `headBytes` are set and all else is zero.
 //
-// Failure: no memory, which leaves the map as it was.
+// Failure: no memory; the map stays as it was.
 //
 // Threads: no lock; the owner serialises changes.
 
@@ -41,10 +41,10 @@ struct SubjectMap {
     uint64_t* slots;    // null until the first record
 };
 
-// Room for one record more. False when memory runs out.
+// Makes room for one more record. False when memory runs out.
 [[nodiscard]] bool subjectMapReserve(SubjectMap& map);
 
-// Behind subjectMapReserve: a record at the last place, its head zeroed, for a well-formed subject
+// After subjectMapReserve: a record at the last place, its head zeroed, for a well-formed subject
 // that the map doesn't hold. `hash` is the subject's subjectHash. Null when memory runs out.
 [[nodiscard]] uint8_t* subjectMapAdd(SubjectMap& map, const uint8_t* subject, uint32_t hash);
 
@@ -59,8 +59,8 @@ void subjectMapClear(SubjectMap& map);
     return linePoolAt(*map.pool, map.places[place]);
 }
 
-// Null where the subject isn't there. `subject` is `length` bytes in hand and may be anything: only
-// well-formed ones stand in the map.
+// Null if the map doesn't have the subject. `subject` is `length` bytes of any content: the map
+// holds only well-formed ones.
 [[nodiscard, gnu::always_inline]] inline uint8_t* subjectMapFind(const SubjectMap& map,
                                                                  const uint8_t* subject,
                                                                  size_t length,
@@ -75,8 +75,8 @@ void subjectMapClear(SubjectMap& map);
     }
 }
 
-// Ahead of a look-up, in two steps with other work between: asks the cache for the slot, and for
-// the record with so many bytes of its subject.
+// Before a look-up, in two steps with other work between: prefetches the slot, and the record with
+// this many bytes of its subject.
 inline void subjectMapPrefetchSlot(const SubjectMap& map, uint32_t hash) {
     if (map.slots != nullptr) prefetchLine(&map.slots[hash & map.mask]);
 }

@@ -48,7 +48,7 @@ uint8_t elementSize(const SubjectNode* node) {
     return static_cast<uint8_t>(node->text[-1]);
 }
 
-// A node that has neither values nor anything below.
+// A node that has neither values nor a level below.
 void giveNode(const SublistPools& pools, SubjectNode* node) {
     itemGive(pools.text, node->text - 1, elementSize(node));
     itemGive(pools.node, node, sizeof(SubjectNode));
@@ -241,7 +241,7 @@ void pruneNodes(SubjectList* list, uint32_t depth) {
     }
 }
 
-// Finds or makes the nodes of a subject. Null when memory runs out, with nothing left behind.
+// Finds or makes the nodes of a subject. Null when memory runs out; no new node stays then.
 SubjectNode* makePath(SubjectList* list, const uint8_t* subject) {
     const uint32_t count = subjectElementCount(subject);
     const uint8_t* element = subjectFirst(subject);

@@ -5,21 +5,21 @@
 //                             '-> level -> node "B" -> values of A.B
 //                                      '-> node ">" -> values of A.>
 //
-// A level is one set of siblings, a node is one element. A node has values or a level below it, or
-// it is gone; a level below a node has at least one node. "*" matches one element, ">" one or more;
-// a subject that is matched may hold wildcards itself.
+// A level is one set of siblings, a node is one element. A node without values and without a level
+// below it is removed; a level below a node has at least one node. "*" matches one element, ">" one
+// or more; a subject that is matched may hold wildcards itself.
 //
-// Ownership: a list owns its tree; values belong to the caller and may stand in it more than once.
-// What a match gives belongs to the list and is good until the next match.
+// Ownership: a list owns its tree; values belong to the caller and may be in it more than once. The
+// result of a match belongs to the list and is valid until the next match.
 //
-// Others may choose what stands in a list. Tables are keyed by seeded hashes, so nobody chooses
+// Peers may choose the subjects of a list. Tables are keyed by seeded hashes, so no peer chooses
 // subjects that meet in one bucket. A match of a subject without wildcards meets one node at most
 // for each set of places at which the subjects held have "*" as far down as that node, however many
 // there are; one with wildcards may meet every node, and `mostSteps` bounds it. Nodes can be
 // charged to the account that caused them: see SublistAccount.
 //
-// Failure: an addition that memory fails gives false and leaves no trace. A match that memory cuts
-// short gives what it had gathered.
+// Failure: an addition without memory returns false and changes nothing. A match that runs out of
+// memory returns what it has found so far.
 //
 // Threads: no lock. Every call, look-ups included, writes to the list: the owner serialises all.
 //
@@ -37,15 +37,15 @@
 struct SubjectLevel;
 
 struct SubjectNode {
-    SubjectLevel* child;  // null: nothing below
+    SubjectLevel* child;  // null: no level below
     Dpa* values;          // of the subject that ends here; null: none
     SubjectNode* parent;  // null at the top
-    char* text;           // own copy, with its NUL; the byte ahead of it is the element's size
-    struct SublistAccount* payer;  // borrowed; null: nobody
+    char* text;           // own copy, with its NUL; the byte before it is the element's size
+    struct SublistAccount* payer;  // borrowed; null: none
 };
 
-// Who pays for nodes. Owned by the caller, and in place until `nodes` is 0. What a list's values
-// take isn't in it.
+// The account that nodes are charged to. The caller owns it and keeps it until `nodes` is 0. The
+// memory of values isn't counted.
 struct SublistAccount {
     uint64_t bytes;  // of the heap, about
     uint32_t nodes;
@@ -54,7 +54,7 @@ struct SublistAccount {
 struct SubjectLevel {
     SubjectNode* star;  // these two are among the nodes
     SubjectNode* gt;
-    SubjectNode* only;  // where there is one node
+    SubjectNode* only;  // if there is one node
     Hash* table;  // else, or null for none: text with its NUL to node, keys borrowed from the nodes
 };
 
@@ -82,8 +82,8 @@ struct SubjectList {
     SublistPools pools;
 
     // The user's.
-    SublistAccount* payer;            // of nodes that additions make; null: nobody
-    void (*unused)(SublistAccount*);  // its last node is gone; null: no matter
+    SublistAccount* payer;            // of nodes that additions make; null: none
+    void (*unused)(SublistAccount*);  // called after its last node is gone; may be null
     uint32_t mostSteps;               // of a match; 0: no bound
     uint32_t steps;                   // that the last match took
     uint64_t bytes;                   // that all nodes take, about
@@ -92,18 +92,18 @@ struct SubjectList {
 };
 
 // Receives a subject, its values and the argument. Returns null, or a value to be removed from that
-// subject. It must not call into the same list; `subject` and `values` are good for the call.
+// subject. It must not call into the same list; `subject` and `values` are valid during the call.
 using SublistVisitor = void* (*)(const uint8_t* subject, Dpa* values, void* argument);
 
 // All from the heap, or from pools of its own. Null when memory runs out.
 [[nodiscard]] SubjectList* sublistCreate();
 [[nodiscard]] SubjectList* sublistCreatePooled();
 
-// Nothing happens for no list.
+// Null is allowed.
 void sublistDestroy(SubjectList* list);
 
-// False also for no list, no subject, value 0 and a subject without elements. `node` is optional;
-// the node is good until its subject's last value is removed.
+// False also for a null list or subject, value 0 and a subject without elements. `node` is
+// optional; the node is valid until its subject's last value is removed.
 [[nodiscard]] bool sublistAdd(SubjectList* list,
                               const uint8_t* subject,
                               void* value,
@@ -116,14 +116,14 @@ void sublistDestroy(SubjectList* list);
 // optional, receives how many stay.
 uint32_t sublistRemove(SubjectList* list, const uint8_t* subject, void* value, uint32_t* remaining);
 
-// Null where nothing matches. The order means nothing. A step is a node met, or eight values. Where
-// `steps` comes out above `mostSteps`, values are missing.
+// Null where nothing matches. The order has no meaning. A step is a node met, or eight values. If
+// `steps` exceeds `mostSteps`, values are missing.
 [[nodiscard]] Dpa* sublistMatch(SubjectList* list, const uint8_t* subject);
 
-// All values; null where there are none.
+// All values; null if there are none.
 [[nodiscard]] Dpa* sublistAll(SubjectList* list);
 
-// Each subject that has values: those above a node ahead of those below it.
+// Calls for each subject that has values, for those above a node before those below it.
 void sublistVisit(SubjectList* list, SublistVisitor visitor, void* argument);
 
 // The subject that ends at the node; it has to be shorter than `size`, else false.

@@ -2,7 +2,7 @@
 //
 // A pool carves chunks from blocks. Each thread that has entered keeps a cache of chunks: a take
 // pops one, a give pushes one, and only when a cache runs empty or holds 256 given chunks does it
-// lock the pool and move a batch. A timer gives blocks that lay idle back to the heap.
+// lock the pool and move a batch. A timer returns idle blocks to the heap.
 //
 //     ChunkPool* pool = poolCreate(100, sizeof(Record), offsetof(Record, poolOwner), nullptr,
 //                                  nullptr, 1, 10, __FILE__, __LINE__);
@@ -11,14 +11,14 @@
 //     poolDestroy(pool, __FILE__, __LINE__);
 //
 // In each chunk one word of 8 bytes, at an offset that the owner chooses, belongs to the pool: the
-// block that the chunk is from. Whoever zeroes a chunk stops short of it. A word of 0 marks an
+// block that the chunk is from. Code that zeroes a chunk stops before it. A word of 0 marks an
 // object from the heap: it may be given to the pool of its kind and is freed.
 //
 // Ownership: a chunk belongs to its taker, on whatever thread, until it is given; its bytes are
-// what they were when it was last given. Under the address sanitizer chunks nobody has are
-// poisoned. All chunks go with their pool: nobody uses or gives one afterwards.
+// what they were when it was last given. Under the address sanitizer free chunks are poisoned. All
+// chunks end with their pool and must not be used or given afterwards.
 //
-// Failure: null or kStatusNoMemory, and nothing half-made stays.
+// Failure: null or kStatusNoMemory, with no half-made object left.
 //
 // Threads: takes and gives from any thread. The manager is opened before other threads run, and
 // closed after they ended. No lock is held when timers are made or destroyed, and none is needed.
@@ -36,24 +36,25 @@ struct pelmoMsg;
 // Manager
 
 // Makes room for pools and, with useThreadCache 1, for caches, and lets containers make pools
-// (lib/containers/pool_seam.h). kStatusSuccess where it is open. Without it no pool can be made.
+// (lib/containers/item_pool.h). kStatusSuccess if it is open already. Without the manager no pool
+// can be made.
 [[nodiscard]] pelmoStatus poolManagerOpen(uint32_t useThreadCache);
 
 // Destroys all pools. The timers are stopped, and no other thread has a cache.
 void poolManagerClose();
 
-// Gives the calling thread its cache, if caches are on and it has none. One that can't have it
-// takes from the pools themselves. The cache goes, its chunks given back, at the thread's end or at
-// its leave.
+// Gives the calling thread its cache, if caches are on and it has none. A thread without memory for
+// a cache takes from the pools themselves. At the thread's end or when it leaves, the cache is
+// freed and its chunks are given back.
 void poolThreadEnter();
 void poolThreadLeave();
 
-// Enter, the function, leave: what Thread_SetStartHook wants.
+// Enter, the function, leave: for Thread_SetStartHook.
 void poolThreadRun(ThreadFunction function, void* argument);
 
 // What pools need of timers, filled by the floor above before reclaiming starts: its own calls. A
-// timer repeats until destroyed; the completion runs once, with the timer's closure, when its
-// callback can't run any more, and not at all if destroyEx fails.
+// timer repeats until destroyed; the completion runs once, with the timer's closure, once its
+// callback can no longer run, and not at all if destroyEx fails.
 struct PoolTimerOps {
     pelmoStatus (*create)(uint32_t* out,
                           uint32_t queue,
@@ -65,13 +66,13 @@ struct PoolTimerOps {
 
 extern PoolTimerOps poolTimerOps;
 
-// A timer for each pool, those still to be made included. kStatusNotInitialized while the table or
-// the manager isn't there, kStatusNotPermitted where the timers run; else the first failure, with
-// the timers made until then running.
+// Makes a timer for each pool, later ones included. kStatusNotInitialized without the table or the
+// manager, kStatusNotPermitted if the timers run already; else the first failure, with the timers
+// made before it running.
 [[nodiscard]] pelmoStatus poolStartReclaim(uint32_t queue);
 
 // Destroys the timers; a tick that is running may end afterwards. Without memory for a list of them
-// they stay, and the log tells.
+// they stay, and a log line says so.
 void poolStopReclaim();
 
 // Writes all pools and their blocks to the log.
@@ -79,15 +80,15 @@ void poolDumpAll();
 
 // Pools
 
-// Given the chunk. A pool runs initChunk once when it first prepares a chunk, and finiChunk when
-// the chunk's block goes; what they set up survives reuse. They may run with the pool's lock held
-// and call no pool.
+// Called with the chunk: initChunk once, when the pool first prepares it, and finiChunk when its
+// block is freed. What they set up survives reuse. They may run with the pool's lock held and call
+// no pool.
 using PoolChunkFunction = void (*)(void* chunk);
 
 // `offset`: of the pool's word. `minBlockCount` blocks are made at once and stay. `refreshCount`
 // (0: 1) chunks are prepared at a time, and moved to a cache at a time. File and line name the
-// caller here and below, and change nothing. Null also for sizes that make no block, or a word that
-// doesn't lie within the chunk.
+// caller here and below, and have no effect. Null also for sizes that make no block, or a word
+// outside the chunk.
 [[nodiscard]] ChunkPool* poolCreate(uint32_t chunksPerBlock,
                                     uint32_t chunkSize,
                                     uint32_t offset,
@@ -102,7 +103,7 @@ void poolDestroy(ChunkPool* pool, const char* file, uint32_t line);  // null is 
 // 8-byte aligned; null when memory runs out.
 [[nodiscard]] void* poolTake(ChunkPool* pool, const char* file, uint32_t line);
 
-// A thread that has no memory for its first give to a pool loses the chunk until the pool goes.
+// A thread without memory for its first give to a pool loses the chunk until the pool is destroyed.
 void poolGive(ChunkPool* pool, void* chunk, const char* file, uint32_t line);
 
 // Returns the bytes of all blocks. Outputs are optional: chunks of all blocks, and those that are

@@ -1,4 +1,4 @@
-// What the sources of the pools share among themselves; nobody else includes this.
+// What the sources of the pools share; no other file includes this.
 //
 // Locks: the manager's, then a pool's; never two pools'. A cache has none: only its thread knows
 // it.
@@ -10,10 +10,10 @@
 
 #include "lib/base/lock.h"
 #include "lib/base/sanitizer.h"
-#include "lib/base/thread_key.h"
+#include "lib/base/thread.h"
 #include "lib/containers/dict.h"
 #include "lib/containers/dpa.h"
-#include "lib/containers/pool_seam.h"
+#include "lib/containers/item_pool.h"
 #include "lib/msg/pool.h"
 
 constexpr uint32_t kChunkAlignment = 8;
@@ -80,19 +80,18 @@ struct ChunkPool {
     uint64_t chunksReturned PELMO_GUARDED_BY(lock);
 };
 
-// The word of a chunk may stand at any offset.
+// The word of a chunk may be at any offset.
 [[nodiscard]] inline Block* chunkBlock(const ChunkPool* pool, const void* chunk) {
     Block* block;
     std::memcpy(&block, static_cast<const uint8_t*>(chunk) + pool->offset, sizeof block);
     return block;
 }
 
-// A chunk that nobody has, but for the pool's word, is nobody's to touch.
+// No access to a free chunk, except to the pool's word.
 inline void chunkHide(const ChunkPool* pool, void* chunk) {
-    const uint32_t behind = pool->offset + kPoolOwnerBytes;
+    const uint32_t after = pool->offset + kPoolOwnerBytes;
     ASAN_POISON_MEMORY_REGION(chunk, pool->offset);
-    ASAN_POISON_MEMORY_REGION(static_cast<uint8_t*>(chunk) + behind,
-                              pool->alignedChunkSize - behind);
+    ASAN_POISON_MEMORY_REGION(static_cast<uint8_t*>(chunk) + after, pool->alignedChunkSize - after);
 }
 
 inline void chunkShow(const ChunkPool* pool, void* chunk) {
@@ -122,14 +121,14 @@ void poolDumpLocked(const ChunkPool* pool) PELMO_REQUIRES(poolManager.lock, pool
 [[nodiscard]] ChunkPool* poolRetain(uint32_t id) PELMO_EXCLUDES(poolManager.lock);
 void poolRelease(ChunkPool* pool) PELMO_EXCLUDES(poolManager.lock);
 
-// Frees a pool that nobody knows any more.
+// Frees a pool without references.
 void poolFree(ChunkPool* pool);
 
 // Makes the pool's timer, unless the timers are stopped or it has one. The caller holds a
 // reference.
 [[nodiscard]] pelmoStatus poolArmTimer(ChunkPool* pool) PELMO_EXCLUDES(poolManager.lock);
 
-// Destroys a timer that the pool doesn't name any more, and lets go of its reference.
+// Destroys a timer that the pool no longer names, and releases its reference.
 void poolDropTimer(ChunkPool* pool, uint32_t timer);
 
 // The destructor of the caches' key.

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr char kBanner[] = "\nPelmo API\n\nVersion " PELMO_TOLD_VERSION " V1 11/12/20 06:41:40\n";
+constexpr char kBanner[] = "\nPelmo API\n\nVersion " PELMO_BUS_VERSION " V1 11/12/20 06:41:40\n";
 constexpr uint32_t kIoThreads = 1;
 constexpr double kWithoutLimit = -1.0;
 
@@ -88,7 +88,7 @@ pelmoStatus pelmo_Open() {
 
 const char* pelmo_Version() {
     traceLine(kTraceLibrary, "pelmo_Version()");
-    return PELMO_TOLD_VERSION;
+    return PELMO_BUS_VERSION;
 }
 
 void pelmo_WaitClosed() {

@@ -1,6 +1,5 @@
 // The one-time set-up of the process, which all opens of the library share.
 
-#include "lib/base/once.h"
 #include "lib/base/thread.h"
 #include "lib/msg/buffer.h"
 #include "lib/msg/message_internal.h"

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr double kLong = 60;  // nobody waits that long in a good run
+constexpr double kLong = 60;  // no wait takes that long in a good run
 
 struct Condition : testing::Test {
     Condition() {
@@ -61,39 +61,18 @@ TEST_F(Condition, SignalWakesOneAndBroadcastTheRest) {
     Cond_Broadcast(&cond);
     threads.clear();
     EXPECT_EQ(woken, 3);
-    EXPECT_EQ(cond.broadcast, 0);
-    EXPECT_FALSE(cond.signalled);
-}
-
-// Many broadcasts at any moment of a chain: nobody stays asleep.
-TEST_F(Condition, BroadcastsMayOverlap) {
-    int turn = 0;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&] {
-            const LockGuard guard(lock);
-            while (turn < 300) {
-                ASSERT_EQ(Cond_TimedWait(&cond, &lock, kLong), kStatusSuccess);
-            }
-        });
-    }
-    for (bool last = false; !last; Cond_Broadcast(&cond)) {
-        const LockGuard guard(lock);
-        last = ++turn == 300;
-    }
-    threads.clear();
-    EXPECT_EQ(cond.waiters, 0);
+    EXPECT_EQ(cond.broadcast + cond.signalled, 0);
 }
 
 TEST_F(Condition, TimesOutWithTheLockHeldAgain) {
     constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
+    constexpr double kForever = std::numeric_limits<double>::infinity();
     const LockGuard guard(lock);
-    for (const double seconds : {0.0, 0.0009, 0.002, -1.0, -1e300, kNone}) {
-        EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), kStatusTimeout);
+    for (const double seconds : {0.0, 0.002, -1e300, kNone, 1e300, kForever}) {
+        const bool isLong = seconds > kLong;
+        if (isLong) Cond_Signal(&cond);
+        EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), isLong ? kStatusSuccess : kStatusTimeout);
         std::thread([this] { EXPECT_EQ(pthread_mutex_trylock(&lock.mutex), EBUSY); }).join();
-    }
-    for (const double seconds : {1e300, std::numeric_limits<double>::infinity()}) {
-        Cond_Signal(&cond);
-        EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), kStatusSuccess);
     }
 }
 

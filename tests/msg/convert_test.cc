@@ -43,8 +43,8 @@ uint8_t elementOf(uint8_t type) {
     return type >= FIELD_I8ARRAY && type <= FIELD_F64ARRAY ? kElements[type - FIELD_I8ARRAY] : 0;
 }
 
-// The value, or for an array its elements, "=" ahead of them where it is still the same block.
-// Size, count and disposition are checked on the way.
+// The value, or for an array its elements, after "=" if it is still the same block. Size, count and
+// disposition are checked on the way.
 std::string shownAs(const pelmoMsgField& source, uint8_t targetType) {
     pelmoMsgField field = source;
     Disposition disposition = kDataByValue;
@@ -126,12 +126,10 @@ TEST(Convert, CutsWrapsAndWidensNumbersAndShowsTheRestAsText) {
     const struct {
         SharedValue source;
         const char* words;
-        const char* text;
+        std::string text;
     } cases[] = {
         {scalarValue(FIELD_I8, &FieldData::i8, int8_t{-128}),
          "1 . 128 -128 65408 -128 4294967168 -128 18446744073709551488 -128 -128", "-128"},
-        {scalarValue(FIELD_I16, &FieldData::i16, int16_t{-32768}),
-         "1 0 0 . 32768 -32768 4294934528 -32768 18446744073709518848 -32768 -32768", "-32768"},
         {scalarValue(FIELD_I32, &FieldData::i32, 16777217),
          "1 1 1 1 1 . 16777217 16777217 16777217 16777216 16777217", "16777217"},
         {scalarValue(FIELD_U32, &FieldData::u32, UINT32_MAX),
@@ -143,7 +141,6 @@ TEST(Convert, CutsWrapsAndWidensNumbersAndShowsTheRestAsText) {
          "1 -1 255 -1 65535 -1 4294967295 -1 . -1 -1", "18446744073709551615"},
         {scalarValue(FIELD_F32, &FieldData::f32, -3.9f),
          "1 -3 253 -3 65533 -3 4294967293 -3 18446744073709551613 . -3.9000000953674316", "-3.9"},
-        {f64(3.9), "1 3 3 3 3 3 3 3 3 3.9000000953674316 .", "3.9"},
         {f64(-2147483648.9),
          "1 0 0 0 0 -2147483648 2147483648 -2147483648 18446744071562067968 -2147483648 .",
          "-2.14748e+09"},
@@ -152,13 +149,10 @@ TEST(Convert, CutsWrapsAndWidensNumbersAndShowsTheRestAsText) {
          "1 0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 "
          "9.9999999805064479e+18 .",
          "1e+19"},
-        {f64(1e300), "1 0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 inf .",
-         "1e+300"},
         {f64(-kInfinity), "1 0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 -inf .",
          "-inf"},
         {f64(std::numeric_limits<double>::quiet_NaN()),
          "1 0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 nan .", "nan"},
-        {truth(0), ". 0 0 0 0 0 0 0 0 0 0", "false"},
         {truth(2), ". 0 0 0 0 0 0 0 0 0 0", "false"},
         {numbersValue<int8_t>(34, {-1, 127}),
          ". =255,127 -1,127 65535,127 -1,127 4294967295,127 - - -1,127 -1,127", "[-1 127]"},
@@ -174,8 +168,6 @@ TEST(Convert, CutsWrapsAndWidensNumbersAndShowsTheRestAsText) {
          "3,0 3,0 3,0 3,0 3,-2147483648 3,1410065408 3,10000000000 3,10000000000 "
          "3.9000000953674316,10000000000 .",
          "[3.9 1e+10]"},
-        {numbersValue<double>(45, {std::numeric_limits<double>::quiet_NaN()}),
-         "0 0 0 0 -2147483648 0 -9223372036854775808 9223372036854775808 nan .", "[nan]"},
         {scalarValue(FIELD_IPPORT16, &FieldData::ipPort16, hostOrder16(57072)), "57072 57072 57072",
          "57072"},
         {scalarValue(FIELD_IPADDR32, &FieldData::ipAddr32, hostOrder32(0xc0a80101)), "3232235777",
@@ -195,6 +187,25 @@ TEST(Convert, CutsWrapsAndWidensNumbersAndShowsTheRestAsText) {
         expectAll(source->field(), words, text);
     }
     expectAll(pelmoMsgField{}, "", "[BADDATA]");
+
+    // The longest texts, often enough to overrun a block that is too small.
+    constexpr double kTwoTo64 = 18446744073709551616.0;
+    const auto times = [](auto one) { return std::vector(500, one); };
+    const std::pair<SharedValue, std::string> widest[] = {
+        {numbersValue(34, times(int8_t{-128})), "-128"},
+        {numbersValue(36, times(int16_t{-32768})), "-32768"},
+        {numbersValue(38, times(INT32_MIN)), "-2147483648"},
+        {numbersValue(40, times(int64_t{INT64_MIN})), "-9223372036854775808"},
+        {numbersValue(44, times(static_cast<float>(-kTwoTo64))), "-18446744073709551616.000000"},
+        {numbersValue(45, times(-1.23456789e-300)), "-1.23457e-300"},
+    };
+    for (const auto& [source, element] : widest) {
+        std::string text = "[" + element;
+        for (int i = 1; i < 500; ++i) {
+            text += " " + element;
+        }
+        EXPECT_EQ(shownAs(source->field(), FIELD_STRING), text + "]");
+    }
 }
 
 // Bool, the integers and floats, then port and address.
@@ -205,13 +216,9 @@ TEST(Convert, ParsesText) {
     } cases[] = {
         {"", "0 - - - - - - - - - - - -"},
         {"True", "1 - - - - - - - - - - - -"},
-        {"yes", "0 - - - - - - - - - - - -"},
         {"1", "0 1 1 1 1 1 1 1 1 1 1 1 0.0.0.1"},
         {"7 ", "0 7 7 7 7 7 7 7 7 - - 7 -"},
         {"-1.5", "0 -1 255 -1 65535 -1 4294967295 -1 18446744073709551615 -1.5 -1.5 65535 -"},
-        {"-1",
-         "0 -1 255 -1 65535 -1 4294967295 -1 18446744073709551615 -1 -1 65535 "
-         "255.255.255.255"},
         {"9223372036854775808",
          "0 -1 0 -1 0 -1 0 9223372036854775807 9223372036854775808 "
          "9.2233720368547758e+18 9.2233720368547758e+18 0 255.255.255.255"},
@@ -219,7 +226,6 @@ TEST(Convert, ParsesText) {
         {"c0a80101", "0 - - - - - - - - - - - 192.168.1.1"},
         {"192.168.1.1", "0 -64 192 192 192 192 192 192 192 - - 192 192.168.1.1"},
         {"192.168.1.", "0 -64 192 192 192 192 192 192 192 - - 192 -"},
-        {"192..1.1", "0 -64 192 192 192 192 192 192 192 - - 192 -"},
         {"1.2.4.300", "0 1 1 1 1 1 1 1 1 - - 1 1.2.5.44"},
         {std::string("12\0x", 4), "0 12 12 12 12 12 12 12 12 12 12 12 0.0.0.18"},
     };
@@ -232,33 +238,6 @@ TEST(Convert, ParsesText) {
         expectAll(blockValue(FIELD_STRING, bare)->field(), words, "-");
     }
     expectAll(blockValue(FIELD_STRING, {})->field(), "- - - - - - - - - - - - -", "-");
-}
-
-// The longest text that an element can have, often enough to overrun a block that is too small.
-TEST(Convert, ShowsTheWidestElements) {
-    constexpr double kTwoTo64 = 18446744073709551616.0;
-    const float beyond = std::nextafterf(static_cast<float>(kTwoTo64), INFINITY);
-    const auto times = [](auto number) { return std::vector(500, number); };
-    const struct {
-        SharedValue source;
-        const char* element;
-    } cases[] = {
-        {numbersValue(34, times(int8_t{-128})), "-128"},
-        {numbersValue(36, times(int16_t{-32768})), "-32768"},
-        {numbersValue(38, times(INT32_MIN)), "-2147483648"},
-        {numbersValue(40, times(int64_t{INT64_MIN})), "-9223372036854775808"},
-        {numbersValue(41, times(uint64_t{UINT64_MAX})), "18446744073709551615"},
-        {numbersValue(44, times(static_cast<float>(-kTwoTo64))), "-18446744073709551616.000000"},
-        {numbersValue(44, times(-beyond)), "-1.844675e+19"},
-        {numbersValue(45, times(-1.23456789e-300)), "-1.23457e-300"},
-    };
-    for (const auto& [source, element] : cases) {
-        std::string text = "[";
-        for (int i = 0; i < 500; ++i) {
-            text += (i != 0 ? " " : "") + std::string(element);
-        }
-        EXPECT_EQ(shownAs(source->field(), FIELD_STRING), text + "]");
-    }
 }
 
 }  // namespace

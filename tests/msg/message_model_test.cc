@@ -1,6 +1,6 @@
 // A message and a plain list of named values are driven side by side by the same random steps.
-// After each step the image is what the list lays down, the index tells where each record stands,
-// and all that was ever read and not let go of still shows what it showed.
+// After each step the image is that of the list, the index says where each record is, and all that
+// was ever read and not released still has its value.
 
 #include <gtest/gtest.h>
 
@@ -227,7 +227,7 @@ void stepUpdate(Random& random, Pair& pair) {
     pair.fields[position].value = value;
 }
 
-// The n-th of that name, from 1; 0 for the one that name and id tell.
+// The n-th of that name, from 1; 0 for the one that name and id select.
 pelmoStatus modelInstance(const Pair& pair, const Key& key, uint32_t instance, size_t& position) {
     if (instance == 0) return modelFind(pair.fields, key, position);
     for (position = 0; position < pair.fields.size(); ++position) {
@@ -303,7 +303,7 @@ std::string randomSubject(Random& random) {
     return std::string(1 + random.below(90), 's') + "." + std::to_string(random.below(1000));
 }
 
-// Closing and opening again finds everything anew. Where that lacks memory it is still closed.
+// Closing and opening again finds all values again. Without memory for that it is still closed.
 pelmoStatus reopen(pelmoMsg* msg) {
     pelmoStatus status = msgCloseEnvelope(msg);  // one that is lent takes memory
     if (status != kStatusSuccess) return status;
@@ -376,7 +376,7 @@ void stepLend(Random& random, const Pair& from, Pair& to) {
         inner.push_back(recordOf(field.text(), field.id, *field.value));
     }
     places.data = put("data", *messageValue(imageOf(inner)));
-    if (random.oneIn(2)) put("behind", *noneValue());
+    if (random.oneIn(2)) put("after", *noneValue());
     const Message carrier = messageFrom(imageOf(outer));
     pelmoMsg* made = nullptr;
     const pelmoStatus status =
@@ -386,7 +386,7 @@ void stepLend(Random& random, const Pair& from, Pair& to) {
     to = Pair{Message(made), from.fields, {}, {}, false, envelope};
 }
 
-// The image, and where each record stands in it.
+// The image, and where each record is in it.
 void expectSame(Pair& pair) {
     std::vector<Bytes> records;
     ASSERT_EQ(pair.msg->dataOffset != 0, pair.envelope.there);

@@ -31,7 +31,7 @@
 namespace {
 
 constexpr char kBanner[] =
-    "\nPelmo trace program\n\nVersion " PELMO_TOLD_VERSION " V1 11/12/20 06:42:40\n";
+    "\nPelmo trace program\n\nVersion " PELMO_BUS_VERSION " V1 11/12/20 06:42:40\n";
 constexpr double kRotationCheckSeconds = 1.0;
 
 // How long the end of a live run may take in all, and how long of that the log waits for its

@@ -1,4 +1,4 @@
-#include "lib/containers/pool_seam.h"
+#include "lib/containers/item_pool.h"
 
 PoolMakerOps poolMakerOps = {};
 
