@@ -21,7 +21,7 @@ constexpr uint32_t kRecordRefresh = 10;
 // while other threads run.
 ChunkPool* recordPool = nullptr;
 
-// Likewise.
+// As above.
 bool countsBytes = false;
 std::atomic<uint64_t> countedBytes{0};
 
@@ -61,7 +61,7 @@ uint32_t blockBytes(uint32_t size) {
     return std::max(size, kLeastBlockBytes);
 }
 
-// Marks the bytes of the block behind `size` as out of bounds for the address sanitizer.
+// Marks the bytes of the block after `size` as out of bounds for the address sanitizer.
 void showBytes(const uint8_t* data, uint32_t size) {
     ASAN_UNPOISON_MEMORY_REGION(data, size);
     ASAN_POISON_MEMORY_REGION(data + size, blockBytes(size) - size);

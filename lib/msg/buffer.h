@@ -1,18 +1,18 @@
 // The counted byte store under every message. A Buffer record comes from the process's pool of such
-// records and has its bytes on the heap; in a private pool its bytes lie behind it in the chunk:
+// records and has its bytes on the heap; in a private pool its bytes follow it in the chunk:
 //
 //     | Buffer, 32 bytes | inline bytes ...   |
 //
-// so that reading off a stream costs one take and nothing else. Without a pool records come from
-// the heap. A record of the process's pool keeps a small block of bytes while it lies in there: a
-// new message's buffer, too, costs one take in the steady state.
+// so that reading from a stream costs a single take. Without a pool records come from the heap. A
+// record of the process's pool keeps a small block of bytes while it is free: so a new message's
+// buffer costs one take too in the steady state.
 //
-// Ownership: counted. Who creates or retains, releases; the last release frees.
+// Ownership: counted. Each create and retain needs a release; the last release frees.
 //
 // Failure: null, or kStatusNoMemory and an unchanged buffer.
 //
-// Threads: the count is atomic, holders let go on any thread. `data` and `size` are changed only by
-// the one holder of a buffer that nobody shares.
+// Threads: the count is atomic, and holders may release on any thread. Only the single holder of an
+// unshared buffer changes `data` and `size`.
 
 #pragma once
 
@@ -72,6 +72,6 @@ void bufferCountBytes();
 [[nodiscard]] uint64_t bufferBytesCounted();
 
 [[nodiscard]] inline bool bufferIsShared(const Buffer* buffer) {
-    // Whoever let go of it last has done so after its last read.
+    // A former holder released it after its last read.
     return buffer->refCount.load(std::memory_order_acquire) >= 2;
 }

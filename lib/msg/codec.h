@@ -5,14 +5,14 @@
 // up with pelmoMsg_SetHandlers, before messages flow. Any thread reads them, without a lock.
 //
 // An encoder writes the size prefix and the value from `at` on, never past `end`, and leaves `at`
-// behind them. It may overwrite the type byte, at[-1]; those of folded types do. kStatusNoMemory
+// after them. It may overwrite the type byte, at[-1]; those of folded types do. kStatusNoMemory
 // means that the room is too small: the object makes more and asks again from the same place.
 //
 // An encoder may be asked several times for one addition or update, at different places and with
 // different room, also off the message; what it does must depend on the field alone.
-// kStatusNoMemory in a room of at least twice what the field's size tells is final.
+// kStatusNoMemory in a room of at least twice the field's size is final.
 //
-// The size prefix tells how many bytes of value follow. For v bytes, big-endian:
+// The size prefix says how many bytes of value follow. For v bytes, big-endian:
 //
 //     v                 below 120 | 120 to 29999  | 30000 and above
 //     written as        v         | 121, u16 v+2  | 122, u32 v+4
@@ -20,7 +20,7 @@
 // A reader takes either long form for any v. Prefix bytes 120 and from 123 on are refused.
 //
 // A decoder begins at the first prefix byte. It fills size, count and data, folds the type back to
-// the application's, and tells with the disposition who owns the data. It reads nothing past `end`,
+// the application's, and says with the disposition who owns the data. It never reads past `end`,
 // which is the end of the field's record. kStatusCorruptMessage for a value that is malformed,
 // kStatusInvalidSize for a width or prefix that doesn't fit, kStatusNoMemory.
 //

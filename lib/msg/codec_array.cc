@@ -1,5 +1,5 @@
-// Arrays of numbers: a size prefix of their bytes, then the elements. Bytes are handed out as they
-// lie in the image; wider elements are converted to the host's byte order in a block of their own.
+// Arrays of numbers: a size prefix of their bytes, then the elements. Bytes are returned as they
+// are in the image; wider elements are converted to the host's byte order in a block of their own.
 
 #include <cstdlib>
 #include <cstring>
@@ -48,7 +48,7 @@ pelmoStatus encodeArray(WriteCursor& cursor, const pelmoMsgField& field) {
     return kStatusSuccess;
 }
 
-// Bytes behind the last whole element are ignored.
+// Bytes after the last whole element are ignored.
 template <typename Word>
 pelmoStatus decodeArray(ReadCursor& cursor, pelmoMsgField& field, Disposition& disposition) {
     uint32_t totalBytes = 0;

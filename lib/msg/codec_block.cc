@@ -101,7 +101,7 @@ PELMO_DECODER(decodeSubject) {
     return kStatusSuccess;
 }
 
-// The compressed stream is first written behind room for the two largest prefixes. When its length
+// The compressed stream is first written after room for the two largest prefixes. When its length
 // is known, the prefixes are written and the stream is moved up to them.
 PELMO_ENCODER(encodeXml) {
     if (field.data.pointer == nullptr) return kStatusInvalidArgument;

@@ -1,5 +1,5 @@
-// The codec tables and the rows that codec.cc lays out in them. What each row does is told in
-// lib/msg/codec.h, what it writes in lib/msg/wire.h.
+// The codec tables and the rows that codec.cc lays out in them. lib/msg/codec.h says what each row
+// does, lib/msg/wire.h what it writes.
 
 #pragma once
 

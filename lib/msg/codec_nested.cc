@@ -49,7 +49,7 @@ pelmoStatus openList(WriteCursor& cursor, const pelmoMsgField& field, uint8_t*& 
     return kStatusSuccess;
 }
 
-// A list as it stands in the image, with its elements from `at` to `end`.
+// A list as it is in the image, with its elements from `at` to `end`.
 struct List {
     const uint8_t* at;
     const uint8_t* end;

@@ -1,9 +1,8 @@
-// Conversions between field types: what stands behind a read that asks for another type than the
-// field holds, and behind the text of every message. Rows of `fieldConverters`; the contract is in
-// lib/msg/codec.h.
+// Conversions between field types, for reads that ask for another type than the field has, and for
+// the text of every message. Rows of `fieldConverters`; the contract is in lib/msg/codec.h.
 //
-// Numbers truncate and wrap, without range checks. A float that no integer can hold, and what is no
-// number, become the least value of the integer that it is cut to.
+// Numbers truncate and wrap, without range checks. A float that no integer can hold, and NaN,
+// become the least value of the integer type.
 //
 // Failure: kStatusConversionFailed where there is no way between the types or a text doesn't parse,
 // kStatusNoMemory. The field may then be half converted and isn't to be used.

@@ -47,7 +47,7 @@ pelmoStatus addMessageText(TextBuilder& out, const void* item) {
     return status;
 }
 
-// The items stand in brackets, separated by one blank.
+// The items are in brackets, separated by one blank.
 pelmoStatus becomeListText(pelmoMsgField& field, Disposition& disposition, AddItem addItem) {
     const auto* items = static_cast<const void* const*>(field.data.pointer);
     TextBuilder out;

@@ -165,7 +165,7 @@ pelmoStatus wrapLastValue(pelmoMsg* msg, HeldMessage& wrapped) {
                                                              : kStatusInvalidMessage;
 }
 
-// The new record is first written behind the old one and then moved over it, so that a failure
+// The new record is first written after the old one and then moved over it, so that a failure
 // leaves the old one intact.
 pelmoStatus replaceLast(pelmoMsg* msg, pelmoMsg* wrapped, DataField& data) {
     if (msgMakeWritable(msg) != kStatusSuccess) return kStatusInvalidMessage;

@@ -2,20 +2,20 @@
 // and the port that it came from.
 //
 // On the bus a message is the field "data" of an outer message, whose other fields are the
-// envelope. An application sees its own fields alone, and reaches the envelope by these calls. A
+// envelope. An application sees only its own fields, and reaches the envelope by these calls. A
 // message that was made by pelmoMsg_Create has no envelope until the first setter puts one around
 // it.
 //
-// A subject is elements with dots between them: 1 to 127 characters each, and 255 bytes in all, of
-// which 3 are the head and each element takes 2 beside its characters. A send subject may have 200
-// of them, 255 where it begins with "_INBOX."; a reply subject 200 characters, a dot and one more
-// for the last element counted among them.
+// A subject is elements separated by dots, of 1 to 127 characters each, and of 255 bytes in all: 3
+// for the head, and for each element 2 more than its characters. A send subject may have 200 bytes,
+// or 255 if it begins with "_INBOX."; a reply subject may have 200 characters, a dot and one more
+// for the last element included.
 //
-// A message that several listeners get is one object for each over the same bytes. Such an object
-// doesn't know the source port, and pelmoMsg_GetSource gives kStatusNotFound; nor does it know
-// whether the envelope had fields that this library doesn't make, so that it is sent on with them.
+// A message for several listeners is one object for each of them over the same bytes. Such an
+// object doesn't know the source port: pelmoMsg_GetSource gives kStatusNotFound. Nor does it know
+// whether the envelope had fields that this library doesn't make, so it is forwarded with them.
 //
-// Ownership: texts that a getter gives belong to the message, as what a read returns.
+// Ownership: texts that a getter returns belong to the message, like what a read returns.
 //
 // Failure: kStatusInvalidMessage; kStatusInvalidArgument for no output; kStatusNoMemory. A setter
 // that fails leaves the message as it was.
@@ -31,7 +31,7 @@
 struct pelmoMsg;
 
 // kStatusInvalidSubject for a text that doesn't pack. Null removes the subject. The kind becomes
-// "D" where there is none.
+// "D" if there is none.
 pelmoStatus pelmoMsg_SetSendSubject(pelmoMsg* msg, const char* subject);
 pelmoStatus pelmoMsg_SetReplySubject(pelmoMsg* msg, const char* subject);
 pelmoStatus pelmoMsg_SetSourcePort(pelmoMsg* msg, uint16_t port);

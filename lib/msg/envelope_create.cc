@@ -114,8 +114,8 @@ pelmoStatus createOpen(pelmoMsg** out, const char* subject, const char* reply, u
     return status == kStatusSuccess ? createPacked(out, addressing, extra) : status;
 }
 
-// Every offset that stands for a field is beyond the head; 0 stands for none, and there is no
-// addressing without a subject.
+// The offset of a field is beyond the head; 0 means none, and there is no addressing without a
+// subject.
 bool placesAreSound(const EnvelopePlaces& places) {
     return places.subject >= kMessageHeadBytes;
 }

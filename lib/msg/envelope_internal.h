@@ -1,10 +1,9 @@
-// What the library's own files do with an envelope. The calls for applications stand in
-// lib/msg/envelope.h.
+// The library's own calls for envelopes. Those for applications are in lib/msg/envelope.h.
 //
 // On the bus a message is the last field, "data", of an outer message whose other fields are the
 // envelope: send subject, reply subject, kind, source port. One object works with both levels in
-// one image. Open, its fields are the application's, and `dataOffset` tells where they begin;
-// closed, they are the outer message's, "data" among them.
+// one image. Open, its fields are the application's, and `dataOffset` is where they begin; closed,
+// they are the outer message's, "data" among them.
 //
 //     0         8                                dataOffset - 8
 //     | head    | sub | return | mtype | cid ... | 05 data 00 01 7A | head | fields ...          |
@@ -12,16 +11,16 @@
 //
 // "data" comes last, and its size prefix is the nested message's own length: so the nested message
 // grows by growing the image. A message that was made by pelmoMsg_Create has no envelope until the
-// first setter puts one around what it shows; one that was made from received bytes is closed until
+// first setter puts one around its fields; one that was made from received bytes is closed until
 // msgOpenEnvelope. Setters work on what is open: a message that is closed gets an envelope,
 // whatever its fields are.
 //
 // Opening is one pass over names. It records where the values lie, as offsets from the message's
 // first byte, so that a transport reads the packed send subject in place. The offsets are good
-// while the envelope is open; that of the source port stays behind a close until the next opening.
+// while the envelope is open; that of the source port also after a close, until the next opening.
 //
 // Failure: as of the calls for applications. A setter works on a copy of the envelope, which takes
-// the old one's place when nothing can fail any more.
+// the old one's place once no step can fail any more.
 
 #pragma once
 
@@ -69,9 +68,9 @@ pelmoStatus msgClearForeign(pelmoMsg* msg);
 // Takes all outer fields out but "sub", "return", "mtype" and "data".
 [[nodiscard]] pelmoStatus msgStripEnvelope(pelmoMsg* msg);
 
-// An open message with an envelope, in one allocation, for senders that know all at once. Subject
-// and reply may be null. `extra` bytes, counted in `length`, stand uninitialized behind the nested
-// head: the caller writes its fields there, or lowers `length`, and flushes.
+// An open message with an envelope, in one allocation, for senders that know all its parts. Subject
+// and reply may be null. `extra` bytes, counted in `length`, follow the nested head uninitialized:
+// the caller writes its fields there, or lowers `length`, and flushes.
 [[nodiscard]] pelmoStatus msgCreateEnveloped(pelmoMsg** out,
                                              const char* subject,
                                              const char* reply,
@@ -89,12 +88,13 @@ pelmoStatus msgClearForeign(pelmoMsg* msg);
 [[nodiscard]] pelmoStatus msgCreateWithOpaque(
     pelmoMsg** out, const char* subject, const char* reply, const void* bytes, uint32_t size);
 
-// An open message within the image of another, whose buffer it shares: what shows is the sound
-// nested message at `data`. Its addressing is where the places tell: a well-formed packed subject,
-// and a terminated text of at most 255 bytes or 0 for none. The other message's outer fields are
-// only lent: they don't travel with this one, and give way to an envelope of its own ahead of
-// whatever would show or change them. A nested message that isn't the last of the image is copied.
-// kStatusCorruptMessage where its fields don't walk, kStatusInvalidArgument for no subject.
+// An open message within the image of another, whose buffer it shares: its fields are those of the
+// sound nested message at `data`. Its addressing is at the given places: a well-formed packed
+// subject, and a terminated text of at most 255 bytes or 0 for none. The other message's outer
+// fields are only lent: they aren't sent with this one, and an envelope of its own replaces them
+// before any call that would show or change them. A nested message that isn't the last of the image
+// is copied. kStatusCorruptMessage if its fields are malformed, kStatusInvalidArgument without a
+// subject.
 struct EnvelopePlaces {
     uint32_t subject;
     uint32_t reply;
@@ -104,10 +104,10 @@ struct EnvelopePlaces {
                                           pelmoMsg* carrier,
                                           const EnvelopePlaces& places);
 
-// For the sources of the envelope alone.
+// Only for the sources of the envelope.
 
-// The records as writers lay them down, up to where their own bytes begin: the packed subject, the
-// size prefix of the reply, the nested message. The kind is whole.
+// The records as writers write them, up to their own bytes: the packed subject, the size prefix of
+// the reply, the nested message. The kind is a whole record.
 constexpr uint8_t kSubHead[] = {4, 's', 'u', 'b', 0, FIELD_SUBJECT, kSizeClass16};
 constexpr uint8_t kReturnHead[] = {7, 'r', 'e', 't', 'u', 'r', 'n', 0, FIELD_STRING};
 constexpr uint8_t kMtypeRecord[] = {6, 'm', 't', 'y', 'p', 'e', 0, FIELD_STRING, 2, 'D', 0};
@@ -115,7 +115,7 @@ constexpr uint8_t kDataHead[] = {5, 'd', 'a', 't', 'a', 0, FIELD_MSG, kSizeClass
 
 constexpr const char* kDataName = "data";
 
-// What the envelope's fields tell, as the message keeps it.
+// What the envelope's fields say, as the message keeps it.
 struct EnvelopeView {
     uint8_t flags = 0;
     uint32_t sendSubjectOffset = 0;

@@ -1,13 +1,13 @@
 // One field of a message as it crosses the interface: by value, with its name, id, type and data.
 //
-// Ownership: what `name` and `data.pointer` show belongs to whoever filled the record: to the
-// caller when a field is added, to the message when it was read.
+// Ownership: `name` and `data.pointer` belong to the side that filled the record: to the caller
+// when a field is added, to the message when it was read.
 //
-// A value that was read and has no bytes or elements, which a string from elsewhere can be too, has
-// a null pointer.
+// A value that was read and has no bytes or elements has a null pointer. A received string can be
+// such a value too.
 //
 // Byte order: numbers are the host's. IP ports and addresses are words in network order, as they
-// stand on the wire.
+// are on the wire.
 
 #pragma once
 
@@ -16,8 +16,8 @@
 #include "../base/date_time.h"
 
 // Types as the application knows them. On the wire, integers fold into WIRE_INT and WIRE_UINT,
-// floats into WIRE_FLOAT, ports and addresses into WIRE_NETINT; the size byte tells the width.
-// 128 and above belong to the application.
+// floats into WIRE_FLOAT, ports and addresses into WIRE_NETINT; the size byte is the width. 128 and
+// above belong to the application.
 enum FieldType : uint8_t {
     FIELD_BAD = 0,  // never on the wire: what a field that doesn't decode counts as
     FIELD_MSG = 1,

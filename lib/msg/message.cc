@@ -55,7 +55,7 @@ pelmoMsg* takeObject() {
     return msg;
 }
 
-// The object's own word tells where it came from, since the pool may be younger than the object.
+// The object's own word says where it came from, since the pool may be newer than the object.
 void giveObject(pelmoMsg* msg) {
     if (msg->poolOwner == nullptr) {
         std::free(msg);

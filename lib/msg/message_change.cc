@@ -20,7 +20,7 @@ uint32_t sizeOf(const Piece& piece) {
     return piece.end - piece.offset;
 }
 
-// Moves everything behind a field from offset `from` to offset `to`. The caller has made room.
+// Moves everything after a field from offset `from` to offset `to`. The caller has made room.
 void moveTail(pelmoMsg* msg, uint32_t position, uint32_t from, uint32_t to) {
     uint8_t* image = msgImage(msg);
     std::memmove(image + to, image + from, msg->length - from);
@@ -62,7 +62,7 @@ pelmoStatus rewriteSmall(pelmoMsg* msg, uint32_t position, const pelmoMsgField& 
     return kStatusSuccess;
 }
 
-// A longer value is first written behind the image, so that the old value stays intact if that
+// A longer value is first written after the image, so that the old value stays intact if that
 // fails.
 pelmoStatus rewriteLarge(pelmoMsg* msg,
                          uint32_t position,

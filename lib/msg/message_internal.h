@@ -1,5 +1,5 @@
-// The message's record, and what the library's own files do with it. The calls for applications
-// stand in lib/msg/message.h.
+// The message's record, and the library's own calls for it. Those for applications are in
+// lib/msg/message.h.
 
 #pragma once
 
@@ -24,9 +24,9 @@ constexpr uint32_t kMessageDefaultBytes = 64;
 constexpr uint32_t kMessageLeastBytes = 32;
 constexpr uint32_t kInlineIndexEntries = 16;
 
-// Where a field stands; entries are in image order. Offsets are from the message's first byte.
+// Where a field is; entries are in image order. Offsets are from the message's first byte.
 struct FieldIndexEntry {
-    uint32_t nameOffset;    // of the name area: one behind the record's first byte
+    uint32_t nameOffset;    // of the name area: one after the record's first byte
     uint32_t nameSize;      // with the NUL; 0 for no name
     uint32_t nameAreaSize;  // the name's, and 2 for an id
     uint16_t id;            // 0 for none
@@ -36,7 +36,7 @@ struct pelmoMsg {
     uint32_t magic;  // kMessageMagic, or kMessageDead once destroyed
 
     // The image: `length` bytes from `base` on, of `capacity` that may be used. The lengths written
-    // in it may lag behind until the next flush.
+    // in it may be out of date until the next flush.
     Buffer* buffer;
     uint32_t base;
 
@@ -67,7 +67,7 @@ struct pelmoMsg {
     bool envelopeIsLent;  // the outer fields are another message's: see msgCreateWithin
     uint32_t sendSubjectOffset, replySubjectOffset, mtypeOffset, sourcePortOffset;
 
-    uint32_t limitAdvisory;  // bit 0: the advisory that tells of a queue limit
+    uint32_t limitAdvisory;  // bit 0: an advisory about a queue limit
     FieldIndexEntry inlineIndex[kInlineIndexEntries];
 
     // Set when the message is posted: the event that fired, and its closure.
@@ -79,10 +79,10 @@ struct pelmoMsg {
     void* poolOwner;  // the pool's own word, not ours to touch; null for an object from the heap
 };
 
-// The calls want a sound message where they don't say otherwise.
+// The calls need a sound message unless they say otherwise.
 
-// The pool of message objects, made before other threads run; nobody holds one of it when it goes.
-// Without it they come from the heap.
+// The pool of message objects, made before other threads run, destroyed when no object of it is in
+// use. Without it they come from the heap.
 [[nodiscard]] pelmoStatus msgPoolCreate();
 void msgPoolDestroy();
 
@@ -91,9 +91,8 @@ void msgPoolDestroy();
 }
 
 // A second object on a shared buffer, which gets one reference more; length and capacity are the
-// head's. The bytes are borrowed by nobody: a change makes its own copy. kStatusInvalidMessage for
-// another magic or no room for a head, kStatusCorruptMessage for a length below 8 or beyond the
-// buffer.
+// head's. A change makes its own copy. kStatusInvalidMessage for another magic or no room for a
+// head, kStatusCorruptMessage for a length below 8 or beyond the buffer.
 [[nodiscard]] pelmoStatus msgCreateOverBuffer(pelmoMsg** out, Buffer* buffer, uint32_t offset);
 
 // A second object over the same buffer, open or closed as the first, for one more listener.
@@ -125,10 +124,9 @@ void msgClearOwned(pelmoMsg* msg);
 void msgSetLimitAdvisory(pelmoMsg* msg);
 [[nodiscard]] bool msgIsLimitAdvisory(const pelmoMsg* msg);
 
-// Closed, a message knows of no envelope: so a change of the outer field "sub" leaves no offset
-// that is stale, and one of the application's field "sub" leaves the send subject alone. An
-// envelope that is lent has a send subject, which stands before the nested message. Holds between
-// any two calls.
+// Closed, a message has no envelope: so a change of the outer field "sub" leaves no offset that is
+// stale, and one of the application's field "sub" leaves the send subject alone. A lent envelope
+// has a send subject, which comes before the nested message. Holds between any two calls.
 [[nodiscard]] inline bool msgEnvelopeIsSound(const pelmoMsg* msg) {
     if (msg->dataOffset == 0) {
         return msg->sendSubjectOffset == 0 && msg->replySubjectOffset == 0 &&
@@ -154,33 +152,33 @@ void msgFlush(pelmoMsg* msg);
 // Builds the index unless it is valid.
 [[nodiscard]] pelmoStatus msgParse(pelmoMsg* msg);
 
-// Forgets where the envelope's values lie and shows the outer fields; whoever opened it has
-// flushed.
+// Forgets where the envelope's values are and shows the outer fields. The caller has flushed an
+// open one.
 void msgShowOuter(pelmoMsg* msg);
 
-// Ahead of every change of the image: a buffer that is shared or that reads point into is replaced
-// by a copy with `extra` bytes more of room.
+// Before every change of the image: a buffer that is shared or that reads point into is replaced by
+// a copy with `extra` bytes more of room.
 [[nodiscard]] pelmoStatus msgMakeWritable(pelmoMsg* msg, uint32_t extra = 0);
 
-// The same ahead of writing the image anew: its bytes are lost where others use the buffer.
+// The same before the image is written from scratch: its bytes are lost if others use the buffer.
 [[nodiscard]] pelmoStatus msgMakeBlank(pelmoMsg* msg);
 
-// Makes room for `need` bytes behind the image of a writable message. Growing at least doubles.
+// Makes room for `need` bytes after the image of a writable message. Growing at least doubles.
 [[nodiscard]] pelmoStatus msgReserve(pelmoMsg* msg, uint64_t need);
 
-// The checks ahead of adding; works out a size of 0.
+// The checks before adding; computes a size of 0.
 [[nodiscard]] pelmoStatus msgCheckField(pelmoMsgField& field);
 
-// Bytes that the record of a checked field takes at most. kStatusInvalidSize where no size prefix
-// can tell the value's length.
+// Bytes that the record of a checked field takes at most. kStatusInvalidSize if the value is too
+// long for any size prefix.
 [[nodiscard]] pelmoStatus msgRecordNeed(const pelmoMsgField& field, uint64_t& need);
 
-// Writes the record of a checked field behind the image, makes room as it goes and adds to
-// `length`; index and id map stay as they are. The message is writable.
+// Writes the record of a checked field after the image, makes room as needed and adds to `length`;
+// index and id map stay as they are. The message is writable.
 [[nodiscard]] pelmoStatus msgAppendRecord(pelmoMsg* msg, const pelmoMsgField& field);
 
-// Decodes the field at a position of a parsed message, with its id and without its name. What the
-// disposition tells to be owned is the caller's; a nested message is a pointer into the image.
+// Decodes the field at a position of a parsed message, with its id and without its name. Data that
+// the disposition calls owned is the caller's; a nested message is a pointer into the image.
 [[nodiscard]] pelmoStatus msgDecodeField(const pelmoMsg* msg,
                                          uint32_t position,
                                          pelmoMsgField& field,
@@ -188,7 +186,7 @@ void msgShowOuter(pelmoMsg* msg);
 
 enum class NameWanted : bool { kNo, kYes };
 
-// Reads that field, and keeps what is behind it.
+// Reads that field, and keeps the data that it points to.
 [[nodiscard]] pelmoStatus msgReadField(pelmoMsg* msg,
                                        uint32_t position,
                                        pelmoMsgField& field,
@@ -265,20 +263,20 @@ constexpr uint64_t kMaxValueBytes = UINT32_MAX - 4;
 // A message may not contain itself.
 [[nodiscard]] bool fieldContains(const pelmoMsgField& field, const pelmoMsg* msg);
 
-// Writes type and value at the offset, makes room as it goes, and tells where they end. `length` is
-// left alone. On failure nothing of the message has changed but the bytes behind its image.
+// Writes type and value at the offset, makes room as needed, and returns where they end. `length`
+// stays. On failure only the bytes after the image have changed.
 [[nodiscard]] pelmoStatus msgEncodeAt(pelmoMsg* msg,
                                       uint32_t typeOffset,
                                       const pelmoMsgField& field,
                                       uint32_t& endOffset);
 
-// Adds to one of the three arrays of what reads handed out, which is made on the first need.
+// Adds to one of the three arrays of what reads returned, which is made on first use.
 [[nodiscard]] pelmoStatus msgListAdd(Dpa*& list, void* item);
 
-// Makes the reads' pointers independent of the present buffer, which is about to be let go.
+// Makes the reads' pointers independent of the present buffer, which is about to be released.
 [[nodiscard]] pelmoStatus msgHoldBuffer(pelmoMsg* msg);
 
-// Lets go of all that reads handed out and forgets the marks' counts; the marks themselves stay.
+// Releases all that reads returned and forgets the marks' counts; the marks themselves stay.
 void msgCutBackAll(pelmoMsg* msg);
 
 // Frees the marks and their stack.

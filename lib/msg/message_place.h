@@ -19,7 +19,7 @@ constexpr uint32_t kMaxNameSize = kMaxNameChars + 1;
 }
 
 // Names and short values are copied by words, since a call of memcpy takes longer than their bytes.
-// The last word may overlap the one ahead of it.
+// The last word may overlap the one before it.
 template <typename Word>
 inline void copyByWords(uint8_t* to, const uint8_t* from, uint32_t sizeBytes) {
     const uint32_t lastWord = sizeBytes - static_cast<uint32_t>(sizeof(Word));
@@ -69,11 +69,11 @@ constexpr uint32_t kShortHeadBytes = 3;
            msg->bufferRefs == 0 && !bufferIsShared(msg->buffer) && !traceWants(kTraceMsgDetail);
 }
 
-// Begins the record of a value that a size byte of its own can tell, in the common case: no id, an
-// index that stands and has room, an image that is the message's alone. Name, size byte and index
-// entry are there afterwards; returns the place of the type byte, with that of the value two bytes
-// behind it. Null, and nothing added, where only pelmoMsg_AddField can tell what becomes of it. The
-// image grows where pelmoMsg_AddField would, by the size that the field's record has there.
+// Begins a record in the common case: no id, a value short enough for a size prefix of one byte, a
+// valid index with room, and an image that isn't shared. Writes the name, the size byte and the
+// index entry. Returns the place of the type byte; the value goes two bytes after it. Returns null
+// and adds no record in any other case: use pelmoMsg_AddField. The image grows as in
+// pelmoMsg_AddField, by the size that the field's record has there.
 [[nodiscard, gnu::always_inline]] inline uint8_t* msgPlaceShort(
     pelmoMsg* msg, const char* name, uint16_t id, uint64_t valueBytes, uint64_t fieldBytes) {
     if (!additionIsPlain(msg) || id != 0 || valueBytes >= kFirst16BitSize) return nullptr;
@@ -96,8 +96,8 @@ constexpr uint32_t kShortHeadBytes = 3;
     return type;
 }
 
-// The value of a field of that wire type whose length a size byte tells, with the length; null for
-// any other field, for which a general read tells what becomes of it.
+// The value and length of a field of that wire type with a size prefix of one byte; null for any
+// other field, which needs a general read.
 [[nodiscard]] inline const uint8_t* msgShortValue(const pelmoMsg* msg,
                                                   uint32_t position,
                                                   uint8_t wireType,
@@ -105,7 +105,7 @@ constexpr uint32_t kShortHeadBytes = 3;
     const uint32_t typeOffset = fieldTypeOffset(msg->index[position]);
     const uint8_t* type = msgImage(msg) + typeOffset;
     valueBytes = type[1];
-    // What an encoder of the application wrote may tell of more than there is.
+    // The prefix of an application's encoder may claim more than the record has.
     const bool isShort = type[0] == wireType && valueBytes < kFirst16BitSize &&
                          valueBytes + 2 <= fieldEndOffset(msg, position) - typeOffset;
     return isShort ? type + 2 : nullptr;

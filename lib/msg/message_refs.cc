@@ -1,4 +1,4 @@
-// Keeps what reads handed out, and releases it.
+// Keeps what reads returned, and releases it.
 //
 // Everything is in three arrays in the order of the reads, so a mark consists of their lengths, and
 // cutting back removes items from their ends. Pointers into the present buffer are only counted.

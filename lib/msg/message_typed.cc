@@ -297,11 +297,11 @@ pelmoStatus addDateTime(pelmoMsg* msg,
     return kStatusSuccess;
 }
 
-// Adds bytes that need no conversion. A size of 0 is left to the general call, which works it out.
+// Adds bytes that need no conversion. A size of 0 is left to the general call, which computes it.
 pelmoStatus addBytes(
     pelmoMsg* msg, const char* name, const void* data, FieldKind kind, uint16_t id) {
-    const bool told = data != nullptr && kind.size != 0;
-    uint8_t* type = told ? msgPlaceShort(msg, name, id, kind.size, kind.size) : nullptr;
+    const bool isSized = data != nullptr && kind.size != 0;
+    uint8_t* type = isSized ? msgPlaceShort(msg, name, id, kind.size, kind.size) : nullptr;
     if (type == nullptr) return writePointer(pelmoMsg_AddField, msg, name, data, 1, kind, id);
     *type = kind.type;
     copyShort(type + 2, data, kind.size);
@@ -326,8 +326,8 @@ pelmoStatus updateText(pelmoMsg* msg, const char* name, const char* text, uint16
 pelmoStatus addText(pelmoMsg* msg, const char* name, const char* text, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     const size_t size = text != nullptr ? std::strlen(text) + 1 : 0;
-    const bool told = size <= kMaxValueBytes;
-    return addBytes(msg, name, text, {FIELD_STRING, told ? static_cast<uint32_t>(size) : 0}, id);
+    const bool fits = size <= kMaxValueBytes;
+    return addBytes(msg, name, text, {FIELD_STRING, fits ? static_cast<uint32_t>(size) : 0}, id);
 }
 
 template <FieldWriter kWrite>
@@ -373,7 +373,7 @@ PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
 #undef PELMO_DEFINE_SCALAR
 
 // `number` is a number of elements, or the size of one value in bytes.
-#define PELMO_DEFINE_LIST(word, type, Value, count, size, told, otherType)                     \
+#define PELMO_DEFINE_LIST(word, type, Value, count, size, member, otherType)                   \
     pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value const* values,       \
                                    uint32_t number, uint16_t id) {                             \
         return addList(msg, name, values, count, {type, size}, id);                            \
@@ -384,7 +384,7 @@ PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
     }                                                                                          \
     pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Value const** outValues,   \
                                    uint32_t* outNumber, uint16_t id) {                         \
-        return readList<type>(msg, name, outValues, outNumber, &pelmoMsgField::told, id,       \
+        return readList<type>(msg, name, outValues, outNumber, &pelmoMsgField::member, id,     \
                               otherType);                                                      \
     }
 #define PELMO_DEFINE_NUMBERS(word, type, Value, bytes) \

@@ -1,5 +1,5 @@
 // Fields by type: an addition, an update and a read for each, in rows of a few shapes. `id` is 0
-// for none, a null name stands for the field without a name.
+// for none, a null name means the field without a name.
 //
 // Add and Update copy the value into the message; statuses as of pelmoMsg_AddField and
 // pelmoMsg_UpdateField (message.h), and kStatusInvalidArgument for no data.

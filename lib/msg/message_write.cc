@@ -1,4 +1,4 @@
-// Additions. A record is written behind the image, which is extended over it only on success.
+// Additions. A record is written after the image, which is extended over it only on success.
 
 #include <cstring>
 
@@ -173,8 +173,8 @@ pelmoStatus addChecked(pelmoMsg* msg, const pelmoMsgField& field, uint32_t nameS
 
 pelmoStatus fieldMessageSize(pelmoMsg* value, uint32_t& size) {
     const pelmoStatus status = pelmoMsg_GetByteSize(value, &size);
-    const bool told = status == kStatusSuccess || status == kStatusNoMemory;
-    return told ? status : kStatusInvalidArgument;
+    const bool isKnown = status == kStatusSuccess || status == kStatusNoMemory;
+    return isKnown ? status : kStatusInvalidArgument;
 }
 
 uint64_t fieldValueBytes(const pelmoMsgField& field) {

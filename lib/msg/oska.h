@@ -1,5 +1,5 @@
-// OSKA, the datagram protocol of the bus: the start that all its packets share, directly behind the
-// UDP header, and what data and null packets have behind that. Big-endian throughout.
+// OSKA, the datagram protocol of the bus: the header that all its packets share, directly after the
+// UDP header, and what follows it in data and null packets. Big-endian throughout.
 //
 //     0       4       8       12      16     18     20      24
 //     | magic |  src  | epoch |  dst  | type |      |  seq  | by type ...
@@ -9,7 +9,7 @@
 //     | reliability 8             |                         null: an IEEE 754 double, seconds
 //
 // With the epoch's top bit set, the UDP source port is the sender's SCid; with it clear the sender
-// has none. An epoch is one life of a sender: with another one its sequence numbers start anew.
+// has none. An epoch is one life of a sender: in another one its sequence numbers start again.
 //
 // `fragment` is 0 where the messages are whole. A message that is longer than a packet goes as
 // parts: in packet 1 of them it runs on past the end, packets 2 and above have the rest.

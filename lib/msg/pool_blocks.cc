@@ -101,7 +101,7 @@ void moveFree(ChunkPool* pool, Block* block, Dpa* list) PELMO_REQUIRES(pool->loc
 }
 
 // Moves the blocks from the first to `last` to the end of the list of blocks.
-void moveBehind(ChunkPool* pool, Block* last) PELMO_REQUIRES(pool->lock) {
+void moveToEnd(ChunkPool* pool, Block* last) PELMO_REQUIRES(pool->lock) {
     Block* first = pool->firstBlock;
     pool->firstBlock = last->next;
     pool->firstBlock->prev = nullptr;
@@ -113,10 +113,10 @@ void moveBehind(ChunkPool* pool, Block* last) PELMO_REQUIRES(pool->lock) {
 
 // Reorders the blocks so that the next search begins at one with free chunks.
 void rotate(ChunkPool* pool, Block* stop) PELMO_REQUIRES(pool->lock) {
-    const Block* behind = stop->next;
-    if (behind == nullptr || (isPrepared(behind) && behind->free->count == 0)) return;
+    const Block* next = stop->next;
+    if (next == nullptr || (isPrepared(next) && next->free->count == 0)) return;
     Block* last = isPrepared(stop) ? stop : stop->prev;
-    if (last != nullptr) moveBehind(pool, last);
+    if (last != nullptr) moveToEnd(pool, last);
 }
 
 void putBackLocked(ChunkPool* pool, Block* block, void* chunk) PELMO_REQUIRES(pool->lock) {

@@ -1,5 +1,5 @@
-// The value of a scalar as it stands in a record behind the size byte, in big-endian bytes.
-// Integers, floats, ports and addresses fold into four wire types; the size byte tells them apart.
+// The value of a scalar as it is in a record after the size byte, in big-endian bytes. Integers,
+// floats, ports and addresses fold into four wire types; the size byte distinguishes their widths.
 // Dates have a form of their own.
 
 #pragma once

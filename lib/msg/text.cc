@@ -50,8 +50,7 @@ bool nestsTooDeep(const pelmoMsgField& field) {
     return depth >= kMostTextDepth && (field.type == FIELD_MSG || field.type == FIELD_MSGARRAY);
 }
 
-// A placeholder stands for a value that can't be shown. Where memory ran out there is no text at
-// all.
+// A placeholder shows a value that has no text. Without memory there is no text at all.
 bool addPlaceholder(TextBuilder& out, const char* placeholder, pelmoStatus status) {
     return status != kStatusNoMemory && out.add(placeholder);
 }
@@ -76,8 +75,8 @@ bool addConverted(TextBuilder& out, pelmoMsgField field) {
     return added;
 }
 
-// Adds the text of the message at `image`. Its object and text are let go of at once: a field holds
-// millions of messages, and what the others are handed out for doesn't bound them.
+// Adds the text of the message at `image`. Its object and text are released at once: a field may
+// hold millions of messages, and the bound on returned objects doesn't apply here.
 pelmoStatus addNested(TextBuilder& out, const pelmoMsg* msg, const void* image) {
     const auto offset = static_cast<const uint8_t*>(image) - msg->buffer->data;
     pelmoMsg* made = nullptr;
@@ -138,8 +137,8 @@ bool addField(TextBuilder& out, pelmoMsg* msg, uint32_t position) {
     return field.type == FIELD_STRING ? addQuoted(out, field) : addConverted(out, field);
 }
 
-// Each field adds a blank behind it; the last blank becomes the closing bracket. What was read for
-// a field is released after it, so that millions of nested messages don't add up.
+// Each field adds a blank after it; the last blank becomes the closing bracket. What was read for a
+// field is released after it, so that millions of nested messages don't add up.
 bool addAll(TextBuilder& out, pelmoMsg* msg) {
     if (!out.add("{")) return false;
     const ReferenceMark mark = msgMark(msg);

@@ -2,16 +2,16 @@
 //
 //     {sub=[A.B] mtype="D" data={load[5]=1.5 name="x" tags=["a" "b"] NULL=7}}
 //
-// Fields in image order, each as name, "=", value; an id stands in brackets behind the name. A
-// value that doesn't decode reads "[NO DECODER AVAILABLE]", one that has no text, or is nested
-// deeper than kMostTextDepth, "[NO CONVERTER AVAILABLE]"; neither is a failure. A text value shows
-// up to its first NUL, without any escaping.
+// Fields in image order, each as name, "=", value; an id follows the name in brackets. A value that
+// doesn't decode reads "[NO DECODER AVAILABLE]", one that has no text, or is nested deeper than
+// kMostTextDepth, "[NO CONVERTER AVAILABLE]"; neither is a failure. A text value shows up to its
+// first NUL, without any escaping.
 //
-// Ownership: the text belongs to the message, as what a read returns. Each call makes a new one and
-// leaves nothing else behind.
+// Ownership: the text belongs to the message, like what a read returns. Each call makes a new one
+// and keeps nothing else.
 //
-// Failure: kStatusInvalidMessage, kStatusInvalidArgument for no output, kStatusCorruptMessage for
-// an image that doesn't walk, kStatusNoMemory.
+// Failure: kStatusInvalidMessage, kStatusInvalidArgument for no output, kStatusCorruptMessage for a
+// malformed image, kStatusNoMemory.
 //
 // Threads: as the message.
 

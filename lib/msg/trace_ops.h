@@ -1,12 +1,12 @@
-// The switch of the library's call log, as the floors below it see it: words to be tested where a
-// call stands, and a function that writes a line. All off until the tracing above fills it in.
+// The switch of the library's call log, as the floors below tracing see it: words that each call
+// tests, and a function that writes a line. All off until the tracing above fills it in.
 //
 //     traceLine(kTraceMsg, "pelmoMsg_Detach(%p)", tracePointer(msg));
 //
 // Switched off, a line costs a load and a branch, and its arguments aren't evaluated.
 //
-// Threads: the words may change at any time and order nothing. `write` is set ahead of them, before
-// other threads run, and takes calls from any thread with any lock held.
+// Threads: the words may change at any time and order no other data. `write` is set before them,
+// before other threads run, and takes calls from any thread with any lock held.
 
 #pragma once
 

@@ -1,5 +1,5 @@
 // The wire format of messages: what the bytes are. Big-endian throughout, nothing is aligned or
-// padded; IP ports and addresses stand as they do in packets.
+// padded; IP ports and addresses are as in packets.
 //
 //     message:      0 length, these 8 bytes included | 4 magic | 8 field records ...
 //     record:       0 N | 1 name area, N bytes | N + 1 type | N + 2 size prefix | value
@@ -8,10 +8,10 @@
 //                   written for v below 120 | 120 to 29999           | 30000 and above
 //
 // A message as a value takes prefix byte 122, and its own length is what follows; a packed subject
-// takes 121 likewise.
+// takes 121 in the same way.
 //
 // Bytes from outside: each read here stops at `end`, and a length is compared with what is left
-// ahead of its use.
+// before its use.
 
 #pragma once
 
@@ -39,7 +39,7 @@ struct WireRecord {
     uint16_t id;            // 0 for none
 };
 
-// The application's type of a wire type and the size byte behind it: FIELD_BAD where a folded type
+// The application's type of a wire type and the size byte after it: FIELD_BAD where a folded type
 // doesn't allow the size. Types that don't fold stay.
 [[nodiscard]] uint8_t wireApplicationType(uint8_t wireType, uint8_t sizeByte);
 
@@ -54,15 +54,15 @@ struct WireRecord {
 }
 
 // kStatusInvalidArgument without a cursor, kStatusNoMemory without room for the prefix,
-// kStatusInvalidSize for a value that no prefix can tell.
+// kStatusInvalidSize for a value too large for any prefix.
 [[nodiscard]] pelmoStatus writeSizePrefix(WriteCursor* cursor, uint64_t value);
 
-// Leaves the cursor behind the prefix. The length may tell of more than what is left.
+// Leaves the cursor after the prefix. The length may be more than what is left.
 // kStatusInvalidArgument for no arguments, kStatusInvalidSize for a byte that is no class,
 // kStatusCorruptMessage where the prefix is cut or its length doesn't cover its own bytes.
 [[nodiscard]] pelmoStatus readSizePrefix(ReadCursor* cursor, uint32_t* out);
 
-// The same for a value that has to be in hand: kStatusCorruptMessage where it isn't.
+// The same for a value that must be complete: kStatusCorruptMessage if it isn't.
 [[nodiscard]] pelmoStatus readValueLength(ReadCursor& cursor, uint32_t& length);
 
 [[nodiscard]] inline uint64_t readLeft(const ReadCursor& cursor) {
@@ -75,7 +75,7 @@ struct WireRecord {
 
 constexpr uint32_t kIdBytes = 2;
 
-// N alone tells the forms of the name area apart: with an id, the name's NUL is three bytes from
+// N alone distinguishes the forms of the name area: with an id, the name's NUL is three bytes from
 // the end. False for a name without one.
 [[nodiscard]] inline bool wireNameAreaRead(const uint8_t* record, WireRecord& out) {
     const uint32_t areaSize = record[0];
