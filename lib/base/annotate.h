@@ -1,4 +1,4 @@
-// Which lock guards what, said so that clang checks it (preset tsa). Empty under other compilers.
+// Which lock guards what, in a form that clang checks (preset tsa). Empty under other compilers.
 
 #pragma once
 
@@ -16,7 +16,7 @@
 #define PELMO_GUARDED_BY(lock) PELMO_ANNOTATE(guarded_by(lock))
 #define PELMO_PT_GUARDED_BY(lock) PELMO_ANNOTATE(pt_guarded_by(lock))
 
-// On functions: wants the lock held, takes it, leaves it, must be called without it.
+// On functions: needs the lock held, takes it, leaves it, must be called without it.
 #define PELMO_REQUIRES(...) PELMO_ANNOTATE(requires_capability(__VA_ARGS__))
 #define PELMO_ACQUIRE(...) PELMO_ANNOTATE(acquire_capability(__VA_ARGS__))
 #define PELMO_RELEASE(...) PELMO_ANNOTATE(release_capability(__VA_ARGS__))

@@ -1,13 +1,13 @@
-// Bytes from outside: one bounded cursor and one set of loads. Whatever reads a packet, a file or a
-// message that somebody else wrote reads it through here.
+// Bytes from outside: one bounded cursor and one set of loads. All code that reads a packet, a file
+// or a received message uses these.
 //
 // Ownership: a cursor borrows its bytes.
 //
-// Byte order: loadBe* give the number that the big-endian bytes spell. loadNet* give the word as it
-// lies in memory, in network order: so addresses and ports travel through the tool, and are
-// converted only to be compared with constants, sorted and shown.
+// Byte order: loadBe* return the number of the big-endian bytes. loadNet* return the word as it is
+// in memory, in network order: the tool keeps addresses and ports in that form and converts them
+// only to compare them with constants, to sort and to show them.
 //
-// A load tolerates any alignment. One that would reach past the end gives 0: a caller that must
+// A load tolerates any alignment. One that would read past the end returns 0: a caller that must
 // distinguish a short packet from a field of 0 asks cursorHolds first. loadBe*At are for bytes that
 // such a check has already covered, and store*At for room that the caller knows to exist.
 

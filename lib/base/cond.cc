@@ -59,8 +59,8 @@ void signalLocked(Cond* cond) {
 }
 
 // Under `mutex`: a woken waiter hands a broadcast on to the next, and the last one ends it. That
-// happens in one step with its leaving the count: were two woken ones counted at once, each would
-// take the other for one still asleep, and the broadcast would never end.
+// happens in one step with its leaving the count: if two woken waiters were counted at once, each
+// would take the other for one still asleep, and the broadcast would never end.
 void passBroadcastOnLocked(Cond* cond) {
     if (cond->broadcast.load(std::memory_order_relaxed) == 0) return;
     if (cond->waiters.load(std::memory_order_relaxed) > 0) {
@@ -71,7 +71,7 @@ void passBroadcastOnLocked(Cond* cond) {
 }
 
 pelmoStatus wait(Cond* cond, Lock* lock, const timespec* deadline) PELMO_UNCHECKED_LOCKING {
-    // The mutex is taken before the lock is left, so that no signal falls in between unseen.
+    // The mutex is taken before the lock is left, so that no signal in between is missed.
     pthread_mutex_lock(&cond->mutex);
     count(cond->waiters, 1);
     Lock_Leave(lock);

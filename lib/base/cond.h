@@ -1,7 +1,8 @@
 // A condition: an event that wakes one waiter and resets itself, and a broadcast on top of it.
 //
 // A signal without a waiter is remembered, and the next wait returns at once; two are remembered as
-// one. A waiter may thus wake without cause: it tests what it waits for in a loop, under its lock.
+// one. A waiter may therefore wake without cause: it checks its own condition in a loop, under its
+// lock.
 //
 //     while (!ready) (void)Cond_Wait(cond, lock);
 //
@@ -9,7 +10,7 @@
 // room; *out is written only on success.
 //
 // Threads: any. Signal and broadcast need no lock. A wait leaves the lock once, so that a lock that
-// its thread holds twice stays held. Nobody may wait on a condition that is destroyed.
+// its thread holds twice stays held. No thread may wait on a condition that is destroyed.
 
 #pragma once
 
@@ -47,5 +48,5 @@ pelmoStatus Cond_Broadcast(Cond* cond);
 pelmoStatus Cond_Wait(Cond* cond, Lock* lock);
 
 // kStatusTimeout where no signal came in time. Steps of the wall clock don't matter. The time is
-// cut to whole milliseconds; none is left of a negative one.
+// cut to whole milliseconds; a negative one counts as 0.
 [[nodiscard]] pelmoStatus Cond_TimedWait(Cond* cond, Lock* lock, double seconds);

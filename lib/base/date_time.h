@@ -1,7 +1,7 @@
 // A date-time as messages carry it, in UTC.
 //
 // A value added to a message must have less than a second of nanoseconds, of which whole
-// microseconds travel. A received one needn't: 24 bits of microseconds hold up to 16 seconds, of
+// microseconds are sent. A received one needn't: 24 bits of microseconds hold up to 16 seconds, of
 // which `nanoseconds` keeps what fits 32 bits. Text shows the number as it is.
 
 #pragma once

@@ -13,7 +13,7 @@ constexpr size_t kMostStepBytes = 256 << 20;   // of addresses; memory comes as 
 constexpr int kMappedFromBytes = 32 << 20;     // smaller blocks stay on the heap
 constexpr uintptr_t kHugePageBytes = 2 << 20;  // x86-64, and arm64 with pages of 4 KiB
 
-// A heap whose next step is refused is full, whatever is left below that step.
+// A heap whose next step is refused is full, even if less than a step is left.
 constexpr size_t kStepsAtLeast = 16;
 
 bool mayTake(size_t sizeBytes) {

@@ -140,7 +140,7 @@ pelmoStatus Lock_Destroy(Lock* lock) {
     return kStatusSuccess;
 }
 
-void Lock_Enter(Lock* lock) PELMO_UNCHECKED_LOCKING {  // pthread's own calls bear no marks
+void Lock_Enter(Lock* lock) PELMO_UNCHECKED_LOCKING {  // pthread's own calls have no annotations
     assert(lock != nullptr);
     noteEnter(lock);
     [[maybe_unused]] const int failed = pthread_mutex_lock(&lock->mutex);

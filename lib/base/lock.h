@@ -1,14 +1,14 @@
 // A recursive lock with a rank.
 //
 // Create allocates the record, Init fills one in the caller's storage; Destroy serves both and
-// frees only what Create allocated. Nobody may hold a lock that is destroyed.
+// frees only what Create allocated. No thread may hold a lock that is destroyed.
 //
 // Failure: kStatusInvalidArgument for a null record, kStatusNoMemory where the system has no room;
 // *out is written only on success.
 //
 // Threads: any. The holder may take its lock again, and leaves it as often. Builds without NDEBUG
-// keep a list of what each thread holds and abort, naming both locks, where the order of
-// lib/base/lock_rank.h is turned round, or where a thread leaves a lock that it doesn't hold.
+// keep a list of what each thread holds and abort, naming both locks, where a thread violates the
+// order of lib/base/lock_rank.h or leaves a lock that it doesn't hold.
 
 #pragma once
 

@@ -27,7 +27,7 @@ constexpr size_t kNumberedNameBytes = 512;
 constexpr size_t kLineBytes = 1024;  // longer ones take memory
 
 // Text can reach the file without passing here, so its size is looked up now and then, but not on
-// each line: the look-up costs as much as the line.
+// each line: a look-up costs as much as a line.
 constexpr uint32_t kLinesPerLookUp = 32;
 
 struct LogState {
@@ -66,7 +66,7 @@ constinit LogState state;
 
 constinit std::atomic<bool> socketLines{false};
 
-// Callers ask errno after they logged what failed.
+// Callers read errno after they logged a failure.
 struct ErrnoGuard {
     ErrnoGuard() = default;
     ~ErrnoGuard() { errno = kept; }
@@ -117,8 +117,8 @@ size_t writeTextLocked(const char* text, size_t sizeBytes) PELMO_REQUIRES(state.
     return written;
 }
 
-// A line of usual length takes no memory. Where there is none for a longer one, the line is cut.
-// Returns whether all of it was written.
+// A line of usual length needs no memory. Without memory for a longer one, the line is cut. Returns
+// whether all of it was written.
 [[gnu::format(printf, 2, 0)]] bool writeLineLocked(const char* module,
                                                    const char* format,
                                                    va_list arguments) PELMO_REQUIRES(state.lock) {
@@ -208,7 +208,8 @@ bool isFullLocked(bool lookUp) PELMO_REQUIRES(state.lock) {
     state.linesSinceLookUp = 0;
     const uint64_t sizeBytes = fileSize64(state.ring.path);
     if (sizeBytes == kFileSizeUnknown64) return false;
-    // Lines count on from here, so that the next one knows of what others wrote without a look-up.
+    // Later lines are added to this, so that the next one includes what others wrote without a
+    // look-up.
     state.knownBytes = std::max(state.knownBytes, sizeBytes);
     return sizeBytes >= state.limitBytes;
 }

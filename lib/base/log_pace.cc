@@ -37,7 +37,7 @@ struct LogPace {
 
 constinit LogPace pace;
 
-// Null where there is no room for another.
+// Null if there is no room for another.
 PacedText* findOrAddLocked(const char* text) PELMO_REQUIRES(pace.lock) {
     const std::span known(pace.texts, pace.count);
     const auto found = std::ranges::find_if(known, [text](const PacedText& each) {

@@ -1,4 +1,4 @@
-// Log lines that each packet may bring. Once the pace has begun, a line comes at most once a
+// Log lines that each packet may cause. Once the pace has begun, a line comes at most once a
 // second, with a count of those of the same text that were held back before it:
 //
 //     Out of memory allocating host entry
@@ -22,7 +22,8 @@
 
 [[gnu::format(printf, 1, 2)]] void logPaced(const char* format, ...);
 
-// `kind` is a text that all lines of the kind share; up to kPacedLinesOfKind of them come a second.
+// `kind` is a text that all lines of the kind share; up to kPacedLinesOfKind of them are written a
+// second.
 inline constexpr uint32_t kPacedLinesOfKind = 50;
 [[gnu::format(printf, 2, 3)]] void logPacedAs(const char* kind, const char* format, ...);
 

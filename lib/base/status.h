@@ -1,9 +1,9 @@
-// Status numbers: what every operation of the library answers, and the words for each.
+// Status numbers: what every operation of the library returns, and a text for each.
 //
-// 0 is success. The numbers are fixed: operators meet them in logs, programs in replies. A number
+// 0 is success. The numbers are fixed: operators see them in logs, programs in replies. A number
 // that isn't listed here reads "unrecognized status".
 //
-// Threads: any; nothing here changes. The text is constant and never freed.
+// Threads: any; all of this is constant. The text is constant and never freed.
 
 #pragma once
 

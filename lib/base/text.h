@@ -21,11 +21,11 @@
                                                        const char* format,
                                                        va_list arguments);
 
-// With a size of 0 nothing happens.
+// With a size of 0 it does nothing.
 void boundedCopy(char* destination, const char* source, size_t sizeBytes);
 
-// sizeBytes is the size of the whole destination. Where its text already fills it, terminated or
-// not, nothing happens.
+// sizeBytes is the size of the whole destination. If its text already fills it, terminated or not,
+// the call does nothing.
 void boundedAppend(char* destination, const char* source, size_t sizeBytes);
 
 // A number of bytes in K, M or G, of 1024 each: "0", "1 K", "1.500 M". kStatusInvalidArgument where

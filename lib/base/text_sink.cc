@@ -17,7 +17,7 @@
 
 namespace {
 
-// How often a wait looks whether it has become bounded.
+// How often a wait checks whether it has become bounded.
 constexpr double kLookSeconds = 0.1;
 
 // On the steady clock. It orders no other data: a wait that reads the old value looks again.
@@ -37,7 +37,7 @@ bool awaitRoom(int descriptor) {
 }
 
 // One write that doesn't wait: EAGAIN where there is no room. The descriptor may be shared with
-// other processes, which O_NONBLOCK would surprise.
+// other processes, which O_NONBLOCK would affect.
 ssize_t writeNow(int descriptor, std::string_view text) {
     const iovec piece{.iov_base = const_cast<char*>(text.data()), .iov_len = text.size()};
     const ssize_t count = pwritev2(descriptor, &piece, 1, -1, RWF_NOWAIT);
@@ -71,7 +71,7 @@ size_t writeAll(TextSink& sink, std::string_view text) {
     return written;
 }
 
-// Cuts so many bytes off the file's end, unless another process has added to it meanwhile.
+// Cuts this many bytes off the file's end, unless another process has added to it meanwhile.
 bool takeBack(int descriptor, size_t sizeBytes) {
     const off_t end = lseek(descriptor, 0, SEEK_CUR);
     struct stat status = {};

@@ -15,11 +15,10 @@ namespace {
 constexpr int kOnceLooksMax = 100;
 constexpr long kOncePauseNanoseconds = 50'000'000;
 
-// Released when set and acquired by each thread that starts, so that a thread sees what the hook
-// works on.
+// Released when set and acquired by each thread that starts, so that a thread sees the hook's data.
 constinit std::atomic<ThreadStartHook> startHook = nullptr;
 
-// What a new thread needs to know. Its own block: the thread may outlive its record.
+// What a new thread needs. It is a block of its own, since the thread may outlive its record.
 struct Start {
     ThreadFunction function;
     void* argument;

@@ -12,7 +12,7 @@
 
 #include "lib/base/date_time.h"
 
-// What a stamp needs at most, with the terminator.
+// The size of the longest stamp, with the terminator.
 inline constexpr size_t kTimeStampBytes = 64;
 
 void dateTimeSplit(int64_t seconds,
@@ -28,9 +28,9 @@ void dateTimeSplit(int64_t seconds,
 // text that is cut, or that leaves no room for it, has no "Z". With a size of 0 it does nothing.
 void dateTimeToText(const pelmoMsgDateTime& value, char** cursor, size_t sizeBytes);
 
-// The present time; always 0.
+// The present time; returns 0.
 uint32_t dateTimeNow(pelmoMsgDateTime* out);
 
 // The present time as text, each kTimeStampBytes: localText like timeText, utcText like
-// dateTimeToText. Either may be null. Always 0.
+// dateTimeToText. Either may be null. Returns 0.
 uint32_t timeStampTexts(char* localText, char* utcText);
