@@ -1,7 +1,7 @@
+#include "bus/commands.h"
 #include "bus/complain.h"
 #include "bus/composer.h"
 #include "bus/intake.h"
-#include "bus/run_commands.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "bus/asking.h"
+#include "bus/commands.h"
 #include "bus/complain.h"
 #include "bus/composer.h"
 #include "bus/connection.h"
@@ -17,11 +18,10 @@
 #include "bus/output.h"
 #include "bus/pace.h"
 #include "bus/pump.h"
-#include "bus/run_commands.h"
 #include "bus/sender.h"
-#include "bus/steady_time.h"
-#include "bus/stop.h"
 #include "bus/tally.h"
+#include "programs/steady_time.h"
+#include "programs/stop.h"
 
 namespace {
 

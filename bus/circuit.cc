@@ -5,14 +5,14 @@
 
 #include "bus/asking.h"
 #include "bus/circuit_input.h"
+#include "bus/commands.h"
 #include "bus/complain.h"
 #include "bus/connection.h"
 #include "bus/printer.h"
 #include "bus/pump.h"
-#include "bus/run_commands.h"
 #include "bus/sender.h"
-#include "bus/steady_time.h"
-#include "bus/stop.h"
+#include "programs/steady_time.h"
+#include "programs/stop.h"
 
 namespace {
 

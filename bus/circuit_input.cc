@@ -10,8 +10,8 @@
 #include "bus/complain.h"
 #include "bus/composer.h"
 #include "bus/sender.h"
-#include "bus/steady_time.h"
-#include "bus/stop.h"
+#include "programs/steady_time.h"
+#include "programs/stop.h"
 
 namespace {
 

@@ -6,7 +6,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "bus/number.h"
+#include "programs/number.h"
+#include "programs/option_table.h"
 
 namespace {
 
@@ -56,11 +57,8 @@ const char* setReliability(BusSettings& settings, const char* value) {
     return fault;
 }
 
-struct Option {
-    const char* name;
-    const char* valueWord;  // null for a switch
-    uint32_t groups;        // CommandGroup bits
-    const char* usage;
+struct Option : OptionRow {
+    uint32_t groups;  // CommandGroup bits
     const char* (*store)(BusSettings& settings, const char* value);
 };
 
@@ -88,30 +86,30 @@ constexpr const char* kWaitUsage = "wait for a broken connection to be back";
 
 // In the order of the usage text.
 constexpr Option kOptions[] = {
-    {"--service", "TEXT", kForConnection, "service of the traffic", setText<&S::service>},
-    {"--network", "TEXT", kForConnection, "network of the traffic", setText<&S::network>},
-    {"--daemon", "TEXT", kForConnection, "port, or host and port (7500)", setText<&S::daemon>},
-    {"--no-resume", nullptr, kForConnection, kNoResumeUsage, setTrue<&S::noResume>},
-    {"--local", nullptr, kForConnection, kLocalUsage, setTrue<&S::local>},
-    {"--description", "TEXT", kForConnection, "tell the daemon", setText<&S::description>},
-    {"--http", "TEXT", kForConnection, "tell the daemon an address", setText<&S::http>},
-    {"--hidden", nullptr, kForConnection, kHiddenUsage, setTrue<&S::hidden>},
-    {"--no-echo", nullptr, kForConnection, "don't get own messages", setTrue<&S::noEcho>},
-    {"--reliability", "SECONDS", kForConnection, kReliabilityUsage, setReliability},
-    {"--batch", nullptr, kForConnection, "gather small messages", setTrue<&S::batch>},
-    {"--count", "N", kCounted, "end after so many messages", setCount},
-    {"--seconds", "T", kTimed, kSecondsUsage, setSeconds},
-    {"--rate", "R", kPaced, "messages a second; 0: as fast as it goes", setRate},
-    {"--json", nullptr, kPrinters | kForSend, kJsonUsage, setTrue<&S::json>},
-    {"--quiet", nullptr, kPrinters, "print no messages, count them", setTrue<&S::quiet>},
-    {"--lines", nullptr, kForSend, kLinesUsage, setTrue<&S::lines>},
-    {"--reply", "SUBJECT", kForSend, "set the reply subject", setText<&S::reply>},
-    {"--size", "BYTES", kSized, "add the opaque field \"pad\"", setSize},
-    {"--sequence", nullptr, kComposers, kSequenceUsage, setTrue<&S::sequence>},
-    {"--wait", nullptr, kWaiters, kWaitUsage, setTrue<&S::wait>},
+    {{"--service", "TEXT", "service of the traffic"}, kForConnection, setText<&S::service>},
+    {{"--network", "TEXT", "network of the traffic"}, kForConnection, setText<&S::network>},
+    {{"--daemon", "TEXT", "port, or host and port (7500)"}, kForConnection, setText<&S::daemon>},
+    {{"--no-resume", nullptr, kNoResumeUsage}, kForConnection, setTrue<&S::noResume>},
+    {{"--local", nullptr, kLocalUsage}, kForConnection, setTrue<&S::local>},
+    {{"--description", "TEXT", "tell the daemon"}, kForConnection, setText<&S::description>},
+    {{"--http", "TEXT", "tell the daemon an address"}, kForConnection, setText<&S::http>},
+    {{"--hidden", nullptr, kHiddenUsage}, kForConnection, setTrue<&S::hidden>},
+    {{"--no-echo", nullptr, "don't get own messages"}, kForConnection, setTrue<&S::noEcho>},
+    {{"--reliability", "SECONDS", kReliabilityUsage}, kForConnection, setReliability},
+    {{"--batch", nullptr, "gather small messages"}, kForConnection, setTrue<&S::batch>},
+    {{"--count", "N", "end after so many messages"}, kCounted, setCount},
+    {{"--seconds", "T", kSecondsUsage}, kTimed, setSeconds},
+    {{"--rate", "R", "messages a second; 0: as fast as it goes"}, kPaced, setRate},
+    {{"--json", nullptr, kJsonUsage}, kPrinters | kForSend, setTrue<&S::json>},
+    {{"--quiet", nullptr, "print no messages, count them"}, kPrinters, setTrue<&S::quiet>},
+    {{"--lines", nullptr, kLinesUsage}, kForSend, setTrue<&S::lines>},
+    {{"--reply", "SUBJECT", "set the reply subject"}, kForSend, setText<&S::reply>},
+    {{"--size", "BYTES", "add the opaque field \"pad\""}, kSized, setSize},
+    {{"--sequence", nullptr, kSequenceUsage}, kComposers, setTrue<&S::sequence>},
+    {{"--wait", nullptr, kWaitUsage}, kWaiters, setTrue<&S::wait>},
 };
 
-constexpr const char* kHelpUsage = "this text; behind a command, that of the command";
+constexpr size_t kHelpWidth = 30;
 
 std::string nameOf(const Command& command) {
     std::string name = command.name;
@@ -120,21 +118,13 @@ std::string nameOf(const Command& command) {
 
 // Usage texts
 
-void addRow(std::string& out, const std::string& left, const char* right) {
-    char row[160];
-    std::snprintf(row, sizeof row, "  %-30s %s\n", left.c_str(), right);
-    out += row;
-}
-
 void addOptions(std::string& out, uint32_t group) {
     out += "\nOptions:\n";
     for (const Option& option : kOptions) {
-        if ((option.groups & group) == 0) continue;
-        const std::string value = option.valueWord != nullptr ? option.valueWord : "";
-        addRow(out, value.empty() ? option.name : option.name + (" " + value), option.usage);
+        if ((option.groups & group) != 0) optionHelpAdd(out, option, kHelpWidth);
     }
-    addRow(out, "--help", kHelpUsage);
-    addRow(out, "--version", "the version");
+    optionHelpAdd(out, kOptionHelp, kHelpWidth);
+    optionHelpAdd(out, kOptionVersion, kHelpWidth);
 }
 
 std::string programUsage() {
@@ -142,7 +132,7 @@ std::string programUsage() {
         "usage: pelmobus [CONNECTION OPTION...] COMMAND [OPTION...] [ARGUMENT...]\n"
         "\nCommands:\n";
     for (const Command& command : commandsAll()) {
-        addRow(out, nameOf(command) + " " + command.arguments, command.usage);
+        helpLineAdd(out, nameOf(command) + " " + command.arguments, command.usage, kHelpWidth);
     }
     addOptions(out, kForConnection);
     out += "\nA FIELD is NAME=TEXT or NAME:TYPE=VALUE with a TYPE of\n  " + fieldKindNames() + "\n";
@@ -159,8 +149,8 @@ std::string commandUsage(const Command& command) {
 // Reading
 
 struct Reader {
-    std::span<char* const> rest;
     CommandLine& line;
+    OptionReader options;
     uint32_t group = kForConnection;      // whose options are read
     std::vector<const char*> words = {};  // of the command, that are no options
 };
@@ -172,75 +162,41 @@ bool fail(Reader& reader, std::string_view word, std::string_view what) {
     return false;
 }
 
-const char* takeWord(Reader& reader) {
-    const char* word = reader.rest.front();
-    reader.rest = reader.rest.subspan(1);
-    return word;
-}
-
-const Option* findOption(std::string_view name) {
-    const auto* found =
-        std::ranges::find_if(kOptions, [name](const Option& row) { return name == row.name; });
-    return found != std::end(kOptions) ? found : nullptr;
-}
-
-// True where the word asks for a text instead of a run.
-bool isQuestion(Reader& reader, std::string_view name) {
-    if (name == "--version") {
-        reader.line.answer = std::string("pelmobus ") + pelmo_Version() + "\n";
-    } else if (name == "--help") {
-        const Command* command = reader.line.command;
-        reader.line.answer = command != nullptr ? commandUsage(*command) : programUsage();
-    }
-    return !reader.line.answer.empty();
-}
-
 const char* misplaced(const Option& option, const Reader& reader) {
     if ((option.groups & reader.group) != 0) return nullptr;
-    if (reader.group == kForConnection) return "belongs behind the command";
-    return option.groups == kForConnection ? "belongs ahead of the command"
+    if (reader.group == kForConnection) return "belongs after the command";
+    return option.groups == kForConnection ? "belongs before the command"
                                            : "not an option of this command";
 }
 
-// False ends the reading.
+// False ends the reading: by a fault, or by an option that asks for a text instead of a run.
 bool takeOption(Reader& reader) {
-    const char* word = takeWord(reader);
-    const char* equals = std::strchr(word, '=');
-    const std::string_view name =
-        equals != nullptr ? std::string_view(word, static_cast<size_t>(equals - word)) : word;
-    if (equals == nullptr && isQuestion(reader, name)) return false;
-    const Option* option = findOption(name);
-    if (option == nullptr) return fail(reader, word, "no such option");
-    const char* place = misplaced(*option, reader);
-    if (place != nullptr) return fail(reader, word, place);
-
-    const char* value = equals != nullptr ? equals + 1 : nullptr;
-    if (option->valueWord == nullptr) {
-        if (value != nullptr) return fail(reader, word, "takes no value");
-    } else if (value == nullptr) {
-        if (reader.rest.empty()) return fail(reader, word, "needs a value");
-        value = takeWord(reader);
+    const OptionReader& found = reader.options;
+    if (found.row == &kOptionVersion) return reader.line.answer = versionText("pelmobus"), false;
+    if (found.row == &kOptionHelp) {
+        const Command* command = reader.line.command;
+        reader.line.answer = command != nullptr ? commandUsage(*command) : programUsage();
+        return false;
     }
-    const char* fault = option->store(reader.line.settings, value);
-    if (fault == nullptr) return true;
-    return fail(reader, std::string(name) + " " + value, fault);
+    const auto& option = static_cast<const Option&>(*found.row);
+    const char* place = misplaced(option, reader);
+    if (place != nullptr) return fail(reader, found.name, place);
+    const char* fault = option.store(reader.line.settings, found.value);
+    return fault == nullptr || optionRefuse(reader.options, fault);
 }
 
-bool isOption(const char* word) {
-    return word[0] == '-' && word[1] != '\0';
-}
-
-// A first word that needs a second, and has another, is told with the ones that there are.
-bool takeCommand(Reader& reader) {
-    const std::string_view name = takeWord(reader);
-    const char* second = reader.rest.empty() ? "" : reader.rest.front();
+// Of a first word that needs a second and has another, the fault names those that exist.
+bool takeCommand(Reader& reader, std::string_view name) {
+    std::span<char* const>& rest = reader.options.rest;
+    const char* second = rest.empty() ? "" : rest.front();
     std::string seconds;
     for (const Command& command : commandsAll()) {
         if (name != command.name) continue;
         if (command.second == nullptr || std::strcmp(command.second, second) == 0) {
-            if (command.second != nullptr) takeWord(reader);
+            if (command.second != nullptr) rest = rest.subspan(1);
             reader.line.command = &command;
             reader.group = command.group;
+            reader.options.optionsEnded = false;
             return true;
         }
         seconds += seconds.empty() ? command.second : std::string(" or ") + command.second;
@@ -250,31 +206,20 @@ bool takeCommand(Reader& reader) {
     return fail(reader, *second != '\0' ? word + " " + second : word, "needs " + seconds);
 }
 
-bool takeConnectionOptions(Reader& reader) {
-    while (!reader.rest.empty() && isOption(reader.rest.front())) {
-        if (std::strcmp(reader.rest.front(), "--") == 0) {
-            takeWord(reader);
-            break;
-        }
-        if (!takeOption(reader)) return false;
-    }
-    return !reader.rest.empty() || fail(reader, "a command is missing", "see --help");
-}
-
-bool takeArguments(Reader& reader) {
-    bool optionsEnded = false;
-    while (!reader.rest.empty()) {
-        const char* word = reader.rest.front();
-        if (!optionsEnded && std::strcmp(word, "--") == 0) {
-            takeWord(reader);
-            optionsEnded = true;
-        } else if (!optionsEnded && isOption(word)) {
-            if (!takeOption(reader)) return false;
-        } else {
-            reader.words.push_back(takeWord(reader));
+bool takeWords(Reader& reader) {
+    while (optionNext(reader.options)) {
+        const char* const word = reader.options.value;
+        if (reader.options.row != nullptr) {
+            if (!takeOption(reader)) break;
+        } else if (reader.line.command != nullptr) {
+            reader.words.push_back(word);
+        } else if (!takeCommand(reader, word)) {
+            return false;
         }
     }
-    return true;
+    if (!reader.options.fault.empty()) reader.line.fault = reader.options.fault;
+    if (!reader.line.fault.empty() || !reader.line.answer.empty()) return false;
+    return reader.line.command != nullptr || fail(reader, "a command is missing", "see --help");
 }
 
 bool sortWords(Reader& reader) {
@@ -319,10 +264,11 @@ bool checkTogether(Reader& reader) {
 }  // namespace
 
 CommandLine commandLineRead(std::span<char* const> arguments) {
+    OptionRows rows = {&kOptionHelp, &kOptionVersion};
+    optionRowsAdd(rows, kOptions);
     CommandLine line;
-    Reader reader{arguments, line};
-    const bool isGood = takeConnectionOptions(reader) && takeCommand(reader) &&
-                        takeArguments(reader) && sortWords(reader) && checkTogether(reader);
+    Reader reader{line, {.rows = rows, .rest = arguments}};
+    const bool isGood = takeWords(reader) && sortWords(reader) && checkTogether(reader);
     if (!isGood) line.command = nullptr;
     return line;
 }

@@ -1,7 +1,5 @@
 #include "bus/commands.h"
 
-#include "bus/run_commands.h"
-
 namespace {
 
 constexpr size_t kManySubjects = SIZE_MAX;

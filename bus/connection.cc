@@ -5,7 +5,7 @@
 #include "bus/complain.h"
 #include "bus/json_writer.h"
 #include "bus/owned_message.h"
-#include "bus/stop.h"
+#include "programs/stop.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <iterator>
 
 #include "bus/date_text.h"
-#include "bus/hex.h"
-#include "bus/number.h"
+#include "programs/number.h"
+#include "programs/text.h"
 
 namespace {
 

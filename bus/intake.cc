@@ -1,7 +1,7 @@
 #include "bus/intake.h"
 
 #include "bus/complain.h"
-#include "bus/steady_time.h"
+#include "programs/steady_time.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <vector>
 
 #include "bus/field_kind.h"
-#include "bus/hex.h"
-#include "bus/number.h"
 #include "bus/owned_message.h"
+#include "programs/number.h"
+#include "programs/text.h"
 
 namespace {
 

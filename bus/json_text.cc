@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "bus/hex.h"
+#include "programs/text.h"
 
 namespace {
 
@@ -11,52 +11,6 @@ constexpr uint32_t kByteSurrogates = 0xDC00;
 
 bool isBetween(uint32_t value, uint32_t least, uint32_t most) {
     return value >= least && value <= most;
-}
-
-// Head: how many bytes follow, its own bits, and the least character of that length.
-struct Utf8Head {
-    uint8_t mask;
-    uint8_t head;
-    uint8_t tails;
-    uint32_t least;
-};
-
-constexpr Utf8Head kUtf8Heads[] = {
-    {0x80, 0x00, 0, 0},
-    {0xE0, 0xC0, 1, 0x80},
-    {0xF0, 0xE0, 2, 0x800},
-    {0xF8, 0xF0, 3, 0x10000},
-};
-
-// Returns the length, 0 where the text begins with no character.
-size_t utf8Read(std::string_view text, uint32_t& character) {
-    if (text.empty()) return 0;
-    const auto first = static_cast<uint8_t>(text[0]);
-    for (const Utf8Head& row : kUtf8Heads) {
-        if ((first & row.mask) != row.head) continue;
-        if (text.size() <= row.tails) return 0;
-        character = first & static_cast<uint8_t>(~row.mask);
-        for (size_t i = 1; i <= row.tails; ++i) {
-            const auto tail = static_cast<uint8_t>(text[i]);
-            if ((tail & 0xC0) != 0x80) return 0;
-            character = character << 6 | (tail & 0x3F);
-        }
-        const bool isCharacter = character >= row.least && character <= 0x10FFFF &&
-                                 !isBetween(character, 0xD800, 0xDFFF);
-        return isCharacter ? row.tails + 1u : 0;
-    }
-    return 0;
-}
-
-void utf8Add(std::string& out, uint32_t character) {
-    size_t tails = 0;
-    while (tails + 1 < std::size(kUtf8Heads) && character >= kUtf8Heads[tails + 1].least) {
-        ++tails;
-    }
-    out += static_cast<char>(kUtf8Heads[tails].head | character >> 6 * tails);
-    while (tails-- > 0) {
-        out += static_cast<char>(0x80 | (character >> 6 * tails & 0x3F));
-    }
 }
 
 bool needsEscape(uint32_t character) {
@@ -138,11 +92,6 @@ Escape readOne(std::string_view rest) {
 }
 
 }  // namespace
-
-size_t utf8Length(std::string_view text) {
-    uint32_t character = 0;
-    return utf8Read(text, character);
-}
 
 void jsonTextAdd(std::string& out, std::string_view text) {
     out += '"';

@@ -17,6 +17,3 @@ void jsonTextAdd(std::string& out, std::string_view text);
 // `inner` is what stands between the quotes. Returns null, or what is wrong with it; `outStop` is
 // then where. `out` may be null, to check only.
 [[nodiscard]] const char* jsonTextRead(std::string_view inner, std::string* out, size_t* outStop);
-
-// Length of the UTF-8 character at the beginning of the text; 0 where there is none.
-[[nodiscard]] size_t utf8Length(std::string_view text);

@@ -4,9 +4,9 @@
 #include <cstring>
 
 #include "bus/field_kind.h"
-#include "bus/hex.h"
 #include "bus/json_tape.h"
 #include "bus/json_text.h"
+#include "programs/text.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include <cerrno>
 
-#include "bus/steady_time.h"
-#include "bus/stop.h"
+#include "programs/steady_time.h"
+#include "programs/stop.h"
 
 namespace {
 

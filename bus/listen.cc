@@ -1,5 +1,5 @@
+#include "bus/commands.h"
 #include "bus/intake.h"
-#include "bus/run_commands.h"
 
 ExitStatus runListen(const BusSettings& settings) {
     Intake intake{.settings = settings};

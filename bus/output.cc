@@ -11,8 +11,8 @@
 #include <cstring>
 
 #include "bus/complain.h"
-#include "bus/steady_time.h"
-#include "bus/stop.h"
+#include "programs/steady_time.h"
+#include "programs/stop.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include <cstdint>
 
-#include "bus/steady_time.h"
+#include "programs/steady_time.h"
 
 constexpr int64_t kMostLate = kSecond;
 

@@ -1,11 +1,11 @@
 #include "bus/asking.h"
+#include "bus/commands.h"
 #include "bus/complain.h"
 #include "bus/composer.h"
 #include "bus/connection.h"
 #include "bus/printer.h"
-#include "bus/run_commands.h"
-#include "bus/steady_time.h"
-#include "bus/stop.h"
+#include "programs/steady_time.h"
+#include "programs/stop.h"
 
 namespace {
 

@@ -4,13 +4,13 @@
 #include <algorithm>
 #include <array>
 
+#include "bus/commands.h"
 #include "bus/complain.h"
 #include "bus/composer.h"
 #include "bus/connection.h"
 #include "bus/pace.h"
-#include "bus/run_commands.h"
 #include "bus/sender.h"
-#include "bus/stop.h"
+#include "programs/stop.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "bus/complain.h"
-#include "bus/steady_time.h"
-#include "bus/stop.h"
+#include "programs/steady_time.h"
+#include "programs/stop.h"
 
 namespace {
 

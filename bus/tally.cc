@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "bus/steady_time.h"
+#include "programs/steady_time.h"
 
 constinit Tally benchTally;
 

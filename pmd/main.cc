@@ -10,10 +10,11 @@
 
 #include "lib/base/huge_heap.h"
 #include "lib/base/log.h"
-#include "lib/base/version.h"
 #include "pmd/options.h"
 #include "pmd/server.h"
 #include "pmd/stand_in.h"
+#include "programs/option_table.h"
+#include "programs/streams.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ int run(const PmdOptions& options) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     // Neither a log that nobody reads nor one that is closed holds up or ends the clients.
     logBoundWaits(0);
-    std::signal(SIGPIPE, SIG_IGN);
+    streamsOutliveFaults();
     std::string error;
     if (!serverStart(options, onEnded, error)) {
         std::fprintf(stderr, "pmd: %s\n", error.c_str());
@@ -62,6 +63,7 @@ int run(const PmdOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    streamsHold();
     hugeHeapPrefer();
     logSetProgramName("pmd");
     PmdOptions options{};
@@ -72,7 +74,7 @@ int main(int argc, char** argv) {
             std::fputs(pmdOptionsHelp().c_str(), stdout);
             return 0;
         case PmdParse::kVersion:
-            std::puts("pmd " PELMO_BUS_VERSION);
+            std::fputs(versionText("pmd").c_str(), stdout);
             return 0;
         case PmdParse::kWrong:
             std::fprintf(stderr, "pmd: %s; --help lists the options\n", error.c_str());

@@ -3,13 +3,13 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 
-#include <charconv>
-#include <optional>
 #include <string_view>
 
 #include "lib/base/bytes.h"
 #include "lib/transport/daemon/link_environment.h"
 #include "lib/transport/daemon/specification.h"
+#include "programs/number.h"
+#include "programs/option_table.h"
 
 namespace {
 
@@ -23,12 +23,14 @@ constexpr uint64_t kMostMemoryMegabytes = 1 << 20;
 // Each has an id of 16 bits of its own, and 0 is none.
 constexpr uint64_t kMostClients = 60'000;
 
-std::optional<uint64_t> readNumber(std::string_view text, uint64_t least, uint64_t most) {
+// Null, or what is wrong with the text.
+const char* readNumber(std::string_view text, uint64_t least, uint64_t most, uint64_t& out) {
     uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    if (number < least || number > most) return std::nullopt;
-    return number;
+    const char* const fault = numberParse(text, number);
+    if (fault != nullptr) return fault;
+    if (number < least || number > most) return "out of range";
+    out = number;
+    return nullptr;
 }
 
 bool readAddress(std::string_view text, uint32_t& out) {
@@ -40,8 +42,9 @@ bool readAddress(std::string_view text, uint32_t& out) {
 
 // A number, or the name of a service.
 bool readPort(std::string_view text, const char* protocol, uint16_t& out) {
-    if (const auto number = readNumber(text, 1, UINT16_MAX)) {
-        out = hostOrder16(static_cast<uint16_t>(*number));
+    uint64_t number = 0;
+    if (readNumber(text, 1, UINT16_MAX, number) == nullptr) {
+        out = hostOrder16(static_cast<uint16_t>(number));
         return true;
     }
     const servent* const service = getservbyname(std::string(text).c_str(), protocol);
@@ -55,127 +58,93 @@ bool isGroup(uint32_t address) {
     return hostOrder32(address) >> 28 == kGroups;
 }
 
-// As the argument by which a client names its daemon.
-bool storeListen(PmdOptions& options, std::string_view value) {
+// How options store their values: null, or what is wrong with one. A switch has an empty one.
+
+// The form of the argument by which a client names its daemon.
+const char* storeListen(PmdOptions& options, std::string_view value) {
     const std::string text(value);
     DaemonSpecification specification;
     DaemonAddress found;
     if (text.empty() || specificationParse(&specification, text.c_str()) != kStatusSuccess ||
         specification.isSecure ||
         specificationResolve(&found, specification, linkEnvironment.names) != kStatusSuccess) {
-        return false;
+        return "not [ADDRESS:]PORT, such as 127.0.0.1:7500";
     }
     if (specification.namesHost) options.address = found.address;
     options.port = found.port;
-    return true;
+    return nullptr;
 }
 
-bool storeNoPermanent(PmdOptions& options, std::string_view) {
+const char* storeNoPermanent(PmdOptions& options, std::string_view) {
     options.permanent = false;
-    return true;
+    return nullptr;
 }
 
-bool storeAsk(PmdOptions& options, std::string_view) {
+const char* storeAsk(PmdOptions& options, std::string_view) {
     options.onlyAsks = true;
-    return true;
+    return nullptr;
 }
 
-bool storeBacklog(PmdOptions& options, std::string_view value) {
-    const auto megabytes = readNumber(value, 1, kMostBacklogMegabytes);
-    if (megabytes) options.backlogBytes = *megabytes * kMegabyte;
-    return megabytes.has_value();
+template <auto kMember, uint64_t kLeast, uint64_t kMost>
+const char* storeMegabytes(PmdOptions& options, std::string_view value) {
+    uint64_t megabytes = 0;
+    const char* const fault = readNumber(value, kLeast, kMost, megabytes);
+    if (fault == nullptr) options.*kMember = megabytes * kMegabyte;
+    return fault;
 }
 
-bool storeMemory(PmdOptions& options, std::string_view value) {
-    const auto megabytes = readNumber(value, kLeastMemoryMegabytes, kMostMemoryMegabytes);
-    if (megabytes) options.memoryBytes = *megabytes * kMegabyte;
-    return megabytes.has_value();
+const char* storeMostClients(PmdOptions& options, std::string_view value) {
+    uint64_t number = 0;
+    const char* const fault = readNumber(value, 1, kMostClients, number);
+    if (fault == nullptr) options.mostClients = static_cast<uint32_t>(number);
+    return fault;
 }
 
-bool storeMostClients(PmdOptions& options, std::string_view value) {
-    const auto number = readNumber(value, 1, kMostClients);
-    if (number) options.mostClients = static_cast<uint32_t>(*number);
-    return number.has_value();
-}
-
-bool storeOska(PmdOptions& options, std::string_view value) {
+const char* storeOska(PmdOptions& options, std::string_view value) {
     const size_t colon = value.find(':');
-    if (colon == std::string_view::npos) return false;
     options.oska = true;
-    return readAddress(value.substr(0, colon), options.oskaGroup) && isGroup(options.oskaGroup) &&
-           readPort(value.substr(colon + 1), "udp", options.oskaPort);
+    const bool isGood =
+        colon != std::string_view::npos && readAddress(value.substr(0, colon), options.oskaGroup) &&
+        isGroup(options.oskaGroup) && readPort(value.substr(colon + 1), "udp", options.oskaPort);
+    return isGood ? nullptr : "not GROUP:PORT, such as 239.255.0.1:7500";
 }
 
-bool storeInterface(PmdOptions& options, std::string_view value) {
-    return readAddress(value, options.interfaceAddress);
+const char* storeInterface(PmdOptions& options, std::string_view value) {
+    return readAddress(value, options.interfaceAddress) ? nullptr
+                                                        : "not an address such as 10.1.2.3";
 }
 
-struct Option {
-    std::string_view name;
-    std::string_view valueWord;  // empty for a switch
-    const char* help;
-    bool (*store)(PmdOptions& options, std::string_view value);
+using O = PmdOptions;
+
+constexpr auto kStoreBacklog = storeMegabytes<&O::backlogBytes, 1, kMostBacklogMegabytes>;
+constexpr auto kStoreMemory =
+    storeMegabytes<&O::memoryBytes, kLeastMemoryMegabytes, kMostMemoryMegabytes>;
+
+struct Option : OptionRow {
+    const char* (*store)(PmdOptions& options, std::string_view value);
 };
 
 constexpr Option kOptions[] = {
-    {"-listen", "SPEC", "[ADDRESS:]PORT to wait for clients on; 127.0.0.1:7500", storeListen},
-    {"-no-permanent", "", "end a second after the last client, or after a minute without any",
+    {{"-listen", "SPEC", "[ADDRESS:]PORT to wait for clients on; 127.0.0.1:7500"}, storeListen},
+    {{"-no-permanent", nullptr,
+      "end a second after the last client, or after a minute without any"},
      storeNoPermanent},
-    {"--ask-stand-in", "", "ask a stand-in on the port to hand it over, and end", storeAsk},
-    {"--client-backlog", "MB", "above which a client that reads too slowly is cut off; 64",
-     storeBacklog},
-    {"--memory", "MB", "what messages take in all; beyond it the largest client is cut off; 1024",
-     storeMemory},
-    {"--max-clients", "N", "more are refused; 1000", storeMostClients},
-    {"--oska", "GROUP:PORT", "put all that is routed on the wire as well, as multicast packets",
+    {{"--ask-stand-in", nullptr, "ask a stand-in on the port to hand it over, and end"}, storeAsk},
+    {{"--client-backlog", "MB", "above which a client that reads too slowly is cut off; 64"},
+     kStoreBacklog},
+    {{"--memory", "MB", "what messages take in all; beyond it the largest client is cut off; 1024"},
+     kStoreMemory},
+    {{"--max-clients", "N", "more are refused; 1000"}, storeMostClients},
+    {{"--oska", "GROUP:PORT", "put all that is routed on the wire as well, as multicast packets"},
      storeOska},
-    {"--interface", "ADDRESS", "of the interface that these packets leave by", storeInterface},
+    {{"--interface", "ADDRESS", "of the interface that these packets leave by"}, storeInterface},
 };
 
-std::string_view withoutDashes(std::string_view name) {
-    if (name.starts_with("--")) return name.substr(2);
-    return name.starts_with("-") ? name.substr(1) : std::string_view();
-}
-
-const Option* findOption(std::string_view name) {
-    const std::string_view bare = withoutDashes(name);
-    if (bare.empty()) return nullptr;
-    for (const Option& option : kOptions) {
-        if (bare == withoutDashes(option.name)) return &option;
-    }
-    return nullptr;
-}
+constexpr size_t kHelpWidth = 23;
 
 PmdParse wrong(std::string& error, std::string text) {
     error = std::move(text);
     return PmdParse::kWrong;
-}
-
-// One option with its value; `at` stays on the last word that was used.
-PmdParse readOption(std::span<char* const> arguments,
-                    size_t& at,
-                    PmdOptions& options,
-                    std::string& error) {
-    const std::string_view word = arguments[at];
-    const size_t equals = word.find('=');
-    const std::string_view name = word.substr(0, equals);
-    const Option* const option = findOption(name);
-    if (option == nullptr) return wrong(error, "unknown option " + std::string(word));
-
-    std::string_view value;
-    if (option->valueWord.empty()) {
-        if (equals != std::string_view::npos) {
-            return wrong(error, std::string(word) + ": " + std::string(name) + " takes no value");
-        }
-    } else if (equals != std::string_view::npos) {
-        value = word.substr(equals + 1);
-    } else if (++at < arguments.size()) {
-        value = arguments[at];
-    } else {
-        return wrong(error, std::string(name) + " needs " + std::string(option->valueWord));
-    }
-    if (option->store(options, value)) return PmdParse::kRun;
-    return wrong(error, std::string(name) + " can't be " + std::string(value));
 }
 
 }  // namespace
@@ -183,14 +152,22 @@ PmdParse readOption(std::span<char* const> arguments,
 PmdParse pmdOptionsRead(std::span<char* const> arguments, PmdOptions& options, std::string& error) {
     (void)readAddress(kLocalAddress, options.address);
     options.port = hostOrder16(kDefaultPort);
-    for (size_t at = 0; at < arguments.size(); ++at) {
-        const std::string_view bare = withoutDashes(arguments[at]);
-        if (bare == "help") return PmdParse::kHelp;
-        if (bare == "version") return PmdParse::kVersion;
-        if (readOption(arguments, at, options, error) == PmdParse::kWrong) return PmdParse::kWrong;
+    OptionRows rows = {&kOptionHelp, &kOptionVersion};
+    optionRowsAdd(rows, kOptions);
+    OptionReader reader{.rows = rows, .rest = arguments};
+    while (optionNext(reader)) {
+        if (reader.row == nullptr)
+            return wrong(error, reader.value + std::string(": not an option"));
+        if (reader.row == &kOptionHelp) return PmdParse::kHelp;
+        if (reader.row == &kOptionVersion) return PmdParse::kVersion;
+        const auto& option = static_cast<const Option&>(*reader.row);
+        const std::string_view value = reader.value != nullptr ? reader.value : "";
+        const char* const fault = option.store(options, value);
+        if (fault != nullptr) optionRefuse(reader, fault);
     }
+    if (!reader.fault.empty()) return wrong(error, std::move(reader.fault));
     if (options.interfaceAddress != 0 && !options.oska) {
-        return wrong(error, "--interface is of no use without --oska");
+        return wrong(error, "--interface: needs --oska");
     }
     return PmdParse::kRun;
 }
@@ -200,10 +177,9 @@ std::string pmdOptionsHelp() {
         "usage: pmd [-listen SPEC] [-no-permanent] [OPTION...]\n"
         "A bus daemon for one machine: clients of the library meet in it.\n\n";
     for (const Option& option : kOptions) {
-        std::string left = "  " + std::string(option.name);
-        if (!option.valueWord.empty()) left += " " + std::string(option.valueWord);
-        left.resize(left.size() < 26 ? 26 : left.size() + 1, ' ');
-        help += left + option.help + "\n";
+        optionHelpAdd(help, option, kHelpWidth);
     }
-    return help + "  --help                  this text\n  --version               the version\n";
+    optionHelpAdd(help, kOptionHelp, kHelpWidth);
+    optionHelpAdd(help, kOptionVersion, kHelpWidth);
+    return help;
 }

@@ -1,7 +1,7 @@
 // The command line of pmd: one table has the options; parser and help both come from it.
 //
-// `-listen` and `-no-permanent` are spelled with one dash, as a client that starts a daemon spells
-// them; every option may have one or two. A value is the next argument, or stands behind "=".
+// `-listen` and `-no-permanent` are listed with one dash, as a client that starts a daemon types
+// them.
 //
 // Units: addresses and ports in network byte order.
 

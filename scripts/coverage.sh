@@ -14,5 +14,5 @@ find "$build" -name '*.gcda' -delete
 ctest --preset coverage -j "$(nproc)" --quiet --output-log "$build/ctest.log" ||
     { grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' "$build/ctest.log" >&2; exit 1; }
 mkdir -p "$build/report"
-gcovr --root . --filter 'lib/' --filter 'trace/' --filter 'bus/' --filter 'pmd/' --gcov-ignore-parse-errors --txt \
+gcovr --root . --filter 'lib/' --filter 'programs/' --filter 'trace/' --filter 'bus/' --filter 'pmd/' --gcov-ignore-parse-errors --txt \
     --html-details "$build/report/index.html" "$build"

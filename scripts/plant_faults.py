@@ -49,7 +49,7 @@ class Fault:
 
     def path(self):
         """The source whose path ends in the row's path; None when it is missing or not unique."""
-        found = [path for top in ("lib", "trace", "watch", "bus", "pmd", "tools")
+        found = [path for top in ("lib", "programs", "trace", "watch", "bus", "pmd", "tools")
                  for path in (COPY / top).rglob(pathlib.Path(self.source).name)
                  if path.as_posix().endswith("/" + self.source)]
         return found[0] if len(found) == 1 else None
@@ -173,6 +173,7 @@ def make_judges():
     judges = {"lib/" + folder: program(folder) for folder in
               ("base", "containers", "msg", "runtime", "transport", "pelmo")}
     judges["trace"] = program("trace")
+    judges["programs"] = program("programs")
     judges["bus"] = program("bus")
     judges["pelmobus"] = Judge(["pelmobus", "pmd"],
                                [sys.executable, tests / "bus" / "pelmobus_test.py", "bin/pelmobus", "bin/pmd"],
@@ -211,6 +212,8 @@ def judges_of(judges, path):
     parts = path.relative_to(COPY).parts
     if parts[0] == "tools":
         return [judges["tools"]]
+    if parts[0] == "programs":
+        return [judges["programs"], judges["bus"], judges["pelmobus"]]
     if parts[0] == "bus":
         return [judges["bus"], judges["pelmobus"]]
     if parts[0] == "pmd":

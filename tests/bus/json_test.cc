@@ -10,6 +10,7 @@
 #include "bus/json_text.h"
 #include "bus/json_writer.h"
 #include "bus/owned_message.h"
+#include "programs/text.h"
 
 namespace {
 

@@ -10,12 +10,12 @@
 #include <random>
 #include <thread>
 
+#include "bus/commands.h"
 #include "bus/histogram.h"
 #include "bus/line_input.h"
 #include "bus/owned_message.h"
 #include "bus/pace.h"
-#include "bus/run_commands.h"
-#include "bus/stop.h"
+#include "programs/stop.h"
 #include "tests/support/test.h"
 
 namespace {

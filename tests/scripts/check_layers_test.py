@@ -21,7 +21,8 @@ GOOD = {
     "tests/support/s.h": "",
     "trace/run/x.h": "",
     "bus/b.cc": '#include "bus/b.h"\n#include "lib/msg/m.h"\n',
-    "bus/b.h": '#include "lib/pelmo.h"\n',
+    "bus/b.h": '#include "lib/pelmo.h"\n#include "programs/p.h"\n',
+    "programs/p.h": '#include "lib/base/a.h"\n',
 }
 
 FAULTS = {
@@ -31,6 +32,9 @@ FAULTS = {
     "up to the tool": (
         {"lib/transport/t.h": '#include "trace/run/x.h"\n'},
         "lib/transport/t.h:1: includes trace/run/x.h, a floor above its own"),
+    "from what programs share into one": (
+        {"programs/p.h": '#include "bus/b.h"\n', "bus/b.h": ""},
+        "programs/p.h:1: includes bus/b.h, a floor above its own"),
     "into another program": (
         {"pmd/router.h": '#include "trace/run/x.h"\n'},
         "pmd/router.h:1: includes trace/run/x.h, of another program"),

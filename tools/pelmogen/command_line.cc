@@ -1,11 +1,12 @@
 #include "tools/pelmogen/command_line.h"
 
-#include <charconv>
-#include <cstring>
+#include <algorithm>
 #include <optional>
 #include <string_view>
 #include <variant>
 
+#include "programs/number.h"
+#include "programs/option_table.h"
 #include "tools/pelmogen/damage.h"
 #include "tools/pelmogen/fields.h"
 #include "tools/pelmogen/subjects.h"
@@ -13,8 +14,7 @@
 namespace {
 
 using Options = GeneratorOptions;
-using Target = std::variant<std::monostate,
-                            bool Options::*,
+using Target = std::variant<bool Options::*,
                             uint64_t Options::*,
                             Share Options::*,
                             Range Options::*,
@@ -24,94 +24,114 @@ using Target = std::variant<std::monostate,
                             FieldTypeSet Options::*,
                             DamageSet Options::*>;
 
-// A row without a target is the heading of the rows below it.
-struct Option {
-    const char* name;
-    const char* argument;
+struct Option : OptionRow {
     Target target;
-    uint64_t low, high;  // of counts and ranges
-    const char* help;
+    uint64_t low = 0, high = 0;     // of counts and ranges
+    const char* heading = nullptr;  // above this row
 };
 
-constexpr std::monostate kHeading;
 constexpr uint64_t kMany = uint64_t{1} << 40;
 constexpr uint64_t kStreamsMax = uint64_t{1} << 26;
 
 const Option kOptions[] = {
-    {"The file", "", kHeading, 0, 0, ""},
-    {"--out", "FILE", &Options::outFile, 0, 0, "the capture to write; - is the standard output"},
-    {"--count", "N", &Options::count, 0, kMany, "packets"},
-    {"--seed", "N", &Options::seed, 0, UINT64_MAX, "of all random choices"},
-    {"--big-endian", "", &Options::bigEndian, 0, 0, "file headers in big-endian byte order"},
-    {"--nano", "", &Options::nanoseconds, 0, 0, "time stamps in nanoseconds"},
-    {"--snaplen", "N", &Options::snapLength, 1, 262144, "bytes kept of each packet"},
-
-    {"The wire, in place of the file; each packet is sent at its time", "", kHeading, 0, 0, ""},
-    {"--interface", "NAME", &Options::interfaceName, 0, 0,
-     "one end of a veth pair, both ends in a network namespace made for it"},
-    {"--loopback", "", &Options::loopback, 0, 0, "the loopback; first bytes of addresses are 127"},
-    {"--seconds", "N", &Options::seconds, 0, kMany,
-     "end by then if --count isn't reached; 0: go on"},
-
-    {"The clock", "", kHeading, 0, 0, ""},
-    {"--rate", "N", &Options::rate, 1, 1'000'000'000, "packets a second"},
-    {"--start", "S", &Options::start, 0, 0, "time of the first packet, seconds since 1970"},
-    {"--jump", "P:S", &Options::jumps, 0, 0, "ahead of packet P the clock moves by S seconds"},
-
-    {"Who sends what to where", "", kHeading, 0, 0, ""},
-    {"--hosts", "N", &Options::hosts, 1, 1'000'000, "senders"},
-    {"--per-address", "N", &Options::perAddress, 1, 1000, "senders that share an address"},
-    {"--nets", "N", &Options::nets, 1, 10'000, "multicast addresses"},
-    {"--ports", "N", &Options::ports, 1, 1000, "destination ports"},
-    {"--first-port", "N", &Options::firstPort, 1, 60'000, "the lowest of these"},
-    {"--subjects", "N", &Options::subjects, 1, 10'000'000, "subjects"},
-    {"--publishers", "RANGE", &Options::publishers, 1, 1'000'000,
-     "senders of a subject; of a range the low numbers are the frequent ones"},
-    {"--services", "N", &Options::services, 0, 1'000'000,
-     "services, nets on ports, that a host sends on, each with its own subjects; 0: any"},
-    {"--host-skew", "N", &Options::hostSkew, 1, 16,
-     "hosts drawn unevenly: host number hosts x u^N for an even u"},
-    {"--subject-skew", "N", &Options::subjectSkew, 1, 16, "the same for subjects"},
-    {"--scids", "SHARE", &Options::scids, 0, 0, "senders that have a SCid"},
-    {"--round-robin", "", &Options::roundRobin, 0, 0, "subjects, and hosts of nulls, in turn"},
-
-    {"Kinds of packets, shares of all; the rest is multicast data", "", kHeading, 0, 0, ""},
-    {"--nulls", "SHARE", &Options::nulls, 0, 0, "null"},
-    {"--rreqs", "SHARE", &Options::rreqs, 0, 0, "retransmission request"},
-    {"--rrejs", "SHARE", &Options::rrejs, 0, 0, "retransmission reject"},
-    {"--ptp-data", "SHARE", &Options::ptpData, 0, 0, "point-to-point data"},
-    {"--ptp-ackmes", "SHARE", &Options::ptpAckmes, 0, 0, "point-to-point ackme"},
-    {"--ptp-acks", "SHARE", &Options::ptpAcks, 0, 0, "point-to-point ack"},
-    {"--ptp-naks", "SHARE", &Options::ptpNaks, 0, 0, "point-to-point nak"},
-    {"--non-bus", "SHARE", &Options::nonBus, 0, 0, "UDP that isn't the bus's"},
-    {"--unknowns", "SHARE", &Options::unknowns, 0, 0, "of no known type"},
-
-    {"Multicast data, shares of it", "", kHeading, 0, 0, ""},
-    {"--repeats", "SHARE", &Options::repeats, 0, 0, "sequence number of before"},
-    {"--gaps", "SHARE", &Options::gaps, 0, 0, "1 to 4 sequence numbers left out"},
-    {"--restarts", "SHARE", &Options::restarts, 0, 0, "new epoch, sequence number 1"},
-    {"--fragments", "SHARE", &Options::fragments, 0, 0, "message that runs on in the next packet"},
-    {"--host-status", "SHARE", &Options::hostStatus, 0, 0, "host status messages"},
-
-    {"Messages", "", kHeading, 0, 0, ""},
-    {"--payload", "RANGE", &Options::payload, 64, kPayloadMax,
-     "bytes of UDP payload of data packets, more where a message needs it"},
-    {"--messages", "RANGE", &Options::messages, 1, kMessagesMax, "messages a packet"},
-    {"--message-skew", "N", &Options::messageSkew, 1, 16, "few more often, as --host-skew has it"},
-    {"--message-bytes", "RANGE", &Options::messageBytes, 0, kPayloadMax,
-     "bytes of a message, up to the highest --payload together; 0: they share the payload"},
-    {"--fields", "RANGE", &Options::fields, 0, 1000, "fields a message, fewer where it's full"},
-    {"--types", "NAMES", &Options::types, 0, 0, "types of these fields"},
-    {"--elements", "RANGE", &Options::elements, 1, 60, "elements a subject"},
-    {"--element-length", "RANGE", &Options::elementLength, 1, 127, "characters an element"},
-    {"--replies", "SHARE", &Options::replies, 0, 0, "messages with a reply subject"},
-    {"--no-subject", "SHARE", &Options::noSubject, 0, 0, "messages without a subject"},
-
-    {"Faults", "", kHeading, 0, 0, ""},
-    {"--damaged", "SHARE", &Options::damaged, 0, 0, "packets of the bus that are damaged"},
-    {"--damage", "NAMES", &Options::damage, 0, 0, "the damages to choose from"},
-    {"--cut", "SHARE", &Options::cut, 0, 0, "packets that the capture cut short"},
-    {"--cut-to", "RANGE", &Options::cutTo, 1, 65535, "bytes left of these"},
+    {{"--out", "FILE", "the capture to write; - is the standard output"},
+     &Options::outFile,
+     0,
+     0,
+     "The file"},
+    {{"--count", "N", "packets"}, &Options::count, 0, kMany},
+    {{"--seed", "N", "of all random choices"}, &Options::seed, 0, UINT64_MAX},
+    {{"--big-endian", nullptr, "file headers in big-endian byte order"}, &Options::bigEndian},
+    {{"--nano", nullptr, "time stamps in nanoseconds"}, &Options::nanoseconds},
+    {{"--snaplen", "N", "bytes kept of each packet"}, &Options::snapLength, 1, 262144},
+    {{"--interface", "NAME",
+      "one end of a veth pair, both ends in a network namespace made for it"},
+     &Options::interfaceName,
+     0,
+     0,
+     "The wire, in place of the file; each packet is sent at its time"},
+    {{"--loopback", nullptr, "the loopback; first bytes of addresses are 127"}, &Options::loopback},
+    {{"--seconds", "N", "end by then if --count isn't reached; 0: go on"},
+     &Options::seconds,
+     0,
+     kMany},
+    {{"--rate", "N", "packets a second"}, &Options::rate, 1, 1'000'000'000, "The clock"},
+    {{"--start", "S", "time of the first packet, seconds since 1970"}, &Options::start},
+    {{"--jump", "P:S", "before packet P the clock moves by S seconds"}, &Options::jumps},
+    {{"--hosts", "N", "senders"}, &Options::hosts, 1, 1'000'000, "Who sends what to where"},
+    {{"--per-address", "N", "senders that share an address"}, &Options::perAddress, 1, 1000},
+    {{"--nets", "N", "multicast addresses"}, &Options::nets, 1, 10'000},
+    {{"--ports", "N", "destination ports"}, &Options::ports, 1, 1000},
+    {{"--first-port", "N", "the lowest of these"}, &Options::firstPort, 1, 60'000},
+    {{"--subjects", "N", "subjects"}, &Options::subjects, 1, 10'000'000},
+    {{"--publishers", "RANGE",
+      "senders of a subject; of a range the low numbers are the frequent ones"},
+     &Options::publishers,
+     1,
+     1'000'000},
+    {{"--services", "N",
+      "services, nets on ports, that a host sends on, each with its own subjects; 0: any"},
+     &Options::services,
+     0,
+     1'000'000},
+    {{"--host-skew", "N", "hosts drawn unevenly: host number hosts x u^N for an even u"},
+     &Options::hostSkew,
+     1,
+     16},
+    {{"--subject-skew", "N", "the same for subjects"}, &Options::subjectSkew, 1, 16},
+    {{"--scids", "SHARE", "senders that have a SCid"}, &Options::scids},
+    {{"--round-robin", nullptr, "subjects, and hosts of nulls, in turn"}, &Options::roundRobin},
+    {{"--nulls", "SHARE", "null"},
+     &Options::nulls,
+     0,
+     0,
+     "Kinds of packets, shares of all; the rest is multicast data"},
+    {{"--rreqs", "SHARE", "retransmission request"}, &Options::rreqs},
+    {{"--rrejs", "SHARE", "retransmission reject"}, &Options::rrejs},
+    {{"--ptp-data", "SHARE", "point-to-point data"}, &Options::ptpData},
+    {{"--ptp-ackmes", "SHARE", "point-to-point ackme"}, &Options::ptpAckmes},
+    {{"--ptp-acks", "SHARE", "point-to-point ack"}, &Options::ptpAcks},
+    {{"--ptp-naks", "SHARE", "point-to-point nak"}, &Options::ptpNaks},
+    {{"--non-bus", "SHARE", "UDP that isn't the bus's"}, &Options::nonBus},
+    {{"--unknowns", "SHARE", "of no known type"}, &Options::unknowns},
+    {{"--repeats", "SHARE", "an earlier sequence number"},
+     &Options::repeats,
+     0,
+     0,
+     "Multicast data, shares of it"},
+    {{"--gaps", "SHARE", "1 to 4 sequence numbers left out"}, &Options::gaps},
+    {{"--restarts", "SHARE", "new epoch, sequence number 1"}, &Options::restarts},
+    {{"--fragments", "SHARE", "message that runs on in the next packet"}, &Options::fragments},
+    {{"--host-status", "SHARE", "host status messages"}, &Options::hostStatus},
+    {{"--payload", "RANGE", "bytes of UDP payload of data packets, more where a message needs it"},
+     &Options::payload,
+     64,
+     kPayloadMax,
+     "Messages"},
+    {{"--messages", "RANGE", "messages a packet"}, &Options::messages, 1, kMessagesMax},
+    {{"--message-skew", "N", "few more often, as --host-skew has it"},
+     &Options::messageSkew,
+     1,
+     16},
+    {{"--message-bytes", "RANGE",
+      "bytes of a message, up to the highest --payload together; 0: they share the payload"},
+     &Options::messageBytes,
+     0,
+     kPayloadMax},
+    {{"--fields", "RANGE", "fields a message, fewer where it's full"}, &Options::fields, 0, 1000},
+    {{"--types", "NAMES", "types of these fields"}, &Options::types},
+    {{"--elements", "RANGE", "elements a subject"}, &Options::elements, 1, 60},
+    {{"--element-length", "RANGE", "characters an element"}, &Options::elementLength, 1, 127},
+    {{"--replies", "SHARE", "messages with a reply subject"}, &Options::replies},
+    {{"--no-subject", "SHARE", "messages without a subject"}, &Options::noSubject},
+    {{"--damaged", "SHARE", "packets of the bus that are damaged"},
+     &Options::damaged,
+     0,
+     0,
+     "Faults"},
+    {{"--damage", "NAMES", "the damages to choose from"}, &Options::damage},
+    {{"--cut", "SHARE", "packets that the capture cut short"}, &Options::cut},
+    {{"--cut-to", "RANGE", "bytes left of these"}, &Options::cutTo, 1, 65535},
 };
 
 // The options that "--mix" stands for: all that a bus carries, in about the shares of a real bus.
@@ -144,9 +164,7 @@ std::optional<uint64_t> parseDecimal(std::string_view text, int places) {
     digits.append(static_cast<size_t>(places) - fraction.size(), '0');
 
     uint64_t value = 0;
-    const char* end = digits.data() + digits.size();
-    const auto [stop, error] = std::from_chars(digits.data(), end, value);
-    if (text.empty() || error != std::errc() || stop != end) return {};
+    if (text.empty() || numberParse(digits, value) != nullptr) return {};
     return value;
 }
 
@@ -294,43 +312,29 @@ std::string show(DamageSet) {
 
 std::string showDefault(const Option& option) {
     const Options defaults;
-    const std::string text = std::visit(
-        [&](auto member) {
-            if constexpr (std::is_same_v<decltype(member), std::monostate>) {
-                return std::string();
-            } else {
-                return show(defaults.*member);
-            }
-        },
-        option.target);
+    const std::string text =
+        std::visit([&](auto member) { return show(defaults.*member); }, option.target);
     return text.empty() ? text : " [" + text + "]";
 }
 
 bool setTarget(const Option& option, std::string_view text, Options& options) {
-    return std::visit(
-        [&](auto member) {
-            if constexpr (std::is_same_v<decltype(member), std::monostate>) {
-                return false;
-            } else {
-                return set(option, text, options.*member);
-            }
-        },
-        option.target);
+    return std::visit([&](auto member) { return set(option, text, options.*member); },
+                      option.target);
 }
 
-const Option* optionFind(std::string_view name) {
-    for (const Option& option : kOptions) {
-        if (!std::holds_alternative<std::monostate>(option.target) && name == option.name) {
-            return &option;
-        }
-    }
-    return nullptr;
-}
+constexpr OptionRow kMixOption = {"--mix", nullptr, "a bus's own mix"};
 
-void setMix(Options& options) {
+void setMix(const OptionRows& rows, Options& options) {
     for (const MixRow& row : kMix) {
-        setTarget(*optionFind(row.name), row.text, options);
+        setTarget(static_cast<const Option&>(*optionFind(rows, row.name)), row.text, options);
     }
+}
+
+// Of the mix: no more publishers than there are hosts.
+void shrinkPublishers(Options& options) {
+    const auto hosts = static_cast<uint32_t>(options.hosts);
+    options.publishers.high = std::min(options.publishers.high, hosts);
+    options.publishers.low = std::min(options.publishers.low, options.publishers.high);
 }
 
 uint64_t sumOf(std::initializer_list<Share> shares) {
@@ -386,49 +390,41 @@ const char* findConflict(const Options& options) {
     return nullptr;
 }
 
+constexpr size_t kHelpWidth = 23;
+
 }  // namespace
 
-ParseResult optionsParse(int argc,
-                         char* const* argv,
+ParseResult optionsParse(std::span<char* const> arguments,
                          GeneratorOptions& options,
                          std::string& error) {
+    OptionRows rows = {&kMixOption, &kOptionHelp, &kOptionVersion};
+    optionRowsAdd(rows, kOptions);
+    OptionReader reader{.rows = rows, .rest = arguments};
     bool hasMixPublishers = false;
-    for (int i = 1; i < argc; ++i) {
-        const char* name = argv[i];
-        if (std::strcmp(name, "--help") == 0) return ParseResult::kHelp;
-        if (std::strcmp(name, "--mix") == 0) {
-            setMix(options);
+    while (optionNext(reader)) {
+        if (reader.row == &kOptionHelp) return ParseResult::kHelp;
+        if (reader.row == &kOptionVersion) return ParseResult::kVersion;
+        if (reader.row == nullptr) {
+            optionRefuse(reader, "not an option");
+        } else if (reader.row == &kMixOption) {
+            setMix(rows, options);
             hasMixPublishers = true;
-            continue;
-        }
-        if (std::strcmp(name, "--publishers") == 0) hasMixPublishers = false;
-
-        const Option* option = optionFind(name);
-        if (option == nullptr) {
-            error = std::string("unknown option ") + name;
-            return ParseResult::kWrong;
-        }
-        const bool takesValue = option->argument[0] != '\0';
-        if (takesValue && ++i == argc) {
-            error = std::string(name) + " needs " + option->argument;
-            return ParseResult::kWrong;
-        }
-        const char* text = takesValue ? argv[i] : "";
-        if (!setTarget(*option, text, options)) {
-            error = std::string(name) + " can't be " + text;
-            return ParseResult::kWrong;
+        } else {
+            const auto& option = static_cast<const Option&>(*reader.row);
+            const std::string_view text = reader.value != nullptr ? reader.value : "";
+            if (!setTarget(option, text, options)) optionRefuse(reader, "not possible");
+            const auto* const publishers = std::get_if<Range Options::*>(&option.target);
+            if (publishers != nullptr && *publishers == &Options::publishers) {
+                hasMixPublishers = false;
+            }
         }
     }
-    if (hasMixPublishers) {  // nobody asked for more of them than there are hosts
-        options.publishers.high =
-            std::min(options.publishers.high, static_cast<uint32_t>(options.hosts));
-        options.publishers.low = std::min(options.publishers.low, options.publishers.high);
-    }
-    if (const char* conflict = findConflict(options)) {
-        error = conflict;
-        return ParseResult::kWrong;
-    }
-    return ParseResult::kRun;
+    error = reader.fault;
+    if (!error.empty()) return ParseResult::kWrong;
+    if (hasMixPublishers) shrinkPublishers(options);
+    const char* const conflict = findConflict(options);
+    if (conflict != nullptr) error = conflict;
+    return conflict != nullptr ? ParseResult::kWrong : ParseResult::kRun;
 }
 
 std::string optionsHelp() {
@@ -437,17 +433,16 @@ std::string optionsHelp() {
         "Makes bus traffic, as a capture or live; the same options give the same packets.\n"
         "Live, it prints what was sent, and SIGINT and SIGTERM end it early.\n"
         "SHARE is 0 to 1, six places at most. RANGE is N or N-N. NAMES are comma-separated.\n"
-        "Defaults stand in brackets.\n";
+        "Defaults are in brackets.\n";
     for (const Option& option : kOptions) {
-        if (std::holds_alternative<std::monostate>(option.target)) {
-            help += std::string("\n") + option.name + ":\n";
-            continue;
-        }
-        std::string left = std::string("  ") + option.name + " " + option.argument;
-        left.resize(left.size() < 26 ? 26 : left.size() + 1, ' ');
-        help += left + option.help + showDefault(option) + "\n";
+        if (option.heading != nullptr) help += std::string("\n") + option.heading + ":\n";
+        const std::string text = option.help + showDefault(option);
+        optionHelpAdd(help, {option.names, option.valueWord, text.c_str()}, kHelpWidth);
     }
-    help += "\n--mix stands for these options, a bus's own mix; those behind it override:\n";
+    help += "\nOther:\n";
+    optionHelpAdd(help, kOptionHelp, kHelpWidth);
+    optionHelpAdd(help, kOptionVersion, kHelpWidth);
+    help += "\n--mix stands for these options, a bus's own mix; those after it override:\n";
     for (size_t row = 0; row < std::size(kMix); ++row) {
         const std::string option = std::string(kMix[row].name) + " " + kMix[row].text;
         help += (row % 3 == 0 ? "  " : "") + option;

@@ -2,15 +2,16 @@
 
 #pragma once
 
+#include <span>
 #include <string>
 
 #include "tools/pelmogen/options.h"
 
-enum class ParseResult { kRun, kHelp, kWrong };
+enum class ParseResult { kRun, kHelp, kVersion, kWrong };
 
-// `error` is set with kWrong. The texts of the options point to the arguments.
-[[nodiscard]] ParseResult optionsParse(int argc,
-                                       char* const* argv,
+// `arguments` are those after the program's name; texts of the options are borrowed from them.
+// `error` is set with kWrong.
+[[nodiscard]] ParseResult optionsParse(std::span<char* const> arguments,
                                        GeneratorOptions& options,
                                        std::string& error);
 

@@ -6,11 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <ctime>
 
 #include "lib/base/bytes.h"
+#include "programs/stop.h"
 #include "tools/pelmogen/packet.h"
 #include "tools/pelmogen/wire_guard.h"
 #include "trace/packets/oska.h"
@@ -29,22 +29,10 @@ constexpr size_t kIpDestination = 16;
 constexpr size_t kOskaDestination = kPayloadOffset - kIpOffset + kOskaDstOffset;
 constexpr uint8_t kLoopbackNet = 127;
 
-volatile std::sig_atomic_t stopAsked = 0;
-
-void askToStop(int) {
-    stopAsked = 1;
-}
-
 int64_t monotonicNs() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * kSecondNs + now.tv_nsec;
-}
-
-// Sleeps; a signal ends it early.
-void sleepUntil(int64_t timeNs) {
-    const timespec until = {timeNs / kSecondNs, timeNs % kSecondNs};
-    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
 }
 
 bool flush(Wire& wire) {
@@ -130,7 +118,7 @@ bool waitUntilDue(Wire& wire, int64_t timeNs) {
     if (dueNs <= wire.wokenNs) return true;
     if (monotonicNs() < dueNs) {
         if (!flush(wire)) return false;
-        sleepUntil(std::min(std::max(dueNs, wire.wokenNs + kTickNs), wire.endNs));
+        (void)stopWait(-1, 0, std::min(std::max(dueNs, wire.wokenNs + kTickNs), wire.endNs));
     }
     wire.wokenNs = monotonicNs();
     return true;
@@ -151,7 +139,7 @@ bool finish(void* context) {
 
 bool wantsMore(void* context) {
     const Wire& wire = *static_cast<Wire*>(context);
-    return stopAsked == 0 && wire.wokenNs < wire.endNs;
+    return !stopRequested() && wire.wokenNs < wire.endNs;
 }
 
 // An empty reason means that `errno` has the cause.
@@ -177,14 +165,6 @@ const char* openLoopback(Wire& wire) {
     return bound == 0 ? nullptr : "";
 }
 
-void catchSignals() {
-    struct sigaction action {};
-    action.sa_handler = askToStop;
-    for (const int signal : {SIGINT, SIGTERM}) {
-        sigaction(signal, &action, nullptr);
-    }
-}
-
 }  // namespace
 
 bool wireOpen(Wire& wire, const GeneratorOptions& options, std::string& error) {
@@ -200,8 +180,9 @@ bool wireOpen(Wire& wire, const GeneratorOptions& options, std::string& error) {
     }
     const auto seconds = static_cast<int64_t>(std::min<uint64_t>(options.seconds, UINT32_MAX));
     if (seconds > 0) wire.endNs = monotonicNs() + seconds * kSecondNs;
-    catchSignals();
-    return true;
+    if (stopInstall() == kStatusSuccess) return true;
+    error = std::strerror(errno);
+    return false;
 }
 
 void wireClose(Wire& wire) {

@@ -1,4 +1,4 @@
-#include "bus/stop.h"
+#include "programs/stop.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,7 +11,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "bus/steady_time.h"
+#include "programs/steady_time.h"
 
 namespace {
 
@@ -52,9 +52,6 @@ void onSignal(int signal) {
     errno = savedErrno;
 }
 
-void ignoreSignal(int) {}
-
-// A handler rather than SIG_IGN for SIGPIPE: programs that this process starts don't inherit it.
 void handle(int signal, void (*handler)(int)) {
     struct sigaction action = {};
     action.sa_handler = handler;
@@ -66,7 +63,6 @@ void handle(int signal, void (*handler)(int)) {
 pelmoStatus stopInstall() {
     constexpr int kKind = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
     if (socketpair(AF_UNIX, kKind, 0, state.pair) != 0) return kStatusOsError;
-    handle(SIGPIPE, ignoreSignal);
     handle(SIGINT, onSignal);
     handle(SIGTERM, onSignal);
     struct sigaction hangUp = {};

@@ -1,4 +1,4 @@
-#include "bus/number.h"
+#include "programs/number.h"
 
 #include <limits>
 

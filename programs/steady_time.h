@@ -14,7 +14,7 @@ inline constexpr int64_t kNever = INT64_MAX;  // later than any time
     return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
-// So many seconds behind `now`, or never where that is too far to tell.
+// `seconds` after `now`, or kNever if that is out of range.
 [[nodiscard]] inline int64_t steadyAfter(int64_t now, double seconds) {
     const double mostSeconds = static_cast<double>(kNever - now) / kSecond;
     if (seconds >= mostSeconds * 0.999) return kNever;

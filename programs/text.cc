@@ -1,0 +1,85 @@
+#include "programs/text.h"
+
+#include <iterator>
+
+namespace {
+
+// The lead byte of a character, by how many bytes follow it.
+struct Utf8Head {
+    uint8_t mask;
+    uint8_t head;
+    uint8_t tails;
+    uint32_t least;  // the lowest character of that length
+};
+
+constexpr Utf8Head kUtf8Heads[] = {
+    {0x80, 0x00, 0, 0},
+    {0xE0, 0xC0, 1, 0x80},
+    {0xF0, 0xE0, 2, 0x800},
+    {0xF8, 0xF0, 3, 0x10000},
+};
+
+}  // namespace
+
+void hexAdd(std::string& out, const void* bytes, size_t sizeBytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    const auto* at = static_cast<const unsigned char*>(bytes);
+    for (size_t i = 0; i < sizeBytes; ++i) {
+        out += kDigits[at[i] >> 4];
+        out += kDigits[at[i] & 15];
+    }
+}
+
+bool hexParse(std::string_view text, std::string& out) {
+    out.clear();
+    if (text.size() % 2 != 0) return false;
+    out.reserve(text.size() / 2);
+    for (size_t i = 0; i < text.size(); i += 2) {
+        const int high = hexDigit(text[i]);
+        const int low = hexDigit(text[i + 1]);
+        if (high < 0 || low < 0) return out.clear(), false;
+        out += static_cast<char>(high << 4 | low);
+    }
+    return true;
+}
+
+int hexDigit(char character) {
+    if (character >= '0' && character <= '9') return character - '0';
+    const int lower = character | 0x20;
+    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+size_t utf8Read(std::string_view text, uint32_t& character) {
+    if (text.empty()) return 0;
+    const auto first = static_cast<uint8_t>(text[0]);
+    for (const Utf8Head& row : kUtf8Heads) {
+        if ((first & row.mask) != row.head) continue;
+        if (text.size() <= row.tails) return 0;
+        character = first & static_cast<uint8_t>(~row.mask);
+        for (size_t i = 1; i <= row.tails; ++i) {
+            const auto tail = static_cast<uint8_t>(text[i]);
+            if ((tail & 0xC0) != 0x80) return 0;
+            character = character << 6 | (tail & 0x3F);
+        }
+        const bool isCharacter = character >= row.least && character <= 0x10FFFF &&
+                                 (character < 0xD800 || character > 0xDFFF);
+        return isCharacter ? row.tails + 1u : 0;
+    }
+    return 0;
+}
+
+void utf8Add(std::string& out, uint32_t character) {
+    size_t tails = 0;
+    while (tails + 1 < std::size(kUtf8Heads) && character >= kUtf8Heads[tails + 1].least) {
+        ++tails;
+    }
+    out += static_cast<char>(kUtf8Heads[tails].head | character >> 6 * tails);
+    while (tails-- > 0) {
+        out += static_cast<char>(0x80 | (character >> 6 * tails & 0x3F));
+    }
+}
+
+size_t utf8Length(std::string_view text) {
+    uint32_t character = 0;
+    return utf8Read(text, character);
+}

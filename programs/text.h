@@ -1,0 +1,30 @@
+// Bytes as hexadecimal digits, and characters in UTF-8 (RFC 3629: no overlong forms, no
+// surrogates).
+//
+// A byte that isn't part of valid UTF-8 is spelled by its reader: pelmobus writes "\udc80" in JSON,
+// which it reads back as that byte; pelmowatch writes "\x80", for people.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+// Two digits for each byte.
+void hexAdd(std::string& out, const void* bytes, size_t sizeBytes);
+
+// False if the text isn't pairs of digits, in either case; `out` is then empty.
+[[nodiscard]] bool hexParse(std::string_view text, std::string& out);
+
+// The value of a digit; -1 for any other character.
+[[nodiscard]] int hexDigit(char character);
+
+// The character at the start of the text. Returns its length in bytes; 0 if there is none.
+[[nodiscard]] size_t utf8Read(std::string_view text, uint32_t& character);
+
+// `character` is at most U+10FFFF.
+void utf8Add(std::string& out, uint32_t character);
+
+// Length in bytes of the character at the start of the text; 0 if there is none.
+[[nodiscard]] size_t utf8Length(std::string_view text);
