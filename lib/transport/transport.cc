@@ -116,7 +116,7 @@ RoadLosses stopPaths(Held<Transport>& held, double deadline) PELMO_REQUIRES(held
 }
 
 // False if nothing was lost.
-bool tellLosses(uint32_t transport, const char* road, const SendLosses& losses) {
+bool logLosses(uint32_t transport, const char* road, const SendLosses& losses) {
     if (!losses.any()) return false;
     const char* const more =
         losses.unconfirmed ? "; the other side didn't confirm what it had been sent" : "";
@@ -138,8 +138,8 @@ pelmoStatus endTransport(Held<Transport>& held, double deadline) PELMO_REQUIRES(
     (void)Transport_RunHooks(held.get(), kHookDestroyed, nullptr);
     if (wasPublished) Id_Release(&held->header, false);
     held.release();
-    const bool daemonLost = tellLosses(id, "connection to the daemon", losses.byDaemon);
-    const bool peersLost = tellLosses(id, "direct road", losses.byPeers);
+    const bool daemonLost = logLosses(id, "connection to the daemon", losses.byDaemon);
+    const bool peersLost = logLosses(id, "direct road", losses.byPeers);
     return daemonLost || peersLost ? kStatusDeliveryFailed : kStatusSuccess;
 }
 

@@ -82,7 +82,8 @@ struct DaemonLinkOps {
     pelmoStatus (*setWaitLimit)(Transport* transport, uint32_t limit);
     pelmoStatus (*getWaitLimit)(Transport* transport, uint32_t* out);
 
-    // Tells the daemon that listening to a subject begins or ends: kInterestStart or kInterestStop.
+    // Announces to the daemon that listening to a subject begins or ends: kInterestStart or
+    // kInterestStop.
     pelmoStatus (*interest)(Transport* transport, const uint8_t* subject, const char* kind);
 };
 

@@ -26,7 +26,6 @@ class LinkFixture : NoCopy {
 
     std::atomic<double> now = 1000;
     std::atomic<uint32_t> random = 0;
-    std::atomic<bool> refusesTimers = false;
     std::function<bool(const std::string&)> onLaunch;  // null: no program is found
     std::function<void()> onSleep;                     // in place of a sleep
 
@@ -75,7 +74,6 @@ class LinkFixture : NoCopy {
     static pelmoStatus createTimer(
         uint32_t* out, uint32_t queue, pelmoEventCallback callback, double seconds, void* closure) {
         EXPECT_EQ(queue, kWorkQueueId);
-        if (current->refusesTimers) return kStatusNoMemory;
         const std::lock_guard guard(current->mutex);
         *out = current->nextTimer++;
         current->armed.push_back({*out, seconds, callback, closure});

@@ -69,8 +69,8 @@ void endLocked(VirtualCircuit* circuit, const char* reason, bool saysGoodbye)
         if (!circuit->owesGoodbye) (void)circuitSendSign(circuit, CircuitKind::kGoodbye);
     }
     if (!circuit->transport->destroying) {
-        circuitTell(circuit, reason != nullptr ? kClassError : kClassInfo, "VC.DISCONNECTED",
-                    reason);
+        circuitReport(circuit, reason != nullptr ? kClassError : kClassInfo, "VC.DISCONNECTED",
+                      reason);
     }
     Cond_Broadcast(&circuit->changed);
 }
@@ -241,9 +241,9 @@ void joinLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     circuit->vcState = CircuitState::kConnected;
 }
 
-void tellConnectLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
+void reportConnectLocked(VirtualCircuit* circuit) PELMO_REQUIRES(circuit->transport->header.lock) {
     endEvent(&circuit->handshakeListener);
-    circuitTell(circuit, kClassInfo, "VC.CONNECTED", nullptr);
+    circuitReport(circuit, kClassInfo, "VC.CONNECTED", nullptr);
     Cond_Broadcast(&circuit->changed);
 }
 
@@ -256,7 +256,7 @@ void acceptLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     joinLocked(circuit, offer);
     const pelmoStatus status = circuitSendAcceptance(circuit, offer.answerTo);
     if (circuit->vcState != CircuitState::kConnected) return;  // ended meanwhile
-    if (status == kStatusSuccess) return tellConnectLocked(circuit);
+    if (status == kStatusSuccess) return reportConnectLocked(circuit);
     endEvent(&circuit->heartbeatTimer);
     endEvent(&circuit->unreachableListener);
     circuit->vcState = CircuitState::kWaiting;
@@ -267,7 +267,7 @@ void completeLocked(VirtualCircuit* circuit, const CircuitOffer& offer)
     PELMO_REQUIRES(circuit->transport->header.lock) {
     const bool isWatched = startTimer(circuit);
     joinLocked(circuit, offer);
-    tellConnectLocked(circuit);
+    reportConnectLocked(circuit);
     if (!isWatched) endLocked(circuit, kUnwatched, true);
 }
 

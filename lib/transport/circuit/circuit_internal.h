@@ -121,7 +121,7 @@ void vcControl(uint32_t circuit, std::span<pelmoMsg* const> messages);
     PELMO_REQUIRES(circuit->transport->header.lock);
 
 // To the circuit's own listeners. A failure can't be reported to anything else.
-void circuitTell(VirtualCircuit* circuit,
-                 const char* advisoryClass,
-                 const char* name,
-                 const char* description) PELMO_REQUIRES(circuit->transport->header.lock);
+void circuitReport(VirtualCircuit* circuit,
+                   const char* advisoryClass,
+                   const char* name,
+                   const char* description) PELMO_REQUIRES(circuit->transport->header.lock);

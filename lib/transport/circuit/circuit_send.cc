@@ -79,10 +79,10 @@ pelmoStatus circuitSendAcceptance(VirtualCircuit* circuit, const char* to) {
     return sendBeneath(circuit->transport, acceptance.get());
 }
 
-void circuitTell(VirtualCircuit* circuit,
-                 const char* advisoryClass,
-                 const char* name,
-                 const char* description) PELMO_UNCHECKED_LOCKING {
+void circuitReport(VirtualCircuit* circuit,
+                   const char* advisoryClass,
+                   const char* name,
+                   const char* description) PELMO_UNCHECKED_LOCKING {
     Transport* const transport = circuit->transport;
     Id_Leave(&transport->header);
     (void)advisorySend(transport->header.id, advisoryClass, kSource, name, description);

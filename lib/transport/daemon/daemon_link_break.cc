@@ -60,7 +60,7 @@ pelmoStatus addLosses(pelmoMsg* advisory, const SendLosses& losses) {
     return pelmoMsg_AddU64(advisory, "bytes_dropped", losses.bytes, 0);
 }
 
-void tellDisconnect(const Transport* transport, const SendLosses& losses) {
+void reportDisconnect(const Transport* transport, const SendLosses& losses) {
     pelmoMsg* made = nullptr;
     pelmoStatus status = advisoryCreate(&made, "WARN", "SYSTEM", "PMD.DISCONNECTED", nullptr);
     if (status == kStatusSuccess) {
@@ -76,7 +76,7 @@ void tellDisconnect(const Transport* transport, const SendLosses& losses) {
 }
 
 // How long the transport was without a connection.
-void tellReturn(const Transport* transport, double seconds) {
+void reportReturn(const Transport* transport, double seconds) {
     pelmoMsg* advisory = nullptr;
     pelmoStatus status = advisoryCreate(&advisory, "INFO", "SYSTEM", "PMD.RECONNECTED", nullptr);
     if (status == kStatusSuccess) {
@@ -153,7 +153,7 @@ bool connectAgain(Held<Transport>& held) PELMO_UNCHECKED_LOCKING {
     held.leave();
     if (status != kStatusSuccess) return false;
     const double seconds = secondsSinceBreak(link);
-    if (runHooks(held, kHookReconnect)) tellReturn(held.get(), seconds);
+    if (runHooks(held, kHookReconnect)) reportReturn(held.get(), seconds);
     seeToEarlyBreak(link);
     return true;
 }
@@ -189,7 +189,7 @@ void linkBreak(DaemonLink* link, Ipq* ipq, bool sendsAdvisory) {
     held.share(link->transport);
     linkCloseQueue(ipq, false, nullptr);
     if (!isAlive(held) || !runHooks(held, kHookDisconnect)) return;
-    if (sendsAdvisory) tellDisconnect(held.get(), losses);
+    if (sendsAdvisory) reportDisconnect(held.get(), losses);
     const pelmoStatus status = armForBreak(link);
     if (status != kStatusSuccess) {
         logPrint("unable to set reconnect timer: %s.", pelmoStatus_GetText(status));

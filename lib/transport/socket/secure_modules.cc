@@ -161,7 +161,7 @@ pelmoStatus checkVersion() {
     return kStatusSuccess;
 }
 
-pelmoStatus loadOrTell(const std::string& folder, const char* file, void** module) {
+pelmoStatus loadOrReport(const std::string& folder, const char* file, void** module) {
     const pelmoStatus status = loadModule(folder, file, module);
     if (status == kStatusSuccess) return status;
     secure.bindingText.append("Failed loading library ").append(file);
@@ -169,7 +169,7 @@ pelmoStatus loadOrTell(const std::string& folder, const char* file, void** modul
     return status;
 }
 
-pelmoStatus bindOrTell(void* module, const char* file, const ModuleBinding* table) {
+pelmoStatus bindOrReport(void* module, const char* file, const ModuleBinding* table) {
     const pelmoStatus status = bindTable(module, table);
     if (status == kStatusSuccess) return status;
     secure.bindingText.append("Failed binding entry points in library ").append(file).append("\n");
@@ -185,12 +185,12 @@ pelmoStatus bindFrom(const char* path) {
     const std::string folder = path;
     void* crypto = nullptr;
     void* ssl = nullptr;
-    pelmoStatus status = loadOrTell(folder, kCryptoFile, &crypto);
-    if (status == kStatusSuccess) status = bindOrTell(crypto, kCryptoFile, cryptoBootTable);
-    if (status == kStatusSuccess) status = loadOrTell(folder, kSslFile, &ssl);
+    pelmoStatus status = loadOrReport(folder, kCryptoFile, &crypto);
+    if (status == kStatusSuccess) status = bindOrReport(crypto, kCryptoFile, cryptoBootTable);
+    if (status == kStatusSuccess) status = loadOrReport(folder, kSslFile, &ssl);
     if (status == kStatusSuccess) status = checkVersion();
-    if (status == kStatusSuccess) status = bindOrTell(crypto, kCryptoFile, cryptoTable);
-    if (status == kStatusSuccess) status = bindOrTell(ssl, kSslFile, sslTable);
+    if (status == kStatusSuccess) status = bindOrReport(crypto, kCryptoFile, cryptoTable);
+    if (status == kStatusSuccess) status = bindOrReport(ssl, kSslFile, sslTable);
     return status;
 }
 

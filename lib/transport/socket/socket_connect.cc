@@ -180,7 +180,7 @@ SocketCode take(Socket* listener, Accepted* out) {
     }
 }
 
-void tellAccepted(const Socket* listener, const Socket* made, const Accepted& taken) {
+void logAccepted(const Socket* listener, const Socket* made, const Accepted& taken) {
     if (!listener->isLocal) {
         socketLine(
             "tcp socket %p:%d accepted connection from %d.%d.%d.%d:%d and created tcp socket "
@@ -265,7 +265,7 @@ SocketCode socketAccept(Socket* socket, Socket** out, uint32_t queueId) {
         socketDestroy(made);
         return code;
     }
-    tellAccepted(socket, made, taken);
+    logAccepted(socket, made, taken);
     *out = made;
     return kSocketDone;
 }

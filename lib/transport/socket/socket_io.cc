@@ -30,7 +30,7 @@ void countLocked(Socket* socket, SocketDirection direction, uint32_t bytes)
     socket->rates[static_cast<uint32_t>(direction)].total += bytes;
 }
 
-SocketCode tellLocked(Socket* socket, const char* call, SocketCode code)
+SocketCode logErrorLocked(Socket* socket, const char* call, SocketCode code)
     PELMO_REQUIRES(socket->lock) {
     if (code == kSocketDone || code == kSocketWouldBlock) return code;
     socketLine("_pelmoTcpSocket_%s: socket %p:%d error %d (Os error %d)\n", call,
@@ -61,7 +61,7 @@ SocketCode receiveLocked(Socket* socket,
         socket->functions.receive != nullptr
             ? socket->functions.receive(socket, bytes, size, out)
             : systemCallLocked(socket, out, [=] { return recv(handle, bytes, size, 0); });
-    if (code != kSocketDone || *out != 0) return tellLocked(socket, call, code);
+    if (code != kSocketDone || *out != 0) return logErrorLocked(socket, call, code);
     socketLine("_pelmoTcpSocket_%s: socket %p:%d disconnect due to 0 read.\n", call,
                static_cast<void*>(socket), handle);
     return kSocketDisconnected;
@@ -77,7 +77,7 @@ SocketCode sendLocked(Socket* socket, const void* bytes, uint32_t size, uint32_t
                                       return send(handle, bytes, size, MSG_NOSIGNAL);
                                   });
     if (code == kSocketDone) countLocked(socket, SocketDirection::kWrite, *out);
-    return tellLocked(socket, "Send", code);
+    return logErrorLocked(socket, "Send", code);
 }
 
 // The entry at the limit is cut for the call alone.
@@ -109,7 +109,7 @@ SocketCode sendVectorLocked(Socket* socket, const GatherList* list, uint32_t* ou
                                   });
     if (cut != nullptr) cut->iov_len = cutLength;
     if (code == kSocketDone) countLocked(socket, SocketDirection::kWrite, *out);
-    return tellLocked(socket, "Sendv", code);
+    return logErrorLocked(socket, "Sendv", code);
 }
 
 // Bytes of the peek buffer come first. They stay in it where the rest can't be read now, so that
