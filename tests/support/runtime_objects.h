@@ -177,11 +177,15 @@ inline std::vector<const pelmoMsg*> entriesOf(uint32_t queueId) {
     return entries;
 }
 
-// Is the lock free? Tested on a thread of its own, since the caller may hold the lock itself.
+// Is the lock free of the caller's hold? Tested on a thread of its own, which waits for others that
+// hold it for a moment.
 inline bool isFree(Lock& lock) {
     bool free = false;
     std::thread([&] {
-        free = pthread_mutex_trylock(&lock.mutex) == 0;
+        timespec deadline;
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += 5;
+        free = pthread_mutex_timedlock(&lock.mutex, &deadline) == 0;
         if (free) pthread_mutex_unlock(&lock.mutex);
     }).join();
     return free;
