@@ -60,7 +60,7 @@ struct CircuitPair {
 };
 
 // A message of outer fields, as it comes off a transport, from "vct=vctd vcq=2 vcs=[A] data":
-// texts, the u64 "vcq", subjects in brackets, i32 numbers behind "#"; "data" is a message.
+// texts, the u64 "vcq", subjects in brackets, i32 numbers after "#"; "data" is a message.
 inline Message rawMessage(const std::string& to, const std::string& fields) {
     Message made = newMessage();
     pelmoMsg* const into = made.get();
@@ -87,7 +87,7 @@ inline void sendRaw(const std::string& to, const std::string& fields) {
     EXPECT_EQ(pelmoTransport_Send(kLocal, rawMessage(to, fields).get()), kStatusSuccess);
 }
 
-// A peer without a library behind it: its inbox is a plain listener of the test's.
+// A peer without a circuit of its own: its inbox is a plain listener of the test's.
 struct BarePeer {
     char inbox[64];
     Texts heard;

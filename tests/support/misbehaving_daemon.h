@@ -4,7 +4,7 @@
 //     pelmoTransport_CreateNetwork(&transport, nullptr, nullptr, daemon.name().c_str());
 //
 // A script is a list of steps. Its end closes the connection, as does a step that the client
-// doesn't let go on. The last script stands for all further connections.
+// doesn't let go on. The last script is used for all further connections.
 //
 // Threads: the steps run on a thread of each connection and end with the daemon. All else is for
 // the test's.

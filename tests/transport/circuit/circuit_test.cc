@@ -15,7 +15,7 @@ const char* const kConnected = "_PM.INFO.SYSTEM.VC.CONNECTED";
 const char* const kEnded = "_PM.INFO.SYSTEM.VC.DISCONNECTED";
 const char* const kFailed = "_PM.ERROR.SYSTEM.VC.DISCONNECTED";
 
-// What a circuit tells its listeners of itself.
+// A circuit's advisories to its own listeners.
 struct Advisories {
     Texts told;
 
@@ -63,7 +63,7 @@ struct BareCircuit : CircuitFixture {
                   Texts{head() + R"(mtype="D" vct="vcta" cmret=[)" + control + "] vmaj=8 vmin=5}"});
         EXPECT_EQ(stateOf(circuit), CircuitState::kConnected);
     }
-    // What the peer hears begins so.
+    // How what the peer receives begins.
     [[nodiscard]] std::string head() const { return std::string("{sub=[") + peer.inbox + "] "; }
     [[nodiscard]] std::string sign(const char* kind, int number) const {
         return head() + R"(mtype="D" vct=")" + kind + R"(" vcq=)" + std::to_string(number) + "}";

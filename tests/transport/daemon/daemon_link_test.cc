@@ -18,7 +18,7 @@
 
 namespace {
 
-// Requests that nobody answers: some wait ahead of the destroy, some meet it and may find the
+// Requests without an answer: some wait before the destroy, some meet it and may find the
 // connection closed already, some are asked afterwards.
 TEST_F(Link, EndsRequestsThatWait) {
     for (size_t round = 0; round < 20; ++round) {
@@ -43,7 +43,7 @@ TEST_F(Link, EndsRequestsThatWait) {
     }
 }
 
-// Nobody listens at first.
+// No daemon listens at first.
 TEST_F(Link, StartsADaemonOnceAndOnlyHere) {
     const uint16_t port = std::make_unique<TestDaemon>()->port();
     const std::string bare = std::to_string(port);
@@ -80,7 +80,7 @@ TEST_F(Link, StartsADaemonOnceAndOnlyHere) {
 }
 
 // Each setting reaches the daemons that know it at once, and all of them with the next session.
-TEST_F(Link, TellsSettingsByTheDaemonsVersion) {
+TEST_F(Link, SendsSettingsByTheDaemonsVersion) {
     const Texts all = {R"({mtype="S" control="D" data="d"})", R"({mtype="S" control="H" data="h"})",
                        R"({mtype="S" control="C" data=true})",
                        R"({mtype="S" control="E" data=false})",
@@ -509,7 +509,7 @@ TEST_F(Link, OutlivesAThousandBreaks) {
     EXPECT_GT(failures, 10);
     EXPECT_GT(last, 1000);
 
-    // Each return is told between two breaks, however soon the next one comes.
+    // Each return is reported between two breaks, however soon the next one comes.
     while (pelmoQueue_TimedDispatch(queue, 0) == kStatusSuccess) {
     }
     for (size_t i = 0; i < news.size(); ++i) {
@@ -536,7 +536,7 @@ TEST_F(Link, EndsTheWaitForADaemonThatWasStarted) {
     creation.join();
 }
 
-TEST_F(Link, TellsOfMessagesThatWaitTooLong) {
+TEST_F(Link, ReportsMessagesThatWaitTooLong) {
     timespec monotonic;
     ASSERT_EQ(clock_gettime(CLOCK_MONOTONIC, &monotonic), 0);
     const FixedMonotonic clock(monotonic.tv_sec);

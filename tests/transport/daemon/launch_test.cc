@@ -1,4 +1,4 @@
-// Programs that outlive whoever starts them.
+// Programs that outlive the process that starts them.
 
 #include "lib/transport/daemon/launch.h"
 
@@ -17,7 +17,7 @@
 
 namespace {
 
-// What the program tells of itself through a named pipe, which ends when it does.
+// What the program writes about itself to a named pipe, which ends when it does.
 std::string toldBy(const std::string& pipe, const std::string& script) {
     const std::string whole = "exec 3>'" + pipe + "'; " + script + " >&3";
     const char* const arguments[] = {"sh", "-c", whole.c_str(), nullptr};
@@ -55,7 +55,7 @@ TEST(Launch, SetsAProgramOnItsOwn) {
     close(kInherited);
 }
 
-TEST(Launch, TellsWhatCannotBeStarted) {
+TEST(Launch, ReportsWhatCannotBeStarted) {
     const char* const unknown[] = {"pelmo-program-that-is-not-there", nullptr};
     EXPECT_FALSE(launchProgram(unknown));
     EXPECT_FALSE(launchDaemon(std::string(1000, '7').c_str()));

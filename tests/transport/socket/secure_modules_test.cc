@@ -58,7 +58,7 @@ void bindFrom(const Folder& folder, const char* version = "1010117f") {
     bindAsTheToolDoes();
 }
 
-TEST(SecureModules, TellsHowFarItCameWhenItFails) {
+TEST(SecureModules, ReportsHowFarItCameWhenItFails) {
     const struct {
         std::string crypto, ssl;
         std::string words;
@@ -128,7 +128,7 @@ const Forwarder kForwarders[] = {
 };
 
 // Nor is one seen by the dynamic linker: it would catch the calls within OpenSSL itself, and the
-// library's own functions are for nobody but the slots.
+// library's own functions are for the slots alone.
 TEST(SecureModules, EachForwarderLeadsToItsFunction) {
     Folder folder;
     layBoth(folder, "crypto", "ssl");
@@ -148,7 +148,7 @@ TEST(SecureModules, EachForwarderLeadsToItsFunction) {
     EXPECT_EXIT(callAll(nullptr), ExitedWithCode(0), Eq("Unknown"));
 }
 
-TEST(SecureModules, ACallAheadOfTheBindingEndsTheProcess) {
+TEST(SecureModules, ACallBeforeTheBindingEndsTheProcess) {
     const std::string words = "Unrecoverable error: an unbound module entry point was invoked.";
     for (const Forwarder& forwarder : {kForwarders[0], {"SSL_read", SSL_read}}) {
         EXPECT_EXIT(forwarder.call(), ExitedWithCode(2), Eq(words)) << forwarder.name;
@@ -156,7 +156,7 @@ TEST(SecureModules, ACallAheadOfTheBindingEndsTheProcess) {
     EXPECT_EXIT((void)secureVersionText(), ExitedWithCode(2), Eq(words));
 }
 
-// Runs the program with the environment's words ahead of it; gives what it printed and its status.
+// Runs the program in this environment; returns what it printed and its status.
 std::string run(const std::string& environment, const std::string& program) {
     const std::string command =
         "env -u PM_BIN -u PM_LIB -u PELMO_REXEC FAKE_VERSION_NUMBER=1010117f " + environment + " " +

@@ -26,7 +26,7 @@ struct Environment : NoCopy {
     const char* name;
 };
 
-// Deadlines of real waits: the stand's clock stands.
+// For deadlines of real waits: the fixture's own clock doesn't move.
 struct RunningClock : NoCopy {
     RunningClock() { former = clockSetMonotonicSource(nullptr); }
     ~RunningClock() { clockSetMonotonicSource(former); }
@@ -147,8 +147,8 @@ TEST_F(Sockets, ServeAndConnect) {
         socketDestroy(socket);
 }
 
-// A connect has its end from whoever sees it first, and one callback hears of it.
-TEST_F(Sockets, TellHowAConnectEnds) {
+// The first to see the end of a connect settles it, and one callback runs for it.
+TEST_F(Sockets, ReportHowAConnectEnds) {
     uint16_t refusing;
     {
         const LoopbackListener gone;
@@ -172,7 +172,7 @@ TEST_F(Sockets, TellHowAConnectEnds) {
             EXPECT_EQ(readOf(client, 1).code, refused ? kSocketDisconnected : kSocketWouldBlock);
         }
     }
-    // One that is set after a failure hears of it as well.
+    // One that is set after a failure runs as well.
     (void)startConnect(refusing);
     EXPECT_EQ(socketWaitConnected(client, -1), kStatusEndOfFile);
     writer = {};
@@ -314,7 +314,7 @@ TEST_F(Sockets, EndBlockingReadsOnOtherThreads) {
         });
         awaitPoll(client);
         end(client);
-        // What comes from here on belongs to nobody, or to whoever gets the number next.
+        // What comes from here on must not be read: the descriptor may be another's by then.
         (void)send(peer.number(), "late", 4, MSG_NOSIGNAL);
         reading.join();
         socketClose(client);
@@ -361,7 +361,7 @@ struct SocketClasses : Sockets {
 };
 
 // What a class begins with goes on at each event of the direction that it waits for.
-TEST_F(SocketClasses, BeginAheadOfTheFirstByte) {
+TEST_F(SocketClasses, BeginBeforeTheFirstByte) {
     own.begins = 2;
     (void)startConnect(listener.port);
     ASSERT_EQ(socketOnWritable(client, Caller::call, &writer), kStatusSuccess);
