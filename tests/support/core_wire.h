@@ -39,8 +39,8 @@ struct CoreWire : NoCopy {
         const EndpointSink sink = {
             this, onSend, [](void*, void*) {}, [](void*, void*) {},
             [](void* closure) { return static_cast<CoreWire*>(closure)->lastDrawn += 7919; }};
-        isMade = endpointInit(&core, sink) == kStatusSuccess &&
-                 pelmoMsg_CreateEx(&message, 32) == kStatusSuccess;
+        EXPECT_EQ(endpointInit(&core, sink), kStatusSuccess);
+        EXPECT_EQ(pelmoMsg_CreateEx(&message, 32), kStatusSuccess);
     }
     ~CoreWire() {
         endpointFree(&core);
@@ -79,7 +79,9 @@ struct CoreWire : NoCopy {
     }
 
     pelmoStatus send(uint32_t messages = 1, bool delaySmall = false) {
-        const std::vector<pelmoMsg*> list(messages, message);
+        return sendAll(std::vector<pelmoMsg*>(messages, message), delaySmall);
+    }
+    pelmoStatus sendAll(const std::vector<pelmoMsg*>& list, bool delaySmall) {
         EndpointOutput out = {};
         ReliableConnection* waits = nullptr;
         const pelmoStatus status =
@@ -190,7 +192,6 @@ struct CoreWire : NoCopy {
         notices |= out.notices;
     }
 
-    bool isMade;  // else memory ran out, and nothing may be called
     EndpointCore core = {};
     pelmoMsg* message = nullptr;
     double now = kWireBegin;
