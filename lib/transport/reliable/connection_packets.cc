@@ -112,7 +112,7 @@ void runStates(Step* step) {
         row = &stateRow(step->connection->state, facts);
         perform(step, *row);
         facts &= static_cast<uint8_t>(~kNotice);
-    } while ((row->actions & kDoGoOn) != 0);
+    } while ((row->actions & kDoLookUpAgain) != 0);
 }
 
 // The FIN was held until now. The acknowledgement has been taken already.

@@ -19,7 +19,7 @@
 #include "lib/runtime/library.h"
 #include "lib/runtime/no_wait.h"
 #include "lib/transport/reliable/datagram_socket.h"
-#include "lib/transport/reliable/endpoint_harvest.h"
+#include "lib/transport/reliable/endpoint_events.h"
 
 struct ReliableEndpoint {
     // Constant after creation.
@@ -106,18 +106,18 @@ void armTimerLocked(ReliableEndpoint* endpoint) PELMO_REQUIRES(endpoint->lock) {
 
 // Sends with the lock released, what other threads add meanwhile included; one thread at a time, so
 // that packets keep their order.
-void sendLocked(ReliableEndpoint* endpoint, Harvest& harvest) PELMO_REQUIRES(endpoint->lock) {
+void sendLocked(ReliableEndpoint* endpoint, EndpointEvents& events) PELMO_REQUIRES(endpoint->lock) {
     DatagramSocket* const datagrams = &endpoint->datagrams;
     while (SendBatch* const batch = datagramBegin(datagrams)) {
         Lock_Leave(&endpoint->lock);
         datagramSend(datagrams, batch);
         Lock_Enter(&endpoint->lock);
-        if (batch->failure.error != 0) harvest.failure = std::exchange(batch->failure, {});
+        if (batch->failure.error != 0) events.failure = std::exchange(batch->failure, {});
         datagramEnd(datagrams);
     }
 }
 
-HarvestCallbacks callbacksLocked(const ReliableEndpoint* endpoint) PELMO_REQUIRES(endpoint->lock) {
+EndpointCallbacks callbacksLocked(const ReliableEndpoint* endpoint) PELMO_REQUIRES(endpoint->lock) {
     return {.onData = endpoint->onData,
             .onLoss = endpoint->onLoss,
             .closure = endpoint->closure,
@@ -128,22 +128,22 @@ HarvestCallbacks callbacksLocked(const ReliableEndpoint* endpoint) PELMO_REQUIRE
 // in between where it becomes too much. `callOnce` is false once it has made none.
 template <typename CallOnce>
 void callCore(ReliableEndpoint* endpoint, CallOnce callOnce) {
-    Harvest harvest;
+    EndpointEvents events;
     bool isMore = true;
     while (isMore) {
-        HarvestCallbacks callbacks;
+        EndpointCallbacks callbacks;
         {
             const LockGuard guard(endpoint->lock);
-            while (isMore && harvestHasRoom(harvest)) {
+            while (isMore && endpointEventsHaveRoom(events)) {
                 EndpointOutput output = {};
                 isMore = callOnce(&output);
-                harvestTake(harvest, output);
+                endpointEventsAdd(events, output);
             }
             armTimerLocked(endpoint);
             callbacks = callbacksLocked(endpoint);
-            sendLocked(endpoint, harvest);
+            sendLocked(endpoint, events);
         }
-        harvestTell(harvest, callbacks);
+        endpointEventsDeliver(events, callbacks);
     }
 }
 

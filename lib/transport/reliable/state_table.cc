@@ -13,15 +13,15 @@ constexpr StateRow kStateRows[] = {
     {kSynSent, 0, 0, kSynSent},
 
     {kSynReceived, kAckOutside, kDoReset, kSynReceived},
-    {kSynReceived, 0, kDoGoOn, kEstablished},
+    {kSynReceived, 0, kDoLookUpAgain, kEstablished},
 
-    {kEstablished, kNotice, kDoAckAndDiscard | kDoFin | kDoGoOn, kFinWait2},
+    {kEstablished, kNotice, kDoAckAndDiscard | kDoFin | kDoLookUpAgain, kFinWait2},
     {kEstablished, kFinNow, kDoAckStep | kDoAck, kCloseWait},
     {kEstablished, 0, kDoAckStep, kEstablished},
 
     // The FIN has gone out already. That it is acknowledged isn't waited for: what was ahead of it
     // may be lost.
-    {kFinWait1, kNotice, kDoAckAndDiscard | kDoGoOn, kFinWait2},
+    {kFinWait1, kNotice, kDoAckAndDiscard | kDoLookUpAgain, kFinWait2},
     {kFinWait1, kAllAcked | kFinNow, kDoAckStep | kDoAck, kTimeWait},
     {kFinWait1, kAllAcked, kDoAckStep, kFinWait2},
     {kFinWait1, kFinNow, kDoAckStep | kDoAck, kClosing},

@@ -38,7 +38,7 @@ enum StateAction : uint8_t {
     kDoFin = 8,      // send FIN
     kDoAck = 16,     // the packet is to be acknowledged
     kDoTearDown = 32,
-    kDoGoOn = 64,  // another row, from the next state, without the notice
+    kDoLookUpAgain = 64,  // in the next state, with kNotice cleared
 };
 
 struct StateRow {

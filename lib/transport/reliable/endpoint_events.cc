@@ -1,4 +1,4 @@
-#include "lib/transport/reliable/endpoint_harvest.h"
+#include "lib/transport/reliable/endpoint_events.h"
 
 #include <cstring>
 
@@ -20,18 +20,18 @@ constexpr NoticeText kNoticeTexts[] = {
 };
 
 // One callback for all that a peer sent, as far as memory allows.
-void addMessages(Harvest& harvest, uint32_t peerAddress, Dpa* messages) {
-    if (harvest.deliveryCount != 0) {
-        HarvestedMessages& last = harvest.deliveries[harvest.deliveryCount - 1];
+void addMessages(EndpointEvents& events, uint32_t peerAddress, Dpa* messages) {
+    if (events.deliveryCount != 0) {
+        PeerMessages& last = events.deliveries[events.deliveryCount - 1];
         if (last.peerAddress == peerAddress && dpaAppendAll(last.messages, messages)) {
             dpaDestroy(messages);
             return;
         }
     }
-    harvest.deliveries[harvest.deliveryCount++] = {peerAddress, messages};
+    events.deliveries[events.deliveryCount++] = {peerAddress, messages};
 }
 
-void deliver(const HarvestedMessages& delivery, const HarvestCallbacks& callbacks) {
+void deliver(const PeerMessages& delivery, const EndpointCallbacks& callbacks) {
     Dpa* const messages = delivery.messages;
     if (callbacks.onData != nullptr) {
         callbacks.onData(delivery.peerAddress, messages, callbacks.closure);
@@ -42,7 +42,7 @@ void deliver(const HarvestedMessages& delivery, const HarvestCallbacks& callback
     dpaDestroy(messages);
 }
 
-// The words are those of the two calls of old that sent and sent again.
+// These names are part of the log format: a first send, and a repeated one.
 void logFailure(const SendFailure& failure) {
     if (failure.error == 0) return;
     logPaced("%s: %s", failure.isRepeat ? "PacketResend" : "PacketSend",
@@ -51,32 +51,32 @@ void logFailure(const SendFailure& failure) {
 
 }  // namespace
 
-bool harvestHasRoom(const Harvest& harvest) {
-    return harvest.deliveryCount < kHarvestPlaces &&
-           harvest.lossCount + kMostLosses <= kHarvestPlaces;
+bool endpointEventsHaveRoom(const EndpointEvents& events) {
+    return events.deliveryCount < kMostEndpointEvents &&
+           events.lossCount + kMostLosses <= kMostEndpointEvents;
 }
 
-void harvestTake(Harvest& harvest, const EndpointOutput& output) {
-    if (output.messages != nullptr) addMessages(harvest, output.peer.address, output.messages);
+void endpointEventsAdd(EndpointEvents& events, const EndpointOutput& output) {
+    if (output.messages != nullptr) addMessages(events, output.peer.address, output.messages);
     for (uint32_t i = 0; i < output.lossCount; ++i)
-        harvest.losses[harvest.lossCount++] = output.losses[i];
-    harvest.notices |= output.notices;
+        events.losses[events.lossCount++] = output.losses[i];
+    events.notices |= output.notices;
 }
 
-void harvestTell(Harvest& harvest, const HarvestCallbacks& callbacks) {
-    for (uint32_t i = 0; i < harvest.deliveryCount; ++i)
-        deliver(harvest.deliveries[i], callbacks);
-    for (uint32_t i = 0; i < harvest.lossCount && callbacks.onLoss != nullptr; ++i) {
-        const LossReport& loss = harvest.losses[i];
+void endpointEventsDeliver(EndpointEvents& events, const EndpointCallbacks& callbacks) {
+    for (uint32_t i = 0; i < events.deliveryCount; ++i)
+        deliver(events.deliveries[i], callbacks);
+    for (uint32_t i = 0; i < events.lossCount && callbacks.onLoss != nullptr; ++i) {
+        const LossReport& loss = events.losses[i];
         callbacks.onLoss(loss.inbound, hostOrder32(loss.peer.address), hostOrder16(loss.peer.port),
                          loss.bytes, callbacks.closure);
     }
     for (const NoticeText& each : kNoticeTexts) {
-        if ((harvest.notices & each.notice) != 0) {
+        if ((events.notices & each.notice) != 0) {
             logPaced("direct port %u: %s", unsigned{callbacks.port}, each.text);
         }
     }
-    logFailure(harvest.failure);
-    harvest.deliveryCount = harvest.lossCount = harvest.notices = 0;
-    harvest.failure = {};
+    logFailure(events.failure);
+    events.deliveryCount = events.lossCount = events.notices = 0;
+    events.failure = {};
 }
