@@ -1,14 +1,14 @@
 // One connection of a reliable endpoint: its record, and what packets, ticks and sends do to it.
 //
-//     connection.cc            making, tables, ending, what is told
-//     connection_open.cc       SYN, SYN-ACK, opening anew
+//     connection.cc            creation, tables, end, reports
+//     connection_open.cc       SYN, SYN-ACK, reopening
 //     connection_packets.cc    all other packets, by the state table
 //     connection_send.cc       what is sent
 //     connection_timers.cc     ticks and deadlines
 //
 // `sndUna`, `sndNxt` and `sndLimit` are in the send window; `rcvNxt` and `rcvEdge` bound what may
-// come. SYN and FIN take a number each, and neither is stored: while one is under way, which the
-// state tells, it has the number `sndNxt` - 1 and nothing has been sent after it. A SYN-ACK that
+// come. SYN and FIN take a number each, and neither is stored: while one is in flight, which the
+// state says, it has the number `sndNxt` - 1 and nothing has been sent after it. A SYN-ACK that
 // crossed the peer's takes one more number, `crossSeq`, and messages may follow it before it is
 // acknowledged. So the send
 // buffer holds messages alone, and a connection with an empty one has nothing to lose.
@@ -70,11 +70,11 @@ struct ReliableConnection {
     SendBuffer send;
     uint64_t rcvNxt;   // the next number expected
     uint64_t rcvEdge;  // the first one beyond the receive window
-    uint64_t finSeq;   // of a FIN that came ahead of missing data; 0 for none
+    uint64_t finSeq;   // of a FIN that came before missing data; 0 for none
     uint64_t
         crossSeq;  // of our SYN-ACK that isn't acknowledged, where both ends opened; 0 for none
     Reassembly reassembly;
-    bool tookAfterFin;  // the peer goes on sending behind our FIN
+    bool tookAfterFin;  // the peer still sends after our FIN
 
     // Timers
     double rto;              // interval of the retransmission timer
@@ -108,7 +108,7 @@ struct CoreCall {
 };
 
 enum class EndReason : uint8_t {
-    kLost,         // what isn't delivered is told, both ways
+    kLost,         // what isn't delivered is reported, both ways
     kApplication,  // only what this side sent
     kUnused,       // nothing is
 };
@@ -141,7 +141,7 @@ void connectionTakePacket(ReliableConnection* connection,
                           const PeerAddress& source,
                           const Packet& packet);
 
-// The answer to a packet of nobody's, or of another incarnation.
+// The answer to a packet of no connection, or of another incarnation.
 void packetAnswerReset(EndpointCore* core, const PeerAddress& to, const PacketHeader& header);
 
 // Sending

@@ -27,7 +27,7 @@ void connectionEndFlush(ReliableConnection* connection, EndpointOutput* out);
 
 void outputLoss(EndpointOutput* out, bool isInbound, const PeerAddress& peer, uint64_t bytes);
 
-// What comes from the peer goes on at another number; what is held for the old ones goes.
+// The peer continues with another number: drops what is held for the old ones.
 void connectionForgetReceived(ReliableConnection* connection, EndpointOutput* out);
 
 [[nodiscard]] inline bool connectionHas(const ReliableConnection* connection, StateTrait trait) {
@@ -41,12 +41,11 @@ void connectionForgetReceived(ReliableConnection* connection, EndpointOutput* ou
 
 // Opening
 
-// The peer is still sending behind our FIN: what is to be sent waits until it has ended, too. A
-// connection opened anew in between would get some of its messages twice. An endpoint that closes
-// takes none any more, and waits for nobody.
+// Our FIN is out and the peer still sends. New data waits for the close: reopening now would make
+// the peer deliver some messages twice. An endpoint that is closing accepts none and does not wait.
 [[nodiscard]] bool connectionMustClose(const ReliableConnection* connection);
 
-// With `discard` the numbers begin anew, and nothing sent before is in the send buffer. Without,
+// With `discard` the numbers begin again, and nothing sent before is in the send buffer. Without,
 // what isn't acknowledged is sent again, under the numbers that it had. False when memory ran out.
 [[nodiscard]] bool Connection_Restart(ReliableConnection* connection,
                                       const CoreCall& call,
@@ -72,7 +71,7 @@ bool connectionSendWaiting(ReliableConnection* connection);
 
 // Timers
 
-// The retransmission timer begins anew, with its first interval.
+// Restarts the retransmission timer with its first interval.
 void connectionResetRto(ReliableConnection* connection, double now);
 void connectionStartTimers(ReliableConnection* connection, double now);
 [[nodiscard]] double connectionNextDeadline(ReliableConnection* connection, double now);

@@ -1,11 +1,11 @@
-// How connections open: the peer's SYN, the answer to ours, and opening anew.
+// How connections open: the peer's SYN, the answer to ours, and reopening.
 //
 // Two ends that open at the same time both answer the other's SYN by a SYN-ACK under the number
 // after their own SYN. It is sent again until it is acknowledged, since what is sent after it waits
 // for it at the peer, whichever packet has opened the connection there.
 //
 // Each incarnation of a connection has a local id of its own, so that what still comes for an
-// earlier one is told apart and harms nobody.
+// earlier one is recognised and does no harm.
 
 #include <algorithm>
 

@@ -14,7 +14,7 @@ struct Step {
     const CoreCall* call;
     const Packet* packet;
     bool takesPayload;
-    bool inOrder;   // nothing is missing ahead of it
+    bool inOrder;   // nothing is missing before it
     bool finNow;    // and with it all that the peer has sent is here
     bool ackIsDue;  // unless data takes it along
     bool isOver;    // answered by a reset

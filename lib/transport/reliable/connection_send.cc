@@ -1,5 +1,5 @@
-// What a connection sends. A header is stamped anew each time that its packet leaves, so that every
-// packet tells what has come by then.
+// What a connection sends. A header is stamped again each time that its packet leaves, so that
+// every packet acknowledges what has come by then.
 
 #include "lib/msg/buffer.h"
 #include "lib/transport/reliable/connection_internal.h"

@@ -28,7 +28,7 @@ bool controlIsUnderWay(const ReliableConnection* connection) {
 }
 
 // Messages wait until the peer has ended, too: whether it is still there is asked by an ACK, which
-// nobody but a living connection leaves unanswered.
+// only a living connection leaves unanswered.
 bool waitsForPeersFin(const ReliableConnection* connection) {
     return connection->state == kFinWait2 && !sendBufferIsEmpty(&connection->send);
 }
@@ -55,7 +55,7 @@ void tellGivenUp(ReliableConnection* connection, EndpointOutput* out) {
 }
 
 void giveUp(ReliableConnection* connection, const CoreCall& call) {
-    if (connection->core->flushing) {  // its loss is told with the end of the close
+    if (connection->core->flushing) {  // its loss is reported at the end of the close
         connection->isRunning = false;
         return connectionEndFlush(connection, call.out);
     }

@@ -72,7 +72,7 @@ struct DatagramSocket {
     bool isSending;    // a thread is between datagramBegin and datagramEnd
 
     std::atomic<bool> isUnderWay;  // the other one is; who fills this one up waits for that
-    bool cutsRuns;                 // of whoever sends
+    bool cutsRuns;                 // of the thread that sends
 };
 
 // Address in network order, 0 for all of this host's; port 0 means any. kStatusSocketLimit where
@@ -80,7 +80,7 @@ struct DatagramSocket {
 [[nodiscard]] pelmoStatus datagramOpen(DatagramSocket* out, uint32_t address, uint16_t port);
 void datagramClose(DatagramSocket* datagrams);
 
-// Takes the datagram into the batch; a full one is sent first, behind the one that is under way.
+// Adds the datagram to the batch. A full batch is sent first, after the one that is being sent.
 void datagramAdd(DatagramSocket* datagrams, const PeerAddress& to, const OutDatagram& datagram);
 
 [[nodiscard]] SendBatch* datagramBegin(DatagramSocket* datagrams);
@@ -110,5 +110,5 @@ struct ReadDatagram {
     std::span<const uint8_t> bytes;
 };
 
-// The next datagram with bytes in it; false behind the last.
+// The next datagram with bytes in it; false after the last.
 [[nodiscard]] bool readNext(ReadBatch* batch, ReadPlace* place, ReadDatagram* out);

@@ -5,8 +5,8 @@
 // Ownership: the heap owns its slots; a deadline belongs to its owner, who sets it to kNever before
 // it goes.
 //
-// Failure: only deadlineHeapReserve can fail. It is called ahead of the first set of each deadline,
-// with the number of all that there are.
+// Failure: only deadlineHeapReserve can fail. It is called before the first set of each deadline,
+// with the number of all deadlines.
 //
 // Threads: no lock; the owner serialises all calls.
 //

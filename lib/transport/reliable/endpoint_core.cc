@@ -9,8 +9,8 @@ namespace {
 
 constexpr uint32_t kFirstBuckets = 16;
 
-// A peer begins with 1, or opens anew with what it has got to. From a number up to here no count of
-// packets overflows.
+// A peer begins with 1, or reopens with the number that it has got to. From a number up to here no
+// count of packets overflows.
 constexpr uint64_t kMostFirstSeq = uint64_t{1} << 62;
 
 bool isSoundSyn(const PacketHeader& header) {

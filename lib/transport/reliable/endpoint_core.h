@@ -10,19 +10,19 @@
 //     endpoint_core.h                 who the packet is for; opening packets; bounds
 //     reliable_endpoint.h             socket, timers, lock, callbacks
 //
-// What was sent arrives once and in order, or its sender or receiver is told. Connections open with
-// three packets and close with four, as TCP's do (RFC 9293), in numbers of packets.
+// What was sent arrives once and in order, or its loss is reported at one end. Connections open
+// with three packets and close with four, as TCP's do (RFC 9293), in numbers of packets.
 //
 //     resent after    1, 3, 7, 15, 31, 63 seconds without an answer; given up at 95
 //     flushing        1, 3, 7; given up at 11
 //     idle            closed 300 to 600 seconds after the last packet
 //
-// The core calls nobody but its sink, which may not call back. What the owner has to do behind the
+// The core calls only its sink, which may not call back. What the owner has to do after the
 // call, such as running the application's callbacks, is in EndpointOutput.
 //
 // Bounds, against those who make packets up: kMostHalfOpen connections that a peer has opened and
 // not yet confirmed, of which the oldest goes first; the reassembly's (reassembly.h). Reaching one
-// is told in EndpointOutput.
+// is reported in EndpointOutput.
 //
 // Threads: no lock, no socket, no clock; the owner serialises all calls.
 //

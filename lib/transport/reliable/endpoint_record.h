@@ -30,13 +30,13 @@ struct EndpointSink {
     void* closure;
     void (*send)(void* closure, const PeerAddress& to, const OutDatagram& datagram);
 
-    // Senders that wait for this connection may go on: it has room, or has ended.
+    // Senders that wait for this connection may continue: it has room, or has ended.
     void (*wakeSenders)(void* closure, void* waiter);
 
     // A connection that had a waiter is freed.
     void (*dropWaiter)(void* closure, void* waiter);
 
-    // A number that nobody outside can guess. Called again until it gives one that serves.
+    // A number that outsiders cannot guess. Called again until it gives one that is free.
     uint32_t (*drawId)(void* closure);
 };
 
@@ -54,7 +54,7 @@ enum EndpointNotice : uint32_t {
     kNoticeEndpointReassembly = 4,
 };
 
-// Empty ahead of each call, and seen to after it, with no lock held.
+// Empty before each call; handled after it, with no lock held.
 struct EndpointOutput {
     PeerAddress peer;                // whom the messages are from
     Dpa* messages;                   // null: none. The list and the messages belong to the taker
@@ -76,7 +76,7 @@ struct EndpointCounts {
     uint64_t packetsSent;  // repeats among them
     uint64_t packetsReceived;
     uint64_t packetsResent;
-    uint64_t packetsDropped;  // no packets, or nobody's
+    uint64_t packetsDropped;  // malformed, or of no connection
 };
 
 struct EndpointCore {

@@ -1,5 +1,5 @@
 // Tables of connections by a number: the address of the peer, the local id. The hashes are seeded
-// by the process, so that nobody outside can choose addresses that meet in one bucket.
+// by the process, so that outsiders cannot choose addresses that share a bucket.
 //
 // Ownership: keys and connections are borrowed, and a key outlives its entry.
 //

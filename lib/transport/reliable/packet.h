@@ -5,7 +5,7 @@
 //     0|options|checksum|options|payload
 //
 // The window is mantissa << shift, in packets. The checksum covers the first 16 bytes alone: it
-// tells packets of this protocol from others, and is no protection of the data.
+// distinguishes packets of this protocol from others, and does not protect the data.
 //
 // Options are records of a type byte and a length byte, which counts the whole record. One type is
 // known, the fragment; others are skipped:
@@ -13,7 +13,7 @@
 //      0     1      2   4           8          16       20
 //     | 4 | 20 |  0   | total size | first seq | offset |
 //
-// A payload is whole messages one behind the other or, beside a fragment option, a part of one.
+// A payload is whole messages one after the other or, with a fragment option, a part of one.
 //
 // Threads: pure functions.
 
@@ -63,7 +63,7 @@ struct Packet {
 };
 
 // False for what is no packet: too short or too long, a wrong checksum, options that don't fit.
-// Whether a fragment's numbers make sense is for the reassembly to tell.
+// Whether a fragment's numbers make sense is checked by the reassembly.
 [[nodiscard]] bool packetRead(std::span<const uint8_t> datagram, Packet* out);
 
 // Writes header and option, and returns their size. `fragment` may be null. A window that doesn't

@@ -18,7 +18,7 @@ struct ReassemblyEntry {
     bool isWhole;        // a packet
     uint64_t firstSeq;   // of the message
     uint64_t nextSeq;    // of the first fragment that `next` hasn't passed
-    uint64_t behindSeq;  // behind the last one
+    uint64_t behindSeq;  // after the last one
 };
 
 namespace {
@@ -61,7 +61,7 @@ ReassemblyBound boundAgainst(const Reassembly* reassembly, uint64_t bytes) {
     return ReassemblyBound::kNone;
 }
 
-// Null when memory ran out or a bound is reached, which the result tells.
+// Null when memory ran out or a bound is reached; `result` says which.
 ReassemblyEntry* makeEntry(Reassembly* reassembly, uint32_t bytes, ReassemblyResult* result) {
     const ReassemblyBound bound = boundAgainst(reassembly, std::max(bytes, kBufferLeastBytes));
     if (bound != ReassemblyBound::kNone) {
@@ -108,7 +108,7 @@ bool addMessage(Buffer* data, uint32_t at, bool isOnly, ReassemblyResult* result
     return false;
 }
 
-// Messages lie over the buffer. `result` gets those ahead of a fault, and the loss of the rest.
+// Messages share the buffer. `result` gets those before a fault, and the loss of the rest.
 void split(Buffer* data, uint32_t size, ReassemblyResult* result) {
     uint32_t at = 0;
     while (size - at >= kMessageHeadBytes) {
@@ -256,7 +256,7 @@ bool makeRoom(Reassembly* reassembly,
     return true;
 }
 
-// What stands for the fragment in its place: its message, or kDropped.
+// What the place of the fragment holds: its message, or kDropped.
 ReassemblyEntry* takeFragment(Reassembly* reassembly,
                               const Packet* packet,
                               ReassemblyResult* result) {

@@ -4,7 +4,7 @@
 //      |   |   | W |   | M | M |  ...  |   |
 //        current M      what came ahead: whole packets W, fragments of messages M
 //
-// Each number of the receive window has a place that tells what came under it. As `next` moves over
+// Each number of the receive window has a place for what came under it. As `next` moves over
 // the places, packets are delivered, and fragments add to `current`, the one message that has begun
 // below `next`; with its last one it is delivered, too.
 //
@@ -13,12 +13,12 @@
 // further ahead.
 //
 // A message that can't be put together (contradicting fragments, a number that something else took,
-// no memory, above a bound) is abandoned: its loss is told once, with its size, and later fragments
-// of it are dropped. So is what a packet has behind a message that is none. What comes behind is
-// delivered.
+// no memory, above a bound) is abandoned: its loss is reported once, with its size, and later
+// fragments of it are dropped. So is the rest of a packet after an invalid message. What comes
+// later is delivered.
 //
-// Ownership: the record owns its entries. Messages belong to whoever takes the batch. Payloads are
-// copied.
+// Ownership: the record owns its entries. Messages belong to the caller that takes the batch.
+// Payloads are copied.
 //
 // Bounds: kMostReassemblyPeerBytes for a connection, and ReassemblyShare for all of an endpoint's.
 //
@@ -57,13 +57,13 @@ struct Reassembly {
 struct ReassemblyInput {
     const Packet* packet;  // with a payload
     bool inOrder;
-    uint64_t rcvNxt;  // behind the packet, where it was in order, and a FIN behind that
+    uint64_t rcvNxt;  // after the packet, if it was in order, and after a FIN that follows it
 };
 
 struct ReassemblyResult {
     Dpa* messages;       // of pelmoMsg, for the taker; null: none
     uint64_t next;       // the number expected now; rcvNxt or above
-    uint32_t lostBytes;  // of messages given up by this packet; isLost tells if there is any
+    uint32_t lostBytes;  // of messages given up by this packet; isLost says whether there are any
     bool isLost;
     ReassemblyBound bound;  // which bound gave a message up
 };
@@ -73,7 +73,7 @@ void reassemblyFree(Reassembly* reassembly);
 
 [[nodiscard]] bool reassemblyIsEmpty(const Reassembly* reassembly);
 
-// A connection that opened anew begins with other numbers: what is held for the old ones goes.
+// A reopened connection begins with other numbers: what is held for the old ones is dropped.
 void reassemblyTake(Reassembly* reassembly, const ReassemblyInput& input, ReassemblyResult* result);
 
 // The number came in order, without a payload.

@@ -95,7 +95,7 @@ uint32_t sinkDrawId(void*) {
 
 // After each group of calls of the core
 
-// A deadline that moved back leaves the timer as it is: it fires early, and is set anew then.
+// A deadline that moved back leaves the timer as it is: it fires early, and is set again then.
 void armTimerLocked(ReliableEndpoint* endpoint) PELMO_REQUIRES(endpoint->lock) {
     const double due = endpointNextDeadline(&endpoint->core);
     if (due >= endpoint->timerDue || endpoint->timer == kNoId) return;
@@ -124,8 +124,9 @@ EndpointCallbacks callbacksLocked(const ReliableEndpoint* endpoint) PELMO_REQUIR
             .port = endpoint->datagrams.port};
 }
 
-// Calls of the core in one lock hold, as many as `callOnce` wants to make; what they found is told
-// in between where it becomes too much. `callOnce` is false once it has made none.
+// Calls of the core in one lock hold, as many as `callOnce` wants to make. Their events are
+// delivered in between when there is no more room for them. `callOnce` is false once it has made
+// none.
 template <typename CallOnce>
 void callCore(ReliableEndpoint* endpoint, CallOnce callOnce) {
     EndpointEvents events;
@@ -186,7 +187,7 @@ void runTicks(ReliableEndpoint* endpoint) {
     });
 }
 
-// The timer repeats: ahead of its next turn it is told how long it may sleep.
+// The timer repeats: its next interval is set before its next turn.
 void onTimer(uint32_t timer, pelmoMsg*, void* closure) {
     auto* const endpoint = static_cast<ReliableEndpoint*>(closure);
     const HandlerMark mark(endpoint);
@@ -335,7 +336,7 @@ bool beginClose(ReliableEndpoint* endpoint) {
 
 // Waits for room
 
-// Null without memory: the sender then goes on.
+// Null without memory: the sender then does not wait.
 Cond* waiterLocked(ReliableConnection* connection) {
     void*& waiter = connectionWaiter(connection);
     if (waiter == nullptr) {

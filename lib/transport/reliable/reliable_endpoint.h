@@ -7,11 +7,11 @@
 // reference of its own.
 //
 // Threads: any. The endpoint's lock (rank kEndpoint) guards the core, and no callback runs under
-// it. Messages come on the IO thread, losses on whichever thread found them. A sender waits while
+// it. Messages come on the IO thread, losses on the thread that found them. A sender waits while
 // 2733 packets wait for the peer's window, which is 4 MB of full ones, unless it is the IO or the
 // timer thread or is marked by NoWait, or the library closes.
 //
-// The socket is read on queue 5; one timer on queue 2 stands for all deadlines, and fires only
+// The socket is read on queue 5; one timer on queue 2 serves all deadlines, and fires only
 // while there is one. What one read brings is answered together, in one lock hold and one send,
 // and no send is made with the lock held.
 //
@@ -66,10 +66,10 @@ void ReliableEndpoint_SetClosure(ReliableEndpoint* endpoint, uintptr_t closure);
 
 // What was sent leaves first: the call waits as long as peers acknowledge some of it, gives up a
 // peer that hasn't for kMostFlushSeconds, and everything at the deadline, on the steady clock; one
-// that has passed waits for nothing. Senders that wait may go on meanwhile; those that are left
+// that has passed waits for nothing. Senders that wait may continue meanwhile; those that are left
 // then end with kStatusDeliveryFailed. `outUnsent` may be null; else it gets what no peer has
 // acknowledged, of which the losses were reported as well. Afterwards no callback begins any more,
-// but for a loss that a send found that was under way, and what is left to tell of the callback
+// except for a loss found by a send in progress, and what is left to report of the callback
 // that made this call. It needs neither the IO nor the timer thread, so that the library's close
 // may call it as well. False where it was closed already, and the reference stays.
 inline constexpr double kMostFlushSeconds = 11;

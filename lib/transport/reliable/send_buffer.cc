@@ -71,7 +71,7 @@ void dropFirstSent(SendBuffer* buffer) {
 
 // Packing
 
-// Messages that lie one behind the other, with a reference to their buffer; empty without one.
+// Messages that lie one after the other, with a reference to their buffer; empty without one.
 struct Block {
     Buffer* buffer;
     uint32_t offset;
@@ -137,7 +137,7 @@ bool closeBlock(Packing* packing) {
 }
 
 // The block moves to a buffer of its own. One that it shares is never written: messages of the
-// application may lie in it, also behind the block.
+// application may lie in it, also after the block.
 bool giveOwnBuffer(Block* block) {
     Buffer* const own = bufferClone(block->buffer, block->offset, kMostBlockBytes, block->length);
     if (own == nullptr) return false;
@@ -224,7 +224,7 @@ bool joinSimply(SendBuffer* buffer, std::span<pelmoMsg* const> messages, bool de
     return true;
 }
 
-// What stands behind `firstPlace`, up to the first packet that doesn't wait for more.
+// The packets from `firstPlace` on, up to the first one that doesn't wait for more.
 uint32_t countDelayed(const SendBuffer* buffer, uint32_t firstPlace) {
     uint32_t delayed = 0;
     for (uint32_t place = countOf(buffer); place > firstPlace; --place, ++delayed) {
@@ -329,8 +329,8 @@ OutPacket* sendBufferFind(const SendBuffer* buffer, uint64_t seq) {
     return packetAt(buffer, static_cast<uint32_t>(seq - first));
 }
 
-// Below the last fragment of one message ends another, or what is no fragment: one look at the last
-// acknowledged packet tells how many go, however many are kept.
+// Below the last fragment of one message ends another, or what is no fragment: the last
+// acknowledged packet alone says how many are freed, however many are kept.
 void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack) {
     if (buffer->sent == 0) return;
     const uint64_t first = packetAt(buffer, 0)->header.seq;

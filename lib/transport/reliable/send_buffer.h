@@ -6,13 +6,13 @@
 //
 // A packet gets on by a count that moves: neither sending one nor taking all back needs memory.
 //
-// Whole messages fill a packet without a copy where they lie one behind the other in one buffer,
+// Whole messages fill a packet without a copy where they lie one after the other in one buffer,
 // else in a buffer of kMostBlockBytes of the packet's own. A message of more than kMostBlockBytes
 // becomes fragments that refer to its own buffer. The fragments of a message stay until its last
-// one is acknowledged, so that a connection that opens anew can send it whole.
+// one is acknowledged, so that a reopened connection can send it whole.
 //
 // With `delaySmall`, packets below kSmallPacketBytes wait for more, until sendBufferEndDelay or a
-// packet behind them that doesn't wait.
+// later packet that doesn't wait.
 //
 // Ownership: the buffer owns its packets, a packet a reference to its buffer. Messages are
 // borrowed.
@@ -42,7 +42,7 @@ inline constexpr uint32_t kMostReliableMessageBytes = 0x4000000;  // 64 MiB, as 
 struct OutPacket {
     PacketHeader header;  // seq 0: none yet
     bool isFragment;
-    bool takesMore;           // the buffer was made here: what is behind the payload is free
+    bool takesMore;           // the buffer was made here: what follows the payload is free
     FragmentOption fragment;  // firstSeq is stamped with the sequence number
     Buffer* buffer;
     uint32_t offset;  // of the payload in it
@@ -62,7 +62,7 @@ struct SendBuffer {
 // Drops everything.
 void sendBufferClear(SendBuffer* buffer);
 
-// Packs messages behind what waits: the last waiting packet takes more where it has room. A message
+// Packs messages after what waits: the last waiting packet takes more where it has room. A message
 // above kMostReliableMessageBytes gives kStatusInvalidSize, a dead one kStatusInvalidMessage, and
 // none of the messages is taken.
 [[nodiscard]] pelmoStatus sendBufferAdd(SendBuffer* buffer,
@@ -85,8 +85,8 @@ void sendBufferEndDelay(SendBuffer* buffer);
 // Frees what is acknowledged by `ack`, the fragments of a message only together.
 void sendBufferAcknowledge(SendBuffer* buffer, uint64_t ack);
 
-// The connection opens anew and keeps its data: what isn't acknowledged, and with it the fragments
-// that were kept for it, waits again ahead of the rest, without numbers. Nothing is delayed any
+// The connection reopens and keeps its data: what isn't acknowledged, and with it the fragments
+// that were kept for it, waits again before the rest, without numbers. Nothing is delayed any
 // more. Returns the lowest sequence number of what waits again, 0 for none.
 uint64_t sendBufferRewind(SendBuffer* buffer);
 

@@ -12,7 +12,7 @@
 
 #include <cstdint>
 
-inline constexpr uint64_t kNoThreshold = 4294967295;  // ssthresh: slow start goes on
+inline constexpr uint64_t kNoThreshold = 4294967295;  // ssthresh: slow start continues
 
 struct SendWindow {
     uint64_t sndUna;    // the oldest number that isn't acknowledged

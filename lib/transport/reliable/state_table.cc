@@ -19,8 +19,8 @@ constexpr StateRow kStateRows[] = {
     {kEstablished, kFinNow, kDoAckStep | kDoAck, kCloseWait},
     {kEstablished, 0, kDoAckStep, kEstablished},
 
-    // The FIN has gone out already. That it is acknowledged isn't waited for: what was ahead of it
-    // may be lost.
+    // The FIN has gone out already. Its acknowledgement isn't awaited: what was sent before
+    // it may be lost.
     {kFinWait1, kNotice, kDoAckAndDiscard | kDoLookUpAgain, kFinWait2},
     {kFinWait1, kAllAcked | kFinNow, kDoAckStep | kDoAck, kTimeWait},
     {kFinWait1, kAllAcked, kDoAckStep, kFinWait2},

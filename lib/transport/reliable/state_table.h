@@ -56,9 +56,9 @@ enum StateTrait : uint8_t {
     kFinUnderWay = 2,  // a FIN isn't
     kSendsData = 4,
     kTakesData = 8,
-    kSynIsRepeat = 16,    // a SYN is answered by ACK, whoever it is from
-    kSendReopens = 32,    // a send opens the connection anew
-    kResetsAtClose = 64,  // the endpoint's close tells the peer
+    kSynIsRepeat = 16,    // a SYN is answered by ACK, whichever incarnation sent it
+    kSendReopens = 32,    // a send reopens the connection
+    kResetsAtClose = 64,  // the endpoint's close resets the peer
 };
 
 [[nodiscard]] uint8_t stateTraits(ConnectionState state);
