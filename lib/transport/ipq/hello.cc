@@ -4,7 +4,7 @@
 
 namespace {
 
-// Where the fields stand in a frame.
+// Offsets of the fields in a frame.
 constexpr size_t kTypeAt = 0;
 constexpr size_t kVersionAt = 4;
 constexpr size_t kQueueLimitAt = 12;

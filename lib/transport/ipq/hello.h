@@ -1,4 +1,4 @@
-// Hello frames: what both ends of a queue agree on ahead of its stream. Big-endian.
+// Hello frames: what both ends of a queue agree on before its stream. Big-endian.
 //
 //     0        4           8    12           14       16   20       24       28        64
 //     | type 4 | version 4 | -- | limit 2    | form 2 | -- | limitA | limitB | zeroes  |

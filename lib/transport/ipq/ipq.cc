@@ -29,7 +29,7 @@ struct Terms {
     uint32_t byteLimit = 0;
 };
 
-// A limit of 0 stands for the most.
+// A limit of 0 means the largest.
 bool readTerms(Terms* out, const HelloFrame* frame) {
     if (frame == nullptr) return true;
     const HelloTerms terms = helloRead(*frame);

@@ -11,12 +11,12 @@
 // gives it back by ipqClose; each handler that can still run holds one more. The caller of any
 // function holds a reference until it returns. Messages that are sent are borrowed: a reference to
 // their buffer is taken, so that a message to a hundred receivers is held once. Messages that were
-// read belong to whoever the read callback hands them to.
+// read belong to the read callback.
 //
 // Failure: kStatusDaemonNotConnected once closed, kStatusInvalidIoSource when the connection is
 // lost, kStatusNoMemory when a message couldn't be queued, kStatusInvalidSize for one longer than
-// the terms allow. A lost connection drops what waits and isn't closed here: the error callback is
-// told once, behind the last message that was read, and the owner closes.
+// the terms allow. A lost connection drops what waits and isn't closed here: the error callback
+// runs once, after the last message that was read, and the owner closes.
 //
 // Threads: any. `lock` (rank kProcessQueue) guards everything. All callbacks run without it: read
 // and error callbacks on the thread of the queue's socket events, producer and error callbacks on
@@ -85,8 +85,8 @@ struct IpqEnd {
     SendLosses losses = {};
 };
 
-// Ends it: nothing is read, sent or told afterwards, and writers that wait return. Graceful: what
-// waits is written first, then the close notice, and the peer's end is awaited on the caller's
+// Ends it: nothing is read, sent or reported afterwards, and writers that wait return. Graceful:
+// what waits is written first, then the close notice, and the peer's end is awaited on the caller's
 // thread; ipqInterrupt ends that. Only an end in order confirms that the peer has read all.
 // `callback` (may be null) runs when the last reference has gone. `end` may be null; its losses are
 // always set. kStatusInvalidArgument for one that is closed.
@@ -100,9 +100,9 @@ void ipqRelease(Ipq* ipq);
 // An urgent message passes all that wait, other urgent ones too, but not what is being written.
 [[nodiscard]] pelmoStatus ipqSend(Ipq* ipq, pelmoMsg* message, bool urgent);
 
-// In order, as one batch; messages that lie one behind the other in one buffer are queued as one.
-// All are looked at before the first is queued: kStatusInvalidMessage and kStatusInvalidSize leave
-// none. A later failure, by memory or a lost connection, ends it where it stands. `*taken` (may be
+// In order, as one batch; messages that lie one after the other in one buffer are queued as one.
+// All are checked before the first is queued: kStatusInvalidMessage and kStatusInvalidSize leave
+// none. A later failure, by memory or a lost connection, ends it where it is. `*taken` (may be
 // null) is then how many of the first messages may have left: they are never to be sent again, and
 // none of the others has left whole. On success it is all of them.
 [[nodiscard]] pelmoStatus ipqSendVector(Ipq* ipq,
@@ -157,11 +157,11 @@ void ipqSetGrowthCallback(Ipq* ipq, IpqGrowthCallback callback);
 // Has the peer ended the stream by its close notice?
 [[nodiscard]] bool ipqHasNotice(Ipq* ipq);
 
-// Stops reading while the owner can't take more, and goes on.
+// Stops reading while the owner can't take more, and continues.
 pelmoStatus ipqPauseReading(Ipq* ipq);
 [[nodiscard]] pelmoStatus ipqResume(Ipq* ipq);
 
-// Reads one message on the caller's thread, and no byte behind it; no read callback is set. Null
+// Reads one message on the caller's thread, and no byte after it; no read callback is set. Null
 // for a keep-alive, and where a non-blocking queue has no whole message yet. kStatusTimeout once
 // the deadline of a blocking queue is there, kStatusNoMemory, kStatusInvalidIoSource,
 // kStatusNotPermitted while another thread reads.

@@ -11,7 +11,7 @@
 namespace {
 
 constexpr uint32_t kThrownAwayBytes = 65536;  // at a time
-constexpr uint32_t kMostReadsOfTurn = 16;     // so that a peer that goes on and on ends in time
+constexpr uint32_t kMostReadsOfTurn = 16;     // so that a peer that never stops sending ends in time
 constexpr double kLookSeconds = 0.1;          // at what the peer's system has confirmed
 constexpr double kLookAgainSeconds = 0.005;   // where no event shows that it has
 

@@ -15,7 +15,7 @@
 // a few small messages don't keep a large buffer alive.
 //
 // Ownership: the cutter owns its buffer; each message has a reference of its own to the buffer that
-// it lies in, and belongs to whoever takes the batch.
+// it lies in, and belongs to the caller that takes the batch.
 //
 // Threads: no lock, no socket, no clock; the owner serialises all calls.
 
@@ -67,10 +67,10 @@ void cutterFree(StreamCutter* cutter);
 // What the cutter has of the stream stays as it is until cutterTake.
 [[nodiscard]] std::span<uint8_t> cutterRoom(StreamCutter* cutter);
 
-// The same for those who want one unit and nothing behind it.
+// The same, for one unit and nothing after it.
 [[nodiscard]] std::span<uint8_t> cutterRoomForOne(StreamCutter* cutter);
 
 // So many bytes were written to the room; 0 gives room back that isn't needed now. Appends the
-// messages that are whole to `batch`, also those ahead of a fault; after any verdict but kGoOn the
+// messages that are whole to `batch`, also those before a fault; after any verdict but kGoOn the
 // cutter has let go of its buffer and can be used no further.
 [[nodiscard]] CutVerdict cutterTake(StreamCutter* cutter, uint32_t count, Dpa* batch);

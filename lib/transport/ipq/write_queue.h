@@ -61,7 +61,7 @@ struct WriteQueue {
     bool currentIsBegun;  // some of its bytes are sent
 };
 
-// Messages that lie one behind the other in a buffer.
+// Messages that lie one after the other in a buffer.
 struct WritePiece {
     Buffer* buffer;
     uint32_t offset;
@@ -110,7 +110,8 @@ void writeQueueClear(WriteQueue* queue);
 // or has room in a buffer of its own. Urgent pieces pass each other, too.
 [[nodiscard]] pelmoStatus writeQueueAdd(WriteQueue* queue, const WritePiece& piece, double now);
 
-// `current` was added at a time that nobody knew, and has to wait.
+// Sets the time of `current`, which was added with kWriteTimeUnknown and could not be written at
+// once.
 void writeQueueStamp(WriteQueue* queue, double now);
 
 // Fills an empty list with what comes next, at most `mostBytes` and the list's capacity of entries.
