@@ -11,9 +11,9 @@
 namespace {
 
 constexpr uint32_t kThrownAwayBytes = 65536;  // at a time
-constexpr uint32_t kMostReadsOfTurn = 16;     // so that a peer that never stops sending ends in time
-constexpr double kLookSeconds = 0.1;          // at what the peer's system has confirmed
-constexpr double kLookAgainSeconds = 0.005;   // where no event shows that it has
+constexpr uint32_t kMostReadsOfTurn = 16;    // so that a peer that never stops sending ends in time
+constexpr double kLookSeconds = 0.1;         // at what the peer's system has confirmed
+constexpr double kLookAgainSeconds = 0.005;  // where no event shows that it has
 
 // What the system still holds is known in bytes alone: an average message is taken to be lost for
 // so many of them.
