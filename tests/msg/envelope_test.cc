@@ -244,4 +244,18 @@ TEST(Envelope, IsCreatedAroundFieldsOrBytes) {
     EXPECT_EQ(msgCreateWithOpaque(&made, nullptr, nullptr, "", UINT32_MAX), kStatusNoMemory);
 }
 
+// A message within another one's image gets an envelope of its own before that shows.
+TEST(Envelope, IsLentUntilItShows) {
+    const Bytes lent = kMtypeD + kSubAB;
+    const Message carrier = messageFrom(outer(lent + kData + kApp));
+    const auto subject = kMessageHeadBytes + static_cast<uint32_t>(lent.size()) - 9;
+    const auto data = kMessageHeadBytes + static_cast<uint32_t>((lent + kData).size());
+    pelmoMsg* made = nullptr;
+    EXPECT_EQ(msgCreateWithin(&made, carrier.get(), {0, 0, data}), kStatusInvalidArgument);
+    ASSERT_EQ(msgCreateWithin(&made, carrier.get(), {subject, 0, data}), kStatusSuccess);
+    const Message msg(made);
+    EXPECT_EQ(msgCloseEnvelope(made), kStatusSuccess);
+    EXPECT_EQ(wireOf(made), outer(kSubAB + kMtypeD + kData + kApp));
+}
+
 }  // namespace
