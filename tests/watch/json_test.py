@@ -142,7 +142,7 @@ class Json(unittest.TestCase):
         whole = ("-r", self.mix)
         cases = [((), "FORM"), (("nosuch",), '"nosuch"'), (("json",), "-i and -r"),
                  (("json", "-i", "lo", *whole), "-i and -r"), (("json", "--nosuch", *whole), '"--nosuch"'),
-                 (("json", *whole, "word"), '"word"'), (("json", *whole, "-u"), '"-u"'),
+                 (("json", "word", *whole), '"word"'), (("json", *whole, "--from", "noon"), '"noon"'), (("json", *whole, "-u"), '"-u"'),
                  (("json", *whole, "--rows=5"), '"--rows=5"'),
                  (("json", *whole, "-u", "x"), '"x"'), (("json", *whole, "-u", "-1"), '"-1"'),
                  (("json", *whole, "--interval=100000001"), '"100000001"'),

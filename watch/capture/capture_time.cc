@@ -5,8 +5,6 @@
 
 namespace {
 
-constexpr int64_t kDaySeconds = 86400;
-
 // Takes characters off the front of the text.
 struct Reader {
     std::string_view left;
@@ -124,13 +122,13 @@ bool captureTimeParse(const char* text, CaptureTime* out) {
     return true;
 }
 
-int64_t captureTimeResolve(const CaptureTime& time, int64_t nearSeconds) {
+int64_t captureTimeResolve(const CaptureTime& time, int64_t nearSeconds, int64_t leewaySeconds) {
     if (!time.isTimeOfDay) return time.seconds;
     const time_t near = nearSeconds;
     tm date = {};
     if (localtime_r(&near, &date) == nullptr) return time.seconds;
     const int64_t seconds = localSeconds(date, time.seconds);
-    if (seconds >= nearSeconds - kDaySeconds / 2) return seconds;
+    if (seconds >= nearSeconds - leewaySeconds) return seconds;
     ++date.tm_mday;
     return localSeconds(date, time.seconds);
 }

@@ -20,5 +20,7 @@ struct CaptureTime {
 [[nodiscard]] bool captureTimeParse(const char* text, CaptureTime* out);
 
 // Seconds since 1970: a time of day is of the local day of `nearSeconds`, or of the next day where
-// it would lie more than half a day before that.
-[[nodiscard]] int64_t captureTimeResolve(const CaptureTime& time, int64_t nearSeconds);
+// it would lie more than `leewaySeconds` before that.
+[[nodiscard]] int64_t captureTimeResolve(const CaptureTime& time,
+                                         int64_t nearSeconds,
+                                         int64_t leewaySeconds);

@@ -222,20 +222,21 @@ std::string linkTypesText() {
     return (count == 1 ? " of link type " : " of link types ") + names;
 }
 
-// A time of day is one after the captures' beginning, and the span's end one after its beginning.
+// A time of day is of the captures' first day, or of the next where it lies long before their
+// beginning. The span's end comes after its beginning.
 CaptureSpan wantedSpan() {
+    constexpr int64_t kHalfDaySeconds = 12 * 60 * 60;
     const int64_t firstSeconds = captureSetFirstSeconds(*source.set);
+    const auto& [files, from, to] = sourceSettings;
     CaptureSpan span;
-    if (sourceSettings.from) {
-        span.fromSeconds = captureTimeResolve(*sourceSettings.from, firstSeconds);
-        span.fromNanoseconds = sourceSettings.from->nanoseconds;
+    if (from) {
+        span.fromSeconds = captureTimeResolve(*from, firstSeconds, kHalfDaySeconds);
+        span.fromNanoseconds = from->nanoseconds;
     }
-    if (sourceSettings.to) {
-        constexpr int64_t kHalfDaySeconds = 12 * 60 * 60;
-        const int64_t nearSeconds =
-            sourceSettings.from ? span.fromSeconds + kHalfDaySeconds : firstSeconds;
-        span.toSeconds = captureTimeResolve(*sourceSettings.to, nearSeconds);
-        span.toNanoseconds = sourceSettings.to->nanoseconds;
+    if (to) {
+        span.toSeconds = captureTimeResolve(*to, from ? span.fromSeconds : firstSeconds,
+                                            from ? 0 : kHalfDaySeconds);
+        span.toNanoseconds = to->nanoseconds;
     }
     return span;
 }

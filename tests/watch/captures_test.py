@@ -1,0 +1,181 @@
+"""Captures as people have them, one bus in many forms: captures_test.py PELMOWATCH PELMOGEN [TEST ...].
+
+The oracle is pelmowatch json on the plain capture, which json_test.py holds against the tool.
+"""
+
+import json
+import os
+import pathlib
+import random
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+
+WATCH, PELMOGEN = (str(pathlib.Path(argument).resolve()) for argument in sys.argv[1:3])
+MIX = "--mix --count 3000 --rate 400 --hosts 30 --subjects 100 --nets 3 --publishers 3".split()
+ETHERNET, RAW, LOOP, COOKED, COOKED2, NULL = 1, 101, 108, 113, 276, 0
+MACS = b"\2" * 6 + b"\4" * 6
+
+
+def frames_of(path):
+    """(seconds, microseconds, bytes) of a pcap file of this machine's byte order."""
+    data, at = path.read_bytes(), 24
+    while at < len(data):
+        seconds, micros, size, _ = struct.unpack_from("<IIII", data, at)
+        yield seconds, micros, data[at + 16:at + 16 + size]
+        at += 16 + size
+
+
+def pcap(path, link, frames, order="<", nano=False):
+    with open(path, "wb") as out:
+        out.write(struct.pack(order + "IHHiIII", 0xa1b23c4d if nano else 0xa1b2c3d4, 2, 4, 0, 0, 262144, link))
+        for seconds, part, frame, *wire in frames:
+            out.write(struct.pack(order + "IIII", seconds, part * 1000 if nano else part, len(frame),
+                                  *wire or [len(frame)]) + frame)
+    return path
+
+
+def ip(protocol, payload):
+    return MACS + b"\x08\0" + struct.pack(">BBHHHBBH8s", 0x45, 0, 20 + len(payload), 1, 0, 64, protocol, 0,
+                                          b"\x0a\1\1\1\x0a\1\1\2") + payload
+
+
+def udp(port, payload):
+    return struct.pack(">HHHH", 5555, port, 8 + len(payload), 0) + payload
+
+
+def tagged(*types):
+    return lambda frame: frame[:12] + b"".join(struct.pack(">HH", each, 7) for each in types) + frame[12:]
+
+
+# Name -> link type, and what the frame is in.
+WRAPPED = {
+    "802.1Q": (ETHERNET, tagged(0x8100)), "802.1ad": (ETHERNET, tagged(0x88a8, 0x8100)),
+    "four tags": (ETHERNET, tagged(0x88a8, 0x8100, 0x8100, 0x8100)),
+    "VXLAN": (ETHERNET, lambda frame: ip(17, udp(4789, b"\x08\0\0\0\0\0\5\0" + frame))),
+    "VXLAN in a tag": (ETHERNET, lambda frame: tagged(0x8100)(ip(17, udp(4789, b"\x08\0\0\0\0\0\5\0" + frame)))),
+    "GRE": (ETHERNET, lambda frame: ip(47, b"\0\0\x08\0" + frame[14:])),
+    "NVGRE": (ETHERNET, lambda frame: ip(47, b"\x20\0\x65\x58\0\0\5\0" + frame)),
+    "ERSPAN I": (ETHERNET, lambda frame: ip(47, b"\0\0\x88\xbe" + frame)),
+    "ERSPAN II": (ETHERNET, lambda frame: ip(47, b"\x10\0\x88\xbe\0\0\0\1\x10\1\0\1\0\0\0\0" + frame)),
+    "ERSPAN III": (ETHERNET, lambda frame: ip(47, b"\x10\0\x22\xeb\0\0\0\1\x20\1\0\1" + bytes(7) + b"\1" + bytes(8) + frame)),
+    "MPLS": (ETHERNET, lambda frame: MACS + b"\x88\x47\0\1\0\x40\0\2\1\x40" + frame[14:]),
+    "MPLS with Ethernet": (ETHERNET, lambda frame: MACS + b"\x88\x47\0\2\1\x40\0\0\0\0" + frame),
+    "raw": (RAW, lambda frame: frame[14:]), "loop": (LOOP, lambda frame: b"\0\0\0\2" + frame[14:]),
+    "null": (NULL, lambda frame: b"\2\0\0\0" + frame[14:]), "null, swapped": (NULL, lambda frame: b"\0\0\0\2" + frame[14:]),
+    "cooked": (COOKED, lambda frame: b"\0\0\0\1\0\6" + b"\2" * 8 + frame[12:]),
+    "cooked v2": (COOKED2, lambda frame: frame[12:14] + b"\0\0\0\0\0\2\0\1\0\6" + b"\2" * 8 + frame[14:]),
+}
+PACKERS = (("gzip", "-c"), ("zstd", "-qc"), ("xz", "-c"), ("bzip2", "-c"), ("lz4", "-qc"))
+
+
+class Captures(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.scratch = tempfile.TemporaryDirectory()
+        cls.folder = pathlib.Path(cls.scratch.name)
+        cls.plain = cls.folder / "plain.pcap"
+        subprocess.run([PELMOGEN, "--out", cls.plain, *MIX], check=True, stdout=subprocess.DEVNULL)
+        cls.frames = list(frames_of(cls.plain))
+        cls.wanted = cls.read(cls.plain)[1]
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.scratch.cleanup()
+
+    @staticmethod
+    def read(*captures, options=(), **more):
+        """Exit status, snapshots without the sizes of files, log."""
+        done = subprocess.run([WATCH, "json", "-r", *map(str, captures), *options], capture_output=True, check=False,
+                              timeout=60, **more)
+        snapshots = [json.loads(line) for line in done.stdout.splitlines()]
+        for snapshot in snapshots:
+            for name in ("read_bytes", "file_bytes", "not_read"):
+                snapshot.pop(name, None)
+        return done.returncode, snapshots, done.stderr.decode()
+
+    def assert_same(self, *captures, **more):
+        self.assertEqual(self.read(*captures, **more), (0, self.wanted, ""))
+
+    def test_numbers_are_the_same_in_every_encapsulation(self):
+        for name, (link, wrap) in WRAPPED.items():
+            with self.subTest(name):
+                self.assert_same(pcap(self.folder / "wrapped", link, [(s, u, wrap(f)) for s, u, f in self.frames]))
+        mixed = [(s, u, tagged(0x8100)(f) if at % 2 else f) for at, (s, u, f) in enumerate(self.frames)]
+        self.assert_same(pcap(self.folder / "mixed", ETHERNET, mixed), options=("-filter", "udp and net 10"))
+
+    def test_byte_orders_clocks_and_compression_do_not_matter(self):
+        for order in "<>":
+            for nano in (False, True):
+                self.assert_same(pcap(self.folder / "order", ETHERNET, self.frames, order, nano))
+        for packer in PACKERS:
+            if shutil.which(packer[0]) is None:
+                continue
+            packed = self.folder / "packed"
+            packed.write_bytes(subprocess.run([*packer, self.plain], check=True, stdout=subprocess.PIPE).stdout)
+            with self.subTest(packer[0]):
+                self.assert_same(packed)
+                with open(packed, "rb") as stream:
+                    self.assert_same("-", stdin=stream)
+                packed.write_bytes(packed.read_bytes()[:-400])
+                self.assertIn("compressed data", self.read(packed)[2])
+
+    def test_a_ring_reads_as_one_capture(self):
+        ring = self.folder / "ring"
+        ring.mkdir()
+        for number in range(20):  # the names don't tell the order
+            part = self.frames[number * 150:(number + 1) * 150]
+            pcap(ring / ("ring.%d" % ((number + 7) % 20)), ETHERNET, part)
+        self.assert_same(ring)
+        halves = [pcap(self.folder / name, RAW, [(s, u, f[14:]) for s, u, f in self.frames[start::2]])
+                  for name, start in (("odd", 1), ("even", 0))]
+        self.assert_same(*halves)
+        (ring / "notes.txt").write_text("not a capture")
+        status, snapshots, log = self.read(ring)
+        self.assertEqual((status, snapshots), (1, self.wanted))
+        self.assertRegex(log, r"unable to read '.*notes.txt': it isn't a capture")
+
+    def test_a_span_of_time_is_read_alone(self):
+        env = {**os.environ, "TZ": "UTC"}
+        begin = "2023-11-14T22:13:22"
+        wanted = [f for s, u, f in self.frames if 1700000002 <= s <= 1700000004 and (s, u) <= (1700000004, 500000)]
+        for span in ((begin, "22:13:24.5"), ("22:13:22", "2023-11-14 22:13:24.5Z"), ("2023-11-14T23:13:22+01:00", "22:13:24.5")):
+            _, snapshots, _ = self.read(self.plain, options=("--from", span[0], "--to", span[1]), env=env)
+            part = self.read(pcap(self.folder / "part", ETHERNET, [
+                frame for frame in self.frames if frame[2] in wanted and (1700000002, 0) <= frame[:2] <= (1700000004, 500000)]))[1]
+            self.assertEqual(snapshots, part, span)
+
+    def test_a_blind_capture_says_what_it_has(self):
+        arp = MACS + b"\x08\x06" + bytes(28)
+        v6 = MACS + b"\x86\xdd\x60" + bytes(39)
+        fragment = ip(17, udp(7500, bytes(40)))
+        fragment = fragment[:20] + b"\x20\0" + fragment[22:]
+        blind = pcap(self.folder / "blind", ETHERNET, [(1, 0, frame) for frame in (
+            arp, v6, v6, fragment, ip(6, bytes(20)), ip(17, udp(53, bytes(30))), ip(17, udp(53, bytes(30)))[:40])])
+        words = ("7 frames of link type EN10MB, none of the bus: 1 not IP, 2 IPv6, 1 fragments of IPv4 packets, "
+                 "1 not UDP, 1 UDP but not of the bus, 1 with headers that contradict themselves")
+        for options, status in (((), 0), (("--strict",), 4)):
+            found, _, log = self.read(blind, options=options)
+            self.assertEqual(found, status)
+            self.assertIn(words, log)
+        self.assertIn("link type LINUX_SLL2", self.read(pcap(self.folder / "sll2", COOKED2, [(1, 0, bytes(60))]))[2])
+
+    def test_damaged_bytes_do_no_harm(self):
+        chance = random.Random(7)
+        seeds = [(self.folder / name).read_bytes()[:6000] for name in ("plain.pcap",)]
+        seeds += [pcap(self.folder / "seed", link, [(s, u, wrap(f)) for s, u, f in self.frames[:20]]).read_bytes()
+                  for link, wrap in WRAPPED.values()]
+        for number, seed in enumerate(seeds * 3):
+            data = bytearray(seed)
+            for _ in range(chance.choice((1, 10, 200))):
+                data[chance.randrange(len(data))] = chance.randrange(256)
+            (self.folder / "damaged").write_bytes(data)
+            self.assertIn(self.read(self.folder / "damaged")[0], (0, 1), number)
+
+
+if __name__ == "__main__":
+    del sys.argv[1:3]
+    unittest.main()
