@@ -3,6 +3,7 @@
 // Exit status: 0 at its end by itself or by SIGINT or SIGTERM, 1 where it can't start, 2 for a bad
 // command line.
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -64,6 +65,9 @@ int run(const PmdOptions& options) {
 
 int main(int argc, char** argv) {
     streamsHold();
+    // One heap: the daemon works on one thread at a time, and only the main heap gives its end
+    // back.
+    mallopt(M_ARENA_MAX, 1);
     hugeHeapPrefer();
     logSetProgramName("pmd");
     PmdOptions options{};

@@ -10,6 +10,7 @@
 #include "lib/base/bytes.h"
 #include "lib/base/clock.h"
 #include "lib/base/cond.h"
+#include "lib/base/huge_heap.h"
 #include "lib/base/log.h"
 #include "lib/base/log_pace.h"
 #include "lib/base/text.h"
@@ -20,30 +21,25 @@
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/transport/ipq/ipq.h"
 #include "lib/transport/socket/socket.h"
-#include "lib/transport/socket/socket_class.h"
 #include "pmd/absence.h"
 #include "pmd/client.h"
 #include "pmd/oska_wire.h"
+#include "pmd/port.h"
+#include "pmd/slow_readers.h"
 #include "pmd/sparse_run.h"
-#include "pmd/stand_in.h"
 
 namespace {
 
 constexpr double kTickSeconds = 0.25;
 constexpr double kPaceTickSeconds = 0.002;
-constexpr double kGraceSeconds = 1.0;         // behind the last client
+constexpr double kTrimSeconds = 1.0;          // after a client's end, without another one
+constexpr double kGraceSeconds = 1.0;         // after the last client
 constexpr double kFirstClientSeconds = 60.0;  // for the first one
-constexpr double kAcceptPauseSeconds = 0.5;   // without descriptors
-constexpr double kHandedOverSeconds = 1.0;    // until its clients go to the one that follows
-constexpr double kAskAgainSeconds = 0.02;
-constexpr uint32_t kMostAsks = 5;  // a stand-in that has just begun listens first
 constexpr double kDrainSeconds = 2.0;
 constexpr double kCloseSeconds = 2.0;
 constexpr double kLookSeconds = 0.01;
-constexpr uint32_t kMostAccepts = 64;     // in one go
 constexpr uint32_t kOwnDescriptors = 64;  // that aren't clients'
 
-constexpr const char* kSlow = "it reads too slowly";
 constexpr const char* kLargest = "memory is short, and it takes the most";
 constexpr double kShortAgainSeconds = 0.25;  // what a client had is given back by then
 
@@ -52,9 +48,6 @@ struct Server {
     PmdOptions options{};
     void (*ended)() = nullptr;
     OskaWire wire{};
-
-    Socket* listener PELMO_GUARDED_BY(daemonLock) = nullptr;  // null: another has the port
-    double handedOverAt PELMO_GUARDED_BY(daemonLock) = 0;
 
     Exchange exchange PELMO_GUARDED_BY(daemonLock){};
     Client* clients PELMO_GUARDED_BY(daemonLock) = nullptr;
@@ -68,24 +61,22 @@ struct Server {
     Client* touched PELMO_GUARDED_BY(daemonLock) = nullptr;
     Client* doomed PELMO_GUARDED_BY(daemonLock) = nullptr;
 
-    Client* paced PELMO_GUARDED_BY(daemonLock) = nullptr;  // who isn't read from
-    Client* over PELMO_GUARDED_BY(daemonLock) = nullptr;   // who is above its backlog
-    double shortAt PELMO_GUARDED_BY(daemonLock) = 0;       // when memory was last found short
+    SlowReaders slow PELMO_GUARDED_BY(daemonLock){};
+    double shortAt PELMO_GUARDED_BY(daemonLock) = 0;  // when memory was last found short
 
     // The copy of the run that is being delivered, empty while nobody needs one.
     const void* copiedRun PELMO_GUARDED_BY(daemonLock) = nullptr;
     Dpa* copies PELMO_GUARDED_BY(daemonLock) = nullptr;
 
     bool isStopping PELMO_GUARDED_BY(daemonLock) = false;
-    double acceptAgainAt PELMO_GUARDED_BY(daemonLock) = 0;  // 0: it accepts
-    double endAt PELMO_GUARDED_BY(daemonLock) = 0;          // 0: no end is in sight
+    double endAt PELMO_GUARDED_BY(daemonLock) = 0;   // 0: no end is in sight
+    double trimAt PELMO_GUARDED_BY(daemonLock) = 0;  // 0: no client has gone since the last time
     uint32_t tickTimer PELMO_GUARDED_BY(daemonLock) = kNoId;
     uint32_t paceTimer PELMO_GUARDED_BY(daemonLock) = kNoId;
 };
 
 constinit Server server;
 
-void onAcceptable(Socket* listener, void*);
 void onTick(uint32_t, pelmoMsg*, void*);
 void onPaceTick(uint32_t, pelmoMsg*, void*);
 
@@ -105,8 +96,8 @@ void endTimer(uint32_t* timer) PELMO_REQUIRES(daemonLock) {
 }
 
 bool needsTick() PELMO_REQUIRES(daemonLock) {
-    return server.unstarted != 0 || server.acceptAgainAt != 0 || server.endAt != 0 ||
-           server.handedOverAt != 0 || server.over != nullptr || server.absences.count != 0 ||
+    return server.unstarted != 0 || server.endAt != 0 || server.trimAt != 0 || portNeedsTick() ||
+           server.slow.over != nullptr || server.absences.count != 0 ||
            oskaWireIsOpen(&server.wire) || server.exchange.router.leaving != nullptr;
 }
 
@@ -115,6 +106,14 @@ void adjustTick() PELMO_REQUIRES(daemonLock) {
         startTimer(&server.tickTimer, onTick, kTickSeconds);
     } else {
         endTimer(&server.tickTimer);
+    }
+}
+
+void adjustPaceTick() PELMO_REQUIRES(daemonLock) {
+    if (server.slow.paced != nullptr) {
+        startTimer(&server.paceTimer, onPaceTick, kPaceTickSeconds);
+    } else {
+        endTimer(&server.paceTimer);
     }
 }
 
@@ -139,77 +138,6 @@ void unlink(Client* client) PELMO_REQUIRES(daemonLock) {
     --server.clientCount;
 }
 
-void resume(Client* client) PELMO_REQUIRES(daemonLock) {
-    client->pacer = nullptr;
-    if (client->fault == nullptr && ipqResume(client->ipq) != kStatusSuccess) {
-        doom(client, "it can't be read from any more");
-    }
-}
-
-// Goes through those who wait: the ones that `ends` is true of go on.
-template <typename Ends>
-void endPaces(Ends ends) PELMO_REQUIRES(daemonLock) {
-    for (Client** place = &server.paced; *place != nullptr;) {
-        Client* client = *place;
-        if (ends(client)) {
-            *place = client->nextPaced;
-            resume(client);
-        } else {
-            place = &client->nextPaced;
-        }
-    }
-    if (server.paced == nullptr) endTimer(&server.paceTimer);
-}
-
-// Those who are above their backlog
-
-void beginExcess(Client* client, const Backlog& backlog) PELMO_REQUIRES(daemonLock) {
-    client->isOver = true;
-    client->excess = excessBegin(backlog, clockSteadySeconds());
-    client->nextOver = server.over;
-    server.over = client;
-    adjustTick();
-}
-
-// Goes through them: those that `ends` is true of are above it no longer.
-template <typename Ends>
-void endExcesses(Ends ends) PELMO_REQUIRES(daemonLock) {
-    for (Client** place = &server.over; *place != nullptr;) {
-        Client* const client = *place;
-        if (ends(client)) {
-            *place = client->nextOver;
-            client->isOver = false;
-        } else {
-            place = &client->nextOver;
-        }
-    }
-}
-
-void judgeExcesses(double now) PELMO_REQUIRES(daemonLock) {
-    endExcesses([now](Client* client) PELMO_REQUIRES(daemonLock) {
-        const uint64_t limit = server.options.backlogBytes;
-        switch (excessJudge(&client->excess, clientBacklog(client), limit, now)) {
-            case ExcessVerdict::kGoOn:
-                return false;
-            case ExcessVerdict::kWithin:
-                return true;
-            case ExcessVerdict::kTooSlow:
-                break;
-        }
-        client->endName = "CLIENT.SLOWREADER";
-        doom(client, kSlow);
-        return false;
-    });
-}
-
-// Those whom the batch has brought more, and whose sender goes on, take it as they can.
-void noteFed(const Client* sender) PELMO_REQUIRES(daemonLock) {
-    for (Client* client = server.over; client != nullptr; client = client->nextOver) {
-        const bool isFed = client->fedBatch == server.batch;
-        if (isFed && sender->pacer == nullptr) client->excess.isOutrun = true;
-    }
-}
-
 // Tells the others: nothing goes to who has a fault. A session that may come back is told of later.
 void leave(Client* client) PELMO_REQUIRES(daemonLock) {
     const char* const text = clientText(client);
@@ -230,7 +158,8 @@ void leave(Client* client) PELMO_REQUIRES(daemonLock) {
 // A client that has gone gives its descriptor back, and may have been the last one.
 void onFewer() PELMO_REQUIRES(daemonLock) {
     const double now = clockSteadySeconds();
-    if (server.acceptAgainAt != 0) server.acceptAgainAt = now;
+    portDescriptorsAreBack(now);
+    server.trimAt = now + kTrimSeconds;
     const bool isLast = server.clientCount == 0 && !server.options.permanent;
     if (isLast) server.endAt = std::max(server.endAt, now + kGraceSeconds);
     adjustTick();
@@ -242,30 +171,14 @@ void bury(Client* client) PELMO_REQUIRES(daemonLock) {
     }
     endDeadline(client);
     unlink(client);
-    endPaces([client](const Client* sender) PELMO_REQUIRES(daemonLock) {
-        return sender == client || sender->pacer == client;
-    });
-    endExcesses([client](const Client* other) { return other == client; });
+    slowForget(&server.slow, client);
+    adjustPaceTick();
     leave(client);
     clientClose(client);
     onFewer();
 }
 
 // Batches
-
-void checkBacklog(Client* client, Client** fastest, uint64_t* fastestBytes)
-    PELMO_REQUIRES(daemonLock) {
-    const uint64_t bytes = ipqBacklog(client->ipq).bytes;
-    if (bytes > server.options.backlogBytes) {
-        if (!client->isOver) beginExcess(client, clientBacklog(client));
-        client->fedBatch = server.batch;
-    }
-    client->isBehind = bytes > kPaceLowBytes;
-    if (!client->isBehind) client->isStalled = false;
-    if (*fastest != nullptr && bytes >= *fastestBytes) return;
-    *fastest = client;
-    *fastestBytes = bytes;
-}
 
 // Writes what the batch has queued; the receiver of which least waits.
 Client* flushTouched() PELMO_REQUIRES(daemonLock) {
@@ -275,8 +188,14 @@ Client* flushTouched() PELMO_REQUIRES(daemonLock) {
         server.touched = client->nextTouched;
         client->isTouched = false;
         if (ipqEndBatch(client->ipq) != kStatusSuccess) doom(client, kClientGone);
-        if (client->fault == nullptr) checkBacklog(client, &fastest, &bytes);
+        if (client->fault != nullptr) continue;
+        const Backlog backlog = clientBacklog(client);
+        slowLook(&server.slow, client, backlog, server.batch);
+        if (fastest != nullptr && backlog.waitingBytes >= bytes) continue;
+        fastest = client;
+        bytes = backlog.waitingBytes;
     }
+    if (server.slow.over != nullptr) adjustTick();
     return fastest;
 }
 
@@ -308,30 +227,10 @@ void touch(Client* client) PELMO_REQUIRES(daemonLock) {
     ipqBeginBatch(client->ipq);
 }
 
-void pace(Client* sender, Client* fastest) PELMO_REQUIRES(daemonLock) {
-    if (fastest == nullptr || sender->pacer != nullptr) return;
-    if (fastest->isStalled && !fastest->isOver) return;
-    const PaceMarks marks = paceMarks(server.options.backlogBytes);
-    if (ipqBacklog(fastest->ipq).bytes <= marks.highBytes) return;
-    if (ipqPauseReading(sender->ipq) != kStatusSuccess) return;
-    sender->pacer = fastest;
-    sender->pace = paceBegin(clientBacklog(fastest), clockSteadySeconds());
-    sender->nextPaced = server.paced;
-    server.paced = sender;
-    startTimer(&server.paceTimer, onPaceTick, kPaceTickSeconds);
-}
-
 void onPaceTick(uint32_t, pelmoMsg*, void*) {
     const LockGuard guard(daemonLock);
-    const double now = clockSteadySeconds();
-    const uint64_t lowBytes = paceMarks(server.options.backlogBytes).lowBytes;
-    endPaces([now, lowBytes](Client* sender) PELMO_REQUIRES(daemonLock) {
-        const Backlog backlog = clientBacklog(sender->pacer);
-        if (sender->pacer->isOver && backlog.waitingBytes > lowBytes) return false;
-        if (!paceEnds(&sender->pace, backlog, lowBytes, now)) return false;
-        sender->pacer->isStalled = backlog.waitingBytes > lowBytes;
-        return true;
-    });
+    slowPaceTick(&server.slow, clockSteadySeconds());
+    adjustPaceTick();
     settle();
 }
 
@@ -421,9 +320,10 @@ void onReceived(Client* client, MessageRun messages) PELMO_REQUIRES(daemonLock) 
     if (fault != nullptr) {
         doom(client, fault);
     } else if (client->fault == nullptr) {
-        pace(client, fastest);
+        slowPace(&server.slow, client, fastest);
+        adjustPaceTick();
     }
-    noteFed(client);
+    slowNoteFed(&server.slow, client, server.batch);
     relieve();
     settle();
 }
@@ -459,28 +359,16 @@ void refuse(Socket* socket) {
     socketDestroy(socket);
 }
 
-// A listener that can't accept is ready all the time, so it isn't asked meanwhile.
-void pauseAccepting() PELMO_REQUIRES(daemonLock) {
-    logPaced("no descriptors are left for more clients: they wait");
-    socketCancelReadable(server.listener, nullptr);
-    server.acceptAgainAt = clockSteadySeconds() + kAcceptPauseSeconds;
-    adjustTick();
+void onAccepted(Socket* socket) PELMO_REQUIRES(daemonLock) {
+    if (server.clientCount < server.options.mostClients) {
+        addClient(socket);
+    } else {
+        refuse(socket);
+    }
 }
 
-void onAcceptable(Socket* listener, void*) {
-    const LockGuard guard(daemonLock);
-    if (server.isStopping || server.listener != listener) return;
-    for (uint32_t i = 0; i < kMostAccepts; ++i) {
-        Socket* socket = nullptr;
-        const SocketCode code = socketAccept(listener, &socket, kFirstIoQueueId);
-        if (code == kSocketTooMany || code == kSocketNoBuffers) return pauseAccepting();
-        if (code != kSocketDone) return;  // the next one tries again
-        if (server.clientCount < server.options.mostClients) {
-            addClient(socket);
-        } else {
-            refuse(socket);
-        }
-    }
+void onPortWaits() PELMO_REQUIRES(daemonLock) {
+    adjustTick();
 }
 
 // Housekeeping
@@ -495,58 +383,41 @@ void endLateStarts(double now) PELMO_REQUIRES(daemonLock) {
     settle();
 }
 
-void acceptAgain(double now) PELMO_REQUIRES(daemonLock) {
-    if (server.acceptAgainAt == 0 || now < server.acceptAgainAt) return;
-    server.acceptAgainAt = 0;
-    if (server.listener == nullptr) return;
-    if (socketOnReadable(server.listener, onAcceptable, nullptr) != kStatusSuccess) {
-        server.acceptAgainAt = now + kAcceptPauseSeconds;
-    }
-}
-
 // True once, when the daemon has come to its end by itself.
 bool endsByItself(double now) PELMO_REQUIRES(daemonLock) {
-    if (server.handedOverAt != 0) {
-        if (now < server.handedOverAt + kHandedOverSeconds) return false;
-        server.handedOverAt = 0;
-        return true;
-    }
+    if (portWasHandedOver()) return portHandOverEnds(now);
     if (server.endAt == 0 || now < server.endAt || server.clientCount != 0) return false;
     server.endAt = 0;
     return true;
 }
 
+// True once, some time after the last of a burst of clients has gone.
+bool trimIsDue(double now) PELMO_REQUIRES(daemonLock) {
+    if (server.trimAt == 0 || now < server.trimAt) return false;
+    server.trimAt = 0;
+    return true;
+}
+
 void onTick(uint32_t, pelmoMsg*, void*) {
-    bool ends = false;
+    bool ends = false, trims = false;
     {
         const LockGuard guard(daemonLock);
         if (server.isStopping) return;
         const double now = clockSteadySeconds();
         endLateStarts(now);
-        judgeExcesses(now);
+        slowJudge(&server.slow, now);
         absenceSettle(&server.absences, now);
         settle();
         (void)routerSweep(&server.exchange.router);
-        acceptAgain(now);
+        portTick(now);
         if (oskaWireIsOpen(&server.wire)) oskaWireTick(&server.wire, now);
         ends = endsByItself(now);
+        trims = trimIsDue(now);
         adjustTick();
         logPaceSettle();
     }
+    if (trims) hugeHeapTrim();
     if (ends) server.ended();
-}
-
-// Gives the port up. Clients stay until the one that asked listens, so that they find it when they
-// come again.
-bool onHandOver() {
-    const LockGuard guard(daemonLock);
-    if (server.isStopping) return false;
-    if (server.listener == nullptr) return true;
-    logPrint("handing the port over to a daemon that asked for it");
-    socketDestroy(std::exchange(server.listener, nullptr));
-    server.handedOverAt = clockSteadySeconds();
-    adjustTick();
-    return true;
 }
 
 // Start and stop
@@ -559,62 +430,6 @@ void raiseDescriptorLimit(uint32_t clients) {
     if (limit.rlim_cur >= wanted) return;
     limit.rlim_cur = wanted;
     (void)setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-std::string addressText(const PmdOptions& options) {
-    const uint32_t address = hostOrder32(options.address);
-    char text[32];
-    boundedFormat(text, sizeof text, "%u.%u.%u.%u:%u", address >> 24, address >> 16 & 0xff,
-                  address >> 8 & 0xff, address & 0xff, hostOrder16(options.port));
-    return text;
-}
-
-bool startListening(const PmdOptions& options, std::string& error) {
-    Socket* listener = nullptr;
-    SocketCode code = socketCreateServer(&listener, kPlainSocketClass, kFirstIoQueueId, false);
-    if (code == kSocketDone) {
-        socketSetMode(listener, SocketMode::kNonBlocking);
-        code = socketBind(listener, options.address, options.port, false);
-    }
-    if (code == kSocketDone) code = socketListen(listener);
-    if (code == kSocketDone) {
-        const LockGuard guard(daemonLock);
-        server.listener = listener;
-        if (socketOnReadable(listener, onAcceptable, nullptr) == kStatusSuccess) return true;
-        server.listener = nullptr;
-    }
-    const int cause = errno;
-    error = "can't listen on " + addressText(options) + ": " + std::strerror(cause);
-    if (listener != nullptr) socketDestroy(listener);
-    errno = cause;
-    return false;
-}
-
-void sleepFor(double seconds) {
-    (void)usleep(static_cast<useconds_t>(seconds * 1e6));
-}
-
-HandOver askForPort(uint16_t port) {
-    HandOver answer = HandOver::kNobody;
-    for (uint32_t i = 0; i < kMostAsks && answer == HandOver::kNobody; ++i) {
-        if (i != 0) sleepFor(kAskAgainSeconds);
-        answer = standInAsk(port);
-    }
-    return answer;
-}
-
-// A daemon that is to stay takes the port over from a stand-in.
-bool listenOrTakeOver(const PmdOptions& options, std::string& error) {
-    if (startListening(options, error)) return true;
-    if (errno != EADDRINUSE || !options.permanent) return false;
-    if (askForPort(options.port) != HandOver::kGiven) return false;
-    logPrint("a stand-in hands its port over");
-    const double end = clockSteadySeconds() + kHandOverSeconds;
-    while (!startListening(options, error)) {
-        if (clockSteadySeconds() >= end) return false;
-        sleepFor(kAskAgainSeconds);
-    }
-    return true;
 }
 
 // Clients on other machines are told the address that they reach us by only where we are bound to
@@ -638,6 +453,7 @@ bool startExchange(const PmdOptions& options, std::string& error) {
         error = "no memory";
         return false;
     }
+    server.slow = {options.backlogBytes, doom, nullptr, nullptr};
     server.absences = {&server.exchange, nullptr, nullptr, 0};
     if (!options.permanent) server.endAt = clockSteadySeconds() + kFirstClientSeconds;
     return true;
@@ -690,14 +506,11 @@ bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error)
     clientSetOps({onOpened, onReceived, onGrown, onFailed});
     if (startExchange(options, error)) {
         const bool wired = !options.oska || oskaWireOpen(&server.wire, options, error);
-        if (wired && listenOrTakeOver(options, error)) {
+        if (wired && portOpen(options, {onAccepted, onPortWaits}, error)) {
             const LockGuard guard(daemonLock);
             adjustTick();
             logPaceBegin();
-            logPrint("listening on %s", addressText(options).c_str());
-            if (!options.permanent && !standInOffer(options.port, onHandOver)) {
-                logPrint("nobody can ask for this port: the local socket can't be had");
-            }
+            portOffer(options);
             return true;
         }
         oskaWireClose(&server.wire);
@@ -709,15 +522,12 @@ bool serverStart(const PmdOptions& options, void (*ended)(), std::string& error)
 }
 
 void serverStop() {
-    Socket* listener = nullptr;
     {
         const LockGuard guard(daemonLock);
         server.isStopping = true;
-        listener = std::exchange(server.listener, nullptr);
         adjustTick();
     }
-    standInEnd();
-    if (listener != nullptr) socketDestroy(listener);
+    portClose();
     {
         const LockGuard guard(daemonLock);
         waitUntil(kDrainSeconds, allHasLeft);

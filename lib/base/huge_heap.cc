@@ -24,6 +24,17 @@ bool mayTake(size_t sizeBytes) {
     return true;
 }
 
+void offerToHugePages() {
+    void* first = std::malloc(kHugePageBytes);  // makes the heap take its first step
+    const auto firstAddress = reinterpret_cast<uintptr_t>(first);
+    std::free(first);
+
+    const uintptr_t begin = (firstAddress + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
+    const auto end = reinterpret_cast<uintptr_t>(sbrk(0));
+    if (firstAddress == 0 || begin >= end) return;
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+
 }  // namespace
 
 void hugeHeapPrefer() {
@@ -33,12 +44,10 @@ void hugeHeapPrefer() {
     }
     mallopt(M_MMAP_THRESHOLD, kMappedFromBytes);
     mallopt(M_TOP_PAD, static_cast<int>(stepBytes));
-    void* first = std::malloc(kHugePageBytes);  // makes the heap take its first step
-    const auto firstAddress = reinterpret_cast<uintptr_t>(first);
-    std::free(first);
+    offerToHugePages();
+}
 
-    const uintptr_t begin = (firstAddress + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
-    const auto end = reinterpret_cast<uintptr_t>(sbrk(0));
-    if (firstAddress == 0 || begin >= end) return;
-    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+void hugeHeapTrim() {
+    (void)malloc_trim(0);
+    offerToHugePages();
 }

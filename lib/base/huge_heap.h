@@ -8,8 +8,13 @@
 // Under a limit of addresses (RLIMIT_AS, RLIMIT_DATA, strict overcommit) the steps are a sixteenth
 // of what is left at most, so that at most that much stays unusable.
 //
-// Threads: called once from `main`, before any other thread starts.
+// Threads: hugeHeapPrefer is called once from `main`, before any other thread starts; hugeHeapTrim
+// by any thread.
 
 #pragma once
 
 void hugeHeapPrefer();
+
+// Gives free memory back to the system, which the heap keeps otherwise, and offers the rest for
+// huge pages again. Takes milliseconds, in which other threads may wait for memory.
+void hugeHeapTrim();
