@@ -1,11 +1,12 @@
 // Absent sessions: a client whose connection has ended without a close notice gets kAbsenceSeconds
-// to come back before the others are told that it has gone. Meanwhile its session and its client id
-// stay taken, and who comes with that session, from the same process and address, takes it on.
+// to come back before the others are informed that it has gone. Meanwhile its session and its
+// client id stay reserved; a client that opens that session from the same process and address
+// resumes it.
 //
 // Ownership: the records are the list's own; each holds a peer of the exchange.
 //
 // Failure: without memory for a record a session isn't kept. Beyond kMostAbsent the longest absent
-// one is told of early.
+// one is reported early.
 //
 // Threads: no lock; the owner serialises all calls.
 //
@@ -31,7 +32,7 @@ struct Absences {
 // "client TEXT has gone" to the others of the peer's service and network.
 void absenceTell(Exchange* exchange, const Peer* peer, const char* text);
 
-// The peer leaves the exchange. False, and it has not left, where there is no session to be kept.
+// The peer leaves the exchange. False, and it has not left, if it has no session to keep.
 // `text` is the client's, for the report.
 [[nodiscard]] bool absenceKeep(Absences* absences, Peer* peer, const char* text, double now);
 
@@ -41,5 +42,5 @@ void absenceSettle(Absences* absences, double now);
 // The exchange has made it leave, since its session goes on elsewhere.
 void absenceEnd(Absences* absences, const Member* member);
 
-// All leave, and nobody is told.
+// All leave without a report.
 void absenceFree(Absences* absences);

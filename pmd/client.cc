@@ -26,7 +26,7 @@ void clientFree(void* closure) {
     alive.fetch_sub(1, std::memory_order_release);
 }
 
-// A handshake is a few bytes: where they don't go at once, the peer isn't reading them.
+// A handshake is a few bytes: if they can't be sent at once, the peer isn't reading them.
 bool sendAll(Client* client, HandshakeBytes bytes) PELMO_REQUIRES(daemonLock) {
     if (bytes.empty()) return true;
     uint32_t sent = 0;
@@ -57,7 +57,7 @@ void onLost(Ipq*, void* closure) {
     if (!client->isClosed) clientOps.failed(client, kClientGone);
 }
 
-// The queue takes the socket over, also where it can't be made.
+// The queue takes the socket over, even if it can't be made.
 bool makeQueue(Client* client) PELMO_REQUIRES(daemonLock) {
     (void)socketCancelReadable(client->socket, nullptr);
     Ipq* ipq = nullptr;
@@ -85,7 +85,7 @@ const char* advance(Client* client, HandshakeBytes bytes) PELMO_REQUIRES(daemonL
     return status == kStatusSuccess ? nullptr : "there is no memory to read from it";
 }
 
-// No more than the handshake wants: what the client sends behind it belongs to the queue.
+// No more than the handshake wants: what the client sends after it belongs to the queue.
 void onHandshakeReadable(Socket* socket, void* closure) {
     auto* client = static_cast<Client*>(closure);
     const LockGuard guard(daemonLock);

@@ -1,13 +1,13 @@
 // A client's connection: first a socket that shakes hands, then a queue (lib/transport/ipq/ipq.h).
-// It moves bytes and messages and decides nothing; what comes of them is told by a table of
+// It moves bytes and messages and decides nothing; it reports them through a table of
 // functions.
 //
 //     shaking hands --> open --> closed
 //          '-------------------'
 //
 // Ownership: a record belongs to its connection. It stays in place until the functions of sockets
-// and queue can't reach it any more, some time behind clientClose; then it frees itself. Its maker
-// forgets it ahead of the close.
+// and queue can't reach it any more, some time after clientClose; then it frees itself. Its maker
+// forgets it before the close.
 //
 // Threads: `daemonLock` is held for each call, and taken around all that a record does by itself.
 // The functions of the table run on the IO thread or the timer thread with that lock held. All but
@@ -38,7 +38,7 @@ struct Client {
     Peer peer;  // the exchange's; its owner is the client
 
     // The connection's.
-    Socket* socket;  // null once the queue stands
+    Socket* socket;  // null once the queue exists
     Ipq* ipq;        // null until then
     bool isClosed;
     ServerHandshake handshake;
@@ -46,7 +46,7 @@ struct Client {
     // The server's.
     double deadline;      // of all that comes before its session; 0 once that is there
     const char* fault;    // why it is to be cut off; null while it isn't
-    const char* endName;  // of the advisory of a cut-off that the others are told of; null: none
+    const char* endName;  // of the advisory that reports the cut-off to the others; null: none
     bool isTouched;       // it has got messages of the batch under way
     bool isBehind;        // much waits for it already
     bool isStalled;       // it takes too little for senders to wait for it
@@ -58,8 +58,8 @@ struct Client {
     Client *next, *previous, *nextTouched, *nextDoomed, *nextPaced, *nextOver;
 };
 
-// Why a client that has left by itself is at its end; no line of the log tells of it. The queue's
-// own line tells of a stream that isn't one.
+// The reason for a client that left by itself; it isn't logged. The queue itself logs a malformed
+// stream.
 inline constexpr const char* kClientGone = "";
 
 inline constexpr uint32_t kMostStartBytes = 64u << 10;
@@ -78,11 +78,11 @@ struct ClientOps {
     void (*failed)(Client* client, const char* why);
 };
 
-// Ahead of the first client.
+// Called before the first client.
 void clientSetOps(const ClientOps& ops);
 
-// Takes over an accepted socket and greets. Null, and the socket is closed, where memory runs out
-// or the peer has gone already.
+// Takes over an accepted socket and greets. Null, and the socket is closed, if memory runs out or
+// the peer has gone already.
 [[nodiscard]] Client* clientMake(Socket* socket) PELMO_REQUIRES(daemonLock);
 
 void clientClose(Client* client) PELMO_REQUIRES(daemonLock);
@@ -99,6 +99,6 @@ void clientClose(Client* client) PELMO_REQUIRES(daemonLock);
 // Records that aren't freed yet.
 [[nodiscard]] uint32_t clientsAlive();
 
-// "127.0.0.1:41234", and the user where one is known, for the log. The text is good until the next
+// "127.0.0.1:41234", and the user where one is known, for the log. The text is valid until the next
 // call.
 [[nodiscard]] const char* clientText(const Client* client) PELMO_REQUIRES(daemonLock);

@@ -85,12 +85,12 @@ bool maySend(BatchWalk& walk, const uint8_t* subject) {
     Peer* peer = walk.peer;
     if (peer->member.hidden || !subjectIsReserved(subject)) return true;
     ++walk.exchange->ignored;
-    if (!peer->toldReserved) {
+    if (!peer->loggedReserved) {
         logPacedAs("clients send on \"_PM\" and aren't hidden",
                    "client %u (%s) isn't hidden: what it sends on \"_PM\" is dropped",
                    peer->clientId, peer->start.user);
     }
-    peer->toldReserved = true;
+    peer->loggedReserved = true;
     return false;
 }
 
@@ -137,11 +137,11 @@ pelmoStatus makeAdvisoryAbout(pelmoMsg** out, const Peer* about, const Advisory&
 
 // The peer alone learns that something on this subject isn't done. Without memory only the log says
 // so.
-void tellRefused(Exchange* exchange,
-                 Peer* peer,
-                 const char* name,
-                 const char* description,
-                 const uint8_t* subject) {
+void adviseRefused(Exchange* exchange,
+                   Peer* peer,
+                   const char* name,
+                   const char* description,
+                   const uint8_t* subject) {
     char text[kSubjectTextBytes];
     if (subjectToText(text, sizeof text, subject) == nullptr) text[0] = '\0';
     pelmoMsg* msg = nullptr;
@@ -152,13 +152,13 @@ void tellRefused(Exchange* exchange,
 // The work of a match is the others' time: a subject with wildcards of its own may ask for much.
 void refuseSend(BatchWalk& walk, const uint8_t* subject) {
     Peer* peer = walk.peer;
-    if (!peer->toldSend) {
+    if (!peer->loggedSend) {
         logPacedAs("clients send on wildcards that match too much",
-                   "client %u (%s) sends on wildcards that match too much: it goes to nobody",
+                   "client %u (%s) sends on wildcards that match too much: it is dropped",
                    peer->clientId, peer->start.user);
     }
-    peer->toldSend = true;
-    tellRefused(walk.exchange, peer, "SEND.REFUSED", "the subject matches too much", subject);
+    peer->loggedSend = true;
+    adviseRefused(walk.exchange, peer, "SEND.REFUSED", "the subject matches too much", subject);
 }
 
 // A message with other receivers begins a run of its own.
@@ -200,7 +200,7 @@ bool hasOwnId(const Exchange* exchange, const Peer* peer, const char* session) {
     return !exchange->ids.taken[id] || !sessionIsOf(exchange->ground, session);
 }
 
-// A client that reconnects may be back ahead of the news that its old connection is lost.
+// A client that reconnects may be back before the loss of its old connection is noticed.
 pelmoStatus claimSession(Exchange* exchange, Peer* peer, const StartMessage& start) {
     if (start.session[0] == '\0') return kStatusSuccess;
     Member* holder = nullptr;
@@ -274,24 +274,24 @@ const char* takeStart(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
 // The interest isn't kept; the rest of what the client listens to is none the worse for it.
 void refuseInbox(Exchange* exchange, Peer* peer) {
     ++exchange->ignored;
-    if (!peer->toldInbox) {
+    if (!peer->loggedInbox) {
         logPacedAs("clients listen to inboxes that aren't their own",
                    "client %u (%s) listens to an inbox that isn't its own: it gets nothing there",
                    peer->clientId, peer->start.user);
     }
-    peer->toldInbox = true;
+    peer->loggedInbox = true;
 }
 
 // One interest too many. The client stays, with those that it has.
 void refuseInterest(Exchange* exchange, Peer* peer, const uint8_t* subject) {
     ++exchange->ignored;
-    if (!peer->toldInterest) {
+    if (!peer->loggedInterest) {
         logPacedAs("clients listen to more than the daemon keeps",
                    "client %u (%s) listens to more than the daemon keeps: it gets nothing there",
                    peer->clientId, peer->start.user);
     }
-    peer->toldInterest = true;
-    tellRefused(exchange, peer, "INTEREST.REFUSED", "the daemon keeps no more interest", subject);
+    peer->loggedInterest = true;
+    adviseRefused(exchange, peer, "INTEREST.REFUSED", "the daemon keeps no more interest", subject);
 }
 
 const char* takeListen(Exchange* exchange, Peer* peer, const uint8_t* subject) {
@@ -355,7 +355,7 @@ void takeControl(Exchange* exchange, Peer* peer, pelmoMsg* msg) {
 }
 
 const char* takeOther(BatchWalk& walk, size_t at, const Incoming& incoming) {
-    constexpr const char* kNoSubject = "it tells an interest without a subject";
+    constexpr const char* kNoSubject = "its interest has no subject";
     skip(walk, at);
     Exchange* exchange = walk.exchange;
     Peer* peer = walk.peer;
@@ -441,7 +441,7 @@ const char* exchangeTake(Exchange* exchange, Peer* peer, MessageRun batch) {
         const pelmoMsg* msg = batch[at];
         const Incoming incoming = incomingRead({msgImage(msg), msg->length});
         if (!peerHasStarted(peer) && incoming.kind != IncomingKind::kStart) {
-            fault = "it sent a message ahead of its start message";
+            fault = "it sent a message before its start message";
         } else if (incoming.kind == IncomingKind::kData) {
             routeData(walk, at, incoming.subject);
         } else {

@@ -1,18 +1,18 @@
 // The exchange: what the daemon does with the messages of its clients. It starts sessions, keeps
-// the interest, and routes; what comes of it leaves by a table of functions. It knows no
+// the interest, and routes; the results leave through a table of functions. It knows no
 // connection, no lock and no clock.
 //
-// A peer is a client as the exchange sees it: from exchangeEnter, when its queue stands, to
+// A peer is a client as the exchange sees it: from exchangeEnter, when its queue exists, to
 // exchangeLeave. Its first message has to be a start message.
 //
-// A batch is the messages of one read, in order. Those that lie one behind the other and have the
-// same receivers make a run, which is delivered as one: so a stream on a few subjects costs each
+// A batch is the messages of one read, in order. Consecutive messages with the same receivers
+// make a run, which is delivered as one: so a stream on a few subjects costs each
 // receiver a few steps a batch, however many messages it has.
 //
 // Ownership: peers are their owner's and stay in place from enter to leave; messages are borrowed
 // for the call, runs for the call of a function of the table.
 //
-// Failure: where memory runs out, a message isn't delivered and is counted as lost; an interest
+// Failure: when memory runs out, a message isn't delivered and is counted as lost; an interest
 // that can't be kept, or a start message that can't be answered, is the end of the peer.
 //
 // Threads: no lock; the owner serialises all calls. Functions of the table don't call back.
@@ -30,13 +30,13 @@ struct pelmoMsg;
 using MessageRun = std::span<pelmoMsg* const>;
 
 struct ExchangeOps {
-    // A run that is routed: its place tells it from all others of the batch.
+    // A run that is routed: its address identifies it within the batch.
     void (*deliver)(void* closure, Member* to, MessageRun run);
 
     // A message of the daemon's own.
     void (*tell)(void* closure, Member* to, pelmoMsg* message);
 
-    // All that is routed, whether anybody listens or not; null where nobody wants it.
+    // All that is routed, whether anyone listens or not; null if it isn't wanted.
     void (*publish)(void* closure, MessageRun run);
 
     // The peer has left already; its owner ends the connection.
@@ -47,15 +47,15 @@ struct Peer {
     Member member;  // its owner is the peer's
 
     // The exchange's.
-    uint32_t serial;     // among all peers of the daemon
-    uint32_t starts;     // start messages that were right
-    uint32_t address;    // of the client, network order
-    uint16_t clientId;   // 0 until it has started
-    bool toldReserved;   // the log has told of a message on a reserved subject
-    bool toldInbox;      // and of an interest in an inbox of another
-    bool toldInterest;   // and of an interest too many
-    bool toldSend;       // and of a subject that matches too much
-    StartMessage start;  // the last one; its session may be empty
+    uint32_t serial;      // among all peers of the daemon
+    uint32_t starts;      // start messages that were right
+    uint32_t address;     // of the client, network order
+    uint16_t clientId;    // 0 until it has started
+    bool loggedReserved;  // a message on a reserved subject was logged
+    bool loggedInbox;     // and of an interest in an inbox of another
+    bool loggedInterest;  // and of an interest too many
+    bool loggedSend;      // and of a subject that matches too much
+    StartMessage start;   // the last one; its session may be empty
 };
 
 struct Exchange {
@@ -95,7 +95,7 @@ void exchangeLeave(Exchange* exchange, Peer* peer);
 // and keeps session and client id taken. False, and nothing has changed, without memory.
 [[nodiscard]] bool exchangePark(Exchange* exchange, Peer* from, Peer* to);
 
-// Null, or why the peer is to be cut off: it breaks the rules, and what came behind that in the
+// Null, or why the peer is to be cut off: it breaks the rules, and what came after that in the
 // batch is dropped. Constant text, for a log line that begins with the client.
 [[nodiscard]] const char* exchangeTake(Exchange* exchange, Peer* peer, MessageRun batch);
 
@@ -103,7 +103,7 @@ void exchangeLeave(Exchange* exchange, Peer* peer);
     return peer->clientId != 0;
 }
 
-// Tells those of the peer's realm, in which it is, who listen to it:
+// Sends an advisory to the members of the peer's realm that listen to its subject:
 // "_PM.KIND.SYSTEM.NAME.SESSION".
 struct Advisory {
     const char* kind;

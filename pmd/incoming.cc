@@ -31,7 +31,7 @@ IncomingKind kindOf(const uint8_t* value, const uint8_t* next) {
     }
 }
 
-// The packed subject behind the type of a field "sub"; null for one that is malformed or empty.
+// The packed subject after the type of a field "sub"; null for one that is malformed or empty.
 // Its size class and length were walked over already.
 const uint8_t* subjectIn(const uint8_t* type) {
     const uint8_t* field = type + 1;

@@ -1,8 +1,8 @@
 // What a message from a client is to the daemon: its kind, and the subject that it goes by. It is
 // read straight off the wire image, without an object and without a copy.
 //
-// Every field is walked to the end, so that nobody gets a message from here whose fields don't
-// walk; values other than the two that matter aren't looked at.
+// Every field is walked to the end, so that no message is delivered whose fields are malformed;
+// values other than the two that matter aren't looked at.
 //
 // Threads: pure functions.
 

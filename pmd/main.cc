@@ -1,6 +1,6 @@
 // pmd: a bus daemon for one machine, for trying, testing and demonstrating.
 //
-// Exit status: 0 at its end by itself or by SIGINT or SIGTERM, 1 where it can't start, 2 for a bad
+// Exit status: 0 at its end by itself or by SIGINT or SIGTERM, 1 if it can't start, 2 for a bad
 // command line.
 
 #include <malloc.h>
@@ -46,7 +46,7 @@ int askStandIn(const PmdOptions& options) {
 int run(const PmdOptions& options) {
     const sigset_t signals = stopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    // Neither a log that nobody reads nor one that is closed holds up or ends the clients.
+    // Neither a log without a reader nor one that is closed holds up or ends the clients.
     logBoundWaits(0);
     streamsOutliveFaults();
     std::string error;

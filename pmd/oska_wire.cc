@@ -84,7 +84,7 @@ bool oskaWireOpen(OskaWire* wire, const PmdOptions& options, std::string& error)
     clockNow(&now);
     oskaWriterInit(writer, source, options.oskaGroup, static_cast<uint32_t>(now.seconds), onPacket,
                    wire);
-    *wire = {.writer = writer, .descriptor = descriptor, .toldLeftOut = 0};
+    *wire = {.writer = writer, .descriptor = descriptor, .loggedLeftOut = 0};
     return true;
 }
 
@@ -97,8 +97,8 @@ void oskaWireClose(OskaWire* wire) {
 
 void oskaWireAdd(OskaWire* wire, std::span<const uint8_t> message, double now) {
     oskaWriterAdd(wire->writer, message, now);
-    if (wire->writer->leftOut == wire->toldLeftOut) return;
-    wire->toldLeftOut = wire->writer->leftOut;
+    if (wire->writer->leftOut == wire->loggedLeftOut) return;
+    wire->loggedLeftOut = wire->writer->leftOut;
     logPaced("a message is too long for packets and isn't on the wire");
 }
 

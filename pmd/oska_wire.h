@@ -5,7 +5,7 @@
 // the kernel in two pieces, which makes it sum up the bytes itself.
 //
 // Failure: oskaWireOpen gives one line. Packets that the system doesn't take are counted, and the
-// log tells of them at most once a second.
+// log reports them at most once a second.
 //
 // Threads: the owner serialises all calls.
 
@@ -21,7 +21,7 @@
 struct OskaWire {
     OskaWriter* writer;  // null while it isn't open
     int descriptor;
-    uint64_t toldLeftOut;
+    uint64_t loggedLeftOut;
 };
 
 [[nodiscard]] inline bool oskaWireIsOpen(const OskaWire* wire) {

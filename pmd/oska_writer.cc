@@ -28,7 +28,7 @@ void send(OskaWriter* writer, uint32_t payloadBytes, double now) {
     writer->send(writer->closure, {writer->packet, kOskaDataHeaderBytes + payloadBytes});
 }
 
-// Listeners compare numbers as they are: behind the last one a new epoch begins.
+// Listeners compare numbers as they are: after the last one a new epoch begins.
 void takeNumber(OskaWriter* writer) {
     if (writer->sequence == UINT32_MAX) {
         writer->epoch = kOskaEpochHasScid | (writer->epoch + 1);

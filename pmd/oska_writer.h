@@ -2,8 +2,8 @@
 //
 // Messages share a packet as long as they fit; one that is longer than a packet goes in parts, in
 // packets of its own. What was added leaves with oskaWriterFlush at the latest, which the owner
-// calls behind each batch. A sender that is idle tells by a null packet every few seconds that it
-// is alive, and how far its numbers have come.
+// calls after each batch. An idle sender shows by a null packet every few seconds that it is alive,
+// and its last sequence number.
 //
 // Ownership: messages are borrowed for the call. A packet is the function's for its call alone.
 //
@@ -18,7 +18,7 @@
 
 #include "lib/msg/oska.h"
 
-// What fits an Ethernet frame behind the headers of IP and UDP.
+// What fits an Ethernet frame after the headers of IP and UDP.
 inline constexpr uint32_t kOskaPacketBytes = 1472;
 inline constexpr uint32_t kOskaPayloadBytes = kOskaPacketBytes - kOskaDataHeaderBytes;
 
@@ -36,8 +36,8 @@ struct OskaWriter {
     void* closure;
 
     uint32_t epoch;
-    uint32_t sequence;          // of the last data packet; 0 ahead of the first
-    double reliabilitySeconds;  // told by null packets; the owner may change it
+    uint32_t sequence;          // of the last data packet; 0 before the first
+    double reliabilitySeconds;  // as in null packets; the owner may change it
     double lastSent;
 
     // Counts.
@@ -59,6 +59,6 @@ void oskaWriterInit(OskaWriter* writer,
 void oskaWriterAdd(OskaWriter* writer, std::span<const uint8_t> message, double now);
 void oskaWriterFlush(OskaWriter* writer, double now);
 
-// When the next null packet is due, and the packet, where it is.
+// When the next null packet is due; the tick writes it.
 [[nodiscard]] double oskaWriterDeadline(const OskaWriter* writer);
 void oskaWriterTick(OskaWriter* writer, double now);

@@ -1,16 +1,16 @@
-// Pacing: whether a sender is to be held up for those who get what it sends, and whether a receiver
-// that has fallen far behind is to be cut off.
+// Pacing: whether a sender is to be held up for the receivers of what it sends, and whether a
+// receiver that has fallen far behind is to be cut off.
 //
 // A sender waits while even the fastest of its receivers has more than the high mark waiting, and
 // goes on once that one is down to the low mark. It isn't held up for a receiver that takes less
 // than kPaceLeastBytes in kPaceTestSeconds: from then on messages pile up for that one, up to its
 // backlog.
 //
-// A receiver above its backlog is judged by what it takes. Those who send to it alone wait
-// meanwhile. It is cut off where it takes too little in kExcessTests tests on end: less than
-// kExcessLeastBytes, or less than is added by senders that don't wait for it; and where such
-// senders have kept it above its backlog for kExcessLongestSeconds. So nobody is cut off for one
-// large message, nor for messages of several senders at once, while it reads.
+// A receiver above its backlog is judged by what it takes. Senders to it alone wait
+// meanwhile. It is cut off if it takes too little in kExcessTests tests in a row: less than
+// kExcessLeastBytes, or less than is added by senders that don't wait for it; and if such senders
+// have kept it above its backlog for kExcessLongestSeconds. So no receiver that reads is cut off
+// for one large message, nor for messages of several senders at once.
 //
 // Threads: pure functions over the owner's record.
 //
@@ -62,7 +62,7 @@ struct Excess {
     double since;
     double testedAt;
     Backlog tested;
-    uint32_t badTests;  // on end
+    uint32_t badTests;  // in a row
     bool isOutrun;  // the owner's: since the last test something was added by a sender that goes on
 };
 

@@ -128,7 +128,7 @@ bool portOpen(const PmdOptions& options, const PortOps& ops, std::string& error)
 void portOffer(const PmdOptions& options) {
     logPrint("listening on %s", addressText(options).c_str());
     if (!options.permanent && !standInOffer(options.port, onHandOver)) {
-        logPrint("nobody can ask for this port: the local socket can't be had");
+        logPrint("no other daemon can ask for this port: the local socket can't be opened");
     }
 }
 

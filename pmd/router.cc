@@ -31,7 +31,7 @@ struct CachedMatch {
 }  // namespace
 
 // What a member listens to: the value of the lists. It outlives its member until its interest is
-// taken down, and then as long as nodes that it pays for stand.
+// taken down, and then as long as nodes that it pays for exist.
 struct Listener {
     SublistAccount account;  // of nodes of the realm's lists
     SublistAccount shaping;  // of nodes of its shapes
@@ -133,7 +133,7 @@ SubjectList* listOf(Realm* realm, const uint8_t* subject) {
     return subjectIsInbox(subject) ? realm->inboxes : realm->subjects;
 }
 
-// The elements of the claim ahead of its ">" begin all of the member's own inboxes.
+// The elements of the claim before its ">" begin all of the member's own inboxes.
 bool isOwnInbox(const Member* member, const uint8_t* subject) {
     if (member->claim == nullptr) return false;
     const size_t prefixBytes = subjectLength(member->claim) - kWildcardBytes;
@@ -314,7 +314,7 @@ bool reserve(CachedMatch& entry, uint32_t count) {
 }
 
 // A message on an inbox's subject has one owner; one on a pattern of inboxes would have all. False
-// where the match was given up.
+// if the match was given up.
 bool matchUncached(Realm* realm, const uint8_t* subject, Dpa** out) {
     SubjectList* list = listOf(realm, subject);
     *out = nullptr;

@@ -1,9 +1,9 @@
-// The router: who listens to what, and so who gets a message. It knows members by their records
-// and nothing of connections.
+// The router: which members listen to what, and so which get a message. It knows members by their
+// records and nothing of connections.
 //
 // Members of one service and network form a realm; a message never leaves its realm. Inboxes are
-// apart from all other subjects: only who listens to an inbox's own subjects gets what is sent to
-// it, no listener on ">" does.
+// apart from all other subjects: only a member that listens to an inbox's own subjects gets
+// what is sent to it; a listener on ">" doesn't.
 //
 //     router -> realm (service, network) -> list of subjects -> members
 //                                        -> list of inboxes  -> members
@@ -11,11 +11,11 @@
 //
 // Members choose what they listen to, so what one of them costs the others has bounds. Memory: the
 // interest of each and of all is counted in bytes, nodes of the lists included, which are charged
-// to the client that caused them for as long as they stand. Work: a match meets as many nodes at
+// to the client that caused them for as long as they exist. Work: a match meets as many nodes at
 // most as the patterns of all have places of "*", by which members are charged as well: a pattern's
 // shape is what is left of it with "x" for each other element, and the nodes of the tree of a
 // member's shapes are counted. Time: the interest of a member that has left is taken down in
-// pieces. A match of a subject that has wildcards itself is given up where it takes too long.
+// pieces. A match of a subject that has wildcards itself is given up if it takes too long.
 //
 // Ownership: the router owns its realms, which are there while they have members or interest of
 // members that left; the record of a member is its owner's and stays in place from routerJoin to
@@ -75,7 +75,7 @@ struct Router {
     Listener* leaving;       // those whose members have left, with interest to be taken down
     uint64_t bytes;          // of all interest
     uint32_t shapes;         // nodes of all shapes
-    uint32_t lastSteps;      // of the last match that was made anew
+    uint32_t lastSteps;      // of the last match that was computed again
     uint32_t wildcardSteps;  // left in this batch
 };
 
@@ -97,7 +97,7 @@ void routerLeave(Router* router, Member* member);
 bool routerSweep(Router* router);
 
 // All inboxes below "_INBOX.SESSION" become the member's; again for the same session changes
-// nothing. kStatusAlreadyExists where some of them are another member's: `*holder` is the one whose
+// nothing. kStatusAlreadyExists if some of them are another member's: `*holder` is the one whose
 // session is exactly this, or null. kStatusInvalidArgument for a member with another session, or a
 // text that doesn't pack.
 [[nodiscard]] pelmoStatus routerClaim(Member* member, const char* session, Member** holder);
@@ -110,7 +110,7 @@ void routerUnlisten(Member* member, const uint8_t* subject);
 // The messages that follow, of one sender, may take kMostWildcardSteps again.
 void routerBeginBatch(Router* router);
 
-// Those who get a message on that subject, each once; the sender is among them if it listens.
-// kStatusQueueLimit for a subject with wildcards whose match takes too many steps.
+// The members that get a message on that subject, each once; the sender is among them if it
+// listens. kStatusQueueLimit for a subject with wildcards whose match takes too many steps.
 using Receivers = std::span<Member* const>;
 [[nodiscard]] pelmoStatus routerMatch(Realm* realm, const uint8_t* subject, Receivers* out);

@@ -64,7 +64,7 @@ struct Server {
     SlowReaders slow PELMO_GUARDED_BY(daemonLock){};
     double shortAt PELMO_GUARDED_BY(daemonLock) = 0;  // when memory was last found short
 
-    // The copy of the run that is being delivered, empty while nobody needs one.
+    // The copy of the run that is being delivered, empty while no receiver needs one.
     const void* copiedRun PELMO_GUARDED_BY(daemonLock) = nullptr;
     Dpa* copies PELMO_GUARDED_BY(daemonLock) = nullptr;
 
@@ -138,7 +138,8 @@ void unlink(Client* client) PELMO_REQUIRES(daemonLock) {
     --server.clientCount;
 }
 
-// Tells the others: nothing goes to who has a fault. A session that may come back is told of later.
+// Reports the end to the others, but not to clients that have a fault. A session that may come back
+// is reported later.
 void leave(Client* client) PELMO_REQUIRES(daemonLock) {
     const char* const text = clientText(client);
     if (client->endName != nullptr && client->peer.member.realm != nullptr) {
@@ -234,8 +235,8 @@ void onPaceTick(uint32_t, pelmoMsg*, void*) {
     settle();
 }
 
-// Memory: too much in all is the end of who takes most of it. The next one isn't looked for until
-// what the last one had has been given back.
+// Memory: if all take too much, the client that takes most is cut off. The next one isn't chosen
+// until the memory of the last one has been freed.
 void relieve() PELMO_REQUIRES(daemonLock) {
     if (bufferBytesCounted() <= server.options.memoryBytes) return;
     const double now = clockSteadySeconds();
@@ -257,8 +258,8 @@ void relieve() PELMO_REQUIRES(daemonLock) {
 
 // What the exchange does
 
-// What is queued for one who is behind keeps no more memory than it needs. Without memory for a
-// copy it's the run itself.
+// What is queued for a receiver that is behind keeps no more memory than it needs. Without memory
+// for a copy it's the run itself.
 MessageRun runForLong(MessageRun run) PELMO_REQUIRES(daemonLock) {
     if (server.copiedRun != run.data()) {
         dropCopies();
@@ -301,7 +302,7 @@ void onCutOff(void*, Member* member, const char* why) PELMO_REQUIRES(daemonLock)
     doom(static_cast<Client*>(member->owner), why);
 }
 
-// What connections tell
+// What connections report
 
 void onOpened(Client* client) PELMO_REQUIRES(daemonLock) {
     exchangeEnter(&server.exchange, &client->peer, client, client->address);
@@ -422,7 +423,7 @@ void onTick(uint32_t, pelmoMsg*, void*) {
 
 // Start and stop
 
-// As many descriptors as the clients need, where the system lets us.
+// As many descriptors as the clients need, if the system allows it.
 void raiseDescriptorLimit(uint32_t clients) {
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -432,8 +433,8 @@ void raiseDescriptorLimit(uint32_t clients) {
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Clients on other machines are told the address that they reach us by only where we are bound to
-// it; a session's name wants it for no more than to be unique.
+// Clients on other machines learn the address that they reach the daemon by only if it is bound to
+// that one; a session's name needs it only to be unique.
 SessionGround groundOf(const PmdOptions& options) {
     TimeSpec now;
     clockNow(&now);

@@ -1,22 +1,22 @@
-// The daemon: it accepts clients, hands their messages to the exchange and what comes of that to
-// their queues, and ends whoever breaks the rules, doesn't come to terms in time, or reads too
+// The daemon: it accepts clients, hands their messages to the exchange and the results to their
+// queues, and cuts off clients that break the rules, don't start a session in time, or read too
 // slowly.
 //
 // A batch is one read of one client. All that it gives to a receiver is queued first and written at
 // its end, by one call of the system where that takes it; a message to a hundred clients is one
 // buffer in a hundred queues.
 //
-// Limits: a connection has kStartSeconds to start its session. Where more waits for a client than
-// the options allow, and it takes too little for a time (pmd/pacing.h), it is cut off, the log
+// Limits: a connection has kStartSeconds to start its session. If more waits for a client than the
+// options allow, and it takes too little for a time (pmd/pacing.h), it is cut off, the log
 // reports it, and so does an advisory to the others of its service:
-// "_PM.WARN.SYSTEM.CLIENT.SLOWREADER.SESSION". Where all messages in memory take more than the
+// "_PM.WARN.SYSTEM.CLIENT.SLOWREADER.SESSION". If all messages in memory take more than the
 // options allow, the client that takes most is cut off: "_PM.WARN.SYSTEM.CLIENT.MEMORY.SESSION".
 // The end of any client is reported as "_PM.INFO.SYSTEM.UNREACHABLE.TRANSPORT.SESSION": at once
 // after its close notice, else when its session hasn't come back for a time (pmd/absence.h). A
-// sender is paced by the fastest of those who get what it sends, as long as that one takes
-// something at all: so a stream faster than all its readers isn't their end, and a slow reader
-// among others holds nobody up. Without descriptors for more clients the daemon stops accepting
-// until there are some. What one client can make the log write is paced.
+// sender is throttled to its fastest receiver, unless that one has stalled: so a stream faster than
+// all its readers doesn't cut them off, and one slow reader doesn't hold up the others. Without
+// descriptors for more clients the daemon stops accepting until there are some. What one client can
+// make the log write is paced.
 //
 // Threads: one thread starts and stops it. The rest runs on the library's IO thread and timer
 // thread, under `daemonLock`.

@@ -7,7 +7,7 @@
 //     client -> daemon   64 bytes: its answer; each side answers the other until they agree
 //
 // The daemon has the last word: its frame of type 1 ends the handshake, and what the client sends
-// behind that belongs to the queue. So no more is read than serverHandshakeWants tells.
+// after that belongs to the queue. So no more is read than serverHandshakeWants says.
 //
 // Threads: no lock, no socket, no clock; the owner serialises all calls.
 
@@ -21,7 +21,7 @@
 enum class HandshakeVerdict : uint8_t {
     kGoOn,
     kAgreed,   // `frame` has the terms of the queue
-    kRefused,  // `fault` tells why
+    kRefused,  // `fault` says why
 };
 
 struct ServerHandshake {
@@ -41,8 +41,8 @@ using HandshakeBytes = std::span<const uint8_t>;
 // How many bytes may be read next: 1 to 64.
 [[nodiscard]] uint32_t serverHandshakeWants(const ServerHandshake* handshake);
 
-// At most so many. `*out` is what goes to the client ahead of all else, also of the end of a
-// refused one; empty for nothing.
+// At most so many. `*out` is sent to the client before anything else, also to one that is
+// refused; it may be empty.
 [[nodiscard]] HandshakeVerdict serverHandshakeTake(ServerHandshake* handshake,
                                                    HandshakeBytes bytes,
                                                    HandshakeBytes* out);

@@ -20,6 +20,6 @@ using MessageRun = std::span<pelmoMsg* const>;
 inline constexpr uint64_t kSparseTimes = 4;
 [[nodiscard]] bool runIsSparse(MessageRun run);
 
-// Appends messages with the same bytes, one behind the other in one buffer, to be released by the
+// Appends messages with the same bytes, one after the other in one buffer, to be released by the
 // caller. kStatusNoMemory, and nothing is appended.
 [[nodiscard]] pelmoStatus runCopy(MessageRun run, Dpa* out);

@@ -98,8 +98,8 @@ bool standInOffer(uint16_t port, bool (*handOver)()) {
 
 void standInEnd() {
     if (offer.event != kNoId) pelmoEvent_DestroyEx(std::exchange(offer.event, kNoId), nullptr);
-    // Nobody is kept waiting for an answer; the descriptor itself is closed with the process, since
-    // a callback may be using it.
+    // No asking daemon is kept waiting for an answer; the descriptor itself is closed with the
+    // process, since a callback may be using it.
     if (offer.descriptor >= 0) (void)shutdown(offer.descriptor, SHUT_RDWR);
 }
 

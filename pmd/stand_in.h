@@ -15,8 +15,8 @@
 
 #include <cstdint>
 
-// Waits to be asked on a thread of the library. `handOver` runs there for one who may ask, and
-// answers whether it no longer listens. False where the name can't be had.
+// Waits to be asked on a thread of the library. `handOver` runs there for a process that may ask,
+// and returns whether the daemon no longer listens. False if the name is taken.
 [[nodiscard]] bool standInOffer(uint16_t port, bool (*handOver)());
 void standInEnd();
 

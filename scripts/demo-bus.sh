@@ -48,7 +48,7 @@ listens() { (: <>"/dev/tcp/127.0.0.1/$port"); }
 says() { grep -q "$1" "$work/$2"; }
 runs() { kill -0 "$1" 2>/dev/null; }
 
-# The last table that tells of traffic, up to the next one.
+# The last table with traffic in it, up to the next one.
 last_report() { awk '/^Snapshot /{report = ""} {report = report $0 "\n"} / 239\./{found = report} END {printf "%s", found}' "$1"; }
 
 step "the daemon, on 127.0.0.1:$port, which also puts what it routes on $group:7500"

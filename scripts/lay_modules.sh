@@ -9,7 +9,7 @@
 #
 # Root may run this on a machine that it shares. So all work is done in one scratch folder, made once and
 # never removed before the end, and a package is unpacked only if its SHA-256 is in the table below. The
-# sum is taken of a private copy, so that nobody can exchange the file between the check and its use.
+# sum is taken of a private copy, so that the file can't be exchanged between the check and its use.
 set -euo pipefail
 shopt -s inherit_errexit
 

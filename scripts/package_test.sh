@@ -126,7 +126,7 @@ check_pelmoscope() {
         doc/pelmoscope/{OPERATING.md,CHANGELOG.md,copyright,pelmoscope.service,pmd.service,OpenSSL-1.1.1.txt}
 }
 
-# What the page is worth, tests of the build tell; here it's enough that the server answers with it.
+# The page itself is tested in the build; here it's enough that the server answers with it.
 check_pelmowatch() {
     same pelmowatch json --rows
     inside pelmowatch report -r - -o /tmp/page.html <samples/bus.pcap 2>"$work/log"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# pictures.sh [FOLDER]: makes the README's pictures anew: docs/pictures/page.png of the live page, from
+# pictures.sh [FOLDER]: makes the README's pictures again: docs/pictures/page.png of the live page, from
 # a quarter of an hour of a made-up bus, and docs/pictures/top.svg of the screen, from a sample capture.
 # scripts/setup.sh and a release build come first.
 set -euo pipefail

@@ -181,8 +181,8 @@ def make_judges():
     failed_case = re.compile(r"^(?:FAIL|ERROR): (\S+)")
     judges["pmd"] = program("pmd")
     judges["pmd as a program"] = Judge(
-        ["pmd", "many_clients"],
-        [sys.executable, tests / "e2e" / "pmd_test.py", "bin/pmd", "bin/many_clients"], failed_case)
+        ["pmd", "pelmobus"],
+        [sys.executable, tests / "e2e" / "pmd_test.py", "bin/pmd", "bin/pelmobus"], failed_case)
     judges["pmd on the wire"] = Judge(
         ["pmd", "pelmoscope"],
         [sys.executable, tests / "e2e" / "pmd_wire_test.py", "bin/pmd", "bin/pelmoscope"], failed_case)

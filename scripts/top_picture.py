@@ -36,34 +36,34 @@ STYLE = """
 
 
 def capture(watch):
-    """The screen as tmux tells it: lines of text with SGR sequences."""
+    """The screen as tmux reports it: lines of text with SGR sequences."""
     with tempfile.TemporaryDirectory() as folder:
         tmux = ["tmux", "-S", folder + "/tmux", "-f", "/dev/null"]
         environment = {**os.environ, "TZ": "UTC", "LC_ALL": "C.UTF-8"}
         environment.pop("NO_COLOR", None)
 
-        def told(*command):
+        def tmux_output(*command):
             return subprocess.run([*tmux, *command], check=True, capture_output=True, text=True,
                                   env=environment).stdout
 
         def wait_for(text):
             deadline = time.monotonic() + PATIENCE_SECONDS
-            while text not in told("capture-pane", "-p"):
+            while text not in tmux_output("capture-pane", "-p"):
                 if time.monotonic() > deadline:
-                    sys.exit("no %r on the screen:\n%s" % (text, told("capture-pane", "-p")))
+                    sys.exit("no %r on the screen:\n%s" % (text, tmux_output("capture-pane", "-p")))
                 time.sleep(0.05)
 
-        told("new-session", "-d", "-x", str(COLUMNS), "-y", str(LINES), "env", "TERM=screen-256color",
+        tmux_output("new-session", "-d", "-x", str(COLUMNS), "-y", str(LINES), "env", "TERM=screen-256color",
              os.path.abspath(watch), "top", *OPTIONS)
         try:
             wait_for(AT_END)
             for key, text in KEYS:
-                told("send-keys", key)
+                tmux_output("send-keys", key)
                 wait_for(text)
             time.sleep(0.3)
-            return told("capture-pane", "-e", "-N", "-p").split("\n")[:LINES]
+            return tmux_output("capture-pane", "-e", "-N", "-p").split("\n")[:LINES]
         finally:
-            told("kill-server")
+            tmux_output("kill-server")
 
 
 def pieces(line, attributes):

@@ -43,8 +43,8 @@ struct TraceSettings {
     bool displayPtp = false;
     bool displaySubjects = true;
     bool displayHostMsgs = false;
-    bool complain = false;      // log each fault of a packet
-    bool tellCutFrames = true;  // log each frame too small for its headers
+    bool complain = false;     // log each fault of a packet
+    bool logCutFrames = true;  // log each frame too small for its headers
 
     // Whether to count the senders of each subject. Output that reads them from Snapshots must set
     // it, as "-addrinfo" does.

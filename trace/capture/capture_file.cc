@@ -37,7 +37,7 @@ struct RecordHead {
 };
 static_assert(sizeof(RecordHead) == 16);
 
-// A capture file is a row of units: the file's head, then the frames, each behind its record head.
+// A capture file is a row of units: the file's head, then the frames, each after its record head.
 // The buffer begins with the rest of a unit where the file ends within one: at first that is the
 // whole of the file's head, later only what a pipe didn't take of a frame. Whole frames follow.
 struct CaptureFile {
@@ -52,7 +52,7 @@ struct CaptureFile {
     size_t usedBytes = 0;
     size_t restBytes = 0;  // what the buffer has of the unit that the file ends within
 
-    bool failing = false;  // the last write failed, and the log has told so
+    bool failing = false;  // the last write failed, and that was logged
     double retryTime = 0;  // steady seconds
     uint64_t lostFrames = 0;
     bool complete = true;
@@ -92,20 +92,20 @@ void noteLoss(uint64_t frames) {
     file.complete = false;
 }
 
-void tellFailing(int error) {
+void logFailing(int error) {
     file.retryTime = clockSteadySeconds() + kRetrySeconds;
     if (std::exchange(file.failing, true)) return;
     logPrint("failed to write save file '%s': %s; frames are lost until it can be written again.",
              traceSettings.writeFile, std::strerror(error));
 }
 
-void tellWorking() {
+void logWorking() {
     if (!std::exchange(file.failing, false)) return;
     logPrint("save file '%s' can be written again; %" PRIu64 " frames were lost.",
              traceSettings.writeFile, std::exchange(file.lostFrames, 0));
 }
 
-// How many of the buffer's bytes the system took; errno tells why it didn't take all.
+// How many of the buffer's bytes the system took; errno says why it didn't take all.
 size_t writeBuffer() {
     size_t doneBytes = 0;
     while (doneBytes < file.usedBytes) {
@@ -148,13 +148,13 @@ void writeOut() {
     if (doneBytes < file.usedBytes) {
         const int error = errno;
         keepRest(doneBytes);
-        tellFailing(error);
+        logFailing(error);
         return;
     }
     file.fileBytes += doneBytes;
     file.usedBytes = 0;
     file.restBytes = 0;
-    tellWorking();
+    logWorking();
 }
 
 // Room for a unit, by way of the disk if need be. A frame larger than the buffer gets a larger one.
@@ -165,7 +165,7 @@ bool makeRoom(size_t sizeBytes) {
     if (sizeBytes <= file.capacityBytes - file.usedBytes) return true;
     if (file.usedBytes != 0) return false;
     if (makeBuffer(sizeBytes)) return true;
-    tellFailing(ENOMEM);
+    logFailing(ENOMEM);
     return false;
 }
 
@@ -291,7 +291,7 @@ void captureFileClose() {
     dropBuffer();
     if (close(std::exchange(file.descriptor, -1)) == 0 || errno == EINTR) return;
     noteLoss(0);
-    tellFailing(errno);
+    logFailing(errno);
 }
 
 bool captureFileIsComplete() {

@@ -16,7 +16,7 @@ namespace {
 
 // Once the timer thread runs, only that touches these.
 NumberedRing ring = {};
-bool renameFails = false;  // the last rename failed, and the log has told so
+bool renameFails = false;  // the last rename failed, and that was logged
 
 bool fileReachesLimit() {
     const uint64_t sizeBytes = fileSize64(traceSettings.writeFile);

@@ -3,8 +3,8 @@
 //
 // The limit is a trigger, not a cap: the file grows by what arrives between two looks.
 //
-// Failure: logged. Where the rename fails the file goes on, beyond its limit, and each look tries
-// again; that is told once until a rename succeeds. A file that can't be opened anew ends saving
+// Failure: logged. If the rename fails the file goes on, beyond its limit, and each look tries
+// again; that is logged once until a rename succeeds. A file that can't be opened again ends saving
 // and rotation; analysis goes on.
 //
 // Threads: the timer thread alone. Takes `statsLock` for the whole of a rotation, so that no frame
@@ -17,7 +17,7 @@
 // What the name of a numbered file has room for, with its NUL. A longer one would be cut.
 inline constexpr size_t kCaptureNameBytes = 260;
 
-// Ahead of the first check, once the settings and the file stand: the numbers begin at 1.
+// Called before the first check, after the settings and the file are there: numbers begin at 1.
 void captureRotationStart();
 
 void onRotationTimer();

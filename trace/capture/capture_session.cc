@@ -119,8 +119,8 @@ const char* liveInterface(const char* name) {
 pcap_t* openLive(const char* interfaceName) {
     if (pcap_t* const capture = openWithRoom(interfaceName)) return capture;
 
-    // The second try leaves the buffer's size to libpcap. Where that wasn't the reason, it fails
-    // too, and its words tell the reason.
+    // The second try leaves the buffer's size to libpcap. If that wasn't the reason, it fails
+    // too, and its words give the reason.
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* const capture =
         pcap_open_live(interfaceName, kFullFrameBytes, kPromiscuous, kReadTimeoutMs, error);
@@ -193,7 +193,7 @@ void runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count) {
     if (ended < 0 && !savedCaptureIsBroken()) logPrint("pcap_loop: %s", pcap_geterr(capture));
 }
 
-// libpcap is told first: once the reading has stopped it shall not take that for the file's end.
+// libpcap first: once reading has stopped it must not take that for the end of the file.
 void breakCaptureLoop(pcap_t* capture) {
     pcap_breakloop(capture);
     savedCaptureBreak();

@@ -3,9 +3,9 @@
 //
 // Ownership: what the open calls give belongs to the caller. Texts are borrowed for the call.
 //
-// Failure: told in the log in libpcap's own words; the result says only that it failed.
+// Failure: logged in libpcap's own words; the result says only that it failed.
 //
-// Threads: opening and filtering on the main thread, ahead of the capture thread.
+// Threads: opening and filtering on the main thread, before the capture thread starts.
 
 #pragma once
 
@@ -35,7 +35,8 @@ constexpr int kFullFrameBytes = 1518;
 // at a time.
 [[nodiscard]] pcap_t* openOffline(const char* path);
 
-// Logs what a saved capture is. Frames that it may have cut short are told by a call of their own.
+// Logs what a saved capture is. Frames that it may have cut short are logged by a call of their
+// own.
 void describeSavefile(pcap_t* capture);
 void warnOfCutFrames(int snapshotBytes);
 
@@ -54,7 +55,7 @@ void warnOfCutFrames(int snapshotBytes);
 void runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count);
 
 // Ends the loop of a saved capture, and all further ones, within a quarter of a second; that is no
-// failure. Any thread; it may come ahead of the loop.
+// failure. Any thread; it may come before the loop.
 void breakCaptureLoop(pcap_t* capture);
 
 // Frames of a live source that were lost since it was opened: for lack of room in the system's
@@ -63,5 +64,5 @@ struct CaptureDrops {
     uint32_t kernel, interface;
 };
 
-// False where the system doesn't tell. One thread at a time.
+// False if the system doesn't report them. One thread at a time.
 [[nodiscard]] bool captureDrops(pcap_t* capture, CaptureDrops* out);

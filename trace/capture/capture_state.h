@@ -9,13 +9,13 @@
 #include <atomic>
 
 struct CaptureState {
-    // Constant once start-up is over, and written ahead of the capture thread.
+    // Constant once start-up is over, and written before the capture thread starts.
     pcap_t* captureHandle = nullptr;
     const char* interfaceName = nullptr;  // of a live source
     bool savingFrames = false;  // a capture file was opened; spares a run without one its lock
 
-    // Set once, first thing of the shutdown. It orders nothing, hence relaxed: whoever shares data
-    // with the shutdown meets it at the lock of that data.
+    // Set once, first thing of the shutdown. It orders nothing, hence relaxed: a thread that shares
+    // data with the shutdown synchronises by the lock of that data.
     std::atomic<bool> shuttingDown = false;
 };
 

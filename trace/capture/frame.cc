@@ -44,7 +44,7 @@ void reportNoIpHeader(Bytes frame, size_t leftBytes) {
 Bytes findIpPacket(Bytes frame, TimeSpec time) {
     if (frame.size() < kEthernetHeaderBytes) {
         countFault(Fault::kEthernetHeaderCut, time);
-        if (!traceSettings.tellCutFrames) return {};
+        if (!traceSettings.logCutFrames) return {};
         logPrint("%s", faultRow(Fault::kEthernetHeaderCut).format);
         return {};
     }
@@ -53,7 +53,7 @@ Bytes findIpPacket(Bytes frame, TimeSpec time) {
     const Bytes ip = isEthernet ? frame.subspan(kEthernetHeaderBytes) : frame;
     if (ip.size() < kIpHeaderBytes) {
         countFault(Fault::kIpHeaderCut, time);
-        if (traceSettings.tellCutFrames) reportNoIpHeader(frame, ip.size());
+        if (traceSettings.logCutFrames) reportNoIpHeader(frame, ip.size());
         return {};
     }
     return ip;

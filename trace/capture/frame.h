@@ -3,10 +3,10 @@
 //     0                 6            12          14
 //     | destination MAC | source MAC | Ethertype | IP header, 20 bytes ...
 //
-// Only Ethertype 0x0800 tells that an Ethernet header is there. Any other frame is handed on from
+// Only Ethertype 0x0800 marks an Ethernet header. Any other frame is handed on from
 // its first byte, which is how captures of bare IP are read: the link type isn't asked for.
 //
-// Failure: a frame too small for its headers is counted, logged (TraceSettings::tellCutFrames) and
+// Failure: a frame too small for its headers is counted, logged (TraceSettings::logCutFrames) and
 // dropped, after it was saved. One that can't be saved is handled like any other.
 //
 // Threads: whichever runs the capture loop. Takes `statsLock` around a write or a count, and calls

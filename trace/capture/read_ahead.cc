@@ -29,7 +29,7 @@ ssize_t readDescriptor(const ReadAhead& source, uint8_t* window) {
     return got;
 }
 
-// Moves the rest ahead of the window and fills that anew. What read(2) gives.
+// Moves the rest to before the window and fills the window again. Returns what read(2) does.
 ssize_t step(ReadAhead& source) {
     uint8_t* const window = source.bytes + kReadAheadMostHeldBytes;
     const size_t restBytes = readAheadHeld(source);

@@ -1,5 +1,5 @@
-// A source of bytes that is read in large steps, for two readers that take turns: one who wants the
-// bytes as they stand in the buffer, and libpcap, which wants a stream. Both go on at the same
+// A source of bytes that is read in large steps, for two readers that take turns: one that wants
+// the bytes as they are in the buffer, and libpcap, which wants a stream. Both go on at the same
 // place, wherever the other has stopped.
 //
 //     | room for a rest |          window          |
@@ -7,7 +7,7 @@
 //                begin                        end
 //
 // A step fills the window from its start, so that all steps through a file begin on a page of it. A
-// rest that is too short for whoever wants it first moves to just ahead of the window. A step takes
+// rest that is too short for its reader first moves to just before the window. A step takes
 // what the system has: a pipe's bytes are handed on as they come, and a file that grows is read to
 // where it ends at that moment.
 //
@@ -16,7 +16,7 @@
 //
 // The bytes come from a descriptor, or from a function that has its own source.
 //
-// Failure: the stream tells of the system's faults as streams do, by errno.
+// Failure: the stream reports the system's faults as streams do, by errno.
 //
 // Threads: no lock; one thread reads a source.
 
@@ -49,7 +49,7 @@ struct ReadAhead {
     std::atomic<bool>* stopped;
     std::atomic<bool> ownStopped;
 
-    const uint8_t* begin;  // of what nobody has taken yet
+    const uint8_t* begin;  // of what isn't taken yet
     const uint8_t* end;
     uint8_t bytes[kReadAheadMostHeldBytes + kReadAheadWindowBytes];
 };
@@ -57,8 +57,8 @@ struct ReadAhead {
 void readAheadBegin(ReadAhead& source, int descriptor);
 void readAheadBeginWith(ReadAhead& source, ReadAheadFunction readBytes, void* context);
 
-// Reads on until so many bytes, at most kReadAheadMostHeldBytes, stand from `begin` on. False where
-// the source ended or failed first; what there was stands there then.
+// Reads on until so many bytes, at most kReadAheadMostHeldBytes, are held from `begin` on. False if
+// the source ended or failed first; what it had is held then.
 [[nodiscard]] bool readAheadFill(ReadAhead& source, size_t sizeBytes);
 
 // Passes so many bytes over. False as above; all that there was has been passed over then.

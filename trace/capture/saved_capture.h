@@ -1,4 +1,4 @@
-// A saved capture: read ahead in large steps, its frames handed on as they stand in the buffer.
+// A saved capture: read ahead in large steps, its frames handed on as they are in the buffer.
 //
 // libpcap copies each frame out of a stream, by two calls of the C library. Nearly all captures are
 // of one plain kind that needs neither copy nor conversion: libpcap's classic format, version 2.4,
@@ -11,10 +11,10 @@
 // at the same place: captures of other kinds, records that are cut or too large, the end, and
 // faults, for which it has its own words. So the result is what libpcap alone would give.
 //
-// Ownership: a capture belongs to whoever opened it. The process has one buffer: one capture is
-// open at a time.
+// Ownership: a capture belongs to the caller that opened it. The process has one buffer: one
+// capture is open at a time.
 //
-// Threads: opening and filtering ahead of the loop; one thread runs it.
+// Threads: opening and filtering before the loop; one thread runs it.
 
 #pragma once
 

@@ -1,9 +1,9 @@
-// The faults of packets: one enumeration, and one table of what each is called. Whoever finds a
-// fault counts it here, and whatever log line tells of it has its words from here.
+// The faults of packets: one enumeration, and one table of what each is called. A fault is
+// counted here, and any log line about it has its words from here.
 //
 // A packet has a fault of one kind once at most, but may have several kinds. Most kinds make a
-// packet of the bus bad. Those of frames, and kUdpHeaderCut, are found ahead of the bus: nobody's
-// bad packet is counted for them.
+// packet of the bus bad. Those of frames, and kUdpHeaderCut, are found before the sender is known:
+// no sender's bad packets count them.
 //
 // Counts are part of the statistics (trace/counts/statistics.h); each snapshot copies and zeroes
 // them.
@@ -44,7 +44,7 @@ inline constexpr size_t kFaultKinds = 19;
 
 // Who logs the fault, and around which address.
 enum class FaultLine : uint8_t {
-    kFrame,    // the frame handler, in a line of its own (TraceSettings::tellCutFrames)
+    kFrame,    // the frame handler, in a line of its own (TraceSettings::logCutFrames)
     kPacket,   // "<text> from <address>", with "-complain"
     kMessage,  // "Invalid message from <address> - <text>", with "-complain"
 };

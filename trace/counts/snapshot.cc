@@ -123,7 +123,7 @@ Item* layOut(uintptr_t& at, size_t count) {
     return area;
 }
 
-// Lays out the areas in their order from address `at`. Returns the address behind them, which for
+// Lays out the areas in their order from address `at`. Returns the address after them, which for
 // `at` 0 is their size.
 uintptr_t layOutAreas(uintptr_t at, const Sizes& sizes, Places& places) {
     places.room = sizes;

@@ -94,11 +94,11 @@ struct SnapTotals {
 
 inline constexpr size_t kSnapNotReadKinds = 10;
 
-// What the source tells of itself. Whoever runs the source fills it in (trace/run/), for forms of
-// output that ask for it.
+// What the source reports about itself. The code that runs the source fills it in (trace/run/), for
+// forms of output that ask for it.
 struct SnapSource {
-    // Live: frames of the interval that were lost on their way to the tool. 0 where the system
-    // doesn't tell.
+    // Live: frames of the interval that were lost on their way to the tool. 0 if the system
+    // doesn't report them.
     uint64_t kernelDrops;     // no room in the system's buffer: the tool was too slow
     uint64_t interfaceDrops;  // by the interface or its driver
 
@@ -119,8 +119,8 @@ struct SnapHeader {
     SnapSource source;
     FaultCounts faults;
 
-    // What was counted and has no record here. Zeros in what snapshotTake gives; whoever adds up
-    // Snapshots may bound the number of records.
+    // What was counted and has no record here. Zeros in what snapshotTake gives; code that adds
+    // up Snapshots may bound the number of records.
     SnapTotals beyond;
 
     uint32_t portCount;

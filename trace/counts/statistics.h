@@ -201,7 +201,7 @@ void statsDestroy();
 [[nodiscard]] RlHostEntry* rlHostEntry(const HostPath& path);
 [[nodiscard]] PtpHostEntry* ptpHostEntry(const HostPath& path);
 
-// Finds the record of a host ahead of hostEntry, so that its memory accesses start early; null when
+// Finds the record of a host before hostEntry, so that its memory accesses start early; null when
 // hostEntry would create it. It marks nothing live.
 [[nodiscard]] inline HostEntry* knownHost(const HostPath& path) {
     return findHost<HostEntry>(statistics.hosts, path);

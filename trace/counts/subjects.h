@@ -1,7 +1,7 @@
 // The counters of a subject under a net, and of its senders.
 //
 // Every message touches its subject's record, which is therefore small: two counters with the
-// subject right behind them (lib/containers/subject_map.h), for most subjects one cache line.
+// subject right after them (lib/containers/subject_map.h), for most subjects one cache line.
 // Senders are counted only when a setting asks for it (TraceSettings::countSenders). A subject
 // often has two to four senders, and forged packets can give it any number. They are in one growing
 // array, which is searched linearly while it is short and by an index when it is long.

@@ -24,7 +24,7 @@ constexpr struct LastBytes {
     }
 } kLastBytes;
 
-// Takes at least one vector, and an even number of bytes. What is left behind the whole vectors is
+// Takes at least one vector, and an even number of bytes. What is left after the whole vectors is
 // taken by one more that ends with the data; it overlaps the one before it, and the bytes that were
 // summed there are masked out.
 template <typename Lanes>

@@ -12,6 +12,6 @@
 // other than 0, it is 0xffff if that is right, and no other number.
 [[nodiscard]] uint16_t udpChecksum(const uint8_t* data, size_t byteCount, uint32_t* accumulator);
 
-// Whether vectors of 32 bytes are used, AVX2, or of 16: what the processor has, found out ahead of
+// Whether vectors of 32 bytes are used, AVX2, or of 16: what the processor has, found out before
 // main. A test may clear it.
 extern bool checksumWide;

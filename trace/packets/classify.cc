@@ -46,7 +46,7 @@ Extent settleExtent(const uint8_t* ip, size_t length, uint32_t srcIp) {
 }
 
 // One pass over addresses and datagram, its checksum field included. The addresses of the
-// pseudo-header stand right ahead of the UDP header; its other two words are the protocol and once
+// pseudo-header are right before the UDP header; its other two words are the protocol and once
 // more the length.
 bool checksumHolds(const uint8_t* ip, size_t udpLength) {
     uint32_t sum = uint32_t{hostOrder16(kProtocolUdp)} + loadNet16At(ip + kUdpLengthOffset);

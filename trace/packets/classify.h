@@ -10,7 +10,7 @@
 // The tool watches, it drops nothing: once the magic has matched, a faulty packet is counted by its
 // type and marked bad. Traffic that isn't the bus's leaves after two tests and a compare.
 //
-// Failure: none is answered. Faults are counted by kind (trace/counts/faults.h) and told with
+// Failure: none is returned. Faults are counted by kind (trace/counts/faults.h) and logged with
 // "-complain".
 //
 // Threads: analyzePacket takes `statsLock` for one packet; classifyPacket wants it held, or a run

@@ -14,8 +14,8 @@ constexpr size_t kReliableNullHeaderBytes = 32;
 constexpr uint16_t kFragmentWhole = 0;
 constexpr uint16_t kFragmentRunsOn = 1;
 
-// The record that the packet counts under, marked live ahead of every check: even a packet that
-// proves too short brings its sender into the report. Null where memory ran out.
+// The record that the packet counts under, marked live before every check: even a packet that
+// proves too short brings its sender into the report. Null if memory ran out.
 HostEntry* findSender(const OskaPacket& packet) {
     HostEntry* host = packet.sender != nullptr ? packet.sender : hostEntry(senderPath(packet));
     if (host != nullptr) markLive(*host);

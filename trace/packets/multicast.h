@@ -1,6 +1,7 @@
-// Multicast data and null packets, and packets of a type that nobody knows: all that counts under
-// the sender of a net. The handlers follow each sender's sequence numbers, tell new data from
-// repeated data, count what went missing, and hand the payload of new data to the message scan.
+// Multicast data and null packets, and packets of an unknown type: all that counts under
+// the sender of a net. The handlers follow each sender's sequence numbers, distinguish new data
+// from repeated data, count what went missing, and hand the payload of new data to the message
+// scan.
 //
 //     0 ... 20    24      28       30         32
 //     | start ... |       | length | fragment | data ...      data

@@ -17,7 +17,7 @@ struct OskaPacket {
     uint32_t dstIp;
     uint16_t dstPort;
     int16_t type;
-    Cursor header;  // stands on the magic; ends with the packet, or where the capture cut it
+    Cursor header;  // at the magic; ends with the packet, or where the capture cut it
     bool complete;  // false where the capture cut the datagram
     bool bad;       // IP or UDP had a fault
 

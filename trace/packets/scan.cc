@@ -17,7 +17,7 @@ constexpr uint8_t kSubjectName[] = {'s', 'u', 'b', 0};
 enum class Walk {
     kGoOn,
     kEnd,    // nothing more can be read, and that is no fault
-    kFault,  // told
+    kFault,  // logged
 };
 
 struct Message {

@@ -9,7 +9,7 @@
 // which counts itself; all else is a fault. The subject is a field of type 2 whose name is "sub".
 //
 // Whole packets are scanned strictly: every message must end inside. Otherwise a shortfall just
-// ends the walk. Faults are told with "-complain"; what was charged ahead of one stays charged.
+// ends the walk. Faults are logged with "-complain"; what was charged before one stays charged.
 //
 // Threads: under `statsLock`.
 

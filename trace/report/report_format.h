@@ -1,7 +1,7 @@
 // Fields and columns of the report's rows. Tables are described by data: a column is a width and
 // the counters that it shows, a table is a title and its columns.
 //
-// Every append writes at `at`, without a NUL, and returns the place behind what it wrote. Numbers
+// Every append writes at `at`, without a NUL, and returns the place after what it wrote. Numbers
 // are right-aligned in their width; a wider one takes the room that it needs, as with printf. The
 // caller provides the room: kRowBytesMax holds any row.
 //

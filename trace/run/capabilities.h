@@ -1,7 +1,7 @@
 // The capabilities of the process (capabilities(7)). Capture takes two, CAP_NET_RAW and
 // CAP_NET_ADMIN; a file takes none.
 //
-// Failure: kStatusNotPermitted, and a line in the log; the system refuses nobody who gives up
+// Failure: kStatusNotPermitted, and a line in the log; the system never refuses to give up
 // rights.
 //
 // Threads: before all threads but the main one: capabilities belong to threads.

@@ -15,7 +15,7 @@
 
 #include "trace/settings.h"
 
-// Fills `traceSettings` from the arguments behind the program's name. A bad command line ends the
+// Fills `traceSettings` from the arguments after the program's name. A bad command line ends the
 // process by printUsage.
 void parseArguments(int argc, char* const* argv);
 

@@ -12,7 +12,7 @@ namespace {
 
 bool isLossTold = false;
 
-void tellBegin(TimeSpec time) {
+void logBegin(TimeSpec time) {
     CalendarTime begin;
     calendarFrom(time.seconds, &begin);
     logPrint("Savefile begins at %04d/%02d/%02d-%02d:%02d:%02d\n", begin.year, begin.month,
@@ -36,4 +36,4 @@ void print(SnapHeader* snapshot) {
 }  // namespace
 
 const SnapshotSink kReportSink = {
-    .begin = tellBegin, .take = print, .end = checkOutput, .wantsSource = false};
+    .begin = logBegin, .take = print, .end = checkOutput, .wantsSource = false};

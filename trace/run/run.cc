@@ -59,7 +59,7 @@ pelmoStatus describeSource() {
     return kStatusSuccess;
 }
 
-pelmoStatus tellFilter() {
+pelmoStatus printFilter() {
     std::printf("Using filter %s\n", traceSettings.filterText);
     std::fflush(stdout);
     return kStatusSuccess;
@@ -92,7 +92,7 @@ pelmoStatus startRotationTimer() {
     return startTimer<onRotationTimer>(kRotationCheckSeconds);
 }
 
-// The order is what operators see in the log, and each step stands on those ahead of it.
+// The order is what operators see in the log, and each step needs those before it.
 constexpr StartStep kStartSteps[] = {
     {kEitherMode, outliveFileLimit},
     {kEitherMode, validateLogRotation},
@@ -106,7 +106,7 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, describeSource},
     {kLiveOnly, outliveReaders},
     {kEitherMode, openCaptureFile},
-    {kEitherMode, tellFilter},
+    {kEitherMode, printFilter},
     {kEitherMode, filterSource},
     {kLiveOnly, markStart},
     {kEitherMode, capabilitiesKeepOfTool},
@@ -132,8 +132,8 @@ void runLive() {
     waitForStop(boundEnd);
 }
 
-// The capture thread isn't joined: a frame in flight may still want to be saved or counted. Behind
-// this turn at the lock it finds no file open, and nobody reads what it counts.
+// The capture thread isn't joined: a frame in flight may still want to be saved or counted. After
+// this turn at the lock it finds no file open, and what it counts isn't read.
 void closeCaptureFile() {
     const LockGuard guard(statsLock);
     captureFileClose();
@@ -148,7 +148,7 @@ void judgeCaptureFile() {
     logPrint("save file '%s' isn't complete.", traceSettings.writeFile);
 }
 
-// A live run ends because it was asked to, whatever it lost and told meanwhile.
+// A live run ends because it was asked to, whatever it lost and logged meanwhile.
 void markLostLines() {
     if (!traceSettings.liveCapture && logHasLoss()) endMarkFailed();
 }
@@ -175,7 +175,7 @@ void stopTrace() {
 
 int traceMain(int argc, char** argv) {
     holdStandardStreams();
-    if (secureBindAll(argv) != kStatusSuccess) return 1;  // it has told why
+    if (secureBindAll(argv) != kStatusSuccess) return 1;  // it has logged why
     logSetProgramName(kProgramName);
     parseArguments(argc, argv);
     logPrint(kBanner);

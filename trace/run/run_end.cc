@@ -9,7 +9,7 @@
 
 namespace {
 
-// The threads that set it are joined, or left behind on purpose, before it is read. A signal
+// The threads that set it are joined, or abandoned on purpose, before it is read. A signal
 // handler may read it.
 std::atomic<bool> failed = false;
 

@@ -9,16 +9,16 @@ SnapshotSink snapshotSink;
 
 namespace {
 
-// What the source had told by the last Snapshot that was handed on.
-CaptureDrops toldDrops;
+// What the source had reported by the last Snapshot that was handed on.
+CaptureDrops reportedDrops;
 
 // libpcap's numbers wrap around at 32 bits.
 void fillDrops(SnapSource& source) {
     CaptureDrops drops{};
     if (!captureDrops(captureState.captureHandle, &drops)) return;
-    source.kernelDrops = drops.kernel - toldDrops.kernel;
-    source.interfaceDrops = drops.interface - toldDrops.interface;
-    toldDrops = drops;
+    source.kernelDrops = drops.kernel - reportedDrops.kernel;
+    source.interfaceDrops = drops.interface - reportedDrops.interface;
+    reportedDrops = drops;
 }
 
 void fillSource(SnapSource& source) {

@@ -1,7 +1,7 @@
 // Where the Snapshots of a run go: a program's own table of functions. The tool's prints reports
 // (trace/run/report_output.h).
 //
-// Threads: set ahead of the start of a run. Its functions are called on the main thread of an
+// Threads: set before the start of a run. Its functions are called on the main thread of an
 // offline run and on the timer thread of a live one, one at a time, with no lock held.
 
 #pragma once
@@ -30,5 +30,5 @@ extern SnapshotSink snapshotSink;
 
 // Takes the Snapshot of all that was counted by `time` and hands it to the sink. Without memory for
 // one nothing is handed on, and the next covers both intervals. Frames for a capture file are
-// handed to the system ahead of it.
+// handed to the system before it.
 void snapshotHandOn(TimeSpec time);

@@ -1,5 +1,5 @@
 // The steps of a run's start that programs have in common. Each program has a table of its own,
-// since their order is what its operators see, and each step stands on those ahead of it.
+// since their order is what its operators see, and each step needs those before it.
 //
 // Failure: a step's status; what is wrong is in the log. Nothing is undone: the end of the process
 // takes what was opened.
@@ -28,16 +28,16 @@ inline constexpr bool kEitherMode = false;
 // number to the next one.
 void holdStandardStreams();
 
-// SIGXFSZ and SIGPIPE come with a write that fails, and the failed write is told anyway: a limit of
-// a file's size is a full disk like any other, and a reader that goes away is for the program to
-// judge.
+// SIGXFSZ and SIGPIPE come with a write that fails, and the failed write is reported anyway: a
+// limit of a file's size is a full disk like any other, and a reader that goes away is for the
+// program to judge.
 [[nodiscard]] pelmoStatus outliveFileLimit();
 [[nodiscard]] pelmoStatus outliveReaders();
 
 // The source of `traceSettings`, into `captureState`. kStatusNotInitialized.
 [[nodiscard]] pelmoStatus openSource();
 
-// A refused filter has told its fault; the run goes on with all traffic.
+// A refused filter has logged its fault; the run goes on with all traffic.
 [[nodiscard]] pelmoStatus filterSource();
 
 // From here the first Snapshot of a live run counts.

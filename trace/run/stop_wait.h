@@ -14,7 +14,7 @@
 // the first, or later, ends the process by itself.
 //
 // Failure: what making the pair answers, and nothing is armed: stopWaitRun returns at once. So does
-// it where a broken pair has no timer either, which the log tells.
+// it if a broken pair has no timer either, which is logged.
 //
 // Threads: one thread inits, runs and cleans up, with the library open. The callback runs on the
 // library's threads or the waiting one, with no lock held.
@@ -33,7 +33,7 @@ void stopWaitAsk();
 
 // Returns when the program is to stop: was it a signal? Signals don't kill from the clean-up on,
 // but for those that come a second late: what is open can be closed in peace. A wait that is
-// cleaned up can be armed anew.
+// cleaned up can be armed again.
 [[nodiscard]] bool stopWaitRun();
 void stopWaitCleanup();
 

@@ -175,7 +175,7 @@ int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
     logSetProgramName(kWatchName);
     run.form = &optionsParse(argc, argv, forms);
     snapshotSink = kSink;
-    traceSettings.tellCutFrames = false;  // forms show how many there were
+    traceSettings.logCutFrames = false;  // forms show how many there were
 
     const pelmoStatus status = startInOrder(kStartSteps);
     if (status != kStatusSuccess) {

@@ -64,16 +64,6 @@ TEST_F(CaptureFile, HasWholeFramesOnAFullDiskAndGoesOn) {
     EXPECT_FALSE(captureFileIsComplete());
 }
 
-TEST_F(CaptureFile, IsOnlyCompleteWithItsLastFrame) {
-    for (const char* const where : {"save", "/dev/full"}) {
-        open(where);
-        save(0, 1);
-        captureFileClose();
-        EXPECT_EQ(captureFileIsComplete(), where[0] != '/');
-    }
-    EXPECT_EQ(run.logged().size(), 1u);
-}
-
 TEST_F(CaptureFile, TakesFramesLargerThanItsBuffer) {
     constexpr bpf_u_int32 kHugeBytes = 200'000;
     open("save");

@@ -38,20 +38,6 @@ struct CaptureRotation : SavingRun {
     static void saveFullFile(char mark) { save(kFrameBytes, mark); }
 };
 
-TEST_F(CaptureRotation, WaitsForTheLimitAndThenForTheNext) {
-    rotations(3);
-    save(kFrameBytes - 1, 'a');
-    onRotationTimer();
-    EXPECT_EQ(folder.names(), Names({"cap"}));
-
-    save(20, 'b');
-    for (int ticks = 0; ticks < 2; ++ticks) {
-        onRotationTimer();
-        EXPECT_EQ(folder.names(), Names({"cap", "cap1"}));
-        EXPECT_EQ(readFile(folder.path("cap1")).back(), 'b');
-    }
-}
-
 TEST_F(CaptureRotation, SeesASizeThatThePositionDoesNotShow) {
     rotations(1);
     ASSERT_EQ(truncate(path.c_str(), kLimitBytes), 0);
@@ -73,13 +59,6 @@ TEST_F(CaptureRotation, SparesTheFileAndTriesAgainWhenTheRenameFails) {
     rmdir(folder.path("cap1").c_str());
     onRotationTimer();
     EXPECT_EQ(readFile(folder.path("cap1")).size(), 2 * kLimitBytes - kCaptureHeadBytes);
-
-    // Where there is nothing to spare, a new file begins.
-    saveFullFile('b');
-    unlink(path.c_str());
-    onRotationTimer();
-    EXPECT_EQ(run.logged().size(), 1u);
-    EXPECT_EQ(readFile(path), captureText({}));
 }
 
 TEST_F(CaptureRotation, EndsSavingWhenTheFileCannotBeOpenedAnew) {
@@ -151,18 +130,6 @@ TEST_F(CaptureRotation, LosesNoFrameThatComesMeanwhile) {
         savedFrames += recordBytes / kSavedBytes;
     }
     EXPECT_EQ(savedFrames, frames);
-}
-
-TEST_F(CaptureRotation, LeavesFramesAndFileAloneInTheShutdown) {
-    rotations(1);
-    saveFullFile('a');
-    captureState.shuttingDown = true;
-    EXPECT_FALSE(handleFrame(Bytes(20)));
-    EXPECT_FALSE(handleFrame({}));  // nor is it told that there is too little of it
-    EXPECT_EQ(run.logged(), Lines());
-    EXPECT_EQ(captureFileBytes(), kLimitBytes);
-    onRotationTimer();
-    EXPECT_EQ(folder.names(), Names({"cap"}));
 }
 
 }  // namespace

@@ -67,24 +67,6 @@ TEST(Snapshot, SweepsSubjectsThatFellSilentUnderALivePort) {
     EXPECT_EQ(subjects(), Lines{"F"});
 }
 
-TEST(Snapshot, SweepsFromAnyPlace) {
-    for (unsigned keep = 0; keep < 64; ++keep) {
-        TraceRun run;
-        Lines expected;
-        for (uint32_t round = 0; round < 2; ++round) {
-            for (unsigned i = 0; i < 6; ++i) {
-                if (round == 1 && (keep >> i & 1) == 0) continue;
-                const std::string name(1, static_cast<char>('A' + i));
-                analyze({data({.seq = round * 6 + i + 1}, name.c_str())});
-                if (round == 1) expected.push_back("  subject " + name);
-            }
-            if (round == 1) analyze({nullPacket({}, {})});
-            (void)take();
-        }
-        EXPECT_EQ(treeText("  subject"), expected) << keep;
-    }
-}
-
 void feedHosts(uint32_t count, uint32_t seq) {
     for (uint32_t i = 0; i < count; ++i) {
         analyze({data({.srcIp = ipv4(10, 1, 0, 0) + i, .seq = seq})});
@@ -116,14 +98,6 @@ TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
     EXPECT_EQ(snapshotCapacity(), capacity);
     feedHosts(3, ++seq);
     EXPECT_EQ(onlyNet(*take()).hostCount, 3u);
-}
-
-TEST(Snapshot, HalvesOnlyBelowHalf) {
-    TraceRun run;
-    for (const auto& [sizeBytes, capacity] : {std::pair{16384u, 32768u}, {16383u, 16384u}}) {
-        EXPECT_NE(snapshotStorage(sizeBytes), nullptr);
-        EXPECT_EQ(snapshotCapacity(), capacity);
-    }
 }
 
 TEST(Snapshot, AllocatesNothingInTheSteadyState) {
@@ -211,43 +185,6 @@ TEST(Snapshot, IsTakenInPartsWhereMemoryRunsOut) {
         EXPECT_EQ(statistics.live.subjects + statistics.live.senders, 0u);
         EXPECT_EQ(statistics.live.subjectBytes, 0u);
     }
-}
-
-TEST(Snapshot, CoversBothIntervalsAfterOneThatFoundNoMemoryAtAll) {
-    TraceRun run;
-    snapshotSetStart({1, 0});
-    analyze({data({}, "A"), data({.seq = 2}, "B")});
-    (void)take(2);
-    analyze({data({.seq = 3}, "B")});
-    snapshotStorageFree();
-    {
-        const FailAlloc fail{.after = 0, .forGood = true};
-        EXPECT_EQ(snapshotTake({3, 0}), nullptr);
-    }
-    EXPECT_EQ(run.logged(), Lines{"Out of memory allocating snapshot storage"});
-    EXPECT_EQ(treeText("  subject").size(), 1u);
-
-    analyze({data({.seq = 4}, "B")});
-    const SnapHeader* snapshot = take(4);
-    EXPECT_EQ(snapshot->prevTime, (TimeSpec{2, 0}));
-    EXPECT_EQ(snapshot->packets, 2u);
-    const SnapNet& net = onlyNet(*snapshot);
-    ASSERT_EQ(net.subjectCount, 1u);
-    EXPECT_EQ(net.subjects[0].msgs, 2u);
-    EXPECT_EQ(net.subjects[0].hosts[0].bytes, 42u);
-}
-
-TEST(Snapshot, KeepsABlockThatCantShrink) {
-    TraceRun run;
-    {
-        const FailAlloc fail{.after = 0};
-        EXPECT_NE(snapshotTake({}), nullptr);
-        EXPECT_EQ(allocationsFailed(), 1u);
-    }
-    EXPECT_EQ(snapshotCapacity(), 32768u);
-    EXPECT_EQ(run.logged(), Lines());
-    (void)take();
-    EXPECT_EQ(snapshotCapacity(), 16384u);
 }
 
 }  // namespace

@@ -53,28 +53,4 @@ TEST(PacketPipeline, CountsAsIfNothingHadWaited) {
     EXPECT_EQ(treeOf(packetEnter), treeOf(classifyPacket));
 }
 
-TEST(PacketPipeline, HoldsBackOnlyWhatNobodyWouldMiss) {
-    const Bytes small = nullPacket(senderHead(1), {});
-    const Bytes large = dataPacket(senderHead(1), busMessage("LARGE", 600));
-    const struct {
-        bool complain, many;
-        const Bytes& packet;
-        bool waits;
-    } cases[] = {
-        {false, true, small, true},
-        {false, true, large, false},
-        {false, false, small, false},
-        {true, true, small, false},
-    };
-    for (const auto& [complain, many, packet, waits] : cases) {
-        TraceRun run(complain);
-        if (many) meetManySenders();
-        const uint32_t before = statistics.oskaPackets;
-        packetEnter({}, packet.data(), packet.size());
-        EXPECT_EQ(statistics.oskaPackets == before, waits);
-        packetsSettle();
-        EXPECT_EQ(statistics.oskaPackets, before + 1);
-    }
-}
-
 }  // namespace

@@ -35,12 +35,9 @@ TEST(SettingsCheck, RefusesFiltersThatTakeTooLongToCompile) {
         const char* refused = nullptr;  // none: accepted
     } cases[] = {
         {"", 100, 100},
-        {"", 250, 0},
         {"", 10000, 0, kLists},
-        {std::string(3000, ' ') + "udp"},
         {repeated(" or (((((udp)))))", 200)},
         {repeated(" or host 10.0.0.1", 10000), 0, 0, "-filter"},
-        {std::string(100000, '(')},                     // nor this
         {"no filter at all" + std::string(2000, ' ')},  // libpcap refuses it later
     };
     for (const auto& [filter, addrs, ports, refused] : cases) {

@@ -14,7 +14,6 @@
 
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/test.h"
 #include "tests/support/trace_run.h"
 
@@ -108,27 +107,6 @@ TEST_F(StopWait, WakesWhoWaitsAndCallsBackOnce) {
         kill(getpid(), SIGTERM);
     waiting.join();
     EXPECT_EQ(callbacksAtASignal(), 1);
-}
-
-TEST_F(StopWait, NeedsTheLibrary) {
-    pelmo_Close();
-    EXPECT_EQ(stopWaitInit(nullptr), kStatusNotInitialized);
-    (void)stopWaitRun();
-    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-    ASSERT_EQ(stopWaitInit(nullptr), kStatusSuccess);
-    EXPECT_EQ(stopWaitInit(nullptr), kStatusNotPermitted);
-}
-
-TEST_F(StopWait, EachAllocationOfItsStartMayFail) {
-    const size_t failing = eachAllocationFails([] {
-        const pelmoStatus status = stopWaitInit(nullptr);
-        allocationsHeal();
-        EXPECT_TRUE(status == kStatusSuccess || allocationsFailed() > 0);
-        if (status == kStatusSuccess) raise(SIGINT);
-        (void)stopWaitRun();
-        stopWaitCleanup();
-    });
-    EXPECT_GT(failing, 3u);
 }
 
 // The timer of a second finds the signal that no pair could carry.

@@ -1,0 +1,292 @@
+// Any bytes from outside into what reads them first. The first byte of an input chooses the reader.
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "lib/base/bytes.h"
+#include "lib/containers/subject.h"
+#include "lib/containers/sublist.h"
+#include "lib/msg/envelope_internal.h"
+#include "lib/msg/message_internal.h"
+#include "lib/transport/circuit/circuit_count.h"
+#include "lib/transport/circuit/circuit_handshake.h"
+#include "lib/transport/daemon/interest.h"
+#include "lib/transport/daemon/session.h"
+#include "lib/transport/daemon/specification.h"
+#include "lib/transport/ipq/hello.h"
+#include "tests/fuzz/fuzz.h"
+#include "tests/support/stream_run.h"
+
+namespace {
+
+using Input = std::span<const uint8_t>;
+
+// A message with these bytes as its fields; the caller's.
+pelmoMsg* messageAround(Input fields) {
+    constexpr size_t kHeadBytes = 8;
+    const auto sizeBytes = static_cast<uint32_t>(kHeadBytes + fields.size());
+    Buffer* buffer = bufferCreate(sizeBytes);
+    require(buffer != nullptr);
+    storeBe32At(buffer->data, sizeBytes);
+    storeBe32At(buffer->data + 4, kMessageMagic);
+    std::copy(fields.begin(), fields.end(), buffer->data + kHeadBytes);
+    pelmoMsg* message = nullptr;
+    require(msgCreateOverBuffer(&message, buffer, 0) == kStatusSuccess);
+    bufferRelease(buffer);
+    return message;
+}
+
+// A hello frame: the answer agrees to nothing above our own limits, and both sides come to an end
+// within a few frames.
+void tryHello(Input data) {
+    HelloFrame frame = {};
+    std::memcpy(frame.bytes, data.data(), std::min<size_t>(data.size(), kHelloBytes));
+    constexpr int kMostFrames = 4;
+    for (int frames = 0;; ++frames) {
+        require(frames < kMostFrames);
+        ipqHelloNegotiate(&frame);
+        const HelloTerms terms = helloRead(frame);
+        if (terms.type == kHelloRefused) return;
+        require(terms.type == kHelloAgreed || terms.type == kHelloCounter);
+        require(terms.version == kHelloVersion && terms.format == kHelloFormat);
+        require(terms.limitA <= kHelloMostBytes && terms.limitB <= kHelloMostBytes);
+        if (terms.type == kHelloAgreed) return;
+    }
+}
+
+// A session that has a name has inboxes of its own, and no others.
+void checkSessionName(SessionReply reply) {
+    if (reply.gob[0] == 0) sessionMakeGob(reply.gob, {&reply, 1, 2});
+    char session[kMostSessionChars + 1];
+    const SessionParts parts = {.address = reply.address,
+                                .directPort = reply.port,
+                                .clientId = reply.clientId,
+                                .gob = reply.gob};
+    if (sessionName(session, parts) != kStatusSuccess) return;
+    uint8_t inboxes[kSubjectMaxBytes];
+    require(interestOwnInboxes(inboxes, session) == kStatusSuccess);
+    const uint32_t elements = subjectElementCount(inboxes);
+    require(elements > 2 && std::strcmp(subjectElement(inboxes, elements), ">") == 0);
+    for (uint32_t i = 1; i < elements; ++i) {
+        require(std::strcmp(subjectElement(inboxes, i), "*") != 0);
+        require(std::strcmp(subjectElement(inboxes, i), ">") != 0);
+    }
+}
+
+// A daemon's reply to a start message, and the name of the session that it makes.
+void tryReply(Input data) {
+    const HeldMessage message(messageAround(data));
+    SessionReply reply;
+    if (sessionReadReply(&reply, message.get()) == kStatusSuccess) checkSessionName(reply);
+}
+
+// The stream of a connection: split at random, or taken unit by unit, it gives the same messages
+// and the same verdict as in large pieces.
+void tryStream(Input data) {
+    constexpr uint32_t kMostMessageBytes = 0x30000;
+    if (data.size() < 2) return;
+    uint32_t seed = data[0] * 256u + data[1];
+    const std::string_view stream(reinterpret_cast<const char*>(data.data()) + 2, data.size() - 2);
+    const uint32_t smallBuffer = 8 + seed % 512;
+    const auto whole = [] { return kMostReadBytes; };
+    const auto random = [&seed] {
+        seed = seed * 1'103'515'245u + 12'345u;
+        return (seed >> 16) % ((seed & 0x100) != 0 ? 9u : 300u);
+    };
+    const CutStream expected = cutStream(stream, kReadBufferBytes, kMostMessageBytes, false, whole);
+    require(expected.mostOver == 0);
+    require(cutStream(stream, smallBuffer, kMostMessageBytes, false, random) == expected);
+    require(cutStream(stream, kReadBufferBytes, kMostMessageBytes, true, random) == expected);
+}
+
+// Knows what begins with "k".
+const NameResolver kNames = {.host =
+                                 [](const char* name, uint32_t* out) {
+                                     *out = 0x0100000a;
+                                     return name[0] == 'k';
+                                 },
+                             .service =
+                                 [](const char* name, const char*, uint16_t* out) {
+                                     *out = 0x4c1d;
+                                     return name[0] == 'k';
+                                 }};
+
+void checkDaemon(const std::string& text) {
+    DaemonSpecification parsed;
+    if (specificationParse(&parsed, text.c_str()) != kStatusSuccess) return;
+    require(parsed.text[0] != '-' && std::strlen(parsed.host) <= kMostHostChars);
+    require(parsed.namesHost == (parsed.host[0] != 0));
+    require(parsed.port >= parsed.text && parsed.port <= parsed.text + std::strlen(parsed.text));
+    DaemonAddress where;
+    if (specificationResolve(&where, parsed, kNames) != kStatusSuccess) return;
+    require(where.port != 0);
+    require(parsed.namesHost || where.address == 0);
+}
+
+void checkService(const std::string& text) {
+    DirectPort direct;
+    const pelmoStatus status = specificationDirectPort(&direct, text.c_str(), kNames);
+    const bool hasColon = std::strchr(text.c_str(), ':') != nullptr;
+    require(status != kStatusSuccess || direct.isWanted == hasColon);
+    require(hasColon || status == kStatusSuccess);
+}
+
+void trySpecification(Input data) {
+    const std::string text(data.begin(), data.end());
+    checkDaemon(text);
+    checkService(text);
+}
+
+bool sameSubject(const uint8_t* left, const uint8_t* right) {
+    const size_t length = subjectLength(left);
+    return length == subjectLength(right) && std::memcmp(left, right, length) == 0;
+}
+
+// Text that parses again gives a subject of the same text; it is another subject only where bytes
+// from outside held what text can't.
+void checkText(const uint8_t* subject) {
+    char text[kSubjectTextBytes];
+    require(subjectToText(text, sizeof text, subject) == text);
+    require(std::strlen(text) < subjectLength(subject));
+    uint8_t parsed[kSubjectMaxBytes];
+    if (subjectFromText(parsed, sizeof parsed, text) < 0) return;
+    char again[kSubjectTextBytes];
+    require(subjectIsValid(parsed));
+    require(std::strcmp(subjectToText(again, sizeof again, parsed), text) == 0);
+    require(subjectTextSize(text) == static_cast<int32_t>(subjectLength(parsed)) - 4);
+    if (subjectElementCount(parsed) == subjectElementCount(subject)) {
+        require(subjectCompare(parsed, subject) == 0);
+    }
+}
+
+void enterList(SubjectList* list, const uint8_t* subject) {
+    SubjectNode* node = nullptr;
+    require(sublistAdd(list, subject, list, &node));
+    uint8_t rebuilt[kSubjectMaxBytes + 1];
+    require(sublistNodeSubject(node, rebuilt, sizeof rebuilt));
+    require(sameSubject(rebuilt, subject));
+    require(dpaIndexOf(sublistFind(list, subject), list) >= 0);
+    const Dpa* matches = sublistMatch(list, subject);
+    if (!subjectHasWildcard(subject)) require(matches != nullptr);
+}
+
+// Packed subjects in a row: those of sound structure go through text and a subject list, and come
+// back as they went in. Each lies in a block of its own length, so that a read too far is seen.
+void trySubjects(Input left) {
+    SubjectList* list = sublistCreate();
+    std::vector<std::vector<uint8_t>> entered;
+    while (left.size() >= kSubjectHeadBytes) {
+        const size_t declared = subjectLength(left.data());
+        const bool isWhole = declared >= kSubjectHeadBytes && declared <= left.size();
+        const Input subject = left.first(isWhole ? declared : 2);
+        left = left.subspan(subject.size());
+        const std::vector<uint8_t> bytes(subject.begin(), subject.end());
+        if (!isWhole || !subjectIsValid(bytes.data())) continue;
+        checkText(bytes.data());
+        if (subjectElementCount(bytes.data()) == 0) continue;
+        enterList(list, bytes.data());
+        entered.push_back(bytes);
+    }
+    for (const std::vector<uint8_t>& subject : entered) {
+        sublistRemove(list, subject.data(), nullptr, nullptr);
+    }
+    require(list->valueCount == 0 && list->root->only == nullptr && list->root->table == nullptr &&
+            sublistAll(list) == nullptr);
+    sublistDestroy(list);
+}
+
+void checkOffer(pelmoMsg* message, CircuitEnd end) {
+    CircuitOffer offer;
+    if (!handshakeTakes(end, CircuitState::kWaiting, message, &offer)) return;
+    require(subjectIsValid(offer.controlInbox));
+    require(!handshakeTakes(end, CircuitState::kConnected, message, &offer));
+    char gone[kSubjectTextBytes];
+    (void)handshakeUnreachableSubject(gone, offer.controlInbox);
+    pelmoMsg* answer = nullptr;
+    if (circuitBuildAcceptance(&answer, offer.answerTo, offer.controlInbox) != kStatusSuccess)
+        return;
+    CircuitOffer back;
+    require(handshakeTakes(CircuitEnd::kConnecting, CircuitState::kWaiting, answer, &back));
+    const size_t length = subjectLength(offer.controlInbox);
+    require(std::memcmp(back.controlInbox, offer.controlInbox, length) == 0 && !back.isLegacy);
+    msgRelease(answer);
+}
+
+bool sameText(pelmoMsg* one, pelmoMsg* other, pelmoStatus (*get)(pelmoMsg*, const char**)) {
+    const char* texts[2] = {nullptr, nullptr};
+    const bool areSame = get(one, &texts[0]) == get(other, &texts[1]);
+    if (texts[0] == nullptr || texts[1] == nullptr) return areSame && texts[0] == texts[1];
+    return areSame && std::strcmp(texts[0], texts[1]) == 0;
+}
+
+void checkSame(pelmoMsg* one, pelmoMsg* other) {
+    require(sameText(one, other, pelmoMsg_GetSendSubject));
+    require(sameText(one, other, pelmoMsg_GetReplySubject));
+    uint32_t size = 0, otherSize = 0;
+    const void* bytes = nullptr;
+    const void* otherBytes = nullptr;
+    require(pelmoMsg_GetByteSize(one, &size) == kStatusSuccess);
+    require(pelmoMsg_GetByteSize(other, &otherSize) == kStatusSuccess && size == otherSize);
+    require(pelmoMsg_GetAsBytes(one, &bytes) == kStatusSuccess);
+    require(pelmoMsg_GetAsBytes(other, &otherBytes) == kStatusSuccess);
+    require(std::memcmp(bytes, otherBytes, size) == 0);
+}
+
+void checkParcel(const CircuitRecords& records, bool isLegacy) {
+    pelmoMsg* parcel = nullptr;
+    if (circuitUnwrap(records, isLegacy, &parcel) != kStatusSuccess) return;
+    HeldMessage held;
+    CircuitParcel packed;
+    require(circuitPack(parcel, &held, &packed) == kStatusSuccess);
+    pelmoMsg* wrapped = nullptr;
+    require(circuitBuildData(&wrapped, packed.subject, packed, 7, isLegacy) == kStatusSuccess);
+    const CircuitRecords again(wrapped);
+    require(circuitReadHead(again).kind == CircuitKind::kData);
+    require(circuitReadHead(again).number == 7);
+    pelmoMsg* back = nullptr;
+    require(circuitUnwrap(again, isLegacy, &back) == kStatusSuccess);
+    msgRelease(wrapped);
+    checkSame(parcel, back);
+    require(msgCloseEnvelope(back) == kStatusSuccess && msgOpenEnvelope(back) == kStatusSuccess);
+    checkSame(parcel, back);
+    msgRelease(back);
+    msgRelease(parcel);
+}
+
+void checkControl(pelmoMsg* message) {
+    const CircuitRecords records(message);
+    const CircuitHead head = circuitReadHead(records);
+    CircuitCount count = {};
+    count.recvSeq = head.number - 1;
+    const Arrival arrival = countArrival(count, head);
+    require(arrival != Arrival::kGap && (head.hasNumber || arrival == Arrival::kInvalid));
+    if (arrival != Arrival::kInvalid) require(countArrival(count, head) == Arrival::kGap);
+    for (const bool isLegacy : {false, true})
+        checkParcel(records, isLegacy);
+}
+
+// A message of a circuit: what its handshake and its control inbox read of it, and what it carries,
+// wrapped and unwrapped once more; as it comes off a transport within the process, and as a network
+// transport has opened it.
+void tryCircuit(Input data) {
+    for (const bool opens : {false, true}) {
+        const HeldMessage message(messageAround(data));
+        if (opens) (void)msgOpenEnvelope(message.get());
+        checkOffer(message.get(), CircuitEnd::kAccepting);
+        checkOffer(message.get(), CircuitEnd::kConnecting);
+        checkControl(message.get());
+    }
+}
+
+constexpr void (*kReaders[])(Input) = {tryHello,         tryReply,    tryStream,
+                                       trySpecification, trySubjects, tryCircuit};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size != 0) kReaders[data[0] % std::size(kReaders)]({data + 1, size - 1});
+    return 0;
+}
