@@ -71,8 +71,8 @@ class Pmd(unittest.TestCase):
         taken = self.daemon()
         where = "127.0.0.1:%d" % taken.port
         for arguments, status, words in (
-                (["--frob"], 2, "pmd: unknown option --frob; --help lists the options\n"),
-                (["--max-clients", "x"], 2, "pmd: --max-clients can't be x; --help lists the options\n"),
+                (["--frob"], 2, "pmd: --frob: no such option; --help lists the options\n"),
+                (["--max-clients", "x"], 2, "pmd: --max-clients x: "),
                 (["-listen", where], 1, "pmd: can't listen on %s: Address already in use\n" % where),
                 (["-listen", "192.0.2.1:7500"], 1, "pmd: can't listen on 192.0.2.1:7500: "
                  "Cannot assign requested address\n"),
@@ -81,7 +81,7 @@ class Pmd(unittest.TestCase):
             code, out, err = self.run_pmd(*arguments)
             self.assertEqual((code, out), (status, ""), arguments)
             self.assertTrue(err.startswith(words) and err.count("\n") == 1, err)
-        self.assertEqual(self.run_pmd("--version"), (0, "pmd 8.5.2\n", ""))
+        self.assertRegex(self.run_pmd("--version")[1], r"^pmd [0-9.]+ \(bus version 8\.5\.2\)\n$")
         self.assertIn("--client-backlog MB", self.run_pmd("--help")[1])
 
     def test_brings_messages_whole_to_who_listens(self):
