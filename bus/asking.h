@@ -1,9 +1,9 @@
 // One request and its answer, on an inbox of its own, so that a late answer to an earlier request
-// is nobody's. Unlike pelmoTransport_SendRequest it ends at a signal.
+// is ignored. Unlike pelmoTransport_SendRequest it ends at a signal.
 
 #pragma once
 
-#include "bus/owned_message.h"
+#include "bus/common.h"
 #include "bus/pump.h"
 #include "bus/sender.h"
 

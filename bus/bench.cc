@@ -11,15 +11,13 @@
 
 #include "bus/asking.h"
 #include "bus/commands.h"
-#include "bus/complain.h"
+#include "bus/common.h"
 #include "bus/composer.h"
 #include "bus/connection.h"
-#include "bus/histogram.h"
+#include "bus/measure.h"
 #include "bus/output.h"
-#include "bus/pace.h"
 #include "bus/pump.h"
 #include "bus/sender.h"
-#include "bus/tally.h"
 #include "programs/steady_time.h"
 #include "programs/stop.h"
 
@@ -60,7 +58,7 @@ struct Side {
     Side& operator=(const Side&) = delete;
 };
 
-// `listen` makes the event. Failures are told.
+// `listen` makes the event. Failures are reported.
 template <typename Listen>
 bool sideOpen(Side& side, Listen listen) {
     pelmoStatus status = pelmoQueue_Create(&side.queue);

@@ -6,9 +6,9 @@
 #include "bus/asking.h"
 #include "bus/circuit_input.h"
 #include "bus/commands.h"
-#include "bus/complain.h"
+#include "bus/common.h"
 #include "bus/connection.h"
-#include "bus/printer.h"
+#include "bus/intake.h"
 #include "bus/pump.h"
 #include "bus/sender.h"
 #include "programs/steady_time.h"
@@ -26,7 +26,7 @@ constexpr int64_t kAskTime = 10 * kSecond;
 // connection.
 constexpr int64_t kPeerTime = 100 * kMillisecond;
 
-// A circuit's handle, whose end tells the peer.
+// A circuit's handle. Destroying it notifies the peer.
 struct Handle {
     uint32_t id = kNoId;
 
@@ -172,7 +172,7 @@ bool listen(Talk& talk, uint32_t transport, const char* subject, pelmoEventCallb
     return pumpListen(talk.pump, transport, subject, callback, &talk);
 }
 
-// Its wake-up stands ahead of whoever uses it.
+// Its wake-up is declared before what uses it.
 ExitStatus prepare(Talk& talk) {
     const ExitStatus made = connectionOpen(talk.connection, talk.settings);
     if (made != kExitDone) return made;
@@ -196,7 +196,7 @@ ExitStatus connect(Talk& talk, int64_t until) {
         pumpAnnounce(talk.pump, talk.connection.transport, {&subject, 1});
         return kExitDone;
     }
-    // The connection may have come ahead of the listener.
+    // The connection may have come before the listener.
     const pelmoStatus stands = vcWaitForConnection(talk.circuit.id, 0);
     if (stands == kStatusSuccess) beginInput(talk);
     return stands == kStatusSuccess || stands == kStatusTimeout ? kExitDone : failed(talk, stands);
@@ -232,7 +232,7 @@ bool isCutOff(const Talk& talk) {
     return status == kStatusDaemonNotConnected;
 }
 
-// The goodbye is the last that the connection carries. False, and told, where something that was
+// The goodbye is the last that the connection carries. False, and reported, if something that was
 // sent hasn't left.
 bool endPaths(Talk& talk, SendWatch& watch) {
     const bool wasCutOff = isCutOff(talk);
@@ -252,7 +252,7 @@ ExitStatus run(Talk& talk) {
     talk.done = talk.settings.count && *talk.settings.count == 0;
     const int64_t now = steadyNow();
     const int64_t until = talk.settings.seconds ? steadyAfter(now, *talk.settings.seconds) : kNever;
-    // A connect that nobody answers ends by itself.
+    // A connect without an answer ends by itself.
     const int64_t connected = talk.accepts ? until : std::min(until, now + kAskTime);
     SendWatch watch(talk.connection.transport);
     status = connect(talk, connected);
@@ -265,7 +265,7 @@ ExitStatus run(Talk& talk) {
     // What the other end didn't wait for isn't sent.
     const bool leavesSome = talk.input && talk.input->stopLeavesSome();
     if (leavesSome && talk.endedByPeer && status == kExitDone) {
-        complain(nameOf(talk) + ": the other end has ended ahead of the input");
+        complain(nameOf(talk) + ": the other end has ended before the input");
         status = kExitFailed;
     }
     talk.input.reset();

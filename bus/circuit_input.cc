@@ -7,7 +7,7 @@
 #include <new>
 #include <system_error>
 
-#include "bus/complain.h"
+#include "bus/common.h"
 #include "bus/composer.h"
 #include "bus/sender.h"
 #include "programs/steady_time.h"
@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kLineSubject = "LINE";
 
-// The circuit's end is told where it is seen.
+// The circuit's end is reported where it is noticed.
 bool isCircuitGone(pelmoStatus status) {
     return status == kStatusCircuitNotConnected || status == kStatusInterrupted;
 }
@@ -73,7 +73,7 @@ bool CircuitInput::ended(ExitStatus* out) const {
     return hasEnded_;
 }
 
-// False where there is nothing to wait for any more.
+// False if there is nothing left to wait for.
 bool CircuitInput::awaitLine() const {
     pollfd entries[] = {
         {STDIN_FILENO, POLLIN, 0}, {stop_, POLLIN, 0}, {stopDescriptor(), POLLIN, 0}};

@@ -14,17 +14,17 @@
 
 class CircuitInput {
   public:
-    // Once the thread has nothing more to do, it wakes whoever dispatches the queue by a message
-    // within the process on `wakeSubject`, which outlives it.
+    // Once the thread has nothing more to do, it wakes the thread that dispatches the queue by a
+    // message within the process on `wakeSubject`, which outlives it.
     explicit CircuitInput(const char* wakeSubject) : wakeSubject_(wakeSubject) {}
     ~CircuitInput();
     CircuitInput(const CircuitInput&) = delete;
     CircuitInput& operator=(const CircuitInput&) = delete;
 
-    // Failures are told.
+    // Failures are reported.
     [[nodiscard]] bool start(const BusSettings& settings, uint32_t circuit, int64_t graceTime);
 
-    // Has all been sent? kExitFailed where something couldn't be read or sent, which was told.
+    // Has all been sent? kExitFailed if something couldn't be read or sent, which was reported.
     [[nodiscard]] bool ended(ExitStatus* out) const;
 
     // Ends the thread. True where it leaves a line unsent that is there already.

@@ -91,8 +91,10 @@ constexpr Option kOptions[] = {
     {{"--daemon", "TEXT", "port, or host and port (7500)"}, kForConnection, setText<&S::daemon>},
     {{"--no-resume", nullptr, kNoResumeUsage}, kForConnection, setTrue<&S::noResume>},
     {{"--local", nullptr, kLocalUsage}, kForConnection, setTrue<&S::local>},
-    {{"--description", "TEXT", "tell the daemon"}, kForConnection, setText<&S::description>},
-    {{"--http", "TEXT", "tell the daemon an address"}, kForConnection, setText<&S::http>},
+    {{"--description", "TEXT", "a description for the daemon"},
+     kForConnection,
+     setText<&S::description>},
+    {{"--http", "TEXT", "an HTTP address for the daemon"}, kForConnection, setText<&S::http>},
     {{"--hidden", nullptr, kHiddenUsage}, kForConnection, setTrue<&S::hidden>},
     {{"--no-echo", nullptr, "don't get own messages"}, kForConnection, setTrue<&S::noEcho>},
     {{"--reliability", "SECONDS", kReliabilityUsage}, kForConnection, setReliability},
@@ -136,6 +138,9 @@ std::string programUsage() {
     }
     addOptions(out, kForConnection);
     out += "\nA FIELD is NAME=TEXT or NAME:TYPE=VALUE with a TYPE of\n  " + fieldKindNames() + "\n";
+    out +=
+        "\nSee also: pmd, a daemon for one machine; pelmoscope and pelmowatch, which watch the "
+        "bus.\n";
     return out;
 }
 

@@ -8,7 +8,7 @@ const char* checkSend(const BusSettings& settings) {
     return settings.lines && settings.json ? "--lines and --json exclude each other" : nullptr;
 }
 
-constexpr const char* kListenUsage = "print each message on the subjects";
+constexpr const char* kListenUsage = "print each message on the subjects; > has advisories too";
 constexpr const char* kSendUsage = "send a message, or --count N of them";
 constexpr const char* kRequestUsage = "send a request and print its answer";
 constexpr const char* kAnswerUsage = "answer requests, with their own fields where none are given";
@@ -16,7 +16,7 @@ constexpr const char* kAcceptUsage = "accept a virtual circuit";
 constexpr const char* kConnectUsage = "connect to an accepting end";
 constexpr const char* kBenchSendUsage = "how many messages can be sent a second";
 constexpr const char* kBenchRequestUsage = "how soon requests are answered";
-constexpr const char* kBenchListenUsage = "how many messages come in a second";
+constexpr const char* kBenchListenUsage = "how many messages arrive a second";
 
 constexpr const char* kFields = "SUBJECT [FIELD...]";
 constexpr size_t kMany = kManySubjects;

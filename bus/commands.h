@@ -7,7 +7,7 @@
 
 #include "bus/settings.h"
 
-// Which options a command has; a bit each. Options of the connection stand ahead of the command.
+// Which options a command has; a bit each. Options of the connection come before the command.
 enum CommandGroup : uint32_t {
     kForConnection = 1,
     kForListen = 2,
@@ -27,7 +27,7 @@ struct Command {
     uint32_t group;
     size_t leastSubjects;
     size_t mostSubjects;
-    bool takesFields;  // behind the subjects
+    bool takesFields;  // after the subjects
     const char* usage;
     ExitStatus (*run)(const BusSettings& settings);
 
@@ -48,8 +48,8 @@ struct Command {
 // Requests, one after the other, up to the first without an answer. Prints the answers.
 [[nodiscard]] ExitStatus runRequest(const BusSettings& settings);
 
-// Listens, and answers each message that has a reply subject. An answer that can't be sent is told,
-// and the next one is tried all the same: who asked may have gone.
+// Listens, and answers each message that has a reply subject. An answer that can't be sent is
+// reported, and the next one is tried all the same: who asked may have gone.
 [[nodiscard]] ExitStatus runAnswer(const BusSettings& settings);
 
 // The two ends of a circuit. The accepting end answers requests on the subject with its connect

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "bus/complain.h"
+#include "bus/common.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // number of times, or one for each line of the standard input.
 //
 // A message is built once and sent again where nothing in it changes; otherwise it is emptied and
-// built anew, which allocates nothing in the long run.
+// built again, which allocates nothing in the long run.
 //
 // Threads: one user at a time.
 
@@ -11,9 +11,9 @@
 #include <cstdint>
 #include <string>
 
-#include "bus/json_message.h"
+#include "bus/common.h"
 #include "bus/line_input.h"
-#include "bus/owned_message.h"
+#include "bus/message_json.h"
 #include "bus/settings.h"
 
 struct Composer {
@@ -39,7 +39,7 @@ enum class ComposeResult {
     kNone,  // the next line isn't there yet
     kEnd,
     kStopped,
-    kFailed,  // told
+    kFailed,  // reported
 };
 
 // With `mayWait` kNone isn't answered.

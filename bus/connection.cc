@@ -2,14 +2,13 @@
 
 #include <utility>
 
-#include "bus/complain.h"
-#include "bus/json_writer.h"
-#include "bus/owned_message.h"
+#include "bus/common.h"
+#include "bus/message_json.h"
 #include "programs/stop.h"
 
 namespace {
 
-// Ahead of the connection: nobody wants to wait for a daemon to be told of a bad word.
+// Before the connection, so that a bad word is reported without waiting for a daemon.
 ExitStatus checkFields(const BusSettings& settings) {
     const OwnedMessage msg = messageMake();
     if (msg == nullptr) return complain("message", kStatusNoMemory), kExitFailed;

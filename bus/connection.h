@@ -4,7 +4,7 @@
 //     const ExitStatus made = connectionOpen(connection, settings);
 //     if (made != kExitDone) return made;
 //
-// Its end destroys the transport, which lets leave what was sent, and closes the library.
+// The destructor destroys the transport, flushing what was sent, and closes the library.
 //
 // Threads: one, which is not a callback's.
 
@@ -26,8 +26,8 @@ struct Connection {
     Connection& operator=(const Connection&) = delete;
 };
 
-// Any failure is told. kExitUsage for fields of the command line that no message takes. A signal
-// ends the process: `isToSend` says that nothing was sent then, which is a failure.
+// Any failure is reported. kExitUsage for fields of the command line that no message takes. A
+// signal ends the process: `isToSend` says that nothing was sent then, which is a failure.
 [[nodiscard]] ExitStatus connectionOpen(Connection& connection,
                                         const BusSettings& settings,
                                         bool isToSend = false);

@@ -1,7 +1,7 @@
 // The types of fields as this program spells them: one row each, with the way from text and, for
 // values that are short, the way back. The command line and both directions of JSON go by it.
 //
-// An array is its element's name with "[]" behind it ("i32[]"). A type of the application's own,
+// An array is its element's name with "[]" after it ("i32[]"). A type of the application's own,
 // from 128 up, is its number, and so is whatever the library has no name for.
 //
 // Threads: nothing here changes.
@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "lib/pelmo.h"
 
@@ -32,9 +33,9 @@ struct FieldValue {
 struct FieldKind {
     const char* name;
     uint8_t code;
-    uint8_t sizeBytes;  // 0 where the value tells
+    uint8_t sizeBytes;  // 0 if the value has its own size
     FieldForm form;
-    uint8_t arrayCode;  // 0 where there is no array of it
+    uint8_t arrayCode;  // 0 if there is no array of it
 
     // Returns null, or what is wrong with the text. Null for types that can't be written as text.
     const char* (*parse)(std::string_view text, FieldValue& out);
@@ -53,3 +54,31 @@ struct FieldKind {
 // Adds a field to the message. Statuses as of pelmoMsg_AddField.
 [[nodiscard]] pelmoStatus fieldAdd(
     pelmoMsg* msg, const FieldKind& type, const char* name, uint16_t id, const FieldValue& value);
+
+// Date-times from text, in the form that the library gives them:
+//
+//     2024-01-02 03:04:05Z    2024-01-02 03:04:05.000006000Z    -001-12-31 23:59:59Z
+//
+// A fraction has one to nine digits; a "T" may separate day and hour. All in UTC, in the
+// Gregorian calendar carried on in both directions, in which the year before 1 is -1.
+
+// Returns null, or what is wrong with the text. Whether messages can carry so distant a date is
+// reported when it is added to one.
+[[nodiscard]] const char* dateTextParse(std::string_view text, pelmoMsgDateTime& out);
+
+// Fields of the command line: NAME=TEXT for a string, NAME:TYPE=VALUE for any other type.
+
+struct TextField {
+    const char* word = nullptr;  // as typed
+    std::string name;
+    const FieldKind* type = nullptr;
+    FieldValue value;
+};
+
+// Returns an empty text, or what is wrong with the word, which lasts as long as the field.
+[[nodiscard]] std::string textFieldParse(const char* word, TextField& out);
+
+// Adds them in order. On failure `outFault` is the one that the message doesn't take.
+[[nodiscard]] pelmoStatus textFieldsAdd(pelmoMsg* msg,
+                                        const std::vector<TextField>& fields,
+                                        const TextField** outFault);

@@ -1,7 +1,72 @@
 #include "bus/intake.h"
 
-#include "bus/complain.h"
+#include <cstdio>
+#include <string_view>
+
+#include "bus/common.h"
 #include "programs/steady_time.h"
+
+namespace {
+
+void addPlain(std::string& out, std::string_view text) {
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte >= 0x20 && byte != 0x7F) {
+            out += character;
+            continue;
+        }
+        char escaped[8];
+        const bool isBreak = character == '\n';
+        std::snprintf(escaped, sizeof escaped, isBreak ? "\\n" : "\\x%02x", byte);
+        out += escaped;
+    }
+}
+
+pelmoStatus addTextLine(pelmoMsg* msg, std::string& out) {
+    const char* subject = nullptr;
+    const char* reply = nullptr;
+    const char* text = nullptr;
+    const pelmoStatus status = pelmoMsg_ConvertToString(msg, &text);
+    if (status != kStatusSuccess) return status;
+    if (pelmoMsg_GetSendSubject(msg, &subject) == kStatusSuccess) {
+        addPlain(out, subject);
+        out += ' ';
+    }
+    if (pelmoMsg_GetReplySubject(msg, &reply) == kStatusSuccess) {
+        out += "reply=";
+        addPlain(out, reply);
+        out += ' ';
+    }
+    addPlain(out, text);
+    return kStatusSuccess;
+}
+
+}  // namespace
+
+void printerOpen(Printer& printer, const BusSettings& settings) {
+    printer.json = settings.json;
+    printer.quiet = settings.quiet;
+    outputOpen(printer.output);
+}
+
+bool printerTake(Printer& printer, pelmoMsg* msg) {
+    ++printer.count;
+    if (printer.quiet) return true;
+    std::string& out = printer.output.text;
+    const pelmoStatus status =
+        printer.json ? jsonWriteMessage(printer.writer, msg, out) : addTextLine(msg, out);
+    if (status != kStatusSuccess) {
+        complain("message " + std::to_string(printer.count), status);
+        return true;
+    }
+    out += '\n';
+    return outputLine(printer.output);
+}
+
+bool printerClose(Printer& printer) {
+    if (printer.quiet) announce("received " + std::to_string(printer.count));
+    return outputFlush(printer.output);
+}
 
 namespace {
 

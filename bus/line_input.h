@@ -30,7 +30,7 @@ enum class LineResult {
     kEnd,
     kStopped,
     kTooLong,
-    kFailed,  // errno tells
+    kFailed,  // errno has the cause
 };
 
 // `line` is good until the next call. With `mayWait` kNone isn't answered.

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "bus/complain.h"
+#include "bus/common.h"
 
 namespace {
 

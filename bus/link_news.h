@@ -1,5 +1,5 @@
 // News of the connection to the daemon: one line on the standard error stream for each break and
-// each return, in place of what the library logs where nobody listens.
+// each return, in place of what the library logs if there is no listener.
 //
 //     pelmobus: lost the connection to the daemon
 //     pelmobus: connected to the daemon again after 1.3 seconds

@@ -5,7 +5,7 @@
 #include <span>
 
 #include "bus/command_line.h"
-#include "bus/complain.h"
+#include "bus/common.h"
 #include "bus/output.h"
 #include "programs/stop.h"
 #include "programs/streams.h"

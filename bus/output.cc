@@ -10,7 +10,7 @@
 #include <climits>
 #include <cstring>
 
-#include "bus/complain.h"
+#include "bus/common.h"
 #include "programs/steady_time.h"
 #include "programs/stop.h"
 

@@ -6,8 +6,8 @@
 //     ...
 //     outputFlush(output)    // at the time outputDue
 //
-// Failure: what can't be written is told once on the standard error stream, and everything behind
-// it is dropped: a reader that has gone, a full disk.
+// Failure: what can't be written is reported once on the standard error stream, and everything
+// after it is dropped: a reader that has gone, a full disk.
 //
 // A reader that takes nothing is waited for, until a signal asks for the end; from then on for
 // kLastWaitSeconds in all.
@@ -38,6 +38,6 @@ void outputOpen(Output& output);
 // Behind each line. False where writing has failed, now or before.
 [[nodiscard]] bool outputLine(Output& output);
 
-// When the lines are to leave, on the steady clock; kNever where there are none.
+// When the lines are to leave, on the steady clock; kNever if there are none.
 [[nodiscard]] int64_t outputDue(const Output& output);
 bool outputFlush(Output& output);

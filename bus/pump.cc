@@ -8,8 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "bus/complain.h"
-#include "bus/owned_message.h"
+#include "bus/common.h"
 #include "programs/steady_time.h"
 #include "programs/stop.h"
 
@@ -70,7 +69,7 @@ void awaitDaemon(Pump& pump, uint32_t transport) {
             kStatusSuccess &&
         pelmoMsg_SetSendSubject(msg.get(), inbox) == kStatusSuccess &&
         pelmoTransport_Send(transport, msg.get()) == kStatusSuccess) {
-        // Any other end is seen again by whoever runs the pump next.
+        // Any other end is noticed again by the next run of the pump.
         static_cast<void>(pumpRun(pump, isBack, steadyNow() + kMostDaemonTime));
     }
     if (event != kNoId) pelmoEvent_DestroyEx(event, nullptr);

@@ -26,7 +26,8 @@ struct Pump {
     std::vector<uint32_t> events;
     std::set<std::string> refused;  // subjects that the daemon keeps no interest in
     bool hearsRefusals = false;
-    pelmoStatus failure = kStatusSuccess;  // what a callback failed with, told where it happened
+    pelmoStatus failure =
+        kStatusSuccess;  // what a callback failed with, reported where it happened
 
     Pump() = default;
     ~Pump();
@@ -34,10 +35,10 @@ struct Pump {
     Pump& operator=(const Pump&) = delete;
 };
 
-// Failures are told.
+// Failures are reported.
 [[nodiscard]] bool pumpOpen(Pump& pump, Output* output);
 
-// Failures are told, and so is a subject that the daemon refuses later on.
+// Failures are reported, and so is a subject that the daemon refuses later.
 [[nodiscard]] bool pumpListen(Pump& pump,
                               uint32_t transport,
                               const char* subject,
@@ -46,8 +47,8 @@ struct Pump {
 
 // Tells "listening on SUBJECT" for each that the daemon hasn't refused, once the daemon knows of
 // the listeners: what is sent from then on reaches them. A message to ourselves by the daemon shows
-// it, which the daemon sends back after all that it was told before. One that sends nothing back is
-// waited for a second.
+// it, which the daemon sends back after it has handled all that came before. One that sends nothing
+// back is waited for a second.
 void pumpAnnounce(Pump& pump, uint32_t transport, std::span<const char* const> subjects);
 
 enum class PumpEnd { kDone, kTime, kStopped, kFailed };

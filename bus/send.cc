@@ -5,10 +5,10 @@
 #include <array>
 
 #include "bus/commands.h"
-#include "bus/complain.h"
+#include "bus/common.h"
 #include "bus/composer.h"
 #include "bus/connection.h"
-#include "bus/pace.h"
+#include "bus/measure.h"
 #include "bus/sender.h"
 #include "programs/stop.h"
 
@@ -25,7 +25,7 @@ struct Batch {
     size_t count = 0;
 };
 
-// Fills the batch with what is there. Waits for the first only, and the pace begins anew then.
+// Fills the batch with what is there. Waits for the first only, and then restarts the pace.
 ComposeResult fill(Batch& batch, Composer& composer, Pace& pace) {
     ComposeResult result = ComposeResult::kMade;
     batch.count = 0;

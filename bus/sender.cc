@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-#include "bus/complain.h"
+#include "bus/common.h"
 #include "programs/steady_time.h"
 #include "programs/stop.h"
 

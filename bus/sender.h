@@ -1,4 +1,4 @@
-// Sends messages, and waits for a broken connection to be back where that is asked for. The
+// Sends messages, and waits for a broken connection to be back if that is asked for. The
 // library reconnects by itself.
 //
 // Threads: one user at a time.
@@ -22,16 +22,16 @@ struct Sender {
 
 inline constexpr double kLastSeconds = 5;  // after a signal, for what was sent to leave
 
-// While it is there, a signal also ends a send that a daemon holds up which doesn't read: a second
-// later the transport is destroyed, which lets leave what still can within kLastSeconds. It ends
-// before the transport.
+// While it exists, a signal also ends a send that is held up by a daemon which doesn't read: one
+// second later it destroys the transport, which still flushes what it can within kLastSeconds.
+// Destroy the watch before the transport.
 struct SendWatch {
     explicit SendWatch(uint32_t transport);
     ~SendWatch();
     SendWatch(const SendWatch&) = delete;
     SendWatch& operator=(const SendWatch&) = delete;
 
-    // Ahead of the destructor: `isLost` is known then.
+    // Before the destructor: `isLost` is known then.
     void stop();
 
     int end;                           // an event; readable from the destructor on
@@ -48,5 +48,5 @@ struct SendWatch {
 [[nodiscard]] pelmoStatus senderSendTogether(Sender& sender, std::span<pelmoMsg* const> messages);
 
 // Waits until what was sent has left, while it leaves and no signal asks for the end, and destroys
-// the transport. What hasn't left is told: then false.
+// the transport. False if something hasn't left, which is reported.
 [[nodiscard]] bool senderEnd(Sender& sender, Connection& connection, const std::string& what);

@@ -181,5 +181,8 @@ std::string pmdOptionsHelp() {
     }
     optionHelpAdd(help, kOptionHelp, kHelpWidth);
     optionHelpAdd(help, kOptionVersion, kHelpWidth);
-    return help;
+    return help +
+           "\nSee also: pelmobus, a client for the shell; pelmoscope and pelmowatch, which watch "
+           "the "
+           "bus.\n";
 }

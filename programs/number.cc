@@ -11,7 +11,7 @@ const char* parseReal(std::string_view text, Real& out) {
     if (text == "Infinity") return out = kInfinity, nullptr;
     if (text == "-Infinity") return out = -kInfinity, nullptr;
 
-    // The conversion knows other words for these, which are nobody's here.
+    // The conversion also accepts other words for these, which are refused here.
     constexpr const char* kNoNumber = "not a number";
     if (text.find_first_not_of("0123456789+-.eE") != std::string_view::npos) return kNoNumber;
     const char* const end = text.data() + text.size();

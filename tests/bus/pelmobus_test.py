@@ -128,7 +128,7 @@ class Pelmobus(unittest.TestCase):
                 self.ends(local(*words), status, stderr, "^$")
 
     def test_a_daemon_that_is_not_there(self):
-        # An address that nobody listens on, and from which no daemon is started.
+        # An address without a listener, and from which no daemon is started.
         self.ends(run("--daemon", "127.0.0.1:1", "send", "A"), 1,
                   "pelmobus: connect 127.0.0.1:1: Not connected to daemon (21)\n")
 
@@ -162,7 +162,7 @@ class Pelmobus(unittest.TestCase):
                 with self.subTest(words, number=number):
                     process = start(*words, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
                     self.assertEqual(process.stderr.read(len(said)), said)
-                    # What tells nothing once it stands has its handlers soon.
+                    # What prints nothing when it is ready has its handlers soon.
                     while not said and not self.catches(process.pid, number):
                         pass
                     process.send_signal(number)
@@ -214,7 +214,7 @@ class OverADaemon(unittest.TestCase):
         return run(*self.connection, *words, **kwargs)
 
     def start(self, *words, **kwargs):
-        """A run that may still be under way when the test ends. One that listens stands once this
+        """A run that may still be under way when the test ends. One that listens is ready once this
         returns: from then on all that is sent reaches it."""
         process = subprocess.Popen([PROGRAM, *self.connection, *words], stderr=subprocess.PIPE,
                                    **{"stdout": subprocess.PIPE, **kwargs})
@@ -346,7 +346,7 @@ class OverADaemon(unittest.TestCase):
                     self.assertEqual(ends[1 - which].wait(30), 0 if in_order else 1)
                     ends[which].wait(30)
                     self.assertEqual(ends[1 - which].stderr.read().endswith(b": remote unreachable\n"), not in_order)
-        # Lines that nobody waits for.
+        # Lines that the other end doesn't wait for.
         with tempfile.TemporaryFile() as lines:
             lines.write(b"x\n" * 3_000_000)
             lines.seek(0)
@@ -354,12 +354,12 @@ class OverADaemon(unittest.TestCase):
             self.bus("circuit", "connect", "C")
         self.assertEqual(accept.wait(30), 1)
         self.assertEqual(accept.stderr.read(),
-                         b"connected\npelmobus: circuit accept C: the other end has ended ahead of the input\n")
+                         b"connected\npelmobus: circuit accept C: the other end has ended before the input\n")
         accept, connect = self.circuit()
         self.daemon.close()
         for end in (accept, connect):
             self.assertEqual(end.stderr.readline(), b"pelmobus: lost the connection to the daemon\n")
-        # What can't be sent is told, and ends the circuit.
+        # What can't be sent is reported, and ends the circuit.
         connect.stdin.write(b"lost\n")
         connect.stdin.flush()
         self.assertEqual(connect.stderr.read(),
@@ -367,7 +367,7 @@ class OverADaemon(unittest.TestCase):
         self.assertEqual(connect.wait(30), 1)
 
     def test_who_ends_without_the_daemon_having_read_all_says_so(self):
-        # The daemon stands still, and goes while they end.
+        # The daemon is stopped, and killed while they end.
         accept, connect = self.circuit()
         self.daemon.popen.send_signal(signal.SIGSTOP)
         connect.stdin.write(b"x\n")
@@ -400,14 +400,14 @@ class OverADaemon(unittest.TestCase):
         waiting = self.start("send", "W", "--lines", "--wait", stdin=subprocess.PIPE)
         failing = self.start("send", "W", "--lines", stdin=subprocess.PIPE)
         for process in (waiting, failing):
-            process.stdin.write(b"ahead\n")
+            process.stdin.write(b"before\n")
             process.stdin.flush()
-            self.assertEqual(listener.stdout.readline(), b'W {line="ahead"}\n')
+            self.assertEqual(listener.stdout.readline(), b'W {line="before"}\n')
         self.daemon.close()
         for process in (waiting, failing, listener):
             self.assertEqual(process.stderr.readline(), b"pelmobus: lost the connection to the daemon\n")
         for process in (waiting, failing):
-            process.stdin.write(b"behind\n")
+            process.stdin.write(b"after\n")
             process.stdin.flush()
         _, err = failing.communicate(timeout=30)
         self.assertEqual(failing.returncode, 1)
@@ -438,7 +438,7 @@ class OverADaemon(unittest.TestCase):
 
     @staticmethod
     def waiting(pipe):
-        """Bytes that nobody has read."""
+        """Bytes that are unread."""
         return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, b"\0" * 4))[0]
 
     def test_ends_at_a_signal_while_its_daemon_does_not_read(self):
@@ -451,7 +451,7 @@ class OverADaemon(unittest.TestCase):
         time.sleep(1)  # they have more to send than may wait
         for sender in senders:
             sender.send_signal(signal.SIGTERM)
-        # What was taken and what wasn't are told, and what was taken and hasn't left.
+        # What was taken and what wasn't are reported, and what was taken and hasn't left.
         _, err = senders[0].communicate(timeout=30)
         self.assertEqual(senders[0].returncode, 1, err)
         taken = int(re.search(rb"\nsent (\d+)\n$", err).group(1))
@@ -508,7 +508,7 @@ class OverADaemon(unittest.TestCase):
             fields = json.loads(listener.stdout.readline())["fields"]
             numbers.append([f["value"] for f in fields if f["name"] == "seq"][0])
         self.assertEqual(numbers, sorted(set(numbers)))
-        # The gap is told.
+        # The gap is reported.
         self.assertLess(len(numbers), 60)
         self.assertEqual(sender.returncode, 1, err)
         lost = int(re.search(rb": send B: (\d+) messages lost with the connection", err).group(1))

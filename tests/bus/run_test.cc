@@ -11,10 +11,9 @@
 #include <thread>
 
 #include "bus/commands.h"
-#include "bus/histogram.h"
+#include "bus/common.h"
 #include "bus/line_input.h"
-#include "bus/owned_message.h"
-#include "bus/pace.h"
+#include "bus/measure.h"
 #include "programs/stop.h"
 #include "tests/support/test.h"
 

@@ -4,9 +4,8 @@
 #include <cstring>
 #include <string>
 
-#include "bus/json_message.h"
-#include "bus/json_writer.h"
-#include "bus/owned_message.h"
+#include "bus/common.h"
+#include "bus/message_json.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {

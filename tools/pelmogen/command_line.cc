@@ -439,7 +439,9 @@ std::string optionsHelp() {
         const std::string text = option.help + showDefault(option);
         optionHelpAdd(help, {option.names, option.valueWord, text.c_str()}, kHelpWidth);
     }
-    help += "\nOther:\n";
+    help +=
+        "\nOther (see also pelmoscope and pelmowatch, which read what this makes, and pelmobus and "
+        "pmd):\n";
     optionHelpAdd(help, kOptionHelp, kHelpWidth);
     optionHelpAdd(help, kOptionVersion, kHelpWidth);
     help += "\n--mix stands for these options, a bus's own mix; those after it override:\n";

@@ -119,7 +119,7 @@ bool spoilSubject(PacketDraft& draft, Prng& prng) {
     if (prngBelow(prng, 2) == 0) {
         ++subject[2];  // one element more than there is
     } else {
-        --subject[3];  // the first element ends ahead of its NUL
+        --subject[3];  // the first element ends before its NUL
     }
     return true;
 }
@@ -163,7 +163,7 @@ std::span<const Damage> damages() {
 
 const Damage* damagePayload(DamageSet set, PacketDraft& draft, Prng& prng) {
     if (has(draft, PacketKind::kNonBus)) return nullptr;
-    // Each call takes another step, so that rows behind those that seldom suit aren't chosen more
+    // Each call takes another step, so that rows after those that seldom suit aren't chosen more
     // often.
     const size_t first = prngBelow(prng, kDamageSteps);
     const size_t step = prngBetween(prng, 1, kDamageSteps - 1);

@@ -31,7 +31,7 @@ struct ClockJump {
     Nanoseconds by;
 };
 
-// A set of rows of a table: bit n stands for row n.
+// A set of rows of a table: bit n is row n.
 struct FieldTypeSet {
     uint64_t bits = ~uint64_t{0};
 };

@@ -101,7 +101,7 @@ bool addMessage(PacketMaker& maker, ByteWriter& out, uint32_t subject, size_t si
 }
 
 // The messages share the rest of the payload. A message whose envelope alone takes more leaves no
-// room for those behind it.
+// room for those after it.
 void addMessages(PacketMaker& maker, ByteWriter& out, size_t dataBytes) {
     const PacketPlan& plan = maker.draft.plan;
     const size_t end = out.used + dataBytes;

@@ -3,7 +3,7 @@
 //     0  Ethernet  14
 //     14 IP        20, no options
 //     34 UDP       8
-//     42 payload: the OSKA header and what its type has behind it
+//     42 payload: the OSKA header and what its type has after it
 //
 // A packet is made in three steps, so that damage can be done between them: packetFill writes the
 // payload, packetSeal the headers with lengths and checksums that agree with it.
@@ -32,7 +32,7 @@ constexpr uint16_t kUnknownTypes[] = {0, 2, 10, 0x7fff, 0xffff};
 struct PacketDraft {
     PacketPlan plan;
     std::span<uint8_t> frame;  // the whole buffer
-    size_t payloadBytes;       // bytes written behind kPayloadOffset
+    size_t payloadBytes;       // bytes written after kPayloadOffset
     size_t frameBytes;         // size of the whole frame once it is sealed
     size_t subjectOffset;      // in the payload, of the first message's packed subject; 0 for none
 

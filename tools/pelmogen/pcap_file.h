@@ -2,9 +2,9 @@
 //
 //     0      4         8      12     16        20
 //     | magic | version | zone | sigs | snaplen | link |      24 bytes, once
-//     | seconds | fraction | caplen | len |              16 bytes, ahead of each packet
+//     | seconds | fraction | caplen | len |              16 bytes, before each packet
 //
-// The magic tells the byte order of these words and whether fractions are micro- or nanoseconds.
+// The magic gives the byte order of these words and whether fractions are micro- or nanoseconds.
 //
 // Failure: the file is written under its name with ".part" appended and gets its own name only when
 // it is complete. pcapFileClose removes an incomplete file. A device or a pipe is written directly.

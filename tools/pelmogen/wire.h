@@ -24,7 +24,7 @@ struct Wire {
     int descriptor = -1;
     bool loopback = false;
 
-    // Packets that are due but not sent yet, one behind the other in `room`.
+    // Packets that are due but not sent yet, one after the other in `room`.
     std::vector<uint8_t> room;
     size_t used = 0;
     std::vector<mmsghdr> batch;

@@ -1,9 +1,50 @@
-#include "bus/histogram.h"
+#include "bus/measure.h"
 
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstddef>
+
+#include "programs/steady_time.h"
+
+constinit Tally benchTally;
+
+void tallyTake(pelmoMsg** messages, uint32_t count) {
+    constexpr auto kRelaxed = std::memory_order_relaxed;  // only numbers, each for itself
+    const int64_t now = steadyNow();
+    const uint64_t before = benchTally.messages.load(kRelaxed);
+    const uint64_t taken = std::min<uint64_t>(count, benchTally.most - before);
+    uint64_t bytes = benchTally.bytes.load(kRelaxed);
+    for (uint64_t i = 0; i < taken; ++i) {
+        uint32_t sizeBytes = 0;
+        if (pelmoMsg_GetByteSize(messages[i], &sizeBytes) == kStatusSuccess) bytes += sizeBytes;
+    }
+    if (benchTally.first.load(kRelaxed) == 0) benchTally.first.store(now, kRelaxed);
+    benchTally.last.store(now, kRelaxed);
+    benchTally.bytes.store(bytes, kRelaxed);
+    benchTally.messages.store(before + taken, kRelaxed);
+    benchTally.done = before + taken == benchTally.most;
+}
+
+Pace paceStart(double rate, int64_t now) {
+    return {rate, now, 0};
+}
+
+// Each time is counted from the start, so that roundings don't add up.
+int64_t paceDue(const Pace& pace) {
+    if (pace.rate <= 0) return 0;
+    return steadyAfter(pace.start, static_cast<double>(pace.count) / pace.rate);
+}
+
+void paceNext(Pace& pace, int64_t now) {
+    if (pace.rate <= 0) return;
+    if (now - paceDue(pace) > kMostLate) paceRestart(pace, now);
+    ++pace.count;
+}
+
+void paceRestart(Pace& pace, int64_t now) {
+    pace = paceStart(pace.rate, now);
+}
 
 namespace {
 

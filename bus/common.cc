@@ -1,4 +1,4 @@
-#include "bus/complain.h"
+#include "bus/common.h"
 
 #include <cstdio>
 

@@ -1,0 +1,58 @@
+// Messages as lines of JSON:
+//
+//     {"subject":"A.B","reply":"_INBOX.1","fields":[{"name":"x","id":7,"type":"i32","value":1}]}
+//
+// "reply" is left out if there is none, "name" if a field has none, "id" if it is 0. Types
+// and the form of values are of field_kind.h, texts of json.h. A value that doesn't decode,
+// and one of the application's own types, has its type's number for a type ("130") and its bytes as
+// hexadecimal digits. So has a nested message that is corrupt or nested beyond
+// kMostNestedMessages, though its type stays "msg".
+//
+// Reading gives the same message back.
+
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "bus/common.h"
+#include "bus/json.h"
+#include "lib/pelmo.h"
+
+struct JsonWriter {
+    OwnedMessage scratch;  // converts a value at a time to the library's text of it
+};
+
+// Adds the line, without a line break. On failure nothing is added: kStatusNoMemory, or
+// kStatusCorruptMessage for a message whose fields can't be separated.
+[[nodiscard]] pelmoStatus jsonWriteMessage(JsonWriter& writer, pelmoMsg* msg, std::string& out);
+
+// Makes fields of the application's own types readable, and possible to send, as bytes. Once the
+// library is open, before the first message.
+void jsonAcceptOwnTypes();
+
+// Reading:
+//
+// Strict: unknown keys, repeated keys, values that don't fit their type are refused. Keys
+// come in any order. "name" may also be null, and "value" of a "none" be left out.
+//
+// What can't be sent: arrays without elements, documents without a byte, and types below 128 that
+// the library has no encoder for.
+//
+// Threads: one user at a time.
+
+struct JsonReader {
+    JsonTape tape;
+    std::string words;  // of the value at hand
+
+    // After a read that succeeded. Empty if the line has none.
+    std::string subject;
+    std::string reply;
+
+    // After a read that failed: "column 7: what is wrong".
+    std::string fault;
+};
+
+// Adds the line's fields to the message, and leaves setting its subjects to the caller. False where
+// the line isn't such a message; the message may then have some of the fields.
+[[nodiscard]] bool jsonReadMessage(JsonReader& reader, std::string_view line, pelmoMsg* msg);
