@@ -59,6 +59,11 @@ double clockSteadySeconds() {
     return static_cast<double>(start + look()) / 1000;
 }
 
+uint64_t clockMonotonicNanoseconds() {
+    const timespec now = monotonicSource.load(std::memory_order_relaxed)();
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
 void calendarNow(CalendarTime* out) {
     calendarFrom(currentTime().tv_sec, out);
 }

@@ -1,4 +1,5 @@
-// The wall clock, the steady clock and the local calendar. All time has steps of a millisecond.
+// The wall clock, the steady clock and the local calendar. All time has steps of a millisecond,
+// but for what clockMonotonicNanoseconds returns.
 //
 // Threads: any.
 
@@ -35,6 +36,10 @@ void clockSeconds(double* out);
 // follow the monotonic clock and never step. For what is due after a number of seconds, not at a
 // time of day.
 [[nodiscard]] double clockSteadySeconds();
+
+// The monotonic clock in full, in nanoseconds since some moment of the past: for what is shorter
+// than a millisecond.
+[[nodiscard]] uint64_t clockMonotonicNanoseconds();
 
 // A time whose year no calendar holds gives all zeros.
 void calendarNow(CalendarTime* out);

@@ -108,10 +108,12 @@ pelmoStatus pelmoTransport_DestroyWithin(uint32_t transport, double seconds);
 // subject or with a reserved one; kStatusDaemonNotConnected without a connection to the daemon,
 // kStatusInvalidIoSource for a send that meets its break. A send also succeeds when the transport
 // is destroyed meanwhile. A send waits while too much is queued for the daemon
-// (pelmoTransport_SetSendingWaitLimit). kStatusInvalidSize for a message longer than the daemon
-// takes, on the direct road for one above 64 MiB. On the direct road also: kStatusDeliveryFailed
-// where the peer is given up while the sender waits, kStatusInvalidTransport for a transport that
-// is being destroyed.
+// (pelmoTransport_SetSendingWaitLimit). It is written at once, but where many sends follow each
+// other closely: then it may wait for the next ones, a millisecond at most. Destroying the
+// transport and closing the library write it; a process that ends without either may lose it.
+// kStatusInvalidSize for a message longer than the daemon takes, on the direct road for one above
+// 64 MiB. On the direct road also: kStatusDeliveryFailed where the peer is given up while the
+// sender waits, kStatusInvalidTransport for a transport that is being destroyed.
 
 [[nodiscard]] pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
 

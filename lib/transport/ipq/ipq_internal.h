@@ -52,6 +52,8 @@ struct Ipq {
     uint32_t batches PELMO_GUARDED_BY(lock);  // by ipqBeginBatch and vector sends, under way
     bool isBatching PELMO_GUARDED_BY(lock);
     bool writeIsArmed PELMO_GUARDED_BY(lock);    // the socket tells when it takes more
+    uint32_t closeSends PELMO_GUARDED_BY(lock);  // plain sends in a row, each soon after the last
+    uint64_t lastSendAt PELMO_GUARDED_BY(lock);  // clockMonotonicNanoseconds
     uint32_t flushTimer PELMO_GUARDED_BY(lock);  // both go once nothing waits when they fire
     uint32_t ageTimer PELMO_GUARDED_BY(lock);
     bool blocksWhenFull PELMO_GUARDED_BY(lock);

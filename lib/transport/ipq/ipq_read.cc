@@ -102,6 +102,8 @@ void noteReadLocked(Ipq* ipq, SocketCode code, uint32_t asked, uint32_t got)
     IpqStatistics& read = ipq->read;
     ++read.attempts;
     if (code != kSocketDone) ++read.failures;
+    // What comes may be the answer that the next send has waited for: no streak goes on after it.
+    if (read.messages != ipq->cutter.messages) ipq->closeSends = 0;
     read.messages = ipq->cutter.messages;
     read.bytes = ipq->cutter.bytes;
     read.partials = ipq->cutter.partials;

@@ -16,7 +16,15 @@ namespace {
 // its thread starve.
 constexpr uint32_t kMostSendsOfCall = 8;
 
-constexpr double kFlushSeconds = 0.025;
+// A call of the system costs as much as copying twenty small messages. Once so many plain sends
+// have come in a row, each this soon after the one before it, the next ones are gathered, and
+// written once there are enough of them; a timer writes the rest.
+constexpr uint64_t kCloseNanoseconds = 50'000;
+constexpr uint32_t kCloseSends = 16;
+constexpr uint32_t kGatherBytes = 32'768;
+constexpr double kGatherSeconds = 0.001;
+
+constexpr double kFlushSeconds = 0.025;  // in batch mode
 constexpr double kAgeCheckSeconds = 0.5;
 constexpr double kWaitStepSeconds = 1.0;
 constexpr uint32_t kScarceSendBytes = 4096;  // where the system is short of buffers
@@ -78,12 +86,11 @@ void armLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
     if (!ipq->writeIsArmed) ipqRelease(ipq);
 }
 
-// For a batch that no flush ends.
-pelmoStatus awaitMoreLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+// For what no flush writes.
+pelmoStatus awaitMoreLocked(Ipq* ipq, double seconds) PELMO_REQUIRES(ipq->lock) {
     readClockLocked(ipq);
     ipqWatchAgeLocked(ipq);
-    const pelmoStatus status =
-        ipqStartTimerLocked(ipq, &ipq->flushTimer, onFlushTimer, kFlushSeconds);
+    const pelmoStatus status = ipqStartTimerLocked(ipq, &ipq->flushTimer, onFlushTimer, seconds);
     return status == kStatusSuccess ? status : ipqWriteLocked(ipq);
 }
 
@@ -174,9 +181,13 @@ void onAgeTimer(uint32_t timer, pelmoMsg*, void* closure) {
 
 // Sends
 
+bool isHeldLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    return ipq->holds != 0 || ipq->batches != 0;
+}
+
 // While nothing makes the clock known, a record's time is set when it has to wait.
 double timeOfAddLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
-    const bool isKnown = ipq->holds != 0 || ipq->batches != 0 || !writeQueueIsEmpty(&ipq->queue);
+    const bool isKnown = isHeldLocked(ipq) || !writeQueueIsEmpty(&ipq->queue);
     return isKnown ? ipq->now : kWriteTimeUnknown;
 }
 
@@ -204,14 +215,45 @@ pelmoStatus addLocked(Ipq* ipq, const WritePiece& piece, IpqAdding* adding)
     return status;
 }
 
+bool isOfStreakLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    const uint64_t now = clockMonotonicNanoseconds();
+    const bool isClose = now - std::exchange(ipq->lastSendAt, now) < kCloseNanoseconds;
+    ipq->closeSends = isClose ? std::min(ipq->closeSends + 1, kCloseSends + 1) : 0;
+    return ipq->closeSends > kCloseSends;
+}
+
+// The time that it takes is no pause.
+pelmoStatus writePlainLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    const pelmoStatus status = ipqWriteLocked(ipq);
+    ipq->lastSendAt = clockMonotonicNanoseconds();
+    return status;
+}
+
+// No more is gathered than may wait without a sender being held up or a message dropped as too
+// much.
+bool isGatheredLocked(const Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    const uint32_t limit = ipq->queue.byteLimit;
+    return writeQueueBytes(&ipq->queue) >= kGatherBytes || !hasRoomLocked(ipq) ||
+           (limit != 0 && ipq->queue.ringBytes > limit);
+}
+
+// The timer has been started, and the time of what waits set, by the first message gathered.
+pelmoStatus gatherLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
+    if (isGatheredLocked(ipq)) return writePlainLocked(ipq);
+    const bool isWatched = ipq->flushTimer != kNoId && ipq->queue.current.time != kWriteTimeUnknown;
+    return isWatched ? kStatusSuccess : awaitMoreLocked(ipq, kGatherSeconds);
+}
+
 // What was added goes at once, unless something holds it back.
 pelmoStatus writeAddedLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
     if (ipq->isBlocking) return ipqWriteLocked(ipq);
+    const bool isOfStreak = !ipq->isBatching && !isHeldLocked(ipq) && isOfStreakLocked(ipq);
     if (ipq->writeIsArmed) return kStatusSuccess;
     if (ipq->holds != 0 && hasRoomLocked(ipq)) return kStatusSuccess;
     if (writeQueueBytes(&ipq->queue) >= kMostSendBytes) return ipqWriteLocked(ipq);
     if (ipq->batches != 0) return kStatusSuccess;
-    return ipq->isBatching ? awaitMoreLocked(ipq) : ipqWriteLocked(ipq);
+    if (ipq->isBatching) return awaitMoreLocked(ipq, kFlushSeconds);
+    return isOfStreak ? gatherLocked(ipq) : writePlainLocked(ipq);
 }
 
 pelmoStatus pieceOf(WritePiece* out, const Ipq* ipq, pelmoMsg* message, bool urgent) {
@@ -276,15 +318,25 @@ pelmoStatus addUrgentLocked(Ipq* ipq, Messages messages, IpqAdding* adding)
 
 pelmoStatus beginLocked(Ipq* ipq, uint32_t* depth) PELMO_REQUIRES(ipq->lock) {
     if (!ipq->isOpen) return kStatusDaemonNotConnected;
-    if (ipq->holds == 0 && ipq->batches == 0) readClockLocked(ipq);
+    if (!isHeldLocked(ipq)) readClockLocked(ipq);
     ++*depth;
     return kStatusSuccess;
+}
+
+// What was sent before isn't held. Where it can't be written, reading comes to the connection's
+// end.
+pelmoStatus beginHeldLocked(Ipq* ipq, uint32_t* depth) PELMO_REQUIRES(ipq->lock) {
+    if (!isHeldLocked(ipq) && !ipq->isBatching) {
+        ipqEndTimerLocked(ipq, &ipq->flushTimer);
+        if (!ipq->writeIsArmed && usableLocked(ipq) == kStatusSuccess) (void)ipqWriteLocked(ipq);
+    }
+    return beginLocked(ipq, depth);
 }
 
 pelmoStatus endLocked(Ipq* ipq, uint32_t* depth) PELMO_REQUIRES(ipq->lock) {
     const pelmoStatus status = usableLocked(ipq);
     if (*depth != 0) --*depth;
-    const bool goesOn = ipq->holds != 0 || ipq->batches != 0 || ipq->writeIsArmed;
+    const bool goesOn = isHeldLocked(ipq) || ipq->writeIsArmed;
     return status != kStatusSuccess || goesOn ? status : ipqWriteLocked(ipq);
 }
 
@@ -410,7 +462,7 @@ pelmoStatus ipqSendVector(Ipq* ipq,
 
 pelmoStatus ipqHold(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    return beginLocked(ipq, &ipq->holds);
+    return beginHeldLocked(ipq, &ipq->holds);
 }
 
 pelmoStatus ipqFlush(Ipq* ipq) {
@@ -420,7 +472,7 @@ pelmoStatus ipqFlush(Ipq* ipq) {
 
 pelmoStatus ipqBeginBatch(Ipq* ipq) {
     const LockGuard guard(ipq->lock);
-    return beginLocked(ipq, &ipq->batches);
+    return beginHeldLocked(ipq, &ipq->batches);
 }
 
 pelmoStatus ipqEndBatch(Ipq* ipq) {

@@ -199,6 +199,97 @@ TEST_F(StandingQueue, HoldsBackAndFlushes) {
     }
 }
 
+// Sends with so many nanoseconds from each to the next, then a step; what is written by then.
+TEST_F(StandingQueue, GathersSendsThatFollowClosely) {
+    const std::string unit = streamUnit(100, 'a');
+    constexpr int64_t kClose = 49'999;
+    int64_t now = 0;
+    const auto sendAfter = [&](int64_t nanoseconds) {
+        stand.clock.set(1'000, now += nanoseconds);
+        ASSERT_EQ(send(unit), kStatusSuccess);
+    };
+    const auto sendClose = [&] { sendAfter(kClose); };
+    const auto timersAfter = [&](double seconds) {
+        timersAt(static_cast<double>(now) / 1e9 + seconds);
+    };
+    const struct {
+        const char* what;
+        int64_t gap;
+        int sends;
+        std::function<void()> step;
+        uint32_t writes;
+        uint32_t waiting;
+    } cases[] = {
+        {"pauses", 50'000, 40, [] {}, 40, 0},
+        {"a few", kClose, 17, [] {}, 17, 0},
+        {"the first that is gathered", kClose, 18, [] {}, 17, 1},
+        {"as much as is written at once", kClose, 17 + 328, [] {}, 18, 0},
+        {"the tail", kClose, 40, [&] { timersAfter(0.001); }, 18, 0},
+        {"a pause", kClose, 40, [&] { sendAfter(50'000); }, 18, 0},
+        {"after a pause", kClose, 40, [&] { sendAfter(50'000), sendClose(); }, 19, 0},
+        {"an answer", kClose, 40,
+         [&] {
+             sendText(peer.number(), unit);
+             passes();
+             sendClose();
+         },
+         18, 0},
+        {"a hold", kClose, 40,
+         [&] {
+             EXPECT_EQ(ipqHold(ipq), kStatusSuccess);
+             timersAfter(0.001);
+             sendClose();
+         },
+         18, 1},
+        {"little room", kClose, 17,
+         [&] {
+             ipqSetWaitLimit(ipq, 1'000);
+             for (int i = 0; i < 4; ++i)
+                 EXPECT_EQ(send(streamUnit(3'000, 'b')), kStatusSuccess);
+         },
+         19, 0},
+        {"a vector", kClose, 16,
+         [&] {
+             const HeldMessage message(messageOf(unit));
+             pelmoMsg* const two[] = {message.get(), message.get()};
+             for (int i = 0; i < 3; ++i)
+                 EXPECT_EQ(ipqSendVector(ipq, two, false), kStatusSuccess);
+         },
+         17, 4},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        now = 0;
+        openAndRead();
+        for (int i = 0; i < c.sends; ++i)
+            sendAfter(c.gap);
+        c.step();
+        EXPECT_EQ(ipqWriteStatistics(ipq).attempts, c.writes);
+        EXPECT_EQ(ipqBacklog(ipq).messages, c.waiting);
+        // No timer goes on once nothing is sent, and the close loses nothing.
+        if (c.waiting == 0) timersAfter(0.01);
+        EXPECT_EQ(ipq->flushTimer != kNoId, c.waiting != 0 && ipq->holds == 0);
+        const size_t sent = ipqWriteStatistics(ipq).bytes + ipqBacklog(ipq).bytes;
+        std::thread reader([&] {
+            EXPECT_EQ(receiveText(peer.number(), sent + kNotice.size()).size(),
+                      sent + kNotice.size());
+            peer = OwnHandle();
+        });
+        EXPECT_EQ(ipqClose(std::exchange(ipq, nullptr), true, Owner::close), kStatusSuccess);
+        reader.join();
+        passes();
+    }
+
+    ASSERT_EQ(open(), kStatusSuccess);
+    for (int i = 0; i < 20; ++i)
+        sendClose();
+    EXPECT_EQ(ipqBacklog(ipq).messages, 3u);
+    resetPeer();
+    timersAfter(0.002);
+    EXPECT_EQ(owner.errors, 1);
+    EXPECT_GE(ipqUnsent(ipq).messages, 3u);
+}
+
 // Neighbours in a buffer are queued as one, others apart; urgent ones stay in order.
 TEST_F(StandingQueue, SendsVectors) {
     openAndRead();
@@ -463,6 +554,7 @@ TEST_F(StandingQueue, AccountsForItsTraffic) {
     testing::internal::CaptureStdout();
     std::string asked;
     for (int i = 0; i < 100; ++i) {
+        stand.clock.set(1'000, i * 1'000'000);
         ASSERT_EQ(send(streamUnit(100, 'a')), kStatusSuccess);
         asked += "    100";
     }
