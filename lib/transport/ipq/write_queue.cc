@@ -16,7 +16,8 @@ namespace {
 constexpr uint32_t kRecordsPerBlock = 1024;
 constexpr uint32_t kRecordsAtATime = 64;
 constexpr uint32_t kFirstRingSlots = 8;
-constexpr uint32_t kKeptRingSlots = 64;  // an empty ring with more goes
+constexpr uint32_t kKeptRingSlots = 64;   // an empty ring with more goes
+constexpr uint64_t kMuchBytes = 0x40000;  // of buffers: room that nobody uses is given back
 
 ChunkPool* recordPool = nullptr;
 
@@ -114,6 +115,22 @@ pelmoStatus join(WriteQueue* queue, WriteRecord* tail, const WritePiece& piece, 
     queue->messages += piece.count;
     if (tail != &queue->current) queue->ringBytes += piece.length;
     return kStatusSuccess;
+}
+
+// A tail that nothing joins any more gives back the room that it leaves unused, once much waits:
+// two small messages and a large one in turn would keep several times what they need. Without
+// memory it stays as it is.
+void giveRoomBack(WriteQueue* queue, WriteRecord* tail) {
+    const uint32_t bytes = bytesOf(tail);
+    if (!tail->coalescing || queue->bufferBytes < kMuchBytes) return;
+    if (bytes > tail->buffer->size / 2) return;
+    Buffer* const own = bufferClone(tail->buffer, tail->start, bytes, bytes);
+    if (own == nullptr) return;
+    queue->bufferBytes -= tail->buffer->size - own->size;
+    bufferRelease(std::exchange(tail->buffer, own));
+    tail->start = 0;
+    tail->end = bytes;
+    tail->coalescing = false;
 }
 
 // Adding
@@ -254,6 +271,7 @@ pelmoStatus writeQueueAdd(WriteQueue* queue, const WritePiece& piece, double now
     }
     WriteRecord* const tail = tailOf(queue);
     if (canJoin(queue, tail, piece)) return join(queue, tail, piece, now);
+    if (!piece.urgent) giveRoomBack(queue, tail);
     return addToRing(queue, piece, now);
 }
 

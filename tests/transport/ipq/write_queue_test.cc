@@ -91,6 +91,22 @@ TEST(WriteQueue, CoalescesSmallMessages) {
     }
 }
 
+// Two small messages and a large one in turn: the room that small ones don't use isn't kept.
+TEST(WriteQueue, KeepsLittleRoomForNobody) {
+    TestQueue test;
+    std::string expected;
+    while (expected.size() < 2'000'000) {
+        for (const uint32_t size : {10u, 10u, 4'000u}) {
+            const char fill = static_cast<char>('a' + expected.size() % 26);
+            ASSERT_EQ(test.add(size, fill), kStatusSuccess);
+            expected.append(size, fill);
+        }
+    }
+    EXPECT_LT(test.queue.bufferBytes, expected.size() + 300'000);
+    EXPECT_EQ(writeQueueBytes(&test.queue), expected.size());
+    EXPECT_EQ(test.gather().substr(0, 1'000'000), expected.substr(0, 1'000'000));
+}
+
 // Random messages, limits, sends and failing allocations: every byte of what was taken leaves once
 // and in order, and the counts are those of what waits.
 TEST(WriteQueue, SendsEachByteOnceInOrder) {
