@@ -39,7 +39,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Ratios of a row whose bare loop changed by more within the run say nothing.
+constexpr double kMostChange = 4.0 / 3;
+constexpr size_t kRatioColumn = 2;
+
 constexpr uint32_t kHeldMessages = 100;
+constexpr int kSendBufferBytes = 262'144;  // as of a client of a daemon on the same machine
 const uint32_t kLoopback = htonl(INADDR_LOOPBACK);
 
 struct Shape {
@@ -152,6 +157,7 @@ void sendByQueue(uint16_t port, const Shape& shape, int report) {
     check(socketCreateClient(&socket, 0, kFirstIoQueueId, false) == kSocketDone, "socket");
     socketSetMode(socket, SocketMode::kBlocking);
     check(socketConnect(socket, kLoopback, port) == kSocketDone, "connect");
+    check(socketSetSendBuffer(socket, kSendBufferBytes) == kStatusSuccess, "buffer");
     Ipq* ipq = nullptr;
     check(ipqCreate(&ipq, nullptr, kFirstIoQueueId, socket) == kStatusSuccess, "queue");
     ipqSetBlockWhenFull(ipq, true);
@@ -214,6 +220,7 @@ void sendBare(uint16_t port, uint64_t bytes, size_t chunk) {
     const int handle = socket(AF_INET, SOCK_STREAM, 0);
     const int on = 1;
     setsockopt(handle, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof(kSendBufferBytes));
     sockaddr_in peer = {};
     peer.sin_family = AF_INET;
     peer.sin_addr.s_addr = kLoopback;
@@ -292,8 +299,16 @@ void measure(const Shape& shape, int pairs) {
     std::printf("%6u%s", shape.messageBytes, shape.isHeld ? " held" : "     ");
     const char* const formats[] = {"%11.0f", "%11.0f", "%7.2f", "%9.0f",  "%9.0f",
                                    "%8.0f",  "%8.0f",  "%8.0f", "%8.0f\n"};
-    for (size_t column = 0; column < std::size(columns); ++column)
-        std::printf(formats[column], median(columns[column]));
+    const auto [least, most] = std::minmax_element(columns[1].begin(), columns[1].end());
+    const bool isSteady = *most <= kMostChange * *least;
+    for (size_t column = 0; column < std::size(columns); ++column) {
+        if (column == kRatioColumn && !isSteady) {
+            std::printf("%7s", "-");
+        } else {
+            std::printf(formats[column], median(columns[column]));
+        }
+    }
+    if (!isSteady) std::printf("       the machine changed: bare %.0f to %.0f /s\n", *least, *most);
     std::fflush(stdout);
 }
 
@@ -302,6 +317,10 @@ void measure(const Shape& shape, int pairs) {
 int main(int count, char** arguments) {
     const int pairs = count > 1 ? std::atoi(arguments[1]) : 7;
     const uint64_t megabytes = count > 2 ? static_cast<uint64_t>(std::atoi(arguments[2])) : 400;
+    double load[3] = {};
+    (void)getloadavg(load, 3);
+    std::printf("%u cores, load %.1f (%.1f over 15 minutes)\n", std::thread::hardware_concurrency(),
+                load[0], load[2]);
     std::printf(
         " bytes       ours /s    bare /s  ratio  a write   a read  ns to send, bare  to receive, "
         "bare"

@@ -13,6 +13,7 @@
 #include <new>
 #include <utility>
 
+#include "lib/base/bytes.h"
 #include "lib/runtime/socket_error.h"
 #include "lib/transport/socket/socket_internal.h"
 
@@ -203,6 +204,12 @@ pelmoStatus socketSetKeepAlive(Socket* socket, bool on) {
                                                                            : kStatusNotInitialized;
 }
 
+pelmoStatus socketSetSendBuffer(Socket* socket, uint32_t bytes) {
+    const LockGuard guard(socket->lock);
+    const bool isSet = setOption(socket->handle, SOL_SOCKET, SO_SNDBUF, static_cast<int>(bytes));
+    return isSet ? kStatusSuccess : kStatusNotInitialized;
+}
+
 uint32_t socketPeerAddress(Socket* socket) {
     const LockGuard guard(socket->lock);
     return socket->peerAddress;
@@ -231,6 +238,15 @@ bool socketPeerHasEnded(Socket* socket) {
     socklen_t size = sizeof info;
     return getsockopt(socket->handle, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
            info.tcpi_state == TCP_CLOSE_WAIT;
+}
+
+bool socketPeerIsHere(Socket* socket) {
+    const LockGuard guard(socket->lock);
+    sockaddr_in own = {};
+    socklen_t size = sizeof own;
+    if (getsockname(socket->handle, reinterpret_cast<sockaddr*>(&own), &size) != 0) return false;
+    const uint32_t peer = socket->peerAddress;
+    return own.sin_addr.s_addr == peer || hostOrder32(peer) >> 24 == IN_LOOPBACKNET;
 }
 
 int socketHandle(Socket* socket) {

@@ -130,6 +130,10 @@ void socketInterrupt(Socket* socket);
 // kStatusNotInitialized if the system refuses.
 pelmoStatus socketSetKeepAlive(Socket* socket, bool on);
 
+// How much may wait in the connection; the system no longer tunes it. kStatusNotInitialized if the
+// system refuses.
+pelmoStatus socketSetSendBuffer(Socket* socket, uint32_t bytes);
+
 // Callbacks. Setting one replaces the one before. While the socket connects, they wait. When it is
 // connected, the one for writing runs; when it failed, only one of them runs, and only once: the
 // one for reading if it is set. One that is set after a failure runs once for it.
@@ -156,6 +160,9 @@ pelmoStatus socketCancelWritable(Socket* socket, SocketDone done);
 
 // Has the peer ended its side in order, and broken nothing off?
 [[nodiscard]] bool socketPeerHasEnded(Socket* socket);
+
+// Does a connected socket's peer run on this machine?
+[[nodiscard]] bool socketPeerIsHere(Socket* socket);
 
 // The handle, for polls of one's own; valid while the socket isn't closed.
 [[nodiscard]] int socketHandle(Socket* socket);
