@@ -81,11 +81,16 @@ compare() {
     floorNs=$(awk "{ print \$3 * 1000 / $packets }" "$results" | median)
     ratio=$(awk '{ print $1 / $3 }' "$results" | median)
     peak=$(awk '{ print $2 / 1024 }' "$results" | median)
+    local steady
+    steady=$(awk 'NR == 1 || $3 < least { least = $3 } $3 > most { most = $3 }
+        END { print (most <= least * 4 / 3) }' "$results")
     rm "$results"
     # shellcheck disable=SC2059
     printf "$row" "$name" "$packets" "$(calc %.0f "$toolNs")" "$(calc %.0f "$floorNs")" \
-        "$(calc %.2f "$ratio")" "$bar" "$aim" "$(calc %s "$ratio <= $bar ? \"within\" : \"over\"")" \
+        "$([ "$steady" = 1 ] && calc %.2f "$ratio" || echo -)" "$bar" "$aim" \
+        "$([ "$steady" = 1 ] && calc %s "$ratio <= $bar ? \"within\" : \"over\"" || echo "?")" \
         "$(calc %.1f "$peak")"
+    [ "$steady" = 1 ] || echo "     the floor moved by more than a third: the machine changed"
 }
 
 # peak_of ARGUMENTS -- NAME OPTIONS...: measures the peak memory of the tool with these arguments.
@@ -136,6 +141,7 @@ record() {
         --publishers 11
 }
 
+echo "$(nproc) cores, load $(cut -d' ' -f1,3 /proc/loadavg) (1 and 15 minutes)"
 echo "nanoseconds a packet, medians of $pairs pairs"
 # shellcheck disable=SC2059
 printf "$row" case packets tool floor ratio bar aim '' peak-MB

@@ -6,7 +6,8 @@ processor time for each delivered message, of the broker and of all processes to
 of requests with a small answer, beside a bare ping-pong over two hops of TCP, and the same with pmd in
 its middle. Each figure is the median of its rounds; the brokers take turns within a round, so that
 whatever else the machine does meets them all. Everything runs on this machine, over loopback, and ends
-with the script.
+with the script. A bare request is timed in each round: where it moved by more than a third within a
+run, the machine changed, and no ratio is printed.
 """
 import argparse
 import os
@@ -21,8 +22,11 @@ import tempfile
 import time
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+sys.path.insert(0, os.path.join(ROOT, "bench"))
+import machine  # noqa: E402
 TICKS = os.sysconf("SC_CLK_TCK")
 PATIENCE_SECONDS = 120
+FLOOR_REQUESTS = 3000  # of the bare loop between two rounds of a flow, of 100 bytes each
 
 # (listeners, bytes, messages): about a second each on two cores.
 FLOWS = [(1, 100, 1000000), (1, 1024, 500000), (1, 16384, 60000),
@@ -132,6 +136,10 @@ class Bench:
         return self.finish(subprocess.Popen([program] + [str(word) for word in words],
                                             stdout=subprocess.PIPE, text=True))
 
+    def bare_us(self):
+        """What the machine takes for a bare request now."""
+        return self.floor(100, FLOOR_REQUESTS)[0]
+
     def requests(self, road, size, count):
         count = max(10, int(count * self.options.scale))
         if road == "tcp":
@@ -172,9 +180,10 @@ def median(rows):
     return [statistics.median(column) for column in zip(*rows)]
 
 
-def in_turns(roads, rounds, measure):
+def in_turns(roads, rounds, measure, before_round=lambda: None):
     rows = {road: [] for road in roads}
     for _ in range(rounds):
+        before_round()
         for road in roads:
             rows[road].append(measure(road))
     return rows
@@ -188,7 +197,9 @@ def ratio_of_pairs(rows, road, better):
 def show_flows(bench, roads, rounds):
     print("delivered messages a second; broker's us for each, and of all; lost")
     for listeners, size, count in FLOWS:
-        rows = in_turns(roads, rounds, lambda road: bench.flow(road, listeners, size, count))
+        bare = machine.Steadiness()
+        rows = in_turns(roads, rounds, lambda road: bench.flow(road, listeners, size, count),
+                        lambda: bare.add(bench.bare_us()))
         others = [road for road in roads if not road.startswith("pmd")]
         best = max(others, key=lambda road: median(rows[road])[0], default=None)
         for road in roads:
@@ -198,17 +209,22 @@ def show_flows(bench, roads, rounds):
             if lost > 0:
                 line += "  lost %.1f%%" % (lost * 100)
             if best and road.startswith("pmd"):
-                line += "  %.2f of %s" % (ratio_of_pairs(rows, road, best), best)
+                line += bare.ratio("  %.2f of %s" % (ratio_of_pairs(rows, road, best), best))
             print(line, flush=True)
+        print("          %s" % bare.describe("us a bare request"), flush=True)
 
 
 def show_requests(bench, roads, rounds):
     print("request and answer: median, 99.9% in us")
     for size in (100, 1024, 16384):
         rows = in_turns(roads, rounds, lambda road: bench.requests(road, size, 20000))
+        bare = machine.Steadiness()
+        bare.values = [times[0] for times in rows["tcp"]]
         for road in roads:
-            print("%5d bytes  %-10s %8.1f %8.1f  %.2f of tcp" % (
-                size, road, *median(rows[road]), ratio_of_pairs(rows, road, "tcp")), flush=True)
+            ratio = bare.ratio("%.2f of tcp" % ratio_of_pairs(rows, road, "tcp"))
+            print("%5d bytes  %-10s %8.1f %8.1f  %s" % (size, road, *median(rows[road]), ratio),
+                  flush=True)
+        print("             %s" % bare.describe("us"), flush=True)
 
 
 def show_idle(bench, roads, clients):
@@ -231,6 +247,7 @@ def main():
     most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     roads = options.roads.split(",")
+    print(machine.describe())
     with tempfile.TemporaryDirectory() as scratch:
         bench = Bench(options, scratch)
         plain = [road for road in roads if road != "pmd-batch"]

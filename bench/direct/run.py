@@ -23,6 +23,8 @@ import subprocess
 import sys
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+sys.path.insert(0, os.path.join(ROOT, "bench"))
+import machine  # noqa: E402
 PATIENCE_SECONDS = 60
 DELAY_US = 5000  # each way
 MOST_LATE_US = 250  # of a relay that doesn't hold its flow up
@@ -141,9 +143,11 @@ def show_costs(bench, rounds, scale):
                 rows.append((own, bare, own / bare, count / packets, own * packets / count))
             title = "%5d bytes  %s  %d core%s" % (
                 size, "in step" if ahead else "flooded", cores, "s" if cores > 1 else " ")
-            figures = tuple(statistics.median(column) for column in zip(*rows))
-            print("%s  %5.0f, bare %5.0f  %5.2f  %5.2f messages a packet, %5.0f ns each" % (
-                (title,) + figures), flush=True)
+            own, bare, ratio, sharing, each = (statistics.median(column) for column in zip(*rows))
+            steady = machine.Steadiness()
+            steady.values = [row[1] for row in rows]
+            print("%s  %5.0f, bare %5.0f  %s  %5.2f messages a packet, %5.0f ns each" % (
+                title, own, bare, steady.ratio("%5.2f" % ratio), sharing, each), flush=True)
 
 
 def main():
@@ -159,6 +163,7 @@ def main():
     options = parser.parse_args()
     bench = Bench(options.build)
     roads = [road for road in options.roads.split(",") if road in bench.roads()]
+    print(machine.describe())
     try:
         if "goodput" in options.parts:
             show_goodput(bench, roads, options.rounds)
