@@ -4,10 +4,10 @@
 
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "lib/pelmo.h"
+#include "programs/owned_message.h"
 
 // "pelmobus: WHAT: STATUS TEXT (STATUS)"
 void complain(const std::string& what, pelmoStatus status);
@@ -17,15 +17,3 @@ void complain(const std::string& what);
 
 // The line alone.
 void announce(const std::string& line);
-
-// A message that is destroyed with its holder. Null if memory runs out.
-
-struct DestroyMessage {
-    void operator()(pelmoMsg* msg) const { pelmoMsg_Destroy(msg); }
-};
-using OwnedMessage = std::unique_ptr<pelmoMsg, DestroyMessage>;
-
-[[nodiscard]] inline OwnedMessage messageMake() {
-    pelmoMsg* msg = nullptr;
-    return OwnedMessage(pelmoMsg_Create(&msg) == kStatusSuccess ? msg : nullptr);
-}

@@ -13,8 +13,8 @@
 
 #include "bus/common.h"
 #include "bus/line_input.h"
-#include "bus/message_json.h"
 #include "bus/settings.h"
+#include "programs/message_json.h"
 
 struct Composer {
     const BusSettings& settings;

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "bus/common.h"
-#include "bus/message_json.h"
+#include "programs/message_json.h"
 #include "programs/stop.h"
 
 namespace {

@@ -13,10 +13,10 @@
 #include <cstdint>
 
 #include "bus/connection.h"
-#include "bus/message_json.h"
 #include "bus/output.h"
 #include "bus/pump.h"
 #include "bus/settings.h"
+#include "programs/message_json.h"
 
 struct Printer {
     bool json = false;

@@ -8,7 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include "bus/field_kind.h"
+#include "programs/field_kind.h"
 
 enum ExitStatus : int {
     kExitDone = 0,        // also by a signal

@@ -1,7 +1,7 @@
 // Messages to JSON and back: whatever the library can build comes back to the byte, and whatever
 // isn't such a line is refused with its place.
 
-#include "bus/json.h"
+#include "programs/json.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <random>
 
 #include "bus/common.h"
-#include "bus/message_json.h"
+#include "programs/message_json.h"
 #include "programs/text.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include "bus/command_line.h"
 #include "bus/common.h"
-#include "bus/field_kind.h"
+#include "programs/field_kind.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "bus/common.h"
-#include "bus/message_json.h"
+#include "programs/message_json.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {

@@ -15,9 +15,9 @@
 #include <string>
 #include <string_view>
 
-#include "bus/common.h"
-#include "bus/json.h"
 #include "lib/pelmo.h"
+#include "programs/json.h"
+#include "programs/owned_message.h"
 
 struct JsonWriter {
     OwnedMessage scratch;  // converts a value at a time to the library's text of it

@@ -1,4 +1,4 @@
-#include "bus/json.h"
+#include "programs/json.h"
 
 #include <cstdint>
 #include <cstdio>

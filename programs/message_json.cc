@@ -1,13 +1,12 @@
-#include "bus/message_json.h"
+#include "programs/message_json.h"
 
 #include <algorithm>
 #include <cstring>
 #include <span>
 #include <vector>
 
-#include "bus/common.h"
-#include "bus/field_kind.h"
-#include "bus/json.h"
+#include "programs/field_kind.h"
+#include "programs/json.h"
 #include "programs/number.h"
 #include "programs/text.h"
 

@@ -1,4 +1,4 @@
-#include "bus/field_kind.h"
+#include "programs/field_kind.h"
 
 #include <arpa/inet.h>
 
