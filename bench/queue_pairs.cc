@@ -3,11 +3,11 @@
 //
 //     queue_pairs [PAIRS [MEGABYTES]]
 //
-// A pair is a run of each, one behind the other; a line tells the medians of all pairs of one size
+// A pair is a run of each, one after the other; a line has the medians of all pairs of one size
 // and the median of their ratios. A run that doesn't count goes first. "held" sends a hundred
 // messages between a hold and a flush. The bare processes have a second thread, asleep, as each
 // process with queues has: system calls cost more there. The processor time of the two sides, in
-// nanoseconds a message, tells which of them holds the rate; where the machine has other work, it
+// nanoseconds a message, shows which of them limits the rate; on a busy machine it
 // says more.
 
 #include <arpa/inet.h>

@@ -7,7 +7,7 @@
 //     bus_bench request ROAD PORT SIZE COUNT       "MEDIAN P999" in microseconds
 //     bus_bench idle ROAD PORT CLIENTS             "ready", until its input ends
 //
-// A listener that gets nothing for two seconds tells how far it came.
+// A listener that gets nothing for two seconds prints how far it came.
 
 #include <time.h>
 #include <unistd.h>

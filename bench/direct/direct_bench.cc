@@ -10,7 +10,7 @@
 // them.
 //
 // `cpu` sends COUNT messages over loopback from one process to another. With AHEAD the sender is
-// that many messages ahead of the receiver at most, told by a semaphore each kCreditMessages: so
+// that many messages before the receiver at most, by a semaphore each kCreditMessages: so
 // messages don't pile up at either end, and each is a packet of its own. With AHEAD 0 the sender
 // does what it can. User and system time count, from the first message to the last, of all threads
 // of both processes; packets are those that the sender sent.

@@ -19,7 +19,7 @@ struct DirectRoad {
     const char* name;
 
     // Both run until the process ends, on a thread of their own. Messages come to the UDP port on
-    // loopback, of which roadIsReady tells, and roadTake gets all that arrives.
+    // loopback, which roadIsReady reports, and roadTake gets all that arrives.
     void (*receive)(uint16_t port);
 
     // Sends as long as roadMaySend lets it, and stays to see to what is under way.

@@ -3,7 +3,7 @@
 and usrsctp, behind a relay with a round trip of 10 ms and a share of datagrams lost each way; and what
 a packet costs beside a bare pair of sendto and recvfrom.
 
-Goodput is what arrived in some seconds, from a moment behind the first message on, at 32 packets
+Goodput is what arrived in some seconds, from a moment after the first message on, at 32 packets
 under way. Where packets are lost, flows wait much of the time, and four run beside each other.
 
 Processor time is that of both ends, user and system, for each packet that the sender sent, on loopback

@@ -146,7 +146,7 @@ pelmoStatus ipqSetAgeCheck(Ipq* ipq,
 // Starts reading.
 [[nodiscard]] pelmoStatus ipqSetReadCallback(Ipq* ipq, IpqReadCallback callback, void* closure);
 
-// Ahead of the read callback, so that no loss goes untold.
+// Before the read callback, so that every loss is reported.
 pelmoStatus ipqSetErrorCallback(Ipq* ipq, IpqErrorCallback callback, void* closure);
 
 // A longer first message ends the stream once its head has come. Before the read callback.

@@ -115,7 +115,7 @@ void ipqEndLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 void ipqNoteLossesLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
 // Nothing can be sent any more: what waits is dropped, writers that wait return, and whoever reads
-// comes to the end of the stream behind what has arrived.
+// comes to the end of the stream after what has arrived.
 void ipqLoseLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
 // Runs the error callback, the first time. Called without the lock.
@@ -141,7 +141,7 @@ void ipqWatchAgeLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 // it.
 [[nodiscard]] bool ipqWriteLast(Ipq* ipq, bool* isDone);
 
-// The close notice, where nothing waits ahead of it.
+// The close notice, if nothing waits before it.
 [[nodiscard]] bool ipqSendNotice(Ipq* ipq);
 
 // Reading (ipq_read.cc)

@@ -190,7 +190,7 @@ bool goesOn(Ipq* ipq) {
     return ipq->readIsArmed && !ipq->isBlocking;
 }
 
-// In blocking mode nothing is taken behind a message, since the next one may be for ipqReadOne.
+// In blocking mode nothing is read after a message, since the next one may be for ipqReadOne.
 void onReadable(Socket*, void* closure) {
     auto* const ipq = static_cast<Ipq*>(closure);
     const NoWait mark;

@@ -296,7 +296,7 @@ pelmoStatus addInOrderLocked(Ipq* ipq, Messages messages, IpqAdding* adding)
 }
 
 // Each urgent message passes those that wait, so the last one goes first; but for the first one of
-// all, which is written ahead of them where nothing waits.
+// all, which is written before them if nothing waits.
 pelmoStatus addUrgentLocked(Ipq* ipq, Messages messages, IpqAdding* adding)
     PELMO_REQUIRES(ipq->lock) {
     const auto add = [ipq, adding](pelmoMsg* message) PELMO_REQUIRES(ipq->lock) {
@@ -365,7 +365,7 @@ pelmoStatus ipqWriteLocked(Ipq* ipq) {
     for (uint32_t sends = 1; !ipq->isLost && !writeQueueIsEmpty(&ipq->queue); ++sends) {
         const Send send = sendSomeLocked(ipq, mostBytes);
         if (send.code == kSocketDone) {
-            // Behind a send that was cut, the next one would only be told that nothing goes.
+            // After a send that was cut, the next one would only fail.
             const bool goesOn = send.sent == send.asked && sends < kMostSendsOfCall;
             if (goesOn || ipq->isBlocking) continue;
         } else if (send.code == kSocketNoBuffers && send.asked > kScarceSendBytes) {
@@ -451,7 +451,7 @@ pelmoStatus ipqSendVector(Ipq* ipq,
     status =
         urgent ? addUrgentLocked(ipq, messages, &adding) : addInOrderLocked(ipq, messages, &adding);
     --ipq->batches;
-    // What came ahead of a failure goes all the same.
+    // What was added before a failure is sent all the same.
     const bool isUsable = usableLocked(ipq) == kStatusSuccess;
     const pelmoStatus written = isUsable ? writeAddedLocked(ipq) : kStatusSuccess;
     if (status == kStatusSuccess) status = written;

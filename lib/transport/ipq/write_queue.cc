@@ -174,7 +174,7 @@ bool isOld(const WriteQueue* queue, const WriteRecord* record, double now) {
     return record->time != kWriteTimeUnknown && queue->ageSeconds + record->time <= now;
 }
 
-// Urgent records stand ahead of older ones.
+// Urgent records are in front of older ones.
 bool hasOld(const WriteQueue* queue, double now) {
     if (queue->ageSeconds <= 0 || writeQueueIsEmpty(queue)) return false;
     if (isOld(queue, &queue->current, now)) return true;
@@ -198,7 +198,7 @@ void dropFirst(WriteQueue* queue, AgeReport* report) {
     dropRecord(queue, static_cast<WriteRecord*>(EntryRing_PopFront(queue->ring)), report);
 }
 
-// The first record that is neither old nor urgent has only younger ones behind it.
+// The first record that is neither old nor urgent is followed by younger ones only.
 uint32_t endOfOld(const WriteQueue* queue, double now) {
     uint32_t place = 0;
     for (; place < ringCount(queue); ++place) {
