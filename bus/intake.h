@@ -22,7 +22,7 @@ struct Printer {
     bool json = false;
     bool quiet = false;
     Output output;
-    JsonWriter writer;
+    MessageJsonWriter writer;
     uint64_t count = 0;  // of messages, shown or not
 };
 

@@ -177,12 +177,19 @@ pelmoStatus addFields(Line& line, pelmoMsg* msg) {
 
 }  // namespace
 
-pelmoStatus jsonWriteMessage(JsonWriter& writer, pelmoMsg* msg, std::string& out) {
+pelmoStatus jsonWriteFields(MessageJsonWriter& writer, pelmoMsg* msg, std::string& out) {
     if (writer.scratch == nullptr) writer.scratch = messageMake();
     if (writer.scratch == nullptr) return kStatusNoMemory;
     const size_t before = out.size();
     Line line{out, writer.scratch.get()};
+    const pelmoStatus status = addFields(line, msg);
+    out += '}';
+    if (status != kStatusSuccess) out.resize(before);
+    return status;
+}
 
+pelmoStatus jsonWriteMessage(MessageJsonWriter& writer, pelmoMsg* msg, std::string& out) {
+    const size_t before = out.size();
     const char* subject = nullptr;
     const char* reply = nullptr;
     out += '{';
@@ -196,8 +203,7 @@ pelmoStatus jsonWriteMessage(JsonWriter& writer, pelmoMsg* msg, std::string& out
         jsonTextAdd(out, reply);
         out += ',';
     }
-    const pelmoStatus status = addFields(line, msg);
-    out += '}';
+    const pelmoStatus status = jsonWriteFields(writer, msg, out);
     if (status != kStatusSuccess) out.resize(before);
     return status;
 }

@@ -19,13 +19,20 @@
 #include "programs/json.h"
 #include "programs/owned_message.h"
 
-struct JsonWriter {
+struct MessageJsonWriter {
     OwnedMessage scratch;  // converts a value at a time to the library's text of it
 };
 
 // Adds the line, without a line break. On failure nothing is added: kStatusNoMemory, or
 // kStatusCorruptMessage for a message whose fields can't be separated.
-[[nodiscard]] pelmoStatus jsonWriteMessage(JsonWriter& writer, pelmoMsg* msg, std::string& out);
+[[nodiscard]] pelmoStatus jsonWriteMessage(MessageJsonWriter& writer,
+                                           pelmoMsg* msg,
+                                           std::string& out);
+
+// The same without subject and reply: `"fields":[...]}`, for a line that begins with other members.
+[[nodiscard]] pelmoStatus jsonWriteFields(MessageJsonWriter& writer,
+                                          pelmoMsg* msg,
+                                          std::string& out);
 
 // Makes fields of the application's own types readable, and possible to send, as bytes. Once the
 // library is open, before the first message.

@@ -1,6 +1,7 @@
 #include "watch/forms.h"
 
 #include "watch/json/json.h"
+#include "watch/messages/messages.h"
 #include "watch/report/report.h"
 #include "watch/serve/serve.h"
 #ifdef PELMO_WATCH_TOP
@@ -11,12 +12,11 @@ namespace {
 
 // In the order of the help text.
 constexpr const Form* kForms[] = {
-    &kJsonForm,
-    &kServeForm,
+    &kJsonForm,   &kServeForm,
 #ifdef PELMO_WATCH_TOP
     &kTopForm,
 #endif
-    &kReportForm,
+    &kReportForm, &kMessagesForm,
 };
 
 }  // namespace

@@ -23,7 +23,7 @@ std::string imageOf(pelmoMsg* msg) {
 }
 
 std::string lineOf(pelmoMsg* msg) {
-    JsonWriter writer;
+    MessageJsonWriter writer;
     std::string line;
     EXPECT_EQ(jsonWriteMessage(writer, msg, line), kStatusSuccess);
     return line;

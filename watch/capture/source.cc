@@ -8,10 +8,12 @@
 #include <memory>
 
 #include "lib/base/bytes.h"
+#include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/capture/frame.h"
+#include "trace/counts/statistics.h"
 #include "trace/run/run_modes.h"
 #include "trace/run/start_steps.h"
 #include "trace/settings.h"
@@ -192,6 +194,12 @@ std::string liveFilterText(pcap_t* capture) {
     return traceSettings.filterText;
 }
 
+// Who takes packets in place of the analysis is spared those that come after the end of the run.
+void takeAlone(TimeSpec time, const uint8_t* ip, size_t length) {
+    const LockGuard guard(statsLock);
+    if (!captureShuttingDown()) sourceSettings.takePacket(time, ip, length);
+}
+
 void takeLive(const pcap_pkthdr& header, const u_char* bytes, PacketHandler handler) {
     takeFrame({.seconds = header.ts.tv_sec,
                .nanoseconds = static_cast<uint32_t>(header.ts.tv_usec) * 1000,
@@ -199,7 +207,7 @@ void takeLive(const pcap_pkthdr& header, const u_char* bytes, PacketHandler hand
                .wireBytes = header.len,
                .linkType = source.liveLinkType,
                .bytes = bytes},
-              handler);
+              sourceSettings.takePacket != nullptr ? takeAlone : handler);
 }
 
 uint16_t liveLinkTypeOf(pcap_t* capture) {
@@ -227,7 +235,8 @@ std::string linkTypesText() {
 CaptureSpan wantedSpan() {
     constexpr int64_t kHalfDaySeconds = 12 * 60 * 60;
     const int64_t firstSeconds = captureSetFirstSeconds(*source.set);
-    const auto& [files, from, to] = sourceSettings;
+    const std::optional<CaptureTime>& from = sourceSettings.from;
+    const std::optional<CaptureTime>& to = sourceSettings.to;
     CaptureSpan span;
     if (from) {
         span.fromSeconds = captureTimeResolve(*from, firstSeconds, kHalfDaySeconds);
@@ -273,8 +282,13 @@ pelmoStatus sourceBegin() {
 }
 
 void sourceRunOffline() {
-    offlineRunBegin();
     CaptureFrame frame;
+    if (sourceSettings.takePacket != nullptr) {
+        while (captureSetNext(*source.set, &frame) == ReadResult::kFrame)
+            takeFrame(frame, sourceSettings.takePacket);
+        return;
+    }
+    offlineRunBegin();
     while (captureSetNext(*source.set, &frame) == ReadResult::kFrame)
         takeFrame(frame, offlineRunPacket);
     offlineRunEnd();

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "lib/base/status.h"
+#include "trace/capture/frame.h"
 #include "trace/counts/snapshot.h"
 #include "watch/capture/capture_set.h"
 #include "watch/capture/capture_time.h"
@@ -32,6 +33,9 @@ static_assert(kNotReadKinds <= kSnapNotReadKinds);
 struct SourceSettings {
     std::vector<std::string> files;  // of a run that isn't live; as captureSetOpen
     std::optional<CaptureTime> from, to;
+
+    // Takes all packets in place of the analysis, which then counts nothing. May be null.
+    PacketHandler takePacket = nullptr;
 };
 extern SourceSettings sourceSettings;
 

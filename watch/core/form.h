@@ -40,6 +40,10 @@ struct Form {
     // All rights are given up, the library is open. May be null.
     bool (*start)();
 
+    // Takes the IP packet of each frame in place of the analysis, live on the capture thread, one
+    // at a time. There are no Snapshots then. May be null.
+    void (*packet)(TimeSpec time, const uint8_t* ip, size_t length) = nullptr;
+
     // Shows an interval. The Snapshot is sorted, its ports have their service ports, and it is
     // valid for the call. False where no further one is wanted, because it was enough or because
     // output failed; the run then ends in order, and `end` tells which.

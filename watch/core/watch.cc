@@ -45,7 +45,7 @@ struct WatchRun {
 constinit WatchRun run;
 
 void take(SnapHeader* snapshot) {
-    if (!run.wantsMore) return;
+    if (!run.wantsMore || run.form->snapshot == nullptr) return;
     snapshotSort(snapshot);
     servicesFind(snapshot);
     run.wantsMore = run.form->snapshot(*snapshot);
@@ -175,6 +175,7 @@ int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
     logSetProgramName(kWatchName);
     run.form = &optionsParse(argc, argv, forms);
     snapshotSink = kSink;
+    sourceSettings.takePacket = run.form->packet;
     traceSettings.logCutFrames = false;  // forms show how many there were
 
     const pelmoStatus status = startInOrder(kStartSteps);
