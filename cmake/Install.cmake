@@ -54,7 +54,7 @@ if(PELMO_WATCH_BUILT)
             DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
     install(DIRECTORY docs/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
     install(FILES docs/pelmowatch.service docs/licenses/uPlot.txt
-                  docs/licenses/CLI11.txt docs/licenses/RapidJSON.txt
+                  docs/licenses/RapidJSON.txt
             DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmowatch COMPONENT watch)
 endif()
 

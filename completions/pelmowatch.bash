@@ -2,8 +2,8 @@
 
 _pelmowatch() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local source="-i --interface -r --read -u --interval -addr --addr -src --src -dst --dst -port --port
-        -filter --filter --help"
+    local source="-i --interface -r --read --from --to --strict -u --interval -addr --addr -src --src
+        -dst --dst -port --port -filter --filter --help"
     local -A options=(
         [json]="--rows --since-start --senders"
         [serve]="--listen --host --hosts --subjects --expire --max-series --max-clients --senders --pace"
@@ -11,15 +11,21 @@ _pelmowatch() {
         [top]="--speed"
     )
     # Options whose values nobody can guess.
-    local values=" -u --interval -addr --addr -src --src -dst --dst -port --port -filter --filter
+    local values=" --from --to -u --interval -addr --addr -src --src -dst --dst -port --port -filter --filter
         --listen --host --subjects --expire --max-series --max-clients --speed "
+
+    # The last option before the word: -r takes several files.
+    local at=$((COMP_CWORD - 1))
+    while ((at > 1)) && [[ ${COMP_WORDS[at]} != -?* ]]; do
+        ((at--))
+    done
 
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
         mapfile -t COMPREPLY < <(compgen -W "${!options[*]} --help --version" -- "$current")
     elif [[ $previous == -i || $previous == --interface ]]; then
         mapfile -t COMPREPLY < <(cd /sys/class/net && compgen -f -- "$current")
-    elif [[ $previous == -r || $previous == --read || $previous == -o || $previous == --output ]]; then
+    elif [[ $previous == @(-r|--read|-o|--output) || $current != -* && ${COMP_WORDS[at]} == @(-r|--read) ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
     elif [[ $values != *[[:space:]]"$previous"[[:space:]]* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$source ${options[${COMP_WORDS[1]}]-}" -- "$current")

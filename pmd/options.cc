@@ -23,16 +23,6 @@ constexpr uint64_t kMostMemoryMegabytes = 1 << 20;
 // Each has an id of 16 bits of its own, and 0 is none.
 constexpr uint64_t kMostClients = 60'000;
 
-// Null, or what is wrong with the text.
-const char* readNumber(std::string_view text, uint64_t least, uint64_t most, uint64_t& out) {
-    uint64_t number = 0;
-    const char* const fault = numberParse(text, number);
-    if (fault != nullptr) return fault;
-    if (number < least || number > most) return "out of range";
-    out = number;
-    return nullptr;
-}
-
 bool readAddress(std::string_view text, uint32_t& out) {
     in_addr address{};
     if (inet_pton(AF_INET, std::string(text).c_str(), &address) != 1) return false;
@@ -43,7 +33,7 @@ bool readAddress(std::string_view text, uint32_t& out) {
 // A number, or the name of a service.
 bool readPort(std::string_view text, const char* protocol, uint16_t& out) {
     uint64_t number = 0;
-    if (readNumber(text, 1, UINT16_MAX, number) == nullptr) {
+    if (numberParse(text, 1, UINT16_MAX, number) == nullptr) {
         out = hostOrder16(static_cast<uint16_t>(number));
         return true;
     }
@@ -88,14 +78,14 @@ const char* storeAsk(PmdOptions& options, std::string_view) {
 template <auto kMember, uint64_t kLeast, uint64_t kMost>
 const char* storeMegabytes(PmdOptions& options, std::string_view value) {
     uint64_t megabytes = 0;
-    const char* const fault = readNumber(value, kLeast, kMost, megabytes);
+    const char* const fault = numberParse(value, kLeast, kMost, megabytes);
     if (fault == nullptr) options.*kMember = megabytes * kMegabyte;
     return fault;
 }
 
 const char* storeMostClients(PmdOptions& options, std::string_view value) {
     uint64_t number = 0;
-    const char* const fault = readNumber(value, 1, kMostClients, number);
+    const char* const fault = numberParse(value, 1, kMostClients, number);
     if (fault == nullptr) options.mostClients = static_cast<uint32_t>(number);
     return fault;
 }

@@ -23,6 +23,20 @@ template <std::integral Number>
     return nullptr;
 }
 
+// The same within bounds of the program's own.
+template <std::integral Number>
+[[nodiscard]] const char* numberParse(std::string_view text,
+                                      std::type_identity_t<Number> least,
+                                      std::type_identity_t<Number> most,
+                                      Number& out) {
+    Number number{};
+    const char* const fault = numberParse(text, number);
+    if (fault != nullptr) return fault;
+    if (number < least || number > most) return "out of range";
+    out = number;
+    return nullptr;
+}
+
 // The same for reals, with a fraction and an exponent; "NaN", "Infinity" and "-Infinity" too.
 [[nodiscard]] const char* numberParse(std::string_view text, float& out);
 [[nodiscard]] const char* numberParse(std::string_view text, double& out);

@@ -134,7 +134,7 @@ check_pelmowatch() {
     cmp "$work/page.html" "$root/tmp/page.html"
     has_files man/man1/pelmowatch.1 pelmowatch/pelmowatch{,-report}.schema.json \
         pelmowatch/prometheus/pelmo_{bus.yml,alerts.yml,dashboard.json} \
-        doc/pelmowatch/{OPERATING.md,copyright,pelmowatch.service,uPlot.txt,CLI11.txt,RapidJSON.txt}
+        doc/pelmowatch/{OPERATING.md,copyright,pelmowatch.service,uPlot.txt,RapidJSON.txt}
     check_server
 }
 

@@ -39,7 +39,6 @@ need libpcap-dev have_header pcap.h
 need zlib1g-dev have_header zlib.h
 if [ "$option" != --tool ]; then
     need python3 test -x /usr/bin/python3
-    need libcli11-dev have_header CLI/CLI.hpp
     need rapidjson-dev have_header rapidjson/writer.h
     need libmicrohttpd-dev have_header microhttpd.h
     need prometheus-cpp-dev have_header prometheus/text_serializer.h

@@ -52,7 +52,7 @@ class Install(unittest.TestCase):
             usage = run(cls.watch, "--help").stdout
             forms = re.findall(r"^  ([a-z]+) ", usage, re.MULTILINE)
             cls.watch_options = {form: cls.watch_options_of(form) for form in forms}
-            assert "json" in forms and len(cls.watch_options["json"]) == 17 + 3, cls.watch_options
+            assert "json" in forms and len(cls.watch_options["json"]) == 20 + 3, cls.watch_options
 
     @classmethod
     def tearDownClass(cls):

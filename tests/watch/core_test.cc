@@ -12,7 +12,6 @@
 
 #include "lib/base/sanitizer.h"
 #include "tests/support/fail_alloc.h"
-#include "watch/core/option_row.h"
 #include "watch/core/privileges.h"
 #include "watch/core/progress.h"
 #include "watch/core/text.h"

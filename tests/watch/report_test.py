@@ -149,7 +149,7 @@ class Report(unittest.TestCase):
         for arguments, status, words in (
                 (("-r", self.mix), 2, b"needs -o FILE"),
                 (("-i", "lo", "-o", page), 2, b"needs -r FILE"),
-                (("-r", self.mix, "-o", ""), 2, b"is empty"),
+                (("-r", self.mix, "-o", ""), 2, b"needs the name"),
                 (("-r", self.mix, "-o", self.mix), 2, b"same file"),
                 (("-r", self.mix, "-o", link), 2, b"same file"),
                 (("-r", self.mix, "-o", self.folder / "none" / "x.html"), 1, b"No such file"),

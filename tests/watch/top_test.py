@@ -257,11 +257,11 @@ class Ends(unittest.TestCase):
             path = pathlib.Path(folder, "torn.pcap")
             path.write_bytes(pathlib.Path(BUS).read_bytes()[:-7])
             session = self.start("-r", path, "-u", "1", "--speed", "1000")
-            session.wait_for(b"truncated")
+            session.wait_for(b"unable to read all")
             session.press("q")
             session.end()
             self.is_as_it_was(session)
-            self.assertIn(b"truncated", session.seen[session.seen.rfind(OUT_OF):])
+            self.assertIn(b"unable to read all", session.seen[session.seen.rfind(OUT_OF):])
 
             # A log that finds no room, and one that is somewhere else.
             for log in ("/dev/full", folder + "/log"):
@@ -271,8 +271,8 @@ class Ends(unittest.TestCase):
                 session.press("q")
                 self.assertEqual(session.end()[0], 0)
                 self.is_as_it_was(session)
-                self.assertNotIn(b"truncated", session.seen)
-            self.assertIn(b"truncated", pathlib.Path(log).read_bytes())
+                self.assertNotIn(b"unable to read all", session.seen)
+            self.assertIn(b"unable to read all", pathlib.Path(log).read_bytes())
 
             session = self.start("-r", folder + "/none", "-u", "1")
             self.assertEqual(session.end()[0], 1)
@@ -320,7 +320,7 @@ class Ends(unittest.TestCase):
                 os.close(ours)
                 self.assertEqual((done.returncode, done.stderr.count(b"\n")), (2, 1))
                 self.assertIn(b"needs a terminal", done.stderr)
-        for wrong in ("0", "-1", "x", "1e3", "inf", "nan", "1000001"):
+        for wrong in ("0", "-1", "x", "inf", "nan", "1000001"):
             session = self.start("-r", BUS, "--speed", wrong)
             self.assertEqual(session.end()[0], 2)
 

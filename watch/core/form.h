@@ -18,13 +18,21 @@
 #include <cstdint>
 #include <span>
 
+#include "programs/option_table.h"
 #include "trace/counts/snapshot.h"
-#include "watch/core/option_row.h"
+
+struct FormOption : OptionRow {
+    // Takes each value as it was typed, and null for a switch; values last as long as the process.
+    // Returns null, or what is wrong with the value: "out of range". A repeated option overwrites,
+    // unless its store collects. One whose word for the value ends in "..." takes all words up to
+    // the next option.
+    const char* (*store)(const char* value);
+};
 
 struct Form {
     const char* name;
     const char* summary;  // one line
-    std::span<const OptionRow> options;
+    std::span<const FormOption> options;
 
     // What options mean together, once all are stored. Returns null, or what is wrong. May be null.
     const char* (*settle)();

@@ -1,31 +1,24 @@
 #include "watch/core/options.h"
 
-#include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <list>
 #include <string>
-#include <string_view>
-#include <vector>
 
+#include "programs/number.h"
 #include "trace/capture/capture_session.h"
 #include "trace/settings.h"
 #include "watch/capture/source.h"
-#include "watch/core/name.h"
 
 namespace {
 
 constexpr int kUsageStatus = 2;
-constexpr int kNamesWidth = 30;
+constexpr size_t kHelpWidth = 30;
 
-// Three years: beyond, ends of intervals would leave the 32 bits of a capture's time stamps.
-constexpr unsigned long long kMostIntervalSeconds = 100'000'000;
+// Three years: after a longer one, ends of intervals would leave the 32 bits of a capture's time
+// stamps.
+constexpr uint32_t kMostIntervalSeconds = 100'000'000;
 
 bool isStrict = false;
-
-// Settings borrow the values, which therefore last as long as the process.
-std::list<std::string> keptValues;
 
 const char* storeInterface(const char* value) {
     traceSettings.interfaceName = value;
@@ -42,7 +35,7 @@ const char* storeRead(const char* value) {
 const char* storeTime(const char* value, std::optional<CaptureTime>* out) {
     CaptureTime time;
     if (!captureTimeParse(value, &time)) {
-        return "isn't a time: 2026-11-25T14:03, with seconds or a zone if need be, or 14:03";
+        return "not a time: 2026-11-25T14:03, with seconds or a zone if need be, or 14:03";
     }
     *out = time;
     return nullptr;
@@ -62,10 +55,7 @@ const char* storeStrict(const char* /*none*/) {
 }
 
 const char* storeInterval(const char* value) {
-    unsigned long long seconds = 0;
-    const char* const wrong = optionNumber(value, 0, kMostIntervalSeconds, &seconds);
-    if (wrong == nullptr) traceSettings.updateInterval = static_cast<uint32_t>(seconds);
-    return wrong;
+    return numberParse(value, 0, kMostIntervalSeconds, traceSettings.updateInterval);
 }
 
 template <auto... kLists>
@@ -81,203 +71,126 @@ const char* storeFilter(const char* value) {
 
 using S = TraceSettings;
 
-constexpr OptionRow kSourceOptions[] = {
-    {"-i,--interface", "NAME", "capture live from this interface", storeInterface},
-    {"-r,--read", "FILE...",
-     "read these saved captures, or all of a folder, in the order of time; - is the standard input",
-     storeRead},
-    {"--from", "TIME", "of saved captures only what is from TIME on: 2026-11-25T14:03 or 14:03",
-     storeFrom},
-    {"--to", "TIME", "of saved captures only what is until TIME", storeTo},
-    {"--strict", nullptr, "end with status 4 where a saved capture has nothing of the bus",
-     storeStrict},
-    {"-u,--interval", "SECONDS", "time between two snapshots [10; 2 of top, 1 of report]",
-     storeInterval},
-    {"-addr,--addr", "ADDRESS", "only packets from or to the address; repeatable",
-     collect<&S::srcAddrs, &S::dstAddrs>},
-    {"-src,--src", "ADDRESS", "only packets from the address; repeatable", collect<&S::srcAddrs>},
-    {"-dst,--dst", "ADDRESS", "only packets to the address; repeatable", collect<&S::dstAddrs>},
-    {"-port,--port", "PORT", "only packets of the port; repeatable", collect<&S::ports>},
-    {"-filter,--filter", "EXPRESSION", "a filter of your own, pcap-filter(7), instead",
+constexpr const char* kReadHelp =
+    "read these saved captures, or all of a folder, in the order of time; - is the standard input";
+constexpr const char* kFromHelp =
+    "of saved captures, only what is from TIME on: 2026-11-25T14:03 or 14:03";
+constexpr const char* kStrictHelp = "end with status 4 if a saved capture has nothing of the bus";
+constexpr const char* kIntervalHelp = "time between two snapshots [10; 2 of top, 1 of report]";
+constexpr const char* kAddressHelp = "only packets from or to the address; repeatable";
+
+constexpr FormOption kSourceOptions[] = {
+    {{"-i,--interface", "NAME", "capture live from this interface"}, storeInterface},
+    {{"-r,--read", "FILE...", kReadHelp}, storeRead},
+    {{"--from", "TIME", kFromHelp}, storeFrom},
+    {{"--to", "TIME", "of saved captures, only what is until TIME"}, storeTo},
+    {{"--strict", nullptr, kStrictHelp}, storeStrict},
+    {{"-u,--interval", "SECONDS", kIntervalHelp}, storeInterval},
+    {{"-addr,--addr", "ADDRESS", kAddressHelp}, collect<&S::srcAddrs, &S::dstAddrs>},
+    {{"-src,--src", "ADDRESS", "only packets from the address; repeatable"}, collect<&S::srcAddrs>},
+    {{"-dst,--dst", "ADDRESS", "only packets to the address; repeatable"}, collect<&S::dstAddrs>},
+    {{"-port,--port", "PORT", "only packets of the port; repeatable"}, collect<&S::ports>},
+    {{"-filter,--filter", "EXPRESSION", "a filter of your own, pcap-filter(7), instead"},
      storeFilter},
 };
 
-using Rows = std::vector<const OptionRow*>;
-using Words = std::vector<std::string>;
+// Help texts
 
-Words namesOf(const OptionRow& row) {
-    Words names;
-    for (std::string_view left = row.names; !left.empty();) {
-        const size_t length = std::min(left.find(','), left.size());
-        names.emplace_back(left.substr(0, length));
-        left.remove_prefix(std::min(length + 1, left.size()));
-    }
-    return names;
+[[noreturn]] void printAndEnd(const std::string& text) {
+    std::fputs(text.c_str(), stdout);
+    std::exit(0);
 }
 
-// One dash and a word: the parser knows only letters there.
-bool isOldName(const std::string& name) {
-    return name.size() > 2 && name[0] == '-' && name[1] != '-';
+std::string usageOf(const char* form) {
+    return std::string("usage: ") + kWatchName + " " + form +
+           " (-i INTERFACE | -r FILE...) [OPTIONS]\n\n";
 }
 
-const OptionRow* findRow(const Rows& rows, const std::string& name) {
-    for (const OptionRow* row : rows) {
-        if (std::ranges::count(namesOf(*row), name) != 0) return row;
-    }
-    return nullptr;
-}
-
-[[noreturn]] void refuseUse(const std::string& word, const std::string& what) {
-    optionsRefuse(("\"" + word + "\"").c_str(), what.c_str());
-}
-
-// Does the option take all values up to the next one?
-bool takesMore(const OptionRow& row) {
-    return std::string_view(row.valueWord).ends_with("...");
-}
-
-bool isPlainWord(const std::string& word) {
-    return word == "-" || !word.starts_with('-');
-}
-
-// Gives old names their second dash. A value stays as it is, whatever it looks like.
-Words withDashes(const Rows& rows, Words words) {
-    for (size_t at = 0; at < words.size(); ++at) {
-        const std::string name = words[at].substr(0, words[at].find('='));
-        const bool holdsValue = name.size() < words[at].size();
-        const OptionRow* const row = findRow(rows, name);
-        if (row == nullptr) continue;
-        if (row->valueWord == nullptr && holdsValue) refuseUse(words[at], "takes no value");
-        if (isOldName(name)) words[at].insert(0, "-");
-        if (row->valueWord == nullptr) continue;
-        if (!holdsValue && ++at == words.size()) {
-            refuseUse(name, std::string("needs a value: ") + row->valueWord);
-        }
-        if (!takesMore(*row)) continue;
-        while (at + 1 < words.size() && isPlainWord(words[at + 1])) {
-            words.insert(words.begin() + static_cast<std::ptrdiff_t>(at) + 1, "--read");
-            at += 2;
-        }
-    }
-    return words;
-}
-
-std::string parserNames(const OptionRow& row) {
-    std::string names;
-    for (const std::string& name : namesOf(row)) {
-        if (isOldName(name)) continue;
-        names += (names.empty() ? "" : ",") + name;
-    }
-    return names;
-}
-
-void printRows(std::span<const OptionRow> rows) {
-    for (const OptionRow& row : rows) {
-        std::string names;
-        for (const std::string& name : namesOf(row)) {
-            names += (names.empty() ? "" : ", ") + name;
-        }
-        if (row.valueWord != nullptr) names += std::string(" ") + row.valueWord;
-        std::printf("  %-*s %s\n", kNamesWidth, names.c_str(), row.help);
-    }
-}
-
-[[noreturn]] void printForms(std::span<const Form* const> forms) {
-    std::printf(
-        "usage: %s FORM (-i INTERFACE | -r FILE) [OPTIONS]\n\n"
-        "Watches a Pelmo message bus from the network, for machines and people.\n\nForms:\n",
-        kWatchName);
+std::string programHelp(std::span<const Form* const> forms) {
+    std::string out = usageOf("FORM") +
+                      "Watches a Pelmo message bus from the network, for machines and people.\n"
+                      "\nForms:\n";
     for (const Form* form : forms) {
-        std::printf("  %-10s %s\n", form->name, form->summary);
+        helpLineAdd(out, form->name, form->summary, 10);
     }
-    std::printf("\n%s FORM --help lists all options of a form, --version tells the version.\n",
-                kWatchName);
-    std::exit(0);
+    return out + "\n" + kWatchName +
+           " FORM --help lists all options of a form, --version prints the versions.\n"
+           "\nSee also: pelmoscope, which prints the same counts as tables; pelmobus, a client for "
+           "the\nshell; pmd, a daemon for one machine.\n";
 }
 
-[[noreturn]] void printHelp(const Form& form) {
-    std::printf("usage: %s %s (-i INTERFACE | -r FILE) [OPTIONS]\n\n%s.\n\nSource:\n", kWatchName,
-                form.name, form.summary);
-    printRows(kSourceOptions);
-    std::printf("\nOptions of %s:\n", form.name);
-    printRows(form.options);
-    std::printf("  %-*s %s\n", kNamesWidth, "--help", "print this and end");
-    std::exit(0);
+void addOptions(std::string& out, std::span<const FormOption> options) {
+    for (const FormOption& option : options) {
+        optionHelpAdd(out, option, kHelpWidth);
+    }
 }
 
-[[noreturn]] void printVersion() {
-    std::printf("%s %s\n", kWatchName, PELMO_TREE_VERSION);
-    std::exit(0);
+std::string formHelp(const Form& form) {
+    std::string out = usageOf(form.name) + form.summary + ".\n\nSource:\n";
+    addOptions(out, kSourceOptions);
+    out += std::string("\nOptions of ") + form.name + ":\n";
+    addOptions(out, form.options);
+    optionHelpAdd(out, kOptionHelp, kHelpWidth);
+    return out;
 }
 
-// What the parser found of each row.
-struct Found {
-    const OptionRow* row;
-    Words values;
-    size_t times = 0;
+// Reading
+
+const Form& findForm(std::string_view name, std::span<const Form* const> forms) {
+    for (const Form* form : forms) {
+        if (form->name == name) return *form;
+    }
+    optionsRefuse(name, "no such form; --help lists them");
+}
+
+struct Reader {
+    OptionRows& rows;
+    OptionReader options;
+    const Form* form = nullptr;
+
+    // The option that takes all words up to the next option ("-r a.pcap b.pcap"), or null.
+    const FormOption* open = nullptr;
 };
 
-void addRow(CLI::App& app, Found& found) {
-    const std::string names = parserNames(*found.row);
-    if (found.row->valueWord == nullptr) {
-        app.add_flag(names, found.times);
-        return;
-    }
-    app.add_option(names, found.values)
-        ->allow_extra_args(false)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->type_name(found.row->valueWord);
+void takeForm(Reader& reader, std::span<const Form* const> forms) {
+    reader.form = &findForm(reader.options.value, forms);
+    traceSettings.updateInterval = reader.form->intervalSeconds;
+    optionRowsAdd(reader.rows, kSourceOptions);
+    optionRowsAdd(reader.rows, reader.form->options);
 }
 
-void storeAll(const Found& found) {
-    for (size_t time = 0; time < found.times; ++time) {
-        (void)found.row->store(nullptr);
+void takeOption(Reader& reader, std::span<const Form* const> forms) {
+    const OptionRow* const row = reader.options.row;
+    if (row == &kOptionVersion) printAndEnd(versionText(kWatchName));
+    if (row == &kOptionHelp) {
+        printAndEnd(reader.form != nullptr ? formHelp(*reader.form) : programHelp(forms));
     }
-    for (const std::string& value : found.values) {
-        const char* const wrong = found.row->store(keptValues.emplace_back(value).c_str());
-        if (wrong == nullptr) continue;
-        const std::string word = namesOf(*found.row).back() + ": \"" + value + "\"";
-        optionsRefuse(word.c_str(), wrong);
-    }
+    const auto& option = static_cast<const FormOption&>(*row);
+    const char* const fault = option.store(reader.options.value);
+    if (fault != nullptr) optionRefuse(reader.options, fault);
+    const bool takesMore =
+        row->valueWord != nullptr && std::string_view(row->valueWord).ends_with("...");
+    reader.open = takesMore ? &option : nullptr;
 }
 
-void parseRows(const Form& form, const Rows& rows, Words words) {
-    CLI::App app;
-    app.set_help_flag("--help");
-    app.allow_extras();
-    std::vector<Found> all;
-    all.reserve(rows.size());
-    for (const OptionRow* row : rows) {
-        addRow(app, all.emplace_back(Found{.row = row, .values = {}}));
+void takeWord(Reader& reader, std::span<const Form* const> forms) {
+    const char* const word = reader.options.value;
+    if (reader.form == nullptr) {
+        takeForm(reader, forms);
+    } else if (reader.open == nullptr || reader.options.optionsEnded) {
+        optionsRefuse(word, std::string("not an option of ") + reader.form->name);
+    } else if (const char* const fault = reader.open->store(word); fault != nullptr) {
+        optionsRefuse(word, fault);
     }
-    try {
-        std::ranges::reverse(words);  // the parser takes them from the end
-        app.parse(std::move(words));
-    } catch (const CLI::CallForHelp&) {
-        printHelp(form);
-    } catch (const CLI::Error& error) {
-        optionsRefuse((std::string(form.name) + ":").c_str(), error.what());
-    }
-    if (app.remaining_size() != 0) {
-        refuseUse(app.remaining()[0], std::string("isn't an option of ") + form.name);
-    }
-    std::ranges::for_each(all, storeAll);
-}
-
-const Form& findForm(const char* name, std::span<const Form* const> forms) {
-    for (const Form* form : forms) {
-        if (std::string_view(form->name) == name) return *form;
-    }
-    refuseUse(name, "is no form; --help lists them");
 }
 
 // What forms call the source by.
 void nameSource() {
-    const size_t more = sourceSettings.files.size() - 1;
+    static std::string name;  // settings borrow it
     if (sourceSettings.files.size() < 2) return;
-    traceSettings.readFile =
-        keptValues.emplace_back(sourceSettings.files[0] + " and " + std::to_string(more) + " more")
-            .c_str();
+    const size_t more = sourceSettings.files.size() - 1;
+    name = sourceSettings.files[0] + " and " + std::to_string(more) + " more";
+    traceSettings.readFile = name.c_str();
 }
 
 void settle(const Form& form) {
@@ -297,11 +210,15 @@ void settle(const Form& form) {
     if (wrong != nullptr) optionsRefuse(form.name, wrong);
 }
 
+[[noreturn]] void refuse(std::string_view fault) {
+    std::fprintf(stderr, "%s: %.*s\n", kWatchName, static_cast<int>(fault.size()), fault.data());
+    std::exit(kUsageStatus);
+}
+
 }  // namespace
 
-void optionsRefuse(const char* word, const char* what) {
-    std::fprintf(stderr, "%s: %s %s\n", kWatchName, word, what);
-    std::exit(kUsageStatus);
+void optionsRefuse(std::string_view word, std::string_view what) {
+    refuse(std::string(word) + ": " + std::string(what));
 }
 
 bool optionsAreStrict() {
@@ -310,21 +227,19 @@ bool optionsAreStrict() {
 
 const Form& optionsParse(int argc, char* const* argv, std::span<const Form* const> forms) {
     const std::span<char* const> arguments(argv, static_cast<size_t>(argc));
-    if (arguments.size() < 2) optionsRefuse("FORM", "is missing; --help lists the forms");
-    const std::string_view first = arguments[1];
-    if (first == "--help" || first == "-h") printForms(forms);
-    if (first == "--version") printVersion();
-
-    const Form& form = findForm(arguments[1], forms);
-    traceSettings.updateInterval = form.intervalSeconds;
-    Rows rows;
-    for (const OptionRow& row : kSourceOptions) {
-        rows.push_back(&row);
+    OptionRows rows = {&kOptionHelp, &kOptionVersion};
+    Reader reader{.rows = rows, .options = {.rows = rows, .rest = arguments}};
+    // The program's name may be missing.
+    if (!arguments.empty()) reader.options.rest = arguments.subspan(1);
+    while (optionNext(reader.options)) {
+        if (reader.options.row != nullptr) {
+            takeOption(reader, forms);
+        } else {
+            takeWord(reader, forms);
+        }
     }
-    for (const OptionRow& row : form.options) {
-        rows.push_back(&row);
-    }
-    parseRows(form, rows, withDashes(rows, Words(arguments.begin() + 2, arguments.end())));
-    settle(form);
-    return form;
+    if (!reader.options.fault.empty()) refuse(reader.options.fault);
+    if (reader.form == nullptr) optionsRefuse("FORM", "missing; --help lists the forms");
+    settle(*reader.form);
+    return *reader.form;
 }

@@ -1,16 +1,20 @@
-// The command line: a form's name, then options of the source and of the form.
+// The command line: a form's name, then options of the source and of the form, in any order.
 //
 // Threads: start-up only.
 
 #pragma once
 
 #include <span>
+#include <string_view>
 
 #include "watch/core/form.h"
 
-// Reads the command line into the settings and the form's own, and returns the form. Help and
-// version are printed and end the process with 0; what is wrong is told in one line, with the word
-// that is wrong, and ends it with 2.
+// In log lines and in error texts of the command line.
+inline constexpr const char* kWatchName = "pelmowatch";
+
+// Reads the command line into the settings and the form's own, and returns the form. Ends the
+// process with 0 after printing a help text or the version, and with 2 after an error, which is
+// printed in one line that names the wrong word.
 [[nodiscard]] const Form& optionsParse(int argc,
                                        char* const* argv,
                                        std::span<const Form* const> forms);
@@ -18,5 +22,6 @@
 // Was --strict given?
 [[nodiscard]] bool optionsAreStrict();
 
-// Ends the process for a word of the command line that proves wrong later, ahead of all threads.
-[[noreturn]] void optionsRefuse(const char* word, const char* what);
+// Ends the process with 2 after printing "pelmowatch: WORD: WHAT", for a word of the command line
+// that is found wrong later, before any thread is started.
+[[noreturn]] void optionsRefuse(std::string_view word, std::string_view what);

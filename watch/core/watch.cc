@@ -7,6 +7,7 @@
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/pelmo.h"
+#include "programs/streams.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/services.h"
 #include "trace/counts/statistics.h"
@@ -17,7 +18,6 @@
 #include "trace/run/start_steps.h"
 #include "trace/settings.h"
 #include "watch/capture/source.h"
-#include "watch/core/name.h"
 #include "watch/core/options.h"
 #include "watch/core/privileges.h"
 #include "watch/core/progress.h"
@@ -90,9 +90,8 @@ pelmoStatus filterStrictly() {
     const char* const text = traceSettings.filterText;
     const std::string fault = sourceFilterFault(text);
     const bool isBuilt = text == traceSettings.builtFilter.c_str();
-    const std::string word =
-        std::string(isBuilt ? "the filter" : "--filter:") + " \"" + text + "\":";
-    if (!fault.empty()) optionsRefuse(word.c_str(), fault.c_str());
+    const std::string word = std::string(isBuilt ? "the filter " : "--filter ") + text;
+    if (!fault.empty()) optionsRefuse(word, fault);
     return kStatusSuccess;
 }
 
@@ -103,8 +102,6 @@ pelmoStatus showProgress() {
 
 constexpr StartStep kStartSteps[] = {
     // With the rights that the program was started with.
-    {kEitherMode, outliveFileLimit},
-    {kEitherMode, outliveReaders},
     {kEitherMode, validateFilter},
     {kEitherMode, statsInit},
     {kEitherMode, prepareForm},
@@ -171,7 +168,8 @@ void endForm() {
 }  // namespace
 
 int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
-    holdStandardStreams();
+    streamsHold();
+    streamsOutliveFaults();
     logSetProgramName(kWatchName);
     run.form = &optionsParse(argc, argv, forms);
     snapshotSink = kSink;

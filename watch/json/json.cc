@@ -44,11 +44,11 @@ const char* storeSenders(const char*) {
     return nullptr;
 }
 
-constexpr OptionRow kOptions[] = {
-    {"--rows", nullptr, "each row of each table on a line of its own", storeRows},
-    {"--since-start", nullptr, "sums since the start beside those of the interval",
+constexpr FormOption kOptions[] = {
+    {{"--rows", nullptr, "each row of each table on a line of its own"}, storeRows},
+    {{"--since-start", nullptr, "sums since the start beside those of the interval"},
      storeSinceStart},
-    {"--senders", nullptr, "count and show the senders of each subject", storeSenders},
+    {{"--senders", nullptr, "count and show the senders of each subject"}, storeSenders},
 };
 
 // A reader that went away knows it.

@@ -8,7 +8,7 @@
 #include "lib/base/bytes.h"
 #include "trace/counts/snapshot_totals.h"
 #include "watch/core/fields.h"
-#include "watch/core/name.h"
+#include "watch/core/options.h"
 #include "watch/core/text.h"
 #include "watch/json/json_parts.h"
 #include "watch/report/largest.h"

@@ -45,13 +45,13 @@ struct ReportForm {
 ReportForm report;
 
 const char* storeOutput(const char* value) {
-    if (value[0] == 0) return "is empty";
+    if (value[0] == 0) return "needs the name of a file";
     report.path = value;
     return nullptr;
 }
 
-constexpr OptionRow kOptions[] = {
-    {"-o,--output", "FILE", "the page to write", storeOutput},
+constexpr FormOption kOptions[] = {
+    {{"-o,--output", "FILE", "the page to write"}, storeOutput},
 };
 
 const char* settle() {

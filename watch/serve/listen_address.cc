@@ -8,12 +8,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "watch/core/option_row.h"
+#include "programs/number.h"
 
 namespace {
 
 constexpr size_t kAddressBytes = INET6_ADDRSTRLEN + 1;
-constexpr const char* kWrongForm = "isn't ADDRESS:PORT, as 127.0.0.1:9471 or [::1]:9471";
+constexpr const char* kWrongForm = "not ADDRESS:PORT, as 127.0.0.1:9471 or [::1]:9471";
 
 // Copies the text with a NUL behind it. False where it doesn't fit.
 bool copyText(std::string_view text, char (&buffer)[kAddressBytes]) {
@@ -60,11 +60,11 @@ const char* listenAddressParse(const char* text, ListenAddress* out) {
     if (colon == std::string_view::npos) return kWrongForm;
     const std::string_view name = whole.substr(0, colon);
 
-    unsigned long long port = 0;
-    if (optionNumber(text + colon + 1, 0, UINT16_MAX, &port) != nullptr) {
-        return "has no port from 0 to 65535 behind its colon";
+    uint16_t port = 0;
+    if (numberParse(whole.substr(colon + 1), port) != nullptr) {
+        return "needs a port from 0 to 65535 after the colon";
     }
-    const in_port_t netPort = htons(static_cast<uint16_t>(port));
+    const in_port_t netPort = htons(port);
     sockaddr_in four{};
     four.sin_family = AF_INET;
     four.sin_port = netPort;

@@ -21,7 +21,7 @@ struct ListenAddress {
 inline constexpr size_t kListenTextBytes = 64;
 
 // "127.0.0.1:9471" or "[::1]:9471"; port 0 leaves the choice to the system. Returns null, or what
-// is wrong with the text in words that follow it.
+// is wrong with the text.
 [[nodiscard]] const char* listenAddressParse(const char* text, ListenAddress* out);
 
 // The text that listenAddressParse takes, in the buffer and with a NUL behind it.

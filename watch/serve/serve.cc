@@ -10,6 +10,7 @@
 #include "lib/base/clock.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
+#include "programs/number.h"
 #include "trace/counts/snapshot_storage.h"
 #include "trace/counts/statistics.h"
 #include "trace/run/start_steps.h"
@@ -27,9 +28,9 @@
 namespace {
 
 constexpr const char* kDefaultListen = "127.0.0.1:9471";
-constexpr unsigned long long kSeriesMost = 100'000;
-constexpr unsigned long long kSeriesLeast = 1000;
-constexpr unsigned long long kClientsMost = 800;  // below a process's usual 1,024 descriptors
+constexpr uint32_t kSeriesMost = 100'000;
+constexpr uint32_t kSeriesLeast = 1000;
+constexpr uint32_t kClientsMost = 800;  // below a process's usual 1,024 descriptors
 constexpr double kSweepSeconds = 1;
 constexpr std::string_view kEventBegin = "event: snapshot\ndata: ";
 
@@ -94,38 +95,27 @@ const char* storeSubjects(const char* value) {
     if (list == nullptr) list = sublistCreate();
     uint8_t packed[kSubjectMaxBytes];
     if (subjectFromText(packed, sizeof packed, value) < 0 || subjectElementCount(packed) == 0) {
-        return "isn't a subject, with or without wildcards";
+        return "not a subject, with or without wildcards";
     }
-    return sublistAdd(list, packed, &serve, nullptr) ? nullptr : "finds no memory";
-}
-
-template <typename Number>
-const char* storeNumber(const char* value,
-                        Number& out,
-                        unsigned long long least,
-                        unsigned long long most) {
-    unsigned long long number = 0;
-    const char* const wrong = optionNumber(value, least, most, &number);
-    if (wrong == nullptr) out = static_cast<Number>(number);
-    return wrong;
+    return sublistAdd(list, packed, &serve, nullptr) ? nullptr : "out of memory";
 }
 
 const char* storeExpire(const char* value) {
-    return storeNumber(value, serve.seriesRules.expireIntervals, 1, UINT32_MAX - 1);
+    return numberParse(value, 1, UINT32_MAX - 1, serve.seriesRules.expireIntervals);
 }
 
 const char* storeMostSeries(const char* value) {
-    return storeNumber(value, serve.seriesRules.mostSeries, kSeriesLeast, kSeriesMost);
+    return numberParse(value, kSeriesLeast, kSeriesMost, serve.seriesRules.mostSeries);
 }
 
 const char* storeMostClients(const char* value) {
-    return storeNumber(value, serve.rules.mostClients, 2, kClientsMost);
+    return numberParse(value, 2, kClientsMost, serve.rules.mostClients);
 }
 
 const char* storeHostName(const char* value) {
     if (std::string_view(value).empty() ||
         std::string_view(value).find(':') != std::string_view::npos) {
-        return "isn't a host's name, which stands without its port";
+        return "not a host name without a port";
     }
     serve.hostNames.push_back(value);
     return nullptr;
@@ -141,17 +131,17 @@ const char* storePace(const char*) {
     return nullptr;
 }
 
-constexpr OptionRow kOptions[] = {
-    {"--listen", "ADDRESS:PORT", "where to listen [127.0.0.1:9471]", storeListen},
-    {"--host", "NAME", "answer to this name too; repeatable", storeHostName},
-    {"--hosts", nullptr, "metrics of each host too", storeHosts},
-    {"--subjects", "PATTERN", "metrics of these subjects too; repeatable", storeSubjects},
-    {"--expire", "INTERVALS", "metrics go when they were silent for so long [360]", storeExpire},
-    {"--max-series", "COUNT", "never more metrics than these, with all labels [10000]",
+constexpr FormOption kOptions[] = {
+    {{"--listen", "ADDRESS:PORT", "where to listen [127.0.0.1:9471]"}, storeListen},
+    {{"--host", "NAME", "answer to this name too; repeatable"}, storeHostName},
+    {{"--hosts", nullptr, "metrics of each host too"}, storeHosts},
+    {{"--subjects", "PATTERN", "metrics of these subjects too; repeatable"}, storeSubjects},
+    {{"--expire", "INTERVALS", "remove metrics after so long without a change [360]"}, storeExpire},
+    {{"--max-series", "COUNT", "most metrics, each set of labels counted [10000]"},
      storeMostSeries},
-    {"--max-clients", "COUNT", "never more connections than these [200]", storeMostClients},
-    {"--senders", nullptr, "count and show the senders of each subject", storeSenders},
-    {"--pace", nullptr, "read a saved capture at its own pace", storePace},
+    {{"--max-clients", "COUNT", "most connections [200]"}, storeMostClients},
+    {{"--senders", nullptr, "count and show the senders of each subject"}, storeSenders},
+    {{"--pace", nullptr, "read a saved capture at its own pace"}, storePace},
 };
 
 // Answers, on the server's thread.

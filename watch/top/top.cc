@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cmath>
 #include <csignal>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/base/thread.h"
+#include "programs/number.h"
 #include "trace/settings.h"
 #include "watch/capture/source.h"
 #include "watch/core/options.h"
@@ -67,19 +67,16 @@ constinit Top top;
 // Options.
 
 const char* storeSpeed(const char* value) {
-    const char* const end = value + std::strlen(value);
     double speed = 0;
-    const auto [stop, error] = std::from_chars(value, end, speed, std::chars_format::fixed);
-    if (error == std::errc::invalid_argument || stop != end) return "isn't a number";
-    if (error != std::errc() || !(speed >= kTopLeastSpeed && speed <= kTopMostSpeed)) {
-        return "is out of range";
-    }
+    const char* const fault = numberParse(value, speed);
+    if (fault != nullptr) return fault;
+    if (!(speed >= kTopLeastSpeed && speed <= kTopMostSpeed)) return "out of range";
     top.speed = speed;
     return nullptr;
 }
 
-constexpr OptionRow kOptions[] = {
-    {"--speed", "FACTOR", "how many times its own pace a saved capture runs [1]", storeSpeed},
+constexpr FormOption kOptions[] = {
+    {{"--speed", "FACTOR", "how many times its own pace a saved capture runs [1]"}, storeSpeed},
 };
 
 bool readsStandardInput() {
