@@ -3,7 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <latch>
+#include <limits>
+#include <string>
 #include <thread>
+#include <vector>
+
+#include "lib/base/cond.h"
+#include "lib/base/thread.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -30,6 +38,120 @@ TEST(Lock, IsLeftAsOftenAsItWasTaken) {
         EXPECT_FALSE(isTaken(*lock));
     }
     EXPECT_EQ(Lock_Destroy(made), kStatusSuccess);
+}
+
+constexpr double kLong = 60;  // no wait takes that long in a good run
+
+struct Condition : testing::Test {
+    Condition() {
+        EXPECT_EQ(Lock_Init(&lock, LockRank::kLeaf), kStatusSuccess);
+        EXPECT_EQ(Cond_Init(&cond), kStatusSuccess);
+    }
+    ~Condition() override {
+        Cond_Destroy(&cond);
+        Lock_Destroy(&lock);
+    }
+
+    template <typename Test>
+    void awaitUnderLock(Test test) {
+        for (bool met = false; !met; std::this_thread::yield()) {
+            const LockGuard guard(lock);
+            met = test();
+        }
+    }
+
+    Lock lock;
+    Cond cond;
+    std::vector<std::jthread> threads;
+};
+
+TEST_F(Condition, RemembersOneSignal) {
+    const LockGuard guard(lock);
+    for (const auto& wake : {Cond_Signal, Cond_Broadcast}) {
+        wake(&cond);
+        wake(&cond);
+        EXPECT_EQ(Cond_Wait(&cond, &lock), kStatusSuccess);
+        EXPECT_EQ(Cond_TimedWait(&cond, &lock, 0), kStatusTimeout);
+        EXPECT_EQ(cond.broadcast + cond.waiters, 0);
+    }
+}
+
+TEST_F(Condition, SignalWakesOneAndBroadcastTheRest) {
+    int woken = 0;  // under the lock
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            const LockGuard guard(lock);
+            EXPECT_EQ(Cond_TimedWait(&cond, &lock, kLong), kStatusSuccess);
+            ++woken;
+        });
+    }
+    awaitUnderLock([this] { return cond.waiters == 3; });
+    Cond_Signal(&cond);
+    awaitUnderLock([&] { return woken == 1; });
+    EXPECT_EQ(cond.waiters, 2);
+    Cond_Broadcast(&cond);
+    threads.clear();
+    EXPECT_EQ(woken, 3);
+    EXPECT_EQ(cond.broadcast + cond.signalled, 0);
+}
+
+TEST_F(Condition, TimesOutWithTheLockHeldAgain) {
+    constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
+    constexpr double kForever = std::numeric_limits<double>::infinity();
+    const LockGuard guard(lock);
+    for (const double seconds : {0.0, 0.002, -1e300, kNone, 1e300, kForever}) {
+        const bool isLong = seconds > kLong;
+        if (isLong) Cond_Signal(&cond);
+        EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), isLong ? kStatusSuccess : kStatusTimeout);
+        EXPECT_TRUE(isTaken(lock));
+    }
+}
+
+TEST(Thread, DoesNotWaitForItself) {
+    static std::latch published(1);  // the record
+    static Thread* thread;
+    const auto body = [](void*) {
+        published.wait();
+        EXPECT_TRUE(Thread_IsCurrent(thread));
+        EXPECT_EQ(Thread_Join(thread), kStatusOsError);
+    };
+    ASSERT_EQ(Thread_Create(&thread, body, nullptr), kStatusSuccess);
+    EXPECT_FALSE(Thread_IsCurrent(thread));
+    published.count_down();
+    EXPECT_EQ(Thread_Join(thread), kStatusSuccess);
+    EXPECT_EQ(Thread_Join(thread), kStatusSuccess);
+    EXPECT_EQ(Thread_Destroy(thread), kStatusSuccess);
+}
+
+TEST(Thread, StartsThroughTheHook) {
+    static std::string steps;
+    steps.clear();
+    const auto hook = [](ThreadFunction function, void* argument) {
+        steps += "before ";
+        function(argument);
+        steps += "after ";
+    };
+    for (const auto& each : {+hook, decltype(+hook){nullptr}}) {
+        Thread_SetStartHook(each);
+        Thread thread;
+        const auto body = [](void*) { steps += "body "; };
+        ASSERT_EQ(Thread_Init(&thread, body, nullptr), kStatusSuccess);
+        EXPECT_EQ(Thread_Join(&thread), kStatusSuccess);
+        EXPECT_EQ(Thread_Destroy(&thread), kStatusSuccess);
+    }
+    EXPECT_EQ(steps, "before body after body ");
+}
+
+int setUps;  // plain on purpose: the gate is what orders its readers
+
+TEST(OnceGate, RunsTheSetUpOnceForAll) {
+    OnceGate gates[50];
+    setUps = 0;
+    race(16, 50, [&gates](int, int round) {
+        const auto setUp = [] { ++setUps; };
+        EXPECT_EQ(oncePass(gates[round], setUp, std::this_thread::yield), kStatusSuccess);
+        EXPECT_EQ(setUps, round + 1);
+    });
 }
 
 #ifndef NDEBUG

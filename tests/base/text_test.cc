@@ -1,11 +1,69 @@
 #include "lib/base/text.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <random>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "lib/base/bytes.h"
+#include "lib/base/clock.h"
+#include "lib/base/path.h"
+#include "lib/base/timestamp.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
+
+// "" is null: no path resolves to nothing.
+std::string resolved(const std::string& path) {
+    const std::unique_ptr<char, decltype(&std::free)> text(absolutePath(path.c_str()), std::free);
+    return text != nullptr ? text.get() : "";
+}
+
+TEST(AbsolutePath, BeginsWithTheDirectoryAndHasUpTo511Bytes) {
+    const Folder folder;
+    const std::filesystem::path former = std::filesystem::current_path();
+    std::filesystem::current_path(folder.root);
+    const std::string longest(511 - folder.root.size(), 'f');
+    EXPECT_EQ(resolved(longest), folder.root + "/" + longest);
+    EXPECT_EQ(resolved(longest + "f"), "");
+    const std::string absolute = "/" + std::string(2000, 'f');
+    EXPECT_EQ(resolved(absolute), absolute);
+    std::filesystem::current_path(former);
+}
+
+TEST(FileSize, NeverShowsALargeFileAsSmall) {
+    const Folder folder;
+    const std::string path = folder.path("f");
+    EXPECT_EQ(fileSize(path.c_str()), UINT32_MAX);
+    writeFile(path, "");
+    for (const uint64_t sizeBytes : {uint64_t{5}, uint64_t{UINT32_MAX}, uint64_t{1} << 32}) {
+        ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(sizeBytes)), 0);
+        EXPECT_EQ(fileSize(path.c_str()), std::min<uint64_t>(sizeBytes, UINT32_MAX - 1));
+    }
+}
+
+// A vector of its own, so that the address sanitizer sees a byte read too far.
+TEST(Bytes, LoadNothingPastTheEnd) {
+    const std::vector<uint8_t> bytes = {0x81, 2, 3, 4, 5, 6, 7, 8, 0x99};
+    EXPECT_EQ(loadBe16({bytes}, 7), 0x0899);
+    EXPECT_EQ(loadBe32({bytes}, 5), 0x06070899u);
+    EXPECT_EQ(loadBe64({bytes}, 1), 0x0203040506070899u);
+    for (const size_t beyond : {size_t{0}, size_t{1}, SIZE_MAX - 8}) {
+        EXPECT_EQ(loadBe16({bytes}, 8 + beyond), 0);
+        EXPECT_EQ(loadBe32({bytes}, 6 + beyond), 0u);
+        EXPECT_EQ(loadBe64({bytes}, 2 + beyond), 0u);
+    }
+}
 
 TEST(Text, CopyAppendAndFormatStayWithinTheSize) {
     const struct {
@@ -27,6 +85,61 @@ TEST(Text, CopyAppendAndFormatStayWithinTheSize) {
                   sizeBytes != 0 ? copied.size() : 0);
         EXPECT_EQ(room[2], copied);
         EXPECT_TRUE(sizeBytes < 3 || std::strspn(room[1] + sizeBytes, "#") == 7 - sizeBytes);
+    }
+}
+
+using Fields = std::array<int64_t, 6>;
+
+constexpr int64_t kDay = 86400;
+constexpr int64_t kYear1 = -62135596800;  // 0001-01-01
+
+Fields split(int64_t seconds) {
+    int64_t year;
+    int32_t month, day, hour, minute, second;
+    dateTimeSplit(seconds, &year, &month, &day, &hour, &minute, &second);
+    return {year, month, day, hour, minute, second};
+}
+
+TEST(DateTime, AgreesWithTheSystemsCalendarFromYear1On) {
+    std::mt19937_64 random(1);
+    std::uniform_int_distribution<int64_t> any(kYear1, 253402300800 * 100);
+    for (int i = 0; i < 20000; ++i) {
+        const time_t seconds = any(random);
+        tm utc;
+        ASSERT_NE(gmtime_r(&seconds, &utc), nullptr);
+        const Fields expected = {utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
+                                 utc.tm_hour,        utc.tm_min,     utc.tm_sec};
+        ASSERT_EQ(split(seconds), expected) << seconds;
+    }
+}
+
+// There is no year 0, and leap years are mirrored there.
+TEST(DateTime, CountsDaysThroughYearZero) {
+    const std::pair<int64_t, Fields> cases[] = {
+        {kYear1 - 1, {-1, 12, 31, 23, 59, 59}},
+        {kYear1 - 365 * kDay, {-1, 1, 1, 0, 0, 0}},
+        {kYear1 - 366 * kDay, {-2, 12, 31, 0, 0, 0}},
+        {kYear1 - (1461 - 59) * kDay, {-4, 2, 29, 0, 0, 0}},
+        {kYear1 - (1461 - 60) * kDay, {-4, 3, 1, 0, 0, 0}},
+        {INT64_MIN, {-292277022658, 1, 26, 8, 29, 52}},
+        {INT64_MAX, {292277026596, 12, 4, 15, 30, 7}},
+    };
+    for (const auto& [seconds, expected] : cases) {
+        EXPECT_EQ(split(seconds), expected) << seconds;
+    }
+    CalendarTime none{1, 1, 1, 1, 1, 1};
+    calendarFrom(INT64_MAX, &none);  // no calendar holds that year
+    EXPECT_EQ(none, CalendarTime());
+}
+
+TEST(DateTime, TextIsCutToItsRoom) {
+    const std::string text = "-001-12-31 23:59:59.000000001Z";
+    for (const size_t sizeBytes : {size_t{1}, text.size(), text.size() + 1}) {
+        char room[40] = {};
+        char* cursor = room;
+        dateTimeToText({kYear1 - 1, 1}, &cursor, sizeBytes);
+        EXPECT_EQ(room, text.substr(0, sizeBytes - 1));
+        EXPECT_EQ(cursor, room + sizeBytes - 1);
     }
 }
 

@@ -5,7 +5,6 @@
 #include <random>
 #include <set>
 #include <span>
-#include <sstream>
 
 #include "tests/support/container_values.h"
 #include "tests/support/fail_alloc.h"
@@ -16,30 +15,17 @@ using List = std::unique_ptr<SubjectList, decltype(&sublistDestroy)>;
 using Elements = std::vector<std::string>;
 using Values = std::multiset<uintptr_t>;
 
-List make() {
-    return List(sublistCreate(), sublistDestroy);
-}
-
-bool add(const List& list, const std::string& subject, uintptr_t value) {
-    return sublistAdd(list.get(), pack(subject).data(), number(value), nullptr);
-}
-
 Values valuesIn(const Dpa* values) {
     const Numbers all = numbersIn(values);
     return {all.begin(), all.end()};
 }
 
-Values match(const List& list, const std::string& subject) {
-    return valuesIn(sublistMatch(list.get(), pack(subject).data()));
-}
-
-Elements split(const std::string& text) {
-    Elements all;
-    std::stringstream stream(text);
-    for (std::string element; std::getline(stream, element, '.');) {
-        all.push_back(element);
+Packed packed(const Elements& elements) {
+    std::string text;
+    for (const std::string& element : elements) {
+        text += (text.empty() ? "" : ".") + element;
     }
-    return all;
+    return pack(text);
 }
 
 // Do values under `held` match `sought`? Element by element, without a tree.
@@ -51,105 +37,95 @@ bool answers(std::span<const std::string> sought, std::span<const std::string> h
     return answers(sought.subspan(1), held.subspan(1));
 }
 
-struct Held {
-    std::string subject;
-    uintptr_t value;
-};
+using Held = std::pair<Elements, uintptr_t>;  // subject and value
 
-std::string randomSubject(std::mt19937& random) {
-    std::string text;
-    for (size_t left = 1 + random() % 4; left > 0; --left) {
-        const std::string element = std::vector{"A", "B", "CC", "*", ">"}[random() % 5];
-        if (element == ">") left = 1;
-        text += (text.empty() ? "" : ".") + element;
+Elements randomSubject(std::mt19937& random) {
+    Elements all(1 + random() % 4);
+    for (size_t i = 0; i < all.size(); ++i) {
+        all[i] = std::vector{"A", "B", "CC", "*", ">"}[random() % 5];
+        if (all[i] == ">") all.resize(i + 1);
     }
-    return text;
+    return all;
 }
 
 // Either subject may have wildcards. An addition without memory changes nothing.
 TEST(Sublist, AgreesWithPlainComparisonThroughAddsAndRemovals) {
     EXPECT_EQ(sublistCreatePooled(), nullptr);  // without a maker of pools
     std::mt19937 random(11);
-    const List list = make();
+    const List owner(sublistCreate(), sublistDestroy);
+    SubjectList* list = owner.get();
     std::vector<Held> model;
     size_t failures = 0;
     for (uintptr_t step = 1; step <= 2000; ++step) {
-        const std::string sought = randomSubject(random);
+        const Elements sought = randomSubject(random);
+        const Packed key = packed(sought);
         if (random() % 100 < (step < 1000 ? 65 : 40)) {
-            const Held addition = {randomSubject(random), 1 + random() % 3};
             const FailAlloc fail{.after = random() % 20, .forGood = random() % 2 == 0};
-            const bool added = add(list, addition.subject, addition.value);
+            const uintptr_t value = 1 + random() % 3;
+            const bool added = sublistAdd(list, key.data(), number(value), nullptr);
             ASSERT_EQ(added, allocationsFailed() == 0);
             failures += allocationsFailed();
-            if (added) model.push_back(addition);
+            if (added) model.push_back({sought, value});
         } else {
-            const Held victim = model.empty() || random() % 8 == 0 ? Held{sought, 1}
-                                                                   : model[random() % model.size()];
-            const bool all = random() % 8 == 0;
-            const auto isMeant = [&](const Held& held) {
-                return held.subject == victim.subject && (all || held.value == victim.value);
-            };
+            const bool any = model.empty() || random() % 8 == 0, all = random() % 8 == 0;
+            const Held victim = any ? Held{sought, 1} : model[random() % model.size()];
             const size_t before = model.size();
-            if (all) {
-                std::erase_if(model, isMeant);
-            } else if (auto at = std::ranges::find_if(model, isMeant); at != model.end()) {
-                model.erase(at);
-            }
-            void* value = all ? nullptr : number(victim.value);
+            std::erase_if(model, [&, left = all ? before : 1](const Held& held) mutable {
+                const bool isMeant = held.first == victim.first && left != 0 &&
+                                     (all || held.second == victim.second);
+                left -= isMeant ? 1 : 0;
+                return isMeant;
+            });
             uint32_t remaining = 99;
-            ASSERT_EQ(sublistRemove(list.get(), pack(victim.subject).data(), value, &remaining),
+            ASSERT_EQ(sublistRemove(list, packed(victim.first).data(),
+                                    all ? nullptr : number(victim.second), &remaining),
                       before - model.size());
-            ASSERT_EQ(remaining, std::ranges::count(model, victim.subject, &Held::subject));
+            ASSERT_EQ(remaining, std::ranges::count(model, victim.first, &Held::first));
         }
         ASSERT_EQ(list->valueCount, model.size());
 
-        const Elements elements = split(sought);
-        std::multiset<uintptr_t> all, matching, same;
+        Values all, matching, same;
         for (const auto& [subject, value] : model) {
             all.insert(value);
-            if (answers(elements, split(subject))) matching.insert(value);
+            if (answers(sought, subject)) matching.insert(value);
             if (subject == sought) same.insert(value);
         }
-        ASSERT_EQ(match(list, sought), matching) << sought;
-        ASSERT_EQ(valuesIn(sublistAll(list.get())), all);
-        ASSERT_EQ(valuesIn(sublistFind(list.get(), pack(sought).data())), same) << sought;
+        ASSERT_EQ(valuesIn(sublistMatch(list, key.data())), matching);
+        ASSERT_EQ(valuesIn(sublistAll(list)), all);
+        ASSERT_EQ(valuesIn(sublistFind(list, key.data())), same);
     }
     EXPECT_GT(failures, 20u);
     for (const auto& [subject, value] : model) {
-        EXPECT_EQ(sublistRemove(list.get(), pack(subject).data(), number(value), nullptr), 1u);
+        EXPECT_EQ(sublistRemove(list, packed(subject).data(), number(value), nullptr), 1u);
     }
     EXPECT_EQ(list->bytes, 0u);
     EXPECT_TRUE(list->root->only == nullptr && list->root->table == nullptr);
-    EXPECT_FALSE(sublistAdd(list.get(), Packed{0, 3, 0}.data(), number(1), nullptr));
-    EXPECT_EQ(sublistMatch(list.get(), Packed{0, 3, 0}.data()), nullptr);
+    EXPECT_FALSE(sublistAdd(list, Packed{0, 3, 0}.data(), number(1), nullptr));
+    EXPECT_EQ(sublistMatch(list, Packed{0, 3, 0}.data()), nullptr);
 }
 
-// All have one hash by the table's own function.
-std::string colliding(uint32_t number) {
-    std::string text;
-    for (int bit = 0; bit < 12; ++bit, number >>= 1) {
-        text += (number & 1) != 0 ? "aaah" : "abaA";
-    }
-    return text;
-}
-
+// The table's own function has one hash for all of them. What was a large table is none when it
+// holds one.
 TEST(Sublist, SpreadsKeysThatSomebodyChose) {
-    const List list = make();
-    for (uint32_t i = 0; i < 4096; ++i) {
-        ASSERT_TRUE(add(list, colliding(i), 1 + i));
+    const List list(sublistCreate(), sublistDestroy);
+    Elements keys = {""};
+    for (size_t i = 0; i < 4095; ++i) {
+        keys.push_back(keys[i] + "aaah");
+        keys.push_back(keys[i] + "abaA");
     }
-    EXPECT_EQ(hashKeyHash(colliding(5).c_str(), 49), hashKeyHash(colliding(77).c_str(), 49));
+    std::erase_if(keys, [](const std::string& key) { return key.size() != 48; });
+    EXPECT_EQ(hashKeyHash(keys[5].c_str(), 48), hashKeyHash(keys[77].c_str(), 48));
+    for (const std::string& key : keys) {
+        ASSERT_TRUE(sublistAdd(list.get(), pack(key).data(), number(1), nullptr));
+    }
     const Hash* table = list->root->table;
     for (uint32_t bucket = 0; bucket < table->bucketCount; ++bucket) {
-        size_t length = 0;
-        for (auto* entry = table->buckets[bucket]; entry != nullptr; entry = entry->next) {
-            ++length;
-        }
-        EXPECT_LT(length, 20u);
+        int length = 0;
+        for (auto* entry = table->buckets[bucket]; entry != nullptr; entry = entry->next)
+            ASSERT_LT(++length, 20);
     }
-    // What was a large table once is none when it holds one.
-    for (uint32_t i = 1; i < 4096; ++i) {
-        ASSERT_EQ(sublistRemove(list.get(), pack(colliding(i)).data(), nullptr, nullptr), 1u);
+    for (; keys.size() > 1; keys.pop_back()) {
+        ASSERT_EQ(sublistRemove(list.get(), pack(keys.back()).data(), nullptr, nullptr), 1u);
     }
     EXPECT_EQ(list->root->table, nullptr);
 }
@@ -158,15 +134,11 @@ TEST(Sublist, SpreadsKeysThatSomebodyChose) {
 // visit. Among the subjects are one of the most elements that a form holds, and one with a NUL
 // among its characters: rebuilt to the byte.
 TEST(Sublist, VisitsEachSubjectAndRemovesOnTheWay) {
-    const List list = make();
-    const std::vector<Packed> subjects = {pack("*.B"),
-                                          pack(">"),
-                                          pack("A"),
-                                          pack("A.>"),
-                                          pack("A.B"),
-                                          pack("A.B.C"),
-                                          subjectOf126Elements(),
-                                          {0, 11, 2, 5, 'A', 0, 'B', 0, 3, '>', 0}};
+    const List list(sublistCreate(), sublistDestroy);
+    const Packed withNul = {0, 11, 2, 5, 'A', 0, 'B', 0, 3, '>', 0};
+    const std::vector<Packed> subjects = {
+        withNul,     pack(">"),     pack("A"),   pack("A.>"),
+        pack("A.B"), pack("A.B.C"), pack("*.B"), subjectOf126Elements()};
     for (uintptr_t i = 0; i < subjects.size(); ++i) {
         SubjectNode* node = nullptr;
         EXPECT_TRUE(sublistAdd(list.get(), subjects[i].data(), number(i + 1), &node));
@@ -175,13 +147,12 @@ TEST(Sublist, VisitsEachSubjectAndRemovesOnTheWay) {
         EXPECT_FALSE(sublistNodeSubject(node, buffer, size));
         EXPECT_TRUE(sublistNodeSubject(node, buffer, size + 1));
     }
-    const auto removeEven = [](const uint8_t* subject, Dpa* values, void* seen) -> void* {
-        static_cast<std::vector<Packed>*>(seen)->emplace_back(subject,
-                                                              subject + subjectLength(subject));
-        void* first = values->items[0];
-        return reinterpret_cast<uintptr_t>(first) % 2 == 0 ? first : nullptr;
-    };
     std::vector<Packed> seen;
+    const auto removeEven = [](const uint8_t* subject, Dpa* values, void* closure) -> void* {
+        auto* all = static_cast<std::vector<Packed>*>(closure);
+        all->emplace_back(subject, subject + subjectLength(subject));
+        return numbersIn(values)[0] % 2 == 0 ? values->items[0] : nullptr;
+    };
     sublistVisit(list.get(), removeEven, &seen);
     EXPECT_LT(std::ranges::find(seen, subjects[4]), std::ranges::find(seen, subjects[5]));
     EXPECT_EQ(std::set(seen.begin(), seen.end()), std::set(subjects.begin(), subjects.end()));

@@ -192,19 +192,16 @@ TEST(Convert, CutsWrapsAndWidensNumbersAndShowsTheRestAsText) {
     constexpr double kTwoTo64 = 18446744073709551616.0;
     const auto times = [](auto one) { return std::vector(500, one); };
     const std::pair<SharedValue, std::string> widest[] = {
-        {numbersValue(34, times(int8_t{-128})), "-128"},
-        {numbersValue(36, times(int16_t{-32768})), "-32768"},
-        {numbersValue(38, times(INT32_MIN)), "-2147483648"},
-        {numbersValue(40, times(int64_t{INT64_MIN})), "-9223372036854775808"},
-        {numbersValue(44, times(static_cast<float>(-kTwoTo64))), "-18446744073709551616.000000"},
-        {numbersValue(45, times(-1.23456789e-300)), "-1.23457e-300"},
+        {numbersValue(36, times(int16_t{-32768})), " -32768"},
+        {numbersValue(40, times(int64_t{INT64_MIN})), " -9223372036854775808"},
+        {numbersValue(44, times(static_cast<float>(-kTwoTo64))), " -18446744073709551616.000000"},
+        {numbersValue(45, times(-1.23456789e-300)), " -1.23457e-300"},
     };
     for (const auto& [source, element] : widest) {
-        std::string text = "[" + element;
-        for (int i = 1; i < 500; ++i) {
-            text += " " + element;
-        }
-        EXPECT_EQ(shownAs(source->field(), FIELD_STRING), text + "]");
+        std::string text;
+        for (int i = 0; i < 500; ++i)
+            text += element;
+        EXPECT_EQ(shownAs(source->field(), FIELD_STRING), "[" + text.substr(1) + "]");
     }
 }
 

@@ -1,17 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <cstring>
+#include <functional>
 
-#include "lib/base/bytes.h"
-#include "lib/msg/buffer.h"
-#include "lib/msg/message_internal.h"
-#include "lib/msg/message_typed.h"
-#include "lib/msg/text.h"
-#include "tests/support/message_values.h"
+#include "tests/support/envelope_bytes.h"
+#include "tests/support/fail_alloc.h"
 
 namespace {
 
 const std::string kLongestName(kMaxNameChars, 'n');
+const Bytes kEmpty = {0, 0, 0, 8, 0x99, 0x55, 0xee, 0xaa};
 
 pelmoMsgField named(pelmoMsgField field, const char* name, uint16_t id) {
     field.name = name;
@@ -19,15 +15,15 @@ pelmoMsgField named(pelmoMsgField field, const char* name, uint16_t id) {
     return field;
 }
 
-pelmoStatus add(pelmoMsg* msg, const char* name, const FieldValue& value) {
-    const pelmoMsgField field = named(value.field(), name, 0);
-    return pelmoMsg_AddField(msg, &field);
-}
-
 uint32_t countOf(pelmoMsg* msg) {
     uint32_t count = UINT32_MAX;
     EXPECT_EQ(pelmoMsg_GetNumFields(msg, &count), kStatusSuccess);
     return count;
+}
+
+bool isAt(pelmoMsg* msg, const ReferenceMark& mark) {
+    const ReferenceMark now = msgMark(msg);
+    return std::memcmp(&now, &mark, sizeof mark) == 0;
 }
 
 pelmoMsgField dateOf(const char* name, uint16_t id, pelmoMsgDateTime time) {
@@ -150,7 +146,7 @@ TEST(Message, ReadsWhatOthersWriteOtherwise) {
 }
 
 TEST(Message, RefusesHeadsThatClaimTooMuch) {
-    Bytes bytes = imageOf(std::vector<Bytes>{});
+    Bytes bytes = kEmpty;
     pelmoMsg* out = nullptr;
     EXPECT_EQ(pelmoMsg_CreateFromBytes(&out, nullptr), kStatusInvalidMessage);
     for (const uint8_t length : Bytes{0, 4, 7}) {
@@ -182,9 +178,8 @@ TEST(Message, RefusesHeadsThatClaimTooMuch) {
         EXPECT_EQ(msgCreateOverBuffer(&out, buffer, offset), status);
         EXPECT_EQ(Message(out) != nullptr, status == kStatusSuccess);
     }
-    for (const uint32_t offset : {33u, 40u, 41u, UINT32_MAX}) {
+    for (const uint32_t offset : {33u, 40u, UINT32_MAX})
         EXPECT_EQ(msgCreateOverBuffer(&out, buffer, offset), kStatusInvalidMessage);
-    }
     EXPECT_EQ(buffer->refCount.load(), 1u);
     bufferRelease(buffer);
 }
@@ -198,14 +193,13 @@ TEST(Message, LivesAsLongAsItHasHolders) {
     msgRelease(msg);
 
     const Bytes image = imageOf({recordOf("x", 0, *stringValue("y"))});
-    Message outer = newMessage();
-    EXPECT_EQ(add(outer.get(), "in", *messageValue(image)), kStatusSuccess);
+    Message around = messageFrom(imageOf({recordOf("in", 0, *messageValue(image))}));
     pelmoMsg* inner = nullptr;
-    ASSERT_EQ(pelmoMsg_GetMsg(outer.get(), "in", &inner, 0), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_GetMsg(around.get(), "in", &inner, 0), kStatusSuccess);
     EXPECT_EQ(pelmoMsg_Destroy(inner), kStatusNotPermitted);
     EXPECT_EQ(pelmoMsg_Detach(inner), kStatusSuccess);
     const Message detached(inner);
-    outer.reset();
+    around.reset();
     EXPECT_EQ(imageOf(inner), image);
     EXPECT_EQ(pelmoMsg_AddI32(inner, "z", 3, 0), kStatusSuccess);
 }
@@ -215,13 +209,14 @@ TEST(Message, HandsOutItsBytesAndItsRoom) {
     Bytes bytes(8);
     EXPECT_EQ(pelmoMsg_GetAsBytesCopy(msg.get(), bytes.data(), 7), kStatusInsufficientBuffer);
     EXPECT_EQ(pelmoMsg_GetAsBytesCopy(msg.get(), bytes.data(), 8), kStatusSuccess);
-    EXPECT_EQ(bytes, (Bytes{0, 0, 0, 8, 0x99, 0x55, 0xee, 0xaa}));
-
-    EXPECT_EQ(pelmoMsg_Expand(msg.get(), 36), kStatusSuccess);
-    EXPECT_EQ(msg->capacity, 100u);
-    EXPECT_EQ(pelmoMsg_Expand(msg.get(), -93), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoMsg_Expand(msg.get(), INT32_MIN), kStatusInvalidArgument);
-    EXPECT_EQ(pelmoMsg_Expand(msg.get(), -92), kStatusSuccess);
+    EXPECT_EQ(bytes, kEmpty);
+    const std::pair<int32_t, pelmoStatus> steps[] = {{36, kStatusSuccess},
+                                                     {-93, kStatusInvalidArgument},
+                                                     {INT32_MIN, kStatusInvalidArgument},
+                                                     {-92, kStatusSuccess}};
+    for (const auto& [change, status] : steps) {
+        EXPECT_EQ(pelmoMsg_Expand(msg.get(), change), status) << change;
+    }
     EXPECT_EQ(pelmoMsg_AddI32(msg.get(), "a", 9, 'a'), kStatusSuccess);  // from no room at all
     msgSetLimitAdvisory(msg.get());
     pelmoMsg* shared = nullptr;
@@ -234,27 +229,26 @@ TEST(Message, HandsOutItsBytesAndItsRoom) {
 
 // Either would take hours if a step went over all that is there.
 TEST(Message, TakesAndWalksManyFieldsInLinearTime) {
-    Message built = newMessage();
+    const Message msg = newMessage();
     for (uint32_t i = 0; i < 300000; ++i) {
-        ASSERT_EQ(pelmoMsg_AddI32(built.get(), "n", 1, static_cast<uint16_t>(i < 65536 ? i : 0)),
-                  kStatusSuccess);
+        const auto id = static_cast<uint16_t>(i < 65536 ? i : 0);
+        ASSERT_EQ(pelmoMsg_AddI32(msg.get(), "n", 1, id), kStatusSuccess);
     }
-    const Message msg = messageFrom(imageOf(built.get()));
     EXPECT_EQ(countOf(msg.get()), 300000u);
     pelmoMsgField field;
-    for (uint32_t i = 0; i < msg->fieldCount; i += 10) {
-        ASSERT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, i), kStatusSuccess);
+    for (uint32_t i = 0; i <= 300000; i += 10) {
+        ASSERT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, i),
+                  i < 300000 ? kStatusSuccess : kStatusNotFound);
     }
-    EXPECT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, msg->fieldCount), kStatusNotFound);
 }
 
 TEST(Message, ReadsAsTheTypeAskedForAndKeepsNothingOfWhatItRefuses) {
-    const Message msg = newMessage();
-    const char* const texts[] = {"a"};
-    EXPECT_EQ(pelmoMsg_AddStringArray(msg.get(), "t", texts, 1, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_AddSubjectText(msg.get(), "sub", "A.B", 0), kStatusSuccess);
+    const Message msg = messageFrom(imageOf({
+        recordOf("t", 0, *stringArrayValue({"a"})),
+        recordOf("sub", 0, *subjectValue("A.B")),
+        recordOf("open", 0, *blockValue(FIELD_STRING, {'1', '2'})),
+    }));
     EXPECT_EQ(pelmoMsg_AddSubjectText(msg.get(), "x", "A..B", 0), kStatusInvalidSubject);
-    EXPECT_EQ(add(msg.get(), "open", *blockValue(FIELD_STRING, {'1', '2'})), kStatusSuccess);
     const char* text = nullptr;
     EXPECT_EQ(pelmoMsg_GetString(msg.get(), "open", &text, 0), kStatusSuccess);
     EXPECT_STREQ(text, "12");
@@ -264,7 +258,7 @@ TEST(Message, ReadsAsTheTypeAskedForAndKeepsNothingOfWhatItRefuses) {
     EXPECT_EQ(pelmoMsg_GetU64(msg.get(), "open", &wide, 0), kStatusSuccess);
     EXPECT_EQ(wide, 12u);
 
-    const ReferenceMark before = msgMark(msg.get());
+    const ReferenceMark mark = msgMark(msg.get());
     const void* bytes = nullptr;
     pelmoMsg* nested = nullptr;
     const char* const* list = nullptr;
@@ -274,8 +268,155 @@ TEST(Message, ReadsAsTheTypeAskedForAndKeepsNothingOfWhatItRefuses) {
     EXPECT_EQ(pelmoMsg_GetI32Array(msg.get(), "t", nullptr, &count, 0), kStatusInvalidArgument);
     EXPECT_EQ(pelmoMsg_GetStringArray(msg.get(), "open", &list, &count, 0), kStatusInvalidArgument);
     EXPECT_EQ(pelmoMsg_GetU64(msg.get(), "t", &wide, 0), kStatusConversionFailed);
-    const ReferenceMark after = msgMark(msg.get());
-    EXPECT_EQ(std::memcmp(&before, &after, sizeof before), 0);
+    EXPECT_TRUE(isAt(msg.get(), mark));
+}
+
+// Something of each kind, and of each that a read keeps track of.
+Bytes richImage() {
+    const Bytes inner = imageOf({recordOf("m", 0, *messageValue(kApp))});
+    return imageOf({
+        recordOf("s", 1, *stringValue("text")),
+        recordOf("n", 0, *numbersValue<int32_t>(FIELD_I32ARRAY, {1, 2})),
+        recordOf("t", 0, *stringArrayValue({"one", "two"})),
+        recordOf("m", 3, *messageValue(inner)),
+        recordOf("l", 0, *messageArrayValue({inner, inner})),
+        recordOf("w", 0, *subjectValue("A.B")),
+        recordOf("d", 0, *dateTimeValue(0, 1000)),
+        recordOf("open", 0, *blockValue(FIELD_STRING, {'1', '2'})),
+        {2, 'x', 0, FIELD_XML, 2, 0, 9},  // stored as it is
+        // A document of three bytes, compressed.
+        {2, 'y', 0, FIELD_XML, 12, 3, 0x78, 0x9c, 0x63, 0x64, 0x62, 6, 0, 0, 0xd, 0, 7},
+        recordOf("z", 0, *noneValue()),
+    });
+}
+
+constexpr const char* kRichText =
+    "{s[1]=\"text\" n=[1 2] t=[\"one\" \"two\"] m[3]={m={n=7}} l=[{m={n=7}} {m={n=7}}] "
+    "w=[A.B] d=1970-01-01 00:00:00.000001000Z open=\"12\" x=[XML document: 1 bytes] "
+    "y=[XML document: 3 bytes] z=[NONE]}";
+
+pelmoStatus readAll(pelmoMsg* msg) {
+    uint32_t count = 0;
+    pelmoStatus status = pelmoMsg_GetNumFields(msg, &count);
+    for (uint32_t i = 0; i < count && status == kStatusSuccess; ++i) {
+        pelmoMsgField field;
+        status = pelmoMsg_GetFieldByIndex(msg, &field, i);
+    }
+    return status;
+}
+
+// Either there is no text, or it is whole. Nothing else is kept, and what was read before stays.
+pelmoStatus becomeText(pelmoMsg* msg) {
+    pelmoMsg* inner = nullptr;
+    const pelmoStatus read = pelmoMsg_GetMsg(msg, "m", &inner, 0);
+    if (read != kStatusSuccess) return read;
+    ReferenceMark expected = msgMark(msg);
+    const char* text = nullptr;
+    const pelmoStatus status = pelmoMsg_ConvertToString(msg, &text);
+    EXPECT_EQ(status, text != nullptr ? kStatusSuccess : kStatusNoMemory);
+    expected.ownedBlocks += text != nullptr ? 1 : 0;
+    EXPECT_TRUE(text == nullptr || std::string(text) == kRichText);
+    EXPECT_TRUE(isAt(msg, expected));
+    allocationsHeal();
+    EXPECT_EQ(textOf(inner), "{m={n=7}}");
+    return status;
+}
+
+// A message keeps its fields, and the call succeeds once there is memory. Calls that change fields
+// or addresses are the model's.
+TEST(Message, AnswersEachFailedAllocationAndStaysAsItWas) {
+    const Bytes rich = richImage();
+    const SharedValue value = stringValue(std::string(50000, 'l'));
+    const Bytes foreign = field("x", *value, 7);
+    const char* text = nullptr;
+    int32_t number = 0;
+    const int64_t* wide = nullptr;
+    uint32_t count = 0;
+    const struct {
+        const char* what;
+        Bytes image;
+        std::function<pelmoStatus(pelmoMsg*)> run;
+    } steps[] = {
+        {"read all", rich, readAll},
+        {"text", rich, becomeText},
+        {"expand", rich, [](auto* msg) { return pelmoMsg_Expand(msg, 1000); }},
+        {"convert", rich, [&](auto* msg) { return pelmoMsg_GetString(msg, "n", &text, 0); }},
+        {"convert a text without its NUL", rich,
+         [&](auto* msg) { return pelmoMsg_GetI32(msg, "open", &number, 0); }},
+        {"widen", rich,
+         [&](auto* msg) { return pelmoMsg_GetI64Array(msg, "n", &wide, &count, 0); }},
+        {"strip", outer(foreign + kReturnR + kData + kApp), msgStripEnvelope},
+        {"open, data moves", outer(kData + kApp + foreign), msgOpenEnvelope},
+        {"open, data is wrapped", outer(field("data", *value)), msgOpenEnvelope},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.what);
+        const size_t failures = eachAllocationFails([&] {
+            const Message msg = messageFrom(step.image);
+            if (msg == nullptr || step.run(msg.get()) == kStatusSuccess) return;
+            EXPECT_GT(allocationsFailed(), 0u);
+            allocationsHeal();
+            EXPECT_EQ(imageOf(msg.get()), step.image);
+            EXPECT_EQ(step.run(msg.get()), kStatusSuccess);
+        });
+        EXPECT_GT(failures, 1u);
+    }
+}
+
+// Messages within messages, each the one field of the one around it.
+Bytes nestOf(uint32_t levels) {
+    constexpr uint32_t kLevelBytes = kMessageHeadBytes + 3;
+    Bytes image(kMessageHeadBytes + levels * kLevelBytes);
+    for (uint32_t at = 0; at < image.size(); at += kLevelBytes) {
+        storeBe32At(image.data() + at, static_cast<uint32_t>(image.size()) - at);
+        storeBe32At(image.data() + at + 4, kMessageMagic);
+        if (at + kLevelBytes > image.size()) break;
+        image[at + 9] = FIELD_MSG;
+        image[at + 10] = 122;
+    }
+    return image;
+}
+
+TEST(Message, LetsGoOfANestThatIsDeeperThanTheStack) {
+    Message outermost = messageFrom(nestOf(100000));
+    Buffer* buffer = outermost->buffer;
+    bufferRetain(buffer);
+    pelmoMsg* inner = outermost.get();
+    for (int i = 0; i < 100000; ++i) {
+        ASSERT_EQ(pelmoMsg_GetMsg(inner, nullptr, &inner, 0), kStatusSuccess);
+    }
+    msgRetain(inner);
+    outermost.reset();
+    EXPECT_EQ(buffer->refCount.load(), 2u);  // the innermost alone has another holder
+    msgRelease(inner);
+    bufferRelease(buffer);
+}
+
+// An image could be all messages of eight bytes, objects are some hundreds each.
+TEST(Message, BoundsTheObjectsThatReadsMake) {
+    Bytes list = {0, FIELD_MSGARRAY, 122, 0, 0, 0, 0, 0, 0, 0, 0};
+    storeBe32At(list.data() + 3, 8 + 8 * (kMostSubMessages + 1));
+    storeBe32At(list.data() + 7, kMostSubMessages + 1);
+    for (uint32_t i = 0; i <= kMostSubMessages; ++i) {
+        list.insert(list.end(), kEmpty.begin(), kEmpty.end());
+    }
+    const Message msg = messageFrom(imageOf({list, recordOf("m", 0, *messageValue(kEmpty))}));
+    pelmoMsgField field;
+    FailAlloc count{.after = kNeverFails};
+    EXPECT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 0), kStatusNoMemory);
+    allocationsHeal();
+    EXPECT_EQ(allocationsCounted(), 3u);  // the list, and what would hold it
+    EXPECT_EQ(msg->subMessages, nullptr);
+    const char* text = nullptr;
+    ASSERT_EQ(pelmoMsg_ConvertToString(msg.get(), &text), kStatusSuccess);
+    EXPECT_EQ(std::strlen(text), std::strlen("{NULL=[] m={}}") + 3 * kMostSubMessages + 2);
+
+    for (uint32_t i = 0; i < kMostSubMessages; ++i) {
+        ASSERT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 1), kStatusSuccess);
+    }
+    EXPECT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 1), kStatusNoMemory);
+    msgCutBack(msg.get(), {});
+    EXPECT_EQ(pelmoMsg_GetFieldByIndex(msg.get(), &field, 1), kStatusSuccess);
 }
 
 }  // namespace

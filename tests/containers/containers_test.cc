@@ -1,0 +1,267 @@
+#include <algorithm>
+#include <bit>
+#include <deque>
+#include <map>
+#include <memory>
+#include <random>
+
+#include "lib/containers/dict.h"
+#include "lib/containers/entry_ring.h"
+#include "lib/containers/hash.h"
+#include "lib/containers/i32map.h"
+#include "tests/support/container_values.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/pool_manager.h"
+
+namespace {
+
+using Table = std::unique_ptr<Hash, decltype(&hashDestroy)>;
+
+void expectAllGivenBack(std::initializer_list<ItemPool*> pools) {
+    for (ItemPool* pool : pools) {
+        auto* chunks = static_cast<ChunkPool*>(pool->pool);
+        EXPECT_EQ(availableIn(chunks), chunksIn(chunks));
+        poolUnmake(pool);
+    }
+}
+
+TEST(Hash, ComputesTheSameHashEverywhere) {
+    const std::pair<std::string, uint32_t> cases[] = {
+        {"", 0xffffffff},
+        {"AB", 0x4142},
+        {"ABC", 0x9f151},
+        {"\xff\xff\xff\xff\xff\xff", 0xffffu * 39 * 39 + 0xffffu * 39 + 0xffff},
+        {std::string("\0\x80\xff", 3), 0x80 * 39 + 0xff},
+    };
+    for (const auto& [key, hash] : cases) {
+        EXPECT_EQ(hashKeyHash(key.data(), static_cast<uint32_t>(key.size())), hash) << key;
+    }
+}
+
+// A put that memory fails changes nothing. Some keys are longer than the items of their pool.
+TEST(Hash, FollowsItsModelWithPoolsAndWithout) {
+    const OpenPools open(0);
+    ItemPool *tables = nullptr, *entries = nullptr, *keys = nullptr, *buckets = nullptr;
+    ASSERT_TRUE(hashCreatePools(&tables, &entries, 10, &keys, &buckets));
+    for (const bool pooled : {false, true}) {
+        std::mt19937 random(7);
+        const Table table(
+            pooled ? hashCreateWithPools(1, tables, entries, keys, buckets) : hashCreate(1),
+            hashDestroy);
+        std::map<std::string, void*> model;
+        for (uintptr_t step = 1; step < 10000; ++step) {
+            const std::string key = std::to_string(random() % 300);
+            void* value = random() % 3 == 0 ? nullptr : number(step);
+            const bool present = model.contains(key);
+            FailAlloc fail{.after = random() % 4};
+            const size_t length = random() % 2 * key.size();  // 0: a C string
+            const bool put =
+                hashPut(table.get(), key.c_str(), static_cast<uint32_t>(length), 0, true, value);
+            allocationsHeal();
+            ASSERT_EQ(put, allocationsFailed() == 0 && (value != nullptr || present));
+            if (put && value != nullptr) model[key] = value;
+            if (value == nullptr) model.erase(key);
+            ASSERT_EQ(table->count, model.size());
+            const auto known = model.find(std::to_string(random() % 300));
+            if (known == model.end()) continue;
+            ASSERT_EQ(hashFind(table.get(), known->first.c_str(), 0, 0), known->second);
+        }
+    }
+    expectAllGivenBack({tables, entries, keys, buckets});
+}
+
+// What memory fails changes nothing. The generation is moved to its wrap again and again: there the
+// nodes of earlier clears leave their buckets, or they would be current once more.
+TEST(I32Map, HoldsWhatWasSetSinceTheLastClear) {
+    const OpenPools open(0);
+    ItemPool *maps = nullptr, *nodes = nullptr, *buckets = nullptr;
+    ASSERT_TRUE(i32mapCreatePools(&maps, &nodes, &buckets));
+    for (const uint32_t size : {1u, 4u, 5u, 64u}) {
+        SCOPED_TRACE(size);
+        std::mt19937 random(size);
+        const bool pooled = size != 5;
+        const std::unique_ptr<I32Map, void (*)(I32Map*)> map(
+            pooled ? i32mapCreate(size, maps, nodes, buckets) : i32mapCreate(size), i32mapDestroy);
+        std::map<uint32_t, uint32_t> model;
+        for (uint32_t step = 0; step < 30000; ++step) {
+            const uint32_t key = static_cast<uint32_t>(random() % 40) * 4;
+            FailAlloc fail{.after = random() % 3};
+            if (random() % 3 != 0) {
+                const pelmoStatus status = i32mapSet(map.get(), key, step);
+                ASSERT_EQ(status, allocationsFailed() == 0 ? kStatusSuccess : kStatusNoMemory);
+                if (status == kStatusSuccess) model[key] = step;
+            } else {
+                i32mapRemove(map.get(), key);
+                model.erase(key);
+            }
+            if (random() % 100 == 0) {
+                ASSERT_EQ(i32mapClear(map.get()), kStatusSuccess);  // whatever memory does
+                if (map->generation == 3) map->generation = UINT32_MAX - 1;
+                model.clear();
+            }
+            const uint32_t sought = static_cast<uint32_t>(random() % 40) * 4;
+            const auto known = model.find(sought);
+            uint32_t value = 99;
+            ASSERT_EQ(i32mapFind(map.get(), sought, &value),
+                      known == model.end() ? kStatusNotFound : kStatusSuccess);
+            ASSERT_EQ(value, known == model.end() ? 99 : known->second);
+            ASSERT_EQ(map->count, model.size());
+        }
+    }
+    expectAllGivenBack({maps, nodes, buckets});
+}
+
+using Entry = std::pair<uint64_t, void*>;
+using Entries = std::vector<Entry>;
+
+// What the header promises, taken by its word: the entries as a walk gives them, by ascending
+// bucket and the newest of a bucket first.
+struct Model {
+    auto find(uint64_t key) { return std::ranges::find(all, key, &Entry::first); }
+
+    void add(uint64_t key, void* value) {
+        const auto bucket = [this](const Entry& entry) { return entry.first & (bucketCount - 1); };
+        if (all.size() == bucketCount) {
+            bucketCount *= 2;
+            std::ranges::reverse(all);
+            std::ranges::stable_sort(all, {}, bucket);
+        }
+        const Entry entry = {key, value};
+        all.insert(std::ranges::lower_bound(all, bucket(entry), {}, bucket), entry);
+    }
+
+    uint64_t bucketCount;
+    Entries all = {};
+};
+
+// Walks through all entries, and removes one in `oneIn` on the way.
+void walk(Dict64* dict, Model& model, size_t oneIn) {
+    const Entries before = model.all;
+    Entries seen;
+    Dict64Iterator iterator;
+    Entry entry;
+    dict64IterInit(dict, &iterator);
+    while (dict64IterNext(&iterator, &entry.first, &entry.second)) {
+        seen.push_back(entry);
+        if (seen.size() % oneIn != 0) continue;
+        dict64IterRemove(&iterator);
+        dict64IterRemove(&iterator);  // a second removal has nothing to remove
+        model.all.erase(model.find(entry.first));
+    }
+    EXPECT_EQ(seen, before);
+}
+
+// Keys are multiples of `factor`.
+void followItsModel(uint64_t factor, uint32_t range, uint32_t buckets) {
+    SCOPED_TRACE(testing::Message() << "factor " << factor << ", buckets " << buckets);
+    std::mt19937 random(buckets);
+    Dict64* dict = dict64Create(buckets);
+    Model model{.bucketCount = std::bit_ceil(buckets)};
+    for (uintptr_t step = 1; step <= 1500; ++step) {
+        const uint64_t key = random() % range * factor;
+        auto held = model.find(key);
+        const bool isHeld = held != model.all.end();
+        void* const was = isHeld ? held->second : number(999999);
+        void* value = number(999999);
+        ASSERT_EQ(dictFind(dict, key, &value), isHeld ? kStatusSuccess : kStatusNotFound);
+        ASSERT_EQ(value, was);
+        if (random() % 3 != 0) {
+            ASSERT_EQ(dict64Insert(dict, key, number(step)), kStatusSuccess);
+            if (isHeld) held->second = number(step);
+            if (!isHeld) model.add(key, number(step));
+        } else {
+            ASSERT_EQ(dict64Remove(dict, key, &value),
+                      isHeld ? kStatusSuccess : kStatusInvalidArgument);
+            ASSERT_EQ(value, was);
+            if (isHeld) model.all.erase(held);
+        }
+        ASSERT_EQ(dict->count, model.all.size());
+        ASSERT_EQ(dict->bucketCount, model.bucketCount);
+        if (step % 50 == 0 || model.all.size() < 6) walk(dict, model, step % 400 == 0 ? 3 : 100000);
+    }
+    dict64Destroy(dict);
+}
+
+TEST(Dictionary, KeepsItsEntriesAndTheirOrderWhateverTheKeys) {
+    const std::pair<uint64_t, uint32_t> keys[] = {
+        {1, 12}, {1, 700}, {0x10000, 60}, {uint64_t{1} << 32, 200}, {0x9e3779b97f4a7c15u, 300}};
+    for (const auto& [factor, range] : keys) {
+        for (const uint32_t buckets : {1u, 3u, 8u, 256u}) {
+            followItsModel(factor, range, buckets);
+        }
+    }
+    Dict32* dict = dict32Create(4);
+    EXPECT_EQ(dict32Insert(dict, 1, number(1)), kStatusSuccess);
+    EXPECT_EQ(dict32Insert(dict, 1, number(2)), kStatusNotPermitted);
+    dict32Destroy(dict);
+}
+
+TEST(Dictionary, GoesWithoutItsIndexWhereMemoryFails) {
+    const std::unique_ptr<Dict64, void (*)(Dict64*)> dict(dict64Create(256), dict64Destroy);
+    uint64_t key = 0;
+    const auto insertUntil = [&](bool indexed, size_t allocationsThatSucceed) {
+        for (; (dict->index.slots != nullptr) != indexed && key < 1000; ++key) {
+            FailAlloc fail{.after = allocationsThatSucceed, .forGood = true};
+            EXPECT_EQ(dict64Insert(dict.get(), key << 32, number(key)), kStatusSuccess);
+        }
+    };
+    insertUntil(true, kNeverFails);
+    EXPECT_LT(key, 10u);    // a walk of so many is long
+    insertUntil(false, 1);  // an index that can't grow is given up, the entries stay
+    EXPECT_EQ(dict->index.count, 0u);
+    insertUntil(true, kNeverFails);
+    for (uint64_t i = 0; i < key; ++i) {
+        EXPECT_EQ(dict64Find(dict.get(), i << 32, nullptr), kStatusSuccess);
+    }
+}
+
+// By tens, so that equal items differ; without a comparator by address.
+TEST(Dpa, StaysSortedWithTheNewestAfterItsEquals) {
+    const DpaComparator byTens = [](const void* key, const void* item) {
+        const auto left = reinterpret_cast<uintptr_t>(key) / 10;
+        const auto right = reinterpret_cast<uintptr_t>(item) / 10;
+        return left < right ? -1 : left > right;
+    };
+    for (const DpaComparator comparator : {byTens, DpaComparator{nullptr}}) {
+        const auto rank = [&](uintptr_t value) { return comparator ? value / 10 : value; };
+        std::mt19937 random(1);
+        const std::unique_ptr<Dpa, decltype(&dpaDestroy)> array(dpaCreate(0), dpaDestroy);
+        Numbers model;
+        for (int step = 0; step < 1000; ++step) {
+            const uintptr_t value = 1 + random() % 250;
+            ASSERT_TRUE(dpaInsertSorted(array.get(), number(value), comparator));
+            model.insert(std::ranges::upper_bound(model, rank(value), {}, rank), value);
+            ASSERT_EQ(numbersIn(array.get()), model);
+        }
+    }
+}
+
+// It grows with the entry that would fill it, or stays as it is where memory fails.
+TEST(EntryRing, DoesAsADequeDoes) {
+    std::mt19937 random(1);
+    EntryRing* ring = EntryRing_Create(1);
+    std::deque<void*> model;
+    for (size_t step = 1; step < 20000; ++step) {
+        // Long stretches of more pushes than pops, and the other way round.
+        const bool push = random() % 100 < ((step / 500) % 2 == 0 ? 60u : 40u);
+        const bool front = random() % 2 == 0;
+        if (push) {
+            const FailAlloc fail{.after = random() % 2, .forGood = true};
+            const auto add = front ? EntryRing_PushFront : EntryRing_PushBack;
+            const bool pushed = add(ring, number(step));
+            ASSERT_EQ(pushed, allocationsFailed() == 0);
+            if (pushed) model.insert(front ? model.begin() : model.end(), number(step));
+        } else if (!model.empty()) {
+            const auto place = static_cast<uint32_t>(front ? 0 : random() % model.size());
+            ASSERT_EQ(EntryRing_RemoveAt(ring, EntryRing_Slot(ring, place)), model[place]);
+            model.erase(model.begin() + place);
+        }
+        ASSERT_EQ(ring->count, model.size());
+        for (uint32_t place = 0; step % 16 == 0 && place < ring->count; ++place) {
+            ASSERT_EQ(ring->slots[EntryRing_Slot(ring, place)], model[place]);
+        }
+    }
+    EntryRing_Destroy(ring);
+}
+
+}  // namespace
