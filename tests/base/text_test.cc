@@ -132,15 +132,4 @@ TEST(DateTime, CountsDaysThroughYearZero) {
     EXPECT_EQ(none, CalendarTime());
 }
 
-TEST(DateTime, TextIsCutToItsRoom) {
-    const std::string text = "-001-12-31 23:59:59.000000001Z";
-    for (const size_t sizeBytes : {size_t{1}, text.size(), text.size() + 1}) {
-        char room[40] = {};
-        char* cursor = room;
-        dateTimeToText({kYear1 - 1, 1}, &cursor, sizeBytes);
-        EXPECT_EQ(room, text.substr(0, sizeBytes - 1));
-        EXPECT_EQ(cursor, room + sizeBytes - 1);
-    }
-}
-
 }  // namespace

@@ -26,16 +26,10 @@ void expectAllGivenBack(std::initializer_list<ItemPool*> pools) {
 }
 
 TEST(Hash, ComputesTheSameHashEverywhere) {
-    const std::pair<std::string, uint32_t> cases[] = {
-        {"", 0xffffffff},
-        {"AB", 0x4142},
-        {"ABC", 0x9f151},
-        {"\xff\xff\xff\xff\xff\xff", 0xffffu * 39 * 39 + 0xffffu * 39 + 0xffff},
-        {std::string("\0\x80\xff", 3), 0x80 * 39 + 0xff},
-    };
-    for (const auto& [key, hash] : cases) {
-        EXPECT_EQ(hashKeyHash(key.data(), static_cast<uint32_t>(key.size())), hash) << key;
-    }
+    EXPECT_EQ(hashKeyHash("", 0), 0xffffffff);
+    EXPECT_EQ(hashKeyHash("ABC", 3), 0x9f151u);
+    EXPECT_EQ(hashKeyHash("\xff\xff\xff\xff", 4), 0xffffu * 39 + 0xffff);
+    EXPECT_EQ(hashKeyHash("\0\x80\xff", 3), 0x80u * 39 + 0xff);
 }
 
 // A put that memory fails changes nothing. Some keys are longer than the items of their pool.

@@ -127,11 +127,10 @@ TEST(Codec, RefusesToWriteWhatTheTypeDoesNotHave) {
     }
     for (uint8_t type = FIELD_I8; type <= FIELD_MSGARRAY; ++type) {
         if (fieldEncoders[type] == nullptr || type == FIELD_NONE) continue;
-        for (const uint32_t size : {0u, 3u, 9u}) {
+        const bool isArray = type >= FIELD_I8ARRAY;
+        if (isArray) fields.push_back(fieldOf(type, type < FIELD_I16ARRAY ? 1 : 8, nullptr));
+        for (const uint32_t size : {0u, 3u, 9u})
             if (type < FIELD_XML) fields.push_back(fieldOf(type, size, texts));
-        }
-        if (type >= FIELD_I8ARRAY)
-            fields.push_back(fieldOf(type, type < FIELD_I16ARRAY ? 1 : 8, nullptr));
     }
     for (const pelmoMsgField& wrong : fields) {
         EXPECT_EQ(encode(wrong, 100).status, kStatusInvalidArgument)

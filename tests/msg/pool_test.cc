@@ -50,10 +50,6 @@ std::vector<Item*> takeMany(ChunkPool* pool, size_t count) {
     return items;
 }
 
-void giveAll(ChunkPool* pool, const std::vector<Item*>& items) {
-    std::ranges::for_each(items, [&](Item* item) { give(pool, item); });
-}
-
 void destroy(ChunkPool* pool) {
     poolDestroy(pool, __FILE__, __LINE__);
 }
@@ -106,7 +102,7 @@ TEST(PoolReclaim, FreesWhatLayIdleForAWholeTickButTheLeast) {
         timers.tick();
         if (option > 1) std::ranges::reverse(items);
         for (int round = 0; round < 2; ++round) {  // used between two ticks
-            giveAll(pool, items);
+            std::ranges::for_each(items, [&](Item* item) { give(pool, item); });
             poolThreadLeave();
             timers.tick();
             EXPECT_EQ(chunksIn(pool), 200u);
