@@ -10,7 +10,7 @@
 #include "tests/support/made_snapshot.h"
 #include "watch/core/text.h"
 #include "watch/serve/history_json.h"
-#include "watch/serve/subject_text.h"
+#include "watch/serve/route.h"
 
 namespace {
 

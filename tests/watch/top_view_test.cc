@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "tests/watch/snapshot_maker.h"
-#include "watch/top/number_text.h"
 #include "watch/top/replay_pace.h"
 #include "watch/top/view.h"
 

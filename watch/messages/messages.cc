@@ -19,6 +19,7 @@
 #include "lib/pelmo.h"
 #include "programs/json.h"
 #include "programs/message_json.h"
+#include "programs/number.h"
 #include "trace/settings.h"
 #include "watch/core/stop.h"
 #include "watch/core/text.h"
@@ -57,8 +58,8 @@ MessagesForm form;
 const char* storeSubject(const char* value) {
     uint8_t packed[kSubjectMaxBytes];
     if (form.patterns == nullptr) form.patterns = sublistCreate();
-    if (subjectFromText(packed, sizeof packed, value) < 0) return "isn't a subject or a pattern";
-    return sublistAdd(form.patterns, packed, &form, nullptr) ? nullptr : "finds no memory";
+    if (subjectFromText(packed, sizeof packed, value) < 0) return "not a subject or a pattern";
+    return sublistAdd(form.patterns, packed, &form, nullptr) ? nullptr : "out of memory";
 }
 
 const char* storeSender(const char* value) {
@@ -66,13 +67,13 @@ const char* storeSender(const char* value) {
     const size_t colon = text.find(':');
     in_addr address{};
     if (inet_pton(AF_INET, text.substr(0, colon).c_str(), &address) != 1) {
-        return "isn't an address, or an address and a SCid: 10.0.0.1 or 10.0.0.1:7001";
+        return "not an address, or an address and a SCid: 10.0.0.1 or 10.0.0.1:7001";
     }
     if (colon != std::string::npos) {
-        unsigned long long scid = 0;
-        const char* const wrong = optionNumber(value + colon + 1, 1, UINT16_MAX, &scid);
+        uint16_t scid = 0;
+        const char* const wrong = numberParse(value + colon + 1, 1, UINT16_MAX, scid);
         if (wrong != nullptr) return wrong;
-        form.senderPort = htons(static_cast<uint16_t>(scid));
+        form.senderPort = htons(scid);
     }
     form.hasSender = true;
     form.senderIp = address.s_addr;
@@ -89,7 +90,7 @@ const char* storeFields(const char* value) {
 }
 
 const char* storeCount(const char* value) {
-    return optionNumber(value, 1, UINT64_MAX, &form.count);
+    return numberParse(value, 1, UINT64_MAX, form.count);
 }
 
 const char* storeText(const char* /*none*/) {
@@ -107,16 +108,16 @@ const char* storePointToPoint(const char* /*none*/) {
     return nullptr;
 }
 
-constexpr OptionRow kOptions[] = {
-    {"--subject", "PATTERN", "only messages of these subjects, * and > as on the bus; repeatable",
+constexpr FormOption kOptions[] = {
+    {{"--subject", "PATTERN", "only messages of these subjects, * and > as on the bus; repeatable"},
      storeSubject},
-    {"--sender", "ADDRESS", "only messages of this sender; ADDRESS:SCID is one of a host's",
+    {{"--sender", "ADDRESS", "only messages of this sender; ADDRESS:SCID is one of a host's"},
      storeSender},
-    {"--fields", "NAME,...", "of each message only these fields", storeFields},
-    {"--count", "N", "end after so many lines", storeCount},
-    {"--text", nullptr, "the library's text of a message in place of JSON", storeText},
-    {"--repeats", nullptr, "also what was sent again", storeRepeats},
-    {"--point-to-point", nullptr, "also the packets of point-to-point data, as numbers and bytes",
+    {{"--fields", "NAME,...", "of each message only these fields"}, storeFields},
+    {{"--count", "N", "end after so many lines"}, storeCount},
+    {{"--text", nullptr, "the library's text of a message in place of JSON"}, storeText},
+    {{"--repeats", nullptr, "also what was sent again"}, storeRepeats},
+    {{"--point-to-point", nullptr, "also the packets of point-to-point data, as numbers and bytes"},
      storePointToPoint},
 };
 

@@ -10,6 +10,7 @@
 
 #include <prometheus/metric_family.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -41,3 +42,16 @@ using MetricFamilies = std::vector<prometheus::MetricFamily>;
 
 // Appends the text. The series table needs no lock for it.
 [[nodiscard]] bool metricsText(const MetricFamilies& families, JsonBuffer& out);
+
+// What the system says of this process; 0 for what it doesn't say. One thread at a time.
+struct ProcessUsage {
+    double cpuSeconds;        // user and system time
+    double startTimeSeconds;  // since 1970
+    uint64_t residentBytes, virtualBytes;
+    uint64_t openDescriptors, mostDescriptors;
+};
+
+// With the rights that the program was started with: without them the descriptors can't be counted.
+void processUsageStart();
+
+[[nodiscard]] ProcessUsage processUsage();

@@ -74,3 +74,7 @@ struct Route {
 };
 
 void routeFind(const RouteRequest& request, const RouteRules& rules, Route* out);
+
+// From the safe text of a subject (watch/core/text.h) back to the subject. False if no subject has
+// this text.
+[[nodiscard]] bool subjectFromSafeText(std::string_view text, uint8_t (&packed)[kSubjectMaxBytes]);

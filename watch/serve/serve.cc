@@ -20,7 +20,6 @@
 #include "watch/serve/history.h"
 #include "watch/serve/history_json.h"
 #include "watch/serve/metrics.h"
-#include "watch/serve/process.h"
 #include "watch/serve/series.h"
 #include "watch/serve/server.h"
 #include "watch/web/assets.h"
