@@ -88,6 +88,18 @@ TEST(Text, CopyAppendAndFormatStayWithinTheSize) {
     }
 }
 
+TEST(Text, SizeIsShortAndWholeOrRefused) {
+    const std::pair<uint64_t, const char*> cases[] = {
+        {0, "0"},          {1, "0.001 K"},   {1023, "0.999 K"},
+        {1536, "1.500 K"}, {1 << 20, "1 M"}, {UINT64_MAX, "17179869184.000 G"}};
+    for (const auto& [value, text] : cases) {
+        char room[32];
+        EXPECT_EQ(sizeText(value, room, std::strlen(text) + 1), kStatusSuccess);
+        EXPECT_STREQ(room, text);
+        EXPECT_EQ(sizeText(value, room, std::strlen(text)), kStatusInvalidArgument) << text;
+    }
+}
+
 using Fields = std::array<int64_t, 6>;
 
 constexpr int64_t kDay = 86400;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "lib/msg/buffer.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/pool_manager.h"
 #include "tests/support/pool_timers.h"
 #include "tests/support/test.h"
@@ -86,6 +87,13 @@ TEST(Pool, GivesBackAtThe256thGive) {
         give(pool, items[given - 1]);
         EXPECT_EQ(availableIn(pool), given < 255 ? 0u : 255u);
     }
+    FailAlloc none{.after = 0, .forGood = true};
+    Item* const item = take(pool);
+    give(pool, item);
+    EXPECT_EQ(take(pool), item);  // while it is hot
+    give(pool, item);
+    EXPECT_EQ(allocationsCounted(), 0u);
+    allocationsHeal();
     destroy(pool);
     destroy(other);
 }
