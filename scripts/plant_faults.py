@@ -142,7 +142,8 @@ class Judge:
     def notices(self):
         """What failed, in words; empty when nothing did."""
         with open(BUILD / "judge.log", "w+b") as log:
-            process = subprocess.Popen(self.command, cwd=BUILD, stdin=subprocess.DEVNULL, stdout=log,
+            process = subprocess.Popen(self.command, cwd=BUILD, env={**os.environ, "PELMO_BIN": "bin"},
+                                       stdin=subprocess.DEVNULL, stdout=log,
                                        stderr=subprocess.STDOUT, preexec_fn=limits,
                                        start_new_session=True)
             try:
@@ -187,16 +188,9 @@ def make_judges():
         ["pmd", "pelmoscope"],
         [sys.executable, tests / "e2e" / "pmd_wire_test.py", "bin/pmd", "bin/pelmoscope"], failed_case)
     judges["watch"] = program("watch")
-    judges["json"] = Judge(
-        ["pelmoscope", "pelmowatch", "pelmogen"],
-        [sys.executable, tests / "watch" / "json_test.py", "bin/pelmoscope", "bin/pelmowatch", "bin/pelmogen"],
-        failed_case)
-    judges["serve"] = Judge(
-        ["pelmoscope", "pelmowatch", "pelmogen"],
-        [sys.executable, tests / "watch" / "serve_test.py", "bin/pelmoscope", "bin/pelmowatch", "bin/pelmogen"],
-        failed_case)
-    judges["top"] = Judge(
-        ["pelmowatch"], [sys.executable, tests / "watch" / "top_test.py", "bin/pelmowatch"], failed_case)
+    for name, programs in (("json", ["pelmoscope", "pelmowatch", "pelmogen"]), ("serve", ["pelmowatch", "pelmogen"]),
+                           ("top", ["pelmowatch"])):
+        judges[name] = Judge(programs, [sys.executable, tests / "watch" / (name + "_test.py")], failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
                             re.compile(r"\s+\d+ - (tools\S*) "))

@@ -91,7 +91,7 @@ run_checks() {
     done
     # The server's thread and the library's, under clients that crowd and go.
     step "pelmowatch serve under the thread sanitizer"
-    quietly python3 tests/watch/serve_test.py build/tsan/bin/{pelmoscope,pelmowatch,pelmogen} \
+    PELMO_BIN=build/tsan/bin quietly python3 tests/watch/serve_test.py \
         Serve.test_a_thousand_connections_leave_room_for_a_scrape Serve.test_random_requests_do_no_harm \
         Serve.test_events_come_as_intervals_end Serve.test_ends_within_a_second_with_clients
 
@@ -115,9 +115,9 @@ run_long() {
     step "attacks"
     python3 tests/e2e/attacks.py build/release/bin/{pmd,pelmowatch,pelmogen} || [ $? = 77 ]
     step "two capture points and Prometheus"
-    python3 tests/watch/prometheus_test.py build/release/bin/{pelmowatch,pelmogen} || [ $? = 77 ]
+    PELMO_BIN=build/release/bin python3 tests/watch/prometheus_test.py || [ $? = 77 ]
     step "random requests, a minute"
-    python3 tests/watch/serve_test.py build/release/bin/{pelmoscope,pelmowatch,pelmogen} --fuzz 60 \
+    PELMO_BIN=build/release/bin PELMO_FUZZ_SECONDS=60 python3 tests/watch/serve_test.py \
         Serve.test_random_requests_do_no_harm
     step "package"
     scripts/package_test.sh || [ $? = 77 ]

@@ -1,4 +1,4 @@
-"""Captures as people have them, one bus in many forms: captures_test.py PELMOWATCH PELMOGEN [TEST ...].
+"""Captures as people have them, one bus in many forms.
 
 The oracle is pelmowatch json on the plain capture, which json_test.py holds against the tool.
 """
@@ -11,10 +11,11 @@ import shutil
 import struct
 import subprocess
 import sys
-import tempfile
-import unittest
 
-WATCH, PELMOGEN = (str(pathlib.Path(argument).resolve()) for argument in sys.argv[1:3])
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+
+from program_case import ProgramCase, binary, main, run  # noqa: E402
+
 MIX = "--mix --count 3000 --rate 400 --hosts 30 --subjects 100 --nets 3 --publishers 3".split()
 ETHERNET, RAW, LOOP, COOKED, COOKED2, NULL = 1, 101, 108, 113, 276, 0
 MACS = b"\2" * 6 + b"\4" * 6
@@ -72,25 +73,18 @@ WRAPPED = {
 PACKERS = (("gzip", "-c"), ("zstd", "-qc"), ("xz", "-c"), ("bzip2", "-c"), ("lz4", "-qc"))
 
 
-class Captures(unittest.TestCase):
+class Captures(ProgramCase):
     @classmethod
     def setUpClass(cls):
-        cls.scratch = tempfile.TemporaryDirectory()
-        cls.folder = pathlib.Path(cls.scratch.name)
-        cls.plain = cls.folder / "plain.pcap"
-        subprocess.run([PELMOGEN, "--out", cls.plain, *MIX], check=True, stdout=subprocess.DEVNULL)
+        super().setUpClass()
+        cls.plain = cls.generate("plain.pcap", *MIX)
         cls.frames = list(frames_of(cls.plain))
         cls.wanted = cls.read(cls.plain)[1]
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.scratch.cleanup()
 
     @staticmethod
     def read(*captures, options=(), **more):
         """Exit status, snapshots without the sizes of files, log."""
-        done = subprocess.run([WATCH, "json", "-r", *map(str, captures), *options], capture_output=True, check=False,
-                              timeout=60, **more)
+        done = run(binary("pelmowatch"), "json", "-r", *captures, *options, **more)
         snapshots = [json.loads(line) for line in done.stdout.splitlines()]
         for snapshot in snapshots:
             for name in ("read_bytes", "file_bytes", "not_read"):
@@ -177,5 +171,4 @@ class Captures(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    del sys.argv[1:3]
-    unittest.main()
+    main()

@@ -1,19 +1,16 @@
-#!/usr/bin/env python3
-"""compare.py PELMOSCOPE PELMOWATCH FOLDER: holds the numbers of pelmowatch json against the tool's tables.
+"""Holds the numbers of pelmowatch json against the tool's tables.
 
-Each capture below the folder is read by both, with a few update intervals. From the lines of JSON alone
-the tool's tables are set again, all rows of all tables, and must be the tool's to the byte, but for
-headings, empty lines and reliabilities that no number of JSON can hold. Prints what differs, and a count.
+From the lines of JSON alone the tool's tables are set again, all rows of all tables, and must be the tool's to the
+byte, but for headings, empty lines and reliabilities that no number of JSON can hold.
 """
 import datetime
 import functools
 import json
 import os
 import re
-import subprocess
-import sys
 
-INTERVALS = (10, 2, 0, 100000000)
+from program_case import binary, run
+
 HEADING = re.compile(rb"^ +(Multicast|PTP) .*Statistics$|^  Port   Address .*|^ -----   ---.*|^$|^Using filter .*")
 MULTICAST = (("data_packets", 7), ("payload_bytes", 9), ("null_packets", 5), ("repeated_packets", 7),
              ("repeated_bytes", 9), ("missed_packets", 6), ("bad_packets", 5))
@@ -57,9 +54,9 @@ def multicast(snapshot):
     for (port, group), rows in grouped(snapshot["multicast"], "port", "group"):
         yield " %5d * %-15s      " % (port, group) + columns(added(rows, MULTICAST, ""), MULTICAST) + "    -"
         for row in rows:
-            told = row["reliability_seconds"]
+            seconds = row["reliability_seconds"]
             yield host_lead("", row["sender"], row["scid"]) + columns(row, MULTICAST) + \
-                (" %4.0f" % told if told is not None else ANY_END.decode())
+                (" %4.0f" % seconds if seconds is not None else ANY_END.decode())
 
 
 def two_sided(snapshot, table, fields, port_name, shows):
@@ -109,48 +106,23 @@ def without_headings(lines):
     return [line.replace(b"-nan", b" nan") for line in lines if not HEADING.match(line)]
 
 
-def output_of(*command):
-    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, check=False,
-                          env={**os.environ, "TZ": "UTC"})
-    return done.returncode, done.stdout
-
-
-def same(told, shown):
+def same(wanted, made):
     """Answers the first pair of lines that differ, None where there is none."""
-    for i in range(max(len(told), len(shown))):
-        left, right = (lines[i] if i < len(lines) else b"(none)" for lines in (told, shown))
+    for i in range(max(len(wanted), len(made))):
+        left, right = (lines[i] if i < len(lines) else b"(none)" for lines in (wanted, made))
         if left != right and not (right.endswith(ANY_END) and left.startswith(right[:-len(ANY_END)])):
             return left, right
     return None
 
 
-def compare(tool, watch, capture, interval, *options):
+def compare(capture, interval, *options):
     """Answers what differs in words, or None; and how many Snapshots there were."""
-    status, text = output_of(tool, "-r", capture, "-u", str(interval), "-addrinfo", "-ptp", *options)
-    watched, lines = output_of(watch, "json", "-r", capture, "-u", str(interval), "--senders", *options)
-    if status != watched:
-        return "status %d of the tool, %d of json" % (status, watched), 0
-    snapshots = [json.loads(line) for line in lines.splitlines()]
-    shown = without_headings(b"\n".join(line for snapshot in snapshots for line in report(snapshot)).split(b"\n"))
-    odd = same(without_headings(text.split(b"\n")), shown)
+    env = {**os.environ, "TZ": "UTC"}
+    tool = run(binary("pelmoscope"), "-r", capture, "-u", interval, "-addrinfo", "-ptp", *options, env=env)
+    watch = run(binary("pelmowatch"), "json", "-r", capture, "-u", interval, "--senders", *options, env=env)
+    if tool.returncode != watch.returncode:
+        return "status %d of the tool, %d of json" % (tool.returncode, watch.returncode), 0
+    snapshots = [json.loads(line) for line in watch.stdout.splitlines()]
+    made = without_headings(b"\n".join(line for snapshot in snapshots for line in report(snapshot)).split(b"\n"))
+    odd = same(without_headings(tool.stdout.split(b"\n")), made)
     return odd and "the tool has %r, json %r" % odd, len(snapshots)
-
-
-def main():
-    tool, watch, folder = map(os.path.abspath, sys.argv[1:4])
-    captures = sorted(os.path.join(where, name) for where, _, names in os.walk(folder)
-                      for name in names if ".pcap" in name)
-    count, failed = 0, 0
-    for capture in captures:
-        for interval in INTERVALS:
-            odd, snapshots = compare(tool, watch, capture, interval)
-            count += snapshots
-            failed += odd is not None
-            if odd:
-                print("%s, every %d seconds: %s" % (capture, interval, odd))
-    print("%d captures, %d snapshots, %d runs differ" % (len(captures), count, failed))
-    return 1 if failed or not count else 0
-
-
-if __name__ == "__main__":
-    sys.exit(main())

@@ -1,21 +1,18 @@
-"""The rules and the dashboard of docs/prometheus, by promtool: rules_test.py PELMOWATCH [TEST ...]."""
+"""The rules and the dashboard of docs/prometheus, by promtool."""
 
 import json
 import pathlib
 import re
 import shutil
-import subprocess
 import sys
-import tempfile
-import unittest
 
-HERE = pathlib.Path(__file__).resolve().parent
-ROOT = HERE.parents[1]
-RULES = ROOT / "docs/prometheus"
-WATCH = str(pathlib.Path(sys.argv[1]).resolve())
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+
+from program_case import ROOT, ProgramCase, binary, main, run  # noqa: E402
 
 from served import Server  # noqa: E402
 
+RULES = ROOT / "docs/prometheus"
 STEADY, GROWS, STALLS = "0+0x60", "0+600x60", "0+600x20 12000+0x40"
 POINT = 'instance="a",job="pelmo",bus="x"'
 GROUP = POINT + ',port="7500",group="239.1.1.1"'
@@ -71,7 +68,7 @@ NAME = re.compile(r"\b(?:pelmo|process)_[a-z_]+")
 
 
 def promtool(*arguments):
-    done = subprocess.run(["promtool", *map(str, arguments)], capture_output=True, text=True, check=False)
+    done = run("promtool", *arguments, text=True)
     return "" if done.returncode == 0 else done.stdout + done.stderr
 
 
@@ -94,16 +91,7 @@ def dashboard_expressions():
     return [expression.replace("$__rate_interval", "5m").replace("$", "") for expression in found]
 
 
-class Rules(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.scratch = tempfile.TemporaryDirectory()
-        cls.folder = pathlib.Path(cls.scratch.name)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.scratch.cleanup()
-
+class Rules(ProgramCase):
     def written(self, name, content):
         path = self.folder / name
         path.write_text(json.dumps(content))  # JSON is YAML
@@ -145,8 +133,8 @@ class Rules(unittest.TestCase):
         self.assertEqual(promtool("test", "rules", path), "")
 
     def test_all_metrics_that_are_used_are_served(self):
-        server = Server(WATCH, self.folder, "-r", str(ROOT / "samples/bus.pcap"), "--hosts", "--subjects", ">")
-        self.addCleanup(server.close)
+        server = self.started(Server(binary("pelmowatch"), self.folder, "-r", ROOT / "samples/bus.pcap", "--hosts",
+                                     "--subjects", ">"))
         served = set(server.metrics())
         text = "\n".join([*dashboard_expressions(), *((RULES / name).read_text() for name in ("pelmo_bus.yml", "pelmo_alerts.yml"))])
         used = {name for name in NAME.findall(re.sub(r"(?m)^ *#.*|name: .*|record: .*|\w+:pelmo_\S*", "", text))}
@@ -158,5 +146,4 @@ if __name__ == "__main__":
     if shutil.which("promtool") is None:
         print("no promtool: apt-get install prometheus, or scripts/setup.sh --all")
         sys.exit(77)
-    del sys.argv[1:2]
-    unittest.main()
+    main()

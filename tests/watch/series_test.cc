@@ -3,41 +3,44 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <numeric>
 #include <string>
 
 #include "tests/support/fail_alloc.h"
-#include "tests/support/made_snapshot.h"
+#include "tests/watch/snapshot_maker.h"
 #include "watch/serve/metrics.h"
 
 namespace {
 
+using Samples = std::map<std::string, double>;
+
+constexpr const char* kData = "pelmo_multicast_data_packets_total";
+constexpr const char* kHostData = "pelmo_multicast_host_data_packets_total";
+constexpr const char* kMessages = "pelmo_subject_messages_total";
+
 struct SeriesTest : testing::Test {
     SeriesTest() {
         table.rules = {
-            .hosts = true, .subjects = nullptr, .mostSeries = 10000, .expireIntervals = 3};
+            .hosts = true, .subjects = sublistCreate(), .mostSeries = 10000, .expireIntervals = 3};
+        EXPECT_TRUE(sublistAdd(table.rules.subjects, packedSubject(">").data(), this, nullptr));
     }
     ~SeriesTest() override {
         seriesFree(table);
         sublistDestroy(table.rules.subjects);
     }
 
-    void allSubjects() {
-        table.rules.subjects = sublistCreate();
-        ASSERT_TRUE(sublistAdd(table.rules.subjects, packedSubject(">").data(), this, nullptr));
-    }
-
-    void add(const std::string& group, const std::string& host, uint64_t data) {
-        MadeSnapshot made;
-        made.host(group, host, 7001).data = data;
-        seriesAdd(table, made.snapshot());
+    void add(const char* group, uint64_t data, double reliability = 0) {
+        SnapshotMaker maker;
+        SnapHost& host = maker.host(7500, group, "10.0.0.1", 7001);
+        host.data = data;
+        host.reliability = reliability;
+        seriesAdd(table, maker.at(10));
     }
 
     // One family: the values of its labels, with commas between -> its value.
-    std::map<std::string, double> family(const std::string& name) {
+    Samples family(const std::string& name) {
         MetricFamilies families;
         EXPECT_TRUE(metricsOfSeries(table, families));
-        std::map<std::string, double> samples;
+        Samples samples;
         for (const auto& one : families) {
             for (const auto& metric : one.name == name ? one.metric : decltype(one.metric)()) {
                 std::string labels;
@@ -50,81 +53,40 @@ struct SeriesTest : testing::Test {
         return samples;
     }
 
+    double sumOf(const std::string& name) {
+        double sum = 0;
+        for (const auto& [labels, value] : family(name)) {
+            sum += value;
+        }
+        return sum;
+    }
+
     size_t samples() {
         MetricFamilies families;
         ServeHealth health{};
         health.version = health.source = "";
         EXPECT_TRUE(metricsOfSeries(table, families) && metricsOfHealth(health, families));
-        return std::accumulate(families.begin(), families.end(), size_t{0},
-                               [](size_t sum, const auto& one) { return sum + one.metric.size(); });
+        size_t count = 0;
+        for (const auto& one : families) {
+            count += one.metric.size();
+        }
+        return count;
     }
 
     SeriesTable table = {};
 };
 
-using Samples = std::map<std::string, double>;
-
-TEST_F(SeriesTest, AddsUpWhatEachTableHas) {
-    allSubjects();
-    for (uint64_t time = 1; time <= 2; ++time) {
-        MadeSnapshot made;
-        SnapHost& first = made.host("239.1.1.1", "10.0.0.1", 7001);
-        first.data = 1;
-        first.reliability = 10.0 * static_cast<double>(time);
-        made.host("239.1.1.1", "10.0.0.1", 0).data = 10;
-        made.host("239.1.1.2", "10.0.0.1", 7001).data = 100;
-        made.subject("239.1.1.1", {"A", "B"}).msgs = 2;
-        made.subject("239.1.1.1", {"A.B"}).msgs = 3;
-        made.rl("10.0.0.1", 7001).rseqSent = 4;
-        made.rl("10.0.0.2", 7001).rseqRecv = 4;
-        made.port = 7501;
-        made.ptp("10.0.0.1", 0).bytesRecv = 5;
-        made.ptp("10.0.0.2", 0).bytesRecv = 6;
-        made.head.faults[2].packets = 7;
-        made.head.source.kernelDrops = 8;
-        seriesAdd(table, made.snapshot());
-    }
-    const std::string multicast = "pelmo_multicast_", rl = "pelmo_retransmission_",
-                      ptp = "pelmo_point_to_point_";
-    const std::pair<std::string, Samples> cases[] = {
-        {multicast + "data_packets_total", {{"7500,239.1.1.1", 22}, {"7500,239.1.1.2", 200}}},
-        {multicast + "messages_total", {{"7500,239.1.1.1", 10}, {"7500,239.1.1.2", 0}}},
-        {multicast + "host_data_packets_total",
-         {{"7500,239.1.1.1,10.0.0.1,7001", 2},
-          {"7500,239.1.1.1,10.0.0.1,", 20},
-          {"7500,239.1.1.2,10.0.0.1,7001", 200}}},
-        {multicast + "host_reliability_seconds",
-         {{"7500,239.1.1.1,10.0.0.1,7001", 20},
-          {"7500,239.1.1.1,10.0.0.1,", 0},
-          {"7500,239.1.1.2,10.0.0.1,7001", 0}}},
-        {"pelmo_subject_messages_total",
-         {{"7500,239.1.1.1,A.B", 4}, {"7500,239.1.1.1,A\\x2eB", 6}}},
-        {rl + "requested_packets_sent_total", {{"7500", 8}, {"7501", 0}}},
-        {rl + "host_requested_packets_received_total",
-         {{"7500,10.0.0.1,7001", 0}, {"7500,10.0.0.2,7001", 8}}},
-        {ptp + "payload_bytes_received_total", {{"7500", 0}, {"7501", 22}}},
-        {ptp + "host_payload_bytes_received_total",
-         {{"7501,10.0.0.1,", 10}, {"7501,10.0.0.2,", 12}}},
-        {"pelmo_kernel_dropped_frames_total", {{"", 16}}},
-        {"pelmo_watch_intervals_total", {{"", 2}}},
-    };
-    for (const auto& [name, expected] : cases) {
-        EXPECT_EQ(family(name), expected) << name;
-    }
-    EXPECT_EQ(family("pelmo_fault_packets_total").at(faultRow(static_cast<Fault>(2)).key), 14);
-    EXPECT_EQ(family("pelmo_fault_packets_total").size(), kFaultKinds);
-}
-
-TEST_F(SeriesTest, RowsGoOnceTheyWereSilentForSoLong) {
-    constexpr const char* kData = "pelmo_multicast_data_packets_total";
-    add("239.1.1.1", "10.0.0.1", 1);
-    add("239.1.1.2", "10.0.0.1", 1);
-    add("239.1.1.2", "10.0.0.1", 1);
+TEST_F(SeriesTest, RowsThatWereSilentForSoLongGo) {
+    add("239.1.1.1", 1);
+    add("239.1.1.2", 1, 10);
+    add("239.1.1.2", 1, 20);
     EXPECT_EQ(family(kData), (Samples{{"7500,239.1.1.1", 1}, {"7500,239.1.1.2", 2}}));
-    add("239.1.1.2", "10.0.0.1", 1);
+    EXPECT_EQ(family("pelmo_multicast_host_reliability_seconds"),
+              (Samples{{"7500,239.1.1.1,10.0.0.1,7001", 0}, {"7500,239.1.1.2,10.0.0.1,7001", 20}}));
+    add("239.1.1.2", 1);
     EXPECT_EQ(family(kData), (Samples{{"7500,239.1.1.2", 3}}));
-    add("239.1.1.1", "10.0.0.1", 5);  // begins anew, and the other's row is still found
-    add("239.1.1.2", "10.0.0.1", 1);
+    add("239.1.1.1", 5);  // begins again, and the other's row is still found
+    add("239.1.1.2", 1);
     EXPECT_EQ(family(kData), (Samples{{"7500,239.1.1.1", 5}, {"7500,239.1.1.2", 4}}));
     for (int interval = 0; interval < 3; ++interval) {
         seriesAdd(table, {});
@@ -133,64 +95,45 @@ TEST_F(SeriesTest, RowsGoOnceTheyWereSilentForSoLong) {
     EXPECT_EQ(table.rowSeries, 0u);
 }
 
-TEST_F(SeriesTest, WhatFindsNoRoomIsInTheOtherRow) {
-    allSubjects();
+TEST_F(SeriesTest, CountsThatFindNoRoomAreInTheOtherRow) {
     table.rules.mostSeries = 1000;
-    MadeSnapshot made;
-    for (int i = 0; i < 300; ++i) {
-        made.host("239.1.1.1", "10.0.1." + std::to_string(i % 256), static_cast<uint16_t>(i)).data =
-            1;
-        made.subject("239.1.1.1", {"S", std::to_string(i)}).msgs = 1;
+    SnapshotMaker maker;
+    for (uint16_t i = 0; i < 300; ++i) {
+        maker.host(7500, "239.1.1.1", "10.0.1.1", i).data = 1;
+        maker.subject(7500, "239.1.1.1", {"S", std::to_string(i)}, "10.0.0.1", 1);
     }
-    seriesAdd(table, made.snapshot());
+    seriesAdd(table, maker.at(10));
     EXPECT_LE(samples(), 1000u);
     EXPECT_GT(samples(), 700u);
 
     // Hosts took all that they may; ports and groups still find room, up to the last of it.
-    MadeSnapshot groups;
+    SnapshotMaker groups;
     for (int i = 0; i < 100; ++i) {
-        groups.host("239.2.1." + std::to_string(i), "10.0.0.1", 1).data = 1;
+        groups.host(7500, ("239.2.1." + std::to_string(i)).c_str(), "10.0.0.1", 1).data = 1;
     }
-    seriesAdd(table, groups.snapshot());
+    seriesAdd(table, groups.at(12));
     EXPECT_LE(samples(), 1000u);
-    const Samples data = family("pelmo_multicast_data_packets_total");
+    const Samples data = family(kData);
     EXPECT_GT(data.size(), 10u);
     EXPECT_EQ(data.at("other,other") + static_cast<double>(data.size()) - 2 + 300, 400);
-    for (const std::string name :
-         {"pelmo_multicast_host_data_packets_total", "pelmo_subject_messages_total"}) {
-        double sum = 0;
-        for (const auto& [labels, value] : family(name)) {
-            sum += value;
-        }
-        EXPECT_EQ(sum, name.find("host") != std::string::npos ? 400 : 300);
-    }
+    EXPECT_EQ(sumOf(kHostData), 400);
+    EXPECT_EQ(sumOf(kMessages), 300);
     EXPECT_GT(table.leftOutSeries, 0u);
     seriesAdd(table, {});
     EXPECT_EQ(table.leftOutSeries, 0u);
 }
 
-TEST_F(SeriesTest, WithoutMemoryCountsAreInTheOtherRow) {
-    allSubjects();
-    MadeSnapshot made;
-    made.host("239.1.1.1", "10.0.0.1", 1).data = 3;
-    made.subject("239.1.1.1", {"A"}).msgs = 5;
-    const SeriesRules rules = table.rules;
+TEST_F(SeriesTest, CountsWithoutMemoryAreInTheOtherRow) {
+    SnapshotMaker maker;
+    maker.host(7500, "239.1.1.1", "10.0.0.1", 1).data = 3;
+    maker.subject(7500, "239.1.1.1", {"A"}, "10.0.0.1", 5);
     EXPECT_GT(eachAllocationFails([&] {
                   seriesFree(table);
-                  seriesAdd(table, made.snapshot());
+                  seriesAdd(table, maker.at(10));
                   allocationsHeal();
-                  double sum = 0;
-                  for (const char* name : {"pelmo_multicast_data_packets_total",
-                                           "pelmo_multicast_host_data_packets_total",
-                                           "pelmo_subject_messages_total"}) {
-                      for (const auto& [labels, value] : family(name)) {
-                          sum += value;
-                      }
-                  }
-                  ASSERT_EQ(sum, 3 + 3 + 5);
+                  ASSERT_EQ(sumOf(kData) + sumOf(kHostData) + sumOf(kMessages), 3 + 3 + 5);
               }),
               0u);
-    EXPECT_EQ(table.rules.subjects, rules.subjects);
 }
 
 }  // namespace

@@ -4,10 +4,9 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "tests/support/fail_alloc.h"
-#include "tests/support/packet_builder.h"
+#include "tests/watch/snapshot_maker.h"
 #include "trace/counts/snapshot_totals.h"
 
 namespace {
@@ -15,43 +14,20 @@ namespace {
 struct TotalsTest : testing::Test {
     ~TotalsTest() override { totalsFree(totals); }
 
-    // One interval: a port with a net, so many senders from `first` on, each with a subject and a
-    // part in the other tables.
-    void add(uint32_t first, uint32_t count) {
-        std::vector<SnapHost> hosts(count);
-        std::vector<SnapRlHost> rlHosts(count);
-        std::vector<SnapPtpHost> ptpHosts(count);
-        std::vector<Bytes> texts(count);
-        std::vector<SnapSubjectHost> senders(count);
-        std::vector<SnapSubject> subjects(count);
-        for (uint32_t i = 0; i < count; ++i) {
-            const uint32_t host = first + i;
-            hosts[i].host = rlHosts[i].host = ptpHosts[i].host = host;
-            hosts[i].data = 1;
-            hosts[i].bytes = 10;
-            hosts[i].reliability = 60;
-            rlHosts[i].counters.rreqSent = 2;
-            ptpHosts[i].counters.ackSent = 3;
-            texts[i] = packedSubject("S" + std::to_string(host));
-            senders[i] = {host, 1, 4, 40};
-            subjects[i] = {texts[i].data(), 4, 40, 1, &senders[i]};
+    // One interval: a group with so many senders from `first` on, each with a subject and a part in
+    // the other tables.
+    void add(uint16_t first, uint16_t count) {
+        SnapshotMaker maker;
+        for (uint16_t scid = first; scid < first + count; ++scid) {
+            SnapHost& host = maker.host(7500, "239.1.1.1", "10.0.0.1", scid);
+            host.data = 1;
+            host.bytes = 10;
+            host.reliability = 60;
+            maker.retransmission(7500, "10.0.0.1", scid).rreqSent = 2;
+            maker.pointToPoint(7500, "10.0.0.1", scid).ackSent = 3;
+            maker.subject(7500, "239.1.1.1", {"S" + std::to_string(scid)}, "10.0.0.1", 4);
         }
-        SnapNet net{};
-        net.net = 7;
-        net.hostCount = net.subjectCount = count;
-        net.hosts = hosts.data();
-        net.subjects = subjects.data();
-        SnapPort port{};
-        port.port = port.servicePort = 9;
-        port.netCount = 1;
-        port.nets = &net;
-        port.rlHostCount = port.ptpHostCount = count;
-        port.rlHosts = rlHosts.data();
-        port.ptpHosts = ptpHosts.data();
-        SnapHeader snapshot{};
-        snapshot.portCount = 1;
-        snapshot.ports = &port;
-        totalsAdd(totals, snapshot);
+        totalsAdd(totals, maker.at(10));
         added += count;
     }
 
@@ -71,7 +47,7 @@ struct TotalsTest : testing::Test {
 };
 
 // An interval's rows meet those of earlier ones, whatever else there is.
-TEST_F(TotalsTest, AddUpRowByRow) {
+TEST_F(TotalsTest, IntervalsAddUpRowByRow) {
     add(1, 3);
     add(3, 1000);
     add(2, 2);
@@ -82,37 +58,26 @@ TEST_F(TotalsTest, AddUpRowByRow) {
     const SnapNet& net = sum.ports[0].nets[0];
     ASSERT_EQ(net.hostCount, 1002u);
     ASSERT_EQ(net.subjectCount, 1002u);
-    const auto rowOf = [&net](uint32_t host) -> const SnapHost& {
-        for (uint32_t i = 0; i < net.hostCount; ++i) {
-            if (net.hosts[i].host == host) return net.hosts[i];
-        }
-        return net.hosts[0];
-    };
-    EXPECT_EQ(rowOf(3).data, 3u);
-    EXPECT_EQ(rowOf(3).reliability, 60);
-    EXPECT_EQ(rowOf(4).data, 1u);
-    for (uint32_t i = 0; i < net.subjectCount; ++i) {
-        const SnapSubject& subject = net.subjects[i];
-        ASSERT_EQ(subject.hostCount, 1u);
-        const Bytes text = packedSubject("S" + std::to_string(subject.hosts[0].host));
-        ASSERT_EQ(std::memcmp(subject.subject, text.data(), text.size()), 0);
-        ASSERT_EQ(subject.hosts[0].msgs, subject.msgs);
+    for (uint32_t i = 0; i < net.hostCount; ++i) {
+        const SnapHost& host = net.hosts[i];
+        const uint16_t scid = ntohs(host.port);
+        ASSERT_EQ(host.data, scid == 3 ? 3u : scid == 2 ? 2u : 1u) << scid;
+        ASSERT_EQ(host.reliability, 60);
     }
 }
 
-TEST_F(TotalsTest, KeepTheirSumsBeyondTheBoundOfRows) {
-    constexpr uint32_t kPieces = 8;
-    for (uint32_t piece = 0; piece <= kPieces; ++piece) {
-        add(piece * (kTotalsMostRows / kPieces), kTotalsMostRows / kPieces);
-    }
+TEST_F(TotalsTest, SumsStayExactBeyondTheBoundOfRows) {
+    totals.mostRows = 1000;
+    add(1, 600);
+    add(601, 600);
     add(1, 1);
     sumsAreExact();
-    EXPECT_EQ(totals.hosts.count, kTotalsMostRows);
-    EXPECT_EQ(totals.subjects.count, kTotalsMostRows);
-    EXPECT_EQ(totals.head.beyond.multicast.data, kTotalsMostRows / kPieces);
+    EXPECT_EQ(totals.hosts.count, totals.mostRows);
+    EXPECT_EQ(totals.subjects.count, totals.mostRows);
+    EXPECT_EQ(totals.head.beyond.multicast.data, 200u);
 }
 
-TEST_F(TotalsTest, KeepTheirSumsWithoutMemory) {
+TEST_F(TotalsTest, SumsStayExactWithoutMemory) {
     const size_t failing = eachAllocationFails([this] {
         const size_t failedBefore = allocationsFailed();
         add(1, 300);

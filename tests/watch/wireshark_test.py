@@ -1,4 +1,4 @@
-"""The dissector against pelmowatch messages, by the real tshark: wireshark_test.py PELMOWATCH PELMOGEN [TEST ...].
+"""The dissector against pelmowatch messages, by the real tshark.
 
 Both read the same captures: as many messages of each subject, and every field's type and value the same. Damaged
 captures give no Lua error.
@@ -8,13 +8,15 @@ import collections
 import json
 import pathlib
 import shutil
-import subprocess
 import sys
-import tempfile
-import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-WATCH, PELMOGEN = (str(pathlib.Path(argument).resolve()) for argument in sys.argv[1:3])
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+
+from program_case import ROOT, ProgramCase, binary, main, run  # noqa: E402
+
+from live_run import sent_totals  # noqa: E402
+
+MIX = "--mix --count 4000 --fragments 0.01 --payload 100-1400".split()
 LUA = "lua_script:%s" % (ROOT / "share/wireshark/pelmo.lua")
 FIELD, RECORD = "\x1f", "\x1e"
 REALS = ("f32", "f64", "f32[]", "f64[]")
@@ -48,33 +50,26 @@ def as_told(kind, text):
 
 
 def tshark(*arguments):
-    return subprocess.run(["tshark", "-X", LUA, *map(str, arguments)], capture_output=True, text=True, check=False)
+    return run("tshark", "-X", LUA, *arguments, text=True).stdout
 
 
-class Wireshark(unittest.TestCase):
+class Wireshark(ProgramCase):
     @classmethod
     def setUpClass(cls):
-        cls.scratch = tempfile.TemporaryDirectory()
-        cls.folder = pathlib.Path(cls.scratch.name)
-        cls.mix = cls.folder / "mix.pcap"
-        subprocess.run([PELMOGEN, "--out", cls.mix, "--mix", "--count", "4000", "--fragments", "0.01", "--payload", "100-1400"],
-                       check=True, stdout=subprocess.DEVNULL)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.scratch.cleanup()
+        super().setUpClass()
+        cls.mix = cls.generate("mix.pcap", *MIX)
 
     def test_subjects_types_and_values_are_those_of_messages(self):
         for capture in (self.mix, ROOT / "samples/bus.pcap"):
-            lines = subprocess.run([WATCH, "messages", "--repeats", "-r", capture], check=True, capture_output=True).stdout
-            messages = [json.loads(line) for line in lines.splitlines()]
+            done = run(binary("pelmowatch"), "messages", "--repeats", "-r", capture)
+            messages = [json.loads(line) for line in done.stdout.splitlines()]
             wanted = collections.Counter(("subject", message["subject"]) for message in messages if "subject" in message)
             wanted.update((kind, as_shown(kind, value)) for message in messages
                           for kind, value in leaves(message.get("fields", ())))
-            done = tshark("-r", capture, "-T", "fields", "-e", "pelmo.subject", "-e", "pelmo.field.type",
+            text = tshark("-r", capture, "-T", "fields", "-e", "pelmo.subject", "-e", "pelmo.field.type",
                           "-e", "pelmo.field.value", "-E", "aggregator=" + FIELD, "-E", "separator=" + RECORD)
             found = collections.Counter()
-            for line in done.stdout.split("\n")[:-1]:
+            for line in text.split("\n")[:-1]:
                 subjects, kinds, values = (part.split(FIELD) for part in line.split(RECORD))
                 found.update(("subject", subject) for subject in subjects if subject)
                 kinds = [kind for kind in kinds if kind and kind not in ("msg", "msg[]")]
@@ -83,10 +78,8 @@ class Wireshark(unittest.TestCase):
             self.assertEqual(found, wanted, capture)
 
     def test_packets_are_of_the_types_that_were_sent(self):
-        sent = {line.split()[1]: int(line.split()[2]) for line in subprocess.run(
-            [PELMOGEN, "--out", "/dev/null", "--mix", "--count", "4000", "--fragments", "0.01", "--payload", "100-1400"],
-            check=True, capture_output=True, text=True).stdout.splitlines() if len(line.split()) > 2}
-        types = collections.Counter(tshark("-r", self.mix, "-Y", "pelmo", "-T", "fields", "-e", "pelmo.type").stdout.split())
+        sent = sent_totals(run(binary("pelmogen"), "--out", "/dev/null", *MIX).stdout.decode())
+        types = collections.Counter(tshark("-r", self.mix, "-Y", "pelmo", "-T", "fields", "-e", "pelmo.type").split())
         for name, number in (("null", "4"), ("rreq", "3"), ("ptp-ack", "8")):
             if name in sent:
                 self.assertLess(abs(types[number] - sent[name]), 5, name)
@@ -94,13 +87,12 @@ class Wireshark(unittest.TestCase):
     def test_damaged_captures_give_no_error_of_the_dissector(self):
         damaged = self.folder / "damaged.pcap"
         for options in (("--seed", "1", "-E", "0.01"), ("--seed", "2", "-E", "0.1"), ("-s", "100")):
-            subprocess.run(["editcap", *options, self.mix, damaged], check=True, capture_output=True)
-            self.assertNotIn("Lua Error", tshark("-2", "-V", "-r", damaged).stdout)
+            self.assertEqual(run("editcap", *options, self.mix, damaged).returncode, 0)
+            self.assertNotIn("Lua Error", tshark("-2", "-V", "-r", damaged))
 
 
 if __name__ == "__main__":
     if shutil.which("tshark") is None or shutil.which("editcap") is None:
         print("skipped: tshark isn't installed (scripts/setup.sh --all)")
         sys.exit(77)
-    del sys.argv[1:3]
-    unittest.main()
+    main()

@@ -15,51 +15,60 @@ const pictures = process.env.PELMO_PICTURES;
 // Root has no sandbox of the browser's; what is loaded are pages of the tests' own.
 export function launch() {
     assert.ok(program, "no Chromium: scripts/setup.sh installs it");
-    return chromium.launch({
-        executablePath: program,
-        args: process.getuid() === 0 ? ["--no-sandbox"] : [],
-    });
+    const args = process.getuid() === 0 ? ["--no-sandbox"] : [];
+    return chromium.launch({ executablePath: program, args });
 }
 
-// A page in a context of its own, in UTC. `faults` gets console errors, exceptions and requests to
-// anywhere but `url`.
-export async function openPage(
-    browser,
-    url,
-    { width = 1280, height = 800, colorScheme = "light" } = {},
-) {
-    const context = await browser.newContext({
-        viewport: { width, height },
-        colorScheme,
-        timezoneId: "UTC",
-    });
+// A page in a context of its own, in UTC. `table` is the table that is shown. close() fails when
+// there were console errors, exceptions or requests to anywhere but `url`. `before` runs in the page
+// ahead of its scripts.
+export async function openPage(browser, url, { width = 1280, height = 800, colorScheme, before } = {}) {
+    const viewport = { width, height };
+    const context = await browser.newContext({ viewport, colorScheme, timezoneId: "UTC" });
     context.setDefaultTimeout(10000);
     const page = await context.newPage();
+    if (before) await page.addInitScript(before);
     const faults = [];
-    page.on(
-        "console",
-        (message) => ["error", "warning"].includes(message.type()) && faults.push(message.text()),
-    );
+    page.on("console", (message) => {
+        if (["error", "warning"].includes(message.type())) faults.push(message.text());
+    });
     page.on("pageerror", (error) => faults.push(error.stack));
-    page.on(
-        "request",
-        (request) =>
-            !request.url().startsWith(url) &&
-            !request.url().startsWith("data:") &&
-            faults.push(request.url()),
-    );
+    page.on("request", (request) => {
+        if (![url, "data:"].some((begin) => request.url().startsWith(begin)))
+            faults.push(request.url());
+    });
     await page.goto(url);
-    return { page, faults, close: () => context.close() };
+    const close = async () => {
+        await context.close();
+        assert.deepEqual(faults, []);
+    };
+    return { page, table: page.locator("#tables > .table:not([hidden])"), close };
 }
 
-// How many pixels of the canvas aren't blank: 0 for a chart without anything drawn.
-export function inkOf(canvas) {
-    return canvas.evaluate((element) => {
-        const { data } = element.getContext("2d").getImageData(0, 0, element.width, element.height);
-        let ink = 0;
-        for (let i = 3; i < data.length; i += 4) ink += data[i] > 0 ? 1 : 0;
-        return ink;
-    });
+export const count = (number) => number.toLocaleString("en-US");
+
+// Each chart has something drawn: so many pixels that aren't blank.
+export async function haveInk(canvases, least) {
+    for (const canvas of await canvases.all()) {
+        const ink = await canvas.evaluate((element) => {
+            const area = [0, 0, element.width, element.height];
+            const { data } = element.getContext("2d").getImageData(...area);
+            return data.filter((byte, i) => i % 4 === 3 && byte > 0).length;
+        });
+        assert.ok(ink > least, `${ink} pixels`);
+    }
+}
+
+// Markup in texts of the bus did nothing: the page has the scripts that it came with.
+export async function isUnbroken(page, scripts) {
+    const found = await page.evaluate(() => [
+        window.broken ?? null, document.scripts.length, document.images.length,
+    ]);
+    assert.deepEqual(found, [null, scripts, 0]);
+}
+
+export async function fitsItsWindow(page) {
+    assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth));
 }
 
 // The texts of the rows that a table draws, below its headings and sums.

@@ -5,9 +5,8 @@ import { createInterface } from "node:readline";
 
 // Resolves once it listens, to {url, stop}. Stop ends it and resolves to its status.
 export async function serve(...options) {
-    const child = spawn(process.env.PELMO_WATCH, ["serve", "--listen", "127.0.0.1:0", ...options], {
-        stdio: ["ignore", "ignore", "pipe"],
-    });
+    const words = ["serve", "--listen", "127.0.0.1:0", ...options];
+    const child = spawn(process.env.PELMO_WATCH, words, { stdio: ["ignore", "ignore", "pipe"] });
     const ended = new Promise((done) => child.on("exit", done));
     const lines = [];
     for await (const line of createInterface({ input: child.stderr })) {
@@ -15,28 +14,13 @@ export async function serve(...options) {
         const [url] = line.match(/http:\/\/[\d.:]+\//) ?? [];
         if (url === undefined) continue;
         child.stderr.resume();
-        return {
-            url,
-            stop: () => {
-                child.kill("SIGTERM");
-                return ended;
-            },
-        };
+        return { url, stop: () => (child.kill("SIGTERM"), ended) };
     }
     throw new Error(`pelmowatch serve ended: ${lines.join("\n")}`);
 }
 
 // Resolves once the saved capture was read to its end.
 export async function readWhole(url) {
-    for (;;) {
-        const answer = await fetch(`${url}snapshot.json`);
-        const {
-            read_bytes: read,
-            file_bytes: size,
-            elapsed_seconds: elapsed,
-        } = answer.ok ? await answer.json() : {};
-        const history = await (await fetch(`${url}history.json`)).json();
-        if (read !== undefined && read === size && elapsed < history.interval_seconds) return;
+    while ((await (await fetch(`${url}healthz`)).json()).source === "reading")
         await new Promise((done) => setTimeout(done, 50));
-    }
 }

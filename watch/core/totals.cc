@@ -26,7 +26,7 @@ uint32_t findPort(Totals& totals, const SnapPort& port) {
     if (at == kNoRow) {
         TotalPort row{.hash = hash, .sum = {}};
         row.sum.port = port.port;
-        at = rowAdd(totals.ports, row, kTotalsMostRows);
+        at = rowAdd(totals.ports, row, totals.mostRows);
     }
     if (at != kNoRow) totals.ports.rows[at].sum.servicePort = port.servicePort;
     return at;
@@ -41,13 +41,16 @@ uint32_t findNet(Totals& totals, uint32_t port, uint32_t address) {
     if (at != kNoRow) return at;
     TotalNet row{.hash = hash, .parent = port, .place = 0, .sum = {}};
     row.sum.net = address;
-    return rowAdd(totals.nets, row, kTotalsMostRows);
+    return rowAdd(totals.nets, row, totals.mostRows);
 }
 
 // The row of a host below its parent, whose record has nothing but its key where it is new; null
 // where there can't be one.
 template <typename Record>
-Record* findHost(RowTable<TotalHost<Record>>& table, uint32_t parent, const Record& host) {
+Record* findHost(RowTable<TotalHost<Record>>& table,
+                 uint32_t mostRows,
+                 uint32_t parent,
+                 const Record& host) {
     if (parent == kNoRow) return nullptr;
     const uint32_t hash = hashOf(keyOf(host.host, host.port), parent);
     uint32_t at = rowFind(table, hash, [&](const TotalHost<Record>& row) {
@@ -57,7 +60,7 @@ Record* findHost(RowTable<TotalHost<Record>>& table, uint32_t parent, const Reco
         TotalHost<Record> row{.hash = hash, .parent = parent, .sum = {}};
         row.sum.host = host.host;
         row.sum.port = host.port;
-        at = rowAdd(table, row, kTotalsMostRows);
+        at = rowAdd(table, row, mostRows);
     }
     return at != kNoRow ? &table.rows[at].sum : nullptr;
 }
@@ -91,7 +94,7 @@ uint32_t findSubject(Totals& totals, uint32_t net, const uint8_t* subject) {
     const size_t textAt = totals.textBytes;
     if (!keepText(totals, subject)) return kNoRow;
     const TotalSubject row{.hash = hash, .parent = net, .textAt = textAt, .place = 0, .sum = {}};
-    const uint32_t added = rowAdd(totals.subjects, row, kTotalsMostRows);
+    const uint32_t added = rowAdd(totals.subjects, row, totals.mostRows);
     if (added == kNoRow) totals.textBytes = textAt;
     return added;
 }
@@ -128,7 +131,7 @@ void addSubject(Totals& totals, uint32_t net, const SnapSubject& subject) {
 void addNet(Totals& totals, uint32_t port, const SnapNet& net) {
     const uint32_t at = findNet(totals, port, net.net);
     for (const SnapHost& host : std::span(net.hosts, net.hostCount)) {
-        SnapHost* const sum = findHost(totals.hosts, at, host);
+        SnapHost* const sum = findHost(totals.hosts, totals.mostRows, at, host);
         addCounters(sum != nullptr ? *sum : totals.head.beyond.multicast, host);
         if (sum != nullptr) sum->reliability = host.reliability;
     }
@@ -143,12 +146,12 @@ void addPort(Totals& totals, const SnapPort& port) {
         addNet(totals, at, net);
     }
     for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
-        SnapRlHost* const sum = findHost(totals.rlHosts, at, host);
+        SnapRlHost* const sum = findHost(totals.rlHosts, totals.mostRows, at, host);
         addCounters(sum != nullptr ? sum->counters : totals.head.beyond.retransmission,
                     host.counters);
     }
     for (const SnapPtpHost& host : std::span(port.ptpHosts, port.ptpHostCount)) {
-        SnapPtpHost* const sum = findHost(totals.ptpHosts, at, host);
+        SnapPtpHost* const sum = findHost(totals.ptpHosts, totals.mostRows, at, host);
         addCounters(sum != nullptr ? sum->counters : totals.head.beyond.pointToPoint,
                     host.counters);
     }

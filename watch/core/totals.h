@@ -67,6 +67,7 @@ struct TotalSender {
 struct Totals {
     SnapHeader head;  // without its tables
     bool hasBegun;
+    uint32_t mostRows = kTotalsMostRows;
 
     RowTable<TotalPort> ports;
     RowTable<TotalNet> nets;

@@ -216,7 +216,7 @@ void keepRows(History& history, HistoryInterval& interval) {
     if (history.failed || history.rowCount == 0) return;
     const uint32_t buckets = std::bit_ceil(history.rowCount / kRowsOfBucket + 1);
     const size_t blockBytes = blockBytesOf(history, buckets);
-    if (blockBytes > kHistoryMostBytes) return;
+    if (blockBytes > history.mostBytes) return;
     interval.block = static_cast<uint8_t*>(std::malloc(blockBytes));
     if (interval.block == nullptr) return;
     interval.rowCount = history.rowCount;
@@ -284,7 +284,7 @@ void historyAdd(History& history, const SnapHeader& snapshot) {
     interval.time = snapshot.thisTime;
     keepTotals(interval, snapshot);
     keepRows(history, interval);
-    while (history.blockBytes > kHistoryMostBytes) {
+    while (history.blockBytes > history.mostBytes) {
         removeFirst(history);
     }
 }

@@ -7,7 +7,7 @@
 //     | hashes, 8 each | bucket ends, 4 each | places, 4 each | records, some 4 to 20 bytes each |
 //
 // So a row takes about 20 bytes an interval, and a silent one nothing. 1,000 subjects of 200 hosts
-// and an interval of a second take some 30 MB. What goes beyond kHistoryMostBytes takes the oldest
+// and an interval of a second take some 30 MB. What goes beyond `mostBytes` takes the oldest
 // intervals with it: the history of a bus with very many rows is shorter.
 //
 // Keys aren't kept. Their hashes are seeded by the process, so that nobody outside can make two
@@ -60,6 +60,7 @@ struct History {
     HistoryInterval* intervals;  // a ring of kHistoryMostIntervals
     uint32_t first, count;
     size_t blockBytes;  // of all
+    size_t mostBytes = kHistoryMostBytes;
 
     // Of the interval that is being made.
     struct HistoryRow* rows;
