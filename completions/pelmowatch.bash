@@ -8,11 +8,12 @@ _pelmowatch() {
         [json]="--rows --since-start --senders"
         [serve]="--listen --host --hosts --subjects --expire --max-series --max-clients --senders --pace"
         [report]="-o --output"
+        [messages]="--subject --sender --fields --count --text --repeats --point-to-point"
         [top]="--speed"
     )
     # Options whose values nobody can guess.
     local values=" --from --to -u --interval -addr --addr -src --src -dst --dst -port --port -filter --filter
-        --listen --host --subjects --expire --max-series --max-clients --speed "
+        --subject --sender --fields --count --listen --host --subjects --expire --max-series --max-clients --speed "
 
     # The last option before the word: -r takes several files.
     local at=$((COMP_CWORD - 1))

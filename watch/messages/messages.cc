@@ -113,7 +113,7 @@ constexpr FormOption kOptions[] = {
      storeSubject},
     {{"--sender", "ADDRESS", "only messages of this sender; ADDRESS:SCID is one of a host's"},
      storeSender},
-    {{"--fields", "NAME,...", "of each message only these fields"}, storeFields},
+    {{"--fields", "NAMES", "of each message only these fields, separated by commas"}, storeFields},
     {{"--count", "N", "end after so many lines"}, storeCount},
     {{"--text", nullptr, "the library's text of a message in place of JSON"}, storeText},
     {{"--repeats", nullptr, "also what was sent again"}, storeRepeats},
