@@ -37,14 +37,13 @@ TEST(Pacing, JudgesWhoIsAboveItsBacklogByWhatItTakes) {
         uint32_t tests;
         ExcessVerdict last;
     };
-    struct Case {
+    constexpr int64_t kSome = kExcessLeastBytes;
+    const struct {
         const char* what;
         std::vector<Step> steps;
-    };
-    constexpr int64_t kLittle = kExcessLeastBytes - 1, kSome = kExcessLeastBytes;
-    const Case cases[] = {
+    } cases[] = {
         {"stopped", {{0, 0, false, 4, kTooSlow}}},
-        {"takes too little", {{0, kLittle, false, 4, kTooSlow}}},
+        {"takes too little", {{0, kSome - 1, false, 4, kTooSlow}}},
         {"takes some, and its senders wait", {{0, kSome, false, 60, kGoOn}}},
         {"large messages of many senders", {{10 * kMiB, kMiB, false, 60, kGoOn}}},
         {"a stop for a moment",
@@ -54,14 +53,14 @@ TEST(Pacing, JudgesWhoIsAboveItsBacklogByWhatItTakes) {
         {"doesn't come within for long", {{kMiB, kMiB + 1, true, 40, kTooSlow}}},
         {"comes within", {{0, 10 * kMiB, false, 2, kWithin}}},
     };
-    for (const Case& c : cases) {
+    for (const auto& [what, steps] : cases) {
         Backlog backlog = {80 * kMiB, 0};
         double now = 10.0;
         Excess excess = excessBegin(backlog, now);
-        for (const Step& step : c.steps) {
+        for (const Step& step : steps) {
             ExcessVerdict verdict = kGoOn;
             for (uint32_t i = 0; i < step.tests; ++i) {
-                EXPECT_EQ(verdict, kGoOn) << c.what << i;
+                EXPECT_EQ(verdict, kGoOn) << what << i;
                 backlog.waitingBytes += static_cast<uint64_t>(step.added - step.taken);
                 backlog.takenBytes += static_cast<uint64_t>(step.taken);
                 excess.isOutrun = step.isOutrun;
@@ -69,7 +68,7 @@ TEST(Pacing, JudgesWhoIsAboveItsBacklogByWhatItTakes) {
                 now += kExcessTestSeconds;
                 verdict = excessJudge(&excess, backlog, kLimit, now);
             }
-            EXPECT_EQ(verdict, step.last) << c.what;
+            EXPECT_EQ(verdict, step.last) << what;
         }
     }
 }

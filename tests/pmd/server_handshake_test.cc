@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -22,51 +21,41 @@ Bytes answer(uint32_t first, uint32_t version, uint32_t local = 1) {
     return bytes;
 }
 
-HelloFrame frame(uint32_t type, uint32_t limitA = kHelloMostBytes, uint32_t version = 2) {
-    HelloFrame made;
-    ipqHelloInit(&made);
-    storeBe32At(made.bytes, type);
-    storeBe32At(made.bytes + 4, version);
-    storeBe32At(made.bytes + 20, limitA);
-    return made;
-}
-
 Bytes bytesOf(const HelloFrame& made) {
     return Bytes(made.bytes, made.bytes + kHelloBytes);
 }
 
-// What the daemon sends, by types of its frames, and how it ends.
-struct Outcome {
-    std::vector<uint32_t> types;
-    std::string end = "waits";
+Bytes frame(uint32_t type, uint32_t version = 2) {
+    HelloFrame made;
+    ipqHelloInit(&made);
+    storeBe32At(made.bytes, type);
+    storeBe32At(made.bytes + 4, version);
+    storeBe32At(made.bytes + 20, kHelloMostBytes);
+    return bytesOf(made);
+}
 
-    bool operator==(const Outcome&) const = default;
-};
-
-Outcome play(const std::vector<Bytes>& fromClient, size_t pieceBytes) {
+// The types of the frames that the daemon sends, and how it ends.
+std::string play(const std::vector<Bytes>& fromClient, size_t pieceBytes) {
     ServerHandshake handshake;
     const HandshakeBytes greeting = serverHandshakeBegin(&handshake);
     EXPECT_EQ(Bytes(greeting.begin(), greeting.end()), (Bytes{0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 0}));
-    Outcome outcome;
+    std::string outcome;
     for (const Bytes& sent : fromClient) {
-        for (size_t at = 0; at < sent.size();) {
-            const size_t wanted = std::min<size_t>(serverHandshakeWants(&handshake), pieceBytes);
-            const size_t size = std::min(wanted, sent.size() - at);
+        for (size_t at = 0, size; at < sent.size(); at += size) {
+            size =
+                std::min<size_t>({serverHandshakeWants(&handshake), pieceBytes, sent.size() - at});
             HandshakeBytes out;
             const auto verdict =
                 serverHandshakeTake(&handshake, std::span(sent).subspan(at, size), &out);
-            at += size;
             if (!out.empty()) {
                 EXPECT_EQ(out.size(), kHelloBytes);
-                outcome.types.push_back(loadBe32At(out.data()));
+                outcome += std::to_string(loadBe32At(out.data())) + " ";
             }
-            if (verdict == HandshakeVerdict::kGoOn) continue;
-            const bool agreed = verdict == HandshakeVerdict::kAgreed;
-            outcome.end = agreed ? "agreed" : handshake.fault;
-            return outcome;
+            if (verdict == HandshakeVerdict::kAgreed) return outcome + "agreed";
+            if (verdict == HandshakeVerdict::kRefused) return outcome + handshake.fault;
         }
     }
-    return outcome;
+    return outcome + "waits";
 }
 
 TEST(ServerHandshake, ComesToTermsOrRefuses) {
@@ -74,45 +63,43 @@ TEST(ServerHandshake, ComesToTermsOrRefuses) {
     HelloFrame counter;
     ipqHelloInit(&counter);
     ipqHelloNegotiate(&counter);
-    const Bytes good = answer(0, 4);
-    const Bytes agrees = bytesOf(counter);
-    struct Case {
+    const Bytes good = answer(0, 4), agrees = bytesOf(counter), offers = frame(kHelloOffer);
+    const auto text = [](std::initializer_list<uint32_t> types, const char* end) {
+        std::string made;
+        for (const uint32_t type : types)
+            made += std::to_string(type) + " ";
+        return made + end;
+    };
+    const std::string agreed = text({kHelloOffer, kHelloAgreed}, "agreed");
+    const std::string noTerms =
+        text({kHelloOffer, kHelloRefused}, "its terms for the queue can't be kept");
+    std::vector<Bytes> endless(20, offers);
+    endless[0] = good;
+    std::string counters = text({kHelloOffer}, "");
+    for (int i = 0; i < 8; ++i)
+        counters += text({kHelloCounter}, "");
+    const struct {
         const char* what;
         std::vector<Bytes> client;
-        Outcome outcome;
-    };
-    const std::string unknown = "its version is unknown";
-    const std::string noTerms = "its terms for the queue can't be kept";
-    std::vector<Bytes> offers(20, bytesOf(frame(kHelloOffer)));
-    offers.insert(offers.begin(), good);
-    std::vector<uint32_t> counters(9, kHelloCounter);
-    counters[0] = kHelloOffer;
-    const Case cases[] = {
-        {"offers without end", offers, {counters, "it doesn't come to terms for the queue"}},
-        {"silent", {}, {}},
-        {"half an answer", {Bytes(good.begin(), good.begin() + 11)}, {}},
-        {"a client of the library", {good, agrees}, {{kHelloOffer, kHelloAgreed}, "agreed"}},
-        {"of the older version",
-         {answer(0, 3, 0), agrees},
-         {{kHelloOffer, kHelloAgreed}, "agreed"}},
-        {"agrees by itself",
-         {good, bytesOf(frame(kHelloAgreed))},
-         {{kHelloOffer, kHelloAgreed}, "agreed"}},
+        std::string outcome;
+    } cases[] = {
+        {"offers without end", endless, counters + "it doesn't come to terms for the queue"},
+        {"half an answer", {Bytes(good.begin(), good.begin() + 11)}, "waits"},
+        {"a client of the library", {good, agrees}, agreed},
+        {"of the older version", {answer(0, 3, 0), agrees}, agreed},
+        {"agrees by itself", {good, frame(kHelloAgreed)}, agreed},
         {"offers first",
-         {good, bytesOf(frame(kHelloOffer)), agrees},
-         {{kHelloOffer, kHelloCounter, kHelloAgreed}, "agreed"}},
-        {"no greeting", {answer(1, 4)}, {{}, "its answer isn't one to the greeting"}},
-        {"version 5", {answer(0, 5)}, {{}, unknown}},
-        {"refuses", {good, bytesOf(frame(kHelloRefused))}, {{kHelloOffer, kHelloRefused}, noTerms}},
-        {"frame of version 3",
-         {good, bytesOf(frame(kHelloCounter, kHelloMostBytes, 3))},
-         {{kHelloOffer, kHelloRefused}, noTerms}},
-        {"unknown type", {good, bytesOf(frame(77))}, {{kHelloOffer, kHelloRefused}, noTerms}},
+         {good, offers, agrees},
+         text({kHelloOffer, kHelloCounter, kHelloAgreed}, "agreed")},
+        {"no greeting", {answer(1, 4)}, "its answer isn't one to the greeting"},
+        {"version 5", {answer(0, 5)}, "its version is unknown"},
+        {"refuses", {good, frame(kHelloRefused)}, noTerms},
+        {"frame of version 3", {good, frame(kHelloCounter, 3)}, noTerms},
+        {"unknown type", {good, frame(77)}, noTerms},
     };
-    for (const Case& c : cases) {
-        for (const size_t pieceBytes : {size_t{1}, size_t{5}, size_t{64}}) {
-            EXPECT_EQ(play(c.client, pieceBytes), c.outcome) << c.what;
-        }
+    for (const auto& [what, client, outcome] : cases) {
+        for (const size_t pieceBytes : {1, 5, 64})
+            EXPECT_EQ(play(client, pieceBytes), outcome) << what;
     }
 }
 

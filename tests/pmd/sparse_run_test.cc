@@ -32,20 +32,17 @@ TEST(SparseRun, KeepsMoreThanFourTimesItsBytesAndIsCopiedToOneBuffer) {
             const bool copied = runCopy(run, copies) == kStatusSuccess;
             allocationsHeal();
             EXPECT_EQ(copies->count, copied ? 3u : 0u);
-            for (uint32_t i = 0; i < copies->count; ++i) {
-                auto* const msg = static_cast<pelmoMsg*>(copies->items[i]);
-                EXPECT_EQ(msg->base, i * kApp.size());
+            while (copies->count != 0) {
+                auto* const msg = static_cast<pelmoMsg*>(copies->items[--copies->count]);
+                EXPECT_EQ(msg->base, copies->count * kApp.size());
                 EXPECT_EQ(wireOf(msg), kApp);
                 EXPECT_EQ(msg->buffer, static_cast<pelmoMsg*>(copies->items[0])->buffer);
-            }
-            while (copies->count != 0) {
-                msgRelease(static_cast<pelmoMsg*>(copies->items[--copies->count]));
+                msgRelease(msg);
             }
         });
         dpaDestroy(copies);
-        for (pelmoMsg* msg : run) {
+        for (pelmoMsg* msg : run)
             msgRelease(msg);
-        }
     }
 }
 
