@@ -103,18 +103,26 @@ void tryStream(Input data) {
 }
 
 // Knows what begins with "k".
-const NameResolver kNames = {.host =
-                                 [](const char* name, uint32_t* out) {
-                                     *out = 0x0100000a;
-                                     return name[0] == 'k';
-                                 },
-                             .service =
-                                 [](const char* name, const char*, uint16_t* out) {
-                                     *out = 0x4c1d;
-                                     return name[0] == 'k';
-                                 }};
+bool findHost(const char* name, uint32_t* out) {
+    *out = 0x0100000a;
+    return name[0] == 'k';
+}
 
-void checkDaemon(const std::string& text) {
+bool findService(const char* name, const char*, uint16_t* out) {
+    *out = 0x4c1d;
+    return name[0] == 'k';
+}
+
+constexpr NameResolver kNames = {.host = findHost, .service = findService};
+
+void trySpecification(Input data) {
+    const std::string text(data.begin(), data.end());
+    DirectPort direct;
+    const pelmoStatus status = specificationDirectPort(&direct, text.c_str(), kNames);
+    const bool hasColon = std::strchr(text.c_str(), ':') != nullptr;
+    require(status != kStatusSuccess || direct.isWanted == hasColon);
+    require(hasColon || status == kStatusSuccess);
+
     DaemonSpecification parsed;
     if (specificationParse(&parsed, text.c_str()) != kStatusSuccess) return;
     require(parsed.text[0] != '-' && std::strlen(parsed.host) <= kMostHostChars);
@@ -124,25 +132,6 @@ void checkDaemon(const std::string& text) {
     if (specificationResolve(&where, parsed, kNames) != kStatusSuccess) return;
     require(where.port != 0);
     require(parsed.namesHost || where.address == 0);
-}
-
-void checkService(const std::string& text) {
-    DirectPort direct;
-    const pelmoStatus status = specificationDirectPort(&direct, text.c_str(), kNames);
-    const bool hasColon = std::strchr(text.c_str(), ':') != nullptr;
-    require(status != kStatusSuccess || direct.isWanted == hasColon);
-    require(hasColon || status == kStatusSuccess);
-}
-
-void trySpecification(Input data) {
-    const std::string text(data.begin(), data.end());
-    checkDaemon(text);
-    checkService(text);
-}
-
-bool sameSubject(const uint8_t* left, const uint8_t* right) {
-    const size_t length = subjectLength(left);
-    return length == subjectLength(right) && std::memcmp(left, right, length) == 0;
 }
 
 // Text that parses again gives a subject of the same text; it is another subject only where bytes
@@ -167,7 +156,7 @@ void enterList(SubjectList* list, const uint8_t* subject) {
     require(sublistAdd(list, subject, list, &node));
     uint8_t rebuilt[kSubjectMaxBytes + 1];
     require(sublistNodeSubject(node, rebuilt, sizeof rebuilt));
-    require(sameSubject(rebuilt, subject));
+    require(std::memcmp(rebuilt, subject, subjectLength(subject)) == 0);
     require(dpaIndexOf(sublistFind(list, subject), list) >= 0);
     const Dpa* matches = sublistMatch(list, subject);
     if (!subjectHasWildcard(subject)) require(matches != nullptr);
@@ -215,24 +204,18 @@ void checkOffer(pelmoMsg* message, CircuitEnd end) {
     msgRelease(answer);
 }
 
-bool sameText(pelmoMsg* one, pelmoMsg* other, pelmoStatus (*get)(pelmoMsg*, const char**)) {
-    const char* texts[2] = {nullptr, nullptr};
-    const bool areSame = get(one, &texts[0]) == get(other, &texts[1]);
-    if (texts[0] == nullptr || texts[1] == nullptr) return areSame && texts[0] == texts[1];
-    return areSame && std::strcmp(texts[0], texts[1]) == 0;
-}
-
-void checkSame(pelmoMsg* one, pelmoMsg* other) {
-    require(sameText(one, other, pelmoMsg_GetSendSubject));
-    require(sameText(one, other, pelmoMsg_GetReplySubject));
-    uint32_t size = 0, otherSize = 0;
+// Its subjects and its bytes.
+std::string contentsOf(pelmoMsg* message) {
+    std::string contents;
+    for (const auto get : {pelmoMsg_GetSendSubject, pelmoMsg_GetReplySubject}) {
+        const char* text = nullptr;
+        contents += std::to_string(get(message, &text)) + (text != nullptr ? text : "none") + "\n";
+    }
     const void* bytes = nullptr;
-    const void* otherBytes = nullptr;
-    require(pelmoMsg_GetByteSize(one, &size) == kStatusSuccess);
-    require(pelmoMsg_GetByteSize(other, &otherSize) == kStatusSuccess && size == otherSize);
-    require(pelmoMsg_GetAsBytes(one, &bytes) == kStatusSuccess);
-    require(pelmoMsg_GetAsBytes(other, &otherBytes) == kStatusSuccess);
-    require(std::memcmp(bytes, otherBytes, size) == 0);
+    uint32_t size = 0;
+    require(pelmoMsg_GetByteSize(message, &size) == kStatusSuccess);
+    require(pelmoMsg_GetAsBytes(message, &bytes) == kStatusSuccess);
+    return contents.append(static_cast<const char*>(bytes), size);
 }
 
 void checkParcel(const CircuitRecords& records, bool isLegacy) {
@@ -249,9 +232,9 @@ void checkParcel(const CircuitRecords& records, bool isLegacy) {
     pelmoMsg* back = nullptr;
     require(circuitUnwrap(again, isLegacy, &back) == kStatusSuccess);
     msgRelease(wrapped);
-    checkSame(parcel, back);
+    require(contentsOf(parcel) == contentsOf(back));
     require(msgCloseEnvelope(back) == kStatusSuccess && msgOpenEnvelope(back) == kStatusSuccess);
-    checkSame(parcel, back);
+    require(contentsOf(parcel) == contentsOf(back));
     msgRelease(back);
     msgRelease(parcel);
 }

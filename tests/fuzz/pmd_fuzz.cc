@@ -1,10 +1,10 @@
 // Any bytes from some clients of the daemon at once: through the handshake, the stream cutter and
-// the exchange, with the packetiser behind it. What a client gets is whole and was meant for it;
+// the exchange, with the packetiser after it. What a client gets is whole and was meant for it;
 // when all have gone, nothing of them is left.
 //
 //     input:   row of pieces: | client and flags 1 | size 2, big-endian | bytes ... |
 //
-// Flags: the client's connection is closed first, and then begins anew; it begins behind the
+// Flags: the client's connection is closed first, and then begins anew; it begins after the
 // handshake; it begins with a session.
 
 #include <algorithm>
@@ -48,9 +48,8 @@ struct Daemon {
 
 void checkWhole(MessageRun run) {
     require(!run.empty());
-    for (const pelmoMsg* msg : run) {
+    for (const pelmoMsg* msg : run)
         require(msgIsValid(msg) && msg->length >= 8 && loadBe32At(msgImage(msg)) == msg->length);
-    }
 }
 
 void onDeliver(void* closure, Member* to, MessageRun run) {
@@ -69,9 +68,8 @@ void onTell(void* closure, Member* to, pelmoMsg* message) {
 void onPublish(void* closure, MessageRun run) {
     auto* daemon = static_cast<Daemon*>(closure);
     checkWhole(run);
-    for (const pelmoMsg* msg : run) {
+    for (const pelmoMsg* msg : run)
         oskaWriterAdd(&daemon->writer, {msgImage(msg), msg->length}, 1.0);
-    }
 }
 
 void onCutOff(void*, Member* member, const char* why) {
@@ -149,7 +147,7 @@ size_t shakeHands(Daemon& daemon, Connection& connection, std::span<const uint8_
     return size;
 }
 
-size_t cut(Daemon& daemon, Connection& connection, std::span<const uint8_t> bytes) {
+size_t cutStream(Daemon& daemon, Connection& connection, std::span<const uint8_t> bytes) {
     const std::span<uint8_t> room = cutterRoom(&connection.cutter);
     require(!room.empty());
     const size_t size = std::min(room.size(), bytes.size());
@@ -158,9 +156,8 @@ size_t cut(Daemon& daemon, Connection& connection, std::span<const uint8_t> byte
     const CutVerdict verdict = cutterTake(&connection.cutter, static_cast<uint32_t>(size), batch);
     auto** messages = reinterpret_cast<pelmoMsg**>(batch->items);
     if (batch->count != 0) take(daemon, connection, {messages, batch->count});
-    for (uint32_t i = 0; i < batch->count; ++i) {
+    for (uint32_t i = 0; i < batch->count; ++i)
         msgRelease(messages[i]);
-    }
     dpaDestroy(batch);
     if (verdict != CutVerdict::kGoOn) end(daemon, connection);
     return size;
@@ -168,9 +165,8 @@ size_t cut(Daemon& daemon, Connection& connection, std::span<const uint8_t> byte
 
 void feed(Daemon& daemon, Connection& connection, std::span<const uint8_t> bytes) {
     while (!bytes.empty() && connection.isOpen && !connection.hasLeft) {
-        const size_t used = connection.hasEntered ? cut(daemon, connection, bytes)
-                                                  : shakeHands(daemon, connection, bytes);
-        bytes = bytes.subspan(used);
+        const auto use = connection.hasEntered ? cutStream : shakeHands;
+        bytes = bytes.subspan(use(daemon, connection, bytes));
     }
 }
 
@@ -191,14 +187,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         left = left.subspan(3 + pieceBytes);
         Connection& connection = daemon->connections[flags & kClientMask];
         if ((flags & kCloses) != 0) closeConnection(*daemon, connection);
-        if (!connection.isOpen && !connection.hasEntered) {
+        if (!connection.isOpen && !connection.hasEntered)
             openConnection(*daemon, connection, flags);
-        }
         feed(*daemon, connection, piece);
     }
-    for (Connection& connection : daemon->connections) {
+    for (Connection& connection : daemon->connections)
         closeConnection(*daemon, connection);
-    }
     require(daemon->exchange.router.realms->count == 0 && daemon->exchange.ids.taken.none());
     exchangeFree(&daemon->exchange);
     return 0;
