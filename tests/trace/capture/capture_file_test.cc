@@ -1,10 +1,20 @@
+// The file that frames are saved in: on a full disk, with large frames, and in its rotation.
+
 #include "trace/capture/capture_file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstring>
+#include <filesystem>
+#include <thread>
 
 #include "tests/support/capture_file.h"
 #include "tests/support/saving_run.h"
 #include "tests/support/test.h"
+#include "trace/capture/capture_rotation.h"
 
 namespace {
 
@@ -14,17 +24,15 @@ constexpr size_t kDiskBytes = 100'000;
 
 struct CaptureFile : SavingRun {
     // Frames are told apart by their seconds.
-    static void save(int32_t from, int32_t to) {
-        const Bytes frame(kFrameBytes);
+    static void save(int32_t from, int32_t to, bpf_u_int32 sizeBytes = kFrameBytes) {
+        const Bytes frame(sizeBytes);
         for (int32_t number = from; number < to; ++number)
-            captureFileSave({{number, 0}, kFrameBytes, kFrameBytes}, frame.data());
+            captureFileSave({{number, 0}, sizeBytes, sizeBytes}, frame.data());
     }
 };
 
 // The frames of a capture, which must be whole.
 std::vector<int32_t> framesOf(const std::string& text) {
-    const std::string head = captureText({});
-    EXPECT_EQ(text.substr(0, kCaptureHeadBytes), head);
     EXPECT_EQ((text.size() - kCaptureHeadBytes) % kSavedBytes, 0u);
     std::vector<int32_t> frames;
     for (size_t at = kCaptureHeadBytes; at + kSavedBytes <= text.size(); at += kSavedBytes) {
@@ -68,13 +76,115 @@ TEST_F(CaptureFile, TakesFramesLargerThanItsBuffer) {
     constexpr bpf_u_int32 kHugeBytes = 200'000;
     open("save");
     save(0, 1);
-    const Bytes huge(kHugeBytes, 7);
-    captureFileSave({{1, 0}, kHugeBytes, kHugeBytes}, huge.data());
+    save(1, 2, kHugeBytes);
     save(2, 3);
     captureFileFlush();
-    const size_t sizeBytes = readFile(path).size();
-    EXPECT_EQ(sizeBytes, kCaptureHeadBytes + 2 * kSavedBytes + kRecordHeadBytes + kHugeBytes);
-    EXPECT_EQ(captureFileBytes(), sizeBytes);
+    EXPECT_EQ(readFile(path).size(),
+              kCaptureHeadBytes + 2 * kSavedBytes + kRecordHeadBytes + kHugeBytes);
+}
+
+using Names = std::set<std::string>;
+
+constexpr uint32_t kLimitBytes = 1000;
+constexpr size_t kFillingBytes = kLimitBytes - kCaptureHeadBytes - kRecordHeadBytes;
+
+struct CaptureRotation : SavingRun {
+    CaptureRotation() {
+        traceSettings.captureLimitBytes = kLimitBytes;
+        open("cap");
+    }
+
+    static void rotations(int32_t count) {
+        traceSettings.captureMaxRotations = count;
+        captureRotationStart();
+    }
+
+    static void saveFullFile() { handleFrame(Bytes(kFillingBytes)); }
+};
+
+TEST_F(CaptureRotation, SparesTheFileAndTriesAgainWhenTheRenameFails) {
+    rotations(2);
+    mkdir(folder.path("cap1").c_str(), 0700);
+    const Lines told = {"failed to rename raw data file '" + path + "' to '" + path +
+                        "1' during data file rotation."};
+    for (const Lines& logged : {told, Lines()}) {
+        saveFullFile();
+        onRotationTimer();
+        EXPECT_EQ(run.logged(), logged);
+        EXPECT_EQ(folder.names(), Names({"cap", "cap1"}));
+    }
+    rmdir(folder.path("cap1").c_str());
+    onRotationTimer();
+    EXPECT_EQ(readFile(folder.path("cap1")).size(), 2 * kLimitBytes - kCaptureHeadBytes);
+}
+
+TEST_F(CaptureRotation, EndsSavingWhenTheFileCannotBeOpenedAnew) {
+    for (const auto& [count, file] : {std::pair{2, "raw data"}, {0, "save"}}) {
+        SCOPED_TRACE(count);
+        ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
+        rotations(count);
+        saveFullFile();
+        captureFileFlush();
+        {
+            const LowLimit noFiles(RLIMIT_NOFILE, 0);
+            onRotationTimer();
+        }
+        EXPECT_FALSE(captureFileIsOpen());
+        EXPECT_EQ(run.logged().back(),
+                  std::string("failed to open ") + file + " file '" + path + "'");
+        EXPECT_FALSE(captureFileIsComplete());
+        saveFullFile();
+        onRotationTimer();
+        EXPECT_EQ(run.logged(), Lines());
+        captureFileClose();
+        EXPECT_EQ(run.logged(), Lines{"1 frames were not saved in '" + path + "'."});
+    }
+}
+
+// The standard output may be a regular file, and /dev/stdout then is as large; but the link isn't
+// the run's to move.
+TEST_F(CaptureRotation, NeverMovesALinkOfTheSystem) {
+    const int target = ::open(path.c_str(), O_RDWR | O_CREAT, 0600);
+    const std::string link = "/proc/self/fd/" + std::to_string(target);
+    traceSettings.writeFile = link.c_str();
+    ASSERT_TRUE(captureFileOpen(captureState.captureHandle, link.c_str()));
+    for (const int32_t count : {2, 0}) {
+        rotations(count);
+        saveFullFile();
+        captureFileFlush();
+        const uintmax_t size = std::filesystem::file_size(path);
+        onRotationTimer();
+        EXPECT_EQ(std::filesystem::file_size(path), size);
+        EXPECT_EQ(run.logged(), Lines());
+    }
+    close(target);
+}
+
+TEST_F(CaptureRotation, LosesNoFrameThatComesMeanwhile) {
+    constexpr size_t kRotations = 3;
+    constexpr size_t kRecordBytes = 100 + kRecordHeadBytes;
+    rotations(100000);
+    std::atomic<bool> enough = false;
+    size_t frames = 0;
+    std::thread capture([&enough, &frames] {
+        for (; !enough; ++frames) {
+            handleFrame(Bytes(100));
+            std::this_thread::yield();
+        }
+    });
+    while (folder.names().size() <= kRotations)
+        onRotationTimer();
+    enough = true;
+    capture.join();
+    captureFileClose();
+
+    size_t savedFrames = 0;
+    for (const std::string& name : folder.names()) {
+        const size_t recordBytes = readFile(folder.path(name)).size() - kCaptureHeadBytes;
+        EXPECT_EQ(recordBytes % kRecordBytes, 0u) << name;
+        savedFrames += recordBytes / kRecordBytes;
+    }
+    EXPECT_EQ(savedFrames, frames);
 }
 
 }  // namespace

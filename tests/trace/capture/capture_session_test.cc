@@ -31,11 +31,6 @@ void takePacket(TimeSpec time, const uint8_t* ip, size_t length) {
     taken.packets.push_back(Bytes(ip, ip + length));
 }
 
-// Of a size, the number in its bytes.
-SavedFrame numberedFrame(uint32_t number, size_t sizeBytes) {
-    return {100, number, Bytes(sizeBytes, static_cast<uint8_t>(number))};
-}
-
 // More than the process reads at once, of frames that end anywhere in it; a few are larger than the
 // largest datagram.
 std::vector<SavedFrame> manyFrames() {
@@ -43,7 +38,7 @@ std::vector<SavedFrame> manyFrames() {
     for (uint32_t number = 0; number < 2000; ++number) {
         const size_t sizeBytes =
             number % 300 == 299 ? 69'600 + number / 20 : 60 + number * 7 % 1400;
-        frames.push_back(numberedFrame(number, sizeBytes));
+        frames.push_back({100, number, Bytes(sizeBytes, static_cast<uint8_t>(number))});
     }
     return frames;
 }
@@ -56,9 +51,8 @@ std::vector<SavedFrame> framesOfProtocols() {
                            patched(ipv6, 20, {17})};
     std::vector<SavedFrame> frames;
     for (const Bytes& kind : kinds) {
-        for (const size_t sizeBytes : {kind.size(), size_t{34}, size_t{24}, size_t{23}}) {
+        for (const size_t sizeBytes : {kind.size(), size_t{34}, size_t{24}, size_t{23}})
             frames.push_back({100, 0, cut(kind, sizeBytes)});
-        }
     }
     return frames;
 }
@@ -90,10 +84,8 @@ struct CaptureSession : testing::Test {
         taken = {};
         (void)run.logged();
         runCaptureLoop(captureState.captureHandle, takePacket, 0);
-        const Lines logged = run.logged();
-        taken.failed = std::any_of(logged.begin(), logged.end(), [](const std::string& text) {
-            return text.starts_with("pcap_loop: ");
-        });
+        for (const std::string& text : run.logged())
+            taken.failed |= text.starts_with("pcap_loop: ");
         resetCapture();
     }
 
@@ -103,9 +95,8 @@ struct CaptureSession : testing::Test {
         ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
         std::thread writer([&] {
             std::ofstream out(pipe);
-            for (size_t at = 0; at < text.size(); at += 1001) {
+            for (size_t at = 0; at < text.size(); at += 1001)
                 out << text.substr(at, 1001) << std::flush;
-            }
         });
         read(pipe, filter);
         writer.join();

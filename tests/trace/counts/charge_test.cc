@@ -3,8 +3,11 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <optional>
 
+#include "tests/support/fail_alloc.h"
 #include "tests/support/trace_run.h"
 #include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
@@ -36,10 +39,9 @@ Counts counted(const SnapNet& net) {
         char text[kSubjectTextBytes];
         (void)subjectToText(text, sizeof text, subject.subject);
         if (std::string(text).starts_with("fill.")) continue;
-        for (const SnapSubjectHost& host : std::span(subject.hosts, subject.hostCount)) {
+        for (const SnapSubjectHost& host : std::span(subject.hosts, subject.hostCount))
             counts[text + (" " + std::to_string(ntohl(host.host) & 0xff))] = {host.msgs,
                                                                               host.bytes};
-        }
     }
     return counts;
 }
@@ -62,9 +64,8 @@ TEST(Charges, WaitInTheirOrderAndAreCountedByTheNextSnapshot) {
     EXPECT_NE(statistics.charges.waiting, 0u);
     const SnapPort& port = snapshotTake({1, 0})->ports[0];
     ASSERT_EQ(port.netCount, 2u);
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 2; ++i)
         EXPECT_EQ(counted(port.nets[i]), wanted[i]);
-    }
 }
 
 // Forged senders can be any number, and each must be found at once.
@@ -79,11 +80,56 @@ TEST(Charges, TellsApartAnyNumberOfSenders) {
     }
     const std::span<const HostSubjEntry> senders = sendersOf(subjectAt(to.subjects, 0));
     ASSERT_EQ(senders.size(), kSenders);
-    for (uint64_t i = 0; i < kSenders; ++i) {
-        ASSERT_EQ(senders[i].key, i * 0x10001);
-        ASSERT_EQ(senders[i].msgs, 2u);
-        ASSERT_EQ(senders[i].bytes, 2 * i + kSenders);
-    }
+    for (uint64_t i = 0; i < kSenders; ++i)
+        ASSERT_TRUE(senders[i].key == i * 0x10001 && senders[i].msgs == 2 &&
+                    senders[i].bytes == 2 * i + kSenders);
+}
+
+Lines recordsOf(const std::vector<Bytes>& packets) {
+    TraceRun run;
+    analyze(packets);
+    return treeText();
+}
+
+// Feeds the first packet to a tree with one allocation after the other failing, until none does.
+// One line is logged, nothing half-made stays, and the next packet finds its records or makes them:
+// what is there afterwards is one of `allowed`.
+void expectShortages(const Bytes& first, const Bytes& second, const std::vector<Lines>& allowed) {
+    size_t met = 0;
+    std::optional<TraceRun> run(true);
+    eachAllocationFails([&] {
+        analyze({first});
+        allocationsHeal();
+        if (allocationsFailed() != 0) {
+            const Lines logged = run->logged();
+            ASSERT_EQ(logged.size(), 1u);
+            EXPECT_TRUE(logged[0].starts_with("Out of memory ")) << logged[0];
+            analyze({second});
+            const auto found = std::ranges::find(allowed, treeText());
+            ASSERT_NE(found, allowed.end()) << logged[0];
+            met = std::max(met, static_cast<size_t>(found - allowed.begin()));
+            EXPECT_EQ(run->logged(), Lines());
+        }
+        run.reset();
+        run.emplace();
+    });
+    EXPECT_EQ(met, allowed.size() - 1);
+}
+
+// A packet whose records fail isn't counted at all; one whose subject fails isn't charged.
+TEST(OutOfMemory, GivesUpWhatAPacketNeeds) {
+    const Bytes status = message({subjectField(packedSubject("_PM.INFO.SYSTEM.HOST.x"))});
+    const Bytes first = dataPacket({}, status), second = dataPacket({.seq = 2}, status);
+    Bytes withoutSubject = first;
+    const char name[] = {4, 's', 'u', 'b', 0};
+    std::ranges::search(withoutSubject, name).begin()[1] = 'x';
+    Lines heldOnce = recordsOf({first, second});
+    heldOnce.back() = "  held 1 in 48";
+    expectShortages(first, second,
+                    {recordsOf({second}), recordsOf({sealed(withoutSubject), second}), heldOnce});
+    for (const Bytes& packet :
+         {rreqPacket({}, 1), oskaPacket({.epoch = 1}, 5, {}), ptpDataPacket({}, {1})})
+        expectShortages(packet, packet, {recordsOf({packet})});
 }
 
 }  // namespace

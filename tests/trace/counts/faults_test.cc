@@ -85,25 +85,47 @@ TEST(Faults, OfFramesCountThemAmongTheFrames) {
     EXPECT_EQ(snapshot.packets, 1u);
 }
 
-// Also where packets wait for their turn.
-TEST(Faults, HaveTheTimesOfTheirPackets) {
+using Handle = void (*)(TimeSpec time, const uint8_t* ip, size_t length);
+
+std::vector<Bytes> packetsOfAllKinds() {
+    std::vector<Bytes> packets;
+    for (uint32_t i = 0; i < 20; ++i) {
+        const PacketHead head = {.srcIp = ipv4(10, 0, 0, i % 7)};
+        packets.push_back(dataPacket(head, busMessage("A.B" + std::to_string(i), 60)));
+        packets.push_back(nullPacket({.srcIp = ipv4(10, 0, 2, i)}, {}));
+        packets.push_back(ptpDataPacket(head, {1}));
+        packets.push_back(rreqPacket(head, 1));
+        packets.push_back(udpPacket({}, Bytes(i)));
+        if (i % 5 == 0) packets.push_back(dataPacket(head, busMessage("LARGE", 600)));
+        if (i % 8 == 2) packets.push_back(withoutChecksum(nullPacket({}, {})));
+    }
+    return packets;
+}
+
+// The tree behind all of them, each a second after the one before, and the times of a fault. Of so
+// many senders that packets may wait for their turn.
+Lines treeOf(Handle handle) {
     TraceRun run(false);
-    for (uint32_t i = 0; i < 5000; ++i) {
-        const Bytes packet = nullPacket({.srcIp = ipv4(10, 1, i >> 8, i & 0xff)}, {});
-        classifyPacket({1, 0}, packet.data(), packet.size());
-    }
-    const Bytes bad = withoutChecksum(nullPacket({}, {}));
-    const Bytes good = nullPacket({}, {});
-    for (const int32_t seconds : {100, 101, 102, 103}) {
-        const Bytes& packet = seconds == 101 || seconds == 102 ? bad : good;
-        packetEnter({seconds, 7}, packet.data(), packet.size());
-    }
+    for (uint32_t sender = 0; sender <= 4096; ++sender)
+        analyze({nullPacket({.srcIp = ipv4(10, 1, 0, 0) + sender}, {})});
+    int32_t seconds = 100;
+    for (const Bytes& packet : packetsOfAllKinds())
+        handle({seconds++, 7}, packet.data(), packet.size());
     packetsSettle();
-    const FaultCount& count =
-        snapshotTake({})->faults[static_cast<size_t>(Fault::kUdpChecksumMissing)];
-    EXPECT_EQ(count.packets, 2u);
-    EXPECT_EQ(count.first, (TimeSpec{101, 7}));
-    EXPECT_EQ(count.last, (TimeSpec{102, 7}));
+    Lines tree = treeText();
+    const SnapHeader& snapshot = *snapshotTake({});
+    const FaultCount& count = snapshot.faults[static_cast<size_t>(Fault::kUdpChecksumMissing)];
+    for (const uint64_t number :
+         {snapshot.frames, snapshot.packets, count.packets,
+          static_cast<uint64_t>(count.first.seconds), static_cast<uint64_t>(count.last.seconds)})
+        tree.push_back(std::to_string(number));
+    return tree;
+}
+
+TEST(Packets, AreCountedAsIfNoneHadWaited) {
+    const Lines tree = treeOf(packetEnter);
+    EXPECT_EQ(tree, treeOf(classifyPacket));
+    EXPECT_EQ(Lines(tree.end() - 3, tree.end()), (Lines{"3", "116", "201"}));
 }
 
 }  // namespace

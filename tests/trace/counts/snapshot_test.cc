@@ -23,81 +23,59 @@ const SnapHeader* take(int32_t seconds = 0) {
     return snapshotTake({seconds, 0});
 }
 
-const SnapNet& onlyNet(const SnapHeader& snapshot) {
-    EXPECT_EQ(snapshot.portCount, 1u);
-    EXPECT_EQ(snapshot.ports[0].netCount, 1u);
-    return snapshot.ports[0].nets[0];
-}
-
 TEST(Snapshot, SweepsSubjectsThatFellSilentUnderALivePort) {
     TraceRun run;
-    const auto subjects = [] {
-        Lines names = treeText("  subject");
-        for (std::string& name : names)
-            name.erase(0, sizeof "  subject");
-        return names;
-    };
     const uint32_t otherNet = ipv4(239, 1, 1, 2);
-    uint32_t seq = 0;
-    analyze({data({.seq = ++seq}, "A"), data({.seq = ++seq}, "B"), data({.seq = ++seq}, "C"),
-             data({.dstIp = otherNet}, "D"), data({.dstIp = otherNet, .seq = 2}, "E")});
-    (void)take();
-    EXPECT_EQ(subjects(), (Lines{"A", "B", "C", "D", "E"}));
-
-    // Nothing under the port moves: its nets aren't looked at.
-    analyze({data({.dstPort = 7600}, "F")});
-    (void)take();
-    EXPECT_EQ(subjects(), (Lines{"A", "B", "C", "D", "E", "F"}));
-
-    // One net moves, and the silent one loses all of its subjects.
-    analyze({data({.seq = ++seq}, "B")});
-    (void)take();
-    EXPECT_EQ(subjects(), (Lines{"B", "F"}));
-
-    // One that returns begins anew.
-    analyze({data({.seq = ++seq}, "A")});
-    const SnapNet& net = onlyNet(*take());
-    ASSERT_EQ(net.subjectCount, 1u);
-    EXPECT_EQ(net.subjects[0].hosts[0].msgs, 1u);
-    EXPECT_EQ(subjects(), (Lines{"A", "F"}));
-
-    // Point-to-point traffic makes the port live too.
-    analyze({ptpDataPacket({.dstIp = ipv4(10, 0, 0, 2)}, {1})});
-    (void)take();
-    EXPECT_EQ(subjects(), Lines{"F"});
+    const struct {
+        const char* what;
+        std::vector<Bytes> packets;
+        std::string subjects;  // that are left
+    } intervals[] = {
+        {"all are live",
+         {data({.seq = 1}, "A"), data({.seq = 2}, "B"), data({.dstIp = otherNet}, "D"),
+          data({.dstIp = otherNet, .seq = 2}, "E")},
+         "A B D E"},
+        {"nothing under the port moves: its nets aren't looked at",
+         {data({.dstPort = 7600}, "F")},
+         "A B D E F"},
+        {"one net moves, and the silent one loses all of its subjects",
+         {data({.seq = 3}, "B")},
+         "B F"},
+        {"one returns", {data({.seq = 4}, "A")}, "A F"},
+        {"point-to-point traffic moves the port",
+         {ptpDataPacket({.dstIp = ipv4(10, 0, 0, 2)}, {1})},
+         "F"},
+    };
+    for (const auto& [what, packets, subjects] : intervals) {
+        analyze(packets);
+        (void)take();
+        std::string found;
+        for (const std::string& line : treeText("  subject"))
+            found += line.substr(sizeof "  subject" - (found.empty() ? 0 : 1));
+        EXPECT_EQ(found, subjects) << what;
+    }
 }
 
 void feedHosts(uint32_t count, uint32_t seq) {
-    for (uint32_t i = 0; i < count; ++i) {
+    for (uint32_t i = 0; i < count; ++i)
         analyze({data({.srcIp = ipv4(10, 1, 0, 0) + i, .seq = seq})});
-    }
 }
 
 TEST(Snapshot, GrowsToItsSizeAndFallsBackByHalves) {
     TraceRun run;
-    EXPECT_EQ(snapshotCapacity(), 32768u);
     const size_t rest = sizeof(SnapHeader) + sizeof(SnapPort) + sizeof(SnapNet);
-    const auto hosts = static_cast<uint32_t>((32768 - rest) / sizeof(SnapHost));
-    size_t capacity = rest + (hosts + 1) * sizeof(SnapHost);
-    const auto few = static_cast<uint32_t>((capacity / 2 - 1 - rest) / sizeof(SnapHost));
+    const size_t small = snapshotCapacity();
+    const auto hosts = static_cast<uint32_t>((small - rest) / sizeof(SnapHost));
+    const size_t large = rest + (hosts + 1) * sizeof(SnapHost);
+    const auto few = static_cast<uint32_t>((large / 2 - 1 - rest) / sizeof(SnapHost));
+    const std::pair<uint32_t, size_t> steps[] = {
+        {hosts, small}, {hosts + 1, large}, {few + 1, large}, {few, large / 2}, {0, large / 4}};
     uint32_t seq = 0;
-    for (const auto& [count, wanted] : {std::pair{hosts, size_t{32768}},
-                                        {hosts + 1, capacity},
-                                        {few + 1, capacity},
-                                        {few, capacity / 2}}) {
+    for (const auto& [count, capacity] : steps) {
         feedHosts(count, ++seq);
         (void)take();
-        EXPECT_EQ(snapshotCapacity(), wanted) << count;
+        EXPECT_EQ(snapshotCapacity(), capacity) << count;
     }
-    for (capacity /= 2; sizeof(SnapHeader) < capacity / 2;) {
-        EXPECT_EQ(take()->portCount, 0u);
-        capacity /= 2;
-        EXPECT_EQ(snapshotCapacity(), capacity);
-    }
-    EXPECT_EQ(take()->portCount, 0u);
-    EXPECT_EQ(snapshotCapacity(), capacity);
-    feedHosts(3, ++seq);
-    EXPECT_EQ(onlyNet(*take()).hostCount, 3u);
 }
 
 TEST(Snapshot, AllocatesNothingInTheSteadyState) {
@@ -111,17 +89,14 @@ TEST(Snapshot, AllocatesNothingInTheSteadyState) {
 }
 
 struct PartSums {
-    uint64_t packets = 0, data = 0, rreq = 0, ptpData = 0, msgs = 0, msgBytes = 0, statusMsgs = 0;
-    size_t records = 0;
+    uint64_t packets = 0, data = 0, ptpData = 0, msgBytes = 0, statusMsgs = 0, records = 0;
     bool operator==(const PartSums&) const = default;
 };
 
 void addPart(PartSums& sums, const SnapHeader& part) {
     sums.packets += part.packets;
     for (const SnapPort& port : std::span(part.ports, part.portCount)) {
-        sums.records += port.rlHostCount + port.ptpHostCount;
-        for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount))
-            sums.rreq += host.counters.rreqSent + host.counters.rreqRecv;
+        sums.records += port.ptpHostCount;
         for (const SnapPtpHost& host : std::span(port.ptpHosts, port.ptpHostCount))
             sums.ptpData += host.counters.dataSent + host.counters.dataRecv;
         for (const SnapNet& net : std::span(port.nets, port.netCount)) {
@@ -129,10 +104,8 @@ void addPart(PartSums& sums, const SnapHeader& part) {
             sums.statusMsgs += net.statusMsgCount;
             for (const SnapHost& host : std::span(net.hosts, net.hostCount))
                 sums.data += host.data;
-            for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-                sums.msgs += subject.msgs;
+            for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount))
                 sums.msgBytes += subject.bytes;
-            }
         }
     }
 }
@@ -161,7 +134,6 @@ TEST(Snapshot, IsTakenInPartsWhereMemoryRunsOut) {
         addPart(whole, *take(1));
     }
     EXPECT_EQ(whole.data, kCount);
-    EXPECT_EQ(whole.statusMsgs, kCount);
     // The memory comes back after so many snapshots, or never.
     for (const int32_t returns : {1, 3, 1000}) {
         TraceRun run;
@@ -180,7 +152,6 @@ TEST(Snapshot, IsTakenInPartsWhereMemoryRunsOut) {
         }
         EXPECT_EQ(sums, whole) << returns;
         EXPECT_GE(parts, std::min(returns + 1, 10));
-        EXPECT_FALSE(run.logged().empty());
         EXPECT_EQ(take(++parts)->portCount, 0u);
         EXPECT_EQ(statistics.live.subjects + statistics.live.senders, 0u);
         EXPECT_EQ(statistics.live.subjectBytes, 0u);

@@ -21,12 +21,7 @@ struct ReportTest : testing::Test {
         servicesForget();
     }
 
-    static SnapHeader* snapshotOf(const std::vector<Bytes>& packets) {
-        analyze(packets);
-        return snapshotTake({});
-    }
-
-    // Log lines among the report's stand without what precedes them.
+    // Log lines among the report's are without what precedes them.
     Lines print(SnapHeader* snapshot) {
         printSnapshot(snapshot);
         return run.logged();
@@ -50,7 +45,8 @@ TEST_F(ReportTest, PrintsLongReportsWhole) {
                            std::to_string(10000 + i));
     }
     expected.push_back("");
-    SnapHeader* const snapshot = snapshotOf(packets);
+    analyze(packets);
+    SnapHeader* const snapshot = snapshotTake({});
     const FailAlloc fail{.after = 0, .forGood = true};
     EXPECT_EQ(print(snapshot), expected);
 }
@@ -61,8 +57,8 @@ TEST_F(ReportTest, KeepsItsLinesWhateverAllocationFails) {
         true;
     const Bytes status = message({subjectField(packedSubject("_PM.INFO.SYSTEM.HOST.h")),
                                   field(named("s"), 8, named("one"))});
-    SnapHeader* const snapshot =
-        snapshotOf({dataPacket({.srcPort = 8000}, joined({status, status}))});
+    analyze({dataPacket({.srcPort = 8000}, joined({status, status}))});
+    SnapHeader* const snapshot = snapshotTake({});
     const Lines whole = print(snapshot);
     const size_t failing = eachAllocationFails([&] {
         servicesForget();
@@ -82,17 +78,12 @@ TEST(ReportFormat, ShowsNumbersAsPrintfDoes) {
     std::mt19937_64 random(7);
     for (int i = 0; i < 20000; ++i) {
         const double divisor = i % 2 == 0 ? 1 : static_cast<double>(random() % 20000 + 1) / 1000;
-        const double sixteenths = static_cast<double>(random() % 100000) / 16;
+        values.push_back(static_cast<double>(random() % 100000) / 16 / divisor);
         const int exponent = static_cast<int>(random() % 120) - 64;
-        values.push_back(sixteenths / divisor);
         values.push_back(std::ldexp(static_cast<double>(random() >> 11), exponent - 53));
     }
-    const size_t listed = values.size();
-    for (size_t i = 0; i < listed; ++i) {
-        values.push_back(std::nextafter(values[i], 1e9));
-        values.push_back(std::nextafter(values[i], -1e9));
-    }
-
+    for (size_t i = values.size(); i-- > 0;)
+        values.push_back(std::nextafter(values[i], i % 2 == 0 ? 1e9 : -1e9));
     char ours[kNumberBytesMax], theirs[kNumberBytesMax];
     for (const double value : values) {
         *appendRate(ours, value, 7) = '\0';

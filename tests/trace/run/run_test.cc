@@ -11,10 +11,13 @@
 #include "lib/runtime/library.h"
 #include "tests/support/capture_file.h"
 #include "tests/support/capture_reset.h"
-#include "tests/support/fail_alloc.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/test.h"
+#include "tests/support/trace_run.h"
+#include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
+#include "trace/run/report_output.h"
+#include "trace/run/run_modes.h"
 #include "trace/settings.h"
 
 namespace {
@@ -40,12 +43,6 @@ struct Run : testing::Test {
         traceSettings = {};
     }
 
-    void saveAndRotate() {
-        traceSettings.writeFile = output.c_str();
-        traceSettings.rotationOptions = kCaptureMaxSeen;
-        traceSettings.captureMaxSizeMB = 1;
-    }
-
     // Timers that are due have run on return: one of no interval is the last of its pass.
     static void timerThreadPasses() {
         static std::binary_semaphore passed(0);  // its release may end after the acquire
@@ -67,14 +64,12 @@ struct Run : testing::Test {
 // By the timer, for each count of numbered files, and by a path that was relative at the start.
 TEST_F(Run, RotatesTheCaptureFileOnceASecond) {
     const std::string home = std::filesystem::current_path();
-    const struct {
-        int32_t count;
-        std::set<std::string> names;
-    } cases[] = {
-        {0, {"in", "out"}}, {1, {"in", "out", "out1"}}, {3, {"in", "out", "out1", "out2"}}};
-    for (const auto& [count, names] : cases) {
-        SCOPED_TRACE(count);
-        saveAndRotate();
+    using Names = std::set<std::string>;
+    for (const auto& [count, names] : {std::pair{0, Names{"in", "out"}},
+                                       {1, {"in", "out", "out1"}},
+                                       {3, {"in", "out", "out1", "out2"}}}) {
+        traceSettings.rotationOptions = kCaptureMaxSeen;
+        traceSettings.captureMaxSizeMB = 1;
         std::filesystem::current_path(folder.root);
         traceSettings.writeFile = "out";
         traceSettings.captureMaxRotations = count;
@@ -91,7 +86,7 @@ TEST_F(Run, RotatesTheCaptureFileOnceASecond) {
             stopTrace();
         }
         EXPECT_FALSE(libraryIsOpen());
-        EXPECT_EQ(folder.names(), names);
+        EXPECT_EQ(folder.names(), names) << count;
         EXPECT_EQ(readFile(output), captureText({}));
         undoStart();
         for (const char* const numbered : {"out1", "out2"})
@@ -100,21 +95,29 @@ TEST_F(Run, RotatesTheCaptureFileOnceASecond) {
     std::filesystem::current_path(home);
 }
 
-TEST_F(Run, AnyAllocationOfAStartMayFail) {
-    testing::internal::CaptureStdout();
-    const size_t failing = eachAllocationFails([this] {
-        const TraceSettings sound = traceSettings;
-        saveAndRotate();
-        const pelmoStatus status = startTrace();
-        allocationsHeal();
-        EXPECT_TRUE(status == kStatusSuccess ? libraryIsOpen() : allocationsFailed() > 0);
-        if (status == kStatusSuccess) stopTrace();
-        undoStart();
-        EXPECT_FALSE(libraryIsOpen());
-        traceSettings = sound;
-    });
-    (void)testing::internal::GetCapturedStdout();
-    EXPECT_GT(failing, 100u);
+TEST(LiveRun, ReportsByTheWallClockUntilTheShutdown) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    TraceRun run;
+    const FixedClock clock(1700000010);
+    const FixedMonotonic steady(1000);
+    const auto report = [&run] {
+        onSnapshotTimer();
+        return run.logged();
+    };
+    snapshotSetStart({1700000000, 0});
+    snapshotSink = kReportSink;
+    traceSettings.displayMcast = traceSettings.displaySubjects = false;
+    traceSettings.updateInterval = 0;
+    EXPECT_EQ(snapshotTimerSeconds(), 0.001);
+    EXPECT_EQ(report(), Lines({"Snapshot  2023-11-14 22:13:30  (10.0 elapsed seconds)", ""}));
+    EXPECT_EQ(report(), Lines());  // at most one per millisecond
+
+    FixedMonotonic::set(1000, 1'000'000);
+    captureState.shuttingDown = true;
+    EXPECT_EQ(report(), Lines());
+    captureState.shuttingDown = false;
+    traceSettings = {};
 }
 
 }  // namespace

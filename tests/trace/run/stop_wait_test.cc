@@ -4,12 +4,11 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <filesystem>
-#include <map>
+#include <set>
 #include <thread>
 
 #include "lib/pelmo.h"
@@ -21,15 +20,11 @@ namespace {
 
 std::atomic<int> callbacks;
 
-// By the system's own number for each, which it doesn't use again as it does descriptors.
-using Sockets = std::map<std::string, int>;
-
-Sockets openSockets() {
-    Sockets sockets;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        const std::string target = std::filesystem::read_symlink(entry.path(), gone);
-        if (target.starts_with("socket:")) sockets[target] = std::stoi(entry.path().filename());
+std::set<int> openSockets() {
+    std::set<int> sockets;
+    struct stat status;
+    for (int i = 0; i < 256; ++i) {
+        if (fstat(i, &status) == 0 && S_ISSOCK(status.st_mode)) sockets.insert(i);
     }
     return sockets;
 }
@@ -50,25 +45,22 @@ struct StopWait : testing::Test {
 
     // Arms the wait; the pair's sockets are those that appear.
     void arm() {
-        const Sockets before = openSockets();
+        const std::set<int> before = openSockets();
         ASSERT_EQ(stopWaitInit([] { ++callbacks; }), kStatusSuccess);
-        for (const auto& [name, socket] : openSockets()) {
-            if (!before.contains(name)) pair[name] = socket;
+        for (const int socket : openSockets()) {
+            if (!before.contains(socket)) pair.push_back(socket);
         }
         ASSERT_EQ(pair.size(), 2u);
     }
 
     // Ends the pair's connection while the system gives no descriptors, so that it can't be remade.
-    // Those that are open go on working: poll takes as many as the limit says.
+    // Those that are open go on working: poll takes as many as the limit says. One end is enough.
     void breakForGood() {
         const int lowestFree = dup(STDERR_FILENO);
         close(lowestFree);
         noSockets.emplace(RLIMIT_NOFILE, static_cast<rlim_t>(lowestFree));
-        breakPair();
+        shutdown(pair[0], SHUT_RDWR);
     }
-
-    // One end is enough, and the other's number may be a new socket's at once.
-    void breakPair() const { shutdown(pair.begin()->second, SHUT_RDWR); }
 
     // A signal ends the wait; closing joins the threads that call back.
     static int callbacksAtASignal() {
@@ -78,14 +70,8 @@ struct StopWait : testing::Test {
         return callbacks;
     }
 
-    void awaitNoPair() const {
-        const auto isOpen = [](const auto& socket) { return fcntl(socket.second, F_GETFD) != -1; };
-        while (std::ranges::any_of(pair, isOpen))
-            sched_yield();
-    }
-
     TraceRun run;
-    Sockets pair;
+    std::vector<int> pair;
     std::optional<LowLimit> noSockets;
 };
 
@@ -113,7 +99,8 @@ TEST_F(StopWait, WakesWhoWaitsAndCallsBackOnce) {
 TEST_F(StopWait, SeesASignalThatComesWhileThePairIsBroken) {
     arm();
     breakForGood();
-    awaitNoPair();
+    while (fcntl(pair[0], F_GETFD) != -1 || fcntl(pair[1], F_GETFD) != -1)
+        sched_yield();
     EXPECT_EQ(callbacksAtASignal(), 1);
 }
 
