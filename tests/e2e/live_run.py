@@ -65,13 +65,10 @@ def open_wire():
 def wait_until(test, what, seconds=PATIENCE_SECONDS):
     """Answers the first result of `test` that is true."""
     deadline = time.monotonic() + seconds
-    while True:
-        result = test()
-        if result:
-            return result
-        if time.monotonic() > deadline:
-            raise AssertionError("waited in vain for " + what)
+    while not (result := test()):
+        assert time.monotonic() < deadline, "waited in vain for " + what
         time.sleep(0.02)
+    return result
 
 
 def environment(**changes):
@@ -116,6 +113,17 @@ def threads(process):
     return len(os.listdir("/proc/%d/task" % process.popen.pid))
 
 
+def resident_bytes(pid):
+    with open("/proc/%d/statm" % pid) as statm:
+        return int(statm.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+
+def cpu_seconds(pid):
+    with open("/proc/%d/stat" % pid) as stat:
+        fields = stat.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
 class Tool(Process):
     """The tool; what it prints goes to files of `folder`, its working directory."""
 
@@ -135,8 +143,7 @@ class Tool(Process):
 
     def wait_for_reports(self, count, name="stdout"):
         def test():
-            if not self.running():
-                raise AssertionError("the tool ended: " + self.text("stderr"))
+            assert self.running(), "the tool ended: " + self.text("stderr")
             return len(self.reports(name)) >= count
         wait_until(test, "%d reports" % count)
 

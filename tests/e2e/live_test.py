@@ -1,6 +1,5 @@
 """Live runs of the built tool: live_test.py PELMOSCOPE PELMOGEN CLOCK_SHIFT [TEST ...]."""
 
-import array
 import fcntl
 import os
 import pathlib
@@ -56,9 +55,7 @@ def capabilities(tool):
 
 class Live(unittest.TestCase):
     def setUp(self):
-        scratch = tempfile.TemporaryDirectory()
-        self.addCleanup(scratch.cleanup)
-        self.folder = pathlib.Path(scratch.name)
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
     def run_tool(self, name, *arguments, **more):
         tool = Tool(BINARY, self.folder / name, *arguments, **more)
@@ -79,6 +76,11 @@ class Live(unittest.TestCase):
         self.assertEqual(run.returncode, 0, run.stderr)
         return read_reports(run.stdout)
 
+    def link(self, *commands):
+        for command in commands:
+            run = run_quietly("ip", "link", *command.split())
+            self.assertEqual(run.returncode, 0, run.stderr)
+
     def stop_in_order(self, tool, log="stderr", number=signal.SIGTERM):
         status, seconds = tool.stop(number)
         self.assertEqual(status, 0, tool.text("stderr"))
@@ -86,9 +88,6 @@ class Live(unittest.TestCase):
         # A wake-up pair over a loopback that was taken down may be found broken at the end.
         lines = [line for line in tool.text(log).splitlines() if "creating new pair" not in line]
         self.assertRegex(lines[-1], r" pelmoscope: Shutting down \.\.\.$")
-
-    def wait_for_count(self, tool, count, name="stdout"):
-        wait_until(lambda: total_of(tool.reports(name)) >= count, "%d packets counted" % count)
 
     def same_rows(self, rows, wanted):
         odd = {row: (rows.get(row, 0), wanted.get(row, 0)) for row in rows.keys() | wanted.keys()
@@ -119,12 +118,12 @@ class Live(unittest.TestCase):
         self.stop_in_order(tool)
 
         self.same_rows(added_up(tool.reports()), wanted)
+        self.same_rows(added_up(saved), wanted)
         self.assertGreaterEqual(sum(total_of([report]) > 0 for report in tool.reports()), 3)
         counted = {name: sum(wanted.get((table, "totals", column), 0) for column in columns)
                    for name, (table, columns) in COUNTED.items()}
         counted["data bytes"] += DATA_HEADER_BYTES * totals["data"]
         self.assertEqual(counted, {name: totals[name] for name in COUNTED})
-        self.same_rows(added_up(saved), wanted)
 
     def test_each_signal_ends_a_run_within_a_second(self):
         tools = {number: self.start(number.name, "-w", "saved.pcap", *options)
@@ -136,19 +135,18 @@ class Live(unittest.TestCase):
             self.assertEqual(os.readlink("/proc/%d/cwd" % tool.popen.pid), where)
         self.send_all("--count", "500", "--rate", "10000")
         for number, tool in tools.items():
-            self.wait_for_count(tool, 500)
+            wait_until(lambda: total_of(tool.reports()) >= 500, "all packets in the reports")
             self.assertEqual(total_of(self.read_back(tool.folder / "saved.pcap")), 500, number)
             self.stop_in_order(tool, number=number)
 
     def test_no_loopback_interface_is_needed(self):
         if WIRE.interface == "lo":
-            print("without a namespace loopback can't be taken down: left out")
-            return
-        self.addCleanup(run_quietly, "ip", "link", "set", "lo", "up")
+            self.skipTest("without a namespace loopback can't be taken down")
+        self.addCleanup(self.link, "set lo up")
         for name in ("before", "behind"):
             tool = self.start(name)
             tool.wait_for_reports(1)
-            self.assertEqual(run_quietly("ip", "link", "set", "lo", "down").returncode, 0)
+            self.link("set lo down")
             self.stop_in_order(tool)
 
     def test_a_tool_with_file_capabilities_loads_only_what_root_laid(self):
@@ -170,8 +168,8 @@ class Live(unittest.TestCase):
                                      user=65534, group=65534, extra_groups=[], capture_output=True, text=True,
                                      check=False, env={"PELMO_REXEC": "1", "PM_BIN": str(self.folder)})
             except PermissionError:
-                self.skipTest("nobody may not enter " + str(folder))
-            if "Permission denied" in run.stderr:
+                run = None
+            if run is None or "Permission denied" in run.stderr:
                 self.skipTest("nobody may not enter " + str(folder))
             self.assertEqual(run.returncode, status, (oct(mode), owner, run.stderr))
             self.assertEqual("Failed to set module path" in run.stderr, bool(status))
@@ -197,57 +195,45 @@ class Live(unittest.TestCase):
 
         for count, tool in tools.items():
             files = {path.name for path in tool.folder.iterdir()} - {"stdout", "stderr"}
-            wanted = {"%s%s" % (name, n or "") for name in ("log", "w.pcap")
-                      for n in range(count + 1)}
+            wanted = {"%s%s" % (name, n or "") for name in ("log", "w.pcap") for n in range(count + 1)}
+            saved = {path.name: total_of(self.read_back(path)) for path in tool.folder.glob("w.pcap*")}
+            self.assertTrue(all(saved[name] > 0 for name in saved if name != "w.pcap"), saved)
             if count == LARGE_RING:  # not gone round
                 self.assertLess(files, wanted)
+                self.assertEqual(sum(saved.values()), totals["data"])
             else:
                 self.assertEqual(files, wanted)
-            saved = {path.name: total_of(self.read_back(path))
-                     for path in tool.folder.glob("w.pcap*")}
-            self.assertTrue(all(saved[name] > 0 for name in saved if name != "w.pcap"), saved)
-            if count == LARGE_RING:
-                self.assertEqual(sum(saved.values()), totals["data"])
             for path in tool.folder.glob("log*"):
                 self.assertIn("Pelmo trace program", path.read_text()[:200])
 
     def test_an_interface_that_goes_leaves_the_reports_running(self):
         if WIRE.interface == "lo":
-            print("without a namespace no interface can be taken away: left out")
-            return
-        for command in ("add sender2 type veth peer name listener2", "set sender2 up",
-                        "set listener2 up"):
-            self.assertEqual(run_quietly("ip", "link", *command.split()).returncode, 0)
+            self.skipTest("without a namespace no interface can be taken away")
+        self.link("add sender2 type veth peer name listener2", "set sender2 up", "set listener2 up")
         tool = self.start("tool", interface="listener2")
         tool.wait_for_reports(1)
-        for change in ("down", "up", "down"):
-            self.assertEqual(run_quietly("ip", "link", "set", "listener2", change).returncode, 0)
-        pattern = re.compile(r" pelmoscope: interface listener2 is (.*)\.$", re.MULTILINE)
+        self.link(*("set listener2 " + change for change in ("down", "up", "down")))
 
-        def told():
-            return pattern.findall(tool.text("stderr"))
-        wait_until(lambda: len(told()) >= 3, "the interface's lines")
-        self.assertEqual(told(), ["down", "up again", "down"])
+        def changes():
+            return re.findall(r" pelmoscope: interface listener2 is (.*)\.$", tool.text("stderr"), re.MULTILINE)
+        wait_until(lambda: len(changes()) >= 3, "the interface's lines")
+        self.assertEqual(changes(), ["down", "up again", "down"])
         tool.wait_for_reports(len(tool.reports()) + 1)
-        run_quietly("ip", "link", "delete", "listener2")
+        self.link("delete listener2")
         wait_until(lambda: " pelmoscope: pcap_loop: " in tool.text("stderr"), "the loop's error")
         tool.wait_for_reports(len(tool.reports()) + 2)
         self.stop_in_order(tool)
-
-    def pipe_that_nobody_reads(self, path):
-        os.mkfifo(path)
-        reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
-        self.addCleanup(os.close, reader)
-        fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, PIPE_BYTES)
-        return reader
 
     def test_readers_that_stall_hold_up_no_end(self):
         """Of reports, of the log, or of a saved capture. What goes to a file instead gets there."""
         readers, tools = [], {}
         for name in ("stdout", "stderr", "log", "saved.pcap", "traced"):
             (self.folder / name).mkdir()
-            stream = "stderr" if name == "traced" else name
-            readers.append(self.pipe_that_nobody_reads(self.folder / name / stream))
+            pipe = self.folder / name / ("stderr" if name == "traced" else name)
+            os.mkfifo(pipe)
+            readers.append(os.open(pipe, os.O_RDONLY | os.O_NONBLOCK))
+            self.addCleanup(os.close, readers[-1])
+            fcntl.fcntl(readers[-1], fcntl.F_SETPIPE_SZ, PIPE_BYTES)
             log = ["-logfile", "log"] if name == "log" else []
             traced = {"_PM_TRACING_MODULES": "EVENTS"} if name == "traced" else {}
             tools[name] = self.start(name, "-complain", "-addrinfo", "-w", "saved.pcap", *log, **traced)
@@ -255,36 +241,30 @@ class Live(unittest.TestCase):
             wait_until(lambda: os.readlink("/proc/%d/cwd" % tool.popen.pid) == "/", "a start of " + name)
         self.send_all("--count", "2000", "--rate", "10000", "--subjects", "1000",
                       "--damaged", "0.5", "--damage", "checksum")
-        unread = array.array("i", [0])
-
-        def is_full(reader):
-            fcntl.ioctl(reader, termios.FIONREAD, unread)
-            return unread[0] > PIPE_BYTES // 2
         for reader in readers:
-            wait_until(lambda: is_full(reader), "a pipe that is full")
+            wait_until(lambda: int.from_bytes(fcntl.ioctl(reader, termios.FIONREAD, bytes(4)), sys.byteorder)
+                       > PIPE_BYTES // 2, "a pipe that is full")
         for name, tool in tools.items():
             with self.subTest(stalled=name):
                 status, seconds = tool.stop()
                 self.assertEqual(status, 0)
                 self.assertLess(seconds, within_a_second())
                 if name != "saved.pcap":
-                    saved = self.read_back(tool.folder / "saved.pcap")
-                    self.assertGreater(total_of(saved), 0)
+                    self.assertGreater(total_of(self.read_back(tool.folder / "saved.pcap")), 0)
 
     def test_an_offline_run_that_loses_output_says_so(self):
         capture = self.folder / "capture"
         run_quietly(PELMOGEN, "--out", capture, "--count", "100")
         full = os.open("/dev/full", os.O_WRONLY)
         self.addCleanup(os.close, full)
-        for name, arguments, told in (
-                ("stdout", (), "reports can't be written to the standard output"),
-                ("stderr", (), None),
-                ("log", ("-logfile", "/dev/full"), "failed to write log file '/dev/full'")):
-            streams = {name: full} if name != "log" else {}
+        for name, arguments, streams, words in (
+                ("stdout", (), {"stdout": full}, "reports can't be written to the standard output"),
+                ("stderr", (), {"stderr": full}, ""),
+                ("log", ("-logfile", "/dev/full"), {}, "failed to write log file '/dev/full'")):
             tool = self.run_tool(name, "-r", capture, "-u", "0", *arguments, **streams)
             self.assertEqual(tool.status(), 1, name)
-            if told:
-                self.assertEqual(tool.text("stderr").count(told), 1, name)
+            if words:
+                self.assertEqual(tool.text("stderr").count(words), 1, name)
 
     def test_a_reader_that_stalls_costs_no_packet(self):
         reader, writer = os.pipe()
@@ -312,9 +292,8 @@ class Live(unittest.TestCase):
 
         wanted = first["data"] + second["data"]
         pieces = [text]
-        drain = threading.Thread(target=lambda: pieces.extend(
-            iter(lambda: os.read(reader, 65536), b"")), daemon=True)
-        drain.start()
+        threading.Thread(target=lambda: pieces.extend(iter(lambda: os.read(reader, 65536), b"")),
+                         daemon=True).start()
         wait_until(lambda: total_of(read_reports(b"".join(pieces).decode())) >= wanted,
                    "all packets in the reports")
         self.stop_in_order(tool)
@@ -345,18 +324,15 @@ class Live(unittest.TestCase):
 
     def test_the_generator_sends_nothing_where_a_frame_could_leave(self):
         if WIRE.interface == "lo":
-            print("without a namespace nothing can lead out of one: left out")
-            return
+            self.skipTest("without a namespace nothing can lead out of one")
         other = Process("unshare", "--net", "sleep", "60")
         self.addCleanup(other.close)
         here = os.readlink("/proc/self/ns/net")
         wait_until(lambda: os.readlink("/proc/%d/ns/net" % other.popen.pid) != here, "a namespace")
-        run = run_quietly("ip", "link", "add", "out", "type", "veth", "peer", "name", "away",
-                          "netns", str(other.popen.pid))
-        self.assertEqual(run.returncode, 0, run.stderr)
-        self.addCleanup(run_quietly, "ip", "link", "delete", "out")
+        self.link("add out type veth peer name away netns %d" % other.popen.pid)
+        self.addCleanup(self.link, "delete out")
         self.send_all("--count", "1")
-        run_quietly("ip", "link", "set", "out", "up")
+        self.link("set out up")
         for interface in ("out", "sender", "lo", "none"):
             run = run_quietly(PELMOGEN, "--interface", interface, "--count", "1")
             self.assertEqual((run.returncode, run.stdout), (1, ""), interface)

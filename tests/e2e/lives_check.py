@@ -31,10 +31,6 @@ def numbers_of(lines):
     return found
 
 
-def tells(said):
-    return bool(TELLS.search(said))
-
-
 def check_sender(sender):
     if sender.status == 0 and not sender.troubled:
         sent = SENT.search(sender.said)
@@ -42,7 +38,7 @@ def check_sender(sender):
             yield "%s ended with 0 and says %r" % (sender.name, sender.said[-200:])
     if sender.status not in (0, 1, -9):
         yield "%s ended with %s: %s" % (sender.name, sender.status, sender.said[-300:])
-    if sender.status == 1 and not tells(sender.said):
+    if sender.status == 1 and not TELLS.search(sender.said):
         yield "%s ended with 1 and no word: %r" % (sender.name, sender.said[-300:])
 
 
@@ -52,7 +48,7 @@ def check_arrival(sender, listener, numbers, daemon_tells, calm):
         if after <= before:
             yield "%s: %d comes after %d" % (what, after, before)
             break
-    told = tells(sender.said) or tells(listener.said) or daemon_tells or sender.status != 0 or listener.status != 0
+    told = TELLS.search(sender.said) or TELLS.search(listener.said) or daemon_tells or sender.status != 0 or listener.status != 0
     taken = SENT.search(sender.said)
     if taken and numbers and numbers[-1] > int(taken[1]):
         yield "%s: %d came, and %s says %s" % (what, numbers[-1], sender.name, taken[0])

@@ -1,5 +1,7 @@
 """What the daemon puts on the wire, as the tool sees it: pmd_wire_test.py PMD PELMOSCOPE [TEST ...]."""
 
+import collections
+import contextlib
 import pathlib
 import sys
 import tempfile
@@ -26,18 +28,15 @@ class PmdWire(unittest.TestCase):
             tool.wait_for_reports(1)
             daemon = Daemon(PMD, "--oska", "%s:%d" % (GROUP, PORT), "--interface", address)
             self.addCleanup(daemon.close)
-            sender, listener = Client(daemon.port), Client(daemon.port)
-            self.addCleanup(sender.close)
-            self.addCleanup(listener.close)
+            sender, listener = (self.enterContext(contextlib.closing(Client(daemon.port))) for _ in range(2))
             listener.listen("S.>")
-            sent = {}
-            for i in range(ROUNDS):
-                for size in (1, 300, 700, 1300, 1400, 1441, 5000, 100000):
-                    subject = "S.%d" % (size % 7)
-                    image = sender.send(subject, bytes(size))
-                    self.assertEqual(listener.message(), image)
-                    count, total = sent.get(subject, (0, 0))
-                    sent[subject] = count + 1, total + len(image)
+            sent, sent_bytes = collections.Counter(), collections.Counter()
+            for size in (1, 300, 700, 1300, 1400, 1441, 5000, 100000) * ROUNDS:
+                subject = "S.%d" % (size % 7)
+                image = sender.send(subject, bytes(size))
+                self.assertEqual(listener.message(), image)
+                sent[subject] += 1
+                sent_bytes[subject] += len(image)
             sender.send("UNHEARD", b"x")
             sender.send("_INBOX.X.1", b"x")
             key = "%d %s" % (PORT, GROUP)
@@ -45,24 +44,19 @@ class PmdWire(unittest.TestCase):
             daemon.popen.terminate()
             self.assertEqual(daemon.status(), 0)
             tool.stop()
-            rows = added_up(tool.reports())
-
-            def row(key, column, table="mcast"):
-                return rows.get((table, key, column), 0)
-            self.assertEqual((row(key, BAD), row(key, GAPS)), (0, 0), tool.text("stderr"))
+            rows = collections.Counter(added_up(tool.reports()))
+            self.assertEqual((rows["mcast", key, BAD], rows["mcast", key, GAPS]), (0, 0), tool.text("stderr"))
             self.assertNotIn("OSKA", tool.text("stderr"))
-            total = sum(size for _, size in sent.values())
-            self.assertGreaterEqual(row(key, BYTES), total)
-            self.assertLess(row(key, BYTES), total + 300)
-            self.assertGreaterEqual(row(key, DATA), total // PAYLOAD_BYTES)
-            for subject, (count, size) in sent.items():
-                found = [row("%s %s" % (key, subject), column, "subject") for column in (0, 1)]
-                self.assertEqual(found, [count, size], subject)
+            total = sum(sent_bytes.values())
+            self.assertTrue(total <= rows["mcast", key, BYTES] < total + 300)
+            self.assertGreaterEqual(rows["mcast", key, DATA], total // PAYLOAD_BYTES)
+            for subject, count in sent.items():
+                found = [rows["subject", "%s %s" % (key, subject), column] for column in (0, 1)]
+                self.assertEqual(found, [count, sent_bytes[subject]], subject)
 
     def test_on_a_wire(self):
         if WIRE.interface == "lo":
-            print("no namespace: only the loopback is tested")
-            return
+            self.skipTest("without a namespace there is only the loopback")
         run = run_quietly("ip", "addr", "add", "10.77.0.1/24", "dev", "sender")
         self.assertEqual(run.returncode, 0, run.stderr)
         self.follow("listener", "10.77.0.1")

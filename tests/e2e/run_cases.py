@@ -12,11 +12,11 @@ A case:
     in.pcap   the capture, where there is one; or
     packets   the capture as text, which packets.py explains
     env       changes to the environment, one to a line: NAME=VALUE, or -NAME to take one out
-    before/   what stands in the scratch folder ahead of the run
+    before/   what is in the scratch folder before the run
     links     links in it, one to a line: "NAME -> TARGET", or "NAME = TARGET" for a hard one
     stdout, stderr, status
               what is expected, of all runs; a missing one is empty, a missing status 0 for each
-    files/    what stands in the scratch folder afterwards, all of it
+    files/    what is in the scratch folder afterwards, all of it
 
 The time zone is UTC unless `env` says otherwise. Made equal before comparing: the scratch folder's
 path reads @OUT@ and the capture's @IN@; the time stamp of a log line reads TIME, if it is of this day
@@ -27,6 +27,7 @@ import argparse
 import datetime
 import difflib
 import os
+import pathlib
 import re
 import shutil
 import subprocess
@@ -36,67 +37,23 @@ import tempfile
 import live_run
 import packets
 
-CASES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "cases")
+CASES = pathlib.Path(__file__).resolve().parent / "cases"
 STAMP = re.compile(rb"^(\d{4}-\d\d-\d\d) \d\d:\d\d:\d\d(?= pelmoscope: )", re.MULTILINE)
 ANY = b"<any>"
 TIMEOUT_SECONDS = 60
 
 
 def read(path, missing=b""):
-    if not os.path.isfile(path):
-        return missing
-    with open(path, "rb") as f:
-        return f.read()
-
-
-def write(path, data):
-    """Nothing is kept of what is empty."""
-    if not data:
-        if os.path.exists(path):
-            os.remove(path)
-        return
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        f.write(data)
+    return path.read_bytes() if path.is_file() else missing
 
 
 def lines_of(case, name):
-    return read(os.path.join(CASES, case, name)).decode().splitlines()
+    return read(CASES / case / name).decode().splitlines()
 
 
 def files_below(folder):
-    """Path from the folder -> bytes."""
-    found = {}
-    for where, _, names in os.walk(folder):
-        for name in names:
-            path = os.path.join(where, name)
-            found[os.path.relpath(path, folder)] = read(path)
-    return found
-
-
-def capture_of(case, folder):
-    """The path of the case's capture, made in that folder where it is text."""
-    text = read(os.path.join(CASES, case, "packets")).decode()
-    if not text:
-        return os.path.join(CASES, case, "in.pcap")
-    path = os.path.join(folder, "in.pcap")
-    write(path, packets.capture(text))
-    return path
-
-
-def fill(text, capture, scratch):
-    return text.replace("@IN@", capture).replace("@OUT@", scratch)
-
-
-def environment(case, capture, scratch):
-    env = live_run.environment()
-    for line in lines_of(case, "env"):
-        if line.startswith("-"):
-            env.pop(line[1:], None)
-        else:
-            name, value = line.split("=", 1)
-            env[name] = fill(value, capture, scratch)
-    return env
+    """Path from the folder -> bytes, none of a link that leads nowhere."""
+    return {str(path.relative_to(folder)): read(path) for path in folder.rglob("*") if not path.is_dir()}
 
 
 def normalised(data, capture, scratch):
@@ -106,41 +63,45 @@ def normalised(data, capture, scratch):
     return data.replace(capture.encode(), b"@IN@").replace(scratch.encode(), b"@OUT@")
 
 
-def run(binary, case):
-    """What came out: name -> bytes."""
-    scratch, made = tempfile.mkdtemp(), tempfile.mkdtemp()
-    try:
-        capture = capture_of(case, made)
-        before = os.path.join(CASES, case, "before")
-        if os.path.isdir(before):
-            shutil.copytree(before, scratch, dirs_exist_ok=True)
-        for name, kind, target in map(str.split, lines_of(case, "links")):
-            link = os.symlink if kind == "->" else os.link
-            link(os.path.join(scratch, target), os.path.join(scratch, name))
-        out = {"stdout": b"", "stderr": b"", "status": b""}
-        for args in "\n".join(lines_of(case, "args")).split("\n--\n"):
-            done = subprocess.run([binary] + fill(args, capture, scratch).split("\n"), cwd=scratch,
-                                  env=environment(case, capture, scratch),
-                                  stdin=subprocess.DEVNULL, capture_output=True,
-                                  timeout=TIMEOUT_SECONDS)
-            out["stdout"] += normalised(done.stdout, capture, scratch)
-            out["stderr"] += normalised(done.stderr, capture, scratch)
-            out["status"] += b"%d\n" % done.returncode
-        for path, data in files_below(scratch).items():
-            is_text = ".pcap" not in path
-            out["files/" + path] = normalised(data, capture, scratch) if is_text else data
-        return out
-    finally:
-        shutil.rmtree(scratch)
-        shutil.rmtree(made)
+def run(binary, case, scratch, made):
+    """What came out: name -> bytes. The scratch folder is empty; in the other one a capture is made."""
+    capture = CASES / case / "in.pcap"
+    if text := read(CASES / case / "packets").decode():
+        capture = made / "in.pcap"
+        capture.write_bytes(packets.capture(text))
+    paths = str(capture), str(scratch)
+
+    def fill(text):
+        return text.replace("@IN@", paths[0]).replace("@OUT@", paths[1])
+    if (CASES / case / "before").is_dir():
+        shutil.copytree(CASES / case / "before", scratch, dirs_exist_ok=True)
+    for name, kind, target in map(str.split, lines_of(case, "links")):
+        (os.symlink if kind == "->" else os.link)(scratch / target, scratch / name)
+    env = live_run.environment()
+    for line in lines_of(case, "env"):
+        name, is_set, value = line.partition("=")
+        if is_set:
+            env[name] = fill(value)
+        else:
+            env.pop(name[1:], None)
+    out = {"stdout": b"", "stderr": b"", "status": b""}
+    for args in "\n".join(lines_of(case, "args")).split("\n--\n"):
+        done = subprocess.run([binary] + fill(args).split("\n"), cwd=scratch, env=env,
+                              stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT_SECONDS)
+        out["stdout"] += normalised(done.stdout, *paths)
+        out["stderr"] += normalised(done.stderr, *paths)
+        out["status"] += b"%d\n" % done.returncode
+    for path, data in files_below(scratch).items():
+        out["files/" + path] = data if ".pcap" in path else normalised(data, *paths)
+    return out
 
 
 def expected_of(case):
-    folder = os.path.join(CASES, case)
-    expected = {name: read(os.path.join(folder, name)) for name in ("stdout", "stderr")}
+    folder = CASES / case
     runs = lines_of(case, "args").count("--") + 1
-    expected["status"] = read(os.path.join(folder, "status"), b"0\n" * runs)
-    for path, data in files_below(os.path.join(folder, "files")).items():
+    expected = {name: read(folder / name) for name in ("stdout", "stderr")}
+    expected["status"] = read(folder / "status", b"0\n" * runs)
+    for path, data in files_below(folder / "files").items():
         expected["files/" + path] = data
     return expected
 
@@ -157,37 +118,32 @@ def accept_any(expected, actual):
 def show_difference(name, expected, actual):
     if expected is None or actual is None:
         print("  %s: %s" % (name, "wasn't expected" if expected is None else "is missing"))
-        return
-    if b"\0" in expected + actual:
+    elif b"\0" in expected + actual:
         print("  %s: the bytes differ (%d expected, %d came)" % (name, len(expected), len(actual)))
-        return
-    text = [data.decode("utf-8", "backslashreplace").split("\n") for data in (expected, actual)]
-    for line in list(difflib.unified_diff(*text, "expected " + name, "came", lineterm="", n=2))[:60]:
-        print("  " + line)
+    else:
+        text = [data.decode("utf-8", "backslashreplace").split("\n") for data in (expected, actual)]
+        lines = difflib.unified_diff(*text, "expected " + name, "came", lineterm="", n=2)
+        print("\n".join("  " + line for line in list(lines)[:60]))
 
 
 def compare(case, expected, actual):
-    same = True
-    for name in sorted(expected.keys() | actual.keys()):
-        if expected.get(name) != actual.get(name):
-            if same:
-                print("%s:" % case)
-            same = False
-            show_difference(name, expected.get(name), actual.get(name))
-    return same
+    names = [name for name in sorted(expected.keys() | actual.keys()) if expected.get(name) != actual.get(name)]
+    if names:
+        print("%s:" % case)
+    for name in names:
+        show_difference(name, expected.get(name), actual.get(name))
+    return not names
 
 
 def renew(case, actual):
-    folder = os.path.join(CASES, case)
-    shutil.rmtree(os.path.join(folder, "files"), ignore_errors=True)
+    """Nothing is kept of what is empty or usual."""
+    folder = CASES / case
+    shutil.rmtree(folder / "files", ignore_errors=True)
     for name, data in actual.items():
-        if name.startswith("files/"):
-            os.makedirs(os.path.dirname(os.path.join(folder, name)), exist_ok=True)
-            with open(os.path.join(folder, name), "wb") as f:
-                f.write(data)
-        else:
-            usual = name == "status" and set(data.split()) == {b"0"}
-            write(os.path.join(folder, name), b"" if usual else data)
+        (folder / name).unlink(missing_ok=True)
+        if name.startswith("files/") or (data and not (name == "status" and set(data.split()) == {b"0"})):
+            (folder / name).parent.mkdir(parents=True, exist_ok=True)
+            (folder / name).write_bytes(data)
 
 
 def main():
@@ -199,9 +155,11 @@ def main():
 
     counts = {True: 0, False: 0}
     for case in options.cases or sorted(os.listdir(CASES)):
-        if not os.path.isfile(os.path.join(CASES, case, "args")):
+        if not (CASES / case / "args").is_file():
             sys.exit("%s is no case: it has no args" % case)
-        expected, actual = expected_of(case), run(options.binary, case)
+        with tempfile.TemporaryDirectory() as scratch, tempfile.TemporaryDirectory() as made:
+            actual = run(options.binary, case, pathlib.Path(scratch), pathlib.Path(made))
+        expected = expected_of(case)
         for name in expected.keys() & actual.keys():
             actual[name] = accept_any(expected[name], actual[name])
         if options.renew:
