@@ -12,7 +12,7 @@
 #include "lib/transport/daemon/daemon_link_internal.h"
 #include "lib/transport/daemon/reconnect.h"
 #include "lib/transport/ipq/ipq_internal.h"
-#include "tests/support/fail_alloc.h"
+#include "tests/support/misbehaving_daemon.h"
 #include "tests/support/test.h"
 #include "tests/transport/daemon/link.h"
 
@@ -66,6 +66,9 @@ TEST_F(Link, StartsADaemonOnceAndOnlyHere) {
     EXPECT_EQ(connectTo("ssl:" + bare), kStatusDaemonNotConnected);
     EXPECT_EQ(connectTo("-" + bare), kStatusNotPermitted);
     EXPECT_EQ(connectTo("nosuch:" + bare), kStatusInvalidArgument);
+    // One that hangs up is there: no other is started.
+    const MisbehavingDaemon rude({hangUp()});
+    EXPECT_EQ(connectTo(rude.name().substr(rude.name().find(':') + 1)), kStatusDaemonNotConnected);
     EXPECT_EQ(launched, Texts{});
     EXPECT_EQ(connectTo(bare), kStatusDaemonNotConnected);
     EXPECT_TRUE(launched == Texts{bare} && sleeps == 0);

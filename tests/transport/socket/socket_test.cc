@@ -443,6 +443,9 @@ TEST_F(SocketClasses, GetNoMoreThanOneSendMayMove) {
     EXPECT_EQ(own.lengths, (std::vector<size_t>{0x10000, 0x10000}));
     EXPECT_EQ(list.entries[1].iov_len, kMostSendBytes + 1);
     EXPECT_EQ(list.count, 3u);
+    gatherDropBytes(&list, out);
+    EXPECT_EQ(list.total, 0x10006u);
+    EXPECT_EQ(list.count, 2u);
 
     gatherClear(&list);
     for (uint32_t i = 0; i < kMostSendEntries + 1; ++i)
