@@ -176,6 +176,8 @@ void addHead(Totals& totals, const SnapHeader& snapshot) {
     head.oskaPackets += snapshot.oskaPackets;
     head.source.kernelDrops += snapshot.source.kernelDrops;
     head.source.interfaceDrops += snapshot.source.interfaceDrops;
+    for (size_t reason = 0; reason < kSnapNotReadKinds; ++reason)
+        head.source.notRead[reason] += snapshot.source.notRead[reason];
     head.source.readBytes = snapshot.source.readBytes;
     head.source.fileBytes = snapshot.source.fileBytes;
     addFaults(head.faults, snapshot.faults);

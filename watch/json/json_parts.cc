@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "lib/base/bytes.h"
+#include "watch/capture/peel.h"
 #include "watch/core/text.h"
 
 namespace {
@@ -100,6 +101,16 @@ void jsonTotals(JsonWriter& out, const char* name, const SnapTotals& totals) {
     writeTable(kJsonRetransmission, kRetransmissionFields, totals.retransmission);
     writeTable(kJsonPointToPoint, kPointToPointFields, totals.pointToPoint);
     writeTable(kJsonSubjects, kSubjectFields, subjects);
+    out.EndObject();
+}
+
+void jsonNotRead(JsonWriter& out, const SnapSource& source) {
+    out.plain("not_read");
+    out.StartObject();
+    for (size_t reason = 0; reason < kNotReadKinds; ++reason) {
+        if (source.notRead[reason] == 0) continue;
+        jsonMember(out, notReadRow(static_cast<NotRead>(reason)).key, source.notRead[reason]);
+    }
     out.EndObject();
 }
 

@@ -107,5 +107,8 @@ void jsonPointToPointRow(JsonWriter& out, const SnapPort& port, const SnapPtpHos
 // An object with the sums of each table.
 void jsonTotals(JsonWriter& out, const char* name, const SnapTotals& totals);
 
+// An object with the frames of each reason for which some weren't read.
+void jsonNotRead(JsonWriter& out, const SnapSource& source);
+
 // The members of a fault's object; there was one at least.
 void jsonFault(JsonWriter& out, const FaultCount& count);

@@ -139,6 +139,7 @@ void writeHead(JsonWriter& out, const SnapHeader& snapshot, std::string_view sco
         jsonMember(out, "read_bytes", snapshot.source.readBytes);
         jsonMember(out, "file_bytes", snapshot.source.fileBytes);
     }
+    jsonNotRead(out, snapshot.source);
     writeFaults(out, snapshot);
     jsonTotals(out, "totals", snapshotAddUp(snapshot));
     if (scope == kSinceStart) jsonTotals(out, "beyond_rows", snapshot.beyond);

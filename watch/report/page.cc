@@ -62,6 +62,7 @@ void writeCapture(JsonWriter& out, const ReportInput& input, const ReportTables&
     jsonFields(out, kSourceFields, sum);
     jsonMember(out, "read_bytes", source.readBytes);
     jsonMember(out, "file_bytes", source.fileBytes);
+    jsonNotRead(out, source);
     out.plain("is_whole");
     out.Bool(source.fileBytes == 0 || source.readBytes >= source.fileBytes);
     jsonMember(out, "ports", uint64_t{sum.portCount});

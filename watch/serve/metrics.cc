@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "lib/base/bytes.h"
+#include "watch/capture/peel.h"
 #include "watch/core/fields.h"
 #include "watch/core/text.h"
 
@@ -204,6 +205,17 @@ void addFaults(MetricFamilies& out, const SeriesTable& table) {
     }
 }
 
+void addNotRead(MetricFamilies& out, const SeriesTable& table) {
+    MetricFamily& family =
+        addFamily(out, "pelmo_not_read_frames_total",
+                  "Frames that aren't read as packets of the bus, or not whole, by reason.",
+                  MetricType::Counter);
+    for (size_t reason = 1; reason < kNotReadKinds; ++reason) {
+        addSample(family, {{"reason", notReadRow(static_cast<NotRead>(reason)).key}},
+                  static_cast<double>(table.notRead[reason]));
+    }
+}
+
 void addSources(MetricFamilies& out, const SeriesTable& table) {
     const uint64_t sources[] = {table.frames, table.packets, table.busPackets};
     static_assert(std::size(sources) == std::size(kSourceFields));
@@ -274,6 +286,7 @@ bool metricsOfSeries(const SeriesTable& table, MetricFamilies& out) {
     return withMemory([&] {
         addSources(out, table);
         addFaults(out, table);
+        addNotRead(out, table);
         for (const KindRow& kind : kKinds) {
             addKind(out, table, kind);
         }

@@ -203,6 +203,8 @@ void addHead(SeriesTable& table, const SnapHeader& snapshot) {
     table.busPackets += snapshot.oskaPackets;
     table.kernelDrops += snapshot.source.kernelDrops;
     table.interfaceDrops += snapshot.source.interfaceDrops;
+    for (size_t reason = 0; reason < kSnapNotReadKinds; ++reason)
+        table.notRead[reason] += snapshot.source.notRead[reason];
     for (size_t kind = 0; kind < kFaultKinds; ++kind) {
         table.faults[kind] += snapshot.faults[kind].packets;
     }

@@ -87,6 +87,7 @@ struct SeriesTable {
     // Sums that have no labels.
     uint64_t frames, packets, busPackets;
     uint64_t kernelDrops, interfaceDrops;
+    uint64_t notRead[kSnapNotReadKinds];
     uint64_t faults[kFaultKinds];
     uint64_t intervals;
 };
