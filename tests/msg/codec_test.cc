@@ -146,35 +146,6 @@ TEST(Codec, WritesWhatTheReaderSeesOtherwise) {
               (Bytes{3, 8, 0, 0, 0, 0, 0, 0x0f, 0x42, 0x3f}));
 }
 
-TEST(Codec, ReadsOddValuesAsFarAsTheyGo) {
-    const struct {
-        uint8_t type;
-        Bytes bytes;
-        uint32_t size, count;
-    } cases[] = {
-        {FIELD_I32ARRAY, {6, 0, 0, 0, 7, 9, 9}, 4, 1},
-        {FIELD_I32ARRAY, {3, 1, 2, 3}, 4, 0},
-        {FIELD_STRINGARRAY, {6, 0, 0, 0, 0, 9, 9}, 6, 0},
-        {FIELD_MSGARRAY, {5, 0, 0, 0, 0, 9}, 5, 0},
-        {FIELD_OPAQUE, {0}, 0, 1},
-        {FIELD_STRING, {121, 0, 2}, 0, 1},
-        {FIELD_BOOL, {0}, 4, 1},
-        {FIELD_DATETIME, {8, 0, 0, 0, 1, 0, 255, 255, 255}, 12, 1},  // microseconds beyond a second
-    };
-    for (const auto& [type, bytes, size, count] : cases) {
-        const Decoded decoded = decode(type, bytes);
-        EXPECT_EQ(decoded.status, kStatusSuccess);
-        EXPECT_EQ(decoded.field.size, size);
-        EXPECT_EQ(decoded.field.count, count);
-        EXPECT_EQ(decoded.used, bytes.size());
-    }
-    for (const auto& [code, type] :
-         {std::pair{14, FIELD_I16}, {20, FIELD_I16}, {21, FIELD_U16}, {27, FIELD_IPPORT16}}) {
-        // Codes of the application: the width alone decides.
-        EXPECT_EQ(decode(static_cast<uint8_t>(code), {2, 0xff, 0xfe}).field.type, type);
-    }
-}
-
 pelmoStatus becomeUnterminated(pelmoMsgField& field, uint8_t, Disposition& disposition) {
     void* block = std::malloc(3);
     if (block == nullptr) return kStatusNoMemory;

@@ -136,9 +136,24 @@ TEST(Message, ReadsWhatOthersWriteOtherwise) {
         {2, 'e', 0, 99, 1, 0},           // an unknown type
         {3, 0, 0, 1, 11, 1, 3},          // an id with an empty name
         {0, 11, 1, 4},                   // no name
+        // Values are read as far as they go.
+        {2, 'f', 0, FIELD_I32ARRAY, 6, 0, 0, 0, 7, 9, 9},
+        {2, 'g', 0, FIELD_I32ARRAY, 3, 1, 2, 3},
+        {2, 'h', 0, FIELD_STRINGARRAY, 6, 0, 0, 0, 0, 9, 9},
+        {2, 'i', 0, FIELD_MSGARRAY, 5, 0, 0, 0, 0, 9},
+        {2, 'j', 0, FIELD_OPAQUE, 0},
+        {2, 'k', 0, FIELD_STRING, 121, 0, 2},
+        {2, 'l', 0, FIELD_BOOL, 0},
+        {2, 'm', 0, FIELD_DATETIME, 8, 0, 0, 0, 1, 0, 16, 0, 0},  // more than a second
+        // Codes of the application: the width alone decides.
+        {2, 'n', 0, 14, 2, 0xff, 0xfe},
+        {2, 'o', 0, 21, 2, 0xff, 0xfe},
+        {2, 'p', 0, 27, 2, 0xff, 0xfe},
     }));
     EXPECT_EQ(textOf(msg.get()),
-              "{a[5]=1 b[5]=2 c=-2 d=[1 opaque bytes] e=[NO DECODER AVAILABLE] [1]=3 NULL=4}");
+              "{a[5]=1 b[5]=2 c=-2 d=[1 opaque bytes] e=[NO DECODER AVAILABLE] [1]=3 NULL=4 f=[7] "
+              "g=[] h=[] i=[] j=[0 opaque bytes] k=\"\" l=false "
+              "m=1970-01-01 00:00:01.1048576000Z n=-2 o=65534 p=65534}");
     pelmoMsgField field;
     EXPECT_EQ(pelmoMsg_GetFieldEx(msg.get(), nullptr, &field, 5), kStatusSuccess);
     EXPECT_EQ(pelmoMsg_GetFieldEx(msg.get(), "e", &field, 0), kStatusInvalidType);
