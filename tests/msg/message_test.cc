@@ -161,6 +161,15 @@ TEST(Message, ReadsWhatOthersWriteOtherwise) {
     EXPECT_EQ(pelmoMsg_UpdateI16(msg.get(), "c", 7, 0), kStatusSuccess);
 }
 
+TEST(Message, KeepsTheBytesOfAFieldThatItCannotDecode) {
+    const Message msg = messageFrom(imageOf({{2, 'a', 0, 11, 1, 5}, {0, 99, 2, 8, 9}}));
+    pelmoMsgField field;
+    ASSERT_EQ(pelmoMsg_GetFieldBytes(msg.get(), &field, 1), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_RemoveFieldEx(msg.get(), "a", 0), kStatusSuccess);
+    const auto* bytes = static_cast<const uint8_t*>(field.data.pointer);
+    EXPECT_EQ(Bytes(bytes, bytes + field.size), (Bytes{8, 9}));
+}
+
 TEST(Message, RefusesHeadsThatClaimTooMuch) {
     Bytes bytes = kEmpty;
     pelmoMsg* out = nullptr;
