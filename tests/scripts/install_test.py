@@ -13,76 +13,65 @@ import unittest
 
 ROOT = os.path.normpath(os.path.join(os.path.dirname(__file__), "..", ".."))
 USER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "library_user")
-UNLISTED_OPTIONS = ["-complain"]  # works, and stands in no line of the usage text
+UNLISTED_OPTIONS = ["-complain"]  # works, and is in no line of the usage text
 
 
 def run(*command, **kwargs):
     return subprocess.run(command, capture_output=True, text=True, timeout=300, **kwargs)
 
 
+def options_of(program, *form, pattern=r"^ +(--?[a-z-]+)"):
+    text = run(os.path.join(USR, "bin", program), *form, "--help").stdout
+    return sorted(re.findall(pattern, text, re.MULTILINE))
+
+
+def setUpModule():
+    """Both installs: for packages, below a scratch folder, and under a prefix of its own."""
+    global USR, PREFIX
+    scratch = unittest.enterModuleContext(tempfile.TemporaryDirectory())
+    USR, PREFIX = os.path.join(scratch, "usr"), os.path.join(scratch, "prefix")
+    for prefix, env in (("/usr", {"DESTDIR": scratch}), (PREFIX, {})):
+        result = run("cmake", "--install", BUILD, "--prefix", prefix, env={**os.environ, **env})
+        assert result.returncode == 0, result.stderr
+
+
 class Install(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.scratch = tempfile.TemporaryDirectory()
-        result = run("cmake", "--install", BUILD, "--prefix", "/usr",
-                     env={**os.environ, "DESTDIR": cls.scratch.name})
-        assert result.returncode == 0, result.stderr
-        cls.usr = os.path.join(cls.scratch.name, "usr")
-        cls.tool = os.path.join(cls.usr, "bin", "pelmoscope")
+        cls.tool = os.path.join(USR, "bin", "pelmoscope")
         usage = run(cls.tool, "-no-such-option").stderr
-        cls.options = re.findall(r"^ +(-[a-z-]+)", usage, re.MULTILINE) + UNLISTED_OPTIONS
+        cls.options = sorted(re.findall(r"^ +(-[a-z-]+)", usage, re.MULTILINE) + UNLISTED_OPTIONS)
         assert len(cls.options) == 26, usage
-
         # Those of pelmobus, by command; the connection's belong to no command.
-        cls.bus = os.path.join(cls.usr, "bin", "pelmobus")
-        usage = run(cls.bus, "--help").stdout
-        cls.commands = re.findall(r"^  ((?:circuit |bench )?[a-z]+) \[?SUBJECT", usage, re.MULTILINE)
-        cls.bus_options = {command: cls.bus_options_of(*command.split())
-                           for command in [""] + cls.commands}
-        assert len(cls.commands) == 9, usage
-
-        usage = run(os.path.join(cls.usr, "bin", "pmd"), "--help").stdout
-        cls.daemon_options = sorted(re.findall(r"^  (-[a-z-]+)", usage, re.MULTILINE))
-        assert len(cls.daemon_options) == 10, usage
-
+        cls.commands = options_of("pelmobus", pattern=r"^  ((?:circuit |bench )?[a-z]+) \[?SUBJECT")
+        cls.bus_options = {command: options_of("pelmobus", *command.split(), pattern=r"^ +(--[a-z-]+)")
+                           for command in ["", *cls.commands]}
+        assert len(cls.commands) == 9, cls.commands
+        cls.daemon_options = options_of("pmd", pattern=r"^  (-[a-z-]+)")
+        assert len(cls.daemon_options) == 10, cls.daemon_options
         # Those of pelmowatch, by form. Where its libraries are missing there is none.
-        cls.watch = os.path.join(cls.usr, "bin", "pelmowatch")
         cls.watch_options = {}
-        if os.path.exists(cls.watch):
-            usage = run(cls.watch, "--help").stdout
-            forms = re.findall(r"^  ([a-z]+) ", usage, re.MULTILINE)
-            cls.watch_options = {form: cls.watch_options_of(form) for form in forms}
-            assert "json" in forms and len(cls.watch_options["json"]) == 20 + 3, cls.watch_options
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.scratch.cleanup()
-
-    @classmethod
-    def bus_options_of(cls, *command):
-        return sorted(re.findall(r"^ +(--[a-z-]+)", run(cls.bus, *command, "--help").stdout, re.MULTILINE))
-
-    @classmethod
-    def watch_options_of(cls, form):
-        """Each line begins with an option's names."""
-        names = re.findall(r"^  (-[^\s,]+(?:, -[^\s,]+)*)", run(cls.watch, form, "--help").stdout, re.MULTILINE)
-        return sorted(", ".join(names).split(", "))
+        if os.path.exists(os.path.join(USR, "bin", "pelmowatch")):
+            lines = {form: options_of("pelmowatch", form, pattern=r"^  (-[^\s,]+(?:, -[^\s,]+)*)")
+                     for form in options_of("pelmowatch", pattern=r"^  ([a-z]+) ")}
+            cls.watch_options = {form: sorted(", ".join(names).split(", ")) for form, names in lines.items()}
+            assert len(cls.watch_options["json"]) == 20 + 3, cls.watch_options
 
     def programs(self):
         """Each program with all of its options."""
-        yield "pelmoscope", sorted(self.options)
+        yield "pelmoscope", self.options
         yield "pelmobus", sorted(set(sum(self.bus_options.values(), [])))
         yield "pmd", self.daemon_options
         if self.watch_options:
             yield "pelmowatch", sorted(set(sum(self.watch_options.values(), ["--version"])))
 
     def read(self, *path):
-        with open(os.path.join(self.usr, *path), encoding="utf-8") as f:
+        with open(os.path.join(USR, "share", *path), encoding="utf-8") as f:
             return f.read()
 
     def complete(self, program, *words):
         """What bash offers for the last word."""
-        script = os.path.join(self.usr, "share", "bash-completion", "completions", program)
+        script = os.path.join(USR, "share", "bash-completion", "completions", program)
         line = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$1;' \
                ' printf "%s\\n" "${COMPREPLY[@]}"'
         result = run("bash", "-c", line, script, program, *words)
@@ -93,25 +82,20 @@ class Install(unittest.TestCase):
         result = run(self.tool, "-r", os.path.join(ROOT, "samples", "bus.pcap"), cwd="/")
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertIn("Multicast Packet Statistics", result.stdout)
-
-    def test_a_link_from_elsewhere_leads_to_the_same_modules(self):
-        link = os.path.join(self.scratch.name, "link")
+        link = os.path.join(USR, "link")  # from elsewhere it leads to the same modules
         os.symlink(self.tool, link)
         self.assertEqual(run(link, "-no-such-option").returncode, 2)
 
-    def test_every_option_stands_in_the_manual_page(self):
+    def test_every_option_is_in_the_manual_page_and_is_completed_by_zsh(self):
         for program, options in self.programs():
-            page = self.read("share", "man", "man1", program + ".1").replace("\\-", "-")
+            page = self.read("man", "man1", program + ".1").replace("\\-", "-")
             heads = re.findall(r"^\.(?:BI|B) (--?[a-z][a-z-]*)", page, re.MULTILINE)
             self.assertEqual(sorted(set(heads)), options)
-
-    def test_every_option_is_completed_by_zsh(self):
-        for program, options in self.programs():
-            text = self.read("share", "zsh", "site-functions", "_" + program)
+            text = self.read("zsh", "site-functions", "_" + program)
             self.assertEqual(sorted(set(re.findall(r"'\*?(--?[a-z-]+)=?\[", text))), options)
 
     def test_bash_completes_options_and_knows_which_take_a_value(self):
-        self.assertEqual(sorted(self.complete("pelmoscope", "-")), sorted(self.options))
+        self.assertEqual(sorted(self.complete("pelmoscope", "-")), self.options)
         self.assertEqual(sorted(self.complete("pmd", "-")), self.daemon_options)
         self.assertEqual(self.complete("pelmoscope", "-w-max-s"), ["-w-max-size"])
         self.assertIn("lo", self.complete("pelmoscope", "-i", ""))
@@ -139,34 +123,22 @@ class Install(unittest.TestCase):
 
 
 class Library(unittest.TestCase):
-    """One that was laid under a prefix of its own, and stays in use from there."""
+    """It stays in use from the prefix."""
 
-    @classmethod
-    def setUpClass(cls):
-        cls.scratch = tempfile.TemporaryDirectory()
-        cls.prefix = os.path.join(cls.scratch.name, "prefix")
-        result = run("cmake", "--install", BUILD, "--prefix", cls.prefix)
-        assert result.returncode == 0, result.stderr
-        cls.lib = os.path.dirname(cls.find("libpelmo.so"))
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.scratch.cleanup()
-
-    @classmethod
-    def find(cls, name):
-        found = glob.glob(os.path.join(cls.prefix, "**", name), recursive=True)
+    @staticmethod
+    def find(name):
+        found = glob.glob(os.path.join(PREFIX, "**", name), recursive=True)
         assert len(found) == 1, (name, found)
         return found[0]
 
     def use(self, program):
-        result = run(program, env={"LD_LIBRARY_PATH": self.lib})
+        result = run(program, env={"LD_LIBRARY_PATH": os.path.dirname(self.find("libpelmo.so"))})
         self.assertEqual((result.returncode, result.stdout), (0, "{load=7}\n"), result.stderr)
 
     def test_a_program_builds_and_runs_by_pkg_config(self):
         paths = {**os.environ, "PKG_CONFIG_PATH": os.path.dirname(self.find("pelmo.pc"))}
         flags = run("pkg-config", "--cflags", "--libs", "pelmo", env=paths).stdout.split()
-        program = os.path.join(self.scratch.name, "by_pkg_config")
+        program = os.path.join(PREFIX, "by_pkg_config")
         # The headers ask for no more than this standard, and for no pardon.
         result = run("g++", "-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Werror",
                      os.path.join(USER, "main.cc"), "-o", program, *flags)
@@ -174,11 +146,11 @@ class Library(unittest.TestCase):
         self.use(program)
 
     def test_a_program_builds_and_runs_by_find_package(self):
-        build = os.path.join(self.scratch.name, "by_cmake")
+        build = os.path.join(PREFIX, "by_cmake")
         version = run("pkg-config", "--modversion", self.find("pelmo.pc")).stdout.strip()
         for command in (["cmake", "-G", "Ninja", "-S", USER, "-B", build,
-                         "-DCMAKE_PREFIX_PATH=" + self.prefix,
-                         "-DWANTED=" + version], ["cmake", "--build", build]):
+                         "-DCMAKE_PREFIX_PATH=" + PREFIX, "-DWANTED=" + version],
+                        ["cmake", "--build", build]):
             result = run(*command)
             self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
         self.use(os.path.join(build, "user"))
@@ -187,8 +159,7 @@ class Library(unittest.TestCase):
         text = run("nm", "-DC", "--defined-only", self.find("libpelmo.so")).stdout
         shown = {line.split(" ", 2)[2].split("(")[0] for line in text.splitlines()}
         preprocessed = run("g++", "-E", "-P", self.find("pelmo.h")).stdout
-        declared = set(re.findall(r"pelmoStatus\s+((?:_?pelmo|vc[A-Z])\w+)\s*\(",
-                                  preprocessed))
+        declared = set(re.findall(r"pelmoStatus\s+((?:_?pelmo|vc[A-Z])\w+)\s*\(", preprocessed))
         self.assertGreater(len(declared), 150)
         self.assertEqual(declared - shown, set())
         others = {name for name in shown if not name.startswith(("pelmo", "_pelmo"))}
