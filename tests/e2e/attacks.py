@@ -5,58 +5,44 @@ daemon of its own on loopback, with a client beside it that has nothing to do wi
 latency, the time of CPU that the daemon takes and the memory that it grows by are compared with the
 bounds that SECURITY.md has. Prints a line for each, and ends with 1 where a bound doesn't hold. A busy
 machine's latency is its own: only the CPU and the memory are judged."""
+import contextlib
+import itertools
 import os
 import sys
 import threading
 import time
 
-from attacks_serve import attack_serve, cpu_seconds, resident_bytes
+from attacks_serve import attack_serve
 from bus_client import Client, Closed, Daemon, data_message, message, subject_field, text
-from live_run import open_wire
+from live_run import cpu_seconds, open_wire, resident_bytes
 
 PACE_SECONDS = 0.02
 BLOCK = 500
 
 
-def patterns(elements, count):
-    for bits in range(count):
-        yield ".".join("*" if bits >> i & 1 else "a" for i in range(elements))
-
-
-def deep(count):
-    for number in range(count):
-        yield "e%d" % number + ".x" * 79
-
-
 def listen(attacker, subjects):
-    """What the daemon answers is read by a thread, so that nothing waits for it."""
-    block = []
-    for subject in subjects:
-        block.append(message(text("mtype", "L"), subject_field(subject)))
-        if len(block) == BLOCK:
-            attacker.socket.sendall(b"".join(block))
-            block = []
-    attacker.socket.sendall(b"".join(block))
+    messages = (message(text("mtype", "L"), subject_field(subject)) for subject in subjects)
+    while block := b"".join(itertools.islice(messages, BLOCK)):
+        attacker.socket.sendall(block)
 
 
 def drain(attacker):
+    """What the daemon answers is read by a thread, so that nothing waits for it."""
     def run():
-        try:
+        with contextlib.suppress(OSError):
             while attacker.socket.recv(1 << 16):
                 pass
-        except OSError:
-            pass
     threading.Thread(target=run, daemon=True).start()
 
 
 def many_patterns(attacker):
-    listen(attacker, patterns(16, 65536))
+    listen(attacker, map(".".join, itertools.product("a*", repeat=16)))
     for i in range(200):
         attacker.socket.sendall(data_message(".".join(["a"] * 15 + ["b%d" % i]), b"x" * 100))
 
 
 def deep_subjects(attacker):
-    listen(attacker, deep(100000))
+    listen(attacker, ("e%d" % i + ".x" * 79 for i in range(100000)))
 
 
 def many_subjects(attacker):
@@ -114,11 +100,10 @@ def attack(pmd, name, run, most_bytes, most_seconds):
         before, cpu = resident_bytes(pid), cpu_seconds(pid)
         attacker = Client(daemon.port)
         drain(attacker)
-        cut_off = False
-        try:
+        cut_off = True
+        with contextlib.suppress(Closed, OSError):
             run(attacker)
-        except (Closed, OSError):
-            cut_off = True
+            cut_off = False
         time.sleep(1)
         grown = resident_bytes(pid) - before
         attacker.socket.close()

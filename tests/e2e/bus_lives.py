@@ -23,7 +23,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from bus_client import Daemon  # noqa: E402
 from lives_check import Asking, Circuit, Listener, Sender, check  # noqa: E402
 from lives_relay import Line, Relay  # noqa: E402
-from live_run import Process, descriptors, environment  # noqa: E402
+from live_run import Process, cpu_seconds, descriptors, environment, resident_bytes  # noqa: E402
 
 STUCK_SECONDS = 120  # of a busy machine; whoever needs longer waits for something that won't come
 REST_BYTES = 300 << 20
@@ -83,9 +83,8 @@ class Life:
     def __init__(self, pelmobus, pmd, seed, folder):
         self.pelmobus, self.pmd, self.folder = pelmobus, pmd, folder
         self.chance = random.Random(seed)
-        self.programs, self.relays, self.daemons = [], [], []
-        self.senders, self.listeners, self.circuits, self.askings = [], [], [], []
-        self.listening, self.said = [], ""
+        self.programs, self.relays, self.daemons, self.said = [], [], [], ""
+        self.senders, self.listening, self.circuits, self.askings = [], [], [], []
         self.lived = []  # what befell, in words
 
     # What there is.
@@ -108,9 +107,9 @@ class Life:
         return program
 
     def relive(self, listening):
-        """A listener is killed and started again: a life of its own, with numbers of its own."""
+        """A listener is killed and started again, with numbers of its own."""
         program, subjects, _ = listening
-        self.befalls(program.name + " is killed and started again")
+        self.lived.append(program.name + " is killed and started again")
         program.end(signal.SIGKILL)
         self.listen(program.name + "-again", *subjects, port=program.port, early=False)
 
@@ -121,30 +120,25 @@ class Life:
         return program
 
     def ask(self, name, subject, count, settings=()):
-        program = Program(self, name, self.port, "request", subject, "life=" + name, "--sequence", "--count", count,
-                          "--seconds", 20, settings=settings)
-        self.askings.append((program, count))
-        return program
+        self.askings.append((Program(self, name, self.port, "request", subject, "life=" + name, "--sequence",
+                                     "--count", count, "--seconds", 20, settings=settings), count))
 
     # What befalls.
-
-    def befalls(self, words):
-        self.lived.append(words)
 
     def sleep(self, least, most):
         time.sleep(self.chance.uniform(least, most))
 
     def cut(self, relay):
-        self.befalls("cut %d" % relay.cut())
+        self.lived.append("cut %d" % relay.cut())
 
     def stop_for(self, process, seconds):
-        self.befalls("%s stands still" % getattr(process, "name", "the daemon"))
+        self.lived.append("%s stands still" % getattr(process, "name", "the daemon"))
         process.popen.send_signal(signal.SIGSTOP)
         time.sleep(seconds)
         process.popen.send_signal(signal.SIGCONT)
 
     def kill_daemon(self):
-        self.befalls("the daemon is killed")
+        self.lived.append("the daemon is killed")
         self.daemon.popen.kill()
         self.daemon.popen.wait()
         self.said += self.daemon.log()
@@ -158,9 +152,7 @@ class Life:
 
     def settle(self):
         """All senders have ended: what is still under way arrives, and each listener gets a last message."""
-        for program, _, _ in self.senders:
-            program.end()
-        for program, _ in self.askings:
+        for program, *_ in self.senders + self.askings:
             program.end()
         for relay in self.relays:
             relay.line.open.set()
@@ -202,17 +194,13 @@ class Life:
             if program.running():
                 program.end(signal.SIGTERM)
         await_(lambda: descriptors(self.daemon) <= self.base_descriptors, "the daemon's descriptors")
-        status = pathlib.Path("/proc/%d/statm" % self.daemon.popen.pid).read_text().split()
-        if int(status[1]) * resource.getpagesize() > REST_BYTES:
-            yield "the daemon keeps %d MB" % (int(status[1]) * resource.getpagesize() >> 20)
-
-        def ticks():
-            words = pathlib.Path("/proc/%d/stat" % self.daemon.popen.pid).read_text().rsplit(")", 1)[1].split()
-            return int(words[11]) + int(words[12])
-        before = ticks()
+        pid = self.daemon.popen.pid
+        if resident_bytes(pid) > REST_BYTES:
+            yield "the daemon keeps %d MB" % (resident_bytes(pid) >> 20)
+        before = cpu_seconds(pid)
         time.sleep(0.5)
-        if ticks() - before > 20:
-            yield "the daemon works though nobody is there: %d ticks" % (ticks() - before)
+        if cpu_seconds(pid) - before > 0.2:
+            yield "the daemon works though nobody is there: %.2f seconds" % (cpu_seconds(pid) - before)
 
     def close(self):
         for program in self.programs + self.daemons:
@@ -331,12 +319,12 @@ def life_of_many(life):
             words.append("--wait")
         few = [(resource.RLIMIT_NOFILE, 24)] if life.chance.random() < 0.3 else []
         if few:
-            life.befalls("s%d has few descriptors" % number)
+            life.lived.append("s%d has few descriptors" % number)
         life.send("s%d" % number, life.chance.choice(("MANY.A", "MANY.B")), life.chance.choice((50, 600)), *words,
                   port=life.chance.choice(ports), limits=few,
                   settings=life.chance.choice(((), ("--batch",))))
     if life.chance.random() < 0.2:
-        life.befalls("one has little memory")
+        life.lived.append("one has little memory")
         life.send("poor", "MANY.B", 300, "--size", 200 * 1000, "--wait", port=ports[1],
                   limits=[(resource.RLIMIT_DATA, life.chance.choice((24, 64, 96)) << 20)])
     life.ask("asks", "ASK.ME", 20)
@@ -361,7 +349,7 @@ def life_of_many(life):
             life.relive(life.chance.choice([one for one in life.listening if one[0].running()]))
         else:
             victim = life.chance.choice(life.senders)[0]
-            life.befalls(victim.name + " is ended")
+            life.lived.append(victim.name + " is ended")
             victim.end(life.chance.choice((signal.SIGTERM, signal.SIGKILL)))
 
 
