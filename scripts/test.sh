@@ -104,10 +104,10 @@ run_checks() {
 
 run_long() {
     suite_by_itself "ten million messages" pelmo_tests Stalls.DISABLED_CarryTenMillion
-    suite_by_itself "endpoints, a minute" transport_tests \
-        ReliableEndpoints.DISABLED_CarryEverythingForAMinute
-    suite_by_itself "100,000 random lives of reliable endpoints" transport_tests \
-        ReliableLives.DISABLED_HoldThemOftener
+    RELIABLE_SECONDS=30 suite_by_itself "endpoints, a minute" transport_tests \
+        ReliableEndpoints.CarryEverythingBetweenEight
+    RELIABLE_SEEDS=100000 suite_by_itself "100,000 random lives of reliable endpoints" \
+        transport_tests ReliableLives.HoldAllPromises
     step "300 random lives of the whole bus, 8 minutes"
     python3 tests/e2e/bus_lives.py build/release/bin/{pelmobus,pmd} --seeds 0-299 --at-once "$((jobs + 1))"
     step "soak, 10 minutes"

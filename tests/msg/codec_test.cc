@@ -11,8 +11,8 @@
 #include "lib/msg/codec_internal.h"
 #include "lib/msg/text.h"
 #include "lib/msg/wire.h"
-#include "tests/support/codec_run.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/message_values.h"
 
 namespace {
 
@@ -54,7 +54,7 @@ void expectBothWays(const FieldValue& value, uint8_t wireType, const Bytes& byte
     for (size_t size = 0; size < bytes.size(); size += 1 + size / 100 * 977) {
         // A truth value may lack its byte: it isn't true then.
         const bool isSound = wireType == FIELD_BOOL && size == 1;
-        EXPECT_EQ(decode(wireType, firstBytes(bytes, size)).status,
+        EXPECT_EQ(decode(wireType, cut(bytes, size)).status,
                   isSound ? kStatusSuccess : kStatusCorruptMessage)
             << size;
     }
@@ -256,11 +256,11 @@ TEST(CodecHostile, ReadsHeadsOfRecordsOrRefusesThem) {
     for (const auto& [bytes, next, head] : cases) {
         SCOPED_TRACE(testing::PrintToString(bytes));
         for (size_t size = 1; size <= bytes.size(); ++size) {
-            const Bytes cut = firstBytes(bytes, size);
+            const Bytes part = cut(bytes, size);
             WireRecord record{};
             const bool whole = size == bytes.size() && next != 0;
-            ASSERT_EQ(wireRecordRead(cut.data(), cut.data() + size, record),
-                      whole ? cut.data() + next : nullptr);
+            ASSERT_EQ(wireRecordRead(part.data(), part.data() + size, record),
+                      whole ? part.data() + next : nullptr);
             if (!whole) continue;
             EXPECT_EQ(record.nameSize, head.nameSize);
             EXPECT_EQ(record.nameAreaSize, head.nameAreaSize);
@@ -296,7 +296,7 @@ TEST(CodecXml, TravelsCompressedWhateverThatGains) {
             const size_t need = 10 + stream.size();  // room for the largest prefixes
             const Encoded encoded = encode(value->field(), need);
             EXPECT_EQ(encoded.status, kStatusSuccess);
-            EXPECT_EQ(firstBytes(encoded.image, encoded.used),
+            EXPECT_EQ(cut(encoded.image, encoded.used),
                       Bytes{FIELD_XML} + documentValue(size, stream));
             EXPECT_EQ(encode(value->field(), need - 1).status, kStatusNoMemory);
         }
@@ -320,7 +320,7 @@ TEST(CodecXml, IsReadWhereTheStreamHoldsWhatItClaims) {
         {"with bytes after it", documentValue(5, stream + Bytes{1, 2, 3}), hello, 1},
         {"longer than it claims", documentValue(4, stream), {}, 1},
         {"shorter than it claims", documentValue(6, stream), {}, 1},
-        {"cut", documentValue(5, firstBytes(stream, stream.size() - 1)), {}, 1},
+        {"cut", documentValue(5, cut(stream, stream.size() - 1)), {}, 1},
         {"damaged", documentValue(5, damaged), {}, 1},
         {"no stream", documentValue(5, {}), {}, 0},
         {"much from little", documentValue(1 << 20, bomb), Bytes(1 << 20, 'x'), 1},

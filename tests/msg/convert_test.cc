@@ -13,7 +13,7 @@
 #include <sstream>
 
 #include "lib/base/bytes.h"
-#include "tests/support/codec_run.h"
+#include "tests/support/message_values.h"
 
 namespace {
 

@@ -111,13 +111,13 @@ TEST(Envelope, OpensWhateverOrderItsFieldsHaveOrStaysClosed) {
     const Bytes data = kData + kApp;
     const Opened kCorrupt = {.status = kStatusCorruptMessage};
     const auto reply = [&](const Bytes& value) {
-        return field("return", *blockValue(FIELD_STRING, value)) + data;
+        return recordOf("return", 0, *blockValue(FIELD_STRING, value)) + data;
     };
     Bytes badMagic = data;
     badMagic[12] ^= 1;
-    const Bytes text = field("x", *stringValue("y"));
-    const Bytes number = field("ro", *scalarValue(FIELD_I32, &FieldData::i32, 5));
-    const Bytes wrappedId = kData + outer(field("_data_", *stringValue("v"), 5));
+    const Bytes text = recordOf("x", 0, *stringValue("y"));
+    const Bytes number = recordOf("ro", 0, *scalarValue(FIELD_I32, &FieldData::i32, 5));
+    const Bytes wrappedId = kData + outer(recordOf("_data_", 5, *stringValue("v")));
     const struct {
         const char* what;
         Bytes fields;
@@ -127,11 +127,11 @@ TEST(Envelope, OpensWhateverOrderItsFieldsHaveOrStaysClosed) {
         {"all",
          kSubAB + kReturnR + kMtypeD + kCid + data,
          {.send = "A.B", .reply = "R", .port = 7500}},
-        {"ro and cmnam", number + field("cmnam", *noneValue()) + data, {.flags = 131}},
-        {"pmtx", field("pmtx", *noneValue()) + data, {.flags = 132}},
+        {"ro and cmnam", number + recordOf("cmnam", 0, *noneValue()) + data, {.flags = 131}},
+        {"pmtx", recordOf("pmtx", 0, *noneValue()) + data, {.flags = 132}},
         {"another", text + data, {.flags = 128}},
         {"names that begin alike",
-         field("subs", *noneValue()) + field("c", *noneValue()) + data,
+         recordOf("subs", 0, *noneValue()) + recordOf("c", 0, *noneValue()) + data,
          {.flags = 128}},
         {"bytes as the subject", Bytes{4, 's', 'u', 'b', 0, 7, 121, 0, 3, 0} + data, {}},
         {"data first", data + kSubAB, {.send = "A.B", .after = outer(kSubAB + data)}},
@@ -140,7 +140,7 @@ TEST(Envelope, OpensWhateverOrderItsFieldsHaveOrStaysClosed) {
          kSubAB,
          {.shown = "{}", .send = "A.B", .after = outer(kSubAB + kData + outer({}))}},
         {"a text as data, with an id, first",
-         field("data", *stringValue("v"), 5) + kSubAB,
+         recordOf("data", 5, *stringValue("v")) + kSubAB,
          {.shown = "{_data_[5]=\"v\"}", .send = "A.B", .after = outer(kSubAB + wrappedId)}},
         {"reply of 254 characters",
          reply(Bytes(254, 'r') + Bytes{0}),
@@ -151,7 +151,7 @@ TEST(Envelope, OpensWhateverOrderItsFieldsHaveOrStaysClosed) {
         {"reply whose prefix doesn't cover itself",
          Bytes{7, 'r', 'e', 't', 'u', 'r', 'n', 0, 8, 121, 0, 0} + data, kCorrupt},
         {"subject in a short class", Bytes{4, 's', 'u', 'b', 0, 2, 3, 0, 3, 0} + data, kCorrupt},
-        {"subject as a text", field("sub", *stringValue("A.B")) + data, kCorrupt},
+        {"subject as a text", recordOf("sub", 0, *stringValue("A.B")) + data, kCorrupt},
         {"data with another magic", badMagic, kCorrupt},
         {"data without a head", Bytes{5, 'd', 'a', 't', 'a', 0, 1, 122, 0, 0, 0, 4}, kCorrupt},
         {"a record that is cut off", {2, 'a'}, kCorrupt},
@@ -224,7 +224,7 @@ TEST(Envelope, IsCreatedAroundFieldsOrBytes) {
         ASSERT_EQ(msgCreateWithOpaque(&made, "A.B", "R", bytes.data(), size), kStatusSuccess);
         EXPECT_EQ(wireOf(Message(made).get()),
                   outer(kSubAB + kReturnR + kMtypeD + kData +
-                        outer(field("", *blockValue(FIELD_OPAQUE, bytes)))));
+                        outer(recordOf("", 0, *blockValue(FIELD_OPAQUE, bytes)))));
     }
     EXPECT_EQ(msgCreateEnveloped(&made, nullptr, nullptr, UINT32_MAX), kStatusNoMemory);
     EXPECT_EQ(msgCreateWithOpaque(&made, nullptr, nullptr, "", UINT32_MAX), kStatusNoMemory);

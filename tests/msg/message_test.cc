@@ -335,7 +335,7 @@ pelmoStatus becomeText(pelmoMsg* msg) {
 TEST(Message, AnswersEachFailedAllocationAndStaysAsItWas) {
     const Bytes rich = richImage();
     const SharedValue value = stringValue(std::string(50000, 'l'));
-    const Bytes foreign = field("x", *value, 7);
+    const Bytes foreign = recordOf("x", 7, *value);
     const char* text = nullptr;
     int32_t number = 0;
     const int64_t* wide = nullptr;
@@ -355,7 +355,7 @@ TEST(Message, AnswersEachFailedAllocationAndStaysAsItWas) {
          [&](auto* msg) { return pelmoMsg_GetI64Array(msg, "n", &wide, &count, 0); }},
         {"strip", outer(foreign + kReturnR + kData + kApp), msgStripEnvelope},
         {"open, data moves", outer(kData + kApp + foreign), msgOpenEnvelope},
-        {"open, data is wrapped", outer(field("data", *value)), msgOpenEnvelope},
+        {"open, data is wrapped", outer(recordOf("data", 0, *value)), msgOpenEnvelope},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(step.what);

@@ -9,8 +9,9 @@
 
 #pragma once
 
-#include <cstdio>
 #include <map>
+#include <span>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -47,46 +48,41 @@ struct CoreWire : NoCopy {
         pelmoMsg_Destroy(message);
     }
 
-    // The peer sends; `destId` 0: the id that the core told last.
-    void take(const WirePacket& packet, uint32_t destId = 0) {
+    // The peer sends to the id that the core told last.
+    void take(const WirePacket& packet) {
         std::vector<uint8_t> payload;
         for (uint32_t i = 0; i < packet.messages; ++i) {
             const uint8_t* const image = msgImage(message);
             payload.insert(payload.end(), image, image + message->length);
         }
         const bool isFirst = (packet.flags & kFlagSyn) != 0 && packet.ack == 0;
-        const uint32_t to = destId != 0 ? destId : coreIds[port];
         const bool isReset = (packet.flags & kFlagRst) != 0;
         takeRaw({.sourceId = isReset ? 0 : peerId(),
-                 .destId = isFirst ? 0 : to,
+                 .destId = isFirst ? 0 : coreIds[port],
                  .seq = packet.seq,
                  .ack = packet.ack,
                  .flags = packet.flags,
                  .window = packet.window},
                 nullptr, payload);
     }
-
     void takeRaw(const PacketHeader& header,
                  const FragmentOption* fragment,
                  const std::vector<uint8_t>& payload) {
         uint8_t head[kMostHeadBytes];
-        const uint32_t headBytes = packetWriteHead(head, header, fragment);
-        std::vector<uint8_t> bytes(head, head + headBytes);
+        std::vector<uint8_t> bytes(head, head + packetWriteHead(head, header, fragment));
         bytes.insert(bytes.end(), payload.begin(), payload.end());
-        EndpointOutput out = {};
         endpointTakeDatagram(&core, now, address(), bytes, &out);
-        keep(out);
+        keep();
     }
 
     pelmoStatus send(uint32_t messages = 1, bool delaySmall = false) {
         return sendAll(std::vector<pelmoMsg*>(messages, message), delaySmall);
     }
     pelmoStatus sendAll(const std::vector<pelmoMsg*>& list, bool delaySmall) {
-        EndpointOutput out = {};
         ReliableConnection* waits = nullptr;
         const pelmoStatus status =
             endpointSend(&core, now, address(), list, delaySmall, &waits, &out);
-        keep(out);
+        keep();
         return status;
     }
 
@@ -97,26 +93,21 @@ struct CoreWire : NoCopy {
         while (endpointNextDeadline(&core) <= begin + seconds) {
             now = endpointNextDeadline(&core);
             elapsed = now - begin;
-            EndpointOutput out = {};
             if (!endpointTick(&core, now, &out)) std::abort();
-            keep(out);
+            keep();
         }
         now = begin + seconds;
         elapsed = -1;
     }
 
     void closeBegin(bool flush) {
-        EndpointOutput out = {};
         endpointCloseBegin(&core, now, flush, &out);
-        keep(out);
+        keep();
     }
     void closeEnd() {
-        bool isMore = true;
-        while (isMore) {
-            EndpointOutput out = {};
-            isMore = endpointCloseEnd(&core, now, &out);
-            keep(out);
-        }
+        while (endpointCloseEnd(&core, now, &out))
+            keep();
+        keep();
     }
 
     // All that was done since the last call.
@@ -144,65 +135,55 @@ struct CoreWire : NoCopy {
         return kNames[state];
     }
 
-    static void add(std::string& text, const char* separator, const std::string& more) {
-        if (!text.empty()) text += separator;
-        text += more;
-    }
-
-    static void onSend(void* self, const PeerAddress&, const OutDatagram& datagram) {
-        static_cast<CoreWire*>(self)->tellSent(datagram);
-    }
-
-    void tellSent(const OutDatagram& datagram) {
-        std::vector<uint8_t> bytes(datagram.head.begin(), datagram.head.end());
-        bytes.insert(bytes.end(), datagram.payload.begin(), datagram.payload.end());
-        Packet packet;
-        if (!packetRead(bytes, &packet)) std::abort();
-        const PacketHeader& header = packet.header;
-        const bool isReset = (header.flags & kFlagRst) != 0;
-        if (!isReset) coreIds[port] = header.sourceId;
-        std::string text = (header.flags & kFlagSyn) != 0   ? "SYN"
-                           : (header.flags & kFlagFin) != 0 ? "FIN"
-                           : isReset                        ? "RST"
-                           : packet.payload.empty()         ? "ACK"
-                                                            : "DATA";
-        if ((header.flags & kFlagCloseNotice) != 0) text += "!";
-        text += " " + std::to_string(header.seq);
-        if (!isReset) text += "/" + std::to_string(header.ack);
-        if (elapsed >= 0) {
-            char at[32];
-            std::snprintf(at, sizeof at, " at %g", elapsed);
-            text += at;
-        }
-        add(sent, ", ", text);
-    }
-
-    void keep(const EndpointOutput& out) {
-        if (out.messages != nullptr) {
-            received += out.messages->count;
-            for (uint32_t i = 0; i < out.messages->count; ++i)
-                msgRelease(static_cast<pelmoMsg*>(out.messages->items[i]));
-            dpaDestroy(out.messages);
-        }
-        for (uint32_t i = 0; i < out.lossCount; ++i) {
-            const LossReport& loss = out.losses[i];
-            const std::string bytes = std::to_string(loss.bytes);
-            add(lost, ", ", (loss.inbound ? "in lost " : "out lost ") + bytes);
-        }
-        notices |= out.notices;
-    }
-
     EndpointCore core = {};
     pelmoMsg* message = nullptr;
     double now = kWireBegin;
     uint16_t port = 1;  // of the peer that sends and is sent to
     uint32_t life = 0;  // how often it has started again
 
-    uint32_t lastDrawn = 0;
     std::map<uint16_t, uint32_t> coreIds;
-    double elapsed = -1;
     std::string sent, lost;
-    uint32_t received = 0;
     uint32_t notices = 0;
+
+  private:
+    static void add(std::string& text, const char* separator, const std::string& more) {
+        text += (text.empty() ? "" : separator) + more;
+    }
+
+    static void onSend(void* closure, const PeerAddress&, const OutDatagram& datagram) {
+        auto* const self = static_cast<CoreWire*>(closure);
+        std::vector<uint8_t> bytes(datagram.head.begin(), datagram.head.end());
+        bytes.insert(bytes.end(), datagram.payload.begin(), datagram.payload.end());
+        Packet packet;
+        if (!packetRead(bytes, &packet)) std::abort();
+        const PacketHeader& header = packet.header;
+        const bool isReset = (header.flags & kFlagRst) != 0;
+        if (!isReset) self->coreIds[self->port] = header.sourceId;
+        std::ostringstream text;
+        text << ((header.flags & kFlagSyn) != 0   ? "SYN"
+                 : (header.flags & kFlagFin) != 0 ? "FIN"
+                 : isReset                        ? "RST"
+                 : packet.payload.empty()         ? "ACK"
+                                                  : "DATA")
+             << ((header.flags & kFlagCloseNotice) != 0 ? "! " : " ") << header.seq;
+        if (!isReset) text << '/' << header.ack;
+        if (self->elapsed >= 0) text << " at " << self->elapsed;
+        add(self->sent, ", ", text.str());
+    }
+
+    void keep() {
+        for (uint32_t i = 0; out.messages != nullptr && i < out.messages->count; ++i, ++received)
+            msgRelease(static_cast<pelmoMsg*>(out.messages->items[i]));
+        dpaDestroy(out.messages);
+        for (const LossReport& loss : std::span(out.losses, out.lossCount))
+            add(lost, ", ", (loss.inbound ? "in lost " : "out lost ") + std::to_string(loss.bytes));
+        notices |= out.notices;
+        out = {};
+    }
+
+    EndpointOutput out = {};
+    uint32_t lastDrawn = 0;
+    double elapsed = -1;
+    uint32_t received = 0;
     ConnectionState stateTold = kClosed;
 };

@@ -67,7 +67,3 @@ inline std::string outerTextOf(pelmoMsg* msg) {
 }
 
 inline const std::string kNotFound = "status 35";
-
-inline Bytes field(const char* name, const FieldValue& value, uint16_t id = 0) {
-    return recordOf(name, id, value);
-}

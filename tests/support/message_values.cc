@@ -7,7 +7,6 @@
 #include <span>
 
 #include "lib/base/bytes.h"
-#include "tests/support/packet_builder.h"
 
 namespace {
 

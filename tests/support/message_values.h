@@ -4,13 +4,14 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "lib/msg/codec_internal.h"
 #include "lib/msg/message_internal.h"
-
-using Bytes = std::vector<uint8_t>;
+#include "tests/support/packet_builder.h"
 
 inline Bytes operator+(Bytes left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
@@ -94,3 +95,63 @@ template <typename Word>
 
 // An image of such records.
 [[nodiscard]] Bytes imageOf(const std::vector<Bytes>& records);
+
+// The encoder or decoder of one field by itself. Bytes are in vectors of exact size, so that the
+// address sanitizer sees an access beyond them.
+
+// The filler of bytes that aren't written.
+inline constexpr uint8_t kUntouched = 0xee;
+
+struct Encoded {
+    pelmoStatus status;
+    Bytes image;  // the type byte, and the room
+    size_t used;
+};
+
+inline Encoded encode(const pelmoMsgField& field, size_t room) {
+    Bytes image(1 + room, kUntouched);
+    image[0] = field.type;
+    WriteCursor cursor{image.data() + 1, image.data() + image.size()};
+    const pelmoStatus status = fieldEncoders[field.type](cursor, field);
+    return {status, image, static_cast<size_t>(cursor.at - image.data())};
+}
+
+struct FreeBlock {
+    void operator()(void* block) const { std::free(block); }
+};
+using OwnedBlock = std::unique_ptr<void, FreeBlock>;
+
+struct Decoded {
+    Bytes bytes;
+    pelmoStatus status = kStatusSuccess;
+    pelmoMsgField field;
+    Disposition disposition = kDataByValue;
+    size_t used = 0;
+    OwnedBlock block;
+};
+
+inline bool isList(uint8_t type) {
+    return type == FIELD_STRINGARRAY || type == FIELD_MSGARRAY;
+}
+
+inline Decoded decode(uint8_t wireType, const Bytes& bytes) {
+    Decoded out;
+    out.bytes = Bytes(bytes.data(), bytes.data() + bytes.size());
+    out.field.type = wireType;
+    const uint8_t* begin = out.bytes.data();
+    ReadCursor cursor{begin, begin + out.bytes.size()};
+    out.status = fieldDecoders[wireType](cursor, out.field, out.disposition);
+    if (out.status != kStatusSuccess) return out;
+    out.used = static_cast<size_t>(cursor.at - begin);
+    const bool listInImage = out.disposition == kDataInImage && isList(wireType);
+    if (out.disposition == kDataOwnedBlock || listInImage) {
+        out.block.reset(const_cast<void*>(out.field.data.pointer));
+    }
+    return out;
+}
+
+// Size prefix and value as in an image.
+inline Bytes wireBytes(const FieldValue& value) {
+    const Bytes record = recordOf(nullptr, 0, value);
+    return Bytes(record.begin() + 2, record.end());
+}

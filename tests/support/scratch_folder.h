@@ -2,27 +2,56 @@
 
 #pragma once
 
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "tests/support/test.h"
 
-void writeFile(const std::string& path, const std::string& text);
+inline void writeFile(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
 
 // The whole text; empty where the file can't be read.
-[[nodiscard]] std::string readFile(const std::string& path);
+[[nodiscard]] inline std::string readFile(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
 
 struct Folder : NoCopy {
-    Folder();
-    ~Folder();
+    Folder() { EXPECT_NE(mkdtemp(root.data()), nullptr); }
+    ~Folder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(root, ignored);
+    }
 
     [[nodiscard]] std::string path(const std::string& name) const { return root + "/" + name; }
 
     // The names in it.
-    [[nodiscard]] std::set<std::string> names() const;
+    [[nodiscard]] std::set<std::string> names() const {
+        std::set<std::string> all;
+        for (const auto& entry : std::filesystem::directory_iterator(root))
+            all.insert(entry.path().filename().string());
+        return all;
+    }
 
     // Each entry as "name=text", text being the file's first line; a folder is "name=".
-    [[nodiscard]] std::set<std::string> entries() const;
+    [[nodiscard]] std::set<std::string> entries() const {
+        std::set<std::string> all;
+        for (const std::string& name : names()) {
+            std::ifstream file(path(name));
+            std::string text;
+            std::getline(file, text);
+            all.insert(name + "=" + text);
+        }
+        return all;
+    }
 
-    std::string root;  // absolute, no "/" at its end
+    std::string root = testing::TempDir() + "pelmo_XXXXXX";  // absolute, no "/" at its end
 };

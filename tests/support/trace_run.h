@@ -19,10 +19,18 @@
 
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 
 #include "tests/support/packet_builder.h"
+#include "tests/support/scratch_folder.h"
 #include "tests/support/test.h"
+#include "trace/capture/capture_file.h"
+#include "trace/capture/capture_session.h"
+#include "trace/capture/capture_state.h"
+#include "trace/capture/frame.h"
+#include "trace/settings.h"
 
 using Lines = std::vector<std::string>;
 
@@ -46,3 +54,66 @@ void analyze(const std::vector<Bytes>& packets);
 
 // The lines that begin like that, all where nothing is told.
 Lines treeText(const std::string& begin = "");
+
+// Gives the frame to the handler; was it handed on? On the wire it was longer than anything.
+inline bool handleFrame(const Bytes& frame) {
+    static thread_local bool handedOn;
+    handedOn = false;
+    CaptureContext context = {[](TimeSpec, const uint8_t*, size_t) { handedOn = true; }};
+    const auto sizeBytes = static_cast<bpf_u_int32>(frame.size());
+    const pcap_pkthdr header = {.ts = {}, .caplen = sizeBytes, .len = UINT32_MAX};
+    frameHandler(reinterpret_cast<u_char*>(&context), &header, frame.data());
+    return handedOn;
+}
+
+// To the state at the start of the process: files closed, nothing saved.
+inline void resetCapture() {
+    captureFileClose();
+    if (captureState.captureHandle != nullptr) pcap_close(captureState.captureHandle);
+    captureState.captureHandle = nullptr;
+    captureState.savingFrames = false;
+    captureState.shuttingDown = false;
+}
+
+// A run that saves its frames, without a capture: the state, the frame handler, and a file in a
+// folder of its own. At the end all is as at the start of the process.
+struct SavingRun : testing::Test {
+    SavingRun() { captureState.captureHandle = pcap_open_dead(DLT_EN10MB, 65535); }
+    ~SavingRun() override {
+        resetCapture();
+        traceSettings = {};
+    }
+
+    // By a name in the folder, or an absolute path.
+    void open(const char* name) {
+        path = name[0] == '/' ? name : folder.path(name);
+        traceSettings.writeFile = path.c_str();
+        ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
+        captureState.savingFrames = true;
+    }
+
+    TraceRun run;
+    const Folder folder;
+    std::string path;
+};
+
+// Capture files built byte by byte in libpcap's classic format, in either byte order.
+
+struct SavedFrame {
+    int32_t seconds;
+    uint32_t microseconds;
+    Bytes bytes;
+};
+
+struct CaptureStyle {
+    bool bigEndian = false;
+    bool nanoseconds = false;  // fractions of time stamps are nanoseconds
+    uint32_t snapshotBytes = 65535;
+    uint32_t linkType = 1;  // Ethernet
+};
+
+constexpr size_t kCaptureHeadBytes = 24;
+constexpr size_t kRecordHeadBytes = 16;
+
+[[nodiscard]] std::string captureText(const std::vector<SavedFrame>& frames,
+                                      const CaptureStyle& style = {});

@@ -11,9 +11,8 @@
 #include <filesystem>
 #include <thread>
 
-#include "tests/support/capture_file.h"
-#include "tests/support/saving_run.h"
 #include "tests/support/test.h"
+#include "tests/support/trace_run.h"
 #include "trace/capture/capture_rotation.h"
 
 namespace {

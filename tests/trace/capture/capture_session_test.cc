@@ -9,8 +9,6 @@
 #include <fstream>
 #include <thread>
 
-#include "tests/support/capture_file.h"
-#include "tests/support/capture_reset.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/trace_run.h"
 

@@ -4,7 +4,6 @@
 
 #include <map>
 
-#include "tests/support/capture_reset.h"
 #include "tests/support/trace_run.h"
 #include "trace/counts/snapshot.h"
 #include "trace/counts/snapshot_totals.h"

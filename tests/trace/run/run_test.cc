@@ -9,8 +9,6 @@
 #include "lib/pelmo.h"
 #include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
-#include "tests/support/capture_file.h"
-#include "tests/support/capture_reset.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/test.h"
 #include "tests/support/trace_run.h"

@@ -40,13 +40,16 @@ struct TestQueue : NoCopy {
             bytes.append(static_cast<char*>(list.entries[i].iov_base), list.entries[i].iov_len);
         }
         EXPECT_EQ(bytes.size(), list.total);
+        if (list.count < list.capacity) {
+            EXPECT_EQ(bytes.size(), std::min<uint64_t>(most, writeQueueBytes(&queue)));
+        }
         return bytes;
     }
     [[nodiscard]] uint32_t waiting() const { return queue.ring != nullptr ? queue.ring->count : 0; }
 
     WriteQueue queue;
-    iovec entries[1024];
-    GatherList list = {.capacity = 1024, .count = 0, .total = 0, .entries = entries};
+    iovec entries[50];
+    GatherList list = {.capacity = 50, .count = 0, .total = 0, .entries = entries};
 };
 
 // Of which messages become one record, and in which order they leave.
@@ -104,7 +107,7 @@ TEST(WriteQueue, KeepsLittleRoomForNobody) {
     }
     EXPECT_LT(test.queue.bufferBytes, expected.size() + 300'000);
     EXPECT_EQ(writeQueueBytes(&test.queue), expected.size());
-    EXPECT_EQ(test.gather().substr(0, 1'000'000), expected.substr(0, 1'000'000));
+    EXPECT_TRUE(expected.starts_with(test.gather()));
 }
 
 // Random messages, limits, sends and failing allocations: every byte of what was taken leaves once
@@ -143,17 +146,6 @@ TEST(WriteQueue, SendsEachByteOnceInOrder) {
     }
     EXPECT_TRUE(sent == expected);
     EXPECT_TRUE(test.queue.ring == nullptr || test.queue.ring->capacity <= 64u);
-}
-
-// The list's capacity and the limit of bytes cut what is gathered.
-TEST(WriteQueue, GathersWithinTheList) {
-    TestQueue test;
-    for (int i = 0; i < 1'100; ++i)
-        ASSERT_EQ(test.add(2100, 'x'), kStatusSuccess);
-    EXPECT_EQ(test.gather().size(), 1'024u * 2100);
-    EXPECT_EQ(test.list.capacity, 1'024u);
-    EXPECT_EQ(test.gather(4'196).size(), 4'196u);
-    EXPECT_EQ(test.list.count, 2u);
 }
 
 TEST(WriteQueue, ChecksTheAge) {

@@ -54,28 +54,28 @@ TEST(Packet, HasOneForm) {
 }
 
 TEST(Packet, CarriesWindowsAndBoundsThem) {
-    for (const auto& [window, read] :
-         std::vector<std::pair<uint64_t, uint64_t>>{{0, 0},
-                                                    {32, 32},
-                                                    {0xffff, 0xffff},
-                                                    {0x10001, 0x10000},
-                                                    {0x1fffff, 0x1fffe0},
-                                                    {kMostWindow - 1, 0xffff0000},
-                                                    {kMostWindow, kMostWindow},
-                                                    {UINT64_MAX, kMostWindow}}) {
+    const struct {
+        uint64_t window, read;
+    } written[] = {{0, 0},
+                   {32, 32},
+                   {0xffff, 0xffff},
+                   {0x10001, 0x10000},
+                   {0x1fffff, 0x1fffe0},
+                   {kMostWindow - 1, 0xffff0000},
+                   {UINT64_MAX, kMostWindow}};
+    for (const auto& [window, read] : written) {
         PacketHeader header = kHeader;
         header.window = window;
         Packet packet;
         ASSERT_TRUE(packetRead(headOf(header, nullptr), &packet));
         EXPECT_EQ(packet.header.window, read) << window;
     }
-    for (const auto& [mantissa, shift, read] :
-         std::vector<std::tuple<uint8_t, uint8_t, uint64_t>>{{0, 255, 0},
-                                                             {1, 31, 1u << 31},
-                                                             {1, 32, kMostWindow},
-                                                             {1, 33, kMostWindow},
-                                                             {1, 64, kMostWindow},
-                                                             {255, 255, kMostWindow}}) {
+    const struct {
+        uint8_t shift, mantissa;
+        uint64_t read;
+    } arrived[] = {{255, 0, 0},          {31, 1, 1u << 31},    {32, 1, kMostWindow},
+                   {33, 1, kMostWindow}, {64, 1, kMostWindow}, {255, 255, kMostWindow}};
+    for (const auto& [shift, mantissa, read] : arrived) {
         Bytes datagram = kGolden;
         datagram[25] = shift;
         datagram[26] = 0;

@@ -116,58 +116,48 @@ struct ReliableEndpoints : testing::Test {
     }
 };
 
-// Each to its neighbours on both sides, as fast as it goes, so that senders wait for the road.
-void everybodySends(int seconds, uint32_t neighbours) {
+// Each to its neighbours on both sides, as fast as it goes, so that senders wait for the road; for
+// a second, or as many as RELIABLE_SECONDS says.
+TEST_F(ReliableEndpoints, CarryEverythingBetweenEight) {
     constexpr uint32_t kEnds = 8;
     constexpr size_t kPads[] = {0, 100, 1400, 30, 5000, 200, 1412, 40'000};
-    End ends[kEnds];
-    std::atomic<bool> isOver = false;
-    uint64_t sent[kEnds] = {};
-    for (End& end : ends)
-        ASSERT_EQ(end.open(0), kStatusSuccess);
-    const auto run = [&](uint32_t self) {
-        for (uint64_t round = 0; !isOver; ++round) {
-            for (uint32_t distance = 1; distance < kEnds; ++distance) {
-                if (distance > neighbours && distance < kEnds - neighbours) continue;
-                const uint32_t to = (self + distance) % kEnds;
-                const Message message = numbered(self, round, kPads[(round + to) % 8]);
-                EXPECT_EQ(ends[self].send(ends[to].port(), message.get()), kStatusSuccess);
-                ++sent[self];
-            }
-        }
-    };
-    std::vector<std::thread> senders;
-    for (uint32_t self = 0; self < kEnds; ++self)
-        senders.emplace_back(run, self);
-    (void)poll(nullptr, 0, seconds * 1000);
-    isOver = true;
-    uint64_t all = 0;
-    for (uint32_t self = 0; self < kEnds; ++self) {
-        senders[self].join();
-        all += sent[self];
-    }
-    const auto sum = [&](std::atomic<uint64_t> End::*count) {
-        uint64_t total = 0;
+    for (const bool disablesRuns : {false, true}) {
+        if (disablesRuns) setenv("PELMO_DISABLE_UDP_SEGMENT", "1", 1);
+        End ends[kEnds];
         for (End& end : ends)
-            total += end.*count;
-        return total;
-    };
-    EXPECT_TRUE(within(60, [&] { return sum(&End::taken) == all; }))
-        << sum(&End::taken) << " of " << all;
-    EXPECT_EQ(sum(&End::outOfOrder), 0u);
-    EXPECT_EQ(sum(&End::lost), 0u);
-    for (End& end : ends)
-        end.close(true);
-}
-
-TEST_F(ReliableEndpoints, CarryEverythingBetweenEight) {
-    everybodySends(1, 1);
-    setenv("PELMO_DISABLE_UDP_SEGMENT", "1", 1);
-    everybodySends(1, 1);
-    unsetenv("PELMO_DISABLE_UDP_SEGMENT");
-}
-TEST_F(ReliableEndpoints, DISABLED_CarryEverythingForAMinute) {
-    everybodySends(60, 4);
+            ASSERT_EQ(end.open(0), kStatusSuccess);
+        unsetenv("PELMO_DISABLE_UDP_SEGMENT");
+        std::atomic<bool> isOver = false;
+        std::atomic<uint64_t> sent = 0;
+        std::vector<std::thread> senders;
+        for (uint32_t self = 0; self < kEnds; ++self) {
+            senders.emplace_back([&, self] {
+                for (uint64_t round = 0; !isOver; ++round) {
+                    for (const uint32_t to : {(self + 1) % kEnds, (self + kEnds - 1) % kEnds}) {
+                        const Message message = numbered(self, round, kPads[(round + to) % 8]);
+                        EXPECT_EQ(ends[self].send(ends[to].port(), message.get()), kStatusSuccess);
+                        ++sent;
+                    }
+                }
+            });
+        }
+        const char* const seconds = std::getenv("RELIABLE_SECONDS");
+        (void)poll(nullptr, 0, seconds != nullptr ? std::atoi(seconds) * 1'000 : 1'000);
+        isOver = true;
+        for (std::thread& sender : senders)
+            sender.join();
+        const auto areTaken = [&] {
+            uint64_t taken = 0;
+            for (const End& end : ends)
+                taken += end.taken;
+            return taken == sent;
+        };
+        EXPECT_TRUE(within(60, areTaken));
+        for (End& end : ends) {
+            end.close(true);
+            EXPECT_TRUE(end.outOfOrder == 0 && end.lost == 0);
+        }
+    }
 }
 
 // Runs of equal datagrams for one of two peers, cut by the kernel or, where it refuses, one by one;
@@ -255,56 +245,42 @@ TEST_F(ReliableEndpoints, LetSendersWait) {
     }
 }
 
-TEST_F(ReliableEndpoints, FlushAtTheClose) {
-    for (const bool isLibraryClosed : {false, true}) {
+// A peer that takes one packet each half second takes more than five seconds for twelve.
+TEST_F(ReliableEndpoints, FlushAsLongAsSomethingMoves) {
+    const struct {
+        bool closesLibrary;
+        uint64_t messages;
+        int pauseMs;
+    } cases[] = {{false, 200, 0}, {true, 200, 0}, {true, 12, 500}};
+    for (const auto& c : cases) {
+        if (!libraryIsOpen()) {
+            EXPECT_EQ(pelmo_Open(), kStatusSuccess);
+        }
         End end(0);
         DatagramWire wire;
-        std::vector<Message> messages;
-        for (uint64_t number = 0; number < 200; ++number) {
-            messages.push_back(numbered(1, number, 1350));
-            EXPECT_EQ(end.send(wire.port, messages.back().get()), kStatusSuccess);
-        }
+        for (uint64_t number = 0; number < c.messages; ++number)
+            EXPECT_EQ(end.send(wire.port, numbered(1, number, 1350).get()), kStatusSuccess);
         std::atomic<uint64_t> seen = 0;
         std::thread peer([&] {
             const uint32_t id = wire.accept();
             uint8_t flags = 0;
-            while (seen < 200) {
+            while (seen < c.messages) {
                 const DatagramWire::Header got = wire.read();
                 if (got.source == 0) return;
-                if (got.seq == seen + 2) ++seen;
                 flags |= got.flags;
+                if (got.seq != seen + 2 && c.pauseMs != 0) continue;
+                if (got.seq == seen + 2) ++seen;
+                (void)poll(nullptr, 0, c.pauseMs);
                 wire.write({DatagramWire::kId, id, 1, seen + 2, 0});
             }
             EXPECT_EQ(flags & 8, 8) << "the notice of the close";
         });
-        if (isLibraryClosed) pelmo_Close();
-        end.close(true);
+        if (c.closesLibrary) pelmo_Close();
+        const EndpointUnsent unsent = end.close(true);
         peer.join();
-        EXPECT_TRUE(seen == 200 && end.lost == 0);
+        EXPECT_TRUE(seen == c.messages && end.lost == 0);
+        EXPECT_TRUE(unsent.messages == 0 && unsent.bytes == 0);
     }
-}
-
-// A peer that takes one packet each half second takes more than five seconds for all.
-TEST_F(ReliableEndpoints, FlushAsLongAsSomethingMoves) {
-    constexpr uint64_t kMessages = 12;
-    End end(0);
-    DatagramWire wire;
-    for (uint64_t number = 0; number < kMessages; ++number)
-        EXPECT_EQ(end.send(wire.port, numbered(1, number, 1350).get()), kStatusSuccess);
-    std::thread peer([&] {
-        const uint32_t id = wire.accept();
-        for (uint64_t next = 2; next < 2 + kMessages;) {
-            const DatagramWire::Header got = wire.read();
-            if (got.source == 0) return;
-            if (got.seq != next) continue;
-            (void)poll(nullptr, 0, 500);
-            wire.write({DatagramWire::kId, id, 1, ++next, 0});
-        }
-    });
-    pelmo_Close();
-    const EndpointUnsent unsent = end.close(true);
-    peer.join();
-    EXPECT_TRUE(unsent.messages == 0 && unsent.bytes == 0 && end.lost == 0);
 }
 
 // To a peer that doesn't answer: messages that share a packet, and one in fragments.
