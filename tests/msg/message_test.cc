@@ -162,7 +162,8 @@ TEST(Message, ReadsWhatOthersWriteOtherwise) {
 }
 
 TEST(Message, KeepsTheBytesOfAFieldThatItCannotDecode) {
-    const Message msg = messageFrom(imageOf({{2, 'a', 0, 11, 1, 5}, {0, 99, 2, 8, 9}}));
+    const Message msg =
+        messageFrom(imageOf({{2, 'a', 0, 11, 1, 5}, {0, 99, 2, 8, 9}, {2, 'z', 0, 11, 1, 5}}));
     pelmoMsgField field;
     ASSERT_EQ(pelmoMsg_GetFieldBytes(msg.get(), &field, 1), kStatusSuccess);
     EXPECT_EQ(pelmoMsg_RemoveFieldEx(msg.get(), "a", 0), kStatusSuccess);
