@@ -4,7 +4,7 @@
 #include <future>
 
 #include "lib/transport/circuit/circuit_internal.h"
-#include "tests/pelmo/daemon_stand.h"
+#include "tests/pelmo/daemon_fixture.h"
 #include "tests/support/circuit_fixture.h"
 #include "tests/support/test.h"
 
@@ -157,7 +157,7 @@ TEST_F(Circuits, EndWhileAllGoesOn) {
     open();
 }
 
-using CircuitsOverADaemon = DaemonStand;
+using CircuitsOverADaemon = DaemonFixture;
 
 // The handshake of a peer that doesn't exist: the daemon of these tests passes nothing on.
 uint32_t connectedCircuit(uint32_t transport) {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "lib/transport/ipq/ipq.h"
-#include "tests/pelmo/daemon_stand.h"
+#include "tests/pelmo/daemon_fixture.h"
 
 namespace {
 
@@ -24,12 +24,13 @@ double secondsOf(const std::function<void()>& act) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Who ends it.
-enum class Ender { kDestroy, kDestroyInCallback, kClose, kCloseInCallback };
-constexpr Ender kEnders[] = {Ender::kDestroy, Ender::kDestroyInCallback, Ender::kClose,
-                             Ender::kCloseInCallback};
+// What ends it: a destroy or the library's close, called by the test or in a callback.
+struct Ender {
+    bool closes, inCallback;
+};
+constexpr Ender kEnders[] = {{false, false}, {false, true}, {true, false}, {true, true}};
 
-struct DaemonCloses : DaemonStand {
+struct DaemonCloses : DaemonFixture {
     // Runs it on the thread of the dispatcher.
     void inCallback(const std::function<void()>& act) const {
         struct Call {
@@ -50,22 +51,19 @@ struct DaemonCloses : DaemonStand {
 
     // Seconds until it has ended.
     double end(Ender ender, pelmoStatus status = kStatusSuccess) {
-        const auto destroy = [&] { EXPECT_EQ(pelmoTransport_Destroy(transport), status); };
-        const auto close = [status] { EXPECT_EQ(pelmo_Close(), status); };
-        const auto timed = [&](const std::function<void()>& act, bool inside) {
-            if (!inside) return secondsOf(act);
-            double seconds = 0;
-            inCallback([&] { seconds = secondsOf(act); });
-            return seconds;
+        double seconds = 0;
+        const auto act = [&] {
+            seconds = secondsOf([&] {
+                EXPECT_EQ(ender.closes ? pelmo_Close() : pelmoTransport_Destroy(transport), status);
+            });
         };
-        const bool destroys = ender == Ender::kDestroy || ender == Ender::kDestroyInCallback;
-        const bool inside = ender == Ender::kDestroyInCallback || ender == Ender::kCloseInCallback;
-        return destroys ? timed(destroy, inside) : timed(close, inside);
+        ender.inCallback ? inCallback(act) : act();
+        return seconds;
     }
 
     // For the next row, which counts from there.
     void reopen(Ender ender, const Leftovers& before) {
-        if (ender == Ender::kClose || ender == Ender::kCloseInCallback) {
+        if (ender.closes) {
             EXPECT_EQ(pelmo_Open(), kStatusSuccess);
             EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
         }
@@ -84,7 +82,7 @@ TEST_F(DaemonCloses, OfTheLibraryEndAConnectUnderWay) {
         {"frame", greeted + gate() + silence()},
         {"reply", goodHandshake() + takeMessage() + gate() + silence()},
     };
-    for (const Ender ender : {Ender::kClose, Ender::kCloseInCallback}) {
+    for (const Ender ender : {kEnders[2], kEnders[3]}) {
         for (const auto& c : cases) {
             SCOPED_TRACE(c.name);
             MisbehavingDaemon daemon({c.script});
@@ -149,10 +147,8 @@ TEST_F(DaemonCloses, SendWhatTheDaemonReads) {
     };
     for (const auto& row : rows) {
         for (const Ender ender : kEnders) {
-            const bool inside =
-                ender == Ender::kDestroyInCallback || ender == Ender::kCloseInCallback;
-            if (row.waits == kASender && inside) continue;  // each takes seconds
-            SCOPED_TRACE(testing::Message() << row.waits << ' ' << static_cast<int>(ender));
+            if (row.waits == kASender && ender.inCallback) continue;  // each takes seconds
+            SCOPED_TRACE(testing::Message() << row.waits << ender.closes << ender.inCallback);
             MisbehavingDaemon daemon({goodSession() + row.script});
             const Leftovers before = leftovers();
             ASSERT_EQ(create(daemon), kStatusSuccess);
@@ -216,7 +212,7 @@ TEST_F(DaemonCloses, CountWhatABreakLost) {
 TEST_F(DaemonCloses, OfABrokenTransportTakeNoTime) {
     for (const bool refuses : {true, false}) {
         for (const Ender ender : kEnders) {
-            SCOPED_TRACE(static_cast<int>(ender));
+            SCOPED_TRACE(testing::Message() << ender.closes << ender.inCallback);
             MisbehavingDaemon daemon({goodSession() + gate() + hangUp(), gate() + silence()});
             const Leftovers before = leftovers();
             ASSERT_EQ(create(daemon), kStatusSuccess);

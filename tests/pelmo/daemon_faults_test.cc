@@ -3,7 +3,7 @@
 #include <fstream>
 #include <vector>
 
-#include "tests/pelmo/daemon_stand.h"
+#include "tests/pelmo/daemon_fixture.h"
 #include "tests/support/packet_builder.h"
 
 namespace {
@@ -22,7 +22,7 @@ Bytes lastBytes(const Bytes& bytes, size_t from) {
     return Bytes(bytes.begin() + static_cast<ptrdiff_t>(from), bytes.end());
 }
 
-struct DaemonFaults : DaemonStand {};
+struct DaemonFaults : DaemonFixture {};
 
 // The most that the process has ever had.
 size_t peakAddressSpaceBytes() {

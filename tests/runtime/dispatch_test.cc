@@ -6,7 +6,7 @@
 
 #include "lib/base/clock.h"
 #include "lib/runtime/dispatch_internal.h"
-#include "tests/runtime/dispatch_stand.h"
+#include "tests/runtime/dispatch_fixture.h"
 
 namespace {
 
@@ -80,7 +80,7 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
     for (const auto& [posted, mixed, single] : cases) {
         for (const bool isSingle : {false, true}) {
             SCOPED_TRACE(posted + (isSingle ? " single" : ""));
-            const DispatchStand stand;
+            const DispatchFixture stand;
             uint32_t events[128] = {};
             for (const char letter : std::string("abcdepx"))
                 events[size_t(letter)] = listenAs(letter, stand.queue);
@@ -100,7 +100,7 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
 }
 
 TEST(Dispatch, PassesHooksAndCutOffs) {
-    const DispatchStand stand;
+    const DispatchFixture stand;
     const uint32_t vector = listenAs('a', stand.queue), plain = listenAs('p', stand.queue);
     const auto run = [&stand](const std::vector<uint32_t>& events) {
         calls.clear();
@@ -154,7 +154,7 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
         order += ')';
     };
     for (const auto& [todo, expected] : cases) {
-        const DispatchStand stand;
+        const DispatchFixture stand;
         queue = stand.queue;
         acts = todo;
         order.clear();
@@ -168,7 +168,7 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
 
 // Waits are on a queue, or on the group of that queue.
 struct DispatchWaits : testing::TestWithParam<bool> {
-    DispatchStand stand;
+    DispatchFixture stand;
     const bool isGroup = GetParam();
     const uint32_t id = isGroup ? stand.group : stand.queue;
 
@@ -264,7 +264,7 @@ TEST(QueueGroupDispatch, TakesTurnsByPriority) {
     };
     for (const auto& [posted, expected] : cases) {
         SCOPED_TRACE(posted);
-        const DispatchStand stand;
+        const DispatchFixture stand;
         uint32_t queues[128] = {}, events[128] = {};
         for (const char name : {'l', 'a', 'b', 'c', 'h'}) {
             const auto at = size_t(name);
@@ -290,7 +290,7 @@ TEST(DispatchStress, MeetsTheEndOfEventsAndQueues) {
     static std::atomic<size_t> eventsDone, queuesDone;
     eventsDone = queuesDone = 0;
     std::vector<std::atomic<bool>> ended(kRounds * kEvents);
-    const DispatchStand stand;
+    const DispatchFixture stand;
     for (size_t round = 0; round < kRounds; ++round) {
         const uint32_t queue = makeQueue();
         uint32_t events[kEvents];

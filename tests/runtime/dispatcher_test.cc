@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "tests/runtime/dispatch_stand.h"
+#include "tests/runtime/dispatch_fixture.h"
 #include "tests/support/fail_alloc.h"
 
 namespace {
@@ -67,7 +67,7 @@ TEST(Dispatcher, ReportsHowItsThreadEnded) {
         {"w", false, -1.0, endIt, "w: 53 Invalid dispatcher"},
     };
     for (const auto& [name, onGroup, seconds, end, report] : cases) {
-        const DispatchStand stand;
+        const DispatchFixture stand;
         Exits exits;
         queue = stand.queue;
         group = stand.group;
@@ -92,7 +92,7 @@ TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
     static std::atomic<bool> returned;
     dispatcher = kNoId;
     returned = false;
-    const DispatchStand stand;
+    const DispatchFixture stand;
     Exits exits;
     const auto destroyOwn = [](uint32_t, pelmoMsg*, void*) {
         dispatcher.wait(kNoId);
@@ -126,7 +126,7 @@ void count(uint32_t, pelmoMsg*, void*) {
 
 // Others wake when one is stopped, and go on waiting.
 TEST(Dispatcher, EndsAloneAmongWaiters) {
-    const DispatchStand stand;
+    const DispatchFixture stand;
     dispatched = 0;
     const uint32_t dispatchers[] = {newDispatcher(stand.queue), newDispatcher(stand.queue)};
     std::thread plain([&stand] {

@@ -4,11 +4,11 @@
 
 #include "tests/support/local_bus.h"
 
-struct DispatchStand : LocalBus {
+struct DispatchFixture : LocalBus {
     uint32_t queue = makeQueue();
     uint32_t group = makeGroup();
 
-    DispatchStand() { EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess); }
+    DispatchFixture() { EXPECT_EQ(pelmoQueueGroup_Add(group, queue), kStatusSuccess); }
 };
 
 inline uint32_t listen(uint32_t queue, pelmoEventCallback callback, void* closure = nullptr) {

@@ -50,12 +50,12 @@ struct CountingListener : NoCopy {
     }
 };
 
-struct DaemonStand : testing::Test {
-    DaemonStand() {
+struct DaemonFixture : testing::Test {
+    DaemonFixture() {
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);
         EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
     }
-    ~DaemonStand() override {
+    ~DaemonFixture() override {
         if (libraryIsOpen()) pelmo_Close();
     }
 
