@@ -3,7 +3,7 @@ the server. It captures live on a wire of the test's own, which carries a steady
 capture at its own pace where no namespace is permitted. An uninvolved scraper asks for /metrics
 meanwhile. Its answers, the memory that the server grows by, its time of CPU and the frames that capture
 lost are compared with the bounds that SECURITY.md has."""
-import os
+import contextlib
 import pathlib
 import socket
 import subprocess
@@ -12,7 +12,7 @@ import tempfile
 import threading
 import time
 
-from live_run import Process, Wire
+from live_run import Process, Wire, cpu_seconds, resident_bytes
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "watch"))
 
@@ -56,83 +56,64 @@ class Crowd:
         self.held.append(connection)
         return connection
 
-    def close(self):
-        for connection in self.held:
-            connection.close()
-        self.held = []
+
+    def keep(self, count):
+        """Closes all but the newest."""
+        while len(self.held) > count:
+            self.held.pop(0).close()
 
 
-def slow_readers(crowd, path):
-    def run():
-        for _ in range(40):
-            crowd.connect(request(path))
-        time.sleep(0.5)
+# Each attack is a function of its crowd, which is called over and over.
+
+def opens(text, count, pause, addresses=("",)):
+    def run(crowd):
+        for i in range(count):
+            crowd.connect(text, addresses[i % len(addresses)])
+        time.sleep(pause)
     return run
 
 
 def dripping_readers(crowd):
     """Each takes some bytes a second, so that none ever is silent."""
-    def run():
-        if len(crowd.held) < 190:
-            for i in range(38):
-                crowd.connect(request("/snapshot.json"), ADDRESSES[i % len(ADDRESSES)])
-        for connection in crowd.held:
-            try:
-                connection.setblocking(False)
-                connection.recv(200)
-            except OSError:
-                pass
-        time.sleep(0.3)
-    return run
-
-
-def followers(crowd):
-    def run():
-        for i in range(40):
-            crowd.connect(request("/events"), ADDRESSES[i % 3])
-        time.sleep(0.5)
-    return run
+    if len(crowd.held) < 190:
+        for i in range(38):
+            crowd.connect(request("/snapshot.json"), ADDRESSES[i % len(ADDRESSES)])
+    for connection in crowd.held:
+        with contextlib.suppress(OSError):
+            connection.setblocking(False)
+            connection.recv(200)
+    time.sleep(0.3)
 
 
 def half_requests(crowd):
-    def run():
-        for _ in range(200):
-            crowd.connect(b"GET /metrics HTTP/1.1\r\nHost: local")
-        for connection in crowd.held[:-1000]:
-            connection.close()
-        del crowd.held[:-1000]
-        time.sleep(0.1)
-    return run
+    for _ in range(200):
+        crowd.connect(b"GET /metrics HTTP/1.1\r\nHost: local")
+    crowd.keep(1000)
+    time.sleep(0.1)
 
 
-def crowd_of(crowd, addresses):
+def crowd_of(addresses):
     """Mute connections and those that read events, of each address as many as it may have."""
-    def run():
+    def run(crowd):
         for address in addresses:
             for text in (b"", request("/events"), request("/metrics")) * 20:
                 crowd.connect(text, address)
-        for connection in crowd.held[:-2000]:
-            connection.close()
-        del crowd.held[:-2000]
+        crowd.keep(2000)
         time.sleep(0.1)
     return run
 
 
-def asks(crowd, text, status):
+def asks(text, status):
     """One after another, as fast as they are answered, and each answer has this status."""
-    def run():
+    def run(crowd):
         connection = crowd.connect(text, reads_little=False)
         if connection is None:
             return
         connection.settimeout(10)
         answer = b""
-        try:
-            while piece := connection.recv(1 << 16):
+        with contextlib.suppress(OSError):
+            while b"\r\n\r\n" not in answer and (piece := connection.recv(1 << 16)):
                 answer += piece
-                if b"\r\n\r\n" in answer:
-                    break
-        except OSError:
-            pass
         connection.close()
         crowd.held.remove(connection)
         assert not answer or b" %d " % status in answer[:20], (text[:60], answer[:200])
@@ -143,54 +124,38 @@ def asks(crowd, text, status):
 def floods(crowd):
     """Each connection asks for what costs most, over and over, and takes all of it."""
     text = request("/snapshot.json") * 8
-
-    def run():
-        while len(crowd.held) < 20:
-            if crowd.connect(text, reads_little=False) is None:
-                break
-        for connection in list(crowd.held):
-            try:
-                connection.setblocking(False)
-                connection.send(text)
-                while connection.recv(1 << 18):
-                    pass
-                raise OSError
-            except BlockingIOError:
+    while len(crowd.held) < 20 and crowd.connect(text, reads_little=False):
+        pass
+    for connection in list(crowd.held):
+        try:
+            connection.setblocking(False)
+            connection.send(text)
+            while connection.recv(1 << 18):
                 pass
-            except OSError:
-                connection.close()
-                crowd.held.remove(connection)
-        time.sleep(0.01)
-    return run
+            raise OSError
+        except BlockingIOError:
+            pass
+        except OSError:
+            connection.close()
+            crowd.held.remove(connection)
+    time.sleep(0.01)
 
 
-# Name, what the attacker does over and over.
 ATTACKS = [
-    ("nobody", lambda crowd: lambda: time.sleep(0.1)),
-    ("slow /snapshot.json", lambda crowd: slow_readers(crowd, "/snapshot.json")),
-    ("slow /metrics", lambda crowd: slow_readers(crowd, "/metrics")),
+    ("nobody", lambda crowd: time.sleep(0.1)),
+    ("slow /snapshot.json", opens(request("/snapshot.json"), 40, 0.5)),
+    ("slow /metrics", opens(request("/metrics"), 40, 0.5)),
     ("dripping readers", dripping_readers),
-    ("followers of events", followers),
+    ("followers of events", opens(request("/events"), 40, 0.5, ADDRESSES[:3])),
     ("half requests", half_requests),
-    ("one address", lambda crowd: crowd_of(crowd, ADDRESSES[:1])),
-    ("eight addresses", lambda crowd: crowd_of(crowd, ADDRESSES)),
-    ("5,000 parts", lambda crowd: asks(crowd, request("/metrics?" + "&".join("a" * 5000)), 414)),
-    ("another site's page", lambda crowd: asks(
-        crowd, request("/snapshot.json", "Origin: http://evil.example", "Sec-Fetch-Site: cross-site"), 403)),
-    ("another name", lambda crowd: asks(crowd, request("/snapshot.json", host="evil.example"), 403)),
+    ("one address", crowd_of(ADDRESSES[:1])),
+    ("eight addresses", crowd_of(ADDRESSES)),
+    ("5,000 parts", asks(request("/metrics?" + "&".join("a" * 5000)), 414)),
+    ("another site's page", asks(
+        request("/snapshot.json", "Origin: http://evil.example", "Sec-Fetch-Site: cross-site"), 403)),
+    ("another name", asks(request("/snapshot.json", host="evil.example"), 403)),
     ("floods", floods),
 ]
-
-
-def resident_bytes(pid):
-    with open("/proc/%d/statm" % pid) as statm:
-        return int(statm.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
-
-
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as stat:
-        fields = stat.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 class Scraper:
@@ -220,41 +185,26 @@ class Scraper:
         self.thread.join()
 
 
-class Memory:
-    """The most that the server had while it was looked at."""
-
-    def __init__(self, pid):
-        self.pid, self.before = pid, resident_bytes(pid)
-        self.most = self.before
-
-    def look(self):
-        self.most = max(self.most, resident_bytes(self.pid))
-
-    def grown(self):
-        return self.most - self.before
-
-
 def lost_frames(server):
     return sum(server.metrics()["pelmo_kernel_dropped_frames_total"].values())
 
 
-def attack(server, name, make):
+def attack(server, name, run):
     pid = server.popen.pid
-    lost, cpu, memory = lost_frames(server), cpu_seconds(pid), Memory(pid)
+    lost, cpu, before = lost_frames(server), cpu_seconds(pid), resident_bytes(pid)
     crowd, scraper = Crowd(server), Scraper(server)
-    run = make(crowd)
-    begin = time.monotonic()
+    begin, most = time.monotonic(), before
     while time.monotonic() - begin < SECONDS:
-        run()
-        memory.look()
+        run(crowd)
+        most = max(most, resident_bytes(pid))
     scraper.close()
     load = (cpu_seconds(pid) - cpu) / (time.monotonic() - begin)
-    crowd.close()
+    crowd.keep(0)
     lost = lost_frames(server) - lost
-    holds = (scraper.failed == 0 and scraper.answered > 0 and memory.grown() <= MOST_BYTES and
+    holds = (scraper.failed == 0 and scraper.answered > 0 and most - before <= MOST_BYTES and
              load <= MOST_LOAD and lost == 0)
     print("%-20s latency %7.1f ms  %3d answered, %d not  memory %+6.1f MB of %d  cpu %3.0f %%  %d lost  %s" %
-          (name, scraper.worst * 1000, scraper.answered, scraper.failed, memory.grown() / MB, MOST_BYTES / MB,
+          (name, scraper.worst * 1000, scraper.answered, scraper.failed, (most - before) / MB, MOST_BYTES / MB,
            load * 100, lost, "holds" if holds else "FAILS"), flush=True)
     time.sleep(1)
     return holds
