@@ -188,7 +188,7 @@ std::string liveFilterText(pcap_t* capture) {
          {" or ip proto 47 or ip6 or udp port 4789 or udp port 8472 or mpls or vlan",
           " or ip proto 47 or ip6 or udp port 4789 or udp port 8472 or vlan",
           " or ip proto 47 or ip6 or udp port 4789 or udp port 8472"}) {
-        const std::string text = wanted + hidden;
+        std::string text = wanted + hidden;
         if (filterFault(capture, text.c_str()).empty()) return text;
     }
     return traceSettings.filterText;
@@ -233,7 +233,7 @@ std::string linkTypesText() {
 // A time of day is of the captures' first day, or of the next where it lies long before their
 // beginning. The span's end comes after its beginning.
 CaptureSpan wantedSpan() {
-    constexpr int64_t kHalfDaySeconds = 12 * 60 * 60;
+    constexpr int64_t kHalfDaySeconds = 43200;
     const int64_t firstSeconds = captureSetFirstSeconds(*source.set);
     const std::optional<CaptureTime>& from = sourceSettings.from;
     const std::optional<CaptureTime>& to = sourceSettings.to;
