@@ -1,5 +1,9 @@
 // Queues between the library's own threads.
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -245,8 +249,28 @@ TEST_F(Queues, HandlersNeverWait) {
     };
     ASSERT_EQ(ipqSend(receiver, padded(1).get(), false), kStatusSuccess);
     fromReceiver.await(1);
+
+    // Nor does a callback of the application on the IO queue.
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const auto answer = [](uint32_t event, pelmoMsg*, void* closure) {
+        pelmoEvent_DestroyEx(event, nullptr);
+        auto& ipq = *static_cast<std::atomic<Ipq*>*>(closure);
+        EXPECT_EQ(ipqSend(ipq, padded(1).get(), false), kStatusSuccess);
+        ipq = nullptr;
+    };
+    uint32_t event = kNoId;
+    std::atomic<Ipq*> answering{sender};
+    ASSERT_EQ(pelmoEvent_CreateIO(&event, kFirstIoQueueId, answer, ends[0], kIoRead, &answering),
+              kStatusSuccess);
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    for (int look = 0; look < 10'000 && answering != nullptr; ++look)
+        (void)poll(nullptr, 0, 1);
+    EXPECT_EQ(answering, nullptr);
     ASSERT_EQ(ipqResume(receiver), kStatusSuccess);
-    fromSender.await(kAnswers);
+    fromSender.await(kAnswers + 1);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 // What several threads may do with a queue, until it answers that it has ended.
