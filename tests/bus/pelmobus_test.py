@@ -370,6 +370,7 @@ class OverADaemon(unittest.TestCase):
         # The daemon is stopped, and killed while they end.
         accept, connect = self.circuit()
         self.daemon.popen.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self.daemon.popen.pid, os.WSTOPPED)
         connect.stdin.write(b"x\n")
         connect.stdin.close()
         connect.stdin = None

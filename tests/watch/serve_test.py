@@ -64,6 +64,8 @@ def metrics_of_json(snapshots):
     for snapshot in snapshots:
         for name in ("frames", "packets", "bus_packets"):
             numbers["pelmo_%s_total" % name, ()] += snapshot[name]
+        for reason, count in snapshot["not_read"].items():
+            numbers["pelmo_not_read_frames_total", (("reason", reason),)] += count
         for kind, fault in snapshot["faults"].items():
             add("fault", {"packets": fault["packets"]}, kind=kind)
         for table in ("multicast", "retransmission", "point_to_point"):

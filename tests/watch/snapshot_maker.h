@@ -45,7 +45,7 @@ class SnapshotMaker {
     void servicePort(uint16_t port, uint16_t service) { ports[port].service = service; }
 
     SnapHeader& at(int32_t seconds) {
-        head.prevTime = {seconds - 2, 0};
+        head.prevTime = {static_cast<int32_t>(int64_t{seconds} - 2), 0};
         head.thisTime = {seconds, 0};
         snapPorts.clear();
         for (auto& [number, port] : ports) {
