@@ -44,6 +44,7 @@ void open(Stand& stand) {
         require(netOpen(stand.net, host));
     }
     stand.net.mostPackets = kMostPackets;
+    stand.net.hasForgers = true;
     stand.net.watch.sent = [&stand](NetHost& host, const PeerAddress&, const Packet& packet) {
         if ((packet.header.flags & kFlagRst) == 0) stand.last[host.index] = packet.header;
         if (packet.header.flags & kFlagRst) stand.isForged = true;

@@ -118,6 +118,7 @@ struct ReliableNet : NoCopy {
     uint64_t order = 0;
     uint64_t packets = 0;
     uint64_t mostPackets = 1'000'000;  // more are a loop without end
+    bool hasForgers = false;  // acknowledgements that come may be forged: none of them counts
     uint64_t repeats = 0;
     uint64_t stalls = 0;  // of repeats with data, those that a timer brought about
     uint64_t senderTokens = 0;
