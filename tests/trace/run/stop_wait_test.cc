@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <set>
+#include <string>
 #include <thread>
 
 #include "lib/pelmo.h"
@@ -20,11 +21,13 @@ namespace {
 
 std::atomic<int> callbacks;
 
+// Looked up by their names: other threads may be closing descriptors.
 std::set<int> openSockets() {
     std::set<int> sockets;
     struct stat status;
     for (int i = 0; i < 256; ++i) {
-        if (fstat(i, &status) == 0 && S_ISSOCK(status.st_mode)) sockets.insert(i);
+        const std::string name = "/proc/self/fd/" + std::to_string(i);
+        if (stat(name.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) sockets.insert(i);
     }
     return sockets;
 }
