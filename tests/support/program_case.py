@@ -8,6 +8,7 @@ of single tests as arguments:
 
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -69,6 +70,12 @@ def messages(subjects):
             bytes([len(elements)]) + body
         lines.append("data seq=%d {%s}" % (number, field.hex()))
     return lines
+
+
+def hears_signals(process):
+    """It has a handler for the interrupt."""
+    status = pathlib.Path("/proc/%d/status" % process.popen.pid).read_text()
+    return int(re.search(r"SigCgt:\s(\w+)", status)[1], 16) >> (signal.SIGINT - 1) & 1
 
 
 class ProgramCase(unittest.TestCase):

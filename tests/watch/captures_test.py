@@ -8,13 +8,16 @@ import os
 import pathlib
 import random
 import shutil
+import signal
 import struct
 import subprocess
 import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import ProgramCase, binary, main, run  # noqa: E402
+from program_case import ProgramCase, binary, hears_signals, main, run, wait_until  # noqa: E402
+
+from served import Server  # noqa: E402
 
 MIX = "--mix --count 3000 --rate 400 --hosts 30 --subjects 100 --nets 3 --publishers 3".split()
 ETHERNET, RAW, LOOP, COOKED, COOKED2, NULL = 1, 101, 108, 113, 276, 0
@@ -141,6 +144,33 @@ class Captures(ProgramCase):
             part = self.read(pcap(self.folder / "part", ETHERNET, [
                 frame for frame in self.frames if frame[2] in wanted and (1700000002, 0) <= frame[:2] <= (1700000004, 500000)]))[1]
             self.assertEqual(snapshots, part, span)
+
+    def test_a_silent_pipe_holds_neither_signals_nor_requests_up(self):
+        fifo = self.folder / "fifo"
+        os.mkfifo(fifo)
+        pcapng = struct.pack("<IIIHHqI", 0x0a0d0d0a, 28, 0x1a2b3c4d, 1, 0, -1, 28)
+        for head in (b"", self.plain.read_bytes()[:24], pcapng, None):  # None: not even a writer
+            for options in ((), ("--from", "14:03")):
+                reader, writer = os.pipe()
+                os.write(writer, head or b"")
+                source = fifo if head is None else "-"
+                watch = self.start(binary("pelmowatch"), "json", "-r", source, *options, stdin=reader,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                wait_until(lambda watch=watch: hears_signals(watch), "its handler")
+                watch.popen.send_signal(signal.SIGTERM)
+                log = watch.popen.communicate(timeout=60)[1]
+                os.close(reader)
+                os.close(writer)
+                self.assertEqual(watch.status(), 1)
+                self.assertIn(b"stopped ahead of the end of", log)
+        reader, writer = os.pipe()
+        server = self.started(Server(binary("pelmowatch"), self.folder / "serve", "-r", "-", awaits_end=False,
+                                     stdin=reader))
+        self.assertEqual(server.json("/healthz")["source"], "reading")
+        os.close(reader)
+        os.write(writer, b"this isn't a capture")  # as at the start: what can't be read ends the program
+        os.close(writer)
+        self.assertEqual(server.status(), 1)
 
     def test_a_blind_capture_says_what_it_has(self):
         arp = MACS + b"\x08\x06" + bytes(28)

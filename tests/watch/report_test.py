@@ -12,7 +12,8 @@ import jsonschema
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, main, messages, run, wait_until  # noqa: E402
+from program_case import (HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, hears_signals, main, messages, run,  # noqa: E402
+                          wait_until)
 
 WATCH = binary("pelmowatch")
 SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch-report.schema.json").read_text()))
@@ -134,9 +135,7 @@ class Report(ProgramCase):
         os.write(writer, self.mix.read_bytes()[:20000])
         process = self.start(WATCH, "report", "-r", "-", "-o", page, stdin=reader, stderr=subprocess.DEVNULL)
         os.close(reader)
-        caught = re.compile(r"SigCgt:\s(\w+)")
-        status = pathlib.Path("/proc/%d/status" % process.popen.pid)
-        wait_until(lambda: int(caught.search(status.read_text())[1], 16) >> (signal.SIGINT - 1) & 1, "its handler")
+        wait_until(lambda: hears_signals(process), "its handler")
         self.ends_at_signal(process, 1, signal.SIGINT)
         self.assertEqual([path.name for path in self.folder.iterdir() if ".part" in path.name], [])
         self.assertEqual(page.read_text(), "old")

@@ -23,12 +23,12 @@ ESCAPES = {"\\\\": "\\", '\\"': '"', "\\n": "\n"}
 class Server(Process):
     """pelmowatch serve on a port that the system chose; a saved capture is read once it is made."""
 
-    def __init__(self, watch, folder, *arguments, awaits_end=True, within=()):
+    def __init__(self, watch, folder, *arguments, awaits_end=True, within=(), **more):
         folder.mkdir(exist_ok=True)
         self.log = folder / "stderr"
         with open(self.log, "wb") as log:
             super().__init__(*within, watch, "serve", "--listen", "127.0.0.1:0", *arguments,
-                             stdout=subprocess.DEVNULL, stderr=log, env=environment())
+                             stdout=subprocess.DEVNULL, stderr=log, env=environment(), **more)
         found = wait_until(lambda: LISTENING.search(self.log.read_text()) or not self.running(), "a port")
         if found is True:
             raise AssertionError("the server ended: " + self.log.read_text())

@@ -12,10 +12,12 @@ namespace {
 constexpr int kLookMilliseconds = 250;
 
 // Waits until there is something to read, or until the reading was stopped. A regular file is
-// always ready.
+// always ready. The very signal that asks for the stop may interrupt the wait.
 void awaitBytes(const ReadAhead& source) {
     pollfd wait = {.fd = source.descriptor, .events = POLLIN, .revents = 0};
-    while (!readAheadIsStopped(source) && poll(&wait, 1, kLookMilliseconds) == 0) {
+    while (!readAheadIsStopped(source)) {
+        const int ready = poll(&wait, 1, kLookMilliseconds);
+        if (ready > 0 || (ready < 0 && errno != EINTR)) return;
     }
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "trace/capture/read_ahead.h"
@@ -476,6 +477,19 @@ OwnedCaptureReader captureReaderOpen(int descriptor, std::atomic<bool>& stopped)
     }
     close(descriptor);
     return nullptr;
+}
+
+ReadResult captureReaderBegin(CaptureReader& reader) {
+    ReadResult result = begin(reader);
+    CaptureFrame none;  // a packet without an interface is a fault
+    while (result == ReadResult::kFrame && reader.format == Format::kPcapng &&
+           reader.interfaces.empty()) {
+        if (!readAheadDrop(*reader.source, std::exchange(reader.dropBytes, 0))) {
+            return endOf(reader, false);
+        }
+        result = nextBlock(reader, &none);
+    }
+    return result;
 }
 
 ReadResult captureReaderNext(CaptureReader& reader, CaptureFrame* frame) {

@@ -52,7 +52,11 @@ using OwnedCaptureReader = std::unique_ptr<CaptureReader, CaptureReaderDelete>;
 // waits for a pipe.
 [[nodiscard]] OwnedCaptureReader captureReaderOpen(int descriptor, std::atomic<bool>& stopped);
 
-// The first call also finds out what the file is: a kFault of it says "it isn't a capture ...".
+// Finds out what the file is, and reads a pcap file's head or the first interface of a pcapng file:
+// kFrame, or what the first call of captureReaderNext would give, which else does this itself. A
+// kFault says "it isn't a capture ...".
+[[nodiscard]] ReadResult captureReaderBegin(CaptureReader& reader);
+
 [[nodiscard]] ReadResult captureReaderNext(CaptureReader& reader, CaptureFrame* frame);
 
 // What the last result but kFrame was about. Empty at a sound end.

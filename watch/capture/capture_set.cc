@@ -23,7 +23,11 @@ constexpr int64_t kOrderSeconds = 10;
 // Looking up how far the files were read takes a system call for each.
 constexpr uint32_t kFramesPerLook = 4096;
 
-// One of the files. It is pending until its first frame's time has come, and has a reader then.
+// Earlier than any frame: of a pipe that is pending with its first frame unread.
+constexpr int64_t kUnreadSeconds = INT64_MIN;
+
+// One of the files. It is pending until its first frame's time has come, and has a reader then; a
+// pipe has its reader, and may have its first frame, from the wait on.
 struct File {
     ~File() {
         if (descriptor >= 0) close(descriptor);
@@ -36,7 +40,8 @@ struct File {
     uint64_t fileBytes = 0;
 
     OwnedCaptureReader reader;
-    CaptureFrame frame = {};  // the next one; while pending only its time counts
+    // The next one. Without bytes only its time is known.
+    CaptureFrame frame = {};
 };
 
 using OwnedFile = std::unique_ptr<File>;
@@ -52,8 +57,11 @@ struct CaptureSet {
     uint32_t snapshotBytes = 0;
     uint32_t framesSinceLook = 0;
     uint64_t endedBytes = 0;  // of the files that were read to their end
-    uint64_t fileBytes = 0;   // constant after the opening; 0 where a file is no regular one
+
+    // Constant after the opening: the size of the regular files, and whether all files are regular.
+    uint64_t fileBytes = 0;
     bool isSized = true;
+
     std::atomic<uint64_t> readBytes = 0;
     std::atomic<bool> stopped = false;
 };
@@ -70,12 +78,13 @@ bool comesAfter(const OwnedFile& one, const OwnedFile& other) {
     return one->name > other->name;
 }
 
-void report(CaptureSet& set,
-            const std::string& name,
-            const std::string& fault,
-            const char* extent = "") {
-    ++set.faults;
+void logFault(const std::string& name, const std::string& fault, const char* extent = "") {
     logPrint("unable to read %s'%s': %s.", extent, name.c_str(), fault.c_str());
+}
+
+void report(CaptureSet& set, const std::string& name, const std::string& fault) {
+    ++set.faults;
+    logFault(name, fault);
 }
 
 void reportErrno(CaptureSet& set, const std::string& name) {
@@ -87,6 +96,7 @@ void add(CaptureSet& set, const std::string& name, int descriptor) {
     struct stat status = {};
     file->name = name;
     file->descriptor = descriptor;
+    file->frame.seconds = kUnreadSeconds;
     if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
         file->isRegular = true;
         file->fileBytes = static_cast<uint64_t>(status.st_size);
@@ -97,10 +107,18 @@ void add(CaptureSet& set, const std::string& name, int descriptor) {
     set.pending.push_back(std::move(file));
 }
 
+// The opening doesn't wait for a pipe's writer, but the reading does.
+int openWithoutWait(const char* name) {
+    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOCTTY;
+    const int descriptor = open(name, kFlags | O_NONBLOCK);
+    if (descriptor >= 0) (void)fcntl(descriptor, F_SETFL, O_RDONLY);
+    return descriptor;
+}
+
 void openFile(CaptureSet& set, const std::string& name) {
     ++set.files;
-    const int descriptor = name == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
-                                       : open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    const int descriptor =
+        name == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3) : openWithoutWait(name.c_str());
     if (descriptor < 0) return reportErrno(set, name);
     add(set, name, descriptor);
 }
@@ -156,18 +174,21 @@ bool isInSpan(const CaptureSpan& span, const CaptureFrame& frame) {
            !isAfter(frame, span.toSeconds, span.toNanoseconds);
 }
 
+// Logs what is wrong with the file, if anything is. One that ends early may be still written, and
+// is no fault.
+void note(CaptureSet& set, const File& file, ReadResult result) {
+    if (result != ReadResult::kFault && result != ReadResult::kEndsEarly) return;
+    if (result == ReadResult::kFault) ++set.faults;
+    logFault(file.name, captureReaderFault(*file.reader), file.hasFrames ? "all of " : "");
+}
+
 // The file's next frame; false at its end, whatever that was.
 bool advance(CaptureSet& set, File& file) {
     const ReadResult result = captureReaderNext(*file.reader, &file.frame);
-    if (result == ReadResult::kFrame) {
-        file.hasFrames = true;
-        return true;
-    }
-    if (result == ReadResult::kFault || result == ReadResult::kEndsEarly) {
-        report(set, file.name, captureReaderFault(*file.reader), file.hasFrames ? "all of " : "");
-        if (result == ReadResult::kEndsEarly) --set.faults;  // as a file does that is being written
-    }
-    return false;
+    note(set, file, result);
+    if (result != ReadResult::kFrame) return false;
+    file.hasFrames = true;
+    return true;
 }
 
 void noteSnapshotBytes(CaptureSet& set, const File& file) {
@@ -184,15 +205,41 @@ bool openReader(CaptureSet& set, File& file) {
     return false;
 }
 
-// Reads as far as the first frame. A regular file is set back and read again when its time comes,
-// so that a thousand of them take no more memory than one.
+// Reads as far as the first frame. The file is set back and read again when its time comes, so that
+// a thousand of them take no more memory than one.
 bool probe(CaptureSet& set, File& file) {
+    if (!file.isRegular) return true;
     if (!openReader(set, file) || !advance(set, file)) return false;
     noteSnapshotBytes(set, file);
-    if (!file.isRegular) return true;
     file.reader = nullptr;
     file.frame.bytes = nullptr;
     return lseek(file.descriptor, 0, SEEK_SET) == 0;
+}
+
+// False where the pipe has nothing to read; one that the stop found still silent isn't such.
+bool await(CaptureSet& set, File& file, bool untilFrame) {
+    if (file.isRegular) return true;
+    if (!openReader(set, file)) return false;
+    const ReadResult head = captureReaderBegin(*file.reader);
+    note(set, file, head);
+    noteSnapshotBytes(set, file);
+    if (head != ReadResult::kFrame) return head == ReadResult::kStopped;
+    return !untilFrame || advance(set, file) || set.stopped;
+}
+
+// Drops the pending files that the check refuses, and sorts the rest.
+template <typename Check>
+void keepThose(CaptureSet& set, Check check) {
+    std::vector<OwnedFile> sound;
+    for (OwnedFile& file : set.pending) {
+        if (check(*file)) {
+            sound.push_back(std::move(file));
+        } else {
+            set.endedBytes += file->fileBytes;
+        }
+    }
+    set.pending = std::move(sound);
+    std::ranges::sort(set.pending, comesAfter);
 }
 
 bool isLongAfter(const CaptureSpan& span, const CaptureFrame& frame) {
@@ -206,8 +253,8 @@ void end(CaptureSet& set, OwnedFile file) {
 
 // The file joins those that are read, with its first frame at hand.
 void activate(CaptureSet& set, OwnedFile file) {
-    const bool hasFrame =
-        file->reader != nullptr || (openReader(set, *file) && advance(set, *file));
+    const bool hasReader = file->reader != nullptr || openReader(set, *file);
+    const bool hasFrame = hasReader && (file->frame.bytes != nullptr || advance(set, *file));
     if (!hasFrame) return end(set, std::move(file));
     set.active.push_back(std::move(file));
     std::ranges::push_heap(set.active, comesAfter);
@@ -262,22 +309,19 @@ OwnedCaptureSet captureSetOpen(const std::vector<std::string>& names) {
 }
 
 bool captureSetBegin(CaptureSet& set) {
-    std::vector<OwnedFile> sound;
-    for (OwnedFile& file : set.pending) {
-        if (probe(set, *file)) {
-            sound.push_back(std::move(file));
-        } else {
-            end(set, std::move(file));
-        }
-    }
-    set.pending = std::move(sound);
-    std::ranges::sort(set.pending, comesAfter);
+    keepThose(set, [&](File& file) { return probe(set, file); });
     captureSetLook(set);
     return set.faults < set.files;
 }
 
+bool captureSetAwait(CaptureSet& set, bool untilFrames) {
+    keepThose(set, [&](File& file) { return await(set, file, untilFrames); });
+    return set.faults < set.files;
+}
+
 int64_t captureSetFirstSeconds(const CaptureSet& set) {
-    return set.pending.empty() ? 0 : set.pending.back()->frame.seconds;
+    if (set.pending.empty() || set.pending.back()->frame.seconds == kUnreadSeconds) return 0;
+    return set.pending.back()->frame.seconds;
 }
 
 void captureSetLimit(CaptureSet& set, const CaptureSpan& span) {

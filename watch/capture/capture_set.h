@@ -38,14 +38,20 @@ struct CaptureSetDelete {
 using OwnedCaptureSet = std::unique_ptr<CaptureSet, CaptureSetDelete>;
 
 // Opens the named files; "-" is the standard input, and a folder stands for the files in it but for
-// hidden ones and folders. Reads nothing, so that it can be done with rights that are given up
-// before anything is parsed.
+// hidden ones and folders. Reads nothing and waits for nothing, so that it can be done with rights
+// that are given up before anything is parsed.
 [[nodiscard]] OwnedCaptureSet captureSetOpen(const std::vector<std::string>& names);
 
-// Finds out what each file is and when it begins. False where none can be read.
+// Finds out what each regular file is and when it begins. False where none can be read. Waits for
+// no pipe.
 [[nodiscard]] bool captureSetBegin(CaptureSet& set);
 
-// After the beginning: when the first frame was captured. 0 without frames.
+// After the beginning: waits until each pipe shows what it is or, with `untilFrames`, has its first
+// frame. False where no file can be read. captureSetStop ends the wait: the result is true then,
+// and the reading gives kStopped.
+[[nodiscard]] bool captureSetAwait(CaptureSet& set, bool untilFrames);
+
+// After the wait for frames: when the first one was captured. 0 without frames.
 [[nodiscard]] int64_t captureSetFirstSeconds(const CaptureSet& set);
 
 // After the beginning: leaves out what isn't of the span. Of a file that begins after it only the

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "lib/base/bytes.h"
 #include "lib/base/lock.h"
@@ -62,6 +63,7 @@ struct Source {
     Program inner;  // for IP packets that were peeled off
     bool wantsAllUdp = false;
     uint16_t liveLinkType = 0;
+    bool warnedOfCut = false;
 
     Count frames, busFrames;
     Count notRead[kNotReadKinds];
@@ -250,6 +252,26 @@ CaptureSpan wantedSpan() {
     return span;
 }
 
+// Once they are known, whichever file they are of.
+void warnOfCut() {
+    const uint32_t bytes = captureSetSnapshotBytes(*source.set);
+    if (bytes == 0 || std::exchange(source.warnedOfCut, true)) return;
+    warnOfCutFrames(static_cast<int>(std::min(bytes, uint32_t{INT32_MAX})));
+}
+
+bool isTimeOfDay(const std::optional<CaptureTime>& time) {
+    return time && time->isTimeOfDay;
+}
+
+// Waits for pipes, hence with the form started and signals heard.
+bool beginReading() {
+    const bool needsDay = isTimeOfDay(sourceSettings.from) || isTimeOfDay(sourceSettings.to);
+    if (!captureSetAwait(*source.set, needsDay)) return false;
+    captureSetLimit(*source.set, wantedSpan());
+    warnOfCut();
+    return true;
+}
+
 }  // namespace
 
 pelmoStatus sourceOpen() {
@@ -269,9 +291,7 @@ pelmoStatus sourceBegin() {
     source.inner = compile(traceSettings.filterText, DLT_RAW, nullptr);
     if (!traceSettings.liveCapture) {
         if (!captureSetBegin(*source.set)) return kStatusNotInitialized;
-        captureSetLimit(*source.set, wantedSpan());
-        const uint32_t bytes = captureSetSnapshotBytes(*source.set);
-        if (bytes != 0) warnOfCutFrames(static_cast<int>(std::min(bytes, uint32_t{INT32_MAX})));
+        warnOfCut();
         return kStatusSuccess;
     }
     pcap_t* const capture = captureState.captureHandle;
@@ -281,17 +301,19 @@ pelmoStatus sourceBegin() {
                                                                    : kStatusNotInitialized;
 }
 
-void sourceRunOffline() {
+bool sourceRunOffline() {
+    if (!beginReading()) return false;
     CaptureFrame frame;
     if (sourceSettings.takePacket != nullptr) {
         while (captureSetNext(*source.set, &frame) == ReadResult::kFrame)
             takeFrame(frame, sourceSettings.takePacket);
-        return;
+        return true;
     }
     offlineRunBegin();
     while (captureSetNext(*source.set, &frame) == ReadResult::kFrame)
         takeFrame(frame, offlineRunPacket);
     offlineRunEnd();
+    return true;
 }
 
 void sourceStop() {

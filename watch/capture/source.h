@@ -45,12 +45,13 @@ extern SourceSettings sourceSettings;
 // What libpcap has against the filter's text; empty where it has nothing.
 [[nodiscard]] std::string sourceFilterFault(const char* text);
 
-// Without rights: installs the filter, and finds out what saved captures are. kStatusNotInitialized
-// where none can be read.
+// Without rights: installs the filter, and finds out what saved captures are, but for pipes, which
+// it doesn't wait for. kStatusNotInitialized where none can be read.
 [[nodiscard]] pelmoStatus sourceBegin();
 
-// Reads the saved captures to their end, or to sourceStop, and hands on the last Snapshot.
-void sourceRunOffline();
+// Reads the saved captures to their end, or to sourceStop, and hands on the last Snapshot. False,
+// with nothing handed on, where none can be read.
+[[nodiscard]] bool sourceRunOffline();
 void sourceStop();
 
 // Adds what the source has to say of the interval that ends now.

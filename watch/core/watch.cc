@@ -38,7 +38,8 @@ struct WatchRun {
     // Of the thread that hands on Snapshots.
     bool wantsMore = true;
 
-    // Nothing in the saved captures was the bus's.
+    // None of the saved captures could be read, or nothing in them was the bus's.
+    bool isUnread = false;
     bool isBlind = false;
 };
 
@@ -132,7 +133,7 @@ void endSource() {
 // it isn't seen.
 void reportBlindSource() {
     if (sourceHasFault()) endMarkFailed();
-    if (stopIsAsked()) return;
+    if (run.isUnread || stopIsAsked()) return;
     const std::string text = sourceBlindText();
     if (text.empty()) return;
     logPrint("%s", text.c_str());
@@ -141,10 +142,14 @@ void reportBlindSource() {
 
 void runSource() {
     if (!traceSettings.liveCapture) {
-        sourceRunOffline();
+        run.isUnread = !sourceRunOffline();
         progressEnd();
         reportBlindSource();
-        if (run.form->staysOpen && !stopIsAsked()) endSource();
+        if (run.isUnread) {
+            stopAsk();  // what has no source doesn't stay open
+        } else if (run.form->staysOpen && !stopIsAsked()) {
+            endSource();
+        }
     }
     if (traceSettings.liveCapture || run.form->staysOpen) stopAwait();
 }
@@ -160,9 +165,9 @@ void closeSource() {
 }
 
 void endForm() {
-    const bool isWhole = traceSettings.liveCapture || run.form->staysOpen || !stopIsBySignal();
-    if (!run.form->end(isWhole)) endMarkFailed();
-    if (!isWhole) logPrint("stopped ahead of the end of %s.", traceSettings.readFile);
+    const bool isCutOff = !traceSettings.liveCapture && !run.form->staysOpen && stopIsBySignal();
+    if (!run.form->end(!isCutOff && !run.isUnread)) endMarkFailed();
+    if (isCutOff) logPrint("stopped ahead of the end of %s.", traceSettings.readFile);
 }
 
 }  // namespace
