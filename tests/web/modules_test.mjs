@@ -3,7 +3,7 @@
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import test from "node:test";
-import { makeFilter } from "../../watch/web/shared/filter.js";
+import { readFilter } from "../../watch/web/shared/filter.js";
 import {
     formatNarrow,
     formatNumber,
@@ -20,6 +20,11 @@ const hosts = [
 const group = { port: 7500, group: "239.255.0.1", hosts };
 const subject = { port: 7501, group: "239.255.0.2", subject: "PRICES.Gold.NY", hosts: null };
 
+const columns = [
+    { key: "gaps", label: "Gaps", kind: "number" },
+    { key: "payload_bytes", label: "Bytes", kind: "number" },
+];
+
 test("a filter fits what its words say", () => {
     for (const [text, row, fits] of [
         ["PRICES.>", subject, true],
@@ -28,7 +33,21 @@ test("a filter fits what its words say", () => {
         ["PRICES.*", subject, false],
         [">", subject, true],
         ["*.*.*", subject, true],
-        ["prices.*.NY", subject, false],
+        ["prices.*.ny", subject, true],
+        ["!PRICES.> ", subject, false],
+        ["!PRICES.>", group, true],
+        ['"PRICES.*.NY"', subject, false],
+        ['gold "d.n', subject, true],
+        ['!"old silver"', subject, true],
+        ["10.0", group, true],
+        ["10.1", group, false],
+        ["999.1.1.1", group, false],
+        ["!999.1.1.1", group, false],
+        ["10.0.0.0/99", group, false],
+        ["gaps>0 bytes<=2.5k", { ...group, gaps: 3, payload_bytes: 250 }, true],
+        ["gaps=3", { ...group, gaps: 3 }, false],
+        ["payload_bytes>2.5k", { ...group, payload_bytes: 250 }, false],
+        ["words!=1", group, false],
         ["gold", subject, true],
         ["gold silver", subject, false],
         ["gold :7501", subject, true],
@@ -48,9 +67,24 @@ test("a filter fits what its words say", () => {
         ["(", subject, false],
         ["gold\t NY ", subject, true],
     ]) {
-        assert.equal(makeFilter(text)(row), fits, `${text} of ${row.subject ?? row.group}`);
+        const filter = readFilter(text, { columns, scale: 10 });
+        assert.equal(filter.fits(row), fits, `${text} of ${row.subject ?? row.group}`);
     }
-    assert.equal(makeFilter("  "), null);
+    assert.equal(readFilter("  ").fits, null);
+});
+
+test("a filter says how it was understood, and what can't be", () => {
+    for (const [text, words, error] of [
+        ["PRICES.> !10.0.0.0/8", "subjects PRICES.> and not network 10.0.0.0/8", null],
+        ["10.0 :7500 gold", "addresses 10.0… and port 7500 and text “gold”", null],
+        ["gaps>=1k", "Gaps >= 1k", null],
+        ["gold 10.0.0.0/33", "text “gold”", "10.0.0.0/33 is no network"],
+        ["10.0.0.300 :70000", "", "10.0.0.300 is no address, :70000 is no port"],
+        ["rejects>0", "", "no column rejects here"],
+    ]) {
+        const filter = readFilter(text, { columns });
+        assert.deepEqual([filter.words, filter.error], [words, error]);
+    }
 });
 
 test("rows sort by value, equal ones keep their order, none comes last", () => {

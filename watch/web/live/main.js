@@ -2,7 +2,7 @@
 // the details that are open. Nothing else keeps state of the bus.
 
 import { setAttribute, setText } from "../shared/dom.js";
-import { filterNeedsSubjects, makeFilter } from "../shared/filter.js";
+import { readFilter } from "../shared/filter.js";
 import { formatCount, formatDateTime, formatSpan, formatTime } from "../shared/format.js";
 import { makeTable, sumRows } from "../shared/table.js";
 import { tables } from "../shared/tables.js";
@@ -91,10 +91,11 @@ function chooseTab(key) {
     showTable();
 }
 
-function emptyText(filterText, rowCount) {
+function emptyText(filter, rowCount) {
     if (model === null) return "Waiting for the first interval.";
     if (rowCount === 0) return "Nothing in this interval.";
-    if (tab !== "subjects" && filterNeedsSubjects(filterText))
+    if (filter.error !== null) return `No row: ${filter.error}.`;
+    if (tab !== "subjects" && filter.needsSubjects)
         return "A pattern of subjects fits rows of the table Subjects only.";
     return "No row fits the filter.";
 }
@@ -102,8 +103,11 @@ function emptyText(filterText, rowCount) {
 function showTable() {
     const isFaults = tab === "faults";
     const rows = isFaults ? faults.rows() : (model?.rows[tab] ?? []);
-    const text = byId("filter").value;
-    const fits = isFaults ? null : makeFilter(text);
+    const filter = readFilter(isFaults ? "" : byId("filter").value, {
+        columns: isFaults ? [] : tables[tab].columns,
+        scale: scale(),
+    });
+    const { fits } = filter;
     const shown = fits === null ? rows : rows.filter(fits);
     const table = shownTables[tab];
     const sums =
@@ -111,13 +115,15 @@ function showTable() {
             ? []
             : [{ title: "Totals", ...sumRows(shown, tables[tab].columns) }];
     table.setEmptyText(
-        isFaults ? "No faults since the page was opened." : emptyText(text, rows.length),
+        isFaults ? "No faults since the page was opened." : emptyText(filter, rows.length),
     );
     table.setRows(shown, sums, scale());
     setText(
         byId("fits"),
         fits === null ? "" : `${formatCount(shown.length)} of ${formatCount(rows.length)}`,
     );
+    setText(byId("understood"), filter.error ?? filter.words);
+    byId("understood").classList.toggle("error", filter.error !== null);
     byId("filter").disabled = isFaults;
 }
 

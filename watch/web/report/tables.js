@@ -1,7 +1,7 @@
 // The tables of the report. A table may hold the largest rows only; the sums are those of all.
 
 import { element, setText } from "../shared/dom.js";
-import { makeFilter } from "../shared/filter.js";
+import { readFilter } from "../shared/filter.js";
 import { formatCount, formatDateTime, formatTime } from "../shared/format.js";
 import { makeTable, sumRows } from "../shared/table.js";
 import { tables } from "../shared/tables.js";
@@ -112,9 +112,9 @@ export function showTables(data) {
         for (const [key, table] of Object.entries(shownTables)) table.element.hidden = key !== tab;
         byId("tables").setAttribute("aria-labelledby", `tab-${tab}`);
         const content = contents[tab];
-        const fits = makeFilter(byId("filter").value);
-        const rows = fits === null ? content.rows : content.rows.filter(fits);
         const { columns } = kTables[tab];
+        const { fits, words, error } = readFilter(byId("filter").value, { columns });
+        const rows = fits === null ? content.rows : content.rows.filter(fits);
         const totals = { ...content.sums, title: "Totals" };
         const sums =
             fits === null
@@ -124,6 +124,8 @@ export function showTables(data) {
             content.rows.length === 0 ? "None in the capture." : "No row fits the filter.",
         );
         shownTables[tab].setRows(rows, content.rows.length === 0 ? [] : sums);
+        setText(byId("understood"), error ?? words);
+        byId("understood").classList.toggle("error", error !== null);
         setText(
             byId("fits"),
             fits === null
