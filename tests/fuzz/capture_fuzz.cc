@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "tests/fuzz/fuzz.h"
@@ -50,6 +51,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t count = 0; count < kMostFrames; ++count) {
         if (captureReaderNext(*reader, &frame) != ReadResult::kFrame) break;
         checkFrame(frame);
+    }
+    // With what the head said, and with what it might have said.
+    const CaptureClock found = captureReaderClock(*reader).value_or(CaptureClock{true, true, 1, 0});
+    for (const bool isPcapng : {false, true}) {
+        const CaptureClock clock = {isPcapng, found.isSwapped, found.ticksASecond,
+                                    found.offsetSeconds};
+        (void)captureTailSeconds({data, std::min(size, kCaptureTailBytes)}, clock);
     }
     return 0;
 }

@@ -12,6 +12,7 @@ import signal
 import struct
 import subprocess
 import sys
+import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
@@ -144,6 +145,26 @@ class Captures(ProgramCase):
             part = self.read(pcap(self.folder / "part", ETHERNET, [
                 frame for frame in self.frames if frame[2] in wanted and (1700000002, 0) <= frame[:2] <= (1700000004, 500000)]))[1]
             self.assertEqual(snapshots, part, span)
+
+    def test_files_outside_the_span_are_not_read_through(self):
+        """Each is damaged in its middle, which shows whether it is read."""
+        for suffix in ("pcap", "pcapng"):
+            parts = []
+            for start in range(0, 3000, 1000):
+                frames = [(s + start + turn, u, f) for turn in (0, 20) for s, u, f in self.frames]
+                part = pcap(self.folder / "part.pcap", ETHERNET, frames)
+                parts.append(self.folder / ("%d.%s" % (start, suffix)))
+                subprocess.run(["editcap", "-F", suffix, part, parts[-1]], check=True)
+                data = bytearray(parts[-1].read_bytes())
+                at = data.index(frames[3000][2], len(data) // 3)
+                data[at - 12:at] = b"\xff" * 12
+                parts[-1].write_bytes(data)
+            for number, part in enumerate(parts):
+                span = [time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(1700000000 + 1000 * number + offset))
+                        for offset in (-100, 100)]
+                found = self.read(*parts, options=("--from", span[0], "--to", span[1]))
+                self.assertEqual(found, self.read(part), span)
+                self.assertIn("unable to read all of '%s'" % part, found[2])
 
     def test_a_silent_pipe_holds_neither_signals_nor_requests_up(self):
         fifo = self.folder / "fifo"

@@ -504,6 +504,18 @@ ReadResult captureReaderNext(CaptureReader& reader, CaptureFrame* frame) {
     return reader.format == Format::kPcap ? nextOfPcap(reader, frame) : nextOfPcapng(reader, frame);
 }
 
+std::optional<CaptureClock> captureReaderClock(const CaptureReader& reader) {
+    const bool isPcapng = reader.format == Format::kPcapng;
+    if (reader.unpacked != nullptr || (isPcapng && reader.interfaces.empty())) return {};
+    const Interface& first = isPcapng ? reader.interfaces[0] : reader.pcap;
+    const bool differ = std::ranges::any_of(reader.interfaces, [&](const Interface& other) {
+        return other.ticksASecond != first.ticksASecond ||
+               other.offsetSeconds != first.offsetSeconds;
+    });
+    if (differ) return {};
+    return CaptureClock{isPcapng, reader.swapped, first.ticksASecond, first.offsetSeconds};
+}
+
 const std::string& captureReaderFault(const CaptureReader& reader) {
     return reader.fault;
 }

@@ -21,7 +21,10 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+
+#include "watch/capture/capture_tail.h"
 
 struct CaptureFrame {
     int64_t seconds;  // since 1970, UTC
@@ -58,6 +61,10 @@ using OwnedCaptureReader = std::unique_ptr<CaptureReader, CaptureReaderDelete>;
 [[nodiscard]] ReadResult captureReaderBegin(CaptureReader& reader);
 
 [[nodiscard]] ReadResult captureReaderNext(CaptureReader& reader, CaptureFrame* frame);
+
+// Once a frame was read: how all frames have their times. None where the file is compressed, or has
+// interfaces whose clocks differ.
+[[nodiscard]] std::optional<CaptureClock> captureReaderClock(const CaptureReader& reader);
 
 // What the last result but kFrame was about. Empty at a sound end.
 [[nodiscard]] const std::string& captureReaderFault(const CaptureReader& reader);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <tuple>
 
 #include "lib/base/log.h"
@@ -19,6 +20,9 @@ namespace {
 // Interfaces that are captured together hand on their frames with small differences of order. A
 // file's reading ends where a frame lies later than this beyond the span.
 constexpr int64_t kOrderSeconds = 10;
+
+// Shorter files are read as fast as their last bytes are looked through.
+constexpr uint64_t kLeastSkippedBytes = 1 << 20;
 
 // Looking up how far the files were read takes a system call for each.
 constexpr uint32_t kFramesPerLook = 4096;
@@ -38,6 +42,7 @@ struct File {
     bool isRegular = false;
     bool hasFrames = false;
     uint64_t fileBytes = 0;
+    std::optional<CaptureClock> clock;  // of a regular file
 
     OwnedCaptureReader reader;
     // The next one. Without bytes only its time is known.
@@ -211,6 +216,7 @@ bool probe(CaptureSet& set, File& file) {
     if (!file.isRegular) return true;
     if (!openReader(set, file) || !advance(set, file)) return false;
     noteSnapshotBytes(set, file);
+    file.clock = captureReaderClock(*file.reader);
     file.reader = nullptr;
     file.frame.bytes = nullptr;
     return lseek(file.descriptor, 0, SEEK_SET) == 0;
@@ -242,8 +248,29 @@ void keepThose(CaptureSet& set, Check check) {
     std::ranges::sort(set.pending, comesAfter);
 }
 
-bool isLongAfter(const CaptureSpan& span, const CaptureFrame& frame) {
-    return frame.seconds > span.toSeconds && frame.seconds - kOrderSeconds > span.toSeconds;
+bool isLongBefore(int64_t seconds, int64_t other) {
+    return seconds<other&& static_cast<uint64_t>(other) -
+                   static_cast<uint64_t>(seconds)> static_cast<uint64_t>(kOrderSeconds);
+}
+
+// A file's last frame as its last bytes show it, unless that contradicts its first one.
+std::optional<int64_t> lastSeconds(const File& file) {
+    std::vector<uint8_t> tail(kCaptureTailBytes);
+    const auto tailAt = static_cast<off_t>(file.fileBytes - tail.size());
+    const ssize_t got = pread(file.descriptor, tail.data(), tail.size(), tailAt);
+    if (got != static_cast<ssize_t>(tail.size())) return {};
+    const std::optional<int64_t> last = captureTailSeconds(tail, *file.clock);
+    return last && isLongBefore(*last, file.frame.seconds) ? std::nullopt : last;
+}
+
+// By its first frame it is, or by its last.
+bool isOutside(const CaptureSpan& span, const File& file) {
+    if (!file.isRegular) return false;
+    if (isLongBefore(span.toSeconds, file.frame.seconds)) return true;
+    if (!isLongBefore(file.frame.seconds, span.fromSeconds)) return false;
+    if (!file.clock || file.fileBytes < kLeastSkippedBytes) return false;
+    const std::optional<int64_t> last = lastSeconds(file);
+    return last && isLongBefore(*last, span.fromSeconds);
 }
 
 // The file has no further frame that is wanted.
@@ -253,6 +280,7 @@ void end(CaptureSet& set, OwnedFile file) {
 
 // The file joins those that are read, with its first frame at hand.
 void activate(CaptureSet& set, OwnedFile file) {
+    if (isOutside(set.span, *file)) return end(set, std::move(file));
     const bool hasReader = file->reader != nullptr || openReader(set, *file);
     const bool hasFrame = hasReader && (file->frame.bytes != nullptr || advance(set, *file));
     if (!hasFrame) return end(set, std::move(file));
@@ -339,7 +367,7 @@ ReadResult captureSetNext(CaptureSet& set, CaptureFrame* frame) {
             return ReadResult::kEnd;
         }
         *frame = set.active.front()->frame;
-        if (isLongAfter(set.span, *frame)) {
+        if (isLongBefore(set.span.toSeconds, frame->seconds)) {
             end(set, takeTop(set));
             continue;
         }

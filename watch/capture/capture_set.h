@@ -54,8 +54,9 @@ using OwnedCaptureSet = std::unique_ptr<CaptureSet, CaptureSetDelete>;
 // After the wait for frames: when the first one was captured. 0 without frames.
 [[nodiscard]] int64_t captureSetFirstSeconds(const CaptureSet& set);
 
-// After the beginning: leaves out what isn't of the span. Of a file that begins after it only the
-// first frame is read.
+// After the beginning: leaves out what isn't of the span. Of a regular file that lies outside it
+// only the first frame is read, and its last bytes, unless it is a short or a compressed one; a
+// file within ten seconds of the span is read until it leaves them, as frames may be out of order.
 void captureSetLimit(CaptureSet& set, const CaptureSpan& span);
 
 // kFrame, kEnd or kStopped.
