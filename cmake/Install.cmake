@@ -1,7 +1,8 @@
 # cmake --install: the tool with its two modules, the programs beside it, manual pages, completions,
 # unit samples, the operators' guide and the licence texts of third parties; and the library with its
-# headers and its files for pkg-config and CMake. The components "tool" and "watch" go into a package
-# each (Package.cmake), "library" is all else.
+# headers, its files for pkg-config and CMake, and its reference. Each component goes into a package
+# (Package.cmake): "tool", "bus" and "watch" are programs, "library" is what a program needs at run
+# time, "dev" what it is built with, "doc" the reference.
 #
 # The modules must be beside the program that loads them, and no other program should find them, so
 # program and modules go to a folder of their own, and bin/ gets a link. The set-up puts the modules
@@ -20,7 +21,7 @@ install(CODE "
     file(CREATE_LINK \"${tool_from_bin}\" \"\${bin}/pelmoscope\" SYMBOLIC)
     message(STATUS \"Installing: \${bin}/pelmoscope -> ${tool_from_bin}\")"
     COMPONENT tool)
-install(TARGETS pelmobus pmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+install(TARGETS pelmobus pmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT bus)
 
 # What is laid with programs, whatever they are: pages and completions; the guide, and who made what, in
 # the documents of their package.
@@ -39,11 +40,13 @@ function(pelmo_install_texts component package)
     endforeach()
 endfunction()
 
-pelmo_install_texts(tool pelmoscope pelmoscope pelmobus pmd)
+pelmo_install_texts(tool pelmoscope pelmoscope)
+pelmo_install_texts(bus pelmobus pelmobus pmd)
 install(FILES share/wireshark/pelmo.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmo/wireshark
     COMPONENT tool)
-install(FILES docs/pelmoscope.service docs/pmd.service docs/licenses/OpenSSL-1.1.1.txt
+install(FILES docs/pelmoscope.service docs/licenses/OpenSSL-1.1.1.txt
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmoscope COMPONENT tool)
+install(FILES docs/pmd.service DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmobus COMPONENT bus)
 
 # pelmowatch, where it is built: beside the texts what other programs read, the schemas and what
 # Prometheus and its dashboards take. The licences are of what is compiled into it.
@@ -61,22 +64,37 @@ endif()
 foreach(header IN LISTS PELMO_PUBLIC_HEADERS)
     get_filename_component(folder ${header} DIRECTORY)
     install(FILES lib/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pelmo/${folder}
-            COMPONENT library)
+            COMPONENT dev)
 endforeach()
 install(TARGETS pelmo EXPORT pelmo
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT library)
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Pelmo)
 install(EXPORT pelmo NAMESPACE Pelmo:: FILE PelmoConfig.cmake DESTINATION ${package_dir}
-        COMPONENT library)
+        COMPONENT dev)
 include(CMakePackageConfigHelpers)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/PelmoConfigVersion.cmake
-    COMPATIBILITY SameMinorVersion)
+    COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/PelmoConfigVersion.cmake DESTINATION ${package_dir}
-        COMPONENT library)
+        COMPONENT dev)
 
 # The prefix is derived from the file's own place, since it is chosen at the install.
 file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/pelmo.pc.in ${CMAKE_BINARY_DIR}/pelmo.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/pelmo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-        COMPONENT library)
+        COMPONENT dev)
+
+set(components library dev)
+set(packages libpelmo0 libpelmo-dev)
+if(PELMO_REFERENCE_BUILT)
+    install(DIRECTORY ${PELMO_REFERENCE_DIR}/html DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpelmo-doc
+            COMPONENT doc)
+    install(DIRECTORY ${PELMO_REFERENCE_DIR}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT doc)
+    list(APPEND components doc)
+    list(APPEND packages libpelmo-doc)
+endif()
+foreach(component package IN ZIP_LISTS components packages)
+    install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+    install(FILES docs/THIRD_PARTY.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
+            RENAME copyright COMPONENT ${component})
+endforeach()

@@ -61,6 +61,7 @@ fi
 if [ "$option" = --all ] || [ "$option" = --long ] || [ "$option" = --bench ]; then
     need prometheus have_command promtool
     need tshark have_command tshark
+    need doxygen have_command doxygen
     need libbenchmark-dev have_header benchmark/benchmark.h
     need libmsgpack-dev have_header msgpack.h
     need libuv1-dev have_header uv.h
