@@ -82,6 +82,7 @@ void fill(Bus& bus, uint32_t rows) {
 void nextInterval(Bus& bus) {
     bus.head.prevTime = bus.head.thisTime;
     bus.head.thisTime.seconds += 1;
+    bus.head.span.elapsedNanoseconds = 1'000'000'000;
     for (SnapSubject& subject : bus.subjects) {
         subject.msgs = subject.bytes = 0;
         for (uint32_t sender = 0; sender < kSenders; ++sender) {

@@ -139,7 +139,7 @@ TEST_F(HistoryTest, TimesAreMilliseconds) {
     JsonBuffer totals;
     historyAppendTotals(totals, history, 0.001);
     EXPECT_TRUE(totals.text().starts_with(
-        R"({"interval_seconds":0.001,"times":[0.250],"series":{"frames":[7],"packets":[0])"));
+        R"({"interval_seconds":0.001,"times":[0.250],"elapsed_seconds":[2],"series":{"frames":[7],"packets":[0])"));
 }
 
 // Every subject's text leads back to it, and what no subject has as its text is refused.

@@ -145,6 +145,7 @@ class Serve(ProgramCase):
         history = server.json("/history.json")
         self.assertEqual(history["interval_seconds"], 1)
         self.assertEqual(len(history["times"]), len(snapshots))
+        self.assertEqual(history["elapsed_seconds"], [one["elapsed_seconds"] for one in snapshots])
         for name, values in history["series"].items():
             table, _, number = name.rpartition(".")
             part = {"": lambda one: one.get(number, 0), "faults": lambda one: (

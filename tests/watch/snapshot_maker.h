@@ -47,6 +47,7 @@ class SnapshotMaker {
     SnapHeader& at(int32_t seconds) {
         head.prevTime = {static_cast<int32_t>(int64_t{seconds} - 2), 0};
         head.thisTime = {seconds, 0};
+        head.span.elapsedNanoseconds = 2'000'000'000;
         snapPorts.clear();
         for (auto& [number, port] : ports) {
             snapPorts.push_back(finished(number, port));

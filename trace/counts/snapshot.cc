@@ -313,6 +313,7 @@ void fillHead(SnapHeader& head, TimeSpec time, const Places& places) PELMO_REQUI
     head = {
         .prevTime = prevTime,
         .thisTime = time,
+        .span = {},
         .frames = statistics.totalPackets + cutFrames(),
         .packets = statistics.totalPackets,
         .oskaPackets = statistics.oskaPackets,

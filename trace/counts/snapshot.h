@@ -110,9 +110,18 @@ struct SnapSource {
     uint64_t notRead[kSnapNotReadKinds];
 };
 
+// How long an interval was, for forms of output that want it exactly. The program that shows the
+// Snapshot fills it in; zeros in what snapshotTake gives.
+struct SnapSpan {
+    int64_t elapsedNanoseconds;  // 0 or more, whatever the wall clock did
+    int64_t skippedNanoseconds;  // of silence before the interval, which no Snapshot covers
+    int64_t stepNanoseconds;     // by which the clock was set; below 0: back
+};
+
 struct SnapHeader {
     TimeSpec prevTime;  // when the snapshot before was taken
     TimeSpec thisTime;
+    SnapSpan span;
     uint64_t frames;       // that came from the source
     uint64_t packets;      // of any kind that reached classification
     uint64_t oskaPackets;  // those of the bus among them

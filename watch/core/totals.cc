@@ -166,11 +166,19 @@ void addFaults(FaultCounts& sums, const FaultCounts& counts) {
     }
 }
 
+// The whole run's length has the silence in it.
+void addSpan(SnapSpan& sum, const SnapSpan& span) {
+    sum.elapsedNanoseconds += span.elapsedNanoseconds + span.skippedNanoseconds;
+    sum.skippedNanoseconds += span.skippedNanoseconds;
+    sum.stepNanoseconds += span.stepNanoseconds;
+}
+
 void addHead(Totals& totals, const SnapHeader& snapshot) {
     SnapHeader& head = totals.head;
     if (!totals.hasBegun) head.prevTime = snapshot.prevTime;
     totals.hasBegun = true;
     head.thisTime = snapshot.thisTime;
+    addSpan(head.span, snapshot.span);
     head.frames += snapshot.frames;
     head.packets += snapshot.packets;
     head.oskaPackets += snapshot.oskaPackets;

@@ -21,6 +21,7 @@
 #include "watch/core/options.h"
 #include "watch/core/privileges.h"
 #include "watch/core/progress.h"
+#include "watch/core/span.h"
 #include "watch/core/stop.h"
 
 namespace {
@@ -37,6 +38,7 @@ struct WatchRun {
 
     // Of the thread that hands on Snapshots.
     bool wantsMore = true;
+    SpanWatch span = {};
 
     // None of the saved captures could be read, or nothing in them was the bus's.
     bool isUnread = false;
@@ -45,7 +47,12 @@ struct WatchRun {
 
 constinit WatchRun run;
 
+int64_t steadyNanoseconds() {
+    return static_cast<int64_t>(clockMonotonicNanoseconds());
+}
+
 void take(SnapHeader* snapshot) {
+    snapshot->span = spanTake(run.span, *snapshot, steadyNanoseconds());
     if (!run.wantsMore || run.form->snapshot == nullptr) return;
     snapshotSort(snapshot);
     servicesFind(snapshot);
@@ -101,6 +108,11 @@ pelmoStatus showProgress() {
     return shows && isatty(STDOUT_FILENO) == 0 ? progressStart() : kStatusSuccess;
 }
 
+pelmoStatus markStartOfSpans() {
+    spanBegin(run.span, steadyNanoseconds());
+    return markStart();
+}
+
 constexpr StartStep kStartSteps[] = {
     // With the rights that the program was started with.
     {kEitherMode, validateFilter},
@@ -118,7 +130,7 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, stopArm},
     {kEitherMode, startForm},
     {kEitherMode, showProgress},
-    {kLiveOnly, markStart},
+    {kLiveOnly, markStartOfSpans},
     {kLiveOnly, startSnapshotTimer},
     {kLiveOnly, watchLink},
     {kLiveOnly, captureThreadStart},

@@ -7,6 +7,7 @@
 
 #include "lib/base/bytes.h"
 #include "watch/capture/peel.h"
+#include "watch/core/span.h"
 #include "watch/core/text.h"
 
 namespace {
@@ -48,8 +49,14 @@ void jsonTime(JsonWriter& out, std::string_view key, TimeSpec time) {
     jsonPlain(out, key, jsonTimeText(time, text));
 }
 
-double jsonSeconds(TimeSpec time) {
-    return time.seconds + time.nanoseconds / 1e9;
+void jsonSpan(JsonWriter& out, const SnapSpan& span) {
+    jsonReal(out, "elapsed_seconds", secondsOf(span.elapsedNanoseconds));
+    if (span.skippedNanoseconds != 0) {
+        jsonReal(out, "skipped_seconds", secondsOf(span.skippedNanoseconds));
+    }
+    if (span.stepNanoseconds != 0) {
+        jsonReal(out, "clock_step_seconds", secondsOf(span.stepNanoseconds));
+    }
 }
 
 void jsonAddress(JsonWriter& out, std::string_view key, uint32_t address) {
@@ -114,7 +121,8 @@ void jsonNotRead(JsonWriter& out, const SnapSource& source) {
     out.EndObject();
 }
 
-void jsonFault(JsonWriter& out, const FaultCount& count) {
+void jsonFault(JsonWriter& out, Fault fault, const FaultCount& count) {
+    jsonPlain(out, "words", faultRow(fault).words);
     jsonMember(out, kFaults.name, count.packets);
     jsonTime(out, "first_time", count.first);
     jsonTime(out, "last_time", count.last);

@@ -80,7 +80,9 @@ void jsonReal(JsonWriter& out, std::string_view key, double number);
 inline constexpr size_t kJsonTimeBytes = 64;
 std::string_view jsonTimeText(TimeSpec time, char (&text)[kJsonTimeBytes]);
 void jsonTime(JsonWriter& out, std::string_view key, TimeSpec time);
-[[nodiscard]] double jsonSeconds(TimeSpec time);
+
+// elapsed_seconds, and where they aren't 0 skipped_seconds and clock_step_seconds.
+void jsonSpan(JsonWriter& out, const SnapSpan& span);
 
 // Addresses and ports are words in network order. An SCid of 0 is null.
 void jsonAddress(JsonWriter& out, std::string_view key, uint32_t address);
@@ -111,4 +113,4 @@ void jsonTotals(JsonWriter& out, const char* name, const SnapTotals& totals);
 void jsonNotRead(JsonWriter& out, const SnapSource& source);
 
 // The members of a fault's object; there was one at least.
-void jsonFault(JsonWriter& out, const FaultCount& count);
+void jsonFault(JsonWriter& out, Fault fault, const FaultCount& count);

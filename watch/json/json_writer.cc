@@ -116,9 +116,10 @@ void writeFaults(JsonWriter& out, const SnapHeader& snapshot) {
     for (size_t kind = 0; kind < kFaultKinds; ++kind) {
         const FaultCount& count = snapshot.faults[kind];
         if (count.packets == 0) continue;
-        out.plain(faultRow(static_cast<Fault>(kind)).key);
+        const auto fault = static_cast<Fault>(kind);
+        out.plain(faultRow(fault).key);
         out.StartObject();
-        jsonFault(out, count);
+        jsonFault(out, fault, count);
         out.EndObject();
     }
     out.EndObject();
@@ -130,8 +131,7 @@ constexpr std::string_view kSinceStart = "since_start";
 void writeHead(JsonWriter& out, const SnapHeader& snapshot, std::string_view scope) {
     jsonTime(out, "time", snapshot.thisTime);
     jsonTime(out, "begin_time", snapshot.prevTime);
-    jsonReal(out, "elapsed_seconds",
-             jsonSeconds(snapshot.thisTime) - jsonSeconds(snapshot.prevTime));
+    jsonSpan(out, snapshot.span);
     jsonFields(out, kSourceFields, snapshot);
     if (traceSettings.liveCapture) {
         jsonFields(out, kLossFields, snapshot.source);

@@ -57,8 +57,7 @@ void writeCapture(JsonWriter& out, const ReportInput& input, const ReportTables&
     writeFilter(out, input.filter);
     jsonTime(out, "begin_time", sum.prevTime);
     jsonTime(out, "end_time", sum.thisTime);
-    const double elapsed = jsonSeconds(sum.thisTime) - jsonSeconds(sum.prevTime);
-    jsonReal(out, "elapsed_seconds", std::max(elapsed, 0.0));
+    jsonSpan(out, sum.span);
     jsonFields(out, kSourceFields, sum);
     jsonMember(out, "read_bytes", source.readBytes);
     jsonMember(out, "file_bytes", source.fileBytes);
@@ -77,11 +76,10 @@ void writeFaults(JsonWriter& out, const SnapHeader& sum) {
     out.StartObject();
     for (size_t kind = 0; kind < kFaultKinds; ++kind) {
         if (sum.faults[kind].packets == 0) continue;
-        const FaultRow& row = faultRow(static_cast<Fault>(kind));
-        out.plain(row.key);
+        const auto fault = static_cast<Fault>(kind);
+        out.plain(faultRow(fault).key);
         out.StartObject();
-        jsonPlain(out, "words", row.words);
-        jsonFault(out, sum.faults[kind]);
+        jsonFault(out, fault, sum.faults[kind]);
         out.EndObject();
     }
     out.EndObject();

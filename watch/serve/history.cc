@@ -13,6 +13,7 @@
 #include "lib/containers/subject.h"
 #include "trace/counts/snapshot_totals.h"
 #include "watch/core/fields.h"
+#include "watch/core/span.h"
 #include "watch/serve/history_totals.h"
 
 // A row of the interval that is being made.
@@ -239,14 +240,10 @@ void removeFirst(History& history) {
     --history.count;
 }
 
-int64_t nanosecondsOf(TimeSpec time) {
-    return int64_t{time.seconds} * 1'000'000'000 + time.nanoseconds;
-}
-
 // Makes room for an interval of this time. Times only rise within the history: a clock that was set
 // back ends all that stands in it.
 void removeOld(History& history, TimeSpec newestTime) {
-    constexpr int64_t kHistoryNanoseconds = int64_t{kHistorySeconds} * 1'000'000'000;
+    constexpr int64_t kHistoryNanoseconds = kHistorySeconds * kNanosecondsOfSecond;
     const int64_t newest = nanosecondsOf(newestTime);
     const auto timeAt = [&](uint32_t at) { return nanosecondsOf(slotAt(history, at).time); };
     const bool isSetBack = history.count > 0 && timeAt(history.count - 1) > newest;
@@ -282,6 +279,7 @@ void historyAdd(History& history, const SnapHeader& snapshot) {
     HistoryInterval& interval = slotAt(history, history.count++);
     interval = {};
     interval.time = snapshot.thisTime;
+    interval.elapsedNanoseconds = snapshot.span.elapsedNanoseconds;
     keepTotals(interval, snapshot);
     keepRows(history, interval);
     while (history.blockBytes > history.mostBytes) {

@@ -47,7 +47,8 @@ inline constexpr size_t kHistoryTotals = 64;   // numbers of an interval's total
 inline constexpr size_t kHistoryNumbers = 12;  // numbers of a row, at most
 
 struct HistoryInterval {
-    TimeSpec time;                    // of its end
+    TimeSpec time;  // of its end
+    int64_t elapsedNanoseconds;
     uint64_t totals[kHistoryTotals];  // in the order of historyEachTotal
 
     uint32_t rowCount;

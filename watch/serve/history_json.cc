@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "watch/core/fields.h"
+#include "watch/core/span.h"
 #include "watch/serve/history_totals.h"
 
 namespace {
@@ -21,6 +22,12 @@ void appendKey(JsonBuffer& out, std::string_view prefix, std::string_view name) 
 
 void appendNumber(JsonBuffer& out, uint64_t number) {
     char text[20];
+    const char* const end = std::to_chars(text, text + sizeof text, number).ptr;
+    out.append({text, static_cast<size_t>(end - text)});
+}
+
+void appendReal(JsonBuffer& out, double number) {
+    char text[32];
     const char* const end = std::to_chars(text, text + sizeof text, number).ptr;
     out.append({text, static_cast<size_t>(end - text)});
 }
@@ -48,12 +55,14 @@ void appendTime(JsonBuffer& out, TimeSpec time) {
 
 template <typename Series>
 void appendAll(JsonBuffer& out, const History& history, double intervalSeconds, Series series) {
-    char text[32];
-    const char* const end = std::to_chars(text, text + sizeof text, intervalSeconds).ptr;
     out.append("{\"interval_seconds\":");
-    out.append({text, static_cast<size_t>(end - text)});
+    appendReal(out, intervalSeconds);
     out.append(",\"times\":");
     appendArray(out, history, [&](uint32_t at) { appendTime(out, historyAt(history, at).time); });
+    out.append(",\"elapsed_seconds\":");
+    appendArray(out, history, [&](uint32_t at) {
+        appendReal(out, secondsOf(historyAt(history, at).elapsedNanoseconds));
+    });
     out.append(",\"series\":{");
     series();
     out.append("}}\n");

@@ -1,8 +1,10 @@
 // The history as JSON:
 //
-//     {"interval_seconds":10,"times":[1700000010.123,...],"series":{"data_packets":[0,...],...}}
+//     {"interval_seconds":10,"times":[1700000010.123,...],"elapsed_seconds":[10,...],
+//      "series":{"data_packets":[0,...],...}}
 //
-// Times are ends of intervals, in seconds since 1970; series are counts of the intervals. Those of
+// Times are ends of intervals, in seconds since 1970, and elapsed_seconds their lengths; series are
+// counts of the intervals. Those of
 // a row have the names of its table's fields, those of the totals the names of
 // watch/serve/history_totals.h.
 //

@@ -15,6 +15,7 @@
 #include "trace/counts/statistics.h"
 #include "trace/run/start_steps.h"
 #include "trace/settings.h"
+#include "watch/core/span.h"
 #include "watch/core/stop.h"
 #include "watch/json/json_writer.h"
 #include "watch/serve/history.h"
@@ -67,10 +68,6 @@ struct ServeForm {
 };
 
 ServeForm serve;
-
-double secondsOf(TimeSpec time) {
-    return time.seconds + time.nanoseconds / 1e9;
-}
 
 // What a live run waits between two Snapshots; a page divides by it.
 double intervalSeconds() {
@@ -279,7 +276,7 @@ void keepPace(const SnapHeader& snapshot) {
 }
 
 void addUp(const SnapHeader& snapshot) {
-    const double elapsed = secondsOf(snapshot.thisTime) - secondsOf(snapshot.prevTime);
+    const double elapsed = secondsOf(snapshot.span.elapsedNanoseconds);
     const LockGuard guard(serve.lock);
     seriesAdd(serve.series, snapshot);
     historyAdd(serve.history, snapshot);

@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "watch/core/span.h"
 #include "watch/top/tables.h"
 
 namespace {
@@ -12,14 +13,9 @@ Pane& paneOf(TopModel& model) {
     return model.panes[static_cast<size_t>(model.table)];
 }
 
-double secondsOf(TimeSpec time) {
-    return time.seconds + time.nanoseconds / 1e9;
-}
-
-// A capture's stamps may stand still or go back.
+// 0 where a capture's stamps stood still.
 double intervalSeconds(const SnapHeader& snapshot) {
-    constexpr double kLeast = 0.001;
-    return std::max(kLeast, secondsOf(snapshot.thisTime) - secondsOf(snapshot.prevTime));
+    return secondsOf(snapshot.span.elapsedNanoseconds);
 }
 
 TopHead headOf(const SnapHeader& snapshot) {

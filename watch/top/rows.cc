@@ -255,7 +255,9 @@ void addTotals(TopRows& to, const SnapHeader& snapshot) {
     }
 }
 
+// An interval without a length has no rates.
 void addToTrail(TopRows& rows, Trail& trail, double seconds) {
+    if (seconds <= 0) return;
     for (size_t at = 0; at < rows.rows.size(); ++at) {
         TopRow& row = rows.rows[at];
         if (!rowIsActive(rows, row)) continue;

@@ -22,6 +22,7 @@
 #include "trace/settings.h"
 #include "watch/capture/source.h"
 #include "watch/core/options.h"
+#include "watch/core/span.h"
 #include "watch/core/stop.h"
 #include "watch/core/text.h"
 #include "watch/top/kept_log.h"
@@ -283,10 +284,6 @@ bool start() {
     terminalClose();
     keptLogEnd();
     return refuse(isOpen ? "no thread" : "the terminal can't be used");
-}
-
-double secondsOf(TimeSpec time) {
-    return time.seconds + time.nanoseconds / 1e9;
 }
 
 void followKeys(double now) {

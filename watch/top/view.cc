@@ -47,10 +47,13 @@ bool isFull(ScreenSize size) {
     return size.lines >= kFullHeadLines;
 }
 
-// A number as the screen tells them now: a rate, or the count.
+// A number as the screen shows them now: a rate, or the count. An interval without a length has no
+// rates.
 std::string numberText(const Drawing& drawing, uint64_t number, size_t columns) {
     if (!drawing.model.showsRates) return countText(number, columns);
-    return rateText(static_cast<double>(number) / topState(drawing.model).head.seconds, columns);
+    const double seconds = topState(drawing.model).head.seconds;
+    if (seconds <= 0) return "-";
+    return rateText(static_cast<double>(number) / seconds, columns);
 }
 
 // The head.
@@ -97,7 +100,8 @@ void putState(Drawing& drawing) {
 void putSum(Drawing& drawing, const char* name, uint64_t number, bool isTrouble, size_t end) {
     Screen& screen = drawing.screen;
     const std::string text = numberText(drawing, number, 2 * kNumberColumns);
-    const char* const unit = drawing.model.showsRates && number != 0 ? "/s" : "";
+    const bool isRate = drawing.model.showsRates && topState(drawing.model).head.seconds > 0;
+    const char* const unit = isRate && number != 0 ? "/s" : "";
     const bool isFirst = screen.lines[drawing.line].columns == 0;
     const std::string lead = formatted(isFirst ? " %s " : "  %s ", name);
     const size_t columns = lead.size() + text.size() + std::string_view(unit).size();
@@ -419,8 +423,9 @@ void drawBars(Drawing& drawing) {
     const double seconds = topState(drawing.model).head.seconds;
     const size_t room =
         screen.size.columns - std::min(screen.size.columns - 1, name.size() + kTailColumns);
-    const auto intervals = static_cast<size_t>(kTrailSeconds / seconds);
-    std::vector<float> series(std::clamp<size_t>(intervals, 2, room));
+    const double intervals = seconds > 0 ? kTrailSeconds / seconds : kTrailSeconds;
+    std::vector<float> series(
+        std::clamp<size_t>(static_cast<size_t>(std::min(intervals, 1e6)), 2, room));
     const size_t known = trailRead(drawing.model.trails[static_cast<size_t>(drawing.rows.table)],
                                    row.lastEntry, drawing.rows.interval, column, series);
     const std::span there = std::span(series).last(known);
