@@ -57,6 +57,23 @@ const char* setReliability(BusSettings& settings, const char* value) {
     return fault;
 }
 
+// An empty one is a variable of the shell that isn't set.
+template <auto kMember>
+const char* setNotEmpty(BusSettings& settings, const char* value) {
+    settings.*kMember = value;
+    return *value != '\0' ? nullptr : "is empty";
+}
+
+constexpr double kLeastSpeed = 0.001;
+constexpr double kMostSpeed = 1'000'000;
+
+const char* setSpeed(BusSettings& settings, const char* value) {
+    double& speed = settings.speed.emplace();
+    const char* fault = numberParse(value, speed);
+    if (fault != nullptr) return fault;
+    return speed >= kLeastSpeed && speed <= kMostSpeed ? nullptr : "out of range";
+}
+
 struct Option : OptionRow {
     uint32_t groups;  // CommandGroup bits
     const char* (*store)(BusSettings& settings, const char* value);
@@ -81,6 +98,11 @@ constexpr const char* kReliabilityUsage = "how long the daemon keeps messages fo
 constexpr const char* kSecondsUsage = "end after so long; of request, how long to wait (10)";
 constexpr const char* kJsonUsage = "messages as lines of JSON; of send, those it reads";
 constexpr const char* kLinesUsage = "a message with the field \"line\" for each line read";
+constexpr const char* kPaceUsage = "send lines of JSON at the times that they carry";
+constexpr const char* kSpeedUsage = "so many times as fast; 0.001 to 1000000";
+constexpr const char* kOriginalUsage = "send lines of JSON to the subjects that they name";
+constexpr const char* kPrefixUsage = "send them there with TEXT before it, such as TEST.";
+constexpr const char* kToUsage = "send them all to one subject";
 constexpr const char* kSequenceUsage = "add the u64 field \"seq\", from 1";
 constexpr const char* kWaitUsage = "wait for a broken connection to be back";
 
@@ -105,6 +127,11 @@ constexpr Option kOptions[] = {
     {{"--json", nullptr, kJsonUsage}, kPrinters | kForSend, setTrue<&S::json>},
     {{"--quiet", nullptr, "print no messages, count them"}, kPrinters, setTrue<&S::quiet>},
     {{"--lines", nullptr, kLinesUsage}, kForSend, setTrue<&S::lines>},
+    {{"--pace", nullptr, kPaceUsage}, kForSend, setTrue<&S::pace>},
+    {{"--speed", "N", kSpeedUsage}, kForSend, setSpeed},
+    {{"--original", nullptr, kOriginalUsage}, kForSend, setTrue<&S::original>},
+    {{"--prefix", "TEXT", kPrefixUsage}, kForSend, setNotEmpty<&S::prefix>},
+    {{"--to", "SUBJECT", kToUsage}, kForSend, setNotEmpty<&S::to>},
     {{"--reply", "SUBJECT", "set the reply subject"}, kForSend, setText<&S::reply>},
     {{"--size", "BYTES", "add the opaque field \"pad\""}, kSized, setSize},
     {{"--sequence", nullptr, kSequenceUsage}, kComposers, setTrue<&S::sequence>},

@@ -5,7 +5,14 @@ namespace {
 constexpr size_t kManySubjects = SIZE_MAX;
 
 const char* checkSend(const BusSettings& settings) {
-    return settings.lines && settings.json ? "--lines and --json exclude each other" : nullptr;
+    const int ways = settings.original + (settings.prefix != nullptr) + (settings.to != nullptr);
+    if (settings.lines && settings.json) return "--lines and --json exclude each other";
+    if (ways > 1) return "--original, --prefix and --to exclude each other";
+    if (settings.speed && !settings.pace) return "--speed needs --pace";
+    if (settings.pace && settings.rate > 0) return "--pace and --rate exclude each other";
+    if (settings.pace && !settings.json) return "--pace needs --json";
+    if (ways > 0 && !settings.json) return "--original, --prefix and --to need --json";
+    return ways == 0 && settings.subjects.empty() ? "needs a SUBJECT" : nullptr;
 }
 
 constexpr const char* kListenUsage = "print each message on the subjects; > has advisories too";
@@ -23,7 +30,7 @@ constexpr size_t kMany = kManySubjects;
 
 constexpr Command kCommands[] = {
     {"listen", nullptr, "SUBJECT...", kForListen, 1, kMany, false, kListenUsage, runListen, {}},
-    {"send", nullptr, kFields, kForSend, 1, 1, true, kSendUsage, runSend, checkSend},
+    {"send", nullptr, kFields, kForSend, 0, 1, true, kSendUsage, runSend, checkSend},
     {"request", nullptr, kFields, kForRequest, 1, 1, true, kRequestUsage, runRequest, {}},
     {"answer", nullptr, kFields, kForAnswer, 1, 1, true, kAnswerUsage, runAnswer, {}},
     {"circuit", "accept", "SUBJECT", kForCircuit, 1, 1, false, kAcceptUsage, runCircuitAccept, {}},

@@ -1,10 +1,13 @@
 #include "bus/composer.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
 #include "bus/common.h"
+#include "programs/field_kind.h"
+#include "programs/steady_time.h"
 
 namespace {
 
@@ -32,12 +35,33 @@ pelmoStatus addLine(pelmoMsg* msg, std::string_view line) {
     return fieldAdd(msg, *fieldKindByCode(FIELD_STRING), "line", 0, value);
 }
 
+bool failLine(const Composer& composer, const std::string& what) {
+    complain(lineWords(composer) + ": " + what);
+    return false;
+}
+
+// Lines without a time under --pace would all leave at once.
+bool readTime(Composer& composer) {
+    constexpr int64_t kMostSeconds = INT64_MAX / kSecond - 1;
+    const std::string& text = composer.reader.time;
+    if (text.empty()) return failLine(composer, "has no time");
+    pelmoMsgDateTime time{};
+    const char* const fault = dateTextParse(text, time);
+    if (fault != nullptr) return failLine(composer, "time: " + std::string(fault));
+    if (std::abs(time.seconds) > kMostSeconds) return failLine(composer, "time: out of range");
+    composer.time = time.seconds * kSecond + time.nanoseconds;
+    return true;
+}
+
+// Reads the line's message and, of one that isn't lacking, its time.
+bool readJson(Composer& composer, pelmoMsg* msg, std::string_view line) {
+    JsonReader& reader = composer.reader;
+    if (!jsonReadMessage(reader, line, msg)) return failLine(composer, reader.fault);
+    return reader.isLacking || !composer.settings.pace || readTime(composer);
+}
+
 bool addContent(Composer& composer, pelmoMsg* msg, std::string_view line) {
     const BusSettings& settings = composer.settings;
-    if (settings.json && !jsonReadMessage(composer.reader, line, msg)) {
-        complain(lineWords(composer) + ": " + composer.reader.fault);
-        return false;
-    }
     const TextField* fault = nullptr;
     pelmoStatus status = textFieldsAdd(msg, settings.fields, &fault);
     if (status != kStatusSuccess) return fail(fault->word, status);
@@ -46,23 +70,56 @@ bool addContent(Composer& composer, pelmoMsg* msg, std::string_view line) {
     return true;
 }
 
-bool address(Composer& composer, pelmoMsg* msg) {
-    const std::string& ownSubject = composer.reader.subject;
+// Where the message goes. Subjects that a line names are led elsewhere, or sent to on request only;
+// those of the command line are used as they are. Null for what there isn't.
+struct Addresses {
+    std::string led, ledReply;
+    const char* subject;
+    const char* reply;
+};
+
+void findAddresses(Composer& composer, Addresses& out) {
+    const BusSettings& settings = composer.settings;
+    const std::string& own = composer.reader.subject;
     const std::string& ownReply = composer.reader.reply;
-    const char* subject = ownSubject.empty() ? composer.settings.subjects[0] : ownSubject.c_str();
-    const char* reply = ownReply.empty() ? composer.settings.reply : ownReply.c_str();
-    composer.toInbox |= std::string_view(subject).starts_with("_INBOX");
-    pelmoStatus status = pelmoMsg_SetSendSubject(msg, subject);
-    if (status != kStatusSuccess) return fail(std::string("send ") + subject, status);
-    if (reply != nullptr) status = pelmoMsg_SetReplySubject(msg, reply);
-    if (status != kStatusSuccess) return fail(std::string("reply ") + reply, status);
+    const std::string prefix = settings.prefix != nullptr ? settings.prefix : "";
+    out.led = prefix + own;
+    out.ledReply = prefix + ownReply;
+    out.subject = !own.empty()                 ? out.led.c_str()
+                  : !settings.subjects.empty() ? settings.subjects[0]
+                                               : nullptr;
+    out.reply = !ownReply.empty() ? out.ledReply.c_str() : settings.reply;
+    if (settings.to == nullptr) return;
+    // Answers would go where the message itself must not.
+    out.subject = settings.to;
+    out.reply = settings.reply;
+    composer.repliesLeftOut += ownReply.empty() ? 0 : 1;
+}
+
+bool address(Composer& composer, pelmoMsg* msg) {
+    const BusSettings& settings = composer.settings;
+    const bool isLed = settings.original || settings.prefix != nullptr || settings.to != nullptr;
+    if (!isLed && !composer.reader.subject.empty()) {
+        return failLine(composer,
+                        "names a subject of its own, which needs --original, --prefix or --to");
+    }
+    Addresses to;
+    findAddresses(composer, to);
+    if (to.subject == nullptr)
+        return failLine(composer, "names no subject, and no SUBJECT is given");
+    composer.toInbox |= std::string_view(to.subject).starts_with("_INBOX");
+    const std::string place = settings.json ? lineWords(composer) + ": " : "";
+    pelmoStatus status = pelmoMsg_SetSendSubject(msg, to.subject);
+    if (status != kStatusSuccess) return fail(place + "send " + to.subject, status);
+    if (to.reply != nullptr) status = pelmoMsg_SetReplySubject(msg, to.reply);
+    if (status != kStatusSuccess) return fail(place + "reply " + to.reply, status);
     return true;
 }
 
 bool addExtras(Composer& composer, ComposerSlot& slot) {
     const BusSettings& settings = composer.settings;
     pelmoStatus status = kStatusSuccess;
-    if (!slot.stands) {
+    if (!slot.isBuilt) {
         status = composerAddExtras(composer, slot.msg.get());
     } else if (settings.sequence) {
         status = pelmoMsg_UpdateU64(slot.msg.get(), "seq", composer.made + 1, 0);
@@ -70,17 +127,22 @@ bool addExtras(Composer& composer, ComposerSlot& slot) {
     return status == kStatusSuccess || fail("message", status);
 }
 
-bool build(Composer& composer, ComposerSlot& slot, std::string_view line) {
+// kNone for a line that carries no whole message.
+ComposeResult build(Composer& composer, ComposerSlot& slot, std::string_view line) {
+    constexpr ComposeResult kFailed = ComposeResult::kFailed;
     if (slot.msg == nullptr) slot.msg = messageMake();
-    if (slot.msg == nullptr) return fail("message", kStatusNoMemory);
-    if (!slot.stands) {
-        pelmoMsg_Reset(slot.msg.get());
-        if (!addContent(composer, slot.msg.get(), line)) return false;
-        if (!address(composer, slot.msg.get())) return false;
+    if (slot.msg == nullptr) return fail("message", kStatusNoMemory), kFailed;
+    pelmoMsg* const msg = slot.msg.get();
+    if (!slot.isBuilt) {
+        pelmoMsg_Reset(msg);
+        if (composer.settings.json && !readJson(composer, msg, line)) return kFailed;
+        if (composer.reader.isLacking) return ++composer.lacking, ComposeResult::kNone;
+        if (!addContent(composer, msg, line) || !address(composer, msg)) return kFailed;
     }
-    if (!addExtras(composer, slot)) return false;
-    slot.stands = !readsLines(composer.settings);
-    return true;
+    if (!addExtras(composer, slot)) return kFailed;
+    slot.isBuilt = !readsLines(composer.settings);
+    ++composer.made;
+    return ComposeResult::kMade;
 }
 
 ComposeResult readLine(Composer& composer, bool mayWait, std::string_view& line) {
@@ -127,14 +189,14 @@ pelmoStatus composerAddExtras(Composer& composer, pelmoMsg* msg) {
 
 ComposeResult composerNext(Composer& composer, ComposerSlot& slot, bool mayWait) {
     if (composer.made == composer.most) return ComposeResult::kEnd;
-    std::string_view line;
-    if (readsLines(composer.settings)) {
-        do {
+    for (;;) {
+        std::string_view line;
+        if (readsLines(composer.settings)) {
             const ComposeResult result = readLine(composer, mayWait, line);
             if (result != ComposeResult::kMade) return result;
-        } while (composer.settings.json && isBlank(line));
+        }
+        if (composer.settings.json && isBlank(line)) continue;
+        const ComposeResult result = build(composer, slot, line);
+        if (result != ComposeResult::kNone) return result;
     }
-    if (!build(composer, slot, line)) return ComposeResult::kFailed;
-    ++composer.made;
-    return ComposeResult::kMade;
 }

@@ -24,12 +24,17 @@ struct Composer {
     JsonReader reader = {};
     uint64_t made = 0;
     bool toInbox = false;  // was any of them on its way to an inbox?
+
+    // Of lines of JSON.
+    int64_t time = 0;             // that of the last line, in nanoseconds since 1970; with --pace
+    uint64_t lacking = 0;         // that carry no whole message, and were skipped
+    uint64_t repliesLeftOut = 0;  // which led elsewhere than the messages
 };
 
 // A place for a message, used again and again.
 struct ComposerSlot {
     OwnedMessage msg;
-    bool stands = false;  // with all that doesn't change
+    bool isBuilt = false;  // with all that doesn't change
 };
 
 [[nodiscard]] Composer composerOpen(const BusSettings& settings, uint64_t most);

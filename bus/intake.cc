@@ -1,26 +1,12 @@
 #include "bus/intake.h"
 
-#include <cstdio>
-#include <string_view>
+#include <ctime>
 
 #include "bus/common.h"
 #include "programs/steady_time.h"
+#include "programs/text.h"
 
 namespace {
-
-void addPlain(std::string& out, std::string_view text) {
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte != 0x7F) {
-            out += character;
-            continue;
-        }
-        char escaped[8];
-        const bool isBreak = character == '\n';
-        std::snprintf(escaped, sizeof escaped, isBreak ? "\\n" : "\\x%02x", byte);
-        out += escaped;
-    }
-}
 
 pelmoStatus addTextLine(pelmoMsg* msg, std::string& out) {
     const char* subject = nullptr;
@@ -29,16 +15,24 @@ pelmoStatus addTextLine(pelmoMsg* msg, std::string& out) {
     const pelmoStatus status = pelmoMsg_ConvertToString(msg, &text);
     if (status != kStatusSuccess) return status;
     if (pelmoMsg_GetSendSubject(msg, &subject) == kStatusSuccess) {
-        addPlain(out, subject);
+        plainTextAdd(out, subject);
         out += ' ';
     }
     if (pelmoMsg_GetReplySubject(msg, &reply) == kStatusSuccess) {
         out += "reply=";
-        addPlain(out, reply);
+        plainTextAdd(out, reply);
         out += ' ';
     }
-    addPlain(out, text);
+    plainTextAdd(out, text);
     return kStatusSuccess;
+}
+
+pelmoStatus addJsonLine(MessageJsonWriter& writer, pelmoMsg* msg, std::string& out) {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    char time[kUtcTextBytes];
+    return jsonWriteMessage(writer, msg,
+                            utcText(now.tv_sec, static_cast<uint32_t>(now.tv_nsec), time), out);
 }
 
 }  // namespace
@@ -54,7 +48,7 @@ bool printerTake(Printer& printer, pelmoMsg* msg) {
     if (printer.quiet) return true;
     std::string& out = printer.output.text;
     const pelmoStatus status =
-        printer.json ? jsonWriteMessage(printer.writer, msg, out) : addTextLine(msg, out);
+        printer.json ? addJsonLine(printer.writer, msg, out) : addTextLine(msg, out);
     if (status != kStatusSuccess) {
         complain("message " + std::to_string(printer.count), status);
         return true;

@@ -3,7 +3,7 @@
 //     SUBJECT [reply=SUBJECT ]{TEXT}
 //
 // Control characters in the library's text are escaped, so that each message stays one line and
-// plays no tricks on a terminal.
+// plays no tricks on a terminal. JSON has the time at which the message was taken.
 //
 // Failure: a message that can't be shown is reported and skipped; for what can't be written, see
 // output.h.

@@ -46,6 +46,31 @@ void paceRestart(Pace& pace, int64_t now) {
     pace = paceStart(pace.rate, now);
 }
 
+int64_t replayDue(Replay& replay, int64_t time, int64_t now) {
+    // Differences wrap to the distance, which may be greater than any time.
+    const auto distance = [](int64_t from, int64_t to) {
+        return static_cast<uint64_t>(to) - static_cast<uint64_t>(from);
+    };
+    const bool leaps = replay.hasBegun && time < replay.latest &&
+                       distance(time, replay.latest) > uint64_t{kMostBack};
+    if (!replay.hasBegun || leaps) {
+        replay.hasBegun = true;
+        replay.leaps += leaps ? 1 : 0;
+        replay.first = replay.latest = time;
+        replay.start = now;
+        return now;
+    }
+    if (time < replay.latest) return now;
+    replay.latest = time;
+    const double nanoseconds = static_cast<double>(distance(replay.first, time));
+    const double seconds = nanoseconds / static_cast<double>(kSecond) / replay.speed;
+    const int64_t due = steadyAfter(replay.start, seconds);
+    if (now - due <= kMostLate) return due;
+    replay.putOff += now - due;
+    replay.start += now - due;
+    return now;
+}
+
 namespace {
 
 constexpr uint64_t kSteps = uint64_t{1} << kHistogramStepBits;

@@ -54,6 +54,32 @@ struct Pace {
 void paceNext(Pace& pace, int64_t now);
 void paceRestart(Pace& pace, int64_t now);
 
+// Times that lines carry, played at a speed: each is due as long after the first as it says. What
+// is late by up to kMostLate is caught up with, since times come with the jitter of who took them.
+// What is later, because the input or the daemon was slow, puts off everything after it: the
+// backlog doesn't leave in one burst.
+//
+// Times that go back a little are due at once, in their place. Where they go back by more than
+// kMostBack another recording begins, at once.
+
+constexpr int64_t kMostBack = kSecond;
+
+struct Replay {
+    double speed = 1;  // above 0
+    bool hasBegun = false;
+    int64_t first = 0;   // the time that is due at `start`
+    int64_t latest = 0;  // of the times so far
+    int64_t start = 0;   // on the steady clock
+
+    // For a word at the end.
+    uint64_t leaps = 0;  // by more than kMostBack
+    int64_t putOff = 0;  // nanoseconds in all
+};
+
+// When a line is due that carries this time, in nanoseconds since any moment. kNever if that is out
+// of range.
+[[nodiscard]] int64_t replayDue(Replay& replay, int64_t time, int64_t now);
+
 // How often each value came, in a table of fixed size: exact below 256, and within one part in 128
 // above. Values are nanoseconds here, and the table reaches to the end of 64 bits.
 //

@@ -48,4 +48,11 @@ struct BusSettings {
     bool sequence = false;
     bool wait = false;
     double rate = 0;  // messages a second; 0 for as fast as it goes
+
+    // Sending lines that say when they were and on which subject.
+    bool pace = false;
+    std::optional<double> speed;
+    bool original = false;         // at most one of these three
+    const char* prefix = nullptr;  // before the subjects that lines name
+    const char* to = nullptr;      // in place of them
 };

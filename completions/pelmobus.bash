@@ -5,11 +5,11 @@ _pelmobus() {
     local connection="--service --network --daemon --no-resume --local --description --http --hidden
         --no-echo --reliability --batch"
     local values="--service --network --daemon --description --http --reliability --count --seconds
-        --rate --reply --size"
+        --rate --reply --size --speed --prefix --to"
     local intake="--count --seconds --json --quiet"
     local -A options=(
         [listen]="$intake"
-        [send]="--count --rate --json --lines --reply --size --sequence --wait"
+        [send]="--count --rate --json --pace --speed --original --prefix --to --lines --reply --size --sequence --wait"
         [request]="$intake --size --sequence --wait"
         [answer]="$intake --size --sequence"
         ["circuit accept"]="$intake" ["circuit connect"]="$intake"

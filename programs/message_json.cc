@@ -188,11 +188,19 @@ pelmoStatus jsonWriteFields(MessageJsonWriter& writer, pelmoMsg* msg, std::strin
     return status;
 }
 
-pelmoStatus jsonWriteMessage(MessageJsonWriter& writer, pelmoMsg* msg, std::string& out) {
+pelmoStatus jsonWriteMessage(MessageJsonWriter& writer,
+                             pelmoMsg* msg,
+                             std::string_view time,
+                             std::string& out) {
     const size_t before = out.size();
     const char* subject = nullptr;
     const char* reply = nullptr;
     out += '{';
+    if (!time.empty()) {
+        out += "\"time\":\"";
+        out += time;
+        out += "\",";
+    }
     if (pelmoMsg_GetSendSubject(msg, &subject) == kStatusSuccess) {
         out += "\"subject\":";
         jsonTextAdd(out, subject);
@@ -495,16 +503,39 @@ bool readFields(JsonReader& reader, uint32_t array, pelmoMsg* msg) {
 bool jsonReadMessage(JsonReader& reader, std::string_view line, pelmoMsg* msg) {
     reader.subject.clear();
     reader.reply.clear();
+    reader.time.clear();
     if (!jsonTapeRead(reader.tape, line)) {
         reader.fault = "column " + std::to_string(reader.tape.faultAt + 1) + ": ";
         reader.fault += reader.tape.fault;
         return false;
     }
-    Key keys[] = {{"subject"}, {"reply"}, {"fields"}};
+    Key keys[] = {{"subject"},
+                  {"reply"},
+                  {"time"},
+                  {"fields"},
+                  // Why the capture has no whole message:
+                  {"incomplete"},
+                  {"point_to_point_bytes"},
+                  {"fault"},
+                  // Where it was found:
+                  {"port"},
+                  {"group"},
+                  {"receiver"},
+                  {"sender"},
+                  {"scid"},
+                  {"sequence"},
+                  {"repeated"},
+                  {"bytes"},
+                  {"message_bytes"}};
     if (!readObject(reader, 0, keys)) return false;
-    const auto& [subject, reply, fields] = keys;
-    if (!readText(reader, subject.value, reader.subject)) return false;
-    if (!readText(reader, reply.value, reader.reply)) return false;
-    if (fields.value == kAbsent) return fail(reader, 0, "\"fields\" is missing");
-    return readFields(reader, fields.value, msg);
+    const uint32_t time = keys[2].value;
+    const uint32_t fields = keys[3].value;
+    if (!readText(reader, keys[0].value, reader.subject)) return false;
+    if (!readText(reader, keys[1].value, reader.reply)) return false;
+    if (!readText(reader, time, reader.time)) return false;
+    reader.isLacking = std::ranges::any_of(std::span(keys).subspan(4, 3),
+                                           [](const Key& key) { return key.value != kAbsent; });
+    if (reader.isLacking) return true;
+    if (fields == kAbsent) return fail(reader, 0, "\"fields\" is missing");
+    return readFields(reader, fields, msg);
 }

@@ -1,7 +1,9 @@
 // Messages as lines of JSON:
 //
-//     {"subject":"A.B","reply":"_INBOX.1","fields":[{"name":"x","id":7,"type":"i32","value":1}]}
+//     {"time":"2024-01-02T03:04:05.000000006Z","subject":"A.B","reply":"_INBOX.1",
+//      "fields":[{"name":"x","id":7,"type":"i32","value":1}]}
 //
+// (in one line). "time" is when the message came in, and left out by whoever doesn't know it.
 // "reply" is left out if there is none, "name" if a field has none, "id" if it is 0. Types
 // and the form of values are of field_kind.h, texts of json.h. A value that doesn't decode,
 // and one of the application's own types, has its type's number for a type ("130") and its bytes as
@@ -23,10 +25,12 @@ struct MessageJsonWriter {
     OwnedMessage scratch;  // converts a value at a time to the library's text of it
 };
 
-// Adds the line, without a line break. On failure nothing is added: kStatusNoMemory, or
-// kStatusCorruptMessage for a message whose fields can't be separated.
+// Adds the line, without a line break; with the time, as it is, unless that is empty. On failure
+// nothing is added: kStatusNoMemory, or kStatusCorruptMessage for a message whose fields can't be
+// separated.
 [[nodiscard]] pelmoStatus jsonWriteMessage(MessageJsonWriter& writer,
                                            pelmoMsg* msg,
+                                           std::string_view time,
                                            std::string& out);
 
 // The same without subject and reply: `"fields":[...]}`, for a line that begins with other members.
@@ -43,6 +47,9 @@ void jsonAcceptOwnTypes();
 // Strict: unknown keys, repeated keys, values that don't fit their type are refused. Keys
 // come in any order. "name" may also be null, and "value" of a "none" be left out.
 //
+// Lines of messages from captures also say where a message was found, which is left aside here.
+// Where a capture has no whole message the line says why, and has no fields that could be read.
+//
 // What can't be sent: arrays without elements, documents without a byte, and types below 128 that
 // the library has no encoder for.
 //
@@ -52,9 +59,11 @@ struct JsonReader {
     JsonTape tape;
     std::string words;  // of the value at hand
 
-    // After a read that succeeded. Empty if the line has none.
+    // After a read that succeeded. Empty if the line has none. The time is any text.
     std::string subject;
     std::string reply;
+    std::string time;
+    bool isLacking = false;  // the line is of what isn't a whole message; nothing was added
 
     // After a read that failed: "column 7: what is wrong".
     std::string fault;

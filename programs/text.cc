@@ -1,5 +1,7 @@
 #include "programs/text.h"
 
+#include <cstdio>
+#include <ctime>
 #include <iterator>
 
 namespace {
@@ -82,4 +84,14 @@ void utf8Add(std::string& out, uint32_t character) {
 size_t utf8Length(std::string_view text) {
     uint32_t character = 0;
     return utf8Read(text, character);
+}
+
+std::string_view utcText(int64_t seconds, uint32_t nanoseconds, char (&buffer)[kUtcTextBytes]) {
+    const time_t whole = seconds;
+    tm utc{};
+    gmtime_r(&whole, &utc);
+    const int length = std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d.%09uZ",
+                                     utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
+                                     utc.tm_min, utc.tm_sec, nanoseconds);
+    return {buffer, static_cast<size_t>(length)};
 }

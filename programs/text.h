@@ -1,5 +1,5 @@
-// Bytes as hexadecimal digits, and characters in UTF-8 (RFC 3629: no overlong forms, no
-// surrogates).
+// Bytes as hexadecimal digits, characters in UTF-8 (RFC 3629: no overlong forms, no surrogates),
+// and moments as text.
 //
 // A byte that isn't part of valid UTF-8 is spelled by its reader: pelmobus writes "\udc80" in JSON,
 // which it reads back as that byte; pelmowatch writes "\x80", for people.
@@ -28,3 +28,8 @@ void utf8Add(std::string& out, uint32_t character);
 
 // Length in bytes of the character at the start of the text; 0 if there is none.
 [[nodiscard]] size_t utf8Length(std::string_view text);
+
+// "2024-01-02T03:04:05.000000006Z" of the seconds since the beginning of 1970 and the nanoseconds
+// of the last one. The text is in the buffer.
+inline constexpr size_t kUtcTextBytes = 64;
+std::string_view utcText(int64_t seconds, uint32_t nanoseconds, char (&buffer)[kUtcTextBytes]);

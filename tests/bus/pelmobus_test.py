@@ -144,8 +144,35 @@ class Pelmobus(unittest.TestCase):
         self.ends(local("send", "A", "--json", input=line * 3 + b"\n"), 0, "sent 3\n")
         self.ends(local("send", "A", "--json", input=line + b'{"fields":[7]}\n' + line), 1,
                   "pelmobus: line 2: column 12: not an object\nsent 1\n")
-        self.ends(local("send", "A", "--json", input=line.replace(b"{", b'{"subject":"a..b",', 1)), 1,
-                  "pelmobus: send a..b: Invalid subject (20)\nsent 0\n")
+
+    def test_lines_with_subjects_go_where_the_command_line_says(self):
+        fields = '"fields":[]}\n'
+        own, answered = '{"subject":"A.B",' + fields, '{"subject":"A.B","reply":"R",' + fields
+        refused = "pelmobus: line 2: names a subject of its own, which needs --original, --prefix or --to\n"
+        found = '{"time":"x","port":1,"group":"","sender":"","scid":null,"sequence":7,"repeated":true,"subject":"A.B",'
+        lost = "".join(found + rest + "}\n" for rest in (
+            '"incomplete":"part_missing","bytes":7,"message_bytes":9', '"point_to_point_bytes":7', '"fault":"x"'))
+        for words, lines, status, err in [
+                (["X"], "{" + fields + own, 1, refused + "sent 1\n"),
+                (["--original"], own + '{"subject":"a\\u001b..b",' + fields, 1,
+                 "pelmobus: line 2: send a\\x1b..b: Invalid subject (20)\nsent 1\n"),
+                (["--original"], "{" + fields, 1,
+                 "pelmobus: line 1: names no subject, and no SUBJECT is given\nsent 0\n"),
+                (["--prefix", "TEST..", "X"], "{" + fields + own, 1,
+                 "pelmobus: line 2: send TEST..A.B: Invalid subject (20)\nsent 1\n"),
+                (["--prefix", "T" * 250 + "."], own, 1,
+                 "pelmobus: line 1: send %s.A.B: Invalid subject (20)\nsent 0\n" % ("T" * 250)),
+                (["--to", "B"], own + answered, 0, "pelmobus: send B: reply subjects left out: 1\nsent 2\n"),
+                (["--original"], own + lost + found + fields, 1,
+                 "pelmobus: send: lines without a whole message skipped: 3\nsent 2\n"),
+                (["X", "--pace"], '{"time":"2024-01-02T03:04:05.5Z",' + fields + "{" + fields, 1,
+                 "pelmobus: line 2: has no time\nsent 1\n"),
+                (["X", "--pace"], '{"time":"yesterday",' + fields, 1,
+                 "pelmobus: line 1: time: not a date-time such as 2024-01-02 03:04:05Z\nsent 0\n"),
+                (["X", "--pace"], '{"time":"9000-01-01T00:00:00Z",' + fields, 1,
+                 "pelmobus: line 1: time: out of range\nsent 0\n")]:
+            with self.subTest(words=words, lines=lines):
+                self.ends(local("send", "--json", *words, input=lines.encode()), status, err)
 
     def test_ends_in_order_at_a_signal_whatever_it_waits_for(self):
         unsent = rb"^pelmobus: send A: ([12]) messages not sent: Operation interrupted \(51\)\nsent [01]\n$"
@@ -170,6 +197,20 @@ class Pelmobus(unittest.TestCase):
                     self.assertEqual(process.returncode, status, err)
                     if status != 0:
                         self.assertRegex(err, end)
+
+    def test_a_signal_ends_a_long_pause(self):
+        lines = b"".join(b'{"time":"2024-01-02T%02d:00:00Z","fields":[]}\n' % hour for hour in (3, 4))
+        process = start("send", "A", "--json", "--pace", stdin=subprocess.PIPE)
+        process.stdin.write(lines)
+        process.stdin.flush()
+        unread = bytearray(struct.pack("i", 1))
+        while struct.unpack("i", unread)[0]:
+            fcntl.ioctl(process.stdin, termios.FIONREAD, unread)
+        process.send_signal(signal.SIGTERM)
+        _, err = process.communicate(timeout=30)
+        self.assertEqual(process.returncode, 1)
+        self.assertRegex(err, rb"^pelmobus: send A: lines of the input not sent: Operation interrupted \(51\)\n"
+                              rb"sent [01]\n$")
 
     @staticmethod
     def catches(pid, number):
@@ -270,13 +311,13 @@ class OverADaemon(unittest.TestCase):
             self.assertEqual(self.ended(listener), "A.B reply=R {x=7 seq=1}\nA.B reply=R {x=7 seq=2}\n")
 
     def test_a_message_is_a_line_whatever_is_in_it(self):
-        as_json = '{"subject":"A.B","fields":[{"name":"t","type":"string","value":"two\\nlines\\u001b"}]}\n'
+        as_json = '{"time":T,"subject":"A.B","fields":[{"name":"t","type":"string","value":"two\\nlines\\u001b"}]}\n'
         for option, line in (("--count=1", 'A.B {t="two\\nlines\\x1b"}\n'), ("--json", as_json)):
             listener = self.start("listen", "A.B", "C.>", "--count=1", option)
             self.assertEqual(listener.stderr.readline(), b"listening on C.>\n")
             self.bus("send", "A", "t=nobody's")
             self.bus("send", "A.B", "t=two\nlines\x1b")
-            self.assertEqual(self.ended(listener), line)
+            self.assertEqual(re.sub(r'"[-0-9]{10}T[0-9:]{8}\.[0-9]{9}Z"', "T", self.ended(listener)), line)
 
     def test_what_is_listened_to_can_be_sent_again(self):
         record = self.start("listen", "A.>", "--json", "--count", "300")
@@ -288,10 +329,13 @@ class OverADaemon(unittest.TestCase):
         self.assertEqual(lines.count("\n"), 300)
         self.assertEqual([json.loads(line)["fields"][-1]["value"] for line in lines.splitlines()],
                          list(range(1, 201)) + ["a\0b"] * 100)
-        again = self.start("listen", "A.>", "--json", "--count", "300")
-        sent = self.bus("send", "OTHER", "--json", input=lines.encode())
-        self.assertEqual(sent.stderr, b"sent 300\n")
-        self.assertEqual(self.ended(again), lines)
+        plain = [{**json.loads(line), "time": None} for line in lines.splitlines()]
+        for words, prefix in ((["OTHER", "--original"], ""), (["--prefix", "TEST."], "TEST.")):
+            again = self.start("listen", prefix + "A.>", "--json", "--count", "300")
+            sent = self.bus("send", "--json", *words, input=lines.encode())
+            self.assertEqual(sent.stderr, b"sent 300\n")
+            self.assertEqual([{**json.loads(line), "time": None} for line in self.ended(again).splitlines()],
+                             [{**line, "subject": prefix + line["subject"]} for line in plain])
 
     def test_requests_are_answered_in_another_process(self):
         for own_fields, fields in (((), 'x="y"'), (("a:i8=1",), "a=1")):

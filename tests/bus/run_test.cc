@@ -78,6 +78,54 @@ TEST(BusPace, HoldsTheRateWithoutDrift) {
     EXPECT_EQ(paceDue(Pace{1e-300, 0, 1}), kNever);
 }
 
+// Each step: a line's time, when it is asked for, and when it is due.
+TEST(BusReplay, KeepsTheTimesOfLines) {
+    struct Step {
+        int64_t time, now, due;
+    };
+    const struct {
+        const char* what;
+        double speed;
+        std::vector<Step> steps;
+        uint64_t leaps;
+        int64_t putOff;
+    } cases[] = {
+        {"as they are, and late ones caught up with",
+         1,
+         {{700, 1000, 1000}, {790, 1300, 1090}, {1700, 1301, 2000}, {1700, 2300, 2000}},
+         0,
+         0},
+        {"twice as fast", 2, {{0, 1000, 1000}, {100, 1000, 1050}, {102, 1060, 1051}}, 0, 0},
+        {"a tenth as fast", 0.1, {{0, 0, 0}, {100, 0, 1000}}, 0, 0},
+        {"back by a little: in its place, and the next one by the first",
+         1,
+         {{5000, 0, 0}, {4000, 0, 0}, {4999, 10, 10}, {5100, 10, 100}},
+         0,
+         0},
+        {"back by more: from there on",
+         1,
+         {{5000, 100, 100}, {5500, 100, 600}, {4499, 600, 600}, {4599, 600, 700}, {9, 700, 700}},
+         2,
+         0},
+        {"slow input puts off what follows",
+         1,
+         {{0, 0, 0}, {100, 60'100, 60'100}, {200, 60'100, 60'200}, {300, 61'301, 61'301}},
+         0,
+         61'001},
+        {"distant times", 1, {{-9'000'000'000'000, 5, 5}, {9'000'000'000'000, 5, -1}}, 0, 0},
+    };
+    const auto at = [](int64_t milliseconds) { return milliseconds * kMillisecond; };
+    for (const auto& [what, speed, steps, leaps, putOff] : cases) {
+        Replay replay{.speed = speed};
+        for (const Step& step : steps) {
+            const int64_t due = replayDue(replay, at(step.time), at(step.now));
+            EXPECT_EQ(due, step.due < 0 ? kNever : at(step.due)) << what << ": " << step.time;
+        }
+        EXPECT_EQ(replay.leaps, leaps) << what;
+        EXPECT_EQ(replay.putOff, at(putOff)) << what;
+    }
+}
+
 TEST(BusHistogram, IsWithinAPartOfTheTruth) {
     std::mt19937_64 random(11);
     Histogram histogram;

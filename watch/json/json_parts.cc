@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <ctime>
 
 #include "lib/base/bytes.h"
 #include "watch/capture/peel.h"
@@ -34,14 +32,8 @@ void jsonReal(JsonWriter& out, std::string_view key, double number) {
 
 // A packet's stamp may claim a second's worth of nanoseconds and more.
 std::string_view jsonTimeText(TimeSpec time, char (&text)[kJsonTimeBytes]) {
-    const time_t seconds = time_t{time.seconds} + time.nanoseconds / kNanosecondsPerSecond;
-    tm utc{};
-    gmtime_r(&seconds, &utc);
-    const int length =
-        std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%09uZ", utc.tm_year + 1900,
-                      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                      time.nanoseconds % kNanosecondsPerSecond);
-    return {text, static_cast<size_t>(length)};
+    return utcText(int64_t{time.seconds} + time.nanoseconds / kNanosecondsPerSecond,
+                   time.nanoseconds % kNanosecondsPerSecond, text);
 }
 
 void jsonTime(JsonWriter& out, std::string_view key, TimeSpec time) {

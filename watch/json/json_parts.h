@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "programs/text.h"
 #include "trace/counts/snapshot.h"
 #include "watch/core/fields.h"
 #include "watch/json/json_buffer.h"
@@ -77,7 +78,7 @@ void jsonSafe(JsonWriter& out, std::string_view key, std::string_view text);
 void jsonReal(JsonWriter& out, std::string_view key, double number);
 
 // RFC 3339, in UTC.
-inline constexpr size_t kJsonTimeBytes = 64;
+inline constexpr size_t kJsonTimeBytes = kUtcTextBytes;
 std::string_view jsonTimeText(TimeSpec time, char (&text)[kJsonTimeBytes]);
 void jsonTime(JsonWriter& out, std::string_view key, TimeSpec time);
 
