@@ -7,7 +7,7 @@ _pelmowatch() {
     local -A options=(
         [json]="--rows --since-start --senders"
         [serve]="--listen --host --hosts --subjects --expire --max-series --max-clients --senders --pace"
-        [report]="-o --output"
+        [report]="-o --output --senders"
         [messages]="--subject --sender --fields --count --text --repeats --point-to-point"
         [top]="--speed"
     )

@@ -63,13 +63,18 @@ class Report(ProgramCase):
         senders = sums(tables["senders"]["rows"], "sender", "scid")
         for key, numbers in sums(published, "sender", "scid").items():
             self.assertEqual({name: senders[key][name] for name in numbers}, numbers)
+        if "subject_senders" in tables:
+            found = sums(tables["subject_senders"]["rows"], "port", "group", "subject", "sender", "scid")
+            self.assertEqual(found, sums([{**row, **sender} for row in whole["subjects"] for sender in row["senders"]],
+                                         "port", "group", "subject", "sender", "scid"))
         for table in ("retransmission", "point_to_point"):
             self.assertCountEqual(tables[table]["rows"], whole[table])
 
     def test_every_number_is_that_of_json(self):
         for capture in (ROOT / "samples/bus.pcap", self.mix):
             with self.subTest(capture=capture.name):
-                data = self.report(capture)
+                data = self.report(capture, "--senders")
+                self.assertGreater(data["tables"]["subject_senders"]["row_count"], 10)
                 lines = self.json_of(capture, "-u", 1)
                 whole = lines[-1]["since_start"]
                 self.assertEqual(data["totals"], whole["totals"])
@@ -96,6 +101,12 @@ class Report(ProgramCase):
             largest = [sorted((row[measure] for row in rows), reverse=True)[:1000]
                        for rows in (table["rows"], whole["subjects"])]
             self.assertEqual(*largest)
+        # Each listed subject and sender leads to its largest pair, however small that is.
+        pairs = self.report(capture, "--senders")["tables"]["subject_senders"]["rows"]
+        for place, keys in (("subjects", ("port", "group", "subject")), ("senders", ("sender", "scid"))):
+            listed = {tuple(row[key] for key in keys) for row in data["tables"][place]["rows"]}
+            self.assertLessEqual(listed, {tuple(row[key] for key in keys) for row in pairs})
+        self.assertLess(len(pairs), 20000)
         # More intervals than the page has points.
         timeline = data["timeline"]
         self.assertEqual(timeline["interval_seconds"], 2)

@@ -67,6 +67,24 @@ test("the page shows what the data holds", async () => {
     await close();
 });
 
+test("a subject leads to its senders, and a sender to its subjects", async () => {
+    const pairs = [["A.B", "10.0.0.1"], ["A.B", "10.0.0.2"], ["C", "10.0.0.2"]];
+    const rows = pairs.map(([subject, sender]) => (
+        { port: 7500, group: "239.0.0.1", subject, sender, scid: null, messages: 1, message_bytes: 9 }));
+    const row = (more) => ({ ...data.tables.senders.rows[0], ...rows[0], ...more });
+    const table = (list) => ({ row_count: list.length, sums: {}, rows: list });
+    const { page, table: shown, close } = await open({ ...data, tables: {
+        ...data.tables, subjects: table([row({ subject: "A.B" })]), senders: table([row({ sender: "10.0.0.2", subject: undefined })]),
+        subject_senders: table(rows) } });
+    for (const [tab, wanted] of [["subjects", ["10.0.0.1", "10.0.0.2"]], ["senders", ["10.0.0.2", "10.0.0.2"]]]) {
+        await page.click(`#tab-${tab}`);
+        await page.fill("#filter", "");
+        await shown.locator("tbody tr[aria-selected]").first().click();
+        assert.deepEqual((await rowTexts(shown)).map((cells) => cells[1]).sort(), wanted);
+    }
+    await close();
+});
+
 test("a capture of nothing has no time and no charts", async () => {
     const { page, close } = await open({ ...data, capture: { ...data.capture, frames: 0 } });
     assert.equal(await page.locator("#span").textContent(), "No frames.");

@@ -148,14 +148,13 @@ void writeTimeline(JsonWriter& out, const Timeline& timeline, double intervalSec
 // The tables. Each is its rows, two measures by which a row may be large, the writer of a row, and
 // the writer of the sums.
 
-template <typename Row, typename First, typename Second, typename WriteRow, typename WriteSum>
-void writeTable(JsonWriter& out,
-                const char* name,
-                const std::vector<Row>& rows,
-                First first,
-                Second second,
-                WriteRow writeRow,
-                WriteSum writeSum) {
+template <typename Row, typename WriteRow, typename WriteSum>
+void writeListed(JsonWriter& out,
+                 const char* name,
+                 const std::vector<Row>& rows,
+                 std::span<const uint32_t> listed,
+                 WriteRow writeRow,
+                 WriteSum writeSum) {
     out.plain(name);
     out.StartObject();
     jsonMember(out, "row_count", rows.size());
@@ -165,7 +164,7 @@ void writeTable(JsonWriter& out,
     out.EndObject();
     out.plain("rows");
     out.StartArray();
-    for (const uint32_t number : largestRows(std::span(rows), kLargestRows, first, second)) {
+    for (const uint32_t number : listed) {
         out.StartObject();
         writeRow(rows[number]);
         out.EndObject();
@@ -174,21 +173,44 @@ void writeTable(JsonWriter& out,
     out.EndObject();
 }
 
-void writeSubjects(JsonWriter& out, const std::vector<ReportSubject>& rows, const SnapTotals& all) {
+// Returns the numbers of the rows that are listed.
+template <typename Row, typename First, typename Second, typename WriteRow, typename WriteSum>
+std::vector<uint32_t> writeTable(JsonWriter& out,
+                                 const char* name,
+                                 const std::vector<Row>& rows,
+                                 First first,
+                                 Second second,
+                                 WriteRow writeRow,
+                                 WriteSum writeSum) {
+    std::vector<uint32_t> listed = largestRows(std::span(rows), kLargestRows, first, second);
+    writeListed(out, name, rows, listed, writeRow, writeSum);
+    return listed;
+}
+
+template <typename Row>
+void writeSubjectPlace(JsonWriter& out, const Row& row) {
+    char text[kSafeSubjectBytes];
+    jsonPort(out, "port", row.port->port);
+    jsonAddress(out, "group", row.net->net);
+    jsonSafe(out, "subject", subjectSafeText(row.subject->subject, text));
+}
+
+std::vector<uint32_t> writeSubjects(JsonWriter& out,
+                                    const std::vector<ReportSubject>& rows,
+                                    const SnapTotals& all) {
     const auto bytes = [](const ReportSubject& row) { return row.subject->bytes; };
     const auto messages = [](const ReportSubject& row) { return row.subject->msgs; };
     const auto writeRow = [&out](const ReportSubject& row) {
-        char text[kSafeSubjectBytes];
-        jsonPort(out, "port", row.port->port);
-        jsonAddress(out, "group", row.net->net);
-        jsonSafe(out, "subject", subjectSafeText(row.subject->subject, text));
+        writeSubjectPlace(out, row);
         jsonFields(out, kSubjectFields, *row.subject);
     };
-    writeTable(out, kJsonSubjects, rows, bytes, messages, writeRow,
-               [&] { jsonFields(out, kSubjectSenderFields, all.subjects); });
+    return writeTable(out, kJsonSubjects, rows, bytes, messages, writeRow,
+                      [&] { jsonFields(out, kSubjectSenderFields, all.subjects); });
 }
 
-void writeSenders(JsonWriter& out, const std::vector<ReportSender>& rows, const ReportSender& all) {
+std::vector<uint32_t> writeSenders(JsonWriter& out,
+                                   const std::vector<ReportSender>& rows,
+                                   const ReportSender& all) {
     const auto bytes = [](const ReportSender& row) { return row.sum.bytes; };
     const auto messages = [](const ReportSender& row) { return row.messages; };
     const auto writeRow = [&out](const ReportSender& row) {
@@ -196,7 +218,22 @@ void writeSenders(JsonWriter& out, const std::vector<ReportSender>& rows, const 
         jsonScid(out, row.sum.port);
         writeSums(out, row);
     };
-    writeTable(out, "senders", rows, bytes, messages, writeRow, [&] { writeSums(out, all); });
+    return writeTable(out, "senders", rows, bytes, messages, writeRow,
+                      [&] { writeSums(out, all); });
+}
+
+void writePairs(JsonWriter& out,
+                const ReportTables& tables,
+                std::span<const uint32_t> listed,
+                const SnapTotals& all) {
+    const auto writeRow = [&out](const ReportPair& row) {
+        writeSubjectPlace(out, row);
+        jsonAddress(out, "sender", row.sender->host);
+        jsonScid(out, row.sender->port);
+        jsonFields(out, kSubjectSenderFields, *row.sender);
+    };
+    writeListed(out, "subject_senders", tables.pairs, listed, writeRow,
+                [&] { jsonFields(out, kSubjectSenderFields, all.subjects); });
 }
 
 void writeGroups(JsonWriter& out, const std::vector<ReportGroup>& rows, const ReportSender& all) {
@@ -208,7 +245,7 @@ void writeGroups(JsonWriter& out, const std::vector<ReportGroup>& rows, const Re
         jsonMember(out, "senders", uint64_t{row.net->hostCount});
         writeSums(out, row);
     };
-    writeTable(out, "groups", rows, bytes, messages, writeRow, [&] { writeSums(out, all); });
+    (void)writeTable(out, "groups", rows, bytes, messages, writeRow, [&] { writeSums(out, all); });
 }
 
 void writeRetransmission(JsonWriter& out,
@@ -222,7 +259,7 @@ void writeRetransmission(JsonWriter& out,
         const RlCounters& counters = row.retransmission->counters;
         return counters.rseqSent + counters.rseqRecv;
     };
-    writeTable(
+    (void)writeTable(
         out, kJsonRetransmission, rows, packets, asked,
         [&out](const ReportHost& row) {
             jsonRetransmissionRow(out, *row.port, *row.retransmission);
@@ -241,20 +278,24 @@ void writePointToPoint(JsonWriter& out,
         const PtpCounters& counters = row.pointToPoint->counters;
         return counters.dataSent + counters.dataRecv;
     };
-    writeTable(
+    (void)writeTable(
         out, kJsonPointToPoint, rows, bytes, packets,
         [&out](const ReportHost& row) { jsonPointToPointRow(out, *row.port, *row.pointToPoint); },
         [&] { jsonFields(out, kPointToPointFields, all.pointToPoint); });
 }
 
-void writeTables(JsonWriter& out, const ReportTables& tables, const SnapTotals& all) {
+void writeTables(JsonWriter& out,
+                 const ReportTables& tables,
+                 const SnapTotals& all,
+                 bool showsPairs) {
     // What senders and groups add up to is the same.
     const ReportSender sums = {
         .sum = all.multicast, .messages = all.subjects.msgs, .messageBytes = all.subjects.bytes};
     out.plain("tables");
     out.StartObject();
-    writeSubjects(out, tables.subjects, all);
-    writeSenders(out, tables.senders, sums);
+    const std::vector<uint32_t> subjects = writeSubjects(out, tables.subjects, all);
+    const std::vector<uint32_t> senders = writeSenders(out, tables.senders, sums);
+    if (showsPairs) writePairs(out, tables, listedPairs(tables, subjects, senders), all);
     writeGroups(out, tables.groups, sums);
     writeRetransmission(out, tables.retransmission, all);
     writePointToPoint(out, tables.pointToPoint, all);
@@ -262,7 +303,7 @@ void writeTables(JsonWriter& out, const ReportTables& tables, const SnapTotals& 
 }
 
 void writeData(JsonWriter& out, const ReportInput& input) {
-    const ReportTables tables = reportTables(*input.sum);
+    const ReportTables tables = reportTables(*input.sum, input.showsPairs);
     const SnapTotals all = snapshotAddUp(*input.sum);
     out.StartObject();
     jsonPlain(out, "program", std::string(kWatchName) + " " + PELMO_TREE_VERSION);
@@ -270,7 +311,7 @@ void writeData(JsonWriter& out, const ReportInput& input) {
     jsonTotals(out, "totals", all);
     writeFaults(out, *input.sum);
     writeTimeline(out, *input.timeline, input.intervalSeconds);
-    writeTables(out, tables, all);
+    writeTables(out, tables, all, input.showsPairs);
     out.EndObject();
 }
 

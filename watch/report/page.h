@@ -17,6 +17,7 @@ struct ReportInput {
     double intervalSeconds;  // of the source's snapshots
     const char* file;        // its name, as given
     const char* filter;      // null: none
+    bool showsPairs;         // senders of subjects in a table of their own
 };
 
 // False when memory runs out.

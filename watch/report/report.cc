@@ -28,6 +28,7 @@ constexpr mode_t kFileMode = 0666;  // less what the user masks
 struct ReportForm {
     // Of the command line.
     const char* path = nullptr;
+    bool showsPairs = false;
 
     // Of the start: the file beside its place, so that a place that can't be written is reported
     // before a long run. Until it is whole it has no name, where the file system knows such files:
@@ -50,7 +51,14 @@ const char* storeOutput(const char* value) {
     return nullptr;
 }
 
+const char* storeSenders(const char* /*none*/) {
+    report.showsPairs = true;
+    return nullptr;
+}
+
 constexpr FormOption kOptions[] = {
+    {{"--senders", nullptr, "also which senders each subject has, and which subjects each sender"},
+     storeSenders},
     {{"-o,--output", "FILE", "the page to write"}, storeOutput},
 };
 
@@ -156,7 +164,8 @@ bool writePage() {
                                .timeline = &report.timeline,
                                .intervalSeconds = static_cast<double>(traceSettings.updateInterval),
                                .file = traceSettings.readFile,
-                               .filter = traceSettings.filterText};
+                               .filter = traceSettings.filterText,
+                               .showsPairs = report.showsPairs};
     if (sum == nullptr || !pageAppendData(data, input)) return fail("make", "out of memory");
     const WebReportFrame frame = webReportFrame();
     return writeAll(frame.head) && writeAll(data.text()) && writeAll(frame.tail);

@@ -1,12 +1,16 @@
 #include "watch/report/tables.h"
 
 #include <algorithm>
+#include <numeric>
 #include <span>
 #include <tuple>
 
 #include "trace/counts/snapshot_totals.h"
+#include "watch/report/largest.h"
 
 namespace {
+
+constexpr size_t kLargestOfEach = 5;
 
 // What a host has in one group or on one subject, before it is added up.
 ReportSender senderOf(uint32_t host, uint16_t scid) {
@@ -63,21 +67,80 @@ ReportGroup groupOf(const SnapPort& port, const SnapNet& net) {
     return made;
 }
 
-void addNet(ReportTables& tables, const SnapPort& port, const SnapNet& net) {
+void addNet(ReportTables& tables, const SnapPort& port, const SnapNet& net, bool withPairs) {
     for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-        tables.subjects.push_back({&port, &net, &subject});
+        tables.subjects.push_back({&port, &net, &subject, tables.pairs.size()});
+        if (!withPairs) continue;
+        for (const SnapSubjectHost& sender : std::span(subject.hosts, subject.hostCount))
+            tables.pairs.push_back({&port, &net, &subject, &sender});
     }
     addHosts(tables.senders, net);
     tables.groups.push_back(groupOf(port, net));
 }
 
+uint64_t bytesOf(const ReportPair& pair) {
+    return pair.sender->bytes;
+}
+
+uint64_t messagesOf(const ReportPair& pair) {
+    return pair.sender->msgs;
+}
+
+// The largest pairs of each listed subject.
+void appendOfSubjects(std::vector<uint32_t>& numbers,
+                      const ReportTables& tables,
+                      std::span<const uint32_t> subjects) {
+    for (const uint32_t number : subjects) {
+        const ReportSubject& row = tables.subjects[number];
+        const std::span pairs(tables.pairs.data() + row.firstPair, row.subject->hostCount);
+        const size_t before = numbers.size();
+        appendLargest(numbers, pairs, kLargestOfEach, bytesOf);
+        for (size_t at = before; at < numbers.size(); ++at)
+            numbers[at] += static_cast<uint32_t>(row.firstPair);
+    }
+}
+
+// The largest pairs of each listed sender. Senders are sorted by their hosts.
+void appendOfSenders(std::vector<uint32_t>& numbers,
+                     const ReportTables& tables,
+                     std::span<const uint32_t> senders) {
+    std::vector<uint32_t> all(tables.pairs.size());
+    std::iota(all.begin(), all.end(), 0U);
+    const auto host = [&](uint32_t number) {
+        const SnapSubjectHost& sender = *tables.pairs[number].sender;
+        return std::tuple(sender.host, sender.port);
+    };
+    std::ranges::sort(all, {}, [&](uint32_t number) {
+        return std::tuple(host(number), ~bytesOf(tables.pairs[number]), number);
+    });
+    for (const uint32_t number : senders) {
+        const ReportSender& row = tables.senders[number];
+        const auto found =
+            std::ranges::equal_range(all, std::tuple(row.sum.host, row.sum.port), {}, host);
+        const auto count = std::min<std::ptrdiff_t>(std::ssize(found), kLargestOfEach);
+        numbers.insert(numbers.end(), found.begin(), found.begin() + count);
+    }
+}
+
 }  // namespace
 
-ReportTables reportTables(const SnapHeader& sum) {
+std::vector<uint32_t> listedPairs(const ReportTables& tables,
+                                  std::span<const uint32_t> subjects,
+                                  std::span<const uint32_t> senders) {
+    std::vector<uint32_t> numbers =
+        largestRows(std::span(tables.pairs), kLargestRows, bytesOf, messagesOf);
+    appendOfSubjects(numbers, tables, subjects);
+    appendOfSenders(numbers, tables, senders);
+    std::ranges::sort(numbers);
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+    return numbers;
+}
+
+ReportTables reportTables(const SnapHeader& sum, bool withPairs) {
     ReportTables tables;
     for (const SnapPort& port : std::span(sum.ports, sum.portCount)) {
         for (const SnapNet& net : std::span(port.nets, port.netCount)) {
-            addNet(tables, port, net);
+            addNet(tables, port, net, withPairs);
         }
         for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
             tables.retransmission.push_back({&port, &host, nullptr});

@@ -30,6 +30,12 @@ const kTables = {
         sortBy: "payload_bytes",
         columns: [senderColumn, scidColumn, ...messageNumbers, ...multicastNumbers],
     },
+    // Only of a report that was asked for them: each row of the two tables above leads to its own.
+    subject_senders: {
+        title: "Senders of subjects",
+        sortBy: "message_bytes",
+        columns: [subjectColumn, senderColumn, scidColumn, minor(portColumn), groupColumn, ...subjectNumbers],
+    },
     groups: {
         title: "Groups",
         sortBy: "payload_bytes",
@@ -94,18 +100,26 @@ function otherRows({ rowCount, sums, rows }, columns) {
 
 export function showTables(data) {
     const byId = (id) => document.getElementById(id);
+    const present = Object.entries(kTables).filter(([name]) => data.tables[name] !== undefined);
     const contents = Object.fromEntries(
-        Object.keys(kTables).map((name) => [name, normalTable(data.tables[name])]),
+        present.map(([name]) => [name, normalTable(data.tables[name])]),
     );
+    const leadsToPairs = (name) =>
+        contents.subject_senders !== undefined && ["subjects", "senders"].includes(name);
     const shownTables = Object.fromEntries(
-        Object.entries(kTables).map(([name, { title, columns, sortBy }]) => [
+        present.map(([name, { title, columns, sortBy }]) => [
             name,
-            makeTable({ label: title, columns, sortBy }),
+            makeTable({ label: title, columns, sortBy, onOpen: leadsToPairs(name) ? openPairs : null }),
         ]),
     );
-    const names = Object.entries(kTables).map(([key, { title }]) => ({ key, title }));
+    const names = present.map(([key, { title }]) => ({ key, title }));
     const tabs = makeTabs(names, "tables", show);
     let tab = names[0].key;
+
+    function openPairs({ subject, address }) {
+        byId("filter").value = subject === undefined ? address : `"${subject}"`;
+        tabs.choose("subject_senders");
+    }
 
     function show(name = tab) {
         tab = name;
