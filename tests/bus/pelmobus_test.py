@@ -324,18 +324,25 @@ class OverADaemon(unittest.TestCase):
         self.bus("send", "A.B", "--count", "200", "--sequence", "--size=3", "a:f64=NaN", "b:i64=-9007199254740993",
                  b"c=\xff\n\xe2\x80\xa8", "d:datetime=-001-12-31 23:59:59.000001Z", "e:subject=A.*", "f:bool=true",
                  "g:ip=10.1.2.3", "h:port=1", "i:xml=<a/>", "j:f32=0.1")
-        self.bus("send", "A.C", "--lines", input=b"a\0b\n" * 100)
+        self.bus("send", "A.C", "--lines", "--reply", "R", input=b"a\0b\n" * 100)
         lines = self.ended(record)
         self.assertEqual(lines.count("\n"), 300)
         self.assertEqual([json.loads(line)["fields"][-1]["value"] for line in lines.splitlines()],
                          list(range(1, 201)) + ["a\0b"] * 100)
-        plain = [{**json.loads(line), "time": None} for line in lines.splitlines()]
-        for words, prefix in ((["OTHER", "--original"], ""), (["--prefix", "TEST."], "TEST.")):
-            again = self.start("listen", prefix + "A.>", "--json", "--count", "300")
+        def known(line):
+            return {key: value for key, value in json.loads(line).items() if key != "time"}
+
+        recorded = [known(line) for line in lines.splitlines()]
+        for words, at, lead in (
+                (["OTHER", "--original"], "A.>", lambda own: own),
+                (["--prefix", "TEST."], "TEST.A.>", lambda own: {key: "TEST." + text for key, text in own.items()}),
+                (["--to", "ELSE"], "ELSE", lambda own: {"subject": "ELSE"})):
+            again = self.start("listen", at, "--json", "--count", "300")
             sent = self.bus("send", "--json", *words, input=lines.encode())
-            self.assertEqual(sent.stderr, b"sent 300\n")
-            self.assertEqual([{**json.loads(line), "time": None} for line in self.ended(again).splitlines()],
-                             [{**line, "subject": prefix + line["subject"]} for line in plain])
+            self.assertTrue(sent.stderr.endswith(b"sent 300\n"), sent.stderr)
+            self.assertEqual([known(line) for line in self.ended(again).splitlines()],
+                             [{**lead({key: line[key] for key in line if key != "fields"}), "fields": line["fields"]}
+                              for line in recorded])
 
     def test_requests_are_answered_in_another_process(self):
         for own_fields, fields in (((), 'x="y"'), (("a:i8=1",), "a=1")):
