@@ -17,6 +17,7 @@ PLACEHOLDER = "@REPORT_DATA@"
 # Path of the request, file under site/, content type.
 SITE = [("/", "index.html", "text/html; charset=utf-8"),
         ("/page.js", "page.js", "text/javascript; charset=utf-8"),
+        ("/worker.js", "worker.js", "text/javascript; charset=utf-8"),
         ("/page.css", "page.css", "text/css; charset=utf-8")]
 
 ASSETS_CC = """\
@@ -110,6 +111,7 @@ def main():
     esbuild, modules, out = sys.argv[1:]
     files = {"index.html": read("live", "page.html"),
              "page.js": bundle(esbuild, modules, "live/main.js"),
+             "worker.js": bundle(esbuild, modules, "live/worker.js"),
              "page.css": bundle(esbuild, modules, "live/page.css")}
     report = report_page(bundle(esbuild, modules, "report/main.js"),
                          bundle(esbuild, modules, "report/report.css"))

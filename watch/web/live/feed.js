@@ -1,55 +1,71 @@
-// The connection to the server: snapshots as they come, and histories on request.
+// The connection to the server: snapshots as they come while the page can be seen, and histories on
+// request.
 
-const kRetryFirstMs = 1000;
-const kRetryMostMs = 10000;
+import { openStream } from "./stream.js";
+import { troubleOf } from "./trouble.js";
 
-// onSnapshot(object); onState("live" or "lost") when that changes.
-export function openFeed({ onSnapshot, onState }) {
-    let retryMs = kRetryFirstMs;
-    let silence = 0;
-
-    function connect() {
-        const events = new EventSource("/events");
-        events.addEventListener("open", () => {
-            retryMs = kRetryFirstMs;
-            onState("live");
-        });
-        events.addEventListener("snapshot", (event) => {
-            const snapshot = JSON.parse(event.data);
-            watchSilence(events, snapshot);
-            onSnapshot(snapshot);
-        });
-        events.addEventListener("error", () => {
-            onState("lost");
-            clearTimeout(silence);
-            // The browser tries again by itself, except behind an answer that is no stream.
-            if (events.readyState === EventSource.CLOSED) retry();
-        });
-    }
-
-    function retry() {
-        setTimeout(connect, retryMs);
-        retryMs = Math.min(retryMs * 2, kRetryMostMs);
-    }
-
-    // A connection whose other end vanished without a word looks like a quiet one. A saved capture
-    // ends some time, and is silent from then on.
-    function watchSilence(events, snapshot) {
-        clearTimeout(silence);
-        if (snapshot.file_bytes !== undefined) return;
-        const patienceMs = Math.min(1000 * (3 * snapshot.elapsed_seconds + 5), 2 ** 31 - 1);
-        silence = setTimeout(() => {
-            events.close();
-            onState("lost");
-            retry();
-        }, patienceMs);
-    }
-
-    connect();
+// The page's policy takes no plain text for the address of a script.
+function workerAddress() {
+    const address = "/worker.js";
+    if (globalThis.trustedTypes === undefined) return address;
+    const policy = trustedTypes.createPolicy("worker", { createScriptURL: () => address });
+    return policy.createScriptURL(address);
 }
 
-// {interval_seconds, times, series}; of the totals where no row is given. Null where the server
-// doesn't have it.
+function isSeen() {
+    return document.visibilityState === "visible";
+}
+
+// By the worker that all pages of the browser share.
+function openShared(take) {
+    const { port } = new SharedWorker(workerAddress(), { name: "pelmowatch" });
+    port.addEventListener("message", ({ data }) => take(data));
+    port.start();
+    const tell = () => port.postMessage({ isSeen: isSeen() });
+    document.addEventListener("visibilitychange", tell);
+    addEventListener("pagehide", () => port.postMessage({ isGone: true }));
+    addEventListener("pageshow", tell);
+    tell();
+}
+
+// Where a browser has no such workers the page has a stream of its own, while it can be seen.
+function openOwn(take) {
+    let close = null;
+    const follow = () => {
+        if (isSeen() && close === null) {
+            close = openStream({
+                onText: (text, snapshot) => take({ snapshot }),
+                onState: (state) => take({ state }),
+            });
+        } else if (!isSeen()) {
+            close?.();
+            close = null;
+        }
+    };
+    document.addEventListener("visibilitychange", follow);
+    addEventListener("pagehide", () => (close?.(), (close = null)));
+    addEventListener("pageshow", follow);
+    follow();
+}
+
+// onSnapshot(object); onState("live" or "lost") when that changes; onTrouble(troubleOf a snapshot) for each
+// that came while the page was hidden.
+export function openFeed({ onSnapshot, onState, onTrouble }) {
+    const take = ({ text, snapshot, state, trouble }) => {
+        if (state !== undefined) onState(state);
+        if (trouble !== undefined) onTrouble(trouble);
+        if (text !== undefined) onSnapshot(JSON.parse(text));
+        if (snapshot !== undefined) {
+            if (isSeen()) onSnapshot(snapshot);
+            else onTrouble(troubleOf(snapshot));
+        }
+    };
+    if (globalThis.SharedWorker === undefined) openOwn(take);
+    else openShared(take);
+}
+
+// {interval_seconds, times, elapsed_seconds, series}; of the totals where no row is given. Null where the
+// server doesn't have it.
 export async function fetchHistory(row = {}) {
     const query = String(
         new URLSearchParams(

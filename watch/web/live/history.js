@@ -22,37 +22,50 @@ export function numbersOf(snapshot) {
     return numbers;
 }
 
-export function makeHistory() {
-    let times = [];
-    let series = new Map();
+// {times, elapsed, values(name)} of an answer of the server's, without its texts.
+export function readKept(kept) {
+    const times = kept.times.map(Number);
+    return {
+        times,
+        elapsed: kept.elapsed_seconds ?? times.map(() => kept.interval_seconds),
+        values: (name) => kept.series[name] ?? times.map(() => 0),
+    };
+}
 
-    function trim() {
-        const first = times.findIndex((time) => time > times.at(-1) - kHistorySeconds);
-        if (first <= 0) return;
-        times = times.slice(first);
-        for (const [name, values] of series) series.set(name, values.slice(first));
+export function makeHistory() {
+    // {time, elapsed, numbers} of each interval, oldest first.
+    let points = [];
+
+    // A clock that was set back begins the history again.
+    function add(point) {
+        const last = points.at(-1);
+        if (last !== undefined && point.time < last.time) points = [];
+        if (last === undefined || point.time !== last.time) points.push(point);
+        const first = points.findIndex(({ time }) => time > point.time - kHistorySeconds);
+        if (first > 0) points = points.slice(first);
     }
 
     return {
-        // Takes over what the server kept.
+        // Takes over what the server kept, and keeps what came while it was under way.
         replace(kept) {
-            times = kept.times.map(Number);
-            series = new Map(Object.entries(kept.series));
+            const { times, elapsed } = readKept(kept);
+            const newer = points.filter(({ time }) => times.length > 0 && time > times.at(-1));
+            const names = Object.keys(kept.series);
+            const numbersAt = (i) => Object.fromEntries(names.map((name) => [name, kept.series[name][i]]));
+            points = times.map((time, i) => ({ time, elapsed: elapsed[i], numbers: numbersAt(i) }));
+            newer.forEach(add);
         },
         // A snapshot that is there already, as after a reconnect, isn't added again.
         append(snapshot) {
-            const time = Date.parse(snapshot.time) / 1000;
-            if (times.length > 0 && time <= times.at(-1)) return;
-            const numbers = numbersOf(snapshot);
-            for (const name of Object.keys(numbers)) {
-                if (!series.has(name)) series.set(name, new Array(times.length).fill(0));
-            }
-            times.push(time);
-            for (const [name, values] of series) values.push(numbers[name] ?? 0);
-            trim();
+            add({
+                time: Date.parse(snapshot.time) / 1000,
+                elapsed: snapshot.elapsed_seconds,
+                numbers: numbersOf(snapshot),
+            });
         },
-        times: () => times,
+        times: () => points.map(({ time }) => time),
+        elapsed: () => points.map(({ elapsed }) => elapsed),
         // 0 throughout for a name that never came.
-        values: (name) => series.get(name) ?? new Array(times.length).fill(0),
+        values: (name) => points.map(({ numbers }) => numbers[name] ?? 0),
     };
 }

@@ -1,16 +1,20 @@
 // The live page: snapshots come from the feed and go to the tiles, the table of the chosen tab and
-// the details that are open. Nothing else keeps state of the bus.
+// the details that are open. Nothing else keeps state of the bus. What is chosen is in the page's link.
 
+import { redrawCharts } from "../shared/chart.js";
 import { setAttribute, setText } from "../shared/dom.js";
 import { readFilter } from "../shared/filter.js";
-import { formatCount, formatDateTime, formatSpan, formatTime } from "../shared/format.js";
+import { formatCount, formatSpan, formatTime, formatZone, showUtc } from "../shared/format.js";
+import { applyChoices, makeColumnMenu, makeCopyMenu } from "../shared/menus.js";
 import { makeTable, sumRows } from "../shared/table.js";
 import { tables } from "../shared/tables.js";
 import { makeTabs } from "../shared/tabs.js";
 import { faultColumns, makeFaults } from "./faults.js";
 import { fetchHistory, openFeed } from "./feed.js";
+import { makeHead } from "./head.js";
 import { makeHistory } from "./history.js";
-import { makeModel, tableNames } from "./model.js";
+import { readLink, writeLink } from "./link.js";
+import { makeModels, tableNames } from "./model.js";
 import { makePanel } from "./panel.js";
 import { makeTiles } from "./tiles.js";
 
@@ -18,23 +22,33 @@ const byId = (id) => document.getElementById(id);
 
 const history = makeHistory();
 const faults = makeFaults();
+const head = makeHead();
+const modelOf = makeModels();
 let model = null;
-// While the reader has paused: the newest snapshot that isn't shown yet.
+// While the reader has paused: the newest model that isn't shown yet.
 let waiting = null;
+let intervalSeconds = null;
 let isPaused = false;
 let isRate = false;
+let isUtc = false;
 let tab = tableNames[0];
 
-// What turns a count into what is shown of it.
+// What turns a count into what is shown of it. An interval without a length has no rates.
 function scale() {
-    return isRate && model?.elapsedSeconds > 0 ? 1 / model.elapsedSeconds : 1;
+    if (!isRate || model === null) return 1;
+    return model.elapsedSeconds > 0 ? 1 / model.elapsedSeconds : NaN;
 }
 
 const panel = makePanel({
-    context: () => ({ model, history, scale: scale(), rate: isRate }),
+    context: () => ({ model, history, faults, scale: scale(), rate: isRate }),
     onClose: () => {
         shownTables[tab].setOpenRow(null);
         shownTables[tab].focus();
+    },
+    onChange: keepLink,
+    onJump: (name, filter) => {
+        byId("filter").value = filter;
+        tabs.choose(name);
     },
 });
 
@@ -46,6 +60,8 @@ const shownTables = Object.fromEntries(
             columns: tables[name].columns,
             sortBy: tables[name].sortBy,
             onOpen: (row) => openRow(name, row),
+            onSort: keepLink,
+            onHold: showHeld,
         }),
     ]),
 );
@@ -53,10 +69,9 @@ shownTables.faults = makeTable({
     label: "Faults by kind",
     columns: faultColumns,
     sortBy: "packets",
-    onOpen: (row) => {
-        shownTables.faults.setOpenRow(row);
-        panel.openFault(row.key);
-    },
+    onOpen: (row) => openFault(row.key),
+    onSort: keepLink,
+    onHold: showHeld,
 });
 
 const tabs = makeTabs(
@@ -65,7 +80,10 @@ const tabs = makeTabs(
         { key: "faults", title: "Faults" },
     ],
     "tables",
-    chooseTab,
+    (key) => {
+        chooseTab(key);
+        keepLink();
+    },
 );
 const tiles = makeTiles({
     onOpen: (table) => {
@@ -77,97 +95,91 @@ const tiles = makeTiles({
     },
 });
 
-function openRow(name, row) {
+function showHeld(isHeld) {
+    setText(byId("held"), isHeld ? "order held under the pointer" : "");
+}
+
+function openRow(name, row, host = null) {
     shownTables[name].setOpenRow(row);
-    panel.openRow(name, row);
+    panel.openRow(name, row, host);
+}
+
+function openFault(key) {
+    shownTables.faults.setOpenRow({ key });
+    panel.openFault(key);
 }
 
 function chooseTab(key) {
     shownTables[tab].setOpenRow(null);
     tab = key;
     panel.hide();
+    showHeld(false);
     for (const [name, table] of Object.entries(shownTables)) table.element.hidden = name !== tab;
     setAttribute(byId("tables"), "aria-labelledby", `tab-${tab}`);
-    showTable();
+    showTable(true);
 }
 
 function emptyText(filter, rowCount) {
-    if (model === null) return "Waiting for the first interval.";
-    if (rowCount === 0) return "Nothing in this interval.";
+    if (tab === "faults" && rowCount === 0) return "No faults since the page was opened.";
+    if (model === null)
+        return intervalSeconds === null
+            ? "Waiting for the first interval."
+            : `Waiting for the first interval, which takes ${formatSpan(intervalSeconds)}.`;
+    if (rowCount === 0) return "Nothing in the last ten minutes.";
     if (filter.error !== null) return `No row: ${filter.error}.`;
     if (tab !== "subjects" && filter.needsSubjects)
         return "A pattern of subjects fits rows of the table Subjects only.";
+    if (tab === "subjects" && model.snapshot.subjects.every(({ senders }) => senders === undefined))
+        return "No row fits the filter. The senders of subjects aren't counted: start with --senders.";
     return "No row fits the filter.";
 }
 
-function showTable() {
-    const isFaults = tab === "faults";
-    const rows = isFaults ? faults.rows() : (model?.rows[tab] ?? []);
-    const filter = readFilter(isFaults ? "" : byId("filter").value, {
-        columns: isFaults ? [] : tables[tab].columns,
-        scale: scale(),
-    });
+// `isNew` where the reader asked for other rows, and not for those of another interval.
+function showTable(isNew = false) {
+    const rows = tab === "faults" ? faults.rows() : (model?.rows[tab] ?? []);
+    const table = shownTables[tab];
+    const filter = readFilter(byId("filter").value, { columns: table.columns, scale: scale() });
     const { fits } = filter;
     const shown = fits === null ? rows : rows.filter(fits);
-    const table = shownTables[tab];
     const sums =
-        isFaults || rows.length === 0
+        rows.length === 0 || tab === "faults"
             ? []
-            : [{ title: "Totals", ...sumRows(shown, tables[tab].columns) }];
-    table.setEmptyText(
-        isFaults ? "No faults since the page was opened." : emptyText(filter, rows.length),
-    );
-    table.setRows(shown, sums, scale());
+            : [{ title: fits === null ? "Totals" : "Shown", ...sumRows(shown, table.columns) }];
+    table.setEmptyText(emptyText(filter, rows.length));
+    table.setRows(shown, sums, scale(), isNew);
+    setText(byId("understood"), filter.error ?? filter.words);
+    setAttribute(byId("understood"), "title", byId("understood").textContent);
+    byId("understood").classList.toggle("error", filter.error !== null);
     setText(
         byId("fits"),
         fits === null ? "" : `${formatCount(shown.length)} of ${formatCount(rows.length)}`,
     );
-    setText(byId("understood"), filter.error ?? filter.words);
-    byId("understood").classList.toggle("error", filter.error !== null);
-    byId("filter").disabled = isFaults;
 }
 
 function showCounts() {
     for (const name of tableNames) tabs.setCount(name, formatCount(model.rows[name].length));
-    const kinds = Object.keys(model.snapshot.faults).length;
+    const kinds = faults.rows().length;
     tabs.setCount("faults", kinds === 0 ? "" : formatCount(kinds), kinds > 0);
 }
 
-function showHead() {
-    const { snapshot, timeMs, elapsedSeconds } = model;
-    showState();
-    setText(byId("time"), formatDateTime(timeMs));
-    setText(
-        byId("interval"),
-        isRate
-            ? `rates a second over ${formatSpan(elapsedSeconds)}`
-            : `counts of ${formatSpan(elapsedSeconds)}`,
-    );
-    const lost = snapshot.kernel_dropped_frames ?? 0;
-    byId("drops").hidden = lost === 0;
-    setText(
-        byId("drops"),
-        `This machine lost ${formatCount(lost)} frames in the interval: gaps may be its own.`,
-    );
-}
-
-function showAll() {
-    if (model === null) return;
-    showHead();
+function showAll(isNew = false) {
+    if (model === null) return showTable();
+    head.show(model, isRate);
     showCounts();
-    tiles.update(history, model.snapshot, scale());
-    showTable();
+    tiles.update(history, model.snapshot, scale(), isRate);
+    showTable(isNew);
     panel.update();
 }
 
 function take(snapshot) {
     history.append(snapshot);
     faults.add(snapshot);
+    const taken = modelOf(snapshot);
     if (isPaused) {
-        waiting = snapshot;
+        waiting = taken;
         return;
     }
-    model = makeModel(snapshot);
+    model = taken;
     showAll();
 }
 
@@ -175,45 +187,81 @@ function setPaused(paused) {
     isPaused = paused;
     setAttribute(byId("pause"), "aria-pressed", String(paused));
     if (paused || waiting === null) return;
-    model = makeModel(waiting);
+    model = waiting;
     waiting = null;
     showAll();
 }
 
-function setRate(rate) {
+function setUnit(rate) {
     isRate = rate;
     setAttribute(byId("rate"), "aria-pressed", String(rate));
-    showAll();
 }
 
-let lostSince = null;
-let isConnected = false;
-
-// Only a saved capture tells of a file.
-function showState() {
-    const isSaved = model !== null && model.snapshot.file_bytes !== undefined;
-    setText(byId("state"), !isConnected ? "connection lost" : isSaved ? "capture file" : "live");
+function setZone(utc) {
+    isUtc = utc;
+    showUtc(utc);
+    setAttribute(byId("utc"), "aria-pressed", String(utc));
+    redrawCharts();
 }
 
-async function onState(state) {
-    byId("state").className = state;
-    isConnected = state === "live";
-    showState();
-    byId("lost").hidden = state === "live";
-    if (state === "lost") {
-        lostSince ??= Date.now();
-        setText(
-            byId("lost"),
-            `The connection is lost since ${formatTime(lostSince)}. The page tries again by itself; what it shows is the last it got.`,
-        );
-        return;
-    }
-    lostSince = null;
+// The link.
+
+let keepTimer = 0;
+let isRestoring = false;
+
+// Browsers refuse an address that changes with each key.
+function keepLink() {
+    if (isRestoring) return;
+    clearTimeout(keepTimer);
+    keepTimer = setTimeout(() => window.history.replaceState(null, "", linkNow()), 150);
+}
+
+function linkNow() {
+    const filter = byId("filter").value;
+    const sort = shownTables[tab].sort();
+    return writeLink({ table: tab, sort, filter, isRate, isUtc, open: panel.open() });
+}
+
+function restoreOpen(open) {
+    if (open === null) return;
+    if (open.fault !== undefined && tab === "faults") openFault(open.fault);
+    else if (tab === "faults") return;
+    else if (open.totals) panel.openTotals(tab);
+    else if (open.row !== undefined) openRow(tab, open.row, open.host);
+}
+
+function restore({ table, sort, filter, isRate: rate, isUtc: utc, open }) {
+    isRestoring = true;
+    setUnit(rate);
+    setZone(utc);
+    byId("filter").value = filter;
+    if (Object.hasOwn(shownTables, table ?? "")) tabs.choose(table);
+    else chooseTab(tab);
+    if (sort !== null) shownTables[tab].setSort(sort.key, sort.descending);
+    restoreOpen(open);
+    isRestoring = false;
+    showAll(true);
+}
+
+// The feed.
+
+async function refreshHistory() {
     const kept = await fetchHistory();
     if (kept === null) return;
+    intervalSeconds = kept.interval_seconds;
     history.replace(kept);
-    if (model !== null) history.append(model.snapshot);
     showAll();
+}
+
+function onState(state) {
+    head.setConnection(state);
+    if (state === "live") refreshHistory();
+}
+
+function onVisibility() {
+    if (document.visibilityState !== "visible") return;
+    head.addTrouble(null);
+    refreshHistory();
 }
 
 // Keys of the whole page, wherever no text is typed.
@@ -223,7 +271,8 @@ function onKey(event) {
     if (event.target instanceof HTMLInputElement) return;
     if (event.key === "/") byId("filter").focus();
     else if (event.key === "p") setPaused(!isPaused);
-    else if (event.key === "r") setRate(!isRate);
+    else if (event.key === "r") byId("rate").click();
+    else if (event.key === "u") byId("utc").click();
     else return;
     event.preventDefault();
 }
@@ -231,7 +280,7 @@ function onKey(event) {
 function onFilterKey(event) {
     if (event.key === "Escape" && event.target.value !== "") {
         event.target.value = "";
-        showTable();
+        onFilter();
         event.stopPropagation();
     } else if (event.key === "Enter" || event.key === "ArrowDown") {
         shownTables[tab].focus();
@@ -239,15 +288,34 @@ function onFilterKey(event) {
     }
 }
 
+function onFilter() {
+    showTable(true);
+    keepLink();
+}
+
 byId("tiles").append(tiles.element);
 byId("tabs").append(tabs.element);
 byId("tables").append(...Object.values(shownTables).map((table) => table.element));
 byId("main").append(panel.element);
-byId("filter").addEventListener("input", showTable);
+const currentTable = () => ({ name: tab, table: shownTables[tab] });
+byId("menus").append(makeColumnMenu(currentTable), makeCopyMenu(currentTable));
+for (const [name, table] of Object.entries(shownTables)) applyChoices(name, table);
+byId("filter").addEventListener("input", onFilter);
 byId("filter").addEventListener("keydown", onFilterKey);
 byId("pause").addEventListener("click", () => setPaused(!isPaused));
-byId("rate").addEventListener("click", () => setRate(!isRate));
+byId("rate").addEventListener("click", () => {
+    setUnit(!isRate);
+    showAll();
+    keepLink();
+});
+byId("utc").hidden = formatZone(Date.now()) === "UTC";
+byId("utc").addEventListener("click", () => {
+    setZone(!isUtc);
+    showAll();
+    keepLink();
+});
 document.addEventListener("keydown", onKey);
-document.title = `pelmowatch ${location.host}`;
-chooseTab(tab);
-openFeed({ onSnapshot: take, onState });
+document.addEventListener("visibilitychange", onVisibility);
+addEventListener("hashchange", () => restore(readLink(location.hash)));
+restore(readLink(location.hash));
+openFeed({ onSnapshot: take, onState, onTrouble: head.addTrouble });

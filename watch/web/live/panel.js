@@ -1,12 +1,17 @@
 // The details of one row, beside the tables: its history as charts, and its hosts. A host that is
-// opened shows its own history.
+// opened shows its own history. Those of a fault have its first and its last packet, and who sends bad
+// ones.
 
 import { makeChart, makeChartGroup } from "../shared/chart.js";
 import { element, setText } from "../shared/dom.js";
-import { formatKey } from "../shared/format.js";
+import { formatCount, formatKey } from "../shared/format.js";
+import { applyChoices, makeColumnMenu } from "../shared/menus.js";
+import { fillHoles, ratesOf } from "../shared/reduce.js";
 import { isSameRow, makeTable, sumRows } from "../shared/table.js";
-import { tables } from "../shared/tables.js";
+import { hostLines, numberName, tables } from "../shared/tables.js";
+import { badColumns } from "./faults.js";
 import { fetchHistory } from "./feed.js";
+import { readKept } from "./history.js";
 
 function rowTitle(row) {
     if (row.subject !== undefined) return row.subject;
@@ -29,41 +34,43 @@ function historyQuery(table, row, host) {
     return { table, port, group, subject, host: host?.address, scid: host?.scid };
 }
 
+function packetText(time, number) {
+    return number === undefined ? time : `${time}, number ${formatCount(number)} of the capture`;
+}
+
 // Where the details lie over everything (page.css), nothing beneath them is reached by the keyboard.
-const liesOver = matchMedia("(max-width: 900px)");
+const liesOver = matchMedia("(max-width: 1160px)");
 
 function setCovered(covered) {
     for (const part of document.querySelectorAll(".top, #tiles, .tables-side"))
         part.inert = covered;
 }
 
-// onClose() behind a close by the reader. context() is {model, history, scale}; the model may be
-// null.
-export function makePanel({ context, onClose }) {
+function plainButton(text, more, click) {
+    return element("button", { type: "button", ...more, click }, text);
+}
+
+// onClose() after a close by the reader, onChange() after each change of what is shown, and
+// onJump(table, filter) to see rows of a table. context() is {model, history, faults, scale, rate}; the
+// model may be null.
+export function makePanel({ context, onClose, onChange, onJump }) {
     const title = element("h2", { id: "panel-title", tabindex: "-1" });
     const place = element("p", { class: "place" });
-    const close = element(
-        "button",
-        {
-            type: "button",
-            class: "plain close",
-            "aria-label": "Close details",
-            title: "Close (Escape)",
-            click: closeByReader,
-        },
+    const jumps = element("p", { class: "jumps" });
+    const all = plainButton("All hosts", { class: "plain-button" }, () => chooseHost(null));
+    const close = plainButton(
         "×",
-    );
-    const all = element(
-        "button",
-        { type: "button", class: "plain all", click: () => chooseHost(null) },
-        "All hosts",
+        { class: "close", "aria-label": "Close details", title: "Close (Escape)" },
+        closeByReader,
     );
     const charts = element("div", { class: "charts" });
     const hosts = element("div", { class: "hosts" });
+    let hostTable = null;
+    const columnMenu = makeColumnMenu(() => ({ name: tableName(), table: hostTable }));
     const panel = element(
         "section",
         { class: "panel", "aria-labelledby": "panel-title", hidden: true, keydown: onKey },
-        element("header", {}, element("div", {}, title, place), all, close),
+        element("header", {}, element("div", {}, title, place, jumps), all, columnMenu, close),
         charts,
         hosts,
     );
@@ -71,23 +78,25 @@ export function makePanel({ context, onClose }) {
     // What is shown: {table, row, host} of a row, {table} of a table's totals, {fault} of a fault.
     let shown = null;
     let drawn = [];
-    let hostTable = null;
-    // A history that comes late, behind that of a later question, is dropped.
+    // A history that comes late, after that of a later question, is dropped.
     let question = 0;
 
+    liesOver.addEventListener("change", () => setCovered(shown !== null && liesOver.matches));
+
+    function tableName() {
+        return shown?.fault !== undefined ? "faults.hosts" : `${shown?.table}.hosts`;
+    }
+
     function onKey(event) {
-        if (event.key !== "Escape") return;
+        if (event.key !== "Escape" || !shown?.host) return;
+        chooseHost(null);
         event.stopPropagation();
-        if (shown?.host) {
-            chooseHost(null);
-        } else {
-            closeByReader();
-        }
     }
 
     function closeByReader() {
         hide();
         onClose();
+        onChange();
     }
 
     function hide() {
@@ -106,39 +115,55 @@ export function makePanel({ context, onClose }) {
             chart: makeChart({ ...options, height: 112, group }),
         }));
         charts.replaceChildren(...drawn.map(({ chart }) => chart.element));
-        makeHosts();
         panel.hidden = false;
+        makeHosts();
         setCovered(liesOver.matches);
         update();
+        onChange();
     }
 
     function chartsOf({ table, fault }) {
         if (fault === undefined) return tables[table].charts;
-        return [
-            {
-                title: "Packets",
-                lines: [{ key: `faults.${fault}`, label: formatKey(fault), colour: "red" }],
-            },
-        ];
+        const lines = [{ key: `faults.${fault}`, label: "", colour: "red" }];
+        return [{ title: "Packets", bars: true, lines }];
     }
 
     function makeHosts() {
         hostTable = null;
         hosts.replaceChildren();
-        if (shown.row === undefined) return;
+        columnMenu.hidden = shown.row === undefined && shown.fault === undefined;
+        if (columnMenu.hidden) return;
+        hostTable = shown.fault === undefined ? makeHostTable() : makeSenderTable();
+        hosts.append(hostTable.element);
+        applyChoices(tableName(), hostTable);
+    }
+
+    function makeHostTable() {
         const { hostColumns, sortBy } = tables[shown.table];
-        hostTable = makeTable({
+        const table = makeTable({
             label: `Hosts of ${rowTitle(shown.row)}`,
             columns: hostColumns,
-            sortBy,
+            sortBy: sortBy.replace(/_sent$/, ""),
             onOpen: chooseHost,
         });
-        hostTable.setEmptyText(
-            shown.table === "subjects" && shown.row.hosts === null
+        table.setEmptyText(
+            shown.table === "subjects" && !shown.row.hosts
                 ? "The senders of subjects aren't counted: start with --senders."
                 : "Nothing in this interval.",
         );
-        hosts.append(hostTable.element);
+        table.setOpenRow(shown.host);
+        return table;
+    }
+
+    function makeSenderTable() {
+        const table = makeTable({
+            label: "Senders of bad packets",
+            columns: badColumns,
+            sortBy: "bad",
+            onOpen: (row) => onJump(row.table, row.address),
+        });
+        table.setEmptyText("Nobody sent a bad packet that was counted since the page was opened.");
+        return table;
     }
 
     function chooseHost(host) {
@@ -146,69 +171,104 @@ export function makePanel({ context, onClose }) {
         hostTable.setOpenRow(shown.host);
         update();
         if (shown.host === null) hostTable.focus();
+        onChange();
     }
 
     function update() {
         if (shown === null) return;
         const { row, host, table, fault } = shown;
         all.hidden = !host;
+        if (fault !== undefined) return updateFault();
         if (row === undefined) {
-            setText(title, fault === undefined ? tables[table].title : formatKey(fault));
+            setText(title, tables[table].title);
             setText(place, "all of the bus");
+            jumps.replaceChildren();
             drawTotals();
             return;
         }
         setText(title, rowTitle(row));
         setText(
             place,
-            [rowPlace(row), host ? hostTitle(host) : ""].filter((text) => text !== "").join(" · "),
+            [rowPlace(row), host ? `${hostTitle(host)}${host.way ? `, ${host.way}` : ""}` : ""]
+                .filter((text) => text !== "")
+                .join(" · "),
         );
+        showJump(host);
         updateHosts();
         askHistory();
+    }
+
+    // From a sender to its subjects, and from one of a subject to its groups.
+    function showJump(host) {
+        const [table, words] =
+            shown.table === "subjects" ? ["multicast", "Its groups"] : ["subjects", "Its subjects"];
+        const jump = plainButton(words, { class: "plain-button" }, () => onJump(table, host.address));
+        if (!host) jumps.replaceChildren();
+        else if (jumps.textContent !== words) jumps.replaceChildren(jump);
+    }
+
+    function updateFault() {
+        const { faults, history } = context();
+        const row = faults.rows().find(({ key }) => key === shown.fault);
+        setText(title, row?.words ?? formatKey(shown.fault));
+        setText(
+            place,
+            row === undefined
+                ? "None since the page was opened."
+                : `first ${packetText(row.first, row.firstPacket)}; last ${packetText(row.last, row.lastPacket)}`,
+        );
+        const words = row?.sender === undefined ? "" : `Last sender ${row.sender}`;
+        if (words === "") jumps.replaceChildren();
+        else if (jumps.textContent !== words)
+            jumps.replaceChildren(
+                plainButton(words, { class: "plain-button" }, () => onJump("multicast", row.sender)),
+            );
+        hostTable.setRows(faults.senders());
+        drawSeries(history.times(), history.elapsed(), (key) => history.values(key));
     }
 
     function updateHosts() {
         const { model, scale } = context();
         const row = model?.rows[shown.table].find((candidate) => isSameRow(candidate, shown.row));
-        const list = row?.hosts ?? [];
-        const sums =
-            list.length === 0
-                ? []
-                : [{ title: "Totals", ...sumRows(list, tables[shown.table].hostColumns) }];
-        hostTable.setRows(list, sums, scale);
+        const { hostColumns, ways } = tables[shown.table];
+        const lines = hostLines(shown.table, row?.hosts ?? []);
+        const sumsOf = (heading, some) => ({ title: heading, ...sumRows(some, hostColumns) });
+        const sumsOfWay = (way) => sumsOf(`All ${way}`, lines.filter((line) => line.way === way));
+        const sums = ways === undefined ? [sumsOf("Totals", lines)] : ["out", "in"].map(sumsOfWay);
+        hostTable.setRows(lines, lines.length === 0 ? [] : sums, scale);
     }
 
     async function askHistory() {
         const mine = ++question;
-        const kept = await fetchHistory(historyQuery(shown.table, shown.row, shown.host));
-        if (mine !== question || kept === null) return;
-        const { rate } = context();
-        drawSeries(
-            kept.times.map(Number),
-            (key) => kept.series[key] ?? kept.times.map(() => 0),
-            rate ? 1 / kept.interval_seconds : 1,
+        const answer = await fetchHistory(historyQuery(shown.table, shown.row, shown.host));
+        if (mine !== question || answer === null) return;
+        const kept = readKept(answer);
+        const way = shown.host?.way;
+        drawSeries(kept.times, kept.elapsed, (key) =>
+            kept.values(way === undefined ? key : numberName(key, way)),
         );
     }
 
     function drawTotals() {
-        const { history, scale } = context();
-        const prefix = shown.fault === undefined ? `${shown.table}.` : "";
-        drawSeries(history.times(), (key) => history.values(prefix + key), scale);
+        const { history } = context();
+        drawSeries(history.times(), history.elapsed(), (key) => history.values(`${shown.table}.${key}`));
     }
 
-    function drawSeries(times, valuesOf, scale) {
+    function drawSeries(times, elapsed, valuesOf) {
+        const { rate } = context();
         for (const { options, chart } of drawn) {
-            chart.setData(
-                times,
-                options.lines.map((line) => valuesOf(line.key).map((value) => value * scale)),
+            const columns = options.lines.map(({ key }) =>
+                rate ? ratesOf(valuesOf(key), elapsed) : valuesOf(key),
             );
+            const filled = fillHoles(times, elapsed, columns);
+            chart.setData(filled.times, filled.columns);
         }
     }
 
     return {
         element: panel,
-        openRow: (table, row) => {
-            show({ table, row, host: null });
+        openRow: (table, row, host = null) => {
+            show({ table, row, host });
             hostTable.focus();
         },
         openTotals: (table) => {
@@ -220,6 +280,12 @@ export function makePanel({ context, onClose }) {
             title.focus();
         },
         isOpen: () => shown !== null,
+        // As a link holds it.
+        open: () => {
+            if (shown === null) return null;
+            if (shown.fault !== undefined) return { fault: shown.fault };
+            return shown.row === undefined ? { totals: true } : { row: shown.row, host: shown.host };
+        },
         close: closeByReader,
         hide,
         update,

@@ -4,6 +4,7 @@
 import { makeSparkline } from "../shared/chart.js";
 import { element, setText } from "../shared/dom.js";
 import { formatNumber, formatShort } from "../shared/format.js";
+import { fillHoles, ratesOf } from "../shared/reduce.js";
 import { numbersOf } from "./history.js";
 
 // `alert` is the colour of a value above 0.
@@ -41,17 +42,17 @@ const kTiles = [
 
 const kLineColours = { warning: "amber", error: "red" };
 
-// Only a live source tells of frames that were lost.
+// Only a live source says what it lost.
 function isLiveSource(snapshot) {
     return snapshot.kernel_dropped_frames !== undefined;
 }
 
-// onOpen(table) for those that have one. onPoint(milliseconds or null) tells the time whose values
+// onOpen(table) for those that have one. onPoint(milliseconds or null) reports the time whose values
 // the tiles show because the pointer is over it.
 export function makeTiles({ onOpen, onPoint }) {
-    let history = null;
-    let latest = {};
-    let scale = 1;
+    // What is drawn: the history goes on while the page is paused.
+    let times = [];
+    let isRate = false;
     let pointed = null;
     const tiles = kTiles.map((tile) => makeTile(tile));
     const list = element(
@@ -61,11 +62,12 @@ export function makeTiles({ onOpen, onPoint }) {
     );
 
     function makeTile(tile) {
-        const value = element("span", { class: "value" });
+        const value = element("span", { class: "value" }, "–");
         const line = makeSparkline({
             colour: kLineColours[tile.alert] ?? "blue",
             height: 30,
             group: "totals",
+            bars: tile.alert !== undefined,
             onHover: showAt,
         });
         const open = () => onOpen(tile.table);
@@ -74,27 +76,28 @@ export function makeTiles({ onOpen, onPoint }) {
             tile.table === null
                 ? element("div", { class: "tile" }, ...inside)
                 : element("button", { class: "tile", type: "button", click: open }, ...inside);
-        return { ...tile, element: element("li", {}, box), box, value, line };
+        return { ...tile, element: element("li", {}, box), box, value, line, values: [], latest: 0 };
     }
 
     // The pointer over one line shows the values of all at its time. Each line reports it.
     function showAt(index) {
-        if (index === pointed || history === null) return;
+        if (index === pointed) return;
         pointed = index;
         showValues();
     }
 
+    function valueText(number, unit) {
+        const text =
+            unit || number >= 1e6 ? formatShort(number, unit) : formatNumber(number);
+        return isRate ? `${text}/s` : text;
+    }
+
     function showValues() {
-        const times = history.times();
         const isPast = pointed !== null && pointed < times.length;
         for (const tile of tiles) {
-            const value =
-                ((isPast ? history.values(tile.series)[pointed] : latest[tile.series]) ?? 0) *
-                scale;
-            setText(
-                tile.value,
-                tile.unit || value >= 1e6 ? formatShort(value, tile.unit) : formatNumber(value),
-            );
+            const value = isPast ? tile.values[pointed] : tile.latest;
+            const isKnown = value !== null && !Number.isNaN(value);
+            setText(tile.value, isKnown ? valueText(value, tile.unit) : "–");
             tile.box.className = "tile" + (tile.alert && value > 0 ? ` ${tile.alert}` : "");
         }
         onPoint(isPast ? times[pointed] * 1000 : null);
@@ -102,17 +105,22 @@ export function makeTiles({ onOpen, onPoint }) {
 
     return {
         element: list,
-        update(newHistory, snapshot, newScale) {
-            history = newHistory;
-            latest = numbersOf(snapshot);
-            scale = newScale;
-            for (const tile of tiles) {
+        update(history, snapshot, scale, rate) {
+            const numbers = numbersOf(snapshot);
+            const elapsed = history.elapsed();
+            const columns = tiles.map(({ series }) => {
+                const values = history.values(series);
+                return rate ? ratesOf(values, elapsed) : values;
+            });
+            const filled = fillHoles(history.times(), elapsed, columns);
+            times = filled.times;
+            isRate = rate;
+            tiles.forEach((tile, i) => {
+                tile.values = filled.columns[i];
+                tile.latest = (numbers[tile.series] ?? 0) * scale;
                 tile.element.hidden = Boolean(tile.liveOnly) && !isLiveSource(snapshot);
-                tile.line.setData(
-                    history.times(),
-                    history.values(tile.series).map((value) => value * scale),
-                );
-            }
+                tile.line.setData(times, tile.values);
+            });
             showValues();
         },
     };

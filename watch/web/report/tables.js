@@ -3,8 +3,9 @@
 import { element, setText } from "../shared/dom.js";
 import { readFilter } from "../shared/filter.js";
 import { formatCount, formatDateTime, formatTime } from "../shared/format.js";
+import { applyChoices, makeColumnMenu, makeCopyMenu } from "../shared/menus.js";
 import { makeTable, sumRows } from "../shared/table.js";
-import { tables } from "../shared/tables.js";
+import { hostLines, tables } from "../shared/tables.js";
 import { makeTabs } from "../shared/tabs.js";
 
 const [subjectColumn, portColumn, groupColumn, ...subjectNumbers] = tables.subjects.columns;
@@ -13,10 +14,10 @@ const [senderColumn, scidColumn, ...multicastNumbers] = tables.multicast.hostCol
 );
 const [, , hostCountColumn] = tables.multicast.columns;
 const servicePortColumn = tables.retransmission.columns[1];
-const minor = (column) => ({ ...column, minor: true });
+const dropped = (column, drop) => ({ ...column, drop });
 const messageNumbers = [
-    subjectNumbers[0],
-    { ...subjectNumbers[1], label: "Message bytes", minor: true },
+    dropped(subjectNumbers[0], 10),
+    { ...subjectNumbers[1], label: "Message bytes", drop: 11 },
 ];
 
 const kTables = {
@@ -34,14 +35,14 @@ const kTables = {
     subject_senders: {
         title: "Senders of subjects",
         sortBy: "message_bytes",
-        columns: [subjectColumn, senderColumn, scidColumn, minor(portColumn), groupColumn, ...subjectNumbers],
+        columns: [subjectColumn, senderColumn, scidColumn, dropped(portColumn, 10), groupColumn, ...subjectNumbers],
     },
     groups: {
         title: "Groups",
         sortBy: "payload_bytes",
         columns: [
             portColumn,
-            { ...groupColumn, minor: false },
+            dropped(groupColumn, undefined),
             { ...hostCountColumn, label: "Senders" },
             ...messageNumbers,
             ...multicastNumbers,
@@ -49,22 +50,22 @@ const kTables = {
     },
     retransmission: {
         title: "Retransmission",
-        sortBy: "requests_sent",
+        sortBy: "requests",
         columns: [
             tables.retransmission.hostColumns[0],
             scidColumn,
-            minor(portColumn),
+            dropped(portColumn, 10),
             servicePortColumn,
             ...tables.retransmission.hostColumns.slice(2),
         ],
     },
     point_to_point: {
         title: "Point to point",
-        sortBy: "payload_bytes_sent",
+        sortBy: "payload_bytes",
         columns: [
             tables.point_to_point.hostColumns[0],
             scidColumn,
-            minor(portColumn),
+            dropped(portColumn, 10),
             ...tables.point_to_point.hostColumns.slice(2),
         ],
     },
@@ -86,16 +87,32 @@ function normalTable({ row_count: rowCount, sums, rows }) {
     return { rowCount, sums, rows: rows.map(normalRow) };
 }
 
+// Sums of both ways, as lines of hosts have them.
+function sumsOf(name, sums, title) {
+    return hostLines(name, [sums]).map(({ way, ...line }) => ({
+        ...line,
+        title: way === undefined ? title : `${title} ${way}`,
+    }));
+}
+
+function sumsOfLines(lines, columns) {
+    const ways = [...new Set(lines.map(({ way }) => way))];
+    return ways.map((way) => ({
+        ...sumRows(lines.filter((line) => line.way === way), columns),
+        title: way === undefined ? "Shown" : `Shown ${way}`,
+    }));
+}
+
 // What isn't listed: all less what is.
-function otherRows({ rowCount, sums, rows }, columns) {
+function otherRows(name, { rowCount, sums, rows }) {
     if (rowCount <= rows.length) return [];
-    const listed = sumRows(rows, columns);
+    const listed = Object.fromEntries(
+        Object.keys(sums).map((key) => [key, rows.reduce((sum, row) => sum + (row[key] ?? 0), 0)]),
+    );
     const others = Object.fromEntries(
         Object.entries(sums).map(([key, sum]) => [key, sum - (listed[key] ?? 0)]),
     );
-    return [
-        { ...others, title: `${formatCount(rowCount - rows.length)} others`, hostCount: undefined },
-    ];
+    return sumsOf(name, others, `${formatCount(rowCount - rows.length)} others`);
 }
 
 export function showTables(data) {
@@ -129,15 +146,15 @@ export function showTables(data) {
         const { columns } = kTables[tab];
         const { fits, words, error } = readFilter(byId("filter").value, { columns });
         const rows = fits === null ? content.rows : content.rows.filter(fits);
-        const totals = { ...content.sums, title: "Totals" };
+        const lines = hostLines(tab, rows);
         const sums =
             fits === null
-                ? [totals, ...otherRows(content, columns)]
-                : [{ ...sumRows(rows, columns), title: "Shown" }];
+                ? [...sumsOf(tab, content.sums, "Totals"), ...otherRows(tab, content)]
+                : sumsOfLines(lines, columns);
         shownTables[tab].setEmptyText(
             content.rows.length === 0 ? "None in the capture." : "No row fits the filter.",
         );
-        shownTables[tab].setRows(rows, content.rows.length === 0 ? [] : sums);
+        shownTables[tab].setRows(lines, content.rows.length === 0 ? [] : sums, 1, true);
         setText(byId("understood"), error ?? words);
         byId("understood").classList.toggle("error", error !== null);
         setText(
@@ -151,6 +168,9 @@ export function showTables(data) {
     for (const { key } of names) tabs.setCount(key, formatCount(contents[key].rowCount));
     byId("tabs").append(tabs.element);
     byId("tables").append(...Object.values(shownTables).map((table) => table.element));
+    const current = () => ({ name: `report.${tab}`, table: shownTables[tab] });
+    byId("menus").append(makeColumnMenu(current), makeCopyMenu(current));
+    for (const [name, table] of Object.entries(shownTables)) applyChoices(`report.${name}`, table);
     byId("filter").addEventListener("input", () => show());
     show();
 }
@@ -161,7 +181,6 @@ const kFaultColumns = [
         key: "packets",
         label: "Packets",
         kind: "number",
-        wide: true,
         alert: "error",
         help: "Packets with the fault",
     },
@@ -173,9 +192,9 @@ function isOneDay({ begin_time: begin, end_time: end }) {
     return day(begin) === day(end);
 }
 
-function timeColumns(kind, isMinor) {
+function timeColumns(kind) {
     return [
-        { key: "first", label: "First", kind, minor: isMinor, help: "Time of the first one" },
+        { key: "first", label: "First", kind, drop: 1, help: "Time of the first one" },
         { key: "last", label: "Last", kind, help: "Time of the last one" },
     ];
 }
@@ -183,7 +202,7 @@ function timeColumns(kind, isMinor) {
 export function showFaults({ capture, faults }) {
     const oneDay = isOneDay(capture);
     const time = (text) => (oneDay ? formatTime : formatDateTime)(Date.parse(text));
-    const columns = [...kFaultColumns, ...timeColumns(oneDay ? "clock" : "time", !oneDay)];
+    const columns = [...kFaultColumns, ...timeColumns(oneDay ? "clock" : "time")];
     const rows = Object.entries(faults).map(([key, fault]) => ({
         key,
         words: fault.words,

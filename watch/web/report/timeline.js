@@ -1,6 +1,6 @@
 // The charts over time: they share their pointer and their zoom.
 
-import { isZoomed, makeChart, makeChartGroup, zoomOut } from "../shared/chart.js";
+import { isZoomed, makeChart, makeChartGroup, zoomIn, zoomOut } from "../shared/chart.js";
 import { setText } from "../shared/dom.js";
 import { formatDateTime, formatTime } from "../shared/format.js";
 
@@ -71,5 +71,6 @@ export function showTimeline({ capture, timeline }) {
             columns.map((values) => (times.length === 0 ? [] : [null, ...values])),
         );
     }
+    document.getElementById("closer").addEventListener("click", () => zoomIn(group));
     all.addEventListener("click", () => zoomOut(group));
 }

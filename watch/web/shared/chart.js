@@ -1,16 +1,21 @@
-// Charts over time, by uPlot. Colours are variables of the style sheet, so that a chart follows the
+// Charts over time, by uPlot, whose lines and bars are drawn here: where several points fall on a pixel
+// a line shows their mean within the band from their least to their largest, and a bar their mean
+// within a fainter one of the largest. Colours are variables of the style sheet, so that a chart follows the
 // reader's light or dark preference; values under the pointer stand in the caption.
 
 import uPlot from "uplot";
 import { element, setText } from "./dom.js";
-import { formatDateTime, formatNumber, formatShort, formatTime } from "./format.js";
+import { chartDate, formatDateTime, formatNumber, formatShort, formatTime } from "./format.js";
+import { joinPoints } from "./reduce.js";
 
 // All charts of the page, to be drawn anew when colours change.
 const charts = new Set();
 
-matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => {
+export function redrawCharts() {
     for (const plot of charts) plot.redraw(false);
-});
+}
+
+matchMedia("(prefers-color-scheme: dark)").addEventListener("change", redrawCharts);
 
 function colour(name) {
     return getComputedStyle(document.documentElement).getPropertyValue(`--${name}`).trim();
@@ -63,14 +68,96 @@ function fromZero(plot, min, max) {
     return [0, max > 0 ? max * 1.08 : 1];
 }
 
-function makeSeries({ label, colour: name }, isBars, isFilled) {
-    return {
-        label,
-        width: isBars ? 0 : 1.5,
-        stroke: () => colour(name),
-        fill: isBars ? () => colour(name) : isFilled ? () => colour(`${name}-fill`) : undefined,
-        paths: isBars ? uPlot.paths.bars({ size: [0.8, 24], align: -1 }) : undefined,
-        points: { show: (plot) => !isBars && plot.data[0].length < 3, size: 5 },
+function makeSeries({ label, colour: name }) {
+    return { label, stroke: () => colour(name), paths: () => null, points: { show: false } };
+}
+
+// Device pixels that one drawn point takes at least, and a bar at most.
+const kLineSlot = 1.5;
+const kBarSlot = 3;
+const kBarMost = 24;
+
+// Trouble is coloured where there is some: what rests at zero is a line of the grid.
+const kTroubleColours = ["amber", "red", "violet"];
+
+function positionsOf(plot) {
+    return plot.data[0].map((time) => plot.valToPos(time, "x", true));
+}
+
+function drawLine(plot, name, positions, values, isFilled) {
+    const { ctx } = plot;
+    const y = (value) => plot.valToPos(value, "y", true);
+    const x = ({ from, to }) => (positions[from] + positions[to]) / 2;
+    const points = joinPoints(positions, values, kLineSlot * devicePixelRatio);
+    if (points.length === 0) return;
+    const isJoined = points.some(({ from, to }) => from < to);
+    const restsAtZero = kTroubleColours.includes(name);
+    if (isJoined || isFilled) {
+        ctx.beginPath();
+        points.forEach((point) => ctx.lineTo(x(point), y(point.max)));
+        points.toReversed().forEach((point) => ctx.lineTo(x(point), y(isJoined ? point.min : 0)));
+        ctx.fillStyle = colour(isJoined ? `${name}-band` : `${name}-fill`);
+        ctx.fill();
+    }
+    ctx.lineWidth = 1.5 * devicePixelRatio;
+    ctx.lineJoin = "round";
+    for (const isZero of restsAtZero ? [true, false] : [false]) {
+        ctx.beginPath();
+        points.forEach((point, i) => {
+            const before = points[i - 1] ?? point;
+            if (restsAtZero && (point.mean === 0 && before.mean === 0) !== isZero) return;
+            ctx.moveTo(x(before), y(before.mean));
+            ctx.lineTo(x(point), y(point.mean));
+        });
+        ctx.strokeStyle = colour(isZero ? "strong-line" : name);
+        ctx.stroke();
+    }
+    if (values.length < 3) for (const point of points) drawDot(ctx, name, x(point), y(point.mean));
+}
+
+function drawDot(ctx, name, x, y) {
+    ctx.beginPath();
+    ctx.arc(x, y, 2.5 * devicePixelRatio, 0, 2 * Math.PI);
+    ctx.fillStyle = colour(name);
+    ctx.fill();
+}
+
+// A bar covers the time from the point before to its own. `place` of `count` bars that share that time.
+function drawBars(plot, name, positions, values, place, count) {
+    const { ctx } = plot;
+    const zero = plot.valToPos(0, "y", true);
+    const fill = (x, width, value, style) => {
+        const y = plot.valToPos(value, "y", true);
+        ctx.fillStyle = colour(style);
+        ctx.fillRect(x, Math.min(y, zero - devicePixelRatio), width, Math.max(zero - y, devicePixelRatio));
+    };
+    ctx.fillStyle = colour("strong-line");
+    ctx.fillRect(positions[0] ?? 0, zero - devicePixelRatio, (positions.at(-1) ?? 0) - (positions[0] ?? 0), devicePixelRatio);
+    for (const { from, to, mean, max } of joinPoints(positions, values, kBarSlot * devicePixelRatio)) {
+        if (max === 0) continue;
+        const room = positions[to] - (positions[Math.max(from - 1, 0)] ?? positions[to]);
+        const whole = Math.min(Math.max(room * 0.8, devicePixelRatio), kBarMost * devicePixelRatio);
+        const width = Math.max(whole / count, devicePixelRatio);
+        const x = positions[to] - whole + place * width;
+        if (max > mean) fill(x, width, max, `${name}-band`);
+        if (mean > 0) fill(x, width, mean, name);
+    }
+}
+
+// A hook of uPlot's, which draws each line of `lines` in its turn.
+function painter(lines, bars) {
+    return (plot, index) => {
+        const { ctx, bbox } = plot;
+        const positions = positionsOf(plot);
+        const { colour: name } = lines[index - 1];
+        const values = plot.data[index];
+        ctx.save();
+        ctx.beginPath();
+        ctx.rect(bbox.left, bbox.top, bbox.width, bbox.height);
+        ctx.clip();
+        if (bars) drawBars(plot, name, positions, values, index - 1, lines.length);
+        else drawLine(plot, name, positions, values, lines.length === 1);
+        ctx.restore();
     };
 }
 
@@ -83,7 +170,8 @@ function keepSize(plot, place, height) {
 
 // A small line without axes. onHover(index or null) tells what the pointer is over, on any of the
 // lines with the same `group`.
-export function makeSparkline({ colour: name, height, group, onHover }) {
+export function makeSparkline({ colour: name, height, group, bars = false, onHover }) {
+    const lines = [{ label: "", colour: name }];
     const place = element("span", { class: "spark", "aria-hidden": "true" });
     const plot = new uPlot(
         {
@@ -99,8 +187,11 @@ export function makeSparkline({ colour: name, height, group, onHover }) {
                 points: { size: 5 },
                 sync: { key: group, scales: ["x", null] },
             },
-            series: [{}, makeSeries({ label: "", colour: name }, false, true)],
-            hooks: { setCursor: [(at) => onHover(at.cursor.idx ?? null)] },
+            series: [{}, ...lines.map(makeSeries)],
+            hooks: {
+                setCursor: [(at) => onHover(at.cursor.idx ?? null)],
+                drawSeries: [painter(lines, bars)],
+            },
         },
         [[], []],
         place,
@@ -171,6 +262,7 @@ export function makeChart({
             padding: [6, 6, 0, 0],
             axes: axes(unit),
             legend: { show: false },
+            tzDate: chartDate,
             scales: { y: { range: fromZero } },
             cursor: {
                 y: false,
@@ -178,8 +270,13 @@ export function makeChart({
                 points: { size: 6 },
                 sync: { key: group.key, scales: ["x", null] },
             },
-            series: [{}, ...lines.map((line) => makeSeries(line, bars, lines.length === 1))],
-            hooks: { setCursor: [showValues], setData: [showValues], setScale: [onScale] },
+            series: [{}, ...lines.map(makeSeries)],
+            hooks: {
+                setCursor: [showValues],
+                setData: [showValues],
+                setScale: [onScale],
+                drawSeries: [painter(lines, bars)],
+            },
         },
         [[], ...lines.map(() => [])],
         place,
@@ -272,6 +369,7 @@ export function makeChart({
         setData: (times, columns) => plot.setData([times, ...columns]),
         destroy: () => {
             charts.delete(plot);
+            group.plots.splice(group.plots.indexOf(plot), 1);
             plot.destroy();
         },
     };
@@ -292,6 +390,10 @@ function zoomBy(group, plot, factor) {
     const middle = plot.cursor.idx == null ? (min + max) / 2 : times[plot.cursor.idx];
     const half = ((max - min) * factor) / 2;
     setRange(group, Math.max(times[0], middle - half), Math.min(times.at(-1), middle + half));
+}
+
+export function zoomIn(group) {
+    zoomBy(group, group.plots[0], 0.5);
 }
 
 export function zoomOut(group) {

@@ -36,29 +36,62 @@ export function formatShort(number, unit = "") {
     return suffix === "" ? text : `${text} ${suffix}`;
 }
 
-// For a narrow column: in full while that is short.
+// For a narrow column, seven characters at most: in full while that is short.
 export function formatNarrow(number) {
-    return Math.abs(number) < 100000 || !Number.isFinite(number)
-        ? formatNumber(number)
-        : formatShort(number);
+    if (!Number.isFinite(number)) return formatNumber(number);
+    if (number > 0 && number < 0.001) return "<0.001";
+    if (Math.abs(number) < 0.1) return String(Number(Number(number).toFixed(3)));
+    return Math.abs(number) < 99999.5 ? formatNumber(number) : formatShort(number);
+}
+
+// Times are shown where the reader is, or in UTC.
+let isUtc = false;
+
+export function showUtc(utc) {
+    isUtc = utc;
 }
 
 function pad(number) {
     return String(number).padStart(2, "0");
 }
 
-// A time of day where the reader is.
+// The time moved so that its UTC fields are those to show. A zone's offset is that of the time itself.
+function shifted(milliseconds) {
+    const offset = isUtc ? 0 : new Date(milliseconds).getTimezoneOffset();
+    return new Date(milliseconds - offset * 60000);
+}
+
 export function formatTime(milliseconds) {
-    const time = new Date(milliseconds);
-    if (Number.isNaN(time.getTime())) return "–";
-    return `${pad(time.getHours())}:${pad(time.getMinutes())}:${pad(time.getSeconds())}`;
+    const time = shifted(milliseconds);
+    return Number.isNaN(time.getTime()) ? "–" : time.toISOString().slice(11, 19);
 }
 
 export function formatDateTime(milliseconds) {
-    const time = new Date(milliseconds);
-    if (Number.isNaN(time.getTime())) return "–";
-    const day = `${time.getFullYear()}-${pad(time.getMonth() + 1)}-${pad(time.getDate())}`;
-    return `${day} ${formatTime(milliseconds)}`;
+    const time = shifted(milliseconds);
+    return Number.isNaN(time.getTime()) ? "–" : time.toISOString().slice(0, 19).replace("T", " ");
+}
+
+// "UTC", "UTC-5", "UTC+5:30": what the reader's clock is ahead of UTC at the time.
+export function formatZone(milliseconds) {
+    const minutes = isUtc ? 0 : -new Date(milliseconds).getTimezoneOffset();
+    if (!minutes) return "UTC";
+    const size = Math.abs(minutes);
+    const rest = size % 60 === 0 ? "" : `:${pad(size % 60)}`;
+    return `UTC${minutes < 0 ? "-" : "+"}${Math.floor(size / 60)}${rest}`;
+}
+
+// For the ticks of a chart, by the fields of a local time.
+export function chartDate(seconds) {
+    const time = shifted(seconds * 1000);
+    return new Date(
+        time.getUTCFullYear(),
+        time.getUTCMonth(),
+        time.getUTCDate(),
+        time.getUTCHours(),
+        time.getUTCMinutes(),
+        time.getUTCSeconds(),
+        time.getUTCMilliseconds(),
+    );
 }
 
 // A time span: "12.0 s", "3 min 20 s", "2 h 5 min", "3 d 4 h".

@@ -5,20 +5,25 @@
 //
 // The focus is on the table itself, and the current row is told by aria-activedescendant: rows are
 // drawn anew all the time, and a focus on one of them would get lost.
+//
+// While the pointer is on the rows their order holds: what is looked at and what is pressed doesn't move.
 
 import { element, setAttribute, setText } from "./dom.js";
-import { formatNarrow, formatNumber } from "./format.js";
+import { formatNarrow, formatNumber, formatShort, formatTime } from "./format.js";
+import { layoutColumns } from "./layout.js";
 import { sortedIndices, sortsDescendingFirst } from "./sort.js";
 
 // Rows that are drawn above and below what is in sight, so that a short scroll shows no blank.
 const kSpareRows = 8;
 
-// Below it large numbers are shortened, as base.css leaves columns out.
-const kNarrowPixels = 480;
+// Of a number in a column that isn't compact.
+const kMostCharacters = 9;
+const kMostCharactersWide = 15;
 
 let tablesMade = 0;
 
-// Do two rows, perhaps of different snapshots, stand for the same thing?
+// Do two rows, perhaps of different snapshots, stand for the same thing? A host's lines of both ways do
+// where one of the two doesn't say which it is.
 export function isSameRow(a, b) {
     return (
         a !== null &&
@@ -28,8 +33,13 @@ export function isSameRow(a, b) {
         a.subject === b.subject &&
         a.address === b.address &&
         a.scid === b.scid &&
-        a.key === b.key
+        a.key === b.key &&
+        (a.way === b.way || a.way === undefined || b.way === undefined)
     );
+}
+
+function rowKey({ port, group, subject, address, scid, key, way }) {
+    return `${port} ${group} ${subject} ${address} ${scid} ${key} ${way}`;
 }
 
 // The sums of all numbers of the rows but those that say a state, as a reliability does.
@@ -42,23 +52,10 @@ export function sumRows(rows, columns) {
     return sums;
 }
 
-function columnClass(column) {
-    const marks = ["minor", "spare", "wide", "isFirst", "isSecond", "isEdge"].filter(
-        (mark) => column[mark],
-    );
-    return [`kind-${column.kind}`, ...marks].join(" ");
-}
-
-// The last column of a narrow table is the last one that it doesn't leave out.
-function withEdge(columns) {
-    const edge = columns.findLastIndex((column) => !column.minor);
-    return columns.map((column, i) => (i === edge ? { ...column, isEdge: true } : column));
-}
-
-// options: label, columns, sortBy (a column's key), onOpen(row) or null, emptyText.
+// options: label, columns, sortBy (a column's key), onOpen(row) or null, onSort(), which is called when the
+// reader chose an order, and onHold(whether the order is held).
 export function makeTable(options) {
-    const { onOpen = null } = options;
-    const columns = withEdge(options.columns);
+    const { columns, onOpen = null, onSort = () => {}, onHold = () => {} } = options;
     const id = `table${++tablesMade}`;
     const state = {
         rows: [],
@@ -66,7 +63,9 @@ export function makeTable(options) {
         sums: [],
         scale: 1,
         largest: 0,
-        isNarrow: false,
+        layout: null,
+        choices: {},
+        isHeld: false,
         sort: columns.find((column) => column.key === options.sortBy) ?? null,
         descending: true,
         current: -1,
@@ -76,6 +75,7 @@ export function makeTable(options) {
     state.descending = state.sort !== null && sortsDescendingFirst(state.sort);
 
     const headings = columns.map((column) => makeHeading(column, () => sortBy(column)));
+    const cols = columns.map(() => element("col"));
     const body = element("tbody");
     const table = element(
         "table",
@@ -87,27 +87,64 @@ export function makeTable(options) {
             keydown: onKey,
             focus: onFocus,
         },
-        element(
-            "colgroup",
-            {},
-            ...columns.map((column) => element("col", { class: columnClass(column) })),
-        ),
+        element("colgroup", {}, ...cols),
         element("thead", {}, element("tr", { "aria-rowindex": "1" }, ...headings)),
         body,
     );
     const sumRows = [];
     const empty = element("p", { class: "empty" });
-    const box = element("div", { class: "table", scroll: draw }, table, empty);
+    const box = element(
+        "div",
+        { class: "table", scroll: draw, pointerenter: hold, pointerleave: release },
+        table,
+        empty,
+    );
     const above = makeSpace();
     const below = makeSpace();
     const drawn = [];
     new ResizeObserver(redraw).observe(box);
 
-    // Sums first: they are part of the headings' height.
+    // Sums before rows: they are part of the headings' height.
     function redraw() {
-        state.isNarrow = box.clientWidth < kNarrowPixels;
+        layOut();
         fillSums();
         draw();
+    }
+
+    // Columns by the width that there is, and what that means for the cells that exist.
+    function layOut() {
+        const em = parseFloat(getComputedStyle(box).fontSize) || 13;
+        if (box.clientWidth === 0) return;
+        const layout = layoutColumns(
+            columns,
+            state.choices,
+            state.sort?.key,
+            box.clientWidth / em,
+        );
+        table.style.minWidth = `${layout.least}em`;
+        const { shown, isCompact, widths } = layout;
+        const last = columns.findLast(({ key }) => shown.has(key));
+        const isSame =
+            state.layout?.isCompact === isCompact &&
+            columns.every(({ key }) => state.layout.shown.has(key) === shown.has(key));
+        state.layout = { ...layout, last };
+        if (isSame) return;
+        box.classList.toggle("compact", isCompact);
+        columns.forEach(({ key, kind }, i) => {
+            cols[i].hidden = !shown.has(key);
+            cols[i].style.width = kind === "text" ? "auto" : `${widths[key]}em`;
+        });
+        layOutCells(headings);
+        for (const { cells } of sumRows) layOutCells([...cells]);
+        for (const { cells } of drawn) layOutCells(cells.map((cell) => cell.element));
+    }
+
+    function layOutCells(cells) {
+        if (state.layout === null) return;
+        cells.forEach((cell, i) => {
+            cell.hidden = !state.layout.shown.has(columns[i].key);
+            cell.classList.toggle("edge", columns[i] === state.layout.last);
+        });
     }
 
     function sortBy(column) {
@@ -115,11 +152,17 @@ export function makeTable(options) {
         state.sort = column;
         order();
         box.scrollTop = 0;
-        draw();
+        redraw();
+        onSort();
     }
 
     function order() {
         state.order = sortedIndices(state.rows, state.sort, state.descending);
+        onHold(false);
+        noteOrder();
+    }
+
+    function noteOrder() {
         const key = state.sort?.kind === "number" ? state.sort.key : null;
         state.largest =
             key === null ? 0 : state.rows.reduce((most, row) => Math.max(most, row[key] ?? 0), 0);
@@ -132,6 +175,33 @@ export function makeTable(options) {
                 !isSort ? "none" : state.descending ? "descending" : "ascending",
             );
         });
+    }
+
+    // Touch has no pointer that rests.
+    function hold(event) {
+        state.isHeld = event.pointerType === "mouse";
+    }
+
+    function release() {
+        if (!state.isHeld) return;
+        state.isHeld = false;
+        order();
+        redraw();
+    }
+
+    // Rows that were there keep their places among each other; new ones come after them.
+    function keepOrder(before) {
+        const sorted = sortedIndices(state.rows, state.sort, state.descending);
+        const places = new Map(Array.from(sorted, (index) => [rowKey(state.rows[index]), index]));
+        const kept = [];
+        for (const key of before) {
+            if (!places.has(key)) continue;
+            kept.push(places.get(key));
+            places.delete(key);
+        }
+        state.order = Uint32Array.from([...kept, ...places.values()]);
+        onHold(true);
+        noteOrder();
     }
 
     function findCurrent() {
@@ -154,7 +224,11 @@ export function makeTable(options) {
         const first = Math.max(0, Math.floor(box.scrollTop / height) - kSpareRows);
         const inSight = Math.ceil(box.clientHeight / height) + 2 * kSpareRows;
         const shown = Math.min(inSight, Math.max(0, count - first));
-        while (drawn.length < shown) drawn.push(makeRow(columns));
+        while (drawn.length < shown) {
+            const row = makeRow(columns);
+            layOutCells(row.cells.map((cell) => cell.element));
+            drawn.push(row);
+        }
         setHeight(above, first * height);
         setHeight(below, (count - first - shown) * height);
         const rows = drawn.slice(0, shown);
@@ -172,6 +246,14 @@ export function makeTable(options) {
         const tr = row.element;
         tr.id = `${id}-${at}`;
         row.at = at;
+        row.data = data;
+        const { silentSince } = data;
+        tr.classList.toggle("silent", silentSince !== undefined);
+        setAttribute(
+            tr,
+            "title",
+            silentSince === undefined ? null : `silent since ${formatTime(silentSince)}`,
+        );
         setAttribute(tr, "aria-rowindex", at + 2 + state.sums.length);
         tr.classList.toggle("current", at === state.current);
         if (onOpen !== null)
@@ -179,14 +261,19 @@ export function makeTable(options) {
         columns.forEach((column, i) => fillCell(row.cells[i], data, column));
     }
 
+    // A number is never cut: where it doesn't fit it is shortened.
     function cellText(value, column) {
-        if (column.kind === "number")
-            return (state.isNarrow ? formatNarrow : formatNumber)(scaled(value, column));
-        return value === null || value === undefined ? "–" : String(value);
+        if (column.kind !== "number")
+            return value === null || value === undefined ? "–" : String(value);
+        const number = scaled(value, column);
+        if (state.layout?.isCompact) return formatNarrow(number);
+        const text = formatNumber(number);
+        const room = column.wide ? kMostCharactersWide : kMostCharacters;
+        return text.length > room ? formatShort(number) : text;
     }
 
     function scaled(value, column) {
-        return value === null || value === undefined || column.isState || column.key === "hostCount"
+        return value === null || value === undefined || column.isState
             ? value
             : value * state.scale;
     }
@@ -196,8 +283,8 @@ export function makeTable(options) {
         setText(cell.text, cellText(value, column));
         if (column.kind === "text") setAttribute(cell.element, "title", String(value));
         const isZero = column.kind === "number" && !(value > 0);
-        cell.element.className =
-            columnClass(column) + (isZero ? " zero" : column.alert ? ` ${column.alert}` : "");
+        cell.element.classList.toggle("zero", isZero);
+        if (column.alert) cell.element.classList.toggle(column.alert, !isZero);
         const share = column === state.sort && state.largest > 0 ? (value ?? 0) / state.largest : 0;
         const width = `${(share * 100).toFixed(1)}%`;
         if (cell.bar.style.width !== width) cell.bar.style.width = width;
@@ -220,8 +307,9 @@ export function makeTable(options) {
         const row = element(
             "tr",
             { class: "sums", "aria-rowindex": at + 2 },
-            ...columns.map((column) => element("td", { class: columnClass(column) })),
+            ...columns.map((column) => element("td", { class: `kind-${column.kind}` })),
         );
+        layOutCells([...row.cells]);
         table.tHead.append(row);
         return row;
     }
@@ -238,10 +326,10 @@ export function makeTable(options) {
         draw();
     }
 
-    function open(at) {
-        if (at < 0 || at >= state.order.length) return;
-        moveTo(at);
-        if (onOpen !== null) onOpen(state.currentRow);
+    function open(row) {
+        const at = state.order.findIndex((index) => isSameRow(state.rows[index], row));
+        if (at >= 0) moveTo(at);
+        if (onOpen !== null) onOpen(row);
     }
 
     function onKey(event) {
@@ -258,7 +346,9 @@ export function makeTable(options) {
         if (event.key in moves) {
             moveTo(state.current + moves[event.key]);
         } else if (event.key === "Enter" || event.key === " ") {
-            open(state.current);
+            if (state.currentRow !== null && state.current >= 0) open(state.currentRow);
+        } else if (event.key === "ArrowLeft" || event.key === "ArrowRight") {
+            box.scrollLeft += event.key === "ArrowLeft" ? -60 : 60;
         } else {
             return;
         }
@@ -269,24 +359,39 @@ export function makeTable(options) {
         if (state.current < 0 && table.matches(":focus-visible")) moveTo(0);
     }
 
+    // The row that was pressed is the one to open: an interval may end before the button is released.
+    let pressed = null;
+    const rowAt = (event) => drawn.find(({ element: tr }) => tr.contains(event.target)) ?? null;
+    body.addEventListener("pointerdown", (event) => {
+        const row = rowAt(event);
+        pressed = row && { row, data: row.data };
+    });
     body.addEventListener("click", (event) => {
-        const row = drawn.find((candidate) => candidate.element.contains(event.target));
-        if (row) open(row.at);
+        const row = rowAt(event);
+        if (row !== null) open(row === pressed?.row ? pressed.data : row.data);
+        pressed = null;
     });
 
     table.classList.toggle("opens", onOpen !== null);
     setRows([]);
 
     // `sums` are rows that stay in sight above all others, each with a `title`. `scale` turns counts
-    // into what is shown of them.
-    function setRows(rows, sums = [], scale = 1) {
+    // into what is shown of them. `isNew` is for rows that the reader asked for, as by a filter, and not
+    // for those of the next interval: their order doesn't hold.
+    function setRows(rows, sums = [], scale = 1, isNew = false) {
+        const before =
+            state.isHeld && !isNew && state.rows.length > 0
+                ? Array.from(state.order, (index) => rowKey(state.rows[index]))
+                : null;
         Object.assign(state, { rows, sums, scale });
-        order();
+        if (before === null) order();
+        else keepOrder(before);
         redraw();
     }
 
     return {
         element: box,
+        columns,
         setRows,
         setEmptyText: (text) => setText(empty, text),
         // The row whose details are open, or null.
@@ -296,6 +401,26 @@ export function makeTable(options) {
         },
         focus: () => table.focus(),
         sort: () => ({ key: state.sort?.key ?? null, descending: state.descending }),
+        setSort: (key, descending) => {
+            const column = columns.find((candidate) => candidate.key === key);
+            if (column === undefined) return;
+            Object.assign(state, { sort: column, descending });
+            order();
+            redraw();
+        },
+        // {key: shown or not} of columns that the reader chose about.
+        choices: () => state.choices,
+        setChoices: (choices) => {
+            state.choices = choices;
+            redraw();
+        },
+        isShown: (key) => state.layout === null || state.layout.shown.has(key),
+        // All rows in their order, and the columns that are shown of them.
+        content: () => ({
+            columns: columns.filter(({ key }) => state.layout === null || state.layout.shown.has(key)),
+            rows: Array.from(state.order, (index) => state.rows[index]),
+            scale: state.scale,
+        }),
     };
 }
 
@@ -303,10 +428,10 @@ function makeHeading(column, onClick) {
     const button = element(
         "button",
         { type: "button", title: column.help, click: onClick },
-        column.label,
-        column.suffix ? element("span", { class: "minor" }, ` ${column.suffix}`) : null,
+        column.heading ?? column.label,
     );
-    return element("th", { scope: "col", class: columnClass(column), "aria-sort": "none" }, button);
+    const kind = `kind-${column.kind}`;
+    return element("th", { scope: "col", class: kind, "aria-sort": "none" }, button);
 }
 
 function makeRow(columns) {
@@ -314,12 +439,13 @@ function makeRow(columns) {
         const bar = element("span", { class: "bar", "aria-hidden": "true" });
         const text = element("span", { class: "text" });
         return {
-            element: element("td", { role: "gridcell", class: columnClass(column) }, bar, text),
+            element: element("td", { role: "gridcell", class: `kind-${column.kind}` }, bar, text),
             bar,
             text,
         };
     });
-    return { element: element("tr", {}, ...cells.map((cell) => cell.element)), cells, at: -1 };
+    const tr = element("tr", {}, ...cells.map((cell) => cell.element));
+    return { element: tr, cells, at: -1, data: null };
 }
 
 // One cell only: one that spanned all columns would bring back those that a narrow table leaves out.

@@ -1,9 +1,9 @@
 // The tables of the bus: their columns, how rows are called, and which charts tell a row's story.
 // The names of numbers are those of the JSON; a number that it gains needs a row here to be seen.
 //
-// A column's `minor` leaves it out where there is little room, `spare` where there is still less; `wide`
-// gives it more of what there is; `alert` is the colour of a value
-// above 0, for those that should be 0 on a sound bus.
+// A column's `drop` lets it go where there is little room, the highest first (layout.js); `wide` gives its
+// numbers more of what there is, and `least` is what a long heading needs, in em; `alert` is the colour of a value above 0, for those that should be 0 on
+// a sound bus.
 
 const port = { key: "port", label: "Port", kind: "port", help: "UDP port" };
 const group = { key: "group", label: "Group", kind: "address", help: "Destination address" };
@@ -12,13 +12,15 @@ const scid = {
     key: "scid",
     label: "SCid",
     kind: "port",
-    help: "Service port that the sender tells; – where it tells none",
+    drop: 1,
+    help: "Service port that the sender gives; – where it gives none",
 };
 const hostCount = {
     key: "hostCount",
     label: "Hosts",
     kind: "number",
-    minor: true,
+    isState: true,
+    drop: 8,
     help: "Hosts of the row",
 };
 
@@ -27,16 +29,13 @@ function number(key, label, help, more = {}) {
 }
 
 const multicast = [
-    number("data_packets", "Data", "New data packets"),
+    number("data_packets", "Data", "New data packets", { drop: 3 }),
     number("payload_bytes", "Bytes", "Payload bytes of new data packets", { wide: true }),
-    number("null_packets", "Null", "Null packets: the sender had nothing to send", { minor: true }),
-    number("repeated_packets", "Repeats", "Data packets that came again", {
-        alert: "warning",
-        spare: true,
-    }),
+    number("null_packets", "Null", "Null packets: the sender had nothing to send", { drop: 9 }),
+    number("repeated_packets", "Repeats", "Data packets that came again", { alert: "warning" }),
     number("repeated_bytes", "Repeat bytes", "Payload bytes of data packets that came again", {
         wide: true,
-        minor: true,
+        drop: 5,
         alert: "warning",
     }),
     number("missed_packets", "Gaps", "Sequence numbers passed over", { alert: "warning" }),
@@ -46,16 +45,17 @@ const multicast = [
 const reliability = number(
     "reliability_seconds",
     "Reliability",
-    "Reliability in seconds that the sender last told",
-    { minor: true, isState: true },
+    "Reliability in seconds, as the sender last gave it",
+    { isState: true, drop: 4, heading: "Relia\u00adbility" },
 );
 
 const subjects = [
-    number("messages", "Messages", "Messages on the subject", { wide: true }),
+    number("messages", "Messages", "Messages on the subject", { wide: true, least: 6 }),
     number("message_bytes", "Bytes", "Bytes of the messages", { wide: true }),
 ];
 
-// Packets between hosts are counted at both ends. A row shows what was sent, its hosts show both.
+// Packets between hosts are counted at both ends. A row shows what was sent; each of its hosts has a
+// line of what it sent and one of what was sent to it (hostLines).
 function bothSides(key, label, help, more = {}) {
     return { key, label, help, more };
 }
@@ -64,35 +64,31 @@ function sent({ key, label, help, more }) {
     return number(`${key}_sent`, label, help, more);
 }
 
-function sides(pairs) {
-    return pairs.flatMap(({ key, label, help, more }) => [
-        number(`${key}_sent`, label, `${help}, sent by the host`, {
-            ...more,
-            suffix: "out",
-            isFirst: true,
-        }),
-        number(`${key}_received`, `in`, `${help}, sent to the host`, {
-            ...more,
-            minor: true,
-            isSecond: true,
-        }),
-    ]);
+function eitherWay({ key, label, help, more }) {
+    return number(key, label, help, more);
 }
 
+const way = {
+    key: "way",
+    label: "Way",
+    kind: "way",
+    help: "out: what the host sent; in: what was sent to it",
+};
+
 const retransmission = [
-    bothSides("requests", "Requests", "Retransmission requests", { alert: "warning" }),
-    bothSides("requested_packets", "Packets", "Packets asked for"),
+    bothSides("requests", "Requests", "Retransmission requests", { alert: "warning", least: 5.6 }),
+    bothSides("requested_packets", "Packets", "Packets asked for", { drop: 5 }),
     bothSides("rejects", "Rejects", "Requests refused", { alert: "error" }),
     bothSides("bad_packets", "Bad", "Packets with a fault", { alert: "error" }),
 ];
 
 const pointToPoint = [
-    bothSides("data_packets", "Data", "Data packets"),
+    bothSides("data_packets", "Data", "Data packets", { drop: 3 }),
     bothSides("payload_bytes", "Bytes", "Payload bytes", { wide: true }),
     bothSides("acknowledgement_requests", "Ack reqs", "Requests for an acknowledgement", {
-        minor: true,
+        drop: 7,
     }),
-    bothSides("acknowledgements", "Acks", "Acknowledgements", { minor: true }),
+    bothSides("acknowledgements", "Acks", "Acknowledgements", { drop: 6 }),
     bothSides("loss_reports", "Losses", "Reports of loss", { alert: "warning" }),
     bothSides("bad_packets", "Bad", "Packets with a fault", { alert: "error" }),
 ];
@@ -116,6 +112,7 @@ export const tables = {
             },
             {
                 title: "Trouble",
+                bars: true,
                 lines: [
                     line("missed_packets", "Gaps", "amber"),
                     line("repeated_packets", "Repeats", "violet"),
@@ -129,7 +126,7 @@ export const tables = {
         columns: [
             { key: "subject", label: "Subject", kind: "text", help: "Subject" },
             port,
-            { ...group, minor: true },
+            { ...group, drop: 5 },
             ...subjects,
         ],
         hostColumns: [{ ...address, label: "Sender" }, scid, ...subjects],
@@ -147,17 +144,19 @@ export const tables = {
                 key: "servicePort",
                 label: "Service",
                 kind: "port",
-                minor: true,
+                drop: 9,
                 help: "Port of the service that the requests are about",
             },
             hostCount,
             ...retransmission.map(sent),
         ],
-        hostColumns: [address, scid, ...sides(retransmission)],
+        hostColumns: [address, scid, way, ...retransmission.map(eitherWay)],
+        ways: retransmission.map(({ key }) => key),
         sortBy: "requests_sent",
         charts: [
             {
                 title: "Requests and rejects",
+                bars: true,
                 lines: [
                     line("requests_sent", "Requests", "amber"),
                     line("rejects_sent", "Rejects", "red"),
@@ -172,7 +171,8 @@ export const tables = {
     point_to_point: {
         title: "Point to point",
         columns: [port, hostCount, ...pointToPoint.map(sent)],
-        hostColumns: [address, scid, ...sides(pointToPoint)],
+        hostColumns: [address, scid, way, ...pointToPoint.map(eitherWay)],
+        ways: pointToPoint.map(({ key }) => key),
         sortBy: "payload_bytes_sent",
         charts: [
             {
@@ -190,6 +190,7 @@ export const tables = {
             },
             {
                 title: "Trouble",
+                bars: true,
                 lines: [
                     line("loss_reports_sent", "Losses", "amber"),
                     line("bad_packets_sent", "Bad", "red"),
@@ -198,3 +199,25 @@ export const tables = {
         ],
     },
 };
+
+const suffixes = { out: "_sent", in: "_received" };
+
+// The name of a number of a host's line, or of a row, in the JSON.
+export function numberName(key, way) {
+    return key.replace(/_sent$/, suffixes[way] ?? "_sent");
+}
+
+// Hosts as their table shows them: a line of each way that isn't all zero where the table counts both.
+export function hostLines(name, hosts) {
+    const ways = tables[name]?.ways;
+    if (ways === undefined) return hosts;
+    return hosts.flatMap((host) => {
+        const lines = Object.entries(suffixes).map(([wayName, suffix]) => ({
+            ...host,
+            way: wayName,
+            ...Object.fromEntries(ways.map((key) => [key, host[key + suffix]])),
+        }));
+        const busy = lines.filter((one) => ways.some((key) => one[key] > 0));
+        return busy.length === 0 ? lines.slice(0, 1) : busy;
+    });
+}

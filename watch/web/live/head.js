@@ -1,0 +1,141 @@
+// The page's head: what is watched, whether it lives, of when the numbers are; what was lost here; and the
+// title and icon by which a page in another tab calls.
+
+import { setAttribute, setText } from "../shared/dom.js";
+import { formatCount, formatDateTime, formatSpan, formatTime, formatZone } from "../shared/format.js";
+import { addTrouble, troubleWords } from "./trouble.js";
+
+const byId = (id) => document.getElementById(id);
+
+const stateWords = {
+    live: "live",
+    reading: "reading",
+    read: "read to its end",
+    dead: "capture ended",
+};
+
+// A loss is shown for so long, so that the page doesn't jump with each interval.
+const kLossMs = 60000;
+
+export function makeHead() {
+    const icon = document.querySelector("link[rel=icon]");
+    const plainIcon = icon.href;
+    const alarmIcon = plainIcon.replace("%232864b4", "%23b52d25");
+    let connection = "connecting";
+    let lostSince = null;
+    let losses = []; // {timeMs, frames} of the last minute
+    let missed = null; // trouble while the page was hidden
+    let latest = null; // the model that is shown
+
+    // The capture's own state; "read" or "live" as far as an older server says it.
+    function sourceState() {
+        const { snapshot } = latest ?? {};
+        if (snapshot?.watch?.state !== undefined) return snapshot.watch.state;
+        return snapshot?.file_bytes === undefined ? "live" : "capture file";
+    }
+
+    function showState() {
+        const state = sourceState();
+        const isLost = connection === "lost";
+        const isDead = state === "dead";
+        byId("state").className = isLost || isDead ? "lost" : connection === "live" ? state : "";
+        setText(
+            byId("state"),
+            isLost ? "connection lost" : connection === "live" ? (stateWords[state] ?? state) : "connecting",
+        );
+        byId("dead").hidden = !isDead;
+        setText(byId("dead"), isDead ? deadWords() : "");
+    }
+
+    function deadWords() {
+        const { reason } = latest.snapshot.watch;
+        return `The capture has ended${reason ? `: ${reason}` : ""}. What the page shows is the last it got.`;
+    }
+
+    function showLost() {
+        byId("lost").hidden = connection !== "lost";
+        if (connection !== "lost") return;
+        setText(
+            byId("lost"),
+            `The connection is lost since ${formatTime(lostSince)}. The page tries again by itself; what it shows is the last it got.`,
+        );
+    }
+
+    function showSource() {
+        const { watch } = latest?.snapshot ?? {};
+        const parts = watch === undefined
+            ? []
+            : [
+                  watch.source,
+                  watch.host && `on ${watch.host}`,
+                  watch.filter && `filter “${watch.filter}”`,
+                  watch.since && `since ${formatDateTime(Date.parse(watch.since))}`,
+              ];
+        setText(byId("source"), parts.filter(Boolean).join(" · "));
+        setAttribute(byId("source"), "title", byId("source").textContent);
+    }
+
+    function showTitle() {
+        const { watch } = latest?.snapshot ?? {};
+        const name = watch?.source ? `${watch.source}${watch.host ? ` on ${watch.host}` : ""}` : location.host;
+        const isDead = connection === "lost" || sourceState() === "dead";
+        const words = [isDead ? "no capture" : "", troubleWords(missed, formatCount)].filter(Boolean);
+        document.title = `${words.length > 0 ? `(${words.join(", ")}) ` : ""}${name} – pelmowatch`;
+        const wanted = words.length > 0 ? alarmIcon : plainIcon;
+        if (icon.href !== wanted) icon.href = wanted;
+    }
+
+    function showLosses({ snapshot, timeMs }) {
+        const frames =
+            (snapshot.kernel_dropped_frames ?? 0) + (snapshot.interface_dropped_frames ?? 0);
+        losses = losses.filter((loss) => loss.timeMs < timeMs && timeMs - loss.timeMs < kLossMs);
+        if (frames > 0) losses.push({ timeMs, frames });
+        const sum = losses.reduce((all, loss) => all + loss.frames, 0);
+        byId("drops").hidden = sum === 0;
+        setText(
+            byId("drops"),
+            sum === 0
+                ? ""
+                : `This machine lost ${formatCount(sum)} frames, last at ${formatTime(losses.at(-1).timeMs)}: gaps of that time may be its own.`,
+        );
+    }
+
+    function show(model, isRate) {
+        latest = model;
+        const { timeMs, elapsedSeconds, snapshot } = model;
+        const isEmpty = timeMs === 0;
+        setText(
+            byId("time"),
+            isEmpty ? "no packet" : `${formatDateTime(timeMs)} ${formatZone(timeMs)}`,
+        );
+        const step = snapshot.clock_step_seconds;
+        const span = formatSpan(elapsedSeconds);
+        const words = [
+            isEmpty ? "" : isRate ? `rates a second over ${span}` : `counts of ${span}`,
+            snapshot.skipped_seconds ? `after ${formatSpan(snapshot.skipped_seconds)} of silence` : "",
+            step ? `the clock was set ${formatSpan(Math.abs(step))} ${step < 0 ? "back" : "on"}` : "",
+        ];
+        setText(byId("interval"), words.filter(Boolean).join(", "));
+        showSource();
+        showState();
+        showTitle();
+        showLosses(model);
+    }
+
+    return {
+        show,
+        setConnection: (now) => {
+            connection = now;
+            if (now === "lost") lostSince ??= Date.now();
+            else lostSince = null;
+            showLost();
+            showState();
+            showTitle();
+        },
+        // Of an interval while the page was hidden; null once it is seen.
+        addTrouble: (trouble) => {
+            missed = trouble === null ? null : addTrouble(missed, trouble);
+            showTitle();
+        },
+    };
+}
