@@ -1,5 +1,6 @@
 #include "watch/forms.h"
 
+#include "watch/compare/compare.h"
 #include "watch/json/json.h"
 #include "watch/messages/messages.h"
 #include "watch/report/report.h"
@@ -16,7 +17,7 @@ constexpr const Form* kForms[] = {
 #ifdef PELMO_WATCH_TOP
     &kTopForm,
 #endif
-    &kReportForm, &kMessagesForm,
+    &kReportForm, &kCompareForm, &kMessagesForm,
 };
 
 }  // namespace

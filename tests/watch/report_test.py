@@ -1,6 +1,7 @@
 """pelmowatch report. The oracle is pelmowatch json."""
 
 import json
+import math
 import os
 import pathlib
 import re
@@ -17,6 +18,7 @@ from program_case import (HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, hear
 
 WATCH = binary("pelmowatch")
 SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch-report.schema.json").read_text()))
+COMPARE_SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch-compare.schema.json").read_text()))
 PLACES = {"port", "group", "subject", "sender", "host", "scid", "service_port", "reliability_seconds", "senders"}
 
 
@@ -88,6 +90,73 @@ class Report(ProgramCase):
                     for name, values in series.items():
                         if table != "faults":
                             self.assertEqual(values, [line["totals"][table][name] for line in lines])
+
+    def compare(self, *arguments):
+        done = run(WATCH, "compare", *arguments)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        lines = [json.loads(line) for line in done.stdout.splitlines()]
+        for line in lines[:200]:
+            COMPARE_SCHEMA.validate(line)
+        return lines
+
+    def test_a_comparison_has_the_numbers_of_both_captures(self):
+        other = self.generate("other.pcap", *MIX, "--seed", "2", "--count", "9000")
+        head, *rows = self.compare("-r", self.mix, "--against", other, "--all")
+        sides = {name: self.json_of(capture, "-u", 4000)[-1]["since_start"]
+                 for name, capture in (("before", other), ("now", self.mix))}
+        wanted = {}
+        for name, whole in sides.items():
+            self.assertEqual(head[name]["messages"], whole["totals"]["subjects"]["messages"])
+            self.assertEqual(head[name]["begin_time"], whole["begin_time"])
+            published = [{**row, **sender} for row in whole["subjects"] for sender in row["senders"]]
+            for table, found, keys in (("subjects", whole["subjects"], ("port", "group", "subject")),
+                                       ("senders", published, ("sender", "scid")),
+                                       ("groups", whole["subjects"], ("port", "group"))):
+                for key, numbers in sums([{k: v for k, v in row.items() if k != "senders"} for row in found], *keys).items():
+                    wanted.setdefault((table, *key), {})[name] = numbers["messages"], numbers["message_bytes"]
+        found, changes = {}, {}
+        for row in rows:
+            key = tuple(row[name] for name in ("table", "port", "group", "subject", "sender", "scid") if name in row)
+            both = {name: row[name] for name in ("before", "now") if row[name]}
+            found[key] = {name: (side["messages"], side["message_bytes"]) for name, side in both.items()}
+            if len(both) == 2 and both["before"]["messages"] and both["now"]["messages"]:
+                ratios = [math.log(both["now"][name] / both["before"][name])
+                          for name in ("messages_per_second", "message_bytes_per_second")]
+                ratio = max(ratios, key=abs)
+                word = "same" if abs(ratio) < math.log(1.25) else "grew" if ratio > 0 else "shrank"
+            else:
+                word = "same" if len(both) == 2 else "came" if "now" in both else "went"
+            self.assertEqual(row["change"], word)
+            counts = changes.setdefault(row["table"], dict.fromkeys(("same", "came", "went", "grew", "shrank"), 0))
+            counts[word] += 1
+        self.assertEqual(head["changes"], changes)
+        self.assertEqual(wanted, {key: both for key, both in found.items() if key in wanted})
+        # What sends no message has a row too, of zeros.
+        self.assertEqual({number for key in found.keys() - wanted.keys() for side in found[key].values() for number in side} - {0}, set())
+        self.assertEqual(self.compare("-r", self.mix, "--against", other)[1:], [row for row in rows if row["change"] != "same"])
+
+        data = self.report(self.mix, "--against", other)
+        self.assertEqual({name: data["comparison"][name] for name in head.keys() - {"table"}},
+                         {name: head[name] for name in head.keys() - {"table"}})
+        self.assertEqual([{"table": table, **row} for table in ("subjects", "senders", "groups")
+                          for row in data["comparison"][table]], rows)
+        without = self.report(self.mix)  # the first of two leaves nothing in the second
+        self.assertEqual({name: part for name, part in data.items() if name != "comparison"}, without)
+
+    def test_two_times_of_one_capture_are_compared(self):
+        begin, middle = "2023-11-14T22:13:24Z", "2023-11-14T22:13:23.999999Z"
+        parts = [self.folder / name for name in ("part1.pcap", "part2.pcap")]
+        subprocess.run(["editcap", "-F", "pcap", "-B", "1700000004", self.mix, parts[0]], check=True, env={**os.environ, "TZ": "UTC"})
+        subprocess.run(["editcap", "-F", "pcap", "-A", "1700000004", self.mix, parts[1]], check=True, env={**os.environ, "TZ": "UTC"})
+        head, *rows = self.compare("-r", self.mix, "--from", begin, "--against-to", middle)
+        wanted, *rest = self.compare("-r", parts[1], "--against", parts[0])
+        self.assertEqual(rows, rest)
+        self.assertEqual(head["changes"], wanted["changes"])
+        for arguments, status in ((("-r", "-", "--against-from", "14:00"), 2), (("-r", self.mix), 2),
+                                  (("-r", self.mix, "--against", self.mix, "--factor", "1"), 2),
+                                  (("-r", self.mix, "--against", self.folder / "none.pcap"), 1)):
+            done = run(WATCH, "compare", *arguments)
+            self.assertEqual((done.returncode, done.stdout), (status, b""), arguments)
 
     def test_the_largest_of_many_and_the_sums_of_all(self):
         capture = self.generate("many.pcap", "--count", "60000", "--subjects", "50000", "--hosts", "5000",

@@ -14,6 +14,8 @@
 #include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/capture/frame.h"
+#include "trace/counts/services.h"
+#include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
 #include "trace/run/run_modes.h"
 #include "trace/run/start_steps.h"
@@ -31,6 +33,7 @@ constexpr size_t kMostLinkTypes = 16;  // with a filter or a name of their own
 class Count {
   public:
     void add(uint64_t more) { number_.store(value() + more, std::memory_order_relaxed); }
+    void clear() { number_.store(0, std::memory_order_relaxed); }
     uint64_t value() const { return number_.load(std::memory_order_relaxed); }
 
   private:
@@ -56,6 +59,8 @@ struct LinkKind {
 
 struct Source {
     OwnedCaptureSet set;
+    OwnedCaptureSet against;  // null unless captures are compared
+    bool isAgainst = false;   // it is what is being read
 
     // Of the thread that takes frames.
     LinkKind kinds[kMostLinkTypes];
@@ -234,11 +239,11 @@ std::string linkTypesText() {
 
 // A time of day is of the captures' first day, or of the next where it lies long before their
 // beginning. The span's end comes after its beginning.
-CaptureSpan wantedSpan() {
+CaptureSpan wantedSpan(const CaptureSet& set,
+                       const std::optional<CaptureTime>& from,
+                       const std::optional<CaptureTime>& to) {
     constexpr int64_t kHalfDaySeconds = 43200;
-    const int64_t firstSeconds = captureSetFirstSeconds(*source.set);
-    const std::optional<CaptureTime>& from = sourceSettings.from;
-    const std::optional<CaptureTime>& to = sourceSettings.to;
+    const int64_t firstSeconds = captureSetFirstSeconds(set);
     CaptureSpan span;
     if (from) {
         span.fromSeconds = captureTimeResolve(*from, firstSeconds, kHalfDaySeconds);
@@ -253,8 +258,8 @@ CaptureSpan wantedSpan() {
 }
 
 // Once they are known, whichever file they are of.
-void warnOfCut() {
-    const uint32_t bytes = captureSetSnapshotBytes(*source.set);
+void warnOfCut(const CaptureSet& set) {
+    const uint32_t bytes = captureSetSnapshotBytes(set);
     if (bytes == 0 || std::exchange(source.warnedOfCut, true)) return;
     warnOfCutFrames(static_cast<int>(std::min(bytes, uint32_t{INT32_MAX})));
 }
@@ -264,12 +269,32 @@ bool isTimeOfDay(const std::optional<CaptureTime>& time) {
 }
 
 // Waits for pipes, hence with the form started and signals heard.
-bool beginReading() {
-    const bool needsDay = isTimeOfDay(sourceSettings.from) || isTimeOfDay(sourceSettings.to);
-    if (!captureSetAwait(*source.set, needsDay)) return false;
-    captureSetLimit(*source.set, wantedSpan());
-    warnOfCut();
+bool beginReading(CaptureSet& set,
+                  const std::optional<CaptureTime>& from,
+                  const std::optional<CaptureTime>& to) {
+    if (!captureSetAwait(set, isTimeOfDay(from) || isTimeOfDay(to))) return false;
+    captureSetLimit(set, wantedSpan(set, from, to));
+    warnOfCut(set);
     return true;
+}
+
+bool beginSet(CaptureSet& set) {
+    if (!captureSetBegin(set)) return false;
+    warnOfCut(set);
+    return true;
+}
+
+void readSet(CaptureSet& set) {
+    CaptureFrame frame;
+    if (sourceSettings.takePacket != nullptr) {
+        while (captureSetNext(set, &frame) == ReadResult::kFrame)
+            takeFrame(frame, sourceSettings.takePacket);
+        return;
+    }
+    offlineRunBegin();
+    while (captureSetNext(set, &frame) == ReadResult::kFrame)
+        takeFrame(frame, offlineRunPacket);
+    offlineRunEnd();
 }
 
 }  // namespace
@@ -278,6 +303,7 @@ pelmoStatus sourceOpen() {
     source.wantsAllUdp = std::strcmp(traceSettings.filterText, kAllUdp) == 0;
     if (traceSettings.liveCapture) return openSource();
     source.set = captureSetOpen(sourceSettings.files);
+    if (!sourceSettings.against.empty()) source.against = captureSetOpen(sourceSettings.against);
     return kStatusSuccess;
 }
 
@@ -290,9 +316,9 @@ std::string sourceFilterFault(const char* text) {
 pelmoStatus sourceBegin() {
     source.inner = compile(traceSettings.filterText, DLT_RAW, nullptr);
     if (!traceSettings.liveCapture) {
-        if (!captureSetBegin(*source.set)) return kStatusNotInitialized;
-        warnOfCut();
-        return kStatusSuccess;
+        const bool hasBegun =
+            (source.against == nullptr || beginSet(*source.against)) && beginSet(*source.set);
+        return hasBegun ? kStatusSuccess : kStatusNotInitialized;
     }
     pcap_t* const capture = captureState.captureHandle;
     source.liveLinkType = liveLinkTypeOf(capture);
@@ -302,21 +328,45 @@ pelmoStatus sourceBegin() {
 }
 
 bool sourceRunOffline() {
-    if (!beginReading()) return false;
-    CaptureFrame frame;
-    if (sourceSettings.takePacket != nullptr) {
-        while (captureSetNext(*source.set, &frame) == ReadResult::kFrame)
-            takeFrame(frame, sourceSettings.takePacket);
-        return true;
-    }
-    offlineRunBegin();
-    while (captureSetNext(*source.set, &frame) == ReadResult::kFrame)
-        takeFrame(frame, offlineRunPacket);
-    offlineRunEnd();
+    if (!beginReading(*source.set, sourceSettings.from, sourceSettings.to)) return false;
+    readSet(*source.set);
     return true;
 }
 
+bool sourceRunAgainst() {
+    source.isAgainst = true;
+    CaptureSet& set = *source.against;
+    if (!beginReading(set, sourceSettings.againstFrom, sourceSettings.againstTo)) return false;
+    readSet(set);
+    return true;
+}
+
+bool sourceTurn() {
+    source.isAgainst = false;
+    for (LinkKind& kind : source.kinds) {
+        kind.frames.clear();
+        kind.hasProgram = false;
+    }
+    source.kindCount = 0;
+    source.frames.clear();
+    source.busFrames.clear();
+    for (size_t kind = 0; kind < kNotReadKinds; ++kind) {
+        source.notRead[kind].clear();
+        source.toldNotRead[kind] = 0;
+    }
+    snapshotSetStart({});
+    servicesForget();
+    const LockGuard guard(statsLock);
+    statsDestroy();
+    return statsInit() == kStatusSuccess;
+}
+
+bool sourceIsAgainst() {
+    return source.isAgainst;
+}
+
 void sourceStop() {
+    if (source.against != nullptr) captureSetStop(*source.against);
     if (source.set != nullptr) {
         captureSetStop(*source.set);
     } else if (captureState.captureHandle != nullptr) {
@@ -330,14 +380,20 @@ void sourceFill(SnapSource* out) {
         out->notRead[kind] = now - source.toldNotRead[kind];
         source.toldNotRead[kind] = now;
     }
-    if (source.set != nullptr) captureSetLook(*source.set);
-    const CaptureExtent extent = sourceExtent();
+    CaptureSet* const set = source.isAgainst ? source.against.get() : source.set.get();
+    if (set != nullptr) captureSetLook(*set);
+    const CaptureExtent extent = set != nullptr ? captureSetExtent(*set) : CaptureExtent{};
     out->readBytes = extent.readBytes;
     out->fileBytes = extent.fileBytes;
 }
 
 CaptureExtent sourceExtent() {
-    return source.set != nullptr ? captureSetExtent(*source.set) : CaptureExtent{};
+    if (source.set == nullptr) return {};
+    const CaptureExtent own = captureSetExtent(*source.set);
+    if (source.against == nullptr) return own;
+    const CaptureExtent other = captureSetExtent(*source.against);
+    if (own.fileBytes == 0 || other.fileBytes == 0) return {};
+    return {own.readBytes + other.readBytes, own.fileBytes + other.fileBytes};
 }
 
 SourceCounts sourceCounts() {
@@ -364,5 +420,6 @@ std::string sourceBlindText() {
 }
 
 bool sourceHasFault() {
-    return source.set != nullptr && captureSetHasFault(*source.set);
+    return (source.set != nullptr && captureSetHasFault(*source.set)) ||
+           (source.against != nullptr && captureSetHasFault(*source.against));
 }

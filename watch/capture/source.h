@@ -34,6 +34,10 @@ struct SourceSettings {
     std::vector<std::string> files;  // of a run that isn't live; as captureSetOpen
     std::optional<CaptureTime> from, to;
 
+    // Another capture that is read before it, to be compared with it; none without files.
+    std::vector<std::string> against;
+    std::optional<CaptureTime> againstFrom, againstTo;
+
     // Takes all packets in place of the analysis, which then counts nothing. May be null.
     PacketHandler takePacket = nullptr;
 };
@@ -54,10 +58,19 @@ extern SourceSettings sourceSettings;
 [[nodiscard]] bool sourceRunOffline();
 void sourceStop();
 
+// As sourceRunOffline, of the capture that was named to compare with, and before it. Then
+// sourceTurn forgets what was counted, of frames and of packets, so that the run's own capture is
+// read as if it were the first. False when memory runs out.
+[[nodiscard]] bool sourceRunAgainst();
+[[nodiscard]] bool sourceTurn();
+
+// From a form's snapshot: is it the other capture's? Main thread.
+[[nodiscard]] bool sourceIsAgainst();
+
 // Adds what the source has to say of the interval that ends now.
 void sourceFill(SnapSource* out);
 
-// How far the saved captures were read. Any thread.
+// How far the saved captures were read, of both in the run. Any thread.
 [[nodiscard]] CaptureExtent sourceExtent();
 
 // Of the whole run.

@@ -32,21 +32,12 @@ const char* storeRead(const char* value) {
     return nullptr;
 }
 
-const char* storeTime(const char* value, std::optional<CaptureTime>* out) {
-    CaptureTime time;
-    if (!captureTimeParse(value, &time)) {
-        return "not a time: 2026-11-25T14:03, with seconds or a zone if need be, or 14:03";
-    }
-    *out = time;
-    return nullptr;
-}
-
 const char* storeFrom(const char* value) {
-    return storeTime(value, &sourceSettings.from);
+    return optionsStoreTime(value, &sourceSettings.from);
 }
 
 const char* storeTo(const char* value) {
-    return storeTime(value, &sourceSettings.to);
+    return optionsStoreTime(value, &sourceSettings.to);
 }
 
 const char* storeStrict(const char* /*none*/) {
@@ -187,9 +178,8 @@ void takeWord(Reader& reader, std::span<const Form* const> forms) {
 // What forms call the source by.
 void nameSource() {
     static std::string name;  // settings borrow it
-    if (sourceSettings.files.size() < 2) return;
-    const size_t more = sourceSettings.files.size() - 1;
-    name = sourceSettings.files[0] + " and " + std::to_string(more) + " more";
+    if (sourceSettings.files.empty()) return;
+    name = optionsNameOf(sourceSettings.files);
     traceSettings.readFile = name.c_str();
 }
 
@@ -219,6 +209,20 @@ void settle(const Form& form) {
 
 void optionsRefuse(std::string_view word, std::string_view what) {
     refuse(std::string(word) + ": " + std::string(what));
+}
+
+const char* optionsStoreTime(const char* value, std::optional<CaptureTime>* out) {
+    CaptureTime time;
+    if (!captureTimeParse(value, &time)) {
+        return "not a time: 2026-11-25T14:03, with seconds or a zone if need be, or 14:03";
+    }
+    *out = time;
+    return nullptr;
+}
+
+std::string optionsNameOf(const std::vector<std::string>& files) {
+    if (files.size() < 2) return files.empty() ? "" : files[0];
+    return files[0] + " and " + std::to_string(files.size() - 1) + " more";
 }
 
 bool optionsAreStrict() {

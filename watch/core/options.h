@@ -4,9 +4,13 @@
 
 #pragma once
 
+#include <optional>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
+#include "watch/capture/capture_time.h"
 #include "watch/core/form.h"
 
 // In log lines and in error texts of the command line.
@@ -18,6 +22,12 @@ inline constexpr const char* kWatchName = "pelmowatch";
 [[nodiscard]] const Form& optionsParse(int argc,
                                        char* const* argv,
                                        std::span<const Form* const> forms);
+
+// For forms with times of their own: null, or what is wrong with the value.
+[[nodiscard]] const char* optionsStoreTime(const char* value, std::optional<CaptureTime>* out);
+
+// What several files are called together: "a.pcap and 3 more".
+[[nodiscard]] std::string optionsNameOf(const std::vector<std::string>& files);
 
 // Was --strict given?
 [[nodiscard]] bool optionsAreStrict();

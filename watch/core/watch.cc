@@ -144,7 +144,6 @@ void endSource() {
 // A capture with nothing of the bus may be an idle bus, or one that is captured in a form in which
 // it isn't seen.
 void reportBlindSource() {
-    if (sourceHasFault()) endMarkFailed();
     if (run.isUnread || stopIsAsked()) return;
     const std::string text = sourceBlindText();
     if (text.empty()) return;
@@ -152,10 +151,27 @@ void reportBlindSource() {
     run.isBlind = true;
 }
 
+// False where one of the captures can't be read at all.
+bool readCaptures() {
+    if (!sourceSettings.against.empty()) {
+        if (!sourceRunAgainst()) return false;
+        reportBlindSource();
+        if (stopIsAsked()) return true;
+        run.span = {};
+        if (!sourceTurn()) {
+            logPrint("unable to read the second capture: out of memory.");
+            endMarkFailed();
+            return false;
+        }
+    }
+    return sourceRunOffline();
+}
+
 void runSource() {
     if (!traceSettings.liveCapture) {
-        run.isUnread = !sourceRunOffline();
+        run.isUnread = !readCaptures();
         progressEnd();
+        if (sourceHasFault()) endMarkFailed();
         reportBlindSource();
         if (run.isUnread) {
             stopAsk();  // what has no source doesn't stay open

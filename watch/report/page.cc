@@ -11,6 +11,8 @@
 #include "watch/core/options.h"
 #include "watch/core/text.h"
 #include "watch/json/json_parts.h"
+#include "watch/report/comparison.h"
+#include "watch/report/comparison_json.h"
 #include "watch/report/largest.h"
 #include "watch/report/tables.h"
 
@@ -33,12 +35,9 @@ void writeText(JsonWriter& out, std::string_view key, const char* text) {
 // The capture
 
 void writeFiles(JsonWriter& out, const char* file) {
-    const std::string_view bytes(file);
-    std::string safe(4 * bytes.size() + 1, '\0');
-    const std::string_view text = safeText(bytes, safe.data(), safe.size());
     out.plain("files");
     out.StartArray();
-    out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    jsonFileName(out, file);
     out.EndArray();
 }
 
@@ -302,6 +301,27 @@ void writeTables(JsonWriter& out,
     out.EndObject();
 }
 
+// Of each table the rows whose numbers differ most.
+void writeComparison(JsonWriter& out, const ReportInput& input) {
+    const Comparison comparison = compareCaptures(*input.before, *input.sum, kUsualFactor);
+    out.plain("comparison");
+    out.StartObject();
+    jsonCompared(out, comparison, input.beforeFile, input.file);
+    for (const ComparedTable& table : comparison.tables) {
+        const auto listed =
+            largestRows(std::span(table.rows), kLargestRows, comparedBytes, comparedMessages);
+        out.plain(table.name);
+        out.StartArray();
+        for (const uint32_t number : listed) {
+            out.StartObject();
+            jsonComparedRow(out, table.rows[number]);
+            out.EndObject();
+        }
+        out.EndArray();
+    }
+    out.EndObject();
+}
+
 void writeData(JsonWriter& out, const ReportInput& input) {
     const ReportTables tables = reportTables(*input.sum, input.showsPairs);
     const SnapTotals all = snapshotAddUp(*input.sum);
@@ -312,6 +332,7 @@ void writeData(JsonWriter& out, const ReportInput& input) {
     writeFaults(out, *input.sum);
     writeTimeline(out, *input.timeline, input.intervalSeconds);
     writeTables(out, tables, all, input.showsPairs);
+    if (input.before != nullptr) writeComparison(out, input);
     out.EndObject();
 }
 

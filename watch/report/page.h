@@ -18,6 +18,10 @@ struct ReportInput {
     const char* file;        // its name, as given
     const char* filter;      // null: none
     bool showsPairs;         // senders of subjects in a table of their own
+
+    // The sums of another capture, which is compared with this one, and its name; or null.
+    const SnapHeader* before;
+    const char* beforeFile;
 };
 
 // False when memory runs out.

@@ -4,16 +4,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "lib/base/log.h"
 #include "trace/counts/snapshot_totals.h"
 #include "trace/run/settings_check.h"
 #include "trace/settings.h"
 #include "watch/capture/source.h"
+#include "watch/core/against.h"
 #include "watch/core/totals.h"
 #include "watch/report/page.h"
 #include "watch/report/placement.h"
@@ -38,7 +41,7 @@ struct ReportForm {
     bool isNamed = false;
 
     // Of the thread that hands on Snapshots.
-    Totals totals;
+    Totals totals, before;  // `before` of the capture that is compared with
     Timeline timeline;
     bool failed = false;
 };
@@ -57,22 +60,28 @@ const char* storeSenders(const char* /*none*/) {
 }
 
 constexpr FormOption kOptions[] = {
+    kAgainst,
+    kAgainstFrom,
+    kAgainstTo,
     {{"--senders", nullptr, "also which senders each subject has, and which subjects each sender"},
      storeSenders},
     {{"-o,--output", "FILE", "the page to write"}, storeOutput},
 };
 
+bool isOneOf(const std::vector<std::string>& files) {
+    return std::ranges::any_of(files, [](const std::string& name) {
+        return filesAreOne(report.path, name == "-" ? "/dev/stdin" : name.c_str());
+    });
+}
+
 const char* settle() {
     if (report.path == nullptr) return "needs -o FILE";
     if (traceSettings.liveCapture) return "reads a saved capture: needs -r FILE";
-    const bool isSource = std::ranges::any_of(sourceSettings.files, [](const std::string& name) {
-        return filesAreOne(report.path, name == "-" ? "/dev/stdin" : name.c_str());
-    });
-    if (isSource) {
+    if (isOneOf(sourceSettings.files) || isOneOf(sourceSettings.against)) {
         return "must not write its page over the capture: -o and -r are the same file";
     }
     traceSettings.countSenders = true;  // whose messages are shown
-    return nullptr;
+    return againstSettle();
 }
 
 bool fail(const char* what, const char* reason) {
@@ -142,6 +151,10 @@ bool openOutput() {
 }
 
 bool snapshot(SnapHeader& snapshot) {
+    if (sourceIsAgainst()) {
+        totalsAdd(report.before, snapshot);
+        return true;
+    }
     totalsAdd(report.totals, snapshot);
     if (timelineAdd(report.timeline, snapshot, snapshotAddUp(snapshot))) return true;
     return fail("make", "out of memory");
@@ -159,13 +172,17 @@ bool writeAll(std::string_view text) {
 
 bool writePage() {
     const SnapHeader* const sum = totalsSnapshot(report.totals);
+    const SnapHeader* const before = againstIsAsked() ? totalsSnapshot(report.before) : nullptr;
+    if (againstIsAsked() && before == nullptr) return fail("make", "out of memory");
     JsonBuffer data;
     const ReportInput input = {.sum = sum,
                                .timeline = &report.timeline,
                                .intervalSeconds = static_cast<double>(traceSettings.updateInterval),
                                .file = traceSettings.readFile,
                                .filter = traceSettings.filterText,
-                               .showsPairs = report.showsPairs};
+                               .showsPairs = report.showsPairs,
+                               .before = before,
+                               .beforeFile = againstName()};
     if (sum == nullptr || !pageAppendData(data, input)) return fail("make", "out of memory");
     const WebReportFrame frame = webReportFrame();
     return writeAll(frame.head) && writeAll(data.text()) && writeAll(frame.tail);
@@ -185,6 +202,7 @@ bool end(bool isWhole) {
     if (!isDone) (void)placementAsk(false);
     close(report.descriptor);
     totalsFree(report.totals);
+    totalsFree(report.before);
     timelineFree(report.timeline);
     return isDone;
 }
