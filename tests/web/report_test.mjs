@@ -90,6 +90,30 @@ test("a subject leads to its senders, and a sender to its subjects", async () =>
     await close();
 });
 
+test("a comparison shows what changed, in a table and in bars", async () => {
+    const side = (messages, bytes) => ({ messages, message_bytes: bytes, messages_per_second: messages,
+        message_bytes_per_second: bytes });
+    const place = { port: 7500, group: "239.0.0.1" };
+    const comparison = { factor: 1.25, is_whole: false, before: side(10, 900), now: side(20, 1200), changes: {},
+        subjects: [{ ...place, subject: "<b>.X", change: "grew", before: side(10, 100), now: side(20, 1000) },
+            { ...place, subject: "OLD", change: "went", before: side(1, 800), now: null },
+            { ...place, subject: "SAME", change: "same", before: side(1, 2), now: side(1, 2) }],
+        senders: [{ sender: "10.0.0.1", scid: 17, change: "came", before: null, now: side(20, 200) }], groups: [] };
+    const { page, table, close } = await open({ ...data, comparison });
+    await page.click("#tab-comparison");
+    const changes = async () => (await rowTexts(table)).map((row) => `${row[0]} ${row[2]} ${row.at(-1)}`);
+    assert.deepEqual(await changes(), ["<b>.X grew 900", "OLD went 800", "10.0.0.1 :17 came 200"]);
+    const widths = await page.locator(".compared li").evaluateAll((list) =>
+        list.map((item) => [...item.querySelectorAll(".bar")].map((bar) => bar.style.width)));
+    assert.deepEqual(widths, [["10%", "100%"], ["80%", "0%"], ["0%", "20%"]]);
+    assert.match(await page.locator("#notice").textContent(), /more than the tables hold/);
+    await page.fill("#filter", "came");
+    assert.deepEqual(await changes(), ["10.0.0.1 :17 came 200"]);
+    await page.click("#tab-subjects");
+    assert.ok(!(await page.locator(".compared").isVisible()));
+    await close();
+});
+
 test("a capture of nothing has no time and no charts", async () => {
     const { page, close } = await open({ ...data, capture: { ...data.capture, frames: 0 } });
     assert.equal(await page.locator("#span").textContent(), "No frames.");

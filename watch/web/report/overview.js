@@ -49,6 +49,17 @@ function facts({ capture, totals }) {
     ];
 }
 
+function notices({ capture, comparison }) {
+    const words = [];
+    if (!capture.is_whole)
+        words.push("The capture wasn't read to its end: the report covers what came before that.");
+    if (comparison?.is_whole === false)
+        words.push(
+            "The captures have more than the tables hold: rows may seem to have come or gone.",
+        );
+    return words;
+}
+
 export function showOverview(data) {
     const { capture } = data;
     const begin = Date.parse(capture.begin_time);
@@ -72,11 +83,9 @@ export function showOverview(data) {
         );
     document.getElementById("facts").append(...facts(data));
     const notice = document.getElementById("notice");
-    notice.hidden = capture.is_whole;
-    setText(
-        notice,
-        "The capture wasn't read to its end: the report covers what came ahead of that.",
-    );
+    const words = notices(data);
+    notice.hidden = words.length === 0;
+    setText(notice, words.join(" "));
     setText(
         document.getElementById("made"),
         `Made by ${data.program}. Numbers over time are those of intervals of ${formatSpan(data.timeline.interval_seconds)}.`,

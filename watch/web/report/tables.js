@@ -1,6 +1,7 @@
 // The tables of the report. A table may hold the largest rows only; the sums are those of all.
 
 import { element, setText } from "../shared/dom.js";
+import { comparisonData, comparisonTable, fillComparisonBars, makeComparisonBars } from "./comparison.js";
 import { readFilter } from "../shared/filter.js";
 import { formatCount, formatDateTime, formatTime } from "../shared/format.js";
 import { applyChoices, makeColumnMenu, makeCopyMenu } from "../shared/menus.js";
@@ -21,6 +22,7 @@ const messageNumbers = [
 ];
 
 const kTables = {
+    comparison: comparisonTable, // of a report that compares two captures
     subjects: {
         title: "Subjects",
         sortBy: "message_bytes",
@@ -117,6 +119,8 @@ function otherRows(name, { rowCount, sums, rows }) {
 
 export function showTables(data) {
     const byId = (id) => document.getElementById(id);
+    if (data.comparison !== undefined) data.tables.comparison = comparisonData(data.comparison);
+    const bars = makeComparisonBars();
     const present = Object.entries(kTables).filter(([name]) => data.tables[name] !== undefined);
     const contents = Object.fromEntries(
         present.map(([name]) => [name, normalTable(data.tables[name])]),
@@ -142,6 +146,7 @@ export function showTables(data) {
         tab = name;
         for (const [key, table] of Object.entries(shownTables)) table.element.hidden = key !== tab;
         byId("tables").setAttribute("aria-labelledby", `tab-${tab}`);
+        bars.hidden = tab !== "comparison";
         const content = contents[tab];
         const { columns } = kTables[tab];
         const { fits, words, error } = readFilter(byId("filter").value, { columns });
@@ -155,6 +160,7 @@ export function showTables(data) {
             content.rows.length === 0 ? "None in the capture." : "No row fits the filter.",
         );
         shownTables[tab].setRows(lines, content.rows.length === 0 ? [] : sums, 1, true);
+        if (!bars.hidden) fillComparisonBars(bars, rows);
         setText(byId("understood"), error ?? words);
         byId("understood").classList.toggle("error", error !== null);
         setText(
@@ -167,7 +173,7 @@ export function showTables(data) {
 
     for (const { key } of names) tabs.setCount(key, formatCount(contents[key].rowCount));
     byId("tabs").append(tabs.element);
-    byId("tables").append(...Object.values(shownTables).map((table) => table.element));
+    byId("tables").append(bars, ...Object.values(shownTables).map((table) => table.element));
     const current = () => ({ name: `report.${tab}`, table: shownTables[tab] });
     byId("menus").append(makeColumnMenu(current), makeCopyMenu(current));
     for (const [name, table] of Object.entries(shownTables)) applyChoices(`report.${name}`, table);
