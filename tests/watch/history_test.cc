@@ -36,7 +36,7 @@ struct HistoryTest : testing::Test {
         return all;
     }
 
-    Numbers column(const HistoryKey& key, size_t field) {
+    Numbers column(const RowKey& key, size_t field) {
         Numbers all;
         for (uint32_t at = 0; at < history.count; ++at) {
             uint64_t numbers[kHistoryNumbers];
@@ -47,13 +47,13 @@ struct HistoryTest : testing::Test {
     }
 
     History history = {};
-    HistoryKey sender{.table = HistoryTable::kMulticast,
-                      .hasHost = true,
-                      .port = htons(7500),
-                      .scid = 0,
-                      .group = inet_addr("239.1.1.1"),
-                      .host = inet_addr("10.0.0.1"),
-                      .subject = nullptr};
+    RowKey sender{.table = BusTable::kMulticast,
+                  .hasHost = true,
+                  .port = htons(7500),
+                  .scid = 0,
+                  .group = inet_addr("239.1.1.1"),
+                  .host = inet_addr("10.0.0.1"),
+                  .subject = nullptr};
 };
 
 TEST_F(HistoryTest, NumbersOfAnySizeAreKeptRowByRow) {

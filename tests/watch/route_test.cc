@@ -206,7 +206,7 @@ TEST(Route, ReadsARowFromItsQuery) {
                            {"subject", "A\\x2eB.C"}, {"host", "10.0.0.1"}, {"scid", "65535"}};
     const Route route = routed("GET", "/history.json", subject);
     ASSERT_EQ(route.kind, RouteKind::kHistoryOfRow) << route.reason;
-    EXPECT_EQ(route.row.table, HistoryTable::kSubjects);
+    EXPECT_EQ(route.row.table, BusTable::kSubjects);
     EXPECT_TRUE(route.row.hasHost);
     EXPECT_EQ(route.row.port, htons(7500));
     EXPECT_EQ(route.row.scid, 65535);

@@ -8,6 +8,7 @@
 #include "lib/containers/probe_index.h"
 #include "lib/containers/subject.h"
 #include "trace/counts/snapshot_totals.h"
+#include "watch/core/snapshot_rows.h"
 
 namespace {
 
@@ -123,34 +124,34 @@ void addSubject(Totals& totals, uint32_t net, const SnapSubject& subject) {
     }
     totals.subjects.rows[at].sum.msgs += subject.msgs;
     totals.subjects.rows[at].sum.bytes += subject.bytes;
-    for (const SnapSubjectHost& sender : std::span(subject.hosts, subject.hostCount)) {
+    for (const SnapSubjectHost& sender : sendersOf(subject)) {
         addSender(totals, at, sender);
     }
 }
 
 void addNet(Totals& totals, uint32_t port, const SnapNet& net) {
     const uint32_t at = findNet(totals, port, net.net);
-    for (const SnapHost& host : std::span(net.hosts, net.hostCount)) {
+    for (const SnapHost& host : hostsOf(net)) {
         SnapHost* const sum = findHost(totals.hosts, totals.mostRows, at, host);
         addCounters(sum != nullptr ? *sum : totals.head.beyond.multicast, host);
         if (sum != nullptr) sum->reliability = host.reliability;
     }
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
+    for (const SnapSubject& subject : subjectsOf(net)) {
         addSubject(totals, at, subject);
     }
 }
 
 void addPort(Totals& totals, const SnapPort& port) {
     const uint32_t at = findPort(totals, port);
-    for (const SnapNet& net : std::span(port.nets, port.netCount)) {
+    for (const SnapNet& net : netsOf(port)) {
         addNet(totals, at, net);
     }
-    for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
+    for (const SnapRlHost& host : rlHostsOf(port)) {
         SnapRlHost* const sum = findHost(totals.rlHosts, totals.mostRows, at, host);
         addCounters(sum != nullptr ? sum->counters : totals.head.beyond.retransmission,
                     host.counters);
     }
-    for (const SnapPtpHost& host : std::span(port.ptpHosts, port.ptpHostCount)) {
+    for (const SnapPtpHost& host : ptpHostsOf(port)) {
         SnapPtpHost* const sum = findHost(totals.ptpHosts, totals.mostRows, at, host);
         addCounters(sum != nullptr ? sum->counters : totals.head.beyond.pointToPoint,
                     host.counters);
@@ -305,7 +306,7 @@ void fill(Totals& totals, const Layout& layout) {
 
 void totalsAdd(Totals& totals, const SnapHeader& snapshot) {
     addHead(totals, snapshot);
-    for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
+    for (const SnapPort& port : portsOf(snapshot)) {
         addPort(totals, port);
     }
 }

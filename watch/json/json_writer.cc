@@ -1,10 +1,9 @@
 #include "watch/json/json_writer.h"
 
-#include <span>
-
 #include "trace/counts/snapshot_totals.h"
 #include "trace/settings.h"
 #include "watch/core/fields.h"
+#include "watch/core/snapshot_rows.h"
 #include "watch/core/text.h"
 #include "watch/json/json_parts.h"
 
@@ -12,14 +11,12 @@ namespace {
 
 // The members of one row, of each table.
 
-struct Place {
-    const SnapPort& port;
-    const SnapNet* net;  // null in tables of a port
-};
-
-void writeMulticast(JsonWriter& out, const Place& place, const SnapHost& host) {
-    jsonPort(out, "port", place.port.port);
-    jsonAddress(out, "group", place.net->net);
+void writeMulticast(JsonWriter& out,
+                    const SnapPort& port,
+                    const SnapNet& net,
+                    const SnapHost& host) {
+    jsonPort(out, "port", port.port);
+    jsonAddress(out, "group", net.net);
     jsonAddress(out, "sender", host.host);
     jsonScid(out, host.port);
     jsonFields(out, kMulticastFields, host);
@@ -29,7 +26,7 @@ void writeMulticast(JsonWriter& out, const Place& place, const SnapHost& host) {
 void writeSenders(JsonWriter& out, const SnapSubject& subject) {
     out.plain("senders");
     out.StartArray();
-    for (const SnapSubjectHost& host : std::span(subject.hosts, subject.hostCount)) {
+    for (const SnapSubjectHost& host : sendersOf(subject)) {
         out.StartObject();
         jsonAddress(out, "sender", host.host);
         jsonScid(out, host.port);
@@ -39,64 +36,51 @@ void writeSenders(JsonWriter& out, const SnapSubject& subject) {
     out.EndArray();
 }
 
-void writeSubject(JsonWriter& out, const Place& place, const SnapSubject& subject) {
+void writeSubject(JsonWriter& out,
+                  const SnapPort& port,
+                  const SnapNet& net,
+                  const SnapSubject& subject) {
     char text[kSafeSubjectBytes];
-    jsonPort(out, "port", place.port.port);
-    jsonAddress(out, "group", place.net->net);
+    jsonPort(out, "port", port.port);
+    jsonAddress(out, "group", net.net);
     jsonSafe(out, "subject", subjectSafeText(subject.subject, text));
     jsonFields(out, kSubjectFields, subject);
     if (traceSettings.countSenders) writeSenders(out, subject);
 }
 
-template <typename Visit>
-void eachPort(const SnapHeader& snapshot, Visit visit) {
-    for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
-        visit(port);
-    }
-}
-
-template <typename Visit>
-void eachNet(const SnapHeader& snapshot, Visit visit) {
-    eachPort(snapshot, [&](const SnapPort& port) {
-        for (const SnapNet& net : std::span(port.nets, port.netCount)) {
-            visit(Place{port, &net});
-        }
-    });
-}
-
 // The tables, each as its name and a walk that calls visit(writer of the row's members).
 template <typename Visit>
 void eachRowOfMulticast(const SnapHeader& snapshot, Visit visit) {
-    eachNet(snapshot, [&](const Place& place) {
-        for (const SnapHost& host : std::span(place.net->hosts, place.net->hostCount)) {
-            visit([&](JsonWriter& out) { writeMulticast(out, place, host); });
+    eachNet(snapshot, [&](const SnapPort& port, const SnapNet& net) {
+        for (const SnapHost& host : hostsOf(net)) {
+            visit([&](JsonWriter& out) { writeMulticast(out, port, net, host); });
         }
     });
 }
 
 template <typename Visit>
 void eachRowOfRetransmission(const SnapHeader& snapshot, Visit visit) {
-    eachPort(snapshot, [&](const SnapPort& port) {
-        for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
+    for (const SnapPort& port : portsOf(snapshot)) {
+        for (const SnapRlHost& host : rlHostsOf(port)) {
             visit([&](JsonWriter& out) { jsonRetransmissionRow(out, port, host); });
         }
-    });
+    }
 }
 
 template <typename Visit>
 void eachRowOfPointToPoint(const SnapHeader& snapshot, Visit visit) {
-    eachPort(snapshot, [&](const SnapPort& port) {
-        for (const SnapPtpHost& host : std::span(port.ptpHosts, port.ptpHostCount)) {
+    for (const SnapPort& port : portsOf(snapshot)) {
+        for (const SnapPtpHost& host : ptpHostsOf(port)) {
             visit([&](JsonWriter& out) { jsonPointToPointRow(out, port, host); });
         }
-    });
+    }
 }
 
 template <typename Visit>
 void eachRowOfSubjects(const SnapHeader& snapshot, Visit visit) {
-    eachNet(snapshot, [&](const Place& place) {
-        for (const SnapSubject& subject : std::span(place.net->subjects, place.net->subjectCount)) {
-            visit([&](JsonWriter& out) { writeSubject(out, place, subject); });
+    eachNet(snapshot, [&](const SnapPort& port, const SnapNet& net) {
+        for (const SnapSubject& subject : subjectsOf(net)) {
+            visit([&](JsonWriter& out) { writeSubject(out, port, net, subject); });
         }
     });
 }

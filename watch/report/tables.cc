@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "trace/counts/snapshot_totals.h"
+#include "watch/core/snapshot_rows.h"
 #include "watch/report/largest.h"
 
 namespace {
@@ -21,12 +22,12 @@ ReportSender senderOf(uint32_t host, uint16_t scid) {
 }
 
 void addHosts(std::vector<ReportSender>& senders, const SnapNet& net) {
-    for (const SnapHost& host : std::span(net.hosts, net.hostCount)) {
+    for (const SnapHost& host : hostsOf(net)) {
         ReportSender& made = senders.emplace_back(senderOf(host.host, host.port));
         addCounters(made.sum, host);
     }
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-        for (const SnapSubjectHost& host : std::span(subject.hosts, subject.hostCount)) {
+    for (const SnapSubject& subject : subjectsOf(net)) {
+        for (const SnapSubjectHost& host : sendersOf(subject)) {
             ReportSender& made = senders.emplace_back(senderOf(host.host, host.port));
             made.messages = host.msgs;
             made.messageBytes = host.bytes;
@@ -57,10 +58,10 @@ void addUp(std::vector<ReportSender>& senders) {
 ReportGroup groupOf(const SnapPort& port, const SnapNet& net) {
     ReportGroup made = {.port = &port,
                         .net = &net,
-                        .sum = sumOfHosts(std::span<const SnapHost>(net.hosts, net.hostCount)),
+                        .sum = sumOfHosts(hostsOf(net)),
                         .messages = 0,
                         .messageBytes = 0};
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
+    for (const SnapSubject& subject : subjectsOf(net)) {
         made.messages += subject.msgs;
         made.messageBytes += subject.bytes;
     }
@@ -68,10 +69,10 @@ ReportGroup groupOf(const SnapPort& port, const SnapNet& net) {
 }
 
 void addNet(ReportTables& tables, const SnapPort& port, const SnapNet& net, bool withPairs) {
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
+    for (const SnapSubject& subject : subjectsOf(net)) {
         tables.subjects.push_back({&port, &net, &subject, tables.pairs.size()});
         if (!withPairs) continue;
-        for (const SnapSubjectHost& sender : std::span(subject.hosts, subject.hostCount))
+        for (const SnapSubjectHost& sender : sendersOf(subject))
             tables.pairs.push_back({&port, &net, &subject, &sender});
     }
     addHosts(tables.senders, net);
@@ -138,14 +139,14 @@ std::vector<uint32_t> listedPairs(const ReportTables& tables,
 
 ReportTables reportTables(const SnapHeader& sum, bool withPairs) {
     ReportTables tables;
-    for (const SnapPort& port : std::span(sum.ports, sum.portCount)) {
-        for (const SnapNet& net : std::span(port.nets, port.netCount)) {
+    for (const SnapPort& port : portsOf(sum)) {
+        for (const SnapNet& net : netsOf(port)) {
             addNet(tables, port, net, withPairs);
         }
-        for (const SnapRlHost& host : std::span(port.rlHosts, port.rlHostCount)) {
+        for (const SnapRlHost& host : rlHostsOf(port)) {
             tables.retransmission.push_back({&port, &host, nullptr});
         }
-        for (const SnapPtpHost& host : std::span(port.ptpHosts, port.ptpHostCount)) {
+        for (const SnapPtpHost& host : ptpHostsOf(port)) {
             tables.pointToPoint.push_back({&port, nullptr, &host});
         }
     }

@@ -9,10 +9,9 @@
 #include <type_traits>
 #include <utility>
 
-#include "lib/containers/probe_index.h"
-#include "lib/containers/subject.h"
+#include "lib/base/bytes.h"
 #include "trace/counts/snapshot_totals.h"
-#include "watch/core/fields.h"
+#include "watch/core/snapshot_rows.h"
 #include "watch/core/span.h"
 #include "watch/serve/history_totals.h"
 
@@ -28,27 +27,6 @@ constexpr size_t kMaskBytes = 2;
 constexpr size_t kNumberBytes = 10;  // of a LEB128, at most
 constexpr size_t kRecordBytes = kMaskBytes + kHistoryNumbers * kNumberBytes;
 constexpr uint32_t kRowsOfBucket = 4;
-
-uint64_t hashOfSubject(const uint8_t* subject) {
-    constexpr size_t kBlockBytes = 16;
-    const size_t length = subjectLength(subject);
-    uint64_t state = length;
-    size_t at = 0;
-    for (; length - at >= kBlockBytes; at += kBlockBytes) {
-        state = probeMixBlock(subject + at, state ^ probeSeed.first);
-    }
-    return probeMix(state ^ probeSeed.first,
-                    probeMixFew(subject + at, length - at) ^ probeSeed.second);
-}
-
-uint64_t hashOf(const HistoryKey& key) {
-    const uint64_t place = uint64_t{key.group} << 32 | key.host;
-    const uint64_t rest = uint64_t{key.scid} << 32 | uint32_t{key.port} << 16 |
-                          static_cast<uint32_t>(key.table) << 8 | (key.hasHost ? 1u : 0u);
-    const uint64_t hash = probeMix(place ^ probeSeed.first, rest ^ probeSeed.second);
-    if (key.subject == nullptr) return hash;
-    return probeMix(hash ^ probeSeed.second, hashOfSubject(key.subject) ^ probeSeed.first);
-}
 
 template <typename Item>
 bool reserve(Item*& items, size_t needed, auto& capacity) {
@@ -80,7 +58,7 @@ uint64_t takeNumber(const uint8_t*& at) {
 
 template <typename Record, size_t kCount>
 void addRow(History& history,
-            const HistoryKey& key,
+            const RowKey& key,
             const Field<Record> (&fields)[kCount],
             const Record& record) {
     static_assert(kCount <= kHistoryNumbers);
@@ -99,68 +77,39 @@ void addRow(History& history,
         at = appendNumber(at, number);
     }
     storeBe16At(begin, mask);
-    history.rows[history.rowCount++] = {hashOf(key), static_cast<uint32_t>(history.recordBytes)};
+    history.rows[history.rowCount++] = {rowKeyHash(key),
+                                        static_cast<uint32_t>(history.recordBytes)};
     history.recordBytes += static_cast<size_t>(at - begin);
 }
 
-HistoryKey keyOf(HistoryTable table, uint16_t port, uint32_t group) {
-    return {.table = table,
-            .hasHost = false,
-            .port = port,
-            .scid = 0,
-            .group = group,
-            .host = 0,
-            .subject = nullptr};
-}
-
-template <typename Host>
-HistoryKey withHost(HistoryKey key, const Host& host) {
-    key.hasHost = true;
-    key.host = host.host;
-    key.scid = host.port;
-    return key;
-}
-
-void addSubject(History& history, HistoryKey key, const SnapSubject& subject) {
-    key.subject = subject.subject;
-    addRow(history, key, kSubjectFields, subject);
-    for (const SnapSubjectHost& sender : std::span(subject.hosts, subject.hostCount)) {
-        addRow(history, withHost(key, sender), kSubjectSenderFields, sender);
-    }
-}
-
-void addNet(History& history, uint16_t port, const SnapNet& net) {
-    const std::span<const SnapHost> hosts(net.hosts, net.hostCount);
-    const HistoryKey key = keyOf(HistoryTable::kMulticast, port, net.net);
-    addRow(history, key, kMulticastFields, sumOfHosts(hosts));
-    for (const SnapHost& host : hosts) {
-        addRow(history, withHost(key, host), kMulticastFields, host);
-    }
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-        addSubject(history, keyOf(HistoryTable::kSubjects, port, net.net), subject);
-    }
-}
-
-template <typename Host, typename Counters, size_t kCount>
-void addHosts(History& history,
-              const HistoryKey& key,
-              const Field<Counters> (&fields)[kCount],
-              std::span<const Host> hosts) {
-    if (hosts.empty()) return;
-    addRow(history, key, fields, sumOfHosts(hosts));
-    for (const Host& host : hosts) {
-        addRow(history, withHost(key, host), fields, host.counters);
-    }
+// The sum of a table, where it has hosts.
+template <typename Host, typename Record, size_t kCount>
+void addSum(History& history,
+            const RowKey& key,
+            const Field<Record> (&fields)[kCount],
+            std::span<const Host> hosts) {
+    if (!hosts.empty()) addRow(history, key, fields, sumOfHosts(hosts));
 }
 
 void addPort(History& history, const SnapPort& port) {
-    for (const SnapNet& net : std::span(port.nets, port.netCount)) {
-        addNet(history, port.port, net);
+    const auto add = [&history](const RowKey& key, const auto& fields, const auto& record) {
+        addRow(history, key, fields, record);
+    };
+    for (const SnapNet& net : netsOf(port)) {
+        addSum(history, {.port = port.port, .group = net.net}, kMulticastFields, hostsOf(net));
+        eachHostRow(port, net, add);
+        eachSubjectRow(port, net, [&add](const RowKey& key, const SnapSubject& subject) {
+            add(key, kSubjectFields, subject);
+            for (const SnapSubjectHost& sender : sendersOf(subject)) {
+                add(rowKeyOfHost(key, sender), kSubjectSenderFields, sender);
+            }
+        });
     }
-    addHosts(history, keyOf(HistoryTable::kRetransmission, port.port, 0), kRetransmissionFields,
-             std::span<const SnapRlHost>(port.rlHosts, port.rlHostCount));
-    addHosts(history, keyOf(HistoryTable::kPointToPoint, port.port, 0), kPointToPointFields,
-             std::span<const SnapPtpHost>(port.ptpHosts, port.ptpHostCount));
+    addSum(history, {.table = BusTable::kRetransmission, .port = port.port}, kRetransmissionFields,
+           rlHostsOf(port));
+    addSum(history, {.table = BusTable::kPointToPoint, .port = port.port}, kPointToPointFields,
+           ptpHostsOf(port));
+    eachHostRow(port, add);
 }
 
 // The parts of an interval's block.
@@ -273,7 +222,7 @@ void historyAdd(History& history, const SnapHeader& snapshot) {
     history.rowCount = 0;
     history.recordBytes = 0;
     history.failed = false;
-    for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
+    for (const SnapPort& port : portsOf(snapshot)) {
         addPort(history, port);
     }
     HistoryInterval& interval = slotAt(history, history.count++);
@@ -292,12 +241,12 @@ const HistoryInterval& historyAt(const History& history, uint32_t at) {
 }
 
 void historyRow(const HistoryInterval& interval,
-                const HistoryKey& key,
+                const RowKey& key,
                 uint64_t (&numbers)[kHistoryNumbers]) {
     std::ranges::fill(numbers, 0u);
     if (interval.rowCount == 0) return;
     const Parts parts = partsOf(interval);
-    const uint64_t hash = hashOf(key);
+    const uint64_t hash = rowKeyHash(key);
     const uint32_t bucket = bucketOf(interval, hash);
     const uint32_t end = parts.bucketEnds[bucket];
     uint32_t at = bucket == 0 ? 0 : parts.bucketEnds[bucket - 1];

@@ -24,24 +24,11 @@
 #include <cstdint>
 
 #include "trace/counts/snapshot.h"
+#include "watch/core/snapshot_rows.h"
 
 inline constexpr int32_t kHistorySeconds = 15 * 60;
 inline constexpr uint32_t kHistoryMostIntervals = 900;
 inline constexpr size_t kHistoryMostBytes = 64 << 20;
-
-enum class HistoryTable : uint8_t { kMulticast, kRetransmission, kPointToPoint, kSubjects };
-
-// One row, or all rows of a group, port or subject where it names no host. In the words of the
-// Snapshot; what doesn't apply is 0.
-struct HistoryKey {
-    HistoryTable table;
-    bool hasHost;
-    uint16_t port;
-    uint16_t scid;
-    uint32_t group;
-    uint32_t host;
-    const uint8_t* subject;  // packed; null but for kSubjects
-};
 
 inline constexpr size_t kHistoryTotals = 64;   // numbers of an interval's totals, at most
 inline constexpr size_t kHistoryNumbers = 12;  // numbers of a row, at most
@@ -79,7 +66,7 @@ void historyAdd(History& history, const SnapHeader& snapshot);
 // The row's numbers in the order of its table's fields (watch/core/fields.h): all 0 where it was
 // silent.
 void historyRow(const HistoryInterval& interval,
-                const HistoryKey& key,
+                const RowKey& key,
                 uint64_t (&numbers)[kHistoryNumbers]);
 
 void historyFree(History& history);

@@ -85,7 +85,7 @@ void appendSeries(JsonBuffer& out,
 struct RowNumbers {
     uint64_t (*all)[kHistoryNumbers];
 
-    RowNumbers(const History& history, const HistoryKey& key)
+    RowNumbers(const History& history, const RowKey& key)
         : all(static_cast<uint64_t (*)[kHistoryNumbers]>(
               std::malloc((size_t{history.count} + 1) * sizeof *all))) {
         for (uint32_t at = 0; all != nullptr && at < history.count; ++at) {
@@ -124,7 +124,7 @@ void historyAppendTotals(JsonBuffer& out, const History& history, double interva
 
 void historyAppendRow(JsonBuffer& out,
                       const History& history,
-                      const HistoryKey& key,
+                      const RowKey& key,
                       double intervalSeconds) {
     const RowNumbers numbers(history, key);
     if (numbers.all == nullptr) {
@@ -133,13 +133,13 @@ void historyAppendRow(JsonBuffer& out,
     }
     appendAll(out, history, intervalSeconds, [&] {
         switch (key.table) {
-            case HistoryTable::kMulticast:
+            case BusTable::kMulticast:
                 return appendRow(out, history, numbers, kMulticastFields);
-            case HistoryTable::kRetransmission:
+            case BusTable::kRetransmission:
                 return appendRow(out, history, numbers, kRetransmissionFields);
-            case HistoryTable::kPointToPoint:
+            case BusTable::kPointToPoint:
                 return appendRow(out, history, numbers, kPointToPointFields);
-            case HistoryTable::kSubjects:
+            case BusTable::kSubjects:
                 return appendRow(out, history, numbers, kSubjectFields);
         }
     });

@@ -20,5 +20,5 @@
 void historyAppendTotals(JsonBuffer& out, const History& history, double intervalSeconds);
 void historyAppendRow(JsonBuffer& out,
                       const History& history,
-                      const HistoryKey& key,
+                      const RowKey& key,
                       double intervalSeconds);

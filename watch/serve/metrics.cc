@@ -99,7 +99,7 @@ constexpr KindRow kKinds[] = {
     {SeriesKind::kSubject, "pelmo_subject_", "", "", true, false, true},
 };
 
-Labels labelsOf(const KindRow& kind, const SeriesKey& key) {
+Labels labelsOf(const KindRow& kind, const RowKey& key) {
     Labels labels = {{"port", portText(key.port)}};
     if (kind.hasGroup) labels.push_back({"group", hostText(key.group)});
     if (kind.hasHost) {
@@ -135,7 +135,7 @@ void addRows(MetricFamilies& out,
              ValueOf valueOf) {
     const auto index = static_cast<size_t>(kind.kind);
     for (const SeriesRow& row : std::span(table.rows.rows, table.rows.count)) {
-        if (row.key.kind != kind.kind) continue;
+        if (seriesKindOf(row.key) != kind.kind) continue;
         addSample(family, labelsOf(kind, row.key), valueOf(row.sums));
     }
     if (table.hasOther[index] && family.type == MetricType::Counter) {

@@ -61,15 +61,15 @@ bool isOfOtherSite(const RouteRequest& request, bool isPage) {
 
 struct TableRow {
     std::string_view name;
-    HistoryTable table;
+    BusTable table;
     bool hasGroup, hasSubject;
 };
 
 constexpr TableRow kTables[] = {
-    {"multicast", HistoryTable::kMulticast, true, false},
-    {"retransmission", HistoryTable::kRetransmission, false, false},
-    {"point_to_point", HistoryTable::kPointToPoint, false, false},
-    {"subjects", HistoryTable::kSubjects, true, true},
+    {"multicast", BusTable::kMulticast, true, false},
+    {"retransmission", BusTable::kRetransmission, false, false},
+    {"point_to_point", BusTable::kPointToPoint, false, false},
+    {"subjects", BusTable::kSubjects, true, true},
 };
 
 struct RowQuery {

@@ -69,7 +69,7 @@ struct Route {
     uint16_t status;        // of HTTP
     const char* reason;     // of kRefusal: one line without its end
     const WebAsset* asset;  // of kAsset
-    HistoryKey row;         // of kHistoryOfRow; its subject is `subject` below
+    RowKey row;             // of kHistoryOfRow; its subject is `subject` below
     uint8_t subject[kSubjectMaxBytes];
 };
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "lib/containers/probe_index.h"
+#include "lib/containers/subject.h"
 #include "trace/counts/snapshot_totals.h"
 #include "watch/core/fields.h"
 
@@ -37,25 +37,6 @@ constexpr size_t indexOf(SeriesKind kind) {
     return static_cast<size_t>(kind);
 }
 
-uint32_t hashOf(const SeriesKey& key) {
-    const uint64_t place = uint64_t{key.group} << 32 | key.host;
-    const uint64_t rest = uint64_t{indexOf(key.kind)} << 32 | uint32_t{key.port} << 16 | key.scid;
-    const uint32_t subject = key.subject != nullptr ? subjectHash(key.subject) : 0;
-    return probeHashKey(probeMix(place ^ probeSeed.first, rest ^ probeSeed.second) ^ subject);
-}
-
-bool isSameSubject(const uint8_t* left, const uint8_t* right) {
-    if (left == nullptr || right == nullptr) return left == right;
-    const size_t length = subjectLength(left);
-    return subjectLength(right) == length && std::memcmp(left, right, length) == 0;
-}
-
-bool isSame(const SeriesKey& left, const SeriesKey& right) {
-    return left.kind == right.kind && left.port == right.port && left.scid == right.scid &&
-           left.group == right.group && left.host == right.host &&
-           isSameSubject(left.subject, right.subject);
-}
-
 // A copy of the packed subject. Null where memory runs out.
 const uint8_t* copySubject(const uint8_t* subject) {
     void* const copy = std::malloc(subjectLength(subject));
@@ -69,10 +50,11 @@ void freeSubject(const SeriesRow& row) {
 }
 
 // Null where there is no room for it.
-SeriesRow* addRow(SeriesTable& table, const SeriesKey& key, uint32_t hash) {
-    const uint32_t series = seriesOfKind(key.kind);
+SeriesRow* addRow(SeriesTable& table, const RowKey& key, uint32_t hash) {
+    const SeriesKind kind = seriesKindOf(key);
+    const uint32_t series = seriesOfKind(kind);
     const uint64_t mostRowSeries = table.rules.mostSeries - kSeriesReserved;
-    const uint64_t kept = isDetail(key.kind) ? mostRowSeries / kShareOfWholes : 0;
+    const uint64_t kept = isDetail(kind) ? mostRowSeries / kShareOfWholes : 0;
     if (table.rowSeries + series > mostRowSeries - kept) return nullptr;
 
     SeriesRow row{.hash = hash, .silentIntervals = 0, .key = key, .sums = {}};
@@ -88,18 +70,19 @@ SeriesRow* addRow(SeriesTable& table, const SeriesKey& key, uint32_t hash) {
 }
 
 // The sums of the row, or those of its kind's "other" row.
-SeriesSums& sumsOf(SeriesTable& table, const SeriesKey& key) {
-    const uint32_t hash = hashOf(key);
-    const uint32_t at =
-        rowFind(table.rows, hash, [&key](const SeriesRow& row) { return isSame(row.key, key); });
+SeriesSums& sumsOf(SeriesTable& table, const RowKey& key) {
+    const auto hash = static_cast<uint32_t>(rowKeyHash(key));
+    const uint32_t at = rowFind(
+        table.rows, hash, [&key](const SeriesRow& row) { return rowKeysAreSame(row.key, key); });
     SeriesRow* const row = at != kNoRow ? &table.rows.rows[at] : addRow(table, key, hash);
     if (row != nullptr) {
         row->silentIntervals = 0;
         return row->sums;
     }
-    table.hasOther[indexOf(key.kind)] = true;
-    table.leftOutSeries += seriesOfKind(key.kind);
-    return table.others[indexOf(key.kind)];
+    const SeriesKind kind = seriesKindOf(key);
+    table.hasOther[indexOf(kind)] = true;
+    table.leftOutSeries += seriesOfKind(kind);
+    return table.others[indexOf(kind)];
 }
 
 template <typename Record, size_t kCount>
@@ -109,92 +92,45 @@ void addFields(uint64_t* numbers, const Field<Record> (&fields)[kCount], const R
     }
 }
 
-SeriesKey keyOf(SeriesKind kind, uint16_t port, uint32_t group) {
-    return {.kind = kind, .port = port, .scid = 0, .group = group, .host = 0, .subject = nullptr};
-}
-
-void addGroup(SeriesTable& table, uint16_t port, const SnapNet& net) {
-    uint64_t* const numbers =
-        sumsOf(table, keyOf(SeriesKind::kMulticastGroup, port, net.net)).numbers;
-    addFields(numbers, kMulticastFields, sumOfHosts(std::span(net.hosts, net.hostCount)));
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
+void addGroup(SeriesTable& table, const SnapPort& port, const SnapNet& net) {
+    uint64_t* const numbers = sumsOf(table, {.port = port.port, .group = net.net}).numbers;
+    addFields(numbers, kMulticastFields, sumOfHosts(hostsOf(net)));
+    for (const SnapSubject& subject : subjectsOf(net)) {
         addFields(numbers + kMessagesAt, kSubjectFields, subject);
     }
 }
 
-void addMulticastHosts(SeriesTable& table, uint16_t port, const SnapNet& net) {
-    SeriesKey key = keyOf(SeriesKind::kMulticastHost, port, net.net);
-    for (const SnapHost& host : std::span(net.hosts, net.hostCount)) {
-        key.host = host.host;
-        key.scid = host.port;
-        SeriesSums& sums = sumsOf(table, key);
-        addFields(sums.numbers, kMulticastFields, host);
-        sums.reliability = host.reliability;
-    }
-}
-
-void addSubjects(SeriesTable& table, uint16_t port, const SnapNet& net) {
-    SeriesKey key = keyOf(SeriesKind::kSubject, port, net.net);
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
-        if (sublistMatch(table.rules.subjects, subject.subject) == nullptr) continue;
-        key.subject = subject.subject;
-        addFields(sumsOf(table, key).numbers, kSubjectFields, subject);
-    }
-}
-
-// The sums of a port's table of hosts. They are there before the port's first request or reject,
-// and don't expire between two of them: what begins with its first number has no increase in it.
-template <typename Host, typename Counters, size_t kCount>
-void addTable(SeriesTable& table,
-              SeriesKind kind,
-              uint16_t port,
-              const Field<Counters> (&fields)[kCount],
-              std::span<const Host> hosts) {
-    addFields(sumsOf(table, keyOf(kind, port, 0)).numbers, fields, sumOfHosts(hosts));
-}
-
-template <typename Host, typename Counters, size_t kCount>
-void addHosts(SeriesTable& table,
-              SeriesKind kind,
-              uint16_t port,
-              const Field<Counters> (&fields)[kCount],
-              std::span<const Host> hosts) {
-    SeriesKey key = keyOf(kind, port, 0);
-    for (const Host& host : hosts) {
-        key.host = host.host;
-        key.scid = host.port;
-        addFields(sumsOf(table, key).numbers, fields, host.counters);
-    }
-}
-
-std::span<const SnapRlHost> rlHostsOf(const SnapPort& port) {
-    return {port.rlHosts, port.rlHostCount};
-}
-
-std::span<const SnapPtpHost> ptpHostsOf(const SnapPort& port) {
-    return {port.ptpHosts, port.ptpHostCount};
-}
-
+// The sums of a port's tables of hosts are there before its first request or reject, and don't
+// expire between two of them: what begins with its first number has no increase in it.
 void addWhole(SeriesTable& table, const SnapPort& port) {
-    for (const SnapNet& net : std::span(port.nets, port.netCount)) {
-        addGroup(table, port.port, net);
+    for (const SnapNet& net : netsOf(port)) {
+        addGroup(table, port, net);
     }
-    addTable(table, SeriesKind::kRetransmissionPort, port.port, kRetransmissionFields,
-             rlHostsOf(port));
-    addTable(table, SeriesKind::kPointToPointPort, port.port, kPointToPointFields,
-             ptpHostsOf(port));
+    addFields(sumsOf(table, {.table = BusTable::kRetransmission, .port = port.port}).numbers,
+              kRetransmissionFields, sumOfHosts(rlHostsOf(port)));
+    addFields(sumsOf(table, {.table = BusTable::kPointToPoint, .port = port.port}).numbers,
+              kPointToPointFields, sumOfHosts(ptpHostsOf(port)));
+}
+
+void addHost(SeriesTable& table, const RowKey& key, const auto& fields, const auto& record) {
+    SeriesSums& sums = sumsOf(table, key);
+    addFields(sums.numbers, fields, record);
+    if constexpr (requires { record.reliability; }) sums.reliability = record.reliability;
 }
 
 void addDetails(SeriesTable& table, const SnapPort& port) {
-    for (const SnapNet& net : std::span(port.nets, port.netCount)) {
-        if (table.rules.hosts) addMulticastHosts(table, port.port, net);
-        if (table.rules.subjects != nullptr) addSubjects(table, port.port, net);
+    const auto add = [&table](const RowKey& key, const auto& fields, const auto& record) {
+        addHost(table, key, fields, record);
+    };
+    for (const SnapNet& net : netsOf(port)) {
+        if (table.rules.hosts) eachHostRow(port, net, add);
+        if (table.rules.subjects == nullptr) continue;
+        eachSubjectRow(port, net, [&table](const RowKey& key, const SnapSubject& subject) {
+            if (sublistMatch(table.rules.subjects, subject.subject) == nullptr) return;
+            addFields(sumsOf(table, key).numbers, kSubjectFields, subject);
+        });
     }
-    if (!table.rules.hosts) return;
-    addHosts(table, SeriesKind::kRetransmissionHost, port.port, kRetransmissionFields,
-             rlHostsOf(port));
-    addHosts(table, SeriesKind::kPointToPointHost, port.port, kPointToPointFields,
-             ptpHostsOf(port));
+    if (table.rules.hosts) eachHostRow(port, add);
 }
 
 void addHead(SeriesTable& table, const SnapHeader& snapshot) {
@@ -221,7 +157,7 @@ void removeExpired(SeriesTable& table) {
     uint32_t kept = 0;
     for (const SeriesRow& row : rowsOf(rows)) {
         if (isExpired(table, row)) {
-            table.rowSeries -= seriesOfKind(row.key.kind);
+            table.rowSeries -= seriesOfKind(seriesKindOf(row.key));
             freeSubject(row);
         } else {
             rows.rows[kept++] = row;
@@ -246,11 +182,10 @@ void seriesAdd(SeriesTable& table, const SnapHeader& snapshot) {
     }
     table.leftOutSeries = 0;
     addHead(table, snapshot);
-    const std::span<const SnapPort> ports(snapshot.ports, snapshot.portCount);
-    for (const SnapPort& port : ports) {
+    for (const SnapPort& port : portsOf(snapshot)) {
         addWhole(table, port);
     }
-    for (const SnapPort& port : ports) {
+    for (const SnapPort& port : portsOf(snapshot)) {
         addDetails(table, port);
     }
     const auto expired = [&table](const SeriesRow& row) { return isExpired(table, row); };

@@ -28,7 +28,9 @@
 #include "lib/containers/sublist.h"
 #include "trace/counts/snapshot.h"
 #include "watch/core/row_table.h"
+#include "watch/core/snapshot_rows.h"
 
+// For each table first its sums, then its hosts.
 enum class SeriesKind : uint8_t {
     kMulticastGroup,
     kMulticastHost,
@@ -56,20 +58,10 @@ struct SeriesSums {
     double reliability;  // of kMulticastHost: the latest
 };
 
-// What a row stands for, in the words of the Snapshot; what its kind doesn't have is 0.
-struct SeriesKey {
-    SeriesKind kind;
-    uint16_t port;
-    uint16_t scid;
-    uint32_t group;
-    uint32_t host;
-    const uint8_t* subject;  // packed; of a row its own copy
-};
-
 struct SeriesRow {
     uint32_t hash;
     uint32_t silentIntervals;
-    SeriesKey key;
+    RowKey key;  // its subject is a copy of the row's own
     SeriesSums sums;
 };
 
@@ -91,6 +83,10 @@ struct SeriesTable {
     uint64_t faults[kFaultKinds];
     uint64_t intervals;
 };
+
+[[nodiscard]] constexpr SeriesKind seriesKindOf(const RowKey& key) {
+    return static_cast<SeriesKind>(2 * static_cast<int>(key.table) + (key.hasHost ? 1 : 0));
+}
 
 // How many series a row of the kind has.
 [[nodiscard]] uint32_t seriesOfKind(SeriesKind kind);

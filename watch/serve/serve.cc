@@ -214,7 +214,7 @@ bool writeHistoryOfTotals(JsonBuffer& out) {
     return !out.failed;
 }
 
-bool writeHistoryOfRow(const HistoryKey& row, JsonBuffer& out) {
+bool writeHistoryOfRow(const RowKey& row, JsonBuffer& out) {
     const LockGuard guard(serve.lock);
     historyAppendRow(out, serve.history, row, intervalSeconds());
     return !out.failed;

@@ -48,7 +48,7 @@ struct ServerAnswers {
 
     bool (*metrics)(JsonBuffer& out);
     bool (*historyOfTotals)(JsonBuffer& out);
-    bool (*historyOfRow)(const HistoryKey& row, JsonBuffer& out);
+    bool (*historyOfRow)(const RowKey& row, JsonBuffer& out);
     bool (*health)(JsonBuffer& out);
 };
 

@@ -7,6 +7,7 @@
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
 #include "trace/counts/snapshot_totals.h"
+#include "watch/core/snapshot_rows.h"
 
 namespace {
 
@@ -56,7 +57,7 @@ void gatherNet(std::vector<Incoming>& all,
         if (net.hostCount != 0) all.push_back(row);
         return;
     }
-    for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount)) {
+    for (const SnapSubject& subject : subjectsOf(net)) {
         row.subject = subject.subject;
         row.snapSubject = &subject;
         all.push_back(row);
@@ -69,7 +70,7 @@ bool portHasRow(TopTable table, const SnapPort& port) {
 
 std::vector<Incoming> gather(TopTable table, const SnapHeader& snapshot) {
     std::vector<Incoming> all;
-    for (const SnapPort& port : std::span(snapshot.ports, snapshot.portCount)) {
+    for (const SnapPort& port : portsOf(snapshot)) {
         if (!topTableInfo(table).hasGroups) {
             if (!portHasRow(table, port)) continue;
             all.push_back({.port = hostOrder16(port.port),
@@ -80,7 +81,7 @@ std::vector<Incoming> gather(TopTable table, const SnapHeader& snapshot) {
                            .snapSubject = nullptr});
             continue;
         }
-        for (const SnapNet& net : std::span(port.nets, port.netCount)) {
+        for (const SnapNet& net : netsOf(port)) {
             gatherNet(all, table, port, net);
         }
     }
@@ -119,7 +120,7 @@ void appendTwoSided(TopRows& to,
 }
 
 void appendMulticast(TopRows& to, const SnapNet& net, uint64_t* sums) {
-    for (const SnapHost& host : std::span(net.hosts, net.hostCount)) {
+    for (const SnapHost& host : hostsOf(net)) {
         uint64_t* const numbers =
             appendHost(to, host.host, host.port, FieldSide::kOnly, host.reliability);
         topNumbersAdd(kMulticastFields, host, FieldSide::kOnly, numbers);
@@ -128,7 +129,7 @@ void appendMulticast(TopRows& to, const SnapNet& net, uint64_t* sums) {
 }
 
 void appendSubject(TopRows& to, const SnapSubject& subject, uint64_t* sums) {
-    for (const SnapSubjectHost& host : std::span(subject.hosts, subject.hostCount)) {
+    for (const SnapSubjectHost& host : sendersOf(subject)) {
         uint64_t* const numbers = appendHost(to, host.host, host.port, FieldSide::kOnly, 0);
         topNumbersAdd(kSubjectSenderFields, host, FieldSide::kOnly, numbers);
     }
@@ -141,13 +142,9 @@ void appendContent(TopRows& to, const Incoming& row, uint64_t* sums) {
         case TopTable::kMulticast:
             return appendMulticast(to, *row.net, sums);
         case TopTable::kRetransmission:
-            return appendTwoSided(to, kRetransmissionFields,
-                                  std::span<const SnapRlHost>(port.rlHosts, port.rlHostCount),
-                                  sums);
+            return appendTwoSided(to, kRetransmissionFields, rlHostsOf(port), sums);
         case TopTable::kPointToPoint:
-            return appendTwoSided(to, kPointToPointFields,
-                                  std::span<const SnapPtpHost>(port.ptpHosts, port.ptpHostCount),
-                                  sums);
+            return appendTwoSided(to, kPointToPointFields, ptpHostsOf(port), sums);
         case TopTable::kSubjects:
             return appendSubject(to, *row.snapSubject, sums);
     }
