@@ -254,33 +254,4 @@ TEST_F(Log, PacesTheLinesOfOneCauseOnceAskedTo) {
     EXPECT_EQ(errors(), wanted);
 }
 
-// Four threads log, a fifth writes reports to the stream by itself, and the file rotates all the
-// time, by the reports too: each line comes out whole and once.
-TEST_F(Log, LinesOfManyThreadsNeverMix) {
-    constexpr int kThreads = 4;
-    ASSERT_EQ(open(2000, 1000), kStatusSuccess);
-    FILE* stream = logStreamGet();
-    std::multiset<std::string> written[kThreads + 1], expected, found;
-    race(kThreads + 1, 300, [&](int thread, int round) {
-        const std::string text = std::string(static_cast<size_t>(round % 100), '.') +
-                                 std::to_string(thread) + " " + std::to_string(round);
-        written[thread].insert(thread < kThreads ? line(text) : text + "\n");
-        if (thread < kThreads) return logPrint("%s", text.c_str());
-        std::fprintf(stream, "%s\n", text.c_str());
-        if (round % 10 == 0) std::fflush(stream);
-        logCheckRotation();
-    });
-    logClose();
-    for (std::multiset<std::string>& each : written) {
-        expected.merge(each);
-    }
-    for (const auto& [name, text] : files()) {
-        std::istringstream lines(text);
-        for (std::string each; std::getline(lines, each);) {
-            found.insert(each + "\n");
-        }
-    }
-    EXPECT_EQ(found, expected);
-}
-
 }  // namespace

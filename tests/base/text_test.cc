@@ -125,23 +125,4 @@ TEST(DateTime, AgreesWithTheSystemsCalendarFromYear1On) {
     }
 }
 
-// There is no year 0, and leap years are mirrored there.
-TEST(DateTime, CountsDaysThroughYearZero) {
-    const std::pair<int64_t, Fields> cases[] = {
-        {kYear1 - 1, {-1, 12, 31, 23, 59, 59}},
-        {kYear1 - 365 * kDay, {-1, 1, 1, 0, 0, 0}},
-        {kYear1 - 366 * kDay, {-2, 12, 31, 0, 0, 0}},
-        {kYear1 - (1461 - 59) * kDay, {-4, 2, 29, 0, 0, 0}},
-        {kYear1 - (1461 - 60) * kDay, {-4, 3, 1, 0, 0, 0}},
-        {INT64_MIN, {-292277022658, 1, 26, 8, 29, 52}},
-        {INT64_MAX, {292277026596, 12, 4, 15, 30, 7}},
-    };
-    for (const auto& [seconds, expected] : cases) {
-        EXPECT_EQ(split(seconds), expected) << seconds;
-    }
-    CalendarTime none{1, 1, 1, 1, 1, 1};
-    calendarFrom(INT64_MAX, &none);  // no calendar holds that year
-    EXPECT_EQ(none, CalendarTime());
-}
-
 }  // namespace

@@ -15,12 +15,12 @@ import subprocess
 import sys
 import tempfile
 import termios
-import threading
 import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "e2e"))
 from bus_client import Daemon  # noqa: E402
+from lives_relay import Relay  # noqa: E402
 from live_run import wait_until  # noqa: E402
 
 
@@ -34,64 +34,6 @@ def local(*words, **kwargs):
 
 def start(*words, **kwargs):
     return subprocess.Popen([PROGRAM, "--local", *words], stderr=subprocess.PIPE, **kwargs)
-
-
-class Relay:
-    """A link to a daemon, which may be slow. The first connection may stall for good after so many bytes
-    to the daemon, until it is cut. Bytes that have the pattern wait for the go."""
-
-    def __init__(self, port):
-        self.target = port
-        self.rate = None  # bytes a second to the daemon
-        self.most = self.pattern = None
-        self.stalled, self.cut, self.go = threading.Event(), threading.Event(), threading.Event()
-        self.server = socket.create_server(("127.0.0.1", 0))
-        self.port = self.server.getsockname()[1]
-        threading.Thread(target=self.serve, daemon=True).start()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.cut.set()
-        self.go.set()
-        self.server.shutdown(socket.SHUT_RDWR)
-        self.server.close()
-
-    def serve(self):
-        while True:
-            try:
-                client = self.server.accept()[0]
-            except OSError:
-                return
-            daemon = socket.create_connection(("127.0.0.1", self.target))
-            most, self.most = self.most, None
-            threading.Thread(target=self.pass_on, args=(client, daemon, self.rate, most), daemon=True).start()
-            threading.Thread(target=self.pass_on, args=(daemon, client, None, None), daemon=True).start()
-
-    def pass_on(self, source, to, rate, most):
-        passed = 0
-        try:
-            while most is None or passed < most:
-                data = source.recv(20000)
-                if not data:
-                    to.shutdown(socket.SHUT_WR)
-                    return
-                if self.pattern and self.pattern in data:
-                    self.stalled.set()
-                    self.go.wait()
-                to.sendall(data)
-                passed += len(data)
-                if rate:
-                    time.sleep(len(data) / rate)
-            self.stalled.set()
-            self.cut.wait()
-            source.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            to.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        finally:
-            source.close()
 
 
 class Pelmobus(unittest.TestCase):
@@ -362,30 +304,6 @@ class OverADaemon(unittest.TestCase):
             self.assertEqual(end.stderr.readline(), b"connected\n")
         return accept, connect
 
-    def test_a_circuit_carries_all_lines_in_order_both_ways(self):
-        accept, connect = self.circuit()
-        accept.stdin.write(b"back\n")
-        accept.stdin.close()
-        self.assertEqual(connect.stdout.readline(), b'LINE {line="back"}\n')
-        # A second end finds it taken.
-        late = self.bus("circuit", "connect", "C", "--seconds=0.1")
-        self.assertEqual(late.returncode, 3, late.stderr)
-        out, err = connect.communicate(b"".join(b"%d\n" % i for i in range(20000)), timeout=30)
-        self.assertEqual((connect.returncode, out, err), (0, b"", b""))
-        accept.stdin = None
-        self.assertEqual(self.ended(accept),
-                         "".join('LINE {line="%d"}\n' % i for i in range(20000)))
-
-    def test_a_connecting_end_waits_for_what_it_counts(self):
-        accept = self.start("circuit", "accept", "C", stdin=subprocess.PIPE)
-        connect = self.start("circuit", "connect", "C", "--count=2", stdin=subprocess.DEVNULL)
-        self.assertEqual(connect.stderr.readline(), b"connected\n")
-        with self.assertRaises(subprocess.TimeoutExpired):
-            connect.wait(0.2)
-        self.assertEqual(accept.communicate(b"a\nb\n", timeout=30)[0], b"")
-        self.assertEqual((connect.wait(30), accept.returncode), (0, 0))
-        self.assertEqual(connect.stdout.read(), b'LINE {line="a"}\nLINE {line="b"}\n')
-
     def test_a_circuit_ends_with_its_end_in_order_or_not(self):
         for number in (signal.SIGTERM, signal.SIGKILL):
             for which in (0, 1):
@@ -433,19 +351,21 @@ class OverADaemon(unittest.TestCase):
         self.assertRegex(connect.stderr.read(), b"circuit connect C: not all has left: |send LINE: Not connected")
 
     def test_listening_is_said_once_the_daemon_knows(self):
-        with Relay(self.daemon.port) as relay:
-            relay.pattern = b"\6mtype\0\x08\x02L"
-            listener = subprocess.Popen([PROGRAM, "--service", "7500:", "--daemon", "127.0.0.1:%d" % relay.port,
-                                         "listen", "A", "--count", "1"],
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-            self.addCleanup(listener.communicate)
-            self.addCleanup(listener.kill)
-            self.assertTrue(relay.stalled.wait(30))
-            self.assertEqual(select.select([listener.stderr], [], [], 0.5)[0], [])
-            relay.go.set()
-            self.assertEqual(listener.stderr.readline(), b"listening on A\n")
-            self.bus("send", "A")
-            self.assertEqual(listener.wait(30), 0)
+        relay = Relay(self.daemon.port)
+        self.addCleanup(relay.close)
+        relay.line.holds = b"\6mtype\0\x08\x02L"
+        listener = subprocess.Popen([PROGRAM, "--service", "7500:", "--daemon", "127.0.0.1:%d" % relay.port,
+                                     "listen", "A", "--count", "1"],
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(listener.communicate)
+        self.addCleanup(listener.kill)
+        wait_until(lambda: not relay.line.open.is_set(), "its interest")
+        self.assertEqual(select.select([listener.stderr], [], [], 0.5)[0], [])
+        relay.line.holds = None
+        relay.line.open.set()
+        self.assertEqual(listener.stderr.readline(), b"listening on A\n")
+        self.bus("send", "A")
+        self.assertEqual(listener.wait(30), 0)
 
     def test_a_broken_connection_is_waited_for_where_that_is_asked_for(self):
         listener = self.start("listen", "W", "--count", "3")
@@ -511,61 +431,6 @@ class OverADaemon(unittest.TestCase):
         self.assertIn(b"%d messages not sent: Operation interrupted (51)\n" % (1000000 - taken), err)
         self.assertIn(b"not all has left: ", err)
         self.ended(senders[1])
-
-    def test_a_send_ends_once_all_has_left(self):
-        listener = self.start("listen", "S", "--count=16000", "--quiet")
-        with Relay(self.daemon.port) as relay:
-            relay.rate = 2_000_000  # all takes longer than a close without progress may
-            self.connection = ["--daemon", "127.0.0.1:%d" % relay.port]
-            sent = self.bus("send", "S", "--count=16000", "--size=900")
-            self.assertEqual(sent.returncode, 0, sent.stderr)
-            self.assertTrue(sent.stderr.endswith(b"sent 16000\n"), sent.stderr)
-        self.ended(listener)
-
-    def test_a_send_whose_daemon_dies_as_it_ends_says_so(self):
-        for more in (100, 3000):  # the daemon's system takes all, or not
-            with self.subTest(more):
-                self.a_send_whose_daemon_dies(more)
-                self.setUp()
-
-    def a_send_whose_daemon_dies(self, more):
-        listener = self.start("listen", "D", "--count=1")
-        sender = self.start("send", "D", "--lines", stdin=subprocess.PIPE)
-        sender.stdin.write(b"first\n")
-        sender.stdin.flush()
-        self.ended(listener)
-        os.kill(self.daemon.popen.pid, signal.SIGSTOP)
-        sender.stdin.write(b"more\n" * more)
-        sender.stdin.close()
-        sender.stdin = None
-        time.sleep(1)  # all is with the daemon's system by then, and the end awaited
-        self.daemon.popen.kill()
-        _, err = sender.communicate(timeout=30)
-        self.assertEqual(sender.returncode, 1, err)
-        self.assertRegex(err, b"pelmobus: send D: (not all has left|[0-9]+ messages lost with the connection): ")
-        self.assertIn(b"\nsent %d\n" % (1 + more), err)
-
-    def test_a_break_in_a_burst_repeats_nothing(self):
-        listener = self.start("listen", "B", "--json")
-        with Relay(self.daemon.port) as relay:
-            relay.most = 1_500_000  # of the first connection
-            self.connection = ["--daemon", "127.0.0.1:%d" % relay.port]
-            sender = self.start("send", "B", "--count=60", "--size=1000000", "--sequence", "--wait")
-            relay.stalled.wait(30)
-            time.sleep(1)  # more is queued by then than may wait
-            relay.cut.set()
-            _, err = sender.communicate(timeout=60)
-        numbers = []
-        while not numbers or numbers[-1] != 60:
-            fields = json.loads(listener.stdout.readline())["fields"]
-            numbers.append([f["value"] for f in fields if f["name"] == "seq"][0])
-        self.assertEqual(numbers, sorted(set(numbers)))
-        # The gap is reported.
-        self.assertLess(len(numbers), 60)
-        self.assertEqual(sender.returncode, 1, err)
-        lost = int(re.search(rb": send B: (\d+) messages lost with the connection", err).group(1))
-        self.assertAlmostEqual(len(numbers) + lost, 60, delta=5)  # what systems held is estimated
-        self.assertTrue(err.endswith(b"\nsent 60\n"), err)
 
     def test_ends_at_a_signal_while_it_connects(self):
         with socket.create_server(("127.0.0.1", 0)) as silent:

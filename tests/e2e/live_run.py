@@ -109,10 +109,6 @@ def descriptors(process):
     return len(os.listdir("/proc/%d/fd" % process.popen.pid))
 
 
-def threads(process):
-    return len(os.listdir("/proc/%d/task" % process.popen.pid))
-
-
 def resident_bytes(pid):
     with open("/proc/%d/statm" % pid) as statm:
         return int(statm.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")

@@ -18,6 +18,7 @@ class Line:
     def __init__(self, rate=0, piece=PIECE, delay=0.0):
         self.rate, self.piece, self.delay = rate, piece, delay
         self.open = threading.Event()  # cleared: nothing moves
+        self.holds = None  # bytes that clear it when they come
         self.open.set()
 
 
@@ -59,6 +60,8 @@ class Relay:
                 with self.lock:
                     self.moving += len(data)
                 try:
+                    if line.holds and line.holds in data:
+                        line.open.clear()
                     line.open.wait()
                     if line.rate or line.delay:
                         time.sleep(line.delay + (len(data) / line.rate if line.rate else 0))

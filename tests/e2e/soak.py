@@ -7,6 +7,7 @@ report may be missing, and no packet.
 """
 
 import argparse
+import contextlib
 import os
 import pathlib
 import subprocess
@@ -15,12 +16,13 @@ import tempfile
 import threading
 import time
 
-from live_run import Process, Tool, open_wire, read_reports, sent_totals, total_of, wait_until
+from live_run import (Process, Tool, descriptors, open_wire, read_reports, resident_bytes, sent_totals, total_of,
+                      wait_until)
 
 RATE = 3000
 PHASE_SECONDS = 4
 POPULATIONS = ((50, 1, 7500), (400, 2, 7510), (100, 3, 7520), (200, 1, 7530))
-# The heap stands in huge pages of 2 MB, and resident memory moves by these. Subjects that stayed
+# The heap is in huge pages of 2 MB, and resident memory moves by these. Subjects that stayed
 # would come to 7 MB a minute.
 SLACK_KB = 4096
 
@@ -49,11 +51,6 @@ class Reader(threading.Thread):
             self.packets += total_of([report]) + total_of([report], column=3)
 
 
-def memory_kb(pid):
-    with open("/proc/%d/status" % pid, encoding="ascii") as status:
-        return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
-
-
 def phase(number, pelmogen, wire):
     hosts, ports, first_port = POPULATIONS[number % len(POPULATIONS)]
     return Process(pelmogen, *wire.send, "--rate", RATE, "--count", RATE * PHASE_SECONDS,
@@ -65,65 +62,53 @@ def phase(number, pelmogen, wire):
 
 
 def soak(options, wire, folder):
+    """Prints what was seen; answers what was wrong with it."""
     pipe_out, pipe_in = os.pipe()
-    tool = Tool(options.binary, folder / "tool", "-i", wire.interface, "-u", "1", "-addrinfo",
-                "-ptp", "-hostmsgs", "-w", "w.pcap", "-w-max-size", "1", "-w-max-rotations", "2",
-                stdout=pipe_in)
-    os.close(pipe_in)
-    sender = None
-    samples = []  # seconds, kilobytes, descriptors, behind each phase
-    try:
+    samples = []  # kilobytes and descriptors after each phase
+    with contextlib.ExitStack() as ends:
+        tool = Tool(options.binary, folder / "tool", "-i", wire.interface, "-u", "1", "-addrinfo",
+                    "-ptp", "-hostmsgs", "-w", "w.pcap", "-w-max-size", "1", "-w-max-rotations", "2",
+                    stdout=pipe_in)
+        ends.callback(tool.close)
+        os.close(pipe_in)
         reader = Reader(os.fdopen(pipe_out, errors="replace"))
         wait_until(lambda: len(reader.elapsed) >= 1, "a report")
-        began, sent = time.monotonic(), 0
-        first_reports = len(reader.elapsed)
+        began, sent, first_reports = time.monotonic(), 0, len(reader.elapsed)
         while time.monotonic() - began < options.seconds:
             sender = phase(len(samples), options.pelmogen, wire)
+            ends.callback(sender.close)
             sent += sent_totals(sender.popen.communicate(timeout=60)[0])["data"]
-            samples.append((time.monotonic() - began, memory_kb(tool.popen.pid),
-                            len(os.listdir("/proc/%d/fd" % tool.popen.pid))))
+            samples.append((resident_bytes(tool.popen.pid) >> 10, descriptors(tool)))
         seconds, reports = time.monotonic() - began, len(reader.elapsed) - first_reports
         wait_until(lambda: reader.packets >= sent, "the last packets")
         status, stopped_in = tool.stop()
         reader.join(10)
-        return judge(samples, {"seconds": seconds, "reports": reports, "elapsed": reader.elapsed,
-                               "sent": sent, "counted": reader.packets, "status": status,
-                               "stopped in": stopped_in})
-    finally:
-        for process in (tool, sender):
-            if process:
-                process.close()
 
-
-def judge(samples, run):
-    """Prints what was seen; answers what was wrong with it."""
     settled = 2 * len(POPULATIONS)
-    early, late = samples[settled:2 * settled], samples[-settled:]
-    before, after = (max(kilobytes for _, kilobytes, _ in part) for part in (early, late))
-    descriptors = {count for _, _, count in samples}
-    print("%.0f seconds, %d reports, %d of %d packets counted; %d KB at first, %d KB in the end; "
-          "%s descriptors" % (run["seconds"], run["reports"], run["counted"], run["sent"], before,
-                              after, sorted(descriptors)))
+    before, after = (max(kilobytes for kilobytes, _ in part)
+                     for part in (samples[settled:2 * settled], samples[-settled:]))
+    counts = sorted({count for _, count in samples})
+    print("%.0f seconds, %d reports, %d of %d packets counted; %d KB at first, %d KB in the end; %s descriptors"
+          % (seconds, reports, reader.packets, sent, before, after, counts))
     wrong = {
         "memory grows": after > before + SLACK_KB,
-        "descriptors change": max(descriptors) - min(descriptors) > 0,
-        "reports are missing": abs(run["reports"] - run["seconds"]) > 2,
-        "an interval is odd": not all(0.5 <= seconds <= 1.5 for seconds in run["elapsed"]),
-        "packets are missing": run["counted"] != run["sent"],
-        "the end isn't orderly": run["status"] != 0 or run["stopped in"] > 1,
+        "descriptors change": len(counts) > 1,
+        "reports are missing": abs(reports - seconds) > 2,
+        "an interval is odd": not all(0.5 <= elapsed <= 1.5 for elapsed in reader.elapsed),
+        "packets are missing": reader.packets != sent,
+        "the end isn't orderly": status != 0 or stopped_in > 1,
     }
     return [what for what, is_so in wrong.items() if is_so]
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
-    parser.add_argument("binary", type=lambda path: pathlib.Path(path).resolve())
-    parser.add_argument("pelmogen", type=lambda path: pathlib.Path(path).resolve())
+    for name in ("binary", "pelmogen"):
+        parser.add_argument(name, type=lambda path: pathlib.Path(path).resolve())
     parser.add_argument("--seconds", type=int, default=600, help="at least 100")
     options = parser.parse_args()
-    wire = open_wire()
     with tempfile.TemporaryDirectory() as folder:
-        wrong = soak(options, wire, pathlib.Path(folder))
+        wrong = soak(options, open_wire(), pathlib.Path(folder))
     if wrong:
         sys.exit("soak: " + ", ".join(wrong))
 

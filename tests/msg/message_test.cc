@@ -171,45 +171,6 @@ TEST(Message, KeepsTheBytesOfAFieldThatItCannotDecode) {
     EXPECT_EQ(Bytes(bytes, bytes + field.size), (Bytes{8, 9}));
 }
 
-TEST(Message, RefusesHeadsThatClaimTooMuch) {
-    Bytes bytes = kEmpty;
-    pelmoMsg* out = nullptr;
-    EXPECT_EQ(pelmoMsg_CreateFromBytes(&out, nullptr), kStatusInvalidMessage);
-    for (const uint8_t length : Bytes{0, 4, 7}) {
-        bytes[3] = length;
-        EXPECT_EQ(pelmoMsg_CreateFromBytes(&out, bytes.data()), kStatusCorruptMessage);
-    }
-    bytes[4] = 0;
-    EXPECT_EQ(pelmoMsg_CreateFromBytes(&out, bytes.data()), kStatusInvalidMessage);
-
-    Buffer* buffer = bufferCreate(40);
-    ASSERT_NE(buffer, nullptr);
-    std::memset(buffer->data, 0, 40);
-    const struct {
-        uint32_t offset, length, magic;
-        pelmoStatus status;
-    } heads[] = {
-        {0, 40, kMessageMagic, kStatusSuccess},
-        {0, 41, kMessageMagic, kStatusCorruptMessage},
-        {8, 33, kMessageMagic, kStatusCorruptMessage},
-        {8, UINT32_MAX, kMessageMagic, kStatusCorruptMessage},
-        {8, 7, kMessageMagic, kStatusCorruptMessage},
-        {8, 8, kMessageDead, kStatusInvalidMessage},
-        {32, 8, kMessageMagic, kStatusSuccess},
-    };
-    for (const auto& [offset, length, magic, status] : heads) {
-        storeBe32At(buffer->data + offset, length);
-        storeBe32At(buffer->data + offset + 4, magic);
-        out = nullptr;
-        EXPECT_EQ(msgCreateOverBuffer(&out, buffer, offset), status);
-        EXPECT_EQ(Message(out) != nullptr, status == kStatusSuccess);
-    }
-    for (const uint32_t offset : {33u, 40u, UINT32_MAX})
-        EXPECT_EQ(msgCreateOverBuffer(&out, buffer, offset), kStatusInvalidMessage);
-    EXPECT_EQ(buffer->refCount.load(), 1u);
-    bufferRelease(buffer);
-}
-
 TEST(Message, LivesAsLongAsItHasHolders) {
     pelmoMsg* msg = newMessage().release();
     msgRetain(msg);

@@ -183,10 +183,14 @@ TEST_F(DaemonCloses, AreBoundedByTheirCaller) {
     EXPECT_GT(unsent.waitingBytes, kMostWaitingBytes);
     EXPECT_GT(unsent.waitingMessages, kMostWaitingBytes / kPartBytes / 2);
     EXPECT_EQ(unsent.lostMessages, 0u);
+    testing::internal::CaptureStderr();
     EXPECT_LT(secondsOf([&] {
                   EXPECT_EQ(pelmoTransport_DestroyWithin(transport, 0), kStatusDeliveryFailed);
               }),
               kAtOnceSeconds);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find(": the end of the connection to the daemon left "), std::string::npos)
+        << log;
     sending.join();
     daemon.openGate();
 }

@@ -1,5 +1,8 @@
 #include "lib/runtime/io_events.h"
 
+#include <latch>
+
+#include "lib/runtime/event_manager.h"
 #include "lib/runtime/socket_error.h"
 #include "tests/runtime/event_stand.h"
 #include "tests/support/fail_alloc.h"
@@ -215,6 +218,31 @@ TEST_F(PollSets, WaitOnDespiteAHangUpThatFiresNothing) {
     pollSetPrepare(&set);
     set.pass[0].revents = POLLHUP | POLLPRI;
     EXPECT_NE(firstReady(2), nullptr);
+}
+
+// On real clocks, with the threads of the event manager: each queue has a set of its own.
+TEST(EventManager, TakesOneTo128IoThreads) {
+    const RuntimeTables tables;
+    ASSERT_EQ(EventManager_Start(), kStatusSuccess);
+    EXPECT_EQ(EventManager_StartIo(0), kStatusInvalidArgument);
+    EXPECT_EQ(EventManager_StartIo(129), kStatusInvalidArgument);
+    ASSERT_EQ(EventManager_StartIo(3), kStatusSuccess);
+    const SocketPair pair;
+    std::latch ready{2};
+    const auto fireOnce = [](uint32_t event, pelmoMsg*, void*) {
+        const auto countDown = [](uint32_t, void* latch) {
+            static_cast<std::latch*>(latch)->count_down();
+        };
+        pelmoEvent_DestroyEx(event, countDown);
+    };
+    for (const uint32_t queue : {6u, 7u}) {
+        uint32_t event = kNoId;
+        EXPECT_EQ(pelmoEvent_CreateIO(&event, queue, fireOnce, pair.ends[0], kIoRead, &ready),
+                  kStatusSuccess);
+    }
+    pair.ready();
+    ready.wait();
+    EventManager_Stop();
 }
 
 TEST(SocketError, MapsErrnoToNumbersWithTexts) {

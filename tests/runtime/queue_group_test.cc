@@ -113,21 +113,4 @@ TEST_F(Groups, AreAllSignalledByAPostHoweverMany) {
     }
 }
 
-TEST_F(Groups, AreInOrderOnceAllPrioritiesHaveChanged) {
-    const Ids queues = makeQueuesIn(group, {1, 2, 3});
-    const auto change = [](uint32_t queue, uint32_t last) {
-        for (uint32_t i = 0; i < 300; ++i)
-            EXPECT_EQ(pelmoQueue_SetPriority(queue, i * 7 % 11), kStatusSuccess);
-        EXPECT_EQ(pelmoQueue_SetPriority(queue, last), kStatusSuccess);
-    };
-    std::thread first(change, queues[0], 30), second(change, queues[1], 20);
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_EQ(pelmoQueueGroup_Remove(group, queues[2]), kStatusSuccess);
-        EXPECT_EQ(pelmoQueueGroup_Add(group, queues[2]), kStatusSuccess);
-    }
-    first.join();
-    second.join();
-    EXPECT_EQ(queuesOf(group), queues);
-}
-
 }  // namespace

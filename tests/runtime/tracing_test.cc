@@ -2,8 +2,6 @@
 
 #include "lib/runtime/tracing.h"
 
-#include <array>
-#include <bit>
 #include <cstdio>
 #include <sstream>
 
@@ -188,49 +186,6 @@ TEST_F(Tracing, FiltersMessagesBySubject) {
         "[TPORT] sent: (Q) {a=1}",
     };
     EXPECT_EQ(written(), expected);
-}
-
-TEST_F(Tracing, CutsMessageLines) {
-    start("RECV");
-    const Message message = messageOn("A");
-    EXPECT_EQ(pelmoMsg_AddString(message.get(), "t", std::string(2000, 'z').c_str(), 0),
-              kStatusSuccess);
-    const auto held = [&message] {  // by the message, for its readers
-        return std::bit_cast<std::array<uint32_t, 4>>(msgMark(message.get()));
-    };
-    const auto before = held();
-    EXPECT_EQ(Trace_Message(kTraceReceive, message.get(), "call"), kStatusSuccess);
-    EXPECT_EQ(held(), before);
-    EXPECT_EQ(Trace_Message(kTraceReceive, message.get(), "%s", std::string(3000, 'y').c_str()),
-              kStatusSuccess);
-    const std::string begin = "call: (A) {a=1 t=\"";
-    const Lines expected = {"[RECV] " + begin + std::string(1023 - begin.size(), 'z'),
-                            "[RECV] " + std::string(1023, 'y')};
-    EXPECT_EQ(written(), expected);
-}
-
-TEST_F(Tracing, ShowsItsSettings) {
-    // What it prints: where to, the row of advisories, and that of receipts.
-    const auto expectShown = [](const char* output, const char* advisories) {
-        testing::internal::CaptureStderr();
-        Tracing_Show();
-        const std::string shown = testing::internal::GetCapturedStderr();
-        EXPECT_TRUE(shown.starts_with(std::string("Output directed to: ") + output +
-                                      "\nMod\tVal\tFilter\nDQ\tF\tNone\n"));
-        EXPECT_NE(shown.find(std::string("\nADV\t") + advisories + "\tNone\nRECV\tT\tA.>\n"),
-                  shown.npos);
-        EXPECT_EQ(std::ranges::count(shown, '\n'), 16);
-    };
-    ASSERT_EQ(Tracing_Start("RECV=A.>", "stdout", nullptr), kStatusSuccess);
-    Tracing_Stop();  // the log goes on there
-    expectShown("stdout", "F");
-    start("ADV");  // adds to what there is; a stop keeps it
-    expectShown("file", "T");
-    Tracing_Stop();
-    EXPECT_EQ(traceOps.on, 0U);
-    expectShown("stderr", "T");
-    Tracing_Clear();
-    EXPECT_EQ(modulesOn(), "");
 }
 
 }  // namespace

@@ -123,20 +123,6 @@ TEST_F(WakeupPairs, RemakeABrokenConnection) {
     EXPECT_TRUE(wakeupPairHasEvent(pair));
 }
 
-TEST_F(WakeupPairs, CallTheirOwnerWhenRemakingFails) {
-    fails.act = [this] {
-        EXPECT_FALSE(wakeupPairHasEvent(pair));
-        EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSocketLimit);
-        noSockets.reset();
-        EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSuccess);
-    };
-    failToRemake();
-    EXPECT_EQ(fails.count, 1);
-    wakeupPairWake(pair);
-    pass();
-    EXPECT_EQ(wakes.count, 1);
-}
-
 // By their own callback; when they fail, and then their owner isn't called; or after their event.
 TEST_F(WakeupPairs, MayBeDestroyedAtAnyTime) {
     wakes.act = [this] { wakeupPairDestroy(std::exchange(pair, nullptr)); };

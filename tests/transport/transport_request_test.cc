@@ -64,17 +64,6 @@ TEST_F(Requests, AreAnswered) {
     EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "_INBOX.4"), 0u);
 }
 
-TEST_F(Requests, FailWithoutTrace) {
-    EXPECT_EQ(ask("A", "x", 0), "Operation timed out");
-    EXPECT_EQ(ask("A", "x", 0.001), "Operation timed out");
-    EXPECT_EQ(ask("_PM.X", "x", 0), "Invalid subject");
-    EXPECT_EQ(ask(nullptr, "x", 0), "Invalid subject");
-    const Message message = messageOn("A");
-    EXPECT_EQ(pelmoTransport_SendReply(kLocal, message.get(), messageOn("A").get()),
-              kStatusNotFound);
-    EXPECT_EQ(spareQueues(), 1u);
-}
-
 // The next request on the same queue isn't disturbed.
 TEST_F(Requests, DropLateAnswers) {
     TestListener server(queue, "A");
@@ -107,24 +96,6 @@ TEST_F(Requests, KeepFourQueuesAtMost) {
     };
     EXPECT_EQ(ask("A", "outer"), "re outer");
     EXPECT_EQ(spareQueues(), kMostSpareQueues);
-}
-
-TEST_F(Requests, CrossThreads) {
-    constexpr int kRequests = 200;
-    TestListener server(queue, "A");
-    server.onMessage = answer;
-    std::atomic<int> left = 2 * kRequests;
-    std::thread clients([&left] {
-        race(2, kRequests, [&left](int client, int number) {
-            const std::string text = std::to_string(client) + " " + std::to_string(number);
-            EXPECT_EQ(ask("A", text.c_str(), 60), "re " + text);
-            --left;
-        });
-    });
-    while (left != 0)
-        (void)pelmoQueue_TimedDispatch(queue, 0.001);
-    clients.join();
-    EXPECT_LE(spareQueues(), 2u);
 }
 
 }  // namespace

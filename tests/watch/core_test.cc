@@ -13,34 +13,10 @@
 #include "lib/base/sanitizer.h"
 #include "tests/support/fail_alloc.h"
 #include "watch/core/privileges.h"
-#include "watch/core/progress.h"
 #include "watch/core/text.h"
 #include "watch/json/json_writer.h"
 
 namespace {
-
-TEST(Progress, TellsWhatIsDoneAndHowLongTheRestTakes) {
-    constexpr uint64_t kGiga = 1'000'000'000;
-    const struct {
-        double seconds;
-        CaptureExtent extent;
-        const char* text;
-    } cases[] = {
-        {0, {0, 100}, ""},
-        {5, {500, 0}, ""},
-        {10, {kGiga, 4 * kGiga}, " 25%  1.0 of 4.0 GB  0:30 left"},
-        {10, {1'500'000, 3'000'000}, " 50%  1.5 of 3.0 MB  0:10 left"},
-        {3600, {1, 40}, "  2%  1.0 of 40.0 bytes  2340:00 left"},
-        {1e9, {1, 1000 * kGiga}, "  0%  0.0 of 1000.0 GB  5999:59 left"},
-        {-1, {10, 20}, " 50%  10.0 of 20.0 bytes  0:00 left"},
-        {9, {30, 20}, "100%  20.0 of 20.0 bytes  0:00 left"},
-    };
-    for (const auto& [seconds, extent, wanted] : cases) {
-        char text[kProgressBytes];
-        progressText(text, seconds, extent);
-        EXPECT_STREQ(text, wanted);
-    }
-}
 
 #ifndef PELMO_ADDRESS_SANITIZER  // whose check needs the calls
 

@@ -270,22 +270,6 @@ class Serve(ProgramCase):
         self.assertEqual(sum(b" 200 " in stream.recv(100) for stream in streams), 19)  # of an address
         wait_until(lambda: server.metrics()["pelmo_watch_event_clients"][()] == 19, "the count of a second later")
 
-    def test_slow_readers_leave_room_for_scrapes(self):
-        """All places of the address taken by followers of events and by readers that take nothing."""
-        many = self.generate("crowd.pcap", *"--count 60000 --rate 20000 --hosts 300 --subjects 20000 --round-robin".split())
-        server = self.serve(many, "-u", 1, "--pace", awaits_end=False)
-        wait_until(lambda: server.answer("/snapshot.json")[0] == 200, "an interval")
-        before = memory(server)
-        held = [self.connect(server, GET % b"events", receive_bytes=2048) for _ in range(100)]
-        for _ in range(6):
-            held += [self.connect(server, GET % (b"snapshot.json", b"metrics")[i % 2], receive_bytes=2048)
-                     for i in range(40)]
-            for path in ("/metrics", "/healthz"):
-                self.assertEqual([server.answer(path)[0] for _ in range(5)], [200] * 5)
-            time.sleep(0.6)
-        # Two texts of each kind, whatever so many readers asked for, and what they cost themselves.
-        self.assert_memory(server, before + (40 << 20))
-
     def test_a_get_that_brings_something_is_the_last(self):
         server = self.serve(self.mix)
         for header in (b"Content-Length: 5", b"Content-Length: 0", b"Transfer-Encoding: chunked"):

@@ -131,25 +131,6 @@ class Screens(ProgramCase):
         self.addCleanup(pane.close)
         return pane
 
-    def test_shows_the_tables_at_three_sizes(self):
-        cases = {
-            (40, 10): (r"^ 22:13:31  Bus 39  Faults 2 +end of file$", r"^  7502  239\.255\.0\.2 +9 +1105$",
-                       r"^ Enter hosts  / filter  \? help  q quit$"),
-            (80, 24): (r"^ bus\.pcap  2023-11-14 22:13:31  1 s +end of file$", r"^ Bus 39  Faults 2  Frames 44$",
-                       r"^ Multicast 6  Retransmission 3  Point-to-point 3  Subjects 38$",
-                       r"^ +Totals +27 +3188 +5 +3 +344 +3 +1 +-$"),
-            (200, 60): (r"^        Totals {19}27 {7}3188 {10}5 {10}3 {8}344 {10}3 {10}1 {10}-$",),
-        }
-        for (columns, lines), patterns in cases.items():
-            with self.subTest(columns=columns):
-                pane = self.pane(columns, lines)
-                pane.top(*REPLAY)
-                pane.wait_for("end of file")
-                pane.press("r")
-                pane.wait_for(*patterns)
-                self.assertRegex(pane.screen()[lines - 2], r"^ Data/s [▁▂▃▄▅▆▇█]+  ")
-                self.assertEqual(len(pane.screen()), lines)
-
     def test_follows_keys_and_sizes_and_leaves_the_terminal_as_it_was(self):
         pane = self.pane(80, 24)
         pane.wait_for(r"^\$")

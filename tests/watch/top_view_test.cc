@@ -230,36 +230,6 @@ TEST_F(TopViewTest, TextIsCutToItsColumns) {
     EXPECT_EQ(screen.lines[0].text, "  12漢");
 }
 
-TEST(NumberText, IsShortAndNeverZeroForMoreThanNone) {
-    const struct {
-        double number;
-        size_t columns;
-        const char* rate;
-        const char* count;
-    } cases[] = {
-        {0, 6, "0", "0"},
-        {0.001, 6, "<0.01", "0"},
-        {0.25, 6, "0.25", "0"},
-        {1, 6, "1.0", "1"},
-        {99.96, 6, "100", "99"},
-        {999999, 6, "999999", "999999"},
-        {999999, 5, "1.00M", "1.00M"},
-        {123456, 5, "123k", "123k"},
-        {99'950'000, 6, "100M", "100M"},
-        {1.8e19, 6, "18.0E", "18.0E"},
-    };
-    for (const auto& [number, columns, rate, count] : cases) {
-        EXPECT_EQ(rateText(number, columns), rate);
-        EXPECT_EQ(countText(static_cast<uint64_t>(number), columns), count);
-    }
-    for (const double told : {-1.0, std::nan(""), HUGE_VAL, 1e300}) {
-        EXPECT_EQ(toldText(told, 6), "-");
-    }
-    EXPECT_EQ(toldText(3600, 6), "3600");
-    EXPECT_EQ(barsText(std::vector<float>{0, 0.1F, 50, 100}, true), "▁▂▅█");
-    EXPECT_EQ(barsText(std::vector<float>{0, 0}, false), "__");
-}
-
 TEST(ReplayPace, FollowsTheCapturesTimeAtItsSpeed) {
     ReplayPace pace;
     EXPECT_EQ(paceWait(pace, 100, 5000), 0);

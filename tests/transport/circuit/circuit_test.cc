@@ -7,7 +7,6 @@
 #include "lib/base/bytes.h"
 #include "lib/containers/dpa.h"
 #include "tests/support/circuit_fixture.h"
-#include "tests/support/fail_alloc.h"
 
 namespace {
 
@@ -329,61 +328,6 @@ TEST_F(BareCircuit, TakesOneSoundRequest) {
     settle();
     EXPECT_EQ(peer.taken().size(), 2u);  // the acceptance, and a goodbye
     EXPECT_EQ(thief.taken(), Texts{});
-}
-
-TEST_F(Circuit, RefusesWhatCannotBe) {
-    uint32_t id = kNoId;
-    const char* subject = nullptr;
-    const CircuitPair pair;
-    EXPECT_EQ(vcCreateAccept(nullptr, &subject, kLocal), kStatusInvalidArgument);
-    EXPECT_EQ(vcCreateAccept(&id, nullptr, kLocal), kStatusInvalidArgument);
-    EXPECT_EQ(vcCreateConnect(&id, nullptr, kLocal), kStatusInvalidArgument);
-    for (const uint32_t none : {4711u, pair.accepting})
-        EXPECT_EQ(vcCreateAccept(&id, &subject, none), kStatusInvalidTransport);
-    const size_t objects = objectCount();
-    for (const char* bad : {"", "a..b", "_PM.X"})
-        EXPECT_EQ(vcCreateConnect(&id, bad, kLocal), kStatusInvalidSubject) << bad;
-    EXPECT_EQ(objectCount(), objects);
-    EXPECT_EQ(vcWaitForConnection(kLocal, 0), kStatusInvalidTransport);
-    EXPECT_EQ(id, kNoId);
-    EXPECT_EQ(vcCreateConnect(&id, "_INBOX.999", kLocal), kStatusSuccess);
-    EXPECT_EQ(vcWaitForConnection(id, 0.01), kStatusTimeout);
-}
-
-// What a send promised comes, or the circuit ends; and a gap doesn't go unseen.
-TEST_F(Circuit, LosesNothingUnseenWithoutMemory) {
-    const Message one = messageOn("A", "1"), two = messageOn("A", "2"), three = messageOn("A", "3");
-    pelmoMsg* both[] = {two.get(), three.get()};
-    size_t endings = 0;
-    for (size_t after = 0;; ++after) {
-        SCOPED_TRACE(after);
-        const CircuitPair pair;
-        TestListener listener(queue, "A", pair.accepting);
-        Texts promised;
-        {
-            const FailAlloc fail{.after = after};
-            if (pelmoTransport_Send(pair.connecting, one.get()) == kStatusSuccess) promised = {"1"};
-            if (pelmoTransport_Sendv(pair.connecting, both, 2) == kStatusSuccess) {
-                promised.insert(promised.end(), {"2", "3"});
-            }
-            settle();
-        }
-        const bool failed = allocationsFailed() != 0;
-        if (sendText(pair.connecting, "A", "4") == kStatusSuccess) promised.emplace_back("4");
-        settle();
-        if (stateOf(pair.accepting) == CircuitState::kConnected) {
-            EXPECT_TRUE(std::ranges::includes(listener.texts, promised));
-        } else {
-            ++endings;
-            EXPECT_TRUE(failed);
-            EXPECT_EQ(stateOf(pair.connecting), CircuitState::kDisconnected);
-        }
-        pelmoTransport_Destroy(pair.accepting);
-        pelmoTransport_Destroy(pair.connecting);
-        work();
-        if (!failed) break;
-    }
-    EXPECT_GT(endings, 0u);
 }
 
 }  // namespace

@@ -1,50 +1,14 @@
-// Start messages, replies, and the names of sessions.
+// Replies, and the names of sessions.
 
 #include "lib/transport/daemon/session.h"
 
 #include <arpa/inet.h>
 
 #include <functional>
-#include <utility>
 
 #include "tests/support/local_bus.h"
 
 namespace {
-
-constexpr SessionStart kPlainStart = {.userName = "me",
-                                      .session = "",
-                                      .service = "7500",
-                                      .network = "",
-                                      .pid = 7,
-                                      .resume = true,
-                                      .localAddress = 0,
-                                      .description = nullptr,
-                                      .httpAddress = nullptr,
-                                      .echo = true,
-                                      .hide = false,
-                                      .reliabilitySeconds = -1};
-
-TEST(Session, SaysWhatAStartHasToSay) {
-    SessionStart full = kPlainStart;
-    full.session = "1.2";
-    full.resume = full.echo = false;
-    full.localAddress = htonl(0x0a000001);
-    full.description = full.httpAddress = "";
-    full.hide = true;
-    full.reliabilitySeconds = 0;
-    const std::pair<SessionStart, const char*> cases[] = {
-        {kPlainStart, R"({mtype="I" userid="me" service="7500" network="")"
-                      R"( vmaj=8 vmin=5 vupd=2 pid=7 rc=true})"},
-        {full, R"({mtype="I" userid="me" session="1.2" service="7500" network="")"
-               R"( vmaj=8 vmin=5 vupd=2 pid=7 rc=false ipaddr=10.0.0.1)"
-               R"( descr="" http="" echo=false hide=true rli=0})"},
-    };
-    for (const auto& [start, text] : cases) {
-        pelmoMsg* made = nullptr;
-        ASSERT_EQ(sessionStartMessage(&made, start), kStatusSuccess);
-        EXPECT_EQ(shownText(HeldMessage(made).get()), text);
-    }
-}
 
 using Fill = std::function<void(pelmoMsg* reply, pelmoMsg* data)>;
 

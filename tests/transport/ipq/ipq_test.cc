@@ -16,41 +16,25 @@ const std::string kKeepAlive = streamUnit(8, 0);
 constexpr uint32_t kLargeBytes = 16'000'000;  // more than a connection holds
 const std::string kNotice = streamUnit(0, 0, 0);
 
-HelloFrame termsOf(uint32_t limitA, uint32_t limitB) {
-    HelloFrame frame;
-    ipqHelloInit(&frame);
-    storeBe32At(frame.bytes + 20, limitA);
-    storeBe32At(frame.bytes + 24, limitB);
-    return frame;
-}
-
 // What an owner gets.
 struct Owner {
     std::vector<std::string> messages;
     int errors = 0;
     size_t messagesAtError = 0;
     int closes = 0;
-    std::vector<AgeReport> reports;
-    std::function<void(Ipq*)> onBatch, onError;
 
-    static void read(Ipq* ipq, std::span<pelmoMsg* const> batch, void* closure) {
+    static void read(Ipq*, std::span<pelmoMsg* const> batch, void* closure) {
         auto* const self = static_cast<Owner*>(closure);
         for (pelmoMsg* message : batch) {
             self->messages.emplace_back(reinterpret_cast<const char*>(msgImage(message)),
                                         message->length);
             msgRelease(message);
         }
-        if (self->onBatch) self->onBatch(ipq);
     }
-    static void fail(Ipq* ipq, void* closure) {
+    static void fail(Ipq*, void* closure) {
         auto* const self = static_cast<Owner*>(closure);
         ++self->errors;
         self->messagesAtError = self->messages.size();
-        if (self->onError) self->onError(ipq);
-    }
-    static void produce(
-        Ipq*, uint32_t level, uint32_t waiting, uint32_t dropped, uint64_t bytes, void* closure) {
-        static_cast<Owner*>(closure)->reports.push_back({level, waiting, dropped, bytes});
     }
     static void close(void* closure) {
         if (closure != nullptr) ++static_cast<Owner*>(closure)->closes;
@@ -138,19 +122,6 @@ struct StandingQueue : testing::Test {
     Ipq* ipq = nullptr;
     Owner owner;
 };
-
-TEST_F(StandingQueue, KeepsTheTermsOfTheHello) {
-    const HelloFrame refused = termsOf(kHelloMostBytes + 1, 0);
-    EXPECT_EQ(open(&refused), kStatusInvalidTransport);
-    EXPECT_EQ(receiveText(peer.number(), 1), "");  // its socket is closed
-    const HelloFrame narrow = termsOf(0, 100);
-    openAndRead(&narrow);
-    EXPECT_EQ(send(streamUnit(101, 'a')), kStatusInvalidSize);
-    sendText(peer.number(), streamUnit(100, 'b') + streamUnit(101, 'c'));
-    passes();
-    EXPECT_EQ(owner.messages.size(), 1u);
-    EXPECT_EQ(owner.errors, 1);
-}
 
 TEST_F(StandingQueue, HoldsBackAndFlushes) {
     openAndRead();
@@ -356,71 +327,6 @@ TEST_F(StandingQueue, FindsALossWithoutReading) {
     EXPECT_EQ(owner.messagesAtError, 1u);
 }
 
-TEST_F(StandingQueue, ChecksTheAgeOfWhatWaits) {
-    openAndRead();
-    EXPECT_EQ(ipqSetAgeCheck(ipq, true, -1, 0, nullptr, nullptr), kStatusInvalidArgument);
-    ASSERT_EQ(ipqSetAgeCheck(ipq, true, 2, 0, Owner::produce, &owner), kStatusSuccess);
-    ASSERT_EQ(send(streamUnit(kLargeBytes, 'a')), kStatusSuccess);
-    ASSERT_EQ(send(streamUnit(3'000, 'b')), kStatusSuccess);
-    for (const double seconds : {0.5, 1.0, 1.5, 2.0})
-        timersAt(seconds);
-    EXPECT_EQ(owner.reports.size(), 0u);
-    timersAt(2.5);
-    timersAt(3.0);
-    ASSERT_EQ(owner.reports.size(), 1u);
-    EXPECT_EQ(owner.reports[0].level, 1u);
-    EXPECT_EQ(owner.reports[0].waiting, 2u);
-    EXPECT_EQ(owner.reports[0].droppedBytes, 3'000u);
-    EXPECT_EQ(received(kLargeBytes).size(), kLargeBytes);
-}
-
-// However a stream ends: the messages before the end come first, and the owner gets one report.
-TEST_F(StandingQueue, ReportsTheEndAfterTheMessages) {
-    struct Case {
-        std::string bytes;
-        bool closes;
-        std::string answer;
-    };
-    const std::string unit = streamUnit(20, 'a');
-    const Case cases[] = {
-        {unit + unit + kNotice, false, kNotice},
-        {unit + kKeepAlive + unit + streamUnit(9, 0, 1), false, ""},
-        {unit + unit + streamUnit(3, 0), false, ""},
-        {unit + unit, true, ""},
-        {unit + unit + unit.substr(0, 19), true, ""},
-    };
-    for (const Case& c : cases) {
-        openAndRead();
-        sendText(peer.number(), c.bytes);
-        if (c.closes) shutdown(peer.number(), SHUT_WR);
-        EXPECT_EQ(received(), c.answer);
-        EXPECT_EQ(owner.messages, std::vector<std::string>(2, unit));
-        EXPECT_EQ(owner.errors, 1);
-        EXPECT_EQ(owner.messagesAtError, 2u);
-        EXPECT_EQ(send(unit), kStatusInvalidIoSource);
-        EXPECT_EQ(ipqResume(ipq), kStatusInvalidIoSource);
-        ASSERT_EQ(ipqClose(std::exchange(ipq, nullptr), true, Owner::close), kStatusSuccess);
-        passes();
-        EXPECT_EQ(owner.closes, 1);
-    }
-}
-
-TEST_F(StandingQueue, PausesWithinTheCallback) {
-    openAndRead();
-    owner.onBatch = [](Ipq* self) { EXPECT_EQ(ipqPauseReading(self), kStatusSuccess); };
-    constexpr size_t kUnits = 40;
-    for (size_t i = 0; i < kUnits; ++i)
-        sendText(peer.number(), streamUnit(5'000, 'a'));
-    for (size_t before = 0; owner.messages.size() < kUnits; before = owner.messages.size()) {
-        ASSERT_EQ(ipqResume(ipq), kStatusSuccess);
-        while (owner.messages.size() == before)
-            passes();
-        const size_t paused = owner.messages.size();
-        passes();
-        EXPECT_EQ(owner.messages.size(), paused);
-    }
-}
-
 TEST_F(StandingQueue, ReadsOneMessageAndNothingAfterIt) {
     ASSERT_EQ(open(), kStatusSuccess);
     const std::string stream = streamUnit(100'000, 'a') + kKeepAlive + streamUnit(9, 'b') + kNotice;
@@ -504,7 +410,9 @@ TEST_F(StandingQueue, GracefulCloseReportsWhatItLoses) {
 
 // Nothing that may have left is to be sent again, and what certainly hasn't is known.
 TEST_F(StandingQueue, ReportsHowMuchOfAVectorMayHaveLeft) {
-    const HelloFrame terms = termsOf(0, 10'000'000);
+    HelloFrame terms;
+    ipqHelloInit(&terms);
+    storeBe32At(terms.bytes + 24, 10'000'000);
     openAndRead(&terms);
     std::vector<HeldMessage> held;
     std::vector<pelmoMsg*> messages;

@@ -203,47 +203,6 @@ struct Intruder {
     }
 };
 
-TEST(ReliableHostile, FragmentsThatContradictEachOtherAreGivenUp) {
-    const struct {
-        const char* name;
-        FragmentOption first, second;  // numbers in sequence, relative to the first one's
-        size_t secondBytes;
-    } cases[] = {
-        {"4 GB", {UINT32_MAX, 0, 0}, {UINT32_MAX, 0, 1412}, 1412},
-        {"far offset", {5000, 0, 0}, {5000, 0, 1412 * 700}, 1412},
-        {"offset that is no multiple", {5000, 0, 0}, {5000, 0, 1411}, 1412},
-        {"two sizes", {5000, 0, 0}, {2900, 0, 1412}, 1412},
-        {"beyond the end", {2000, 0, 0}, {2000, 0, 1412}, 1412},
-        {"short one in the middle", {5000, 0, 0}, {5000, 0, 1412}, 100},
-        {"number ahead of the connection", {5000, UINT64_MAX - 1, 0}, {5000, 40, 1412}, 1412},
-        {"nothing", {0, 0, 0}, {0, 0, 0}, 1},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Intruder intruder;
-        uint32_t arrived = 0;
-        intruder.net.watch.message = [&](NetHost&, const PeerAddress&, pelmoMsg* message) {
-            arrived += netMessageName(message) == 5 ? 1 : 100;
-        };
-        intruder.connect(99);
-        for (uint32_t round = 0; round < 500; ++round) {
-            FragmentOption first = c.first, second = c.second;
-            first.firstSeq += intruder.header.seq;
-            second.firstSeq += intruder.header.seq;
-            intruder.putFragment(first, kFragmentPayloadBytes);
-            intruder.putFragment(second, c.secondBytes);
-        }
-        EXPECT_LE(intruder.most, 2 * intruder.sentBytes + kRecordBytes);
-
-        // What comes behind it arrives.
-        Bytes bytes = bytesOf(intruder.header, nullptr, 20);
-        netWriteMessage(&bytes[kPacketHeaderBytes], 20, 5);
-        intruder.put(bytes);
-        EXPECT_EQ(arrived, 1u);
-        EXPECT_EQ(intruder.net.fault, "");
-    }
-}
-
 // Long messages without their last fragments, from peers that do all else by the rules.
 TEST(ReliableHostile, MessagesWithoutEndHoldBoundedMemory) {
     constexpr uint32_t kPeers = 5;

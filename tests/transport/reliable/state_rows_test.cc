@@ -41,21 +41,17 @@ TEST(ReliableStates, EachRowDoesWhatItSays) {
         // No answer to our SYN: SYN-ACK alone opens.
         {kSynSent, {0, 1, 2}, ""},
         {kSynSent, {kFlagSyn, 1, 2}, "DATA 2/2; ESTABLISHED"},
-        {kSynSent, {kFlagSyn, 1, 1}, ""},
         {kSynSent, {kFlagSyn, 1, 3}, "RST 3"},
         {kSynSent, {kFlagSyn, 1, 0}, "SYN 2/2; SYN_RECEIVED"},
-        {kSynSent, {kFlagRst, 0, 0}, ""},
 
         {kSynReceived, {0, 1, 2}, "ESTABLISHED"},
         {kSynReceived, {0, 2, 2, 1}, "ACK 1/3; ESTABLISHED; 1 taken"},
         {kSynReceived, {0, 2, 1, 1}, "RST 1"},
         {kSynReceived, {0, 1, 3}, "RST 3"},
-        {kSynReceived, {0, 1, 1}, ""},
         {kSynReceived, {kFin, 2, 2}, "ACK 1/3, FIN 2/3; LAST_ACK"},
         {kSynReceived, {kFlagSyn, 1, 0}, "SYN 1/2"},  // ours was lost
         {kSynReceived, {kFlagRst, 2, 0}, "CLOSED"},
 
-        {kEstablished, {0, 1, 2}, ""},
         {kEstablished, {0, 2, 2, 2}, "ACK 1/3; 2 taken"},
         {kEstablished, {0, 3, 2, 1}, "ACK 1/2"},  // a gap ahead of it
         {kEstablished, {0, 33, 2, 1}, "ACK 1/2"},
@@ -69,47 +65,37 @@ TEST(ReliableStates, EachRowDoesWhatItSays) {
         {kEstablished, {kNote, 2, 2, 1}, "FIN 2/3, ACK 2/3; FIN_WAIT_2; 1 taken"},
         {kEstablished, {kFin | kNote, 2, 2}, "FIN 2/3, ACK 2/3; TIME_WAIT"},
         {kEstablished, {kFlagSyn, 1, 0}, "ACK 1/2"},
-        {kEstablished, {kFlagSyn, 1, 2}, "ACK 1/2"},
         {kEstablished, {kFlagSyn, 2, 2}, "ACK 1/3"},  // where both ends opened
         {kEstablished, {kFlagRst, 2, 0}, "CLOSED"},
         {kEstablished, {kFlagRst, 33, 0}, "CLOSED"},
         {kEstablished, {kFlagRst, 34, 0}, ""},
         {kEstablished, {kFlagRst, 1, 0}, ""},
 
-        {kFinWait1, {0, 1, 2}, ""},
         {kFinWait1, {0, 1, 3}, "FIN_WAIT_2"},
         {kFinWait1, {0, 2, 2, 1}, "ACK 2/3; 1 taken"},
         {kFinWait1, {kFin, 2, 2}, "ACK 2/3; CLOSING"},
         {kFinWait1, {kFin, 2, 3}, "ACK 2/3; TIME_WAIT"},
         {kFinWait1, {kFin, 3, 3}, "FIN_WAIT_2"},  // not all that the peer sent is here
         {kFinWait1, {kNote, 1, 2}, "FIN_WAIT_2"},
-        {kFinWait1, {kFlagRst, 2, 0}, "CLOSED"},
 
-        {kFinWait2, {0, 1, 3}, ""},
         {kFinWait2, {0, 2, 3, 1}, "ACK 2/3; 1 taken"},
         {kFinWait2, {kFin, 2, 3}, "ACK 2/3; TIME_WAIT"},
         {kFinWait2, {kFin, 3, 3}, ""},
-        {kFinWait2, {kNote, 1, 3}, ""},
 
-        {kClosing, {0, 2, 2}, ""},
         {kClosing, {0, 2, 3}, "TIME_WAIT"},
         {kClosing, {0, 3, 3, 1}, "TIME_WAIT"},  // nothing comes behind a FIN
         {kClosing, {kFin, 2, 2}, "ACK 2/3"},
-        {kClosing, {kNote, 2, 2}, ""},
 
-        {kCloseWait, {0, 2, 2}, ""},
         {kCloseWait, {0, 2, 3}, "FIN 3/3; LAST_ACK"},
         {kCloseWait, {0, 3, 2, 1}, ""},
         {kCloseWait, {kFin, 2, 2}, "ACK 2/3"},
         {kCloseWait, {kNote, 2, 2}, "FIN 3/3; LAST_ACK; out lost 8"},
         {kCloseWait, {kFlagRst, 3, 0}, "SYN 1/0; SYN_SENT"},
 
-        {kLastAck, {0, 2, 2}, ""},
         {kLastAck, {0, 2, 3}, "CLOSED"},
         {kLastAck, {kFin, 2, 2}, "ACK 2/3"},
         {kLastAck, {kFlagRst, 3, 0}, "CLOSED"},
 
-        {kTimeWait, {0, 2, 3}, ""},
         {kTimeWait, {kFin, 2, 3}, "ACK 2/3"},
         {kTimeWait, {0, 3, 3, 1}, ""},
     };

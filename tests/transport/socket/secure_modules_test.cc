@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -154,51 +153,6 @@ TEST(SecureModules, ACallBeforeTheBindingEndsTheProcess) {
         EXPECT_EXIT(forwarder.call(), ExitedWithCode(2), Eq(words)) << forwarder.name;
     }
     EXPECT_EXIT((void)secureVersionText(), ExitedWithCode(2), Eq(words));
-}
-
-// Runs the program in this environment; returns what it printed and its status.
-std::string run(const std::string& environment, const std::string& program) {
-    const std::string command =
-        "env -u PM_BIN -u PM_LIB -u PELMO_REXEC FAKE_VERSION_NUMBER=1010117f " + environment + " " +
-        program + " 2>&1; echo status $?";
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string text;
-    std::array<char, 512> part{};
-    while (std::fgets(part.data(), part.size(), pipe) != nullptr) {
-        text += part.data();
-    }
-    pclose(pipe);
-    return text;
-}
-
-TEST(SecureModules, SearchesTheProgramsOwnFolderUnlessTheEnvironmentIsPrepared) {
-    Folder folder;
-    fs::create_directories(folder.path("bin"));
-    fs::create_directories(folder.path("other"));
-    const std::string program = folder.path("bin/bind");
-    fs::copy_file(kFakes + "/bind_beside", program);
-    for (const std::string place : {"bin/", "other/"}) {
-        fs::create_symlink(kFakes + "/crypto/libcrypto.so.1.1",
-                           folder.path(place + "libcrypto.so.1.1"));
-        fs::create_symlink(kFakes + "/ssl/libssl.so.1.1", folder.path(place + "libssl.so.1.1"));
-    }
-    const std::string bin = "PM_BIN=" + folder.path("bin") + "\n";
-
-    // No "lib" beside it: the environment's own value stays.
-    EXPECT_EQ(run("", program), bin + "PM_LIB=(none)\nstatus 0\n");
-    EXPECT_EQ(run("PM_BIN=/nowhere PM_LIB=/kept", program), bin + "PM_LIB=/kept\nstatus 0\n");
-
-    fs::create_directories(folder.path("elsewhere"));
-    fs::create_directory_symlink(folder.path("elsewhere"), folder.path("lib"));
-    const std::string lib = "PM_LIB=" + folder.path("elsewhere") + "\n";
-    EXPECT_EQ(run("PM_LIB=/replaced", program), bin + lib + "status 0\n");
-    EXPECT_EQ(run("", "sh -c 'cd " + folder.path("bin") + " && ./bind'"), bin + lib + "status 0\n");
-
-    const std::string other = "PM_BIN=" + folder.path("other");
-    EXPECT_EQ(run("PELMO_REXEC=1 " + other, program), other + "\nPM_LIB=(none)\nstatus 0\n");
-    EXPECT_EQ(run("PELMO_REXEC= PM_BIN=/nowhere", program),
-              "Failed loading library libcrypto.so.1.1\nTried paths: /nowhere\n" + kGivenUp +
-                  "status 1\n");
 }
 
 }  // namespace

@@ -288,19 +288,6 @@ TEST_F(Sockets, ReportWhenACallbackHasEnded) {
     EXPECT_EQ(socketOnWritable(client, Caller::call, &writer), kStatusInvalidIoSource);
 }
 
-TEST_F(Sockets, KnowPeersOfThisMachine) {
-    connect();
-    EXPECT_TRUE(socketPeerIsHere(client));
-    EXPECT_EQ(socketSetSendBuffer(client, 65'536), kStatusSuccess);
-    int bytes = 0;
-    socklen_t size = sizeof(bytes);
-    getsockopt(socketHandle(client), SOL_SOCKET, SO_SNDBUF, &bytes, &size);
-    EXPECT_EQ(bytes, 2 * 65'536);  // the system counts its own records too
-    socketClose(client);
-    EXPECT_FALSE(socketPeerIsHere(client));
-    EXPECT_EQ(socketSetSendBuffer(client, 65'536), kStatusNotInitialized);
-}
-
 TEST_F(Sockets, EndBlockingReadsOnOtherThreads) {
     const RunningClock clock;
     connect();
