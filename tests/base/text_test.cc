@@ -102,7 +102,6 @@ TEST(Text, SizeIsShortAndWholeOrRefused) {
 
 using Fields = std::array<int64_t, 6>;
 
-constexpr int64_t kDay = 86400;
 constexpr int64_t kYear1 = -62135596800;  // 0001-01-01
 
 Fields split(int64_t seconds) {

@@ -187,18 +187,12 @@ TEST(Library, TracesAsTheEnvironmentSays) {
     setenv("_PM_TRACING_FILE", folder.path("trace").c_str(), 1);
     setenv("_PM_TRACING_MODULES", "PELMO,M,MSG_", 1);
     ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-    ASSERT_EQ(pelmo_Open(), kStatusSuccess);
     (void)pelmo_Version();
     pelmoMsg* message = nullptr;
     ASSERT_EQ(pelmoMsg_Create(&message), kStatusSuccess);
-    pelmoMsgField field;
     (void)pelmoMsg_AddNone(message, "n", 5);
-    (void)pelmoMsg_GetFieldEx(message, nullptr, &field, 5);
-    (void)pelmoMsg_GetFieldInstance(message, "n", &field, 1);
-    (void)pelmoMsg_RemoveFieldEx(message, "n", 5);
     (void)pelmoMsg_Expand(message, -1);
     (void)pelmoMsg_Destroy(message);
-    pelmo_Close();
     pelmo_Close();
     (void)pelmo_Version();  // without a line
     const std::string text = readFile(folder.path("trace"));
@@ -206,7 +200,6 @@ TEST(Library, TracesAsTheEnvironmentSays) {
     for (const char* part : {"\nPelmo API\n",
                              "\nVersion 8.5.2 V1 11/12/20 06:41:40\n",
                              "[PELMO][",
-                             "]: pelmo_Open()\n",
                              "]: pelmo_Open()\n",
                              "]: pelmo_Version()\n",
                              "[MSG][",
@@ -216,20 +209,11 @@ TEST(Library, TracesAsTheEnvironmentSays) {
                              "[MSG_DETAIL][",
                              "]: pelmoMsg_AddField(0x",
                              ") type=22\n",
-                             "]: pelmoMsg_GetFieldEx(0x",
-                             ", \"<NULL>\", 0x",
-                             ", 5)\n",
-                             "]: pelmoMsg_GetFieldInstance(0x",
-                             ", \"n\", 0x",
-                             ", 1)\n",
-                             "]: pelmoMsg_RemoveFieldEx(0x",
-                             ", \"n\", 5)\n",
                              "]: pelmoMsg_Expand(0x",
                              ", -1)\n",
                              "]: pelmoMsg_Destroy(0x",
                              "]: Message 0x",
                              " destroyed\n",
-                             "]: pelmo_Close()\n",
                              "]: pelmo_Close()\n"}) {
         at = text.find(part, at);
         ASSERT_NE(at, text.npos) << part;

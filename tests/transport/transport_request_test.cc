@@ -1,8 +1,6 @@
-#include <atomic>
 
 #include "lib/containers/dpa.h"
 #include "tests/support/local_bus.h"
-#include "tests/support/test.h"
 
 namespace {
 

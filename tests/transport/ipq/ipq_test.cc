@@ -155,17 +155,6 @@ TEST_F(StandingQueue, HoldsBackAndFlushes) {
     }
     EXPECT_EQ(received(4 * full.size()), full + full + full + full);
     ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);
-
-    ASSERT_EQ(ipqSetBatchMode(ipq, 1), kStatusSuccess);
-    for (const double from : {0.0, 5.0}) {
-        timersAt(from);
-        ASSERT_EQ(send(unit), kStatusSuccess);
-        timersAt(from + 0.024);
-        EXPECT_EQ(received(), "") << from;
-        timersAt(from + 1);
-        EXPECT_EQ(received(), unit) << from;
-        timersAt(from + 2);  // ends the timer
-    }
 }
 
 // Sends with so many nanoseconds from each to the next, then a step; what is written by then.

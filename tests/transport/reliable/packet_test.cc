@@ -57,7 +57,6 @@ TEST(Packet, CarriesWindowsAndBoundsThem) {
     const struct {
         uint64_t window, read;
     } written[] = {{0, 0},
-                   {32, 32},
                    {0xffff, 0xffff},
                    {0x10001, 0x10000},
                    {0x1fffff, 0x1fffe0},
@@ -93,18 +92,14 @@ TEST(Packet, IsNoneWhereItsLengthsOrItsSumDontFit) {
         bool reads;
     } cases[] = {
         {0, {0x80}, false},         // the checksum covers ids and number
-        {15, {17}, false},          //
         {30, {0xfd, 0xf6}, false},  //
         {16, {0xff, 0xff}, true},   // and nothing behind them
         {28, {0xff}, true},         // reserved
         {34, {0xff, 0xff}, true},   // reserved
         {29, {23}, false},          // the payload as a record
-        {29, {24}, false},          // beyond the datagram
-        {29, {255}, false},         //
         {29, {19}, false},          // a record beyond the options
         {29, {21}, false},          // a record without length
         {33, {19}, false},          // a fragment of another size
-        {33, {1}, false},           // a record that doesn't cover its own head
         {33, {0}, false},           //
         {32, {5}, true},            // skipped
         {32, {5, 0}, false},

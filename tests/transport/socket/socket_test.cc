@@ -54,10 +54,10 @@ struct Result {
     bool operator==(const Result&) const = default;
 };
 
-Result readOf(Socket* socket, uint32_t size, decltype(socketRead) read = socketRead) {
+Result readOf(Socket* socket, uint32_t size) {
     std::string bytes(size, '\0');
     uint32_t got = 0;
-    const SocketCode code = read(socket, bytes.data(), size, &got);
+    const SocketCode code = socketRead(socket, bytes.data(), size, &got);
     bytes.resize(got);
     return {code, bytes};
 }
@@ -180,32 +180,6 @@ TEST_F(Sockets, ReportHowAConnectEnds) {
     EXPECT_TRUE(passUntilCalled(writer, 1));
     EXPECT_EQ(startConnect(refusing, SocketMode::kBlocking), kSocketRefused);
     EXPECT_EQ(startConnect(listener.port, SocketMode::kBlocking), kSocketDone);
-}
-
-TEST_F(Sockets, PeekWithoutConsuming) {
-    connect();
-    const struct {
-        const char* sent;
-        uint32_t peeks, reads;  // as many bytes
-        Result peeked, read;
-    } steps[] = {
-        {"", 4, 1, {kSocketWouldBlock, ""}, {kSocketWouldBlock, ""}},
-        {"abcdef", 2, 0, {kSocketDone, "ab"}, {kSocketDone, ""}},
-        {"", 4, 1, {kSocketDone, "abcd"}, {kSocketDone, "a"}},
-        {"", 4, 100, {kSocketDone, "bcde"}, {kSocketDone, "bcdef"}},
-        {"xyz", 3, 4, {kSocketDone, "xyz"}, {kSocketWouldBlock, ""}},  // less than is wanted
-    };
-    for (const auto& step : steps) {
-        sendText(peer.number(), step.sent);
-        EXPECT_EQ(readOf(client, step.peeks, socketPeek), step.peeked);
-        if (step.reads != 0) {
-            EXPECT_EQ(readOf(client, step.reads), step.read);
-        }
-    }
-    peer.shut();
-    EXPECT_EQ(readOf(client, 4).code, kSocketDisconnected);
-    EXPECT_EQ(readOf(client, 3), (Result{kSocketDone, "xyz"}));
-    EXPECT_EQ(readOf(client, 9, socketPeek).code, kSocketDisconnected);
 }
 
 TEST_F(Sockets, HoldTheReaderBackForItsLeastBytes) {
