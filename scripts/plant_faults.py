@@ -179,6 +179,9 @@ def make_judges():
     judges["pelmobus"] = Judge(["pelmobus", "pmd"],
                                [sys.executable, tests / "bus" / "pelmobus_test.py", "bin/pelmobus", "bin/pmd"],
                                re.compile(r"^(?:FAIL|ERROR): (\S+)"))
+    judges["lives"] = Judge(["pelmobus", "pmd"],
+                            [sys.executable, tests / "e2e" / "bus_lives.py", "bin/pelmobus", "bin/pmd",
+                             "--seeds", "10-19", "--at-once", "4"], re.compile(r"^(seed \d+)"))
     failed_case = re.compile(r"^(?:FAIL|ERROR): (\S+)")
     judges["pmd"] = program("pmd")
     judges["pmd as a program"] = Judge(
@@ -189,7 +192,7 @@ def make_judges():
         [sys.executable, tests / "e2e" / "pmd_wire_test.py", "bin/pmd", "bin/pelmoscope"], failed_case)
     judges["watch"] = program("watch")
     for name, programs in (("json", ["pelmoscope", "pelmowatch", "pelmogen"]), ("serve", ["pelmowatch", "pelmogen"]),
-                           ("top", ["pelmowatch"])):
+                           ("captures", ["pelmowatch", "pelmogen"]), ("top", ["pelmowatch"])):
         judges[name] = Judge(programs, [sys.executable, tests / "watch" / (name + "_test.py")], failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
@@ -209,11 +212,12 @@ def judges_of(judges, path):
     if parts[0] == "programs":
         return [judges["programs"], judges["bus"], judges["pelmobus"]]
     if parts[0] == "bus":
-        return [judges["bus"], judges["pelmobus"]]
+        return [judges["bus"], judges["pelmobus"], judges["lives"]]
     if parts[0] == "pmd":
         return [judges["pmd"], judges["pmd on the wire" if "oska" in parts[-1] else "pmd as a program"]]
     if parts[0] == "watch":
-        programs = {"serve": ["serve"], "top": ["top"], "core": ["json", "serve"]}.get(parts[1], ["json"])
+        programs = {"serve": ["serve"], "top": ["top"], "capture": ["captures"],
+                    "core": ["json", "captures", "serve"]}.get(parts[1], ["json"])
         return [judges[name] for name in ["watch", *programs]]
     if parts[0] == "trace":
         return [judges["cases"], judges["trace"]]

@@ -195,6 +195,7 @@ TEST_F(StandingQueue, GathersSendsThatFollowClosely) {
         {"a hold", kClose, 40,
          [&] {
              EXPECT_EQ(ipqHold(ipq), kStatusSuccess);
+             EXPECT_EQ(ipqWriteStatistics(ipq).attempts, 18u);  // what was gathered before
              timersAfter(0.001);
              sendClose();
          },
