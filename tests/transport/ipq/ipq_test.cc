@@ -22,14 +22,16 @@ struct Owner {
     int errors = 0;
     size_t messagesAtError = 0;
     int closes = 0;
+    std::function<void(Ipq*)> onBatch;
 
-    static void read(Ipq*, std::span<pelmoMsg* const> batch, void* closure) {
+    static void read(Ipq* ipq, std::span<pelmoMsg* const> batch, void* closure) {
         auto* const self = static_cast<Owner*>(closure);
         for (pelmoMsg* message : batch) {
             self->messages.emplace_back(reinterpret_cast<const char*>(msgImage(message)),
                                         message->length);
             msgRelease(message);
         }
+        if (self->onBatch) self->onBatch(ipq);
     }
     static void fail(Ipq*, void* closure) {
         auto* const self = static_cast<Owner*>(closure);
@@ -317,6 +319,22 @@ TEST_F(StandingQueue, FindsALossWithoutReading) {
     EXPECT_EQ(owner.messagesAtError, 1u);
 }
 
+TEST_F(StandingQueue, PausesWithinTheCallback) {
+    openAndRead();
+    owner.onBatch = [](Ipq* self) { EXPECT_EQ(ipqPauseReading(self), kStatusSuccess); };
+    constexpr size_t kUnits = 40;
+    for (size_t i = 0; i < kUnits; ++i)
+        sendText(peer.number(), streamUnit(5'000, 'a'));
+    for (size_t before = 0; owner.messages.size() < kUnits; before = owner.messages.size()) {
+        ASSERT_EQ(ipqResume(ipq), kStatusSuccess);
+        while (owner.messages.size() == before)
+            passes();
+        const size_t paused = owner.messages.size();
+        passes();
+        EXPECT_EQ(owner.messages.size(), paused);
+    }
+}
+
 TEST_F(StandingQueue, ReadsOneMessageAndNothingAfterIt) {
     ASSERT_EQ(open(), kStatusSuccess);
     const std::string stream = streamUnit(100'000, 'a') + kKeepAlive + streamUnit(9, 'b') + kNotice;
@@ -348,7 +366,7 @@ TEST_F(StandingQueue, ReadsOneMessageAndNothingAfterIt) {
 // All goes out before the notice. It goes on while bytes leave, and reports what did not leave.
 TEST_F(StandingQueue, GracefulCloseReportsWhatItLoses) {
     constexpr int kNoWait = MSG_DONTWAIT | MSG_NOSIGNAL;
-    const std::string large = streamUnit(kLargeBytes, 'a');
+    const std::string large = streamUnit(40'000'000, 'a');
     enum class Peer { kFloods, kInterrupts, kReadsSlowly, kReadsNothing, kResets };
     using enum Peer;
     for (const Peer kind : {kFloods, kInterrupts, kReadsSlowly, kReadsNothing, kResets}) {
@@ -361,8 +379,8 @@ TEST_F(StandingQueue, GracefulCloseReportsWhatItLoses) {
             if (kind == kResets) return resetPeer();
             if (kind == kReadsNothing) return stand.clock.set(1'006);
             size_t left = large.size() + 100 + 8;
-            for (int64_t now = 1'004; left != 0; now += 4) {
-                const size_t part = std::min<size_t>(left, 8'000'000);
+            for (int64_t now = 1'002; left != 0; now += 2) {
+                const size_t part = std::min<size_t>(left, 4'000'000);
                 const std::string got = receiveText(peer.number(), part);
                 EXPECT_TRUE(got.size() == part && (left != part || got.ends_with(kNotice)));
                 left -= part;
