@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-
 #include "lib/containers/hash.h"
 #include "tests/support/reliable_net.h"
 
