@@ -125,6 +125,9 @@ TEST_F(Circuit, AnswersRequests) {
     EXPECT_NE(std::strstr(inbox, ".V1"), nullptr) << inbox;
     const TestListener answers(queue, inbox, pair.connecting);
     EXPECT_EQ(TestListener().listen(queue, "_INBOX.1", pair.connecting), kStatusInvalidSubject);
+    uint32_t stacked = kNoId;
+    const char* itsInbox = nullptr;
+    EXPECT_EQ(vcCreateAccept(&stacked, &itsInbox, pair.accepting), kStatusInvalidTransport);
     TestListener server(queue, "ASK", pair.accepting);
     server.onMessage = [&](pelmoMsg* request) {
         const Message answer = messageOn(nullptr, "answer");
