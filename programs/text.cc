@@ -24,11 +24,10 @@ constexpr Utf8Head kUtf8Heads[] = {
 }  // namespace
 
 void hexAdd(std::string& out, const void* bytes, size_t sizeBytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
     const auto* at = static_cast<const unsigned char*>(bytes);
     for (size_t i = 0; i < sizeBytes; ++i) {
-        out += kDigits[at[i] >> 4];
-        out += kDigits[at[i] & 15];
+        out += kHexDigits[at[i] >> 4];
+        out += kHexDigits[at[i] & 15];
     }
 }
 

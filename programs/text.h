@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+inline constexpr char kHexDigits[] = "0123456789abcdef";
+
 // Two digits for each byte.
 void hexAdd(std::string& out, const void* bytes, size_t sizeBytes);
 

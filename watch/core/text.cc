@@ -1,45 +1,22 @@
 #include "watch/core/text.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
+#include "programs/text.h"
 
 namespace {
 
 constexpr size_t kMostOfCharacter = 16;  // four bytes, each "\xHH"
-constexpr char kHex[] = "0123456789abcdef";
 
 constexpr bool isPlain(uint8_t byte) {
     return byte >= ' ' && byte < 0x7f && byte != '\\';
 }
 
-// How many bytes the character at the start has in UTF-8, and which it is: its code point; 0 bytes
-// where the start is no character (RFC 3629: no surplus bytes, no surrogates).
-struct Character {
-    size_t sizeBytes;
-    uint32_t code;
-};
-
-Character characterAt(std::string_view text) {
-    const auto byteAt = [text](size_t at) { return static_cast<uint8_t>(text[at]); };
-    const uint8_t lead = byteAt(0);
-    if (lead < 0x80) return {1, lead};
-    const size_t size = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc2 || lead > 0xf4 || text.size() < size) return {0, 0};
-
-    uint32_t code = lead & (0xffu >> (size + 1));
-    for (size_t at = 1; at < size; ++at) {
-        if ((byteAt(at) & 0xc0) != 0x80) return {0, 0};
-        code = code << 6 | (byteAt(at) & 0x3fu);
-    }
-    const bool isSurplus = (size == 3 && code < 0x800) || (size == 4 && code < 0x10000);
-    const bool isSurrogate = code >= 0xd800 && code <= 0xdfff;
-    return isSurplus || isSurrogate || code > 0x10ffff ? Character{0, 0} : Character{size, code};
-}
-
-// Controls, line and paragraph separators, marks that turn the direction, the byte order mark.
-bool mayStand(uint32_t code) {
+// No control, line or paragraph separator, mark that turns the direction, or byte order mark.
+bool isHarmless(uint32_t code) {
     if (code < ' ' || (code >= 0x7f && code < 0xa0)) return false;
     if (code >= 0x200b && code <= 0x200f) return false;
     if (code >= 0x2028 && code <= 0x202e) return false;
@@ -51,20 +28,20 @@ char* appendEscaped(char* at, std::string_view bytes) {
         const auto value = static_cast<uint8_t>(byte);
         *at++ = '\\';
         *at++ = 'x';
-        *at++ = kHex[value >> 4];
-        *at++ = kHex[value & 0xf];
+        *at++ = kHexDigits[value >> 4];
+        *at++ = kHexDigits[value & 0xf];
     }
     return at;
 }
 
 // Appends the first character of the text, which isn't empty, and takes it off.
 char* appendCharacter(char* at, std::string_view& text) {
-    const Character character = characterAt(text);
-    const size_t sizeBytes = character.sizeBytes != 0 ? character.sizeBytes : 1;
-    const std::string_view bytes = text.substr(0, sizeBytes);
-    text.remove_prefix(sizeBytes);
-    if (character.code == '\\') *at++ = '\\';
-    if (character.sizeBytes == 0 || !mayStand(character.code)) return appendEscaped(at, bytes);
+    uint32_t character = 0;
+    const size_t length = utf8Read(text, character);
+    const std::string_view bytes = text.substr(0, std::max<size_t>(length, 1));
+    text.remove_prefix(bytes.size());
+    if (length == 0 || !isHarmless(character)) return appendEscaped(at, bytes);
+    if (character == '\\') *at++ = '\\';
     return at + bytes.copy(at, bytes.size());
 }
 

@@ -4,27 +4,12 @@
 
 #include <algorithm>
 
+#include "programs/text.h"
+
 namespace {
 
 // Further marks on one character say nothing, and some terminals draw them all over the screen.
 constexpr int kMostMarks = 2;
-
-// The first character of UTF-8 text: its bytes, and what they are called.
-struct Character {
-    size_t bytes;
-    wchar_t code;
-};
-
-Character characterAt(std::string_view text) {
-    const auto lead = static_cast<uint8_t>(text[0]);
-    size_t bytes = lead < 0x80 ? 1 : lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    bytes = std::min(bytes, text.size());
-    uint32_t code = bytes == 1 ? lead : lead & (0xffU >> (bytes + 1));
-    for (size_t at = 1; at < bytes; ++at) {
-        code = code << 6 | (static_cast<uint8_t>(text[at]) & 0x3fU);
-    }
-    return {bytes, static_cast<wchar_t>(code)};
-}
 
 // One character as the screen shows it.
 struct Cell {
@@ -36,14 +21,13 @@ struct Cell {
 };
 
 void escape(Cell& cell) {
-    constexpr char kHex[] = "0123456789abcdef";
     char* at = cell.escaped;
     for (const char byte : cell.source) {
         const auto value = static_cast<uint8_t>(byte);
         *at++ = '\\';
         *at++ = 'x';
-        *at++ = kHex[value >> 4];
-        *at++ = kHex[value & 0xf];
+        *at++ = kHexDigits[value >> 4];
+        *at++ = kHexDigits[value & 0xf];
     }
     *at = '\0';
     cell.columns = 4 * cell.source.size();
@@ -51,17 +35,18 @@ void escape(Cell& cell) {
 
 // `marks` counts those that stand on the character before; none may stand alone.
 Cell cellAt(const ScreenSigns& signs, std::string_view text, int& marks) {
-    const Character character = characterAt(text);
-    Cell cell = {.source = text.substr(0, character.bytes), .escaped = {}, .columns = 1};
-    if (character.code >= ' ' && character.code < 0x7f) {
+    uint32_t character = 0;
+    const size_t bytes = utf8Read(text, character);
+    Cell cell = {.source = text.substr(0, std::max<size_t>(bytes, 1)), .escaped = {}, .columns = 1};
+    if (character >= ' ' && character < 0x7f) {
         marks = 0;
         return cell;
     }
-    const int width = signs.isUtf8 ? wcwidth(character.code) : -1;
+    const int width = signs.isUtf8 && bytes != 0 ? wcwidth(static_cast<wchar_t>(character)) : -1;
     if (width > 0) {
         marks = 0;
         cell.columns = static_cast<size_t>(width);
-    } else if (width == 0 && character.code != 0 && marks < kMostMarks) {
+    } else if (width == 0 && character != 0 && marks < kMostMarks) {
         ++marks;
         cell.columns = 0;
     } else {
