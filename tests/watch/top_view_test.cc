@@ -146,6 +146,22 @@ TEST_F(TopViewTest, TheFirstLineSaysWhatTheScreenWaitsFor) {
         EXPECT_TRUE(draw({80, 14})[0].ends_with(std::string("  ") + wanted)) << wanted;
     }
 
+    TopModel blind;
+    topInit(blind);
+    std::swap(model, blind);
+    SnapshotMaker none;
+    none.head.source.notRead[2] = 1;
+    topTake(model, none.at(1700000000));
+    EXPECT_EQ(draw({80, 14})[2], " the only frame isn't the bus's: 1 not IP");
+    none.head.source.notRead[3] = 2;
+    topTake(model, none.at(1700000002));
+    EXPECT_EQ(draw({80, 14})[2], " none of 4 frames is the bus's: 2 not IP, 2 IPv6");
+    EXPECT_EQ(styles(2).find_first_not_of('T'), std::string::npos);
+    EXPECT_EQ(draw({40, 10})[0], " 22:13:22 none of 4 frames is the bus's…");
+    topTake(model, maker.at(1700000004));
+    EXPECT_EQ(draw({80, 14})[2], " not the bus's: 2 not IP, 2 IPv6");
+    std::swap(model, blind);
+
     model.note = "eth0 is down.";
     EXPECT_EQ(draw({80, 14})[13], " eth0 is down.");
     press("/zzz");

@@ -20,6 +20,7 @@
 #include "trace/run/run_modes.h"
 #include "trace/run/start_steps.h"
 #include "trace/settings.h"
+#include "watch/capture/not_read.h"
 
 SourceSettings sourceSettings;
 
@@ -408,15 +409,8 @@ std::string sourceBlindText() {
     if (counts.busFrames > 0) return {};
     if (counts.frames == 0) return "no frames, so none of the bus";
     std::string text = std::to_string(counts.frames) + (counts.frames == 1 ? " frame" : " frames") +
-                       linkTypesText() + ", none of the bus:";
-    const char* separator = " ";
-    for (size_t kind = 1; kind < kNotReadKinds; ++kind) {
-        if (counts.notRead[kind] == 0) continue;
-        text += separator + std::to_string(counts.notRead[kind]) + " " +
-                notReadRow(static_cast<NotRead>(kind)).words;
-        separator = ", ";
-    }
-    return text;
+                       linkTypesText() + ", none of the bus: ";
+    return text + notReadText(counts.notRead);
 }
 
 bool sourceHasFault() {

@@ -46,6 +46,10 @@ void takeAll(TopModel& model, const SnapHeader& snapshot) {
                  seconds);
     }
     model.live.head = headOf(snapshot);
+    TopSeen& seen = model.live.seen;
+    seen.busPackets += snapshot.oskaPackets;
+    for (size_t kind = 0; kind < kSnapNotReadKinds; ++kind)
+        seen.notRead[kind] += snapshot.source.notRead[kind];
 }
 
 bool isFrozen(const TopModel& model) {

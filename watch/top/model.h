@@ -37,8 +37,15 @@ struct TopHead {
     uint64_t readBytes = 0, fileBytes = 0;
 };
 
+// Since the start.
+struct TopSeen {
+    uint64_t busPackets = 0;
+    uint64_t notRead[kSnapNotReadKinds] = {};
+};
+
 struct TopState {
     TopHead head;
+    TopSeen seen;
     TopRows tables[kTopTables];
 };
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "lib/base/bytes.h"
+#include "watch/capture/not_read.h"
 #include "watch/core/text.h"
 #include "watch/top/help.h"
 
@@ -130,10 +131,32 @@ bool putTime(Drawing& drawing, const char* format) {
     return head.isThere;
 }
 
+// What isn't the bus's; a capture without anything else is trouble.
+void putNotRead(Drawing& drawing, size_t end) {
+    const TopSeen& seen = topState(drawing.model).seen;
+    const std::string text = notReadSummary(seen.notRead, seen.busPackets);
+    const size_t used = drawing.screen.lines[drawing.line].columns;
+    if (text.empty() || used + 1 >= end) return;
+    screenPut(drawing.screen, drawing.line, Style::kPlain, " ");
+    const size_t columns = std::min(screenColumns(drawing.screen, text), end - used - 1);
+    screenPutIn(drawing.screen, drawing.line,
+                seen.busPackets == 0 ? Style::kTrouble : Style::kPlain, text, columns);
+}
+
+bool isBlind(const TopModel& model) {
+    const TopSeen& seen = topState(model).seen;
+    return seen.busPackets == 0 && !notReadText(seen.notRead).empty();
+}
+
 void drawShortHead(Drawing& drawing) {
     const size_t columns = drawing.screen.size.columns;
     const size_t stateColumns = isAtRest(drawing.model) ? stateText(drawing.model).size() + 2 : 0;
-    if (putTime(drawing, "%H:%M:%S")) putSums(drawing, columns - stateColumns);
+    const bool isThere = putTime(drawing, "%H:%M:%S");
+    if (isBlind(drawing.model)) {
+        putNotRead(drawing, columns - stateColumns);
+    } else if (isThere) {
+        putSums(drawing, columns - stateColumns);
+    }
     putState(drawing);
     ++drawing.line;
 }
@@ -154,7 +177,9 @@ void drawFullHead(Drawing& drawing) {
     putState(drawing);
     ++drawing.line;
     if (isThere) putSums(drawing, columns);
-    drawing.line += 2;
+    ++drawing.line;
+    putNotRead(drawing, columns);
+    ++drawing.line;
 }
 
 void drawHead(Drawing& drawing) {
