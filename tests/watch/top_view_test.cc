@@ -142,7 +142,7 @@ TEST_F(TopViewTest, TheFirstLineSaysWhatTheScreenWaitsFor) {
         {"+", "33%  x2  replay"}, {" ", "33%  x2  PAUSED"}, {"", "end of file"}};
     for (const auto& [keys, wanted] : ends) {
         press(keys);
-        model.isAtEnd = keys[0] == '\0';
+        if (keys[0] == '\0') topSetSource(model, {WatchState::kRead, {}, ""});
         EXPECT_TRUE(draw({80, 14})[0].ends_with(std::string("  ") + wanted)) << wanted;
     }
 
@@ -161,6 +161,15 @@ TEST_F(TopViewTest, TheFirstLineSaysWhatTheScreenWaitsFor) {
     topTake(model, maker.at(1700000004));
     EXPECT_EQ(draw({80, 14})[2], " not the bus's: 2 not IP, 2 IPv6");
     std::swap(model, blind);
+
+    model.isLive = true;
+    topSetSource(model, {WatchState::kWaiting, {}, "it is gone"});
+    for (const char* const key : {"j", "k"}) {  // trouble stays
+        press(key);
+        EXPECT_EQ(draw({80, 14})[13], " waiting for the interface: it is gone");
+        EXPECT_TRUE(draw({40, 10})[0].ends_with("  WAITING"));
+    }
+    topSetSource(model, {WatchState::kLive, {}, ""});
 
     model.note = "eth0 is down.";
     EXPECT_EQ(draw({80, 14})[13], " eth0 is down.");

@@ -293,9 +293,15 @@ void readSet(CaptureSet& set) {
         return;
     }
     offlineRunBegin();
-    while (captureSetNext(set, &frame) == ReadResult::kFrame)
+    while (captureSetNext(set, &frame) == ReadResult::kFrame) {
+        framePlace = {frame.number, frame.file};
         takeFrame(frame, offlineRunPacket);
+    }
     offlineRunEnd();
+}
+
+const CaptureSet& setBeingRead() {
+    return source.isAgainst ? *source.against : *source.set;
 }
 
 }  // namespace
@@ -312,6 +318,10 @@ std::string sourceFilterFault(const char* text) {
     std::string fault;
     if (compile(text, DLT_RAW, nullptr) != nullptr) return {};
     return compile(text, DLT_EN10MB, &fault) != nullptr ? std::string() : fault;
+}
+
+bool sourceTakesAll() {
+    return source.wantsAllUdp;
 }
 
 pelmoStatus sourceBegin() {
@@ -395,6 +405,14 @@ CaptureExtent sourceExtent() {
     const CaptureExtent other = captureSetExtent(*source.against);
     if (own.fileBytes == 0 || other.fileBytes == 0) return {};
     return {own.readBytes + other.readBytes, own.fileBytes + other.fileBytes};
+}
+
+size_t sourceFiles() {
+    return source.set != nullptr ? captureSetFiles(setBeingRead()) : 0;
+}
+
+const std::string& sourceFileName(uint32_t file) {
+    return captureSetFileName(setBeingRead(), file);
 }
 
 SourceCounts sourceCounts() {

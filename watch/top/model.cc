@@ -77,6 +77,14 @@ void sortBy(TopModel& model, size_t step) {
     pane.isStale = true;
 }
 
+// Numbers are compared as they are shown. Before each arrangement.
+void scaleFilter(TopModel& model) {
+    Pane& pane = paneOf(model);
+    const double seconds = topState(model).head.seconds;
+    const double scale = model.showsRates && seconds > 0 ? 1 / seconds : 1;
+    if (std::exchange(pane.filter.scale, scale) != scale) pane.isStale = true;
+}
+
 void setFilter(Pane& pane, TopFilter filter) {
     pane.filter = std::move(filter);
     pane.isStale = true;
@@ -242,7 +250,7 @@ void pressInFilter(TopModel& model, uint32_t key, size_t room) {
             if (!isTyped(key) || text.size() + 4 > kMostFilterBytes) return;
             appendUtf8(text, key);
     }
-    setFilter(pane, filterOf(text));
+    setFilter(pane, filterOf(text, model.table));
     pane.hasCursorKey = false;
 }
 
@@ -257,6 +265,15 @@ void topInit(TopModel& model) {
     }
 }
 
+void topSetSource(TopModel& model, const WatchedState& state) {
+    const char* const words[] = {"", "LINK DOWN", "WAITING", "", "end of file", "FAILED"};
+    const bool isWell = watchStateIsWell(state.state);
+    model.state = words[static_cast<size_t>(state.state)];
+    model.trouble = isWell ? std::string() : watchedWords(state);
+    model.isAtEnd = state.state == WatchState::kRead || state.state == WatchState::kFailed;
+    if (!model.isLive && model.isAtEnd) model.isHeld = false;
+}
+
 void topTake(TopModel& model, const SnapHeader& snapshot) {
     try {
         takeAll(model, snapshot);
@@ -269,6 +286,7 @@ void topTake(TopModel& model, const SnapHeader& snapshot) {
 
 TopAnswer topPress(TopModel& model, uint32_t key, size_t room) {
     model.note.clear();
+    scaleFilter(model);
     try {
         paneArrange(paneOf(model), topRows(model));  // an interval may have come since the drawing
         if (model.mode == TopMode::kHelp) return pressInHelp(model, key);
@@ -282,6 +300,7 @@ TopAnswer topPress(TopModel& model, uint32_t key, size_t room) {
 
 void topArrange(TopModel& model, size_t room) {
     Pane& pane = paneOf(model);
+    scaleFilter(model);
     try {
         paneArrange(pane, topRows(model));
     } catch (const std::bad_alloc&) {

@@ -21,6 +21,7 @@
 #include <string>
 
 #include "trace/counts/snapshot.h"
+#include "watch/core/watched.h"
 #include "watch/top/keys.h"
 #include "watch/top/pane.h"
 #include "watch/top/rows.h"
@@ -61,7 +62,9 @@ struct TopModel {
     TopRows spare[kTopTables];
     Trail trails[kTopTables];
     bool ranOut = false;
-    bool isAtEnd = false;  // of a saved capture
+    bool isAtEnd = false;  // of a saved capture, or of a live one that has failed
+    std::string state;     // of the source, for the head; empty while frames come
+    std::string trouble;   // safe text, why no frames come; empty where all is well
 
     TopTable table = TopTable::kMulticast;
     Pane panes[kTopTables];
@@ -78,6 +81,9 @@ inline constexpr double kTopMostSpeed = 1e6;
 inline constexpr double kTopLeastSpeed = 1.0 / 64;
 
 void topInit(TopModel& model);
+
+// How the source is now.
+void topSetSource(TopModel& model, const WatchedState& state);
 
 // An interval that is over.
 void topTake(TopModel& model, const SnapHeader& snapshot);

@@ -69,8 +69,8 @@ std::string timeOf(TimeSpec time, const char* format) {
 
 // What a saved capture or the screen is at.
 std::string stateText(const TopModel& model) {
-    if (model.isLive) return model.isHeld ? "FROZEN" : "";
-    if (model.isAtEnd) return "end of file";
+    if (model.isLive) return model.isHeld ? "FROZEN" : model.state;
+    if (model.isAtEnd) return model.state;
     const TopHead& head = model.live.head;
     std::string text;
     if (head.fileBytes != 0) {
@@ -82,7 +82,7 @@ std::string stateText(const TopModel& model) {
 }
 
 bool isAtRest(const TopModel& model) {
-    return model.isHeld || model.isAtEnd;
+    return model.isHeld || model.isAtEnd || !model.trouble.empty();
 }
 
 // At the right edge, where the line has room for it.
@@ -482,7 +482,12 @@ void drawFilter(Drawing& drawing) {
     screen.hasCursor = isTyped;
     screen.cursorLine = drawing.line;
     screen.cursorColumn = screen.lines[drawing.line].columns;
-    if (!isTyped) screenPut(screen, drawing.line, Style::kFaint, "  Esc clears");
+    const std::string& fault = drawing.pane.filter.fault;
+    if (!fault.empty()) {
+        screenPut(screen, drawing.line, Style::kTrouble, "  " + fault);
+    } else if (!isTyped) {
+        screenPut(screen, drawing.line, Style::kFaint, "  Esc clears");
+    }
     if (screen.lines[drawing.line].columns > room) return;
     screenPad(screen, drawing.line, Style::kPlain, room);
     screenPut(screen, drawing.line, Style::kPlain, count);
@@ -524,6 +529,9 @@ void drawLastLine(Drawing& drawing) {
                   " out of memory: an interval isn't shown");
     } else if (!model.note.empty()) {
         screenPutIn(drawing.screen, drawing.line, Style::kStrong, " " + model.note,
+                    drawing.screen.size.columns);
+    } else if (!model.trouble.empty()) {
+        screenPutIn(drawing.screen, drawing.line, Style::kTrouble, " " + model.trouble,
                     drawing.screen.size.columns);
     } else if (!drawing.pane.filter.text.empty()) {
         drawFilter(drawing);
