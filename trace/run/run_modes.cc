@@ -49,6 +49,11 @@ int64_t nanosecondsBetween(TimeSpec from, TimeSpec to) {
     return nanosecondsOf(to) - nanosecondsOf(from);
 }
 
+// Intervals of no length have none.
+bool hasGrid() {
+    return snapshotSink.keepsGrid && traceSettings.updateInterval != 0;
+}
+
 // Too short for an interval of its own.
 bool isSliver(int64_t nanoseconds) {
     return nanoseconds < traceSettings.updateInterval * (kNanosecondsOfSecond / 100);
@@ -68,7 +73,7 @@ TimeSpec endOnGrid(TimeSpec begin) {
 void beginAt(TimeSpec time) {
     snapshotSetStart(time);
     offlineRun.beginTime = time;
-    offlineRun.nextSnapshotTime = snapshotSink.keepsGrid ? endOnGrid(time) : afterInterval(time);
+    offlineRun.nextSnapshotTime = hasGrid() ? endOnGrid(time) : afterInterval(time);
 }
 
 // Where the packet that comes after an interval's end begins its own: on the grid, at the last end
@@ -76,11 +81,6 @@ void beginAt(TimeSpec time) {
 void goOnBefore(TimeSpec packetTime) {
     const TimeSpec end = offlineRun.nextSnapshotTime;
     const int64_t interval = traceSettings.updateInterval * kNanosecondsOfSecond;
-    if (interval == 0) {
-        offlineRun.beginTime = end;
-        offlineRun.nextSnapshotTime = packetTime;
-        return;
-    }
     const int64_t silent = (nanosecondsBetween(end, packetTime) - 1) / interval;
     const auto seconds = static_cast<uint32_t>(end.seconds) +
                          static_cast<uint32_t>(silent) * traceSettings.updateInterval;
@@ -97,7 +97,7 @@ void goBackTo(TimeSpec packetTime) {
 
 // The capture may hold frames that came a little late.
 bool isSetBack(TimeSpec packetTime) {
-    const int64_t interval = std::max(traceSettings.updateInterval, 1U) * kNanosecondsOfSecond;
+    const int64_t interval = traceSettings.updateInterval * kNanosecondsOfSecond;
     return nanosecondsBetween(packetTime, offlineRun.beginTime) > interval;
 }
 
@@ -162,7 +162,7 @@ void offlineRunBegin() {
 void offlineRunPacket(TimeSpec time, const uint8_t* ip, size_t length) {
     if (!offlineRun.begun) {
         begin(time);
-    } else if (snapshotSink.keepsGrid) {
+    } else if (hasGrid()) {
         endIntervalsOfGrid(time);
     } else if (isLater(time, offlineRun.nextSnapshotTime)) {
         handOn(offlineRun.nextSnapshotTime);
@@ -175,7 +175,7 @@ void offlineRunPacket(TimeSpec time, const uint8_t* ip, size_t length) {
 void offlineRunEnd() {
     TimeSpec end = offlineRun.lastPacketTime;
     // A packet that came a little late doesn't end its interval before it began.
-    if (snapshotSink.keepsGrid && isLater(offlineRun.beginTime, end)) end = offlineRun.beginTime;
+    if (hasGrid() && isLater(offlineRun.beginTime, end)) end = offlineRun.beginTime;
     handOn(end);
     if (snapshotSink.end != nullptr) snapshotSink.end();
 }

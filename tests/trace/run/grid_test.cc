@@ -71,7 +71,7 @@ TEST(OfflineRun, IntervalsOfAGridHoldThePacketsOfTheirOwnTimes) {
         {"intervals of no length",
          0,
          {100, 100, 101, 107},
-         {"100-100 2", "100-101 1", "101-107 1"}},
+         {"100-100 2", "100-100 1", "100-107 1"}},
     };
     for (const Case& one : cases) {
         EXPECT_EQ(intervalsOf(true, one.seconds, one.packets), one.wanted) << one.what;
