@@ -272,4 +272,46 @@ TEST(ReplayPace, FollowsTheCapturesTimeAtItsSpeed) {
     EXPECT_EQ(paceWait(pace, 900, 5014), 1);
 }
 
+// A click does what its key does.
+TEST_F(TopViewTest, WhatIsDrawnCanBeClicked) {
+    SnapshotMaker maker;
+    fill(maker, true);
+    topTake(model, maker.at(1700000000));
+    const auto clickOn = [this](const std::string& text, size_t into) {
+        const Lines lines = draw({80, 24});
+        for (size_t line = 0; line < lines.size(); ++line) {
+            const size_t column = lines[line].find(text);
+            if (column == std::string::npos) continue;
+            const ScreenSpot* const spot = screenSpotAt(screen, {column + into, line});
+            if (spot != nullptr) topClick(model, *spot);
+            return draw({80, 24});
+        }
+        ADD_FAILURE() << text;
+        return lines;
+    };
+    clickOn(" Subjects", 3);
+    EXPECT_EQ(model.table, TopTable::kSubjects);
+    clickOn("Multicast", 0);
+    EXPECT_EQ(model.table, TopTable::kMulticast);
+    clickOn("Gaps", 1);
+    EXPECT_EQ(topPane(model).sortColumn, kSortNumbers + 5);
+    EXPECT_FALSE(topPane(model).isAscending);
+    clickOn("Gaps", 1);
+    EXPECT_TRUE(topPane(model).isAscending);
+    ASSERT_GE(topPane(model).order.size(), 2u);
+    const size_t firstRow = 7;
+    const auto clickLine = [this](size_t line) {
+        draw({80, 24});
+        const ScreenSpot* const spot = screenSpotAt(screen, {30, line});
+        if (spot != nullptr) topClick(model, *spot);
+    };
+    clickLine(firstRow);
+    EXPECT_EQ(topPane(model).cursor, 1u);
+    EXPECT_FALSE(topPane(model).hasOpen);
+    clickLine(firstRow);
+    EXPECT_TRUE(topPane(model).hasOpen);
+    clickLine(23);  // hints
+    EXPECT_EQ(model.mode, TopMode::kTables);
+}
+
 }  // namespace

@@ -29,8 +29,7 @@ struct LinkWatch {
 
     std::atomic<int> index = 0;
 
-    // Of the first IO thread.
-    bool isUp = false;
+    std::atomic<bool> isUp = false;
 };
 
 LinkWatch watch;
@@ -44,7 +43,7 @@ void report(LinkChange change) {
 }
 
 void setUp(bool isUp) {
-    if (std::exchange(watch.isUp, isUp) == isUp) return;
+    if (watch.isUp.exchange(isUp) == isUp) return;
     logPrint(isUp ? "interface %s is up again." : "interface %s is down.", watch.name);
     report(isUp ? LinkChange::kUp : LinkChange::kDown);
 }
@@ -65,8 +64,11 @@ void followMessages(const nlmsghdr* message, size_t sizeBytes) {
         ifinfomsg link;
         std::memcpy(&link, NLMSG_DATA(message), sizeof link);
         if (link.ifi_index != watch.index) continue;
-        setUp(!isGone && isUpBy(link.ifi_flags));
-        if (isGone) report(LinkChange::kGone);
+        if (isGone) {
+            report(LinkChange::kGone);
+        } else {
+            setUp(isUpBy(link.ifi_flags));
+        }
     }
 }
 
@@ -109,7 +111,10 @@ bool startEvent() {
 }  // namespace
 
 void linkWatchFollow() {
-    if (watch.socket >= 0) watch.index = static_cast<int>(if_nametoindex(watch.name));
+    if (watch.socket < 0) return;
+    watch.index = static_cast<int>(if_nametoindex(watch.name));
+    watch.isUp = askIsUp();
+    report(watch.isUp ? LinkChange::kUp : LinkChange::kDown);
 }
 
 void linkWatchStart(const char* interfaceName, void (*onChange)(LinkChange change)) {

@@ -18,5 +18,5 @@ enum class LinkChange : uint8_t { kUp, kDown, kGone };
 // from the start; it may be null.
 void linkWatchStart(const char* interfaceName, void (*onChange)(LinkChange change));
 
-// The interface was made again, and has another index. Any thread.
+// The interface was made again, and has another index: reports how it is. Any thread.
 void linkWatchFollow();

@@ -12,6 +12,8 @@ constexpr TopKeyRow kRows[] = {
     {kDown, {kKeyDown, 'j'}, kMove, nullptr, nullptr, nullptr, 0},
     {kPageUp, {kKeyPageUp}, kMove, "PgUp PgDn", "a screen up or down", nullptr, 0},
     {kPageDown, {kKeyPageDown}, kMove, nullptr, nullptr, nullptr, 0},
+    {kWheelUp, {kKeyWheelUp}, kMove, "Mouse", "wheel; click a row, a heading, a table", nullptr, 0},
+    {kWheelDown, {kKeyWheelDown}, kMove, nullptr, nullptr, nullptr, 0},
     {kFirst, {kKeyHome, 'g'}, kMove, "Home End", "the first row, the last (g, G)", nullptr, 0},
     {kLast, {kKeyEnd, 'G'}, kMove, nullptr, nullptr, nullptr, 0},
     {kTable1, {'1'}, kMove, "1 2 3 4", "one of the four tables", nullptr, 0},

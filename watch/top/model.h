@@ -25,6 +25,7 @@
 #include "watch/top/keys.h"
 #include "watch/top/pane.h"
 #include "watch/top/rows.h"
+#include "watch/top/screen.h"
 #include "watch/top/trail.h"
 
 // The numbers of a whole interval.
@@ -93,6 +94,9 @@ enum class TopAnswer : uint8_t { kNothing, kRedraw, kQuit };
 
 // `room` is how many lines of rows the screen shows.
 TopAnswer topPress(TopModel& model, uint32_t key, size_t room);
+
+// A click on a part of the screen that was drawn last.
+void topClick(TopModel& model, const ScreenSpot& spot);
 
 // Brings the table that is looked at into order, and the cursor into sight.
 void topArrange(TopModel& model, size_t room);

@@ -156,9 +156,20 @@ TopAnswer press(uint32_t key) {
     return topPress(*top.model, key, room);
 }
 
+void click() {
+    const ScreenSpot* const spot = screenSpotAt(*top.screen, terminalClick());
+    if (spot == nullptr) return;
+    const LockGuard guard(top.lock);
+    topClick(*top.model, *spot);
+}
+
 void readKeys() {
     uint32_t key = 0;
     while (terminalReadKey(&key)) {
+        if (key == kKeyClick) {
+            click();
+            continue;
+        }
         const TopAnswer answer = press(key);
         if (answer == TopAnswer::kQuit) stopAsk();
         if (answer == TopAnswer::kRedraw) terminalForget();

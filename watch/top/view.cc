@@ -67,6 +67,18 @@ std::string timeOf(TimeSpec time, const char* format) {
     return {text.data(), std::strftime(text.data(), text.size(), format, &local)};
 }
 
+// " UTC-5", " UTC+5:30"; nothing where the local time is UTC.
+std::string zoneOf(TimeSpec time) {
+    const time_t seconds = time.seconds;
+    tm local{};
+    localtime_r(&seconds, &local);
+    const long minutes = std::abs(local.tm_gmtoff / 60);
+    if (minutes == 0) return "";
+    const char sign = local.tm_gmtoff < 0 ? '-' : '+';
+    const std::string zone = formatted(" UTC%c%ld", sign, minutes / 60);
+    return minutes % 60 == 0 ? zone : zone + formatted(":%02ld", minutes % 60);
+}
+
 // What a saved capture or the screen is at.
 std::string stateText(const TopModel& model) {
     if (model.isLive) return model.isHeld ? "FROZEN" : model.state;
@@ -122,10 +134,11 @@ void putSums(Drawing& drawing, size_t end) {
 }
 
 // False where there is nothing yet to tell the time of.
-bool putTime(Drawing& drawing, const char* format) {
+bool putTime(Drawing& drawing, const char* format, bool hasZone) {
     const TopHead& head = topState(drawing.model).head;
-    const std::string text =
-        head.isThere ? timeOf(head.time, format) : "waiting for the first interval";
+    const std::string text = head.isThere
+                                 ? timeOf(head.time, format) + (hasZone ? zoneOf(head.time) : "")
+                                 : "waiting for the first interval";
     screenPut(drawing.screen, drawing.line, head.isThere ? Style::kStrong : Style::kPlain,
               " " + text);
     return head.isThere;
@@ -151,7 +164,7 @@ bool isBlind(const TopModel& model) {
 void drawShortHead(Drawing& drawing) {
     const size_t columns = drawing.screen.size.columns;
     const size_t stateColumns = isAtRest(drawing.model) ? stateText(drawing.model).size() + 2 : 0;
-    const bool isThere = putTime(drawing, "%H:%M:%S");
+    const bool isThere = putTime(drawing, "%H:%M:%S", false);
     if (isBlind(drawing.model)) {
         putNotRead(drawing, columns - stateColumns);
     } else if (isThere) {
@@ -169,7 +182,8 @@ void drawFullHead(Drawing& drawing) {
     screenPutIn(screen, drawing.line, Style::kStrong, drawing.model.source,
                 std::min(nameColumns, columns / 4));
     screenPut(screen, drawing.line, Style::kPlain, " ");
-    const bool isThere = putTime(drawing, columns < 60 ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S");
+    const bool isThere =
+        putTime(drawing, columns < 60 ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", columns >= 60);
     if (isThere) {
         const std::string span = spanText(topState(drawing.model).head.seconds);
         screenPut(screen, drawing.line, Style::kPlain, "  " + span);
@@ -210,8 +224,10 @@ void drawTabs(Drawing& drawing) {
         if (columns > screen.size.columns && !(form.isShort && !form.hasCount)) continue;
         for (size_t table = 0; table < kTopTables; ++table) {
             const bool isHere = table == static_cast<size_t>(drawing.model.table);
+            const size_t begin = screen.lines[drawing.line].columns;
             screenPut(screen, drawing.line, isHere ? Style::kHere : Style::kPlain,
                       tabText(drawing, table, form));
+            screenMark(screen, drawing.line, begin, SpotKind::kTable, table);
         }
         break;
     }
@@ -267,10 +283,19 @@ void putTextHeading(Drawing& drawing, const char* heading, size_t sorts, size_t 
 void drawHeadings(Drawing& drawing) {
     Screen& screen = drawing.screen;
     constexpr Style kStyle = Style::kHeading;
+    size_t begin = 0;
+    const auto mark = [&](size_t column) {
+        if (paneHasColumn(drawing.rows.table, column)) {
+            screenMark(screen, drawing.line, begin, SpotKind::kHeading, column);
+        }
+        begin = screen.lines[drawing.line].columns;
+    };
     if (drawing.hasLead) {
         screenPutRight(screen, drawing.line, kStyle, headingText(drawing, "Port", kSortPort), 6);
+        mark(kSortPort);
         putTextHeading(drawing, drawing.info.hasGroups ? "Group" : "Hosts", kSortGroup, 8);
         screenPad(screen, drawing.line, kStyle, kLeadColumns);
+        mark(kSortGroup);
     } else {
         screenPad(screen, drawing.line, kStyle, 1);
     }
@@ -278,11 +303,13 @@ void drawHeadings(Drawing& drawing) {
         const std::string text =
             headingText(drawing, headingOf(drawing.info, number), kSortNumbers + number);
         screenPutRight(screen, drawing.line, kStyle, text, drawing.numberColumns);
+        mark(kSortNumbers + number);
     }
     if (drawing.info.hasSubjects) {
         putTextHeading(drawing, "Subject", kSortSubject, screen.lines[drawing.line].columns + 2);
     }
     screenPad(screen, drawing.line, kStyle, screen.size.columns);
+    if (drawing.info.hasSubjects) mark(kSortSubject);
     ++drawing.line;
 }
 
@@ -336,10 +363,12 @@ void drawTotals(Drawing& drawing) {
     ++drawing.line;
 }
 
+// Several ports may serve one service.
 std::string hostsText(const TopRow& row) {
     const uint32_t count = row.hostCount / 2;  // two sides each
-    if (count == 0) return "silent";
-    return formatted(count == 1 ? "%u host" : "%u hosts", count);
+    const std::string port = row.port != row.shownPort ? formatted("on %u ", row.port) : "";
+    if (count == 0) return port + "silent";
+    return port + formatted(count == 1 ? "%u host" : "%u hosts", count);
 }
 
 void putTail(Drawing& drawing, Style style, std::string_view text) {
@@ -427,6 +456,8 @@ void drawRows(Drawing& drawing) {
     }
     for (size_t at = drawing.pane.scroll; at < count && drawing.line < end; ++at) {
         drawLine(drawing, at);
+        drawing.screen.spots.push_back(
+            {SpotKind::kRow, at, drawing.line, 0, drawing.screen.size.columns});
         ++drawing.line;
     }
     drawing.line = end;
