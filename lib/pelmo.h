@@ -51,14 +51,32 @@
 #include "transport/circuit/circuit.h"
 #include "transport/transport.h"
 
-[[nodiscard]] pelmoStatus pelmo_Open();
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+PELMO_NODISCARD pelmoStatus pelmo_Open(void);
 
 // Each successful open needs one close. kStatusDeliveryFailed for a last close where not all that
 // transports had sent is known to have left: the library is closed all the same.
-pelmoStatus pelmo_Close();
+pelmoStatus pelmo_Close(void);
 
 // The text is constant and can be read whether the library is open or not.
-[[nodiscard]] const char* pelmo_Version();
+PELMO_NODISCARD const char* pelmo_Version(void);
+
+// The library's own lines, of warnings that no listener took and of what it couldn't do. They go to
+// the standard error stream, with a time stamp, and with a hook to the hook alone, without one; the
+// same line comes at most once a second, with a count of those that were left out: "... (81 more)".
+// The hook runs on whatever thread has something to report, possibly with locks of the library
+// held: it may call nothing of the library, and should be quick. The line has no line break at its
+// end and ends with the call. On return no call of the former hook runs; null removes it. The hook
+// outlives closes of the library.
+typedef void (*pelmoLogHook)(const char* line, void* closure);
+void pelmo_SetLogHook(pelmoLogHook hook, void* closure);
 
 // Returns once the library isn't open.
-void pelmo_WaitClosed();
+void pelmo_WaitClosed(void);
+
+#ifdef __cplusplus
+}
+#endif

@@ -67,7 +67,7 @@ const char* parseHex(std::string_view text, FieldValue& out) {
 // The ways back.
 
 template <auto kMember>
-void printNumber(std::string& out, const FieldData& data) {
+void printNumber(std::string& out, const pelmoFieldData& data) {
     char digits[32];
     const auto end = std::to_chars(std::begin(digits), std::end(digits), data.*kMember).ptr;
     out.append(digits, end);
@@ -75,21 +75,21 @@ void printNumber(std::string& out, const FieldData& data) {
 
 // The shortest digits that read back as the same number.
 template <auto kMember>
-void printReal(std::string& out, const FieldData& data) {
+void printReal(std::string& out, const pelmoFieldData& data) {
     const auto number = data.*kMember;
     if (std::isfinite(number)) return printNumber<kMember>(out, data);
     out += std::isnan(number) ? "\"NaN\"" : number > 0 ? "\"Infinity\"" : "\"-Infinity\"";
 }
 
-void printTruth(std::string& out, const FieldData& data) {
+void printTruth(std::string& out, const pelmoFieldData& data) {
     out += data.boolean == 1 ? "true" : "false";  // as the library's own text has it
 }
 
-void printPort(std::string& out, const FieldData& data) {
+void printPort(std::string& out, const pelmoFieldData& data) {
     out += std::to_string(ntohs(data.ipPort16));
 }
 
-void printAddress(std::string& out, const FieldData& data) {
+void printAddress(std::string& out, const pelmoFieldData& data) {
     char text[INET_ADDRSTRLEN];
     const in_addr address{data.ipAddr32};
     out += '"';
@@ -97,7 +97,7 @@ void printAddress(std::string& out, const FieldData& data) {
     out += '"';
 }
 
-using D = FieldData;
+using D = pelmoFieldData;
 using enum FieldForm;
 
 constexpr FieldKind kFieldKinds[] = {

@@ -26,7 +26,7 @@ enum class FieldForm : uint8_t {
 };
 
 struct FieldValue {
-    FieldData data{};
+    pelmoFieldData data{};
     std::string bytes;  // of types whose data is a pointer: the text, the bytes
 };
 
@@ -41,7 +41,7 @@ struct FieldKind {
     const char* (*parse)(std::string_view text, FieldValue& out);
 
     // Adds the value's JSON. Null where the value is no number, truth or address.
-    void (*print)(std::string& out, const FieldData& data);
+    void (*print)(std::string& out, const pelmoFieldData& data);
 };
 
 // Both null for a name or a code that isn't known. The code may be an array's.

@@ -6,9 +6,17 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
-struct pelmoMsgDateTime {
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct pelmoMsgDateTime {
     int64_t seconds;  // since 1970-01-01 00:00:00 UTC
     uint32_t nanoseconds;
-};
+} pelmoMsgDateTime;
+
+#ifdef __cplusplus
+}
+#endif

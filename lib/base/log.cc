@@ -58,6 +58,9 @@ struct LogState {
     bool rotating PELMO_GUARDED_BY(lock) = false;  // a header is being written or a rotation runs:
                                                    // neither starts another
 
+    LogHook hook PELMO_GUARDED_BY(lock) = nullptr;
+    void* hookClosure PELMO_GUARDED_BY(lock) = nullptr;
+
     const char* programName PELMO_GUARDED_BY(lock) = "PM";
     bool utcStamp PELMO_GUARDED_BY(lock) = false;
 };
@@ -142,6 +145,10 @@ size_t writeTextLocked(const char* text, size_t sizeBytes) PELMO_REQUIRES(state.
         }
     }
     va_end(again);
+    if (state.hook != nullptr) {
+        state.hook(whole + prefixBytes, state.hookClosure);
+        return true;
+    }
     const size_t lineBytes = prefixBytes + textBytes + 1;
     whole[lineBytes - 1] = '\n';
     const size_t written = writeTextLocked(whole, lineBytes);
@@ -363,6 +370,12 @@ void logClose() {
 void logSetProgramName(const char* name) {
     const LockGuard guard(state.lock);
     state.programName = name;
+}
+
+void logSetHook(LogHook hook, void* closure) {
+    const LockGuard guard(state.lock);
+    state.hook = hook;
+    state.hookClosure = closure;
 }
 
 void logSetStream(FILE* stream) {

@@ -21,9 +21,10 @@
 // and each further limit's worth of text tries again. The standard error stream gets a line about
 // both.
 //
-// Threads: any, at any time, with any lock held. A line is written whole. Nothing is called back.
-// The stream of a file stays the same, and valid, through all rotations to the end of the process,
-// so that a thread may write to it while others log; after logClose such text is discarded.
+// Threads: any, at any time, with any lock held. A line is written whole. Nothing is called back
+// but the hook. The stream of a file stays the same, and valid, through all rotations to the end of
+// the process, so that a thread may write to it while others log; after logClose such text is
+// discarded.
 
 #pragma once
 
@@ -69,6 +70,12 @@ void logSetStream(FILE* stream);
 // For callers that wrote to the stream directly: rotates the file if it is full, and reports lost
 // text.
 void logCheckRotation();
+
+// Lines go to the hook and nowhere else while there is one, without time stamp and program name. It
+// runs with the log's lock held, so it may not log, nor call what does. On return no call of the
+// former hook runs. Null: none.
+using LogHook = void (*)(const char* line, void* closure);
+void logSetHook(LogHook hook, void* closure);
 
 // Lines wait for the reader of a pipe, a socket or a terminal. For the end of the process: after
 // this many seconds lines no longer wait and are lost. Infinity lifts the bound.

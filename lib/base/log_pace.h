@@ -11,8 +11,9 @@
 // Until then each is written as it comes: what a run over a saved capture writes doesn't depend on
 // its speed.
 //
-// Failure: 32 texts are known by their first 95 bytes. Lines of any further text are written as
-// they come.
+// Failure: 32 texts are known by their first 95 bytes, or as below. A further text takes the place
+// of one that has had no line for a second; where there is none, its lines are written as they
+// come.
 //
 // Threads: any, under any lock that ranks before LockRank::kLeaf.
 
@@ -26,6 +27,10 @@
 // second.
 inline constexpr uint32_t kPacedLinesOfKind = 50;
 [[gnu::format(printf, 2, 3)]] void logPacedAs(const char* kind, const char* format, ...);
+
+// The whole line, however long it is, and paced from the first one on: for what the library reports
+// of itself. Lines are the same whose first 511 bytes are.
+[[gnu::format(printf, 1, 2)]] void logPacedLine(const char* format, ...);
 
 void logPaceBegin();
 

@@ -8,9 +8,9 @@ namespace {
 
 struct CodecRow {
     uint8_t type;
-    FieldEncoder encoder;
-    FieldDecoder decoder;
-    FieldConverter converter;
+    pelmoFieldEncoder encoder;
+    pelmoFieldDecoder decoder;
+    pelmoFieldConverter converter;
 };
 
 // Types 10 to 13 exist only on the wire. The application's scalar types are decoded as well, in
@@ -66,14 +66,14 @@ consteval CodecTable<Operation> column(Operation CodecRow::*member) {
 
 }  // namespace
 
-constinit CodecTable<FieldEncoder> fieldEncoders = column(&CodecRow::encoder);
-constinit CodecTable<FieldDecoder> fieldDecoders = column(&CodecRow::decoder);
-constinit CodecTable<FieldConverter> fieldConverters = column(&CodecRow::converter);
+constinit CodecTable<pelmoFieldEncoder> fieldEncoders = column(&CodecRow::encoder);
+constinit CodecTable<pelmoFieldDecoder> fieldDecoders = column(&CodecRow::decoder);
+constinit CodecTable<pelmoFieldConverter> fieldConverters = column(&CodecRow::converter);
 
 pelmoStatus pelmoMsg_SetHandlers(uint8_t type,
-                                 FieldEncoder encoder,
-                                 FieldDecoder decoder,
-                                 FieldConverter converter) {
+                                 pelmoFieldEncoder encoder,
+                                 pelmoFieldDecoder decoder,
+                                 pelmoFieldConverter converter) {
     traceLine(kTraceMsgDetail, "pelmoMsg_SetHandlers(%u, %p, %p, %p)", type,
               reinterpret_cast<const void*>(encoder), reinterpret_cast<const void*>(decoder),
               reinterpret_cast<const void*>(converter));

@@ -34,34 +34,42 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 #include "../base/status.h"
 #include "field.h"
 
-struct WriteCursor {
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct pelmoWriteCursor {
     uint8_t* at;
     uint8_t* end;
-};
+} pelmoWriteCursor;
 
-struct ReadCursor {
+typedef struct pelmoReadCursor {
     const uint8_t* at;
     const uint8_t* end;
-};
+} pelmoReadCursor;
 
-using FieldEncoder = pelmoStatus (*)(WriteCursor& cursor, const pelmoMsgField& field);
-using FieldDecoder = pelmoStatus (*)(ReadCursor& cursor,
-                                     pelmoMsgField& field,
-                                     Disposition& disposition);
-using FieldConverter = pelmoStatus (*)(pelmoMsgField& field,
-                                       uint8_t targetType,
-                                       Disposition& disposition);
+typedef pelmoStatus (*pelmoFieldEncoder)(pelmoWriteCursor* cursor, const pelmoMsgField* field);
+typedef pelmoStatus (*pelmoFieldDecoder)(pelmoReadCursor* cursor,
+                                         pelmoMsgField* field,
+                                         pelmoDisposition* disposition);
+typedef pelmoStatus (*pelmoFieldConverter)(pelmoMsgField* field,
+                                           uint8_t targetType,
+                                           pelmoDisposition* disposition);
 
 // Null operations are stored as they are. kStatusReservedHandler for a type below 128.
 pelmoStatus pelmoMsg_SetHandlers(uint8_t type,
-                                 FieldEncoder encoder,
-                                 FieldDecoder decoder,
-                                 FieldConverter converter);
+                                 pelmoFieldEncoder encoder,
+                                 pelmoFieldDecoder decoder,
+                                 pelmoFieldConverter converter);
 
 // Carries fields of this type as a length and bytes.
 pelmoStatus pelmoMsg_SetOpaqueHandlers(uint8_t type);
+
+#ifdef __cplusplus
+}
+#endif

@@ -35,7 +35,7 @@ void turn(const uint8_t* from, uint8_t* to, uint64_t count, uint8_t) {
 
 // Swapping bytes is its own inverse, so encoder and decoder share the copy.
 template <typename Word>
-pelmoStatus encodeArray(WriteCursor& cursor, const pelmoMsgField& field) {
+pelmoStatus encodeArray(pelmoWriteCursor& cursor, const pelmoMsgField& field) {
     if (field.size != sizeof(Word)) return kStatusInvalidArgument;
     const uint64_t totalBytes = sizeof(Word) * uint64_t{field.count};
     if (writeRoom(cursor) < sizePrefixedLength(totalBytes)) return kStatusNoMemory;
@@ -50,7 +50,9 @@ pelmoStatus encodeArray(WriteCursor& cursor, const pelmoMsgField& field) {
 
 // Bytes after the last whole element are ignored.
 template <typename Word>
-pelmoStatus decodeArray(ReadCursor& cursor, pelmoMsgField& field, Disposition& disposition) {
+pelmoStatus decodeArray(pelmoReadCursor& cursor,
+                        pelmoMsgField& field,
+                        pelmoDisposition& disposition) {
     uint32_t totalBytes = 0;
     const pelmoStatus status = readValueLength(cursor, totalBytes);
     if (status != kStatusSuccess) return status;
@@ -72,23 +74,23 @@ pelmoStatus decodeArray(ReadCursor& cursor, pelmoMsgField& field, Disposition& d
 
 }  // namespace
 
-PELMO_ENCODER(encodeArray8) {
+PELMO_ENCODER_BODY(encodeArray8) {
     return encodeArray<uint8_t>(cursor, field);
 }
 
-PELMO_ENCODER(encodeArray16) {
+PELMO_ENCODER_BODY(encodeArray16) {
     return encodeArray<uint16_t>(cursor, field);
 }
 
-PELMO_ENCODER(encodeArray32) {
+PELMO_ENCODER_BODY(encodeArray32) {
     return encodeArray<uint32_t>(cursor, field);
 }
 
-PELMO_ENCODER(encodeArray64) {
+PELMO_ENCODER_BODY(encodeArray64) {
     return encodeArray<uint64_t>(cursor, field);
 }
 
-PELMO_DECODER(decodeArray8) {
+PELMO_DECODER_BODY(decodeArray8) {
     uint32_t totalBytes = 0;
     const pelmoStatus status = readValueLength(cursor, totalBytes);
     if (status != kStatusSuccess) return status;
@@ -100,14 +102,14 @@ PELMO_DECODER(decodeArray8) {
     return kStatusSuccess;
 }
 
-PELMO_DECODER(decodeArray16) {
+PELMO_DECODER_BODY(decodeArray16) {
     return decodeArray<uint16_t>(cursor, field, disposition);
 }
 
-PELMO_DECODER(decodeArray32) {
+PELMO_DECODER_BODY(decodeArray32) {
     return decodeArray<uint32_t>(cursor, field, disposition);
 }
 
-PELMO_DECODER(decodeArray64) {
+PELMO_DECODER_BODY(decodeArray64) {
     return decodeArray<uint64_t>(cursor, field, disposition);
 }

@@ -20,7 +20,7 @@ constexpr uint32_t kTwoPrefixBytes = 2 * kMostPrefixBytes;
 // ratio is corrupt, and nothing is allocated for it.
 constexpr uint64_t kMostInflation = 1032;
 
-pelmoStatus encodeBytes(WriteCursor& cursor, const void* data, uint64_t sizeBytes) {
+pelmoStatus encodeBytes(pelmoWriteCursor& cursor, const void* data, uint64_t sizeBytes) {
     if (writeRoom(cursor) < sizePrefixedLength(sizeBytes)) return kStatusNoMemory;
     if (sizeBytes != 0 && data == nullptr) return kStatusInvalidArgument;
     const pelmoStatus status = writeSizePrefix(&cursor, sizeBytes);
@@ -51,17 +51,17 @@ pelmoStatus inflateInto(uint8_t* block,
 
 }  // namespace
 
-PELMO_ENCODER(encodeOpaque) {
+PELMO_ENCODER_BODY(encodeOpaque) {
     return encodeBytes(cursor, field.data.pointer, field.size);
 }
 
-PELMO_ENCODER(encodeString) {
+PELMO_ENCODER_BODY(encodeString) {
     const auto* text = static_cast<const char*>(field.data.pointer);
     const bool measured = field.size == 0 && text != nullptr;
     return encodeBytes(cursor, text, measured ? std::strlen(text) + 1 : field.size);
 }
 
-PELMO_DECODER(decodeBlock) {
+PELMO_DECODER_BODY(decodeBlock) {
     uint32_t sizeBytes = 0;
     const pelmoStatus status = readValueLength(cursor, sizeBytes);
     if (status != kStatusSuccess) return status;
@@ -74,7 +74,7 @@ PELMO_DECODER(decodeBlock) {
 }
 
 // A packed subject begins with its own length, which serves as the size prefix.
-PELMO_ENCODER(encodeSubject) {
+PELMO_ENCODER_BODY(encodeSubject) {
     const auto* subject = static_cast<const uint8_t*>(field.data.pointer);
     if (subject == nullptr) return kStatusInvalidArgument;
     if (writeRoom(cursor) < uint64_t{field.size} + 1) return kStatusNoMemory;
@@ -89,7 +89,7 @@ PELMO_ENCODER(encodeSubject) {
     return kStatusSuccess;
 }
 
-PELMO_DECODER(decodeSubject) {
+PELMO_DECODER_BODY(decodeSubject) {
     const uint64_t leftBytes = readLeft(cursor);
     if (leftBytes < 3 || leftBytes - 1 < loadBe16At(cursor.at + 1)) return kStatusCorruptMessage;
     if (!subjectFieldIsValid(cursor.at)) return kStatusCorruptMessage;
@@ -103,7 +103,7 @@ PELMO_DECODER(decodeSubject) {
 
 // The compressed stream is first written after room for the two largest prefixes. When its length
 // is known, the prefixes are written and the stream is moved up to them.
-PELMO_ENCODER(encodeXml) {
+PELMO_ENCODER_BODY(encodeXml) {
     if (field.data.pointer == nullptr) return kStatusInvalidArgument;
     if (writeRoom(cursor) < kTwoPrefixBytes) return kStatusNoMemory;
     uint8_t* stream = cursor.at + kTwoPrefixBytes;
@@ -121,11 +121,11 @@ PELMO_ENCODER(encodeXml) {
     return kStatusSuccess;
 }
 
-PELMO_DECODER(decodeXml) {
+PELMO_DECODER_BODY(decodeXml) {
     uint32_t outerBytes = 0;
     pelmoStatus status = readValueLength(cursor, outerBytes);
     if (status != kStatusSuccess) return status;
-    ReadCursor inner{cursor.at, cursor.at + outerBytes};
+    pelmoReadCursor inner{cursor.at, cursor.at + outerBytes};
     uint32_t documentBytes = 0;
     status = readSizePrefix(&inner, &documentBytes);
     if (status != kStatusSuccess) return status;

@@ -6,21 +6,39 @@
 #include <array>
 
 #include "lib/msg/codec.h"
+#include "lib/msg/field_rows.h"
 #include "lib/msg/scalar.h"
 
 // By type code; null where there is no such operation.
 template <typename Operation>
 using CodecTable = std::array<Operation, 256>;
 
-extern CodecTable<FieldEncoder> fieldEncoders;
-extern CodecTable<FieldDecoder> fieldDecoders;
-extern CodecTable<FieldConverter> fieldConverters;
+extern CodecTable<pelmoFieldEncoder> fieldEncoders;
+extern CodecTable<pelmoFieldDecoder> fieldDecoders;
+extern CodecTable<pelmoFieldConverter> fieldConverters;
 
 // For codec.cc alone.
 
-#define PELMO_ENCODER(name) pelmoStatus name(WriteCursor& cursor, const pelmoMsgField& field)
+#define PELMO_ENCODER(name) pelmoStatus name(pelmoWriteCursor* cursor, const pelmoMsgField* field)
 #define PELMO_DECODER(name) \
-    pelmoStatus name(ReadCursor& cursor, pelmoMsgField& field, Disposition& disposition)
+    pelmoStatus name(pelmoReadCursor* cursor, pelmoMsgField* field, pelmoDisposition* disposition)
+
+// A row's definition, whose body has the three by reference: none of them is ever null.
+#define PELMO_ENCODER_BODY(name)                                             \
+    static pelmoStatus name##With(pelmoWriteCursor&, const pelmoMsgField&);  \
+    PELMO_ENCODER(name) {                                                    \
+        return name##With(*cursor, *field);                                  \
+    }                                                                        \
+    static pelmoStatus name##With([[maybe_unused]] pelmoWriteCursor& cursor, \
+                                  [[maybe_unused]] const pelmoMsgField& field)
+#define PELMO_DECODER_BODY(name)                                                        \
+    static pelmoStatus name##With(pelmoReadCursor&, pelmoMsgField&, pelmoDisposition&); \
+    PELMO_DECODER(name) {                                                               \
+        return name##With(*cursor, *field, *disposition);                               \
+    }                                                                                   \
+    static pelmoStatus name##With([[maybe_unused]] pelmoReadCursor& cursor,             \
+                                  [[maybe_unused]] pelmoMsgField& field,                \
+                                  [[maybe_unused]] pelmoDisposition& disposition)
 
 // codec_scalar.cc
 #define PELMO_DECLARE_ENCODER(word, type, Value, size, member) PELMO_ENCODER(encode##word);

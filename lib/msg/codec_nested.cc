@@ -38,7 +38,7 @@ pelmoStatus copyMessage(uint8_t*& at, const uint8_t* end, pelmoMsg* message, uin
 
 // Makes room for the value and writes its prefix and count. `end` is set to where the last element
 // must end, so that a wrong size is noticed there.
-pelmoStatus openList(WriteCursor& cursor, const pelmoMsgField& field, uint8_t*& end) {
+pelmoStatus openList(pelmoWriteCursor& cursor, const pelmoMsgField& field, uint8_t*& end) {
     if (writeRoom(cursor) < sizePrefixedLength(field.size)) return kStatusNoMemory;
     if (field.data.pointer == nullptr || field.size < kCountBytes) return kStatusInvalidArgument;
     const pelmoStatus status = writeSizePrefix(&cursor, field.size);
@@ -56,7 +56,7 @@ struct List {
     uint32_t count;
 };
 
-pelmoStatus readList(ReadCursor& cursor, pelmoMsgField& field, List& list) {
+pelmoStatus readList(pelmoReadCursor& cursor, pelmoMsgField& field, List& list) {
     uint32_t totalBytes = 0;
     const pelmoStatus status = readValueLength(cursor, totalBytes);
     if (status != kStatusSuccess) return status;
@@ -92,9 +92,9 @@ bool listIsWhole(const List& list, NextElement next) {
 
 // Returns a block of pointers to the elements. It is allocated only after the elements have been
 // found in the image, so that a wrong count can't make it large.
-pelmoStatus decodeList(ReadCursor& cursor,
+pelmoStatus decodeList(pelmoReadCursor& cursor,
                        pelmoMsgField& field,
-                       Disposition& disposition,
+                       pelmoDisposition& disposition,
                        NextElement next) {
     List list{};
     const pelmoStatus status = readList(cursor, field, list);
@@ -119,7 +119,7 @@ pelmoStatus decodeList(ReadCursor& cursor,
 }  // namespace
 
 // A nested message begins with its own length, which serves as the size prefix.
-PELMO_ENCODER(encodeMsg) {
+PELMO_ENCODER_BODY(encodeMsg) {
     auto* message = static_cast<pelmoMsg*>(const_cast<void*>(field.data.pointer));
     if (message == nullptr) return kStatusInvalidArgument;
     if (writeRoom(cursor) < uint64_t{field.size} + 1) return kStatusNoMemory;
@@ -133,7 +133,7 @@ PELMO_ENCODER(encodeMsg) {
     return kStatusSuccess;
 }
 
-PELMO_ENCODER(encodeMsgArray) {
+PELMO_ENCODER_BODY(encodeMsgArray) {
     uint8_t* end = nullptr;
     const pelmoStatus opened = openList(cursor, field, end);
     if (opened != kStatusSuccess) return opened;
@@ -146,7 +146,7 @@ PELMO_ENCODER(encodeMsgArray) {
     return cursor.at == end ? kStatusSuccess : kStatusInvalidArgument;
 }
 
-PELMO_ENCODER(encodeStringArray) {
+PELMO_ENCODER_BODY(encodeStringArray) {
     uint8_t* end = nullptr;
     const pelmoStatus opened = openList(cursor, field, end);
     if (opened != kStatusSuccess) return opened;
@@ -161,7 +161,7 @@ PELMO_ENCODER(encodeStringArray) {
     return cursor.at == end ? kStatusSuccess : kStatusInvalidArgument;
 }
 
-PELMO_DECODER(decodeMsg) {
+PELMO_DECODER_BODY(decodeMsg) {
     if (readLeft(cursor) < 1 || *cursor.at != kSizeClass32) return kStatusCorruptMessage;
     const uint32_t length = nestedLength(cursor.at + 1, cursor.end);
     if (length == 0) return kStatusCorruptMessage;
@@ -173,10 +173,10 @@ PELMO_DECODER(decodeMsg) {
     return kStatusSuccess;
 }
 
-PELMO_DECODER(decodeMsgArray) {
+PELMO_DECODER_BODY(decodeMsgArray) {
     return decodeList(cursor, field, disposition, nextMessage);
 }
 
-PELMO_DECODER(decodeStringArray) {
+PELMO_DECODER_BODY(decodeStringArray) {
     return decodeList(cursor, field, disposition, nextString);
 }

@@ -10,7 +10,7 @@ namespace {
 // A size other than the type's would corrupt the image, so it is refused. The size of a bool is
 // ignored, since a bool is wider in the application than on the wire.
 template <uint8_t kType, typename Value>
-pelmoStatus encodeScalar(WriteCursor& cursor, const pelmoMsgField& field, Value value) {
+pelmoStatus encodeScalar(pelmoWriteCursor& cursor, const pelmoMsgField& field, Value value) {
     constexpr uint32_t kValueBytes = kScalarBytes<kType, Value>;
     constexpr uint8_t kWireType = scalarWireType(kType);
     if (kType != FIELD_BOOL && field.size != kValueBytes) return kStatusInvalidArgument;
@@ -24,7 +24,7 @@ pelmoStatus encodeScalar(WriteCursor& cursor, const pelmoMsgField& field, Value 
 
 // Reads the size byte and checks that the value's bytes are there. The field gets the application's
 // type for that width.
-pelmoStatus openWord(ReadCursor& cursor, pelmoMsgField& field) {
+pelmoStatus openWord(pelmoReadCursor& cursor, pelmoMsgField& field) {
     if (readLeft(cursor) < 1) return kStatusCorruptMessage;
     const uint8_t width = *cursor.at;
     const uint8_t type = wireApplicationType(field.type, width);
@@ -40,20 +40,19 @@ pelmoStatus openWord(ReadCursor& cursor, pelmoMsgField& field) {
 }  // namespace
 
 #define PELMO_DEFINE_ENCODER(word, type, Value, size, member)        \
-    PELMO_ENCODER(encode##word) {                                    \
+    PELMO_ENCODER_BODY(encode##word) {                               \
         return encodeScalar<type>(cursor, field, field.data.member); \
     }
 PELMO_SCALAR_FIELDS(PELMO_DEFINE_ENCODER)
 #undef PELMO_DEFINE_ENCODER
 
-PELMO_ENCODER(encodeNone) {
-    static_cast<void>(field);
+PELMO_ENCODER_BODY(encodeNone) {
     if (writeRoom(cursor) < 1) return kStatusNoMemory;
     *cursor.at++ = 0;
     return kStatusSuccess;
 }
 
-PELMO_ENCODER(encodeDateTime) {
+PELMO_ENCODER_BODY(encodeDateTime) {
     if (field.size < kDateTimeFieldBytes) return kStatusInvalidArgument;
     if (!dateTimeFits(field.data.dateTime)) return kStatusInvalidArgument;
     if (writeRoom(cursor) < 1 + kDateTimeWireBytes) return kStatusNoMemory;
@@ -64,7 +63,7 @@ PELMO_ENCODER(encodeDateTime) {
 }
 
 // One decoder serves all numbers: signed, unsigned and float values of one width are the same word.
-PELMO_DECODER(decodeWord) {
+PELMO_DECODER_BODY(decodeWord) {
     const pelmoStatus status = openWord(cursor, field);
     if (status != kStatusSuccess) return status;
     switch (field.size) {
@@ -86,7 +85,7 @@ PELMO_DECODER(decodeWord) {
     return kStatusSuccess;
 }
 
-PELMO_DECODER(decodeNetInt) {
+PELMO_DECODER_BODY(decodeNetInt) {
     const pelmoStatus status = openWord(cursor, field);
     if (status != kStatusSuccess) return status;
     if (field.size == sizeof field.data.ipPort16) {
@@ -100,7 +99,7 @@ PELMO_DECODER(decodeNetInt) {
 }
 
 // The size byte isn't tested. A field that ends with it has no value and reads as false.
-PELMO_DECODER(decodeBool) {
+PELMO_DECODER_BODY(decodeBool) {
     if (readLeft(cursor) < 1) return kStatusCorruptMessage;
     const bool present = readLeft(cursor) >= 2;
     field.size = sizeof field.data.boolean;
@@ -111,7 +110,7 @@ PELMO_DECODER(decodeBool) {
     return kStatusSuccess;
 }
 
-PELMO_DECODER(decodeNone) {
+PELMO_DECODER_BODY(decodeNone) {
     if (readLeft(cursor) < 1) return kStatusCorruptMessage;
     field.size = 0;
     field.count = 1;
@@ -120,7 +119,7 @@ PELMO_DECODER(decodeNone) {
     return kStatusSuccess;
 }
 
-PELMO_DECODER(decodeDateTime) {
+PELMO_DECODER_BODY(decodeDateTime) {
     if (readLeft(cursor) < 1) return kStatusCorruptMessage;
     if (*cursor.at != kDateTimeWireBytes) return kStatusInvalidSize;
     if (readLeft(cursor) < 1 + kDateTimeWireBytes) return kStatusCorruptMessage;

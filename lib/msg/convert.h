@@ -18,7 +18,17 @@
 #include "lib/msg/field.h"
 
 #define PELMO_CONVERTER(name) \
-    pelmoStatus name(pelmoMsgField& field, uint8_t targetType, Disposition& disposition)
+    pelmoStatus name(pelmoMsgField* field, uint8_t targetType, pelmoDisposition* disposition)
+
+// A row's definition, whose body has field and disposition by reference: neither is ever null.
+#define PELMO_CONVERTER_BODY(name)                                             \
+    static pelmoStatus name##With(pelmoMsgField&, uint8_t, pelmoDisposition&); \
+    PELMO_CONVERTER(name) {                                                    \
+        return name##With(*field, targetType, *disposition);                   \
+    }                                                                          \
+    static pelmoStatus name##With([[maybe_unused]] pelmoMsgField& field,       \
+                                  [[maybe_unused]] uint8_t targetType,         \
+                                  [[maybe_unused]] pelmoDisposition& disposition)
 
 // convert_scalar.cc
 PELMO_CONVERTER(convertScalar);
@@ -43,6 +53,10 @@ PELMO_CONVERTER(convertMsg);
 PELMO_CONVERTER(convertMsgArray);
 PELMO_CONVERTER(convertStringArray);
 
+// convert_exact.cc: makes a scalar or a text the number or bool of the target type that it is, and
+// leaves it as it was with kStatusConversionFailed where it isn't one.
+[[nodiscard]] pelmoStatus convertExactly(pelmoMsgField& field, uint8_t targetType);
+
 // For the converters.
 
 // A number on its way from one type to another.
@@ -62,9 +76,9 @@ void storeNumber(uint8_t type, void* at, const Number& number);
 
 // Makes the field a text in a heap block of its own, or a constant one.
 [[nodiscard]] pelmoStatus becomeText(pelmoMsgField& field,
-                                     Disposition& disposition,
+                                     pelmoDisposition& disposition,
                                      const char* text);
-void becomeConstant(pelmoMsgField& field, Disposition& disposition, const char* text);
+void becomeConstant(pelmoMsgField& field, pelmoDisposition& disposition, const char* text);
 
 // "a.b.c.d" of an address in the host's order. Returns the bytes written with the NUL; 0 without a
 // buffer of at least 16.

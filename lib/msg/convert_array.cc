@@ -49,7 +49,7 @@ bool onlyTypeChanges(const ArrayType& from, const ArrayType& to) {
 pelmoStatus becomeArray(pelmoMsgField& field,
                         const ArrayType& from,
                         const ArrayType& to,
-                        Disposition& disposition) {
+                        pelmoDisposition& disposition) {
     const uint32_t fromBytes = numberBytes(from.element);
     const uint32_t toBytes = numberBytes(to.element);
     uint8_t* block = nullptr;
@@ -98,7 +98,9 @@ size_t writeElements(char* text, size_t textBytes, const pelmoMsgField& field, u
     return used;
 }
 
-pelmoStatus becomeArrayText(pelmoMsgField& field, const ArrayType& from, Disposition& disposition) {
+pelmoStatus becomeArrayText(pelmoMsgField& field,
+                            const ArrayType& from,
+                            pelmoDisposition& disposition) {
     const uint64_t mostBytes = uint64_t{field.count} * from.textBytes + 3;
     if (mostBytes > kMostTextBytes) return kStatusNoMemory;
     auto* text = static_cast<char*>(std::malloc(mostBytes));
@@ -116,7 +118,7 @@ pelmoStatus becomeArrayText(pelmoMsgField& field, const ArrayType& from, Disposi
 
 }  // namespace
 
-PELMO_CONVERTER(convertArray) {
+PELMO_CONVERTER_BODY(convertArray) {
     const ArrayType* from = arrayType(field.type);
     if (from == nullptr) return kStatusConversionFailed;
     if (targetType == FIELD_STRING) return becomeArrayText(field, *from, disposition);

@@ -131,7 +131,7 @@ void storeNumber(uint8_t type, void* at, const Number& number) {
     }
 }
 
-PELMO_CONVERTER(convertScalar) {
+PELMO_CONVERTER_BODY(convertScalar) {
     const Number number = loadNumber(field.type, &field.data);
     disposition = kDataByValue;
     if (targetType == FIELD_STRING) {
@@ -148,7 +148,7 @@ PELMO_CONVERTER(convertScalar) {
 }
 
 // Only 1 counts as true, even if another writer sent a 2.
-PELMO_CONVERTER(convertBool) {
+PELMO_CONVERTER_BODY(convertBool) {
     const bool value = field.data.boolean == 1;
     disposition = kDataByValue;
     if (targetType == FIELD_STRING) {
@@ -159,7 +159,7 @@ PELMO_CONVERTER(convertBool) {
                                     : kStatusConversionFailed;
 }
 
-PELMO_CONVERTER(convertIpPort) {
+PELMO_CONVERTER_BODY(convertIpPort) {
     const uint16_t port = hostOrder16(field.data.ipPort16);
     disposition = kDataByValue;
     switch (targetType) {
@@ -177,7 +177,7 @@ PELMO_CONVERTER(convertIpPort) {
     }
 }
 
-PELMO_CONVERTER(convertIpAddr) {
+PELMO_CONVERTER_BODY(convertIpAddr) {
     const uint32_t address = hostOrder32(field.data.ipAddr32);
     disposition = kDataByValue;
     if (targetType == FIELD_U32) return becomeNumber(field, targetType, {false, address, 0});

@@ -113,7 +113,7 @@ const char* asCText(const pelmoMsgField& field, Text& copy) {
 
 }  // namespace
 
-PELMO_CONVERTER(convertString) {
+PELMO_CONVERTER_BODY(convertString) {
     if (field.data.pointer == nullptr || field.size == 0) return kStatusConversionFailed;
     Text copy;
     const char* text = asCText(field, copy);

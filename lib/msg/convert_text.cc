@@ -15,7 +15,10 @@ namespace {
 
 constexpr size_t kSizeTextBytes = 64;
 
-void becomeBlock(pelmoMsgField& field, Disposition& disposition, char* text, size_t sizeBytes) {
+void becomeBlock(pelmoMsgField& field,
+                 pelmoDisposition& disposition,
+                 char* text,
+                 size_t sizeBytes) {
     field.type = FIELD_STRING;
     field.size = static_cast<uint32_t>(sizeBytes);
     field.count = 1;
@@ -48,7 +51,7 @@ pelmoStatus addMessageText(TextBuilder& out, const void* item) {
 }
 
 // The items are in brackets, separated by one blank.
-pelmoStatus becomeListText(pelmoMsgField& field, Disposition& disposition, AddItem addItem) {
+pelmoStatus becomeListText(pelmoMsgField& field, pelmoDisposition& disposition, AddItem addItem) {
     const auto* items = static_cast<const void* const*>(field.data.pointer);
     TextBuilder out;
     if (!out.add("[")) return kStatusNoMemory;
@@ -65,7 +68,7 @@ pelmoStatus becomeListText(pelmoMsgField& field, Disposition& disposition, AddIt
 
 }  // namespace
 
-pelmoStatus becomeText(pelmoMsgField& field, Disposition& disposition, const char* text) {
+pelmoStatus becomeText(pelmoMsgField& field, pelmoDisposition& disposition, const char* text) {
     const size_t sizeBytes = std::strlen(text) + 1;
     auto* block = static_cast<char*>(std::malloc(sizeBytes));
     if (block == nullptr) return kStatusNoMemory;
@@ -74,7 +77,7 @@ pelmoStatus becomeText(pelmoMsgField& field, Disposition& disposition, const cha
     return kStatusSuccess;
 }
 
-void becomeConstant(pelmoMsgField& field, Disposition& disposition, const char* text) {
+void becomeConstant(pelmoMsgField& field, pelmoDisposition& disposition, const char* text) {
     field.type = FIELD_STRING;
     field.size = static_cast<uint32_t>(std::strlen(text) + 1);
     field.count = 1;
@@ -82,33 +85,33 @@ void becomeConstant(pelmoMsgField& field, Disposition& disposition, const char* 
     disposition = kDataByValue;
 }
 
-PELMO_CONVERTER(convertBad) {
+PELMO_CONVERTER_BODY(convertBad) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     becomeConstant(field, disposition, "[BADDATA]");
     return kStatusSuccess;
 }
 
-PELMO_CONVERTER(convertNone) {
+PELMO_CONVERTER_BODY(convertNone) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     becomeConstant(field, disposition, "[NONE]");
     return kStatusSuccess;
 }
 
-PELMO_CONVERTER(convertOpaque) {
+PELMO_CONVERTER_BODY(convertOpaque) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     char text[kSizeTextBytes];
     boundedFormat(text, sizeof text, "[%d opaque bytes]", static_cast<int>(field.size));
     return becomeText(field, disposition, text);
 }
 
-PELMO_CONVERTER(convertXml) {
+PELMO_CONVERTER_BODY(convertXml) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     char text[kSizeTextBytes];
     boundedFormat(text, sizeof text, "[XML document: %d bytes]", static_cast<int>(field.size));
     return becomeText(field, disposition, text);
 }
 
-PELMO_CONVERTER(convertDateTime) {
+PELMO_CONVERTER_BODY(convertDateTime) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     char text[kTimeStampBytes];
     char* cursor = text;
@@ -116,7 +119,7 @@ PELMO_CONVERTER(convertDateTime) {
     return becomeText(field, disposition, text);
 }
 
-PELMO_CONVERTER(convertSubject) {
+PELMO_CONVERTER_BODY(convertSubject) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     const auto* subject = static_cast<const uint8_t*>(field.data.pointer);
     const size_t sizeBytes = subjectLength(subject);
@@ -131,7 +134,7 @@ PELMO_CONVERTER(convertSubject) {
 }
 
 // The text belongs to the nested message.
-PELMO_CONVERTER(convertMsg) {
+PELMO_CONVERTER_BODY(convertMsg) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     const char* text = nullptr;
     const pelmoStatus status = pelmoMsg_ConvertToString(asMessage(field.data.pointer), &text);
@@ -139,12 +142,12 @@ PELMO_CONVERTER(convertMsg) {
     return status;
 }
 
-PELMO_CONVERTER(convertMsgArray) {
+PELMO_CONVERTER_BODY(convertMsgArray) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     return becomeListText(field, disposition, addMessageText);
 }
 
-PELMO_CONVERTER(convertStringArray) {
+PELMO_CONVERTER_BODY(convertStringArray) {
     if (targetType != FIELD_STRING) return kStatusConversionFailed;
     return becomeListText(field, disposition, addQuoted);
 }

@@ -40,7 +40,7 @@ pelmoStatus noteSendSubject(const EnvelopeField& field, EnvelopeView& view) {
 }
 
 pelmoStatus noteReplySubject(const EnvelopeField& field, EnvelopeView& view) {
-    ReadCursor value{field.image + field.typeOffset + 1, field.image + field.end};
+    pelmoReadCursor value{field.image + field.typeOffset + 1, field.image + field.end};
     uint32_t sizeBytes = 0;
     if (readValueLength(value, sizeBytes) != kStatusSuccess) return kStatusCorruptMessage;
     if (sizeBytes == 0 || sizeBytes > kMostReplyBytes) return kStatusCorruptMessage;
@@ -196,10 +196,10 @@ pelmoStatus wrapData(pelmoMsg* msg, DataField& data) {
 // The length in the nested head must be right, because the next flush overwrites it.
 bool dataIsMessage(const pelmoMsg* msg, const DataField& data) {
     const uint8_t* image = msgImage(msg);
-    ReadCursor value{image + data.typeOffset + 1, image + msg->length};
+    pelmoReadCursor value{image + data.typeOffset + 1, image + msg->length};
     pelmoMsgField field;
-    Disposition disposition = kDataByValue;
-    return decodeMsg(value, field, disposition) == kStatusSuccess &&
+    pelmoDisposition disposition = kDataByValue;
+    return decodeMsg(&value, &field, &disposition) == kStatusSuccess &&
            value.at == image + msg->length;
 }
 
@@ -319,7 +319,8 @@ pelmoStatus msgClearForeign(pelmoMsg* msg) {
     return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_GetSendSubject(pelmoMsg* msg, const char** out) {
+pelmoStatus pelmoMsg_GetSendSubject(const pelmoMsg* constMsg, const char** out) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetSendSubject(%p, %p)", tracePointer(msg),
               tracePointer(out));
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
@@ -339,7 +340,8 @@ pelmoStatus pelmoMsg_GetSendSubject(pelmoMsg* msg, const char** out) {
     return status;
 }
 
-pelmoStatus pelmoMsg_GetReplySubject(pelmoMsg* msg, const char** out) {
+pelmoStatus pelmoMsg_GetReplySubject(const pelmoMsg* constMsg, const char** out) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetReplySubject(%p, %p)", tracePointer(msg),
               tracePointer(out));
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
@@ -355,7 +357,8 @@ pelmoStatus pelmoMsg_GetReplySubject(pelmoMsg* msg, const char** out) {
     return status;
 }
 
-pelmoStatus pelmoMsg_GetSource(pelmoMsg* msg, uint16_t* out) {
+pelmoStatus pelmoMsg_GetSource(const pelmoMsg* constMsg, uint16_t* out) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetSource(%p, %p)", tracePointer(msg), tracePointer(out));
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
@@ -367,7 +370,8 @@ pelmoStatus pelmoMsg_GetSource(pelmoMsg* msg, uint16_t* out) {
     return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_PrintEnvelope(pelmoMsg* msg) {
+pelmoStatus pelmoMsg_PrintEnvelope(const pelmoMsg* constMsg) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_PrintEnvelope(%p)", tracePointer(msg));
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     const char* text = nullptr;
@@ -379,4 +383,29 @@ pelmoStatus pelmoMsg_PrintEnvelope(pelmoMsg* msg) {
     }
     if (status == kStatusSuccess) std::fprintf(stderr, "%s\n", text);
     return status;
+}
+
+namespace {
+
+using TextGetter = pelmoStatus (*)(const pelmoMsg* msg, const char** out);
+
+pelmoStatus readWithLength(TextGetter get,
+                           const pelmoMsg* msg,
+                           const char** out,
+                           size_t* outLength) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (outLength == nullptr) return kStatusInvalidArgument;
+    const pelmoStatus status = get(msg, out);
+    if (status == kStatusSuccess) *outLength = std::strlen(*out);
+    return status;
+}
+
+}  // namespace
+
+pelmoStatus pelmoMsg_GetSendSubjectN(const pelmoMsg* msg, const char** out, size_t* outLength) {
+    return readWithLength(pelmoMsg_GetSendSubject, msg, out, outLength);
+}
+
+pelmoStatus pelmoMsg_GetReplySubjectN(const pelmoMsg* msg, const char** out, size_t* outLength) {
+    return readWithLength(pelmoMsg_GetReplySubject, msg, out, outLength);
 }

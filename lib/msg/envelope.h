@@ -24,22 +24,45 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
 #include "../base/status.h"
 
-struct pelmoMsg;
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct pelmoMsg pelmoMsg;
 
 // kStatusInvalidSubject for a text that doesn't pack. Null removes the subject. The kind becomes
 // "D" if there is none.
 pelmoStatus pelmoMsg_SetSendSubject(pelmoMsg* msg, const char* subject);
 pelmoStatus pelmoMsg_SetReplySubject(pelmoMsg* msg, const char* subject);
+
+// The same for a text of `length` bytes, which needs no NUL.
+pelmoStatus pelmoMsg_SetSendSubjectN(pelmoMsg* msg, const char* subject, size_t length);
+pelmoStatus pelmoMsg_SetReplySubjectN(pelmoMsg* msg, const char* subject, size_t length);
+
 pelmoStatus pelmoMsg_SetSourcePort(pelmoMsg* msg, uint16_t port);
 
 // kStatusNotFound where there is none; the text is then null.
-[[nodiscard]] pelmoStatus pelmoMsg_GetSendSubject(pelmoMsg* msg, const char** out);
-[[nodiscard]] pelmoStatus pelmoMsg_GetReplySubject(pelmoMsg* msg, const char** out);
-[[nodiscard]] pelmoStatus pelmoMsg_GetSource(pelmoMsg* msg, uint16_t* out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetSendSubject(const pelmoMsg* msg, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetReplySubject(const pelmoMsg* msg, const char** out);
+
+// The same with the length, without the NUL.
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetSendSubjectN(const pelmoMsg* msg,
+                                                     const char** out,
+                                                     size_t* outLength);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetReplySubjectN(const pelmoMsg* msg,
+                                                      const char** out,
+                                                      size_t* outLength);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetSource(const pelmoMsg* msg, uint16_t* out);
 
 // The outer fields as one line of text on the standard error stream.
-pelmoStatus pelmoMsg_PrintEnvelope(pelmoMsg* msg);
+pelmoStatus pelmoMsg_PrintEnvelope(const pelmoMsg* msg);
+
+#ifdef __cplusplus
+}
+#endif

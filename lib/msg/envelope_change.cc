@@ -152,3 +152,30 @@ pelmoStatus msgStripEnvelope(pelmoMsg* msg) {
     const pelmoStatus status = msgMakeWritable(msg);
     return status == kStatusSuccess ? keepOwnFields(msg) : status;
 }
+
+namespace {
+
+using TextSetter = pelmoStatus (*)(pelmoMsg* msg, const char* subject);
+
+// No subject has room for a text that is longer, or for a NUL within.
+pelmoStatus setWithLength(TextSetter set, pelmoMsg* msg, const char* subject, size_t length) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (subject == nullptr) return length == 0 ? set(msg, nullptr) : kStatusInvalidArgument;
+    char text[kSubjectTextBytes];
+    if (length >= sizeof text || std::memchr(subject, '\0', length) != nullptr) {
+        return kStatusInvalidSubject;
+    }
+    std::memcpy(text, subject, length);
+    text[length] = '\0';
+    return set(msg, text);
+}
+
+}  // namespace
+
+pelmoStatus pelmoMsg_SetSendSubjectN(pelmoMsg* msg, const char* subject, size_t length) {
+    return setWithLength(pelmoMsg_SetSendSubject, msg, subject, length);
+}
+
+pelmoStatus pelmoMsg_SetReplySubjectN(pelmoMsg* msg, const char* subject, size_t length) {
+    return setWithLength(pelmoMsg_SetReplySubject, msg, subject, length);
+}

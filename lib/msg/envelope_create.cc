@@ -64,7 +64,7 @@ struct ImageWriter {
         at += sizeBytes;
     }
     void putPrefix(uint32_t value) {
-        WriteCursor cursor{image + at, image + at + kMostPrefixBytes};
+        pelmoWriteCursor cursor{image + at, image + at + kMostPrefixBytes};
         if (writeSizePrefix(&cursor, value) == kStatusSuccess) {
             at = static_cast<uint32_t>(cursor.at - image);
         }

@@ -179,7 +179,16 @@ pelmoStatus pelmoMsg_CreateFromBytes(pelmoMsg** out, const void* bytes) {
     return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_CreateCopy(pelmoMsg* msg, pelmoMsg** out) {
+pelmoStatus pelmoMsg_CreateFromBytesN(pelmoMsg** out, const void* bytes, size_t length) {
+    if (length < kMessageHeadBytes) return kStatusCorruptMessage;
+    if (bytes != nullptr && loadBe32At(static_cast<const uint8_t*>(bytes)) > length) {
+        return kStatusCorruptMessage;
+    }
+    return pelmoMsg_CreateFromBytes(out, bytes);
+}
+
+pelmoStatus pelmoMsg_CreateCopy(const pelmoMsg* constMsg, pelmoMsg** out) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
     msgFlush(msg);
@@ -255,6 +264,22 @@ pelmoStatus pelmoMsg_Detach(pelmoMsg* msg) {
     if (status != kStatusSuccess) return status;
     msgRetain(msg);
     msgSetOwned(msg);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_GetEvent(const pelmoMsg* msg, uint32_t* out) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    if (msg->deliveryEvent == 0) return kStatusNotFound;
+    *out = msg->deliveryEvent;
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoMsg_GetClosure(const pelmoMsg* msg, void** out) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    if (msg->deliveryEvent == 0) return kStatusNotFound;
+    *out = msg->deliveryClosure;
     return kStatusSuccess;
 }
 

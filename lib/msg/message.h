@@ -36,7 +36,8 @@
 // message returns kMostSubMessages of them until they are released; a further read gives
 // kStatusNoMemory. Converting to text makes one at a time and has no such bound.
 //
-// Threads: no lock; an object is used by one thread at a time. Reference counts are atomic, so that
+// Threads: no lock; an object is used by one thread at a time, for reads too: a read of a const
+// message leaves it as it reads, but keeps what it returns. Reference counts are atomic, so that
 // holders may release on any thread. Objects over one buffer may live on different threads: a
 // shared buffer is only read.
 //
@@ -44,29 +45,40 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
 #include "../base/status.h"
 #include "field.h"
 
-struct pelmoMsg;
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct pelmoMsg pelmoMsg;
 
 // The longest name, without its NUL, and how many nested messages reads of one message may return.
-constexpr uint32_t kMaxNameChars = 126;
-constexpr uint32_t kMostSubMessages = 1u << 18;
+enum PELMO_UNDERLYING(uint32_t) { kMaxNameChars = 126 };
+enum PELMO_UNDERLYING(uint32_t) { kMostSubMessages = 1u << 18 };
 
 // Life
 
 // Empty, with room for 64 bytes, or for `size` and at least 32.
-[[nodiscard]] pelmoStatus pelmoMsg_Create(pelmoMsg** out);
-[[nodiscard]] pelmoStatus pelmoMsg_CreateEx(pelmoMsg** out, uint32_t size);
+PELMO_NODISCARD pelmoStatus pelmoMsg_Create(pelmoMsg** out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_CreateEx(pelmoMsg** out, uint32_t size);
 
 // Copies the image, of the length in its head: the caller knows that so many bytes exist.
 // kStatusInvalidMessage for null or another magic, kStatusCorruptMessage for a length below 8.
-[[nodiscard]] pelmoStatus pelmoMsg_CreateFromBytes(pelmoMsg** out, const void* bytes);
+PELMO_NODISCARD pelmoStatus pelmoMsg_CreateFromBytes(pelmoMsg** out, const void* bytes);
+
+// The same, where `length` bytes exist: kStatusCorruptMessage where the head says that there are
+// more. What follows the image is left alone.
+PELMO_NODISCARD pelmoStatus pelmoMsg_CreateFromBytesN(pelmoMsg** out,
+                                                      const void* bytes,
+                                                      size_t length);
 
 // A copy of the application's fields, without the envelope around them.
-[[nodiscard]] pelmoStatus pelmoMsg_CreateCopy(pelmoMsg* msg, pelmoMsg** out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_CreateCopy(const pelmoMsg* msg, pelmoMsg** out);
 
 // kStatusNotPermitted for a message that isn't the application's. Dead at once, although other
 // holders may keep it in memory.
@@ -74,7 +86,12 @@ pelmoStatus pelmoMsg_Destroy(pelmoMsg* msg);
 
 // Makes the library's message the application's, which then has to destroy it. kStatusNotPermitted
 // if it is the application's already.
-[[nodiscard]] pelmoStatus pelmoMsg_Detach(pelmoMsg* msg);
+PELMO_NODISCARD pelmoStatus pelmoMsg_Detach(pelmoMsg* msg);
+
+// Of a message that came from a queue, by a callback or a poll: the event that it is for, and that
+// event's closure. kStatusNotFound for other messages.
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetEvent(const pelmoMsg* msg, uint32_t* out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetClosure(const pelmoMsg* msg, void** out);
 
 // Empties the message and releases all that reads returned. If others use its image, it gets a new
 // buffer of the same size; no bytes are copied.
@@ -84,13 +101,20 @@ pelmoStatus pelmoMsg_Reset(pelmoMsg* msg);
 
 // The image of the application's fields, with its lengths brought up to date. Valid until the next
 // change.
-[[nodiscard]] pelmoStatus pelmoMsg_GetAsBytes(pelmoMsg* msg, const void** out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetAsBytes(const pelmoMsg* msg, const void** out);
+
+// The same, and how many bytes they are.
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetAsBytesN(const pelmoMsg* msg,
+                                                 const void** out,
+                                                 size_t* outLength);
 
 // kStatusInsufficientBuffer where destSize is below the byte size.
-[[nodiscard]] pelmoStatus pelmoMsg_GetAsBytesCopy(pelmoMsg* msg, void* dest, uint32_t destSize);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetAsBytesCopy(const pelmoMsg* msg,
+                                                    void* dest,
+                                                    uint32_t destSize);
 
-[[nodiscard]] pelmoStatus pelmoMsg_GetByteSize(pelmoMsg* msg, uint32_t* out);
-[[nodiscard]] pelmoStatus pelmoMsg_GetNumFields(pelmoMsg* msg, uint32_t* out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetByteSize(const pelmoMsg* msg, uint32_t* out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetNumFields(const pelmoMsg* msg, uint32_t* out);
 
 // Adds to the capacity, or with a negative number takes from its unused part;
 // kStatusInvalidArgument for more than that.
@@ -107,19 +131,19 @@ pelmoStatus pelmoMsg_Expand(pelmoMsg* msg, int32_t additional);
 // (an id without a name; a message within itself), kStatusInvalidFieldCount (0), kStatusIdInUse,
 // kStatusInvalidArgument (no data, or none that can be written), kStatusInvalidSize (0, for a type
 // that has no size of its own). For messages, texts and their arrays a size of 0 is computed.
-[[nodiscard]] pelmoStatus pelmoMsg_AddField(pelmoMsg* msg, const pelmoMsgField* field);
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddField(pelmoMsg* msg, const pelmoMsgField* field);
 
 // Rewrites the value of the field found, or adds one. kStatusInvalidType for another type.
-[[nodiscard]] pelmoStatus pelmoMsg_UpdateField(pelmoMsg* msg, const pelmoMsgField* field);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateField(pelmoMsg* msg, const pelmoMsgField* field);
 
 // kStatusInvalidType for a wire code without a decoder, else the decoder's status.
-[[nodiscard]] pelmoStatus pelmoMsg_GetFieldEx(pelmoMsg* msg,
-                                              const char* name,
-                                              pelmoMsgField* field,
-                                              uint16_t id);
-[[nodiscard]] pelmoStatus pelmoMsg_GetFieldByIndex(pelmoMsg* msg,
-                                                   pelmoMsgField* field,
-                                                   uint32_t index);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetFieldEx(const pelmoMsg* msg,
+                                                const char* name,
+                                                pelmoMsgField* field,
+                                                uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetFieldByIndex(const pelmoMsg* msg,
+                                                     pelmoMsgField* field,
+                                                     uint32_t index);
 
 // The field as it is in the image, for values that have no decoder or that a decoder refuses: name,
 // id, the code in the image as `type`, and `size` bytes at `data.pointer`, null for none, which are
@@ -127,15 +151,15 @@ pelmoStatus pelmoMsg_Expand(pelmoMsg* msg, int32_t additional);
 // lib/msg/field.h); of a message and a packed subject the prefix takes the length they begin with.
 // Where the value has no sound size prefix the bytes are all that follow the code. A later field
 // takes no longer. kStatusNotFound beyond the last field.
-[[nodiscard]] pelmoStatus pelmoMsg_GetFieldBytes(pelmoMsg* msg,
-                                                 pelmoMsgField* field,
-                                                 uint32_t index);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetFieldBytes(const pelmoMsg* msg,
+                                                   pelmoMsgField* field,
+                                                   uint32_t index);
 
 // Instance 0 gives kStatusInvalidInstance here, kStatusInvalidArgument on removal.
-[[nodiscard]] pelmoStatus pelmoMsg_GetFieldInstance(pelmoMsg* msg,
-                                                    const char* name,
-                                                    pelmoMsgField* field,
-                                                    uint32_t instance);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetFieldInstance(const pelmoMsg* msg,
+                                                      const char* name,
+                                                      pelmoMsgField* field,
+                                                      uint32_t instance);
 
 pelmoStatus pelmoMsg_RemoveFieldEx(pelmoMsg* msg, const char* name, uint16_t id);
 pelmoStatus pelmoMsg_RemoveFieldInstance(pelmoMsg* msg, const char* name, uint32_t instance);
@@ -143,5 +167,9 @@ pelmoStatus pelmoMsg_RemoveFieldInstance(pelmoMsg* msg, const char* name, uint32
 // Enclose a sequence of reads: the clear releases all that was read since the mark, and keeps what
 // was read before it. Marks nest. kStatusInvalidMessage for a clear if no mark was ever made,
 // kStatusNotPermitted if none is left.
-[[nodiscard]] pelmoStatus pelmoMsg_MarkReferences(pelmoMsg* msg);
+PELMO_NODISCARD pelmoStatus pelmoMsg_MarkReferences(pelmoMsg* msg);
 pelmoStatus pelmoMsg_ClearReferences(pelmoMsg* msg);
+
+#ifdef __cplusplus
+}
+#endif

@@ -111,7 +111,8 @@ pelmoStatus pelmoMsg_Expand(pelmoMsg* msg, int32_t additional) {
     return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_GetAsBytes(pelmoMsg* msg, const void** out) {
+pelmoStatus pelmoMsg_GetAsBytes(const pelmoMsg* constMsg, const void** out) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetAsBytes(%p, %p)", tracePointer(msg), tracePointer(out));
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
@@ -120,7 +121,17 @@ pelmoStatus pelmoMsg_GetAsBytes(pelmoMsg* msg, const void** out) {
     return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_GetAsBytesCopy(pelmoMsg* msg, void* dest, uint32_t destSize) {
+pelmoStatus pelmoMsg_GetAsBytesN(const pelmoMsg* constMsg, const void** out, size_t* outLength) {
+    pelmoMsg* const msg = msgForReading(constMsg);
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (outLength == nullptr) return kStatusInvalidArgument;
+    const pelmoStatus status = pelmoMsg_GetAsBytes(msg, out);
+    if (status == kStatusSuccess) *outLength = msg->length - msg->dataOffset;
+    return status;
+}
+
+pelmoStatus pelmoMsg_GetAsBytesCopy(const pelmoMsg* constMsg, void* dest, uint32_t destSize) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetAsBytesCopy(%p, %p, %u)", tracePointer(msg),
               tracePointer(dest), destSize);
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
@@ -132,13 +143,15 @@ pelmoStatus pelmoMsg_GetAsBytesCopy(pelmoMsg* msg, void* dest, uint32_t destSize
     return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_GetByteSize(pelmoMsg* msg, uint32_t* out) {
+pelmoStatus pelmoMsg_GetByteSize(const pelmoMsg* constMsg, uint32_t* out) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetByteSize(%p, %p)", tracePointer(msg),
               tracePointer(out));
     return readParsed(msg, out, [](const pelmoMsg* of) { return of->length - of->dataOffset; });
 }
 
-pelmoStatus pelmoMsg_GetNumFields(pelmoMsg* msg, uint32_t* out) {
+pelmoStatus pelmoMsg_GetNumFields(const pelmoMsg* constMsg, uint32_t* out) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetNumFields(%p, %p)", tracePointer(msg),
               tracePointer(out));
     return readParsed(msg, out, [](const pelmoMsg* of) { return of->fieldCount; });

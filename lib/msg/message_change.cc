@@ -38,8 +38,8 @@ constexpr uint32_t kSmallPieceBytes = 32;
 
 pelmoStatus encodeSmall(const pelmoMsgField& field, uint8_t* piece, uint32_t& pieceBytes) {
     piece[0] = field.type;
-    WriteCursor cursor{piece + 1, piece + kSmallPieceBytes};
-    const pelmoStatus status = fieldEncoders[field.type](cursor, field);
+    pelmoWriteCursor cursor{piece + 1, piece + kSmallPieceBytes};
+    const pelmoStatus status = fieldEncoders[field.type](&cursor, &field);
     if (status != kStatusSuccess) return status;
     if (cursor.at < piece + 1 || cursor.at > cursor.end) return kStatusEncoderFailed;
     pieceBytes = static_cast<uint32_t>(cursor.at - piece);

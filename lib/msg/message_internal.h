@@ -67,7 +67,8 @@ struct pelmoMsg {
     bool envelopeIsLent;  // the outer fields are another message's: see msgCreateWithin
     uint32_t sendSubjectOffset, replySubjectOffset, mtypeOffset, sourcePortOffset;
 
-    uint32_t limitAdvisory;  // bit 0: an advisory about a queue limit
+    uint32_t
+        limitAdvisory;  // bit 0: an advisory about a queue limit; bit 1: says that no reply came
     FieldIndexEntry inlineIndex[kInlineIndexEntries];
 
     // Set when the message is posted: the event that fired, and its closure.
@@ -88,6 +89,12 @@ void msgPoolDestroy();
 
 [[nodiscard]] inline bool msgIsValid(const pelmoMsg* msg) {
     return msg != nullptr && msg->magic == kMessageMagic;
+}
+
+// A read parses the image, and keeps what it gives out until that is released: nothing that the
+// application sees of the message. So the calls that read take a const one.
+[[nodiscard]] inline pelmoMsg* msgForReading(const pelmoMsg* msg) {
+    return const_cast<pelmoMsg*>(msg);
 }
 
 // A second object on a shared buffer, which gets one reference more; length and capacity are the
@@ -123,6 +130,14 @@ void msgClearOwned(pelmoMsg* msg);
 
 void msgSetLimitAdvisory(pelmoMsg* msg);
 [[nodiscard]] bool msgIsLimitAdvisory(const pelmoMsg* msg);
+
+// An entry that takes the place of a request's reply. No queue's limit drops it.
+inline void msgSetNoReply(pelmoMsg* msg) {
+    msg->limitAdvisory |= 2;
+}
+[[nodiscard]] inline bool msgIsNoReply(const pelmoMsg* msg) {
+    return (msg->limitAdvisory & 2) != 0;
+}
 
 // Closed, a message has no envelope: so a change of the outer field "sub" leaves no offset that is
 // stale, and one of the application's field "sub" leaves the send subject alone. A lent envelope
@@ -182,7 +197,7 @@ void msgShowOuter(pelmoMsg* msg);
 [[nodiscard]] pelmoStatus msgDecodeField(const pelmoMsg* msg,
                                          uint32_t position,
                                          pelmoMsgField& field,
-                                         Disposition& disposition);
+                                         pelmoDisposition& disposition);
 
 enum class NameWanted : bool { kNo, kYes };
 

@@ -78,7 +78,7 @@ bool pointsIntoImage(const pelmoMsgField& field) {
            field.data.pointer != nullptr;
 }
 
-pelmoStatus keepData(pelmoMsg* msg, pelmoMsgField& field, Disposition disposition) {
+pelmoStatus keepData(pelmoMsg* msg, pelmoMsgField& field, pelmoDisposition disposition) {
     void* data = const_cast<void*>(field.data.pointer);
     switch (disposition) {
         case kDataByValue:
@@ -112,16 +112,16 @@ pelmoStatus beginRead(pelmoMsg* msg, const pelmoMsgField* field) {
 pelmoStatus msgDecodeField(const pelmoMsg* msg,
                            uint32_t position,
                            pelmoMsgField& field,
-                           Disposition& disposition) {
+                           pelmoDisposition& disposition) {
     const FieldIndexEntry& entry = msg->index[position];
     const uint8_t* image = msgImage(msg);
     const uint8_t* type = image + fieldTypeOffset(entry);
-    const FieldDecoder decode = fieldDecoders[*type];
+    const pelmoFieldDecoder decode = fieldDecoders[*type];
     if (decode == nullptr) return kStatusInvalidType;
     field.type = *type;
     field.id = entry.id;
-    ReadCursor cursor{type + 1, image + fieldEndOffset(msg, position)};
-    return decode(cursor, field, disposition);
+    pelmoReadCursor cursor{type + 1, image + fieldEndOffset(msg, position)};
+    return decode(&cursor, &field, &disposition);
 }
 
 pelmoStatus msgReadField(pelmoMsg* msg,
@@ -131,7 +131,7 @@ pelmoStatus msgReadField(pelmoMsg* msg,
     pelmoMsgField read;
     const FieldIndexEntry& entry = msg->index[position];
     if (nameWanted == NameWanted::kYes) read.name = nameAt(msg, entry);
-    Disposition disposition = kDataByValue;
+    pelmoDisposition disposition = kDataByValue;
     pelmoStatus status = msgDecodeField(msg, position, read, disposition);
     if (status != kStatusSuccess) return status;
 
@@ -146,10 +146,11 @@ pelmoStatus msgReadField(pelmoMsg* msg,
     return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_GetFieldEx(pelmoMsg* msg,
+pelmoStatus pelmoMsg_GetFieldEx(const pelmoMsg* constMsg,
                                 const char* name,
                                 pelmoMsgField* field,
                                 uint16_t id) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetFieldEx(%p, \"%s\", %p, %u)", tracePointer(msg),
               traceText(name), tracePointer(field), id);
     pelmoStatus status = beginRead(msg, field);
@@ -160,7 +161,10 @@ pelmoStatus pelmoMsg_GetFieldEx(pelmoMsg* msg,
     return msgReadField(msg, position, *field, NameWanted::kYes);
 }
 
-pelmoStatus pelmoMsg_GetFieldByIndex(pelmoMsg* msg, pelmoMsgField* field, uint32_t index) {
+pelmoStatus pelmoMsg_GetFieldByIndex(const pelmoMsg* constMsg,
+                                     pelmoMsgField* field,
+                                     uint32_t index) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetFieldByIndex(%p, %p, %u)", tracePointer(msg),
               tracePointer(field), index);
     const pelmoStatus status = beginRead(msg, field);
@@ -169,7 +173,8 @@ pelmoStatus pelmoMsg_GetFieldByIndex(pelmoMsg* msg, pelmoMsgField* field, uint32
     return msgReadField(msg, index, *field, NameWanted::kYes);
 }
 
-pelmoStatus pelmoMsg_GetFieldBytes(pelmoMsg* msg, pelmoMsgField* field, uint32_t index) {
+pelmoStatus pelmoMsg_GetFieldBytes(const pelmoMsg* constMsg, pelmoMsgField* field, uint32_t index) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetFieldBytes(%p, %p, %u)", tracePointer(msg),
               tracePointer(field), index);
     pelmoStatus status = beginRead(msg, field);
@@ -178,7 +183,7 @@ pelmoStatus pelmoMsg_GetFieldBytes(pelmoMsg* msg, pelmoMsgField* field, uint32_t
     const FieldIndexEntry& entry = msg->index[index];
     const uint8_t* type = msgImage(msg) + fieldTypeOffset(entry);
     const uint8_t* const end = msgImage(msg) + fieldEndOffset(msg, index);
-    ReadCursor value{type + 1, end};
+    pelmoReadCursor value{type + 1, end};
     pelmoMsgField read;
     if (readValueLength(value, read.size) != kStatusSuccess) {
         value = {type + 1, end};
@@ -194,10 +199,11 @@ pelmoStatus pelmoMsg_GetFieldBytes(pelmoMsg* msg, pelmoMsgField* field, uint32_t
     return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_GetFieldInstance(pelmoMsg* msg,
+pelmoStatus pelmoMsg_GetFieldInstance(const pelmoMsg* constMsg,
                                       const char* name,
                                       pelmoMsgField* field,
                                       uint32_t instance) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_GetFieldInstance(%p, \"%s\", %p, %u)", tracePointer(msg),
               traceText(name), tracePointer(field), instance);
     if (!msgIsValid(msg)) return kStatusInvalidMessage;

@@ -2,14 +2,19 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "lib/containers/subject.h"
 #include "lib/msg/codec_internal.h"
+#include "lib/msg/convert.h"
+#include "lib/msg/field_rows.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_place.h"
 #include "lib/msg/scalar.h"
 
 namespace {
+
+constexpr size_t kShortTextBytes = 256;  // of a text that is copied to the stack
 
 using FieldWriter = pelmoStatus (*)(pelmoMsg* msg, const pelmoMsgField* field);
 
@@ -24,7 +29,7 @@ pelmoStatus writeScalar(FieldWriter write,
                         pelmoMsg* msg,
                         const char* name,
                         Value value,
-                        Value FieldData::*member,
+                        Value pelmoFieldData::*member,
                         FieldKind kind,
                         uint16_t id) {
     pelmoMsgField field;
@@ -41,7 +46,7 @@ template <uint8_t kType, typename Value>
 pelmoStatus addScalar(pelmoMsg* msg,
                       const char* name,
                       Value value,
-                      Value FieldData::*member,
+                      Value pelmoFieldData::*member,
                       uint32_t size,
                       uint16_t id) {
     uint8_t* type = msgPlaceShort(msg, name, id, kScalarBytes<kType, Value>, size);
@@ -75,10 +80,10 @@ pelmoStatus writePointer(FieldWriter write,
 
 // Converts a field of another type to the type that was asked for.
 pelmoStatus convertTo(pelmoMsg* msg, uint8_t type, pelmoMsgField& field) {
-    const FieldConverter convert = fieldConverters[field.type];
+    const pelmoFieldConverter convert = fieldConverters[field.type];
     if (convert == nullptr) return kStatusConversionFailed;
-    Disposition disposition = kDataByValue;
-    const pelmoStatus status = convert(field, type, disposition);
+    pelmoDisposition disposition = kDataByValue;
+    const pelmoStatus status = convert(&field, type, &disposition);
     if (status != kStatusSuccess || disposition != kDataOwnedBlock) return status;
     return msgKeepBlock(msg, const_cast<void*>(field.data.pointer));
 }
@@ -127,7 +132,7 @@ pelmoStatus noWayFromLists(pelmoMsg*, uint8_t, pelmoMsgField&) {
 
 template <uint8_t kType, typename Value>
 pelmoStatus readScalar(
-    pelmoMsg* msg, const char* name, Value* out, Value FieldData::*member, uint16_t id) {
+    pelmoMsg* msg, const char* name, Value* out, Value pelmoFieldData::*member, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
     const auto takeShort = [out](const uint8_t* value, uint32_t bytes) {
@@ -139,6 +144,27 @@ pelmoStatus readScalar(
         pelmoMsgField field;
         const pelmoStatus status = readAs(msg, position, kType, field, convertTo);
         if (status == kStatusSuccess) *out = field.data.*member;
+        return status;
+    });
+}
+
+template <uint8_t kType, typename Value>
+pelmoStatus readExact(
+    pelmoMsg* msg, const char* name, Value* out, Value pelmoFieldData::*member, uint16_t id) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr) return kStatusInvalidArgument;
+    const auto takeShort = [out](const uint8_t* value, uint32_t bytes) {
+        if (kType == FIELD_BOOL || bytes != kScalarBytes<kType, Value>) return false;
+        *out = loadScalar<kType, Value>(value);
+        return true;
+    };
+    return findAndRead(msg, name, id, scalarWireType(kType), takeShort, [=](uint32_t position) {
+        const ReferenceMark before = msgMark(msg);
+        pelmoMsgField field;
+        pelmoStatus status = msgReadField(msg, position, field, NameWanted::kNo);
+        if (status == kStatusSuccess) status = convertExactly(field, kType);
+        if (status == kStatusSuccess) *out = field.data.*member;
+        msgCutBack(msg, before);
         return status;
     });
 }
@@ -180,20 +206,24 @@ pelmoStatus terminate(pelmoMsg* msg, pelmoMsgField& field) {
     std::memcpy(copy, text, field.size);
     copy[field.size] = '\0';
     field.data.pointer = copy;
+    ++field.size;
     return msgKeepBlock(msg, copy);
 }
 
-pelmoStatus readTextAt(pelmoMsg* msg, uint32_t position, const char** out) {
+// The value has a NUL at its end, which its size counts, or no bytes at all.
+pelmoStatus readTextField(pelmoMsg* msg, uint32_t position, pelmoMsgField& field) {
     const ReferenceMark before = msgMark(msg);
-    pelmoMsgField field;
     pelmoStatus status = readAs(msg, position, FIELD_STRING, field, convertTo);
     if (status == kStatusSuccess) status = terminate(msg, field);
-    if (status != kStatusSuccess) {
-        msgCutBack(msg, before);
-        return status;
-    }
-    *out = static_cast<const char*>(field.data.pointer);
-    return kStatusSuccess;
+    if (status != kStatusSuccess) msgCutBack(msg, before);
+    return status;
+}
+
+pelmoStatus readTextAt(pelmoMsg* msg, uint32_t position, const char** out) {
+    pelmoMsgField field;
+    const pelmoStatus status = readTextField(msg, position, field);
+    if (status == kStatusSuccess) *out = static_cast<const char*>(field.data.pointer);
+    return status;
 }
 
 pelmoStatus readText(pelmoMsg* msg, const char* name, const char** out, uint16_t id) {
@@ -280,7 +310,7 @@ pelmoStatus writeDateTime(pelmoMsg* msg,
                           uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (value == nullptr) return kStatusInvalidArgument;
-    return writeScalar(kWrite, msg, name, *value, &FieldData::dateTime,
+    return writeScalar(kWrite, msg, name, *value, &pelmoFieldData::dateTime,
                        {FIELD_DATETIME, kDateTimeFieldBytes}, id);
 }
 
@@ -330,6 +360,55 @@ pelmoStatus addText(pelmoMsg* msg, const char* name, const char* text, uint16_t 
     return addBytes(msg, name, text, {FIELD_STRING, fits ? static_cast<uint32_t>(size) : 0}, id);
 }
 
+// The value is the text and a NUL. A field takes bytes that are in one piece, so a text without a
+// NUL is copied.
+pelmoStatus writeTextN(FieldWriter write,
+                       pelmoMsg* msg,
+                       const char* name,
+                       const char* text,
+                       size_t length,
+                       uint16_t id) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (text == nullptr && length != 0) return kStatusInvalidArgument;
+    if (length >= kMaxValueBytes) return kStatusInvalidSize;
+    char onStack[kShortTextBytes];
+    std::unique_ptr<char, decltype(&std::free)> longer(nullptr, std::free);
+    char* copy = onStack;
+    if (length >= sizeof onStack) {
+        longer.reset(static_cast<char*>(std::malloc(length + 1)));
+        if (longer == nullptr) return kStatusNoMemory;
+        copy = longer.get();
+    }
+    if (length != 0) std::memcpy(copy, text, length);
+    copy[length] = '\0';
+    const auto size = static_cast<uint32_t>(length + 1);
+    if (write == pelmoMsg_AddField) return addBytes(msg, name, copy, {FIELD_STRING, size}, id);
+    return writePointer(write, msg, name, copy, 1, {FIELD_STRING, size}, id);
+}
+
+pelmoStatus readTextN(
+    pelmoMsg* msg, const char* name, const char** out, size_t* outLength, uint16_t id) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
+    if (out == nullptr || outLength == nullptr) return kStatusInvalidArgument;
+    const auto take = [=](const char* text, uint32_t bytes) {
+        *out = bytes != 0 ? text : "";
+        *outLength = bytes != 0 ? bytes - 1 : 0;
+    };
+    const auto takeShort = [=](const uint8_t* value, uint32_t bytes) {
+        if (bytes == 0 || value[bytes - 1] != '\0') return false;
+        ++msg->bufferRefs;
+        take(reinterpret_cast<const char*>(value), bytes);
+        return true;
+    };
+    return findAndRead(msg, name, id, FIELD_STRING, takeShort, [=](uint32_t position) {
+        pelmoMsgField field;
+        const pelmoStatus status = readTextField(msg, position, field);
+        if (status != kStatusSuccess) return status;
+        take(static_cast<const char*>(field.data.pointer), field.size);
+        return status;
+    });
+}
+
 template <FieldWriter kWrite>
 pelmoStatus writeMessage(pelmoMsg* msg, const char* name, pelmoMsg* value, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
@@ -360,32 +439,33 @@ pelmoStatus writeSubjectText(pelmoMsg* msg, const char* name, const char* text, 
 
 #define PELMO_DEFINE_SCALAR(word, type, Value, size, member)                                       \
     pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) {    \
-        return addScalar<type>(msg, name, value, &FieldData::member, size, id);                    \
+        return addScalar<type>(msg, name, value, &pelmoFieldData::member, size, id);               \
     }                                                                                              \
     pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) { \
-        return writeScalar(pelmoMsg_UpdateField, msg, name, value, &FieldData::member,             \
+        return writeScalar(pelmoMsg_UpdateField, msg, name, value, &pelmoFieldData::member,        \
                            {type, size}, id);                                                      \
     }                                                                                              \
-    pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Value* out, uint16_t id) {     \
-        return readScalar<type>(msg, name, out, &FieldData::member, id);                           \
+    pelmoStatus pelmoMsg_Get##word(const pelmoMsg* msg, const char* name, Value* out,              \
+                                   uint16_t id) {                                                  \
+        return readScalar<type>(msgForReading(msg), name, out, &pelmoFieldData::member, id);       \
     }
 PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
 #undef PELMO_DEFINE_SCALAR
 
 // `number` is a number of elements, or the size of one value in bytes.
-#define PELMO_DEFINE_LIST(word, type, Value, count, size, member, otherType)                   \
-    pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value const* values,       \
-                                   uint32_t number, uint16_t id) {                             \
-        return addList(msg, name, values, count, {type, size}, id);                            \
-    }                                                                                          \
-    pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value const* values,    \
-                                      uint32_t number, uint16_t id) {                          \
-        return writePointer(pelmoMsg_UpdateField, msg, name, values, count, {type, size}, id); \
-    }                                                                                          \
-    pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Value const** outValues,   \
-                                   uint32_t* outNumber, uint16_t id) {                         \
-        return readList<type>(msg, name, outValues, outNumber, &pelmoMsgField::member, id,     \
-                              otherType);                                                      \
+#define PELMO_DEFINE_LIST(word, type, Value, count, size, member, otherType)                       \
+    pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value const* values,           \
+                                   uint32_t number, uint16_t id) {                                 \
+        return addList(msg, name, values, count, {type, size}, id);                                \
+    }                                                                                              \
+    pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value const* values,        \
+                                      uint32_t number, uint16_t id) {                              \
+        return writePointer(pelmoMsg_UpdateField, msg, name, values, count, {type, size}, id);     \
+    }                                                                                              \
+    pelmoStatus pelmoMsg_Get##word(const pelmoMsg* msg, const char* name, Value const** outValues, \
+                                   uint32_t* outNumber, uint16_t id) {                             \
+        return readList<type>(msgForReading(msg), name, outValues, outNumber,                      \
+                              &pelmoMsgField::member, id, otherType);                              \
     }
 #define PELMO_DEFINE_NUMBERS(word, type, Value, bytes) \
     PELMO_DEFINE_LIST(word, type, Value, number, bytes, count, convertTo)
@@ -408,8 +488,8 @@ PELMO_BLOCK_FIELDS(PELMO_DEFINE_BLOCK)
     pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value value, uint16_t id) { \
         return updateField(msg, name, value, id);                                                  \
     }                                                                                              \
-    pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Out* out, uint16_t id) {       \
-        return readField(msg, name, out, id);                                                      \
+    pelmoStatus pelmoMsg_Get##word(const pelmoMsg* msg, const char* name, Out* out, uint16_t id) { \
+        return readField(msgForReading(msg), name, out, id);                                       \
     }
 PELMO_DEFINE_FIELD(DateTime,
                    const pelmoMsgDateTime*,
@@ -437,6 +517,29 @@ PELMO_DEFINE_FIELD(SubjectText,
                    writeSubjectText<pelmoMsg_UpdateField>,
                    readSubjectText)
 #undef PELMO_DEFINE_FIELD
+
+pelmoStatus pelmoMsg_AddStringN(
+    pelmoMsg* msg, const char* name, const char* text, size_t length, uint16_t id) {
+    return writeTextN(pelmoMsg_AddField, msg, name, text, length, id);
+}
+
+pelmoStatus pelmoMsg_UpdateStringN(
+    pelmoMsg* msg, const char* name, const char* text, size_t length, uint16_t id) {
+    return writeTextN(pelmoMsg_UpdateField, msg, name, text, length, id);
+}
+
+pelmoStatus pelmoMsg_GetStringN(
+    const pelmoMsg* msg, const char* name, const char** out, size_t* outLength, uint16_t id) {
+    return readTextN(msgForReading(msg), name, out, outLength, id);
+}
+
+#define PELMO_DEFINE_EXACT(word, type, Value, member)                                        \
+    pelmoStatus pelmoMsg_Get##word##Exact(const pelmoMsg* msg, const char* name, Value* out, \
+                                          uint16_t id) {                                     \
+        return readExact<type>(msgForReading(msg), name, out, &pelmoFieldData::member, id);  \
+    }
+PELMO_NUMBER_FIELDS(PELMO_DEFINE_EXACT)
+#undef PELMO_DEFINE_EXACT
 
 const char* msgText(pelmoMsg* msg, const char* name) {
     const char* text = nullptr;

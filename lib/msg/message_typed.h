@@ -18,76 +18,470 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
 #include "../base/date_time.h"
 #include "../base/status.h"
 #include "field.h"
 
-struct pelmoMsg;
+#ifdef __cplusplus
+extern "C" {
+#endif
 
-// word, field type, type of an element, its bytes.
-#define PELMO_NUMBER_ARRAY_FIELDS(ROW)         \
-    ROW(I8Array, FIELD_I8ARRAY, int8_t, 1)     \
-    ROW(U8Array, FIELD_U8ARRAY, uint8_t, 1)    \
-    ROW(I16Array, FIELD_I16ARRAY, int16_t, 2)  \
-    ROW(U16Array, FIELD_U16ARRAY, uint16_t, 2) \
-    ROW(I32Array, FIELD_I32ARRAY, int32_t, 4)  \
-    ROW(U32Array, FIELD_U32ARRAY, uint32_t, 4) \
-    ROW(I64Array, FIELD_I64ARRAY, int64_t, 8)  \
-    ROW(U64Array, FIELD_U64ARRAY, uint64_t, 8) \
-    ROW(F32Array, FIELD_F32ARRAY, float, 4)    \
-    ROW(F64Array, FIELD_F64ARRAY, double, 8)
+typedef struct pelmoMsg pelmoMsg;
 
-// The same for pointers. The size of an element is worked out.
-#define PELMO_LIST_FIELDS(ROW)                          \
-    ROW(StringArray, FIELD_STRINGARRAY, const char*, 0) \
-    ROW(MsgArray, FIELD_MSGARRAY, pelmoMsg*, 0)
+// Scalars
 
-// The same for bytes: the number is of them.
-#define PELMO_BLOCK_FIELDS(ROW)        \
-    ROW(Opaque, FIELD_OPAQUE, void, 1) \
-    ROW(Xml, FIELD_XML, void, 1)
+// Bool is 0 or another number: one byte in the message, a word here.
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddBool(pelmoMsg* msg,
+                                             const char* name,
+                                             uint32_t value,
+                                             uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateBool(pelmoMsg* msg,
+                                                const char* name,
+                                                uint32_t value,
+                                                uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetBool(const pelmoMsg* msg,
+                                             const char* name,
+                                             uint32_t* out,
+                                             uint16_t id);
 
-#define PELMO_DECLARE_FIELD(word, Value, Out)                                                     \
-    [[nodiscard]] pelmoStatus pelmoMsg_Add##word(pelmoMsg* msg, const char* name, Value value,    \
-                                                 uint16_t id);                                    \
-    [[nodiscard]] pelmoStatus pelmoMsg_Update##word(pelmoMsg* msg, const char* name, Value value, \
-                                                    uint16_t id);                                 \
-    [[nodiscard]] pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name, Out* out,       \
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddI8(pelmoMsg* msg,
+                                           const char* name,
+                                           int8_t value,
+                                           uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateI8(pelmoMsg* msg,
+                                              const char* name,
+                                              int8_t value,
+                                              uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI8(const pelmoMsg* msg,
+                                           const char* name,
+                                           int8_t* out,
+                                           uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddU8(pelmoMsg* msg,
+                                           const char* name,
+                                           uint8_t value,
+                                           uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateU8(pelmoMsg* msg,
+                                              const char* name,
+                                              uint8_t value,
+                                              uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU8(const pelmoMsg* msg,
+                                           const char* name,
+                                           uint8_t* out,
+                                           uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddI16(pelmoMsg* msg,
+                                            const char* name,
+                                            int16_t value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateI16(pelmoMsg* msg,
+                                               const char* name,
+                                               int16_t value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI16(const pelmoMsg* msg,
+                                            const char* name,
+                                            int16_t* out,
+                                            uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddU16(pelmoMsg* msg,
+                                            const char* name,
+                                            uint16_t value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateU16(pelmoMsg* msg,
+                                               const char* name,
+                                               uint16_t value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU16(const pelmoMsg* msg,
+                                            const char* name,
+                                            uint16_t* out,
+                                            uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddI32(pelmoMsg* msg,
+                                            const char* name,
+                                            int32_t value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateI32(pelmoMsg* msg,
+                                               const char* name,
+                                               int32_t value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI32(const pelmoMsg* msg,
+                                            const char* name,
+                                            int32_t* out,
+                                            uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddU32(pelmoMsg* msg,
+                                            const char* name,
+                                            uint32_t value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateU32(pelmoMsg* msg,
+                                               const char* name,
+                                               uint32_t value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU32(const pelmoMsg* msg,
+                                            const char* name,
+                                            uint32_t* out,
+                                            uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddI64(pelmoMsg* msg,
+                                            const char* name,
+                                            int64_t value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateI64(pelmoMsg* msg,
+                                               const char* name,
+                                               int64_t value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI64(const pelmoMsg* msg,
+                                            const char* name,
+                                            int64_t* out,
+                                            uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddU64(pelmoMsg* msg,
+                                            const char* name,
+                                            uint64_t value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateU64(pelmoMsg* msg,
+                                               const char* name,
+                                               uint64_t value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU64(const pelmoMsg* msg,
+                                            const char* name,
+                                            uint64_t* out,
+                                            uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddF32(pelmoMsg* msg,
+                                            const char* name,
+                                            float value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateF32(pelmoMsg* msg,
+                                               const char* name,
+                                               float value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetF32(const pelmoMsg* msg,
+                                            const char* name,
+                                            float* out,
+                                            uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddF64(pelmoMsg* msg,
+                                            const char* name,
+                                            double value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateF64(pelmoMsg* msg,
+                                               const char* name,
+                                               double value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetF64(const pelmoMsg* msg,
+                                            const char* name,
+                                            double* out,
+                                            uint16_t id);
+
+// IP ports and addresses are words in network order.
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddIPPort16(pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint16_t value,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateIPPort16(pelmoMsg* msg,
+                                                    const char* name,
+                                                    uint16_t value,
+                                                    uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetIPPort16(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint16_t* out,
                                                  uint16_t id);
 
-#define PELMO_DECLARE_SCALAR(word, type, Value, size, member) \
-    PELMO_DECLARE_FIELD(word, Value, Value)
-PELMO_SCALAR_FIELDS(PELMO_DECLARE_SCALAR)
-#undef PELMO_DECLARE_SCALAR
-
-#define PELMO_DECLARE_LIST(word, type, Value, size)                                            \
-    [[nodiscard]] pelmoStatus pelmoMsg_Add##word(                                              \
-        pelmoMsg* msg, const char* name, Value const* values, uint32_t number, uint16_t id);   \
-    [[nodiscard]] pelmoStatus pelmoMsg_Update##word(                                           \
-        pelmoMsg* msg, const char* name, Value const* values, uint32_t number, uint16_t id);   \
-    [[nodiscard]] pelmoStatus pelmoMsg_Get##word(pelmoMsg* msg, const char* name,              \
-                                                 Value const** outValues, uint32_t* outNumber, \
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddIPAddr32(pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint32_t value,
                                                  uint16_t id);
-PELMO_NUMBER_ARRAY_FIELDS(PELMO_DECLARE_LIST)
-PELMO_LIST_FIELDS(PELMO_DECLARE_LIST)
-PELMO_BLOCK_FIELDS(PELMO_DECLARE_LIST)
-#undef PELMO_DECLARE_LIST
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateIPAddr32(pelmoMsg* msg,
+                                                    const char* name,
+                                                    uint32_t value,
+                                                    uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetIPAddr32(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint32_t* out,
+                                                 uint16_t id);
 
-PELMO_DECLARE_FIELD(DateTime, const pelmoMsgDateTime*, pelmoMsgDateTime)
+// Exact reads of numbers: as the reads above, but nothing is rounded, cut or wrapped on the way.
+// kStatusConversionFailed where the value, as the field has it, isn't one of the type asked for:
+// 300 as U8, -1 as U32, 1.5 as I32, 2^53+1 as F64, 0.1 of an F64 as F32, 2 as Bool. A NaN is one of
+// both float types. A text is read as the number that it spells, all of it: "7 apples" spells none.
+// Bools are 0 and 1; dates, addresses and what isn't a scalar are no numbers.
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetBoolExact(const pelmoMsg* msg,
+                                                  const char* name,
+                                                  uint32_t* out,
+                                                  uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI8Exact(const pelmoMsg* msg,
+                                                const char* name,
+                                                int8_t* out,
+                                                uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU8Exact(const pelmoMsg* msg,
+                                                const char* name,
+                                                uint8_t* out,
+                                                uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI16Exact(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 int16_t* out,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU16Exact(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint16_t* out,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI32Exact(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 int32_t* out,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU32Exact(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint32_t* out,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI64Exact(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 int64_t* out,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU64Exact(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint64_t* out,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetF32Exact(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 float* out,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetF64Exact(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 double* out,
+                                                 uint16_t id);
+
+// A date-time in UTC.
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddDateTime(pelmoMsg* msg,
+                                                 const char* name,
+                                                 const pelmoMsgDateTime* value,
+                                                 uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateDateTime(pelmoMsg* msg,
+                                                    const char* name,
+                                                    const pelmoMsgDateTime* value,
+                                                    uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetDateTime(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 pelmoMsgDateTime* out,
+                                                 uint16_t id);
+
+// Text
 
 // The read gives null for a value of no bytes, and a terminated copy of one without its NUL.
-PELMO_DECLARE_FIELD(String, const char*, const char*)
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddString(pelmoMsg* msg,
+                                               const char* name,
+                                               const char* value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateString(pelmoMsg* msg,
+                                                  const char* name,
+                                                  const char* value,
+                                                  uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetString(const pelmoMsg* msg,
+                                               const char* name,
+                                               const char** out,
+                                               uint16_t id);
 
-// The fields that the value shows are copied. The read gives an object that belongs to `msg`.
-PELMO_DECLARE_FIELD(Msg, pelmoMsg*, pelmoMsg*)
+// The same with the length in bytes, without a NUL: the text needs none, may have some within, and
+// may be null for a length of 0. The read gives "" for a value of no bytes; what it gives is
+// terminated, and the length counts all before that NUL. Other programs may read a text up to the
+// first NUL only. kStatusInvalidSize for a text of 4 GiB.
+PELMO_NODISCARD pelmoStatus
+pelmoMsg_AddStringN(pelmoMsg* msg, const char* name, const char* text, size_t length, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateStringN(
+    pelmoMsg* msg, const char* name, const char* text, size_t length, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetStringN(
+    const pelmoMsg* msg, const char* name, const char** out, size_t* outLength, uint16_t id);
 
 // Subjects packed as on the wire, and the same as text: kStatusInvalidSubject for a
 // text that doesn't pack.
-PELMO_DECLARE_FIELD(Subject, const uint8_t*, const uint8_t*)
-PELMO_DECLARE_FIELD(SubjectText, const char*, const char*)
-#undef PELMO_DECLARE_FIELD
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddSubject(pelmoMsg* msg,
+                                                const char* name,
+                                                const uint8_t* value,
+                                                uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateSubject(pelmoMsg* msg,
+                                                   const char* name,
+                                                   const uint8_t* value,
+                                                   uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetSubject(const pelmoMsg* msg,
+                                                const char* name,
+                                                const uint8_t** out,
+                                                uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddSubjectText(pelmoMsg* msg,
+                                                    const char* name,
+                                                    const char* value,
+                                                    uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateSubjectText(pelmoMsg* msg,
+                                                       const char* name,
+                                                       const char* value,
+                                                       uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetSubjectText(const pelmoMsg* msg,
+                                                    const char* name,
+                                                    const char** out,
+                                                    uint16_t id);
+
+// Messages
+
+// The fields that the value shows are copied. The read gives an object that belongs to `msg`.
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddMsg(pelmoMsg* msg,
+                                            const char* name,
+                                            pelmoMsg* value,
+                                            uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateMsg(pelmoMsg* msg,
+                                               const char* name,
+                                               pelmoMsg* value,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetMsg(const pelmoMsg* msg,
+                                            const char* name,
+                                            pelmoMsg** out,
+                                            uint16_t id);
+
+// Bytes: the number is of them. XML values are compressed on the wire.
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddOpaque(
+    pelmoMsg* msg, const char* name, void const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateOpaque(
+    pelmoMsg* msg, const char* name, void const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetOpaque(const pelmoMsg* msg,
+                                               const char* name,
+                                               void const** outValues,
+                                               uint32_t* outNumber,
+                                               uint16_t id);
+PELMO_NODISCARD pelmoStatus
+pelmoMsg_AddXml(pelmoMsg* msg, const char* name, void const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateXml(
+    pelmoMsg* msg, const char* name, void const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetXml(const pelmoMsg* msg,
+                                            const char* name,
+                                            void const** outValues,
+                                            uint32_t* outNumber,
+                                            uint16_t id);
+
+// Arrays: the number is of elements.
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddI8Array(
+    pelmoMsg* msg, const char* name, int8_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateI8Array(
+    pelmoMsg* msg, const char* name, int8_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI8Array(const pelmoMsg* msg,
+                                                const char* name,
+                                                int8_t const** outValues,
+                                                uint32_t* outNumber,
+                                                uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddU8Array(
+    pelmoMsg* msg, const char* name, uint8_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateU8Array(
+    pelmoMsg* msg, const char* name, uint8_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU8Array(const pelmoMsg* msg,
+                                                const char* name,
+                                                uint8_t const** outValues,
+                                                uint32_t* outNumber,
+                                                uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddI16Array(
+    pelmoMsg* msg, const char* name, int16_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateI16Array(
+    pelmoMsg* msg, const char* name, int16_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI16Array(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 int16_t const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddU16Array(
+    pelmoMsg* msg, const char* name, uint16_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateU16Array(
+    pelmoMsg* msg, const char* name, uint16_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU16Array(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint16_t const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddI32Array(
+    pelmoMsg* msg, const char* name, int32_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateI32Array(
+    pelmoMsg* msg, const char* name, int32_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI32Array(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 int32_t const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddU32Array(
+    pelmoMsg* msg, const char* name, uint32_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateU32Array(
+    pelmoMsg* msg, const char* name, uint32_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU32Array(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint32_t const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddI64Array(
+    pelmoMsg* msg, const char* name, int64_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateI64Array(
+    pelmoMsg* msg, const char* name, int64_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetI64Array(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 int64_t const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddU64Array(
+    pelmoMsg* msg, const char* name, uint64_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateU64Array(
+    pelmoMsg* msg, const char* name, uint64_t const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetU64Array(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 uint64_t const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddF32Array(
+    pelmoMsg* msg, const char* name, float const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateF32Array(
+    pelmoMsg* msg, const char* name, float const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetF32Array(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 float const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddF64Array(
+    pelmoMsg* msg, const char* name, double const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateF64Array(
+    pelmoMsg* msg, const char* name, double const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetF64Array(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 double const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddStringArray(
+    pelmoMsg* msg, const char* name, const char* const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateStringArray(
+    pelmoMsg* msg, const char* name, const char* const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetStringArray(const pelmoMsg* msg,
+                                                    const char* name,
+                                                    const char* const** outValues,
+                                                    uint32_t* outNumber,
+                                                    uint16_t id);
+
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddMsgArray(
+    pelmoMsg* msg, const char* name, pelmoMsg* const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_UpdateMsgArray(
+    pelmoMsg* msg, const char* name, pelmoMsg* const* values, uint32_t number, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_GetMsgArray(const pelmoMsg* msg,
+                                                 const char* name,
+                                                 pelmoMsg* const** outValues,
+                                                 uint32_t* outNumber,
+                                                 uint16_t id);
 
 // A field that says only that it is there.
-[[nodiscard]] pelmoStatus pelmoMsg_AddNone(pelmoMsg* msg, const char* name, uint16_t id);
+PELMO_NODISCARD pelmoStatus pelmoMsg_AddNone(pelmoMsg* msg, const char* name, uint16_t id);
+
+#ifdef __cplusplus
+}
+#endif

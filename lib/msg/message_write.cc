@@ -102,8 +102,8 @@ pelmoStatus encodeOnce(pelmoMsg* msg,
     uint8_t* image = msgImage(msg);
     uint8_t* value = image + typeOffset + 1;
     value[-1] = field.type;
-    WriteCursor cursor{value, image + msg->capacity};
-    const pelmoStatus status = fieldEncoders[field.type](cursor, field);
+    pelmoWriteCursor cursor{value, image + msg->capacity};
+    const pelmoStatus status = fieldEncoders[field.type](&cursor, &field);
     if (status != kStatusSuccess) return status;
     if (cursor.at < value || cursor.at > cursor.end) return kStatusEncoderFailed;
     endOffset = static_cast<uint32_t>(cursor.at - image);

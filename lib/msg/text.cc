@@ -56,15 +56,15 @@ bool addPlaceholder(TextBuilder& out, const char* placeholder, pelmoStatus statu
 }
 
 // Converts the field to text. kStatusConversionFailed if there is no conversion.
-pelmoStatus becomeText(pelmoMsgField& field, Disposition& disposition) {
-    const FieldConverter convert = fieldConverters[field.type];
+pelmoStatus becomeText(pelmoMsgField& field, pelmoDisposition& disposition) {
+    const pelmoFieldConverter convert = fieldConverters[field.type];
     if (convert == nullptr || nestsTooDeep(field)) return kStatusConversionFailed;
-    return convert(field, FIELD_STRING, disposition);
+    return convert(&field, FIELD_STRING, &disposition);
 }
 
 bool addConverted(TextBuilder& out, pelmoMsgField field) {
     const bool isSubject = field.type == FIELD_SUBJECT;
-    Disposition disposition = kDataByValue;
+    pelmoDisposition disposition = kDataByValue;
     const pelmoStatus status = becomeText(field, disposition);
     if (status != kStatusSuccess) return addPlaceholder(out, kNoConverter, status);
 
@@ -103,7 +103,7 @@ pelmoStatus addElements(TextBuilder& out, const pelmoMsg* msg, const pelmoMsgFie
 // an object for each.
 bool addMessages(TextBuilder& out, const pelmoMsg* msg, uint32_t position) {
     pelmoMsgField field;
-    Disposition disposition = kDataByValue;
+    pelmoDisposition disposition = kDataByValue;
     pelmoStatus status = msgDecodeField(msg, position, field, disposition);
     if (status != kStatusSuccess) return addPlaceholder(out, kNoDecoder, status);
 
@@ -152,13 +152,9 @@ bool addAll(TextBuilder& out, pelmoMsg* msg) {
     return out.add("", 1);
 }
 
-}  // namespace
-
-pelmoStatus pelmoMsg_ConvertToString(pelmoMsg* msg, const char** out) {
-    traceLine(kTraceMsgDetail, "pelmoMsg_ConvertToString(%p, %p)", tracePointer(msg),
-              tracePointer(out));
+pelmoStatus textOf(pelmoMsg* msg, const char** out, size_t* outLength) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
+    if (out == nullptr || outLength == nullptr) return kStatusInvalidArgument;
     const pelmoStatus parsed = msgParse(msg);
     if (parsed != kStatusSuccess) return parsed;
 
@@ -170,13 +166,32 @@ pelmoStatus pelmoMsg_ConvertToString(pelmoMsg* msg, const char** out) {
     }
     if (!whole) return kStatusNoMemory;
 
+    const size_t length = builder.sizeBytes() - 1;
     char* text = builder.release();
     const pelmoStatus kept = msgKeepBlock(msg, text);
-    if (kept == kStatusSuccess) *out = text;
-    return kept;
+    if (kept != kStatusSuccess) return kept;
+    *out = text;
+    *outLength = length;
+    return kStatusSuccess;
 }
 
-pelmoStatus pelmoMsg_Print(pelmoMsg* msg) {
+}  // namespace
+
+pelmoStatus pelmoMsg_ConvertToString(const pelmoMsg* msg, const char** out) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_ConvertToString(%p, %p)", tracePointer(msg),
+              tracePointer(out));
+    size_t length = 0;
+    return textOf(msgForReading(msg), out, &length);
+}
+
+pelmoStatus pelmoMsg_ConvertToStringN(const pelmoMsg* msg, const char** out, size_t* outLength) {
+    traceLine(kTraceMsgDetail, "pelmoMsg_ConvertToStringN(%p, %p)", tracePointer(msg),
+              tracePointer(out));
+    return textOf(msgForReading(msg), out, outLength);
+}
+
+pelmoStatus pelmoMsg_Print(const pelmoMsg* constMsg) {
+    pelmoMsg* const msg = msgForReading(constMsg);
     traceLine(kTraceMsgDetail, "pelmoMsg_Print(%p)", tracePointer(msg));
     const char* text = nullptr;
     const pelmoStatus status = pelmoMsg_ConvertToString(msg, &text);

@@ -17,17 +17,31 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
 #include "../base/status.h"
 
-struct pelmoMsg;
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct pelmoMsg pelmoMsg;
 
 // Levels of messages within messages. A packet could hold thousands, each a level of recursion.
-constexpr uint32_t kMostTextDepth = 128;
+enum PELMO_UNDERLYING(uint32_t) { kMostTextDepth = 128 };
 
 // The fields that the message shows: the application's, or the envelope's while it is closed.
-[[nodiscard]] pelmoStatus pelmoMsg_ConvertToString(pelmoMsg* msg, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoMsg_ConvertToString(const pelmoMsg* msg, const char** out);
+
+// The same, and its length without the NUL.
+PELMO_NODISCARD pelmoStatus pelmoMsg_ConvertToStringN(const pelmoMsg* msg,
+                                                      const char** out,
+                                                      size_t* outLength);
 
 // To the standard error stream, with a line break.
-pelmoStatus pelmoMsg_Print(pelmoMsg* msg);
+pelmoStatus pelmoMsg_Print(const pelmoMsg* msg);
+
+#ifdef __cplusplus
+}
+#endif

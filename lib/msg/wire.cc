@@ -43,7 +43,7 @@ uint8_t wireApplicationType(uint8_t wireType, uint8_t sizeByte) {
     }
 }
 
-pelmoStatus writeSizePrefix(WriteCursor* cursor, uint64_t value) {
+pelmoStatus writeSizePrefix(pelmoWriteCursor* cursor, uint64_t value) {
     if (cursor == nullptr) return kStatusInvalidArgument;
     if (value > UINT32_MAX - 4) return kStatusInvalidSize;
     const uint32_t prefixBytes = sizePrefixBytes(value);
@@ -62,7 +62,7 @@ pelmoStatus writeSizePrefix(WriteCursor* cursor, uint64_t value) {
     return kStatusSuccess;
 }
 
-pelmoStatus readSizePrefix(ReadCursor* cursor, uint32_t* out) {
+pelmoStatus readSizePrefix(pelmoReadCursor* cursor, uint32_t* out) {
     if (cursor == nullptr || out == nullptr) return kStatusInvalidArgument;
     if (readLeft(*cursor) < 1) return kStatusCorruptMessage;
     const uint8_t sizeClass = *cursor->at;
@@ -83,7 +83,7 @@ pelmoStatus readSizePrefix(ReadCursor* cursor, uint32_t* out) {
     return kStatusSuccess;
 }
 
-pelmoStatus readValueLength(ReadCursor& cursor, uint32_t& length) {
+pelmoStatus readValueLength(pelmoReadCursor& cursor, uint32_t& length) {
     const pelmoStatus status = readSizePrefix(&cursor, &length);
     if (status != kStatusSuccess) return status;
     return length <= readLeft(cursor) ? kStatusSuccess : kStatusCorruptMessage;

@@ -55,21 +55,21 @@ struct WireRecord {
 
 // kStatusInvalidArgument without a cursor, kStatusNoMemory without room for the prefix,
 // kStatusInvalidSize for a value too large for any prefix.
-[[nodiscard]] pelmoStatus writeSizePrefix(WriteCursor* cursor, uint64_t value);
+[[nodiscard]] pelmoStatus writeSizePrefix(pelmoWriteCursor* cursor, uint64_t value);
 
 // Leaves the cursor after the prefix. The length may be more than what is left.
 // kStatusInvalidArgument for no arguments, kStatusInvalidSize for a byte that is no class,
 // kStatusCorruptMessage where the prefix is cut or its length doesn't cover its own bytes.
-[[nodiscard]] pelmoStatus readSizePrefix(ReadCursor* cursor, uint32_t* out);
+[[nodiscard]] pelmoStatus readSizePrefix(pelmoReadCursor* cursor, uint32_t* out);
 
 // The same for a value that must be complete: kStatusCorruptMessage if it isn't.
-[[nodiscard]] pelmoStatus readValueLength(ReadCursor& cursor, uint32_t& length);
+[[nodiscard]] pelmoStatus readValueLength(pelmoReadCursor& cursor, uint32_t& length);
 
-[[nodiscard]] inline uint64_t readLeft(const ReadCursor& cursor) {
+[[nodiscard]] inline uint64_t readLeft(const pelmoReadCursor& cursor) {
     return static_cast<uint64_t>(cursor.end - cursor.at);
 }
 
-[[nodiscard]] inline uint64_t writeRoom(const WriteCursor& cursor) {
+[[nodiscard]] inline uint64_t writeRoom(const pelmoWriteCursor& cursor) {
     return static_cast<uint64_t>(cursor.end - cursor.at);
 }
 
@@ -98,7 +98,7 @@ constexpr uint32_t kIdBytes = 2;
     if (areaSize + 1 + kTypeAndPrefixBytes > left) return nullptr;
     if (!wireNameAreaRead(at, record)) return nullptr;
 
-    ReadCursor value{at + areaSize + 1 + kTypeAndPrefixBytes, end};
+    pelmoReadCursor value{at + areaSize + 1 + kTypeAndPrefixBytes, end};
     const uint8_t sizeClass = value.at[-1];
     uint64_t sizeBytes = sizeClass;
     if (sizeClass == kSizeClass16) {

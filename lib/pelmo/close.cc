@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "lib/base/log_pace.h"
 #include "lib/containers/dpa.h"
 #include "lib/msg/pool.h"
 #include "lib/msg/trace_ops.h"
@@ -142,6 +143,7 @@ pelmoStatus pelmo_Close() {
         leftover = closeLocked();
     }
     endDispatchers(leftover);
+    logPaceSettle();
     Cond_Broadcast(&library.closedCond);
     return leftover.allLeft ? kStatusSuccess : kStatusDeliveryFailed;
 }

@@ -1,5 +1,6 @@
 #include <cstdlib>
 
+#include "lib/base/log.h"
 #include "lib/base/version.h"
 #include "lib/msg/pool.h"
 #include "lib/msg/trace_ops.h"
@@ -89,6 +90,10 @@ pelmoStatus pelmo_Open() {
 const char* pelmo_Version() {
     traceLine(kTraceLibrary, "pelmo_Version()");
     return PELMO_BUS_VERSION;
+}
+
+void pelmo_SetLogHook(pelmoLogHook hook, void* closure) {
+    logSetHook(hook, closure);
 }
 
 void pelmo_WaitClosed() {

@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <span>
 #include <utility>
 
 #include "lib/containers/entry_ring.h"
@@ -23,6 +25,13 @@ struct Batch {
     Event* events[kMostBatchMessages];
 };
 
+// The batches whose callbacks run on this thread, the innermost first: a callback may dispatch.
+struct RunningBatch {
+    const Batch* batch;
+    const RunningBatch* outer;
+};
+constinit thread_local const RunningBatch* runningBatch = nullptr;
+
 // Fills `ready` from `pending` if it is empty; both locks are held. Several posts may have been
 // merged into one signal, which wakes one thread, so a dispatch that leaves entries wakes the
 // next thread.
@@ -38,12 +47,14 @@ bool takePendingLocked(Queue* queue) PELMO_REQUIRES(queue->header.lock, queue->d
 pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) PELMO_UNCHECKED_LOCKING {
     DispatchWait wait{seconds};
     pelmoStatus status = kStatusSuccess;
+    const uint32_t wakesBefore = queue->wakes.count;
     for (;;) {
         if (Id_IsInvalid(&queue->header)) return kStatusInvalidQueue;
         Lock_Enter(&queue->dataLock);
         if (takePendingLocked(queue) || dispatchToldToStop(queue->header.id)) return kStatusSuccess;
         Lock_Leave(&queue->dataLock);
         if (seconds == 0 || status != kStatusSuccess) break;
+        if (queue->wakes.end(wakesBefore)) return kStatusInterrupted;
 
         ++queue->waiters;
         status = dispatchWaitStep(wait, &queue->header, &queue->cond);
@@ -163,6 +174,18 @@ void callPlain(const Batch& batch) {
     event->callback(event->header.id, message, event->closure);
 }
 
+// Reply and time limit both come as entries; the first of them is the answer, and ends the request.
+void callAnswered(const Batch& batch) {
+    Event* const event = batch.events[0];
+    pelmoMsg* const message = batch.messages[0];
+    const bool isReply = !msgIsNoReply(message);
+    if (isReply && !passesHooks(event, message)) return;
+    if (event->listener.answered.exchange(true)) return;
+    pelmoEvent_DestroyEx(event->listener.requestTimer.load(), nullptr);
+    event->callback(event->header.id, isReply ? message : nullptr, event->closure);
+    pelmoEvent_DestroyEx(event->header.id, nullptr);
+}
+
 // The callback gets a copy of the array, which it may change.
 void callVector(const Batch& batch) {
     const Event* const event = batch.events[0];
@@ -174,20 +197,31 @@ void callVector(const Batch& batch) {
     if (count != 0) event->listener.vectorCallback(passed, count);
 }
 
-void callBack(const Batch& batch) {
+void callBackOf(const Batch& batch) {
     Event* const event = batch.events[0];
-    if (event->kind == kEventListener && event->listener.transportId == kNoId) return;
+    const bool noReply = msgIsNoReply(batch.messages[0]);
+    if (event->kind == kEventListener && event->listener.transportId == kNoId && !noReply) return;
     if (event->kind == kEventTimer) (void)Timer_Insert(event);  // fails for a destroyed timer
     if (event->listener.vectorCallback != nullptr) {
         callVector(batch);
+    } else if (event->listener.isRequest) {
+        callAnswered(batch);
     } else {
         callPlain(batch);
     }
 }
 
+void callBack(const Batch& batch) {
+    const RunningBatch own = {&batch, runningBatch};
+    runningBatch = &own;
+    callBackOf(batch);
+    runningBatch = own.outer;
+}
+
 pelmoEventCompletion countDownLocked(Event* event) PELMO_UNCHECKED_LOCKING {
     --event->dispatchCount;
     if (event->dispatchCount != 0 || !Id_IsInvalid(&event->header)) return nullptr;
+    if (event->queue->eventWaiters != 0) Cond_Broadcast(&event->queue->eventEnded);
     return std::exchange(event->completion, nullptr);
 }
 
@@ -226,6 +260,14 @@ pelmoStatus dispatchById(uint32_t id, double seconds, DispatchBatch kind) {
 }
 
 }  // namespace
+
+bool Event_RunsHere(const Event* event) {
+    for (const RunningBatch* at = runningBatch; at != nullptr; at = at->outer) {
+        const std::span<Event* const> events(at->batch->events, at->batch->eventCount);
+        if (std::ranges::find(events, event) != events.end()) return true;
+    }
+    return false;
+}
 
 pelmoStatus Queue_Dispatch(Queue* queue,
                            double seconds,

@@ -9,7 +9,8 @@
 // event registered again just after it.
 //
 // Failure: kStatusSuccess when a step has run, even if it found only entries of destroyed events;
-// kStatusTimeout; kStatusInvalidQueue or kStatusInvalidQueueGroup for a bad id or an object
+// kStatusTimeout; kStatusInterrupted for a wait that was ended by pelmoQueue_Wake or
+// pelmoQueueGroup_Wake; kStatusInvalidQueue or kStatusInvalidQueueGroup for a bad id or an object
 // destroyed meanwhile; kStatusNotInitialized once the library is closed; kStatusNotPermitted for a
 // synchronous queue, which can only be polled.
 //
@@ -19,14 +20,22 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 #include "../base/status.h"
 
-[[nodiscard]] pelmoStatus pelmoQueue_TimedDispatch(uint32_t queue, double seconds);
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+PELMO_NODISCARD pelmoStatus pelmoQueue_TimedDispatch(uint32_t queue, double seconds);
 
 // The same, with all messages of a batch from one event.
-[[nodiscard]] pelmoStatus pelmoQueue_TimedDispatchSingle(uint32_t queue, double seconds);
+PELMO_NODISCARD pelmoStatus pelmoQueue_TimedDispatchSingle(uint32_t queue, double seconds);
 
 // One step of the first queue that has entries. Queues of equal priority take turns.
-[[nodiscard]] pelmoStatus pelmoQueueGroup_TimedDispatch(uint32_t group, double seconds);
+PELMO_NODISCARD pelmoStatus pelmoQueueGroup_TimedDispatch(uint32_t group, double seconds);
+
+#ifdef __cplusplus
+}
+#endif

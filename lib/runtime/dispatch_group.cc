@@ -47,11 +47,13 @@ pelmoStatus awaitEntriesLocked(QueueGroup* group, double seconds)
     PELMO_REQUIRES(group->header.lock) {
     DispatchWait wait{seconds};
     pelmoStatus status = kStatusSuccess;
+    const uint32_t wakesBefore = group->wakes.count;
     for (;;) {
         if (Id_IsInvalid(&group->header)) return kStatusInvalidQueueGroup;
         if (hasEntriesLocked(group) || dispatchToldToStop(group->header.id)) return kStatusSuccess;
         if (seconds == 0) return kStatusTimeout;
         if (status != kStatusSuccess) return status;
+        if (group->wakes.end(wakesBefore)) return kStatusInterrupted;
 
         status = dispatchWaitStep(wait, &group->header, &group->cond);
         if (!libraryIsOpen()) return kStatusNotInitialized;

@@ -120,7 +120,10 @@ void runDispatcher(void* argument) {
 
     dispatchSetStopWord(&self->stopTarget);
     pelmoStatus status = kStatusSuccess;
-    while (status == kStatusSuccess && !Id_IsInvalid(&self->header)) {
+    const auto goesOn = [](pelmoStatus of) {
+        return of == kStatusSuccess || of == kStatusInterrupted;
+    };
+    while (goesOn(status) && !Id_IsInvalid(&self->header)) {
         status = dispatchOnce(self.get());
     }
     reportExit(self.get(), Id_IsInvalid(&self->header) ? kStatusInvalidDispatcher : status);

@@ -13,19 +13,27 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 #include "../base/status.h"
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 // kStatusInvalidArgument if the id is neither a queue nor a group. Doesn't test the open flag.
-[[nodiscard]] pelmoStatus pelmoDispatcher_CreateEx(uint32_t* out,
-                                                   uint32_t dispatchable,
-                                                   double seconds);
+PELMO_NODISCARD pelmoStatus pelmoDispatcher_CreateEx(uint32_t* out,
+                                                     uint32_t dispatchable,
+                                                     double seconds);
 
 // Waits for the thread's end.
 pelmoStatus pelmoDispatcher_Destroy(uint32_t dispatcher);
-[[nodiscard]] pelmoStatus pelmoDispatcher_Join(uint32_t dispatcher);
+PELMO_NODISCARD pelmoStatus pelmoDispatcher_Join(uint32_t dispatcher);
 
 // The text is valid until the name changes or the dispatcher is destroyed. Setting copies the text.
-[[nodiscard]] pelmoStatus pelmoDispatcher_GetName(uint32_t dispatcher, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoDispatcher_GetName(uint32_t dispatcher, const char** out);
 pelmoStatus pelmoDispatcher_SetName(uint32_t dispatcher, const char* name);
+
+#ifdef __cplusplus
+}
+#endif

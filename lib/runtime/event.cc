@@ -34,7 +34,7 @@ pelmoStatus readEvent(uint32_t id, uint32_t kind, Value* out, Read read) {
 
 }  // namespace
 
-pelmoStatus Event_New(Held<Event>& out, EventKind kind, Held<Queue>& queue) {
+pelmoStatus Event_New(Held<Event>& out, pelmoEventKind kind, Held<Queue>& queue) {
     void* const block = std::calloc(1, sizeof(Event));
     if (block == nullptr) return kStatusNoMemory;
     auto* const event = new (block) Event{};

@@ -30,11 +30,12 @@ struct TimerPart {
 
 struct IoPart {
     // Constant after creation.
-    IoCondition condition;
-    int32_t source;  // a socket
+    pelmoIoCondition condition;
+    int32_t source;
 
     bool sourceValid PELMO_GUARDED_BY(evmLock);
     bool sourceChecked PELMO_GUARDED_BY(evmLock);
+    bool isSocket PELMO_GUARDED_BY(evmLock);  // once checked
     bool hungUp PELMO_GUARDED_BY(
         evmLock);  // the last pass saw a hang-up or an error and nothing that fires this event
 };
@@ -56,6 +57,11 @@ struct ListenerPart {
 
     // Delivered messages that wait for a place on the queue; null once the listener was removed.
     EntryRing* inbox;
+
+    // Of a listener for the one reply to a request (pelmoTransport_SendRequestAsync).
+    bool isRequest;                      // constant after creation
+    std::atomic<uint32_t> requestTimer;  // its time limit; kNoId until there is one
+    std::atomic<bool> answered;          // its callback has run or runs
 };
 
 struct Event {
@@ -63,7 +69,7 @@ struct Event {
     IdHeader header;
 
     // Constant after creation.
-    EventKind kind;
+    pelmoEventKind kind;
     uint32_t queueId;
     Queue* queue;  // a counted reference, so that its data lock outlives the event, even if the
                    // queue is destroyed
@@ -79,6 +85,9 @@ struct Event {
     ListenerPart listener;
 };
 
+// Does a callback of the event run on this thread, further up its stack?
+[[nodiscard]] bool Event_RunsHere(const Event* event);
+
 // How many dispatches of the event run: they were taken from its queue, and their callbacks haven't
 // returned. 0 for an event that is gone.
 [[nodiscard]] uint32_t Event_RunningDispatches(uint32_t event);
@@ -87,7 +96,7 @@ struct Event {
 
 // Makes a record with one reference, the caller's, and no id. It takes over the reference to the
 // queue. kStatusNoMemory.
-[[nodiscard]] pelmoStatus Event_New(Held<Event>& out, EventKind kind, Held<Queue>& queue);
+[[nodiscard]] pelmoStatus Event_New(Held<Event>& out, pelmoEventKind kind, Held<Queue>& queue);
 
 // Finds the event of that id and kind and holds it; kStatusInvalidEvent when there is none.
 inline constexpr uint32_t kAnyKind = 0;

@@ -8,6 +8,7 @@
 #include "lib/runtime/dispatch_internal.h"
 #include "lib/runtime/io_events.h"
 #include "lib/runtime/queue_internal.h"
+#include "lib/runtime/queue_wake.h"
 #include "lib/runtime/timers.h"
 #include "lib/runtime/wakeup_pair.h"
 
@@ -58,6 +59,7 @@ void runIo(void* argument) {
         dispatchAll(queue.get());
         if (!evmIsAt(epoch)) return;
         if (!ioThreadPass(own, hasWakeup(own))) return;
+        wakesServe();
     }
 }
 
@@ -101,6 +103,7 @@ pelmoStatus startIoThread(uint32_t number, IoThread** out) {
     LockGuard guard(evmLock);
     io->pair = pair;
     io->wake = wakeupPairWake;
+    if (number == 1) wakesOpen(pair);
     return Thread_Create(&io->thread, runIo, io);
 }
 
@@ -109,6 +112,7 @@ pelmoStatus startIoThread(uint32_t number, IoThread** out) {
 void dropIoThread(uint32_t number, IoThread* io) {
     (void)pelmoQueue_DestroyEx(kFirstIoQueueId + number - 1, nullptr, nullptr);
     if (io == nullptr) return;
+    if (number == 1) wakesClose();
     if (io->pair != nullptr) wakeupPairDestroy(io->pair);
     LockGuard guard(evmLock);
     ioThreadDropLastLocked();
@@ -170,6 +174,7 @@ void EventManager_Stop() {
     }
     endThread(timerThread);
     timerThread = nullptr;
+    wakesClose();
     for (uint32_t place = 0; IoThread* const io = ioThreadAt(place); ++place) {
         if (io->pair != nullptr) wakeupPairDestroy(io->pair);
     }

@@ -50,11 +50,28 @@ void detach(Event* event) {
             (void)Event_UnregisterIO(event);
             return;
         case kEventListener: {
+            if (event->listener.isRequest) {
+                pelmoEvent_DestroyEx(event->listener.requestTimer.load(), nullptr);
+            }
             const uint32_t transport = event->listener.transportId.load();
             if (transport == kNoId || transportOps.removeListener == nullptr) return;
             (void)transportOps.removeListener(transport, event);
         }
     }
+}
+
+// A dispatch counts itself and tests the invalid mark under the queue's data lock, under which this
+// sets the mark. So either the dispatch came first and is in the count, or it sees the mark. A
+// completion may free what the event watches, so it isn't left to a dispatch before the event was
+// removed from its source; once the mark is set, the count only falls.
+pelmoStatus destroy(Event* event) {
+    {
+        const LockGuard guard(event->queue->dataLock);
+        Held<Event> taken;
+        if (taken.destroy(event->header.id) != kStatusSuccess) return kStatusInvalidEvent;
+    }
+    detach(event);
+    return kStatusSuccess;
 }
 
 pelmoStatus addListener(uint32_t* out, const ListenerRequest& request) {
@@ -127,7 +144,7 @@ pelmoStatus pelmoEvent_CreateIO(uint32_t* out,
     event->callback = callback;
     event->closure = closure;
     event->io.source = source;
-    event->io.condition = IoCondition{condition};
+    event->io.condition = pelmoIoCondition{condition};
     status = publish(event, Event_RegisterIO, out);
     if (status != kStatusSuccess) return status;
 
@@ -213,21 +230,13 @@ pelmoStatus _pelmoTransport_AddPolledListener(uint32_t* out,
     return kStatusSuccess;
 }
 
-// A dispatch counts itself and tests the invalid mark under the queue's data lock, under which this
-// call sets the mark. So either the dispatch came first and is in the count, or it sees the mark. A
-// completion may free what the event watches, so it isn't left to a dispatch before the event was
-// removed from its source; once the mark is set, the count only falls.
 pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion) {
     traceLine(kTraceEvents, "pelmoEvent_DestroyEx(%u, %p)", event, traceCallback(completion));
     Held<Event> found;
     if (found.find(event) != kStatusSuccess) return kStatusInvalidEvent;
-    {
-        const LockGuard guard(found->queue->dataLock);
-        Held<Event> taken;
-        if (taken.destroy(event) != kStatusSuccess) return kStatusInvalidEvent;
-    }
+    const pelmoStatus status = destroy(found.get());
+    if (status != kStatusSuccess) return status;
     void* const closure = found->closure;
-    detach(found.get());
     if (completion == nullptr) return kStatusSuccess;
     {
         const LockGuard guard(found->queue->dataLock);
@@ -237,6 +246,22 @@ pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion
         }
     }
     completion(event, closure);
+    return kStatusSuccess;
+}
+
+pelmoStatus pelmoEvent_DestroyWait(uint32_t event) {
+    traceLine(kTraceEvents, "pelmoEvent_DestroyWait(%u)", event);
+    Held<Event> found;
+    if (found.find(event) != kStatusSuccess) return kStatusInvalidEvent;
+    if (Event_RunsHere(found.get())) return kStatusNotPermitted;
+    const pelmoStatus status = destroy(found.get());
+    if (status != kStatusSuccess) return status;
+
+    const LockGuard guard(found->queue->dataLock);
+    ++found->queue->eventWaiters;
+    while (found->dispatchCount != 0)
+        (void)Cond_Wait(&found->queue->eventEnded, &found->queue->dataLock);
+    --found->queue->eventWaiters;
     return kStatusSuccess;
 }
 

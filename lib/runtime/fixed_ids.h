@@ -2,8 +2,23 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
-inline constexpr uint32_t kNoId = 0;  // the id of no object
+#include "../base/language.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// The first is the id of no object.
+#ifdef __cplusplus
+inline constexpr uint32_t kNoId = 0;
 inline constexpr uint32_t kDefaultQueueId = 1;
 inline constexpr uint32_t kIntraProcessTransportId = 10;
+#else
+enum { kNoId = 0, kDefaultQueueId = 1, kIntraProcessTransportId = 10 };
+#endif
+
+#ifdef __cplusplus
+}
+#endif

@@ -29,10 +29,11 @@ IoThread* threadOfLocked(const Event* event) PELMO_REQUIRES(evmLock) {
     return nullptr;
 }
 
-// The socket is tested once per event: a source found dead isn't registered again.
+// The source is tested once per event: one that was found dead isn't registered again.
 bool sourceIsValidLocked(Event* event) PELMO_REQUIRES(evmLock) {
     if (!event->io.sourceChecked) {
-        event->io.sourceValid = sourceIsSocket(event->io.source);
+        event->io.isSocket = sourceIsSocket(event->io.source);
+        event->io.sourceValid = event->io.isSocket || sourceIsPollable(event->io.source);
         event->io.sourceChecked = true;
     }
     return event->io.sourceValid;

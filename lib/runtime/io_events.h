@@ -1,9 +1,10 @@
-// IO events: sockets that an IO thread watches, and the events that they fire.
+// IO events: sockets and other descriptors that an IO thread watches, and the events that they
+// fire.
 //
-// Failure: kStatusInvalidIoSource for what isn't a socket, or a socket and condition that the set
-// already has; kStatusNotInitialized while the event manager, or the thread in question, doesn't
-// run; kStatusInvalidIoCondition; kStatusSocketLimit when the set can't grow; kStatusNoMemory;
-// kStatusInvalidEvent for an event that isn't registered, or that is destroyed.
+// Failure: kStatusInvalidIoSource for what poll can't wait for, or a source and condition that the
+// set already has; kStatusNotInitialized while the event manager, or the thread in question,
+// doesn't run; kStatusInvalidIoCondition; kStatusSocketLimit when the set can't grow;
+// kStatusNoMemory; kStatusInvalidEvent for an event that isn't registered, or that is destroyed.
 //
 // Threads: any, with no event's lock held.
 

@@ -1,6 +1,9 @@
 #include "lib/runtime/poll_set.h"
 
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
@@ -204,7 +207,8 @@ Event* pollSetFindDead(PollSet* set) {
     for (const Dpa* events : set->events) {
         for (uint32_t i = 0; i < events->count; ++i) {
             Event* const event = eventAt(events, i);
-            if (sourceIsSocket(event->io.source)) continue;
+            const int32_t source = event->io.source;
+            if (event->io.isSocket ? sourceIsSocket(source) : sourceIsPollable(source)) continue;
             event->io.sourceValid = false;
             return event;
         }
@@ -216,4 +220,27 @@ bool sourceIsSocket(int32_t source) {
     int type = 0;
     socklen_t size = sizeof(type);
     return getsockopt(source, SOL_SOCKET, SO_TYPE, &type, &size) == 0;
+}
+
+// poll reports what it can't watch as ready at all times; only epoll refuses it.
+bool sourceIsPollable(int32_t source) {
+    struct stat about = {};
+    if (fstat(source, &about) != 0) return false;
+    switch (about.st_mode & S_IFMT) {
+        case S_IFREG:
+        case S_IFDIR:
+        case S_IFBLK:
+            return false;
+        case S_IFSOCK:
+        case S_IFIFO:
+            return true;
+        default:
+            break;
+    }
+    const int watcher = epoll_create1(EPOLL_CLOEXEC);
+    if (watcher < 0) return true;  // no descriptor is left to ask with
+    epoll_event event = {};
+    const bool taken = epoll_ctl(watcher, EPOLL_CTL_ADD, source, &event) == 0;
+    close(watcher);
+    return taken;
 }

@@ -9,7 +9,7 @@
 //
 // Failure: kStatusInvalidIoSource for a socket that the condition has already, kStatusSocketLimit
 // when the set can't grow, kStatusNoMemory, kStatusInvalidEvent for an event that isn't in it. An
-// event's condition is one of enum IoCondition.
+// event's condition is one of enum pelmoIoCondition.
 //
 // Threads: this module takes no lock; evmLock serialises all calls. The poll itself uses only
 // `pass` and `passCount`, which change only between two polls, and `leavesOut`, which limits its
@@ -73,7 +73,11 @@ void pollSetFinish(PollSet* set) PELMO_REQUIRES(evmLock);
 [[nodiscard]] Event* pollSetNextReady(const PollSet* set, uint32_t condition, uint32_t* from)
     PELMO_REQUIRES(evmLock);
 
-// An event whose source is no longer a socket, with its sourceValid cleared; null for none.
+// An event whose source is no longer what it was, a socket or another descriptor that poll can wait
+// for, with its sourceValid cleared; null for none.
 [[nodiscard]] Event* pollSetFindDead(PollSet* set) PELMO_REQUIRES(evmLock);
 
 [[nodiscard]] bool sourceIsSocket(int32_t source);
+
+// Can poll wait for it? A regular file, a folder or a closed number it can't.
+[[nodiscard]] bool sourceIsPollable(int32_t source);

@@ -142,7 +142,8 @@ bool hasRoom(Held<Queue>& queue) PELMO_REQUIRES(queue->header.lock) {
 bool postOfBatch(Held<Queue>& queue, EventRun& run, const PostEntry& entry)
     PELMO_REQUIRES(queue->header.lock) {
     const Event* const event = run.find(entry.eventId);
-    if (event == nullptr || !hasRoom(queue) || event->listener.transportId == kNoId) {
+    const bool stays = msgIsNoReply(entry.message);
+    if (event == nullptr || (!stays && (!hasRoom(queue) || event->listener.transportId == kNoId))) {
         msgRelease(entry.message);
         return false;
     }

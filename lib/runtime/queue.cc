@@ -19,6 +19,7 @@ void destruct(IdHeader* object) PELMO_UNCHECKED_LOCKING {
     msgReleaseRing(queue->ready);
     msgReleaseRing(queue->pending);
     dpaDestroy(queue->groups);
+    Cond_Destroy(&queue->eventEnded);
     Cond_Destroy(&queue->hookEnded);
     Cond_Destroy(&queue->cond);
     Lock_Destroy(&queue->dataLock);
@@ -31,7 +32,11 @@ bool initParts(Queue* queue) {
     if (Lock_Init(&queue->dataLock, LockRank::kQueueData) != kStatusSuccess) return false;
     if (Cond_Init(&queue->cond) == kStatusSuccess) {
         if (Cond_Init(&queue->hookEnded) == kStatusSuccess) {
-            if (Id_Init(&queue->header, IdType::kQueue, destruct) == kStatusSuccess) return true;
+            if (Cond_Init(&queue->eventEnded) == kStatusSuccess) {
+                if (Id_Init(&queue->header, IdType::kQueue, destruct) == kStatusSuccess)
+                    return true;
+                Cond_Destroy(&queue->eventEnded);
+            }
             Cond_Destroy(&queue->hookEnded);
         }
         Cond_Destroy(&queue->cond);

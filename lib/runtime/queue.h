@@ -18,21 +18,25 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 #include "../base/status.h"
 #include "callbacks.h"
 #include "fixed_ids.h"
 
-enum LimitPolicy : uint32_t {
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum pelmoLimitPolicy PELMO_UNDERLYING(uint32_t){
     kLimitNone,
     kLimitDiscardNew,
     kLimitDiscardFirst,
     kLimitDiscardLast,
-};
+} pelmoLimitPolicy;
 
-[[nodiscard]] pelmoStatus pelmoQueue_Create(uint32_t* out);
-[[nodiscard]] pelmoStatus pelmoQueue_CreateSynchronous(uint32_t* out);
+PELMO_NODISCARD pelmoStatus pelmoQueue_Create(uint32_t* out);
+PELMO_NODISCARD pelmoStatus pelmoQueue_CreateSynchronous(uint32_t* out);
 
 // Waiting threads wake, nothing more can be posted, and the queue leaves its groups. The completion
 // may be null; it runs on this thread if no dispatch and no hook is running, else on the thread of
@@ -40,8 +44,8 @@ enum LimitPolicy : uint32_t {
 // library is open. Entries not dispatched are dropped.
 pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion, void* closure);
 
-[[nodiscard]] pelmoStatus pelmoQueue_GetCount(uint32_t queue, uint32_t* out);
-[[nodiscard]] pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out);
+PELMO_NODISCARD pelmoStatus pelmoQueue_GetCount(uint32_t queue, uint32_t* out);
+PELMO_NODISCARD pelmoStatus pelmoQueue_GetHook(uint32_t queue, pelmoQueueHook* out);
 
 // The hook is called after each post, once for each entry; null removes it. It runs on the posting
 // thread with no lock of the library held, and may make any call that a callback may make. The
@@ -53,10 +57,10 @@ pelmoStatus pelmoQueue_DestroyEx(uint32_t queue, pelmoQueueCompletion completion
 // kStatusNotPermitted for a synchronous queue.
 pelmoStatus pelmoQueue_SetHook(uint32_t queue, pelmoQueueHook hook, void* closure);
 
-[[nodiscard]] pelmoStatus pelmoQueue_GetLimitPolicy(uint32_t queue,
-                                                    uint32_t* outPolicy,
-                                                    uint32_t* outMaxEvents,
-                                                    uint32_t* outDiscardAmount);
+PELMO_NODISCARD pelmoStatus pelmoQueue_GetLimitPolicy(uint32_t queue,
+                                                      uint32_t* outPolicy,
+                                                      uint32_t* outMaxEvents,
+                                                      uint32_t* outDiscardAmount);
 
 // kStatusArgumentsConflict, tested first: kLimitNone needs 0 and 0; the others need a limit above 0
 // and a discard of at most the limit, kLimitDiscardNew a discard of exactly 1. If the queue is
@@ -67,16 +71,36 @@ pelmoStatus pelmoQueue_SetLimitPolicy(uint32_t queue,
                                       uint32_t discardAmount);
 
 // The text is valid until the name changes or the queue is destroyed. Setting copies the text.
-[[nodiscard]] pelmoStatus pelmoQueue_GetName(uint32_t queue, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoQueue_GetName(uint32_t queue, const char** out);
 pelmoStatus pelmoQueue_SetName(uint32_t queue, const char* name);
 
 // The priority is 1 at first. Setting it moves the queue to its new place in its groups.
-[[nodiscard]] pelmoStatus pelmoQueue_GetPriority(uint32_t queue, uint32_t* out);
+PELMO_NODISCARD pelmoStatus pelmoQueue_GetPriority(uint32_t queue, uint32_t* out);
 pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority);
+
+// Ends the waits of all threads that dispatch or poll the queue now, by kStatusInterrupted; where
+// none waits, the next wait ends at once. Several wakes before that count as one. A dispatch that
+// finds an entry runs it and returns as ever, and dispatchers go on. For a program that ends by a
+// flag:
+//
+//     static volatile sig_atomic_t over;
+//     void onSignal(int signal) { over = 1; pelmoQueue_Wake(queue); }
+//     ...
+//     while (!over && pelmoQueue_TimedDispatch(queue, -1) != kStatusInvalidQueue) {}
+//
+// An id that isn't a queue's is ignored. Never waits for a lock. Signal handlers may call it, and
+// pelmoQueueGroup_Wake (queue_group.h), pelmoStatus_GetText and no other call of the library.
+// kStatusNotInitialized while the library is closed or has no IO thread, and in the child of a
+// fork.
+pelmoStatus pelmoQueue_Wake(uint32_t queue);
 
 // Waits for a message of a synchronous queue; the caller destroys it. Seconds below 0 wait without
 // limit; 0 answers kStatusTimeout when there is no message. The output is null when all waiting
 // messages were for destroyed events. kStatusNotPermitted for other queues.
-[[nodiscard]] pelmoStatus pelmoQueue_Poll(uint32_t queue, pelmoMsg** out, double seconds);
-[[nodiscard]] pelmoStatus pelmoQueue_PollMany(
+PELMO_NODISCARD pelmoStatus pelmoQueue_Poll(uint32_t queue, pelmoMsg** out, double seconds);
+PELMO_NODISCARD pelmoStatus pelmoQueue_PollMany(
     uint32_t queue, pelmoMsg** messages, uint32_t size, uint32_t* outCount, double seconds);
+
+#ifdef __cplusplus
+}
+#endif

@@ -11,11 +11,22 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 #include "../base/status.h"
 
-[[nodiscard]] pelmoStatus pelmoQueueGroup_Create(uint32_t* out);
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+PELMO_NODISCARD pelmoStatus pelmoQueueGroup_Create(uint32_t* out);
 pelmoStatus pelmoQueueGroup_Destroy(uint32_t group);
-[[nodiscard]] pelmoStatus pelmoQueueGroup_Add(uint32_t group, uint32_t queue);
+PELMO_NODISCARD pelmoStatus pelmoQueueGroup_Add(uint32_t group, uint32_t queue);
 pelmoStatus pelmoQueueGroup_Remove(uint32_t group, uint32_t queue);
+
+// As pelmoQueue_Wake (queue.h), for threads that dispatch the group. Signal handlers may call it.
+pelmoStatus pelmoQueueGroup_Wake(uint32_t group);
+
+#ifdef __cplusplus
+}
+#endif

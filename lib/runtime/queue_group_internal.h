@@ -9,6 +9,7 @@
 #include "lib/base/cond.h"
 #include "lib/runtime/id.h"
 #include "lib/runtime/queue_group.h"
+#include "lib/runtime/queue_internal.h"
 
 struct Dpa;
 
@@ -17,6 +18,8 @@ struct QueueGroup {
     IdHeader header;
 
     Cond cond;  // signalled at each post to a queue of the group
+
+    Wakes wakes PELMO_GUARDED_BY(header.lock);
 
     // Queue ids by descending priority. Queues of equal priority are in the order of joining, until
     // dispatch rotates them.

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 
 #include "lib/base/status.h"
 #include "lib/containers/dpa.h"
@@ -32,6 +33,26 @@ struct HookRun {
     void* closure;
 };
 
+// Calls of pelmoQueue_Wake for one queue or group; guarded by its object lock. A wake ends the
+// waits that it meets, or the next one.
+struct Wakes {
+    uint32_t count;  // those that met a wait
+    bool kept;       // one met none
+
+    void add(bool hasWaiters) {
+        if (hasWaiters) {
+            ++count;
+        } else {
+            kept = true;
+        }
+    }
+
+    // Is the wait to end that began when there were `before`?
+    [[nodiscard]] bool end(uint32_t before) {
+        return count != before || std::exchange(kept, false);
+    }
+};
+
 struct Queue {
     static constexpr IdType kIdType = IdType::kQueue;
     IdHeader header;
@@ -40,6 +61,8 @@ struct Queue {
     bool synchronous;  // can only be polled: no dispatch, hook, limit or group
     Cond cond;         // signalled at a post while `waiters` isn't 0
     Cond hookEnded;    // broadcast at the end of a hook's run while `hookWaiters` isn't 0
+    Cond eventEnded;   // broadcast at the end of a destroyed event's last callback while
+                       // `eventWaiters` isn't 0
     Lock dataLock;
 
     const char* name PELMO_GUARDED_BY(header.lock);
@@ -47,7 +70,8 @@ struct Queue {
     // Swapped with `ready` under both locks. Both rings are null once the queue was destroyed.
     EntryRing* pending PELMO_GUARDED_BY(header.lock);
     uint32_t waiters PELMO_GUARDED_BY(header.lock);  // threads in a wait on `cond`
-    LimitPolicy limitPolicy PELMO_GUARDED_BY(header.lock);
+    Wakes wakes PELMO_GUARDED_BY(header.lock);
+    pelmoLimitPolicy limitPolicy PELMO_GUARDED_BY(header.lock);
     uint32_t priority PELMO_GUARDED_BY(header.lock);
     uint32_t maxEvents PELMO_GUARDED_BY(header.lock);      // 0: no limit
     uint32_t discardAmount PELMO_GUARDED_BY(header.lock);  // entries that one discard removes
@@ -59,6 +83,7 @@ struct Queue {
     uint32_t hookWaiters PELMO_GUARDED_BY(header.lock);  // threads in a wait on `hookEnded`
 
     EntryRing* ready PELMO_GUARDED_BY(dataLock);
+    uint32_t eventWaiters PELMO_GUARDED_BY(dataLock);  // threads in a wait on `eventEnded`
 
     // Dispatches between taking entries and finishing, and runs of the hook.
     uint32_t running PELMO_GUARDED_BY(dataLock);

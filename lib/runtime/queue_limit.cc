@@ -44,11 +44,11 @@ Place placeAt(const Queue* queue, uint32_t place)
 }
 
 // Timer and IO entries stay: their dispatch arms their events again, so a dropped one would never
-// fire again.
+// fire again. So does the end of a request, of which the application would never learn.
 bool mayDrop(const pelmoMsg* entry) {
     Held<Event> event;
     if (event.find(entry->deliveryEvent) != kStatusSuccess) return true;
-    return event->kind == kEventListener;
+    return event->kind == kEventListener && !msgIsNoReply(entry);
 }
 
 bool dropAt(const Queue* queue, uint32_t at) PELMO_REQUIRES(queue->header.lock, queue->dataLock) {
@@ -138,7 +138,7 @@ pelmoStatus pelmoQueue_SetLimitPolicy(uint32_t queue,
     if (const pelmoStatus status = queueFind(held, queue); status != kStatusSuccess) return status;
     if (held->synchronous) return kStatusNotPermitted;
 
-    held->limitPolicy = static_cast<LimitPolicy>(policy);
+    held->limitPolicy = static_cast<pelmoLimitPolicy>(policy);
     held->maxEvents = maxEvents;
     held->discardAmount = discardAmount;
     if (Queue_CountLocked(held.get()) > maxEvents) Queue_Discard(held.get());

@@ -20,7 +20,9 @@ pelmoStatus findToPoll(Held<Queue>& queue, uint32_t id, bool hasOutput)
 
 pelmoStatus awaitEntriesLocked(Queue* queue, double seconds) PELMO_REQUIRES(queue->header.lock) {
     DispatchWait wait{seconds};
+    const uint32_t wakesBefore = queue->wakes.count;
     while (queue->pending->count == 0) {
+        if (seconds != 0 && queue->wakes.end(wakesBefore)) return kStatusInterrupted;
         ++queue->waiters;
         const pelmoStatus status = dispatchWaitStep(wait, &queue->header, &queue->cond);
         --queue->waiters;

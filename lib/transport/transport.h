@@ -46,11 +46,16 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 #include "../base/status.h"
+#include "../runtime/callbacks.h"
 
-struct pelmoMsg;
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct pelmoMsg pelmoMsg;
 
 // Life
 
@@ -80,16 +85,16 @@ struct pelmoMsg;
 // host's own; other daemons ignore the port. kStatusNotPermitted for a port that is the service
 // itself, kStatusServiceNotFound for one that isn't known, kStatusPortInUse for one that can't be
 // had.
-[[nodiscard]] pelmoStatus pelmoTransport_CreateNetwork(uint32_t* out,
-                                                       const char* service,
-                                                       const char* network,
-                                                       const char* daemon);
+PELMO_NODISCARD pelmoStatus pelmoTransport_CreateNetwork(uint32_t* out,
+                                                         const char* service,
+                                                         const char* network,
+                                                         const char* daemon);
 
 // The same, but the daemon doesn't resume what an earlier connection left unfinished.
-[[nodiscard]] pelmoStatus pelmoTransport_CreateNetworkNoResume(uint32_t* out,
-                                                               const char* service,
-                                                               const char* network,
-                                                               const char* daemon);
+PELMO_NODISCARD pelmoStatus pelmoTransport_CreateNetworkNoResume(uint32_t* out,
+                                                                 const char* service,
+                                                                 const char* network,
+                                                                 const char* daemon);
 
 // Its listeners get no further messages; requests that are waiting end with
 // kStatusInvalidTransport. What was sent leaves first: the call waits until the daemon has it, and
@@ -115,53 +120,78 @@ pelmoStatus pelmoTransport_DestroyWithin(uint32_t transport, double seconds);
 // 64 MiB. On the direct road also: kStatusDeliveryFailed where the peer is given up while the
 // sender waits, kStatusInvalidTransport for a transport that is being destroyed.
 
-[[nodiscard]] pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
+PELMO_NODISCARD pelmoStatus pelmoTransport_Send(uint32_t transport, pelmoMsg* message);
 
 // Sends several messages in order. On a network transport all of them are looked at first, and one
 // that can't be sent leaves none. Those that go straight to peers leave first, one by one; then
 // those for the daemon, together. A failure later on, by memory, a break or a peer that is given
 // up, leaves what came before it sent. Within the process messages are delivered one by one up to
 // the first failure.
-[[nodiscard]] pelmoStatus pelmoTransport_Sendv(uint32_t transport,
-                                               pelmoMsg* const* messages,
-                                               uint32_t count);
+PELMO_NODISCARD pelmoStatus pelmoTransport_Sendv(uint32_t transport,
+                                                 pelmoMsg* const* messages,
+                                                 uint32_t count);
 
 // The same, and says on failure too how many messages were taken, in the order in which they leave.
 // Anyone who repeats the send does so with the others alone: those that were taken have left, or
 // may have, or are lost with the connection (pelmoTransport_GetUnsent).
-[[nodiscard]] pelmoStatus pelmoTransport_SendvTaken(uint32_t transport,
-                                                    pelmoMsg* const* messages,
-                                                    uint32_t count,
-                                                    uint32_t* outTaken);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SendvTaken(uint32_t transport,
+                                                      pelmoMsg* const* messages,
+                                                      uint32_t count,
+                                                      uint32_t* outTaken);
 
 // What a network transport has taken for the daemon and the daemon's system hasn't got. Of what the
 // own system holds, the number of messages is an estimate by their average size.
-struct pelmoUnsent {
+typedef struct pelmoUnsent {
     uint64_t waitingMessages;
     uint64_t waitingBytes;
     uint64_t lostMessages;  // by broken connections, since the transport was made
     uint64_t lostBytes;
-};
-[[nodiscard]] pelmoStatus pelmoTransport_GetUnsent(uint32_t transport, pelmoUnsent* out);
+} pelmoUnsent;
+PELMO_NODISCARD pelmoStatus pelmoTransport_GetUnsent(uint32_t transport, pelmoUnsent* out);
 
 // Sends and waits for the reply, which the caller destroys. Seconds below 0 mean no limit.
 // kStatusTimeout when no reply came in time; a later one is dropped. The message's reply subject is
 // set.
-[[nodiscard]] pelmoStatus pelmoTransport_SendRequest(uint32_t transport,
-                                                     pelmoMsg* message,
-                                                     pelmoMsg** outReply,
-                                                     double seconds);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SendRequest(uint32_t transport,
+                                                       pelmoMsg* message,
+                                                       pelmoMsg** outReply,
+                                                       double seconds);
+
+// Sends and returns at once. The reply goes to the callback, on the queue, once: with the reply,
+// which ends with the callback unless that detaches it, or with a null message when none came in
+// time or the transport is destroyed. Seconds from the send on; below 0 there is no limit. The time
+// limit is never dropped by a queue's limit, though a reply may be.
+//
+//     void onAnswer(uint32_t request, pelmoMsg* reply, void* closure);
+//     ...
+//     uint32_t request;
+//     pelmoTransport_SendRequestAsync(&request, transport, queue, msg, onAnswer, 2.0, nullptr);
+//
+// The request is an event, a listener on its own inbox: it ends by itself after its callback, and
+// earlier by pelmoEvent_DestroyEx or pelmoEvent_DestroyWait, which cancel it; without a callback
+// then, and where its queue is destroyed or the library closed. Its callback may run before this
+// call returns. The message still belongs to the caller; its reply subject is set.
+//
+// As a send, and kStatusInvalidCallback for no callback, kStatusInvalidInterval for NaN,
+// kStatusInvalidQueue. After a failure no callback runs.
+PELMO_NODISCARD pelmoStatus pelmoTransport_SendRequestAsync(uint32_t* outRequest,
+                                                            uint32_t transport,
+                                                            uint32_t queue,
+                                                            pelmoMsg* message,
+                                                            pelmoEventCallback callback,
+                                                            double seconds,
+                                                            void* closure);
 
 // Answers a request: sets the send subject of `reply` and sends it. kStatusNotFound for a request
 // without a reply subject.
-[[nodiscard]] pelmoStatus pelmoTransport_SendReply(uint32_t transport,
-                                                   pelmoMsg* reply,
-                                                   pelmoMsg* request);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SendReply(uint32_t transport,
+                                                     pelmoMsg* reply,
+                                                     pelmoMsg* request);
 
 // Writes a unique subject as text. kStatusInsufficientBuffer when the text and its NUL don't fit.
-[[nodiscard]] pelmoStatus pelmoTransport_CreateInbox(uint32_t transport,
-                                                     char* buffer,
-                                                     uint32_t size);
+PELMO_NODISCARD pelmoStatus pelmoTransport_CreateInbox(uint32_t transport,
+                                                       char* buffer,
+                                                       uint32_t size);
 
 // Advisories. The description may be null. kStatusInvalidArgument also for a class with a dot, or
 // texts of more than 244 bytes in total; kStatusInvalidSubject for an empty text, or an element or
@@ -179,25 +209,25 @@ pelmoStatus pelmoTransport_Distribute(uint32_t transport, pelmoMsg* message);
 // Interest: the answers are 1 or 0, and 0 also for an id that isn't a live transport.
 
 // Does any listener match this subject, given as text?
-[[nodiscard]] uint32_t pelmoTransport_HasInterest(uint32_t transport, const char* subject);
+PELMO_NODISCARD uint32_t pelmoTransport_HasInterest(uint32_t transport, const char* subject);
 
 // The first listener on exactly this subject, packed as on the wire.
-[[nodiscard]] uint32_t pelmoTransport_FindInterest(uint32_t transport,
-                                                   const uint8_t* subject,
-                                                   uint32_t* outEvent);
+PELMO_NODISCARD uint32_t pelmoTransport_FindInterest(uint32_t transport,
+                                                     const uint8_t* subject,
+                                                     uint32_t* outEvent);
 
 // Settings of a network transport. They are kept: each connection begins with them. A change is
 // sent to the daemon at once, unless the daemon is too old to know the setting.
 
 // What pelmoTransport_CreateNetwork was given, the daemon's after defaulting.
 // kStatusInvalidTransport for other kinds.
-[[nodiscard]] pelmoStatus pelmoTransport_GetService(uint32_t transport, const char** out);
-[[nodiscard]] pelmoStatus pelmoTransport_GetNetwork(uint32_t transport, const char** out);
-[[nodiscard]] pelmoStatus pelmoTransport_GetDaemon(uint32_t transport, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoTransport_GetService(uint32_t transport, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoTransport_GetNetwork(uint32_t transport, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoTransport_GetDaemon(uint32_t transport, const char** out);
 
 // What the direct road has carried since the transport was made; all 0 without one. So it shows
 // which road messages took: those that went straight are counted here.
-struct pelmoDirectTraffic {
+typedef struct pelmoDirectTraffic {
     uint64_t messagesSent;
     uint64_t messagesReceived;
     uint64_t packetsSent;  // repeats among them
@@ -205,42 +235,42 @@ struct pelmoDirectTraffic {
     uint64_t packetsResent;
     uint64_t packetsDropped;  // what came and was no packet of a connection
     uint16_t port;            // UDP; 0: no direct road
-};
-[[nodiscard]] pelmoStatus pelmoTransport_GetDirectTraffic(uint32_t transport,
-                                                          pelmoDirectTraffic* out);
+} pelmoDirectTraffic;
+PELMO_NODISCARD pelmoStatus pelmoTransport_GetDirectTraffic(uint32_t transport,
+                                                            pelmoDirectTraffic* out);
 
 // Null means the empty text.
-[[nodiscard]] pelmoStatus pelmoTransport_SetDescription(uint32_t transport, const char* text);
-[[nodiscard]] pelmoStatus pelmoTransport_GetDescription(uint32_t transport, const char** out);
-[[nodiscard]] pelmoStatus pelmoTransport_SetHttpAddress(uint32_t transport, const char* text);
-[[nodiscard]] pelmoStatus pelmoTransport_GetHttpAddress(uint32_t transport, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SetDescription(uint32_t transport, const char* text);
+PELMO_NODISCARD pelmoStatus pelmoTransport_GetDescription(uint32_t transport, const char** out);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SetHttpAddress(uint32_t transport, const char* text);
+PELMO_NODISCARD pelmoStatus pelmoTransport_GetHttpAddress(uint32_t transport, const char** out);
 
 // A hidden transport may send on reserved subjects and listen to inboxes by wildcards.
-[[nodiscard]] pelmoStatus pelmoTransport_SetHidden(uint32_t transport, bool hidden);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SetHidden(uint32_t transport, bool hidden);
 
 // Does the daemon send back what this transport sends? It does at first.
-[[nodiscard]] pelmoStatus pelmoTransport_SetEcho(uint32_t transport, bool echo);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SetEcho(uint32_t transport, bool echo);
 
 // How long the daemon keeps messages for resending. kStatusInvalidArgument unless above 0.
-[[nodiscard]] pelmoStatus pelmoTransport_RequestReliability(uint32_t transport, double seconds);
+PELMO_NODISCARD pelmoStatus pelmoTransport_RequestReliability(uint32_t transport, double seconds);
 
 // 1: small messages are gathered before they leave. It can't be switched off again: 0 answers
 // kStatusNotPermitted then. kStatusDaemonNotConnected without a connection.
-[[nodiscard]] pelmoStatus pelmoTransport_SetBatchMode(uint32_t transport, uint32_t mode);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SetBatchMode(uint32_t transport, uint32_t mode);
 
 // Do senders wait while too much is queued? They do at first. kStatusDaemonNotConnected without a
 // connection.
-[[nodiscard]] pelmoStatus pelmoTransport_SetBlockingOnExcessiveBacklog(uint32_t transport,
-                                                                       bool blocking);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SetBlockingOnExcessiveBacklog(uint32_t transport,
+                                                                         bool blocking);
 
 // More queued bytes than that are too much: 16 MiB at first, and for a limit of 0.
-[[nodiscard]] pelmoStatus pelmoTransport_SetSendingWaitLimit(uint32_t transport, uint32_t limit);
-[[nodiscard]] pelmoStatus pelmoTransport_GetSendingWaitLimit(uint32_t transport, uint32_t* out);
+PELMO_NODISCARD pelmoStatus pelmoTransport_SetSendingWaitLimit(uint32_t transport, uint32_t limit);
+PELMO_NODISCARD pelmoStatus pelmoTransport_GetSendingWaitLimit(uint32_t transport, uint32_t* out);
 
 // Messages sent between the two calls wait, and leave together. Holds nest, and end with the
 // connection. What is above the wait limit isn't held back. kStatusDaemonNotConnected without one.
-[[nodiscard]] pelmoStatus pelmoTransport_HoldSends(uint32_t transport);
-[[nodiscard]] pelmoStatus pelmoTransport_ReleaseSends(uint32_t transport);
+PELMO_NODISCARD pelmoStatus pelmoTransport_HoldSends(uint32_t transport);
+PELMO_NODISCARD pelmoStatus pelmoTransport_ReleaseSends(uint32_t transport);
 
 // Settings of delivery from the network, which can't be undone.
 
@@ -249,3 +279,7 @@ pelmoStatus pelmoTransport_SetFirstListenerOnly(uint32_t transport);
 
 // An advisory without a listener isn't logged.
 pelmoStatus pelmoTransport_SetQuietUnhandled(uint32_t transport);
+
+#ifdef __cplusplus
+}
+#endif

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "lib/base/log.h"
+#include "lib/base/log_pace.h"
 #include "lib/containers/dpa.h"
 #include "lib/containers/entry_ring.h"
 #include "lib/containers/subject.h"
@@ -93,7 +93,7 @@ void logUnhandled(pelmoMsg* message, const uint8_t* subject) {
     if (!subjectIsAdvisory(subject, false)) return;
     const char* text = nullptr;
     if (pelmoMsg_ConvertToString(message, &text) != kStatusSuccess) return;
-    logPrint("Pelmo Error Not Handled by Process:\n%s", text);
+    logPacedLine("Pelmo Error Not Handled by Process:\n%s", text);
 }
 
 void traceAdvisory(pelmoMsg* message, const uint8_t* subject, const char* words) {

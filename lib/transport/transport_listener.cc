@@ -114,6 +114,10 @@ void listenerCutOff(Event* event) {
     event->listener.transportId.store(kNoId, std::memory_order_relaxed);
     Id_Leave(&event->header);
     msgReleaseRing(inbox);
+    // Nothing comes for a request any more: its time is up now.
+    if (event->listener.isRequest) {
+        (void)pelmoEvent_ResetTimerInterval(event->listener.requestTimer.load(), 0);
+    }
 }
 
 pelmoStatus Transport_AddListener(uint32_t* out, const ListenerRequest& request) {

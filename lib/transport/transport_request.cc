@@ -1,9 +1,10 @@
-// Requests: a message that expects a reply, and the wait for it.
+// Requests: a message that expects a reply, and the wait for it, or the callback that gets it.
 //
-// Each request has a queue of its own, one of the transport's spare queues if there is any, and a
-// one-shot inbox. A late reply finds no listener; one that was posted just too late stays on the
-// queue, where the next request skips it as an entry of a destroyed event.
+// A request that waits has a queue of its own, one of the transport's spare queues if there is any,
+// and a one-shot inbox. A late reply finds no listener; one that was posted just too late stays on
+// the queue, where the next request skips it as an entry of a destroyed event.
 
+#include <cmath>
 #include <utility>
 
 #include "lib/containers/dpa.h"
@@ -12,7 +13,9 @@
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/dispatch.h"
 #include "lib/runtime/event_internal.h"
+#include "lib/runtime/fixed_ids_internal.h"
 #include "lib/runtime/library.h"
+#include "lib/runtime/post.h"
 #include "lib/runtime/queue_internal.h"
 #include "lib/runtime/transport_ops.h"
 #include "lib/transport/transport_internal.h"
@@ -21,10 +24,14 @@ namespace {
 
 constexpr uint32_t kOneReply = 1;
 
+// The time limit of a request until it has been sent, and of one without a limit.
+constexpr double kYearsSeconds = 1e9;
+
 struct Request {
     Held<Transport> transport;
     uint32_t queueId = kNoId;
     Event* listener = nullptr;  // one reference
+    uint32_t listenerId = kNoId;
     char inbox[kSubjectTextBytes];
     uint8_t packedInbox[kSubjectMaxBytes];
 };
@@ -46,8 +53,10 @@ pelmoStatus takeQueueLocked(Request& request) PELMO_REQUIRES(request.transport->
     return pelmoQueue_Create(&request.queueId);
 }
 
-pelmoStatus listenLocked(Request& request, pelmoMsg** slot)
-    PELMO_REQUIRES(request.transport->header.lock) {
+pelmoStatus listenLocked(Request& request,
+                         pelmoEventCallback callback,
+                         void* closure,
+                         bool isAsynchronous) PELMO_REQUIRES(request.transport->header.lock) {
     (void)transportNextInbox(request.transport.get(), request.inbox, sizeof request.inbox);
     if (subjectFromText(request.packedInbox, sizeof request.packedInbox, request.inbox) < 0) {
         return kStatusInvalidSubject;
@@ -56,32 +65,35 @@ pelmoStatus listenLocked(Request& request, pelmoMsg** slot)
                                     .transportId = request.transport->header.id,
                                     .subject = request.inbox,
                                     .kind = ListenerKind::kPlain,
-                                    .callback = onReply,
+                                    .callback = callback,
                                     .vectorCallback = nullptr,
                                     .vectorGroup = nullptr,
-                                    .closure = slot};
+                                    .closure = closure};
     Event* listener = nullptr;
     pelmoStatus status = Event_NewListener(&listener, wanted, true, kOneReply);
     if (status == kStatusInvalidQueue) return kStatusInvalidTransport;  // as a wait on it would
     if (status != kStatusSuccess) return status;
+    listener->listener.isRequest = isAsynchronous;
     Id_AddRef(&listener->header);
     request.listener = listener;
-    status = transportBindListener(request.transport.get(), listener, request.packedInbox, nullptr,
-                                   nullptr);
+    status = transportBindListener(request.transport.get(), listener, request.packedInbox,
+                                   &request.listenerId, nullptr);
     // Without an id, nothing else would release the base reference.
     if (status != kStatusSuccess) Id_Release(&listener->header, false);
     return status;
 }
 
+bool takesRequestsLocked(const Transport* transport) PELMO_REQUIRES(transport->header.lock) {
+    if (transport->destroying) return false;
+    return transport->kind != TransportKind::kNetwork || transport->link != nullptr;
+}
+
 pelmoStatus startLocked(Request& request, pelmoMsg** slot)
     PELMO_REQUIRES(request.transport->header.lock) {
-    if (request.transport->destroying) return kStatusInvalidTransport;
-    if (request.transport->kind == TransportKind::kNetwork && request.transport->link == nullptr) {
-        return kStatusInvalidTransport;
-    }
+    if (!takesRequestsLocked(request.transport.get())) return kStatusInvalidTransport;
     pelmoStatus status = takeQueueLocked(request);
     if (status != kStatusSuccess) return status;
-    status = listenLocked(request, slot);
+    status = listenLocked(request, onReply, slot, false);
     if (status != kStatusSuccess) return status;
     return dict32Insert(request.transport->requestQueues, request.queueId, request.transport.get());
 }
@@ -114,7 +126,80 @@ pelmoStatus awaitReply(uint32_t queueId, double seconds, pelmoMsg* const* slot) 
     return kStatusSuccess;
 }
 
+// A request's time is up: its queue gets an entry in place of the reply. Without memory for that
+// the timer fires again.
+void onTimeLimit(uint32_t timer, pelmoMsg* /*message*/, void* closure) {
+    pelmoMsg* entry = nullptr;
+    if (pelmoMsg_Create(&entry) != kStatusSuccess) return;
+    msgSetNoReply(entry);
+    pelmoEvent_DestroyEx(timer, nullptr);
+    Held<Event> listener;
+    if (listener.find(idFromItem(closure)) != kStatusSuccess) return msgRelease(entry);
+    const PostEntry post = {.eventId = listener->header.id, .message = entry};
+    Queue_PostBatch(listener->queueId, {&post, 1});
+}
+
+// The listener gets its time limit, which begins once the request has been sent. A reply may come
+// before the listener knows its timer, and then has left the timer alone.
+pelmoStatus addTimeLimit(const Request& request, uint32_t* timer) {
+    const pelmoStatus status = pelmoEvent_CreateTimer(timer, kTimerQueueId, onTimeLimit,
+                                                      kYearsSeconds, idToItem(request.listenerId));
+    if (status != kStatusSuccess) return status;
+    request.listener->listener.requestTimer.store(*timer);
+    const bool over =
+        request.listener->listener.answered.load() || Id_IsInvalid(&request.listener->header);
+    if (over) pelmoEvent_DestroyEx(*timer, nullptr);
+    return kStatusSuccess;
+}
+
+pelmoStatus sendAsync(const Request& request, pelmoMsg* message, double seconds) {
+    uint32_t timer = kNoId;
+    pelmoStatus status = addTimeLimit(request, &timer);
+    if (status == kStatusSuccess) status = pelmoMsg_SetReplySubject(message, request.inbox);
+    if (status == kStatusSuccess) {
+        status = pelmoTransport_Send(request.transport->header.id, message);
+    }
+    // Of a transport that ends meanwhile no reply comes, whether it took the message or not.
+    const bool isCutOff = request.listener->listener.transportId.load() == kNoId;
+    if (status == kStatusSuccess && (seconds >= 0 || isCutOff)) {
+        (void)pelmoEvent_ResetTimerInterval(timer, isCutOff ? 0 : seconds);
+    }
+    if (status == kStatusSuccess) return status;
+    // No callback starts from here on; one that has started has said it.
+    return request.listener->listener.answered.exchange(true) ? kStatusSuccess : status;
+}
+
 }  // namespace
+
+pelmoStatus pelmoTransport_SendRequestAsync(uint32_t* outRequest,
+                                            uint32_t transport,
+                                            uint32_t queue,
+                                            pelmoMsg* message,
+                                            pelmoEventCallback callback,
+                                            double seconds,
+                                            void* closure) {
+    if (!libraryIsOpen()) return kStatusNotInitialized;
+    traceLine(kTraceTransport, "pelmoTransport_SendRequestAsync(%u, %u, %p, %f)", transport, queue,
+              tracePointer(message), seconds);
+    if (callback == nullptr) return kStatusInvalidCallback;
+    if (outRequest == nullptr) return kStatusInvalidArgument;
+    if (std::isnan(seconds)) return kStatusInvalidInterval;
+    if (!msgIsValid(message)) return kStatusInvalidMessage;
+    Request request;
+    request.queueId = queue;
+    if (request.transport.findLocked(transport) != kStatusSuccess) return kStatusInvalidTransport;
+    if (!takesRequestsLocked(request.transport.get())) return kStatusInvalidTransport;
+    if (Id_Check(queue, IdType::kQueue) != kStatusSuccess) return kStatusInvalidQueue;
+    pelmoStatus status = listenLocked(request, callback, closure, true);
+    request.transport.leave();
+    if (status == kStatusSuccess) {
+        status = sendAsync(request, message, seconds);
+        if (status == kStatusSuccess) *outRequest = request.listenerId;
+        if (status != kStatusSuccess) pelmoEvent_DestroyEx(request.listenerId, nullptr);
+    }
+    if (request.listener != nullptr) Id_Release(&request.listener->header, false);
+    return status;
+}
 
 pelmoStatus pelmoTransport_SendRequest(uint32_t transport,
                                        pelmoMsg* message,

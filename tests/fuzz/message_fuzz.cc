@@ -34,13 +34,13 @@ std::string textOf(pelmoMsg* msg) {
 }
 
 void convertToAll(const pelmoMsgField& field) {
-    const FieldConverter convert = fieldConverters[field.type];
+    const pelmoFieldConverter convert = fieldConverters[field.type];
     if (convert == nullptr) return;
     for (unsigned target = 0; target <= FIELD_MSGARRAY; ++target) {
         if (target == field.type) continue;
         pelmoMsgField converted = field;
-        Disposition disposition = kDataByValue;
-        const pelmoStatus status = convert(converted, static_cast<uint8_t>(target), disposition);
+        pelmoDisposition disposition = kDataByValue;
+        const pelmoStatus status = convert(&converted, static_cast<uint8_t>(target), &disposition);
         if (status != kStatusSuccess) continue;
         require(converted.type == target);
         if (target == FIELD_STRING) {

@@ -66,22 +66,24 @@ TEST(Codec, WritesAndReadsKnownBytes) {
         SharedValue value;
         Bytes typeAndBytes;
     } cases[] = {
-        {scalarValue(FIELD_I8, &FieldData::i8, int8_t{-128}), {11, 1, 0x80}},
-        {scalarValue(FIELD_U8, &FieldData::u8, uint8_t{200}), {12, 1, 200}},
-        {scalarValue(FIELD_I16, &FieldData::i16, int16_t{-2}), {11, 2, 0xff, 0xfe}},
-        {scalarValue(FIELD_U16, &FieldData::u16, uint16_t{0x1234}), {12, 2, 0x12, 0x34}},
-        {scalarValue(FIELD_I32, &FieldData::i32, INT32_MIN), {11, 4, 0x80, 0, 0, 0}},
-        {scalarValue(FIELD_U32, &FieldData::u32, 0xfffefdfcu), {12, 4, 0xff, 0xfe, 0xfd, 0xfc}},
-        {scalarValue(FIELD_I64, &FieldData::i64, int64_t{-2}),
+        {scalarValue(FIELD_I8, &pelmoFieldData::i8, int8_t{-128}), {11, 1, 0x80}},
+        {scalarValue(FIELD_U8, &pelmoFieldData::u8, uint8_t{200}), {12, 1, 200}},
+        {scalarValue(FIELD_I16, &pelmoFieldData::i16, int16_t{-2}), {11, 2, 0xff, 0xfe}},
+        {scalarValue(FIELD_U16, &pelmoFieldData::u16, uint16_t{0x1234}), {12, 2, 0x12, 0x34}},
+        {scalarValue(FIELD_I32, &pelmoFieldData::i32, INT32_MIN), {11, 4, 0x80, 0, 0, 0}},
+        {scalarValue(FIELD_U32, &pelmoFieldData::u32, 0xfffefdfcu),
+         {12, 4, 0xff, 0xfe, 0xfd, 0xfc}},
+        {scalarValue(FIELD_I64, &pelmoFieldData::i64, int64_t{-2}),
          {11, 8, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe}},
-        {scalarValue(FIELD_U64, &FieldData::u64, uint64_t{0x0102030405060708}),
+        {scalarValue(FIELD_U64, &pelmoFieldData::u64, uint64_t{0x0102030405060708}),
          {12, 8, 1, 2, 3, 4, 5, 6, 7, 8}},
-        {scalarValue(FIELD_F32, &FieldData::f32, -1.5f), {13, 4, 0xbf, 0xc0, 0, 0}},
-        {scalarValue(FIELD_F64, &FieldData::f64, 1.5), {13, 8, 0x3f, 0xf8, 0, 0, 0, 0, 0, 0}},
-        {scalarValue(FIELD_IPPORT16, &FieldData::ipPort16, hostOrder16(7500)), {10, 2, 0x1d, 0x4c}},
-        {scalarValue(FIELD_IPADDR32, &FieldData::ipAddr32, hostOrder32(0x0a010203)),
+        {scalarValue(FIELD_F32, &pelmoFieldData::f32, -1.5f), {13, 4, 0xbf, 0xc0, 0, 0}},
+        {scalarValue(FIELD_F64, &pelmoFieldData::f64, 1.5), {13, 8, 0x3f, 0xf8, 0, 0, 0, 0, 0, 0}},
+        {scalarValue(FIELD_IPPORT16, &pelmoFieldData::ipPort16, hostOrder16(7500)),
+         {10, 2, 0x1d, 0x4c}},
+        {scalarValue(FIELD_IPADDR32, &pelmoFieldData::ipAddr32, hostOrder32(0x0a010203)),
          {10, 4, 10, 1, 2, 3}},
-        {scalarValue(FIELD_BOOL, &FieldData::boolean, 1u), {9, 1, 1}},
+        {scalarValue(FIELD_BOOL, &pelmoFieldData::boolean, 1u), {9, 1, 1}},
         {noneValue(), {22, 0}},
         {dateTimeValue(-1, 999999000), {3, 8, 255, 255, 255, 255, 255, 0x0f, 0x42, 0x3f}},
         {dateTimeValue(-kTwoTo39, 1000), {3, 8, 0, 0, 0, 0, 0x80, 0, 0, 1}},
@@ -139,33 +141,33 @@ TEST(Codec, RefusesToWriteWhatTheTypeDoesNotHave) {
 }
 
 TEST(Codec, WritesWhatTheReaderSeesOtherwise) {
-    const SharedValue two = scalarValue(FIELD_BOOL, &FieldData::boolean, 2u);
+    const SharedValue two = scalarValue(FIELD_BOOL, &pelmoFieldData::boolean, 2u);
     EXPECT_EQ(encode(fieldOf(FIELD_STRING, 0, "ab"), 4).image, (Bytes{8, 3, 'a', 'b', 0}));
     EXPECT_EQ(encode(two->field(), 2).image, (Bytes{9, 1, 1}));
     EXPECT_EQ(encode(dateTimeValue(0, 999999999)->field(), 9).image,
               (Bytes{3, 8, 0, 0, 0, 0, 0, 0x0f, 0x42, 0x3f}));
 }
 
-pelmoStatus becomeUnterminated(pelmoMsgField& field, uint8_t, Disposition& disposition) {
+pelmoStatus becomeUnterminated(pelmoMsgField* field, uint8_t, pelmoDisposition* disposition) {
     void* block = std::malloc(3);
     if (block == nullptr) return kStatusNoMemory;
     std::memcpy(block, "abc", 3);
-    field.type = FIELD_STRING;
-    field.size = 3;
-    field.data.pointer = block;
-    disposition = kDataOwnedBlock;
+    field->type = FIELD_STRING;
+    field->size = 3;
+    field->data.pointer = block;
+    *disposition = kDataOwnedBlock;
     return kStatusSuccess;
 }
 
 // A text that a converter of the application leaves without its NUL is shown as far as it goes.
 TEST(Codec, AsksTheApplicationForItsTypesFrom128) {
-    const FieldDecoder decode = fieldDecoders[FIELD_OPAQUE];
+    const pelmoFieldDecoder decode = fieldDecoders[FIELD_OPAQUE];
     EXPECT_EQ(pelmoMsg_SetHandlers(127, nullptr, decode, nullptr), kStatusReservedHandler);
     EXPECT_EQ(pelmoMsg_SetOpaqueHandlers(127), kStatusReservedHandler);
     const struct {
         const char* text;
-        FieldDecoder decoder;
-        FieldConverter converter;
+        pelmoFieldDecoder decoder;
+        pelmoFieldConverter converter;
     } cases[] = {
         {"{NULL=abc}", decode, becomeUnterminated},
         {"{NULL=[NO CONVERTER AVAILABLE]}", decode, fieldConverters[FIELD_I32ARRAY]},

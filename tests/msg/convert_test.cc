@@ -47,8 +47,8 @@ uint8_t elementOf(uint8_t type) {
 // disposition are checked on the way.
 std::string shownAs(const pelmoMsgField& source, uint8_t targetType) {
     pelmoMsgField field = source;
-    Disposition disposition = kDataByValue;
-    const pelmoStatus status = fieldConverters[source.type](field, targetType, disposition);
+    pelmoDisposition disposition = kDataByValue;
+    const pelmoStatus status = fieldConverters[source.type](&field, targetType, &disposition);
     if (status != kStatusSuccess) {
         EXPECT_EQ(status, kStatusConversionFailed);
         return "-";
@@ -112,11 +112,11 @@ void expectAll(const pelmoMsgField& source, const std::string& words, const std:
 }
 
 SharedValue f64(double number) {
-    return scalarValue(FIELD_F64, &FieldData::f64, number);
+    return scalarValue(FIELD_F64, &pelmoFieldData::f64, number);
 }
 
 SharedValue truth(uint32_t number) {
-    return scalarValue(FIELD_BOOL, &FieldData::boolean, number);
+    return scalarValue(FIELD_BOOL, &pelmoFieldData::boolean, number);
 }
 
 // Bool, then signed and unsigned of 8, 16, 32 and 64 bits, then floats of 32 and 64.
@@ -128,18 +128,18 @@ TEST(Convert, CutsWrapsAndWidensNumbersAndShowsTheRestAsText) {
         const char* words;
         std::string text;
     } cases[] = {
-        {scalarValue(FIELD_I8, &FieldData::i8, int8_t{-128}),
+        {scalarValue(FIELD_I8, &pelmoFieldData::i8, int8_t{-128}),
          "1 . 128 -128 65408 -128 4294967168 -128 18446744073709551488 -128 -128", "-128"},
-        {scalarValue(FIELD_I32, &FieldData::i32, 16777217),
+        {scalarValue(FIELD_I32, &pelmoFieldData::i32, 16777217),
          "1 1 1 1 1 . 16777217 16777217 16777217 16777216 16777217", "16777217"},
-        {scalarValue(FIELD_U32, &FieldData::u32, UINT32_MAX),
+        {scalarValue(FIELD_U32, &pelmoFieldData::u32, UINT32_MAX),
          "1 -1 255 -1 65535 -1 . 4294967295 4294967295 4294967296 4294967295", "4294967295"},
-        {scalarValue(FIELD_I64, &FieldData::i64, INT64_MIN),
+        {scalarValue(FIELD_I64, &pelmoFieldData::i64, INT64_MIN),
          "1 0 0 0 0 0 0 . 9223372036854775808 -9.2233720368547758e+18 -9.2233720368547758e+18",
          "-9223372036854775808"},
-        {scalarValue(FIELD_U64, &FieldData::u64, UINT64_MAX),
+        {scalarValue(FIELD_U64, &pelmoFieldData::u64, UINT64_MAX),
          "1 -1 255 -1 65535 -1 4294967295 -1 . -1 -1", "18446744073709551615"},
-        {scalarValue(FIELD_F32, &FieldData::f32, -3.9f),
+        {scalarValue(FIELD_F32, &pelmoFieldData::f32, -3.9f),
          "1 -3 253 -3 65533 -3 4294967293 -3 18446744073709551613 . -3.9000000953674316", "-3.9"},
         {f64(-2147483648.9),
          "1 0 0 0 0 -2147483648 2147483648 -2147483648 18446744071562067968 -2147483648 .",
@@ -168,10 +168,10 @@ TEST(Convert, CutsWrapsAndWidensNumbersAndShowsTheRestAsText) {
          "3,0 3,0 3,0 3,0 3,-2147483648 3,1410065408 3,10000000000 3,10000000000 "
          "3.9000000953674316,10000000000 .",
          "[3.9 1e+10]"},
-        {scalarValue(FIELD_IPPORT16, &FieldData::ipPort16, hostOrder16(57072)), "57072 57072 57072",
-         "57072"},
-        {scalarValue(FIELD_IPADDR32, &FieldData::ipAddr32, hostOrder32(0xc0a80101)), "3232235777",
-         "192.168.1.1"},
+        {scalarValue(FIELD_IPPORT16, &pelmoFieldData::ipPort16, hostOrder16(57072)),
+         "57072 57072 57072", "57072"},
+        {scalarValue(FIELD_IPADDR32, &pelmoFieldData::ipAddr32, hostOrder32(0xc0a80101)),
+         "3232235777", "192.168.1.1"},
         {noneValue(), "", "[NONE]"},
         {blockValue(FIELD_OPAQUE, Bytes(12)), "", "[12 opaque bytes]"},
         {blockValue(FIELD_XML, Bytes(7)), "", "[XML document: 7 bytes]"},

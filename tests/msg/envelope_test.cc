@@ -116,7 +116,7 @@ TEST(Envelope, OpensWhateverOrderItsFieldsHaveOrStaysClosed) {
     Bytes badMagic = data;
     badMagic[12] ^= 1;
     const Bytes text = recordOf("x", 0, *stringValue("y"));
-    const Bytes number = recordOf("ro", 0, *scalarValue(FIELD_I32, &FieldData::i32, 5));
+    const Bytes number = recordOf("ro", 0, *scalarValue(FIELD_I32, &pelmoFieldData::i32, 5));
     const Bytes wrappedId = kData + outer(recordOf("_data_", 5, *stringValue("v")));
     const struct {
         const char* what;

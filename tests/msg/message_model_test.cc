@@ -79,11 +79,11 @@ constexpr size_t kStringChars[] = {0,   1,   2,   7,   29,    60,    117,
 
 // Of a kind, by a random number.
 SharedValue (*const kSimpleValues[])(uint32_t number) = {
-    [](auto n) { return scalarValue(FIELD_I8, &FieldData::i8, static_cast<int8_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_I32, &FieldData::i32, static_cast<int32_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_I64, &FieldData::i64, -int64_t{n}); },
-    [](auto n) { return scalarValue(FIELD_U64, &FieldData::u64, uint64_t{n} << 20); },
-    [](auto n) { return scalarValue(FIELD_F64, &FieldData::f64, n / 8.0); },
+    [](auto n) { return scalarValue(FIELD_I8, &pelmoFieldData::i8, static_cast<int8_t>(n)); },
+    [](auto n) { return scalarValue(FIELD_I32, &pelmoFieldData::i32, static_cast<int32_t>(n)); },
+    [](auto n) { return scalarValue(FIELD_I64, &pelmoFieldData::i64, -int64_t{n}); },
+    [](auto n) { return scalarValue(FIELD_U64, &pelmoFieldData::u64, uint64_t{n} << 20); },
+    [](auto n) { return scalarValue(FIELD_F64, &pelmoFieldData::f64, n / 8.0); },
     [](auto n) { return dateTimeValue(int64_t{n} - (1 << 30), n % 1000000 * 1000); },
     [](auto n) { return stringValue(std::string(kStringChars[n % std::size(kStringChars)], 's')); },
     [](auto n) { return stringValue(std::string(n % 150, 's')); },

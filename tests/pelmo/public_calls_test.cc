@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "lib/containers/subject.h"
+#include "lib/msg/field_rows.h"
 #include "lib/msg/message_internal.h"
 #include "lib/pelmo.h"
 #include "lib/runtime/id.h"
@@ -132,6 +133,7 @@ const Call kCalls[] = {
                place(&made, kNoEvent), queue, onBatch, id, "A", nullptr, &made)),
     ANSWER(kTransport, _pelmoTransport_AddPolledListener(place(&made, kNoEvent), queue, id, "A")),
     ENDING(kEvent, pelmoEvent_DestroyEx(id, nullptr)),
+    ENDING(kEvent, pelmoEvent_DestroyWait(id)),
     GETTER(kEvent, pelmoEvent_GetType, most),
     GETTER(kEvent, pelmoEvent_GetQueue, most),
     GETTER(kListener, pelmoEvent_GetListenerSubject, name),
@@ -150,6 +152,9 @@ const Call kCalls[] = {
     ANSWER(kTransport, pelmoTransport_Sendv(id, place(&sent), 1)),
     ANSWER(kTransport, pelmoTransport_SendvTaken(id, place(&sent), 1, &most)),
     ANSWER(kTransport, pelmoTransport_SendRequest(id, sent, place(&polled), 0)),
+    ANSWER(kTransport,
+           pelmoTransport_SendRequestAsync(place(&made), id, queue, sent, onEvent, 0, nullptr)),
+    CALL(kQueue, pelmoTransport_SendRequestAsync(&made, kLocal, id, sent, onEvent, 0, nullptr)),
     ANSWER(kTransport, pelmoTransport_SendReply(id, place(sent, kStatusInvalidMessage), asked)),
     ANSWER(kTransport, distribute(id)),
     ANSWER(kTransport, pelmoTransport_CreateInbox(id, place(text), sizeof text)),
@@ -323,6 +328,7 @@ struct MessageCall {
 // Outputs of the calls below; inputs are their zeros.
 alignas(8) char value[16];
 uint32_t number;
+size_t length;
 pelmoMsgField field;
 
 template <typename Out>
@@ -343,6 +349,8 @@ Out* valuePlace() {
     MESSAGE_CALL(pelmoMsg_Add##word(msg, "a", {}, 0)), \
         MESSAGE_CALL(pelmoMsg_Update##word(msg, "a", {}, 0)),
 #define READER(word, Out) MESSAGE_ANSWER(pelmoMsg_Get##word(msg, "a", valuePlace<Out>(), 0)),
+#define EXACT_READER(word, type, Type, member) \
+    MESSAGE_ANSWER(pelmoMsg_Get##word##Exact(msg, "a", valuePlace<Type>(), 0)),
 #define SCALAR_CALLS(word, type, Type, size, member) WRITERS(word) READER(word, Type)
 #define LIST_CALLS(word, type, Type, size)                            \
     MESSAGE_CALL(pelmoMsg_Add##word(msg, "a", nullptr, 1, 0)),        \
@@ -379,11 +387,23 @@ const MessageCall kMessageCalls[] = {
     MESSAGE_GETTER(pelmoMsg_GetSendSubject, const char*),
     MESSAGE_GETTER(pelmoMsg_GetReplySubject, const char*),
     MESSAGE_GETTER(pelmoMsg_GetSource, uint16_t),
-    PELMO_SCALAR_FIELDS(SCALAR_CALLS) PELMO_NUMBER_ARRAY_FIELDS(LIST_CALLS)
-        PELMO_LIST_FIELDS(LIST_CALLS) PELMO_BLOCK_FIELDS(LIST_CALLS) WRITERS(DateTime)
-            READER(DateTime, pelmoMsgDateTime) WRITERS(String) READER(String, const char*)
-                WRITERS(Msg) READER(Msg, pelmoMsg*) WRITERS(Subject) READER(Subject, const uint8_t*)
-                    WRITERS(SubjectText) READER(SubjectText, const char*)};
+    MESSAGE_GETTER(pelmoMsg_GetEvent, uint32_t),
+    MESSAGE_GETTER(pelmoMsg_GetClosure, void*),
+    MESSAGE_CALL(pelmoMsg_SetSendSubjectN(msg, "A", 1)),
+    MESSAGE_CALL(pelmoMsg_SetReplySubjectN(msg, "A", 1)),
+    MESSAGE_ANSWER(pelmoMsg_GetAsBytesN(msg, valuePlace<const void*>(), &length)),
+    MESSAGE_ANSWER(pelmoMsg_ConvertToStringN(msg, valuePlace<const char*>(), &length)),
+    MESSAGE_ANSWER(pelmoMsg_GetSendSubjectN(msg, valuePlace<const char*>(), &length)),
+    MESSAGE_ANSWER(pelmoMsg_GetReplySubjectN(msg, valuePlace<const char*>(), &length)),
+    MESSAGE_CALL(pelmoMsg_AddStringN(msg, "a", "", 0, 0)),
+    MESSAGE_CALL(pelmoMsg_UpdateStringN(msg, "a", "", 0, 0)),
+    MESSAGE_ANSWER(pelmoMsg_GetStringN(msg, "a", valuePlace<const char*>(), &length, 0)),
+    PELMO_NUMBER_FIELDS(EXACT_READER) PELMO_SCALAR_FIELDS(SCALAR_CALLS)
+        PELMO_NUMBER_ARRAY_FIELDS(LIST_CALLS) PELMO_LIST_FIELDS(LIST_CALLS)
+            PELMO_BLOCK_FIELDS(LIST_CALLS) WRITERS(DateTime) READER(DateTime, pelmoMsgDateTime)
+                WRITERS(String) READER(String, const char*) WRITERS(Msg) READER(Msg, pelmoMsg*)
+                    WRITERS(Subject) READER(Subject, const uint8_t*) WRITERS(SubjectText)
+                        READER(SubjectText, const char*)};
 
 TEST(PublicCalls, RefuseWhatIsNoMessage) {
     pelmoMsg* dead = nullptr;

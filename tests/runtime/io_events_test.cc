@@ -114,7 +114,7 @@ struct PollSets : testing::Test {
     PollSets() { EXPECT_EQ(pollSetInit(&set), kStatusSuccess); }
     ~PollSets() override { pollSetFree(&set); }
 
-    Event* event(int source, IoCondition condition = kIoRead) {
+    Event* event(int source, pelmoIoCondition condition = kIoRead) {
         events.push_back(std::make_unique<Event>());
         events.back()->header.refCount = 1;
         events.back()->io.source = source;

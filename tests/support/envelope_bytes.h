@@ -37,7 +37,7 @@ inline Bytes wireOf(pelmoMsg* msg) {
     return Bytes(image, image + msg->length);
 }
 
-inline std::string subjectOf(pelmoMsg* msg, pelmoStatus (*get)(pelmoMsg*, const char**)) {
+inline std::string subjectOf(pelmoMsg* msg, pelmoStatus (*get)(const pelmoMsg*, const char**)) {
     const char* text = "unset";
     const pelmoStatus status = get(msg, &text);
     EXPECT_EQ(status == kStatusNotFound, text == nullptr);

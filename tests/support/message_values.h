@@ -43,7 +43,7 @@ struct FieldValue {
     uint8_t type = FIELD_NONE;
     uint32_t size = 0;  // as a read returns it
     uint32_t count = 1;
-    FieldData scalar{.u64 = 0};
+    pelmoFieldData scalar{.u64 = 0};
     Bytes block;                     // elements in host order, or bytes
     std::vector<std::string> texts;  // of a string array
     std::vector<Bytes> images;       // of a message, or of a message array
@@ -57,7 +57,7 @@ struct FieldValue {
 using SharedValue = std::shared_ptr<const FieldValue>;
 
 template <typename Value>
-[[nodiscard]] SharedValue scalarValue(uint8_t type, Value FieldData::*member, Value number) {
+[[nodiscard]] SharedValue scalarValue(uint8_t type, Value pelmoFieldData::*member, Value number) {
     auto value = std::make_shared<FieldValue>();
     value->type = type;
     value->size = sizeof number;
@@ -111,8 +111,8 @@ struct Encoded {
 inline Encoded encode(const pelmoMsgField& field, size_t room) {
     Bytes image(1 + room, kUntouched);
     image[0] = field.type;
-    WriteCursor cursor{image.data() + 1, image.data() + image.size()};
-    const pelmoStatus status = fieldEncoders[field.type](cursor, field);
+    pelmoWriteCursor cursor{image.data() + 1, image.data() + image.size()};
+    const pelmoStatus status = fieldEncoders[field.type](&cursor, &field);
     return {status, image, static_cast<size_t>(cursor.at - image.data())};
 }
 
@@ -125,7 +125,7 @@ struct Decoded {
     Bytes bytes;
     pelmoStatus status = kStatusSuccess;
     pelmoMsgField field;
-    Disposition disposition = kDataByValue;
+    pelmoDisposition disposition = kDataByValue;
     size_t used = 0;
     OwnedBlock block;
 };
@@ -139,8 +139,8 @@ inline Decoded decode(uint8_t wireType, const Bytes& bytes) {
     out.bytes = Bytes(bytes.data(), bytes.data() + bytes.size());
     out.field.type = wireType;
     const uint8_t* begin = out.bytes.data();
-    ReadCursor cursor{begin, begin + out.bytes.size()};
-    out.status = fieldDecoders[wireType](cursor, out.field, out.disposition);
+    pelmoReadCursor cursor{begin, begin + out.bytes.size()};
+    out.status = fieldDecoders[wireType](&cursor, &out.field, &out.disposition);
     if (out.status != kStatusSuccess) return out;
     out.used = static_cast<size_t>(cursor.at - begin);
     const bool listInImage = out.disposition == kDataInImage && isList(wireType);

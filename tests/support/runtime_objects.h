@@ -116,7 +116,7 @@ struct TestEvent : NoCopy {
     uint32_t id = kNoId;
     Event* event = nullptr;
 
-    TestEvent(EventKind kind, uint32_t queue, void* closure = nullptr) {
+    TestEvent(pelmoEventKind kind, uint32_t queue, void* closure = nullptr) {
         EXPECT_EQ(Event_NewListener(&event,
                                     {.queueId = queue,
                                      .transportId = kIntraProcessTransportId,

@@ -36,21 +36,29 @@
 
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 #include "../../base/status.h"
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 // Waits for a peer, which reaches it by the text.
-[[nodiscard]] pelmoStatus vcCreateAccept(uint32_t* outCircuit,
-                                         const char** outConnectSubject,
-                                         uint32_t underlying);
+PELMO_NODISCARD pelmoStatus vcCreateAccept(uint32_t* outCircuit,
+                                           const char** outConnectSubject,
+                                           uint32_t underlying);
 
 // Asks the accepting end of that text. It needn't have answered when the call returns.
-[[nodiscard]] pelmoStatus vcCreateConnect(uint32_t* outCircuit,
-                                          const char* connectSubject,
-                                          uint32_t underlying);
+PELMO_NODISCARD pelmoStatus vcCreateConnect(uint32_t* outCircuit,
+                                            const char* connectSubject,
+                                            uint32_t underlying);
 
 // Seconds below 0 mean no limit. kStatusInvalidTransport for an id that is no live circuit;
 // kStatusTimeout; kStatusCircuitNotConnected if the circuit has ended already. One that ends
 // during the wait returns success, which the next send will show.
-[[nodiscard]] pelmoStatus vcWaitForConnection(uint32_t circuit, double seconds);
+PELMO_NODISCARD pelmoStatus vcWaitForConnection(uint32_t circuit, double seconds);
+
+#ifdef __cplusplus
+}
+#endif

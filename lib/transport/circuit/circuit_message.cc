@@ -67,7 +67,7 @@ class Writer {
     template <size_t kBytes>
     void text(const uint8_t (&recordHead)[kBytes], std::string_view chars) {
         head(recordHead);
-        WriteCursor cursor{at_, at_ + kMostPrefixBytes};
+        pelmoWriteCursor cursor{at_, at_ + kMostPrefixBytes};
         if (writeSizePrefix(&cursor, chars.size() + 1) == kStatusSuccess) at_ = cursor.at;
         bytes(chars.data(), chars.size());
         *at_++ = 0;
@@ -307,12 +307,12 @@ pelmoStatus CircuitRecords::read(Name name, uint8_t type, pelmoMsgField* out) co
     const uint8_t* const at = types_[name];
     // The type is checked before the value: some would have to be taken apart.
     if (at == nullptr || *at != type) return kStatusNotFound;
-    const FieldDecoder decode = fieldDecoders[type];
+    const pelmoFieldDecoder decode = fieldDecoders[type];
     if (decode == nullptr) return kStatusInvalidType;
     out->type = type;
-    ReadCursor cursor{at + 1, end_};
-    Disposition disposition = kDataByValue;
-    return decode(cursor, *out, disposition);
+    pelmoReadCursor cursor{at + 1, end_};
+    pelmoDisposition disposition = kDataByValue;
+    return decode(&cursor, out, &disposition);
 }
 
 CircuitHead circuitReadHead(const CircuitRecords& records) {
