@@ -70,6 +70,8 @@ endforeach()
 install(TARGETS pelmo EXPORT pelmo
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev)
 
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpelmo-dev COMPONENT dev)
+
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Pelmo)
 install(EXPORT pelmo NAMESPACE Pelmo:: FILE PelmoConfig.cmake DESTINATION ${package_dir}
         COMPONENT dev)

@@ -6,5 +6,5 @@ cd "$(dirname "$0")/.."
 
 mode=(-i)
 [ "${1:-}" != --check ] || mode=(--dry-run --Werror)
-git ls-files -z --cached --others --exclude-standard '*.cc' '*.h' |
+git ls-files -z --cached --others --exclude-standard '*.c' '*.cc' '*.h' '*.hpp' |
     xargs -0 -r -n 32 -P 2 clang-format-14 "${mode[@]}"

@@ -1,6 +1,6 @@
-// To be preloaded: the wall clock goes wrong by as many seconds as the file tells that the environment
-// names in CLOCK_SHIFT_FILE. While there is no such file it's right. The monotonic clock never is
-// touched.
+// To be preloaded: the wall clock goes wrong by as many seconds as the file tells that the
+// environment names in CLOCK_SHIFT_FILE. While there is no such file it's right. The monotonic
+// clock never is touched.
 
 #define _GNU_SOURCE
 #include <errno.h>

@@ -66,11 +66,8 @@ const FaultRow& faultRow(Fault fault) {
     return kFaults[static_cast<size_t>(fault)];
 }
 
-FramePlace framePlace;
-
-void faultCount(FaultCounts& counts, Fault fault, TimeSpec time, uint32_t sender) {
+void faultCount(FaultCounts& counts, Fault fault, TimeSpec time) {
     FaultCount& count = counts[static_cast<size_t>(fault)];
-    count.last = {time, framePlace};
-    if (count.packets++ == 0) count.first = count.last;
-    count.lastSender = sender;
+    if (count.packets++ == 0) count.first = time;
+    count.last = time;
 }

@@ -1,7 +1,6 @@
 #include "trace/packets/packet_pipeline.h"
 
 #include <cstring>
-#include <utility>
 
 #include "trace/counts/statistics.h"
 #include "trace/packets/classify.h"
@@ -21,7 +20,6 @@ constexpr uint32_t kCachedHosts = 4096;
 
 struct WaitingPacket {
     TimeSpec time;
-    FramePlace place;
     uint32_t senderHash;
     size_t length;
     uint8_t ip[kLargestBytes];  // only its own length is set
@@ -42,9 +40,7 @@ WaitingPacket& waitingPacket(uint32_t newer) {
 
 void classifyOldest() {
     const WaitingPacket& oldest = waitingPacket(--pipeline.waiting);
-    const FramePlace newest = std::exchange(framePlace, oldest.place);
     classifyPacket(oldest.time, oldest.ip, oldest.length);
-    framePlace = newest;
 }
 
 void enter(TimeSpec time, const uint8_t* ip, size_t length) {
@@ -52,7 +48,6 @@ void enter(TimeSpec time, const uint8_t* ip, size_t length) {
     ++pipeline.waiting;
     WaitingPacket& packet = waitingPacket(0);
     packet.time = time;
-    packet.place = framePlace;
     packet.length = length;
     std::memcpy(packet.ip, ip, length);
     packet.senderHash = hashOfPath(senderAhead(ip, length));

@@ -88,6 +88,6 @@ pelmoStatus startSnapshotTimer() {
 }
 
 pelmoStatus watchLink() {
-    linkWatchStart(captureState.interfaceName, nullptr);
+    linkWatchStart(captureState.interfaceName);
     return kStatusSuccess;
 }

@@ -17,7 +17,6 @@
 #include "trace/settings.h"
 #include "watch/capture/source.h"
 #include "watch/core/against.h"
-#include "watch/core/span.h"
 #include "watch/core/totals.h"
 #include "watch/report/page.h"
 #include "watch/report/placement.h"
@@ -157,8 +156,7 @@ bool snapshot(SnapHeader& snapshot) {
         return true;
     }
     totalsAdd(report.totals, snapshot);
-    const int64_t slot = traceSettings.updateInterval * kNanosecondsOfSecond;
-    if (timelineAdd(report.timeline, snapshot, snapshotAddUp(snapshot), slot)) return true;
+    if (timelineAdd(report.timeline, snapshot, snapshotAddUp(snapshot))) return true;
     return fail("make", "out of memory");
 }
 

@@ -11,7 +11,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <utility>
 
 #include "watch/serve/body.h"
@@ -19,9 +18,8 @@
 inline constexpr size_t kMostBodyBytes = size_t{64} << 20;
 
 struct SharedText {
-    BodyHold newest;      // empty: there is none yet
-    BodyHold old;         // held here for as long as others hold it
-    uint64_t number = 0;  // of the newest, in whatever way its owner counts
+    BodyHold newest;  // empty: there is none yet
+    BodyHold old;     // held here for as long as others hold it
 };
 
 // Call it before a new text is written.
@@ -31,8 +29,7 @@ struct SharedText {
     return bodyBytes() < kMostBodyBytes && !(isHeld && text.old);
 }
 
-inline void sharedTextRenew(SharedText& text, BodyHold next, uint64_t number) {
+inline void sharedTextRenew(SharedText& text, BodyHold next) {
     if (text.newest && text.newest.isShared()) text.old = std::move(text.newest);
     text.newest = std::move(next);
-    text.number = number;
 }

@@ -20,8 +20,7 @@ inline constexpr size_t kTopMostNumbers = 8;
 
 struct TopColumn {
     const char* heading;
-    std::string_view name;  // for programs, that of the first side
-    bool isTrouble;         // more than none of it is worth a look
+    bool isTrouble;  // more than none of it is worth a look
 };
 
 struct TopTableInfo {
@@ -44,7 +43,7 @@ template <typename Record, size_t kCount>
 constexpr TopTableInfo tableOf(TopTableInfo info, const Field<Record> (&fields)[kCount]) {
     for (const Field<Record>& field : fields) {
         if (field.side == FieldSide::kReceived) continue;
-        info.columns[info.columnCount++] = {field.heading, field.name, isTrouble(field.name)};
+        info.columns[info.columnCount++] = {field.heading, isTrouble(field.name)};
     }
     return info;
 }

@@ -25,7 +25,6 @@
 #include "watch/core/span.h"
 #include "watch/core/stop.h"
 #include "watch/core/text.h"
-#include "watch/core/watched.h"
 #include "watch/top/kept_log.h"
 #include "watch/top/model.h"
 #include "watch/top/replay_pace.h"
@@ -156,20 +155,9 @@ TopAnswer press(uint32_t key) {
     return topPress(*top.model, key, room);
 }
 
-void click() {
-    const ScreenSpot* const spot = screenSpotAt(*top.screen, terminalClick());
-    if (spot == nullptr) return;
-    const LockGuard guard(top.lock);
-    topClick(*top.model, *spot);
-}
-
 void readKeys() {
     uint32_t key = 0;
     while (terminalReadKey(&key)) {
-        if (key == kKeyClick) {
-            click();
-            continue;
-        }
         const TopAnswer answer = press(key);
         if (answer == TopAnswer::kQuit) stopAsk();
         if (answer == TopAnswer::kRedraw) terminalForget();
@@ -337,15 +325,11 @@ bool snapshot(SnapHeader& snapshot) {
     return true;
 }
 
-void sourceChanged() {
-    const WatchedState state = watchedState();
+void sourceEnded() {
     {
         const LockGuard guard(top.lock);
-        try {
-            topSetSource(*top.model, state);
-        } catch (const std::bad_alloc&) {
-            top.model->ranOut = true;
-        }
+        top.model->isAtEnd = true;
+        top.model->isHeld = false;
     }
     wakeScreen();
 }
@@ -382,7 +366,7 @@ const Form kTopForm = {
     .prepare = prepare,
     .start = start,
     .snapshot = snapshot,
-    .sourceChanged = sourceChanged,
+    .sourceEnded = sourceEnded,
     .end = end,
     .intervalSeconds = 2,
     .showsProgress = false,
