@@ -1,7 +1,6 @@
 #include <algorithm>
 
 #include "lib/containers/dpa.h"
-#include "lib/containers/subject.h"
 #include "lib/transport/transport_internal.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/local_bus.h"
@@ -12,34 +11,6 @@ struct IntraProcess : testing::Test {
     LocalBus bus;
     uint32_t queue = makeQueue();
 };
-
-TEST_F(IntraProcess, DeliversBySubject) {
-    const struct {
-        const char *listened, *sent;
-        bool arrives;
-    } rows[] = {
-        {"A.B", "A.C", false},      {"A.*", "A.B", true},           {"A.>", "A", false},
-        {">", "_INBOX.7", false},   {"_INBOX.7", "_INBOX.7", true}, {">", "A", true},
-        {"*.7", "_INBOX.7", false}, {"A.*", "A.*", true},
-    };
-    uint8_t packed[kSubjectMaxBytes] = {0, 3, 0};
-    uint32_t none = 0;
-    EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &none), 0u);
-    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "A..B"), 0u);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.listened) + " <- " + row.sent);
-        const TestListener listener(queue, row.listened);
-        EXPECT_EQ(pelmoTransport_HasInterest(kLocal, row.sent), row.arrives ? 1u : 0u);
-        ASSERT_GT(subjectFromText(packed, sizeof packed, row.sent), 0);
-        uint32_t found = 0;
-        const bool isSame = std::string(row.listened) == row.sent;
-        EXPECT_EQ(pelmoTransport_FindInterest(kLocal, packed, &found), isSame ? 1u : 0u);
-        EXPECT_EQ(found, isSame ? listener.event : 0u);
-        EXPECT_EQ(sendText(kLocal, row.sent), kStatusSuccess);
-        dispatchAll(queue);
-        EXPECT_EQ(listener.texts.size(), row.arrives ? 1u : 0u);
-    }
-}
 
 TEST_F(IntraProcess, RefusesSubjects) {
     const std::string longest =

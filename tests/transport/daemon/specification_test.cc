@@ -1,4 +1,4 @@
-// Daemon and service arguments, in all their forms.
+// Daemon arguments, in all their forms.
 
 #include "lib/transport/daemon/specification.h"
 
@@ -18,8 +18,8 @@ const NameResolver kNames = {.host =
                                      return std::string(name) == "known" || kLongHost == name;
                                  },
                              .service =
-                                 [](const char* name, const char* protocol, uint16_t* out) {
-                                     *out = htons(std::string(protocol) == "tcp" ? 7600 : 7601);
+                                 [](const char* name, const char*, uint16_t* out) {
+                                     *out = htons(7600);
                                      return std::string(name) == "bus";
                                  }};
 
@@ -69,34 +69,6 @@ TEST(Specification, NamesTheDaemon) {
         EXPECT_EQ(ntohs(where.port), row.port);
         EXPECT_EQ(parsed.namesHost, row.namesHost);
         EXPECT_EQ(parsed.isSecure, row.isSecure);
-    }
-}
-
-TEST(Specification, NamesThePortOfOnesOwn) {
-    const struct {
-        std::string service;
-        pelmoStatus status = kStatusSuccess;
-        bool isWanted = false;
-        uint16_t port = 0;
-    } rows[] = {
-        {""},
-        {"7500:", kStatusSuccess, true},
-        {"7500:7501", kStatusSuccess, true, 7501},
-        {"7500:7501:more", kStatusSuccess, true, 7501},
-        {"7500:bus", kStatusSuccess, true, 7601},
-        {":7501", kStatusSuccess, true, 7501},
-        {":", kStatusNotPermitted},
-        {"7500:7500", kStatusNotPermitted},
-        {"7500:65536", kStatusServiceNotFound},
-        {"7500:unknown", kStatusServiceNotFound},
-        {"7500:" + std::string(200, '1'), kStatusServiceNotFound},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.service);
-        DirectPort direct = {};
-        ASSERT_EQ(specificationDirectPort(&direct, row.service.c_str(), kNames), row.status);
-        EXPECT_EQ(direct.isWanted, row.isWanted);
-        EXPECT_EQ(ntohs(direct.port), row.port);
     }
 }
 
