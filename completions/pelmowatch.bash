@@ -2,7 +2,7 @@
 
 _pelmowatch() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local source="-i --interface -r --read --from --to --strict -u --interval -addr --addr -src --src
+    local source="-i --interface --wait-interface -r --read --from --to --strict -u --interval -addr --addr -src --src
         -dst --dst -port --port -filter --filter --help"
     local -A options=(
         [json]="--rows --since-start --senders"

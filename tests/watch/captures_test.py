@@ -93,6 +93,9 @@ class Captures(ProgramCase):
         for snapshot in snapshots:
             for name in ("read_bytes", "file_bytes", "not_read"):
                 snapshot.pop(name, None)
+            for fault in snapshot["faults"].values():
+                for name in ("first_frame", "last_frame", "first_file", "last_file"):
+                    fault.pop(name, None)
         return done.returncode, snapshots, done.stderr.decode()
 
     def assert_same(self, *captures, **more):
@@ -179,11 +182,10 @@ class Captures(ProgramCase):
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
                 wait_until(lambda watch=watch: hears_signals(watch), "its handler")
                 watch.popen.send_signal(signal.SIGTERM)
-                log = watch.popen.communicate(timeout=60)[1]
+                watch.popen.communicate(timeout=60)
                 os.close(reader)
                 os.close(writer)
                 self.assertEqual(watch.status(), 1)
-                self.assertIn(b"stopped ahead of the end of", log)
         reader, writer = os.pipe()
         server = self.started(Server(binary("pelmowatch"), self.folder / "serve", "-r", "-", awaits_end=False,
                                      stdin=reader))

@@ -93,14 +93,21 @@ class Json(ProgramCase):
             "frame 01005e", "at 1700000030", "null ip@26=0000")
         first, *_, last = [snapshot["faults"] for snapshot in self.read(capture, "-filter", "len > 0")]
         def of(fault):
-            return [fault[name] for name in ("packets", "first_time", "last_time")]
+            return [fault[name] for name in ("packets", "first_time", "last_time", "first_frame", "last_frame", "last_sender")]
         self.assertEqual({kind: of(fault) for kind, fault in first.items()}, {
-            "ethernet_header_cut": [1, at("24.25"), at("24.25")],
-            "udp_checksum_missing": [1, at("21.50"), at("21.50")],
-            "source_invalid": [2, at("23.00"), at("24.25")],
-            "destination_invalid": [1, at("24.25"), at("24.25")]})
-        self.assertEqual(of(last["udp_checksum_missing"]), [1, at("50.00"), at("50.00")])
+            "ethernet_header_cut": [1, at("24.25"), at("24.25"), 5, 5, None],
+            "udp_checksum_missing": [1, at("21.50"), at("21.50"), 2, 2, "10.0.0.1"],
+            "source_invalid": [2, at("23.00"), at("24.25"), 3, 4, "10.0.0.1"],
+            "destination_invalid": [1, at("24.25"), at("24.25"), 4, 4, "10.0.0.1"]})
+        self.assertEqual(of(last["udp_checksum_missing"]), [1, at("50.00"), at("50.00"), 6, 6, "10.0.0.1"])
+        self.assertNotIn("first_file", last["udp_checksum_missing"])
         self.assertEqual(last["udp_checksum_missing"]["words"], "no UDP checksum")
+
+    def test_intervals_are_those_of_the_packets_own_times(self):
+        lines = [word for second in (0, 9, 3605, 3606, 3612, 100, 103) for word in ("at %d" % (1700000000 + second), "null")]
+        names = ("elapsed_seconds", "skipped_seconds", "clock_step_seconds", "packets")
+        self.assertEqual([[one.get(name) for name in names] for one in self.read(self.capture_of("hole.pcap", *lines), "-u", "10")],
+                         [[10, None, None, 2], [10, 3590, None, 2], [2, None, None, 1], [3, None, -3512, 2]])
 
     def test_texts_are_safe_and_what_no_number_holds_is_null(self):
         capture = self.capture_of("subjects.pcap", *messages(HOSTILE_SUBJECTS))

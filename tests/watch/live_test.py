@@ -113,6 +113,51 @@ class Live(ProgramCase):
             connection.close()
         self.ends_at_signal(server)
 
+    def make(self, interface):
+        for command in ("link add @ type veth peer name @peer", "link set @ up", "link set @peer up"):
+            self.assertEqual(run("ip", *command.replace("@", interface).split()).returncode, 0, command)
+
+    def send_to(self, interface):
+        """A frame, from the other end of its wire."""
+        with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as sender:
+            sender.bind((interface + "peer", 0))
+            sender.send(b"\x01\x00\x5e" + bytes(9) + b"\x08\x00\x45" + bytes(8) + b"\x11" + bytes(50))
+
+    def test_a_capture_that_fails_says_so(self):
+        """Without anybody to see it the program ends, with all that was captured."""
+        if os.getuid() != 0 or WIRE.interface == "lo":
+            self.skipTest("no interface can be made here")
+        for interface in ("gone0", "gone1"):
+            self.make(interface)
+        watch = self.watch("ends", "-u", "3600", interface="gone0")
+        stays = self.started(Server(WATCH, self.folder / "stays", "-i", "gone0", "-u", "1"))
+        waits = self.started(Server(WATCH, self.folder / "waits", "-i", "gone1", "-u", "1", "--wait-interface"))
+        events = waits.events(kinds=("source",))
+        self.assertEqual(json.loads(next(events)[1])["state"], "live")
+        for server in (stays, waits):
+            self.assertEqual(server.answer("/healthz")[0], 200)
+        self.send_to("gone0")
+        run("ip", "link", "del", "gone0")
+        run("ip", "link", "del", "gone1")
+        self.assertEqual((watch.status(), sum(one["frames"] for one in self.snapshots(watch))), (1, 1))
+        for server, state in ((stays, "failed"), (waits, "waiting")):
+            wait_until(lambda: server.answer("/healthz")[0] == 503, "a bad word on its health")
+            health = json.loads(server.answer("/healthz")[2])
+            self.assertEqual((health["status"], health["source"]), ("failed", state))
+            self.assertIn("The interface disappeared", health["words"])
+            self.assertEqual(server.metrics()["pelmo_watch_capturing"], {(): 0})
+        self.ends_at_signal(stays, 1)
+
+        self.make("gone1")
+        wait_until(lambda: waits.answer("/healthz")[0] == 200, "the interface")
+        self.send_to("gone1")
+        wait_until(lambda: waits.metrics()["pelmo_frames_total"][()] > 0, "a frame")
+        states = [json.loads(next(events)[1])["state"]]
+        while states[-1] != "live":
+            states.append(json.loads(next(events)[1])["state"])
+        self.assertIn("waiting", states)
+        self.ends_at_signal(waits)
+
     def test_an_interface_that_is_not_there_is_an_error(self):
         watch = self.watch("nosuch", interface="nosuch0")
         self.assertEqual((watch.status(), watch.text()), (1, ""))

@@ -143,6 +143,22 @@ class Report(ProgramCase):
         without = self.report(self.mix)  # the first of two leaves nothing in the second
         self.assertEqual({name: part for name, part in data.items() if name != "comparison"}, without)
 
+    def test_silence_is_drawn_as_such(self):
+        times = [1700000000 + 0.5 * number for number in range(60)] + [1700003630.2 + 0.5 * number for number in range(60)]
+        lines = [line for time in times for line in ("at %.1f" % time, "null")]
+        data = self.report(self.capture_of("silence.pcap", *lines))
+        timeline = data["timeline"]
+        nulls = timeline["series"]["multicast"]["null_packets"]
+        self.assertEqual(timeline["interval_seconds"], 2)
+        self.assertEqual((sum(nulls), sum(nulls[:15]), sum(nulls[15:1815]), sum(nulls[1815:])), (120, 60, 0, 60))
+        self.assertEqual([timeline["times"][0], timeline["times"][-1]], [1700000002, 1700003659.7])
+        self.assertEqual(timeline["elapsed_seconds"], [2] * 1829 + [1.7])
+        self.assertEqual((data["capture"]["elapsed_seconds"], data["capture"]["skipped_seconds"]), (3659.7, 3600))
+        back = self.report(self.capture_of("back.pcap", "at 1700000100", "null", "at 1700000100.5", "null",
+                                           "at 1700000010", "null"))["timeline"]
+        self.assertEqual([time for time, count in zip(back["times"], back["series"]["multicast"]["null_packets"]) if count],
+                         [1700000011, 1700000100.5])
+
     def test_two_times_of_one_capture_are_compared(self):
         begin, middle = "2023-11-14T22:13:24Z", "2023-11-14T22:13:23.999999Z"
         parts = [self.folder / name for name in ("part1.pcap", "part2.pcap")]

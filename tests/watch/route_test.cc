@@ -183,18 +183,18 @@ TEST(SharedText, SlowReadersHoldOneOldTextAtMost) {
     const size_t before = bodyBytes();
     SharedText text;
     EXPECT_TRUE(sharedTextMayRenew(text));
-    sharedTextRenew(text, textOf("first"));
+    sharedTextRenew(text, textOf("first"), 1);
     BodyHold slow = text.newest;
     EXPECT_TRUE(sharedTextMayRenew(text));
-    sharedTextRenew(text, textOf("second"));
+    sharedTextRenew(text, textOf("second"), 2);
     EXPECT_TRUE(sharedTextMayRenew(text));
-    sharedTextRenew(text, textOf("third"));  // nobody held the second
+    sharedTextRenew(text, textOf("third"), 3);  // nobody held the second
     BodyHold slower = text.newest;
     EXPECT_FALSE(sharedTextMayRenew(text));
     EXPECT_EQ(bodyBytes() - before, std::string_view("firstthird").size());
     slow = {};
     EXPECT_TRUE(sharedTextMayRenew(text));
-    sharedTextRenew(text, textOf("fourth"));
+    sharedTextRenew(text, textOf("fourth"), 4);
     EXPECT_EQ(text.old.text(), "third");
     slower = {};
     text = {};
@@ -268,37 +268,56 @@ TEST(ListenAddress, IsAnAddressAndAPort) {
     }
 }
 
-// An event and its bytes.
-Event eventOf(uint64_t number, const std::string& text) {
-    Event event{BodyHold::make(), number};
+// An event and its bytes, and none of another kind.
+Events eventsOf(StreamEvent kind, uint64_t number, const std::string& text) {
+    Events events{};
+    Event& event = events.of[static_cast<size_t>(kind)];
+    event = {BodyHold::make(), number};
     event.body.buffer().append(text);
-    return event;
+    return events;
+}
+
+Events snapshotOf(uint64_t number, const std::string& text) {
+    return eventsOf(StreamEvent::kSnapshot, number, text);
+}
+
+EventNumbers numbersOf(const Events& events) {
+    return {{events.of[0].number, events.of[1].number}};
 }
 
 TEST(Events, ALateReaderSkipsToTheNewest) {
     EventClient client{};
     EXPECT_EQ(eventsNext(client, {}, 100, 0), "");
-    const Event first = eventOf(1, "first"), second = eventOf(2, "second"),
-                third = eventOf(3, "third");
-    EXPECT_TRUE(eventsWakes(client, first.number, 1));
+    const Events first = snapshotOf(1, "first"), second = snapshotOf(2, "second");
+    Events third = snapshotOf(3, "third");
+    third.of[0] = eventsOf(StreamEvent::kSource, 7, "source").of[0];
+    EXPECT_TRUE(eventsWakes(client, numbersOf(first), 1));
     EXPECT_EQ(eventsNext(client, first, 3, 1), "fir");
-    EXPECT_EQ(eventsNext(client, second, 3, 2), "st");  // an event is told whole
+    EXPECT_EQ(eventsNext(client, second, 3, 2), "st");  // an event goes out whole
+    EXPECT_EQ(eventsNext(client, third, 100, 3), "source");
     EXPECT_EQ(eventsNext(client, third, 100, 3), "third");
     EXPECT_EQ(eventsNext(client, third, 100, 4), "");
     EXPECT_FALSE(client.body);  // the bytes of what was read are given back
-    EXPECT_FALSE(eventsWakes(client, third.number, 5));
+    EXPECT_FALSE(eventsWakes(client, numbersOf(third), 5));
+    ++third.of[0].number;
+    EXPECT_TRUE(eventsWakes(client, numbersOf(third), 5));
 }
 
 TEST(Events, SilenceIsBrokenAndStallsAreSeen) {
     EventClient client{};
-    const Event event = eventOf(1, "event");
+    const Events event = snapshotOf(1, "event");
     EXPECT_EQ(eventsNext(client, event, 100, 0), "event");
-    EXPECT_FALSE(eventsIsStalled(client, kEventsReadSeconds));
-    EXPECT_TRUE(eventsIsStalled(client, kEventsReadSeconds + 1));
+    EXPECT_FALSE(eventsIsStalled(client, 0, kEventsReadSeconds));
+    EXPECT_TRUE(eventsIsStalled(client, kEventsLeastBytes - 1, kEventsReadSeconds + 1));
+    for (int round = 1; round < 10; ++round) {  // slow, but steady
+        const double now = round * (kEventsReadSeconds + 1);
+        EXPECT_FALSE(eventsIsStalled(client, round * kEventsLeastBytes, now));
+    }
+    EXPECT_TRUE(eventsIsStalled(client, 9 * kEventsLeastBytes, 10 * (kEventsReadSeconds + 1)));
     EXPECT_EQ(eventsNext(client, event, 100, 5), "");
-    EXPECT_FALSE(eventsIsStalled(client, 1000));
-    EXPECT_FALSE(eventsWakes(client, event.number, 5 + kEventsSilenceSeconds - 1));
-    EXPECT_TRUE(eventsWakes(client, event.number, 5 + kEventsSilenceSeconds));
+    EXPECT_FALSE(eventsIsStalled(client, 0, 1000));
+    EXPECT_FALSE(eventsWakes(client, numbersOf(event), 5 + kEventsSilenceSeconds - 1));
+    EXPECT_TRUE(eventsWakes(client, numbersOf(event), 5 + kEventsSilenceSeconds));
     EXPECT_EQ(eventsNext(client, event, 100, 5 + kEventsSilenceSeconds), ":\n\n");
     EXPECT_EQ(eventsNext(client, event, 100, 6 + kEventsSilenceSeconds), "");
 }

@@ -38,6 +38,8 @@ SOUND = {
     'pelmo_fault_packets_total{%s,kind="udp_checksum_missing"}' % POINT: STEADY,
     "pelmo_watch_interval_seconds{%s}" % POINT: "10+0x60", "pelmo_watch_interval_lag_seconds{%s}" % POINT: STEADY,
     "pelmo_watch_snapshot_timestamp_seconds{%s}" % POINT: "0+60x60", "pelmo_watch_left_out_series{%s}" % POINT: STEADY,
+    "pelmo_bus_packets_total{%s}" % POINT: GROWS, 'pelmo_not_read_frames_total{%s,reason="ipv6"}' % POINT: GROWS,
+    "pelmo_watch_capturing{%s}" % POINT: "1+0x60",
     "process_resident_memory_bytes{%s}" % POINT: "50000000+0x60",
 }
 # What goes wrong -> the alerts that fire. Series are named by as much of their names as tells them apart.
@@ -58,7 +60,10 @@ CASES = [
     ({"up{": "0+0x60"}, ["PelmoWatchDown"]),
     ({"kernel": "0+0x40 0+1x20"}, ["PelmoWatchTooSlow"]),
     ({"interface_dropped": "0+0x40 0+1x20"}, ["PelmoWatchInterfaceDrops"]),
+    ({"bus_packets": STALLS}, ["PelmoWatchBlind"]),
+    ({"bus_packets": STALLS, "not_read": STALLS}, []),
     ({"pelmo_frames": STALLS}, ["PelmoWatchSeesNothing"]),
+    ({"capturing": "1+0x20 0+0x39"}, ["PelmoWatchCaptureFailed"]),
     ({"lag": "6+0x60"}, ["PelmoWatchLate"]),
     ({"timestamp": "0+60x20 1200+0x40"}, ["PelmoWatchStalled"]),
     ({"resident": "1600000000+0x60"}, ["PelmoWatchMemory"]),

@@ -5,7 +5,9 @@ PELMO_FUZZ_SECONDS and PELMO_FUZZ_SEED are for the random requests.
 
 import collections
 import concurrent.futures
+import gzip
 import json
+import math
 import os
 import pathlib
 import random
@@ -16,6 +18,7 @@ import socket
 import sys
 import time
 import urllib.parse
+import zlib
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
@@ -139,6 +142,24 @@ class Serve(ProgramCase):
         self.assertEqual(got, [line.decode().rstrip("\n") for line in lines[:3]])
         self.assertGreater(time.monotonic() - begin, 1)
 
+    def test_the_source_is_named_and_its_state_told_when_it_changes(self):
+        server = self.serve(self.paced, "-u", 1, "--pace", "--filter", "udp port 7500", awaits_end=False)
+        events = server.events(kinds=("source",))
+        source = json.loads(next(events)[1])
+        self.assertEqual([source[name] for name in ("host", "interface", "files", "filter", "is_paced", "state", "words")],
+                         [socket.gethostname(), None, [str(self.paced)], "udp port 7500", True, "reading", "reading"])
+        self.assertEqual(server.json("/source.json"), source)
+        whole = self.serve(self.mix)
+        self.assertEqual(json.loads(next(whole.events(kinds=("source",)))[1])["words"], "read to its end")
+        self.assertIsNone(whole.json("/source.json")["filter"])
+
+        broken = self.folder / "broken.pcap.gz"
+        broken.write_bytes(gzip.compress(self.mix.read_bytes())[:-20000])
+        server = self.serve(broken, awaits_end=False)
+        wait_until(lambda: server.answer("/healthz")[0] == 503, "a bad word on its health")
+        self.assertEqual(server.json("/source.json")["state"], "failed")
+        self.ends_at_signal(server, 1)
+
     def test_history_is_that_of_all_intervals(self):
         snapshots = [json.loads(line) for line in self.lines_of_json(self.mix, "-u", 1, "--senders")]
         server = self.serve(self.mix, "-u", 1, "--senders")
@@ -203,9 +224,13 @@ class Serve(ProgramCase):
             self.assertTrue(headers["Content-Security-Policy"].startswith("default-src 'none'"))
             self.assertIn("frame-ancestors 'none'", headers["Content-Security-Policy"])
             self.assertEqual(headers["Cache-Control"], "no-cache" if path == "/" else "no-store")
-        for method in ("POST", "HEAD", "DELETE", "OPTIONS", "CONNECT", "NONSENSE"):
+        for method in ("POST", "DELETE", "OPTIONS", "CONNECT", "NONSENSE"):
             status, headers, _ = server.answer("/metrics", method, b"x" * 100000 if method == "POST" else None)
-            self.assertEqual((status, headers["Allow"]), (405, "GET"), method)
+            self.assertEqual((status, headers["Allow"]), (405, "GET, HEAD"), method)
+
+        for path in ("/", "/metrics", "/events", "/snapshot.json", "/healthz", "/nosuch"):
+            status, headers, body = server.answer(path, "HEAD")
+            self.assertEqual((status, body), (404 if path == "/nosuch" else 200, b""), path)
 
         # Wherever it listens: a page's own name may lead to any address.
         for host, status in [("127.0.0.1:80", 200), ("LocalHost:9471", 200), ("[::1]:1", 200), ("Bus.Example:9471", 200),
@@ -223,6 +248,37 @@ class Serve(ProgramCase):
             refused = run(WATCH, "serve", "-r", self.mix, *words)
             self.assertEqual((refused.returncode, refused.stderr.count(b"\n")), (status, 1), words)
             self.assertIn(why, refused.stderr.decode())
+
+    def test_texts_are_compressed_for_those_who_take_it(self):
+        server = self.serve(self.mix, "--senders")
+        for path in ("/", "/page.js", "/metrics", "/snapshot.json", "/history.json"):
+            plain = server.answer(path)
+            for accepted, is_zipped in [("gzip", True), ("br, GZIP;q=0.5", True), ("*", True), ("identity", False),
+                                        ("gzip;q=0", False), ("gzip; q=0.00, *", False), ("*;q=0", False)]:
+                status, headers, body = server.answer(path, Accept_Encoding=accepted)
+                self.assertEqual((status, headers["Content-Encoding"], headers["Vary"]),
+                                 (200, "gzip" if is_zipped else None, "Accept-Encoding"), (path, accepted))
+                if path == "/metrics":  # the process's own numbers change
+                    continue
+                self.assertEqual(gzip.decompress(body) if is_zipped else body, plain[2])
+                self.assertLess(len(body), len(plain[2]) if is_zipped else math.inf)
+            tag = plain[1]["ETag"]
+            if tag:
+                status, headers, body = server.answer(path, If_None_Match='"x", ' + tag, Accept_Encoding="gzip")
+                self.assertEqual((status, headers["ETag"], body), (304, tag, b""))
+        self.assertEqual(server.answer("/", If_None_Match='"x"')[0], 200)
+
+        paced = self.serve(self.paced, "-u", 1, "--pace", awaits_end=False)
+        connection = self.connect(paced, b"GET /events HTTP/1.0\r\nHost: localhost\r\nAccept-Encoding: gzip\r\n\r\n")
+        plain, unzipped, inflater = paced.events(), b"", None
+        wanted = [next(plain)[1].encode() for _ in range(2)]
+        received = b""
+        while not all(one in unzipped for one in wanted):
+            received += connection.recv(1 << 16)
+            head, _, stream = received.partition(b"\r\n\r\n")
+            unzipped = zlib.decompressobj(31).decompress(stream) if stream else b""
+        self.assertIn(b"Content-Encoding: gzip", head)
+        self.assertTrue(unzipped.startswith(b"event: source\ndata: {"), unzipped[:100])
 
     def test_ends_within_a_second_with_clients(self):
         for arguments, status in ((("-u", 1), 0), (("-u", 1, "--pace"), 1)):

@@ -58,8 +58,8 @@ class Server(Process):
     def metrics(self):
         return read_metrics(self.get("/metrics"))
 
-    def events(self, timeout=30):
-        """The stream's events as they come: (name, data)."""
+    def events(self, timeout=30, kinds=("snapshot",)):
+        """The stream's events of some kinds as they come: (name, data)."""
         connection = http.client.HTTPConnection(self.host, self.port, timeout=timeout)
         connection.request("GET", "/events")
         event = {}
@@ -69,7 +69,8 @@ class Server(Process):
                 if name in ("event", "data"):
                     event[name] = value
                 elif not name and event:
-                    yield event["event"], event["data"]
+                    if event["event"] in kinds:
+                        yield event["event"], event["data"]
                     event = {}
 
 

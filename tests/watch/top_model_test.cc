@@ -194,7 +194,7 @@ TEST_F(TopModelTest, FiltersWhileOneTypes) {
         {"gol", "PRICES.GOLD"},
         {"PRICES.*", "PRICES.GOLD"},
         {"PRICES.>", "PRICES.GOLD PRICES.OIL.7501"},
-        {"prices.>", ""},
+        {"prices.>", "PRICES.GOLD PRICES.OIL.7501"},
         {"PRICES.*.", "PRICES.GOLD"},  // the next element is still to be typed
         {"*.*", "PRICES.GOLD A\\x2eB.x\\x1b"},
         {">", "PRICES.GOLD PRICES.OIL.7501 A\\x2eB.x\\x1b A"},
@@ -206,6 +206,16 @@ TEST_F(TopModelTest, FiltersWhileOneTypes) {
         {"10.0.0.1", "PRICES.GOLD"},
         {"x1B", "A\\x2eB.x\\x1b"},
         {"70000", ""},
+        {"10.0.0.0/24", "PRICES.GOLD PRICES.OIL.7501"},
+        {"10.0.1.77/24 !x", "A"},
+        {":7501", "A\\x2eB.x\\x1b A"},
+        {":20000 oil", "PRICES.OIL.7501"},
+        {"msgs>=2 bytes<2.5", "PRICES.OIL.7501"},
+        {"messages!=2.5 !msgs=1", "PRICES.OIL.7501 A\\x2eB.x\\x1b"},
+        {"msgs>0.001k", "PRICES.GOLD PRICES.OIL.7501 A\\x2eB.x\\x1b"},
+        {"\"PRICES.*\"", ""},
+        {"! \"", ""},
+        {"!10.0.0.1 pri", "PRICES.OIL.7501"},
     };
     press("4");
     for (const auto& [text, wanted] : cases) {
@@ -214,10 +224,23 @@ TEST_F(TopModelTest, FiltersWhileOneTypes) {
         std::erase_if(rows, [](char byte) { return byte == '[' || byte == ']'; });
         EXPECT_EQ(rows, wanted) << text;
     }
+    const std::pair<const char*, const char*> faults[] = {
+        {"999.1.1.1", "999.1.1.1 is no address"},
+        {"gold 10.0.0.0/33", "10.0.0.0/33 is no network"},
+        {"10.0/8", "10.0/8 is no network"},
+        {"!:70000", ":70000 is no port"},
+        {"gaps>0", "no column gaps here"}};
+    for (const auto& [text, fault] : faults) {
+        press(std::string("/\x15") + text + "\r");
+        EXPECT_EQ(topPane(model).filter.fault, fault);
+        EXPECT_EQ(shown(), "") << text;
+    }
+    press("/\x15!10.0.0.1 pri\r");
+
     // Escape brings back what was; a further one clears it.
     press("/\x15gold");
     press(kKeyBackspace);
-    for (const char* wanted : {"gol", "70000", ""}) {
+    for (const char* wanted : {"gol", "!10.0.0.1 pri", ""}) {
         EXPECT_EQ(topPane(model).filter.text, wanted);
         press(kKeyEscape);
     }

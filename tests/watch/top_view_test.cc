@@ -142,9 +142,34 @@ TEST_F(TopViewTest, TheFirstLineSaysWhatTheScreenWaitsFor) {
         {"+", "33%  x2  replay"}, {" ", "33%  x2  PAUSED"}, {"", "end of file"}};
     for (const auto& [keys, wanted] : ends) {
         press(keys);
-        model.isAtEnd = keys[0] == '\0';
+        if (keys[0] == '\0') topSetSource(model, {WatchState::kRead, {}, ""});
         EXPECT_TRUE(draw({80, 14})[0].ends_with(std::string("  ") + wanted)) << wanted;
     }
+
+    TopModel blind;
+    topInit(blind);
+    std::swap(model, blind);
+    SnapshotMaker none;
+    none.head.source.notRead[2] = 1;
+    topTake(model, none.at(1700000000));
+    EXPECT_EQ(draw({80, 14})[2], " the only frame isn't the bus's: 1 not IP");
+    none.head.source.notRead[3] = 2;
+    topTake(model, none.at(1700000002));
+    EXPECT_EQ(draw({80, 14})[2], " none of 4 frames is the bus's: 2 not IP, 2 IPv6");
+    EXPECT_EQ(styles(2).find_first_not_of('T'), std::string::npos);
+    EXPECT_EQ(draw({40, 10})[0], " 22:13:22 none of 4 frames is the bus's…");
+    topTake(model, maker.at(1700000004));
+    EXPECT_EQ(draw({80, 14})[2], " not the bus's: 2 not IP, 2 IPv6");
+    std::swap(model, blind);
+
+    model.isLive = true;
+    topSetSource(model, {WatchState::kWaiting, {}, "it is gone"});
+    for (const char* const key : {"j", "k"}) {  // trouble stays
+        press(key);
+        EXPECT_EQ(draw({80, 14})[13], " waiting for the interface: it is gone");
+        EXPECT_TRUE(draw({40, 10})[0].ends_with("  WAITING"));
+    }
+    topSetSource(model, {WatchState::kLive, {}, ""});
 
     model.note = "eth0 is down.";
     EXPECT_EQ(draw({80, 14})[13], " eth0 is down.");
@@ -245,6 +270,48 @@ TEST(ReplayPace, FollowsTheCapturesTimeAtItsSpeed) {
     // Behind a reading that was slow nothing is made up for.
     paceShow(pace, 900, 5010);
     EXPECT_EQ(paceWait(pace, 900, 5014), 1);
+}
+
+// A click does what its key does.
+TEST_F(TopViewTest, WhatIsDrawnCanBeClicked) {
+    SnapshotMaker maker;
+    fill(maker, true);
+    topTake(model, maker.at(1700000000));
+    const auto clickOn = [this](const std::string& text, size_t into) {
+        const Lines lines = draw({80, 24});
+        for (size_t line = 0; line < lines.size(); ++line) {
+            const size_t column = lines[line].find(text);
+            if (column == std::string::npos) continue;
+            const ScreenSpot* const spot = screenSpotAt(screen, {column + into, line});
+            if (spot != nullptr) topClick(model, *spot);
+            return draw({80, 24});
+        }
+        ADD_FAILURE() << text;
+        return lines;
+    };
+    clickOn(" Subjects", 3);
+    EXPECT_EQ(model.table, TopTable::kSubjects);
+    clickOn("Multicast", 0);
+    EXPECT_EQ(model.table, TopTable::kMulticast);
+    clickOn("Gaps", 1);
+    EXPECT_EQ(topPane(model).sortColumn, kSortNumbers + 5);
+    EXPECT_FALSE(topPane(model).isAscending);
+    clickOn("Gaps", 1);
+    EXPECT_TRUE(topPane(model).isAscending);
+    ASSERT_GE(topPane(model).order.size(), 2u);
+    const size_t firstRow = 7;
+    const auto clickLine = [this](size_t line) {
+        draw({80, 24});
+        const ScreenSpot* const spot = screenSpotAt(screen, {30, line});
+        if (spot != nullptr) topClick(model, *spot);
+    };
+    clickLine(firstRow);
+    EXPECT_EQ(topPane(model).cursor, 1u);
+    EXPECT_FALSE(topPane(model).hasOpen);
+    clickLine(firstRow);
+    EXPECT_TRUE(topPane(model).hasOpen);
+    clickLine(23);  // hints
+    EXPECT_EQ(model.mode, TopMode::kTables);
 }
 
 }  // namespace

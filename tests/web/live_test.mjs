@@ -4,6 +4,9 @@
 
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
+import { mkdtempSync, rmSync, writeFileSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
 import { fileURLToPath } from "node:url";
 import test, { after, before } from "node:test";
 import {
@@ -194,6 +197,30 @@ function crowd() {
     }));
     return { ...latest, time: "2023-11-14T22:20:00.000000000Z", subjects };
 }
+
+test("a capture with nothing of the bus is named, and forgotten once there is some", async () => {
+    const folder = mkdtempSync(join(tmpdir(), "blind"));
+    const arp = Buffer.concat([Buffer.alloc(12, 2), Buffer.from([8, 6]), Buffer.alloc(28)]);
+    const words = (...list) => Buffer.from(Uint32Array.from(list).buffer);
+    const file = join(folder, "blind.pcap");
+    writeFileSync(file, Buffer.concat([words(0xa1b2c3d4, 0x00040002, 0, 0, 65535, 1, 1700000000, 0, 42, 42), arp]));
+    const blind = await serve("-r", file);
+    try {
+        const { page, close } = await openPage(browser, blind.url, {});
+        await page.locator("#unread.warning").waitFor();
+        assert.equal(await page.locator("#unread").textContent(), "The only frame isn't the bus's: 1 not IP.");
+        await close();
+    } finally {
+        await blind.stop();
+        rmSync(folder, { recursive: true });
+    }
+    const { page, tell, close } = await openWithout();
+    await tell("snapshot", { ...snapshots[1], not_read: { ipv6: 3 } });
+    await page.locator("#unread:not([hidden])").waitFor();
+    assert.match(await page.locator("#unread").textContent(), /^Not the bus's .* 3 IPv6\.$/);
+    assert.equal(await page.locator("#unread.warning").count(), 0);
+    await close();
+});
 
 test("200,000 subjects draw few rows, and markup stays text", async () => {
     const { page, table, tell, close } = await openWithout();

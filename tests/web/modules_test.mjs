@@ -10,6 +10,7 @@ import {
     formatShort,
     formatSpan,
 } from "../../watch/web/shared/format.js";
+import { blindText, notReadText } from "../../watch/web/shared/not_read.js";
 import { sortedIndices } from "../../watch/web/shared/sort.js";
 import { tables } from "../../watch/web/shared/tables.js";
 
@@ -144,4 +145,15 @@ test("the columns are those of the JSON", () => {
         assert.deepEqual((ways === undefined ? keys : bothWays).sort(), numbers.sort(), name);
         if (ways !== undefined) assert.deepEqual([...ways].sort(), keys.sort(), name);
     }
+});
+
+test("reasons for what isn't read are the program's", () => {
+    const source = readFileSync(new URL("../../watch/capture/peel.cc", import.meta.url), "utf8");
+    const rows = [...source.match(/kRows\[\] = \{(.*?)\n\};/s)[1].matchAll(/\{"(\w+)", "([^"]+)"\}/g)].slice(1);
+    assert.equal(rows.length, 9);
+    for (const [, key, words] of rows) assert.equal(notReadText({ [key]: 2, none: 0 }), `2 ${words}`);
+    assert.equal(blindText({ not_ip: 1 }), "The only frame isn't the bus's: 1 not IP.");
+    assert.equal(blindText({ not_ip: 1, cut: 2000 }),
+        "None of 2,001 frames is the bus's: 1 not IP, 2,000 cut short by the capture.");
+    assert.equal(blindText({}) + notReadText(undefined), "");
 });

@@ -1,14 +1,23 @@
 #include "trace/capture/capture_session.h"
 
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
 #include <stdio_ext.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <thread>
 
+#include "lib/base/bytes.h"
 #include "lib/base/log.h"
 
 namespace {
@@ -19,6 +28,8 @@ constexpr int kReadTimeoutMs = 1000;
 // libpcap's own 2 MB hold a bus of 150,000 packets a second for 30 ms: less than a busy machine may
 // keep the capture thread from its core.
 constexpr int kKernelBufferBytes = 32 << 20;
+
+constexpr const char* kInterfaceGone = "The interface disappeared";  // as libpcap says it
 
 constexpr int kOptimize = 0;
 constexpr bpf_u_int32 kNoNetmask = 0;
@@ -61,6 +72,17 @@ pcap_t* openWithRoom(const char* name) {
     if (pcap_activate(capture) >= 0) return capture;
     pcap_close(capture);
     return nullptr;
+}
+
+// Of the interface that was opened last.
+unsigned short liveHardwareType = 0;
+
+void noteHardwareType(pcap_t* capture) {
+    sockaddr_ll address = {};
+    socklen_t sizeBytes = sizeof address;
+    const int done =
+        getsockname(pcap_fileno(capture), reinterpret_cast<sockaddr*>(&address), &sizeBytes);
+    if (done == 0) liveHardwareType = address.sll_hatype;
 }
 
 bool isSaved(pcap_t* capture) {
@@ -117,14 +139,21 @@ const char* liveInterface(const char* name) {
 }
 
 pcap_t* openLive(const char* interfaceName) {
-    if (pcap_t* const capture = openWithRoom(interfaceName)) return capture;
+    if (pcap_t* const capture = openWithRoom(interfaceName)) {
+        noteHardwareType(capture);
+        return capture;
+    }
 
     // The second try leaves the buffer's size to libpcap. If that wasn't the reason, it fails
     // too, and its words give the reason.
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* const capture =
         pcap_open_live(interfaceName, kFullFrameBytes, kPromiscuous, kReadTimeoutMs, error);
-    if (capture == nullptr) logPrint("pcap_open_live: %s", error);
+    if (capture == nullptr) {
+        logPrint("pcap_open_live: %s", error);
+    } else {
+        noteHardwareType(capture);
+    }
     return capture;
 }
 
@@ -185,12 +214,51 @@ bool installFilter(pcap_t* capture, const char* text) {
     return installed;
 }
 
-void runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count) {
+const char* runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count) {
     CaptureContext context = {packetHandler};
     u_char* const user = reinterpret_cast<u_char*>(&context);
     const int ended = isSaved(capture) ? savedCaptureLoop(count, frameHandler, user)
                                        : pcap_loop(capture, count, frameHandler, user);
-    if (ended < 0 && !savedCaptureIsBroken()) logPrint("pcap_loop: %s", pcap_geterr(capture));
+    if (ended >= 0 || savedCaptureIsBroken()) return nullptr;
+    const char* const words = ended == PCAP_ERROR_BREAK ? kInterfaceGone : pcap_geterr(capture);
+    logPrint("pcap_loop: %s", words);
+    return words;
+}
+
+// A look that comes too early fails as the loop did.
+void captureDrain(pcap_t* capture, PacketHandler packetHandler) {
+    constexpr int kLooks = 6;
+    constexpr auto kBetweenLooks = std::chrono::milliseconds(kReadTimeoutMs / (kLooks - 2));
+    CaptureContext context = {packetHandler};
+    for (int look = 0; look < kLooks; ++look) {
+        std::this_thread::sleep_for(kBetweenLooks);
+        (void)pcap_dispatch(capture, -1, frameHandler, reinterpret_cast<u_char*>(&context));
+    }
+}
+
+// The socket stays, with its filter and its buffer, and is bound to the new interface. It was bound
+// to none since the old one went, and no system call but its making takes rights.
+bool captureAttachAgain(pcap_t* capture, const char* interfaceName) {
+    const int socket = pcap_fileno(capture);
+    const auto index = static_cast<int>(if_nametoindex(interfaceName));
+    ifreq request = {};
+    std::strncpy(request.ifr_name, interfaceName, sizeof request.ifr_name - 1);
+    if (index == 0 || ioctl(socket, SIOCGIFHWADDR, &request) != 0) return false;
+    if (request.ifr_hwaddr.sa_family != liveHardwareType) return false;
+
+    sockaddr_ll address = {};
+    address.sll_family = AF_PACKET;
+    address.sll_protocol = hostOrder16(ETH_P_ALL);
+    address.sll_ifindex = index;
+    packet_mreq membership = {};
+    membership.mr_ifindex = index;
+    membership.mr_type = PACKET_MR_PROMISC;
+    (void)setsockopt(socket, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &membership, sizeof membership);
+    return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+void captureDetach(pcap_t* capture) {
+    pcap_breakloop(capture);
 }
 
 // libpcap first: once reading has stopped it must not take that for the end of the file.

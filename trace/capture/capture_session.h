@@ -51,8 +51,20 @@ void warnOfCutFrames(int snapshotBytes);
 // A source whose filter failed delivers everything.
 [[nodiscard]] bool installFilter(pcap_t* capture, const char* text);
 
+// The interface of a live source was removed: hands on the frames of it that the system still has,
+// which takes a little longer than the time for which it holds them. The capture thread.
+void captureDrain(pcap_t* capture, PacketHandler packetHandler);
+
+// The interface of an open live source was removed and made again: captures from the new one. False
+// where there is none yet, or none of its kind. Takes no rights.
+[[nodiscard]] bool captureAttachAgain(pcap_t* capture, const char* interfaceName);
+
+// Ends the loop of a live source as if the system had said that its interface is gone. Any thread.
+void captureDetach(pcap_t* capture);
+
 // Hands each frame to frameHandler, until `count` have passed the filter; 0: until the source ends.
-void runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count);
+// Null, or libpcap's words for the failure that ended it, valid until its next call.
+const char* runCaptureLoop(pcap_t* capture, PacketHandler packetHandler, int count);
 
 // Ends the loop of a saved capture, and all further ones, within a quarter of a second; that is no
 // failure. Any thread; it may come before the loop.

@@ -24,7 +24,7 @@ void saveFrame(const pcap_pkthdr* header, const u_char* bytes) {
 
 void countFault(Fault fault, TimeSpec time) {
     const LockGuard guard(statsLock);
-    faultCount(statistics.faults, fault, time);
+    faultCount(statistics.faults, fault, time, 0);
 }
 
 void reportNoIpHeader(Bytes frame, size_t leftBytes) {

@@ -66,8 +66,11 @@ const FaultRow& faultRow(Fault fault) {
     return kFaults[static_cast<size_t>(fault)];
 }
 
-void faultCount(FaultCounts& counts, Fault fault, TimeSpec time) {
+FramePlace framePlace;
+
+void faultCount(FaultCounts& counts, Fault fault, TimeSpec time, uint32_t sender) {
     FaultCount& count = counts[static_cast<size_t>(fault)];
-    if (count.packets++ == 0) count.first = time;
-    count.last = time;
+    count.last = {time, framePlace};
+    if (count.packets++ == 0) count.first = count.last;
+    count.lastSender = sender;
 }

@@ -8,7 +8,7 @@
 // Counts are part of the statistics (trace/counts/statistics.h); each snapshot copies and zeroes
 // them.
 //
-// Threads: no lock; the owner of the counts serialises. The table is constant.
+// Threads: no lock but where noted; the owner of the counts serialises. The table is constant.
 
 #pragma once
 
@@ -59,13 +59,29 @@ struct FaultRow {
 
 [[nodiscard]] const FaultRow& faultRow(Fault fault);
 
+// Where a frame is in the saved captures: its file, by the number that the program gives it, and
+// its number there, counted from 1. Zeros where the program keeps no account of that.
+struct FramePlace {
+    uint64_t number;
+    uint32_t file;
+};
+
+// Of the frame that is being taken. Of the thread that takes frames.
+extern FramePlace framePlace;
+
+struct FaultyPacket {
+    TimeSpec time;  // its own
+    FramePlace place;
+};
+
 // The packets of an interval with one kind of fault.
 struct FaultCount {
     uint64_t packets;
-    TimeSpec first, last;  // the packets' own times; of no meaning without any
+    FaultyPacket first, last;  // of no meaning without any
+    uint32_t lastSender;       // an address in network order; 0: none was in hand
 };
 
 using FaultCounts = FaultCount[kFaultKinds];
 
-// One more packet. `time` is its own.
-void faultCount(FaultCounts& counts, Fault fault, TimeSpec time);
+// One more packet, of the frame that is being taken. `time` is its own.
+void faultCount(FaultCounts& counts, Fault fault, TimeSpec time, uint32_t sender);

@@ -31,7 +31,7 @@ void addressFault(Inspection& inspection, Fault fault, uint32_t address) {
 // The arguments are those of the fault's format.
 template <typename... Arguments>
 void countAndTell(Fault fault, uint32_t srcIp, Arguments... arguments) {
-    faultCount(statistics.faults, fault, statistics.packetTime);
+    faultCount(statistics.faults, fault, statistics.packetTime, srcIp);
     if (!traceSettings.complain) return;
     const FaultRow& row = faultRow(fault);
     char text[128];  // the longest takes under 80

@@ -1,6 +1,7 @@
 #include "trace/packets/packet_pipeline.h"
 
 #include <cstring>
+#include <utility>
 
 #include "trace/counts/statistics.h"
 #include "trace/packets/classify.h"
@@ -20,6 +21,7 @@ constexpr uint32_t kCachedHosts = 4096;
 
 struct WaitingPacket {
     TimeSpec time;
+    FramePlace place;
     uint32_t senderHash;
     size_t length;
     uint8_t ip[kLargestBytes];  // only its own length is set
@@ -40,7 +42,9 @@ WaitingPacket& waitingPacket(uint32_t newer) {
 
 void classifyOldest() {
     const WaitingPacket& oldest = waitingPacket(--pipeline.waiting);
+    const FramePlace newest = std::exchange(framePlace, oldest.place);
     classifyPacket(oldest.time, oldest.ip, oldest.length);
+    framePlace = newest;
 }
 
 void enter(TimeSpec time, const uint8_t* ip, size_t length) {
@@ -48,6 +52,7 @@ void enter(TimeSpec time, const uint8_t* ip, size_t length) {
     ++pipeline.waiting;
     WaitingPacket& packet = waitingPacket(0);
     packet.time = time;
+    packet.place = framePlace;
     packet.length = length;
     std::memcpy(packet.ip, ip, length);
     packet.senderHash = hashOfPath(senderAhead(ip, length));

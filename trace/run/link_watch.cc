@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -23,11 +24,12 @@ constexpr size_t kMessagesBytes = 16384;  // the system sends no more at once
 struct LinkWatch {
     // Constant after the start.
     int socket = -1;  // while there is a watch: to the end of the process
-    int index = 0;
     char name[IFNAMSIZ] = "";
+    void (*onChange)(LinkChange change) = nullptr;
 
-    // Of the first IO thread.
-    bool isUp = false;
+    std::atomic<int> index = 0;
+
+    std::atomic<bool> isUp = false;
 };
 
 LinkWatch watch;
@@ -36,9 +38,14 @@ bool isUpBy(unsigned flags) {
     return (flags & IFF_UP) != 0 && (flags & IFF_RUNNING) != 0;
 }
 
+void report(LinkChange change) {
+    if (watch.onChange != nullptr) watch.onChange(change);
+}
+
 void setUp(bool isUp) {
-    if (std::exchange(watch.isUp, isUp) == isUp) return;
+    if (watch.isUp.exchange(isUp) == isUp) return;
     logPrint(isUp ? "interface %s is up again." : "interface %s is down.", watch.name);
+    report(isUp ? LinkChange::kUp : LinkChange::kDown);
 }
 
 // Asked at the start, and where the system had no room for all of its messages.
@@ -51,11 +58,17 @@ bool askIsUp() {
 
 void followMessages(const nlmsghdr* message, size_t sizeBytes) {
     for (; NLMSG_OK(message, sizeBytes); message = NLMSG_NEXT(message, sizeBytes)) {
-        if (message->nlmsg_type != RTM_NEWLINK) continue;
+        const bool isGone = message->nlmsg_type == RTM_DELLINK;
+        if (message->nlmsg_type != RTM_NEWLINK && !isGone) continue;
         if (message->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) continue;
         ifinfomsg link;
         std::memcpy(&link, NLMSG_DATA(message), sizeof link);
-        if (link.ifi_index == watch.index) setUp(isUpBy(link.ifi_flags));
+        if (link.ifi_index != watch.index) continue;
+        if (isGone) {
+            report(LinkChange::kGone);
+        } else {
+            setUp(isUpBy(link.ifi_flags));
+        }
     }
 }
 
@@ -89,6 +102,7 @@ bool openSocket() {
 
 bool startEvent() {
     watch.isUp = askIsUp();
+    if (!watch.isUp) report(LinkChange::kDown);
     uint32_t event = kNoId;
     return pelmoEvent_CreateIO(&event, kFirstIoQueueId, onLinkEvent, watch.socket, kIoRead,
                                nullptr) == kStatusSuccess;
@@ -96,7 +110,15 @@ bool startEvent() {
 
 }  // namespace
 
-void linkWatchStart(const char* interfaceName) {
+void linkWatchFollow() {
+    if (watch.socket < 0) return;
+    watch.index = static_cast<int>(if_nametoindex(watch.name));
+    watch.isUp = askIsUp();
+    report(watch.isUp ? LinkChange::kUp : LinkChange::kDown);
+}
+
+void linkWatchStart(const char* interfaceName, void (*onChange)(LinkChange change)) {
+    watch.onChange = onChange;
     watch.index = static_cast<int>(if_nametoindex(interfaceName));
     if (watch.index == 0) return;
     std::strncpy(watch.name, interfaceName, sizeof watch.name - 1);

@@ -10,4 +10,13 @@
 
 #pragma once
 
-void linkWatchStart(const char* interfaceName);
+#include <cstdint>
+
+enum class LinkChange : uint8_t { kUp, kDown, kGone };
+
+// `onChange` is called on that thread for each change, and by the caller where the link is down
+// from the start; it may be null.
+void linkWatchStart(const char* interfaceName, void (*onChange)(LinkChange change));
+
+// The interface was made again, and has another index: reports how it is. Any thread.
+void linkWatchFollow();

@@ -22,6 +22,7 @@ namespace {
 
 struct OfflineRun {
     bool begun;  // a packet has come; zeros until then
+    TimeSpec beginTime;
     TimeSpec nextSnapshotTime;
     TimeSpec lastPacketTime;
 };
@@ -38,16 +39,79 @@ TimeSpec afterInterval(TimeSpec time) {
     return {static_cast<int32_t>(seconds), time.nanoseconds};
 }
 
+constexpr int64_t kNanosecondsOfSecond = 1'000'000'000;
+
+int64_t nanosecondsOf(TimeSpec time) {
+    return int64_t{time.seconds} * kNanosecondsOfSecond + time.nanoseconds;
+}
+
+int64_t nanosecondsBetween(TimeSpec from, TimeSpec to) {
+    return nanosecondsOf(to) - nanosecondsOf(from);
+}
+
+// Intervals of no length have none.
+bool hasGrid() {
+    return snapshotSink.keepsGrid && traceSettings.updateInterval != 0;
+}
+
+// Too short for an interval of its own.
+bool isSliver(int64_t nanoseconds) {
+    return nanoseconds < traceSettings.updateInterval * (kNanosecondsOfSecond / 100);
+}
+
 void handOn(TimeSpec time) {
     packetsSettle();
     snapshotHandOn(time);
 }
 
+// The grid ends where the 32 bits do.
+TimeSpec endOnGrid(TimeSpec begin) {
+    const int64_t seconds = int64_t{begin.seconds} + traceSettings.updateInterval;
+    return {static_cast<int32_t>(std::min<int64_t>(seconds, INT32_MAX)), begin.nanoseconds};
+}
+
+void beginAt(TimeSpec time) {
+    snapshotSetStart(time);
+    offlineRun.beginTime = time;
+    offlineRun.nextSnapshotTime = hasGrid() ? endOnGrid(time) : afterInterval(time);
+}
+
+// Where the packet that comes after an interval's end begins its own: on the grid, at the last end
+// before it. Without intervals on a grid each goes on from the one before.
+void goOnBefore(TimeSpec packetTime) {
+    const TimeSpec end = offlineRun.nextSnapshotTime;
+    const int64_t interval = traceSettings.updateInterval * kNanosecondsOfSecond;
+    const int64_t silent = (nanosecondsBetween(end, packetTime) - 1) / interval;
+    const auto seconds = static_cast<uint32_t>(end.seconds) +
+                         static_cast<uint32_t>(silent) * traceSettings.updateInterval;
+    beginAt({static_cast<int32_t>(seconds), end.nanoseconds});
+}
+
+// Where the clock was set back within an interval, that one ends with the last packet before.
+void goBackTo(TimeSpec packetTime) {
+    const TimeSpec end = offlineRun.lastPacketTime;
+    const int64_t length = nanosecondsBetween(offlineRun.beginTime, end);
+    if (length > 0 && !isSliver(length)) handOn(end);
+    beginAt(packetTime);
+}
+
+// The capture may hold frames that came a little late.
+bool isSetBack(TimeSpec packetTime) {
+    const int64_t interval = traceSettings.updateInterval * kNanosecondsOfSecond;
+    return nanosecondsBetween(packetTime, offlineRun.beginTime) > interval;
+}
+
+void endIntervalsOfGrid(TimeSpec packetTime) {
+    if (isSetBack(packetTime)) return goBackTo(packetTime);
+    if (!isLater(packetTime, offlineRun.nextSnapshotTime)) return;
+    handOn(offlineRun.nextSnapshotTime);
+    goOnBefore(packetTime);
+}
+
 // Frames too short for a packet don't come here: the first packet may lie after such.
 void begin(TimeSpec time) {
     offlineRun.begun = true;
-    snapshotSetStart(time);
-    offlineRun.nextSnapshotTime = afterInterval(time);
+    beginAt(time);
     if (snapshotSink.begin != nullptr) snapshotSink.begin(time);
 }
 
@@ -59,12 +123,18 @@ struct LiveRun {
 
     // Of the timer thread.
     double lastReportSeconds = 0;
+    uint64_t lastHandedOn = 0;  // of the monotonic clock, in nanoseconds; 0: none was
 };
 
 constinit LiveRun liveRun;
 
 void capture(void*) {
-    runCaptureLoop(captureState.captureHandle, analyzePacket, 0);
+    bool goesOn = true;
+    while (goesOn) {
+        const char* const fault = runCaptureLoop(captureState.captureHandle, analyzePacket, 0);
+        goesOn = fault != nullptr && !captureShuttingDown() &&
+                 snapshotSink.captureFailed != nullptr && snapshotSink.captureFailed(fault);
+    }
 }
 
 // A timer that was held up catches up by firing several times in a row.
@@ -72,6 +142,15 @@ bool isTooSoon() {
     const double now = clockSteadySeconds();
     return std::exchange(liveRun.lastReportSeconds, now) == now &&
            traceSettings.updateInterval == 0;
+}
+
+// Is what has come since the last one to be joined with what follows?
+bool isSliverOfGrid() {
+    if (!snapshotSink.keepsGrid) return false;
+    const uint64_t now = clockMonotonicNanoseconds();
+    if (isSliver(static_cast<int64_t>(now - liveRun.lastHandedOn))) return true;
+    liveRun.lastHandedOn = now;
+    return false;
 }
 
 }  // namespace
@@ -83,6 +162,8 @@ void offlineRunBegin() {
 void offlineRunPacket(TimeSpec time, const uint8_t* ip, size_t length) {
     if (!offlineRun.begun) {
         begin(time);
+    } else if (hasGrid()) {
+        endIntervalsOfGrid(time);
     } else if (isLater(time, offlineRun.nextSnapshotTime)) {
         handOn(offlineRun.nextSnapshotTime);
         offlineRun.nextSnapshotTime = afterInterval(offlineRun.nextSnapshotTime);
@@ -92,7 +173,10 @@ void offlineRunPacket(TimeSpec time, const uint8_t* ip, size_t length) {
 }
 
 void offlineRunEnd() {
-    handOn(offlineRun.lastPacketTime);
+    TimeSpec end = offlineRun.lastPacketTime;
+    // A packet that came a little late doesn't end its interval before it began.
+    if (hasGrid() && isLater(offlineRun.beginTime, end)) end = offlineRun.beginTime;
+    handOn(end);
     if (snapshotSink.end != nullptr) snapshotSink.end();
 }
 
@@ -112,7 +196,7 @@ void captureThreadRelease() {
 }
 
 void onSnapshotTimer() {
-    if (captureShuttingDown() || isTooSoon()) return;
+    if (captureShuttingDown() || isTooSoon() || isSliverOfGrid()) return;
     TimeSpec now;
     clockNow(&now);
     snapshotHandOn(now);

@@ -3,8 +3,9 @@
 // Offline, the clock is the packets' own: a snapshot is due when a packet is strictly later than
 // the time of the next snapshot, and that packet counts in the interval that follows. At most one
 // snapshot is due per packet: after a gap longer than the interval, each of the next packets brings
-// one more, until the time of the next snapshot has caught up. The main thread is capture thread
-// and report writer in one, so packets are analysed without the lock of the statistics.
+// one more, until the time of the next snapshot has caught up. A sink may ask for a grid instead
+// (trace/run/snapshot_sink.h). The main thread is capture thread and report writer in one, so
+// packets are analysed without the lock of the statistics.
 //
 // Live, packets come on the capture thread, and snapshots on the timer thread.
 //
@@ -28,7 +29,8 @@ void offlineRunBegin();
 void offlineRunPacket(TimeSpec time, const uint8_t* ip, size_t length);
 void offlineRunEnd();
 
-// The capture thread lives until libpcap fails, which is logged; the process goes on without it.
+// The capture thread lives until libpcap fails, which is logged; the process goes on without it,
+// unless the sink has capture begin again.
 // Fails with kStatusNoMemory, or kStatusNotInitialized if the system refuses the thread.
 [[nodiscard]] pelmoStatus captureThreadStart();
 

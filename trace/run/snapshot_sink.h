@@ -22,8 +22,19 @@ struct SnapshotSink {
     // Is SnapHeader::source to be filled in? Costs some system calls a Snapshot.
     bool wantsSource;
 
+    // Offline, intervals lie on a grid of the packets' own times that begins with the first packet:
+    // an interval without packets isn't handed on, and where the clock goes back by more than an
+    // interval a new grid begins. Live, an interval below a hundredth of its length, as a timer
+    // that was held up brings, is joined with the next. Without it they are those of the tool
+    // (trace/run/run_modes.h).
+    bool keepsGrid = false;
+
     // Adds to it what the program's own source has to say. May be null.
     void (*fillSource)(SnapSource* source) = nullptr;
+
+    // Capture has ended with an error, in libpcap's words; on the capture thread. True where it is
+    // to begin again. May be null: the run goes on without frames.
+    bool (*captureFailed)(const char* reason) = nullptr;
 };
 
 extern SnapshotSink snapshotSink;

@@ -88,6 +88,6 @@ pelmoStatus startSnapshotTimer() {
 }
 
 pelmoStatus watchLink() {
-    linkWatchStart(captureState.interfaceName);
+    linkWatchStart(captureState.interfaceName, nullptr);
     return kStatusSuccess;
 }

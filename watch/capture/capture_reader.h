@@ -33,6 +33,10 @@ struct CaptureFrame {
     uint32_t wireBytes;
     uint16_t linkType;  // watch/capture/peel.h
     const uint8_t* bytes;
+
+    // Where the frame is in its set (capture_set.h): its file, and its number there from 1 on.
+    uint32_t file = 0;
+    uint64_t number = 0;
 };
 
 enum class ReadResult : uint8_t {

@@ -38,6 +38,8 @@ struct File {
     }
 
     std::string name;
+    uint32_t number = 0;  // of its name in CaptureSet::names
+    uint64_t frames = 0;  // that were read
     int descriptor = -1;
     bool isRegular = false;
     bool hasFrames = false;
@@ -63,9 +65,11 @@ struct CaptureSet {
     uint32_t framesSinceLook = 0;
     uint64_t endedBytes = 0;  // of the files that were read to their end
 
-    // Constant after the opening: the size of the regular files, and whether all files are regular.
+    // Constant after the opening: the files' names, the size of the regular files, and whether all
+    // files are regular.
     uint64_t fileBytes = 0;
     bool isSized = true;
+    std::vector<std::string> names;
 
     std::atomic<uint64_t> readBytes = 0;
     std::atomic<bool> stopped = false;
@@ -100,6 +104,8 @@ void add(CaptureSet& set, const std::string& name, int descriptor) {
     auto file = std::make_unique<File>();
     struct stat status = {};
     file->name = name;
+    file->number = static_cast<uint32_t>(set.names.size());
+    set.names.push_back(name);
     file->descriptor = descriptor;
     file->frame.seconds = kUnreadSeconds;
     if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
@@ -193,6 +199,8 @@ bool advance(CaptureSet& set, File& file) {
     note(set, file, result);
     if (result != ReadResult::kFrame) return false;
     file.hasFrames = true;
+    file.frame.file = file.number;
+    file.frame.number = ++file.frames;
     return true;
 }
 
@@ -219,6 +227,7 @@ bool probe(CaptureSet& set, File& file) {
     file.clock = captureReaderClock(*file.reader);
     file.reader = nullptr;
     file.frame.bytes = nullptr;
+    file.frames = 0;
     return lseek(file.descriptor, 0, SEEK_SET) == 0;
 }
 
@@ -374,6 +383,14 @@ ReadResult captureSetNext(CaptureSet& set, CaptureFrame* frame) {
         set.handedOn = true;
         if (isInSpan(set.span, *frame)) return ReadResult::kFrame;
     }
+}
+
+const std::string& captureSetFileName(const CaptureSet& set, uint32_t file) {
+    return set.names[file];
+}
+
+size_t captureSetFiles(const CaptureSet& set) {
+    return set.names.size();
 }
 
 bool captureSetHasFault(const CaptureSet& set) {

@@ -62,6 +62,12 @@ void captureSetLimit(CaptureSet& set, const CaptureSpan& span);
 // kFrame, kEnd or kStopped.
 [[nodiscard]] ReadResult captureSetNext(CaptureSet& set, CaptureFrame* frame);
 
+// The name of a frame's file. Any thread, after the beginning.
+[[nodiscard]] const std::string& captureSetFileName(const CaptureSet& set, uint32_t file);
+
+// How many files there are, read or not.
+[[nodiscard]] size_t captureSetFiles(const CaptureSet& set);
+
 // A file was logged as unreadable or as ending early.
 [[nodiscard]] bool captureSetHasFault(const CaptureSet& set);
 

@@ -20,6 +20,7 @@
 #include "trace/run/run_modes.h"
 #include "trace/run/start_steps.h"
 #include "trace/settings.h"
+#include "watch/capture/not_read.h"
 
 SourceSettings sourceSettings;
 
@@ -292,9 +293,15 @@ void readSet(CaptureSet& set) {
         return;
     }
     offlineRunBegin();
-    while (captureSetNext(set, &frame) == ReadResult::kFrame)
+    while (captureSetNext(set, &frame) == ReadResult::kFrame) {
+        framePlace = {frame.number, frame.file};
         takeFrame(frame, offlineRunPacket);
+    }
     offlineRunEnd();
+}
+
+const CaptureSet& setBeingRead() {
+    return source.isAgainst ? *source.against : *source.set;
 }
 
 }  // namespace
@@ -311,6 +318,10 @@ std::string sourceFilterFault(const char* text) {
     std::string fault;
     if (compile(text, DLT_RAW, nullptr) != nullptr) return {};
     return compile(text, DLT_EN10MB, &fault) != nullptr ? std::string() : fault;
+}
+
+bool sourceTakesAll() {
+    return source.wantsAllUdp;
 }
 
 pelmoStatus sourceBegin() {
@@ -396,6 +407,14 @@ CaptureExtent sourceExtent() {
     return {own.readBytes + other.readBytes, own.fileBytes + other.fileBytes};
 }
 
+size_t sourceFiles() {
+    return source.set != nullptr ? captureSetFiles(setBeingRead()) : 0;
+}
+
+const std::string& sourceFileName(uint32_t file) {
+    return captureSetFileName(setBeingRead(), file);
+}
+
 SourceCounts sourceCounts() {
     SourceCounts counts = {source.frames.value(), source.busFrames.value(), {}};
     for (size_t kind = 0; kind < kNotReadKinds; ++kind)
@@ -408,15 +427,8 @@ std::string sourceBlindText() {
     if (counts.busFrames > 0) return {};
     if (counts.frames == 0) return "no frames, so none of the bus";
     std::string text = std::to_string(counts.frames) + (counts.frames == 1 ? " frame" : " frames") +
-                       linkTypesText() + ", none of the bus:";
-    const char* separator = " ";
-    for (size_t kind = 1; kind < kNotReadKinds; ++kind) {
-        if (counts.notRead[kind] == 0) continue;
-        text += separator + std::to_string(counts.notRead[kind]) + " " +
-                notReadRow(static_cast<NotRead>(kind)).words;
-        separator = ", ";
-    }
-    return text;
+                       linkTypesText() + ", none of the bus: ";
+    return text + notReadText(counts.notRead);
 }
 
 bool sourceHasFault() {

@@ -33,6 +33,7 @@ static_assert(kNotReadKinds <= kSnapNotReadKinds);
 struct SourceSettings {
     std::vector<std::string> files;  // of a run that isn't live; as captureSetOpen
     std::optional<CaptureTime> from, to;
+    bool waitsForInterface = false;  // of a live run: one that isn't there may come
 
     // Another capture that is read before it, to be compared with it; none without files.
     std::vector<std::string> against;
@@ -48,6 +49,9 @@ extern SourceSettings sourceSettings;
 
 // What libpcap has against the filter's text; empty where it has nothing.
 [[nodiscard]] std::string sourceFilterFault(const char* text);
+
+// Nothing is left out by a filter. Any thread, after the opening.
+[[nodiscard]] bool sourceTakesAll();
 
 // Without rights: installs the filter, and finds out what saved captures are, but for pipes, which
 // it doesn't wait for. kStatusNotInitialized where none can be read.
@@ -72,6 +76,10 @@ void sourceFill(SnapSource* out);
 
 // How far the saved captures were read, of both in the run. Any thread.
 [[nodiscard]] CaptureExtent sourceExtent();
+
+// The names of the saved captures, in the order of FramePlace::file; none live.
+[[nodiscard]] size_t sourceFiles();
+[[nodiscard]] const std::string& sourceFileName(uint32_t file);
 
 // Of the whole run.
 struct SourceCounts {

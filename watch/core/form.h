@@ -1,7 +1,7 @@
 // A form: one way to show the Snapshots of a run. It is a table of functions and of its options;
 // the core opens the source, runs it, and calls the form.
 //
-//     settle  prepare  |  openOutput  |  start  |  snapshot  snapshot  ...  |  sourceEnded  |  end
+//     settle  prepare  |  openOutput  |  start  |  snapshot  snapshot  ...  |  end
 //
 // Settings of the run are `traceSettings` (trace/settings.h): a form that reads the senders of
 // subjects sets `countSenders` by an option or in its settle.
@@ -10,8 +10,8 @@
 // with status 1.
 //
 // Threads: all on the main thread, but for snapshot in a live run, which is called on the library's
-// timer thread. Calls never overlap. While snapshot runs a live source goes on to be captured and
-// counted, and a saved one waits.
+// timer thread, and for sourceChanged. Calls of the others never overlap. While snapshot runs a
+// live source goes on to be captured and counted, and a saved one waits.
 
 #pragma once
 
@@ -57,8 +57,9 @@ struct Form {
     // output failed; the run then ends in order, and `end` tells which.
     bool (*snapshot)(SnapHeader& snapshot);
 
-    // Behind the last snapshot of a saved capture, where the program stays open. May be null.
-    void (*sourceEnded)() = nullptr;
+    // How the source is has changed (watch/core/watched.h): a saved capture was read, an interface
+    // is gone. Any thread, from the start on; beside a snapshot, too. May be null.
+    void (*sourceChanged)() = nullptr;
 
     // Behind the last snapshot; the library is closed. `isWhole`: the source was read to its end,
     // or was a live one. Where it wasn't, the process ends by itself within a second.
@@ -70,6 +71,7 @@ struct Form {
     // Does a saved capture's progress belong on the terminal, if the standard error stream is one?
     bool showsProgress;
 
-    // Does the program go on behind a saved capture's end, until it is stopped?
+    // Does the program go on after the source's end, until it is stopped: of a saved capture, and
+    // of an interface that is gone?
     bool staysOpen;
 };

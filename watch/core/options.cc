@@ -45,6 +45,11 @@ const char* storeStrict(const char* /*none*/) {
     return nullptr;
 }
 
+const char* storeWait(const char* /*none*/) {
+    sourceSettings.waitsForInterface = true;
+    return nullptr;
+}
+
 const char* storeInterval(const char* value) {
     return numberParse(value, 0, kMostIntervalSeconds, traceSettings.updateInterval);
 }
@@ -64,6 +69,7 @@ using S = TraceSettings;
 
 constexpr const char* kReadHelp =
     "read these saved captures, or all of a folder, in the order of time; - is the standard input";
+constexpr const char* kWaitHelp = "wait for the interface where it isn't there yet, or is removed";
 constexpr const char* kFromHelp =
     "of saved captures, only what is from TIME on: 2026-11-25T14:03 or 14:03";
 constexpr const char* kStrictHelp = "end with status 4 if a saved capture has nothing of the bus";
@@ -72,6 +78,7 @@ constexpr const char* kAddressHelp = "only packets from or to the address; repea
 
 constexpr FormOption kSourceOptions[] = {
     {{"-i,--interface", "NAME", "capture live from this interface"}, storeInterface},
+    {{"--wait-interface", nullptr, kWaitHelp}, storeWait},
     {{"-r,--read", "FILE...", kReadHelp}, storeRead},
     {{"--from", "TIME", kFromHelp}, storeFrom},
     {{"--to", "TIME", "of saved captures, only what is until TIME"}, storeTo},
@@ -189,6 +196,9 @@ void settle(const Form& form) {
     if (hasInterface == hasFile) optionsRefuse(form.name, "takes one of -i and -r");
     if (hasInterface && (sourceSettings.from || sourceSettings.to)) {
         optionsRefuse(form.name, "takes --from and --to only with -r");
+    }
+    if (!hasInterface && sourceSettings.waitsForInterface) {
+        optionsRefuse(form.name, "takes --wait-interface only with -i");
     }
     nameSource();
     if (traceSettings.filterText == nullptr) {

@@ -164,6 +164,7 @@ void addFaults(FaultCounts& sums, const FaultCounts& counts) {
         if (sums[kind].packets == 0) sums[kind].first = counts[kind].first;
         sums[kind].packets += counts[kind].packets;
         sums[kind].last = counts[kind].last;
+        sums[kind].lastSender = counts[kind].lastSender;
     }
 }
 

@@ -1,16 +1,24 @@
 #include "watch/core/watch.h"
 
+#include <net/if.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
+#include <utility>
 
+#include "lib/base/clock.h"
 #include "lib/base/lock.h"
 #include "lib/base/log.h"
 #include "lib/pelmo.h"
 #include "programs/streams.h"
+#include "trace/capture/capture_session.h"
 #include "trace/capture/capture_state.h"
 #include "trace/counts/services.h"
 #include "trace/counts/statistics.h"
+#include "trace/packets/classify.h"
+#include "trace/run/link_watch.h"
 #include "trace/run/run_end.h"
 #include "trace/run/run_modes.h"
 #include "trace/run/settings_check.h"
@@ -23,11 +31,16 @@
 #include "watch/core/progress.h"
 #include "watch/core/span.h"
 #include "watch/core/stop.h"
+#include "watch/core/watched.h"
 
 namespace {
 
 constexpr int kUsageStatus = 2;
 constexpr int kBlindStatus = 4;
+
+// Between two looks for an interface.
+constexpr double kLookSeconds = 0.5;
+constexpr double kLastSeconds = 0.001;
 
 struct WatchRun {
     // Constant after the command line.
@@ -39,6 +52,7 @@ struct WatchRun {
     // Of the thread that hands on Snapshots.
     bool wantsMore = true;
     SpanWatch span = {};
+    bool handedOnLast = false;
 
     // None of the saved captures could be read, or nothing in them was the bus's.
     bool isUnread = false;
@@ -60,8 +74,54 @@ void take(SnapHeader* snapshot) {
     if (!run.wantsMore) stopAsk();
 }
 
-constexpr SnapshotSink kSink = {
-    .begin = nullptr, .take = take, .end = nullptr, .wantsSource = true, .fillSource = sourceFill};
+// The interface is back, or the end is asked for: then false.
+bool awaitInterface(const char* reason) {
+    watchedSet(WatchState::kWaiting, reason);
+    logPrint("waiting for interface %s.", traceSettings.interfaceName);
+    captureDrain(captureState.captureHandle, analyzePacket);
+    while (!captureAttachAgain(captureState.captureHandle, traceSettings.interfaceName)) {
+        if (!stopSleep(kLookSeconds)) return false;
+    }
+    logPrint("interface %s is back: capture goes on.", traceSettings.interfaceName);
+    watchedSet(WatchState::kLive, nullptr);
+    linkWatchFollow();
+    return true;
+}
+
+// What was captured last is shown before the end.
+void handOnLast() {
+    if (std::exchange(run.handedOnLast, true)) return;
+    TimeSpec now;
+    clockNow(&now);
+    snapshotHandOn(now);
+    stopAsk();
+}
+
+bool captureFailed(const char* reason) {
+    if (sourceSettings.waitsForInterface) return awaitInterface(reason);
+    endMarkFailed();
+    watchedSet(WatchState::kFailed, reason);
+    captureDrain(captureState.captureHandle, analyzePacket);
+    if (!run.form->staysOpen && startTimer<handOnLast>(kLastSeconds) != kStatusSuccess) stopAsk();
+    return false;
+}
+
+// libpcap notices by itself, unless one of the same name comes at once.
+void linkChanged(LinkChange change) {
+    if (change != LinkChange::kGone) return watchedSetLink(change == LinkChange::kUp);
+    const WatchState state = watchedState().state;
+    if (state == WatchState::kLive || state == WatchState::kDown) {
+        captureDetach(captureState.captureHandle);
+    }
+}
+
+constexpr SnapshotSink kSink = {.begin = nullptr,
+                                .take = take,
+                                .end = nullptr,
+                                .wantsSource = true,
+                                .keepsGrid = true,
+                                .fillSource = sourceFill,
+                                .captureFailed = captureFailed};
 
 pelmoStatus statusOf(bool done) {
     run.formFailed = !done;
@@ -76,7 +136,19 @@ pelmoStatus openOutputOfForm() {
     return statusOf(run.form->openOutput == nullptr || run.form->openOutput());
 }
 
+// Signals end the process meanwhile: nothing is open yet.
+void awaitInterfaceOfStart() {
+    const char* const name = traceSettings.interfaceName;
+    if (!traceSettings.liveCapture || !sourceSettings.waitsForInterface) return;
+    if (if_nametoindex(name) != 0) return;
+    logPrint("waiting for interface %s.", name);
+    while (if_nametoindex(name) == 0) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(kLookSeconds));
+    }
+}
+
 pelmoStatus openSourceOrSay() {
+    awaitInterfaceOfStart();
     const pelmoStatus status = sourceOpen();
     if (status == kStatusSuccess) return status;
     logPrint("unable to read '%s': see the line above for the reason.",
@@ -87,6 +159,15 @@ pelmoStatus openSourceOrSay() {
 // It has logged why.
 pelmoStatus beginSource() {
     return statusOf(sourceBegin() == kStatusSuccess);
+}
+
+pelmoStatus beginWatched() {
+    return watchedBegin(run.form->sourceChanged);
+}
+
+pelmoStatus watchLinkState() {
+    linkWatchStart(captureState.interfaceName, linkChanged);
+    return kStatusSuccess;
 }
 
 pelmoStatus startForm() {
@@ -128,17 +209,19 @@ constexpr StartStep kStartSteps[] = {
     {kEitherMode, beginSource},
     {kEitherMode, pelmo_Open},
     {kEitherMode, stopArm},
+    {kEitherMode, beginWatched},
     {kEitherMode, startForm},
     {kEitherMode, showProgress},
     {kLiveOnly, markStartOfSpans},
     {kLiveOnly, startSnapshotTimer},
-    {kLiveOnly, watchLink},
+    {kLiveOnly, watchLinkState},
     {kLiveOnly, captureThreadStart},
 };
 
 void endSource() {
     stopSourceRead();
-    if (run.form->sourceEnded != nullptr) run.form->sourceEnded();
+    if (sourceHasFault()) return watchedSet(WatchState::kFailed, "a file is not read whole");
+    watchedSet(WatchState::kRead, nullptr);
 }
 
 // A capture with nothing of the bus may be an idle bus, or one that is captured in a form in which

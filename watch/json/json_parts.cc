@@ -5,6 +5,7 @@
 
 #include "lib/base/bytes.h"
 #include "watch/capture/peel.h"
+#include "watch/capture/source.h"
 #include "watch/core/span.h"
 #include "watch/core/text.h"
 
@@ -19,6 +20,11 @@ void jsonSafe(JsonWriter& out, std::string_view key, std::string_view text) {
     const bool isPlain = std::ranges::none_of(text, [](char c) { return c == '"' || c == '\\'; });
     if (isPlain) return out.plain(text);
     out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+void jsonText(JsonWriter& out, std::string_view key, std::string_view bytes) {
+    char text[4096];
+    jsonSafe(out, key, safeText(bytes, text, sizeof text));
 }
 
 void jsonReal(JsonWriter& out, std::string_view key, double number) {
@@ -103,6 +109,19 @@ void jsonTotals(JsonWriter& out, const char* name, const SnapTotals& totals) {
     out.EndObject();
 }
 
+void jsonFiles(JsonWriter& out) {
+    constexpr size_t kMostNames = 100;
+    out.plain("files");
+    out.StartArray();
+    for (uint32_t file = 0; file < std::min(sourceFiles(), kMostNames); ++file) {
+        char text[4096];
+        const std::string_view safe = safeText(sourceFileName(file), text, sizeof text);
+        out.String(safe.data(), static_cast<rapidjson::SizeType>(safe.size()));
+    }
+    out.EndArray();
+    jsonMember(out, "file_count", sourceFiles());
+}
+
 void jsonNotRead(JsonWriter& out, const SnapSource& source) {
     out.plain("not_read");
     out.StartObject();
@@ -113,9 +132,28 @@ void jsonNotRead(JsonWriter& out, const SnapSource& source) {
     out.EndObject();
 }
 
+namespace {
+
+void writeFaulty(JsonWriter& out,
+                 const FaultyPacket& packet,
+                 const char* time,
+                 const char* number,
+                 const char* file) {
+    jsonTime(out, time, packet.time);
+    if (packet.place.number == 0) return;
+    jsonMember(out, number, packet.place.number);
+    if (sourceFiles() < 2) return;
+    jsonText(out, file, sourceFileName(packet.place.file));
+}
+
+}  // namespace
+
 void jsonFault(JsonWriter& out, Fault fault, const FaultCount& count) {
     jsonPlain(out, "words", faultRow(fault).words);
     jsonMember(out, kFaults.name, count.packets);
-    jsonTime(out, "first_time", count.first);
-    jsonTime(out, "last_time", count.last);
+    writeFaulty(out, count.first, "first_time", "first_frame", "first_file");
+    writeFaulty(out, count.last, "last_time", "last_frame", "last_file");
+    if (count.lastSender != 0) return jsonAddress(out, "last_sender", count.lastSender);
+    out.plain("last_sender");
+    out.Null();
 }

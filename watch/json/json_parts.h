@@ -75,6 +75,10 @@ inline void jsonPlain(JsonWriter& out, std::string_view key, std::string_view te
 
 // Safe text has no control characters.
 void jsonSafe(JsonWriter& out, std::string_view key, std::string_view text);
+
+// Of any bytes from outside, made safe and cut to a length that names of files hardly have.
+void jsonText(JsonWriter& out, std::string_view key, std::string_view bytes);
+
 void jsonReal(JsonWriter& out, std::string_view key, double number);
 
 // RFC 3339, in UTC.
@@ -109,6 +113,9 @@ void jsonPointToPointRow(JsonWriter& out, const SnapPort& port, const SnapPtpHos
 
 // An object with the sums of each table.
 void jsonTotals(JsonWriter& out, const char* name, const SnapTotals& totals);
+
+// The names of the saved captures, a hundred at most.
+void jsonFiles(JsonWriter& out);
 
 // An object with the frames of each reason for which some weren't read.
 void jsonNotRead(JsonWriter& out, const SnapSource& source);

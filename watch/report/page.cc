@@ -9,6 +9,7 @@
 #include "trace/counts/snapshot_totals.h"
 #include "watch/core/fields.h"
 #include "watch/core/options.h"
+#include "watch/core/span.h"
 #include "watch/core/text.h"
 #include "watch/json/json_parts.h"
 #include "watch/report/comparison.h"
@@ -111,11 +112,13 @@ void writeAllSeries(JsonWriter& out,
     out.EndObject();
 }
 
-void writeTimes(JsonWriter& out, const Timeline& timeline) {
-    out.plain("times");
+// `value` takes a point's number.
+template <typename Value>
+void writeReals(JsonWriter& out, const char* name, const Timeline& timeline, Value value) {
+    out.plain(name);
     out.StartArray();
-    for (const TimelinePoint& point : std::span(timeline.points, timeline.count)) {
-        out.Double(point.endSeconds);
+    for (uint32_t point = 0; point < timeline.count; ++point) {
+        out.Double(secondsOf(value(timeline, point)));
     }
     out.EndArray();
 }
@@ -123,8 +126,10 @@ void writeTimes(JsonWriter& out, const Timeline& timeline) {
 void writeTimeline(JsonWriter& out, const Timeline& timeline, double intervalSeconds) {
     out.plain("timeline");
     out.StartObject();
-    jsonReal(out, "interval_seconds", intervalSeconds * std::max(timeline.joined, 1U));
-    writeTimes(out, timeline);
+    jsonReal(out, "interval_seconds",
+             timeline.count > 0 ? secondsOf(timeline.slot) : intervalSeconds);
+    writeReals(out, "times", timeline, timelineEnd);
+    writeReals(out, "elapsed_seconds", timeline, timelineLength);
     out.plain("series");
     out.StartObject();
     writeAllSeries(out, kJsonMulticast, kMulticastFields, timeline,

@@ -17,6 +17,7 @@
 #include "trace/settings.h"
 #include "watch/capture/source.h"
 #include "watch/core/against.h"
+#include "watch/core/span.h"
 #include "watch/core/totals.h"
 #include "watch/report/page.h"
 #include "watch/report/placement.h"
@@ -156,7 +157,8 @@ bool snapshot(SnapHeader& snapshot) {
         return true;
     }
     totalsAdd(report.totals, snapshot);
-    if (timelineAdd(report.timeline, snapshot, snapshotAddUp(snapshot))) return true;
+    const int64_t slot = traceSettings.updateInterval * kNanosecondsOfSecond;
+    if (timelineAdd(report.timeline, snapshot, snapshotAddUp(snapshot), slot)) return true;
     return fail("make", "out of memory");
 }
 

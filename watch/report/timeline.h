@@ -1,7 +1,8 @@
-// The course of a capture: the sums of each interval, one point after the other.
+// The course of a capture: sums by time. Each point is a slot of the same length, the first begins
+// with the capture, and a slot without packets is all 0: silence is a hole.
 //
-// A page shows no more points than a screen has columns. Where a capture brings more, pairs of
-// neighbours are joined, again and again: each point then covers twice as many intervals.
+// A page shows no more points than a screen has columns. Where a capture takes more time, pairs of
+// neighbours are joined, again and again: each point then covers twice as long.
 //
 // Ownership: the timeline owns its points; usable zeroed.
 //
@@ -18,20 +19,27 @@
 inline constexpr uint32_t kTimelineMostPoints = 2048;
 
 struct TimelinePoint {
-    double endSeconds;  // since 1970
     SnapTotals totals;
     uint64_t faults;
 };
 
+// Times are in nanoseconds since 1970.
 struct Timeline {
     TimelinePoint* points;
     uint32_t count;
-    uint32_t joined;  // intervals of each point but the last; 0: none came yet
-    uint32_t inLast;  // intervals of the last point
+    int64_t slot;   // length of a point
+    int64_t begin;  // of the first point
+    int64_t end;    // of what the last point covers
 };
 
+// `slot` is the length of an interval in nanoseconds, 0 for intervals of any length.
 [[nodiscard]] bool timelineAdd(Timeline& timeline,
                                const SnapHeader& snapshot,
-                               const SnapTotals& totals);
+                               const SnapTotals& totals,
+                               int64_t slot);
+
+// The end of a point and its length, which for the last may be shorter.
+[[nodiscard]] int64_t timelineEnd(const Timeline& timeline, uint32_t point);
+[[nodiscard]] int64_t timelineLength(const Timeline& timeline, uint32_t point);
 
 void timelineFree(Timeline& timeline);

@@ -3,41 +3,61 @@
 namespace {
 
 constexpr std::string_view kComment = ":\n\n";
+// As a block that isn't compressed (RFC 1951, 3.2.4).
+constexpr std::string_view kZippedComment("\x00\x03\x00\xfc\xff:\n\n", 8);
 
 bool isSilentForLong(const EventClient& client, double nowSeconds) {
     return nowSeconds - client.sinceSeconds >= kEventsSilenceSeconds;
 }
 
+void begin(EventClient& client, const Event& event, size_t kind, double nowSeconds) {
+    client.body = event.body;
+    client.numbers.of[kind] = event.number;
+    client.sentBytes = 0;
+    client.sinceSeconds = nowSeconds;
+}
+
 }  // namespace
 
 std::string_view eventsNext(EventClient& client,
-                            const Event& newest,
+                            const Events& newest,
                             size_t mostBytes,
                             double nowSeconds) {
     if (client.body && client.sentBytes == client.body.text().size()) {
         client.body = {};
         client.sinceSeconds = nowSeconds;
     }
-    if (!client.body && newest.number > client.number) {
-        client.body = newest.body;
-        client.number = newest.number;
-        client.sentBytes = 0;
-        client.sinceSeconds = nowSeconds;
+    for (size_t kind = 0; !client.body && kind < kStreamEvents; ++kind) {
+        if (newest.of[kind].number > client.numbers.of[kind]) {
+            begin(client, newest.of[kind], kind, nowSeconds);
+        }
     }
     if (client.body) {
         const std::string_view piece = client.body.text().substr(client.sentBytes, mostBytes);
         client.sentBytes += piece.size();
         return piece;
     }
-    if (!isSilentForLong(client, nowSeconds) || mostBytes < kComment.size()) return {};
+    const std::string_view comment = client.isZipped ? kZippedComment : kComment;
+    if (!isSilentForLong(client, nowSeconds) || mostBytes < comment.size()) return {};
     client.sinceSeconds = nowSeconds;
-    return kComment;
+    return comment;
 }
 
-bool eventsWakes(const EventClient& client, uint64_t newest, double nowSeconds) {
-    return newest > client.number || isSilentForLong(client, nowSeconds);
+bool eventsWakes(const EventClient& client, const EventNumbers& newest, double nowSeconds) {
+    for (size_t kind = 0; kind < kStreamEvents; ++kind) {
+        if (newest.of[kind] > client.numbers.of[kind]) return true;
+    }
+    return isSilentForLong(client, nowSeconds);
 }
 
-bool eventsIsStalled(const EventClient& client, double nowSeconds) {
-    return client.body && nowSeconds - client.sinceSeconds > kEventsReadSeconds;
+bool eventsIsStalled(EventClient& client, uint64_t takenBytes, double nowSeconds) {
+    if (!client.body) {
+        client.takenBytes = takenBytes;
+        return false;
+    }
+    if (nowSeconds - client.sinceSeconds <= kEventsReadSeconds) return false;
+    if (takenBytes - client.takenBytes < kEventsLeastBytes) return true;
+    client.takenBytes = takenBytes;
+    client.sinceSeconds = nowSeconds;
+    return false;
 }

@@ -253,8 +253,13 @@ void addInfo(MetricFamilies& out, const ServeHealth& health) {
 void addOwn(MetricFamilies& out, const ServeHealth& health) {
     addGauge(out, "pelmo_watch_interval_seconds", "Length of an interval, as asked for.",
              health.intervalSeconds);
-    addGauge(out, "pelmo_watch_interval_lag_seconds", "By how much the last interval came late.",
+    addGauge(out, "pelmo_watch_interval_lag_seconds",
+             "By how much an interval came late, the most of the last two minutes.",
              health.lagSeconds);
+    addGauge(
+        out, "pelmo_watch_capturing",
+        "1 while frames come from the source, or came to a sound end; 0 when capture has failed.",
+        health.isCapturing ? 1 : 0);
     addGauge(out, "pelmo_watch_snapshot_timestamp_seconds",
              "Time at which the last interval ended, since 1970.", health.snapshotTimeSeconds);
     addGauge(out, "pelmo_watch_clients", "Clients that are connected.",

@@ -23,7 +23,8 @@ struct ServeHealth {
     const char* source;  // an interface's or a file's name
 
     double intervalSeconds;      // as asked for
-    double lagSeconds;           // by which the last interval came late
+    double lagSeconds;           // by which an interval came late, the most of two minutes
+    bool isCapturing;            // or has read a saved capture to a sound end
     double snapshotTimeSeconds;  // of the last one, since 1970; 0: none yet
 
     uint64_t clients, eventClients;  // connected now

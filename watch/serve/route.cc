@@ -23,9 +23,9 @@ struct PathRow {
 };
 
 constexpr PathRow kPaths[] = {
-    {"/metrics", RouteKind::kMetrics}, {"/snapshot.json", RouteKind::kSnapshot},
-    {"/events", RouteKind::kEvents},   {"/history.json", RouteKind::kHistoryOfTotals},
-    {"/healthz", RouteKind::kHealth},
+    {"/metrics", RouteKind::kMetrics},    {"/snapshot.json", RouteKind::kSnapshot},
+    {"/events", RouteKind::kEvents},      {"/history.json", RouteKind::kHistoryOfTotals},
+    {"/source.json", RouteKind::kSource}, {"/healthz", RouteKind::kHealth},
 };
 
 void refuse(Route* out, uint16_t status, const char* reason) {
@@ -181,8 +181,8 @@ void routeFind(const RouteRequest& request, const RouteRules& rules, Route* out)
     if (asset == rules.assets.end() && path == std::end(kPaths)) {
         return refuse(out, kNotFound, "not found");
     }
-    if (request.method != "GET") {
-        return refuse(out, kMethodNotAllowed, "only GET is answered");
+    if (request.method != "GET" && request.method != "HEAD") {
+        return refuse(out, kMethodNotAllowed, "only GET and HEAD are answered");
     }
     if (isOfOtherSite(request, asset != rules.assets.end())) {
         return refuse(out, kForbidden, "requests of other sites' pages aren't answered");

@@ -5,7 +5,8 @@
 //     /snapshot.json   the last interval, as the form "json" prints it
 //     /events          each interval as it ends (server-sent events)
 //     /history.json    the last 15 minutes: of the totals, or of a row that the query names
-//     /healthz         whether the program runs
+//     /source.json     what is watched, and how that is
+//     /healthz         whether the program runs and captures
 //
 // The query of /history.json names a row as the JSON of a Snapshot does: table, port, group,
 // subject, host and scid; without host it is all of the group, port or subject.
@@ -35,6 +36,7 @@ enum class RouteKind : uint8_t {
     kEvents,
     kHistoryOfTotals,
     kHistoryOfRow,
+    kSource,
     kHealth,
     kRefusal,
 };

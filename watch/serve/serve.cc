@@ -17,6 +17,9 @@
 #include "trace/settings.h"
 #include "watch/core/span.h"
 #include "watch/core/stop.h"
+#include "watch/core/watched.h"
+#include "watch/json/json_parts.h"
+#include "watch/json/json_source.h"
 #include "watch/json/json_writer.h"
 #include "watch/serve/history.h"
 #include "watch/serve/history_json.h"
@@ -32,10 +35,8 @@ constexpr uint32_t kSeriesMost = 100'000;
 constexpr uint32_t kSeriesLeast = 1000;
 constexpr uint32_t kClientsMost = 800;  // below a process's usual 1,024 descriptors
 constexpr double kSweepSeconds = 1;
+constexpr double kLagKeptSeconds = 120;
 constexpr std::string_view kEventBegin = "event: snapshot\ndata: ";
-
-// The state of the source, as /healthz tells it.
-enum class Source : uint8_t { kLive, kReading, kRead };
 
 struct ServeForm {
     // Of the command line; constant from the start on.
@@ -48,8 +49,8 @@ struct ServeForm {
     Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
     SeriesTable series PELMO_GUARDED_BY(lock) = {};
     History history PELMO_GUARDED_BY(lock) = {};
-    Source source PELMO_GUARDED_BY(lock) = Source::kLive;
     double lagSeconds PELMO_GUARDED_BY(lock) = 0;
+    double lagNotedSeconds PELMO_GUARDED_BY(lock) = 0;  // of the steady clock
     double snapshotTimeSeconds PELMO_GUARDED_BY(lock) = 0;
 
     // The last Snapshot, taken over from those that count: its text is written when a client wants
@@ -184,6 +185,7 @@ void fillHealth(ServeHealth& health) {
     health.source =
         traceSettings.liveCapture ? traceSettings.interfaceName : traceSettings.readFile;
     health.intervalSeconds = intervalSeconds();
+    health.isCapturing = watchStateIsWell(watchedState().state);
     health.clients = counts.clients;
     health.eventClients = counts.eventClients;
     health.cutOffClients = counts.cutOffClients;
@@ -220,15 +222,29 @@ bool writeHistoryOfRow(const RowKey& row, JsonBuffer& out) {
     return !out.failed;
 }
 
-bool writeHealth(JsonBuffer& out) {
+bool writeSource(JsonBuffer& out) {
+    jsonAppendSource(out, intervalSeconds(), serve.hasPace);
+    out.Put('\n');
+    return !out.failed;
+}
+
+uint64_t intervalsCounted() {
     const LockGuard guard(serve.lock);
-    const char* const words[] = {"live", "reading", "read"};
-    char text[128];
-    const int length = std::snprintf(text, sizeof text,
-                                     "{\"status\":\"ok\",\"source\":\"%s\",\"intervals\":%llu}\n",
-                                     words[static_cast<size_t>(serve.source)],
-                                     static_cast<unsigned long long>(serve.series.intervals));
-    out.append({text, static_cast<size_t>(length)});
+    return serve.series.intervals;
+}
+
+bool writeHealth(JsonBuffer& out, bool& isWell) {
+    const WatchedState state = watchedState();
+    isWell = watchStateIsWell(state.state);
+    JsonLevels levels;
+    JsonWriter writer(out, levels);
+    writer.StartObject();
+    jsonPlain(writer, "status", isWell ? "ok" : "failed");
+    jsonPlain(writer, "source", watchStateKey(state.state));
+    jsonSafe(writer, "words", watchedWords(state));
+    jsonMember(writer, "intervals", intervalsCounted());
+    writer.EndObject();
+    out.Put('\n');
     return !out.failed;
 }
 
@@ -239,8 +255,8 @@ const char* settle() {
     if (rules.listen.sizeBytes == 0) (void)listenAddressParse(kDefaultListen, &rules.listen);
     if (rules.mostClients == 0) rules.mostClients = 200;
     rules.routes = {.furtherNames = serve.hostNames, .assets = webAssets()};
-    rules.answers = {writeEvent, writeMetrics, writeHistoryOfTotals, writeHistoryOfRow,
-                     writeHealth};
+    rules.answers = {writeSource,          writeEvent,        writeMetrics,
+                     writeHistoryOfTotals, writeHistoryOfRow, writeHealth};
     if (serve.hasPace && traceSettings.liveCapture) return "takes --pace with -r only";
     return nullptr;
 }
@@ -250,18 +266,17 @@ bool prepare() {
     return serverBind(serve.rules);
 }
 
+void sourceChanged() {
+    serverPublish(StreamEvent::kSource);
+}
+
 bool start() {
     {
         const LockGuard guard(serve.lock);
         serve.series.rules = serve.seriesRules;
-        serve.source = traceSettings.liveCapture ? Source::kLive : Source::kReading;
     }
+    sourceChanged();  // a first one
     return serverStart() && startTimer<serverSweep>(kSweepSeconds) == kStatusSuccess;
-}
-
-void sourceEnded() {
-    const LockGuard guard(serve.lock);
-    serve.source = Source::kRead;
 }
 
 // Waits until as much time has passed as did for the packets.
@@ -275,13 +290,22 @@ void keepPace(const SnapHeader& snapshot) {
     if (due > now) (void)stopSleep(due - now);
 }
 
+// The longest stays for a while: after a stall the next interval is in time again, and whoever asks
+// each minute would never see it.
+void noteLag(double seconds) PELMO_REQUIRES(serve.lock) {
+    const double now = clockSteadySeconds();
+    if (seconds < serve.lagSeconds && now - serve.lagNotedSeconds < kLagKeptSeconds) return;
+    serve.lagSeconds = seconds;
+    serve.lagNotedSeconds = now;
+}
+
 void addUp(const SnapHeader& snapshot) {
     const double elapsed = secondsOf(snapshot.span.elapsedNanoseconds);
     const LockGuard guard(serve.lock);
     seriesAdd(serve.series, snapshot);
     historyAdd(serve.history, snapshot);
     serve.snapshotTimeSeconds = secondsOf(snapshot.thisTime);
-    serve.lagSeconds = traceSettings.liveCapture ? std::max(0.0, elapsed - intervalSeconds()) : 0;
+    if (traceSettings.liveCapture) noteLag(std::max(0.0, elapsed - intervalSeconds()));
 }
 
 // The block with the Snapshot for one that nobody needs any more.
@@ -305,7 +329,7 @@ bool snapshot(SnapHeader& snapshot) {
     if (serve.hasPace) keepPace(snapshot);
     addUp(snapshot);
     keep();
-    serverPublish();
+    serverPublish(StreamEvent::kSnapshot);
     return true;
 }
 
@@ -330,7 +354,7 @@ const Form kServeForm = {
     .prepare = prepare,
     .start = start,
     .snapshot = snapshot,
-    .sourceEnded = sourceEnded,
+    .sourceChanged = sourceChanged,
     .end = end,
     .showsProgress = true,
     .staysOpen = true,

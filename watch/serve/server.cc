@@ -11,7 +11,10 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
+#include <functional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "lib/base/clock.h"
 #include "lib/base/lock.h"
@@ -21,6 +24,7 @@
 #include "watch/serve/peer_taken.h"
 #include "watch/serve/safe_headers.h"
 #include "watch/serve/shared_text.h"
+#include "watch/serve/zipped.h"
 
 namespace {
 
@@ -35,6 +39,8 @@ constexpr size_t kHeaderBytes = 1024;
 constexpr double kKeepSeconds = 1;
 // After capture and whatever else the machine has to do.
 constexpr int kNice = 10;
+// Less isn't worth a compression.
+constexpr size_t kLeastZippedBytes = 1024;
 
 // A connection. Guarded by Server::lock.
 struct Client : CrowdMember {
@@ -58,21 +64,28 @@ struct Server {
 
     Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
     Crowd crowd PELMO_GUARDED_BY(lock) = {};
-    uint64_t published PELMO_GUARDED_BY(lock) = 0;  // intervals
+    EventNumbers published PELMO_GUARDED_BY(lock) = {};
     uint64_t cutOffClients PELMO_GUARDED_BY(lock) = 0;
     bool isEnding PELMO_GUARDED_BY(lock) = false;
     // What slow readers hold so that no newer text can be written; null where nobody waits for it.
     const Body* inTheWay PELMO_GUARDED_BY(lock) = nullptr;
 
     // Of the server's thread.
-    SharedText events;
-    uint64_t eventNumber = 0;  // of the newest text
-    EventPlaces places = {};
-    uint64_t asked = 0;  // the interval that was asked for last
+    SharedText events[kStreamEvents];
+    SharedText zippedEvents[kStreamEvents];  // the same as fragments (zipped.h)
+    SharedText zippedSnapshot;
+    EventPlaces places = {};  // of the newest interval's
+    EventNumbers asked = {};  // for last
     SharedText metrics;
+    SharedText zippedMetrics;
+    std::vector<BodyHold> zippedAssets;  // in the order of the assets; empty until one is asked for
     double metricsSeconds = 0;
-    bool closesAfterAnswer = false;  // of the request that is being answered
     bool isNice = false;
+
+    // Of the request that is being answered.
+    bool closesAfterAnswer = false;
+    bool takesZipped = false;
+    bool isHead = false;
 };
 
 Server server;
@@ -121,7 +134,7 @@ bool hasLeft(const Client& client) {
     return client.isSuspended && poll(&look, 1, 0) == 1;
 }
 
-bool isLate(const Client& client, double nowSeconds) {
+bool isLate(Client& client, double nowSeconds) {
     const double seconds = nowSeconds - client.sinceSeconds;
     switch (client.phase) {
         case CrowdPhase::kRequest:
@@ -129,7 +142,7 @@ bool isLate(const Client& client, double nowSeconds) {
         case CrowdPhase::kAnswer:
             return seconds > kServerAnswerSeconds;
         case CrowdPhase::kEvents:
-            return eventsIsStalled(client.events, nowSeconds);
+            return eventsIsStalled(client.events, client.takenBytes, nowSeconds);
         case CrowdPhase::kIdle:
             return seconds > kServerIdleSeconds;
     }
@@ -144,6 +157,11 @@ bool isInTheWayLocked(const Client& client, double nowSeconds) PELMO_REQUIRES(se
 }
 
 // Answers.
+
+std::string_view headerOf(MHD_Connection* connection, const char* name) {
+    const char* const value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    return value != nullptr ? value : "";
+}
 
 constexpr const char* kPlainText = "text/plain; charset=utf-8";
 constexpr const char* kJson = "application/json; charset=utf-8";
@@ -173,7 +191,7 @@ MHD_Result queue(MHD_Connection* connection,
     bool isWhole = addHeaders(response, contentType, isPage);
     if (server.closesAfterAnswer)
         isWhole &= addHeader(response, MHD_HTTP_HEADER_CONNECTION, "close");
-    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) isWhole &= addHeader(response, "Allow", "GET");
+    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) isWhole &= addHeader(response, "Allow", "GET, HEAD");
     const MHD_Result result = isWhole ? MHD_queue_response(connection, status, response) : MHD_NO;
     MHD_destroy_response(response);
     return result;
@@ -199,6 +217,21 @@ MHD_Response* responseOfBody(BodyHold body, size_t at, size_t sizeBytes) {
     return response;
 }
 
+// Answers that are compressed for those who take that say so to caches in any case.
+MHD_Result queueText(MHD_Connection* connection,
+                     unsigned status,
+                     MHD_Response* response,
+                     std::string_view contentType,
+                     bool isZipped) {
+    if (response == nullptr) return MHD_NO;
+    const bool isWhole =
+        addHeader(response, "Vary", "Accept-Encoding") &&
+        (!isZipped || addHeader(response, MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip"));
+    if (isWhole) return queue(connection, status, response, contentType);
+    MHD_destroy_response(response);
+    return MHD_NO;
+}
+
 MHD_Result answerLine(MHD_Connection* connection, unsigned status, const char* line) {
     char text[128];
     const int length = std::snprintf(text, sizeof text, "%s\n", line);
@@ -217,9 +250,31 @@ BodyHold makeBody(Write write) {
     return body;
 }
 
-MHD_Result answerBody(MHD_Connection* connection, const BodyHold& body, const char* contentType) {
+MHD_Result answerBody(MHD_Connection* connection,
+                      const BodyHold& body,
+                      const char* contentType,
+                      bool isZipped,
+                      unsigned status = MHD_HTTP_OK) {
     if (!body) return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no memory at present");
-    return queue(connection, MHD_HTTP_OK, responseOfBody(body, 0, body.text().size()), contentType);
+    return queueText(connection, status, responseOfBody(body, 0, body.text().size()), contentType,
+                     isZipped);
+}
+
+BodyHold zippedOf(std::string_view text) {
+    return makeBody([text](JsonBuffer& out) {
+        zippedAppend(out, text);
+        return !out.failed;
+    });
+}
+
+// Of a text of this client's own. Without memory for less it gets the text as it is.
+MHD_Result answerText(MHD_Connection* connection, BodyHold body, const char* contentType) {
+    BodyHold zipped;
+    if (body && server.takesZipped && body.text().size() >= kLeastZippedBytes) {
+        zipped = zippedOf(body.text());
+    }
+    const bool isZipped = static_cast<bool>(zipped);
+    return answerBody(connection, isZipped ? zipped : body, contentType, isZipped);
 }
 
 // May a newer text be written? If not, notes what is in the way.
@@ -235,6 +290,21 @@ void noteText(Client* client, const BodyHold& body) {
     client->text = body.address();
 }
 
+// The compressed form of a text, `plain` or a part of it, written now where that is newer. Without
+// memory for it, or while slow readers are in the way, false.
+template <typename Append>
+bool renewZipped(SharedText& zipped, const SharedText& plain, Append append) {
+    if (zipped.newest && zipped.number == plain.number) return true;
+    if (!plain.newest || !mayRenew(zipped)) return false;
+    BodyHold body = makeBody([&](JsonBuffer& out) {
+        append(out);
+        return !out.failed;
+    });
+    if (!body) return false;
+    sharedTextRenew(zipped, std::move(body), plain.number);
+    return true;
+}
+
 // Without memory for newer ones the last stay.
 MHD_Result answerMetrics(MHD_Connection* connection, Client* client) {
     const double now = clockSteadySeconds();
@@ -242,60 +312,109 @@ MHD_Result answerMetrics(MHD_Connection* connection, Client* client) {
     if (isDue && mayRenew(server.metrics)) {
         BodyHold body = makeBody(server.rules->answers.metrics);
         server.metricsSeconds = now;
-        if (body) sharedTextRenew(server.metrics, std::move(body));
+        if (body) sharedTextRenew(server.metrics, std::move(body), server.metrics.number + 1);
     }
-    noteText(client, server.metrics.newest);
-    return answerBody(connection, server.metrics.newest, kMetricsText);
+    const bool isZipped = server.takesZipped &&
+                          renewZipped(server.zippedMetrics, server.metrics, [](JsonBuffer& out) {
+                              zippedAppend(out, server.metrics.newest.text());
+                          });
+    const BodyHold& body = (isZipped ? server.zippedMetrics : server.metrics).newest;
+    noteText(client, body);
+    return answerBody(connection, body, kMetricsText, isZipped);
 }
 
-Event lastEvent() {
-    return {server.events.newest, server.eventNumber};
+constexpr std::string_view kSourceBegin = "event: source\ndata: ";
+
+bool writeEvent(StreamEvent kind, JsonBuffer& out, EventPlaces& places) {
+    const ServerAnswers& answers = server.rules->answers;
+    if (kind == StreamEvent::kSnapshot) return answers.event(out, places);
+    out.append(kSourceBegin);
+    const bool written = answers.source(out);
+    out.append("\n");
+    return written;
 }
 
-// The newest event, written now where nobody wanted it before. Without memory for it, or while slow
-// readers are in the way, the one before stays.
-Event newestEvent() {
+// Brings the event's text up to date: it is written now where nobody wanted it before. Without
+// memory for it, or while slow readers are in the way, the one before stays.
+SharedText& newestText(StreamEvent kind) {
+    const auto at = static_cast<size_t>(kind);
+    SharedText& text = server.events[at];
     uint64_t published = 0;
     {
         const LockGuard guard(server.lock);
-        published = server.published;
+        published = server.published.of[at];
     }
-    if (server.asked == published || !mayRenew(server.events)) return lastEvent();
-    server.asked = published;
+    if (server.asked.of[at] == published || !mayRenew(text)) return text;
+    server.asked.of[at] = published;
     EventPlaces places{};
-    BodyHold body =
-        makeBody([&](JsonBuffer& out) { return server.rules->answers.event(out, places); });
-    if (!body) return lastEvent();
-    sharedTextRenew(server.events, std::move(body));
-    server.eventNumber = published;
-    server.places = places;
-    return lastEvent();
+    BodyHold body = makeBody([&](JsonBuffer& out) { return writeEvent(kind, out, places); });
+    if (!body) return text;
+    sharedTextRenew(text, std::move(body), published);
+    if (kind == StreamEvent::kSnapshot) server.places = places;
+    return text;
+}
+
+// A client that takes fragments gets nothing else: an event that can't be compressed waits.
+Event newestEvent(StreamEvent kind, bool isZipped) {
+    const SharedText& plain = newestText(kind);
+    if (!isZipped) return {plain.newest, plain.number};
+    SharedText& zipped = server.zippedEvents[static_cast<size_t>(kind)];
+    (void)renewZipped(zipped, plain, [&plain](JsonBuffer& out) {
+        zippedAppendFragment(out, plain.newest.text());
+    });
+    return {zipped.newest, zipped.number};
+}
+
+Events newestEvents(bool isZipped) {
+    return {{newestEvent(StreamEvent::kSource, isZipped),
+             newestEvent(StreamEvent::kSnapshot, isZipped)}};
 }
 
 MHD_Result answerSnapshot(MHD_Connection* connection, Client* client) {
-    const Event newest = newestEvent();
-    if (!newest.body) {
+    const SharedText& plain = newestText(StreamEvent::kSnapshot);
+    if (!plain.newest) {
         return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no interval has ended yet");
     }
-    noteText(client, newest.body);
-    return queue(connection, MHD_HTTP_OK,
-                 responseOfBody(newest.body, server.places.jsonAt, server.places.jsonBytes), kJson);
+    const auto [at, sizeBytes] = server.places;
+    const bool isZipped =
+        server.takesZipped && renewZipped(server.zippedSnapshot, plain, [&](JsonBuffer& out) {
+            zippedAppend(out, plain.newest.text().substr(at, sizeBytes));
+        });
+    if (isZipped) {
+        noteText(client, server.zippedSnapshot.newest);
+        return answerBody(connection, server.zippedSnapshot.newest, kJson, true);
+    }
+    noteText(client, plain.newest);
+    return queueText(connection, MHD_HTTP_OK, responseOfBody(plain.newest, at, sizeBytes), kJson,
+                     false);
 }
 
 MHD_Result answerHistory(MHD_Connection* connection, const Route& route) {
     const ServerAnswers& answers = server.rules->answers;
     const bool isRow = route.kind == RouteKind::kHistoryOfRow;
-    return answerBody(connection, makeBody([&](JsonBuffer& out) {
+    return answerText(connection, makeBody([&](JsonBuffer& out) {
                           return isRow ? answers.historyOfRow(route.row, out)
                                        : answers.historyOfTotals(out);
                       }),
                       kJson);
 }
 
+MHD_Result answerHealth(MHD_Connection* connection) {
+    bool isWell = true;
+    const BodyHold body =
+        makeBody([&](JsonBuffer& out) { return server.rules->answers.health(out, isWell); });
+    return answerBody(connection, body, kJson, false,
+                      isWell ? MHD_HTTP_OK : MHD_HTTP_SERVICE_UNAVAILABLE);
+}
+
 // Called by libmicrohttpd for more bytes of an event stream.
-ssize_t readEvents(void* context, uint64_t, char* buffer, size_t sizeBytes) {
+ssize_t readEvents(void* context, uint64_t at, char* buffer, size_t sizeBytes) {
     auto* const client = static_cast<Client*>(context);
-    const Event newest = newestEvent();
+    const bool isZipped = client->events.isZipped;  // constant while there is a stream
+    if (isZipped && at == 0) {
+        return static_cast<ssize_t>(kZippedHeader.copy(buffer, sizeBytes));
+    }
+    const Events newest = newestEvents(isZipped);
     const LockGuard guard(server.lock);
     if (client->isCut || server.isEnding) return MHD_CONTENT_READER_END_OF_STREAM;
     const std::string_view piece =
@@ -311,12 +430,15 @@ ssize_t readEvents(void* context, uint64_t, char* buffer, size_t sizeBytes) {
 }
 
 MHD_Result answerEvents(MHD_Connection* connection, Client* client) {
+    constexpr const char* kEventStream = "text/event-stream";
+    if (server.isHead) return queue(connection, MHD_HTTP_OK, responseOfConstant(""), kEventStream);
     bool hasRoom = false;
     {
         const LockGuard guard(server.lock);
         hasRoom = crowdHasRoomForEvents(server.crowd, *client);
         if (hasRoom) {
             client->events = {};
+            client->events.isZipped = server.takesZipped;
             client->events.sinceSeconds = clockSteadySeconds();
             client->connection = connection;
             setPhaseLocked(client, CrowdPhase::kEvents);
@@ -326,17 +448,63 @@ MHD_Result answerEvents(MHD_Connection* connection, Client* client) {
         return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "too many follow the events");
     }
     server.closesAfterAnswer = true;
-    return queue(connection, MHD_HTTP_OK,
-                 MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kServerClientBytes, readEvents,
-                                                   client, nullptr),
-                 "text/event-stream");
+    return queueText(connection, MHD_HTTP_OK,
+                     MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kServerClientBytes,
+                                                       readEvents, client, nullptr),
+                     kEventStream, server.takesZipped);
+}
+
+// Compressed when it is first asked for; null where there is no memory.
+const BodyHold& zippedAsset(const WebAsset& asset) {
+    const std::span assets = server.rules->routes.assets;
+    BodyHold& zipped = server.zippedAssets[static_cast<size_t>(&asset - assets.data())];
+    if (!zipped) zipped = zippedOf(asset.body);
+    return zipped;
+}
+
+// The same for all forms of a text: hence weak (RFC 9110, 8.8.1).
+std::string tagOf(std::string_view text) {
+    char tag[40];
+    const uint64_t hash = std::hash<std::string_view>()(text);
+    std::snprintf(tag, sizeof tag, "W/\"%zx-%016llx\"", text.size(),
+                  static_cast<unsigned long long>(hash));
+    return tag;
+}
+
+MHD_Result queueAsset(MHD_Connection* connection,
+                      unsigned status,
+                      MHD_Response* response,
+                      const WebAsset& asset,
+                      bool isZipped) {
+    if (response == nullptr) return MHD_NO;
+    const bool isWhole =
+        addHeader(response, MHD_HTTP_HEADER_ETAG, tagOf(asset.body)) &&
+        addHeader(response, "Vary", "Accept-Encoding") &&
+        (!isZipped || addHeader(response, MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip"));
+    if (isWhole) return queue(connection, status, response, asset.contentType, true);
+    MHD_destroy_response(response);
+    return MHD_NO;
+}
+
+MHD_Result answerAsset(MHD_Connection* connection, const WebAsset& asset) {
+    const std::string_view known = headerOf(connection, MHD_HTTP_HEADER_IF_NONE_MATCH);
+    if (known == "*" || known.find(tagOf(asset.body)) != std::string_view::npos) {
+        return queueAsset(connection, MHD_HTTP_NOT_MODIFIED, responseOfConstant(""), asset, false);
+    }
+    if (server.takesZipped && asset.body.size() >= kLeastZippedBytes) {
+        const BodyHold& zipped = zippedAsset(asset);
+        if (zipped) {
+            return queueAsset(connection, MHD_HTTP_OK,
+                              responseOfBody(zipped, 0, zipped.text().size()), asset, true);
+        }
+    }
+    return queueAsset(connection, MHD_HTTP_OK, responseOfConstant(asset.body), asset, false);
 }
 
 MHD_Result answer(MHD_Connection* connection, Client* client, const Route& route) {
     switch (route.kind) {
         case RouteKind::kAsset:
-            return queue(connection, MHD_HTTP_OK, responseOfConstant(route.asset->body),
-                         route.asset->contentType, true);
+            return answerAsset(connection, *route.asset);
         case RouteKind::kMetrics:
             return answerMetrics(connection, client);
         case RouteKind::kSnapshot:
@@ -346,8 +514,10 @@ MHD_Result answer(MHD_Connection* connection, Client* client, const Route& route
         case RouteKind::kHistoryOfTotals:
         case RouteKind::kHistoryOfRow:
             return answerHistory(connection, route);
+        case RouteKind::kSource:
+            return answerText(connection, makeBody(server.rules->answers.source), kJson);
         case RouteKind::kHealth:
-            return answerBody(connection, makeBody(server.rules->answers.health), kJson);
+            return answerHealth(connection);
         case RouteKind::kRefusal:
             return answerLine(connection, route.status, route.reason);
     }
@@ -385,11 +555,6 @@ Client* clientOf(MHD_Connection* connection) {
     return info != nullptr ? static_cast<Client*>(info->socket_context) : nullptr;
 }
 
-std::string_view headerOf(MHD_Connection* connection, const char* name) {
-    const char* const value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
-    return value != nullptr ? value : "";
-}
-
 // Does the request say that it brings something?
 bool hasBody(MHD_Connection* connection) {
     const auto has = [connection](const char* name) {
@@ -422,7 +587,8 @@ MHD_Result onRequest(void*,
     // A connection goes on only after an answer that waited for the request's end. Requests that
     // bring something are answered before it, and their connections closed: nothing that follows
     // may be taken for another request.
-    const bool isPlain = std::string_view(method) == "GET" && !hasBody(connection);
+    const bool isHead = std::string_view(method) == "HEAD";
+    const bool isPlain = (isHead || std::string_view(method) == "GET") && !hasBody(connection);
     if (*requestContext == nullptr && isPlain) {
         *requestContext = client;
         return MHD_YES;
@@ -435,6 +601,8 @@ MHD_Result onRequest(void*,
         request.isExtra = client->isExtra;
     }
     server.closesAfterAnswer = !isPlain || request.isExtra;
+    server.isHead = isHead;
+    server.takesZipped = zippedIsAccepted(headerOf(connection, MHD_HTTP_HEADER_ACCEPT_ENCODING));
     QueryParts query{};
     MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, takeQueryPart, &query);
     request.query = {query.parts, query.count};
@@ -548,6 +716,7 @@ void tellAddress() {
 
 bool serverBind(const ServerRules& rules) {
     server.rules = &rules;
+    server.zippedAssets.resize(rules.routes.assets.size());
     {
         const LockGuard guard(server.lock);
         server.crowd.most = rules.mostClients;
@@ -577,9 +746,9 @@ bool serverStart() {
     return true;
 }
 
-void serverPublish() {
+void serverPublish(StreamEvent kind) {
     const LockGuard guard(server.lock);
-    ++server.published;
+    ++server.published.of[static_cast<size_t>(kind)];
     for (Client* client = firstLocked(); client != nullptr; client = nextOf(client)) {
         wakeLocked(client);
     }
@@ -617,6 +786,10 @@ void serverStop() {
         }
     }
     MHD_stop_daemon(std::exchange(server.daemon, nullptr));
-    server.metrics = {};
-    server.events = {};
+    server.zippedAssets.clear();
+    for (SharedText* const text :
+         {&server.metrics, &server.zippedMetrics, &server.events[0], &server.events[1],
+          &server.zippedEvents[0], &server.zippedEvents[1], &server.zippedSnapshot}) {
+        *text = {};
+    }
 }

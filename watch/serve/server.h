@@ -22,6 +22,7 @@
 #include <cstdint>
 
 #include "watch/serve/body.h"
+#include "watch/serve/events.h"
 #include "watch/serve/history.h"
 #include "watch/serve/listen_address.h"
 #include "watch/serve/route.h"
@@ -43,13 +44,17 @@ struct EventPlaces {
 
 // What answers are made of. Each writes its text; false where it can't.
 struct ServerAnswers {
+    bool (*source)(JsonBuffer& out);
+
     // Of the newest interval that was published, once for each at most.
     bool (*event)(JsonBuffer& out, EventPlaces& places);
 
     bool (*metrics)(JsonBuffer& out);
     bool (*historyOfTotals)(JsonBuffer& out);
     bool (*historyOfRow)(const RowKey& row, JsonBuffer& out);
-    bool (*health)(JsonBuffer& out);
+
+    // Sets whether all is well: 503 if not.
+    bool (*health)(JsonBuffer& out, bool& isWell);
 };
 
 struct ServerRules {
@@ -64,8 +69,8 @@ struct ServerRules {
 // Listens from here on, which the log tells.
 [[nodiscard]] bool serverStart();
 
-// There is a new interval to be asked for.
-void serverPublish();
+// There is a new interval to be asked for, or what is watched has changed.
+void serverPublish(StreamEvent kind);
 
 // Cuts off clients whose time is up. Once a second.
 void serverSweep();

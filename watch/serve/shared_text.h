@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "watch/serve/body.h"
@@ -18,8 +19,9 @@
 inline constexpr size_t kMostBodyBytes = size_t{64} << 20;
 
 struct SharedText {
-    BodyHold newest;  // empty: there is none yet
-    BodyHold old;     // held here for as long as others hold it
+    BodyHold newest;      // empty: there is none yet
+    BodyHold old;         // held here for as long as others hold it
+    uint64_t number = 0;  // of the newest, in whatever way its owner counts
 };
 
 // Call it before a new text is written.
@@ -29,7 +31,8 @@ struct SharedText {
     return bodyBytes() < kMostBodyBytes && !(isHeld && text.old);
 }
 
-inline void sharedTextRenew(SharedText& text, BodyHold next) {
+inline void sharedTextRenew(SharedText& text, BodyHold next, uint64_t number) {
     if (text.newest && text.newest.isShared()) text.old = std::move(text.newest);
     text.newest = std::move(next);
+    text.number = number;
 }

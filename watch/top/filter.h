@@ -1,14 +1,21 @@
-// What is typed to see some of the rows only. One text, taken for all that it may be: a row is
-// shown if
+// What is typed to see some of the rows only: words with blanks between them, all of which have to
+// fit a row. The pages have the same (docs/OPERATING.md, "What the filter takes").
 //
-//     PRICES.*.GOLD, ORDERS.>   its subject matches; "*" is any element, ">" all the rest
-//     7500                      its port is that, or any text of it has these digits
-//     10.0.0.1, 10.0.           its group, or one of its hosts, is that address or begins so
-//     anything else             its subject or its group has that text, whatever the letters' case
+//     PRICES.*.GOLD, ORDERS.>    its subject matches; "*" is any element, ">" all the rest
+//     10.0.0.1, 10.0, 10.0.0.0/24
+//                                its group or one of its hosts: an address, the beginning of one, a
+//                                network
+//     :7500                      its port, that of its service, or an SCid of one of its hosts
+//     7500                       the same, or text
+//     gaps>0, bytes>=2.5M        a number as it is shown, by its column's heading or name
+//     gold, "two words"          text of its subject, its group or one of its hosts
+//     !WORD                      what WORD doesn't fit
 //
-// A pattern shows nothing in a table without subjects.
+// Letters' case is no matter. A pattern fits nothing in a table without subjects.
 //
 // Ownership: plain values.
+//
+// Failure: std::bad_alloc.
 //
 // Threads: no state; the owner serialises.
 
@@ -16,24 +23,47 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "lib/containers/subject.h"
 #include "watch/top/rows.h"
 
 inline constexpr size_t kMostFilterBytes = 200;
 
-struct TopFilter {
-    std::string text;  // empty: all rows
-
-    // What it may be.
-    bool isPattern = false;
-    uint8_t pattern[kSubjectMaxBytes + 1] = {};  // packed
-    uint32_t port = 0;                           // 0: no port
-    bool isAddress = false;                      // or the beginning of one
-    bool isWholeAddress = false;
+enum class TopWordKind : uint8_t {
+    kText,
+    kPattern,
+    kAddress,  // or the beginning of one
+    kNetwork,
+    kPort,
+    kPortOrText,
+    kNumber,
 };
 
-// UTF-8, of kMostFilterBytes at most.
-[[nodiscard]] TopFilter filterOf(std::string_view text);
+enum class TopRelation : uint8_t { kLess, kMost, kEqual, kUnequal, kLeast, kMore };
 
-[[nodiscard]] bool filterShows(const TopFilter& filter, const TopRows& rows, const TopRow& row);
+struct TopWord {
+    TopWordKind kind = TopWordKind::kText;
+    bool isNot = false;
+    std::string text;  // without quotes, in small letters
+
+    uint8_t pattern[kSubjectMaxBytes + 1] = {};  // packed
+    bool isWholeAddress = false;
+    uint32_t network = 0, mask = 0;  // in host order
+    uint16_t port = 0;
+    size_t column = 0;
+    TopRelation relation = TopRelation::kEqual;
+    double number = 0;
+};
+
+struct TopFilter {
+    std::string text;  // empty: all rows
+    std::vector<TopWord> words = {};
+    std::string fault = {};  // a word that fits nothing, and why: then no row is shown
+    double scale = 1;        // by which numbers are multiplied as they are shown
+};
+
+// UTF-8, of kMostFilterBytes at most, for the columns of a table.
+[[nodiscard]] TopFilter filterOf(std::string_view text, TopTable table);
+
+[[nodiscard]] bool filterShows(const TopFilter& filter, const TopRows& rows, size_t row);

@@ -19,6 +19,9 @@ enum TopKey : uint32_t {
     kKeyHome,
     kKeyEnd,
     kKeyBackTab,
+    kKeyWheelUp,
+    kKeyWheelDown,
+    kKeyClick,  // where, the terminal knows (watch/top/terminal.h)
 };
 
 inline constexpr uint32_t kKeyTab = '\t';
@@ -34,6 +37,8 @@ enum class TopAction : uint8_t {
     kDown,
     kPageUp,
     kPageDown,
+    kWheelUp,
+    kWheelDown,
     kFirst,
     kLast,
     kTable1,

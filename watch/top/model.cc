@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr size_t kWheelLines = 3;
+
 Pane& paneOf(TopModel& model) {
     return model.panes[static_cast<size_t>(model.table)];
 }
@@ -46,6 +48,10 @@ void takeAll(TopModel& model, const SnapHeader& snapshot) {
                  seconds);
     }
     model.live.head = headOf(snapshot);
+    TopSeen& seen = model.live.seen;
+    seen.busPackets += snapshot.oskaPackets;
+    for (size_t kind = 0; kind < kSnapNotReadKinds; ++kind)
+        seen.notRead[kind] += snapshot.source.notRead[kind];
 }
 
 bool isFrozen(const TopModel& model) {
@@ -63,6 +69,20 @@ void showTable(TopModel& model, size_t table) {
     model.table = static_cast<TopTable>(table % kTopTables);
 }
 
+// The column that sorts already turns its order round.
+void sortByColumn(Pane& pane, size_t column) {
+    const bool isSame = std::exchange(pane.sortColumn, column) == column;
+    pane.isAscending = isSame ? !pane.isAscending : column < kSortNumbers;
+    pane.isStale = true;
+}
+
+// A click on the row under the cursor opens it.
+void clickRow(Pane& pane, const TopRows& rows, size_t line) {
+    if (line >= paneLineCount(pane)) return;
+    if (pane.cursor == line) return paneToggle(pane, rows);
+    paneMove(pane, rows, line);
+}
+
 void sortBy(TopModel& model, size_t step) {
     Pane& pane = paneOf(model);
     const size_t columns = paneColumns(model.table);
@@ -71,6 +91,14 @@ void sortBy(TopModel& model, size_t step) {
     } while (!paneHasColumn(model.table, pane.sortColumn));
     pane.isAscending = pane.sortColumn < kSortNumbers;
     pane.isStale = true;
+}
+
+// Numbers are compared as they are shown. Before each arrangement.
+void scaleFilter(TopModel& model) {
+    Pane& pane = paneOf(model);
+    const double seconds = topState(model).head.seconds;
+    const double scale = model.showsRates && seconds > 0 ? 1 / seconds : 1;
+    if (std::exchange(pane.filter.scale, scale) != scale) pane.isStale = true;
 }
 
 void setFilter(Pane& pane, TopFilter filter) {
@@ -92,6 +120,8 @@ void move(TopModel& model, TopAction action, size_t room) {
     if (action == TopAction::kDown) line += 1;
     if (action == TopAction::kPageUp) line -= std::min(line, page);
     if (action == TopAction::kPageDown) line += page;
+    if (action == TopAction::kWheelUp) line -= std::min(line, kWheelLines);
+    if (action == TopAction::kWheelDown) line += kWheelLines;
     if (action == TopAction::kFirst) line = 0;
     if (action == TopAction::kLast) line = paneLineCount(pane);
     paneMove(pane, topRows(model), line);
@@ -106,6 +136,8 @@ TopAnswer act(TopModel& model, TopAction action, size_t room) {
         case TopAction::kDown:
         case TopAction::kPageUp:
         case TopAction::kPageDown:
+        case TopAction::kWheelUp:
+        case TopAction::kWheelDown:
         case TopAction::kFirst:
         case TopAction::kLast:
             move(model, action, room);
@@ -169,9 +201,11 @@ TopAnswer act(TopModel& model, TopAction action, size_t room) {
 TopAnswer pressInHelp(TopModel& model, uint32_t key) {
     switch (const TopAction action = topKeyAction(key)) {
         case TopAction::kUp:
+        case TopAction::kWheelUp:
             model.helpScroll -= std::min<size_t>(model.helpScroll, 1);
             break;
         case TopAction::kDown:
+        case TopAction::kWheelDown:
             ++model.helpScroll;
             break;
         case TopAction::kQuit:
@@ -226,6 +260,8 @@ void pressInFilter(TopModel& model, uint32_t key, size_t room) {
         case kKeyDown:
         case kKeyPageUp:
         case kKeyPageDown:
+        case kKeyWheelUp:
+        case kKeyWheelDown:
             return move(model, topKeyAction(key), room);
         case kKeyBackspace:
         case '\b':
@@ -238,7 +274,7 @@ void pressInFilter(TopModel& model, uint32_t key, size_t room) {
             if (!isTyped(key) || text.size() + 4 > kMostFilterBytes) return;
             appendUtf8(text, key);
     }
-    setFilter(pane, filterOf(text));
+    setFilter(pane, filterOf(text, model.table));
     pane.hasCursorKey = false;
 }
 
@@ -253,6 +289,15 @@ void topInit(TopModel& model) {
     }
 }
 
+void topSetSource(TopModel& model, const WatchedState& state) {
+    const char* const words[] = {"", "LINK DOWN", "WAITING", "", "end of file", "FAILED"};
+    const bool isWell = watchStateIsWell(state.state);
+    model.state = words[static_cast<size_t>(state.state)];
+    model.trouble = isWell ? std::string() : watchedWords(state);
+    model.isAtEnd = state.state == WatchState::kRead || state.state == WatchState::kFailed;
+    if (!model.isLive && model.isAtEnd) model.isHeld = false;
+}
+
 void topTake(TopModel& model, const SnapHeader& snapshot) {
     try {
         takeAll(model, snapshot);
@@ -265,6 +310,7 @@ void topTake(TopModel& model, const SnapHeader& snapshot) {
 
 TopAnswer topPress(TopModel& model, uint32_t key, size_t room) {
     model.note.clear();
+    scaleFilter(model);
     try {
         paneArrange(paneOf(model), topRows(model));  // an interval may have come since the drawing
         if (model.mode == TopMode::kHelp) return pressInHelp(model, key);
@@ -276,8 +322,27 @@ TopAnswer topPress(TopModel& model, uint32_t key, size_t room) {
     return TopAnswer::kNothing;
 }
 
+void topClick(TopModel& model, const ScreenSpot& spot) {
+    Pane& pane = paneOf(model);
+    model.note.clear();
+    try {
+        switch (spot.kind) {
+            case SpotKind::kTable:
+                return showTable(model, spot.number);
+            case SpotKind::kHeading:
+                return sortByColumn(pane, spot.number);
+            case SpotKind::kRow:
+                // An interval that has come since the drawing would move the row away.
+                if (!pane.isStale) clickRow(pane, topRows(model), spot.number);
+        }
+    } catch (const std::bad_alloc&) {
+        model.ranOut = true;
+    }
+}
+
 void topArrange(TopModel& model, size_t room) {
     Pane& pane = paneOf(model);
+    scaleFilter(model);
     try {
         paneArrange(pane, topRows(model));
     } catch (const std::bad_alloc&) {

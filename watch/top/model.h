@@ -21,9 +21,11 @@
 #include <string>
 
 #include "trace/counts/snapshot.h"
+#include "watch/core/watched.h"
 #include "watch/top/keys.h"
 #include "watch/top/pane.h"
 #include "watch/top/rows.h"
+#include "watch/top/screen.h"
 #include "watch/top/trail.h"
 
 // The numbers of a whole interval.
@@ -37,8 +39,15 @@ struct TopHead {
     uint64_t readBytes = 0, fileBytes = 0;
 };
 
+// Since the start.
+struct TopSeen {
+    uint64_t busPackets = 0;
+    uint64_t notRead[kSnapNotReadKinds] = {};
+};
+
 struct TopState {
     TopHead head;
+    TopSeen seen;
     TopRows tables[kTopTables];
 };
 
@@ -54,7 +63,9 @@ struct TopModel {
     TopRows spare[kTopTables];
     Trail trails[kTopTables];
     bool ranOut = false;
-    bool isAtEnd = false;  // of a saved capture
+    bool isAtEnd = false;  // of a saved capture, or of a live one that has failed
+    std::string state;     // of the source, for the head; empty while frames come
+    std::string trouble;   // safe text, why no frames come; empty where all is well
 
     TopTable table = TopTable::kMulticast;
     Pane panes[kTopTables];
@@ -72,6 +83,9 @@ inline constexpr double kTopLeastSpeed = 1.0 / 64;
 
 void topInit(TopModel& model);
 
+// How the source is now.
+void topSetSource(TopModel& model, const WatchedState& state);
+
 // An interval that is over.
 void topTake(TopModel& model, const SnapHeader& snapshot);
 
@@ -80,6 +94,9 @@ enum class TopAnswer : uint8_t { kNothing, kRedraw, kQuit };
 
 // `room` is how many lines of rows the screen shows.
 TopAnswer topPress(TopModel& model, uint32_t key, size_t room);
+
+// A click on a part of the screen that was drawn last.
+void topClick(TopModel& model, const ScreenSpot& spot);
 
 // Brings the table that is looked at into order, and the cursor into sight.
 void topArrange(TopModel& model, size_t room);

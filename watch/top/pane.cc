@@ -108,7 +108,7 @@ void sortRows(Pane& pane, const TopRows& rows) {
     std::vector<Item> items;
     items.reserve(rows.rows.size());
     for (uint32_t at = 0; at < rows.rows.size(); ++at) {
-        if (!filterShows(pane.filter, rows, rows.rows[at])) continue;
+        if (!filterShows(pane.filter, rows, at)) continue;
         items.push_back({rowValue(rows, at, pane.sortColumn), at});
     }
     if (pane.sortColumn != kSortSubject) return sortItems(items, pane.isAscending, pane.order);

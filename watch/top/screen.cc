@@ -98,7 +98,19 @@ void screenClear(Screen& screen, ScreenSize size) {
         line.pieces.clear();
         line.columns = 0;
     }
+    screen.spots.clear();
     screen.hasCursor = false;
+}
+
+void screenMark(Screen& screen, size_t line, size_t begin, SpotKind kind, size_t number) {
+    screen.spots.push_back({kind, number, line, begin, screen.lines[line].columns});
+}
+
+const ScreenSpot* screenSpotAt(const Screen& screen, ScreenPlace place) {
+    const auto found = std::ranges::find_if(screen.spots, [place](const ScreenSpot& spot) {
+        return spot.line == place.line && spot.begin <= place.column && place.column < spot.end;
+    });
+    return found != screen.spots.end() ? &*found : nullptr;
 }
 
 size_t screenColumns(const Screen& screen, std::string_view text) {

@@ -49,10 +49,25 @@ struct ScreenSize {
     size_t columns, lines;
 };
 
+struct ScreenPlace {
+    size_t column, line;
+};
+
+// What a part of a line stands for, so that it can be clicked. Numbers are its own kind's.
+enum class SpotKind : uint8_t { kTable, kHeading, kRow };
+
+struct ScreenSpot {
+    SpotKind kind;
+    size_t number;
+    size_t line;
+    size_t begin, end;  // columns
+};
+
 struct Screen {
     ScreenSize size;
     ScreenSigns signs;
     std::vector<ScreenLine> lines;
+    std::vector<ScreenSpot> spots;
 
     // Where the terminal's cursor stands; it isn't shown without.
     bool hasCursor = false;
@@ -60,6 +75,12 @@ struct Screen {
 };
 
 void screenClear(Screen& screen, ScreenSize size);
+
+// Of the line from a column to its present end.
+void screenMark(Screen& screen, size_t line, size_t begin, SpotKind kind, size_t number);
+
+// Null where there is nothing to click.
+[[nodiscard]] const ScreenSpot* screenSpotAt(const Screen& screen, ScreenPlace place);
 
 // Columns that the text takes on the screen.
 [[nodiscard]] size_t screenColumns(const Screen& screen, std::string_view text);

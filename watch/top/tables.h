@@ -20,7 +20,8 @@ inline constexpr size_t kTopMostNumbers = 8;
 
 struct TopColumn {
     const char* heading;
-    bool isTrouble;  // more than none of it is worth a look
+    std::string_view name;  // for programs, that of the first side
+    bool isTrouble;         // more than none of it is worth a look
 };
 
 struct TopTableInfo {
@@ -43,7 +44,7 @@ template <typename Record, size_t kCount>
 constexpr TopTableInfo tableOf(TopTableInfo info, const Field<Record> (&fields)[kCount]) {
     for (const Field<Record>& field : fields) {
         if (field.side == FieldSide::kReceived) continue;
-        info.columns[info.columnCount++] = {field.heading, isTrouble(field.name)};
+        info.columns[info.columnCount++] = {field.heading, field.name, isTrouble(field.name)};
     }
     return info;
 }

@@ -42,6 +42,7 @@ struct Terminal {
     SCREEN* screen = nullptr;
     bool hasColour = false;
     ScreenSigns signs;
+    ScreenPlace click = {};
 
     // For a rescue: written once, ahead of `isTaken`.
     termios before = {};
@@ -67,6 +68,10 @@ void keepRestore() {
     for (const char* const text :
          {exit_attribute_mode, orig_pair, keypad_local, cursor_normal, exit_ca_mode}) {
         if (text != nullptr) tputs(text, 1, keepRestoreByte);
+    }
+    // The mouse isn't reported any more; terminals that never did don't know what this is.
+    for (const char* text = "\033[?1000l\033[?1006l"; has_mouse() && *text != '\0'; ++text) {
+        keepRestoreByte(*text);
     }
     keepRestoreByte('\r');
 }
@@ -170,6 +175,22 @@ uint32_t keyOfCurses(wint_t curses) {
     return kKeyNone;
 }
 
+// Presses of the first button, and the wheel, which terminals report as two further ones.
+void startMouse() {
+    mousemask(BUTTON1_PRESSED | BUTTON4_PRESSED | BUTTON5_PRESSED, nullptr);
+    mouseinterval(0);  // a click is a press
+}
+
+uint32_t readMouse() {
+    MEVENT event = {};
+    if (getmouse(&event) != OK) return kKeyNone;
+    if ((event.bstate & BUTTON4_PRESSED) != 0) return kKeyWheelUp;
+    if ((event.bstate & BUTTON5_PRESSED) != 0) return kKeyWheelDown;
+    if ((event.bstate & BUTTON1_PRESSED) == 0 || event.x < 0 || event.y < 0) return kKeyNone;
+    terminal.click = {static_cast<size_t>(event.x), static_cast<size_t>(event.y)};
+    return kKeyClick;
+}
+
 // What the program was started on, as the message names it.
 const char* refuseTerminal(const char* what) {
     static char text[160];
@@ -213,6 +234,7 @@ bool terminalOpen() {
     if (tcgetattr(terminal.inputDescriptor, &terminal.before) != 0) return false;
     terminal.screen = newterm(nullptr, stdout, terminal.input);
     if (terminal.screen == nullptr) return false;
+    startMouse();
     keepRestore();
     terminal.isTaken = true;
     // Curses would stop the process by itself, whatever its threads are doing.
@@ -272,8 +294,14 @@ bool terminalReadKey(uint32_t* key) {
     wint_t read = 0;
     const int kind = get_wch(&read);
     if (kind == ERR) return false;
-    *key = kind == KEY_CODE_YES ? keyOfCurses(read) : static_cast<uint32_t>(read);
+    *key = kind != KEY_CODE_YES ? static_cast<uint32_t>(read)
+           : read == KEY_MOUSE  ? readMouse()
+                                : keyOfCurses(read);
     return true;
+}
+
+ScreenPlace terminalClick() {
+    return terminal.click;
 }
 
 void terminalLeave() {

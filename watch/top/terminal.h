@@ -40,6 +40,9 @@ void terminalForget();
 // sequence that one key sends. False where there is none.
 [[nodiscard]] bool terminalReadKey(uint32_t* key);
 
+// Where the last kKeyClick was.
+[[nodiscard]] ScreenPlace terminalClick();
+
 // Gives the terminal back as it was, and takes it again: around a stop of the process.
 void terminalLeave();
 void terminalReturn();

@@ -25,6 +25,7 @@
 #include "watch/core/span.h"
 #include "watch/core/stop.h"
 #include "watch/core/text.h"
+#include "watch/core/watched.h"
 #include "watch/top/kept_log.h"
 #include "watch/top/model.h"
 #include "watch/top/replay_pace.h"
@@ -155,9 +156,20 @@ TopAnswer press(uint32_t key) {
     return topPress(*top.model, key, room);
 }
 
+void click() {
+    const ScreenSpot* const spot = screenSpotAt(*top.screen, terminalClick());
+    if (spot == nullptr) return;
+    const LockGuard guard(top.lock);
+    topClick(*top.model, *spot);
+}
+
 void readKeys() {
     uint32_t key = 0;
     while (terminalReadKey(&key)) {
+        if (key == kKeyClick) {
+            click();
+            continue;
+        }
         const TopAnswer answer = press(key);
         if (answer == TopAnswer::kQuit) stopAsk();
         if (answer == TopAnswer::kRedraw) terminalForget();
@@ -325,11 +337,15 @@ bool snapshot(SnapHeader& snapshot) {
     return true;
 }
 
-void sourceEnded() {
+void sourceChanged() {
+    const WatchedState state = watchedState();
     {
         const LockGuard guard(top.lock);
-        top.model->isAtEnd = true;
-        top.model->isHeld = false;
+        try {
+            topSetSource(*top.model, state);
+        } catch (const std::bad_alloc&) {
+            top.model->ranOut = true;
+        }
     }
     wakeScreen();
 }
@@ -366,7 +382,7 @@ const Form kTopForm = {
     .prepare = prepare,
     .start = start,
     .snapshot = snapshot,
-    .sourceEnded = sourceEnded,
+    .sourceChanged = sourceChanged,
     .end = end,
     .intervalSeconds = 2,
     .showsProgress = false,

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "lib/base/bytes.h"
+#include "watch/capture/not_read.h"
 #include "watch/core/text.h"
 #include "watch/top/help.h"
 
@@ -66,10 +67,22 @@ std::string timeOf(TimeSpec time, const char* format) {
     return {text.data(), std::strftime(text.data(), text.size(), format, &local)};
 }
 
+// " UTC-5", " UTC+5:30"; nothing where the local time is UTC.
+std::string zoneOf(TimeSpec time) {
+    const time_t seconds = time.seconds;
+    tm local{};
+    localtime_r(&seconds, &local);
+    const long minutes = std::abs(local.tm_gmtoff / 60);
+    if (minutes == 0) return "";
+    const char sign = local.tm_gmtoff < 0 ? '-' : '+';
+    const std::string zone = formatted(" UTC%c%ld", sign, minutes / 60);
+    return minutes % 60 == 0 ? zone : zone + formatted(":%02ld", minutes % 60);
+}
+
 // What a saved capture or the screen is at.
 std::string stateText(const TopModel& model) {
-    if (model.isLive) return model.isHeld ? "FROZEN" : "";
-    if (model.isAtEnd) return "end of file";
+    if (model.isLive) return model.isHeld ? "FROZEN" : model.state;
+    if (model.isAtEnd) return model.state;
     const TopHead& head = model.live.head;
     std::string text;
     if (head.fileBytes != 0) {
@@ -81,7 +94,7 @@ std::string stateText(const TopModel& model) {
 }
 
 bool isAtRest(const TopModel& model) {
-    return model.isHeld || model.isAtEnd;
+    return model.isHeld || model.isAtEnd || !model.trouble.empty();
 }
 
 // At the right edge, where the line has room for it.
@@ -121,19 +134,42 @@ void putSums(Drawing& drawing, size_t end) {
 }
 
 // False where there is nothing yet to tell the time of.
-bool putTime(Drawing& drawing, const char* format) {
+bool putTime(Drawing& drawing, const char* format, bool hasZone) {
     const TopHead& head = topState(drawing.model).head;
-    const std::string text =
-        head.isThere ? timeOf(head.time, format) : "waiting for the first interval";
+    const std::string text = head.isThere
+                                 ? timeOf(head.time, format) + (hasZone ? zoneOf(head.time) : "")
+                                 : "waiting for the first interval";
     screenPut(drawing.screen, drawing.line, head.isThere ? Style::kStrong : Style::kPlain,
               " " + text);
     return head.isThere;
 }
 
+// What isn't the bus's; a capture without anything else is trouble.
+void putNotRead(Drawing& drawing, size_t end) {
+    const TopSeen& seen = topState(drawing.model).seen;
+    const std::string text = notReadSummary(seen.notRead, seen.busPackets);
+    const size_t used = drawing.screen.lines[drawing.line].columns;
+    if (text.empty() || used + 1 >= end) return;
+    screenPut(drawing.screen, drawing.line, Style::kPlain, " ");
+    const size_t columns = std::min(screenColumns(drawing.screen, text), end - used - 1);
+    screenPutIn(drawing.screen, drawing.line,
+                seen.busPackets == 0 ? Style::kTrouble : Style::kPlain, text, columns);
+}
+
+bool isBlind(const TopModel& model) {
+    const TopSeen& seen = topState(model).seen;
+    return seen.busPackets == 0 && !notReadText(seen.notRead).empty();
+}
+
 void drawShortHead(Drawing& drawing) {
     const size_t columns = drawing.screen.size.columns;
     const size_t stateColumns = isAtRest(drawing.model) ? stateText(drawing.model).size() + 2 : 0;
-    if (putTime(drawing, "%H:%M:%S")) putSums(drawing, columns - stateColumns);
+    const bool isThere = putTime(drawing, "%H:%M:%S", false);
+    if (isBlind(drawing.model)) {
+        putNotRead(drawing, columns - stateColumns);
+    } else if (isThere) {
+        putSums(drawing, columns - stateColumns);
+    }
     putState(drawing);
     ++drawing.line;
 }
@@ -146,7 +182,8 @@ void drawFullHead(Drawing& drawing) {
     screenPutIn(screen, drawing.line, Style::kStrong, drawing.model.source,
                 std::min(nameColumns, columns / 4));
     screenPut(screen, drawing.line, Style::kPlain, " ");
-    const bool isThere = putTime(drawing, columns < 60 ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S");
+    const bool isThere =
+        putTime(drawing, columns < 60 ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", columns >= 60);
     if (isThere) {
         const std::string span = spanText(topState(drawing.model).head.seconds);
         screenPut(screen, drawing.line, Style::kPlain, "  " + span);
@@ -154,7 +191,9 @@ void drawFullHead(Drawing& drawing) {
     putState(drawing);
     ++drawing.line;
     if (isThere) putSums(drawing, columns);
-    drawing.line += 2;
+    ++drawing.line;
+    putNotRead(drawing, columns);
+    ++drawing.line;
 }
 
 void drawHead(Drawing& drawing) {
@@ -185,8 +224,10 @@ void drawTabs(Drawing& drawing) {
         if (columns > screen.size.columns && !(form.isShort && !form.hasCount)) continue;
         for (size_t table = 0; table < kTopTables; ++table) {
             const bool isHere = table == static_cast<size_t>(drawing.model.table);
+            const size_t begin = screen.lines[drawing.line].columns;
             screenPut(screen, drawing.line, isHere ? Style::kHere : Style::kPlain,
                       tabText(drawing, table, form));
+            screenMark(screen, drawing.line, begin, SpotKind::kTable, table);
         }
         break;
     }
@@ -242,10 +283,19 @@ void putTextHeading(Drawing& drawing, const char* heading, size_t sorts, size_t 
 void drawHeadings(Drawing& drawing) {
     Screen& screen = drawing.screen;
     constexpr Style kStyle = Style::kHeading;
+    size_t begin = 0;
+    const auto mark = [&](size_t column) {
+        if (paneHasColumn(drawing.rows.table, column)) {
+            screenMark(screen, drawing.line, begin, SpotKind::kHeading, column);
+        }
+        begin = screen.lines[drawing.line].columns;
+    };
     if (drawing.hasLead) {
         screenPutRight(screen, drawing.line, kStyle, headingText(drawing, "Port", kSortPort), 6);
+        mark(kSortPort);
         putTextHeading(drawing, drawing.info.hasGroups ? "Group" : "Hosts", kSortGroup, 8);
         screenPad(screen, drawing.line, kStyle, kLeadColumns);
+        mark(kSortGroup);
     } else {
         screenPad(screen, drawing.line, kStyle, 1);
     }
@@ -253,11 +303,13 @@ void drawHeadings(Drawing& drawing) {
         const std::string text =
             headingText(drawing, headingOf(drawing.info, number), kSortNumbers + number);
         screenPutRight(screen, drawing.line, kStyle, text, drawing.numberColumns);
+        mark(kSortNumbers + number);
     }
     if (drawing.info.hasSubjects) {
         putTextHeading(drawing, "Subject", kSortSubject, screen.lines[drawing.line].columns + 2);
     }
     screenPad(screen, drawing.line, kStyle, screen.size.columns);
+    if (drawing.info.hasSubjects) mark(kSortSubject);
     ++drawing.line;
 }
 
@@ -311,10 +363,12 @@ void drawTotals(Drawing& drawing) {
     ++drawing.line;
 }
 
+// Several ports may serve one service.
 std::string hostsText(const TopRow& row) {
     const uint32_t count = row.hostCount / 2;  // two sides each
-    if (count == 0) return "silent";
-    return formatted(count == 1 ? "%u host" : "%u hosts", count);
+    const std::string port = row.port != row.shownPort ? formatted("on %u ", row.port) : "";
+    if (count == 0) return port + "silent";
+    return port + formatted(count == 1 ? "%u host" : "%u hosts", count);
 }
 
 void putTail(Drawing& drawing, Style style, std::string_view text) {
@@ -402,6 +456,8 @@ void drawRows(Drawing& drawing) {
     }
     for (size_t at = drawing.pane.scroll; at < count && drawing.line < end; ++at) {
         drawLine(drawing, at);
+        drawing.screen.spots.push_back(
+            {SpotKind::kRow, at, drawing.line, 0, drawing.screen.size.columns});
         ++drawing.line;
     }
     drawing.line = end;
@@ -457,7 +513,12 @@ void drawFilter(Drawing& drawing) {
     screen.hasCursor = isTyped;
     screen.cursorLine = drawing.line;
     screen.cursorColumn = screen.lines[drawing.line].columns;
-    if (!isTyped) screenPut(screen, drawing.line, Style::kFaint, "  Esc clears");
+    const std::string& fault = drawing.pane.filter.fault;
+    if (!fault.empty()) {
+        screenPut(screen, drawing.line, Style::kTrouble, "  " + fault);
+    } else if (!isTyped) {
+        screenPut(screen, drawing.line, Style::kFaint, "  Esc clears");
+    }
     if (screen.lines[drawing.line].columns > room) return;
     screenPad(screen, drawing.line, Style::kPlain, room);
     screenPut(screen, drawing.line, Style::kPlain, count);
@@ -499,6 +560,9 @@ void drawLastLine(Drawing& drawing) {
                   " out of memory: an interval isn't shown");
     } else if (!model.note.empty()) {
         screenPutIn(drawing.screen, drawing.line, Style::kStrong, " " + model.note,
+                    drawing.screen.size.columns);
+    } else if (!model.trouble.empty()) {
+        screenPutIn(drawing.screen, drawing.line, Style::kTrouble, " " + model.trouble,
                     drawing.screen.size.columns);
     } else if (!drawing.pane.filter.text.empty()) {
         drawFilter(drawing);

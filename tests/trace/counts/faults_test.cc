@@ -108,15 +108,19 @@ Lines treeOf(Handle handle) {
     for (uint32_t sender = 0; sender <= 4096; ++sender)
         analyze({nullPacket({.srcIp = ipv4(10, 1, 0, 0) + sender}, {})});
     int32_t seconds = 100;
-    for (const Bytes& packet : packetsOfAllKinds())
+    for (const Bytes& packet : packetsOfAllKinds()) {
+        framePlace = {static_cast<uint64_t>(seconds), 1};
         handle({seconds++, 7}, packet.data(), packet.size());
+    }
     packetsSettle();
     Lines tree = treeText();
     const SnapHeader& snapshot = *snapshotTake({});
     const FaultCount& count = snapshot.faults[static_cast<size_t>(Fault::kUdpChecksumMissing)];
+    framePlace = {};
     for (const uint64_t number :
-         {snapshot.frames, snapshot.packets, count.packets,
-          static_cast<uint64_t>(count.first.seconds), static_cast<uint64_t>(count.last.seconds)})
+         {snapshot.frames, snapshot.packets, count.packets, count.first.place.number,
+          count.last.place.number, static_cast<uint64_t>(count.first.time.seconds),
+          static_cast<uint64_t>(count.last.time.seconds)})
         tree.push_back(std::to_string(number));
     return tree;
 }
@@ -124,7 +128,7 @@ Lines treeOf(Handle handle) {
 TEST(Packets, AreCountedAsIfNoneHadWaited) {
     const Lines tree = treeOf(packetEnter);
     EXPECT_EQ(tree, treeOf(classifyPacket));
-    EXPECT_EQ(Lines(tree.end() - 3, tree.end()), (Lines{"3", "116", "201"}));
+    EXPECT_EQ(Lines(tree.end() - 4, tree.end()), (Lines{"116", "201", "116", "201"}));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 import { setAttribute, setText } from "../shared/dom.js";
 import { formatCount, formatDateTime, formatSpan, formatTime, formatZone } from "../shared/format.js";
+import { blindText, notReadText } from "../shared/not_read.js";
 import { addTrouble, troubleWords } from "./trouble.js";
 
 const byId = (id) => document.getElementById(id);
@@ -26,6 +27,8 @@ export function makeHead() {
     let losses = []; // {timeMs, frames} of the last minute
     let missed = null; // trouble while the page was hidden
     let latest = null; // the model that is shown
+    const unread = {}; // frames by reason, since the page was opened
+    let sawBus = false;
 
     // The capture's own state; "read" or "live" as far as an older server says it.
     function sourceState() {
@@ -100,6 +103,22 @@ export function makeHead() {
         );
     }
 
+    // Nothing of the bus so far is a warning; what else a mirror port brings is only said.
+    function showUnread() {
+        const text = notReadText(unread);
+        const words = sawBus ? `Not the bus's since this page was opened: ${text}.` : blindText(unread);
+        byId("unread").hidden = text === "";
+        byId("unread").classList.toggle("warning", !sawBus);
+        setText(byId("unread"), text === "" ? "" : words);
+    }
+
+    // Each interval, shown or not.
+    function count(snapshot, hadBus) {
+        sawBus ||= hadBus || snapshot.bus_packets > 0;
+        for (const [key, frames] of Object.entries(snapshot.not_read ?? {}))
+            unread[key] = (unread[key] ?? 0) + frames;
+    }
+
     function show(model, isRate) {
         latest = model;
         const { timeMs, elapsedSeconds, snapshot } = model;
@@ -120,10 +139,12 @@ export function makeHead() {
         showState();
         showTitle();
         showLosses(model);
+        showUnread();
     }
 
     return {
         show,
+        count,
         setConnection: (now) => {
             connection = now;
             if (now === "lost") lostSince ??= Date.now();

@@ -174,6 +174,7 @@ function showAll(isNew = false) {
 function take(snapshot) {
     history.append(snapshot);
     faults.add(snapshot);
+    head.count(snapshot, history.values("bus_packets").some((packets) => packets > 0));
     const taken = modelOf(snapshot);
     if (isPaused) {
         waiting = taken;

@@ -2,6 +2,7 @@
 
 import { element, setText } from "../shared/dom.js";
 import { formatCount, formatDateTime, formatShort, formatSpan } from "../shared/format.js";
+import { blindText, notReadSum, notReadText } from "../shared/not_read.js";
 
 function fact(name, value, note = "") {
     return element(
@@ -14,6 +15,7 @@ function fact(name, value, note = "") {
 
 function facts({ capture, totals }) {
     const { multicast, subjects, retransmission, point_to_point: pointToPoint } = totals;
+    const unread = notReadSum(capture.not_read);
     const size = formatShort(capture.file_bytes || capture.read_bytes, "B");
     return [
         fact("Files", capture.files.join(", "), size),
@@ -46,11 +48,16 @@ function facts({ capture, totals }) {
             formatCount(pointToPoint.data_packets_sent),
             formatShort(pointToPoint.payload_bytes_sent, "B"),
         ),
+        ...(unread === 0
+            ? []
+            : [fact("Not the bus's", formatCount(unread), notReadText(capture.not_read))]),
     ];
 }
 
 function notices({ capture, comparison }) {
     const words = [];
+    if (capture.bus_packets === 0 && notReadSum(capture.not_read) > 0)
+        words.push(blindText(capture.not_read));
     if (!capture.is_whole)
         words.push("The capture wasn't read to its end: the report covers what came before that.");
     if (comparison?.is_whole === false)
