@@ -158,7 +158,7 @@ class Json(ProgramCase):
                 self.ended_within(begin, 1)
                 self.assertEqual(watch.status(), 1)
                 self.assertGreater(len(self.lines(first + rest)), 1)
-                self.assertIn(b"stopped ahead of the end of -", log)
+                self.assertIn(b"stopped before the end of -", log)
 
     def test_output_that_fails_ends_the_run(self):
         with open("/dev/full", "wb") as full:

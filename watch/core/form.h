@@ -6,7 +6,7 @@
 // Settings of the run are `traceSettings` (trace/settings.h): a form that reads the senders of
 // subjects sets `countSenders` by an option or in its settle.
 //
-// Failure: a function that answers false has told the reason in the log; the program ends in order
+// Failure: a function that answers false has logged the reason; the program ends in order
 // with status 1.
 //
 // Threads: all on the main thread, but for snapshot in a live run, which is called on the library's
@@ -37,7 +37,7 @@ struct Form {
     // What options mean together, once all are stored. Returns null, or what is wrong. May be null.
     const char* (*settle)();
 
-    // With the rights that the program was started with, ahead of the source's opening: for what
+    // With the rights that the program was started with, before the source is opened: for what
     // needs them. May be null.
     bool (*prepare)();
 
@@ -54,18 +54,18 @@ struct Form {
 
     // Shows an interval. The Snapshot is sorted, its ports have their service ports, and it is
     // valid for the call. False where no further one is wanted, because it was enough or because
-    // output failed; the run then ends in order, and `end` tells which.
+    // output failed; the run then ends in order, and `end` answers which.
     bool (*snapshot)(SnapHeader& snapshot);
 
     // How the source is has changed (watch/core/watched.h): a saved capture was read, an interface
     // is gone. Any thread, from the start on; beside a snapshot, too. May be null.
     void (*sourceChanged)() = nullptr;
 
-    // Behind the last snapshot; the library is closed. `isWhole`: the source was read to its end,
+    // After the last snapshot; the library is closed. `isWhole`: the source was read to its end,
     // or was a live one. Where it wasn't, the process ends by itself within a second.
     bool (*end)(bool isWhole);
 
-    // Between two snapshots, unless an option tells; 10 or what the help text of -u says.
+    // Between two snapshots, unless an option says; 10 or what the help text of -u says.
     uint32_t intervalSeconds = 10;
 
     // Does a saved capture's progress belong on the terminal, if the standard error stream is one?

@@ -16,11 +16,11 @@
 
 inline constexpr size_t kProgressBytes = 64;
 
-// Behind the library's opening. The status of a timer's creation.
+// Once the library is open. Answers the status of creating a timer.
 [[nodiscard]] pelmoStatus progressStart();
 
 // Clears the line; from here on nothing is drawn.
 void progressEnd();
 
-// The line's text, behind so many seconds of reading. Empty while nothing can be told.
+// The line's text, after so many seconds of reading. Empty while there is nothing to say.
 void progressText(char (&text)[kProgressBytes], double seconds, const CaptureExtent& extent);

@@ -30,7 +30,7 @@ struct RowKey {
     const uint8_t* subject = nullptr;  // packed; null but for kSubjects
 };
 
-// Seeded by the process, so that nobody outside can make two keys share one.
+// Seeded by the process, so that no sender can make two keys share one.
 [[nodiscard]] uint64_t rowKeyHash(const RowKey& key);
 
 [[nodiscard]] bool rowKeysAreSame(const RowKey& left, const RowKey& right);

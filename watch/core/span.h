@@ -2,7 +2,7 @@
 // whole nanoseconds: as doubles, seconds since 1970 leave no room for more than a microsecond.
 //
 // Live, an interval's length is that of the steady clock, and a difference to its stamps is a step
-// of the wall clock: somebody set it, or the machine slept. Offline, lengths are those of the
+// of the wall clock: it was set, or the machine slept. Offline, lengths are those of the
 // stamps; intervals lie on a grid, and one that doesn't begin where the last one ended comes after
 // a silence, or after a clock that was set back.
 //

@@ -26,7 +26,7 @@ struct Stop {
     int descriptor = -1;  // an event; constant from the arming on
 
     std::atomic<bool> asked = false;
-    std::atomic<bool> byProgram = false;  // the program asked ahead of any signal
+    std::atomic<bool> byProgram = false;  // the program asked before any signal
     std::atomic<bool> sourceRead = false;
 };
 

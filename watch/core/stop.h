@@ -12,7 +12,7 @@
 // Once, on the main thread, with the library open. The status of stopWaitInit.
 [[nodiscard]] pelmoStatus stopArm();
 
-// Asks for the end as a signal does, but that the run counts as whole.
+// Asks for the end as a signal does, without marking the run as cut off.
 void stopAsk();
 
 // A saved capture was read to its end: from here a signal cuts nothing off.
@@ -20,8 +20,8 @@ void stopSourceRead();
 
 [[nodiscard]] bool stopIsAsked();
 
-// Readable from when the end is asked for, for those who wait for other descriptors too. Nobody
-// reads it.
+// Readable from when the end is asked for, for threads that wait for other descriptors too. It is
+// never read.
 [[nodiscard]] int stopDescriptor();
 
 // Did a signal ask first?
@@ -33,5 +33,5 @@ void stopSourceRead();
 // On the main thread: returns when the end is asked for, or where it can't be waited for.
 void stopAwait();
 
-// On the main thread, ahead of the library's closing. From here a signal ends the process at once.
+// On the main thread, before the library is closed. From here a signal ends the process at once.
 void stopDisarm();

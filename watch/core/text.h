@@ -1,10 +1,10 @@
 // What comes from outside, as text that is safe in any form: a line, a terminal, JSON, a page. It
 // is UTF-8 without control characters, and without characters that turn the direction of text.
 //
-// A byte that may not stand is written "\xHH", and a backslash "\\". Of a subject so is a dot
+// Any other byte is written "\xHH", and a backslash "\\". Of a subject so is a dot
 // within an element and every NUL, so that two subjects never have the same text.
 //
-// Quotes, "<" and "&" stand as they are: what they mean is the form's matter.
+// Quotes, "<" and "&" stay as they are: what they mean is the form's matter.
 //
 // Threads: any; no state.
 
@@ -20,7 +20,7 @@ inline constexpr size_t kAddressTextBytes = 16;
 // Each byte takes four at most.
 inline constexpr size_t kSafeSubjectBytes = 1024;
 
-// "a.b.c.d" of a word in network order. The text is in the buffer, with a NUL behind it, as below.
+// "a.b.c.d" of a word in network order. The text is in the buffer, with a NUL after it, as below.
 std::string_view addressText(uint32_t address, char (&buffer)[kAddressTextBytes]);
 
 // The text of a well-formed packed subject.

@@ -193,7 +193,7 @@ void addHead(Totals& totals, const SnapHeader& snapshot) {
     addFaults(head.faults, snapshot.faults);
 }
 
-// The arrays of the Snapshot, one behind the other.
+// The arrays of the Snapshot, one after the other.
 struct Layout {
     SnapHeader* head;
     SnapPort* ports;
@@ -213,7 +213,7 @@ Item* layOut(uintptr_t& at, size_t count) {
     return area;
 }
 
-// Returns the address behind all, which for `at` 0 is the size.
+// Returns the address after all, which for `at` 0 is the size.
 uintptr_t layOutAll(uintptr_t at, const Totals& totals, Layout& layout) {
     layout.head = layOut<SnapHeader>(at, 1);
     layout.ports = layOut<SnapPort>(at, totals.ports.count);

@@ -28,7 +28,7 @@
 inline constexpr uint32_t kTotalsMostRows = 1 << 18;
 inline constexpr uint32_t kTotalsMostSenders = 1 << 20;  // of subjects
 
-// Rows, each with the sum of its records. `parent` is the number of the row that it stands below;
+// Rows, each with the sum of its records. `parent` is the number of the row that it belongs to;
 // `place` is that in the Snapshot that is being made.
 
 struct TotalPort {

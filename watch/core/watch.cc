@@ -265,7 +265,7 @@ void runSource() {
     if (traceSettings.liveCapture || run.form->staysOpen) stopAwait();
 }
 
-// The capture thread isn't joined: libpcap may be waiting for a packet. Behind the turn at the lock
+// The capture thread isn't joined: libpcap may be waiting for a packet. Once it has had the lock
 // it finds the shutdown. The library's closing joins the thread of a Snapshot under way.
 void closeSource() {
     captureState.shuttingDown.store(true, std::memory_order_relaxed);
@@ -278,7 +278,7 @@ void closeSource() {
 void endForm() {
     const bool isCutOff = !traceSettings.liveCapture && !run.form->staysOpen && stopIsBySignal();
     if (!run.form->end(!isCutOff && !run.isUnread)) endMarkFailed();
-    if (isCutOff) logPrint("stopped ahead of the end of %s.", traceSettings.readFile);
+    if (isCutOff) logPrint("stopped before the end of %s.", traceSettings.readFile);
 }
 
 }  // namespace
@@ -295,8 +295,8 @@ int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
     const pelmoStatus status = startInOrder(kStartSteps);
     if (status != kStatusSuccess) {
         pelmo_Close();                                              // where it was opened
-        if (status == kStatusInvalidArgument) return kUsageStatus;  // and it was told
-        // A form has told its own failure.
+        if (status == kStatusInvalidArgument) return kUsageStatus;  // and was reported
+        // A form has reported its own failure.
         if (!run.formFailed) logPrint("startup aborted: %s.", pelmoStatus_GetText(status));
         return 1;
     }

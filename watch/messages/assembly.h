@@ -7,7 +7,7 @@
 //     packet 9, fragment 3   | end |                 -> handed on with packet 9
 //
 // Where a part is missing, or the capture has cut it, what there is of the message is handed on as
-// incomplete; so is what can't be told apart, behind a message with a wrong head.
+// incomplete; so is what follows a message with a wrong head.
 //
 // Memory is bounded: for each sender one message, of kAssemblyMostMessageBytes at most; for all
 // together `mostBytes`, and then the oldest goes, as incomplete; `mostSenders` senders, and then
@@ -31,7 +31,7 @@
 
 inline constexpr size_t kAssemblyMostMessageBytes = 64 << 20;
 
-// A packet of the bus: what lies behind IP and UDP is sound as far as the bytes in hand go.
+// A packet of the bus: what follows IP and UDP is sound as far as the bytes in hand go.
 struct BusPacket {
     TimeSpec time;
     uint32_t srcIp, dstIp;  // network order, as in the analysis

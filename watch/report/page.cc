@@ -341,7 +341,7 @@ void writeData(JsonWriter& out, const ReportInput& input) {
     out.EndObject();
 }
 
-// In JSON a "<" stands within texts only.
+// In JSON a "<" occurs within texts only.
 void appendEscaped(JsonBuffer& buffer, std::string_view text) {
     for (size_t at = 0; at < text.size();) {
         const size_t end = std::min(text.find('<', at), text.size());

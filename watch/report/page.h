@@ -1,7 +1,7 @@
 // The data of a report page, as JSON (docs/pelmowatch-report.schema.json).
 //
 // Tables show their largest rows and the sums of all. Each "<" is escaped, so that no text ends the
-// element of the page that the data stands in.
+// element of the page that holds the data.
 //
 // Threads: any; no state.
 

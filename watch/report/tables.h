@@ -2,7 +2,7 @@
 //
 // Ownership: rows point into the Snapshot, which outlives them.
 //
-// Failure: std::bad_alloc; whoever makes a report answers for it (page.h).
+// Failure: std::bad_alloc; the maker of the report handles it (page.h).
 //
 // Threads: any; no state.
 

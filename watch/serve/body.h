@@ -5,7 +5,7 @@
 //
 // Failure: null where there is no memory for one; where its text found none, buffer.failed.
 //
-// Threads: one writes, ahead of all others; then any may read, hold and drop.
+// Threads: one writes, before all others; then any may read, hold and drop.
 
 #pragma once
 
@@ -15,7 +15,7 @@
 
 #include "watch/json/json_buffer.h"
 
-// All bytes of texts that somebody holds.
+// All bytes of texts that are held.
 inline std::atomic<size_t> bodyBytesHeld = 0;
 [[nodiscard]] inline size_t bodyBytes() {
     return bodyBytesHeld.load(std::memory_order_relaxed);

@@ -6,9 +6,9 @@
 //     event: snapshot
 //     data: {"time":...}
 //
-// What is watched comes first, and again whenever it has changed. Whoever reads slowly skips: after
-// an event comes the newest that there is. Whoever got nothing for long gets an empty comment, so
-// that a connection that is gone is noticed.
+// What is watched comes first, and again whenever it has changed. A slow reader skips events: after
+// one it gets the newest. A client that was sent nothing for long gets an empty comment, so that a
+// connection that is gone is noticed.
 //
 // Ownership: a client holds the event that it gets at present, and no other.
 //

@@ -116,7 +116,7 @@ void addPort(History& history, const SnapPort& port) {
 struct Parts {
     uint32_t* bucketEnds;
     uint64_t* hashes;
-    uint32_t* places;  // of the records, behind the places
+    uint32_t* places;  // of the records, which follow the places
     uint8_t* records;
 };
 
@@ -190,7 +190,7 @@ void removeFirst(History& history) {
 }
 
 // Makes room for an interval of this time. Times only rise within the history: a clock that was set
-// back ends all that stands in it.
+// back ends all that is in it.
 void removeOld(History& history, TimeSpec newestTime) {
     constexpr int64_t kHistoryNanoseconds = kHistorySeconds * kNanosecondsOfSecond;
     const int64_t newest = nanosecondsOf(newestTime);

@@ -10,7 +10,7 @@
 // and an interval of a second take some 30 MB. What goes beyond `mostBytes` takes the oldest
 // intervals with it: the history of a bus with very many rows is shorter.
 //
-// Keys aren't kept. Their hashes are seeded by the process, so that nobody outside can make two
+// Keys aren't kept. Their hashes are seeded by the process, so that no sender can make two
 // rows share one.
 //
 // Ownership: the history owns all; usable zeroed.

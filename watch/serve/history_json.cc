@@ -81,7 +81,7 @@ void appendSeries(JsonBuffer& out,
     appendArray(out, history, [&](uint32_t at) { appendNumber(out, numberAt(at, place)); });
 }
 
-// All numbers of the row, interval by interval: found once each, told series by series.
+// All numbers of the row, interval by interval: found once each, written series by series.
 struct RowNumbers {
     uint64_t (*all)[kHistoryNumbers];
 

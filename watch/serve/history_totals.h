@@ -1,5 +1,5 @@
 // The totals of an interval as a list of names and numbers: what the history keeps of each, and
-// what it is called to those who ask. A table's name stands ahead of a number's, with a dot
+// what clients call it. A table's name comes before a number's, with a dot
 // between: "multicast.payload_bytes", "faults.type_invalid"; "faults.packets" are all faults,
 // "lost_frames" all frames lost.
 //

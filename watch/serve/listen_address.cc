@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kAddressBytes = INET6_ADDRSTRLEN + 1;
 constexpr const char* kWrongForm = "not ADDRESS:PORT, as 127.0.0.1:9471 or [::1]:9471";
 
-// Copies the text with a NUL behind it. False where it doesn't fit.
+// Copies the text with a NUL after it. False where it doesn't fit.
 bool copyText(std::string_view text, char (&buffer)[kAddressBytes]) {
     if (text.size() >= sizeof buffer) return false;
     buffer[text.copy(buffer, text.size())] = '\0';

@@ -24,7 +24,7 @@ inline constexpr size_t kListenTextBytes = 64;
 // is wrong with the text.
 [[nodiscard]] const char* listenAddressParse(const char* text, ListenAddress* out);
 
-// The text that listenAddressParse takes, in the buffer and with a NUL behind it.
+// The text that listenAddressParse takes, in the buffer and with a NUL after it.
 std::string_view listenAddressText(const ListenAddress& listen, char (&buffer)[kListenTextBytes]);
 
 // A Host header's name or address, without its port (RFC 9110, 7.2).

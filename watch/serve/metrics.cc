@@ -82,8 +82,8 @@ std::string subjectText(const uint8_t* subject) {
 struct KindRow {
     SeriesKind kind;
     std::string_view table;  // the beginning of its fields' names
-    std::string_view infix;  // behind it, of hosts
-    std::string_view of;     // ahead of its fields' help
+    std::string_view infix;  // after it, of hosts
+    std::string_view of;     // before its fields' help
     bool hasGroup, hasHost, hasSubject;
 };
 
@@ -338,7 +338,7 @@ void readStat(char (&text)[kStatBytes]) {
     text[length > 0 ? length : 0] = '\0';
 }
 
-// Numbers behind as many words; false where there are none.
+// Numbers after as many words; false where there are none.
 bool readNumbers(const char* at, int words, std::span<uint64_t> out) {
     for (; words > 0; --words) {
         at += std::strspn(at, " ");
@@ -353,7 +353,7 @@ bool readNumbers(const char* at, int words, std::span<uint64_t> out) {
     return true;
 }
 
-// The fields behind the program's name, which may hold anything (proc(5)).
+// The fields after the program's name, which may hold anything (proc(5)).
 void fillFromStat(ProcessUsage& usage) {
     char text[kStatBytes];
     readStat(text);

@@ -1,5 +1,5 @@
-// The metrics: the series table, and what the process tells of itself, as text for Prometheus (its
-// text exposition format, version 0.0.4). Names and units are those of watch/core/fields.h; a
+// The metrics: the series table, and what the process says about itself, as text for Prometheus
+// (its text exposition format, version 0.0.4). Names and units are those of watch/core/fields.h; a
 // label's text is that of watch/core/text.h, escaped once more where the format wants it.
 //
 // Failure: false where memory runs out; the text is then of no use.

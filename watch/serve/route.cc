@@ -57,7 +57,7 @@ bool isOfOtherSite(const RouteRequest& request, bool isPage) {
     return !isSame && !isLink;
 }
 
-// The words of a row's query, each as a function that takes its value and tells what is wrong.
+// The words of a row's query, each as a function that takes its value and answers what is wrong.
 
 struct TableRow {
     std::string_view name;
@@ -149,7 +149,7 @@ const char* settle(const RowQuery& query) {
     if (query.table->hasSubject != query.hasSubject) {
         return query.hasSubject ? "this table has no subjects" : "subject is missing";
     }
-    return query.hasScid && !query.hasHost ? "scid stands without host" : nullptr;
+    return query.hasScid && !query.hasHost ? "scid needs a host" : nullptr;
 }
 
 void findRow(std::span<const QueryPart> parts, Route* out) {

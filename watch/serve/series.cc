@@ -24,8 +24,8 @@ constexpr uint32_t kNumbersOfKind[kSeriesKinds] = {
 };
 static_assert(*std::ranges::max_element(kNumbersOfKind) == kSeriesNumbers);
 
-// The part of the room that hosts and subjects leave to ports and groups: somebody who floods the
-// bus with subjects doesn't hide a group.
+// The part of the room that hosts and subjects leave to ports and groups: a flood of subjects
+// doesn't hide a group.
 constexpr uint64_t kShareOfWholes = 8;
 
 constexpr bool isDetail(SeriesKind kind) {
@@ -101,7 +101,7 @@ void addGroup(SeriesTable& table, const SnapPort& port, const SnapNet& net) {
 }
 
 // The sums of a port's tables of hosts are there before its first request or reject, and don't
-// expire between two of them: what begins with its first number has no increase in it.
+// expire between two of them: a counter that first appears with a value shows no increase.
 void addWhole(SeriesTable& table, const SnapPort& port) {
     for (const SnapNet& net : netsOf(port)) {
         addGroup(table, port, net);
@@ -151,7 +151,7 @@ bool isExpired(const SeriesTable& table, const SeriesRow& row) {
     return row.silentIntervals >= table.rules.expireIntervals;
 }
 
-// Rows move together, and the index is made anew.
+// Rows move together, and the index is made again.
 void removeExpired(SeriesTable& table) {
     RowTable<SeriesRow>& rows = table.rows;
     uint32_t kept = 0;

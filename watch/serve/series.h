@@ -51,7 +51,7 @@ struct SeriesRules {
     uint32_t expireIntervals;
 };
 
-// Sums in the order of the fields of watch/core/fields.h; behind those of a group its messages and
+// Sums in the order of the fields of watch/core/fields.h; after those of a group its messages and
 // their bytes.
 struct SeriesSums {
     uint64_t numbers[kSeriesNumbers];
@@ -92,7 +92,7 @@ struct SeriesTable {
 [[nodiscard]] uint32_t seriesOfKind(SeriesKind kind);
 
 // How many series there are beside the rows, at most: the sums above, all "other" rows, and those
-// that the process tells of itself. No bound may be below.
+// about the process itself. No bound may be below.
 inline constexpr uint32_t kSeriesReserved = 150;
 
 // Adds an interval.

@@ -144,7 +144,7 @@ constexpr FormOption kOptions[] = {
 // Answers, on the server's thread.
 
 // Without memory for the text of an interval clients don't see it; the next may be seen again.
-void tellLack(bool lacks) {
+void reportLack(bool lacks) {
     if (!std::exchange(serve.lacksMemory, lacks) && lacks) {
         logPrint("out of memory for the text of a snapshot: pages and /snapshot.json lag behind.");
     }
@@ -169,7 +169,7 @@ bool writeEvent(JsonBuffer& out, EventPlaces& places) {
     }
     if (block.bytes == nullptr) return false;
     const bool written = writeEventOf(*static_cast<const SnapHeader*>(block.bytes), out, places);
-    tellLack(!written);
+    reportLack(!written);
     {
         const LockGuard guard(serve.lock);
         std::swap(serve.spare, block);
@@ -308,7 +308,7 @@ void addUp(const SnapHeader& snapshot) {
     if (traceSettings.liveCapture) noteLag(std::max(0.0, elapsed - intervalSeconds()));
 }
 
-// The block with the Snapshot for one that nobody needs any more.
+// Exchanges the block with the Snapshot for one that is no longer needed.
 void keep() {
     SnapshotBlock unused{};
     {

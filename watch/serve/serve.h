@@ -1,6 +1,6 @@
 // The form "serve": the bus over HTTP, as metrics for Prometheus, as JSON, and as a page.
 //
-// It goes on behind the end of a saved capture, until it is stopped.
+// It goes on after the end of a saved capture, until it is stopped.
 
 #pragma once
 

@@ -28,7 +28,7 @@
 
 namespace {
 
-// Of a crowd that comes at once nobody's bytes are lost, only to come again after a crowd's.
+// Enough for a crowd of clients that connect at once: none has to try again.
 constexpr int kBacklog = 1024;
 // A connection isn't taken before its first byte, or after so many seconds.
 constexpr int kDeferSeconds = 5;
@@ -67,7 +67,7 @@ struct Server {
     EventNumbers published PELMO_GUARDED_BY(lock) = {};
     uint64_t cutOffClients PELMO_GUARDED_BY(lock) = 0;
     bool isEnding PELMO_GUARDED_BY(lock) = false;
-    // What slow readers hold so that no newer text can be written; null where nobody waits for it.
+    // What slow readers hold so that no newer text can be written; null where no text waits for it.
     const Body* inTheWay PELMO_GUARDED_BY(lock) = nullptr;
 
     // Of the server's thread.
@@ -334,8 +334,8 @@ bool writeEvent(StreamEvent kind, JsonBuffer& out, EventPlaces& places) {
     return written;
 }
 
-// Brings the event's text up to date: it is written now where nobody wanted it before. Without
-// memory for it, or while slow readers are in the way, the one before stays.
+// Brings the event's text up to date: it is written now if this is the first client that wants it.
+// Without memory for it, or while slow readers are in the way, the one before stays.
 SharedText& newestText(StreamEvent kind) {
     const auto at = static_cast<size_t>(kind);
     SharedText& text = server.events[at];
@@ -661,7 +661,7 @@ void openClient(MHD_Connection* connection, void** context) {
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
     auto* const client = new (std::nothrow) Client{};
     *context = client;
-    if (client == nullptr) {  // nobody would count it, nor cut it off
+    if (client == nullptr) {  // it would be neither counted nor cut off
         shutdown(descriptor, SHUT_RDWR);
         return;
     }

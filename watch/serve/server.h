@@ -3,7 +3,7 @@
 //
 //     serverBind  (rights are given up)  serverStart  |  serverPublish ...  |  serverStop
 //
-// A client can't hold up whoever publishes, nor make the process grow: the text of an interval is
+// A client can't hold up the publisher, nor make the process grow: the text of an interval is
 // written once, when the first client wants it, and shared by all (shared_text.h bounds what slow
 // readers hold of them); what a client costs beside them is bounded by kServerClientBytes and
 // ServerRules::mostClients. A client has kServerRequestSeconds for a request, kServerAnswerSeconds
@@ -12,7 +12,7 @@
 //
 // Ownership: rules are borrowed for as long as the server runs.
 //
-// Failure: false, and a line in the log tells why.
+// Failure: false, and a line in the log says why.
 //
 // Threads: the main one starts and stops; any one publishes. The functions of ServerAnswers are
 // called on the server's thread, one at a time, with no lock held.
@@ -37,7 +37,7 @@ struct ServerCounts {
     uint64_t cutOffClients;          // since the start
 };
 
-// The text of an event, in which its JSON and a line break stand from `jsonAt` for `jsonBytes`.
+// The text of an event, in which its JSON and a line break are `jsonBytes` from `jsonAt` on.
 struct EventPlaces {
     size_t jsonAt, jsonBytes;
 };
@@ -66,7 +66,7 @@ struct ServerRules {
 
 [[nodiscard]] bool serverBind(const ServerRules& rules);
 
-// Listens from here on, which the log tells.
+// Listens from here on, which is logged.
 [[nodiscard]] bool serverStart();
 
 // There is a new interval to be asked for, or what is watched has changed.
@@ -77,5 +77,5 @@ void serverSweep();
 
 [[nodiscard]] ServerCounts serverCounts();
 
-// All clients are gone behind it.
+// All clients are gone after it.
 void serverStop();

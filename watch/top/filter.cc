@@ -48,7 +48,7 @@ void refuse(const Reading& reading, const char* what) {
     reading.fault = reading.word.text + " " + what;
 }
 
-// Elements that stand for others, and nothing that no pattern may have.
+// A pattern with wildcards.
 bool readPattern(const Reading& reading) {
     std::string text = reading.word.text;
     if (text.ends_with('.')) text.pop_back();  // the next element is still to be typed

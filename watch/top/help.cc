@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t kTextAt = 14;  // behind the names of keys
+constexpr size_t kTextAt = 14;  // after the names of keys
 
 struct HelpLine {
     std::string name;  // of keys

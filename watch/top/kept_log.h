@@ -21,6 +21,6 @@ inline constexpr size_t kKeptLineBytes = 512;
 // Gives the latest line as safe text, once; empty where there is no new one.
 std::string_view keptLogLatest(char (&line)[kKeptLineBytes]);
 
-// Prints what was kept; from here on the log goes where it went before. exit() does it too, behind
-// what was left to it later than keptLogBegin.
+// Prints what was kept; from here on the log goes where it went before. exit() does it too, after
+// the handlers that were registered since keptLogBegin.
 void keptLogEnd();

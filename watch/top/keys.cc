@@ -55,7 +55,7 @@ constexpr TopKeyRow kRows[] = {
     {kSlower, {'-'}, kTime, nullptr, nullptr, nullptr, 0},
 
     {kHelp, {'?', 'h'}, kProgram, "?", "this help (h)", "help", 1},
-    {kRedraw, {kKeyRedraw}, kProgram, "Ctrl-L", "draw the screen anew", nullptr, 0},
+    {kRedraw, {kKeyRedraw}, kProgram, "Ctrl-L", "draw the screen again", nullptr, 0},
     {kQuit, {'q', 'Q'}, kProgram, "q", "quit", "quit", 3},
 };
 

@@ -15,7 +15,7 @@ Pane& paneOf(TopModel& model) {
     return model.panes[static_cast<size_t>(model.table)];
 }
 
-// 0 where a capture's stamps stood still.
+// 0 where a capture's stamps didn't change.
 double intervalSeconds(const SnapHeader& snapshot) {
     return secondsOf(snapshot.span.elapsedNanoseconds);
 }

@@ -3,10 +3,10 @@
 //
 //     topTake(model, snapshot);          // each interval
 //     topPress(model, key);              // each key
-//     topArrange(model);                 // ahead of each drawing
+//     topArrange(model);                 // before each drawing
 //
-// A frozen screen keeps a copy of all rows; the live ones go on behind it. A saved capture is
-// paused instead, by whoever replays it, who reads `isHeld` and `speed`.
+// A frozen screen keeps a copy of all rows; the live ones go on meanwhile. A saved capture is
+// paused instead, by the code that replays it, which reads `isHeld` and `speed`.
 //
 // Ownership: a model owns all.
 //

@@ -24,7 +24,7 @@ bool isRow(const PaneKey& key, const TopRows& rows, const TopRow& row) {
            subjectIs(rowSubject(rows, row), key.subject.data(), key.subject.size());
 }
 
-// Where in the order the row stands; the order's size where it doesn't.
+// The row's place in the order; the order's size where it has none.
 size_t findRow(const Pane& pane, const TopRows& rows, const PaneKey& key) {
     const auto found = std::ranges::find_if(
         pane.order, [&](uint32_t row) { return isRow(key, rows, rows.rows[row]); });

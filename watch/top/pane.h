@@ -1,6 +1,6 @@
 // How one table is looked at: its filter, its order, the row that is open, the cursor. A pane holds
-// the numbers of rows, in the order in which they are shown; the rows themselves are somebody
-// else's (watch/top/rows.h) and come with each call.
+// the numbers of rows, in the order in which they are shown; the rows themselves are TopRows
+// (watch/top/rows.h), which come with each call.
 //
 // Sorting takes as long as the table is large and is done once for each interval, filter or column;
 // what moves only the cursor takes no time.
@@ -20,7 +20,7 @@
 #include "watch/top/filter.h"
 #include "watch/top/rows.h"
 
-// Columns to sort by that no number is in; the numbers follow, and the reliability behind them.
+// Columns to sort by that no number is in; the numbers follow, and the reliability after them.
 enum PaneSortColumn : size_t { kSortPort, kSortGroup, kSortSubject, kSortNumbers };
 
 // A line of a table: a row, or a host below the row that is open.
@@ -70,7 +70,7 @@ struct Pane {
 // cursor goes where its row went.
 void paneArrange(Pane& pane, const TopRows& rows);
 
-// Where the cursor is wanted; it comes to stand on a line.
+// Moves the cursor to the line, or to the last one.
 void paneMove(Pane& pane, const TopRows& rows, size_t line);
 
 // Brings the lines that `room` shows to the cursor.

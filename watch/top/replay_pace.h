@@ -1,5 +1,5 @@
 // The pace of a saved capture: when an interval of it is due, if its time runs `speed` times as
-// fast as the clock, and stands while it is paused. Where reading can't keep up the capture's time
+// fast as the clock, and stops while it is paused. Where reading can't keep up the capture's time
 // waits for it.
 //
 // Units: seconds. `now` is the steady clock's, capture times are the packets' own.

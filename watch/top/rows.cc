@@ -98,8 +98,9 @@ size_t columnsOf(const TopRows& rows) {
 }
 
 // Appends a host and gives the place of its numbers, all 0.
-uint64_t* appendHost(TopRows& to, uint32_t address, uint16_t scid, FieldSide side, double told) {
-    to.hosts.push_back({hostOrder32(address), hostOrder16(scid), side, told});
+uint64_t* appendHost(
+    TopRows& to, uint32_t address, uint16_t scid, FieldSide side, double reliability) {
+    to.hosts.push_back({hostOrder32(address), hostOrder16(scid), side, reliability});
     to.hostNumbers.resize(to.hostNumbers.size() + columnsOf(to));
     return to.hostNumbers.data() + to.hostNumbers.size() - columnsOf(to);
 }

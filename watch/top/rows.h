@@ -1,4 +1,4 @@
-// One table's rows and what stands below them: of the last interval, and of those before it whose
+// One table's rows and the hosts below them: of the last interval, and of those before it whose
 // rows have fallen silent. They lie in order of port, group and subject, and each Snapshot, which
 // has the same order, is merged into them.
 //
@@ -7,8 +7,8 @@
 //
 // Addresses and ports are in host order here: they are sorted and looked for.
 //
-// Ownership: rows own all that they show. A copy is one in its own right, except that its rows'
-// trail lies where it lay.
+// Ownership: rows own all that they show. Copies are independent, but share the original's
+// trail.
 //
 // Failure: rowsTake throws std::bad_alloc; the rows stay as they were.
 //
@@ -33,7 +33,7 @@ struct TopRow {
     uint32_t group;
     size_t subjectAt;  // of its packed form in `subjects`
     uint32_t firstHost;
-    uint32_t hostCount;       // a host of two sides stands twice, received first
+    uint32_t hostCount;       // a host of two sides is there twice, received first
     int64_t activeSeconds;    // when it last had traffic
     uint64_t activeInterval;  // and the interval of the trail
     uint64_t lastEntry;       // in the trail

@@ -33,7 +33,7 @@ void escape(Cell& cell) {
     cell.columns = 4 * cell.source.size();
 }
 
-// `marks` counts those that stand on the character before; none may stand alone.
+// `marks` counts those on the character before; none may be without a character.
 Cell cellAt(const ScreenSigns& signs, std::string_view text, int& marks) {
     uint32_t character = 0;
     const size_t bytes = utf8Read(text, character);

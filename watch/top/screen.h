@@ -69,7 +69,7 @@ struct Screen {
     std::vector<ScreenLine> lines;
     std::vector<ScreenSpot> spots;
 
-    // Where the terminal's cursor stands; it isn't shown without.
+    // Where the terminal's cursor is; it isn't shown without.
     bool hasCursor = false;
     size_t cursorColumn = 0, cursorLine = 0;
 };

@@ -31,7 +31,7 @@ struct TopTableInfo {
     size_t columnCount;
     bool hasGroups;       // rows are groups on ports; else ports, whose hosts have two sides
     bool hasSubjects;     // and subjects on these
-    bool hasReliability;  // of hosts: a column of its own behind the numbers
+    bool hasReliability;  // of hosts: a column of its own after the numbers
 };
 
 [[nodiscard]] constexpr bool isTrouble(std::string_view name) {
@@ -39,7 +39,7 @@ struct TopTableInfo {
            name.starts_with("rejects_") || name.starts_with("loss_");
 }
 
-// One of two sides stands for both.
+// Of two sides, one is taken for both.
 template <typename Record, size_t kCount>
 constexpr TopTableInfo tableOf(TopTableInfo info, const Field<Record> (&fields)[kCount]) {
     for (const Field<Record>& field : fields) {

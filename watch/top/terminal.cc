@@ -19,7 +19,7 @@
 #include "watch/core/text.h"
 #include "watch/top/keys.h"
 
-// Behind all others: it defines short words as macros.
+// After all others: it defines short words as macros.
 #define NCURSES_WIDECHAR 1
 #define NCURSES_NOMACROS 1
 #include <curses.h>
@@ -32,7 +32,7 @@ namespace {
 constexpr int kEscapeMilliseconds = 50;  // within which the rest of a key's sequence comes
 constexpr short kTroublePair = 1;
 
-// What ends the process where it stands: its faults, limits of the system, and what others send.
+// What ends the process at once: its faults, limits of the system, and what others send.
 constexpr int kFatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS,  SIGFPE,    SIGILL,  SIGQUIT, SIGSYS,
                                  SIGTRAP, SIGXCPU, SIGALRM, SIGVTALRM, SIGPROF, SIGUSR1, SIGUSR2};
 
@@ -44,7 +44,7 @@ struct Terminal {
     ScreenSigns signs;
     ScreenPlace click = {};
 
-    // For a rescue: written once, ahead of `isTaken`.
+    // For a rescue: written once, before `isTaken`.
     termios before = {};
     char restore[256] = {};
     size_t restoreBytes = 0;
@@ -263,7 +263,7 @@ ScreenSigns terminalSigns() {
     return terminal.signs;
 }
 
-// Not all lines of terminals tell a size; then it is that of the terminal's kind.
+// Not every terminal line has a size; then it is that of the terminal's kind.
 ScreenSize terminalSize() {
     winsize size = {};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0) {

@@ -31,7 +31,7 @@ struct Drawing {
     size_t line = 0;
 
     // The columns that there is room for, as their places among the numbers; that of the
-    // reliability is behind the last.
+    // reliability is after the last.
     bool hasLead = true;
     size_t numberColumns = kNarrowNumber;
     std::vector<size_t> shown = {};
@@ -273,7 +273,7 @@ std::string headingText(const Drawing& drawing, const char* heading, size_t colu
     return (isUp ? "^" : "v") + std::string(heading);
 }
 
-// A heading above text that begins at that column: the arrow stands ahead of it.
+// A heading above text that begins at that column: the arrow comes before it.
 void putTextHeading(Drawing& drawing, const char* heading, size_t sorts, size_t column) {
     const size_t arrowColumns = drawing.pane.sortColumn == sorts ? 1 : 0;
     screenPad(drawing.screen, drawing.line, Style::kHeading, column - arrowColumns);
@@ -331,18 +331,19 @@ void putNumber(Drawing& drawing, LineStyle line, size_t number, uint64_t value) 
                    numberText(drawing, value, drawing.numberColumns - 1), drawing.numberColumns);
 }
 
-// `told` is the text of the reliability, where the table has one.
+// `reliability` is its text, where the table has one.
 void putNumbers(Drawing& drawing,
                 LineStyle line,
                 std::span<const uint64_t> values,
-                const std::string& told) {
+                const std::string& reliability) {
     for (const size_t number : drawing.shown) {
         if (number < values.size()) {
             putNumber(drawing, line, number, values[number]);
         } else {
-            const Style style =
-                line.isWhole || (told != "-" && told != "0") ? line.style : Style::kFaint;
-            screenPutRight(drawing.screen, drawing.line, style, told, drawing.numberColumns);
+            const Style style = line.isWhole || (reliability != "-" && reliability != "0")
+                                    ? line.style
+                                    : Style::kFaint;
+            screenPutRight(drawing.screen, drawing.line, style, reliability, drawing.numberColumns);
         }
     }
 }
@@ -419,8 +420,8 @@ void drawHost(Drawing& drawing, uint32_t at, LineStyle style) {
     } else {
         screenPut(screen, drawing.line, style.style, " ");
     }
-    const std::string told = toldText(host.reliability, drawing.numberColumns - 1);
-    putNumbers(drawing, style, hostNumbers(drawing.rows, at), told);
+    const std::string reliability = toldText(host.reliability, drawing.numberColumns - 1);
+    putNumbers(drawing, style, hostNumbers(drawing.rows, at), reliability);
     if (!drawing.hasLead) putTail(drawing, style.style, "  " + name);
 }
 
@@ -608,7 +609,7 @@ namespace {
 
 constexpr char kUnits[] = "kMGTPE";
 
-// Three digits, as many of them behind the point as there is room for.
+// Three digits, as many of them after the point as there is room for.
 std::string scaled(double number) {
     size_t unit = 0;
     number /= 1000;

@@ -46,7 +46,7 @@ inline constexpr size_t kNumberColumns = 5;
 // 0, 0.25, 2.5, 25.1, 251, 25100. What isn't 0 is never shown as 0.
 [[nodiscard]] std::string rateText(double rate, size_t columns);
 
-// A number that a sender told: "-" where it is no sound one.
+// A number that a sender announced: "-" where it is no sound one.
 [[nodiscard]] std::string toldText(double number, size_t columns);
 
 // A series as bars of eight heights, of which the lowest is 0 alone, or as ASCII.

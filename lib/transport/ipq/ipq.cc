@@ -57,7 +57,7 @@ Ipq* makeRecord() {
     return made;
 }
 
-// Nobody else knows it yet.
+// No other thread knows it yet.
 void fillRecord(Ipq* made, const Terms& terms, uint32_t queueId, Socket* socket)
     PELMO_UNCHECKED_LOCKING {
     made->socket = socket;
@@ -172,8 +172,8 @@ void ipqTellLoss(Ipq* ipq) {
     void* closure;
     {
         const LockGuard guard(ipq->lock);
-        if (!ipq->isOpen || ipq->errorIsTold || ipq->errorCallback == nullptr) return;
-        ipq->errorIsTold = true;
+        if (!ipq->isOpen || ipq->errorIsReported || ipq->errorCallback == nullptr) return;
+        ipq->errorIsReported = true;
         callback = ipq->errorCallback;
         closure = ipq->errorClosure;
     }

@@ -36,9 +36,9 @@ struct Ipq {
 
     // Life
     bool isOpen PELMO_GUARDED_BY(lock);
-    bool isLost PELMO_GUARDED_BY(lock);       // nothing can be sent any more
-    bool isReadLost PELMO_GUARDED_BY(lock);   // nothing more can be read
-    bool errorIsTold PELMO_GUARDED_BY(lock);  // there is nobody else to tell
+    bool isLost PELMO_GUARDED_BY(lock);           // nothing can be sent any more
+    bool isReadLost PELMO_GUARDED_BY(lock);       // nothing more can be read
+    bool errorIsReported PELMO_GUARDED_BY(lock);  // the callback was called
     bool isBlocking PELMO_GUARDED_BY(lock);
     bool hadActivity PELMO_GUARDED_BY(lock);  // since the last keep-alive timer
     uint32_t keepAliveTimer PELMO_GUARDED_BY(lock);
@@ -51,7 +51,7 @@ struct Ipq {
     uint32_t holds PELMO_GUARDED_BY(lock);    // by ipqHold, under way
     uint32_t batches PELMO_GUARDED_BY(lock);  // by ipqBeginBatch and vector sends, under way
     bool isBatching PELMO_GUARDED_BY(lock);
-    bool writeIsArmed PELMO_GUARDED_BY(lock);    // the socket tells when it takes more
+    bool writeIsArmed PELMO_GUARDED_BY(lock);    // the socket reports when it takes more
     uint32_t closeSends PELMO_GUARDED_BY(lock);  // plain sends in a row, each soon after the last
     uint64_t lastSendAt PELMO_GUARDED_BY(lock);  // clockMonotonicNanoseconds
     uint32_t flushTimer PELMO_GUARDED_BY(lock);  // both go once nothing waits when they fire
@@ -67,7 +67,7 @@ struct Ipq {
     IpqAdding* adding PELMO_GUARDED_BY(lock);       // the sends under way
 
     // Reading
-    bool readIsArmed PELMO_GUARDED_BY(lock);  // the socket tells when there are bytes
+    bool readIsArmed PELMO_GUARDED_BY(lock);  // the socket reports when there are bytes
     bool isReading PELMO_GUARDED_BY(lock);    // a thread uses the cutter
     bool hasNotice PELMO_GUARDED_BY(lock);    // the peer has sent its close notice
     uint64_t unfinishedBytes PELMO_GUARDED_BY(lock);
@@ -114,8 +114,8 @@ void ipqEndLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 // under way answer themselves.
 void ipqNoteLossesLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
-// Nothing can be sent any more: what waits is dropped, writers that wait return, and whoever reads
-// comes to the end of the stream after what has arrived.
+// Nothing can be sent any more: what waits is dropped, writers that wait return, and readers
+// come to the end of the stream after what has arrived.
 void ipqLoseLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock);
 
 // Runs the error callback, the first time. Called without the lock.

@@ -40,7 +40,7 @@ struct ReadOutcome {
     [[nodiscard]] bool hasBytes() const { return end == ReadEnd::kSome || end == ReadEnd::kAll; }
 };
 
-// The cutter and the batch belong to whoever has made the claim, until it ends.
+// The cutter and the batch belong to the thread that made the claim, until it ends.
 bool claimReadingLocked(Ipq* ipq) PELMO_REQUIRES(ipq->lock) {
     if (!ipq->isOpen || ipq->isReading) return false;
     ipq->isReading = true;

@@ -398,7 +398,7 @@ void ipqWatchAgeLocked(Ipq* ipq) {
     (void)ipqStartTimerLocked(ipq, &ipq->ageTimer, onAgeTimer, kAgeCheckSeconds);
 }
 
-bool ipqWriteLast(Ipq* ipq, bool* isDone) PELMO_UNCHECKED_LOCKING {  // nobody else uses it
+bool ipqWriteLast(Ipq* ipq, bool* isDone) PELMO_UNCHECKED_LOCKING {  // no other thread uses it
     uint32_t mostBytes = kMostSendBytes;
     SocketCode code = kSocketDone;
     for (uint32_t sends = 0; sends < kMostSendsOfCall && !writeQueueIsEmpty(&ipq->queue); ++sends) {

@@ -17,7 +17,7 @@ constexpr uint32_t kRecordsPerBlock = 1024;
 constexpr uint32_t kRecordsAtATime = 64;
 constexpr uint32_t kFirstRingSlots = 8;
 constexpr uint32_t kKeptRingSlots = 64;   // an empty ring with more goes
-constexpr uint64_t kMuchBytes = 0x40000;  // of buffers: room that nobody uses is given back
+constexpr uint64_t kMuchBytes = 0x40000;  // of buffers: unused room is given back
 
 ChunkPool* recordPool = nullptr;
 
@@ -208,7 +208,7 @@ uint32_t endOfOld(const WriteQueue* queue, double now) {
     return place;
 }
 
-// One pass, however many urgent records stand among the old ones: those that stay move together
+// One pass, however many urgent records are among the old ones: those that stay move together
 // towards the end of the stretch, and its front goes.
 void dropOld(WriteQueue* queue, double now, AgeReport* report) {
     uint32_t kept = endOfOld(queue, now);

@@ -83,8 +83,8 @@ struct AgeReport {
     uint64_t droppedBytes;
 };
 
-// The process's pool of records. While there is none they come from the heap. Nobody holds a record
-// when it goes.
+// The process's pool of records. While there is none they come from the heap. No record is in use
+// when the pool goes.
 [[nodiscard]] pelmoStatus writeRecordPoolCreate();
 void writeRecordPoolDestroy();
 
