@@ -154,8 +154,10 @@ class Report(ProgramCase):
         self.assertEqual([timeline["times"][0], timeline["times"][-1]], [1700000002, 1700003659.7])
         self.assertEqual(timeline["elapsed_seconds"], [2] * 1829 + [1.7])
         self.assertEqual((data["capture"]["elapsed_seconds"], data["capture"]["skipped_seconds"]), (3659.7, 3600))
-        back = self.report(self.capture_of("back.pcap", "at 1700000100", "null", "at 1700000100.5", "null",
-                                           "at 1700000010", "null"))["timeline"]
+        data = self.report(self.capture_of("back.pcap", "at 1700000100", "null", "at 1700000100.5", "null",
+                                           "at 1700000010", "null"))
+        self.assertEqual([data["capture"][name][11:21] for name in ("begin_time", "end_time")], ["22:13:30.0", "22:15:00.5"])
+        back = data["timeline"]
         self.assertEqual([time for time, count in zip(back["times"], back["series"]["multicast"]["null_packets"]) if count],
                          [1700000011, 1700000100.5])
 

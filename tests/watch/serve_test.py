@@ -142,7 +142,7 @@ class Serve(ProgramCase):
         self.assertEqual(got, [line.decode().rstrip("\n") for line in lines[:3]])
         self.assertGreater(time.monotonic() - begin, 1)
 
-    def test_the_source_is_named_and_its_state_told_when_it_changes(self):
+    def test_the_source_is_named_and_each_of_its_states(self):
         server = self.serve(self.paced, "-u", 1, "--pace", "--filter", "udp port 7500", awaits_end=False)
         events = server.events(kinds=("source",))
         source = json.loads(next(events)[1])

@@ -4,11 +4,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <span>
+#include <utility>
 
 #include "lib/containers/probe_index.h"
 #include "lib/containers/subject.h"
 #include "trace/counts/snapshot_totals.h"
 #include "watch/core/snapshot_rows.h"
+#include "watch/core/span.h"
 
 namespace {
 
@@ -175,11 +177,20 @@ void addSpan(SnapSpan& sum, const SnapSpan& span) {
     sum.stepNanoseconds += span.stepNanoseconds;
 }
 
+// From the earliest to the latest: a clock may have been set back.
+void coverSpan(Totals& totals, const SnapHeader& snapshot) {
+    const bool isFirst = !std::exchange(totals.hasBegun, true);
+    SnapHeader& head = totals.head;
+    const auto isBefore = [](TimeSpec left, TimeSpec right) {
+        return nanosecondsOf(left) < nanosecondsOf(right);
+    };
+    if (isFirst || isBefore(snapshot.prevTime, head.prevTime)) head.prevTime = snapshot.prevTime;
+    if (isFirst || isBefore(head.thisTime, snapshot.thisTime)) head.thisTime = snapshot.thisTime;
+}
+
 void addHead(Totals& totals, const SnapHeader& snapshot) {
     SnapHeader& head = totals.head;
-    if (!totals.hasBegun) head.prevTime = snapshot.prevTime;
-    totals.hasBegun = true;
-    head.thisTime = snapshot.thisTime;
+    coverSpan(totals, snapshot);
     addSpan(head.span, snapshot.span);
     head.frames += snapshot.frames;
     head.packets += snapshot.packets;
