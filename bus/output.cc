@@ -19,7 +19,7 @@ namespace {
 constexpr size_t kFullBytes = size_t{64} << 10;
 constexpr int64_t kMoment = 10 * kMillisecond;
 
-// Waits for room. Behind a signal, for as long as is left until then.
+// Waits for room; after a signal only for what is left of the last wait.
 bool awaitRoom(const Output& output, int64_t& giveUp) {
     if (stopWait(output.descriptor, POLLOUT, kNever) == StopWait::kReady) return true;
     if (giveUp == kNever) giveUp = steadyNow() + kLastWaitSeconds * kSecond;

@@ -35,7 +35,7 @@ struct Output {
 
 void outputOpen(Output& output);
 
-// Behind each line. False where writing has failed, now or before.
+// After each line. False where writing has failed, now or before.
 [[nodiscard]] bool outputLine(Output& output);
 
 // When the lines are to leave, on the steady clock; kNever if there are none.

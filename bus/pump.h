@@ -45,10 +45,10 @@ struct Pump {
                               pelmoEventCallback callback,
                               void* closure);
 
-// Tells "listening on SUBJECT" for each that the daemon hasn't refused, once the daemon knows of
-// the listeners: what is sent from then on reaches them. A message to ourselves by the daemon shows
-// it, which the daemon sends back after it has handled all that came before. One that sends nothing
-// back is waited for a second.
+// Announces "listening on SUBJECT" for each that the daemon hasn't refused, once the daemon knows
+// of the listeners: what is sent from then on reaches them. A message to ourselves by the daemon
+// shows it, which the daemon sends back after it has handled all that came before. One that sends
+// nothing back is waited for a second.
 void pumpAnnounce(Pump& pump, uint32_t transport, std::span<const char* const> subjects);
 
 enum class PumpEnd { kDone, kTime, kStopped, kFailed };

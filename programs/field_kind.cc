@@ -211,7 +211,7 @@ bool isLeap(int64_t year) {
     return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
 }
 
-// Days of so many years from year 1 on. Ahead of year 1 they repeat in mirror image.
+// Days of so many years from year 1 on. Before year 1 they repeat in mirror image.
 int64_t daysOfYears(int64_t years) {
     return years * 365 + years / 4 - years / 100 + years / 400;
 }

@@ -3,7 +3,7 @@
 //     {"time":"2024-01-02T03:04:05.000000006Z","subject":"A.B","reply":"_INBOX.1",
 //      "fields":[{"name":"x","id":7,"type":"i32","value":1}]}
 //
-// (in one line). "time" is when the message came in, and left out by whoever doesn't know it.
+// (in one line). "time" is when the message came in, and left out where it isn't known.
 // "reply" is left out if there is none, "name" if a field has none, "id" if it is 0. Types
 // and the form of values are of field_kind.h, texts of json.h. A value that doesn't decode,
 // and one of the application's own types, has its type's number for a type ("130") and its bytes as
