@@ -1,7 +1,7 @@
 // Faults by kind, and who sent bad packets. A snapshot has those of its interval; the page keeps what it saw
 // since it was opened, since a fault that comes once an hour is gone from the next snapshot.
 
-import { formatDateTime, formatKey } from "../shared/format.js";
+import { formatCount, formatDateTime, formatKey } from "../shared/format.js";
 
 export const faultColumns = [
     { key: "words", label: "Fault", kind: "text", help: "What is wrong with the packets" },
@@ -55,6 +55,12 @@ const kBadTables = [
     ["point_to_point", "Point to point", ({ bad_packets_sent: bad }) => bad],
 ];
 
+// Where a packet is in a saved capture; empty live.
+function placeOf(frame, file) {
+    if (frame === undefined) return "";
+    return `, frame ${formatCount(frame)}${file === undefined ? "" : ` of ${file}`}`;
+}
+
 export function makeFaults() {
     const kinds = new Map();
     const senders = new Map();
@@ -66,14 +72,14 @@ export function makeFaults() {
             words: fault.words ?? formatKey(key),
             seen: 0,
             firstMs: Date.parse(fault.first_time),
-            firstPacket: fault.first_packet,
+            firstPacket: placeOf(fault.first_frame, fault.first_file),
         };
         row.packets = fault.packets;
         row.seen += fault.packets;
         row.lastMs = Date.parse(fault.last_time);
-        row.lastPacket = fault.last_packet;
-        row.sender = fault.last_sender;
-        row.hosts = fault.last_sender === undefined ? [] : [{ address: fault.last_sender }];
+        row.lastPacket = placeOf(fault.last_frame, fault.last_file);
+        row.sender = fault.last_sender ?? null;
+        row.hosts = row.sender === null ? [] : [{ address: row.sender }];
         kinds.set(key, row);
     }
 

@@ -34,6 +34,7 @@ function openOwn(take) {
     const follow = () => {
         if (isSeen() && close === null) {
             close = openStream({
+                onSource: (source) => take({ source }),
                 onText: (text, snapshot) => take({ snapshot }),
                 onState: (state) => take({ state }),
             });
@@ -48,10 +49,11 @@ function openOwn(take) {
     follow();
 }
 
-// onSnapshot(object); onState("live" or "lost") when that changes; onTrouble(troubleOf a snapshot) for each
+// onSnapshot(object); onSource(object), what is watched; onState("live" or "lost") when that changes; onTrouble(troubleOf a snapshot) for each
 // that came while the page was hidden.
-export function openFeed({ onSnapshot, onState, onTrouble }) {
-    const take = ({ text, snapshot, state, trouble }) => {
+export function openFeed({ onSnapshot, onSource, onState, onTrouble }) {
+    const take = ({ text, snapshot, source, state, trouble }) => {
+        if (source !== undefined) onSource(source);
         if (state !== undefined) onState(state);
         if (trouble !== undefined) onTrouble(trouble);
         if (text !== undefined) onSnapshot(JSON.parse(text));

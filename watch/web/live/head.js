@@ -8,12 +8,14 @@ import { addTrouble, troubleWords } from "./trouble.js";
 
 const byId = (id) => document.getElementById(id);
 
-const stateWords = {
-    live: "live",
-    reading: "reading",
-    read: "read to its end",
-    dead: "capture ended",
-};
+// What is watched, in short.
+function sourceName({ interface: name, files, file_count: count }) {
+    if (name) return name;
+    return files?.length === 1 && !(count > 1) ? files[0].split("/").at(-1) : `${count ?? files?.length ?? 0} files`;
+}
+
+// States in which nothing comes that should.
+const kDead = ["failed", "waiting"];
 
 // A loss is shown for so long, so that the page doesn't jump with each interval.
 const kLossMs = 60000;
@@ -26,33 +28,26 @@ export function makeHead() {
     let lostSince = null;
     let losses = []; // {timeMs, frames} of the last minute
     let missed = null; // trouble while the page was hidden
-    let latest = null; // the model that is shown
     const unread = {}; // frames by reason, since the page was opened
     let sawBus = false;
+    let source = null; // as the server sent it
 
-    // The capture's own state; "read" or "live" as far as an older server says it.
-    function sourceState() {
-        const { snapshot } = latest ?? {};
-        if (snapshot?.watch?.state !== undefined) return snapshot.watch.state;
-        return snapshot?.file_bytes === undefined ? "live" : "capture file";
-    }
+    const isDead = () => kDead.includes(source?.state);
 
     function showState() {
-        const state = sourceState();
         const isLost = connection === "lost";
-        const isDead = state === "dead";
-        byId("state").className = isLost || isDead ? "lost" : connection === "live" ? state : "";
+        const isConnected = connection === "live";
+        byId("state").className = isLost || isDead() ? "lost" : isConnected ? (source?.state ?? "live") : "";
         setText(
             byId("state"),
-            isLost ? "connection lost" : connection === "live" ? (stateWords[state] ?? state) : "connecting",
+            isLost ? "connection lost" : isConnected ? (source?.words ?? "connected") : "connecting",
         );
-        byId("dead").hidden = !isDead;
-        setText(byId("dead"), isDead ? deadWords() : "");
-    }
-
-    function deadWords() {
-        const { reason } = latest.snapshot.watch;
-        return `The capture has ended${reason ? `: ${reason}` : ""}. What the page shows is the last it got.`;
+        byId("dead").hidden = !isDead();
+        if (isDead())
+            setText(
+                byId("dead"),
+                `No packets since ${formatTime(Date.parse(source.state_time))}: ${source.words}. What the page shows is the last it got.`,
+            );
     }
 
     function showLost() {
@@ -65,24 +60,25 @@ export function makeHead() {
     }
 
     function showSource() {
-        const { watch } = latest?.snapshot ?? {};
-        const parts = watch === undefined
-            ? []
-            : [
-                  watch.source,
-                  watch.host && `on ${watch.host}`,
-                  watch.filter && `filter “${watch.filter}”`,
-                  watch.since && `since ${formatDateTime(Date.parse(watch.since))}`,
-              ];
+        if (source === null) return;
+        const since = Date.parse(source.since_time);
+        const parts = [
+            sourceName(source),
+            `on ${source.host}`,
+            source.filter && `filter “${source.filter}”`,
+            `since ${formatDateTime(since)}`,
+        ];
         setText(byId("source"), parts.filter(Boolean).join(" · "));
-        setAttribute(byId("source"), "title", byId("source").textContent);
+        const files = source.files?.join("\n") ?? "";
+        setAttribute(byId("source"), "title", `${byId("source").textContent}\n${files}`.trim());
     }
 
     function showTitle() {
-        const { watch } = latest?.snapshot ?? {};
-        const name = watch?.source ? `${watch.source}${watch.host ? ` on ${watch.host}` : ""}` : location.host;
-        const isDead = connection === "lost" || sourceState() === "dead";
-        const words = [isDead ? "no capture" : "", troubleWords(missed, formatCount)].filter(Boolean);
+        const name = source === null ? location.host : `${sourceName(source)} on ${source.host}`;
+        const words = [
+            connection === "lost" ? "connection lost" : isDead() ? source.words : "",
+            troubleWords(missed, formatCount),
+        ].filter(Boolean);
         document.title = `${words.length > 0 ? `(${words.join(", ")}) ` : ""}${name} – pelmowatch`;
         const wanted = words.length > 0 ? alarmIcon : plainIcon;
         if (icon.href !== wanted) icon.href = wanted;
@@ -120,7 +116,6 @@ export function makeHead() {
     }
 
     function show(model, isRate) {
-        latest = model;
         const { timeMs, elapsedSeconds, snapshot } = model;
         const isEmpty = timeMs === 0;
         setText(
@@ -136,8 +131,6 @@ export function makeHead() {
         ];
         setText(byId("interval"), words.filter(Boolean).join(", "));
         showSource();
-        showState();
-        showTitle();
         showLosses(model);
         showUnread();
     }
@@ -145,6 +138,12 @@ export function makeHead() {
     return {
         show,
         count,
+        setSource: (now) => {
+            source = now;
+            showSource();
+            showState();
+            showTitle();
+        },
         setConnection: (now) => {
             connection = now;
             if (now === "lost") lostSince ??= Date.now();

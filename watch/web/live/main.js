@@ -249,9 +249,15 @@ function restore({ table, sort, filter, isRate: rate, isUtc: utc, open }) {
 async function refreshHistory() {
     const kept = await fetchHistory();
     if (kept === null) return;
-    intervalSeconds = kept.interval_seconds;
+    intervalSeconds ??= kept.interval_seconds;
     history.replace(kept);
     showAll();
+}
+
+function onSource(source) {
+    intervalSeconds = source.interval_seconds;
+    head.setSource(source);
+    if (model === null) showTable();
 }
 
 function onState(state) {
@@ -319,4 +325,4 @@ document.addEventListener("keydown", onKey);
 document.addEventListener("visibilitychange", onVisibility);
 addEventListener("hashchange", () => restore(readLink(location.hash)));
 restore(readLink(location.hash));
-openFeed({ onSnapshot: take, onState, onTrouble: head.addTrouble });
+openFeed({ onSnapshot: take, onSource, onState, onTrouble: head.addTrouble });

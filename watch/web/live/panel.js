@@ -4,7 +4,7 @@
 
 import { makeChart, makeChartGroup } from "../shared/chart.js";
 import { element, setText } from "../shared/dom.js";
-import { formatCount, formatKey } from "../shared/format.js";
+import { formatKey } from "../shared/format.js";
 import { applyChoices, makeColumnMenu } from "../shared/menus.js";
 import { fillHoles, ratesOf } from "../shared/reduce.js";
 import { isSameRow, makeTable, sumRows } from "../shared/table.js";
@@ -34,12 +34,8 @@ function historyQuery(table, row, host) {
     return { table, port, group, subject, host: host?.address, scid: host?.scid };
 }
 
-function packetText(time, number) {
-    return number === undefined ? time : `${time}, number ${formatCount(number)} of the capture`;
-}
-
 // Where the details lie over everything (page.css), nothing beneath them is reached by the keyboard.
-const liesOver = matchMedia("(max-width: 1160px)");
+const liesOver = matchMedia("(max-width: 1180px)");
 
 function setCovered(covered) {
     for (const part of document.querySelectorAll(".top, #tiles, .tables-side"))
@@ -215,9 +211,9 @@ export function makePanel({ context, onClose, onChange, onJump }) {
             place,
             row === undefined
                 ? "None since the page was opened."
-                : `first ${packetText(row.first, row.firstPacket)}; last ${packetText(row.last, row.lastPacket)}`,
+                : `first ${row.first}${row.firstPacket}; last ${row.last}${row.lastPacket}`,
         );
-        const words = row?.sender === undefined ? "" : `Last sender ${row.sender}`;
+        const words = !row?.sender ? "" : `Last sender ${row.sender}`;
         if (words === "") jumps.replaceChildren();
         else if (jumps.textContent !== words)
             jumps.replaceChildren(

@@ -3,14 +3,17 @@
 const kRetryFirstMs = 1000;
 const kRetryMostMs = 10000;
 
-// A capture that was read to its end is silent from then on.
-function isOver({ file_bytes: fileBytes, watch }) {
-    return watch === undefined ? fileBytes !== undefined : watch.state === "read";
+// Only a live capture has an interval after the other for sure: a saved one may hold an hour of silence.
+function isLive(source, snapshot) {
+    if (source === null) return snapshot.file_bytes === undefined;
+    return source.state === "live" || source.state === "down";
 }
 
-// onText(text of a snapshot, snapshot); onState("live" or "lost") when that changes. Answers what closes it.
-export function openStream({ onText, onState }) {
+// onSource(object) is what is watched, and how that is; onText(text of a snapshot, snapshot); onState("live"
+// or "lost") when that changes. Answers what closes it.
+export function openStream({ onSource, onText, onState }) {
     let events = null;
+    let source = null;
     let retryMs = kRetryFirstMs;
     let timer = 0;
     let silence = 0;
@@ -20,6 +23,11 @@ export function openStream({ onText, onState }) {
         events.addEventListener("open", () => {
             retryMs = kRetryFirstMs;
             onState("live");
+        });
+        events.addEventListener("source", (event) => {
+            source = JSON.parse(event.data);
+            if (!isLive(source, null)) clearTimeout(silence);
+            onSource(source);
         });
         events.addEventListener("snapshot", (event) => {
             const snapshot = JSON.parse(event.data);
@@ -42,7 +50,7 @@ export function openStream({ onText, onState }) {
     // A connection whose other end vanished without a word looks like a quiet one.
     function watchSilence(snapshot) {
         clearTimeout(silence);
-        if (isOver(snapshot)) return;
+        if (!isLive(source, snapshot)) return;
         const patienceMs = Math.min(1000 * (3 * snapshot.elapsed_seconds + 5), 2 ** 31 - 1);
         silence = setTimeout(() => {
             events.close();

@@ -4,10 +4,12 @@ import { element, setText } from "../shared/dom.js";
 import { comparisonData, comparisonTable, fillComparisonBars, makeComparisonBars } from "./comparison.js";
 import { readFilter } from "../shared/filter.js";
 import { formatCount, formatDateTime, formatTime } from "../shared/format.js";
+import { sortedIndices } from "../shared/sort.js";
 import { applyChoices, makeColumnMenu, makeCopyMenu } from "../shared/menus.js";
 import { makeTable, sumRows } from "../shared/table.js";
 import { hostLines, tables } from "../shared/tables.js";
 import { makeTabs } from "../shared/tabs.js";
+import { preparePrint } from "./print.js";
 
 const [subjectColumn, portColumn, groupColumn, ...subjectNumbers] = tables.subjects.columns;
 const [senderColumn, scidColumn, ...multicastNumbers] = tables.multicast.hostColumns.filter(
@@ -142,24 +144,41 @@ export function showTables(data) {
         tabs.choose("subject_senders");
     }
 
+    // What a table shows: lines, their sums, and how the filter was understood.
+    function view(name) {
+        const content = contents[name];
+        const { columns } = kTables[name];
+        const filter = readFilter(byId("filter").value, { columns });
+        const rows = filter.fits === null ? content.rows : content.rows.filter(filter.fits);
+        const lines = hostLines(name, rows);
+        const sums =
+            filter.fits === null
+                ? [...sumsOf(name, content.sums, "Totals"), ...otherRows(name, content)]
+                : sumsOfLines(lines, columns);
+        return { filter, rows, lines, sums: content.rows.length === 0 ? [] : sums };
+    }
+
+    function printed(name) {
+        const { title, columns } = kTables[name];
+        const { lines, sums } = view(name);
+        const { key, descending } = shownTables[name].sort();
+        const sort = columns.find((column) => column.key === key);
+        const rows = Array.from(sortedIndices(lines, sort, descending), (at) => lines[at]);
+        return { title, columns, sums, rows };
+    }
+
     function show(name = tab) {
         tab = name;
         for (const [key, table] of Object.entries(shownTables)) table.element.hidden = key !== tab;
         byId("tables").setAttribute("aria-labelledby", `tab-${tab}`);
         bars.hidden = tab !== "comparison";
         const content = contents[tab];
-        const { columns } = kTables[tab];
-        const { fits, words, error } = readFilter(byId("filter").value, { columns });
-        const rows = fits === null ? content.rows : content.rows.filter(fits);
-        const lines = hostLines(tab, rows);
-        const sums =
-            fits === null
-                ? [...sumsOf(tab, content.sums, "Totals"), ...otherRows(tab, content)]
-                : sumsOfLines(lines, columns);
+        const { filter, rows, lines, sums } = view(tab);
+        const { fits, words, error } = filter;
         shownTables[tab].setEmptyText(
             content.rows.length === 0 ? "None in the capture." : "No row fits the filter.",
         );
-        shownTables[tab].setRows(lines, content.rows.length === 0 ? [] : sums, 1, true);
+        shownTables[tab].setRows(lines, sums, 1, true);
         if (!bars.hidden) fillComparisonBars(bars, rows);
         setText(byId("understood"), error ?? words);
         byId("understood").classList.toggle("error", error !== null);
@@ -178,6 +197,7 @@ export function showTables(data) {
     byId("menus").append(makeColumnMenu(current), makeCopyMenu(current));
     for (const [name, table] of Object.entries(shownTables)) applyChoices(`report.${name}`, table);
     byId("filter").addEventListener("input", () => show());
+    preparePrint(() => names.map(({ key }) => printed(key)));
     show();
 }
 
@@ -205,17 +225,29 @@ function timeColumns(kind) {
     ];
 }
 
+// Of whoever sent the last packet, and where the two are in the capture; left out where none is known.
+const kPlaceColumns = [
+    { key: "sender", label: "Last sender", kind: "address", help: "Who sent the last one" },
+    { key: "first_frame", label: "First frame", kind: "number", drop: 3, help: "Number of the first one's frame in its file" },
+    { key: "last_frame", label: "Last frame", kind: "number", drop: 2, help: "Number of the last one's frame in its file" },
+];
+
 export function showFaults({ capture, faults }) {
     const oneDay = isOneDay(capture);
     const time = (text) => (oneDay ? formatTime : formatDateTime)(Date.parse(text));
-    const columns = [...kFaultColumns, ...timeColumns(oneDay ? "clock" : "time")];
     const rows = Object.entries(faults).map(([key, fault]) => ({
         key,
         words: fault.words,
         packets: fault.packets,
         first: time(fault.first_time),
         last: time(fault.last_time),
+        sender: fault.last_sender ?? undefined,
+        first_frame: fault.first_frame,
+        last_frame: fault.last_frame,
     }));
+    const places = kPlaceColumns.filter(({ key }) => rows.some((row) => row[key] !== undefined));
+    const times = timeColumns(oneDay ? "clock" : "time");
+    const columns = [...kFaultColumns, ...times, ...places];
     const section = document.getElementById("faults");
     section.hidden = rows.length === 0;
     if (section.hidden) return;

@@ -8,11 +8,19 @@ import { element, setText } from "./dom.js";
 import { chartDate, formatDateTime, formatNumber, formatShort, formatTime } from "./format.js";
 import { joinPoints } from "./reduce.js";
 
-// All charts of the page, to be drawn anew when colours change.
-const charts = new Set();
+// All charts of the page and their places, to be drawn again when colours change.
+const charts = new Map();
 
 export function redrawCharts() {
-    for (const plot of charts) plot.redraw(false);
+    for (const plot of charts.keys()) plot.redraw(false);
+}
+
+// Gives all charts that width, or, without one, that of their places.
+export function resizeCharts(width) {
+    for (const [plot, place] of charts) {
+        if (width !== null || place.clientWidth > 0)
+            plot.setSize({ width: width ?? place.clientWidth, height: plot.height });
+    }
 }
 
 matchMedia("(prefers-color-scheme: dark)").addEventListener("change", redrawCharts);
@@ -196,7 +204,7 @@ export function makeSparkline({ colour: name, height, group, bars = false, onHov
         [[], []],
         place,
     );
-    charts.add(plot);
+    charts.set(plot, place);
     keepSize(plot, place, height);
     return { element: place, setData: (times, values) => plot.setData([times, values]) };
 }
@@ -281,7 +289,7 @@ export function makeChart({
         [[], ...lines.map(() => [])],
         place,
     );
-    charts.add(plot);
+    charts.set(plot, place);
     group.plots.push(plot);
     keepSize(plot, place, height);
 

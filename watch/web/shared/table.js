@@ -125,8 +125,8 @@ export function makeTable(options) {
         const { shown, isCompact, widths } = layout;
         const last = columns.findLast(({ key }) => shown.has(key));
         const isSame =
-            state.layout?.isCompact === isCompact &&
-            columns.every(({ key }) => state.layout.shown.has(key) === shown.has(key));
+            columns.every(({ key }) => state.layout?.widths[key] === widths[key]) &&
+            state.layout?.isCompact === isCompact;
         state.layout = { ...layout, last };
         if (isSame) return;
         box.classList.toggle("compact", isCompact);
