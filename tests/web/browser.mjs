@@ -3,11 +3,13 @@
 
 import assert from "node:assert/strict";
 import { createRequire } from "node:module";
-import { existsSync, mkdirSync } from "node:fs";
+import { existsSync, mkdirSync, readFileSync } from "node:fs";
 import { join } from "node:path";
 
 const root = new URL("../../watch/web/", import.meta.url);
-const { chromium } = createRequire(new URL("package.json", root))("playwright-core");
+const packages = createRequire(new URL("package.json", root));
+const { chromium } = packages("playwright-core");
+const { formatNarrow, formatNumber } = await import(new URL("shared/format.js", root));
 
 const program = ["/usr/bin/chromium", "/usr/bin/chromium-headless-shell"].find(existsSync);
 const pictures = process.env.PELMO_PICTURES;
@@ -69,6 +71,33 @@ export async function isUnbroken(page, scripts) {
 
 export async function fitsItsWindow(page) {
     assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth));
+}
+
+// The columns of trouble of a table lie within it and the window, with these numbers in the row of sums.
+export async function showsTrouble(table, columns, numbers) {
+    const { width, cells } = await table.evaluate((box) => {
+        const inside = box.getBoundingClientRect();
+        const sums = [...box.querySelector("tr.sums").cells];
+        return { width: innerWidth, cells: [...box.querySelectorAll("th")].map((heading, i) => {
+            const { left, right, width } = heading.getBoundingClientRect();
+            const isIn = width > 0 && left >= inside.left && right <= Math.min(inside.right, innerWidth) + 0.5;
+            return { isIn, isWhole: sums[i].scrollWidth <= sums[i].clientWidth, text: sums[i].textContent };
+        }) };
+    });
+    columns.forEach(({ key, label, alert }, i) => {
+        if (!alert) return;
+        const what = `${label} at ${width}: ${JSON.stringify(cells[i])}, ${numbers[key]}`;
+        assert.ok(cells[i].isIn && cells[i].isWhole, what);
+        assert.ok([formatNumber, formatNarrow].some((format) => format(numbers[key]) === cells[i].text), what);
+    });
+}
+
+// What axe-core finds wrong for those who can't see, or see little.
+export async function isAccessible(page) {
+    await page.evaluate(readFileSync(packages.resolve("axe-core/axe.min.js"), "utf8"));
+    const found = await page.evaluate(async () => (await window.axe.run()).violations.map(
+        ({ id, nodes }) => `${id}: ${nodes.map(({ target, failureSummary }) => `${target} ${failureSummary}`).slice(0, 3)}`));
+    assert.deepEqual(found, []);
 }
 
 // The texts of the rows that a table draws, below its headings and sums.

@@ -10,8 +10,10 @@ import { join } from "node:path";
 import { fileURLToPath } from "node:url";
 import test, { after, before } from "node:test";
 import {
-    count, fitsItsWindow, haveInk, isUnbroken, launch, openPage, picture, rowTexts,
+    count, fitsItsWindow, haveInk, isAccessible, isUnbroken, launch, openPage, picture, rowTexts,
+    showsTrouble,
 } from "./browser.mjs";
+import { tables } from "../../watch/web/shared/tables.js";
 import { readWhole, serve } from "./serve.mjs";
 
 const sample = fileURLToPath(new URL("../../samples/bus.pcap", import.meta.url));
@@ -242,6 +244,168 @@ test("200,000 subjects draw few rows, and markup stays text", async () => {
     await close();
 });
 
+const isHost = ({ port, group }) => (host) => host.port === port && host.group === group;
+
+// Of hosts' numbers; where a host has both ways, of what was sent.
+function sumsOf(hosts) {
+    const sums = {};
+    for (const host of hosts)
+        for (const [name, number] of Object.entries(host)) {
+            const key = name.replace(/_sent$/, "");
+            sums[key] = (sums[key] ?? 0) + number;
+        }
+    return sums;
+}
+
+test("what tells of trouble is in sight at every width, beside the details too", async () => {
+    const { page, table, close } = await openWithout();
+    const hosts = page.locator(".panel .table");
+    for (const name of ["multicast", "retransmission", "point_to_point"]) {
+        await page.click(`#tab-${name}`);
+        const host = snapshots[0][name][0];
+        const { columns, hostColumns } = tables[name];
+        const link = new URLSearchParams({ table: name, port: host.port, ...(host.group && { group: host.group }) });
+        for (const width of [768, 1024, 1280, 1366, 1440, 1600, 1920]) {
+            await page.setViewportSize({ width, height: 800 });
+            await page.evaluate((hash) => (location.hash = hash), `${link}&zone=${width}`);
+            await hosts.locator(".sums").first().waitFor();
+            await page.evaluate(() => new Promise((done) => requestAnimationFrame(() => setTimeout(done, 0))));
+            await showsTrouble(hosts, hostColumns, sumsOf(snapshots[0][name].filter(isHost(host))));
+            await showsTrouble(table, columns, snapshots[0].totals[name]);
+        }
+        await page.keyboard.press("Escape");
+    }
+    await close();
+});
+
+test("a link holds the view, and a reload keeps it", async () => {
+    const { page, table, close } = await open();
+    await page.click("#tab-subjects");
+    const heading = table.getByRole("columnheader", { name: "Messages" });
+    await heading.getByRole("button").click();
+    await page.fill("#filter", "!nothing");
+    await page.click("#rate");
+    await table.locator("tbody tr:not(.space)").nth(2).click();
+    const opened = await page.textContent(".panel h2");
+    await page.click("#menus summary >> nth=0");
+    await page.getByLabel("Group").uncheck();
+    await page.waitForFunction(() => location.hash.includes("&subject="));
+    await page.reload();
+    await table.locator("tbody tr:not(.space)").first().waitFor();
+    assert.equal(await heading.getAttribute("aria-sort"), "descending");
+    assert.equal(await page.inputValue("#filter"), "!nothing");
+    assert.equal(await page.getAttribute("#rate", "aria-pressed"), "true");
+    assert.equal(await page.textContent(".panel h2"), opened);
+    assert.ok(await table.getByRole("columnheader", { name: "Group" }).isHidden());
+    await page.evaluate(() => (location.hash = "table=__proto__&sort=-x&port=1e9&filter=%22<b>&fault"));
+    await page.waitForFunction(() => document.querySelector("#understood").textContent.includes("<b>"));
+    assert.equal(await page.getAttribute("#tab-subjects", "aria-selected"), "true");
+    await close();
+});
+
+test("a press opens what was pressed, and the order holds under the pointer", async () => {
+    const { page, table, tell, close } = await openWithout();
+    await page.click("#tab-subjects");
+    const names = async () => (await rowTexts(table)).map((row) => row[0]);
+    const bytes = snapshots[0].subjects.map((row) => row.message_bytes).reverse();
+    const subjects = snapshots[0].subjects.map((row, i) => ({ ...row, message_bytes: bytes[i] }));
+    const before = await names();
+    const row = table.locator("tbody tr:not(.space)").first();
+    await row.dispatchEvent("pointerdown");
+    await tell("snapshot", { ...snapshots[0], time: "2023-11-14T22:13:24.000000000Z", subjects });
+    const after = await names();
+    assert.notEqual(after[0], before[0]);
+    await row.dispatchEvent("click");
+    assert.equal(await page.textContent(".panel h2"), before[0]);
+    await page.keyboard.press("Escape");
+
+    await row.hover();
+    await tell("snapshot", { ...snapshots[0], time: "2023-11-14T22:13:26.000000000Z" });
+    assert.deepEqual(await names(), after);
+    assert.notEqual(await page.textContent("#held"), "");
+    await page.mouse.move(5, 5);
+    assert.deepEqual(await names(), before);
+    await close();
+});
+
+test("rows that fall silent stay for ten minutes", async () => {
+    const { page, table, tell, close } = await openWithout();
+    const tellAt = (minute) =>
+        tell("snapshot", { ...snapshots[0], multicast: [], time: `2023-11-14T22:${minute}:00.000000000Z` });
+    const rows = await rowTexts(table);
+    await tellAt(14);
+    assert.equal(await table.locator("tr.silent").count(), rows.length);
+    assert.deepEqual((await rowTexts(table)).map((row) => row.slice(2).join()).filter((text) => /[1-9]/.test(text)), []);
+    await tellAt(24);
+    assert.deepEqual(await rowTexts(table), []);
+    await close();
+});
+
+test("the head says what is watched, and that it died", async () => {
+    const { page, tell, close } = await openWithout();
+    const source = {
+        host: "gw1", interface: "eth0", files: null, filter: "udp", since_time: snapshots[0].begin_time,
+        interval_seconds: 2, is_paced: false, state: "live", state_time: snapshots[0].time, words: "live", reason: null,
+    };
+    await tell("source", source);
+    assert.equal(await page.textContent("#source"), "eth0 · on gw1 · filter “udp” · since 2023-11-14 22:13:20");
+    assert.equal(await page.title(), "eth0 on gw1 – pelmowatch");
+    await tell("source", { ...source, state: "failed", words: "capture failed: gone" });
+    assert.equal(await page.textContent("#state"), "capture failed: gone");
+    assert.ok(await page.locator("#dead").isVisible());
+    assert.equal(await page.title(), "(capture failed: gone) eth0 on gw1 – pelmowatch");
+    await close();
+});
+
+test("a fault leads to its packets and its senders", async () => {
+    const { page, table, tell, close } = await openWithout();
+    const times = { first_time: "2023-11-14T22:13:21.5Z", last_time: "2023-11-14T22:13:23.5Z" };
+    const fault = { words: "no UDP checksum", packets: 3, ...times, first_frame: 1007, last_frame: 1009, last_sender: "10.0.0.2" };
+    const [host] = snapshots[0].multicast;
+    const quiet = { multicast: [], retransmission: [], point_to_point: [] };
+    await tell("snapshot", {
+        ...snapshots[1], ...quiet, faults: { udp_checksum_missing: fault }, multicast: [{ ...host, bad_packets: 3 }],
+    });
+    await tell("snapshot", { ...snapshots[2], ...quiet, faults: {} });
+    assert.equal(await page.textContent("#tab-faults .count"), "1");
+    await page.click("#tab-faults");
+    await page.fill("#filter", "checksum 10.0.0.2");
+    await table.locator("tbody tr:not(.space)").click();
+    const place = await page.textContent(".panel .place");
+    assert.equal(place, "first 2023-11-14 22:13:21, frame 1,007; last 2023-11-14 22:13:23, frame 1,009");
+    const senders = await rowTexts(page.locator(".panel"));
+    assert.deepEqual(senders, [["Multicast", String(host.port), host.group, host.sender, "3"]]);
+    await page.locator(".jumps button").click();
+    assert.equal(await page.inputValue("#filter"), "10.0.0.2");
+    assert.equal(await page.getAttribute("#tab-multicast", "aria-selected"), "true");
+    await close();
+});
+
+test("what is in sight is copied", async () => {
+    const { page, table, close } = await open();
+    await page.context().grantPermissions(["clipboard-read", "clipboard-write"]);
+    await page.fill("#filter", "239.255.0.1");
+    await page.getByText("Copy", { exact: true }).click();
+    await page.getByText("as JSON").click();
+    await page.getByText("Copied").waitFor();
+    const copied = JSON.parse(await page.evaluate(() => navigator.clipboard.readText()));
+    assert.deepEqual(
+        copied.map((row) => [row.group, count(row.payload_bytes)]),
+        (await rowTexts(table)).map((row) => [row[1], row[4]]));
+    await close();
+});
+
+// Browsers hold six connections to a server.
+test("the seventh page of a browser loads", async () => {
+    const context = await browser.newContext();
+    for (let i = 0; i < 7; ++i) {
+        const page = await context.newPage();
+        await page.goto(served.url);
+        await page.locator("#time:not(:empty)").waitFor({ timeout: 10000 });
+    }
+    await context.close();
+});
+
 test("light and dark, wide and narrow fit their window", async () => {
     for (const colorScheme of ["light", "dark"]) {
         for (const [width, height] of [[1280, 800], [400, 860]]) {
@@ -249,11 +413,13 @@ test("light and dark, wide and narrow fit their window", async () => {
             const background = await page.evaluate(
                 () => getComputedStyle(document.body).backgroundColor.match(/\d+/)[0]);
             assert.equal(background < 128, colorScheme === "dark");
+            await isAccessible(page);
             await picture(page, `live-${colorScheme}-${width}`);
             await table.locator("tbody tr:not(.space)").first().click();
             await page.waitForFunction(
                 () => document.querySelector(".panel .value").textContent !== "–");
             await fitsItsWindow(page);
+            await isAccessible(page);
             await picture(page, `details-${colorScheme}-${width}`);
             await close();
         }

@@ -9,8 +9,11 @@ import { join } from "node:path";
 import { fileURLToPath, pathToFileURL } from "node:url";
 import test, { after, before } from "node:test";
 import {
-    count, fitsItsWindow, haveInk, isUnbroken, launch, openPage, picture, rowTexts,
+    count, fitsItsWindow, haveInk, isAccessible, isUnbroken, launch, openPage, picture, rowTexts,
+    showsTrouble,
 } from "./browser.mjs";
+
+import { tables } from "../../watch/web/shared/tables.js";
 
 const sample = fileURLToPath(new URL("../../samples/bus.pcap", import.meta.url));
 const kData = /(<script type="application\/json"[^>]*>)(.*?)(?=<\/script>)/s;
@@ -197,11 +200,51 @@ test("a large report opens, and markup stays text", async () => {
     await close();
 });
 
+test("what tells of trouble is in sight at every width, and no time is cut", async () => {
+    const { page, table, close } = await open(data);
+    const senders = tables.multicast.hostColumns.filter(({ isState }) => !isState);
+    const [senderPlace, numbers] = [senders.slice(0, 2), senders.slice(2)];
+    const messages = [{ key: "messages" }, { key: "message_bytes" }];
+    const { hostColumns } = tables.point_to_point;
+    const sent = Object.fromEntries(Object.entries(data.tables.point_to_point.sums).map(
+        ([key, sum]) => [key.replace(/_sent$/, ""), sum]));
+    for (const width of [768, 1024, 1280, 1366, 1440, 1600, 1920]) {
+        await page.setViewportSize({ width, height: 800 });
+        await page.click("#tab-senders");
+        await showsTrouble(table, [...senderPlace, ...messages, ...numbers], data.tables.senders.sums);
+        await page.click("#tab-point_to_point");
+        const [host, scid, ...rest] = hostColumns;
+        await showsTrouble(table, [host, scid, { key: "port" }, ...rest], sent);
+        const cut = await page.locator("#faults td").evaluateAll((cells) =>
+            cells.filter((cell) => cell.scrollWidth > cell.clientWidth).map((cell) => cell.textContent));
+        assert.deepEqual(cut, []);
+    }
+    await close();
+});
+
+test("on paper there are all tables to a bound, and light colours", async () => {
+    const { page, close } = await open(data, { colorScheme: "dark" });
+    await page.emulateMedia({ media: "print", colorScheme: "dark" });
+    await page.evaluate(() => dispatchEvent(new Event("beforeprint")));
+    const sections = await page.locator("#printed section").evaluateAll((list) =>
+        list.map((section) => section.querySelectorAll("tbody tr:not(.sums)").length));
+    assert.equal(sections.length, Object.values(data.tables).filter(({ rows }) => rows.length > 0).length);
+    assert.ok(sections.every((rows) => rows > 0 && rows <= 50), String(sections));
+    assert.ok(await page.locator("#tables").isHidden());
+    const ink = await page.evaluate(() => getComputedStyle(document.body).color.match(/\d+/)[0]);
+    assert.ok(ink < 128);
+    await picture(page, "report-print");
+    await page.evaluate(() => dispatchEvent(new Event("afterprint")));
+    assert.equal(await page.locator("#printed section").count(), 0);
+    await close();
+});
+
 test("light and dark, wide and narrow fit their window", async () => {
     for (const colorScheme of ["light", "dark"]) {
         for (const width of [1280, 400]) {
             const { page, close } = await open(data, { width, colorScheme });
             await fitsItsWindow(page);
+            await isAccessible(page);
             await picture(page, `report-${colorScheme}-${width}`);
             await close();
         }

@@ -66,7 +66,7 @@ export function makeHead() {
             sourceName(source),
             `on ${source.host}`,
             source.filter && `filter “${source.filter}”`,
-            `since ${formatDateTime(since)}`,
+            source.files === null && `since ${formatDateTime(since)}`,
         ];
         setText(byId("source"), parts.filter(Boolean).join(" · "));
         const files = source.files?.join("\n") ?? "";

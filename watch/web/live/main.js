@@ -241,6 +241,7 @@ function restore({ table, sort, filter, isRate: rate, isUtc: utc, open }) {
     if (sort !== null) shownTables[tab].setSort(sort.key, sort.descending);
     restoreOpen(open);
     isRestoring = false;
+    keepLink();
     showAll(true);
 }
 
@@ -323,6 +324,6 @@ byId("utc").addEventListener("click", () => {
 });
 document.addEventListener("keydown", onKey);
 document.addEventListener("visibilitychange", onVisibility);
-addEventListener("hashchange", () => restore(readLink(location.hash)));
+addEventListener("hashchange", ({ newURL }) => restore(readLink(new URL(newURL).hash)));
 restore(readLink(location.hash));
 openFeed({ onSnapshot: take, onSource, onState, onTrouble: head.addTrouble });

@@ -202,7 +202,7 @@ export function showTables(data) {
 }
 
 const kFaultColumns = [
-    { key: "words", label: "Fault", kind: "text", help: "What is wrong with the packet" },
+    { key: "words", label: "Fault", kind: "text", least: 29, help: "What is wrong with the packet" },
     {
         key: "packets",
         label: "Packets",
