@@ -1,7 +1,7 @@
 # cmake --install: the tool with its two modules, the programs beside it, manual pages, completions,
 # unit samples, the operators' guide and the licence texts of third parties; and the library with its
 # headers, its files for pkg-config and CMake, and its reference. Each component goes into a package
-# (Package.cmake): "tool", "bus" and "watch" are programs, "library" is what a program needs at run
+# (Package.cmake): "tool", "bus", "watch" and "bridge" are programs, "library" is what a program needs at run
 # time, "dev" what it is built with, "doc" the reference.
 #
 # The modules must be beside the program that loads them, and no other program should find them, so
@@ -60,6 +60,13 @@ if(PELMO_WATCH_BUILT)
     install(FILES docs/pelmowatch.service docs/licenses/uPlot.txt
                   docs/licenses/RapidJSON.txt
             DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmowatch COMPONENT watch)
+endif()
+
+if(PELMO_BRIDGE_BUILT)
+    install(TARGETS pelmobridge RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT bridge)
+    pelmo_install_texts(bridge pelmobridge pelmobridge)
+    install(FILES docs/BRIDGE.md docs/pelmobridge.service DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmobridge
+            COMPONENT bridge)
 endif()
 
 foreach(header IN LISTS PELMO_PUBLIC_HEADERS)

@@ -56,6 +56,14 @@ its source is open.")
     set(CPACK_DEBIAN_WATCH_PACKAGE_SUGGESTS "pelmoscope, prometheus")
 endif()
 
+if(PELMO_BRIDGE_BUILT)
+    pelmo_package(bridge pelmobridge net "${runtime}, libnats3.4 (>= 3.4)"
+        "bridge between a Pelmo message bus and NATS
+Carries messages between a Pelmo bus and NATS, at most once as plain subjects
+and at least once by streams of JetStream, and requests with their answers.")
+    set(CPACK_DEBIAN_BRIDGE_PACKAGE_SUGGESTS "pelmobus, nats-server")
+endif()
+
 pelmo_package(library libpelmo0 libs "${runtime}"
     "client library of the Pelmo message bus
 Self-describing messages, queues, timers and dispatchers, and transports to a

@@ -131,6 +131,11 @@ check_pelmobus() {
     has_files man/man1/{pelmobus,pmd}.1 doc/pelmobus/{OPERATING.md,CHANGELOG.md,copyright,pmd.service}
 }
 
+check_pelmobridge() {
+    diff <("$build/bin/pelmobridge" --help) <(inside pelmobridge --help)
+    has_files man/man1/pelmobridge.1 doc/pelmobridge/{BRIDGE.md,copyright,pelmobridge.service}
+}
+
 # A program that was built elsewhere finds the library: the root has no compiler.
 check_libpelmo0() {
     c++ -std=c++17 tests/scripts/library_user/main.cc -I "$work/unpacked.$(basename "$work"/made/libpelmo-dev_*.deb)/usr/include" \
@@ -194,7 +199,7 @@ check_upgrade() {
     rm -r "$root/etc/systemd/system/pelmowatch.service"
 }
 
-names=(pelmoscope pelmobus pelmowatch libpelmo0 libpelmo-dev libpelmo-doc)
+names=(pelmoscope pelmobus pelmowatch pelmobridge libpelmo0 libpelmo-dev libpelmo-doc)
 quietly cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/made"
 quietly cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/next" -R 9.9.9
 for name in "${names[@]}"; do

@@ -49,6 +49,8 @@ if [ "$option" != --tool ]; then
     need npm have_command npm
 fi
 if [ "$option" != --tool ] && [ "$option" != --build ]; then
+    need libnats-dev have_header nats/nats.h
+    need nats-server test -x /usr/sbin/nats-server
     need git have_command git
     need pkgconf have_command pkg-config
     need iproute2 have_command ip
@@ -72,8 +74,6 @@ if [ "$option" = --all ] || [ "$option" = --long ] || [ "$option" = --bench ]; t
 fi
 [ "$option" != --long ] || need debootstrap have_command debootstrap
 if [ "$option" = --bench ]; then
-    need nats-server test -x /usr/sbin/nats-server
-    need libnats-dev have_header nats/nats.h
     need mosquitto test -x /usr/sbin/mosquitto
     need libmosquitto-dev have_header mosquitto.h
     need libenet-dev have_header enet/enet.h

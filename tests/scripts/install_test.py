@@ -53,6 +53,11 @@ class Install(unittest.TestCase):
         assert len(cls.commands) == 9, cls.commands
         cls.daemon_options = options_of("pmd", pattern=r"^  (-[a-z-]+)")
         assert len(cls.daemon_options) == 10, cls.daemon_options
+        # Those of pelmobridge. Where libnats is missing there are none.
+        cls.bridge_options = []
+        if os.path.exists(os.path.join(USR, "bin", "pelmobridge")):
+            cls.bridge_options = options_of("pelmobridge", pattern=r"^  (--[a-z-]+)")
+            assert len(cls.bridge_options) == 22, cls.bridge_options
         # Those of pelmowatch, by form. Where its libraries are missing there is none.
         cls.watch_options = {}
         if os.path.exists(os.path.join(USR, "bin", "pelmowatch")):
@@ -66,6 +71,8 @@ class Install(unittest.TestCase):
         yield "pelmoscope", self.options
         yield "pelmobus", sorted(set(sum(self.bus_options.values(), [])))
         yield "pmd", self.daemon_options
+        if self.bridge_options:
+            yield "pelmobridge", self.bridge_options
         if self.watch_options:
             yield "pelmowatch", sorted(set(sum(self.watch_options.values(), ["--version"])))
 
@@ -101,6 +108,8 @@ class Install(unittest.TestCase):
     def test_bash_completes_options_and_knows_which_take_a_value(self):
         self.assertEqual(sorted(self.complete("pelmoscope", "-")), self.options)
         self.assertEqual(sorted(self.complete("pmd", "-")), self.daemon_options)
+        if self.bridge_options:
+            self.assertEqual(sorted(self.complete("pelmobridge", "-")), self.bridge_options)
         self.assertEqual(self.complete("pelmoscope", "-w-max-s"), ["-w-max-size"])
         self.assertIn("lo", self.complete("pelmoscope", "-i", ""))
         self.assertEqual(self.complete("pelmoscope", "-u", "-"), [])

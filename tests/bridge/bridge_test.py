@@ -1,0 +1,343 @@
+#!/usr/bin/env python3
+"""bridge_test.py: the bridge between real daemons of the bus and real servers of NATS, alone and as a
+cluster, while each of them comes and goes.
+"""
+import collections
+import json
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+import program_case  # noqa: E402
+from program_case import ProgramCase, binary, run, wait_until  # noqa: E402
+
+from bus_client import Daemon  # noqa: E402
+from live_run import Process  # noqa: E402
+from nats_client import NatsClient, NatsServer, cluster, free_port, have_server  # noqa: E402
+
+
+class Bridge(Process):
+    """A bridge that is connected on both sides, unless that can't be."""
+
+    def __init__(self, folder, name, servers, daemon, *options, waits=True):
+        self.log_path = pathlib.Path(folder) / (name + ".log")
+        urls = ",".join("nats://127.0.0.1:%d" % server.port for server in servers)
+        self.command = (binary("pelmobridge"), "--nats", urls, "--daemon", "127.0.0.1:%d" % daemon.port,
+                        "--name", name, *options)
+        self.begin(waits)
+
+    def begin(self, waits=True):
+        with open(self.log_path, "ab") as log:
+            super().__init__(*self.command, stdout=log, stderr=log)
+        if waits:
+            wait_until(lambda: "both sides" in self.log(), "the bridge")
+
+    def log(self):
+        return self.log_path.read_text()
+
+    def counts(self):
+        """Those of its last line of them."""
+        lines = re.findall(r"pelmobridge: ((?:[a-z_]+ \d+(?:, |$))+|nothing crossed)$", self.log(), re.MULTILINE)
+        return collections.Counter({name: int(count) for name, count in re.findall(r"(\w+) (\d+)", lines[-1])})
+
+    def ended(self):
+        """Its counts at its end, by a signal."""
+        self.popen.send_signal(signal.SIGTERM)
+        self.end_status = self.status()
+        return self.counts()
+
+
+class BridgeCase(ProgramCase):
+    def daemon(self, **more):
+        return self.started(Daemon(binary("pmd"), **more))
+
+    def server(self, name="n1", **more):
+        return self.started(NatsServer(self.folder / self._testMethodName, name, **more))
+
+    def bridge(self, name, server, daemon, *options, **more):
+        servers = server if isinstance(server, list) else [server]
+        return self.started(Bridge(self.folder / self._testMethodName, name, servers, daemon, *options, **more))
+
+    def setUp(self):
+        (self.folder / self._testMethodName).mkdir(exist_ok=True)
+
+    def client(self, server, *subjects):
+        client = NatsClient(server.port)
+        self.addCleanup(client.close)
+        for subject in subjects:
+            client.subscribe(subject)
+        return client
+
+    def bus(self, daemon, *words, **more):
+        return run(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % daemon.port, *words, **more)
+
+    def listener(self, daemon, *subjects):
+        """Its lines, as they come, are read by lines()."""
+        path = self.folder / self._testMethodName / ("listener%d" % len(list(self.folder.glob("*/listener*"))))
+        with open(path, "wb") as out, open(str(path) + ".err", "wb") as err:
+            listener = self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % daemon.port, "listen", *subjects,
+                                  "--json", stdout=out, stderr=err)
+        wait_until(lambda: "listening" in pathlib.Path(str(path) + ".err").read_text(), "the listener")
+        listener.path = path
+        return listener
+
+    @staticmethod
+    def lines(listener):
+        whole = listener.path.read_text().rpartition("\n")[0]
+        return [json.loads(line) for line in whole.splitlines()]
+
+    @staticmethod
+    def fields(line):
+        return {field["name"]: field["value"] for field in line["fields"]}
+
+    def mark(self, line):
+        return self.fields(self.fields(line)["_bridge"])
+
+    def numbers(self, listener):
+        """What arrived of a sender's numbers: how often each, and whether those not marked came in order."""
+        arrived, unmarked = collections.Counter(), []
+        for line in self.lines(listener):
+            number = self.fields(line)["seq"]
+            arrived[number] += 1
+            if "repeat" not in self.mark(line):
+                unmarked.append(number)
+        self.assertEqual(unmarked, sorted(set(unmarked)))
+        return arrived
+
+    def all_arrive(self, listener, count, seconds=120):
+        wait_until(lambda: listener.path.read_bytes().count(b"\n") >= count, "%d messages" % count, seconds)
+        try:
+            wait_until(lambda: len(self.numbers(listener)) == count, "each of them", seconds)
+        except AssertionError:
+            self.fail("missing: %s" % sorted(set(range(1, count + 1)) - set(self.numbers(listener)))[:20])
+
+
+class Crossing(BridgeCase):
+    def test_subjects_cross_and_come_back_as_they_were(self):
+        server, first, second = self.server(), self.daemon(), self.daemon()
+        self.bridge("one", server, first, "--from-bus", "A.>", "--prefix-nats", "SITE.")
+        two = self.bridge("two", server, second, "--to-bus", "A.>", "--prefix-nats", "SITE.", "--prefix-bus", "FAR.")
+        client, listener = self.client(server, "SITE.>"), self.listener(second, ">")
+        rows = [("A.B", "A.B"), ("A.a b", "A.a%20b"), ("A.50%", "A.50%25"), ("A.$x.y$", "A.%24x.y$"), ("A.ü", "A.ü"),
+                ("A.x*.y>", "A.x%2A.y%3E"), ("A." + "x" * 127, "A." + "x" * 127)]
+        for on_bus, on_nats in rows:
+            self.assertEqual(self.bus(first, "send", on_bus, "x:i32=1").returncode, 0)
+            self.assertEqual(client.receive()[0], "SITE." + on_nats)
+        for hostile in ("SITE.A." + "x" * 128, "SITE.A.b%00"):
+            client.publish(hostile, b"{}")
+        client.flush()
+        wait_until(lambda: len(self.lines(listener)) >= len(rows), "all subjects")
+        self.assertEqual([line["subject"] for line in self.lines(listener)], ["FAR." + row[0] for row in rows])
+        self.assertEqual(two.ended()["to_bus"], len(rows))
+
+    def test_bodies_are_the_bus_s_own_or_lines_of_json(self):
+        server, daemon = self.server(), self.daemon()
+        bridge = self.bridge("one", server, daemon, "--from-bus", "A", "--to-bus", "B", "--format", "json")
+        self.bridge("two", server, daemon, "--from-bus", "A2", "--to-bus", "B2")
+        client, listener = self.client(server, "A", "A2"), self.listener(daemon, "B", "B2")
+        self.bus(daemon, "send", "A", "x:f64=1.5", "--reply", "R")
+        _, reply, headers, body = client.receive()
+        self.assertEqual([{"name": "x", "type": "f64", "value": 1.5}], json.loads(body)["fields"])
+        self.assertEqual((headers["Pelmo-Origin"], headers["Pelmo-Sequence"]), ("one", "1"))
+        self.assertTrue(reply.startswith("_INBOX."))
+        self.bus(daemon, "send", "A2", "x:f64=1.5")
+        image = client.receive()[3]
+        for subject, good in (("B", body), ("B", image), ("B2", body)):
+            client.publish(subject, good)
+        hostile = (b"", b"{", b"text", image[:-1], image + b"x", image[:8], image[:12] + b"\xff" * (len(image) - 12),
+                   b'{"fields":[{"type":"i32","value":99999999999}]}', b"\xff" * 8)
+        for bad in hostile:
+            client.publish("B", bad)
+        client.flush()
+        wait_until(lambda: len(self.lines(listener)) == 3, "good bodies")
+        for line in self.lines(listener):
+            self.assertEqual(self.fields(line)["x"], 1.5)
+        self.assertEqual(bridge.ended()["bad_bodies"], len(hostile))
+
+    def test_no_message_comes_back_by_its_bridge_or_group(self):
+        server, first, second = self.server(), self.daemon(), self.daemon()
+        both = ("--from-bus", "A.>", "--to-bus", "A.>")
+        bridges = [self.bridge("one", server, first, *both), self.bridge("two", server, second, *both, "--group", "g"),
+                   self.bridge("three", server, second, *both, "--group", "g")]
+        wait_until(lambda: any("takes messages" in bridge.log() for bridge in bridges[1:]), "a leader")
+        listeners = [self.listener(daemon, "A.>") for daemon in (first, second)]
+        for daemon in (first, second):
+            self.bus(daemon, "send", "A.B", "--count", "20")
+        for listener in listeners:
+            wait_until(lambda: len(self.lines(listener)) >= 40, "what both sent")
+        counts = [bridge.ended() for bridge in bridges]
+        self.assertEqual([len(self.lines(listener)) for listener in listeners], [40, 40])
+        self.assertEqual(sum(count["to_bus"] for count in counts), 40)
+
+    def test_requests_cross_with_their_answers_or_end_in_time(self):
+        server, first, second = self.server(), self.daemon(), self.daemon()
+        one = self.bridge("one", server, first, "--from-bus", "ASK.>", "--to-bus", "NATS.>", "--request-timeout", "1")
+        self.bridge("two", server, second, "--to-bus", "ASK.>")
+        self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % second.port, "answer", "ASK.ME", "x=yes",
+                   stderr=-3, stdout=-3)
+        self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % first.port, "answer", "NATS.ME", "x=no",
+                   stderr=-3, stdout=-3)
+        heard = self.listener(first, "NATS.>")
+        wait_until(lambda: b'"yes"' in self.bus(first, "request", "ASK.ME", "--seconds", "1").stdout, "an answer")
+        self.assertEqual(self.bus(first, "request", "ASK.NOBODY", "--seconds", "1").returncode, 3)
+        client = self.client(server, "ANSWERS")
+        client.publish("NATS.ME", b'{"fields":[]}', reply="ANSWERS")
+        self.assertIn(b"no\0", client.receive()[3])
+        client.publish("NATS.NOBODY", b'{"fields":[]}', reply="ANSWERS")
+        client.flush()
+        wait_until(lambda: len(self.lines(heard)) == 2, "the request of NATS")
+        time.sleep(1.5)  # longer than any answer may take
+        counts = one.ended()
+        self.assertEqual(counts["requests_late"], 2)
+
+
+class Keeping(BridgeCase):
+    """Streams: at least once, whatever breaks."""
+
+    BOTH = (("--from-bus", "N.>", "--stream", "KEPT"), ("--to-bus", "N.>", "--durable", "far"))
+
+    def test_a_late_consumer_gets_all_and_a_full_stream_costs_the_oldest(self):
+        server, first, second = self.server(), self.daemon(), self.daemon()
+        client = self.client(server)
+        made = client.ask("$JS.API.STREAM.CREATE.KEPT", {"name": "KEPT", "subjects": ["N.>"], "max_msgs": 100,
+                                                         "discard": "new", "storage": "memory"})
+        self.assertNotIn("error", made)
+        one = self.bridge("one", server, first, *self.BOTH[0], "--buffer", "1")
+        self.bus(first, "send", "N.A", "--count", "500", "--size", "10000", "--sequence")
+        wait_until(lambda: "a stream takes nothing" in one.log(), "a full stream")
+        client.ask("$JS.API.STREAM.UPDATE.KEPT", {"name": "KEPT", "subjects": ["N.>"], "max_msgs": 100000,
+                                                  "discard": "new", "storage": "memory"})
+        wait_until(lambda: client.ask("$JS.API.STREAM.INFO.KEPT", {})["state"]["messages"] > 100, "room in the stream")
+        counts = one.ended()
+        self.assertEqual(one.end_status, 0)
+        kept = client.ask("$JS.API.STREAM.INFO.KEPT", {})["state"]["messages"]
+        self.assertEqual(counts["stream_acknowledged"], kept)
+        self.assertEqual(counts["stream_dropped"] + kept, 500)
+        listener = self.listener(second, "N.>")
+        self.bridge("two", server, second, *self.BOTH[1])
+        self.all_arrive(listener, kept)
+
+    def test_all_arrive_though_servers_bridges_and_the_far_daemon_are_killed(self):
+        servers = cluster(self.folder / self._testMethodName)
+        for server in servers:
+            self.addCleanup(server.close)
+        first, second = self.daemon(), self.daemon()
+        client = self.client(servers[0])
+        made = client.ask("$JS.API.STREAM.CREATE.KEPT", {"name": "KEPT", "subjects": ["N.>"], "num_replicas": 3})
+        self.assertNotIn("error", made)
+        ones = [self.bridge(name, servers, first, *self.BOTH[0], "--group", "ones") for name in ("one", "uno")]
+        wait_until(lambda: any("takes messages" in bridge.log() for bridge in ones), "a leader")
+        two = self.bridge("two", servers, second, *self.BOTH[1])
+        listener = self.listener(second, "N.>")
+        count, rate = 20000, 1500
+        sender = self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % first.port, "send", "N.A", "--count",
+                            str(count), "--rate", str(rate), "--sequence")
+        for server in servers:
+            self.grows(listener, rate)
+            server.close()
+            self.grows(listener, 1)
+            server.begin()
+        leader = next(bridge for bridge in ones if self.leads(bridge))
+        for bridge in (leader, two):
+            self.grows(listener, 1)
+            bridge.close()
+            bridge.begin(waits=False)
+        self.assertEqual(sender.status(), 0)
+        self.all_arrive(listener, count)
+        for bridge in (*ones, two):
+            self.assertEqual(bridge.ended()["stream_dropped"], 0)
+
+    @staticmethod
+    def leads(bridge):
+        return bridge.log().rfind("takes messages") > bridge.log().rfind("stands by")
+
+    def grows(self, listener, by):
+        size = listener.path.read_bytes().count(b"\n")
+        wait_until(lambda: listener.path.read_bytes().count(b"\n") >= size + by, "%d more messages" % by)
+
+
+class Start(BridgeCase):
+    def test_a_bad_command_line_says_what_is_wrong(self):
+        for words, what in (((), "--nats: missing"), (("--nats", "x"), "--from-bus or --to-bus: missing"),
+                            (("--nats", "a,,b"), "--nats a,,b: has an empty URL"),
+                            (("--stream", "S"), "--stream S: belongs after a --from-bus"),
+                            (("--from-bus", "A..B"), "--from-bus A..B: isn't a subject that can cross"),
+                            (("--from-bus", "_INBOX.>"), "--from-bus _INBOX.>: isn't a subject that can cross"),
+                            (("--prefix-bus", "A"), "--prefix-bus A: has no dot at its end"),
+                            (("--group", "a b"), "--group a b: needs 1 to 32 letters"),
+                            (("--nats", "x", "--to-bus", "A.*", "--to-bus", "*.B"), "--to-bus: patterns overlap"),
+                            (("--format", "xml"), "--format xml: isn't wire or json"), (("x",), "x: not an option")):
+            ended = run(binary("pelmobridge"), *words)
+            self.assertEqual(ended.returncode, 2, words)
+            self.assertIn(what.encode(), ended.stderr)
+
+    def test_it_waits_for_servers_and_daemons_and_reports_them(self):
+        port, daemon = free_port(), self.daemon()
+        self.folder.joinpath(self._testMethodName).mkdir(exist_ok=True)
+        away = type("Away", (), {"port": port})
+        one = self.bridge("one", away, daemon, "--from-bus", "A", waits=False)
+        wait_until(lambda: "NATS isn't reached" in one.log(), "a word on NATS")
+        self.bus(daemon, "send", "A", "--count", "3")
+        server = self.server(port=port)
+        client = self.client(server, "pelmobridge.status.>")
+        wait_until(lambda: "connected to nats://" in one.log(), "the connection")
+        listener = self.listener(daemon, "PELMOBRIDGE.STATUS.>")
+        self.assertEqual(one.ended()["plain_sent"], 3)
+        self.assertEqual(json.loads(client.receive()[3])["name"], "one")
+        wait_until(lambda: self.lines(listener), "the status on the bus")
+        self.assertEqual(self.fields(self.lines(listener)[0])["plain_sent"], 3)
+
+    def test_refused_credentials_end_it_and_none_is_logged(self):
+        server, daemon = self.server(settings="authorization { user: u, password: good }"), self.daemon()
+        for user, status in (("u:bad@", 1), ("u:good@", 0)):
+            log = self.folder / "secrets"
+            with open(log, "wb") as out:
+                bridge = self.start(binary("pelmobridge"), "--nats", "nats://%s127.0.0.1:%d" % (user, server.port),
+                                    "--daemon", "127.0.0.1:%d" % daemon.port, "--to-bus", "A", stderr=out)
+            if status == 0:
+                wait_until(lambda: "both sides" in log.read_text(), "the connection")
+                bridge.popen.send_signal(signal.SIGTERM)
+            self.assertEqual(bridge.status(), status, log.read_text())
+            self.assertNotIn(user[2:-1], log.read_text())
+
+
+class Secure(BridgeCase):
+    def test_certificates_are_checked_both_ways(self):
+        folder = self.folder / self._testMethodName
+        own = ["-days", "2", "-nodes", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-batch"]
+
+        def made(*words):
+            subprocess.run(["openssl", *words], cwd=folder, check=True, capture_output=True)
+        made("req", "-x509", *own, "-keyout", "ca.key", "-out", "ca", "-subj", "/CN=tests")
+        for name in ("server", "client"):
+            made("req", *own[2:], "-keyout", name + ".key", "-out", name + ".csr", "-subj", "/CN=" + name)
+            (folder / "ext").write_text("subjectAltName=IP:127.0.0.1")
+            made("x509", "-req", "-in", name + ".csr", "-CA", "ca", "-CAkey", "ca.key", "-CAcreateserial", "-days", "2",
+                 "-extfile", "ext", "-out", name)
+        tls = "tls { cert_file: %s/server, key_file: %s/server.key, ca_file: %s/ca, verify: true }"
+        server, daemon = self.server(settings=tls % ((folder,) * 3)), self.daemon()
+        ca, key = ("--tls-ca", folder / "ca"), ("--tls-cert", folder / "client", "--tls-key", folder / "client.key")
+        one = self.bridge("one", server, daemon, "--from-bus", "A", *ca, *key)
+        two = self.bridge("two", server, daemon, "--to-bus", "A", "--prefix-bus", "B.", *ca, *key)
+        heard = self.listener(daemon, "B.A")
+        wait_until(lambda: "connected to" in one.log() and "connected to" in two.log(), "both connections")
+        self.bus(daemon, "send", "A", "x=1")
+        wait_until(lambda: self.lines(heard), "the message")
+        three = self.bridge("three", server, daemon, "--from-bus", "A", *ca, waits=False)
+        wait_until(lambda: "NATS isn't reached" in three.log() or not three.running(), "a refusal")
+        lacking = self.bridge("four", server, daemon, "--from-bus", "A", "--tls-ca", folder / "none", waits=False)
+        self.assertEqual(lacking.status(), 1)
+        self.assertIn("--tls-ca", lacking.log())
+        self.assertNotIn("PRIVATE", one.log() + two.log() + three.log())
+
+
+if __name__ == "__main__":
+    if not have_server():
+        print("skipped: nats-server is missing (apt install nats-server)")
+        sys.exit(77)
+    unittest.main()
