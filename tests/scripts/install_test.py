@@ -64,7 +64,7 @@ class Install(unittest.TestCase):
             lines = {form: options_of("pelmowatch", form, pattern=r"^  (-[^\s,]+(?:, -[^\s,]+)*)")
                      for form in options_of("pelmowatch", pattern=r"^  ([a-z]+) ")}
             cls.watch_options = {form: sorted(", ".join(names).split(", ")) for form, names in lines.items()}
-            assert len(cls.watch_options["json"]) == 20 + 3, cls.watch_options
+            assert len(cls.watch_options["json"]) == 24, cls.watch_options
 
     def programs(self):
         """Each program with all of its options."""
