@@ -201,8 +201,8 @@ TEST(Library, TracesAsTheEnvironmentSays) {
          {"\nPelmo API\n", "\nVersion 8.5.2 V1 11/12/20 06:41:40\n", "[PELMO][",
           "]: pelmo_Open()\n", "]: pelmo_Version()\n", "[MSG][", "]: Message 0x", " created\n",
           "]: pelmoMsg_Create(0x", "[MSG_DETAIL][", "]: pelmoMsg_AddField(0x", ") type=22\n",
-          "]: pelmoMsg_Expand(0x", ", -1)\n", "]: pelmoMsg_Destroy(0x", "]: Message 0x",
-          " destroyed\n", "]: pelmo_Close()\n"}) {
+          "[MSG_DETAIL][", "]: pelmoMsg_Expand(0x", ", -1)\n", "]: pelmoMsg_Destroy(0x",
+          "]: Message 0x", " destroyed\n", "]: pelmo_Close()\n"}) {
         at = text.find(part, at);
         ASSERT_NE(at, text.npos) << part;
     }
