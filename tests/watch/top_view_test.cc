@@ -310,6 +310,9 @@ TEST_F(TopViewTest, WhatIsDrawnCanBeClicked) {
     EXPECT_FALSE(topPane(model).hasOpen);
     clickLine(firstRow);
     EXPECT_TRUE(topPane(model).hasOpen);
+    topTake(model, maker.at(1700000002));
+    topClick(model, {SpotKind::kRow, 0, firstRow, 0, 80});  // the row may be another by now
+    EXPECT_EQ(topPane(model).cursor, 1u);
     clickLine(23);  // hints
     EXPECT_EQ(model.mode, TopMode::kTables);
 }
