@@ -7,6 +7,7 @@ import pathlib
 import signal
 import socket
 import sys
+import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
@@ -79,11 +80,16 @@ class Live(ProgramCase):
         watch = self.watch("stopped")
         self.await_first(watch)
         watch.popen.send_signal(signal.SIGSTOP)
+        stopped = time.monotonic()
         self.send("--count", str(BIG_BURST), "--rate", "1000000")
+        wait_until(lambda: time.monotonic() > stopped + 2.5, "a stall of more than two intervals")
         watch.popen.send_signal(signal.SIGCONT)
         wait_until(lambda: self.counted(watch)["frames"] + self.counted(watch)["lost"] >= BIG_BURST, "all frames")
         self.assertGreater(self.counted(watch)["frames"], 0)
         self.assertGreater(self.counted(watch)["lost"], 0)
+        lengths = [one["elapsed_seconds"] for one in self.snapshots(watch)]
+        self.assertGreater(max(lengths), 2.4)
+        self.assertGreater(min(lengths), 0.009)  # what the stall left is part of the next one
 
     def test_a_reader_that_stalls_or_goes_holds_up_no_end(self):
         reader, writer = os.pipe()
