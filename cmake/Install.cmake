@@ -54,7 +54,7 @@ if(PELMO_WATCH_BUILT)
     install(TARGETS pelmowatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT watch)
     pelmo_install_texts(watch pelmowatch pelmowatch)
     install(FILES docs/pelmowatch.schema.json docs/pelmowatch-report.schema.json
-                  docs/pelmowatch-compare.schema.json
+                  docs/pelmowatch-compare.schema.json docs/pelmowatch-source.schema.json
             DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
     install(DIRECTORY docs/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
     install(FILES docs/pelmowatch.service docs/licenses/uPlot.txt

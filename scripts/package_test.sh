@@ -159,7 +159,7 @@ check_pelmowatch() {
     inside pelmowatch report -r - -o /tmp/page.html <samples/bus.pcap 2>"$work/log"
     "$build/bin/pelmowatch" report -r - -o "$work/page.html" <samples/bus.pcap 2>"$work/log"
     cmp "$work/page.html" "$root/tmp/page.html"
-    has_files man/man1/pelmowatch.1 pelmowatch/pelmowatch{,-report,-compare}.schema.json \
+    has_files man/man1/pelmowatch.1 pelmowatch/pelmowatch{,-report,-compare,-source}.schema.json \
         pelmowatch/prometheus/pelmo_{bus.yml,alerts.yml,dashboard.json} \
         doc/pelmowatch/{OPERATING.md,copyright,pelmowatch.service,uPlot.txt,RapidJSON.txt}
     check_server

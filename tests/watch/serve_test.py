@@ -20,12 +20,15 @@ import time
 import urllib.parse
 import zlib
 
+import jsonschema
+
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
 from program_case import HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, main, messages, run, wait_until  # noqa: E402
 
 from served import Server, check_by_promtool  # noqa: E402
 
+SOURCE_SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch-source.schema.json").read_text()))
 WATCH = binary("pelmowatch")
 PACED = "--mix --count 6000 --rate 200 --hosts 200 --subjects 1000".split()
 FUZZ_SECONDS = int(os.environ.get("PELMO_FUZZ_SECONDS", 2))
@@ -149,6 +152,7 @@ class Serve(ProgramCase):
         self.assertEqual([source[name] for name in ("host", "interface", "files", "filter", "is_paced", "state", "words")],
                          [socket.gethostname(), None, [str(self.paced)], "udp port 7500", True, "reading", "reading"])
         self.assertEqual(server.json("/source.json"), source)
+        SOURCE_SCHEMA.validate(source)
         whole = self.serve(self.mix)
         self.assertEqual(json.loads(next(whole.events(kinds=("source",)))[1])["words"], "read to its end")
         self.assertIsNone(whole.json("/source.json")["filter"])
@@ -157,7 +161,9 @@ class Serve(ProgramCase):
         broken.write_bytes(gzip.compress(self.mix.read_bytes())[:-20000])
         server = self.serve(broken, awaits_end=False)
         wait_until(lambda: server.answer("/healthz")[0] == 503, "a bad word on its health")
-        self.assertEqual(server.json("/source.json")["state"], "failed")
+        failed = server.json("/source.json")
+        SOURCE_SCHEMA.validate(failed)
+        self.assertEqual((failed["state"], failed["words"]), ("failed", "reading failed: a file is not read whole"))
         self.ends_at_signal(server, 1)
 
     def test_history_is_that_of_all_intervals(self):
