@@ -30,6 +30,8 @@ void checkFrame(const CaptureFrame& frame) {
          {frame.linkType, uint16_t{kLinkEthernet}, uint16_t{kLinkRaw}, uint16_t{kLinkCooked2}}) {
         const PeeledFrame peeled = peelFrame(bytes, frame.wireBytes, linkType);
         require(peeled.reason != NotRead::kFiltered);
+        const bool isPlainBus = frameIsPlainBus(bytes, frame.wireBytes, linkType);
+        require(!isPlainBus || (peeled.reason == NotRead::kNothing && peeled.isPlain));
         if (peeled.ip.empty()) continue;
         require(peeled.ip.size() >= 20 && peeled.ip.data() >= bytes.data() &&
                 peeled.ip.data() + peeled.ip.size() <= bytes.data() + bytes.size());

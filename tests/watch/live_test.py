@@ -6,12 +6,13 @@ import os
 import pathlib
 import signal
 import socket
+import struct
 import sys
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import ProgramCase, binary, main, run, wait_until  # noqa: E402
+from program_case import ProgramCase, binary, main, packets, run, wait_until  # noqa: E402
 
 from live_run import Tool, open_wire, sent_totals  # noqa: E402
 from served import Server  # noqa: E402
@@ -163,6 +164,33 @@ class Live(ProgramCase):
             states.append(json.loads(next(events)[1])["state"])
         self.assertIn("waiting", states)
         self.ends_at_signal(waits)
+
+    def test_tunnels_pass_the_filter_and_a_blind_run_says_what_it_had(self):
+        if WIRE.interface == "lo":
+            self.skipTest("the loopback has traffic of others")
+        plain = packets.frame_of("data {<A.B>}")
+        macs, ip = plain[:12], plain[14:]
+        v6 = lambda protocol, inside: macs + b"\x86\xdd\x60\0\0\0" + struct.pack(">HBB", len(inside), protocol, 64) + \
+            bytes(32) + inside
+        others = [v6(6, bytes(40)), macs + b"\x08\x06" + bytes(28)]
+        tunnels = [plain, macs + b"\x81\0\0\7\x08\0" + ip, macs + b"\x88\x47\0\2\1\x40" + ip, v6(47, b"\0\0\x08\0" + ip)]
+        foreign = plain[:42] + b"DNS." + plain[46:]
+        for frames, seen, log in ((others + tunnels, {"data_packets": 1, "repeated_packets": 3}, ""), (others + [foreign], {}, "1 frame of link type EN10MB, "
+                                                                               "none of the bus: 1 UDP but not of the bus")):
+            watch = self.watch("tunnels%d" % len(seen))
+            self.await_first(watch)
+            with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as wire:
+                wire.bind((WIRE.send[1], 0))
+                for frame in frames:
+                    wire.send(frame)
+            wait_until(lambda: self.counted(watch)["frames"] >= len(frames) - len(others), "all that was sent")
+            self.assertEqual(watch.stop()[0], 0)
+            found = self.counted(watch)
+            self.assertEqual(found["frames"], len(frames) - len(others))
+            for name, number in seen.items():
+                self.assertEqual(found["multicast", name], number)
+            self.assertIn(log, watch.text("stderr"))
+            self.assertEqual("none of the bus" in watch.text("stderr"), bool(log))
 
     def test_an_interface_that_is_not_there_is_an_error(self):
         watch = self.watch("nosuch", interface="nosuch0")

@@ -1,7 +1,7 @@
 #include "tools/pelmogen/damage.h"
 
+#include "lib/msg/oska.h"
 #include "tools/pelmogen/message.h"
-#include "trace/packets/oska.h"
 
 namespace {
 

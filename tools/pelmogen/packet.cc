@@ -4,8 +4,8 @@
 #include <bit>
 #include <cstring>
 
+#include "lib/msg/oska.h"
 #include "tools/pelmogen/message.h"
-#include "trace/packets/oska.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <ctime>
 
 #include "lib/base/bytes.h"
+#include "lib/msg/oska.h"
 #include "programs/stop.h"
 #include "tools/pelmogen/packet.h"
 #include "tools/pelmogen/wire_guard.h"
-#include "trace/packets/oska.h"
 
 namespace {
 

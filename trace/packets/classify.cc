@@ -13,36 +13,10 @@
 
 namespace {
 
-constexpr uint8_t kProtocolUdp = 17;
-
-constexpr size_t kIpTotalLengthOffset = 2;
-constexpr size_t kIpProtocolOffset = 9;
-constexpr size_t kIpSrcOffset = 12;
-constexpr size_t kIpDstOffset = 16;
-constexpr size_t kUdpOffset = 20;
-constexpr size_t kUdpDstPortOffset = kUdpOffset + 2;
-constexpr size_t kUdpLengthOffset = kUdpOffset + 4;
-constexpr size_t kUdpChecksumOffset = kUdpOffset + 6;
-constexpr size_t kOskaOffset = kUdpOffset + 8;
-
-constexpr size_t kUdpHeaderBytes = 8;
-constexpr size_t kLeastOskaBytes = 20;  // below this not even the type is in hand
-
-// Where the packet ends within the bytes in hand.
-struct Extent {
-    size_t endOffset;  // from the IP header
-    bool complete;     // the whole datagram is in hand
-    bool bad;
-};
-
-Extent settleExtent(const uint8_t* ip, size_t length, uint32_t srcIp) {
-    const size_t datagramEnd = kUdpOffset + loadBe16At(ip + kUdpLengthOffset);
-    if (datagramEnd > loadBe16At(ip + kIpTotalLengthOffset)) {
-        complain(Fault::kUdpLengthTooLarge, srcIp);
-        return {length, true, true};
-    }
-    if (length < datagramEnd) return {length, false, false};
-    return {datagramEnd, true, false};
+OskaExtent settleExtent(const uint8_t* ip, size_t length, uint32_t srcIp) {
+    const OskaExtent extent = oskaExtent(ip, length);
+    if (extent.bad) complain(Fault::kUdpLengthTooLarge, srcIp);
+    return extent;
 }
 
 // One pass over addresses and datagram, its checksum field included. The addresses of the
@@ -55,7 +29,7 @@ bool checksumHolds(const uint8_t* ip, size_t udpLength) {
 
 // A datagram that isn't wholly in hand, or whose length is less than its own header's, has nothing
 // sound to sum: the first is no fault, and the others are bad in any case.
-bool checksumFails(const uint8_t* ip, size_t length, const Extent& extent, uint32_t srcIp) {
+bool checksumFails(const uint8_t* ip, size_t length, const OskaExtent& extent, uint32_t srcIp) {
     const uint16_t stored = loadNet16At(ip + kUdpChecksumOffset);
     if (stored == 0) {
         complain(Fault::kUdpChecksumMissing, srcIp);
@@ -75,25 +49,18 @@ HostEntry* knownSender(const OskaPacket& packet) {
     return isMulticast ? knownHost(senderPath(packet)) : nullptr;
 }
 
-// The SCid, or 0 for a sender that has none.
-uint16_t srcPortOf(const uint8_t* ip) {
-    const uint32_t epoch = loadBe32At(ip + kOskaOffset + kOskaEpochOffset);
-    return (epoch & kOskaEpochHasScid) != 0 ? loadNet16At(ip + kUdpOffset) : uint16_t{0};
-}
-
 OskaPacket openPacket(const uint8_t* ip, size_t length) {
     const uint32_t srcIp = loadNet32At(ip + kIpSrcOffset);
-    const Extent extent = settleExtent(ip, length, srcIp);
+    const OskaExtent extent = settleExtent(ip, length, srcIp);
 
     const uint8_t* oska = ip + kOskaOffset;
-    const size_t packetBytes = extent.endOffset > kOskaOffset ? extent.endOffset - kOskaOffset : 0;
     OskaPacket packet = {
         .srcIp = srcIp,
-        .srcPort = srcPortOf(ip),
+        .srcPort = oskaSrcPort(ip),
         .dstIp = loadNet32At(ip + kIpDstOffset),
         .dstPort = loadNet16At(ip + kUdpDstPortOffset),
         .type = static_cast<int16_t>(loadBe16At(oska + kOskaTypeOffset)),
-        .header = {{oska, packetBytes}},
+        .header = {{oska, oskaBytes(extent)}},
         .complete = extent.complete,
         .bad = extent.bad,
         .sender = nullptr,
@@ -132,8 +99,7 @@ void classifyPacket(TimeSpec time, const uint8_t* ip, size_t length) {
         complain(Fault::kUdpHeaderCut, loadNet32({{ip, length}}, kIpSrcOffset));
         return;
     }
-    if (length < kOskaOffset + kLeastOskaBytes) return;
-    if (loadBe32At(ip + kOskaOffset) != kOskaMagic) return;
+    if (!oskaIsAt(ip, length)) return;
 
     const OskaPacket packet = openPacket(ip, length);
     ++statistics.oskaPackets;
@@ -141,8 +107,8 @@ void classifyPacket(TimeSpec time, const uint8_t* ip, size_t length) {
 }
 
 HostPath senderAhead(const uint8_t* ip, size_t length) {
-    if (length < kOskaOffset + kLeastOskaBytes) return {};
-    return {loadNet32At(ip + kIpSrcOffset), loadNet32At(ip + kIpDstOffset), srcPortOf(ip),
+    if (length < kLeastOskaIpBytes) return {};
+    return {loadNet32At(ip + kIpSrcOffset), loadNet32At(ip + kIpDstOffset), oskaSrcPort(ip),
             loadNet16At(ip + kUdpDstPortOffset)};
 }
 

@@ -2,8 +2,10 @@
 // they overlap frame by frame in the order of time. Frames of one file stay in the file's order.
 //
 //     first file   |--------------|
-//     second file            |-----------|          a file is opened for reading when its time
-//     comes third file                                |------------|
+//     second file            |-----------|
+//     third file                                |------------|
+//
+// A file is read from when its time comes.
 //
 // A file that can't be read, or that ends early, is logged in one line that names it; the others go
 // on.
@@ -37,7 +39,7 @@ struct CaptureSetDelete {
 };
 using OwnedCaptureSet = std::unique_ptr<CaptureSet, CaptureSetDelete>;
 
-// Opens the named files; "-" is the standard input, and a folder stands for the files in it but for
+// Opens the named files; "-" is the standard input, and a folder is read as the files in it but for
 // hidden ones and folders. Reads nothing and waits for nothing, so that it can be done with rights
 // that are given up before anything is parsed.
 [[nodiscard]] OwnedCaptureSet captureSetOpen(const std::vector<std::string>& names);

@@ -4,6 +4,8 @@
 #include <iterator>
 
 #include "lib/base/bytes.h"
+#include "trace/capture/frame.h"
+#include "trace/packets/oska.h"
 
 namespace {
 
@@ -12,13 +14,11 @@ using Bytes = std::span<const uint8_t>;
 // Headers of any kind that one frame may have. Four tags, labels and two tunnels stay well below.
 constexpr int kMostHeaders = 24;
 
-constexpr size_t kEthernetBytes = 14;
-constexpr size_t kMacBytes = 12;
 constexpr size_t kTagBytes = 4;
 constexpr size_t kLabelBytes = 4;
 constexpr size_t kIpBytes = 20;
+constexpr size_t kIpFragmentOffset = 6;
 constexpr size_t kIpv6Bytes = 40;
-constexpr size_t kUdpBytes = 8;
 constexpr size_t kVxlanBytes = 8;
 constexpr size_t kGreBytes = 4;
 constexpr size_t kErspan2Bytes = 8;
@@ -27,17 +27,14 @@ constexpr size_t kErspan3PlatformBytes = 8;
 constexpr size_t kCookedBytes = 16;
 constexpr size_t kCooked2Bytes = 20;
 constexpr size_t kFamilyBytes = 4;
-constexpr size_t kLeastBusBytes = kIpBytes + kUdpBytes + 20;  // with the shortest header of the bus
 
 constexpr uint16_t kVxlanPort = 4789;
 constexpr uint16_t kVxlanLinuxPort = 8472;  // before a number was assigned
-constexpr uint32_t kBusMagic = 0x88fa6923;
 
-constexpr uint8_t kProtocolUdp = 17;
 constexpr uint8_t kProtocolGre = 47;
 
 enum EtherType : uint16_t {
-    kTypeIpv4 = 0x0800,
+    kTypeIpv4 = kEthertypeIp,
     kTypeTag = 0x8100,
     kTypeServiceTag = 0x88a8,
     kTypeOldServiceTag = 0x9100,
@@ -101,8 +98,9 @@ bool isTag(uint16_t type) {
 }
 
 void peelEthernet(Peeling& peeling) {
-    if (!has(peeling, kEthernetBytes)) return;
-    skip(peeling, kEthernetBytes, Next::kByType, loadBe16At(peeling.rest.data() + kMacBytes));
+    if (!has(peeling, kEthernetHeaderBytes)) return;
+    skip(peeling, kEthernetHeaderBytes, Next::kByType,
+         loadBe16At(peeling.rest.data() + kEthertypeOffset));
 }
 
 void peelTag(Peeling& peeling) {
@@ -178,10 +176,10 @@ void peelGre(Peeling& peeling) {
 
 // `udp` begins at the UDP header. True where its payload is a VXLAN header and what may be a frame.
 bool isVxlan(Bytes udp) {
-    if (udp.size() < kUdpBytes + kVxlanBytes + kEthernetBytes) return false;
+    if (udp.size() < kUdpHeaderBytes + kVxlanBytes + kEthernetHeaderBytes) return false;
     const uint16_t port = loadBe16At(udp.data() + 2);
     if (port != kVxlanPort && port != kVxlanLinuxPort) return false;
-    const uint8_t* const vxlan = udp.data() + kUdpBytes;
+    const uint8_t* const vxlan = udp.data() + kUdpHeaderBytes;
     return vxlan[0] == 0x08 && vxlan[7] == 0;
 }
 
@@ -193,33 +191,29 @@ bool peelTunnel(Peeling& peeling, uint8_t protocol) {
     }
     if (protocol != kProtocolUdp || !isVxlan(peeling.rest)) return false;
     const size_t udpBytes = loadBe16At(peeling.rest.data() + 4);
-    if (udpBytes < kUdpBytes + kVxlanBytes + kEthernetBytes || !keepFirst(peeling, udpBytes)) {
+    if (udpBytes < kUdpHeaderBytes + kVxlanBytes + kEthernetHeaderBytes ||
+        !keepFirst(peeling, udpBytes)) {
         return false;
     }
-    skip(peeling, kUdpBytes + kVxlanBytes, Next::kEthernet);
+    skip(peeling, kUdpHeaderBytes + kVxlanBytes, Next::kEthernet);
     return true;
-}
-
-bool hasMagic(Bytes ip) {
-    return ip.size() >= kLeastBusBytes && ip[9] == kProtocolUdp &&
-           loadBe32At(ip.data() + kIpBytes + kUdpBytes) == kBusMagic;
 }
 
 // What an IPv4 packet is that no tunnel was found in.
 NotRead reasonOf(Bytes ip, size_t cutBytes) {
-    if (ip[9] != kProtocolUdp) return NotRead::kNotUdp;
-    if (ip.size() < kLeastBusBytes && cutBytes > 0) return NotRead::kCut;
+    if (ip[kIpProtocolOffset] != kProtocolUdp) return NotRead::kNotUdp;
+    if (ip.size() < kLeastOskaIpBytes && cutBytes > 0) return NotRead::kCut;
     return NotRead::kNotBus;
 }
 
 bool isFragment(Bytes ip) {
     constexpr uint16_t kMoreAndOffset = 0x3fff;
-    return (loadBe16At(ip.data() + 6) & kMoreAndOffset) != 0;
+    return (loadBe16At(ip.data() + kIpFragmentOffset) & kMoreAndOffset) != 0;
 }
 
 // The total length is 0 where the sender's interface splits a larger packet.
 bool keepTotalLength(Peeling& peeling, size_t headerBytes) {
-    const size_t totalBytes = loadBe16At(peeling.rest.data() + 2);
+    const size_t totalBytes = loadBe16At(peeling.rest.data() + kIpTotalLengthOffset);
     return totalBytes == 0 || (totalBytes >= headerBytes && keepFirst(peeling, totalBytes));
 }
 
@@ -230,9 +224,9 @@ void peelIpv4(Peeling& peeling) {
     const Bytes ip = peeling.rest;
     const size_t headerBytes = size_t{4} * (ip[0] & 0x0f);
     peeling.found.ip = ip;
-    if (hasMagic(ip)) {
+    if (oskaIsAt(ip.data(), ip.size())) {
         peeling.found.isBus = true;
-        const size_t udpBytes = loadBe16At(ip.data() + kIpBytes + 4);
+        const size_t udpBytes = loadBe16At(ip.data() + kUdpLengthOffset);
         const bool isCut = peeling.cutBytes > 0 && ip.size() < kIpBytes + udpBytes;
         return endWith(peeling, isFragment(ip) ? NotRead::kFragment
                                 : isCut        ? NotRead::kCut
@@ -244,7 +238,7 @@ void peelIpv4(Peeling& peeling) {
     if (isFragment(ip)) return endWith(peeling, NotRead::kFragment);
     if (peeling.rest.size() < headerBytes) return endWith(peeling, NotRead::kCut);
 
-    const uint8_t protocol = ip[9];
+    const uint8_t protocol = ip[kIpProtocolOffset];
     const NotRead reason = reasonOf(peeling.rest, peeling.cutBytes);
     skip(peeling, headerBytes, Next::kEnd);
     if (!peelTunnel(peeling, protocol)) return endWith(peeling, reason);
@@ -390,6 +384,16 @@ const char* linkTypeName(uint16_t linkType) {
         default:
             return nullptr;
     }
+}
+
+bool frameIsPlainBus(Bytes frame, size_t wireBytes, uint16_t linkType) {
+    if (linkType != kLinkEthernet || frame.size() < wireBytes ||
+        frame.size() < kEthernetHeaderBytes) {
+        return false;
+    }
+    const Bytes ip = frame.subspan(kEthernetHeaderBytes);
+    return loadBe16At(frame.data() + kEthertypeOffset) == kEthertypeIp &&
+           oskaIsAt(ip.data(), ip.size()) && !isFragment(ip);
 }
 
 PeeledFrame peelFrame(std::span<const uint8_t> frame, size_t wireBytes, uint16_t linkType) {

@@ -17,6 +17,7 @@
 #include "trace/counts/services.h"
 #include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
+#include "trace/packets/oska.h"
 #include "trace/run/run_modes.h"
 #include "trace/run/start_steps.h"
 #include "trace/settings.h"
@@ -43,13 +44,13 @@ class Count {
 
 // The filter's text as a program for frames of one link type. Null where the text has no meaning
 // there: then no frame passes.
-struct PcapClose {
+struct ProgramFree {
     void operator()(bpf_program* program) const {
         pcap_freecode(program);
         delete program;
     }
 };
-using Program = std::unique_ptr<bpf_program, PcapClose>;
+using Program = std::unique_ptr<bpf_program, ProgramFree>;
 
 struct LinkKind {
     uint16_t linkType;
@@ -75,14 +76,14 @@ struct Source {
     Count notRead[kNotReadKinds];
 
     // Of the thread that hands on Snapshots.
-    uint64_t toldNotRead[kNotReadKinds] = {};
+    uint64_t reportedNotRead[kNotReadKinds] = {};
 };
 
 Source source;
 
 // Null where libpcap refuses the text for this link type; `fault` has its words then.
 Program compile(const char* text, int linkType, std::string* fault) {
-    constexpr int kOptimize = 1;
+    constexpr int kOptimize = 0;  // as where the text is tried: the optimizer takes forever on some
     const std::unique_ptr<pcap_t, void (*)(pcap_t*)> dead(
         pcap_open_dead(linkType, kFilterSnapshotBytes), pcap_close);
     Program program(new bpf_program{});
@@ -107,7 +108,7 @@ int dltOf(uint16_t linkType) {
     return linkType == kLinkRaw ? DLT_RAW : linkType;
 }
 
-// Beyond kMostLinkTypes the last one stands for all.
+// Beyond kMostLinkTypes all further ones count as the last.
 LinkKind& kindOf(uint16_t linkType) {
     const size_t count = source.kindCount.load(std::memory_order_relaxed);
     for (size_t at = 0; at < count; ++at) {
@@ -128,7 +129,9 @@ bool framePasses(const CaptureFrame& frame, LinkKind& kind) {
 }
 
 bool passesFilter(const CaptureFrame& frame, const PeeledFrame& peeled, LinkKind& kind) {
-    if (source.wantsAllUdp && !peeled.ip.empty()) return peeled.ip[9] == 17;
+    if (source.wantsAllUdp && !peeled.ip.empty()) {
+        return peeled.ip[kIpProtocolOffset] == kProtocolUdp;
+    }
     const bool judgesInside = !peeled.isPlain && source.inner != nullptr && !peeled.ip.empty();
     return judgesInside ? passes(source.inner, frame, peeled.ip) : framePasses(frame, kind);
 }
@@ -164,22 +167,11 @@ void takePeeled(const CaptureFrame& frame, PacketHandler handler) {
     if (!peeled.ip.empty()) handler(timeOf(frame), peeled.ip.data(), peeled.ip.size());
 }
 
-// Nearly all frames are whole packets of the bus in plain Ethernet, which shows without peeling.
-bool isCommon(const CaptureFrame& frame) {
-    constexpr size_t kIpOffset = kEthernetHeaderBytes;
-    constexpr size_t kUdpOffset = kIpOffset + 20;
-    constexpr size_t kBusOffset = kUdpOffset + 8;
-    const uint8_t* const at = frame.bytes;
-    return frame.linkType == kLinkEthernet && frame.capturedBytes >= kBusOffset + 20 &&
-           frame.capturedBytes >= frame.wireBytes && at[kIpOffset + 9] == 17 &&
-           loadBe16At(at + kEthertypeOffset) == kEthertypeIp &&
-           (loadBe16At(at + kIpOffset + 6) & 0x3fff) == 0 &&
-           loadBe32At(at + kBusOffset) == 0x88fa6923;
-}
-
 void takeFrame(const CaptureFrame& frame, PacketHandler handler) {
     source.frames.add(1);
-    if (!source.wantsAllUdp || !isCommon(frame)) return takePeeled(frame, handler);
+    const bool isQuick = source.wantsAllUdp && frameIsPlainBus({frame.bytes, frame.capturedBytes},
+                                                               frame.wireBytes, frame.linkType);
+    if (!isQuick) return takePeeled(frame, handler);
     kindOf(kLinkEthernet).frames.add(1);
     source.busFrames.add(1);
     handler(timeOf(frame), frame.bytes + kEthernetHeaderBytes,
@@ -189,17 +181,17 @@ void takeFrame(const CaptureFrame& frame, PacketHandler handler) {
 // ---- Live ----
 
 // Tunnels, tags and labels hide a packet from the user's filter, which judges it once it was
-// peeled off. A link type that has no such headers refuses their words.
+// peeled off. The word "vlan" comes last, as it moves the offsets of all words after it; link types
+// without tags of their own refuse it.
 std::string liveFilterText(pcap_t* capture) {
-    const std::string wanted = std::string("(") + traceSettings.filterText + ")";
-    for (const char* const hidden :
-         {" or ip proto 47 or ip6 or udp port 4789 or udp port 8472 or mpls or vlan",
-          " or ip proto 47 or ip6 or udp port 4789 or udp port 8472 or vlan",
-          " or ip proto 47 or ip6 or udp port 4789 or udp port 8472"}) {
-        std::string text = wanted + hidden;
-        if (filterFault(capture, text.c_str()).empty()) return text;
-    }
-    return traceSettings.filterText;
+    const std::string hidden = std::string(
+                                   "ip proto 47 or ip6 proto 47 or udp port 4789 or udp port 8472"
+                                   " or ether proto 0x8847 or ether proto 0x8848 or (") +
+                               traceSettings.filterText + ")";
+    std::string text = hidden + " or vlan";
+    if (filterFault(capture, text.c_str()).empty()) return text;
+    text = hidden + " or ether proto 0x8100 or ether proto 0x88a8 or ether proto 0x9100";
+    return filterFault(capture, text.c_str()).empty() ? text : traceSettings.filterText;
 }
 
 // Who takes packets in place of the analysis is spared those that come after the end of the run.
@@ -363,7 +355,7 @@ bool sourceTurn() {
     source.busFrames.clear();
     for (size_t kind = 0; kind < kNotReadKinds; ++kind) {
         source.notRead[kind].clear();
-        source.toldNotRead[kind] = 0;
+        source.reportedNotRead[kind] = 0;
     }
     snapshotSetStart({});
     servicesForget();
@@ -388,8 +380,8 @@ void sourceStop() {
 void sourceFill(SnapSource* out) {
     for (size_t kind = 0; kind < kNotReadKinds; ++kind) {
         const uint64_t now = source.notRead[kind].value();
-        out->notRead[kind] = now - source.toldNotRead[kind];
-        source.toldNotRead[kind] = now;
+        out->notRead[kind] = now - source.reportedNotRead[kind];
+        source.reportedNotRead[kind] = now;
     }
     CaptureSet* const set = source.isAgainst ? source.against.get() : source.set.get();
     if (set != nullptr) captureSetLook(*set);
@@ -415,20 +407,15 @@ const std::string& sourceFileName(uint32_t file) {
     return captureSetFileName(setBeingRead(), file);
 }
 
-SourceCounts sourceCounts() {
-    SourceCounts counts = {source.frames.value(), source.busFrames.value(), {}};
-    for (size_t kind = 0; kind < kNotReadKinds; ++kind)
-        counts.notRead[kind] = source.notRead[kind].value();
-    return counts;
-}
-
 std::string sourceBlindText() {
-    const SourceCounts counts = sourceCounts();
-    if (counts.busFrames > 0) return {};
-    if (counts.frames == 0) return "no frames, so none of the bus";
-    std::string text = std::to_string(counts.frames) + (counts.frames == 1 ? " frame" : " frames") +
-                       linkTypesText() + ", none of the bus: ";
-    return text + notReadText(counts.notRead);
+    const uint64_t frames = source.frames.value();
+    if (source.busFrames.value() > 0) return {};
+    if (frames == 0) return traceSettings.liveCapture ? "" : "no frames, so none of the bus";
+    uint64_t notRead[kNotReadKinds];
+    for (size_t kind = 0; kind < kNotReadKinds; ++kind)
+        notRead[kind] = source.notRead[kind].value();
+    return std::to_string(frames) + (frames == 1 ? " frame" : " frames") + linkTypesText() +
+           ", none of the bus: " + notReadText(notRead);
 }
 
 bool sourceHasFault() {

@@ -11,8 +11,8 @@
 // Failure: logged.
 //
 // Threads: opening, beginning, running offline and reporting on the main thread; live frames come
-// on the capture thread; sourceStop, sourceExtent and sourceCounts are for any; sourceFill
-// is for the thread that hands on Snapshots.
+// on the capture thread; sourceStop, sourceExtent and sourceBlindText are for any; sourceFill is
+// for the thread that hands on Snapshots.
 
 #pragma once
 
@@ -81,16 +81,8 @@ void sourceFill(SnapSource* out);
 [[nodiscard]] size_t sourceFiles();
 [[nodiscard]] const std::string& sourceFileName(uint32_t file);
 
-// Of the whole run.
-struct SourceCounts {
-    uint64_t frames;
-    uint64_t busFrames;
-    uint64_t notRead[kNotReadKinds];
-};
-[[nodiscard]] SourceCounts sourceCounts();
-
 // "540 frames of link type LINUX_SLL2, none of the bus: 540 not UDP"; empty where a frame was the
-// bus's.
+// bus's, and where a live source has brought none.
 [[nodiscard]] std::string sourceBlindText();
 
 // A saved capture could not be read, or not whole.

@@ -226,12 +226,15 @@ void endSource() {
 
 // A capture with nothing of the bus may be an idle bus, or one that is captured in a form in which
 // it isn't seen.
+bool logIfBlind() {
+    const std::string text = sourceBlindText();
+    if (!text.empty()) logPrint("%s", text.c_str());
+    return !text.empty();
+}
+
 void reportBlindSource() {
     if (run.isUnread || stopIsAsked()) return;
-    const std::string text = sourceBlindText();
-    if (text.empty()) return;
-    logPrint("%s", text.c_str());
-    run.isBlind = true;
+    run.isBlind = logIfBlind();
 }
 
 // False where one of the captures can't be read at all.
@@ -303,6 +306,7 @@ int watchMain(int argc, char** argv, std::span<const Form* const> forms) {
     runSource();
     closeSource();
     endForm();
+    if (traceSettings.liveCapture) (void)logIfBlind();  // once the form has given the terminal back
     const bool isStrictlyBlind = optionsAreStrict() && run.isBlind;
     return endStatus() == 0 && isStrictlyBlind ? kBlindStatus : endStatus();
 }

@@ -4,33 +4,12 @@
 
 #include "lib/base/bytes.h"
 #include "lib/msg/oska.h"
+#include "lib/msg/wire.h"
+#include "trace/packets/oska.h"
 
 namespace {
 
-constexpr size_t kUdpOffset = 20;
-constexpr size_t kOskaOffset = kUdpOffset + 8;
-constexpr size_t kLeastOskaBytes = 20;
-constexpr size_t kNumberEnd = 24;
-constexpr uint8_t kProtocolUdp = 17;
-constexpr uint32_t kMessageMagic = 0x9955eeaa;
-constexpr size_t kMessageHeadBytes = 8;
-
 using Bytes = std::span<const uint8_t>;
-
-// How much of the datagram is in hand, as the analysis has it; false in `isComplete` where the
-// capture has less than the datagram.
-Bytes oskaBytes(Bytes ip, bool* isComplete) {
-    const size_t udpBytes = loadBe16At(ip.data() + kUdpOffset + 4);
-    const size_t ipBytes = loadBe16At(ip.data() + 2);
-    *isComplete = true;
-    if (udpBytes + kUdpOffset > ipBytes) return ip.subspan(kOskaOffset);
-    if (ip.size() < udpBytes + kUdpOffset) {
-        *isComplete = false;
-        return ip.subspan(kOskaOffset);
-    }
-    const size_t oska = udpBytes >= 8 ? udpBytes - 8 : 0;
-    return ip.subspan(kOskaOffset, oska);
-}
 
 void handOn(Assembly& assembly,
             const BusPacket& packet,
@@ -43,6 +22,7 @@ void handOn(Assembly& assembly,
 
 void forgetBegun(Assembly& assembly, AssemblySender& sender) {
     assembly.begunBytes -= sender.begun.size();
+    assembly.begun.erase(sender.turn);
     sender.begun = {};
     sender.wantedBytes = 0;
 }
@@ -53,11 +33,10 @@ void giveUp(Assembly& assembly, AssemblySender& sender, Incomplete reason) {
     forgetBegun(assembly, sender);
 }
 
-// The senders heard longest ago go first.
+// The senders heard longest ago go first. `keep` is the one that was heard last.
 void makeRoom(Assembly& assembly, const AssemblySender& keep) {
-    for (AssemblySender& sender : assembly.senders) {
-        if (assembly.begunBytes <= assembly.mostBytes) return;
-        if (&sender != &keep) giveUp(assembly, sender, Incomplete::kForgotten);
+    while (assembly.begunBytes > assembly.mostBytes && assembly.begun.front() != &keep) {
+        giveUp(assembly, *assembly.begun.front(), Incomplete::kForgotten);
     }
 }
 
@@ -65,8 +44,12 @@ AssemblySender& senderOf(Assembly& assembly, const BusPacket& packet) {
     const AssemblyKey key = {packet.srcIp, packet.dstIp, packet.srcPort, packet.dstPort};
     const auto found = assembly.byKey.find(key);
     if (found != assembly.byKey.end()) {
+        AssemblySender& sender = *found->second;
         assembly.senders.splice(assembly.senders.end(), assembly.senders, found->second);
-        return *found->second;
+        if (sender.wantedBytes != 0) {
+            assembly.begun.splice(assembly.begun.end(), assembly.begun, sender.turn);
+        }
+        return sender;
     }
     if (assembly.senders.size() >= assembly.mostSenders) {
         giveUp(assembly, assembly.senders.front(), Incomplete::kForgotten);
@@ -96,6 +79,7 @@ void begin(Assembly& assembly,
     if (wantedBytes > kAssemblyMostMessageBytes) {
         return handOn(assembly, packet, bytes, wantedBytes, Incomplete::kForgotten);
     }
+    sender.turn = assembly.begun.insert(assembly.begun.end(), &sender);
     sender.begun.assign(bytes.begin(), bytes.end());
     sender.wantedBytes = wantedBytes;
     sender.nextNumber = packet.number + 1;
@@ -148,7 +132,8 @@ void takeMessages(Assembly& assembly, AssemblySender* sender, const BusPacket& p
     while (!left.empty()) {
         if (left.size() < kMessageHeadBytes) return takeRest(assembly, sender, packet, left, 0);
         const uint64_t wantedBytes = loadBe32At(left.data());
-        if (loadBe32At(left.data() + 4) != kMessageMagic || wantedBytes < kMessageHeadBytes) {
+        if (loadBe32At(left.data() + kMessageMagicOffset) != kMessageMagic ||
+            wantedBytes < kMessageHeadBytes) {
             return handOn(assembly, packet, left, 0, Incomplete::kNoMessage, sender == nullptr);
         }
         if (wantedBytes > left.size()) return takeRest(assembly, sender, packet, left, wantedBytes);
@@ -195,24 +180,21 @@ size_t AssemblyKeyHash::operator()(const AssemblyKey& key) const {
 }
 
 bool busPacketRead(TimeSpec time, std::span<const uint8_t> ip, BusPacket* out) {
-    if (ip.size() < kOskaOffset + kLeastOskaBytes || ip[9] != kProtocolUdp) return false;
+    if (!oskaIsAt(ip.data(), ip.size())) return false;
+    const OskaExtent extent = oskaExtent(ip.data(), ip.size());
     const uint8_t* const oska = ip.data() + kOskaOffset;
-    if (loadBe32At(oska) != kOskaMagic) return false;
-    bool isComplete = false;
-    const Bytes packet = oskaBytes(ip, &isComplete);
-    if (packet.size() < kNumberEnd) return false;
-    const uint32_t epoch = loadBe32At(oska + kOskaEpochOffset);
+    const Bytes packet(oska, oskaBytes(extent));
+    if (packet.size() < kOskaSeqOffset + sizeof out->number) return false;
     *out = {.time = time,
-            .srcIp = loadNet32At(ip.data() + 12),
-            .dstIp = loadNet32At(ip.data() + 16),
-            .srcPort = (epoch & kOskaEpochHasScid) != 0 ? loadNet16At(ip.data() + kUdpOffset)
-                                                        : uint16_t{0},
-            .dstPort = loadNet16At(ip.data() + kUdpOffset + 2),
+            .srcIp = loadNet32At(ip.data() + kIpSrcOffset),
+            .dstIp = loadNet32At(ip.data() + kIpDstOffset),
+            .srcPort = oskaSrcPort(ip.data()),
+            .dstPort = loadNet16At(ip.data() + kUdpDstPortOffset),
             .type = static_cast<int16_t>(loadBe16At(oska + kOskaTypeOffset)),
-            .epoch = epoch,
+            .epoch = loadBe32At(oska + kOskaEpochOffset),
             .number = loadBe32At(oska + kOskaSeqOffset),
             .fragment = 0,
-            .isComplete = isComplete,
+            .isComplete = extent.complete,
             .payload = {}};
     const bool hasData = out->type == kOskaData || out->type == kOskaPtpData;
     if (!hasData) return true;

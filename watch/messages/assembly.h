@@ -7,7 +7,7 @@
 //     packet 9, fragment 3   | end |                 -> handed on with packet 9
 //
 // Where a part is missing, or the capture has cut it, what there is of the message is handed on as
-// incomplete; so is what follows a message with a wrong head.
+// incomplete; so is the rest of a packet after a message with a wrong head, whose end isn't known.
 //
 // Memory is bounded: for each sender one message, of kAssemblyMostMessageBytes at most; for all
 // together `mostBytes`, and then the oldest goes, as incomplete; `mostSenders` senders, and then
@@ -31,7 +31,7 @@
 
 inline constexpr size_t kAssemblyMostMessageBytes = 64 << 20;
 
-// A packet of the bus: what follows IP and UDP is sound as far as the bytes in hand go.
+// A packet of the bus. What the headers say of its size holds for the bytes in hand.
 struct BusPacket {
     TimeSpec time;
     uint32_t srcIp, dstIp;  // network order, as in the analysis
@@ -82,9 +82,10 @@ struct AssemblySender {
     uint32_t lastNumber = 0;
     bool isKnown = false;
 
-    // The message that runs on; empty where none does.
+    // The message that runs on, and its place among those that do. 0 wanted bytes: none does.
     std::vector<uint8_t> begun;
     uint64_t wantedBytes = 0;
+    std::list<AssemblySender*>::iterator turn = {};
     uint32_t nextNumber = 0;
     BusPacket last = {};  // without its payload
 };
@@ -99,6 +100,9 @@ struct Assembly {
     // Least recently heard first.
     std::list<AssemblySender> senders;
     std::unordered_map<AssemblyKey, std::list<AssemblySender>::iterator, AssemblyKeyHash> byKey;
+
+    // Those of whom a message runs on, in the same order.
+    std::list<AssemblySender*> begun;
     size_t begunBytes = 0;
 };
 
