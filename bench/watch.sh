@@ -25,7 +25,7 @@ usage: bench/watch.sh [--pairs N] [--seconds N] [--rate N] [--pages N] [--build 
   --build FOLDER     where the programs are, under bin [build/release]
   --captures FOLDER  where captures are kept [build/bench]
 Cases, both by default:
-  read     json and serve on the captures A, B and C: their time by the tool's
+  read     json and serve on the captures A, B and C: their time by the tool's; messages: by json's
   live     what is lost, and the part of a core that each takes
 END
 }
@@ -107,7 +107,7 @@ stop() {
 time_of() {
     case $1 in
     tool) "$build/bin/run_usage" "$build/bin/pelmoscope" -r "$file" | awk '{ print $1 }' ;;
-    json) "$build/bin/run_usage" "$build/bin/pelmowatch" json -r "$file" | awk '{ print $1 }' ;;
+    json | messages) "$build/bin/run_usage" "$build/bin/pelmowatch" "$1" -r "$file" | awk '{ print $1 }' ;;
     serve)
         serve -r "$file"
         until_true has_read
@@ -119,21 +119,22 @@ time_of() {
 
 read_case() {
     local name leg pair once results=$scratch/times
-    printf '%-4s %10s %8s %8s\n' case 'tool (ms)' json serve
+    printf '%-4s %10s %8s %8s %8s\n' case 'tool (ms)' json serve messages
     for name in A B C; do
         capture_case "$name"
         : >"$results"
         for ((pair = 0; pair <= pairs; ++pair)); do
             once=
-            for leg in tool json serve; do
+            for leg in tool json serve messages; do
                 # In this shell, so that what it starts is its own.
                 time_of "$leg" >"$scratch/once"
                 once+="$(cat "$scratch/once") "
             done
             [ "$pair" = 0 ] || echo "$once" >>"$results"
         done
-        printf '%-4s %10.0f %8.2f %8.2f\n' "$name" "$(awk '{ print $1 / 1000 }' "$results" | median)" \
-            "$(awk '{ print $2 / $1 }' "$results" | median)" "$(awk '{ print $3 / $1 }' "$results" | median)"
+        printf '%-4s %10.0f %8.2f %8.2f %8.2f\n' "$name" "$(awk '{ print $1 / 1000 }' "$results" | median)" \
+            "$(awk '{ print $2 / $1 }' "$results" | median)" "$(awk '{ print $3 / $1 }' "$results" | median)" \
+            "$(awk '{ print $4 / $2 }' "$results" | median)"
     done
 }
 

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
@@ -123,22 +124,25 @@ constexpr FieldKind kFieldKinds[] = {
     {"none", FIELD_NONE, 0, kNothing, 0, nullptr, nullptr},
 };
 
-template <typename Test>
-const FieldKind* findKind(Test test) {
-    const auto* found = std::ranges::find_if(kFieldKinds, test);
-    return found != std::end(kFieldKinds) ? found : nullptr;
-}
+// By the codes of types and of arrays; null for the others.
+constexpr auto kByCode = [] {
+    std::array<const FieldKind*, 256> byCode{};
+    for (const FieldKind& type : kFieldKinds) {
+        byCode[type.code] = &type;
+        if (type.arrayCode != 0) byCode[type.arrayCode] = &type;
+    }
+    return byCode;
+}();
 
 }  // namespace
 
 const FieldKind* fieldKindByName(std::string_view name) {
-    return findKind([name](const FieldKind& type) { return name == type.name; });
+    const auto* found = std::ranges::find(kFieldKinds, name, &FieldKind::name);
+    return found != std::end(kFieldKinds) ? found : nullptr;
 }
 
 const FieldKind* fieldKindByCode(uint8_t code) {
-    return findKind([code](const FieldKind& type) {
-        return type.code == code || (type.arrayCode == code && code != 0);
-    });
+    return kByCode[code];
 }
 
 std::string fieldKindNames() {

@@ -31,7 +31,7 @@ struct FieldValue {
 };
 
 struct FieldKind {
-    const char* name;
+    std::string_view name;
     uint8_t code;
     uint8_t sizeBytes;  // 0 if the value has its own size
     FieldForm form;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "programs/text.h"
 
@@ -36,6 +37,52 @@ void addEscaped(std::string& out, uint32_t character) {
     char text[8];
     std::snprintf(text, sizeof text, "\\u%04x", static_cast<unsigned>(character));
     out += text;
+}
+
+// Is a byte wholly a character that is written as it is?
+bool isPlain(char byte) {
+    const auto character = static_cast<uint8_t>(byte);
+    return character < 0x80 && !needsEscape(character);
+}
+
+// Is any of eight bytes not plain? Each has a top bit in one of the terms then. A carry or a borrow
+// between bytes comes only from such a byte.
+bool hasOther(const char* eight) {
+    constexpr uint64_t kEach = 0x0101010101010101;
+    uint64_t bytes = 0;
+    std::memcpy(&bytes, eight, sizeof bytes);
+    const auto isZero = [](uint64_t each) { return each - kEach; };
+    const uint64_t found = bytes | (bytes + kEach) | (bytes - 0x20 * kEach) |
+                           isZero(bytes ^ '"' * kEach) | isZero(bytes ^ '\\' * kEach);
+    return (found & 0x80 * kEach) != 0;
+}
+
+// How many bytes at the beginning are plain: of nearly all texts all.
+size_t plainLength(std::string_view text) {
+    size_t at = 0;
+    while (at + sizeof(uint64_t) <= text.size() && !hasOther(text.data() + at)) {
+        at += sizeof(uint64_t);
+    }
+    while (at < text.size() && isPlain(text[at])) {
+        ++at;
+    }
+    return at;
+}
+
+// The character at the beginning, or a byte that is none. Returns how many bytes it was.
+size_t addOne(std::string& out, std::string_view text) {
+    uint32_t character = 0;
+    const size_t length = utf8Read(text, character);
+    if (length == 0) {
+        addEscaped(out, kByteSurrogates + static_cast<uint8_t>(text[0]));
+        return 1;
+    }
+    if (needsEscape(character)) {
+        addEscaped(out, character);
+    } else {
+        out.append(text, 0, length);
+    }
+    return length;
 }
 
 // Four digits at `at`; false where they aren't there.
@@ -93,23 +140,20 @@ Escape readOne(std::string_view rest) {
 
 }  // namespace
 
-void jsonTextAdd(std::string& out, std::string_view text) {
-    out += '"';
-    for (size_t at = 0; at < text.size();) {
-        uint32_t character = 0;
-        const size_t length = utf8Read(text.substr(at), character);
-        if (length == 0) {
-            addEscaped(out, kByteSurrogates + static_cast<uint8_t>(text[at++]));
-            continue;
-        }
-        if (needsEscape(character)) {
-            addEscaped(out, character);
-        } else {
-            out.append(text, at, length);
-        }
-        at += length;
+void jsonTextAdd(std::string& out,
+                 std::string_view text,
+                 std::string_view before,
+                 std::string_view after) {
+    size_t plain = plainLength(text);
+    if (plain == text.size()) return textAdd(out, before, "\"", text, "\"", after);
+    textAdd(out, before, "\"");
+    while (plain < text.size()) {
+        out.append(text, 0, plain);
+        text.remove_prefix(plain);
+        text.remove_prefix(addOne(out, text));
+        plain = plainLength(text);
     }
-    out += '"';
+    textAdd(out, text, "\"", after);
 }
 
 const char* jsonTextRead(std::string_view inner, std::string* out, size_t* outStop) {

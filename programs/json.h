@@ -13,8 +13,11 @@
 #include <string_view>
 #include <vector>
 
-// With its quotes.
-void jsonTextAdd(std::string& out, std::string_view text);
+// With its quotes, between two pieces that are added as they are.
+void jsonTextAdd(std::string& out,
+                 std::string_view text,
+                 std::string_view before = {},
+                 std::string_view after = {});
 
 // `inner` is the text between the quotes. Returns null, or what is wrong with it; `outStop` is
 // then where. `out` may be null, to check only.

@@ -26,17 +26,21 @@ void addHexText(std::string& out, const void* bytes, size_t sizeBytes) {
     out += '"';
 }
 
-void addHead(std::string& out, const char* name, uint16_t id, std::string_view type) {
-    out += '{';
-    if (name != nullptr) {
-        out += "\"name\":";
-        jsonTextAdd(out, name);
-        out += ',';
+// `suffix` belongs to the type.
+void addHead(std::string& out,
+             const pelmoMsgField& field,
+             std::string_view type,
+             std::string_view suffix = {}) {
+    std::string_view before = "{\"type\":\"";
+    if (field.name != nullptr) {
+        before = "\"type\":\"";
+        jsonTextAdd(out, field.name, "{\"name\":", ",");
     }
-    if (id != 0) out += "\"id\":" + std::to_string(id) + ',';
-    out += "\"type\":\"";
-    out += type;
-    out += "\",\"value\":";
+    if (field.id != 0) {
+        textAdd(out, field.name != nullptr ? "" : "{", "\"id\":", std::to_string(field.id), ",");
+        before = "\"type\":\"";
+    }
+    textAdd(out, before, type, suffix, "\",\"value\":");
 }
 
 // The library's own text of a date-time or a subject.
@@ -135,7 +139,7 @@ pelmoStatus addArray(Line& line, const FieldKind& type, const pelmoMsgField& arr
 
 // By the number of its type, with its bytes unchanged.
 void addBytes(Line& line, const pelmoMsgField& field) {
-    addHead(line.out, field.name, field.id, std::to_string(field.type));
+    addHead(line.out, field, std::to_string(field.type));
     addHexText(line.out, field.data.pointer, field.data.pointer != nullptr ? field.size : 0);
     line.out += '}';
 }
@@ -144,7 +148,7 @@ pelmoStatus addField(Line& line, const pelmoMsgField& field) {
     const FieldKind* type = fieldKindByCode(field.type);
     if (type == nullptr) return addBytes(line, field), kStatusSuccess;
     const bool isArray = field.type != type->code;
-    addHead(line.out, field.name, field.id, std::string(type->name) + (isArray ? "[]" : ""));
+    addHead(line.out, field, type->name, isArray ? "[]" : "");
     const pelmoStatus status = isArray ? addArray(line, *type, field) : addOne(line, *type, field);
     line.out += '}';
     return status;
@@ -163,29 +167,45 @@ pelmoStatus addNumbered(Line& line, pelmoMsg* msg, uint32_t number) {
     return status;
 }
 
-pelmoStatus addFields(Line& line, pelmoMsg* msg) {
-    uint32_t count = 0;
-    pelmoStatus status = pelmoMsg_GetNumFields(msg, &count);
+// `positions` is null for the first `count`.
+pelmoStatus addFieldsAt(Line& line, pelmoMsg* msg, const uint32_t* positions, size_t count) {
+    pelmoStatus status = kStatusSuccess;
     line.out += "\"fields\":[";
     for (uint32_t i = 0; i < count && status == kStatusSuccess; ++i) {
         if (i != 0) line.out += ',';
-        status = addNumbered(line, msg, i);
+        status = addNumbered(line, msg, positions != nullptr ? positions[i] : i);
     }
     line.out += ']';
     return status;
 }
 
-}  // namespace
+pelmoStatus addFields(Line& line, pelmoMsg* msg) {
+    uint32_t count = 0;
+    const pelmoStatus status = pelmoMsg_GetNumFields(msg, &count);
+    return status == kStatusSuccess ? addFieldsAt(line, msg, nullptr, count) : status;
+}
 
-pelmoStatus jsonWriteFields(MessageJsonWriter& writer, pelmoMsg* msg, std::string& out) {
+template <typename Add>
+pelmoStatus addEnd(MessageJsonWriter& writer, std::string& out, Add add) {
     if (writer.scratch == nullptr) writer.scratch = messageMake();
     if (writer.scratch == nullptr) return kStatusNoMemory;
     const size_t before = out.size();
     Line line{out, writer.scratch.get()};
-    const pelmoStatus status = addFields(line, msg);
+    const pelmoStatus status = add(line);
     out += '}';
     if (status != kStatusSuccess) out.resize(before);
     return status;
+}
+
+}  // namespace
+
+pelmoStatus jsonWriteFields(MessageJsonWriter& writer,
+                            pelmoMsg* msg,
+                            std::span<const uint32_t> positions,
+                            std::string& out) {
+    return addEnd(writer, out, [=](Line& line) {
+        return addFieldsAt(line, msg, positions.data(), positions.size());
+    });
 }
 
 pelmoStatus jsonWriteMessage(MessageJsonWriter& writer,
@@ -211,7 +231,8 @@ pelmoStatus jsonWriteMessage(MessageJsonWriter& writer,
         jsonTextAdd(out, reply);
         out += ',';
     }
-    const pelmoStatus status = jsonWriteFields(writer, msg, out);
+    const pelmoStatus status =
+        addEnd(writer, out, [msg](Line& line) { return addFields(line, msg); });
     if (status != kStatusSuccess) out.resize(before);
     return status;
 }
@@ -343,7 +364,7 @@ bool formFits(FieldForm form, JsonKind kind) {
 bool readValue(JsonReader& reader, const FieldKind& type, uint32_t node, FieldValue& out) {
     const JsonKind kind = kindOf(reader, node);
     const bool fits = formFits(type.form, kind);
-    if (!fits) return fail(reader, node, std::string("not the value of a ") + type.name);
+    if (!fits) return fail(reader, node, std::string("not the value of a ").append(type.name));
     if (type.parse == nullptr) return true;
     const char* fault = nullptr;
     if (kind != JsonKind::kString) {

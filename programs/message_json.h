@@ -10,10 +10,12 @@
 // hexadecimal digits. So has a nested message that is corrupt or nested beyond
 // kMostNestedMessages, though its type stays "msg".
 //
-// Reading gives the same message back.
+// docs/pelmo-messages.schema.json describes the lines. Reading gives the same message back.
 
 #pragma once
 
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -33,9 +35,11 @@ struct MessageJsonWriter {
                                            std::string_view time,
                                            std::string& out);
 
-// The same without subject and reply: `"fields":[...]}`, for a line that begins with other members.
+// The fields at these positions of the message alone, as `"fields":[...]}`: for a line that begins
+// with other members.
 [[nodiscard]] pelmoStatus jsonWriteFields(MessageJsonWriter& writer,
                                           pelmoMsg* msg,
+                                          std::span<const uint32_t> positions,
                                           std::string& out);
 
 // Makes fields of the application's own types readable, and possible to send, as bytes. Once the

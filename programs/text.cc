@@ -24,10 +24,13 @@ constexpr Utf8Head kUtf8Heads[] = {
 }  // namespace
 
 void hexAdd(std::string& out, const void* bytes, size_t sizeBytes) {
-    const auto* at = static_cast<const unsigned char*>(bytes);
+    const auto* from = static_cast<const unsigned char*>(bytes);
+    const size_t before = out.size();
+    out.resize(before + 2 * sizeBytes);
+    char* to = out.data() + before;
     for (size_t i = 0; i < sizeBytes; ++i) {
-        out += kHexDigits[at[i] >> 4];
-        out += kHexDigits[at[i] & 15];
+        *to++ = kHexDigits[from[i] >> 4];
+        *to++ = kHexDigits[from[i] & 15];
     }
 }
 

@@ -13,6 +13,22 @@
 
 inline constexpr char kHexDigits[] = "0123456789abcdef";
 
+// Adds the texts with one step of growth for all of them: what is added piece by piece to each line
+// of a long output takes most of its time for the steps.
+template <typename... Views>
+void textAddViews(std::string& out, Views... views) {
+    size_t at = out.size();
+    out.resize(at + (views.size() + ...));
+    const auto put = [&](std::string_view view) { at += view.copy(out.data() + at, view.size()); };
+    (put(views), ...);
+}
+
+// The same for whatever converts to texts.
+template <typename... Pieces>
+void textAdd(std::string& out, const Pieces&... pieces) {
+    textAddViews(out, std::string_view(pieces)...);
+}
+
 // Two digits for each byte.
 void hexAdd(std::string& out, const void* bytes, size_t sizeBytes);
 

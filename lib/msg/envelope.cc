@@ -277,6 +277,13 @@ bool envelopeKeeps(const pelmoMsg* msg, const FieldIndexEntry& entry) {
     return envelopeName(msg, entry).staysAtStrip;
 }
 
+bool msgHasEnvelope(pelmoMsg* msg) {
+    if (!msgIsValid(msg) || msg->dataOffset != 0) return false;
+    if (msgParse(msg) != kStatusSuccess || msg->fieldCount == 0) return false;
+    return nameIs(msg, msg->index[msg->fieldCount - 1], kDataName) &&
+           msgImage(msg)[lastField(msg).typeOffset] == FIELD_MSG;
+}
+
 pelmoStatus msgOpenEnvelope(pelmoMsg* msg) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (msg->dataOffset != 0) return kStatusSuccess;

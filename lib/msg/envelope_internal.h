@@ -46,6 +46,10 @@ enum EnvelopeFlag : uint8_t {
 constexpr int32_t kMostSendSubjectBytes = 200;
 constexpr int32_t kMostReplySubjectSize = 200;  // as subjectTextSize counts
 
+// Is the last field a message "data", as in every message with an envelope? False where the fields
+// can't be separated, and for one that is open.
+[[nodiscard]] bool msgHasEnvelope(pelmoMsg* msg);
+
 // Opens. A message without fields stays closed. "data" is brought to the end, made up where there
 // is none, and wrapped into a message, as its field "_data_", where it isn't one.
 // kStatusCorruptMessage for fields that don't walk, a "sub", "return" or "data" that is malformed;

@@ -109,14 +109,25 @@ void indexEmpty(pelmoMsg* msg) {
     msg->indexValid = 1;
 }
 
+pelmoStatus checkHead(const uint8_t* image) {
+    if (image == nullptr || loadBe32At(image + kMessageMagicOffset) != kMessageMagic) {
+        return kStatusInvalidMessage;
+    }
+    return loadBe32At(image) >= kMessageHeadBytes ? kStatusSuccess : kStatusCorruptMessage;
+}
+
+void putImage(pelmoMsg* msg, const uint8_t* image, uint32_t length) {
+    std::memcpy(msgImage(msg), image, length);
+    msg->length = length;
+    msg->indexValid = 0;
+}
+
 // Copies an image whose head has been checked.
 pelmoStatus copyImage(pelmoMsg** out, const uint8_t* image, uint32_t length) {
     pelmoMsg* msg = nullptr;
     const pelmoStatus status = msgCreateRaw(&msg, length);
     if (status != kStatusSuccess) return status;
-    std::memcpy(msgImage(msg), image, length);
-    msg->length = length;
-    msg->indexValid = 0;
+    putImage(msg, image, length);
     *out = msg;
     return kStatusSuccess;
 }
@@ -170,10 +181,8 @@ pelmoStatus pelmoMsg_CreateEx(pelmoMsg** out, uint32_t size) {
 pelmoStatus pelmoMsg_CreateFromBytes(pelmoMsg** out, const void* bytes) {
     if (out == nullptr) return kStatusInvalidArgument;
     const auto* image = static_cast<const uint8_t*>(bytes);
-    if (image == nullptr || loadBe32At(image + 4) != kMessageMagic) return kStatusInvalidMessage;
-    const uint32_t length = loadBe32At(image);
-    if (length < kMessageHeadBytes) return kStatusCorruptMessage;
-    const pelmoStatus status = copyImage(out, image, length);
+    pelmoStatus status = checkHead(image);
+    if (status == kStatusSuccess) status = copyImage(out, image, loadBe32At(image));
     if (status != kStatusSuccess) return status;
     traceLine(kTraceMsg, "pelmoMsg_CreateFromBytes(%p, %p)", tracePointer(*out), bytes);
     return kStatusSuccess;
@@ -218,6 +227,24 @@ pelmoStatus msgCreateOverBuffer(pelmoMsg** out, Buffer* buffer, uint32_t offset)
     msg->length = length;
     traceLine(kTraceMsg, "Message %p created", tracePointer(msg));
     *out = msg;
+    return kStatusSuccess;
+}
+
+pelmoStatus msgCopyFields(pelmoMsg** out,
+                          const pelmoMsg* msg,
+                          std::span<const uint32_t> positions) {
+    pelmoMsg* copy = nullptr;
+    const pelmoStatus status = msgCreateRaw(&copy, msg->length);
+    if (status != kStatusSuccess) return status;
+    for (const uint32_t position : positions) {
+        const uint32_t begin = fieldRecordOffset(msg->index[position]);
+        const uint32_t sizeBytes = fieldEndOffset(msg, position) - begin;
+        std::memcpy(msgImage(copy) + copy->length, msgImage(msg) + begin, sizeBytes);
+        copy->length += sizeBytes;
+    }
+    copy->indexValid = 0;
+    msgFlush(copy);
+    *out = copy;
     return kStatusSuccess;
 }
 
@@ -300,6 +327,15 @@ pelmoStatus pelmoMsg_Reset(pelmoMsg* msg) {
     indexEmpty(msg);
     msgCutBackAll(msg);
     return kStatusSuccess;
+}
+
+pelmoStatus msgTakeBytes(pelmoMsg* msg, const void* bytes) {
+    const auto* image = static_cast<const uint8_t*>(bytes);
+    pelmoStatus status = checkHead(image);
+    if (status == kStatusSuccess) status = pelmoMsg_Reset(msg);
+    if (status == kStatusSuccess) status = msgReserve(msg, loadBe32At(image));
+    if (status == kStatusSuccess) putImage(msg, image, loadBe32At(image));
+    return status;
 }
 
 void msgShowOuter(pelmoMsg* msg) {

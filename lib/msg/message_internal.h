@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
+#include <string_view>
 
 #include "lib/base/status.h"
 #include "lib/msg/buffer.h"
@@ -108,6 +110,16 @@ void msgPoolDestroy();
 // An empty message with one reference, parsed, the application's. For builders that write the image
 // themselves: the capacity is at least `size`, the length that of a head that isn't written yet.
 [[nodiscard]] pelmoStatus msgCreateRaw(pelmoMsg** out, uint32_t size);
+
+// The message, which nobody else holds, becomes that of these bytes, as pelmoMsg_CreateFromBytes
+// makes one; what reads of it returned is released. For who looks at many, one after the other. On
+// failure the message is empty or unchanged.
+[[nodiscard]] pelmoStatus msgTakeBytes(pelmoMsg* msg, const void* bytes);
+
+// A message of the fields at these positions of a parsed one, with their bytes as they are.
+[[nodiscard]] pelmoStatus msgCopyFields(pelmoMsg** out,
+                                        const pelmoMsg* msg,
+                                        std::span<const uint32_t> positions);
 
 void msgRetain(pelmoMsg* msg);
 void msgRelease(pelmoMsg* msg);  // null is ignored; a dead message isn't
@@ -212,6 +224,13 @@ enum class NameWanted : bool { kNo, kYes };
                                   const char* name,
                                   uint16_t id,
                                   uint32_t& position);
+
+// Name of the field at a position of a parsed message; empty for none.
+[[nodiscard]] inline std::string_view msgFieldName(const pelmoMsg* msg, uint32_t position) {
+    const FieldIndexEntry& entry = msg->index[position];
+    const auto* name = reinterpret_cast<const char*>(msgImage(msg) + entry.nameOffset);
+    return {name, entry.nameSize != 0 ? entry.nameSize - 1 : 0};
+}
 
 // The text of a field: "" for one of no bytes, which pelmoMsg_GetString gives as null; null where
 // there is no field that reads as text.

@@ -5,21 +5,26 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "lib/base/log.h"
 #include "lib/base/text_sink.h"
+#include "lib/containers/subject.h"
 #include "lib/containers/sublist.h"
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message.h"
+#include "lib/msg/message_internal.h"
 #include "lib/msg/oska.h"
 #include "lib/pelmo.h"
 #include "programs/json.h"
 #include "programs/message_json.h"
 #include "programs/number.h"
+#include "programs/text.h"
 #include "trace/settings.h"
 #include "watch/core/stop.h"
 #include "watch/core/text.h"
@@ -29,6 +34,21 @@
 namespace {
 
 constexpr size_t kOutputBytes = 256 << 10;
+constexpr uint32_t kNanosecondsPerSecond = 1'000'000'000;
+constexpr int kFractionDigits = 9;
+
+// What lines begin with. The messages of a packet begin alike, so it is put together once.
+struct Place {
+    BusPacket packet = {};  // whose it is
+    std::string text;
+};
+
+// What the envelope says, or fields of the envelope's names where there is none. The texts are good
+// until the next message.
+struct Subjects {
+    std::optional<std::string_view> subject, reply;
+    bool hasEnvelope = false;
+};
 
 struct MessagesForm {
     // Of the command line.
@@ -43,9 +63,16 @@ struct MessagesForm {
 
     // Of the thread that takes packets.
     Assembly assembly;
+    OwnedMessage message;  // the one at hand
     MessageJsonWriter writer;
     TextSink output;
     std::string text;
+    Place place;
+    int64_t second = 0;  // whose text `time` is
+    char time[kJsonTimeBytes];
+    size_t timeLength = 0;
+    char subject[kSubjectTextBytes];
+    std::vector<uint32_t> positions;  // of the fields that are shown
     unsigned long long shown = 0;
     bool isFull = false;  // the count is reached
     bool failed = false;
@@ -146,39 +173,64 @@ void endLine() {
     if (form.text.size() >= kOutputBytes) (void)drain();
 }
 
-void addNumber(const char* key, uint64_t number) {
-    form.text += key;
-    form.text += std::to_string(number);
+struct Digits {
+    explicit Digits(uint64_t number)
+        : length(static_cast<size_t>(std::to_chars(text, std::end(text), number).ptr - text)) {}
+    operator std::string_view() const { return {text, length}; }
+
+    char text[20];
+    size_t length;
+};
+
+// As jsonTimeText has it, which is called once a second of the capture.
+std::string_view timeText(TimeSpec time) {
+    const int64_t second = int64_t{time.seconds} + time.nanoseconds / kNanosecondsPerSecond;
+    if (form.timeLength == 0 || form.second != second) {
+        form.second = second;
+        form.timeLength = jsonTimeText(time, form.time).size();
+    }
+    char* const end = form.time + form.timeLength - 1;
+    uint32_t left = time.nanoseconds % kNanosecondsPerSecond;
+    for (char* at = end; at != end - kFractionDigits; left /= 10) {
+        *--at = static_cast<char>('0' + left % 10);
+    }
+    return {form.time, form.timeLength};
 }
 
-void addAddress(const char* key, uint32_t address) {
-    char text[kAddressTextBytes];
-    form.text += key;
-    form.text += addressText(address, text);
+bool beginAlike(const BusPacket& one, const BusPacket& other) {
+    return one.number == other.number && one.srcIp == other.srcIp && one.dstIp == other.dstIp &&
+           one.srcPort == other.srcPort && one.dstPort == other.dstPort && one.type == other.type &&
+           one.time.seconds == other.time.seconds && one.time.nanoseconds == other.time.nanoseconds;
 }
 
-// The members that all lines begin with, without the object's last brace.
-void addPlace(const BusPacket& packet, const char* otherEnd) {
-    char time[kJsonTimeBytes];
-    form.text += "{\"time\":\"";
-    form.text += jsonTimeText(packet.time, time);
-    addNumber("\",\"port\":", ntohs(packet.dstPort));
-    addAddress((std::string(",\"") + otherEnd + "\":\"").c_str(), packet.dstIp);
-    addAddress("\",\"sender\":\"", packet.srcIp);
-    form.text += "\",\"scid\":";
-    form.text += packet.srcPort == 0 ? "null" : std::to_string(ntohs(packet.srcPort));
-    addNumber(",\"sequence\":", packet.number);
+// Of JSON it ends before the member's comma, of a text with a blank.
+void putPlace(const BusPacket& packet, std::string& out) {
+    char group[kAddressTextBytes];
+    char sender[kAddressTextBytes];
+    const Digits port(ntohs(packet.dstPort)), scid(ntohs(packet.srcPort)), number(packet.number);
+    const bool hasScid = packet.srcPort != 0;
+    const std::string_view groupText = addressText(packet.dstIp, group);
+    const std::string_view senderText = addressText(packet.srcIp, sender);
+    const std::string_view time = timeText(packet.time);
+    if (form.asText) {
+        return textAdd(out, time, " ", port, " ", groupText, " ", senderText, ":",
+                       hasScid ? std::string_view(scid) : "-", " ", number, " ");
+    }
+    textAdd(out, "{\"time\":\"", time, "\",\"port\":", port,
+            packet.type == kOskaPtpData ? ",\"receiver\":\"" : ",\"group\":\"", groupText,
+            "\",\"sender\":\"", senderText,
+            "\",\"scid\":", hasScid ? std::string_view(scid) : "null", ",\"sequence\":", number);
 }
 
-void addTextPlace(const BusPacket& packet) {
-    char time[kJsonTimeBytes];
-    form.text += jsonTimeText(packet.time, time);
-    addNumber(" ", ntohs(packet.dstPort));
-    addAddress(" ", packet.dstIp);
-    addAddress(" ", packet.srcIp);
-    form.text += packet.srcPort == 0 ? ":-" : ":" + std::to_string(ntohs(packet.srcPort));
-    addNumber(" ", packet.number);
-    form.text += ' ';
+void addPlace(const BusPacket& packet) {
+    Place& place = form.place;
+    if (place.text.empty() || !beginAlike(place.packet, packet)) {
+        place.packet = packet;
+        place.packet.payload = {};
+        place.text.clear();
+        putPlace(packet, place.text);
+    }
+    form.text += place.text;
 }
 
 // ---- Messages ----
@@ -189,122 +241,116 @@ bool isWantedSender(const BusPacket& packet) {
 }
 
 // Without patterns all; with them a message without a subject is none of them.
-bool isWantedSubject(const char* subject) {
+bool isWantedSubject(const Subjects& subjects) {
     if (form.patterns == nullptr) return true;
     uint8_t packed[kSubjectMaxBytes];
-    if (subject == nullptr || subjectFromText(packed, sizeof packed, subject) <= 3) return false;
+    if (!subjects.subject) return false;
+    const std::string text(*subjects.subject);
+    if (subjectFromText(packed, sizeof packed, text.c_str()) <= 3) return false;
     return sublistMatch(form.patterns, packed) != nullptr;
 }
 
-// Opens the envelope where there is one: its last field is "data", a message.
-bool hasEnvelope(pelmoMsg* msg) {
-    uint32_t count = 0;
-    pelmoMsgField field;
-    return pelmoMsg_GetNumFields(msg, &count) == kStatusSuccess && count > 0 &&
-           pelmoMsg_GetFieldByIndex(msg, &field, count - 1) == kStatusSuccess &&
-           field.type == FIELD_MSG && field.name != nullptr && std::strcmp(field.name, "data") == 0;
+std::string_view unpacked(const uint8_t* subject) {
+    return {form.subject, subjectWriteText(form.subject, subject)};
 }
 
-// What the envelope says, or fields of the envelope's names where there is none.
-struct Subjects {
-    std::string subject, reply;
-    bool hasSubject = false, hasReply = false;
-};
+std::optional<std::string_view> textOfField(pelmoMsg* msg, const char* name) {
+    const char* text = nullptr;
+    if (pelmoMsg_GetString(msg, name, &text, 0) != kStatusSuccess || text == nullptr) return {};
+    return text;
+}
 
 // A message without an envelope has its subject as one of its fields.
-void takeOutSubjects(pelmoMsg* msg, Subjects* out) {
-    const char* text = nullptr;
-    if (pelmoMsg_GetString(msg, "sub", &text, 0) == kStatusSuccess && text != nullptr) {
-        out->subject = text;
-        out->hasSubject = true;
-        if (out->subject.starts_with('[') && out->subject.ends_with(']')) {
-            out->subject = out->subject.substr(1, out->subject.size() - 2);
-        }
-    }
-    if (pelmoMsg_GetString(msg, "return", &text, 0) == kStatusSuccess && text != nullptr) {
-        out->reply = text;
-        out->hasReply = true;
-    }
-    for (const char* const name : {"sub", "return", "mtype", "cid"})
-        (void)pelmoMsg_RemoveFieldEx(msg, name, 0);
+std::optional<std::string_view> subjectOf(pelmoMsg* msg) {
+    pelmoMsgField field;
+    if (pelmoMsg_GetFieldEx(msg, "sub", &field, 0) != kStatusSuccess) return {};
+    if (field.type != FIELD_SUBJECT) return textOfField(msg, "sub");
+    return unpacked(static_cast<const uint8_t*>(field.data.pointer));
 }
 
+// Opens the envelope where there is one.
 Subjects subjectsOf(pelmoMsg* msg) {
     Subjects found;
-    const bool isOpen = hasEnvelope(msg) && msgOpenEnvelope(msg) == kStatusSuccess;
-    if (!isOpen) {
-        takeOutSubjects(msg, &found);
+    found.hasEnvelope = msgHasEnvelope(msg) && msgOpenEnvelope(msg) == kStatusSuccess;
+    if (!found.hasEnvelope) {
+        found.subject = subjectOf(msg);
+        found.reply = textOfField(msg, "return");
         return found;
     }
-    const char* text = nullptr;
-    if (pelmoMsg_GetSendSubject(msg, &text) == kStatusSuccess && text != nullptr) {
-        found.subject = text;
-        found.hasSubject = true;
-    }
-    if (pelmoMsg_GetReplySubject(msg, &text) == kStatusSuccess && text != nullptr) {
-        found.reply = text;
-        found.hasReply = true;
+    const uint8_t* const image = msgImage(msg);
+    if (msg->sendSubjectOffset != 0) found.subject = unpacked(image + msg->sendSubjectOffset);
+    if (msg->replySubjectOffset != 0) {
+        found.reply = reinterpret_cast<const char*>(image + msg->replySubjectOffset);
     }
     return found;
 }
 
-// A message of the wanted fields alone; null without memory.
-OwnedMessage onlyFields(pelmoMsg* msg) {
-    OwnedMessage chosen = messageMake();
-    uint32_t count = 0;
-    if (chosen == nullptr) return nullptr;
-    (void)pelmoMsg_GetNumFields(msg, &count);
-    for (uint32_t at = 0; at < count; ++at) {
-        pelmoMsgField field;
-        if (pelmoMsg_GetFieldByIndex(msg, &field, at) != kStatusSuccess) continue;
-        const char* const name = field.name != nullptr ? field.name : "";
-        if (std::ranges::count(form.fields, name) == 0) continue;
-        if (pelmoMsg_AddField(chosen.get(), &field) != kStatusSuccess) return nullptr;
+// A field of the envelope's, in a message without one, isn't shown among the others, unless it
+// should be a subject and doesn't read as text. Only the first of each name is one; `seen` has a
+// bit for it.
+bool isOfEnvelope(std::string_view name, const Subjects& subjects, unsigned& seen) {
+    constexpr std::string_view kNames[] = {"sub", "return", "mtype", "cid"};
+    const auto at = static_cast<size_t>(std::ranges::find(kNames, name) - kNames);
+    if (at == std::size(kNames) || (seen & 1u << at) != 0) return false;
+    seen |= 1u << at;
+    if (at == 0) return subjects.subject.has_value();
+    return at != 1 || subjects.reply.has_value();
+}
+
+bool isWantedField(std::string_view name) {
+    return form.fields.empty() || std::ranges::count(form.fields, name) > 0;
+}
+
+pelmoStatus choosePositions(pelmoMsg* msg, const Subjects& subjects) {
+    const pelmoStatus status = msgParse(msg);
+    if (status != kStatusSuccess) return status;
+    unsigned seen = 0;
+    form.positions.clear();
+    for (uint32_t at = 0; at < msg->fieldCount; ++at) {
+        const std::string_view name = msgFieldName(msg, at);
+        if (!subjects.hasEnvelope && isOfEnvelope(name, subjects, seen)) continue;
+        if (isWantedField(name)) form.positions.push_back(at);
     }
-    return chosen;
+    return kStatusSuccess;
 }
 
 // The fields as `"fields":[...]}`, or why there are none.
-void addFields(pelmoMsg* msg) {
-    OwnedMessage chosen;
-    if (!form.fields.empty()) {
-        chosen = onlyFields(msg);
-        if (chosen != nullptr) msg = chosen.get();
+void addFields(pelmoMsg* msg, const Subjects& subjects) {
+    pelmoStatus status = choosePositions(msg, subjects);
+    if (status == kStatusSuccess) {
+        status = jsonWriteFields(form.writer, msg, form.positions, form.text);
     }
-    const size_t before = form.text.size();
-    const pelmoStatus status = jsonWriteFields(form.writer, msg, form.text);
     if (status == kStatusSuccess) return;
-    form.text.resize(before);
-    form.text += "\"fault\":\"";
-    form.text += pelmoStatus_GetText(status);
-    form.text += "\"}";
+    textAdd(form.text, "\"fault\":\"", pelmoStatus_GetText(status), "\"}");
 }
 
-void addSubject(const char* key, const std::string& subject) {
-    form.text += key;
-    jsonTextAdd(form.text, subject);
+// The library's text is of whole messages, so that one of the chosen fields is made.
+std::string textOf(pelmoMsg* msg, const Subjects& subjects) {
+    pelmoMsg* chosen = nullptr;
+    const char* text = nullptr;
+    pelmoStatus status = choosePositions(msg, subjects);
+    if (status == kStatusSuccess) status = msgCopyFields(&chosen, msg, form.positions);
+    const OwnedMessage held(chosen);
+    if (status == kStatusSuccess) status = pelmoMsg_ConvertToString(chosen, &text);
+    return status == kStatusSuccess ? text : "(corrupt)";
 }
 
 void showJson(const AssembledMessage& message, pelmoMsg* msg, const Subjects& subjects) {
-    addPlace(*message.packet, "group");
+    addPlace(*message.packet);
     if (message.isRepeated) form.text += ",\"repeated\":true";
-    if (subjects.hasSubject) addSubject(",\"subject\":", subjects.subject);
-    if (subjects.hasReply) addSubject(",\"reply\":", subjects.reply);
+    if (subjects.subject) jsonTextAdd(form.text, *subjects.subject, ",\"subject\":");
+    if (subjects.reply) jsonTextAdd(form.text, *subjects.reply, ",\"reply\":");
     form.text += ',';
-    addFields(msg);
+    addFields(msg, subjects);
     endLine();
 }
 
 // Line breaks and other control characters of texts are shown as \xNN, so that a line is a message.
 void showText(const AssembledMessage& message, pelmoMsg* msg, const Subjects& subjects) {
-    addTextPlace(*message.packet);
-    const char* text = nullptr;
-    OwnedMessage chosen;
-    if (!form.fields.empty()) chosen = onlyFields(msg);
-    if (pelmoMsg_ConvertToString(chosen != nullptr ? chosen.get() : msg, &text) != kStatusSuccess) {
-        text = "(corrupt)";
-    }
-    const std::string whole = (subjects.hasSubject ? subjects.subject : "-") + " " + text;
+    addPlace(*message.packet);
+    std::string whole(subjects.subject.value_or("-"));
+    whole += ' ';
+    whole += textOf(msg, subjects);
     std::string safe(whole.size() * 4 + 1, '\0');
     form.text += safeText(whole, safe.data(), safe.size());
     endLine();
@@ -331,18 +377,18 @@ const char* wordsOf(Incomplete reason) {
 // What there is of a message can't be read as one.
 void showIncomplete(const AssembledMessage& message) {
     if (form.patterns != nullptr) return;  // its subject isn't known
+    const char* const reason = wordsOf(message.incomplete);
+    const Digits bytes(message.bytes.size());
+    addPlace(*message.packet);
     if (form.asText) {
-        addTextPlace(*message.packet);
-        form.text += std::string("(incomplete: ") + wordsOf(message.incomplete) + ", ";
-        addNumber("", message.bytes.size());
-        form.text += " bytes)";
+        textAdd(form.text, "(incomplete: ", reason, ", ", bytes, " bytes)");
         return endLine();
     }
-    addPlace(*message.packet, "group");
     if (message.isRepeated) form.text += ",\"repeated\":true";
-    form.text += std::string(",\"incomplete\":\"") + wordsOf(message.incomplete) + "\"";
-    addNumber(",\"bytes\":", message.bytes.size());
-    if (message.wantedBytes != 0) addNumber(",\"message_bytes\":", message.wantedBytes);
+    textAdd(form.text, ",\"incomplete\":\"", reason, "\",\"bytes\":", bytes);
+    if (message.wantedBytes != 0) {
+        textAdd(form.text, ",\"message_bytes\":", Digits(message.wantedBytes));
+    }
     form.text += '}';
     endLine();
 }
@@ -350,33 +396,30 @@ void showIncomplete(const AssembledMessage& message) {
 void show(const AssembledMessage& message, void* /*context*/) {
     if (form.isFull || form.failed || !isWantedSender(*message.packet)) return;
     if (message.incomplete != Incomplete::kNo) return showIncomplete(message);
-    pelmoMsg* made = nullptr;
-    if (pelmoMsg_CreateFromBytes(&made, message.bytes.data()) != kStatusSuccess) {
+    pelmoMsg* const msg = form.message.get();
+    if (msgTakeBytes(msg, message.bytes.data()) != kStatusSuccess) {
         AssembledMessage wrong = message;
         wrong.incomplete = Incomplete::kNoMessage;
         return showIncomplete(wrong);
     }
-    const OwnedMessage msg(made);
-    const Subjects subjects = subjectsOf(made);
-    if (!isWantedSubject(subjects.hasSubject ? subjects.subject.c_str() : nullptr)) return;
+    const Subjects subjects = subjectsOf(msg);
+    if (!isWantedSubject(subjects)) return;
     if (form.asText) {
-        showText(message, made, subjects);
+        showText(message, msg, subjects);
     } else {
-        showJson(message, made, subjects);
+        showJson(message, msg, subjects);
     }
 }
 
 void showPointToPoint(const BusPacket& packet) {
     if (!isWantedSender(packet) || form.isFull || form.patterns != nullptr) return;
+    const Digits bytes(packet.payload.size());
+    addPlace(packet);
     if (form.asText) {
-        addTextPlace(packet);
-        addNumber("(point to point, ", packet.payload.size());
-        form.text += " bytes)";
-        return endLine();
+        textAdd(form.text, "(point to point, ", bytes, " bytes)");
+    } else {
+        textAdd(form.text, ",\"point_to_point_bytes\":", bytes, "}");
     }
-    addPlace(packet, "receiver");
-    addNumber(",\"point_to_point_bytes\":", packet.payload.size());
-    form.text += '}';
     endLine();
 }
 
@@ -390,6 +433,11 @@ bool start() {
     }
     textSinkSet(&form.output, descriptor);
     jsonAcceptOwnTypes();
+    form.message = messageMake();
+    if (form.message == nullptr) {
+        logPrint("unable to show messages: out of memory.");
+        return false;
+    }
     form.assembly.handOn = show;
     return true;
 }
@@ -406,6 +454,7 @@ bool end(bool /*isWhole*/) {
     if (!form.failed) assemblyEnd(form.assembly);
     if (!form.failed) (void)drain();
     textSinkSet(&form.output, -1);
+    form.message = nullptr;
     form.writer.scratch = nullptr;
     sublistDestroy(form.patterns);
     form.patterns = nullptr;
