@@ -46,7 +46,8 @@ install(FILES share/wireshark/pelmo.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/pel
     COMPONENT tool)
 install(FILES docs/pelmoscope.service docs/licenses/OpenSSL-1.1.1.txt
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmoscope COMPONENT tool)
-install(FILES docs/pmd.service DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmobus COMPONENT bus)
+install(FILES docs/pmd.service docs/pelmo-messages.schema.json
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pelmobus COMPONENT bus)
 
 # pelmowatch, where it is built: beside the texts what other programs read, the schemas and what
 # Prometheus and its dashboards take. The licences are of what is compiled into it.
@@ -55,6 +56,7 @@ if(PELMO_WATCH_BUILT)
     pelmo_install_texts(watch pelmowatch pelmowatch)
     install(FILES docs/pelmowatch.schema.json docs/pelmowatch-report.schema.json
                   docs/pelmowatch-compare.schema.json docs/pelmowatch-source.schema.json
+                  docs/pelmo-messages.schema.json
             DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
     install(DIRECTORY docs/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmowatch COMPONENT watch)
     install(FILES docs/pelmowatch.service docs/licenses/uPlot.txt

@@ -128,7 +128,7 @@ check_pelmobus() {
     for program in pelmobus pmd; do
         diff <("$build/bin/$program" --help) <(inside "$program" --help)
     done
-    has_files man/man1/{pelmobus,pmd}.1 doc/pelmobus/{OPERATING.md,CHANGELOG.md,copyright,pmd.service}
+    has_files man/man1/{pelmobus,pmd}.1 doc/pelmobus/{OPERATING.md,CHANGELOG.md,copyright,pmd.service,pelmo-messages.schema.json}
 }
 
 check_pelmobridge() {
@@ -159,7 +159,7 @@ check_pelmowatch() {
     inside pelmowatch report -r - -o /tmp/page.html <samples/bus.pcap 2>"$work/log"
     "$build/bin/pelmowatch" report -r - -o "$work/page.html" <samples/bus.pcap 2>"$work/log"
     cmp "$work/page.html" "$root/tmp/page.html"
-    has_files man/man1/pelmowatch.1 pelmowatch/pelmowatch{,-report,-compare,-source}.schema.json \
+    has_files man/man1/pelmowatch.1 pelmowatch/pelmowatch{,-report,-compare,-source}.schema.json pelmowatch/pelmo-messages.schema.json \
         pelmowatch/prometheus/pelmo_{bus.yml,alerts.yml,dashboard.json} \
         doc/pelmowatch/{OPERATING.md,copyright,pelmowatch.service,uPlot.txt,RapidJSON.txt}
     check_server
