@@ -10,6 +10,7 @@ export const faultColumns = [
         label: "Packets",
         kind: "number",
         alert: "error",
+        least: 5.6,
         help: "Packets of this interval",
     },
     {
