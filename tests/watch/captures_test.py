@@ -17,7 +17,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import ProgramCase, binary, hears_signals, main, run, wait_until  # noqa: E402
+from program_case import ROOT, ProgramCase, binary, hears_signals, main, run, wait_until  # noqa: E402
 
 from served import Server  # noqa: E402
 
@@ -233,6 +233,40 @@ class Captures(ProgramCase):
         os.write(writer, b"this isn't a capture")  # as at the start: what can't be read ends the program
         os.close(writer)
         self.assertEqual(server.status(), 1)
+
+    def test_each_command_of_the_operators_table_does_what_it_says(self):
+        text = (ROOT / "docs/OPERATING.md").read_text().partition("## What operators ask")[2].partition("\n## ")[0]
+        commands = [re.match(r"\| .*? \| `(.*)` \| ", line)[1].replace("\\|", "|")
+                    for line in text.splitlines() if line.startswith("| ") and "`" in line]
+        folder = self.folder / "operator"
+        (folder / "ring").mkdir(parents=True)
+        (folder / "archive").mkdir()
+        start = 1795010520  # 2026-11-18 14:02:00 UTC
+        mix = "--mix --rate 50 --hosts 9 --subjects 40 --services 0 --gaps 0.05 --seed".split()
+        for name, seed, count, begin in (("bus", 1, 6000, start), ("monday", 1, 3000, start - 2 * 86400),
+                                         *((point, 1, 2000, start) for point in "abcde"),
+                                         *(("ring/%d" % part, 1, 4500, start + 90 * part) for part in range(2)),
+                                         *(("archive/%d" % day, day, 2000, start + 86400 * (day - 5)) for day in range(9))):
+            rate = ("--rate", 25) if name == "monday" else ()
+            self.generate(folder / (name + ".pcap"), *mix, str(seed), "--count", str(count), "--start", str(begin),
+                          *map(str, rate))
+        pcap(folder / "blind.pcap", ETHERNET, [(1, 0, MACS + b"\x86\xdd\x60" + bytes(39))])
+        env = {**os.environ, "TZ": "UTC", "PATH": "%s:%s" % (binary(""), os.environ["PATH"])}
+        self.assertEqual(len(commands), 10)
+        for command in commands:
+            command = command.replace("pelmobus --daemon 127.0.0.1:7600 send --json --pace --prefix TEST.", "cat")
+            command = command.replace("PRICES.>", ">")  # what the generator has
+            with self.subTest(command):
+                done = run("bash", "-o", "pipefail", "-c", command, cwd=folder, env=env)
+                self.assertEqual(done.returncode, 4 if "blind" in command else 0, done.stderr)
+                if "-o " in command:
+                    self.assertGreater((folder / command.rpartition(" ")[2]).stat().st_size, 100000)
+                elif "blind" in command:
+                    self.assertIn(b"none of the bus: 1 IPv6", done.stderr)
+                else:
+                    self.assertGreater(len(done.stdout.splitlines()), 4)
+                    for line in done.stdout.splitlines()[:100]:
+                        json.loads(line)
 
     def test_a_blind_capture_says_what_it_has(self):
         arp = MACS + b"\x08\x06" + bytes(28)

@@ -192,6 +192,30 @@ class Live(ProgramCase):
             self.assertIn(log, watch.text("stderr"))
             self.assertEqual("none of the bus" in watch.text("stderr"), bool(log))
 
+    def test_tags_and_all_interfaces_at_once_are_read(self):
+        if WIRE.interface == "lo":
+            self.skipTest("tagged frames need a network namespace")
+        data = self.generate("tagged.pcap", "--count", "300").read_bytes()
+        tags = (b"", b"\x81\0\0\7", b"\x88\xa8\0\7\x81\0\0\x08")
+        tagged, everywhere = self.watch("tagged"), self.watch("everywhere", interface="any")
+        for watch in (tagged, everywhere):
+            self.await_first(watch)
+        at, sent = 24, 0
+        with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as wire:
+            wire.bind(("sender", 0))
+            while at < len(data):
+                size = int.from_bytes(data[at + 8:at + 12], sys.byteorder)
+                frame = data[at + 16:at + 16 + size]
+                wire.send(frame[:12] + tags[sent % 3] + frame[12:])
+                at, sent = at + 16 + size, sent + 1
+        # All interfaces have each packet twice: as it leaves, and as it comes.
+        for watch, copies in ((tagged, 0), (everywhere, 1)):
+            wait_until(lambda watch=watch, copies=copies: self.counted(watch)["frames"] >= sent * (1 + copies), "all frames")
+            total = self.counted(watch)
+            self.assertEqual((total["multicast", "data_packets"], total["multicast", "repeated_packets"], total["lost"]),
+                             (sent, sent * copies, 0))
+            self.ends_at_signal(watch)
+
     def test_an_interface_that_is_not_there_is_an_error(self):
         watch = self.watch("nosuch", interface="nosuch0")
         self.assertEqual((watch.status(), watch.text()), (1, ""))
