@@ -208,12 +208,13 @@ class Live(ProgramCase):
                 frame = data[at + 16:at + 16 + size]
                 wire.send(frame[:12] + tags[sent % 3] + frame[12:])
                 at, sent = at + 16 + size, sent + 1
-        # All interfaces have each packet twice: as it leaves, and as it comes.
-        for watch, copies in ((tagged, 0), (everywhere, 1)):
-            wait_until(lambda watch=watch, copies=copies: self.counted(watch)["frames"] >= sent * (1 + copies), "all frames")
-            total = self.counted(watch)
-            self.assertEqual((total["multicast", "data_packets"], total["multicast", "repeated_packets"], total["lost"]),
-                             (sent, sent * copies, 0))
+        # All interfaces may have a packet twice: as it leaves, and as it comes.
+        for watch in (tagged, everywhere):
+            wait_until(lambda watch=watch: self.counted(watch)["multicast", "data_packets"] >= sent, "all frames")
+            self.assertEqual(self.counted(watch)["multicast", "data_packets"], sent)
+            self.assertEqual(self.counted(watch)["lost"], 0)
+        self.assertEqual(self.counted(tagged)["multicast", "repeated_packets"], 0)
+        for watch in (tagged, everywhere):
             self.ends_at_signal(watch)
 
     def test_an_interface_that_is_not_there_is_an_error(self):
