@@ -66,7 +66,8 @@ struct BridgeSide {
     const BridgeRoute* route = nullptr;
     BodyCodec codec = {};  // used by the one thread that its messages come on
     natsSubscription* subscription = nullptr;
-    std::thread thread;  // of a durable consumer
+    std::thread thread;         // of a durable consumer
+    uint64_t lastOfStream = 0;  // the highest number that it has brought
 };
 
 struct Bridge {

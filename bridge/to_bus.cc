@@ -40,21 +40,21 @@ bool pause(Bridge& bridge, int64_t time) {
                                  [&] { return bridge.isEnding; });
 }
 
-BridgeMark markOf(natsMsg* message, uint64_t deliveries) {
+BridgeMark markOf(natsMsg* message, bool isAgain) {
     BridgeMark mark;
     const char* const path = natsHeaderOf(message, "Pelmo-Origin");
     const char* const sequence = natsHeaderOf(message, "Pelmo-Sequence");
     if (path != nullptr && pathIsGood(path)) mark.path = path;
     if (sequence != nullptr) mark.sequence = std::strtoull(sequence, nullptr, 10);
-    mark.mayBeRepeat = deliveries > 1 || natsHeaderOf(message, "Pelmo-Repeat") != nullptr;
+    mark.mayBeRepeat = isAgain || natsHeaderOf(message, "Pelmo-Repeat") != nullptr;
     return mark;
 }
 
 // A message for the bus with its mark and without subjects. Null where it doesn't cross; it is
 // counted then.
-OwnedMessage fromNats(BridgeSide& side, natsMsg* message, uint64_t deliveries) {
+OwnedMessage fromNats(BridgeSide& side, natsMsg* message, bool isAgain) {
     Bridge& bridge = *side.bridge;
-    BridgeMark mark = markOf(message, deliveries);
+    BridgeMark mark = markOf(message, isAgain);
     if (pathEndsAt(mark.path, bridge.options.group)) {
         return countUp(bridge, &BridgeCounts::loops, nullptr, ""), nullptr;
     }
@@ -141,7 +141,7 @@ bool expectAnswer(Bridge& bridge, const char* natsReply, pelmoMsg* message) {
 void onNatsMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
     auto& side = *static_cast<BridgeSide*>(closure);
     Bridge& bridge = *side.bridge;
-    const OwnedMessage made = fromNats(side, message, 1);
+    const OwnedMessage made = fromNats(side, message, false);
     const char* const subject = natsMsg_GetSubject(message);
     if (made != nullptr && address(bridge, subject, made.get()) &&
         expectAnswer(bridge, natsMsg_GetReply(message), made.get())) {
@@ -174,7 +174,7 @@ void onNatsAnswer(natsConnection*, natsSubscription*, natsMsg* message, void* cl
         countUp(bridge, &BridgeCounts::requestsLate, "nobody answers on NATS", reply);
         reply.clear();
     }
-    const OwnedMessage made = reply.empty() ? nullptr : fromNats(side, message, 1);
+    const OwnedMessage made = reply.empty() ? nullptr : fromNats(side, message, false);
     if (made != nullptr) {
         pelmoStatus status = pelmoMsg_SetSendSubject(made.get(), reply.c_str());
         if (status == kStatusSuccess) status = pelmoTransport_Send(bridge.bus, made.get());
@@ -229,14 +229,21 @@ bool sendKept(Bridge& bridge, natsMsg* message, pelmoMsg* made, bool& isForGood)
     }
 }
 
+// Has it been brought before? A server that takes over from another one may not know of the last
+// ones that this one had brought, so its count of deliveries isn't enough.
+bool bringsAgain(BridgeSide& side, natsMsg* message) {
+    jsMsgMetaData* meta = nullptr;
+    if (natsMsg_GetMetaData(&meta, message) != NATS_OK) return false;
+    const bool isAgain = meta->NumDelivered > 1 || meta->Sequence.Stream <= side.lastOfStream;
+    side.lastOfStream = std::max(side.lastOfStream, meta->Sequence.Stream);
+    jsMsgMetaData_Destroy(meta);
+    return isAgain;
+}
+
 // One that can't cross is ended, so that the stream doesn't bring it again.
 bool deliverKept(BridgeSide& side, natsMsg* message) {
     Bridge& bridge = *side.bridge;
-    jsMsgMetaData* meta = nullptr;
-    const bool isKnown = natsMsg_GetMetaData(&meta, message) == NATS_OK;
-    const uint64_t deliveries = isKnown ? meta->NumDelivered : 1;
-    jsMsgMetaData_Destroy(meta);
-    const OwnedMessage made = fromNats(side, message, deliveries);
+    const OwnedMessage made = fromNats(side, message, bringsAgain(side, message));
     bool isForGood = true;
     if (made != nullptr && address(bridge, natsMsg_GetSubject(message), made.get()) &&
         sendKept(bridge, message, made.get(), isForGood)) {

@@ -36,8 +36,13 @@ class NatsClient:
         """All that was written has reached the server."""
         self.write("PING")
         self.waiting = []
-        while (line := self.file.readline().strip()) != b"PONG":
+        while (line := self.line()) != b"PONG":
             self.waiting += self.taken(line)
+
+    def line(self):
+        line = self.file.readline()
+        assert line, "the server hung up"
+        return line.strip()
 
     def subscribe(self, subject):
         self.last += 1
@@ -68,9 +73,7 @@ class NatsClient:
 
     def receive(self):
         while not self.waiting:
-            line = self.file.readline()
-            assert line, "the server hung up"
-            self.waiting += self.taken(line)
+            self.waiting += self.taken(self.line())
         return self.waiting.pop(0)
 
     def ask(self, subject, request):
