@@ -2,7 +2,8 @@
 # unit samples, the operators' guide and the licence texts of third parties; and the library with its
 # headers, its files for pkg-config and CMake, and its reference. Each component goes into a package
 # (Package.cmake): "tool", "bus", "watch" and "bridge" are programs, "library" is what a program needs at run
-# time, "dev" what it is built with, "doc" the reference.
+# time, "dev" what it is built with, "doc" the reference, "python" the package
+# for Python.
 #
 # The modules must be beside the program that loads them, and no other program should find them, so
 # program and modules go to a folder of their own, and bin/ gets a link. The set-up puts the modules
@@ -104,6 +105,19 @@ if(PELMO_REFERENCE_BUILT)
     install(DIRECTORY ${PELMO_REFERENCE_DIR}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT doc)
     list(APPEND components doc)
     list(APPEND packages libpelmo-doc)
+endif()
+if(PELMO_PYTHON_BUILT)
+    # Where the system's interpreter looks under /usr.
+    set(PELMO_PYTHON_DIR lib/python3/dist-packages CACHE STRING "the folder of Python packages")
+    install(TARGETS pelmo_python LIBRARY DESTINATION ${PELMO_PYTHON_DIR}/pelmo COMPONENT python)
+    install(DIRECTORY python/pelmo DESTINATION ${PELMO_PYTHON_DIR} COMPONENT python
+            FILES_MATCHING PATTERN "*.py" PATTERN "*.pyi" PATTERN "py.typed"
+            PATTERN "__pycache__" EXCLUDE)
+    install(DIRECTORY examples/python/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-pelmo/examples
+            COMPONENT python USE_SOURCE_PERMISSIONS)
+    install(FILES docs/PYTHON.md docs/licenses/pybind11.txt DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-pelmo COMPONENT python)
+    list(APPEND components python)
+    list(APPEND packages python3-pelmo)
 endif()
 foreach(component package IN ZIP_LISTS components packages)
     install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})

@@ -5,7 +5,7 @@
 # dependencies are the libraries that the binaries are linked with; scripts/package_test.sh checks
 # that the lists are complete. The programs don't need the library's package: they have it built in. No
 # package has users or files of settings: the units are samples, which run under a user that exists as
-# long as they do. None has scripts.
+# long as they do. Only the one for Python has scripts.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME pelmoscope)
@@ -86,6 +86,22 @@ if(PELMO_REFERENCE_BUILT)
         "client library of the Pelmo message bus, documents
 The reference of the public calls, for a browser and as manual pages.")
     set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
+endif()
+
+# Python's byte code is made and removed by the system's own tools, as for its own packages.
+if(PELMO_PYTHON_BUILT)
+    pelmo_package(python python3-pelmo python
+        "libc6 (>= 2.36), libgcc-s1 (>= 12), libpelmo0 (= ${PROJECT_VERSION}), libstdc++6 (>= 12), python3 (>= ${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR}), python3 (<< ${Python3_VERSION_MAJOR}.${PELMO_PYTHON_NEXT})"
+        "client library of the Pelmo message bus, for Python
+Messages as mappings, sent and received with asyncio or with threads.")
+    file(WRITE ${CMAKE_BINARY_DIR}/debian/postinst
+        "#!/bin/sh\nset -e\n[ \"$1\" != configure ] || py3compile -p python3-pelmo\n")
+    file(WRITE ${CMAKE_BINARY_DIR}/debian/prerm "#!/bin/sh\nset -e\npy3clean -p python3-pelmo\n")
+    file(CHMOD ${CMAKE_BINARY_DIR}/debian/postinst ${CMAKE_BINARY_DIR}/debian/prerm PERMISSIONS
+        OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+        ${CMAKE_BINARY_DIR}/debian/postinst ${CMAKE_BINARY_DIR}/debian/prerm)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 endif()
 
 include(CPack)

@@ -65,7 +65,8 @@ check_contents() {
         $1 !~ /^(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--|lrwxrwxrwx)$/' "$lines")
     [ -z "$strange" ] || fail "$deb: strange owners, modes or places:"$'\n'"$strange"
     dpkg-deb -R "$deb" "$unpacked"
-    [ "$(ls "$unpacked/DEBIAN" | grep -vxE 'control|md5sums|shlibs|triggers')" = "" ] || fail "$deb: has scripts"
+    [[ $deb = */python3-* || $(ls "$unpacked/DEBIAN" | grep -vxE 'control|md5sums|shlibs|triggers') = "" ]] ||
+        fail "$deb: has scripts"
     (cd "$unpacked" && md5sum --quiet -c DEBIAN/md5sums)
     for field in Package Version Architecture Maintainer Section Depends Description Installed-Size; do
         [ -n "$(dpkg-deb -f "$deb" "$field")" ] || [[ $field = Depends && $deb = *-doc_* ]] ||
@@ -153,6 +154,15 @@ check_libpelmo_doc() {
     has_files doc/libpelmo-doc/html/index.html man/man3/pelmoEvent_CreateTimer.3 man/man3/pelmo_event.h.3
 }
 
+# Python's own files of byte code go with the package, though nobody packed them.
+check_python3_pelmo() {
+    [ "$(inside python3 -W error -c 'import pelmo
+with pelmo.in_process() as bus, bus.listen("A") as messages:
+    bus.send("A", load=7)
+    print(dict(messages.get(5)))')" = "{'load': 7}" ] || fail "the package for Python doesn't run"
+    has_files doc/python3-pelmo/{PYTHON.md,copyright,examples/subscriber.py}
+}
+
 # The page itself is tested in the build; here it's enough that the server answers with it.
 check_pelmowatch() {
     same pelmowatch json --rows
@@ -199,7 +209,7 @@ check_upgrade() {
     rm -r "$root/etc/systemd/system/pelmowatch.service"
 }
 
-names=(pelmoscope pelmobus pelmowatch pelmobridge libpelmo0 libpelmo-dev libpelmo-doc)
+names=(pelmoscope pelmobus pelmowatch pelmobridge libpelmo0 libpelmo-dev libpelmo-doc python3-pelmo)
 quietly cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/made"
 quietly cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/next" -R 9.9.9
 for name in "${names[@]}"; do
@@ -217,7 +227,7 @@ files >"$work/before"
 for name in "${names[@]}"; do
     deb=$(basename "$work"/made/${name}_*.deb)
     needs=()
-    [ "$name" != libpelmo-dev ] || needs=("$(basename "$work"/made/libpelmo0_*.deb)")
+    [[ $name != libpelmo-dev && $name != python3-pelmo ]] || needs=("$(basename "$work"/made/libpelmo0_*.deb)")
     installs "$deb" "${needs[@]}"
     check_depends "$name" "$work/made/$deb"
     "check_${name//-/_}"

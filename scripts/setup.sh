@@ -45,6 +45,8 @@ if [ "$option" != --tool ]; then
     need libncurses-dev have_header ncursesw/curses.h
     need libseccomp-dev have_header seccomp.h
     need libarchive-dev have_header archive.h
+    need python3-dev have_header python3.11/Python.h
+    need pybind11-dev have_header pybind11/pybind11.h
     need nodejs have_command node
     need npm have_command npm
 fi
@@ -56,12 +58,14 @@ if [ "$option" != --tool ] && [ "$option" != --build ]; then
     need iproute2 have_command ip
     need tmux have_command tmux
     need python3-jsonschema have_module jsonschema
+    need python3-pytest have_module pytest
     need chromium have_command chromium
     need fonts-inter have_font Inter
     need libgtest-dev have_header gtest/gtest.h
 fi
 if [ "$option" = --all ] || [ "$option" = --long ] || [ "$option" = --bench ]; then
     need prometheus have_command promtool
+    need python3-dbg test -x /usr/bin/python3.11-dbg
     need tshark have_command tshark
     need doxygen have_command doxygen
     need libbenchmark-dev have_header benchmark/benchmark.h
@@ -76,6 +80,7 @@ fi
 if [ "$option" = --bench ]; then
     need mosquitto test -x /usr/sbin/mosquitto
     need libmosquitto-dev have_header mosquitto.h
+    need python3-paho-mqtt have_module paho.mqtt
     need libenet-dev have_header enet/enet.h
     need libusrsctp-dev have_header usrsctp.h
 fi

@@ -55,6 +55,7 @@ FAULTS = [
     ("lib/transport/socket/s.h lib/transport/t.h",
      "lib/transport/socket/s.h:1: includes lib/transport/t.h, a floor above its own"),
     ("bus/b.h lib/base/a.h", "bus/b.h:1: is a user's, and includes lib/base/a.h, which isn't public"),
+    ("python/native/p.h lib/base/a.h", "python/native/p.h:1: is a user's, and includes lib/base/a.h, which isn't public"),
     ("lib/cellar/a.h", "lib/cellar/a.h:1: is on no known floor"),
 ]
 

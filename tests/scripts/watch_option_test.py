@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""watch_option_test.py: what is configured without pelmowatch, and where parts of it are missing."""
+"""watch_option_test.py: what is configured without pelmowatch or the package for Python, and where parts of them
+are missing."""
 import os
 import pathlib
 import re
@@ -26,20 +27,22 @@ class WatchOption(unittest.TestCase):
         packages = set(re.search(r'CPACK_COMPONENTS_ALL "([^"]*)"', packing)[1].split(";"))
         return programs, packages, found(r"^ *Test +#\d+: (\w+)", tests.stdout), said
 
-    def test_without_pelmowatch_the_rest_stays(self):
-        whole_programs, whole_packages, whole_suites, _ = self.configure()
-        self.assertIn("pelmowatch", whole_programs)
-        self.assertEqual(whole_packages, {"tool", "watch"})
-        for option, words in (("-DPELMO_WATCH=OFF", ""),
-                              ("-DMICROHTTPD_LIBRARY=", "MICROHTTPD_LIBRARY not found"),
-                              ("-DPELMO_WEB_MODULES=", "the packages of watch/web not found")):
+    def test_without_a_part_the_rest_stays(self):
+        watch = {"pelmowatch", "watch_tests"}, {"watch"}, {"watch", "watch_tests_NOT_BUILT", "web"}
+        python = set(), {"python"}, {"python"}
+        whole = self.configure()
+        for option, words, without in (("-DPELMO_WATCH=OFF", "", watch),
+                                       ("-DMICROHTTPD_LIBRARY=", "MICROHTTPD_LIBRARY not found", watch),
+                                       ("-DPELMO_WEB_MODULES=", "the packages of watch/web not found", watch),
+                                       ("-DPELMO_PYTHON=OFF", "", python),
+                                       ("-DCMAKE_DISABLE_FIND_PACKAGE_pybind11=ON",
+                                        "pybind11-dev", python)):
             with self.subTest(option):
-                programs, packages, suites, said = self.configure(option)
-                self.assertEqual(whole_programs - programs, {"pelmowatch", "watch_tests"})
-                self.assertEqual(whole_suites - suites, {"watch", "watch_tests_NOT_BUILT", "web"})
-                self.assertEqual(packages, {"tool"})
+                *parts, said = self.configure(*option.split())
+                for all_parts, left, missing in zip(whole, parts, without):
+                    self.assertEqual(all_parts - left, missing)
                 self.assertIn(words, said)
-                self.assertEqual("pelmowatch isn't built" in said, bool(words))
+                self.assertEqual("isn't built" in said, bool(words))
 
 
 if __name__ == "__main__":
