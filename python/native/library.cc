@@ -1,5 +1,8 @@
 #include "python/native/library.h"
 
+#include <cxxabi.h>
+#include <unistd.h>
+
 #include <csignal>
 
 #include "lib/pelmo.h"
@@ -47,7 +50,15 @@ void libraryEnd() {
     if (!wasOpen) return;
     PyThreadState* const thread = PyEval_SaveThread();
     (void)pelmo_Close();
+    libraryEnterPython(thread);
+}
+
+void libraryEnterPython(PyThreadState* thread) try {
     PyEval_RestoreThread(thread);
+} catch (abi::__forced_unwind&) {
+    for (;;) {
+        pause();
+    }
 }
 
 void libraryForked() {

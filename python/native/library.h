@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include <Python.h>
+
 // Opens the library if it isn't. Raises what the open answered, and RuntimeError in a forked child
 // and after the end.
 void libraryNeed();
@@ -14,6 +16,11 @@ void libraryNeed();
 
 // Waits for what was sent, without the interpreter's lock. Nothing can be opened afterwards.
 void libraryEnd();
+
+// Takes the interpreter's lock again after PyEval_SaveThread. A thread that comes when the
+// interpreter has ended stays here for good: otherwise Python would end it by unwinding, and
+// objects on the way would be released without the lock.
+void libraryEnterPython(PyThreadState* thread);
 
 // In the child, after a fork.
 void libraryForked();

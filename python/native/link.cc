@@ -26,13 +26,11 @@ struct Waiting {
     OwnMessage message;
 };
 
-// Not the kind that restores in a destructor: at the end of the interpreter the restore ends the
-// thread, by unwinding.
 template <typename Call>
 pelmoStatus withoutInterpreter(Call call) {
     PyThreadState* const thread = PyEval_SaveThread();
     const pelmoStatus status = call();
-    PyEval_RestoreThread(thread);
+    libraryEnterPython(thread);
     return status;
 }
 
@@ -194,7 +192,8 @@ void setEcho(const Link& link, bool echo) {
 Link::~Link() {
     if (libraryIsLost()) return;
     if (scratch != nullptr) pelmoMsg_Destroy(scratch);
-    if (!isClosed && isNetwork && transport != kNoId) pelmoTransport_DestroyWithin(transport, 0);
+    // A bus that was forgotten: what was sent last is usually gone within milliseconds.
+    if (!isClosed && isNetwork && transport != kNoId) pelmoTransport_DestroyWithin(transport, 1);
 }
 
 void linkDefine(py::module_& module) {

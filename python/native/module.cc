@@ -74,7 +74,7 @@ bool waitReadable(int fd, int64_t deadlineNs) {
         PyThreadState* const thread = PyEval_SaveThread();
         const int ready = ppoll(&watched, 1, deadlineNs == INT64_MAX ? nullptr : &limit, nullptr);
         const bool interrupted = ready < 0 && errno == EINTR;
-        PyEval_RestoreThread(thread);
+        libraryEnterPython(thread);
         if (interrupted && PyErr_CheckSignals() != 0) raisePending();
         if (!interrupted) return ready > 0;
     }

@@ -1,10 +1,16 @@
 """The bus for asyncio. The loop watches the descriptor of each subscription; nothing polls."""
 
+from __future__ import annotations
+
 import asyncio
 import collections
 import weakref
+from collections.abc import AsyncIterator
+from typing import Any
 
 from . import _bus, _errors
+from ._bus import Fields, Seconds
+from ._native import Message
 
 
 async def run(call, abandoned=None):
@@ -82,7 +88,7 @@ class AsyncSubscription:
                 await self._wait()
         return True
 
-    async def get(self, timeout=None):
+    async def get(self, timeout: Seconds = None) -> Message:
         """The next message. Raises Timeout after that many seconds, and Closed once it is closed."""
         try:
             async with asyncio.timeout(timeout):
@@ -92,17 +98,17 @@ class AsyncSubscription:
         except TimeoutError:
             raise _errors.Timeout(_bus.TIMEOUT, "no message came") from None
 
-    async def batches(self):
+    async def batches(self) -> AsyncIterator[list[Message]]:
         """The messages as lists of what waits, which is faster where there are very many."""
         while self._batch or await self._fill():
             batch = list(self._batch)
             self._batch.clear()
             yield batch
 
-    def __aiter__(self):
+    def __aiter__(self) -> AsyncIterator[Message]:
         return self
 
-    async def __anext__(self):
+    async def __anext__(self) -> Message:
         batch = self._batch
         while not batch:
             if not await self._fill():
@@ -110,15 +116,15 @@ class AsyncSubscription:
         return batch.popleft()
 
     @property
-    def dropped(self):
+    def dropped(self) -> int:
         """How many messages were dropped at the limit since it began."""
         return self._intake.dropped
 
     @property
-    def closed(self):
+    def closed(self) -> bool:
         return self._intake.closed
 
-    def close(self):
+    def close(self) -> None:
         """Nothing comes any more; what was taken off the queue already can still be had. May be called
         by a handler of loop.add_signal_handler, and ends an `async for`."""
         if self.closed:
@@ -139,7 +145,7 @@ class AsyncSubscription:
         except RuntimeError:  # the loop is closed
             pass
 
-    def __enter__(self):
+    def __enter__(self) -> AsyncSubscription:
         return self
 
     def __exit__(self, *_):
@@ -152,7 +158,7 @@ class AsyncBus(_bus.Base):
     Made by `async with pelmo.connect(...) as bus`, or `await pelmo.connect(...)`.
     """
 
-    async def send(self, subject, message=None, /, **fields):
+    async def send(self, subject: str, message: Fields = None, /, **fields: Any) -> None:
         """Sends a message: a mapping, a Message or Fields, and fields by name.
 
         Waits while more than 16 MiB wait for the daemon, and lets other tasks run now and then. Raises
@@ -168,7 +174,8 @@ class AsyncBus(_bus.Base):
         else:
             await run(waiting.send)
 
-    async def request(self, subject, message=None, /, *, timeout=_bus.DEFAULT_TIMEOUT, **fields):
+    async def request(self, subject: str, message: Fields = None, /, *, timeout: Seconds = _bus.DEFAULT_TIMEOUT,
+                      **fields: Any) -> Message:
         """Sends a message and waits for the first answer. Raises Timeout after so many seconds; None
         waits without a limit."""
         inbox = self.inbox()
@@ -178,13 +185,14 @@ class AsyncBus(_bus.Base):
                 await run(waiting.send)
             return await answers.get(timeout)
 
-    async def reply(self, request, message=None, /, **fields):
+    async def reply(self, request: Message, message: Fields = None, /, **fields: Any) -> None:
         """Answers a message that was sent by request. ValueError for one that wasn't."""
         waiting = self._link.send(_bus.reply_subject(request), message, fields, None)
         if waiting is not None:
             await self._rest(waiting)
 
-    def listen(self, *subjects, limit=_bus.DEFAULT_LIMIT, drop="oldest"):
+    def listen(self, *subjects: str, limit: int | None = _bus.DEFAULT_LIMIT,
+               drop: str = "oldest") -> AsyncSubscription:
         """An AsyncSubscription to the messages on these subjects, from now on.
 
         limit: how many may wait for the program; None for no limit. drop: which go when there are more,
@@ -192,13 +200,13 @@ class AsyncBus(_bus.Base):
         """
         return self._listen(AsyncSubscription(limit, drop), subjects)
 
-    async def close(self, timeout=None):
+    async def close(self, timeout: Seconds = None) -> None:
         """Ends all subscriptions, waits until what was sent has left, and closes the connection. Raises
         Error with the status 101 where that isn't sure, or not within so many seconds."""
         self._close_subscriptions()
         await run(lambda: self._link.close(timeout))
 
-    async def __aenter__(self):
+    async def __aenter__(self) -> AsyncBus:
         return self
 
     async def __aexit__(self, *_):

@@ -1,10 +1,18 @@
 """What both kinds of bus share, and the one for programs with threads."""
 
+from __future__ import annotations
+
 import collections
 import threading
 import weakref
+from collections.abc import Iterable, Iterator, Mapping
+from typing import Any, Optional, Union
 
-from . import _errors, _native
+from . import _errors, _native, _types
+from ._native import Message
+
+Fields = Union[Mapping[str, Any], Message, Iterable[_types.Field], None]
+Seconds = Optional[float]
 
 DEFAULT_LIMIT = 100_000
 DEFAULT_TIMEOUT = 10.0
@@ -100,12 +108,12 @@ class Base:
         self._subscriptions = weakref.WeakSet()
 
     @property
-    def unsent(self):
+    def unsent(self) -> dict[str, int]:
         """What the daemon hasn't got yet, and what broken connections have lost, as a dictionary:
         waiting_messages, waiting_bytes, lost_messages, lost_bytes."""
         return self._link.unsent()
 
-    def inbox(self):
+    def inbox(self) -> str:
         """A subject of its own, for one listener: where answers come."""
         return self._link.inbox()
 
@@ -143,7 +151,7 @@ class Subscription:
         self._intake = intake(limit, drop)
         self._batch = collections.deque()
 
-    def get(self, timeout=None):
+    def get(self, timeout: Seconds = None) -> Message:
         """The next message. Raises Timeout after that many seconds, and Closed once it is closed."""
         while True:
             try:
@@ -156,10 +164,10 @@ class Subscription:
                     TIMEOUT, "no message came")
             self._batch.extend(batch)
 
-    def __iter__(self):
+    def __iter__(self) -> Iterator[Message]:
         return self
 
-    def __next__(self):
+    def __next__(self) -> Message:
         try:
             return self._batch.popleft()
         except IndexError:
@@ -170,19 +178,19 @@ class Subscription:
             raise StopIteration from None
 
     @property
-    def dropped(self):
+    def dropped(self) -> int:
         """How many messages were dropped at the limit since it began."""
         return self._intake.dropped
 
     @property
-    def closed(self):
+    def closed(self) -> bool:
         return self._intake.closed
 
-    def close(self):
+    def close(self) -> None:
         """Nothing comes any more; what was taken off the queue already can still be had."""
         self._intake.close()
 
-    def __enter__(self):
+    def __enter__(self) -> Subscription:
         return self
 
     def __exit__(self, *_):
@@ -195,7 +203,7 @@ class Bus(Base):
     Made by `with pelmo.connect(...) as bus`, or pelmo.connect(...).open().
     """
 
-    def send(self, subject, message=None, /, **fields):
+    def send(self, subject: str, message: Fields = None, /, **fields: Any) -> None:
         """Sends a message: a mapping, a Message or Fields, and fields by name.
 
         Waits while more than 16 MiB wait for the daemon. Raises NotConnected while there is no connection:
@@ -208,7 +216,8 @@ class Bus(Base):
         if waiting is not None and waiting is not True:
             Work(waiting.send).wait()
 
-    def request(self, subject, message=None, /, *, timeout=DEFAULT_TIMEOUT, **fields):
+    def request(self, subject: str, message: Fields = None, /, *, timeout: Seconds = DEFAULT_TIMEOUT,
+                **fields: Any) -> Message:
         """Sends a message and waits for the first answer. Raises Timeout after so many seconds; None
         waits without a limit."""
         inbox = self.inbox()
@@ -216,11 +225,11 @@ class Bus(Base):
             self._send(subject, message, fields, inbox)
             return answers.get(timeout)
 
-    def reply(self, request, message=None, /, **fields):
+    def reply(self, request: Message, message: Fields = None, /, **fields: Any) -> None:
         """Answers a message that was sent by request. ValueError for one that wasn't."""
         self._send(reply_subject(request), message, fields, None)
 
-    def listen(self, *subjects, limit=DEFAULT_LIMIT, drop="oldest"):
+    def listen(self, *subjects: str, limit: int | None = DEFAULT_LIMIT, drop: str = "oldest") -> Subscription:
         """A Subscription to the messages on these subjects, from now on.
 
         limit: how many may wait for the program; None for no limit. drop: which go when there are more,
@@ -228,13 +237,13 @@ class Bus(Base):
         """
         return self._listen(Subscription(limit, drop), subjects)
 
-    def close(self, timeout=None):
+    def close(self, timeout: Seconds = None) -> None:
         """Ends all subscriptions, waits until what was sent has left, and closes the connection. Raises
         Error with the status 101 where that isn't sure, or not within so many seconds."""
         self._close_subscriptions()
         Work(lambda: self._link.close(timeout)).wait()
 
-    def __enter__(self):
+    def __enter__(self) -> Bus:
         return self
 
     def __exit__(self, *_):

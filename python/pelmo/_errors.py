@@ -10,7 +10,7 @@ class Error(Exception):
     text: what the number means.
     """
 
-    def __init__(self, status, where=""):
+    def __init__(self, status: int, where: str = ""):
         self.status = status
         self.text = _native.status_text(status)
         self.where = where
