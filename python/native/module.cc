@@ -3,7 +3,9 @@
 
 #include <poll.h>
 #include <pybind11/stl.h>
+#include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <ctime>
@@ -63,21 +65,48 @@ py::list take(Intake& intake) {
     }
 }
 
+// Keeps signals for the poll, which takes them in one step with its wait. One that came just before
+// it would be noticed by nobody otherwise.
+class SignalsLater {
+  public:
+    SignalsLater() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    SignalsLater(const SignalsLater&) = delete;
+    SignalsLater& operator=(const SignalsLater&) = delete;
+    ~SignalsLater() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    [[nodiscard]] const sigset_t* before() const { return &before_; }
+
+  private:
+    sigset_t before_;
+};
+
+enum class Wait { kReadable, kTimeout, kInterrupted };
+
+Wait waitOnce(int fd, int64_t deadlineNs) {
+    const SignalsLater later;
+    if (PyErr_CheckSignals() != 0) raisePending();
+    const int64_t rest = std::max<int64_t>(deadlineNs - clockNs(CLOCK_MONOTONIC), 0);
+    const timespec limit{rest / 1'000'000'000, rest % 1'000'000'000};
+    pollfd watched{fd, POLLIN, 0};
+    PyThreadState* const thread = PyEval_SaveThread();
+    const int ready =
+        ppoll(&watched, 1, deadlineNs == INT64_MAX ? nullptr : &limit, later.before());
+    const bool interrupted = ready < 0 && errno == EINTR;
+    libraryEnterPython(thread);
+    if (interrupted) return Wait::kInterrupted;
+    return ready > 0 ? Wait::kReadable : Wait::kTimeout;
+}
+
 // Without the interpreter's lock. A signal's handler of Python's runs before the wait goes on, and
 // ends it by an exception.
 bool waitReadable(int fd, int64_t deadlineNs) {
-    for (;;) {
-        const int64_t left = deadlineNs - clockNs(CLOCK_MONOTONIC);
-        const int64_t rest = left > 0 ? left : 0;
-        const timespec limit{rest / 1'000'000'000, rest % 1'000'000'000};
-        pollfd watched{fd, POLLIN, 0};
-        PyThreadState* const thread = PyEval_SaveThread();
-        const int ready = ppoll(&watched, 1, deadlineNs == INT64_MAX ? nullptr : &limit, nullptr);
-        const bool interrupted = ready < 0 && errno == EINTR;
-        libraryEnterPython(thread);
-        if (interrupted && PyErr_CheckSignals() != 0) raisePending();
-        if (!interrupted) return ready > 0;
-    }
+    Wait wait = Wait::kInterrupted;
+    while (wait == Wait::kInterrupted)
+        wait = waitOnce(fd, deadlineNs);
+    return wait == Wait::kReadable;
 }
 
 int64_t deadlineOf(double seconds) {
