@@ -120,8 +120,8 @@ def alone(address):
     print("pelmo threads alone: sends " + child("send_threads", address).communicate()[0].strip())
     hears = child("receive", address)
     assert hears.stdout.readline() == "ready\n"
-    sends = subprocess.Popen([str(BIN / "pelmobus"), "send", "PRICES.GOLD", "price:f64=2050.5", "unit=oz", "--count",
-                              "100000000", "--daemon", address], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    sends = subprocess.Popen([str(BIN / "pelmobus"), "--daemon", address, "send", "PRICES.GOLD", "price:f64=2050.5",
+                              "unit=oz", "--count", "100000000"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     print("pelmo alone: receives " + hears.communicate(timeout=60)[0].strip())
     sends.kill()
     sends.wait()

@@ -91,9 +91,10 @@ endif()
 # Python's byte code is made and removed by the system's own tools, as for its own packages.
 if(PELMO_PYTHON_BUILT)
     pelmo_package(python python3-pelmo python
-        "libc6 (>= 2.36), libgcc-s1 (>= 12), libpelmo0 (= ${PROJECT_VERSION}), libstdc++6 (>= 12), python3 (>= ${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR}), python3 (<< ${Python3_VERSION_MAJOR}.${PELMO_PYTHON_NEXT})"
+        "libc6 (>= 2.36), libgcc-s1 (>= 12), libstdc++6 (>= 12), python3 (>= ${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR}), python3 (<< ${Python3_VERSION_MAJOR}.${PELMO_PYTHON_NEXT})"
         "client library of the Pelmo message bus, for Python
 Messages as mappings, sent and received with asyncio or with threads.")
+    set(CPACK_COMPONENT_PYTHON_DEPENDS library)  # the same version of it
     file(WRITE ${CMAKE_BINARY_DIR}/debian/postinst
         "#!/bin/sh\nset -e\n[ \"$1\" != configure ] || py3compile -p python3-pelmo\n")
     file(WRITE ${CMAKE_BINARY_DIR}/debian/prerm "#!/bin/sh\nset -e\npy3clean -p python3-pelmo\n")
