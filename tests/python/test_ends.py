@@ -22,6 +22,7 @@ async def main():
 asyncio.run(main())""",
     "in a cycle": "class C: pass\nc = C(); c.c = c; c.bus = bus; c.s = bus.listen('X'); bus.send('END', n=1)",
 }
+PRELOADED = os.environ.get("LD_PRELOAD", "")
 PRELUDE = "import asyncio, os, signal, sys, threading, time\nimport pelmo\n"
 OPEN = PRELUDE + "bus = pelmo.connect(sys.argv[1]).open()\n"
 
@@ -82,6 +83,7 @@ if child: assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
 """
 
 
+@pytest.mark.skipif("tsan" in PRELOADED, reason="the thread sanitizer has no threads after a fork")
 def test_a_forked_child_leaves_the_library_alone_or_has_its_own(python, address):
     ends(python(OPEN + FORKS, address))
     ends(python(PRELUDE + WORKERS, address))
@@ -117,6 +119,7 @@ print(after[0] - before[0], after[1] - before[1])
 """
 
 
+@pytest.mark.skipif(bool(PRELOADED), reason="sanitizers keep memory that was freed")
 @pytest.mark.parametrize("interpreter", [sys.executable, "/usr/bin/python3.11-dbg"])
 def test_messages_leave_no_memory(interpreter, python, address):
     if not os.path.exists(interpreter):
