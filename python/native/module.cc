@@ -66,7 +66,7 @@ py::list take(Intake& intake) {
 }
 
 // Keeps signals for the poll, which takes them in one step with its wait. One that came just before
-// it would be noticed by nobody otherwise.
+// it would go unnoticed otherwise.
 class SignalsLater {
   public:
     SignalsLater() {
