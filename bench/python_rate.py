@@ -7,6 +7,7 @@ a daemon, one sender and one receiver, so on two cores each has less than a core
 side in Python and the other in C++ (pelmobus). CPU is of the process in Python, in microseconds a message.
 """
 import asyncio
+import atexit
 import json
 import pathlib
 import resource
@@ -104,8 +105,11 @@ async def paho_send(address):
 
 
 def child(role, address):
-    return subprocess.Popen([sys.executable, __file__, str(BIN), str(SECONDS), role, address], text=True,
-                            stdout=subprocess.PIPE)
+    """It doesn't outlive the bench, however that ends."""
+    started = subprocess.Popen([sys.executable, __file__, str(BIN), str(SECONDS), role, address], text=True,
+                               stdout=subprocess.PIPE)
+    atexit.register(started.kill)
+    return started
 
 
 def pair(name, receiver, sender, address):
