@@ -116,10 +116,11 @@ void appendOfSenders(std::vector<uint32_t>& numbers,
     });
     for (const uint32_t number : senders) {
         const ReportSender& row = tables.senders[number];
-        const auto found =
-            std::ranges::equal_range(all, std::tuple(row.sum.host, row.sum.port), {}, host);
-        const auto count = std::min<std::ptrdiff_t>(std::ssize(found), kLargestOfEach);
-        numbers.insert(numbers.end(), found.begin(), found.begin() + count);
+        const auto key = std::tuple(row.sum.host, row.sum.port);
+        const auto begin = std::ranges::lower_bound(all, key, {}, host);
+        const auto end = std::ranges::upper_bound(all, key, {}, host);
+        const auto count = std::min<std::ptrdiff_t>(end - begin, kLargestOfEach);
+        numbers.insert(numbers.end(), begin, begin + count);
     }
 }
 

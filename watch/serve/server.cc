@@ -375,18 +375,18 @@ MHD_Result answerSnapshot(MHD_Connection* connection, Client* client) {
     if (!plain.newest) {
         return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no interval has ended yet");
     }
-    const auto [at, sizeBytes] = server.places;
+    const EventPlaces places = server.places;
     const bool isZipped =
         server.takesZipped && renewZipped(server.zippedSnapshot, plain, [&](JsonBuffer& out) {
-            zippedAppend(out, plain.newest.text().substr(at, sizeBytes));
+            zippedAppend(out, plain.newest.text().substr(places.jsonAt, places.jsonBytes));
         });
     if (isZipped) {
         noteText(client, server.zippedSnapshot.newest);
         return answerBody(connection, server.zippedSnapshot.newest, kJson, true);
     }
     noteText(client, plain.newest);
-    return queueText(connection, MHD_HTTP_OK, responseOfBody(plain.newest, at, sizeBytes), kJson,
-                     false);
+    return queueText(connection, MHD_HTTP_OK,
+                     responseOfBody(plain.newest, places.jsonAt, places.jsonBytes), kJson, false);
 }
 
 MHD_Result answerHistory(MHD_Connection* connection, const Route& route) {
