@@ -176,6 +176,7 @@ void endLine() {
 struct Digits {
     explicit Digits(uint64_t number)
         : length(static_cast<size_t>(std::to_chars(text, std::end(text), number).ptr - text)) {}
+    // NOLINTNEXTLINE(google-explicit-constructor): it is a text wherever one is added
     operator std::string_view() const { return {text, length}; }
 
     char text[20];
@@ -214,12 +215,12 @@ void putPlace(const BusPacket& packet, std::string& out) {
     const std::string_view time = timeText(packet.time);
     if (form.asText) {
         return textAdd(out, time, " ", port, " ", groupText, " ", senderText, ":",
-                       hasScid ? std::string_view(scid) : "-", " ", number, " ");
+                       hasScid ? std::string_view{scid} : "-", " ", number, " ");
     }
     textAdd(out, "{\"time\":\"", time, "\",\"port\":", port,
             packet.type == kOskaPtpData ? ",\"receiver\":\"" : ",\"group\":\"", groupText,
             "\",\"sender\":\"", senderText,
-            "\",\"scid\":", hasScid ? std::string_view(scid) : "null", ",\"sequence\":", number);
+            "\",\"scid\":", hasScid ? std::string_view{scid} : "null", ",\"sequence\":", number);
 }
 
 void addPlace(const BusPacket& packet) {

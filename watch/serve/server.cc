@@ -268,7 +268,7 @@ BodyHold zippedOf(std::string_view text) {
 }
 
 // Of a text of this client's own. Without memory for less it gets the text as it is.
-MHD_Result answerText(MHD_Connection* connection, BodyHold body, const char* contentType) {
+MHD_Result answerText(MHD_Connection* connection, const BodyHold& body, const char* contentType) {
     BodyHold zipped;
     if (body && server.takesZipped && body.text().size() >= kLeastZippedBytes) {
         zipped = zippedOf(body.text());
