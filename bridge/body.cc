@@ -1,9 +1,7 @@
 #include "bridge/body.h"
 
 #include <algorithm>
-#include <cstring>
-
-#include "programs/text.h"
+#include <span>
 
 namespace {
 
@@ -32,57 +30,59 @@ void eachGroup(std::string_view path, Take take) {
 }
 
 // False for a message without one. A field of that name that isn't a mark counts as none.
-bool markRead(pelmoMsg* message, BridgeMark& mark) {
-    pelmoMsg* field = nullptr;
-    if (pelmoMsg_GetMsg(message, kMarkField, &field, 0) != kStatusSuccess || field == nullptr)
-        return false;
-    const char* path = nullptr;
-    uint32_t repeat = 0;
-    if (pelmoMsg_GetString(field, "path", &path, 0) != kStatusSuccess || path == nullptr)
-        return false;
-    if (!pathIsGood(path)) return false;
-    mark.path = path;
-    if (pelmoMsg_GetU64(field, "sequence", &mark.sequence, 0) != kStatusSuccess) mark.sequence = 0;
-    mark.mayBeRepeat =
-        pelmoMsg_GetBool(field, "repeat", &repeat, 0) == kStatusSuccess && repeat != 0;
+bool markRead(pelmo::MessageView message, BridgeMark& mark) {
+    const auto field = message.get<pelmo::MessageView>(kMarkField);
+    if (!field || field->raw() == nullptr) return false;
+    const auto path = field->get<std::string>("path");
+    if (!path || !pathIsGood(*path)) return false;
+    mark.path = *path;
+    mark.sequence = field->get<uint64_t>("sequence").value_or(0);
+    mark.mayBeRepeat = field->get<bool>("repeat").value_or(false);
     return true;
 }
 
-pelmoStatus writeForm(BodyCodec& codec, pelmoMsg* message, std::string& body) {
+pelmoStatus writeForm(BodyCodec& codec, pelmo::MessageView message, std::string& body) {
     body.clear();
-    if (codec.form == BodyForm::kJson) return jsonWriteMessage(codec.writer, message, {}, body);
+    if (codec.form == BodyForm::kJson)
+        return jsonWriteMessage(codec.writer, message.raw(), {}, body);
     uint32_t fields = 0;  // the image of a message that is corrupt isn't handed on
-    uint32_t sizeBytes = 0;
-    const void* bytes = nullptr;
-    pelmoStatus status = pelmoMsg_GetNumFields(message, &fields);
-    if (status == kStatusSuccess) status = pelmoMsg_GetAsBytes(message, &bytes);
-    if (status == kStatusSuccess) status = pelmoMsg_GetByteSize(message, &sizeBytes);
-    if (status == kStatusSuccess) body.assign(static_cast<const char*>(bytes), sizeBytes);
-    return status;
-}
-
-pelmoStatus copyWithoutMark(pelmoMsg* message, OwnedMessage& out) {
-    pelmoMsg* copy = nullptr;
-    pelmoStatus status = pelmoMsg_CreateCopy(message, &copy);
+    const pelmoStatus status = pelmoMsg_GetNumFields(message.raw(), &fields);
     if (status != kStatusSuccess) return status;
-    out.reset(copy);
-    status = pelmoMsg_RemoveFieldEx(copy, kMarkField, 0);
-    const char* text = nullptr;
-    if (status == kStatusSuccess && pelmoMsg_GetSendSubject(message, &text) == kStatusSuccess) {
-        status = pelmoMsg_SetSendSubject(copy, text);
-    }
-    if (status == kStatusSuccess && pelmoMsg_GetReplySubject(message, &text) == kStatusSuccess) {
-        status = pelmoMsg_SetReplySubject(copy, text);
-    }
-    return status;
+    const pelmo::Bytes bytes = message.bytes();
+    body.assign(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    return bytes.empty() ? kStatusNoMemory : kStatusSuccess;
 }
 
-const char* readWire(std::string_view body, pelmoMsg** out) {
-    if (wordAt(body, 0) != body.size()) return "a message of another length than its body";
-    if (pelmoMsg_CreateFromBytes(out, body.data()) != kStatusSuccess)
-        return "not to be taken as a message";
+pelmo::Result<pelmo::Message> copyWithoutMark(pelmo::MessageView message) {
+    auto copy = pelmo::Message::copy(message);
+    if (!copy) return copy;
+    const pelmoStatus status = pelmoMsg_RemoveFieldEx(copy->raw(), kMarkField, 0);
+    if (status != kStatusSuccess) return pelmo::Error(status);
+    if (!message.subject().empty()) copy->to(message.subject());
+    if (!message.replySubject().empty()) copy->replyTo(message.replySubject());
+    return copy;
+}
+
+std::optional<pelmo::Message> readWire(std::string_view body, const char*& fault) {
+    fault = "a message of another length than its body";
+    if (wordAt(body, 0) != body.size()) return std::nullopt;
+    auto made = pelmo::Message::fromBytes(std::as_bytes(std::span(body)));
     uint32_t fields = 0;
-    return pelmoMsg_GetNumFields(*out, &fields) == kStatusSuccess ? nullptr : "a corrupt message";
+    fault = "a corrupt message";
+    if (!made || pelmoMsg_GetNumFields(made->raw(), &fields) != kStatusSuccess) return std::nullopt;
+    return std::move(*made);
+}
+
+std::optional<pelmo::Message> readJson(BodyCodec& codec,
+                                       std::string_view body,
+                                       const char*& fault) {
+    pelmo::Message made;
+    fault = "no memory for a message";
+    if (made.rawStatus() != kStatusSuccess) return std::nullopt;
+    const bool isRead = jsonReadMessage(codec.reader, body, made.raw());
+    fault = isRead ? "a line that carries no whole message" : codec.reader.fault.c_str();
+    if (!isRead || codec.reader.isLacking) return std::nullopt;
+    return made;
 }
 
 bool isWire(std::string_view body) {
@@ -125,47 +125,32 @@ void pathAdd(std::string& path, std::string_view group) {
     path += group;
 }
 
-pelmoStatus bodyWrite(BodyCodec& codec, pelmoMsg* message, std::string& body, BridgeMark& mark) {
+pelmoStatus bodyWrite(BodyCodec& codec,
+                      pelmo::MessageView message,
+                      std::string& body,
+                      BridgeMark& mark) {
     mark = BridgeMark{};
     if (!markRead(message, mark)) return writeForm(codec, message, body);
-    OwnedMessage bare;
-    const pelmoStatus status = copyWithoutMark(message, bare);
-    return status == kStatusSuccess ? writeForm(codec, bare.get(), body) : status;
+    const auto bare = copyWithoutMark(message);
+    if (!bare) return bare.error().status();
+    const pelmoStatus status = bare->rawStatus();
+    return status == kStatusSuccess ? writeForm(codec, *bare, body) : status;
 }
 
-OwnedMessage bodyRead(BodyCodec& codec, std::string_view body, const char*& fault) {
-    pelmoMsg* message = nullptr;
-    if (isWire(body)) {
-        fault = readWire(body, &message);
-        OwnedMessage owned(message);
-        return fault == nullptr ? std::move(owned) : nullptr;
-    }
-    OwnedMessage owned = messageMake();
-    fault = "no memory for a message";
-    if (owned == nullptr) return nullptr;
+std::optional<pelmo::Message> bodyRead(BodyCodec& codec,
+                                       std::string_view body,
+                                       const char*& fault) {
+    if (isWire(body)) return readWire(body, fault);
+    if (body.starts_with('{')) return readJson(codec, body, fault);
     fault = "no message and no line of JSON";
-    if (!body.starts_with('{')) return nullptr;
-    fault = codec.reader.fault.c_str();
-    if (!jsonReadMessage(codec.reader, body, owned.get())) {
-        fault = codec.reader.fault.c_str();
-        return nullptr;
-    }
-    fault = codec.reader.isLacking ? "a line that carries no whole message" : nullptr;
-    return fault == nullptr ? std::move(owned) : nullptr;
+    return std::nullopt;
 }
 
-pelmoStatus markAdd(pelmoMsg* message, const BridgeMark& mark) {
-    OwnedMessage field = messageMake();
-    if (field == nullptr) return kStatusNoMemory;
-    pelmoStatus status = pelmoMsg_AddString(field.get(), "path", mark.path.c_str(), 0);
-    if (status == kStatusSuccess)
-        status = pelmoMsg_AddU64(field.get(), "sequence", mark.sequence, 0);
-    if (status == kStatusSuccess && mark.mayBeRepeat)
-        status = pelmoMsg_AddBool(field.get(), "repeat", 1, 0);
-    // One that came along is not this bridge's.
-    if (status == kStatusSuccess) {
-        const pelmoStatus removed = pelmoMsg_RemoveFieldEx(message, kMarkField, 0);
-        status = removed == kStatusNotFound ? kStatusSuccess : removed;
-    }
-    return status == kStatusSuccess ? pelmoMsg_AddMsg(message, kMarkField, field.get(), 0) : status;
+void markAdd(pelmo::Message& message, const BridgeMark& mark) {
+    pelmo::Message field;
+    field.add("path", mark.path).add("sequence", mark.sequence);
+    if (mark.mayBeRepeat) field.add("repeat", true);
+    // Statuses say only whether there was one, or what the addition will say too.
+    (void)pelmoMsg_RemoveFieldEx(message.raw(), kMarkField, 0);
+    message.add(kMarkField, field);
 }

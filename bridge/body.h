@@ -8,7 +8,7 @@
 // The mark of a message says which bridges it came by, by their groups, how the first one numbered
 // it and whether it may have been there before. Over NATS it is headers, on the bus the field
 // "_bridge", a message with the fields "path", "sequence" and "repeat". A message on its way from
-// the bus leaves that field behind.
+// the bus goes without that field.
 //
 // All of it comes from outside: a body is checked before it becomes a message, and a mark that
 // isn't one counts as none.
@@ -18,12 +18,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
-#include "lib/pelmo.h"
+#include "lib/pelmo.hpp"
 #include "programs/message_json.h"
-#include "programs/owned_message.h"
 
 enum class BodyForm { kWire, kJson };
 
@@ -53,13 +53,16 @@ struct BodyCodec {
 // The body, and the mark as the message had it. Replaces what is in both.
 // kStatusCorruptMessage for a message whose fields can't be separated, kStatusNoMemory.
 [[nodiscard]] pelmoStatus bodyWrite(BodyCodec& codec,
-                                    pelmoMsg* message,
+                                    pelmo::MessageView message,
                                     std::string& body,
                                     BridgeMark& mark);
 
-// A message of its own from a body, without subjects. Null where the body isn't one, or memory runs
-// out; `fault` is then what is wrong, a text that lives as long as the codec is left alone.
-[[nodiscard]] OwnedMessage bodyRead(BodyCodec& codec, std::string_view body, const char*& fault);
+// A message of its own from a body, without subjects. None where the body isn't one, or memory runs
+// out; `fault` is then what is wrong, a text that is valid until the codec's next use.
+[[nodiscard]] std::optional<pelmo::Message> bodyRead(BodyCodec& codec,
+                                                     std::string_view body,
+                                                     const char*& fault);
 
-// Puts the mark into a message that goes to the bus.
-[[nodiscard]] pelmoStatus markAdd(pelmoMsg* message, const BridgeMark& mark);
+// Puts the mark into a message that goes to the bus, in place of one that it has. What fails is the
+// message's status.
+void markAdd(pelmo::Message& message, const BridgeMark& mark);

@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <ctime>
 
+#include "bridge/say.h"
 #include "programs/steady_time.h"
 #include "programs/stop.h"
-#include "programs/text.h"
 
 namespace {
 
@@ -15,7 +14,6 @@ constexpr int kFailed = 1;
 constexpr int64_t kConnectPause = kSecond;
 constexpr int64_t kStatusTime = 60 * kSecond;
 constexpr int64_t kWatchTime = kSecond / 4;
-constexpr int64_t kMostFaultPause = 60 * kSecond;
 
 struct CountRow {
     const char* name;
@@ -80,24 +78,33 @@ std::string countsJson(const Bridge& bridge, const std::vector<NamedCount>& name
 }
 
 void sendStatusToBus(Bridge& bridge, const std::vector<NamedCount>& named) {
-    const OwnedMessage message = messageMake();
-    if (message == nullptr) return;
-    pelmoStatus status = pelmoMsg_SetSendSubject(
-        message.get(), ("PELMOBRIDGE.STATUS." + bridge.options.name).c_str());
-    if (status == kStatusSuccess)
-        status = pelmoMsg_AddString(message.get(), "group", bridge.options.group.c_str(), 0);
+    pelmo::Message message("PELMOBRIDGE.STATUS." + bridge.options.name);
+    message.add("group", bridge.options.group);
     for (const NamedCount& count : named) {
-        if (status == kStatusSuccess)
-            status = pelmoMsg_AddU64(message.get(), count.name, count.value, 0);
+        message.add(count.name, count.value);
     }
-    if (status == kStatusSuccess) (void)pelmoTransport_Send(bridge.bus, message.get());
+    (void)bridge.bus->send(message);
+}
+
+// What libnats had no room for; plain subscriptions stay as they are while the bridge runs.
+uint64_t natsDropped(const Bridge& bridge) {
+    uint64_t dropped = 0;
+    for (const auto& side : bridge.sides) {
+        int64_t ofSide = 0;
+        if (side->subscription == nullptr) continue;
+        if (natsSubscription_GetDropped(side->subscription, &ofSide) != NATS_OK) continue;
+        dropped += static_cast<uint64_t>(ofSide);
+    }
+    return dropped;
 }
 
 void report(Bridge& bridge) {
+    const uint64_t dropped = natsDropped(bridge);
     std::vector<NamedCount> named;
     std::string json;
     {
         const std::lock_guard guard(bridge.lock);
+        bridge.counts.natsDropped = std::max(bridge.counts.natsDropped, dropped);
         named = namedCounts(bridge);
         json = countsJson(bridge, named);
     }
@@ -110,15 +117,16 @@ void report(Bridge& bridge) {
 
 // What NATS reports
 
-void onNatsUp(void* closure) {
+void onNatsUp(void* closure, const std::string& server, size_t mostBytes) {
     auto& bridge = *static_cast<Bridge*>(closure);
     {
         const std::lock_guard guard(bridge.lock);
         bridge.natsIsUp = true;
+        bridge.natsMostBytes = mostBytes;
         groupConnected(bridge.group, true, steadyNow());
     }
     bridge.wake.notify_one();
-    bridgeSay("connected to " + natsLinkServer(bridge.nats));
+    bridgeSay("connected to " + server);
 }
 
 void onNatsDown(void* closure, const char* reason) {
@@ -145,21 +153,9 @@ void onNatsAnswered(void* closure, uint64_t number, natsMsg* answer) {
     fromBusAnswered(*static_cast<Bridge*>(closure), number, answer);
 }
 
-void onNatsError(void* closure, const char* text) {
-    auto& bridge = *static_cast<Bridge*>(closure);
-    uint64_t dropped = 0;
-    for (const auto& side : bridge.sides) {
-        int64_t ofSide = 0;
-        if (side->subscription != nullptr &&
-            natsSubscription_GetDropped(side->subscription, &ofSide) == NATS_OK) {
-            dropped += static_cast<uint64_t>(ofSide);
-        }
-    }
-    {
-        const std::lock_guard guard(bridge.lock);
-        bridge.counts.natsDropped = std::max(bridge.counts.natsDropped, dropped);
-    }
-    bridgeSayFault(dropped, text, "NATS");
+// Such as messages that came faster than the bus takes them, which the next status counts.
+void onNatsError(void*, const char* text) {
+    bridgeSayFault(0, text, "NATS");
 }
 
 void onBeat(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
@@ -176,62 +172,69 @@ void onBeat(natsConnection*, natsSubscription*, natsMsg* message, void* closure)
     if (read != 4 || !groupNameIsGood(name)) return;
     beat.name = name;
     beat.leads = std::string_view(role) == "leads";
-    const std::lock_guard guard(bridge.lock);
-    const GroupTurn turn = groupHear(bridge.group, beat, steadyNow());
+    GroupTurn turn = GroupTurn::kNone;
+    {
+        const std::lock_guard guard(bridge.lock);
+        turn = groupHear(bridge.group, beat, steadyNow());
+    }
     if (turn == GroupTurn::kStandBy) bridgeSay("stands by in the group " + bridge.options.group);
 }
 
 // What the bus reports
 
-void onBusBreak(uint32_t, pelmoMsg*, void* closure) {
-    auto& bridge = *static_cast<Bridge*>(closure);
-    {
-        const std::lock_guard guard(bridge.lock);
-        ++bridge.counts.busBreaks;
-    }
+void onBusBreak(Bridge& bridge, pelmo::MessageView) {
+    bridgeCount(bridge, &BridgeCounts::busBreaks);
     bridgeSay("the bus is away");
 }
 
-void onBusReturn(uint32_t, pelmoMsg* message, void*) {
-    double seconds = 0;
-    if (pelmoMsg_GetF64(message, "seconds", &seconds, 0) != kStatusSuccess) seconds = 0;
+void onBusReturn(Bridge&, pelmo::MessageView message) {
     char text[80];
     std::snprintf(text, sizeof text,
-                  "the bus is back after %.1f s, in which its messages were missed", seconds);
+                  "the bus is back after %.1f s, in which its messages were missed",
+                  message.get<double>("seconds").value_or(0.0));
     bridgeSay(text);
 }
 
 bool connectBus(Bridge& bridge) {
-    const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     const BridgeOptions& options = bridge.options;
     for (uint64_t tries = 1;; ++tries) {
-        const pelmoStatus status = pelmoTransport_CreateNetwork(
-            &bridge.bus, text(options.service), text(options.network), text(options.daemon));
-        if (status == kStatusSuccess) return true;
-        const bool mayCome = status == kStatusDaemonNotConnected;
-        bridgeSayFault(mayCome ? tries : 0, "no connection to the bus",
-                       pelmoStatus_GetText(status));
-        if (!mayCome || stopWait(-1, 0, steadyNow() + kConnectPause) == StopWait::kStop)
-            return false;
+        auto bus = pelmo::Transport::connect({options.service, options.network, options.daemon});
+        if (bus) return bridge.bus.emplace(std::move(*bus)), true;
+        const pelmoStatus status = bus.error().status();
+        const bool mayCome = status == kStatusDaemonNotConnected || status == kStatusInitFailed;
+        bridgeSayFault(mayCome ? tries : 0, "no connection to the bus", bus.error().text());
+        if (!mayCome) return false;
+        if (stopWait(-1, 0, steadyNow() + kConnectPause) == StopWait::kStop) return false;
     }
 }
 
+pelmoStatus listenToBus(Bridge& bridge,
+                        const char* subject,
+                        void (*reported)(Bridge&, pelmo::MessageView)) {
+    auto listener = bridge.queue->listen(
+        *bridge.bus, subject,
+        [&bridge, reported](pelmo::MessageView message) { reported(bridge, message); });
+    if (!listener) return listener.error().status();
+    bridge.listeners.push_back(std::move(*listener));
+    return kStatusSuccess;
+}
+
 pelmoStatus openBus(Bridge& bridge) {
-    uint32_t listener = 0;
-    pelmoStatus status = pelmoTransport_SetEcho(bridge.bus, false);
-    if (status == kStatusSuccess) status = pelmoQueue_Create(&bridge.queue);
+    pelmoStatus status = pelmoTransport_SetEcho(pelmo::number(bridge.bus->id()), false);
+    if (status != kStatusSuccess) return status;
+    auto queue = pelmo::Queue::make();
+    if (!queue) return queue.error().status();
+    bridge.queue.emplace(std::move(*queue));
+    status = listenToBus(bridge, "_PM.WARN.SYSTEM.PMD.DISCONNECTED", onBusBreak);
     if (status == kStatusSuccess) {
-        status = pelmoEvent_CreateListener(&listener, bridge.queue, onBusBreak, bridge.bus,
-                                           "_PM.WARN.SYSTEM.PMD.DISCONNECTED", &bridge);
-    }
-    if (status == kStatusSuccess) {
-        status = pelmoEvent_CreateListener(&listener, bridge.queue, onBusReturn, bridge.bus,
-                                           "_PM.INFO.SYSTEM.PMD.RECONNECTED", &bridge);
+        status = listenToBus(bridge, "_PM.INFO.SYSTEM.PMD.RECONNECTED", onBusReturn);
     }
     if (status == kStatusSuccess) status = fromBusOpen(bridge);
-    if (status == kStatusSuccess)
-        status = pelmoDispatcher_CreateEx(&bridge.dispatcher, bridge.queue, -1);
-    return status;
+    if (status != kStatusSuccess) return status;
+    auto dispatcher = pelmo::Dispatcher::start(*bridge.queue);
+    if (!dispatcher) return dispatcher.error().status();
+    bridge.dispatcher.emplace(std::move(*dispatcher));
+    return kStatusSuccess;
 }
 
 // False where one can't be had yet.
@@ -275,26 +278,28 @@ bool openNats(Bridge& bridge, std::string& fault) {
     return status == NATS_OK;
 }
 
+// Requests of the bus that NATS didn't answer in time. The lock is held.
+void expireRequests(Bridge& bridge, int64_t now) {
+    bridge.counts.requestsLate += std::erase_if(
+        bridge.fromBusRequests, [&](const auto& row) { return row.second.until <= now; });
+}
+
 // False once NATS has refused the bridge for good.
 bool watch(Bridge& bridge) {
     int64_t reportAt = steadyNow() + kStatusTime;
     bool hasStreams = false;
     while (stopWait(-1, 0, steadyNow() + kWatchTime) != StopWait::kStop) {
-        std::vector<uint32_t> late;
         std::string end;
         bool isUp = false;
         {
             const std::lock_guard guard(bridge.lock);
-            toBusExpire(bridge, steadyNow(), late);
+            expireRequests(bridge, steadyNow());
             end = bridge.natsEnd;
             isUp = bridge.natsIsUp;
         }
         if (!end.empty()) return bridgeSay("NATS refuses the connection: " + end), false;
         if (isUp && !hasStreams) hasStreams = openStreams(bridge);
         if (!isUp) bridgeSayFault(0, "NATS isn't reached", natsLinkFault(bridge.nats));
-        for (const uint32_t listener : late) {
-            (void)pelmoEvent_DestroyEx(listener, nullptr);
-        }
         if (steadyNow() < reportAt) continue;
         report(bridge);
         reportAt += kStatusTime;
@@ -311,54 +316,32 @@ int close(Bridge& bridge) {
     bridge.ends.notify_all();
     if (bridge.publisher.joinable()) bridge.publisher.join();
     toBusClose(bridge);
-    if (bridge.bus != 0) report(bridge);
+    if (bridge.bus) report(bridge);
     natsSubscription_Destroy(bridge.beats);
     natsLinkClose(bridge.nats);
-    const bool isLost =
-        bridge.group.leads && !(bridge.kept.items.empty() && bridge.plain.items.empty());
-    if (isLost) {
-        bridgeSay(std::to_string(bridge.kept.items.size() + bridge.plain.items.size()) +
-                  " messages waited at the end and are lost");
-    }
-    const bool isDelivered = pelmo_Close() == kStatusSuccess;
+    bridge.dispatcher.reset();  // no callback runs from here on
+    bridge.listeners.clear();
+    bridge.toBusRequests.clear();
+    bridge.queue.reset();
+    const size_t waiting = bridge.kept.items.size() + bridge.plain.items.size();
+    const bool isLost = bridge.group.leads && waiting != 0;
+    if (isLost) bridgeSay(std::to_string(waiting) + " messages waited at the end and are lost");
+    const bool isDelivered = bridge.library.close().has_value();
     return isLost || !isDelivered ? kFailed : 0;
 }
 
 }  // namespace
 
-void bridgeSay(const std::string& text) {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    char time[kUtcTextBytes];
-    std::string line(utcText(now.tv_sec, 0, time));
-    line += " pelmobridge: ";
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        line += byte < 0x20 || byte == 0x7F ? '?' : character;
-    }
-    line += '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
-}
-
-void bridgeSayFault(uint64_t counter, const char* what, const std::string& about) {
-    struct Said {
-        int64_t at = 0;
-        int64_t pause = 0;
-    };
-    static std::mutex lock;
-    static std::map<std::string, Said, std::less<>> all;
+void bridgeCount(Bridge& bridge,
+                 uint64_t BridgeCounts::*member,
+                 const char* what,
+                 const std::string& about) {
+    uint64_t counted = 0;
     {
-        const std::lock_guard guard(lock);
-        const int64_t now = steadyNow();
-        Said& said = all[what];
-        if (said.pause != 0 && now < said.at + said.pause) return;
-        const bool lasts = said.pause != 0 && now < said.at + 2 * said.pause;
-        said = {.at = now, .pause = lasts ? std::min(2 * said.pause, kMostFaultPause) : kSecond};
+        const std::lock_guard guard(bridge.lock);
+        counted = ++(bridge.counts.*member);
     }
-    std::string text = what;
-    if (!about.empty()) text += ": " + about;
-    if (counter > 1) text += " (" + std::to_string(counter) + " so far)";
-    bridgeSay(text);
+    if (what != nullptr) bridgeSayFault(counted, what, about);
 }
 
 int bridgeRun(const BridgeOptions& options) {
@@ -372,13 +355,11 @@ int bridgeRun(const BridgeOptions& options) {
     groupBegin(bridge.group, steadyNow());
     bridge.kept.standsBy = bridge.plain.standsBy = !bridge.group.leads;
 
-    pelmoStatus status = pelmo_Open();
-    if (status != kStatusSuccess) return bridgeSay(pelmoStatus_GetText(status)), kFailed;
     std::string fault;
     if (!openNats(bridge, fault)) return bridgeSay(fault), close(bridge), kFailed;
     if (!connectBus(bridge)) return close(bridge), stopRequested() ? 0 : kFailed;
     bridge.publisher = std::thread(fromBusPublish, std::ref(bridge));
-    status = openBus(bridge);
+    const pelmoStatus status = openBus(bridge);
     if (status != kStatusSuccess) fault = pelmoStatus_GetText(status);
     if (status != kStatusSuccess || !toBusOpen(bridge, fault))
         return bridgeSay(fault), close(bridge), kFailed;

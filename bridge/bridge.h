@@ -12,18 +12,20 @@
 //
 // Every message that comes in either crosses, or is counted under the reason why it didn't.
 //
-// Locks: `lock` guards the outboxes, the group, the requests and the counts. It is held neither
-// during a call of libnats's that can wait nor during a send to the bus.
+// Locks: `lock` guards what follows it in the record. It is held neither during a call of libnats's
+// or of the library's that can wait nor while handles of the bus are destroyed, which wait for
+// their callbacks. What precedes it is made before the threads that use it, and ends after them.
+//
+// The bus is used by pelmo.hpp, so that listeners, requests and the dispatcher end by themselves.
 
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,6 +35,7 @@
 #include "bridge/nats_link.h"
 #include "bridge/options.h"
 #include "bridge/outbox.h"
+#include "lib/pelmo.hpp"
 
 // Since the start, of both directions.
 struct BridgeCounts {
@@ -43,44 +46,45 @@ struct BridgeCounts {
     uint64_t badBodies = 0;     // aren't messages
     uint64_t tooLarge = 0;      // for NATS
     uint64_t requests = 0;      // that crossed
-    uint64_t requestsLate = 0;  // nobody answered in time
+    uint64_t requestsLate = 0;  // weren't answered in time, or were too many
     uint64_t busRefused = 0;    // sends to the bus that failed for good
     uint64_t natsDropped = 0;   // plain messages that libnats had no room for
     uint64_t natsBreaks = 0;
     uint64_t busBreaks = 0;
 };
 
-// One that waits for its answer.
+// A request of the bus that waits for its answer from NATS.
 struct BridgeRequest {
-    std::string reply;  // where the answer goes
+    std::string reply;  // on the bus
     int64_t until = 0;
 };
 
-inline constexpr size_t kMostBridgeRequests = 10'000;
+inline constexpr size_t kMostBridgeRequests = 10'000;  // each way
 
 struct Bridge;
 
 // What a listener on the bus, or a subscription, was made for.
 struct BridgeSide {
     Bridge* bridge = nullptr;
-    const BridgeRoute* route = nullptr;
-    BodyCodec codec = {};  // used by the one thread that its messages come on
+    const BridgeRoute* route = nullptr;  // null: answers to requests
+    BodyCodec codec = {};                // used by the one thread that its messages come on
     natsSubscription* subscription = nullptr;
-    std::thread thread;         // of a durable consumer
+    std::thread thread;         // of a durable consumer, which has its subscription for itself
     uint64_t lastOfStream = 0;  // the highest number that it has brought
 };
 
 struct Bridge {
     BridgeOptions options;
-    NatsLink nats;
-    uint32_t bus = 0;
-    uint32_t queue = 0;
-    uint32_t dispatcher = 0;
     std::string idPrefix;   // of the message ids in streams
-    BodyCodec answerCodec;  // of the dispatching thread
     std::string natsInbox;  // where answers to requests from the bus come
-    natsSubscription* natsAnswers = nullptr;
+    pelmo::Library library;
+    NatsLink nats;
     natsSubscription* beats = nullptr;
+    std::optional<pelmo::Transport> bus;
+    std::optional<pelmo::Queue> queue;
+    std::vector<pelmo::Listener> listeners;
+    std::optional<pelmo::Dispatcher> dispatcher;
+    BodyCodec answerCodec;  // of the dispatching thread
     std::vector<std::unique_ptr<BridgeSide>> sides;
     std::thread publisher;
 
@@ -89,28 +93,27 @@ struct Bridge {
     std::condition_variable ends;  // of those that wait for nothing else
     bool isEnding = false;
     bool natsIsUp = false;
+    size_t natsMostBytes = 0;
     std::string natsEnd;  // why libnats gave the connection up; empty while it hasn't
-    bool busIsUp = true;
     Group group;
     Outbox kept;  // for streams
     Outbox plain;
     BridgeCounts counts;
-    BridgeCounts reported;
     uint64_t lastRequest = 0;
     std::map<uint64_t, BridgeRequest>
         fromBusRequests;  // by the number in their reply subject on NATS
-    std::map<uint32_t, BridgeRequest> toBusRequests;  // by the listener for their answer on the bus
+    // Those of NATS that wait for an answer from the bus; null while one is being sent.
+    std::map<uint64_t, std::unique_ptr<pelmo::Request>> toBusRequests;
 };
 
 // Runs until a signal. The exit status.
 [[nodiscard]] int bridgeRun(const BridgeOptions& options);
 
-// A line in the log, with its time.
-void bridgeSay(const std::string& text);
-
-// The same fault at most once a second, and ever more rarely up to once a minute while it lasts;
-// `counter` is its count, which the line has.
-void bridgeSayFault(uint64_t counter, const char* what, const std::string& about);
+// Counts one more, and logs it where there are words for it.
+void bridgeCount(Bridge& bridge,
+                 uint64_t BridgeCounts::*member,
+                 const char* what = nullptr,
+                 const std::string& about = {});
 
 // From the bus (from_bus.cc)
 
@@ -124,7 +127,3 @@ void fromBusAnswered(Bridge& bridge, uint64_t number, natsMsg* answer);
 
 [[nodiscard]] bool toBusOpen(Bridge& bridge, std::string& fault);
 void toBusClose(Bridge& bridge);
-
-// Requests whose time is over. The lock is held; listeners that aren't needed any more are handed
-// out.
-void toBusExpire(Bridge& bridge, int64_t now, std::vector<uint32_t>& outListeners);

@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "bridge/bridge.h"
+#include "bridge/say.h"
 #include "programs/steady_time.h"
 
 namespace {
@@ -21,63 +22,59 @@ struct Batch {
     bool isKept;
     std::vector<natsMsg*> messages = {};
     std::vector<uint64_t> numbers = {};
+    std::string refused = {};  // subject of the last that can't leave
 };
 
-void count(Bridge& bridge,
-           uint64_t BridgeCounts::*member,
-           const char* what,
-           const std::string& about) {
-    uint64_t counted = 0;
-    {
-        const std::lock_guard guard(bridge.lock);
-        counted = ++(bridge.counts.*member);
-    }
-    if (member != &BridgeCounts::loops) bridgeSayFault(counted, what, about);
-}
-
-// False where the message doesn't cross; it is counted then, unless it belongs to this bus alone.
-bool makeItem(BridgeSide& side, pelmoMsg* message, OutboxItem& item) {
+// None where the message doesn't cross; it is counted then, unless it belongs to this bus alone.
+std::optional<OutboxItem> makeItem(BridgeSide& side, pelmo::MessageView message) {
     Bridge& bridge = *side.bridge;
-    const char* subject = nullptr;
-    if (pelmoMsg_GetSendSubject(message, &subject) != kStatusSuccess) subject = "";
-    if (subjectIsLocal(subject)) return false;
+    const std::string subject(message.subject());
+    if (subjectIsLocal(subject)) return std::nullopt;
+    OutboxItem item;
     if (!subjectToNats(bridge.options.map, subject, item.subject)) {
-        return count(bridge, &BridgeCounts::badSubjects, "can't cross to NATS", subject), false;
+        bridgeCount(bridge, &BridgeCounts::badSubjects, "can't cross to NATS", subject);
+        return std::nullopt;
     }
     BridgeMark mark;
     const pelmoStatus status = bodyWrite(side.codec, message, item.body, mark);
     if (status != kStatusSuccess) {
-        return count(bridge, &BridgeCounts::badBodies, pelmoStatus_GetText(status), subject), false;
+        bridgeCount(bridge, &BridgeCounts::badBodies, pelmoStatus_GetText(status), subject);
+        return std::nullopt;
     }
     if (pathEndsAt(mark.path, bridge.options.group)) {
-        return count(bridge, &BridgeCounts::loops, "", subject), false;
+        bridgeCount(bridge, &BridgeCounts::loops);
+        return std::nullopt;
     }
     item.path = mark.path;
     pathAdd(item.path, bridge.options.group);
     item.mayBeRepeat = mark.mayBeRepeat;
-    return true;
+    item.reply = message.replySubject();
+    return item;
 }
 
-void onBusMessage(uint32_t, pelmoMsg* message, void* closure) {
-    auto& side = *static_cast<BridgeSide*>(closure);
+void take(BridgeSide& side, std::span<const pelmo::MessageView> messages) {
     Bridge& bridge = *side.bridge;
-    OutboxItem item;
-    if (!makeItem(side, message, item)) return;
+    std::vector<OutboxItem> items;
+    items.reserve(messages.size());
+    for (const pelmo::MessageView message : messages) {
+        std::optional<OutboxItem> item = makeItem(side, message);
+        if (item) items.push_back(std::move(*item));
+    }
+    Outbox& outbox = side.route->keptBy.empty() ? bridge.plain : bridge.kept;
     const int64_t now = steadyNow();
-    const bool isKept = !side.route->keptBy.empty();
-    const char* reply = nullptr;
-    if (pelmoMsg_GetReplySubject(message, &reply) == kStatusSuccess) item.reply = reply;
     uint64_t gone = 0;
     uint64_t dropped = 0;
     {
         const std::lock_guard guard(bridge.lock);
-        Outbox& outbox = isKept ? bridge.kept : bridge.plain;
-        gone = outboxAdd(outbox, std::move(item), now);
+        for (OutboxItem& item : items) {
+            gone += outboxAdd(outbox, std::move(item), now);
+        }
         dropped = outbox.dropped;
     }
     bridge.wake.notify_one();
-    if (gone != 0)
+    if (gone != 0) {
         bridgeSayFault(dropped, "messages dropped, the oldest first: --buffer is full", "");
+    }
 }
 
 // Where the answer to a request comes; empty for none, or where too many wait.
@@ -109,18 +106,19 @@ natsMsg* toNats(Bridge& bridge, const OutboxItem& item, bool isKept, int64_t now
 }
 
 // What can't be made into a message, or is larger than the server takes, would never leave.
-void collect(Bridge& bridge, Batch& batch, int64_t now, size_t mostBytes) {
+void collect(Bridge& bridge, Batch& batch, int64_t now) {
     while (batch.messages.size() < kBatchMessages) {
         const OutboxItem* const item = outboxNext(batch.outbox, now);
         if (item == nullptr) return;
-        natsMsg* const message =
-            item->body.size() <= mostBytes ? toNats(bridge, *item, batch.isKept, now) : nullptr;
+        const bool fits = item->body.size() <= bridge.natsMostBytes;
+        natsMsg* const message = fits ? toNats(bridge, *item, batch.isKept, now) : nullptr;
         if (message != nullptr) {
             batch.messages.push_back(message);
             batch.numbers.push_back(item->number);
             continue;
         }
-        bridgeSayFault(++bridge.counts.tooLarge, "too large for NATS, or no memory", item->subject);
+        ++bridge.counts.tooLarge;
+        batch.refused = item->subject;
         outboxRefuse(batch.outbox, item->number);
     }
 }
@@ -148,15 +146,17 @@ void settle(Bridge& bridge, Batch& batch, size_t sent, int64_t now) {
     outboxHold(batch.outbox, now + kTickTime);
 }
 
-// Publishes what it can. True if anything was there to publish.
+// Publishes what it can. True where all that it took has left.
 bool publishOnce(Bridge& bridge, Lock& lock, Outbox& outbox, bool isKept) {
     if (!bridge.natsIsUp) return false;
     Batch batch{outbox, isKept};
-    const auto mostBytes =
-        static_cast<size_t>(natsConnection_GetMaxPayload(bridge.nats.connection));
-    collect(bridge, batch, steadyNow(), mostBytes);
-    if (batch.messages.empty()) return false;
+    collect(bridge, batch, steadyNow());
+    const uint64_t tooLarge = bridge.counts.tooLarge;
+    if (batch.messages.empty() && batch.refused.empty()) return false;
     lock.unlock();
+    if (!batch.refused.empty()) {
+        bridgeSayFault(tooLarge, "too large for NATS, or no memory", batch.refused);
+    }
     const size_t sent = send(bridge, batch);
     lock.lock();
     settle(bridge, batch, sent, steadyNow());
@@ -217,17 +217,18 @@ pelmoStatus fromBusOpen(Bridge& bridge) {
     }
     for (const BridgeRoute& route : bridge.options.fromBus) {
         std::string onBus, onNats;
-        if (!subjectPattern(bridge.options.map, route.pattern, onBus, onNats))
+        if (!subjectPattern(bridge.options.map, route.pattern, onBus, onNats)) {
             return kStatusInvalidSubject;
-        auto side = std::make_unique<BridgeSide>();
+        }
+        BridgeSide* const side = bridge.sides.emplace_back(std::make_unique<BridgeSide>()).get();
         side->bridge = &bridge;
         side->route = &route;
         side->codec.form = bridge.options.form;
-        uint32_t listener = 0;
-        const pelmoStatus status = pelmoEvent_CreateListener(&listener, bridge.queue, onBusMessage,
-                                                             bridge.bus, onBus.c_str(), side.get());
-        if (status != kStatusSuccess) return status;
-        bridge.sides.push_back(std::move(side));
+        auto listener = bridge.queue->listenMany(
+            *bridge.bus, onBus,
+            [side](std::span<const pelmo::MessageView> messages) { take(*side, messages); });
+        if (!listener) return listener.error().status();
+        bridge.listeners.push_back(std::move(*listener));
     }
     return kStatusSuccess;
 }

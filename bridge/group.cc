@@ -83,7 +83,7 @@ GroupTurn groupTick(Group& group, int64_t now, bool& outBeat) {
 }
 
 int64_t groupKeepSince(const Group& group, int64_t now) {
-    // Nobody leads: all may be needed.
+    // Without a leader all may be needed.
     if (!group.isConnected || !hearsLeader(group)) return INT64_MIN;
     return now - std::min(group.leaderOldest, now) - kGroupKeepTime;
 }

@@ -8,6 +8,7 @@
 #include <span>
 
 #include "bridge/bridge.h"
+#include "bridge/say.h"
 #include "programs/stop.h"
 #include "programs/streams.h"
 
@@ -34,6 +35,9 @@ int main(int argc, char** argv) {
     if (!arguments.empty()) arguments = arguments.subspan(1);  // the program's name may be missing
     try {
         return run(arguments);
+    } catch (const pelmo::Failure& failure) {  // the library can't be opened
+        bridgeSay(failure.what());
+        return kFailed;
     } catch (const std::bad_alloc&) {
         std::fputs("pelmobridge: no memory\n", stderr);
         return kFailed;

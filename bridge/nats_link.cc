@@ -24,9 +24,22 @@ std::string lastErrorOf(natsConnection* connection) {
     return natsStatus_GetText(status);
 }
 
-void onUp(natsConnection*, void* closure) {
+// A URL may carry a user's name and password.
+std::string serverOf(natsConnection* connection) {
+    char url[256];
+    if (natsConnection_GetConnectedUrl(connection, url, sizeof url) != NATS_OK) return "NATS";
+    const std::string text = url;
+    const size_t user = text.find('@');
+    const size_t scheme = text.find("://");
+    if (user == std::string::npos || scheme == std::string::npos) return text;
+    return text.substr(0, scheme + 3) + text.substr(user + 1);
+}
+
+// The connection is the callback's: the link may not have it yet.
+void onUp(natsConnection* connection, void* closure) {
     const NatsLink& link = linkOf(closure);
-    link.events.up(link.events.closure);
+    const int64_t mostBytes = natsConnection_GetMaxPayload(connection);
+    link.events.up(link.events.closure, serverOf(connection), static_cast<size_t>(mostBytes));
 }
 
 void onDown(natsConnection* connection, void* closure) {
@@ -137,7 +150,7 @@ bool natsLinkOpen(NatsLink& link,
         steps.take("inbox", natsSubscription_SetPendingLimits(link.answers, -1, -1));
         steps.take("streams", natsConnection_JetStream(&link.streams, link.connection, nullptr));
     }
-    if (steps.isGood && status == NATS_OK) events.up(events.closure);
+    if (steps.isGood && status == NATS_OK) onUp(link.connection, &link);
     return steps.isGood;
 }
 
@@ -153,17 +166,6 @@ void natsLinkClose(NatsLink& link) {
     link.connection = nullptr;
     link.options = nullptr;
     (void)nats_CloseAndWait(0);  // until none of its threads calls back
-}
-
-std::string natsLinkServer(const NatsLink& link) {
-    char url[256];
-    if (natsConnection_GetConnectedUrl(link.connection, url, sizeof url) != NATS_OK) return "NATS";
-    // A URL may carry a user's name and password.
-    const std::string text = url;
-    const size_t user = text.find('@');
-    const size_t scheme = text.find("://");
-    if (user == std::string::npos || scheme == std::string::npos) return text;
-    return text.substr(0, scheme + 3) + text.substr(user + 1);
 }
 
 std::string natsLinkFault(const NatsLink& link) {

@@ -1,4 +1,4 @@
-// The connection to NATS: libnats behind the calls that the bridge needs.
+// The connection to NATS: libnats under the calls that the bridge needs.
 //
 // libnats connects again by itself, for good, to whichever of the servers is there; the link
 // reports that it is up or down. Where libnats gives a connection up, since the credentials are
@@ -31,7 +31,8 @@ struct NatsHeader {
 
 struct NatsEvents {
     void* closure;
-    void (*up)(void* closure);
+    // The server's URL, for people, and the largest body that it takes.
+    void (*up)(void* closure, const std::string& server, size_t mostBytes);
     void (*down)(void* closure, const char* reason);
     void (*ended)(void* closure, const char* reason);
     // Answers to messages that were sent with natsLinkAnswerSubject(number).
@@ -56,9 +57,6 @@ struct NatsLink {
 
 // Sends what is waiting, for two seconds at most.
 void natsLinkClose(NatsLink& link);
-
-// The URL of the server that it is connected to, for people.
-[[nodiscard]] std::string natsLinkServer(const NatsLink& link);
 
 // Why it isn't connected.
 [[nodiscard]] std::string natsLinkFault(const NatsLink& link);

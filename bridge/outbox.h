@@ -58,7 +58,7 @@ struct Outbox {
     std::set<uint64_t> unsure;  // dropped while on their way: the newest numbers
     int64_t heldUntil = INT64_MIN;
 
-    // Counts since the start, for whoever reports them.
+    // Counts since the start, for reports.
     uint64_t added = 0;
     uint64_t acknowledged = 0;
     uint64_t repeated = 0;
@@ -87,7 +87,7 @@ void outboxBreak(Outbox& outbox);
 // The same where one wasn't answered in time, or was answered with a passing fault.
 void outboxRepeatFrom(Outbox& outbox, uint64_t number);
 
-// Nothing is given until then: whoever takes the messages has no room, or isn't there.
+// Nothing is given until then: the stream has no room, or isn't there.
 void outboxHold(Outbox& outbox, int64_t until);
 
 // Repeats what has waited too long. Returns when to call next, kNever for nothing on its way.

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <utility>
 
 #include "bridge/bridge.h"
+#include "bridge/say.h"
 #include "programs/steady_time.h"
 
 namespace {
@@ -15,18 +18,6 @@ constexpr int64_t kOpenRetryTime = 2 * kSecond;
 constexpr int64_t kKeepAliveTime = 5 * kSecond;
 constexpr int64_t kAnswerWait = 30 * kSecond;  // what a stream allows until it sends again
 constexpr int kMostWaitingMessages = 1 << 20;
-
-void countUp(Bridge& bridge,
-             uint64_t BridgeCounts::*member,
-             const char* what,
-             const std::string& about) {
-    uint64_t counted = 0;
-    {
-        const std::lock_guard guard(bridge.lock);
-        counted = ++(bridge.counts.*member);
-    }
-    if (what != nullptr) bridgeSayFault(counted, what, about);
-}
 
 bool isEnding(Bridge& bridge) {
     const std::lock_guard guard(bridge.lock);
@@ -50,90 +41,105 @@ BridgeMark markOf(natsMsg* message, bool isAgain) {
     return mark;
 }
 
-// A message for the bus with its mark and without subjects. Null where it doesn't cross; it is
+// A message for the bus with its mark and without subjects. None where it doesn't cross; it is
 // counted then.
-OwnedMessage fromNats(BridgeSide& side, natsMsg* message, bool isAgain) {
+std::optional<pelmo::Message> fromNats(BridgeSide& side, natsMsg* message, bool isAgain) {
     Bridge& bridge = *side.bridge;
     BridgeMark mark = markOf(message, isAgain);
     if (pathEndsAt(mark.path, bridge.options.group)) {
-        return countUp(bridge, &BridgeCounts::loops, nullptr, ""), nullptr;
+        bridgeCount(bridge, &BridgeCounts::loops);
+        return std::nullopt;
     }
     const std::string_view body(natsMsg_GetData(message),
                                 static_cast<size_t>(natsMsg_GetDataLength(message)));
     const char* fault = nullptr;
-    OwnedMessage made = bodyRead(side.codec, body, fault);
-    if (made == nullptr) {
-        return countUp(bridge, &BridgeCounts::badBodies, fault, natsMsg_GetSubject(message)),
-               nullptr;
+    std::optional<pelmo::Message> made = bodyRead(side.codec, body, fault);
+    if (made) {
+        pathAdd(mark.path, bridge.options.group);
+        markAdd(*made, mark);
+        if (made->rawStatus() == kStatusSuccess) return made;
+        fault = pelmoStatus_GetText(made->rawStatus());
     }
-    pathAdd(mark.path, bridge.options.group);
-    const pelmoStatus status = markAdd(made.get(), mark);
-    if (status == kStatusSuccess) return made;
-    return countUp(bridge, &BridgeCounts::badBodies, pelmoStatus_GetText(status),
-                   natsMsg_GetSubject(message)),
-           nullptr;
+    bridgeCount(bridge, &BridgeCounts::badBodies, fault, natsMsg_GetSubject(message));
+    return std::nullopt;
 }
 
 // False where the subject has no counterpart on the bus; it is counted then.
-bool address(Bridge& bridge, const char* subject, pelmoMsg* message) {
+bool address(Bridge& bridge, const char* subject, pelmo::Message& message) {
     std::string onBus;
     if (subjectToBus(bridge.options.map, subject, onBus) &&
-        pelmoMsg_SetSendSubject(message, onBus.c_str()) == kStatusSuccess) {
+        message.to(onBus).rawStatus() == kStatusSuccess) {
         return true;
     }
-    return countUp(bridge, &BridgeCounts::badSubjects, "can't cross to the bus", subject), false;
+    bridgeCount(bridge, &BridgeCounts::badSubjects, "can't cross to the bus", subject);
+    return false;
+}
+
+// What the bus said to a message: it has it, or refuses it for good.
+void countSent(Bridge& bridge, const pelmo::Result<void>& sent, const std::string& subject) {
+    if (sent) return bridgeCount(bridge, &BridgeCounts::toBus);
+    bridgeCount(bridge, &BridgeCounts::busRefused, sent.error().text(), subject);
 }
 
 // Requests that came from NATS
 
-void onBusAnswer(uint32_t event, pelmoMsg* message, void* closure) {
-    auto& bridge = *static_cast<Bridge*>(closure);
-    std::string reply;
-    {
-        const std::lock_guard guard(bridge.lock);
-        const auto found = bridge.toBusRequests.find(event);
-        if (found == bridge.toBusRequests.end()) return;
-        reply = std::move(found->second.reply);
-        bridge.toBusRequests.erase(found);
-    }
-    (void)pelmoEvent_DestroyEx(event, nullptr);
+void answerNats(Bridge& bridge, const std::string& reply, pelmo::MessageView answer) {
     BridgeMark mark;
     std::string body;
-    const pelmoStatus status = bodyWrite(bridge.answerCodec, message, body, mark);
+    const pelmoStatus status = bodyWrite(bridge.answerCodec, answer, body, mark);
     pathAdd(mark.path, bridge.options.group);
-    natsMsg* const answer =
+    natsMsg* const made =
         status == kStatusSuccess
             ? natsLinkMessage(reply, "", body, {{"Pelmo-Origin", mark.path.c_str()}})
             : nullptr;
-    if (answer == nullptr || natsConnection_PublishMsg(bridge.nats.connection, answer) != NATS_OK) {
-        countUp(bridge, &BridgeCounts::requestsLate, "an answer can't cross to NATS", reply);
+    if (made == nullptr || natsConnection_PublishMsg(bridge.nats.connection, made) != NATS_OK) {
+        bridgeCount(bridge, &BridgeCounts::requestsLate, "an answer can't cross to NATS", reply);
     }
-    natsMsg_Destroy(answer);
+    natsMsg_Destroy(made);
 }
 
-// Gives the message a reply subject of the bus, where the request had one of NATS. False: it is
-// counted.
-bool expectAnswer(Bridge& bridge, const char* natsReply, pelmoMsg* message) {
-    if (natsReply == nullptr) return true;
-    char inbox[128];
-    uint32_t listener = 0;
-    const std::unique_lock lock(bridge.lock);
-    pelmoStatus status =
-        bridge.toBusRequests.size() < kMostBridgeRequests ? kStatusSuccess : kStatusNoMemory;
-    if (status == kStatusSuccess)
-        status = pelmoTransport_CreateInbox(bridge.bus, inbox, sizeof inbox);
-    if (status == kStatusSuccess) {
-        status = pelmoEvent_CreateListener(&listener, bridge.queue, onBusAnswer, bridge.bus, inbox,
-                                           &bridge);
+// A handle is never destroyed with the lock held.
+std::unique_ptr<pelmo::Request> takeRequest(Bridge& bridge, uint64_t number) {
+    const std::lock_guard guard(bridge.lock);
+    const auto found = bridge.toBusRequests.find(number);
+    if (found == bridge.toBusRequests.end()) return nullptr;
+    std::unique_ptr<pelmo::Request> request = std::move(found->second);
+    bridge.toBusRequests.erase(found);
+    return request;
+}
+
+// 0 where too many wait already; it is counted then.
+uint64_t noteRequest(Bridge& bridge) {
+    const std::lock_guard guard(bridge.lock);
+    if (bridge.toBusRequests.size() >= kMostBridgeRequests) return ++bridge.counts.requestsLate, 0;
+    ++bridge.counts.requests;
+    bridge.toBusRequests.emplace(++bridge.lastRequest, nullptr);
+    return bridge.lastRequest;
+}
+
+void sendRequest(Bridge& bridge, const pelmo::Message& message, const std::string& reply) {
+    const uint64_t number = noteRequest(bridge);
+    if (number == 0) return;
+    const auto onAnswer = [&bridge, number,
+                           reply](const pelmo::Result<pelmo::MessageView>& answer) {
+        if (answer) {
+            answerNats(bridge, reply, *answer);
+        } else {
+            bridgeCount(bridge, &BridgeCounts::requestsLate);
+        }
+        (void)takeRequest(bridge, number);
+    };
+    auto sent = bridge.bus->request(*bridge.queue, message,
+                                    pelmo::Seconds(bridge.options.requestSeconds), onAnswer);
+    if (!sent) {
+        (void)takeRequest(bridge, number);
+        return countSent(bridge, sent.error(), reply);
     }
-    if (status == kStatusSuccess) {
-        bridge.toBusRequests[listener] = {natsReply,
-                                          steadyAfter(steadyNow(), bridge.options.requestSeconds)};
-        status = pelmoMsg_SetReplySubject(message, inbox);
-    }
-    bridge.counts.requests += status == kStatusSuccess ? 1 : 0;
-    bridge.counts.requestsLate += status == kStatusSuccess ? 0 : 1;
-    return status == kStatusSuccess;
+    bridgeCount(bridge, &BridgeCounts::toBus);
+    auto request = std::make_unique<pelmo::Request>(std::move(*sent));
+    const std::lock_guard guard(bridge.lock);
+    const auto found = bridge.toBusRequests.find(number);
+    if (found != bridge.toBusRequests.end()) found->second = std::move(request);
 }
 
 // Plain subjects
@@ -141,45 +147,42 @@ bool expectAnswer(Bridge& bridge, const char* natsReply, pelmoMsg* message) {
 void onNatsMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
     auto& side = *static_cast<BridgeSide*>(closure);
     Bridge& bridge = *side.bridge;
-    const OwnedMessage made = fromNats(side, message, false);
+    std::optional<pelmo::Message> made = fromNats(side, message, false);
     const char* const subject = natsMsg_GetSubject(message);
-    if (made != nullptr && address(bridge, subject, made.get()) &&
-        expectAnswer(bridge, natsMsg_GetReply(message), made.get())) {
-        const pelmoStatus status = pelmoTransport_Send(bridge.bus, made.get());
-        const bool isSent = status == kStatusSuccess;
-        countUp(bridge, isSent ? &BridgeCounts::toBus : &BridgeCounts::busRefused,
-                isSent ? nullptr : pelmoStatus_GetText(status), subject);
+    const char* const reply = natsMsg_GetReply(message);
+    if (made && address(bridge, subject, *made)) {
+        if (reply != nullptr) {
+            sendRequest(bridge, *made, reply);
+        } else {
+            countSent(bridge, bridge.bus->send(*made), subject);
+        }
     }
     natsMsg_Destroy(message);
 }
 
-// Answers from NATS to requests of the bus.
+// The reply subject on the bus; empty where the request isn't known, or is late.
+std::string takeReply(Bridge& bridge, uint64_t number) {
+    const std::lock_guard guard(bridge.lock);
+    const auto found = bridge.fromBusRequests.find(number);
+    if (found == bridge.fromBusRequests.end()) return {};
+    std::string reply = std::move(found->second.reply);
+    bridge.fromBusRequests.erase(found);
+    return reply;
+}
+
+// Answers from NATS to requests of the bus. Where no service is there the asker learns it by its
+// own limit, as on the bus.
 void onNatsAnswer(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
     auto& side = *static_cast<BridgeSide*>(closure);
     Bridge& bridge = *side.bridge;
     const std::string_view subject = natsMsg_GetSubject(message);
-    const uint64_t number =
-        std::strtoull(subject.substr(subject.rfind('.') + 1).data(), nullptr, 10);
-    std::string reply;
-    {
-        const std::lock_guard guard(bridge.lock);
-        const auto found = bridge.fromBusRequests.find(number);
-        if (found != bridge.fromBusRequests.end()) {
-            reply = std::move(found->second.reply);
-            bridge.fromBusRequests.erase(found);
-        }
-    }
-    // Nobody answers: the asker on the bus is told by its own limit, as on the bus.
+    const char* const digits = subject.substr(subject.rfind('.') + 1).data();
+    const std::string reply = takeReply(bridge, std::strtoull(digits, nullptr, 10));
     if (!reply.empty() && natsMsg_IsNoResponders(message)) {
-        countUp(bridge, &BridgeCounts::requestsLate, "nobody answers on NATS", reply);
-        reply.clear();
-    }
-    const OwnedMessage made = reply.empty() ? nullptr : fromNats(side, message, false);
-    if (made != nullptr) {
-        pelmoStatus status = pelmoMsg_SetSendSubject(made.get(), reply.c_str());
-        if (status == kStatusSuccess) status = pelmoTransport_Send(bridge.bus, made.get());
-        countUp(bridge, status == kStatusSuccess ? &BridgeCounts::toBus : &BridgeCounts::busRefused,
-                status == kStatusSuccess ? nullptr : pelmoStatus_GetText(status), reply);
+        bridgeCount(bridge, &BridgeCounts::requestsLate, "no service answers on NATS", reply);
+    } else if (!reply.empty()) {
+        std::optional<pelmo::Message> made = fromNats(side, message, false);
+        if (made) countSent(bridge, bridge.bus->send(made->to(reply)), reply);
     }
     natsMsg_Destroy(message);
 }
@@ -207,21 +210,16 @@ natsSubscription* openConsumer(BridgeSide& side, const std::string& subject) {
     return nullptr;
 }
 
-// Sends, and again while there is no daemon. False at the end, or where the bus will never take it,
-// which is counted.
-bool sendKept(Bridge& bridge, natsMsg* message, pelmoMsg* made, bool& isForGood) {
-    int64_t keepAliveAt = steadyAfter(steadyNow(), steadySeconds(kKeepAliveTime));
+// Sends, and again while there is no daemon. False at the end; what the bus will never take is
+// counted and done with.
+bool sendKept(Bridge& bridge, natsMsg* message, const pelmo::Message& made) {
+    int64_t keepAliveAt = steadyNow() + kKeepAliveTime;
     for (;;) {
-        const pelmoStatus status = pelmoTransport_Send(bridge.bus, made);
-        if (status == kStatusSuccess)
-            return countUp(bridge, &BridgeCounts::toBus, nullptr, ""), true;
-        isForGood = status != kStatusDaemonNotConnected && status != kStatusInvalidIoSource &&
-                    status != kStatusNoMemory;
-        if (isForGood) {
-            countUp(bridge, &BridgeCounts::busRefused, pelmoStatus_GetText(status),
-                    natsMsg_GetSubject(message));
-            return false;
-        }
+        const pelmo::Result<void> sent = bridge.bus->send(made);
+        const pelmoStatus status = sent ? kStatusSuccess : sent.error().status();
+        const bool mayPass = status == kStatusDaemonNotConnected ||
+                             status == kStatusInvalidIoSource || status == kStatusNoMemory;
+        if (!mayPass) return countSent(bridge, sent, natsMsg_GetSubject(message)), true;
         if (!pause(bridge, kRetryTime)) return false;
         if (steadyNow() < keepAliveAt) continue;
         (void)natsMsg_InProgress(message, nullptr);
@@ -240,45 +238,42 @@ bool bringsAgain(BridgeSide& side, natsMsg* message) {
     return isAgain;
 }
 
-// One that can't cross is ended, so that the stream doesn't bring it again.
+// One that can't cross is acknowledged as well, so that the stream doesn't bring it again. False at
+// the end.
 bool deliverKept(BridgeSide& side, natsMsg* message) {
     Bridge& bridge = *side.bridge;
-    const OwnedMessage made = fromNats(side, message, bringsAgain(side, message));
-    bool isForGood = true;
-    if (made != nullptr && address(bridge, natsMsg_GetSubject(message), made.get()) &&
-        sendKept(bridge, message, made.get(), isForGood)) {
-        (void)natsMsg_Ack(message, nullptr);
-        return true;
-    }
-    if (isForGood) (void)natsMsg_Term(message, nullptr);
-    return isForGood;
+    std::optional<pelmo::Message> made = fromNats(side, message, bringsAgain(side, message));
+    const bool crosses = made && address(bridge, natsMsg_GetSubject(message), *made);
+    if (crosses && !sendKept(bridge, message, *made)) return false;
+    (void)natsMsg_Ack(message, nullptr);
+    return true;
 }
 
 void consume(BridgeSide& side) {
     Bridge& bridge = *side.bridge;
     std::string onBus, onNats;
     (void)subjectPattern(bridge.options.map, side.route->pattern, onBus, onNats);
+    natsSubscription* consumer = nullptr;
     while (!isEnding(bridge)) {
-        if (side.subscription == nullptr) side.subscription = openConsumer(side, onNats);
-        if (side.subscription == nullptr) {
+        if (consumer == nullptr) consumer = openConsumer(side, onNats);
+        if (consumer == nullptr) {
             (void)pause(bridge, kOpenRetryTime);
             continue;
         }
         natsMsgList list = {};
-        const natsStatus status = natsSubscription_Fetch(&list, side.subscription, kFetchMessages,
-                                                         kFetchMilliseconds, nullptr);
+        const natsStatus status =
+            natsSubscription_Fetch(&list, consumer, kFetchMessages, kFetchMilliseconds, nullptr);
         bool goesOn = true;
         for (int at = 0; at < list.Count && goesOn; ++at) {
             goesOn = deliverKept(side, list.Msgs[at]);
         }
         natsMsgList_Destroy(&list);
-        if (status != NATS_OK && status != NATS_TIMEOUT) {
-            bridgeSayFault(0, "a durable consumer gives nothing", natsStatus_GetText(status));
-            natsSubscription_Destroy(side.subscription);
-            side.subscription = nullptr;
-            (void)pause(bridge, kRetryTime);
-        }
+        if (status == NATS_OK || status == NATS_TIMEOUT) continue;
+        bridgeSayFault(0, "a durable consumer gives nothing", natsFaultText(status));
+        natsSubscription_Destroy(std::exchange(consumer, nullptr));
+        (void)pause(bridge, kRetryTime);
     }
+    natsSubscription_Destroy(consumer);
 }
 
 bool openRoute(Bridge& bridge, const BridgeRoute& route, std::string& fault) {
@@ -325,15 +320,4 @@ void toBusClose(Bridge& bridge) {
         natsSubscription_Destroy(side->subscription);
         side->subscription = nullptr;
     }
-}
-
-void toBusExpire(Bridge& bridge, int64_t now, std::vector<uint32_t>& outListeners) {
-    std::erase_if(bridge.toBusRequests, [&](const auto& row) {
-        const bool isLate = row.second.until <= now;
-        if (isLate) outListeners.push_back(row.first);
-        bridge.counts.requestsLate += isLate ? 1 : 0;
-        return isLate;
-    });
-    bridge.counts.requestsLate += std::erase_if(
-        bridge.fromBusRequests, [&](const auto& row) { return row.second.until <= now; });
 }

@@ -10,7 +10,7 @@ _pelmobridge() {
         --replay) mapfile -t COMPREPLY < <(compgen -W "original instant" -- "$current") ;;
         --credentials | --tls-ca | --tls-cert | --tls-key)
             mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
-        # Values that nobody can guess.
+        # Values that can't be guessed.
         --nats | --service | --network | --daemon | --from-bus | --stream | --to-bus | --durable | \
             --prefix-nats | --prefix-bus | --name | --group | --buffer | --request-timeout) ;;
         *) mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current") ;;

@@ -3,9 +3,12 @@
 cluster, while each of them comes and goes.
 """
 import collections
+import datetime
 import json
+import os
 import pathlib
 import re
+import shlex
 import signal
 import subprocess
 import sys
@@ -35,7 +38,8 @@ class Bridge(Process):
         with open(self.log_path, "ab") as log:
             super().__init__(*self.command, stdout=log, stderr=log)
         if waits:
-            wait_until(lambda: "both sides" in self.log(), "the bridge")
+            wait_until(lambda: "both sides" in self.log() or not self.running(), "a bridge, " + str(self.log_path))
+            assert self.running(), self.log()
 
     def log(self):
         return self.log_path.read_text()
@@ -184,11 +188,11 @@ class Crossing(BridgeCase):
                    stderr=-3, stdout=-3)
         heard = self.listener(first, "NATS.>")
         wait_until(lambda: b'"yes"' in self.bus(first, "request", "ASK.ME", "--seconds", "1").stdout, "an answer")
-        self.assertEqual(self.bus(first, "request", "ASK.NOBODY", "--seconds", "1").returncode, 3)
+        self.assertEqual(self.bus(first, "request", "ASK.NONE", "--seconds", "1").returncode, 3)
         client = self.client(server, "ANSWERS")
         client.publish("NATS.ME", b'{"fields":[]}', reply="ANSWERS")
         self.assertIn(b"no\0", client.receive()[3])
-        client.publish("NATS.NOBODY", b'{"fields":[]}', reply="ANSWERS")
+        client.publish("NATS.NONE", b'{"fields":[]}', reply="ANSWERS")
         client.flush()
         wait_until(lambda: len(self.lines(heard)) == 2, "the request of NATS")
         time.sleep(1.5)  # longer than any answer may take
@@ -234,7 +238,8 @@ class Keeping(BridgeCase):
         wait_until(lambda: any("takes messages" in bridge.log() for bridge in ones), "a leader")
         two = self.bridge("two", servers, second, *self.BOTH[1])
         listener = self.listener(second, "N.>")
-        count, rate = 20000, 1500
+        count = int(os.environ.get("PELMO_BRIDGE_MESSAGES", "20000"))
+        rate = count / 13
         sender = self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % first.port, "send", "N.A", "--count",
                             str(count), "--rate", str(rate), "--sequence")
         for server in servers:
@@ -242,6 +247,9 @@ class Keeping(BridgeCase):
             server.close()
             self.grows(listener, 1)
             server.begin()
+        servers[0].popen.send_signal(signal.SIGSTOP)
+        self.grows(listener, 1)
+        servers[0].popen.send_signal(signal.SIGCONT)
         leader = next(bridge for bridge in ones if self.leads(bridge))
         for bridge in (leader, two):
             self.grows(listener, 1)
@@ -259,6 +267,37 @@ class Keeping(BridgeCase):
     def grows(self, listener, by):
         size = listener.path.read_bytes().count(b"\n")
         wait_until(lambda: listener.path.read_bytes().count(b"\n") >= size + by, "%d more messages" % by)
+
+
+class Documents(BridgeCase):
+    def set_up(self, title):
+        """The bridges of one of the set-ups: (machine, words)."""
+        text = (program_case.ROOT / "docs" / "BRIDGE.md").read_text().replace("\\\n", " ")
+        part = text.split("**%s.**" % title)[1].split("\n**")[0].split("\n##")[0]
+        for machine, words in re.findall(r"^ {4}(\w+)\$ +pelmobridge (.*)$", part, re.MULTILINE):
+            yield machine, shlex.split(words)
+
+    def test_the_set_ups_do_what_they_say(self):
+        rows = (("Two machines", "PRICES.A", "PRICES.A"), ("A site and a cloud", "ORDERS.A", "ORDERS.A"),
+                ("An archive", "ANY.A", "REPLAY.ANY.A"))
+        for number, (title, sent, heard) in enumerate(rows):
+            server, daemons, bridges = self.server("n%d" % number), {}, []
+            for machine, words in self.set_up(title):
+                daemon = daemons.setdefault(machine, None) or self.daemon()
+                daemons[machine] = daemon
+                bridges.append(self.started(Bridge(self.folder / self._testMethodName, "%d%s%d" % (
+                    number, machine, len(bridges)), [server], daemon, *words[2:])))
+            first, last = list(daemons.values())[0], list(daemons.values())[-1]
+            listener = self.listener(last, heard)
+            wait_until(lambda: all("connected to" in bridge.log() for bridge in bridges), title)
+            for name in re.findall(r"--stream (\w+)", " ".join(map(str, bridges[0].command))):
+                client = self.client(server)
+                wait_until(lambda: "error" not in client.ask("$JS.API.STREAM.INFO." + name, {}), "the stream")
+            self.bus(first, "send", sent, "--count", "4", "--rate", "2", "--sequence")
+            self.all_arrive(listener, 4)
+            if "--replay" in bridges[-1].command:
+                times = [datetime.datetime.fromisoformat(line["time"][:26]) for line in self.lines(listener)]
+                self.assertGreater(times[-1] - times[0], datetime.timedelta(seconds=1))
 
 
 class Start(BridgeCase):
@@ -286,6 +325,9 @@ class Start(BridgeCase):
         server = self.server(port=port)
         client = self.client(server, "pelmobridge.status.>")
         wait_until(lambda: "connected to nats://" in one.log(), "the connection")
+        daemon.close()
+        daemon = self.daemon(port=daemon.port)
+        wait_until(lambda: "the bus is back" in one.log(), "the bus")
         listener = self.listener(daemon, "PELMOBRIDGE.STATUS.>")
         self.assertEqual(one.ended()["plain_sent"], 3)
         self.assertEqual(json.loads(client.receive()[3])["name"], "one")

@@ -114,7 +114,7 @@ TEST(Outbox, StoresOrCountsEachMessageInOrderWhateverBreaks) {
     }
 }
 
-// Beats between members, each second, but for those that hear nobody.
+// Beats between members, each second, but for those that can hear none.
 TEST(Group, HasOneLeaderOfThoseThatHearEachOtherWithinSeconds) {
     for (uint32_t seed = 0; seed < 100; ++seed) {
         std::mt19937 random(seed);

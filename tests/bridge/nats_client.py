@@ -82,7 +82,7 @@ class NatsClient:
         while True:
             to, _, _, body = self.receive()
             if to.startswith("TEST.ANSWERS."):
-                return json.loads(body) if body else {"error": "nobody"}
+                return json.loads(body) if body else {"error": "no answer"}
 
 
 def free_port():
