@@ -251,7 +251,7 @@ bool openStreams(Bridge& bridge) {
     for (const auto& [name, subjects] : streams) {
         std::string fault;
         if (natsLinkStream(bridge.nats, name, subjects, fault)) continue;
-        bridgeSayFault(0, "a stream can't be had", name + ": " + fault);
+        bridgeSayFault(0, "a stream can't be had", fault.insert(0, name + ": "));
         hasAll = false;
     }
     return hasAll;

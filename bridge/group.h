@@ -10,8 +10,8 @@
 // One that stands by keeps what came since the leader's oldest message, and some seconds more: the
 // leader's end is noticed late, and the two hear the bus at slightly different times.
 //
-// Without a connection to NATS a member hears no other, so it neither leads nor takes over, and leads
-// no longer once it has been away for three seconds: another one does by then.
+// Without a connection to NATS a member hears no other, so it neither leads nor takes over, and
+// leads no longer once it has been away for three seconds: another one does by then.
 //
 // Times in nanoseconds of the steady clock. Threads: pure, one user at a time.
 

@@ -28,7 +28,7 @@ std::string lastErrorOf(natsConnection* connection) {
 std::string serverOf(natsConnection* connection) {
     char url[256];
     if (natsConnection_GetConnectedUrl(connection, url, sizeof url) != NATS_OK) return "NATS";
-    const std::string text = url;
+    std::string text = url;
     const size_t user = text.find('@');
     const size_t scheme = text.find("://");
     if (user == std::string::npos || scheme == std::string::npos) return text;
@@ -207,6 +207,7 @@ bool natsLinkStream(NatsLink& link,
     natsStatus status = js_GetStreamInfo(&info, link.streams, name.c_str(), nullptr, &code);
     if (status == NATS_NOT_FOUND) {
         std::vector<const char*> texts;
+        texts.reserve(subjects.size());
         for (const std::string& subject : subjects) {
             texts.push_back(subject.c_str());
         }
