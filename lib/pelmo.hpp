@@ -14,8 +14,8 @@
 // Ownership: the objects are move-only, and each ends in its destructor what it made. Declared in
 // the order library, transport, queue, listeners, they end in the right one; any other order is
 // safe too, for an id that is gone is only an id. What a MessageView gives, texts and bytes and
-// nested messages, belongs to its message (msg/message.h), and a view to whoever owns that: in a
-// callback, until its end.
+// nested messages, belongs to its message (msg/message.h), and a view is valid as long as that: in
+// a callback, until its end.
 //
 // Callbacks are moved into the object that the call returns, and run on a thread that dispatches
 // the queue. The destructor of a Listener, Timer, Io or Request waits until no thread runs the
@@ -173,11 +173,18 @@ inline Result<void> resultOf(pelmoStatus status) {
 }
 
 // The calls for one field of a type.
-template <auto addCall, auto updateCall, auto getCall>
+template <auto addCall, auto updateCall>
 struct Calls {
     static constexpr auto add = addCall;
     static constexpr auto update = updateCall;
+};
+template <auto addCall, auto updateCall, auto getCall>
+struct CallsOfNumber : Calls<addCall, updateCall> {
     static constexpr auto get = getCall;
+};
+template <auto addCall, auto updateCall, uint8_t fieldType>
+struct CallsOfArray : Calls<addCall, updateCall> {
+    static constexpr uint8_t type = fieldType;
 };
 
 // By the type of a number, and of the elements of an array.
@@ -187,27 +194,27 @@ template <typename Number>
 struct ArrayCalls;
 
 // clang-format off
-template <> struct NumberCalls<int8_t> : Calls<pelmoMsg_AddI8, pelmoMsg_UpdateI8, pelmoMsg_GetI8Exact> {};
-template <> struct NumberCalls<uint8_t> : Calls<pelmoMsg_AddU8, pelmoMsg_UpdateU8, pelmoMsg_GetU8Exact> {};
-template <> struct NumberCalls<int16_t> : Calls<pelmoMsg_AddI16, pelmoMsg_UpdateI16, pelmoMsg_GetI16Exact> {};
-template <> struct NumberCalls<uint16_t> : Calls<pelmoMsg_AddU16, pelmoMsg_UpdateU16, pelmoMsg_GetU16Exact> {};
-template <> struct NumberCalls<int32_t> : Calls<pelmoMsg_AddI32, pelmoMsg_UpdateI32, pelmoMsg_GetI32Exact> {};
-template <> struct NumberCalls<uint32_t> : Calls<pelmoMsg_AddU32, pelmoMsg_UpdateU32, pelmoMsg_GetU32Exact> {};
-template <> struct NumberCalls<int64_t> : Calls<pelmoMsg_AddI64, pelmoMsg_UpdateI64, pelmoMsg_GetI64Exact> {};
-template <> struct NumberCalls<uint64_t> : Calls<pelmoMsg_AddU64, pelmoMsg_UpdateU64, pelmoMsg_GetU64Exact> {};
-template <> struct NumberCalls<float> : Calls<pelmoMsg_AddF32, pelmoMsg_UpdateF32, pelmoMsg_GetF32Exact> {};
-template <> struct NumberCalls<double> : Calls<pelmoMsg_AddF64, pelmoMsg_UpdateF64, pelmoMsg_GetF64Exact> {};
+template <> struct NumberCalls<int8_t> : CallsOfNumber<pelmoMsg_AddI8, pelmoMsg_UpdateI8, pelmoMsg_GetI8Exact> {};
+template <> struct NumberCalls<uint8_t> : CallsOfNumber<pelmoMsg_AddU8, pelmoMsg_UpdateU8, pelmoMsg_GetU8Exact> {};
+template <> struct NumberCalls<int16_t> : CallsOfNumber<pelmoMsg_AddI16, pelmoMsg_UpdateI16, pelmoMsg_GetI16Exact> {};
+template <> struct NumberCalls<uint16_t> : CallsOfNumber<pelmoMsg_AddU16, pelmoMsg_UpdateU16, pelmoMsg_GetU16Exact> {};
+template <> struct NumberCalls<int32_t> : CallsOfNumber<pelmoMsg_AddI32, pelmoMsg_UpdateI32, pelmoMsg_GetI32Exact> {};
+template <> struct NumberCalls<uint32_t> : CallsOfNumber<pelmoMsg_AddU32, pelmoMsg_UpdateU32, pelmoMsg_GetU32Exact> {};
+template <> struct NumberCalls<int64_t> : CallsOfNumber<pelmoMsg_AddI64, pelmoMsg_UpdateI64, pelmoMsg_GetI64Exact> {};
+template <> struct NumberCalls<uint64_t> : CallsOfNumber<pelmoMsg_AddU64, pelmoMsg_UpdateU64, pelmoMsg_GetU64Exact> {};
+template <> struct NumberCalls<float> : CallsOfNumber<pelmoMsg_AddF32, pelmoMsg_UpdateF32, pelmoMsg_GetF32Exact> {};
+template <> struct NumberCalls<double> : CallsOfNumber<pelmoMsg_AddF64, pelmoMsg_UpdateF64, pelmoMsg_GetF64Exact> {};
 
-template <> struct ArrayCalls<int8_t> : Calls<pelmoMsg_AddI8Array, pelmoMsg_UpdateI8Array, pelmoMsg_GetI8Array> {};
-template <> struct ArrayCalls<uint8_t> : Calls<pelmoMsg_AddU8Array, pelmoMsg_UpdateU8Array, pelmoMsg_GetU8Array> {};
-template <> struct ArrayCalls<int16_t> : Calls<pelmoMsg_AddI16Array, pelmoMsg_UpdateI16Array, pelmoMsg_GetI16Array> {};
-template <> struct ArrayCalls<uint16_t> : Calls<pelmoMsg_AddU16Array, pelmoMsg_UpdateU16Array, pelmoMsg_GetU16Array> {};
-template <> struct ArrayCalls<int32_t> : Calls<pelmoMsg_AddI32Array, pelmoMsg_UpdateI32Array, pelmoMsg_GetI32Array> {};
-template <> struct ArrayCalls<uint32_t> : Calls<pelmoMsg_AddU32Array, pelmoMsg_UpdateU32Array, pelmoMsg_GetU32Array> {};
-template <> struct ArrayCalls<int64_t> : Calls<pelmoMsg_AddI64Array, pelmoMsg_UpdateI64Array, pelmoMsg_GetI64Array> {};
-template <> struct ArrayCalls<uint64_t> : Calls<pelmoMsg_AddU64Array, pelmoMsg_UpdateU64Array, pelmoMsg_GetU64Array> {};
-template <> struct ArrayCalls<float> : Calls<pelmoMsg_AddF32Array, pelmoMsg_UpdateF32Array, pelmoMsg_GetF32Array> {};
-template <> struct ArrayCalls<double> : Calls<pelmoMsg_AddF64Array, pelmoMsg_UpdateF64Array, pelmoMsg_GetF64Array> {};
+template <> struct ArrayCalls<int8_t> : CallsOfArray<pelmoMsg_AddI8Array, pelmoMsg_UpdateI8Array, FIELD_I8ARRAY> {};
+template <> struct ArrayCalls<uint8_t> : CallsOfArray<pelmoMsg_AddU8Array, pelmoMsg_UpdateU8Array, FIELD_U8ARRAY> {};
+template <> struct ArrayCalls<int16_t> : CallsOfArray<pelmoMsg_AddI16Array, pelmoMsg_UpdateI16Array, FIELD_I16ARRAY> {};
+template <> struct ArrayCalls<uint16_t> : CallsOfArray<pelmoMsg_AddU16Array, pelmoMsg_UpdateU16Array, FIELD_U16ARRAY> {};
+template <> struct ArrayCalls<int32_t> : CallsOfArray<pelmoMsg_AddI32Array, pelmoMsg_UpdateI32Array, FIELD_I32ARRAY> {};
+template <> struct ArrayCalls<uint32_t> : CallsOfArray<pelmoMsg_AddU32Array, pelmoMsg_UpdateU32Array, FIELD_U32ARRAY> {};
+template <> struct ArrayCalls<int64_t> : CallsOfArray<pelmoMsg_AddI64Array, pelmoMsg_UpdateI64Array, FIELD_I64ARRAY> {};
+template <> struct ArrayCalls<uint64_t> : CallsOfArray<pelmoMsg_AddU64Array, pelmoMsg_UpdateU64Array, FIELD_U64ARRAY> {};
+template <> struct ArrayCalls<float> : CallsOfArray<pelmoMsg_AddF32Array, pelmoMsg_UpdateF32Array, FIELD_F32ARRAY> {};
+template <> struct ArrayCalls<double> : CallsOfArray<pelmoMsg_AddF64Array, pelmoMsg_UpdateF64Array, FIELD_F64ARRAY> {};
 // clang-format on
 
 // The number of the same width and sign: `long long` and `long` are both 64 bits, `char` is 8.
@@ -263,16 +270,15 @@ class MessageView {
 
     // The field of that name as a T:
     //
-    //     bool and numbers          as pelmoMsg_GetBoolExact and so on: nothing is rounded or cut,
-    //     and
-    //                               kStatusConversionFailed says that the value doesn't fit
+    //     bool and numbers          as pelmoMsg_GetBoolExact and so on: nothing is rounded or cut
     //     std::string_view, std::string
     //     pelmo::Bytes              an opaque field
     //     pelmo::Time               a date, in UTC
     //     pelmo::MessageView        a nested message
-    //     std::span<const int32_t>  an array, likewise of the other numbers
+    //     std::span<const int32_t>  an array of that type, likewise of the other numbers
     //
-    // kStatusNotFound where there is no such field.
+    // kStatusConversionFailed where a number doesn't fit, an array has elements of another type, or
+    // there is no way from the field's type; kStatusNotFound where there is no such field.
     template <typename T>
     [[nodiscard]] Result<T> get(Name name, uint16_t id = 0) const {
         if constexpr (std::same_as<T, bool>) {
@@ -308,12 +314,11 @@ class MessageView {
             using Value = std::remove_const_t<typename T::element_type>;
             using Fixed = detail::Fixed<Value>;
             static_assert(std::same_as<Value, Fixed>, "a span of int8_t, uint8_t and so on");
-            const Fixed* values = nullptr;
-            uint32_t count = 0;
-            const pelmoStatus status =
-                detail::ArrayCalls<Fixed>::get(msg_, name.c_str(), &values, &count, id);
+            pelmoMsgField field;
+            const pelmoStatus status = pelmoMsg_GetFieldEx(msg_, name.c_str(), &field, id);
             if (status != kStatusSuccess) return Error(status);
-            return T(values, count);
+            if (field.type != detail::ArrayCalls<Fixed>::type) return Error(kStatusConversionFailed);
+            return T(static_cast<const Fixed*>(field.data.pointer), field.count);
         }
     }
 
@@ -942,13 +947,17 @@ class Queue {
     }
 
     // Dispatches until a stop is requested, by any thread or callback, and then returns within the
-    // callback that runs. Fails where the queue or the library has ended.
+    // callback that runs. Fails where the queue or the library has ended. A wake may be left, so that
+    // the next wait on the queue ends at once.
     Result<void> run(std::stop_token stop) const {
         const std::stop_callback wakes(stop, [id = id_] { (void)pelmoQueue_Wake(id); });
         while (!stop.stop_requested()) {
             const Result<bool> step = dispatch(forever);
             if (!step) return step.error();
         }
+        // The stop's wakes may all have met other threads; one that was on its way to its wait
+        // needs another.
+        (void)pelmoQueue_Wake(id_);
         return {};
     }
 
@@ -962,8 +971,8 @@ class Queue {
     }
 
     // Called after each post, on the posting thread: for an event loop of one's own, which then
-    // dispatches with a limit of 0 (runtime/queue.h). Not within the hook itself. std::nullptr_t
-    // removes it.
+    // dispatches with a limit of 0 (runtime/queue.h). Stays until the next one, or the queue's end.
+    // Not within the hook itself.
     template <std::invocable<> Function>
     Result<void> hook(Function&& function) {
         using Call = detail::CallbackOf<std::decay_t<Function>>;

@@ -88,6 +88,9 @@ pelmoStatus pelmoQueue_SetPriority(uint32_t queue, uint32_t priority);
 //     ...
 //     while (!over && pelmoQueue_TimedDispatch(queue, -1) != kStatusInvalidQueue) {}
 //
+// Where several threads run such a loop, one may be on its way to its wait while the wake meets the
+// others; so each wakes the queue again when it leaves.
+//
 // An id that isn't a queue's is ignored. Never waits for a lock. Signal handlers may call it, and
 // pelmoQueueGroup_Wake (queue_group.h), pelmoStatus_GetText and no other call of the library.
 // kStatusNotInitialized while the library is closed or has no IO thread, and in the child of a

@@ -2,7 +2,7 @@
 //
 // A signal handler may take no lock, so a wake leaves the id in a table of atomics and wakes the
 // first IO thread, which finds the object and ends the waits. Where the table is full all queues
-// and groups are woken: nobody waits on for want of a place.
+// and groups are woken, so that no thread waits on for want of a place.
 //
 // Threads: opened and closed under the library lock; the table is filled by any thread and any
 // handler and emptied by IO threads, with no lock held.

@@ -34,7 +34,7 @@ async def run(call, abandoned=None):
 
 
 def _waker(reference):
-    """The loop's callback, which doesn't keep a subscription that nobody else has any more."""
+    """The loop's callback, which doesn't keep a subscription that nothing else holds any more."""
     def wake():
         subscription = reference()
         if subscription is not None:

@@ -47,7 +47,7 @@ def connect(options):
 
 class Work:
     """A call that waits in the library, on a thread of its own: so an interrupt or a cancellation ends the
-    wait for it, while it goes on until it has ended itself. Then `abandoned` has its result, if nobody
+    wait for it, while it goes on until it has ended itself. Then `abandoned` has its result, if no one
     waits for it any more."""
 
     def __init__(self, call, done=None, abandoned=None):
@@ -61,7 +61,7 @@ class Work:
     def _run(self):
         try:
             self._result = self._call()
-        except BaseException as error:  # whoever waits raises it
+        except BaseException as error:  # the one who waits raises it
             self._error = error
         with self._lock:
             left = self._state == "left"

@@ -222,7 +222,7 @@ TEST(Wake, EndsEveryKindOfWait) {
         ASSERT_EQ(std::raise(SIGUSR1), 0);
         EXPECT_EQ(wait(-1), kStatusInterrupted) << "by a signal";
     }
-    // More ids at once than there is room for, and one that is nobody's: all are woken.
+    // More ids at once than there is room for, and one of no object: all are woken.
     for (uint32_t id = 1'000'000; id < 1'000'100; ++id)
         EXPECT_EQ(pelmoQueue_Wake(id), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_Wake(library.queue), kStatusSuccess);
@@ -254,7 +254,7 @@ TEST(Wake, LeavesEntriesAndDispatchers) {
     EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusSuccess);
 }
 
-// Whatever poll can wait for; the end of a pipe is told to its reader.
+// Whatever poll can wait for; a reader learns of the end of its pipe.
 TEST(IoEvents, WatchWhatPollCanWaitFor) {
     const OpenLibrary library;
     int ends[2];

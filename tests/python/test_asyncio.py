@@ -35,7 +35,7 @@ def test_the_three_calls_of_a_program(address):
     asyncio.run(main(), debug=True)
 
 
-def test_limits_and_cancellation_leave_nothing_behind():
+def test_limits_and_cancellation_leave_nothing():
     async def main():
         async with pelmo.in_process() as bus:
             with bus.listen("A") as messages:
@@ -45,8 +45,8 @@ def test_limits_and_cancellation_leave_nothing_behind():
                     async with asyncio.timeout(0.01):
                         await messages.get()
                 with pytest.raises(pelmo.Timeout):
-                    await bus.request("NOBODY", timeout=0.01)
-                waits = asyncio.create_task(bus.request("NOBODY", timeout=None))
+                    await bus.request("NO.ANSWER", timeout=0.01)
+                waits = asyncio.create_task(bus.request("NO.ANSWER", timeout=None))
                 await asyncio.sleep(0)
                 waits.cancel()
                 with pytest.raises(asyncio.CancelledError):

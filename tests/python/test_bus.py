@@ -27,7 +27,7 @@ def test_messages_requests_and_replies(address):
                 own.get(0.05)
             assert caught.value.status == 50 and isinstance(caught.value, TimeoutError)
         with pytest.raises(pelmo.Timeout):
-            other.request("NOBODY", timeout=0.05)
+            other.request("NO.ANSWER", timeout=0.05)
         with pytest.raises(ValueError):
             bus.reply(answer)
     for call in (lambda: bus.send("A"), lambda: bus.listen("A"), bus.inbox, lambda: bus.request("A")):

@@ -61,7 +61,7 @@ def test_the_document_says_what_works(code, python, address):
             bus.send("PRICES.GOLD", price=2050.5)
             bus.send("STOP")
             with pytest.raises(pelmo.Timeout):
-                bus.request("NOBODY", timeout=0.1)
+                bus.request("NO.ANSWER", timeout=0.1)
     assert process.communicate(timeout=PATIENCE)[1].find("Traceback") < 0 and process.returncode == 0
 
 

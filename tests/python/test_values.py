@@ -104,7 +104,7 @@ def test_a_mapping_within_itself_ends():
         pelmo.Message(endless)
 
 
-def test_fields_that_nobody_understands_are_shown_as_they_came():
+def test_fields_of_unknown_types_are_shown_as_they_came():
     body = packets.field("odd", 200, b"hi") + packets.field("wide", 11, b"abc") + packets.field("ok", 14, b"\x07")
     image = struct.pack(">II", 8 + len(body), 0x9955eeaa) + body
     message = pelmo.Message.from_bytes(image)
