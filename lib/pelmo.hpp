@@ -317,7 +317,8 @@ class MessageView {
             pelmoMsgField field;
             const pelmoStatus status = pelmoMsg_GetFieldEx(msg_, name.c_str(), &field, id);
             if (status != kStatusSuccess) return Error(status);
-            if (field.type != detail::ArrayCalls<Fixed>::type) return Error(kStatusConversionFailed);
+            if (field.type != detail::ArrayCalls<Fixed>::type)
+                return Error(kStatusConversionFailed);
             return T(static_cast<const Fixed*>(field.data.pointer), field.count);
         }
     }
@@ -947,8 +948,8 @@ class Queue {
     }
 
     // Dispatches until a stop is requested, by any thread or callback, and then returns within the
-    // callback that runs. Fails where the queue or the library has ended. A wake may be left, so that
-    // the next wait on the queue ends at once.
+    // callback that runs. Fails where the queue or the library has ended. A wake may be left, so
+    // that the next wait on the queue ends at once.
     Result<void> run(std::stop_token stop) const {
         const std::stop_callback wakes(stop, [id = id_] { (void)pelmoQueue_Wake(id); });
         while (!stop.stop_requested()) {

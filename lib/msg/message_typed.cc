@@ -130,41 +130,37 @@ pelmoStatus noWayFromLists(pelmoMsg*, uint8_t, pelmoMsgField&) {
     return kStatusInvalidArgument;
 }
 
-template <uint8_t kType, typename Value>
+pelmoStatus readConverted(pelmoMsg* msg, uint32_t position, uint8_t type, pelmoMsgField& field) {
+    return readAs(msg, position, type, field, convertTo);
+}
+
+// What the record points to goes again: the number is in the record.
+pelmoStatus readExactly(pelmoMsg* msg, uint32_t position, uint8_t type, pelmoMsgField& field) {
+    const ReferenceMark before = msgMark(msg);
+    pelmoStatus status = msgReadField(msg, position, field, NameWanted::kNo);
+    if (status == kStatusSuccess) status = convertExactly(field, type);
+    msgCutBack(msg, before);
+    return status;
+}
+
+using FieldReader = pelmoStatus (*)(pelmoMsg*, uint32_t position, uint8_t type, pelmoMsgField&);
+
+// A bool from elsewhere may be any byte, which an exact read looks at.
+template <uint8_t kType, FieldReader kRead, typename Value>
 pelmoStatus readScalar(
     pelmoMsg* msg, const char* name, Value* out, Value pelmoFieldData::*member, uint16_t id) {
     if (!msgIsValid(msg)) return kStatusInvalidMessage;
     if (out == nullptr) return kStatusInvalidArgument;
+    constexpr bool kLooks = kType == FIELD_BOOL && kRead == readExactly;
     const auto takeShort = [out](const uint8_t* value, uint32_t bytes) {
-        if (bytes != kScalarBytes<kType, Value>) return false;
+        if (kLooks || bytes != kScalarBytes<kType, Value>) return false;
         *out = loadScalar<kType, Value>(value);
         return true;
     };
     return findAndRead(msg, name, id, scalarWireType(kType), takeShort, [=](uint32_t position) {
         pelmoMsgField field;
-        const pelmoStatus status = readAs(msg, position, kType, field, convertTo);
+        const pelmoStatus status = kRead(msg, position, kType, field);
         if (status == kStatusSuccess) *out = field.data.*member;
-        return status;
-    });
-}
-
-template <uint8_t kType, typename Value>
-pelmoStatus readExact(
-    pelmoMsg* msg, const char* name, Value* out, Value pelmoFieldData::*member, uint16_t id) {
-    if (!msgIsValid(msg)) return kStatusInvalidMessage;
-    if (out == nullptr) return kStatusInvalidArgument;
-    const auto takeShort = [out](const uint8_t* value, uint32_t bytes) {
-        if (kType == FIELD_BOOL || bytes != kScalarBytes<kType, Value>) return false;
-        *out = loadScalar<kType, Value>(value);
-        return true;
-    };
-    return findAndRead(msg, name, id, scalarWireType(kType), takeShort, [=](uint32_t position) {
-        const ReferenceMark before = msgMark(msg);
-        pelmoMsgField field;
-        pelmoStatus status = msgReadField(msg, position, field, NameWanted::kNo);
-        if (status == kStatusSuccess) status = convertExactly(field, kType);
-        if (status == kStatusSuccess) *out = field.data.*member;
-        msgCutBack(msg, before);
         return status;
     });
 }
@@ -447,7 +443,8 @@ pelmoStatus writeSubjectText(pelmoMsg* msg, const char* name, const char* text, 
     }                                                                                              \
     pelmoStatus pelmoMsg_Get##word(const pelmoMsg* msg, const char* name, Value* out,              \
                                    uint16_t id) {                                                  \
-        return readScalar<type>(msgForReading(msg), name, out, &pelmoFieldData::member, id);       \
+        return readScalar<type, readConverted>(msgForReading(msg), name, out,                      \
+                                               &pelmoFieldData::member, id);                       \
     }
 PELMO_SCALAR_FIELDS(PELMO_DEFINE_SCALAR)
 #undef PELMO_DEFINE_SCALAR
@@ -536,7 +533,8 @@ pelmoStatus pelmoMsg_GetStringN(
 #define PELMO_DEFINE_EXACT(word, type, Value, member)                                        \
     pelmoStatus pelmoMsg_Get##word##Exact(const pelmoMsg* msg, const char* name, Value* out, \
                                           uint16_t id) {                                     \
-        return readExact<type>(msgForReading(msg), name, out, &pelmoFieldData::member, id);  \
+        return readScalar<type, readExactly>(msgForReading(msg), name, out,                  \
+                                             &pelmoFieldData::member, id);                   \
     }
 PELMO_NUMBER_FIELDS(PELMO_DEFINE_EXACT)
 #undef PELMO_DEFINE_EXACT

@@ -1,7 +1,8 @@
 // Dispatchers: threads that do nothing but dispatch one queue or queue group.
 //
-// A dispatcher's thread runs until a dispatch answers anything but success, which with a finite
-// time includes the first time-out. It then reports its end by the advisory
+// A dispatcher's thread runs until a dispatch answers anything but success or a wake's
+// kStatusInterrupted, so with a finite time until the first time-out. It then reports its end by
+// the advisory
 // "_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.<name>" with the fields "status" and "description".
 //
 // Failure: kStatusInvalidDispatcher for a bad id (kStatusInvalidQueue from GetName),

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import asyncio
-import collections
 import weakref
 from collections.abc import AsyncIterator
 from typing import Any
@@ -42,7 +41,7 @@ def _waker(reference):
     return wake
 
 
-class AsyncSubscription:
+class AsyncSubscription(_bus.BaseSubscription):
     """Messages on one subject or several, in the order in which they came: an asynchronous iterator.
 
     It belongs to the loop that it was made on. Any number of tasks may take from it; each message goes
@@ -51,8 +50,7 @@ class AsyncSubscription:
 
     def __init__(self, limit, drop):
         self._loop = asyncio.get_running_loop()
-        self._intake = _bus.intake(limit, drop)
-        self._batch = collections.deque()
+        super().__init__(limit, drop)
         self._waiters = set()
         self._waited = True
         self._loop.add_reader(self._intake.fd, _waker(weakref.ref(self)))
@@ -115,15 +113,6 @@ class AsyncSubscription:
                 raise StopAsyncIteration
         return batch.popleft()
 
-    @property
-    def dropped(self) -> int:
-        """How many messages were dropped at the limit since it began."""
-        return self._intake.dropped
-
-    @property
-    def closed(self) -> bool:
-        return self._intake.closed
-
     def close(self) -> None:
         """Nothing comes any more; what was taken off the queue already can still be had. May be called
         by a handler of loop.add_signal_handler, and ends an `async for`."""
@@ -144,12 +133,6 @@ class AsyncSubscription:
             self._loop.call_soon_threadsafe(lambda loop: loop.remove_reader(intake.fd), self._loop)
         except RuntimeError:  # the loop is closed
             pass
-
-    def __enter__(self) -> AsyncSubscription:
-        return self
-
-    def __exit__(self, *_):
-        self.close()
 
 
 class AsyncBus(_bus.Base):

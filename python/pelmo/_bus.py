@@ -6,7 +6,7 @@ import collections
 import threading
 import weakref
 from collections.abc import Iterable, Iterator, Mapping
-from typing import Any, Optional, Union
+from typing import Any, Optional, Self, Union
 
 from . import _errors, _native, _types
 from ._native import Message
@@ -140,16 +140,35 @@ def reply_subject(message):
     return message.reply
 
 
-class Subscription:
+class BaseSubscription:
+    """What both kinds of subscription have: the queue, and the messages that were taken off it."""
+
+    def __init__(self, limit, drop):
+        self._intake = intake(limit, drop)
+        self._batch = collections.deque()
+
+    @property
+    def dropped(self) -> int:
+        """How many messages were dropped at the limit since it began."""
+        return self._intake.dropped
+
+    @property
+    def closed(self) -> bool:
+        return self._intake.closed
+
+    def __enter__(self) -> Self:
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
+class Subscription(BaseSubscription):
     """Messages on one subject or several, in the order in which they came: an iterator that waits.
 
     Any number of threads may take from it; each message goes to one of them. It ends when it is closed,
     or its bus is.
     """
-
-    def __init__(self, limit, drop):
-        self._intake = intake(limit, drop)
-        self._batch = collections.deque()
 
     def get(self, timeout: Seconds = None) -> Message:
         """The next message. Raises Timeout after that many seconds, and Closed once it is closed."""
@@ -177,24 +196,9 @@ class Subscription:
         except _errors.Closed:
             raise StopIteration from None
 
-    @property
-    def dropped(self) -> int:
-        """How many messages were dropped at the limit since it began."""
-        return self._intake.dropped
-
-    @property
-    def closed(self) -> bool:
-        return self._intake.closed
-
     def close(self) -> None:
         """Nothing comes any more; what was taken off the queue already can still be had."""
         self._intake.close()
-
-    def __enter__(self) -> Subscription:
-        return self
-
-    def __exit__(self, *_):
-        self.close()
 
 
 class Bus(Base):

@@ -199,7 +199,7 @@ TEST(PelmoHpp, RunsUntilAStopFromAnotherThreadOrACallback) {
         EXPECT_TRUE(work.queue.run(stop.get_token()));
         other.join();
     }
-    for (int round = 0; round < 500; ++round) {
+    for (int round = 0; round < 200; ++round) {
         std::stop_source stop;
         std::atomic<int> runs{0};
         const auto run = [&] {

@@ -279,6 +279,8 @@ TEST(PublicCalls, RefuseAClosedLibrary) {
     uint32_t out = 0;
     for (auto* const create : kCreators)
         EXPECT_EQ(create(&out), kStatusNotInitialized);
+    for (auto* const wake : {pelmoQueue_Wake, pelmoQueueGroup_Wake})
+        EXPECT_EQ(wake(objects.sound[kQueues]), kStatusNotInitialized);
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusInvalidQueue);
     EXPECT_EQ(out, 0u);
 }
@@ -421,6 +423,8 @@ TEST(PublicCalls, RefuseWhatIsNoMessage) {
         EXPECT_EQ(call.call(nullptr), kStatusInvalidMessage) << call.name;
         nowhere = false;
     }
+    EXPECT_EQ(pelmoMsg_CreateFromBytesN(nullptr, text, sizeof text), kStatusInvalidArgument);
+    EXPECT_EQ(pelmoMsg_CreateFromBytesN(&sound, nullptr, 8), kStatusInvalidMessage);
     EXPECT_EQ(pelmoMsg_Destroy(sound), kStatusSuccess);
     msgRelease(dead);
 }
