@@ -1,17 +1,14 @@
 #include "watch/compare/compare.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <new>
 
-#include "lib/base/log.h"
 #include "lib/base/text_sink.h"
 #include "trace/settings.h"
 #include "watch/capture/source.h"
 #include "watch/core/against.h"
+#include "watch/core/form_output.h"
 #include "watch/core/totals.h"
 #include "watch/report/comparison_json.h"
 
@@ -23,7 +20,7 @@ struct CompareForm {
     double factor = kUsualFactor;
 
     Totals before, now;
-    TextSink output;
+    FormOutput output = {.what = "the comparison"};
 };
 
 CompareForm form;
@@ -55,16 +52,8 @@ const char* settle() {
     return againstSettle();
 }
 
-bool fail(const char* reason) {
-    logPrint("unable to write the comparison: %s.", reason);
-    return false;
-}
-
 bool start() {
-    const int descriptor = dup(STDOUT_FILENO);
-    if (descriptor < 0) return fail(std::strerror(errno));
-    textSinkSet(&form.output, descriptor);
-    return true;
+    return formOutputOpen(form.output);
 }
 
 bool snapshot(SnapHeader& snapshot) {
@@ -73,7 +62,7 @@ bool snapshot(SnapHeader& snapshot) {
 }
 
 bool drain(std::string_view text) {
-    return textSinkWrite(&form.output, text.data(), text.size()) == text.size();
+    return formOutputWrite(form.output, text);
 }
 
 template <typename Write>
@@ -102,23 +91,21 @@ void writeLines(JsonBuffer& buffer, const Comparison& comparison) {
 bool write() {
     const SnapHeader* const before = totalsSnapshot(form.before);
     const SnapHeader* const now = totalsSnapshot(form.now);
-    if (before == nullptr || now == nullptr) return fail("out of memory");
+    if (before == nullptr || now == nullptr) return formOutputFail(form.output, "out of memory");
     JsonBuffer buffer;
     buffer.drain = drain;
     try {
         writeLines(buffer, compareCaptures(*before, *now, form.factor));
     } catch (const std::bad_alloc&) {
-        return fail("out of memory");
+        return formOutputFail(form.output, "out of memory");
     }
-    if (!buffer.failed && drain(buffer.text())) return true;
-    const int error = form.output.error;
-    if (error == EPIPE) return false;  // its reader knows
-    return fail(error != 0 ? std::strerror(error) : "out of memory");
+    if (buffer.failed) return formOutputFail(form.output, "out of memory");
+    return drain(buffer.text());
 }
 
 bool end(bool isWhole) {
     const bool isDone = isWhole && write();
-    textSinkSet(&form.output, -1);
+    formOutputClose(form.output);
     totalsFree(form.before);
     totalsFree(form.now);
     return isDone;

@@ -3,12 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-
-#include "lib/base/log.h"
-#include "lib/base/text_sink.h"
 #include "trace/settings.h"
+#include "watch/core/form_output.h"
 #include "watch/core/totals.h"
 #include "watch/json/json_writer.h"
 
@@ -22,9 +18,8 @@ struct JsonForm {
     // Of the thread that hands on Snapshots.
     Totals totals;
     JsonBuffer buffer;
-    TextSink output;
+    FormOutput output = {.what = "a snapshot"};
     uint64_t drainedBytes = 0;  // of the Snapshot under way
-    bool failed = false;
 };
 
 JsonForm json;
@@ -51,43 +46,30 @@ constexpr FormOption kOptions[] = {
     {{"--senders", nullptr, "count and show the senders of each subject"}, storeSenders},
 };
 
-// A reader that went away knows it.
-void tellFailure(const char* reason) {
-    json.failed = true;
-    if (json.output.error != EPIPE) logPrint("unable to write a snapshot: %s.", reason);
-}
-
 bool drain(std::string_view text) {
-    if (textSinkWrite(&json.output, text.data(), text.size()) == text.size()) {
-        json.drainedBytes += text.size();
-        return true;
-    }
-    tellFailure(std::strerror(json.output.error));
-    return false;
+    if (!formOutputWrite(json.output, text)) return false;
+    json.drainedBytes += text.size();
+    return true;
 }
 
 uint64_t fileBytes() {
     struct stat status = {};
-    if (!json.output.isFile || fstat(json.output.descriptor, &status) != 0) return 0;
+    const TextSink& sink = json.output.sink;
+    if (!sink.isFile || fstat(sink.descriptor, &status) != 0) return 0;
     return static_cast<uint64_t>(status.st_size);
 }
 
 // What a file has of a Snapshot that isn't whole is taken off again, unless another process has
 // added to the file.
 void takeBack(uint64_t beginBytes) {
-    const bool isOurs = json.output.isFile && fileBytes() == beginBytes + json.drainedBytes;
-    if (isOurs && ftruncate(json.output.descriptor, static_cast<off_t>(beginBytes)) != 0) return;
+    const TextSink& sink = json.output.sink;
+    const bool isOurs = sink.isFile && fileBytes() == beginBytes + json.drainedBytes;
+    if (isOurs && ftruncate(sink.descriptor, static_cast<off_t>(beginBytes)) != 0) return;
 }
 
 bool start() {
-    const int descriptor = dup(STDOUT_FILENO);
-    if (descriptor < 0) {
-        logPrint("unable to use the standard output: %s.", std::strerror(errno));
-        return false;
-    }
-    textSinkSet(&json.output, descriptor);
     json.buffer.drain = drain;
-    return true;
+    return formOutputOpen(json.output);
 }
 
 bool snapshot(SnapHeader& snapshot) {
@@ -95,10 +77,7 @@ bool snapshot(SnapHeader& snapshot) {
     if (json.sinceStart) {
         totalsAdd(json.totals, snapshot);
         total = totalsSnapshot(json.totals);
-        if (total == nullptr) {
-            tellFailure("out of memory");
-            return false;
-        }
+        if (total == nullptr) return formOutputFail(json.output, "out of memory");
     }
     const uint64_t beginBytes = fileBytes();
     json.drainedBytes = 0;
@@ -110,15 +89,14 @@ bool snapshot(SnapHeader& snapshot) {
         json.buffer.Put('\n');
     }
     if (!json.buffer.failed && drain(json.buffer.text())) return true;
-    if (!json.failed) tellFailure("out of memory");
     takeBack(beginBytes);
-    return false;
+    return formOutputFail(json.output, "out of memory");  // unless writing has failed before
 }
 
 bool end(bool) {
-    textSinkSet(&json.output, -1);
+    formOutputClose(json.output);
     totalsFree(json.totals);
-    return !json.failed;
+    return !json.output.failed;
 }
 
 }  // namespace

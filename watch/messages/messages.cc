@@ -1,10 +1,8 @@
 #include "watch/messages/messages.h"
 
 #include <arpa/inet.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <optional>
@@ -13,7 +11,6 @@
 #include <vector>
 
 #include "lib/base/log.h"
-#include "lib/base/text_sink.h"
 #include "lib/containers/subject.h"
 #include "lib/containers/sublist.h"
 #include "lib/msg/envelope_internal.h"
@@ -26,6 +23,7 @@
 #include "programs/number.h"
 #include "programs/text.h"
 #include "trace/settings.h"
+#include "watch/core/form_output.h"
 #include "watch/core/stop.h"
 #include "watch/core/text.h"
 #include "watch/json/json_parts.h"
@@ -65,7 +63,7 @@ struct MessagesForm {
     Assembly assembly;
     OwnedMessage message;  // the one at hand
     MessageJsonWriter writer;
-    TextSink output;
+    FormOutput output = {.what = "messages"};
     std::string text;
     Place place;
     int64_t second = 0;  // whose text `time` is
@@ -75,7 +73,6 @@ struct MessagesForm {
     std::vector<uint32_t> positions;  // of the fields that are shown
     unsigned long long shown = 0;
     bool isFull = false;  // the count is reached
-    bool failed = false;
 };
 
 MessagesForm form;
@@ -150,18 +147,9 @@ constexpr FormOption kOptions[] = {
 
 // ---- Output ----
 
-bool drain() {
-    const std::string& text = form.text;
-    const bool written = textSinkWrite(&form.output, text.data(), text.size()) == text.size();
-    const int error = form.output.error;
+void drain() {
+    if (!formOutputWrite(form.output, form.text)) stopAsk();
     form.text.clear();
-    if (written) return true;
-    if (!form.failed && error != EPIPE) {
-        logPrint("unable to write messages: %s.", std::strerror(error));
-    }
-    form.failed = true;
-    stopAsk();
-    return false;
 }
 
 void endLine() {
@@ -170,7 +158,7 @@ void endLine() {
         form.isFull = true;
         stopAsk();
     }
-    if (form.text.size() >= kOutputBytes) (void)drain();
+    if (form.text.size() >= kOutputBytes) drain();
 }
 
 struct Digits {
@@ -395,7 +383,7 @@ void showIncomplete(const AssembledMessage& message) {
 }
 
 void show(const AssembledMessage& message, void* /*context*/) {
-    if (form.isFull || form.failed || !isWantedSender(*message.packet)) return;
+    if (form.isFull || form.output.failed || !isWantedSender(*message.packet)) return;
     if (message.incomplete != Incomplete::kNo) return showIncomplete(message);
     pelmoMsg* const msg = form.message.get();
     if (msgTakeBytes(msg, message.bytes.data()) != kStatusSuccess) {
@@ -427,12 +415,7 @@ void showPointToPoint(const BusPacket& packet) {
 // ---- The run ----
 
 bool start() {
-    const int descriptor = dup(STDOUT_FILENO);
-    if (descriptor < 0) {
-        logPrint("unable to use the standard output: %s.", std::strerror(errno));
-        return false;
-    }
-    textSinkSet(&form.output, descriptor);
+    if (!formOutputOpen(form.output)) return false;
     jsonAcceptOwnTypes();
     form.message = messageMake();
     if (form.message == nullptr) {
@@ -448,18 +431,18 @@ void takePacket(TimeSpec time, const uint8_t* ip, size_t length) {
     if (!busPacketRead(time, {ip, length}, &packet)) return;
     if (packet.type == kOskaPtpData && form.pointToPoint) showPointToPoint(packet);
     assemblyTake(form.assembly, packet);
-    if (traceSettings.liveCapture && !form.text.empty()) (void)drain();
+    if (traceSettings.liveCapture && !form.text.empty()) drain();
 }
 
 bool end(bool /*isWhole*/) {
-    if (!form.failed) assemblyEnd(form.assembly);
-    if (!form.failed) (void)drain();
-    textSinkSet(&form.output, -1);
+    if (!form.output.failed) assemblyEnd(form.assembly);
+    if (!form.output.failed) drain();
+    formOutputClose(form.output);
     form.message = nullptr;
     form.writer.scratch = nullptr;
     sublistDestroy(form.patterns);
     form.patterns = nullptr;
-    return !form.failed;
+    return !form.output.failed;
 }
 
 }  // namespace
