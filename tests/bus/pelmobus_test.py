@@ -18,10 +18,15 @@ import termios
 import time
 import unittest
 
+import jsonschema
+
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "e2e"))
 from bus_client import Daemon  # noqa: E402
 from lives_relay import Relay  # noqa: E402
 from live_run import wait_until  # noqa: E402
+
+SCHEMA = jsonschema.Draft202012Validator(json.loads(
+    (pathlib.Path(__file__).resolve().parents[2] / "docs/pelmo-messages.schema.json").read_text()))
 
 
 def run(*words, **kwargs):
@@ -271,6 +276,9 @@ class OverADaemon(unittest.TestCase):
         self.assertEqual(lines.count("\n"), 300)
         self.assertEqual([json.loads(line)["fields"][-1]["value"] for line in lines.splitlines()],
                          list(range(1, 201)) + ["a\0b"] * 100)
+        for line in (lines.splitlines()[0], lines.splitlines()[-1]):
+            SCHEMA.validate(json.loads(line))
+
         def known(line):
             return {key: value for key, value in json.loads(line).items() if key != "time"}
 
