@@ -95,7 +95,7 @@ def pcapng(path, sections):
                 options = struct.pack(order + "HHBxxx", 9, 1, resolution) if resolution is not None else b""
                 options += struct.pack(order + "HHq", 14, 8, offset) if offset else b""
                 block(1, struct.pack(order + "HHI", WRAPPED[name][0], 0, 0) + options)
-            block(5, bytes(12))  # statistics, which nobody reads
+            block(5, bytes(12))  # statistics, which aren't read
             for at, (seconds, micros, frame) in enumerate(frames):
                 number = at % len(INTERFACES)
                 name, resolution, offset = INTERFACES[number]

@@ -78,10 +78,10 @@ class Replay(ProgramCase):
             self.assertEqual((replay.returncode, replay.stderr), (0, b"sent 152\n"))
         _, second = self.messages()
 
-        def told(line, prefix=""):
+        def said(line, prefix=""):
             return prefix + line["subject"], line.get("reply") and prefix + line["reply"], line["fields"]
 
-        self.assertEqual([told(line) for line in second], [told(line, PREFIX) for line in first])
+        self.assertEqual([said(line) for line in second], [said(line, PREFIX) for line in first])
         took = [seconds_of(lines[-1]) - seconds_of(lines[0]) for lines in (first, second)]
         self.assertGreater(took[1], 0.95 * took[0])
         self.assertLess(took[1], 1.05 * max(took[0], self.yardstick))

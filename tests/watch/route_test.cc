@@ -188,7 +188,7 @@ TEST(SharedText, SlowReadersHoldOneOldTextAtMost) {
     EXPECT_TRUE(sharedTextMayRenew(text));
     sharedTextRenew(text, textOf("second"), 2);
     EXPECT_TRUE(sharedTextMayRenew(text));
-    sharedTextRenew(text, textOf("third"), 3);  // nobody held the second
+    sharedTextRenew(text, textOf("third"), 3);  // the second wasn't held
     BodyHold slower = text.newest;
     EXPECT_FALSE(sharedTextMayRenew(text));
     EXPECT_EQ(bodyBytes() - before, std::string_view("firstthird").size());

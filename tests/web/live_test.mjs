@@ -257,7 +257,7 @@ function sumsOf(hosts) {
     return sums;
 }
 
-test("what tells of trouble is in sight at every width, beside the details too", async () => {
+test("columns of trouble are in sight at every width, beside the details too", async () => {
     const { page, table, close } = await openWithout();
     const hosts = page.locator(".panel .table");
     for (const name of ["multicast", "retransmission", "point_to_point"]) {

@@ -290,8 +290,8 @@ void keepPace(const SnapHeader& snapshot) {
     if (due > now) (void)stopSleep(due - now);
 }
 
-// The longest stays for a while: after a stall the next interval is in time again, and whoever asks
-// each minute would never see it.
+// The longest stays for a while: after a stall the next interval is in time again, and a scrape
+// each minute would never show it.
 void noteLag(double seconds) PELMO_REQUIRES(serve.lock) {
     const double now = clockSteadySeconds();
     if (seconds < serve.lagSeconds && now - serve.lagNotedSeconds < kLagKeptSeconds) return;

@@ -703,7 +703,7 @@ bool refuse(const char* what) {
 }
 
 // The port too where the system chose it.
-void tellAddress() {
+void logAddress() {
     ListenAddress bound = server.rules->listen;
     (void)getsockname(server.listener, reinterpret_cast<sockaddr*>(&bound.address),
                       &bound.sizeBytes);
@@ -742,7 +742,7 @@ bool serverStart() {
         MHD_OPTION_NOTIFY_CONNECTION, onConnection, nullptr, MHD_OPTION_STRICT_FOR_CLIENT, 1,
         MHD_OPTION_UNESCAPE_CALLBACK, onUnescape, nullptr, MHD_OPTION_END);
     if (server.daemon == nullptr) return refuse("serve on");
-    tellAddress();
+    logAddress();
     return true;
 }
 

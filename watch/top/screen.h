@@ -53,7 +53,7 @@ struct ScreenPlace {
     size_t column, line;
 };
 
-// What a part of a line stands for, so that it can be clicked. Numbers are its own kind's.
+// What a part of a line means, so that it can be clicked. Numbers are its own kind's.
 enum class SpotKind : uint8_t { kTable, kHeading, kRow };
 
 struct ScreenSpot {

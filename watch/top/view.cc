@@ -420,7 +420,7 @@ void drawHost(Drawing& drawing, uint32_t at, LineStyle style) {
     } else {
         screenPut(screen, drawing.line, style.style, " ");
     }
-    const std::string reliability = toldText(host.reliability, drawing.numberColumns - 1);
+    const std::string reliability = announcedText(host.reliability, drawing.numberColumns - 1);
     putNumbers(drawing, style, hostNumbers(drawing.rows, at), reliability);
     if (!drawing.hasLead) putTail(drawing, style.style, "  " + name);
 }
@@ -638,7 +638,7 @@ std::string rateText(double rate, size_t columns) {
     return fitting(formatted("%.*f", decimals, rate), rate, columns);
 }
 
-std::string toldText(double number, size_t columns) {
+std::string announcedText(double number, size_t columns) {
     constexpr double kMost = 1e15;
     if (!(number >= 0 && number < kMost)) return "-";
     return fitting(formatted("%.0f", number), number, columns);

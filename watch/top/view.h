@@ -47,7 +47,7 @@ inline constexpr size_t kNumberColumns = 5;
 [[nodiscard]] std::string rateText(double rate, size_t columns);
 
 // A number that a sender announced: "-" where it is no sound one.
-[[nodiscard]] std::string toldText(double number, size_t columns);
+[[nodiscard]] std::string announcedText(double number, size_t columns);
 
 // A series as bars of eight heights, of which the lowest is 0 alone, or as ASCII.
 [[nodiscard]] std::string barsText(std::span<const float> series, bool hasBlocks);

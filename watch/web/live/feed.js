@@ -21,11 +21,11 @@ function openShared(take) {
     const { port } = new SharedWorker(workerAddress(), { name: "pelmowatch" });
     port.addEventListener("message", ({ data }) => take(data));
     port.start();
-    const tell = () => port.postMessage({ isSeen: isSeen() });
-    document.addEventListener("visibilitychange", tell);
+    const report = () => port.postMessage({ isSeen: isSeen() });
+    document.addEventListener("visibilitychange", report);
     addEventListener("pagehide", () => port.postMessage({ isGone: true }));
-    addEventListener("pageshow", tell);
-    tell();
+    addEventListener("pageshow", report);
+    report();
 }
 
 // Where a browser has no such workers the page has a stream of its own, while it can be seen.

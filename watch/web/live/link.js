@@ -1,4 +1,4 @@
-// What a link to the page holds, behind its "#": the table, its order, the filter, the unit, the zone and
+// What a link to the page holds after its "#": the table, its order, the filter, the unit, the zone and
 // what is open. A link may come from anybody: what it doesn't say, or says wrongly, is as it was.
 
 function numberOf(text) {

@@ -158,7 +158,7 @@ export function makePanel({ context, onClose, onChange, onJump }) {
             sortBy: "bad",
             onOpen: (row) => onJump(row.table, row.address),
         });
-        table.setEmptyText("Nobody sent a bad packet that was counted since the page was opened.");
+        table.setEmptyText("No bad packet was counted since the page was opened.");
         return table;
     }
 

@@ -35,7 +35,7 @@ function open() {
     });
 }
 
-// With the last page the stream goes, so that the server doesn't count a browser that nobody looks at.
+// With the last page the stream goes, so that the server doesn't count a browser without pages.
 function onMessage(port, { isSeen, isGone }) {
     if (isGone) {
         pages.delete(port);

@@ -225,7 +225,7 @@ function timeColumns(kind) {
     ];
 }
 
-// Of whoever sent the last packet, and where the two are in the capture; left out where none is known.
+// The sender of the last packet, and where the two are in the capture; left out where none is known.
 const kPlaceColumns = [
     { key: "sender", label: "Last sender", kind: "address", help: "Who sent the last one" },
     { key: "first_frame", label: "First frame", kind: "number", drop: 3, help: "Number of the first one's frame in its file" },

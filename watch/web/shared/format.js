@@ -71,7 +71,7 @@ export function formatDateTime(milliseconds) {
     return Number.isNaN(time.getTime()) ? "–" : time.toISOString().slice(0, 19).replace("T", " ");
 }
 
-// "UTC", "UTC-5", "UTC+5:30": what the reader's clock is ahead of UTC at the time.
+// "UTC", "UTC-5", "UTC+5:30": the reader's clock less UTC at the time.
 export function formatZone(milliseconds) {
     const minutes = isUtc ? 0 : -new Date(milliseconds).getTimezoneOffset();
     if (!minutes) return "UTC";
