@@ -93,16 +93,19 @@ test("a subject leads to its senders, and a sender to its subjects", async () =>
     await close();
 });
 
-test("a comparison shows what changed, in a table and in bars", async () => {
+function compared() {
     const side = (messages, bytes) => ({ messages, message_bytes: bytes, messages_per_second: messages,
         message_bytes_per_second: bytes });
     const place = { port: 7500, group: "239.0.0.1" };
-    const comparison = { factor: 1.25, is_whole: false, before: side(10, 900), now: side(20, 1200), changes: {},
+    return { factor: 1.25, is_whole: false, before: side(10, 900), now: side(20, 1200), changes: {},
         subjects: [{ ...place, subject: "<b>.X", change: "grew", before: side(10, 100), now: side(20, 1000) },
             { ...place, subject: "OLD", change: "went", before: side(1, 800), now: null },
             { ...place, subject: "SAME", change: "same", before: side(1, 2), now: side(1, 2) }],
         senders: [{ sender: "10.0.0.1", scid: 17, change: "came", before: null, now: side(20, 200) }], groups: [] };
-    const { page, table, close } = await open({ ...data, comparison });
+}
+
+test("a comparison shows what changed, in a table and in bars", async () => {
+    const { page, table, close } = await open({ ...data, comparison: compared() });
     await page.click("#tab-comparison");
     const changes = async () => (await rowTexts(table)).map((row) => `${row[0]} ${row[2]} ${row.at(-1)}`);
     assert.deepEqual(await changes(), ["<b>.X grew 900", "OLD went 800", "10.0.0.1 :17 came 200"]);
@@ -200,8 +203,8 @@ test("a large report opens, and markup stays text", async () => {
     await close();
 });
 
-test("what tells of trouble is in sight at every width, and no time is cut", async () => {
-    const { page, table, close } = await open(data);
+test("columns of trouble are in sight at every width, and no time is cut", async () => {
+    const { page, table, close } = await open({ ...data, comparison: compared() });
     const senders = tables.multicast.hostColumns.filter(({ isState }) => !isState);
     const [senderPlace, numbers] = [senders.slice(0, 2), senders.slice(2)];
     const messages = [{ key: "messages" }, { key: "message_bytes" }];
@@ -218,6 +221,11 @@ test("what tells of trouble is in sight at every width, and no time is cut", asy
         const cut = await page.locator("#faults td").evaluateAll((cells) =>
             cells.filter((cell) => cell.scrollWidth > cell.clientWidth).map((cell) => cell.textContent));
         assert.deepEqual(cut, []);
+        await page.click("#tab-comparison");
+        const cutHeadings = await table.locator("th button").evaluateAll((buttons) =>
+            buttons.filter((button) => button.clientWidth > 0 && button.scrollWidth > button.clientWidth).map(
+                (button) => `${button.textContent} ${button.scrollWidth} ${button.clientWidth} at ${innerWidth}`));
+        assert.deepEqual(cutHeadings, []);
     }
     await close();
 });

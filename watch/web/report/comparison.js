@@ -18,11 +18,17 @@ export const comparisonTable = {
         { key: "name", label: "Name", kind: "text", help: "Subject, sender, or group and port" },
         { key: "kind", label: "Of", kind: "text", drop: 1, help: "A subject, a sender or a group" },
         { key: "change", label: "Change", kind: "text", help: "Came, went, grew, shrank, or the same" },
-        rate("messages_before", "Msgs before", "Messages of the earlier capture", { drop: 2 }),
+        rate("messages_before", "Msgs before", "Messages of the earlier capture", {
+            wide: true,
+            drop: 2,
+        }),
         rate("messages_now", "Msgs now", "Messages of this capture", { drop: 2 }),
-        rate("bytes_before", "Bytes before", "Bytes of the earlier capture", { drop: 1 }),
-        rate("bytes_now", "Bytes now", "Bytes of this capture", { drop: 1 }),
-        rate("difference", "Difference", "By how many bytes the two differ"),
+        rate("bytes_before", "Bytes before", "Bytes of the earlier capture", {
+            wide: true,
+            drop: 1,
+        }),
+        rate("bytes_now", "Bytes now", "Bytes of this capture", { wide: true, drop: 1 }),
+        rate("difference", "Difference", "By how many bytes the two differ", { wide: true }),
     ],
 };
 
