@@ -197,14 +197,14 @@ class Ends(ProgramCase):
                 session.wait_for(b"Totals")
                 self.ends_at_signal(session, wanted, number)
                 self.is_as_it_was(session)
-        for keys in ("q", "\x03"):
+        for keys, captured, shown in (("q", 60000, b"Totals"), ("\x03", 60000, b"Totals"), ("q", 0, b"waiting for")):
             # The standard input is the capture, which stays open; keys come from the terminal all the same.
             reader, writer = os.pipe()
             self.addCleanup(os.close, writer)
-            os.write(writer, pathlib.Path(BUS).read_bytes()[:60000])
+            os.write(writer, pathlib.Path(BUS).read_bytes()[:captured])
             session = self.session("-r", "-", *REPLAY[2:], stdin=reader)
             os.close(reader)
-            session.wait_for(b"Totals")
+            session.wait_for(shown)
             session.press(keys)
             self.assertEqual(session.status(), 0)
             self.is_as_it_was(session)
