@@ -14,7 +14,6 @@
 #include <functional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "lib/base/clock.h"
 #include "lib/base/lock.h"
@@ -23,7 +22,7 @@
 #include "watch/serve/events.h"
 #include "watch/serve/peer_taken.h"
 #include "watch/serve/safe_headers.h"
-#include "watch/serve/shared_text.h"
+#include "watch/serve/texts.h"
 #include "watch/serve/zipped.h"
 
 namespace {
@@ -35,19 +34,15 @@ constexpr int kDeferSeconds = 5;
 // More than clients may be: the extras, and those that are cut off but not yet gone.
 constexpr uint32_t kSpareConnections = 2 * kCrowdExtras;
 constexpr size_t kHeaderBytes = 1024;
-// Metrics are written again for a second scrape only after so much time.
-constexpr double kKeepSeconds = 1;
 // After capture and whatever else the machine has to do.
 constexpr int kNice = 10;
-// Less isn't worth a compression.
-constexpr size_t kLeastZippedBytes = 1024;
 
 // A connection. Guarded by Server::lock.
 struct Client : CrowdMember {
     int descriptor;
     bool hasNul;  // in the path or the query of its request
 
-    // In kAnswer: the text that it is given, to be compared only; null for one of its own.
+    // In kAnswer and kEvents: the text that it is given, to be compared only.
     const Body* text;
 
     // In kEvents.
@@ -67,19 +62,8 @@ struct Server {
     EventNumbers published PELMO_GUARDED_BY(lock) = {};
     uint64_t cutOffClients PELMO_GUARDED_BY(lock) = 0;
     bool isEnding PELMO_GUARDED_BY(lock) = false;
-    // What slow readers hold so that no newer text can be written; null where no text waits for it.
-    const Body* inTheWay PELMO_GUARDED_BY(lock) = nullptr;
 
     // Of the server's thread.
-    SharedText events[kStreamEvents];
-    SharedText zippedEvents[kStreamEvents];  // the same as fragments (zipped.h)
-    SharedText zippedSnapshot;
-    EventPlaces places = {};  // of the newest interval's
-    EventNumbers asked = {};  // for last
-    SharedText metrics;
-    SharedText zippedMetrics;
-    std::vector<BodyHold> zippedAssets;  // in the order of the assets; empty until one is asked for
-    double metricsSeconds = 0;
     bool isNice = false;
 
     // Of the request that is being answered.
@@ -151,9 +135,9 @@ bool isLate(Client& client, double nowSeconds) {
 
 // Others wait for a newer text, which the one that the client has long held keeps from being
 // written.
-bool isInTheWayLocked(const Client& client, double nowSeconds) PELMO_REQUIRES(server.lock) {
-    return client.phase == CrowdPhase::kAnswer && client.text != nullptr &&
-           client.text == server.inTheWay && nowSeconds - client.sinceSeconds > kEventsReadSeconds;
+bool isInTheWay(const Client& client, const Body* text, double nowSeconds) {
+    return client.phase == CrowdPhase::kAnswer && client.text != nullptr && client.text == text &&
+           nowSeconds - client.sinceSeconds > kEventsReadSeconds;
 }
 
 // Answers.
@@ -174,25 +158,38 @@ bool addHeader(MHD_Response* response, const char* name, std::string_view value)
     return MHD_add_response_header(response, name, text) == MHD_YES;
 }
 
-bool addHeaders(MHD_Response* response, std::string_view contentType, bool isPage) {
-    return safeHeadersAdd(response) && addHeader(response, "Content-Type", contentType) &&
-           addHeader(response, "Content-Security-Policy",
-                     isPage ? kWebContentSecurityPolicy : kSafeHeadersNoPage) &&
-           addHeader(response, "Cache-Control", isPage ? "no-cache" : "no-store");
+// What an answer says beside its text.
+struct AnswerHead {
+    std::string_view contentType;
+    unsigned status = MHD_HTTP_OK;
+    bool isPage = false;
+    bool varies =
+        false;  // compressed for those who take that, which caches have to know in any case
+    bool isZipped = false;
+    std::string tag = {};  // empty: none
+};
+
+bool addHeaders(MHD_Response* response, const AnswerHead& head) {
+    const auto add = [response](const char* name, std::string_view value) {
+        return addHeader(response, name, value);
+    };
+    return safeHeadersAdd(response) && add("Content-Type", head.contentType) &&
+           add("Content-Security-Policy",
+               head.isPage ? kWebContentSecurityPolicy : kSafeHeadersNoPage) &&
+           add("Cache-Control", head.isPage ? "no-cache" : "no-store") &&
+           (!head.varies || add("Vary", "Accept-Encoding")) &&
+           (!head.isZipped || add(MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip")) &&
+           (head.tag.empty() || add(MHD_HTTP_HEADER_ETAG, head.tag)) &&
+           (head.status != MHD_HTTP_METHOD_NOT_ALLOWED || add("Allow", "GET, HEAD")) &&
+           (!server.closesAfterAnswer || add(MHD_HTTP_HEADER_CONNECTION, "close"));
 }
 
-// Without memory for an answer the connection is closed.
-MHD_Result queue(MHD_Connection* connection,
-                 unsigned status,
-                 MHD_Response* response,
-                 std::string_view contentType,
-                 bool isPage = false) {
+// Takes the response. Without memory for an answer the connection is closed.
+MHD_Result queue(MHD_Connection* connection, MHD_Response* response, const AnswerHead& head) {
     if (response == nullptr) return MHD_NO;
-    bool isWhole = addHeaders(response, contentType, isPage);
-    if (server.closesAfterAnswer)
-        isWhole &= addHeader(response, MHD_HTTP_HEADER_CONNECTION, "close");
-    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) isWhole &= addHeader(response, "Allow", "GET, HEAD");
-    const MHD_Result result = isWhole ? MHD_queue_response(connection, status, response) : MHD_NO;
+    const bool isWhole = addHeaders(response, head);
+    const MHD_Result result =
+        isWhole ? MHD_queue_response(connection, head.status, response) : MHD_NO;
     MHD_destroy_response(response);
     return result;
 }
@@ -207,203 +204,57 @@ void dropBody(void* body) {
     (void)BodyHold::adopt(static_cast<Body*>(body));
 }
 
-// Of a part of the body, which the response holds.
-MHD_Response* responseOfBody(BodyHold body, size_t at, size_t sizeBytes) {
-    char* const bytes = const_cast<char*>(body.text().data()) + at;
-    Body* const held = body.release();
-    MHD_Response* const response =
-        MHD_create_response_from_buffer_with_free_callback_cls(sizeBytes, bytes, dropBody, held);
+// The response holds the text's body.
+MHD_Response* responseOfText(ServedText text) {
+    char* const bytes = const_cast<char*>(text.body.text().data()) + text.at;
+    Body* const held = text.body.release();
+    MHD_Response* const response = MHD_create_response_from_buffer_with_free_callback_cls(
+        text.sizeBytes, bytes, dropBody, held);
     if (response == nullptr) dropBody(held);
     return response;
-}
-
-// Answers that are compressed for those who take that say so to caches in any case.
-MHD_Result queueText(MHD_Connection* connection,
-                     unsigned status,
-                     MHD_Response* response,
-                     std::string_view contentType,
-                     bool isZipped) {
-    if (response == nullptr) return MHD_NO;
-    const bool isWhole =
-        addHeader(response, "Vary", "Accept-Encoding") &&
-        (!isZipped || addHeader(response, MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip"));
-    if (isWhole) return queue(connection, status, response, contentType);
-    MHD_destroy_response(response);
-    return MHD_NO;
 }
 
 MHD_Result answerLine(MHD_Connection* connection, unsigned status, const char* line) {
     char text[128];
     const int length = std::snprintf(text, sizeof text, "%s\n", line);
     return queue(
-        connection, status,
+        connection,
         MHD_create_response_from_buffer(static_cast<size_t>(length), text, MHD_RESPMEM_MUST_COPY),
-        kPlainText);
+        {.contentType = kPlainText, .status = status});
 }
 
-template <typename Write>
-BodyHold makeBody(Write write) {
-    if (bodyBytes() >= kMostBodyBytes) return {};
-    BodyHold body = BodyHold::make();
-    if (!body || !write(body.buffer()) || body.buffer().failed) return {};
-    body.count();
-    return body;
-}
-
-MHD_Result answerBody(MHD_Connection* connection,
-                      const BodyHold& body,
+MHD_Result answerText(MHD_Connection* connection,
+                      Client* client,
+                      ServedText text,
                       const char* contentType,
-                      bool isZipped,
                       unsigned status = MHD_HTTP_OK) {
-    if (!body) return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no memory at present");
-    return queueText(connection, status, responseOfBody(body, 0, body.text().size()), contentType,
-                     isZipped);
-}
-
-BodyHold zippedOf(std::string_view text) {
-    return makeBody([text](JsonBuffer& out) {
-        zippedAppend(out, text);
-        return !out.failed;
-    });
-}
-
-// Of a text of this client's own. Without memory for less it gets the text as it is.
-MHD_Result answerText(MHD_Connection* connection, const BodyHold& body, const char* contentType) {
-    BodyHold zipped;
-    if (body && server.takesZipped && body.text().size() >= kLeastZippedBytes) {
-        zipped = zippedOf(body.text());
+    if (!text.body) {
+        return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no memory at present");
     }
-    const bool isZipped = static_cast<bool>(zipped);
-    return answerBody(connection, isZipped ? zipped : body, contentType, isZipped);
-}
-
-// May a newer text be written? If not, notes what is in the way.
-bool mayRenew(SharedText& text) {
-    const bool may = sharedTextMayRenew(text);
-    const LockGuard guard(server.lock);
-    if (!may && text.old) server.inTheWay = text.old.address();
-    return may;
-}
-
-void noteText(Client* client, const BodyHold& body) {
-    const LockGuard guard(server.lock);
-    client->text = body.address();
-}
-
-// The compressed form of a text, `plain` or a part of it, written now where that is newer. Without
-// memory for it, or while slow readers are in the way, false.
-template <typename Append>
-bool renewZipped(SharedText& zipped, const SharedText& plain, Append append) {
-    if (zipped.newest && zipped.number == plain.number) return true;
-    if (!plain.newest || !mayRenew(zipped)) return false;
-    BodyHold body = makeBody([&](JsonBuffer& out) {
-        append(out);
-        return !out.failed;
-    });
-    if (!body) return false;
-    sharedTextRenew(zipped, std::move(body), plain.number);
-    return true;
-}
-
-// Without memory for newer ones the last stay.
-MHD_Result answerMetrics(MHD_Connection* connection, Client* client) {
-    const double now = clockSteadySeconds();
-    const bool isDue = !server.metrics.newest || now - server.metricsSeconds >= kKeepSeconds;
-    if (isDue && mayRenew(server.metrics)) {
-        BodyHold body = makeBody(server.rules->answers.metrics);
-        server.metricsSeconds = now;
-        if (body) sharedTextRenew(server.metrics, std::move(body), server.metrics.number + 1);
-    }
-    const bool isZipped = server.takesZipped &&
-                          renewZipped(server.zippedMetrics, server.metrics, [](JsonBuffer& out) {
-                              zippedAppend(out, server.metrics.newest.text());
-                          });
-    const BodyHold& body = (isZipped ? server.zippedMetrics : server.metrics).newest;
-    noteText(client, body);
-    return answerBody(connection, body, kMetricsText, isZipped);
-}
-
-constexpr std::string_view kSourceBegin = "event: source\ndata: ";
-
-bool writeEvent(StreamEvent kind, JsonBuffer& out, EventPlaces& places) {
-    const ServerAnswers& answers = server.rules->answers;
-    if (kind == StreamEvent::kSnapshot) return answers.event(out, places);
-    out.append(kSourceBegin);
-    const bool written = answers.source(out);
-    out.append("\n");
-    return written;
-}
-
-// Brings the event's text up to date: it is written now if this is the first client that wants it.
-// Without memory for it, or while slow readers are in the way, the one before stays.
-SharedText& newestText(StreamEvent kind) {
-    const auto at = static_cast<size_t>(kind);
-    SharedText& text = server.events[at];
-    uint64_t published = 0;
     {
         const LockGuard guard(server.lock);
-        published = server.published.of[at];
+        client->text = text.body.address();
     }
-    if (server.asked.of[at] == published || !mayRenew(text)) return text;
-    server.asked.of[at] = published;
-    EventPlaces places{};
-    BodyHold body = makeBody([&](JsonBuffer& out) { return writeEvent(kind, out, places); });
-    if (!body) return text;
-    sharedTextRenew(text, std::move(body), published);
-    if (kind == StreamEvent::kSnapshot) server.places = places;
-    return text;
+    const AnswerHead head = {
+        .contentType = contentType, .status = status, .varies = true, .isZipped = text.isZipped};
+    return queue(connection, responseOfText(std::move(text)), head);
 }
 
-// A client that takes fragments gets nothing else: an event that can't be compressed waits.
-Event newestEvent(StreamEvent kind, bool isZipped) {
-    const SharedText& plain = newestText(kind);
-    if (!isZipped) return {plain.newest, plain.number};
-    SharedText& zipped = server.zippedEvents[static_cast<size_t>(kind)];
-    (void)renewZipped(zipped, plain, [&plain](JsonBuffer& out) {
-        zippedAppendFragment(out, plain.newest.text());
-    });
-    return {zipped.newest, zipped.number};
-}
-
-Events newestEvents(bool isZipped) {
-    return {{newestEvent(StreamEvent::kSource, isZipped),
-             newestEvent(StreamEvent::kSnapshot, isZipped)}};
+EventNumbers published() {
+    const LockGuard guard(server.lock);
+    return server.published;
 }
 
 MHD_Result answerSnapshot(MHD_Connection* connection, Client* client) {
-    const SharedText& plain = newestText(StreamEvent::kSnapshot);
-    if (!plain.newest) {
-        return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no interval has ended yet");
-    }
-    const EventPlaces places = server.places;
-    const bool isZipped =
-        server.takesZipped && renewZipped(server.zippedSnapshot, plain, [&](JsonBuffer& out) {
-            zippedAppend(out, plain.newest.text().substr(places.jsonAt, places.jsonBytes));
-        });
-    if (isZipped) {
-        noteText(client, server.zippedSnapshot.newest);
-        return answerBody(connection, server.zippedSnapshot.newest, kJson, true);
-    }
-    noteText(client, plain.newest);
-    return queueText(connection, MHD_HTTP_OK,
-                     responseOfBody(plain.newest, places.jsonAt, places.jsonBytes), kJson, false);
+    ServedText text = textsSnapshot(published(), server.takesZipped);
+    if (text.body) return answerText(connection, client, std::move(text), kJson);
+    return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "no interval has ended yet");
 }
 
-MHD_Result answerHistory(MHD_Connection* connection, const Route& route) {
-    const ServerAnswers& answers = server.rules->answers;
-    const bool isRow = route.kind == RouteKind::kHistoryOfRow;
-    return answerText(connection, makeBody([&](JsonBuffer& out) {
-                          return isRow ? answers.historyOfRow(route.row, out)
-                                       : answers.historyOfTotals(out);
-                      }),
-                      kJson);
-}
-
-MHD_Result answerHealth(MHD_Connection* connection) {
+MHD_Result answerHealth(MHD_Connection* connection, Client* client) {
     bool isWell = true;
-    const BodyHold body =
-        makeBody([&](JsonBuffer& out) { return server.rules->answers.health(out, isWell); });
-    return answerBody(connection, body, kJson, false,
+    ServedText text = textsHealth(isWell);
+    return answerText(connection, client, std::move(text), kJson,
                       isWell ? MHD_HTTP_OK : MHD_HTTP_SERVICE_UNAVAILABLE);
 }
 
@@ -414,7 +265,7 @@ ssize_t readEvents(void* context, uint64_t at, char* buffer, size_t sizeBytes) {
     if (isZipped && at == 0) {
         return static_cast<ssize_t>(kZippedHeader.copy(buffer, sizeBytes));
     }
-    const Events newest = newestEvents(isZipped);
+    const Events newest = textsEvents(published(), isZipped);
     const LockGuard guard(server.lock);
     if (client->isCut || server.isEnding) return MHD_CONTENT_READER_END_OF_STREAM;
     const std::string_view piece =
@@ -431,7 +282,9 @@ ssize_t readEvents(void* context, uint64_t at, char* buffer, size_t sizeBytes) {
 
 MHD_Result answerEvents(MHD_Connection* connection, Client* client) {
     constexpr const char* kEventStream = "text/event-stream";
-    if (server.isHead) return queue(connection, MHD_HTTP_OK, responseOfConstant(""), kEventStream);
+    if (server.isHead) {
+        return queue(connection, responseOfConstant(""), {.contentType = kEventStream});
+    }
     bool hasRoom = false;
     {
         const LockGuard guard(server.lock);
@@ -448,18 +301,10 @@ MHD_Result answerEvents(MHD_Connection* connection, Client* client) {
         return answerLine(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "too many follow the events");
     }
     server.closesAfterAnswer = true;
-    return queueText(connection, MHD_HTTP_OK,
-                     MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kServerClientBytes,
-                                                       readEvents, client, nullptr),
-                     kEventStream, server.takesZipped);
-}
-
-// Compressed when it is first asked for; null where there is no memory.
-const BodyHold& zippedAsset(const WebAsset& asset) {
-    const std::span assets = server.rules->routes.assets;
-    BodyHold& zipped = server.zippedAssets[static_cast<size_t>(&asset - assets.data())];
-    if (!zipped) zipped = zippedOf(asset.body);
-    return zipped;
+    return queue(connection,
+                 MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kServerClientBytes, readEvents,
+                                                   client, nullptr),
+                 {.contentType = kEventStream, .varies = true, .isZipped = server.takesZipped});
 }
 
 // The same for all forms of a text: hence weak (RFC 9110, 8.8.1).
@@ -471,53 +316,38 @@ std::string tagOf(std::string_view text) {
     return tag;
 }
 
-MHD_Result queueAsset(MHD_Connection* connection,
-                      unsigned status,
-                      MHD_Response* response,
-                      const WebAsset& asset,
-                      bool isZipped) {
-    if (response == nullptr) return MHD_NO;
-    const bool isWhole =
-        addHeader(response, MHD_HTTP_HEADER_ETAG, tagOf(asset.body)) &&
-        addHeader(response, "Vary", "Accept-Encoding") &&
-        (!isZipped || addHeader(response, MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip"));
-    if (isWhole) return queue(connection, status, response, asset.contentType, true);
-    MHD_destroy_response(response);
-    return MHD_NO;
-}
-
 MHD_Result answerAsset(MHD_Connection* connection, const WebAsset& asset) {
+    AnswerHead head = {
+        .contentType = asset.contentType, .isPage = true, .varies = true, .tag = tagOf(asset.body)};
     const std::string_view known = headerOf(connection, MHD_HTTP_HEADER_IF_NONE_MATCH);
-    if (known == "*" || known.find(tagOf(asset.body)) != std::string_view::npos) {
-        return queueAsset(connection, MHD_HTTP_NOT_MODIFIED, responseOfConstant(""), asset, false);
+    if (known == "*" || known.find(head.tag) != std::string_view::npos) {
+        head.status = MHD_HTTP_NOT_MODIFIED;
+        return queue(connection, responseOfConstant(""), head);
     }
-    if (server.takesZipped && asset.body.size() >= kLeastZippedBytes) {
-        const BodyHold& zipped = zippedAsset(asset);
-        if (zipped) {
-            return queueAsset(connection, MHD_HTTP_OK,
-                              responseOfBody(zipped, 0, zipped.text().size()), asset, true);
-        }
-    }
-    return queueAsset(connection, MHD_HTTP_OK, responseOfConstant(asset.body), asset, false);
+    ServedText zipped = server.takesZipped ? textsZippedAsset(asset) : ServedText{};
+    if (!zipped.body) return queue(connection, responseOfConstant(asset.body), head);
+    head.isZipped = true;
+    return queue(connection, responseOfText(std::move(zipped)), head);
 }
 
 MHD_Result answer(MHD_Connection* connection, Client* client, const Route& route) {
+    const bool zips = server.takesZipped;
     switch (route.kind) {
         case RouteKind::kAsset:
             return answerAsset(connection, *route.asset);
         case RouteKind::kMetrics:
-            return answerMetrics(connection, client);
+            return answerText(connection, client, textsMetrics(zips), kMetricsText);
         case RouteKind::kSnapshot:
             return answerSnapshot(connection, client);
         case RouteKind::kEvents:
             return answerEvents(connection, client);
         case RouteKind::kHistoryOfTotals:
         case RouteKind::kHistoryOfRow:
-            return answerHistory(connection, route);
+            return answerText(connection, client, textsHistory(route, zips), kJson);
         case RouteKind::kSource:
-            return answerText(connection, makeBody(server.rules->answers.source), kJson);
+            return answerText(connection, client, textsSource(zips), kJson);
         case RouteKind::kHealth:
-            return answerHealth(connection);
+            return answerHealth(connection, client);
         case RouteKind::kRefusal:
             return answerLine(connection, route.status, route.reason);
     }
@@ -716,7 +546,7 @@ void logAddress() {
 
 bool serverBind(const ServerRules& rules) {
     server.rules = &rules;
-    server.zippedAssets.resize(rules.routes.assets.size());
+    textsBegin(rules.answers, rules.routes.assets);
     {
         const LockGuard guard(server.lock);
         server.crowd.most = rules.mostClients;
@@ -756,17 +586,17 @@ void serverPublish(StreamEvent kind) {
 
 void serverSweep() {
     const double now = clockSteadySeconds();
+    const Body* const inTheWay = textsTakeInTheWay();
     const LockGuard guard(server.lock);
     for (Client* client = firstLocked(); client != nullptr; client = nextOf(client)) {
         if (client->hasToTake) crowdTook(*client, peerTakenBytes(client->descriptor), now);
         if (client->isCut) shutLocked(client);
-        if (isLate(*client, now) || isInTheWayLocked(*client, now)) cutOffLocked(client);
+        if (isLate(*client, now) || isInTheWay(*client, inTheWay, now)) cutOffLocked(client);
         if (hasLeft(*client) && crowdCut(server.crowd, *client)) shutLocked(client);
         if (client->isSuspended && eventsWakes(client->events, server.published, now)) {
             wakeLocked(client);
         }
     }
-    server.inTheWay = nullptr;
 }
 
 ServerCounts serverCounts() {
@@ -786,10 +616,5 @@ void serverStop() {
         }
     }
     MHD_stop_daemon(std::exchange(server.daemon, nullptr));
-    server.zippedAssets.clear();
-    for (SharedText* const text :
-         {&server.metrics, &server.zippedMetrics, &server.events[0], &server.events[1],
-          &server.zippedEvents[0], &server.zippedEvents[1], &server.zippedSnapshot}) {
-        *text = {};
-    }
+    textsEnd();
 }
