@@ -134,7 +134,8 @@ pelmoStatus bodyWrite(BodyCodec& codec,
     const auto bare = copyWithoutMark(message);
     if (!bare) return bare.error().status();
     const pelmoStatus status = bare->rawStatus();
-    return status == kStatusSuccess ? writeForm(codec, *bare, body) : status;
+    return status == kStatusSuccess ? writeForm(codec, pelmo::MessageView(bare->raw()), body)
+                                    : status;
 }
 
 std::optional<pelmo::Message> bodyRead(BodyCodec& codec,
