@@ -41,17 +41,5 @@ struct Folder : NoCopy {
         return all;
     }
 
-    // Each entry as "name=text", text being the file's first line; a folder is "name=".
-    [[nodiscard]] std::set<std::string> entries() const {
-        std::set<std::string> all;
-        for (const std::string& name : names()) {
-            std::ifstream file(path(name));
-            std::string text;
-            std::getline(file, text);
-            all.insert(name + "=" + text);
-        }
-        return all;
-    }
-
     std::string root = testing::TempDir() + "pelmo_XXXXXX";  // absolute, no "/" at its end
 };

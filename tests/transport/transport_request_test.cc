@@ -60,24 +60,7 @@ TEST_F(Requests, AreAnswered) {
     EXPECT_EQ(ask("A", "4"), "re 4");
     EXPECT_EQ(spareQueues(), 1u);
     EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "_INBOX.4"), 0u);
-}
-
-// The next request on the same queue isn't disturbed.
-TEST_F(Requests, DropLateAnswers) {
-    TestListener server(queue, "A");
-    Message late;
-    server.onMessage = [&](pelmoMsg* request) {
-        ASSERT_EQ(pelmoMsg_Detach(request), kStatusSuccess);
-        late.reset(request);
-    };
-    EXPECT_EQ(ask("A", "1", 0), "Operation timed out");
-    dispatchAll(queue);
-    ASSERT_NE(late, nullptr);
-    answer(late.get());
-    dispatchAtOnce(queue);
-    server.onMessage = answer;
-    EXPECT_EQ(ask("A", "2"), "re 2");
-    EXPECT_EQ(spareQueues(), 1u);
+    EXPECT_EQ(ask("B", "unheard", 0), "Operation timed out");
 }
 
 TEST_F(Requests, KeepFourQueuesAtMost) {

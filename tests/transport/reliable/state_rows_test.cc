@@ -194,28 +194,4 @@ TEST(ReliableStates, OpensAnew) {
     }
 }
 
-// Times of repeats, and how it ends, when the peer says nothing any more.
-TEST(ReliableStates, ComeToTheirEndWithoutThePeer) {
-    const struct {
-        ConnectionState state;
-        const char* done;
-    } cases[] = {
-        {kSynReceived,
-         "SYN 1/2 at 1, SYN 1/2 at 3, SYN 1/2 at 7, SYN 1/2 at 15, SYN 1/2 at 31, SYN 1/2 at 63, "
-         "RST 0 at 95; CLOSED"},
-        {kEstablished,
-         "FIN 2/2 at 600, FIN 2/2 at 601, FIN 2/2 at 603, FIN 2/2 at 607, FIN 2/2 at 615, "
-         "FIN 2/2 at 631, FIN 2/2 at 663, RST 0 at 695; CLOSED"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(CoreWire::nameOf(c.state));
-        CoreWire wire;
-        reach(wire, c.state);
-        wire.run(1000);
-        EXPECT_EQ(wire.done(), c.done);
-        EXPECT_EQ(endpointNextDeadline(&wire.core), kNever);
-        EXPECT_EQ(wire.core.connections, 0u);
-    }
-}
-
 }  // namespace
