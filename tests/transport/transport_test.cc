@@ -45,21 +45,6 @@ TEST_F(IntraProcess, RefusesSubjects) {
     EXPECT_EQ(pelmoTransport_Send(kLocal, message.get()), kStatusInvalidSubject);
 }
 
-TEST_F(IntraProcess, GivesEachListenerACopyOfItsOwn) {
-    TestListener first(queue, "A");
-    const TestListener second(queue, "A");
-    const auto change = [](pelmoMsg* message) {
-        EXPECT_EQ(pelmoMsg_UpdateString(message, "text", "changed", 0), kStatusSuccess);
-    };
-    first.onMessage = change;
-    const Message sent = messageOn("A", "as sent");
-    ASSERT_EQ(pelmoTransport_Send(kLocal, sent.get()), kStatusSuccess);
-    change(sent.get());
-    dispatchAll(queue);
-    EXPECT_EQ(first.texts, Texts{"as sent"});
-    EXPECT_EQ(second.texts, Texts{"as sent"});
-}
-
 TEST_F(IntraProcess, SendsAPlainCopyOfAForeignEnvelope) {
     // {sub=[A] return="R" x=1 data={text="text"}}, as it comes from elsewhere.
     const Message outer = newMessage();
