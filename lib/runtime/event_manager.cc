@@ -58,8 +58,10 @@ void runIo(void* argument) {
     while (evmIsAt(epoch) && !Id_IsInvalid(&queue->header)) {
         dispatchAll(queue.get());
         if (!evmIsAt(epoch)) return;
-        if (!ioThreadPass(own, hasWakeup(own))) return;
+        // Between the dispatch, which takes all wakes off the pair, and the next wait: before the
+        // dispatch, one that came in between would be taken off and not served.
         wakesServe();
+        if (!ioThreadPass(own, hasWakeup(own))) return;
     }
 }
 

@@ -17,5 +17,6 @@ void wakesOpen(WakeupPair* pair);
 // On return no wake uses the pair. Nothing happens where none was opened.
 void wakesClose();
 
-// Ends the waits that were asked for. Called by an IO thread whenever its own wait has ended.
+// Ends the waits that were asked for. Called by an IO thread before each wait of its own, after it
+// has taken the wakes off its pair.
 void wakesServe();
