@@ -257,9 +257,10 @@ void keepThose(CaptureSet& set, Check check) {
     std::ranges::sort(set.pending, comesAfter);
 }
 
+// The difference may be more than the type holds with a sign.
 bool isLongBefore(int64_t seconds, int64_t other) {
-    return seconds<other&& static_cast<uint64_t>(other) -
-                   static_cast<uint64_t>(seconds)> static_cast<uint64_t>(kOrderSeconds);
+    const uint64_t difference = static_cast<uint64_t>(other) - static_cast<uint64_t>(seconds);
+    return seconds < other && difference > uint64_t{kOrderSeconds};
 }
 
 // A file's last frame as its last bytes show it, unless that contradicts its first one.
