@@ -12,6 +12,9 @@
 #include <atomic>
 #include <barrier>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <limits>
 #include <ostream>
 #include <random>
 #include <thread>
@@ -118,9 +121,23 @@ inline size_t entriesIn(const char* path) {
     return count;
 }
 
-// A thread that ended is counted for a moment longer.
+// Threads that run. One that was joined is listed for a moment longer, with PF_EXITING among the
+// flags in its line.
 inline size_t threadCount() {
-    return entriesIn("/proc/self/task");
+    constexpr unsigned kExiting = 4;
+    size_t count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream stat(task.path() / "stat");
+        char state = 0;
+        long ignored = 0;
+        unsigned flags = kExiting;
+        stat.ignore(std::numeric_limits<std::streamsize>::max(), ')') >> state;
+        for (int i = 0; i < 5; ++i)
+            stat >> ignored;
+        stat >> flags;
+        count += (flags & kExiting) == 0 ? 1 : 0;
+    }
+    return count;
 }
 
 // What a whole run of the library may leave behind in the process.
