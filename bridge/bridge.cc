@@ -184,6 +184,7 @@ void onBeat(natsConnection*, natsSubscription*, natsMsg* message, void* closure)
 
 void onBusBreak(Bridge& bridge, pelmo::MessageView) {
     bridgeCount(bridge, &BridgeCounts::busBreaks);
+    bridge.ends.notify_all();
     bridgeSay("the bus is away");
 }
 
@@ -195,11 +196,19 @@ void onBusReturn(Bridge&, pelmo::MessageView message) {
     bridgeSay(text);
 }
 
-bool connectBus(Bridge& bridge) {
-    const BridgeOptions& options = bridge.options;
+void onProbe(Bridge& bridge, pelmo::MessageView message) {
+    {
+        const std::lock_guard guard(bridge.lock);
+        bridge.probesBack =
+            std::max(bridge.probesBack, message.get<uint64_t>("number").value_or(0));
+    }
+    bridge.ends.notify_all();
+}
+
+bool connectBus(const BridgeOptions& options, std::optional<pelmo::Transport>& made) {
     for (uint64_t tries = 1;; ++tries) {
         auto bus = pelmo::Transport::connect({options.service, options.network, options.daemon});
-        if (bus) return bridge.bus.emplace(std::move(*bus)), true;
+        if (bus) return made.emplace(std::move(*bus)), true;
         const pelmoStatus status = bus.error().status();
         const bool mayCome = status == kStatusDaemonNotConnected || status == kStatusInitFailed;
         bridgeSayFault(mayCome ? tries : 0, "no connection to the bus", bus.error().text());
@@ -209,14 +218,30 @@ bool connectBus(Bridge& bridge) {
 }
 
 pelmoStatus listenToBus(Bridge& bridge,
+                        const pelmo::Transport& bus,
                         const char* subject,
                         void (*reported)(Bridge&, pelmo::MessageView)) {
     auto listener = bridge.queue->listen(
-        *bridge.bus, subject,
+        bus, subject,
         [&bridge, reported](pelmo::MessageView message) { reported(bridge, message); });
     if (!listener) return listener.error().status();
     bridge.listeners.push_back(std::move(*listener));
     return kStatusSuccess;
+}
+
+pelmoStatus openProbes(Bridge& bridge) {
+    const auto inbox = bridge.probeBus->inbox();
+    if (!inbox) return inbox.error().status();
+    bridge.probeSubject = *inbox;
+    return listenToBus(bridge, *bridge.probeBus, bridge.probeSubject.c_str(), onProbe);
+}
+
+// The bus, and the way back of probes where a stream is to be acknowledged.
+bool connectBuses(Bridge& bridge) {
+    const bool hasDurable = std::ranges::any_of(
+        bridge.options.toBus, [](const BridgeRoute& route) { return !route.keptBy.empty(); });
+    return connectBus(bridge.options, bridge.bus) &&
+           (!hasDurable || connectBus(bridge.options, bridge.probeBus));
 }
 
 pelmoStatus openBus(Bridge& bridge) {
@@ -225,10 +250,11 @@ pelmoStatus openBus(Bridge& bridge) {
     auto queue = pelmo::Queue::make();
     if (!queue) return queue.error().status();
     bridge.queue.emplace(std::move(*queue));
-    status = listenToBus(bridge, "_PM.WARN.SYSTEM.PMD.DISCONNECTED", onBusBreak);
+    status = listenToBus(bridge, *bridge.bus, "_PM.WARN.SYSTEM.PMD.DISCONNECTED", onBusBreak);
     if (status == kStatusSuccess) {
-        status = listenToBus(bridge, "_PM.INFO.SYSTEM.PMD.RECONNECTED", onBusReturn);
+        status = listenToBus(bridge, *bridge.bus, "_PM.INFO.SYSTEM.PMD.RECONNECTED", onBusReturn);
     }
+    if (status == kStatusSuccess && bridge.probeBus) status = openProbes(bridge);
     if (status == kStatusSuccess) status = fromBusOpen(bridge);
     if (status != kStatusSuccess) return status;
     auto dispatcher = pelmo::Dispatcher::start(*bridge.queue);
@@ -357,7 +383,7 @@ int bridgeRun(const BridgeOptions& options) {
 
     std::string fault;
     if (!openNats(bridge, fault)) return bridgeSay(fault), close(bridge), kFailed;
-    if (!connectBus(bridge)) return close(bridge), stopRequested() ? 0 : kFailed;
+    if (!connectBuses(bridge)) return close(bridge), stopRequested() ? 0 : kFailed;
     bridge.publisher = std::thread(fromBusPublish, std::ref(bridge));
     const pelmoStatus status = openBus(bridge);
     if (status != kStatusSuccess) fault = pelmoStatus_GetText(status);

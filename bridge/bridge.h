@@ -2,8 +2,7 @@
 // (outbox, group, subjects, body) meet.
 //
 //     from the bus   a dispatcher's callback -> outbox -> the publishing thread -> NATS
-//     to the bus     a thread for each durable consumer, a callback of libnats for plain subjects
-//     -> bus
+//     to the bus     a thread for each pattern, which takes what waits -> bus
 //
 // A callback of the bus never waits for NATS: what isn't published waits in the outbox, within its
 // bound. A thread that sends to the bus waits as any sender does, while the daemon takes nothing or
@@ -69,7 +68,8 @@ struct BridgeSide {
     const BridgeRoute* route = nullptr;  // null: answers to requests
     BodyCodec codec = {};                // used by the one thread that its messages come on
     natsSubscription* subscription = nullptr;
-    std::thread thread;         // of a durable consumer, which has its subscription for itself
+    std::thread thread;  // that takes messages; a durable consumer's subscription is its own
+    int fetchMessages = 0;
     uint64_t lastOfStream = 0;  // the highest number that it has brought
 };
 
@@ -81,6 +81,8 @@ struct Bridge {
     NatsLink nats;
     natsSubscription* beats = nullptr;
     std::optional<pelmo::Transport> bus;
+    std::optional<pelmo::Transport> probeBus;  // where probes come back
+    std::string probeSubject;
     std::optional<pelmo::Queue> queue;
     std::vector<pelmo::Listener> listeners;
     std::optional<pelmo::Dispatcher> dispatcher;
@@ -100,6 +102,8 @@ struct Bridge {
     Outbox plain;
     BridgeCounts counts;
     uint64_t lastRequest = 0;
+    uint64_t probesSent = 0;
+    uint64_t probesBack = 0;  // the highest number of them
     std::map<uint64_t, BridgeRequest>
         fromBusRequests;  // by the number in their reply subject on NATS
     // Those of NATS that wait for an answer from the bus; null while one is being sent.

@@ -1,4 +1,10 @@
 // From NATS to the bus: plain subscriptions, durable consumers, and answers to requests both ways.
+//
+// A thread for each route takes what waits and sends it together. What a durable consumer brought
+// is acknowledged once the daemon has it. A send alone doesn't show that, since it ends in buffers
+// on the way, which a daemon that is killed takes with it. So a probe follows each batch over the
+// same connection, to an inbox of a second connection: when it is back, the daemon has passed on
+// what came before it. If the connection breaks first, the batch is sent again, marked.
 
 #include <algorithm>
 #include <chrono>
@@ -11,13 +17,24 @@
 
 namespace {
 
-constexpr int kFetchMessages = 128;
+constexpr int kMostFetchMessages = 512;
+constexpr int kFirstFetchMessages = 64;
+constexpr int kFetchBytes = 8 << 20;  // wanted at a time, by the last ones' size
+constexpr int kMostPlainMessages = 128;
 constexpr int64_t kFetchMilliseconds = 500;
 constexpr int64_t kRetryTime = kSecond / 4;
 constexpr int64_t kOpenRetryTime = 2 * kSecond;
-constexpr int64_t kKeepAliveTime = 5 * kSecond;
-constexpr int64_t kAnswerWait = 30 * kSecond;  // what a stream allows until it sends again
+constexpr int64_t kProbeTime = kSecond;
+constexpr int64_t kAnswerWait = 10 * kSecond;  // what a stream allows until it sends again
 constexpr int kMostWaitingMessages = 1 << 20;
+
+// A message of NATS's on its way to the bus.
+struct Taken {
+    natsMsg* message = nullptr;
+    BridgeMark mark = {};
+    std::optional<pelmo::Message> made = {};  // none where it doesn't cross; it is counted then
+};
+using Batch = std::vector<Taken>;
 
 bool isEnding(Bridge& bridge) {
     const std::lock_guard guard(bridge.lock);
@@ -43,25 +60,26 @@ BridgeMark markOf(natsMsg* message, bool isAgain) {
 
 // A message for the bus with its mark and without subjects. None where it doesn't cross; it is
 // counted then.
-std::optional<pelmo::Message> fromNats(BridgeSide& side, natsMsg* message, bool isAgain) {
+Taken fromNats(BridgeSide& side, natsMsg* message, bool isAgain) {
     Bridge& bridge = *side.bridge;
-    BridgeMark mark = markOf(message, isAgain);
-    if (pathEndsAt(mark.path, bridge.options.group)) {
+    Taken taken{message, markOf(message, isAgain)};
+    if (pathEndsAt(taken.mark.path, bridge.options.group)) {
         bridgeCount(bridge, &BridgeCounts::loops);
-        return std::nullopt;
+        return taken;
     }
     const std::string_view body(natsMsg_GetData(message),
                                 static_cast<size_t>(natsMsg_GetDataLength(message)));
     const char* fault = nullptr;
-    std::optional<pelmo::Message> made = bodyRead(side.codec, body, fault);
-    if (made) {
-        pathAdd(mark.path, bridge.options.group);
-        markAdd(*made, mark);
-        if (made->rawStatus() == kStatusSuccess) return made;
-        fault = pelmoStatus_GetText(made->rawStatus());
+    taken.made = bodyRead(side.codec, body, fault);
+    if (taken.made) {
+        pathAdd(taken.mark.path, bridge.options.group);
+        markAdd(*taken.made, taken.mark);
+        if (taken.made->rawStatus() == kStatusSuccess) return taken;
+        fault = pelmoStatus_GetText(taken.made->rawStatus());
+        taken.made.reset();
     }
     bridgeCount(bridge, &BridgeCounts::badBodies, fault, natsMsg_GetSubject(message));
-    return std::nullopt;
+    return taken;
 }
 
 // False where the subject has no counterpart on the bus; it is counted then.
@@ -79,6 +97,47 @@ bool address(Bridge& bridge, const char* subject, pelmo::Message& message) {
 void countSent(Bridge& bridge, const pelmo::Result<void>& sent, const std::string& subject) {
     if (sent) return bridgeCount(bridge, &BridgeCounts::toBus);
     bridgeCount(bridge, &BridgeCounts::busRefused, sent.error().text(), subject);
+}
+
+bool mayPass(pelmoStatus status) {
+    return status == kStatusDaemonNotConnected || status == kStatusInvalidIoSource ||
+           status == kStatusNoMemory;
+}
+
+// Sends those that cross, in order, and counts them. False where what came by a stream has to be
+// sent again.
+bool sendTogether(BridgeSide& side, Batch& batch) {
+    Bridge& bridge = *side.bridge;
+    std::vector<pelmoMsg*> each;
+    for (const Taken& taken : batch) {
+        if (taken.made) each.push_back(taken.made->raw());
+    }
+    if (each.empty()) return true;
+    uint32_t left = 0;
+    const pelmoStatus together = pelmoTransport_SendvTaken(
+        pelmo::number(bridge.bus->id()), each.data(), static_cast<uint32_t>(each.size()), &left);
+    {
+        const std::lock_guard guard(bridge.lock);
+        bridge.counts.toBus += left;
+    }
+    if (together == kStatusSuccess) return true;
+    // One at a time the others show which of them it is.
+    for (Taken& taken : batch) {
+        if (!taken.made || left-- > 0) continue;
+        left = 0;
+        const pelmo::Result<void> sent = bridge.bus->send(*taken.made);
+        if (!side.route->keptBy.empty() && !sent && mayPass(sent.error().status())) return false;
+        countSent(bridge, sent, natsMsg_GetSubject(taken.message));
+        if (!sent) taken.made.reset();
+    }
+    return true;
+}
+
+void destroy(Batch& batch) {
+    for (const Taken& taken : batch) {
+        natsMsg_Destroy(taken.message);
+    }
+    batch.clear();
 }
 
 // Requests that came from NATS
@@ -144,20 +203,43 @@ void sendRequest(Bridge& bridge, const pelmo::Message& message, const std::strin
 
 // Plain subjects
 
-void onNatsMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
-    auto& side = *static_cast<BridgeSide*>(closure);
+void sendPlain(BridgeSide& side, Batch& batch) {
+    if (!batch.empty()) (void)sendTogether(side, batch);
+    destroy(batch);
+}
+
+// Requests leave one by one, after what came before them.
+void addPlain(BridgeSide& side, Batch& batch, natsMsg* message) {
     Bridge& bridge = *side.bridge;
-    std::optional<pelmo::Message> made = fromNats(side, message, false);
-    const char* const subject = natsMsg_GetSubject(message);
-    const char* const reply = natsMsg_GetReply(message);
-    if (made && address(bridge, subject, *made)) {
-        if (reply != nullptr) {
-            sendRequest(bridge, *made, reply);
-        } else {
-            countSent(bridge, bridge.bus->send(*made), subject);
-        }
+    batch.push_back(fromNats(side, message, false));
+    Taken& taken = batch.back();
+    if (taken.made && !address(bridge, natsMsg_GetSubject(message), *taken.made)) {
+        taken.made.reset();
     }
-    natsMsg_Destroy(message);
+    const char* const reply = natsMsg_GetReply(message);
+    if (reply == nullptr || !taken.made) return;
+    const pelmo::Message request = *std::exchange(taken.made, std::nullopt);
+    const std::string replyText = reply;
+    sendPlain(side, batch);
+    sendRequest(bridge, request, replyText);
+}
+
+void takePlain(BridgeSide& side) {
+    Batch batch;
+    while (!isEnding(*side.bridge)) {
+        natsMsg* message = nullptr;
+        natsStatus status =
+            natsSubscription_NextMsg(&message, side.subscription, kFetchMilliseconds);
+        for (int taken = 0; status == NATS_OK; ++taken) {
+            addPlain(side, batch, message);
+            if (taken == kMostPlainMessages) break;
+            status = natsSubscription_NextMsg(&message, side.subscription, 0);
+        }
+        sendPlain(side, batch);
+        const bool isWell =
+            status == NATS_OK || status == NATS_TIMEOUT || status == NATS_SLOW_CONSUMER;
+        if (!isWell) (void)pause(*side.bridge, kRetryTime);
+    }
 }
 
 // The reply subject on the bus; empty where the request isn't known, or is late.
@@ -181,8 +263,8 @@ void onNatsAnswer(natsConnection*, natsSubscription*, natsMsg* message, void* cl
     if (!reply.empty() && natsMsg_IsNoResponders(message)) {
         bridgeCount(bridge, &BridgeCounts::requestsLate, "no service answers on NATS", reply);
     } else if (!reply.empty()) {
-        std::optional<pelmo::Message> made = fromNats(side, message, false);
-        if (made) countSent(bridge, bridge.bus->send(made->to(reply)), reply);
+        Taken taken = fromNats(side, message, false);
+        if (taken.made) countSent(bridge, bridge.bus->send(taken.made->to(reply)), reply);
     }
     natsMsg_Destroy(message);
 }
@@ -210,23 +292,6 @@ natsSubscription* openConsumer(BridgeSide& side, const std::string& subject) {
     return nullptr;
 }
 
-// Sends, and again while there is no daemon. False at the end; what the bus will never take is
-// counted and done with.
-bool sendKept(Bridge& bridge, natsMsg* message, const pelmo::Message& made) {
-    int64_t keepAliveAt = steadyNow() + kKeepAliveTime;
-    for (;;) {
-        const pelmo::Result<void> sent = bridge.bus->send(made);
-        const pelmoStatus status = sent ? kStatusSuccess : sent.error().status();
-        const bool mayPass = status == kStatusDaemonNotConnected ||
-                             status == kStatusInvalidIoSource || status == kStatusNoMemory;
-        if (!mayPass) return countSent(bridge, sent, natsMsg_GetSubject(message)), true;
-        if (!pause(bridge, kRetryTime)) return false;
-        if (steadyNow() < keepAliveAt) continue;
-        (void)natsMsg_InProgress(message, nullptr);
-        keepAliveAt = steadyNow() + kKeepAliveTime;
-    }
-}
-
 // Has it been brought before? A server that takes over from another one may not know of the last
 // ones that this one had brought, so its count of deliveries isn't enough.
 bool bringsAgain(BridgeSide& side, natsMsg* message) {
@@ -238,42 +303,102 @@ bool bringsAgain(BridgeSide& side, natsMsg* message) {
     return isAgain;
 }
 
-// One that can't cross is acknowledged as well, so that the stream doesn't bring it again. False at
-// the end.
-bool deliverKept(BridgeSide& side, natsMsg* message) {
+void keepAlive(const Batch& batch) {
+    for (const Taken& taken : batch) {
+        (void)natsMsg_InProgress(taken.message, nullptr);
+    }
+}
+
+uint64_t busLife(Bridge& bridge) {
+    const std::lock_guard guard(bridge.lock);
+    return bridge.counts.busBreaks;
+}
+
+// The number of the probe. 0: it couldn't be sent.
+uint64_t sendProbe(Bridge& bridge) {
+    uint64_t number = 0;
+    {
+        const std::lock_guard guard(bridge.lock);
+        number = ++bridge.probesSent;
+    }
+    pelmo::Message probe(bridge.probeSubject);
+    probe.add("number", number);
+    return bridge.bus->send(probe) ? number : 0;
+}
+
+// Until the daemon has what was sent in this life of the connection. False where it broke, or at
+// the end. The second connection may have broken as well, so the probe is repeated.
+bool awaitProbe(Bridge& bridge, const Batch& batch, uint64_t life) {
+    const uint64_t first = sendProbe(bridge);
+    for (uint64_t last = first; last != 0; last = sendProbe(bridge)) {
+        std::unique_lock lock(bridge.lock);
+        bridge.ends.wait_for(lock, std::chrono::nanoseconds(kProbeTime), [&] {
+            return bridge.probesBack >= first || bridge.counts.busBreaks != life;
+        });
+        if (bridge.counts.busBreaks != life) return false;
+        if (bridge.probesBack >= first) return true;
+        if (bridge.isEnding) return false;
+        lock.unlock();
+        keepAlive(batch);
+    }
+    return false;
+}
+
+// Sends until the daemon has all. False at the end.
+bool sendKept(BridgeSide& side, Batch& batch) {
     Bridge& bridge = *side.bridge;
-    std::optional<pelmo::Message> made = fromNats(side, message, bringsAgain(side, message));
-    const bool crosses = made && address(bridge, natsMsg_GetSubject(message), *made);
-    if (crosses && !sendKept(bridge, message, *made)) return false;
-    (void)natsMsg_Ack(message, nullptr);
-    return true;
+    for (;;) {
+        const uint64_t life = busLife(bridge);
+        if (sendTogether(side, batch) && awaitProbe(bridge, batch, life)) return true;
+        if (!pause(bridge, kRetryTime)) return false;
+        keepAlive(batch);
+        for (Taken& taken : batch) {
+            taken.mark.mayBeRepeat = true;
+            if (taken.made) markAdd(*taken.made, taken.mark);
+        }
+    }
+}
+
+// One that can't cross is acknowledged as well, so that the stream doesn't bring it again.
+void deliverKept(BridgeSide& side, const natsMsgList& list) {
+    Batch batch;
+    int bytes = 0;
+    for (int at = 0; at < list.Count; ++at) {
+        natsMsg* const message = list.Msgs[at];
+        bytes += natsMsg_GetDataLength(message);
+        batch.push_back(fromNats(side, message, bringsAgain(side, message)));
+        std::optional<pelmo::Message>& made = batch.back().made;
+        if (made && !address(*side.bridge, natsMsg_GetSubject(message), *made)) made.reset();
+    }
+    const int each = bytes / std::max(list.Count, 1) + 1;
+    side.fetchMessages = std::clamp(kFetchBytes / each, 1, kMostFetchMessages);
+    if (batch.empty() || !sendKept(side, batch)) return;
+    for (const Taken& taken : batch) {
+        (void)natsMsg_Ack(taken.message, nullptr);
+    }
 }
 
 void consume(BridgeSide& side) {
     Bridge& bridge = *side.bridge;
     std::string onBus, onNats;
     (void)subjectPattern(bridge.options.map, side.route->pattern, onBus, onNats);
-    natsSubscription* consumer = nullptr;
+    side.fetchMessages = kFirstFetchMessages;
     while (!isEnding(bridge)) {
-        if (consumer == nullptr) consumer = openConsumer(side, onNats);
-        if (consumer == nullptr) {
+        if (side.subscription == nullptr) side.subscription = openConsumer(side, onNats);
+        if (side.subscription == nullptr) {
             (void)pause(bridge, kOpenRetryTime);
             continue;
         }
         natsMsgList list = {};
-        const natsStatus status =
-            natsSubscription_Fetch(&list, consumer, kFetchMessages, kFetchMilliseconds, nullptr);
-        bool goesOn = true;
-        for (int at = 0; at < list.Count && goesOn; ++at) {
-            goesOn = deliverKept(side, list.Msgs[at]);
-        }
+        const natsStatus status = natsSubscription_Fetch(
+            &list, side.subscription, side.fetchMessages, kFetchMilliseconds, nullptr);
+        deliverKept(side, list);
         natsMsgList_Destroy(&list);
         if (status == NATS_OK || status == NATS_TIMEOUT) continue;
         bridgeSayFault(0, "a durable consumer gives nothing", natsFaultText(status));
-        natsSubscription_Destroy(std::exchange(consumer, nullptr));
+        natsSubscription_Destroy(std::exchange(side.subscription, nullptr));
         (void)pause(bridge, kRetryTime);
     }
-    natsSubscription_Destroy(consumer);
 }
 
 bool openRoute(Bridge& bridge, const BridgeRoute& route, std::string& fault) {
@@ -288,16 +413,17 @@ bool openRoute(Bridge& bridge, const BridgeRoute& route, std::string& fault) {
         return true;
     }
     const char* const queue = bridge.options.group.c_str();
-    natsStatus status = natsConnection_QueueSubscribe(&side.subscription, bridge.nats.connection,
-                                                      onNats.c_str(), queue, onNatsMessage, &side);
+    natsStatus status = natsConnection_QueueSubscribeSync(
+        &side.subscription, bridge.nats.connection, onNats.c_str(), queue);
     if (status == NATS_OK) {
         const int mostBytes =
             static_cast<int>(std::min<uint32_t>(bridge.options.bufferMegabytes, 1024)) << 20;
         status =
             natsSubscription_SetPendingLimits(side.subscription, kMostWaitingMessages, mostBytes);
     }
-    if (status != NATS_OK) fault = onNats + ": " + natsStatus_GetText(status);
-    return status == NATS_OK;
+    if (status != NATS_OK) return fault = onNats + ": " + natsStatus_GetText(status), false;
+    side.thread = std::thread(takePlain, std::ref(side));
+    return true;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 cluster, while each of them comes and goes.
 """
 import collections
+import contextlib
 import datetime
 import json
 import os
@@ -35,11 +36,18 @@ class Bridge(Process):
         self.begin(waits)
 
     def begin(self, waits=True):
+        begun = self.log().count("both sides") if self.log_path.exists() else 0
         with open(self.log_path, "ab") as log:
             super().__init__(*self.command, stdout=log, stderr=log)
         if waits:
-            wait_until(lambda: "both sides" in self.log() or not self.running(), "a bridge, " + str(self.log_path))
-            assert self.running(), self.log()
+            self.wait_for(lambda: self.log().count("both sides") > begun)
+
+    def wait_for(self, test):
+        try:
+            wait_until(lambda: test() or not self.running(), "a bridge")
+            assert self.running(), "it has ended"
+        except AssertionError as fault:
+            raise AssertionError("%s: %s" % (fault, self.log())) from None
 
     def log(self):
         return self.log_path.read_text()
@@ -87,7 +95,9 @@ class BridgeCase(ProgramCase):
             listener = self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % daemon.port, "listen", *subjects,
                                   "--json", stdout=out, stderr=err)
         wait_until(lambda: "listening" in pathlib.Path(str(path) + ".err").read_text(), "the listener")
-        listener.path = path
+        listener.path, listener.file, listener.rest = path, open(path, "rb"), b""
+        self.addCleanup(listener.file.close)
+        listener.counts, listener.last = collections.defaultdict(collections.Counter), collections.Counter()
         return listener
 
     @staticmethod
@@ -102,23 +112,24 @@ class BridgeCase(ProgramCase):
     def mark(self, line):
         return self.fields(self.fields(line)["_bridge"])
 
-    def numbers(self, listener):
-        """What arrived of a sender's numbers: how often each, and whether those not marked came in order."""
-        arrived, unmarked = collections.Counter(), []
-        for line in self.lines(listener):
-            number = self.fields(line)["seq"]
-            arrived[number] += 1
+    def arrived(self, listener, subject):
+        """How often each number of a subject came. Those that aren't marked as repeats came in order."""
+        lines = (listener.rest + listener.file.read()).split(b"\n")
+        listener.rest = lines.pop()
+        for line in map(json.loads, lines):
+            of, number = line["subject"], self.fields(line)["seq"]
             if "repeat" not in self.mark(line):
-                unmarked.append(number)
-        self.assertEqual(unmarked, sorted(set(unmarked)))
-        return arrived
+                self.assertGreater(number, listener.last[of])
+                listener.last[of] = number
+            listener.counts[of][number] += 1
+        return listener.counts[subject]
 
-    def all_arrive(self, listener, count, seconds=120):
-        wait_until(lambda: listener.path.read_bytes().count(b"\n") >= count, "%d messages" % count, seconds)
+    def all_arrive(self, listener, subject, count, seconds=120):
         try:
-            wait_until(lambda: len(self.numbers(listener)) == count, "each of them", seconds)
-        except AssertionError:
-            self.fail("missing: %s" % sorted(set(range(1, count + 1)) - set(self.numbers(listener)))[:20])
+            wait_until(lambda: len(self.arrived(listener, subject)) >= count, "each of them", seconds)
+        except AssertionError as fault:
+            missing = sorted(set(range(1, count + 1)) - set(listener.counts[subject]))
+            self.fail("%s: %d are missing: %s" % (fault, len(missing), missing[:20]))
 
 
 class Crossing(BridgeCase):
@@ -224,39 +235,36 @@ class Keeping(BridgeCase):
         self.assertEqual(counts["stream_dropped"] + kept, 500)
         listener = self.listener(second, "N.>")
         self.bridge("two", server, second, *self.BOTH[1])
-        self.all_arrive(listener, kept)
+        self.all_arrive(listener, "N.A", kept)
 
-    def test_all_arrive_though_servers_bridges_and_the_far_daemon_are_killed(self):
+    def test_all_arrive_though_each_part_of_the_road_is_killed_or_stalled(self):
         servers = cluster(self.folder / self._testMethodName)
         for server in servers:
             self.addCleanup(server.close)
         first, second = self.daemon(), self.daemon()
-        client = self.client(servers[0])
-        made = client.ask("$JS.API.STREAM.CREATE.KEPT", {"name": "KEPT", "subjects": ["N.>"], "num_replicas": 3})
-        self.assertNotIn("error", made)
+        wait_until(lambda: self.ask(servers[0], "$JS.API.STREAM.CREATE.KEPT", {
+            "name": "KEPT", "subjects": ["N.>"], "num_replicas": 3}), "a replicated stream")
         ones = [self.bridge(name, servers, first, *self.BOTH[0], "--group", "ones") for name in ("one", "uno")]
-        wait_until(lambda: any("takes messages" in bridge.log() for bridge in ones), "a leader")
-        two = self.bridge("two", servers, second, *self.BOTH[1])
-        listener = self.listener(second, "N.>")
-        count = int(os.environ.get("PELMO_BRIDGE_MESSAGES", "20000"))
-        rate = count / 13
-        sender = self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % first.port, "send", "N.A", "--count",
-                            str(count), "--rate", str(rate), "--sequence")
-        for server in servers:
-            self.grows(listener, rate)
-            server.close()
-            self.grows(listener, 1)
-            server.begin()
-        servers[0].popen.send_signal(signal.SIGSTOP)
-        self.grows(listener, 1)
-        servers[0].popen.send_signal(signal.SIGCONT)
-        leader = next(bridge for bridge in ones if self.leads(bridge))
-        for bridge in (leader, two):
-            self.grows(listener, 1)
-            bridge.close()
-            bridge.begin(waits=False)
-        self.assertEqual(sender.status(), 0)
-        self.all_arrive(listener, count)
+        wait_until(lambda: any(map(self.leads, ones)), "a leader")
+        two, listener = self.bridge("two", servers, second, *self.BOTH[1]), self.listener(second, "N.>")
+        leader = next(filter(self.leads, ones))
+        # What happens, and whether messages arrive meanwhile.
+        troubles = [(killed(server), True) for server in servers] + [
+            (stalled(servers[0]), True), (killed(leader), True), (killed(two), False),
+            (self.killed_with_what_it_took(second, two, listener), False)]
+        total = int(os.environ.get("PELMO_BRIDGE_MESSAGES", "21000"))
+        count = total // len(troubles)
+        for number, (trouble, goes_on) in enumerate(troubles):
+            subject = "N.%d" % number
+            sender = self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % first.port, "send", subject, "--count",
+                                str(count), "--rate", str(total / 14), "--sequence", stderr=-3)
+            self.all_arrive(listener, subject, 1)
+            with trouble:
+                self.assertEqual(sender.status(120), 0)
+                if goes_on:
+                    self.all_arrive(listener, subject, count)
+            self.all_arrive(listener, subject, count)
+            wait_until(lambda: self.is_whole(servers[0]), "the cluster after " + subject, 60)
         for bridge in (*ones, two):
             self.assertEqual(bridge.ended()["stream_dropped"], 0)
 
@@ -264,9 +272,47 @@ class Keeping(BridgeCase):
     def leads(bridge):
         return bridge.log().rfind("takes messages") > bridge.log().rfind("stands by")
 
-    def grows(self, listener, by):
-        size = listener.path.read_bytes().count(b"\n")
-        wait_until(lambda: listener.path.read_bytes().count(b"\n") >= size + by, "%d more messages" % by)
+    @staticmethod
+    def ask(server, subject, request):
+        """None for an error."""
+        try:
+            with contextlib.closing(NatsClient(server.port, seconds=2)) as client:
+                answer = client.ask(subject, request)
+            return None if "error" in answer else answer
+        except TimeoutError:
+            return None
+
+    def is_whole(self, server):
+        """Do the stream and its consumer have a leader, and all replicas the same as it?"""
+        answers = [self.ask(server, "$JS.API." + what, {}) for what in ("STREAM.INFO.KEPT", "CONSUMER.INFO.KEPT.far")]
+        return all(answer and "leader" in answer["cluster"] and
+                   all(replica["current"] for replica in answer["cluster"]["replicas"]) for answer in answers)
+
+    @contextlib.contextmanager
+    def killed_with_what_it_took(self, daemon, bridge, listener):
+        """A daemon that has taken messages in, and delivers none of them. Its listener is back first."""
+        daemon.popen.send_signal(signal.SIGSTOP)
+        yield
+        daemon.close()
+        bridge.popen.send_signal(signal.SIGSTOP)
+        self.daemon(port=daemon.port)
+        back = pathlib.Path(str(listener.path) + ".err")
+        wait_until(lambda: "connected to the daemon again" in back.read_text(), "the listener")
+        bridge.popen.send_signal(signal.SIGCONT)
+
+
+@contextlib.contextmanager
+def killed(process):
+    process.close()
+    yield
+    process.begin()
+
+
+@contextlib.contextmanager
+def stalled(process):
+    process.popen.send_signal(signal.SIGSTOP)
+    yield
+    process.popen.send_signal(signal.SIGCONT)
 
 
 class Documents(BridgeCase):
@@ -294,7 +340,7 @@ class Documents(BridgeCase):
                 client = self.client(server)
                 wait_until(lambda: "error" not in client.ask("$JS.API.STREAM.INFO." + name, {}), "the stream")
             self.bus(first, "send", sent, "--count", "4", "--rate", "2", "--sequence")
-            self.all_arrive(listener, 4)
+            self.all_arrive(listener, heard, 4)
             if "--replay" in bridges[-1].command:
                 times = [datetime.datetime.fromisoformat(line["time"][:26]) for line in self.lines(listener)]
                 self.assertGreater(times[-1] - times[0], datetime.timedelta(seconds=1))
