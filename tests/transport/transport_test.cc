@@ -2,8 +2,8 @@
 
 #include "lib/containers/dpa.h"
 #include "lib/transport/transport_internal.h"
+#include "tests/support/circuit_fixture.h"
 #include "tests/support/fail_alloc.h"
-#include "tests/support/local_bus.h"
 
 namespace {
 
@@ -46,16 +46,9 @@ TEST_F(IntraProcess, RefusesSubjects) {
 }
 
 TEST_F(IntraProcess, SendsAPlainCopyOfAForeignEnvelope) {
-    // {sub=[A] return="R" x=1 data={text="text"}}, as it comes from elsewhere.
-    const Message outer = newMessage();
-    const Message inner = messageOn(nullptr);
-    ASSERT_EQ(pelmoMsg_AddSubjectText(outer.get(), "sub", "A", 0), kStatusSuccess);
-    ASSERT_EQ(pelmoMsg_AddString(outer.get(), "return", "R", 0), kStatusSuccess);
-    ASSERT_EQ(pelmoMsg_AddI32(outer.get(), "x", 1, 0), kStatusSuccess);
-    ASSERT_EQ(pelmoMsg_AddMsg(outer.get(), "data", inner.get(), 0), kStatusSuccess);
+    const Message outer = rawMessage("A", "return=R x=#1 data");
     ASSERT_EQ(msgOpenEnvelope(outer.get()), kStatusSuccess);
     ASSERT_TRUE(msgHasForeign(outer.get()));
-
     TestListener listener(queue, "A");
     listener.onMessage = [](pelmoMsg* message) {
         const char* reply = nullptr;
@@ -219,6 +212,57 @@ TEST_F(IntraProcess, DropsWhatADeadQueuesListenerWouldKeep) {
     EXPECT_EQ(event->listener.inbox, nullptr);
     EXPECT_EQ(event->listener.transportId, kNoId);
     EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "A"), 0u);
+}
+
+// The wait for an answer dispatches the request's own queue alone: answers come from a hook of the
+// queue that requests arrive on.
+struct Requests : IntraProcess {
+    Requests() {
+        const auto dispatch = [](uint32_t id, void*) {
+            EXPECT_EQ(pelmoQueue_TimedDispatch(id, 0), kStatusSuccess);
+        };
+        EXPECT_EQ(pelmoQueue_SetHook(queue, dispatch, nullptr), kStatusSuccess);
+        // A request is answered when the one that it causes has been.
+        server.onMessage = [this](pelmoMsg* request) {
+            if (--depth > 0) {
+                EXPECT_EQ(ask("A", "inner"), "re inner");
+            }
+            const Message reply = messageOn(nullptr, ("re " + textOf(request)).c_str());
+            for (int i = 0; i < answers; ++i)
+                EXPECT_EQ(pelmoTransport_SendReply(kLocal, reply.get(), request), kStatusSuccess);
+        };
+    }
+    static std::string ask(const char* subject, const char* text, double seconds = -1) {
+        const Message request = messageOn(subject, text);
+        pelmoMsg* reply = nullptr;
+        const pelmoStatus status =
+            pelmoTransport_SendRequest(kLocal, request.get(), &reply, seconds);
+        if (status != kStatusSuccess) return pelmoStatus_GetText(status);
+        return textOf(Message(reply).get());
+    }
+    static uint32_t spareQueues() {
+        Held<Transport> held;
+        EXPECT_EQ(held.findLocked(kLocal), kStatusSuccess);
+        EXPECT_EQ(dict32Count(held->requestQueues), 0u);
+        return held->spareQueues->count;
+    }
+
+    TestListener server{queue, "A"};
+    int depth = 0, answers = 1;
+};
+
+TEST_F(Requests, AreAnsweredAndKeepFourQueuesAtMost) {
+    EXPECT_EQ(ask("A", "1"), "re 1");
+    EXPECT_EQ(ask("A", "2", 60), "re 2");
+    answers = 3;  // a second one doesn't disturb the next request on its queue
+    EXPECT_EQ(ask("A", "3"), "re 3");
+    EXPECT_EQ(ask("A", "4"), "re 4");
+    EXPECT_EQ(spareQueues(), 1u);
+    EXPECT_EQ(pelmoTransport_HasInterest(kLocal, "_INBOX.4"), 0u);
+    EXPECT_EQ(ask("B", "unheard", 0), "Operation timed out");
+    depth = 6;
+    EXPECT_EQ(ask("A", "outer"), "re outer");
+    EXPECT_EQ(spareQueues(), kMostSpareQueues);
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include "lib/transport/circuit/circuit.h"
 
-#include <algorithm>
-
 #include "lib/base/bytes.h"
 #include "lib/containers/dpa.h"
 #include "tests/support/circuit_fixture.h"
@@ -14,30 +12,21 @@ const char* const kConnected = "_PM.INFO.SYSTEM.VC.CONNECTED";
 const char* const kEnded = "_PM.INFO.SYSTEM.VC.DISCONNECTED";
 const char* const kFailed = "_PM.ERROR.SYSTEM.VC.DISCONNECTED";
 
-// A circuit's advisories to its own listeners.
+// A circuit's advisories to its own listener.
 struct Advisories {
-    Texts told;
+    Texts heard;
+    TestListener listener;
 
-    Advisories(uint32_t queue, uint32_t circuit) {
-        for (TestListener* listener : {&info_, &error_}) {
-            listener->onMessage = [this](pelmoMsg* message) { told.push_back(textsOf(message)); };
-        }
-        EXPECT_EQ(info_.listen(queue, "_PM.INFO.>", circuit), kStatusSuccess);
-        EXPECT_EQ(error_.listen(queue, "_PM.ERROR.>", circuit), kStatusSuccess);
+    Advisories(uint32_t queue, uint32_t circuit) : listener(queue, "_PM.>", circuit) {
+        listener.onMessage = [this](pelmoMsg* message) {
+            const char* subject = nullptr;
+            const char* reason = nullptr;
+            EXPECT_EQ(pelmoMsg_GetSendSubject(message, &subject), kStatusSuccess);
+            (void)pelmoMsg_GetString(message, "ADV_DESC", &reason, 0);
+            heard.push_back(subject + (reason != nullptr ? std::string(": ") + reason : ""));
+        };
     }
-    [[nodiscard]] Texts taken() { return std::exchange(told, {}); }
-
-  private:
-    TestListener info_, error_;
-
-    static std::string textsOf(pelmoMsg* message) {
-        const char* subject = nullptr;
-        const char* reason = nullptr;
-        EXPECT_EQ(pelmoMsg_GetSendSubject(message, &subject), kStatusSuccess);
-        const bool hasReason =
-            pelmoMsg_GetString(message, "ADV_DESC", &reason, 0) == kStatusSuccess;
-        return hasReason ? std::string(subject) + ": " + reason : subject;
-    }
+    [[nodiscard]] Texts taken() { return std::exchange(heard, {}); }
 };
 
 struct Circuit : CircuitFixture {};
@@ -166,9 +155,9 @@ TEST_F(BareCircuit, LaysFieldsInOrder) {
         TestListener listener(queue, "A.B", circuit);
         std::string replies;
         listener.onMessage = [&](pelmoMsg* message) {
-            const char* text = "none";
-            (void)pelmoMsg_GetReplySubject(message, &text);
-            replies += text != nullptr ? text : "none";
+            const char* text = nullptr;
+            EXPECT_EQ(pelmoMsg_GetReplySubject(message, &text), kStatusSuccess);
+            replies += text;
         };
         sendRaw(control, "vct=vctd vcq=1 return=R vcr=V vcs=[A.B] data");
         settle();

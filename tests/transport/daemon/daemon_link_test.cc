@@ -1,12 +1,9 @@
 // Network transports over a daemon: sessions, what goes out and comes in, breaks and repairs.
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <latch>
 #include <list>
-#include <mutex>
 #include <random>
 
 #include "lib/transport/daemon/daemon_link_internal.h"

@@ -249,10 +249,9 @@ struct FastClock : NoCopy {
 };
 struct FastDirect : FastClock, Direct {};
 
-void tick(uint32_t, pelmoMsg*, void*) {}
-
 TEST_F(FastDirect, ReportsLosses) {
     uint32_t ticks = kNoId;  // by which the timer thread sees the clock run
+    const auto tick = [](uint32_t, pelmoMsg*, void*) {};
     EXPECT_EQ(pelmoEvent_CreateTimer(&ticks, kTimerQueueId, tick, 0.1, nullptr), kStatusSuccess);
     meet();
     TestListener losses(queue, "_PM.ERROR.SYSTEM.DATALOSS.>", id);

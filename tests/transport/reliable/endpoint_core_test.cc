@@ -76,6 +76,8 @@ const Step kNumbersJump = {[](CoreWire& wire) {
                            },
                            ""};
 
+const Step kLittleRoom = {[](CoreWire& wire) { wire.core.share.most = 2'000; }, ""};
+
 TEST(EndpointCore, GoesThroughConversations) {
     const struct {
         const char* name;
@@ -109,6 +111,12 @@ TEST(EndpointCore, GoesThroughConversations) {
          {kPeerOpens, fragment(2, {4236, 2, 0}, "ACK 1/3"),
           fragment(3, {4236, 2, 2824}, "ACK 1/4; in lost 4236"),
           fragment(4, {4236, 2, 2824}, "ACK 1/5"), peer({0, 5, 2, 1}, "ACK 1/6; 1 taken")}},
+        {"a message beyond what one peer may have",
+         {kPeerOpens,
+          fragment(2, {kMostReassemblyPeerBytes + 1, 2, 0}, "ACK 1/3; in lost 67174401")}},
+        {"a message beyond what is left of all peers'",
+         {kLittleRoom, kPeerOpens, fragment(2, {4236, 2, 0}, "ACK 1/3"),
+          fragment(3, {4236, 2, 1412}, "ACK 1/4; in lost 4236")}},
         {"a fragment's number taken by another packet",
          {kPeerOpens, fragment(2, {4236, 2, 0}, "ACK 1/3"),
           peer({0, 3, 2, 1}, "ACK 1/4; 1 taken; in lost 4236"),

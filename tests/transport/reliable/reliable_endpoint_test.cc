@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <limits>
 #include <map>
@@ -23,13 +22,13 @@
 
 namespace {
 
-using Seconds = std::chrono::duration<double>;
+constexpr double kNoLimit = std::numeric_limits<double>::infinity();
 
 template <typename Condition>
 bool within(double seconds, Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + Seconds(seconds);
+    const double end = clockSteadySeconds() + seconds;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) return false;
+        if (clockSteadySeconds() >= end) return false;
         (void)poll(nullptr, 0, 1);
     }
     return true;
@@ -58,17 +57,13 @@ struct End : NoCopy {
 
     End() = default;
     explicit End(uint16_t port) { EXPECT_EQ(open(port), kStatusSuccess); }
-    ~End() { close(false); }
+    ~End() { close(); }
 
     pelmoStatus open(uint16_t port) {
         return ReliableEndpoint_Open(&endpoint, kLoopbackHost, port, onData, onLoss,
                                      reinterpret_cast<uintptr_t>(this));
     }
-    EndpointUnsent close(bool flushes) {
-        constexpr double kNoLimit = std::numeric_limits<double>::infinity();
-        return closeBy(flushes ? kNoLimit : 0);
-    }
-    EndpointUnsent closeBy(double deadline) {
+    EndpointUnsent close(double deadline = 0) {
         EndpointUnsent unsent = {};
         ReliableEndpoint* const closed = std::exchange(endpoint, nullptr);
         EXPECT_TRUE(closed == nullptr || ReliableEndpoint_Close(closed, deadline, &unsent));
@@ -87,7 +82,7 @@ struct End : NoCopy {
         for (uint32_t i = 0; i < messages->count; ++i)
             self->take(static_cast<pelmoMsg*>(messages->items[i]));
         if (self->closesItself) {
-            self->close(false);
+            self->close();
             self->closesItself = false;
         }
     }
@@ -154,7 +149,7 @@ TEST_F(ReliableEndpoints, CarryEverythingBetweenEight) {
         };
         EXPECT_TRUE(within(60, areTaken));
         for (End& end : ends) {
-            end.close(true);
+            end.close(kNoLimit);
             EXPECT_TRUE(end.outOfOrder == 0 && end.lost == 0);
         }
     }
@@ -239,7 +234,7 @@ TEST_F(ReliableEndpoints, LetSendersWait) {
             wire.write({DatagramWire::kId, id, 1, ack, 0});
             (void)wire.read();
         }
-        end.close(false);
+        end.close();
         sender.join();
         EXPECT_EQ(status, isRoomMade ? kStatusSuccess : kStatusDeliveryFailed);
     }
@@ -276,7 +271,7 @@ TEST_F(ReliableEndpoints, FlushAsLongAsSomethingMoves) {
             EXPECT_EQ(flags & 8, 8) << "the notice of the close";
         });
         if (c.closesLibrary) pelmo_Close();
-        const EndpointUnsent unsent = end.close(true);
+        const EndpointUnsent unsent = end.close(kNoLimit);
         peer.join();
         EXPECT_TRUE(seen == c.messages && end.lost == 0);
         EXPECT_TRUE(unsent.messages == 0 && unsent.bytes == 0);
@@ -293,7 +288,7 @@ TEST_F(ReliableEndpoints, CountWhatTheyCouldntSend) {
         bytes += imageOf(message.get()).size();
         EXPECT_EQ(end.send(wire.port, message.get()), kStatusSuccess);
     }
-    const EndpointUnsent unsent = end.closeBy(clockSteadySeconds() + 0.01);
+    const EndpointUnsent unsent = end.close(clockSteadySeconds() + 0.01);
     EXPECT_TRUE(unsent.messages == 4 && unsent.bytes == bytes)
         << unsent.messages << " " << unsent.bytes << " of " << bytes;
     EXPECT_EQ(end.lost, 1u) << "and it was reported";
@@ -334,9 +329,9 @@ TEST_F(ReliableEndpoints, CloseUnderTheirSenders) {
             });
         }
         (void)poll(nullptr, 0, round % 3);
-        left.close(round % 4 == 0);
+        left.close(round % 4 == 0 ? kNoLimit : 0);
         isOver = true;
-        right.close(false);
+        right.close();
         for (std::thread& sender : senders)
             sender.join();
         EXPECT_EQ(left.outOfOrder + right.outOfOrder, 0u);
