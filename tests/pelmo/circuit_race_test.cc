@@ -12,17 +12,7 @@ namespace {
 
 constexpr double kForGood = 20;  // seconds, more than any wait takes
 
-struct Circuits : testing::Test {
-    Circuits() { open(); }
-    ~Circuits() override {
-        if (libraryIsOpen()) pelmo_Close();
-    }
-    void open() {
-        EXPECT_EQ(pelmo_Open(), kStatusSuccess);
-        EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
-    }
-    uint32_t dispatcher = kNoId;
-};
+struct Circuits : DaemonFixture {};
 
 // Made and connected by the work queue's own thread.
 struct LivePair {
@@ -157,7 +147,7 @@ TEST_F(Circuits, EndWhileAllGoesOn) {
     open();
 }
 
-using CircuitsOverADaemon = DaemonFixture;
+struct CircuitsOverADaemon : DaemonFixture {};
 
 // The handshake of a peer that doesn't exist: the daemon of these tests passes nothing on.
 uint32_t connectedCircuit(uint32_t transport) {

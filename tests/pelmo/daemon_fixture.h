@@ -13,6 +13,7 @@
 #include "lib/pelmo.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/daemon/link_environment.h"
+#include "tests/support/local_bus.h"
 #include "tests/support/misbehaving_daemon.h"
 #include "tests/support/test.h"
 
@@ -51,12 +52,14 @@ struct CountingListener : NoCopy {
 };
 
 struct DaemonFixture : testing::Test {
-    DaemonFixture() {
-        EXPECT_EQ(pelmo_Open(), kStatusSuccess);
-        EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
-    }
+    DaemonFixture() { open(); }
     ~DaemonFixture() override {
         if (libraryIsOpen()) pelmo_Close();
+    }
+
+    void open() {
+        EXPECT_EQ(pelmo_Open(), kStatusSuccess);
+        EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
     }
 
     pelmoStatus create(const MisbehavingDaemon& daemon) {
@@ -64,10 +67,7 @@ struct DaemonFixture : testing::Test {
     }
 
     pelmoStatus sendText(const char* subject, const std::string& text) const {
-        const Message message = newMessage();
-        EXPECT_EQ(pelmoMsg_AddString(message.get(), "text", text.c_str(), 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_SetSendSubject(message.get(), subject), kStatusSuccess);
-        return pelmoTransport_Send(transport, message.get());
+        return ::sendText(transport, subject, text.c_str());
     }
 
     // Returns once the sender waits: a daemon that reads nothing has left it no room.

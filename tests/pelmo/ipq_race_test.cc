@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
 #include <thread>
 
 #include "lib/msg/message_internal.h"
@@ -24,7 +25,6 @@ struct Reader {
     std::atomic<uint64_t> next{1};
     std::atomic<uint32_t> errors{0};
     std::atomic<uint32_t> gone{0};
-    bool isNumbered = true;
     std::function<void(Ipq*)> onBatch, onError;
 
     void await(uint64_t count) const {
@@ -36,9 +36,8 @@ struct Reader {
     static void read(Ipq* ipq, std::span<pelmoMsg* const> messages, void* closure) {
         auto* const self = static_cast<Reader*>(closure);
         for (pelmoMsg* message : messages) {
-            uint64_t number = 0;
-            if (self->isNumbered) {
-                EXPECT_EQ(pelmoMsg_GetU64(message, "n", &number, 0), kStatusSuccess);
+            uint64_t number = 0;  // where there is one
+            if (pelmoMsg_GetU64(message, "n", &number, 0) == kStatusSuccess) {
                 EXPECT_EQ(number, self->next.load());
             }
             ++self->next;
@@ -54,35 +53,26 @@ struct Reader {
     static void close(void* closure) { ++static_cast<Reader*>(closure)->gone; }
 };
 
-// Two queues with a connection between them.
+// Two queues with a connection between them, which renew() makes.
 struct Queues : testing::Test {
     Ipq* sender = nullptr;
     Ipq* receiver = nullptr;
-    Reader fromSender;    // read by the receiver
-    Reader fromReceiver;  // read by the sender
-    uint64_t number = 0;
+    std::optional<Reader> fromSender;    // read by the receiver
+    std::optional<Reader> fromReceiver;  // read by the sender
 
-    void SetUp() override {
-        ASSERT_EQ(pelmo_Open(), kStatusSuccess);
-        connectPair();
-    }
+    void SetUp() override { ASSERT_EQ(pelmo_Open(), kStatusSuccess); }
     void TearDown() override {
         endPair();
         EXPECT_EQ(pelmo_Close(), kStatusSuccess);
     }
     void endPair() {
-        if (sender != nullptr) end(sender, fromReceiver);
-        if (receiver != nullptr) end(receiver, fromSender);
+        if (sender != nullptr) end(sender, *fromReceiver);
+        if (receiver != nullptr) end(receiver, *fromSender);
     }
-    // Another pair, whose messages needn't be numbered.
     void renew() {
         endPair();
-        for (Reader* reader : {&fromSender, &fromReceiver}) {
-            reader->next = 1;
-            reader->errors = reader->gone = 0;
-            reader->isNumbered = false;
-            reader->onBatch = reader->onError = nullptr;
-        }
+        fromSender.emplace();
+        fromReceiver.emplace();
         connectPair();
     }
 
@@ -99,8 +89,8 @@ struct Queues : testing::Test {
         socketSetMode(server, SocketMode::kBlocking);
         ASSERT_EQ(socketAccept(server, &accepted, kFirstIoQueueId), kSocketDone);
         socketDestroy(server);
-        sender = make(client, fromReceiver);
-        receiver = make(accepted, fromSender);
+        sender = make(client, *fromReceiver);
+        receiver = make(accepted, *fromSender);
     }
     static Ipq* make(Socket* socket, Reader& reader) {
         Ipq* ipq = nullptr;
@@ -114,17 +104,15 @@ struct Queues : testing::Test {
         while (reader.gone == 0)
             std::this_thread::yield();
     }
-
-    // A message of about that size with the next number.
-    Message numbered(uint32_t size) {
-        Message message = newMessage();
-        const Bytes pad(size);
-        EXPECT_EQ(pelmoMsg_AddU64(message.get(), "n", ++number, 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_AddOpaque(message.get(), "pad", pad.data(), size, 0), kStatusSuccess);
-        return message;
-    }
-    pelmoStatus send(uint32_t size) { return ipqSend(sender, numbered(size).get(), false); }
 };
+
+// Of about that size.
+Message padded(uint32_t size) {
+    Message message = newMessage();
+    const Bytes pad(size);
+    EXPECT_EQ(pelmoMsg_AddOpaque(message.get(), "pad", pad.data(), size, 0), kStatusSuccess);
+    return message;
+}
 
 // A reader that stops now and then holds the sender back, and nothing is lost or doubled.
 struct Stalls : Queues {
@@ -134,9 +122,10 @@ struct Stalls : Queues {
     static constexpr uint64_t kStallEvery = 5;
 
     void stallsWhileCarrying(uint64_t count, uint32_t (*size)(Random&)) {
+        renew();
         ASSERT_EQ(ipqSetBlockWhenFull(sender, true), kStatusSuccess);
-        fromSender.onBatch = [this](Ipq* ipq) {
-            if (fromSender.next.load() % kStallEvery != 0) return;
+        fromSender->onBatch = [this](Ipq* ipq) {
+            if (fromSender->next.load() % kStallEvery != 0) return;
             EXPECT_EQ(ipqPauseReading(ipq), kStatusSuccess);
             Stall none = Stall::kNone;  // after the pause, so that the resume is, too
             if (stalls.compare_exchange_strong(none, Stall::kPaused)) stalls.notify_one();
@@ -150,10 +139,12 @@ struct Stalls : Queues {
         });
         uint64_t most = 0;
         for (uint64_t i = 0; i < count; ++i) {
-            ASSERT_EQ(send(size(random)), kStatusSuccess);
+            const Message message = padded(size(random));
+            ASSERT_EQ(pelmoMsg_AddU64(message.get(), "n", i + 1, 0), kStatusSuccess);
+            ASSERT_EQ(ipqSend(sender, message.get(), false), kStatusSuccess);
             most = std::max(most, ipqBacklog(sender).bytes);
         }
-        fromSender.await(count);
+        fromSender->await(count);
         stalls = Stall::kEnd;
         stalls.notify_one();
         resumer.join();
@@ -172,13 +163,6 @@ TEST_F(Stalls, DISABLED_CarryTenMillion) {
         const uint32_t most[] = {100, 100, 100, 300, 3'000, 300, 100, kMostPadBytes};
         return 1 + from() % most[from() % 64 == 0 ? 7 : from() % 7];
     });
-}
-
-Message padded(uint32_t size) {
-    Message message = newMessage();
-    const Bytes pad(size);
-    EXPECT_EQ(pelmoMsg_AddOpaque(message.get(), "pad", pad.data(), size, 0), kStatusSuccess);
-    return message;
 }
 
 void awaitWritersThatWait(Ipq* ipq, uint32_t count) {
@@ -205,7 +189,7 @@ TEST_F(Queues, WakeWritersThatWait) {
         {"close", [&] { EXPECT_EQ(ipqClose(sender, false, Reader::close), kStatusSuccess); },
          kStatusDaemonNotConnected},
         {"interrupt", [&] { ipqInterrupt(sender); }, kStatusInvalidIoSource},
-        {"peer", [&] { end(receiver, fromSender); }, kStatusInvalidIoSource},
+        {"peer", [&] { end(receiver, *fromSender); }, kStatusInvalidIoSource},
     };
     for (const Case& c : cases) {
         renew();
@@ -241,14 +225,14 @@ TEST_F(Queues, HandlersNeverWait) {
     ASSERT_EQ(ipqSetBlockWhenFull(sender, true), kStatusSuccess);
     ipqSetWaitLimit(sender, 1'000);
     constexpr uint64_t kAnswers = 200;
-    fromReceiver.onBatch = [](Ipq* ipq) {
+    fromReceiver->onBatch = [](Ipq* ipq) {
         const Message answer = padded(100'000);
         for (uint64_t i = 0; i < kAnswers; ++i)
             EXPECT_EQ(ipqSend(ipq, answer.get(), false), kStatusSuccess);
         EXPECT_GT(ipqBacklog(ipq).bytes, 1'000'000u);
     };
     ASSERT_EQ(ipqSend(receiver, padded(1).get(), false), kStatusSuccess);
-    fromReceiver.await(1);
+    fromReceiver->await(1);
 
     // Nor does a callback of the application on the IO queue.
     int ends[2];
@@ -268,7 +252,7 @@ TEST_F(Queues, HandlersNeverWait) {
         (void)poll(nullptr, 0, 1);
     EXPECT_EQ(answering, nullptr);
     ASSERT_EQ(ipqResume(receiver), kStatusSuccess);
-    fromSender.await(kAnswers + 1);
+    fromSender->await(kAnswers + 1);
     close(ends[0]);
     close(ends[1]);
 }
@@ -307,11 +291,11 @@ TEST_F(Queues, CloseWhileAllGoesOn) {
     for (uint32_t round = 0; round < 36; ++round) {
         renew();
         const bool graceful = round % 2 == 0;
-        fromReceiver.onError = fromSender.onError = closeOf(false);
+        fromReceiver->onError = fromSender->onError = closeOf(false);
         const auto closeSoon = [&closeOf, count = 0](Ipq* ipq) mutable {
             if (++count == 20) closeOf(false)(ipq);  // both ends have one thread
         };
-        if (round % 3 == 0) fromReceiver.onBatch = closeSoon;
+        if (round % 3 == 0) fromReceiver->onBatch = closeSoon;
         ipqRetain(sender);
         ipqRetain(receiver);
         for (Ipq* ipq : {sender, receiver}) {
@@ -324,19 +308,19 @@ TEST_F(Queues, CloseWhileAllGoesOn) {
         std::vector<std::thread> users;
         for (uint32_t i = 0; i < 4; ++i)
             users.emplace_back(useUntilEnd, i % 2 == 0 ? sender : receiver, round * 4 + i);
-        while (round % 3 != 0 && fromSender.next < 50)
+        while (round % 3 != 0 && fromSender->next < 50)
             std::this_thread::yield();
         if (round % 3 == 1) ipqInterrupt(sender);
         if (round % 3 != 0) closeOf(graceful)(sender);
         for (std::thread& user : users)
             user.join();
-        while (fromSender.errors + fromReceiver.errors == 0)
+        while (fromSender->errors + fromReceiver->errors == 0)
             std::this_thread::yield();
         closeOf(false)(sender);
         closeOf(false)(receiver);
         ipqRelease(std::exchange(sender, nullptr));
         ipqRelease(std::exchange(receiver, nullptr));
-        while (fromSender.gone + fromReceiver.gone < 2)
+        while (fromSender->gone + fromReceiver->gone < 2)
             std::this_thread::yield();
     }
 }
