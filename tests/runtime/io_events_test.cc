@@ -1,7 +1,12 @@
 #include "lib/runtime/io_events.h"
 
+#include <sys/eventfd.h>
+
+#include <cmath>
+#include <cstdio>
 #include <latch>
 
+#include "lib/runtime/event_internal.h"
 #include "lib/runtime/event_manager.h"
 #include "lib/runtime/socket_error.h"
 #include "tests/runtime/event_stand.h"
@@ -81,6 +86,28 @@ TEST_F(IoEvents, TakeOneEventForEachSocketAndCondition) {
     EXPECT_EQ(pass().size(), 1u);  // of the four, one can write
 }
 
+// A reader learns of the end of its pipe.
+TEST_F(IoEvents, WatchWhatPollCanWaitFor) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const int counter = eventfd(0, 0);
+    FILE* const file = std::tmpfile();
+    for (const int wrong : {fileno(file), 1'000'000, -1}) {
+        EXPECT_EQ(watch(stand.queue, wrong), kNoId);
+        EXPECT_EQ(status, kStatusInvalidIoSource) << wrong;
+    }
+    const uint32_t counts = watch(stand.queue, counter), reads = watch(stand.queue, ends[0]);
+    EXPECT_EQ(pass(), Fired{});
+    EXPECT_EQ(eventfd_write(counter, 1), 0);
+    EXPECT_EQ(pass(), Fired{counts});
+    EXPECT_EQ(pelmoEvent_DestroyEx(counts, nullptr), kStatusSuccess);
+    close(ends[1]);
+    EXPECT_EQ(pass(), Fired{reads});
+    close(ends[0]);
+    close(counter);
+    std::fclose(file);
+}
+
 TEST_F(IoEvents, FireForASocketThatWasClosed) {
     int lost = dup(pair.ends[0]);
     const uint32_t dead = watch(stand.queue, lost);
@@ -107,6 +134,64 @@ TEST_F(IoEvents, AreStillThereAfterAPostWithoutMemory) {
     }
     EXPECT_EQ(countOf(stand.queue), 0u);
     EXPECT_EQ(pass(), Fired{event});
+}
+
+// Any event: what its calls check, when it is armed again, how it ends.
+struct Events : IoEvents {};
+
+TEST_F(Events, CheckTheirArgumentsInOrder) {
+    uint32_t event = kNoId;
+    for (const double interval : {-0.001, -HUGE_VAL, std::nan("")}) {
+        EXPECT_EQ(pelmoEvent_CreateTimer(&event, 4'711, nullptr, interval, nullptr),
+                  kStatusInvalidCallback);
+        EXPECT_EQ(pelmoEvent_CreateTimer(&event, 4'711, ignoreEvent, interval, nullptr),
+                  kStatusInvalidInterval);
+        EXPECT_EQ(pelmoEvent_ResetTimerInterval(1, interval), kStatusInvalidInterval);
+    }
+    EXPECT_EQ(pelmoEvent_CreateIO(nullptr, 4'711, nullptr, -1, kIoRead, nullptr),
+              kStatusInvalidCallback);
+    EXPECT_EQ(pelmoEvent_CreateListener(&event, 4'711, nullptr, 10, "A", nullptr),
+              kStatusInvalidCallback);
+    EXPECT_EQ(event, kNoId);
+}
+
+// A timer runs on through a long callback, while a socket that stays ready can't fire into it.
+TEST_F(Events, RearmTimersBeforeTheirCallbackAndSocketsAfterIt) {
+    static const auto isArmed = [](uint32_t id) {
+        const Event* const record = recordOf<Event>(id);
+        return record->kind == kEventTimer ? record->timer.place != 0
+                                           : Event_UnregisterIO(recordOf<Event>(id)) == 0;
+    };
+    const auto noteArmed = [](uint32_t id, pelmoMsg*, void* armed) {
+        static_cast<std::vector<bool>*>(armed)->push_back(isArmed(id));
+    };
+    std::vector<bool> armed;
+    uint32_t event = kNoId;
+    stand.timer(1, noteArmed, &armed);
+    EXPECT_EQ(stand.fire(1), 1u);
+    ASSERT_EQ(pelmoEvent_CreateIO(&event, stand.queue, noteArmed, pair.ends[0], kIoWrite, &armed),
+              kStatusSuccess);
+    stand.ioPass();
+    EXPECT_EQ(dispatchAll(stand.queue), 2u);
+    EXPECT_EQ(armed, (std::vector<bool>{true, false}));
+    EXPECT_TRUE(isArmed(event));
+}
+
+// With no callback running the completion runs at once, also without a queue; what was posted is
+// dropped.
+TEST_F(Events, EndAtOnceWhileTheyOnlyWait) {
+    for (const bool withQueue : {true, false}) {
+        bool isDone = false;
+        const auto done = [](uint32_t, void* flag) { *static_cast<bool*>(flag) = true; };
+        const auto run = [](uint32_t, pelmoMsg*, void*) { ADD_FAILURE() << "after its end"; };
+        const uint32_t event = stand.timer(1, run, &isDone);
+        if (!withQueue) pelmoQueue_DestroyEx(stand.queue, nullptr, nullptr);
+        EXPECT_EQ(stand.fire(1), 1u);
+        EXPECT_EQ(pelmoEvent_DestroyEx(event, done), kStatusSuccess);
+        EXPECT_EQ(pelmoEvent_DestroyEx(event, done), kStatusInvalidEvent);
+        EXPECT_TRUE(isDone);
+        dispatchAll(stand.queue);
+    }
 }
 
 // The set itself: events without sockets, and passes without a poll.

@@ -2,7 +2,10 @@
 #include <cmath>
 #include <cstring>
 #include <span>
+#include <utility>
 
+#include "lib/runtime/post.h"
+#include "lib/runtime/queue_group_internal.h"
 #include "lib/runtime/queue_internal.h"
 #include "tests/support/runtime_objects.h"
 
@@ -23,16 +26,6 @@ pelmoMsg* push(uint32_t queue, uint32_t event, Ring ring = kPending) {
     return message;
 }
 
-TEST_F(Queues, AreForPollsOrForDispatch) {
-    pelmoMsg* message = nullptr;
-    uint32_t count = 0;
-    EXPECT_EQ(pelmoQueue_Poll(queue, &message, 0), kStatusNotPermitted);
-    EXPECT_EQ(pelmoQueue_PollMany(queue, &message, 1, &count, 0), kStatusNotPermitted);
-    EXPECT_EQ(pelmoQueue_SetHook(synchronous, nullptr, nullptr), kStatusNotPermitted);
-    EXPECT_EQ(pelmoQueue_SetLimitPolicy(synchronous, 0, 0, 0), kStatusNotPermitted);
-    EXPECT_EQ(pelmoQueue_TimedDispatch(synchronous, 0), kStatusNotPermitted);
-}
-
 TEST_F(Queues, LimitTheirArgumentsFirst) {
     ASSERT_EQ(Queue_Create(nullptr, kDefaultQueueId, "1", false, false), kStatusSuccess);
     constexpr pelmoStatus kConflict = kStatusArgumentsConflict;
@@ -48,53 +41,56 @@ TEST_F(Queues, LimitTheirArgumentsFirst) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.policy << ' ' << row.most << ' ' << row.discard);
-        const auto set = [&row](uint32_t id) {
-            return pelmoQueue_SetLimitPolicy(id, row.policy, row.most, row.discard);
-        };
         const bool agrees = row.status == kStatusSuccess;
-        EXPECT_EQ(set(queue), row.status);
-        EXPECT_EQ(set(kDefaultQueueId), agrees ? kStatusNotPermitted : kConflict);
+        for (const uint32_t id : {queue, kDefaultQueueId}) {
+            EXPECT_EQ(pelmoQueue_SetLimitPolicy(id, row.policy, row.most, row.discard),
+                      agrees && id != queue ? kStatusNotPermitted : row.status);
+        }
     }
-    // Nor does it end while the library is open.
+    // A queue is for polls or for dispatch.
+    pelmoMsg* message = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(pelmoQueue_Poll(queue, &message, 0), kStatusNotPermitted);
+    EXPECT_EQ(pelmoQueue_PollMany(queue, &message, 1, &count, 0), kStatusNotPermitted);
+    EXPECT_EQ(pelmoQueue_SetHook(synchronous, nullptr, nullptr), kStatusNotPermitted);
+    EXPECT_EQ(pelmoQueue_SetLimitPolicy(synchronous, 0, 0, 0), kStatusNotPermitted);
+    EXPECT_EQ(pelmoQueue_TimedDispatch(synchronous, 0), kStatusNotPermitted);
+    // The library's own don't end while it is open.
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusNotPermitted);
     libraryOpen = false;
     EXPECT_EQ(pelmoQueue_DestroyEx(kDefaultQueueId, nullptr, nullptr), kStatusSuccess);
 }
 
-struct Discard {
-    uint32_t policy, amount;
-    const char* before;  // L: a listener's, D: of an event that is gone, T: a timer's
-    const char* after;   // '.' where one went
-};
-
-// With the first `inReady` entries in the one ring and the others in the other.
-void checkDiscard(const Discard& row, size_t inReady) {
-    SCOPED_TRACE(testing::Message() << row.policy << ' ' << row.before << ' ' << inReady);
-    const uint32_t queue = makeQueue();
-    const TestEvent listener(kEventListener, queue), timer(kEventTimer, queue);
-    std::vector<const pelmoMsg*> expected;
-    for (size_t i = 0; row.before[i] != '\0'; ++i) {
-        const char kind = row.before[i];
-        const uint32_t event = kind == 'L' ? listener.id : kind == 'T' ? timer.id : 0;
-        const pelmoMsg* entry = push(queue, event, i < inReady ? kReady : kPending);
-        if (row.after[i] != '.') expected.push_back(entry);
-    }
-    EXPECT_EQ(pelmoQueue_SetLimitPolicy(queue, row.policy, row.amount, row.amount), kStatusSuccess);
-    EXPECT_EQ(entriesOf(queue), expected);
-    EXPECT_EQ(countOf(queue), expected.size());
-}
-
+// L: a listener's, D: of an event that is gone, T: a timer's; '.' where one went. Any number of the
+// first entries is in the one ring, the others in the other.
 TEST_F(Queues, DropWhatTheirPolicySaysInEitherRing) {
-    const Discard rows[] = {
+    const struct {
+        uint32_t policy, amount;
+        const char *before, *after;
+    } rows[] = {
         {kLimitDiscardNew, 1, "LLLL", "LLLL"},       {kLimitDiscardFirst, 1, "LLLL", ".LLL"},
         {kLimitDiscardFirst, 3, "LLTDLT", "..T.LT"}, {kLimitDiscardFirst, 3, "TLTLTTT", "T.T.TTT"},
         {kLimitDiscardLast, 1, "LLLL", "LLL."},      {kLimitDiscardLast, 2, "LTLDTT", "LT..TT"},
         {kLimitDiscardLast, 1, "TTT", "TTT"},        {kLimitDiscardLast, 2, "DTTT", ".TTT"},
         {kLimitDiscardFirst, 2, "LL", "LL"},  // not above the limit
     };
-    for (const Discard& row : rows) {
-        for (size_t inReady = 0; inReady <= std::strlen(row.before); ++inReady)
-            checkDiscard(row, inReady);
+    const TestEvent listener(kEventListener, queue), timer(kEventTimer, queue);
+    for (const auto& [policy, amount, before, after] : rows) {
+        for (size_t inReady = 0; inReady <= std::strlen(before); ++inReady) {
+            SCOPED_TRACE(testing::Message() << policy << ' ' << before << ' ' << inReady);
+            const uint32_t limited = makeQueue();
+            std::vector<const pelmoMsg*> expected;
+            for (size_t i = 0; before[i] != '\0'; ++i) {
+                const uint32_t event = before[i] == 'L'   ? listener.id
+                                       : before[i] == 'T' ? timer.id
+                                                          : kNoId;
+                const pelmoMsg* entry = push(limited, event, i < inReady ? kReady : kPending);
+                if (after[i] != '.') expected.push_back(entry);
+            }
+            EXPECT_EQ(pelmoQueue_SetLimitPolicy(limited, policy, amount, amount), kStatusSuccess);
+            EXPECT_EQ(entriesOf(limited), expected);
+            EXPECT_EQ(countOf(limited), expected.size());
+        }
     }
 }
 
@@ -146,6 +142,112 @@ TEST_F(Queues, EndTheirPollsWithThemAndWithTheLibrary) {
         EXPECT_EQ(pelmoQueue_DestroyEx(polled, nullptr, nullptr), kStatusSuccess);
         forever.join();
         longTime.join();
+    }
+}
+
+using Ids = std::vector<uint32_t>;
+
+Ids queuesOf(uint32_t group) {
+    Held<QueueGroup> held;
+    EXPECT_EQ(held.findLocked(group), kStatusSuccess);
+    return idsIn(held->queues);
+}
+
+Ids groupsOf(uint32_t queue) {
+    Held<Queue> held;
+    EXPECT_EQ(held.findLocked(queue), kStatusSuccess);
+    return idsIn(held->groups);
+}
+
+// Has the group been signalled since it was last asked?
+bool wasSignalled(uint32_t group) {
+    return std::exchange(recordOf<QueueGroup>(group)->cond.signalled, false);
+}
+
+// In the group, in the order of the list.
+Ids makeQueuesIn(uint32_t group, std::initializer_list<uint32_t> priorities) {
+    Ids queues;
+    for (const uint32_t priority : priorities) {
+        queues.push_back(makeQueue());
+        EXPECT_EQ(pelmoQueue_SetPriority(queues.back(), priority), kStatusSuccess);
+        EXPECT_EQ(pelmoQueueGroup_Add(group, queues.back()), kStatusSuccess);
+    }
+    return queues;
+}
+
+struct Groups : testing::Test {
+    RuntimeTables tables;
+    uint32_t group = makeGroup();
+};
+
+TEST_F(Groups, KeepTheHighestPriorityFirstAndTheFirstOfEqualOnes) {
+    const Ids q = makeQueuesIn(group, {1, 3, 2, 3, 1, 2});
+    EXPECT_EQ(queuesOf(group), (Ids{q[1], q[3], q[2], q[5], q[0], q[4]}));
+    const struct {
+        size_t queue;
+        uint32_t priority;
+        Ids order;
+    } changes[] = {
+        {1, 2, {q[3], q[2], q[5], q[1], q[0], q[4]}},  // after those that were there
+        {4, 9, {q[4], q[3], q[2], q[5], q[1], q[0]}},
+        {3, 0, {q[4], q[2], q[5], q[1], q[0], q[3]}},
+        {2, 2, {q[4], q[2], q[5], q[1], q[0], q[3]}},  // none: it keeps its place
+    };
+    for (const auto& change : changes) {
+        EXPECT_EQ(pelmoQueue_SetPriority(q[change.queue], change.priority), kStatusSuccess);
+        EXPECT_EQ(queuesOf(group), change.order);
+    }
+    // A queue that joins moves itself alone: this one's own change is still to come.
+    recordOf<Queue>(q[0])->priority = 7;
+    EXPECT_EQ(pelmoQueueGroup_Add(group, makeQueue()), kStatusSuccess);
+    EXPECT_EQ(queuesOf(group)[4], q[0]);
+    for (const uint32_t queue : {q[4], q[0], queuesOf(group)[5]})
+        EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
+    EXPECT_EQ(queuesOf(group), (Ids{q[2], q[5], q[1], q[3]}));
+}
+
+TEST_F(Groups, AndQueuesKnowEachOtherUntilOneIsRemoved) {
+    const uint32_t other = makeGroup(), queue = makeQueue(), synchronous = makeQueue(true);
+    EXPECT_FALSE(wasSignalled(group));
+    for (const uint32_t each : {group, group, other})
+        EXPECT_EQ(pelmoQueueGroup_Add(each, queue), kStatusSuccess);
+    EXPECT_TRUE(wasSignalled(group));
+    EXPECT_EQ(groupsOf(queue), (Ids{group, other}));
+
+    EXPECT_EQ(pelmoQueueGroup_Add(group, synchronous), kStatusNoMemory);
+    EXPECT_EQ(pelmoQueueGroup_Add(queue, kNoId), kStatusInvalidQueue);  // looked at first
+    EXPECT_EQ(pelmoQueueGroup_Remove(group, synchronous), kStatusInvalidQueue);
+    EXPECT_EQ(queuesOf(group), Ids{queue});
+
+    EXPECT_EQ(pelmoQueueGroup_Remove(group, queue), kStatusSuccess);
+    EXPECT_EQ(pelmoQueueGroup_Remove(group, queue), kStatusInvalidQueue);
+    EXPECT_EQ(groupsOf(queue), Ids{other});
+    EXPECT_EQ(queuesOf(group), Ids{});
+}
+
+// A queue goes on naming groups that are gone until it visits its groups.
+TEST_F(Groups, AreAllSignalledByAPostHoweverMany) {
+    for (const size_t many : {1u, 2u, 33u, 70u}) {
+        const uint32_t queue = makeQueue();
+        const TestEvent timer(kEventTimer, queue);
+        Ids named, alive;
+        for (size_t i = 0; i < many; ++i) {
+            named.push_back(makeGroup());
+            EXPECT_EQ(pelmoQueueGroup_Add(named[i], queue), kStatusSuccess);
+            EXPECT_TRUE(wasSignalled(named[i]));
+            if (i % 3 != 1) alive.push_back(named[i]);
+        }
+        for (size_t i = 1; i < many; i += 3)
+            EXPECT_EQ(pelmoQueueGroup_Destroy(named[i]), kStatusSuccess);
+        EXPECT_EQ(groupsOf(queue), named);
+        EXPECT_EQ(Event_Post(timer.event), kStatusSuccess);
+        EXPECT_EQ(groupsOf(queue), alive);
+        EXPECT_EQ(pelmoQueue_SetPriority(queue, 5), kStatusSuccess);
+        for (const uint32_t each : alive)
+            EXPECT_TRUE(wasSignalled(each)) << many;
+        EXPECT_EQ(pelmoQueue_DestroyEx(queue, nullptr, nullptr), kStatusSuccess);
+        for (const uint32_t each : alive)
+            EXPECT_EQ(queuesOf(each), Ids{});
     }
 }
 

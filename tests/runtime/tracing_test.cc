@@ -6,10 +6,8 @@
 #include <sstream>
 
 #include "lib/base/log.h"
-#include "lib/msg/envelope_internal.h"
-#include "lib/msg/message_typed.h"
 #include "tests/runtime/event_stand.h"
-#include "tests/support/message_values.h"
+#include "tests/support/local_bus.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
@@ -151,14 +149,6 @@ TEST_F(Tracing, WritesALineForEachCall) {
     EXPECT_EQ(written(), expected);
 }
 
-// {a=1}
-Message messageOn(const char* subject) {
-    Message message = newMessage();
-    EXPECT_EQ(pelmoMsg_AddI32(message.get(), "a", 1, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_SetSendSubject(message.get(), subject), kStatusSuccess);
-    return message;
-}
-
 TEST_F(Tracing, FiltersMessagesBySubject) {
     start("RECV=A.>,RECV=B.>,TPORT");
     for (const char* subject : {"A.x", "B", "B.y.z", "C.x"}) {
@@ -178,12 +168,12 @@ TEST_F(Tracing, FiltersMessagesBySubject) {
     EXPECT_EQ(Trace_Message(kTraceReceive, odd.get(), "x"), kStatusInvalidSubject);
     EXPECT_EQ(Trace_Message(kTraceEvents, nullptr, "x"), kStatusSuccess);  // off
     const Lines expected = {
-        "[RECV] got 5: (A.x) {a=1}",
-        "[RECV] closed: (A.x) {sub=[A.x] mtype=\"D\" data={a=1}}",
-        "[RECV] got 5: (B.y.z) {a=1}",
-        "[RECV] closed: (B.y.z) {sub=[B.y.z] mtype=\"D\" data={a=1}}",
+        "[RECV] got 5: (A.x) {text=\"text\"}",
+        "[RECV] closed: (A.x) {sub=[A.x] mtype=\"D\" data={text=\"text\"}}",
+        "[RECV] got 5: (B.y.z) {text=\"text\"}",
+        "[RECV] closed: (B.y.z) {sub=[B.y.z] mtype=\"D\" data={text=\"text\"}}",
         "[RECV] no message",
-        "[TPORT] sent: (Q) {a=1}",
+        "[TPORT] sent: (Q) {text=\"text\"}",
     };
     EXPECT_EQ(written(), expected);
 }

@@ -1,6 +1,5 @@
 #include "lib/runtime/wakeup_pair.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <algorithm>
