@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <latch>
 #include <limits>
 #include <string>
 #include <thread>
@@ -25,32 +24,11 @@ bool isTaken(Lock& lock) {
     return taken;
 }
 
-TEST(Lock, IsLeftAsOftenAsItWasTaken) {
-    Lock* made = nullptr;
-    ASSERT_EQ(Lock_Create(&made, LockRank::kLeaf), kStatusSuccess);
-    static constinit Lock ready = PELMO_LOCK_READY(LockRank::kLeaf);
-    for (Lock* lock : {made, &ready}) {
-        Lock_Enter(lock);
-        Lock_Enter(lock);
-        Lock_Leave(lock);
-        EXPECT_TRUE(isTaken(*lock));
-        Lock_Leave(lock);
-        EXPECT_FALSE(isTaken(*lock));
-    }
-    EXPECT_EQ(Lock_Destroy(made), kStatusSuccess);
-}
-
 constexpr double kLong = 60;  // no wait takes that long in a good run
 
 struct Condition : testing::Test {
-    Condition() {
-        EXPECT_EQ(Lock_Init(&lock, LockRank::kLeaf), kStatusSuccess);
-        EXPECT_EQ(Cond_Init(&cond), kStatusSuccess);
-    }
-    ~Condition() override {
-        Cond_Destroy(&cond);
-        Lock_Destroy(&lock);
-    }
+    Condition() { EXPECT_EQ(Cond_Init(&cond), kStatusSuccess); }
+    ~Condition() override { Cond_Destroy(&cond); }
 
     template <typename Test>
     void awaitUnderLock(Test test) {
@@ -60,7 +38,7 @@ struct Condition : testing::Test {
         }
     }
 
-    Lock lock;
+    Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
     Cond cond;
     std::vector<std::jthread> threads;
 };
@@ -105,22 +83,6 @@ TEST_F(Condition, TimesOutWithTheLockHeldAgain) {
         EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), isLong ? kStatusSuccess : kStatusTimeout);
         EXPECT_TRUE(isTaken(lock));
     }
-}
-
-TEST(Thread, DoesNotWaitForItself) {
-    static std::latch published(1);  // the record
-    static Thread* thread;
-    const auto body = [](void*) {
-        published.wait();
-        EXPECT_TRUE(Thread_IsCurrent(thread));
-        EXPECT_EQ(Thread_Join(thread), kStatusOsError);
-    };
-    ASSERT_EQ(Thread_Create(&thread, body, nullptr), kStatusSuccess);
-    EXPECT_FALSE(Thread_IsCurrent(thread));
-    published.count_down();
-    EXPECT_EQ(Thread_Join(thread), kStatusSuccess);
-    EXPECT_EQ(Thread_Join(thread), kStatusSuccess);
-    EXPECT_EQ(Thread_Destroy(thread), kStatusSuccess);
 }
 
 TEST(Thread, StartsThroughTheHook) {

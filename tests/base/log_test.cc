@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <map>
-#include <sstream>
 
 #include "lib/base/log_pace.h"
 #include "lib/base/thread.h"

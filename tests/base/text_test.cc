@@ -4,21 +4,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <memory>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "lib/base/bytes.h"
-#include "lib/base/clock.h"
 #include "lib/base/path.h"
-#include "lib/base/timestamp.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
@@ -97,30 +92,6 @@ TEST(Text, SizeIsShortAndWholeOrRefused) {
         EXPECT_EQ(sizeText(value, room, std::strlen(text) + 1), kStatusSuccess);
         EXPECT_STREQ(room, text);
         EXPECT_EQ(sizeText(value, room, std::strlen(text)), kStatusInvalidArgument) << text;
-    }
-}
-
-using Fields = std::array<int64_t, 6>;
-
-constexpr int64_t kYear1 = -62135596800;  // 0001-01-01
-
-Fields split(int64_t seconds) {
-    int64_t year;
-    int32_t month, day, hour, minute, second;
-    dateTimeSplit(seconds, &year, &month, &day, &hour, &minute, &second);
-    return {year, month, day, hour, minute, second};
-}
-
-TEST(DateTime, AgreesWithTheSystemsCalendarFromYear1On) {
-    std::mt19937_64 random(1);
-    std::uniform_int_distribution<int64_t> any(kYear1, 253402300800 * 100);
-    for (int i = 0; i < 20000; ++i) {
-        const time_t seconds = any(random);
-        tm utc;
-        ASSERT_NE(gmtime_r(&seconds, &utc), nullptr);
-        const Fields expected = {utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
-                                 utc.tm_hour,        utc.tm_min,     utc.tm_sec};
-        ASSERT_EQ(split(seconds), expected) << seconds;
     }
 }
 

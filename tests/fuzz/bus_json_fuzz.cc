@@ -1,7 +1,6 @@
 // Any bytes as a line of JSON: what reads as a message is written again, and that line reads back
 // as the same message.
 
-#include <cstring>
 #include <string>
 
 #include "bus/common.h"

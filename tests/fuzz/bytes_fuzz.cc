@@ -4,11 +4,9 @@
 #include <cstring>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "lib/base/bytes.h"
 #include "lib/containers/subject.h"
-#include "lib/containers/sublist.h"
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_internal.h"
 #include "lib/transport/circuit/circuit_count.h"
@@ -134,59 +132,6 @@ void trySpecification(Input data) {
     require(parsed.namesHost || where.address == 0);
 }
 
-// Text that parses again gives a subject of the same text; it is another subject only where bytes
-// from outside held what text can't.
-void checkText(const uint8_t* subject) {
-    char text[kSubjectTextBytes];
-    require(subjectToText(text, sizeof text, subject) == text);
-    require(std::strlen(text) < subjectLength(subject));
-    uint8_t parsed[kSubjectMaxBytes];
-    if (subjectFromText(parsed, sizeof parsed, text) < 0) return;
-    char again[kSubjectTextBytes];
-    require(subjectIsValid(parsed));
-    require(std::strcmp(subjectToText(again, sizeof again, parsed), text) == 0);
-    require(subjectTextSize(text) == static_cast<int32_t>(subjectLength(parsed)) - 4);
-    if (subjectElementCount(parsed) == subjectElementCount(subject)) {
-        require(subjectCompare(parsed, subject) == 0);
-    }
-}
-
-void enterList(SubjectList* list, const uint8_t* subject) {
-    SubjectNode* node = nullptr;
-    require(sublistAdd(list, subject, list, &node));
-    uint8_t rebuilt[kSubjectMaxBytes + 1];
-    require(sublistNodeSubject(node, rebuilt, sizeof rebuilt));
-    require(std::memcmp(rebuilt, subject, subjectLength(subject)) == 0);
-    require(dpaIndexOf(sublistFind(list, subject), list) >= 0);
-    const Dpa* matches = sublistMatch(list, subject);
-    if (!subjectHasWildcard(subject)) require(matches != nullptr);
-}
-
-// Packed subjects in a row: those of sound structure go through text and a subject list, and come
-// back as they went in. Each lies in a block of its own length, so that a read too far is seen.
-void trySubjects(Input left) {
-    SubjectList* list = sublistCreate();
-    std::vector<std::vector<uint8_t>> entered;
-    while (left.size() >= kSubjectHeadBytes) {
-        const size_t declared = subjectLength(left.data());
-        const bool isWhole = declared >= kSubjectHeadBytes && declared <= left.size();
-        const Input subject = left.first(isWhole ? declared : 2);
-        left = left.subspan(subject.size());
-        const std::vector<uint8_t> bytes(subject.begin(), subject.end());
-        if (!isWhole || !subjectIsValid(bytes.data())) continue;
-        checkText(bytes.data());
-        if (subjectElementCount(bytes.data()) == 0) continue;
-        enterList(list, bytes.data());
-        entered.push_back(bytes);
-    }
-    for (const std::vector<uint8_t>& subject : entered) {
-        sublistRemove(list, subject.data(), nullptr, nullptr);
-    }
-    require(list->valueCount == 0 && list->root->only == nullptr && list->root->table == nullptr &&
-            sublistAll(list) == nullptr);
-    sublistDestroy(list);
-}
-
 void checkOffer(pelmoMsg* message, CircuitEnd end) {
     CircuitOffer offer;
     if (!handshakeTakes(end, CircuitState::kWaiting, message, &offer)) return;
@@ -264,8 +209,7 @@ void tryCircuit(Input data) {
     }
 }
 
-constexpr void (*kReaders[])(Input) = {tryHello,         tryReply,    tryStream,
-                                       trySpecification, trySubjects, tryCircuit};
+constexpr void (*kReaders[])(Input) = {tryHello, tryReply, tryStream, trySpecification, tryCircuit};
 
 }  // namespace
 

@@ -2,7 +2,7 @@
 // handlers, scan, statistics, snapshot, report.
 //
 // An input is a row of frames. Some are raw; others get an OSKA head, or a message's, around their
-// bytes, so that the parts behind are reached as well. Each frame lies in a block of exact size.
+// bytes, so that later parts are reached as well. Each frame lies in a block of exact size.
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -4,11 +4,10 @@
 //
 //     input:   row of pieces: | client and flags 1 | size 2, big-endian | bytes ... |
 //
-// Flags: the client's connection is closed first, and then begins anew; it begins after the
+// Flags: the client's connection is closed first, and then begins again; it begins after the
 // handshake; it begins with a session.
 
 #include <algorithm>
-#include <vector>
 
 #include "lib/base/bytes.h"
 #include "lib/containers/dpa.h"

@@ -1,5 +1,5 @@
 // Any datagrams into a pair of endpoints with a live connection, among messages, lost packets,
-// closes and crashes: no message arrives twice, nothing is left behind, and no more memory is held
+// closes and crashes: no message arrives twice, nothing is left, and no more memory is held
 // than what came gives reason for.
 //
 // A datagram's checksum is right, its ids are those of the connection and its numbers count from
@@ -34,7 +34,7 @@ struct Stand {
     uint32_t sent[2] = {};
     std::set<uint32_t> arrived[2];
     uint32_t toLose = 0;
-    bool isForged = false;  // an opening or a reset was made up: both may begin anew
+    bool isForged = false;  // an opening or a reset was made up: both may begin again
     uint64_t givenBytes = 0;
 };
 

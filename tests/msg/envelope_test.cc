@@ -1,3 +1,4 @@
+#include <map>
 #include <optional>
 #include <utility>
 
@@ -7,22 +8,14 @@
 namespace {
 
 TEST(Envelope, IsWrittenToTheByte) {
-    // By a letter: s and r set send and reply subject, S and R take them away, p the port, k a
-    // kind.
-    const auto call = [](char letter, pelmoMsg* msg) {
-        switch (letter) {
-            case 's':
-            case 'S':
-                return pelmoMsg_SetSendSubject(msg, letter == 's' ? "A.B" : nullptr);
-            case 'r':
-            case 'R':
-                return pelmoMsg_SetReplySubject(msg, letter == 'r' ? "R" : nullptr);
-            case 'p':
-                return pelmoMsg_SetSourcePort(msg, 7500);
-            default:
-                return msgSetMtype(msg, "Q");
-        }
-    };
+    // Uppercase letters take away what the lowercase ones set.
+    const std::map<char, pelmoStatus (*)(pelmoMsg*)> calls = {
+        {'s', [](pelmoMsg* msg) { return pelmoMsg_SetSendSubject(msg, "A.B"); }},
+        {'S', [](pelmoMsg* msg) { return pelmoMsg_SetSendSubject(msg, nullptr); }},
+        {'r', [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, "R"); }},
+        {'R', [](pelmoMsg* msg) { return pelmoMsg_SetReplySubject(msg, nullptr); }},
+        {'p', [](pelmoMsg* msg) { return pelmoMsg_SetSourcePort(msg, 7500); }},
+        {'k', [](pelmoMsg* msg) { return msgSetMtype(msg, "Q"); }}};
     Bytes kindQ = kMtypeD;
     kindQ[9] = 'Q';
     const std::pair<std::string, Bytes> cases[] = {
@@ -35,12 +28,11 @@ TEST(Envelope, IsWrittenToTheByte) {
         {"srS", kMtypeD + kReturnR},
         {"SRp", kCid},
     };
-    for (const auto& [calls, envelope] : cases) {
-        SCOPED_TRACE(calls);
+    for (const auto& [letters, envelope] : cases) {
+        SCOPED_TRACE(letters);
         const Message msg = appMessage();
-        for (const char letter : calls) {
-            EXPECT_EQ(call(letter, msg.get()), kStatusSuccess);
-        }
+        for (const char letter : letters)
+            EXPECT_EQ(calls.at(letter)(msg.get()), kStatusSuccess);
         EXPECT_EQ(wireOf(msg.get()), outer(envelope + kData + kApp));
         EXPECT_EQ(msg->dataOffset, 16 + envelope.size());
         EXPECT_EQ(imageOf(msg.get()), kApp);
@@ -48,8 +40,8 @@ TEST(Envelope, IsWrittenToTheByte) {
         EXPECT_FALSE(msgHasForeign(msg.get()));
     }
     const Message plain = appMessage();
-    EXPECT_EQ(call('S', plain.get()), kStatusSuccess);
-    EXPECT_EQ(call('R', plain.get()), kStatusSuccess);
+    for (const char letter : {'S', 'R'})
+        EXPECT_EQ(calls.at(letter)(plain.get()), kStatusSuccess);
     EXPECT_EQ(wireOf(plain.get()), kApp);
 }
 

@@ -14,6 +14,7 @@
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
+#include "lib/msg/text.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"
 
@@ -130,9 +131,9 @@ pelmoStatus modelFind(const std::vector<ModelField>& fields, const Key& key, siz
 
 // The operation may be made to run out of memory. Then nothing may have changed, and the step ends.
 template <typename Operation>
-pelmoStatus attempt(Random& random, Operation operation) {
+pelmoStatus attempt(Random& random, Operation operation, uint32_t mostAfter = 4) {
     if (!random.oneIn(6)) return operation();
-    FailAlloc fail{.after = random.below(4), .forGood = random.oneIn(2)};
+    FailAlloc fail{.after = random.below(mostAfter), .forGood = random.oneIn(2)};
     const pelmoStatus status = operation();
     allocationsHeal();
     // Growing a value may go on with what it has.
@@ -269,6 +270,33 @@ void stepRead(Random& random, Pair& pair) {
     if (status == kStatusNoMemory) return;
     ASSERT_EQ(status, expected);
     if (status == kStatusSuccess) pair.held.push_back({field, pair.fields[position]});
+}
+
+// The message as text, or one field. Without memory there is none, and nothing is kept.
+void stepShow(Random& random, Pair& pair) {
+    pelmoMsg* msg = pair.msg.get();
+    const Key key = randomKey(random);
+    const bool isWhole = random.oneIn(2);
+    const char* text = nullptr;
+    const auto show = [&] {
+        return isWhole ? pelmoMsg_ConvertToString(msg, &text)
+                       : pelmoMsg_GetString(msg, key.text(), &text, key.id);
+    };
+    const ReferenceMark before = msgMark(msg);
+    const pelmoStatus expected = show();
+    const std::string shown = text != nullptr ? text : "";
+    msgCutBack(msg, before);
+    text = nullptr;
+    const pelmoStatus status = attempt(random, show, 20);
+    if (status == kStatusNoMemory) {
+        const ReferenceMark now = msgMark(msg);
+        ASSERT_EQ(std::memcmp(&now, &before, sizeof now), 0);
+        ASSERT_EQ(text, nullptr);
+        return;
+    }
+    ASSERT_EQ(status, expected);
+    ASSERT_EQ(text != nullptr ? text : "", shown);
+    msgCutBack(msg, before);
 }
 
 void stepMark(Random& random, Pair& pair) {
@@ -433,7 +461,8 @@ void expectEnvelope(const Pair& pair) {
 }
 
 void step(Random& random, Pair& pair, Pair& other) {
-    const uint32_t dice = random.below(112);
+    const uint32_t dice = random.below(120);
+    if (dice >= 112) return stepShow(random, pair);
     if (dice >= 108) return stepLend(random, pair, other);
     if (dice >= 100) return stepEnvelope(random, pair);
     if (dice < 30) return stepAdd(random, pair);
@@ -445,7 +474,8 @@ void step(Random& random, Pair& pair, Pair& other) {
     if (dice < 94) return stepReset(random, pair);
     if (dice < 97) return stepCopy(random, pair, other);
     const auto more = static_cast<int32_t>(random.below(300));
-    ASSERT_NE(pelmoMsg_Expand(pair.msg.get(), more - 100), kStatusInvalidMessage);
+    const auto expand = [&] { return pelmoMsg_Expand(pair.msg.get(), more - 100); };
+    ASSERT_NE(attempt(random, expand), kStatusInvalidMessage);
 }
 
 class MessageModel : public testing::TestWithParam<uint32_t> {};
