@@ -1,5 +1,5 @@
 // The core of a reliable endpoint at one end of a wire, and at the other a peer that a test writes
-// by hand, packet by packet. What the core does is told as text:
+// by hand, packet by packet. What the core does is text:
 //
 //     "ACK 1/3, FIN 2/3; LAST_ACK; 1 message"      kind seq/ack; state if it changed; output
 //
@@ -48,7 +48,7 @@ struct CoreWire : NoCopy {
         pelmoMsg_Destroy(message);
     }
 
-    // The peer sends to the id that the core told last.
+    // The peer sends to the last id that the core sent.
     void take(const WirePacket& packet) {
         std::vector<uint8_t> payload;
         for (uint32_t i = 0; i < packet.messages; ++i) {
@@ -86,7 +86,7 @@ struct CoreWire : NoCopy {
         return status;
     }
 
-    // The clock goes on, and all deadlines are served at their times. Resends are told with the
+    // The clock goes on, and all deadlines are served at their times. Resends are shown with the
     // seconds that have passed.
     void run(double seconds) {
         const double begin = now;
@@ -114,8 +114,8 @@ struct CoreWire : NoCopy {
     std::string done() {
         std::string text = std::exchange(sent, "");
         const ConnectionState is = state();
-        if (is != stateTold) add(text, "; ", nameOf(is));
-        stateTold = is;
+        if (is != stateShown) add(text, "; ", nameOf(is));
+        stateShown = is;
         if (received != 0) add(text, "; ", std::to_string(std::exchange(received, 0)) + " taken");
         if (!lost.empty()) add(text, "; ", std::exchange(lost, ""));
         return text;
@@ -185,5 +185,5 @@ struct CoreWire : NoCopy {
     uint32_t lastDrawn = 0;
     double elapsed = -1;
     uint32_t received = 0;
-    ConnectionState stateTold = kClosed;
+    ConnectionState stateShown = kClosed;
 };

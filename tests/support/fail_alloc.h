@@ -11,7 +11,6 @@
 #pragma once
 
 #include <cstddef>
-#include <initializer_list>
 
 // Begins a plan and sets both counts to 0. Use FailAlloc.
 bool allocationsArm(size_t after, bool forGood);
@@ -36,9 +35,9 @@ struct FailAlloc {
 inline constexpr size_t kNeverFails = ~size_t{0};
 
 // Calls run() again and again, with allocation 0, 1, 2 ... failing, once and then from there on,
-// until a run meets no failure; that last run must succeed. Within a run, allocationsFailed() tells
-// the two apart. Returns the number of runs that met a failure, so that a test can check that there
-// were any.
+// until a run meets no failure; that last run must succeed. Within a run, allocationsFailed()
+// distinguishes the two. Returns the number of runs that met a failure, so that a test can check
+// that there were any.
 template <typename Run>
 size_t eachAllocationFails(Run run) {
     constexpr size_t kRunsMax = 100000;  // a run that allocates without end must not hang the test

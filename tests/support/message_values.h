@@ -130,10 +130,6 @@ struct Decoded {
     OwnedBlock block;
 };
 
-inline bool isList(uint8_t type) {
-    return type == FIELD_STRINGARRAY || type == FIELD_MSGARRAY;
-}
-
 inline Decoded decode(uint8_t wireType, const Bytes& bytes) {
     Decoded out;
     out.bytes = Bytes(bytes.data(), bytes.data() + bytes.size());
@@ -143,8 +139,8 @@ inline Decoded decode(uint8_t wireType, const Bytes& bytes) {
     out.status = fieldDecoders[wireType](&cursor, &out.field, &out.disposition);
     if (out.status != kStatusSuccess) return out;
     out.used = static_cast<size_t>(cursor.at - begin);
-    const bool listInImage = out.disposition == kDataInImage && isList(wireType);
-    if (out.disposition == kDataOwnedBlock || listInImage) {
+    const bool isList = wireType == FIELD_STRINGARRAY || wireType == FIELD_MSGARRAY;
+    if (out.disposition == kDataOwnedBlock || (out.disposition == kDataInImage && isList)) {
         out.block.reset(const_cast<void*>(out.field.data.pointer));
     }
     return out;

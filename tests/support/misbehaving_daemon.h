@@ -11,8 +11,8 @@
 
 #pragma once
 
-#include "lib/msg/envelope_internal.h"
 #include "tests/support/daemon_frame.h"
+#include "tests/support/local_bus.h"
 
 class MisbehavingDaemon;
 using DaemonStep = std::function<bool(MisbehavingDaemon&, DaemonWire&)>;
@@ -87,9 +87,7 @@ class MisbehavingDaemon : NoCopy {
 
 // A message of an application, with its envelope.
 inline Bytes messageBytes(const char* subject, const std::string& text) {
-    const Message message = newMessage();
-    EXPECT_EQ(pelmoMsg_AddString(message.get(), "text", text.c_str(), 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_SetSendSubject(message.get(), subject), kStatusSuccess);
+    const Message message = messageOn(subject, text.c_str());
     EXPECT_EQ(msgCloseEnvelope(message.get()), kStatusSuccess);
     return imageOf(message.get());
 }

@@ -16,19 +16,19 @@ constexpr double kSpellSeconds = 30;     // of faults at most, in a tame life
 constexpr double kBetweenSpells = 70;    // see planSpells
 constexpr double kQuietSeconds = 4000;   // until the last connection must have gone
 constexpr double kSettleSeconds = 140;   // until all data has arrived or was given up
-constexpr uint64_t kQuietPackets = 400;  // behind that, for all hosts
+constexpr uint64_t kQuietPackets = 400;  // after that, for all hosts
 
 struct SentMessage {
     uint32_t size;
     bool arrived;
-    bool told;
+    bool isReported;
 };
 
 // What one life of a host sent to another host.
 struct Stream {
     std::vector<SentMessage> sent;
     std::map<uint32_t, size_t> next;        // by life of the receiver: the first not yet arrived
-    std::map<uint32_t, bool> mayComeAgain;  // by the same: it has told the sender to begin anew
+    std::map<uint32_t, bool> mayComeAgain;  // by the same: it has made the sender begin again
 };
 
 struct Sending {
@@ -52,11 +52,11 @@ struct Model {
     std::map<std::tuple<uint32_t, uint32_t, uint32_t>, Stream> streams;  // from, its life, to
     std::map<uint64_t, Sending> waiting;                                 // by token of a sender
     std::map<std::pair<uint32_t, uint64_t>, uint64_t> edges;  // by host, its and the peer's id
-    std::map<std::pair<uint32_t, uint32_t>, uint64_t> toldInbound;  // from, to: bytes
-    std::map<std::pair<uint32_t, uint32_t>, PeerAddress> ways;      // from, to: the address used
+    std::map<std::pair<uint32_t, uint32_t>, uint64_t> reportedInbound;  // from, to: bytes
+    std::map<std::pair<uint32_t, uint32_t>, PeerAddress> ways;  // from, to: the address used
     uint64_t messages = 0;
 
-    // Nobody closes or crashes.
+    // No host closes or crashes.
     bool isTame() const { return kind == Kind::kFaultless || kind == Kind::kTame; }
 };
 
@@ -78,7 +78,7 @@ uint32_t nameOf(uint32_t life, size_t number) {
     return life << 24 | static_cast<uint32_t>(number);
 }
 
-// Messages in buffers of their own, or one behind the other in one.
+// Messages in buffers of their own, or one after the other in one.
 std::vector<HeldMessage> makeMessages(std::span<const SentMessage> batch,
                                       size_t first,
                                       uint32_t life,
@@ -144,7 +144,7 @@ void sendSome(Model& model, uint32_t from, uint32_t to, bool isLong) {
 void messageArrives(Model& model, NetHost& host, const PeerAddress& from, pelmoMsg* message) {
     ReliableNet& net = model.net;
     const NetHost* const sender = netFind(net, from);
-    if (sender == nullptr) return netFault(net, "a message from nobody");
+    if (sender == nullptr) return netFault(net, "a message from no host");
     if (host.core.flushing) netFault(net, "a message for an endpoint that flushes");
     const std::span<const uint8_t> bytes(msgImage(message), message->length);
     const bool isNamed = bytes.size() >= kNetNamedBytes;
@@ -163,7 +163,7 @@ void messageArrives(Model& model, NetHost& host, const PeerAddress& from, pelmoM
     const bool hasTwoWays = sender->alias != sender->address;
     bool& mayComeAgain = stream.mayComeAgain[host.life];
     if (number < next && !mayComeAgain && !hasTwoWays) {
-        netFault(net, "message %zu of %u behind %zu", number, sender->index, next - 1);
+        netFault(net, "message %zu of %u after %zu", number, sender->index, next - 1);
     }
     if (number < next) mayComeAgain = false;
     next = number + 1;
@@ -173,14 +173,14 @@ void messageArrives(Model& model, NetHost& host, const PeerAddress& from, pelmoM
 void isTold(Model& model, NetHost& host, const LossReport& report) {
     ReliableNet& net = model.net;
     const NetHost* const peer = netFind(net, report.peer);
-    if (peer == nullptr) return netFault(net, "a loss with nobody");
-    if (model.isTame()) netFault(net, "host %u is told of a loss", host.index);
+    if (peer == nullptr) return netFault(net, "a loss with no host");
+    if (model.isTame()) netFault(net, "host %u hears of a loss", host.index);
     if (report.inbound) {
-        model.toldInbound[{peer->index, host.index}] += report.bytes;
+        model.reportedInbound[{peer->index, host.index}] += report.bytes;
         return;
     }
     for (SentMessage& one : streamOf(model, host, host.life, *peer).sent)
-        one.told = true;
+        one.isReported = true;
 }
 
 uint64_t idsOf(uint32_t own, uint32_t peers) {
@@ -199,7 +199,7 @@ void packetSent(Model& model, NetHost& host, const PeerAddress& to, const Packet
     if (header.window != kReceiveWindow) netFault(model.net, "a window of another size");
     if (packet.payload.empty()) return;
     const auto edge = model.edges.find({host.index, idsOf(header.sourceId, header.destId)});
-    if (edge == model.edges.end()) return netFault(model.net, "data for nobody");
+    if (edge == model.edges.end()) return netFault(model.net, "data for no host");
     if (header.seq >= edge->second) netFault(model.net, "data beyond the peer's window");
 }
 
@@ -211,14 +211,14 @@ void packetArrives(Model& model, NetHost& host, const Packet& packet) {
 }
 
 // Where nothing is lost on the way, a flush brings everything to those who are there, but to one
-// who opens anew at that very time.
+// who opens again at that very time.
 void checkFlushed(Model& model, const NetHost& host) {
     for (auto& [key, stream] : model.streams) {
         const auto [from, life, to] = key;
         const NetHost& peer = *model.net.hosts[to];
         if (from != host.index || life + 1 != host.life || !peer.isUp) continue;
         for (size_t i = 0; i < stream.sent.size(); ++i) {
-            const bool isKnown = stream.sent[i].told && stream.mayComeAgain[peer.life];
+            const bool isKnown = stream.sent[i].isReported && stream.mayComeAgain[peer.life];
             if (stream.sent[i].arrived || isKnown) continue;
             netFault(model.net, "message %zu from %u to %u isn't flushed", i, from, to);
             break;
@@ -246,7 +246,7 @@ void watch(Model& model) {
         if (found == model.waiting.end()) return;
         const Sending& sending = found->second;
         for (size_t i = sending.begin; failed && i < sending.end; ++i)
-            sending.stream->sent[i].told = true;
+            sending.stream->sent[i].isReported = true;
         model.waiting.erase(found);
     };
 }
@@ -257,7 +257,7 @@ void at(Model& model, double time, std::function<void()> run) {
     model.actions.push_back({time, std::move(run)});
 }
 
-// When the connection of a first send at `opened` closes if nothing comes behind `last`.
+// When the connection of a first send at `opened` closes if nothing comes after `last`.
 double idleEnd(double opened, double last) {
     return opened + 300 * (std::floor((last - opened) / 300) + 2);
 }
@@ -315,7 +315,7 @@ void mendLink(Model& model) {
 }
 
 // Faults come around bursts. A stall that begins within a spell of at most 30 seconds has two
-// resends in the 70 seconds behind it, whenever it began, and is never given up: one may find what
+// resends in the 70 seconds after it, whenever it began, and is never given up: one may find what
 // the peer has left of a connection before, the next one opens.
 void planSpells(Model& model, const std::vector<double>& bursts) {
     SeededRandom& random = model.net.random;
@@ -414,12 +414,12 @@ void checkStreams(Model& model) {
         uint64_t missing = 0;
         size_t which = 0;
         for (size_t i = 0; i < stream.sent.size(); ++i) {
-            if (stream.sent[i].arrived || stream.sent[i].told) continue;
+            if (stream.sent[i].arrived || stream.sent[i].isReported) continue;
             if (missing == 0) which = i;
             missing += stream.sent[i].size;
         }
-        const uint64_t told = model.toldInbound[{from, to}];
-        if (missing > told) {
+        const uint64_t reported = model.reportedInbound[{from, to}];
+        if (missing > reported) {
             netFault(net, "message %zu from %u to %u is missing", which, from, to);
         }
     }

@@ -1,8 +1,8 @@
 // A random life of a few reliable endpoints, and what must hold in it whatever happens:
 //
 // - A message that a send took arrives once, whole and in its order, or its sender or receiver is
-//   told of the loss. Only a sender that closes its own endpoint, or crashes, isn't told.
-// - A connection that is no longer used comes to its end, and nothing is left behind: no record, no
+//   notified of the loss. Only a sender that closes its own endpoint, or crashes, isn't.
+// - A connection that is no longer used comes to its end, and nothing is left: no record, no
 //   entry of a table, no deadline, no message half put together.
 // - No packet goes beyond the window that its receiver announced.
 // - Connections at rest are silent, and no two peers talk without end.

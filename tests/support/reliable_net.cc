@@ -1,7 +1,6 @@
 #include "tests/support/reliable_net.h"
 
 #include <arpa/inet.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <cmath>
@@ -10,7 +9,6 @@
 #include <cstring>
 
 #include "lib/base/bytes.h"
-#include "lib/base/sanitizer.h"
 #include "lib/containers/dpa.h"
 #include "lib/containers/hash.h"
 #include "lib/msg/buffer.h"
@@ -154,7 +152,7 @@ void seeToSenders(NetHost& host) {
             ++i;
             continue;
         }
-        if (!waiter->woken) netFault(*host.net, "nobody wakes a sender of host %u", host.index);
+        if (!waiter->woken) netFault(*host.net, "a sender of host %u stays asleep", host.index);
         host.senders.erase(host.senders.begin() + static_cast<ptrdiff_t>(i));
         connectionLetGo(&host.core, sender.connection);
         if (host.net->watch.senderGoesOn) host.net->watch.senderGoesOn(host, sender, isClosed);
@@ -205,7 +203,7 @@ void endClose(NetHost& host) {
         });
     }
     seeToSenders(host);
-    if (!host.senders.empty()) netFault(*host.net, "senders wait behind the close");
+    if (!host.senders.empty()) netFault(*host.net, "senders wait after the close");
     netCrash(*host.net, host.index);
     if (host.net->watch.closed) host.net->watch.closed(host);
 }
@@ -232,7 +230,7 @@ void settle(NetHost& host) {
 
 void arrive(ReliableNet& net, const NetFlight& flight) {
     NetHost* const host = netFind(net, flight.to);
-    if (host == nullptr || !host->isUp) return trace(net, flight, "nobody");
+    if (host == nullptr || !host->isUp) return trace(net, flight, "no host");
     trace(net, flight, "takes");
     Packet packet;
     const bool isPacket = packetRead(flight.bytes, &packet);
@@ -345,9 +343,8 @@ pelmoStatus netSend(ReliableNet& net,
 void netInject(ReliableNet& net,
                const PeerAddress& from,
                const PeerAddress& to,
-               std::span<const uint8_t> bytes,
-               double delay) {
-    pushFlight(net, {net.now + delay, 0, from, to, {bytes.begin(), bytes.end()}});
+               std::span<const uint8_t> bytes) {
+    pushFlight(net, {net.now, 0, from, to, {bytes.begin(), bytes.end()}});
 }
 
 double netNext(const ReliableNet& net) {
@@ -406,13 +403,4 @@ uint32_t netMessageName(const pelmoMsg* message) {
 bool netIsMessage(const pelmoMsg* message, uint32_t name) {
     const uint32_t head = std::min(message->length, kNetNamedBytes);
     return std::memcmp(msgImage(message) + head, filling(name), message->length - head) == 0;
-}
-
-uint64_t heapBytes() {
-#if defined(PELMO_ADDRESS_SANITIZER) || defined(__SANITIZE_THREAD__)
-    return 0;
-#else
-    const struct mallinfo2 info = mallinfo2();
-    return info.uordblks + info.hblkhd;
-#endif
 }

@@ -10,7 +10,7 @@
 //     netRun(net, net.now + 10);
 //
 // What the layer may never do to its owner is checked at each call: a deadline that stays in the
-// past, a sender that waits with room ahead of it, a datagram that is too long. `fault` has the
+// past, a sender that waits with room before it, a datagram that is too long. `fault` has the
 // first such fault, which ends the run.
 //
 // Threads: one.
@@ -80,7 +80,7 @@ struct NetHost {
     double closeBegin = 0;
     double lastArrival = 0;
     std::vector<NetSender> senders;
-    uint32_t waiters = 0;                       // records behind connectionWaiter
+    uint32_t waiters = 0;                       // records of connectionWaiter
     std::map<uint64_t, uint64_t> acknowledged;  // up to which number, by the ids of both ends
 };
 
@@ -141,26 +141,22 @@ pelmoStatus netSend(ReliableNet& net,
                     std::span<pelmoMsg* const> messages,
                     bool delaySmall);
 
-// A datagram that nobody's core has sent, under way for as long as told.
+// A datagram that no core has sent, which arrives next.
 void netInject(ReliableNet& net,
                const PeerAddress& from,
                const PeerAddress& to,
-               std::span<const uint8_t> bytes,
-               double delay = 0);
+               std::span<const uint8_t> bytes);
 
 [[nodiscard]] double netNext(const ReliableNet& net);  // of datagrams and deadlines; kNever
-void netRun(ReliableNet& net, double until);  // all up to there, where the clock then stands
+void netRun(ReliableNet& net, double until);           // all up to there, the time afterwards
 
 [[nodiscard]] bool netIsQuiet(const ReliableNet& net);  // no connection is left
 
 // Messages that tell which one they are, from kNetNamedBytes on: the name is in bytes 8 to 11. What
-// follows is cut from one random block, at a place that the name tells.
+// follows is cut from one random block, at a place that the name gives.
 inline constexpr uint32_t kNetNamedBytes = 12;
 inline constexpr uint32_t kMostNetMessageBytes = 1 << 20;
 void netWriteMessage(uint8_t* at, uint32_t size, uint32_t name);
 [[nodiscard]] HeldMessage netMessage(uint32_t size, uint32_t name);
 [[nodiscard]] uint32_t netMessageName(const pelmoMsg* message);
 [[nodiscard]] bool netIsMessage(const pelmoMsg* message, uint32_t name);
-
-// Heap bytes of the process that are in use; 0 where a sanitizer keeps the heap.
-[[nodiscard]] uint64_t heapBytes();

@@ -140,7 +140,7 @@ inline size_t threadCount() {
     return count;
 }
 
-// What a whole run of the library may leave behind in the process.
+// What a whole run of the library may leave in the process.
 struct Leftovers {
     size_t descriptors;
     size_t threads;

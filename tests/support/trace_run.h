@@ -3,7 +3,7 @@
 // noticed.
 //
 // A line of the text is one record: its kind and key, "live" where it is marked, and its counters
-// in the order of their declaration; a host has its epoch, sequence number and reliability ahead of
+// in the order of their declaration; a host has its epoch, sequence number and reliability before
 // them. Records of a kind are in the order of their lines.
 //
 //     port 7500 live
@@ -52,7 +52,7 @@ class TraceRun : public NoCopy {
 
 void analyze(const std::vector<Bytes>& packets);
 
-// The lines that begin like that, all where nothing is told.
+// The lines that begin like that, all by default.
 Lines treeText(const std::string& begin = "");
 
 // Gives the frame to the handler; was it handed on? On the wire it was longer than anything.

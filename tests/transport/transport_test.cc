@@ -147,27 +147,6 @@ TEST_F(IntraProcess, DeliversAdvisoriesOrLogsThem) {
     EXPECT_EQ(dispatchAll(queue), 5u);
 }
 
-// A listener to everything, on the queue whose limit is met: each advisory comes to it as well, and
-// causes no other.
-TEST_F(IntraProcess, TakesItsOwnAdvisoriesWhileItDelivers) {
-    ASSERT_EQ(pelmoQueue_SetLimitPolicy(queue, kLimitDiscardFirst, 3, 2), kStatusSuccess);
-    const uint32_t other = makeQueue();
-    const TestListener limited(queue, ">"), unlimited(other, ">");
-    uint32_t posts = 0;
-    ASSERT_EQ(pelmoQueue_SetHook(other, expectTransportsFree, &posts), kStatusSuccess);
-    for (const char* text : {"1", "2", "3", "4"})
-        EXPECT_EQ(sendText(kLocal, "A", text), kStatusSuccess);
-    dispatchAll(queue);
-    dispatchAll(other);
-    EXPECT_EQ(std::count(limited.texts.begin(), limited.texts.end(), "no text"), 1);
-    EXPECT_EQ(limited.texts.size(), 3u);
-    Texts heard = unlimited.texts;
-    std::erase(heard, "no text");
-    EXPECT_EQ(heard, (Texts{"1", "2", "3", "4"}));
-    EXPECT_EQ(unlimited.texts.size(), 5u);
-    EXPECT_EQ(posts, 5u);
-}
-
 // Queue hooks run in the middle of a delivery: one that sends, and one that ends listeners which
 // are still to come.
 TEST_F(IntraProcess, SurvivesWhatQueueHooksDo) {

@@ -99,9 +99,9 @@ TEST_F(Link, SendsSettingsByTheDaemonsVersion) {
         EXPECT_EQ(pelmoTransport_SetEcho(id, false), kStatusSuccess);
         EXPECT_EQ(pelmoTransport_RequestReliability(id, 2.5), kStatusSuccess);
         EXPECT_EQ(sendText(id, "Z", "z"), kStatusSuccess);
-        Texts told(all.begin(), all.begin() + static_cast<ptrdiff_t>(known));
-        told.push_back(textMessage("Z", "z"));
-        EXPECT_EQ(daemon.await(told.back()), told);
+        Texts expected(all.begin(), all.begin() + static_cast<ptrdiff_t>(known));
+        expected.push_back(textMessage("Z", "z"));
+        EXPECT_EQ(daemon.await(expected.back()), expected);
         breakAndRepair();
         EXPECT_EQ(daemon.await(3)[1], "start " + kSession +
                                           R"( rc=true descr="d" http="h" echo=false hide=true)"
@@ -487,15 +487,15 @@ TEST_F(Link, OutlivesAThousandBreaks) {
         ASSERT_DOUBLE_EQ(timer.seconds,
                          isUp ? reconnectDelay(&row, fixture.now, fixture.random) : kRetrySeconds);
         ++(isUp ? breaks : failures);
-        const Texts told = daemon.taken();
-        for (size_t i = 0; i < told.size(); ++i) {
+        const Texts came = daemon.taken();
+        for (size_t i = 0; i < came.size(); ++i) {
             if (breaks + failures == 1) break;  // the first connection
             if (i < whole.size()) {
-                ASSERT_EQ(told[i], whole[i]);
+                ASSERT_EQ(came[i], whole[i]);
                 continue;
             }
             int number = -1;
-            ASSERT_EQ(std::sscanf(told[i].c_str(), "S {text=\"%d\"", &number), 1) << told[i];
+            ASSERT_EQ(std::sscanf(came[i].c_str(), "S {text=\"%d\"", &number), 1) << came[i];
             ASSERT_GT(number, last);
             last = number;
         }
@@ -519,7 +519,7 @@ TEST_F(Link, OutlivesAThousandBreaks) {
 }
 
 TEST_F(Link, EndsTheWaitForADaemonThatWasStarted) {
-    const std::string nobody = std::to_string(std::make_unique<TestDaemon>()->port());
+    const std::string unused = std::to_string(std::make_unique<TestDaemon>()->port());
     std::latch asleep(1);
     fixture.onLaunch = [&](const std::string&) {
         asleep.count_down();
@@ -528,7 +528,7 @@ TEST_F(Link, EndsTheWaitForADaemonThatWasStarted) {
     linkEnvironment.startSeconds = 1000;
     std::thread creation([&] {
         uint32_t made = kNoId;
-        EXPECT_EQ(pelmoTransport_CreateNetwork(&made, nullptr, nullptr, nobody.c_str()),
+        EXPECT_EQ(pelmoTransport_CreateNetwork(&made, nullptr, nullptr, unused.c_str()),
                   kStatusDaemonNotConnected);
     });
     asleep.wait();
@@ -544,8 +544,8 @@ TEST_F(Link, ReportsMessagesThatWaitTooLong) {
     connect();
     breakAndRepair();
     ASSERT_EQ(pelmoTransport_SetBlockingOnExcessiveBacklog(id, false), kStatusSuccess);
-    TestListener told(queue, "_PM.WARN.SYSTEM.CLIENT.FASTPRODUCER", id);
-    told.onMessage = [](pelmoMsg* advisory) {
+    TestListener warnings(queue, "_PM.WARN.SYSTEM.CLIENT.FASTPRODUCER", id);
+    warnings.onMessage = [](pelmoMsg* advisory) {
         uint32_t waiting = 0;
         EXPECT_EQ(pelmoMsg_GetU32(advisory, "waiting", &waiting, 0), kStatusSuccess);
         EXPECT_GT(waiting, 0u);
@@ -554,7 +554,7 @@ TEST_F(Link, ReportsMessagesThatWaitTooLong) {
     for (int i = 0; i < 200; ++i)
         EXPECT_EQ(sendText(id, "S", large.c_str()), kStatusSuccess);
     clock.set(monotonic.tv_sec + 7);
-    dispatchUntil(told, 1);
+    dispatchUntil(warnings, 1);
     daemon.breakConnections();
     (void)fixture.awaitTimer();
 }
@@ -564,10 +564,9 @@ TEST_F(Link, BearsAllThreadsAtOnce) {
     connect();
     uint32_t dispatcher = 0;
     ASSERT_EQ(pelmoDispatcher_CreateEx(&dispatcher, queue, -1.0), kStatusSuccess);
-    std::atomic<bool> ends = false;
-    const auto until = [&](auto work) {
-        return std::thread([&ends, work] {
-            while (!ends)
+    const auto repeat = [](auto work) {
+        return std::jthread([work](const std::stop_token& stop) {
+            while (!stop.stop_requested())
                 work();
         });
     };
@@ -575,15 +574,15 @@ TEST_F(Link, BearsAllThreadsAtOnce) {
     heard.onMessage = [&](pelmoMsg*) { heard.texts.clear(); };
     ASSERT_EQ(heard.listen(queue, "S", id), kStatusSuccess);
     const uint32_t transport = id;
-    std::thread threads[] = {
-        until([=] { (void)sendText(transport, "S", "s"); }),
-        until([=] { (void)sendText(transport, "S", "t"); }),
-        until([=, this] {
+    std::jthread threads[] = {
+        repeat([=] { (void)sendText(transport, "S", "s"); }),
+        repeat([=] { (void)sendText(transport, "S", "t"); }),
+        repeat([=, this] {
             TestListener brief;
             (void)brief.listen(queue, "T", transport);
             (void)pelmoTransport_SetDescription(transport, "d");
         }),
-        until([this] {
+        repeat([this] {
             if (fixture.timers() != 0) fixture.fire(fixture.awaitTimer());
             std::this_thread::yield();
         }),
@@ -594,11 +593,35 @@ TEST_F(Link, BearsAllThreadsAtOnce) {
         daemon.awaitAccepted(connections);
     }
     EXPECT_EQ(pelmoTransport_Destroy(std::exchange(id, kNoId)), kStatusSuccess);
-    ends = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    for (std::jthread& thread : threads)
+        thread = {};
     heard.end();
     pelmoDispatcher_Destroy(dispatcher);
+}
+
+TEST(Reconnect, WaitsLongerForEachBreakInARow) {
+    const struct {
+        double now;
+        uint32_t random;
+        double seconds;
+        uint32_t count;
+    } rows[] = {
+        {1000, 0, 0, 1},     {1001, 99, 0.099, 2}, {1002, 0, 1, 3},     {1061.9, 99, 2.099, 4},
+        {1063, 50, 4.05, 5}, {1064, 0, 8, 6},      {1124, 7, 0.007, 1},  // a minute later
+        {1125, 0, 0, 2},     {1187, 0, 0, 1},
+    };
+    BreakRow row = {};
+    for (const auto& each : rows) {
+        SCOPED_TRACE(each.now);
+        EXPECT_DOUBLE_EQ(reconnectDelay(&row, each.now, each.random), each.seconds);
+        EXPECT_EQ(row.count, each.count);
+    }
+    // A count that no program reaches: the shift goes round, and nothing overflows.
+    row = {.count = 33, .lastSeconds = 5};
+    EXPECT_DOUBLE_EQ(reconnectDelay(&row, 5, 0), 2147483648.0);
+    EXPECT_DOUBLE_EQ(reconnectDelay(&row, 5, 0), 1.0);
+    row.count = UINT32_MAX;
+    EXPECT_DOUBLE_EQ(reconnectDelay(&row, 5, 3), 0.003);
 }
 
 }  // namespace

@@ -18,13 +18,13 @@
 namespace {
 
 // What the program writes about itself to a named pipe, which ends when it does.
-std::string toldBy(const std::string& pipe, const std::string& script) {
+std::string writtenBy(const std::string& pipe, const std::string& script) {
     const std::string whole = "exec 3>'" + pipe + "'; " + script + " >&3";
     const char* const arguments[] = {"sh", "-c", whole.c_str(), nullptr};
     EXPECT_TRUE(launchProgram(arguments));
-    std::ostringstream told;
-    told << std::ifstream(pipe).rdbuf();
-    return told.str();
+    std::ostringstream written;
+    written << std::ifstream(pipe).rdbuf();
+    return written.str();
 }
 
 TEST(Launch, SetsAProgramOnItsOwn) {
@@ -37,16 +37,16 @@ TEST(Launch, SetsAProgramOnItsOwn) {
 
     // Its process id, its session's and its group's, and its parent's: the test's own is none of
     // them.
-    std::istringstream ids(toldBy(pipe, "cut -d' ' -f1,4,5,6 /proc/$$/stat"));
+    std::istringstream ids(writtenBy(pipe, "cut -d' ' -f1,4,5,6 /proc/$$/stat"));
     pid_t process = 0, parent = 0, group = 0, session = 0;
     ids >> process >> parent >> group >> session;
     EXPECT_TRUE(process > 0 && group == process && session == process);
     EXPECT_NE(parent, getpid());
-    EXPECT_EQ(toldBy(pipe, "links=$(cd /proc/$$/fd; readlink 0 1 2); echo $links"),
+    EXPECT_EQ(writtenBy(pipe, "links=$(cd /proc/$$/fd; readlink 0 1 2); echo $links"),
               "/dev/null /dev/null /dev/null\n");
-    EXPECT_EQ(toldBy(pipe, "test -e /proc/$$/fd/50 || echo closed"), "closed\n");
+    EXPECT_EQ(writtenBy(pipe, "test -e /proc/$$/fd/50 || echo closed"), "closed\n");
     // Among the first 31; the C library keeps two beyond them.
-    const std::string ignored = toldBy(pipe, "grep SigIgn /proc/$$/status");
+    const std::string ignored = writtenBy(pipe, "grep SigIgn /proc/$$/status");
     EXPECT_EQ(std::stoull(ignored.substr(ignored.find(':') + 1), nullptr, 16) & 0x7fffffff, 0u);
 
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);

@@ -65,7 +65,7 @@ struct Link : testing::Test {
     }
     // What the transport's listeners make a daemon hear, in the order of their table.
     Texts interest() const {
-        Texts told = {kOwnInboxes};
+        Texts all = {kOwnInboxes};
         Transport* const transport = recordOf<Transport>(id);
         uint8_t* subjects = nullptr;
         size_t bytes = 0;
@@ -74,9 +74,9 @@ struct Link : testing::Test {
         Id_Leave(&transport->header);
         for (size_t at = 0; at < bytes; at += subjectLength(subjects + at)) {
             char text[kSubjectTextBytes];
-            told.push_back(std::string("L ") + subjectToText(text, sizeof text, subjects + at));
+            all.push_back(std::string("L ") + subjectToText(text, sizeof text, subjects + at));
         }
         std::free(subjects);
-        return told;
+        return all;
     }
 };

@@ -23,7 +23,7 @@ pelmoStatus replyWith(const Fill& fill, SessionReply* out) {
 }
 
 TEST(Session, ReadsReplies) {
-    SessionReply told = {};
+    SessionReply read = {};
     const auto add = [](pelmoMsg* reply, pelmoMsg* data) {
         (void)pelmoMsg_AddString(reply, "gob", "outer", 0);
         (void)pelmoMsg_AddString(reply, "dtyp", "zOk", 0);
@@ -33,22 +33,22 @@ TEST(Session, ReadsReplies) {
         (void)pelmoMsg_AddI32(data, "vmin", 1, 0);
         (void)pelmoMsg_AddI32(data, "vupd", -2, 0);
     };
-    EXPECT_EQ(replyWith(add, &told), kStatusSuccess);
-    EXPECT_EQ(told.clientId, 0x1a2b);
-    EXPECT_EQ(told.version, (DaemonVersion{8, 1, 0}));
-    EXPECT_STREQ(told.gob, "outer");
-    EXPECT_TRUE(told.isRouting);
+    EXPECT_EQ(replyWith(add, &read), kStatusSuccess);
+    EXPECT_EQ(read.clientId, 0x1a2b);
+    EXPECT_EQ(read.version, (DaemonVersion{8, 1, 0}));
+    EXPECT_STREQ(read.gob, "outer");
+    EXPECT_TRUE(read.isRouting);
     const auto addInner = [&](pelmoMsg* reply, pelmoMsg* data) {
         add(reply, data);
         (void)pelmoMsg_AddString(data, "gob", std::string(100, 'g').c_str(), 0);
         (void)pelmoMsg_AddString(data, "dtyp", "ZOKS", 0);
     };
-    EXPECT_EQ(replyWith(addInner, &told), kStatusSuccess);
-    EXPECT_EQ(told.gob, std::string(kGobBytes - 1, 'g'));
-    EXPECT_FALSE(told.isRouting);
+    EXPECT_EQ(replyWith(addInner, &read), kStatusSuccess);
+    EXPECT_EQ(read.gob, std::string(kGobBytes - 1, 'g'));
+    EXPECT_FALSE(read.isRouting);
 }
 
-TEST(Session, IsCalledByWhatTheDaemonTold) {
+TEST(Session, IsNamedByWhatTheDaemonSays) {
     const std::string most(kMostSessionChars - 15, 'g');
     const struct {
         SessionParts parts;

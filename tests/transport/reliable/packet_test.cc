@@ -8,7 +8,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Fragment option, and "abc" behind it.
+// Fragment option, and "abc" after it.
 const Bytes kGolden = {
     0x81, 2,   3,  4,  0x85, 6,  7,  8,  0x89, 10, 11,   12, 13, 14, 15,   16,    // ids, seq
     0x91, 18,  19, 20, 21,   22, 23, 24, 9,    2,  0x80, 1,  0,  20, 0xfd, 0xf7,  // ack to sum
@@ -93,7 +93,7 @@ TEST(Packet, IsNoneWhereItsLengthsOrItsSumDontFit) {
     } cases[] = {
         {0, {0x80}, false},         // the checksum covers ids and number
         {30, {0xfd, 0xf6}, false},  //
-        {16, {0xff, 0xff}, true},   // and nothing behind them
+        {16, {0xff, 0xff}, true},   // and nothing after them
         {28, {0xff}, true},         // reserved
         {34, {0xff, 0xff}, true},   // reserved
         {29, {23}, false},          // the payload as a record

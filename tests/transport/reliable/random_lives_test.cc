@@ -1,5 +1,5 @@
 // Random lives of reliable endpoints, each from a seed. Under the address sanitizer they leave no
-// memory behind. RELIABLE_SEEDS says how many; RELIABLE_SEED is one alone, with a line for each
+// memory. RELIABLE_SEEDS says how many; RELIABLE_SEED is one alone, with a line for each
 // packet:
 //
 //     RELIABLE_SEED=4711 build/release/bin/transport_tests

@@ -303,7 +303,7 @@ TEST_F(ReliableEndpoints, CloseWithinTheirOwnCallback) {
     EXPECT_TRUE(within(10, [&] { return End().open(port) == kStatusSuccess; })) << "port is free";
 }
 
-// Senders both ways, ticks and answers while ends are closed under them and made anew.
+// Senders both ways, ticks and answers while ends are closed under them and made again.
 TEST_F(ReliableEndpoints, CloseUnderTheirSenders) {
     constexpr int kRounds = 60;
     for (int round = 0; round < kRounds; ++round) {
