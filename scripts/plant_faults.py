@@ -177,7 +177,7 @@ def make_judges():
     judges["programs"] = program("programs")
     judges["bus"] = program("bus")
     judges["pelmobus"] = Judge(["pelmobus", "pmd"],
-                               [sys.executable, tests / "bus" / "pelmobus_test.py", "bin/pelmobus", "bin/pmd"],
+                               [sys.executable, tests / "bus" / "pelmobus_test.py"],
                                re.compile(r"^(?:FAIL|ERROR): (\S+)"))
     judges["lives"] = Judge(["pelmobus", "pmd"],
                             [sys.executable, tests / "e2e" / "bus_lives.py", "bin/pelmobus", "bin/pmd",
@@ -186,17 +186,20 @@ def make_judges():
     judges["pmd"] = program("pmd")
     judges["pmd as a program"] = Judge(
         ["pmd", "pelmobus"],
-        [sys.executable, tests / "e2e" / "pmd_test.py", "bin/pmd", "bin/pelmobus"], failed_case)
+        [sys.executable, tests / "e2e" / "pmd_test.py"], failed_case)
     judges["pmd on the wire"] = Judge(
         ["pmd", "pelmoscope"],
-        [sys.executable, tests / "e2e" / "pmd_wire_test.py", "bin/pmd", "bin/pelmoscope"], failed_case)
+        [sys.executable, tests / "e2e" / "pmd_wire_test.py"], failed_case)
     judges["watch"] = program("watch")
     for name, programs in (("json", ["pelmoscope", "pelmowatch", "pelmogen"]), ("serve", ["pelmowatch", "pelmogen"]),
-                           ("captures", ["pelmowatch", "pelmogen"]), ("top", ["pelmowatch"])):
+                           ("captures", ["pelmowatch", "pelmogen"]), ("top", ["pelmowatch"]),
+                           ("report", ["pelmowatch", "pelmogen"]), ("messages", ["pelmowatch", "pelmogen"])):
         judges[name] = Judge(programs, [sys.executable, tests / "watch" / (name + "_test.py")], failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
                             re.compile(r"\s+\d+ - (tools\S*) "))
+    judges["live"] = Judge(["pelmoscope", "pelmogen", "clock_shift"],
+                           [sys.executable, tests / "e2e" / "live_test.py"], failed_case)
     judges["cases"] = Judge(["pelmoscope"],
                             [sys.executable, tests / "e2e" / "run_cases.py", "bin/pelmoscope"],
                             re.compile(r"^(\S+):$"))
@@ -216,11 +219,12 @@ def judges_of(judges, path):
     if parts[0] == "pmd":
         return [judges["pmd"], judges["pmd on the wire" if "oska" in parts[-1] else "pmd as a program"]]
     if parts[0] == "watch":
-        programs = {"serve": ["serve"], "top": ["top"], "capture": ["captures"],
-                    "core": ["json", "captures", "serve"]}.get(parts[1], ["json"])
+        programs = {"core": ["json", "captures", "serve"], "capture": ["captures"], "compare": ["report"],
+                    "serve": ["serve"], "top": ["top"], "report": ["report"], "messages": ["messages"],
+                    }.get(parts[1], ["json"])
         return [judges[name] for name in ["watch", *programs]]
     if parts[0] == "trace":
-        return [judges["cases"], judges["trace"]]
+        return [judges["cases"], judges["trace"], *([judges["live"]] if parts[1] == "run" else [])]
     users = {"base": ["lib/msg", "lib/runtime", "trace"], "containers": ["lib/msg", "lib/runtime"],
              "pelmo": []}.get(parts[1], ["lib/pelmo"])
     return [judges[name] for name in ["/".join(parts[:2]), *users, "cases"]]

@@ -1,7 +1,5 @@
-#!/usr/bin/env python3
-"""pelmobus_test.py PELMOBUS PMD: the program by what it prints and how it ends, over the transport within
-the process and over a daemon.
-"""
+"""The program by what it prints and how it ends, over the transport within the process and over a daemon."""
+
 import fcntl
 import json
 import os
@@ -16,38 +14,56 @@ import sys
 import tempfile
 import termios
 import time
-import unittest
 
-import jsonschema
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "e2e"))
-from bus_client import Daemon  # noqa: E402
+from program_case import ProgramCase, binary, catches, main, run, schema, wait_until  # noqa: E402
+
 from lives_relay import Relay  # noqa: E402
-from live_run import wait_until  # noqa: E402
 
-SCHEMA = jsonschema.Draft202012Validator(json.loads(
-    (pathlib.Path(__file__).resolve().parents[2] / "docs/pelmo-messages.schema.json").read_text()))
-
-
-def run(*words, **kwargs):
-    return subprocess.run([PROGRAM, *words], capture_output=True, timeout=60, **kwargs)
+PROGRAM = binary("pelmobus")
+PIPE = subprocess.PIPE
 
 
-def local(*words, **kwargs):
-    return run("--local", *words, **kwargs)
+class BusCase(ProgramCase):
+    connection = ["--local"]
 
+    def bus(self, *words, **more):
+        return run(PROGRAM, *self.connection, *words, **more)
 
-def start(*words, **kwargs):
-    return subprocess.Popen([PROGRAM, "--local", *words], stderr=subprocess.PIPE, **kwargs)
+    def launch(self, *words, **more):
+        """A run that ends with the test."""
+        return super().start(PROGRAM, *self.connection, *words,
+                             **{"stdout": PIPE, "stderr": PIPE, **more}).popen
 
+    def start(self, *words, **more):
+        """The same; one that listens is ready once this returns: all that is sent from then on reaches it."""
+        process = self.launch(*words, **more)
+        if words[0] in ("listen", "answer") or words[:2] in (("bench", "listen"), ("circuit", "accept")):
+            self.assertRegex(process.stderr.readline(), b"^listening on ")
+        return process
 
-class Pelmobus(unittest.TestCase):
     def ends(self, result, status, stderr=None, stdout=None):
         self.assertEqual(result.returncode, status, result.stderr)
         if stderr is not None:
             self.assertEqual(result.stderr.decode(), stderr)
         if stdout is not None:
             self.assertRegex(result.stdout.decode(), stdout)
+
+    def ended(self, process, status=0):
+        """What it printed, and what it said after its first line."""
+        out, err = process.communicate(timeout=60)
+        self.assertEqual(process.returncode, status, err)
+        return out.decode(), err
+
+
+def unread(pipe):
+    """The number of its bytes."""
+    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
+
+
+class Within(BusCase):
+    """Each by itself."""
 
     def test_statuses_and_words(self):
         for words, status, stderr in [
@@ -72,24 +88,25 @@ class Pelmobus(unittest.TestCase):
                 (["circuit", "connect", "a..b"], 1,
                  "pelmobus: circuit connect a..b: Invalid subject (20)\n")]:
             with self.subTest(words):
-                self.ends(local(*words), status, stderr, "^$")
+                self.ends(self.bus(*words), status, stderr, "^$")
 
     def test_a_daemon_that_is_not_there(self):
         # An address without a listener, and from which no daemon is started.
-        self.ends(run("--daemon", "127.0.0.1:1", "send", "A"), 1,
+        self.ends(run(PROGRAM, "--daemon", "127.0.0.1:1", "send", "A"), 1,
                   "pelmobus: connect 127.0.0.1:1: Not connected to daemon (21)\n")
 
     def test_help_and_version(self):
-        self.ends(run("--version"), 0, "", r"^pelmobus [0-9.]+ \(bus version [0-9.]+\)\n$")
-        self.ends(run("--local", "--help"), 0, "", r"(?s)^usage: .*bench listen.*--local")
-        self.ends(run("send", "A", "--help"), 0, "", r"(?s)^usage: .* send .*--rate R.*--wait")
+        self.ends(run(PROGRAM, "--version"), 0, "", r"^pelmobus [0-9.]+ \(bus version [0-9.]+\)\n$")
+        self.ends(self.bus("--help"), 0, "", r"(?s)^usage: .*bench listen.*--local")
+        self.ends(run(PROGRAM, "send", "A", "--help"), 0, "", r"(?s)^usage: .* send .*--rate R.*--wait")
 
     def test_lines_of_the_input(self):
-        self.ends(local("send", "A", "--lines", input=b"one\n\nlast"), 0, "sent 3\n")
-        self.ends(local("send", "A", "--lines", "--count=2", input=b"1\n2\n3\n"), 0, "sent 2\n")
+        for last in (b"", b"\n"):  # which comes in pieces, as the pipe holds less
+            self.ends(self.bus("send", "A", "--lines", input=b"one\n\n" + b"x" * 300000 + last), 0, "sent 3\n")
+        self.ends(self.bus("send", "A", "--lines", "--count=2", input=b"1\n2\n3\n"), 0, "sent 2\n")
         line = b'{"fields":[{"name":"x","type":"u64","value":18446744073709551615}]}\n'
-        self.ends(local("send", "A", "--json", input=line * 3 + b"\n"), 0, "sent 3\n")
-        self.ends(local("send", "A", "--json", input=line + b'{"fields":[7]}\n' + line), 1,
+        self.ends(self.bus("send", "A", "--json", input=line * 3 + b"\n"), 0, "sent 3\n")
+        self.ends(self.bus("send", "A", "--json", input=line + b'{"fields":[7]}\n' + line), 1,
                   "pelmobus: line 2: column 12: not an object\nsent 1\n")
 
     def test_lines_with_subjects_go_where_the_command_line_says(self):
@@ -119,111 +136,65 @@ class Pelmobus(unittest.TestCase):
                 (["X", "--pace"], '{"time":"9000-01-01T00:00:00Z",' + fields, 1,
                  "pelmobus: line 1: time: out of range\nsent 0\n")]:
             with self.subTest(words=words, lines=lines):
-                self.ends(local("send", "--json", *words, input=lines.encode()), status, err)
+                self.ends(self.bus("send", "--json", *words, input=lines.encode()), status, err)
 
     def test_ends_in_order_at_a_signal_whatever_it_waits_for(self):
         unsent = rb"^pelmobus: send A: ([12]) messages not sent: Operation interrupted \(51\)\nsent [01]\n$"
-        for words, said, status, end in [
-                (["listen", "A"], b"listening on A\n", 0, b""),
-                (["answer", "A"], b"listening on A\n", 0, b""),
-                (["circuit", "accept", "A"], b"listening on A\n", 0, b""),
-                (["circuit", "connect", "A"], b"", 0, b""),
-                (["bench", "listen", "--seconds", "60"], b"listening on PELMOBUS.BENCH\n", 0, b""),
-                (["send", "A", "--lines"], b"", 0, b"sent 0\n"),
-                (["send", "A", "--count=2", "--rate=0.001"], b"", 1, unsent),
-                (["request", "A"], b"", 0, b"")]:
+        for words, status, end in [
+                ("listen A", 0, b"^$"), ("answer A", 0, b"^$"), ("circuit accept A", 0, b"^$"),
+                ("circuit connect A", 0, b"^$"), ("bench listen --seconds 60", 0, b"^$"), ("request A", 0, b"^$"),
+                ("send A --lines", 0, b"^sent 0\n$"), ("send A --count=2 --rate=0.001", 1, unsent)]:
             for number in (signal.SIGINT, signal.SIGTERM):
                 with self.subTest(words, number=number):
-                    process = start(*words, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-                    self.assertEqual(process.stderr.read(len(said)), said)
+                    process = self.start(*words.split(), stdin=PIPE)
                     # What prints nothing when it is ready has its handlers soon.
-                    while not said and not self.catches(process.pid, number):
-                        pass
+                    wait_until(lambda: catches(process.pid, number), "a handler")
                     process.send_signal(number)
-                    _, err = process.communicate(timeout=30)
-                    self.assertEqual(process.returncode, status, err)
-                    if status != 0:
-                        self.assertRegex(err, end)
+                    self.assertRegex(self.ended(process, status)[1], end)
 
     def test_a_signal_ends_a_long_pause(self):
         lines = b"".join(b'{"time":"2024-01-02T%02d:00:00Z","fields":[]}\n' % hour for hour in (3, 4))
-        process = start("send", "A", "--json", "--pace", stdin=subprocess.PIPE)
+        process = self.start("send", "A", "--json", "--pace", stdin=PIPE)
         process.stdin.write(lines)
         process.stdin.flush()
-        unread = bytearray(struct.pack("i", 1))
-        while struct.unpack("i", unread)[0]:
-            fcntl.ioctl(process.stdin, termios.FIONREAD, unread)
+        wait_until(lambda: unread(process.stdin) == 0, "an empty pipe")
         process.send_signal(signal.SIGTERM)
-        _, err = process.communicate(timeout=30)
-        self.assertEqual(process.returncode, 1)
-        self.assertRegex(err, rb"^pelmobus: send A: lines of the input not sent: Operation interrupted \(51\)\n"
-                              rb"sent [01]\n$")
-
-    @staticmethod
-    def catches(pid, number):
-        with open("/proc/%d/status" % pid, encoding="ascii") as f:
-            caught = int(re.search(r"SigCgt:\s*([0-9a-f]+)", f.read()).group(1), 16)
-        return caught >> (number - 1) & 1
+        self.assertRegex(self.ended(process, 1)[1],
+                         rb"^pelmobus: send A: lines of the input not sent: Operation interrupted \(51\)\n"
+                         rb"sent [01]\n$")
 
     def test_output_that_can_not_be_written(self):
-        reader, gone = os.pipe()
-        os.close(reader)
         with open("/dev/full", "w", encoding="ascii") as full:
             for words in (["--help"], ["--local", "bench", "send", "--count", "10"]):
-                for output in (full, gone):
-                    result = subprocess.run([PROGRAM, *words], stdout=output, stderr=subprocess.PIPE, timeout=60)
+                for output in (full, self.without_reader()):
+                    result = run(PROGRAM, *words, stdout=output)
                     self.assertEqual(result.returncode, 1)
                     self.assertIn(b"IO operation failed (74)", result.stderr)
-        os.close(gone)
-        closed = subprocess.run(["sh", "-c", '"$0" --version >&-', PROGRAM], stderr=subprocess.PIPE, timeout=60)
-        self.assertEqual(closed.returncode, 1)
+        self.assertEqual(run("sh", "-c", '"$0" --version >&-', PROGRAM).returncode, 1)
 
     def test_benchmarks_count_what_they_send(self):
         rate = r"%s: 5000 messages, %d bytes in [0-9.]+ s: \d+ messages/s, \d+ bytes/s\n"
         sent = rate % ("sent", 5000 * 115)
         received = rate % ("received", 5000 * 115)
         amount = ["--count", "5000", "--size", "100"]
-        self.ends(local("bench", "send", *amount), 0, "", "^%s%s$" % (sent, received))
-        self.ends(local("bench", "listen", *amount), 0, None, "^%s$" % received)
-        self.ends(local("bench", "request", "X", "--count", "500"), 0, "",
+        self.ends(self.bus("bench", "send", *amount), 0, "", "^%s%s$" % (sent, received))
+        self.ends(self.bus("bench", "listen", *amount), 0, None, "^%s$" % received)
+        self.ends(self.bus("bench", "request", "X", "--count", "500"), 0, "",
                   r"^answered: 500 requests in [0-9.]+ s: \d+ requests/s\n"
                   r"latency: min [0-9.]+ us, median [0-9.]+ us, 99% [0-9.]+ us, 99.9% [0-9.]+ us, "
                   r"max [0-9.]+ us\n$")
-        self.ends(local("bench", "send", "--seconds=0.05", "--count=1000000", "--rate=100"), 3, "")
+        self.ends(self.bus("bench", "send", "--seconds=0.05", "--count=1000000", "--rate=100"), 3, "")
 
 
-class OverADaemon(unittest.TestCase):
+class OverADaemon(BusCase):
     def setUp(self):
-        self.daemon = Daemon(PMD)
-        self.addCleanup(self.daemon.close)
-        self.connection = ["--daemon", "127.0.0.1:%d" % self.daemon.port]
-
-    def bus(self, *words, **kwargs):
-        return run(*self.connection, *words, **kwargs)
-
-    def start(self, *words, **kwargs):
-        """A run that may still be under way when the test ends. One that listens is ready once this
-        returns: from then on all that is sent reaches it."""
-        process = subprocess.Popen([PROGRAM, *self.connection, *words], stderr=subprocess.PIPE,
-                                   **{"stdout": subprocess.PIPE, **kwargs})
-        self.addCleanup(process.communicate)
-        self.addCleanup(process.kill)
-        if words[0] in ("listen", "answer") or words[:2] in (("bench", "listen"), ("circuit", "accept")):
-            self.assertRegex(process.stderr.readline(), b"^listening on ")
-        return process
-
-    def ended(self, process, status=0):
-        out, err = process.communicate(timeout=30)
-        self.assertEqual(process.returncode, status, err)
-        return out.decode()
+        self.pmd = self.daemon()
+        self.connection = ["--daemon", "127.0.0.1:%d" % self.pmd.port]
 
     def test_says_what_the_daemon_refuses_to_keep(self):
         patterns = [".".join("*" if bits >> i & 1 else "a" for i in range(16)) for bits in range(200)]
-        listener = subprocess.Popen([PROGRAM, *self.connection, "listen", *patterns, "Z"],
-                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.addCleanup(listener.communicate)
-        self.addCleanup(listener.kill)
-        lines = list(iter(listener.stderr.readline, "listening on Z\n"))
+        listener = self.launch("listen", *patterns, "Z")
+        lines = [line.decode() for line in iter(listener.stderr.readline, b"listening on Z\n")]
         refused = {line.split()[2].rstrip(":") for line in lines if line.endswith(": refused by the daemon\n")}
         listened = {line.split()[2] for line in lines if line.startswith("listening on ")}
         self.assertTrue(len(refused) > 100 and len(listened) > 10)
@@ -255,7 +226,7 @@ class OverADaemon(unittest.TestCase):
             listener = self.start("listen", "A.>", "--count", "2")
             sent = self.bus("send", "A.B", "x:i32=7", "--reply", "R", "--count", "3", "--sequence")
             self.assertEqual((sent.returncode, sent.stderr), (0, b"sent 3\n"))
-            self.assertEqual(self.ended(listener), "A.B reply=R {x=7 seq=1}\nA.B reply=R {x=7 seq=2}\n")
+            self.assertEqual(self.ended(listener)[0], "A.B reply=R {x=7 seq=1}\nA.B reply=R {x=7 seq=2}\n")
 
     def test_a_message_is_a_line_whatever_is_in_it(self):
         as_json = '{"time":T,"subject":"A.B","fields":[{"name":"t","type":"string","value":"two\\nlines\\u001b"}]}\n'
@@ -264,7 +235,7 @@ class OverADaemon(unittest.TestCase):
             self.assertEqual(listener.stderr.readline(), b"listening on C.>\n")
             self.bus("send", "A", "t=nobody's")
             self.bus("send", "A.B", "t=two\nlines\x1b")
-            self.assertEqual(re.sub(r'"[-0-9]{10}T[0-9:]{8}\.[0-9]{9}Z"', "T", self.ended(listener)), line)
+            self.assertEqual(re.sub(r'"[-0-9]{10}T[0-9:]{8}\.[0-9]{9}Z"', "T", self.ended(listener)[0]), line)
 
     def test_what_is_listened_to_can_be_sent_again(self):
         record = self.start("listen", "A.>", "--json", "--count", "300")
@@ -272,12 +243,12 @@ class OverADaemon(unittest.TestCase):
                  b"c=\xff\n\xe2\x80\xa8", "d:datetime=-001-12-31 23:59:59.000001Z", "e:subject=A.*", "f:bool=true",
                  "g:ip=10.1.2.3", "h:port=1", "i:xml=<a/>", "j:f32=0.1")
         self.bus("send", "A.C", "--lines", "--reply", "R", input=b"a\0b\n" * 100)
-        lines = self.ended(record)
+        lines, _ = self.ended(record)
         self.assertEqual(lines.count("\n"), 300)
         self.assertEqual([json.loads(line)["fields"][-1]["value"] for line in lines.splitlines()],
                          list(range(1, 201)) + ["a\0b"] * 100)
         for line in (lines.splitlines()[0], lines.splitlines()[-1]):
-            SCHEMA.validate(json.loads(line))
+            schema("pelmo-messages").validate(json.loads(line))
 
         def known(line):
             return {key: value for key, value in json.loads(line).items() if key != "time"}
@@ -290,7 +261,7 @@ class OverADaemon(unittest.TestCase):
             again = self.start("listen", at, "--json", "--count", "300")
             sent = self.bus("send", "--json", *words, input=lines.encode())
             self.assertTrue(sent.stderr.endswith(b"sent 300\n"), sent.stderr)
-            self.assertEqual([known(line) for line in self.ended(again).splitlines()],
+            self.assertEqual([known(line) for line in self.ended(again)[0].splitlines()],
                              [{**lead({key: line[key] for key in line if key != "fields"}), "fields": line["fields"]}
                               for line in recorded])
 
@@ -302,71 +273,63 @@ class OverADaemon(unittest.TestCase):
             self.assertRegex(asked.stdout.decode(), r"^(_INBOX\.\S+ \{%s seq=[123]\}\n){3}$" % fields)
             bench = self.bus("bench", "request", "Q", "--count", "100")
             self.assertIn(b"answered: 100 requests", bench.stdout)
-            self.assertEqual(self.ended(answerer).count("Q reply=_INBOX."), 103)
+            self.assertEqual(self.ended(answerer)[0].count("Q reply=_INBOX."), 103)
 
-    def circuit(self, **connecting):
+    def circuit(self, subject="C"):
         """Both ends, connected; their inputs are open."""
-        accept = self.start("circuit", "accept", "C", stdin=subprocess.PIPE)
-        connect = self.start("circuit", "connect", "C", stdin=subprocess.PIPE, **connecting)
-        for end in (accept, connect):
+        ends = [self.start("circuit", word, subject, stdin=PIPE) for word in ("accept", "connect")]
+        for end in ends:
             self.assertEqual(end.stderr.readline(), b"connected\n")
-        return accept, connect
+        return ends
 
     def test_a_circuit_ends_with_its_end_in_order_or_not(self):
-        for number in (signal.SIGTERM, signal.SIGKILL):
-            for which in (0, 1):
-                with self.subTest(number=number, which=which):
-                    ends = self.circuit()
-                    ends[which].send_signal(number)
-                    # Only a goodbye ends it in order.
-                    in_order = number == signal.SIGTERM
-                    self.assertEqual(ends[1 - which].wait(30), 0 if in_order else 1)
-                    ends[which].wait(30)
-                    self.assertEqual(ends[1 - which].stderr.read().endswith(b": remote unreachable\n"), not in_order)
+        circuits = [(number, which, self.circuit("C%d.%d" % (number, which)))
+                    for number in (signal.SIGTERM, signal.SIGKILL) for which in (0, 1)]
+        for number, which, ends in circuits:
+            ends[which].send_signal(number)
+        for number, which, ends in circuits:
+            with self.subTest(number=number, which=which):
+                # Only a goodbye ends it in order. Without one the daemon waits for the end to come back.
+                in_order = number == signal.SIGTERM
+                self.assertEqual(ends[1 - which].wait(60), 0 if in_order else 1)
+                self.assertEqual(ends[1 - which].stderr.read().endswith(b": remote unreachable\n"), not in_order)
+                ends[which].wait(30)
         # Lines that the other end doesn't wait for.
         with tempfile.TemporaryFile() as lines:
             lines.write(b"x\n" * 3_000_000)
             lines.seek(0)
             accept = self.start("circuit", "accept", "C", stdin=lines)
             self.bus("circuit", "connect", "C")
-        self.assertEqual(accept.wait(30), 1)
-        self.assertEqual(accept.stderr.read(),
+        self.assertEqual(self.ended(accept, 1)[1],
                          b"connected\npelmobus: circuit accept C: the other end has ended before the input\n")
         accept, connect = self.circuit()
-        self.daemon.close()
+        self.pmd.close()
         for end in (accept, connect):
             self.assertEqual(end.stderr.readline(), b"pelmobus: lost the connection to the daemon\n")
         # What can't be sent is reported, and ends the circuit.
         connect.stdin.write(b"lost\n")
         connect.stdin.flush()
-        self.assertEqual(connect.stderr.read(),
-                         b"pelmobus: send LINE: Not connected to daemon (21)\n")
-        self.assertEqual(connect.wait(30), 1)
+        self.assertEqual(self.ended(connect, 1)[1], b"pelmobus: send LINE: Not connected to daemon (21)\n")
 
     def test_who_ends_without_the_daemon_having_read_all_says_so(self):
         # The daemon is stopped, and killed while they end.
         accept, connect = self.circuit()
-        self.daemon.popen.send_signal(signal.SIGSTOP)
-        os.waitid(os.P_PID, self.daemon.popen.pid, os.WSTOPPED)
+        self.pmd.popen.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self.pmd.popen.pid, os.WSTOPPED)
         connect.stdin.write(b"x\n")
         connect.stdin.close()
         connect.stdin = None
         with self.assertRaises(subprocess.TimeoutExpired):
             connect.wait(0.3)
-        self.daemon.popen.kill()
-        self.assertEqual(connect.wait(30), 1)
+        self.pmd.popen.kill()
         # Where it comes late, it finds the connection broken before it can send.
-        self.assertRegex(connect.stderr.read(), b"circuit connect C: not all has left: |send LINE: Not connected")
+        self.assertRegex(self.ended(connect, 1)[1], b"circuit connect C: not all has left: |send LINE: Not connected")
 
     def test_listening_is_said_once_the_daemon_knows(self):
-        relay = Relay(self.daemon.port)
-        self.addCleanup(relay.close)
+        relay = self.started(Relay(self.pmd.port))
         relay.line.holds = b"\6mtype\0\x08\x02L"
-        listener = subprocess.Popen([PROGRAM, "--service", "7500:", "--daemon", "127.0.0.1:%d" % relay.port,
-                                     "listen", "A", "--count", "1"],
-                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.addCleanup(listener.communicate)
-        self.addCleanup(listener.kill)
+        listener = self.start("--service", "7500:", "--daemon", "127.0.0.1:%d" % relay.port,
+                              "listen", "A", "--count", "1")
         wait_until(lambda: not relay.line.open.is_set(), "its interest")
         self.assertEqual(select.select([listener.stderr], [], [], 0.5)[0], [])
         relay.line.holds = None
@@ -377,24 +340,21 @@ class OverADaemon(unittest.TestCase):
 
     def test_a_broken_connection_is_waited_for_where_that_is_asked_for(self):
         listener = self.start("listen", "W", "--count", "3")
-        waiting = self.start("send", "W", "--lines", "--wait", stdin=subprocess.PIPE)
-        failing = self.start("send", "W", "--lines", stdin=subprocess.PIPE)
+        waiting = self.start("send", "W", "--lines", "--wait", stdin=PIPE)
+        failing = self.start("send", "W", "--lines", stdin=PIPE)
         for process in (waiting, failing):
             process.stdin.write(b"before\n")
             process.stdin.flush()
             self.assertEqual(listener.stdout.readline(), b'W {line="before"}\n')
-        self.daemon.close()
+        self.pmd.close()
         for process in (waiting, failing, listener):
             self.assertEqual(process.stderr.readline(), b"pelmobus: lost the connection to the daemon\n")
         for process in (waiting, failing):
             process.stdin.write(b"after\n")
             process.stdin.flush()
-        _, err = failing.communicate(timeout=30)
-        self.assertEqual(failing.returncode, 1)
-        self.assertEqual(err, b"pelmobus: send W: Not connected to daemon (21)\nsent 1\n")
-        self.daemon = Daemon(PMD, port=self.daemon.port)
-        self.addCleanup(self.daemon.close)
-        self.assertEqual(self.ended(waiting), "")
+        self.assertEqual(self.ended(failing, 1)[1], b"pelmobus: send W: Not connected to daemon (21)\nsent 1\n")
+        self.daemon(port=self.pmd.port)
+        self.assertEqual(self.ended(waiting)[0], "")
         self.assertRegex(listener.stderr.readline().decode(),
                          r"^pelmobus: connected to the daemon again after \d+\.\d seconds\n$")
         # The listener is back in its own time, and its end shows that it is.
@@ -405,21 +365,16 @@ class OverADaemon(unittest.TestCase):
         gone = self.start("listen", "G")
         gone.stdout.close()
         self.bus("send", "G", "--count", "10")
-        self.assertIn(b"Broken pipe: IO operation failed (74)", gone.stderr.read())
         self.assertEqual(gone.wait(30), 1)
+        self.assertIn(b"Broken pipe: IO operation failed (74)", gone.stderr.read())
         stalled = self.start("listen", "G")
         size = fcntl.fcntl(stalled.stdout, fcntl.F_SETPIPE_SZ, 4096)
         self.bus("send", "G", "--count", "100", "x=" + "y" * 1000)
-        wait_until(lambda: self.waiting(stalled.stdout) == size, "a full pipe")
+        wait_until(lambda: unread(stalled.stdout) == size, "a full pipe")
         stalled.terminate()
         self.assertEqual(stalled.stderr.read(), b"pelmobus: standard output: its reader takes nothing: "
                                                 b"IO operation failed (74)\n")
         self.assertEqual(stalled.wait(30), 1)
-
-    @staticmethod
-    def waiting(pipe):
-        """Bytes that are unread."""
-        return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, b"\0" * 4))[0]
 
     def test_ends_at_a_signal_while_its_daemon_does_not_read(self):
         listeners = [self.start("listen", subject, "--count=1", "--quiet") for subject in "AB"]
@@ -427,13 +382,12 @@ class OverADaemon(unittest.TestCase):
                    for words in (["send", "A"], ["bench", "send", "B"])]
         for listener in listeners:
             self.ended(listener)
-        os.kill(self.daemon.popen.pid, signal.SIGSTOP)
+        os.kill(self.pmd.popen.pid, signal.SIGSTOP)
         time.sleep(1)  # they have more to send than may wait
         for sender in senders:
             sender.send_signal(signal.SIGTERM)
         # What was taken and what wasn't are reported, and what was taken and hasn't left.
-        _, err = senders[0].communicate(timeout=30)
-        self.assertEqual(senders[0].returncode, 1, err)
+        _, err = self.ended(senders[0], 1)
         taken = int(re.search(rb"\nsent (\d+)\n$", err).group(1))
         self.assertGreater(taken, 15)
         self.assertIn(b"%d messages not sent: Operation interrupted (51)\n" % (1000000 - taken), err)
@@ -449,11 +403,8 @@ class OverADaemon(unittest.TestCase):
                 process = self.start(*words)
                 with silent.accept()[0]:  # and no greeting comes
                     process.send_signal(signal.SIGINT)
-                    _, err = process.communicate(timeout=30)
-                    self.assertEqual((process.returncode, err), (status, said))
+                    self.assertEqual(self.ended(process, status)[1], said)
 
 
 if __name__ == "__main__":
-    PROGRAM = sys.argv.pop(1)
-    PMD = sys.argv.pop(1)
-    unittest.main()
+    main()

@@ -92,8 +92,12 @@ class Client:
         self.session, self.client_id, self.left = more.pop("session", ""), 0, b""
         self.more = more
         if start:
-            self.shake_hands()
-            self.start(**more)
+            try:
+                self.shake_hands()
+                self.start(**more)
+            except BaseException:
+                self.close()
+                raise
 
     def exactly(self, size):
         while len(self.left) < size:

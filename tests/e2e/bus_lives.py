@@ -23,50 +23,40 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from bus_client import Daemon  # noqa: E402
 from lives_check import Asking, Circuit, Listener, Sender, check  # noqa: E402
 from lives_relay import Line, Relay  # noqa: E402
-from live_run import Process, cpu_seconds, descriptors, environment, resident_bytes  # noqa: E402
+from live_run import Tool, cpu_seconds, descriptors, environment, resident_bytes, wait_until  # noqa: E402
 
-STUCK_SECONDS = 120  # of a busy machine; whoever needs longer waits for something that won't come
+STUCK_SECONDS = 120  # of a busy machine; what takes longer waits for something that won't come
 REST_BYTES = 100 << 20
 MEGA = 1000 * 1000
 
 
-class Stuck(Exception):
-    pass
+def settles(test, what):
+    wait_until(test, what, STUCK_SECONDS)
 
 
-def await_(test, what, seconds=STUCK_SECONDS):
-    deadline = time.monotonic() + seconds
-    while not test():
-        if time.monotonic() > deadline:
-            raise Stuck("stuck: " + what)
-        time.sleep(0.02)
-
-
-class Program(Process):
+class Program(Tool):
     """A pelmobus whose output lies in files, so that it never waits for its reader."""
 
-    def __init__(self, life, name, port, *words, lines=None, settings=(), limits=()):
-        self.name, self.port = name, port
-        self.out, self.err = life.folder / (name + ".out"), life.folder / (name + ".err")
-        (life.folder / (name + ".in")).write_text("".join(line + "\n" for line in lines or ()))
-        self.limits = limits
-        with open(self.out, "wb") as out, open(self.err, "wb") as err, open(life.folder / (name + ".in")) as given:
-            super().__init__(life.pelmobus, *settings, "--daemon", "127.0.0.1:%d" % port, *words, stdout=out, stderr=err,
-                             stdin=given, env=environment())
+    def __init__(self, life, name, port, *words, lines=(), settings=(), limits=()):
+        self.name, self.port, self.troubled = name, port, False
+        given = life.folder / (name + ".in")
+        given.write_text("".join(line + "\n" for line in lines))
+        with open(given) as stdin:
+            super().__init__(life.pelmobus, life.folder / name, *settings, "--daemon", "127.0.0.1:%d" % port, *words,
+                             stdin=stdin)
         for limit, value in limits:
             resource.prlimit(self.popen.pid, limit, (value, value))
-        self.troubled = False
         life.programs.append(self)
 
     def said(self):
-        return self.err.read_text(errors="replace")
+        return self.text("stderr")
 
     def lines(self):
-        text = self.out.read_text(errors="replace")
+        text = self.text()
         return text[:text.rfind("\n") + 1].splitlines()
 
     def await_words(self, words):
-        await_(lambda: words in self.said() or not self.running(), "%s waits for \"%s\"" % (self.name, words))
+        settles(lambda: words in self.said() or not self.running(), "%s waits for \"%s\"" % (self.name, words))
 
     def end(self, number=None):
         """Its status; a signal that is given asks for the end."""
@@ -76,7 +66,7 @@ class Program(Process):
         try:
             return self.status(STUCK_SECONDS)
         except subprocess.TimeoutExpired:
-            raise Stuck("stuck: %s doesn't end: %s" % (self.name, self.said()[-300:])) from None
+            raise AssertionError("%s doesn't end: %s" % (self.name, self.said()[-300:])) from None
 
 
 class Life:
@@ -134,7 +124,7 @@ class Life:
         self.lived.append("cut %d" % relay.cut())
 
     def stop_for(self, process, seconds):
-        self.lived.append("%s stands still" % getattr(process, "name", "the daemon"))
+        self.lived.append("%s is stopped" % getattr(process, "name", "the daemon"))
         process.popen.send_signal(signal.SIGSTOP)
         time.sleep(seconds)
         process.popen.send_signal(signal.SIGCONT)
@@ -159,13 +149,13 @@ class Life:
         for relay in self.relays:
             relay.line.open.set()
             relay.line.rate, relay.line.delay = 0, 0.0
-            await_(relay.is_idle, "a relay's bytes")
+            settles(relay.is_idle, "a relay's bytes")
         for program, subjects, _ in self.listening:
             if program.running():
                 self.mark(program, subjects[0].replace("*", "MARK").replace(">", "MARK"))
 
     def mark(self, program, subject):
-        """Twice: what came by another connection ahead of the first is there by the second. The listener's own
+        """Twice: what came by another connection before the first is there by the second. The listener's own
         connection may only just be back."""
         for number in (1, 2):
             word = 'mark="%s.%d"' % (program.name, number)
@@ -175,8 +165,8 @@ class Life:
                                        word.replace('"', "")], capture_output=True, check=False, env=environment(),
                                       timeout=STUCK_SECONDS)
                 time.sleep(0.1)
-                return sent.returncode == 0 and word in program.out.read_text(errors="replace")
-            await_(arrived, "%s gets no more: %s" % (program.name, program.said()[-300:]))
+                return sent.returncode == 0 and word in program.text()
+            settles(arrived, "%s gets no more: %s" % (program.name, program.said()[-300:]))
 
     def records(self):
         senders = [Sender(program.name, subject, count, program.end(), program.said(), program.troubled)
@@ -195,13 +185,13 @@ class Life:
         for program in self.programs:
             if program.running():
                 program.end(signal.SIGTERM)
-        await_(lambda: descriptors(self.daemon) <= self.base_descriptors, "the daemon's descriptors")
+        settles(lambda: descriptors(self.daemon) <= self.base_descriptors, "the daemon's descriptors")
         pid = self.daemon.popen.pid
-        await_(lambda: resident_bytes(pid) <= REST_BYTES, "the daemon to give memory back")
+        settles(lambda: resident_bytes(pid) <= REST_BYTES, "the daemon to give memory back")
         before = cpu_seconds(pid)
         time.sleep(0.5)
         if cpu_seconds(pid) - before > 0.2:
-            yield "the daemon works though nobody is there: %.2f seconds" % (cpu_seconds(pid) - before)
+            yield "the daemon works though no client is there: %.2f seconds" % (cpu_seconds(pid) - before)
 
     def close(self):
         for program in self.programs + self.daemons:
@@ -308,7 +298,7 @@ def life_of_many(life):
     relays = [life.relay(piece=life.chance.choice((1 << 16, 900)), delay=life.chance.choice((0, 0.001)))
               for _ in range(2)]
     ports = [life.port, *(relay.port for relay in relays)]
-    heard = life.listen("behind", "MANY.*", port=relays[0].port)
+    heard = life.listen("relayed", "MANY.*", port=relays[0].port)
     life.listen("wild", "MANY.>", "OTHER")
     answers = Program(life, "answers", life.port, "answer", "ASK.ME", settings=life.chance.choice(((), ("--service", ""))))
     answers.await_words("listening on")
@@ -367,7 +357,7 @@ def live(pelmobus, pmd, seed, folder):
         life.settle()
         faults = check(*life.records())
         faults += life.check_rest()
-    except Stuck as stuck:
+    except AssertionError as stuck:
         faults = [str(stuck)]
     finally:
         life.close()
@@ -388,16 +378,16 @@ def main():
 
     def run(seed):
         folder = pathlib.Path(tempfile.mkdtemp(prefix="bus-life-"))
-        faults, told = live(options.pelmobus, options.pmd, seed, folder)
+        faults, lived = live(options.pelmobus, options.pmd, seed, folder)
         if not (faults and options.keep):
             shutil.rmtree(folder)
-        return seed, faults, told, folder
+        return seed, faults, lived, folder
     with concurrent.futures.ThreadPoolExecutor(options.at_once) as pool:
-        for seed, faults, told, folder in pool.map(run, seeds):
+        for seed, faults, lived, folder in pool.map(run, seeds):
             if not faults:
                 continue
             failed += 1
-            print("seed %d, %s:" % (seed, told))
+            print("seed %d, %s:" % (seed, lived))
             print("".join("    %s\n" % fault for fault in faults), end="")
             if options.keep:
                 print("    records: %s" % folder)

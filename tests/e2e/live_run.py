@@ -2,10 +2,11 @@
 
 The wire is a veth pair in a network namespace that lives as long as the test. Where namespaces
 aren't permitted it's the loopback, and the output says so; where live capture isn't permitted at
-all the test says that and ends with status 77. Run as a program it tells which of these it will be.
+all the test says that and ends with status 77. Run as a program it says which of these it will be.
 """
 
 import collections
+import contextlib
 import ctypes
 import os
 import re
@@ -32,6 +33,7 @@ def run_quietly(*command):
 
 
 def veth_pair():
+    """Makes it; answers what went wrong."""
     for command in ("link set lo up", "link add sender type veth peer name listener",
                     "link set sender up", "link set listener up"):
         run = run_quietly("ip", *command.split())
@@ -41,7 +43,7 @@ def veth_pair():
 
 
 def open_wire():
-    """Starts the program anew in a namespace of its own, unless it runs in one already."""
+    """Starts the program again in a namespace of its own, unless it runs in one already."""
     if NAMESPACE_MARK not in os.environ:
         tried = run_quietly("unshare", "--net", "true")
         if tried.returncode == 0:
@@ -58,7 +60,7 @@ def open_wire():
     except PermissionError:
         print("NOT TESTED: no live capture is permitted here, and no network namespace:", reason)
         sys.exit(SKIPPED)
-    print("no network namespace here (%s): the loopback stands in for it" % reason, flush=True)
+    print("no network namespace here (%s): the loopback replaces it" % reason, flush=True)
     return Wire("lo", ("--loopback",))
 
 
@@ -101,8 +103,9 @@ class Process:
         if self.running():
             self.popen.kill()
         self.popen.wait()
-        if self.popen.stdout:
-            self.popen.stdout.close()
+        for stream in filter(None, (self.popen.stdin, self.popen.stdout, self.popen.stderr)):
+            with contextlib.suppress(BrokenPipeError):  # what was written and not read
+                stream.close()
 
 
 def descriptors(process):
@@ -121,18 +124,18 @@ def cpu_seconds(pid):
 
 
 class Tool(Process):
-    """The tool; what it prints goes to files of `folder`, its working directory."""
+    """A program, such as the tool; what it prints goes to files of `folder`, its working directory."""
 
-    def __init__(self, binary, folder, *arguments, stdout=None, stderr=None, **env):
+    def __init__(self, binary, folder, *arguments, stdin=subprocess.DEVNULL, stdout=None, stderr=None, **env):
         self.folder = folder
         folder.mkdir(exist_ok=True)
         with open(folder / "stdout", "wb") as out, open(folder / "stderr", "wb") as err:
-            super().__init__(binary, *arguments, cwd=folder, env=environment(**env),
+            super().__init__(binary, *arguments, cwd=folder, env=environment(**env), stdin=stdin,
                              stdout=stdout or out, stderr=stderr or err)
 
     def text(self, name="stdout"):
         path = self.folder / name
-        return path.read_text() if path.exists() else ""
+        return path.read_text(errors="replace") if path.exists() else ""
 
     def reports(self, name="stdout"):
         return read_reports(self.text(name))
@@ -152,7 +155,7 @@ class Tool(Process):
 
 
 def sent_totals(text):
-    """What the generator tells: kind -> packets, "KIND bytes" -> bytes, messages, subjects."""
+    """What the generator reports: kind -> packets, "KIND bytes" -> bytes, messages, subjects."""
     totals = {}
     for line in text.splitlines():
         _, what, count, *rest = line.split()

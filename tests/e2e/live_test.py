@@ -1,4 +1,4 @@
-"""Live runs of the built tool: live_test.py PELMOSCOPE PELMOGEN CLOCK_SHIFT [TEST ...]."""
+"""Live runs of the built tool."""
 
 import fcntl
 import os
@@ -7,26 +7,26 @@ import re
 import shutil
 import signal
 import struct
-import subprocess
 import sys
 import tempfile
 import termios
 import threading
 import time
-import unittest
 
-from live_run import (Process, Tool, added_up, open_wire, read_reports, run_quietly, sent_totals,
-                      total_of, wait_until)
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-BINARY, PELMOGEN, CLOCK_SHIFT = (pathlib.Path(argument).resolve() for argument in sys.argv[1:4])
-SAMPLE = pathlib.Path(__file__).resolve().parents[2] / "samples" / "bus.pcap"
+from program_case import ROOT, ProgramCase, Tool, binary, main, run, wait_until  # noqa: E402
+
+from live_run import added_up, open_wire, read_reports, run_quietly, sent_totals, total_of  # noqa: E402
+
+BINARY, PELMOGEN = binary("pelmoscope"), binary("pelmogen")
 WIRE = None
 
 MIX = """--nulls 0.1 --rreqs 0.05 --rrejs 0.04 --ptp-data 0.06 --ptp-ackmes 0.03 --ptp-acks 0.02
     --ptp-naks 0.02 --non-bus 0.05 --hosts 20 --nets 2 --ports 3 --subjects 240 --publishers 2
     --scids 0.5 --replies 0.2 --host-status 0.1 --messages 1-3 --payload 100-1300 --repeats 0.02
     --gaps 0.02 --restarts 0.002 --damaged 0.02 --damage checksum""".split()
-# What the generator tells -> the table and the columns that it's counted in.
+# What the generator reports -> the table and the columns that it's counted in.
 COUNTED = {"data": ("mcast", (0, 3)), "data bytes": ("mcast", (1, 4)), "null": ("mcast", (2,)),
            "rreq": ("retrans", (0,)), "rrej": ("retrans", (2,)), "ptp-data": ("ptp", (0,)),
            "ptp-ackme": ("ptp", (2,)), "ptp-ack": ("ptp", (3,)), "ptp-nak": ("ptp", (4,))}
@@ -48,38 +48,31 @@ def within_a_second():
     return 1.0 + 8 * (time.monotonic() - began)
 
 
-def capabilities(tool):
-    status = pathlib.Path("/proc/%d/status" % tool.popen.pid).read_text()
-    return int(re.search(r"CapPrm:\s*(\w+)", status).group(1), 16)
-
-
-class Live(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-
+class Live(ProgramCase):
     def run_tool(self, name, *arguments, **more):
-        tool = Tool(BINARY, self.folder / name, *arguments, **more)
-        self.addCleanup(tool.close)
-        return tool
+        """In a folder of that name, below one of the test's own."""
+        folder = self.folder / self.id()
+        folder.mkdir(exist_ok=True)
+        return self.started(Tool(BINARY, folder / name, *arguments, **more))
 
-    def start(self, name, *arguments, interface=None, **more):
+    def start_live(self, name, *arguments, interface=None, **more):
         return self.run_tool(name, "-i", interface or WIRE.interface, "-u", "1", *arguments, **more)
 
+    def ended_well(self, *command, **more):
+        done = run(*command, text=True, **more)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return done.stdout
+
     def send_all(self, *options):
-        run = subprocess.run([PELMOGEN, *WIRE.send, *options], check=True, timeout=30,
-                             stdout=subprocess.PIPE, text=True)
-        return sent_totals(run.stdout)
+        return sent_totals(self.ended_well(PELMOGEN, *WIRE.send, *options))
 
     def read_back(self, path, *arguments):
         """What an offline run makes of a capture, in one report."""
-        run = run_quietly(BINARY, "-r", path, "-u", "100000000", *arguments)
-        self.assertEqual(run.returncode, 0, run.stderr)
-        return read_reports(run.stdout)
+        return read_reports(self.ended_well(BINARY, "-r", path, "-u", "100000000", *arguments))
 
     def link(self, *commands):
         for command in commands:
-            run = run_quietly("ip", "link", *command.split())
-            self.assertEqual(run.returncode, 0, run.stderr)
+            self.ended_well("ip", "link", *command.split())
 
     def stop_in_order(self, tool, log="stderr", number=signal.SIGTERM):
         status, seconds = tool.stop(number)
@@ -103,17 +96,17 @@ class Live(unittest.TestCase):
 
     def test_reports_and_saved_capture_add_up_to_what_was_sent(self):
         options = [*MIX, "--count", "7000", "--rate", "2000", "--seed", "3"]
-        run_quietly(PELMOGEN, "--out", self.folder / "sent.pcap", *options)
-        wanted = self.as_on_the_wire(
-            added_up(self.read_back(self.folder / "sent.pcap", "-addrinfo", "-ptp")))
+        sent = self.generate("sent.pcap", *options)
+        wanted = self.as_on_the_wire(added_up(self.read_back(sent, "-addrinfo", "-ptp")))
 
-        tool = self.start("tool", "-addrinfo", "-ptp", "-w", "saved.pcap")
+        tool = self.start_live("tool", "-addrinfo", "-ptp", "-w", "saved.pcap")
         tool.wait_for_reports(1)
-        self.assertEqual(capabilities(tool) & ~NET_CAPABILITIES, 0)
+        status = pathlib.Path("/proc/%d/status" % tool.popen.pid).read_text()
+        self.assertEqual(int(re.search(r"CapPrm:\s*(\w+)", status)[1], 16) & ~NET_CAPABILITIES, 0)
         totals = self.send_all(*options)
         wait_until(lambda: added_up(tool.reports()) == wanted or len(tool.reports()) > 8,
                    "the reports' end")
-        # A report has the frames behind it on the disk, whatever becomes of the tool.
+        # A report has the frames before it on the disk, whatever becomes of the tool.
         saved = self.read_back(tool.folder / "saved.pcap", "-addrinfo", "-ptp")
         self.stop_in_order(tool)
 
@@ -126,7 +119,7 @@ class Live(unittest.TestCase):
         self.assertEqual(counted, {name: totals[name] for name in COUNTED})
 
     def test_each_signal_ends_a_run_within_a_second(self):
-        tools = {number: self.start(number.name, "-w", "saved.pcap", *options)
+        tools = {number: self.start_live(number.name, "-w", "saved.pcap", *options)
                  for number, options in ((signal.SIGINT, ()), (signal.SIGTERM, ("-foreground",)),
                                          (signal.SIGHUP, ()))}
         for number, tool in tools.items():
@@ -143,8 +136,8 @@ class Live(unittest.TestCase):
         if WIRE.interface == "lo":
             self.skipTest("without a namespace loopback can't be taken down")
         self.addCleanup(self.link, "set lo up")
-        for name in ("before", "behind"):
-            tool = self.start(name)
+        for name in ("before", "after"):
+            tool = self.start_live(name)
             tool.wait_for_reports(1)
             self.link("set lo down")
             self.stop_in_order(tool)
@@ -164,20 +157,20 @@ class Live(unittest.TestCase):
             os.chmod(folder, mode)
             os.chown(folder, owner, 0)
             try:
-                run = subprocess.run(["elsewhere/pelmoscope", "-r", SAMPLE, "-no-display"], executable=tool, cwd="/",
-                                     user=65534, group=65534, extra_groups=[], capture_output=True, text=True,
-                                     check=False, env={"PELMO_REXEC": "1", "PM_BIN": str(self.folder)})
+                done = run("elsewhere/pelmoscope", "-r", ROOT / "samples/bus.pcap", "-no-display",
+                           executable=tool, cwd="/", user=65534, group=65534, extra_groups=[], text=True,
+                           env={"PELMO_REXEC": "1", "PM_BIN": str(self.folder)})
             except PermissionError:
-                run = None
-            if run is None or "Permission denied" in run.stderr:
+                done = None
+            if done is None or "Permission denied" in done.stderr:
                 self.skipTest("nobody may not enter " + str(folder))
-            self.assertEqual(run.returncode, status, (oct(mode), owner, run.stderr))
-            self.assertEqual("Failed to set module path" in run.stderr, bool(status))
+            self.assertEqual(done.returncode, status, (oct(mode), owner, done.stderr))
+            self.assertEqual("Failed to set module path" in done.stderr, bool(status))
 
     def test_rings_of_capture_and_log_files(self):
         """Names are relative, and the tool leaves its directory."""
         options = "-addrinfo -w w.pcap -w-max-size 1 -logfile log -log-max-size 100"
-        tools = {count: self.start("ring%d" % count, *options.split(), "-w-max-rotations", count,
+        tools = {count: self.start_live("ring%d" % count, *options.split(), "-w-max-rotations", count,
                                    "-log-max-rotations", count) for count in RINGS}
         for tool in tools.values():
             tool.wait_for_reports(1, "log")
@@ -210,7 +203,7 @@ class Live(unittest.TestCase):
         if WIRE.interface == "lo":
             self.skipTest("without a namespace no interface can be taken away")
         self.link("add sender2 type veth peer name listener2", "set sender2 up", "set listener2 up")
-        tool = self.start("tool", interface="listener2")
+        tool = self.start_live("tool", interface="listener2")
         tool.wait_for_reports(1)
         self.link(*("set listener2 " + change for change in ("down", "up", "down")))
 
@@ -228,15 +221,15 @@ class Live(unittest.TestCase):
         """Of reports, of the log, or of a saved capture. What goes to a file instead gets there."""
         readers, tools = [], {}
         for name in ("stdout", "stderr", "log", "saved.pcap", "traced"):
-            (self.folder / name).mkdir()
-            pipe = self.folder / name / ("stderr" if name == "traced" else name)
+            pipe = self.folder / self.id() / name / ("stderr" if name == "traced" else name)
+            pipe.parent.mkdir(parents=True)
             os.mkfifo(pipe)
             readers.append(os.open(pipe, os.O_RDONLY | os.O_NONBLOCK))
             self.addCleanup(os.close, readers[-1])
             fcntl.fcntl(readers[-1], fcntl.F_SETPIPE_SZ, PIPE_BYTES)
             log = ["-logfile", "log"] if name == "log" else []
             traced = {"_PM_TRACING_MODULES": "EVENTS"} if name == "traced" else {}
-            tools[name] = self.start(name, "-complain", "-addrinfo", "-w", "saved.pcap", *log, **traced)
+            tools[name] = self.start_live(name, "-complain", "-addrinfo", "-w", "saved.pcap", *log, **traced)
         for name, tool in tools.items():
             wait_until(lambda: os.readlink("/proc/%d/cwd" % tool.popen.pid) == "/", "a start of " + name)
         self.send_all("--count", "2000", "--rate", "10000", "--subjects", "1000",
@@ -253,8 +246,7 @@ class Live(unittest.TestCase):
                     self.assertGreater(total_of(self.read_back(tool.folder / "saved.pcap")), 0)
 
     def test_an_offline_run_that_loses_output_says_so(self):
-        capture = self.folder / "capture"
-        run_quietly(PELMOGEN, "--out", capture, "--count", "100")
+        capture = self.generate("capture", "--count", "100")
         full = os.open("/dev/full", os.O_WRONLY)
         self.addCleanup(os.close, full)
         for name, arguments, streams, words in (
@@ -270,7 +262,7 @@ class Live(unittest.TestCase):
         reader, writer = os.pipe()
         self.addCleanup(os.close, reader)
         fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
-        tool = self.start("tool", stdout=writer)
+        tool = self.start_live("tool", stdout=writer)
         os.close(writer)
         text = b""
         while b"Snapshot" not in text:
@@ -301,8 +293,8 @@ class Live(unittest.TestCase):
     def test_a_wall_clock_that_steps_neither_hangs_nor_floods(self):
         paths = {shift: self.folder / ("shift%d" % shift) for shift in (HOUR, -HOUR)}
         asan = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-        tools = {shift: self.start("tool%d" % shift, LD_PRELOAD=str(CLOCK_SHIFT),
-                                   CLOCK_SHIFT_FILE=str(path), ASAN_OPTIONS=asan)
+        tools = {shift: self.start_live("tool%d" % shift, LD_PRELOAD=str(binary("clock_shift.so")),
+                                        CLOCK_SHIFT_FILE=str(path), ASAN_OPTIONS=asan)
                  for shift, path in paths.items()}
         for tool in tools.values():
             tool.wait_for_reports(2)
@@ -325,8 +317,7 @@ class Live(unittest.TestCase):
     def test_the_generator_sends_nothing_where_a_frame_could_leave(self):
         if WIRE.interface == "lo":
             self.skipTest("without a namespace nothing can lead out of one")
-        other = Process("unshare", "--net", "sleep", "60")
-        self.addCleanup(other.close)
+        other = self.start("unshare", "--net", "sleep", "60")
         here = os.readlink("/proc/self/ns/net")
         wait_until(lambda: os.readlink("/proc/%d/ns/net" % other.popen.pid) != here, "a namespace")
         self.link("add out type veth peer name away netns %d" % other.popen.pid)
@@ -334,10 +325,10 @@ class Live(unittest.TestCase):
         self.send_all("--count", "1")
         self.link("set out up")
         for interface in ("out", "sender", "lo", "none"):
-            run = run_quietly(PELMOGEN, "--interface", interface, "--count", "1")
-            self.assertEqual((run.returncode, run.stdout), (1, ""), interface)
+            done = run(PELMOGEN, "--interface", interface, "--count", "1")
+            self.assertEqual((done.returncode, done.stdout), (1, b""), interface)
 
 
 if __name__ == "__main__":
     WIRE = open_wire()
-    unittest.main(argv=[sys.argv[0], *sys.argv[4:]], verbosity=2)
+    main()

@@ -1,19 +1,19 @@
-"""What must hold of a life of the bus, as a function of what its programs left behind: records in, words out.
+"""What must hold of a life of the bus, as a function of the records of its programs: records in, words out.
 
-A number is what a sender counts from 1. A gap is told where a program that had to do with it says so on its
+A number is what a sender counts from 1. A gap is reported where a program that had to do with it says so on its
 standard error stream, or ends with another status than 0.
 """
 import collections
 import re
 
 # Lines that tell of something lost, or of a connection that was.
-TELLS = re.compile(r"lost the connection|[Nn]ot connected|DISCONNECTED|RECONNECTED|cut off|couldn't|dropp|lost|refused|"
+REPORTS = re.compile(r"lost the connection|[Nn]ot connected|DISCONNECTED|RECONNECTED|cut off|couldn't|dropp|lost|refused|"
                    r"didn't leave|Broken pipe|reset|no memory|out of memory|not sent|unsent|ended ahead|without|"
                    r"timed out|closed|Memory allocation|open: |DeliveryFailed|[Dd]elivery|Virtual circuit|connect ")
 MESSAGE = re.compile(r'(\S+) (?:reply=\S+ )?\{.*?life="([^"]*)".*?\bseq=(\d+)')
 SENT = re.compile(r"^sent (\d+)$", re.M)
 
-# A program's record. `troubled`: it was killed, or told to end early. `early`: a listener that stood before all
+# A program's record. `troubled`: it was killed, or asked to end early. `early`: a listener that was there before all
 # senders and that outlived them.
 Sender = collections.namedtuple("Sender", "name subject count status said troubled")
 Listener = collections.namedtuple("Listener", "name subjects lines status said early")
@@ -38,21 +38,21 @@ def check_sender(sender):
             yield "%s ended with 0 and says %r" % (sender.name, sender.said[-200:])
     if sender.status not in (0, 1, -9):
         yield "%s ended with %s: %s" % (sender.name, sender.status, sender.said[-300:])
-    if sender.status == 1 and not TELLS.search(sender.said):
+    if sender.status == 1 and not REPORTS.search(sender.said):
         yield "%s ended with 1 and no word: %r" % (sender.name, sender.said[-300:])
 
 
-def check_arrival(sender, listener, numbers, daemon_tells, calm):
+def check_arrival(sender, listener, numbers, daemon_says, calm):
     what = "%s from %s on %s" % (listener.name, sender.name, sender.subject)
     for before, after in zip(numbers, numbers[1:]):
         if after <= before:
             yield "%s: %d comes after %d" % (what, after, before)
             break
-    told = TELLS.search(sender.said) or TELLS.search(listener.said) or daemon_tells or sender.status != 0 or listener.status != 0
+    reported = REPORTS.search(sender.said) or REPORTS.search(listener.said) or daemon_says or sender.status != 0 or listener.status != 0
     taken = SENT.search(sender.said)
     if taken and numbers and numbers[-1] > int(taken[1]):
         yield "%s: %d came, and %s says %s" % (what, numbers[-1], sender.name, taken[0])
-    if (told and not calm) or not listener.early:
+    if (reported and not calm) or not listener.early:
         return
     if numbers != list(range(1, sender.count + 1)):
         missing = sender.count - len(set(numbers))
@@ -100,7 +100,7 @@ def check(senders, listeners, circuits, askings, daemon_said, calm):
     if calm:
         faults += ["%s ended with %s although nothing befell: %s" % (one.name, one.status, str(one.said)[-200:])
                    for one in senders + listeners + circuits + askings if one.status not in (0, [0, 0])]
-    daemon_tells = bool(re.search(r"cut off|refused|memory", daemon_said))
+    daemon_says = bool(re.search(r"cut off|refused|memory", daemon_said))
     for sender in senders:
         faults += check_sender(sender)
     for listener in listeners:
@@ -110,7 +110,7 @@ def check(senders, listeners, circuits, askings, daemon_said, calm):
             faults.append("%s got what nobody sent: %r" % (listener.name, set(found) - known))
         for sender in senders:
             if any(matches(pattern, sender.subject) for pattern in listener.subjects):
-                faults += check_arrival(sender, listener, found[sender.name, sender.subject], daemon_tells,
+                faults += check_arrival(sender, listener, found[sender.name, sender.subject], daemon_says,
                                         calm)
     for circuit in circuits:
         faults += check_circuit(circuit)

@@ -19,7 +19,7 @@ Words, all optional; what the first three leave out is as above:
 Damage, done in the order of its words. Offsets are in bytes, negative ones from the end:
 
     ip@OFFSET=HEX     stored from the IP header on; the checksum stays as it was
-    bus@OFFSET=HEX    stored from the bus's header on; the checksum is made anew
+    bus@OFFSET=HEX    stored from the bus's header on; the checksum is made again
     says=BYTES        IP and UDP lengths and checksum of so many bytes from the bus's header on
     cut=BYTES pad=BYTES   what was captured of the IP packet
 
@@ -102,7 +102,7 @@ def stored(packet, offset, data):
 
 
 def sealed(packet):
-    """With its UDP checksum made anew (RFC 768); its lengths must hold."""
+    """With its UDP checksum made again (RFC 768); its lengths must hold."""
     size = struct.unpack_from(">H", packet, UDP + 4)[0]
     packet = stored(packet, UDP + 6, b"\0\0")
     summed = packet[12:20] + struct.pack(">HH", 17, size) + packet[UDP:UDP + size] + b"\0" * (size % 2)
@@ -162,6 +162,17 @@ def frame_of(line):
     for word in damage:
         packet = damaged(packet, word)
     return ETHERNET + packet
+
+
+def frames_of(path):
+    """(nanoseconds, bytes on the wire, frame) of each record of a capture, of either byte order and clock."""
+    data, at = path.read_bytes(), 24
+    order, scale = {b"\xd4\xc3\xb2\xa1": ("<", 1000), b"\xa1\xb2\xc3\xd4": (">", 1000),
+                    b"\x4d\x3c\xb2\xa1": ("<", 1), b"\xa1\xb2\x3c\x4d": (">", 1)}[data[:4]]
+    while at < len(data):
+        seconds, fraction, kept, wire = struct.unpack_from(order + "IIII", data, at)
+        yield seconds * 10**9 + fraction * scale, wire, data[at + 16:at + 16 + kept]
+        at += 16 + kept
 
 
 def capture(text):

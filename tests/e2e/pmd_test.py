@@ -1,7 +1,6 @@
-"""The daemon as a program, by what clients and operators see: pmd_test.py PMD PELMOBUS [TEST ...]."""
+"""The daemon as a program, by what clients and operators see."""
 
 import concurrent.futures
-import contextlib
 import fcntl
 import os
 import pathlib
@@ -10,69 +9,40 @@ import shutil
 import signal
 import socket
 import struct
-import subprocess
 import sys
 import tempfile
 import time
-import unittest
 
-from bus_client import Client, Closed, Daemon, data_message, free_port, message
-from live_run import Process, descriptors, resident_bytes, wait_until
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-PMD, PELMOBUS = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
+from program_case import ProgramCase, Tool, binary, main, run, wait_until  # noqa: E402
+
+from bus_client import Client, Closed, data_message, free_port, message  # noqa: E402
+from live_run import descriptors, resident_bytes  # noqa: E402
+
+PMD = binary("pmd")
 START_SECONDS = 10
 MEGABYTE = 1 << 20
+HEAD = struct.Struct(">II")
+MAGIC = 0x9955eeaa
 
 
-def most_memory(daemon):
-    status = pathlib.Path("/proc/%d/status" % daemon.popen.pid).read_text()
-    return int(re.search(r"VmHWM:\s+(\d+) kB", status).group(1)) * 1024
-
-
-class Pmd(unittest.TestCase):
-    def daemon(self, *arguments, **more):
-        daemon = Daemon(PMD, *arguments, **more)
-        self.addCleanup(daemon.close)
-        return daemon
-
-    def client(self, daemon, *subjects, **more):
-        client = Client(daemon.port, **more)
-        self.addCleanup(client.close)
-        if subjects:
-            client.listen(*subjects)
-        return client
-
-    def refused(self, port):
+class Pmd(ProgramCase):
+    def refused(self, daemon):
         """A client whose answer to the greeting isn't one."""
-        bad = self.enterContext(contextlib.closing(Client(port, start=False)))
+        bad = self.client(daemon, start=False)
         bad.socket.sendall(bytes([9]) * 12)
         self.assertTrue(bad.is_cut_off())
 
-    def library_clients(self, daemon, count):
-        """Programs of the library, each of which prints the messages that it gets on "ALL.>"."""
-        clients = [Process(PELMOBUS, "--daemon", "127.0.0.1:%d" % daemon.port, "listen", "ALL.>", "--json",
-                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) for _ in range(count)]
-        for client in clients:
-            self.addCleanup(client.close)
-            os.set_blocking(client.popen.stdout.fileno(), False)
-        return clients
-
-    def all_get(self, daemon, clients, subject):
+    def all_get(self, daemon, listeners, subject):
         """Sends until each has got one: what is sent meanwhile reaches those that are back."""
-        sender, got = self.client(daemon), {client: b"" for client in clients}
-
-        def have_all_got_it():
-            sender.send(subject)
-            time.sleep(0.1)
-            for client in clients:
-                got[client] += client.popen.stdout.read() or b""
-            return all(subject.encode() in text for text in got.values())
-        wait_until(have_all_got_it, subject + " at each client", 30)
-        sender.close()
+        sender = self.client(daemon)
+        wait_until(lambda: sender.send(subject) and all(subject in one.text() for one in listeners),
+                   subject + " at each client", 30)
 
     def run_pmd(self, *arguments, program=(PMD,)):
-        run = subprocess.run([*program, *arguments], capture_output=True, text=True, timeout=10)
-        return run.returncode, run.stdout, run.stderr
+        done = run(*program, *arguments, text=True)
+        return done.returncode, done.stdout, done.stderr
 
     def test_says_what_is_wrong_and_ends(self):
         taken = self.daemon()
@@ -96,51 +66,31 @@ class Pmd(unittest.TestCase):
         good = self.client(daemon, "A")
         for what, words in (
                 (b"GET / HTTP/1.0\r\n\r\n", "bad magic from %s"),
-                (struct.pack(">II", 0xffffffff, 0x9955eeaa), "message with invalid size from %s"),
+                (HEAD.pack(0xffffffff, MAGIC), "message with invalid size from %s"),
                 (message(b"\7nonsense"), "client %s (tester): it sent a message that is corrupt"),
-                (struct.pack(">II", 0, 0), "")):  # a client that leaves in order
+                (HEAD.pack(0, 0), "")):  # a client that leaves in order
             client = self.client(daemon)
             where = "127.0.0.1:%d" % client.socket.getsockname()[1]
             client.socket.sendall(what)
             self.assertTrue(client.is_cut_off(), what)
             if words:
                 self.assertTrue(daemon.log().rstrip("\n").endswith(words % where), daemon.log())
-        self.refused(daemon.port)
+        self.refused(daemon)
         self.assertTrue(good.hears(good, "A"))
 
     def test_waits_for_no_reader_of_its_log(self):
         port, (reader, writer) = free_port(), os.pipe()
-        daemon = Process(PMD, "-listen", port, stderr=writer)
-        self.addCleanup(daemon.close)
+        daemon = self.start(PMD, "-listen", port, stderr=writer)
         fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
         os.close(writer)
         self.assertIn(b"listening on", os.read(reader, 4096))
         daemon.port = port
         good = self.client(daemon, "A")
         for _ in range(60):  # 4800 bytes of lines, more than the pipe holds
-            self.refused(port)
+            self.refused(daemon)
         self.assertTrue(good.hears(good, "A"))
         os.close(reader)
-        self.refused(port)
-        self.assertTrue(good.hears(good, "A"))
-
-    def test_waits_for_nobody_in_the_handshake(self):
-        daemon = self.daemon()
-        began = time.monotonic()
-        silent = [Client(daemon.port, start=False) for _ in range(30)]
-        silent[0].shake_hands()
-        silent[1].exactly(12)
-        for byte in struct.pack(">III", 0, 4, 1):
-            silent[1].socket.sendall(bytes([byte]))
-        self.assertEqual(len(silent[1].exactly(64)), 64)
-        good = self.client(daemon, "A")
-        self.assertTrue(good.hears(good, "A"))
-        self.assertNotIn("in time", daemon.log())
-        for client in silent:
-            self.assertTrue(client.is_cut_off())
-        self.assertGreater(time.monotonic() - began, START_SECONDS - 1)
-        late = "it didn't start a session in time"
-        wait_until(lambda: daemon.log().count(late) == 30, "a line for each")
+        self.refused(daemon)
         self.assertTrue(good.hears(good, "A"))
 
     def test_cuts_off_a_slow_reader_and_informs_the_others(self):
@@ -170,8 +120,15 @@ class Pmd(unittest.TestCase):
             self.assertEqual(sorted(reader.message() for _ in images), sorted(images))
             self.assertEqual(daemon.log().count("\n"), 1, daemon.log())
 
-    def test_gives_a_session_time_to_come_back(self):
+    def test_gives_ten_seconds_to_start_a_session_and_to_come_back_to_one(self):
         daemon = self.daemon()
+        began = time.monotonic()
+        silent = [self.client(daemon, start=False) for _ in range(30)]
+        silent[0].shake_hands()
+        silent[1].exactly(12)
+        for byte in struct.pack(">III", 0, 4, 1):
+            silent[1].socket.sendall(bytes([byte]))
+        self.assertEqual(len(silent[1].exactly(64)), 64)
         witness = self.client(daemon, "_PM.INFO.>", "A")
         prefix = "_PM.INFO.SYSTEM.UNREACHABLE.TRANSPORT."
         back = self.client(daemon)
@@ -179,20 +136,27 @@ class Pmd(unittest.TestCase):
         back = self.client(daemon, session=back.session)
         leaving, lost = self.client(daemon), self.client(daemon)
         lost.close()
-        began = time.monotonic()
-        leaving.socket.sendall(struct.pack(">II", 0, 0))
+        lost_at = time.monotonic()
+        leaving.socket.sendall(HEAD.pack(0, 0))
         self.assertEqual(witness.receive()[0], prefix + leaving.session)
         self.assertTrue(witness.hears(witness, "A"))
+        self.assertNotIn("in time", daemon.log())
+
+        for client in silent:
+            self.assertTrue(client.is_cut_off())
+        self.assertGreater(time.monotonic() - began, START_SECONDS - 1)
+        late = "it didn't start a session in time"
+        wait_until(lambda: daemon.log().count(late) == 30, "a line for each")
         self.assertEqual(witness.receive()[0], prefix + lost.session)
-        self.assertGreater(time.monotonic() - began, 9)
+        self.assertGreater(time.monotonic() - lost_at, START_SECONDS - 1)
         self.assertTrue(witness.hears(witness, "A"))
-        back.socket.sendall(struct.pack(">II", 0, 0))
+        back.socket.sendall(HEAD.pack(0, 0))
         self.assertEqual(witness.receive()[0], prefix + back.session)
 
     def test_bounds_what_all_clients_take_together(self):
         daemon = self.daemon("--memory", "48")
         witness = self.client(daemon, "_PM.WARN.>", "A")
-        head = struct.pack(">II", 40 * MEGABYTE, 0x9955eeaa)
+        head = HEAD.pack(40 * MEGABYTE, MAGIC)
         largest, other = self.client(daemon), self.client(daemon)
         other.socket.sendall(head + bytes(10 * MEGABYTE))
         with self.assertRaises((ConnectionError, AssertionError)):
@@ -209,11 +173,10 @@ class Pmd(unittest.TestCase):
     def test_takes_little_before_a_session_starts(self):
         daemon = self.daemon()
         for size, is_taken in ((64 << 10, True), ((64 << 10) + 1, False)):
-            client = Client(daemon.port, start=False, timeout=1)
+            client = self.client(daemon, start=False, timeout=1)
             client.shake_hands()
-            client.socket.sendall(struct.pack(">II", size, 0x9955eeaa))
+            client.socket.sendall(HEAD.pack(size, MAGIC))
             self.assertEqual(client.is_cut_off(), not is_taken)
-            client.close()
         self.assertEqual(daemon.log().count("message with invalid size"), 1)
 
     def test_keeps_no_more_for_a_slow_reader_than_waits_for_it(self):
@@ -225,11 +188,12 @@ class Pmd(unittest.TestCase):
         other = data_message("OTHER", bytes(10 * size))
         for _ in range(count):
             sender.socket.sendall(other)
-            sender.send("RARE", bytes(size))
+            image = sender.send("RARE", bytes(size))
         sender.settle()
-        self.assertLess(most_memory(daemon), 100 * MEGABYTE)
+        status = pathlib.Path("/proc/%d/status" % daemon.popen.pid).read_text()
+        self.assertLess(int(re.search(r"VmHWM:\s+(\d+) kB", status)[1]) << 10, 100 * MEGABYTE)
         for _ in range(count):
-            self.assertGreater(len(slow.message()), size)
+            self.assertEqual(slow.message(), image)
 
     def test_paces_a_sender_that_is_faster_than_its_only_reader(self):
         daemon = self.daemon("--client-backlog", "16")
@@ -291,7 +255,8 @@ class Pmd(unittest.TestCase):
     def test_takes_the_port_over_from_a_stand_in_and_from_nobody_else(self):
         stand_in = self.daemon("-no-permanent")
         where = "127.0.0.1:%d" % stand_in.port
-        clients = self.library_clients(stand_in, 3)
+        clients = [self.started(Tool(binary("pelmobus"), self.folder / str(number), "--daemon", where,
+                                     "listen", "ALL.>", "--json")) for number in range(3)]
         self.all_get(stand_in, clients, "ALL.0")
         # Neither another stand-in nor another user gets it.
         taken = "pmd: can't listen on %s: Address already in use\n" % where
@@ -337,7 +302,7 @@ class Pmd(unittest.TestCase):
         clients = [self.client(daemon) for _ in range(400)]
         before = resident_bytes(daemon.popen.pid)
         for client in clients:  # messages that aren't whole
-            client.socket.sendall(struct.pack(">II", 200000, 0x9955eeaa) + bytes(90000))
+            client.socket.sendall(HEAD.pack(200000, MAGIC) + bytes(90000))
         wait_until(lambda: resident_bytes(daemon.popen.pid) > before + 20 * MEGABYTE, "memory in use")
         for client in clients:
             client.close()
@@ -345,4 +310,4 @@ class Pmd(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=2)
+    main()

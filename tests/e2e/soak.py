@@ -19,8 +19,9 @@ import time
 from live_run import (Process, Tool, descriptors, open_wire, read_reports, resident_bytes, sent_totals, total_of,
                       wait_until)
 
-RATE = 3000
-PHASE_SECONDS = 4
+TOOL_WORDS = "-u 1 -addrinfo -ptp -hostmsgs -w w.pcap -w-max-size 1 -w-max-rotations 2".split()
+TRAFFIC = """--rate 3000 --count 12000 --nets 2 --subjects 1500 --publishers 2 --messages 1-3 --nulls 0.05
+    --rreqs 0.02 --ptp-data 0.05 --restarts 0.01 --repeats 0.02 --host-status 0.02 --payload 100-1000""".split()
 POPULATIONS = ((50, 1, 7500), (400, 2, 7510), (100, 3, 7520), (200, 1, 7530))
 # The heap is in huge pages of 2 MB, and resident memory moves by these. Subjects that stayed
 # would come to 7 MB a minute.
@@ -53,12 +54,8 @@ class Reader(threading.Thread):
 
 def phase(number, pelmogen, wire):
     hosts, ports, first_port = POPULATIONS[number % len(POPULATIONS)]
-    return Process(pelmogen, *wire.send, "--rate", RATE, "--count", RATE * PHASE_SECONDS,
-                   "--seed", number + 1, "--hosts", hosts, "--ports", ports, "--nets", 2,
-                   "--first-port", first_port, "--subjects", 1500, "--publishers", 2,
-                   "--messages", "1-3", "--nulls", 0.05, "--rreqs", 0.02, "--ptp-data", 0.05,
-                   "--restarts", 0.01, "--repeats", 0.02, "--host-status", 0.02, "--payload",
-                   "100-1000", stdout=subprocess.PIPE, text=True)
+    return Process(pelmogen, *wire.send, *TRAFFIC, "--seed", number + 1, "--hosts", hosts, "--ports", ports,
+                   "--first-port", first_port, stdout=subprocess.PIPE, text=True)
 
 
 def soak(options, wire, folder):
@@ -66,9 +63,7 @@ def soak(options, wire, folder):
     pipe_out, pipe_in = os.pipe()
     samples = []  # kilobytes and descriptors after each phase
     with contextlib.ExitStack() as ends:
-        tool = Tool(options.binary, folder / "tool", "-i", wire.interface, "-u", "1", "-addrinfo",
-                    "-ptp", "-hostmsgs", "-w", "w.pcap", "-w-max-size", "1", "-w-max-rotations", "2",
-                    stdout=pipe_in)
+        tool = Tool(options.binary, folder / "tool", *TOOL_WORDS, "-i", wire.interface, stdout=pipe_in)
         ends.callback(tool.close)
         os.close(pipe_in)
         reader = Reader(os.fdopen(pipe_out, errors="replace"))

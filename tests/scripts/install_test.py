@@ -3,8 +3,8 @@
 manual pages and completions against the options that the programs themselves know, and builds a user's
 program against the library.
 """
-import glob
 import os
+import pathlib
 import re
 import signal
 import subprocess
@@ -12,104 +12,89 @@ import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+
+from program_case import ROOT, ProgramCase, run  # noqa: E402
+
 from bus_client import Daemon  # noqa: E402
 
-ROOT = os.path.normpath(os.path.join(os.path.dirname(__file__), "..", ".."))
-USER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "library_user")
+USER = pathlib.Path(__file__).resolve().parent / "library_user"
 UNLISTED_OPTIONS = ["-complain"]  # works, and is in no line of the usage text
+# Program, what matches an option in its help, and how many it has. Two have forms or commands.
+PROGRAMS = (("pmd", r"^  (-[a-z-]+)", 10), ("pelmobridge", r"^  (--[a-z-]+)", 22))
 
 
-def run(*command, **kwargs):
-    return subprocess.run(command, capture_output=True, text=True, timeout=300, **kwargs)
+def text_of(*command, **more):
+    """What it prints at an end that is a good one."""
+    done = run(*command, text=True, timeout=300, **more)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return done.stdout
 
 
-def options_of(program, *form, pattern=r"^ +(--?[a-z-]+)"):
-    text = run(os.path.join(USR, "bin", program), *form, "--help").stdout
-    return sorted(re.findall(pattern, text, re.MULTILINE))
+def options_of(program, *form, pattern):
+    return sorted(re.findall(pattern, text_of(USR / "bin" / program, *form, "--help"), re.MULTILINE))
 
 
 def setUpModule():
     """Both installs: for packages, below a scratch folder, and under a prefix of its own."""
     global USR, PREFIX
-    scratch = unittest.enterModuleContext(tempfile.TemporaryDirectory())
-    USR, PREFIX = os.path.join(scratch, "usr"), os.path.join(scratch, "prefix")
-    for prefix, env in (("/usr", {"DESTDIR": scratch}), (PREFIX, {})):
-        result = run("cmake", "--install", BUILD, "--prefix", prefix, env={**os.environ, **env})
-        assert result.returncode == 0, result.stderr
+    scratch = pathlib.Path(unittest.enterModuleContext(tempfile.TemporaryDirectory()))
+    USR, PREFIX = scratch / "usr", scratch / "prefix"
+    for prefix, env in (("/usr", {"DESTDIR": str(scratch)}), (PREFIX, {})):
+        text_of("cmake", "--install", BUILD, "--prefix", prefix, env={**os.environ, **env})
 
 
 class Install(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.tool = os.path.join(USR, "bin", "pelmoscope")
-        usage = run(cls.tool, "-no-such-option").stderr
-        cls.options = sorted(re.findall(r"^ +(-[a-z-]+)", usage, re.MULTILINE) + UNLISTED_OPTIONS)
-        assert len(cls.options) == 26, usage
+        cls.tool = USR / "bin" / "pelmoscope"
+        usage = run(cls.tool, "-no-such-option", text=True).stderr
+        cls.options = {"pelmoscope": sorted(re.findall(r"^ +(-[a-z-]+)", usage, re.MULTILINE) + UNLISTED_OPTIONS)}
+        assert len(cls.options["pelmoscope"]) == 26, usage
+        for program, pattern, count in PROGRAMS:
+            if (USR / "bin" / program).exists():  # its libraries may be missing
+                cls.options[program] = options_of(program, pattern=pattern)
+                assert len(cls.options[program]) == count, cls.options[program]
         # Those of pelmobus, by command; the connection's belong to no command.
         cls.commands = options_of("pelmobus", pattern=r"^  ((?:circuit |bench )?[a-z]+) \[?SUBJECT")
         cls.bus_options = {command: options_of("pelmobus", *command.split(), pattern=r"^ +(--[a-z-]+)")
                            for command in ["", *cls.commands]}
         assert len(cls.commands) == 9, cls.commands
-        cls.daemon_options = options_of("pmd", pattern=r"^  (-[a-z-]+)")
-        assert len(cls.daemon_options) == 10, cls.daemon_options
-        # Those of pelmobridge. Where libnats is missing there are none.
-        cls.bridge_options = []
-        if os.path.exists(os.path.join(USR, "bin", "pelmobridge")):
-            cls.bridge_options = options_of("pelmobridge", pattern=r"^  (--[a-z-]+)")
-            assert len(cls.bridge_options) == 22, cls.bridge_options
-        # Those of pelmowatch, by form. Where its libraries are missing there is none.
+        cls.options["pelmobus"] = sorted(set(sum(cls.bus_options.values(), [])))
+        # Those of pelmowatch, by form.
         cls.watch_options = {}
-        if os.path.exists(os.path.join(USR, "bin", "pelmowatch")):
+        if (USR / "bin" / "pelmowatch").exists():
             lines = {form: options_of("pelmowatch", form, pattern=r"^  (-[^\s,]+(?:, -[^\s,]+)*)")
                      for form in options_of("pelmowatch", pattern=r"^  ([a-z]+) ")}
             cls.watch_options = {form: sorted(", ".join(names).split(", ")) for form, names in lines.items()}
             assert len(cls.watch_options["json"]) == 24, cls.watch_options
-
-    def programs(self):
-        """Each program with all of its options."""
-        yield "pelmoscope", self.options
-        yield "pelmobus", sorted(set(sum(self.bus_options.values(), [])))
-        yield "pmd", self.daemon_options
-        if self.bridge_options:
-            yield "pelmobridge", self.bridge_options
-        if self.watch_options:
-            yield "pelmowatch", sorted(set(sum(self.watch_options.values(), ["--version"])))
-
-    def read(self, *path):
-        with open(os.path.join(USR, "share", *path), encoding="utf-8") as f:
-            return f.read()
+            cls.options["pelmowatch"] = sorted(set(sum(cls.watch_options.values(), ["--version"])))
 
     def complete(self, program, *words):
         """What bash offers for the last word."""
-        script = os.path.join(USR, "share", "bash-completion", "completions", program)
-        line = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$1;' \
-               ' printf "%s\\n" "${COMPREPLY[@]}"'
-        result = run("bash", "-c", line, script, program, *words)
-        self.assertEqual(result.stderr, "")
-        return result.stdout.split()
+        script = USR / "share/bash-completion/completions" / program
+        line = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$1; printf "%s\\n" "${COMPREPLY[@]}"'
+        done = run("bash", "-c", line, script, program, *words, text=True)
+        self.assertEqual(done.stderr, "")
+        return done.stdout.split()
 
     def test_the_installed_tool_finds_its_modules_and_reads_a_capture(self):
-        result = run(self.tool, "-r", os.path.join(ROOT, "samples", "bus.pcap"), cwd="/")
-        self.assertEqual(result.returncode, 0, result.stderr)
-        self.assertIn("Multicast Packet Statistics", result.stdout)
-        link = os.path.join(USR, "link")  # from elsewhere it leads to the same modules
-        os.symlink(self.tool, link)
+        self.assertIn("Multicast Packet Statistics", text_of(self.tool, "-r", ROOT / "samples/bus.pcap", cwd="/"))
+        link = USR / "link"  # from elsewhere it leads to the same modules
+        link.symlink_to(self.tool)
         self.assertEqual(run(link, "-no-such-option").returncode, 2)
 
     def test_every_option_is_in_the_manual_page_and_is_completed_by_zsh(self):
-        for program, options in self.programs():
-            page = self.read("man", "man1", program + ".1").replace("\\-", "-")
+        for program, options in self.options.items():
+            page = (USR / "share/man/man1" / (program + ".1")).read_text().replace("\\-", "-")
             heads = re.findall(r"^\.(?:BI|B) (--?[a-z][a-z-]*)", page, re.MULTILINE)
             self.assertEqual(sorted(set(heads)), options)
-            text = self.read("zsh", "site-functions", "_" + program)
+            text = (USR / "share/zsh/site-functions" / ("_" + program)).read_text()
             self.assertEqual(sorted(set(re.findall(r"'\*?(--?[a-z-]+)=?\[", text))), options)
 
     def test_bash_completes_options_and_knows_which_take_a_value(self):
-        self.assertEqual(sorted(self.complete("pelmoscope", "-")), self.options)
-        self.assertEqual(sorted(self.complete("pmd", "-")), self.daemon_options)
-        if self.bridge_options:
-            self.assertEqual(sorted(self.complete("pelmobridge", "-")), self.bridge_options)
+        for program in self.options.keys() - {"pelmobus", "pelmowatch"}:
+            self.assertEqual(sorted(self.complete(program, "-")), self.options[program])
         self.assertEqual(self.complete("pelmoscope", "-w-max-s"), ["-w-max-size"])
         self.assertIn("lo", self.complete("pelmoscope", "-i", ""))
         self.assertEqual(self.complete("pelmoscope", "-u", "-"), [])
@@ -121,8 +106,8 @@ class Install(unittest.TestCase):
         self.assertEqual(self.complete("pelmobus", "send", "A", "--rate", "-"), [])
         self.assertEqual(self.complete("pelmobus", "listen", ""), [])
         offered = self.complete("pelmobus", "--batch", "")
-        offered += ["bench " + word for word in self.complete("pelmobus", "bench", "")]
-        offered += ["circuit " + word for word in self.complete("pelmobus", "circuit", "")]
+        for lead in ("bench", "circuit"):
+            offered += ["%s %s" % (lead, word) for word in self.complete("pelmobus", lead, "")]
         self.assertEqual(sorted(offered), sorted(self.commands + ["bench", "circuit"]))
 
     def test_bash_completes_the_options_of_each_form(self):
@@ -140,93 +125,75 @@ def declared_calls(text):
     return set(re.findall(r"(?:pelmoStatus|uint32_t|void|char\*)\s+((?:_?pelmo|vc[A-Z])\w+)\s*\(", text))
 
 
+def find(name):
+    """The file of that name below the prefix."""
+    found, = PREFIX.rglob(name)
+    return found
+
+
+def build_by_cmake(source, build, *options):
+    text_of("cmake", "-G", "Ninja", "-S", source, "-B", build, "-DCMAKE_PREFIX_PATH=%s" % PREFIX, *options)
+    text_of("cmake", "--build", build)
+
+
 class Library(unittest.TestCase):
     """It stays in use from the prefix."""
 
-    @staticmethod
-    def find(name):
-        found = glob.glob(os.path.join(PREFIX, "**", name), recursive=True)
-        assert len(found) == 1, (name, found)
-        return found[0]
-
     def use(self, program):
-        result = run(program, env={"LD_LIBRARY_PATH": os.path.dirname(self.find("libpelmo.so"))})
-        self.assertEqual((result.returncode, result.stdout), (0, "{load=7}\n"), result.stderr)
+        self.assertEqual(text_of(program, env={"LD_LIBRARY_PATH": str(find("libpelmo.so").parent)}), "{load=7}\n")
 
     def test_a_program_builds_and_runs_by_pkg_config(self):
-        paths = {**os.environ, "PKG_CONFIG_PATH": os.path.dirname(self.find("pelmo.pc"))}
-        flags = run("pkg-config", "--cflags", "--libs", "pelmo", env=paths).stdout.split()
-        program = os.path.join(PREFIX, "by_pkg_config")
+        paths = {**os.environ, "PKG_CONFIG_PATH": str(find("pelmo.pc").parent)}
+        flags = text_of("pkg-config", "--cflags", "--libs", "pelmo", env=paths).split()
+        program = PREFIX / "by_pkg_config"
         # The headers ask for no more than this standard, and for no pardon.
-        result = run("g++", "-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Werror",
-                     os.path.join(USER, "main.cc"), "-o", program, *flags)
-        self.assertEqual(result.returncode, 0, result.stderr)
+        text_of("g++", "-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Werror", USER / "main.cc",
+                "-o", program, *flags)
         self.use(program)
 
     def test_a_program_builds_and_runs_by_find_package(self):
-        build = os.path.join(PREFIX, "by_cmake")
-        version = run("pkg-config", "--modversion", self.find("pelmo.pc")).stdout.strip()
-        for command in (["cmake", "-G", "Ninja", "-S", USER, "-B", build,
-                         "-DCMAKE_PREFIX_PATH=" + PREFIX, "-DWANTED=" + version],
-                        ["cmake", "--build", build]):
-            result = run(*command)
-            self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
-        self.use(os.path.join(build, "user"))
+        version = text_of("pkg-config", "--modversion", find("pelmo.pc")).strip()
+        build_by_cmake(USER, PREFIX / "by_cmake", "-DWANTED=" + version)
+        self.use(PREFIX / "by_cmake/user")
 
     def test_the_library_shows_all_public_calls_and_nothing_else(self):
-        """By their C names, of one version; those that the list of a release has are there for good."""
-        text = run("nm", "-D", "--defined-only", self.find("libpelmo.so")).stdout
+        """By their C names, of one version; those that the list of a release has are there for good. None is
+        made by a macro, so that a reader or an editor finds it by its name."""
+        text = text_of("nm", "-D", "--defined-only", find("libpelmo.so"))
         shown = [line.split(" ", 2)[2] for line in text.splitlines()]
         self.assertEqual({name for name in shown if not name.endswith("@@PELMO_0")}, {"PELMO_0"})
         names = {name.split("@@")[0] for name in shown} - {"PELMO_0"}
-        self.assertEqual(names, declared_calls(run("gcc", "-E", "-P", self.find("pelmo.h")).stdout))
-        with open(os.path.join(ROOT, "lib", "pelmo", "exports.txt"), encoding="utf-8") as f:
-            self.assertEqual("".join(name + "\n" for name in sorted(names)), f.read())
-        soname = run("readelf", "-d", self.find("libpelmo.so")).stdout
-        self.assertIn("[libpelmo.so.0]", soname)
-
-    def test_each_call_is_written_out_in_a_header(self):
-        """None is made by a macro, so that a reader or an editor finds it by its name."""
-        headers = glob.glob(os.path.join(PREFIX, "include", "**", "*.h"), recursive=True)
-        written = set()
-        for header in headers:
-            with open(header, encoding="utf-8") as f:
-                written |= declared_calls(re.sub(r"//.*|#define.*(\\\n.*)*", "", f.read()))
-        self.assertEqual(written, declared_calls(run("gcc", "-E", "-P", self.find("pelmo.h")).stdout))
+        self.assertEqual(names, declared_calls(text_of("gcc", "-E", "-P", find("pelmo.h"))))
+        written = [declared_calls(re.sub(r"//.*|#define.*(\\\n.*)*", "", header.read_text()))
+                   for header in (PREFIX / "include").rglob("*.h")]
+        self.assertEqual(names, set().union(*written))
+        self.assertEqual("".join(name + "\n" for name in sorted(names)), (ROOT / "lib/pelmo/exports.txt").read_text())
+        self.assertIn("[libpelmo.so.0]", text_of("readelf", "-d", find("libpelmo.so")))
 
 
-class Examples(unittest.TestCase):
+class Examples(ProgramCase):
     """As they are installed, against the installed library and over a daemon, with no warning."""
 
     @classmethod
     def setUpClass(cls):
-        cls.bin = os.path.join(PREFIX, "examples")
-        library = os.path.dirname(Library.find("libpelmo.so"))
         flags = "-Wall -Wextra -Wpedantic -Wshadow -Werror"
-        for command in (["cmake", "-G", "Ninja", "-S", os.path.join(PREFIX, "share", "doc", "libpelmo-dev", "examples"),
-                         "-B", cls.bin, "-DCMAKE_PREFIX_PATH=" + PREFIX, "-DCMAKE_CXX_FLAGS=" + flags,
-                         "-DCMAKE_C_FLAGS=" + flags],
-                        ["cmake", "--build", cls.bin]):
-            result = run(*command)
-            assert result.returncode == 0, result.stdout + result.stderr
-        cls.env = {"LD_LIBRARY_PATH": library}
-        cls.daemon = Daemon(os.path.join(USR, "bin", "pmd"))
-        cls.addClassCleanup(cls.daemon.close)
+        build_by_cmake(PREFIX / "share/doc/libpelmo-dev/examples", PREFIX / "examples", "-DCMAKE_CXX_FLAGS=" + flags,
+                       "-DCMAKE_C_FLAGS=" + flags)
+        cls.env = {"LD_LIBRARY_PATH": str(find("libpelmo.so").parent)}
+        cls.pmd = Daemon(USR / "bin/pmd")
+        cls.addClassCleanup(cls.pmd.close)
+        cls.where = "127.0.0.1:%d" % cls.pmd.port
 
-    def start(self, name, *words, ready=None, **kwargs):
-        process = subprocess.Popen([os.path.join(self.bin, name), "127.0.0.1:%d" % self.daemon.port, *words],
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=self.env, **kwargs)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.stderr.close)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
+    def start(self, name, ready=None, **more):
+        process = super().start(PREFIX / "examples" / name, self.where, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True, env=self.env, **more).popen
         if ready:
             self.assertEqual(process.stdout.readline(), ready + "\n")
         return process
 
-    def end(self, process, input=None):
+    def end(self, process):
         """What it prints to its end, which is a good one."""
-        out, err = process.communicate(input, timeout=60)
+        out, err = process.communicate(timeout=60)
         self.assertEqual((process.returncode, err), (0, ""))
         return out
 
@@ -242,9 +209,7 @@ class Examples(unittest.TestCase):
         server = self.start("request_server", ready="serving")
         self.assertRegex(self.end(self.start("async_request")), r'^\{time=.* zone="UTC"\}\n$')
         self.assertRegex(self.end(self.start("in_c")), r'^heard: from C\n\{time=.* zone="UTC"\}\n$')
-        stop = run(os.path.join(USR, "bin", "pelmobus"), "--daemon", "127.0.0.1:%d" % self.daemon.port,
-                   "send", "TIME.END", env=self.env)
-        self.assertEqual(stop.returncode, 0, stop.stderr)
+        text_of(USR / "bin/pelmobus", "--daemon", self.where, "send", "TIME.END", env=self.env)
         self.assertEqual(self.end(server), "")
         late = self.start("async_request")
         self.assertRegex(late.communicate(timeout=60)[0], r"^(waiting\n)+no answer: Operation timed out\n$")

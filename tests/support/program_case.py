@@ -6,6 +6,9 @@ of single tests as arguments:
     PELMO_BIN=build/test/bin python3 tests/watch/json_test.py Json.test_progress_is_for_a_terminal
 """
 
+import fcntl
+import functools
+import json
 import os
 import pathlib
 import re
@@ -20,7 +23,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "tests" / "e2e"), str(ROOT / "scripts")]
 
 import packets  # noqa: E402
-from live_run import Process, wait_until  # noqa: E402, F401
+from bus_client import Client, Daemon  # noqa: E402
+from live_run import Process, Tool, wait_until  # noqa: E402, F401
 
 # A bus with a bit of everything.
 MIX = """--mix --count 4000 --rate 400 --hosts 30 --nets 3 --ports 4 --subjects 300 --publishers 3 --scids 0.5
@@ -56,9 +60,11 @@ def binary(name):
 
 def run(*command, **more):
     """What a program that ends by itself did: status, output and log as bytes."""
-    return subprocess.run([str(word) for word in command], check=False,
-                          **{"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE,
-                             "timeout": 120, **more})
+    usual = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "timeout": 120}
+    if "input" in more:
+        del usual["stdin"]
+    return subprocess.run([word if isinstance(word, bytes) else str(word) for word in command], check=False,
+                          **{**usual, **more})
 
 
 def messages(subjects):
@@ -72,10 +78,17 @@ def messages(subjects):
     return lines
 
 
-def hears_signals(process):
-    """It has a handler for the interrupt."""
-    status = pathlib.Path("/proc/%d/status" % process.popen.pid).read_text()
-    return int(re.search(r"SigCgt:\s(\w+)", status)[1], 16) >> (signal.SIGINT - 1) & 1
+@functools.cache
+def schema(name):
+    """The validator of docs/NAME.schema.json."""
+    import jsonschema  # which not every driver needs
+    return jsonschema.Draft202012Validator(json.loads((ROOT / "docs" / (name + ".schema.json")).read_text()))
+
+
+def catches(pid, number=signal.SIGINT):
+    """The process has a handler for the signal."""
+    status = pathlib.Path("/proc/%d/status" % pid).read_text()
+    return int(re.search(r"SigCgt:\s(\w+)", status)[1], 16) >> (number - 1) & 1
 
 
 class ProgramCase(unittest.TestCase):
@@ -98,12 +111,49 @@ class ProgramCase(unittest.TestCase):
         return cls.folder / name
 
     def started(self, process):
-        """A live_run.Process that ends with the test."""
+        """A live_run.Process, or what else has a `close`, which ends with the test."""
         self.addCleanup(process.close)
         return process
 
     def start(self, *command, **more):
         return self.started(Process(*command, **more))
+
+    def fed(self, data):
+        """The reading end of a pipe that holds the data and stays open."""
+        reader, writer = os.pipe()
+        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 1 << 20)
+        os.write(writer, data)
+        for end in (reader, writer):
+            self.addCleanup(os.close, end)
+        return reader
+
+    def without_reader(self):
+        """The writing end of a pipe whose reader has gone."""
+        reader, writer = os.pipe()
+        os.close(reader)
+        self.addCleanup(os.close, writer)
+        return writer
+
+    def sound_lines(self, text, name):
+        """The objects of whole lines. The schema of that name checks the first 60,000 bytes: it is slow."""
+        self.assertTrue(text.endswith(b"\n") or not text)
+        found, checked = [], 0
+        for line in text.splitlines():
+            found.append(json.loads(line.decode("utf-8")))
+            checked += len(line)
+            if checked < 60000:
+                schema(name).validate(found[-1])
+        return found
+
+    def daemon(self, *arguments, **more):
+        return self.started(Daemon(binary("pmd"), *arguments, **more))
+
+    def client(self, daemon, *subjects, **more):
+        """A bus_client.Client that listens to these subjects and ends with the test."""
+        client = self.started(Client(daemon.port, **more))
+        if subjects:
+            client.listen(*subjects)
+        return client
 
     def ends_at_signal(self, process, status=0, number=signal.SIGTERM, seconds=1):
         """It ends with that status within some seconds and the time that this machine, which may be busy,

@@ -1,4 +1,4 @@
-"""Behaviour of pelmogen: pelmogen_test.py PELMOGEN PELMOSCOPE SAMPLES.
+"""Behaviour of pelmogen.
 
 What a packet is made of is judged by the tool, which complains of each fault, and by the samples to the
 byte; here is what neither knows: who sends, when, and in which file.
@@ -6,61 +6,42 @@ byte; here is what neither knows: who sends, when, and in which file.
 
 import pathlib
 import struct
-import subprocess
 import sys
-import tempfile
-import unittest
 from collections import Counter, namedtuple
 
-PELMOGEN, PELMOSCOPE, SAMPLES = (pathlib.Path(path).resolve() for path in sys.argv[1:4])
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-KINDS = {1: "data", 3: "rreq", 4: "null", 5: "rrej",
-         6: "ptp-data", 7: "ptp-ackme", 8: "ptp-ack", 9: "ptp-nak"}
+from program_case import ROOT, ProgramCase, binary, main, packets, run  # noqa: E402
+
+PELMOGEN, SAMPLES = binary("pelmogen"), ROOT / "samples"
+
+DATA, NULL = 1, 4
 MIX = """--nulls 0.1 --rreqs 0.05 --rrejs 0.04 --ptp-data 0.06 --ptp-ackmes 0.03 --ptp-acks 0.02
     --ptp-naks 0.02 --non-bus 0.04 --unknowns 0.01 --hosts 20 --nets 2 --ports 3 --subjects 240
     --publishers 2 --scids 0.5 --replies 0.2 --no-subject 0.1 --host-status 0.1 --messages 1-3
     --fields 0-8 --payload 100-1400 --fragments 0.05"""
 
-Record = namedtuple("Record", "nanoseconds wire_bytes frame")
 Packet = namedtuple("Packet", "kind src dst dst_port")
 
 
-def read_capture(path):
-    data = path.read_bytes()
-    order, scale = {b"\xd4\xc3\xb2\xa1": ("<", 1000), b"\xa1\xb2\xc3\xd4": (">", 1000),
-                    b"\x4d\x3c\xb2\xa1": ("<", 1), b"\xa1\xb2\x3c\x4d": (">", 1)}[data[:4]]
-    records, at = [], 24
-    while at < len(data):
-        seconds, fraction, kept, wire = struct.unpack(order + "IIII", data[at:at + 16])
-        records.append(Record(seconds * 10**9 + fraction * scale, wire,
-                              data[at + 16:at + 16 + kept]))
-        at += 16 + kept
-    return records
-
-
 def read_packet(frame):
-    src, dst = struct.unpack(">II", frame[26:34])
-    dst_port, = struct.unpack(">H", frame[36:38])
-    if frame[42:46] != b"\x88\xfa\x69\x23":
-        return Packet("non-bus", src, dst, dst_port)
-    kind, = struct.unpack(">H", frame[58:60])
-    return Packet(KINDS.get(kind, "unknown"), src, dst, dst_port)
+    """Its kind is None where it isn't the bus's."""
+    kind, = struct.unpack_from(">H", frame, 58) if frame[42:46] == b"\x88\xfa\x69\x23" else (None,)
+    return Packet(kind, *struct.unpack_from(">II2xH", frame, 26))
 
 
-class Generator(unittest.TestCase):
+class Generator(ProgramCase):
     def setUp(self):
-        scratch = tempfile.TemporaryDirectory()
-        self.addCleanup(scratch.cleanup)
-        self.folder = pathlib.Path(scratch.name)
-        self.path = self.folder / "out.pcap"
+        self.scratch = self.folder / self.id()
+        self.scratch.mkdir()
+        self.path = self.scratch / "out.pcap"
 
     def run_it(self, *options):
-        return subprocess.run([PELMOGEN, *" ".join(options).split()], capture_output=True,
-                              text=True, check=False, cwd=self.folder)
+        return run(PELMOGEN, *" ".join(options).split(), text=True, cwd=self.scratch)
 
-    def generate(self, *options):
-        run = self.run_it(f"--out {self.path}", *options)
-        self.assertEqual((run.returncode, run.stderr), (0, ""))
+    def made(self, *options):
+        done = self.run_it(f"--out {self.path}", *options)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
         return self.path.read_bytes()
 
     def same(self, left, right, what=""):
@@ -68,27 +49,27 @@ class Generator(unittest.TestCase):
         self.assertTrue(left == right, f"not the same: {what}")
 
     def records(self, *options):
-        self.generate(*options)
-        return read_capture(self.path)
+        self.made(*options)
+        return packets.frames_of(self.path)
 
     def packets(self, *options):
-        return [read_packet(record.frame) for record in self.records(*options)]
+        return [read_packet(frame) for _, _, frame in self.records(*options)]
 
     def complaints(self, *options):
         """What the tool finds wrong, a line each, and its report."""
-        self.generate(*options)
-        run = subprocess.run([PELMOSCOPE, "-r", self.path, "-complain", "-hostmsgs"], check=True,
-                             capture_output=True, text=True, errors="replace")
-        return [line for line in run.stderr.splitlines() if " from 10." in line], run.stdout
+        self.made(*options)
+        done = run(binary("pelmoscope"), "-r", self.path, "-complain", "-hostmsgs", text=True, errors="replace")
+        self.assertEqual(done.returncode, 0)
+        return [line for line in done.stderr.splitlines() if " from 10." in line], done.stdout
 
     def test_samples_are_what_the_generator_makes(self):
-        subprocess.run([SAMPLES / "make.sh", PELMOGEN, self.folder], check=True)
-        made = sorted(self.folder.iterdir())
+        self.assertEqual(run(SAMPLES / "make.sh", PELMOGEN, self.scratch).returncode, 0)
+        made = sorted(self.scratch.iterdir())
         self.assertEqual([path.name for path in made],
                          sorted(path.name for path in SAMPLES.glob("*.pcap")))
         for path in made:
             self.same(path.read_bytes(), (SAMPLES / path.name).read_bytes(), path.name)
-        self.assertFalse(self.generate("--seed 5") == self.generate("--seed 6"))
+        self.assertFalse(self.made("--seed 5") == self.made("--seed 6"))
 
     def test_the_tool_finds_faults_where_there_is_damage_and_nowhere_else(self):
         lines, report = self.complaints(MIX, "--unknowns 0 --count 10000")
@@ -103,12 +84,12 @@ class Generator(unittest.TestCase):
 
     def test_the_mix_shrinks_with_its_hosts(self):
         senders = {packet.src for packet in self.packets("--mix --count 2000 --hosts 3 --services 0")
-                   if packet.kind == "data"}
+                   if packet.kind == DATA}
         self.assertEqual(len(senders), 3)
 
     def test_the_mix_is_uneven(self):
         packets = [packet for packet in self.packets("--mix --count 20000 --damaged 0 --subjects 400")
-                   if packet.kind in ("data", "null")]
+                   if packet.kind in (DATA, NULL)]
         hosts = Counter(packet.src for packet in packets)
         self.assertEqual(len({packet[2:] for packet in packets}), 96)
         self.assertEqual(len(hosts), 200)
@@ -119,10 +100,10 @@ class Generator(unittest.TestCase):
         self.assertEqual(len({packet.src for packet in nulls}), 500)
 
     def test_a_snap_length_bounds_what_is_kept(self):
-        self.assertEqual({len(record.frame) for record in self.records("--snaplen 96")}, {96})
+        self.assertEqual({len(frame) for _, _, frame in self.records("--snaplen 96")}, {96})
 
     def test_the_clock_jumps_both_ways(self):
-        times = [record.nanoseconds // 10**9 for record in self.records(
+        times = [nanoseconds // 10**9 for nanoseconds, _, _ in self.records(
             "--count 40 --rate 1 --start 100 --jump 10:-5.5 --jump 20:60.5")]
         self.assertEqual(times, [*range(100, 110), *range(104, 114), *range(175, 195)])
 
@@ -137,21 +118,20 @@ class Generator(unittest.TestCase):
                         "--out x --start 4294967295 --rate 9",
                         "--out x --loopback", "--interface x --loopback", "--loopback --cut 0.1",
                         "--out x --hosts 1000000 --nets 10000"]:
-            run = self.run_it(options)
-            self.assertEqual((run.returncode, run.stdout), (2, ""), options)
-            self.assertIn("pelmogen: ", run.stderr)
+            done = self.run_it(options)
+            self.assertEqual((done.returncode, done.stdout), (2, ""), options)
+            self.assertIn("pelmogen: ", done.stderr)
 
     def test_a_capture_is_complete_or_not_there(self):
-        (self.folder / "taken.part").mkdir()
-        for target in ("/dev/full", f"{self.folder}/none/x", f"{self.folder}/taken"):
+        (self.scratch / "taken.part").mkdir()
+        for target in ("/dev/full", f"{self.scratch}/none/x", f"{self.scratch}/taken"):
             self.assertEqual(self.run_it(f"--out {target}").returncode, 1)
-        limited = subprocess.run(["sh", "-c", 'trap "" XFSZ; ulimit -f 100; exec "$@"', "sh",
-                                  PELMOGEN, "--out", self.path, "--count", "10000"], check=False,
-                                 capture_output=True, text=True)
+        limited = run("sh", "-c", 'trap "" XFSZ; ulimit -f 100; exec "$@"', "sh", PELMOGEN, "--out", self.path,
+                      "--count", "10000", text=True)
         self.assertEqual(limited.returncode, 1)
         self.assertIn("File too large", limited.stderr)
-        self.assertEqual([path.name for path in self.folder.iterdir()], ["taken.part"])
+        self.assertEqual([path.name for path in self.scratch.iterdir()], ["taken.part"])
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1])
+    main()

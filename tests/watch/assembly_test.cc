@@ -85,10 +85,3 @@ TEST(Assembly, BeyondItsSendersTheLeastRecentlyHeardIsForgotten) {
     EXPECT_EQ(feed.handed.size(), 3u);
     EXPECT_EQ(feed.assembly.begunBytes, 0u);
 }
-
-TEST(Assembly, AMessageThatIsTooLargeIsNeverBegun) {
-    Feed feed;
-    feed.begin(1, kAssemblyMostMessageBytes + 1, 100);
-    EXPECT_EQ(feed.handed, (std::vector<Handed>{{1, 100, Incomplete::kForgotten}}));
-    EXPECT_EQ(feed.assembly.begunBytes, 0u);
-}

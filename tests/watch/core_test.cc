@@ -9,11 +9,16 @@
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "lib/base/sanitizer.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/watch/snapshot_maker.h"
+#include "trace/counts/snapshot_totals.h"
 #include "watch/core/privileges.h"
+#include "watch/core/span.h"
 #include "watch/core/text.h"
+#include "watch/core/totals.h"
 #include "watch/json/json_writer.h"
 
 namespace {
@@ -54,11 +59,9 @@ TEST(Privileges, OfRootLeaveNoPacketSocketAndNoOpeningForWriting) {
 #endif
 
 TEST(SafeText, IsCutAtACharactersEnd) {
-    const struct {
-        size_t sizeBytes;
-        const char* wanted;
-    } cases[] = {{1, ""},       {2, "a"},       {5, "a"},        {6, "a\\xff"},
-                 {8, "a\\xff"}, {9, "a\\xff€"}, {20, "a\\xff€b"}};
+    const std::pair<size_t, const char*> cases[] = {{1, ""},         {2, "a"},      {5, "a"},
+                                                    {6, "a\\xff"},   {8, "a\\xff"}, {9, "a\\xff€"},
+                                                    {20, "a\\xff€b"}};
     for (const auto& [sizeBytes, wanted] : cases) {
         std::string buffer(sizeBytes, '#');
         EXPECT_EQ(safeText("a\xff€b", buffer.data(), sizeBytes), wanted);
@@ -71,9 +74,8 @@ TEST(JsonBuffer, DropsAllWhereMemoryRunsOut) {
     size_t wholeBytes = 0;
     const size_t failing = eachAllocationFails([&] {
         JsonBuffer buffer;
-        for (int i = 0; i < 1000; ++i) {
+        for (int i = 0; i < 1000; ++i)
             jsonAppendObject(buffer, snapshot, &snapshot);
-        }
         const bool failed = allocationsFailed() != 0;
         allocationsHeal();
         EXPECT_EQ(buffer.failed, failed);
@@ -81,17 +83,101 @@ TEST(JsonBuffer, DropsAllWhereMemoryRunsOut) {
     });
     EXPECT_GT(failing, 2u);
     EXPECT_GT(wholeBytes, 1000000u);
+}
 
-    // A drain takes it in pieces, until it fails.
-    static size_t drainedBytes;
-    drainedBytes = 0;
-    JsonBuffer buffer;
-    buffer.drain = [](std::string_view text) { return (drainedBytes += text.size()) < 600000; };
-    while (!buffer.failed) {
-        jsonAppendObject(buffer, snapshot, nullptr);
+constexpr int64_t kMs = 1'000'000;
+
+struct Step {
+    const char* what;
+    int64_t beginMs, endMs;  // stamps
+    int64_t steadyMs;
+    int64_t elapsedMs, skippedMs, stepMs;
+};
+
+TimeSpec stampOf(int64_t milliseconds) {
+    return {static_cast<int32_t>(milliseconds / 1000),
+            static_cast<uint32_t>(milliseconds % 1000 * kMs)};
+}
+
+void run(SpanWatch watch, const std::vector<Step>& steps) {
+    for (const Step& step : steps) {
+        SnapHeader snapshot{};
+        snapshot.prevTime = stampOf(step.beginMs);
+        snapshot.thisTime = stampOf(step.endMs);
+        const SnapSpan span = spanTake(watch, snapshot, step.steadyMs * kMs);
+        EXPECT_EQ(span.elapsedNanoseconds, step.elapsedMs * kMs) << step.what;
+        EXPECT_EQ(span.skippedNanoseconds, step.skippedMs * kMs) << step.what;
+        EXPECT_EQ(span.stepNanoseconds, step.stepMs * kMs) << step.what;
     }
-    EXPECT_GE(drainedBytes, 600000u);
-    EXPECT_LT(drainedBytes, 900000u);
+}
+
+TEST(SpanTake, LiveLengthsAreTheSteadyClocks) {
+    SpanWatch watch;
+    spanBegin(watch, 500 * kMs);
+    run(watch, {{"first", 1000000, 1001000, 1500, 1000, 0, 0},
+                {"slewed by less than a step", 1001000, 1002050, 2500, 1000, 0, 0},
+                {"set back by an hour", 3602050, 3050, 3500, 1000, 0, -3600000},
+                {"set forward, or slept", 3050, 64050, 4500, 1000, 0, 60000},
+                {"the steady clock doesn't move", 64050, 64050, 4500, 0, 0, 0}});
+}
+
+struct TotalsTest : testing::Test {
+    ~TotalsTest() override { totalsFree(totals); }
+
+    // One interval: a group with so many senders from `first` on, each with a subject and a part in
+    // the other tables.
+    void add(uint16_t first, uint16_t count) {
+        SnapshotMaker maker;
+        for (uint16_t scid = first; scid < first + count; ++scid) {
+            SnapHost& host = maker.host(7500, "239.1.1.1", "10.0.0.1", scid);
+            host.data = 1;
+            host.bytes = 10;
+            maker.retransmission(7500, "10.0.0.1", scid).rreqSent = 2;
+            maker.pointToPoint(7500, "10.0.0.1", scid).ackSent = 3;
+            maker.subject(7500, "239.1.1.1", {"S" + std::to_string(scid)}, "10.0.0.1", 4);
+        }
+        totalsAdd(totals, maker.at(10));
+        added += count;
+    }
+
+    void sumsAreExact() {
+        const SnapHeader* const sum = totalsSnapshot(totals);
+        ASSERT_NE(sum, nullptr);
+        const SnapTotals all = snapshotAddUp(*sum);
+        EXPECT_EQ(all.multicast.data, added);
+        EXPECT_EQ(all.multicast.bytes, 10 * added);
+        EXPECT_EQ(all.retransmission.rreqSent, 2 * added);
+        EXPECT_EQ(all.pointToPoint.ackSent, 3 * added);
+        EXPECT_EQ(all.subjects.msgs, 4 * added);
+    }
+
+    Totals totals = {};
+    uint64_t added = 0;
+};
+
+TEST_F(TotalsTest, SumsStayExactBeyondTheBoundOfRows) {
+    totals.mostRows = 1000;
+    add(1, 600);
+    add(601, 600);
+    add(1, 1);
+    sumsAreExact();
+    EXPECT_EQ(totals.hosts.count, totals.mostRows);
+    EXPECT_EQ(totals.subjects.count, totals.mostRows);
+    EXPECT_EQ(totals.head.beyond.multicast.data, 200u);
+}
+
+TEST_F(TotalsTest, SumsStayExactWithoutMemory) {
+    const size_t failing = eachAllocationFails([this] {
+        const size_t failedBefore = allocationsFailed();
+        add(1, 300);
+        (void)totalsSnapshot(totals);
+        const bool failed = allocationsFailed() > failedBefore;
+        allocationsHeal();
+        if (failed) sumsAreExact();
+        totalsFree(totals);
+        added = 0;
+    });
+    EXPECT_GT(failing, 10u);
 }
 
 }  // namespace

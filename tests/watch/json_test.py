@@ -1,7 +1,5 @@
 """pelmowatch json on saved captures."""
 
-import fcntl
-import json
 import os
 import pathlib
 import pty
@@ -10,8 +8,6 @@ import subprocess
 import sys
 import time
 
-import jsonschema
-
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
 from program_case import HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, main, messages, run  # noqa: E402
@@ -19,7 +15,6 @@ from program_case import HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, main,
 from compare import compare  # noqa: E402
 
 WATCH = binary("pelmowatch")
-SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch.schema.json").read_text()))
 TABLES = ("multicast", "retransmission", "point_to_point", "subjects")
 
 
@@ -34,15 +29,7 @@ class Json(ProgramCase):
         cls.mix, cls.mix2 = (cls.generate("mix%d.pcap" % seed, *MIX, "--seed", str(seed)) for seed in (1, 2))
 
     def lines(self, text):
-        """Each is whole, sound by the schema, and UTF-8."""
-        self.assertTrue(text.endswith(b"\n"))
-        found = [json.loads(line.decode("utf-8")) for line in text.splitlines()]
-        left = 60000  # bytes: the validator is slow
-        for line, sound in zip(text.splitlines(), found):
-            if left > 0:
-                SCHEMA.validate(sound)
-            left -= len(line)
-        return found
+        return self.sound_lines(text, "pelmowatch")
 
     def read(self, capture, *options):
         done = run(WATCH, "json", "-r", capture, *options)
@@ -141,45 +128,40 @@ class Json(ProgramCase):
             self.assertEqual(run(WATCH, "json", *arguments).stdout, wanted)
 
     def test_a_run_that_is_cut_off_writes_whole_lines(self):
-        """Its capture comes by a pipe that stays open: some Snapshots, and then nothing."""
-        for number in (signal.SIGINT, signal.SIGTERM):
-            with self.subTest(number=number):
-                reader, writer = os.pipe()
-                self.addCleanup(os.close, writer)
-                fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 1 << 20)
-                os.write(writer, self.mix.read_bytes()[:400000])
-                watch = self.start(WATCH, "json", "-r", "-", "-u", "1", stdin=reader, stdout=subprocess.PIPE,
+        """Its capture comes by a pipe that stays open: some output, and then nothing."""
+        for form, number, name in (("json", signal.SIGINT, "pelmowatch"), ("json", signal.SIGTERM, "pelmowatch"),
+                                   ("messages", signal.SIGTERM, "pelmo-messages")):
+            with self.subTest(form=form, number=number):
+                watch = self.start(WATCH, form, "-r", "-", *(("-u", "1") if form == "json" else ()),
+                                   stdin=self.fed(self.mix.read_bytes()[:400000]), stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE)
-                os.close(reader)
-                first = watch.popen.stdout.readline()
+                first = b""
+                while b"\n" not in first:
+                    first += os.read(watch.popen.stdout.fileno(), 65536)
                 begin = time.monotonic()
                 watch.popen.send_signal(number)
                 rest, log = watch.popen.communicate(timeout=20)
                 self.ended_within(begin, 1)
                 self.assertEqual(watch.status(), 1)
-                self.assertGreater(len(self.lines(first + rest)), 1)
+                self.assertGreater(len(self.sound_lines(first + rest, name)), 1)
                 self.assertIn(b"stopped before the end of -", log)
 
     def test_output_that_fails_ends_the_run(self):
-        with open("/dev/full", "wb") as full:
-            done = run(WATCH, "json", "-r", self.mix, "-u", "1", stdout=full)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn(b"unable to write a snapshot: No space left on device", done.stderr)
-
-        reader, writer = os.pipe()
-        os.close(reader)
-        done = run(WATCH, "json", "-r", self.mix, stdout=writer)
-        os.close(writer)
-        self.assertEqual((done.returncode, done.stderr), (1, b""))
-
-        # A file keeps whole Snapshots only, also of those that are written in pieces.
-        capture, path = self.generate("many.pcap", *MIX, "--subjects", "8000", "--count", "20000"), self.folder / "limited"
-        self.assertGreater(max(map(len, run(WATCH, "json", "-r", capture).stdout.splitlines())), 500000)
-        with open(path, "wb") as out:
-            done = run("bash", "-c", 'ulimit -f 1000; exec "$@"', "bash", WATCH, "json", "-r", capture, stdout=out)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn(b"File too large", done.stderr)
-        self.assertGreater(len(self.lines(path.read_bytes())), 0)
+        # A file keeps whole lines only, also of those that are written in pieces.
+        many = self.generate("many.pcap", *MIX, "--subjects", "8000", "--count", "20000")
+        self.assertGreater(max(map(len, run(WATCH, "json", "-r", many).stdout.splitlines())), 500000)
+        limit = ("bash", "-c", 'ulimit -f 1000; exec "$@"', "bash")
+        for form, what, name in (("json", b"a snapshot", "pelmowatch"), ("messages", b"messages", "pelmo-messages")):
+            with self.subTest(form), open("/dev/full", "wb") as full, open(self.folder / form, "wb") as limited:
+                done = run(WATCH, form, "-r", self.mix, stdout=full)
+                self.assertEqual((done.returncode, done.stderr.count(b"\n")), (1, 1))
+                self.assertIn(b"unable to write %s: No space left on device" % what, done.stderr)
+                done = run(WATCH, form, "-r", self.mix, stdout=self.without_reader())
+                self.assertEqual((done.returncode, done.stderr), (1, b""))
+                done = run(*limit, WATCH, form, "-r", many, stdout=limited)
+                self.assertEqual(done.returncode, 1)
+                self.assertIn(b"File too large", done.stderr)
+                self.assertGreater(len(self.sound_lines((self.folder / form).read_bytes(), name)), 0)
 
     def test_progress_is_for_a_terminal(self):
         ours, theirs = pty.openpty()

@@ -1,22 +1,13 @@
 """pelmowatch messages on captures whose packets are written by hand, and on a mix of all kinds."""
 
-import fcntl
-import json
-import os
 import pathlib
-import signal
-import subprocess
 import sys
-import time
-
-import jsonschema
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, main, messages, packets, run  # noqa: E402
+from program_case import HOSTILE_SUBJECTS, MIX, ProgramCase, binary, main, messages, packets, run  # noqa: E402
 
 WATCH = binary("pelmowatch")
-SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmo-messages.schema.json").read_text()))
 LONG = packets.Payload('{<LONG>(text:8:"%s"00)}' % ("abcdefghij" * 300)).parts()
 
 
@@ -30,16 +21,8 @@ def raw(text):
 
 
 class Messages(ProgramCase):
-    def lines(self, text, most_bytes=60000):
-        """Each is whole and sound by the schema, which is slow: of many, the first."""
-        self.assertTrue(text.endswith(b"\n") or not text)
-        found = [json.loads(line) for line in text.splitlines()]
-        for line, sound in zip(text.splitlines(), found):
-            most_bytes -= len(line)
-            if most_bytes < 0:
-                break
-            SCHEMA.validate(sound)
-        return found
+    def lines(self, text):
+        return self.sound_lines(text, "pelmo-messages")
 
     def read(self, packet_lines, *options):
         done = run(WATCH, "messages", "-r", self.capture_of("packets", *packet_lines), *options)
@@ -153,36 +136,6 @@ class Messages(ProgramCase):
         for some in ("repeated", "incomplete", "point_to_point_bytes"):
             self.assertTrue(any(some in row for row in rows), some)
         self.assertEqual(run(WATCH, "messages", "--text", "--repeats", "--point-to-point", "-r", capture).stdout.count(b"\n"), len(rows))
-
-    def test_output_that_fails_or_a_signal_ends_the_run_with_whole_lines(self):
-        capture = self.generate("ends.pcap", *MIX)
-        with open("/dev/full", "wb") as full:
-            done = run(WATCH, "messages", "-r", capture, stdout=full)
-        self.assertEqual((done.returncode, done.stderr.count(b"\n")), (1, 1))
-        self.assertIn(b"unable to write messages: No space left on device", done.stderr)
-        reader, writer = os.pipe()
-        os.close(reader)
-        self.assertEqual(run(WATCH, "messages", "-r", capture, stdout=writer).returncode, 1)
-        os.close(writer)
-        with open(self.folder / "limited", "wb") as out:
-            done = run("bash", "-c", 'ulimit -f 300; exec "$@"', "bash", WATCH, "messages", "-r", capture, stdout=out)
-        self.assertEqual(done.returncode, 1)
-        self.assertGreater(len(self.lines((self.folder / "limited").read_bytes())), 100)
-
-        reader, writer = os.pipe()
-        self.addCleanup(os.close, writer)
-        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 1 << 20)
-        os.write(writer, capture.read_bytes()[:900000])
-        watch = self.start(WATCH, "messages", "-r", "-", stdin=reader, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        os.close(reader)
-        first = os.read(watch.popen.stdout.fileno(), 1)  # more waits for the output, and for the pipe
-        begin = time.monotonic()
-        watch.popen.send_signal(signal.SIGTERM)
-        rest, log = watch.popen.communicate(timeout=20)
-        self.ended_within(begin, 1)
-        self.assertEqual(watch.status(), 1)
-        self.assertGreater(len(self.lines(first + rest)), 100)
-        self.assertIn(b"stopped before the end of -", log)
 
 
 if __name__ == "__main__":

@@ -9,16 +9,12 @@ import signal
 import subprocess
 import sys
 
-import jsonschema
-
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import (HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, hears_signals, main, messages, run,  # noqa: E402
-                          wait_until)
+from program_case import (HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, catches, main, messages, run,  # noqa: E402
+                          schema, wait_until)
 
 WATCH = binary("pelmowatch")
-SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch-report.schema.json").read_text()))
-COMPARE_SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch-compare.schema.json").read_text()))
 PLACES = {"port", "group", "subject", "sender", "host", "scid", "service_port", "reliability_seconds", "senders"}
 
 
@@ -46,7 +42,7 @@ class Report(ProgramCase):
         self.assertEqual(len(found), 1)
         self.assertNotIn("<", found[0])
         data = json.loads(found[0])
-        SCHEMA.validate(data)
+        schema("pelmowatch-report").validate(data)
         return data
 
     def json_of(self, capture, *options):
@@ -54,21 +50,17 @@ class Report(ProgramCase):
         return [json.loads(line) for line in done.stdout.splitlines()]
 
     def check_tables(self, tables, whole):
-        self.assertEqual(sums(tables["subjects"]["rows"], "port", "group", "subject"),
-                         sums(whole["subjects"], "port", "group", "subject"))
-        for table, keys in (("senders", ("sender", "scid")), ("groups", ("port", "group"))):
-            found = sums(tables[table]["rows"], *keys)
+        pairs = [{**row, **sender} for row in whole["subjects"] for sender in row["senders"]]
+        subject, place = ("port", "group", "subject"), ("sender", "scid")
+        for table, rows, keys, is_all in (
+                ("subjects", whole["subjects"], subject, True), ("subject_senders", pairs, (*subject, *place), True),
+                ("senders", pairs, place, False), ("senders", whole["multicast"], place, False),
+                ("groups", whole["multicast"], ("port", "group"), False)):
+            found, wanted = (sums(part, *keys) for part in (tables[table]["rows"], rows))
             self.assertEqual(len(found), tables[table]["row_count"])
-            for key, numbers in sums(whole["multicast"], *keys).items():
+            self.assertTrue(not is_all or found.keys() == wanted.keys(), table)
+            for key, numbers in wanted.items():
                 self.assertEqual({name: found[key][name] for name in numbers}, numbers)
-        published = [sender for row in whole["subjects"] for sender in row["senders"]]
-        senders = sums(tables["senders"]["rows"], "sender", "scid")
-        for key, numbers in sums(published, "sender", "scid").items():
-            self.assertEqual({name: senders[key][name] for name in numbers}, numbers)
-        if "subject_senders" in tables:
-            found = sums(tables["subject_senders"]["rows"], "port", "group", "subject", "sender", "scid")
-            self.assertEqual(found, sums([{**row, **sender} for row in whole["subjects"] for sender in row["senders"]],
-                                         "port", "group", "subject", "sender", "scid"))
         for table in ("retransmission", "point_to_point"):
             self.assertCountEqual(tables[table]["rows"], whole[table])
 
@@ -94,10 +86,7 @@ class Report(ProgramCase):
     def compare(self, *arguments):
         done = run(WATCH, "compare", *arguments)
         self.assertEqual((done.returncode, done.stderr), (0, b""))
-        lines = [json.loads(line) for line in done.stdout.splitlines()]
-        for line in lines[:200]:
-            COMPARE_SCHEMA.validate(line)
-        return lines
+        return self.sound_lines(done.stdout, "pelmowatch-compare")
 
     def test_a_comparison_has_the_numbers_of_both_captures(self):
         other = self.generate("other.pcap", *MIX, "--seed", "2", "--count", "9000")
@@ -119,13 +108,11 @@ class Report(ProgramCase):
             key = tuple(row[name] for name in ("table", "port", "group", "subject", "sender", "scid") if name in row)
             both = {name: row[name] for name in ("before", "now") if row[name]}
             found[key] = {name: (side["messages"], side["message_bytes"]) for name, side in both.items()}
+            word = "same" if len(both) == 2 else "came" if "now" in both else "went"
             if len(both) == 2 and both["before"]["messages"] and both["now"]["messages"]:
-                ratios = [math.log(both["now"][name] / both["before"][name])
-                          for name in ("messages_per_second", "message_bytes_per_second")]
-                ratio = max(ratios, key=abs)
+                ratio = max((math.log(both["now"][name] / both["before"][name])
+                             for name in ("messages_per_second", "message_bytes_per_second")), key=abs)
                 word = "same" if abs(ratio) < math.log(1.25) else "grew" if ratio > 0 else "shrank"
-            else:
-                word = "same" if len(both) == 2 else "came" if "now" in both else "went"
             self.assertEqual(row["change"], word)
             counts = changes.setdefault(row["table"], dict.fromkeys(("same", "came", "went", "grew", "shrank"), 0))
             counts[word] += 1
@@ -164,8 +151,9 @@ class Report(ProgramCase):
     def test_two_times_of_one_capture_are_compared(self):
         begin, middle = "2023-11-14T22:13:24Z", "2023-11-14T22:13:23.999999Z"
         parts = [self.folder / name for name in ("part1.pcap", "part2.pcap")]
-        subprocess.run(["editcap", "-F", "pcap", "-B", "1700000004", self.mix, parts[0]], check=True, env={**os.environ, "TZ": "UTC"})
-        subprocess.run(["editcap", "-F", "pcap", "-A", "1700000004", self.mix, parts[1]], check=True, env={**os.environ, "TZ": "UTC"})
+        for option, part in zip(("-B", "-A"), parts):
+            subprocess.run(["editcap", "-F", "pcap", option, "1700000004", self.mix, part], check=True,
+                           env={**os.environ, "TZ": "UTC"})
         head, *rows = self.compare("-r", self.mix, "--from", begin, "--against-to", middle)
         wanted, *rest = self.compare("-r", parts[1], "--against", parts[0])
         self.assertEqual(rows, rest)
@@ -228,12 +216,9 @@ class Report(ProgramCase):
         self.assertEqual(self.mix.read_bytes(), capture)
 
         # A run that is cut off.
-        reader, writer = os.pipe()
-        self.addCleanup(os.close, writer)
-        os.write(writer, self.mix.read_bytes()[:20000])
-        process = self.start(WATCH, "report", "-r", "-", "-o", page, stdin=reader, stderr=subprocess.DEVNULL)
-        os.close(reader)
-        wait_until(lambda: hears_signals(process), "its handler")
+        process = self.start(WATCH, "report", "-r", "-", "-o", page, stdin=self.fed(self.mix.read_bytes()[:20000]),
+                             stderr=subprocess.DEVNULL)
+        wait_until(lambda: catches(process.popen.pid), "its handler")
         self.ends_at_signal(process, 1, signal.SIGINT)
         self.assertEqual([path.name for path in self.folder.iterdir() if ".part" in path.name], [])
         self.assertEqual(page.read_text(), "old")

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
 #include <string>
 #include <vector>
@@ -18,13 +19,13 @@ using Query = std::vector<QueryPart>;
 
 constexpr WebAsset kAssets[] = {{"/", "text/html", "page"}, {"/page.js", "text/javascript", "js"}};
 
-Route routed(const std::string& method,
-             const std::string& path,
-             const Query& query = {},
-             const std::string& host = "localhost") {
+Route routed(RouteRequest request, const std::string& path, const char* host = "bus.example:9471") {
     static const char* const kNames[] = {"bus.example"};
+    if (request.method.empty()) request.method = "GET";
+    request.path = path;
+    request.host = host;
     Route route;
-    routeFind({method, path, host, query}, {kNames, kAssets}, &route);
+    routeFind(request, {kNames, kAssets}, &route);
     return route;
 }
 
@@ -36,62 +37,49 @@ TEST(Route, KnowsItsPathsAndNothingElse) {
         {"/healthz", RouteKind::kHealth},
     };
     for (const auto& [path, kind] : cases) {
-        EXPECT_EQ(routed("GET", path).kind, kind) << path;
-        EXPECT_EQ(routed("get", path).status, 405) << path;
-        EXPECT_EQ(routed("GET", std::string(path) + "x").status, 404) << path;
-        EXPECT_EQ(routed("GET", path, {}, "evil.example").status, 403) << path;
+        EXPECT_EQ(routed({}, path, "localhost").kind, kind) << path;
+        EXPECT_EQ(routed({.method = "get"}, path).status, 405) << path;
+        EXPECT_EQ(routed({}, std::string(path) + "x").status, 404) << path;
+        EXPECT_EQ(routed({}, path, "evil.example").status, 403) << path;
     }
-    EXPECT_EQ(routed("GET", "/page.js").asset, &kAssets[1]);
-    EXPECT_EQ(routed("POST", "/nosuch").status, 404);
-    EXPECT_EQ(routed("GET", "").status, 404);
-    EXPECT_EQ(routed("GET", "/metrics", {}, "BUS.example:1").kind, RouteKind::kMetrics);
+    EXPECT_EQ(routed({}, "/page.js").asset, &kAssets[1]);
+    EXPECT_EQ(routed({.method = "POST"}, "/nosuch").status, 404);
+    EXPECT_EQ(routed({}, "").status, 404);
+    EXPECT_EQ(routed({}, "/metrics", "BUS.example:1").kind, RouteKind::kMetrics);
 }
 
 TEST(Route, RefusesWhatOtherSitesPagesAskFor) {
     const struct {
-        const char* path;
-        RouteRequest request;  // but for method, path and host
+        const char *path, *site, *mode, *destination, *origin;
         uint16_t status;
     } cases[] = {
-        {"/events", {.fetchSite = "same-origin", .fetchMode = "cors"}, 200},
-        {"/events", {.fetchSite = "none"}, 200},
-        {"/events", {.fetchSite = "cross-site", .fetchMode = "no-cors"}, 403},
-        {"/events", {.fetchSite = "same-site", .fetchMode = "cors"}, 403},
-        {"/metrics", {.origin = "http://bus.example:9471"}, 200},
-        {"/metrics", {.origin = "http://bus.example"}, 403},
-        {"/metrics", {.origin = "http://evil.example:9471"}, 403},
-        {"/metrics", {.origin = "null"}, 403},
+        {"/events", "same-origin", "cors", "", "", 200},
+        {"/events", "none", "", "", "", 200},
+        {"/events", "cross-site", "no-cors", "", "", 403},
+        {"/events", "same-site", "cors", "", "", 403},
+        {"/metrics", "", "", "", "http://bus.example:9471", 200},
+        {"/metrics", "", "", "", "http://bus.example", 403},
+        {"/metrics", "", "", "", "http://evil.example:9471", 403},
+        {"/metrics", "", "", "", "null", 403},
         // A link to the page is followed, one to its data isn't; nor is a frame or a script.
-        {"/",
-         {.fetchSite = "cross-site", .fetchMode = "navigate", .fetchDestination = "document"},
-         200},
-        {"/history.json",
-         {.fetchSite = "cross-site", .fetchMode = "navigate", .fetchDestination = "document"},
-         403},
-        {"/",
-         {.fetchSite = "cross-site", .fetchMode = "navigate", .fetchDestination = "iframe"},
-         403},
-        {"/page.js",
-         {.fetchSite = "cross-site", .fetchMode = "no-cors", .fetchDestination = "script"},
-         403},
-        {"/metrics", {.hasNul = true}, 400},
-        {"/metrics", {.isLong = true}, 414},
-        // Of one who has no place.
-        {"/metrics", {.isExtra = true}, 200},
-        {"/healthz", {.isExtra = true}, 200},
-        {"/snapshot.json", {.isExtra = true}, 503},
-        {"/", {.isExtra = true}, 503},
+        {"/", "cross-site", "navigate", "document", "", 200},
+        {"/history.json", "cross-site", "navigate", "document", "", 403},
+        {"/", "cross-site", "navigate", "iframe", "", 403},
+        {"/page.js", "cross-site", "no-cors", "script", "", 403},
     };
-    static const char* const kNames[] = {"bus.example"};
-    for (auto [path, request, status] : cases) {
-        request.method = "GET";
-        request.path = path;
-        request.host = "bus.example:9471";
-        Route route;
-        routeFind(request, {kNames, kAssets}, &route);
-        EXPECT_EQ(route.status, status) << path << ' ' << request.origin << ' ' << request.fetchSite
-                                        << ' ' << request.fetchDestination;
+    for (const auto& [path, site, mode, destination, origin, status] : cases) {
+        const Route route = routed({.origin = origin,
+                                    .fetchSite = site,
+                                    .fetchMode = mode,
+                                    .fetchDestination = destination},
+                                   path);
+        EXPECT_EQ(route.status, status) << path << ' ' << origin << ' ' << site << destination;
     }
+    EXPECT_EQ(routed({.hasNul = true}, "/metrics").status, 400);
+    EXPECT_EQ(routed({.isLong = true}, "/metrics").status, 414);
+    // One that has no place may still scrape.
+    for (const auto& [path, status] : {std::pair{"/metrics", 200}, {"/healthz", 200}, {"/", 503}})
+        EXPECT_EQ(routed({.isExtra = true}, path).status, status) << path;
 }
 
 CrowdAddress addressOf(uint8_t number) {
@@ -112,18 +100,16 @@ struct CrowdOfTests {
         member.address = addressOf(address);
         const CrowdMember* const cut = crowdEnter(crowd, member, ++now);
         if (phase != CrowdPhase::kRequest) crowdSetPhase(crowd, member, phase, now);
-        for (size_t at = 0; at < members.size(); ++at) {
+        for (size_t at = 0; at < members.size(); ++at)
             if (&members[at] == cut) return static_cast<ptrdiff_t>(at);
-        }
         return -1;
     }
 };
 
 TEST(Crowd, TheLongestSilentGoes) {
     CrowdOfTests test;
-    for (uint8_t i = 0; i < 8; ++i) {
+    for (uint8_t i = 0; i < 8; ++i)
         EXPECT_EQ(test.enter(i, i < 2 ? CrowdPhase::kIdle : CrowdPhase::kAnswer), -1);
-    }
     EXPECT_EQ(test.enter(8, CrowdPhase::kAnswer), 0);
     EXPECT_EQ(test.enter(9, CrowdPhase::kAnswer), 1);
     // All have answers under way, and three of them no longer take them.
@@ -159,9 +145,8 @@ TEST(Crowd, OneAddressLeavesPlacesToOthers) {
 
 TEST(Crowd, OfExtrasTheOldestGoes) {
     CrowdOfTests test;
-    for (uint8_t i = 0; i < 8 + kCrowdExtras; ++i) {
+    for (uint8_t i = 0; i < 8 + kCrowdExtras; ++i)
         EXPECT_EQ(test.enter(i, CrowdPhase::kEvents), -1);
-    }
     EXPECT_EQ(test.enter(99, CrowdPhase::kRequest), 8);
     EXPECT_EQ(test.enter(99, CrowdPhase::kRequest), 9);
     EXPECT_EQ(test.crowd.count, 8u);
@@ -204,7 +189,7 @@ TEST(SharedText, SlowReadersHoldOneOldTextAtMost) {
 TEST(Route, ReadsARowFromItsQuery) {
     const Query subject = {{"table", "subjects"},    {"port", "7500"},     {"group", "239.1.1.1"},
                            {"subject", "A\\x2eB.C"}, {"host", "10.0.0.1"}, {"scid", "65535"}};
-    const Route route = routed("GET", "/history.json", subject);
+    const Route route = routed({.query = subject}, "/history.json");
     ASSERT_EQ(route.kind, RouteKind::kHistoryOfRow) << route.reason;
     EXPECT_EQ(route.row.table, BusTable::kSubjects);
     EXPECT_TRUE(route.row.hasHost);
@@ -215,11 +200,7 @@ TEST(Route, ReadsARowFromItsQuery) {
     EXPECT_EQ(subjectElementCount(route.subject), 2u);
 
     // What is to change of it, and what is then wrong.
-    const struct {
-        const char* name;
-        const char* value;
-        const char* reason;
-    } cases[] = {
+    const char* const cases[][3] = {
         {"table", "subject", "no such table"},
         {"table", "multicast", "this table has no subjects"},
         {"table", "retransmission", "this table has no groups"},
@@ -234,21 +215,17 @@ TEST(Route, ReadsARowFromItsQuery) {
     };
     for (const auto& [name, value, reason] : cases) {
         Query query = subject;
-        bool found = false;
-        for (QueryPart& part : query) {
-            if (part.name != name) continue;
-            part.value = value;
-            found = true;
-        }
-        if (!found) query.push_back({name, value});
-        const Route refused = routed("GET", "/history.json", query);
+        const auto found = std::ranges::find(query, name, &QueryPart::name);
+        if (found != query.end()) query.erase(found);
+        query.push_back({name, value});
+        const Route refused = routed({.query = query}, "/history.json");
         EXPECT_EQ(refused.status, 400);
         EXPECT_STREQ(refused.reason, reason);
     }
     for (size_t left = 0; left < 4; ++left) {
         Query query = subject;
         query.erase(query.begin() + static_cast<ptrdiff_t>(left));
-        EXPECT_EQ(routed("GET", "/history.json", query).status, 400) << left;
+        EXPECT_EQ(routed({.query = query}, "/history.json").status, 400) << left;
     }
 }
 
@@ -268,17 +245,11 @@ TEST(ListenAddress, IsAnAddressAndAPort) {
     }
 }
 
-// An event and its bytes, and none of another kind.
-Events eventsOf(StreamEvent kind, uint64_t number, const std::string& text) {
+// None of another kind.
+Events snapshotOf(uint64_t number, const char* text) {
     Events events{};
-    Event& event = events.of[static_cast<size_t>(kind)];
-    event = {BodyHold::make(), number};
-    event.body.buffer().append(text);
+    events.of[static_cast<size_t>(StreamEvent::kSnapshot)] = {textOf(text), number};
     return events;
-}
-
-Events snapshotOf(uint64_t number, const std::string& text) {
-    return eventsOf(StreamEvent::kSnapshot, number, text);
 }
 
 EventNumbers numbersOf(const Events& events) {
@@ -290,7 +261,7 @@ TEST(Events, ALateReaderSkipsToTheNewest) {
     EXPECT_EQ(eventsNext(client, {}, 100, 0), "");
     const Events first = snapshotOf(1, "first"), second = snapshotOf(2, "second");
     Events third = snapshotOf(3, "third");
-    third.of[0] = eventsOf(StreamEvent::kSource, 7, "source").of[0];
+    third.of[0] = {textOf("source"), 7};
     EXPECT_TRUE(eventsWakes(client, numbersOf(first), 1));
     EXPECT_EQ(eventsNext(client, first, 3, 1), "fir");
     EXPECT_EQ(eventsNext(client, second, 3, 2), "st");  // an event goes out whole

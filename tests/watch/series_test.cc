@@ -44,9 +44,8 @@ struct SeriesTest : testing::Test {
         for (const auto& one : families) {
             for (const auto& metric : one.name == name ? one.metric : decltype(one.metric)()) {
                 std::string labels;
-                for (const auto& label : metric.label) {
+                for (const auto& label : metric.label)
                     labels += (labels.empty() ? "" : ",") + label.value;
-                }
                 samples[labels] = metric.counter.value + metric.gauge.value;
             }
         }
@@ -55,9 +54,8 @@ struct SeriesTest : testing::Test {
 
     double sumOf(const std::string& name) {
         double sum = 0;
-        for (const auto& [labels, value] : family(name)) {
+        for (const auto& [labels, value] : family(name))
             sum += value;
-        }
         return sum;
     }
 
@@ -67,9 +65,8 @@ struct SeriesTest : testing::Test {
         health.version = health.source = "";
         EXPECT_TRUE(metricsOfSeries(table, families) && metricsOfHealth(health, families));
         size_t count = 0;
-        for (const auto& one : families) {
+        for (const auto& one : families)
             count += one.metric.size();
-        }
         return count;
     }
 
@@ -88,9 +85,8 @@ TEST_F(SeriesTest, RowsThatWereSilentForSoLongGo) {
     add("239.1.1.1", 5);  // begins again, and the other's row is still found
     add("239.1.1.2", 1);
     EXPECT_EQ(family(kData), (Samples{{"7500,239.1.1.1", 5}, {"7500,239.1.1.2", 4}}));
-    for (int interval = 0; interval < 3; ++interval) {
+    for (int interval = 0; interval < 3; ++interval)
         seriesAdd(table, {});
-    }
     EXPECT_EQ(table.rows.count, 0u);
     EXPECT_EQ(table.rowSeries, 0u);
 }
@@ -108,9 +104,8 @@ TEST_F(SeriesTest, CountsThatFindNoRoomAreInTheOtherRow) {
 
     // Hosts took all that they may; ports and groups still find room, up to the last of it.
     SnapshotMaker groups;
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 100; ++i)
         groups.host(7500, ("239.2.1." + std::to_string(i)).c_str(), "10.0.0.1", 1).data = 1;
-    }
     seriesAdd(table, groups.at(12));
     EXPECT_LE(samples(), 1000u);
     const Samples data = family(kData);

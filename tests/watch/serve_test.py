@@ -5,6 +5,7 @@ PELMO_FUZZ_SECONDS and PELMO_FUZZ_SEED are for the random requests.
 
 import collections
 import concurrent.futures
+import contextlib
 import gzip
 import json
 import math
@@ -20,15 +21,12 @@ import time
 import urllib.parse
 import zlib
 
-import jsonschema
-
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, main, messages, run, wait_until  # noqa: E402
+from program_case import HOSTILE_SUBJECTS, MIX, ROOT, ProgramCase, binary, main, messages, run, schema, wait_until  # noqa: E402
 
 from served import Server, check_by_promtool  # noqa: E402
 
-SOURCE_SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/pelmowatch-source.schema.json").read_text()))
 WATCH = binary("pelmowatch")
 PACED = "--mix --count 6000 --rate 200 --hosts 200 --subjects 1000".split()
 FUZZ_SECONDS = int(os.environ.get("PELMO_FUZZ_SECONDS", 2))
@@ -50,13 +48,11 @@ def memory(server):
 def is_open(connection):
     connection.setblocking(False)
     try:
-        while data := connection.recv(1 << 16):
+        while connection.recv(1 << 16):
             pass
-        return bool(data)
-    except BlockingIOError:
-        return True
-    except OSError:
-        return False
+    except OSError as error:
+        return isinstance(error, BlockingIOError)
+    return False
 
 
 def metrics_of_json(snapshots):
@@ -152,7 +148,7 @@ class Serve(ProgramCase):
         self.assertEqual([source[name] for name in ("host", "interface", "files", "filter", "is_paced", "state", "words")],
                          [socket.gethostname(), None, [str(self.paced)], "udp port 7500", True, "reading", "reading"])
         self.assertEqual(server.json("/source.json"), source)
-        SOURCE_SCHEMA.validate(source)
+        schema("pelmowatch-source").validate(source)
         whole = self.serve(self.mix)
         self.assertEqual(json.loads(next(whole.events(kinds=("source",)))[1])["words"], "read to its end")
         self.assertIsNone(whole.json("/source.json")["filter"])
@@ -162,7 +158,7 @@ class Serve(ProgramCase):
         server = self.serve(broken, awaits_end=False)
         wait_until(lambda: server.answer("/healthz")[0] == 503, "a bad word on its health")
         failed = server.json("/source.json")
-        SOURCE_SCHEMA.validate(failed)
+        schema("pelmowatch-source").validate(failed)
         self.assertEqual((failed["state"], failed["words"]), ("failed", "reading failed: a file is not read whole"))
         self.ends_at_signal(server, 1)
 
@@ -173,13 +169,15 @@ class Serve(ProgramCase):
         self.assertEqual(history["interval_seconds"], 1)
         self.assertEqual(len(history["times"]), len(snapshots))
         self.assertEqual(history["elapsed_seconds"], [one["elapsed_seconds"] for one in snapshots])
+
+        def number_of(one, table, name):
+            if table == "faults":
+                return sum(fault["packets"] for key, fault in one["faults"].items() if name in ("packets", key))
+            return one["totals"][table][name] if table else one.get(name, 0)
+
         for name, values in history["series"].items():
             table, _, number = name.rpartition(".")
-            part = {"": lambda one: one.get(number, 0), "faults": lambda one: (
-                sum(fault["packets"] for fault in one["faults"].values()) if number == "packets"
-                else one["faults"].get(number, {}).get("packets", 0))}.get(
-                    table, lambda one: one["totals"][table][number])
-            self.assertEqual(values, [part(one) for one in snapshots], name)
+            self.assertEqual(values, [number_of(one, table, number) for one in snapshots], name)
         for table in ("multicast", "retransmission", "point_to_point", "subjects"):
             row = snapshots[4][table][7]
             place = {name: row[name] for name in ("port", "group", "subject") if name in row}
@@ -191,17 +189,17 @@ class Serve(ProgramCase):
     def check_row(self, server, snapshots, table, query):
         history = server.json("/history.json?" + urllib.parse.urlencode({"table": table, **query}))
         self.assertGreater(len(history["series"]), 1)
+        host = (query["host"], query.get("scid")) if "host" in query else None
 
-        def numbers(row, name):
-            if any(row[key] != query[key] for key in ("port", "group", "subject") if key in query):
-                return 0
-            if "host" not in query:
-                return row[name]
-            hosts = row["senders"] if table == "subjects" else [row]
-            return sum(host[name] for host in hosts
-                       if (host.get("sender", host.get("host")), host["scid"]) == (query["host"], query.get("scid")))
+        def rows(one):
+            for row in one[table]:
+                if all(row[key] == query[key] for key in ("port", "group", "subject") if key in query):
+                    yield from row["senders"] if table == "subjects" and host else [row]
+
         for name, values in history["series"].items():
-            self.assertEqual(values, [sum(numbers(row, name) for row in one[table]) for one in snapshots], (query, name))
+            wanted = [sum(row[name] for row in rows(one) if host in (
+                None, (row.get("sender", row.get("host")), row.get("scid")))) for one in snapshots]
+            self.assertEqual(values, wanted, (query, name))
 
     def test_hostile_subjects_are_labels_and_text(self):
         lines = ["at 1700000000", *messages(HOSTILE_SUBJECTS)]
@@ -340,17 +338,15 @@ class Serve(ProgramCase):
         stopped = self.connect(server, GET % b"events", receive_bytes=2048)
         before = memory(server)
         with concurrent.futures.ThreadPoolExecutor() as pool:
-            reading = pool.submit(lambda: [event for event, _ in zip(server.events(), range(22))])
+            reading = pool.submit(lambda: [event for event, _ in zip(server.events(), range(16))])
             with self.assertRaises(OSError):
                 for _ in range(1000):
                     endless.sendall(b"X-A: %s\r\n" % (b"a" * 1000))
                     time.sleep(0.001)
 
             def are_cut_off():
-                try:
+                with contextlib.suppress(OSError):
                     drip.sendall(b"X")
-                except OSError:
-                    pass
                 return not is_open(half) and not is_open(drip)
             wait_until(are_cut_off, "the end of requests", MOST_SECONDS_OF_REQUEST + 10)
             wait_until(lambda: server.metrics()["pelmo_watch_event_clients"][()] == 1, "the cut",
@@ -358,7 +354,7 @@ class Serve(ProgramCase):
             self.assertFalse(stopped.recv(1 << 20) == b"")
             times = [json.loads(data)["time"] for _, data in reading.result(timeout=60)]
         self.assertEqual(times, sorted(set(times)))
-        self.assertEqual(len(times), 22)
+        self.assertEqual(len(times), 16)
         self.assert_memory(server, before + (40 << 20))
 
     def test_random_requests_do_no_harm(self):
@@ -379,19 +375,15 @@ class Serve(ProgramCase):
                 text[at:at + chance.choice((0, 0, 1, 9))] = chance.choice(pieces + [chance.randbytes(chance.randrange(1, 9))])
             return bytes(text)
 
-        end, sent = time.monotonic() + FUZZ_SECONDS, 0
-        held = []
+        end, sent, held = time.monotonic() + FUZZ_SECONDS, 0, []
         while time.monotonic() < end or sent < 100:
-            connection = socket.create_connection((server.host, server.port), timeout=20)
+            held.append(socket.create_connection((server.host, server.port), timeout=20))
             text = damaged()
-            try:
-                connection.sendall(text)
-                connection.settimeout(chance.choice((0.001, 0.01)))
-                while connection.recv(1 << 16):
+            with contextlib.suppress(OSError):
+                held[-1].sendall(text)
+                held[-1].settimeout(chance.choice((0.001, 0.01)))
+                while held[-1].recv(1 << 16):
                     pass
-            except OSError:
-                pass
-            held.append(connection)
             while len(held) > chance.randrange(60):
                 held.pop(chance.randrange(len(held))).close()
             sent += 1

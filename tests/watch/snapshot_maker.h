@@ -49,9 +49,8 @@ class SnapshotMaker {
         head.thisTime = {seconds, 0};
         head.span.elapsedNanoseconds = 2'000'000'000;
         snapPorts.clear();
-        for (auto& [number, port] : ports) {
+        for (auto& [number, port] : ports)
             snapPorts.push_back(finished(number, port));
-        }
         head.portCount = static_cast<uint32_t>(snapPorts.size());
         head.ports = snapPorts.data();
         snapshotSort(&head);
@@ -107,9 +106,8 @@ class SnapshotMaker {
 
     static SnapPort finished(uint16_t number, Port& port) {
         port.snapNets.clear();
-        for (auto& [group, net] : port.nets) {
+        for (auto& [group, net] : port.nets)
             port.snapNets.push_back(finished(group, net));
-        }
         SnapPort made{};
         made.port = htons(number);
         made.servicePort = port.service != 0 ? htons(port.service) : made.port;

@@ -26,7 +26,7 @@ import top_picture  # noqa: E402
 from live_run import Process, open_wire  # noqa: E402
 
 WATCH = binary("pelmowatch")
-BUS = str(ROOT / "samples/bus.pcap")
+BUS = ROOT / "samples/bus.pcap"
 REPLAY = ("-r", BUS, "-u", "1", "--speed", "1000")
 WIRE = None
 # The sanitizers leave faults to the program's own handlers.
@@ -36,6 +36,13 @@ ENVIRONMENT = {**os.environ, "TZ": "UTC", "LC_ALL": "C.UTF-8", "TERM": "xterm-25
 ENVIRONMENT.pop("NO_COLOR", None)
 INTO, OUT_OF, HIDDEN, VISIBLE = b"\x1b[?1049h", b"\x1b[?1049l", b"\x1b[?25l", b"\x1b[?25h"
 SEQUENCE = re.compile(rb"\x1b(?:\[[?>]?[\d;]*[A-Za-z]|[()][A-Z0]|[=>78M])")
+
+
+def await_screen(is_there, what, screen):
+    try:
+        wait_until(is_there, repr(what))
+    except AssertionError as error:
+        raise AssertionError("%s in\n%s" % (error, screen())) from None
 
 
 class Pane:
@@ -61,7 +68,7 @@ class Pane:
         self.press(command, "Enter")
 
     def top(self, *options):
-        self.type("TERM=screen-256color %s top %s" % (WATCH, " ".join(options)))
+        self.type("TERM=screen-256color %s top %s" % (WATCH, " ".join(map(str, options))))
 
     def screen(self):
         return [line.rstrip() for line in self.tmux("capture-pane", "-p").split("\n")[:-1]]
@@ -73,10 +80,7 @@ class Pane:
         def is_there():
             text = "\n".join(self.screen())
             return all(re.search(pattern, text, re.MULTILINE) for pattern in patterns)
-        try:
-            wait_until(is_there, repr(patterns))
-        except AssertionError as error:
-            raise AssertionError("%s in\n%s" % (error, "\n".join(self.screen()))) from None
+        await_screen(is_there, patterns, lambda: "\n".join(self.screen()))
 
 
 class Session(Process):
@@ -107,10 +111,7 @@ class Session(Process):
         def is_there():
             self.read()
             return text in self.seen
-        try:
-            wait_until(is_there, repr(text))
-        except AssertionError as error:
-            raise AssertionError("%s in\n%r" % (error, self.seen[-3000:])) from None
+        await_screen(is_there, text, lambda: repr(self.seen[-3000:]))
 
     def press(self, keys):
         os.write(self.ours, keys.encode())
@@ -187,23 +188,15 @@ class Ends(ProgramCase):
         self.assertGreater(session.seen.rfind(VISIBLE), session.seen.rfind(HIDDEN))
 
     def test_every_end_leaves_the_terminal_as_it_was(self):
-        faults = (signal.SIGABRT, signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, signal.SIGILL, signal.SIGQUIT,
-                  signal.SIGUSR1, signal.SIGALRM)
-        ends = {number: 0 for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)}
-        ends.update({number: -number for number in faults})
-        for number, wanted in ends.items():
-            with self.subTest(number=number):
-                session = self.session(*REPLAY)
+        for name in "INT TERM HUP ABRT SEGV BUS FPE ILL QUIT USR1 ALRM".split():
+            with self.subTest(name):
+                session, number = self.session(*REPLAY), signal.Signals["SIG" + name]
                 session.wait_for(b"Totals")
-                self.ends_at_signal(session, wanted, number)
+                self.ends_at_signal(session, 0 if name in ("INT", "TERM", "HUP") else -number, number)
                 self.is_as_it_was(session)
         for keys, captured, shown in (("q", 60000, b"Totals"), ("\x03", 60000, b"Totals"), ("q", 0, b"waiting for")):
             # The standard input is the capture, which stays open; keys come from the terminal all the same.
-            reader, writer = os.pipe()
-            self.addCleanup(os.close, writer)
-            os.write(writer, pathlib.Path(BUS).read_bytes()[:captured])
-            session = self.session("-r", "-", *REPLAY[2:], stdin=reader)
-            os.close(reader)
+            session = self.session("-r", "-", *REPLAY[2:], stdin=self.fed(BUS.read_bytes()[:captured]))
             session.wait_for(shown)
             session.press(keys)
             self.assertEqual(session.status(), 0)
@@ -211,7 +204,7 @@ class Ends(ProgramCase):
 
     def test_a_source_that_fails_is_on_the_screen_and_in_the_log(self):
         path = self.folder / "torn.pcap"
-        path.write_bytes(pathlib.Path(BUS).read_bytes()[:-7])
+        path.write_bytes(BUS.read_bytes()[:-7])
         torn = ("-r", path, "-u", "1", "--speed", "1000")
         session = self.session(*torn)
         session.wait_for(b"unable to read all")

@@ -39,13 +39,10 @@ def as_shown(kind, value):
     """A JSON value in a form that the text of the dissector comes to as well."""
     if kind in REALS:
         return repr([float(each) for each in (value if isinstance(value, list) else [value])])
-    if isinstance(value, list):
-        return json.dumps(value, separators=(",", ":"), ensure_ascii=False)
-    return {None: "null", True: "true", False: "false"}.get(value, str(value)) if not isinstance(value, int) or \
-        isinstance(value, bool) else str(value)
+    return value if isinstance(value, str) else json.dumps(value, separators=(",", ":"), ensure_ascii=False)
 
 
-def as_told(kind, text):
+def as_printed(kind, text):
     return repr([float(each) for each in text.strip("[]").split(",") if each]) if kind in REALS else text
 
 
@@ -73,7 +70,7 @@ class Wireshark(ProgramCase):
                 subjects, kinds, values = (part.split(FIELD) for part in line.split(RECORD))
                 found.update(("subject", subject) for subject in subjects if subject)
                 kinds = [kind for kind in kinds if kind and kind not in ("msg", "msg[]")]
-                found.update((kind, as_told(kind, value)) for kind, value in zip(kinds, values))
+                found.update((kind, as_printed(kind, value)) for kind, value in zip(kinds, values))
             self.assertGreater(len(wanted), 100)
             self.assertEqual(found, wanted, capture)
 
