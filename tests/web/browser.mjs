@@ -5,6 +5,7 @@ import assert from "node:assert/strict";
 import { createRequire } from "node:module";
 import { existsSync, mkdirSync, readFileSync } from "node:fs";
 import { join } from "node:path";
+import test from "node:test";
 
 const root = new URL("../../watch/web/", import.meta.url);
 const packages = createRequire(new URL("package.json", root));
@@ -23,7 +24,7 @@ export function launch() {
 
 // A page in a context of its own, in UTC. `table` is the table that is shown. close() fails when
 // there were console errors, exceptions or requests to anywhere but `url`. `before` runs in the page
-// ahead of its scripts.
+// before its scripts.
 export async function openPage(browser, url, { width = 1280, height = 800, colorScheme, before } = {}) {
     const viewport = { width, height };
     const context = await browser.newContext({ viewport, colorScheme, timezoneId: "UTC" });
@@ -47,6 +48,15 @@ export async function openPage(browser, url, { width = 1280, height = 800, color
     return { page, table: page.locator("#tables > .table:not([hidden])"), close };
 }
 
+// A test of a page that `open` resolves to; it is closed at the end, and then has had no faults.
+export function pageTest(name, open, body) {
+    test(name, async () => {
+        const opened = await open();
+        await body(opened);
+        await opened.close();
+    });
+}
+
 export const count = (number) => number.toLocaleString("en-US");
 
 // Each chart has something drawn: so many pixels that aren't blank.
@@ -67,10 +77,6 @@ export async function isUnbroken(page, scripts) {
         window.broken ?? null, document.scripts.length, document.images.length,
     ]);
     assert.deepEqual(found, [null, scripts, 0]);
-}
-
-export async function fitsItsWindow(page) {
-    assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth));
 }
 
 // The columns of trouble of a table lie within it and the window, with these numbers in the row of sums.
@@ -111,4 +117,23 @@ export async function picture(page, name) {
     if (!pictures) return;
     mkdirSync(pictures, { recursive: true });
     await page.screenshot({ path: join(pictures, `${name}.png`) });
+}
+
+// The page is accessible in light and dark, wide and narrow, as it is and after `more` was done on it.
+export function looksTest(name, open, more = () => {}) {
+    for (const colorScheme of ["light", "dark"])
+        for (const [width, height] of [[1280, 800], [400, 860]])
+            pageTest(`${name} in ${colorScheme} at ${width}`, () => open({ width, height, colorScheme }), async (opened) => {
+                const { page } = opened;
+                const background = await page.evaluate(
+                    () => getComputedStyle(document.body).backgroundColor.match(/\d+/)[0]);
+                assert.equal(background < 128, colorScheme === "dark");
+                await isAccessible(page);
+                await picture(page, `${name}-${colorScheme}-${width}`);
+                if (await more(opened)) {
+                    await isAccessible(page);
+                    await picture(page, `${name}-details-${colorScheme}-${width}`);
+                }
+                assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth));
+            });
 }

@@ -9,10 +9,8 @@ import { join } from "node:path";
 import { fileURLToPath, pathToFileURL } from "node:url";
 import test, { after, before } from "node:test";
 import {
-    count, fitsItsWindow, haveInk, isAccessible, isUnbroken, launch, openPage, picture, rowTexts,
-    showsTrouble,
+    count, haveInk, isUnbroken, launch, looksTest, openPage, pageTest, picture, rowTexts, showsTrouble,
 } from "./browser.mjs";
-
 import { tables } from "../../watch/web/shared/tables.js";
 
 const sample = fileURLToPath(new URL("../../samples/bus.pcap", import.meta.url));
@@ -42,8 +40,7 @@ function open(content, options) {
     return openPage(browser, pathToFileURL(file).href, options);
 }
 
-test("the page shows what the data holds", async () => {
-    const { page, table, close } = await open(data);
+pageTest("the page shows what the data holds", () => open(data), async ({ page, table }) => {
     await haveInk(page.locator("canvas"), 1000);
     const facts = await page.locator("#facts > div").evaluateAll((list) =>
         list.map(({ children }) => [children[0].textContent, children[1].firstChild.textContent]));
@@ -72,7 +69,6 @@ test("the page shows what the data holds", async () => {
     const gaps = (await rowTexts(table)).map((row) => Number(row[10]));
     const wanted = data.tables.groups.rows.map((row) => row.missed_packets);
     assert.deepEqual(gaps, wanted.sort((a, b) => b - a));
-    await close();
 });
 
 test("a subject leads to its senders, and a sender to its subjects", async () => {
@@ -104,8 +100,9 @@ function compared() {
         senders: [{ sender: "10.0.0.1", scid: 17, change: "came", before: null, now: side(20, 200) }], groups: [] };
 }
 
-test("a comparison shows what changed, in a table and in bars", async () => {
-    const { page, table, close } = await open({ ...data, comparison: compared() });
+const openCompared = () => open({ ...data, comparison: compared() });
+
+pageTest("a comparison shows what changed, in a table and in bars", openCompared, async ({ page, table }) => {
     await page.click("#tab-comparison");
     const changes = async () => (await rowTexts(table)).map((row) => `${row[0]} ${row[2]} ${row.at(-1)}`);
     assert.deepEqual(await changes(), ["<b>.X grew 900", "OLD went 800", "10.0.0.1 :17 came 200"]);
@@ -117,18 +114,14 @@ test("a comparison shows what changed, in a table and in bars", async () => {
     assert.deepEqual(await changes(), ["10.0.0.1 :17 came 200"]);
     await page.click("#tab-subjects");
     assert.ok(!(await page.locator(".compared").isVisible()));
-    await close();
 });
 
-test("a capture of nothing has no time and no charts", async () => {
-    const { page, close } = await open({ ...data, capture: { ...data.capture, frames: 0 } });
+pageTest("a capture of nothing has no time and no charts", () => open({ ...data, capture: { ...data.capture, frames: 0 } }), async ({ page }) => {
     assert.equal(await page.locator("#span").textContent(), "No frames.");
     assert.ok(!(await page.locator("#timeline").isVisible()));
-    await close();
 });
 
-test("charts show exact values, and zoom together", async () => {
-    const { page, close } = await open(data);
+pageTest("charts show exact values, and zoom together", () => open(data), async ({ page }) => {
     const { times, series } = data.timeline;
     const chartOf = (title) => {
         const has = page.locator("strong", { hasText: new RegExp(`^${title}$`) });
@@ -166,7 +159,6 @@ test("charts show exact values, and zoom together", async () => {
     assert.ok(await page.locator("#all").isVisible());
     await page.keyboard.press("0");
     assert.ok(await page.locator("#all").isHidden());
-    await close();
 });
 
 // 1,000 rows of 200,000, with names that would like to be more than text.
@@ -174,11 +166,8 @@ test("a large report opens, and markup stays text", async () => {
     const hostile =
         "</script><script>window.broken = 1</script><img src=x onerror='window.broken = 1'>";
     const rows = Array.from({ length: 1000 }, (_, i) => ({
-        port: 7500,
-        group: "239.255.0.1",
-        subject: i === 0 ? hostile : `CROWD.S${i}`,
-        messages: 1000 - i,
-        message_bytes: 100000 - i,
+        port: 7500, group: "239.255.0.1", subject: i === 0 ? hostile : `CROWD.S${i}`,
+        messages: 1000 - i, message_bytes: 100000 - i,
     }));
     const sums = { messages: 9000000, message_bytes: 900000000 };
     const times = Array.from({ length: 8640 }, (_, i) => 1700000000 + 10 * i);
@@ -203,8 +192,7 @@ test("a large report opens, and markup stays text", async () => {
     await close();
 });
 
-test("columns of trouble are in sight at every width, and no time is cut", async () => {
-    const { page, table, close } = await open({ ...data, comparison: compared() });
+pageTest("columns of trouble are in sight at every width, and no time is cut", openCompared, async ({ page, table }) => {
     const senders = tables.multicast.hostColumns.filter(({ isState }) => !isState);
     const [senderPlace, numbers] = [senders.slice(0, 2), senders.slice(2)];
     const messages = [{ key: "messages" }, { key: "message_bytes" }];
@@ -227,11 +215,9 @@ test("columns of trouble are in sight at every width, and no time is cut", async
                 (button) => `${button.textContent} ${button.scrollWidth} ${button.clientWidth} at ${innerWidth}`));
         assert.deepEqual(cutHeadings, []);
     }
-    await close();
 });
 
-test("on paper there are all tables to a bound, and light colours", async () => {
-    const { page, close } = await open(data, { colorScheme: "dark" });
+pageTest("on paper there are all tables to a bound, and light colours", () => open(data, { colorScheme: "dark" }), async ({ page }) => {
     await page.emulateMedia({ media: "print", colorScheme: "dark" });
     await page.evaluate(() => dispatchEvent(new Event("beforeprint")));
     const sections = await page.locator("#printed section").evaluateAll((list) =>
@@ -244,17 +230,6 @@ test("on paper there are all tables to a bound, and light colours", async () => 
     await picture(page, "report-print");
     await page.evaluate(() => dispatchEvent(new Event("afterprint")));
     assert.equal(await page.locator("#printed section").count(), 0);
-    await close();
 });
 
-test("light and dark, wide and narrow fit their window", async () => {
-    for (const colorScheme of ["light", "dark"]) {
-        for (const width of [1280, 400]) {
-            const { page, close } = await open(data, { width, colorScheme });
-            await fitsItsWindow(page);
-            await isAccessible(page);
-            await picture(page, `report-${colorScheme}-${width}`);
-            await close();
-        }
-    }
-});
+looksTest("report", (options) => open(data, options));
