@@ -56,10 +56,8 @@ TEST(BusJson, EveryTypeIsReadAndWritten) {
     const char* const inner =
         R"({"fields":[{"name":"b","id":3,"type":"bool","value":true},{"type":"i8","value":1}]})";
     const std::string twice = "[" + std::string(inner) + "," + inner + "]";
-    const struct {
-        const char *type, *value;  // as a line has it
-        const char* shown;         // by the library
-    } cases[] = {
+    // The type and the value as a line has them, and what the library shows.
+    const char* const cases[][3] = {
         {"i8", "-128", "-128"},
         {"u8", "255", "255"},
         {"i16", "-32768", "-32768"},
@@ -135,10 +133,7 @@ TEST(BusJson, AnyBytesAreAText) {
 }
 
 TEST(BusJson, WhatDoesNotDecodeIsItsBytes) {
-    const struct {
-        std::string record;
-        const char* field;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {{"\2a\0\x32\2\1\2", 7}, R"({"name":"a","type":"50","value":"0102"})"},  // no such type
         {{"\4a\0\0\7\3\1\xff", 8},
          R"({"name":"a","id":7,"type":"3","value":"ff"})"},            // a short date
@@ -155,9 +150,8 @@ TEST(BusJson, WhatDoesNotDecodeIsItsBytes) {
 TEST(BusJson, WritesManyFieldsThatDoNotDecode) {
     constexpr size_t kRecords = 500000;
     std::string image("\0\0\0\0\x99\x55\xEE\xAA", 8);
-    for (size_t i = 0; i < kRecords; ++i) {
+    for (size_t i = 0; i < kRecords; ++i)
         image.append("\0\x32\0", 3);
-    }
     for (size_t i = 0; i < 4; ++i) {
         image[i] = static_cast<char>(image.size() >> (24 - 8 * i));
     }
@@ -201,53 +195,45 @@ TEST(BusJson, TakesWhatOthersWrite) {
 
 TEST(BusJson, RefusesWithThePlace) {
     jsonAcceptOwnTypes();
-    const auto field = [](const char* inner) {
-        return std::string("{\"fields\":[{") + inner + "}]}";
-    };
-    const struct {
-        std::string line;
-        const char* fault;
-    } cases[] = {
+    const auto field = [](const std::string& inner) { return R"({"fields":[{)" + inner + "}]}"; };
+    const std::pair<std::string, const char*> cases[] = {
         {"", "column 1: a value is missing"},
-        {"{\"fields\":[]} x", "column 15: something follows the value"},
-        {"{\"fields\":01}", "column 12: ',' or '}' is missing"},
-        {"{\"fields", "column 9: the closing quote is missing"},
+        {R"({"fields":[]} x)", "column 15: something follows the value"},
+        {R"({"fields":01})", "column 12: ',' or '}' is missing"},
+        {R"({"fields)", "column 9: the closing quote is missing"},
         {"{\"a\tb\":1}", "column 4: a raw control character"},
-        {"{\"a\\x\":1}", "column 4: no such escape"},
-        {"{\"\\ud800\":1}", "column 3: half a surrogate pair"},
-        {"{\"\\udc7f\":1}", "column 3: half a surrogate pair"},  // no byte beyond ASCII
-        {"{\"\\u12g4\":1}", "column 3: \\u needs four hexadecimal digits"},
+        {R"({"a\x":1})", "column 4: no such escape"},
+        {R"({"\ud800":1})", "column 3: half a surrogate pair"},
+        {R"({"\udc7f":1})", "column 3: half a surrogate pair"},  // no byte beyond ASCII
+        {R"({"\u12g4":1})", "column 3: \\u needs four hexadecimal digits"},
         {"{\"\xc0\x80\":1}", "column 3: not UTF-8"},
         {std::string(kMostJsonDepth + 1, '['), "column 517: nested too deep"},
         {"[]", "column 1: not an object"},
-        {"{}", "column 1: \"fields\" is missing"},
-        {"{\"field\":[]}", "column 3: no such key here"},
-        {"{\"fields\":[],\"fields\":[]}", "column 15: the key was there already"},
-        {"{\"subject\":1,\"fields\":[]}", "column 12: not a string"},
-        {"{\"subject\":\"a\\u0000\",\"fields\":[]}", "column 13: a NUL can't be here"},
-        {field(""), "column 12: \"type\" is missing"},
-        {field("\"type\":\"i32\""), "column 12: \"value\" is missing"},
-        {field("\"type\":\"i33\",\"value\":1"), "column 12: no type that can be sent: i33"},
-        {field("\"type\":\"200\",\"value\":\"\""), "column 12: Invalid size (32)"},
-        {field("\"type\":\"u64\",\"value\":-1"), "column 34: not a whole number from 0 up"},
-        {field("\"type\":\"i32\",\"value\":1.0"), "column 34: not a whole number"},
-        {field("\"type\":\"i32\",\"value\":\"1\""), "column 35: not the value of a i32"},
-        {field("\"type\":\"f64\",\"value\":\"1\""), "column 35: a number in quotes"},
-        {field("\"type\":\"f32\",\"value\":1e39"), "column 34: out of range"},
-        {field("\"type\":\"opaque\",\"value\":\"abc\""),
-         "column 38: not pairs of hexadecimal digits"},
-        {field("\"type\":\"i8[]\",\"value\":[]"),
+        {"{}", R"(column 1: "fields" is missing)"},
+        {R"({"field":[]})", "column 3: no such key here"},
+        {R"({"fields":[],"fields":[]})", "column 15: the key was there already"},
+        {R"({"subject":1,"fields":[]})", "column 12: not a string"},
+        {R"({"subject":"a\u0000","fields":[]})", "column 13: a NUL can't be here"},
+        {field(""), R"(column 12: "type" is missing)"},
+        {field(R"("type":"i32")"), R"(column 12: "value" is missing)"},
+        {field(R"("type":"i33","value":1)"), "column 12: no type that can be sent: i33"},
+        {field(R"("type":"200","value":"")"), "column 12: Invalid size (32)"},
+        {field(R"("type":"u64","value":-1)"), "column 34: not a whole number from 0 up"},
+        {field(R"("type":"i32","value":1.0)"), "column 34: not a whole number"},
+        {field(R"("type":"i32","value":"1")"), "column 35: not the value of a i32"},
+        {field(R"("type":"f64","value":"1")"), "column 35: a number in quotes"},
+        {field(R"("type":"f32","value":1e39)"), "column 34: out of range"},
+        {field(R"("type":"opaque","value":"abc")"), "column 38: not pairs of hexadecimal digits"},
+        {field(R"("type":"i8[]","value":[])"),
          "column 35: an array without elements can't be sent"},
-        {field("\"type\":\"u8[]\",\"value\":[1,256]"), "column 38: out of range"},
-        {field("\"type\":\"string[]\",\"value\":[\"\\u0000\"]"), "column 41: a NUL can't be here"},
-        {field("\"type\":\"msg\",\"value\":\"00\""), "column 35: not the bytes of one message"},
-        {field("\"type\":\"msg\",\"value\":\"000000ff9955eeaa\""),
+        {field(R"("type":"u8[]","value":[1,256])"), "column 38: out of range"},
+        {field(R"("type":"string[]","value":["\u0000"])"), "column 41: a NUL can't be here"},
+        {field(R"("type":"msg","value":"00")"), "column 35: not the bytes of one message"},
+        {field(R"("type":"msg","value":"000000ff9955eeaa")"),
          "column 35: not the bytes of one message"},
-        {field("\"type\":\"msg\",\"value\":\"0000000800000000\""),
-         "column 35: Invalid message (42)"},
-        {field("\"id\":1,\"type\":\"i8\",\"value\":1"), "column 12: Not permitted (27)"},
-        {field("\"name\":\"a\",\"id\":65536,\"type\":\"i8\",\"value\":1"),
-         "column 29: out of range"},
+        {field(R"("type":"msg","value":"0000000800000000")"), "column 35: Invalid message (42)"},
+        {field(R"("id":1,"type":"i8","value":1)"), "column 12: Not permitted (27)"},
+        {field(R"("name":"a","id":65536,"type":"i8","value":1)"), "column 29: out of range"},
     };
     for (const auto& [line, fault] : cases) {
         JsonReader reader;

@@ -23,16 +23,20 @@ inline Message dataOn(const std::string& subject) {
     return messageFrom(wireOf(msg.get()));
 }
 
-inline Message interest(const char* kind, const char* subject) {
+inline Message ofKind(const char* kind) {
     Message msg = newMessage();
     EXPECT_EQ(pelmoMsg_AddString(msg.get(), "mtype", kind, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_AddSubjectText(msg.get(), "sub", subject, 0), kStatusSuccess);
+    return msg;
+}
+
+inline Message interest(const char* kind, const std::string& subject) {
+    Message msg = ofKind(kind);
+    EXPECT_EQ(pelmoMsg_AddSubjectText(msg.get(), "sub", subject.c_str(), 0), kStatusSuccess);
     return messageFrom(wireOf(msg.get()));
 }
 
 inline Message control(const char* letter, bool on) {
-    Message msg = newMessage();
-    EXPECT_EQ(pelmoMsg_AddString(msg.get(), "mtype", "S", 0), kStatusSuccess);
+    Message msg = ofKind("S");
     EXPECT_EQ(pelmoMsg_AddString(msg.get(), "control", letter, 0), kStatusSuccess);
     EXPECT_EQ(pelmoMsg_AddBool(msg.get(), "data", on, 0), kStatusSuccess);
     return messageFrom(wireOf(msg.get()));
@@ -50,7 +54,7 @@ struct StartFields {
 };
 
 inline Message startMessage(const StartFields& fields = {}) {
-    Message msg = newMessage();
+    Message msg = ofKind("I");
     const auto check = [](pelmoStatus status) { EXPECT_EQ(status, kStatusSuccess); };
     const auto wanted = [&](const char* name) { return std::string(fields.without) != name; };
     const auto text = [&](const char* name, const char* value) {
@@ -61,14 +65,12 @@ inline Message startMessage(const StartFields& fields = {}) {
             check(pelmoMsg_AddString(msg.get(), name, value, 0));
         }
     };
-    text("mtype", "I");
     text("userid", fields.user);
     if (*fields.session != '\0') text("session", fields.session);
     text("service", fields.service);
     text("network", fields.network);
-    for (const char* name : {"vmaj", "vmin", "vupd", "pid"}) {
+    for (const char* name : {"vmaj", "vmin", "vupd", "pid"})
         if (wanted(name)) check(pelmoMsg_AddI32(msg.get(), name, fields.pid, 0));
-    }
     if (wanted("rc")) check(pelmoMsg_AddBool(msg.get(), "rc", 0, 0));
     if (!fields.echo) check(pelmoMsg_AddBool(msg.get(), "echo", 0, 0));
     return messageFrom(wireOf(msg.get()));
@@ -82,7 +84,17 @@ struct TestBus {
     bool quiet = false;                          // no journal, which takes memory
 
     explicit TestBus(bool wire = false) {
-        const ExchangeOps ops = {onDeliver, onTell, wire ? onPublish : nullptr, onCutOff};
+        const auto onTell = [](void* closure, Member* to, pelmoMsg* message) {
+            onDeliver(closure, to, {&message, 1});
+        };
+        const auto onPublish = [](void* closure, MessageRun run) {
+            static_cast<TestBus*>(closure)->note("wire " + std::to_string(run.size()));
+        };
+        const auto onCutOff = [](void* closure, Member* member, const char*) {
+            auto* bus = static_cast<TestBus*>(closure);
+            bus->note(bus->nameOf(member) + " cut");
+        };
+        const ExchangeOps ops = {onDeliver, onTell, wire ? +onPublish : nullptr, onCutOff};
         const SessionGround ground = {0x18c0ffee000, 0x1234, 0x0100007f, 0x4c1d};
         EXPECT_TRUE(exchangeInit(&exchange, ground, ops, this));
     }
@@ -123,18 +135,17 @@ struct TestBus {
 
     // Enters, starts and listens.
     void join(const std::string& name,
-              std::initializer_list<const char*> subjects,
+              const std::vector<std::string>& subjects,
               const StartFields& fields = {}) {
         enter(name);
         (void)sends(name, startMessage(fields));
-        for (const char* subject : subjects)
+        for (const std::string& subject : subjects)
             (void)sends(name, interest("L", subject));
     }
 
     std::string nameOf(const Member* member) const {
-        for (const auto& [name, peer] : peers) {
+        for (const auto& [name, peer] : peers)
             if (&peer->member == member) return name;
-        }
         return "?";
     }
 
@@ -152,18 +163,5 @@ struct TestBus {
         }
         EXPECT_EQ(msgOpenEnvelope(first.get()), kStatusSuccess);
         bus->note(name + " < " + std::to_string(run.size()) + " on " + sendSubjectOf(first.get()));
-    }
-
-    static void onTell(void* closure, Member* to, pelmoMsg* message) {
-        onDeliver(closure, to, {&message, 1});
-    }
-
-    static void onPublish(void* closure, MessageRun run) {
-        static_cast<TestBus*>(closure)->note("wire " + std::to_string(run.size()));
-    }
-
-    static void onCutOff(void* closure, Member* member, const char*) {
-        auto* bus = static_cast<TestBus*>(closure);
-        bus->note(bus->nameOf(member) + " cut");
     }
 };

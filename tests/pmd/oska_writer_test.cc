@@ -45,10 +45,7 @@ struct TestWriter {
 };
 
 TEST(OskaWriter, PacksMessages) {
-    const struct {
-        std::vector<size_t> messages;
-        const char* packets;
-    } cases[] = {
+    const std::pair<std::vector<size_t>, const char*> cases[] = {
         {{}, ""},
         {{100, 200}, "1:300"},
         {{700, 740, 9}, "1:1440 2:9"},

@@ -38,10 +38,7 @@ TEST(Pacing, JudgesWhoIsAboveItsBacklogByWhatItTakes) {
         ExcessVerdict last;
     };
     constexpr int64_t kSome = kExcessLeastBytes;
-    const struct {
-        const char* what;
-        std::vector<Step> steps;
-    } cases[] = {
+    const std::pair<const char*, std::vector<Step>> cases[] = {
         {"stopped", {{0, 0, false, 4, kTooSlow}}},
         {"takes too little", {{0, kSome - 1, false, 4, kTooSlow}}},
         {"takes some, and its senders wait", {{0, kSome, false, 60, kGoOn}}},

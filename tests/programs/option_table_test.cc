@@ -29,10 +29,7 @@ std::string readWords(std::vector<const char*> words) {
 }
 
 TEST(OptionTable, FindsOptionsWithTheirValuesAndArguments) {
-    const struct {
-        std::vector<const char*> words;
-        const char* found;
-    } cases[] = {
+    const std::pair<std::vector<const char*>, const char*> cases[] = {
         {{}, ""},
         {{"-u", "5", "--interval=6", "-u7", "-u=8"},
          "-u,--interval 5|-u,--interval 6|-u,--interval 7|-u,--interval 8|"},
@@ -51,16 +48,14 @@ TEST(OptionTable, FindsOptionsWithTheirValuesAndArguments) {
         {{"--interval=bad", "x"}, "-u,--interval bad|--interval bad: no number"},
         {{"-ubad"}, "-u,--interval bad|-u bad: no number"},
     };
-    for (const auto& [words, found] : cases) {
+    for (const auto& [words, found] : cases)
         EXPECT_EQ(readWords(words), found);
-    }
 }
 
 TEST(OptionTable, HelpIsAColumnThatLongNamesPush) {
     std::string text;
-    for (const OptionRow& row : kRows) {
+    for (const OptionRow& row : kRows)
         optionHelpAdd(text, row, 14);
-    }
     EXPECT_EQ(text,
               "  -u, --interval SECONDS between two [10]\n"
               "  -addr, --addr ADDRESS only it\n"

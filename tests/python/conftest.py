@@ -1,4 +1,6 @@
 """What the tests share: a real daemon, the programs of the build, and Python as a child."""
+import asyncio
+import functools
 import os
 import pathlib
 import subprocess
@@ -48,6 +50,14 @@ def python(start):
         return start(interpreter, "-X", "dev", "-W", "error", "-c", script, *words)
 
     return start_python
+
+
+def in_loop(test):
+    """Runs a test that is a coroutine, with asyncio's own checks."""
+    @functools.wraps(test)
+    def run(*arguments, **named):
+        asyncio.run(test(*arguments, **named), debug=True)
+    return run
 
 
 def known(bus):

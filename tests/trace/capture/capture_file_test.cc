@@ -22,7 +22,7 @@ constexpr size_t kSavedBytes = kRecordHeadBytes + kFrameBytes;
 constexpr size_t kDiskBytes = 100'000;
 
 struct CaptureFile : SavingRun {
-    // Frames are told apart by their seconds.
+    // Each frame has a second of its own.
     static void save(int32_t from, int32_t to, bpf_u_int32 sizeBytes = kFrameBytes) {
         const Bytes frame(sizeBytes);
         for (int32_t number = from; number < to; ++number)
@@ -56,7 +56,7 @@ TEST_F(CaptureFile, HasWholeFramesOnAFullDiskAndGoesOn) {
                                    "until it can be written again."}));
     EXPECT_EQ(framesOf(readFile(path)).size(), kDiskBytes / kSavedBytes);
 
-    save(kLater, kLater + 1);  // so soon nobody looks for room
+    save(kLater, kLater + 1);  // too soon to look for room again
     FixedMonotonic::set(1001);
     save(kLater + 1, kLater + 3);
     captureFileClose();
@@ -104,9 +104,9 @@ struct CaptureRotation : SavingRun {
 TEST_F(CaptureRotation, SparesTheFileAndTriesAgainWhenTheRenameFails) {
     rotations(2);
     mkdir(folder.path("cap1").c_str(), 0700);
-    const Lines told = {"failed to rename raw data file '" + path + "' to '" + path +
-                        "1' during data file rotation."};
-    for (const Lines& logged : {told, Lines()}) {
+    const Lines refused = {"failed to rename raw data file '" + path + "' to '" + path +
+                           "1' during data file rotation."};
+    for (const Lines& logged : {refused, Lines()}) {
         saveFullFile();
         onRotationTimer();
         EXPECT_EQ(run.logged(), logged);
@@ -117,7 +117,7 @@ TEST_F(CaptureRotation, SparesTheFileAndTriesAgainWhenTheRenameFails) {
     EXPECT_EQ(readFile(folder.path("cap1")).size(), 2 * kLimitBytes - kCaptureHeadBytes);
 }
 
-TEST_F(CaptureRotation, EndsSavingWhenTheFileCannotBeOpenedAnew) {
+TEST_F(CaptureRotation, EndsSavingWhenTheFileCannotBeOpenedAgain) {
     for (const auto& [count, file] : {std::pair{2, "raw data"}, {0, "save"}}) {
         SCOPED_TRACE(count);
         ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));

@@ -15,8 +15,7 @@
 namespace {
 
 struct Reading {
-    std::vector<TimeSpec> times;
-    std::vector<Bytes> packets;
+    std::vector<std::pair<TimeSpec, Bytes>> packets;
     bool failed = false;
 
     bool operator==(const Reading&) const = default;
@@ -25,8 +24,7 @@ struct Reading {
 Reading taken;
 
 void takePacket(TimeSpec time, const uint8_t* ip, size_t length) {
-    taken.times.push_back(time);
-    taken.packets.push_back(Bytes(ip, ip + length));
+    taken.packets.push_back({time, Bytes(ip, ip + length)});
 }
 
 // More than the process reads at once, of frames that end anywhere in it; a few are larger than the
@@ -41,7 +39,7 @@ std::vector<SavedFrame> manyFrames() {
     return frames;
 }
 
-// One frame of each kind that "udp" tells apart, whole and cut within the heads.
+// One frame of each kind that "udp" distinguishes, whole and cut within the heads.
 std::vector<SavedFrame> framesOfProtocols() {
     const Bytes udp = ethernetFrame(udpPacket({}, Bytes(40)));
     const Bytes ipv6 = patched(udp, 12, be16(0x86dd));
@@ -76,7 +74,7 @@ struct CaptureSession : testing::Test {
     void read(const std::string& source, const char* filter) {
         captureState.captureHandle = openOffline(source.c_str());
         ASSERT_NE(captureState.captureHandle, nullptr);
-        testing::internal::CaptureStdout();  // the filter is told
+        testing::internal::CaptureStdout();  // the filter is printed
         EXPECT_TRUE(installFilter(captureState.captureHandle, filter));
         (void)testing::internal::GetCapturedStdout();
         taken = {};

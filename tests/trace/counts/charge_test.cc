@@ -25,9 +25,8 @@ void charge(NetEntry& to, const std::string& subject, uint8_t host = 1, uint32_t
 
 // So many that charges wait from now on.
 void fill(NetEntry& to) {
-    while (statistics.subjectLines.slabCount <= kCachedSlabs) {
+    while (statistics.subjectLines.slabCount <= kCachedSlabs)
         charge(to, "fill." + std::to_string(to.subjects.count));
-    }
 }
 
 // Messages and bytes by subject and the last octet of the host, without subjects filled in.

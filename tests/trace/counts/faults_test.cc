@@ -38,10 +38,7 @@ TEST(Faults, AreCountedByKindWhetherOrNotTheyAreLogged) {
     const Bytes null = nullPacket(head, {});
     const auto data = [&head](const Bytes& payload) { return dataPacket(head, payload); };
     const Bytes subject = field(named("sub"), 2, bytesOf("x"));
-    const struct {
-        const char* key;
-        Bytes packet;
-    } cases[] = {
+    const std::pair<const char*, Bytes> cases[] = {
         {"udp_header_cut", cut(null, kUdpAt + 7)},
         {"udp_length_too_large", sealed(patched(null, 2, be16(20)))},
         {"udp_checksum_missing", withoutChecksum(null)},
@@ -101,7 +98,7 @@ std::vector<Bytes> packetsOfAllKinds() {
     return packets;
 }
 
-// The tree behind all of them, each a second after the one before, and the times of a fault. Of so
+// The tree after all of them, each a second after the one before, and the times of a fault. Of so
 // many senders that packets may wait for their turn.
 Lines treeOf(Handle handle) {
     TraceRun run(false);

@@ -17,9 +17,8 @@ constexpr size_t kSubjectBytesMax = 255;
 // subjects do.
 Elements seen(const Elements& elements) {
     Elements cut;
-    for (const std::string& element : elements) {
+    for (const std::string& element : elements)
         cut.emplace_back(element.c_str());
-    }
     return cut;
 }
 
@@ -68,9 +67,8 @@ struct Random {
     std::string element(size_t lengthMax) {
         constexpr char kCharacters[] = {'\0', '\1', 'A', 'B', 'B', 'B', '\xff'};
         std::string text;
-        for (size_t left = below(lengthMax + 1); left > 0; --left) {
+        for (size_t left = below(lengthMax + 1); left > 0; --left)
             text += kCharacters[below(sizeof kCharacters)];
-        }
         return text;
     }
 
@@ -97,9 +95,8 @@ TEST(SnapshotSort, OrdersAnySubjects) {
         const Elements& prefix = prefixes[round % 4];
         const size_t lengthMax = random.below(20);
         std::vector<Elements> subjects(round < 2 ? 5000 : random.below(300));
-        for (Elements& subject : subjects) {
+        for (Elements& subject : subjects)
             subject = random.subject(lengthMax, prefix);
-        }
         expectSorted(subjects);
         expectSorted(subjects, false);
         std::sort(subjects.begin(), subjects.end());

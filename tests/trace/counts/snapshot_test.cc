@@ -11,6 +11,7 @@
 #include "tests/support/trace_run.h"
 #include "trace/counts/host_status.h"
 #include "trace/counts/snapshot_storage.h"
+#include "trace/counts/snapshot_totals.h"
 
 namespace {
 
@@ -94,18 +95,16 @@ struct PartSums {
 };
 
 void addPart(PartSums& sums, const SnapHeader& part) {
+    const SnapTotals totals = snapshotAddUp(part);
     sums.packets += part.packets;
+    sums.data += totals.multicast.data;
+    sums.ptpData += totals.pointToPoint.dataSent + totals.pointToPoint.dataRecv;
+    sums.msgBytes += totals.subjects.bytes;
     for (const SnapPort& port : std::span(part.ports, part.portCount)) {
         sums.records += port.ptpHostCount;
-        for (const SnapPtpHost& host : std::span(port.ptpHosts, port.ptpHostCount))
-            sums.ptpData += host.counters.dataSent + host.counters.dataRecv;
         for (const SnapNet& net : std::span(port.nets, port.netCount)) {
             sums.records += net.hostCount + net.subjectCount;
             sums.statusMsgs += net.statusMsgCount;
-            for (const SnapHost& host : std::span(net.hosts, net.hostCount))
-                sums.data += host.data;
-            for (const SnapSubject& subject : std::span(net.subjects, net.subjectCount))
-                sums.msgBytes += subject.bytes;
         }
     }
 }

@@ -19,9 +19,8 @@ void expectPlainSums() {
     for (size_t sizeBytes = 1; sizeBytes < 600; ++sizeBytes) {
         const size_t alignment = random() % 16;
         Bytes room(alignment + sizeBytes);
-        for (uint8_t& byte : room) {
+        for (uint8_t& byte : room)
             byte = random() % 3 == 0 ? 0xff : static_cast<uint8_t>(random());
-        }
         const std::span<const uint8_t> summed = std::span(room).subspan(alignment);
         const uint16_t expected = plainChecksum(Bytes(summed.begin(), summed.end()));
         EXPECT_EQ(checksumOf(summed), expected) << sizeBytes << " bytes at " << alignment;

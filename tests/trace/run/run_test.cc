@@ -1,97 +1,21 @@
 #include "trace/run/run.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <semaphore>
+#include <tuple>
 
-#include "lib/pelmo.h"
-#include "lib/runtime/fixed_ids_internal.h"
-#include "lib/runtime/library.h"
-#include "tests/support/scratch_folder.h"
 #include "tests/support/test.h"
 #include "tests/support/trace_run.h"
+#include "trace/capture/capture_session.h"
 #include "trace/counts/snapshot.h"
 #include "trace/counts/statistics.h"
 #include "trace/run/report_output.h"
 #include "trace/run/run_modes.h"
+#include "trace/run/settings_check.h"
+#include "trace/run/snapshot_sink.h"
 #include "trace/settings.h"
 
 namespace {
-
-// What the end of the process would take.
-void undoStart() {
-    pelmo_Close();
-    resetCapture();
-    statsDestroy();
-}
-
-// An offline run's start and end, with a capture without packets.
-struct Run : testing::Test {
-    Run() {
-        writeFile(input, captureText({}));
-        traceSettings = {};
-        traceSettings.readFile = input.c_str();
-        traceSettings.liveCapture = false;
-        traceSettings.filterText = "udp";
-    }
-    ~Run() override {
-        undoStart();
-        traceSettings = {};
-    }
-
-    // Timers that are due have run on return: one of no interval is the last of its pass.
-    static void timerThreadPasses() {
-        static std::binary_semaphore passed(0);  // its release may end after the acquire
-        uint32_t timer = 0;
-        const auto onTick = [](uint32_t event, pelmoMsg*, void*) {
-            pelmoEvent_DestroyEx(event, nullptr);
-            passed.release();
-        };
-        ASSERT_EQ(pelmoEvent_CreateTimer(&timer, kTimerQueueId, onTick, 0, nullptr),
-                  kStatusSuccess);
-        passed.acquire();
-    }
-
-    const Folder folder;
-    const std::string input = folder.path("in");
-    const std::string output = folder.path("out");
-};
-
-// By the timer, for each count of numbered files, and by a path that was relative at the start.
-TEST_F(Run, RotatesTheCaptureFileOnceASecond) {
-    const std::string home = std::filesystem::current_path();
-    using Names = std::set<std::string>;
-    for (const auto& [count, names] : {std::pair{0, Names{"in", "out"}},
-                                       {1, {"in", "out", "out1"}},
-                                       {3, {"in", "out", "out1", "out2"}}}) {
-        traceSettings.rotationOptions = kCaptureMaxSeen;
-        traceSettings.captureMaxSizeMB = 1;
-        std::filesystem::current_path(folder.root);
-        traceSettings.writeFile = "out";
-        traceSettings.captureMaxRotations = count;
-        {
-            FixedMonotonic clock(1000);
-            ASSERT_EQ(startTrace(), kStatusSuccess);
-            std::filesystem::current_path("/");
-            for (const int64_t seconds : {1001, 1002}) {
-                handleFrame(Bytes(1 << 20));  // more than the limit
-                captureFileFlush();
-                FixedMonotonic::set(seconds, 500'000'000);
-                timerThreadPasses();
-            }
-            stopTrace();
-        }
-        EXPECT_FALSE(libraryIsOpen());
-        EXPECT_EQ(folder.names(), names) << count;
-        EXPECT_EQ(readFile(output), captureText({}));
-        undoStart();
-        for (const char* const numbered : {"out1", "out2"})
-            unlink(folder.path(numbered).c_str());
-    }
-    std::filesystem::current_path(home);
-}
 
 TEST(LiveRun, ReportsByTheWallClockUntilTheShutdown) {
     setenv("TZ", "UTC", 1);
@@ -115,6 +39,118 @@ TEST(LiveRun, ReportsByTheWallClockUntilTheShutdown) {
     captureState.shuttingDown = true;
     EXPECT_EQ(report(), Lines());
     captureState.shuttingDown = false;
+    traceSettings = {};
+}
+
+// "BEGIN-END PACKETS, ...", of each interval; times in seconds.
+std::string intervals;
+
+void note(SnapHeader* snapshot) {
+    const auto text = [](TimeSpec time) {
+        const std::string tenths = std::to_string(time.nanoseconds / 100'000'000);
+        return std::to_string(time.seconds) + (tenths == "0" ? "" : "." + tenths);
+    };
+    intervals += (intervals.empty() ? "" : ", ") + text(snapshot->prevTime) + "-" +
+                 text(snapshot->thisTime) + " " + std::to_string(snapshot->packets);
+}
+
+std::string intervalsOf(bool keepsGrid, uint32_t seconds, const std::vector<double>& packets) {
+    TraceRun run(false);
+    traceSettings.updateInterval = seconds;
+    snapshotSink = {.begin = nullptr,
+                    .take = note,
+                    .end = nullptr,
+                    .wantsSource = false,
+                    .keepsGrid = keepsGrid};
+    intervals.clear();
+    const Bytes packet = nullPacket({}, {});
+    offlineRunBegin();
+    for (const double time : packets) {
+        const auto whole = static_cast<int32_t>(time);
+        const auto tenths = static_cast<uint32_t>((time - whole) * 10 + 0.5);
+        offlineRunPacket({whole, tenths * 100'000'000}, packet.data(), packet.size());
+    }
+    offlineRunEnd();
+    snapshotSink = {};
+    return intervals;
+}
+
+TEST(OfflineRun, IntervalsOfAGridHoldThePacketsOfTheirOwnTimes) {
+    const struct {
+        const char* what;
+        uint32_t seconds;
+        std::vector<double> packets;
+        const char* wanted;
+    } cases[] = {
+        {"no hole", 10, {100, 105, 110, 110.1, 120, 121}, "100-110 3, 110-120 2, 120-121 1"},
+        {"a hole", 10, {100, 3705, 3706}, "100-110 1, 3700-3706 2"},
+        {"a hole that ends on the grid", 10, {100, 3700}, "100-110 1, 3690-3700 1"},
+        {"a packet an interval", 10, {0, 30, 60.5}, "0-10 1, 20-30 1, 60-60.5 1"},
+        {"one a little late", 10, {100, 111, 108, 121}, "100-110 1, 110-120 2, 120-121 1"},
+        {"the last a little late", 10, {100, 111, 108}, "100-110 1, 110-110 2"},
+        {"set back", 10, {5000, 5004, 100, 103}, "5000-5004 2, 100-103 2"},
+        {"set back at once", 10, {5000, 100, 103}, "100-103 3"},
+        {"far apart",
+         1,
+         {INT32_MIN + 1, INT32_MAX},
+         "-2147483647--2147483646 1, 2147483646-2147483647 1"},
+        {"intervals of no length", 0, {100, 100, 101, 107}, "100-100 2, 100-100 1, 100-107 1"},
+    };
+    for (const auto& [what, seconds, packets, wanted] : cases)
+        EXPECT_EQ(intervalsOf(true, seconds, packets), wanted) << what;
+    // Without a grid a packet ends one interval.
+    EXPECT_EQ(intervalsOf(false, 10, {100, 3705, 3706}), "100-110 1, 110-120 1, 120-3706 1");
+}
+
+constexpr const char* kLists = "the filter of -addr, -src, -dst and -port";
+
+TEST(SettingsCheck, RefusesFiltersThatTakeTooLongToCompile) {
+    TraceRun run;
+    const auto repeated = [](const char* unit, int times) {
+        std::string text = "udp";
+        for (int i = 0; i < times; ++i)
+            text += unit;
+        return text;
+    };
+    const struct {
+        std::string filter;  // none: of the lists
+        size_t addrs = 0;
+        const char* refused = nullptr;  // none: accepted
+    } cases[] = {
+        {"", 100},
+        {"", 10000, kLists},
+        {repeated(" or (((((udp)))))", 200)},
+        {repeated(" or host 10.0.0.1", 10000), 0, "-filter"},
+        {"no filter at all" + std::string(2000, ' ')},  // libpcap refuses it later
+    };
+    for (const auto& [filter, addrs, refused] : cases) {
+        SCOPED_TRACE(filter.substr(0, 60) + std::to_string(addrs));
+        traceSettings.srcAddrs.assign(addrs, "10.200.200.200");
+        traceSettings.builtFilter = buildFilter(traceSettings.srcAddrs, {}, {});
+        traceSettings.filterText =
+            filter.empty() ? traceSettings.builtFilter.c_str() : filter.c_str();
+        EXPECT_EQ(validateFilter(), refused ? kStatusInvalidArgument : kStatusSuccess);
+        const std::string why = ": too long for libpcap to compile in reasonable time.";
+        EXPECT_EQ(run.logged(), refused ? Lines({refused + why}) : Lines());
+    }
+    traceSettings = {};
+}
+
+TEST(SettingsCheck, RefusesACaptureWhoseNumberedNamesWouldBeCut) {
+    TraceRun run;
+    for (const auto& [nameBytes, rotations, limitBytes, fits] : {std::tuple{257u, 99, 1u, true},
+                                                                 {258u, 9, 1u, true},
+                                                                 {258u, 10, 1u, false},
+                                                                 {400u, 10, 0u, true},
+                                                                 {400u, 0, 1u, true},
+                                                                 {300u, 1, 1u, false}}) {
+        const std::string path = "/" + std::string(nameBytes - 1, 'n');
+        traceSettings.writeFile = path.c_str();
+        traceSettings.captureMaxRotations = rotations;
+        traceSettings.captureLimitBytes = limitBytes;
+        EXPECT_EQ(validateFiles(), fits ? kStatusSuccess : kStatusInvalidArgument) << nameBytes;
+        EXPECT_EQ(run.logged().size(), fits ? 0u : 1u);
+    }
     traceSettings = {};
 }
 

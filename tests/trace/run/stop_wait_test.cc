@@ -50,9 +50,8 @@ struct StopWait : testing::Test {
     void arm() {
         const std::set<int> before = openSockets();
         ASSERT_EQ(stopWaitInit([] { ++callbacks; }), kStatusSuccess);
-        for (const int socket : openSockets()) {
+        for (const int socket : openSockets())
             if (!before.contains(socket)) pair.push_back(socket);
-        }
         ASSERT_EQ(pair.size(), 2u);
     }
 

@@ -1,63 +1,12 @@
-// The commands at work within this process, and what they are made of: lines, pace, latencies.
+// What commands are made of: pace and latencies.
 
-#include <fcntl.h>
+#include "bus/measure.h"
+
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <latch>
 #include <random>
-#include <thread>
-
-#include "bus/commands.h"
-#include "bus/common.h"
-#include "bus/line_input.h"
-#include "bus/measure.h"
-#include "programs/stop.h"
-#include "tests/support/test.h"
-
-namespace {
-
-// The library open for the test's own sends, and the commands' as they run.
-struct OpenLibrary : NoCopy {
-    OpenLibrary() {
-        static const pelmoStatus installed = stopInstall();
-        EXPECT_EQ(installed, kStatusSuccess);
-        EXPECT_EQ(pelmo_Open(), kStatusSuccess);
-    }
-    ~OpenLibrary() { pelmo_Close(); }
-};
-
-}  // namespace
-
-// Lines of any length, in pieces of any size, the last one without its break.
-TEST(BusRun, LinesComeWholeOutOfPieces) {
-    const OpenLibrary library;
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
-    LineInput input;
-    input.descriptor = ends[0];
-    std::string_view line;
-    const auto write = [&](std::string_view text) {
-        EXPECT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    };
-    EXPECT_EQ(lineInputNext(input, false, line), LineResult::kNone);
-    write("one\n\ntw");
-    EXPECT_EQ(lineInputNext(input, false, line), LineResult::kLine);
-    EXPECT_EQ(line, "one");
-    EXPECT_EQ(lineInputNext(input, false, line), LineResult::kLine);
-    EXPECT_EQ(line, "");
-    write("o\nthree");
-    EXPECT_EQ(lineInputNext(input, true, line), LineResult::kLine);
-    EXPECT_EQ(line, "two");
-    close(ends[1]);
-    EXPECT_EQ(lineInputNext(input, true, line), LineResult::kLine);
-    EXPECT_EQ(line, "three");
-    EXPECT_EQ(input.lineNumber, 4u);
-    EXPECT_EQ(lineInputNext(input, true, line), LineResult::kEnd);
-    close(ends[0]);
-}
 
 TEST(BusPace, HoldsTheRateWithoutDrift) {
     Pace pace = paceStart(3, 1000);
@@ -87,32 +36,27 @@ TEST(BusReplay, KeepsTheTimesOfLines) {
         const char* what;
         double speed;
         std::vector<Step> steps;
-        uint64_t leaps;
-        int64_t putOff;
+        uint64_t leaps = 0;
+        int64_t putOff = 0;
     } cases[] = {
         {"as they are, and late ones caught up with",
          1,
-         {{700, 1000, 1000}, {790, 1300, 1090}, {1700, 1301, 2000}, {1700, 2300, 2000}},
-         0,
-         0},
-        {"twice as fast", 2, {{0, 1000, 1000}, {100, 1000, 1050}, {102, 1060, 1051}}, 0, 0},
-        {"a tenth as fast", 0.1, {{0, 0, 0}, {100, 0, 1000}}, 0, 0},
+         {{700, 1000, 1000}, {790, 1300, 1090}, {1700, 1301, 2000}, {1700, 2300, 2000}}},
+        {"twice as fast", 2, {{0, 1000, 1000}, {100, 1000, 1050}, {102, 1060, 1051}}},
+        {"a tenth as fast", 0.1, {{0, 0, 0}, {100, 0, 1000}}},
         {"back by a little: in its place, and the next one by the first",
          1,
-         {{5000, 0, 0}, {4000, 0, 0}, {4999, 10, 10}, {5100, 10, 100}},
-         0,
-         0},
+         {{5000, 0, 0}, {4000, 0, 0}, {4999, 10, 10}, {5100, 10, 100}}},
         {"back by more: from there on",
          1,
          {{5000, 100, 100}, {5500, 100, 600}, {4499, 600, 600}, {4599, 600, 700}, {9, 700, 700}},
-         2,
-         0},
+         2},
         {"slow input puts off what follows",
          1,
          {{0, 0, 0}, {100, 60'100, 60'100}, {200, 60'100, 60'200}, {300, 61'301, 61'301}},
          0,
          61'001},
-        {"distant times", 1, {{-9'000'000'000'000, 5, 5}, {9'000'000'000'000, 5, -1}}, 0, 0},
+        {"distant times", 1, {{-9'000'000'000'000, 5, 5}, {9'000'000'000'000, 5, -1}}},
     };
     const auto at = [](int64_t milliseconds) { return milliseconds * kMillisecond; };
     for (const auto& [what, speed, steps, leaps, putOff] : cases) {
