@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <latch>
 #include <limits>
 #include <string>
 #include <thread>
@@ -83,6 +84,22 @@ TEST_F(Condition, TimesOutWithTheLockHeldAgain) {
         EXPECT_EQ(Cond_TimedWait(&cond, &lock, seconds), isLong ? kStatusSuccess : kStatusTimeout);
         EXPECT_TRUE(isTaken(lock));
     }
+}
+
+TEST(Thread, DoesNotWaitForItself) {
+    static std::latch published(1);  // the record
+    static Thread* thread;
+    const auto body = [](void*) {
+        published.wait();
+        EXPECT_TRUE(Thread_IsCurrent(thread));
+        EXPECT_EQ(Thread_Join(thread), kStatusOsError);
+    };
+    ASSERT_EQ(Thread_Create(&thread, body, nullptr), kStatusSuccess);
+    EXPECT_FALSE(Thread_IsCurrent(thread));
+    published.count_down();
+    EXPECT_EQ(Thread_Join(thread), kStatusSuccess);
+    EXPECT_EQ(Thread_Join(thread), kStatusSuccess);
+    EXPECT_EQ(Thread_Destroy(thread), kStatusSuccess);
 }
 
 TEST(Thread, StartsThroughTheHook) {
