@@ -123,7 +123,9 @@ struct LiveRun {
 
     // Of the timer thread.
     double lastReportSeconds = 0;
-    uint64_t lastHandedOn = 0;  // of the monotonic clock, in nanoseconds; 0: none was
+    // Of the monotonic clock, in nanoseconds; 0: none was, none is.
+    uint64_t lastHandedOn = 0;
+    uint64_t heldUpSince = 0;
 };
 
 constinit LiveRun liveRun;
@@ -144,12 +146,23 @@ bool isTooSoon() {
            traceSettings.updateInterval == 0;
 }
 
+// Where a report is late by half an interval or more, the process was held up: frames of that time
+// still wait in the capture's buffer. The next report, or the one after it, has both the time and
+// the frames.
+bool isHeldUp(uint64_t now) {
+    const uint64_t interval = traceSettings.updateInterval * uint64_t{kNanosecondsOfSecond};
+    if (liveRun.lastHandedOn == 0 || now - liveRun.lastHandedOn < interval * 3 / 2) return false;
+    if (liveRun.heldUpSince == 0) liveRun.heldUpSince = now;
+    return now - liveRun.heldUpSince < interval / 4;
+}
+
 // Is what has come since the last one to be joined with what follows?
-bool isSliverOfGrid() {
+bool joinsNext() {
     if (!snapshotSink.keepsGrid) return false;
     const uint64_t now = clockMonotonicNanoseconds();
-    if (isSliver(static_cast<int64_t>(now - liveRun.lastHandedOn))) return true;
+    if (isSliver(static_cast<int64_t>(now - liveRun.lastHandedOn)) || isHeldUp(now)) return true;
     liveRun.lastHandedOn = now;
+    liveRun.heldUpSince = 0;
     return false;
 }
 
@@ -196,7 +209,7 @@ void captureThreadRelease() {
 }
 
 void onSnapshotTimer() {
-    if (captureShuttingDown() || isTooSoon() || isSliverOfGrid()) return;
+    if (captureShuttingDown() || isTooSoon() || joinsNext()) return;
     TimeSpec now;
     clockNow(&now);
     snapshotHandOn(now);

@@ -25,8 +25,8 @@ struct SnapshotSink {
     // Offline, intervals lie on a grid of the packets' own times that begins with the first packet:
     // an interval without packets isn't handed on, and where the clock goes back by more than an
     // interval a new grid begins. Live, an interval below a hundredth of its length, as a timer
-    // that was held up brings, is joined with the next. Without it they are those of the tool
-    // (trace/run/run_modes.h).
+    // that was held up brings, is joined with the next, and so is one that ends late by half of it:
+    // its frames aren't read yet. Without it they are those of the tool (trace/run/run_modes.h).
     bool keepsGrid = false;
 
     // Adds to it what the program's own source has to say. May be null.

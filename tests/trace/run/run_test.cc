@@ -42,6 +42,33 @@ TEST(LiveRun, ReportsByTheWallClockUntilTheShutdown) {
     traceSettings = {};
 }
 
+TEST(LiveRun, AReportThatComesLateIsJoinedWithTheNextOne) {
+    TraceRun run;
+    const FixedClock clock(1700000010);
+    const FixedMonotonic steady(1000);
+    static int reports;
+    snapshotSink = {};
+    snapshotSink.take = [](SnapHeader*) { ++reports; };
+    snapshotSink.keepsGrid = true;
+    traceSettings.updateInterval = 2;
+    // Milliseconds. The first two settle; that of 10,500 is late, and the timer catches up.
+    const struct {
+        uint64_t time;
+        int reports;
+    } rows[] = {{0, -1},    {2000, 1},  {4000, 1},  {6000, 1},  {10500, 0}, {10501, 0},
+                {12000, 1}, {14000, 1}, {14001, 0}, {17200, 0}, {17600, 0}, {18000, 1}};
+    static uint64_t begin = 1000;
+    begin += 1000;  // where the test is repeated
+    for (const auto& row : rows) {
+        reports = 0;
+        FixedMonotonic::set(begin + row.time / 1000, row.time % 1000 * 1'000'000);
+        onSnapshotTimer();
+        EXPECT_TRUE(row.reports < 0 || reports == row.reports) << row.time;
+    }
+    snapshotSink = {};
+    traceSettings = {};
+}
+
 // "BEGIN-END PACKETS, ...", of each interval; times in seconds.
 std::string intervals;
 
