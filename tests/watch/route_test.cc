@@ -182,6 +182,24 @@ TEST(SharedText, SlowReadersHoldOneOldTextAtMost) {
     sharedTextRenew(text, textOf("fourth"), 4);
     EXPECT_EQ(text.old.text(), "third");
     slower = {};
+    text.old = {};
+
+    // At the bound a text that nobody reads makes room, where that is enough.
+    const size_t fourth = text.newest.text().size();
+    bodyBytesHeld += kMostBodyBytes - before;
+    EXPECT_FALSE(sharedTextMayRenew(text));
+    EXPECT_EQ(text.newest.text(), "fourth");
+    bodyBytesHeld -= fourth;
+    slow = text.newest;
+    EXPECT_FALSE(sharedTextMayRenew(text));
+    slow = {};
+    bodyBytesHeld -= 1;
+    EXPECT_TRUE(sharedTextMayRenew(text));
+    bodyBytesHeld += 1;
+    EXPECT_TRUE(text.newest);
+    EXPECT_TRUE(sharedTextMayRenew(text));
+    EXPECT_FALSE(text.newest);
+    bodyBytesHeld -= kMostBodyBytes - before - fourth;
     text = {};
     EXPECT_EQ(bodyBytes(), before);
 }

@@ -3,8 +3,9 @@
 // it is old: so readers that take nothing hold two texts of a kind at most, whatever comes
 // meanwhile.
 //
-// All texts together are bounded too (bodyBytes, kMostBodyBytes): where they reach the bound none
-// is written before one is given back. Anyone who hands on intervals never waits for any of this.
+// All texts together are bounded too (bodyBytes, kMostBodyBytes): where they reach the bound, a
+// text that nobody reads makes room for the one that follows it, and if that isn't enough none is
+// written before one is given back. Anyone who hands on intervals never waits for any of this.
 //
 // Threads: no lock; those of the server's thread.
 
@@ -16,7 +17,8 @@
 
 #include "watch/serve/body.h"
 
-inline constexpr size_t kMostBodyBytes = size_t{64} << 20;
+// A bus of 20,000 hosts and 200,000 subjects has texts of 67 MB.
+inline constexpr size_t kMostBodyBytes = size_t{256} << 20;
 
 struct SharedText {
     BodyHold newest;      // empty: there is none yet
@@ -28,7 +30,12 @@ struct SharedText {
 [[nodiscard]] inline bool sharedTextMayRenew(SharedText& text) {
     if (text.old && !text.old.isShared()) text.old = {};
     const bool isHeld = text.newest && text.newest.isShared();
-    return bodyBytes() < kMostBodyBytes && !(isHeld && text.old);
+    if (isHeld && text.old) return false;
+    if (bodyBytes() < kMostBodyBytes) return true;
+    if (isHeld || !text.newest || bodyBytes() - text.newest.text().size() >= kMostBodyBytes)
+        return false;
+    text.newest = {};
+    return true;
 }
 
 inline void sharedTextRenew(SharedText& text, BodyHold next, uint64_t number) {

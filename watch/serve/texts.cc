@@ -42,9 +42,13 @@ ServedText wholeOf(const BodyHold& body, bool isZipped) {
     return {body, 0, body.text().size(), isZipped};
 }
 
+// Of texts that are a client's own, beyond what is shared: an answer about the server's health has
+// room whatever is read slowly.
+constexpr size_t kOwnBytes = size_t{64} << 20;
+
 template <typename Write>
-BodyHold makeBody(Write write) {
-    if (bodyBytes() >= kMostBodyBytes) return {};
+BodyHold makeBody(Write write, size_t mostBytes = kMostBodyBytes) {
+    if (bodyBytes() >= mostBytes) return {};
     BodyHold body = BodyHold::make();
     if (!body || !write(body.buffer()) || body.buffer().failed) return {};
     body.count();
@@ -61,7 +65,7 @@ BodyHold zippedOf(std::string_view text) {
 // Of a client's own.
 template <typename Write>
 ServedText ownText(bool takesZipped, Write write) {
-    const BodyHold body = makeBody(write);
+    const BodyHold body = makeBody(write, kMostBodyBytes + kOwnBytes);
     if (!body || !takesZipped || body.text().size() < kLeastZippedBytes)
         return wholeOf(body, false);
     const BodyHold zipped = zippedOf(body.text());
