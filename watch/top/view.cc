@@ -20,6 +20,7 @@ constexpr size_t kLeadColumns = 24;  // of port and group, or of a host
 constexpr size_t kSubjectLeast = 20;
 constexpr size_t kFullHeadLines = 14;  // a screen of so many lines has a full head
 constexpr double kTrailSeconds = 600;
+constexpr size_t kLeastTrail = 34;  // columns for the last minutes of each row
 
 // A drawing under way. `line` is the next one.
 struct Drawing {
@@ -280,6 +281,33 @@ void putTextHeading(Drawing& drawing, const char* heading, size_t sorts, size_t 
     screenPut(drawing.screen, drawing.line, Style::kHeading, headingText(drawing, heading, sorts));
 }
 
+// A wide screen has the last minutes of each row after its numbers.
+bool hasTrails(const Drawing& drawing) {
+    const size_t used = kLeadColumns + drawing.shown.size() * drawing.numberColumns;
+    return !drawing.info.hasSubjects && used + kLeastTrail <= drawing.screen.size.columns;
+}
+
+// The number that sorts, or the first.
+size_t trailColumn(const Drawing& drawing) {
+    const size_t sorted = drawing.pane.sortColumn - kSortNumbers;
+    const bool isNumber =
+        drawing.pane.sortColumn >= kSortNumbers && sorted < drawing.info.columnCount;
+    return isNumber ? sorted : 0;
+}
+
+// The row's rates of the last minutes, as many as there is room for; the newest is the last.
+std::vector<float> trailOf(const Drawing& drawing, const TopRow& row, size_t room) {
+    const double seconds = topState(drawing.model).head.seconds;
+    const double intervals = seconds > 0 ? kTrailSeconds / seconds : kTrailSeconds;
+    std::vector<float> series(
+        std::clamp<size_t>(static_cast<size_t>(std::min(intervals, 1e6)), 2, room));
+    const size_t known =
+        trailRead(drawing.model.trails[static_cast<size_t>(drawing.rows.table)], row.lastEntry,
+                  drawing.rows.interval, trailColumn(drawing), series);
+    series.erase(series.begin(), series.end() - static_cast<ptrdiff_t>(known));
+    return series;
+}
+
 void drawHeadings(Drawing& drawing) {
     Screen& screen = drawing.screen;
     constexpr Style kStyle = Style::kHeading;
@@ -307,6 +335,10 @@ void drawHeadings(Drawing& drawing) {
     }
     if (drawing.info.hasSubjects) {
         putTextHeading(drawing, "Subject", kSortSubject, screen.lines[drawing.line].columns + 2);
+    }
+    if (hasTrails(drawing)) {
+        const char* const name = drawing.info.columns[trailColumn(drawing)].heading;
+        screenPut(screen, drawing.line, kStyle, formatted("  %s/s, each to its own scale", name));
     }
     screenPad(screen, drawing.line, kStyle, screen.size.columns);
     if (drawing.info.hasSubjects) mark(kSortSubject);
@@ -395,6 +427,12 @@ void drawRow(Drawing& drawing, uint32_t at, bool isOpen, LineStyle style) {
         screenPutIn(screen, drawing.line, style.style, second, kLeadColumns - 8);
     }
     putNumbers(drawing, style, rowNumbers(drawing.rows, at), "-");
+    if (hasTrails(drawing)) {
+        const size_t room = screen.size.columns - screen.lines[drawing.line].columns - 2;
+        screenPut(screen, drawing.line, style.style, "  ");
+        screenPut(screen, drawing.line, style.style,
+                  barsText(trailOf(drawing, row, room), screen.signs.hasBlocks));
+    }
     if (drawing.info.hasSubjects) {
         char subject[kSafeSubjectBytes];
         putTail(drawing, style.style, subjectSafeText(rowSubject(drawing.rows, row), subject));
@@ -470,27 +508,19 @@ void drawBars(Drawing& drawing) {
     Screen& screen = drawing.screen;
     if (paneLineCount(drawing.pane) == 0) return;
     const TopRow& row = drawing.rows.rows[paneLine(drawing.pane, drawing.pane.cursor).row];
-    const size_t sorted = drawing.pane.sortColumn - kSortNumbers;
-    const bool isNumber =
-        drawing.pane.sortColumn >= kSortNumbers && sorted < drawing.info.columnCount;
-    const size_t column = isNumber ? sorted : 0;
-    const std::string name = formatted(" %s/s ", drawing.info.columns[column].heading);
+    const std::string name =
+        formatted(" %s/s ", drawing.info.columns[trailColumn(drawing)].heading);
     constexpr size_t kTailColumns = 24;
 
-    const double seconds = topState(drawing.model).head.seconds;
     const size_t room =
         screen.size.columns - std::min(screen.size.columns - 1, name.size() + kTailColumns);
-    const double intervals = seconds > 0 ? kTrailSeconds / seconds : kTrailSeconds;
-    std::vector<float> series(
-        std::clamp<size_t>(static_cast<size_t>(std::min(intervals, 1e6)), 2, room));
-    const size_t known = trailRead(drawing.model.trails[static_cast<size_t>(drawing.rows.table)],
-                                   row.lastEntry, drawing.rows.interval, column, series);
-    const std::span there = std::span(series).last(known);
+    const std::vector<float> there = trailOf(drawing, row, room);
     const float most = there.empty() ? 0 : std::ranges::max(there);
+    const double seconds = topState(drawing.model).head.seconds;
     screenPut(screen, drawing.line, Style::kStrong, name);
     screenPut(screen, drawing.line, Style::kPlain, barsText(there, screen.signs.hasBlocks));
     screenPut(screen, drawing.line, Style::kPlain,
-              "  " + spanText(static_cast<double>(known) * seconds) + ", most ");
+              "  " + spanText(static_cast<double>(there.size()) * seconds) + ", most ");
     screenPut(screen, drawing.line, Style::kStrong, rateText(most, kNumberColumns));
 }
 
