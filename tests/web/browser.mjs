@@ -98,6 +98,27 @@ export async function showsTrouble(table, columns, numbers) {
     });
 }
 
+// No word of a heading is broken, and neither a heading nor a number is cut, by whatever the table is sorted.
+export async function readsWell(table) {
+    for (const heading of await table.locator("th button:visible").all()) {
+        await heading.click();
+        const wrong = await table.evaluate((box) => {
+            const isCut = ({ clientWidth, scrollWidth }) => clientWidth > 0 && scrollWidth > clientWidth;
+            const isBroken = ({ firstChild: text }) => [...text.data.matchAll(/[^ \u00ad]+/g)].some(({ 0: word, index }) => {
+                const range = document.createRange();
+                range.setStart(text, index);
+                range.setEnd(text, index + word.length);
+                return range.getClientRects().length > 1;
+            });
+            const buttons = [...box.querySelectorAll("th button")];
+            const cells = [...box.querySelectorAll("td:is(.kind-number, .kind-clock, .kind-time)")];
+            return [...buttons.filter((button) => isCut(button) || isBroken(button)), ...cells.filter(isCut)].map(
+                (found) => `${found.textContent} at ${innerWidth}: ${found.scrollWidth} in ${found.clientWidth}`);
+        });
+        assert.deepEqual(wrong, []);
+    }
+}
+
 // What axe-core finds wrong for those who can't see, or see little.
 export async function isAccessible(page) {
     await page.evaluate(readFileSync(packages.resolve("axe-core/axe.min.js"), "utf8"));

@@ -252,6 +252,7 @@ pageTest("columns of trouble are in sight at every width, beside the details too
             await page.evaluate(() => new Promise((done) => requestAnimationFrame(() => setTimeout(done, 0))));
             await showsTrouble(hosts, hostColumns, sumsOf(snapshots[0][name].filter(isOf(host))));
             await showsTrouble(table, columns, snapshots[0].totals[name]);
+            if (width >= 1366) assert.equal(await hosts.locator("th:visible").count(), hostColumns.length);
         }
         await page.keyboard.press("Escape");
     }

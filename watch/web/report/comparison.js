@@ -2,7 +2,7 @@
 // subjects, senders and groups alike, so they aren't added up.
 
 import { element } from "../shared/dom.js";
-import { formatNumber } from "../shared/format.js";
+import { formatDateTime, formatNumber, formatSpan } from "../shared/format.js";
 
 const kKinds = { subjects: "subject", senders: "sender", groups: "group" };
 const kMostBars = 12;
@@ -16,19 +16,19 @@ export const comparisonTable = {
     sortBy: "difference",
     columns: [
         { key: "name", label: "Name", kind: "text", help: "Subject, sender, or group and port" },
-        { key: "kind", label: "Of", kind: "text", drop: 1, help: "A subject, a sender or a group" },
-        { key: "change", label: "Change", kind: "text", help: "Came, went, grew, shrank, or the same" },
+        { key: "kind", label: "Of", kind: "text", fixed: 5.6, drop: 1, help: "A subject, a sender or a group" },
+        { key: "change", label: "Change", kind: "text", fixed: 6.6, help: "Came, went, grew, shrank, or the same" },
         rate("messages_before", "Msgs before", "Messages of the earlier capture", {
             wide: true,
             drop: 2,
         }),
-        rate("messages_now", "Msgs now", "Messages of this capture", { drop: 2 }),
+        rate("messages_now", "Msgs now", "Messages of this capture", { wide: true, drop: 2 }),
         rate("bytes_before", "Bytes before", "Bytes of the earlier capture", {
             wide: true,
             drop: 1,
         }),
         rate("bytes_now", "Bytes now", "Bytes of this capture", { wide: true, drop: 1 }),
-        rate("difference", "Difference", "By how many bytes the two differ", { wide: true }),
+        rate("difference", "Difference", "By how many bytes the two differ", { wide: true, least: 6.6 }),
     ],
 };
 
@@ -61,7 +61,9 @@ export function comparisonData(comparison) {
                 words: `${kind} ${row.change}`,
             })),
     );
-    return { row_count: rows.length, sums: numbers(comparison), rows };
+    const sums = numbers(comparison);
+    const change = sums.bytes_now < sums.bytes_before ? "shrank" : "grew";
+    return { row_count: rows.length, sums: { ...sums, change: sums.difference > 0 ? change : "same" }, rows };
 }
 
 function bar(side, value, most) {
@@ -71,10 +73,10 @@ function bar(side, value, most) {
 }
 
 // The largest differences as pairs of bars, bytes a second before and now.
-export function fillComparisonBars(list, rows) {
+export function fillComparisonBars(box, rows) {
     const shown = [...rows].sort((a, b) => b.difference - a.difference).slice(0, kMostBars);
     const most = Math.max(...shown.map((row) => Math.max(row.bytes_before, row.bytes_now)), 1);
-    list.replaceChildren(
+    box.querySelector("ol").replaceChildren(
         ...shown.map((row) =>
             element(
                 "li",
@@ -88,9 +90,23 @@ export function fillComparisonBars(list, rows) {
     );
 }
 
-export function makeComparisonBars() {
-    return element("ol", {
-        class: "compared",
-        "aria-label": "The largest differences in bytes a second, before and now",
-    });
+function sideName(title, { files, begin_time: time, elapsed_seconds: seconds }) {
+    const name = files.split("/").at(-1);
+    const begin = formatDateTime(Date.parse(time));
+    return element("strong", {}, `${title}: ${name} from ${begin}, ${formatSpan(seconds)}`);
+}
+
+// Without a comparison there is nothing to show in it.
+export function makeComparisonBars(comparison) {
+    const title = "The largest differences, in bytes a second";
+    const sides =
+        comparison === undefined
+            ? []
+            : [sideName("Before", comparison.before), sideName("Now", comparison.now)];
+    return element(
+        "div",
+        { class: "compared" },
+        element("p", {}, element("span", { class: "title" }, title), ...sides),
+        element("ol", { "aria-label": title }),
+    );
 }

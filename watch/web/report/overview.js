@@ -60,6 +60,11 @@ function notices({ capture, comparison }) {
         words.push(blindText(capture.not_read));
     if (!capture.is_whole)
         words.push("The capture wasn't read to its end: the report covers what came before that.");
+    const span = (Date.parse(capture.end_time) - Date.parse(capture.begin_time)) / 1000;
+    if (Math.abs(span - capture.elapsed_seconds) > 1)
+        words.push(
+            `The clock was set during the capture: its ${formatSpan(capture.elapsed_seconds)} lie within ${formatSpan(span)} of the clock.`,
+        );
     if (comparison?.is_whole === false)
         words.push(
             "The captures have more than the tables hold: rows may seem to have come or gone.",

@@ -3,7 +3,7 @@
 
 import { resizeCharts } from "../shared/chart.js";
 import { element } from "../shared/dom.js";
-import { formatCount, formatNarrow } from "../shared/format.js";
+import { formatCount, formatNarrow, formatNumber } from "../shared/format.js";
 import { layoutColumns } from "../shared/layout.js";
 
 const kMostRows = 50;
@@ -11,19 +11,20 @@ const kChartPixels = 340;
 // The width of a page in em of the smaller type that report.css gives to print.
 const kPageEm = 64;
 
-function cell(tag, value, { kind }) {
-    const text = kind === "number" && value !== undefined ? formatNarrow(value) : String(value ?? "–");
+function cell(tag, value, { kind, isExact }, isCompact) {
+    const format = isCompact && !isExact ? formatNarrow : formatNumber;
+    const text = kind === "number" && value !== undefined ? format(value) : String(value ?? "–");
     return element(tag, { class: `kind-${kind}` }, text);
 }
 
-function printedTable({ title, columns, sums, rows }) {
-    const { shown } = layoutColumns(columns, {}, null, kPageEm);
+function printedTable({ title, columns, sums, rows, figure }) {
+    const { shown, isCompact } = layoutColumns(columns, {}, null, kPageEm);
     const some = columns.filter(({ key }) => shown.has(key));
-    const line = (row) => element("tr", {}, ...some.map((column) => cell("td", row[column.key], column)));
+    const line = (row) => element("tr", {}, ...some.map((column) => cell("td", row[column.key], column, isCompact)));
     const sumLine = (sum) => {
         const cells = some.map((column, i) => {
             const value = i === 0 ? sum.title : (sum[column.key] ?? "");
-            return cell("td", value, value === "" || i === 0 ? { kind: "text" } : column);
+            return cell("td", value, value === "" || i === 0 ? { kind: "text" } : column, isCompact);
         });
         return element("tr", { class: "sums" }, ...cells);
     };
@@ -34,6 +35,7 @@ function printedTable({ title, columns, sums, rows }) {
         "section",
         {},
         element("h2", {}, title, count),
+        figure,
         element(
             "table",
             {},
@@ -43,7 +45,8 @@ function printedTable({ title, columns, sums, rows }) {
     );
 }
 
-// contents() are {title, columns, sums, rows} of each table, in the order that the reader chose.
+// contents() are {title, columns, sums, rows, figure} of each table, in the order that the reader chose;
+// the figure, an element above the table, may be null.
 export function preparePrint(contents) {
     const printed = element("div", { id: "printed" });
     document.getElementById("tables").after(printed);

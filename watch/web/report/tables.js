@@ -20,7 +20,7 @@ const servicePortColumn = tables.retransmission.columns[1];
 const dropped = (column, drop) => ({ ...column, drop });
 const messageNumbers = [
     dropped(subjectNumbers[0], 10),
-    { ...subjectNumbers[1], label: "Message bytes", drop: 11 },
+    { ...subjectNumbers[1], label: "Message bytes", heading: "Msg bytes", drop: 11 },
 ];
 
 const kTables = {
@@ -122,7 +122,7 @@ function otherRows(name, { rowCount, sums, rows }) {
 export function showTables(data) {
     const byId = (id) => document.getElementById(id);
     if (data.comparison !== undefined) data.tables.comparison = comparisonData(data.comparison);
-    const bars = makeComparisonBars();
+    const bars = makeComparisonBars(data.comparison);
     const present = Object.entries(kTables).filter(([name]) => data.tables[name] !== undefined);
     const contents = Object.fromEntries(
         present.map(([name]) => [name, normalTable(data.tables[name])]),
@@ -164,7 +164,9 @@ export function showTables(data) {
         const { key, descending } = shownTables[name].sort();
         const sort = columns.find((column) => column.key === key);
         const rows = Array.from(sortedIndices(lines, sort, descending), (at) => lines[at]);
-        return { title, columns, sums, rows };
+        const figure = name === "comparison" ? makeComparisonBars(data.comparison) : null;
+        if (figure !== null) fillComparisonBars(figure, rows);
+        return { title, columns, sums, rows, figure };
     }
 
     function show(name = tab) {
@@ -207,6 +209,7 @@ const kFaultColumns = [
         key: "packets",
         label: "Packets",
         kind: "number",
+        least: 5.6,
         alert: "error",
         help: "Packets with the fault",
     },
@@ -228,8 +231,8 @@ function timeColumns(kind) {
 // The sender of the last packet, and where the two are in the capture; left out where none is known.
 const kPlaceColumns = [
     { key: "sender", label: "Last sender", kind: "address", help: "Who sent the last one" },
-    { key: "first_frame", label: "First frame", kind: "number", drop: 3, help: "Number of the first one's frame in its file" },
-    { key: "last_frame", label: "Last frame", kind: "number", drop: 2, help: "Number of the last one's frame in its file" },
+    { key: "first_frame", label: "First frame", kind: "number", wide: true, least: 7, isExact: true, drop: 3, help: "Number of the first one's frame in its file" },
+    { key: "last_frame", label: "Last frame", kind: "number", wide: true, least: 7, isExact: true, drop: 2, help: "Number of the last one's frame in its file" },
 ];
 
 export function showFaults({ capture, faults }) {

@@ -7,6 +7,7 @@ const tenths = new Intl.NumberFormat("en-US", {
     maximumFractionDigits: 1,
 });
 const digits = new Intl.NumberFormat("en-US", { maximumSignificantDigits: 4 });
+const threeDigits = new Intl.NumberFormat("en-US", { maximumSignificantDigits: 3 });
 
 // A count in full: "1,234,567".
 export function formatCount(count) {
@@ -23,25 +24,33 @@ export function formatNumber(number) {
 
 const prefixes = ["", "k", "M", "G", "T", "P"];
 
-// Four digits at most, for a place where the eye compares sizes: "12.35 M".
-export function formatShort(number, unit = "") {
+// The number in thousands, millions and so on until it is below the limit.
+function scaledBelow(limit, number) {
     let power = 0;
     let scaled = number;
-    while (Math.abs(scaled) >= 9999.5 && power < prefixes.length - 1) {
+    while (Math.abs(scaled) >= limit && power < prefixes.length - 1) {
         scaled /= 1000;
         ++power;
     }
+    return { scaled, prefix: prefixes[power] };
+}
+
+// Four digits at most, for a place where the eye compares sizes: "12.35 M".
+export function formatShort(number, unit = "") {
+    const { scaled, prefix } = scaledBelow(9999.5, number);
     const text = digits.format(Math.abs(scaled) >= 1000 ? Math.round(scaled) : scaled);
-    const suffix = prefixes[power] + unit;
+    const suffix = prefix + unit;
     return suffix === "" ? text : `${text} ${suffix}`;
 }
 
-// For a narrow column, seven characters at most: in full while that is short.
+// For a narrow column, six characters at most: in full while that is short, else three digits.
 export function formatNarrow(number) {
     if (!Number.isFinite(number)) return formatNumber(number);
     if (number > 0 && number < 0.001) return "<0.001";
     if (Math.abs(number) < 0.1) return String(Number(Number(number).toFixed(3)));
-    return Math.abs(number) < 99999.5 ? formatNumber(number) : formatShort(number);
+    if (Math.abs(number) < 99999.5) return formatNumber(number);
+    const { scaled, prefix } = scaledBelow(999.5, number);
+    return `${threeDigits.format(scaled)} ${prefix}`;
 }
 
 // Times are shown where the reader is, or in UTC.

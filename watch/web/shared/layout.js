@@ -5,7 +5,7 @@
 // so does one that the reader chose or that sorts the rows: then names are cut, and at last the table
 // scrolls.
 
-const kFull = { port: 5.4, address: 10.4, number: 6.8, wide: 9.4, time: 13, clock: 7.4, way: 4, text: 16 };
+const kFull = { port: 5.4, address: 10.4, number: 6.8, wide: 9.4, time: 13, clock: 7.4, way: 4.4, text: 16 };
 const kCompact = { port: 4.3, address: 9.1, number: 4.6, wide: 4.6, time: 12, clock: 5.8, way: 2.9, text: 10 };
 // Where even the columns that always show don't fit, names are cut.
 const kLeast = { ...kCompact, port: 3.6, address: 6.6, text: 7 };
@@ -13,6 +13,7 @@ const kLeast = { ...kCompact, port: 3.6, address: 6.6, text: 7 };
 const kEdge = 0.65;
 
 function widthOf(column, widths) {
+    if (column.fixed !== undefined) return column.fixed;
     const width = widths[column.wide && column.kind === "number" ? "wide" : column.kind];
     return Math.max(width, column.least ?? 0);
 }

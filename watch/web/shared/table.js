@@ -130,9 +130,10 @@ export function makeTable(options) {
         state.layout = { ...layout, last };
         if (isSame) return;
         box.classList.toggle("compact", isCompact);
-        columns.forEach(({ key, kind }, i) => {
+        columns.forEach(({ key, kind, fixed }, i) => {
             cols[i].hidden = !shown.has(key);
-            cols[i].style.width = kind === "text" ? "auto" : `${widths[key]}em`;
+            const takesRest = kind === "text" && fixed === undefined;
+            cols[i].style.width = takesRest ? "auto" : `${widths[key]}em`;
         });
         layOutCells(headings);
         for (const { cells } of sumRows) layOutCells([...cells]);
@@ -266,6 +267,7 @@ export function makeTable(options) {
         if (column.kind !== "number")
             return value === null || value === undefined ? "–" : String(value);
         const number = scaled(value, column);
+        if (column.isExact) return formatNumber(number);
         if (state.layout?.isCompact) return formatNarrow(number);
         const text = formatNumber(number);
         const room = column.wide ? kMostCharactersWide : kMostCharacters;

@@ -2,8 +2,9 @@
 // The names of numbers are those of the JSON; a number that it gains needs a row here to be seen.
 //
 // A column's `drop` lets it go where there is little room, the highest first (layout.js); `wide` gives its
-// numbers more of what there is, and `least` is what a long heading needs, in em; `alert` is the colour of a
-// value above 0, for those that should be 0 on a sound bus.
+// numbers more of what there is, and `least` is what a long heading needs, in em; `fixed` is the width of
+// texts that are all short, in em; `isExact` is for numbers that aren't shortened, as names of something;
+// `alert` is the colour of a value above 0, for those that should be 0 on a sound bus.
 
 const port = { key: "port", label: "Port", kind: "port", help: "UDP port" };
 const group = { key: "group", label: "Group", kind: "address", help: "Destination address" };
