@@ -6,9 +6,9 @@ import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import ProgramCase, Tool, binary, main, wait_until  # noqa: E402
+from program_case import ProgramCase, Tool, binary, main, run, wait_until  # noqa: E402
 
-from live_run import added_up, open_wire, run_quietly  # noqa: E402
+from live_run import added_up, open_wire  # noqa: E402
 
 WIRE = None
 GROUP, PORT = "239.7.7.7", 7501
@@ -52,8 +52,7 @@ class PmdWire(ProgramCase):
     def test_on_a_wire(self):
         if WIRE.interface == "lo":
             self.skipTest("without a namespace there is only the loopback")
-        run = run_quietly("ip", "addr", "add", "10.77.0.1/24", "dev", "sender")
-        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertEqual(run("ip", "addr", "add", "10.77.0.1/24", "dev", "sender").returncode, 0)
         self.follow("listener", "10.77.0.1")
 
     def test_on_the_loopback(self):

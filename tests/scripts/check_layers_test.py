@@ -1,17 +1,12 @@
 #!/usr/bin/env python3
 """scripts/check_layers on small trees: what must be found, and what must pass."""
-import importlib.machinery
-import importlib.util
 import os
-import sys
+import runpy
 import tempfile
 import unittest
 
 SCRIPT = os.path.join(os.path.dirname(__file__), "..", "..", "scripts", "check_layers")
-sys.dont_write_bytecode = True
-LOADER = importlib.machinery.SourceFileLoader("check_layers", SCRIPT)
-CHECK_LAYERS = importlib.util.module_from_spec(importlib.util.spec_from_loader("check_layers", LOADER))
-LOADER.exec_module(CHECK_LAYERS)
+FAULTS_OF = runpy.run_path(SCRIPT)["faults_of"]
 
 # A tree: a line for each file, with what it includes.
 GOOD = """
@@ -67,7 +62,7 @@ def check(text):
             os.makedirs(os.path.dirname(os.path.join(root, path)), exist_ok=True)
             with open(os.path.join(root, path), "w", encoding="utf-8") as f:
                 f.writelines("#include %s\n" % (name if name[0] == "<" else '"%s"' % name) for name in included)
-        return CHECK_LAYERS.faults_of(root)
+        return FAULTS_OF(root)
 
 
 class CheckLayers(unittest.TestCase):

@@ -203,16 +203,12 @@ class Captures(ProgramCase):
         pcapng = struct.pack("<IIIHHqI", 0x0a0d0d0a, 28, 0x1a2b3c4d, 1, 0, -1, 28)
         for head in (b"", self.plain.read_bytes()[:24], pcapng, None):  # None: not even a writer
             for options in ((), ("--from", "14:03")):
-                reader, writer = os.pipe()
-                os.write(writer, head or b"")
                 source = fifo if head is None else "-"
-                watch = self.start(binary("pelmowatch"), "json", "-r", source, *options, stdin=reader,
+                watch = self.start(binary("pelmowatch"), "json", "-r", source, *options, stdin=self.fed(head or b""),
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
                 wait_until(lambda watch=watch: catches(watch.popen.pid), "its handler")
                 watch.popen.send_signal(signal.SIGTERM)
                 watch.popen.communicate(timeout=60)
-                os.close(reader)
-                os.close(writer)
                 self.assertEqual(watch.status(), 1)
         reader, writer = os.pipe()
         server = self.started(Server(binary("pelmowatch"), self.folder / "serve", "-r", "-", awaits_end=False,

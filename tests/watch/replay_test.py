@@ -11,9 +11,8 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from program_case import Process, ProgramCase, binary, main, run, wait_until  # noqa: E402
-from bus_client import Daemon  # noqa: E402
-from live_run import Tool, added_up, open_wire  # noqa: E402
+from program_case import ProgramCase, Tool, binary, main, run, wait_until  # noqa: E402
+from live_run import added_up, open_wire  # noqa: E402
 
 GROUP, PORT = "239.7.7.8", 7503
 PREFIX = "TEST."
@@ -31,21 +30,19 @@ class Replay(ProgramCase):
     @contextlib.contextmanager
     def recording(self, name):
         """A daemon on the wire, and the tool that saves what it puts there."""
-        with contextlib.ExitStack() as ends:
-            self.capture = self.folder / (name + ".pcap")
-            tool = Tool(binary("pelmoscope"), self.folder / name, "-i", "lo", "-u", "1", "-w", str(self.capture))
-            ends.callback(tool.close)
-            tool.wait_for_reports(1)
-            daemon = Daemon(binary("pmd"), "--oska", "%s:%d" % (GROUP, PORT), "--interface", "127.0.0.1")
-            ends.callback(daemon.close)
-            yield [binary("pelmobus"), "--daemon", "127.0.0.1:%d" % daemon.port]
-            # The daemon is idle, and the tool has seen all that it sent before.
-            nulls = "mcast", "%d %s" % (PORT, GROUP), NULLS
-            before = added_up(tool.reports()).get(nulls, 0)
-            wait_until(lambda: added_up(tool.reports()).get(nulls, 0) > before, "a null packet")
-            daemon.popen.terminate()
-            self.assertEqual(daemon.status(), 0)
-            tool.stop()
+        self.capture = self.folder / (name + ".pcap")
+        tool = self.started(Tool(binary("pelmoscope"), self.folder / name, "-i", "lo", "-u", "1",
+                                 "-w", str(self.capture)))
+        tool.wait_for_reports(1)
+        daemon = self.daemon("--oska", "%s:%d" % (GROUP, PORT), "--interface", "127.0.0.1")
+        yield [binary("pelmobus"), "--daemon", "127.0.0.1:%d" % daemon.port]
+        # The daemon is idle, and the tool has seen all that it sent before.
+        nulls = "mcast", "%d %s" % (PORT, GROUP), NULLS
+        before = added_up(tool.reports()).get(nulls, 0)
+        wait_until(lambda: added_up(tool.reports()).get(nulls, 0) > before, "a null packet")
+        daemon.popen.terminate()
+        self.assertEqual(daemon.status(), 0)
+        tool.stop()
 
     def messages(self):
         """The lines of the capture's messages, but for those that the daemon sent by itself."""
@@ -63,7 +60,7 @@ class Replay(ProgramCase):
 
     def test_is_what_was_recorded(self):
         with self.recording("first") as bus:
-            senders = [Process(*bus, "send", "PLANT.%d" % number, "--sequence", *words)
+            senders = [self.start(*bus, "send", "PLANT.%d" % number, "--sequence", *words)
                        for number, words in enumerate(SENDERS)]
             self.assertEqual([sender.status() for sender in senders], [0] * len(SENDERS))
         lines, first = self.messages()

@@ -37,9 +37,8 @@ class SnapshotMaker {
                  const std::vector<std::string>& elements,
                  const char* sender,
                  uint64_t messages) {
-        Subject& subject = ports[port].nets[inet_addr(group)].subjects[packedElements(elements)];
-        subject.senders.push_back({inet_addr(sender), htons(20000), messages, messages});
-        subject.messages += messages;
+        auto& senders = ports[port].nets[inet_addr(group)].subjects[packedElements(elements)];
+        senders.push_back({inet_addr(sender), htons(20000), messages, messages});
     }
 
     void servicePort(uint16_t port, uint16_t service) { ports[port].service = service; }
@@ -60,14 +59,9 @@ class SnapshotMaker {
     SnapHeader head{};
 
   private:
-    struct Subject {
-        uint64_t messages = 0;
-        std::vector<SnapSubjectHost> senders;
-    };
-
     struct Net {
         std::vector<SnapHost> hosts;
-        std::map<Bytes, Subject> subjects;
+        std::map<Bytes, std::vector<SnapSubjectHost>> subjects;  // their senders
         std::vector<SnapSubject> snapSubjects;
     };
 
@@ -90,10 +84,12 @@ class SnapshotMaker {
     // Subjects may be read some bytes beyond their end, as those of a Snapshot may.
     static SnapNet finished(uint32_t group, Net& net) {
         net.snapSubjects.clear();
-        for (auto& [packed, subject] : net.subjects) {
-            net.snapSubjects.push_back({packed.data(), subject.messages, subject.messages,
-                                        static_cast<uint32_t>(subject.senders.size()),
-                                        subject.senders.data()});
+        for (auto& [packed, senders] : net.subjects) {
+            uint64_t messages = 0;
+            for (const SnapSubjectHost& sender : senders)
+                messages += sender.msgs;
+            net.snapSubjects.push_back({packed.data(), messages, messages,
+                                        static_cast<uint32_t>(senders.size()), senders.data()});
         }
         SnapNet made{};
         made.net = group;
