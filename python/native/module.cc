@@ -115,15 +115,10 @@ int64_t deadlineOf(double seconds) {
     return clockNs(CLOCK_MONOTONIC) + static_cast<int64_t>(std::fmax(seconds, 0) * 1e9);
 }
 
-// None means no limit. An empty list at the limit, and once it is closed.
-py::list wait(py::object self, std::optional<double> seconds) {
-    auto& intake = self.cast<Intake&>();
-    const int64_t deadlineNs = seconds.has_value() ? deadlineOf(*seconds) : INT64_MAX;
-    for (;;) {
-        py::list list = take(intake);
-        if (!list.empty() || intake.closed) return list;
-        if (!waitReadable(intake.wakeFd, deadlineNs)) return list;
-    }
+// Until there is something to take, or it is closed; False at the limit, of which None is none.
+bool wait(py::object self, std::optional<double> seconds) {
+    const auto& intake = self.cast<Intake&>();
+    return waitReadable(intake.wakeFd, seconds.has_value() ? deadlineOf(*seconds) : INT64_MAX);
 }
 
 void closeIntake(Intake& intake) {

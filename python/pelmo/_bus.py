@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import collections
 import threading
+import time
 import weakref
 from collections.abc import Iterable, Iterator, Mapping
 from typing import Any, Optional, Self, Union
@@ -170,18 +171,31 @@ class Subscription(BaseSubscription):
     or its bus is.
     """
 
+    def __init__(self, limit, drop):
+        super().__init__(limit, drop)
+        self._taking = threading.Lock()
+
     def get(self, timeout: Seconds = None) -> Message:
         """The next message. Raises Timeout after that many seconds, and Closed once it is closed."""
+        deadline = None if timeout is None else time.monotonic() + timeout
         while True:
             try:
                 return self._batch.popleft()
             except IndexError:
                 pass
-            batch = self._intake.wait(timeout)
-            if not batch:
-                raise _errors.Closed(INVALID_QUEUE, "the subscription") if self.closed else _errors.Timeout(
-                    TIMEOUT, "no message came")
+            if self._take():
+                continue
+            if self.closed:
+                raise _errors.Closed(INVALID_QUEUE, "the subscription")
+            if not self._intake.wait(None if deadline is None else deadline - time.monotonic()):
+                raise _errors.Timeout(TIMEOUT, "no message came")
+
+    def _take(self):
+        """Under a lock, so that what one thread takes first is also what comes first in the batch."""
+        with self._taking:
+            batch = self._intake.take()
             self._batch.extend(batch)
+        return bool(batch)
 
     def __iter__(self) -> Iterator[Message]:
         return self
