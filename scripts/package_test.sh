@@ -151,7 +151,7 @@ check_libpelmo_dev() {
 }
 
 check_libpelmo_doc() {
-    has_files doc/libpelmo-doc/html/index.html man/man3/pelmoEvent_CreateTimer.3 man/man3/pelmo_event.h.3
+    has_files doc/libpelmo-doc/html/index.html man/man3/pelmoEvent_CreateTimer.3 man/man3/{pelmo_event.h,vcCreateAccept}.3
 }
 
 # Python's own files of byte code go with the package, though nobody packed them.
@@ -210,6 +210,7 @@ check_upgrade() {
 }
 
 names=(pelmoscope pelmobus pelmowatch pelmobridge libpelmo0 libpelmo-dev libpelmo-doc python3-pelmo)
+quietly scripts/lay_modules.sh "$build/bin"
 quietly cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/made"
 quietly cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/next" -R 9.9.9
 for name in "${names[@]}"; do
