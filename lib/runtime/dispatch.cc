@@ -221,7 +221,7 @@ void callBack(const Batch& batch) {
 pelmoEventCompletion countDownLocked(Event* event) PELMO_UNCHECKED_LOCKING {
     --event->dispatchCount;
     if (event->dispatchCount != 0 || !Id_IsInvalid(&event->header)) return nullptr;
-    if (event->queue->eventWaiters != 0) Cond_Broadcast(&event->queue->eventEnded);
+    Event_EndLocked(event);
     return std::exchange(event->completion, nullptr);
 }
 

@@ -13,8 +13,9 @@
 // Ownership: an event belongs to its creator until it is destroyed. Closures and descriptors belong
 // to the caller; an IO event is destroyed before its descriptor is closed, since the number may be
 // another file's at once, and its source would be that. A closure may be freed when the completion
-// runs, when pelmoEvent_DestroyWait has succeeded, and where a destroy answers kStatusInvalidEvent
-// after the last close of the library: no callback of the event runs or will run then.
+// runs, when pelmoEvent_DestroyWait has returned with any status but kStatusNotPermitted, and where
+// a destroy answers kStatusInvalidEvent after the last close of the library: no callback of the
+// event runs or will run then.
 //
 // The last close ends all events. A callback that an application's own thread runs meanwhile keeps
 // its event: both destroys still work for it, though the library is closed. A completion runs once
@@ -109,9 +110,10 @@ pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion
 
 // The same, and returns once no callback of the event runs on any thread: what they use may then be
 // freed. kStatusNotPermitted within a callback of the event itself, which the wait would never see
-// end: the event is then as it was, and pelmoEvent_DestroyEx destroys it. A callback of another
-// event may call it, unless two callbacks wait for each other so. The caller holds no lock that the
-// callback takes.
+// end: the event is then as it was, and pelmoEvent_DestroyEx destroys it. kStatusInvalidEvent for
+// an event that was destroyed already, by another thread or by its own callback, and likewise only
+// once none of its callbacks runs. A callback of another event may call it, unless two callbacks
+// wait for each other so. The caller holds no lock that the callback takes.
 pelmoStatus pelmoEvent_DestroyWait(uint32_t event);
 
 // The next calls take an event of any kind.

@@ -79,6 +79,12 @@ struct Event {
     uint32_t dispatchCount PELMO_GUARDED_BY(queue->dataLock);  // running dispatches of this event
     pelmoEventCompletion completion PELMO_GUARDED_BY(queue->dataLock);
 
+    // From the destroy until its source is gone and its last callback has returned, the event is in
+    // the list of those that end, where a second destroy finds it without an id.
+    bool detaching PELMO_GUARDED_BY(queue->dataLock);  // its source isn't gone yet
+    bool ends PELMO_GUARDED_BY(queue->dataLock);
+    Event* nextEnding;  // guarded by the list's own lock
+
     // One of these is used, by kind; the others are zeroed.
     TimerPart timer;
     IoPart io;
@@ -87,6 +93,10 @@ struct Event {
 
 // Does a callback of the event run on this thread, further up its stack?
 [[nodiscard]] bool Event_RunsHere(const Event* event);
+
+// After a destroyed event's source is gone, and after each of its callbacks, with the data lock of
+// its queue held: wakes those that wait for its end, if this was it.
+void Event_EndLocked(Event* event) PELMO_REQUIRES(event->queue->dataLock);
 
 // How many dispatches of the event run: they were taken from its queue, and their callbacks haven't
 // returned. 0 for an event that is gone.

@@ -2,6 +2,7 @@
 // there.
 
 #include <bit>
+#include <utility>
 
 #include "lib/msg/trace_ops.h"
 #include "lib/runtime/event_internal.h"
@@ -60,18 +61,67 @@ void detach(Event* event) {
     }
 }
 
+// The events that end. Each is kept alive by its destroy or by the dispatch that runs its callback.
+struct {
+    Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);
+    Event* first PELMO_GUARDED_BY(lock) = nullptr;
+} ending;
+
+void addEnding(Event* event) {
+    const LockGuard guard(ending.lock);
+    event->nextEnding = std::exchange(ending.first, event);
+}
+
+void removeEnding(Event* event) {
+    const LockGuard guard(ending.lock);
+    Event** at = &ending.first;
+    while (*at != event)
+        at = &(*at)->nextEnding;
+    *at = event->nextEnding;
+}
+
+// False where no event of that id ends now.
+bool findEnding(Held<Event>& out, uint32_t id) {
+    const LockGuard guard(ending.lock);
+    for (Event* event = ending.first; event != nullptr; event = event->nextEnding) {
+        if (event->header.id != id) continue;
+        out.share(event);
+        return true;
+    }
+    return false;
+}
+
 // A dispatch counts itself and tests the invalid mark under the queue's data lock, under which this
 // sets the mark. So either the dispatch came first and is in the count, or it sees the mark. A
 // completion may free what the event watches, so it isn't left to a dispatch before the event was
-// removed from its source; once the mark is set, the count only falls.
+// removed from its source; once the mark is set, the count only falls. The event is among those
+// that end before its id is gone, so that any other destroy finds it one way or the other.
 pelmoStatus destroy(Event* event) {
     {
         const LockGuard guard(event->queue->dataLock);
+        if (Id_IsInvalid(&event->header)) return kStatusInvalidEvent;
+        addEnding(event);
         Held<Event> taken;
-        if (taken.destroy(event->header.id) != kStatusSuccess) return kStatusInvalidEvent;
+        if (taken.destroy(event->header.id) != kStatusSuccess) {
+            removeEnding(event);
+            return kStatusInvalidEvent;
+        }
+        event->detaching = true;
+        event->ends = true;
     }
     detach(event);
+    const LockGuard guard(event->queue->dataLock);
+    event->detaching = false;
+    Event_EndLocked(event);
     return kStatusSuccess;
+}
+
+void waitForEnd(Event* event) {
+    const LockGuard guard(event->queue->dataLock);
+    ++event->queue->eventWaiters;
+    while (event->ends)
+        (void)Cond_Wait(&event->queue->eventEnded, &event->queue->dataLock);
+    --event->queue->eventWaiters;
 }
 
 pelmoStatus addListener(uint32_t* out, const ListenerRequest& request) {
@@ -230,6 +280,13 @@ pelmoStatus _pelmoTransport_AddPolledListener(uint32_t* out,
     return kStatusSuccess;
 }
 
+void Event_EndLocked(Event* event) {
+    if (event->dispatchCount != 0 || event->detaching || !event->ends) return;
+    event->ends = false;
+    removeEnding(event);
+    if (event->queue->eventWaiters != 0) Cond_Broadcast(&event->queue->eventEnded);
+}
+
 pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion) {
     traceLine(kTraceEvents, "pelmoEvent_DestroyEx(%u, %p)", event, traceCallback(completion));
     Held<Event> found;
@@ -252,17 +309,12 @@ pelmoStatus pelmoEvent_DestroyEx(uint32_t event, pelmoEventCompletion completion
 pelmoStatus pelmoEvent_DestroyWait(uint32_t event) {
     traceLine(kTraceEvents, "pelmoEvent_DestroyWait(%u)", event);
     Held<Event> found;
-    if (found.find(event) != kStatusSuccess) return kStatusInvalidEvent;
+    if (found.find(event) != kStatusSuccess && !findEnding(found, event))
+        return kStatusInvalidEvent;
     if (Event_RunsHere(found.get())) return kStatusNotPermitted;
     const pelmoStatus status = destroy(found.get());
-    if (status != kStatusSuccess) return status;
-
-    const LockGuard guard(found->queue->dataLock);
-    ++found->queue->eventWaiters;
-    while (found->dispatchCount != 0)
-        (void)Cond_Wait(&found->queue->eventEnded, &found->queue->dataLock);
-    --found->queue->eventWaiters;
-    return kStatusSuccess;
+    waitForEnd(found.get());
+    return status;
 }
 
 pelmoStatus pelmoEvent_ResetTimerInterval(uint32_t event, double intervalSeconds) {

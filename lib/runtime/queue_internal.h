@@ -61,8 +61,7 @@ struct Queue {
     bool synchronous;  // can only be polled: no dispatch, hook, limit or group
     Cond cond;         // signalled at a post while `waiters` isn't 0
     Cond hookEnded;    // broadcast at the end of a hook's run while `hookWaiters` isn't 0
-    Cond eventEnded;   // broadcast at the end of a destroyed event's last callback while
-                       // `eventWaiters` isn't 0
+    Cond eventEnded;   // broadcast at the end of a destroyed event while `eventWaiters` isn't 0
     Lock dataLock;
 
     const char* name PELMO_GUARDED_BY(header.lock);

@@ -46,6 +46,34 @@ TEST(DestroyWait, RefusesWithinTheCallbackAndLeavesTheEvent) {
         EXPECT_EQ(pelmoEvent_DestroyWait(each->event), kStatusSuccess);
 }
 
+// The callback destroys its own event and runs on; another thread, which comes late, waits for it.
+TEST(DestroyWait, WaitsForTheLastCallbackOfAnEventThatIsGone) {
+    const OpenLibrary library;
+    std::atomic<bool> gone{false}, asks{false}, over{false};
+    TestListener listener(library.queue, "A");
+    listener.onMessage = [&](pelmoMsg*) {
+        EXPECT_EQ(pelmoEvent_DestroyEx(listener.event, nullptr), kStatusSuccess);
+        EXPECT_EQ(pelmoEvent_DestroyWait(listener.event), kStatusNotPermitted);
+        gone = true;
+        while (!asks)
+            std::this_thread::yield();
+        for (int i = 0; i < 1000; ++i)
+            std::this_thread::yield();
+        over = true;
+    };
+    std::thread late([&] {
+        while (!gone)
+            std::this_thread::yield();
+        asks = true;
+        EXPECT_EQ(pelmoEvent_DestroyWait(listener.event), kStatusInvalidEvent);
+        EXPECT_TRUE(over);
+    });
+    EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
+    EXPECT_EQ(library.dispatch(0), kStatusSuccess);
+    late.join();
+    EXPECT_EQ(pelmoEvent_DestroyWait(listener.event), kStatusInvalidEvent);
+}
+
 TEST(Completions, RunAfterTheCloseWhereACallbackWasRunning) {
     static int ended;
     ended = 0;
