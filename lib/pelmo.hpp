@@ -36,12 +36,15 @@
 
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <cmath>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <new>
 #include <optional>
@@ -50,6 +53,7 @@
 #include <stop_token>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -134,6 +138,7 @@ class [[nodiscard]] Result<void> {
 
 // Ids, for calls of pelmo.h. Each kind is a type of its own.
 enum class QueueId : uint32_t {};
+enum class QueueGroupId : uint32_t {};
 enum class TransportId : uint32_t {};
 enum class EventId : uint32_t {};
 enum class DispatcherId : uint32_t {};
@@ -250,6 +255,51 @@ template <typename T>
 concept Numbers = std::ranges::contiguous_range<T> && std::ranges::sized_range<T> &&
     Number<std::ranges::range_value_t<T>> && !std::convertible_to<T, std::string_view>;
 
+template <typename T>
+inline constexpr bool isVector = false;
+template <typename T>
+inline constexpr bool isVector<std::vector<T>> = true;
+
+// Texts that end with a NUL, and messages, one after another.
+template <typename T>
+concept Texts = std::ranges::sized_range<T> && !std::convertible_to<T, std::string_view> &&
+                std::convertible_to<std::ranges::range_reference_t<T>, Name>;
+template <typename T>
+concept Messages =
+    std::ranges::sized_range<T> && std::derived_from<std::ranges::range_value_t<T>, MessageView>;
+
+// The number as a To where that loses nothing, as in the Exact calls.
+template <typename To, typename From>
+std::optional<To> exactly(From value) {
+    using Limits = std::numeric_limits<To>;
+    if constexpr (std::is_integral_v<From> && std::is_integral_v<To>) {
+        if (!std::in_range<To>(value)) return {};
+        return static_cast<To>(value);
+    } else if constexpr (std::is_integral_v<To>) {
+        const auto end = std::ldexp(From{1}, Limits::digits);
+        const auto low = Limits::is_signed ? -end : From{0};
+        if (!(value >= low && value < end) || std::trunc(value) != value) return {};
+        return static_cast<To>(value);
+    } else if constexpr (std::is_integral_v<From>) {
+        const To made = static_cast<To>(value);
+        if (exactly<From>(made) != value) return {};
+        return made;
+    } else {
+        if (std::isfinite(value) && std::abs(value) > Limits::max()) return {};
+        const To made = static_cast<To>(value);
+        if (made != value && !std::isnan(value)) return {};
+        return made;
+    }
+}
+
+// function(number type) for an array of numbers; false for other fields.
+template <typename Function, typename... Types>
+bool callForNumbers(uint8_t type, Function function, std::tuple<Types...>*) {
+    return ((type == ArrayCalls<Types>::type ? (function(Types{}), true) : false) || ...);
+}
+using AllNumbers = std::
+    tuple<int8_t, uint8_t, int16_t, uint16_t, int32_t, uint32_t, int64_t, uint64_t, float, double>;
+
 inline pelmoMsgDateTime dateTimeOf(Time time) {
     const auto whole = std::chrono::floor<std::chrono::seconds>(time);
     return {whole.time_since_epoch().count(), static_cast<uint32_t>((time - whole).count())};
@@ -276,6 +326,9 @@ class MessageView {
     //     pelmo::Time               a date, in UTC
     //     pelmo::MessageView        a nested message
     //     std::span<const int32_t>  an array of that type, likewise of the other numbers
+    //     std::vector<int32_t>      a copy of an array of any numbers, if each of them fits
+    //     std::vector<...>          of std::string_view, std::string or MessageView: an array of
+    //                               texts or messages
     //
     // kStatusConversionFailed where a number doesn't fit, an array has elements of another type, or
     // there is no way from the field's type; kStatusNotFound where there is no such field.
@@ -309,6 +362,8 @@ class MessageView {
             const pelmoStatus status = pelmoMsg_GetMsg(msg_, name.c_str(), &nested, id);
             if (status != kStatusSuccess) return Error(status);
             return MessageView(nested);
+        } else if constexpr (detail::isVector<T>) {
+            return list<typename T::value_type>(name, id);
         } else {
             static_assert(detail::isNumberSpan<T>, "no field reads as this type");
             using Value = std::remove_const_t<typename T::element_type>;
@@ -366,6 +421,45 @@ class MessageView {
         const pelmoStatus status = read(msg_, name.c_str(), &value, id);
         if (status != kStatusSuccess) return Error(status);
         return static_cast<T>(value);
+    }
+
+    template <typename T>
+    Result<std::vector<T>> list(Name name, uint16_t id) const {
+        pelmoMsgField field;
+        const pelmoStatus status = pelmoMsg_GetFieldEx(msg_, name.c_str(), &field, id);
+        if (status != kStatusSuccess) return Error(status);
+        std::vector<T> made;
+        bool fits = false;
+        if constexpr (detail::Number<T>) {
+            const auto copy = [&]<typename From>(From) {
+                const auto* const from = static_cast<const From*>(field.data.pointer);
+                for (uint32_t i = 0; i < field.count; ++i) {
+                    const auto value = detail::exactly<T>(from[i]);
+                    if (!value) return;
+                    made.push_back(*value);
+                }
+                fits = true;
+            };
+            (void)detail::callForNumbers(field.type, copy,
+                                         static_cast<detail::AllNumbers*>(nullptr));
+        } else if constexpr (std::same_as<T, MessageView>) {
+            fits = copyArray<pelmoMsg*>(field, FIELD_MSGARRAY, made);
+        } else {
+            static_assert(std::same_as<T, std::string_view> || std::same_as<T, std::string>,
+                          "no field reads as this type");
+            fits = copyArray<const char*>(field, FIELD_STRINGARRAY, made);
+        }
+        if (!fits) return Error(kStatusConversionFailed);
+        return made;
+    }
+
+    template <typename From, typename T>
+    static bool copyArray(const pelmoMsgField& field, uint8_t type, std::vector<T>& made) {
+        if (field.type != type) return false;
+        const auto* const from = static_cast<const From*>(field.data.pointer);
+        for (uint32_t i = 0; i < field.count; ++i)
+            made.emplace_back(from[i]);
+        return true;
     }
 
     [[nodiscard]] std::string_view text(pelmoStatus (*read)(const pelmoMsg*,
@@ -431,8 +525,8 @@ class Message : public MessageView {
     }
 
     // A field more; update() changes the one of that name, or adds it. Values: bool, numbers (whose
-    // width and sign are the field's), text, Bytes, Time, messages, and numbers one after another,
-    // one at least.
+    // width and sign are the field's), text, Bytes, Time, messages, and numbers, texts or messages
+    // one after another, one at least.
     template <typename T>
     Message& add(Name name, const T& value, uint16_t id = 0) & {
         return keep(write<true>(name, value, id));
@@ -508,6 +602,18 @@ class Message : public MessageView {
         } else if constexpr (std::derived_from<T, MessageView>) {
             return adds ? pelmoMsg_AddMsg(msg_, field, value.raw(), id)
                         : pelmoMsg_UpdateMsg(msg_, field, value.raw(), id);
+        } else if constexpr (detail::Texts<const T>) {
+            std::vector<const char*> texts;
+            for (const Name text : value)
+                texts.push_back(text.c_str());
+            return writeList(adds ? pelmoMsg_AddStringArray : pelmoMsg_UpdateStringArray, field,
+                             texts, id);
+        } else if constexpr (detail::Messages<const T>) {
+            std::vector<pelmoMsg*> messages;
+            for (const MessageView& message : value)
+                messages.push_back(message.raw());
+            return writeList(adds ? pelmoMsg_AddMsgArray : pelmoMsg_UpdateMsgArray, field, messages,
+                             id);
         } else {
             static_assert(detail::Numbers<const T>, "no field has this type");
             using Fixed = detail::Fixed<std::ranges::range_value_t<T>>;
@@ -522,6 +628,14 @@ class Message : public MessageView {
             return adds ? Calls::add(msg_, field, data, count, id)
                         : Calls::update(msg_, field, data, count, id);
         }
+    }
+
+    template <typename Call, typename Item>
+    pelmoStatus writeList(Call call, const char* field, std::vector<Item>& items, uint16_t id) {
+        if (items.size() > UINT32_MAX) return kStatusInvalidSize;
+        const auto count = static_cast<uint32_t>(items.size());
+        if (items.empty()) items.push_back(nullptr);  // no elements are refused, as no data are
+        return call(msg_, field, items.data(), count, id);
     }
 
     pelmoStatus status_ = kStatusSuccess;
@@ -855,9 +969,70 @@ struct Limit {
 struct QueueOptions {
     Limit limit = {};
     std::string name = {};
+    uint32_t priority = 1;  // in a group: the highest comes first
 };
 
-class Queue {
+namespace detail {
+
+// Runs of a queue or group that were asked to stop and haven't returned. While there are any,
+// others wait for a short time only and wake the queue again: the stop's own wake may have met them
+// and not the one that was on its way to its wait.
+inline std::atomic<uint32_t> stopping{0};
+inline constexpr double kStoppingWait = 0.01;  // seconds
+
+}  // namespace detail
+
+// What queues and groups of them have in common.
+template <auto dispatchCall, auto wakeCall>
+class Dispatchable {
+  public:
+    // One step: true where something ran, false where nothing came in time or a wake came.
+    Result<bool> dispatch(Seconds limit) const {
+        const pelmoStatus status = dispatchCall(id_, limit.count());
+        if (status == kStatusSuccess) return true;
+        if (status == kStatusTimeout || status == kStatusInterrupted) return false;
+        return Error(status);
+    }
+
+    // Dispatches until a stop is requested, by any thread or callback, and then returns after the
+    // callback that runs. Any number of threads may run it, with one stop or with one each. Fails
+    // where the queue or the library has ended. A wake may be left, so that the next wait ends at
+    // once.
+    Result<void> run(std::stop_token stop) const {
+        bool asked = false;
+        pelmoStatus status = kStatusSuccess;
+        {
+            const std::stop_callback wakes(stop, [&asked, id = id_] {
+                asked = true;
+                ++detail::stopping;
+                (void)wakeCall(id);
+            });
+            while (status == kStatusSuccess && !stop.stop_requested())
+                status = step();
+        }
+        if (asked) --detail::stopping;
+        (void)wakeCall(id_);  // for others with the same stop
+        return detail::resultOf(status);
+    }
+
+    // Ends the wait of a dispatch, or the next one. Safe in signal handlers.
+    Result<void> wake() const { return detail::resultOf(wakeCall(id_)); }
+
+  protected:
+    explicit Dispatchable(uint32_t id) : id_(id) {}
+
+    uint32_t id_;
+
+  private:
+    pelmoStatus step() const {
+        const bool othersStop = detail::stopping != 0;
+        const pelmoStatus status = dispatchCall(id_, othersStop ? detail::kStoppingWait : -1);
+        if (status == kStatusTimeout && othersStop) (void)wakeCall(id_);
+        return status == kStatusTimeout || status == kStatusInterrupted ? kStatusSuccess : status;
+    }
+};
+
+class Queue : public Dispatchable<pelmoQueue_TimedDispatch, pelmoQueue_Wake> {
   public:
     [[nodiscard]] static Result<Queue> make(const QueueOptions& options = {}) {
         uint32_t id = kNoId;
@@ -871,6 +1046,9 @@ class Queue {
         if (status == kStatusSuccess && !options.name.empty()) {
             status = pelmoQueue_SetName(id, options.name.c_str());
         }
+        if (status == kStatusSuccess && options.priority != 1) {
+            status = pelmoQueue_SetPriority(id, options.priority);
+        }
         if (status != kStatusSuccess) return Error(status);
         return made;
     }
@@ -879,7 +1057,7 @@ class Queue {
     [[nodiscard]] static Queue standard() { return Queue(kDefaultQueueId); }
 
     Queue(Queue&& other) noexcept
-        : id_(std::exchange(other.id_, kNoId)), hook_(std::move(other.hook_)) {}
+        : Dispatchable(std::exchange(other.id_, kNoId)), hook_(std::move(other.hook_)) {}
     Queue& operator=(Queue&& other) noexcept {
         std::swap(id_, other.id_);
         std::swap(hook_, other.hook_);
@@ -939,32 +1117,6 @@ class Queue {
         });
     }
 
-    // One step: true where something ran, false where nothing came in time or the queue was woken.
-    Result<bool> dispatch(Seconds limit) const {
-        const pelmoStatus status = pelmoQueue_TimedDispatch(id_, limit.count());
-        if (status == kStatusSuccess) return true;
-        if (status == kStatusTimeout || status == kStatusInterrupted) return false;
-        return Error(status);
-    }
-
-    // Dispatches until a stop is requested, by any thread or callback, and then returns within the
-    // callback that runs. Fails where the queue or the library has ended. A wake may be left, so
-    // that the next wait on the queue ends at once.
-    Result<void> run(std::stop_token stop) const {
-        const std::stop_callback wakes(stop, [id = id_] { (void)pelmoQueue_Wake(id); });
-        while (!stop.stop_requested()) {
-            const Result<bool> step = dispatch(forever);
-            if (!step) return step.error();
-        }
-        // The stop's wakes may all have met other threads; one that was on its way to its wait
-        // needs another.
-        (void)pelmoQueue_Wake(id_);
-        return {};
-    }
-
-    // Ends the wait of a dispatch, or the next one. Safe in signal handlers.
-    Result<void> wake() const { return detail::resultOf(pelmoQueue_Wake(id_)); }
-
     [[nodiscard]] uint32_t count() const {
         uint32_t count = 0;
         (void)pelmoQueue_GetCount(id_, &count);
@@ -990,19 +1142,53 @@ class Queue {
     [[nodiscard]] QueueId id() const { return QueueId{id_}; }
 
   private:
-    explicit Queue(uint32_t id) : id_(id) {}
+    explicit Queue(uint32_t id) : Dispatchable(id) {}
 
-    uint32_t id_;
     std::unique_ptr<detail::Callback> hook_;
 };
 
-// A thread that dispatches a queue, to its own end or the queue's.
+// Queues that are dispatched as one: that of the highest priority first, equal ones in turn. It
+// keeps none of them alive; one that has ended is passed over.
+class QueueGroup : public Dispatchable<pelmoQueueGroup_TimedDispatch, pelmoQueueGroup_Wake> {
+  public:
+    [[nodiscard]] static Result<QueueGroup> make() {
+        uint32_t id = kNoId;
+        const pelmoStatus status = pelmoQueueGroup_Create(&id);
+        if (status != kStatusSuccess) return Error(status);
+        return QueueGroup(id);
+    }
+
+    QueueGroup(QueueGroup&& other) noexcept : Dispatchable(std::exchange(other.id_, kNoId)) {}
+    QueueGroup& operator=(QueueGroup&& other) noexcept {
+        std::swap(id_, other.id_);
+        return *this;
+    }
+    ~QueueGroup() {
+        if (id_ != kNoId) (void)pelmoQueueGroup_Destroy(id_);
+    }
+
+    Result<void> add(const Queue& queue) {
+        return detail::resultOf(pelmoQueueGroup_Add(id_, number(queue.id())));
+    }
+    Result<void> remove(const Queue& queue) {
+        return detail::resultOf(pelmoQueueGroup_Remove(id_, number(queue.id())));
+    }
+
+    [[nodiscard]] QueueGroupId id() const { return QueueGroupId{id_}; }
+
+  private:
+    explicit QueueGroup(uint32_t id) : Dispatchable(id) {}
+};
+
+// A thread that dispatches a queue or a group, to its own end or theirs.
 class Dispatcher {
   public:
-    [[nodiscard]] static Result<Dispatcher> start(const Queue& queue) {
+    template <typename QueueOrGroup>
+    requires std::same_as<QueueOrGroup, Queue> || std::same_as<QueueOrGroup, QueueGroup>
+    [[nodiscard]] static Result<Dispatcher> start(const QueueOrGroup& from) {
         uint32_t id = kNoId;
         const pelmoStatus status =
-            pelmoDispatcher_CreateEx(&id, number(queue.id()), forever.count());
+            pelmoDispatcher_CreateEx(&id, number(from.id()), forever.count());
         if (status != kStatusSuccess) return Error(status);
         return Dispatcher(id);
     }

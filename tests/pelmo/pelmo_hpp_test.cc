@@ -81,6 +81,52 @@ TEST(PelmoHpp, GivesEachValueBackAsItWas) {
     EXPECT_EQ(inner.subject(), "A.B");
     EXPECT_EQ(inner.text(), "{x=7}");
     EXPECT_EQ(inner.field(0)->type, FIELD_I32);
+
+    const std::vector<std::string> texts = {"a", "", "c"};
+    expectRoundTrip("texts", texts, texts);
+    expectRoundTrip("views", texts, std::vector<std::string_view>{"a", "", "c"});
+    expectRoundTrip("literals", std::array{"a", "b"}, std::vector<std::string>{"a", "b"});
+    std::vector<Message> parts;
+    parts.push_back(Message().add("x", 1));
+    parts.push_back(Message().add("x", 2));
+    const auto read = outer.reset().add("parts", parts).get<std::vector<MessageView>>("parts");
+    EXPECT_EQ(read->at(1).get<int>("x").value(), 2);
+}
+
+// Each number of an array is read as another type where nothing is lost, or none.
+template <typename To, typename From>
+void expectArray(std::vector<From> values, bool fits) {
+    const auto got = Message().add("a", values).template get<std::vector<To>>("a");
+    EXPECT_EQ(got.has_value(), fits) << values.back();
+    if (!fits) {
+        EXPECT_EQ(got.error().status(), kStatusConversionFailed + 0);
+        return;
+    }
+    for (size_t i = 0; i < values.size(); ++i)
+        EXPECT_EQ(got->at(i), static_cast<To>(values[i]));
+}
+
+TEST(PelmoHpp, ReadsArraysAsOtherNumbersWhereAllFit) {
+    constexpr double kTo63 = 9'223'372'036'854'775'808.0;
+    expectArray<int32_t, int32_t>({INT32_MIN, INT32_MAX}, true);
+    expectArray<uint8_t, int64_t>({0, 255}, true);
+    expectArray<uint8_t, int64_t>({0, 256}, false);
+    expectArray<uint64_t, int8_t>({0, -1}, false);
+    expectArray<int64_t, uint64_t>({0, UINT64_MAX}, false);
+    expectArray<int64_t, double>({-kTo63, 1e15}, true);
+    expectArray<int64_t, double>({0, kTo63}, false);
+    expectArray<uint64_t, double>({0, kTo63}, true);
+    expectArray<int16_t, double>({1, 0.5}, false);
+    expectArray<int16_t, double>({1, NAN}, false);
+    expectArray<double, uint64_t>({0, uint64_t{1} << 63}, true);
+    expectArray<double, uint64_t>({0, UINT64_MAX}, false);
+    expectArray<float, int32_t>({0, (1 << 24) + 1}, false);
+    expectArray<float, double>({0.5, INFINITY}, true);
+    expectArray<float, double>({0.5, 0.1}, false);
+    expectArray<float, double>({0.5, 1e300}, false);
+    EXPECT_FALSE(Message().add("a", 1).get<std::vector<int>>("a")) << "no array";
+    EXPECT_FALSE(Message().add("a", std::array{1}).get<std::vector<std::string>>("a"));
+    EXPECT_FALSE(Message().add("a", std::vector<std::string>()).status());
 }
 
 // A failure on the way stays until it is asked for, and value() throws it.
@@ -207,12 +253,47 @@ TEST(PelmoHpp, RunsUntilAStopFromAnotherThreadOrACallback) {
         for (std::thread& thread : threads)
             thread.join();
     }
+    // Stops of their own: each ends its thread and leaves the others.
+    for (int round = 0; round < 20; ++round) {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 4; ++i)
+            threads.emplace_back(
+                [&](std::stop_token stop) { EXPECT_TRUE(work.queue.run(std::move(stop))); });
+        for (std::jthread& thread : threads) {
+            thread.request_stop();
+            thread.join();
+        }
+    }
     std::optional<pelmo::Queue> ended = pelmo::Queue::make().value();
     const auto ends = work.queue.every(0s, [&] { ended.reset(); });
     const uint32_t id = pelmo::number(ended->id());
     while (ended)
         (void)work.queue.dispatch(10s).value();  // a wake of the last run may be left
     EXPECT_EQ(pelmoQueue_TimedDispatch(id, 0), kStatusInvalidQueue);
+}
+
+TEST(PelmoHpp, DispatchesAGroupByPriority) {
+    const Work work;
+    const auto urgent = pelmo::Queue::make({.priority = 9}).value();
+    pelmo::QueueGroup group = pelmo::QueueGroup::make().value();
+    group.add(work.queue).value();
+    group.add(urgent).value();
+    std::vector<int> order;
+    std::stop_source stop;
+    const auto low = work.queue.listen(work.bus, "A", [&] { order.push_back(1); });
+    const auto high = urgent.listen(work.bus, "A", [&] { order.push_back(9); });
+    const auto last = work.queue.listen(work.bus, "END", [&] { stop.request_stop(); });
+    work.send("A");
+    work.send("END");
+    group.run(stop.get_token()).value();
+    EXPECT_EQ(order, (std::vector{9, 1}));
+    group.remove(urgent).value();
+    EXPECT_EQ(group.remove(urgent).error().status(), kStatusInvalidQueue + 0);
+    std::atomic<int> ran{0};
+    const auto counts = work.queue.listen(work.bus, "B", [&] { ++ran, ran.notify_all(); });
+    const auto thread = pelmo::Dispatcher::start(group).value();
+    work.send("B");
+    ran.wait(0);
 }
 
 TEST(PelmoHpp, AsksAndAnswersAndHandsOverMessages) {
