@@ -3,8 +3,12 @@
 #include <arpa/inet.h>
 #include <datetime.h>
 
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "python/native/kinds.h"
@@ -126,7 +130,17 @@ Type typeOfSequence(PyObject* sequence) {
     return {kind, true};
 }
 
+// Dates and others of numpy's export their bytes, but are no numbers.
+bool isOfNumbers(PyObject* value) {
+    if (PyObject_HasAttrString(value, "dtype") == 0) return true;
+    const py::object kind = py::handle(value).attr("dtype").attr("kind");
+    return py::isinstance<py::str>(kind) &&
+           std::string_view("iuf").find(std::string(py::str(kind))) != std::string_view::npos;
+}
+
 Type typeOfBuffer(PyObject* value) {
+    if (!isOfNumbers(value))
+        raise(PyExc_TypeError, "messages have no type for %s", Py_TYPE(value)->tp_name);
     const Buffer buffer(value);
     const Kind* kind = kindByFormat(buffer->format, buffer->itemsize);
     if (kind == nullptr || buffer->ndim > 1)
@@ -202,12 +216,26 @@ void storeUnsigned(PyObject* value, const Kind& kind, void* out) {
     std::memcpy(out, &all, kind.sizeBytes);
 }
 
+// Digits that 32 bits don't hold are left out of a real number, which asked for that type; an
+// integer goes as it is or not at all.
 void storeReal(PyObject* value, const Kind& kind, void* out) {
     const double all = PyFloat_AsDouble(value);
     if (all == -1 && PyErr_Occurred() != nullptr) raisePending();
-    if (kind.sizeBytes == sizeof all) return (void)std::memcpy(out, &all, sizeof all);
+    const bool isHalf = kind.sizeBytes == sizeof(float);
+    if (isHalf && std::isfinite(all) && std::abs(all) > std::numeric_limits<float>::max())
+        raise(PyExc_OverflowError, "%R doesn't fit %s", value, kind.name);
     const auto half = static_cast<float>(all);
-    std::memcpy(out, &half, sizeof half);
+    if (PyLong_Check(value)) {
+        const py::object stored = owned(PyFloat_FromDouble(isHalf ? double{half} : all));
+        const int isEqual = PyObject_RichCompareBool(value, stored.ptr(), Py_EQ);
+        if (isEqual < 0) raisePending();
+        if (isEqual == 0) raise(PyExc_OverflowError, "%R doesn't fit %s", value, kind.name);
+    }
+    if (isHalf) {
+        std::memcpy(out, &half, sizeof half);
+    } else {
+        std::memcpy(out, &all, sizeof all);
+    }
 }
 
 void storeNumber(PyObject* value, const Kind& kind, void* out) {

@@ -247,6 +247,10 @@ void messageDefine(py::module_& module) {
         .def("__eq__", &equal)
         .def("__repr__", &represent)
         .def("__bytes__", &bytesOf)
+        .def("__copy__", [](py::object self) { return self; })
+        .def(
+            "__deepcopy__", [](py::object self, const py::object&) { return self; },
+            py::arg("memo"))
         .def_static("from_bytes", &fromBytes, py::arg("bytes"), py::pos_only(),
                     "A message of what bytes(message) gave.")
         .def("get", &get, py::arg("name"), py::arg("default") = py::none(), py::pos_only(),

@@ -5,7 +5,7 @@ from __future__ import annotations
 import asyncio
 import weakref
 from collections.abc import AsyncIterator
-from typing import Any
+from typing import Any, Self
 
 from . import _bus, _errors
 from ._bus import Fields, Seconds
@@ -112,6 +112,12 @@ class AsyncSubscription(_bus.BaseSubscription):
             if not await self._fill():
                 raise StopAsyncIteration
         return batch.popleft()
+
+    async def __aenter__(self) -> Self:
+        return self
+
+    async def __aexit__(self, *_):
+        self.close()
 
     def close(self) -> None:
         """Nothing comes any more; what was taken off the queue already can still be had. May be called

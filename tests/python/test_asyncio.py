@@ -36,7 +36,7 @@ async def test_the_three_calls_of_a_program(address):
 @in_loop
 async def test_limits_and_cancellation_leave_nothing():
     async with pelmo.in_process() as bus:
-        with bus.listen("A") as messages:
+        async with bus.listen("A") as messages:
             with pytest.raises(pelmo.Timeout):
                 await messages.get(0.01)
             with pytest.raises(TimeoutError):

@@ -1,6 +1,7 @@
 """Values both ways: what Python sends is what it reads, with its type, and what it can't send is refused."""
 import array
 import collections.abc
+import copy
 import datetime
 import ipaddress
 import pickle
@@ -36,7 +37,7 @@ ROWS = [
 
 REFUSED = [
     (2**64, OverflowError), (-2**63 - 1, OverflowError), ([-1, 2**63], OverflowError), ([], ValueError),
-    ([1, "x"], TypeError), ([True], TypeError), ([[1]], TypeError), ({1, 2}, TypeError), (object(), TypeError),
+    ([2**53 + 1, 0.5], OverflowError), (pelmo.f32(1e300), OverflowError), ([1, "x"], TypeError), ([True], TypeError), ([[1]], TypeError), ({1, 2}, TypeError), (object(), TypeError),
     (datetime.datetime(2024, 1, 1), ValueError), (datetime.date(2024, 1, 1), TypeError), (1j, TypeError),
     ({1: 2}, TypeError), ({"a\0b": 1}, ValueError), (["a\0b"], ValueError), (pelmo.subject("A..B"), pelmo.Error),
     (memoryview(b"abcd").cast("B", (2, 2)).cast("B").cast("c"), TypeError), ({"x" * 127: 1}, pelmo.Error),
@@ -95,6 +96,20 @@ def test_a_message_is_a_mapping_and_keeps_repeated_names_and_ids():
     assert caught.value.status == 36 and "'b'" in str(caught.value)
     values = pelmo.Message(v=array.array("q", range(1000))).numbers("v")
     assert values.format == "q" and list(values) == list(range(1000))
+
+
+def test_a_copy_of_a_message_is_the_message():
+    message = pelmo.Message(a=1)
+    assert copy.copy(message) is message and copy.deepcopy([message])[0] is message
+
+
+def test_arrays_of_numpy_are_numbers_or_refused():
+    numpy = pytest.importorskip("numpy")
+    for kind in "int8 uint16 int32 uint64 float32 float64".split():
+        assert pelmo.Message(x=numpy.array([1, 2], kind)).numbers("x").tolist() == [1, 2]
+    for value in (numpy.datetime64("2024"), numpy.array(["a"]), numpy.array([True]), numpy.array([1j])):
+        with pytest.raises(TypeError):
+            pelmo.Message(x=value)
 
 
 def test_a_mapping_within_itself_ends():
