@@ -8,8 +8,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-sources=('lib/*.cc' 'programs/*.cc' 'trace/*.cc' 'watch/*.cc' 'bus/*.cc' 'pmd/*.cc' 'bridge/*.cc' 'tools/*.cc')
-headers=('lib/*.h' 'programs/*.h' 'trace/*.h' 'watch/*.h' 'bus/*.h' 'pmd/*.h' 'bridge/*.h' 'tools/*.h')
+sources=('lib/*.cc' 'programs/*.cc' 'trace/*.cc' 'watch/*.cc' 'bus/*.cc' 'pmd/*.cc' 'bridge/*.cc' 'python/*.cc' 'tools/*.cc')
+headers=('lib/*.h' 'programs/*.h' 'trace/*.h' 'watch/*.h' 'bus/*.h' 'pmd/*.h' 'bridge/*.h' 'python/*.h' 'tools/*.h')
 
 default_base() {
     local branch base
