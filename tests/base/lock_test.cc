@@ -33,10 +33,10 @@ struct Condition : testing::Test {
 
     template <typename Test>
     void awaitUnderLock(Test test) {
-        for (bool met = false; !met; std::this_thread::yield()) {
+        EXPECT_TRUE(within(kLong, [&] {
             const LockGuard guard(lock);
-            met = test();
-        }
+            return test();
+        }));
     }
 
     Lock lock = PELMO_LOCK_READY(LockRank::kLeaf);

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
-#include <random>
 #include <utility>
 
 #include "lib/containers/subject.h"
@@ -17,19 +16,13 @@
 #include "lib/msg/text.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/message_values.h"
+#include "tests/support/test.h"
 
 namespace {
 
 constexpr uint32_t kSeeds = 24;
 constexpr uint32_t kSteps = 600;
 constexpr size_t kMostFields = 40;
-
-struct Random {
-    std::mt19937 engine;
-
-    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(engine() % limit); }
-    bool oneIn(uint32_t chances) { return below(chances) == 0; }
-};
 
 const char* charsOf(const std::optional<std::string>& text) {
     return text ? text->c_str() : nullptr;

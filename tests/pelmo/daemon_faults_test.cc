@@ -148,7 +148,7 @@ TEST_F(DaemonFaults, OfAnOpeningHaveTheirStatus) {
 
 // Whether the connection is up by then is a race; a transport that was made has its break
 // repaired.
-TEST_F(DaemonFaults, BehindAReplyBreakWhatMayStand) {
+TEST_F(DaemonFaults, AfterAReplyBreakWhatMayBeUp) {
     constexpr int kRounds = 10;
     const DaemonScript replied = goodHandshake() + takeMessage() + reply();
     const DaemonScript scripts[] = {replied + hangUp(), replied + reset(), goodSession() + hangUp(),

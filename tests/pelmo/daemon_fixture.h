@@ -37,9 +37,7 @@ struct CountingListener : NoCopy {
     }
 
     [[nodiscard]] bool await(size_t wanted) const {
-        for (int look = 0; look < 10'000 && count < wanted; ++look)
-            (void)poll(nullptr, 0, 1);
-        return count >= wanted;
+        return within(10, [&] { return count >= wanted; });
     }
 
     uint32_t event = kNoId;

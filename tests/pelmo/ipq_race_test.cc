@@ -101,8 +101,7 @@ struct Queues : testing::Test {
     }
     static void end(Ipq*& ipq, Reader& reader, bool graceful = false) {
         EXPECT_EQ(ipqClose(std::exchange(ipq, nullptr), graceful, Reader::close), kStatusSuccess);
-        while (reader.gone == 0)
-            std::this_thread::yield();
+        EXPECT_TRUE(within(60, [&] { return reader.gone != 0; }));
     }
 };
 
@@ -165,13 +164,6 @@ TEST_F(Stalls, DISABLED_CarryTenMillion) {
     });
 }
 
-void awaitWritersThatWait(Ipq* ipq, uint32_t count) {
-    for (bool all = false; !all; std::this_thread::yield()) {
-        const LockGuard guard(ipq->lock);
-        all = ipq->writersWaiting == count;
-    }
-}
-
 TEST_F(Queues, WakeWritersThatWait) {
     constexpr uint32_t kLimit = 1'000'000;
     constexpr uint32_t kBytes = 100'000;
@@ -207,7 +199,10 @@ TEST_F(Queues, WakeWritersThatWait) {
                 EXPECT_EQ(status, c.status) << c.end;
             });
         }
-        awaitWritersThatWait(sender, kWriters);
+        EXPECT_TRUE(within(60, [&] {
+            const LockGuard guard(sender->lock);
+            return sender->writersWaiting == kWriters;
+        }));
         EXPECT_LE(ipqBacklog(sender).bytes, kLimit + 2 * (kBytes + 100)) << c.end;
         c.act();
         for (std::thread& writer : writers)
@@ -248,9 +243,7 @@ TEST_F(Queues, HandlersNeverWait) {
     ASSERT_EQ(pelmoEvent_CreateIO(&event, kFirstIoQueueId, answer, ends[0], kIoRead, &answering),
               kStatusSuccess);
     ASSERT_EQ(write(ends[1], "x", 1), 1);
-    for (int look = 0; look < 10'000 && answering != nullptr; ++look)
-        (void)poll(nullptr, 0, 1);
-    EXPECT_EQ(answering, nullptr);
+    EXPECT_TRUE(within(10, [&] { return answering == nullptr; }));
     ASSERT_EQ(ipqResume(receiver), kStatusSuccess);
     fromSender->await(kAnswers + 1);
     close(ends[0]);
@@ -314,14 +307,12 @@ TEST_F(Queues, CloseWhileAllGoesOn) {
         if (round % 3 != 0) closeOf(graceful)(sender);
         for (std::thread& user : users)
             user.join();
-        while (fromSender->errors + fromReceiver->errors == 0)
-            std::this_thread::yield();
+        EXPECT_TRUE(within(60, [&] { return fromSender->errors + fromReceiver->errors != 0; }));
         closeOf(false)(sender);
         closeOf(false)(receiver);
         ipqRelease(std::exchange(sender, nullptr));
         ipqRelease(std::exchange(receiver, nullptr));
-        while (fromSender->gone + fromReceiver->gone < 2)
-            std::this_thread::yield();
+        EXPECT_TRUE(within(60, [&] { return fromSender->gone + fromReceiver->gone >= 2; }));
     }
 }
 

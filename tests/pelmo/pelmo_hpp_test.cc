@@ -247,8 +247,7 @@ TEST(PelmoHpp, RunsUntilAStopFromAnotherThreadOrACallback) {
             EXPECT_TRUE(work.queue.run(stop.get_token()));
         };
         std::thread threads[] = {std::thread(run), std::thread(run), std::thread(run)};
-        while (runs != 3)
-            std::this_thread::yield();
+        EXPECT_TRUE(within(60, [&] { return runs == 3; }));
         stop.request_stop();
         for (std::thread& thread : threads)
             thread.join();

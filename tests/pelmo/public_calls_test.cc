@@ -286,7 +286,7 @@ TEST(PublicCalls, RefuseAClosedLibrary) {
 }
 
 // These answer a truth value, and it is no.
-TEST(PublicCalls, NobodyIsInterestedThroughATransportThatIsNone) {
+TEST(PublicCalls, NothingListensThroughATransportThatIsNone) {
     Objects objects;
     uint8_t subject[kSubjectMaxBytes];
     ASSERT_GT(subjectFromText(subject, sizeof subject, "A"), 0);

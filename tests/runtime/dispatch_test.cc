@@ -250,9 +250,7 @@ TEST_P(DispatchWaits, CountTheTimeFromTheFirstSpuriousWakeUp) {
     EXPECT_EQ(dispatch(0.001), kStatusTimeout);
     (void)clockSteadySeconds();
     looks = 0;
-    const ClockSource former = clockSetMonotonicSource([] {
-        return timespec{++looks * 3600 + 1000000, 0};
-    });
+    const MonotonicClock hours([] { return timespec{++looks * 3600 + 1000000, 0}; });
     std::atomic<bool> ended = false;
     std::thread thread([&] {
         EXPECT_EQ(dispatch(3000.0), kStatusTimeout);
@@ -266,7 +264,6 @@ TEST_P(DispatchWaits, CountTheTimeFromTheFirstSpuriousWakeUp) {
             std::this_thread::yield();
     }
     thread.join();
-    clockSetMonotonicSource(former);
 }
 
 TEST(QueueGroupDispatch, TakesTurnsByPriority) {

@@ -112,7 +112,7 @@ TEST_F(Ids, LeadToACountedReferenceOfTheirTypeAlone) {
     EXPECT_EQ(destroy(id, IdType::kQueue), kStatusNotFound);
 }
 
-TEST_F(Ids, AreWithdrawnWithALastReferenceThatNobodyDestroyed) {
+TEST_F(Ids, AreWithdrawnWithTheLastReferenceOfWhatWasNotDestroyed) {
     IdHeader* const thing = &newThing()->header;
     uint32_t id = kNoId;
     ASSERT_EQ(Id_SetGlobal(thing, &id), kStatusSuccess);
@@ -129,8 +129,7 @@ TEST_F(Ids, AreInvalidOnlyUnderTheFlagsLock) {
     Id_AddRef(&thing->header);
     Lock_Enter(&flagLock);
     std::thread destroyer([id] { EXPECT_EQ(destroy(id, IdType::kQueue), kStatusSuccess); });
-    while (Id_Check(id, IdType::kQueue) == kStatusSuccess)
-        std::this_thread::yield();
+    EXPECT_TRUE(within(60, [&] { return Id_Check(id, IdType::kQueue) != kStatusSuccess; }));
     EXPECT_FALSE(Id_IsInvalid(&thing->header));
     Lock_Leave(&flagLock);
     destroyer.join();

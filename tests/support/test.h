@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <barrier>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -37,6 +38,8 @@ struct Random {
     std::mt19937 engine;
 
     uint32_t operator()() { return static_cast<uint32_t>(engine()); }
+    uint32_t below(uint32_t limit) { return (*this)() % limit; }
+    bool oneIn(uint32_t chances) { return below(chances) == 0; }
 };
 
 // Calls act(thread, round), both counted from 0, on `threadCount` threads that start each round
@@ -55,6 +58,17 @@ void race(int threadCount, int rounds, Act act) {
     }
     for (std::thread& thread : threads)
         thread.join();
+}
+
+// Waits until it is true, for so many seconds at the most by the system's clock.
+template <typename Condition>
+[[nodiscard]] bool within(double seconds, Condition isTrue) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!isTrue()) {
+        if (std::chrono::steady_clock::now() >= end) return false;
+        (void)poll(nullptr, 0, 1);
+    }
+    return true;
 }
 
 // Lowers a limit of the process while it exists: RLIMIT_NOFILE, so that no more descriptors are
@@ -94,6 +108,14 @@ struct StoppedClock : NoCopy {
     static inline std::atomic<int64_t> secondsNow;
     static inline std::atomic<int64_t> nanosecondsNow;
     ClockSource former;
+};
+
+// Another monotonic clock while it exists; null for the system's.
+struct MonotonicClock : NoCopy {
+    explicit MonotonicClock(ClockSource source) : former(clockSetMonotonicSource(source)) {}
+    ~MonotonicClock() { clockSetMonotonicSource(former); }
+
+    const ClockSource former;
 };
 
 using FixedClock = StoppedClock<clockSetSource>;               // the wall clock: clockNow

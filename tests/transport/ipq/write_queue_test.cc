@@ -95,7 +95,7 @@ TEST(WriteQueue, CoalescesSmallMessages) {
 }
 
 // Two small messages and a large one in turn: the room that small ones don't use isn't kept.
-TEST(WriteQueue, KeepsLittleRoomForNobody) {
+TEST(WriteQueue, KeepsLittleUnusedRoom) {
     TestQueue test;
     std::string expected;
     while (expected.size() < 2'000'000) {

@@ -24,16 +24,6 @@ namespace {
 
 constexpr double kNoLimit = std::numeric_limits<double>::infinity();
 
-template <typename Condition>
-bool within(double seconds, Condition condition) {
-    const double end = clockSteadySeconds() + seconds;
-    while (!condition()) {
-        if (clockSteadySeconds() >= end) return false;
-        (void)poll(nullptr, 0, 1);
-    }
-    return true;
-}
-
 // Names its sender and its place in the row of what that sent to one peer.
 Message numbered(uint32_t from, uint64_t number, size_t padBytes = 0) {
     Message message = newMessage();
