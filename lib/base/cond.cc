@@ -53,21 +53,26 @@ bool awaitSignalLocked(Cond* cond, const timespec* deadline) {
     return std::exchange(cond->signalled, false);
 }
 
-void signalLocked(Cond* cond) {
-    cond->signalled = true;
-    pthread_cond_signal(&cond->wake);
-}
-
 // Under `mutex`: a woken waiter hands a broadcast on to the next, and the last one ends it. That
 // happens in one step with its leaving the count: if two woken waiters were counted at once, each
 // would take the other for one still asleep, and the broadcast would never end.
 void passBroadcastOnLocked(Cond* cond) {
     if (cond->broadcast.load(std::memory_order_relaxed) == 0) return;
     if (cond->waiters.load(std::memory_order_relaxed) > 0) {
-        signalLocked(cond);
+        cond->signalled = true;
+        pthread_cond_signal(&cond->wake);
     } else {
         cond->broadcast.store(0, std::memory_order_relaxed);
     }
+}
+
+// The mutex is free before the waiter wakes: one that woke to find it held would sleep once more.
+void signal(Cond* cond, bool isBroadcast) {
+    pthread_mutex_lock(&cond->mutex);
+    if (isBroadcast) cond->broadcast.store(1, std::memory_order_relaxed);
+    cond->signalled = true;
+    pthread_mutex_unlock(&cond->mutex);
+    pthread_cond_signal(&cond->wake);
 }
 
 pelmoStatus wait(Cond* cond, Lock* lock, const timespec* deadline) PELMO_UNCHECKED_LOCKING {
@@ -127,18 +132,13 @@ pelmoStatus Cond_Destroy(Cond* cond) {
 
 pelmoStatus Cond_Signal(Cond* cond) {
     if (cond == nullptr) return kStatusInvalidArgument;
-    pthread_mutex_lock(&cond->mutex);
-    signalLocked(cond);
-    pthread_mutex_unlock(&cond->mutex);
+    signal(cond, false);
     return kStatusSuccess;
 }
 
 pelmoStatus Cond_Broadcast(Cond* cond) {
     if (cond == nullptr) return kStatusInvalidArgument;
-    pthread_mutex_lock(&cond->mutex);
-    cond->broadcast.store(1, std::memory_order_relaxed);
-    signalLocked(cond);
-    pthread_mutex_unlock(&cond->mutex);
+    signal(cond, true);
     return kStatusSuccess;
 }
 

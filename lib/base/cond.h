@@ -9,8 +9,10 @@
 // Failure: kStatusInvalidArgument for a null argument, kStatusNoMemory where the system has no
 // room; *out is written only on success.
 //
-// Threads: any. Signal and broadcast need no lock. A wait leaves the lock once, so that a lock that
-// its thread holds twice stays held. No thread may wait on a condition that is destroyed.
+// Threads: any. Signal and broadcast need no lock, but use the condition until they return: where a
+// waiter may destroy it, they are called with its lock or a reference held. A wait leaves the lock
+// once, so that a lock that its thread holds twice stays held. No thread may wait on a condition
+// that is destroyed.
 
 #pragma once
 

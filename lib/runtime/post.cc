@@ -113,16 +113,16 @@ pelmoStatus postLocked(Held<Queue>& queue, Event* event, bool& posted)
 void announce(Held<Queue>& queue, uint32_t entries)
     PELMO_RELEASE(queue->header.lock) PELMO_UNCHECKED_LOCKING {
     if (Id_IsInvalid(&queue->header)) return queue.release();
-    const uint32_t id = queue->header.id;
     // Threads of the library's own queues wait for their timers and sockets instead.
-    if (!idIsEventManagerQueue(id)) {
-        for (uint32_t i = std::min(entries, queue->waiters); i > 0; --i)
-            Cond_Signal(&queue->cond);
-    }
+    const uint32_t woken =
+        idIsEventManagerQueue(queue->header.id) ? 0 : std::min(entries, queue->waiters);
     QueueGroups groups(queue.get());
     HookRun run;
     const bool hasHook = hookBeginLocked(queue.get(), run);
     queue.leave();
+    // A thread that wakes takes the lock at once.
+    for (uint32_t i = 0; i < woken; ++i)
+        Cond_Signal(&queue->cond);
     groups.forEach([entries](uint32_t group) { return QueueGroup_Signal(group, entries); });
     if (hasHook) hookRun(queue.get(), run, entries);
     queue.release();
