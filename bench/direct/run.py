@@ -120,13 +120,13 @@ def show_goodput_rows(title, rows):
     for road, rate in middle.items():
         line += "  %s %7.1f" % (road, rate / 1000)
     others = [road for road in rows if road != "pelmo"]
-    if "pelmo" in rows and others:
+    late = max(late for own in rows.values() for _, late in own)
+    if late > MOST_LATE_US:
+        line += "  no ratio: the relay was %.0f us late" % late
+    elif "pelmo" in rows and others:
         best = max(others, key=middle.get)
         pairs = zip(rows["pelmo"], rows[best])
         line += "  %5.2f of %s" % (statistics.median(own[0] / other[0] for own, other in pairs), best)
-    late = max(late for own in rows.values() for _, late in own)
-    if late > MOST_LATE_US:
-        line += "  (the relay was %.0f us late)" % late
     print(line, flush=True)
 
 
