@@ -171,10 +171,10 @@ class Crowd:
 
 
 def opens(texts, count, addresses=("",), pause=0.5, keeps=10000):
-    """So many connections with each text from each address in turn."""
+    """So many connections, of one address after the other, with each text in turn."""
     def run(crowd):
         for i in range(count):
-            crowd.connect(texts[i % len(texts)], addresses[i // len(texts) % len(addresses)])
+            crowd.connect(texts[i % len(texts)], addresses[i * len(addresses) // count])
         crowd.keep(keeps)
         time.sleep(pause)
     return run

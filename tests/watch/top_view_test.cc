@@ -206,10 +206,11 @@ TEST_F(TopViewTest, TextIsCutToItsColumns) {
         size_t columns;
         const char* wanted;
     } cases[] = {
-        {"abc", 5, "abc  "},  {"abcdef", 4, "abc…"},
-        {"漢字", 4, "漢字"},  {"漢字", 3, "漢…"},
-        {"漢字x", 4, "漢… "}, {"e\u0301\u0301\u0301", 9, "e\u0301\u0301\\xcc\\x81"},
-        {"ab", 0, ""},        {"\u0301x", 9, "\\xcc\\x81x"},
+        {"abc", 5, "abc  "},     {"abcdef", 4, "abc…"},
+        {"漢字", 4, "漢字"},     {"漢字", 3, "漢…"},
+        {"漢字x", 4, "漢… "},    {"e\u0301\u0301\u0301", 9, "e\u0301\u0301\\xcc\\x81"},
+        {"ab", 0, ""},           {"\u0301x", 9, "\\xcc\\x81x"},
+        {"\x1b[", 6, "\\x1b[ "},
     };
     for (const auto& [text, columns, wanted] : cases) {
         screenClear(screen, {12, 1});
