@@ -22,6 +22,8 @@ constexpr uint32_t kInboxBytes = 100;
 
 // A message that has to wait for room: send() waits, on a thread that may.
 struct Waiting {
+    Waiting(uint32_t on, pelmoMsg* msg) : transport(on), message(msg) {}
+
     uint32_t transport;
     OwnMessage message;
 };
@@ -141,8 +143,7 @@ py::object send(
     const Text text(subject.ptr());
     OwnMessage own = build(link, text.whole(), source.ptr(), more.ptr(), reply.ptr());
     if (mustWait(link, own.get()))
-        return py::cast(
-            std::unique_ptr<Waiting>(new Waiting{link.transport, OwnMessage(own.release())}));
+        return py::cast(std::make_unique<Waiting>(link.transport, own.release()));
     check(sendNow(link, own.get()), text.get());
     if (link.scratch == nullptr) link.scratch = own.release();
     if (++link.sendsSinceRest < kRestAfterSends) return py::none();

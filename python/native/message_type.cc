@@ -101,7 +101,7 @@ py::object getItem(const Message& message, py::object name) {
     raisePending();
 }
 
-py::object get(const Message& message, py::object name, py::object fallback) {
+py::object get(const Message& message, const py::object& name, const py::object& fallback) {
     py::object value = find(message, name.ptr());
     return value ? value : fallback;
 }

@@ -116,7 +116,7 @@ int64_t deadlineOf(double seconds) {
 }
 
 // Until there is something to take, or it is closed; False at the limit, of which None is none.
-bool wait(py::object self, std::optional<double> seconds) {
+bool wait(const py::object& self, std::optional<double> seconds) {
     const auto& intake = self.cast<Intake&>();
     return waitReadable(intake.wakeFd, seconds.has_value() ? deadlineOf(*seconds) : INT64_MAX);
 }
