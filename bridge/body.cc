@@ -147,8 +147,8 @@ std::optional<pelmo::Message> bodyRead(BodyCodec& codec,
     return std::nullopt;
 }
 
-void markAdd(pelmo::Message& message, const BridgeMark& mark) {
-    pelmo::Message field;
+void markAdd(pelmo::Message& field, pelmo::Message& message, const BridgeMark& mark) {
+    field.reset();
     field.add("path", mark.path).add("sequence", mark.sequence);
     if (mark.mayBeRepeat) field.add("repeat", true);
     // Statuses say only whether there was one, or what the addition will say too.

@@ -64,5 +64,6 @@ struct BodyCodec {
                                                      const char*& fault);
 
 // Puts the mark into a message that goes to the bus, in place of one that it has. What fails is the
-// message's status.
-void markAdd(pelmo::Message& message, const BridgeMark& mark);
+// message's status. `field` is what the mark is made in, kept by the caller since making a message
+// costs more than filling it.
+void markAdd(pelmo::Message& field, pelmo::Message& message, const BridgeMark& mark);

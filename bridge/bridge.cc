@@ -347,6 +347,7 @@ int close(Bridge& bridge) {
     natsLinkClose(bridge.nats);
     bridge.dispatcher.reset();  // no callback runs from here on
     bridge.listeners.clear();
+    bridge.sides.clear();
     bridge.toBusRequests.clear();
     bridge.queue.reset();
     const size_t waiting = bridge.kept.items.size() + bridge.plain.items.size();

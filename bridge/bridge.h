@@ -65,10 +65,11 @@ struct Bridge;
 // What a listener on the bus, or a subscription, was made for.
 struct BridgeSide {
     Bridge* bridge = nullptr;
-    const BridgeRoute* route = nullptr;  // null: answers to requests
-    BodyCodec codec = {};                // used by the one thread that its messages come on
-    natsSubscription* subscription = nullptr;
-    std::thread thread;  // that takes messages; a durable consumer's subscription is its own
+    const BridgeRoute* route = nullptr;        // null: answers to requests
+    BodyCodec codec = {};                      // used by the one thread that its messages come on
+    pelmo::Message markField = {};             // the same
+    natsSubscription* subscription = nullptr;  // null for a stream's, which its thread has alone
+    std::thread thread;
     int fetchMessages = 0;
     uint64_t lastOfStream = 0;  // the highest number that it has brought
 };

@@ -24,7 +24,7 @@ constexpr int kMostPlainMessages = 128;
 constexpr int64_t kFetchMilliseconds = 500;
 constexpr int64_t kRetryTime = kSecond / 4;
 constexpr int64_t kOpenRetryTime = 2 * kSecond;
-constexpr int64_t kProbeTime = kSecond;
+constexpr int64_t kProbeTime = kSecond;        // until a probe, or a batch, is sent again
 constexpr int64_t kAnswerWait = 10 * kSecond;  // what a stream allows until it sends again
 constexpr int kMostWaitingMessages = 1 << 20;
 
@@ -73,7 +73,7 @@ Taken fromNats(BridgeSide& side, natsMsg* message, bool isAgain) {
     taken.made = bodyRead(side.codec, body, fault);
     if (taken.made) {
         pathAdd(taken.mark.path, bridge.options.group);
-        markAdd(*taken.made, taken.mark);
+        markAdd(side.markField, *taken.made, taken.mark);
         if (taken.made->rawStatus() == kStatusSuccess) return taken;
         fault = pelmoStatus_GetText(taken.made->rawStatus());
         taken.made.reset();
@@ -240,6 +240,14 @@ void takePlain(BridgeSide& side) {
             status == NATS_OK || status == NATS_TIMEOUT || status == NATS_SLOW_CONSUMER;
         if (!isWell) (void)pause(*side.bridge, kRetryTime);
     }
+    int waiting = 0;
+    int bytes = 0;
+    (void)natsSubscription_GetPending(side.subscription, &waiting, &bytes);
+    natsMsg* message = nullptr;
+    while (waiting-- > 0 && natsSubscription_NextMsg(&message, side.subscription, 0) == NATS_OK) {
+        addPlain(side, batch, message);
+    }
+    sendPlain(side, batch);
 }
 
 // The reply subject on the bus; empty where the request isn't known, or is late.
@@ -350,11 +358,11 @@ bool sendKept(BridgeSide& side, Batch& batch) {
     for (;;) {
         const uint64_t life = busLife(bridge);
         if (sendTogether(side, batch) && awaitProbe(bridge, batch, life)) return true;
-        if (!pause(bridge, kRetryTime)) return false;
+        if (!pause(bridge, kProbeTime)) return false;
         keepAlive(batch);
         for (Taken& taken : batch) {
             taken.mark.mayBeRepeat = true;
-            if (taken.made) markAdd(*taken.made, taken.mark);
+            if (taken.made) markAdd(side.markField, *taken.made, taken.mark);
         }
     }
 }
@@ -383,22 +391,24 @@ void consume(BridgeSide& side) {
     std::string onBus, onNats;
     (void)subjectPattern(bridge.options.map, side.route->pattern, onBus, onNats);
     side.fetchMessages = kFirstFetchMessages;
+    natsSubscription* consumer = nullptr;
     while (!isEnding(bridge)) {
-        if (side.subscription == nullptr) side.subscription = openConsumer(side, onNats);
-        if (side.subscription == nullptr) {
+        if (consumer == nullptr) consumer = openConsumer(side, onNats);
+        if (consumer == nullptr) {
             (void)pause(bridge, kOpenRetryTime);
             continue;
         }
         natsMsgList list = {};
-        const natsStatus status = natsSubscription_Fetch(
-            &list, side.subscription, side.fetchMessages, kFetchMilliseconds, nullptr);
+        const natsStatus status = natsSubscription_Fetch(&list, consumer, side.fetchMessages,
+                                                         kFetchMilliseconds, nullptr);
         deliverKept(side, list);
         natsMsgList_Destroy(&list);
         if (status == NATS_OK || status == NATS_TIMEOUT) continue;
         bridgeSayFault(0, "a durable consumer gives nothing", natsFaultText(status));
-        natsSubscription_Destroy(std::exchange(side.subscription, nullptr));
+        natsSubscription_Destroy(std::exchange(consumer, nullptr));
         (void)pause(bridge, kRetryTime);
     }
+    natsSubscription_Destroy(consumer);
 }
 
 bool openRoute(Bridge& bridge, const BridgeRoute& route, std::string& fault) {
@@ -441,6 +451,9 @@ bool toBusOpen(Bridge& bridge, std::string& fault) {
 }
 
 void toBusClose(Bridge& bridge) {
+    // A daemon that takes nothing doesn't hold up the end.
+    if (bridge.bus)
+        (void)pelmoTransport_SetBlockingOnExcessiveBacklog(pelmo::number(bridge.bus->id()), false);
     for (const auto& side : bridge.sides) {
         if (side->thread.joinable()) side->thread.join();
         natsSubscription_Destroy(side->subscription);
