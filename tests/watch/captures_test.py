@@ -143,8 +143,10 @@ class Captures(ProgramCase):
             with self.subTest(packer[0]), open(packed, "rb") as stream:
                 self.assert_same(packed)
                 self.assert_same("-", stdin=stream)
-                packed.write_bytes(packed.read_bytes()[:-400])
-                self.assertIn("compressed data", self.read(packed)[2])
+                packed.write_bytes(packed.read_bytes()[:-1])
+                status, snapshots, log = self.read(packed)
+                self.assertEqual((status, "its compressed data ends early" in log), (1, True), log)
+                self.assertGreater(sum(each["frames"] for each in snapshots), 2600)  # all but the unpacker's last block
 
     def test_a_pcapng_file_may_have_many_interfaces_clocks_and_sections(self):
         third = len(self.frames) // 3
@@ -266,6 +268,9 @@ class Captures(ProgramCase):
             found, _, log = self.read(blind, options=options)
             self.assertEqual(found, status)
             self.assertIn(words, log)
+        done = run(binary("pelmowatch"), "compare", "-r", self.plain, "--against", blind, "--strict")
+        self.assertEqual((done.returncode, words in done.stderr.decode()), (4, True))
+        self.assertIn("no frames in the time asked for", self.read(self.plain, options=("--from", "2030-01-01"))[2])
         self.assertIn("link type LINUX_SLL2", self.read(pcap(self.folder / "sll2", COOKED2, [(1, 0, bytes(60))]))[2])
 
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -48,8 +49,10 @@ struct CaptureReader {
     std::unique_ptr<ReadAhead> raw;
     std::unique_ptr<ReadAhead> unpacked;  // of a compressed file
     std::unique_ptr<archive, ArchiveDelete> unpacker;
-    ReadAhead* source = nullptr;
+    std::span<const uint8_t> block;  // the unpacker's, that isn't read yet
+    bool packedEnded = false;
     bool archiveFailed = false;
+    ReadAhead* source = nullptr;
 
     Format format = Format::kUnknown;
     bool swapped = false;
@@ -92,14 +95,19 @@ ReadResult faultOf(CaptureReader& reader, std::string words) {
     return ReadResult::kFault;
 }
 
+std::string archiveWords(const CaptureReader& reader) {
+    archive* const one = reader.unpacker.get();
+    const char* const text = one != nullptr ? archive_error_string(one) : nullptr;
+    return text != nullptr ? text : "no reason given";
+}
+
 // The source gave fewer bytes than were wanted.
 ReadResult endOf(CaptureReader& reader, bool atBoundary) {
     if (readAheadIsStopped(*reader.raw)) return ReadResult::kStopped;
     if (reader.archiveFailed) {
-        const char* const text = archive_error_string(reader.unpacker.get());
-        reader.fault = std::string("its compressed data ends early or is damaged (") +
-                       (text != nullptr ? text : "no reason given") + ")";
-        return ReadResult::kFault;
+        return faultOf(reader, reader.packedEnded ? "its compressed data ends early"
+                                                  : "its compressed data is damaged (" +
+                                                        archiveWords(reader) + ")");
     }
     if (atBoundary && readAheadHeld(*reader.source) == 0) return ReadResult::kEnd;
     reader.fault = "it ends early, within a packet";
@@ -110,20 +118,34 @@ ReadResult endOf(CaptureReader& reader, bool atBoundary) {
 
 // Hands the compressed bytes to the library where they are.
 la_ssize_t readPacked(archive*, void* context, const void** bytes) {
-    ReadAhead& raw = *static_cast<CaptureReader*>(context)->raw;
-    if (!readAheadHolds(raw, 1)) return 0;
+    CaptureReader& reader = *static_cast<CaptureReader*>(context);
+    ReadAhead& raw = *reader.raw;
+    reader.packedEnded = !readAheadHolds(raw, 1);
+    if (reader.packedEnded) return 0;
     const size_t held = readAheadHeld(raw);
     *bytes = raw.begin;
     raw.begin = raw.end;
     return static_cast<la_ssize_t>(held);
 }
 
+// By the library's blocks: a call that fills a buffer keeps nothing of it where a later block
+// fails.
 ssize_t readUnpacked(void* context, void* buffer, size_t sizeBytes) {
     CaptureReader& reader = *static_cast<CaptureReader*>(context);
-    const la_ssize_t got = archive_read_data(reader.unpacker.get(), buffer, sizeBytes);
-    if (got >= 0) return got;
-    reader.archiveFailed = true;
-    return -1;
+    while (reader.block.empty()) {
+        const void* bytes = nullptr;
+        size_t length = 0;
+        la_int64_t offset = 0;
+        const int result = archive_read_data_block(reader.unpacker.get(), &bytes, &length, &offset);
+        if (result == ARCHIVE_EOF) return 0;
+        reader.archiveFailed = result != ARCHIVE_OK;
+        if (reader.archiveFailed) return -1;
+        reader.block = {static_cast<const uint8_t*>(bytes), length};
+    }
+    const size_t taken = std::min(sizeBytes, reader.block.size());
+    std::memcpy(buffer, reader.block.data(), taken);
+    reader.block = reader.block.subspan(taken);
+    return static_cast<ssize_t>(taken);
 }
 
 bool isCompressed(std::string_view head) {
@@ -157,10 +179,7 @@ bool unpack(CaptureReader& reader) {
         return false;
     }
     if (!openArchive(reader)) {
-        const char* const text =
-            reader.unpacker != nullptr ? archive_error_string(reader.unpacker.get()) : nullptr;
-        reader.fault = std::string("its compressed data can't be read (") +
-                       (text != nullptr ? text : "no reason given") + ")";
+        reader.fault = "its compressed data can't be read (" + archiveWords(reader) + ")";
         return false;
     }
     readAheadBeginWith(*reader.unpacked, readUnpacked, &reader);

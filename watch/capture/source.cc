@@ -410,7 +410,14 @@ const std::string& sourceFileName(uint32_t file) {
 std::string sourceBlindText() {
     const uint64_t frames = source.frames.value();
     if (source.busFrames.value() > 0) return {};
-    if (frames == 0) return traceSettings.liveCapture ? "" : "no frames, so none of the bus";
+    if (frames == 0 && traceSettings.liveCapture) return {};
+    if (frames == 0) {
+        const SourceSettings& asked = sourceSettings;
+        const bool hasSpan =
+            source.isAgainst ? asked.againstFrom || asked.againstTo : asked.from || asked.to;
+        return std::string(hasSpan ? "no frames in the time asked for" : "no frames") +
+               ", so none of the bus";
+    }
     uint64_t notRead[kNotReadKinds];
     for (size_t kind = 0; kind < kNotReadKinds; ++kind)
         notRead[kind] = source.notRead[kind].value();

@@ -226,22 +226,22 @@ void endSource() {
 
 // A capture with nothing of the bus may be an idle bus, or one that is captured in a form in which
 // it isn't seen.
-bool logIfBlind() {
+bool logIfBlind(const char* ofWhich = "") {
     const std::string text = sourceBlindText();
-    if (!text.empty()) logPrint("%s", text.c_str());
+    if (!text.empty()) logPrint("%s%s", ofWhich, text.c_str());
     return !text.empty();
 }
 
-void reportBlindSource() {
+void reportBlindSource(const char* ofWhich = "") {
     if (run.isUnread || stopIsAsked()) return;
-    run.isBlind = logIfBlind();
+    if (logIfBlind(ofWhich)) run.isBlind = true;
 }
 
 // False where one of the captures can't be read at all.
 bool readCaptures() {
     if (!sourceSettings.against.empty()) {
         if (!sourceRunAgainst()) return false;
-        reportBlindSource();
+        reportBlindSource("--against: ");
         if (stopIsAsked()) return true;
         run.span = {};
         if (!sourceTurn()) {
