@@ -141,6 +141,7 @@ void takeMessages(Assembly& assembly, AssemblySender* sender, const BusPacket& p
                sender == nullptr);
         left = left.subspan(wantedBytes);
     }
+    if (!packet.isComplete) takeRest(assembly, sender, packet, left, 0);
 }
 
 void takeData(Assembly& assembly, const BusPacket& packet) {
@@ -198,7 +199,7 @@ bool busPacketRead(TimeSpec time, std::span<const uint8_t> ip, BusPacket* out) {
             .payload = {}};
     const bool hasData = out->type == kOskaData || out->type == kOskaPtpData;
     if (!hasData) return true;
-    if (packet.size() < kOskaDataHeaderBytes) return false;
+    if (packet.size() < kOskaDataHeaderBytes) return !extent.complete;
     out->fragment = loadBe16At(oska + kOskaFragmentOffset);
     out->payload = packet.subspan(kOskaDataHeaderBytes);
     return true;

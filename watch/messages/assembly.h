@@ -45,7 +45,7 @@ struct BusPacket {
 };
 
 // Reads the packet from its IP header on. False where it isn't the bus's, or too short for the
-// header of its type.
+// header of its type. One that the capture has cut within that is whole up to its number.
 [[nodiscard]] bool busPacketRead(TimeSpec time, std::span<const uint8_t> ip, BusPacket* out);
 
 enum class Incomplete : uint8_t {
