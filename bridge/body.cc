@@ -43,8 +43,7 @@ bool markRead(pelmo::MessageView message, BridgeMark& mark) {
 
 pelmoStatus writeForm(BodyCodec& codec, pelmo::MessageView message, std::string& body) {
     body.clear();
-    if (codec.form == BodyForm::kJson)
-        return jsonWriteMessage(codec.writer, message.raw(), {}, body);
+    if (codec.form == BodyForm::kJson) return jsonWriteMessage(message.raw(), {}, body);
     uint32_t fields = 0;  // the image of a message that is corrupt isn't handed on
     const pelmoStatus status = pelmoMsg_GetNumFields(message.raw(), &fields);
     if (status != kStatusSuccess) return status;

@@ -46,7 +46,6 @@ void pathAdd(std::string& path, std::string_view group);
 
 struct BodyCodec {
     BodyForm form = BodyForm::kWire;
-    MessageJsonWriter writer = {};
     JsonReader reader = {};
 };
 

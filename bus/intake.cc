@@ -27,12 +27,12 @@ pelmoStatus addTextLine(pelmoMsg* msg, std::string& out) {
     return kStatusSuccess;
 }
 
-pelmoStatus addJsonLine(MessageJsonWriter& writer, pelmoMsg* msg, std::string& out) {
+pelmoStatus addJsonLine(pelmoMsg* msg, std::string& out) {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     char time[kUtcTextBytes];
-    return jsonWriteMessage(writer, msg,
-                            utcText(now.tv_sec, static_cast<uint32_t>(now.tv_nsec), time), out);
+    return jsonWriteMessage(msg, utcText(now.tv_sec, static_cast<uint32_t>(now.tv_nsec), time),
+                            out);
 }
 
 }  // namespace
@@ -47,8 +47,7 @@ bool printerTake(Printer& printer, pelmoMsg* msg) {
     ++printer.count;
     if (printer.quiet) return true;
     std::string& out = printer.output.text;
-    const pelmoStatus status =
-        printer.json ? addJsonLine(printer.writer, msg, out) : addTextLine(msg, out);
+    const pelmoStatus status = printer.json ? addJsonLine(msg, out) : addTextLine(msg, out);
     if (status != kStatusSuccess) {
         complain("message " + std::to_string(printer.count), status);
         return true;

@@ -22,7 +22,6 @@ struct Printer {
     bool json = false;
     bool quiet = false;
     Output output;
-    MessageJsonWriter writer;
     uint64_t count = 0;  // of messages, shown or not
 };
 

@@ -101,28 +101,40 @@ void printAddress(std::string& out, const pelmoFieldData& data) {
 using D = pelmoFieldData;
 using enum FieldForm;
 
+// A type's name, and the members of JSON that its fields begin with.
+#define MEMBERS(name) \
+    name, ",\"type\":\"" name "\",\"value\":", ",\"type\":\"" name "[]\",\"value\":"
+
 constexpr FieldKind kFieldKinds[] = {
-    {"i8", FIELD_I8, 1, kNumber, FIELD_I8ARRAY, parseNumber<&D::i8>, printNumber<&D::i8>},
-    {"u8", FIELD_U8, 1, kNumber, FIELD_U8ARRAY, parseNumber<&D::u8>, printNumber<&D::u8>},
-    {"i16", FIELD_I16, 2, kNumber, FIELD_I16ARRAY, parseNumber<&D::i16>, printNumber<&D::i16>},
-    {"u16", FIELD_U16, 2, kNumber, FIELD_U16ARRAY, parseNumber<&D::u16>, printNumber<&D::u16>},
-    {"i32", FIELD_I32, 4, kNumber, FIELD_I32ARRAY, parseNumber<&D::i32>, printNumber<&D::i32>},
-    {"u32", FIELD_U32, 4, kNumber, FIELD_U32ARRAY, parseNumber<&D::u32>, printNumber<&D::u32>},
-    {"i64", FIELD_I64, 8, kNumber, FIELD_I64ARRAY, parseNumber<&D::i64>, printNumber<&D::i64>},
-    {"u64", FIELD_U64, 8, kNumber, FIELD_U64ARRAY, parseNumber<&D::u64>, printNumber<&D::u64>},
-    {"f32", FIELD_F32, 4, kReal, FIELD_F32ARRAY, parseNumber<&D::f32>, printReal<&D::f32>},
-    {"f64", FIELD_F64, 8, kReal, FIELD_F64ARRAY, parseNumber<&D::f64>, printReal<&D::f64>},
-    {"bool", FIELD_BOOL, 1, kTruth, 0, parseTruth, printTruth},
-    {"string", FIELD_STRING, 0, kText, FIELD_STRINGARRAY, parseText, nullptr},
-    {"datetime", FIELD_DATETIME, kDateTimeBytes, kText, 0, parseDate, nullptr},
-    {"ip", FIELD_IPADDR32, 4, kText, 0, parseAddress, printAddress},
-    {"port", FIELD_IPPORT16, 2, kNumber, 0, parsePort, printPort},
-    {"subject", FIELD_SUBJECT, 0, kText, 0, parseSubject, nullptr},
-    {"opaque", FIELD_OPAQUE, 0, kText, 0, parseHex, nullptr},
-    {"xml", FIELD_XML, 0, kText, 0, parseText, nullptr},
-    {"msg", FIELD_MSG, 0, kMessage, FIELD_MSGARRAY, nullptr, nullptr},
-    {"none", FIELD_NONE, 0, kNothing, 0, nullptr, nullptr},
+    {MEMBERS("i8"), FIELD_I8, 1, kNumber, FIELD_I8ARRAY, parseNumber<&D::i8>, printNumber<&D::i8>},
+    {MEMBERS("u8"), FIELD_U8, 1, kNumber, FIELD_U8ARRAY, parseNumber<&D::u8>, printNumber<&D::u8>},
+    {MEMBERS("i16"), FIELD_I16, 2, kNumber, FIELD_I16ARRAY, parseNumber<&D::i16>,
+     printNumber<&D::i16>},
+    {MEMBERS("u16"), FIELD_U16, 2, kNumber, FIELD_U16ARRAY, parseNumber<&D::u16>,
+     printNumber<&D::u16>},
+    {MEMBERS("i32"), FIELD_I32, 4, kNumber, FIELD_I32ARRAY, parseNumber<&D::i32>,
+     printNumber<&D::i32>},
+    {MEMBERS("u32"), FIELD_U32, 4, kNumber, FIELD_U32ARRAY, parseNumber<&D::u32>,
+     printNumber<&D::u32>},
+    {MEMBERS("i64"), FIELD_I64, 8, kNumber, FIELD_I64ARRAY, parseNumber<&D::i64>,
+     printNumber<&D::i64>},
+    {MEMBERS("u64"), FIELD_U64, 8, kNumber, FIELD_U64ARRAY, parseNumber<&D::u64>,
+     printNumber<&D::u64>},
+    {MEMBERS("f32"), FIELD_F32, 4, kReal, FIELD_F32ARRAY, parseNumber<&D::f32>, printReal<&D::f32>},
+    {MEMBERS("f64"), FIELD_F64, 8, kReal, FIELD_F64ARRAY, parseNumber<&D::f64>, printReal<&D::f64>},
+    {MEMBERS("bool"), FIELD_BOOL, 1, kTruth, 0, parseTruth, printTruth},
+    {MEMBERS("string"), FIELD_STRING, 0, kText, FIELD_STRINGARRAY, parseText, nullptr},
+    {MEMBERS("datetime"), FIELD_DATETIME, kDateTimeBytes, kText, 0, parseDate, nullptr},
+    {MEMBERS("ip"), FIELD_IPADDR32, 4, kText, 0, parseAddress, printAddress},
+    {MEMBERS("port"), FIELD_IPPORT16, 2, kNumber, 0, parsePort, printPort},
+    {MEMBERS("subject"), FIELD_SUBJECT, 0, kText, 0, parseSubject, nullptr},
+    {MEMBERS("opaque"), FIELD_OPAQUE, 0, kText, 0, parseHex, nullptr},
+    {MEMBERS("xml"), FIELD_XML, 0, kText, 0, parseText, nullptr},
+    {MEMBERS("msg"), FIELD_MSG, 0, kMessage, FIELD_MSGARRAY, nullptr, nullptr},
+    {MEMBERS("none"), FIELD_NONE, 0, kNothing, 0, nullptr, nullptr},
 };
+
+#undef MEMBERS
 
 // By the codes of types and of arrays; null for the others.
 constexpr auto kByCode = [] {

@@ -32,6 +32,7 @@ struct FieldValue {
 
 struct FieldKind {
     std::string_view name;
+    std::string_view member, arrayMember;  // `,"type":"NAME","value":`, and the same of an array
     uint8_t code;
     uint8_t sizeBytes;  // 0 if the value has its own size
     FieldForm form;

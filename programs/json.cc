@@ -1,7 +1,6 @@
 #include "programs/json.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
 #include "programs/text.h"
@@ -34,8 +33,11 @@ void addEscaped(std::string& out, uint32_t character) {
         out += escape.letter;
         return;
     }
-    char text[8];
-    std::snprintf(text, sizeof text, "\\u%04x", static_cast<unsigned>(character));
+    char text[] = "\\u0000";
+    for (size_t at = 5; at > 1; --at) {
+        text[at] = kHexDigits[character & 15];
+        character >>= 4;
+    }
     out += text;
 }
 
@@ -55,18 +57,6 @@ bool hasOther(const char* eight) {
     const uint64_t found = bytes | (bytes + kEach) | (bytes - 0x20 * kEach) |
                            isZero(bytes ^ '"' * kEach) | isZero(bytes ^ '\\' * kEach);
     return (found & 0x80 * kEach) != 0;
-}
-
-// How many bytes at the beginning are plain: of nearly all texts all.
-size_t plainLength(std::string_view text) {
-    size_t at = 0;
-    while (at + sizeof(uint64_t) <= text.size() && !hasOther(text.data() + at)) {
-        at += sizeof(uint64_t);
-    }
-    while (at < text.size() && isPlain(text[at])) {
-        ++at;
-    }
-    return at;
 }
 
 // The character at the beginning, or a byte that is none. Returns how many bytes it was.
@@ -140,20 +130,27 @@ Escape readOne(std::string_view rest) {
 
 }  // namespace
 
-void jsonTextAdd(std::string& out,
-                 std::string_view text,
-                 std::string_view before,
-                 std::string_view after) {
-    size_t plain = plainLength(text);
-    if (plain == text.size()) return textAdd(out, before, "\"", text, "\"", after);
-    textAdd(out, before, "\"");
+size_t jsonPlainLength(std::string_view text) {
+    size_t at = 0;
+    while (at + sizeof(uint64_t) <= text.size() && !hasOther(text.data() + at)) {
+        at += sizeof(uint64_t);
+    }
+    while (at < text.size() && isPlain(text[at])) {
+        ++at;
+    }
+    return at;
+}
+
+void jsonTextAddEscaped(std::string& out, std::string_view text, size_t plain) {
+    out += '"';
     while (plain < text.size()) {
         out.append(text, 0, plain);
         text.remove_prefix(plain);
         text.remove_prefix(addOne(out, text));
-        plain = plainLength(text);
+        plain = jsonPlainLength(text);
     }
-    textAdd(out, text, "\"", after);
+    out += text;
+    out += '"';
 }
 
 const char* jsonTextRead(std::string_view inner, std::string* out, size_t* outStop) {

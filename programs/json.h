@@ -13,11 +13,25 @@
 #include <string_view>
 #include <vector>
 
+#include "programs/text.h"
+
+// How many bytes at the beginning are written as they are: of nearly all texts all.
+[[nodiscard]] size_t jsonPlainLength(std::string_view text);
+
+// Of a text whose first `plain` bytes are written as they are.
+void jsonTextAddEscaped(std::string& out, std::string_view text, size_t plain);
+
 // With its quotes, between two pieces that are added as they are.
-void jsonTextAdd(std::string& out,
-                 std::string_view text,
-                 std::string_view before = {},
-                 std::string_view after = {});
+[[gnu::always_inline]] inline void jsonTextAdd(std::string& out,
+                                               std::string_view text,
+                                               std::string_view before = {},
+                                               std::string_view after = {}) {
+    const size_t plain = jsonPlainLength(text);
+    if (plain == text.size()) return textAdd(out, before, "\"", text, "\"", after);
+    out += before;
+    jsonTextAddEscaped(out, text, plain);
+    out += after;
+}
 
 // `inner` is the text between the quotes. Returns null, or what is wrong with it; `outStop` is
 // then where. `out` may be null, to check only.

@@ -1,10 +1,18 @@
 #include "programs/message_json.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <span>
 #include <vector>
 
+#include "lib/base/bytes.h"
+#include "lib/base/timestamp.h"
+#include "lib/containers/subject.h"
+#include "lib/msg/message_internal.h"
+#include "lib/msg/scalar.h"
+#include "lib/msg/wire.h"
 #include "programs/field_kind.h"
 #include "programs/json.h"
 #include "programs/number.h"
@@ -14,11 +22,22 @@ namespace {
 
 struct Line {
     std::string& out;
-    pelmoMsg* scratch;
     uint32_t depth = 0;  // of messages within messages
 };
 
-pelmoStatus addFields(Line& line, pelmoMsg* msg);
+using Bytes = std::span<const uint8_t>;
+
+// A field of a message's image, and the block that its value may take.
+struct FreeBlock {
+    void operator()(void* block) const { std::free(block); }
+};
+
+struct DecodedField {
+    pelmoMsgField field;
+    std::unique_ptr<void, FreeBlock> block;
+};
+
+pelmoStatus addFields(Line& line, Bytes records, const JsonFieldFilter& filter);
 
 void addHexText(std::string& out, const void* bytes, size_t sizeBytes) {
     out += '"';
@@ -26,34 +45,39 @@ void addHexText(std::string& out, const void* bytes, size_t sizeBytes) {
     out += '"';
 }
 
-// `suffix` belongs to the type.
-void addHead(std::string& out,
-             const pelmoMsgField& field,
-             std::string_view type,
-             std::string_view suffix = {}) {
-    std::string_view before = "{\"type\":\"";
+// `after` is the part from the type on.
+void addHead(std::string& out, const pelmoMsgField& field, std::string_view after) {
+    if (field.id == 0 && field.name != nullptr) {
+        return jsonTextAdd(out, field.name, "{\"name\":", after);
+    }
     if (field.name != nullptr) {
-        before = "\"type\":\"";
-        jsonTextAdd(out, field.name, "{\"name\":", ",");
+        jsonTextAdd(out, field.name, "{\"name\":");
+    } else {
+        out += '{';
+        if (field.id == 0) after.remove_prefix(1);  // its comma
     }
     if (field.id != 0) {
-        textAdd(out, field.name != nullptr ? "" : "{", "\"id\":", std::to_string(field.id), ",");
-        before = "\"type\":\"";
+        textAdd(out, field.name != nullptr ? "," : "", "\"id\":", std::to_string(field.id));
     }
-    textAdd(out, before, type, suffix, "\",\"value\":");
+    out += after;
 }
 
-// The library's own text of a date-time or a subject.
-pelmoStatus addLibraryText(Line& line, const pelmoMsgField& field) {
-    pelmoMsgField bare = field;
-    bare.name = nullptr;
-    bare.id = 0;
-    pelmoMsg_Reset(line.scratch);
-    const char* text = nullptr;
-    pelmoStatus status = pelmoMsg_AddField(line.scratch, &bare);
-    if (status == kStatusSuccess) status = pelmoMsg_GetString(line.scratch, nullptr, &text, 0);
-    if (status == kStatusSuccess) jsonTextAdd(line.out, text != nullptr ? text : "");
-    return status;
+// More microseconds than a second has are no date. As nanoseconds in 32 bits they may have wrapped:
+// these aren't whole microseconds any longer.
+pelmoStatus addDate(Line& line, const pelmoMsgDateTime& date) {
+    if (!dateTimeFits(date) || date.nanoseconds % 1000 != 0) return kStatusInvalidArgument;
+    char text[kTimeStampBytes];
+    char* end = text;
+    dateTimeToText(date, &end, sizeof text);
+    textAdd(line.out, "\"", std::string_view(text, end), "\"");
+    return kStatusSuccess;
+}
+
+// The text is never longer than the packed form.
+void addSubject(Line& line, const pelmoMsgField& field) {
+    char text[kSubjectMaxBytes];
+    const char* const end = subjectWriteText(text, static_cast<const uint8_t*>(field.data.pointer));
+    jsonTextAdd(line.out, std::string_view(text, end));
 }
 
 // A text's own NUL at its end isn't shown.
@@ -64,27 +88,21 @@ void addBytesText(Line& line, const pelmoMsgField& field) {
     jsonTextAdd(line.out, std::string_view(sizeBytes != 0 ? text : "", sizeBytes));
 }
 
-pelmoStatus addImage(Line& line, pelmoMsg* msg) {
-    const void* bytes = nullptr;
-    uint32_t sizeBytes = 0;
-    pelmoStatus status = pelmoMsg_GetAsBytes(msg, &bytes);
-    if (status == kStatusSuccess) status = pelmoMsg_GetByteSize(msg, &sizeBytes);
-    if (status == kStatusSuccess) addHexText(line.out, bytes, sizeBytes);
-    return status;
-}
-
-pelmoStatus addNested(Line& line, pelmoMsg* msg) {
-    if (line.depth == kMostNestedMessages) return addImage(line, msg);
+// The decoder has found a sound head.
+pelmoStatus addNested(Line& line, const void* image) {
+    const auto* const bytes = static_cast<const uint8_t*>(image);
+    const uint32_t sizeBytes = loadBe32At(bytes);
+    if (line.depth == kMostNestedMessages) {
+        addHexText(line.out, bytes, sizeBytes);
+        return kStatusSuccess;
+    }
     line.out += '{';
     ++line.depth;
-    const pelmoStatus status = addFields(line, msg);
+    const pelmoStatus status =
+        addFields(line, Bytes(bytes, sizeBytes).subspan(kMessageHeadBytes), {});
     --line.depth;
     line.out += '}';
     return status;
-}
-
-pelmoMsg* asMessage(const void* data) {
-    return static_cast<pelmoMsg*>(const_cast<void*>(data));
 }
 
 // The value, or an element of one, whose data `field` holds.
@@ -92,10 +110,12 @@ pelmoStatus addOne(Line& line, const FieldKind& type, const pelmoMsgField& field
     if (type.print != nullptr) return type.print(line.out, field.data), kStatusSuccess;
     switch (type.code) {
         case FIELD_MSG:
-            return addNested(line, asMessage(field.data.pointer));
+            return addNested(line, field.data.pointer);
         case FIELD_DATETIME:
+            return addDate(line, field.data.dateTime);
         case FIELD_SUBJECT:
-            return addLibraryText(line, field);
+            addSubject(line, field);
+            return kStatusSuccess;
         case FIELD_OPAQUE:
             addHexText(line.out, field.data.pointer,
                        field.data.pointer != nullptr ? field.size : 0);
@@ -139,7 +159,7 @@ pelmoStatus addArray(Line& line, const FieldKind& type, const pelmoMsgField& arr
 
 // By the number of its type, with its bytes unchanged.
 void addBytes(Line& line, const pelmoMsgField& field) {
-    addHead(line.out, field, std::to_string(field.type));
+    addHead(line.out, field, ",\"type\":\"" + std::to_string(field.type) + "\",\"value\":");
     addHexText(line.out, field.data.pointer, field.data.pointer != nullptr ? field.size : 0);
     line.out += '}';
 }
@@ -148,70 +168,79 @@ pelmoStatus addField(Line& line, const pelmoMsgField& field) {
     const FieldKind* type = fieldKindByCode(field.type);
     if (type == nullptr) return addBytes(line, field), kStatusSuccess;
     const bool isArray = field.type != type->code;
-    addHead(line.out, field, type->name, isArray ? "[]" : "");
+    addHead(line.out, field, isArray ? type->arrayMember : type->member);
     const pelmoStatus status = isArray ? addArray(line, *type, field) : addOne(line, *type, field);
     line.out += '}';
     return status;
 }
 
+pelmoStatus decode(const uint8_t* type, const uint8_t* end, DecodedField& out) {
+    pelmoDisposition disposition = kDataByValue;
+    const pelmoStatus status = msgDecodeValue(type, end, out.field, disposition);
+    if (status != kStatusSuccess) return status;
+    const uint8_t code = out.field.type;
+    const bool isList = code == FIELD_STRINGARRAY || code == FIELD_MSGARRAY;
+    if (disposition == kDataOwnedBlock || (disposition == kDataInImage && isList)) {
+        out.block.reset(const_cast<void*>(out.field.data.pointer));
+    }
+    return kStatusSuccess;
+}
+
 // What doesn't decode is shown as its bytes.
-pelmoStatus addNumbered(Line& line, pelmoMsg* msg, uint32_t number) {
+pelmoStatus addRecord(Line& line, const uint8_t* record, const WireRecord& head, Bytes value) {
     const size_t before = line.out.size();
-    pelmoMsgField field;
-    pelmoStatus status = pelmoMsg_GetFieldByIndex(msg, &field, number);
-    if (status == kStatusSuccess) status = addField(line, field);
+    DecodedField read;
+    if (head.nameSize != 0) read.field.name = reinterpret_cast<const char*>(record + 1);
+    read.field.id = head.id;
+    const uint8_t* const type = value.data();
+    const uint8_t* const end = type + value.size();
+    pelmoStatus status = decode(type, end, read);
+    if (status == kStatusSuccess) status = addField(line, read.field);
     if (status == kStatusSuccess || status == kStatusNoMemory) return status;
     line.out.resize(before);
-    status = pelmoMsg_GetFieldBytes(msg, &field, number);
-    if (status == kStatusSuccess) addBytes(line, field);
-    return status;
+    const Bytes bytes = wireValueBytes(type, end);
+    read.field.type = *type;
+    read.field.size = static_cast<uint32_t>(bytes.size());
+    read.field.data.pointer = bytes.data();
+    addBytes(line, read.field);
+    return kStatusSuccess;
 }
 
-// `positions` is null for the first `count`.
-pelmoStatus addFieldsAt(Line& line, pelmoMsg* msg, const uint32_t* positions, size_t count) {
-    pelmoStatus status = kStatusSuccess;
+// On failure the line has some of the fields.
+pelmoStatus addFields(Line& line, Bytes records, const JsonFieldFilter& filter) {
+    const uint8_t* const end = records.data() + records.size();
     line.out += "\"fields\":[";
-    for (uint32_t i = 0; i < count && status == kStatusSuccess; ++i) {
-        if (i != 0) line.out += ',';
-        status = addNumbered(line, msg, positions != nullptr ? positions[i] : i);
+    bool isFirst = true;
+    for (const uint8_t* at = records.data(); at < end;) {
+        WireRecord head;
+        const uint8_t* const next = wireRecordRead(at, end, head);
+        if (next == nullptr) return kStatusCorruptMessage;
+        const uint8_t* const type = at + 1 + head.nameAreaSize;
+        if (filter.wants == nullptr || filter.wants(filter.context, wireName(at, head))) {
+            if (!isFirst) line.out += ',';
+            isFirst = false;
+            const pelmoStatus status = addRecord(line, at, head, Bytes(type, next));
+            if (status != kStatusSuccess) return status;
+        }
+        at = next;
     }
     line.out += ']';
-    return status;
+    return kStatusSuccess;
 }
 
-pelmoStatus addFields(Line& line, pelmoMsg* msg) {
-    uint32_t count = 0;
-    const pelmoStatus status = pelmoMsg_GetNumFields(msg, &count);
-    return status == kStatusSuccess ? addFieldsAt(line, msg, nullptr, count) : status;
-}
+}  // namespace
 
-template <typename Add>
-pelmoStatus addEnd(MessageJsonWriter& writer, std::string& out, Add add) {
-    if (writer.scratch == nullptr) writer.scratch = messageMake();
-    if (writer.scratch == nullptr) return kStatusNoMemory;
+pelmoStatus jsonWriteFields(Bytes records, const JsonFieldFilter& filter, std::string& out) {
     const size_t before = out.size();
-    Line line{out, writer.scratch.get()};
-    const pelmoStatus status = add(line);
+    Line line{out};
+    const pelmoStatus status = addFields(line, records, filter);
     out += '}';
     if (status != kStatusSuccess) out.resize(before);
     return status;
 }
 
-}  // namespace
-
-pelmoStatus jsonWriteFields(MessageJsonWriter& writer,
-                            pelmoMsg* msg,
-                            std::span<const uint32_t> positions,
-                            std::string& out) {
-    return addEnd(writer, out, [=](Line& line) {
-        return addFieldsAt(line, msg, positions.data(), positions.size());
-    });
-}
-
-pelmoStatus jsonWriteMessage(MessageJsonWriter& writer,
-                             pelmoMsg* msg,
-                             std::string_view time,
-                             std::string& out) {
+pelmoStatus jsonWriteMessage(pelmoMsg* msg, std::string_view time, std::string& out) {
+    if (!msgIsValid(msg)) return kStatusInvalidMessage;
     const size_t before = out.size();
     const char* subject = nullptr;
     const char* reply = nullptr;
@@ -222,17 +251,12 @@ pelmoStatus jsonWriteMessage(MessageJsonWriter& writer,
         out += "\",";
     }
     if (pelmoMsg_GetSendSubject(msg, &subject) == kStatusSuccess) {
-        out += "\"subject\":";
-        jsonTextAdd(out, subject);
-        out += ',';
+        jsonTextAdd(out, subject, "\"subject\":", ",");
     }
     if (pelmoMsg_GetReplySubject(msg, &reply) == kStatusSuccess) {
-        out += "\"reply\":";
-        jsonTextAdd(out, reply);
-        out += ',';
+        jsonTextAdd(out, reply, "\"reply\":", ",");
     }
-    const pelmoStatus status =
-        addEnd(writer, out, [msg](Line& line) { return addFields(line, msg); });
+    const pelmoStatus status = jsonWriteFields(msgRecords(msg), {}, out);
     if (status != kStatusSuccess) out.resize(before);
     return status;
 }

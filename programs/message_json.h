@@ -23,23 +23,21 @@
 #include "programs/json.h"
 #include "programs/owned_message.h"
 
-struct MessageJsonWriter {
-    OwnedMessage scratch;  // converts a value at a time to the library's text of it
+// Adds the line, without a line break; with the time, as it is, unless that is empty. On failure
+// nothing is added: kStatusNoMemory, kStatusInvalidMessage for no message, or kStatusCorruptMessage
+// for one whose fields can't be separated.
+[[nodiscard]] pelmoStatus jsonWriteMessage(pelmoMsg* msg, std::string_view time, std::string& out);
+
+// Which fields are to be shown; without a function all. It is asked once for each, in their order.
+struct JsonFieldFilter {
+    bool (*wants)(void* context, std::string_view name) = nullptr;
+    void* context = nullptr;
 };
 
-// Adds the line, without a line break; with the time, as it is, unless that is empty. On failure
-// nothing is added: kStatusNoMemory, or kStatusCorruptMessage for a message whose fields can't be
-// separated.
-[[nodiscard]] pelmoStatus jsonWriteMessage(MessageJsonWriter& writer,
-                                           pelmoMsg* msg,
-                                           std::string_view time,
-                                           std::string& out);
-
-// The fields at these positions of the message alone, as `"fields":[...]}`: for a line that begins
-// with other members.
-[[nodiscard]] pelmoStatus jsonWriteFields(MessageJsonWriter& writer,
-                                          pelmoMsg* msg,
-                                          std::span<const uint32_t> positions,
+// The fields of these records, an image's bytes after its head, as `"fields":[...]}`: for a line
+// that begins with other members. Fails as the call above does.
+[[nodiscard]] pelmoStatus jsonWriteFields(std::span<const uint8_t> records,
+                                          const JsonFieldFilter& filter,
                                           std::string& out);
 
 // Makes fields of the application's own types readable, and possible to send, as bytes. Once the

@@ -1,10 +1,21 @@
 #include "programs/text.h"
 
+#include <array>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <iterator>
 
 namespace {
+
+// The two digits of each byte.
+constexpr auto kHexPairs = [] {
+    std::array<std::array<char, 2>, 256> pairs{};
+    for (size_t byte = 0; byte < pairs.size(); ++byte) {
+        pairs[byte] = {kHexDigits[byte >> 4], kHexDigits[byte & 15]};
+    }
+    return pairs;
+}();
 
 // The lead byte of a character, by how many bytes follow it.
 struct Utf8Head {
@@ -28,9 +39,8 @@ void hexAdd(std::string& out, const void* bytes, size_t sizeBytes) {
     const size_t before = out.size();
     out.resize(before + 2 * sizeBytes);
     char* to = out.data() + before;
-    for (size_t i = 0; i < sizeBytes; ++i) {
-        *to++ = kHexDigits[from[i] >> 4];
-        *to++ = kHexDigits[from[i] & 15];
+    for (size_t i = 0; i < sizeBytes; ++i, to += 2) {
+        std::memcpy(to, kHexPairs[from[i]].data(), 2);
     }
 }
 

@@ -1,9 +1,11 @@
 #include "lib/base/timestamp.h"
 
-#include <cinttypes>
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <limits>
 
 #include "lib/base/clock.h"
-#include "lib/base/text.h"
 
 namespace {
 
@@ -38,6 +40,29 @@ int64_t splitYear(int64_t& days) {
         year = guess;
     }
     return yearShown(year);
+}
+
+// The digits of a number, with zeros before it.
+char* putDigits(char* at, uint32_t number, int digits) {
+    for (int digit = digits; digit-- > 0; number /= 10) {
+        at[digit] = static_cast<char>('0' + number % 10);
+    }
+    return at + digits;
+}
+
+// At least four characters, with the sign.
+char* putYear(char* at, int64_t year) {
+    if (year < 0) *at++ = '-';
+    const auto number = static_cast<uint64_t>(year < 0 ? -year : year);
+    for (uint64_t least = year < 0 ? 100 : 1000; least > number && least > 1; least /= 10) {
+        *at++ = '0';
+    }
+    return std::to_chars(at, at + std::numeric_limits<uint64_t>::digits10 + 1, number).ptr;
+}
+
+char* putPart(char* at, char before, int32_t number) {
+    *at++ = before;
+    return putDigits(at, static_cast<uint32_t>(number), 2);
 }
 
 }  // namespace
@@ -75,13 +100,22 @@ void dateTimeToText(const pelmoMsgDateTime& value, char** cursor, size_t sizeByt
     int32_t month, day, hour, minute, second;
     dateTimeSplit(value.seconds, &year, &month, &day, &hour, &minute, &second);
 
-    char* text = *cursor;
-    size_t length = boundedFormat(text, sizeBytes, "%04" PRId64 "-%02d-%02d %02d:%02d:%02d", year,
-                                  month, day, hour, minute, second);
+    char whole[kTimeStampBytes];
+    char* at = putYear(whole, year);
+    at = putPart(at, '-', month);
+    at = putPart(at, '-', day);
+    at = putPart(at, ' ', hour);
+    at = putPart(at, ':', minute);
+    at = putPart(at, ':', second);
     if (value.nanoseconds != 0) {
-        length +=
-            boundedFormat(text + length, sizeBytes - length, ".%09" PRIu32, value.nanoseconds);
+        *at++ = '.';
+        at = putDigits(at, value.nanoseconds, value.nanoseconds < 1000000000 ? 9 : 10);
     }
+
+    char* const text = *cursor;
+    size_t length = std::min(static_cast<size_t>(at - whole), sizeBytes - 1);
+    std::memcpy(text, whole, length);
+    text[length] = '\0';
     if (sizeBytes - length >= 2) {
         text[length++] = 'Z';
         text[length] = '\0';

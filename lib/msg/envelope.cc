@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string_view>
 
 #include "lib/base/bytes.h"
@@ -11,6 +12,7 @@
 #include "lib/msg/codec_internal.h"
 #include "lib/msg/envelope_internal.h"
 #include "lib/msg/message_internal.h"
+#include "lib/msg/message_place.h"
 #include "lib/msg/text.h"
 #include "lib/msg/trace_ops.h"
 
@@ -88,11 +90,19 @@ bool nameIs(const pelmoMsg* msg, const FieldIndexEntry& entry, std::string_view 
     return std::string_view(chars, name.size()) == name;
 }
 
-const EnvelopeName& envelopeName(const pelmoMsg* msg, const FieldIndexEntry& entry) {
+const EnvelopeName& envelopeName(std::string_view name) {
     for (const EnvelopeName& row : kNames) {
-        if (nameIs(msg, entry, row.name)) return row;
+        if (name.size() != row.name.size()) continue;
+        const auto* const own = reinterpret_cast<const uint8_t*>(row.name.data());
+        if (sameShort(own, name.data(), static_cast<uint32_t>(name.size()))) return row;
     }
     return kOtherName;
+}
+
+pelmoStatus noteField(std::string_view name, const EnvelopeField& field, EnvelopeView& view) {
+    const EnvelopeName& row = envelopeName(name);
+    view.flags |= row.flags;
+    return row.note != nullptr ? row.note(field, view) : kStatusSuccess;
 }
 
 // The field that becomes the nested message, and the number of fields before it.
@@ -194,13 +204,11 @@ pelmoStatus wrapData(pelmoMsg* msg, DataField& data) {
 }
 
 // The length in the nested head must be right, because the next flush overwrites it.
-bool dataIsMessage(const pelmoMsg* msg, const DataField& data) {
-    const uint8_t* image = msgImage(msg);
-    pelmoReadCursor value{image + data.typeOffset + 1, image + msg->length};
+bool dataIsMessage(const uint8_t* type, const uint8_t* end) {
+    pelmoReadCursor value{type + 1, end};
     pelmoMsgField field;
     pelmoDisposition disposition = kDataByValue;
-    return decodeMsg(&value, &field, &disposition) == kStatusSuccess &&
-           value.at == image + msg->length;
+    return decodeMsg(&value, &field, &disposition) == kStatusSuccess && value.at == end;
 }
 
 pelmoStatus openParsed(pelmoMsg* msg) {
@@ -211,7 +219,8 @@ pelmoStatus openParsed(pelmoMsg* msg) {
         status = wrapData(msg, data);
         if (status != kStatusSuccess) return status;
     }
-    if (!dataIsMessage(msg, data)) return kStatusCorruptMessage;
+    const uint8_t* const image = msgImage(msg);
+    if (!dataIsMessage(image + data.typeOffset, image + msg->length)) return kStatusCorruptMessage;
     EnvelopeView view;
     status = envelopeScan(msg, data.fieldsAhead, view);
     if (status == kStatusSuccess) envelopeShow(msg, data.typeOffset + 2, view);
@@ -250,16 +259,36 @@ pelmoStatus noText(const char** out) {
 pelmoStatus envelopeScan(const pelmoMsg* msg, uint32_t fieldCount, EnvelopeView& view) {
     EnvelopeView seen;
     for (uint32_t i = 0; i < fieldCount; ++i) {
-        const EnvelopeName& row = envelopeName(msg, msg->index[i]);
-        seen.flags |= row.flags;
-        if (row.note == nullptr) continue;
         const EnvelopeField field{msgImage(msg), fieldTypeOffset(msg->index[i]),
                                   fieldEndOffset(msg, i)};
-        const pelmoStatus status = row.note(field, seen);
+        const pelmoStatus status = noteField(msgFieldName(msg, i), field, seen);
         if (status != kStatusSuccess) return status;
     }
     view = seen;
     return kStatusSuccess;
+}
+
+uint32_t envelopeRead(std::span<const uint8_t> image, EnvelopeView& view) {
+    const uint8_t* const begin = image.data();
+    const uint8_t* const end = begin + image.size();
+    view = {};
+    for (const uint8_t* at = begin + kMessageHeadBytes; at < end;) {
+        WireRecord record;
+        const uint8_t* const next = wireRecordRead(at, end, record);
+        if (next == nullptr) return 0;
+        const std::string_view name = wireName(at, record);
+        const EnvelopeField field{begin,
+                                  static_cast<uint32_t>(at + 1 + record.nameAreaSize - begin),
+                                  static_cast<uint32_t>(next - begin)};
+        if (next == end) {
+            const uint8_t* const type = begin + field.typeOffset;
+            const bool isData = name == kDataName && *type == FIELD_MSG && dataIsMessage(type, end);
+            return isData ? field.valueOffset() : 0;
+        }
+        if (noteField(name, field, view) != kStatusSuccess) return 0;
+        at = next;
+    }
+    return 0;
 }
 
 void envelopeShow(pelmoMsg* msg, uint32_t dataOffset, const EnvelopeView& view) {
@@ -274,7 +303,7 @@ void envelopeShow(pelmoMsg* msg, uint32_t dataOffset, const EnvelopeView& view) 
 }
 
 bool envelopeKeeps(const pelmoMsg* msg, const FieldIndexEntry& entry) {
-    return envelopeName(msg, entry).staysAtStrip;
+    return envelopeName(msgEntryName(msg, entry)).staysAtStrip;
 }
 
 bool msgHasEnvelope(pelmoMsg* msg) {

@@ -25,6 +25,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "lib/base/status.h"
 #include "lib/msg/envelope.h"
@@ -132,6 +133,10 @@ struct EnvelopeView {
 [[nodiscard]] pelmoStatus envelopeScan(const pelmoMsg* msg,
                                        uint32_t fieldCount,
                                        EnvelopeView& view);
+
+// What msgHasEnvelope and msgOpenEnvelope find in an image with a sound head, without an object.
+// Returns where the nested message begins; 0 where one of the two would refuse.
+[[nodiscard]] uint32_t envelopeRead(std::span<const uint8_t> image, EnvelopeView& view);
 
 // Opens a message, of which `view` is the envelope, and brings its lengths up to date.
 void envelopeShow(pelmoMsg* msg, uint32_t dataOffset, const EnvelopeView& view);

@@ -204,6 +204,13 @@ void msgShowOuter(pelmoMsg* msg);
 // index and id map stay as they are. The message is writable.
 [[nodiscard]] pelmoStatus msgAppendRecord(pelmoMsg* msg, const pelmoMsgField& field);
 
+// Decodes the value of a record, from its type on. Owned data is the caller's, and so is the block
+// of a list; what else it points to is in the record, nested messages as their images.
+[[nodiscard]] pelmoStatus msgDecodeValue(const uint8_t* type,
+                                         const uint8_t* end,
+                                         pelmoMsgField& field,
+                                         pelmoDisposition& disposition);
+
 // Decodes the field at a position of a parsed message, with its id and without its name. Data that
 // the disposition calls owned is the caller's; a nested message is a pointer into the image.
 [[nodiscard]] pelmoStatus msgDecodeField(const pelmoMsg* msg,
@@ -226,10 +233,20 @@ enum class NameWanted : bool { kNo, kYes };
                                   uint32_t& position);
 
 // Name of the field at a position of a parsed message; empty for none.
-[[nodiscard]] inline std::string_view msgFieldName(const pelmoMsg* msg, uint32_t position) {
-    const FieldIndexEntry& entry = msg->index[position];
+[[nodiscard]] inline std::string_view msgEntryName(const pelmoMsg* msg,
+                                                   const FieldIndexEntry& entry) {
     const auto* name = reinterpret_cast<const char*>(msgImage(msg) + entry.nameOffset);
     return {name, entry.nameSize != 0 ? entry.nameSize - 1 : 0};
+}
+
+[[nodiscard]] inline std::string_view msgFieldName(const pelmoMsg* msg, uint32_t position) {
+    return msgEntryName(msg, msg->index[position]);
+}
+
+// The records of the fields that show, one after the other.
+[[nodiscard]] inline std::span<const uint8_t> msgRecords(const pelmoMsg* msg) {
+    const uint8_t* const image = msgImage(msg);
+    return {image + msg->dataOffset + kMessageHeadBytes, image + msg->length};
 }
 
 // The text of a field: "" for one of no bytes, which pelmoMsg_GetString gives as null; null where

@@ -1,6 +1,7 @@
 // Reads. The decoder returns the value, and the message keeps what the value points to.
 
 #include <cstring>
+#include <span>
 
 #include "lib/msg/buffer.h"
 #include "lib/msg/codec_internal.h"
@@ -109,19 +110,26 @@ pelmoStatus beginRead(pelmoMsg* msg, const pelmoMsgField* field) {
 
 }  // namespace
 
+pelmoStatus msgDecodeValue(const uint8_t* type,
+                           const uint8_t* end,
+                           pelmoMsgField& field,
+                           pelmoDisposition& disposition) {
+    const pelmoFieldDecoder decode = fieldDecoders[*type];
+    if (decode == nullptr) return kStatusInvalidType;
+    field.type = *type;
+    pelmoReadCursor cursor{type + 1, end};
+    return decode(&cursor, &field, &disposition);
+}
+
 pelmoStatus msgDecodeField(const pelmoMsg* msg,
                            uint32_t position,
                            pelmoMsgField& field,
                            pelmoDisposition& disposition) {
     const FieldIndexEntry& entry = msg->index[position];
     const uint8_t* image = msgImage(msg);
-    const uint8_t* type = image + fieldTypeOffset(entry);
-    const pelmoFieldDecoder decode = fieldDecoders[*type];
-    if (decode == nullptr) return kStatusInvalidType;
-    field.type = *type;
     field.id = entry.id;
-    pelmoReadCursor cursor{type + 1, image + fieldEndOffset(msg, position)};
-    return decode(&cursor, &field, &disposition);
+    return msgDecodeValue(image + fieldTypeOffset(entry), image + fieldEndOffset(msg, position),
+                          field, disposition);
 }
 
 pelmoStatus msgReadField(pelmoMsg* msg,
@@ -183,14 +191,11 @@ pelmoStatus pelmoMsg_GetFieldBytes(const pelmoMsg* constMsg, pelmoMsgField* fiel
     const FieldIndexEntry& entry = msg->index[index];
     const uint8_t* type = msgImage(msg) + fieldTypeOffset(entry);
     const uint8_t* const end = msgImage(msg) + fieldEndOffset(msg, index);
-    pelmoReadCursor value{type + 1, end};
+    const std::span<const uint8_t> value = wireValueBytes(type, end);
     pelmoMsgField read;
-    if (readValueLength(value, read.size) != kStatusSuccess) {
-        value = {type + 1, end};
-        read.size = static_cast<uint32_t>(readLeft(value));
-    }
+    read.size = static_cast<uint32_t>(value.size());
     read.name = nameAt(msg, entry);
-    read.data.pointer = read.size != 0 ? value.at : nullptr;
+    read.data.pointer = read.size != 0 ? value.data() : nullptr;
     read.id = entry.id;
     read.type = *type;
     if (read.name != nullptr) ++msg->bufferRefs;

@@ -88,3 +88,10 @@ pelmoStatus readValueLength(pelmoReadCursor& cursor, uint32_t& length) {
     if (status != kStatusSuccess) return status;
     return length <= readLeft(cursor) ? kStatusSuccess : kStatusCorruptMessage;
 }
+
+std::span<const uint8_t> wireValueBytes(const uint8_t* type, const uint8_t* end) {
+    pelmoReadCursor value{type + 1, end};
+    uint32_t sizeBytes = 0;
+    if (readValueLength(value, sizeBytes) != kStatusSuccess) return {type + 1, end};
+    return {value.at, sizeBytes};
+}

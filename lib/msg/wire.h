@@ -16,6 +16,8 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
+#include <string_view>
 
 #include "lib/base/bytes.h"
 #include "lib/base/status.h"
@@ -65,6 +67,10 @@ struct WireRecord {
 // The same for a value that must be complete: kStatusCorruptMessage if it isn't.
 [[nodiscard]] pelmoStatus readValueLength(pelmoReadCursor& cursor, uint32_t& length);
 
+// The bytes of a value whose type is at `type`, as they are. Where their length is malformed, all
+// that is left of the record.
+[[nodiscard]] std::span<const uint8_t> wireValueBytes(const uint8_t* type, const uint8_t* end);
+
 [[nodiscard]] inline uint64_t readLeft(const pelmoReadCursor& cursor) {
     return static_cast<uint64_t>(cursor.end - cursor.at);
 }
@@ -85,6 +91,12 @@ constexpr uint32_t kIdBytes = 2;
     }
     out = {areaSize, areaSize, 0};
     return record[areaSize] == 0;
+}
+
+// Without its NUL; empty for no name as well.
+[[nodiscard]] inline std::string_view wireName(const uint8_t* record, const WireRecord& head) {
+    const auto* const name = reinterpret_cast<const char*>(record + 1);
+    return {name, head.nameSize != 0 ? head.nameSize - 1 : 0};
 }
 
 // Reads the record at `at`, which is below `end`. Returns where the next one begins, at most `end`;

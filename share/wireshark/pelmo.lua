@@ -189,9 +189,11 @@ local function civil(days)
     return year, month, doy - math.floor((153 * mp + 2) / 5) + 1
 end
 
+-- Nil where there are more microseconds than a second has.
 local function date_text(range)
     local low, high = range(0, 4):uint(), range(4, 1):uint()
     local micros = range(5, 3):uint()
+    if micros > 999999 then return nil end
     if high >= 128 then high = high - 256 end
     local seconds = high * 4294967296 + low
     local days = math.floor(seconds / 86400)

@@ -23,9 +23,8 @@ std::string imageOf(pelmoMsg* msg) {
 }
 
 std::string lineOf(pelmoMsg* msg) {
-    MessageJsonWriter writer;
     std::string line;
-    EXPECT_EQ(jsonWriteMessage(writer, msg, {}, line), kStatusSuccess);
+    EXPECT_EQ(jsonWriteMessage(msg, {}, line), kStatusSuccess);
     return line;
 }
 

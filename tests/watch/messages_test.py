@@ -8,6 +8,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 from program_case import HOSTILE_SUBJECTS, MIX, ProgramCase, binary, main, messages, packets, run  # noqa: E402
 
 WATCH = binary("pelmowatch")
+# One with all the microseconds that a second has, one with more nanoseconds than 32 bits hold.
+DATES = "00000001000f423f", "0000000100418938"
 LONG = packets.Payload('{<LONG>(text:8:"%s"00)}' % ("abcdefghij" * 300)).parts()
 
 
@@ -124,9 +126,10 @@ class Messages(ProgramCase):
         self.assertEqual([(raw(row["fields"][0]["value"]), bytes.fromhex(row["fields"][1]["value"])) for row in rows],
                          [(text, text) for text in texts])
         # What doesn't decode is shown as bytes, a subject among them; a message that falls apart has none.
-        rows = self.read(["data {(sub:2:0102)(x:12:010203)(own:200:beef)}{<A>04}"])
+        rows = self.read(["data {(sub:2:0102)(x:12:010203)(own:200:beef)(d:3:%s)(e:3:%s)}{<A>04}" % DATES])
         self.assertEqual([(field["name"], field["type"], field["value"]) for field in rows[0]["fields"]],
-                         [("sub", "2", "0102"), ("x", "12", "010203"), ("own", "200", "beef")])
+                         [("sub", "2", "0102"), ("x", "12", "010203"), ("own", "200", "beef"),
+                          ("d", "datetime", "1970-01-01 00:00:01.999999000Z"), ("e", "3", DATES[1])])
         self.assertIn("corrupt", rows[1]["fault"])
         text = run(WATCH, "messages", "--text", "-r", self.folder / "packets").stdout
         self.assertIn(b" - {sub=[NO DECODER AVAILABLE] x=[NO DECODER AVAILABLE] own=", text)

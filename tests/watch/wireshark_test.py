@@ -86,6 +86,9 @@ class Wireshark(ProgramCase):
         for options in (("--seed", "1", "-E", "0.01"), ("--seed", "2", "-E", "0.1"), ("-s", "100")):
             self.assertEqual(run("editcap", *options, self.mix, damaged).returncode, 0)
             self.assertNotIn("Lua Error", tshark("-2", "-V", "-r", damaged))
+        date = "0000000100418938"  # of more microseconds than a second has
+        self.assertEqual(tshark("-r", self.capture_of("date.pcap", "data {(d:3:%s)}" % date), "-T", "fields",
+                                "-e", "pelmo.field.value").strip(), date)
 
 
 if __name__ == "__main__":

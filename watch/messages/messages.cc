@@ -3,9 +3,11 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,11 +43,23 @@ struct Place {
     std::string text;
 };
 
+// What the places of a sender's packets share.
+struct SenderText {
+    AssemblyKey key = {};
+    int16_t type = 0;
+    std::string text;
+};
+
 // What the envelope says, or fields of the envelope's names where there is none. The texts are good
 // until the next message.
 struct Subjects {
     std::optional<std::string_view> subject, reply;
     bool hasEnvelope = false;
+};
+
+struct Reading {
+    Subjects subjects;
+    std::span<const uint8_t> records;  // of the fields
 };
 
 struct MessagesForm {
@@ -61,12 +75,12 @@ struct MessagesForm {
 
     // Of the thread that takes packets.
     Assembly assembly;
-    OwnedMessage message;  // the one at hand
-    MessageJsonWriter writer;
+    OwnedMessage message;  // the one at hand, where its bytes alone don't do
     FormOutput output = {.what = "messages"};
     std::string text;
     Place place;
-    int64_t second = 0;  // whose text `time` is
+    std::array<SenderText, 1024> senders;  // by their hash; one that isn't here is put together
+    int64_t second = 0;                    // whose text `time` is
     char time[kJsonTimeBytes];
     size_t timeLength = 0;
     char subject[kSubjectTextBytes];
@@ -192,23 +206,38 @@ bool beginAlike(const BusPacket& one, const BusPacket& other) {
            one.time.seconds == other.time.seconds && one.time.nanoseconds == other.time.nanoseconds;
 }
 
-// Of JSON it ends before the member's comma, of a text with a blank.
-void putPlace(const BusPacket& packet, std::string& out) {
+// From the end of the time to the packet's number.
+void putSender(const BusPacket& packet, std::string& out) {
     char group[kAddressTextBytes];
     char sender[kAddressTextBytes];
-    const Digits port(ntohs(packet.dstPort)), scid(ntohs(packet.srcPort)), number(packet.number);
+    const Digits port(ntohs(packet.dstPort)), scid(ntohs(packet.srcPort));
     const bool hasScid = packet.srcPort != 0;
     const std::string_view groupText = addressText(packet.dstIp, group);
     const std::string_view senderText = addressText(packet.srcIp, sender);
-    const std::string_view time = timeText(packet.time);
     if (form.asText) {
-        return textAdd(out, time, " ", port, " ", groupText, " ", senderText, ":",
-                       hasScid ? std::string_view{scid} : "-", " ", number, " ");
+        return textAdd(out, " ", port, " ", groupText, " ", senderText, ":",
+                       hasScid ? std::string_view{scid} : "-", " ");
     }
-    textAdd(out, "{\"time\":\"", time, "\",\"port\":", port,
+    textAdd(out, "\",\"port\":", port,
             packet.type == kOskaPtpData ? ",\"receiver\":\"" : ",\"group\":\"", groupText,
             "\",\"sender\":\"", senderText,
-            "\",\"scid\":", hasScid ? std::string_view{scid} : "null", ",\"sequence\":", number);
+            "\",\"scid\":", hasScid ? std::string_view{scid} : "null", ",\"sequence\":");
+}
+
+const std::string& senderText(const BusPacket& packet) {
+    const AssemblyKey key = {packet.srcIp, packet.dstIp, packet.srcPort, packet.dstPort};
+    SenderText& kept = form.senders[AssemblyKeyHash{}(key) % form.senders.size()];
+    if (kept.text.empty() || kept.key != key || kept.type != packet.type) {
+        kept = {key, packet.type, {}};
+        putSender(packet, kept.text);
+    }
+    return kept.text;
+}
+
+// Of JSON it ends before the member's comma, of a text with a blank.
+void putPlace(const BusPacket& packet, std::string& out) {
+    textAdd(out, form.asText ? "" : "{\"time\":\"", timeText(packet.time), senderText(packet),
+            Digits(packet.number), form.asText ? " " : "");
 }
 
 void addPlace(const BusPacket& packet) {
@@ -257,21 +286,33 @@ std::optional<std::string_view> subjectOf(pelmoMsg* msg) {
     return unpacked(static_cast<const uint8_t*>(field.data.pointer));
 }
 
-// Opens the envelope where there is one.
-Subjects subjectsOf(pelmoMsg* msg) {
+Subjects subjectsOfEnvelope(const uint8_t* image, const EnvelopeView& view) {
     Subjects found;
-    found.hasEnvelope = msgHasEnvelope(msg) && msgOpenEnvelope(msg) == kStatusSuccess;
-    if (!found.hasEnvelope) {
-        found.subject = subjectOf(msg);
-        found.reply = textOfField(msg, "return");
-        return found;
-    }
-    const uint8_t* const image = msgImage(msg);
-    if (msg->sendSubjectOffset != 0) found.subject = unpacked(image + msg->sendSubjectOffset);
-    if (msg->replySubjectOffset != 0) {
-        found.reply = reinterpret_cast<const char*>(image + msg->replySubjectOffset);
+    found.hasEnvelope = true;
+    if (view.sendSubjectOffset != 0) found.subject = unpacked(image + view.sendSubjectOffset);
+    if (view.replySubjectOffset != 0) {
+        found.reply = reinterpret_cast<const char*>(image + view.replySubjectOffset);
     }
     return found;
+}
+
+// Most messages are read from their bytes alone. False where an object is needed and can't be made.
+bool readMessage(std::span<const uint8_t> image, Reading& out) {
+    EnvelopeView view;
+    const uint32_t data = envelopeRead(image, view);
+    pelmoMsg* const msg = form.message.get();
+    if (data == 0 || form.asText) {
+        if (msgTakeBytes(msg, image.data()) != kStatusSuccess) return false;
+        if (data != 0 && msgOpenEnvelope(msg) != kStatusSuccess) return false;
+    }
+    out.records = image.subspan(data + kMessageHeadBytes);
+    if (data != 0) {
+        out.subjects = subjectsOfEnvelope(image.data(), view);
+    } else {
+        out.subjects.subject = subjectOf(msg);
+        out.subjects.reply = textOfField(msg, "return");
+    }
+    return true;
 }
 
 // A field of the envelope's, in a message without one, isn't shown among the others, unless it
@@ -290,25 +331,36 @@ bool isWantedField(std::string_view name) {
     return form.fields.empty() || std::ranges::count(form.fields, name) > 0;
 }
 
+// Is asked for one field of a message after the other.
+struct FieldChoice {
+    const Subjects& subjects;
+    unsigned seen = 0;
+};
+
+bool isShown(void* context, std::string_view name) {
+    FieldChoice& choice = *static_cast<FieldChoice*>(context);
+    if (!choice.subjects.hasEnvelope && isOfEnvelope(name, choice.subjects, choice.seen))
+        return false;
+    return isWantedField(name);
+}
+
 pelmoStatus choosePositions(pelmoMsg* msg, const Subjects& subjects) {
     const pelmoStatus status = msgParse(msg);
     if (status != kStatusSuccess) return status;
-    unsigned seen = 0;
+    FieldChoice choice{subjects};
     form.positions.clear();
     for (uint32_t at = 0; at < msg->fieldCount; ++at) {
-        const std::string_view name = msgFieldName(msg, at);
-        if (!subjects.hasEnvelope && isOfEnvelope(name, subjects, seen)) continue;
-        if (isWantedField(name)) form.positions.push_back(at);
+        if (isShown(&choice, msgFieldName(msg, at))) form.positions.push_back(at);
     }
     return kStatusSuccess;
 }
 
 // The fields as `"fields":[...]}`, or why there are none.
-void addFields(pelmoMsg* msg, const Subjects& subjects) {
-    pelmoStatus status = choosePositions(msg, subjects);
-    if (status == kStatusSuccess) {
-        status = jsonWriteFields(form.writer, msg, form.positions, form.text);
-    }
+void addFields(const Reading& reading) {
+    FieldChoice choice{reading.subjects};
+    const bool isAll = reading.subjects.hasEnvelope && form.fields.empty();
+    const pelmoStatus status =
+        jsonWriteFields(reading.records, {isAll ? nullptr : isShown, &choice}, form.text);
     if (status == kStatusSuccess) return;
     textAdd(form.text, "\"fault\":\"", pelmoStatus_GetText(status), "\"}");
 }
@@ -324,22 +376,23 @@ std::string textOf(pelmoMsg* msg, const Subjects& subjects) {
     return status == kStatusSuccess ? text : "(corrupt)";
 }
 
-void showJson(const AssembledMessage& message, pelmoMsg* msg, const Subjects& subjects) {
+void showJson(const AssembledMessage& message, const Reading& reading) {
+    const auto& [subject, reply, hasEnvelope] = reading.subjects;
     addPlace(*message.packet);
     if (message.isRepeated) form.text += ",\"repeated\":true";
-    if (subjects.subject) jsonTextAdd(form.text, *subjects.subject, ",\"subject\":");
-    if (subjects.reply) jsonTextAdd(form.text, *subjects.reply, ",\"reply\":");
+    if (subject) jsonTextAdd(form.text, *subject, ",\"subject\":");
+    if (reply) jsonTextAdd(form.text, *reply, ",\"reply\":");
     form.text += ',';
-    addFields(msg, subjects);
+    addFields(reading);
     endLine();
 }
 
 // Line breaks and other control characters of texts are shown as \xNN, so that a line is a message.
-void showText(const AssembledMessage& message, pelmoMsg* msg, const Subjects& subjects) {
+void showText(const AssembledMessage& message, const Subjects& subjects) {
     addPlace(*message.packet);
     std::string whole(subjects.subject.value_or("-"));
     whole += ' ';
-    whole += textOf(msg, subjects);
+    whole += textOf(form.message.get(), subjects);
     std::string safe(whole.size() * 4 + 1, '\0');
     form.text += safeText(whole, safe.data(), safe.size());
     endLine();
@@ -385,18 +438,17 @@ void showIncomplete(const AssembledMessage& message) {
 void show(const AssembledMessage& message, void* /*context*/) {
     if (form.isFull || form.output.failed || !isWantedSender(*message.packet)) return;
     if (message.incomplete != Incomplete::kNo) return showIncomplete(message);
-    pelmoMsg* const msg = form.message.get();
-    if (msgTakeBytes(msg, message.bytes.data()) != kStatusSuccess) {
+    Reading reading;
+    if (!readMessage(message.bytes, reading)) {
         AssembledMessage wrong = message;
         wrong.incomplete = Incomplete::kNoMessage;
         return showIncomplete(wrong);
     }
-    const Subjects subjects = subjectsOf(msg);
-    if (!isWantedSubject(subjects)) return;
+    if (!isWantedSubject(reading.subjects)) return;
     if (form.asText) {
-        showText(message, msg, subjects);
+        showText(message, reading.subjects);
     } else {
-        showJson(message, msg, subjects);
+        showJson(message, reading);
     }
 }
 
@@ -439,7 +491,6 @@ bool end(bool /*isWhole*/) {
     if (!form.output.failed) drain();
     formOutputClose(form.output);
     form.message = nullptr;
-    form.writer.scratch = nullptr;
     sublistDestroy(form.patterns);
     form.patterns = nullptr;
     return !form.output.failed;
