@@ -103,7 +103,7 @@ class Messages(ProgramCase):
                 ("another life of the sender", [*whole[:3], "data seq=7 epoch=80000002 {<B>}"], [missing(2000, 6), {**after, "sequence": 7}]),
                 ("cut by the capture", [whole[0], part(6, 2, 1000, 2000, " cut=500"), whole[4]],
                  [missing(1000 + 440, 6, "cut_by_the_capture"), rest(size - 2000, 7)]),
-                ("cut within its header", ["data seq=7 {<B>} cut=50"], [{"incomplete": "cut_by_the_capture", "bytes": 0, "sequence": 7}]),
+                ("cut within its header", ["data seq=7 {<B>} cut=56"], [{"incomplete": "cut_by_the_capture", "bytes": 0, "sequence": 7}]),
                 ("cut after a message", ["data seq=7 {<B>}{<C>} cut=%d" % (60 + len(packets.Payload("{<B>}").parts()))],
                  [{**after, "sequence": 7}, {"incomplete": "cut_by_the_capture", "bytes": 0, "sequence": 7}]),
                 ("longer than its packet", ["data seq=7 " + LONG[:100].hex()], [missing(100, 7, "longer_than_its_packet")]),
