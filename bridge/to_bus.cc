@@ -386,6 +386,15 @@ void deliverKept(BridgeSide& side, const natsMsgList& list) {
     }
 }
 
+// libnats 3.4 takes messages of an earlier request that came late, asks for a whole batch besides,
+// and writes past the end of its list. A list of one can't overflow.
+int fetchNow(const BridgeSide& side, natsSubscription* consumer) {
+    int late = 0;
+    int bytes = 0;
+    const natsStatus status = natsSubscription_GetPending(consumer, &late, &bytes);
+    return status == NATS_OK && late == 0 ? side.fetchMessages : 1;
+}
+
 void consume(BridgeSide& side) {
     Bridge& bridge = *side.bridge;
     std::string onBus, onNats;
@@ -399,7 +408,7 @@ void consume(BridgeSide& side) {
             continue;
         }
         natsMsgList list = {};
-        const natsStatus status = natsSubscription_Fetch(&list, consumer, side.fetchMessages,
+        const natsStatus status = natsSubscription_Fetch(&list, consumer, fetchNow(side, consumer),
                                                          kFetchMilliseconds, nullptr);
         deliverKept(side, list);
         natsMsgList_Destroy(&list);
