@@ -4,7 +4,7 @@
 // meanwhile.
 //
 // All texts together are bounded too (bodyBytes, kMostBodyBytes): where they reach the bound, a
-// text that nobody reads makes room for the one that follows it, and if that isn't enough none is
+// text without a reader makes room for the one that follows it, and if that isn't enough none is
 // written before one is given back. Anyone who hands on intervals never waits for any of this.
 //
 // Threads: no lock; those of the server's thread.

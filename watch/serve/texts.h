@@ -5,7 +5,7 @@
 // the pages are compressed once. Answers about what is kept (histories, the source, health) are
 // each client's own.
 //
-// Ownership: what textsBegin is given is borrowed until textsEnd. Whoever gets a text holds its
+// Ownership: what textsBegin is given is borrowed until textsEnd. The one who gets a text holds its
 // body.
 //
 // Failure: an empty body where there is no memory for the text. Where a newer one can't be written,
