@@ -1,21 +1,6 @@
-// A run of the packet analysis for tests: a tree of statistics of its own, the log lines of the
-// run, and the whole tree as text. Tests compare all of it, so that a counter changed by mistake is
-// noticed.
-//
-// A line of the text is one record: its kind and key, "live" where it is marked, and its counters
-// in the order of their declaration; a host has its epoch, sequence number and reliability before
-// them. Records of a kind are in the order of their lines.
-//
-//     port 7500 live
-//      net 239.1.1.1 live
-//       host 10.0.0.1:7001 live 2147483649 1 0 1 59 0 0 0 0 0
-//       subject A.B live
-//        from 10.0.0.1:7001 live 1 59
-//       held 1 in 60
-//      rl 10.0.0.1:7001 live 0 0 1 0 3 0 0 0
-//      ptp 10.0.0.1:7001 live 0 0 0 0 0 0 0 0 0 0 1 0
-//
-// Only one run may exist at a time.
+// A run of the packet analysis for tests: statistics of its own, its log lines, and its reports, of
+// which tests compare all lines, so that a counter changed by mistake is noticed. Only one run may
+// exist at a time.
 
 #pragma once
 
@@ -42,6 +27,9 @@ class TraceRun : public NoCopy {
     // What was logged since the last call, without time stamps and program name.
     Lines logged();
 
+    // Takes a Snapshot: all tables with their hosts and host messages. Earlier log lines are gone.
+    Lines report();
+
   private:
     char* logText_ = nullptr;
     size_t logBytes_ = 0;
@@ -51,9 +39,6 @@ class TraceRun : public NoCopy {
 };
 
 void analyze(const std::vector<Bytes>& packets);
-
-// The lines that begin like that, all by default.
-Lines treeText(const std::string& begin = "");
 
 // Gives the frame to the handler; was it handed on? On the wire it was longer than anything.
 inline bool handleFrame(const Bytes& frame) {
@@ -97,23 +82,6 @@ struct SavingRun : testing::Test {
     std::string path;
 };
 
-// Capture files built byte by byte in libpcap's classic format, in either byte order.
-
-struct SavedFrame {
-    int32_t seconds;
-    uint32_t microseconds;
-    Bytes bytes;
-};
-
-struct CaptureStyle {
-    bool bigEndian = false;
-    bool nanoseconds = false;  // fractions of time stamps are nanoseconds
-    uint32_t snapshotBytes = 65535;
-    uint32_t linkType = 1;  // Ethernet
-};
-
+// In a capture file.
 constexpr size_t kCaptureHeadBytes = 24;
 constexpr size_t kRecordHeadBytes = 16;
-
-[[nodiscard]] std::string captureText(const std::vector<SavedFrame>& frames,
-                                      const CaptureStyle& style = {});

@@ -69,18 +69,6 @@ TEST(Faults, AreCountedByKindWhetherOrNotTheyAreLogged) {
     }
 }
 
-TEST(Faults, OfFramesCountThemAmongTheFrames) {
-    TraceRun run;
-    EXPECT_FALSE(handleFrame(Bytes(13)));
-    EXPECT_FALSE(handleFrame(Bytes(19)));
-    EXPECT_FALSE(handleFrame(patched(Bytes(33), 12, {8, 0})));
-    analyze({nullPacket({}, {})});
-    const SnapHeader& snapshot = *snapshotTake({});
-    EXPECT_EQ(kindsOf(snapshot), (Kinds{{"ethernet_header_cut", 1}, {"ip_header_cut", 2}}));
-    EXPECT_EQ(snapshot.frames, 4u);
-    EXPECT_EQ(snapshot.packets, 1u);
-}
-
 using Handle = void (*)(TimeSpec time, const uint8_t* ip, size_t length);
 
 std::vector<Bytes> packetsOfAllKinds() {
@@ -98,9 +86,9 @@ std::vector<Bytes> packetsOfAllKinds() {
     return packets;
 }
 
-// The tree after all of them, each a second after the one before, and the times of a fault. Of so
+// The report of all of them, each a second after the one before, and the times of a fault. Of so
 // many senders that packets may wait for their turn.
-Lines treeOf(Handle handle) {
+Lines reportOf(Handle handle) {
     TraceRun run(false);
     for (uint32_t sender = 0; sender <= 4096; ++sender)
         analyze({nullPacket({.srcIp = ipv4(10, 1, 0, 0) + sender}, {})});
@@ -110,22 +98,20 @@ Lines treeOf(Handle handle) {
         handle({seconds++, 7}, packet.data(), packet.size());
     }
     packetsSettle();
-    Lines tree = treeText();
-    const SnapHeader& snapshot = *snapshotTake({});
-    const FaultCount& count = snapshot.faults[static_cast<size_t>(Fault::kUdpChecksumMissing)];
     framePlace = {};
-    for (const uint64_t number :
-         {snapshot.frames, snapshot.packets, count.packets, count.first.place.number,
-          count.last.place.number, static_cast<uint64_t>(count.first.time.seconds),
-          static_cast<uint64_t>(count.last.time.seconds)})
-        tree.push_back(std::to_string(number));
-    return tree;
+    const FaultCount count = statistics.faults[static_cast<size_t>(Fault::kUdpChecksumMissing)];
+    Lines report = run.report();
+    for (const uint64_t number : {count.packets, count.first.place.number, count.last.place.number,
+                                  static_cast<uint64_t>(count.first.time.seconds),
+                                  static_cast<uint64_t>(count.last.time.seconds)})
+        report.push_back(std::to_string(number));
+    return report;
 }
 
 TEST(Packets, AreCountedAsIfNoneHadWaited) {
-    const Lines tree = treeOf(packetEnter);
-    EXPECT_EQ(tree, treeOf(classifyPacket));
-    EXPECT_EQ(Lines(tree.end() - 4, tree.end()), (Lines{"116", "201", "116", "201"}));
+    const Lines report = reportOf(packetEnter);
+    EXPECT_EQ(report, reportOf(classifyPacket));
+    EXPECT_EQ(Lines(report.end() - 4, report.end()), (Lines{"116", "201", "116", "201"}));
 }
 
 }  // namespace

@@ -30,19 +30,23 @@ struct ReportTest : testing::Test {
     TraceRun run;
 };
 
-// More than is written at once, and without any memory.
+// More than is written at once, and without any memory; of so many subjects that charges wait.
 TEST_F(ReportTest, PrintsLongReportsWhole) {
     std::vector<Bytes> packets;
     Lines expected = {"                          Multicast Subject Statistics",
                       "  Port   Address          SCid    Msgs     Bytes  Subject",
                       " -----   --------------- ----- ------- ---------  -------",
-                      "         Totals                   3000    441000"};
-    for (uint32_t i = 0; i < 3000; ++i) {
-        const std::string stem = std::string(120, 'e') + ".";
-        const Bytes subject = packedSubject(stem + std::to_string(12999 - i));
-        packets.push_back(dataPacket({.seq = i + 1}, message({subjectField(subject)})));
-        expected.push_back("  7500 * 239.1.1.1                   1       147  " + stem +
-                           std::to_string(10000 + i));
+                      "         Totals                   6000    882000"};
+    const std::string stem = std::string(120, 'e') + ".";
+    for (uint32_t i = 0; i < 6000; ++i) {
+        const Bytes subject = packedSubject(stem + std::to_string(12999 - i % 3000));
+        packets.push_back(dataPacket({.dstIp = ipv4(239, 1, 1, i % 2), .seq = i + 1},
+                                     message({subjectField(subject)})));
+    }
+    for (uint32_t net = 0; net < 2; ++net) {
+        for (uint32_t number = 10001 - net; number < 13000; number += 2)
+            expected.push_back("  7500 * 239.1.1." + std::to_string(net) +
+                               "                   2       294  " + stem + std::to_string(number));
     }
     expected.push_back("");
     analyze(packets);
