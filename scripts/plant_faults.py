@@ -192,7 +192,7 @@ def make_judges():
         [sys.executable, tests / "e2e" / "pmd_wire_test.py"], failed_case)
     judges["watch"] = program("watch")
     for name, programs in (("json", ["pelmoscope", "pelmowatch", "pelmogen"]), ("serve", ["pelmowatch", "pelmogen"]),
-                           ("captures", ["pelmowatch", "pelmogen"]), ("top", ["pelmowatch"]),
+                           ("captures", ["pelmowatch", "pelmogen", "pelmobus"]), ("top", ["pelmowatch"]),
                            ("report", ["pelmowatch", "pelmogen"]), ("messages", ["pelmowatch", "pelmogen"])):
         judges[name] = Judge(programs, [sys.executable, tests / "watch" / (name + "_test.py")], failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],

@@ -89,8 +89,9 @@ class Process:
 
     @staticmethod
     def before_start():
-        """A hang-up is no longer ignored, though the tests may run where it is."""
-        signal.signal(signal.SIGHUP, signal.SIG_DFL)
+        """These are no longer ignored, though the tests may run where they are."""
+        for number in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT):
+            signal.signal(number, signal.SIG_DFL)
         LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
 
     def status(self, seconds=PATIENCE_SECONDS):

@@ -229,7 +229,7 @@ class Captures(ProgramCase):
         (folder / "ring").mkdir(parents=True)
         (folder / "archive").mkdir()
         start = 1795010520  # 2026-11-18 14:02:00 UTC
-        mix = "--mix --rate 50 --hosts 9 --subjects 40 --services 0 --gaps 0.05 --seed".split()
+        mix = "--mix --rate 50 --hosts 9 --subjects 40 --services 0 --gaps 0.05 --types i32,f64,string --seed".split()
         for name, seed, count, begin in (("bus", 1, 6000, start), ("monday", 1, 3000, start - 2 * 86400),
                                          *((point, 1, 2000, start) for point in "abcde"),
                                          *(("ring/%d" % part, 1, 4500, start + 90 * part) for part in range(2)),
@@ -241,7 +241,7 @@ class Captures(ProgramCase):
         env = {**os.environ, "TZ": "UTC", "PATH": "%s:%s" % (binary(""), os.environ["PATH"])}
         self.assertEqual(len(commands), 10)
         for command in commands:
-            command = command.replace("pelmobus --daemon 127.0.0.1:7600 send --json --pace --prefix TEST.", "cat")
+            command = command.replace("--daemon 127.0.0.1:7600 send --json --pace", "--local send --json --pace --speed 1000")
             command = command.replace("PRICES.>", ">")  # what the generator has
             with self.subTest(command):
                 done = run("bash", "-o", "pipefail", "-c", command, cwd=folder, env=env)
@@ -250,6 +250,8 @@ class Captures(ProgramCase):
                     self.assertGreater((folder / command.rpartition(" ")[2]).stat().st_size, 100000)
                 elif "blind" in command:
                     self.assertIn(b"none of the bus: 1 IPv6", done.stderr)
+                elif "pelmobus" in command:
+                    self.assertRegex(done.stderr, rb"sent [1-9]\d+\n$")
                 else:
                     self.assertGreater(len(done.stdout.splitlines()), 4)
                     for line in done.stdout.splitlines()[:100]:

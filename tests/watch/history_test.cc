@@ -7,9 +7,7 @@
 
 #include "tests/support/fail_alloc.h"
 #include "tests/watch/snapshot_maker.h"
-#include "watch/core/text.h"
 #include "watch/serve/history_json.h"
-#include "watch/serve/route.h"
 
 namespace {
 
@@ -110,15 +108,6 @@ TEST_F(HistoryTest, TimesAreMilliseconds) {
     historyAppendTotals(totals, history, 0.001);
     EXPECT_TRUE(totals.text().starts_with(
         R"({"interval_seconds":0.001,"times":[0.250],"elapsed_seconds":[2],"series":{"frames":[7],"packets":[0])"));
-}
-
-TEST(SubjectFromSafeText, RefusesWhatNoSubjectHasAsItsText) {
-    uint8_t back[kSubjectMaxBytes] = {};
-    for (const std::string& text :
-         {std::string("\\"), std::string("A\\"), std::string("\\y41"), std::string("\\x4"),
-          std::string("\\x4g"), std::string("\\x+1"), std::string("A.\\x"), std::string(253, 'A'),
-          std::string(127, '.')})
-        EXPECT_FALSE(subjectFromSafeText(text, back)) << text;
 }
 
 }  // namespace

@@ -28,6 +28,10 @@ def sums(rows, *keys):
     return found
 
 
+def key_of(row):
+    return tuple(row[name] for name in ("table", "port", "group", "subject", "sender", "scid") if name in row)
+
+
 class Report(ProgramCase):
     @classmethod
     def setUpClass(cls):
@@ -91,23 +95,18 @@ class Report(ProgramCase):
     def test_a_comparison_has_the_numbers_of_both_captures(self):
         other = self.generate("other.pcap", *MIX, "--seed", "2", "--count", "9000")
         head, *rows = self.compare("-r", self.mix, "--against", other, "--all")
-        sides = {name: self.json_of(capture, "-u", 4000)[-1]["since_start"]
-                 for name, capture in (("before", other), ("now", self.mix))}
         wanted = {}
-        for name, whole in sides.items():
-            self.assertEqual(head[name]["messages"], whole["totals"]["subjects"]["messages"])
-            self.assertEqual(head[name]["begin_time"], whole["begin_time"])
-            published = [{**row, **sender} for row in whole["subjects"] for sender in row["senders"]]
-            for table, found, keys in (("subjects", whole["subjects"], ("port", "group", "subject")),
-                                       ("senders", published, ("sender", "scid")),
-                                       ("groups", whole["subjects"], ("port", "group"))):
-                for key, numbers in sums([{k: v for k, v in row.items() if k != "senders"} for row in found], *keys).items():
-                    wanted.setdefault((table, *key), {})[name] = numbers["messages"], numbers["message_bytes"]
+        for name, capture in (("before", other), ("now", self.mix)):
+            one = self.report(capture)
+            self.assertEqual(head[name]["messages"], one["totals"]["subjects"]["messages"])
+            self.assertEqual(head[name]["begin_time"], one["capture"]["begin_time"])
+            for table in ("subjects", "senders", "groups"):
+                for row in one["tables"][table]["rows"]:
+                    wanted.setdefault(key_of({"table": table, **row}), {})[name] = row["messages"], row["message_bytes"]
         found, changes = {}, {}
         for row in rows:
-            key = tuple(row[name] for name in ("table", "port", "group", "subject", "sender", "scid") if name in row)
             both = {name: row[name] for name in ("before", "now") if row[name]}
-            found[key] = {name: (side["messages"], side["message_bytes"]) for name, side in both.items()}
+            found[key_of(row)] = {name: (side["messages"], side["message_bytes"]) for name, side in both.items()}
             word = "same" if len(both) == 2 else "came" if "now" in both else "went"
             if len(both) == 2 and both["before"]["messages"] and both["now"]["messages"]:
                 ratio = max((math.log(both["now"][name] / both["before"][name])
@@ -117,9 +116,7 @@ class Report(ProgramCase):
             counts = changes.setdefault(row["table"], dict.fromkeys(("same", "came", "went", "grew", "shrank"), 0))
             counts[word] += 1
         self.assertEqual(head["changes"], changes)
-        self.assertEqual(wanted, {key: both for key, both in found.items() if key in wanted})
-        # What sends no message has a row too, of zeros.
-        self.assertEqual({number for key in found.keys() - wanted.keys() for side in found[key].values() for number in side} - {0}, set())
+        self.assertEqual(found, wanted)
         self.assertEqual(self.compare("-r", self.mix, "--against", other)[1:], [row for row in rows if row["change"] != "same"])
 
         data = self.report(self.mix, "--against", other)
@@ -127,8 +124,8 @@ class Report(ProgramCase):
                          {name: head[name] for name in head.keys() - {"table"}})
         self.assertEqual([{"table": table, **row} for table in ("subjects", "senders", "groups")
                           for row in data["comparison"][table]], rows)
-        without = self.report(self.mix)  # the first of two leaves nothing in the second
-        self.assertEqual({name: part for name, part in data.items() if name != "comparison"}, without)
+        del data["comparison"]
+        self.assertEqual(data, one)  # the first of two leaves nothing in the second
 
     def test_silence_is_drawn_as_such(self):
         times = [1700000000 + 0.5 * number for number in range(60)] + [1700003630.2 + 0.5 * number for number in range(60)]
@@ -138,7 +135,6 @@ class Report(ProgramCase):
         nulls = timeline["series"]["multicast"]["null_packets"]
         self.assertEqual(timeline["interval_seconds"], 2)
         self.assertEqual((sum(nulls), sum(nulls[:15]), sum(nulls[15:1815]), sum(nulls[1815:])), (120, 60, 0, 60))
-        self.assertEqual([timeline["times"][0], timeline["times"][-1]], [1700000002, 1700003659.7])
         self.assertEqual(timeline["elapsed_seconds"], [2] * 1829 + [1.7])
         self.assertEqual((data["capture"]["elapsed_seconds"], data["capture"]["skipped_seconds"]), (3659.7, 3600))
         data = self.report(self.capture_of("back.pcap", "at 1700000100", "null", "at 1700000100.5", "null",
@@ -183,10 +179,7 @@ class Report(ProgramCase):
             self.assertLessEqual(listed, {tuple(row[key] for key in keys) for row in pairs})
         self.assertLess(len(pairs), 20000)
         # More intervals than the page has points.
-        timeline = data["timeline"]
-        self.assertEqual(timeline["interval_seconds"], 2)
-        self.assertEqual(sum(timeline["series"]["subjects"]["messages"]), whole["totals"]["subjects"]["messages"])
-        self.assertEqual(timeline["times"], sorted(timeline["times"]))
+        self.assertEqual(sum(data["timeline"]["series"]["subjects"]["messages"]), whole["totals"]["subjects"]["messages"])
 
     def test_texts_of_the_bus_stay_texts(self):
         capture = self.capture_of("hostile.pcap", *messages(HOSTILE_SUBJECTS))
