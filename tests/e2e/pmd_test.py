@@ -17,7 +17,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
 from program_case import ProgramCase, Tool, binary, main, run, wait_until  # noqa: E402
 
-from bus_client import Client, Closed, data_message, free_port, message  # noqa: E402
+from bus_client import (AGREED, COUNTER, HELLO_BYTES, OFFER, Client, Closed, data_message, free_port,  # noqa: E402
+                        hello, message)
 from live_run import descriptors, resident_bytes  # noqa: E402
 
 PMD = binary("pmd")
@@ -77,6 +78,24 @@ class Pmd(ProgramCase):
                 self.assertTrue(daemon.log().rstrip("\n").endswith(words % where), daemon.log())
         self.refused(daemon)
         self.assertTrue(good.hears(good, "A"))
+
+    def test_comes_to_terms_with_a_client_or_refuses_it(self):
+        daemon = self.daemon()
+        good, agrees, offers = (0, 4, 1), hello(COUNTER), hello(OFFER)
+        no_terms = "its terms for the queue can't be kept"
+        for answer, frames, types, fault in (
+                ((0, 3, 0), [agrees], [OFFER, AGREED], ""),  # of the older version
+                (good, [hello(AGREED)], [OFFER, AGREED], ""), (good, [offers, agrees], [OFFER, COUNTER, AGREED], ""),
+                (good, [offers] * 8, [OFFER] + [COUNTER] * 8, "it doesn't come to terms for the queue"),
+                ((1, 4, 1), [], [], "its answer isn't one to the greeting"), ((0, 5, 1), [], [], "its version is unknown"),
+                (good, [hello(0)], [OFFER, 0], no_terms), (good, [hello(77)], [OFFER, 0], no_terms),
+                (good, [agrees[:7] + b"\3" + agrees[8:]], [OFFER, 0], no_terms)):
+            with self.subTest(answer=answer, types=types):
+                client = self.client(daemon, start=False)
+                client.exactly(12)
+                client.socket.sendall(struct.pack(">III", *answer) + b"".join(frames))
+                self.assertEqual([client.exactly(HELLO_BYTES)[3] for _ in types], types)
+                self.assertTrue(not fault or client.is_cut_off() and daemon.log().endswith(fault + "\n"), daemon.log())
 
     def test_waits_for_no_reader_of_its_log(self):
         port, (reader, writer) = free_port(), os.pipe()

@@ -89,7 +89,7 @@ def test_a_forked_child_leaves_the_library_alone_or_has_its_own(python, address)
     ends(python(PRELUDE + WORKERS, address))
 
 
-# Counts what 100,000 messages leave: blocks of memory, and references to what all share. Those of a debug
+# Counts what 20,000 messages leave: blocks of memory, and references to what all share. Those of a debug
 # interpreter's own count leave out what compiled code does. The first rounds fill caches.
 GROWTH = """
 import gc, pathlib
@@ -111,7 +111,7 @@ def size():
     shared = (None, True, (), '', b'', 0, 1, 7, 'n', 'x', pelmo.Message, pelmo.Field, dict, list, int, str)
     return sys.getallocatedblocks() + sum(map(sys.getrefcount, shared)), int(pathlib.Path('/proc/self/statm').read_text().split()[1]) * 4096
 s = bus.listen('A')
-rounds(10000)
+rounds(5000)
 before = size()
 rounds(int(sys.argv[2]))
 after = size()
@@ -124,6 +124,6 @@ print(after[0] - before[0], after[1] - before[1])
 def test_messages_leave_no_memory(interpreter, python, address):
     if not os.path.exists(interpreter):
         pytest.skip("there is no %s" % interpreter)
-    objects, resident = map(int, ends(python(GROWTH.replace("import gc", OPEN + "import gc", 1), address, "100000",
+    objects, resident = map(int, ends(python(GROWTH.replace("import gc", OPEN + "import gc", 1), address, "20000",
                                              interpreter=interpreter)).split())
-    assert objects < 500 and resident < 4 << 20
+    assert objects < 500 and resident < 2 << 20

@@ -100,31 +100,6 @@ pageTest("the page shows what the server says", open, async ({ page, table }) =>
     assert.equal((await rowTexts(table)).length, Object.keys(latest.faults).length);
 });
 
-pageTest("tables sort by a click and keep to a filter", open, async ({ page, table }) => {
-    await page.click("#tab-subjects");
-    const heading = table.getByRole("columnheader", { name: "Messages" });
-    const messages = async () => (await rowTexts(table)).map((row) => Number(row[3]));
-    await heading.getByRole("button").click();
-    assert.equal(await heading.getAttribute("aria-sort"), "descending");
-    const falling = await messages();
-    assert.deepEqual(falling, [...falling].sort((a, b) => b - a));
-    await heading.getByRole("button").click();
-    assert.equal(await heading.getAttribute("aria-sort"), "ascending");
-    assert.deepEqual(await messages(), [...falling].reverse());
-
-    const all = latest.subjects;
-    const [first] = all[0].subject.split(".");
-    await page.fill("#filter", `${first}.> :${all[0].port}`);
-    const fitting = all.filter(
-        (row) => row.port === all[0].port && row.subject.startsWith(`${first}.`));
-    assert.deepEqual(
-        (await rowTexts(table)).map((row) => row[0]).sort(),
-        fitting.map((row) => row.subject).sort());
-    assert.equal(await page.textContent("#fits"), `${fitting.length} of ${all.length}`);
-    await page.press("#filter", "Escape");
-    assert.equal((await rowTexts(table)).length, all.length);
-});
-
 pageTest("the keyboard reaches a row, opens it and comes back", open, async ({ page, table }) => {
     const focused = () =>
         page.evaluate(() => {
@@ -217,7 +192,7 @@ pageTest("200,000 subjects draw few rows, and markup stays text", openWithout, a
     assert.deepEqual((await names()).slice(0, 3), hostile);
     await page.fill("#filter", "CROWD.7.*");
     assert.equal(await page.textContent("#fits"), "4,000 of 200,000");
-    await page.fill("#filter", "");
+    await page.press("#filter", "Escape");
     await table.locator("table").press("End");
     assert.equal((await names()).at(-1), "CROWD.3.S3");
     assert.ok((await table.locator("tr").count()) < 100);
@@ -245,7 +220,7 @@ pageTest("columns of trouble are in sight at every width, beside the details too
         const host = snapshots[0][name][0];
         const { columns, hostColumns } = tables[name];
         const link = new URLSearchParams({ table: name, port: host.port, ...(host.group && { group: host.group }) });
-        for (const width of [768, 1024, 1280, 1366, 1440, 1600, 1920]) {
+        for (const width of [768, 1024, 1366, 1920]) {
             await page.setViewportSize({ width, height: 800 });
             await page.evaluate((hash) => (location.hash = hash), `${link}&zone=${width}`);
             await hosts.locator(".sums").first().waitFor();
@@ -261,7 +236,12 @@ pageTest("columns of trouble are in sight at every width, beside the details too
 pageTest("a link holds the view, and a reload keeps it", open, async ({ page, table }) => {
     await page.click("#tab-subjects");
     const heading = table.getByRole("columnheader", { name: "Messages" });
+    const messages = async () => (await rowTexts(table)).map((row) => Number(row[3]));
     await heading.getByRole("button").click();
+    const falling = await messages();
+    assert.deepEqual(falling, [...falling].sort((a, b) => b - a));
+    await heading.getByRole("button").click();
+    assert.deepEqual(await messages(), [...falling].reverse());
     await page.fill("#filter", "!nothing");
     await page.click("#rate");
     await table.locator("tbody tr:not(.space)").nth(2).click();
@@ -271,7 +251,7 @@ pageTest("a link holds the view, and a reload keeps it", open, async ({ page, ta
     await page.waitForFunction(() => location.hash.includes("&subject="));
     await page.reload();
     await table.locator("tbody tr:not(.space)").first().waitFor();
-    assert.equal(await heading.getAttribute("aria-sort"), "descending");
+    assert.equal(await heading.getAttribute("aria-sort"), "ascending");
     assert.equal(await page.inputValue("#filter"), "!nothing");
     assert.equal(await page.getAttribute("#rate", "aria-pressed"), "true");
     assert.equal(await page.textContent(".panel h2"), opened);
@@ -302,17 +282,6 @@ pageTest("a press opens what was pressed, and the order holds under the pointer"
     assert.notEqual(await page.textContent("#held"), "");
     await page.mouse.move(5, 5);
     assert.deepEqual(await names(), before);
-});
-
-pageTest("rows that fall silent stay for ten minutes", openWithout, async ({ page, table, tell }) => {
-    const tellAt = (minute) =>
-        tell("snapshot", { ...snapshots[0], multicast: [], time: `2023-11-14T22:${minute}:00.000000000Z` });
-    const rows = await rowTexts(table);
-    await tellAt(14);
-    assert.equal(await table.locator("tr.silent").count(), rows.length);
-    assert.deepEqual((await rowTexts(table)).map((row) => row.slice(2).join()).filter((text) => /[1-9]/.test(text)), []);
-    await tellAt(24);
-    assert.deepEqual(await rowTexts(table), []);
 });
 
 pageTest("the head says what is watched, and that it died", openWithout, async ({ page, tell }) => {

@@ -175,14 +175,9 @@ test("a large report opens, and markup stays text", async () => {
         messages: 1000 - i, message_bytes: 100000 - i,
     }));
     const sums = { messages: 9000000, message_bytes: 900000000 };
-    const times = Array.from({ length: 8640 }, (_, i) => 1700000000 + 10 * i);
-    const series = structuredClone(data.timeline.series);
-    for (const columns of Object.values(series))
-        for (const name of Object.keys(columns)) columns[name] = times.map((_, i) => i % 97);
     const { page, table, close } = await open({
         ...data,
         capture: { ...data.capture, files: [hostile], filter: hostile, is_whole: false },
-        timeline: { interval_seconds: 10, times, series },
         tables: { ...data.tables, subjects: { row_count: 200000, sums, rows } },
     });
     await table.locator("tbody tr:not(.space)").first().waitFor();
@@ -213,7 +208,7 @@ pageTest("columns of trouble are in sight at every width, and nothing is cut", o
     const { hostColumns } = tables.point_to_point;
     const sent = Object.fromEntries(Object.entries(data.tables.point_to_point.sums).map(
         ([key, sum]) => [key.replace(/_sent$/, ""), sum]));
-    for (const width of [768, 1024, 1280, 1366, 1440, 1600, 1920]) {
+    for (const width of [768, 1024, 1366, 1920]) {
         await page.setViewportSize({ width, height: 800 });
         assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth));
         await page.click("#tab-senders");
