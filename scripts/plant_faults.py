@@ -195,6 +195,8 @@ def make_judges():
                            ("captures", ["pelmowatch", "pelmogen", "pelmobus"]), ("top", ["pelmowatch"]),
                            ("report", ["pelmowatch", "pelmogen"]), ("messages", ["pelmowatch", "pelmogen"])):
         judges[name] = Judge(programs, [sys.executable, tests / "watch" / (name + "_test.py")], failed_case)
+    judges["watch live"] = Judge(["pelmowatch", "pelmogen"],
+                                 [sys.executable, tests / "watch" / "live_test.py"], failed_case)
     judges["tools"] = Judge(["pelmogen", "pelmoscope"],
                             ["ctest", "-R", "^tools[.]", "--output-on-failure"],
                             re.compile(r"\s+\d+ - (tools\S*) "))
@@ -219,12 +221,13 @@ def judges_of(judges, path):
     if parts[0] == "pmd":
         return [judges["pmd"], judges["pmd on the wire" if "oska" in parts[-1] else "pmd as a program"]]
     if parts[0] == "watch":
-        programs = {"core": ["json", "captures", "serve"], "capture": ["captures"], "compare": ["report"],
+        programs = {"core": ["json", "captures", "serve", "watch live"], "capture": ["captures"], "compare": ["report"],
                     "serve": ["serve"], "top": ["top"], "report": ["report"], "messages": ["messages"],
                     }.get(parts[1], ["json"])
         return [judges[name] for name in ["watch", *programs]]
     if parts[0] == "trace":
-        return [judges["cases"], judges["trace"], *([judges["live"]] if parts[1] == "run" else [])]
+        further = {"run": ["live"], "counts": ["json"], "packets": ["json"]}.get(parts[1], [])
+        return [judges[name] for name in ["cases", "trace", *further]]
     users = {"base": ["lib/msg", "lib/runtime", "trace"], "containers": ["lib/msg", "lib/runtime"],
              "pelmo": []}.get(parts[1], ["lib/pelmo"])
     return [judges[name] for name in ["/".join(parts[:2]), *users, "cases"]]

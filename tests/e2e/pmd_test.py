@@ -17,9 +17,10 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
 from program_case import ProgramCase, Tool, binary, main, run, wait_until  # noqa: E402
 
-from bus_client import (AGREED, COUNTER, HELLO_BYTES, OFFER, Client, Closed, data_message, free_port,  # noqa: E402
-                        hello, message)
+from bus_client import (AGREED, BOOL, COUNTER, HELLO_BYTES, OFFER, STRING, Client, Closed,  # noqa: E402
+                        data_message, free_port, hello, message, number, start_message, subject_field, text, value_of)
 from live_run import descriptors, resident_bytes  # noqa: E402
+from packets import field  # noqa: E402
 
 PMD = binary("pmd")
 START_SECONDS = 10
@@ -64,19 +65,29 @@ class Pmd(ProgramCase):
 
     def test_cuts_off_who_breaks_the_rules_and_nobody_else(self):
         daemon = self.daemon()
-        good = self.client(daemon, "A")
+        good, corrupt = self.client(daemon, "A"), "client %s (tester): it sent a message that is corrupt"
         for what, words in (
                 (b"GET / HTTP/1.0\r\n\r\n", "bad magic from %s"),
                 (HEAD.pack(0xffffffff, MAGIC), "message with invalid size from %s"),
-                (message(b"\7nonsense"), "client %s (tester): it sent a message that is corrupt"),
+                (message(b"\7nonsense"), corrupt), (message(b"\4sub"), corrupt),
+                (message(b"\4sub\0\2\x79\0\3\0"), corrupt),  # no elements
+                (message(b"\4sub\0\2\x79\0\x09\2\3A\0\x09B\0"), corrupt),
+                (message(text("mtype", "L")), "client %s (tester): its interest has no subject"),
+                (start_message(service="7501"), "client %s (tester): its start messages contradict each other"),
                 (HEAD.pack(0, 0), "")):  # a client that leaves in order
             client = self.client(daemon)
             where = "127.0.0.1:%d" % client.socket.getsockname()[1]
-            client.socket.sendall(what)
+            before = client.send("A", b"before")
+            client.socket.sendall(what + data_message("A", b"after"))
             self.assertTrue(client.is_cut_off(), what)
+            self.assertEqual(good.message(), before)
             if words:
                 self.assertTrue(daemon.log().rstrip("\n").endswith(words % where), daemon.log())
-        self.refused(daemon)
+        early = self.client(daemon, start=False)
+        early.shake_hands()
+        early.send("A")
+        self.assertTrue(early.is_cut_off())
+        self.assertTrue(daemon.log().endswith(": it sent a message before its start message\n"), daemon.log())
         self.assertTrue(good.hears(good, "A"))
 
     def test_comes_to_terms_with_a_client_or_refuses_it(self):
@@ -87,7 +98,8 @@ class Pmd(ProgramCase):
                 ((0, 3, 0), [agrees], [OFFER, AGREED], ""),  # of the older version
                 (good, [hello(AGREED)], [OFFER, AGREED], ""), (good, [offers, agrees], [OFFER, COUNTER, AGREED], ""),
                 (good, [offers] * 8, [OFFER] + [COUNTER] * 8, "it doesn't come to terms for the queue"),
-                ((1, 4, 1), [], [], "its answer isn't one to the greeting"), ((0, 5, 1), [], [], "its version is unknown"),
+                ((1, 4, 1), [], [], "its answer isn't one to the greeting"),
+                ((0, 5, 1), [], [], "its version is unknown"),
                 (good, [hello(0)], [OFFER, 0], no_terms), (good, [hello(77)], [OFFER, 0], no_terms),
                 (good, [agrees[:7] + b"\3" + agrees[8:]], [OFFER, 0], no_terms)):
             with self.subTest(answer=answer, types=types):
@@ -96,6 +108,75 @@ class Pmd(ProgramCase):
                 client.socket.sendall(struct.pack(">III", *answer) + b"".join(frames))
                 self.assertEqual([client.exactly(HELLO_BYTES)[3] for _ in types], types)
                 self.assertTrue(not fault or client.is_cut_off() and daemon.log().endswith(fault + "\n"), daemon.log())
+
+    def test_answers_a_start_message_or_says_why_not(self):
+        daemon = self.daemon()
+        owner, other = self.client(daemon, session="7F000001.U0001.G1"), self.client(daemon)
+        user, network, pid, long = text("userid", "tester"), text("network", ""), number("pid", 8), "x" * 300
+
+        def changed(old, new=b"", session=""):
+            return message(start_message(session)[8:].replace(old, new))
+
+        rows = [(start_message(service=long), 16), (changed(network, text("network", long)), 17),
+                # Another client's: the same from another process, its id with what the daemon gives out.
+                (changed(pid, number("pid", 9), owner.session), 91),
+                (start_message("7F000001.U0001." + other.session.rpartition(".")[2]), 91)]
+        rows += [(changed(part), 3) for part in (user, text("service", ""), network, number("vmin", 8), pid,
+                                                 field("rc", BOOL, b"\0"))]
+        rows += [(start_message(session), 3) for session in (
+            "x.y", "7F000001", "7F000001.", "7F000001.a..b", "7F000001.>", "7F000001.*", long, "7F000001.U0001",
+            "7F000001.U0001.G1.2", "7F000001.X0001.G1", "7F000001.U001.G1", "7F000001.U0001.G\n")]
+        for start, error in rows:
+            client = self.client(daemon, start=False)
+            client.shake_hands()
+            client.socket.sendall(start)
+            self.assertEqual(value_of(client.message(), "error"), struct.pack(">i", error), start)
+            self.assertTrue(client.is_cut_off())
+        # Back with its session it has its id again; one whose id is taken gets another.
+        owner.socket.sendall(HEAD.pack(0, 0))
+        self.assertTrue(owner.is_cut_off())
+        ids = [self.client(daemon, session=session).client_id
+               for session in ("", "7F000001.U0001.G7", "7F000001.U0001.G8", "7F000001.P0005.G9")]
+        self.assertEqual((ids[1], len({*ids, other.client_id})), (1, 5))
+        odd = self.client(daemon, start=False)
+        odd.shake_hands()
+        odd.socket.sendall(changed(user, field("userid", STRING, b"j\x1b[2J\noe\\\xff\0")))
+        reply = odd.message()
+        self.assertEqual([value_of(reply, name) for name in ("vmaj", "vmin", "vupd", "dtyp")],
+                         [*(struct.pack(">i", part) for part in (8, 5, 2)), b"PMD\0"])
+        odd.socket.sendall(message(b"\4sub"))
+        self.assertTrue(odd.is_cut_off())
+        self.assertIn("(j\\x1b[2J\\x0aoe\\x5c\\xff): it sent", daemon.log())
+
+    def test_echoes_and_hides_as_its_clients_ask(self):
+        daemon = self.daemon()
+        one, other = self.client(daemon, "X"), self.client(daemon, "X", echo=False)
+        hidden = self.client(daemon, "_PM.TEST.>")
+
+        def ask(client, letter, on):
+            data = field("data", BOOL, bytes([on]))
+            client.socket.sendall(message(text("mtype", "S"), text("control", letter), data))
+
+        self.assertTrue(one.hears(other, "X", b"first"))
+        ask(one, "E", False)
+        self.assertTrue(other.hears(one, "X", b"second"))
+        ask(other, "E", True)
+        self.assertTrue(other.hears(other, "X", b"third"))
+        self.assertEqual(one.message(), data_message("X", b"third"))
+        # Reserved subjects are a hidden client's.
+        ask(one, "C", True)
+        self.assertTrue(hidden.hears(one, "_PM.TEST.X"))
+        ask(one, "C", False)
+        one.send("_PM.TEST.X", b"refused")
+        # What has no meaning is ignored.
+        one.socket.sendall(message(text("mtype", "Q"), subject_field("X")) + message(text("mtype", "D")) + message())
+        ask(one, "?", True)
+        ask(one, "C", True)
+        self.assertTrue(hidden.hears(one, "_PM.TEST.X", b"again"))
+        hidden.listen("_PM.TEST.>", kind="C")
+        one.send("_PM.TEST.X")
+        hidden.listen("Y")
+        self.assertTrue(hidden.hears(one, "Y"))
 
     def test_waits_for_no_reader_of_its_log(self):
         port, (reader, writer) = free_port(), os.pipe()

@@ -1,5 +1,3 @@
-// The packetiser: numbers, lengths and parts of packets, and when a null packet is due.
-
 #include "pmd/oska_writer.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,3 @@
-// Pacing: a sender waits for a receiver that keeps up some pace, and for no other; who is above its
-// backlog is judged by what it takes.
-
 #include "pmd/pacing.h"
 
 #include <gtest/gtest.h>

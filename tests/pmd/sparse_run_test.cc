@@ -1,5 +1,3 @@
-// Runs that keep much memory: when they are copied, and what the copy is.
-
 #include "pmd/sparse_run.h"
 
 #include "lib/containers/dpa.h"

@@ -44,7 +44,8 @@ def tool_rows(snapshot):
             add(table, row, names, row["port"], row["group"], *(row[name] for name in ("subject",) if name in row))
             for sender in row.get("senders", (row,)):
                 add(table, sender, names, sender["sender"], sender["scid"])
-    for table, name, names in (("retrans", "retransmission", RETRANSMISSION), ("ptp", "point_to_point", POINT_TO_POINT)):
+    for table, name, names in (("retrans", "retransmission", RETRANSMISSION),
+                               ("ptp", "point_to_point", POINT_TO_POINT)):
         add(table, totals[name], names, "totals", suffix="_sent")
         shows = [each + "_sent" for each in names] + ["bad_packets_received"] * (table == "retrans")
         ports = {row["port"] for row in snapshot[name] if any(row[each] for each in shows)}
@@ -60,13 +61,10 @@ class Json(ProgramCase):
         super().setUpClass()
         cls.mix, cls.mix2 = (cls.generate("mix%d.pcap" % seed, *MIX, "--seed", str(seed)) for seed in (1, 2))
 
-    def lines(self, text):
-        return self.sound_lines(text, "pelmowatch")
-
     def read(self, capture, *options):
         done = run(WATCH, "json", "-r", capture, *options)
         self.assertEqual((done.returncode, done.stderr), (0, b""))
-        return self.lines(done.stdout)
+        return self.sound_lines(done.stdout, "pelmowatch")
 
     def test_every_number_is_the_tools(self):
         for capture in [*sorted((ROOT / "samples").glob("*.pcap")), self.mix, self.mix2]:
@@ -81,8 +79,8 @@ class Json(ProgramCase):
         self.assertEqual(tool.returncode, 0)
         wanted = [(report.time, report.elapsed, {row: number for row, number in report.rows.items() if number})
                   for report in read_reports(tool.stdout.decode())]
-        found = [(snapshot["time"][:19].replace("T", " "), float("%.1f" % snapshot["elapsed_seconds"]), tool_rows(snapshot))
-                 for snapshot in self.read(capture, "-u", interval, "--senders", *options)]
+        found = [(one["time"][:19].replace("T", " "), float("%.1f" % one["elapsed_seconds"]), tool_rows(one))
+                 for one in self.read(capture, "-u", interval, "--senders", *options)]
         self.assertEqual(len(found), len(wanted))
         for one, other in zip(found, wanted):
             self.assertEqual(one, other)
@@ -134,6 +132,21 @@ class Json(ProgramCase):
         self.assertNotIn("first_file", last["udp_checksum_missing"])
         self.assertEqual(last["udp_checksum_missing"]["words"], "no UDP checksum")
 
+    def test_each_kind_of_fault_is_counted_alone_and_once(self):
+        rows = {
+            "udp_header_cut": "null cut=27", "udp_length_too_large": "null ip@2=0014",
+            "udp_checksum_missing": "null ip@26=0000", "udp_checksum_invalid": "null ip@51=09",
+            "header_cut": "data says=24", "type_invalid": "type 2", "source_invalid": "null src=0.0.0.0",
+            "destination_invalid": "null dst=10.0.0.9", "destination_mismatch": "ptp dst=10.0.0.9 *1",
+            "length_invalid": "data bus@28=8000", "length_too_large": "data bus@28=0009",
+            "message_header_cut": "data *7", "message_magic_invalid": "data 0000000000000000",
+            "message_length_invalid": "data 000000079955eeaa", "message_length_too_large": "data 000000099955eeaa",
+            "message_field_invalid": "data {09}", "message_subject_invalid": "data {(sub:2:78)}"}
+        lines = ["at %.1f\n%s seq=%d" % (1700000000.5 + at, line, at + 1) for at, line in enumerate(rows.values())]
+        found = self.read(self.capture_of("kinds.pcap", "at 1700000000", "null", *lines), "-u", "1")
+        self.assertEqual([{kind: fault["packets"] for kind, fault in one["faults"].items()} for one in found],
+                         [{kind: 1} for kind in rows])
+
     def test_intervals_are_those_of_the_packets_own_times(self):
         lines = [word for second in (0, 9, 3605, 3606, 3612, 100, 103) for word in ("at %d" % (1700000000 + second), "null")]
         names = ("elapsed_seconds", "skipped_seconds", "clock_step_seconds", "packets")
@@ -143,7 +156,7 @@ class Json(ProgramCase):
     def test_texts_are_safe_and_what_no_number_holds_is_null(self):
         capture = self.capture_of("subjects.pcap", *messages(HOSTILE_SUBJECTS))
         text = run(WATCH, "json", "-r", capture).stdout
-        rows = self.lines(text)[0]["subjects"]
+        rows = self.sound_lines(text, "pelmowatch")[0]["subjects"]
         self.assertEqual(sorted(row["subject"] for row in rows), sorted(HOSTILE_SUBJECTS.values()))
         self.assertFalse([byte for byte in text if byte < 0x20 and byte != 0x0a or byte == 0x7f])
         for reliability, shown in (("0.5", 0.5), ("nan", None), ("inf", None), ("-inf", None)):

@@ -1,5 +1,3 @@
-// The file that frames are saved in: on a full disk, with large frames, and in its rotation.
-
 #include "trace/capture/capture_file.h"
 
 #include <fcntl.h>

@@ -73,7 +73,6 @@ TEST_F(ReportTest, KeepsItsLinesWhateverAllocationFails) {
     EXPECT_GT(failing, 5u);
 }
 
-// Ties, carries, numbers beside them, and any others.
 TEST(ReportFormat, ShowsNumbersAsPrintfDoes) {
     std::vector<double> values = {0.0,   -0.0,     0.05,        0.25,      0.75,  0.95,
                                   9.95,  99.95,    1e15,        0x1p53,    1e300, 1e-300,

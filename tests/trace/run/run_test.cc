@@ -129,8 +129,6 @@ TEST(OfflineRun, IntervalsOfAGridHoldThePacketsOfTheirOwnTimes) {
     EXPECT_EQ(intervalsOf(false, 10, {100, 3705, 3706}), "100-110 1, 110-120 1, 120-3706 1");
 }
 
-constexpr const char* kLists = "the filter of -addr, -src, -dst and -port";
-
 TEST(SettingsCheck, RefusesFiltersThatTakeTooLongToCompile) {
     TraceRun run;
     const auto repeated = [](const char* unit, int times) {
@@ -145,7 +143,7 @@ TEST(SettingsCheck, RefusesFiltersThatTakeTooLongToCompile) {
         const char* refused = nullptr;  // none: accepted
     } cases[] = {
         {"", 100},
-        {"", 10000, kLists},
+        {"", 10000, "the filter of -addr, -src, -dst and -port"},
         {repeated(" or (((((udp)))))", 200)},
         {repeated(" or host 10.0.0.1", 10000), 0, "-filter"},
         {"no filter at all" + std::string(2000, ' ')},  // libpcap refuses it later
