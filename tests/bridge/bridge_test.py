@@ -17,15 +17,13 @@ import signal
 import subprocess
 import sys
 import time
-import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-import program_case  # noqa: E402
-from program_case import ProgramCase, binary, run, wait_until  # noqa: E402
+from program_case import ROOT, ProgramCase, binary, main, run, wait_until  # noqa: E402
 
-from bus_client import Daemon  # noqa: E402
+from bus_client import free_port  # noqa: E402
 from live_run import Process  # noqa: E402
-from nats_client import NatsClient, NatsServer, cluster, free_port, have_server  # noqa: E402
+from nats_client import NatsClient, NatsServer, cluster, have_server  # noqa: E402
 
 
 class Bridge(Process):
@@ -68,9 +66,6 @@ class Bridge(Process):
 
 
 class BridgeCase(ProgramCase):
-    def daemon(self, **more):
-        return self.started(Daemon(binary("pmd"), **more))
-
     def server(self, name="n1", **more):
         return self.started(NatsServer(self.folder / self._testMethodName, name, **more))
 
@@ -262,12 +257,12 @@ class Keeping(BridgeCase):
         troubles = [(killed(server), True) for server in servers] + [
             (stalled(servers[0]), True), (killed(leader), True), (killed(two), False),
             (self.killed_with_what_it_took(second, two, listener), False)]
-        total = int(os.environ.get("PELMO_BRIDGE_MESSAGES", "21000"))
+        total = int(os.environ.get("PELMO_BRIDGE_MESSAGES", "10500"))
         count = total // len(troubles)
         for number, (trouble, goes_on) in enumerate(troubles):
             subject = "N.%d" % number
             sender = self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % first.port, "send", subject, "--count",
-                                str(count), "--rate", str(min(total / 14, 6000)), "--sequence", stderr=-3)
+                                str(count), "--rate", str(min(total / 7, 6000)), "--sequence", stderr=-3)
             self.all_arrive(listener, subject, 1)
             with trouble:
                 self.assertEqual(sender.status(240), 0)
@@ -328,7 +323,7 @@ def stalled(process):
 class Documents(BridgeCase):
     def set_up(self, title):
         """The bridges of one of the set-ups: (machine, words)."""
-        text = (program_case.ROOT / "docs" / "BRIDGE.md").read_text().replace("\\\n", " ")
+        text = (ROOT / "docs" / "BRIDGE.md").read_text().replace("\\\n", " ")
         part = text.split("**%s.**" % title)[1].split("\n**")[0].split("\n##")[0]
         for machine, words in re.findall(r"^ {4}(\w+)\$ +pelmobridge (.*)$", part, re.MULTILINE):
             yield machine, shlex.split(words)
@@ -498,4 +493,4 @@ if __name__ == "__main__":
     if not have_server():
         print("skipped: nats-server is missing (apt install nats-server)")
         sys.exit(77)
-    unittest.main()
+    main()

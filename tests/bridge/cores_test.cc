@@ -1,11 +1,10 @@
-// What the bridge decides: subjects, what waits and is repeated, who leads.
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <deque>
 #include <random>
 #include <set>
+#include <tuple>
 
 #include "bridge/body.h"
 #include "bridge/group.h"
@@ -33,19 +32,14 @@ TEST(BridgeSubjects, ComeBackAsTheyWereOrDontCross) {
 }
 
 TEST(BridgeSubjects, PatternsOverlapWhereASubjectFitsBoth) {
-    const struct {
-        const char* first;
-        const char* second;
-        bool overlap;
-    } rows[] = {{"A", "A", true},     {"A.B", "A", false},       {"A.*", "A.B", true},
-                {"A.*", "*.B", true}, {"A.>", "A", false},       {"A.>", "A.B.C", true},
-                {">", "A.B", true},   {"A.*.C", "A.B.D", false}, {"A.>", "B.>", false},
-                {"*.>", "A.B", true}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(subjectPatternsOverlap(row.first, row.second), row.overlap)
-            << row.first << " " << row.second;
-        EXPECT_EQ(subjectPatternsOverlap(row.second, row.first), row.overlap)
-            << row.first << " " << row.second;
+    const std::tuple<const char*, const char*, bool> rows[] = {
+        {"A", "A", true},     {"A.B", "A", false},       {"A.*", "A.B", true},
+        {"A.*", "*.B", true}, {"A.>", "A", false},       {"A.>", "A.B.C", true},
+        {">", "A.B", true},   {"A.*.C", "A.B.D", false}, {"A.>", "B.>", false},
+        {"*.>", "A.B", true}};
+    for (const auto& [first, second, overlap] : rows) {
+        EXPECT_EQ(subjectPatternsOverlap(first, second), overlap) << first << " " << second;
+        EXPECT_EQ(subjectPatternsOverlap(second, first), overlap) << first << " " << second;
     }
 }
 
@@ -150,10 +144,7 @@ TEST(Group, HasOneLeaderOfThoseThatHearEachOtherWithinSeconds) {
 }
 
 TEST(StreamAnswer, IsReadWhateverItSays) {
-    const struct {
-        const char* body;
-        StreamAnswer answer;
-    } rows[] = {
+    const std::pair<const char*, StreamAnswer> rows[] = {
         {R"({"stream":"S","seq":1})", StreamAnswer::kTaken},
         {R"({"stream":"S","seq":1,"duplicate":true})", StreamAnswer::kTaken},
         {R"({"error":{"code":503,"err_code":10077,"description":"full"}})", StreamAnswer::kPassing},
@@ -162,9 +153,9 @@ TEST(StreamAnswer, IsReadWhateverItSays) {
         {"[1]", StreamAnswer::kPassing},
         {"{", StreamAnswer::kPassing},
         {"", StreamAnswer::kPassing}};
-    for (const auto& row : rows) {
+    for (const auto& [body, answer] : rows) {
         std::string fault;
-        EXPECT_EQ(streamAnswerRead(row.body, false, fault), row.answer) << row.body;
+        EXPECT_EQ(streamAnswerRead(body, false, fault), answer) << body;
     }
 }
 

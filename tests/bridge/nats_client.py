@@ -11,6 +11,7 @@ import pathlib
 import socket
 import subprocess
 
+from bus_client import free_port
 from live_run import PATIENCE_SECONDS, Process, wait_until
 
 SERVER = "/usr/sbin/nats-server"
@@ -83,12 +84,6 @@ class NatsClient:
             to, _, _, body = self.receive()
             if to.startswith("TEST.ANSWERS."):
                 return json.loads(body) if body else {"error": "no answer"}
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 class NatsServer(Process):

@@ -1,5 +1,3 @@
-// What commands are made of: pace and latencies.
-
 #include "bus/measure.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,3 @@
-// What the command line's words come to: options, commands, fields, numbers and dates.
-
 #include <gtest/gtest.h>
 
 #include <deque>

@@ -1,5 +1,3 @@
-// Tables of options: what words come to, what is wrong with them, and the help.
-
 #include "programs/option_table.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,3 @@
-// What assembly keeps is bounded, and what goes for a bound is handed on.
-
 #include "watch/messages/assembly.h"
 
 #include <gtest/gtest.h>

@@ -23,13 +23,10 @@ def raw(text):
 
 
 class Messages(ProgramCase):
-    def lines(self, text):
-        return self.sound_lines(text, "pelmo-messages")
-
     def read(self, packet_lines, *options):
         done = run(WATCH, "messages", "-r", self.capture_of("packets", *packet_lines), *options)
         self.assertEqual((done.returncode, done.stderr), (0, b""))
-        return self.lines(done.stdout)
+        return self.sound_lines(done.stdout, "pelmo-messages")
 
     def test_a_line_has_place_time_subjects_and_fields(self):
         data = packets.Payload("{(x:11:0000002a)(sub:8:\"mine\"00)}").parts()
@@ -137,7 +134,8 @@ class Messages(ProgramCase):
 
     def test_a_mix_is_shown_whole(self):
         capture = self.generate("mix.pcap", *MIX, "--fragments", "0.05")
-        rows = self.lines(run(WATCH, "messages", "--repeats", "--point-to-point", "-r", capture).stdout)
+        text = run(WATCH, "messages", "--repeats", "--point-to-point", "-r", capture).stdout
+        rows = self.sound_lines(text, "pelmo-messages")
         self.assertGreater(sum("fields" in row for row in rows), 5000)
         for some in ("repeated", "incomplete", "point_to_point_bytes"):
             self.assertTrue(any(some in row for row in rows), some)

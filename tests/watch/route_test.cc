@@ -29,25 +29,6 @@ Route routed(RouteRequest request, const std::string& path, const char* host = "
     return route;
 }
 
-TEST(Route, KnowsItsPathsAndNothingElse) {
-    const std::pair<const char*, RouteKind> cases[] = {
-        {"/", RouteKind::kAsset},          {"/page.js", RouteKind::kAsset},
-        {"/metrics", RouteKind::kMetrics}, {"/snapshot.json", RouteKind::kSnapshot},
-        {"/events", RouteKind::kEvents},   {"/history.json", RouteKind::kHistoryOfTotals},
-        {"/healthz", RouteKind::kHealth},
-    };
-    for (const auto& [path, kind] : cases) {
-        EXPECT_EQ(routed({}, path, "localhost").kind, kind) << path;
-        EXPECT_EQ(routed({.method = "get"}, path).status, 405) << path;
-        EXPECT_EQ(routed({}, std::string(path) + "x").status, 404) << path;
-        EXPECT_EQ(routed({}, path, "evil.example").status, 403) << path;
-    }
-    EXPECT_EQ(routed({}, "/page.js").asset, &kAssets[1]);
-    EXPECT_EQ(routed({.method = "POST"}, "/nosuch").status, 404);
-    EXPECT_EQ(routed({}, "").status, 404);
-    EXPECT_EQ(routed({}, "/metrics", "BUS.example:1").kind, RouteKind::kMetrics);
-}
-
 TEST(Route, RefusesWhatOtherSitesPagesAskFor) {
     const struct {
         const char *path, *site, *mode, *destination, *origin;
@@ -257,7 +238,6 @@ TEST(ListenAddress, IsAnAddressAndAPort) {
     }
 }
 
-// None of another kind.
 Events snapshotOf(uint64_t number, const char* text) {
     Events events{};
     events.of[static_cast<size_t>(StreamEvent::kSnapshot)] = {textOf(text), number};

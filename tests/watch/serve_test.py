@@ -107,8 +107,6 @@ class Serve(ProgramCase):
     def lines_of_json(self, capture, *arguments):
         return run(WATCH, "json", "-r", capture, *arguments).stdout.splitlines(keepends=True)
 
-    # What is answered.
-
     def test_every_number_is_that_of_json(self):
         for capture in (ROOT / "samples/bus.pcap", self.mix):
             with self.subTest(capture=capture.name):
@@ -209,8 +207,6 @@ class Serve(ProgramCase):
                 {"table": "subjects", "port": 7500, "group": "239.1.1.1", "subject": text}))
             self.assertEqual(sum(history["series"]["messages"]), 1, text)
 
-    # How it answers.
-
     def test_statuses_and_headers(self):
         """Of all kinds of answers, also of those that the HTTP library makes."""
         server = self.serve(self.mix, "--host", "bus.example")
@@ -286,8 +282,6 @@ class Serve(ProgramCase):
             self.connect(server, b"GET /metrics HTTP/1.1\r\nHost: localhost\r\n")
             self.connect(server, GET % b"events")
             self.ends_at_signal(server, status)
-
-    # What is bounded.
 
     def test_series_are_chosen_by_patterns_and_expire(self):
         capture = self.capture_of("silent.pcap", *("at %d\ndata seq=%d {<%s>}" % (1700000000 + number, number, text) for

@@ -1,5 +1,3 @@
-// Keys and Snapshots in: which rows the model shows, in which order, and where the cursor is.
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
