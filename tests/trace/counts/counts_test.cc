@@ -1,5 +1,3 @@
-#include "trace/counts/snapshot.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -13,6 +11,7 @@
 #include "tests/support/trace_run.h"
 #include "trace/counts/charge.h"
 #include "trace/counts/host_status.h"
+#include "trace/counts/snapshot.h"
 #include "trace/counts/snapshot_storage.h"
 #include "trace/counts/snapshot_totals.h"
 #include "trace/counts/statistics.h"
