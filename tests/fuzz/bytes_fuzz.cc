@@ -13,8 +13,6 @@
 #include "lib/transport/circuit/circuit_handshake.h"
 #include "lib/transport/daemon/interest.h"
 #include "lib/transport/daemon/session.h"
-#include "lib/transport/daemon/specification.h"
-#include "lib/transport/ipq/hello.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/stream_run.h"
 
@@ -35,24 +33,6 @@ pelmoMsg* messageAround(Input fields) {
     require(msgCreateOverBuffer(&message, buffer, 0) == kStatusSuccess);
     bufferRelease(buffer);
     return message;
-}
-
-// A hello frame: the answer agrees to nothing above our own limits, and both sides come to an end
-// within a few frames.
-void tryHello(Input data) {
-    HelloFrame frame = {};
-    std::memcpy(frame.bytes, data.data(), std::min<size_t>(data.size(), kHelloBytes));
-    constexpr int kMostFrames = 4;
-    for (int frames = 0;; ++frames) {
-        require(frames < kMostFrames);
-        ipqHelloNegotiate(&frame);
-        const HelloTerms terms = helloRead(frame);
-        if (terms.type == kHelloRefused) return;
-        require(terms.type == kHelloAgreed || terms.type == kHelloCounter);
-        require(terms.version == kHelloVersion && terms.format == kHelloFormat);
-        require(terms.limitA <= kHelloMostBytes && terms.limitB <= kHelloMostBytes);
-        if (terms.type == kHelloAgreed) return;
-    }
 }
 
 // A session that has a name has inboxes of its own, and no others.
@@ -98,38 +78,6 @@ void tryStream(Input data) {
     require(expected.mostOver == 0);
     require(cutStream(stream, smallBuffer, kMostMessageBytes, false, random) == expected);
     require(cutStream(stream, kReadBufferBytes, kMostMessageBytes, true, random) == expected);
-}
-
-// Knows what begins with "k".
-bool findHost(const char* name, uint32_t* out) {
-    *out = 0x0100000a;
-    return name[0] == 'k';
-}
-
-bool findService(const char* name, const char*, uint16_t* out) {
-    *out = 0x4c1d;
-    return name[0] == 'k';
-}
-
-constexpr NameResolver kNames = {.host = findHost, .service = findService};
-
-void trySpecification(Input data) {
-    const std::string text(data.begin(), data.end());
-    DirectPort direct;
-    const pelmoStatus status = specificationDirectPort(&direct, text.c_str(), kNames);
-    const bool hasColon = std::strchr(text.c_str(), ':') != nullptr;
-    require(status != kStatusSuccess || direct.isWanted == hasColon);
-    require(hasColon || status == kStatusSuccess);
-
-    DaemonSpecification parsed;
-    if (specificationParse(&parsed, text.c_str()) != kStatusSuccess) return;
-    require(parsed.text[0] != '-' && std::strlen(parsed.host) <= kMostHostChars);
-    require(parsed.namesHost == (parsed.host[0] != 0));
-    require(parsed.port >= parsed.text && parsed.port <= parsed.text + std::strlen(parsed.text));
-    DaemonAddress where;
-    if (specificationResolve(&where, parsed, kNames) != kStatusSuccess) return;
-    require(where.port != 0);
-    require(parsed.namesHost || where.address == 0);
 }
 
 void checkOffer(pelmoMsg* message, CircuitEnd end) {
@@ -209,7 +157,7 @@ void tryCircuit(Input data) {
     }
 }
 
-constexpr void (*kReaders[])(Input) = {tryHello, tryReply, tryStream, trySpecification, tryCircuit};
+constexpr void (*kReaders[])(Input) = {tryReply, tryStream, tryCircuit};
 
 }  // namespace
 

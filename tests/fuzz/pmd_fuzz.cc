@@ -13,7 +13,7 @@
 #include "lib/containers/dpa.h"
 #include "lib/containers/hash.h"
 #include "lib/msg/message_internal.h"
-#include "lib/msg/message_typed.h"
+#include "lib/transport/daemon/session.h"
 #include "lib/transport/ipq/stream_cutter.h"
 #include "pmd/exchange.h"
 #include "pmd/oska_writer.h"
@@ -111,16 +111,9 @@ void take(Daemon& daemon, Connection& connection, MessageRun batch) {
 
 void startSession(Daemon& daemon, Connection& connection) {
     pelmoMsg* msg = nullptr;
-    require(pelmoMsg_Create(&msg) == kStatusSuccess);
+    const SessionStart start = {"u", "", "", "", 1, false, 0, nullptr, nullptr, true, false, -1.0};
+    require(sessionStartMessage(&msg, start) == kStatusSuccess);
     const HeldMessage held(msg);
-    for (const auto& [name, text] :
-         {std::pair("mtype", "I"), {"userid", "u"}, {"service", ""}, {"network", ""}}) {
-        require(pelmoMsg_AddString(msg, name, text, 0) == kStatusSuccess);
-    }
-    for (const char* name : {"vmaj", "vmin", "vupd", "pid"}) {
-        require(pelmoMsg_AddI32(msg, name, 1, 0) == kStatusSuccess);
-    }
-    require(pelmoMsg_AddBool(msg, "rc", 0, 0) == kStatusSuccess);
     msgFlush(msg);
     take(daemon, connection, {&msg, 1});
     require(peerHasStarted(&connection.peer));

@@ -67,34 +67,11 @@ const std::optional<std::string> kNames[] = {
     std::nullopt, "", "a", "b", "ab", "sub", "longer", std::string(kMaxNameChars, 'n')};
 constexpr uint32_t kIds = 12;
 
-// Some about the borders of the size classes, with their NUL.
-constexpr size_t kStringChars[] = {0,   1,   2,   7,   29,    60,    117,
-                                   118, 119, 120, 130, 29998, 29999, 30000};
-
-// Of a kind, by a random number.
-SharedValue (*const kSimpleValues[])(uint32_t number) = {
-    [](auto n) { return scalarValue(FIELD_I8, &pelmoFieldData::i8, static_cast<int8_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_I32, &pelmoFieldData::i32, static_cast<int32_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_I64, &pelmoFieldData::i64, -int64_t{n}); },
-    [](auto n) { return scalarValue(FIELD_U64, &pelmoFieldData::u64, uint64_t{n} << 20); },
-    [](auto n) { return scalarValue(FIELD_F64, &pelmoFieldData::f64, n / 8.0); },
-    [](auto n) { return dateTimeValue(int64_t{n} - (1 << 30), n % 1000000 * 1000); },
-    [](auto n) { return stringValue(std::string(kStringChars[n % std::size(kStringChars)], 's')); },
-    [](auto n) { return stringValue(std::string(n % 150, 's')); },
-    [](auto n) { return blockValue(FIELD_OPAQUE, patternBytes(n % 130, n)); },
-    [](auto n) { return arrayValue(FIELD_U8ARRAY, 1, patternBytes(1 + n % 150, n)); },
-    [](auto n) { return arrayValue(FIELD_I32ARRAY, 4, patternBytes(4 + n % 150 / 4 * 4, n)); },
-    [](auto n) {
-        return stringArrayValue({std::string(n % 70, 't'), "", "end"});
-    },
-    [](auto n) { return subjectValue((std::string(1 + n % 90, 's') + ".E").c_str()); },
-};
-constexpr uint32_t kSimpleKinds = std::size(kSimpleValues);
 constexpr uint32_t kKinds = kSimpleKinds + 2;  // messages and lists of them
 
 SharedValue randomValue(Random& random, uint32_t kind) {
     const auto number = static_cast<uint32_t>(random.engine());
-    if (kind < kSimpleKinds) return kSimpleValues[kind](number);
+    if (kind < kSimpleKinds) return simpleValue(kind, number);
     const Bytes image = imageOf({recordOf("x", 1, *randomValue(random, number % kSimpleKinds))});
     if (kind == kSimpleKinds) return messageValue(image);
     return messageArrayValue({image, imageOf(std::vector<Bytes>{}), image});

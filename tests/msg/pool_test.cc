@@ -4,9 +4,9 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <random>
 #include <set>
-#include <utility>
 
 #include "lib/base/lock.h"
 #include "lib/msg/buffer.h"
@@ -271,45 +271,32 @@ TEST(Pool, HoldsUnderEightThreads) {
     destroy(pool);
 }
 
-// Each byte shows its place.
-void fill(Buffer* buffer) {
-    for (uint32_t i = 0; i < buffer->size; ++i) {
-        buffer->data[i] = static_cast<uint8_t>(i * 7 + 1);
-    }
-}
-
-bool isFilled(Buffer* buffer, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i) {
-        if (buffer->data[i] != static_cast<uint8_t>(i * 7 + 1)) return false;
-    }
-    return true;
-}
-
 // Records come from the heap, or from pools with or without a cache; private pools have 20 records
 // with 100 inline bytes.
 void growAndShrink(ChunkPool* privatePool) {
-    for (const uint32_t asked : {0u, 1u, 31u, 32u, 33u, 100u, 101u, 70000u}) {
+    for (const uint32_t asked : {0u, 1u, 32u, 33u, 100u, 101u, 70000u}) {
         EXPECT_EQ(bufferBytesCounted(), 0u);
-        uint32_t size = asked == 0 ? 0 : std::max(asked, 32u);
         Buffer* buffer = bufferCreateFrom(privatePool, asked);
         ASSERT_NE(buffer, nullptr);
-        EXPECT_EQ(buffer->data == nullptr, size == 0);
-        EXPECT_EQ(buffer->size, size);
-        fill(buffer);
-        for (const int32_t change : {50, -20, 10000, -9990}) {
+        EXPECT_EQ(buffer->data == nullptr, asked == 0);
+        std::vector<uint8_t> model(asked == 0 ? 0 : std::max(asked, 32u));
+        std::ranges::copy(model, buffer->data);
+        for (const int32_t change : {0, 50, -20, 10000, -9990}) {
             ASSERT_EQ(bufferGrow(buffer, change), kStatusSuccess);
-            const uint32_t before = std::exchange(size, size + static_cast<uint32_t>(change));
-            EXPECT_EQ(buffer->size, size);
-            EXPECT_EQ(bufferBytesCounted(), size);
-            EXPECT_TRUE(isFilled(buffer, std::min(before, size)));
-            fill(buffer);
+            const size_t before = model.size();
+            model.resize(before + static_cast<size_t>(change));
+            EXPECT_EQ(buffer->size, model.size());
+            EXPECT_EQ(bufferBytesCounted(), model.size());
+            EXPECT_EQ(std::memcmp(buffer->data, model.data(), std::min(before, model.size())), 0);
+            std::iota(model.begin(), model.end(), static_cast<uint8_t>(change));
+            std::ranges::copy(model, buffer->data);
         }
-        const auto all = -static_cast<int32_t>(size);
+        const auto all = -static_cast<int32_t>(model.size());
         EXPECT_EQ(bufferGrow(buffer, all - 1), kStatusNoMemory);
-        EXPECT_EQ(buffer->size, size);
+        EXPECT_EQ(buffer->size, model.size());
         ASSERT_EQ(bufferGrow(buffer, all), kStatusSuccess);
         ASSERT_EQ(bufferGrow(buffer, 40), kStatusSuccess);
-        fill(buffer);
+        std::memset(buffer->data, 1, 40);
         bufferRelease(buffer);
     }
 }

@@ -84,6 +84,10 @@ template <typename Word>
 [[nodiscard]] SharedValue messageValue(Bytes image);
 [[nodiscard]] SharedValue messageArrayValue(std::vector<Bytes> images);
 
+// Of a kind below kSimpleKinds, by a random number: of most types, none of messages.
+inline constexpr uint32_t kSimpleKinds = 23;
+[[nodiscard]] SharedValue simpleValue(uint32_t kind, uint32_t number);
+
 // So many bytes, which differ for each length and each seed.
 [[nodiscard]] Bytes patternBytes(size_t sizeBytes, uint32_t seed);
 
