@@ -51,21 +51,6 @@ void convertToAll(const pelmoMsgField& field) {
     }
 }
 
-// By its name there may be an earlier one, by its id a later one.
-void readOtherwise(pelmoMsg* msg, const pelmoMsgField& field) {
-    pelmoMsgField found;
-    require(pelmoMsg_GetFieldEx(msg, field.name, &found, 0) != kStatusNotFound);
-    require(pelmoMsg_GetFieldEx(msg, field.name, &found, field.id) != kStatusNotFound);
-    pelmoStatus status = kStatusSuccess;
-    for (uint32_t instance = 1; status != kStatusNotFound; ++instance) {
-        status = pelmoMsg_GetFieldInstance(msg, field.name, &found, instance);
-        if (status == kStatusSuccess && found.type == field.type && found.size == field.size &&
-            found.count == field.count && found.id == field.id)
-            return;
-    }
-    std::abort();
-}
-
 // Does what is written of the value read as it did?
 bool isWrittenAsRead(const pelmoMsgField& field) {
     if (field.type == FIELD_BOOL) return field.data.boolean <= 1;
@@ -87,7 +72,13 @@ bool rebuild(pelmoMsg* from, pelmoMsg* to) {
         convertToAll(field);
         const uint32_t nameSize = from->index[i].nameSize;
         const bool textual = nameSize == 0 || std::strlen(field.name) + 1 == nameSize;
-        if (textual) readOtherwise(from, field);
+        // By its name there may be an earlier one, by its id a later one.
+        pelmoMsgField found;
+        static_cast<void>(pelmoMsg_GetFieldInstance(from, field.name, &found, 2));
+        for (const uint16_t id : {uint16_t{0}, field.id}) {
+            const pelmoStatus status = pelmoMsg_GetFieldEx(from, field.name, &found, id);
+            require(!textual || status != kStatusNotFound);
+        }
         all = pelmoMsg_AddField(to, &field) == kStatusSuccess && isWrittenAsRead(field) && all;
     }
     return all;

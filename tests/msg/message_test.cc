@@ -22,8 +22,8 @@ uint32_t countOf(pelmoMsg* msg) {
     return count;
 }
 
-pelmoMsgField dateOf(const char* name, uint16_t id, pelmoMsgDateTime time) {
-    return {.name = name, .size = 12, .data = {.dateTime = time}, .id = id, .type = FIELD_DATETIME};
+pelmoMsgField dateOf(pelmoMsgDateTime time, uint32_t size = 12) {
+    return {.size = size, .data = {.dateTime = time}, .type = FIELD_DATETIME};
 }
 
 // The message stays as it was.
@@ -40,6 +40,8 @@ TEST(Message, RefusesWhatCannotBeAddedOrUpdated) {
     const std::string tooLong = kLongestName + "n";
     const char* const broken[] = {"something longer than it was", nullptr};
     pelmoMsg* const messages[] = {msg.get()};
+    pelmoMsg* const inners[] = {inner.get()};
+    constexpr int64_t kTwoTo39 = int64_t{1} << 39;
     pelmoMsg* const noMessages[] = {nullptr};
     const pelmoMsgField number = fieldOf(FIELD_I32, 4, nullptr);
     const auto both = {pelmoMsg_AddField, pelmoMsg_UpdateField};
@@ -69,12 +71,25 @@ TEST(Message, RefusesWhatCannotBeAddedOrUpdated) {
         {"too large for an image", both, fieldOf(FIELD_OPAQUE, UINT32_MAX - 4, "x"),
          kStatusNoMemory},
         {"another type", update, named(number, "text", 0), kStatusInvalidType},
-        {"an id that isn't its own", update, dateOf("time", 8, late), kStatusIdConflict},
+        {"an id that isn't its own", update, named(dateOf(late), "time", 8), kStatusIdConflict},
         {"nothing at all", update, named(fieldOf(FIELD_NONE, 0, nullptr), "none", 0),
          kStatusInvalidSize},
         {"a null text", both, named(fieldOf(FIELD_STRINGARRAY, 0, broken, 2), "texts", 0),
          kStatusInvalidArgument},
-        {"a date with too many nanoseconds", both, dateOf("time", 0, late), kStatusInvalidArgument},
+        {"a date with too many nanoseconds", both, named(dateOf(late), "time", 0),
+         kStatusInvalidArgument},
+        {"a date too late", both, dateOf({kTwoTo39, 0}), kStatusInvalidArgument},
+        {"a date too early", both, dateOf({-kTwoTo39 - 1, 0}), kStatusInvalidArgument},
+        {"a date of 11 bytes", both, dateOf(now, 11), kStatusInvalidArgument},
+        {"a subject longer by its head", both, fieldOf(FIELD_SUBJECT, 3, "\0\4"),
+         kStatusInvalidArgument},
+        {"a subject of a byte", both, fieldOf(FIELD_SUBJECT, 1, "\0\4"), kStatusInvalidArgument},
+        {"a subject of no form", both, fieldOf(FIELD_SUBJECT, 4, "\0\4\1\1"),
+         kStatusInvalidArgument},
+        {"texts of less", both, fieldOf(FIELD_STRINGARRAY, 16, texts, 2), kStatusInvalidArgument},
+        {"texts of more", both, fieldOf(FIELD_STRINGARRAY, 18, texts, 2), kStatusInvalidArgument},
+        {"a message of more", both, fieldOf(FIELD_MSG, 9, inner.get()), kStatusInvalidArgument},
+        {"messages of more", both, fieldOf(FIELD_MSGARRAY, 13, inners), kStatusInvalidArgument},
         {"itself instead of another", update, named(fieldOf(FIELD_MSG, 0, msg.get()), "msg", 0),
          kStatusNotPermitted},
     };
@@ -83,6 +98,13 @@ TEST(Message, RefusesWhatCannotBeAddedOrUpdated) {
         for (const auto call : calls) {
             EXPECT_EQ(call(msg.get(), &field), status) << what;
             EXPECT_EQ(imageOf(msg.get()), image) << what;
+        }
+    }
+    for (uint8_t type = FIELD_I8; type < FIELD_XML; ++type) {
+        if (fieldEncoders[type] == nullptr || type == FIELD_NONE) continue;
+        for (const uint32_t size : {3u, 9u}) {
+            const pelmoMsgField wrong = fieldOf(type, size, texts);
+            EXPECT_EQ(pelmoMsg_AddField(msg.get(), &wrong), kStatusInvalidArgument) << +type;
         }
     }
     const auto room = static_cast<int32_t>(msg->capacity - msg->length);

@@ -88,36 +88,31 @@ std::shared_ptr<FieldValue> newValue(uint8_t type, size_t size, size_t count = 1
 constexpr size_t kStringChars[] = {0,   1,   2,   7,   29,    60,    117,
                                    118, 119, 120, 130, 29998, 29999, 30000};
 
+template <typename Value>
+Value someNumber(uint8_t type, uint32_t n) {
+    if (type == FIELD_BOOL) return static_cast<Value>(n % 2);
+    return static_cast<Value>(static_cast<int64_t>(n * 0x9e3779b97f4a7c15u));
+}
+
+#define PELMO_SCALAR(word, type, Value, size, member) \
+    [](auto n) { return scalarValue(type, &pelmoFieldData::member, someNumber<Value>(type, n)); },
+#define PELMO_ARRAY(word, type, Value, size) \
+    [](auto n) { return arrayValue(type, size, patternBytes((1 + n % 40) * size, n)); },
+
 // Of a kind, by a random number.
 SharedValue (*const kSimpleValues[])(uint32_t number) = {
-    [](auto n) { return scalarValue(FIELD_I8, &pelmoFieldData::i8, static_cast<int8_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_U8, &pelmoFieldData::u8, static_cast<uint8_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_I16, &pelmoFieldData::i16, static_cast<int16_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_U16, &pelmoFieldData::u16, static_cast<uint16_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_I32, &pelmoFieldData::i32, static_cast<int32_t>(n)); },
-    [](auto n) { return scalarValue(FIELD_U32, &pelmoFieldData::u32, uint32_t{n}); },
-    [](auto n) { return scalarValue(FIELD_I64, &pelmoFieldData::i64, -int64_t{n}); },
-    [](auto n) { return scalarValue(FIELD_U64, &pelmoFieldData::u64, uint64_t{n} << 20); },
-    [](auto n) { return scalarValue(FIELD_F32, &pelmoFieldData::f32, static_cast<float>(n) / 8); },
-    [](auto n) { return scalarValue(FIELD_F64, &pelmoFieldData::f64, n / -8.0); },
-    [](auto n) { return scalarValue(FIELD_BOOL, &pelmoFieldData::boolean, n % 2); },
-    [](auto n) { return scalarValue(FIELD_IPADDR32, &pelmoFieldData::ipAddr32, uint32_t{n}); },
-    [](auto n) {
-        return scalarValue(FIELD_IPPORT16, &pelmoFieldData::ipPort16, static_cast<uint16_t>(n));
-    },
     [](auto n) { return dateTimeValue((int64_t{n} - (1u << 31)) << 8, n % 1000000 * 1000); },
     [](auto n) { return stringValue(std::string(kStringChars[n % std::size(kStringChars)], 's')); },
     [](auto n) { return stringValue(std::string(n % 150, 's')); },
     [](auto n) { return blockValue(FIELD_OPAQUE, patternBytes(n % 130, n)); },
     [](auto n) { return arrayValue(FIELD_U8ARRAY, 1, patternBytes(1 + n % 150, n)); },
-    [](auto n) { return arrayValue(FIELD_I16ARRAY, 2, patternBytes(2 + n % 150 / 2 * 2, n)); },
-    [](auto n) { return arrayValue(FIELD_I32ARRAY, 4, patternBytes(4 + n % 150 / 4 * 4, n)); },
-    [](auto n) { return arrayValue(FIELD_F64ARRAY, 8, patternBytes(8 + n % 150 / 8 * 8, n)); },
     [](auto n) {
         return stringArrayValue({std::string(n % 70, 't'), "", "end"});
     },
     [](auto n) { return subjectValue((std::string(1 + n % 90, 's') + ".E").c_str()); },
-};
+    PELMO_SCALAR_FIELDS(PELMO_SCALAR) PELMO_NUMBER_ARRAY_FIELDS(PELMO_ARRAY)};
+#undef PELMO_SCALAR
+#undef PELMO_ARRAY
 static_assert(std::size(kSimpleValues) == kSimpleKinds);
 
 }  // namespace

@@ -85,7 +85,7 @@ template <typename Word>
 [[nodiscard]] SharedValue messageArrayValue(std::vector<Bytes> images);
 
 // Of a kind below kSimpleKinds, by a random number: of most types, none of messages.
-inline constexpr uint32_t kSimpleKinds = 23;
+inline constexpr uint32_t kSimpleKinds = 30;
 [[nodiscard]] SharedValue simpleValue(uint32_t kind, uint32_t number);
 
 // So many bytes, which differ for each length and each seed.

@@ -44,15 +44,11 @@ Bytes bytesOf(std::string_view text) {
 }
 
 Bytes joined(const std::vector<Bytes>& parts) {
-    size_t sizeBytes = 0;
-    for (const Bytes& part : parts) {
-        sizeBytes += part.size();
-    }
     Bytes all;
-    all.reserve(sizeBytes);
     for (const Bytes& part : parts) {
         all.insert(all.end(), part.begin(), part.end());
     }
+    all.shrink_to_fit();
     return all;
 }
 

@@ -4,7 +4,6 @@
 
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -15,6 +14,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <limits>
 #include <ostream>
 #include <random>
@@ -135,12 +135,8 @@ inline size_t objectCount() {
 }
 
 inline size_t entriesIn(const char* path) {
-    size_t count = 0;
-    DIR* const folder = opendir(path);
-    while (const dirent* entry = readdir(folder))
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    closedir(folder);
-    return count;
+    const std::filesystem::directory_iterator entries(path);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
 // Threads that run. One that was joined is listed for a moment longer, with PF_EXITING among the
