@@ -1,8 +1,6 @@
 // Circuits on the library's own threads: both ends at once, ends and closes against all that goes
 // on, a daemon beneath that takes nothing.
 
-#include <future>
-
 #include "lib/transport/circuit/circuit_internal.h"
 #include "tests/pelmo/daemon_fixture.h"
 #include "tests/support/circuit_fixture.h"
@@ -14,13 +12,20 @@ constexpr double kForGood = 20;  // seconds, more than any wait takes
 
 struct Circuits : DaemonFixture {};
 
+uint32_t acceptingCircuit(const char** subject = nullptr, uint32_t transport = kLocal) {
+    uint32_t circuit = kNoId;
+    const char* unused = nullptr;
+    EXPECT_EQ(vcCreateAccept(&circuit, subject != nullptr ? subject : &unused, transport),
+              kStatusSuccess);
+    return circuit;
+}
+
 // Made and connected by the work queue's own thread.
 struct LivePair {
-    uint32_t ends[2] = {kNoId, kNoId};
+    const char* subject = nullptr;
+    uint32_t ends[2] = {acceptingCircuit(&subject), kNoId};
 
     LivePair() {
-        const char* subject = nullptr;
-        EXPECT_EQ(vcCreateAccept(&ends[0], &subject, kLocal), kStatusSuccess);
         EXPECT_EQ(vcCreateConnect(&ends[1], subject, kLocal), kStatusSuccess);
         for (const uint32_t end : ends)
             EXPECT_EQ(vcWaitForConnection(end, kForGood), kStatusSuccess);
@@ -61,6 +66,10 @@ Message numbered(int32_t sender, int32_t number) {
     return message;
 }
 
+pelmoStatus sendNumber(uint32_t circuit) {
+    return pelmoTransport_Send(circuit, numbered(0, 0).get());
+}
+
 // Many senders at both ends, one by one and in batches, with heartbeats in between. The second time
 // others dispatch the work queue as well.
 void sendersKeepTheirOrder(int rounds) {
@@ -99,9 +108,8 @@ TEST_F(Circuits, EndWhileAllGoesOn) {
     const Leftovers before = leftovers();
     for (int round = 0; round < 30; ++round) {
         const LivePair pair;
-        uint32_t waiting = kNoId, event = kNoId;
-        const char* subject = nullptr;
-        ASSERT_EQ(vcCreateAccept(&waiting, &subject, kLocal), kStatusSuccess);
+        const uint32_t waiting = acceptingCircuit();
+        uint32_t event = kNoId;
         const auto destroy = [](uint32_t, pelmoMsg*, void* closure) {
             for (const uint32_t end : static_cast<const LivePair*>(closure)->ends)
                 pelmoTransport_Destroy(end);
@@ -114,12 +122,12 @@ TEST_F(Circuits, EndWhileAllGoesOn) {
         race(5, 1, [&](int thread, int) {
             if (thread == 4) {
                 (void)vcWaitForConnection(waiting, kForGood);  // the destroy wakes it
-                EXPECT_NE(pelmoTransport_Send(waiting, numbered(0, 0).get()), kStatusSuccess);
+                EXPECT_NE(sendNumber(waiting), kStatusSuccess);
                 return;
             }
             for (int i = 0; i < 50; ++i) {
                 vcTick(pair.ends[thread % 2]);
-                (void)pelmoTransport_Send(pair.ends[thread % 2], numbered(thread, i).get());
+                (void)sendNumber(pair.ends[thread % 2]);
             }
             if (thread < 2) pelmoTransport_Destroy(pair.ends[thread]);
             if (thread == 3) pelmoTransport_Destroy(waiting);
@@ -129,29 +137,23 @@ TEST_F(Circuits, EndWhileAllGoesOn) {
     EXPECT_EQ(leftoversOnceThey(before), before);
 
     const LivePair pair;
-    uint32_t waiting = kNoId;
-    const char* subject = nullptr;
-    ASSERT_EQ(vcCreateAccept(&waiting, &subject, kLocal), kStatusSuccess);
-    std::future<pelmoStatus> waits =
-        std::async(std::launch::async, [&] { return vcWaitForConnection(waiting, kForGood); });
-    std::thread sends([&] {
-        while (pelmoTransport_Send(pair.ends[0], numbered(0, 0).get()) == kStatusSuccess) {
+    const uint32_t waiting = acceptingCircuit();
+    race(3, 1, [&](int thread, int) {
+        if (thread == 0) (void)vcWaitForConnection(waiting, kForGood);
+        while (thread == 1 && sendNumber(pair.ends[0]) == kStatusSuccess) {
         }
+        if (thread != 2) return;
+        (void)poll(nullptr, 0, 5);
+        EXPECT_EQ(pelmo_Close(), kStatusSuccess);
     });
-    (void)poll(nullptr, 0, 5);
-    EXPECT_EQ(pelmo_Close(), kStatusSuccess);
-    sends.join();
     EXPECT_TRUE(noMemoryIsLost());
     open();
 }
 
-struct CircuitsOverADaemon : DaemonFixture {};
-
 // The handshake of a peer that doesn't exist: the daemon of these tests passes nothing on.
 uint32_t connectedCircuit(uint32_t transport) {
-    uint32_t circuit = kNoId;
     const char* subject = nullptr;
-    EXPECT_EQ(vcCreateAccept(&circuit, &subject, transport), kStatusSuccess);
+    const uint32_t circuit = acceptingCircuit(&subject, transport);
     const Message request =
         rawMessage(subject, "vct=vctc return=_INBOX.P.1.2.3 cmret=[_INBOX.P.1.2.3]");
     EXPECT_EQ(pelmoMsg_Detach(request.get()), kStatusNotPermitted);
@@ -162,35 +164,9 @@ uint32_t connectedCircuit(uint32_t transport) {
     return circuit;
 }
 
-// The numbers that the daemon saw, and the kind of the last message: "1 2 3 vctb" as {1, 2, 3},
-// "vctb".
-struct Numbers {
-    std::vector<uint64_t> all;
-    std::string lastKind;
-
-    explicit Numbers(const std::vector<Bytes>& images) {
-        for (const Bytes& image : images) {
-            const Message message = messageFrom(image);
-            const char* kind = nullptr;
-            uint64_t number = 0;
-            if (pelmoMsg_GetU64(message.get(), "vcq", &number, 0) != kStatusSuccess) continue;
-            EXPECT_EQ(pelmoMsg_GetString(message.get(), "vct", &kind, 0), kStatusSuccess);
-            all.push_back(number);
-            lastKind = kind;
-        }
-    }
-    // From 1 on, but for the last.
-    [[nodiscard]] bool areInOrder() const {
-        for (size_t i = 0; i + 1 < all.size(); ++i) {
-            if (all[i] != i + 1) return false;
-        }
-        return !all.empty();
-    }
-};
-
 // Neither ticks nor messages nor the end of the circuit wait for a sender that the daemon holds up;
 // nothing overtakes it, and the goodbye comes after it.
-TEST_F(CircuitsOverADaemon, WaitForNoSender) {
+TEST_F(Circuits, OverADaemonWaitForNoSender) {
     MisbehavingDaemon daemon({goodSession() + gate() + serve()});
     const Leftovers before = leftovers();
     ASSERT_EQ(create(daemon), kStatusSuccess);
@@ -209,31 +185,37 @@ TEST_F(CircuitsOverADaemon, WaitForNoSender) {
     sending.join();
     EXPECT_EQ(pelmoTransport_Destroy(underlying), kStatusSuccess);
     EXPECT_EQ(leftoversOnceThey(before), before);
-    const Numbers numbers(daemon.messages());
-    EXPECT_TRUE(numbers.areInOrder());
-    EXPECT_EQ(numbers.lastKind, "vctb");
-    EXPECT_EQ(numbers.all.back(), numbers.all.size() + 1);  // the peer finds a gap too
+    uint64_t count = 0;
+    std::string kind;
+    for (const Bytes& image : daemon.messages()) {
+        const Message message = messageFrom(image);
+        const char* text = nullptr;
+        uint64_t number = 0;
+        if (pelmoMsg_GetU64(message.get(), "vcq", &number, 0) != kStatusSuccess) continue;
+        EXPECT_EQ(pelmoMsg_GetString(message.get(), "vct", &text, 0), kStatusSuccess);
+        kind = text;
+        EXPECT_EQ(number, ++count + (kind == "vctb" ? 1 : 0));  // the peer finds a gap too
+    }
+    EXPECT_EQ(kind, "vctb");
 }
 
 // A daemon that dies: sends fail with the transport's own status, and the numbers that they used up
 // end the circuit at the peer; one that said nothing meanwhile goes on. The transport may end
 // first.
-TEST_F(CircuitsOverADaemon, OutliveABreakAndTheirTransport) {
+TEST_F(Circuits, OverADaemonOutliveABreakAndTheirTransport) {
     MisbehavingDaemon daemon({goodSession() + gate() + hangUp(), goodSession() + serve()});
     const Leftovers before = leftovers();
     ASSERT_EQ(create(daemon), kStatusSuccess);
     const CountingListener breaks(transport, kDisconnected);
     const uint32_t circuit = connectedCircuit(transport);
-    const Message message = numbered(0, 0);
-    EXPECT_EQ(pelmoTransport_Send(circuit, message.get()), kStatusSuccess);
+    EXPECT_EQ(sendNumber(circuit), kStatusSuccess);
     daemon.openGate();
     EXPECT_TRUE(breaks.await(1));
     EXPECT_TRUE(daemon.awaitConnections(2));
-    EXPECT_TRUE(
-        within(10, [&] { return pelmoTransport_Send(circuit, message.get()) == kStatusSuccess; }));
+    EXPECT_TRUE(within(10, [&] { return sendNumber(circuit) == kStatusSuccess; }));
     EXPECT_EQ(stateOf(circuit), CircuitState::kConnected);
     EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess);
-    EXPECT_EQ(pelmoTransport_Send(circuit, message.get()), kStatusInvalidTransport);
+    EXPECT_EQ(sendNumber(circuit), kStatusInvalidTransport);
     for (int tick = 0; tick < kMostSilentTicks; ++tick)
         vcTick(circuit);
     EXPECT_EQ(stateOf(circuit), CircuitState::kDisconnected);

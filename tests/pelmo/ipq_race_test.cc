@@ -1,30 +1,21 @@
 // Queues between the library's own threads.
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <functional>
 #include <optional>
-#include <thread>
 
-#include "lib/msg/message_internal.h"
 #include "lib/msg/message_typed.h"
 #include "lib/pelmo.h"
-#include "lib/runtime/fixed_ids_internal.h"
 #include "lib/transport/ipq/ipq_internal.h"
+#include "tests/runtime/event_stand.h"
 #include "tests/support/loopback_peer.h"
 #include "tests/support/message_values.h"
-#include "tests/support/test.h"
 
 namespace {
 
 // Numbers that came in, checked for their order as they come.
 struct Reader {
     std::atomic<uint64_t> next{1};
-    std::atomic<uint32_t> errors{0};
-    std::atomic<uint32_t> gone{0};
+    std::atomic<uint32_t> errors{0}, gone{0};
     std::function<void(Ipq*)> onBatch, onError;
 
     void await(uint64_t count) const {
@@ -55,10 +46,8 @@ struct Reader {
 
 // Two queues with a connection between them, which renew() makes.
 struct Queues : testing::Test {
-    Ipq* sender = nullptr;
-    Ipq* receiver = nullptr;
-    std::optional<Reader> fromSender;    // read by the receiver
-    std::optional<Reader> fromReceiver;  // read by the sender
+    Ipq *sender = nullptr, *receiver = nullptr;
+    std::optional<Reader> fromSender, fromReceiver;  // read by the other
 
     void SetUp() override { ASSERT_EQ(pelmo_Open(), kStatusSuccess); }
     void TearDown() override {
@@ -73,13 +62,7 @@ struct Queues : testing::Test {
         endPair();
         fromSender.emplace();
         fromReceiver.emplace();
-        connectPair();
-    }
-
-    void connectPair() {
-        Socket* server = nullptr;
-        Socket* client = nullptr;
-        Socket* accepted = nullptr;
+        Socket *server = nullptr, *client = nullptr, *accepted = nullptr;
         ASSERT_EQ(socketCreateServer(&server, 0, kFirstIoQueueId, false), kSocketDone);
         ASSERT_EQ(socketBind(server, kLoopbackHost, 0, false), kSocketDone);
         ASSERT_EQ(socketListen(server), kSocketDone);
@@ -115,26 +98,19 @@ Message padded(uint32_t size) {
 
 // A reader that stops now and then holds the sender back, and nothing is lost or doubled.
 struct Stalls : Queues {
-    Random random{std::mt19937(3)};
-    enum class Stall { kNone, kPaused, kEnd };
-    std::atomic<Stall> stalls{Stall::kNone};
-    static constexpr uint64_t kStallEvery = 5;
-
     void stallsWhileCarrying(uint64_t count, uint32_t (*size)(Random&)) {
+        constexpr uint32_t kStallEvery = 5, kMostBytes = 100'000;
+        Random random{std::mt19937(3)};
         renew();
         ASSERT_EQ(ipqSetBlockWhenFull(sender, true), kStatusSuccess);
         fromSender->onBatch = [this](Ipq* ipq) {
             if (fromSender->next.load() % kStallEvery != 0) return;
             EXPECT_EQ(ipqPauseReading(ipq), kStatusSuccess);
-            Stall none = Stall::kNone;  // after the pause, so that the resume is, too
-            if (stalls.compare_exchange_strong(none, Stall::kPaused)) stalls.notify_one();
         };
+        std::atomic<bool> over{false};
         std::thread resumer([&] {
-            for (stalls.wait(Stall::kNone); stalls != Stall::kEnd; stalls.wait(Stall::kNone)) {
-                Stall paused = Stall::kPaused;
-                stalls.compare_exchange_strong(paused, Stall::kNone);
+            for (; !over; (void)poll(nullptr, 0, 1))
                 EXPECT_EQ(ipqResume(receiver), kStatusSuccess);
-            }
         });
         uint64_t most = 0;
         for (uint64_t i = 0; i < count; ++i) {
@@ -144,36 +120,31 @@ struct Stalls : Queues {
             most = std::max(most, ipqBacklog(sender).bytes);
         }
         fromSender->await(count);
-        stalls = Stall::kEnd;
-        stalls.notify_one();
+        over = true;
         resumer.join();
-        EXPECT_LE(most, (16u << 20) + 2 * kMostPadBytes);
+        EXPECT_LE(most, (16u << 20) + 2 * kMostBytes);
     }
-    static constexpr uint32_t kMostPadBytes = 100'000;
 };
 
 TEST_F(Stalls, HoldAFastSenderBack) {
-    stallsWhileCarrying(4'000, [](Random& from) { return 1 + from() % 40'000; });
+    stallsWhileCarrying(4'000, [](Random& from) { return 1 + from.below(40'000); });
 }
 
 // Ten million messages: for scripts/test.sh --long.
 TEST_F(Stalls, DISABLED_CarryTenMillion) {
     stallsWhileCarrying(10'000'000, [](Random& from) {
-        const uint32_t most[] = {100, 100, 100, 300, 3'000, 300, 100, kMostPadBytes};
-        return 1 + from() % most[from() % 64 == 0 ? 7 : from() % 7];
+        const uint32_t most[] = {100, 100, 100, 300, 3'000, 300, 100, 100'000};
+        return 1 + from.below(most[from.oneIn(64) ? 7 : from.below(7)]);
     });
 }
 
 TEST_F(Queues, WakeWritersThatWait) {
-    constexpr uint32_t kLimit = 1'000'000;
-    constexpr uint32_t kBytes = 100'000;
-    constexpr uint32_t kWriters = 3;
-    struct Case {
+    constexpr uint32_t kLimit = 1'000'000, kBytes = 100'000, kWriters = 3;
+    const struct {
         const char* end;
         std::function<void()> act;
         pelmoStatus status;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"room", [&] { EXPECT_EQ(ipqResume(receiver), kStatusSuccess); }, kStatusSuccess},
         {"will", [&] { EXPECT_EQ(ipqSetBlockWhenFull(sender, false), kStatusSuccess); },
          kStatusSuccess},
@@ -183,7 +154,7 @@ TEST_F(Queues, WakeWritersThatWait) {
         {"interrupt", [&] { ipqInterrupt(sender); }, kStatusInvalidIoSource},
         {"peer", [&] { end(receiver, *fromSender); }, kStatusInvalidIoSource},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         renew();
         ASSERT_EQ(ipqPauseReading(receiver), kStatusSuccess);
         ASSERT_EQ(ipqSetBlockWhenFull(sender, true), kStatusSuccess);
@@ -230,8 +201,7 @@ TEST_F(Queues, HandlersNeverWait) {
     fromReceiver->await(1);
 
     // Nor does a callback of the application on the IO queue.
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const SocketPair pair;
     const auto answer = [](uint32_t event, pelmoMsg*, void* closure) {
         pelmoEvent_DestroyEx(event, nullptr);
         auto& ipq = *static_cast<std::atomic<Ipq*>*>(closure);
@@ -240,38 +210,36 @@ TEST_F(Queues, HandlersNeverWait) {
     };
     uint32_t event = kNoId;
     std::atomic<Ipq*> answering{sender};
-    ASSERT_EQ(pelmoEvent_CreateIO(&event, kFirstIoQueueId, answer, ends[0], kIoRead, &answering),
-              kStatusSuccess);
-    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    ASSERT_EQ(
+        pelmoEvent_CreateIO(&event, kFirstIoQueueId, answer, pair.ends[0], kIoRead, &answering),
+        kStatusSuccess);
+    pair.ready();
     EXPECT_TRUE(within(10, [&] { return answering == nullptr; }));
     ASSERT_EQ(ipqResume(receiver), kStatusSuccess);
     fromSender->await(kAnswers + 1);
-    close(ends[0]);
-    close(ends[1]);
 }
 
 // What several threads may do with a queue, until it answers that it has ended.
 void useUntilEnd(Ipq* ipq, uint32_t seed) {
     Random random{std::mt19937(seed)};
-    const Message small = padded(50);
-    const Message large = padded(30'000);
+    const Message small = padded(50), large = padded(30'000);
     pelmoMsg* const both[] = {small.get(), large.get()};
     for (pelmoStatus status = kStatusSuccess; status == kStatusSuccess;) {
-        switch (random() % 6) {
+        switch (random.below(6)) {
             case 0:
                 (void)ipqHold(ipq);
                 (void)ipqSend(ipq, small.get(), true);
                 status = ipqFlush(ipq);
                 break;
             case 1:
-                status = ipqSendVector(ipq, both, random() % 2 == 0);
+                status = ipqSendVector(ipq, both, random.oneIn(2));
                 break;
             case 2:
                 (void)ipqPauseReading(ipq);
                 status = ipqResume(ipq);
                 break;
             default:
-                status = ipqSend(ipq, random() % 4 == 0 ? large.get() : small.get(), false);
+                status = ipqSend(ipq, random.oneIn(4) ? large.get() : small.get(), false);
         }
     }
 }

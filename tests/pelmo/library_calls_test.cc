@@ -28,32 +28,21 @@ struct OpenLibrary : NoCopy {
     uint32_t queue = kNoId;
 };
 
-// Within the callback, also where it dispatches on and another callback asks.
-TEST(DestroyWait, RefusesWithinTheCallbackAndLeavesTheEvent) {
-    const OpenLibrary library;
-    std::vector<pelmoStatus> statuses;
-    TestListener outer(library.queue, "A"), inner(library.queue, "B");
-    inner.onMessage = [&](pelmoMsg*) { statuses.push_back(pelmoEvent_DestroyWait(outer.event)); };
-    outer.onMessage = [&](pelmoMsg*) {
-        statuses.push_back(pelmoEvent_DestroyWait(outer.event));
-        EXPECT_EQ(sendText(kLocal, "B"), kStatusSuccess);
-        EXPECT_EQ(library.dispatch(0), kStatusSuccess);
-    };
-    EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
-    EXPECT_EQ(library.dispatch(0), kStatusSuccess);
-    EXPECT_EQ(statuses, (std::vector{kStatusNotPermitted + 0, kStatusNotPermitted + 0}));
-    for (const TestListener* each : {&outer, &inner})
-        EXPECT_EQ(pelmoEvent_DestroyWait(each->event), kStatusSuccess);
-}
-
-// The callback destroys its own event and runs on; another thread, which comes late, waits for it.
-TEST(DestroyWait, WaitsForTheLastCallbackOfAnEventThatIsGone) {
+// Not within the callback, also where it dispatches on and another callback asks. Here it destroys
+// its own event and runs on; another thread, which comes late, waits for it.
+TEST(DestroyWait, WaitsForTheLastCallbackAndRefusesWithinIt) {
     const OpenLibrary library;
     std::atomic<bool> gone{false}, asks{false}, over{false};
-    TestListener listener(library.queue, "A");
-    listener.onMessage = [&](pelmoMsg*) {
-        EXPECT_EQ(pelmoEvent_DestroyEx(listener.event, nullptr), kStatusSuccess);
-        EXPECT_EQ(pelmoEvent_DestroyWait(listener.event), kStatusNotPermitted);
+    TestListener outer(library.queue, "A"), inner(library.queue, "B");
+    inner.onMessage = [&](pelmoMsg*) {
+        EXPECT_EQ(pelmoEvent_DestroyWait(outer.event), kStatusNotPermitted);
+    };
+    outer.onMessage = [&](pelmoMsg*) {
+        EXPECT_EQ(pelmoEvent_DestroyWait(outer.event), kStatusNotPermitted);
+        EXPECT_EQ(sendText(kLocal, "B"), kStatusSuccess);
+        EXPECT_EQ(library.dispatch(0), kStatusSuccess);
+        EXPECT_EQ(pelmoEvent_DestroyEx(outer.event, nullptr), kStatusSuccess);
+        EXPECT_EQ(pelmoEvent_DestroyWait(outer.event), kStatusNotPermitted);
         gone = true;
         while (!asks)
             std::this_thread::yield();
@@ -65,13 +54,14 @@ TEST(DestroyWait, WaitsForTheLastCallbackOfAnEventThatIsGone) {
         while (!gone)
             std::this_thread::yield();
         asks = true;
-        EXPECT_EQ(pelmoEvent_DestroyWait(listener.event), kStatusInvalidEvent);
+        EXPECT_EQ(pelmoEvent_DestroyWait(outer.event), kStatusInvalidEvent);
         EXPECT_TRUE(over);
     });
     EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
     EXPECT_EQ(library.dispatch(0), kStatusSuccess);
     late.join();
-    EXPECT_EQ(pelmoEvent_DestroyWait(listener.event), kStatusInvalidEvent);
+    EXPECT_EQ(inner.texts.size(), 1u);
+    EXPECT_EQ(pelmoEvent_DestroyWait(inner.event), kStatusSuccess);
 }
 
 TEST(Completions, RunAfterTheCloseWhereACallbackWasRunning) {
@@ -110,8 +100,7 @@ void onSignal(int) {
 // Each kind of wait: before the wake and during it, by a call and from a signal handler.
 TEST(Wake, EndsEveryKindOfWait) {
     const OpenLibrary library;
-    uint32_t group = kNoId;
-    uint32_t polled = kNoId;
+    uint32_t group = kNoId, polled = kNoId;
     ASSERT_EQ(pelmoQueueGroup_Create(&group), kStatusSuccess);
     ASSERT_EQ(pelmoQueueGroup_Add(group, library.queue), kStatusSuccess);
     ASSERT_EQ(pelmoQueue_CreateSynchronous(&polled), kStatusSuccess);
@@ -127,7 +116,7 @@ TEST(Wake, EndsEveryKindOfWait) {
          pelmoQueueGroup_Wake},
         {polled, [&](double s) { return pelmoQueue_Poll(polled, &msg, s); }, pelmoQueue_Wake},
     };
-    ASSERT_NE(std::signal(SIGUSR1, onSignal), SIG_ERR);
+    std::signal(SIGUSR1, onSignal);
     for (const auto& [id, wait, wake] : waits) {
         EXPECT_EQ(wake(id), kStatusSuccess);
         EXPECT_EQ(wait(-1), kStatusInterrupted) << "before";
@@ -151,14 +140,14 @@ TEST(Wake, EndsEveryKindOfWait) {
         while (wait(0.05) == kStatusInterrupted) {
         }
         wokenBySignal = id;
-        ASSERT_EQ(std::raise(SIGUSR1), 0);
+        std::raise(SIGUSR1);
         EXPECT_EQ(wait(-1), kStatusInterrupted) << "by a signal";
     }
     // More ids at once than there is room for, and one of no object: all are woken.
     for (uint32_t id = 1'000'000; id < 1'000'100; ++id)
         EXPECT_EQ(pelmoQueue_Wake(id), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_Wake(library.queue), kStatusSuccess);
-    EXPECT_EQ(pelmoQueue_TimedDispatch(library.queue, kLong), kStatusInterrupted);
+    EXPECT_EQ(library.dispatch(), kStatusInterrupted);
 }
 
 // Entries come first, and a dispatcher isn't ended by a wake.
@@ -210,26 +199,18 @@ struct Requests : OpenLibrary {
             ASSERT_EQ(dispatch(), kStatusSuccess);
     }
 
-    // The request is an event, or its listener and its timer are.
-    bool isAlive() const {
-        uint32_t kind = 0;
-        for (uint32_t id = request; id < request + 4; ++id)
-            if (pelmoEvent_GetType(id, &kind) == kStatusSuccess) return true;
-        return false;
-    }
-
     TestListener server{queue, "ECHO"};
     Texts answers;
-    uint32_t request = kNoId;
-    uint32_t last = kNoId;
+    uint32_t request = kNoId, last = kNoId;
 };
 
 TEST(AsyncRequest, GivesTheFirstReplyOrNoneInTime) {
     Requests of;
+    const size_t objects = objectCount();
     EXPECT_EQ(of.ask("ECHO", kLong), kStatusSuccess);
     of.run(1);
     EXPECT_EQ(of.last, of.request);
-    EXPECT_FALSE(of.isAlive());
+    EXPECT_EQ(objectCount(), objects);
     for (const double limit : {0.0, 0.01}) {
         EXPECT_EQ(of.ask("NONE", limit), kStatusSuccess);
         of.run(of.answers.size() + 1);
@@ -243,9 +224,10 @@ TEST(AsyncRequest, GivesTheFirstReplyOrNoneInTime) {
 
 TEST(AsyncRequest, IsCancelledByItsDestroyAndRefusesWhatCantBeSent) {
     Requests of;
+    const size_t objects = objectCount();
     EXPECT_EQ(of.ask("NONE", 0.01), kStatusSuccess);
     EXPECT_EQ(pelmoEvent_DestroyWait(of.request), kStatusSuccess);
-    EXPECT_FALSE(of.isAlive());
+    EXPECT_EQ(objectCount(), objects);
     EXPECT_EQ(of.dispatch(0.05), kStatusTimeout);
     of.request = 0;
     EXPECT_EQ(of.ask("_PM.A", kLong), kStatusInvalidSubject);
@@ -277,16 +259,12 @@ TEST(AsyncRequest, IsEndedWhateverBecomesOfQueueAndTransport) {
 // set.
 TEST(LogHook, GetsEachLineThatIsDue) {
     Texts lines;
-    const auto keep = [](const char* line, void* closure) {
-        static_cast<Texts*>(closure)->emplace_back(line);
-    };
-    pelmo_SetLogHook(keep, &lines);
+    pelmo_SetLogHook(
+        [](const char* line, void* to) { static_cast<Texts*>(to)->emplace_back(line); }, &lines);
     {
         const OpenLibrary library;
-        for (int i = 0; i < 500; ++i) {
-            EXPECT_EQ(pelmoTransport_SendAdvisory(kLocal, "WARN", "TEST", "ONE", nullptr),
-                      kStatusSuccess);
-        }
+        for (int i = 0; i < 500; ++i)
+            (void)pelmoTransport_SendAdvisory(kLocal, "WARN", "TEST", "ONE", nullptr);
     }
     pelmo_SetLogHook(nullptr, nullptr);
     ASSERT_TRUE(!lines.empty() && lines.size() < 100) << lines.size();
@@ -308,6 +286,11 @@ std::string readExactly(pelmoStatus (*get)(const pelmoMsg*, const char*, Value*,
     return text;
 }
 
+template <typename... Getter>
+std::string readAsEach(const pelmoMsg* msg, Getter... getter) {
+    return ((readExactly(getter, msg) + " ") + ...);
+}
+
 // For each value the types that hold it, and what they read; "-" where it doesn't fit.
 TEST(ExactReads, RefuseWhatDoesntFit) {
     const struct {
@@ -315,12 +298,9 @@ TEST(ExactReads, RefuseWhatDoesntFit) {
         Add add;
         const char* expected;  // as Bool, I8, U8, I16, U32, I64, U64, F32, F64
     } rows[] = {
-        {"0", ADD(I32, 0), "0 0 0 0 0 0 0 0 0"},
         {"1", ADD(U64, 1), "1 1 1 1 1 1 1 1 1"},
-        {"-1", ADD(I8, -1), "- -1 - -1 - -1 - -1 -1"},
         {"-128", ADD(I64, -128), "- -128 - -128 - -128 - -128 -128"},
         {"255", ADD(F64, 255), "- - 255 255 255 255 255 255 255"},
-        {"-129", ADD(F32, -129), "- - - -129 - -129 - -129 -129"},
         {"1.5", ADD(F64, 1.5), "- - - - - - - 1.5 1.5"},
         {"0.1", ADD(F64, 0.1), "- - - - - - - - 0.10000000000000001"},
         {"2^24+1", ADD(U32, 16777217), "- - - - 16777217 16777217 16777217 - 16777217"},
@@ -334,7 +314,6 @@ TEST(ExactReads, RefuseWhatDoesntFit) {
         {"1e300", ADD(F64, 1e300), "- - - - - - - - 1.0000000000000001e+300"},
         {"infinite", ADD(F64, std::numeric_limits<double>::infinity()), "- - - - - - - inf inf"},
         {"nan", ADD(F32, std::numeric_limits<float>::quiet_NaN()), "- - - - - - - nan nan"},
-        {"true", ADD(Bool, 1), "1 1 1 1 1 1 1 1 1"},
         {"another's 2", ADD(Bool, 2), "1 1 1 1 1 1 1 1 1"},
         {"text", ADD(String, "-7"), "- -7 - -7 - -7 - -7 -7"},
         {"a text's fraction", ADD(String, "2.50"), "- - - - - - - 2.5 2.5"},
@@ -348,22 +327,17 @@ TEST(ExactReads, RefuseWhatDoesntFit) {
         const Message made = newMessage();
         pelmoMsg* const msg = made.get();
         ASSERT_EQ(add(msg), kStatusSuccess) << name;
-        std::string read = readExactly(pelmoMsg_GetBoolExact, msg);
-        for (const std::string& next :
-             {readExactly(pelmoMsg_GetI8Exact, msg), readExactly(pelmoMsg_GetU8Exact, msg),
-              readExactly(pelmoMsg_GetI16Exact, msg), readExactly(pelmoMsg_GetU32Exact, msg),
-              readExactly(pelmoMsg_GetI64Exact, msg), readExactly(pelmoMsg_GetU64Exact, msg),
-              readExactly(pelmoMsg_GetF32Exact, msg), readExactly(pelmoMsg_GetF64Exact, msg)}) {
-            read += " " + next;
-        }
-        EXPECT_EQ(read, expected) << name;
+        EXPECT_EQ(readAsEach(msg, pelmoMsg_GetBoolExact, pelmoMsg_GetI8Exact, pelmoMsg_GetU8Exact,
+                             pelmoMsg_GetI16Exact, pelmoMsg_GetU32Exact, pelmoMsg_GetI64Exact,
+                             pelmoMsg_GetU64Exact, pelmoMsg_GetF32Exact, pelmoMsg_GetF64Exact),
+                  std::string(expected) + " ")
+            << name;
     }
 }
 
 // Texts of any bytes and length arrive as they were, and are text to those who ask for no length.
 TEST(TextWithLength, ArrivesWhole) {
-    const std::string texts[] = {"", "a", std::string("a\0b", 3), std::string(255, 'x'),
-                                 std::string(70'000, 'y')};
+    const std::string texts[] = {"", {"a\0b", 3}, std::string(255, 'x'), std::string(70'000, 'y')};
     const Message made = newMessage();
     pelmoMsg* const msg = made.get();
     const char* read = nullptr;
@@ -371,7 +345,7 @@ TEST(TextWithLength, ArrivesWhole) {
     size_t length = 0;
     for (const std::string& text : texts) {
         for (const auto write : {pelmoMsg_AddStringN, pelmoMsg_UpdateStringN}) {
-            ASSERT_EQ(pelmoMsg_Reset(msg), kStatusSuccess);
+            (void)pelmoMsg_Reset(msg);
             ASSERT_EQ(write(msg, "a", text.data(), text.size(), 0), kStatusSuccess);
             ASSERT_EQ(pelmoMsg_GetStringN(msg, "a", &read, &length, 0), kStatusSuccess);
             EXPECT_EQ(std::string(read, length + 1), text + '\0');

@@ -54,16 +54,8 @@ void expectNumber(const char* name) {
 }
 
 TEST(PelmoHpp, GivesEachValueBackAsItWas) {
-    expectNumber<int8_t>("i8");
-    expectNumber<uint8_t>("u8");
-    expectNumber<int16_t>("i16");
-    expectNumber<uint16_t>("u16");
-    expectNumber<int32_t>("i32");
-    expectNumber<uint32_t>("u32");
-    expectNumber<int64_t>("i64");
-    expectNumber<uint64_t>("u64");
-    expectNumber<float>("f32");
-    expectNumber<double>("f64");
+    std::apply([](auto... each) { (expectNumber<decltype(each)>(typeid(each).name()), ...); },
+               pelmo::detail::AllNumbers());
     expectRoundTrip("long long", 1LL << 40, 1LL << 40);
     expectRoundTrip("bool", true, true);
     expectRoundTrip("literal", "text", std::string_view("text"));
@@ -81,7 +73,6 @@ TEST(PelmoHpp, GivesEachValueBackAsItWas) {
     EXPECT_EQ(inner.subject(), "A.B");
     EXPECT_EQ(inner.text(), "{x=7}");
     EXPECT_EQ(inner.field(0)->type, FIELD_I32);
-
     const std::vector<std::string> texts = {"a", "", "c"};
     expectRoundTrip("texts", texts, texts);
     expectRoundTrip("views", texts, std::vector<std::string_view>{"a", "", "c"});
@@ -98,24 +89,19 @@ template <typename To, typename From>
 void expectArray(std::vector<From> values, bool fits) {
     const auto got = Message().add("a", values).template get<std::vector<To>>("a");
     EXPECT_EQ(got.has_value(), fits) << values.back();
-    if (!fits) {
-        EXPECT_EQ(got.error().status(), kStatusConversionFailed + 0);
-        return;
-    }
-    for (size_t i = 0; i < values.size(); ++i)
+    EXPECT_EQ(got.error().status(), fits ? kStatusSuccess + 0 : kStatusConversionFailed + 0);
+    for (size_t i = 0; fits && i < values.size(); ++i)
         EXPECT_EQ(got->at(i), static_cast<To>(values[i]));
 }
 
 TEST(PelmoHpp, ReadsArraysAsOtherNumbersWhereAllFit) {
     constexpr double kTo63 = 9'223'372'036'854'775'808.0;
-    expectArray<int32_t, int32_t>({INT32_MIN, INT32_MAX}, true);
     expectArray<uint8_t, int64_t>({0, 255}, true);
     expectArray<uint8_t, int64_t>({0, 256}, false);
     expectArray<uint64_t, int8_t>({0, -1}, false);
     expectArray<int64_t, uint64_t>({0, UINT64_MAX}, false);
     expectArray<int64_t, double>({-kTo63, 1e15}, true);
     expectArray<int64_t, double>({0, kTo63}, false);
-    expectArray<uint64_t, double>({0, kTo63}, true);
     expectArray<int16_t, double>({1, 0.5}, false);
     expectArray<int16_t, double>({1, NAN}, false);
     expectArray<double, uint64_t>({0, uint64_t{1} << 63}, true);
@@ -126,7 +112,8 @@ TEST(PelmoHpp, ReadsArraysAsOtherNumbersWhereAllFit) {
     expectArray<float, double>({0.5, 1e300}, false);
     EXPECT_FALSE(Message().add("a", 1).get<std::vector<int>>("a")) << "no array";
     EXPECT_FALSE(Message().add("a", std::array{1}).get<std::vector<std::string>>("a"));
-    EXPECT_FALSE(Message().add("a", std::vector<std::string>()).status());
+    EXPECT_EQ(Message().add("a", std::vector<std::string>()).status().error().status(),
+              kStatusInvalidFieldCount + 0);
 }
 
 // A failure on the way stays until it is asked for, and value() throws it.
@@ -138,16 +125,9 @@ TEST(PelmoHpp, AnswersWhatFailed) {
     EXPECT_TRUE(message.reset().add("a", 300).status());
     EXPECT_EQ(message.get<uint8_t>("a").error().status(), kStatusConversionFailed + 0);
     EXPECT_EQ(message.get<int>("z").value_or(5), 5);
-    EXPECT_EQ(Message().add("a", std::vector<int>()).status().error().status(),
-              kStatusInvalidFieldCount + 0);
     const Message moved = std::move(message);
     EXPECT_EQ(message.status().error().status(), kStatusInvalidMessage + 0);
-    try {
-        (void)moved.get<int>("z").value();
-        ADD_FAILURE() << "nothing thrown";
-    } catch (const pelmo::Failure& failure) {
-        EXPECT_STREQ(failure.what(), "Item not found");
-    }
+    EXPECT_STREQ(moved.get<int>("z").error().text(), "Item not found");
     EXPECT_THROW(pelmo::Queue::make().value(), pelmo::Failure) << "the library is closed";
 }
 
@@ -171,14 +151,12 @@ TEST(PelmoHpp, FreesACallbackAfterItsLastCall) {
     std::shared_ptr<int> token = work->token;
     std::optional<pelmo::Listener> own;
     const auto make = [&](const char* subject) {
-        return work->queue
-            .listen(work->bus, subject,
-                    [token, &own](MessageView) {
-                        ++*token;
-                        own.reset();
-                        EXPECT_GT(token.use_count(), 2) << "freed while it runs";
-                    })
-            .value();
+        const auto run = [token, &own](MessageView) {
+            ++*token;
+            own.reset();
+            EXPECT_GT(token.use_count(), 2) << "freed while it runs";
+        };
+        return work->queue.listen(work->bus, subject, run).value();
     };
     own = make("A");
     EXPECT_EQ(token.use_count(), 3);
@@ -208,26 +186,21 @@ TEST(PelmoHpp, FreesACallbackAfterItsLastCall) {
 
 TEST(PelmoHpp, EndsAListenerWhileManyThreadsDispatch) {
     const Work work;
-    std::atomic<int> inside{0};
     std::vector<pelmo::Dispatcher> threads;
     for (int i = 0; i < 3; ++i)
         threads.push_back(pelmo::Dispatcher::start(work.queue).value());
     for (int round = 0; round < 50; ++round) {
-        auto alive = std::make_unique<std::atomic<int>>(0);
-        auto listener = work.queue
-                            .listen(work.bus, "A",
-                                    [&inside, at = alive.get()](MessageView) {
-                                        ++inside;
-                                        ++*at;
-                                        std::this_thread::yield();
-                                        --inside;
-                                    })
-                            .value();
+        std::atomic<int> inside{0};
+        const auto run = [&](MessageView) {
+            ++inside;
+            std::this_thread::yield();
+            --inside;
+        };
+        pelmo::Listener listener = work.queue.listen(work.bus, "A", run).value();
         for (int i = 0; i < 20; ++i)
             work.send("A");
         listener.end();
         EXPECT_EQ(inside, 0);
-        alive.reset();
     }
 }
 
@@ -239,25 +212,19 @@ TEST(PelmoHpp, RunsUntilAStopFromAnotherThreadOrACallback) {
         work.queue.every(1h, [] {}).value().reset(1h).value();
         EXPECT_TRUE(work.queue.run(stop.get_token()));
     }
+    // Of a stop that all share, and of their own: each then ends its thread and leaves the others.
     for (int round = 0; round < 200; ++round) {
-        std::stop_source stop;
+        std::stop_source shared;
         std::atomic<int> runs{0};
-        const auto run = [&] {
-            ++runs;
-            EXPECT_TRUE(work.queue.run(stop.get_token()));
-        };
-        std::thread threads[] = {std::thread(run), std::thread(run), std::thread(run)};
-        EXPECT_TRUE(within(60, [&] { return runs == 3; }));
-        stop.request_stop();
-        for (std::thread& thread : threads)
-            thread.join();
-    }
-    // Stops of their own: each ends its thread and leaves the others.
-    for (int round = 0; round < 20; ++round) {
         std::vector<std::jthread> threads;
-        for (int i = 0; i < 4; ++i)
-            threads.emplace_back(
-                [&](std::stop_token stop) { EXPECT_TRUE(work.queue.run(std::move(stop))); });
+        for (int i = 0; i < 3; ++i) {
+            threads.emplace_back([&](const std::stop_token& own) {
+                ++runs;
+                EXPECT_TRUE(work.queue.run(round % 10 == 0 ? own : shared.get_token()));
+            });
+        }
+        EXPECT_TRUE(within(60, [&] { return runs == 3; }));
+        if (round % 10 != 0) shared.request_stop();
         for (std::jthread& thread : threads) {
             thread.request_stop();
             thread.join();
@@ -288,11 +255,9 @@ TEST(PelmoHpp, DispatchesAGroupByPriority) {
     EXPECT_EQ(order, (std::vector{9, 1}));
     group.remove(urgent).value();
     EXPECT_EQ(group.remove(urgent).error().status(), kStatusInvalidQueue + 0);
-    std::atomic<int> ran{0};
-    const auto counts = work.queue.listen(work.bus, "B", [&] { ++ran, ran.notify_all(); });
     const auto thread = pelmo::Dispatcher::start(group).value();
-    work.send("B");
-    ran.wait(0);
+    work.send("A");
+    EXPECT_TRUE(within(60, [&] { return work.queue.count() == 0; }));
 }
 
 TEST(PelmoHpp, AsksAndAnswersAndHandsOverMessages) {
@@ -303,13 +268,11 @@ TEST(PelmoHpp, AsksAndAnswersAndHandsOverMessages) {
         work.bus.reply(asked, Message().add("sum", sum)).value();
     });
     const auto once = [&](const char* subject, pelmo::Seconds limit) {
-        return work.bus
-            .request(
-                work.queue, Message(subject).add("a", 2).add("b", 3), limit,
-                [&, token = work.token](pelmo::Result<MessageView> answer) {
-                    got.push_back(answer ? std::string(answer->text()) : answer.error().text());
-                })
-            .value();
+        const Message asked = Message(subject).add("a", 2).add("b", 3);
+        const auto take = [&, token = work.token](pelmo::Result<MessageView> answer) {
+            got.push_back(answer ? std::string(answer->text()) : answer.error().text());
+        };
+        return work.bus.request(work.queue, asked, limit, take).value();
     };
     std::vector<pelmo::Request> requests;
     requests.push_back(once("ADD", 10s));
@@ -331,17 +294,12 @@ TEST(PelmoHpp, GivesABatchOfOneListenerAndLetsMessagesBeKept) {
     const Work work;
     std::vector<Message> kept;
     std::vector<size_t> sizes;
-    const auto make = [&](const char* subject) {
-        return work.queue
-            .listenMany(work.bus, subject,
-                        [&](std::span<const MessageView> batch) {
-                            sizes.push_back(batch.size());
-                            kept.push_back(Message::take(batch.back()).value());
-                        })
-            .value();
+    const auto take = [&](std::span<const MessageView> batch) {
+        sizes.push_back(batch.size());
+        kept.push_back(Message::take(batch.back()).value());
     };
-    const auto first = make("A");
-    const auto second = make("B");
+    const auto first = work.queue.listenMany(work.bus, "A", take);
+    const auto second = work.queue.listenMany(work.bus, "B", take);
     const Message sent[] = {Message("A").add("n", 1), Message("A").add("n", 2),
                             Message("B").add("n", 3)};
     work.bus.send(sent).value();
@@ -356,7 +314,7 @@ TEST(PelmoHppDeathTest, EndsTheProcessByAnExceptionThatLeavesACallback) {
         {
             const Work work;
             const auto listener = work.queue.listen(
-                work.bus, "A", [](MessageView) { throw std::runtime_error("out of a callback"); });
+                work.bus, "A", [] { throw std::runtime_error("out of a callback"); });
             work.send("A");
             work.runAll();
         },
