@@ -1,10 +1,12 @@
 // Circuits on the library's own threads: both ends at once, ends and closes against all that goes
 // on, a daemon beneath that takes nothing.
 
+#include <map>
+#include <optional>
+
 #include "lib/transport/circuit/circuit_internal.h"
 #include "tests/pelmo/daemon_fixture.h"
 #include "tests/support/circuit_fixture.h"
-#include "tests/support/test.h"
 
 namespace {
 
@@ -32,38 +34,16 @@ struct LivePair {
     }
 };
 
-// Counts a circuit's messages, which carry rising numbers for each sender.
-struct Counter {
-    std::atomic<uint64_t> count{0};
-    std::map<int32_t, int32_t> last;
-    bool isInOrder = true;
+Message numbered(int sender, int number) {
+    return messageOn("N", (std::to_string(sender) + " " + std::to_string(number)).c_str());
+}
 
-    explicit Counter(uint32_t circuit) {
-        uint32_t event = kNoId;
-        EXPECT_EQ(pelmoEvent_CreateListener(&event, kDefaultQueueId, take, circuit, "N", this),
-                  kStatusSuccess);
-    }
-    bool await(uint64_t wanted) const {
-        return within(30, [&] { return count >= wanted; }) && count == wanted;
-    }
-
-  private:
-    static void take(uint32_t, pelmoMsg* message, void* closure) {
-        auto& self = *static_cast<Counter*>(closure);
-        int32_t sender = 0, number = 0;
-        EXPECT_EQ(pelmoMsg_GetI32(message, "sender", &sender, 0), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_GetI32(message, "number", &number, 0), kStatusSuccess);
-        self.isInOrder = self.isInOrder && self.last[sender]++ == number;
-        ++self.count;
-    }
-};
-
-Message numbered(int32_t sender, int32_t number) {
-    Message message = newMessage();
-    EXPECT_EQ(pelmoMsg_AddI32(message.get(), "sender", sender, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_AddI32(message.get(), "number", number, 0), kStatusSuccess);
-    EXPECT_EQ(pelmoMsg_SetSendSubject(message.get(), "N"), kStatusSuccess);
-    return message;
+// Do the numbers of each sender count up from 0?
+bool areInOrder(const Texts& numbers) {
+    std::map<char, int> next;
+    return std::ranges::all_of(numbers, [&](const std::string& text) {
+        return std::stoi(text.substr(2)) == next[text[0]]++;
+    });
 }
 
 pelmoStatus sendNumber(uint32_t circuit) {
@@ -75,7 +55,7 @@ pelmoStatus sendNumber(uint32_t circuit) {
 void sendersKeepTheirOrder(int rounds) {
     constexpr int kSenders = 6;
     const LivePair pair;
-    const Counter first(pair.ends[0]), second(pair.ends[1]);
+    const ServedListener first(pair.ends[0], "N"), second(pair.ends[1], "N");
     race(kSenders, rounds, [&](int sender, int round) {
         const uint32_t circuit = pair.ends[sender % 2];
         const Message one = numbered(sender, 2 * round), two = numbered(sender, 2 * round + 1);
@@ -88,9 +68,9 @@ void sendersKeepTheirOrder(int rounds) {
             EXPECT_EQ(pelmoTransport_Sendv(circuit, both, 2), kStatusSuccess);
         }
     });
-    for (const Counter* counter : {&first, &second}) {
-        EXPECT_TRUE(counter->await(kSenders / 2 * 2 * rounds));
-        EXPECT_TRUE(counter->isInOrder);
+    for (const ServedListener* each : {&first, &second}) {
+        EXPECT_TRUE(each->await(kSenders / 2 * 2 * static_cast<size_t>(rounds)));
+        EXPECT_TRUE(areInOrder(each->texts));
     }
 }
 
@@ -109,15 +89,12 @@ TEST_F(Circuits, EndWhileAllGoesOn) {
     for (int round = 0; round < 30; ++round) {
         const LivePair pair;
         const uint32_t waiting = acceptingCircuit();
-        uint32_t event = kNoId;
-        const auto destroy = [](uint32_t, pelmoMsg*, void* closure) {
-            for (const uint32_t end : static_cast<const LivePair*>(closure)->ends)
-                pelmoTransport_Destroy(end);
-        };
+        std::optional<ServedListener> destroys;
         if (round % 2 == 0) {
-            ASSERT_EQ(pelmoEvent_CreateListener(&event, kDefaultQueueId, destroy, pair.ends[1], "N",
-                                                const_cast<LivePair*>(&pair)),
-                      kStatusSuccess);
+            destroys.emplace(pair.ends[1], "N").onMessage = [&](pelmoMsg*) {
+                for (const uint32_t end : pair.ends)
+                    pelmoTransport_Destroy(end);
+            };
         }
         race(5, 1, [&](int thread, int) {
             if (thread == 4) {
@@ -132,7 +109,6 @@ TEST_F(Circuits, EndWhileAllGoesOn) {
             if (thread < 2) pelmoTransport_Destroy(pair.ends[thread]);
             if (thread == 3) pelmoTransport_Destroy(waiting);
         });
-        if (event != kNoId) pelmoEvent_DestroyEx(event, nullptr);
     }
     EXPECT_EQ(leftoversOnceThey(before), before);
 
@@ -206,7 +182,7 @@ TEST_F(Circuits, OverADaemonOutliveABreakAndTheirTransport) {
     MisbehavingDaemon daemon({goodSession() + gate() + hangUp(), goodSession() + serve()});
     const Leftovers before = leftovers();
     ASSERT_EQ(create(daemon), kStatusSuccess);
-    const CountingListener breaks(transport, kDisconnected);
+    ServedListener breaks(transport, kDisconnected);
     const uint32_t circuit = connectedCircuit(transport);
     EXPECT_EQ(sendNumber(circuit), kStatusSuccess);
     daemon.openGate();
@@ -220,7 +196,7 @@ TEST_F(Circuits, OverADaemonOutliveABreakAndTheirTransport) {
         vcTick(circuit);
     EXPECT_EQ(stateOf(circuit), CircuitState::kDisconnected);
     EXPECT_EQ(pelmoTransport_Destroy(circuit), kStatusSuccess);
-    EXPECT_EQ(pelmoEvent_DestroyEx(breaks.event, nullptr), kStatusSuccess);
+    breaks.end();
     EXPECT_EQ(leftoversOnceThey(before), before);
 }
 

@@ -1,8 +1,6 @@
 // Ends of network transports, and of the library with them, in whatever state they are: at once, or
 // within the time of a graceful close, and with all sent that the daemon takes.
 
-#include <latch>
-
 #include "lib/transport/ipq/ipq.h"
 #include "tests/pelmo/daemon_fixture.h"
 
@@ -27,14 +25,10 @@ constexpr Ender kEnders[] = {{false, false}, {false, true}, {true, false}, {true
 struct DaemonCloses : DaemonFixture {
     // Runs it on the thread of the dispatcher.
     void inCallback(const std::function<void()>& act) const {
-        std::latch done{1};
-        TestListener listener(kDefaultQueueId, "ACT");
-        listener.onMessage = [&](pelmoMsg*) {
-            act();
-            done.count_down();
-        };
+        ServedListener listener(kLocal, "ACT");
+        listener.onMessage = [&](pelmoMsg*) { act(); };
         ASSERT_EQ(::sendText(kLocal, "ACT"), kStatusSuccess);
-        done.wait();
+        EXPECT_TRUE(listener.await(1));
     }
 
     // Seconds until it has ended.
@@ -56,17 +50,37 @@ struct DaemonCloses : DaemonFixture {
     }
 };
 
-// A transport that is being made, on a thread of its own, when the library closes.
+// A transport that is being made, on a thread of its own, when the library closes: within the
+// greeting, the frames or the reply, or without any answer at all, since the daemon's system has no
+// room for another connection.
 TEST_F(DaemonCloses, OfTheLibraryEndAConnectUnderWay) {
-    const DaemonScript answered[] = {{}, greet() + takeAnswer(), goodHandshake() + takeMessage()};
+    const LoopbackListener full(0);
+    sockaddr_in target = {};
+    target.sin_family = AF_INET;
+    target.sin_port = full.port;
+    target.sin_addr.s_addr = kLoopbackHost;
+    std::vector<OwnHandle> fill(4);
+    for (OwnHandle& one : fill) {
+        one = OwnHandle(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        (void)connect(one.number(), reinterpret_cast<sockaddr*>(&target), sizeof(target));
+    }
+    const std::string nameOfFull = "127.0.0.1:" + std::to_string(ntohs(full.port));
+    const DaemonScript answered[] = {
+        {}, greet() + takeAnswer(), goodHandshake() + takeMessage(), hangUp()};
     for (const Ender ender : {kEnders[2], kEnders[3]}) {
         for (const DaemonScript& script : answered) {
-            SCOPED_TRACE(script.size());
+            const bool isFull = &script == &answered[3];
+            SCOPED_TRACE(&script - answered);
             MisbehavingDaemon daemon({script + gate() + silence()});
             daemon.openGate();
             const Leftovers before = leftovers();
-            std::thread making([&] { EXPECT_NE(create(daemon), kStatusSuccess); });
-            EXPECT_TRUE(daemon.awaitGates(1));
+            const std::string name = isFull ? nameOfFull : daemon.name();
+            std::thread making([&] {
+                EXPECT_NE(pelmoTransport_CreateNetwork(&transport, "7500", nullptr, name.c_str()),
+                          kStatusSuccess);
+            });
+            EXPECT_TRUE(isFull ? within(10, [&] { return leftovers() != before; })
+                               : daemon.awaitGates(1));
             EXPECT_LT(secondsOf([&] {
                           EXPECT_LT(end(ender), kAtOnceSeconds);
                           making.join();
@@ -76,32 +90,6 @@ TEST_F(DaemonCloses, OfTheLibraryEndAConnectUnderWay) {
         }
     }
     EXPECT_TRUE(noMemoryIsLost());
-}
-
-// One that never answers at all: its system has no room for another connection.
-TEST_F(DaemonCloses, OfTheLibraryEndAConnectWithoutAnswer) {
-    const LoopbackListener full(0);
-    std::vector<OwnHandle> fill;
-    sockaddr_in target = {};
-    target.sin_family = AF_INET;
-    target.sin_addr.s_addr = kLoopbackHost;
-    target.sin_port = full.port;
-    for (int i = 0; i < 4; ++i) {
-        fill.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-        (void)connect(fill.back().number(), reinterpret_cast<sockaddr*>(&target), sizeof(target));
-    }
-    const std::string name = "127.0.0.1:" + std::to_string(ntohs(full.port));
-    const size_t descriptors = entriesIn("/proc/self/fd");
-    std::thread making([&] {
-        EXPECT_EQ(pelmoTransport_CreateNetwork(&transport, nullptr, nullptr, name.c_str()),
-                  kStatusDaemonNotConnected);
-    });
-    EXPECT_TRUE(within(10, [&] { return entriesIn("/proc/self/fd") != descriptors; }));
-    EXPECT_LT(secondsOf([&] {
-                  EXPECT_EQ(pelmo_Close(), kStatusSuccess);
-                  making.join();
-              }),
-              kAtOnceSeconds);
 }
 
 // Each ender, with what waits for the daemon, and what that makes of it. One that breaks off
@@ -156,7 +144,7 @@ TEST_F(DaemonCloses, CountWhatIsLost) {
         MisbehavingDaemon daemon({goodSession() + gate() + reset(), goodSession() + serve()});
         const Leftovers left = leftovers();
         ASSERT_EQ(create(daemon), kStatusSuccess);
-        const CountingListener advisories(transport, kDisconnected);
+        ServedListener advisories(transport, kDisconnected);
         std::thread sending = sendUntilItFails();
         pelmoUnsent before = {}, after = {};
         EXPECT_EQ(pelmoTransport_GetUnsent(transport, &before), kStatusSuccess);
@@ -176,7 +164,7 @@ TEST_F(DaemonCloses, CountWhatIsLost) {
         }
         daemon.openGate();
         EXPECT_TRUE(!breaks || advisories.await(1));
-        sending.join();  // it hears of the break, and of the end, at once
+        sending.join();  // the break and the end both end its wait
         if (breaks) {
             EXPECT_EQ(pelmoTransport_GetUnsent(transport, &after), kStatusSuccess);
             EXPECT_EQ(after.lostMessages, before.waitingMessages);
@@ -184,7 +172,7 @@ TEST_F(DaemonCloses, CountWhatIsLost) {
             EXPECT_TRUE(daemon.awaitConnections(2));
             EXPECT_EQ(pelmoTransport_Destroy(transport), kStatusSuccess);
         }
-        pelmoEvent_DestroyEx(advisories.event, nullptr);
+        advisories.end();
         EXPECT_EQ(leftoversOnceThey(left), left);
     }
     EXPECT_TRUE(noMemoryIsLost());
@@ -198,14 +186,14 @@ TEST_F(DaemonCloses, OfABrokenTransportTakeNoTime) {
             MisbehavingDaemon daemon({goodSession() + gate() + hangUp(), gate() + silence()});
             const Leftovers before = leftovers();
             ASSERT_EQ(create(daemon), kStatusSuccess);
-            const CountingListener advisories(transport, kDisconnected);
+            ServedListener advisories(transport, kDisconnected);
             if (refuses) daemon.stopListening();
             daemon.openGate();
             daemon.openGate();
             EXPECT_TRUE(advisories.await(1));
             EXPECT_TRUE(refuses || daemon.awaitGates(2));
             EXPECT_LT(end(ender), kAtOnceSeconds);
-            pelmoEvent_DestroyEx(advisories.event, nullptr);
+            advisories.end();
             reopen(ender, before);
         }
     }

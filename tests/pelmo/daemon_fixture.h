@@ -3,57 +3,22 @@
 
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-#include <string>
-#include <thread>
-
 #include "lib/pelmo.h"
-#include "lib/runtime/library.h"
 #include "lib/transport/daemon/link_environment.h"
-#include "tests/support/local_bus.h"
 #include "tests/support/misbehaving_daemon.h"
-#include "tests/support/test.h"
 
 inline constexpr size_t kPartBytes = 0x10000;
 inline constexpr size_t kMostWaitingBytes = 0x1000000;  // above them a sender waits
 
-// A time-out of the handshake that a test can wait for.
-struct AnswerSeconds : NoCopy {
-    explicit AnswerSeconds(double seconds) { linkEnvironment.answerSeconds = seconds; }
-    ~AnswerSeconds() { linkEnvironment.answerSeconds = former; }
-
-    double former = linkEnvironment.answerSeconds;
-};
-
-// Counts the messages of one subject; waits for them at the longest ten seconds.
-struct CountingListener : NoCopy {
-    CountingListener(uint32_t transport, const char* subject) {
-        EXPECT_EQ(
-            pelmoEvent_CreateListener(&event, kDefaultQueueId, take, transport, subject, this),
-            kStatusSuccess);
-    }
-
-    [[nodiscard]] bool await(size_t wanted) const {
-        return within(10, [&] { return count >= wanted; });
-    }
-
-    uint32_t event = kNoId;
-    std::atomic<size_t> count{0};
-
-  private:
-    static void take(uint32_t, pelmoMsg*, void* closure) {
-        ++static_cast<CountingListener*>(closure)->count;
-    }
+// A listener on the queue that the fixture's dispatcher serves.
+struct ServedListener : TestListener {
+    ServedListener(uint32_t transport, const char* subject)
+        : TestListener(kDefaultQueueId, subject, transport) {}
 };
 
 struct DaemonFixture : testing::Test {
     DaemonFixture() { open(); }
-    ~DaemonFixture() override {
-        if (libraryIsOpen()) pelmo_Close();
-    }
+    ~DaemonFixture() override { pelmo_Close(); }
 
     void open() {
         EXPECT_EQ(pelmo_Open(), kStatusSuccess);

@@ -153,22 +153,17 @@ TEST(Wake, EndsEveryKindOfWait) {
 // Entries come first, and a dispatcher isn't ended by a wake.
 TEST(Wake, LeavesEntriesAndDispatchers) {
     const OpenLibrary library;
-    std::atomic<int> calls{0};
-    TestListener listener(library.queue, "A");
-    listener.onMessage = [&](pelmoMsg*) {
-        ++calls;
-        calls.notify_all();
-    };
+    const TestListener listener(library.queue, "A");
     EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
     EXPECT_EQ(pelmoQueue_Wake(library.queue), kStatusSuccess);
     EXPECT_EQ(library.dispatch(), kStatusSuccess);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(listener.count, 1u);
     uint32_t dispatcher = kNoId;
     ASSERT_EQ(pelmoDispatcher_CreateEx(&dispatcher, library.queue, -1), kStatusSuccess);
     for (int i = 0; i < 100; ++i)
         EXPECT_EQ(pelmoQueue_Wake(library.queue), kStatusSuccess);
     EXPECT_EQ(sendText(kLocal, "A"), kStatusSuccess);
-    calls.wait(1);
+    EXPECT_TRUE(listener.await(2));
     EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusSuccess);
 }
 
@@ -204,7 +199,7 @@ struct Requests : OpenLibrary {
     uint32_t request = kNoId, last = kNoId;
 };
 
-TEST(AsyncRequest, GivesTheFirstReplyOrNoneInTime) {
+TEST(AsyncRequest, GivesTheFirstReplyOrNoneInTimeUnlessItIsDestroyed) {
     Requests of;
     const size_t objects = objectCount();
     EXPECT_EQ(of.ask("ECHO", kLong), kStatusSuccess);
@@ -219,12 +214,6 @@ TEST(AsyncRequest, GivesTheFirstReplyOrNoneInTime) {
     of.run(4);
     EXPECT_EQ(pelmoEvent_DestroyEx(of.request, nullptr), kStatusInvalidEvent);
     dispatchAll(of.queue);  // a second reply is dropped
-    EXPECT_EQ(of.answers, (Texts{"answer", "none", "none", "answer"}));
-}
-
-TEST(AsyncRequest, IsCancelledByItsDestroyAndRefusesWhatCantBeSent) {
-    Requests of;
-    const size_t objects = objectCount();
     EXPECT_EQ(of.ask("NONE", 0.01), kStatusSuccess);
     EXPECT_EQ(pelmoEvent_DestroyWait(of.request), kStatusSuccess);
     EXPECT_EQ(objectCount(), objects);
@@ -233,7 +222,7 @@ TEST(AsyncRequest, IsCancelledByItsDestroyAndRefusesWhatCantBeSent) {
     EXPECT_EQ(of.ask("_PM.A", kLong), kStatusInvalidSubject);
     EXPECT_EQ(of.ask("A", std::nan("")), kStatusInvalidInterval);
     EXPECT_EQ(of.request, 0u);
-    EXPECT_TRUE(of.answers.empty());
+    EXPECT_EQ(of.answers, (Texts{"answer", "none", "none", "answer"}));
 }
 
 // A queue at its limit drops messages, but not the end of a request; nor does a transport's end.
@@ -282,7 +271,7 @@ std::string readExactly(pelmoStatus (*get)(const pelmoMsg*, const char*, Value*,
     if (status == kStatusConversionFailed) return "-";
     EXPECT_EQ(status, kStatusSuccess);
     char text[64];
-    (void)std::snprintf(text, sizeof text, "%.17g", static_cast<double>(value));
+    (void)std::snprintf(text, sizeof text, "%.9g", static_cast<double>(value));
     return text;
 }
 
@@ -300,18 +289,16 @@ TEST(ExactReads, RefuseWhatDoesntFit) {
     } rows[] = {
         {"1", ADD(U64, 1), "1 1 1 1 1 1 1 1 1"},
         {"-128", ADD(I64, -128), "- -128 - -128 - -128 - -128 -128"},
+        {"-129", ADD(F32, -129), "- - - -129 - -129 - -129 -129"},
         {"255", ADD(F64, 255), "- - 255 255 255 255 255 255 255"},
         {"1.5", ADD(F64, 1.5), "- - - - - - - 1.5 1.5"},
-        {"0.1", ADD(F64, 0.1), "- - - - - - - - 0.10000000000000001"},
+        {"0.1", ADD(F64, 0.1), "- - - - - - - - 0.1"},
         {"2^24+1", ADD(U32, 16777217), "- - - - 16777217 16777217 16777217 - 16777217"},
-        {"2^53+1", ADD(I64, 9007199254740993), "- - - - - 9007199254740992 9007199254740992 - -"},
-        {"-2^63", ADD(F64, -9223372036854775808.0),
-         "- - - - - -9.2233720368547758e+18 - -9.2233720368547758e+18 -9.2233720368547758e+18"},
-        {"2^63", ADD(U64, 1ull << 63),
-         "- - - - - - 9.2233720368547758e+18 9.2233720368547758e+18 9.2233720368547758e+18"},
-        {"2^64", ADD(F64, 18446744073709551616.0),
-         "- - - - - - - 1.8446744073709552e+19 1.8446744073709552e+19"},
-        {"1e300", ADD(F64, 1e300), "- - - - - - - - 1.0000000000000001e+300"},
+        {"2^53+1", ADD(I64, 9007199254740993), "- - - - - 9.00719925e+15 9.00719925e+15 - -"},
+        {"-2^63", ADD(F64, -0x1p63), "- - - - - -9.22337204e+18 - -9.22337204e+18 -9.22337204e+18"},
+        {"2^63", ADD(U64, 1ull << 63), "- - - - - - 9.22337204e+18 9.22337204e+18 9.22337204e+18"},
+        {"2^64", ADD(F64, 0x1p64), "- - - - - - - 1.84467441e+19 1.84467441e+19"},
+        {"1e300", ADD(F64, 1e300), "- - - - - - - - 1e+300"},
         {"infinite", ADD(F64, std::numeric_limits<double>::infinity()), "- - - - - - - inf inf"},
         {"nan", ADD(F32, std::numeric_limits<float>::quiet_NaN()), "- - - - - - - nan nan"},
         {"another's 2", ADD(Bool, 2), "1 1 1 1 1 1 1 1 1"},

@@ -17,16 +17,6 @@ void expectNothingLeft() {
     EXPECT_EQ(objectCount(), 0u);
 }
 
-// Runs the body in a process of its own, which has never opened the library.
-template <typename Body>
-int inFreshProcess(Body body) {
-    const pid_t child = fork();
-    if (child == 0) _exit(body());
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 enum Outcome { kRefused, kRefusedForGood, kOpened, kNoFailureMet, kWrong };
 
 Outcome firstOpen(size_t after, bool forGood) {
@@ -51,7 +41,11 @@ TEST(LibraryDeathTest, AFirstOpenThatFailsLeavesTheNextOneToSucceed) {
     for (const bool forGood : {false, true}) {
         int outcomes[kWrong + 1] = {};
         for (size_t after = 0; outcomes[kNoFailureMet] == 0; ++after) {
-            const int outcome = inFreshProcess([&] { return firstOpen(after, forGood); });
+            const pid_t child = fork();  // which has never opened the library
+            if (child == 0) _exit(firstOpen(after, forGood));
+            int status = -1;
+            EXPECT_EQ(waitpid(child, &status, 0), child);
+            const int outcome = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
             ASSERT_TRUE(outcome >= 0 && outcome < kWrong) << after << (forGood ? " for good" : "");
             ++outcomes[outcome];
         }

@@ -2,7 +2,6 @@
 // of events, queues and a library that end meanwhile; and dispatchers, whose threads end and report
 // it.
 
-#include <atomic>
 #include <barrier>
 #include <cstring>
 
@@ -63,20 +62,29 @@ void onOther(pelmoMsg** messages, uint32_t count) {
     onVector(messages, count);
 }
 
-// Of vectors, but for p, and of one group, callback and transport but for c, d and e.
+// Of vectors, but for p, q and r, and of one group, callback and transport but for c, d and e.
+// Hooks are asked for h and q.
 uint32_t listenAs(char letter, uint32_t queue) {
     char* const closure = &letters[letter - 'a'];
-    if (letter == 'p') return listen(queue, onPlain, closure);
     uint32_t event = kNoId;
-    EXPECT_EQ(pelmoEvent_CreateVectorListenerEx(
-                  &event, queue, letter == 'e' ? onOther : onVector, kLocal, "A", closure,
-                  reinterpret_cast<void*>(uintptr_t{letter == 'c' ? 2u : 1u})),
-              kStatusSuccess);
-    if (letter == 'd') recordOf<Event>(event)->listener.transportId = 11;
+    if (letter >= 'p' && letter <= 'r') {
+        event = listen(queue, onPlain, closure);
+    } else {
+        EXPECT_EQ(pelmoEvent_CreateVectorListenerEx(
+                      &event, queue, letter == 'e' ? onOther : onVector, kLocal, "A", closure,
+                      reinterpret_cast<void*>(uintptr_t{letter == 'c' ? 2u : 1u})),
+                  kStatusSuccess);
+    }
+    Event* const record = recordOf<Event>(event);
+    if (letter == 'd') record->listener.transportId = 11;
+    record->listener.inboundHooks = letter == 'h' || letter == 'q';
     return event;
 }
 
+// The listener of x is destroyed and that of r removed while messages wait. Hooks let each second
+// message pass.
 TEST(Dispatch, BatchesWhatMayComeTogether) {
+    static uint32_t asked;
     const std::string full(128, 'a');
     const struct {
         std::string posted;
@@ -93,6 +101,8 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
         {"xaxxbx", {"ab"}, {"a", "b"}},
         {"xp", {"p"}, {"p"}},
         {"xxx", {}, {}},
+        {"rpr", {"p"}, {"p"}},
+        {"hhhhhqq", {"hh", "q"}, {"hh", "q"}},
         {full + "b", {full, "b"}, {full, "b"}},
         {full + full + "aab", {full, full, "aab"}, {full, full, "aa", "b"}},
     };
@@ -100,14 +110,17 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
         for (const bool isSingle : {false, true}) {
             SCOPED_TRACE(posted + (isSingle ? " single" : ""));
             const DispatchFixture stand;
+            asked = 0;
+            transportOps.runInboundHooks = [](uint32_t, pelmoMsg*) { return ++asked % 2 == 0; };
             uint32_t events[128] = {};
-            for (const char letter : std::string("abcdepx"))
+            for (const char letter : std::string("abcdehpqrx"))
                 events[size_t(letter)] = listenAs(letter, stand.queue);
             std::vector<uint32_t> order;
             for (const char letter : posted)
                 order.push_back(events[size_t(letter)]);
             postBatch(stand.queue, order);
             pelmoEvent_DestroyEx(events['x'], nullptr);
+            transportOps.removeListener(kLocal, recordOf<Event>(events['r']));
 
             calls.clear();
             const auto step = isSingle ? pelmoQueue_TimedDispatchSingle : pelmoQueue_TimedDispatch;
@@ -116,33 +129,6 @@ TEST(Dispatch, BatchesWhatMayComeTogether) {
             EXPECT_EQ(calls, isSingle ? single : mixed);
         }
     }
-}
-
-TEST(Dispatch, PassesHooksAndCutOffs) {
-    const DispatchFixture stand;
-    const uint32_t vector = listenAs('a', stand.queue), plain = listenAs('p', stand.queue);
-    const auto run = [&stand](const std::vector<uint32_t>& events) {
-        calls.clear();
-        postBatch(stand.queue, events);
-        dispatchAll(stand.queue);
-        return calls;
-    };
-    static uint32_t asked;
-    asked = 0;
-    transportOps.runInboundHooks = [](uint32_t, pelmoMsg*) { return ++asked % 2 == 0; };
-    for (const uint32_t id : {vector, plain})
-        recordOf<Event>(id)->listener.inboundHooks = true;
-    // Hooks 2 and 4 let pass, then 6.
-    EXPECT_EQ(run({vector, vector, vector, vector, vector, plain, plain}), (Calls{"aa", "p"}));
-    EXPECT_EQ(asked, 7U);
-
-    transportOps.runInboundHooks = [](uint32_t, pelmoMsg*) { return false; };
-    EXPECT_EQ(run({vector, vector, plain}), Calls{});
-    recordOf<Event>(plain)->listener.inboundHooks = false;
-    postBatch(stand.queue, {plain});
-    transportOps.removeListener(kLocal, recordOf<Event>(plain));
-    EXPECT_EQ(dispatchAll(stand.queue), 1U);
-    EXPECT_EQ(calls, Calls{});
 }
 
 // A callback ends what it runs on, a letter each: e the event, q the queue, n dispatches the queue
@@ -185,14 +171,23 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
     }
 }
 
-// Waits are on a queue, or on the group of that queue.
-struct DispatchWaits : testing::TestWithParam<bool> {
-    DispatchFixture stand;
-    const bool isGroup = GetParam();
-    const uint32_t id = isGroup ? stand.group : stand.queue;
+enum class WaitOn { kQueue, kGroup, kPoll };
 
-    pelmoStatus dispatch(double seconds) const {
-        return (isGroup ? pelmoQueueGroup_TimedDispatch : pelmoQueue_TimedDispatch)(id, seconds);
+// Waits are dispatches of a queue or of the group of that queue, or polls of a queue.
+struct DispatchWaits : testing::TestWithParam<WaitOn> {
+    DispatchFixture stand;
+    const bool isGroup = GetParam() == WaitOn::kGroup, isPoll = GetParam() == WaitOn::kPoll;
+    const uint32_t queue = isPoll ? makeQueue(true) : stand.queue;
+    const uint32_t id = isGroup ? stand.group : queue;
+
+    pelmoStatus wait(double seconds) const {
+        if (!isPoll)
+            return (isGroup ? pelmoQueueGroup_TimedDispatch : pelmoQueue_TimedDispatch)(id,
+                                                                                        seconds);
+        pelmoMsg* message = nullptr;
+        const pelmoStatus status = pelmoQueue_Poll(id, &message, seconds);
+        if (message != nullptr) pelmoMsg_Destroy(message);
+        return status;
     }
 
     // Calls `act` once so many threads wait without limit, each for that answer.
@@ -200,7 +195,7 @@ struct DispatchWaits : testing::TestWithParam<bool> {
     void whileSoManyWait(int count, pelmoStatus expected, Act act) const {
         std::vector<std::jthread> threads;
         for (int i = 0; i < count; ++i)
-            threads.emplace_back([this, expected] { EXPECT_EQ(dispatch(-1.0), expected); });
+            threads.emplace_back([this, expected] { EXPECT_EQ(wait(-1.0), expected); });
         awaitWaiting(count);
         act();
     }
@@ -211,13 +206,13 @@ struct DispatchWaits : testing::TestWithParam<bool> {
 
     void end() const {
         pelmoQueueGroup_Destroy(stand.group);
-        pelmoQueue_DestroyEx(stand.queue, nullptr, nullptr);
+        pelmoQueue_DestroyEx(queue, nullptr, nullptr);
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(On, DispatchWaits, testing::Bool(), [](const auto& on) {
-    return on.param ? "Group" : "Queue";
-});
+INSTANTIATE_TEST_SUITE_P(On,
+                         DispatchWaits,
+                         testing::Values(WaitOn::kQueue, WaitOn::kGroup, WaitOn::kPoll));
 
 TEST_P(DispatchWaits, EndWithTheObject) {
     const pelmoStatus gone = isGroup ? kStatusInvalidQueueGroup : kStatusInvalidQueue;
@@ -232,14 +227,14 @@ TEST_P(DispatchWaits, EndWithTheLibrary) {
 }
 
 // Many posts before a waiter wakes leave it one signal: each wakes the next. Every callback waits
-// for all the others, so a thread left asleep would hang the test.
+// for all the others, and the test for all polls, so a thread left asleep would hang the test.
 TEST_P(DispatchWaits, WakeAsManyThreadsAsThereAreEntries) {
     constexpr int kThreads = 3;
     std::barrier<> together(kThreads);
     action = [&](uint32_t) { together.arrive_and_wait(); };
-    const std::vector<uint32_t> entries(kThreads, listen(stand.queue, onEvent));
+    const std::vector<uint32_t> entries(kThreads, listen(queue, onEvent));
     for (int round = 0; round < 50; ++round)
-        whileSoManyWait(kThreads, kStatusSuccess, [&] { postBatch(stand.queue, entries); });
+        whileSoManyWait(kThreads, kStatusSuccess, [&] { postBatch(queue, entries); });
 }
 
 // An hour goes by at each look at the clock, which is taken at spurious wake-ups alone: the second
@@ -247,13 +242,13 @@ TEST_P(DispatchWaits, WakeAsManyThreadsAsThereAreEntries) {
 TEST_P(DispatchWaits, CountTheTimeFromTheFirstSpuriousWakeUp) {
     static std::atomic<int> looks;
     // Begins the clock, and uses up the signal that a group remembers of its first queue.
-    EXPECT_EQ(dispatch(0.001), kStatusTimeout);
+    EXPECT_EQ(wait(0.001), kStatusTimeout);
     (void)clockSteadySeconds();
     looks = 0;
     const MonotonicClock hours([] { return timespec{++looks * 3600 + 1000000, 0}; });
     std::atomic<bool> ended = false;
     std::thread thread([&] {
-        EXPECT_EQ(dispatch(3000.0), kStatusTimeout);
+        EXPECT_EQ(wait(3000.0), kStatusTimeout);
         ended = true;
     });
     for (int wakes = 1; wakes <= 2; ++wakes) {
@@ -341,34 +336,24 @@ TEST(DispatchStress, MeetsTheEndOfEventsAndQueues) {
     EXPECT_EQ(queuesDone, kRounds);
 }
 
-uint32_t newDispatcher(uint32_t dispatchable, double seconds = -1.0) {
-    uint32_t dispatcher = kNoId;
-    EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, dispatchable, seconds), kStatusSuccess);
-    return dispatcher;
-}
-
 // Listens for threads that end.
 struct Exits {
     const uint32_t queue = makeQueue();
-    TestListener listener{queue, "_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.*"};
+    const std::string prefix = "_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.";
+    TestListener listener{queue, (prefix + "*").c_str()};
     std::string report;
 
-    Exits() {
+    // Waits for it: "<name>: <status> <description>".
+    std::string next() {
         listener.onMessage = [this](pelmoMsg* message) {
-            const char* subject = "";
-            const char* description = "";
+            const char *subject = "", *description = "";
             uint32_t status = 0;
             EXPECT_EQ(pelmoMsg_GetSendSubject(message, &subject), kStatusSuccess);
             EXPECT_EQ(pelmoMsg_GetU32(message, "status", &status, 0), kStatusSuccess);
             EXPECT_EQ(pelmoMsg_GetString(message, "description", &description, 0), kStatusSuccess);
-            const std::string name =
-                subject + std::strlen("_PM.INFO.SYSTEM.DISPATCHER.THREAD_EXITED.");
-            report = name + ": " + std::to_string(status) + " " + description;
+            report = subject + prefix.size();
+            report += ": " + std::to_string(status) + " " + description;
         };
-    }
-
-    // Waits for it: "<name>: <status> <description>".
-    std::string next() {
         EXPECT_EQ(pelmoQueue_TimedDispatch(queue, -1.0), kStatusSuccess);
         return report;
     }
@@ -380,6 +365,7 @@ TEST(Dispatcher, ReportsHowItsThreadEnded) {
     const auto endQueue = [] { pelmoQueue_DestroyEx(queue, nullptr, nullptr); };
     const auto endGroup = [] { pelmoQueueGroup_Destroy(group); };
     const auto endIt = [] { pelmoDispatcher_Destroy(dispatcher); };
+    action = [](uint32_t) {};
     const std::string tooLong(240, 'x');
     const struct {
         const char* name;
@@ -401,18 +387,32 @@ TEST(Dispatcher, ReportsHowItsThreadEnded) {
         Exits exits;
         queue = stand.queue;
         group = stand.group;
-        dispatcher = newDispatcher(onGroup ? group : queue, seconds);
+        EXPECT_EQ(pelmoDispatcher_CreateEx(&dispatcher, onGroup ? group : queue, seconds),
+                  kStatusSuccess);
         if (name != nullptr) {
             EXPECT_EQ(pelmoDispatcher_SetName(dispatcher, name), kStatusSuccess);
             const FailAlloc fail{.after = 0};
             EXPECT_EQ(pelmoDispatcher_SetName(dispatcher, "other"), kStatusNoMemory);
         }
+        // Another who waits wakes with the dispatcher, and goes on waiting when it ends alone.
+        std::thread other;
+        if (!onGroup) {
+            const pelmoStatus status = end == +endQueue ? kStatusInvalidQueue : kStatusSuccess;
+            other =
+                std::thread([status] { EXPECT_EQ(pelmoQueue_TimedDispatch(queue, -1.0), status); });
+        }
         // One that is destroyed before its thread has begun ends silently.
         if (seconds < 0)
-            (onGroup ? awaitWaiters<QueueGroup>(group, 1) : awaitWaiters<Queue>(queue, 1));
+            (onGroup ? awaitWaiters<QueueGroup>(group, 1) : awaitWaiters<Queue>(queue, 2));
         end();
         EXPECT_EQ(exits.next(), report);
         pelmoDispatcher_Destroy(dispatcher);
+        if (onGroup) continue;
+        if (end == +endIt) {
+            awaitWaiters<Queue>(queue, 1);
+            postBatch(queue, {listen(queue, onEvent)});
+        }
+        other.join();
     }
 }
 
@@ -432,7 +432,8 @@ TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
         returned = true;
     };
     postBatch(stand.queue, std::vector<uint32_t>(3, listen(stand.queue, destroyOwn)));
-    const uint32_t made = newDispatcher(stand.queue);
+    uint32_t made = kNoId;
+    EXPECT_EQ(pelmoDispatcher_CreateEx(&made, stand.queue, -1.0), kStatusSuccess);
     const auto join = [made] {
         // The callback may have destroyed it first.
         if (pelmoDispatcher_Join(made) == kStatusSuccess) {
@@ -446,31 +447,6 @@ TEST(Dispatcher, IsDestroyedByItsOwnCallback) {
     two.join();
     EXPECT_EQ(exits.next(), "dispatcher: 53 Invalid dispatcher");
     EXPECT_EQ(countOf(stand.queue), 2U);
-}
-
-std::atomic<int> dispatched;
-
-void count(uint32_t, pelmoMsg*, void*) {
-    ++dispatched;
-}
-
-// Others wake when one is stopped, and go on waiting.
-TEST(Dispatcher, EndsAloneAmongWaiters) {
-    const DispatchFixture stand;
-    dispatched = 0;
-    const uint32_t dispatchers[] = {newDispatcher(stand.queue), newDispatcher(stand.queue)};
-    std::thread plain([&stand] {
-        EXPECT_EQ(pelmoQueue_TimedDispatch(stand.queue, -1.0), kStatusSuccess);
-        EXPECT_EQ(dispatched, 1);
-    });
-    int32_t waiting = 3;
-    for (const uint32_t dispatcher : dispatchers) {
-        awaitWaiters<Queue>(stand.queue, waiting--);
-        EXPECT_EQ(pelmoDispatcher_Destroy(dispatcher), kStatusSuccess);
-    }
-    awaitWaiters<Queue>(stand.queue, waiting);
-    postBatch(stand.queue, {listen(stand.queue, count)});
-    plain.join();
 }
 
 }  // namespace

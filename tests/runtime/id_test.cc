@@ -1,140 +1,98 @@
+// Ids, on queues and groups.
+
 #include "lib/runtime/id.h"
 
-#include <atomic>
-
-#include "tests/support/runtime_objects.h"
-#include "tests/support/test.h"
+#include "tests/support/local_bus.h"
 
 namespace {
 
-constexpr uint32_t kAlive = 0x600d600d;
+struct Ids : testing::Test {
+    const IdCounter former = idCounter;
+    LocalBus bus;
 
-std::atomic<int> destructed = 0;
-
-struct Thing {
-    IdHeader header;
-    uint32_t mark;
+    ~Ids() override { idCounter = former; }
 };
 
-Thing* newThing(IdType type = IdType::kEvent) {
-    auto* thing = new Thing{};
-    const auto destruct = [](IdHeader* object) {
-        ++destructed;
-        delete reinterpret_cast<Thing*>(object);
-    };
-    EXPECT_EQ(Id_Init(&thing->header, type, destruct), kStatusSuccess);
-    thing->mark = kAlive;
-    return thing;
-}
-
-// The id of a new thing; 0, and no thing, where none is free.
-uint32_t publish(IdType type = IdType::kEvent) {
-    Thing* thing = newThing(type);
-    uint32_t id = kNoId;
-    if (Id_SetGlobal(&thing->header, &id) != kStatusSuccess) Id_Release(&thing->header, false);
-    return id;
-}
-
-pelmoStatus destroy(uint32_t id, IdType type = IdType::kEvent) {
+// Ends the object alone, as its own call does after its checks.
+pelmoStatus destroy(uint32_t id, IdType type = IdType::kQueue) {
     IdHeader* object = nullptr;
     const pelmoStatus status = Id_Get(id, type, &object, IdAccess::kDestroy);
     if (status == kStatusSuccess) Id_Release(object, false);
     return status;
 }
 
-struct Ids : testing::Test {
-    const IdCounter former = idCounter;
-    RuntimeTables tables;
-
-    ~Ids() override { idCounter = former; }
-};
-
 TEST_F(Ids, CountUpToTheHighestNumberThenWrapPastThoseInUse) {
+    const auto create = [](IdType type) {
+        uint32_t id = kNoId;  // where none is free
+        (void)(type == IdType::kQueue ? pelmoQueue_Create : pelmoQueueGroup_Create)(&id);
+        return id;
+    };
+    testing::internal::CaptureStderr();
     idCounter = {.first = 1001, .last = UINT32_MAX, .previous = UINT32_MAX - 2};
-    EXPECT_EQ(publish(), UINT32_MAX - 1);
-    EXPECT_EQ(publish(IdType::kQueue), UINT32_MAX);
-    EXPECT_EQ(publish(), 1001u);
+    EXPECT_EQ(create(IdType::kQueue), UINT32_MAX - 1);
+    EXPECT_EQ(create(IdType::kQueueGroup), UINT32_MAX);
+    EXPECT_EQ(create(IdType::kQueue), 1001u);
     idCounter.previous = UINT32_MAX - 2;  // round once more: both ends are taken, by either type
-    EXPECT_EQ(publish(IdType::kTransport), 1002u);
+    EXPECT_EQ(create(IdType::kQueueGroup), 1002u);
     idCounter.last = 1002;  // full until one comes back
     for (const uint32_t id : {1001u, 1002u, 1001u}) {
-        EXPECT_EQ(publish(), kNoId);
-        EXPECT_EQ(publish(), kNoId);
-        EXPECT_EQ(destroy(id, id == 1002 ? IdType::kTransport : IdType::kEvent), kStatusSuccess);
-        EXPECT_EQ(publish(id == 1002 ? IdType::kTransport : IdType::kEvent), id);
+        const IdType type = id == 1002 ? IdType::kQueueGroup : IdType::kQueue;
+        EXPECT_EQ(create(type), kNoId);
+        EXPECT_EQ(create(type), kNoId);
+        EXPECT_EQ(destroy(id, type), kStatusSuccess);
+        EXPECT_EQ(create(type), id);
     }
+    (void)testing::internal::GetCapturedStderr();
 }
 
 TEST_F(Ids, OfAFixedNumberBelongToOneObjectOfEachType) {
-    Thing* queue = newThing(IdType::kQueue);
-    Thing* other = newThing(IdType::kQueue);
-    EXPECT_EQ(Id_SetFixed(&queue->header, 0), kStatusInvalidArgument);
-    EXPECT_EQ(Id_SetFixed(&queue->header, 1001), kStatusInvalidArgument);
-    EXPECT_EQ(Id_SetFixed(&queue->header, 1000), kStatusSuccess);
-    EXPECT_EQ(Id_SetFixed(&other->header, 1000), kStatusNotPermitted);
-    EXPECT_EQ(Id_SetFixed(&newThing(IdType::kTransport)->header, 10), kStatusSuccess);
-    EXPECT_EQ(Id_SetFixed(&other->header, 10), kStatusSuccess);
+    const auto create = [](uint32_t id) {
+        return Queue_Create(nullptr, id, "fixed", false, false);
+    };
+    EXPECT_EQ(create(1001), kStatusNoMemory);
+    EXPECT_EQ(create(1000), kStatusSuccess);
+    EXPECT_EQ(create(1000), kStatusNoMemory);
+    EXPECT_EQ(create(kLocal), kStatusSuccess);
 
     // The number can be given again; a reference to the former object does not take it back.
-    Id_AddRef(&queue->header);
-    EXPECT_EQ(destroy(1000, IdType::kQueue), kStatusSuccess);
-    EXPECT_EQ(Id_SetFixed(&newThing(IdType::kQueue)->header, 1000), kStatusSuccess);
-    EXPECT_EQ(Id_Invalidate(&queue->header), kStatusInvalidArgument);
-    Id_Release(&queue->header, false);
+    {
+        Held<Queue> gone;
+        EXPECT_EQ(gone.find(1000), kStatusSuccess);
+        EXPECT_EQ(destroy(1000), kStatusSuccess);
+        EXPECT_EQ(create(1000), kStatusSuccess);
+        EXPECT_EQ(Id_Invalidate(&gone->header), kStatusInvalidArgument);
+    }
     EXPECT_EQ(Id_Check(1000, IdType::kQueue), kStatusSuccess);
 }
 
-TEST_F(Ids, LeadToACountedReferenceOfTheirTypeAlone) {
-    const uint32_t id = publish(IdType::kQueue);
+TEST_F(Ids, LeadToObjectsOfTheirTypeUntilTheseEnd) {
+    const uint32_t id = makeQueue();
     IdHeader* object = nullptr;
     EXPECT_EQ(Id_Get(id, IdType::kQueue, nullptr, IdAccess::kDestroy), kStatusInvalidArgument);
     EXPECT_EQ(Id_Get(id, IdType::kEvent, &object, IdAccess::kDestroy), kStatusInvalidType);
     EXPECT_EQ(Id_Check(id, IdType::kEvent), kStatusInvalidType);
     EXPECT_EQ(Id_Get(id + 1, IdType::kQueue, &object, IdAccess::kDestroy), kStatusNotFound);
     EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(destroy(id), kStatusSuccess);
+    EXPECT_EQ(destroy(id), kStatusNotFound);
 
-    const struct {
-        IdAccess access;
-        bool locked, ends;
-    } rows[] = {{IdAccess::kUnlocked, false, false},
-                {IdAccess::kLocked, true, false},
-                {IdAccess::kDestroyLocked, true, true}};
-    for (const auto& [access, locked, ends] : rows) {
-        ASSERT_EQ(Id_Get(id, IdType::kQueue, &object, access), kStatusSuccess);
-        EXPECT_EQ(object->refCount, ends ? 1 : 2);
-        EXPECT_EQ(isFree(object->lock), !locked);
-        EXPECT_EQ(Id_IsInvalid(object), ends);
-        EXPECT_EQ(Id_Check(id, IdType::kQueue), ends ? kStatusNotFound : kStatusSuccess);
-        destructed = 0;
-        EXPECT_EQ(Id_Release(object, locked), kStatusSuccess);
-        EXPECT_EQ(destructed, ends ? 1 : 0);
-    }
-    EXPECT_EQ(destroy(id, IdType::kQueue), kStatusNotFound);
-}
-
-TEST_F(Ids, AreWithdrawnWithTheLastReferenceOfWhatWasNotDestroyed) {
-    IdHeader* const thing = &newThing()->header;
-    uint32_t id = kNoId;
-    ASSERT_EQ(Id_SetGlobal(thing, &id), kStatusSuccess);
-    EXPECT_EQ(Id_Release(thing, false), kStatusSuccess);
-    EXPECT_EQ(Id_Check(id, IdType::kEvent), kStatusNotFound);
+    // The last reference of what wasn't destroyed withdraws the id.
+    const uint32_t other = makeQueue();
+    EXPECT_EQ(Id_Release(&recordOf<Queue>(other)->header, false), kStatusSuccess);
+    EXPECT_EQ(Id_Check(other, IdType::kQueue), kStatusNotFound);
 }
 
 TEST_F(Ids, AreInvalidOnlyUnderTheFlagsLock) {
-    Lock flagLock = PELMO_LOCK_READY(LockRank::kQueueData);
-    Thing* thing = newThing(IdType::kQueue);
-    thing->header.flagLock = &flagLock;
-    uint32_t id = kNoId;
-    ASSERT_EQ(Id_SetGlobal(&thing->header, &id), kStatusSuccess);
-    Id_AddRef(&thing->header);
-    Lock_Enter(&flagLock);
-    std::thread destroyer([id] { EXPECT_EQ(destroy(id, IdType::kQueue), kStatusSuccess); });
+    const uint32_t id = makeQueue();
+    Held<Queue> queue;
+    ASSERT_EQ(queue.find(id), kStatusSuccess);
+    Lock_Enter(&queue->dataLock);
+    std::thread destroyer([id] { EXPECT_EQ(destroy(id), kStatusSuccess); });
     EXPECT_TRUE(within(60, [&] { return Id_Check(id, IdType::kQueue) != kStatusSuccess; }));
-    EXPECT_FALSE(Id_IsInvalid(&thing->header));
-    Lock_Leave(&flagLock);
+    EXPECT_FALSE(Id_IsInvalid(&queue->header));
+    Lock_Leave(&queue->dataLock);
     destroyer.join();
-    EXPECT_TRUE(Id_IsInvalid(&thing->header));
-    Id_Release(&thing->header, false);
+    EXPECT_TRUE(Id_IsInvalid(&queue->header));
 }
 
 // Two destroy, two look: one of the destroyers has it, and the others get a live object or none.
@@ -142,24 +100,21 @@ TEST_F(Ids, AreDestroyedOnceWhileTheyAreLookedUp) {
     constexpr int kRounds = 300;
     std::vector<uint32_t> ids(kRounds);
     for (uint32_t& id : ids)
-        id = publish();
+        id = makeQueue();
     std::atomic<int> succeeded = 0;
-    destructed = 0;
     race(4, kRounds, [&](int thread, int round) {
         const uint32_t id = ids[static_cast<size_t>(round)];
         if (thread < 2) {
-            if (destroy(id) == kStatusSuccess) ++succeeded;
+            succeeded += destroy(id) == kStatusSuccess ? 1 : 0;
             return;
         }
-        IdHeader* object = nullptr;
-        while (Id_Get(id, IdType::kEvent, &object, IdAccess::kLocked) == kStatusSuccess) {
-            EXPECT_EQ(reinterpret_cast<Thing*>(object)->mark, kAlive);
-            EXPECT_FALSE(Id_IsInvalid(object));
-            Id_Release(object, true);
+        for (;;) {
+            Held<Queue> queue;
+            if (queue.findLocked(id) != kStatusSuccess) break;
+            EXPECT_FALSE(Id_IsInvalid(&queue->header));
         }
     });
     EXPECT_EQ(succeeded, kRounds);
-    EXPECT_EQ(destructed, kRounds);
 }
 
 }  // namespace

@@ -2,11 +2,6 @@
 
 #include <sys/eventfd.h>
 
-#include <cmath>
-#include <cstdio>
-#include <latch>
-
-#include "lib/runtime/event_internal.h"
 #include "lib/runtime/event_manager.h"
 #include "lib/runtime/socket_error.h"
 #include "tests/runtime/event_stand.h"
@@ -46,8 +41,13 @@ TEST_F(IoEvents, AreOutOfTheSetFromFiringToDispatchUnlessOnAnIoQueue) {
     const SocketPair other;
     const uint32_t event = watch(stand.queue, pair.ends[0]);
     EXPECT_EQ(pass(), Fired{});
-    const uint32_t stays = watch(kFirstIoQueueId, other.ends[0]);
     pair.ready();
+    {
+        const FailAlloc fail{.forGood = true};
+        stand.ioPass();  // what can't be posted stays in the set
+    }
+    EXPECT_EQ(countOf(stand.queue), 0u);
+    const uint32_t stays = watch(kFirstIoQueueId, other.ends[0]);
     other.ready();
     for (int i = 0; i < 3; ++i)
         stand.ioPass();
@@ -125,38 +125,8 @@ TEST_F(IoEvents, FireForASocketThatWasClosed) {
     close(lost);
 }
 
-TEST_F(IoEvents, AreStillThereAfterAPostWithoutMemory) {
-    const uint32_t event = watch(stand.queue, pair.ends[0]);
-    pair.ready();
-    {
-        const FailAlloc fail{.forGood = true};
-        stand.ioPass();
-    }
-    EXPECT_EQ(countOf(stand.queue), 0u);
-    EXPECT_EQ(pass(), Fired{event});
-}
-
-// Any event: what its calls check, when it is armed again, how it ends.
-struct Events : IoEvents {};
-
-TEST_F(Events, CheckTheirArgumentsInOrder) {
-    uint32_t event = kNoId;
-    for (const double interval : {-0.001, -HUGE_VAL, std::nan("")}) {
-        EXPECT_EQ(pelmoEvent_CreateTimer(&event, 4'711, nullptr, interval, nullptr),
-                  kStatusInvalidCallback);
-        EXPECT_EQ(pelmoEvent_CreateTimer(&event, 4'711, ignoreEvent, interval, nullptr),
-                  kStatusInvalidInterval);
-        EXPECT_EQ(pelmoEvent_ResetTimerInterval(1, interval), kStatusInvalidInterval);
-    }
-    EXPECT_EQ(pelmoEvent_CreateIO(nullptr, 4'711, nullptr, -1, kIoRead, nullptr),
-              kStatusInvalidCallback);
-    EXPECT_EQ(pelmoEvent_CreateListener(&event, 4'711, nullptr, 10, "A", nullptr),
-              kStatusInvalidCallback);
-    EXPECT_EQ(event, kNoId);
-}
-
 // A timer runs on through a long callback, while a socket that stays ready can't fire into it.
-TEST_F(Events, RearmTimersBeforeTheirCallbackAndSocketsAfterIt) {
+TEST_F(IoEvents, RearmTimersBeforeTheirCallbackAndSocketsAfterIt) {
     static const auto isArmed = [](uint32_t id) {
         const Event* const record = recordOf<Event>(id);
         return record->kind == kEventTimer ? record->timer.place != 0
@@ -175,23 +145,6 @@ TEST_F(Events, RearmTimersBeforeTheirCallbackAndSocketsAfterIt) {
     EXPECT_EQ(dispatchAll(stand.queue), 2u);
     EXPECT_EQ(armed, (std::vector<bool>{true, false}));
     EXPECT_TRUE(isArmed(event));
-}
-
-// With no callback running the completion runs at once, also without a queue; what was posted is
-// dropped.
-TEST_F(Events, EndAtOnceWhileTheyOnlyWait) {
-    for (const bool withQueue : {true, false}) {
-        bool isDone = false;
-        const auto done = [](uint32_t, void* flag) { *static_cast<bool*>(flag) = true; };
-        const auto run = [](uint32_t, pelmoMsg*, void*) { ADD_FAILURE() << "after its end"; };
-        const uint32_t event = stand.timer(1, run, &isDone);
-        if (!withQueue) pelmoQueue_DestroyEx(stand.queue, nullptr, nullptr);
-        EXPECT_EQ(stand.fire(1), 1u);
-        EXPECT_EQ(pelmoEvent_DestroyEx(event, done), kStatusSuccess);
-        EXPECT_EQ(pelmoEvent_DestroyEx(event, done), kStatusInvalidEvent);
-        EXPECT_TRUE(isDone);
-        dispatchAll(stand.queue);
-    }
 }
 
 // The set itself: events without sockets, and passes without a poll.
@@ -313,28 +266,24 @@ TEST(EventManager, TakesOneTo128IoThreads) {
     EXPECT_EQ(EventManager_StartIo(129), kStatusInvalidArgument);
     ASSERT_EQ(EventManager_StartIo(3), kStatusSuccess);
     const SocketPair pair;
-    std::latch ready{2};
-    const auto fireOnce = [](uint32_t event, pelmoMsg*, void*) {
-        const auto countDown = [](uint32_t, void* latch) {
-            static_cast<std::latch*>(latch)->count_down();
-        };
-        pelmoEvent_DestroyEx(event, countDown);
+    std::atomic<int> fired{0};
+    const auto fireOnce = [](uint32_t event, pelmoMsg*, void* count) {
+        pelmoEvent_DestroyEx(event, nullptr);
+        ++*static_cast<std::atomic<int>*>(count);
     };
     for (const uint32_t queue : {6u, 7u}) {
         uint32_t event = kNoId;
-        EXPECT_EQ(pelmoEvent_CreateIO(&event, queue, fireOnce, pair.ends[0], kIoRead, &ready),
+        EXPECT_EQ(pelmoEvent_CreateIO(&event, queue, fireOnce, pair.ends[0], kIoRead, &fired),
                   kStatusSuccess);
     }
     pair.ready();
-    ready.wait();
+    EXPECT_TRUE(within(60, [&] { return fired == 2; }));
     EventManager_Stop();
 }
 
 TEST(SocketError, MapsErrnoToNumbersWithTexts) {
-    EXPECT_EQ(socketErrorFromErrno(EINTR), 10004);
     EXPECT_EQ(socketErrorFromErrno(EHOSTUNREACH), 10065);
     EXPECT_EQ(socketErrorFromErrno(ENOMEM), ENOMEM);
-    EXPECT_STREQ(socketErrorText(10004), "The blocking call was cancelled");
     EXPECT_STREQ(socketErrorText(ENOMEM), "***Unknown***");
 }
 

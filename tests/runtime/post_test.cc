@@ -1,10 +1,7 @@
 #include "lib/runtime/post.h"
 
-#include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <functional>
-#include <string>
 
 #include "tests/support/runtime_objects.h"
 
@@ -181,7 +178,7 @@ TEST_F(Posts, OfABatchKeepTheirOrderPassOverDeadEventsAndCallTheHookForEach) {
 
 // A hook that runs on a thread of its own until the test lets it end.
 struct SlowHook {
-    std::atomic<bool> runs{false}, mayEnd{false}, hasEnded{false};
+    std::atomic<bool> runs{false}, mayEnd{false}, hasEnded{false}, queueIsGone{false};
     std::jthread thread;
 
     SlowHook(uint32_t queue, const TestEvent& event) {
@@ -202,28 +199,11 @@ struct SlowHook {
     }
 };
 
-TEST_F(Posts, KeepTheQueuesCompletionUntilTheLastHookHasEnded) {
-    SlowHook slow(queue, timer);
-    static SlowHook* of;
-    of = &slow;
-    static std::atomic<bool> completed;
-    completed = false;
-    const auto complete = [](uint32_t, void*) {
-        EXPECT_TRUE(of->hasEnded);
-        completed = true;
-    };
-    EXPECT_EQ(pelmoQueue_DestroyEx(queue, complete, nullptr), kStatusSuccess);
-    EXPECT_FALSE(completed);
-    slow.end();
-    slow.thread.join();
-    EXPECT_TRUE(completed);
-}
-
-TEST_F(Posts, LetAHookEndBeforeItIsReplaced) {
+TEST_F(Posts, LetAHookEndBeforeItIsReplacedAndBeforeTheCompletion) {
     SlowHook slow(queue, timer);
     Queue* const record = recordOf<Queue>(queue);
     std::thread removing([&] {
-        EXPECT_EQ(pelmoQueue_SetHook(queue, nullptr, nullptr), kStatusSuccess);
+        (void)pelmoQueue_SetHook(queue, nullptr, nullptr);
         EXPECT_TRUE(slow.hasEnded);
     });
     for (bool waits = false; !waits; std::this_thread::yield()) {
@@ -243,8 +223,18 @@ TEST_F(Posts, LetAHookEndBeforeItIsReplaced) {
     }
     postBatch(queue, {listener.id, listener.id, listener.id});
     EXPECT_EQ(calls, 1u);  // the thread's own run ends at once, and doesn't wait for the other's
+
+    const auto complete = [](uint32_t, void* hook) {
+        auto& of = *static_cast<SlowHook*>(hook);
+        EXPECT_TRUE(of.hasEnded);
+        of.queueIsGone = true;
+    };
+    EXPECT_EQ(pelmoQueue_DestroyEx(queue, complete, &slow), kStatusSuccess);
+    EXPECT_FALSE(slow.queueIsGone);
     slow.end();
+    slow.thread.join();
     removing.join();
+    EXPECT_TRUE(slow.queueIsGone);
 }
 
 }  // namespace

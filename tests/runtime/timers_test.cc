@@ -1,6 +1,6 @@
 #include "lib/runtime/timers.h"
 
-#include <algorithm>
+#include <cmath>
 #include <ranges>
 
 #include "tests/runtime/event_stand.h"
@@ -132,6 +132,17 @@ TEST_F(Timers, TakeANewIntervalFromTheCallOn) {
     double interval = 0;
     EXPECT_EQ(pelmoEvent_GetTimerInterval(armed, &interval), kStatusSuccess);
     EXPECT_EQ(interval, 3);
+}
+
+TEST_F(Timers, RefuseIntervalsThatAreNone) {
+    uint32_t event = kNoId;
+    for (const double interval : {-0.001, std::nan("")}) {
+        EXPECT_EQ(pelmoEvent_CreateTimer(&event, 0, nullptr, interval, nullptr),
+                  kStatusInvalidCallback);  // looked at first
+        EXPECT_EQ(pelmoEvent_CreateTimer(&event, 0, ignoreEvent, interval, nullptr),
+                  kStatusInvalidInterval);
+        EXPECT_EQ(pelmoEvent_ResetTimerInterval(0, interval), kStatusInvalidInterval);
+    }
 }
 
 // What waits is cut short by a timer that is due sooner, and by no other.

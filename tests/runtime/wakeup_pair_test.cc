@@ -2,9 +2,7 @@
 
 #include <netinet/in.h>
 
-#include <algorithm>
 #include <functional>
-#include <optional>
 
 #include "tests/runtime/event_stand.h"
 #include "tests/support/test.h"
@@ -22,8 +20,14 @@ sockaddr_in addressOf(int end, int (*ask)(int, sockaddr*, socklen_t*)) {
 struct WakeupPairs : testing::Test {
     WakeupPairs() { create(); }
     void create() {
-        const auto wake = [](void* self) { Calls::call(&static_cast<WakeupPairs*>(self)->wakes); };
-        const auto fail = [](void* self) { Calls::call(&static_cast<WakeupPairs*>(self)->fails); };
+        const auto wake = [](void* closure) {
+            auto* const self = static_cast<WakeupPairs*>(closure);
+            ++self->wakes;
+            if (self->onWake) self->onWake();
+        };
+        const auto fail = [](void*) { ADD_FAILURE() << "the owner is called"; };
+        wakes = 0;
+        onWake = nullptr;
         EXPECT_EQ(wakeupPairCreate(&pair, stand.queue, wake, fail, this), kStatusSuccess);
         const std::vector<uint32_t> events = idsOf(IdType::kEvent);
         event = *std::ranges::max_element(events);  // ids count up
@@ -31,18 +35,6 @@ struct WakeupPairs : testing::Test {
     ~WakeupPairs() override {
         if (pair != nullptr) wakeupPairDestroy(pair);
     }
-
-    // What a pair calls back with.
-    struct Calls {
-        int count = 0;
-        std::function<void()> act;  // optional
-
-        static void call(void* closure) {
-            auto* const self = static_cast<Calls*>(closure);
-            ++self->count;
-            if (self->act) self->act();
-        }
-    };
 
     void pass() {
         stand.ioPass();
@@ -60,41 +52,44 @@ struct WakeupPairs : testing::Test {
         EXPECT_EQ(shutdown(writer, SHUT_RDWR), 0);
     }
 
-    // A pass that finds a broken connection, and can't open another one until sockets are allowed.
-    void failToRemake() {
-        testing::internal::CaptureStderr();
-        breakConnection();
-        noSockets.emplace(RLIMIT_NOFILE, 3);
-        pass();
-        noSockets.reset();
-        (void)testing::internal::GetCapturedStderr();
-    }
-
     EventStand stand;
     WakeupPair* pair = nullptr;
     uint32_t event = kNoId;
-    Calls wakes, fails;
-    std::optional<LowLimit> noSockets;
+    int wakes = 0;
+    std::function<void()> onWake;
 };
 
 TEST_F(WakeupPairs, CallOnceForManyWakesUnlessTheyFindNoSockets) {
     pass();
-    EXPECT_EQ(wakes.count, 0);
+    EXPECT_EQ(wakes, 0);
     for (int i = 0; i < 32; ++i)
         wakeupPairWake(pair);
     pass();
     pass();
-    EXPECT_EQ(wakes.count, 1);
+    EXPECT_EQ(wakes, 1);
 
     wakeupPairDisable(pair);
     EXPECT_FALSE(wakeupPairHasEvent(pair));
     wakeupPairWake(pair);
     EXPECT_EQ(wakeupPairRemake(pair, stand.queue), kStatusSuccess);
     pass();
-    EXPECT_EQ(wakes.count, 1);
+    EXPECT_EQ(wakes, 1);
     wakeupPairWake(pair);
     pass();
-    EXPECT_EQ(wakes.count, 2);
+    EXPECT_EQ(wakes, 2);
+}
+
+TEST_F(WakeupPairs, RemakeABrokenConnection) {
+    testing::internal::CaptureStderr();
+    breakConnection();
+    pass();
+    EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(
+        "Socket pair unexpectedly closed, creating new pair\n"));
+    EXPECT_EQ(wakes, 0);  // there was no wake-up
+    wakeupPairWake(pair);
+    pass();
+    EXPECT_EQ(wakes, 1);
+    EXPECT_TRUE(wakeupPairHasEvent(pair));
 }
 
 // Nor does errno change, whether the byte is written, finds no room or no peer.
@@ -108,43 +103,32 @@ TEST_F(WakeupPairs, NeverBlockNorKillTheWaker) {
     }
 }
 
-TEST_F(WakeupPairs, RemakeABrokenConnection) {
-    testing::internal::CaptureStderr();
-    breakConnection();
-    pass();
-    EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(
-        "Socket pair unexpectedly closed, creating new pair\n"));
-    EXPECT_EQ(wakes.count, 0);  // there was no wake-up
-    wakeupPairWake(pair);
-    pass();
-    EXPECT_EQ(wakes.count, 1);
-    EXPECT_EQ(fails.count, 0);
-    EXPECT_TRUE(wakeupPairHasEvent(pair));
-}
-
 // By their own callback; when they fail, and then their owner isn't called; or after their event.
 TEST_F(WakeupPairs, MayBeDestroyedAtAnyTime) {
-    wakes.act = [this] { wakeupPairDestroy(std::exchange(pair, nullptr)); };
+    onWake = [this] { wakeupPairDestroy(std::exchange(pair, nullptr)); };
     wakeupPairWake(pair);
     pass();
-    EXPECT_EQ(wakes.count, 1);
+    EXPECT_EQ(wakes, 1);
     EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusInvalidEvent);
 
     create();
-    wakes.act = nullptr;
     wakeupPairWake(pair);
     pass();  // takes the byte
-    wakes.act = [this] { wakeupPairDestroy(std::exchange(pair, nullptr)); };
-    failToRemake();
+    onWake = [this] { wakeupPairDestroy(std::exchange(pair, nullptr)); };
+    testing::internal::CaptureStderr();
+    breakConnection();
+    {
+        const LowLimit noSockets(RLIMIT_NOFILE, 3);
+        pass();  // finds it, and can't open another one
+    }
+    (void)testing::internal::GetCapturedStderr();
     EXPECT_EQ(pair, nullptr);
-    EXPECT_EQ(fails.count, 0);
 
     create();
-    wakes = {};
     EXPECT_EQ(pelmoEvent_DestroyEx(event, nullptr), kStatusSuccess);
     wakeupPairWake(pair);
     pass();
-    EXPECT_EQ(wakes.count, 0);
+    EXPECT_EQ(wakes, 0);
 }
 
 // The numbers of closed sockets are given to others at once; a waker never writes to these.

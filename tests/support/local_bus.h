@@ -55,11 +55,13 @@ inline pelmoStatus sendText(uint32_t transport, const char* subject, const char*
     return message != nullptr ? pelmoTransport_Send(transport, message.get()) : kStatusNoMemory;
 }
 
-// A plain listener that stores the texts of its messages.
+// A plain listener that stores the texts of its messages. Its end waits for a callback under way,
+// unless that is the caller.
 struct TestListener : NoCopy {
     uint32_t event = kNoId;
     Texts texts;
     std::function<void(pelmoMsg*)> onMessage;  // optional
+    std::atomic<size_t> count{0};              // of callbacks that have ended
 
     TestListener() = default;
     TestListener(uint32_t queue, const char* subject, uint32_t transport = kLocal) {
@@ -71,8 +73,13 @@ struct TestListener : NoCopy {
         return pelmoEvent_CreateListener(&event, queue, received, transport, subject, this);
     }
     void end() {
-        if (event != kNoId) pelmoEvent_DestroyEx(event, nullptr);
+        if (event == kNoId) return;
+        if (pelmoEvent_DestroyWait(event) == kStatusNotPermitted)
+            pelmoEvent_DestroyEx(event, nullptr);
         event = kNoId;
+    }
+    [[nodiscard]] bool await(size_t wanted) const {
+        return within(60, [&] { return count >= wanted; });
     }
 
   private:
@@ -80,5 +87,6 @@ struct TestListener : NoCopy {
         auto* self = static_cast<TestListener*>(closure);
         self->texts.push_back(textOf(message));
         if (self->onMessage) self->onMessage(message);
+        ++self->count;
     }
 };

@@ -39,12 +39,13 @@ inline std::vector<uint32_t> idsOf(IdType type) {
 // objects that a test left, but not threads that use them.
 // Tables of an open of the library, which stay for good, serve as well.
 struct RuntimeTables : NoCopy {
-    const bool areOwn = !areLibrarys();
+    const bool areOwn = [] {
+        const LockGuard guard(library.lock);
+        return !library.tablesReady;
+    }();
 
     RuntimeTables() {
-        if (areOwn) {
-            EXPECT_EQ(idTablesCreate(), kStatusSuccess);
-        }
+        EXPECT_TRUE(!areOwn || idTablesCreate() == kStatusSuccess);
         libraryOpen = true;
     }
     ~RuntimeTables() {
@@ -57,10 +58,6 @@ struct RuntimeTables : NoCopy {
             }
         }
         if (areOwn) idTablesDestroy();
-    }
-    static bool areLibrarys() {
-        const LockGuard guard(library.lock);
-        return library.tablesReady;
     }
 };
 
