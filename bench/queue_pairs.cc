@@ -1,10 +1,11 @@
 // What messages between two processes cost over an inter-process queue, against a bare loop of
 // sendmsg and recv that moves the same bytes in the same chunks, over loopback:
 //
-//     queue_pairs [PAIRS [MEGABYTES]]
+//     queue_pairs [PAIRS [MEGABYTES [BYTES]]]
 //
 // A pair is a run of each, one after the other; a line has the medians of all pairs of one size
-// and the median of their ratios. A run that doesn't count goes first. "held" sends a hundred
+// and the median of their ratios. With BYTES only messages of that size are sent. A run that
+// doesn't count goes first. "held" sends a hundred
 // messages between a hold and a flush. The bare processes have a second thread, asleep, as each
 // process with queues has: system calls cost more there. The processor time of the two sides, in
 // nanoseconds a message, shows which of them limits the rate; on a busy machine it
@@ -317,6 +318,7 @@ void measure(const Shape& shape, int pairs) {
 int main(int count, char** arguments) {
     const int pairs = count > 1 ? std::atoi(arguments[1]) : 7;
     const uint64_t megabytes = count > 2 ? static_cast<uint64_t>(std::atoi(arguments[2])) : 400;
+    const uint32_t only = count > 3 ? static_cast<uint32_t>(std::atoi(arguments[3])) : 0;
     double load[3] = {};
     (void)getloadavg(load, 3);
     std::printf("%u cores, load %.1f (%.1f over 15 minutes)\n", std::thread::hardware_concurrency(),
@@ -326,6 +328,7 @@ int main(int count, char** arguments) {
         "bare"
         "\n");
     for (const uint32_t messageBytes : {100u, 1024u, 16384u}) {
+        if (only != 0 && messageBytes != only) continue;
         const uint64_t bytes = megabytes * 1'000'000 / (messageBytes == 100 ? 4 : 1);
         for (const bool isHeld : {false, true})
             measure({messageBytes, isHeld, bytes / messageBytes}, pairs);

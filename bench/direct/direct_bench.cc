@@ -6,7 +6,7 @@
 //     direct_bench cpu ROAD BYTES COUNT AHEAD    "NS PACKETS": processor time of both ends, and
 //     packets
 //
-// Arrivals are counted from kWarmSeconds behind the first one: what the opening takes isn't in
+// Arrivals are counted from kWarmSeconds after the first one: what the opening takes isn't in
 // them.
 //
 // `cpu` sends COUNT messages over loopback from one process to another. With AHEAD the sender is

@@ -32,7 +32,7 @@ HEADER_BYTES = 32
 
 SIZES = [1400, 65536]
 # (percent lost, seconds, flows beside each other)
-LOSSES = [(0, 1.5, 1), (1, 2.5, 4), (5, 2.5, 4), (10, 2.5, 4)]
+LOSSES = [(0, 3, 1), (1, 2.5, 4), (5, 2.5, 4), (10, 2.5, 4)]
 # (bytes, messages, messages ahead)
 COSTS = [(1400, 200000, 32), (100, 200000, 32), (1400, 200000, 0), (100, 2000000, 0)]
 BARE_AHEAD = 32
