@@ -35,73 +35,55 @@ const uint8_t* filling(uint32_t name) {
     return &block[name * 7919 % 0x10000];
 }
 
-void describe(FILE* out, const PeerAddress& from, const PeerAddress& to, const Packet& packet) {
-    const PacketHeader& h = packet.header;
-    std::fprintf(out, "%u>%u %08x>%08x %s%s%s%s seq %llu ack %llu", ntohs(from.port),
-                 ntohs(to.port), h.sourceId, h.destId, (h.flags & kFlagSyn) != 0 ? "S" : "",
-                 (h.flags & kFlagFin) != 0 ? "F" : "", (h.flags & kFlagRst) != 0 ? "R" : "",
-                 (h.flags & kFlagCloseNotice) != 0 ? "N" : "",
-                 static_cast<unsigned long long>(h.seq), static_cast<unsigned long long>(h.ack));
-    if (!packet.payload.empty()) std::fprintf(out, " %zu bytes", packet.payload.size());
-    if (packet.isFragment) {
-        std::fprintf(out, " at %u of %u", packet.fragment.offset, packet.fragment.totalSize);
-    }
-}
-
-void trace(const ReliableNet& net, const NetFlight& flight, const char* what) {
+__attribute__((format(printf, 2, 3))) void note(const ReliableNet& net, const char* format, ...) {
     if (net.trace == nullptr) return;
-    std::fprintf(net.trace, "%12.6f %-6s ", net.now - kNetBegin, what);
-    Packet packet;
-    if (packetRead(flight.bytes, &packet)) describe(net.trace, flight.from, flight.to, packet);
+    std::fprintf(net.trace, "%12.6f ", net.now - kNetBegin);
+    va_list arguments;
+    va_start(arguments, format);
+    std::vfprintf(net.trace, format, arguments);
+    va_end(arguments);
     std::fputc('\n', net.trace);
 }
 
-bool isLater(const NetFlight& a, const NetFlight& b) {
-    return a.due != b.due ? a.due > b.due : a.order > b.order;
+void trace(const ReliableNet& net, const NetFlight& flight, const char* what) {
+    Packet packet = {};
+    if (net.trace == nullptr || !packetRead(flight.bytes, &packet)) return note(net, "%s", what);
+    const PacketHeader& header = packet.header;
+    std::string flags;
+    for (const auto& [flag, letter] :
+         {std::pair{kFlagSyn, 'S'}, {kFlagFin, 'F'}, {kFlagRst, 'R'}, {kFlagCloseNotice, 'N'}})
+        flags += (header.flags & flag) != 0 ? std::string(1, letter) : "";
+    note(net, "%-6s %u>%u %08x>%08x %s seq %ju ack %ju %zu bytes at %u of %u", what,
+         ntohs(flight.from.port), ntohs(flight.to.port), header.sourceId, header.destId,
+         flags.c_str(), uintmax_t{header.seq}, uintmax_t{header.ack}, packet.payload.size(),
+         packet.fragment.offset, packet.fragment.totalSize);
 }
 
-void pushFlight(ReliableNet& net, NetFlight flight) {
-    flight.order = ++net.order;
-    net.flights.push_back(std::move(flight));
-    std::push_heap(net.flights.begin(), net.flights.end(), isLater);
-}
-
-NetFlight popFlight(ReliableNet& net) {
-    std::pop_heap(net.flights.begin(), net.flights.end(), isLater);
-    NetFlight flight = std::move(net.flights.back());
-    net.flights.pop_back();
-    return flight;
-}
-
-void fly(ReliableNet& net, NetFlight flight) {
+void fly(ReliableNet& net, const NetFlight& flight) {
     const NetLink& link = net.link;
-    flight.due = net.now + link.delay;
-    if (link.jitter > 0) flight.due -= link.jitter * std::log(1 - net.random.unit());
-    if (net.random.chance(link.late)) flight.due += net.random.between(0, 5);
-    pushFlight(net, std::move(flight));
-}
-
-uint64_t idsOf(uint32_t own, uint32_t peer) {
-    return uint64_t{own} << 32 | peer;
+    double due = net.now + link.delay;
+    if (link.jitter > 0) due -= link.jitter * std::log(1 - net.random.unit());
+    if (net.random.chance(link.late)) due += net.random.between(0, 5);
+    net.flights.emplace(due, flight);
 }
 
 // Acknowledgements that come alone are never refused for their own number.
 void noteAcknowledged(NetHost& host, const Packet& packet) {
     const PacketHeader& header = packet.header;
     if (!packet.payload.empty() || header.flags != 0) return;
-    uint64_t& most = host.acknowledged[idsOf(header.destId, header.sourceId)];
+    uint64_t& most = host.acknowledged[netIds(header.destId, header.sourceId)];
     most = std::max(most, header.ack);
 }
 
 bool isAcknowledged(const NetHost& host, const Packet& packet) {
-    const auto found = host.acknowledged.find(idsOf(packet.header.sourceId, packet.header.destId));
+    const auto found = host.acknowledged.find(netIds(packet.header.sourceId, packet.header.destId));
     return found != host.acknowledged.end() && packet.header.seq < found->second;
 }
 
 void send(void* closure, const PeerAddress& to, const OutDatagram& datagram) {
     NetHost& host = *static_cast<NetHost*>(closure);
     ReliableNet& net = *host.net;
-    NetFlight flight = {0, 0, host.address, to, {datagram.head.begin(), datagram.head.end()}};
+    NetFlight flight = {host.address, to, {datagram.head.begin(), datagram.head.end()}};
     flight.bytes.insert(flight.bytes.end(), datagram.payload.begin(), datagram.payload.end());
     if (++net.packets > net.mostPackets) netFault(net, "packets without end");
     if (datagram.isRepeat) ++net.repeats;
@@ -122,7 +104,7 @@ void send(void* closure, const PeerAddress& to, const OutDatagram& datagram) {
     trace(net, flight, isLost ? "lost" : datagram.isRepeat ? "repeat" : "sends");
     if (isLost) return;
     if (net.random.chance(net.link.twice)) fly(net, flight);
-    fly(net, std::move(flight));
+    fly(net, flight);
 }
 
 void wake(void*, void* waiter) {
@@ -166,12 +148,9 @@ void takeOutput(NetHost& host, const EndpointOutput& out) {
     const NetWatch& watch = host.net->watch;
     if (out.lossCount > kMostLosses) netFault(*host.net, "%u losses", out.lossCount);
     for (uint32_t i = 0; i < out.lossCount; ++i) {
-        if (host.net->trace != nullptr) {
-            std::fprintf(host.net->trace, "%12.6f %u lost %s %u: %llu\n", host.net->now - kNetBegin,
-                         ntohs(host.address.port), out.losses[i].inbound ? "from" : "to",
-                         ntohs(out.losses[i].peer.port),
-                         static_cast<unsigned long long>(out.losses[i].bytes));
-        }
+        note(*host.net, "%u lost %s %u: %ju", ntohs(host.address.port),
+             out.losses[i].inbound ? "from" : "to", ntohs(out.losses[i].peer.port),
+             uintmax_t{out.losses[i].bytes});
         if (watch.lost) watch.lost(host, out.losses[i]);
     }
     if (out.messages == nullptr) return;
@@ -256,13 +235,8 @@ void netFault(ReliableNet& net, const char* format, ...) {
     va_start(arguments, format);
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    if (net.trace != nullptr) {
-        std::fprintf(net.trace, "%12.6f FAULT %s\n", net.now - kNetBegin, text);
-    }
-    if (!net.fault.empty()) return;
-    char stamp[40];
-    std::snprintf(stamp, sizeof stamp, "at %.6f: ", net.now - kNetBegin);
-    net.fault = std::string(stamp) + text;
+    note(net, "FAULT %s", text);
+    if (net.fault.empty()) net.fault = "at " + std::to_string(net.now - kNetBegin) + ": " + text;
 }
 
 uint32_t netAddHost(ReliableNet& net) {
@@ -301,18 +275,13 @@ void netCrash(ReliableNet& net, uint32_t index) {
     host.waiters = 0;
     host.isUp = false;
     ++host.life;
-    if (net.trace != nullptr) {
-        std::fprintf(net.trace, "%12.6f %u is gone\n", net.now - kNetBegin, 7001 + index);
-    }
+    note(net, "%u is gone", 7001 + index);
 }
 
 void netClose(ReliableNet& net, uint32_t index, bool flush) {
     NetHost& host = *net.hosts[index];
     host.closeBegin = net.now;
-    if (net.trace != nullptr) {
-        std::fprintf(net.trace, "%12.6f %u closes%s\n", net.now - kNetBegin, 7001 + index,
-                     flush ? ", flushing" : "");
-    }
+    note(net, "%u closes%s", 7001 + index, flush ? ", flushing" : "");
     call(host, [&](EndpointOutput* out) { endpointCloseBegin(&host.core, net.now, flush, out); });
     if (!flush) return endClose(host);
     settle(host);
@@ -344,11 +313,11 @@ void netInject(ReliableNet& net,
                const PeerAddress& from,
                const PeerAddress& to,
                std::span<const uint8_t> bytes) {
-    pushFlight(net, {net.now, 0, from, to, {bytes.begin(), bytes.end()}});
+    net.flights.emplace(net.now, NetFlight{from, to, {bytes.begin(), bytes.end()}});
 }
 
 double netNext(const ReliableNet& net) {
-    double next = net.flights.empty() ? kNever : net.flights.front().due;
+    double next = net.flights.empty() ? kNever : net.flights.begin()->first;
     for (const std::unique_ptr<NetHost>& host : net.hosts) {
         if (host->isUp) next = std::min(next, endpointNextDeadline(&host->core));
     }
@@ -358,8 +327,8 @@ double netNext(const ReliableNet& net) {
 void netRun(ReliableNet& net, double until) {
     for (double next = netNext(net); next <= until && net.fault.empty(); next = netNext(net)) {
         net.now = std::max(net.now, next);
-        if (!net.flights.empty() && net.flights.front().due <= net.now) {
-            arrive(net, popFlight(net));
+        if (!net.flights.empty() && net.flights.begin()->first <= net.now) {
+            arrive(net, net.flights.extract(net.flights.begin()).mapped());
             continue;
         }
         for (const std::unique_ptr<NetHost>& host : net.hosts) {
@@ -378,13 +347,10 @@ bool netIsQuiet(const ReliableNet& net) {
 void netWriteMessage(uint8_t* at, uint32_t size, uint32_t name) {
     storeBe32At(at, size);
     storeBe32At(at + 4, kMessageMagic);
-    if (size >= kNetNamedBytes) {
-        storeBe32At(at + 8, name);
-    } else {
-        std::memset(at + 8, 0, size - 8);
-    }
     const uint32_t head = std::min(size, kNetNamedBytes);
-    if (size > head) std::memcpy(at + head, filling(name), size - head);
+    std::memset(at + 8, 0, head - 8);
+    if (head == kNetNamedBytes) storeBe32At(at + 8, name);
+    std::memcpy(at + head, filling(name), size - head);
 }
 
 HeldMessage netMessage(uint32_t size, uint32_t name) {

@@ -53,8 +53,6 @@ struct NetLink {
 };
 
 struct NetFlight {
-    double due;
-    uint64_t order;
     PeerAddress from, to;
     std::vector<uint8_t> bytes;
 };
@@ -114,8 +112,7 @@ struct ReliableNet : NoCopy {
     NetWatch watch;
     FILE* trace = nullptr;
     std::vector<std::unique_ptr<NetHost>> hosts;
-    std::vector<NetFlight> flights;  // a heap, the next one to arrive first
-    uint64_t order = 0;
+    std::multimap<double, NetFlight> flights;  // by when they arrive
     uint64_t packets = 0;
     uint64_t mostPackets = 1'000'000;  // more are a loop without end
     bool hasForgers = false;  // acknowledgements that come may be forged: none of them counts
@@ -124,6 +121,11 @@ struct ReliableNet : NoCopy {
     uint64_t senderTokens = 0;
     std::string fault;
 };
+
+// The ids of both ends of a connection.
+inline uint64_t netIds(uint32_t own, uint32_t peer) {
+    return uint64_t{own} << 32 | peer;
+}
 
 void netFault(ReliableNet& net, const char* format, ...) __attribute__((format(printf, 2, 3)));
 

@@ -54,20 +54,20 @@ TEST(Packet, HasOneForm) {
 }
 
 TEST(Packet, CarriesWindowsAndBoundsThem) {
-    const struct {
-        uint64_t window, read;
-    } written[] = {{0, 0},
-                   {0xffff, 0xffff},
-                   {0x10001, 0x10000},
-                   {0x1fffff, 0x1fffe0},
-                   {kMostWindow - 1, 0xffff0000},
-                   {UINT64_MAX, kMostWindow}};
-    for (const auto& [window, read] : written) {
-        PacketHeader header = kHeader;
-        header.window = window;
+    const auto windowOf = [](const Bytes& datagram) {
         Packet packet;
-        ASSERT_TRUE(packetRead(headOf(header, nullptr), &packet));
-        EXPECT_EQ(packet.header.window, read) << window;
+        EXPECT_TRUE(packetRead(datagram, &packet));
+        return packet.header.window;
+    };
+    for (const auto& [written, read] : {std::pair<uint64_t, uint64_t>{0, 0},
+                                        {0xffff, 0xffff},
+                                        {0x10001, 0x10000},
+                                        {0x1fffff, 0x1fffe0},
+                                        {kMostWindow - 1, 0xffff0000},
+                                        {UINT64_MAX, kMostWindow}}) {
+        PacketHeader header = kHeader;
+        header.window = written;
+        EXPECT_EQ(windowOf(headOf(header, nullptr)), read) << written;
     }
     const struct {
         uint8_t shift, mantissa;
@@ -76,12 +76,8 @@ TEST(Packet, CarriesWindowsAndBoundsThem) {
                    {33, 1, kMostWindow}, {64, 1, kMostWindow}, {255, 255, kMostWindow}};
     for (const auto& [shift, mantissa, read] : arrived) {
         Bytes datagram = kGolden;
-        datagram[25] = shift;
-        datagram[26] = 0;
-        datagram[27] = mantissa;
-        Packet packet;
-        ASSERT_TRUE(packetRead(datagram, &packet));
-        EXPECT_EQ(packet.header.window, read) << int{mantissa} << " << " << int{shift};
+        std::ranges::copy(Bytes{shift, 0, mantissa}, datagram.begin() + 25);
+        EXPECT_EQ(windowOf(datagram), read) << int{mantissa} << " << " << int{shift};
     }
 }
 

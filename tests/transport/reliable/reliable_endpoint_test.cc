@@ -27,12 +27,12 @@ constexpr double kNoLimit = std::numeric_limits<double>::infinity();
 // Names its sender and its place in the row of what that sent to one peer.
 Message numbered(uint32_t from, uint64_t number, size_t padBytes = 0) {
     Message message = newMessage();
-    const Bytes pad(padBytes, 0x5a);
-    const auto padSize = static_cast<uint32_t>(padBytes);
+    const Bytes pad(padBytes + 1, 0x5a);
     EXPECT_EQ(pelmoMsg_AddU32(message.get(), "from", from, 0), kStatusSuccess);
     EXPECT_EQ(pelmoMsg_AddU64(message.get(), "n", number, 0), kStatusSuccess);
-    if (padSize == 0) return message;
-    EXPECT_EQ(pelmoMsg_AddOpaque(message.get(), "pad", pad.data(), padSize, 0), kStatusSuccess);
+    EXPECT_EQ(
+        pelmoMsg_AddOpaque(message.get(), "pad", pad.data(), static_cast<uint32_t>(padBytes), 0),
+        kStatusSuccess);
     return message;
 }
 
@@ -71,10 +71,9 @@ struct End : NoCopy {
         EXPECT_EQ(address, kLoopbackHost);
         for (uint32_t i = 0; i < messages->count; ++i)
             self->take(static_cast<pelmoMsg*>(messages->items[i]));
-        if (self->closesItself) {
-            self->close();
-            self->closesItself = false;
-        }
+        if (!self->closesItself) return;
+        self->close();
+        self->closesItself = false;
     }
     void take(pelmoMsg* message) {
         uint32_t from = 0;
@@ -131,13 +130,12 @@ TEST_F(ReliableEndpoints, CarryEverythingBetweenEight) {
         isOver = true;
         for (std::thread& sender : senders)
             sender.join();
-        const auto areTaken = [&] {
+        EXPECT_TRUE(within(60, [&] {
             uint64_t taken = 0;
             for (const End& end : ends)
                 taken += end.taken;
             return taken == sent;
-        };
-        EXPECT_TRUE(within(60, areTaken));
+        }));
         for (End& end : ends) {
             end.close(kNoLimit);
             EXPECT_TRUE(end.outOfOrder == 0 && end.lost == 0);
@@ -153,8 +151,8 @@ TEST(Datagrams, LeaveOneByOneAndInOrder) {
         DatagramWire wires[2];
         auto sender = std::make_unique<DatagramSocket>();
         ASSERT_EQ(datagramOpen(sender.get(), kLoopbackHost, 0), kStatusSuccess);
-        const int on = 1;  // without a checksum the kernel cuts nothing
-        if (isRefused) setsockopt(sender->handle, SOL_SOCKET, SO_NO_CHECK, &on, sizeof on);
+        const int on = isRefused;  // without a checksum the kernel cuts nothing
+        setsockopt(sender->handle, SOL_SOCKET, SO_NO_CHECK, &on, sizeof on);
         Buffer* const buffer = bufferCreate(2000);
         uint8_t number = 0;
         const auto addTo = [&](uint32_t address) {
