@@ -1,8 +1,10 @@
 // A queue on the event manager's parts without its threads, on stopped clocks: the test moves the
-// time, makes the passes, and is the peer. And the frames by which both ends agree.
+// time, makes the passes, and is the peer.
 
 #include <atomic>
 #include <functional>
+#include <map>
+#include <sstream>
 #include <thread>
 
 #include "lib/base/bytes.h"
@@ -115,117 +117,103 @@ struct StandingQueue : testing::Test {
         return all;
     }
 
+    // Steps of a story, in words:
+    //
+    //     a F b9      sends a unit, of 100 bytes, of as many as a send moves, of nine
+    //     v           sends a vector of two
+    //     near17 far2 sends so many, each 49,999 ns or 50 us after the one before
+    //     <k          what the peer sends: a keep-alive, or a unit
+    //     =ab         what it got since, of each unit the letter; k for a keep-alive
+    //     at60 ms1    timers, by the seconds since the start, or after the last near or far
+    //     w17 q1      so many writes in all; so many messages that wait
+    //     hold        and other calls; limit9 sets the wait limit
+    void live(const std::string& story) {
+        const std::map<std::string, pelmoStatus (*)(Ipq*)> calls = {
+            {"hold", ipqHold}, {"flush", ipqFlush}, {"begin", ipqBeginBatch}, {"end", ipqEndBatch}};
+        std::istringstream words(story);
+        for (std::string word; words >> word;) {
+            SCOPED_TRACE(story + ": " + word);
+            const size_t digits = std::min(word.find_first_of("0123456789"), word.size());
+            const std::string what = word.substr(0, digits);
+            const double number = digits < word.size() ? std::stod(word.substr(digits)) : 0;
+            const auto count = static_cast<uint32_t>(number);
+            if (calls.contains(what)) {
+                EXPECT_EQ(calls.at(what)(ipq), kStatusSuccess);
+            } else if (what == "near" || what == "far") {
+                for (uint32_t i = 0; i < count; ++i) {
+                    stand.clock.set(1'000, sentAt += what == "near" ? 49'999 : 50'000);
+                    EXPECT_EQ(send(streamUnit(100, 'a')), kStatusSuccess);
+                }
+            } else if (what == "at") {
+                timersAt(number);
+            } else if (what == "ms") {
+                timersAt(static_cast<double>(sentAt) / 1e9 + number / 1e3);
+            } else if (what == "limit") {
+                ipqSetWaitLimit(ipq, count);
+            } else if (what == "v") {
+                const HeldMessage message(messageOf(unitOf('a')));
+                pelmoMsg* const two[] = {message.get(), message.get()};
+                EXPECT_EQ(ipqSendVector(ipq, two, false), kStatusSuccess);
+            } else if (what == "w") {
+                EXPECT_EQ(ipqWriteStatistics(ipq).attempts, count);
+            } else if (what == "q") {
+                EXPECT_EQ(ipqBacklog(ipq).messages, count);
+            } else if (what[0] == '<') {
+                sendText(peer.number(), what == "<k" ? kKeepAlive : unitOf(what[1]));
+                passes();
+            } else if (what[0] == '=') {
+                std::string expected;
+                for (const char letter : what.substr(1))
+                    expected += letter == 'k' ? kKeepAlive : unitOf(letter);
+                EXPECT_TRUE(received(expected.size()) == expected);
+            } else {
+                EXPECT_EQ(send(unitOf(what[0], count)), kStatusSuccess);
+            }
+        }
+    }
+    static std::string unitOf(char letter, uint32_t size = 0) {
+        const uint32_t usual = letter == 'F' ? kMostSendBytes : 100;
+        return streamUnit(size != 0 ? size : usual, letter);
+    }
+
     EventStand stand;
     LoopbackListener listener;
     OwnHandle peer;
     Ipq* ipq = nullptr;
     Owner owner;
+    int64_t sentAt = 0;  // nanoseconds from the start: the last send by near or far
 };
 
 TEST_F(StandingQueue, HoldsBackAndFlushes) {
     openAndRead();
-    const std::string unit = streamUnit(100, 'a');
-    const std::string full = streamUnit(0x20000, 'f');
-    for (int i = 0; i < 2; ++i)
-        ASSERT_EQ(ipqHold(ipq), kStatusSuccess);
-    for (int i = 0; i < 3; ++i)
-        ASSERT_EQ(send(unit), kStatusSuccess);
-    for (const uint32_t attempts : {0u, 1u}) {
-        ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);
-        EXPECT_EQ(ipqWriteStatistics(ipq).attempts, attempts);
-    }
-    EXPECT_EQ(received(), unit + unit + unit);
-
+    live("hold hold a b c flush w0 flush w1 =abc");
     // A batch writes what fills a send; a hold what is above the wait limit.
-    ASSERT_EQ(ipqBeginBatch(ipq), kStatusSuccess);
-    ASSERT_EQ(ipqHold(ipq), kStatusSuccess);
-    ASSERT_EQ(send(full), kStatusSuccess);
-    ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);  // the batch goes on
-    EXPECT_EQ(received(), "");
-    ASSERT_EQ(send(unit), kStatusSuccess);
-    EXPECT_EQ(received(full.size()), full + unit);
-    ASSERT_EQ(ipqEndBatch(ipq), kStatusSuccess);
-    ipqSetWaitLimit(ipq, 300'000);
-    ASSERT_EQ(ipqHold(ipq), kStatusSuccess);
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(received(), "");
-        ASSERT_EQ(send(full), kStatusSuccess);
-    }
-    EXPECT_EQ(received(4 * full.size()), full + full + full + full);
-    ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);
+    live("begin hold F flush = a =Fa end");
+    live("limit300000 hold F = F = F = F =FFFF flush");
 }
 
-// Sends with so many nanoseconds from each to the next, then a step; what is written by then.
 TEST_F(StandingQueue, GathersSendsThatFollowClosely) {
-    const std::string unit = streamUnit(100, 'a');
-    constexpr int64_t kClose = 49'999;
-    int64_t now = 0;
-    const auto sendAfter = [&](int64_t nanoseconds) {
-        stand.clock.set(1'000, now += nanoseconds);
-        ASSERT_EQ(send(unit), kStatusSuccess);
-    };
-    const auto sendClose = [&] { sendAfter(kClose); };
-    const auto timersAfter = [&](double seconds) {
-        timersAt(static_cast<double>(now) / 1e9 + seconds);
-    };
-    const struct {
-        const char* what;
-        int64_t gap;
-        int sends;
-        std::function<void()> step;
-        uint32_t writes;
-        uint32_t waiting;
-    } cases[] = {
-        {"pauses", 50'000, 40, [] {}, 40, 0},
-        {"a few", kClose, 17, [] {}, 17, 0},
-        {"the first that is gathered", kClose, 18, [] {}, 17, 1},
-        {"as much as is written at once", kClose, 17 + 328, [] {}, 18, 0},
-        {"the tail", kClose, 40, [&] { timersAfter(0.001); }, 18, 0},
-        {"a pause", kClose, 40, [&] { sendAfter(50'000); }, 18, 0},
-        {"after a pause", kClose, 40, [&] { sendAfter(50'000), sendClose(); }, 19, 0},
-        {"an answer", kClose, 40,
-         [&] {
-             sendText(peer.number(), unit);
-             passes();
-             sendClose();
-         },
-         18, 0},
-        {"a hold", kClose, 40,
-         [&] {
-             EXPECT_EQ(ipqHold(ipq), kStatusSuccess);
-             EXPECT_EQ(ipqWriteStatistics(ipq).attempts, 18u);  // what was gathered before
-             timersAfter(0.001);
-             sendClose();
-         },
-         18, 1},
-        {"little room", kClose, 17,
-         [&] {
-             ipqSetWaitLimit(ipq, 1'000);
-             for (int i = 0; i < 4; ++i)
-                 EXPECT_EQ(send(streamUnit(3'000, 'b')), kStatusSuccess);
-         },
-         19, 0},
-        {"a vector", kClose, 16,
-         [&] {
-             const HeldMessage message(messageOf(unit));
-             pelmoMsg* const two[] = {message.get(), message.get()};
-             for (int i = 0; i < 3; ++i)
-                 EXPECT_EQ(ipqSendVector(ipq, two, false), kStatusSuccess);
-         },
-         17, 4},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        now = 0;
+    for (const std::string story : {
+             "far40 w40 q0",
+             "near17 w17 q0",
+             "near18 w17 q1",
+             "near345 w18 q0",  // as much as is written at once
+             "near40 ms1 w18 q0",
+             "near40 far1 w18 q0",
+             "near40 far1 near1 w19 q0",
+             "near40 <a near1 w18 q0",
+             "near40 hold w18 ms1 near1 w18 q1",  // what was gathered before is written first
+             "near16 v v v w17 q4",
+             "near17 limit1000 b3000 b3000 b3000 b3000 w19 q0",
+         }) {
+        SCOPED_TRACE(story);
+        sentAt = 0;
         openAndRead();
-        for (int i = 0; i < c.sends; ++i)
-            sendAfter(c.gap);
-        c.step();
-        EXPECT_EQ(ipqWriteStatistics(ipq).attempts, c.writes);
-        EXPECT_EQ(ipqBacklog(ipq).messages, c.waiting);
+        live(story);
         // No timer goes on once nothing is sent, and the close loses nothing.
-        if (c.waiting == 0) timersAfter(0.01);
-        EXPECT_EQ(ipq->flushTimer != kNoId, c.waiting != 0 && ipq->holds == 0);
+        const bool waits = ipqBacklog(ipq).messages != 0;
+        if (!waits) live("ms10");
+        EXPECT_EQ(ipq->flushTimer != kNoId, waits && ipq->holds == 0);
         const size_t sent = ipqWriteStatistics(ipq).bytes + ipqBacklog(ipq).bytes;
         std::thread reader([&] {
             EXPECT_EQ(receiveText(peer.number(), sent + kNotice.size()).size(),
@@ -238,11 +226,9 @@ TEST_F(StandingQueue, GathersSendsThatFollowClosely) {
     }
 
     open();
-    for (int i = 0; i < 20; ++i)
-        sendClose();
-    EXPECT_EQ(ipqBacklog(ipq).messages, 3u);
+    live("near20 q3");
     resetPeer();
-    timersAfter(0.002);
+    live("ms2");
     EXPECT_EQ(owner.errors, 1);
     EXPECT_GE(ipqUnsent(ipq).messages, 3u);
 }
@@ -250,46 +236,31 @@ TEST_F(StandingQueue, GathersSendsThatFollowClosely) {
 // Neighbours in a buffer are queued as one, others apart; urgent ones stay in order.
 TEST_F(StandingQueue, SendsVectors) {
     openAndRead();
-    std::string units[3], large = streamUnit(kLargeBytes, 'l');
-    for (int i = 0; i < 3; ++i)
-        units[i] = streamUnit(2'100, static_cast<char>('a' + i));
-    const HeldMessage first(messageOf(units[0] + units[1] + units[2]));
+    const std::string a = streamUnit(2'100, 'a'), b = streamUnit(2'100, 'b'),
+                      c = streamUnit(2'100, 'c'), large = streamUnit(kLargeBytes, 'l');
+    const HeldMessage first(messageOf(a + b + c));
     pelmoMsg* messages[] = {first.get(), nullptr, nullptr};
     ASSERT_EQ(msgCreateOverBuffer(&messages[1], messages[0]->buffer, 2'100), kStatusSuccess);
     ASSERT_EQ(msgCreateOverBuffer(&messages[2], messages[0]->buffer, 4'200), kStatusSuccess);
     const HeldMessage second(messages[1]), third(messages[2]);
     ASSERT_EQ(ipqHold(ipq), kStatusSuccess);
-    ASSERT_EQ(ipqSendVector(ipq, messages, false), kStatusSuccess);
-    EXPECT_EQ(ipqBacklog(ipq).bufferBytes, 6'300u);
-    std::swap(messages[1], messages[2]);
-    ASSERT_EQ(ipqSendVector(ipq, messages, false), kStatusSuccess);
-    EXPECT_EQ(ipqBacklog(ipq).bufferBytes, 4 * 6'300u);
+    for (const uint32_t bufferBytes : {6'300u, 4 * 6'300u}) {
+        ASSERT_EQ(ipqSendVector(ipq, messages, false), kStatusSuccess);
+        EXPECT_EQ(ipqBacklog(ipq).bufferBytes, bufferBytes);
+        messages[1] = third.get();
+        messages[2] = second.get();
+    }
     ASSERT_EQ(ipqFlush(ipq), kStatusSuccess);
-    const std::string swapped = units[0] + units[2] + units[1];
-    EXPECT_TRUE(received() == units[0] + units[1] + units[2] + swapped);
+    EXPECT_EQ(received(), a + b + c + a + c + b);
     ASSERT_EQ(send(large), kStatusSuccess);
-    ASSERT_EQ(send(units[0]), kStatusSuccess);
+    ASSERT_EQ(send(a), kStatusSuccess);
     EXPECT_EQ(ipqSendVector(ipq, messages, true), kStatusSuccess);
-    EXPECT_TRUE(received(large.size() + 8'400) == large + swapped + units[0]);
+    EXPECT_TRUE(received(large.size() + 8'400) == large + a + c + b + a);
 }
 
 TEST_F(StandingQueue, KeepsAnIdleConnectionAlive) {
     openAndRead();
-    const struct {
-        double seconds;
-        std::string sent, arrives, received;  // before that time, and by then
-    } steps[] = {{59.9, "", "", ""},        {60, "", "", kKeepAlive},
-                 {120, "", "", kKeepAlive}, {180, streamUnit(9, 'a'), "", streamUnit(9, 'a')},
-                 {240, "", kKeepAlive, ""}, {300, "", "", kKeepAlive}};
-    for (const auto& step : steps) {
-        if (!step.sent.empty()) {
-            ASSERT_EQ(send(step.sent), kStatusSuccess);
-        }
-        sendText(peer.number(), step.arrives);
-        passes();
-        timersAt(step.seconds);
-        EXPECT_EQ(received(), step.received) << step.seconds;
-    }
+    live("at59.9 = at60 =k at120 =k a at180 =a <k at240 = at300 =k");
     EXPECT_EQ(ipqWriteStatistics(ipq).messages, 1u);
     EXPECT_EQ(owner.messages.size(), 0u);
 }
@@ -299,8 +270,7 @@ TEST_F(StandingQueue, FindsALossWithoutReading) {
     openAndRead();
     ASSERT_EQ(ipqPauseReading(ipq), kStatusSuccess);
     peer.shut();
-    for (int minutes = 1; minutes < 4; ++minutes)
-        timersAt(60 * minutes);
+    live("at60 at120 at180");
     EXPECT_EQ(owner.errors, 1);
     EXPECT_EQ(ipqFlush(ipq), kStatusInvalidIoSource);
     EXPECT_EQ(send(kKeepAlive), kStatusInvalidIoSource);
@@ -321,7 +291,8 @@ TEST_F(StandingQueue, PausesWithinTheCallback) {
     constexpr size_t kUnits = 40;
     for (size_t i = 0; i < kUnits; ++i)
         sendText(peer.number(), streamUnit(5'000, 'a'));
-    for (size_t before = 0; owner.messages.size() < kUnits; before = owner.messages.size()) {
+    while (owner.messages.size() < kUnits) {
+        const size_t before = owner.messages.size();
         ASSERT_EQ(ipqResume(ipq), kStatusSuccess);
         while (owner.messages.size() == before)
             passes();
@@ -341,9 +312,7 @@ TEST_F(StandingQueue, ReadsOneMessageAndNothingAfterIt) {
         for (int i = 0; i < 100 && message == nullptr; ++i)
             EXPECT_EQ(ipqReadOne(ipq, &message), kStatusSuccess);
     }
-    ASSERT_NE(message, nullptr);
-    EXPECT_EQ(message->length, 100'000u);
-    msgRelease(message);
+    EXPECT_EQ(HeldMessage(message)->length, 100'000u);
     EXPECT_EQ(ipqReadOne(ipq, &message), kStatusSuccess);
     EXPECT_EQ(message, nullptr);
     // The next one comes by the callback.
@@ -400,10 +369,7 @@ TEST_F(StandingQueue, GracefulCloseReportsWhatItLoses) {
         EXPECT_EQ(ipqClose(ipq, true, Owner::close), kStatusInvalidArgument);
         const bool isLost = kind == kReadsNothing || kind == kResets;
         EXPECT_EQ(end.losses.unconfirmed, kind != kReadsSlowly);
-        if (isLost) {
-            EXPECT_EQ(end.losses.messages, 2u);
-            EXPECT_GT(end.losses.bytes, kLargeBytes / 2);
-        }
+        EXPECT_TRUE(!isLost || (end.losses.messages == 2 && end.losses.bytes > kLargeBytes / 2));
         passes();
         EXPECT_EQ(owner.closes, 0);
         ipqRelease(std::exchange(ipq, nullptr));
@@ -412,22 +378,17 @@ TEST_F(StandingQueue, GracefulCloseReportsWhatItLoses) {
     }
 }
 
-// Nothing that may have left is to be sent again, and what certainly hasn't is known.
+// Nothing that may have left is to be sent again, and what certainly hasn't is known: the sender
+// sends it again, and the rest is lost with what the system held.
 TEST_F(StandingQueue, ReportsHowMuchOfAVectorMayHaveLeft) {
     HelloFrame terms;
     ipqHelloInit(&terms);
     storeBe32At(terms.bytes + 24, 10'000'000);
     openAndRead(&terms);
-    std::vector<HeldMessage> held;
-    std::vector<pelmoMsg*> messages;
-    for (char fill = 'a'; fill < 'g'; ++fill) {
-        held.emplace_back(messageOf(streamUnit(10'000'000, fill)));
-        messages.push_back(held.back().get());
-    }
-    // One that is too long leaves none.
+    const HeldMessage longest(messageOf(streamUnit(10'000'000, 'a')));
     const HeldMessage tooLong(messageOf(streamUnit(10'000'001, 'x')));
     uint32_t taken = 77;
-    pelmoMsg* const bad[] = {messages[0], tooLong.get()};
+    pelmoMsg* const bad[] = {longest.get(), tooLong.get()};
     EXPECT_EQ(ipqSendVector(ipq, bad, false, &taken), kStatusInvalidSize);
     EXPECT_EQ(taken, 0u);
 
@@ -437,12 +398,10 @@ TEST_F(StandingQueue, ReportsHowMuchOfAVectorMayHaveLeft) {
         EXPECT_EQ(receiveText(peer.number(), kRead).size(), kRead);
         resetPeer();
     });
-    EXPECT_EQ(ipqSendVector(ipq, messages, false, &taken), kStatusInvalidIoSource);
+    const std::vector<pelmoMsg*> six(6, longest.get());
+    EXPECT_EQ(ipqSendVector(ipq, six, false, &taken), kStatusInvalidIoSource);
     reader.join();
-    EXPECT_GE(taken, 2u);
-    EXPECT_LT(taken, 6u);
-    // The sender knows of those that it can send again; the others are lost with what the system
-    // held.
+    EXPECT_TRUE(taken >= 2 && taken < 6) << taken;
     const SendLosses losses = ipqUnsent(ipq);
     EXPECT_LE(losses.bytes, 60'000'000 - kRead);
     EXPECT_LE(losses.messages + 2, taken + 1u);
@@ -476,43 +435,6 @@ TEST_F(StandingQueue, AccountsForItsTraffic) {
                   "  Used 1 attempts with 0 failures and 0 partials\n"
                   "  Averaged 20.00 bytes and 1.00 messages per attempt\n"
                   "  Averaged 20.00 bytes per write\n");
-}
-
-constexpr uint32_t kMost = kHelloMostBytes;
-
-HelloFrame frameOf(const HelloTerms& terms) {
-    HelloFrame frame = {};
-    storeBe32At(frame.bytes, terms.type);
-    storeBe32At(frame.bytes + 4, terms.version);
-    storeBe16At(frame.bytes + 12, terms.queueLimit);
-    storeBe16At(frame.bytes + 14, terms.format);
-    storeBe32At(frame.bytes + 20, terms.limitA);
-    storeBe32At(frame.bytes + 24, terms.limitB);
-    return frame;
-}
-
-TEST(Hello, AnswersByTheTerms) {
-    struct Case {
-        HelloTerms from, to;
-    };
-    const Case cases[] = {
-        {{2, 2, 0, 1, kMost, kMost}, {3, 2, 0, 1, kMost, kMost}},
-        {{2, 2, 7, 1, 100, 200}, {3, 2, 7, 1, 200, 100}},
-        {{3, 2, 0, 1, kMost, kMost}, {1, 2, 0, 1, kMost, kMost}},
-        {{3, 2, 0, 1, kMost - 1, 5}, {1, 2, 0, 1, 5, kMost - 1}},
-        {{3, 2, 0, 1, kMost + 1, 5}, {3, 2, 0, 1, 5, kMost}},
-        {{3, 2, 0, 1, 5, UINT32_MAX}, {3, 2, 0, 1, kMost, 5}},
-        {{2, 1, 0, 1, 5, 6}, {0, 1, 0, 1, 5, 6}},
-        {{3, 2, 0, 2, 5, 6}, {0, 2, 0, 2, 5, 6}},
-        {{1, 2, 0, 1, 5, 6}, {0, 2, 0, 1, 5, 6}},
-        {{4, 2, 0, 1, 5, 6}, {0, 2, 0, 1, 5, 6}},
-    };
-    for (const Case& c : cases) {
-        HelloFrame frame = frameOf(c.from);
-        ipqHelloNegotiate(&frame);
-        EXPECT_EQ(std::memcmp(&frame, frameOf(c.to).bytes, kHelloBytes), 0)
-            << c.from.type << " " << c.from.limitA << " " << c.from.limitB;
-    }
 }
 
 }  // namespace
