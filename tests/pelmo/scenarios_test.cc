@@ -12,7 +12,6 @@
 #include "tests/support/link_fixture.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/stream_run.h"
-#include "tests/support/test_daemon.h"
 
 namespace {
 

@@ -88,24 +88,19 @@ inline void sendRaw(const std::string& to, const std::string& fields) {
 }
 
 // A peer without a circuit of its own: its inbox is a plain listener of the test's.
-struct BarePeer {
+struct BarePeer : TestListener {
     char inbox[64];
-    Texts heard;
 
     explicit BarePeer(uint32_t queue) {
         EXPECT_EQ(pelmoTransport_CreateInbox(kLocal, inbox, sizeof inbox), kStatusSuccess);
-        EXPECT_EQ(listener.listen(queue, inbox), kStatusSuccess);
-        listener.onMessage = [this](pelmoMsg* message) {
+        EXPECT_EQ(listen(queue, inbox), kStatusSuccess);
+        onMessage = [this](pelmoMsg* message) {
             EXPECT_EQ(msgCloseEnvelope(message), kStatusSuccess);
-            heard.push_back(shownText(message));
+            texts.back() = shownText(message);
         };
     }
     // Of a request for a circuit.
     [[nodiscard]] std::string fields() const {
         return std::string("vct=vctc return=") + inbox + " cmret=[" + inbox + "] ";
     }
-    [[nodiscard]] Texts taken() { return std::exchange(heard, {}); }
-
-  private:
-    TestListener listener;
 };

@@ -72,6 +72,7 @@ struct TestListener : NoCopy {
     pelmoStatus listen(uint32_t queue, const char* subject, uint32_t transport = kLocal) {
         return pelmoEvent_CreateListener(&event, queue, received, transport, subject, this);
     }
+    Texts taken() { return std::exchange(texts, {}); }
     void end() {
         if (event == kNoId) return;
         if (pelmoEvent_DestroyWait(event) == kStatusNotPermitted)

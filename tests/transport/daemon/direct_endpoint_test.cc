@@ -39,9 +39,6 @@ struct Direct : Link {
 
 TEST_F(Direct, CarriesAnswersStraight) {
     meet();
-    char inbox[64];
-    std::snprintf(inbox, sizeof inbox, "_INBOX.7F000001.P%04X.GOB.1", trafficOf(id).port);
-    EXPECT_EQ(inboxOf(id), inbox);
     uint32_t dispatcher = kNoId;
     ASSERT_EQ(pelmoDispatcher_CreateEx(&dispatcher, kDefaultQueueId, -1), kStatusSuccess);
     TestListener server;
@@ -55,13 +52,14 @@ TEST_F(Direct, CarriesAnswersStraight) {
     for (uint64_t round = 1; round <= 20; ++round) {
         pelmoMsg* reply = nullptr;
         ASSERT_EQ(pelmoTransport_SendRequest(id, request.get(), &reply, 10), kStatusSuccess);
-        EXPECT_EQ(textOf(reply), "answer");
-        pelmoMsg_Destroy(reply);
+        EXPECT_EQ(textOf(Message(reply).get()), "answer");
         EXPECT_TRUE(trafficOf(id).messagesReceived == round &&
                     trafficOf(right).messagesSent == round);
     }
     for (const std::string& text : daemon.taken())
         EXPECT_EQ(text.find("answer"), std::string::npos) << text;
+    server.end();
+    pelmoDispatcher_Destroy(dispatcher);
 
     // Without the daemon, both ways, and to oneself.
     const std::string leftInbox = inboxOf(id), rightInbox = inboxOf(right);
@@ -74,14 +72,11 @@ TEST_F(Direct, CarriesAnswersStraight) {
     const uint64_t packets = trafficOf(id).packetsSent;
     dispatchUntil(there, 1);
     dispatchUntil(here, 1);
-    EXPECT_TRUE(there.texts == Texts{"out"} && here.texts == Texts{"back"});
     EXPECT_EQ(sendText(id, leftInbox.c_str(), "own"), kStatusSuccess);
     dispatchUntil(here, 2);
-    EXPECT_EQ(here.texts.back(), "own");
+    EXPECT_TRUE(there.texts == Texts{"out"} && here.texts == (Texts{"back", "own"}));
     EXPECT_LE(trafficOf(id).packetsSent, packets + 2);  // acknowledgements alone
     EXPECT_EQ(sendText(id, "ASK"), kStatusDaemonNotConnected);
-    server.end();
-    pelmoDispatcher_Destroy(dispatcher);
 }
 
 TEST_F(Direct, GetsThePortOrSaysWhyNot) {
@@ -91,6 +86,9 @@ TEST_F(Direct, GetsThePortOrSaysWhyNot) {
     taken.handle.shut();
     EXPECT_EQ(create(service.c_str()), kStatusSuccess);
     EXPECT_EQ(trafficOf(id).port, taken.port);
+    char inbox[64];
+    std::snprintf(inbox, sizeof inbox, "_INBOX.7F000001.P%04X.GOB.1", taken.port);
+    EXPECT_EQ(inboxOf(id), inbox);
     end(&id);
     EXPECT_EQ(create("7500"), kStatusSuccess);
     EXPECT_EQ(trafficOf(id).port, 0);
@@ -113,7 +111,7 @@ struct Roads : NoCopy {
     pelmoStatus linkAnswer = kStatusSuccess;
     uint32_t linkTakes = 0;           // of a vector that fails
     std::function<void()> meanwhile;  // called once, by what goes straight
-    int references = 0;               // of sends, to the endpoint
+    int releases = 0;                 // of the endpoint
 
     Roads() {
         current = this;
@@ -127,16 +125,14 @@ struct Roads : NoCopy {
                               std::span<pelmoMsg* const> messages) {
             char words[40];
             std::snprintf(words, sizeof words, "to %x:%x ", host, unsigned{port});
-            current->note(words + shownText(messages[0]));
+            uint32_t calls = 0;
+            expectTransportsFree(0, &calls);
+            current->noted.push_back(words + shownText(messages[0]));
             if (current->meanwhile) std::exchange(current->meanwhile, nullptr)();
             return current->answer;
         };
-        endpointOps.retain = [](ReliableEndpoint* of) {
-            ++current->references;
-            current->endpoint.retain(of);
-        };
         endpointOps.release = [](ReliableEndpoint* of) {
-            --current->references;
+            ++current->releases;
             current->endpoint.release(of);
         };
     }
@@ -150,24 +146,15 @@ struct Roads : NoCopy {
     static inline Roads* current = nullptr;
     const DaemonLinkOps link = daemonLinkOps;
     const EndpointOps endpoint = endpointOps;
-    uint32_t calls = 0;
-
-    void note(const std::string& words) {
-        expectTransportsFree(0, &calls);
-        noted.push_back(words);
-    }
 };
 
 TEST_F(Direct, GoesStraightToInboxesThatNameAPort) {
     Roads roads;
     ASSERT_EQ(create("7500:"), kStatusSuccess);
     (void)daemon.await(3);
-    const std::pair<const char*, const char*> straight[] = {
-        {"_INBOX.0A000001.P1F40.GOB.1", "to a000001:1f40"},
-        {"_INBOX.ffffffff.Pffff.1", "to ffffffff:ffff"},
-        {"_INBOX.1.P2", "to 1:2"},
-    };
-    for (const auto& [inbox, peer] : straight) {
+    for (const auto& [inbox, peer] : {std::pair{"_INBOX.0A000001.P1F40.GOB.1", "to a000001:1f40"},
+                                      {"_INBOX.ffffffff.Pffff.1", "to ffffffff:ffff"},
+                                      {"_INBOX.1.P2", "to 1:2"}}) {
         EXPECT_EQ(sendText(id, inbox, "x"), kStatusSuccess);
         EXPECT_EQ(roads.taken(), Texts{std::string(peer) + R"( {text="x"})"});
     }
@@ -177,7 +164,7 @@ TEST_F(Direct, GoesStraightToInboxesThatNameAPort) {
           "_INBOX.0A000001.P12345.1", "_INBOX.0A0000012.P1.1", "_INBOX.GOB.P1.1", "_INBOX.1",
           "_INBOXES.1.P2"}) {
         EXPECT_EQ(sendText(id, subject, "x"), kStatusSuccess);
-        others.push_back(std::string(subject) + R"( {text="x"})");
+        others.push_back(textMessage(subject, "x"));
     }
     EXPECT_EQ(daemon.await(others.back()), others);
     EXPECT_EQ(roads.taken(), Texts{});
@@ -185,15 +172,15 @@ TEST_F(Direct, GoesStraightToInboxesThatNameAPort) {
     EXPECT_EQ(sendText(id, "_INBOX.1.P2"), kStatusIoFailed);
 
     // A send that meets the destroy keeps the endpoint.
-    roads.references = 0;
+    roads.releases = 0;
     roads.answer = kStatusSuccess;
     const uint32_t ending = std::exchange(id, kNoId);
     roads.meanwhile = [&] {
         EXPECT_EQ(pelmoTransport_Destroy(ending), kStatusSuccess);
-        EXPECT_EQ(roads.references, 1);
+        EXPECT_EQ(roads.releases, 1);
     };
     EXPECT_EQ(sendText(ending, "_INBOX.1.P2", "x"), kStatusSuccess);
-    EXPECT_EQ(roads.references, 0);
+    EXPECT_EQ(roads.releases, 2);
 }
 
 TEST_F(Direct, SendsVectorsTogetherOrNotAtAll) {
@@ -228,7 +215,7 @@ TEST_F(Direct, SendsVectorsTogetherOrNotAtAll) {
         EXPECT_EQ(taken, row.taken);
         EXPECT_EQ(roads.noted.size(), row.last != nullptr ? 0u : 1u);
     }
-    EXPECT_EQ(daemon.await(R"(B {text="b"})"), (Texts{R"(A {text="a"})", R"(B {text="b"})"}));
+    EXPECT_EQ(daemon.await(2), (Texts{textMessage("A", "a"), textMessage("B", "b")}));
 }
 
 // Time goes a hundred times as fast, from before the library opens until it is closed.

@@ -2,9 +2,7 @@
 
 #pragma once
 
-#include "lib/containers/sublist.h"
 #include "tests/support/link_fixture.h"
-#include "tests/support/test_daemon.h"
 
 inline const std::string kSession = "7F000001.U002A.GOB";
 inline const std::string kOwnInboxes = "L _INBOX." + kSession + ".>";
@@ -62,21 +60,5 @@ struct Link : testing::Test {
         while (listener.texts.size() < count) {
             ASSERT_EQ(pelmoQueue_TimedDispatch(queue, 30), kStatusSuccess);
         }
-    }
-    // What the transport's listeners make a daemon hear, in the order of their table.
-    Texts interest() const {
-        Texts all = {kOwnInboxes};
-        Transport* const transport = recordOf<Transport>(id);
-        uint8_t* subjects = nullptr;
-        size_t bytes = 0;
-        Id_Enter(&transport->header);
-        EXPECT_TRUE(transportListInterest(transport, &subjects, &bytes));
-        Id_Leave(&transport->header);
-        for (size_t at = 0; at < bytes; at += subjectLength(subjects + at)) {
-            char text[kSubjectTextBytes];
-            all.push_back(std::string("L ") + subjectToText(text, sizeof text, subjects + at));
-        }
-        std::free(subjects);
-        return all;
     }
 };

@@ -31,17 +31,17 @@ const std::string kGivenUp = "Error loading shared libraries; exiting\n";
 const std::string kOpenedCrypto = "Opened library libcrypto.so.1.1\n";
 const std::string kOpenedBoth = kOpenedCrypto + "Opened library libssl.so.1.1\n";
 
-// Lays a fake module into the folder: by its variant, "" for none, "text" for one that is no
+// Lays fake modules into the folder: by their variants, "" for none, "text" for one that is no
 // module.
-void lay(const Folder& folder, const std::string& file, const std::string& variant) {
-    if (variant.empty()) return;
-    if (variant == "text") return writeFile(folder.path(file), "no module");
-    fs::create_symlink(kFakes + "/" + variant + "/" + file, folder.path(file));
-}
-
-void layBoth(const Folder& folder, const std::string& crypto, const std::string& ssl) {
-    lay(folder, "libcrypto.so.1.1", crypto);
-    lay(folder, "libssl.so.1.1", ssl);
+void lay(const Folder& folder, const std::string& crypto, const std::string& ssl) {
+    for (const auto& [file, variant] :
+         {std::pair{"libcrypto.so.1.1", crypto}, {"libssl.so.1.1", ssl}}) {
+        if (variant == "text") {
+            writeFile(folder.path(file), "no module");
+        } else if (!variant.empty()) {
+            fs::create_symlink(kFakes + "/" + variant + "/" + file, folder.path(file));
+        }
+    }
 }
 
 // In a child, which ends where it fails.
@@ -86,8 +86,8 @@ TEST(SecureModules, ReportsHowFarItCameWhenItFails) {
         cases.push_back({"crypto_without_first_name", "ssl", wrong, version});
     for (auto& [crypto, ssl, words, version] : cases) {
         SCOPED_TRACE(crypto + " " + ssl + " " + version);
-        Folder folder;
-        layBoth(folder, crypto, ssl);
+        const Folder folder;
+        lay(folder, crypto, ssl);
         if (const size_t at = words.find('@'); at != std::string::npos) {
             words.replace(at, 1, folder.root);
         }
@@ -102,10 +102,7 @@ TEST(SecureModules, ReportsHowFarItCameWhenItFails) {
                 Eq("Failed to set module path\n" + kGivenUp));
 }
 
-struct Forwarder {
-    const char* name;
-    const char* (*call)();
-};
+using Forwarder = std::pair<const char*, const char* (*)()>;
 
 #define TEST_ROW(name) {#name, name},
 const Forwarder kForwarders[] = {
@@ -117,15 +114,14 @@ const Forwarder kForwarders[] = {
 // library's own functions are for the slots alone.
 TEST(SecureModules, EachForwarderLeadsToItsFunction) {
     Folder folder;
-    layBoth(folder, "crypto", "ssl");
+    lay(folder, "crypto", "ssl");
     const auto callAll = [&folder](const char* version) {
         unsetenv("FAKE_VERSION_TEXT");
         if (version != nullptr) setenv("FAKE_VERSION_TEXT", version, 1);
         bindFrom(folder);
-        for (const Forwarder& forwarder : kForwarders) {
-            const bool leads = std::strcmp(forwarder.call(), forwarder.name) == 0;
-            if (leads && dlsym(RTLD_DEFAULT, forwarder.name) == nullptr) continue;
-            std::fprintf(stderr, "%s leads to %s, or is seen\n", forwarder.name, forwarder.call());
+        for (const auto& [name, call] : kForwarders) {
+            if (std::strcmp(call(), name) == 0 && dlsym(RTLD_DEFAULT, name) == nullptr) continue;
+            std::fprintf(stderr, "%s leads to %s, or is seen\n", name, call());
         }
         std::fputs(secureVersionText(), stderr);
         std::exit(0);
@@ -136,9 +132,8 @@ TEST(SecureModules, EachForwarderLeadsToItsFunction) {
 
 TEST(SecureModules, ACallBeforeTheBindingEndsTheProcess) {
     const std::string words = "Unrecoverable error: an unbound module entry point was invoked.";
-    for (const Forwarder& forwarder : {kForwarders[0], {"SSL_read", SSL_read}}) {
-        EXPECT_EXIT(forwarder.call(), ExitedWithCode(2), Eq(words)) << forwarder.name;
-    }
+    for (const auto& [name, call] : {kForwarders[0], {"SSL_read", SSL_read}})
+        EXPECT_EXIT(call(), ExitedWithCode(2), Eq(words)) << name;
     EXPECT_EXIT((void)secureVersionText(), ExitedWithCode(2), Eq(words));
 }
 

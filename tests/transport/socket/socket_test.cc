@@ -31,19 +31,13 @@ struct Caller {
     static void done(void* closure) { ++static_cast<Caller*>(closure)->dones; }
 };
 
-struct Result {
-    SocketCode code;
-    std::string bytes;
-
-    bool operator==(const Result&) const = default;
-};
+using Result = std::pair<SocketCode, std::string>;
 
 Result readOf(Socket* socket, uint32_t size) {
     std::string bytes(size, '\0');
     uint32_t got = 0;
     const SocketCode code = socketRead(socket, bytes.data(), size, &got);
-    bytes.resize(got);
-    return {code, bytes};
+    return {code, bytes.substr(0, got)};
 }
 
 int optionOf(Socket* socket, int level, int name) {
@@ -82,12 +76,11 @@ struct Sockets : testing::Test {
 
     // IO passes until it is true.
     bool passUntil(const std::function<bool()>& isTrue) const {
-        for (int i = 0; i < 1'000; ++i) {
-            if (isTrue()) return true;
+        for (int i = 0; i < 1'000 && !isTrue(); ++i) {
             stand.ioPass();
             dispatchAll(stand.queue);
         }
-        return false;
+        return isTrue();
     }
     bool passUntilCalled(const Caller& caller, int calls) const {
         return passUntil([&] { return caller.calls >= calls; }) && caller.calls == calls;
@@ -144,11 +137,7 @@ TEST_F(Sockets, ServeAndConnect) {
 
 // The first to see the end of a connect settles it, and one callback runs for it.
 TEST_F(Sockets, ReportHowAConnectEnds) {
-    uint16_t refusing;
-    {
-        const LoopbackListener gone;
-        refusing = gone.port;
-    }
+    const uint16_t refusing = LoopbackListener().port;
     for (const bool waits : {false, true}) {
         for (const bool refused : {false, true}) {
             reader = writer = {};
@@ -164,7 +153,7 @@ TEST_F(Sockets, ReportHowAConnectEnds) {
             passes();
             EXPECT_EQ(reader.calls, refused ? 1 : 0);
             EXPECT_EQ(writer.calls, refused ? 0 : 1);
-            EXPECT_EQ(readOf(client, 1).code, refused ? kSocketDisconnected : kSocketWouldBlock);
+            EXPECT_EQ(readOf(client, 1).first, refused ? kSocketDisconnected : kSocketWouldBlock);
         }
     }
     // One that is set after a failure runs as well.
@@ -266,7 +255,7 @@ TEST_F(Sockets, EndBlockingReadsOnOtherThreads) {
         const int handle = socketHandle(client);
         std::thread reading([&] {
             for (int times = 0; times < 2; ++times)
-                EXPECT_EQ(readOf(client, 5).code, kSocketDisconnected);
+                EXPECT_EQ(readOf(client, 5).first, kSocketDisconnected);
         });
         awaitPoll(client);
         const uint32_t others = end == socketClose ? 1 : 0;  // polls that haven't returned yet
@@ -296,7 +285,7 @@ struct TestClass {
     SocketCode verdict = kSocketDone;
     std::vector<size_t> lengths;
 
-    static TestClass* current;
+    static inline TestClass* current = nullptr;
 
     static SocketCode begin(Socket* socket) {
         if (current->asked++ < current->begins) return kSocketWouldBlock;
@@ -312,7 +301,6 @@ struct TestClass {
         return kSocketDone;
     }
 };
-TestClass* TestClass::current = nullptr;
 
 struct SocketClasses : Sockets {
     SocketClasses() {
@@ -336,7 +324,7 @@ TEST_F(SocketClasses, BeginBeforeTheFirstByte) {
     peer = listener.take();
     passes();
     EXPECT_EQ(own.asked, 1);  // room to write isn't asked for
-    EXPECT_EQ(readOf(client, 1).code, kSocketWouldBlock);
+    EXPECT_EQ(readOf(client, 1).first, kSocketWouldBlock);
     {
         const MonotonicClock running(nullptr);  // the wait is a real one
         EXPECT_EQ(socketWaitConnected(client, 0.01), kStatusTimeout);
