@@ -171,6 +171,29 @@ TEST_F(Link, KeepsSettingsWhileItHasNoConnection) {
     EXPECT_EQ(pelmoTransport_SetBlockingOnExcessiveBacklog(id, false), kStatusSuccess);
 }
 
+// A hook of a transport: stores what it is called with, and finds the transport's lock free.
+struct HookLog {
+    uint32_t transport;
+    Texts calls{};
+    pelmoStatus answer = kStatusSuccess;
+    std::function<void(pelmoMsg**)> act{};
+    uint32_t runs = 0;
+
+    TransportHook* add(HookKind kind) {
+        TransportHook* hook = nullptr;
+        EXPECT_EQ(Transport_AddHook(&hook, kind, transport, run, this), kStatusSuccess);
+        return hook;
+    }
+    static pelmoStatus run(uint32_t id, pelmoMsg** message, void* closure) {
+        auto* self = static_cast<HookLog*>(closure);
+        EXPECT_EQ(id, self->transport);
+        self->calls.push_back(message != nullptr ? textOf(*message) : "-");
+        expectTransportsFree(0, &self->runs);
+        if (self->act) self->act(message);
+        return self->answer;
+    }
+};
+
 TEST_F(Link, AnnouncesWhatIsListenedTo) {
     connect();
     const std::string own = "_INBOX." + kSession + ".";
@@ -221,22 +244,17 @@ TEST_F(Link, AnnouncesWhatIsListenedTo) {
     EXPECT_EQ(heard(), (Texts{R"({mtype="S" control="C" data=true})", "L _INBOX.X.DAEMON.>",
                               textMessage("_PM.X", "x")}));
 
-    // A listener that begins while the end of the last one is announced is announced after it. The
-    // transport's lock is free meanwhile.
-    static std::function<void()> meanwhile;
-    static uint32_t calls;
-    static const DaemonLinkOps former = daemonLinkOps;
-    daemonLinkOps.interest = [](Transport* transport, const uint8_t* subject, const char* kind) {
-        expectTransportsFree(0, &calls);
-        if (meanwhile) std::exchange(meanwhile, nullptr)();
-        return former.interest(transport, subject, kind);
-    };
+    // A listener that begins while the end of the last one is announced is announced after it.
+    HookLog interests{id};
     TestListener last(queue, "A", id), next;
-    meanwhile = [&] { EXPECT_EQ(next.listen(queue, "A", id), kStatusSuccess); };
+    interests.add(kHookInterest);
+    interests.act = [&](pelmoMsg**) {
+        if (interests.calls.size() > 1) return;
+        EXPECT_EQ(next.listen(queue, "A", id), kStatusSuccess);
+    };
     last.end();
     next.end();
     EXPECT_EQ(heard(), (Texts{"L A", "L A", "C A", "L A", "C A"}));
-    daemonLinkOps = former;
 }
 
 TEST_F(Link, DeliversBatches) {
@@ -276,30 +294,6 @@ TEST_F(Link, DeliversBatches) {
     arrive({300, {own, "x"}});
     EXPECT_EQ(posts, 900u);
 }
-
-// Hooks
-
-struct HookLog {
-    uint32_t transport;
-    Texts calls{};
-    pelmoStatus answer = kStatusSuccess;
-    std::function<void(pelmoMsg**)> act{};
-    uint32_t runs = 0;
-
-    TransportHook* add(HookKind kind) {
-        TransportHook* hook = nullptr;
-        EXPECT_EQ(Transport_AddHook(&hook, kind, transport, run, this), kStatusSuccess);
-        return hook;
-    }
-    static pelmoStatus run(uint32_t id, pelmoMsg** message, void* closure) {
-        auto* self = static_cast<HookLog*>(closure);
-        EXPECT_EQ(id, self->transport);
-        self->calls.push_back(message != nullptr ? textOf(*message) : "-");
-        expectTransportsFree(0, &self->runs);
-        if (self->act) self->act(message);
-        return self->answer;
-    }
-};
 
 TEST_F(Link, RunsHooksBeforeSendsAndAtDispatch) {
     connect();
