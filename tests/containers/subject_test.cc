@@ -8,6 +8,7 @@
 
 #include "lib/containers/subject_map.h"
 #include "tests/support/container_values.h"
+#include "tests/support/packet_builder.h"
 
 namespace {
 
@@ -24,15 +25,13 @@ Packed wire(uint8_t count, Packed elements) {
 
 // What the header promises of a text's elements; empty where it is no subject.
 Packed packed(const Texts& elements) {
-    Packed all;
+    size_t size = 3;
     for (const std::string& element : elements) {
         const bool isRest = element == ">" && &element != &elements.back();
         if (element.empty() || element.size() > 127 || isRest) return {};
-        all.push_back(static_cast<uint8_t>(element.size() + 2));
-        all.insert(all.end(), element.begin(), element.end());
-        all.push_back(0);
+        size += element.size() + 2;
     }
-    return all.size() > 252 ? Packed() : wire(static_cast<uint8_t>(elements.size()), all);
+    return size > 255 ? Packed() : packedElements(elements);
 }
 
 TEST(Subject, PacksWhatIsWellFormedText) {

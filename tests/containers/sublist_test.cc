@@ -8,6 +8,7 @@
 
 #include "tests/support/container_values.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/packet_builder.h"
 
 namespace {
 
@@ -18,14 +19,6 @@ using Values = std::multiset<uintptr_t>;
 Values valuesIn(const Dpa* values) {
     const Numbers all = numbersIn(values);
     return {all.begin(), all.end()};
-}
-
-Packed packed(const Elements& elements) {
-    std::string text;
-    for (const std::string& element : elements) {
-        text += (text.empty() ? "" : ".") + element;
-    }
-    return pack(text);
 }
 
 // Do values under `held` match `sought`? Element by element, without a tree.
@@ -58,7 +51,7 @@ TEST(Sublist, AgreesWithPlainComparisonThroughAddsAndRemovals) {
     size_t failures = 0;
     for (uintptr_t step = 1; step <= 2000; ++step) {
         const Elements sought = randomSubject(random);
-        const Packed key = packed(sought);
+        const Packed key = packedElements(sought);
         if (random() % 100 < (step < 1000 ? 65 : 40)) {
             const FailAlloc fail{.after = random() % 20, .forGood = random() % 2 == 0};
             const uintptr_t value = 1 + random() % 3;
@@ -77,7 +70,7 @@ TEST(Sublist, AgreesWithPlainComparisonThroughAddsAndRemovals) {
                 return isMeant;
             });
             uint32_t remaining = 99;
-            ASSERT_EQ(sublistRemove(list, packed(victim.first).data(),
+            ASSERT_EQ(sublistRemove(list, packedElements(victim.first).data(),
                                     all ? nullptr : number(victim.second), &remaining),
                       before - model.size());
             ASSERT_EQ(remaining, std::ranges::count(model, victim.first, &Held::first));
@@ -96,7 +89,7 @@ TEST(Sublist, AgreesWithPlainComparisonThroughAddsAndRemovals) {
     }
     EXPECT_GT(failures, 20u);
     for (const auto& [subject, value] : model) {
-        EXPECT_EQ(sublistRemove(list, packed(subject).data(), number(value), nullptr), 1u);
+        EXPECT_EQ(sublistRemove(list, packedElements(subject).data(), number(value), nullptr), 1u);
     }
     EXPECT_EQ(list->bytes, 0u);
     EXPECT_TRUE(list->root->only == nullptr && list->root->table == nullptr);

@@ -149,11 +149,6 @@ TEST(CodecHostile, RefusesToReadWhatIsMalformed) {
     }
 }
 
-Bytes prefixOf(size_t size) {
-    const Bytes bytes = wireBytes(*blockValue(FIELD_OPAQUE, Bytes(size)));
-    return Bytes(bytes.data(), bytes.data() + bytes.size() - size);
-}
-
 Bytes deflated(const Bytes& document) {
     uLongf size = compressBound(document.size());
     Bytes stream(size);
@@ -163,8 +158,8 @@ Bytes deflated(const Bytes& document) {
 }
 
 Bytes documentValue(size_t declared, const Bytes& rest) {
-    const Bytes inner = prefixOf(declared) + rest;
-    return prefixOf(inner.size()) + inner;
+    const Bytes inner = wireBytes(*blockValue(FIELD_OPAQUE, Bytes(declared)));
+    return wireBytes(*blockValue(FIELD_OPAQUE, cut(inner, inner.size() - declared) + rest));
 }
 
 TEST(CodecXml, TravelsCompressedWhateverThatGains) {

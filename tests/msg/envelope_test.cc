@@ -117,6 +117,7 @@ TEST(Envelope, OpensWhateverOrderItsFieldsHaveOrStaysClosed) {
          " to A.B {_data_[5]=\"v\"}", kSubAB + wrappedId},
         {"reply of 254 characters", reply(Bytes(254, 'r') + Bytes{0}),
          " reply " + std::string(254, 'r')},
+        {"reply of 255 characters", reply(Bytes(255, 'r') + Bytes{0}), kCorrupt},
         {"reply of no bytes", reply({}), kCorrupt},
         {"reply without its NUL", reply({'a', 'b'}), kCorrupt},
         {"reply with a NUL within", reply({'a', 0, 'b', 0}), kCorrupt},
