@@ -226,8 +226,7 @@ def judges_of(judges, path):
                     }.get(parts[1], ["json"])
         return [judges[name] for name in ["watch", *programs]]
     if parts[0] == "trace":
-        further = {"run": ["live"], "counts": ["json"], "packets": ["json"]}.get(parts[1], [])
-        return [judges[name] for name in ["cases", "trace", *further]]
+        return [judges[name] for name in ("cases", "trace", "live" if parts[1] == "run" else "json")]
     users = {"base": ["lib/msg", "lib/runtime", "trace"], "containers": ["lib/msg", "lib/runtime"],
              "pelmo": []}.get(parts[1], ["lib/pelmo"])
     return [judges[name] for name in ["/".join(parts[:2]), *users, "cases"]]

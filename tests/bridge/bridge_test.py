@@ -1,7 +1,5 @@
 #!/usr/bin/env python3
-"""bridge_test.py: the bridge between real daemons of the bus and real servers of NATS, alone and as a
-cluster, while each of them comes and goes.
-"""
+"""The bridge between real daemons and real servers of NATS, alone and as a cluster, while each comes and goes."""
 import base64
 import binascii
 import collections

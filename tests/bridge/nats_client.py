@@ -1,11 +1,4 @@
-"""A client of NATS, line by line, and servers of it: what tests of the bridge look from the other side with.
-
-    client = NatsClient(port)
-    client.subscribe("A.>")
-    client.publish("A.B", b"payload", {"Pelmo-Origin": "one"})
-    subject, reply, headers, body = client.receive()
-    client.ask("$JS.API.STREAM.INFO.S1", {})
-"""
+"""A client of NATS, line by line, and servers of it: what tests of the bridge look from the other side with."""
 import json
 import pathlib
 import socket

@@ -1,5 +1,3 @@
-// What of the core and of JSON no whole run shows.
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>

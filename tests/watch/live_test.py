@@ -119,7 +119,6 @@ class Live(ProgramCase):
             self.assertEqual(run("ip", *command.replace("@", interface).split()).returncode, 0, command)
 
     def send_to(self, interface):
-        """A frame, from the other end of its wire."""
         with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as sender:
             sender.bind((interface + "peer", 0))
             sender.send(b"\x01\x00\x5e" + bytes(9) + b"\x08\x00\x45" + bytes(8) + b"\x11" + bytes(50))

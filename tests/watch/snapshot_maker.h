@@ -1,9 +1,5 @@
-// Snapshots for tests, made of what a test names; all else is 0.
-//
-//     SnapshotMaker maker;
-//     maker.host(7500, "239.1.1.1", "10.0.0.1").data = 5;
-//     maker.subject(7500, "239.1.1.1", {"A", "B"}, "10.0.0.1", 3);
-//     const SnapHeader& snapshot = maker.at(10);  // seconds; valid until the maker changes
+// Snapshots for tests, made of what a test names; all else is 0. They are valid until the maker
+// changes.
 
 #pragma once
 

@@ -127,6 +127,24 @@ TEST_F(TopModelTest, SilentRowsGoAfterTenMinutesAndFirstWhereRoomIsShort) {
     }
 }
 
+TEST_F(TopModelTest, EveryColumnSorts) {
+    SnapshotMaker maker;
+    maker.subject(7501, "239.1.1.1", {"B"}, "10.0.0.1", 5);
+    maker.subject(7500, "239.1.1.2", {"C"}, "10.0.0.1", 1);
+    maker.subject(7500, "239.1.1.2", {"A", "Z"}, "10.0.0.1", 9);
+    maker.subject(7500, "239.1.1.3", {"A"}, "10.0.0.1", 5);
+    press("4");
+    take(maker.at(10));
+    // Messages and bytes, most first and equal ones by port; port; group; subject.
+    for (const char* const order : {"[A.Z] A B C", "[A.Z] A B C", "[A.Z] C A B", "[B] A.Z C A",
+                                    "[A] A.Z B C", "[A.Z] A B C"}) {
+        EXPECT_EQ(shown(), order);
+        press(kKeyRight);
+    }
+    press("<<i");
+    EXPECT_EQ(shown(), "[C] B A.Z A");
+}
+
 TEST_F(TopModelTest, AnOpenRowHasItsHostsInItsColumnsOrder) {
     SnapshotMaker maker;
     maker.host(1, kGroup, "10.0.0.1").data = 1;

@@ -32,6 +32,7 @@ struct ReportTest : testing::Test {
 
 // More than is written at once, and without any memory; of so many subjects that charges wait.
 TEST_F(ReportTest, PrintsLongReportsWhole) {
+    traceSettings.displayAddrInfo = true;
     std::vector<Bytes> packets;
     Lines expected = {"                          Multicast Subject Statistics",
                       "  Port   Address          SCid    Msgs     Bytes  Subject",
@@ -40,13 +41,17 @@ TEST_F(ReportTest, PrintsLongReportsWhole) {
     const std::string stem = std::string(120, 'e') + ".";
     for (uint32_t i = 0; i < 6000; ++i) {
         const Bytes subject = packedSubject(stem + std::to_string(12999 - i % 3000));
-        packets.push_back(dataPacket({.dstIp = ipv4(239, 1, 1, i % 2), .seq = i + 1},
-                                     message({subjectField(subject)})));
+        const PacketHead head = {
+            .srcIp = ipv4(10, 0, 0, i % 3), .dstIp = ipv4(239, 1, 1, i % 2), .seq = i + 1};
+        packets.push_back(dataPacket(head, message({subjectField(subject)})));
     }
     for (uint32_t net = 0; net < 2; ++net) {
-        for (uint32_t number = 10001 - net; number < 13000; number += 2)
+        for (uint32_t number = 10001 - net; number < 13000; number += 2) {
             expected.push_back("  7500 * 239.1.1." + std::to_string(net) +
                                "                   2       294  " + stem + std::to_string(number));
+            expected.push_back("         10.0.0." + std::to_string((12999 - number) % 3) +
+                               "         7001       2       294");
+        }
     }
     expected.push_back("");
     analyze(packets);
