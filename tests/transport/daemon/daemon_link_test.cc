@@ -9,9 +9,9 @@
 #include "lib/transport/daemon/daemon_link_internal.h"
 #include "lib/transport/daemon/reconnect.h"
 #include "lib/transport/ipq/ipq_internal.h"
+#include "tests/support/link_fixture.h"
 #include "tests/support/misbehaving_daemon.h"
 #include "tests/support/test.h"
-#include "tests/transport/daemon/link.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <time.h>
 
 #include "lib/transport/daemon/specification.h"
-#include "tests/support/datagram_wire.h"
-#include "tests/transport/daemon/link.h"
+#include "tests/support/link_fixture.h"
+#include "tests/support/loopback_peer.h"
 
 namespace {
 

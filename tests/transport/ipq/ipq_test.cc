@@ -73,17 +73,16 @@ struct StandingQueue : testing::Test {
         (void)ipqClose(std::exchange(ipq, nullptr), false, Owner::close);
         passes();
     }
-    static pelmoMsg* messageOf(const std::string& bytes) {
+    static HeldMessage messageOf(const std::string& bytes) {
         Buffer* const buffer = bufferCreate(static_cast<uint32_t>(bytes.size()));
         std::memcpy(buffer->data, bytes.data(), bytes.size());
         pelmoMsg* message = nullptr;
         EXPECT_EQ(msgCreateOverBuffer(&message, buffer, 0), kStatusSuccess);
         bufferRelease(buffer);
-        return message;
+        return HeldMessage(message);
     }
     pelmoStatus send(const std::string& unit) const {
-        const HeldMessage message(messageOf(unit));
-        return ipqSend(ipq, message.get(), false);
+        return ipqSend(ipq, messageOf(unit).get(), false);
     }
     void passes() const {
         for (int i = 0; i < 3; ++i)
@@ -151,7 +150,7 @@ struct StandingQueue : testing::Test {
             } else if (what == "limit") {
                 ipqSetWaitLimit(ipq, count);
             } else if (what == "v") {
-                const HeldMessage message(messageOf(unitOf('a')));
+                const HeldMessage message = messageOf(unitOf('a'));
                 pelmoMsg* const two[] = {message.get(), message.get()};
                 EXPECT_EQ(ipqSendVector(ipq, two, false), kStatusSuccess);
             } else if (what == "w") {
@@ -238,7 +237,7 @@ TEST_F(StandingQueue, SendsVectors) {
     openAndRead();
     const std::string a = streamUnit(2'100, 'a'), b = streamUnit(2'100, 'b'),
                       c = streamUnit(2'100, 'c'), large = streamUnit(kLargeBytes, 'l');
-    const HeldMessage first(messageOf(a + b + c));
+    const HeldMessage first = messageOf(a + b + c);
     pelmoMsg* messages[] = {first.get(), nullptr, nullptr};
     ASSERT_EQ(msgCreateOverBuffer(&messages[1], messages[0]->buffer, 2'100), kStatusSuccess);
     ASSERT_EQ(msgCreateOverBuffer(&messages[2], messages[0]->buffer, 4'200), kStatusSuccess);
@@ -385,8 +384,8 @@ TEST_F(StandingQueue, ReportsHowMuchOfAVectorMayHaveLeft) {
     ipqHelloInit(&terms);
     storeBe32At(terms.bytes + 24, 10'000'000);
     openAndRead(&terms);
-    const HeldMessage longest(messageOf(streamUnit(10'000'000, 'a')));
-    const HeldMessage tooLong(messageOf(streamUnit(10'000'001, 'x')));
+    const HeldMessage longest = messageOf(streamUnit(10'000'000, 'a'));
+    const HeldMessage tooLong = messageOf(streamUnit(10'000'001, 'x'));
     uint32_t taken = 77;
     pelmoMsg* const bad[] = {longest.get(), tooLong.get()};
     EXPECT_EQ(ipqSendVector(ipq, bad, false, &taken), kStatusInvalidSize);

@@ -17,7 +17,7 @@
 #include "lib/pelmo.h"
 #include "lib/runtime/library.h"
 #include "lib/transport/reliable/datagram_socket.h"
-#include "tests/support/datagram_wire.h"
+#include "tests/support/loopback_peer.h"
 #include "tests/support/test.h"
 
 namespace {
