@@ -131,8 +131,8 @@ TEST(Message, RefusesACorruptImageAtEachCall) {
         {0, 7, 122, 0, 0, 0},                            //
         {2, 'a', 'b', 22, 0},                            // a name without its NUL
         {4, 0, 'a', 'b', 'c', 22, 0},                    // a NUL too early
-        Bytes{0, 7, 120} + Bytes(130),                   // size classes that aren't used
-        Bytes{0, 7, 123} + Bytes(130),                   //
+        Bytes{0, 7, 120} + Bytes(129),                   // size classes that aren't used
+        Bytes{0, 7, 123} + Bytes(129),                   //
     };
     for (const Bytes& rest : rests) {
         const Bytes image = imageOf({record, rest});
