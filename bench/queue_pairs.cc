@@ -5,11 +5,10 @@
 //
 // A pair is a run of each, one after the other; a line has the medians of all pairs of one size
 // and the median of their ratios. With BYTES only messages of that size are sent. A run that
-// doesn't count goes first. "held" sends a hundred
-// messages between a hold and a flush. The bare processes have a second thread, asleep, as each
-// process with queues has: system calls cost more there. The processor time of the two sides, in
-// nanoseconds a message, shows which of them limits the rate; on a busy machine it
-// says more.
+// doesn't count goes first. "held" sends a hundred messages between a hold and a flush. The bare
+// processes have a second thread, asleep, as each process with queues has: system calls cost more
+// there. The processor time of the two sides, in nanoseconds a message, shows which of them limits
+// the rate; on a busy machine it says more.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
