@@ -64,7 +64,7 @@ TEST_F(Link, SendsSettingsByTheDaemonsVersion) {
     } rows[] = {{{8, 2, 0}, 5}, {{8, 1, 9}, 4}, {{8, 0, 2}, 4},
                 {{8, 0, 1}, 2}, {{6, 0, 0}, 2}, {{5, 9, 9}, 0}};
     for (const auto& [version, known] : rows) {
-        daemon.behave([&](Behaviour& m) { m.version = version; });
+        daemon.behave([now = version](Behaviour& m) { m.version = now; });
         connect();
         EXPECT_EQ(pelmoTransport_SetDescription(id, "d"), kStatusSuccess);
         EXPECT_EQ(pelmoTransport_SetHttpAddress(id, "h"), kStatusSuccess);
