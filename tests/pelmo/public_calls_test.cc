@@ -19,8 +19,9 @@ void onEvent(uint32_t, pelmoMsg*, void*) {}
 void onBatch(pelmoMsg**, uint32_t) {}
 
 // Those from timers to events are events; kEvents are events of any kind.
-enum Kind { kQueues, kGroups, kDispatchers, kTimers, kIos, kListeners, kEvents, kTransports };
-constexpr size_t kKinds = kTransports + 1;
+enum Kind : int { kQueues, kGroups, kDispatchers, kTimers, kIos, kListeners, kEvents, kTransports };
+constexpr Kind kDispatchables{kTransports + 1};  // queues and groups
+constexpr size_t kKinds = kDispatchables + 1;
 
 // What an id is wanted of, and what is answered to another.
 struct Target {
@@ -35,6 +36,7 @@ constexpr Target kTimer = {kTimers, kStatusInvalidEvent};
 constexpr Target kIo = {kIos, kStatusInvalidEvent};
 constexpr Target kListener = {kListeners, kStatusInvalidEvent};
 constexpr Target kTransport = {kTransports, kStatusInvalidTransport};
+constexpr Target kDispatchable = {kDispatchables, kStatusInvalidArgument};
 constexpr Target kDispatcher = {kDispatchers, kStatusInvalidDispatcher};
 constexpr Target kNamedDispatcher = {kDispatchers, kStatusInvalidQueue};
 
@@ -134,6 +136,8 @@ const Call kCalls[] = {
     GETTER(kIo, pelmoEvent_GetIOSource, source),
     GETTER(kIo, pelmoEvent_GetIOType, most),
 
+    {"pelmoDispatcher_CreateEx", kDispatchable,
+     BY_ID(pelmoDispatcher_CreateEx(place(&made), id, 0.0)), true, true},
     GETTER(kNamedDispatcher, pelmoDispatcher_GetName, name),
     ANSWER(kDispatcher, pelmoDispatcher_SetName(id, place("name"))),
     CALL(kDispatcher, pelmoDispatcher_Join(id)),
@@ -226,6 +230,7 @@ struct Objects : NoCopy {
                   kStatusSuccess);
         ids[kEvents] = ids[kTimers];
         ids[kTransports] = kLocal;
+        ids[kDispatchables] = on;
     }
 
     int sockets[2] = {-1, -1};
@@ -241,7 +246,8 @@ TEST(PublicCalls, RefuseIdsThatAreNone) {
             EXPECT_EQ(call.call(none), badId) << none;
         }
         for (const Kind other : {kQueues, kGroups, kDispatchers, kTimers, kIos, kListeners}) {
-            const bool fits = other == kind || (kind == kEvents && other >= kTimers);
+            const bool fits = other == kind || (kind == kEvents && other >= kTimers) ||
+                              (kind == kDispatchables && other <= kGroups);
             if (fits) continue;
             EXPECT_EQ(call.call(objects.sound[other]), badId) << other;
         }
@@ -293,20 +299,6 @@ TEST(PublicCalls, NothingListensThroughATransportThatIsNone) {
     EXPECT_EQ(answers(kLocal, nullptr, nullptr), 0u);
     pelmo_Close();
     EXPECT_EQ(answers(kLocal, "A", subject), 0u);
-}
-
-// Takes queues and groups, and works while the library opens.
-TEST(PublicCalls, DispatchersWantSomethingToDispatch) {
-    Objects objects;
-    uint32_t out = 0;
-    for (const uint32_t id :
-         {kNoId, objects.gone[kQueues], objects.gone[kGroups], objects.sound[kTimers]}) {
-        EXPECT_EQ(pelmoDispatcher_CreateEx(&out, id, 0.0), kStatusInvalidArgument);
-    }
-    EXPECT_EQ(pelmoDispatcher_CreateEx(nullptr, queue, 0.0), kStatusInvalidArgument);
-    pelmo_Close();
-    EXPECT_EQ(pelmoDispatcher_CreateEx(&out, queue, 0.0), kStatusInvalidArgument);
-    EXPECT_EQ(out, 0u);
 }
 
 struct MessageCall {

@@ -164,10 +164,13 @@ TEST(Dispatch, LivesThroughTheEndOfItsObjects) {
         acts = todo;
         order.clear();
         const uint32_t event = listen(queue, onEvent);
-        postBatch(queue, {event, event, event});
+        auto* const last = const_cast<pelmoMsg*>(postBatch(queue, {event, event, event})[2]);
+        msgRetain(last);
         EXPECT_EQ(pelmoQueue_TimedDispatch(queue, 0), kStatusSuccess);
         dispatchAll(queue);  // nothing is called again
         EXPECT_EQ(order, expected) << todo;
+        EXPECT_EQ(last->refCount, 1u) << todo;  // what wasn't called is gone
+        msgRelease(last);
     }
 }
 
