@@ -182,6 +182,7 @@ struct Requests : OpenLibrary {
             auto* const self = static_cast<Requests*>(closure);
             self->answers.push_back(reply != nullptr ? textOf(reply) : "none");
             self->last = event;
+            dispatchAll(self->queue);  // a second reply is dropped within the callback too
             EXPECT_EQ(pelmoEvent_DestroyWait(event), kStatusNotPermitted);
         };
         return pelmoTransport_SendRequestAsync(&request, transport, queue, messageOn(subject).get(),
@@ -322,31 +323,20 @@ TEST(ExactReads, RefuseWhatDoesntFit) {
     }
 }
 
-// Texts of any bytes and length arrive as they were, and are text to those who ask for no length.
+// Long texts with any bytes, and what a length makes wrong; pelmo.hpp's tests hold the rest.
 TEST(TextWithLength, ArrivesWhole) {
-    const std::string texts[] = {"", {"a\0b", 3}, std::string(255, 'x'), std::string(70'000, 'y')};
+    const std::string text = std::string(70'000, 'y') + '\0' + "z";
     const Message made = newMessage();
     pelmoMsg* const msg = made.get();
+    pelmoMsg* copy = nullptr;
     const char* read = nullptr;
     const void* bytes = nullptr;
     size_t length = 0;
-    for (const std::string& text : texts) {
-        for (const auto write : {pelmoMsg_AddStringN, pelmoMsg_UpdateStringN}) {
-            (void)pelmoMsg_Reset(msg);
-            ASSERT_EQ(write(msg, "a", text.data(), text.size(), 0), kStatusSuccess);
-            ASSERT_EQ(pelmoMsg_GetStringN(msg, "a", &read, &length, 0), kStatusSuccess);
-            EXPECT_EQ(std::string(read, length + 1), text + '\0');
-            ASSERT_EQ(pelmoMsg_GetString(msg, "a", &read, 0), kStatusSuccess);
-            EXPECT_STREQ(read, text.c_str());
-        }
-        ASSERT_EQ(pelmoMsg_ConvertToStringN(msg, &read, &length), kStatusSuccess);
-        EXPECT_EQ(length, std::string_view(read).size());
-        ASSERT_EQ(pelmoMsg_GetAsBytesN(msg, &bytes, &length), kStatusSuccess);
-        pelmoMsg* copy = nullptr;
-        EXPECT_EQ(pelmoMsg_CreateFromBytesN(&copy, bytes, length - 1), kStatusCorruptMessage);
-        ASSERT_EQ(pelmoMsg_CreateFromBytesN(&copy, bytes, length), kStatusSuccess);
-        EXPECT_EQ(pelmoMsg_Destroy(copy), kStatusSuccess);
-    }
+    ASSERT_EQ(pelmoMsg_AddStringN(msg, "a", text.data(), text.size(), 0), kStatusSuccess);
+    ASSERT_EQ(pelmoMsg_GetStringN(msg, "a", &read, &length, 0), kStatusSuccess);
+    EXPECT_EQ(std::string(read, length + 1), text + '\0');
+    ASSERT_EQ(pelmoMsg_GetAsBytesN(msg, &bytes, &length), kStatusSuccess);
+    EXPECT_EQ(pelmoMsg_CreateFromBytesN(&copy, bytes, length - 1), kStatusCorruptMessage);
     EXPECT_EQ(pelmoMsg_AddStringN(msg, "b", nullptr, 1, 0), kStatusInvalidArgument);
     for (const auto set : {pelmoMsg_SetSendSubjectN, pelmoMsg_SetReplySubjectN}) {
         EXPECT_EQ(set(msg, "A.BC", 3), kStatusSuccess);

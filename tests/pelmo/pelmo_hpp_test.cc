@@ -190,15 +190,19 @@ TEST(PelmoHpp, EndsAListenerWhileManyThreadsDispatch) {
     for (int i = 0; i < 3; ++i)
         threads.push_back(pelmo::Dispatcher::start(work.queue).value());
     for (int round = 0; round < 50; ++round) {
-        std::atomic<int> inside{0};
+        std::atomic<int> runs{0}, inside{0};
         const auto run = [&](MessageView) {
             ++inside;
-            std::this_thread::yield();
+            ++runs;
+            for (int i = 0; i < 20; ++i)
+                std::this_thread::yield();
             --inside;
         };
         pelmo::Listener listener = work.queue.listen(work.bus, "A", run).value();
         for (int i = 0; i < 20; ++i)
             work.send("A");
+        while (runs == 0)
+            std::this_thread::yield();
         listener.end();
         EXPECT_EQ(inside, 0);
     }
