@@ -1,7 +1,5 @@
 #!/usr/bin/env python3
 """The bridge between real daemons and real servers of NATS, alone and as a cluster, while each comes and goes."""
-import base64
-import binascii
 import collections
 import contextlib
 import datetime
@@ -12,8 +10,10 @@ import pathlib
 import re
 import shlex
 import signal
+import socket
 import subprocess
 import sys
+import threading
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
@@ -397,59 +397,37 @@ class Start(BridgeCase):
         self.assertEqual(one.end_status, 1)
 
 
+# A user's key of NATS, as a file of credentials has it: 32 zero bytes.
+SEED = "SUAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAEQ"
+
+
 def openssl(*words, **more):
     return subprocess.run(["openssl", *map(str, words)], check=True, capture_output=True, **more).stdout
 
 
-class Key:
-    """One of NATS's ed25519 keys: of an operator, an account or a user, by the byte that its text begins with."""
-    OPERATOR, ACCOUNT, USER, SEED = 14 << 3, 0, 20 << 3, 18 << 3
-
-    def __init__(self, folder, kind):
-        self.path, self.kind = folder / ("%d.key" % len(list(folder.glob("*.key")))), kind
-        openssl("genpkey", "-algorithm", "ed25519", "-out", self.path)
-        private, public = (openssl("pkey", "-in", self.path, "-outform", "DER", *more)[-32:]
-                           for more in ((), ("-pubout",)))
-        self.name = self.text(bytes([kind]) + public)
-        self.seed = self.text(bytes([self.SEED | kind >> 5, (kind & 31) << 3]) + private)
-
-    @staticmethod
-    def text(bytes_):
-        return base64.b32encode(bytes_ + binascii.crc_hqx(bytes_, 0).to_bytes(2, "little")).decode().rstrip("=")
-
-    def token(self, kind, subject, **claims):
-        """What the key says of another one."""
-        of = {"iss": self.name, "sub": subject.name, "iat": 1, "jti": "1",
-              "nats": {"type": kind, "version": 2, **claims}}
-        said = ".".join(base64.urlsafe_b64encode(json.dumps(part).encode()).decode().rstrip("=")
-                        for part in ({"typ": "JWT", "alg": "ed25519-nkey"}, of))
-        file = self.path.with_suffix(".said")
-        file.write_text(said)
-        signature = openssl("pkeyutl", "-sign", "-inkey", self.path, "-rawin", "-in", file)
-        return said + "." + base64.urlsafe_b64encode(signature).decode().rstrip("=")
+def asks_for_credentials(listening, shown):
+    """What a server of NATS does that takes any."""
+    with listening.accept()[0] as client, client.makefile("rb") as lines:
+        info = {"proto": 1, "max_payload": 1000, "headers": True, "auth_required": True, "nonce": "abc"}
+        client.sendall(b"INFO %s\r\n" % json.dumps(info).encode())
+        for line in lines:
+            if line.startswith(b"CONNECT"):
+                shown.update(json.loads(line.partition(b" ")[2]))
+            elif line == b"PING\r\n":
+                client.sendall(b"PONG\r\n")
 
 
 class Secure(BridgeCase):
     def test_credentials_open_the_way_or_end_it_and_none_is_logged(self):
-        folder = self.folder / self._testMethodName
-        operator, account, system, user, other = (Key(folder, kind) for kind in (
-            Key.OPERATOR, Key.ACCOUNT, Key.ACCOUNT, Key.USER, Key.USER))
-        daemon = self.daemon()
-        limits = {name: -1 for name in ("subs", "data", "payload", "conn", "leaf", "imports", "exports")}
-        accounts = ", ".join('%s: "%s"' % (key.name, operator.token("account", key, limits=limits))
-                             for key in (account, system))
-        by_file = self.server("n1", settings="\n".join((
-            "operator: " + operator.token("operator", operator), "system_account: " + system.name, "resolver: MEMORY",
-            "resolver_preload: { %s }" % accounts)))
-        by_word = self.server("n2", settings="authorization { user: u, password: good }")
-        token = account.token("user", user, subs=-1, data=-1, payload=-1)
-        form = "-----BEGIN %s-----\n%s\n------END %s------\n"
-        for key in (user, other):
-            (folder / key.name).write_text(form % ("NATS USER JWT", token, "NATS USER JWT") +
-                                           form % ("USER NKEY SEED", key.seed, "USER NKEY SEED"))
+        file, daemon, shown = self.folder / self._testMethodName / "user", self.daemon(), {}
+        by_word = self.server(settings="authorization { user: u, password: good }")
+        listening = self.enterContext(socket.create_server(("127.0.0.1", 0)))
+        threading.Thread(target=asks_for_credentials, args=(listening, shown), daemon=True).start()
+        by_file = type("Asks", (), {"port": listening.getsockname()[1]})
+        file.write_text("".join("-----BEGIN %s-----\n%s\n------END %s------\n" % (what, text, what) for what, text in (
+            ("NATS USER JWT", "a.b.c"), ("USER NKEY SEED", SEED))))
         rows = ((by_word, "u:bad@", (), "bad", 1), (by_word, "u:good@", (), "good", 0),
-                (by_file, "", ("--credentials", folder / other.name), other.seed, 1),
-                (by_file, "", ("--credentials", folder / user.name), user.seed, 0))
+                (by_file, "", ("--credentials", file), SEED, 0))
         for number, (server, in_url, words, secret, status) in enumerate(rows):
             bridge = self.bridge("b%d" % number, server, daemon, "--from-bus", "A", *words, in_url=in_url,
                                  waits=False)
@@ -458,6 +436,7 @@ class Secure(BridgeCase):
                 bridge.popen.send_signal(signal.SIGTERM)
             self.assertEqual(bridge.status(), status, bridge.log())
             self.assertNotIn(secret, bridge.log())
+        self.assertEqual((shown["jwt"], bool(shown["sig"])), ("a.b.c", True))
 
     def test_certificates_are_checked_both_ways(self):
         folder = self.folder / self._testMethodName

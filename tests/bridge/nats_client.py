@@ -11,11 +11,11 @@ SERVER = "/usr/sbin/nats-server"
 
 
 class NatsClient:
-    def __init__(self, port, seconds=PATIENCE_SECONDS, **connect):
+    def __init__(self, port, seconds=PATIENCE_SECONDS):
         self.socket = socket.create_connection(("127.0.0.1", port), seconds)
         self.file = self.socket.makefile("rb")
         self.file.readline()  # INFO
-        self.write("CONNECT " + json.dumps({"verbose": False, "headers": True, "no_responders": True, **connect}))
+        self.write("CONNECT " + json.dumps({"verbose": False, "headers": True, "no_responders": True}))
         self.last = 0
         self.flush()
 

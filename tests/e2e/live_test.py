@@ -35,7 +35,6 @@ LARGE_RING = 12
 HOUR = 3600
 PIPE_BYTES = 16384
 NET_CAPABILITIES = 1 << 12 | 1 << 13  # to administer a network, and raw sockets
-SYS_WRITE = ("1", "64")  # x86-64, arm64
 
 
 class Live(ProgramCase):
@@ -87,8 +86,9 @@ class Live(ProgramCase):
         sent = self.generate("sent.pcap", *options)
         wanted = self.as_on_the_wire(added_up(self.read_back(sent, "-addrinfo", "-ptp")))
 
-        tool = self.start_live("tool", "-addrinfo", "-ptp", "-w", "saved.pcap")
+        tool = self.start_live("tool", "-addrinfo", "-ptp", "-w", "saved.pcap", "-foreground")
         tool.wait_for_reports(1)
+        self.assertEqual(os.readlink("/proc/%d/cwd" % tool.popen.pid), str(tool.folder))
         status = pathlib.Path("/proc/%d/status" % tool.popen.pid).read_text()
         self.assertEqual(int(re.search(r"CapPrm:\s*(\w+)", status)[1], 16) & ~NET_CAPABILITIES, 0)
         totals = self.send_all(*options)
@@ -105,20 +105,6 @@ class Live(ProgramCase):
                    for name, (table, columns) in COUNTED.items()}
         counted["data bytes"] += DATA_HEADER_BYTES * totals["data"]
         self.assertEqual(counted, {name: totals[name] for name in COUNTED})
-
-    def test_each_signal_ends_a_run_within_a_second(self):
-        tools = {number: self.start_live(number.name, "-w", "saved.pcap", *options)
-                 for number, options in ((signal.SIGINT, ()), (signal.SIGTERM, ("-foreground",)),
-                                         (signal.SIGHUP, ()))}
-        for number, tool in tools.items():
-            tool.wait_for_reports(1)
-            where = str(tool.folder) if number == signal.SIGTERM else "/"
-            self.assertEqual(os.readlink("/proc/%d/cwd" % tool.popen.pid), where)
-        self.send_all("--count", "500", "--rate", "10000")
-        for number, tool in tools.items():
-            wait_until(lambda: total_of(tool.reports()) >= 500, "all packets in the reports")
-            self.assertEqual(total_of(self.read_back(tool.folder / "saved.pcap")), 500, number)
-            self.stop_in_order(tool, number=number)
 
     def test_no_loopback_interface_is_needed(self):
         if WIRE.interface == "lo":
@@ -171,8 +157,8 @@ class Live(ProgramCase):
             written = [large.text("log%s" % (n or "")) for n in range(LARGE_RING + 1)]
             return total_of(read_reports("".join(written))) == totals["data"]
         wait_until(all_counted, "all packets in the logs")
-        for tool in tools.values():
-            self.stop_in_order(tool, "log")
+        for tool, number in zip(tools.values(), (signal.SIGINT, signal.SIGHUP, signal.SIGTERM, signal.SIGTERM)):
+            self.stop_in_order(tool, "log", number)
 
         for count, tool in tools.items():
             files = {path.name for path in tool.folder.iterdir()} - {"stdout", "stderr"}
@@ -206,25 +192,33 @@ class Live(ProgramCase):
         self.stop_in_order(tool)
 
     def test_readers_that_stall_hold_up_no_end(self):
-        """Of reports, of the log, or of a saved capture. What goes to a file instead gets there."""
-        readers, tools = [], {}
-        for name in ("stdout", "stderr", "log", "saved.pcap", "traced"):
-            pipe = self.folder / self.id() / name / ("stderr" if name == "traced" else name)
+        """Of reports, of the log, or of a saved capture. What goes to a file instead gets there, and so do all
+        packets to a reader of reports that goes on."""
+        readers, tools = {}, {}
+        for name in ("stdout", "stderr", "log", "saved.pcap", "traced", "goes on"):
+            pipe = self.folder / self.id() / name / {"traced": "stderr", "goes on": "stdout"}.get(name, name)
             pipe.parent.mkdir(parents=True)
             os.mkfifo(pipe)
-            readers.append(os.open(pipe, os.O_RDONLY | os.O_NONBLOCK))
-            self.addCleanup(os.close, readers[-1])
-            fcntl.fcntl(readers[-1], fcntl.F_SETPIPE_SZ, PIPE_BYTES)
+            readers[name] = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+            self.addCleanup(os.close, readers[name])
+            fcntl.fcntl(readers[name], fcntl.F_SETPIPE_SZ, PIPE_BYTES)
             log = ["-logfile", "log"] if name == "log" else []
             traced = {"_PM_TRACING_MODULES": "EVENTS"} if name == "traced" else {}
             tools[name] = self.start_live(name, "-complain", "-addrinfo", "-w", "saved.pcap", *log, **traced)
         for name, tool in tools.items():
             wait_until(lambda: os.readlink("/proc/%d/cwd" % tool.popen.pid) == "/", "a start of " + name)
-        self.send_all("--count", "2000", "--rate", "10000", "--subjects", "1000",
-                      "--damaged", "0.5", "--damage", "checksum")
-        for reader in readers:
+        first = self.send_all("--count", "2000", "--rate", "10000", "--subjects", "1000",
+                              "--damaged", "0.5", "--damage", "checksum")
+        for reader in readers.values():
             wait_until(lambda: int.from_bytes(fcntl.ioctl(reader, termios.FIONREAD, bytes(4)), sys.byteorder)
                        > PIPE_BYTES // 2, "a pipe that is full")
+        # Several times what libpcap's buffer holds.
+        second = self.send_all("--count", "10000", "--rate", "5000", "--payload", "1000", "--first-port", "7600")
+        pieces, reader = [], readers["goes on"]
+        os.set_blocking(reader, True)
+        threading.Thread(target=lambda: pieces.extend(iter(lambda: os.read(reader, 65536), b"")), daemon=True).start()
+        wait_until(lambda: total_of(read_reports(b"".join(pieces).decode())) == first["data"] + second["data"],
+                   "all packets in the reports")
         for name, tool in tools.items():
             with self.subTest(stalled=name):
                 self.ends_at_signal(tool)
@@ -243,38 +237,6 @@ class Live(ProgramCase):
             self.assertEqual(tool.status(), 1, name)
             if words:
                 self.assertEqual(tool.text("stderr").count(words), 1, name)
-
-    def test_a_reader_that_stalls_costs_no_packet(self):
-        reader, writer = os.pipe()
-        self.addCleanup(os.close, reader)
-        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
-        tool = self.start_live("tool", stdout=writer)
-        os.close(writer)
-        text = b""
-        while b"Snapshot" not in text:
-            piece = os.read(reader, 4096)
-            self.assertTrue(piece, "the tool ended")
-            text += piece
-        # With traffic of many subjects a report is larger than the pipe.
-        first = self.send_all("--count", "2000", "--rate", "20000", "--subjects", "1000")
-        tasks = pathlib.Path("/proc/%d/task" % tool.popen.pid)
-
-        def stalls():
-            calls = [(task / "syscall").read_text().split() for task in tasks.iterdir()]
-            return any(call[0] in SYS_WRITE and call[1] == "0x1" for call in calls)
-        wait_until(stalls, "a report that waits for its reader")
-        # Several times what libpcap's buffer holds, from senders of another port.
-        second = self.send_all("--count", "60000", "--rate", "30000", "--subjects", "1000",
-                               "--first-port", "7600")
-        self.assertTrue(stalls())
-
-        wanted = first["data"] + second["data"]
-        pieces = [text]
-        threading.Thread(target=lambda: pieces.extend(iter(lambda: os.read(reader, 65536), b"")),
-                         daemon=True).start()
-        wait_until(lambda: total_of(read_reports(b"".join(pieces).decode())) >= wanted,
-                   "all packets in the reports")
-        self.stop_in_order(tool)
 
     def test_a_wall_clock_that_steps_neither_hangs_nor_floods(self):
         paths = {shift: self.folder / ("shift%d" % shift) for shift in (HOUR, -HOUR)}

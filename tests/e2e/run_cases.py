@@ -11,14 +11,13 @@ A case:
               line of "--" ends them and begins those of a further run, in the same folder
     in.pcap   the capture, where there is one; or
     packets   the capture as text, which packets.py explains
-    env       changes to the environment, one to a line: NAME=VALUE, or -NAME to take one out
     before/   what is in the scratch folder before the run
     links     links in it, one to a line: "NAME -> TARGET", or "NAME = TARGET" for a hard one
     stdout, stderr, status
               what is expected, of all runs; a missing one is empty, a missing status 0 for each
     files/    what is in the scratch folder afterwards, all of it
 
-The time zone is UTC unless `env` says otherwise. Made equal before comparing: the scratch folder's
+The time zone is UTC. Made equal before comparing: the scratch folder's
 path reads @OUT@ and the capture's @IN@; the time stamp of a log line reads TIME, if it is of this day
 or the one before. In text that is expected, a line that ends in "<any>" accepts any end: for words
 that are another program's.
@@ -77,16 +76,9 @@ def run(binary, case, scratch, made):
         shutil.copytree(CASES / case / "before", scratch, dirs_exist_ok=True)
     for name, kind, target in map(str.split, lines_of(case, "links")):
         (os.symlink if kind == "->" else os.link)(scratch / target, scratch / name)
-    env = live_run.environment()
-    for line in lines_of(case, "env"):
-        name, is_set, value = line.partition("=")
-        if is_set:
-            env[name] = fill(value)
-        else:
-            env.pop(name[1:], None)
     out = {"stdout": b"", "stderr": b"", "status": b""}
     for args in "\n".join(lines_of(case, "args")).split("\n--\n"):
-        done = subprocess.run([binary] + fill(args).split("\n"), cwd=scratch, env=env,
+        done = subprocess.run([binary] + fill(args).split("\n"), cwd=scratch, env=live_run.environment(),
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT_SECONDS)
         out["stdout"] += normalised(done.stdout, *paths)
         out["stderr"] += normalised(done.stderr, *paths)

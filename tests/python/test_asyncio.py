@@ -1,7 +1,6 @@
 """The bus with asyncio: its loop, its cancellation and its time limits."""
 import asyncio
 import gc
-import threading
 import time
 
 import pelmo
@@ -114,26 +113,3 @@ async def test_a_subscription_that_is_forgotten_is_closed():
             gc.collect()
             await asyncio.sleep(0)
         assert not bus._subscriptions
-
-
-def test_loops_on_several_threads(address):
-    results = []
-
-    async def ping(own, other):
-        async with pelmo.connect(address) as bus:
-            messages = bus.listen(own)
-            await bus.send(own, n=0)
-            number = (await messages.get(PATIENCE))["n"]
-            ready.wait()
-            while number < 1000:
-                await bus.send(other, n=number + 1)
-                number = (await messages.get(PATIENCE))["n"]
-            results.append(number)
-
-    ready = threading.Barrier(2, timeout=PATIENCE)
-    threads = [threading.Thread(target=asyncio.run, args=(ping(*words),)) for words in ("AB", "BA")]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join(PATIENCE)
-    assert results == [1000, 1000]

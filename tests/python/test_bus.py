@@ -1,6 +1,4 @@
 """The bus over a real daemon, with threads and without asyncio."""
-import contextlib
-import signal
 import threading
 import time
 
@@ -106,29 +104,3 @@ def test_threads_share_a_subscription_and_each_message_goes_to_one(address):
             thread.join(PATIENCE)
     assert sorted(sum(got, [])) == list(range(count))
     assert all(mine == sorted(mine) for mine in got)
-
-
-def test_a_send_waits_for_a_daemon_that_does_not_read(daemon, address):
-    """And an interrupt ends the wait."""
-    with contextlib.ExitStack() as stack:
-        bus = stack.enter_context(contextlib.closing(pelmo.connect(address).open()))
-        daemon.popen.send_signal(signal.SIGSTOP)
-        stack.callback(daemon.popen.send_signal, signal.SIGCONT)
-        main = threading.main_thread().ident
-        stuck = threading.Event()
-
-        def interrupt():
-            while not stuck.wait(0.05):
-                if bus.unsent["waiting_bytes"] > 16 << 20:
-                    signal.pthread_kill(main, signal.SIGINT)
-
-        thread = threading.Thread(target=interrupt)
-        thread.start()
-        try:
-            with pytest.raises(KeyboardInterrupt):
-                while True:
-                    bus.send("A", data=bytes(100_000))
-        finally:
-            stuck.set()
-            thread.join()
-        assert bus.unsent["waiting_bytes"] < 32 << 20

@@ -38,10 +38,17 @@ def test_what_was_sent_arrives_however_the_program_ends(how, python, address):
 
 @pytest.mark.parametrize("wait", [
     "waits(); list(bus.listen('X'))", "waits(); bus.request('X', timeout=None)", "waits(); bus.listen('X').get()",
-    "asyncio.run(main())",
+    "asyncio.run(main())", "threading.Thread(target=fills, daemon=True).start(); sends()",
 ])
-def test_an_interrupt_ends_any_wait(wait, python, address):
+def test_an_interrupt_ends_any_wait(wait, python, daemon, address):
+    """Such as of a send while the daemon doesn't read."""
     main = """
+def fills():
+    while bus.unsent['waiting_bytes'] < 16 << 20: time.sleep(0.05)
+    waits()
+def sends():
+    os.kill(int(sys.argv[2]), signal.SIGSTOP)
+    while bus.unsent['waiting_bytes'] < 32 << 20: bus.send('X', data=bytes(100_000))
 async def main():
     async with pelmo.connect(sys.argv[1]) as b:
         waits()
@@ -49,11 +56,13 @@ async def main():
 def waits():
     print('waits', flush=True)
 """
-    script = OPEN + main + "try:\n    %s\nexcept KeyboardInterrupt:\n    print('interrupted')"
-    process = python(script % wait, address)
+    script = OPEN + main + "try:\n    %s\nexcept KeyboardInterrupt:\n    print('interrupted', flush=True)"
+    process = python(script % wait, address, str(daemon.popen.pid))
     assert process.stdout.readline() == "waits\n"
     process.send_signal(signal.SIGINT)
-    assert ends(process) == "interrupted\n"
+    assert process.stdout.readline() == "interrupted\n"
+    daemon.popen.send_signal(signal.SIGCONT)
+    ends(process)
 
 
 FORKS = """
