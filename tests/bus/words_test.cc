@@ -33,8 +33,7 @@ std::string textOf(const std::vector<TextField>& fields) {
 TEST(BusWords, OptionsComeAfterTheirCommandInAnyOrder) {
     const CommandLine line = readWords(
         "--daemon=host:7500 -- send --rate 2.5 A.B x=1 --size 0 y:i8=-7 "
-        "d:datetime=2024-02-29T23:59:59.5Z -- "
-        "--z=--");
+        "d:datetime=2024-02-29T23:59:59.5Z -- --z=--");
     ASSERT_EQ(line.fault, "");
     ASSERT_NE(line.command, nullptr);
     EXPECT_STREQ(line.command->name, "send");

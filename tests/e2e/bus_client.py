@@ -90,7 +90,6 @@ class Client:
         self.socket.connect(("127.0.0.1", port))
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.session, self.client_id, self.left = more.pop("session", ""), 0, b""
-        self.more = more
         if start:
             try:
                 self.shake_hands()

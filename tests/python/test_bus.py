@@ -81,26 +81,19 @@ def test_a_slow_program_loses_what_its_policy_says_and_sees_how_much(drop, first
         assert messages.dropped == dropped
 
 
-def test_threads_share_a_subscription_and_each_message_goes_to_one(address):
+def test_threads_share_a_subscription_and_each_message_goes_to_one():
     count, got = 20_000, [[] for _ in range(4)]
-    with pelmo.connect(address) as bus:
-        messages = bus.listen("A", limit=None)
-
-        def consume(mine):
-            mine.extend(message["n"] for message in messages)
-
-        threads = [threading.Thread(target=consume, args=(mine,)) for mine in got]
+    with pelmo.in_process() as bus, bus.listen("A", limit=None) as messages:
+        threads = [threading.Thread(target=lambda mine=mine: mine.extend(message["n"] for message in messages))
+                   for mine in got]
         for thread in threads:
             thread.start()
-        known(bus)
-        with pelmo.connect(address) as sender:
-            for number in range(count):
-                sender.send("A", n=number)
+        for number in range(count):
+            bus.send("A", n=number)
         deadline = time.monotonic() + PATIENCE
         while sum(map(len, got)) < count and time.monotonic() < deadline:
             time.sleep(0.02)
-        messages.close()
-        for thread in threads:
-            thread.join(PATIENCE)
+    for thread in threads:
+        thread.join(PATIENCE)
     assert sorted(sum(got, [])) == list(range(count))
     assert all(mine == sorted(mine) for mine in got)
