@@ -68,7 +68,6 @@ TEST(SafeText, IsCutAtACharactersEnd) {
 
 TEST(JsonBuffer, DropsAllWhereMemoryRunsOut) {
     SnapHeader snapshot{};
-    size_t wholeBytes = 0;
     const size_t failing = eachAllocationFails([&] {
         JsonBuffer buffer;
         for (int i = 0; i < 1000; ++i)
@@ -76,10 +75,9 @@ TEST(JsonBuffer, DropsAllWhereMemoryRunsOut) {
         const bool failed = allocationsFailed() != 0;
         allocationsHeal();
         EXPECT_EQ(buffer.failed, failed);
-        if (!failed) wholeBytes = buffer.text().size();
+        EXPECT_TRUE(failed || buffer.text().size() > 1000000);
     });
     EXPECT_GT(failing, 2u);
-    EXPECT_GT(wholeBytes, 1000000u);
 }
 
 constexpr int64_t kMs = 1'000'000;
@@ -159,12 +157,10 @@ TEST_F(TotalsTest, SumsStayExactBeyondTheBoundOfRows) {
 
 TEST_F(TotalsTest, SumsStayExactWithoutMemory) {
     const size_t failing = eachAllocationFails([this] {
-        const size_t failedBefore = allocationsFailed();
         add(1, 300);
         (void)totalsSnapshot(totals);
-        const bool failed = allocationsFailed() > failedBefore;
         allocationsHeal();
-        if (failed) sumsAreExact();
+        sumsAreExact();
         totalsFree(totals);
         added = 0;
     });

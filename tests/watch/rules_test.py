@@ -100,11 +100,10 @@ class Rules(ProgramCase):
     def test_rules_are_sound(self):
         self.assertEqual(promtool("check", "rules", RULES / "pelmo_bus.yml", RULES / "pelmo_alerts.yml"), "")
         self.assertEqual(promtool("check", "config", "--syntax-only", RULES / "prometheus.yml"), "")
-        rules = [{"record": "a", "expr": expression} for expression in dashboard_expressions()]
+        rules = [{"record": "a%d" % number, "expr": expression} for number, expression in enumerate(dashboard_expressions())]
         self.assertGreater(len(rules), 10)
-        for number, rule in enumerate(rules):
-            path = self.written("dashboard.yml", {"groups": [{"name": "a", "rules": [rule]}]})
-            self.assertEqual(promtool("check", "rules", path), "", (number, rule))
+        path = self.written("dashboard.yml", {"groups": [{"name": "a", "rules": rules}]})
+        self.assertEqual(promtool("check", "rules", path), "")
 
     def test_each_alert_fires_and_no_other_does(self):
         tests = [{"interval": "1m", "input_series": changed(changes), "promql_expr_test": [{

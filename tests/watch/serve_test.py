@@ -14,7 +14,6 @@ import pathlib
 import random
 import re
 import resource
-import signal
 import socket
 import sys
 import time
@@ -34,8 +33,7 @@ SAFE = {"X-Content-Type-Options": "nosniff", "X-Frame-Options": "DENY", "Referre
         "Cross-Origin-Resource-Policy": "same-origin"}
 # Sanitizers keep memory that was freed.
 SHOWS_MEMORY = not any(mark in WATCH.read_bytes() for mark in (b"__asan_init", b"__tsan_init"))
-MOST_SECONDS_OF_REQUEST = 10
-MOST_SECONDS_OF_EVENT = 10
+MOST_SECONDS = 10  # of a request, and of an event
 PLACES = {"port", "group", "sender", "host", "scid", "service_port", "reliability_seconds", "subject", "senders"}
 GET = b"GET /%s HTTP/1.1\r\nHost: localhost\r\n\r\n"
 
@@ -243,6 +241,41 @@ class Serve(ProgramCase):
             self.assertEqual((refused.returncode, refused.stderr.count(b"\n")), (status, 1), words)
             self.assertIn(why, refused.stderr.decode())
 
+    def test_what_other_sites_pages_ask_for_is_refused(self):
+        server = self.serve(self.mix)
+        own = "http://127.0.0.1:%d" % server.port
+        for path, site, mode, destination, origin, status in [
+                ("/metrics", "same-origin", "cors", "", "", 200), ("/metrics", "none", "", "", "", 200),
+                ("/metrics", "cross-site", "no-cors", "", "", 403), ("/metrics", "same-site", "cors", "", "", 403),
+                ("/metrics", "", "", "", own, 200), ("/metrics", "", "", "", "http://127.0.0.1", 403),
+                ("/metrics", "", "", "", "null", 403),
+                # A link to the page is followed, one to its data isn't; nor is a frame or a script.
+                ("/", "cross-site", "navigate", "document", "", 200),
+                ("/history.json", "cross-site", "navigate", "document", "", 403),
+                ("/", "cross-site", "navigate", "iframe", "", 403), ("/page.js", "cross-site", "no-cors", "script", "", 403)]:
+            headers = {"Sec-Fetch-Site": site, "Sec-Fetch-Mode": mode, "Sec-Fetch-Dest": destination, "Origin": origin}
+            given = {name: value for name, value in headers.items() if value}
+            self.assertEqual(server.answer(path, **given)[0], status, (path, given))
+
+    def test_a_query_that_names_no_row_is_refused(self):
+        server = self.serve(ROOT / "samples/bus.pcap")
+        row = {"table": "subjects", "port": "7500", "group": "239.1.1.1", "subject": "A\\x2eB.C", "host": "10.0.0.1",
+               "scid": "65535"}
+        no_port, no_subject = "port isn't a number from 0 to 65535", "no subject has this text"
+        for name, value, words in [
+                ("scid", "65535", None), ("table", "subject", "no such table"), ("table", None, "table is missing"),
+                ("table", "multicast", "this table has no subjects"), ("table", "retransmission", "this table has no groups"),
+                ("port", "65536", no_port), ("port", "", no_port), ("port", "1x", no_port), ("port", None, "port is missing"),
+                ("scid", "0", "scid isn't a number from 1 to 65535"), ("host", None, "scid needs a host"),
+                ("group", "239.1.1", "group isn't an address"), ("group", None, "group is missing"),
+                ("host", "10.0.0.1000000000", "host isn't an address"), ("Port", "1", "no such name in a query"),
+                *(("subject", text, no_subject) for text in ("A\\", "\\y41", "\\x4g", "A.\\x+1", "A" * 253, "." * 127)),
+                ("subject", None, "subject is missing")]:
+            query = {key: text for key, text in {**row, name: value}.items() if text is not None}
+            status, _, body = server.answer("/history.json?" + urllib.parse.urlencode(query))
+            self.assertEqual(status, 400 if words else 200, (name, value, body))
+            self.assertIn(words or "", body.decode())
+
     def test_texts_are_compressed_for_those_who_take_it(self):
         server = self.serve(self.mix, "--senders")
         for path in ("/", "/page.js", "/metrics", "/snapshot.json", "/history.json"):
@@ -290,6 +323,35 @@ class Serve(ProgramCase):
                                ("--subjects A.> --subjects B --expire 100", {"A.OLD", "A.NEW", "A.B.C", "B"})]:
             labels = self.serve(capture, "-u", 1, *options.split()).metrics()["pelmo_subject_messages_total"]
             self.assertEqual({dict(label)["subject"] for label in labels}, found)
+        # One that comes back begins again, its neighbour goes on, and a reliability is the last one.
+        nulls = [line for second in range(8) for line in (
+            "at %d" % (1700000000 + second), "null to=239.1.1.2 r=%d" % second,
+            *["null to=239.1.1.1"] * {0: 1, 6: 2}.get(second, 0))]
+        metrics = self.serve(self.capture_of("back.pcap", *nulls), "-u", 1, "--expire", 3, "--hosts").metrics()
+        for name, found in (("null_packets_total", {"239.1.1.1": 2, "239.1.1.2": 8}),
+                            ("host_reliability_seconds", {"239.1.1.1": 0, "239.1.1.2": 7})):
+            self.assertEqual({dict(labels)["group"]: value for labels, value in metrics["pelmo_multicast_" + name].items()}, found)
+        # Those that went leave their places to others.
+        crowd = [line for second in range(30) for line in (
+            "at %d" % (1700000000 + second), *("data from=10.%d.%d.1 {<S.%d.%d>}" % (2 * (second, number)) for number in range(20)))]
+        metrics = self.serve(self.capture_of("turns.pcap", *crowd), "-u", 1, "--expire", 1, "--hosts", "--subjects", ">",
+                             "--max-series", 1000).metrics()
+        self.assertEqual(metrics["pelmo_watch_left_out_series"], {(): 0})
+
+    def test_counts_that_find_no_room_are_in_the_other_row(self):
+        hosts = ["data from=10.1.%d.1 {<S.%d>}" % (number, number) for number in range(250)]
+        # Hosts and subjects took all that they may; ports and groups still find room, up to the last of it.
+        groups = ["data to=239.2.%d.1 {<S>}" % number for number in range(100)]
+        for more, leaves_out in ((), True), (("at 1700000005", "null from=10.1.0.1"), False):
+            capture = self.capture_of("crowd.pcap", "at 1700000000", *hosts, "at 1700000003", *groups, *more)
+            metrics = self.serve(capture, "-u", 2, "--hosts", "--subjects", ">", "--max-series", 1000).metrics()
+            self.assertTrue(700 < sum(map(len, metrics.values())) <= 1000)
+            data = metrics["pelmo_multicast_data_packets_total"]
+            self.assertGreater(len(data), 10)
+            self.assertGreater(data[("group", "other"), ("port", "other")], 0)
+            for series in (data, metrics["pelmo_multicast_host_data_packets_total"], metrics["pelmo_subject_messages_total"]):
+                self.assertEqual(sum(series.values()), 350)
+            self.assertEqual(metrics["pelmo_watch_left_out_series"][()] > 0, leaves_out)
 
     def test_a_thousand_connections_leave_room_for_a_scrape(self):
         server = self.serve(self.mix, "--max-clients", 50)
@@ -298,7 +360,7 @@ class Serve(ProgramCase):
         begin = time.monotonic()
         for _ in range(5):
             self.assertTrue(server.metrics()["pelmo_watch_clients"][()] <= 51)
-        self.ended_within(begin, MOST_SECONDS_OF_REQUEST / 2)  # they make room at once
+        self.ended_within(begin, MOST_SECONDS / 2)  # they make room at once
         self.assertLessEqual(sum(map(is_open, crowd)), 50)
         self.assert_memory(server, before + (20 << 20))
         streams = [self.connect(server, GET % b"events") for _ in range(40)]
@@ -333,9 +395,8 @@ class Serve(ProgramCase):
                 with contextlib.suppress(OSError):
                     drip.sendall(b"X")
                 return not is_open(half) and not is_open(drip)
-            wait_until(are_cut_off, "the end of requests", MOST_SECONDS_OF_REQUEST + 10)
-            wait_until(lambda: server.metrics()["pelmo_watch_event_clients"][()] == 1, "the cut",
-                       MOST_SECONDS_OF_EVENT + 15)
+            wait_until(are_cut_off, "the end of requests", MOST_SECONDS + 10)
+            wait_until(lambda: server.metrics()["pelmo_watch_event_clients"][()] == 1, "the cut", MOST_SECONDS + 15)
             self.assertFalse(stopped.recv(1 << 20) == b"")
             times = [json.loads(data)["time"] for _, data in reading.result(timeout=60)]
         self.assertEqual(times, sorted(set(times)))
@@ -378,8 +439,7 @@ class Serve(ProgramCase):
             connection.close()
         self.assertEqual(server.get("/snapshot.json"), self.lines_of_json(self.mix, "-u", 1)[-1])
         wait_until(lambda: server.metrics()["pelmo_watch_event_clients"][()] == 0, "streams that end", 30)
-        server.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(server.status(), 0)
+        self.ends_at_signal(server)
 
 
 if __name__ == "__main__":

@@ -27,14 +27,14 @@ class SnapshotMaker {
         return added(ports[port].ptpHosts, address, scid).counters;
     }
 
-    // Adds messages of a byte each by one sender.
+    // Messages of a byte each by one sender.
     void subject(uint16_t port,
                  const char* group,
                  const std::vector<std::string>& elements,
                  const char* sender,
                  uint64_t messages) {
-        auto& senders = ports[port].nets[inet_addr(group)].subjects[packedElements(elements)];
-        senders.push_back({inet_addr(sender), htons(20000), messages, messages});
+        ports[port].nets[inet_addr(group)].subjects[packedElements(elements)] = {
+            inet_addr(sender), htons(20000), messages, messages};
     }
 
     void servicePort(uint16_t port, uint16_t service) { ports[port].service = service; }
@@ -57,7 +57,7 @@ class SnapshotMaker {
   private:
     struct Net {
         std::vector<SnapHost> hosts;
-        std::map<Bytes, std::vector<SnapSubjectHost>> subjects;  // their senders
+        std::map<Bytes, SnapSubjectHost> subjects;  // their senders
         std::vector<SnapSubject> snapSubjects;
     };
 
@@ -80,13 +80,8 @@ class SnapshotMaker {
     // Subjects may be read some bytes beyond their end, as those of a Snapshot may.
     static SnapNet finished(uint32_t group, Net& net) {
         net.snapSubjects.clear();
-        for (auto& [packed, senders] : net.subjects) {
-            uint64_t messages = 0;
-            for (const SnapSubjectHost& sender : senders)
-                messages += sender.msgs;
-            net.snapSubjects.push_back({packed.data(), messages, messages,
-                                        static_cast<uint32_t>(senders.size()), senders.data()});
-        }
+        for (auto& [packed, sender] : net.subjects)
+            net.snapSubjects.push_back({packed.data(), sender.msgs, sender.msgs, 1, &sender});
         SnapNet made{};
         made.net = group;
         made.hostCount = static_cast<uint32_t>(net.hosts.size());
@@ -100,16 +95,14 @@ class SnapshotMaker {
         port.snapNets.clear();
         for (auto& [group, net] : port.nets)
             port.snapNets.push_back(finished(group, net));
-        SnapPort made{};
-        made.port = htons(number);
-        made.servicePort = port.service != 0 ? htons(port.service) : made.port;
-        made.netCount = static_cast<uint32_t>(port.snapNets.size());
-        made.nets = port.snapNets.data();
-        made.rlHostCount = static_cast<uint32_t>(port.rlHosts.size());
-        made.rlHosts = port.rlHosts.data();
-        made.ptpHostCount = static_cast<uint32_t>(port.ptpHosts.size());
-        made.ptpHosts = port.ptpHosts.data();
-        return made;
+        return {.port = htons(number),
+                .servicePort = htons(port.service != 0 ? port.service : number),
+                .netCount = static_cast<uint32_t>(port.snapNets.size()),
+                .nets = port.snapNets.data(),
+                .rlHostCount = static_cast<uint32_t>(port.rlHosts.size()),
+                .rlHosts = port.rlHosts.data(),
+                .ptpHostCount = static_cast<uint32_t>(port.ptpHosts.size()),
+                .ptpHosts = port.ptpHosts.data()};
     }
 
     std::map<uint16_t, Port> ports;

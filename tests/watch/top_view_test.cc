@@ -177,15 +177,9 @@ TEST_F(TopViewTest, ACaptureWithNothingOfTheBusSaysWhatItHas) {
 
 TEST_F(TopViewTest, HelpScrollsToItsEnd) {
     press("?");
-    std::string seen;
     for (int i = 0; i < 100; ++i) {
-        for (const std::string& line : draw({40, 10}))
-            seen += line + "\n";
+        draw({40, 10});
         topPress(model, kKeyDown, 5);
-    }
-    for (const TopKeyRow& row : topKeyRows()) {
-        if (row.name == nullptr) continue;
-        EXPECT_NE(seen.find(row.name), std::string::npos) << row.name;
     }
     EXPECT_EQ(draw({40, 10})[8], "              in the column that sorts.");
 }
