@@ -199,15 +199,6 @@ TEST(Message, ReadsWhatOthersWriteOtherwise) {
     EXPECT_EQ(std::memcmp(bytes.data.pointer, "\x8", bytes.size), 0);
 }
 
-TEST(Message, LivesAsLongAsItHasHolders) {
-    pelmoMsg* const msg = newMessage().release();
-    msgRetain(msg);
-    EXPECT_EQ(pelmoMsg_Detach(msg), kStatusNotPermitted);
-    for (const pelmoStatus status : {kStatusSuccess, kStatusInvalidMessage})
-        EXPECT_EQ(pelmoMsg_Destroy(msg), status);
-    msgRelease(msg);
-}
-
 // Either would take hours if a step went over all that is there. A message that was reset keeps its
 // room: it is built again without the heap.
 TEST(Message, TakesAndWalksManyFieldsInLinearTime) {

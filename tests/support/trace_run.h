@@ -69,9 +69,8 @@ struct SavingRun : testing::Test {
         traceSettings = {};
     }
 
-    // By a name in the folder, or an absolute path.
     void open(const char* name) {
-        path = name[0] == '/' ? name : folder.path(name);
+        path = folder.path(name);
         traceSettings.writeFile = path.c_str();
         ASSERT_TRUE(captureFileOpen(captureState.captureHandle, path.c_str()));
         captureState.savingFrames = true;
