@@ -3,7 +3,6 @@
 import collections
 import contextlib
 import datetime
-import functools
 import json
 import os
 import pathlib
@@ -196,10 +195,9 @@ class Crossing(BridgeCase):
         server, first, second = self.server(), self.daemon(), self.daemon()
         one = self.bridge("one", server, first, "--from-bus", "ASK.>", "--to-bus", "NATS.>", "--request-timeout", "1")
         self.bridge("two", server, second, "--to-bus", "ASK.>")
-        self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % second.port, "answer", "ASK.ME", "x=yes",
-                   stderr=-3, stdout=-3)
-        self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % first.port, "answer", "NATS.ME", "x=no",
-                   stderr=-3, stdout=-3)
+        for daemon, words in ((second, ("ASK.ME", "x=yes")), (first, ("NATS.ME", "x=no"))):
+            self.start(binary("pelmobus"), "--daemon", "127.0.0.1:%d" % daemon.port, "answer", *words,
+                       stderr=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
         heard = self.listener(first, "NATS.>")
         wait_until(lambda: b'"yes"' in self.bus(first, "request", "ASK.ME", "--seconds", "1").stdout, "an answer")
         self.assertEqual(self.bus(first, "request", "ASK.NONE", "--seconds", "1").returncode, 3)
@@ -401,10 +399,6 @@ class Start(BridgeCase):
 SEED = "SUAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAEQ"
 
 
-def openssl(*words, **more):
-    return subprocess.run(["openssl", *map(str, words)], check=True, capture_output=True, **more).stdout
-
-
 def asks_for_credentials(listening, shown):
     """What a server of NATS does that takes any."""
     with listening.accept()[0] as client, client.makefile("rb") as lines:
@@ -442,7 +436,8 @@ class Secure(BridgeCase):
         folder = self.folder / self._testMethodName
         own = ["-days", "2", "-nodes", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-batch"]
 
-        made = functools.partial(openssl, cwd=folder)
+        def made(*words):
+            subprocess.run(["openssl", *words], check=True, capture_output=True, cwd=folder)
         made("req", "-x509", *own, "-keyout", "ca.key", "-out", "ca", "-subj", "/CN=tests")
         for name in ("server", "client"):
             made("req", *own[2:], "-keyout", name + ".key", "-out", name + ".csr", "-subj", "/CN=" + name)

@@ -34,8 +34,6 @@ OwnedMessage read(const std::string& line) {
     JsonReader reader;
     OwnedMessage msg = messageMake();
     EXPECT_TRUE(jsonReadMessage(reader, line, msg.get())) << reader.fault << "\n" << line;
-    if (!reader.subject.empty()) pelmoMsg_SetSendSubject(msg.get(), reader.subject.c_str());
-    if (!reader.reply.empty()) pelmoMsg_SetReplySubject(msg.get(), reader.reply.c_str());
     EXPECT_EQ(lineOf(msg.get()), line);
     return msg;
 }

@@ -194,9 +194,6 @@ class Daemon(Process):
     def log(self):
         return self.path.read_text()
 
-    def wait_for_log(self, words):
-        wait_until(lambda: words in self.log(), "\"%s\" in the log" % words)
-
     def close(self):
         super().close()
         self.log_file.close()

@@ -17,7 +17,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
 from program_case import ProgramCase, Tool, binary, main, run, wait_until  # noqa: E402
 
-from bus_client import (AGREED, BOOL, COUNTER, HELLO_BYTES, OFFER, STRING, Client, Closed,  # noqa: E402
+from bus_client import (AGREED, BOOL, COUNTER, HELLO_BYTES, MAGIC, OFFER, STRING, Client, Closed,  # noqa: E402
                         data_message, free_port, hello, message, number, start_message, subject_field, text, value_of)
 from live_run import descriptors, resident_bytes  # noqa: E402
 from packets import field  # noqa: E402
@@ -26,7 +26,6 @@ PMD = binary("pmd")
 START_SECONDS = 10
 MEGABYTE = 1 << 20
 HEAD = struct.Struct(">II")
-MAGIC = 0x9955eeaa
 # A sanitizer keeps freed memory for a while.
 SMALL_QUARANTINE = ("env", "ASAN_OPTIONS=quarantine_size_mb=1:allocator_release_to_os_interval_ms=500")
 
@@ -319,7 +318,7 @@ class Pmd(ProgramCase):
         with self.assertRaises(socket.timeout):
             while len(clients) < limit:
                 clients.append(self.client(daemon, timeout=1.0))
-        daemon.wait_for_log("no descriptors are left for more clients: they wait")
+        wait_until(lambda: "no descriptors are left for more clients: they wait" in daemon.log(), "a word on them")
         clients.pop().close()
         self.client(daemon)
 

@@ -25,12 +25,6 @@ POPULATIONS = ((50, 1, 7500), (400, 2, 7510), (100, 3, 7520), (200, 1, 7530))
 SLACK_KB = 4096
 
 
-def phase(number, pelmogen, wire):
-    hosts, ports, first_port = POPULATIONS[number % len(POPULATIONS)]
-    return Process(pelmogen, *wire.send, *TRAFFIC, "--seed", number + 1, "--hosts", hosts, "--ports", ports,
-                   "--first-port", first_port, stdout=subprocess.PIPE, text=True)
-
-
 def soak(options, wire, folder):
     """Prints what was seen; answers what was wrong with it."""
     samples = []  # kilobytes and descriptors after each phase
@@ -40,7 +34,9 @@ def soak(options, wire, folder):
         tool.wait_for_reports(1)
         began, sent = time.monotonic(), 0
         while time.monotonic() - began < options.seconds:
-            sender = phase(len(samples), options.pelmogen, wire)
+            hosts, ports, first_port = POPULATIONS[len(samples) % len(POPULATIONS)]
+            sender = Process(options.pelmogen, *wire.send, *TRAFFIC, "--seed", len(samples) + 1, "--hosts", hosts,
+                             "--ports", ports, "--first-port", first_port, stdout=subprocess.PIPE, text=True)
             ends.callback(sender.close)
             sent += sent_totals(sender.popen.communicate(timeout=60)[0])["data"]
             samples.append((resident_bytes(tool.popen.pid) >> 10, descriptors(tool)))
