@@ -212,8 +212,8 @@ class Live(ProgramCase):
         for reader in readers.values():
             wait_until(lambda: int.from_bytes(fcntl.ioctl(reader, termios.FIONREAD, bytes(4)), sys.byteorder)
                        > PIPE_BYTES // 2, "a pipe that is full")
-        # Several times what libpcap's buffer holds.
-        second = self.send_all("--count", "10000", "--rate", "5000", "--payload", "1000", "--first-port", "7600")
+        # 42 MB: more than the buffer of the capture holds.
+        second = self.send_all("--count", "30000", "--rate", "10000", "--payload", "1400", "--first-port", "7600")
         pieces, reader = [], readers["goes on"]
         os.set_blocking(reader, True)
         threading.Thread(target=lambda: pieces.extend(iter(lambda: os.read(reader, 65536), b"")), daemon=True).start()
