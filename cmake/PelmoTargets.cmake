@@ -16,6 +16,19 @@ if(PELMO_SYNTAX_ONLY)
     set(CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_COMMAND} -E true")
 endif()
 
+# Most of what a source takes to compile is reading the standard library's headers. They are read once for
+# all folders. A source still includes what it uses: the configurations of clang compile without this.
+option(PELMO_PRECOMPILE "read the standard headers once for all sources" ON)
+set(PELMO_STANDARD_HEADERS <algorithm> <array> <atomic> <charconv> <cmath> <cstdio> <cstdlib> <cstring> <memory>
+    <new> <optional> <span> <string> <string_view> <utility> <vector>)
+function(pelmo_precompile name)
+    if(PELMO_PRECOMPILE AND name STREQUAL pelmo_base)
+        target_precompile_headers(pelmo_base PRIVATE ${PELMO_STANDARD_HEADERS})
+    elseif(PELMO_PRECOMPILE)
+        target_precompile_headers(${name} REUSE_FROM pelmo_base)
+    endif()
+endfunction()
+
 # pelmo_library(NAME [libraries it stands on ...]): the sources of this folder and its
 # rooms, as a static library.
 function(pelmo_library name)
@@ -29,4 +42,5 @@ function(pelmo_library name)
     endif()
     add_library(${name} STATIC ${sources})
     target_link_libraries(${name} PUBLIC ${ARGN} PRIVATE pelmo_options)
+    pelmo_precompile(${name})
 endfunction()
