@@ -71,16 +71,18 @@ class Connecting:
         await self._bus.close()
 
 
-def connect(daemon: "str | None" = None, *, service: "str | None" = None, network: "str | None" = None,
+def connect(daemon: "str | int | None" = None, *, service: "str | None" = None, network: "str | None" = None,
             description: "str | None" = None, echo: bool = True) -> Connecting:
     """Connects to a bus daemon: `with` gives a Bus, `async with` and `await` an AsyncBus.
 
-    daemon: "7500" or ":7500" for that port of this host, "HOST:7500" for another host; without it port 7500 of
-    this host, where a daemon is started if there is none. service, network: which traffic, as the daemon
+    daemon: 7500, "7500" or ":7500" for that port of this host, "HOST:7500" for another host; without it port 7500
+    of this host, where a daemon is started if there is none. service, network: which traffic, as the daemon
     has it. description: what the daemon calls this program. echo: does it hear what it sends itself?
 
     Raises NotConnected where there is no daemon.
     """
+    if isinstance(daemon, int):
+        daemon = str(daemon)
     return Connecting({"daemon": daemon, "service": service, "network": network, "description": description,
                        "echo": echo})
 

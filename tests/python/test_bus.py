@@ -7,8 +7,8 @@ import pytest
 from conftest import PATIENCE, known
 
 
-def test_messages_requests_and_replies(address):
-    with pelmo.connect(address, description="test") as bus, pelmo.connect(address, echo=False) as other:
+def test_messages_requests_and_replies(daemon, address):
+    with pelmo.connect(address, description="test") as bus, pelmo.connect(daemon.port, echo=False) as other:
         questions = bus.listen("TIME.NOW", "TIME.*")
         known(bus)
         server = threading.Thread(target=lambda: bus.reply(questions.get(PATIENCE), zone="UTC", n=pelmo.u8(3)))
