@@ -308,7 +308,7 @@ class OverADaemon(BusCase):
         self.assertEqual(listener.wait(30), 0)
 
     def test_a_broken_connection_is_waited_for_where_that_is_asked_for(self):
-        listener = self.start("listen", "W", "--count", "3")
+        listener = self.start("listen", "W", "--count", "4")  # the waiting one's second may come or not
         waiting = self.start("send", "W", "--lines", "--wait", stdin=PIPE)
         failing = self.start("send", "W", "--lines", stdin=PIPE)
         for process in (waiting, failing):
