@@ -94,8 +94,8 @@ run_checks() {
         Serve.test_a_thousand_connections_leave_room_for_a_scrape Serve.test_random_requests_do_no_harm \
         Serve.test_events_come_as_intervals_end Serve.test_ends_within_a_second_with_clients
 
-    build asan "5 minutes"
-    step "runs all tests under the address and undefined-behaviour sanitizers; 10 minutes"
+    build asan "4 minutes"
+    step "runs all tests under the address and undefined-behaviour sanitizers; 4 minutes"
     scripts/run_tests.py asan
 
     # Its unit tests ran in the configurations before; only long ones run in this one.
