@@ -16,10 +16,10 @@ if(PELMO_SYNTAX_ONLY)
     set(CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_COMMAND} -E true")
 endif()
 
-# Most of what a source takes to compile is reading the standard library's headers. They are read once for
-# all folders. A source still includes what it uses: clang's check of the syntax goes without this. So does
-# the thread sanitizer's build, in which g++ 12 then warns of an overrun that isn't there.
-option(PELMO_PRECOMPILE "read the standard headers once for all sources" ON)
+# Most of what a source takes to compile is reading the standard library's headers. They can be read once for
+# all folders. A source still includes what it uses: most configurations go without this, since g++ 12 then
+# forgets that these headers aren't ours, and warns of faults in them that aren't there.
+option(PELMO_PRECOMPILE "read the standard headers once for all sources" OFF)
 set(PELMO_STANDARD_HEADERS <algorithm> <array> <atomic> <charconv> <cmath> <cstdio> <cstdlib> <cstring> <memory>
     <new> <optional> <span> <string> <string_view> <utility> <vector>)
 function(pelmo_precompile name)
